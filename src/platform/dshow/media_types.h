@@ -1,0 +1,115 @@
+// Media types: the structures that describe a stream's format, and the GUIDs used in them.
+#pragma once
+
+#include "platform/com/unknown.h"
+
+using REFERENCE_TIME = std::int64_t;  // 100 ns units
+
+struct AM_MEDIA_TYPE {
+  GUID majortype;
+  GUID subtype;
+  BOOL bFixedSizeSamples;
+  BOOL bTemporalCompression;
+  ULONG lSampleSize;
+  GUID formattype;
+  IUnknown* pUnk;  // counted reference, usually null
+  ULONG cbFormat;  // bytes at pbFormat
+  BYTE* pbFormat;  // task memory
+};
+static_assert(sizeof(AM_MEDIA_TYPE) == 88);
+
+struct BITMAPINFOHEADER {
+  DWORD biSize;
+  LONG biWidth;
+  LONG biHeight;
+  WORD biPlanes;
+  WORD biBitCount;
+  DWORD biCompression;
+  DWORD biSizeImage;
+  LONG biXPelsPerMeter;
+  LONG biYPelsPerMeter;
+  DWORD biClrUsed;
+  DWORD biClrImportant;
+};
+static_assert(sizeof(BITMAPINFOHEADER) == 40);
+
+struct VIDEOINFOHEADER {
+  RECT rcSource;
+  RECT rcTarget;
+  DWORD dwBitRate;
+  DWORD dwBitErrorRate;
+  REFERENCE_TIME AvgTimePerFrame;
+  BITMAPINFOHEADER bmiHeader;
+};
+static_assert(sizeof(VIDEOINFOHEADER) == 88);
+
+struct VIDEOINFOHEADER2 {
+  RECT rcSource;
+  RECT rcTarget;
+  DWORD dwBitRate;
+  DWORD dwBitErrorRate;
+  REFERENCE_TIME AvgTimePerFrame;
+  DWORD dwInterlaceFlags;
+  DWORD dwCopyProtectFlags;
+  DWORD dwPictAspectRatioX;
+  DWORD dwPictAspectRatioY;
+  DWORD dwControlFlags;
+  DWORD dwReserved2;
+  BITMAPINFOHEADER bmiHeader;
+};
+static_assert(sizeof(VIDEOINFOHEADER2) == 112);
+
+#pragma pack(push, 1)
+struct WAVEFORMATEX {
+  WORD wFormatTag;
+  WORD nChannels;
+  DWORD nSamplesPerSec;
+  DWORD nAvgBytesPerSec;
+  WORD nBlockAlign;
+  WORD wBitsPerSample;
+  WORD cbSize;  // bytes of extra format data that follow
+};
+#pragma pack(pop)
+static_assert(sizeof(WAVEFORMATEX) == 18);
+
+// The GUID that a FOURCC or a wave format tag stands for.
+constexpr GUID FourccGuid(DWORD fourcc) {
+  return {fourcc, 0x0000, 0x0010, {0x80, 0x00, 0x00, 0xAA, 0x00, 0x38, 0x9B, 0x71}};
+}
+constexpr DWORD MakeFourcc(char a, char b, char c, char d) {
+  return static_cast<DWORD>(static_cast<BYTE>(a)) | static_cast<DWORD>(static_cast<BYTE>(b)) << 8 |
+         static_cast<DWORD>(static_cast<BYTE>(c)) << 16 |
+         static_cast<DWORD>(static_cast<BYTE>(d)) << 24;
+}
+
+inline constexpr GUID MEDIATYPE_NULL = GUID_NULL;
+inline constexpr GUID MEDIATYPE_Video = FourccGuid(MakeFourcc('v', 'i', 'd', 's'));
+inline constexpr GUID MEDIATYPE_Audio = FourccGuid(MakeFourcc('a', 'u', 'd', 's'));
+
+inline constexpr GUID MEDIASUBTYPE_NULL = GUID_NULL;
+inline constexpr GUID MEDIASUBTYPE_None{
+    0xE436EB8E, 0x524F, 0x11CE, {0x9F, 0x53, 0x00, 0x20, 0xAF, 0x0B, 0xA7, 0x70}};
+inline constexpr GUID MEDIASUBTYPE_YV12 = FourccGuid(MakeFourcc('Y', 'V', '1', '2'));
+inline constexpr GUID MEDIASUBTYPE_PCM = FourccGuid(0x0001);
+inline constexpr GUID MEDIASUBTYPE_MPEG1AudioPayload = FourccGuid(0x0050);
+inline constexpr GUID MEDIASUBTYPE_RAW_AAC1 = FourccGuid(0x00FF);
+inline constexpr GUID MEDIASUBTYPE_MPEG1Payload{
+    0xE436EB81, 0x524F, 0x11CE, {0x9F, 0x53, 0x00, 0x20, 0xAF, 0x0B, 0xA7, 0x70}};
+inline constexpr GUID MEDIASUBTYPE_MPEG2_AUDIO{
+    0xE06D802B, 0xDB46, 0x11CF, {0xB4, 0xD1, 0x00, 0x80, 0x5F, 0x6C, 0xBB, 0xEA}};
+inline constexpr GUID MEDIASUBTYPE_DOLBY_AC3{
+    0xE06D802C, 0xDB46, 0x11CF, {0xB4, 0xD1, 0x00, 0x80, 0x5F, 0x6C, 0xBB, 0xEA}};
+inline constexpr GUID MEDIASUBTYPE_DOLBY_DDPLUS{
+    0xA7FB87AF, 0x2D02, 0x42FB, {0xA4, 0xD4, 0x05, 0xCD, 0x93, 0x84, 0x3B, 0xDD}};
+
+inline constexpr GUID FORMAT_None{
+    0x0F6417D6, 0xC318, 0x11D0, {0xA4, 0x3F, 0x00, 0xA0, 0xC9, 0x22, 0x31, 0x96}};
+inline constexpr GUID FORMAT_VideoInfo{
+    0x05589F80, 0xC356, 0x11CE, {0xBF, 0x01, 0x00, 0xAA, 0x00, 0x55, 0x59, 0x5A}};
+inline constexpr GUID FORMAT_VideoInfo2{
+    0xF72A76A0, 0xEB0A, 0x11D0, {0xAC, 0xE4, 0x00, 0x00, 0xC0, 0xCC, 0x16, 0xBA}};
+inline constexpr GUID FORMAT_WaveFormatEx{
+    0x05589F81, 0xC356, 0x11CE, {0xBF, 0x01, 0x00, 0xAA, 0x00, 0x55, 0x59, 0x5A}};
+
+// VIDEOINFOHEADER2::dwInterlaceFlags
+inline constexpr DWORD AMINTERLACE_IsInterlaced = 0x00000001;

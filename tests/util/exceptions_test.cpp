@@ -1,0 +1,51 @@
+#include "util/exceptions.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using testing::StartsWith;
+using testing::StrEq;
+
+struct Disk;
+struct Net;
+
+TEST(ComException, ReadsAProductCodeAsAProductMessage) {
+  const COMException mezzanine(MakeHresult(0x80250031));
+  EXPECT_THAT(mezzanine.what(),
+              StrEq("Tavrel Error 80250031: Input streams are not in mezzanine format. You shall "
+                    "configure fallback settings manually."));
+  EXPECT_THAT(COMException(MakeHresult(0x80250000)).what(),
+              StrEq("Tavrel Error 80250000: No error"));
+  EXPECT_THAT(mezzanine.what(), StrEq(mezzanine.what()));
+}
+
+TEST(ComException, ReadsOtherCodesWithThePlatformsText) {
+  EXPECT_THAT(COMException(E_FAIL).what(), StartsWith("COM Error 80004005: "));
+  EXPECT_GT(COMException(E_FAIL).BuildMessage().size(), 0U);
+  // A gap in the product's table and a code that nobody knows.
+  EXPECT_THAT(COMException(MakeHresult(0x80250009)).what(),
+              StrEq("COM Error 80250009: Invalid error code"));
+  EXPECT_THAT(COMException(MakeHresult(0x8025FFFF)).what(),
+              StrEq("COM Error 8025ffff: Invalid error code"));
+}
+
+TEST(ExceptionTemplate, IsCaughtByItsRootsButNotByAnotherOwner) {
+  using DiskError = ExceptionTemplate<Disk, TavrelException>;
+  using NetError = ExceptionTemplate<Net, TavrelException>;
+  const auto caughtBy = [](auto thrower) -> std::string {
+    try {
+      thrower();
+    } catch (const NetError&) {
+      return "net";
+    } catch (const TavrelException& e) {
+      return std::string("root: ") + e.what();
+    }
+    return "nothing";
+  };
+  EXPECT_EQ(caughtBy([] { throw DiskError("no space"); }), "root: no space");
+  EXPECT_EQ(caughtBy([] { throw NetError("no route"); }), "net");
+}
+
+}  // namespace
