@@ -76,6 +76,7 @@ constexpr ErrorText kSystemTexts[] = {
     {123, "The file name, directory name, or volume label syntax is incorrect."},
     {126, "The specified module could not be found."},
     {127, "The specified procedure could not be found."},
+    {1009, "The registry is damaged."},
 };
 
 std::string_view FindText(HRESULT hr) {

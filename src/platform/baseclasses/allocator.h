@@ -1,0 +1,80 @@
+// CBaseAllocator and CMemAllocator: pools of samples.
+#pragma once
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "platform/baseclasses/media_sample.h"
+#include "platform/baseclasses/unknown_base.h"
+#include "platform/com/com_ptr.h"
+
+// The pool's bookkeeping, whatever the memory behind its samples: properties that stand still while
+// the pool is committed, a list of free samples, GetBuffer that waits for one. Samples that are
+// outside at Decommit stay valid; the memory is freed when the last one has come home. Safe on any
+// thread.
+class CBaseAllocator : public CUnknown, public IMemAllocator {
+ public:
+  DECLARE_IUNKNOWN
+
+  CBaseAllocator(const char* name, IUnknown* outer, HRESULT* hr);
+  ~CBaseAllocator() override;
+
+  HRESULT NonDelegatingQueryInterface(REFIID iid, void** object) override;
+
+  // The count and size as asked for, the size rounded up so that every buffer keeps the alignment.
+  // Errors: VFW_E_ALREADY_COMMITTED, VFW_E_BUFFERS_OUTSTANDING, VFW_E_BADALIGN (not a power of
+  // two), E_INVALIDARG (negative, or too large together).
+  HRESULT SetProperties(ALLOCATOR_PROPERTIES* request, ALLOCATOR_PROPERTIES* actual) override;
+  HRESULT GetProperties(ALLOCATOR_PROPERTIES* properties) override;
+  HRESULT Commit() override;
+  HRESULT Decommit() override;
+  HRESULT GetBuffer(IMediaSample** sample, REFERENCE_TIME* start, REFERENCE_TIME* stop,
+                    DWORD flags) override;
+  HRESULT ReleaseBuffer(IMediaSample* sample) override;
+
+  // Samples that are free now; for tests and diagnostics.
+  LONG GetFreeCount();
+
+ protected:
+  // Makes the samples (with AddFree), called with the lock held. VFW_E_SIZENOTSET without
+  // properties.
+  virtual HRESULT Alloc();
+  // Destroys them; called with the lock held and every sample home.
+  virtual void Free() = 0;
+
+  void AddFree(CMediaSample* sample);
+  void ForgetFree() { free_ = nullptr; }
+
+  std::mutex lock_;
+  ALLOCATOR_PROPERTIES m_properties{};  // guarded by lock_
+
+ private:
+  std::condition_variable freed_;
+  CMediaSample* free_ = nullptr;  // guarded by lock_, as is all below
+  LONG outside_ = 0;
+  bool committed_ = false;
+  bool decommitInProgress_ = false;
+};
+
+// Samples over plain memory, in one block.
+class CMemAllocator final : public CBaseAllocator {
+ public:
+  CMemAllocator(const char* name, IUnknown* outer, HRESULT* hr);
+  ~CMemAllocator() override;
+
+  // A new allocator with one reference, or null when the memory is exhausted.
+  static ComPtr<IMemAllocator> Create();
+
+ protected:
+  HRESULT Alloc() override;
+  void Free() override;
+
+ private:
+  struct BlockDeleter {
+    void operator()(BYTE* block) const;
+  };
+  std::unique_ptr<BYTE, BlockDeleter> block_;
+  std::vector<std::unique_ptr<CMediaSample>> samples_;
+};

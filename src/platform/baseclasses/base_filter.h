@@ -1,0 +1,91 @@
+// CBaseFilter: state, clock, graph and pin enumeration of a filter.
+#pragma once
+
+#include <atomic>
+#include <mutex>
+#include <string>
+
+#include "platform/baseclasses/critical_section.h"
+#include "platform/baseclasses/filter_setup.h"
+#include "platform/baseclasses/unknown_base.h"
+#include "platform/com/com_ptr.h"
+#include "platform/dshow/filters.h"
+
+class CBasePin;
+
+// A time of the stream, in 100 ns units.
+struct CRefTime {
+  CRefTime() = default;
+  CRefTime(REFERENCE_TIME time) : m_time(time) {}
+  operator REFERENCE_TIME() const { return m_time; }
+
+  REFERENCE_TIME m_time = 0;
+};
+
+// Base of every filter. The derived filter owns its pins and shows them through GetPinCount and
+// GetPin. State changes run on the application's thread under m_pLock, the filter's one lock, which
+// the derived filter provides and hands to its pins too; state, clock and start time may be read
+// from streaming threads.
+class CBaseFilter : public CUnknown, public IBaseFilter, public IAMovieSetup {
+ public:
+  DECLARE_IUNKNOWN
+
+  CBaseFilter(const char* name, IUnknown* outer, CCritSec* lock, REFCLSID clsid);
+
+  HRESULT NonDelegatingQueryInterface(REFIID iid, void** object) override;
+  ~CBaseFilter() override;
+
+  // Time since the start of the run. VFW_E_NO_CLOCK without a clock.
+  virtual HRESULT StreamTime(CRefTime& time);
+  // Grows whenever the set of pins changes.
+  virtual LONG GetPinVersion();
+  virtual int GetPinCount() = 0;
+  // The pin at a position, without a reference; null when there is none.
+  virtual CBasePin* GetPin(int position) = 0;
+  // Null for a filter that registers nothing of itself.
+  virtual const AMOVIESETUP_FILTER* GetSetupData() { return nullptr; }
+
+  HRESULT GetClassID(CLSID* clsid) override;
+  // Inactivates every connected pin; the first failure is returned, and the filter stops all the
+  // same.
+  HRESULT Stop() override;
+  // From stopped: activates every connected pin; a failure is returned at once.
+  HRESULT Pause() override;
+  HRESULT Run(REFERENCE_TIME start) override;
+  HRESULT GetState(DWORD milliseconds, FILTER_STATE* state) override;
+  HRESULT SetSyncSource(IReferenceClock* clock) override;
+  HRESULT GetSyncSource(IReferenceClock** clock) override;
+  HRESULT EnumPins(IEnumPins** enumerator) override;
+  HRESULT FindPin(LPCWSTR id, IPin** pin) override;
+  HRESULT QueryFilterInfo(FILTER_INFO* info) override;
+  HRESULT JoinFilterGraph(IFilterGraph* graph, LPCWSTR name) override;
+  HRESULT QueryVendorInfo(LPWSTR* info) override;
+
+  HRESULT Register() override;
+  HRESULT Unregister() override;
+
+  bool IsActive() const { return m_State.load() != State_Stopped; }
+  bool IsStopped() const { return m_State.load() == State_Stopped; }
+  // The graph, without a reference; null outside a graph.
+  IFilterGraph* GetFilterGraph() const { return m_pGraph; }
+  // Posts an event to the graph; E_NOTIMPL when no graph takes events.
+  HRESULT NotifyEvent(LONG code, LONG_PTR parameter1, LONG_PTR parameter2);
+  void IncrementPinVersion() { m_PinVersion.fetch_add(1); }
+
+ protected:
+  friend class CBasePin;
+
+  std::atomic<FILTER_STATE> m_State{State_Stopped};  // changed under m_pLock
+  CCritSec* m_pLock;
+
+ private:
+  const CLSID m_clsid;
+  std::mutex clockLock_;
+  ComPtr<IReferenceClock> m_pClock;  // guarded by clockLock_
+  REFERENCE_TIME m_tStart = 0;       // guarded by clockLock_
+  // A filter is always owned by its graph, so it holds no reference to it. Guarded by m_pLock.
+  IFilterGraph* m_pGraph = nullptr;
+  std::atomic<IMediaEventSink*> m_pSink{nullptr};
+  std::u16string m_pName;  // guarded by m_pLock
+  std::atomic<LONG> m_PinVersion{1};
+};

@@ -1,0 +1,162 @@
+#include "platform/baseclasses/base_input_pin.h"
+
+#include "platform/dshow/vfw_errors.h"
+
+CBaseInputPin::CBaseInputPin(const char* objectName, CBaseFilter* filter, CCritSec* lock,
+                             HRESULT* hr, LPCWSTR name)
+    : CBasePin(objectName, filter, lock, hr, name, PINDIR_INPUT) {}
+
+CBaseInputPin::~CBaseInputPin() = default;
+
+HRESULT CBaseInputPin::NonDelegatingQueryInterface(REFIID iid, void** object) {
+  if (iid == IID_IMemInputPin) {
+    return GetInterface(static_cast<IMemInputPin*>(this), object);
+  }
+  return CBasePin::NonDelegatingQueryInterface(iid, object);
+}
+
+ComPtr<IMemAllocator> CBaseInputPin::HeldAllocator() {
+  const std::lock_guard guard(allocatorLock_);
+  return m_pAllocator;
+}
+
+ComPtr<IMemAllocator> CBaseInputPin::ReplaceAllocator(ComPtr<IMemAllocator> allocator) {
+  const std::lock_guard guard(allocatorLock_);
+  m_pAllocator.Swap(allocator);
+  return allocator;
+}
+
+HRESULT CBaseInputPin::BreakConnect() {
+  const ComPtr<IMemAllocator> former = ReplaceAllocator(nullptr);
+  if (!former) {
+    return S_OK;
+  }
+  return former->Decommit();
+}
+
+HRESULT CBaseInputPin::Inactive() {
+  m_bRunTimeError = false;
+  m_bFlushing = false;
+  const ComPtr<IMemAllocator> allocator = HeldAllocator();
+  return allocator ? allocator->Decommit() : VFW_E_NO_ALLOCATOR;
+}
+
+HRESULT CBaseInputPin::CheckStreaming() {
+  if (!IsConnected()) {
+    return VFW_E_NOT_CONNECTED;
+  }
+  if (IsStopped()) {
+    return VFW_E_WRONG_STATE;
+  }
+  if (m_bFlushing) {
+    return S_FALSE;
+  }
+  return m_bRunTimeError ? VFW_E_RUNTIME_ERROR : S_OK;
+}
+
+HRESULT CBaseInputPin::BeginFlush() {
+  const CAutoLock guard(m_pLock);
+  m_bFlushing = true;
+  return S_OK;
+}
+
+HRESULT CBaseInputPin::EndFlush() {
+  const CAutoLock guard(m_pLock);
+  m_bFlushing = false;
+  m_bRunTimeError = false;
+  return S_OK;
+}
+
+HRESULT CBaseInputPin::GetAllocator(IMemAllocator** allocator) {
+  if (allocator == nullptr) {
+    return E_POINTER;
+  }
+  const CAutoLock guard(m_pLock);
+  ComPtr<IMemAllocator> held = HeldAllocator();
+  if (!held) {
+    held = CMemAllocator::Create();
+    ReplaceAllocator(held);
+  }
+  *allocator = held.Detach();
+  return S_OK;
+}
+
+HRESULT CBaseInputPin::NotifyAllocator(IMemAllocator* allocator, BOOL readOnly) {
+  if (allocator == nullptr) {
+    return E_POINTER;
+  }
+  const CAutoLock guard(m_pLock);
+  ReplaceAllocator(ComPtr<IMemAllocator>(allocator));
+  m_bReadOnly = readOnly != FALSE;
+  return S_OK;
+}
+
+HRESULT CBaseInputPin::GetAllocatorRequirements(ALLOCATOR_PROPERTIES* /*properties*/) {
+  return E_NOTIMPL;
+}
+
+HRESULT CBaseInputPin::Receive(IMediaSample* sample) {
+  if (sample == nullptr) {
+    return E_POINTER;
+  }
+  const HRESULT streaming = CheckStreaming();
+  if (streaming != S_OK) {
+    return streaming;
+  }
+  AM_MEDIA_TYPE* changed = nullptr;
+  const HRESULT typed = sample->GetMediaType(&changed);
+  if (FAILED(typed)) {
+    return typed;
+  }
+  if (typed != S_OK) {
+    return S_OK;
+  }
+  const OwnedMediaType owned(changed);
+  const CMediaType type(*owned);
+  if (CheckMediaType(&type) == S_OK) {
+    return S_OK;
+  }
+  m_bRunTimeError = true;
+  EndOfStream();
+  m_pFilter->NotifyEvent(EC_ERRORABORT, VFW_E_TYPE_NOT_ACCEPTED, 0);
+  return VFW_E_INVALIDMEDIATYPE;
+}
+
+HRESULT CBaseInputPin::ReceiveMultiple(IMediaSample** samples, LONG count, LONG* processed) {
+  if (samples == nullptr || processed == nullptr) {
+    return E_POINTER;
+  }
+  *processed = 0;
+  for (LONG i = 0; i < count; ++i) {
+    const HRESULT hr = Receive(samples[i]);
+    if (hr != S_OK) {
+      return hr;
+    }
+    ++*processed;
+  }
+  return S_OK;
+}
+
+HRESULT CBaseInputPin::ReceiveCanBlock() {
+  // It can when a connected output pin further down can, or does not say.
+  const int pins = m_pFilter->GetPinCount();
+  bool hasOutput = false;
+  for (int i = 0; i < pins; ++i) {
+    CBasePin* const pin = m_pFilter->GetPin(i);
+    PIN_DIRECTION direction{};
+    if (pin == nullptr || FAILED(pin->QueryDirection(&direction)) || direction != PINDIR_OUTPUT) {
+      continue;
+    }
+    hasOutput = true;
+    ComPtr<IPin> peer;
+    if (pin->ConnectedTo(peer.Put()) != S_OK) {
+      continue;
+    }
+    const ComPtr<IMemInputPin> input = peer.As<IMemInputPin>();
+    if (!input || input->ReceiveCanBlock() != S_FALSE) {
+      return S_OK;
+    }
+  }
+  // A filter without outputs keeps the sample in its own hands, which may take its time.
+  return hasOutput ? S_FALSE : S_OK;
+}

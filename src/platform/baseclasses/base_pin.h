@@ -1,0 +1,102 @@
+// CBasePin: connection, media type and quality control of a pin.
+#pragma once
+
+#include <atomic>
+#include <mutex>
+#include <string>
+
+#include "platform/baseclasses/base_filter.h"
+#include "platform/baseclasses/mtype.h"
+#include "platform/dshow/pins.h"
+
+// Base of every pin. A pin lives and dies with the filter that owns it: its references are
+// references of the filter. Connection methods run on the application's thread under m_pLock (the
+// filter's lock); what streaming threads read is atomic or has a small lock of its own.
+class CBasePin : public CUnknown, public IPin, public IQualityControl {
+ public:
+  DECLARE_IUNKNOWN
+
+  // filter owns the pin; lock is the filter's. name is the pin's name and identifier.
+  CBasePin(const char* objectName, CBaseFilter* filter, CCritSec* lock, HRESULT* hr, LPCWSTR name,
+           PIN_DIRECTION direction);
+
+  HRESULT NonDelegatingQueryInterface(REFIID iid, void** object) override;
+  // References are counted by the owning filter.
+  ULONG NonDelegatingAddRef() override;
+  ULONG NonDelegatingRelease() override;
+  ~CBasePin() override;
+
+  // Grows whenever the list of preferred media types changes.
+  virtual LONG GetMediaTypeVersion() { return m_TypeVersion.load(); }
+  // The filter leaves the stopped state; called under m_pLock for connected pins.
+  virtual HRESULT Active() { return S_OK; }
+  // The filter stops; called under m_pLock for connected pins.
+  virtual HRESULT Inactive();
+  virtual HRESULT Run(REFERENCE_TIME start);
+  // S_OK accepts the type; S_FALSE or an error refuses it.
+  virtual HRESULT CheckMediaType(const CMediaType* type) = 0;
+  virtual HRESULT SetMediaType(const CMediaType* type);
+  // May the pins be connected at all? The base refuses two pins of one direction.
+  virtual HRESULT CheckConnect(IPin* pin);
+  // Undoes what CheckConnect and CompleteConnect have set up.
+  virtual HRESULT BreakConnect() { return S_OK; }
+  virtual HRESULT CompleteConnect(IPin* pin);
+  // The preferred type at a position (from 0); VFW_S_NO_MORE_ITEMS past the last one.
+  virtual HRESULT GetMediaType(int position, CMediaType* type);
+
+  HRESULT Connect(IPin* receivePin, const AM_MEDIA_TYPE* type) override;
+  HRESULT ReceiveConnection(IPin* connector, const AM_MEDIA_TYPE* type) override;
+  HRESULT Disconnect() override;
+  HRESULT ConnectedTo(IPin** pin) override;
+  HRESULT ConnectionMediaType(AM_MEDIA_TYPE* type) override;
+  HRESULT QueryPinInfo(PIN_INFO* info) override;
+  HRESULT QueryDirection(PIN_DIRECTION* direction) override;
+  HRESULT QueryId(LPWSTR* id) override;
+  HRESULT QueryAccept(const AM_MEDIA_TYPE* type) override;
+  HRESULT EnumMediaTypes(IEnumMediaTypes** enumerator) override;
+  HRESULT QueryInternalConnections(IPin** pins, ULONG* count) override;
+  HRESULT EndOfStream() override;
+  HRESULT NewSegment(REFERENCE_TIME start, REFERENCE_TIME stop, double rate) override;
+
+  // The base takes no quality messages: a pin that wants them overrides this.
+  HRESULT Notify(IBaseFilter* self, Quality quality) override;
+  HRESULT SetSink(IQualityControl* sink) override;
+
+  bool IsConnected() const { return isConnected_.load(); }
+  bool IsStopped() const { return m_pFilter->IsStopped(); }
+  const std::u16string& Name() const { return m_pName; }
+  // With true, the pin may be connected and disconnected while its filter is active.
+  void SetReconnectWhenActive(bool allowed) { m_bCanReconnectWhenActive = allowed; }
+  bool CanReconnectWhenActive() const { return m_bCanReconnectWhenActive; }
+  void IncrementTypeVersion() { m_TypeVersion.fetch_add(1); }
+
+ protected:
+  // Takes the pin as connected peer (one reference), or lets go of it with null.
+  void SetConnected(IPin* pin);
+  // Ends a connection: BreakConnect, release. S_FALSE when there was none.
+  HRESULT DisconnectInternal();
+
+  CBaseFilter* m_pFilter;
+  CCritSec* m_pLock;
+  ComPtr<IPin> m_Connected;  // guarded by m_pLock
+  std::atomic<bool> m_bRunTimeError{false};
+  bool m_bTryMyTypesFirst = false;
+  ComPtr<IQualityControl> m_pQSink;  // guarded by m_pLock
+
+ private:
+  HRESULT AgreeMediaType(IPin* receivePin, const CMediaType* wanted);
+  HRESULT TryMediaTypes(IPin* receivePin, const CMediaType* wanted, IEnumMediaTypes* types);
+  HRESULT AttemptConnection(IPin* receivePin, const CMediaType& type);
+
+  const std::u16string m_pName;
+  const PIN_DIRECTION m_dir;
+  bool m_bCanReconnectWhenActive = false;
+  std::atomic<bool> isConnected_{false};
+  std::atomic<LONG> m_TypeVersion{1};
+  std::mutex typeLock_;
+  CMediaType m_mt;  // guarded by typeLock_: streaming threads change it with their samples
+};
+
+// The answer of a connection to a type that a check refused with hr: refusals without a reason of
+// their own (S_FALSE, E_FAIL, E_INVALIDARG) become VFW_E_TYPE_NOT_ACCEPTED.
+HRESULT RefusalOfType(HRESULT hr);

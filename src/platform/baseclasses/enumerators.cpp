@@ -1,0 +1,193 @@
+#include "platform/baseclasses/enumerators.h"
+
+#include <memory>
+
+#include "platform/dshow/vfw_errors.h"
+
+CEnumPins::CEnumPins(CBaseFilter* filter, const CEnumPins* original)
+    : keepAlive_(filter), filter_(filter) {
+  if (original != nullptr) {
+    position_ = original->position_;
+    pinCount_ = original->pinCount_;
+    version_ = original->version_;
+  } else {
+    version_ = filter_->GetPinVersion();
+    pinCount_ = filter_->GetPinCount();
+  }
+}
+
+HRESULT CEnumPins::QueryInterface(REFIID iid, void** object) {
+  if (object == nullptr) {
+    return E_POINTER;
+  }
+  if (iid != IID_IUnknown && iid != IID_IEnumPins) {
+    *object = nullptr;
+    return E_NOINTERFACE;
+  }
+  *object = static_cast<IEnumPins*>(this);
+  AddRef();
+  return S_OK;
+}
+
+ULONG CEnumPins::AddRef() {
+  return static_cast<ULONG>(count_.fetch_add(1) + 1);
+}
+
+ULONG CEnumPins::Release() {
+  const LONG left = count_.fetch_sub(1) - 1;
+  if (left == 0) {
+    delete this;
+  }
+  return static_cast<ULONG>(left);
+}
+
+HRESULT CEnumPins::Next(ULONG count, IPin** pins, ULONG* fetched) {
+  if (pins == nullptr || (fetched == nullptr && count > 1)) {
+    return pins == nullptr ? E_POINTER : E_INVALIDARG;
+  }
+  if (fetched != nullptr) {
+    *fetched = 0;
+  }
+  if (IsOutOfSync()) {
+    return VFW_E_ENUM_OUT_OF_SYNC;
+  }
+  ULONG given = 0;
+  while (given < count && position_ < pinCount_) {
+    CBasePin* const pin = filter_->GetPin(position_++);
+    if (pin != nullptr) {
+      pins[given] = ComPtr<IPin>(pin).Detach();
+      ++given;
+    }
+  }
+  if (fetched != nullptr) {
+    *fetched = given;
+  }
+  return given == count ? S_OK : S_FALSE;
+}
+
+HRESULT CEnumPins::Skip(ULONG count) {
+  if (IsOutOfSync()) {
+    return VFW_E_ENUM_OUT_OF_SYNC;
+  }
+  const auto left = static_cast<ULONG>(pinCount_ - position_);
+  if (count > left) {
+    return S_FALSE;
+  }
+  position_ += static_cast<int>(count);
+  return S_OK;
+}
+
+HRESULT CEnumPins::Reset() {
+  version_ = filter_->GetPinVersion();
+  pinCount_ = filter_->GetPinCount();
+  position_ = 0;
+  return S_OK;
+}
+
+HRESULT CEnumPins::Clone(IEnumPins** copy) {
+  if (copy == nullptr) {
+    return E_POINTER;
+  }
+  *copy = nullptr;
+  if (IsOutOfSync()) {
+    return VFW_E_ENUM_OUT_OF_SYNC;
+  }
+  *copy = ComPtr<IEnumPins>(new CEnumPins(filter_, this)).Detach();
+  return S_OK;
+}
+
+CEnumMediaTypes::CEnumMediaTypes(CBasePin* pin, const CEnumMediaTypes* original)
+    : keepAlive_(pin), pin_(pin) {
+  if (original != nullptr) {
+    position_ = original->position_;
+    version_ = original->version_;
+  } else {
+    version_ = pin_->GetMediaTypeVersion();
+  }
+}
+
+HRESULT CEnumMediaTypes::QueryInterface(REFIID iid, void** object) {
+  if (object == nullptr) {
+    return E_POINTER;
+  }
+  if (iid != IID_IUnknown && iid != IID_IEnumMediaTypes) {
+    *object = nullptr;
+    return E_NOINTERFACE;
+  }
+  *object = static_cast<IEnumMediaTypes*>(this);
+  AddRef();
+  return S_OK;
+}
+
+ULONG CEnumMediaTypes::AddRef() {
+  return static_cast<ULONG>(count_.fetch_add(1) + 1);
+}
+
+ULONG CEnumMediaTypes::Release() {
+  const LONG left = count_.fetch_sub(1) - 1;
+  if (left == 0) {
+    delete this;
+  }
+  return static_cast<ULONG>(left);
+}
+
+HRESULT CEnumMediaTypes::Next(ULONG count, AM_MEDIA_TYPE** types, ULONG* fetched) {
+  if (types == nullptr || (fetched == nullptr && count > 1)) {
+    return types == nullptr ? E_POINTER : E_INVALIDARG;
+  }
+  if (fetched != nullptr) {
+    *fetched = 0;
+  }
+  if (IsOutOfSync()) {
+    return VFW_E_ENUM_OUT_OF_SYNC;
+  }
+  ULONG given = 0;
+  while (given < count) {
+    CMediaType type;
+    if (pin_->GetMediaType(position_, &type) != S_OK) {
+      break;
+    }
+    types[given] = CreateMediaType(&type);
+    if (types[given] == nullptr) {
+      break;
+    }
+    ++position_;
+    ++given;
+  }
+  if (fetched != nullptr) {
+    *fetched = given;
+  }
+  return given == count ? S_OK : S_FALSE;
+}
+
+HRESULT CEnumMediaTypes::Skip(ULONG count) {
+  if (IsOutOfSync()) {
+    return VFW_E_ENUM_OUT_OF_SYNC;
+  }
+  for (ULONG i = 0; i < count; ++i) {
+    CMediaType type;
+    if (pin_->GetMediaType(position_, &type) != S_OK) {
+      return S_FALSE;
+    }
+    ++position_;
+  }
+  return S_OK;
+}
+
+HRESULT CEnumMediaTypes::Reset() {
+  version_ = pin_->GetMediaTypeVersion();
+  position_ = 0;
+  return S_OK;
+}
+
+HRESULT CEnumMediaTypes::Clone(IEnumMediaTypes** copy) {
+  if (copy == nullptr) {
+    return E_POINTER;
+  }
+  *copy = nullptr;
+  if (IsOutOfSync()) {
+    return VFW_E_ENUM_OUT_OF_SYNC;
+  }
+  *copy = ComPtr<IEnumMediaTypes>(new CEnumMediaTypes(pin_, this)).Detach();
+  return S_OK;
+}

@@ -1,0 +1,73 @@
+// CMediaType and the functions on plain media types.
+#pragma once
+
+#include "platform/com/task_memory.h"
+#include "platform/dshow/media_types.h"
+
+// Deep copy into *target, whose former contents are not freed. E_OUTOFMEMORY leaves it without a
+// format block.
+HRESULT CopyMediaType(AM_MEDIA_TYPE* target, const AM_MEDIA_TYPE* source);
+// Frees what *type holds (format block, object), not the structure itself.
+void FreeMediaType(AM_MEDIA_TYPE& type);
+// A copy in task memory, or null when the memory is exhausted.
+AM_MEDIA_TYPE* CreateMediaType(const AM_MEDIA_TYPE* source);
+// Frees a type made by CreateMediaType, contents included; null is allowed.
+void DeleteMediaType(AM_MEDIA_TYPE* type);
+
+struct MediaTypeDeleter {
+  void operator()(AM_MEDIA_TYPE* type) const { DeleteMediaType(type); }
+};
+// Owns a type made by CreateMediaType, as IMediaSample::GetMediaType hands them out.
+using OwnedMediaType = std::unique_ptr<AM_MEDIA_TYPE, MediaTypeDeleter>;
+
+// A media type that owns its format block. Two types are equal when major type, subtype, format
+// type, format length and format bytes are. Not thread-safe.
+class CMediaType : public AM_MEDIA_TYPE {
+ public:
+  CMediaType();
+  explicit CMediaType(const GUID* major);
+  CMediaType(const AM_MEDIA_TYPE& other, HRESULT* hr = nullptr);
+  CMediaType(const CMediaType& other);
+  CMediaType(CMediaType&& other) noexcept;
+  ~CMediaType();
+  CMediaType& operator=(const CMediaType& other);
+  CMediaType& operator=(const AM_MEDIA_TYPE& other);
+  CMediaType& operator=(CMediaType&& other) noexcept;
+  friend bool operator==(const CMediaType& a, const CMediaType& b) { return a.Equals(b); }
+
+  // E_OUTOFMEMORY when the format block cannot be copied.
+  HRESULT Set(const AM_MEDIA_TYPE& other);
+
+  // A type with a major type; the empty one is not valid.
+  bool IsValid() const { return majortype != GUID_NULL; }
+  const GUID* Type() const { return &majortype; }
+  const GUID* Subtype() const { return &subtype; }
+  const GUID* FormatType() const { return &formattype; }
+  void SetType(const GUID* major) { majortype = *major; }
+  void SetSubtype(const GUID* sub) { subtype = *sub; }
+  void SetFormatType(const GUID* format) { formattype = *format; }
+
+  bool IsFixedSize() const { return bFixedSizeSamples != FALSE; }
+  ULONG GetSampleSize() const { return IsFixedSize() ? lSampleSize : 0; }
+  // 0 means samples of variable size.
+  void SetSampleSize(ULONG size);
+  void SetVariableSize() { bFixedSizeSamples = FALSE; }
+  bool IsTemporalCompressed() const { return bTemporalCompression != FALSE; }
+  void SetTemporalCompression(BOOL compressed) { bTemporalCompression = compressed; }
+
+  BYTE* Format() const { return pbFormat; }
+  ULONG FormatLength() const { return cbFormat; }
+  bool SetFormat(const BYTE* format, ULONG length);
+  // A format block of length bytes with undefined contents; null (and the old block kept) when the
+  // memory is exhausted.
+  BYTE* AllocFormatBuffer(ULONG length);
+  void ResetFormatBuffer();
+
+  // A type that leaves its major type or format open can only be a wish, not a connection's type.
+  bool IsPartiallySpecified() const;
+  // True when everything that partial gives is the same here.
+  bool MatchesPartial(const CMediaType& partial) const;
+
+ private:
+  bool Equals(const AM_MEDIA_TYPE& other) const;
+};

@@ -1,0 +1,260 @@
+#include <cerrno>
+#include <cstdlib>
+#include <sstream>
+#include <stdexcept>
+#include <system_error>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include "platform/os/registry.h"
+
+namespace os {
+namespace {
+
+constexpr char kSeparator = '\\';
+
+std::string Escape(const std::string& text) {
+  std::string escaped;
+  for (const char c : text) {
+    switch (c) {
+      case '\n':
+        escaped += "\\n";
+        break;
+      case '\r':
+        escaped += "\\r";
+        break;
+      case '=':
+        escaped += "\\e";
+        break;
+      case '\\':
+        escaped += "\\\\";
+        break;
+      default:
+        escaped += c;
+    }
+  }
+  return escaped;
+}
+
+std::string Unescape(const std::string& text) {
+  std::string plain;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '\\' || i + 1 == text.size()) {
+      plain += text[i];
+      continue;
+    }
+    switch (text[++i]) {
+      case 'n':
+        plain += '\n';
+        break;
+      case 'r':
+        plain += '\r';
+        break;
+      case 'e':
+        plain += '=';
+        break;
+      default:
+        plain += text[i];
+    }
+  }
+  return plain;
+}
+
+[[noreturn]] void ThrowErrno(const std::string& what) {
+  throw std::system_error(errno, std::generic_category(), what);
+}
+
+// A descriptor that is closed with its holder.
+class Descriptor {
+ public:
+  Descriptor(const std::filesystem::path& file, int flags)
+      : fd_(::open(file.c_str(), flags | O_CLOEXEC, 0644)) {}
+  ~Descriptor() {
+    if (fd_ >= 0) {
+      ::close(fd_);
+    }
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+
+  bool IsOpen() const { return fd_ >= 0; }
+  int Get() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
+std::string ReadAll(int fd, const std::filesystem::path& file) {
+  std::string text;
+  char buffer[4096];
+  while (true) {
+    const ssize_t got = ::read(fd, buffer, sizeof(buffer));
+    if (got == 0) {
+      return text;
+    }
+    if (got > 0) {
+      text.append(buffer, static_cast<std::size_t>(got));
+    } else if (errno != EINTR) {
+      ThrowErrno("cannot read the registry " + file.string());
+    }
+  }
+}
+
+void WriteAll(int fd, const std::string& text, const std::filesystem::path& file) {
+  std::size_t done = 0;
+  while (done < text.size()) {
+    const ssize_t put = ::write(fd, text.data() + done, text.size() - done);
+    if (put >= 0) {
+      done += static_cast<std::size_t>(put);
+    } else if (errno != EINTR) {
+      ThrowErrno("cannot write the registry " + file.string());
+    }
+  }
+}
+
+}  // namespace
+
+void RegistryTree::Set(const std::string& key, const std::string& name, const std::string& value) {
+  keys_[key][name] = value;
+}
+
+std::optional<std::string> RegistryTree::Get(const std::string& key,
+                                             const std::string& name) const {
+  const auto found = keys_.find(key);
+  if (found == keys_.end()) {
+    return std::nullopt;
+  }
+  const auto value = found->second.find(name);
+  return value == found->second.end() ? std::nullopt : std::optional(value->second);
+}
+
+bool RegistryTree::Erase(const std::string& key) {
+  const std::string below = key + kSeparator;
+  return std::erase_if(keys_, [&](const auto& entry) {
+           return entry.first == key || entry.first.starts_with(below);
+         }) > 0;
+}
+
+std::vector<std::string> RegistryTree::Subkeys(const std::string& key) const {
+  const std::string below = key + kSeparator;
+  std::vector<std::string> names;
+  for (const auto& [path, values] : keys_) {
+    if (path.starts_with(below)) {
+      const std::string name =
+          path.substr(below.size(), path.find(kSeparator, below.size()) - below.size());
+      if (names.empty() || names.back() != name) {
+        names.push_back(name);
+      }
+    }
+  }
+  return names;
+}
+
+bool RegistryTree::Has(const std::string& key) const {
+  return keys_.contains(key);
+}
+
+RegistryTree RegistryTree::Parse(const std::string& text) {
+  RegistryTree tree;
+  std::istringstream lines(text);
+  std::string line;
+  std::string key;
+  bool inKey = false;
+  for (int number = 1; std::getline(lines, line); ++number) {
+    if (line.empty()) {
+      continue;
+    }
+    if (line.front() == '[' && line.back() == ']') {
+      key = Unescape(line.substr(1, line.size() - 2));
+      tree.keys_[key];
+      inKey = true;
+      continue;
+    }
+    const std::size_t equals = line.find('=');
+    if (!inKey || equals == std::string::npos) {
+      throw std::runtime_error("line " + std::to_string(number) +
+                               " is neither a [key] nor a name=value under one");
+    }
+    tree.keys_[key][Unescape(line.substr(0, equals))] = Unescape(line.substr(equals + 1));
+  }
+  return tree;
+}
+
+std::string RegistryTree::Format() const {
+  std::string text;
+  for (const auto& [key, values] : keys_) {
+    text += "[" + Escape(key) + "]\n";
+    for (const auto& [name, value] : values) {
+      text += Escape(name) + "=" + Escape(value) + "\n";
+    }
+    text += "\n";
+  }
+  return text;
+}
+
+Registry::Registry(std::filesystem::path file) : file_(std::move(file)) {}
+
+Registry Registry::OfUser() {
+  const auto variable = [](const char* name) -> std::string {
+    const char* const value = std::getenv(name);
+    return value != nullptr ? value : "";
+  };
+  if (const std::string own = variable("TAVREL_REGISTRY"); !own.empty()) {
+    return Registry(own);
+  }
+  std::filesystem::path data = variable("XDG_DATA_HOME");
+  if (data.empty() || !data.is_absolute()) {
+    data = std::filesystem::path(variable("HOME")) / ".local" / "share";
+  }
+  return Registry(data / "tavrel" / "registry");
+}
+
+RegistryTree Registry::Read() const {
+  const Descriptor file(file_, O_RDONLY);
+  if (!file.IsOpen()) {
+    if (errno == ENOENT) {
+      return {};
+    }
+    ThrowErrno("cannot open the registry " + file_.string());
+  }
+  try {
+    return RegistryTree::Parse(ReadAll(file.Get(), file_));
+  } catch (const std::system_error&) {
+    throw;
+  } catch (const std::runtime_error& error) {
+    throw std::runtime_error("the registry " + file_.string() + " is damaged: " + error.what());
+  }
+}
+
+void Registry::Update(const std::function<void(RegistryTree&)>& change) {
+  std::filesystem::create_directories(file_.parent_path());
+  const std::filesystem::path lockFile = file_.string() + ".lock";
+  const Descriptor lock(lockFile, O_RDWR | O_CREAT);
+  if (!lock.IsOpen()) {
+    ThrowErrno("cannot open " + lockFile.string());
+  }
+  // Held until the descriptor is closed.
+  while (::flock(lock.Get(), LOCK_EX) != 0) {
+    if (errno != EINTR) {
+      ThrowErrno("cannot lock " + lockFile.string());
+    }
+  }
+  RegistryTree tree = Read();
+  change(tree);
+  const std::filesystem::path next = file_.string() + ".new";
+  {
+    const Descriptor file(next, O_WRONLY | O_CREAT | O_TRUNC);
+    if (!file.IsOpen()) {
+      ThrowErrno("cannot write " + next.string());
+    }
+    WriteAll(file.Get(), tree.Format(), next);
+    if (::fsync(file.Get()) != 0) {
+      ThrowErrno("cannot write " + next.string());
+    }
+  }
+  std::filesystem::rename(next, file_);
+}
+
+}  // namespace os
