@@ -1,0 +1,175 @@
+#include "sync/get_nearest_list.h"
+
+#include <limits>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using testing::ElementsAre;
+using testing::Pair;
+using testing::StrEq;
+
+using IntList = GetNearestList<std::int32_t>;
+
+constexpr REFERENCE_TIME kEarliest = std::numeric_limits<REFERENCE_TIME>::min();
+constexpr REFERENCE_TIME kLatest = std::numeric_limits<REFERENCE_TIME>::max();
+
+template <typename List>
+std::pair<std::int32_t, REFERENCE_TIME> Nearest(const List& list, REFERENCE_TIME time) {
+  std::int32_t value = -1;
+  REFERENCE_TIME found = -1;
+  list.getNearest(time, value, found);
+  return {value, found};
+}
+
+TEST(GetNearestList, HandsOutTheNearestElementAsOftenAsAsked) {
+  IntList list;
+  list.push(54, 435123);
+  list.push(2342, 435124);
+  EXPECT_THAT(Nearest(list, 123), Pair(435123, 54));
+  EXPECT_THAT(Nearest(list, 123), Pair(435123, 54));
+  EXPECT_THAT(Nearest(list, 2000), Pair(435124, 2342));
+  list.removeBefore(2313245234);
+  EXPECT_EQ(list.count(), 0U);
+}
+
+TEST(GetNearestList, PrefersTheOlderOfTwoEquallyNear) {
+  IntList list;
+  list.push(100, 1);
+  list.push(300, 2);
+  list.push(300, 3);
+  EXPECT_THAT(Nearest(list, 200), Pair(1, 100));
+  EXPECT_THAT(Nearest(list, 201), Pair(2, 300));
+}
+
+TEST(GetNearestList, MeasuresDistancesThatDoNotFitASignedNumber) {
+  IntList list;
+  list.push(kEarliest, 1);
+  list.push(5, 2);
+  EXPECT_THAT(Nearest(list, kLatest), Pair(2, 5));
+  list.push(kLatest, 3);
+  EXPECT_THAT(Nearest(list, kLatest), Pair(3, kLatest));
+  // Everything is out of reach: the first one is as good as any.
+  IntList far;
+  far.push(kEarliest, 1);
+  far.push(kEarliest + 1, 2);
+  EXPECT_THAT(Nearest(far, kLatest), Pair(1, kEarliest));
+}
+
+TEST(GetNearestList, StartsANewTimelineWhenTimeGoesBackwards) {
+  IntList list;
+  list.push(100, 1);
+  list.push(200, 2);
+  list.push(200, 3);
+  EXPECT_EQ(list.count(), 3U);
+  list.push(50, 4);
+  EXPECT_EQ(list.count(), 1U);
+  EXPECT_THAT(Nearest(list, 200), Pair(4, 50));
+}
+
+TEST(GetNearestList, KeepsAnElementAtTheVeryTimeOfARemoval) {
+  IntList list;
+  list.push(10, 1);
+  list.push(20, 2);
+  list.push(20, 3);
+  list.push(30, 4);
+  list.removeBefore(20);
+  EXPECT_EQ(list.count(), 3U);
+  EXPECT_THAT(Nearest(list, 0), Pair(2, 20));
+}
+
+TEST(GetNearestList, SaysThatAnEmptyListHasNothingToLookUp) {
+  const IntList list;
+  std::int32_t value = 7;
+  REFERENCE_TIME found = 8;
+  try {
+    list.getNearest(0, value, found);
+    FAIL() << "no exception";
+  } catch (const IntList::EmptyError& error) {
+    EXPECT_THAT(error.what(), StrEq("Trying getNearest in an empty list does not make sense"));
+  }
+  EXPECT_EQ(value, 7);
+  EXPECT_EQ(found, 8);
+  EXPECT_THROW(list.getNearest(0, value, found), TavrelException);
+}
+
+TEST(GetNearestList, TrimsTheOldestBeyondItsCapacity) {
+  IntList list;
+  for (std::int32_t i = 0; i < 1000; ++i) {
+    list.push(i, i);
+  }
+  EXPECT_EQ(list.count(), 1000U);
+  list.setCapacity(3);
+  list.push(1000, 1000);
+  EXPECT_EQ(list.count(), 3U);
+  EXPECT_THAT(Nearest(list, 0), Pair(998, 998));
+  list.setCapacity(0);
+  list.push(1001, 1001);
+  EXPECT_EQ(list.count(), 0U);
+  list.setCapacity(-5);
+  list.push(1002, 1002);
+  EXPECT_EQ(list.count(), 0U);
+}
+
+TEST(GetNearestList, ReleasesEachElementOnceInTheOrderOfItsAge) {
+  static std::vector<std::int32_t> released;
+  struct Recorder {
+    void operator()(std::int32_t& value) const { released.push_back(value); }
+  };
+  released.clear();
+  {
+    GetNearestList<std::int32_t, Recorder> list;
+    list.setCapacity(2);
+    list.push(1, 1);
+    list.push(2, 2);
+    list.push(3, 3);
+    EXPECT_THAT(released, ElementsAre(1));
+    list.removeBefore(3);
+    EXPECT_THAT(released, ElementsAre(1, 2));
+    list.push(2, 4);
+    EXPECT_THAT(released, ElementsAre(1, 2, 3));
+  }
+  EXPECT_THAT(released, ElementsAre(1, 2, 3, 4));
+}
+
+// The pin's own use: one thread adds, and now and then starts over; the other one holds the lock
+// across count and look-up, so that it never meets an empty list.
+TEST(GetNearestList, StaysOrderedAndWholeBetweenProducerAndConsumer) {
+  GetNearestList<std::string> list;
+  constexpr REFERENCE_TIME kPushes = 20000;
+  constexpr REFERENCE_TIME kTimeline = 700;
+  std::thread producer([&list] {
+    for (REFERENCE_TIME i = 0; i < kPushes; ++i) {
+      const REFERENCE_TIME time = i % kTimeline;
+      list.push(time, std::to_string(time) + " is far too long to be kept inside the string");
+    }
+    list.push(kTimeline, "end");
+  });
+  std::string text;
+  std::uint64_t found = 0;
+  for (REFERENCE_TIME frame = 0; text != "end"; frame = (frame + 13) % (2 * kTimeline)) {
+    REFERENCE_TIME time = -1;
+    {
+      const std::lock_guard guard(list.lock());
+      if (list.count() == 0) {
+        continue;
+      }
+      list.getNearest(frame, text, time);
+    }
+    ++found;
+    if (text != "end") {
+      ASSERT_EQ(text, std::to_string(time) + " is far too long to be kept inside the string");
+    }
+    list.removeBefore(frame < kTimeline ? frame : kTimeline);
+  }
+  producer.join();
+  EXPECT_GT(found, 0U);
+  EXPECT_EQ(list.count(), 1U);
+}
+
+}  // namespace
