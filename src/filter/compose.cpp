@@ -1,0 +1,318 @@
+#include "filter/compose.h"
+
+#include <array>
+#include <cstring>
+#include <numeric>
+#include <span>
+#include <string>
+
+#include "filter/frame_composer.h"
+#include "platform/com/wide_text.h"
+#include "platform/dshow/vfw_errors.h"
+#include "util/exceptions.h"
+#include "util/kernel_object.h"
+
+namespace {
+
+constexpr int kPinsPerInput = 6;
+constexpr int kFixedPins = 2;
+
+std::u16string NumberedName(const char* stem, LONG index) {
+  return WidenAscii(stem + std::to_string(index));
+}
+
+// Divides both terms by Euclid's divisor of the signed values; terms are not both 0.
+Fraction Reduce(Fraction ratio) {
+  LONGLONG divisor = ratio.numerator;
+  for (LONGLONG rest = ratio.denominator; rest != 0;) {
+    const LONGLONG next = divisor % rest;
+    divisor = rest;
+    rest = next;
+  }
+  return {static_cast<LONG>(ratio.numerator / divisor),
+          static_cast<LONG>(ratio.denominator / divisor)};
+}
+
+}  // namespace
+
+CCompose::CCompose(IUnknown* outer, HRESULT* hr)
+    : CBaseFilter(nullptr, outer, &filterLock, CLSID_TavrelComposer),
+      frameSemaphore(qorp::MakeKernelObject<os::Semaphore>(0)),
+      pausedEvent(qorp::MakeKernelObject<os::Event>(os::Event::Reset::kAuto)),
+      pauseRequestEvent(qorp::MakeKernelObject<os::Event>(os::Event::Reset::kAuto)),
+      quitEvent(qorp::MakeKernelObject<os::Event>(os::Event::Reset::kAuto)),
+      frameComposer(std::make_unique<FrameComposer>(*this)),
+      backgroundPin(
+          std::make_unique<CComposeInputVideoBackgroundPin>(this, &filterLock, hr, u"InputBG")),
+      outputPin(std::make_unique<CComposeOutputVideoPin>(this, &filterLock, hr, u"Composition")) {}
+
+CUnknown* CCompose::CreateInstance(IUnknown* outer, HRESULT* hr) {
+  try {
+    return std::make_unique<CCompose>(outer, hr).release();
+  } catch (const std::bad_alloc&) {
+    *hr = E_OUTOFMEMORY;
+  } catch (const CAtlException& refused) {
+    *hr = refused.m_hr;
+  }
+  return nullptr;
+}
+
+CCompose::~CCompose() {
+  EndCompositionThreads();
+  EmptyBackgroundQueue();
+}
+
+void CCompose::EndCompositionThreads() {
+  std::vector<os::Waitable*> running;
+  for (const std::unique_ptr<qorp::Thread>& thread : formerThreads) {
+    running.push_back(&thread->Handle());
+  }
+  if (compositionThread != nullptr) {
+    running.push_back(&compositionThread->Handle());
+  }
+  // The event wakes one thread for each time that it is set.
+  while (!running.empty()) {
+    quitEvent->Set();
+    const std::uint32_t ended = os::WaitAny(running, os::kInfinite);
+    running.erase(running.begin() + ended);
+  }
+}
+
+HRESULT CCompose::NonDelegatingQueryInterface(REFIID iid, void** object) {
+  if (iid == IID_IComposeCommand) {
+    return GetInterface(static_cast<IComposeCommand*>(this), object);
+  }
+  return CBaseFilter::NonDelegatingQueryInterface(iid, object);
+}
+
+int CCompose::GetPinCount() {
+  return kPinsPerInput * static_cast<int>(inputs.size()) + kFixedPins;
+}
+
+CBasePin* CCompose::GetPin(int position) {
+  if (position < 0) {
+    return nullptr;
+  }
+  if (position == 0) {
+    return backgroundPin.get();
+  }
+  if (position == 1) {
+    return outputPin.get();
+  }
+  // The index is looked up as a key, not counted: after a gap the pins of an index are not reached.
+  const auto entry = inputs.find((position - kFixedPins) / kPinsPerInput);
+  if (entry == inputs.end()) {
+    return nullptr;
+  }
+  const InputPins& pins = entry->second;
+  const std::array<CBasePin*, kPinsPerInput> order{pins.video.get(),      pins.audioInput.get(),
+                                                   pins.text.get(),       pins.audioOutput.get(),
+                                                   pins.videoAlarm.get(), pins.audioAlarm.get()};
+  return order[static_cast<std::size_t>((position - kFixedPins) % kPinsPerInput)];
+}
+
+HRESULT CCompose::Pause() {
+  const FILTER_STATE former = m_State;
+  const HRESULT hr = CBaseFilter::Pause();
+  if (former == State_Stopped) {
+    return backgroundPin->IsConnected() ? hr : E_FAIL;
+  }
+  if (compositionThread != nullptr) {
+    {
+      const CAutoLock guard(&filterLock);
+      pauseRequestEvent->Set();
+    }
+    // Without the lock: the thread needs it to finish its frame.
+    pausedEvent->Wait(os::kInfinite);
+    // One thread has answered; a former one may still be drawing.
+    const std::lock_guard frameInProgress(composeLock);
+  }
+  EmptyBackgroundQueue();
+  return hr;
+}
+
+void CCompose::QueueBackgroundFrame(ComPtr<IMediaSample> sample) {
+  {
+    const CAutoLock guard(&filterLock);
+    backgroundQueue.push_back(std::move(sample));
+  }
+  frameSemaphore->Release();
+}
+
+ComPtr<IMediaSample> CCompose::TakeBackgroundFrame() {
+  const CAutoLock guard(&filterLock);
+  ComPtr<IMediaSample> sample;
+  if (!backgroundQueue.empty()) {
+    sample = std::move(backgroundQueue.front());
+    backgroundQueue.pop_front();
+  }
+  return sample;
+}
+
+void CCompose::EmptyBackgroundQueue() {
+  const CAutoLock guard(&filterLock);
+  backgroundQueue.clear();
+}
+
+HRESULT CCompose::Configure(LONG windowCount, qorp::log::ILogPerf* hostLogger, LONG width,
+                            LONG height, LONG aspectNumerator, LONG aspectDenominator,
+                            REFERENCE_TIME period, const Fraction& rate) {
+  if (windowCount < 0 || (aspectNumerator == 0 && aspectDenominator == 0)) {
+    return E_INVALIDARG;
+  }
+  const std::lock_guard frameInProgress(composeLock);
+  outputHeight = height;
+  logger = hostLogger != nullptr ? hostLogger : &dummyLogger;
+  outputWidth = width;
+  aspectRatio = Reduce({aspectNumerator, aspectDenominator});
+  prerollPeriod = period;
+  frameRate = rate;
+  try {
+    compose = std::make_unique<Compose>(windowCount);
+  } catch (const ExceptionTemplate<Compose, TavrelException>& error) {
+    logger.load()->log(qorp::log::kError, "Cannot create compose lib: %s", error.what());
+    return E_FAIL;
+  }
+  if (compositionThread != nullptr) {
+    formerThreads.push_back(std::move(compositionThread));
+  }
+  compositionThread = std::make_unique<qorp::Thread>([this] { CompositionLoop(); });
+  return S_OK;
+}
+
+HRESULT CCompose::AddInput(LONG index, IUnknown* window) {
+  InputPins& entry = inputs[index];
+  if (entry.window.Get() != window) {
+    entry.window = ComPtr<IComposeWindow>(static_cast<IComposeWindow*>(window));
+  }
+  inputSizes.try_emplace(index);
+
+  const auto number = static_cast<ULONG>(index);
+  HRESULT unused = S_OK;
+  auto video = std::make_unique<CComposeInputVideoWindowPin>(
+      this, &filterLock, &unused, NumberedName("InputVideo", index).c_str(), number);
+  auto audioInput = std::make_unique<CComposeInputAudioCompressedPin>(
+      this, &filterLock, &unused, NumberedName("InputAudio", index).c_str(), number);
+  auto audioOutput = std::make_unique<CComposeOutputAudioCompressedPin>(
+      this, &filterLock, &unused, NumberedName("OutputAudio", index).c_str(), number);
+  audioInput->SetPairedOutput(audioOutput.get());
+  auto text = std::make_unique<CComposeAlarmInputPin<UTF8TextSampleType>>(this, video.get(),
+                                                                          &filterLock, &unused);
+  auto audioAlarm =
+      std::make_unique<CComposeAlarmInputPin<AudioAlarm>>(this, video.get(), &filterLock, &unused);
+  auto videoAlarm =
+      std::make_unique<CComposeAlarmInputPin<VideoAlarm>>(this, video.get(), &filterLock, &unused);
+  // The pins that point to others go first.
+  entry.videoAlarm = std::move(videoAlarm);
+  entry.audioAlarm = std::move(audioAlarm);
+  entry.text = std::move(text);
+  entry.audioInput = std::move(audioInput);
+  entry.audioOutput = std::move(audioOutput);
+  entry.video = std::move(video);
+  IncrementPinVersion();
+  return S_OK;
+}
+
+HRESULT CCompose::GetInputPins(LONG index, IPin** video, IPin** audioInput, IPin** videoAlarm,
+                               IPin** audioAlarm, IPin** text) {
+  const auto entry = inputs.find(index);
+  if (entry == inputs.end()) {
+    return S_FALSE;
+  }
+  *video = entry->second.video.get();
+  *audioInput = entry->second.audioInput.get();
+  *videoAlarm = entry->second.videoAlarm.get();
+  *audioAlarm = entry->second.audioAlarm.get();
+  *text = entry->second.text.get();
+  return S_OK;
+}
+
+void CCompose::CompositionLoop() {
+  constexpr std::uint32_t kWaitRepeated = 0xFFFFFFFE;
+  std::string lastError;
+  const std::array<os::Waitable*, 3> signals{pauseRequestEvent.get(), quitEvent.get(),
+                                             frameSemaphore.get()};
+  while (true) {
+    const std::uint32_t signalled = os::WaitAny(signals, os::kInfinite);
+    if (signalled == 0) {
+      pausedEvent->Set();
+      continue;
+    }
+    if (signalled == 1) {
+      return;
+    }
+    if (signalled == kWaitRepeated) {
+      continue;
+    }
+    try {
+      const std::lock_guard oneFrame(composeLock);
+      frameComposer->ComposeFrame();
+      lastError.clear();
+    } catch (const TavrelException& error) {
+      // A fault that lasts is told once, not on every frame.
+      if (lastError != error.what()) {
+        lastError = error.what();
+        logger.load()->log(qorp::log::kError, "Error in composition: %s", lastError.c_str());
+      }
+    }
+  }
+}
+
+void CCompose::DeliverFrame(IMediaSample* sample) {
+  const CAutoLock guard(m_pLock);
+  AM_MEDIA_TYPE* attached = nullptr;
+  if (sample->GetMediaType(&attached) == S_OK) {
+    const OwnedMediaType type(attached);
+    if (type->formattype == FORMAT_VideoInfo2 && type->cbFormat >= sizeof(VIDEOINFOHEADER2)) {
+      reinterpret_cast<VIDEOINFOHEADER2*>(type->pbFormat)->dwInterlaceFlags =
+          AMINTERLACE_IsInterlaced;
+      sample->SetMediaType(type.get());
+    }
+  }
+  outputPin->Deliver(sample);
+}
+
+HRESULT CCompose::BuildOutputMediaType(CMediaType*& type) {
+  CMediaType built;
+  const HRESULT hr = backgroundPin->ConnectionMediaType(&built);
+  if (FAILED(hr)) {
+    return hr;
+  }
+  if (built.formattype == FORMAT_VideoInfo2) {
+    auto* const format = reinterpret_cast<VIDEOINFOHEADER2*>(built.pbFormat);
+    format->dwPictAspectRatioX = static_cast<DWORD>(aspectRatio.numerator);
+    format->dwPictAspectRatioY = static_cast<DWORD>(aspectRatio.denominator);
+  } else {
+    VIDEOINFOHEADER source{};
+    std::memcpy(&source, built.pbFormat, std::min<std::size_t>(built.cbFormat, sizeof(source)));
+    built = CMediaType(&MEDIATYPE_Video);
+    built.SetSubtype(&MEDIASUBTYPE_YV12);
+    built.SetFormatType(&FORMAT_VideoInfo2);
+    VIDEOINFOHEADER2 format{};
+    format.rcSource = source.rcSource;
+    format.rcTarget = source.rcTarget;
+    format.AvgTimePerFrame = source.AvgTimePerFrame;
+    format.dwPictAspectRatioX = static_cast<DWORD>(aspectRatio.numerator);
+    format.dwPictAspectRatioY = static_cast<DWORD>(aspectRatio.denominator);
+    BITMAPINFOHEADER& bitmap = format.bmiHeader;
+    bitmap.biSize = sizeof(BITMAPINFOHEADER);
+    bitmap.biWidth = source.bmiHeader.biWidth;
+    bitmap.biHeight = source.bmiHeader.biHeight;
+    bitmap.biPlanes = 3;  // one for each of Y, V and U
+    bitmap.biBitCount = 12;
+    bitmap.biCompression = MakeFourcc('Y', 'V', '1', '2');
+    bitmap.biSizeImage = static_cast<DWORD>(PictureBytes(bitmap.biWidth, bitmap.biHeight));
+    bitmap.biXPelsPerMeter = source.bmiHeader.biXPelsPerMeter;
+    bitmap.biYPelsPerMeter = source.bmiHeader.biYPelsPerMeter;
+    if (!built.SetFormat(reinterpret_cast<const BYTE*>(&format), sizeof(format))) {
+      return E_OUTOFMEMORY;
+    }
+    built.SetSampleSize(bitmap.biSizeImage);
+  }
+  if (type == nullptr) {
+    type = new (std::nothrow) CMediaType(std::move(built));
+    return type == nullptr ? E_FAIL : S_OK;
+  }
+  *type = std::move(built);
+  return S_OK;
+}

@@ -1,0 +1,53 @@
+// FrameComposer: the work of one frame.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "filter/compose.h"
+#include "render/window_state.h"
+
+// True for the one frame of each period that downstream filters are told not to present: time lies
+// within half a frame of a multiple of the period. Times in 100 ns units; a period of 0, or a rate
+// without a numerator, marks nothing.
+bool IsPrerollFrame(REFERENCE_TIME time, REFERENCE_TIME period, const Fraction& rate);
+
+// Turns the oldest background frame into a composed one. Owned by the filter; called by a
+// composition thread under composeLock. Its lists are kept from frame to frame so that a frame
+// allocates nothing once every input has been seen.
+class FrameComposer {
+ public:
+  explicit FrameComposer(CCompose& filter);
+  ~FrameComposer();
+
+  // Takes, draws and delivers one frame; returns at once when none is queued. Throws
+  // TavrelException when the frame cannot be composed: it is then dropped.
+  void ComposeFrame();
+
+ private:
+  // What one input contributes to a frame, in the order of the filter's inputs.
+  struct Input {
+    LONG index = 0;
+    InputPins* pins = nullptr;
+    bool selected = false;
+    ComPtr<IMediaSample> sample;  // held until the end of the frame
+    std::optional<UTF8TextSampleType> text;
+    std::optional<AudioAlarm> audioAlarm;
+    std::optional<VideoAlarm> videoAlarm;
+  };
+  class SampleHolder;
+
+  void FollowInputs();
+  void NoteBackgroundType(IMediaSample* sample);
+  void AskHost();
+  void ChoosePictures(REFERENCE_TIME frameTime);
+  void TakeFormat(Input& input, IMediaSample* sample);
+  void DrawSelectors(BYTE* canvas);
+  void DrawMeters(BYTE* canvas, REFERENCE_TIME frameTime);
+
+  CCompose& filter_;
+  std::vector<Input> inputs_;
+  std::vector<WindowState> windows_;  // one for each of inputs_
+  std::string colour_;
+};

@@ -1,0 +1,111 @@
+#include "media/dynamic_input_pin.h"
+
+#include "media/external_metadata_media_sample.h"
+#include "platform/dshow/vfw_errors.h"
+#include "util/exceptions.h"
+
+CInputPinWithDynamicMediaType::CInputPinWithDynamicMediaType(const char* objectName,
+                                                             CBaseFilter* filter, CCritSec* lock,
+                                                             HRESULT* hr, LPCWSTR name)
+    : CBaseInputPin(objectName, filter, lock, hr, name) {}
+
+HRESULT CInputPinWithDynamicMediaType::OnReconnect(IPin* /*pin*/) {
+  return S_OK;
+}
+
+HRESULT CInputPinWithDynamicMediaType::ReceiveConnection(IPin* connector,
+                                                         const AM_MEDIA_TYPE* type) {
+  if (connector == nullptr || type == nullptr) {
+    return E_POINTER;
+  }
+  const CAutoLock guard(m_pLock);
+  HRESULT hr = CheckConnect(connector);
+  if (FAILED(hr)) {
+    BreakConnect();
+    return hr;
+  }
+  const CMediaType proposed(*type);
+  hr = CheckMediaType(&proposed);
+  if (hr != S_OK) {
+    BreakConnect();
+    return RefusalOfType(hr);
+  }
+  const bool reconnects = m_Connected && IsSameObject(m_Connected.Get(), connector);
+  SetConnected(connector);
+  hr = SetMediaType(&proposed);
+  typePending = true;
+  if (SUCCEEDED(hr)) {
+    hr = reconnects ? OnReconnect(connector) : CompleteConnect(connector);
+    if (SUCCEEDED(hr)) {
+      return S_OK;
+    }
+  }
+  SetConnected(nullptr);
+  BreakConnect();
+  return hr;
+}
+
+HRESULT CInputPinWithDynamicMediaType::Receive(IMediaSample* sample) {
+  if (sample == nullptr) {
+    return E_POINTER;
+  }
+  try {
+    return ReceiveTyped(sample);
+  } catch (const COMException& error) {
+    return error.code();
+  } catch (const std::exception&) {
+    return E_FAIL;
+  }
+}
+
+HRESULT CInputPinWithDynamicMediaType::ReceiveTyped(IMediaSample* sample) {
+  AM_MEDIA_TYPE* brought = nullptr;
+  HRESULT hr = sample->GetMediaType(&brought);
+  const OwnedMediaType owned(brought);
+  if (FAILED(hr)) {
+    return hr;
+  }
+  if (hr == S_OK) {
+    const CMediaType type(*owned);
+    hr = SetMediaType(&type);
+    if (FAILED(hr)) {
+      return hr;
+    }
+    typePending = false;
+    return OnReceive(sample);
+  }
+  if (!typePending) {
+    return OnReceive(sample);
+  }
+  CMediaType connectionType;
+  ThrowIfFailed(ConnectionMediaType(&connectionType));
+  const ComPtr<IMediaSample> wrapper = CExternalMetaDataMediaSample::Create(sample);
+  hr = wrapper->SetMediaType(&connectionType);
+  if (FAILED(hr)) {
+    return hr;
+  }
+  typePending = false;
+  return OnReceive(wrapper.Get());
+}
+
+HRESULT CInputPinWithDynamicMediaType::NotifyAllocator(IMemAllocator* allocator, BOOL readOnly) {
+  HRESULT hr = CBaseInputPin::NotifyAllocator(allocator, readOnly);
+  if (FAILED(hr)) {
+    return hr;
+  }
+  ALLOCATOR_PROPERTIES required{};
+  hr = GetAllocatorRequirements(&required);
+  if (hr == E_NOTIMPL) {
+    return S_OK;
+  }
+  if (FAILED(hr)) {
+    return hr;
+  }
+  ALLOCATOR_PROPERTIES offered{};
+  hr = allocator->GetProperties(&offered);
+  if (FAILED(hr)) {
+    return hr;
+  }
+  return offered.cBuffers < required.cBuffers || offered.cbBuffer < required.cbBuffer ? E_FAIL
+                                                                                      : S_OK;
+}

@@ -1,0 +1,35 @@
+// CInputPinWithDynamicMediaType: an input pin whose format may change while the graph runs.
+#pragma once
+
+#include "platform/baseclasses/base_input_pin.h"
+
+// Base of every input pin of the composer. It takes a new connection or a reconnection at any time,
+// hands the connection's media type to the first sample after it, applies a type that a sample
+// brings before the sample is processed, and answers exceptions of the processing with result
+// codes.
+//
+// ReceiveConnection runs on the application's thread under the pin's lock; Receive on the upstream
+// filter's streaming thread without it. The streaming state is not consulted: a derived OnReceive
+// that wants the base checks calls CBaseInputPin::Receive itself.
+class CInputPinWithDynamicMediaType : public CBaseInputPin {
+ public:
+  CInputPinWithDynamicMediaType(const char* objectName, CBaseFilter* filter, CCritSec* lock,
+                                HRESULT* hr, LPCWSTR name);
+
+  // The pin that is already connected connects again; called instead of CompleteConnect.
+  virtual HRESULT OnReconnect(IPin* pin);
+  // Processes one sample. May throw: a COMException is answered with its code, any other
+  // std::exception with E_FAIL.
+  virtual HRESULT OnReceive(IMediaSample* sample) = 0;
+
+  HRESULT ReceiveConnection(IPin* connector, const AM_MEDIA_TYPE* type) override;
+  HRESULT Receive(IMediaSample* sample) override;
+  // E_FAIL when the allocator offers less than this pin's own requirements.
+  HRESULT NotifyAllocator(IMemAllocator* allocator, BOOL readOnly) override;
+
+ private:
+  HRESULT ReceiveTyped(IMediaSample* sample);
+
+  // The next sample that brings no type of its own gets the connection's.
+  std::atomic<bool> typePending{true};
+};

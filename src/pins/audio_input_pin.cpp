@@ -1,0 +1,129 @@
+#include "pins/audio_input_pin.h"
+
+#include <algorithm>
+#include <cstring>
+#include <iterator>
+
+#include "filter/compose.h"
+#include "pins/audio_output_pin.h"
+#include "platform/dshow/vfw_errors.h"
+#include "platform/os/ticks.h"
+#include "util/exceptions.h"
+
+namespace {
+
+constexpr GUID kProductCompressedAudio{
+    0xC0E9C364, 0x783D, 0x4B50, {0xAB, 0xF3, 0xF3, 0x4B, 0x80, 0x1C, 0xEE, 0xC6}};
+
+constexpr GUID kAcceptedSubtypes[] = {
+    MEDIASUBTYPE_MPEG1AudioPayload,
+    MEDIASUBTYPE_MPEG1Payload,
+    MEDIASUBTYPE_MPEG2_AUDIO,
+    MEDIASUBTYPE_DOLBY_AC3,
+    MEDIASUBTYPE_DOLBY_DDPLUS,
+    MEDIASUBTYPE_RAW_AAC1,
+    FourccGuid(0x01FF),
+    kProductCompressedAudio,
+};
+
+// Times, flags, media type and bytes of a packet. The target's buffer is at least as large as the
+// source's: the output pin took over the input allocator's properties.
+void CopySampleProperties(IMediaSample* source, IMediaSample* target) {
+  REFERENCE_TIME start = 0;
+  REFERENCE_TIME stop = 0;
+  if (source->GetTime(&start, &stop) == S_OK) {
+    ThrowIfFailed(target->SetTime(&start, &stop));
+  }
+  if (source->IsSyncPoint() == S_OK) {
+    ThrowIfFailed(target->SetSyncPoint(TRUE));
+  }
+  if (source->IsDiscontinuity() == S_OK) {
+    ThrowIfFailed(target->SetDiscontinuity(TRUE));
+  }
+  if (source->IsPreroll() == S_OK) {
+    ThrowIfFailed(target->SetPreroll(TRUE));
+  }
+  AM_MEDIA_TYPE* carried = nullptr;
+  if (source->GetMediaType(&carried) == S_OK) {
+    const OwnedMediaType owned(carried);
+    ThrowIfFailed(target->SetMediaType(owned.get()));
+  }
+  LONGLONG mediaStart = 0;
+  LONGLONG mediaStop = 0;
+  if (source->GetMediaTime(&mediaStart, &mediaStop) == S_OK) {
+    ThrowIfFailed(target->SetMediaTime(&mediaStart, &mediaStop));
+  }
+  const LONG length = source->GetActualDataLength();
+  ThrowIfFailed(target->SetActualDataLength(length));
+  BYTE* from = nullptr;
+  BYTE* to = nullptr;
+  ThrowIfFailed(source->GetPointer(&from));
+  ThrowIfFailed(target->GetPointer(&to));
+  std::memcpy(to, from, static_cast<std::size_t>(length));
+}
+
+}  // namespace
+
+CComposeInputAudioCompressedPin::CComposeInputAudioCompressedPin(CCompose* composer, CCritSec* lock,
+                                                                 HRESULT* hr, LPCWSTR name,
+                                                                 ULONG number)
+    : CInputPinWithDynamicMediaType(nullptr, composer, lock, hr, name),
+      filter(composer),
+      index(number) {
+  SetReconnectWhenActive(true);
+}
+
+HRESULT CComposeInputAudioCompressedPin::CheckMediaType(const CMediaType* type) {
+  const bool accepted = type->majortype == MEDIATYPE_Audio &&
+                        std::find(std::begin(kAcceptedSubtypes), std::end(kAcceptedSubtypes),
+                                  type->subtype) != std::end(kAcceptedSubtypes);
+  return accepted ? S_OK : S_FALSE;
+}
+
+HRESULT CComposeInputAudioCompressedPin::SetMediaType(const CMediaType* type) {
+  NoteActivity();
+  return CInputPinWithDynamicMediaType::SetMediaType(type);
+}
+
+void CComposeInputAudioCompressedPin::NoteActivity() {
+  lastActivity.store(os::MultimediaTimerMilliseconds(), std::memory_order_relaxed);
+}
+
+HRESULT CComposeInputAudioCompressedPin::OnReceive(IMediaSample* sample) {
+  NoteActivity();
+  HRESULT hr = CBaseInputPin::Receive(sample);
+  if (hr != S_OK) {
+    return hr;
+  }
+  if (filter->IsStopped()) {
+    return S_OK;
+  }
+  REFERENCE_TIME start = 0;
+  REFERENCE_TIME stop = 0;
+  const HRESULT timed = sample->GetTime(&start, &stop);
+  if (FAILED(timed) && timed != VFW_E_SAMPLE_TIME_NOT_SET) {
+    filter->logger.load()->log(
+        qorp::log::kWarning,
+        "Audio pin #%d: bad packet detected while retrieving timing (%d bytes)",
+        static_cast<int>(index), static_cast<int>(sample->GetActualDataLength()));
+    return timed;
+  }
+  ComPtr<IMediaSample> copy;
+  if (pairedOutput->GetDeliveryBuffer(copy.Put(), nullptr, nullptr, 0) != S_OK) {
+    return S_OK;
+  }
+  CopySampleProperties(sample, copy.Get());
+  if (SUCCEEDED(timed)) {
+    const CComposeInputVideoWindowPin& window = *filter->inputs.at(static_cast<LONG>(index)).video;
+    const REFERENCE_TIME shift = window.TimeOffset() + window.Latency();
+    start += shift;
+    stop += shift;
+    hr = copy->SetTime(&start, &stop);
+    if (FAILED(hr)) {
+      return hr;
+    }
+  }
+  const CAutoLock guard(m_pLock);
+  hr = pairedOutput->Deliver(copy.Get());
+  return FAILED(hr) && hr != VFW_E_NOT_CONNECTED ? hr : S_OK;
+}

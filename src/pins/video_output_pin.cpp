@@ -1,0 +1,42 @@
+#include "pins/video_output_pin.h"
+
+#include <algorithm>
+
+#include "filter/compose.h"
+#include "platform/dshow/vfw_errors.h"
+
+CComposeOutputVideoPin::CComposeOutputVideoPin(CCompose* composer, CCritSec* lock, HRESULT* hr,
+                                               LPCWSTR name)
+    : CBaseOutputPin(nullptr, composer, lock, hr, name), filter(composer) {}
+
+CComposeOutputVideoPin::~CComposeOutputVideoPin() {
+  ReleasePeer();
+}
+
+HRESULT CComposeOutputVideoPin::CheckMediaType(const CMediaType* type) {
+  const bool accepted = type->majortype == MEDIATYPE_Video && type->subtype == MEDIASUBTYPE_YV12 &&
+                        type->formattype == FORMAT_VideoInfo2;
+  return accepted ? S_OK : S_FALSE;
+}
+
+HRESULT CComposeOutputVideoPin::GetMediaType(int position, CMediaType* type) {
+  return position != 0 ? VFW_S_NO_MORE_ITEMS : filter->BuildOutputMediaType(type);
+}
+
+HRESULT CComposeOutputVideoPin::DecideBufferSize(IMemAllocator* allocator,
+                                                 ALLOCATOR_PROPERTIES* request) {
+  request->cBuffers = std::max(request->cBuffers, kMinOutputBuffers);
+  request->cbBuffer = PictureBytes(filter->outputWidth, filter->outputHeight);
+  request->cbAlign = 1;
+  request->cbPrefix = 0;
+  ALLOCATOR_PROPERTIES actual{};
+  const HRESULT hr = allocator->SetProperties(request, &actual);
+  if (FAILED(hr)) {
+    return hr;
+  }
+  return actual.cbBuffer < request->cbBuffer || actual.cBuffers < request->cBuffers ? E_FAIL : S_OK;
+}
+
+HRESULT CComposeOutputVideoPin::Notify(IBaseFilter* /*self*/, Quality /*quality*/) {
+  return S_OK;
+}

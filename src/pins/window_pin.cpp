@@ -1,0 +1,167 @@
+#include "pins/window_pin.h"
+
+#include <limits>
+
+#include "filter/compose.h"
+#include "platform/dshow/vfw_errors.h"
+
+namespace {
+
+REFERENCE_TIME Distance(REFERENCE_TIME a, REFERENCE_TIME b) {
+  return a < b ? b - a : a - b;
+}
+
+bool CarriesType(IMediaSample* sample, CMediaType* type) {
+  AM_MEDIA_TYPE* carried = nullptr;
+  if (sample->GetMediaType(&carried) != S_OK) {
+    return false;
+  }
+  const OwnedMediaType owned(carried);
+  *type = *owned;
+  return true;
+}
+
+}  // namespace
+
+CComposeInputVideoWindowPin::CComposeInputVideoWindowPin(CCompose* composer, CCritSec* lock,
+                                                         HRESULT* hr, LPCWSTR name, ULONG number)
+    : CComposeInputVideoPin(composer, lock, hr, name, number) {
+  queue.reserve(kResyncHighWater + 2);
+}
+
+CComposeInputVideoWindowPin::~CComposeInputVideoWindowPin() {
+  FlushSamples();
+}
+
+HRESULT CComposeInputVideoWindowPin::SetMediaType(const CMediaType* type) {
+  const HRESULT hr = CComposeInputVideoPin::SetMediaType(type);
+  if (FAILED(hr)) {
+    return hr;
+  }
+  LONG width = 0;
+  LONG height = 0;
+  CheckVideoFormat(*type, &width, &height);
+  latency = kWindowLatency;
+  return hr;
+}
+
+HRESULT CComposeInputVideoWindowPin::CheckVideoFormat(const CMediaType& type, LONG* width,
+                                                      LONG* height) {
+  return ReadVideoFormat(type, width, height);
+}
+
+HRESULT CComposeInputVideoWindowPin::OnReceive(IMediaSample* sample) {
+  const CAutoLock guard(&queueLock);
+  REFERENCE_TIME start = 0;
+  REFERENCE_TIME stop = 0;
+  const HRESULT timed = sample->GetTime(&start, &stop);
+  if (timed == S_OK) {
+    ReceiveTimed(sample, start, stop);
+  } else if (timed == VFW_E_SAMPLE_TIME_NOT_SET) {
+    start = nextStart;
+    stop = start + frameDuration;
+    sample->SetTime(&start, &stop);
+    queue.emplace_back(sample);
+    nextStart = stop;
+  }
+  // A sample with any other answer, a start without a stop included, is of no use here.
+  return S_OK;
+}
+
+void CComposeInputVideoWindowPin::ReceiveTimed(IMediaSample* sample, REFERENCE_TIME start,
+                                               REFERENCE_TIME stop) {
+  qorp::log::ILogPerf* const logger = filter->logger.load();
+  if (queue.size() >= kResyncHighWater) {
+    ReleaseOlderSamples(start - latency);
+    logger->log(qorp::log::kWarning, "Composer audio/video #%d resynchronizes (+) (%d)",
+                static_cast<int>(index), static_cast<int>(queue.size()));
+    ResetTimeOffset(sample);
+  } else if (queue.size() < kResyncLowWater) {
+    logger->log(qorp::log::kWarning, "Composer audio/video #%d resynchronizes (-)",
+                static_cast<int>(index));
+    ResetTimeOffset(sample);
+  }
+  if (sample->IsDiscontinuity() == S_OK) {
+    ResetTimeOffset(sample);
+  }
+  // A stop time that is not credible advances the clock by one frame.
+  const REFERENCE_TIME duration = frameDuration;
+  nextStart = stop > start + (duration >> 1) ? stop : start + duration;
+  queue.emplace_back(sample);
+}
+
+void CComposeInputVideoWindowPin::ResetTimeOffset(IMediaSample* sample) {
+  REFERENCE_TIME start = 0;
+  REFERENCE_TIME stop = 0;
+  sample->GetTime(&start, &stop);
+  timeOffset = filter->lastBackgroundStart - start;
+}
+
+void CComposeInputVideoWindowPin::FlushSamples() {
+  const CAutoLock guard(&queueLock);
+  queue.clear();
+}
+
+std::size_t CComposeInputVideoWindowPin::QueueLength() {
+  const CAutoLock guard(&queueLock);
+  return queue.size();
+}
+
+void CComposeInputVideoWindowPin::ReleaseOlderSamples(REFERENCE_TIME time) {
+  const CAutoLock guard(&queueLock);
+  std::size_t position = 0;
+  while (position < queue.size()) {
+    IMediaSample* const sample = queue[position].Get();
+    REFERENCE_TIME start = 0;
+    REFERENCE_TIME stop = 0;
+    if (FAILED(sample->GetTime(&start, &stop))) {
+      return;
+    }
+    if (start >= time || queue.size() < 2) {
+      ++position;
+      continue;
+    }
+    CMediaType announced;
+    if (position + 1 < queue.size() && CarriesType(sample, &announced)) {
+      IMediaSample* const successor = queue[position + 1].Get();
+      CMediaType own;
+      if (!CarriesType(successor, &own)) {
+        successor->SetMediaType(&announced);
+      }
+    }
+    queue.erase(queue.begin() + static_cast<std::ptrdiff_t>(position));
+  }
+}
+
+void CComposeInputVideoWindowPin::PickSample(REFERENCE_TIME frameTime,
+                                             ComPtr<IMediaSample>* sample) {
+  const CAutoLock guard(&queueLock);
+  const REFERENCE_TIME target = frameTime - timeOffset - latency;
+  sample->Reset();
+  CMediaType carried;
+  CMediaType chosenType;
+  REFERENCE_TIME best = std::numeric_limits<REFERENCE_TIME>::max();
+  IMediaSample* chosen = nullptr;
+  REFERENCE_TIME start = 0;
+  for (const ComPtr<IMediaSample>& entry : queue) {
+    CarriesType(entry.Get(), &carried);
+    REFERENCE_TIME stop = 0;
+    entry->GetTime(&start, &stop);
+    const REFERENCE_TIME distance = Distance(target, start);
+    if (distance < best) {
+      best = distance;
+      chosen = entry.Get();
+      if (carried.IsValid()) {
+        chosenType = carried;
+      }
+    }
+  }
+  if (chosen == nullptr) {
+    return;
+  }
+  *sample = ComPtr<IMediaSample>(chosen);
+  if (chosenType.IsValid() && !(chosenType == lastType)) {
+    chosen->SetMediaType(&chosenType);
+    lastType = chosenType;
+  }
+}

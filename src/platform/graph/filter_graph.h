@@ -1,0 +1,98 @@
+// FilterGraph: the filters of a graph, their connections, states and events.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/baseclasses/unknown_base.h"
+#include "platform/com/com_ptr.h"
+#include "platform/dshow/filters.h"
+
+// An event that a filter posted.
+struct GraphEvent {
+  LONG code;
+  LONG_PTR parameter1;
+  LONG_PTR parameter2;
+};
+
+// Owns its filters (one reference each) and hands them the clock and the state changes: downstream
+// filters first, so that nobody receives what he is not ready for. The graph's methods belong to
+// the application's thread; events may be posted from any thread and are kept in a queue of bounded
+// length, whose oldest entry goes first. No lock is held while a filter is called, except the
+// recursive one of the application's own calls.
+class FilterGraph final : public CUnknown,
+                          public IFilterGraph,
+                          public IMediaFilter,
+                          public IMediaEventSink {
+ public:
+  DECLARE_IUNKNOWN
+
+  static constexpr std::size_t kMaxEvents = 1024;
+
+  // A new graph with one reference.
+  static ComPtr<FilterGraph> Create();
+  FilterGraph();
+  ~FilterGraph() override;
+
+  HRESULT NonDelegatingQueryInterface(REFIID iid, void** object) override;
+
+  // The graph must be stopped for a change of its filters. A taken name is made unique
+  // (VFW_S_DUPLICATE_NAME).
+  HRESULT AddFilter(IBaseFilter* filter, LPCWSTR name) override;
+  // Disconnects the filter's pins first, on both sides.
+  HRESULT RemoveFilter(IBaseFilter* filter) override;
+  HRESULT EnumFilters(IEnumFilters** enumerator) override;
+  HRESULT FindFilterByName(LPCWSTR name, IBaseFilter** filter) override;
+  // type may be null: the pins then agree on one. VFW_E_NOT_IN_GRAPH unless both filters are here,
+  // VFW_E_CIRCULAR_GRAPH when the connection would close a circle.
+  HRESULT ConnectDirect(IPin* output, IPin* input, const AM_MEDIA_TYPE* type) override;
+  HRESULT Reconnect(IPin* pin) override;
+  HRESULT Disconnect(IPin* pin) override;
+  // Filters without a clock of their own run free; a host that wants a clock sets it.
+  HRESULT SetDefaultSyncSource() override;
+
+  HRESULT GetClassID(CLSID* clsid) override;
+  // Every filter is stopped, whatever the others answer; the first failure is returned.
+  HRESULT Stop() override;
+  // A filter that fails leaves the graph stopped as before, with the filter's result.
+  HRESULT Pause() override;
+  // start: clock time of stream time 0; 0 lets the graph choose (now, and a moment to start in).
+  HRESULT Run(REFERENCE_TIME start) override;
+  HRESULT GetState(DWORD milliseconds, FILTER_STATE* state) override;
+  HRESULT SetSyncSource(IReferenceClock* clock) override;
+  HRESULT GetSyncSource(IReferenceClock** clock) override;
+
+  HRESULT Notify(LONG code, LONG_PTR parameter1, LONG_PTR parameter2) override;
+
+  // The oldest event, waiting at most that long for one.
+  std::optional<GraphEvent> GetEvent(std::chrono::milliseconds timeout);
+
+ private:
+  struct Entry {
+    std::u16string name;
+    ComPtr<IBaseFilter> filter;
+  };
+
+  Entry* FindEntry(IUnknown* filter);
+  ComPtr<IBaseFilter> FilterOf(IPin* pin);
+  bool Reaches(IBaseFilter* from, IBaseFilter* to);
+  // Filters in an order in which every filter stands after all those that it delivers to.
+  std::vector<ComPtr<IBaseFilter>> DownstreamFirst();
+  HRESULT StopAll();
+
+  std::recursive_mutex lock_;
+  std::vector<Entry> filters_;          // guarded by lock_
+  FILTER_STATE state_ = State_Stopped;  // guarded by lock_
+  ComPtr<IReferenceClock> clock_;       // guarded by lock_
+  REFERENCE_TIME start_ = 0;            // guarded by lock_
+  REFERENCE_TIME pausedAt_ = 0;         // guarded by lock_
+
+  std::mutex eventLock_;
+  std::condition_variable eventPosted_;
+  std::deque<GraphEvent> events_;  // guarded by eventLock_
+};
