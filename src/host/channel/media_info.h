@@ -1,0 +1,77 @@
+// What a source carries and what comes out of it, as plain data.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "host/ffmpeg/handles.h"
+#include "host/units.h"
+
+namespace host {
+
+struct VideoInfo {
+  int streamIndex = 0;
+  std::string codec;  // FFmpeg's name, for example "h264"
+  int width = 0;      // pixels, as announced; a picture may differ
+  int height = 0;
+  Ratio pixelAspect{1, 1};
+  Ratio frameRate{0, 1};  // 0/1 when not known
+  std::string pixelFormat;
+  std::string colourSpace;  // "unknown" when not announced
+  std::string colourRange;
+  int rotation = 0;  // degrees clockwise by which the picture is to be turned: 0, 90, 180, 270
+};
+
+struct AudioInfo {
+  int streamIndex = 0;
+  std::string codec;
+  int sampleRate = 0;  // hertz
+  int channels = 0;
+  std::string language;  // ISO 639, empty when not known
+  std::string title;     // empty when not known
+};
+
+struct MediaInfo {
+  std::string format;          // FFmpeg's name of the container
+  std::optional<Time> length;  // of files
+  bool seekable = false;
+  std::string serviceName;  // of a transport stream's programme, otherwise the title; may be empty
+  std::optional<VideoInfo> video;
+  std::string noVideoReason;  // why there is no video, otherwise empty
+  std::optional<AudioInfo> audio;
+  std::string noAudioReason;
+  std::vector<AudioInfo> audioTracks;  // all that the source offers
+};
+
+// One decoded picture; its duration is that of a frame of the source.
+struct VideoPicture {
+  ffmpeg::Frame frame;
+  Time start = 0;
+  Time duration = 0;
+  bool discontinuity = false;  // the source's time stamps jumped before it
+};
+
+// One compressed audio packet as the source has it. Its own stamps are those of start and duration,
+// in units of 100 ns.
+struct AudioPacket {
+  ffmpeg::Packet packet;
+  Time start = 0;
+  Time duration = 0;
+  bool discontinuity = false;
+};
+
+// The decoded samples of an audio packet, in the layout, rate and format of the source.
+struct AudioSamples {
+  ffmpeg::Frame frame;
+  Time start = 0;
+  Time duration = 0;
+};
+
+// The source has ended. Nothing follows.
+struct EndOfMedia {};
+
+using MediaItem = std::variant<VideoPicture, AudioPacket, AudioSamples, EndOfMedia>;
+
+}  // namespace host

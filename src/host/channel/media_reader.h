@@ -1,0 +1,109 @@
+// Reads and decodes one source: a file or any URL that FFmpeg opens.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/channel/media_error.h"
+#include "host/channel/media_info.h"
+#include "host/channel/source_clock.h"
+#include "host/channel/stream_decoder.h"
+#include "host/ffmpeg/handles.h"
+#include "host/ffmpeg/io_deadline.h"
+#include "host/units.h"
+
+namespace host {
+
+// Gives the best video and the wanted audio of a source, item by item, in the order of the source:
+// decoded pictures, compressed audio packets, and after each packet its decoded samples. All times
+// are on one clock that starts near 0 and goes on through wraps, jumps and repeats (SourceClock).
+//
+// Owned by its channel. Open and Read block, up to the limits of the settings, and belong to one
+// thread; Cancel may be called by any thread at any time, also during Open, and makes the blocking
+// call end within some milliseconds. A failed reader is thrown away; reopening makes a new one.
+class MediaReader {
+ public:
+  struct Settings {
+    std::string source;  // path or URL
+    std::chrono::milliseconds openLimit{10'000};
+    std::chrono::milliseconds readLimit{5'000};  // for each packet
+    int decoderThreads = 1;                      // 1: everything on the reading thread
+    bool repeat = false;                         // begin again at the end of a file
+    bool wantVideo = true;
+    bool wantAudio = true;
+    bool decodeAudio = true;                     // false: packets only
+    std::size_t audioTrack = 0;                  // counted from 1; 0: the one that FFmpeg prefers
+    std::string audioLanguage;                   // ISO 639; preferred when there is such a track
+    std::map<std::string, std::string> options;  // of FFmpeg's protocol and container
+  };
+
+  explicit MediaReader(Settings settings);
+  ~MediaReader();
+  MediaReader(const MediaReader&) = delete;
+  MediaReader& operator=(const MediaReader&) = delete;
+
+  // Throws MediaError. A source with only one of video and audio opens, and info() has the reason
+  // for the missing one.
+  void Open();
+  // The next item; EndOfMedia again and again at the end. Throws MediaError, after which the reader
+  // is of no more use.
+  MediaItem Read();
+  void Cancel() { deadline_.Cancel(); }
+
+  // What follows is valid after Open.
+  const MediaInfo& info() const { return info_; }
+  // Of the chosen audio stream, as the container announces it; null without audio.
+  const AVCodecParameters* audioParameters() const { return audioParameters_.get(); }
+  // Options of the settings that neither protocol nor container knows.
+  const std::vector<std::string>& unknownOptions() const { return unknownOptions_; }
+  std::uint64_t damagedPackets() const;
+  // How often the source began again.
+  std::uint64_t repeats() const { return repeats_; }
+
+ private:
+  struct Track {
+    int streamIndex = -1;
+    std::size_t clockStream = 0;
+    std::optional<StreamDecoder> decoder;
+    Time pictureDuration = 0;
+    Time nextStart = 0;                   // end of the latest item handed out
+    std::optional<Time> lastStart;        // of the latest item handed out
+    std::optional<Time> discontinuityAt;  // the first item from here on carries the flag
+  };
+
+  void ChooseTracks();
+  void StartTrack(std::optional<Track>& track, int streamIndex, std::string& whyNot);
+  void ReadPacket();
+  void HandlePacket(ffmpeg::Packet packet);
+  void FinishPass();
+  void Rewind();
+  void GiveAudioPacket(const AVPacket& packet, bool discontinuity);
+  void GivePicture(ffmpeg::Frame frame);
+  void GiveSamples(ffmpeg::Frame frame);
+  void DecodeVideo(const AVPacket& packet);
+  void DecodeAudio(const AVPacket& packet);
+  [[noreturn]] void Fail(int code, bool opening) const;
+
+  const Settings settings_;
+  const std::string maskedSource_;
+  ffmpeg::IoDeadline deadline_;
+  ffmpeg::InputFormat input_;
+  MediaInfo info_;
+  ffmpeg::Parameters audioParameters_;
+  std::vector<std::string> unknownOptions_;
+  std::optional<SourceClock> clock_;
+  std::optional<Track> video_;
+  std::optional<Track> audio_;
+  std::deque<MediaItem> ready_;  // what one packet gave, at most
+  bool gaveInPass_ = false;
+  bool ended_ = false;
+  std::uint64_t repeats_ = 0;
+};
+
+}  // namespace host

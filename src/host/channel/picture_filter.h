@@ -1,0 +1,37 @@
+// A chain of FFmpeg's picture filters: deinterlacing and turning upright.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "host/ffmpeg/handles.h"
+#include "host/units.h"
+
+struct AVFilterContext;
+
+namespace host {
+
+// Takes pictures of one size, format and shape; frames carry their start in pts, in units of 100
+// ns. Works on the calling thread alone. Owned by one PictureConverter.
+class PictureFilter {
+ public:
+  using FrameSink = std::function<void(ffmpeg::Frame)>;
+
+  // description: FFmpeg's notation, for example "bwdif=mode=send_frame". Throws ffmpeg::Error.
+  PictureFilter(const AVFrame& like, const std::string& description);
+  ~PictureFilter();
+
+  // Hands every picture that is ready to the sink. Throws ffmpeg::Error.
+  void Push(ffmpeg::Frame frame, const FrameSink& sink);
+  // Hands over what the filters hold back; nothing may be pushed afterwards.
+  void Finish(const FrameSink& sink);
+
+ private:
+  void Receive(const FrameSink& sink);
+
+  ffmpeg::FilterGraph graph_;
+  AVFilterContext* source_ = nullptr;  // owned by graph_
+  AVFilterContext* sink_ = nullptr;    // owned by graph_
+};
+
+}  // namespace host

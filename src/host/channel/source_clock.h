@@ -1,0 +1,89 @@
+// Turns the time stamps of a source into one clock that starts near 0 and never jumps.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "host/units.h"
+
+namespace host {
+
+// A source's time stamps start anywhere, wrap (26.5 hours in MPEG-TS), jump when the sender
+// restarts or splices, and begin again when a file is repeated. Each kind of jump needs another
+// answer:
+//  - a wrap is undone exactly, with the stream's known wrap period, so nothing is seen of it;
+//  - a jump (backwards by more than kBackLimit, or forwards by more than the forward limit) gets a
+//    new offset with which the stream goes on where it was; a shorter step forwards is a real gap;
+//  - the other streams of the source jump a few packets earlier or later: each keeps its own offset
+//    until its own stamps jump, and then takes the newest offset if that makes it continuous. Sound
+//    and picture thus stay together, and no packet from before the jump is thrown to the other
+//    side.
+//
+// Owned and called by one reader on its thread; no lock.
+class SourceClock {
+ public:
+  static constexpr Time kBackLimit = kSecond / 2;
+  // How far the streams of one source may be apart when they jump together.
+  static constexpr Time kAdoptionLimit = 2 * kSecond;
+
+  struct Stamps {
+    std::optional<Time> dts;
+    std::optional<Time> pts;
+    Time duration = 0;  // 0 when not known
+  };
+
+  struct Mapped {
+    Time dts = 0;
+    std::optional<Time> pts;
+    bool discontinuity = false;  // the first packet of its stream after a jump
+  };
+
+  // forwardLimit: the longest step forwards that still counts as a gap. origin: the source time
+  // that becomes 0; by default that of the first packet.
+  explicit SourceClock(Time forwardLimit, std::optional<Time> origin = {});
+
+  // Adds a stream and returns its number, counted from 0. wrapPeriod 0: the stamps never wrap.
+  std::size_t AddStream(Time wrapPeriod);
+
+  // The stamps of the next packet of a stream, on the continuous clock. A packet without any stamp
+  // follows the one before it.
+  Mapped Map(std::size_t stream, Stamps stamps);
+
+  // The source begins again from its origin: what follows is placed after everything given so far.
+  void Restart();
+
+  // End of the latest packet so far.
+  Time end() const { return end_; }
+
+ private:
+  // Clock time minus source time; a jump makes the next one.
+  struct Offset {
+    Time value = 0;
+    std::uint64_t number = 0;
+  };
+
+  struct Stream {
+    Time wrapPeriod = 0;
+    Offset offset;
+    bool started = false;
+    Time lastRaw = 0;   // latest source time, wraps undone
+    Time expected = 0;  // clock time at which the next packet would follow without a gap
+    Time lastStep = 0;  // distance of the latest two packets
+  };
+
+  Time Unwrap(const Stream& stream, Time raw) const;
+  // Gives the stream another offset when its stamps jumped; true when they did.
+  bool FollowJump(Stream& stream, Time raw);
+  void AddOffset(Time value);
+
+  const Time forwardLimit_;
+  std::optional<Time> origin_;
+  Offset newest_;
+  std::vector<Stream> streams_;
+  Time end_ = 0;
+  bool restarting_ = false;
+};
+
+}  // namespace host

@@ -1,0 +1,43 @@
+// The decoder of one stream.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+
+#include "host/ffmpeg/handles.h"
+
+struct AVStream;
+
+namespace host {
+
+// Decodes packets whose stamps are in units of 100 ns; frames have the same unit. A damaged packet
+// is counted and skipped, as a monitor must: it never ends the stream. Owned and called by one
+// reader on its thread.
+class StreamDecoder {
+ public:
+  using FrameSink = std::function<void(ffmpeg::Frame)>;
+
+  // threads: 1 decodes on the calling thread. Throws ffmpeg::Error when there is no decoder for the
+  // stream or it does not start.
+  StreamDecoder(const AVStream& stream, int threads);
+  ~StreamDecoder();
+
+  // Hands every frame that is ready to the sink.
+  void Decode(const AVPacket& packet, const FrameSink& sink);
+  // The stream is at its end: hands over what the decoder still holds.
+  void Drain(const FrameSink& sink);
+  // Forgets what it holds: the next packet is unrelated, for example after a seek.
+  void Reset();
+
+  // False when the stream's codec has become another one since.
+  bool Fits(const AVStream& stream) const;
+  std::uint64_t damagedPackets() const { return damagedPackets_; }
+
+ private:
+  void Receive(const FrameSink& sink);
+
+  ffmpeg::Codec codec_;
+  std::uint64_t damagedPackets_ = 0;
+};
+
+}  // namespace host

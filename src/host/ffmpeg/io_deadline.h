@@ -1,0 +1,53 @@
+// Ends a blocking call of FFmpeg when its time is over or its caller is told to stop.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+
+namespace host::ffmpeg {
+
+// FFmpeg asks again and again during a blocking call whether to give up. Owned by the reader or
+// writer whose context has Callback; Arm and Disarm are called by its thread, Cancel by any thread,
+// the callback by whatever thread FFmpeg works on. Atomics only, no lock.
+class IoDeadline {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  // The calls that follow may take this long together.
+  void Arm(std::chrono::milliseconds limit) {
+    expired_.store(false, std::memory_order_relaxed);
+    deadline_.store((Clock::now() + limit).time_since_epoch().count(), std::memory_order_relaxed);
+  }
+  void Disarm() { deadline_.store(kNever, std::memory_order_relaxed); }
+  // For good: every call from now on ends at once.
+  void Cancel() { cancelled_.store(true, std::memory_order_relaxed); }
+
+  // For AVIOInterruptCB, with the deadline as the opaque pointer: 1 to give up.
+  static int Callback(void* deadline) {
+    return static_cast<IoDeadline*>(deadline)->ShouldStop() ? 1 : 0;
+  }
+
+  bool ShouldStop() {
+    if (cancelled()) {
+      return true;
+    }
+    if (Clock::now().time_since_epoch().count() < deadline_.load(std::memory_order_relaxed)) {
+      return false;
+    }
+    expired_.store(true, std::memory_order_relaxed);
+    return true;
+  }
+
+  bool cancelled() const { return cancelled_.load(std::memory_order_relaxed); }
+  // A call was ended because its time was over, since the latest Arm.
+  bool expired() const { return expired_.load(std::memory_order_relaxed); }
+
+ private:
+  static constexpr Clock::rep kNever = Clock::duration::max().count();
+
+  std::atomic<Clock::rep> deadline_{kNever};
+  std::atomic<bool> cancelled_{false};
+  std::atomic<bool> expired_{false};
+};
+
+}  // namespace host::ffmpeg

@@ -1,0 +1,163 @@
+#include "host/output/muxer.h"
+
+#include <algorithm>
+#include <new>
+#include <stdexcept>
+#include <utility>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+}
+
+#include "host/ffmpeg/error.h"
+#include "host/ffmpeg/mask.h"
+
+namespace host {
+
+namespace {
+
+constexpr AVRational kTimeUnit = {1, static_cast<int>(kSecond)};
+
+// FFmpeg finds the format of a file by its name, but not that of most URLs.
+const char* FormatOfScheme(const std::string& url) {
+  const std::size_t mark = url.find("://");
+  const std::string scheme = mark == std::string::npos ? "" : url.substr(0, mark);
+  if (scheme == "udp" || scheme == "srt" || scheme == "tcp") {
+    return "mpegts";
+  }
+  if (scheme.starts_with("rtmp")) {
+    return "flv";
+  }
+  if (scheme == "rtp") {
+    return "rtp_mpegts";
+  }
+  return scheme.starts_with("rtsp") ? "rtsp" : nullptr;
+}
+
+}  // namespace
+
+Muxer::Muxer(Settings settings) : settings_(std::move(settings)) {
+  const char* const name =
+      settings_.format.empty() ? FormatOfScheme(settings_.url) : settings_.format.c_str();
+  AVFormatContext* context = nullptr;
+  ffmpeg::Check(avformat_alloc_output_context2(&context, nullptr, name, settings_.url.c_str()),
+                "no known format for", settings_.url);
+  output_.reset(context);
+  output_->interrupt_callback = {&ffmpeg::IoDeadline::Callback, &deadline_};
+  output_->max_interleave_delta = av_rescale(settings_.interleaveLimit, AV_TIME_BASE, kSecond);
+}
+
+Muxer::~Muxer() {
+  if (started_) {
+    deadline_.Arm(settings_.writeLimit);
+    av_write_trailer(output_.get());
+  }
+}
+
+bool Muxer::wantsGlobalHeader() const {
+  return (output_->oformat->flags & AVFMT_GLOBALHEADER) != 0;
+}
+
+std::string Muxer::formatName() const {
+  return output_->oformat->name;
+}
+
+std::size_t Muxer::AddTrack(const AVCodecParameters& parameters) {
+  if (started_) {
+    throw std::logic_error("tracks are added before the output starts");
+  }
+  if (avformat_query_codec(output_->oformat, parameters.codec_id, FF_COMPLIANCE_NORMAL) == 0) {
+    throw ffmpeg::Error(AVERROR_MUXER_NOT_FOUND,
+                        formatName() + " cannot hold " + avcodec_get_name(parameters.codec_id));
+  }
+  AVStream* stream = avformat_new_stream(output_.get(), nullptr);
+  if (stream == nullptr || avcodec_parameters_copy(stream->codecpar, &parameters) < 0) {
+    throw std::bad_alloc();
+  }
+  // The tag belongs to the container that the parameters came from.
+  stream->codecpar->codec_tag = 0;
+  stream->time_base = kTimeUnit;
+  lastDts_.emplace_back();
+  return lastDts_.size() - 1;
+}
+
+std::size_t Muxer::AddVideo(const AVCodecParameters& parameters, Ratio frameRate) {
+  const std::size_t track = AddTrack(parameters);
+  AVStream* stream = output_->streams[track];
+  stream->avg_frame_rate = {frameRate.num, frameRate.den};
+  stream->r_frame_rate = stream->avg_frame_rate;
+  stream->sample_aspect_ratio = parameters.sample_aspect_ratio;
+  stream->disposition |= AV_DISPOSITION_DEFAULT;
+  return track;
+}
+
+std::size_t Muxer::AddAudio(const AVCodecParameters& parameters, const std::string& name,
+                            const std::string& language) {
+  const std::size_t track = AddTrack(parameters);
+  AVStream* stream = output_->streams[track];
+  if (!name.empty()) {
+    av_dict_set(&stream->metadata, "title", name.c_str(), 0);
+    av_dict_set(&stream->metadata, "handler_name", name.c_str(), 0);  // what MP4 keeps
+  }
+  if (!language.empty()) {
+    av_dict_set(&stream->metadata, "language", language.c_str(), 0);
+  }
+  return track;
+}
+
+void Muxer::Start() {
+  deadline_.Arm(settings_.writeLimit);
+  ffmpeg::Options options;
+  for (const auto& [key, value] : settings_.options) {
+    options.Set(key.c_str(), value);
+  }
+  if ((output_->oformat->flags & AVFMT_NOFILE) == 0) {
+    ffmpeg::Check(avio_open2(&output_->pb, settings_.url.c_str(), AVIO_FLAG_WRITE,
+                             &output_->interrupt_callback, options.Exchange()),
+                  "cannot write", settings_.url);
+  }
+  ffmpeg::Check(avformat_write_header(output_.get(), options.Exchange()), "cannot write",
+                settings_.url);
+  unknownOptions_ = options.UnusedKeys();
+  started_ = true;
+}
+
+void Muxer::Write(std::size_t track, ffmpeg::Packet packet) {
+  const AVStream& stream = *output_->streams[track];
+  av_packet_rescale_ts(packet.get(), kTimeUnit, stream.time_base);
+  packet->time_base = stream.time_base;
+  packet->stream_index = static_cast<int>(track);
+  if (packet->dts == AV_NOPTS_VALUE) {
+    packet->dts = packet->pts;
+  }
+  std::optional<std::int64_t>& last = lastDts_.at(track);
+  // Times that fall together only because the container's unit is coarse are allowed where the
+  // container allows them.
+  const bool mayRepeat = (output_->oformat->flags & AVFMT_TS_NONSTRICT) != 0;
+  const std::int64_t earliest = last ? *last + (mayRepeat ? 0 : 1) : packet->dts;
+  if (packet->dts != AV_NOPTS_VALUE && packet->dts < earliest) {
+    packet->dts = earliest;
+    ++movedPackets_;
+  }
+  if (packet->pts != AV_NOPTS_VALUE) {
+    packet->pts = std::max(packet->pts, packet->dts);
+  }
+  last = packet->dts;
+  deadline_.Arm(settings_.writeLimit);
+  ffmpeg::Check(av_interleaved_write_frame(output_.get(), packet.get()), "cannot write",
+                settings_.url);
+}
+
+void Muxer::Finish() {
+  if (!std::exchange(started_, false)) {
+    return;
+  }
+  deadline_.Arm(settings_.writeLimit);
+  ffmpeg::Check(av_write_trailer(output_.get()), "cannot finish", settings_.url);
+  if ((output_->oformat->flags & AVFMT_NOFILE) == 0) {
+    ffmpeg::Check(avio_closep(&output_->pb), "cannot finish", settings_.url);
+  }
+}
+
+}  // namespace host

@@ -1,0 +1,79 @@
+// Writes one output: the mosaic and any number of audio tracks.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/ffmpeg/handles.h"
+#include "host/ffmpeg/io_deadline.h"
+#include "host/units.h"
+
+struct AVCodecParameters;
+
+namespace host {
+
+// Add the tracks, Start, Write, Finish. Packets of all tracks are interleaved by time here. Within
+// a track decoding times are made to increase, as containers demand: a packet that falls behind,
+// for example when a channel re-synchronised, is moved just behind the one before it and counted.
+// Owned and called by one output on its thread, except Cancel.
+class Muxer {
+ public:
+  struct Settings {
+    std::string url;     // path or URL
+    std::string format;  // FFmpeg's name; empty: by the name of the file or the scheme of the URL
+    std::chrono::milliseconds writeLimit{10'000};  // for each call that may wait for a consumer
+    // A track that is silent for longer no longer holds the others back.
+    Time interleaveLimit = 10 * kSecond;
+    std::map<std::string, std::string> options;  // of FFmpeg's container and protocol
+  };
+
+  // Throws ffmpeg::Error when there is no such format.
+  explicit Muxer(Settings settings);
+  // Finishes a started output that was not finished, without a word when that fails.
+  ~Muxer();
+  Muxer(const Muxer&) = delete;
+  Muxer& operator=(const Muxer&) = delete;
+
+  // The number of the new track; only before Start. Throws ffmpeg::Error when the container cannot
+  // hold it.
+  std::size_t AddVideo(const AVCodecParameters& parameters, Ratio frameRate);
+  // language: ISO 639, may be empty, as may be the name.
+  std::size_t AddAudio(const AVCodecParameters& parameters, const std::string& name,
+                       const std::string& language);
+
+  // Opens the file or connection and writes the header. Throws ffmpeg::Error.
+  void Start();
+  // The packet's stamps are in units of 100 ns. Its data are not copied. Throws ffmpeg::Error.
+  void Write(std::size_t track, ffmpeg::Packet packet);
+  // Writes what is still held back and the end of the file; nothing may follow. Throws
+  // ffmpeg::Error.
+  void Finish();
+  // Ends a blocking call, from any thread, for good.
+  void Cancel() { deadline_.Cancel(); }
+
+  // Whether encoders must put their headers into their parameters.
+  bool wantsGlobalHeader() const;
+  std::string formatName() const;
+  // Options of the settings that neither container nor protocol knows; after Start.
+  const std::vector<std::string>& unknownOptions() const { return unknownOptions_; }
+  // Packets that were moved because they fell behind.
+  std::uint64_t movedPackets() const { return movedPackets_; }
+
+ private:
+  std::size_t AddTrack(const AVCodecParameters& parameters);
+
+  const Settings settings_;
+  ffmpeg::IoDeadline deadline_;
+  ffmpeg::OutputFormat output_;
+  std::vector<std::optional<std::int64_t>> lastDts_;  // of each track, in the container's units
+  std::vector<std::string> unknownOptions_;
+  bool started_ = false;
+  std::uint64_t movedPackets_ = 0;
+};
+
+}  // namespace host

@@ -1,0 +1,99 @@
+#include "host/output/snapshot.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <fstream>
+#include <new>
+#include <stdexcept>
+#include <system_error>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/frame.h>
+#include <libswscale/swscale.h>
+}
+
+#include "host/ffmpeg/error.h"
+#include "host/ffmpeg/handles.h"
+
+namespace host {
+
+namespace {
+
+ffmpeg::Frame ToRgb(std::span<const std::uint8_t> yv12, int width, int height, int shownWidth) {
+  ffmpeg::Frame rgb = ffmpeg::MakeFrame();
+  rgb->format = AV_PIX_FMT_RGB24;
+  rgb->width = shownWidth;
+  rgb->height = height;
+  ffmpeg::Check(av_frame_get_buffer(rgb.get(), 0), "cannot make a picture file");
+
+  const ffmpeg::Scaler scaler(sws_getContext(
+      width, height, AV_PIX_FMT_YUV420P, shownWidth, height, AV_PIX_FMT_RGB24,
+      SWS_BICUBIC | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INT, nullptr, nullptr, nullptr));
+  if (!scaler) {
+    throw std::bad_alloc();
+  }
+  const int* const coefficients = sws_getCoefficients(SWS_CS_ITU601);
+  sws_setColorspaceDetails(scaler.get(), coefficients, 0, coefficients, 1, 0, 1 << 16, 1 << 16);
+  const std::size_t lumaSize = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
+  const std::uint8_t* const planes[4] = {yv12.data(), yv12.data() + lumaSize + lumaSize / 4,
+                                         yv12.data() + lumaSize, nullptr};
+  const int strides[4] = {width, width / 2, width / 2, 0};
+  ffmpeg::Check(sws_scale(scaler.get(), planes, strides, 0, height, rgb->data, rgb->linesize),
+                "cannot make a picture file");
+  return rgb;
+}
+
+ffmpeg::Packet EncodePng(const AVFrame& rgb) {
+  const AVCodec* encoder = avcodec_find_encoder(AV_CODEC_ID_PNG);
+  if (encoder == nullptr) {
+    throw ffmpeg::Error(AVERROR_ENCODER_NOT_FOUND, "cannot make a PNG file");
+  }
+  const ffmpeg::Codec codec(avcodec_alloc_context3(encoder));
+  if (!codec) {
+    throw std::bad_alloc();
+  }
+  codec->width = rgb.width;
+  codec->height = rgb.height;
+  codec->pix_fmt = AV_PIX_FMT_RGB24;
+  codec->time_base = {1, 25};
+  codec->thread_count = 1;
+  ffmpeg::Check(avcodec_open2(codec.get(), encoder, nullptr), "cannot make a PNG file");
+  ffmpeg::Check(avcodec_send_frame(codec.get(), &rgb), "cannot make a PNG file");
+  ffmpeg::Check(avcodec_send_frame(codec.get(), nullptr), "cannot make a PNG file");
+  ffmpeg::Packet packet = ffmpeg::MakePacket();
+  ffmpeg::Check(avcodec_receive_packet(codec.get(), packet.get()), "cannot make a PNG file");
+  return packet;
+}
+
+void WriteWhole(const std::filesystem::path& file, const std::uint8_t* data, std::size_t size) {
+  std::filesystem::path partial = file;
+  partial += ".part";
+  std::ofstream stream(partial, std::ios::binary | std::ios::trunc);
+  stream.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
+  stream.close();
+  if (!stream) {
+    const std::error_code reason(errno, std::generic_category());
+    std::error_code ignored;
+    std::filesystem::remove(partial, ignored);
+    throw std::filesystem::filesystem_error("cannot write a picture file", file, reason);
+  }
+  std::filesystem::rename(partial, file);
+}
+
+}  // namespace
+
+void WriteSnapshot(const std::filesystem::path& file, std::span<const std::uint8_t> yv12, int width,
+                   int height, Ratio pixelAspect) {
+  const std::size_t size =
+      static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 3 / 2;
+  if (width < 2 || height < 2 || yv12.size() < size || !pixelAspect.positive()) {
+    throw std::invalid_argument("a snapshot needs a whole YV12 picture");
+  }
+  const int shownWidth = std::max(1, static_cast<int>(std::lround(width * pixelAspect.value())));
+  const ffmpeg::Packet png = EncodePng(*ToRgb(yv12, width, height, shownWidth));
+  WriteWhole(file, png->data, static_cast<std::size_t>(png->size));
+}
+
+}  // namespace host

@@ -1,0 +1,177 @@
+#include "host/output/video_encoder.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+#include <stdexcept>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/opt.h>
+}
+
+#include "host/ffmpeg/error.h"
+
+namespace host {
+
+namespace {
+
+constexpr AVRational kTimeUnit = {1, static_cast<int>(kSecond)};
+
+// By the name of an encoder, otherwise the first encoder of a codec of that name.
+const AVCodec* FindEncoder(const std::string& name) {
+  if (name == "h264") {
+    if (const AVCodec* encoder = avcodec_find_encoder_by_name("libx264")) {
+      return encoder;
+    }
+  }
+  if (const AVCodec* encoder = avcodec_find_encoder_by_name(name.c_str())) {
+    return encoder;
+  }
+  const AVCodecDescriptor* descriptor = avcodec_descriptor_get_by_name(name.c_str());
+  return descriptor != nullptr ? avcodec_find_encoder(descriptor->id) : nullptr;
+}
+
+bool Offers(const AVCodecContext& context, const char* option) {
+  return context.priv_data != nullptr &&
+         av_opt_find(context.priv_data, option, nullptr, 0, 0) != nullptr;
+}
+
+void CopyPlane(const std::uint8_t* from, std::uint8_t* to, int stride, int width, int height) {
+  for (int row = 0; row < height; ++row) {
+    std::memcpy(to, from, static_cast<std::size_t>(width));
+    from += width;
+    to += stride;
+  }
+}
+
+}  // namespace
+
+VideoEncoder::VideoEncoder(const Settings& settings)
+    : frameDuration_(FrameDuration(settings.frameRate)) {
+  const AVCodec* encoder = FindEncoder(settings.codec);
+  if (encoder == nullptr || encoder->type != AVMEDIA_TYPE_VIDEO) {
+    throw ffmpeg::Error(AVERROR_ENCODER_NOT_FOUND, "cannot encode video as", settings.codec);
+  }
+  codec_.reset(avcodec_alloc_context3(encoder));
+  if (!codec_) {
+    throw std::bad_alloc();
+  }
+  codec_->width = settings.width;
+  codec_->height = settings.height;
+  codec_->pix_fmt = AV_PIX_FMT_YUV420P;
+  codec_->framerate = {settings.frameRate.num, settings.frameRate.den};
+  // Whole frames: the bit stream then announces the true frame rate.
+  codec_->time_base = {settings.frameRate.den, settings.frameRate.num};
+  codec_->sample_aspect_ratio = {settings.pixelAspect.num, settings.pixelAspect.den};
+  codec_->color_range = AVCOL_RANGE_MPEG;
+  codec_->colorspace = AVCOL_SPC_SMPTE170M;
+  codec_->color_primaries = AVCOL_PRI_BT709;
+  codec_->color_trc = AVCOL_TRC_BT709;
+  codec_->chroma_sample_location = AVCHROMA_LOC_LEFT;
+  codec_->gop_size = static_cast<int>(std::clamp<Time>(
+      (settings.keyFrameInterval + frameDuration_ / 2) / frameDuration_, 1, 10'000));
+  codec_->thread_count = settings.threads;
+  if (settings.globalHeader) {
+    codec_->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+  }
+  if (settings.lowDelay) {
+    codec_->flags |= AV_CODEC_FLAG_LOW_DELAY;
+    codec_->max_b_frames = 0;
+  }
+  if (settings.bitRate > 0) {
+    codec_->bit_rate = settings.bitRate;
+    codec_->rc_max_rate = settings.bitRate;
+    codec_->rc_buffer_size =
+        static_cast<int>(std::min<std::int64_t>(settings.bitRate, 1'000'000'000));
+  }
+
+  ffmpeg::Options options;
+  if (Offers(*codec_, "preset")) {
+    options.Set("preset", settings.preset);
+  }
+  if (Offers(*codec_, "crf") && settings.bitRate <= 0) {
+    options.Set("crf", std::to_string(settings.quality.value_or(20.0)));
+  } else if (settings.bitRate <= 0) {
+    // Encoders without a quality scale get a rate that suits the size of the canvas.
+    codec_->bit_rate = static_cast<std::int64_t>(settings.width * settings.height *
+                                                 settings.frameRate.value() * 0.15);
+  }
+  if (settings.lowDelay && Offers(*codec_, "tune")) {
+    options.Set("tune", "zerolatency");
+  }
+  ffmpeg::Check(avcodec_open2(codec_.get(), encoder, options.Exchange()),
+                "cannot start the encoder", encoder->name);
+
+  frame_ = ffmpeg::MakeFrame();
+  frame_->format = AV_PIX_FMT_YUV420P;
+  frame_->width = settings.width;
+  frame_->height = settings.height;
+  ffmpeg::Check(av_frame_get_buffer(frame_.get(), 0), "cannot make a picture to encode");
+}
+
+VideoEncoder::~VideoEncoder() = default;
+
+ffmpeg::Parameters VideoEncoder::parameters() const {
+  ffmpeg::Parameters parameters = ffmpeg::MakeParameters();
+  ffmpeg::Check(avcodec_parameters_from_context(parameters.get(), codec_.get()),
+                "cannot describe the encoded video");
+  return parameters;
+}
+
+std::string VideoEncoder::encoderName() const {
+  return codec_->codec->name;
+}
+
+void VideoEncoder::Encode(std::span<const std::uint8_t> yv12, Time start, const PacketSink& sink) {
+  const int width = codec_->width;
+  const int height = codec_->height;
+  const std::size_t lumaSize = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
+  if (yv12.size() < lumaSize * 3 / 2) {
+    throw std::invalid_argument("the picture is smaller than the canvas");
+  }
+  // The encoder may still hold the former picture: then this gives a new buffer.
+  ffmpeg::Check(av_frame_make_writable(frame_.get()), "cannot make a picture to encode");
+  CopyPlane(yv12.data(), frame_->data[0], frame_->linesize[0], width, height);
+  CopyPlane(yv12.data() + lumaSize, frame_->data[2], frame_->linesize[2], width / 2, height / 2);
+  CopyPlane(yv12.data() + lumaSize + lumaSize / 4, frame_->data[1], frame_->linesize[1], width / 2,
+            height / 2);
+  if (!firstStart_) {
+    firstStart_ = start;
+  }
+  lastFrame_ =
+      std::max(av_rescale_q(start - *firstStart_, kTimeUnit, codec_->time_base), lastFrame_ + 1);
+  frame_->pts = lastFrame_;
+  frame_->pict_type = AV_PICTURE_TYPE_NONE;
+  ffmpeg::Check(avcodec_send_frame(codec_.get(), frame_.get()), "cannot encode a picture");
+  Receive(sink);
+}
+
+void VideoEncoder::Finish(const PacketSink& sink) {
+  const int result = avcodec_send_frame(codec_.get(), nullptr);
+  if (result != AVERROR_EOF) {
+    ffmpeg::Check(result, "cannot finish encoding");
+  }
+  Receive(sink);
+}
+
+void VideoEncoder::Receive(const PacketSink& sink) {
+  for (;;) {
+    ffmpeg::Packet packet = ffmpeg::MakePacket();
+    const int result = avcodec_receive_packet(codec_.get(), packet.get());
+    if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) {
+      return;
+    }
+    ffmpeg::Check(result, "cannot encode a picture");
+    av_packet_rescale_ts(packet.get(), codec_->time_base, kTimeUnit);
+    packet->time_base = kTimeUnit;
+    packet->pts += *firstStart_;
+    packet->dts += *firstStart_;
+    if (packet->duration <= 0) {
+      packet->duration = frameDuration_;
+    }
+    sink(std::move(packet));
+  }
+}
+
+}  // namespace host

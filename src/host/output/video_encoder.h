@@ -1,0 +1,63 @@
+// Encodes the mosaic.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <span>
+#include <string>
+
+#include "host/ffmpeg/handles.h"
+#include "host/units.h"
+
+namespace host {
+
+// YV12 pictures (packed: Y, V, U, stride = width, BT.601 studio range) into compressed packets. The
+// picture is copied before Encode returns, so the caller's buffer is free again. Owned and called
+// by one output on its thread; no lock. Encoders use threads of their own inside.
+class VideoEncoder {
+ public:
+  struct Settings {
+    int width = 0;  // pixels, even
+    int height = 0;
+    Ratio frameRate{25, 1};
+    Ratio pixelAspect{1, 1};
+    std::string codec = "h264";  // FFmpeg's name of a codec or of an encoder
+    std::string preset = "veryfast";
+    std::int64_t bitRate = 0;       // bits per second; 0: constant quality
+    std::optional<double> quality;  // of libx264's scale, 0 (best) to 51; used without bit rate
+    Time keyFrameInterval = 2 * kSecond;
+    bool lowDelay = false;     // no reordering, no look-ahead
+    int threads = 0;           // 0: as many as the encoder likes
+    bool globalHeader = true;  // what Matroska and MP4 need, and MPEG-TS does not
+  };
+
+  using PacketSink = std::function<void(ffmpeg::Packet)>;
+
+  // Throws ffmpeg::Error.
+  explicit VideoEncoder(const Settings& settings);
+  ~VideoEncoder();
+
+  // start: on the output's clock. Frames may be left out, but all starts lie on the grid of the
+  // frame rate that the first one opens; others are moved to the nearest later free place on it.
+  // The sink gets the packets that are ready, stamped in units of 100 ns. Throws ffmpeg::Error.
+  void Encode(std::span<const std::uint8_t> yv12, Time start, const PacketSink& sink);
+  // Hands over what is still inside; nothing may be encoded afterwards.
+  void Finish(const PacketSink& sink);
+
+  // For Muxer::AddVideo.
+  ffmpeg::Parameters parameters() const;
+  // FFmpeg's name of the encoder in use, for example "libx264".
+  std::string encoderName() const;
+
+ private:
+  void Receive(const PacketSink& sink);
+
+  ffmpeg::Codec codec_;
+  ffmpeg::Frame frame_;
+  Time frameDuration_;
+  std::optional<Time> firstStart_;
+  std::int64_t lastFrame_ = -1;  // counted from the first, in frames
+};
+
+}  // namespace host
