@@ -1,0 +1,18 @@
+#include "log/dummy_log_perf.h"
+
+#include "log/format_buffer.h"
+#include "platform/os/debugger_output.h"
+
+namespace qorp::log {
+
+void DummyLogPerf::log(std::int32_t, const char* format, ...) {
+  FormatBuffer<260> buffer;
+  va_list arguments;
+  va_start(arguments, format);
+  const std::string_view text = buffer.Format(format, arguments);
+  va_end(arguments);
+  os::WriteDebuggerOutput(text);
+  os::WriteDebuggerOutput("\n");
+}
+
+}  // namespace qorp::log

@@ -1,0 +1,43 @@
+// A thread whose end can be waited for.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "platform/os/waitable.h"
+
+namespace os {
+
+// Runs a body on a thread of its own, from construction on. Signalled for good once the body has
+// returned. An exception that leaves the body ends the process.
+//
+// A wait that succeeds has joined the thread: none of its code runs any more, so that a library
+// that holds the body may be unloaded. The destructor never waits for a running body: that thread
+// goes on by itself, and keeps its body alive.
+class Thread final : public Waitable {
+ public:
+  // name: for debuggers and process listings, cut to what the system allows; empty for none.
+  // Throws std::system_error when the system refuses the thread.
+  explicit Thread(std::function<void()> body, std::string name = {});
+  ~Thread() override;
+
+  // The system's number of the thread.
+  std::uint32_t Id() const;
+
+ private:
+  struct State;
+
+  static void Run(const std::shared_ptr<State>& state);
+  bool TryTake() override;
+  const Signal& GetSignal() const override;
+
+  std::shared_ptr<State> state_;  // shared with the running thread
+  std::mutex joinLock_;
+  std::thread thread_;  // guarded by joinLock_; not joinable once joined
+};
+
+}  // namespace os

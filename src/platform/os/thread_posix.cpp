@@ -1,0 +1,68 @@
+#include <atomic>
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include "platform/os/thread.h"
+
+namespace os {
+namespace {
+
+// The longest name that the system takes.
+constexpr std::size_t kLongestName = 15;
+
+}  // namespace
+
+struct Thread::State {
+  std::function<void()> body;
+  std::string name;
+  std::atomic<std::uint32_t> id{0};  // 0 until the thread runs
+  std::atomic<bool> ended{false};
+  Signal signal;  // raised once, by the ending thread
+};
+
+Thread::Thread(std::function<void()> body, std::string name) : state_(std::make_shared<State>()) {
+  state_->body = std::move(body);
+  state_->name = name.substr(0, kLongestName);
+  thread_ = std::thread([state = state_] { Run(state); });
+}
+
+void Thread::Run(const std::shared_ptr<State>& state) {
+  state->id = static_cast<std::uint32_t>(::gettid());
+  state->id.notify_all();
+  if (!state->name.empty()) {
+    ::pthread_setname_np(::pthread_self(), state->name.c_str());
+  }
+  state->body();
+  state->ended = true;
+  state->signal.Raise();
+}
+
+Thread::~Thread() {
+  if (!TryTake()) {
+    thread_.detach();
+  }
+}
+
+std::uint32_t Thread::Id() const {
+  state_->id.wait(0);
+  return state_->id;
+}
+
+bool Thread::TryTake() {
+  if (!state_->ended) {
+    return false;
+  }
+  // The thread has only its last steps to do.
+  const std::lock_guard guard(joinLock_);
+  if (thread_.joinable()) {
+    thread_.join();
+  }
+  return true;
+}
+
+const Waitable::Signal& Thread::GetSignal() const {
+  return state_->signal;
+}
+
+}  // namespace os
