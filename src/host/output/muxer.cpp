@@ -108,6 +108,10 @@ std::size_t Muxer::AddAudio(const AVCodecParameters& parameters, const std::stri
 
 void Muxer::Start() {
   deadline_.Arm(settings_.writeLimit);
+  if (!settings_.title.empty()) {
+    av_dict_set(&output_->metadata, "title", settings_.title.c_str(), 0);
+    av_dict_set(&output_->metadata, "service_name", settings_.title.c_str(), 0);
+  }
   ffmpeg::Options options;
   for (const auto& [key, value] : settings_.options) {
     options.Set(key.c_str(), value);

@@ -26,6 +26,7 @@ class Muxer {
   struct Settings {
     std::string url;     // path or URL
     std::string format;  // FFmpeg's name; empty: by the name of the file or the scheme of the URL
+    std::string title;   // of the file, or the service name of a transport stream; may be empty
     std::chrono::milliseconds writeLimit{10'000};  // for each call that may wait for a consumer
     // A track that is silent for longer no longer holds the others back.
     Time interleaveLimit = 10 * kSecond;
