@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 #include <string_view>
 
 #include "platform/com/hresult.h"
@@ -101,7 +100,7 @@ DWORD AMGetErrorTextA(HRESULT hr, char* buffer, DWORD capacity) {
   }
   const std::string_view text = FindText(hr);
   const std::size_t length = std::min<std::size_t>(text.size(), capacity - 1);
-  std::memcpy(buffer, text.data(), length);
+  std::copy_n(text.begin(), length, buffer);
   buffer[length] = '\0';
   return static_cast<DWORD>(length);
 }

@@ -1,0 +1,149 @@
+#include "util/text_codecs.h"
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using qorp::CodePoints;
+using qorp::TextBytes;
+using qorp::TextError;
+
+constexpr bool kStrict = false;
+constexpr bool kLenient = true;
+
+std::string ErrorOf(const std::function<void()>& operation) {
+  try {
+    operation();
+  } catch (const TextError& error) {
+    return error.what();
+  }
+  return "no error";
+}
+
+struct ParserCase {
+  TextBytes bytes;
+  const char* error;  // of strict mode; null when the bytes are sound
+  CodePoints lenient;
+};
+
+void CheckParser(std::int32_t encoding, const std::vector<ParserCase>& cases) {
+  const auto parser = qorp::CreateTextParser(encoding);
+  ASSERT_NE(parser, nullptr);
+  for (const ParserCase& each : cases) {
+    SCOPED_TRACE(testing::PrintToString(each.bytes));
+    EXPECT_EQ(parser->Parse(each.bytes, kLenient), each.lenient);
+    if (each.error == nullptr) {
+      EXPECT_EQ(parser->Parse(each.bytes, kStrict), each.lenient);
+    } else {
+      EXPECT_EQ(ErrorOf([&] { parser->Parse(each.bytes, kStrict); }), each.error);
+    }
+  }
+}
+
+TEST(TextCodecs, Utf8ParserNamesTheFaultOrDropsIt) {
+  const char* const invalid = "invalid utf-8 sequence, invalid character";
+  const char* const unexpected = "invalid utf-8 sequence, unexpected continuation byte";
+  const char* const expected = "invalid utf-8 sequence, expected a continuation byte";
+  const char* const unfinished = "unfinished utf-8 sequence";
+  CheckParser(qorp::kUtf8, {
+                               {{}, nullptr, {}},
+                               {{0x41, 0xC3, 0xA9, 0x7F}, nullptr, {0x41, 0xE9, 0x7F}},
+                               {{0xEF, 0xBB, 0xBF, 0xE2, 0x82, 0xAC}, nullptr, {0xFEFF, 0x20AC}},
+                               {{0xF0, 0x9F, 0x98, 0x80}, nullptr, {0x1F600}},
+                               // Forms that only the later judgement of code points may refuse.
+                               {{0xE0, 0x80, 0xAF, 0xED, 0xA0, 0x80}, nullptr, {0x2F, 0xD800}},
+                               {{0xF4, 0x90, 0x80, 0x80}, nullptr, {0x110000}},
+                               {{0xC3}, unfinished, {}},
+                               {{0x41, 0xF0, 0x9F, 0x98}, unfinished, {0x41}},
+                               {{0x41, 0x80, 0x42}, unexpected, {0x41, 0x42}},
+                               {{0xE2, 0x41, 0x82}, expected, {}},
+                               {{0xE2, 0xC3, 0xA9, 0x42}, expected, {0x42}},
+                               {{0xC0, 0x80}, invalid, {}},
+                               {{0xC1}, invalid, {}},
+                               // The test for such bytes comes first, inside a sequence too.
+                               {{0xE2, 0x82, 0xF5, 0x42}, invalid, {0x42}},
+                               {{0xFF}, invalid, {}},
+                           });
+}
+
+TEST(TextCodecs, Utf16ParserPairsSurrogatesAndNamesTheFault) {
+  const char* const second = "Excpected Second Word sequence";
+  const char* const secondAtEnd = "Excpected Second Word sequence at end of input vector";
+  const char* const odd = "odd number of bytes in utf-16 text, the last one is half a unit";
+  CheckParser(qorp::kUtf16LE, {
+                                  {{}, nullptr, {}},
+                                  {{0x41, 0x00, 0xFF, 0xFE}, nullptr, {0x41, 0xFEFF}},
+                                  {{0x3D, 0xD8, 0x00, 0xDE}, nullptr, {0x1F600}},
+                                  {{0xFF, 0xDB, 0xFF, 0xDF}, nullptr, {0x10FFFF}},
+                                  {{0x00, 0xDC}, nullptr, {0xDC00}},  // judged later
+                                  {{0x3D, 0xD8, 0x41, 0x02}, second, {0x1F641}},
+                                  {{0x3D, 0xD8}, secondAtEnd, {}},
+                                  {{0x41, 0x00, 0x42}, odd, {0x41}},
+                                  {{0x42}, odd, {}},
+                              });
+}
+
+TEST(TextCodecs, EmittersChooseTheShortestForm) {
+  const CodePoints edges{0x00, 0x7F, 0x80, 0x7FF, 0x800, 0xFFFF, 0x10000, 0x1F600, 0x10FFFF};
+  EXPECT_EQ(qorp::CreateTextEmitter(qorp::kUtf8)->Emit(edges),
+            (TextBytes{0x00, 0x7F, 0xC2, 0x80, 0xDF, 0xBF, 0xE0, 0xA0, 0x80, 0xEF, 0xBF, 0xBF,
+                       0xF0, 0x90, 0x80, 0x80, 0xF0, 0x9F, 0x98, 0x80, 0xF4, 0x8F, 0xBF, 0xBF}));
+  EXPECT_EQ(qorp::CreateTextEmitter(qorp::kUtf16LE)->Emit(edges),
+            (TextBytes{0x00, 0x00, 0x7F, 0x00, 0x80, 0x00, 0xFF, 0x07, 0x00, 0x08, 0xFF, 0xFF,
+                       0x00, 0xD8, 0x00, 0xDC, 0x3D, 0xD8, 0x00, 0xDE, 0xFF, 0xDB, 0xFF, 0xDF}));
+}
+
+TEST(TextCodecs, EmittersWriteWhatIsNoCodePointByTheSameArithmetic) {
+  const auto utf8 = qorp::CreateTextEmitter(qorp::kUtf8);
+  const auto utf16 = qorp::CreateTextEmitter(qorp::kUtf16LE);
+  EXPECT_EQ(utf8->Emit({0xD800}), (TextBytes{0xED, 0xA0, 0x80}));
+  EXPECT_EQ(utf8->Emit({0x200000}), (TextBytes{0xF8, 0x80, 0x80, 0x80}));
+  EXPECT_EQ(utf16->Emit({0xD800}), (TextBytes{0xF6, 0xDB, 0x00, 0xDC}));
+}
+
+TEST(TextCodecs, TranscodeJudgesEveryCodePoint) {
+  const std::vector<TextBytes> faulty{
+      {0x41, 0x00},              // NUL
+      {0x41, 0xED, 0xA0, 0x80},  // a surrogate
+      {0x41, 0xF4, 0x90, 0x80, 0x80},
+  };
+  for (const TextBytes& bytes : faulty) {
+    SCOPED_TRACE(testing::PrintToString(bytes));
+    const auto transcode = [&](bool lenient) {
+      return qorp::Transcode(bytes.data(), bytes.size(), qorp::kUtf8, qorp::kUtf16LE, lenient);
+    };
+    EXPECT_EQ(ErrorOf([&] { transcode(kStrict); }), "invalid Unicode codepoint");
+    const qorp::EncodedText text = transcode(kLenient);
+    EXPECT_EQ(text.encoding, qorp::kUtf16LE);
+    EXPECT_EQ(text.bytes, (TextBytes{0x41, 0x00, 0xFD, 0xFF}));
+  }
+}
+
+TEST(TextCodecs, TranscodeKeepsEveryCodePointThereAndBack) {
+  TextBytes utf8;
+  for (std::uint32_t c = 1; c <= 0x10FFFF; c += c < 0x3000 ? 1 : 13) {
+    if (c < 0xD800 || c > 0xDFFF) {
+      const TextBytes one = qorp::TextEmitterUTF8().Emit({c});
+      utf8.insert(utf8.end(), one.begin(), one.end());
+    }
+  }
+  const auto wide = qorp::Transcode(utf8.data(), utf8.size(), qorp::kUtf8, qorp::kUtf16LE, kStrict);
+  const auto back =
+      qorp::Transcode(wide.bytes.data(), wide.bytes.size(), qorp::kUtf16LE, qorp::kUtf8, kStrict);
+  EXPECT_EQ(back.bytes, utf8);
+}
+
+TEST(TextCodecs, UnknownEncodingsHaveNoCodecAndAreNamed) {
+  for (const std::int32_t unknown : {0, 3, -1}) {
+    EXPECT_EQ(qorp::CreateTextParser(unknown), nullptr);
+    EXPECT_EQ(qorp::CreateTextEmitter(unknown), nullptr);
+  }
+  EXPECT_EQ(ErrorOf([] { qorp::Transcode("A", 1, qorp::kUtf8, 3, kLenient); }),
+            "unknown text encoding 3, known are 1 (UTF-8) and 2 (UTF-16 little-endian)");
+}
+
+}  // namespace
