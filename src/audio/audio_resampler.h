@@ -1,0 +1,94 @@
+// AudioResampler: 16-bit audio from one sampling rate to another.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace qorp {
+
+// How a resampler trades time for accuracy.
+struct ResamplingQuality {
+  // Taps of one filter when the rate does not go down, 1 to 16; more are used when it does.
+  std::int32_t taps = 16;
+  // log2 of the number of filters, each for one fraction of a sample; 0 to 15. With one tap and
+  // one filter, samples are picked and not filtered at all.
+  std::int32_t phaseShift = 10;
+  // Interpolate between the two filters next to a position instead of taking the one before it.
+  bool linear = false;
+};
+
+// Filters and place in the signal of one stream. A place is counted in phases: the sample's number
+// times the number of filters, plus the number of the filter.
+struct ResamplingContext {
+  // Throws std::invalid_argument for rates or a quality out of range.
+  ResamplingContext(std::int32_t outputRate, std::int32_t inputRate,
+                    const ResamplingQuality& quality);
+
+  std::int32_t filterLength;             // taps of one filter
+  std::vector<std::int16_t> filterBank;  // one filter after the other, one more than phases
+  std::int32_t idealDstIncr;             // step from one output to the next, in phases / srcIncr
+  std::int32_t dstIncr;                  // the present step, which a compensation bends
+  std::int32_t index;                    // place of the next output; negative before the start
+  std::int32_t frac = 0;                 // what is beyond index, in phases / srcIncr
+  std::int32_t srcIncr;
+  std::int32_t compensationDistance = 0;  // outputs left at the bent step; 0 when it is not bent
+  std::int32_t phaseShift;
+  std::int32_t phaseMask;
+  bool linear;
+};
+
+// Converts one channel of a stream with a bank of windowed-sinc filters in fixed point.
+//
+// A filter reaches filterLength samples ahead of its place, so an output needs that many samples
+// after it; what has not been consumed must come again at the start of the next call. Before the
+// first sample the signal is taken as its own mirror image. Fed in pieces, the stream gives the
+// same output as at once, provided that the first piece holds at least filterLength samples.
+//
+// Belongs to one owner and one thread at a time; it has no lock.
+class AudioResampler {
+ public:
+  AudioResampler() = default;
+  virtual ~AudioResampler();
+  AudioResampler(const AudioResampler&) = delete;
+  AudioResampler& operator=(const AudioResampler&) = delete;
+
+  // Starts a new stream; rates are in samples per second, 1 to 2097151, and the stride becomes 1.
+  // Throws std::invalid_argument for anything else, and then the former stream goes on.
+  void Init(std::int32_t outputRate, std::int32_t inputRate, const ResamplingQuality& quality = {});
+
+  // Writes up to dstCapacity samples and returns how many. consumed says by how many samples the
+  // caller must move on in src, of which there are srcCount; when a piece is shorter than a filter,
+  // that may be more than it holds. With update the stream goes on from there; without it, the next
+  // call starts at this call's place again. Counts are of this channel's samples. dst and src may
+  // not overlap. Throws std::logic_error before Init.
+  std::int32_t Resample(std::int16_t* dst, const std::int16_t* src, std::int32_t& consumed,
+                        std::int32_t srcCount, std::int32_t dstCapacity, bool update);
+
+  // Makes the next compensationDistance outputs, with what they take from the source, come out
+  // sampleDelta samples more (or, negative, fewer) than the rates give, so that a stream can follow
+  // a clock that drifts; then the ideal step holds again. A distance of 0 ends a compensation at
+  // once. Throws std::invalid_argument when the step would leave its range (for instance when the
+  // delta is not smaller than the distance) and std::logic_error before Init.
+  void SetCompensation(std::int32_t sampleDelta, std::int32_t compensationDistance);
+
+  // Distance between two samples of the channel in src and dst (the channel count of interleaved
+  // data); at least 1, otherwise std::invalid_argument.
+  void SetStride(std::int32_t stride);
+
+  std::int32_t inputRate() const { return inputRate_; }
+  std::int32_t outputRate() const { return outputRate_; }
+  std::int32_t stride() const { return stride_; }
+  // Null before Init.
+  const ResamplingContext* context() const { return context_.get(); }
+
+ private:
+  ResamplingContext& RequireContext(const char* operation) const;
+
+  std::unique_ptr<ResamplingContext> context_;
+  std::int32_t inputRate_ = 0;
+  std::int32_t outputRate_ = 0;
+  std::int32_t stride_ = 1;
+};
+
+}  // namespace qorp
