@@ -113,7 +113,7 @@ ComPtr<FilterGraph> FilterGraph::Create() {
 FilterGraph::FilterGraph() : CUnknown("filter graph", nullptr) {}
 
 FilterGraph::~FilterGraph() {
-  StopAll();
+  Stop();
   while (!filters_.empty()) {
     const ComPtr<IBaseFilter> filter = filters_.back().filter;
     RemoveFilter(filter.Get());

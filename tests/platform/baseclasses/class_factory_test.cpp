@@ -1,0 +1,106 @@
+#include "platform/baseclasses/class_factory.h"
+
+#include <filesystem>
+#include <memory>
+
+#include <gtest/gtest.h>
+
+#include "platform/baseclasses/registration.h"
+#include "platform/os/registry.h"
+#include "tests/support/fake_filters.h"
+
+namespace {
+
+constexpr CLSID kClass{9, 8, 7, {6, 5, 4, 3, 2, 1, 0, 9}};
+
+CUnknown* MakeSink(IUnknown* /*outer*/, HRESULT* /*hr*/) {
+  return std::make_unique<fakes::Sink>().release();
+}
+CUnknown* MakeNothing(IUnknown* /*outer*/, HRESULT* hr) {
+  *hr = E_OUTOFMEMORY;
+  return nullptr;
+}
+
+TEST(ClassFactory, MakesObjectsAndKeepsItsModuleInUse) {
+  const CFactoryTemplate entry{u"Sink", &kClass, &MakeSink, nullptr, nullptr};
+  ASSERT_FALSE(IsModuleInUse());
+  ComPtr<IClassFactory> factory;
+  EXPECT_EQ(CreateClassFactory(entry, IID_IBaseFilter, factory.PutVoid()), E_NOINTERFACE);
+  ASSERT_EQ(CreateClassFactory(entry, IID_IClassFactory, factory.PutVoid()), S_OK);
+  EXPECT_TRUE(IsModuleInUse());
+  ComPtr<IBaseFilter> filter;
+  ASSERT_EQ(factory->CreateInstance(nullptr, IID_IBaseFilter, filter.PutVoid()), S_OK);
+  ComPtr<IPin> pin;
+  EXPECT_EQ(factory->CreateInstance(nullptr, IID_IPin, pin.PutVoid()), E_NOINTERFACE)
+      << "an object that lacks the interface ends at once";
+  EXPECT_EQ(factory->CreateInstance(filter.Get(), IID_IBaseFilter, pin.PutVoid()), E_NOINTERFACE)
+      << "an aggregated object is asked for its unknown only";
+  factory->LockServer(TRUE);
+  factory.Reset();
+  filter.Reset();
+  EXPECT_TRUE(IsModuleInUse());
+  UnlockModule();
+  EXPECT_FALSE(IsModuleInUse());
+}
+
+TEST(ClassFactory, PassesOnWhyAnObjectWasNotMade) {
+  const CFactoryTemplate entry{u"Nothing", &kClass, &MakeNothing, nullptr, nullptr};
+  ComPtr<IClassFactory> factory;
+  ASSERT_EQ(CreateClassFactory(entry, IID_IClassFactory, factory.PutVoid()), S_OK);
+  ComPtr<IUnknown> object;
+  EXPECT_EQ(factory->CreateInstance(nullptr, IID_IUnknown, object.PutVoid()), E_OUTOFMEMORY);
+}
+
+class RegistrationTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    folder_ = std::filesystem::temp_directory_path() /
+              ("tavrel-registration-" +
+               std::to_string(::testing::UnitTest::GetInstance()->random_seed()) + "-" +
+               std::to_string(reinterpret_cast<std::uintptr_t>(this)));
+    std::filesystem::create_directories(folder_);
+    setenv("TAVREL_REGISTRY", (folder_ / "registry").c_str(), 1);
+  }
+  void TearDown() override {
+    unsetenv("TAVREL_REGISTRY");
+    std::filesystem::remove_all(folder_);
+  }
+
+  std::filesystem::path folder_;
+};
+
+TEST_F(RegistrationTest, WritesWhatAHostLooksUpAndTakesItOutAgain) {
+  const AMOVIESETUP_MEDIATYPE type{&MEDIATYPE_Audio, nullptr};
+  const AMOVIESETUP_PIN pin{u"In", FALSE, FALSE, FALSE, TRUE, &CLSID_NULL, u"Output", 1, &type};
+  const AMOVIESETUP_FILTER filter{&kClass, u"Sink = of \\ all", MERIT_DO_NOT_USE, 1, &pin};
+  const CFactoryTemplate entry{u"Sink", &kClass, &MakeSink, nullptr, &filter};
+  ASSERT_EQ(RegisterClassTemplate(entry), S_OK);
+  ASSERT_EQ(RegisterClassTemplate(entry), S_OK) << "twice is as good as once";
+  const std::string guid = GuidToString(kClass);
+  os::RegistryTree tree = os::Registry::OfUser().Read();
+  EXPECT_EQ(tree.Get("CLSID\\" + guid, ""), "Sink");
+  EXPECT_EQ(tree.Get("CLSID\\" + guid + "\\InprocServer32", "ThreadingModel"), "Both");
+  EXPECT_TRUE(std::filesystem::exists(*tree.Get("CLSID\\" + guid + "\\InprocServer32", "")));
+  EXPECT_EQ(tree.Get("Filters\\" + guid, ""), "Sink = of \\ all");
+  EXPECT_EQ(tree.Get("Filters\\" + guid + "\\0", "Type0"),
+            GuidToString(MEDIATYPE_Audio) + " " + GuidToString(GUID_NULL));
+  ASSERT_EQ(UnregisterClassTemplate(entry), S_OK);
+  ASSERT_EQ(UnregisterClassTemplate(entry), S_OK);
+  tree = os::Registry::OfUser().Read();
+  EXPECT_TRUE(tree.Subkeys("CLSID").empty());
+  EXPECT_TRUE(tree.Subkeys("Filters").empty());
+}
+
+TEST_F(RegistrationTest, TellsAnUnwritableOrDamagedRegistry) {
+  const CFactoryTemplate entry{u"Sink", &kClass, &MakeSink, nullptr, nullptr};
+  setenv("TAVREL_REGISTRY", "/proc/nowhere/registry", 1);
+  EXPECT_TRUE(FAILED(RegisterClassTemplate(entry)));
+  const std::filesystem::path file = folder_ / "damaged";
+  setenv("TAVREL_REGISTRY", file.c_str(), 1);
+  os::Registry(file).Update([](os::RegistryTree& tree) { tree.Set("a", "b", "c"); });
+  std::filesystem::resize_file(file, 5);
+  EXPECT_TRUE(FAILED(RegisterClassTemplate(entry)));
+  EXPECT_EQ(std::filesystem::file_size(file), 5U) << "a damaged registry is left as it is";
+}
+
+}  // namespace

@@ -1,0 +1,186 @@
+#include <gtest/gtest.h>
+
+#include "platform/dshow/vfw_errors.h"
+#include "tests/support/fake_filters.h"
+
+namespace {
+
+using fakes::Sink;
+using fakes::Source;
+
+class PinConnectionTest : public testing::Test {
+ protected:
+  // Connected pins hold each other, and so their filters, until somebody parts them.
+  void TearDown() override {
+    sink_->Forget();
+    source_->Stop();
+    sink_->Stop();
+    source_->pin.Disconnect();
+    sink_->pin.Disconnect();
+    source_.Reset();
+    sink_.Reset();
+    EXPECT_EQ(CUnknown::ObjectsActive(), 0);
+  }
+
+  HRESULT Connect(const AM_MEDIA_TYPE* type = nullptr) {
+    return source_->pin.Connect(&sink_->pin, type);
+  }
+  CMediaType Agreed() {
+    CMediaType type;
+    EXPECT_EQ(sink_->pin.ConnectionMediaType(&type), S_OK);
+    return type;
+  }
+
+  ComPtr<Source> source_ = Source::Create();
+  ComPtr<Sink> sink_ = Sink::Create();
+  const CMediaType small_ = fakes::Yv12Type(64, 32);
+  const CMediaType large_ = fakes::Yv12Type(640, 360);
+};
+
+TEST_F(PinConnectionTest, PrefersATypeOfTheReceivingPin) {
+  source_->pin.types = {large_, small_};
+  sink_->pin.types = {small_};
+  ASSERT_EQ(Connect(), S_OK);
+  EXPECT_TRUE(Agreed() == small_);
+  ComPtr<IPin> peer;
+  EXPECT_EQ(sink_->pin.ConnectedTo(peer.Put()), S_OK);
+  EXPECT_TRUE(peer.Get() == static_cast<IPin*>(&source_->pin));
+}
+
+TEST_F(PinConnectionTest, TriesItsOwnTypesInOrder) {
+  source_->pin.types = {large_, small_};
+  sink_->pin.accepts = [&](const CMediaType& type) { return type == small_ ? S_OK : S_FALSE; };
+  ASSERT_EQ(Connect(), S_OK);
+  EXPECT_TRUE(Agreed() == small_);
+}
+
+TEST_F(PinConnectionTest, LeavesBothSidesFreeWhenNoTypeFits) {
+  source_->pin.types = {large_};
+  sink_->pin.accepts = [](const CMediaType&) { return S_FALSE; };
+  EXPECT_EQ(Connect(), VFW_E_NO_ACCEPTABLE_TYPES);
+  EXPECT_FALSE(source_->pin.IsConnected());
+  EXPECT_FALSE(sink_->pin.IsConnected());
+  EXPECT_FALSE(source_->pin.HeldInputPin());
+  EXPECT_FALSE(sink_->pin.HeldAllocator());
+}
+
+TEST_F(PinConnectionTest, TakesACompleteTypeOrNothing) {
+  source_->pin.acceptAny = true;
+  ASSERT_EQ(Connect(&large_), S_OK);
+  EXPECT_TRUE(Agreed() == large_);
+  EXPECT_EQ(Connect(&large_), VFW_E_ALREADY_CONNECTED);
+  EXPECT_EQ(source_->pin.Disconnect(), S_OK);
+  EXPECT_EQ(source_->pin.Disconnect(), S_FALSE);
+  EXPECT_EQ(sink_->pin.Disconnect(), S_OK);
+  sink_->pin.accepts = [](const CMediaType&) { return E_FAIL; };
+  EXPECT_EQ(Connect(&large_), VFW_E_TYPE_NOT_ACCEPTED);
+}
+
+TEST_F(PinConnectionTest, RefusesTwoPinsOfOneDirection) {
+  const ComPtr<Source> other = Source::Create();
+  source_->pin.acceptAny = true;
+  EXPECT_EQ(source_->pin.Connect(&other->pin, &large_), VFW_E_INVALID_DIRECTION);
+}
+
+TEST_F(PinConnectionTest, UsesThePeersAllocatorAndItsWishes) {
+  source_->pin.types = {large_};
+  source_->pin.wanted = {2, 100, 1, 0};
+  sink_->pin.requirements = ALLOCATOR_PROPERTIES{6, 10, 16, 0};
+  ASSERT_EQ(Connect(), S_OK);
+  ALLOCATOR_PROPERTIES agreed{};
+  source_->pin.HeldAllocator()->GetProperties(&agreed);
+  EXPECT_EQ(agreed.cBuffers, 6);
+  EXPECT_GE(agreed.cbBuffer, 100);
+  EXPECT_EQ(source_->pin.HeldAllocator(), sink_->pin.HeldAllocator());
+}
+
+TEST_F(PinConnectionTest, BringsAnAllocatorWhenThePeerHasNone) {
+  source_->pin.types = {large_};
+  sink_->pin.refuseOwnAllocator = true;
+  ASSERT_EQ(Connect(), S_OK);
+  EXPECT_TRUE(source_->pin.HeldAllocator());
+  EXPECT_EQ(source_->pin.HeldAllocator(), sink_->pin.HeldAllocator());
+}
+
+TEST_F(PinConnectionTest, IsNotChangedWhileAFilterRuns) {
+  source_->pin.types = {large_};
+  ASSERT_EQ(Connect(), S_OK);
+  ASSERT_EQ(source_->Pause(), S_OK);
+  EXPECT_EQ(source_->pin.Disconnect(), VFW_E_NOT_STOPPED);
+  source_->pin.SetReconnectWhenActive(true);
+  EXPECT_EQ(source_->pin.Disconnect(), S_OK);
+}
+
+TEST_F(PinConnectionTest, StateChangesCommitAndDecommitTheAllocator) {
+  source_->pin.types = {large_};
+  ASSERT_EQ(Connect(), S_OK);
+  ComPtr<IMediaSample> sample;
+  EXPECT_EQ(source_->pin.GetDeliveryBuffer(sample.Put(), nullptr, nullptr, AM_GBF_NOWAIT),
+            VFW_E_NOT_COMMITTED);
+  ASSERT_EQ(sink_->Pause(), S_OK);
+  ASSERT_EQ(source_->Pause(), S_OK);
+  ASSERT_EQ(source_->Run(0), S_OK);
+  EXPECT_EQ(source_->pin.GetDeliveryBuffer(sample.Put(), nullptr, nullptr, AM_GBF_NOWAIT), S_OK);
+  sample.Reset();
+  ASSERT_EQ(source_->Stop(), S_OK);
+  EXPECT_EQ(source_->pin.GetDeliveryBuffer(sample.Put(), nullptr, nullptr, AM_GBF_NOWAIT),
+            VFW_E_NOT_COMMITTED);
+}
+
+TEST_F(PinConnectionTest, AnInputPinTakesSamplesOnlyWhileItStreams) {
+  source_->pin.types = {large_};
+  ASSERT_EQ(Connect(), S_OK);
+  const ComPtr<IMediaSample> sample = source_->NewSample(0, 1);
+  EXPECT_EQ(source_->Send(sample.Get()), VFW_E_WRONG_STATE);
+  sink_->Pause();
+  EXPECT_EQ(source_->Send(sample.Get()), S_OK);
+  sink_->pin.BeginFlush();
+  EXPECT_EQ(source_->Send(sample.Get()), S_FALSE);
+  sink_->pin.EndFlush();
+  EXPECT_EQ(source_->Send(sample.Get()), S_OK);
+  EXPECT_EQ(sink_->Count(), 2U);
+  sink_->Forget();
+}
+
+TEST_F(PinConnectionTest, ARefusedTypeInTheStreamEndsIt) {
+  source_->pin.types = {large_};
+  ASSERT_EQ(Connect(), S_OK);
+  sink_->Pause();
+  sink_->pin.accepts = [&](const CMediaType& type) { return type == large_ ? S_OK : S_FALSE; };
+  const ComPtr<IMediaSample> sample = source_->NewSample(0, 1);
+  CMediaType wrong = small_;
+  sample->SetMediaType(&wrong);
+  EXPECT_EQ(source_->Send(sample.Get()), VFW_E_INVALIDMEDIATYPE);
+  EXPECT_EQ(sink_->pin.endsOfStream, 1);
+  const ComPtr<IMediaSample> next = source_->NewSample(1, 2);
+  EXPECT_EQ(source_->Send(next.Get()), VFW_E_RUNTIME_ERROR);
+}
+
+TEST_F(PinConnectionTest, EnumeratorsNoticeThatTheirListChanged) {
+  source_->pin.types = {large_, small_};
+  ComPtr<IEnumMediaTypes> types;
+  ASSERT_EQ(source_->pin.EnumMediaTypes(types.Put()), S_OK);
+  AM_MEDIA_TYPE* first = nullptr;
+  ASSERT_EQ(types->Next(1, &first, nullptr), S_OK);
+  const OwnedMediaType owned(first);
+  EXPECT_TRUE(CMediaType(*owned) == large_);
+  EXPECT_EQ(types->Skip(1), S_OK);
+  EXPECT_EQ(types->Skip(1), S_FALSE);
+  source_->pin.IncrementTypeVersion();
+  AM_MEDIA_TYPE* second = nullptr;
+  EXPECT_EQ(types->Next(1, &second, nullptr), VFW_E_ENUM_OUT_OF_SYNC);
+  types->Reset();
+  ASSERT_EQ(types->Next(1, &second, nullptr), S_OK);
+  const OwnedMediaType ownedToo(second);
+
+  ComPtr<IEnumPins> pins;
+  ASSERT_EQ(source_->EnumPins(pins.Put()), S_OK);
+  source_->IncrementPinVersion();
+  ComPtr<IPin> pin;
+  EXPECT_EQ(pins->Next(1, pin.Put(), nullptr), VFW_E_ENUM_OUT_OF_SYNC);
+  pins->Reset();
+  EXPECT_EQ(pins->Next(1, pin.Put(), nullptr), S_OK);
+  EXPECT_EQ(pins->Next(1, pin.Put(), nullptr), S_FALSE);
+}
+
+}  // namespace

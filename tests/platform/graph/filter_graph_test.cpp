@@ -1,0 +1,102 @@
+#include "platform/graph/filter_graph.h"
+
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "platform/dshow/vfw_errors.h"
+#include "tests/support/fake_filters.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using fakes::Sink;
+using fakes::Source;
+
+class FilterGraphTest : public testing::Test {
+ protected:
+  FilterGraphTest() {
+    source_->pin.types = {fakes::Yv12Type(64, 32)};
+    graph_->AddFilter(source_.Get(), u"source");
+    graph_->AddFilter(sink_.Get(), u"sink");
+  }
+
+  void TearDown() override {
+    sink_.Reset();
+    source_.Reset();
+    graph_.Reset();
+    EXPECT_EQ(CUnknown::ObjectsActive(), 0);
+  }
+
+  ComPtr<FilterGraph> graph_ = FilterGraph::Create();
+  ComPtr<Source> source_ = Source::Create();
+  ComPtr<Sink> sink_ = Sink::Create();
+};
+
+TEST_F(FilterGraphTest, ConnectsRunsAndStopsItsFilters) {
+  ASSERT_EQ(graph_->ConnectDirect(&source_->pin, &sink_->pin, nullptr), S_OK);
+  ASSERT_EQ(graph_->Run(0), S_OK);
+  FILTER_STATE state{};
+  sink_->GetState(0, &state);
+  EXPECT_EQ(state, State_Running);
+  EXPECT_EQ(source_->Send(source_->NewSample(0, 1).Get()), S_OK);
+  EXPECT_EQ(graph_->RemoveFilter(sink_.Get()), VFW_E_NOT_STOPPED);
+  ASSERT_EQ(graph_->Pause(), S_OK);
+  ASSERT_EQ(graph_->Stop(), S_OK);
+  source_->GetState(0, &state);
+  EXPECT_EQ(state, State_Stopped);
+  EXPECT_EQ(sink_->Count(), 1U);
+}
+
+TEST_F(FilterGraphTest, AFilterThatWillNotStartLeavesTheGraphStopped) {
+  // Nobody agreed on an allocator: the source cannot become active.
+  ASSERT_EQ(graph_->ConnectDirect(&source_->pin, &sink_->pin, nullptr), S_OK);
+  source_->pin.HeldAllocator()->Decommit();
+  ALLOCATOR_PROPERTIES none{0, 0, 1, 0};
+  ALLOCATOR_PROPERTIES actual{};
+  ASSERT_EQ(source_->pin.HeldAllocator()->SetProperties(&none, &actual), S_OK);
+  EXPECT_EQ(graph_->Run(0), VFW_E_SIZENOTSET);
+  FILTER_STATE state{};
+  sink_->GetState(0, &state);
+  EXPECT_EQ(state, State_Stopped);
+  graph_->GetState(0, &state);
+  EXPECT_EQ(state, State_Stopped);
+}
+
+TEST_F(FilterGraphTest, MakesNamesUniqueAndFindsFiltersByThem) {
+  const ComPtr<Sink> another = Sink::Create();
+  EXPECT_EQ(graph_->AddFilter(another.Get(), u"sink"), VFW_S_DUPLICATE_NAME);
+  EXPECT_EQ(graph_->AddFilter(another.Get(), u"again"), E_INVALIDARG) << "it is here already";
+  ComPtr<IBaseFilter> found;
+  ASSERT_EQ(graph_->FindFilterByName(u"sink 2", found.Put()), S_OK);
+  EXPECT_TRUE(found.Get() == static_cast<IBaseFilter*>(another.Get()));
+  EXPECT_EQ(graph_->FindFilterByName(u"nobody", found.Put()), VFW_E_NOT_FOUND);
+  const ComPtr<Sink> stranger = Sink::Create();
+  EXPECT_EQ(graph_->ConnectDirect(&source_->pin, &stranger->pin, nullptr), VFW_E_NOT_IN_GRAPH);
+  FILTER_INFO info{};
+  ASSERT_EQ(another->QueryFilterInfo(&info), S_OK);
+  const auto graph = ComPtr<IFilterGraph>::Adopt(info.pGraph);
+  EXPECT_EQ(std::u16string(info.achName), u"sink 2");
+  EXPECT_TRUE(IsSameObject(graph.Get(), graph_.As<IFilterGraph>().Get()));
+}
+
+TEST_F(FilterGraphTest, EndsARunningGraphWithItsLastReference) {
+  ASSERT_EQ(graph_->ConnectDirect(&source_->pin, &sink_->pin, nullptr), S_OK);
+  ASSERT_EQ(graph_->Run(0), S_OK);
+}  // the fixture counts what is left
+
+TEST_F(FilterGraphTest, QueuesEventsInOrderAndForgetsTheOldestOfTooMany) {
+  EXPECT_FALSE(graph_->GetEvent(0ms).has_value());
+  std::thread poster([&] {
+    for (LONG i = 0; i < static_cast<LONG>(FilterGraph::kMaxEvents) + 5; ++i) {
+      sink_->NotifyEvent(EC_USER + 1, i, 0);
+    }
+  });
+  poster.join();
+  EXPECT_EQ(graph_->GetEvent(10s)->parameter1, 5);
+  EXPECT_EQ(graph_->GetEvent(10s)->parameter1, 6);
+  graph_->RemoveFilter(sink_.Get());
+  EXPECT_EQ(sink_->NotifyEvent(EC_USER, 0, 0), E_NOTIMPL);
+}
+
+}  // namespace
