@@ -1,0 +1,60 @@
+#include <cerrno>
+#include <cstdlib>
+#include <string>
+
+#include <unistd.h>
+
+#include "platform/os/console.h"
+
+namespace os {
+namespace {
+
+bool WantsColour(int descriptor) {
+  const char* const noColour = std::getenv("NO_COLOR");
+  const char* const terminal = std::getenv("TERM");
+  return ::isatty(descriptor) == 1 && (noColour == nullptr || *noColour == '\0') &&
+         (terminal == nullptr || std::string_view(terminal) != "dumb");
+}
+
+// The system's colours count blue, green, red; the terminal's red, green, blue.
+std::string ColourSequence(std::uint16_t colour) {
+  const int number = ((colour & 4) >> 2) | (colour & 2) | ((colour & 1) << 2);
+  const bool bright = (colour & 8) != 0;
+  return "\x1b[" + std::to_string((bright ? 90 : 30) + number) + "m";
+}
+
+}  // namespace
+
+Console::Console() : Console(STDERR_FILENO) {}
+
+Console::Console(int descriptor) : descriptor_(descriptor), colour_(WantsColour(descriptor)) {}
+
+Console::~Console() {
+  if (changed_) {
+    Write("\x1b[0m");
+  }
+}
+
+void Console::WriteLine(std::uint16_t colour, std::string_view line) {
+  std::string text;
+  if (colour_) {
+    text = ColourSequence(colour);
+    changed_ = true;
+  }
+  text.append(line);
+  text += '\n';
+  Write(text);
+}
+
+void Console::Write(std::string_view text) const {
+  while (!text.empty()) {
+    const ssize_t written = ::write(descriptor_, text.data(), text.size());
+    if (written >= 0) {
+      text.remove_prefix(static_cast<std::size_t>(written));
+    } else if (errno != EINTR) {
+      return;
+    }
+  }
+}
+
+}  // namespace os

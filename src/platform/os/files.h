@@ -1,0 +1,73 @@
+// Files and directories.
+//
+// Paths are UTF-8 in the system's form, their parts joined by backslashes; forward slashes join
+// parts just as well, so a native path may be given as it is. A name that itself holds a backslash
+// cannot be expressed. Operations answer one of the system's error numbers, 0 when they succeeded.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace os {
+
+// The form that the operating system underneath takes, and back.
+std::string NativePath(std::string_view path);
+std::string SystemPath(std::string_view nativePath);
+
+struct FileAttributes {
+  bool exists = false;       // a link exists even when what it points to does not
+  bool isDirectory = false;  // or a link to one
+  bool isLink = false;
+};
+
+// A path that cannot be looked at does not exist.
+FileAttributes GetFileAttributes(std::string_view path);
+// True when both name one and the same existing file or directory.
+bool IsSameFile(std::string_view one, std::string_view other);
+
+std::uint32_t MakeDirectory(std::string_view path);
+// A link is deleted, not what it points to.
+std::uint32_t DeleteFile(std::string_view path);
+// The directory must be empty.
+std::uint32_t DeleteDirectory(std::string_view path);
+// Replaces an existing file, keeps the permissions of the source.
+std::uint32_t CopyFileOver(std::string_view from, std::string_view to);
+// Calls callback(name, isDirectory) for every entry but "." and "..", in the system's order.
+// Entries whose names hold a backslash are left out. What the callback throws passes.
+std::uint32_t ListDirectory(std::string_view path,
+                            const std::function<void(const std::string&, bool)>& callback);
+
+// An open file that is read and written at given offsets, shared with other processes. One thread
+// at a time.
+class File {
+ public:
+  enum class Access { kRead, kReadWrite };
+
+  File() = default;
+  ~File();
+  File(const File&) = delete;
+  File& operator=(const File&) = delete;
+
+  // Opens an existing file without truncating it.
+  std::uint32_t Open(std::string_view path, Access access);
+  // Creates a file that does not exist, opened for reading and writing; kErrorFileExists otherwise.
+  std::uint32_t Create(std::string_view path);
+  void Close();
+  bool IsOpen() const { return descriptor_ >= 0; }
+
+  // Bytes read into buffer in *count, fewer than wanted only at the end of the file.
+  std::uint32_t ReadAt(std::uint64_t offset, std::span<char> buffer, std::size_t* count) const;
+  std::uint32_t WriteAt(std::uint64_t offset, std::string_view bytes);
+  std::uint32_t GetSize(std::uint64_t* bytes) const;
+
+ private:
+  std::uint32_t OpenWith(std::string_view path, int flags);
+
+  int descriptor_ = -1;
+};
+
+}  // namespace os

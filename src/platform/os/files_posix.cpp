@@ -1,0 +1,194 @@
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <memory>
+#include <system_error>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "platform/os/error_numbers.h"
+#include "platform/os/files.h"
+
+namespace os {
+namespace {
+
+constexpr char kSeparator = '\\';
+
+struct CloseDirectory {
+  void operator()(DIR* directory) const { ::closedir(directory); }
+};
+
+bool ParentExists(const std::string& nativePath) {
+  const std::filesystem::path parent = std::filesystem::path(nativePath).parent_path();
+  struct stat ignored {};
+  return parent.empty() || ::stat(parent.c_str(), &ignored) == 0;
+}
+
+// The system tells a missing file from a missing path to it.
+std::uint32_t PathError(const std::string& nativePath, int error) {
+  return error == ENOENT && !ParentExists(nativePath) ? kErrorPathNotFound
+                                                      : SystemErrorNumber(error);
+}
+
+}  // namespace
+
+std::string NativePath(std::string_view path) {
+  std::string native(path);
+  std::replace(native.begin(), native.end(), kSeparator, '/');
+  return native;
+}
+
+std::string SystemPath(std::string_view nativePath) {
+  std::string path(nativePath);
+  std::replace(path.begin(), path.end(), '/', kSeparator);
+  return path;
+}
+
+FileAttributes GetFileAttributes(std::string_view path) {
+  const std::string native = NativePath(path);
+  struct stat status {};
+  FileAttributes attributes;
+  if (::lstat(native.c_str(), &status) != 0) {
+    return attributes;
+  }
+  attributes.exists = true;
+  attributes.isLink = S_ISLNK(status.st_mode);
+  if (!attributes.isLink || ::stat(native.c_str(), &status) == 0) {
+    attributes.isDirectory = S_ISDIR(status.st_mode);
+  }
+  return attributes;
+}
+
+bool IsSameFile(std::string_view one, std::string_view other) {
+  struct stat first {};
+  struct stat second {};
+  return ::stat(NativePath(one).c_str(), &first) == 0 &&
+         ::stat(NativePath(other).c_str(), &second) == 0 && first.st_dev == second.st_dev &&
+         first.st_ino == second.st_ino;
+}
+
+std::uint32_t MakeDirectory(std::string_view path) {
+  if (::mkdir(NativePath(path).c_str(), 0777) == 0) {
+    return 0;
+  }
+  switch (errno) {
+    case ENOENT:
+    case ENOTDIR:
+      return kErrorPathNotFound;
+    case EEXIST:
+      return kErrorAlreadyExists;
+    default:
+      return SystemErrorNumber(errno);
+  }
+}
+
+std::uint32_t DeleteFile(std::string_view path) {
+  const std::string native = NativePath(path);
+  if (::unlink(native.c_str()) == 0) {
+    return 0;
+  }
+  return errno == EISDIR ? kErrorAccessDenied : PathError(native, errno);
+}
+
+std::uint32_t DeleteDirectory(std::string_view path) {
+  const std::string native = NativePath(path);
+  return ::rmdir(native.c_str()) == 0 ? 0 : PathError(native, errno);
+}
+
+std::uint32_t CopyFileOver(std::string_view from, std::string_view to) {
+  const std::string target = NativePath(to);
+  std::error_code failure;
+  std::filesystem::copy_file(NativePath(from), target,
+                             std::filesystem::copy_options::overwrite_existing, failure);
+  return PathError(target, failure.value());
+}
+
+std::uint32_t ListDirectory(std::string_view path,
+                            const std::function<void(const std::string&, bool)>& callback) {
+  const std::string native = NativePath(path);
+  const std::unique_ptr<DIR, CloseDirectory> directory(::opendir(native.c_str()));
+  if (directory == nullptr) {
+    return errno == ENOENT ? kErrorPathNotFound : SystemErrorNumber(errno);
+  }
+  while (const dirent* const entry = ::readdir(directory.get())) {
+    const std::string name = entry->d_name;
+    if (name != "." && name != ".." && name.find(kSeparator) == std::string::npos) {
+      callback(name, GetFileAttributes(native + "/" + name).isDirectory);
+    }
+  }
+  return 0;
+}
+
+File::~File() {
+  Close();
+}
+
+std::uint32_t File::OpenWith(std::string_view path, int flags) {
+  Close();
+  const std::string native = NativePath(path);
+  descriptor_ = ::open(native.c_str(), flags | O_CLOEXEC, 0666);
+  if (descriptor_ >= 0) {
+    return 0;
+  }
+  return errno == EISDIR ? kErrorAccessDenied : PathError(native, errno);
+}
+
+std::uint32_t File::Open(std::string_view path, Access access) {
+  return OpenWith(path, access == Access::kRead ? O_RDONLY : O_RDWR);
+}
+
+std::uint32_t File::Create(std::string_view path) {
+  return OpenWith(path, O_RDWR | O_CREAT | O_EXCL);
+}
+
+void File::Close() {
+  if (descriptor_ >= 0) {
+    ::close(descriptor_);
+    descriptor_ = -1;
+  }
+}
+
+std::uint32_t File::ReadAt(std::uint64_t offset, std::span<char> buffer, std::size_t* count) const {
+  *count = 0;
+  while (*count < buffer.size()) {
+    const ssize_t got = ::pread(descriptor_, buffer.data() + *count, buffer.size() - *count,
+                                static_cast<off_t>(offset + *count));
+    if (got == 0) {
+      break;
+    }
+    if (got > 0) {
+      *count += static_cast<std::size_t>(got);
+    } else if (errno != EINTR) {
+      return SystemErrorNumber(errno);
+    }
+  }
+  return 0;
+}
+
+std::uint32_t File::WriteAt(std::uint64_t offset, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t put =
+        ::pwrite(descriptor_, bytes.data(), bytes.size(), static_cast<off_t>(offset));
+    if (put >= 0) {
+      bytes.remove_prefix(static_cast<std::size_t>(put));
+      offset += static_cast<std::size_t>(put);
+    } else if (errno != EINTR) {
+      return SystemErrorNumber(errno);
+    }
+  }
+  return 0;
+}
+
+std::uint32_t File::GetSize(std::uint64_t* bytes) const {
+  struct stat status {};
+  if (::fstat(descriptor_, &status) != 0) {
+    return SystemErrorNumber(errno);
+  }
+  *bytes = static_cast<std::uint64_t>(status.st_size);
+  return 0;
+}
+
+}  // namespace os

@@ -1,0 +1,99 @@
+#include <array>
+#include <charconv>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+#include <sys/resource.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include "platform/os/process_statistics.h"
+
+namespace os {
+namespace {
+
+std::uint64_t ToUnits(const timeval& time) {
+  return static_cast<std::uint64_t>(time.tv_sec) * 10000000 +
+         static_cast<std::uint64_t>(time.tv_usec) * 10;
+}
+
+// Calls take(key, number) for each "Key:  number kB" line.
+template <typename Take>
+void ForEachKilobyteLine(const char* file, Take take) {
+  std::ifstream lines(file);
+  std::string line;
+  while (std::getline(lines, line)) {
+    const std::size_t colon = line.find(':');
+    const std::size_t digits = line.find_first_of("0123456789", colon);
+    if (colon == std::string::npos || digits == std::string::npos) {
+      continue;
+    }
+    std::uint64_t kilobytes = 0;
+    std::from_chars(line.data() + digits, line.data() + line.size(), kilobytes);
+    take(std::string_view(line).substr(0, colon), kilobytes * 1024);
+  }
+}
+
+void ReadProcess(SystemStatistics& statistics) {
+  rusage usage{};
+  if (::getrusage(RUSAGE_SELF, &usage) == 0) {
+    statistics.processKernelTime = ToUnits(usage.ru_stime);
+    statistics.processUserTime = ToUnits(usage.ru_utime);
+  }
+  ForEachKilobyteLine("/proc/self/status", [&](std::string_view key, std::uint64_t bytes) {
+    if (key == "VmRSS") {
+      statistics.workingSet = bytes;
+    } else if (key == "RssAnon" || key == "VmSwap") {
+      statistics.privateBytes += bytes;
+    }
+  });
+  std::error_code unreadable;
+  for (std::filesystem::directory_iterator entry("/proc/self/fd", unreadable), end;
+       !unreadable && entry != end; entry.increment(unreadable)) {
+    ++statistics.handleCount;
+  }
+  if (statistics.handleCount > 0) {
+    --statistics.handleCount;  // the one that read the list
+  }
+}
+
+void ReadMachine(SystemStatistics& statistics) {
+  // What was promised to processes says little where memory is overcommitted; what is left to give
+  // does.
+  ForEachKilobyteLine("/proc/meminfo", [&](std::string_view key, std::uint64_t bytes) {
+    if (key == "MemTotal" || key == "SwapTotal") {
+      statistics.commitTotal += bytes;
+    } else if (key == "MemAvailable" || key == "SwapFree") {
+      statistics.commitAvailable += bytes;
+    }
+  });
+  std::ifstream file("/proc/stat");
+  std::string name;
+  std::array<std::uint64_t, 8> ticks{};
+  file >> name;
+  for (std::uint64_t& value : ticks) {
+    file >> value;
+  }
+  const auto [user, nice, system, idle, inputOutput, interrupt, softInterrupt, stolen] = ticks;
+  const auto ticksPerSecond = static_cast<std::uint64_t>(::sysconf(_SC_CLK_TCK));
+  const auto toUnits = [&](std::uint64_t value) { return value * 10000000 / ticksPerSecond; };
+  statistics.idleTime = toUnits(idle + inputOutput);
+  statistics.kernelTime =
+      toUnits(system + interrupt + softInterrupt + stolen) + statistics.idleTime;
+  statistics.userTime = toUnits(user + nice);
+}
+
+}  // namespace
+
+SystemStatistics ReadSystemStatistics() {
+  SystemStatistics statistics;
+  ReadProcess(statistics);
+  ReadMachine(statistics);
+  return statistics;
+}
+
+}  // namespace os
