@@ -1,0 +1,179 @@
+#include "render/meters.h"
+
+#include <algorithm>
+#include <cassert>
+#include <cmath>
+
+#include "render/meter_colours.h"
+
+namespace {
+
+// Pixels of the canvas; those outside it and chroma that no sample covers are left alone.
+class Pixels {
+ public:
+  explicit Pixels(const Yv12Picture& canvas) : canvas_(canvas) {}
+
+  void BlendLuma(std::int32_t x, std::int32_t y, std::uint8_t value, std::uint8_t opacity) const {
+    if (HasLuma(x, y)) {
+      std::uint8_t& sample = canvas_.Y()[std::ptrdiff_t{y} * canvas_.width + x];
+      sample = Blend255(sample, value, opacity);
+    }
+  }
+  void BlendChroma(std::int32_t x, std::int32_t y, std::uint8_t v, std::uint8_t u,
+                   std::uint8_t opacity) const {
+    if (HasChroma(x, y)) {
+      const std::ptrdiff_t at = ChromaIndex(x, y, canvas_.width);
+      canvas_.V()[at] = Blend255(canvas_.V()[at], v, opacity);
+      canvas_.U()[at] = Blend255(canvas_.U()[at], u, opacity);
+    }
+  }
+  void Set(std::int32_t x, std::int32_t y, std::uint8_t luma, std::uint8_t v,
+           std::uint8_t u) const {
+    if (HasLuma(x, y)) {
+      canvas_.Y()[std::ptrdiff_t{y} * canvas_.width + x] = luma;
+    }
+    if (HasChroma(x, y)) {
+      const std::ptrdiff_t at = ChromaIndex(x, y, canvas_.width);
+      canvas_.V()[at] = v;
+      canvas_.U()[at] = u;
+    }
+  }
+
+ private:
+  bool HasLuma(std::int32_t x, std::int32_t y) const {
+    return x >= 0 && y >= 0 && x < canvas_.width && y < canvas_.height;
+  }
+  bool HasChroma(std::int32_t x, std::int32_t y) const {
+    return x >= 0 && y >= 0 && x / 2 < canvas_.ChromaWidth() && y / 2 < canvas_.ChromaHeight();
+  }
+
+  const Yv12Picture& canvas_;
+};
+
+}  // namespace
+
+MeterPanel::MeterPanel(const Yv12Picture& canvasIn, std::int32_t xIn, std::int32_t yIn,
+                       std::int32_t widthIn, std::int32_t heightIn, std::int32_t channelsIn)
+    : canvas(canvasIn),
+      x(xIn),
+      y(yIn),
+      width(widthIn),
+      height(heightIn),
+      bandBottom(yIn + (heightIn - 1) / 10),
+      barLength(static_cast<std::int32_t>(
+          std::max<std::int64_t>(std::int64_t{heightIn} * 9 / 10 - 4, 1))),
+      channels(channelsIn) {
+  if (channels <= 0) {
+    return;
+  }
+  // A crowded panel gives up its margin and gaps for bars of two pixels or more.
+  for (;;) {
+    barWidth = (width - 2 * margin - gap * (channels - 1)) / channels;
+    if (barWidth > 1 || (margin == 1 && gap == 0)) {
+      return;
+    }
+    margin = std::max(margin - 1, 1);
+    gap = std::max(gap - 1, 0);
+  }
+}
+
+void DrawMeterPanel(const MeterPanel& panel) {
+  const Pixels pixels(panel.canvas);
+  const VignetteShape shape(panel.width, panel.height);
+  for (std::int32_t r = 0; r < panel.height; ++r) {
+    for (std::int32_t c = 0; c < panel.width; ++c) {
+      const std::uint8_t opacity = shape.LumaOpacity(c, r);
+      pixels.BlendLuma(panel.x + c, panel.y + r, kPanelLuma, opacity);
+      // Once for each luma pixel: a chroma sample is blended up to four times, which takes more
+      // colour away than a single blend would.
+      pixels.BlendChroma(panel.x + c, panel.y + r, kNeutralChroma, kNeutralChroma, opacity / 4);
+    }
+  }
+
+  const auto frame = [&](std::int32_t x, std::int32_t y) {
+    pixels.BlendLuma(x, y, kFrameLuma, kFrameOpacity);
+  };
+  const auto inside = [&](std::int32_t y) {
+    for (std::int32_t c = 1; c < panel.width - 1; ++c) {
+      frame(panel.x + c, y);
+    }
+  };
+  inside(panel.y);
+  inside(panel.y + panel.height - 1);
+  for (std::int32_t r = 0; r < panel.height; ++r) {
+    frame(panel.x, panel.y + r);
+    frame(panel.x + panel.width - 1, panel.y + r);
+  }
+  inside(panel.bandBottom);
+}
+
+std::int32_t MeterRows(float value, std::int32_t length) {
+  // Comparisons with what is not a number fail: it counts as silence.
+  const float clamped = value > 0.0f ? std::min(value, 1.0f) : 0.0f;
+  const float decibels = std::clamp(20.0f * std::log10(clamped), -50.0f, 0.0f);
+  return static_cast<std::int32_t>((double{decibels} + 50.0) / 50.0 * length + 0.5);
+}
+
+void DrawMeterBars(const MeterPanel& panel, std::span<const float> levels,
+                   std::span<const float> peaks) {
+  assert(std::ssize(levels) >= panel.channels && std::ssize(peaks) >= panel.channels);
+  const std::int32_t bottom = panel.y + panel.height - 1 - panel.margin;
+  std::int32_t left = panel.x + panel.margin;
+  for (std::int32_t i = 0; i < panel.channels; ++i) {
+    const std::int32_t lit = MeterRows(levels[i], panel.barLength);
+    DrawMeterBar(panel, left, bottom, panel.barWidth, lit, panel.barLength);
+    DrawPeakMarker(panel, left, bottom, lit, MeterRows(peaks[i], panel.barLength));
+    left += panel.barWidth + panel.gap;
+  }
+}
+
+void DrawPeakMarker(const MeterPanel& panel, std::int32_t left, std::int32_t bottom,
+                    std::int32_t lit, std::int32_t peak) {
+  const Pixels pixels(panel.canvas);
+  const std::int32_t rows = std::min(lit, PeakMarkerRows(panel.barLength));
+  for (std::int32_t row = bottom - peak; row < bottom - peak + rows; ++row) {
+    for (std::int32_t column = left; column < left + panel.barWidth; ++column) {
+      pixels.BlendLuma(column, row, kPeak.luma, kPeakLumaOpacity);
+      pixels.BlendChroma(column, row, kPeak.v, kPeak.u, kPeakChromaOpacity);
+    }
+  }
+}
+
+void DrawMeterBar(const MeterPanel& panel, std::int32_t left, std::int32_t bottom,
+                  std::int32_t width, std::int32_t lit, std::int32_t length) {
+  const Pixels pixels(panel.canvas);
+  const std::int32_t litSegments = LitSegments(lit, length);
+  BarChroma chroma;
+  for (std::int32_t step = 0; step < length; ++step) {
+    const std::int32_t row = bottom - step;
+    const BarStep at(step, length);
+    const MeterColour colour = BarColour(at, row, at.segment < litSegments);
+    const MeterColour shown = chroma.Average(row, colour);
+    if (width <= 0) {
+      continue;
+    }
+    const auto edge = [&](std::int32_t x) {
+      pixels.BlendLuma(x, row, shown.luma, kBarEdgeOpacity);
+      pixels.BlendChroma(x, row, shown.v, shown.u, kBarEdgeOpacity);
+    };
+    edge(left);
+    for (std::int32_t c = 0; c < width - 2; ++c) {
+      const std::uint8_t luma = (shown.luma & 0xF8) | BarDither(left, row, c);
+      pixels.Set(left + 1 + c, row, luma, shown.v, shown.u);
+    }
+    if (width >= 2) {
+      edge(left + width - 1);
+    }
+  }
+}
+
+void DrawAlarmIndicator(const MeterPanel& panel) {
+  const std::int32_t band = panel.bandBottom - panel.y;
+  const std::int32_t width = panel.width / 2;
+  const std::int32_t height = band / 2;
+  const std::int32_t x = panel.x + (panel.width - width) / 2;
+  const std::int32_t y = panel.y + (band - height) / 2 + 1;
+  FillPlaneRect(panel.canvas, Plane::Y, x, y, width, height, kAlarm.luma);
+  FillPlaneRect(panel.canvas, Plane::V, x, y, width, height, kAlarm.v);
+  FillPlaneRect(panel.canvas, Plane::U, x, y, width, height, kAlarm.u);
+}

@@ -1,0 +1,54 @@
+// The level meters inside a window: a darkened panel with a light frame, one segmented bar for each
+// audio channel, and a red box while an alarm is on.
+//
+// These operations compute every pixel anew and say what a meter looks like. The frame loop draws
+// through MeterDrawer, which gives the same bytes faster. Nothing outside the canvas is touched.
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+#include "render/yv12.h"
+
+// Where everything of one meter lies. Made for one drawing.
+struct MeterPanel {
+  // (x, y): the window's corner, in pixels; width: a tenth of the window's; channels: 0 or more.
+  MeterPanel(const Yv12Picture& canvas, std::int32_t x, std::int32_t y, std::int32_t width,
+             std::int32_t height, std::int32_t channels);
+
+  Yv12Picture canvas;
+  std::int32_t x;
+  std::int32_t y;
+  std::int32_t width;
+  std::int32_t height;
+  std::int32_t bandBottom;  // the row of the line under the top band
+  std::int32_t margin = 2;  // between the frame and the bars
+  std::int32_t gap = 3;     // between two bars
+  std::int32_t barWidth = -1;
+  std::int32_t barLength;  // rows
+  std::int32_t channels;
+};
+
+// Darkens the panel towards its corners and draws its frame and the line under the top band.
+void DrawMeterPanel(const MeterPanel& panel);
+
+// A bar with a peak marker for each channel of the panel. levels and peaks: one for each channel, 1
+// is full scale; both are clamped to 0 to 1 and shown on a scale of 50 decibels.
+void DrawMeterBars(const MeterPanel& panel, std::span<const float> levels,
+                   std::span<const float> peaks);
+
+// One bar, whose bottom left pixel is (left, bottom): `length` rows, of which the lower `lit` reach
+// up to the level.
+void DrawMeterBar(const MeterPanel& panel, std::int32_t left, std::int32_t bottom,
+                  std::int32_t width, std::int32_t lit, std::int32_t length);
+
+// The marker of a peak that is `peak` rows above the foot of the bar whose bottom left pixel is
+// (left, bottom): at most `lit` rows thick, so a silent channel has none.
+void DrawPeakMarker(const MeterPanel& panel, std::int32_t left, std::int32_t bottom,
+                    std::int32_t lit, std::int32_t peak);
+
+// The red box in the top band.
+void DrawAlarmIndicator(const MeterPanel& panel);
+
+// How many of `length` rows a level or a peak reaches: 0 for -50 dB and below, length for 0 dB.
+std::int32_t MeterRows(float value, std::int32_t length);
