@@ -1,0 +1,137 @@
+#include "sync/sync_input_pin.h"
+
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/baseclasses/base_output_pin.h"
+#include "platform/dshow/vfw_errors.h"
+#include "platform/graph/filter_graph.h"
+
+namespace {
+
+constexpr std::uint64_t kVideoWrap = std::uint64_t{1} << 33;
+
+// A filter with one pin of either kind.
+class OnePinFilter : public CBaseFilter {
+ public:
+  OnePinFilter() : CBaseFilter("one pin", nullptr, &lock, CLSID_NULL) {}
+  int GetPinCount() override { return 1; }
+  CBasePin* GetPin(int position) override { return position == 0 ? pin.get() : nullptr; }
+
+  CCritSec lock;
+  std::unique_ptr<CBasePin> pin;
+};
+
+class TickOutputPin : public CBaseOutputPin {
+ public:
+  TickOutputPin(CBaseFilter* filter, CCritSec* lock, HRESULT* hr)
+      : CBaseOutputPin("ticks", filter, lock, hr, u"Ticks") {}
+  HRESULT CheckMediaType(const CMediaType*) override { return S_OK; }
+  HRESULT DecideBufferSize(IMemAllocator* allocator, ALLOCATOR_PROPERTIES*) override {
+    ALLOCATOR_PROPERTIES wanted{1, 16, 1, 0};
+    ALLOCATOR_PROPERTIES actual{};
+    return allocator->SetProperties(&wanted, &actual);
+  }
+};
+
+class SyncInputPin : public testing::Test {
+ protected:
+  void SetUp() override {
+    HRESULT hr = S_OK;
+    auto output = std::make_unique<TickOutputPin>(source.Get(), &source->lock, &hr);
+    auto input = std::make_unique<CSyncInputPin>("sync", sink.Get(), &sink->lock, &hr, u"Sync",
+                                                 kVideoWrap, 90000);
+    ASSERT_EQ(hr, S_OK);
+    out = output.get();
+    in = input.get();
+    source->pin = std::move(output);
+    sink->pin = std::move(input);
+    ASSERT_EQ(graph->AddFilter(source.Get(), u"source"), S_OK);
+    ASSERT_EQ(graph->AddFilter(sink.Get(), u"sink"), S_OK);
+    ASSERT_EQ(graph->ConnectDirect(out, in, nullptr), S_OK);
+    ASSERT_EQ(graph->Run(0), S_OK);
+  }
+  void TearDown() override { graph->Stop(); }
+
+  HRESULT Deliver(const std::vector<BYTE>& bytes, REFERENCE_TIME start, bool timed = true) {
+    ComPtr<IMediaSample> sample;
+    EXPECT_EQ(out->GetDeliveryBuffer(sample.Put(), nullptr, nullptr, 0), S_OK);
+    BYTE* data = nullptr;
+    EXPECT_EQ(sample->GetPointer(&data), S_OK);
+    std::copy(bytes.begin(), bytes.end(), data);
+    sample->SetActualDataLength(static_cast<LONG>(bytes.size()));
+    sample->SetTime(timed ? &start : nullptr, nullptr);
+    return out->Deliver(sample.Get());
+  }
+
+  std::size_t TakeEvents() {
+    std::size_t count = 0;
+    while (const auto event = graph->GetEvent(std::chrono::milliseconds(0))) {
+      EXPECT_EQ(event->code, 0x8066);
+      EXPECT_EQ(event->parameter1, 0);
+      EXPECT_EQ(event->parameter2, 0);
+      ++count;
+    }
+    return count;
+  }
+
+  ComPtr<FilterGraph> graph = FilterGraph::Create();
+  ComPtr<OnePinFilter> source{new OnePinFilter};
+  ComPtr<OnePinFilter> sink{new OnePinFilter};
+  TickOutputPin* out = nullptr;
+  CSyncInputPin* in = nullptr;
+};
+
+TEST_F(SyncInputPin, TakesItsReferenceFromSamplesAndTellsTheGraphOfTheFirst) {
+  EXPECT_FALSE(in->IsSynchronized());
+  EXPECT_EQ(Deliver({0xE8, 0x03, 0, 0, 0, 0, 0, 0}, 5000000), S_OK);  // 1000
+  EXPECT_TRUE(in->IsSynchronized());
+  EXPECT_EQ(TakeEvents(), 1U);
+  EXPECT_EQ(in->ToReferenceTime(1090), 5010000);
+  EXPECT_EQ(Deliver({0, 0, 0, 0, 1, 0, 0, 0}, 7000000), S_OK);  // 2^32
+  EXPECT_EQ(in->ToReferenceTime((std::uint64_t{1} << 32) + 90), 7010000);
+  EXPECT_EQ(TakeEvents(), 0U);
+  in->ResetReference();
+  EXPECT_EQ(Deliver({0, 0, 0, 0, 1, 0, 0, 0}, 7000000), S_OK);
+  EXPECT_EQ(TakeEvents(), 1U);
+}
+
+TEST_F(SyncInputPin, RefusesWhatIsNoReferenceAndKeepsTheOneItHas) {
+  EXPECT_EQ(Deliver({1, 2, 3, 4, 5, 6, 7}, 0), E_FAIL);
+  EXPECT_EQ(Deliver({1, 2, 3, 4, 5, 6, 7, 8, 9}, 0), E_FAIL);
+  EXPECT_EQ(Deliver({1, 2, 3, 4, 5, 6, 7, 8}, 0, false), VFW_E_SAMPLE_TIME_NOT_SET);
+  EXPECT_EQ(in->BeginFlush(), S_OK);
+  EXPECT_EQ(Deliver({1, 2, 3, 4, 5, 6, 7, 8}, 0), S_FALSE);
+  EXPECT_EQ(in->EndFlush(), S_OK);
+  EXPECT_FALSE(in->IsSynchronized());
+  EXPECT_EQ(TakeEvents(), 0U);
+  EXPECT_EQ(Deliver({0xE8, 0x03, 0, 0, 0, 0, 0, 0}, 5000000), S_OK);
+  EXPECT_EQ(Deliver({1, 2, 3, 4, 5, 6, 7}, 0), E_FAIL);
+  EXPECT_EQ(in->ToReferenceTime(1000), 5000000);
+}
+
+TEST_F(SyncInputPin, OffersAndAcceptsItsOneType) {
+  CMediaType type;
+  EXPECT_EQ(in->GetMediaType(1, &type), VFW_S_NO_MORE_ITEMS);
+  EXPECT_EQ(in->GetMediaType(-1, &type), VFW_S_NO_MORE_ITEMS);
+  ASSERT_EQ(in->GetMediaType(0, &type), S_OK);
+  EXPECT_EQ(GuidToString(type.majortype), "{E58943E9-F56E-4991-9DF0-AE4528A7BE15}");
+  EXPECT_EQ(GuidToString(type.subtype), "{CF9DB4CD-B1C9-470C-ABE4-AAFE788CB7DF}");
+  EXPECT_EQ(type.FormatLength(), 0U);
+  EXPECT_EQ(in->CheckMediaType(&type), S_OK);
+  type.SetSubtype(&MEDIASUBTYPE_NULL);
+  EXPECT_EQ(in->CheckMediaType(&type), S_FALSE);
+  EXPECT_EQ(in->CheckMediaType(nullptr), E_POINTER);
+}
+
+TEST_F(SyncInputPin, SaysWhenNobodyTakesTheEvent) {
+  ASSERT_EQ(sink->JoinFilterGraph(nullptr, nullptr), S_OK);
+  EXPECT_EQ(Deliver({0xE8, 0x03, 0, 0, 0, 0, 0, 0}, 5000000), VFW_E_NOT_IN_GRAPH);
+  // The reference stands all the same.
+  EXPECT_TRUE(in->IsSynchronized());
+  EXPECT_EQ(in->ToReferenceTime(1090), 5010000);
+  ASSERT_EQ(sink->JoinFilterGraph(graph.Get(), u"sink"), S_OK);
+}
+
+}  // namespace
