@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <limits>
 #include <new>
+#include <string_view>
 #include <utility>
 
 extern "C" {
@@ -104,6 +105,10 @@ void MediaReader::Open() {
     Fail(result, true);
   }
   input_.reset(context);
+  // FFmpeg draws any text file as a terminal would: for a wall that is a wrong path, not a picture.
+  if (std::string_view(input_->iformat->name) == "tty") {
+    Fail(AVERROR_INVALIDDATA, true);
+  }
   unknownOptions_ = options.UnusedKeys();
   result = avformat_find_stream_info(input_.get(), nullptr);
   if (result < 0 || deadline_.cancelled()) {

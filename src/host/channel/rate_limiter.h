@@ -2,7 +2,6 @@
 #pragma once
 
 #include <algorithm>
-#include <optional>
 
 #include "host/units.h"
 
@@ -19,20 +18,22 @@ class RateLimiter {
 
   // Times never decrease, except after Restart.
   bool Pass(Time start) {
-    if (due_ && start < *due_ - tolerance_) {
+    if (started_ && start < due_ - tolerance_) {
       return false;
     }
-    due_ = due_ ? std::max(*due_ + period_, start + period_ - tolerance_) : start + period_;
+    due_ = started_ ? std::max(due_ + period_, start) : start + period_;
+    started_ = true;
     return true;
   }
 
   // The next picture passes.
-  void Restart() { due_.reset(); }
+  void Restart() { started_ = false; }
 
  private:
   Time period_;
   Time tolerance_;
-  std::optional<Time> due_;
+  bool started_ = false;
+  Time due_ = 0;
 };
 
 }  // namespace host

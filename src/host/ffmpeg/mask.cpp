@@ -84,7 +84,7 @@ std::string MaskAfterScheme(std::string_view scheme, std::string_view rest) {
     const std::size_t hostEnd = std::min(rest.find_first_of("/?#", lateAt), rest.size());
     masked.append(kMask).append(rest.substr(lateAt, hostEnd - lateAt));
     rest.remove_prefix(hostEnd);
-  } else if (const std::size_t at = authority.rfind('@'); at != std::string_view::npos) {
+  } else if (const std::size_t at = authority.rfind('@'); at != std::string_view::npos && at > 0) {
     masked.append(kMask).append(authority.substr(at));
   } else {
     masked.append(authority);

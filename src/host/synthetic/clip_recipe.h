@@ -21,6 +21,7 @@ struct ClipRecipe {
   std::map<std::string, std::string> audioOptions;
   std::string language;            // of the sound, ISO 639
   std::string extension = ".mkv";  // the container that suits it
+  std::map<std::string, std::string> containerOptions;
   Time length = 10 * kSecond;
 };
 

@@ -156,6 +156,7 @@ void WriteClip(const ClipRecipe& recipe, const std::filesystem::path& file) {
   Muxer::Settings settings;
   settings.url = file.string();
   settings.title = recipe.name;
+  settings.options = recipe.containerOptions;
   Muxer muxer(settings);
   std::optional<ClipStream> video;
   std::optional<ClipStream> audio;

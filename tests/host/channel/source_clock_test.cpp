@@ -1,0 +1,124 @@
+#include "host/channel/source_clock.h"
+
+#include <gtest/gtest.h>
+
+namespace host {
+namespace {
+
+constexpr Time kFrame = 400'000;
+constexpr Time kNoLimit = std::int64_t{1} << 60;
+
+SourceClock::Stamps At(Time time, Time duration = kFrame) {
+  return {time, time, duration};
+}
+
+TEST(SourceClock, StartsAtZeroOrAtItsOriginAndKeepsTheStreamsApart) {
+  SourceClock clock(kNoLimit);
+  const auto video = clock.AddStream(0);
+  const auto audio = clock.AddStream(0);
+  EXPECT_EQ(clock.Map(video, At(90 * kSecond)).dts, 0);
+  EXPECT_EQ(clock.Map(audio, At(90 * kSecond - 1000)).dts, -1000);
+  EXPECT_EQ(clock.Map(video, At(90 * kSecond + kFrame)).dts, kFrame);
+
+  SourceClock withOrigin(kNoLimit, 5 * kSecond);
+  EXPECT_EQ(withOrigin.Map(withOrigin.AddStream(0), At(6 * kSecond)).dts, kSecond);
+}
+
+TEST(SourceClock, KeepsPresentationTimesAsFarFromDecodingTimesAsTheSource) {
+  SourceClock clock(kNoLimit);
+  const auto video = clock.AddStream(0);
+  const auto mapped = clock.Map(video, {1000, 1000 + 2 * kFrame, kFrame});
+  EXPECT_EQ(mapped.dts, 0);
+  EXPECT_EQ(mapped.pts, 2 * kFrame);
+  EXPECT_EQ(clock.end(), 3 * kFrame);
+}
+
+TEST(SourceClock, UndoesAWrapExactlyAndWithoutAFlag) {
+  constexpr Time kPeriod = (std::int64_t{1} << 33) * 1000 / 9;
+  SourceClock clock(10 * kSecond);
+  const auto video = clock.AddStream(kPeriod);
+  for (int i = 0; i < 6; ++i) {
+    const Time raw = (kPeriod - 3 * kFrame + i * kFrame) % kPeriod;
+    const auto mapped = clock.Map(video, {raw, (raw + kFrame) % kPeriod, kFrame});
+    EXPECT_EQ(mapped.dts, i * kFrame);
+    EXPECT_EQ(mapped.pts, (i + 1) * kFrame);
+    EXPECT_FALSE(mapped.discontinuity);
+  }
+}
+
+TEST(SourceClock, GoesOnAfterAJumpInEitherDirectionAndFlagsItOnce) {
+  for (const Time target : {Time{0}, 500 * kSecond}) {
+    SourceClock clock(10 * kSecond);
+    const auto video = clock.AddStream(0);
+    clock.Map(video, At(100 * kSecond));
+    clock.Map(video, At(100 * kSecond + kFrame));
+    const auto jumped = clock.Map(video, At(target));
+    EXPECT_EQ(jumped.dts, 2 * kFrame);
+    EXPECT_TRUE(jumped.discontinuity);
+    const auto next = clock.Map(video, At(target + kFrame));
+    EXPECT_EQ(next.dts, 3 * kFrame);
+    EXPECT_FALSE(next.discontinuity);
+  }
+}
+
+TEST(SourceClock, KeepsAGapThatIsShorterThanTheLimitAndSmallStepsBack) {
+  SourceClock clock(10 * kSecond);
+  const auto video = clock.AddStream(0);
+  clock.Map(video, At(0));
+  const auto late = clock.Map(video, At(9 * kSecond));
+  EXPECT_EQ(late.dts, 9 * kSecond);
+  EXPECT_FALSE(late.discontinuity);
+  EXPECT_EQ(clock.Map(video, At(9 * kSecond - kFrame)).dts, 9 * kSecond - kFrame);
+
+  SourceClock file(kNoLimit);
+  const auto slides = file.AddStream(0);
+  file.Map(slides, At(0));
+  EXPECT_EQ(file.Map(slides, At(3600 * kSecond)).dts, 3600 * kSecond);
+}
+
+TEST(SourceClock, KeepsSoundAndPictureTogetherWhenTheyJumpOneAfterTheOther) {
+  SourceClock clock(10 * kSecond);
+  const auto video = clock.AddStream(0);
+  const auto audio = clock.AddStream(0);
+  const Time before = 1000 * kSecond;
+  const Time after = 20 * kSecond;
+  for (int i = 0; i < 10; ++i) {
+    clock.Map(video, At(before + i * kFrame));
+    clock.Map(audio, At(before + i * kFrame));
+  }
+  // The sound of the old part still comes while the picture has jumped.
+  EXPECT_EQ(clock.Map(video, At(after)).dts, 10 * kFrame);
+  const auto old = clock.Map(audio, At(before + 10 * kFrame));
+  EXPECT_EQ(old.dts, 10 * kFrame);
+  EXPECT_FALSE(old.discontinuity);
+  EXPECT_EQ(clock.Map(video, At(after + kFrame)).dts, 11 * kFrame);
+  // Its first packet of the new part belongs to the picture of the same source time.
+  const auto adopted = clock.Map(audio, At(after + kFrame + 1000));
+  EXPECT_EQ(adopted.dts, 11 * kFrame + 1000);
+  EXPECT_TRUE(adopted.discontinuity);
+}
+
+TEST(SourceClock, PlacesARepeatAfterEverythingBeforeIt) {
+  SourceClock clock(kNoLimit, 2 * kSecond);
+  const auto video = clock.AddStream(0);
+  const auto audio = clock.AddStream(0);
+  clock.Map(video, At(2 * kSecond));
+  clock.Map(audio, At(2 * kSecond + 3 * kFrame));
+  clock.Restart();
+  const auto first = clock.Map(audio, At(2 * kSecond + 1000));
+  EXPECT_EQ(first.dts, 4 * kFrame + 1000);
+  EXPECT_FALSE(first.discontinuity);
+  EXPECT_EQ(clock.Map(video, At(2 * kSecond)).dts, 4 * kFrame);
+}
+
+TEST(SourceClock, LetsPacketsWithoutStampsFollowEachOther) {
+  SourceClock clock(kNoLimit);
+  const auto video = clock.AddStream(0);
+  EXPECT_EQ(clock.Map(video, {{}, {}, kFrame}).dts, 0);
+  EXPECT_EQ(clock.Map(video, At(7 * kSecond)).dts, 0);
+  EXPECT_EQ(clock.Map(video, {{}, {}, kFrame}).dts, kFrame);
+  EXPECT_EQ(clock.Map(video, {{}, {}, 0}).dts, 2 * kFrame);
+}
+
+}  // namespace
+}  // namespace host

@@ -1,0 +1,57 @@
+// Small clips for tests, made on the spot.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "host/channel/media_reader.h"
+#include "host/synthetic/clip_writer.h"
+
+namespace host {
+
+// A second of 160x90 at 25 pictures a second with a stereo tone.
+inline ClipRecipe SmallClip() {
+  ClipRecipe recipe;
+  recipe.name = "Small";
+  recipe.pictures = "testsrc2=size=160x90:rate=25,format=yuv420p";
+  recipe.sound = "sine=frequency=440:sample_rate=48000,aformat=channel_layouts=stereo";
+  recipe.length = kSecond;
+  return recipe;
+}
+
+inline std::filesystem::path Write(const ClipRecipe& recipe, const std::filesystem::path& file) {
+  WriteClip(recipe, file);
+  return file;
+}
+
+// Everything that a source gives.
+struct Content {
+  std::vector<VideoPicture> pictures;
+  std::vector<AudioPacket> packets;
+  std::vector<AudioSamples> samples;
+};
+
+inline Content ReadAll(MediaReader& reader) {
+  Content content;
+  for (;;) {
+    MediaItem item = reader.Read();
+    if (auto* picture = std::get_if<VideoPicture>(&item)) {
+      content.pictures.push_back(std::move(*picture));
+    } else if (auto* packet = std::get_if<AudioPacket>(&item)) {
+      content.packets.push_back(std::move(*packet));
+    } else if (auto* samples = std::get_if<AudioSamples>(&item)) {
+      content.samples.push_back(std::move(*samples));
+    } else {
+      return content;
+    }
+  }
+}
+
+inline MediaReader::Settings Source(const std::filesystem::path& file) {
+  MediaReader::Settings settings;
+  settings.source = file.string();
+  return settings;
+}
+
+}  // namespace host

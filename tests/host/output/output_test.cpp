@@ -1,0 +1,243 @@
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+
+#include <gtest/gtest.h>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/frame.h>
+}
+
+#include "host/ffmpeg/error.h"
+#include "host/output/muxer.h"
+#include "host/output/snapshot.h"
+#include "host/output/video_encoder.h"
+#include "tests/host/clips.h"
+#include "tests/support/frames.h"
+#include "tests/support/temporary_folder.h"
+
+namespace host {
+namespace {
+
+using support::Yv12Buffer;
+
+Muxer::Settings To(const std::filesystem::path& file) {
+  Muxer::Settings settings;
+  settings.url = file.string();
+  return settings;
+}
+
+VideoEncoder::Settings SmallVideo() {
+  VideoEncoder::Settings settings;
+  settings.width = 96;
+  settings.height = 64;
+  settings.preset = "ultrafast";
+  return settings;
+}
+
+// A picture that differs from moment to moment.
+Yv12Buffer Moment(int step) {
+  Yv12Buffer picture(96, 64);
+  for (int y = 0; y < 64; ++y) {
+    for (int x = 0; x < 96; ++x) {
+      picture.Set(x, y, {40 + x + step * 2, 90 + y, 160 - step});
+    }
+  }
+  return picture;
+}
+
+double MeanDifference(const AVFrame& frame, const Yv12Buffer& picture) {
+  double sum = 0;
+  for (int y = 0; y < picture.height(); ++y) {
+    for (int x = 0; x < picture.width(); ++x) {
+      const support::Colour colour = picture.At(x, y);
+      sum += std::abs(frame.data[0][y * frame.linesize[0] + x] - colour.y) +
+             std::abs(frame.data[1][y / 2 * frame.linesize[1] + x / 2] - colour.u) +
+             std::abs(frame.data[2][y / 2 * frame.linesize[2] + x / 2] - colour.v);
+    }
+  }
+  return sum / (3.0 * picture.width() * picture.height());
+}
+
+TEST(VideoEncoder, KeepsPicturesTimesAndColoursThroughAFile) {
+  const TemporaryFolder folder;
+  VideoEncoder::Settings settings = SmallVideo();
+  settings.quality = 10.0;
+  settings.pixelAspect = {16, 15};
+  VideoEncoder encoder(settings);
+  Muxer muxer(To(folder / "a.mkv"));
+  const std::size_t track = muxer.AddVideo(*encoder.parameters(), settings.frameRate);
+  muxer.Start();
+  const VideoEncoder::PacketSink sink = [&](ffmpeg::Packet packet) {
+    muxer.Write(track, std::move(packet));
+  };
+  const Time first = 3 * kSecond;
+  for (int i = 0; i < 30; ++i) {
+    if (i != 11) {  // a frame that was late and left out
+      encoder.Encode(Moment(i).bytes(), first + i * 400'000, sink);
+    }
+  }
+  encoder.Finish(sink);
+  muxer.Finish();
+
+  MediaReader reader(Source(folder / "a.mkv"));
+  reader.Open();
+  EXPECT_EQ(reader.info().video->pixelAspect, (Ratio{16, 15}));
+  EXPECT_EQ(reader.info().video->frameRate, (Ratio{25, 1}));
+  EXPECT_EQ(reader.info().video->colourSpace, "smpte170m");
+  EXPECT_EQ(reader.info().video->colourRange, "tv");
+  const Content content = ReadAll(reader);
+  ASSERT_EQ(content.pictures.size(), 29U);
+  for (int i = 0; i < 29; ++i) {
+    const int step = i < 11 ? i : i + 1;
+    const VideoPicture& picture = content.pictures[static_cast<std::size_t>(i)];
+    EXPECT_EQ(picture.start - content.pictures[0].start, step * 400'000);
+    EXPECT_LT(MeanDifference(*picture.frame, Moment(step)), 2.0) << i;
+  }
+}
+
+TEST(VideoEncoder, RefusesAnUnknownCodecAndAPictureThatIsTooSmall) {
+  VideoEncoder::Settings settings = SmallVideo();
+  settings.codec = "no-such-codec";
+  EXPECT_THROW(VideoEncoder{settings}, ffmpeg::Error);
+  settings.codec = "aac";
+  EXPECT_THROW(VideoEncoder{settings}, ffmpeg::Error);
+  VideoEncoder encoder(SmallVideo());
+  const std::vector<std::uint8_t> tooSmall(96 * 64);
+  EXPECT_THROW(encoder.Encode(tooSmall, 0, [](ffmpeg::Packet) {}), std::invalid_argument);
+}
+
+TEST(VideoEncoder, EncodesWithoutLibx264Too) {
+  VideoEncoder::Settings settings = SmallVideo();
+  settings.codec = "mpeg2video";
+  VideoEncoder encoder(settings);
+  std::vector<Time> times;
+  const auto sink = [&](ffmpeg::Packet packet) { times.push_back(packet->pts); };
+  for (int i = 0; i < 5; ++i) {
+    encoder.Encode(Moment(i).bytes(), i * 400'000, sink);
+  }
+  encoder.Finish(sink);
+  std::sort(times.begin(), times.end());
+  EXPECT_EQ(times, (std::vector<Time>{0, 400'000, 800'000, 1'200'000, 1'600'000}));
+}
+
+// The packets of a track, copied into another file.
+struct Copied {
+  Content source;
+  Content copy;
+  std::string language;
+  std::string title;
+};
+
+Copied CopySound(const TemporaryFolder& folder, const ClipRecipe& recipe, const std::string& from,
+                 const std::string& to) {
+  Copied copied;
+  MediaReader reader(Source(Write(recipe, folder / from)));
+  reader.Open();
+  copied.source = ReadAll(reader);
+  {
+    Muxer muxer(To(folder / to));
+    const std::size_t track = muxer.AddAudio(*reader.audioParameters(), "Channel 1", "deu");
+    muxer.Start();
+    for (const AudioPacket& packet : copied.source.packets) {
+      muxer.Write(track, ffmpeg::RefPacket(*packet.packet));
+    }
+    // Not finished: the destructor does it.
+  }
+  MediaReader again(Source(folder / to));
+  again.Open();
+  copied.language = again.info().audio->language;
+  copied.title = again.info().audio->title;
+  copied.copy = ReadAll(again);
+  return copied;
+}
+
+TEST(Muxer, PassesCompressedSoundThroughUnchangedWithNameAndLanguage) {
+  const TemporaryFolder folder;
+  for (const char* codec : {"aac", "mp2", "ac3", "eac3"}) {
+    ClipRecipe recipe = SmallClip();
+    recipe.audioCodec = codec;
+    const Copied copied =
+        CopySound(folder, recipe, std::string(codec) + ".mkv", std::string(codec) + "-copy.mkv");
+    EXPECT_EQ(copied.language, "deu");
+    EXPECT_EQ(copied.title, "Channel 1");
+    ASSERT_EQ(copied.copy.packets.size(), copied.source.packets.size()) << codec;
+    for (std::size_t i = 0; i < copied.copy.packets.size(); ++i) {
+      const AVPacket& before = *copied.source.packets[i].packet;
+      const AVPacket& after = *copied.copy.packets[i].packet;
+      ASSERT_EQ(before.size, after.size);
+      EXPECT_EQ(std::memcmp(before.data, after.data, static_cast<std::size_t>(after.size)), 0);
+    }
+  }
+}
+
+TEST(Muxer, TakesTheFramedAacOfATransportStreamIntoMatroska) {
+  const TemporaryFolder folder;
+  const Copied copied = CopySound(folder, SmallClip(), "a.ts", "copy.mkv");
+  EXPECT_EQ(copied.copy.packets.size(), copied.source.packets.size());
+  EXPECT_EQ(copied.copy.samples.size(), copied.source.samples.size());
+}
+
+TEST(Muxer, MovesAPacketThatFallsBehind) {
+  const TemporaryFolder folder;
+  MediaReader reader(Source(Write(SmallClip(), folder / "a.mkv")));
+  reader.Open();
+  const Content content = ReadAll(reader);
+  Muxer muxer(To(folder / "b.ts"));
+  const std::size_t track = muxer.AddAudio(*reader.audioParameters(), "", "");
+  muxer.Start();
+  for (std::size_t i = 0; i < 40; ++i) {
+    ffmpeg::Packet packet = ffmpeg::RefPacket(*content.packets[i].packet);
+    packet->pts = packet->dts = i < 20 ? packet->pts : packet->pts - kSecond / 10;
+    muxer.Write(track, std::move(packet));
+  }
+  muxer.Finish();
+  EXPECT_GE(muxer.movedPackets(), 1U);
+  EXPECT_LE(muxer.movedPackets(), 6U);
+}
+
+TEST(Muxer, SaysWhatItCannotWrite) {
+  const TemporaryFolder folder;
+  EXPECT_THROW(Muxer(To("out.no-such-format")), ffmpeg::Error);
+  const VideoEncoder encoder(SmallVideo());
+  Muxer nowhere(To(folder / "no/folder/a.mkv"));
+  nowhere.AddVideo(*encoder.parameters(), {25, 1});
+  try {
+    nowhere.Start();
+    FAIL() << "started";
+  } catch (const ffmpeg::Error& error) {
+    EXPECT_EQ(error.reason(), "No such file or directory");
+  }
+  Muxer wav(To(folder / "a.wav"));
+  EXPECT_THROW(wav.AddVideo(*encoder.parameters(), {25, 1}), ffmpeg::Error);
+}
+
+TEST(Snapshot, IsAPictureOfTheRightColoursAndShapeAndLeavesNothingElse) {
+  const TemporaryFolder folder;
+  Yv12Buffer picture(96, 64);
+  picture.Fill({82, 90, 240});  // red
+  const std::filesystem::path file = folder / "a.png";
+  WriteSnapshot(file, picture.bytes(), 96, 64, {16, 15});
+
+  MediaReader reader(Source(file));
+  reader.Open();
+  const Content content = ReadAll(reader);
+  ASSERT_EQ(content.pictures.size(), 1U);
+  const AVFrame& frame = *content.pictures[0].frame;
+  EXPECT_EQ(frame.width, 102);
+  EXPECT_EQ(frame.height, 64);
+  ASSERT_EQ(frame.format, AV_PIX_FMT_RGB24);
+  const std::uint8_t* const pixel = frame.data[0] + 20 * frame.linesize[0] + 3 * 50;
+  EXPECT_NEAR(pixel[0], 255, 3);
+  EXPECT_NEAR(pixel[1], 0, 3);
+  EXPECT_NEAR(pixel[2], 0, 3);
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.Path()), {}), 1);
+
+  EXPECT_THROW(WriteSnapshot(folder / "no/a.png", picture.bytes(), 96, 64),
+               std::filesystem::filesystem_error);
+}
+
+}  // namespace
+}  // namespace host
