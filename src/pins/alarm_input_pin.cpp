@@ -89,7 +89,7 @@ HRESULT CComposeAlarmInputPin<T>::OnReceive(IMediaSample* sample) {
 
 template <typename T>
 void CComposeAlarmInputPin<T>::getNearest(REFERENCE_TIME time, std::optional<T>* record) {
-  if (records.size() == 0) {
+  if (records.count() == 0) {
     record->reset();
     return;
   }

@@ -1,6 +1,7 @@
 // RecordingLogger: an ILogPerf that keeps what it is told.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdarg>
@@ -88,6 +89,15 @@ class RecordingLogger final : public qorp::log::ILogPerf {
                     std::chrono::milliseconds limit = std::chrono::seconds(30)) const {
     std::unique_lock guard(lock_);
     return changed_.wait_for(guard, limit, [&] { return lines_.size() >= count; });
+  }
+  // Waits until a line of that text was logged; false when that takes longer than the limit.
+  bool WaitForLine(const std::string& text,
+                   std::chrono::milliseconds limit = std::chrono::seconds(30)) const {
+    std::unique_lock guard(lock_);
+    return changed_.wait_for(guard, limit, [&] {
+      return std::any_of(lines_.begin(), lines_.end(),
+                         [&](const Line& line) { return line.text == text; });
+    });
   }
 
  private:

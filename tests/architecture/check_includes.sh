@@ -1,0 +1,77 @@
+#!/usr/bin/env bash
+# Who may include whom: every #include of the sources is held against the table below, and the
+# operating system and third-party libraries against the folders that may know them.
+set -euo pipefail
+cd "$(dirname "$0")/../.."
+
+# folder: the folders and single files (besides its own) that it may include
+rules='
+platform/com          =
+platform/os           =
+platform/dshow        = platform/com
+platform/baseclasses  = platform/com platform/os platform/dshow
+platform/graph        = platform/com platform/os platform/dshow platform/baseclasses
+platform/text         = platform/os
+util                  = platform/com platform/os platform/dshow platform/baseclasses
+log                   = util platform
+sync                  = util platform
+media                 = util platform
+audio                 =
+render                = util platform/text platform/os
+pins                  = media sync log util platform filter/compose.h
+filter                = pins render media sync log audio util platform
+host                  = log util audio sync platform filter/i_compose_command.h
+'
+
+git grep -nE '^#(include|if)' -- 'src/*.h' 'src/*.cpp' | awk -v rules="$rules" '
+  function folder(path,    parts) {
+    split(path, parts, "/")
+    return parts[1] == "platform" ? parts[1] "/" parts[2] : parts[1]
+  }
+  function may(from, target,    list, count, i) {
+    count = split(allowed[from], list, " ")
+    for (i = 1; i <= count; i++) {
+      if (target == list[i] || index(target, list[i] "/") == 1) return 1
+    }
+    return 0
+  }
+  function fault(what) { print $1 ":" $2 ": " what > "/dev/stderr"; faults++ }
+  BEGIN {
+    FS = ":"
+    lines = split(rules, line, "\n")
+    for (i = 1; i <= lines; i++) {
+      if (split(line[i], sides, "=") == 2) {
+        gsub(/ /, "", sides[1])
+        allowed[sides[1]] = sides[2]
+        known[sides[1]] = 1
+      }
+    }
+  }
+  {
+    path = substr($1, 5)  # below src/
+    from = folder(path)
+    if (!(from in known)) fault("no rule for the folder " from)
+    if (!(path in seen)) { seen[path] = 1; files++ }
+  }
+  $3 ~ /^#include "/ {
+    target = $3
+    sub(/^#include "/, "", target)
+    sub(/".*/, "", target)
+    if (folder(target) == from) next
+    # A pin knows its filter, but in its source only.
+    if (!may(from, target) || (target == "filter/compose.h" && from == "pins" && path ~ /\.h$/)) {
+      fault(from " may not include " target)
+    }
+  }
+  $3 ~ /^#include <(pango|cairo|fontconfig|glib|ft2build|freetype)/ && from != "platform/text" {
+    fault("only platform/text knows the text libraries")
+  }
+  $3 ~ /^#include <lib(av|sw)/ && from != "host" { fault("only host knows FFmpeg") }
+  $3 ~ /^#if.*(__linux__|_WIN32|__unix__|__APPLE__)/ && path !~ /^platform\// {
+    fault("no #ifdef of an operating system outside src/platform")
+  }
+  END {
+    if (files < 50) { print "only " files " files were looked at" > "/dev/stderr"; faults++ }
+    if (faults) exit 1
+    print files " files keep to the include rules"
+  }'

@@ -1,0 +1,237 @@
+#include <gmock/gmock.h>
+
+#include "filter/frame_composer.h"
+#include "platform/dshow/vfw_errors.h"
+#include "tests/support/composer_fixture.h"
+
+namespace {
+
+using testing::ElementsAre;
+
+constexpr GUID kAudioAlarmType{
+    0x053A2D3B, 0x77A2, 0x4DF3, {0xB4, 0x6F, 0x40, 0x21, 0x71, 0xA8, 0x1F, 0x59}};
+constexpr GUID kVideoAlarmType{
+    0xAE3CE0F0, 0x0DCD, 0x4223, {0x88, 0xBA, 0x8E, 0x28, 0x63, 0xE6, 0x5A, 0x18}};
+
+TEST(IsPrerollFrame, MarksTheFrameNearestToEachMultipleOfThePeriod) {
+  constexpr REFERENCE_TIME kFrame = 400000;
+  constexpr REFERENCE_TIME kPeriod = 100000000;
+  std::vector<int> marked;
+  for (int frame = 0; frame <= 750; ++frame) {
+    if (IsPrerollFrame(frame * kFrame, kPeriod, {25, 1})) {
+      marked.push_back(frame);
+    }
+  }
+  EXPECT_THAT(marked, ElementsAre(0, 250, 500, 750));
+  EXPECT_FALSE(IsPrerollFrame(0, 0, {25, 1})) << "a period of 0 marks nothing";
+  EXPECT_FALSE(IsPrerollFrame(0, kPeriod, {0, 1}));
+  // 29.97 frames per second never meet the multiples exactly, and each is marked once.
+  int count = 0;
+  for (int frame = 0; frame < 900; ++frame) {
+    count += IsPrerollFrame(frame * 10000000LL * 1001 / 30000, kPeriod, {30000, 1001}) ? 1 : 0;
+  }
+  EXPECT_EQ(count, 4);
+}
+
+class FrameLoopTest : public ComposerFixture {
+ protected:
+  // A record of one channel at full scale, with meters.
+  void SendAudioAlarm(fakes::Source& source, REFERENCE_TIME start, bool raised) {
+    const ComPtr<IMediaSample> sample = source.NewSample(start, start + 1);
+    BYTE* const wire = Pixels(sample.Get());
+    std::fill_n(wire, 85, BYTE{0});
+    wire[0] = 1;
+    wire[1] = raised ? 1 : 0;
+    wire[3] = 1;
+    wire[4] = 1;
+    wire[7] = 3;
+    wire[8] = 0xE8;
+    sample->SetActualDataLength(85);
+    ASSERT_EQ(source.Send(sample.Get()), S_OK);
+  }
+};
+
+TEST_F(FrameLoopTest, AWallWithoutInputsPassesItsBackgroundThrough) {
+  MakeRunning(0, 0, 0);
+  const ComPtr<IMediaSample> frame = Compose(0, 90);
+  EXPECT_EQ(std::count(Pixels(frame.Get()), Pixels(frame.Get()) + kWidth * kHeight, 90),
+            kWidth * kHeight);
+  EXPECT_EQ(frame->IsPreroll(), S_FALSE);
+}
+
+TEST_F(FrameLoopTest, DrawsEachWindowOneLatencyAfterItsSource) {
+  MakeRunning(1, 16, 16);
+  windows_[0]->Set({.x = 5, .y = -5});  // made even towards zero: 4, -4
+  const REFERENCE_TIME second = 25 * kFrame;
+  // The source runs with the background, from the same moment.
+  Compose(0);
+  std::vector<int> shown;
+  for (int i = 0; i < 60; ++i) {
+    ASSERT_EQ(SendPicture(0, i * kFrame, static_cast<BYTE>(100 + i)), S_OK);
+    const ComPtr<IMediaSample> frame = Compose(i * kFrame);
+    EXPECT_EQ(Luma(frame.Get(), 3, 0), 16);
+    EXPECT_EQ(Luma(frame.Get(), 4, 12), 16);
+    EXPECT_EQ(Luma(frame.Get(), 20, 0), 16);
+    shown.push_back(Luma(frame.Get(), 4, 0) - 100);
+  }
+  // Until the first picture is due, it stands; the second sample fixed the clock.
+  EXPECT_EQ(shown[10], 0);
+  EXPECT_EQ(shown[30], 30 - second / kFrame + 1);
+  EXPECT_EQ(shown[59], 59 - second / kFrame + 1);
+}
+
+TEST_F(FrameLoopTest, AStalledChannelKeepsItsLastPictureAndTheWallItsRate) {
+  MakeRunning(2, 16, 16);
+  windows_[1]->Set({.x = 40});
+  SendPicture(0, 0, 50);
+  SendPicture(1, 0, 60);
+  for (int i = 0; i < 200; ++i) {
+    if (i < 50) {
+      SendPicture(1, i * kFrame, static_cast<BYTE>(i));  // then silent for good
+    }
+    SendPicture(0, i * kFrame, static_cast<BYTE>(i % 200));
+    const ComPtr<IMediaSample> frame = Compose(i * kFrame);
+    ASSERT_TRUE(frame);
+    if (i > 100) {
+      EXPECT_EQ(Luma(frame.Get(), 40, 0), 49);
+      EXPECT_NE(Luma(frame.Get(), 0, 0), 49);
+    }
+  }
+}
+
+TEST_F(FrameLoopTest, ADisabledWindowIsNotDrawnButGoesOnReleasingItsPictures) {
+  MakeRunning(1, 16, 16);
+  windows_[0]->Set({.enabled = false});
+  for (int i = 0; i < 300; ++i) {
+    SendPicture(0, i * kFrame, 200);
+    ASSERT_EQ(Luma(Compose(i * kFrame).Get(), 0, 0), 16);
+  }
+  windows_[0]->Set({.enabled = true});
+  EXPECT_EQ(Luma(Compose(300 * kFrame).Get(), 0, 0), 16)
+      << "its size comes with a type, which nobody looked at while it was hidden";
+}
+
+TEST_F(FrameLoopTest, FollowsAChangeOfSizeInTheStream) {
+  MakeRunning(1, 16, 16);
+  SendPicture(0, 0, 200);
+  EXPECT_EQ(Luma(Compose(0).Get(), 15, 15), 200);
+  SendPicture(0, kFrame, 200);
+  CMediaType smaller = fakes::Yv12Type(8, 8, kFrame);
+  const ComPtr<IMediaSample> sample = sources_[0]->NewSample(2 * kFrame, 3 * kFrame);
+  sample->SetMediaType(&smaller);
+  std::fill_n(Pixels(sample.Get()), sample->GetSize(), BYTE{180});
+  sources_[0]->Send(sample.Get());
+  const ComPtr<IMediaSample> frame = Compose(2 * kFrame + 10000000);
+  EXPECT_EQ(Luma(frame.Get(), 7, 7), 180);
+  EXPECT_EQ(Luma(frame.Get(), 8, 8), 16);
+}
+
+TEST_F(FrameLoopTest, APictureSmallerThanItsTypeSaysIsNotDrawn) {
+  MakeRunning(1, 16, 16);
+  CMediaType larger = fakes::Yv12Type(64, 64, kFrame);
+  const ComPtr<IMediaSample> sample = sources_[0]->NewSample(0, kFrame);
+  sample->SetMediaType(&larger);
+  sources_[0]->Send(sample.Get());
+  EXPECT_EQ(Luma(Compose(0).Get(), 0, 0), 16);
+}
+
+TEST_F(FrameLoopTest, ABackgroundFrameLeavesMarkedAsInterlaced) {
+  MakeRunning(0, 0, 0);
+  const auto interlaceFlags = [&](REFERENCE_TIME start, CMediaType* type) -> int {
+    const ComPtr<IMediaSample> sample = background_->NewSample(start, start + kFrame);
+    sample->SetMediaType(type);
+    sink_->Forget();
+    EXPECT_EQ(background_->Send(sample.Get()), S_OK);
+    EXPECT_TRUE(sink_->WaitForSamples(1));
+    AM_MEDIA_TYPE* carried = nullptr;
+    if (sink_->Samples()[0]->GetMediaType(&carried) != S_OK) {
+      return -1;
+    }
+    const OwnedMediaType owned(carried);
+    return static_cast<int>(
+        reinterpret_cast<VIDEOINFOHEADER2*>(owned->pbFormat)->dwInterlaceFlags);
+  };
+  CMediaType type = fakes::Yv12Type(kWidth, kHeight, kFrame);
+  reinterpret_cast<VIDEOINFOHEADER2*>(type.pbFormat)->dwInterlaceFlags = 0x40;
+  EXPECT_EQ(interlaceFlags(0, &type), 1);
+  EXPECT_EQ(interlaceFlags(kFrame, nullptr), -1);
+}
+
+TEST_F(FrameLoopTest, ASelectionIsFramedInsideThePicture) {
+  MakeRunning(1, 40, 30);
+  // 120 lines give a frame without thickness: nothing is drawn, but the place is checked.
+  windows_[0]->Set({.x = 10, .y = 10, .selected = true});
+  SendPicture(0, 0, 100);
+  EXPECT_EQ(Luma(Compose(0).Get(), 10, 10), 100);
+}
+
+TEST_F(FrameLoopTest, TheSameFaultIsToldOnceUntilAFrameSucceeds) {
+  MakeRunning(1, 16, 16);
+  // Selected before its size is known: every frame fails.
+  windows_[0]->Set({.selected = true});
+  SendBackground(0);
+  SendBackground(kFrame);
+  WaitForLine("Error in composition: Cannot draw selector: bad config");
+  windows_[0]->Set({.selected = false});
+  ASSERT_TRUE(Compose(2 * kFrame));
+  const auto faults = [&] {
+    const auto texts = logger_.Texts();
+    return std::count(texts.begin(), texts.end(),
+                      "Error in composition: Cannot draw selector: bad config");
+  };
+  EXPECT_EQ(faults(), 1);
+  windows_[0]->Set({.selected = true});
+  SendBackground(3 * kFrame);
+  windows_[0]->Set({.result = VFW_E_NOT_FOUND});
+  SendBackground(4 * kFrame);
+  EXPECT_TRUE(logger_.WaitForLines(2));
+  windows_[0]->Set({});
+  ASSERT_TRUE(Compose(5 * kFrame));
+  EXPECT_LE(faults(), 2);
+}
+
+TEST_F(FrameLoopTest, AFailingWindowObjectDropsTheFrameWithItsReason) {
+  MakeRunning(1, 16, 16);
+  windows_[0]->Set({.result = MakeHresult(0x80250021)});
+  SendBackground(0);
+  WaitForLine("Error in composition: Tavrel Error 80250021: No picture found");
+  windows_[0]->Set({.colour = nullptr});
+  EXPECT_TRUE(Compose(kFrame)) << "a window without a colour is no fault";
+}
+
+TEST_F(FrameLoopTest, AVideoAlarmShowsThroughTheMeterOnly) {
+  Make(1);
+  ConnectBackground();
+  ConnectWindow(0, 100, 100);
+  ConnectSink();
+  const ComPtr<fakes::Source> audio =
+      ConnectSide(PositionOfAudioAlarm(0), fakes::TypeOf(kAudioAlarmType, MEDIASUBTYPE_None));
+  const ComPtr<fakes::Source> video =
+      ConnectSide(PositionOfVideoAlarm(0), fakes::TypeOf(kVideoAlarmType, MEDIASUBTYPE_None));
+  ASSERT_EQ(graph_->Run(0), S_OK);
+  SendPicture(0, 0, 200);
+  SendPicture(0, kFrame, 200);
+  const REFERENCE_TIME shown = 10000000;  // the time of the second picture's display
+  const ComPtr<IMediaSample> raised = video->NewSample(kFrame, kFrame + 1);
+  Pixels(raised.Get())[0] = 1;
+  ASSERT_EQ(video->Send(raised.Get()), S_OK);
+  // The alarm box: panel 10 x 100, top band 9 rows, box 5 x 4 at (2, 3).
+  EXPECT_EQ(Luma(Compose(shown).Get(), 4, 4), 200) << "no audio record, no meter, no alarm";
+  SendAudioAlarm(*audio, kFrame, false);
+  EXPECT_EQ(Luma(Compose(shown).Get(), 4, 4), 76) << "the video alarm was neither read nor dropped";
+  SendAudioAlarm(*audio, 2 * kFrame, true);
+  EXPECT_EQ(Luma(Compose(shown + kFrame).Get(), 4, 4), 76) << "an alarm of the sound";
+  SendAudioAlarm(*audio, 3 * kFrame, false);
+  EXPECT_NE(Luma(Compose(shown + 2 * kFrame).Get(), 4, 4), 76);
+}
+
+TEST_F(FrameLoopTest, MarksPrerollFrames) {
+  Make(0, 10 * kFrame);
+  ConnectBackground();
+  ConnectSink();
+  ASSERT_EQ(graph_->Run(0), S_OK);
+  EXPECT_EQ(Compose(10 * kFrame)->IsPreroll(), S_OK);
+  EXPECT_EQ(Compose(11 * kFrame)->IsPreroll(), S_FALSE);
+}
+
+}  // namespace

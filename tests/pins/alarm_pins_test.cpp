@@ -1,0 +1,125 @@
+#include <gmock/gmock.h>
+
+#include "platform/dshow/vfw_errors.h"
+#include "tests/support/composer_fixture.h"
+
+namespace {
+
+constexpr GUID kTextType{0x67CA2076, 0x1596, 0x47C6, {0xA9, 0x6A, 0x85, 0xD7, 0x92, 0xAC, 0xAA, 0x53}};
+constexpr GUID kAudioAlarmType{
+    0x053A2D3B, 0x77A2, 0x4DF3, {0xB4, 0x6F, 0x40, 0x21, 0x71, 0xA8, 0x1F, 0x59}};
+constexpr GUID kVideoAlarmType{
+    0xAE3CE0F0, 0x0DCD, 0x4223, {0x88, 0xBA, 0x8E, 0x28, 0x63, 0xE6, 0x5A, 0x18}};
+
+class AlarmPinsTest : public ComposerFixture {
+ protected:
+  void SetUp() override {
+    Make(1);
+    text_ = ConnectSide(4, fakes::TypeOf(kTextType, MEDIASUBTYPE_None));
+    videoAlarm_ = ConnectSide(6, fakes::TypeOf(kVideoAlarmType, MEDIASUBTYPE_None));
+    audioAlarm_ = ConnectSide(7, fakes::TypeOf(kAudioAlarmType, MEDIASUBTYPE_None));
+  }
+  HRESULT Send(fakes::Source& source, std::string_view payload,
+               std::optional<REFERENCE_TIME> start) {
+    const ComPtr<IMediaSample> sample =
+        source.NewSample(start, start.has_value() ? std::optional(*start + 1) : std::nullopt);
+    std::copy(payload.begin(), payload.end(), Pixels(sample.Get()));
+    sample->SetActualDataLength(static_cast<LONG>(payload.size()));
+    return source.Send(sample.Get());
+  }
+  template <typename T>
+  std::optional<T> Nearest(int position, REFERENCE_TIME time) {
+    std::optional<T> record;
+    static_cast<CComposeAlarmInputPin<T>*>(composer_->GetPin(position))->getNearest(time, &record);
+    return record;
+  }
+  std::optional<std::string> NearestText(REFERENCE_TIME time) {
+    const auto text = Nearest<UTF8TextSampleType>(4, time);
+    return text.has_value() ? std::optional(std::string(text->begin(), text->end())) : std::nullopt;
+  }
+
+  ComPtr<fakes::Source> text_;
+  ComPtr<fakes::Source> audioAlarm_;
+  ComPtr<fakes::Source> videoAlarm_;
+};
+
+TEST_F(AlarmPinsTest, AcceptTheirOwnTypeOnly) {
+  for (const int position : {4, 6, 7}) {
+    CBasePin& pin = *composer_->GetPin(position);
+    CMediaType own;
+    own.lSampleSize = 77;
+    EXPECT_EQ(pin.GetMediaType(0, &own), S_OK);
+    EXPECT_EQ(own.lSampleSize, 77U) << "only the two types are written";
+    EXPECT_EQ(pin.CheckMediaType(&own), S_OK);
+    own.SetSubtype(&GUID_NULL);
+    EXPECT_EQ(pin.CheckMediaType(&own), VFW_E_TYPE_NOT_ACCEPTED);
+    const CMediaType foreign = fakes::TypeOf(MEDIATYPE_Audio, MEDIASUBTYPE_None);
+    EXPECT_EQ(pin.CheckMediaType(&foreign), VFW_E_TYPE_NOT_ACCEPTED);
+    EXPECT_EQ(pin.GetMediaType(1, &own), VFW_S_NO_MORE_ITEMS);
+  }
+}
+
+TEST_F(AlarmPinsTest, HandOutTheNearestRecordAndDropOlderOnes) {
+  Send(*text_, "one", 100);
+  Send(*text_, "two", 200);
+  EXPECT_EQ(NearestText(150), "one") << "a tie goes to the earlier";
+  EXPECT_EQ(NearestText(150), "two") << "and what was older is gone";
+  EXPECT_EQ(NearestText(201), "two");
+  EXPECT_EQ(NearestText(202), std::nullopt);
+}
+
+TEST_F(AlarmPinsTest, StartAnewWhenTimeGoesBack) {
+  Send(*text_, "late", 400);
+  Send(*text_, "early", 300);
+  EXPECT_EQ(NearestText(390), "early");
+}
+
+TEST_F(AlarmPinsTest, RefuseRecordsWithoutATimeOrTooShort) {
+  EXPECT_EQ(Send(*text_, "x", std::nullopt), VFW_E_SAMPLE_TIME_NOT_SET);
+  EXPECT_EQ(Send(*audioAlarm_, std::string(84, '\1'), 5), E_FAIL);
+  EXPECT_EQ(Send(*videoAlarm_, "\1", 5), E_FAIL);
+  EXPECT_EQ(NearestText(5), std::nullopt);
+  EXPECT_FALSE(Nearest<AudioAlarm>(7, 5).has_value());
+  EXPECT_FALSE(Nearest<VideoAlarm>(6, 5).has_value());
+  EXPECT_THAT(logger_.Texts(), testing::Each(testing::HasSubstr("Invalid sample size")));
+  EXPECT_EQ(Send(*text_, "", 5), S_OK) << "a text may be empty";
+  EXPECT_EQ(NearestText(5), "");
+}
+
+TEST_F(AlarmPinsTest, ReadTheWireForms) {
+  std::string wire(90, '\0');
+  wire[0] = 1;
+  wire[2] = 1;
+  wire[3] = 1;
+  wire[4] = 2;
+  wire.replace(5, 4, std::string("\x00\x00\x03\xE8", 4));
+  wire.replace(5 + 36, 4, std::string("\xFF\xFF\xFF\xFE", 4));
+  wire.replace(45, 4, std::string("\x01\x02\x03\x04", 4));
+  ASSERT_EQ(Send(*audioAlarm_, wire, 5), S_OK);
+  const auto audio = Nearest<AudioAlarm>(7, 5);
+  ASSERT_TRUE(audio.has_value());
+  EXPECT_TRUE(audio->IsRaised());
+  EXPECT_EQ(audio->alarmCondition1, 0);
+  EXPECT_EQ(audio->channelCount, 2);
+  EXPECT_EQ(audio->levels[0], 1000);
+  EXPECT_EQ(audio->levels[9], -2);
+  EXPECT_EQ(audio->peaks[0], 0x01020304);
+
+  ASSERT_EQ(Send(*videoAlarm_, std::string("\x01\x00\x05", 3), 5), S_OK);
+  const auto video = Nearest<VideoAlarm>(6, 5);
+  EXPECT_EQ(video->alarm, 1);
+  EXPECT_EQ(video->extra, 0);
+}
+
+TEST_F(AlarmPinsTest, MoveTheirTimesAsTheWindowDoes) {
+  ConnectBackground();
+  ConnectWindow(0, 16, 16);
+  ASSERT_EQ(SendBackground(5000000), S_OK);
+  ASSERT_EQ(SendPicture(0, 0, 0), S_OK);
+  Send(*text_, "label", 1000000);
+  EXPECT_EQ(NearestText(16000000), "label");
+  EXPECT_EQ(NearestText(16000001), "label") << "kept until a frame has passed it";
+  EXPECT_EQ(NearestText(16000002), std::nullopt);
+}
+
+}  // namespace

@@ -1,0 +1,167 @@
+#include <gmock/gmock.h>
+
+#include <thread>
+
+#include "platform/dshow/vfw_errors.h"
+#include "tests/support/composer_fixture.h"
+
+namespace {
+
+using testing::ElementsAre;
+
+class AudioPinsTest : public ComposerFixture {
+ protected:
+  static constexpr int kInput = 3;
+  static constexpr int kOutput = 5;
+
+  void SetUp() override {
+    Make(1);
+    ConnectBackground();
+    ConnectWindow(0, 16, 16);
+    ConnectSink();
+    packets_ = ConnectSide(kInput, fakes::AudioType(MEDIASUBTYPE_DOLBY_AC3), 256);
+    graph_->AddFilter(audioSink_.Get(), u"audio sink");
+  }
+  void TearDown() override {
+    audioSink_->Forget();
+    audioSink_->Stop();
+    packets_.Reset();
+    ComposerFixture::TearDown();
+    audioSink_.Reset();
+  }
+  CBaseOutputPin& Output() { return *static_cast<CBaseOutputPin*>(composer_->GetPin(kOutput)); }
+  HRESULT ConnectOutput() { return Output().Connect(&audioSink_->pin, nullptr); }
+  ComPtr<IMediaSample> Packet(std::optional<REFERENCE_TIME> start, std::optional<REFERENCE_TIME> stop,
+                              std::string_view bytes) {
+    ComPtr<IMediaSample> packet = packets_->NewSample(start, stop);
+    std::copy(bytes.begin(), bytes.end(), Pixels(packet.Get()));
+    packet->SetActualDataLength(static_cast<LONG>(bytes.size()));
+    return packet;
+  }
+  static std::string Bytes(IMediaSample* sample) {
+    return {reinterpret_cast<char*>(Pixels(sample)),
+            static_cast<std::size_t>(sample->GetActualDataLength())};
+  }
+
+  ComPtr<fakes::Source> packets_;
+  ComPtr<fakes::Sink> audioSink_ = fakes::Sink::Create();
+};
+
+TEST_F(AudioPinsTest, APacketLeavesWithItsBytesInStepWithThePictures) {
+  ASSERT_EQ(ConnectOutput(), S_OK);
+  ASSERT_EQ(graph_->Run(0), S_OK);
+  SendBackground(5000000);
+  SendPicture(0, 0, 0);
+  const ComPtr<IMediaSample> packet = Packet(1000000, 1200000, "compressed");
+  packet->SetSyncPoint(TRUE);
+  packet->SetPreroll(TRUE);
+  REFERENCE_TIME mediaStart = 3;
+  REFERENCE_TIME mediaStop = 4;
+  packet->SetMediaTime(&mediaStart, &mediaStop);
+  ASSERT_EQ(packets_->Send(packet.Get()), S_OK);
+  ASSERT_EQ(packets_->Send(Packet(std::nullopt, std::nullopt, "untimed").Get()), S_OK);
+  ASSERT_EQ(audioSink_->Count(), 2U);
+  const auto samples = audioSink_->Samples();
+  REFERENCE_TIME start = 0;
+  REFERENCE_TIME stop = 0;
+  EXPECT_EQ(samples[0]->GetTime(&start, &stop), S_OK);
+  EXPECT_EQ(start, 16000000);
+  EXPECT_EQ(stop, 16200000);
+  EXPECT_EQ(Bytes(samples[0].Get()), "compressed");
+  EXPECT_EQ(samples[0]->IsSyncPoint(), S_OK);
+  EXPECT_EQ(samples[0]->IsPreroll(), S_OK);
+  EXPECT_EQ(samples[0]->IsDiscontinuity(), S_FALSE);
+  EXPECT_EQ(samples[0]->GetMediaTime(&start, &stop), S_OK);
+  EXPECT_EQ(stop, 4);
+  EXPECT_NE(Pixels(samples[0].Get()), Pixels(packet.Get())) << "a copy of its own";
+  EXPECT_EQ(samples[1]->GetTime(&start, &stop), VFW_E_SAMPLE_TIME_NOT_SET);
+  EXPECT_EQ(Bytes(samples[1].Get()), "untimed");
+}
+
+TEST_F(AudioPinsTest, AcceptTheCompressedTypesOfTheProduct) {
+  CBasePin& input = *composer_->GetPin(kInput);
+  const GUID privateType{0xC0E9C364, 0x783D, 0x4B50, {0xAB, 0xF3, 0xF3, 0x4B, 0x80, 0x1C, 0xEE, 0xC6}};
+  for (const GUID& subtype :
+       {FourccGuid(0x50), MEDIASUBTYPE_MPEG1Payload, MEDIASUBTYPE_MPEG2_AUDIO, MEDIASUBTYPE_DOLBY_AC3,
+        MEDIASUBTYPE_DOLBY_DDPLUS, FourccGuid(0xFF), FourccGuid(0x1FF), privateType}) {
+    const CMediaType type = fakes::AudioType(subtype);
+    EXPECT_EQ(input.CheckMediaType(&type), S_OK) << GuidToString(subtype);
+    const CMediaType picture = fakes::TypeOf(MEDIATYPE_Video, subtype);
+    EXPECT_EQ(input.CheckMediaType(&picture), S_FALSE);
+  }
+  const CMediaType pcm = fakes::AudioType(MEDIASUBTYPE_PCM);
+  EXPECT_EQ(input.CheckMediaType(&pcm), S_FALSE);
+  EXPECT_EQ(Output().CheckMediaType(&pcm), S_OK) << "the output is loose on purpose";
+  const CMediaType none = fakes::AudioType(GUID_NULL);
+  EXPECT_EQ(Output().CheckMediaType(&none), S_FALSE);
+}
+
+TEST_F(AudioPinsTest, TheOutputTakesTypeAndBuffersFromItsInput) {
+  CMediaType type;
+  ASSERT_EQ(Output().GetMediaType(0, &type), S_OK);
+  EXPECT_EQ(type.subtype, MEDIASUBTYPE_DOLBY_AC3);
+  EXPECT_EQ(Output().GetMediaType(1, &type), VFW_S_NO_MORE_ITEMS);
+  ASSERT_EQ(ConnectOutput(), S_OK);
+  ALLOCATOR_PROPERTIES in{};
+  ALLOCATOR_PROPERTIES out{};
+  packets_->pin.HeldAllocator()->GetProperties(&in);
+  Output().HeldAllocator()->GetProperties(&out);
+  EXPECT_EQ(out.cBuffers, in.cBuffers);
+  EXPECT_EQ(out.cbBuffer, in.cbBuffer);
+}
+
+TEST_F(AudioPinsTest, AnOutputBeforeItsInputIsRefusedAndSaysSo) {
+  packets_->pin.Disconnect();
+  composer_->GetPin(kInput)->Disconnect();
+  CMediaType type = fakes::AudioType(MEDIASUBTYPE_DOLBY_AC3);
+  EXPECT_EQ(Output().GetMediaType(0, &type), VFW_E_NOT_CONNECTED);
+  type = fakes::AudioType(MEDIASUBTYPE_DOLBY_AC3);
+  EXPECT_EQ(Output().Connect(&audioSink_->pin, &type), E_FAIL);
+  const std::string told =
+      "Composer: output audio pin [0] was connected before the corresponding input pin";
+  EXPECT_THAT(logger_.Texts(), testing::Each(told));
+  EXPECT_FALSE(logger_.Texts().empty());
+}
+
+TEST_F(AudioPinsTest, AnAllocatorThatGrantsLessIsRefused) {
+  audioSink_->pin.ownAllocator = ComPtr<IMemAllocator>(fakes::StingyAllocator::Create(2).Get());
+  ALLOCATOR_PROPERTIES request{};
+  EXPECT_EQ(Output().DecideBufferSize(audioSink_->pin.ownAllocator.Get(), &request), E_FAIL);
+}
+
+TEST_F(AudioPinsTest, NothingStallsUpstreamWhileTheOutputCannotTakeIt) {
+  ASSERT_EQ(graph_->Run(0), S_OK);
+  EXPECT_EQ(packets_->Send(Packet(0, 1, "lost").Get()), S_OK) << "no output";
+  ASSERT_EQ(ConnectOutput(), S_OK);
+  audioSink_->Run(0);
+  EXPECT_EQ(packets_->Send(Packet(0, 1, "kept").Get()), S_OK);
+  EXPECT_EQ(audioSink_->Count(), 1U) << "a connection made while running delivers at once";
+  audioSink_->pin.onReceive = [](IMediaSample*) { return VFW_E_SAMPLE_REJECTED; };
+  EXPECT_EQ(packets_->Send(Packet(0, 1, "bad").Get()), VFW_E_SAMPLE_REJECTED);
+  ASSERT_EQ(graph_->Stop(), S_OK);
+  EXPECT_EQ(packets_->Send(Packet(0, 1, "late").Get()), VFW_E_WRONG_STATE);
+}
+
+TEST_F(AudioPinsTest, MayBeUnpluggedAHundredTimesWhilePacketsFlow) {
+  ASSERT_EQ(graph_->Run(0), S_OK);
+  audioSink_->pin.onReceive = [](IMediaSample*) { return S_OK; };
+  std::atomic<bool> stop{false};
+  std::atomic<int> failures{0};
+  std::thread streaming([&] {
+    for (REFERENCE_TIME time = 0; !stop; ++time) {
+      if (packets_->Send(Packet(time, time + 1, "packet").Get()) != S_OK) {
+        ++failures;
+      }
+    }
+  });
+  for (int i = 0; i < 100; ++i) {
+    ASSERT_EQ(ConnectOutput(), S_OK);
+    ASSERT_EQ(Output().Disconnect(), S_OK);
+    ASSERT_EQ(audioSink_->pin.Disconnect(), S_OK);
+  }
+  stop = true;
+  streaming.join();
+  EXPECT_EQ(failures, 0) << "a packet that finds no output is dropped without a word upstream";
+}
+
+}  // namespace

@@ -1,0 +1,86 @@
+#include "platform/dshow/vfw_errors.h"
+#include "tests/support/composer_fixture.h"
+
+namespace {
+
+class OutputPinTest : public ComposerFixture {
+ protected:
+  CBaseOutputPin& Pin() { return *static_cast<CBaseOutputPin*>(composer_->GetPin(1)); }
+  VIDEOINFOHEADER2 Offered(CMediaType* type) {
+    EXPECT_EQ(Pin().GetMediaType(0, type), S_OK);
+    EXPECT_EQ(type->formattype, FORMAT_VideoInfo2);
+    EXPECT_EQ(type->cbFormat, sizeof(VIDEOINFOHEADER2));
+    VIDEOINFOHEADER2 format{};
+    std::memcpy(&format, type->pbFormat, sizeof(format));
+    return format;
+  }
+};
+
+TEST_F(OutputPinTest, OffersNothingWithoutABackground) {
+  Make(0);
+  CMediaType type;
+  EXPECT_EQ(Pin().GetMediaType(0, &type), VFW_E_NOT_CONNECTED);
+  EXPECT_EQ(Pin().GetMediaType(1, &type), VFW_S_NO_MORE_ITEMS);
+  EXPECT_TRUE(FAILED(Pin().Connect(&sink_->pin, nullptr)));
+}
+
+TEST_F(OutputPinTest, TurnsAPlainHeaderIntoTheLargerOne) {
+  Make(0);
+  ConnectBackground(fakes::Yv12TypeWithPlainHeader(720, 576, 333667));
+  CMediaType type;
+  const VIDEOINFOHEADER2 format = Offered(&type);
+  EXPECT_EQ(format.AvgTimePerFrame, 333667);
+  EXPECT_EQ(format.dwPictAspectRatioX, 4U);
+  EXPECT_EQ(format.dwPictAspectRatioY, 3U);
+  EXPECT_EQ(format.dwInterlaceFlags, 0U);
+  EXPECT_EQ(format.bmiHeader.biSize, 40U);
+  EXPECT_EQ(format.bmiHeader.biWidth, 720);
+  EXPECT_EQ(format.bmiHeader.biHeight, 576);
+  EXPECT_EQ(format.bmiHeader.biPlanes, 3);
+  EXPECT_EQ(format.bmiHeader.biBitCount, 12);
+  EXPECT_EQ(format.bmiHeader.biCompression, 0x32315659U);
+  EXPECT_EQ(format.bmiHeader.biSizeImage, 622080U);
+  EXPECT_EQ(type.GetSampleSize(), 622080U);
+}
+
+TEST_F(OutputPinTest, KeepsALargerHeaderButForTheAspect) {
+  Make(0);
+  CMediaType background = fakes::Yv12Type(kWidth, kHeight);
+  auto* const header = reinterpret_cast<VIDEOINFOHEADER2*>(background.pbFormat);
+  header->dwInterlaceFlags = 0x85;
+  header->dwPictAspectRatioX = 1;
+  ConnectBackground(background);
+  CMediaType type;
+  const VIDEOINFOHEADER2 format = Offered(&type);
+  header->dwPictAspectRatioX = 4;
+  header->dwPictAspectRatioY = 3;
+  EXPECT_EQ(format.dwInterlaceFlags, 0x85U);
+  EXPECT_TRUE(type == background);
+}
+
+TEST_F(OutputPinTest, AsksForThirtyBuffersOrAsManyAsThePeerWants) {
+  for (const auto& [wanted, agreed] : {std::pair<LONG, LONG>{4, 30}, {40, 40}}) {
+    const ComPtr<IMemAllocator> allocator = CMemAllocator::Create();
+    if (composer_ == nullptr) {
+      Make(0);
+    }
+    ALLOCATOR_PROPERTIES request{wanted, 1, 16, 8};
+    ASSERT_EQ(Pin().DecideBufferSize(allocator.Get(), &request), S_OK);
+    ALLOCATOR_PROPERTIES actual{};
+    allocator->GetProperties(&actual);
+    EXPECT_EQ(actual.cBuffers, agreed);
+    EXPECT_EQ(actual.cbBuffer, kWidth * kHeight * 3 / 2);
+    EXPECT_EQ(actual.cbAlign, 1);
+    EXPECT_EQ(actual.cbPrefix, 0);
+  }
+  const auto stingy = fakes::StingyAllocator::Create(29);
+  ALLOCATOR_PROPERTIES request{};
+  EXPECT_EQ(Pin().DecideBufferSize(stingy.Get(), &request), E_FAIL);
+}
+
+TEST_F(OutputPinTest, TakesQualityMessagesWithoutActingOnThem) {
+  Make(0);
+  EXPECT_EQ(Pin().Notify(filter_.Get(), Quality{Flood, 500, 10, 20}), S_OK);
+}
+
+}  // namespace
