@@ -1,0 +1,107 @@
+#include "platform/baseclasses/base_reference_clock.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr REFERENCE_TIME kUnitsPerMillisecond = 10000;
+// The longest wait in one piece: a clock whose time leaps is looked at again by then.
+constexpr REFERENCE_TIME kLongestWait = 10000 * kUnitsPerMillisecond;
+
+}  // namespace
+
+CBaseReferenceClock::CBaseReferenceClock(const char* name, IUnknown* outer, HRESULT* /*hr*/)
+    : CUnknown(name, outer) {}
+
+CBaseReferenceClock::~CBaseReferenceClock() {
+  EndAdvising();
+}
+
+HRESULT CBaseReferenceClock::NonDelegatingQueryInterface(REFIID iid, void** object) {
+  if (iid == IID_IReferenceClock) {
+    return GetInterface(static_cast<IReferenceClock*>(this), object);
+  }
+  return CUnknown::NonDelegatingQueryInterface(iid, object);
+}
+
+HRESULT CBaseReferenceClock::GetTime(REFERENCE_TIME* time) {
+  if (time == nullptr) {
+    return E_POINTER;
+  }
+  const std::lock_guard guard(timeLock_);
+  const REFERENCE_TIME now = GetPrivateTime();
+  if (now > lastGotTime_) {
+    lastGotTime_ = now;
+    *time = now;
+    return S_OK;
+  }
+  *time = lastGotTime_;
+  return S_FALSE;
+}
+
+HRESULT CBaseReferenceClock::AdviseTime(REFERENCE_TIME baseTime, REFERENCE_TIME streamTime,
+                                        HEVENT event, DWORD_PTR* cookie) {
+  if (event == nullptr || cookie == nullptr) {
+    return E_POINTER;
+  }
+  *cookie = 0;
+  const REFERENCE_TIME time = baseTime + streamTime;
+  if (time <= 0 || time == AdviseList::kNever) {
+    return E_INVALIDARG;
+  }
+  *cookie = advises_.AddOnce(time, event);
+  StartAdvising();
+  return S_OK;
+}
+
+HRESULT CBaseReferenceClock::AdvisePeriodic(REFERENCE_TIME startTime, REFERENCE_TIME periodTime,
+                                            HSEMAPHORE semaphore, DWORD_PTR* cookie) {
+  if (semaphore == nullptr || cookie == nullptr) {
+    return E_POINTER;
+  }
+  *cookie = 0;
+  if (startTime <= 0 || periodTime <= 0 || startTime == AdviseList::kNever) {
+    return E_INVALIDARG;
+  }
+  *cookie = advises_.AddPeriodic(startTime, periodTime, semaphore);
+  StartAdvising();
+  return S_OK;
+}
+
+HRESULT CBaseReferenceClock::Unadvise(DWORD_PTR cookie) {
+  return advises_.Remove(cookie) ? S_OK : S_FALSE;
+}
+
+void CBaseReferenceClock::StartAdvising() {
+  {
+    const std::lock_guard guard(threadLock_);
+    if (thread_ == nullptr && !ending_) {
+      thread_ = std::make_unique<os::Thread>([this] { Advise(); }, "clock");
+    }
+  }
+  trigger_.Set();
+}
+
+void CBaseReferenceClock::EndAdvising() {
+  ending_ = true;
+  trigger_.Set();
+  const std::lock_guard guard(threadLock_);
+  if (thread_ != nullptr) {
+    thread_->Wait(os::kInfinite);
+    thread_.reset();
+  }
+}
+
+void CBaseReferenceClock::Advise() {
+  while (!ending_) {
+    const REFERENCE_TIME now = GetPrivateTime();
+    const REFERENCE_TIME next = advises_.SignalDue(now);
+    if (next == AdviseList::kNever) {
+      trigger_.Wait(os::kInfinite);
+      continue;
+    }
+    const REFERENCE_TIME wait = std::min(next - now, kLongestWait);
+    trigger_.Wait(
+        static_cast<std::uint32_t>((wait + kUnitsPerMillisecond - 1) / kUnitsPerMillisecond));
+  }
+}
