@@ -9,6 +9,13 @@ namespace os {
 // Absolute path of the library or program that holds address; empty when none does.
 std::string ModulePathOf(const void* address);
 
+// Absolute path of the running program; empty when the system cannot tell.
+std::string ProgramPath();
+
+// Keeps the library that holds address, and with it every library that it needs, loaded until the
+// process ends. For libraries that cannot stand being unloaded.
+void KeepModuleLoaded(const void* address);
+
 // A loaded library. It is unloaded when the last holder is gone; whoever uses its code keeps one.
 class Module {
  public:

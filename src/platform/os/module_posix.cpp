@@ -17,6 +17,18 @@ std::string ModulePathOf(const void* address) {
   return ignored ? info.dli_fname : path.string();
 }
 
+std::string ProgramPath() {
+  std::error_code failed;
+  const std::filesystem::path path = std::filesystem::read_symlink("/proc/self/exe", failed);
+  return failed ? std::string() : path.string();
+}
+
+void KeepModuleLoaded(const void* address) {
+  const std::string path = ModulePathOf(address);
+  // The handle is never closed; without a loaded library of that name there is nothing to keep.
+  dlopen(path.c_str(), RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
+}
+
 std::shared_ptr<Module> Module::Load(const std::string& path) {
   void* const handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (handle == nullptr) {

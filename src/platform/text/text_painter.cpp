@@ -1,0 +1,316 @@
+#include "platform/text/text_painter.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "platform/text/composite.h"
+#include "platform/text/font_library.h"
+#include "platform/text/handles.h"
+#include "platform/text/utf8.h"
+
+namespace os {
+
+namespace {
+
+constexpr double kDotsPerInch = 96.0;
+// More than any rectangle shows; bounds the time that one hostile text can take.
+constexpr std::size_t kMaxUnits = 4096;
+
+std::u16string_view Visible(std::u16string_view text) {
+  if (text.size() <= kMaxUnits) {
+    return text;
+  }
+  const bool splitsPair = (text[kMaxUnits - 1] & 0xFC00) == 0xD800;
+  return text.substr(0, splitsPair ? kMaxUnits - 1 : kMaxUnits);
+}
+
+ContextHandle MakeContext(PangoFontMap* map) {
+  ContextHandle context(pango_font_map_create_context(map));
+  const FontOptionsHandle options(cairo_font_options_create());
+  cairo_font_options_set_antialias(options.get(), CAIRO_ANTIALIAS_GRAY);
+  cairo_font_options_set_hint_style(options.get(), CAIRO_HINT_STYLE_SLIGHT);
+  cairo_font_options_set_hint_metrics(options.get(), CAIRO_HINT_METRICS_ON);
+  pango_cairo_context_set_font_options(context.get(), options.get());
+  pango_cairo_context_set_resolution(context.get(), kDotsPerInch);
+  return context;
+}
+
+// A word that is broken between two lines gets no hyphen.
+void SetAttributes(PangoLayout* layout) {
+  PangoAttrList* const attributes = pango_attr_list_new();
+  pango_attr_list_insert(attributes, pango_attr_insert_hyphens_new(FALSE));
+  pango_layout_set_attributes(layout, attributes);
+  pango_attr_list_unref(attributes);
+}
+
+// In layout units, from the left.
+int LineStart(int lineWidth, int width, TextAlignment alignment) {
+  switch (alignment) {
+    case TextAlignment::kNear:
+      return 0;
+    case TextAlignment::kFar:
+      return width - lineWidth;
+    case TextAlignment::kCentre:
+      return (width - lineWidth) / 2;
+  }
+  return 0;
+}
+
+bool HasColourGlyphs(const PangoLayoutLine* line) {
+  for (const GSList* run = line->runs; run != nullptr; run = run->next) {
+    const PangoGlyphString* const glyphs = static_cast<const PangoGlyphItem*>(run->data)->glyphs;
+    for (int i = 0; i < glyphs->num_glyphs; ++i) {
+      if (glyphs->glyphs[i].attr.is_color) {
+        return true;
+      }
+    }
+  }
+  return false;
+}
+
+// Memory that cairo draws into. Always all zero but for the ink of the drawing in it.
+class DrawingSurface {
+ public:
+  void Make(cairo_format_t format, int width, int height) {
+    cairo_.reset();
+    surface_.reset();
+    stride_ = cairo_format_stride_for_width(format, width);
+    bytesPerPixel_ = format == CAIRO_FORMAT_A8 ? 1 : 4;
+    width_ = width;
+    height_ = height;
+    bytes_.assign(static_cast<std::size_t>(stride_) * static_cast<std::size_t>(height), 0);
+    surface_.reset(
+        cairo_image_surface_create_for_data(bytes_.data(), format, width, height, stride_));
+    cairo_.reset(cairo_create(surface_.get()));
+  }
+  void Drop() {
+    cairo_.reset();
+    surface_.reset();
+    bytes_ = {};
+  }
+  bool Made() const { return cairo_ != nullptr; }
+  cairo_t* Cairo() const { return cairo_.get(); }
+  PixelRows<const std::uint8_t> Rows() const { return {bytes_.data(), stride_}; }
+
+  PixelBounds FindInk() const {
+    PixelBounds ink = BoundsOfInk(Rows(), width_ * bytesPerPixel_, height_);
+    ink.left /= bytesPerPixel_;
+    ink.right = (ink.right + bytesPerPixel_ - 1) / bytesPerPixel_;
+    return ink;
+  }
+  void Clear(const PixelBounds& ink) {
+    for (int y = ink.top; y < ink.bottom; ++y) {
+      std::fill_n(
+          bytes_.data() + static_cast<std::ptrdiff_t>(y) * stride_ + ink.left * bytesPerPixel_,
+          (ink.right - ink.left) * bytesPerPixel_, std::uint8_t{0});
+    }
+  }
+
+ private:
+  std::vector<std::uint8_t> bytes_;
+  SurfaceHandle surface_;  // refers to bytes_
+  CairoHandle cairo_;      // refers to surface_
+  int stride_ = 0;
+  int bytesPerPixel_ = 1;
+  int width_ = 0;
+  int height_ = 0;
+};
+
+}  // namespace
+
+// Everything up to surface and cairo is made from the library's font map and touched with its lock
+// held; the pixels are this painter's own.
+struct TextPainter::State {
+  std::shared_ptr<FontLibrary> library;
+  ContextHandle context;
+  LayoutHandle layout;
+  FontDescriptionHandle font;  // null until a font was found
+  // Ordinary glyphs are drawn as coverage alone and get the text colour afterwards, exactly. Only a
+  // text with colour glyphs is drawn in colour.
+  DrawingSurface coverage;
+  DrawingSurface colour;
+
+  std::string family;  // family in use
+  std::string utf8;    // scratch
+  CoverageColours colours;
+  std::vector<std::uint8_t> pixels;
+  int width = 0;
+  int height = 0;
+  std::uint32_t clearColour = 0;
+  PixelBounds ink;  // of pixels
+
+  void Resize(const TextPainting& painting);
+  void LayOut(const TextPainting& painting);
+  bool LayoutHasColour() const;
+  void Draw(cairo_t* cairo, const TextPainting& painting) const;
+  void PaintText(const TextPainting& painting);
+};
+
+TextPainter::TextPainter(const std::string& privateFontFile) : state_(std::make_unique<State>()) {
+  state_->library = FontLibrary::Get(privateFontFile);
+  const std::lock_guard guard(state_->library->lock());
+  if (PangoFontMap* const map = state_->library->Map()) {
+    state_->context = MakeContext(map);
+    state_->layout.reset(pango_layout_new(state_->context.get()));
+    SetAttributes(state_->layout.get());
+  }
+}
+
+TextPainter::~TextPainter() {
+  const std::lock_guard guard(state_->library->lock());
+  state_->colour.Drop();
+  state_->coverage.Drop();
+  state_->font.reset();
+  state_->layout.reset();
+  state_->context.reset();
+}
+
+bool TextPainter::SetFont(std::u16string_view family, int points) {
+  std::string name;
+  ToUtf8(family, name);
+  const std::lock_guard guard(state_->library->lock());
+  if (state_->layout == nullptr) {
+    return false;
+  }
+  if (!state_->library->HasInstalledFamily(name)) {
+    name = state_->library->PrivateFamily();
+  }
+  if (name.empty()) {
+    return false;
+  }
+  state_->font.reset(pango_font_description_new());
+  pango_font_description_set_family(state_->font.get(), name.c_str());
+  pango_font_description_set_size(state_->font.get(), std::max(points, 1) * PANGO_SCALE);
+  pango_layout_set_font_description(state_->layout.get(), state_->font.get());
+  state_->family = name;
+  return true;
+}
+
+const std::string& TextPainter::FontFamily() const {
+  return state_->family;
+}
+
+ArgbBitmap TextPainter::Paint(const TextPainting& painting) {
+  if (painting.width < 1 || painting.width > kMaxSide || painting.height < 1 ||
+      painting.height > kMaxSide) {
+    return {};
+  }
+  State& state = *state_;
+  state.Resize(painting);
+  state.PaintText(painting);
+  return {state.pixels.data(), static_cast<std::ptrdiff_t>(state.width) * 4, state.width,
+          state.height, state.ink};
+}
+
+int TextPainter::CountMissingGlyphs() const {
+  const std::lock_guard guard(state_->library->lock());
+  return state_->font == nullptr ? 0 : pango_layout_get_unknown_glyphs_count(state_->layout.get());
+}
+
+// Leaves every pixel with the clear colour.
+void TextPainter::State::Resize(const TextPainting& painting) {
+  const bool sameSize = painting.width == width && painting.height == height;
+  const PixelRows<std::uint8_t> target{pixels.data(), static_cast<std::ptrdiff_t>(width) * 4};
+  if (sameSize && painting.clearColour == clearColour) {
+    FillPixels(target, ink, ToBgra(clearColour));
+    ink = {};
+    return;
+  }
+  if (!sameSize) {
+    {
+      const std::lock_guard guard(library->lock());
+      coverage.Drop();
+      colour.Drop();
+    }
+    // Nothing is known of the pixels while their memory is being taken.
+    width = 0;
+    height = 0;
+    pixels.resize(static_cast<std::size_t>(painting.width) * 4 *
+                  static_cast<std::size_t>(painting.height));
+    width = painting.width;
+    height = painting.height;
+  }
+  clearColour = painting.clearColour;
+  FillPixels({pixels.data(), static_cast<std::ptrdiff_t>(width) * 4}, {0, 0, width, height},
+             ToBgra(clearColour));
+  ink = {};
+}
+
+void TextPainter::State::PaintText(const TextPainting& painting) {
+  if (painting.text.empty()) {
+    return;
+  }
+  ToUtf8(Visible(painting.text), utf8);
+  DrawingSurface* surface = &coverage;
+  {
+    const std::lock_guard guard(library->lock());
+    if (font == nullptr) {
+      return;
+    }
+    LayOut(painting);
+    if (LayoutHasColour()) {
+      surface = &colour;
+    }
+    if (!surface->Made()) {
+      surface->Make(surface == &colour ? CAIRO_FORMAT_ARGB32 : CAIRO_FORMAT_A8, width, height);
+    }
+    const BgraPixel source = ToBgra(painting.textColour);
+    cairo_set_source_rgb(surface->Cairo(), source[2] / 255.0, source[1] / 255.0, source[0] / 255.0);
+    Draw(surface->Cairo(), painting);
+  }
+  ink = surface->FindInk();
+  const PixelRows<std::uint8_t> target{pixels.data(), static_cast<std::ptrdiff_t>(width) * 4};
+  if (surface == &colour) {
+    CompositeColour(surface->Rows(), ToBgra(painting.textColour)[3], clearColour, ink, target);
+  } else {
+    colours.Set(painting.textColour, clearColour);
+    CompositeCoverage(surface->Rows(), colours, ink, target);
+  }
+  surface->Clear(ink);
+}
+
+void TextPainter::State::LayOut(const TextPainting& painting) {
+  pango_layout_set_text(layout.get(), utf8.data(), static_cast<int>(utf8.size()));
+  if (painting.wrap) {
+    pango_layout_set_width(layout.get(), width * PANGO_SCALE);
+    pango_layout_set_height(layout.get(), height * PANGO_SCALE);
+    pango_layout_set_wrap(layout.get(), PANGO_WRAP_WORD_CHAR);
+    pango_layout_set_ellipsize(layout.get(), PANGO_ELLIPSIZE_END);
+  } else {
+    pango_layout_set_width(layout.get(), -1);
+    pango_layout_set_ellipsize(layout.get(), PANGO_ELLIPSIZE_NONE);
+  }
+}
+
+bool TextPainter::State::LayoutHasColour() const {
+  for (const GSList* line = pango_layout_get_lines_readonly(layout.get()); line != nullptr;
+       line = line->next) {
+    if (HasColourGlyphs(static_cast<const PangoLayoutLine*>(line->data))) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// Line by line: the layout's own alignment would change sides with the direction of the script and
+// has no meaning without wrapping. The layout is not told of the scale: it is laid out as for
+// square pixels and every glyph is drawn narrower or flatter at its scaled place.
+void TextPainter::State::Draw(cairo_t* cairo, const TextPainting& painting) const {
+  cairo_identity_matrix(cairo);
+  cairo_translate(cairo, width / 2.0, height / 2.0);
+  cairo_scale(cairo, painting.scaleX, painting.scaleY);
+  cairo_translate(cairo, -width / 2.0, -height / 2.0);
+  const LayoutIterHandle lines(pango_layout_get_iter(layout.get()));
+  do {
+    PangoLayoutLine* const line = pango_layout_iter_get_line_readonly(lines.get());
+    PangoRectangle logical{};
+    pango_layout_iter_get_line_extents(lines.get(), nullptr, &logical);
+    const int x = LineStart(logical.width, width * PANGO_SCALE, painting.alignment);
+    const int y = pango_layout_iter_get_baseline(lines.get());
+    cairo_move_to(cairo, pango_units_to_double(x), pango_units_to_double(y));
+    pango_cairo_show_layout_line(cairo, line);
+  } while (pango_layout_iter_next_line(lines.get()) != FALSE);
+  cairo_surface_flush(cairo_get_target(cairo));
+}
+
+}  // namespace os

@@ -1,0 +1,100 @@
+// TextPainter: a UTF-16 string into a cleared 32-bit ARGB bitmap.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace os {
+
+// Left, right and centre of the bitmap, whatever the direction of the script.
+enum class TextAlignment { kNear, kFar, kCentre };
+
+// Pixels, right and bottom exclusive.
+struct PixelBounds {
+  int left = 0;
+  int top = 0;
+  int right = 0;
+  int bottom = 0;
+
+  bool Empty() const { return left >= right || top >= bottom; }
+  bool operator==(const PixelBounds&) const = default;
+};
+
+// What a painter painted last; valid until it paints again or is gone. Colours are straight (not
+// multiplied by alpha), four bytes a pixel in the order B, G, R, A.
+struct ArgbBitmap {
+  const std::uint8_t* pixels = nullptr;
+  std::ptrdiff_t stride = 0;  // bytes from row to row
+  int width = 0;
+  int height = 0;
+  // Every pixel outside has the clear colour.
+  PixelBounds ink;
+};
+
+// One painting. The text is laid out in the rectangle (0, 0, width, height) from the top, each line
+// aligned by itself, and composited source-over onto the clear colour.
+struct TextPainting {
+  std::u16string_view text;
+  int width = 0;   // pixels, 1 to TextPainter::kMaxSide
+  int height = 0;  // pixels, 1 to TextPainter::kMaxSide
+  // A * 2^24 + R * 2^16 + G * 2^8 + B. The alpha of the text colour applies to colour glyphs too.
+  std::uint32_t textColour = 0xFFFFFFFF;
+  std::uint32_t clearColour = 0;
+  TextAlignment alignment = TextAlignment::kNear;
+  // True: wrapped by words (a word longer than a line by characters), with an ellipsis at the end
+  // of what fits. False: one line for each paragraph, cut at the edges.
+  bool wrap = true;
+  // The layout is scaled by this about the centre of the bitmap.
+  double scaleX = 1.0;
+  double scaleY = 1.0;
+};
+
+// Paints text with shaping, bidirectional order and fallback to other fonts for the scripts that
+// its font lacks, colour emoji included; glyphs are antialiased in grey. A point is 1/72 inch, at
+// 96 dots per inch: 4/3 pixels.
+//
+// Owned by whoever needs the text; used by one thread at a time, but made, used and destroyed on
+// any. Painters share the fonts and the glyphs already drawn of a process-wide font library that
+// has a lock of its own, so that any number of painters may work at the same time.
+//
+// Nothing fails but for lack of memory: what cannot be painted leaves the bitmap clear.
+//
+// The text libraries behind it cannot be unloaded and loaded again in one process: they are kept
+// loaded from the first use on, even when the library that holds this code is unloaded.
+class TextPainter {
+ public:
+  static constexpr int kMaxSide = 32767;
+
+  // A font is used whose file has this bare name when a family is not installed. It is looked for
+  // now, in the current directory, beside the library or program that holds this code, beside the
+  // program, in the installed data folder; without it (or when none can be read) there is no such
+  // fallback.
+  explicit TextPainter(const std::string& privateFontFile);
+  ~TextPainter();
+  TextPainter(const TextPainter&) = delete;
+  TextPainter& operator=(const TextPainter&) = delete;
+
+  // The family when that very family is installed (no alias or nearest match; letter case is no
+  // difference), otherwise the first family of the private font file, regular style, size in points
+  // of at least 1. False when there is neither: the former font and size stay, none at first.
+  bool SetFont(std::u16string_view family, int points);
+  // Family in use, UTF-8; empty without a font.
+  const std::string& FontFamily() const;
+
+  // An empty bitmap (width 0) when a side is out of range. Without a font it is only cleared. An
+  // unpaired surrogate or a NUL is painted as U+FFFD; of a text of many thousand characters only
+  // the start is looked at.
+  ArgbBitmap Paint(const TextPainting& painting);
+
+  // Characters of the last painting for which no font has a glyph: they show as boxes.
+  int CountMissingGlyphs() const;
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
+
+}  // namespace os

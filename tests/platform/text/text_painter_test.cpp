@@ -1,0 +1,295 @@
+#include "platform/text/text_painter.h"
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "picture.h"
+
+namespace {
+
+using os::PixelBounds;
+using os::TextAlignment;
+using os::TextPainter;
+using os::TextPainting;
+
+// A painter with the private font, which is monospaced, at 15 points: 20 pixels.
+class TextPainterTest : public testing::Test {
+ protected:
+  TextPainterTest() : painter("Lucon.ttf") {
+    EXPECT_TRUE(painter.SetFont(u"No such family", 15)) << "Lucon.ttf is not beside the tests";
+  }
+
+  // Pixels from one character to the next.
+  int Advance() {
+    const PixelBounds one = PaintLine(painter, u"|").Bounds();
+    const PixelBounds two = PaintLine(painter, u"||").Bounds();
+    return two.right - one.right;
+  }
+
+  static int Width(const Picture& picture) {
+    return picture.Bounds().right - picture.Bounds().left;
+  }
+  // The ink of some columns.
+  static Picture Columns(const Picture& picture, int left, int right) {
+    const Picture columns = picture.Crop({left, 0, right, picture.height});
+    return columns.Crop(columns.Bounds());
+  }
+
+  TextPainter painter;
+};
+
+TEST_F(TextPainterTest, EveryScriptHasItsGlyphs) {
+  struct Script {
+    const char* name;
+    std::u16string_view text;
+  };
+  for (const Script& script : {
+           Script{"Latin", u"Télé Zürich Ångström Łódź"},
+           Script{"Greek", u"Ελληνική Ραδιοφωνία"},
+           Script{"Cyrillic", u"Новости Україна"},
+           Script{"Arabic", u"قناة الأخبار"},
+           Script{"Hebrew", u"ערוץ החדשות"},
+           Script{"Hindi", u"समाचार चैनल"},
+           Script{"Chinese", u"中央电视台"},
+           Script{"Japanese", u"ニュース日本"},
+           Script{"emoji", u"📺🔴"},
+           Script{"all at once", u"é Ω Ж ق ש ह 中 ニ 📺"},
+       }) {
+    SCOPED_TRACE(script.name);
+    const Picture picture = PaintLine(painter, script.text);
+    EXPECT_FALSE(picture.Bounds().Empty());
+    EXPECT_EQ(painter.CountMissingGlyphs(), 0);
+  }
+  PaintLine(painter, u"\U0010FFFD");  // a private use character
+  EXPECT_EQ(painter.CountMissingGlyphs(), 1);
+}
+
+TEST_F(TextPainterTest, APointIsFourThirdsOfAPixel) {
+  // The font's characters are 1233/2048 of its size wide.
+  EXPECT_EQ(Advance(), 12);  // of 20 pixels
+  ASSERT_TRUE(painter.SetFont(u"", 60));
+  EXPECT_EQ(Advance(), 48);  // of 80 pixels
+}
+
+TEST_F(TextPainterTest, TextKeepsItsExactColourAtEveryOpacity) {
+  TextPainting painting;
+  painting.text = u"Colour & æ";
+  painting.width = 160;
+  painting.height = 40;
+  painting.textColour = 0xFF3264C8;
+  painting.clearColour = 0x00FF00FF;
+  const Picture picture = Paint(painter, painting);
+  int opaque = 0;
+  int partial = 0;
+  for (const std::uint32_t pixel : picture.pixels) {
+    if (pixel >> 24 == 0) {
+      ASSERT_EQ(pixel, 0x00FF00FFU);
+      continue;
+    }
+    ASSERT_EQ(pixel & 0xFFFFFF, 0x3264C8U);
+    ++(pixel >> 24 == 255 ? opaque : partial);
+  }
+  EXPECT_GT(opaque, 50);
+  EXPECT_GT(partial, 50);
+
+  painting.textColour = 0x403264C8;
+  const Picture faint = Paint(painter, painting);
+  std::uint32_t most = 0;
+  for (const std::uint32_t pixel : faint.pixels) {
+    most = std::max(most, pixel >> 24);
+  }
+  EXPECT_EQ(most, 0x40U);
+}
+
+TEST_F(TextPainterTest, AHalfTransparentClearColourIsUnderTheText) {
+  TextPainting painting;
+  painting.text = u"Under";
+  painting.width = 100;
+  painting.height = 40;
+  painting.clearColour = 0x80000000;
+  const Picture picture = Paint(painter, painting);
+  EXPECT_EQ(picture.At(99, 39), 0x80000000U);
+  std::uint32_t brightest = 0;
+  for (const std::uint32_t pixel : picture.pixels) {
+    ASSERT_GE(pixel >> 24, 0x80U);
+    brightest = std::max(brightest, pixel & 0xFFFFFF);
+  }
+  EXPECT_EQ(brightest, 0xFFFFFFU);
+}
+
+TEST_F(TextPainterTest, EmojiHaveColoursAndTheOpacityOfTheText) {
+  const auto strongest = [&](std::u16string_view text, std::uint32_t textColour) {
+    TextPainting painting;
+    painting.text = text;
+    painting.width = 100;
+    painting.height = 40;
+    painting.textColour = textColour;
+    std::uint32_t redOverBlue = 0;
+    std::uint32_t alpha = 0;
+    for (const std::uint32_t pixel : Paint(painter, painting).pixels) {
+      alpha = std::max(alpha, pixel >> 24);
+      if (pixel >> 24 > 32 && ((pixel >> 16) & 0xFF) > (pixel & 0xFF)) {
+        redOverBlue = std::max(redOverBlue, ((pixel >> 16) & 0xFF) - (pixel & 0xFF));
+      }
+    }
+    return std::pair(redOverBlue, alpha);
+  };
+  EXPECT_GT(strongest(u"🔴 1", 0xFFFFFFFF).first, 100U);
+  EXPECT_EQ(strongest(u"🔴 1", 0xFFFFFFFF).second, 255U);
+  EXPECT_EQ(strongest(u"🔴 1", 0x80FFFFFF).second, 128U);
+  EXPECT_EQ(strongest(u"1", 0xFFFFFFFF).first, 0U);
+}
+
+TEST_F(TextPainterTest, AlignmentIsOfTheBitmapWhateverTheScript) {
+  for (const std::u16string_view text :
+       {std::u16string_view(u"HEH"), std::u16string_view(u"שבת")}) {
+    for (const bool wrap : {true, false}) {
+      TextPainting painting;
+      painting.text = text;
+      painting.width = 300;
+      painting.height = 40;
+      painting.wrap = wrap;
+      const PixelBounds left = Paint(painter, painting).Bounds();
+      painting.alignment = TextAlignment::kFar;
+      const PixelBounds right = Paint(painter, painting).Bounds();
+      painting.alignment = TextAlignment::kCentre;
+      const PixelBounds centre = Paint(painter, painting).Bounds();
+      EXPECT_LE(left.left, 4);
+      EXPECT_GE(right.right, 296);
+      EXPECT_NEAR(centre.left - left.left, right.left - centre.left, 1);
+      EXPECT_LT(left.top, 20) << "text starts at the top";
+      EXPECT_EQ(left.top, right.top);
+    }
+  }
+}
+
+TEST_F(TextPainterTest, LongTextWrapsByWordsAndByCharactersWithinAWord) {
+  const int advance = Advance();
+  const auto lines = [&](std::u16string_view text, int characters, bool wrap) {
+    TextPainting painting;
+    painting.text = text;
+    painting.width = characters * advance;
+    painting.height = 120;
+    painting.wrap = wrap;
+    return Paint(painter, painting);
+  };
+  EXPECT_EQ(lines(u"aaa bbb ccc", 8, true), lines(u"aaa bbb\nccc", 8, false));
+  EXPECT_EQ(lines(u"aaaabbbbcc", 4, true), lines(u"aaaa\nbbbb\ncc", 4, false));
+  EXPECT_EQ(lines(u"aaa", 8, true), lines(u"aaa", 8, false));
+}
+
+TEST_F(TextPainterTest, WhatDoesNotFitEndsInAnEllipsisOrIsCut) {
+  const int advance = Advance();
+  TextPainting painting;
+  painting.width = 10 * advance;
+  painting.height = 52;  // two lines of 24 pixels
+  painting.text = u"first line second line third line";
+  const Picture wrapped = Paint(painter, painting);
+  painting.wrap = false;
+  painting.text = u"first line\nsecond li…";
+  EXPECT_EQ(wrapped, Paint(painter, painting));
+
+  painting.text = u"abcdefghijklmno";
+  const Picture cut = Paint(painter, painting);
+  painting.width = 20 * advance;
+  EXPECT_EQ(cut, Paint(painter, painting).Crop({0, 0, 10 * advance, 52}));
+}
+
+TEST_F(TextPainterTest, ATextWithoutEndShowsItsStart) {
+  const std::u16string endless(3000000, u'm');
+  TextPainting painting;
+  painting.width = 200;
+  painting.height = 60;
+  painting.text = endless;
+  const Picture picture = Paint(painter, painting);
+  painting.text = std::u16string_view(endless).substr(0, 1000);
+  EXPECT_EQ(picture, Paint(painter, painting));
+}
+
+TEST_F(TextPainterTest, RightToLeftScriptsRunFromTheRight) {
+  // The first character of the text is the rightmost one.
+  const Picture both = PaintLine(painter, u"אב");
+  const Picture first = PaintLine(painter, u"א");
+  EXPECT_EQ(Columns(both, both.Bounds().right - Width(first), both.Bounds().right),
+            first.Crop(first.Bounds()));
+  // Arabic letters join: two of them are narrower together than apart, and not mirrored.
+  const PixelBounds joined = PaintLine(painter, u"بب").Bounds();
+  EXPECT_NE(PaintLine(painter, u"با").Crop(joined), PaintLine(painter, u"اب").Crop(joined));
+  // Digits keep their own order within a line that runs from the right, and end up on its left.
+  const Picture mixed = PaintLine(painter, u"א 12");
+  const Picture digits = PaintLine(painter, u"12");
+  EXPECT_EQ(Columns(mixed, mixed.Bounds().left, mixed.Bounds().left + Width(digits)),
+            digits.Crop(digits.Bounds()));
+}
+
+TEST_F(TextPainterTest, DamagedTextShowsReplacementCharacters) {
+  const Picture replaced = PaintLine(painter, u"a\uFFFDb");
+  EXPECT_EQ(painter.CountMissingGlyphs(), 0);
+  const char16_t lowAlone[] = {u'a', 0xDC00, u'b', 0};
+  const char16_t highAlone[] = {u'a', 0xD83D, u'b', 0};
+  EXPECT_EQ(PaintLine(painter, lowAlone), replaced);
+  EXPECT_EQ(PaintLine(painter, highAlone), replaced);
+  EXPECT_EQ(PaintLine(painter, std::u16string_view(u"a\0b", 3)), replaced);
+}
+
+TEST_F(TextPainterTest, ScalesAboutTheCentre) {
+  TextPainting painting;
+  painting.text = u"HHHHHHHHHHHHHHHH";
+  painting.width = 320;
+  painting.height = 48;
+  painting.alignment = TextAlignment::kCentre;
+  const PixelBounds plain = Paint(painter, painting).Bounds();
+  painting.scaleX = 0.5;
+  const PixelBounds narrow = Paint(painter, painting).Bounds();
+  EXPECT_NEAR(narrow.right - narrow.left, (plain.right - plain.left) / 2, 2);
+  EXPECT_NEAR(narrow.left + narrow.right, plain.left + plain.right, 3);
+  EXPECT_NEAR(narrow.top, plain.top, 1);
+  painting.scaleX = 1.0;
+  painting.scaleY = 0.5;
+  const PixelBounds flat = Paint(painter, painting).Bounds();
+  EXPECT_NEAR(flat.bottom - flat.top, (plain.bottom - plain.top) / 2, 2);
+  EXPECT_NEAR(flat.top, 24 + (plain.top - 24) / 2, 2);
+  EXPECT_NEAR(flat.right - flat.left, plain.right - plain.left, 2);
+}
+
+TEST_F(TextPainterTest, NothingOfAFormerPaintingIsLeft) {
+  for (const std::u16string_view text :
+       {std::u16string_view(u"i"), std::u16string_view(u"🔴"), std::u16string_view()}) {
+    for (const std::uint32_t clear : {0x00FF00FFU, 0x80000000U}) {
+      TextPainting painting;
+      painting.width = 120;
+      painting.height = 40;
+      painting.text = u"Former 🟢";
+      Paint(painter, painting);
+      painting.text = u"Former";
+      Paint(painter, painting);
+      painting.text = text;
+      painting.clearColour = clear;
+      const Picture again = Paint(painter, painting);
+      TextPainter fresh("Lucon.ttf");
+      ASSERT_TRUE(fresh.SetFont(u"", 15));
+      EXPECT_EQ(again, Paint(fresh, painting));
+      EXPECT_EQ(again.Bounds(clear), again.ink);
+    }
+  }
+}
+
+TEST_F(TextPainterTest, RefusesSizesThatNoBitmapHas) {
+  TextPainting painting;
+  painting.text = u"x";
+  for (const auto& [width, height] : {std::pair(0, 10), std::pair(10, 0), std::pair(-2, 10),
+                                      std::pair(TextPainter::kMaxSide + 1, 2)}) {
+    painting.width = width;
+    painting.height = height;
+    EXPECT_EQ(painter.Paint(painting).width, 0);
+  }
+  painting.width = 1;
+  painting.height = 1;
+  EXPECT_EQ(painter.Paint(painting).width, 1);
+  painting.width = TextPainter::kMaxSide;
+  painting.height = 30;
+  EXPECT_FALSE(painter.Paint(painting).ink.Empty());
+}
+
+}  // namespace
