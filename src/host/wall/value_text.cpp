@@ -1,0 +1,158 @@
+#include "host/wall/value_text.h"
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+#include <cmath>
+#include <string>
+#include <utility>
+
+namespace host::wall {
+
+namespace {
+
+std::string_view Trimmed(std::string_view text) {
+  while (!text.empty() && std::isspace(static_cast<unsigned char>(text.front())) != 0) {
+    text.remove_prefix(1);
+  }
+  while (!text.empty() && std::isspace(static_cast<unsigned char>(text.back())) != 0) {
+    text.remove_suffix(1);
+  }
+  return text;
+}
+
+template <typename Number>
+std::optional<Number> WholeNumber(std::string_view text) {
+  text = Trimmed(text);
+  Number number{};
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error != std::errc() || end != text.data() + text.size()) {
+    return {};
+  }
+  return number;
+}
+
+// A number that is not negative and what follows it.
+std::optional<std::pair<double, std::string_view>> NumberAndUnit(std::string_view text) {
+  text = Trimmed(text);
+  double number = 0;
+  const auto [end, error] =
+      std::from_chars(text.data(), text.data() + text.size(), number, std::chars_format::fixed);
+  if (error != std::errc() || !(number >= 0) || !std::isfinite(number)) {
+    return {};
+  }
+  return std::make_pair(number, Trimmed(text.substr(static_cast<std::size_t>(end - text.data()))));
+}
+
+std::optional<std::pair<int, int>> TwoNumbers(std::string_view text, std::string_view separators) {
+  const std::size_t middle = text.find_first_of(separators);
+  if (middle == std::string_view::npos) {
+    return {};
+  }
+  const auto first = WholeNumber<int>(text.substr(0, middle));
+  const auto second = WholeNumber<int>(text.substr(middle + 1));
+  if (!first || !second || *first < 1 || *second < 1) {
+    return {};
+  }
+  return std::make_pair(*first, *second);
+}
+
+bool AllHex(std::string_view digits) {
+  return std::all_of(digits.begin(), digits.end(),
+                     [](unsigned char c) { return std::isxdigit(c) != 0; });
+}
+
+}  // namespace
+
+std::optional<Ratio> FrameRateOf(double framesPerSecond) {
+  for (const int nominal : {24, 30, 48, 60, 120}) {
+    // Written with two or three digits.
+    if (std::abs(framesPerSecond - nominal * 1000.0 / 1001.0) < 0.006) {
+      return Ratio{nominal * 1000, 1001};
+    }
+  }
+  const double rounded = std::round(framesPerSecond * 1000.0);
+  if (!(framesPerSecond > 0) || framesPerSecond > 1000.0 ||
+      std::abs(rounded - framesPerSecond * 1000.0) > 1e-6) {
+    return {};
+  }
+  return Reduced({static_cast<std::int32_t>(rounded), 1000});
+}
+
+std::optional<Ratio> ParseFrameRate(std::string_view text) {
+  if (const auto fraction = TwoNumbers(text, "/")) {
+    return Reduced({fraction->first, fraction->second});
+  }
+  const auto number = NumberAndUnit(text);
+  return number && number->second.empty() ? FrameRateOf(number->first) : std::nullopt;
+}
+
+std::optional<Ratio> ParseAspect(std::string_view text) {
+  const auto terms = TwoNumbers(text, ":/");
+  if (!terms || terms->first > kLargestCanvas || terms->second > kLargestCanvas) {
+    return {};
+  }
+  return Reduced({terms->first, terms->second});
+}
+
+std::optional<Time> ParseDuration(std::string_view text) {
+  const auto number = NumberAndUnit(text);
+  if (!number) {
+    return {};
+  }
+  const auto [value, unit] = *number;
+  double seconds = 0;
+  if (unit.empty() || unit == "s") {
+    seconds = value;
+  } else if (unit == "ms") {
+    seconds = value / 1000.0;
+  } else if (unit == "min") {
+    seconds = value * 60.0;
+  } else if (unit == "h") {
+    seconds = value * 3600.0;
+  } else {
+    return {};
+  }
+  if (seconds > 1e9) {
+    return {};
+  }
+  return static_cast<Time>(std::llround(seconds * kSecond));
+}
+
+std::optional<std::int64_t> ParseBitRate(std::string_view text) {
+  const auto number = NumberAndUnit(text);
+  if (!number || number->first > 1e12) {
+    return {};
+  }
+  double factor = 1;
+  if (number->second == "k") {
+    factor = 1e3;
+  } else if (number->second == "M") {
+    factor = 1e6;
+  } else if (!number->second.empty()) {
+    return {};
+  }
+  return std::llround(number->first * factor);
+}
+
+bool IsLabelColour(std::string_view text) {
+  const std::size_t length = text.size();
+  return (length == 4 || length == 5 || length == 7 || length == 9) && text.front() == '#' &&
+         AllHex(text.substr(1));
+}
+
+std::optional<Rgb> ParseRgb(std::string_view text) {
+  if ((text.size() != 4 && text.size() != 7) || text.front() != '#' || !AllHex(text.substr(1))) {
+    return {};
+  }
+  const std::size_t digits = text.size() == 4 ? 1 : 2;
+  const auto part = [&](std::size_t index) {
+    unsigned value = 0;
+    const char* const start = text.data() + 1 + index * digits;
+    std::from_chars(start, start + digits, value, 16);
+    return static_cast<std::uint8_t>(digits == 1 ? value * 17 : value);
+  };
+  return Rgb{part(0), part(1), part(2)};
+}
+
+}  // namespace host::wall

@@ -1,0 +1,33 @@
+// The forms in which a wall file writes values that are more than a number.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+#include "host/units.h"
+#include "host/wall/wall.h"
+
+namespace host::wall {
+
+// "25", "30000/1001", "29.97" (which is taken for 30000/1001); nothing for other texts. The range
+// is not checked.
+std::optional<Ratio> ParseFrameRate(std::string_view text);
+std::optional<Ratio> FrameRateOf(double framesPerSecond);
+
+// "16:9" or "16/9", reduced; both terms from 1 to 8192.
+std::optional<Ratio> ParseAspect(std::string_view text);
+
+// A number and a unit: "250 ms", "1.5s", "2 min", "1 h"; a number alone is seconds.
+std::optional<Time> ParseDuration(std::string_view text);
+
+// "800k", "6M", "6000000": bits per second.
+std::optional<std::int64_t> ParseBitRate(std::string_view text);
+
+// "#RGB", "#ARGB", "#RRGGBB" or "#AARRGGBB".
+bool IsLabelColour(std::string_view text);
+
+// "#RGB" or "#RRGGBB".
+std::optional<Rgb> ParseRgb(std::string_view text);
+
+}  // namespace host::wall
