@@ -54,7 +54,7 @@ std::int32_t LitSegments(std::int32_t lit, std::int32_t length) {
                                    static_cast<float>(length));
 }
 
-MeterColour BarColour(const BarStep& step, std::int32_t canvasRow, bool lit) {
+MeterColour BarColour(const BarStep& step, std::int64_t canvasRow, bool lit) {
   const auto row = static_cast<std::uint32_t>(canvasRow);
   const std::uint32_t s = row << 13;
   const float red = step.segment >= 12 ? 1.0f : 0.0f;
@@ -81,18 +81,22 @@ MeterColour BarColour(const BarStep& step, std::int32_t canvasRow, bool lit) {
           Sample((-0.148f * r - 0.291f * g + 0.439f * b + 0.5f) * 224.0f + 16.5f)};
 }
 
-std::uint8_t BarDither(std::int32_t left, std::int32_t canvasRow, std::int32_t column) {
+std::uint8_t BarDither(std::int64_t left, std::int64_t canvasRow, std::int32_t column) {
   const auto row = static_cast<std::uint32_t>(canvasRow);
-  const std::uint32_t d = static_cast<std::uint32_t>(left) + Scramble((row << 13) ^ row) + 6u +
-                          static_cast<std::uint32_t>(column);
-  return static_cast<std::uint8_t>((d * (15731u * d * d + 5u) + 5u) & 7u);
+  return DitherOf(static_cast<std::uint32_t>(left) + Scramble((row << 13) ^ row) + 6u +
+                  static_cast<std::uint32_t>(column));
+}
+
+std::uint8_t BarDitherPhase(std::int64_t canvasRow) {
+  const auto row = static_cast<std::uint32_t>(canvasRow);
+  return (Scramble((row << 13) ^ row) + 6u) & 7u;
 }
 
 std::int32_t PeakMarkerRows(std::int32_t length) {
   return std::max(length / 50, 1);
 }
 
-MeterColour BarChroma::Average(std::int32_t canvasRow, const MeterColour& colour) {
+MeterColour BarChroma::Average(std::int64_t canvasRow, const MeterColour& colour) {
   const std::uint32_t parity = static_cast<std::uint32_t>(canvasRow) & 1u;
   last_[parity] = colour;
   return {colour.luma, static_cast<std::uint8_t>((last_[0].v + last_[1].v) >> 1),

@@ -51,12 +51,17 @@ std::int32_t LitSegments(std::int32_t lit, std::int32_t length);
 
 // The colour of a bar's row: green, yellow and red segments, dimmed towards grey when unlit. A
 // little noise, which depends on the row of the canvas, keeps large bars from looking flat.
-MeterColour BarColour(const BarStep& step, std::int32_t canvasRow, bool lit);
+MeterColour BarColour(const BarStep& step, std::int64_t canvasRow, bool lit);
 
-// The low three bits of a bar's opaque luma, which keep large bars from banding: they depend on the
-// bar's left column, the canvas's row and the column counted from left + 1, and repeat after eight
-// columns.
-std::uint8_t BarDither(std::int32_t left, std::int32_t canvasRow, std::int32_t column);
+// The low three bits of a bar's opaque luma, which keep large bars from banding. A pattern of eight
+// columns, whose begin depends on the bar's left column and on the row of the canvas.
+constexpr std::uint8_t DitherOf(std::uint32_t d) {
+  return static_cast<std::uint8_t>((d * (15731u * d * d + 5u) + 5u) & 7u);
+}
+// Where the pattern of a row begins, mod 8, but for the bar's left column.
+std::uint8_t BarDitherPhase(std::int64_t canvasRow);
+// column: counted from left + 1.
+std::uint8_t BarDither(std::int64_t left, std::int64_t canvasRow, std::int32_t column);
 
 // Rows of the peak marker of a bar of that length.
 std::int32_t PeakMarkerRows(std::int32_t length);
@@ -65,7 +70,7 @@ std::int32_t PeakMarkerRows(std::int32_t length);
 class BarChroma {
  public:
   // Takes the colour of the next row (from the foot up) and gives it back with the mean chroma.
-  MeterColour Average(std::int32_t canvasRow, const MeterColour& colour);
+  MeterColour Average(std::int64_t canvasRow, const MeterColour& colour);
 
  private:
   MeterColour last_[2] = {{0, kNeutralChroma, kNeutralChroma}, {0, kNeutralChroma, kNeutralChroma}};

@@ -13,37 +13,39 @@ class Pixels {
  public:
   explicit Pixels(const Yv12Picture& canvas) : canvas_(canvas) {}
 
-  void BlendLuma(std::int32_t x, std::int32_t y, std::uint8_t value, std::uint8_t opacity) const {
+  void BlendLuma(std::int64_t x, std::int64_t y, std::uint8_t value, std::uint8_t opacity) const {
     if (HasLuma(x, y)) {
-      std::uint8_t& sample = canvas_.Y()[std::ptrdiff_t{y} * canvas_.width + x];
+      std::uint8_t& sample = canvas_.Y()[y * canvas_.width + x];
       sample = Blend255(sample, value, opacity);
     }
   }
-  void BlendChroma(std::int32_t x, std::int32_t y, std::uint8_t v, std::uint8_t u,
+  void BlendChroma(std::int64_t x, std::int64_t y, std::uint8_t v, std::uint8_t u,
                    std::uint8_t opacity) const {
     if (HasChroma(x, y)) {
-      const std::ptrdiff_t at = ChromaIndex(x, y, canvas_.width);
+      const std::ptrdiff_t at =
+          ChromaIndex(static_cast<std::int32_t>(x), static_cast<std::int32_t>(y), canvas_.width);
       canvas_.V()[at] = Blend255(canvas_.V()[at], v, opacity);
       canvas_.U()[at] = Blend255(canvas_.U()[at], u, opacity);
     }
   }
-  void Set(std::int32_t x, std::int32_t y, std::uint8_t luma, std::uint8_t v,
+  void Set(std::int64_t x, std::int64_t y, std::uint8_t luma, std::uint8_t v,
            std::uint8_t u) const {
     if (HasLuma(x, y)) {
-      canvas_.Y()[std::ptrdiff_t{y} * canvas_.width + x] = luma;
+      canvas_.Y()[y * canvas_.width + x] = luma;
     }
     if (HasChroma(x, y)) {
-      const std::ptrdiff_t at = ChromaIndex(x, y, canvas_.width);
+      const std::ptrdiff_t at =
+          ChromaIndex(static_cast<std::int32_t>(x), static_cast<std::int32_t>(y), canvas_.width);
       canvas_.V()[at] = v;
       canvas_.U()[at] = u;
     }
   }
 
  private:
-  bool HasLuma(std::int32_t x, std::int32_t y) const {
+  bool HasLuma(std::int64_t x, std::int64_t y) const {
     return x >= 0 && y >= 0 && x < canvas_.width && y < canvas_.height;
   }
-  bool HasChroma(std::int32_t x, std::int32_t y) const {
+  bool HasChroma(std::int64_t x, std::int64_t y) const {
     return x >= 0 && y >= 0 && x / 2 < canvas_.ChromaWidth() && y / 2 < canvas_.ChromaHeight();
   }
 
@@ -59,7 +61,7 @@ MeterPanel::MeterPanel(const Yv12Picture& canvasIn, std::int32_t xIn, std::int32
       y(yIn),
       width(widthIn),
       height(heightIn),
-      bandBottom(yIn + (heightIn - 1) / 10),
+      bandBottom(y + (heightIn - 1) / 10),
       barLength(static_cast<std::int32_t>(
           std::max<std::int64_t>(std::int64_t{heightIn} * 9 / 10 - 4, 1))),
       channels(channelsIn) {
@@ -90,10 +92,10 @@ void DrawMeterPanel(const MeterPanel& panel) {
     }
   }
 
-  const auto frame = [&](std::int32_t x, std::int32_t y) {
+  const auto frame = [&](std::int64_t x, std::int64_t y) {
     pixels.BlendLuma(x, y, kFrameLuma, kFrameOpacity);
   };
-  const auto inside = [&](std::int32_t y) {
+  const auto inside = [&](std::int64_t y) {
     for (std::int32_t c = 1; c < panel.width - 1; ++c) {
       frame(panel.x + c, y);
     }
@@ -117,8 +119,8 @@ std::int32_t MeterRows(float value, std::int32_t length) {
 void DrawMeterBars(const MeterPanel& panel, std::span<const float> levels,
                    std::span<const float> peaks) {
   assert(std::ssize(levels) >= panel.channels && std::ssize(peaks) >= panel.channels);
-  const std::int32_t bottom = panel.y + panel.height - 1 - panel.margin;
-  std::int32_t left = panel.x + panel.margin;
+  const std::int64_t bottom = panel.y + panel.height - 1 - panel.margin;
+  std::int64_t left = panel.x + panel.margin;
   for (std::int32_t i = 0; i < panel.channels; ++i) {
     const std::int32_t lit = MeterRows(levels[i], panel.barLength);
     DrawMeterBar(panel, left, bottom, panel.barWidth, lit, panel.barLength);
@@ -127,32 +129,32 @@ void DrawMeterBars(const MeterPanel& panel, std::span<const float> levels,
   }
 }
 
-void DrawPeakMarker(const MeterPanel& panel, std::int32_t left, std::int32_t bottom,
+void DrawPeakMarker(const MeterPanel& panel, std::int64_t left, std::int64_t bottom,
                     std::int32_t lit, std::int32_t peak) {
   const Pixels pixels(panel.canvas);
   const std::int32_t rows = std::min(lit, PeakMarkerRows(panel.barLength));
-  for (std::int32_t row = bottom - peak; row < bottom - peak + rows; ++row) {
-    for (std::int32_t column = left; column < left + panel.barWidth; ++column) {
+  for (std::int64_t row = bottom - peak; row < bottom - peak + rows; ++row) {
+    for (std::int64_t column = left; column < left + panel.barWidth; ++column) {
       pixels.BlendLuma(column, row, kPeak.luma, kPeakLumaOpacity);
       pixels.BlendChroma(column, row, kPeak.v, kPeak.u, kPeakChromaOpacity);
     }
   }
 }
 
-void DrawMeterBar(const MeterPanel& panel, std::int32_t left, std::int32_t bottom,
+void DrawMeterBar(const MeterPanel& panel, std::int64_t left, std::int64_t bottom,
                   std::int32_t width, std::int32_t lit, std::int32_t length) {
   const Pixels pixels(panel.canvas);
   const std::int32_t litSegments = LitSegments(lit, length);
   BarChroma chroma;
   for (std::int32_t step = 0; step < length; ++step) {
-    const std::int32_t row = bottom - step;
+    const std::int64_t row = bottom - step;
     const BarStep at(step, length);
     const MeterColour colour = BarColour(at, row, at.segment < litSegments);
     const MeterColour shown = chroma.Average(row, colour);
     if (width <= 0) {
       continue;
     }
-    const auto edge = [&](std::int32_t x) {
+    const auto edge = [&](std::int64_t x) {
       pixels.BlendLuma(x, row, shown.luma, kBarEdgeOpacity);
       pixels.BlendChroma(x, row, shown.v, shown.u, kBarEdgeOpacity);
     };
@@ -168,11 +170,11 @@ void DrawMeterBar(const MeterPanel& panel, std::int32_t left, std::int32_t botto
 }
 
 void DrawAlarmIndicator(const MeterPanel& panel) {
-  const std::int32_t band = panel.bandBottom - panel.y;
+  const auto band = static_cast<std::int32_t>(panel.bandBottom - panel.y);
   const std::int32_t width = panel.width / 2;
   const std::int32_t height = band / 2;
-  const std::int32_t x = panel.x + (panel.width - width) / 2;
-  const std::int32_t y = panel.y + (band - height) / 2 + 1;
+  const std::int64_t x = panel.x + (panel.width - width) / 2;
+  const std::int64_t y = panel.y + (band - height) / 2 + 1;
   FillPlaneRect(panel.canvas, Plane::Y, x, y, width, height, kAlarm.luma);
   FillPlaneRect(panel.canvas, Plane::V, x, y, width, height, kAlarm.v);
   FillPlaneRect(panel.canvas, Plane::U, x, y, width, height, kAlarm.u);

@@ -17,11 +17,12 @@ struct MeterPanel {
              std::int32_t height, std::int32_t channels);
 
   Yv12Picture canvas;
-  std::int32_t x;
-  std::int32_t y;
+  // Places are 64 bits wide, so that a window far outside the canvas cannot overflow them.
+  std::int64_t x;
+  std::int64_t y;
   std::int32_t width;
   std::int32_t height;
-  std::int32_t bandBottom;  // the row of the line under the top band
+  std::int64_t bandBottom;  // the row of the line under the top band
   std::int32_t margin = 2;  // between the frame and the bars
   std::int32_t gap = 3;     // between two bars
   std::int32_t barWidth = -1;
@@ -39,12 +40,12 @@ void DrawMeterBars(const MeterPanel& panel, std::span<const float> levels,
 
 // One bar, whose bottom left pixel is (left, bottom): `length` rows, of which the lower `lit` reach
 // up to the level.
-void DrawMeterBar(const MeterPanel& panel, std::int32_t left, std::int32_t bottom,
+void DrawMeterBar(const MeterPanel& panel, std::int64_t left, std::int64_t bottom,
                   std::int32_t width, std::int32_t lit, std::int32_t length);
 
 // The marker of a peak that is `peak` rows above the foot of the bar whose bottom left pixel is
 // (left, bottom): at most `lit` rows thick, so a silent channel has none.
-void DrawPeakMarker(const MeterPanel& panel, std::int32_t left, std::int32_t bottom,
+void DrawPeakMarker(const MeterPanel& panel, std::int64_t left, std::int64_t bottom,
                     std::int32_t lit, std::int32_t peak);
 
 // The red box in the top band.

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <array>
 
+#include "render/kernels/drawing_kernels.h"
+
 namespace {
 
 PlaneBounds InkOf(const std::uint8_t* alpha, std::int32_t width, std::int32_t height) {
@@ -59,13 +61,11 @@ Placement Narrow(Placement place, const PlaneBounds& ink) {
 
 void BlendPlane(const Placement& place, const std::uint8_t* over, const std::uint8_t* alpha,
                 std::int32_t overlayStride, std::uint8_t* canvas, std::int32_t canvasStride) {
-  for (std::int64_t row = 0; row < place.rows; ++row) {
-    const std::int64_t from = (place.overlayY + row) * overlayStride + place.overlayX;
-    std::uint8_t* to = canvas + (place.canvasY + row) * canvasStride + place.canvasX;
-    for (std::int64_t i = 0; i < place.columns; ++i) {
-      to[i] = Blend255(to[i], over[from + i], alpha[from + i]);
-    }
-  }
+  const std::int64_t from = place.overlayY * overlayStride + place.overlayX;
+  kernels::CurrentKernels().blend(canvas + place.canvasY * canvasStride + place.canvasX,
+                                  canvasStride, static_cast<std::int32_t>(place.columns),
+                                  static_cast<std::int32_t>(place.rows), over + from, alpha + from,
+                                  overlayStride);
 }
 
 }  // namespace

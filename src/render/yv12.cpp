@@ -18,8 +18,8 @@ void CopyRows(const std::uint8_t* from, std::ptrdiff_t fromStride, std::uint8_t*
 
 void CopyPictureClipped(const std::uint8_t* src, std::int32_t w, std::int32_t h,
                         const Yv12Picture& canvas, std::int32_t x, std::int32_t y) {
-  const std::int64_t x0 = std::max(x, 0);
-  const std::int64_t y0 = std::max(y, 0);
+  const std::int64_t x0 = std::max<std::int64_t>(x, 0);
+  const std::int64_t y0 = std::max<std::int64_t>(y, 0);
   const std::int64_t x1 =
       std::max<std::int64_t>(std::min<std::int64_t>(std::int64_t{x} + w, canvas.width), x0);
   const std::int64_t y1 =
@@ -40,10 +40,10 @@ void CopyPictureClipped(const std::uint8_t* src, std::int32_t w, std::int32_t h,
   CopyRows(u + from, w / 2, canvas.U() + to, canvas.ChromaWidth(), columns / 2, rows / 2);
 }
 
-void FillPlaneRect(const Yv12Picture& canvas, Plane plane, std::int32_t x, std::int32_t y,
+void FillPlaneRect(const Yv12Picture& canvas, Plane plane, std::int64_t x, std::int64_t y,
                    std::int32_t w, std::int32_t h, std::uint8_t value) {
-  std::int64_t x0 = std::max(x, 0);
-  std::int64_t y0 = std::max(y, 0);
+  std::int64_t x0 = std::max<std::int64_t>(x, 0);
+  std::int64_t y0 = std::max<std::int64_t>(y, 0);
   std::int64_t x1 = std::min<std::int64_t>(std::int64_t{x} + w, canvas.width);
   std::int64_t y1 = std::min<std::int64_t>(std::int64_t{y} + h, canvas.height);
   if (x1 <= x0 || y1 <= y0) {

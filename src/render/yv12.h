@@ -52,5 +52,5 @@ void CopyPictureClipped(const std::uint8_t* src, std::int32_t w, std::int32_t h,
 // Sets the samples of one plane that cover the w x h luma pixels at (x, y) to value. What lies
 // outside the canvas is not touched. A chroma sample that is shared with pixels outside the
 // rectangle is set as well.
-void FillPlaneRect(const Yv12Picture& canvas, Plane plane, std::int32_t x, std::int32_t y,
+void FillPlaneRect(const Yv12Picture& canvas, Plane plane, std::int64_t x, std::int64_t y,
                    std::int32_t w, std::int32_t h, std::uint8_t value);

@@ -1,0 +1,191 @@
+// Vector versions of the drawing's loops, written once over the compiler's portable vectors and
+// compiled for each instruction set by the file that includes this. Everything here is inlined into
+// its callers, so that it takes their instruction set and no copy of it is shared between files.
+//
+// A vector of N bytes is looked at as N/2 lanes of 16 bits. The samples at even places are blended
+// in the low halves of the lanes, those at odd places after a shift by 8: no byte has to be moved
+// between lanes.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "render/yv12.h"
+
+namespace kernels::vectors {
+
+#define TAVREL_INLINE inline __attribute__((always_inline))
+
+template <int N>
+struct LanesOf {
+  using Type __attribute__((vector_size(N))) = std::uint16_t;
+};
+template <int N>
+using Lanes = typename LanesOf<N>::Type;
+
+template <int N>
+TAVREL_INLINE Lanes<N> Load(const std::uint8_t* from) {
+  Lanes<N> lanes;
+  std::memcpy(&lanes, from, N);
+  return lanes;
+}
+
+// s over d with opacity a, all 0 to 255 in lanes of 16 bits. Rounds like Blend255: with x = s*a +
+// d*(255-a) + 128, (x + (x >> 8)) >> 8 is x/255 rounded for every x that occurs, and no lane
+// overflows at the end (a difference s - d that wraps comes back with the sum).
+template <typename L>
+TAVREL_INLINE L BlendLanes(L d, L s, L a) {
+  const L x = (d << 8) - d + a * (s - d) + 128;
+  return (x + (x >> 8)) >> 8;
+}
+
+// An operation tells the new value of a sample from its old one; it is given the samples of a row
+// as even and odd lanes, or one by one, with their column.
+
+struct BlendOver {
+  const std::uint8_t* over;
+  const std::uint8_t* alpha;
+  std::ptrdiff_t stride;
+
+  TAVREL_INLINE void NextRow() {
+    over += stride;
+    alpha += stride;
+  }
+  template <int N>
+  TAVREL_INLINE void Apply(Lanes<N>& even, Lanes<N>& odd, std::ptrdiff_t column) const {
+    const Lanes<N> s = Load<N>(over + column);
+    const Lanes<N> a = Load<N>(alpha + column);
+    even = BlendLanes(even, s & 0xFF, a & 0xFF);
+    odd = BlendLanes(odd, s >> 8, a >> 8);
+  }
+  TAVREL_INLINE std::uint8_t Apply(std::uint8_t sample, std::ptrdiff_t column) const {
+    return Blend255(sample, over[column], alpha[column]);
+  }
+};
+
+struct BlendOneValue {
+  std::uint8_t over;
+  std::uint8_t alpha;
+
+  TAVREL_INLINE void NextRow() {}
+  template <int N>
+  TAVREL_INLINE void Apply(Lanes<N>& even, Lanes<N>& odd, std::ptrdiff_t) const {
+    const Lanes<N> s = Lanes<N>{} + over;
+    const Lanes<N> a = Lanes<N>{} + alpha;
+    even = BlendLanes(even, s, a);
+    odd = BlendLanes(odd, s, a);
+  }
+  TAVREL_INLINE std::uint8_t Apply(std::uint8_t sample, std::ptrdiff_t) const {
+    return Blend255(sample, over, alpha);
+  }
+};
+
+template <int kLayers>
+struct BlendValueLayers {
+  std::uint8_t over;
+  const std::uint8_t* alphas;
+  std::ptrdiff_t stride;
+  std::ptrdiff_t table;
+
+  TAVREL_INLINE void NextRow() { alphas += stride; }
+  template <int N>
+  TAVREL_INLINE void Apply(Lanes<N>& even, Lanes<N>& odd, std::ptrdiff_t column) const {
+    const Lanes<N> s = Lanes<N>{} + over;
+    for (int layer = 0; layer < kLayers; ++layer) {
+      const Lanes<N> a = Load<N>(alphas + layer * table + column);
+      even = BlendLanes(even, s, a & 0xFF);
+      odd = BlendLanes(odd, s, a >> 8);
+    }
+  }
+  TAVREL_INLINE std::uint8_t Apply(std::uint8_t sample, std::ptrdiff_t column) const {
+    for (int layer = 0; layer < kLayers; ++layer) {
+      sample = Blend255(sample, over, alphas[layer * table + column]);
+    }
+    return sample;
+  }
+};
+
+template <int N, typename Operation>
+TAVREL_INLINE Lanes<N> Vector(const std::uint8_t* row, std::ptrdiff_t column,
+                              const Operation& operation) {
+  const Lanes<N> samples = Load<N>(row + column);
+  Lanes<N> even = samples & 0xFF;
+  Lanes<N> odd = samples >> 8;
+  operation.template Apply<N>(even, odd, column);
+  return even | (odd << 8);
+}
+
+// Rows of N samples or more. The last vector of a row ends with the row and overlaps the one before
+// it: it is computed from the old samples, before they are overwritten.
+template <int N, typename Operation>
+TAVREL_INLINE void WideRows(std::uint8_t* to, std::ptrdiff_t stride, std::int32_t columns,
+                            std::int32_t rows, Operation operation) {
+  const std::ptrdiff_t end = columns - N;
+  for (std::int32_t row = 0; row < rows; ++row) {
+    const Lanes<N> last = Vector<N>(to, end, operation);
+    for (std::ptrdiff_t column = 0; column < end; column += N) {
+      const Lanes<N> samples = Vector<N>(to, column, operation);
+      std::memcpy(to + column, &samples, N);
+    }
+    std::memcpy(to + end, &last, N);
+    to += stride;
+    operation.NextRow();
+  }
+}
+
+template <typename Operation>
+TAVREL_INLINE void NarrowRows(std::uint8_t* to, std::ptrdiff_t stride, std::int32_t columns,
+                              std::int32_t rows, Operation operation) {
+  for (std::int32_t row = 0; row < rows; ++row) {
+    for (std::int32_t column = 0; column < columns; ++column) {
+      to[column] = operation.Apply(to[column], column);
+    }
+    to += stride;
+    operation.NextRow();
+  }
+}
+
+// kVector: the bytes of the instruction set's vectors.
+template <int kVector, typename Operation>
+TAVREL_INLINE void ForRows(std::uint8_t* to, std::ptrdiff_t stride, std::int32_t columns,
+                           std::int32_t rows, Operation operation) {
+  if (columns >= kVector) {
+    WideRows<kVector>(to, stride, columns, rows, operation);
+  } else if (columns >= 16) {
+    WideRows<16>(to, stride, columns, rows, operation);
+  } else if (columns >= 8) {
+    WideRows<8>(to, stride, columns, rows, operation);
+  } else {
+    NarrowRows(to, stride, columns, rows, operation);
+  }
+}
+
+template <int kVector>
+TAVREL_INLINE void Blend(std::uint8_t* to, std::ptrdiff_t stride, std::int32_t columns,
+                         std::int32_t rows, const std::uint8_t* over, const std::uint8_t* alpha,
+                         std::ptrdiff_t overStride) {
+  ForRows<kVector>(to, stride, columns, rows, BlendOver{over, alpha, overStride});
+}
+
+template <int kVector>
+TAVREL_INLINE void BlendConstant(std::uint8_t* to, std::ptrdiff_t stride, std::int32_t columns,
+                                 std::int32_t rows, std::uint8_t over, std::uint8_t alpha) {
+  ForRows<kVector>(to, stride, columns, rows, BlendOneValue{over, alpha});
+}
+
+template <int kVector>
+TAVREL_INLINE void BlendLayers(std::uint8_t* to, std::ptrdiff_t stride, std::int32_t columns,
+                               std::int32_t rows, std::uint8_t over, const std::uint8_t* alphas,
+                               std::int32_t layers) {
+  const std::ptrdiff_t table = std::ptrdiff_t{columns} * rows;
+  // A chroma sample covers four pixels.
+  for (; layers >= 4; layers -= 4, alphas += 4 * table) {
+    ForRows<kVector>(to, stride, columns, rows, BlendValueLayers<4>{over, alphas, columns, table});
+  }
+  for (; layers >= 1; --layers, alphas += table) {
+    ForRows<kVector>(to, stride, columns, rows, BlendValueLayers<1>{over, alphas, columns, table});
+  }
+}
+
+}  // namespace kernels::vectors

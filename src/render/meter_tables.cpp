@@ -1,0 +1,73 @@
+#include "render/meter_tables.h"
+
+#include <algorithm>
+
+VignetteTable::VignetteTable(std::int32_t width, std::int32_t height)
+    : chromaWidth_((width + 1) / 2),
+      chromaHeight_((height + 1) / 2),
+      luma_(static_cast<std::size_t>(width) * height),
+      chroma_(static_cast<std::size_t>(chromaWidth_) * chromaHeight_ * kChromaLayers) {
+  const VignetteShape shape(width, height);
+  const std::size_t layer = static_cast<std::size_t>(chromaWidth_) * chromaHeight_;
+  for (std::int32_t row = 0; row < height; ++row) {
+    for (std::int32_t column = 0; column < width; ++column) {
+      const std::uint8_t opacity = shape.LumaOpacity(column, row);
+      const std::size_t sample = static_cast<std::size_t>(row / 2) * chromaWidth_ + column / 2;
+      luma_[static_cast<std::size_t>(row) * width + column] = opacity;
+      chroma_[(row % 2 * 2 + column % 2) * layer + sample] = opacity / 4;
+    }
+  }
+}
+
+BarTable::BarTable(std::int32_t bottom, std::int32_t length)
+    : length_(length), lit_(length), unlit_(length), ditherPhases_(length) {
+  BarChroma litChroma;
+  BarChroma unlitChroma;
+  MeterColour litBelow{};
+  std::int32_t segments = 0;  // whose boundary is known
+  for (std::int32_t step = 0; step < length; ++step) {
+    const std::int64_t row = std::int64_t{bottom} - step;
+    const BarStep at(step, length);
+    const MeterColour lit = BarColour(at, row, true);
+    const MeterColour unlit = BarColour(at, row, false);
+    for (; segments <= std::min(at.segment, kMeterSegments); ++segments) {
+      BarChroma mixed;
+      if (step > 0) {
+        mixed.Average(row + 1, litBelow);
+      }
+      boundaries_[segments] = {step, mixed.Average(row, unlit)};
+    }
+    litBelow = lit;
+
+    const std::int32_t index = length - 1 - step;
+    const auto put = [index](BarRows& rows, const MeterColour& colour) {
+      rows.luma[index] = colour.luma;
+      rows.v[index] = colour.v;
+      rows.u[index] = colour.u;
+    };
+    put(lit_, litChroma.Average(row, lit));
+    put(unlit_, unlitChroma.Average(row, unlit));
+    ditherPhases_[index] = BarDitherPhase(row);
+  }
+  for (; segments <= kMeterSegments; ++segments) {
+    boundaries_[segments] = {length, {}};
+  }
+}
+
+void BarTable::Show(std::int32_t litSegments, BarRows& rows) const {
+  const Boundary& boundary = boundaries_[std::clamp(litSegments, 0, kMeterSegments)];
+  const std::int32_t unlitRows = length_ - boundary.step;
+  const auto join = [&](std::vector<std::uint8_t> BarRows::*kind, std::uint8_t atBoundary) {
+    const std::vector<std::uint8_t>& lit = lit_.*kind;
+    const std::vector<std::uint8_t>& unlit = unlit_.*kind;
+    std::vector<std::uint8_t>& to = rows.*kind;
+    std::copy_n(unlit.begin(), unlitRows, to.begin());
+    std::copy(lit.begin() + unlitRows, lit.end(), to.begin() + unlitRows);
+    if (unlitRows > 0) {
+      to[unlitRows - 1] = atBoundary;
+    }
+  };
+  join(&BarRows::luma, boundary.colour.luma);
+  join(&BarRows::v, boundary.colour.v);
+  join(&BarRows::u, boundary.colour.u);
+}

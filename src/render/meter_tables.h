@@ -1,0 +1,70 @@
+// What does not change from frame to frame in a meter's look, computed once.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "render/meter_colours.h"
+
+// The opacities of the darkening of a panel whose corner lies on even coordinates.
+class VignetteTable {
+ public:
+  static constexpr std::int32_t kChromaLayers = 4;
+
+  // Of a panel of width x height pixels, both at least 1.
+  VignetteTable(std::int32_t width, std::int32_t height);
+
+  // Of each pixel, row by row.
+  const std::uint8_t* Luma() const { return luma_.data(); }
+  // Of each chroma sample that the panel touches, row by row, ChromaWidth() x ChromaHeight(); four
+  // such tables behind one another, one for each pixel that the sample covers, in the order in
+  // which they are blended. Pixels outside the panel have opacity 0.
+  const std::uint8_t* Chroma() const { return chroma_.data(); }
+  std::int32_t ChromaWidth() const { return chromaWidth_; }
+  std::int32_t ChromaHeight() const { return chromaHeight_; }
+
+ private:
+  std::int32_t chromaWidth_;
+  std::int32_t chromaHeight_;
+  std::vector<std::uint8_t> luma_;
+  std::vector<std::uint8_t> chroma_;
+};
+
+// The samples of a bar's rows, one array for each kind, the topmost row first.
+struct BarRows {
+  explicit BarRows(std::int32_t length) : luma(length), v(length), u(length) {}
+
+  std::vector<std::uint8_t> luma;
+  std::vector<std::uint8_t> v;
+  std::vector<std::uint8_t> u;
+};
+
+// The colours of the rows of all bars that stand on one row of the canvas.
+class BarTable {
+ public:
+  // bottom: the canvas row of the foot; length: rows, at least 1.
+  BarTable(std::int32_t bottom, std::int32_t length);
+
+  std::int32_t Length() const { return length_; }
+  // Puts the rows of a bar with that many of its 24 segments lit into `rows`, which has Length()
+  // rows.
+  void Show(std::int32_t litSegments, BarRows& rows) const;
+  // For each row, the topmost first, where its dither pattern begins; the bar's left column is to
+  // be added.
+  const std::uint8_t* DitherPhases() const { return ditherPhases_.data(); }
+
+ private:
+  // Where the lit rows of a bar end.
+  struct Boundary {
+    std::int32_t step = 0;  // the first that is not lit, counted from the foot
+    MeterColour colour{};   // of that row: its chroma is the mean of an unlit and a lit one
+  };
+
+  std::int32_t length_;
+  BarRows lit_;
+  BarRows unlit_;
+  std::vector<std::uint8_t> ditherPhases_;
+  std::array<Boundary, kMeterSegments + 1> boundaries_;  // by lit segments
+};
