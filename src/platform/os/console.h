@@ -6,6 +6,9 @@
 
 namespace os {
 
+// Whether somebody watches: the descriptor (1 output, 2 errors) is a terminal.
+bool IsTerminal(int descriptor);
+
 // Where a text goes and whether it may be coloured: only on a terminal, and only when the
 // environment does not say NO_COLOR. Not locked: its owner calls from one thread at a time.
 class Console {

@@ -12,7 +12,7 @@ namespace {
 bool WantsColour(int descriptor) {
   const char* const noColour = std::getenv("NO_COLOR");
   const char* const terminal = std::getenv("TERM");
-  return ::isatty(descriptor) == 1 && (noColour == nullptr || *noColour == '\0') &&
+  return IsTerminal(descriptor) && (noColour == nullptr || *noColour == '\0') &&
          (terminal == nullptr || std::string_view(terminal) != "dumb");
 }
 
@@ -24,6 +24,10 @@ std::string ColourSequence(std::uint16_t colour) {
 }
 
 }  // namespace
+
+bool IsTerminal(int descriptor) {
+  return ::isatty(descriptor) == 1;
+}
 
 Console::Console() : Console(STDERR_FILENO) {}
 

@@ -1,0 +1,88 @@
+#include "host/cli/check.h"
+
+#include <ostream>
+#include <string>
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+namespace host::cli {
+
+namespace {
+
+const char* SeverityName(wall::Diagnostic::Severity severity) {
+  return severity == wall::Diagnostic::Severity::kError ? "error" : "warning";
+}
+
+// The severity in red or yellow, the rest as it is.
+std::string Coloured(const wall::Diagnostic& diagnostic, std::string line) {
+  const bool isError = diagnostic.severity == wall::Diagnostic::Severity::kError;
+  const std::string word = std::string(SeverityName(diagnostic.severity)) + ":";
+  const std::size_t at = line.find(word);
+  return at == std::string::npos
+             ? line
+             : line.replace(at, word.size(),
+                            (isError ? "\x1b[1;31m" : "\x1b[1;33m") + word + "\x1b[0m");
+}
+
+std::string RateText(Ratio rate) {
+  return std::to_string(rate.num) + (rate.den == 1 ? "" : "/" + std::to_string(rate.den));
+}
+
+void PrintJson(const wall::WallFile& file, const std::string& path, std::ostream& out) {
+  nlohmann::ordered_json report;
+  report["file"] = path;
+  report["ok"] = file.usable();
+  report["diagnostics"] = nlohmann::ordered_json::array();
+  for (const wall::Diagnostic& diagnostic : file.diagnostics.all()) {
+    report["diagnostics"].push_back({{"line", diagnostic.position.line},
+                                     {"column", diagnostic.position.column},
+                                     {"severity", SeverityName(diagnostic.severity)},
+                                     {"message", diagnostic.message}});
+  }
+  if (file.usable()) {
+    const wall::Canvas& canvas = file.wall.canvas;
+    report["canvas"] = {{"width", canvas.width},
+                        {"height", canvas.height},
+                        {"frame_rate", RateText(canvas.frameRate)}};
+    report["channels"] = nlohmann::ordered_json::array();
+    for (const wall::Channel& channel : file.wall.channels) {
+      const wall::Window& window = channel.window;
+      report["channels"].push_back(
+          {{"name", channel.name}, {"window", {window.x, window.y, window.width, window.height}}});
+    }
+  }
+  // A file may hold bytes that are not UTF-8; they are shown as replacement characters.
+  out << report.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << "\n";
+}
+
+}  // namespace
+
+void DefineCheck(CLI::App& app, CheckOptions& options) {
+  app.add_option("WALL", options.wall, "the wall file")->required();
+  app.add_flag("--json", options.json, "print the result as JSON")->envname("TAVREL_JSON");
+}
+
+bool ReportWall(const wall::WallFile& file, const std::filesystem::path& path, Streams& streams) {
+  for (const wall::Diagnostic& diagnostic : file.diagnostics.all()) {
+    const std::string line = wall::ToText(diagnostic, path.string());
+    streams.err << (streams.colour ? Coloured(diagnostic, line) : line) << "\n";
+  }
+  return file.usable();
+}
+
+ExitCode Check(const CheckOptions& options, Streams& streams) {
+  const wall::WallFile file = wall::ReadWall(options.wall);
+  if (options.json) {
+    PrintJson(file, options.wall.string(), streams.out);
+  } else if (ReportWall(file, options.wall, streams)) {
+    const wall::Canvas& canvas = file.wall.canvas;
+    const std::size_t channels = file.wall.channels.size();
+    streams.out << options.wall.string() << ": OK, " << channels
+                << (channels == 1 ? " channel on " : " channels on ") << canvas.width << "x"
+                << canvas.height << " at " << RateText(canvas.frameRate) << " frames per second\n";
+  }
+  return file.usable() ? ExitCode::kDone : ExitCode::kBadWall;
+}
+
+}  // namespace host::cli

@@ -1,0 +1,31 @@
+// What the commands that build a graph have in common.
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace CLI {
+class App;
+}
+
+namespace host::cli {
+
+struct GraphOptions {
+  std::filesystem::path library;  // of the composer; empty: beside the program
+  bool verbose = false;           // the logger's and FFmpeg's lines as well
+};
+
+// Where the mosaic goes.
+struct RecordOptions {
+  std::vector<std::string> outputs;  // files or URLs; replace those of the wall file
+  std::filesystem::path snapshot;    // a PNG file; empty: none
+  std::optional<double> snapshotAt;  // seconds after the start; none: the last frame
+  std::optional<double> seconds;     // length of the mosaic; none: until it ends or is stopped
+};
+
+void DefineGraph(CLI::App& app, GraphOptions& options);
+void DefineRecord(CLI::App& app, RecordOptions& options);
+
+}  // namespace host::cli

@@ -1,0 +1,264 @@
+#include "host/cli/probe.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <ostream>
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/frame.h>
+#include <libavutil/pixdesc.h>
+}
+
+#include "host/channel/audio_kind.h"
+#include "host/channel/media_reader.h"
+#include "host/channel/sample_planes.h"
+#include "host/ffmpeg/mask.h"
+#include "host/wall/value_text.h"
+
+namespace host::cli {
+
+namespace {
+
+// Enough to see fields and colours, short enough for a live source.
+constexpr int kPictures = 12;
+constexpr Time kLength = 2 * kSecond;
+
+std::string Decimal(double value) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.2f", value);
+  std::string number = text;
+  number.erase(number.find_last_not_of('0') + 1);
+  return number.ends_with('.') ? number.substr(0, number.size() - 1) : number;
+}
+
+std::string NameOr(const char* name) {
+  return name != nullptr ? name : "unknown";
+}
+
+void Look(const VideoPicture& picture, ProbeReport& report) {
+  const AVFrame& frame = *picture.frame;
+  ++report.pictures;
+  report.width = frame.width;
+  report.height = frame.height;
+  report.interlaced = report.interlaced || frame.interlaced_frame != 0;
+  report.topFieldFirst = frame.top_field_first != 0;
+  report.colourSpace = NameOr(av_color_space_name(frame.colorspace));
+  report.colourRange = NameOr(av_color_range_name(frame.color_range));
+}
+
+void Listen(const AudioSamples& samples, SamplePlanes& planes, ProbeReport& report) {
+  for (const float* plane : planes.Convert(*samples.frame)) {
+    for (int i = 0; i < samples.frame->nb_samples; ++i) {
+      report.loudest = std::max(report.loudest, static_cast<double>(std::fabs(plane[i])));
+    }
+  }
+}
+
+ProbeReport Examine(MediaReader& reader) {
+  ProbeReport report;
+  report.info = reader.info();
+  report.passesThrough =
+      reader.audioParameters() != nullptr && PassesThrough(reader.audioParameters()->codec_id);
+  SamplePlanes planes;
+  for (Time now = 0; now < kLength;) {
+    const MediaItem item = reader.Read();
+    if (const auto* picture = std::get_if<VideoPicture>(&item)) {
+      Look(*picture, report);
+      now = picture->start;
+      if (report.pictures >= kPictures && !report.info.audio) {
+        break;
+      }
+    } else if (const auto* samples = std::get_if<AudioSamples>(&item)) {
+      Listen(*samples, planes, report);
+      now = report.info.video ? now : samples->start;
+    } else if (std::holds_alternative<EndOfMedia>(item)) {
+      break;
+    }
+  }
+  report.damagedPackets = reader.damagedPackets();
+  return report;
+}
+
+std::string VideoText(const ProbeReport& report) {
+  const VideoInfo& video = *report.info.video;
+  std::string text =
+      video.codec + ", " + std::to_string(report.width) + "x" + std::to_string(report.height);
+  if (video.frameRate.positive()) {
+    text += ", " + Decimal(video.frameRate.value()) + " frames per second";
+  }
+  text += report.interlaced ? std::string(", interlaced (") +
+                                  (report.topFieldFirst ? "top" : "bottom") + " first)"
+                            : ", progressive";
+  if (video.pixelAspect != Ratio{1, 1}) {
+    text += ", pixels " + std::to_string(video.pixelAspect.num) + ":" +
+            std::to_string(video.pixelAspect.den);
+  }
+  return text + ", " + video.pixelFormat + ", colours " + report.colourSpace + " " +
+         report.colourRange;
+}
+
+std::string AudioText(const AudioInfo& audio) {
+  std::string text = audio.codec + ", " + std::to_string(audio.sampleRate) + " Hz, " +
+                     std::to_string(audio.channels) +
+                     (audio.channels == 1 ? " channel" : " channels");
+  text += audio.language.empty() ? "" : ", " + audio.language;
+  return text + (audio.title.empty() ? "" : ", \"" + audio.title + "\"");
+}
+
+void PrintText(const ProbeReport& report, const std::string& source, Ratio rate,
+               std::ostream& out) {
+  const MediaInfo& info = report.info;
+  out << "source   " << source << "\n";
+  out << "format   " << info.format;
+  if (info.length) {
+    out << ", " << Decimal(static_cast<double>(*info.length) / kSecond) << " s";
+  }
+  out << (info.serviceName.empty() ? "" : ", service \"" + info.serviceName + "\"") << "\n";
+  out << "video    " << (info.video ? VideoText(report) : "none: " + info.noVideoReason) << "\n";
+  if (!info.audio) {
+    out << "audio    none: " << info.noAudioReason << "\n";
+  }
+  for (std::size_t i = 0; i < info.audioTracks.size(); ++i) {
+    const AudioInfo& track = info.audioTracks[i];
+    const bool used = info.audio && info.audio->streamIndex == track.streamIndex;
+    out << "audio " << i + 1 << (used ? "* " : "  ") << AudioText(track) << "\n";
+  }
+  for (const std::string& sentence : WallTreatment(report, rate)) {
+    out << "wall     " << sentence << "\n";
+  }
+}
+
+void PrintJson(const ProbeReport& report, const std::string& source, Ratio rate,
+               std::ostream& out) {
+  const MediaInfo& info = report.info;
+  nlohmann::ordered_json json;
+  json["source"] = source;
+  json["ok"] = true;
+  json["format"] = info.format;
+  json["service_name"] = info.serviceName;
+  if (info.length) {
+    json["seconds"] = static_cast<double>(*info.length) / kSecond;
+  }
+  if (info.video) {
+    const VideoInfo& video = *info.video;
+    json["video"] = {{"codec", video.codec},
+                     {"width", report.width},
+                     {"height", report.height},
+                     {"frame_rate", {video.frameRate.num, video.frameRate.den}},
+                     {"pixel_aspect", {video.pixelAspect.num, video.pixelAspect.den}},
+                     {"interlaced", report.interlaced},
+                     {"pixel_format", video.pixelFormat},
+                     {"colour_space", report.colourSpace},
+                     {"colour_range", report.colourRange},
+                     {"rotation", video.rotation}};
+  }
+  json["audio"] = nlohmann::ordered_json::array();
+  for (const AudioInfo& track : info.audioTracks) {
+    json["audio"].push_back({{"codec", track.codec},
+                             {"sample_rate", track.sampleRate},
+                             {"channels", track.channels},
+                             {"language", track.language},
+                             {"title", track.title},
+                             {"used", info.audio && info.audio->streamIndex == track.streamIndex}});
+  }
+  json["passes_through"] = report.passesThrough;
+  json["loudest"] = report.loudest;
+  json["damaged_packets"] = report.damagedPackets;
+  json["wall"] = WallTreatment(report, rate);
+  out << json.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << "\n";
+}
+
+}  // namespace
+
+std::vector<std::string> WallTreatment(const ProbeReport& report, Ratio canvasRate) {
+  std::vector<std::string> sentences;
+  const MediaInfo& info = report.info;
+  if (info.video) {
+    const VideoInfo& video = *info.video;
+    if (report.pictures == 0) {
+      sentences.emplace_back("no picture could be decoded at its beginning");
+    }
+    if (report.interlaced) {
+      const bool fields = video.frameRate.positive() &&
+                          FrameDuration(canvasRate) * 3 < FrameDuration(video.frameRate) * 2;
+      sentences.emplace_back(fields ? "pictures are deinterlaced, one for each field"
+                                    : "pictures are deinterlaced");
+    }
+    if (video.rotation != 0) {
+      sentences.push_back("pictures are turned by " + std::to_string(video.rotation) + " degrees");
+    }
+    if (video.frameRate.positive() && video.frameRate.value() > canvasRate.value() * 1.001) {
+      sentences.push_back("pictures are thinned to " + Decimal(canvasRate.value()) + " a second");
+    }
+    const double shape =
+        report.height > 0 ? report.width * video.pixelAspect.value() / report.height : 0;
+    if (shape > 0 && std::abs(shape - 16.0 / 9.0) > 0.02) {
+      sentences.push_back("its shape is " + Decimal(shape) +
+                          " to 1: a window of 16:9 has black bars " +
+                          (shape < 16.0 / 9.0 ? "left and right" : "above and below"));
+    }
+  } else {
+    sentences.emplace_back("its window stays black");
+  }
+  if (info.audio) {
+    sentences.emplace_back(report.passesThrough ? "sound passes through as it is"
+                                                : "sound is encoded to AAC for the outputs");
+    if (info.audio->channels > 10) {
+      sentences.emplace_back("meters show the first ten channels of the sound");
+    }
+  }
+  return sentences;
+}
+
+void DefineProbe(CLI::App& app, ProbeOptions& options) {
+  app.add_option("SOURCE", options.source, "a file or a URL")->required();
+  app.add_option("--frame-rate", options.frameRate, "of the wall, 25 or 30000/1001")
+      ->envname("TAVREL_FRAME_RATE")
+      ->capture_default_str()
+      ->check([](const std::string& text) {
+        const auto rate = wall::ParseFrameRate(text);
+        return rate && rate->value() >= 1 && rate->value() <= 120
+                   ? std::string()
+                   : "must be 1 to 120 frames per second, such as 25 or 30000/1001";
+      });
+  app.add_option("--limit", options.limit, "seconds that opening may take")
+      ->envname("TAVREL_LIMIT")
+      ->capture_default_str()
+      ->check(CLI::Range(0.1, 3600.0));
+  app.add_flag("--json", options.json, "print the result as JSON")->envname("TAVREL_JSON");
+}
+
+ExitCode Probe(const ProbeOptions& options, Streams& streams) {
+  const std::string source = ffmpeg::MaskCredentials(options.source);
+  const Ratio rate = wall::ParseFrameRate(options.frameRate).value_or(Ratio{25, 1});
+  MediaReader::Settings settings;
+  settings.source = options.source;
+  settings.openLimit = std::chrono::milliseconds(std::lround(options.limit * 1000));
+  MediaReader reader(settings);
+  try {
+    reader.Open();
+    const ProbeReport report = Examine(reader);
+    if (options.json) {
+      PrintJson(report, source, rate, streams.out);
+    } else {
+      PrintText(report, source, rate, streams.out);
+    }
+    return ExitCode::kDone;
+  } catch (const MediaError& error) {
+    if (options.json) {
+      const nlohmann::ordered_json json = {
+          {"source", source}, {"ok", false}, {"error", error.reason()}};
+      streams.out << json.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace)
+                  << "\n";
+    }
+    streams.err << "tavrel: " << error.what() << "\n";
+    return ExitCode::kCouldNotStart;
+  }
+}
+
+}  // namespace host::cli

@@ -1,0 +1,99 @@
+#include "host/cli/program.h"
+
+#include <algorithm>
+#include <exception>
+#include <ostream>
+
+#include <CLI/CLI.hpp>
+
+#include "host/ffmpeg/mask.h"
+#include "host/wall/nearest_name.h"
+
+namespace host::cli {
+
+namespace {
+
+// What was meant by an argument that nobody knows.
+std::string Suggestion(const std::string& written, const std::vector<std::string>& known) {
+  const auto nearest = wall::NearestName(written, known);
+  return nearest ? "; did you mean \"" + *nearest + "\"?" : "";
+}
+
+std::vector<std::string> OptionNames(const CLI::App& app) {
+  std::vector<std::string> names;
+  for (const CLI::Option* option : app.get_options()) {
+    for (const std::string& name : option->get_lnames()) {
+      names.push_back("--" + name);
+    }
+  }
+  return names;
+}
+
+}  // namespace
+
+Program::Program(Streams streams)
+    : streams_(streams),
+      app_(std::make_unique<CLI::App>("Composes many live channels into one picture.", "tavrel")) {
+  app_->require_subcommand(1);
+  app_->get_formatter()->column_width(34);
+  app_->footer(
+      "Exit codes: 0 done, 64 wrong arguments, 75 could not start, 78 mistakes in the wall file.");
+}
+
+Program::~Program() = default;
+
+CLI::App& Program::AddCommand(const std::string& name, const std::string& description,
+                              std::function<ExitCode(Streams&)> run) {
+  CLI::App* const app = app_->add_subcommand(name, description);
+  commands_.push_back({app, std::move(run)});
+  return *app;
+}
+
+ExitCode Program::UsageError(const std::string& message) {
+  streams_.err << "tavrel: " << message << "\nSee `tavrel --help`.\n";
+  return ExitCode::kUsage;
+}
+
+ExitCode Program::Run(const std::vector<std::string>& arguments) {
+  std::vector<std::string> names;
+  for (const Command& command : commands_) {
+    names.push_back(command.app->get_name());
+  }
+  if (arguments.empty()) {
+    streams_.err << app_->help();
+    return ExitCode::kUsage;
+  }
+  if (!arguments[0].starts_with('-') &&
+      std::find(names.begin(), names.end(), arguments[0]) == names.end()) {
+    return UsageError("there is no command \"" + arguments[0] + "\"" +
+                      Suggestion(arguments[0], names));
+  }
+  try {
+    app_->parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
+  } catch (const CLI::CallForHelp&) {
+    const auto parsed = app_->get_subcommands();
+    streams_.out << (parsed.empty() ? app_->help() : parsed[0]->help("tavrel"));
+    return ExitCode::kDone;
+  } catch (const CLI::ExtrasError& error) {
+    const auto parsed = app_->get_subcommands();
+    const auto extras = app_->remaining(true);
+    if (parsed.empty() || extras.empty()) {
+      return UsageError(error.what());
+    }
+    return UsageError("`tavrel " + parsed[0]->get_name() + "` knows no \"" +
+                      ffmpeg::MaskCredentials(extras[0]) + "\"" +
+                      Suggestion(extras[0], OptionNames(*parsed[0])));
+  } catch (const CLI::ParseError& error) {
+    return UsageError(ffmpeg::MaskCredentials(error.what()));
+  }
+  const auto parsed = std::find_if(commands_.begin(), commands_.end(),
+                                   [](const Command& command) { return command.app->parsed(); });
+  try {
+    return parsed->run(streams_);
+  } catch (const std::exception& error) {
+    streams_.err << "tavrel: " << ffmpeg::MaskCredentials(error.what()) << "\n";
+    return ExitCode::kCouldNotStart;
+  }
+}
+
+}  // namespace host::cli

@@ -1,0 +1,37 @@
+// One line that says how far a command has come.
+#pragma once
+
+#include <ostream>
+#include <string>
+
+namespace host::cli {
+
+// Shown only where somebody watches; the line is rewritten in place and wiped before anything else
+// is printed. One thread.
+class ProgressLine {
+ public:
+  ProgressLine(std::ostream& stream, bool shown) : stream_(stream), shown_(shown) {}
+  ~ProgressLine() { Wipe(); }
+  ProgressLine(const ProgressLine&) = delete;
+  ProgressLine& operator=(const ProgressLine&) = delete;
+
+  void Show(const std::string& text) {
+    if (shown_ && text != text_) {
+      stream_ << "\r\x1b[K" << text << std::flush;
+      text_ = text;
+    }
+  }
+  void Wipe() {
+    if (!text_.empty()) {
+      stream_ << "\r\x1b[K" << std::flush;
+      text_.clear();
+    }
+  }
+
+ private:
+  std::ostream& stream_;
+  const bool shown_;
+  std::string text_;
+};
+
+}  // namespace host::cli

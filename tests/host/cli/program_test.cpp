@@ -1,0 +1,215 @@
+#include "host/cli/program.h"
+
+#include <cstdlib>
+#include <optional>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "host/cli/check.h"
+#include "host/cli/demo.h"
+#include "host/cli/probe.h"
+#include "host/cli/progress_line.h"
+#include "host/cli/registry.h"
+#include "host/cli/render.h"
+#include "host/cli/run.h"
+#include "tests/host/clips.h"
+#include "tests/support/temporary_folder.h"
+
+namespace host::cli {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+struct Outcome {
+  ExitCode code = ExitCode::kDone;
+  std::string out;
+  std::string err;
+};
+
+// The program with the given commands; each run is a program of its own, as on a command line.
+template <typename AddCommands>
+Outcome RunProgram(const std::vector<std::string>& arguments, AddCommands addCommands) {
+  std::ostringstream out;
+  std::ostringstream err;
+  Program program({out, err});
+  addCommands(program);
+  const ExitCode code = program.Run(arguments);
+  return {code, out.str(), err.str()};
+}
+
+Outcome RunReal(const std::vector<std::string>& arguments) {
+  return RunProgram(arguments, [](Program& program) {
+    program.Add<CheckOptions>("check", "check", DefineCheck, Check);
+    program.Add<ProbeOptions>("probe", "probe", DefineProbe, Probe);
+  });
+}
+
+// What a command would be run with; nothing when the arguments are refused.
+template <typename Options>
+std::optional<Options> Parsed(void (*define)(CLI::App&, Options&),
+                              const std::vector<std::string>& arguments) {
+  std::optional<Options> parsed;
+  std::vector<std::string> all = {"command"};
+  all.insert(all.end(), arguments.begin(), arguments.end());
+  const Outcome outcome = RunProgram(all, [&](Program& program) {
+    program.Add<Options>("command", "", define, [&](const Options& options, Streams&) {
+      parsed = options;
+      return ExitCode::kDone;
+    });
+  });
+  EXPECT_EQ(outcome.code, parsed ? ExitCode::kDone : ExitCode::kUsage) << outcome.err;
+  return parsed;
+}
+
+class Variable {
+ public:
+  Variable(const char* name, const char* value) : name_(name) { ::setenv(name, value, 1); }
+  ~Variable() { ::unsetenv(name_); }
+  Variable(const Variable&) = delete;
+  Variable& operator=(const Variable&) = delete;
+
+ private:
+  const char* name_;
+};
+
+TEST(Program, NamesWhatWasMeantAndEndsWithTheUsageCode) {
+  EXPECT_EQ(RunReal({}).code, ExitCode::kUsage);
+  const Outcome command = RunReal({"chekc", "x"});
+  EXPECT_EQ(command.code, ExitCode::kUsage);
+  EXPECT_THAT(command.err, HasSubstr("there is no command \"chekc\"; did you mean \"check\"?"));
+  EXPECT_THAT(command.out, IsEmpty());
+  const Outcome option = RunReal({"check", "wall.toml", "--jsn"});
+  EXPECT_EQ(option.code, ExitCode::kUsage);
+  EXPECT_THAT(option.err, HasSubstr("knows no \"--jsn\"; did you mean \"--json\"?"));
+  EXPECT_EQ(RunReal({"check"}).code, ExitCode::kUsage);
+  EXPECT_EQ(RunReal({"probe", "x", "--frame-rate", "500"}).code, ExitCode::kUsage);
+}
+
+TEST(Program, PrintsHelpAsAResult) {
+  const Outcome outcome = RunReal({"probe", "--help"});
+  EXPECT_EQ(outcome.code, ExitCode::kDone);
+  EXPECT_THAT(outcome.out, HasSubstr("Usage: tavrel probe"));
+  EXPECT_THAT(outcome.out, HasSubstr("TAVREL_JSON"));
+  EXPECT_THAT(outcome.err, IsEmpty());
+}
+
+TEST(Program, TurnsAnExceptionOfACommandIntoAMessageWithoutCredentials) {
+  const Outcome outcome = RunProgram({"pins"}, [](Program& program) {
+    program.Add<PinsOptions>("pins", "", DefinePins, [](const PinsOptions&, Streams&) -> ExitCode {
+      throw std::runtime_error("no way to rtsp://a:b@c");
+    });
+  });
+  EXPECT_EQ(outcome.code, ExitCode::kCouldNotStart);
+  EXPECT_EQ(outcome.err, "tavrel: no way to rtsp://***@c\n");
+}
+
+TEST(Arguments, GoBeforeTheEnvironmentAndThatBeforeTheDefaults) {
+  EXPECT_EQ(Parsed(DefineDemo, {})->width, 1920);
+  const Variable width("TAVREL_WIDTH", "1280");
+  EXPECT_EQ(Parsed(DefineDemo, {})->width, 1280);
+  EXPECT_EQ(Parsed(DefineDemo, {"--width", "640"})->width, 640);
+  const Variable odd("TAVREL_HEIGHT", "719");
+  EXPECT_FALSE(Parsed(DefineDemo, {}));
+}
+
+TEST(Arguments, OfTheCommandsThatBuildAGraph) {
+  const auto demo = Parsed(DefineDemo, {"-o", "out/demo.mkv", "--snapshot", "out/demo.png"});
+  ASSERT_TRUE(demo);
+  EXPECT_EQ(demo->record.outputs, std::vector<std::string>{"out/demo.mkv"});
+  EXPECT_EQ(demo->record.snapshot, "out/demo.png");
+  EXPECT_EQ(demo->record.seconds, std::nullopt);
+
+  const auto run = Parsed(DefineRun, {"w.toml", "-o", "a.mkv", "-o", "srt://h:1", "--seconds",
+                                      "2.5", "--events", "--library", "L.ax"});
+  ASSERT_TRUE(run);
+  EXPECT_EQ(run->wall, "w.toml");
+  EXPECT_EQ(run->record.outputs, (std::vector<std::string>{"a.mkv", "srt://h:1"}));
+  EXPECT_EQ(run->record.seconds, 2.5);
+  EXPECT_TRUE(run->events);
+  EXPECT_EQ(run->graph.library, "L.ax");
+
+  const auto render = Parsed(DefineRender, {"-o", "a.mkv", "w.toml", "--snapshot-at", "0"});
+  ASSERT_TRUE(render);
+  EXPECT_EQ(render->wall, "w.toml");
+  EXPECT_EQ(render->record.snapshotAt, 0.0);
+
+  EXPECT_FALSE(Parsed(DefineRender, {"-o", "a.mkv"}));
+  EXPECT_FALSE(Parsed(DefineRun, {"w.toml", "--seconds", "0"}));
+  EXPECT_FALSE(Parsed(DefineDemo, {"--channels", "37"}));
+  EXPECT_EQ(Parsed(DefinePins, {"--inputs", "2"})->inputs, 2);
+  EXPECT_FALSE(Parsed(DefineRegister, {"no/such/library.ax"}));
+}
+
+TEST(Check, PrintsPlacesToTheErrorStreamAndEndsWithTheCodeOfABadWall) {
+  const TemporaryFolder folder;
+  WriteWholeFile(folder / "bad.toml", "[wall]\nwidht = 2\n[[channel]]\nsource = 'udp://h:1'\n");
+  const Outcome bad = RunReal({"check", folder / "bad.toml"});
+  EXPECT_EQ(bad.code, ExitCode::kBadWall);
+  EXPECT_EQ(bad.err, (folder / "bad.toml") +
+                         ":2:1: error: [wall] has no key \"widht\"; did you mean \"width\"?\n");
+  EXPECT_THAT(bad.out, IsEmpty());
+
+  WriteWholeFile(folder / "good.toml", "[[channel]]\nsource = 'udp://h:1'\n");
+  const Outcome good = RunReal({"check", folder / "good.toml"});
+  EXPECT_EQ(good.code, ExitCode::kDone);
+  EXPECT_THAT(good.out, HasSubstr("OK, 1 channel on 1920x1080 at 25 frames per second"));
+  EXPECT_THAT(good.err, IsEmpty());
+
+  const Outcome json = RunReal({"check", "--json", folder / "bad.toml"});
+  EXPECT_EQ(json.code, ExitCode::kBadWall);
+  const auto report = nlohmann::json::parse(json.out);
+  EXPECT_EQ(report["ok"], false);
+  EXPECT_EQ(report["diagnostics"][0]["line"], 2);
+  EXPECT_EQ(RunReal({"check", folder / "none.toml"}).code, ExitCode::kBadWall);
+}
+
+TEST(Probe, SaysWhatASourceCarriesAndWhatAWallDoesWithIt) {
+  const TemporaryFolder folder;
+  ClipRecipe recipe = SmallClip();
+  recipe.pictures = "testsrc2=size=160x120:rate=50,format=yuv420p";
+  recipe.audioCodec = "flac";
+  recipe.audioOptions = {{"strict", "-2"}};
+  Write(recipe, folder / "a.mkv");
+  const Outcome text = RunReal({"probe", folder / "a.mkv"});
+  EXPECT_EQ(text.code, ExitCode::kDone) << text.err;
+  EXPECT_THAT(text.out, HasSubstr("video    h264, 160x120, 50 frames per second, progressive"));
+  EXPECT_THAT(text.out, HasSubstr("audio 1* flac, 48000 Hz, 2 channels"));
+  EXPECT_THAT(text.out, HasSubstr("pictures are thinned to 25 a second"));
+  EXPECT_THAT(text.out, HasSubstr("sound is encoded to AAC"));
+  EXPECT_THAT(text.out, HasSubstr("black bars left and right"));
+
+  const auto json = nlohmann::json::parse(RunReal({"probe", folder / "a.mkv", "--json"}).out);
+  EXPECT_EQ(json["video"]["width"], 160);
+  EXPECT_EQ(json["audio"][0]["used"], true);
+  EXPECT_NEAR(json["loudest"].get<double>(), 0.125 * 0.7071, 0.005);  // mono on two channels
+
+  const Outcome missing = RunReal({"probe", folder / "none.mkv", "--json"});
+  EXPECT_EQ(missing.code, ExitCode::kCouldNotStart);
+  EXPECT_EQ(nlohmann::json::parse(missing.out)["error"], "no such file");
+  EXPECT_THAT(missing.err, HasSubstr("no such file"));
+}
+
+TEST(ProgressLine, RewritesOneLineAndWipesItOnlyWhereSomebodyWatches) {
+  std::ostringstream stream;
+  {
+    ProgressLine line(stream, true);
+    line.Show("10 %");
+    line.Show("10 %");
+    line.Show("20 %");
+  }
+  EXPECT_EQ(stream.str(), "\r\x1b[K10 %\r\x1b[K20 %\r\x1b[K");
+  std::ostringstream pipe;
+  ProgressLine silent(pipe, false);
+  silent.Show("10 %");
+  EXPECT_THAT(pipe.str(), IsEmpty());
+}
+
+}  // namespace
+}  // namespace host::cli
