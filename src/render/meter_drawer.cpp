@@ -128,7 +128,7 @@ void MeterDrawer::DrawBars(const MeterPanel& panel, std::span<const float> level
   const std::int32_t length = panel.barLength;
   const std::int32_t bottom = Narrow(Foot(panel));
   const BarTable& table = bars_.Get(bottom, length);
-  if (std::ssize(shown_.luma) != length) {
+  if (std::ssize(shown_.luma) < length) {
     shown_ = BarRows(length);
   }
   Area bar{Narrow(panel.x + panel.margin), bottom - length + 1, panel.barWidth, length};

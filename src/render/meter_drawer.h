@@ -65,5 +65,5 @@ class MeterDrawer {
 
   TableShelf<VignetteTable> vignettes_;  // by width and height
   TableShelf<BarTable> bars_;            // by the row of the foot and the length
-  BarRows shown_{0};                     // of the bar that is being drawn
+  BarRows shown_{0};                     // of the bar that is being drawn; grows only
 };

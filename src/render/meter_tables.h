@@ -48,8 +48,8 @@ class BarTable {
   BarTable(std::int32_t bottom, std::int32_t length);
 
   std::int32_t Length() const { return length_; }
-  // Puts the rows of a bar with that many of its 24 segments lit into `rows`, which has Length()
-  // rows.
+  // Puts the rows of a bar with that many of its 24 segments lit into `rows`, which has room for
+  // Length() rows or more.
   void Show(std::int32_t litSegments, BarRows& rows) const;
   // For each row, the topmost first, where its dither pattern begins; the bar's left column is to
   // be added.
