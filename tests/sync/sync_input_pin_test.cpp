@@ -4,65 +4,43 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/baseclasses/base_output_pin.h"
 #include "platform/dshow/vfw_errors.h"
 #include "platform/graph/filter_graph.h"
+#include "tests/support/fake_filters.h"
 
 namespace {
 
 constexpr std::uint64_t kVideoWrap = std::uint64_t{1} << 33;
 
-// A filter with one pin of either kind.
-class OnePinFilter : public CBaseFilter {
+class SyncFilter : public CBaseFilter {
  public:
-  OnePinFilter() : CBaseFilter("one pin", nullptr, &lock, CLSID_NULL) {}
+  SyncFilter() : CBaseFilter("sync", nullptr, &lock, CLSID_NULL) {}
   int GetPinCount() override { return 1; }
-  CBasePin* GetPin(int position) override { return position == 0 ? pin.get() : nullptr; }
+  CBasePin* GetPin(int position) override { return position == 0 ? &pin : nullptr; }
 
   CCritSec lock;
-  std::unique_ptr<CBasePin> pin;
-};
-
-class TickOutputPin : public CBaseOutputPin {
- public:
-  TickOutputPin(CBaseFilter* filter, CCritSec* lock, HRESULT* hr)
-      : CBaseOutputPin("ticks", filter, lock, hr, u"Ticks") {}
-  HRESULT CheckMediaType(const CMediaType*) override { return S_OK; }
-  HRESULT DecideBufferSize(IMemAllocator* allocator, ALLOCATOR_PROPERTIES*) override {
-    ALLOCATOR_PROPERTIES wanted{1, 16, 1, 0};
-    ALLOCATOR_PROPERTIES actual{};
-    return allocator->SetProperties(&wanted, &actual);
-  }
+  HRESULT hr = S_OK;
+  CSyncInputPin pin{"sync", this, &lock, &hr, u"Sync", kVideoWrap, 90000};
 };
 
 class SyncInputPin : public testing::Test {
  protected:
   void SetUp() override {
-    HRESULT hr = S_OK;
-    auto output = std::make_unique<TickOutputPin>(source.Get(), &source->lock, &hr);
-    auto input = std::make_unique<CSyncInputPin>("sync", sink.Get(), &sink->lock, &hr, u"Sync",
-                                                 kVideoWrap, 90000);
-    ASSERT_EQ(hr, S_OK);
-    out = output.get();
-    in = input.get();
-    source->pin = std::move(output);
-    sink->pin = std::move(input);
+    source->pin.acceptAny = true;
     ASSERT_EQ(graph->AddFilter(source.Get(), u"source"), S_OK);
     ASSERT_EQ(graph->AddFilter(sink.Get(), u"sink"), S_OK);
-    ASSERT_EQ(graph->ConnectDirect(out, in, nullptr), S_OK);
+    ASSERT_EQ(graph->ConnectDirect(&source->pin, in, nullptr), S_OK);
     ASSERT_EQ(graph->Run(0), S_OK);
   }
   void TearDown() override { graph->Stop(); }
 
   HRESULT Deliver(const std::vector<BYTE>& bytes, REFERENCE_TIME start, bool timed = true) {
-    ComPtr<IMediaSample> sample;
-    EXPECT_EQ(out->GetDeliveryBuffer(sample.Put(), nullptr, nullptr, 0), S_OK);
+    const auto sample = timed ? source->NewSample(start) : source->NewSample();
     BYTE* data = nullptr;
     EXPECT_EQ(sample->GetPointer(&data), S_OK);
     std::copy(bytes.begin(), bytes.end(), data);
     sample->SetActualDataLength(static_cast<LONG>(bytes.size()));
-    sample->SetTime(timed ? &start : nullptr, nullptr);
-    return out->Deliver(sample.Get());
+    return source->Send(sample.Get());
   }
 
   std::size_t TakeEvents() {
@@ -77,10 +55,9 @@ class SyncInputPin : public testing::Test {
   }
 
   ComPtr<FilterGraph> graph = FilterGraph::Create();
-  ComPtr<OnePinFilter> source{new OnePinFilter};
-  ComPtr<OnePinFilter> sink{new OnePinFilter};
-  TickOutputPin* out = nullptr;
-  CSyncInputPin* in = nullptr;
+  ComPtr<fakes::Source> source = fakes::Source::Create();
+  ComPtr<SyncFilter> sink{new SyncFilter};
+  CSyncInputPin* const in = &sink->pin;
 };
 
 TEST_F(SyncInputPin, TakesItsReferenceFromSamplesAndTellsTheGraphOfTheFirst) {
