@@ -1,0 +1,41 @@
+#include "render/compose.h"
+
+#include "render/ratio.h"
+#include "render/yv12.h"
+
+Compose::Compose(std::int32_t windowCount) {
+  for (std::int32_t i = 0; i < windowCount; ++i) {
+    labels_.push_back(std::make_unique<Label>(static_cast<std::uint32_t>(i)));
+  }
+}
+
+Label* Compose::Find(std::int32_t windowIndex) {
+  return windowIndex >= 0 && windowIndex < LabelCount()
+             ? labels_[static_cast<std::size_t>(windowIndex)].get()
+             : nullptr;
+}
+
+void SetLabelText(Compose& labels, std::int32_t windowIndex, std::string_view text) {
+  if (Label* const label = labels.Find(windowIndex)) {
+    label->SetText(text);
+  }
+}
+
+void DrawWindows(Compose& labels, std::span<const WindowState> windows, std::uint8_t* canvas,
+                 std::int32_t width, std::int32_t height, std::int32_t aspectX,
+                 std::int32_t aspectY) {
+  const Yv12Picture picture{canvas, width, height};
+  const Ratio pixelAspect = PixelAspect(width, height, aspectX, aspectY);
+  std::int32_t index = 0;
+  for (const WindowState& window : windows) {
+    Label* const label = labels.Find(index++);
+    if (label == nullptr) {
+      break;
+    }
+    if (!window.enabled || window.picture == nullptr) {
+      continue;
+    }
+    CopyPictureClipped(window.picture, window.w, window.h, picture, window.x, window.y);
+    label->Draw(window, picture, pixelAspect);
+  }
+}

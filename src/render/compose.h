@@ -1,0 +1,37 @@
+// Compose, the drawing engine: the labels of a wall and the drawing of its windows.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string_view>
+#include <vector>
+
+#include "render/label.h"
+#include "render/window_state.h"
+
+// Holds one label for each window, in the order of the windows. Made and owned by the filter when
+// it is configured; afterwards used by the composition thread only, without a lock.
+class Compose {
+ public:
+  // None for a count below one. Fonts are looked up here, which takes some milliseconds.
+  explicit Compose(std::int32_t windowCount);
+
+  std::int32_t LabelCount() const { return static_cast<std::int32_t>(labels_.size()); }
+  // Null for an index outside of the count.
+  Label* Find(std::int32_t windowIndex);
+
+ private:
+  std::vector<std::unique_ptr<Label>> labels_;
+};
+
+// Replaces the text (UTF-8) of a window's label. A window without a label is ignored.
+void SetLabelText(Compose& labels, std::int32_t windowIndex, std::string_view text);
+
+// Copies the picture of every enabled window that has one into the canvas, unscaled and clipped,
+// and draws its label under it. windows are in ascending order of their inputs; the first one takes
+// the first label, and so on; windows beyond the last label are not drawn. canvas is a YV12 picture
+// of width x height pixels that is shown at aspectX:aspectY.
+void DrawWindows(Compose& labels, std::span<const WindowState> windows, std::uint8_t* canvas,
+                 std::int32_t width, std::int32_t height, std::int32_t aspectX,
+                 std::int32_t aspectY);

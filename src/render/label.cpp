@@ -1,0 +1,65 @@
+#include "render/label.h"
+
+#include <algorithm>
+#include <limits>
+
+#include "util/text_codecs.h"
+
+namespace {
+
+std::u16string Widen(std::string_view text) {
+  const qorp::EncodedText encoded =
+      qorp::Transcode(text.data(), text.size(), qorp::kUtf8, qorp::kUtf16LE, /*lenient=*/true);
+  std::u16string wide(encoded.bytes.size() / 2, u'\0');
+  for (std::size_t i = 0; i < wide.size(); ++i) {
+    wide[i] = static_cast<char16_t>(encoded.bytes[2 * i] | encoded.bytes[2 * i + 1] << 8);
+  }
+  return wide;
+}
+
+bool IsInt32(std::int64_t value) {
+  return value >= std::numeric_limits<std::int32_t>::min() &&
+         value <= std::numeric_limits<std::int32_t>::max();
+}
+
+}  // namespace
+
+std::int32_t LabelFontSize(std::int32_t canvasHeight) {
+  const double size = canvasHeight * 16.0 / 1080.0;
+  return static_cast<std::int32_t>(std::clamp(size, 8.0, 48.0) + 0.5);
+}
+
+Label::Label(std::uint32_t windowIndex) : windowIndex_(windowIndex) {
+  renderer_.SetFontName(u"Segoe UI");
+  renderer_.SetBackgroundColour({255, 0, 255, 0});
+}
+
+void Label::SetText(std::string_view text) {
+  if (text_ != text) {
+    text_ = text;
+    wideTextIsOld_ = true;
+  }
+}
+
+void Label::Draw(const WindowState& window, const Yv12Picture& canvas, const Ratio& pixelAspect) {
+  if (text_.empty()) {
+    return;
+  }
+  const std::int32_t size = LabelFontSize(canvas.height);
+  const std::int64_t right = std::int64_t{window.x} + window.w;
+  const std::int64_t top = std::int64_t{window.y} + window.h + size / 4;
+  const std::int64_t bottom = top + 4 * size;
+  if (!IsInt32(right) || !IsInt32(top) || !IsInt32(bottom)) {
+    return;  // far outside of any canvas
+  }
+  if (wideTextIsOld_) {
+    wideText_ = Widen(text_);
+    wideTextIsOld_ = false;
+  }
+  renderer_.SetTarget(canvas);
+  renderer_.SetFontSize(size);
+  renderer_.SetPixelAspect(pixelAspect);
+  renderer_.Draw({window.x, static_cast<std::int32_t>(top), static_cast<std::int32_t>(right),
+                  static_cast<std::int32_t>(bottom)},
+                 wideText_);
+}

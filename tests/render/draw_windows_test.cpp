@@ -1,0 +1,208 @@
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "canvas.h"
+#include "render/compose.h"
+#include "render/label_colour.h"
+#include "tests/support/allocation_count.h"
+
+namespace {
+
+// A wall of 720x540 square pixels (labels of 8 points) with grey windows of 160x90.
+class DrawWindowsTest : public testing::Test {
+ protected:
+  WindowState Window(std::int32_t x, std::int32_t y) {
+    return {picture.bytes.data(), true, x, y, picture.width, picture.height};
+  }
+  const Canvas& Draw(const std::vector<WindowState>& windows) {
+    canvas.Fill(16, 128, 128);
+    DrawWindows(labels, windows, canvas.bytes.data(), canvas.width, canvas.height, 4, 3);
+    return canvas;
+  }
+  // What a label adds to the canvas that the windows alone give.
+  Area LabelArea(const std::vector<WindowState>& windows) {
+    const Canvas with = Draw(windows);
+    Compose none(static_cast<std::int32_t>(windows.size()));
+    Canvas without(canvas.width, canvas.height);
+    DrawWindows(none, windows, without.bytes.data(), without.width, without.height, 4, 3);
+    return ChangedArea(with, without);
+  }
+  std::uint64_t Rendered(std::int32_t index) {
+    return labels.Find(index)->Renderer().RenderCount();
+  }
+
+  Canvas canvas{720, 540};
+  Canvas picture{160, 90, 100, 90, 160};
+  Compose labels{3};
+};
+
+TEST(Layout, TheLabelsSizeFollowsTheCanvas) {
+  EXPECT_EQ(LabelFontSize(1080), 16);
+  EXPECT_EQ(LabelFontSize(720), 11);
+  EXPECT_EQ(LabelFontSize(576), 9);
+  EXPECT_EQ(LabelFontSize(400), 8);
+  EXPECT_EQ(LabelFontSize(0), 8);
+  EXPECT_EQ(LabelFontSize(2160), 32);
+  EXPECT_EQ(LabelFontSize(4320), 48);
+}
+
+TEST(Layout, PixelsAreAsWideAsTheDisplayMakesThem) {
+  EXPECT_EQ(PixelAspect(1920, 1080, 16, 9), Ratio(1, 1));
+  EXPECT_EQ(PixelAspect(720, 576, 4, 3), Ratio(16, 15));
+  EXPECT_EQ(PixelAspect(720, 480, 4, 3), Ratio(8, 9));
+  EXPECT_EQ(PixelAspect(1440, 1080, 32, 18), Ratio(4, 3));
+  for (const std::int32_t none : {0, -16}) {
+    EXPECT_EQ(PixelAspect(1920, 1080, none, 9), Ratio(1, 1));
+    EXPECT_EQ(PixelAspect(1920, none, 4, 3), Ratio(1, 1));
+  }
+}
+
+TEST_F(DrawWindowsTest, ALabelLiesCentredUnderItsWindow) {
+  SetLabelText(labels, 0, "Label");
+  const Area label = LabelArea({Window(100, 50)});
+  EXPECT_GE(label.top, 50 + 90 + 2);
+  EXPECT_LT(label.bottom, 50 + 90 + 2 + 16) << "the text starts at the top";
+  EXPECT_NEAR(label.left + label.right, 2 * (100 + 80), 3);
+
+  labels.Find(0)->Renderer().SetBackgroundColour({255, 255, 255, 255});
+  EXPECT_EQ(LabelArea({Window(100, 50)}), (Area{100, 142, 260, 174}));
+  WindowState odd = Window(100, 50);
+  odd.w = 159;
+  EXPECT_EQ(LabelArea({odd}), (Area{100, 142, 260, 174})) << "one pixel wider than the window";
+}
+
+TEST_F(DrawWindowsTest, ALabelIsThePaintersBitmapBlendedIntoTheCanvas) {
+  const WindowState window = Window(100, 50);
+  SetLabelText(labels, 0, "Ünïcödé ש 📺");
+  ParseLabelColour(labels, 0, "#80FF8000");
+  const Canvas drawn = Draw({window});
+
+  os::TextPainter painter("Lucon.ttf");
+  painter.SetFont(u"Segoe UI", 8);
+  os::TextPainting painting;
+  painting.text = u"Ünïcödé ש 📺";
+  painting.width = 160;
+  painting.height = 32;
+  painting.textColour = 0x80FF8000;
+  painting.clearColour = 0x00FF00FF;
+  painting.alignment = os::TextAlignment::kCentre;
+  const os::ArgbBitmap bitmap = painter.Paint(painting);
+  Yv12Overlay overlay;
+  overlay.Resize(bitmap.width, bitmap.height);
+  ConvertArgbToOverlay(bitmap.pixels, bitmap.stride, overlay);
+  Canvas expected(canvas.width, canvas.height);
+  CopyPictureClipped(window.picture, window.w, window.h, expected.Picture(), 100, 50);
+  BlendOverlay(overlay, 100, 142, expected.Picture());
+  EXPECT_EQ(drawn, expected);
+}
+
+TEST_F(DrawWindowsTest, LabelsAreMatchedByPositionAndEndWithTheCount) {
+  SetLabelText(labels, 0, "0");
+  SetLabelText(labels, 1, "1");
+  SetLabelText(labels, 2, "2");
+  WindowState disabled = Window(0, 0);
+  disabled.enabled = false;
+  WindowState empty = Window(200, 0);
+  empty.picture = nullptr;
+  const Canvas last = Draw({disabled, empty, Window(400, 0), Window(400, 300)});
+  EXPECT_EQ(Rendered(0), 0U);
+  EXPECT_EQ(Rendered(1), 0U);
+  EXPECT_EQ(Rendered(2), 1U);
+  EXPECT_EQ(last.Luma(0, 0), 16);
+  EXPECT_EQ(last.Luma(200, 0), 16);
+  EXPECT_EQ(last.Luma(400, 0), 100);
+  EXPECT_EQ(last.Luma(400, 300), 16) << "there is no fourth label";
+}
+
+TEST_F(DrawWindowsTest, AWindowAtOrBeyondTheEdgeClipsItsLabel) {
+  SetLabelText(labels, 0, "Clipped label");
+  const Canvas whole = Draw({Window(100, 100)});
+  const auto label = [&](std::int32_t x, std::int32_t y) {
+    Draw({Window(x, y)});
+    // The visible part of the label's rectangle is the same part of the whole label.
+    for (std::int32_t row = 0; row < 32; ++row) {
+      for (std::int32_t column = 0; column < 160; ++column) {
+        const std::int32_t atX = x + column;
+        const std::int32_t atY = y + 92 + row;
+        if (atX >= 0 && atX < canvas.width && atY >= 0 && atY < canvas.height &&
+            canvas.Luma(atX, atY) != whole.Luma(100 + column, 192 + row)) {
+          return false;
+        }
+      }
+    }
+    return true;
+  };
+  EXPECT_TRUE(label(100, 440));
+  EXPECT_TRUE(label(100, 448));
+  EXPECT_TRUE(label(-80, 100));
+  EXPECT_TRUE(label(640, 100));
+  EXPECT_TRUE(label(100, -100));
+  const Canvas black(canvas.width, canvas.height);
+  constexpr std::int32_t kFar = INT32_MAX - 1;
+  for (const auto& [x, y] : {std::pair(kFar, kFar), std::pair(-kFar, -kFar), std::pair(0, 5000),
+                             std::pair(5000, 0), std::pair(0, kFar), std::pair(kFar, 0)}) {
+    EXPECT_EQ(Draw({Window(x, y)}), black);
+  }
+  EXPECT_EQ(Rendered(0), 1U);
+}
+
+TEST_F(DrawWindowsTest, ATextStaysUntilAnotherOneAndAnEmptyOneHidesTheLabel) {
+  const std::vector<WindowState> windows{Window(100, 100)};
+  SetLabelText(labels, 0, "Stays");
+  const Canvas shown = Draw(windows);
+  EXPECT_EQ(Draw(windows), shown);
+  SetLabelText(labels, 0, "Stays");
+  EXPECT_EQ(Draw(windows), shown);
+  SetLabelText(labels, 0, "");
+  EXPECT_EQ(LabelArea(windows), Area{});
+  SetLabelText(labels, 0, "Stays");
+  EXPECT_EQ(Draw(windows), shown);
+  EXPECT_EQ(Rendered(0), 1U) << "the overlay was kept meanwhile";
+  SetLabelText(labels, 0, "Goes");
+  EXPECT_NE(Draw(windows), shown);
+  ParseLabelColour(labels, 0, "#0F0");
+  Draw(windows);
+  Draw(windows);
+  EXPECT_EQ(Rendered(0), 3U);
+}
+
+TEST_F(DrawWindowsTest, DamagedTextShowsReplacementCharacters) {
+  const std::vector<WindowState> windows{Window(100, 100)};
+  SetLabelText(labels, 0,
+               "a\xEF\xBF\xBD"
+               "b");
+  const Canvas replaced = Draw(windows);
+  EXPECT_EQ(labels.Find(0)->Renderer().Painter().CountMissingGlyphs(), 0);
+  for (const std::string& damaged :
+       {std::string("a\xED\xA0\x80"
+                    "b"),  // a surrogate
+        std::string("a\xF4\x90\x80\x80"
+                    "b"),                                       // beyond Unicode
+        std::string("a\0b", 3), std::string("a\xC0\0b", 4)}) {  // a byte to be dropped before
+    SetLabelText(labels, 0, damaged);
+    EXPECT_EQ(Draw(windows), replaced);
+  }
+}
+
+TEST_F(DrawWindowsTest, AFrameWithNothingChangedAllocatesNothing) {
+  const std::vector<WindowState> windows{Window(0, 0), Window(200, 0), Window(400, 0)};
+  const auto frame = [&] {
+    for (std::int32_t i = 0; i < 3; ++i) {
+      ParseLabelColour(labels, i, "#FF8800");
+      SetLabelText(labels, i, "A text that is longer than what strings hold in place");
+    }
+    DrawWindows(labels, windows, canvas.bytes.data(), canvas.width, canvas.height, 4, 3);
+  };
+  frame();
+  const std::uint64_t rendered = Rendered(0) + Rendered(1) + Rendered(2);
+  const support::AllocationCount allocations;
+  for (int i = 0; i < 100; ++i) {
+    frame();
+  }
+  EXPECT_EQ(allocations.Since(), 0U);
+  EXPECT_EQ(Rendered(0) + Rendered(1) + Rendered(2), rendered);
+}
+
+}  // namespace
