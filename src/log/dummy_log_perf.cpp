@@ -9,9 +9,9 @@ void DummyLogPerf::log(std::int32_t, const char* format, ...) {
   FormatBuffer<260> buffer;
   va_list arguments;
   va_start(arguments, format);
-  const std::string_view text = buffer.Format(format, arguments);
+  const std::size_t length = buffer.Format(format, arguments);
   va_end(arguments);
-  os::WriteDebuggerOutput(text);
+  os::WriteDebuggerOutput({buffer.Data(), length});
   os::WriteDebuggerOutput("\n");
 }
 

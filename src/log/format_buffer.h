@@ -13,13 +13,14 @@ namespace qorp::log {
 template <std::size_t Size>
 class FormatBuffer {
  public:
-  // A format that cannot be carried out is kept as its own text: the message is not lost.
-  [[gnu::format(printf, 2, 0)]] std::string_view Format(const char* format, va_list arguments) {
+  // The length of the text that stands in the buffer then. A format that cannot be carried out is
+  // kept as its own text: the message is not lost.
+  [[gnu::format(printf, 2, 0)]] std::size_t Format(const char* format, va_list arguments) {
     const int length = std::vsnprintf(text_.data(), text_.size(), format, arguments);
     if (length < 0) {
-      return std::string_view(format).substr(0, Size);
+      return std::string_view(format).copy(text_.data(), Size);
     }
-    return {text_.data(), std::min(static_cast<std::size_t>(length), Size)};
+    return std::min(static_cast<std::size_t>(length), Size);
   }
 
   char* Data() { return text_.data(); }

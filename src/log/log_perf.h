@@ -1,0 +1,124 @@
+// LogPerf: the asynchronous logger and performance reporter.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+#include "log/i_log_perf.h"
+#include "log/log_clock.h"
+#include "log/message_queue.h"
+#include "log/pin_table.h"
+#include "log/restart_monitor.h"
+#include "log/sink_set.h"
+#include "platform/os/event.h"
+#include "platform/os/process_statistics.h"
+#include "util/thread.h"
+
+namespace qorp::log {
+
+struct LogPerfOptions {
+  std::uint32_t reportPeriod = 10000;       // ms between performance reports, 1 to 2^31 - 1
+  std::int32_t bufferFullLevel = kWarning;  // of the lines about full buffers
+  RestartMonitor::Rule restart;             // ticks once for each periodic report
+  // Seams for tests.
+  std::shared_ptr<LogClock> clock = std::make_shared<LogClock>();
+  std::function<os::SystemStatistics()> readStatistics = os::ReadSystemStatistics;
+};
+
+// Owned by the host, which hands it to its components as ILogPerf; sinks and observer belong to the
+// host, too. log() stamps and formats on the caller's thread and puts the message into a bounded
+// queue; one worker thread hands the messages to the sinks and makes the periodic report. A caller
+// never waits for the worker, however slow a sink is.
+//
+// Threads: any thread logs, counts, adds and removes sinks; the owner starts and stops. Locks, in
+// the order in which they may be taken: reportLock_ (what a report compares with), countersLock_
+// (the counters and the pin table; log() may be called under it), formattingLock_ (the whole of
+// log(), so that the order in the queue is that of the time stamps), the queue's own. Sinks and
+// observer are called with no lock held.
+class LogPerf final : public ILogPerf {
+ public:
+  // Throws std::invalid_argument for a report period out of its range, std::system_error when the
+  // system refuses a kernel object.
+  explicit LogPerf(LogPerfOptions options = {});
+  // Stops the logger.
+  ~LogPerf() override;
+
+  // Starts the worker; messages may wait already. Throws std::logic_error when it runs,
+  // std::system_error when the system refuses a thread.
+  void Start();
+  // Returns when everything logged before has been handed to the sinks and the worker has ended;
+  // does nothing when it does not run. Messages logged later wait for the next Start, or are lost.
+  // Not from a sink.
+  void Stop();
+
+  // Takes effect from the next message.
+  void AddSink(ILogSink* sink);
+  // When it returns, the sink is not called any more and may be destroyed; waits for a call in
+  // progress unless called from within it.
+  void RemoveSink(ILogSink* sink);
+  // Where performance records go; null for nowhere. A new sink first gets the header. Waits as
+  // RemoveSink does for calls of the former one.
+  void SetPerformanceSink(ILogSink* sink);
+  void SetObserver(IPerfObserver* observer);
+
+  // Text beyond 1040 characters is cut, line feeds become blanks, carriage returns vanish. Throws
+  // std::bad_alloc without memory.
+  [[gnu::format(printf, 3, 4)]] void log(std::int32_t level, const char* format, ...) override;
+
+  void RegisterPin(const char* pinName) override;
+  void NotifyBufferFull(const char* pinName) override;
+  void IncrementResync() override;
+  void IncrementTsDiscontinuity() override;
+  void IncrementDecodedPictures() override;
+  void AddPoliticChoices(std::int32_t count) override;
+  // Makes a report now. Run by the worker once for each period.
+  void WriteReport() override;
+
+  // True once the outputs were found full for too long.
+  bool NeedsRestart() const { return restartMonitor_.GetState().needRestart; }
+
+ private:
+  struct Counters {
+    std::uint32_t resync = 0;
+    std::uint32_t tsDiscontinuity = 0;
+    std::uint64_t decodedPictures = 0;
+    std::uint32_t politicChoices = 0;
+    PinTable pins;
+  };
+  struct Report;
+  struct PreviousReport {
+    std::uint64_t systemTotal = 0;  // 100 ns units, as the other times
+    std::uint64_t systemIdle = 0;
+    std::uint64_t processKernel = 0;
+    std::uint64_t processUser = 0;
+    std::uint32_t politicChoices = 0;
+  };
+
+  void Work();
+  void DispatchAll();
+  void MakePeriodicReport();
+  std::optional<Report> CompileReport();
+
+  const LogPerfOptions options_;
+  LogClock& clock_;
+
+  std::mutex formattingLock_;
+  MessageQueue queue_;
+  SinkSet sinks_;
+
+  mutable std::mutex countersLock_;
+  Counters counters_;  // guarded by countersLock_
+  RestartMonitor restartMonitor_;
+
+  std::mutex reportLock_;
+  PreviousReport previous_;                 // guarded by reportLock_
+  const ILogSink* sinkOfHeader_ = nullptr;  // that has the header already; guarded by reportLock_
+
+  os::Event stopEvent_{os::Event::Reset::kManual};
+  std::unique_ptr<Thread> worker_;
+};
+
+}  // namespace qorp::log

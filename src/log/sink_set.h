@@ -1,0 +1,64 @@
+// SinkSet: who is told of messages and reports.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "log/i_log_sink.h"
+#include "log/i_perf_observer.h"
+#include "log/message_queue.h"
+
+namespace qorp::log {
+
+// Owned by a logger; owns none of its members. Any thread changes it while the logger runs.
+//
+// A member is called without a lock held, so a change does not stop a call in progress: it takes
+// effect from the next message. Taking something out therefore returns only when no call that might
+// still use it is in progress, and it may be destroyed then; the one exception is a change that a
+// member makes from within its own call. Who takes out a member must not hold a lock that the
+// member waits for.
+class SinkSet {
+ public:
+  void Add(ILogSink* sink);
+  void Remove(ILogSink* sink);
+  // Null for none.
+  void SetPerformanceSink(ILogSink* sink);
+  void SetObserver(IPerfObserver* observer);
+
+  // Hands a message to every sink, in the order of their addresses.
+  void Dispatch(const LogMessage& message);
+  // Call the operation with the observer or the performance sink, if there is one.
+  void WithObserver(const std::function<void(IPerfObserver&)>& operation);
+  void WithPerformanceSink(const std::function<void(ILogSink&)>& operation);
+
+ private:
+  struct Members {
+    std::set<ILogSink*> sinks;
+    ILogSink* performanceSink = nullptr;
+    IPerfObserver* observer = nullptr;
+  };
+  class Use;
+
+  enum class Until { kAtOnce, kUnused };
+  // kUnused waits until no use has the former members.
+  void Change(const std::function<void(Members&)>& change, Until until);
+  template <typename Call>
+  void CallGuarded(const void* member, Call call);
+
+  std::mutex lock_;
+  // Never changed, only replaced; a use keeps its own. Guarded by lock_, as everything below.
+  std::shared_ptr<const Members> members_ = std::make_shared<Members>();
+  std::uint64_t usesBegun_ = 0;
+  std::vector<std::uint64_t> usesInProgress_;  // the numbers with which they began
+  std::condition_variable useEnded_;
+  std::map<const void*, std::string> lastFailures_;  // by member
+};
+
+}  // namespace qorp::log
