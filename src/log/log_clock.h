@@ -18,10 +18,12 @@ class LogClock {
   virtual LogTime Now() { return os::CurrentWallTime(); }
   // Milliseconds; wraps.
   virtual std::uint32_t Ticks() { return os::TickCount(); }
-  // os::WaitAny, its time-out being one of this clock.
-  virtual std::uint32_t WaitAny(std::span<os::Waitable* const> objects,
+  // os::WaitAny, until the ticks are milliseconds beyond start; then kWaitTimeout, unless an object
+  // is signalled.
+  virtual std::uint32_t WaitAny(std::span<os::Waitable* const> objects, std::uint32_t start,
                                 std::uint32_t milliseconds) {
-    return os::WaitAny(objects, milliseconds);
+    const std::uint32_t elapsed = Ticks() - start;
+    return os::WaitAny(objects, elapsed < milliseconds ? milliseconds - elapsed : 0);
   }
 };
 

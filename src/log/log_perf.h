@@ -13,6 +13,7 @@
 #include "log/pin_table.h"
 #include "log/restart_monitor.h"
 #include "log/sink_set.h"
+#include "platform/os/brief_mutex.h"
 #include "platform/os/event.h"
 #include "platform/os/process_statistics.h"
 #include "util/thread.h"
@@ -97,15 +98,17 @@ class LogPerf final : public ILogPerf {
     std::uint32_t politicChoices = 0;
   };
 
-  void Work();
-  void DispatchAll();
+  // lastReport in ticks; the start counts as one.
+  void Work(std::uint32_t lastReport);
+  // Waits for the stop event (0), a message (1) or the next report (kWaitTimeout).
+  std::uint32_t WaitForWork(std::uint32_t lastReport);
   void MakePeriodicReport();
   std::optional<Report> CompileReport();
 
   const LogPerfOptions options_;
   LogClock& clock_;
 
-  std::mutex formattingLock_;
+  os::BriefMutex formattingLock_;
   MessageQueue queue_;
   SinkSet sinks_;
 

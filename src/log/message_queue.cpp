@@ -1,39 +1,39 @@
 #include "log/message_queue.h"
 
-#include <utility>
+#include <mutex>
 
 #include "log/levels.h"
 
 namespace qorp::log {
 
 void MessageQueue::Push(std::int32_t level, std::string_view text, const LogTime& time) {
-  {
-    const std::lock_guard guard(lock_);
-    if (overflowed_) {
-      return;
-    }
-    if (messages_.size() < kCapacity) {
-      messages_.push_back({level, std::string(text), time});
-    } else {
-      // The time of the refused message is the current one.
-      messages_.push_back({kError, "Overflowed message queue.", time});
-      overflowed_ = true;
-    }
+  const std::lock_guard guard(signal_.Lock());
+  if (overflowed_) {
+    return;
   }
-  added_.Release();
+  const bool full = messages_.size() >= kCapacity;
+  if (spare_.empty()) {
+    spare_.emplace_back();
+  }
+  LogMessage& message = spare_.front();
+  message.level = full ? kError : level;
+  message.text = full ? "Overflowed message queue." : text;
+  message.time = time;  // the refused message's is the current time
+  messages_.splice(messages_.end(), spare_, spare_.begin());
+  overflowed_ = full;
+  signal_.Set(true);
 }
 
-std::optional<LogMessage> MessageQueue::Pop() {
-  std::list<LogMessage> oldest;  // freed after the lock
-  const std::lock_guard guard(lock_);
+bool MessageQueue::Pop(Popped& message) {
+  const std::lock_guard guard(signal_.Lock());
+  spare_.splice(spare_.begin(), message.node_);
   if (messages_.empty()) {
-    return std::nullopt;
+    return false;
   }
-  oldest.splice(oldest.begin(), messages_, messages_.begin());
-  if (messages_.empty()) {
-    overflowed_ = false;
-  }
-  return std::move(oldest.front());
+  message.node_.splice(message.node_.begin(), messages_, messages_.begin());
+  overflowed_ = overflowed_ && !messages_.empty();
+  signal_.Set(!messages_.empty());
+  return true;
 }
 
 }  // namespace qorp::log

@@ -3,13 +3,11 @@
 
 #include <cstdint>
 #include <list>
-#include <mutex>
-#include <optional>
 #include <string>
 #include <string_view>
 
 #include "log/log_time.h"
-#include "platform/os/semaphore.h"
+#include "platform/os/waitable.h"
 
 namespace qorp::log {
 
@@ -23,24 +21,38 @@ struct LogMessage {
 //
 // The queue is bounded. The message that finds it full is replaced by one notice, and everything
 // after it is dropped until the worker has emptied the queue: one notice stands for all that one
-// episode lost.
-class MessageQueue {
+// episode lost. Its elements are made once and then go round, so that pushing and popping allocate
+// nothing in the long run.
+//
+// Signalled while it holds a message; a wait consumes nothing, Pop does.
+class MessageQueue final : public os::Waitable {
  public:
   static constexpr std::size_t kCapacity = 1000;  // the notice comes on top
 
+  // A message in the worker's hands; its memory is used again for later messages.
+  class Popped {
+   public:
+    const LogMessage& operator*() const { return node_.front(); }
+    const LogMessage* operator->() const { return &node_.front(); }
+
+   private:
+    friend class MessageQueue;
+    std::list<LogMessage> node_;
+  };
+
   // Throws std::bad_alloc without memory.
   void Push(std::int32_t level, std::string_view text, const LogTime& time);
-  // The oldest message; nothing when there is none.
-  std::optional<LogMessage> Pop();
-
-  // Released once for each message that was added.
-  os::Semaphore& Added() { return added_; }
+  // Replaces message by the oldest one; false when there is none.
+  bool Pop(Popped& message);
 
  private:
-  std::mutex lock_;
-  std::list<LogMessage> messages_;  // oldest first; guarded by lock_
-  bool overflowed_ = false;         // guarded by lock_
-  os::Semaphore added_{0};
+  bool TryTake() override { return signal_.MaySucceed(); }
+  Signal& GetSignal() override { return signal_; }
+
+  Signal signal_;                   // its lock guards everything below
+  std::list<LogMessage> messages_;  // oldest first
+  std::list<LogMessage> spare_;     // were popped before
+  bool overflowed_ = false;
 };
 
 }  // namespace qorp::log

@@ -1,8 +1,6 @@
 // An event: a flag that threads wait for.
 #pragma once
 
-#include <mutex>
-
 #include "platform/os/waitable.h"
 
 namespace os {
@@ -21,12 +19,11 @@ class Event final : public Waitable {
 
  private:
   bool TryTake() override;
-  const Signal& GetSignal() const override { return signal_; }
+  Signal& GetSignal() override { return signal_; }
 
   const Reset reset_;
-  std::mutex lock_;
-  bool set_ = false;  // guarded by lock_
-  Signal signal_;     // raised while set_; guarded by lock_
+  Signal signal_;     // set while set_
+  bool set_ = false;  // guarded by the lock of signal_
 };
 
 }  // namespace os

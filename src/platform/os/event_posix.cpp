@@ -9,31 +9,28 @@ Event::Event(Reset reset, bool initiallySet) : reset_(reset) {
 }
 
 void Event::Set() {
-  const std::lock_guard guard(lock_);
-  if (!set_) {
-    set_ = true;
-    signal_.Raise();
-  }
+  const std::lock_guard guard(signal_.Lock());
+  set_ = true;
+  signal_.Set(true);
 }
 
 void Event::Clear() {
-  const std::lock_guard guard(lock_);
-  if (set_) {
-    set_ = false;
-    signal_.Lower();
-  }
+  const std::lock_guard guard(signal_.Lock());
+  set_ = false;
+  signal_.Set(false);
 }
 
 bool Event::TryTake() {
-  const std::lock_guard guard(lock_);
-  if (!set_) {
+  if (!signal_.MaySucceed()) {
     return false;
   }
-  if (reset_ == Reset::kAuto) {
+  const std::lock_guard guard(signal_.Lock());
+  const bool taken = set_;
+  if (taken && reset_ == Reset::kAuto) {
     set_ = false;
-    signal_.Lower();
+    signal_.Set(false);
   }
-  return true;
+  return taken;
 }
 
 }  // namespace os

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <mutex>
 
 #include "platform/os/waitable.h"
 
@@ -21,12 +20,11 @@ class Semaphore final : public Waitable {
 
  private:
   bool TryTake() override;
-  const Signal& GetSignal() const override { return signal_; }
+  Signal& GetSignal() override { return signal_; }
 
   const std::int32_t maximum_;
-  std::mutex lock_;
-  std::int32_t count_;  // guarded by lock_
-  Signal signal_;       // raised while count_ is above 0; guarded by lock_
+  Signal signal_;       // set while count_ is above 0
+  std::int32_t count_;  // guarded by the lock of signal_
 };
 
 }  // namespace os

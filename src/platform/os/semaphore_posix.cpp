@@ -9,31 +9,29 @@ Semaphore::Semaphore(std::int32_t initial, std::int32_t maximum)
   if (maximum < 1 || initial < 0 || initial > maximum) {
     throw std::invalid_argument("a semaphore counts from 0 to a maximum of at least 1");
   }
-  if (initial > 0) {
-    signal_.Raise();
-  }
+  signal_.Set(initial > 0);
 }
 
 bool Semaphore::Release(std::int32_t count) {
-  const std::lock_guard guard(lock_);
+  const std::lock_guard guard(signal_.Lock());
   if (count < 1 || count > maximum_ - count_) {
     return false;
   }
-  if (count_ == 0) {
-    signal_.Raise();
-  }
   count_ += count;
+  signal_.Set(true);
   return true;
 }
 
 bool Semaphore::TryTake() {
-  const std::lock_guard guard(lock_);
+  if (!signal_.MaySucceed()) {
+    return false;
+  }
+  const std::lock_guard guard(signal_.Lock());
   if (count_ == 0) {
     return false;
   }
-  if (--count_ == 0) {
-    signal_.Lower();
-  }
+  --count_;
+  signal_.Set(count_ > 0);
   return true;
 }
 

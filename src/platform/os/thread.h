@@ -33,7 +33,7 @@ class Thread final : public Waitable {
 
   static void Run(const std::shared_ptr<State>& state);
   bool TryTake() override;
-  const Signal& GetSignal() const override;
+  Signal& GetSignal() override;
 
   std::shared_ptr<State> state_;  // shared with the running thread
   std::mutex joinLock_;

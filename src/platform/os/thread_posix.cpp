@@ -17,8 +17,7 @@ struct Thread::State {
   std::function<void()> body;
   std::string name;
   std::atomic<std::uint32_t> id{0};  // 0 until the thread runs
-  std::atomic<bool> ended{false};
-  Signal signal;  // raised once, by the ending thread
+  Signal ended;                      // set once, by the ending thread
 };
 
 Thread::Thread(std::function<void()> body, std::string name) : state_(std::make_shared<State>()) {
@@ -34,8 +33,8 @@ void Thread::Run(const std::shared_ptr<State>& state) {
     ::pthread_setname_np(::pthread_self(), state->name.c_str());
   }
   state->body();
-  state->ended = true;
-  state->signal.Raise();
+  const std::lock_guard guard(state->ended.Lock());
+  state->ended.Set(true);
 }
 
 Thread::~Thread() {
@@ -50,7 +49,7 @@ std::uint32_t Thread::Id() const {
 }
 
 bool Thread::TryTake() {
-  if (!state_->ended) {
+  if (!state_->ended.MaySucceed()) {
     return false;
   }
   // The thread has only its last steps to do.
@@ -61,8 +60,8 @@ bool Thread::TryTake() {
   return true;
 }
 
-const Waitable::Signal& Thread::GetSignal() const {
-  return state_->signal;
+Waitable::Signal& Thread::GetSignal() {
+  return state_->ended;
 }
 
 }  // namespace os

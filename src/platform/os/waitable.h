@@ -1,8 +1,11 @@
 // Waiting for kernel objects, alone or for the first of several.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <span>
+
+#include "platform/os/brief_mutex.h"
 
 namespace os {
 
@@ -14,9 +17,10 @@ inline constexpr std::uint32_t kWaitFailed = 0xFFFFFFFF;  // nothing that could 
 // for it, several at the same time; it must outlive every wait.
 //
 // The state that decides a wait (is there a token?) belongs to the derived class and is guarded by
-// a lock of its own. The system only hears of it: Signal is raised while there is something to
-// take. A waiter that was woken therefore tries to take, and goes on waiting when another was
-// faster; taking from an object that is signalled already costs no call of the system.
+// the lock of its Signal. The system only hears of it while somebody sleeps: Signal is raised while
+// there is something to take and a waiter to be woken. A waiter that was woken tries to take, and
+// goes on waiting when another was faster. Setting and taking without a sleeper costs no call of
+// the system.
 class Waitable {
  public:
   virtual ~Waitable() = default;
@@ -35,23 +39,37 @@ class Waitable {
     Signal(const Signal&) = delete;
     Signal& operator=(const Signal&) = delete;
 
-    // Called alternately, under the lock of the state that they follow.
-    void Raise() noexcept;
-    void Lower() noexcept;
+    // Guards the state that the signal follows, too.
+    BriefMutex& Lock() { return lock_; }
+    // Under the lock: whether there is something to take.
+    void Set(bool signalled) noexcept;
+    // Without the lock; enough to say no, not enough to take.
+    bool MaySucceed() const { return signalled_.load(std::memory_order_acquire); }
+
+    // Around a sleep that looks at the descriptor; take the lock.
+    void BeginWait() noexcept;
+    void EndWait() noexcept;
     int Descriptor() const { return descriptor_; }
 
    private:
-    int descriptor_;
+    void Follow() noexcept;
+
+    const int descriptor_;
+    BriefMutex lock_;
+    std::atomic<bool> signalled_{false};  // written under lock_
+    bool raised_ = false;                 // the descriptor is readable; guarded by lock_
+    int waiters_ = 0;                     // guarded by lock_
   };
 
   Waitable() = default;
 
  private:
+  class Sleep;
   friend std::uint32_t WaitAny(std::span<Waitable* const> objects, std::uint32_t milliseconds);
 
   // Consumes what a wait consumes; false when the object is not signalled.
   virtual bool TryTake() = 0;
-  virtual const Signal& GetSignal() const = 0;
+  virtual Signal& GetSignal() = 0;
 };
 
 // Waits for the first of several objects: the lowest index that is signalled, which alone is

@@ -18,23 +18,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Lists of the usual lengths need no memory of their own.
-class PollList {
- public:
-  explicit PollList(std::size_t count) : count_(count) {
-    if (count > few_.size()) {
-      many_.resize(count);
-    }
-  }
-  pollfd* Data() { return many_.empty() ? few_.data() : many_.data(); }
-  std::size_t Count() const { return count_; }
-
- private:
-  std::size_t count_;
-  std::array<pollfd, 16> few_{};
-  std::vector<pollfd> many_;
-};
-
 timespec ToTimespec(Clock::duration time) {
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
   const auto rest = std::chrono::duration_cast<std::chrono::nanoseconds>(time - seconds);
@@ -53,20 +36,72 @@ Waitable::Signal::~Signal() {
   ::close(descriptor_);
 }
 
-// Neither can fail: the counter goes between 0 and 1, and the descriptor is open.
-void Waitable::Signal::Raise() noexcept {
-  [[maybe_unused]] const int result = ::eventfd_write(descriptor_, 1);
+void Waitable::Signal::Set(bool signalled) noexcept {
+  signalled_.store(signalled, std::memory_order_release);
+  Follow();
 }
 
-void Waitable::Signal::Lower() noexcept {
-  eventfd_t count = 0;
-  [[maybe_unused]] const int result = ::eventfd_read(descriptor_, &count);
+void Waitable::Signal::BeginWait() noexcept {
+  const std::lock_guard guard(lock_);
+  ++waiters_;
+  Follow();
+}
+
+void Waitable::Signal::EndWait() noexcept {
+  const std::lock_guard guard(lock_);
+  --waiters_;
+  Follow();
+}
+
+// The calls cannot fail: the counter goes between 0 and 1, and the descriptor is open.
+void Waitable::Signal::Follow() noexcept {
+  const bool wanted = signalled_.load(std::memory_order_relaxed) && waiters_ > 0;
+  if (wanted && !raised_) {
+    [[maybe_unused]] const int result = ::eventfd_write(descriptor_, 1);
+  } else if (!wanted && raised_) {
+    eventfd_t count = 0;
+    [[maybe_unused]] const int result = ::eventfd_read(descriptor_, &count);
+  }
+  raised_ = wanted;
 }
 
 bool Waitable::Wait(std::uint32_t milliseconds) {
   Waitable* const self = this;
   return WaitAny(std::span(&self, 1), milliseconds) == 0;
 }
+
+// One thread's sleep on a list of objects. Lists of the usual lengths need no memory of their own.
+class Waitable::Sleep {
+ public:
+  explicit Sleep(std::span<Waitable* const> objects) : objects_(objects) {
+    if (objects.size() > few_.size()) {
+      many_.resize(objects.size());
+    }
+    pollfd* entry = List();
+    for (Waitable* const object : objects) {
+      object->GetSignal().BeginWait();
+      *entry++ = {object->GetSignal().Descriptor(), POLLIN, 0};
+    }
+  }
+  ~Sleep() {
+    for (Waitable* const object : objects_) {
+      object->GetSignal().EndWait();
+    }
+  }
+  Sleep(const Sleep&) = delete;
+  Sleep& operator=(const Sleep&) = delete;
+
+  // As ppoll: the number of objects that may succeed, 0 after the time (null for no end), -1 with
+  // errno.
+  int Until(const timespec* time) { return ::ppoll(List(), objects_.size(), time, nullptr); }
+
+ private:
+  pollfd* List() { return many_.empty() ? few_.data() : many_.data(); }
+
+  const std::span<Waitable* const> objects_;
+  std::array<pollfd, 16> few_{};
+  std::vector<pollfd> many_;
+};
 
 std::uint32_t WaitAny(std::span<Waitable* const> objects, std::uint32_t milliseconds) {
   if (objects.empty() || std::find(objects.begin(), objects.end(), nullptr) != objects.end()) {
@@ -85,17 +120,13 @@ std::uint32_t WaitAny(std::span<Waitable* const> objects, std::uint32_t millisec
   }
   const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(milliseconds);
   try {
-    PollList list(objects.size());
-    for (std::size_t i = 0; i < objects.size(); ++i) {
-      list.Data()[i] = {objects[i]->GetSignal().Descriptor(), POLLIN, 0};
-    }
+    Waitable::Sleep sleep(objects);
     while (true) {
       timespec left{};
       if (milliseconds != kInfinite) {
         left = ToTimespec(std::max(deadline - Clock::now(), Clock::duration::zero()));
       }
-      const int ready =
-          ::ppoll(list.Data(), list.Count(), milliseconds == kInfinite ? nullptr : &left, nullptr);
+      const int ready = sleep.Until(milliseconds == kInfinite ? nullptr : &left);
       if (ready < 0 && errno != EINTR) {
         return kWaitFailed;
       }

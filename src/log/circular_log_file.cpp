@@ -1,0 +1,127 @@
+#include "log/circular_log_file.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <limits>
+#include <utility>
+#include <vector>
+
+#include "util/string_format.h"
+
+namespace qorp::log {
+namespace {
+
+constexpr std::string_view kLineEnd = "\r\n";
+constexpr std::size_t kLongestLine = 1 << 20;
+constexpr std::size_t kReadSize = 1 << 16;
+constexpr std::uint64_t kNoEnd = std::numeric_limits<std::uint64_t>::max();
+
+std::string FormatHeader(std::uint64_t head) {
+  return StringFormat("0x%.8X\r\n", static_cast<unsigned>(head));
+}
+
+}  // namespace
+
+void CircularLogFile::Open(const std::string& path, os::File::Access access) {
+  Close();
+  if (access == os::File::Access::kReadWrite) {
+    // Without effect, and not an error, when the file is there.
+    if (file_.Create(path) == 0) {
+      file_.WriteAt(0, FormatHeader(0));
+    }
+    good_ = file_.Open(path, access) == 0;
+  }
+  if (!file_.IsOpen()) {
+    file_.Open(path, os::File::Access::kRead);
+  }
+  head_ = ReadHead();
+}
+
+void CircularLogFile::Close() {
+  file_.Close();
+  good_ = false;
+  head_ = kHeaderSize;
+}
+
+std::uint64_t CircularLogFile::ReadHead() const {
+  std::array<char, kHeaderSize + 1> header{};
+  std::size_t count = 0;
+  std::uint64_t size = 0;
+  if (!file_.IsOpen() || file_.ReadAt(0, std::span(header).first(kHeaderSize), &count) != 0 ||
+      file_.GetSize(&size) != 0) {
+    return kHeaderSize;
+  }
+  const std::uint64_t head = std::strtoull(header.data(), nullptr, 16);
+  return head < kHeaderSize || head > size ? kHeaderSize : head;
+}
+
+void CircularLogFile::ReadOldest(const TakeLine& take) const {
+  ReadLines(head_, kNoEnd, take);
+}
+
+void CircularLogFile::ReadNewest(const TakeLine& take) const {
+  bool isHeader = true;
+  ReadLines(0, head_,
+            [&](std::string_view line) { return std::exchange(isHeader, false) || take(line); });
+}
+
+// Every line that begins before end.
+void CircularLogFile::ReadLines(std::uint64_t offset, std::uint64_t end,
+                                const TakeLine& take) const {
+  if (!file_.IsOpen()) {
+    return;
+  }
+  std::vector<char> buffer(kReadSize);
+  std::string line;
+  std::uint64_t lineBegin = offset;
+  const auto takeLine = [&] {
+    if (line.ends_with('\r')) {
+      line.pop_back();
+    }
+    const bool goOn = lineBegin < end && take(line);
+    line.clear();
+    return goOn;
+  };
+  while (lineBegin < end) {
+    std::size_t count = 0;
+    // What cannot be read ends the file.
+    if (file_.ReadAt(offset, buffer, &count) != 0 || count == 0) {
+      break;
+    }
+    std::string_view rest(buffer.data(), count);
+    while (!rest.empty()) {
+      const std::size_t length = std::min(rest.find('\n'), rest.size());
+      line.append(rest.substr(0, std::min(length, kLongestLine - line.size())));
+      const bool ended = length < rest.size();
+      rest.remove_prefix(length + (ended ? 1 : 0));
+      if (ended) {
+        if (!takeLine()) {
+          return;
+        }
+        lineBegin = offset + count - rest.size();
+      }
+    }
+    offset += count;
+  }
+  // The end of the file ends the last line, too.
+  if (!line.empty()) {
+    takeLine();
+  }
+}
+
+void CircularLogFile::Append(std::string_view line, std::uint32_t maxSize) {
+  std::string bytes(line);
+  bytes += kLineEnd;
+  if (file_.WriteAt(head_, bytes) != 0) {
+    good_ = false;
+    return;
+  }
+  head_ += bytes.size();
+  if ((maxSize != 0 && head_ > maxSize) || head_ > std::numeric_limits<std::uint32_t>::max()) {
+    head_ = kHeaderSize;
+  }
+  good_ = file_.WriteAt(0, FormatHeader(head_)) == 0;
+}
+
+}  // namespace qorp::log

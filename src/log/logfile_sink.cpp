@@ -1,0 +1,135 @@
+#include "log/logfile_sink.h"
+
+#include <algorithm>
+#include <limits>
+#include <optional>
+#include <stdexcept>
+#include <utility>
+
+#include "log/log_line.h"
+
+namespace qorp::log {
+namespace {
+
+// Numbers beyond it are damage: nobody has written that many lines.
+constexpr std::int64_t kHighestNumber = std::numeric_limits<std::int64_t>::max() / 2;
+
+std::uint32_t CheckedSize(std::int32_t bytes) {
+  if (bytes < 0) {
+    throw std::invalid_argument("the size of a log file cannot be below 0");
+  }
+  return static_cast<std::uint32_t>(bytes);
+}
+
+// The answer of parse; nothing when the line is damaged.
+template <typename Parse>
+auto Survive(Parse parse) -> std::optional<decltype(parse())> {
+  try {
+    return parse();
+  } catch (const std::invalid_argument&) {
+    return std::nullopt;
+  } catch (const std::out_of_range&) {
+    return std::nullopt;
+  }
+}
+
+}  // namespace
+
+logfile_sink::logfile_sink(const LogFileOptions& options)
+    : maxLevel_(options.maxLevel),
+      maxSize_(CheckedSize(options.maxSize)),
+      history_(options.historyCapacity) {}
+
+void logfile_sink::SetPath(std::string path) {
+  const std::lock_guard guard(lock_);
+  path_ = std::move(path);
+}
+
+void logfile_sink::SetMaxLevel(std::int32_t maxLevel) {
+  const std::lock_guard guard(lock_);
+  maxLevel_ = maxLevel;
+}
+
+void logfile_sink::SetMaxSize(std::int32_t bytes) {
+  const std::uint32_t size = CheckedSize(bytes);
+  const std::lock_guard guard(lock_);
+  maxSize_ = size;
+}
+
+void logfile_sink::Write(std::int32_t level, const LogTime& time, const char* text) {
+  const std::lock_guard writing(writeLock_);
+  std::string path;
+  std::uint32_t maxSize = 0;
+  {
+    const std::lock_guard guard(lock_);
+    if (level > maxLevel_) {
+      return;
+    }
+    path = path_;
+    maxSize = maxSize_;
+  }
+  if (path != currentPath_ || !file_.IsGood()) {
+    Open(path);
+  }
+  LogHistoryEntry entry{level, MillisecondsOf(time), FormatLogTime(time), text};
+  // Whatever it holds, it stays one line of the file.
+  std::replace(entry.text.begin(), entry.text.end(), '\n', ' ');
+  std::erase(entry.text, '\r');
+  if (file_.IsGood()) {
+    file_.Append(FormatLogLine(nextNumber_, entry), maxSize);
+  }
+  history_.Insert(nextNumber_, std::move(entry));
+  ++nextNumber_;
+}
+
+// After a failed write the history already holds the lines of the file, and more.
+void logfile_sink::Open(const std::string& path) {
+  currentPath_ = path;
+  if (path != rebuiltPath_) {
+    rebuiltPath_.clear();
+  }
+  if (path.empty()) {
+    file_.Close();
+    return;
+  }
+  file_.Open(path, os::File::Access::kReadWrite);
+  if (file_.IsOpen() && rebuiltPath_.empty()) {
+    Rebuild();
+    rebuiltPath_ = path;
+  }
+}
+
+// The oldest line tells the number and is left out, for it is partly overwritten; from there on
+// lines are counted, because the numbers of overwritten lines say nothing about their neighbours.
+void logfile_sink::Rebuild() {
+  history_.Clear();
+  nextNumber_ = 0;
+  bool isNumbered = false;
+  const auto insert = [&](std::string_view line) {
+    if (auto entry = Survive([&] { return ParseLogLine(line); })) {
+      history_.Insert(nextNumber_++, std::move(*entry));
+    }
+  };
+  file_.ReadOldest([&](std::string_view line) {
+    if (!IsLogLine(line)) {
+      return true;
+    }
+    if (isNumbered) {
+      insert(line);
+    } else if (const auto number = Survive([&] { return ParseLogLineNumber(line); });
+               number && *number >= 0 && *number <= kHighestNumber) {
+      nextNumber_ = *number;
+      isNumbered = true;
+    }
+    return true;
+  });
+  file_.ReadNewest([&](std::string_view line) {
+    const bool whole = IsLogLine(line);
+    if (whole) {
+      insert(line);
+    }
+    return whole;
+  });
+}
+
+}  // namespace qorp::log

@@ -1,0 +1,263 @@
+#include <cstdint>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "log/log_perf.h"
+#include "log/restart_monitor.h"
+#include "platform/os/debugger_output.h"
+#include "tests/support/manual_log_clock.h"
+#include "tests/support/recording_sink.h"
+
+namespace {
+
+using qorp::log::LogPerf;
+using qorp::log::LogPerfOptions;
+using qorp::log::RestartMonitor;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+class RecordingObserver final : public qorp::log::IPerfObserver {
+ public:
+  void OnReport(std::uint32_t cpuPercent, std::uint32_t commitPercent,
+                std::uint64_t workingSetBytes, std::int32_t politicChoicesPerSecond) override {
+    reports.emplace_back(cpuPercent, commitPercent, workingSetBytes, politicChoicesPerSecond);
+  }
+
+  std::vector<std::tuple<std::uint32_t, std::uint32_t, std::uint64_t, std::int32_t>> reports;
+};
+
+class Performance : public testing::Test {
+ protected:
+  LogPerfOptions Options() {
+    LogPerfOptions options;
+    options.reportPeriod = 2000;
+    options.restart = {1, 0, 5, 1};
+    options.clock = clock;
+    options.readStatistics = [this] { return statistics; };
+    return options;
+  }
+  std::vector<std::string> Logged() {
+    RecordingSink all;
+    logger.AddSink(&all);
+    logger.Start();
+    logger.Stop();
+    logger.RemoveSink(&all);
+    return all.Texts();
+  }
+
+  std::shared_ptr<ManualLogClock> clock = std::make_shared<ManualLogClock>();
+  os::SystemStatistics statistics;
+  RecordingSink sink;
+  LogPerf logger{Options()};
+};
+
+constexpr const char* kHeaderStart =
+    "Cpu,TotalCpu,WorkingSet,PrivateBytes,NumBufferFull,NumResync,NumTsDiscontinuity,KernelTime,"
+    "UserTime,Date,NumDecPictures,VirtualSize,HandleCount,NumPoliticChoices,";
+constexpr const char* kHeaderEnd =
+    "LastDeltaNumOverAllBufferFull,NumPeriodThresholdReached,NeedRestart,";
+
+TEST_F(Performance, WritesAHeaderThenARecordForEachReport) {
+  RecordingObserver observer;
+  logger.SetObserver(&observer);
+  logger.RegisterPin("b");
+  logger.RegisterPin("a");
+  statistics.kernelTime = 1000;
+  statistics.userTime = 1000;
+  statistics.idleTime = 500;
+  statistics.processKernelTime = 100;
+  statistics.commitTotal = 1000;
+  statistics.commitAvailable = 750;
+  logger.WriteReport();  // without a sink: the header is still to come
+  logger.SetPerformanceSink(&sink);
+  statistics.kernelTime += 600;
+  statistics.userTime += 400;
+  statistics.idleTime += 499;
+  logger.WriteReport();
+
+  statistics.kernelTime += 600;
+  statistics.userTime += 400;
+  statistics.idleTime += 499;
+  statistics.processKernelTime += 109;
+  statistics.processUserTime += 10;
+  statistics.workingSet = 0x1'0000'0005;
+  statistics.privateBytes = 0x2'0000'0006;
+  statistics.commitTotal = 0x10'0000'0007;
+  statistics.commitAvailable = 0x8'0000'0000;
+  statistics.handleCount = 77;
+  clock->Advance(100000);
+  logger.NotifyBufferFull("b");
+  logger.NotifyBufferFull("b");
+  logger.NotifyBufferFull("nobody");
+  logger.RegisterPin("late");
+  logger.IncrementResync();
+  for (int i = 0; i < 2; ++i) {
+    logger.IncrementTsDiscontinuity();
+  }
+  for (int i = 0; i < 3; ++i) {
+    logger.IncrementDecodedPictures();
+  }
+  logger.AddPoliticChoices(9);
+  logger.WriteReport();
+
+  EXPECT_THAT(sink.Lines(),
+              ElementsAre(RecordingSink::Line{2, 1763286194123,
+                                              std::string(kHeaderStart) +
+                                                  "buffer_full_a,buffer_full_b," + kHeaderEnd},
+                          RecordingSink::Line{
+                              2, 1763286294123,
+                              "11,50,5,6,2,1,2,209,10,1763286294123,3,7,77,9,0,2,0,0,0,0,"}));
+  EXPECT_THAT(observer.reports, ElementsAre(std::tuple(5U, 25U, 0U, 0), std::tuple(0U, 25U, 0U, 0),
+                                            std::tuple(11U, 50U, 0x1'0000'0005U, 4)));
+}
+
+TEST_F(Performance, SkipsAReportWithoutElapsedTime) {
+  RecordingObserver observer;
+  logger.SetObserver(&observer);
+  logger.SetPerformanceSink(&sink);
+  logger.WriteReport();
+  EXPECT_THAT(sink.Lines(), IsEmpty());
+  EXPECT_THAT(observer.reports, IsEmpty());
+  statistics.kernelTime = 1;
+  logger.WriteReport();
+  EXPECT_THAT(sink.Texts(), ElementsAre(std::string(kHeaderStart) + kHeaderEnd));
+}
+
+TEST_F(Performance, GivesEverySinkTheHeaderFirst) {
+  RecordingSink other;
+  for (RecordingSink* const target : {&sink, &sink, &other, &other}) {
+    logger.SetPerformanceSink(target);
+    statistics.kernelTime += 100;
+    logger.WriteReport();
+  }
+  for (const RecordingSink* const target : {&sink, &other}) {
+    EXPECT_THAT(target->Texts(), ElementsAre(StartsWith("Cpu,"), StartsWith("0,100,")));
+  }
+}
+
+TEST_F(Performance, IsReportedByTheWorkerOnceForEachPeriod) {
+  statistics.kernelTime = 100;
+  logger.SetPerformanceSink(&sink);
+  logger.Start();
+  for (std::size_t reports = 1; reports <= 3; ++reports) {
+    for (int i = 0; i < 5; ++i) {
+      logger.NotifyBufferFull("out");
+    }
+    logger.Stop();
+    statistics.kernelTime += 100;
+    logger.Start();
+    clock->Advance(2000);
+    ASSERT_TRUE(sink.WaitForLines(reports)) << "no report after the period";
+  }
+  clock->Advance(1999);
+  logger.Stop();
+  EXPECT_EQ(sink.Lines().size(), 3U);
+  // The restart rule ticks with the reports.
+  EXPECT_TRUE(logger.NeedsRestart());
+  EXPECT_THAT(sink.Texts().back(), testing::EndsWith(",5,3,1,"));
+}
+
+TEST_F(Performance, AReportThatFailsDoesNotEndTheWorker) {
+  const os::DebuggerOutputCapture output;
+  LogPerfOptions options = Options();
+  int readings = 0;
+  options.readStatistics = [&]() -> os::SystemStatistics {
+    if (++readings == 1) {
+      throw std::runtime_error("no statistics");
+    }
+    return {.kernelTime = 5};
+  };
+  LogPerf failing(options);
+  failing.SetPerformanceSink(&sink);
+  failing.Start();
+  clock->Advance(2000);
+  while (output.Text().empty()) {
+    std::this_thread::yield();
+  }
+  clock->Advance(2000);
+  ASSERT_TRUE(sink.WaitForLines(1)) << "no report after one that failed";
+  EXPECT_EQ(output.Text(), "Performance report failed: no statistics\n");
+}
+
+TEST(LogPerfOptions, RefuseAReportPeriodOutOfRange) {
+  for (const std::uint32_t period : {0U, 0x80000000U}) {
+    LogPerfOptions options;
+    options.reportPeriod = period;
+    EXPECT_THROW(LogPerf{options}, std::invalid_argument);
+  }
+}
+
+TEST_F(Performance, WarnsOfAFullBufferOnceForEachPinAndPeriod) {
+  logger.RegisterPin("out1");
+  for (int i = 0; i < 3; ++i) {
+    clock->Advance(1000);
+    logger.NotifyBufferFull("out1");
+  }
+  clock->Advance(8000);
+  logger.NotifyBufferFull("out1");
+  clock->Advance(1000);
+  logger.NotifyBufferFull("out1");
+  logger.NotifyBufferFull("stranger");
+  logger.NotifyBufferFull("stranger");
+  EXPECT_THAT(Logged(),
+              ElementsAre("Pin output buffer full : out1 (x4)", "Pin output buffer full : stranger",
+                          "Pin output buffer full : stranger"));
+  clock->Advance(9000);
+  logger.NotifyBufferFull("out1");
+  clock->Advance(10000);
+  logger.NotifyBufferFull("out1");
+  EXPECT_THAT(Logged(),
+              ElementsAre("Pin output buffer full : out1 (x2)", "Pin output buffer full : out1"));
+  // Registered again: the count and the period begin again.
+  logger.RegisterPin("out1");
+  clock->Advance(9999);
+  logger.NotifyBufferFull("out1");
+  EXPECT_THAT(Logged(), IsEmpty());
+}
+
+TEST(RestartMonitor, AsksForARestartAfterTooManyBadTicksForGood) {
+  RestartMonitor monitor({1, 0, 5, 3});
+  const auto tick = [&](int events) {
+    for (int i = 0; i < events; ++i) {
+      monitor.CountBufferFull();
+    }
+    monitor.Tick();
+    return monitor.GetState();
+  };
+  tick(5);
+  EXPECT_FALSE(tick(6).needRestart);
+  EXPECT_EQ(tick(4).consecutive, 0U);
+  tick(5);
+  tick(5);
+  const RestartMonitor::State bad = tick(7);
+  EXPECT_TRUE(bad.needRestart);
+  EXPECT_EQ(bad.lastDelta, 7U);
+  EXPECT_EQ(bad.consecutive, 3U);
+  const RestartMonitor::State later = tick(0);
+  EXPECT_EQ(later.consecutive, 0U);
+  EXPECT_TRUE(later.needRestart);
+}
+
+TEST(RestartMonitor, DoesNotJudgeWhileItWarmsUp) {
+  RestartMonitor monitor({10, 25, 1, 1});
+  for (int i = 0; i < 3; ++i) {
+    monitor.CountBufferFull();
+    monitor.Tick();
+  }
+  EXPECT_FALSE(monitor.GetState().needRestart);
+  monitor.Tick();
+  EXPECT_EQ(monitor.GetState().lastDelta, 0U) << "events of the warm-up count later";
+  monitor.CountBufferFull();
+  monitor.Tick();
+  EXPECT_TRUE(monitor.GetState().needRestart);
+}
+
+}  // namespace

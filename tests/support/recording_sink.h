@@ -1,0 +1,73 @@
+// RecordingSink: a sink that keeps what it is given, and that a test can hold up.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "log/i_log_sink.h"
+
+class RecordingSink final : public qorp::log::ILogSink {
+ public:
+  struct Line {
+    std::int32_t level;
+    std::int64_t milliseconds;
+    std::string text;
+    bool operator==(const Line&) const = default;
+  };
+
+  void Write(std::int32_t level, const qorp::log::LogTime& time, const char* text) override {
+    std::unique_lock guard(lock_);
+    ++begun_;
+    changed_.notify_all();
+    changed_.wait(guard, [&] { return allowed_ > 0; });
+    --allowed_;
+    lines_.push_back({level, qorp::log::MillisecondsOf(time), text});
+    changed_.notify_all();
+  }
+
+  // From now on, calls wait until they are let through.
+  void HoldUp() {
+    const std::lock_guard guard(lock_);
+    allowed_ = 0;
+  }
+  void LetThrough(std::uint64_t calls = kAll) {
+    const std::lock_guard guard(lock_);
+    allowed_ += calls;
+    changed_.notify_all();
+  }
+
+  std::vector<Line> Lines() const {
+    const std::lock_guard guard(lock_);
+    return lines_;
+  }
+  std::vector<std::string> Texts() const {
+    std::vector<std::string> texts;
+    for (Line& line : Lines()) {
+      texts.push_back(std::move(line.text));
+    }
+    return texts;
+  }
+  // Wait until that many calls have ended, or begun; false when it takes longer than 60 s.
+  bool WaitForLines(std::size_t count) const {
+    std::unique_lock guard(lock_);
+    return changed_.wait_for(guard, kLimit, [&] { return lines_.size() >= count; });
+  }
+  bool WaitForCalls(std::size_t count) const {
+    std::unique_lock guard(lock_);
+    return changed_.wait_for(guard, kLimit, [&] { return begun_ >= count; });
+  }
+
+ private:
+  static constexpr std::uint64_t kAll = 1ULL << 62;
+  static constexpr std::chrono::seconds kLimit{60};
+
+  mutable std::mutex lock_;
+  mutable std::condition_variable changed_;
+  std::uint64_t allowed_ = kAll;
+  std::size_t begun_ = 0;
+  std::vector<Line> lines_;
+};
