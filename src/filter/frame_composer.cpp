@@ -1,9 +1,12 @@
 #include "filter/frame_composer.h"
 
 #include <algorithm>
+#include <array>
+#include <span>
 
 #include "platform/dshow/vfw_errors.h"
 #include "render/label_colour.h"
+#include "render/meters.h"
 #include "render/selector_drawer.h"
 #include "util/exceptions.h"
 
@@ -219,5 +222,42 @@ void FrameComposer::DrawSelectors(BYTE* canvas) {
     DrawSelectorBar(canvas, width, height, window.x, window.y + window.h - t, window.w, t);
     DrawSelectorBar(canvas, width, height, window.x, window.y, t, window.h);
     DrawSelectorBar(canvas, width, height, window.x + window.w - t, window.y, t, window.h);
+  }
+}
+
+void FrameComposer::DrawMeters(BYTE* canvas, REFERENCE_TIME frameTime) {
+  const Yv12Picture picture{canvas, filter_.outputWidth, filter_.outputHeight};
+  for (std::size_t i = 0; i < inputs_.size(); ++i) {
+    Input& input = inputs_[i];
+    const WindowState& window = windows_[i];
+    input.pins->audioAlarm->getNearest(frameTime, &input.audioAlarm);
+    if (!input.audioAlarm.has_value()) {
+      continue;
+    }
+    input.pins->videoAlarm->getNearest(frameTime, &input.videoAlarm);
+    const AudioAlarm& audio = *input.audioAlarm;
+    const std::int32_t meterWidth = window.w / 10;
+    if (audio.metersEnabled == 0 || audio.channelCount < 1 || !window.enabled || meterWidth < 1 ||
+        window.h < 1) {
+      continue;
+    }
+    const std::int32_t channels =
+        std::min<std::int32_t>(audio.channelCount, AudioAlarm::kMaxChannels);
+    std::array<float, AudioAlarm::kMaxChannels> levels{};
+    std::array<float, AudioAlarm::kMaxChannels> peaks{};
+    for (std::int32_t c = 0; c < channels; ++c) {
+      const auto channel = static_cast<std::size_t>(c);
+      levels[channel] = static_cast<float>(audio.levels[channel]) / 1000;
+      peaks[channel] = static_cast<float>(audio.peaks[channel]) / 1000;
+    }
+    const bool alarm =
+        audio.IsRaised() || (input.videoAlarm.has_value() && input.videoAlarm->alarm != 0);
+    const MeterPanel panel(picture, window.x, window.y, meterWidth, window.h, channels);
+    const auto count = static_cast<std::size_t>(channels);
+    DrawMeterPanel(panel);
+    DrawMeterBars(panel, std::span(levels).first(count), std::span(peaks).first(count));
+    if (alarm) {
+      DrawAlarmIndicator(panel);
+    }
   }
 }

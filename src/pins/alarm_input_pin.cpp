@@ -45,7 +45,7 @@ CComposeAlarmInputPin<T>::CComposeAlarmInputPin(CCompose* composer,
                                     SideStream<T>::pinName),
       filter(composer),
       videoPin(window) {
-  records.SetCapacity(std::numeric_limits<std::int32_t>::max());
+  records.setCapacity(std::numeric_limits<std::int32_t>::max());
 }
 
 template <typename T>

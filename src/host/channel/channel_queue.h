@@ -1,0 +1,87 @@
+// What a channel's reader has ready for its streaming thread.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <limits>
+#include <mutex>
+#include <optional>
+#include <variant>
+
+#include "host/channel/alarm_record.h"
+#include "host/channel/media_info.h"
+#include "host/units.h"
+#include "platform/com/com_ptr.h"
+#include "platform/dshow/samples.h"
+
+namespace host {
+
+// A picture in a buffer of the channel's video pin, stamped.
+struct ReadyPicture {
+  ComPtr<IMediaSample> sample;
+};
+// The levels of one frame's time.
+struct ReadyLevels {
+  Time start = 0;  // on the wall's clock, as are the stamps of the others
+  Time duration = 0;
+  AudioLevels levels;
+};
+struct ChannelItem {
+  Time time = 0;  // when it is due, on the wall's clock
+  std::variant<ReadyPicture, AudioPacket, ReadyLevels> content;
+};
+
+// A bounded queue of items in the order of time, between one reader and one streaming thread. An item
+// may be taken once its time has come: when the wall's time has reached it. The wall's time is either
+// a running clock, or it is moved step by step with AdvanceTo, and then every step can be waited for.
+//
+// The reader waits in Push while the queue holds a span of time that is long enough. Close ends every
+// wait, for good until Open.
+class ChannelQueue {
+ public:
+  static constexpr Time kForever = std::numeric_limits<Time>::max();
+
+  // span: how much time the queue holds before the reader waits.
+  explicit ChannelQueue(Time span) : span_(span) {}
+
+  // Empties the queue and lets both sides in again.
+  void Open();
+  void Close();
+
+  // Reader: adds an item; false once the queue is closed.
+  bool Push(ChannelItem item);
+  // Reader: everything before this time has been pushed. kForever: nothing more will come.
+  void SetHorizon(Time horizon);
+
+  // Streaming thread: the next item whose time has come. Waits for one until the deadline (in the
+  // wall's time; a running clock only); null when the deadline has passed or the queue is closed.
+  std::optional<ChannelItem> Take(Time deadline = kForever);
+  bool closed() const;
+
+  // The wall's time as a running clock; any thread may ask it.
+  void FollowClock(std::function<Time()> now);
+  // Moves the wall's time forward, step by step.
+  void AdvanceTo(Time time);
+  // True once everything up to the time set last has been taken and dealt with; false when that takes
+  // longer than the limit.
+  bool WaitUntilTaken(std::chrono::milliseconds limit);
+
+ private:
+  Time Now() const;
+
+  const Time span_;
+  mutable std::mutex lock_;
+  std::condition_variable roomMade_;
+  std::condition_variable changed_;   // for the streaming thread
+  std::condition_variable settled_;   // for the driver of the wall's time
+  std::deque<ChannelItem> items_;     // guarded by lock_, as is all below
+  std::function<Time()> clock_;
+  Time target_ = std::numeric_limits<Time>::min();
+  Time horizon_ = std::numeric_limits<Time>::min();
+  bool waiting_ = false;  // the streaming thread has nothing left to deal with
+  bool closed_ = true;
+};
+
+}  // namespace host

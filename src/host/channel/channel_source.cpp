@@ -1,0 +1,150 @@
+#include "host/channel/channel_source.h"
+
+#include "host/graph/picture_type.h"
+
+namespace host {
+namespace {
+
+constexpr CLSID kChannelSourceClass{
+    0x3B1E0A55, 0x0E2C, 0x4B57, {0x8D, 0x2F, 0x1C, 0x6A, 0x5E, 0x21, 0x90, 0x01}};
+// The composer keeps up to 80 buffers of a channel; the others are on their way to it.
+constexpr LONG kBuffersAtComposer = 80;
+constexpr LONG kSpareBuffers = 8;
+constexpr LONG kLongestLabel = 4096;  // bytes
+
+LONG BuffersFor(Ratio canvasRate, Time span) {
+  return kBuffersAtComposer + kSpareBuffers +
+         static_cast<LONG>(canvasRate.value() * static_cast<double>(span) / kSecond);
+}
+
+}  // namespace
+
+ComPtr<ChannelSource> ChannelSource::Create(Settings settings, ChannelObserver* observer) {
+  return ComPtr<ChannelSource>(
+      std::make_unique<ChannelSource>(std::move(settings), observer).release());
+}
+
+ChannelSource::ChannelSource(Settings settings, ChannelObserver* observer)
+    : CBaseFilter("channel source", nullptr, &lock_, kChannelSourceClass),
+      settings_(std::move(settings)),
+      video_(this, &lock_, u"Video",
+             PictureType(settings_.ingest.picture.width, settings_.ingest.picture.height,
+                         settings_.canvasRate, settings_.canvasAspect),
+             {BuffersFor(settings_.canvasRate, settings_.ingest.span),
+              PictureSize(settings_.ingest.picture.width, settings_.ingest.picture.height)}),
+      audio_(this, &lock_, u"Audio", CMediaType(), {}),
+      text_(this, &lock_, u"Text", LabelType(), {4, kLongestLabel}),
+      audioAlarm_(this, &lock_, u"Audio Alarm", AudioAlarmType(),
+                  {4, static_cast<LONG>(kAudioAlarmSize)}),
+      videoAlarm_(this, &lock_, u"Video Alarm", VideoAlarmType(),
+                  {4, static_cast<LONG>(kVideoAlarmSize)}),
+      queue_(settings_.ingest.span),
+      ingest_(settings_.ingest, video_, queue_, observer),
+      label_(settings_.label) {}
+
+ChannelSource::~ChannelSource() { EndThreads(); }
+
+CBasePin* ChannelSource::GetPin(int position) {
+  FeedPin* const pins[] = {&video_, &audio_, &text_, &audioAlarm_, &videoAlarm_};
+  return position >= 0 && position < 5 ? pins[position] : nullptr;
+}
+
+HRESULT ChannelSource::Pause() {
+  const bool starts = IsStopped();
+  const HRESULT hr = CBaseFilter::Pause();
+  if (FAILED(hr) || !starts) {
+    return hr;
+  }
+  queue_.Open();
+  pictureSent_ = false;
+  {
+    const std::lock_guard guard(labelLock_);
+    labelChanged_ = true;
+  }
+  ingest_.Prepare();
+  reader_ = std::make_unique<os::Thread>([this] { ingest_.Run(); }, "reader");
+  streaming_ = std::make_unique<os::Thread>([this] { Stream(); }, "streaming");
+  return hr;
+}
+
+HRESULT ChannelSource::Stop() {
+  // Ends every wait of the two threads: for the source, for room, for a buffer.
+  ingest_.Cancel();
+  queue_.Close();
+  const HRESULT hr = CBaseFilter::Stop();
+  EndThreads();
+  return hr;
+}
+
+void ChannelSource::EndThreads() {
+  for (std::unique_ptr<os::Thread>* thread : {&reader_, &streaming_}) {
+    if (*thread != nullptr) {
+      (*thread)->Wait(os::kInfinite);
+      thread->reset();
+    }
+  }
+}
+
+void ChannelSource::SetLabel(const std::string& text) {
+  const std::lock_guard guard(labelLock_);
+  labelChanged_ = labelChanged_ || text != label_;
+  label_ = text;
+}
+
+void ChannelSource::Stream() {
+  while (std::optional<ChannelItem> item = queue_.Take()) {
+    Deliver(*item);
+  }
+}
+
+void ChannelSource::Deliver(ChannelItem& item) {
+  DeliverLabel(item.time);
+  if (const auto* const picture = std::get_if<ReadyPicture>(&item.content)) {
+    DeliverPicture(*picture);
+  } else if (const auto* const levels = std::get_if<ReadyLevels>(&item.content)) {
+    DeliverLevels(levels->start, levels->duration, levels->levels);
+  } else if (const auto* const packet = std::get_if<AudioPacket>(&item.content)) {
+    audio_.Send({packet->packet->data, static_cast<std::size_t>(packet->packet->size)},
+                packet->start, packet->start + packet->duration);
+  }
+}
+
+void ChannelSource::DeliverPicture(const ReadyPicture& picture) {
+  REFERENCE_TIME start = 0;
+  REFERENCE_TIME stop = 0;
+  picture.sample->GetTime(&start, &stop);
+  video_.Deliver(picture.sample.Get());
+  videoAlarm_.Send(ToWire(VideoAlarmRecord{}), start, stop);
+  if (!ingest_.hasAudio()) {
+    // The alarms of a channel show only where it has a meter.
+    DeliverLevels(start, stop - start, AudioLevels{});
+  }
+  if (!pictureSent_) {
+    pictureSent_ = true;
+    if (settings_.pictureSent) {
+      settings_.pictureSent();
+    }
+  }
+}
+
+void ChannelSource::DeliverLevels(Time start, Time duration, const AudioLevels& levels) {
+  AudioAlarmRecord record;
+  record.levels = levels;
+  audioAlarm_.Send(ToWire(record), start, start + duration);
+}
+
+void ChannelSource::DeliverLabel(Time time) {
+  std::string text;
+  {
+    const std::lock_guard guard(labelLock_);
+    if (!labelChanged_) {
+      return;
+    }
+    labelChanged_ = false;
+    text = label_;
+  }
+  text.resize(std::min<std::size_t>(text.size(), kLongestLabel));
+  text_.Send({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}, time, time + 1);
+}
+
+}  // namespace host

@@ -1,0 +1,82 @@
+// ChannelSource: one channel as a source filter of the graph.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "host/channel/channel_ingest.h"
+#include "host/channel/channel_queue.h"
+#include "host/graph/feed_pin.h"
+#include "platform/baseclasses/base_filter.h"
+#include "platform/os/thread.h"
+
+namespace host {
+
+// Offers five pins: pictures, compressed audio, label text, audio alarm (levels) and video alarm.
+// Active, it has two threads: the reader (ChannelIngest) opens, reads and decodes into the buffers of
+// the picture pin's own allocator; the streaming thread hands everything on when its time has come.
+// Neither ever waits for another channel, and the wall waits for neither.
+//
+// Owned by its graph and by the wall. Pause and Stop start and end the threads, on the application's
+// thread.
+class ChannelSource final : public CBaseFilter {
+ public:
+  struct Settings {
+    ChannelIngest::Settings ingest;
+    std::string label;              // UTF-8; may be empty
+    Ratio canvasRate{25, 1};
+    Ratio canvasAspect{16, 9};
+    std::function<void()> pictureSent;  // called by the streaming thread after the first picture
+  };
+
+  static ComPtr<ChannelSource> Create(Settings settings, ChannelObserver* observer);
+  ChannelSource(Settings settings, ChannelObserver* observer);
+  ~ChannelSource() override;
+
+  int GetPinCount() override { return 5; }
+  CBasePin* GetPin(int position) override;
+  HRESULT Pause() override;
+  HRESULT Stop() override;
+
+  FeedPin& videoPin() { return video_; }
+  FeedPin& audioPin() { return audio_; }
+  FeedPin& textPin() { return text_; }
+  FeedPin& audioAlarmPin() { return audioAlarm_; }
+  FeedPin& videoAlarmPin() { return videoAlarm_; }
+
+  // The wall's time, for this channel.
+  ChannelQueue& queue() { return queue_; }
+  const std::string& name() const { return settings_.ingest.name; }
+
+  // Another text for the label; any thread.
+  void SetLabel(const std::string& text);
+
+ private:
+  void Stream();
+  void Deliver(ChannelItem& item);
+  void DeliverPicture(const ReadyPicture& picture);
+  void DeliverLevels(Time start, Time duration, const AudioLevels& levels);
+  void DeliverLabel(Time time);
+  void EndThreads();
+
+  const Settings settings_;
+  CCritSec lock_;
+  FeedPin video_;
+  FeedPin audio_;
+  FeedPin text_;
+  FeedPin audioAlarm_;
+  FeedPin videoAlarm_;
+
+  ChannelQueue queue_;
+  ChannelIngest ingest_;
+  std::unique_ptr<os::Thread> reader_;     // application's thread
+  std::unique_ptr<os::Thread> streaming_;  // application's thread
+
+  std::mutex labelLock_;
+  std::string label_;          // guarded by labelLock_
+  bool labelChanged_ = true;   // guarded by labelLock_
+  bool pictureSent_ = false;   // streaming thread only
+};
+
+}  // namespace host

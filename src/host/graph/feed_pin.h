@@ -1,0 +1,47 @@
+// FeedPin: an output pin of one of the host's sources.
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+#include "host/units.h"
+#include "platform/baseclasses/base_output_pin.h"
+
+namespace host {
+
+// Offers one media type and brings its own allocator. Owned by its filter; connected on the
+// application's thread, fed by the filter's streaming thread.
+class FeedPin final : public CBaseOutputPin {
+ public:
+  struct Buffers {
+    LONG count = 4;
+    LONG bytes = 1;  // in each
+  };
+
+  FeedPin(CBaseFilter* filter, CCritSec* lock, LPCWSTR name, CMediaType type, Buffers buffers);
+  ~FeedPin() override;
+
+  HRESULT CheckMediaType(const CMediaType* type) override;
+  HRESULT GetMediaType(int position, CMediaType* type) override;
+  HRESULT DecideAllocator(IMemInputPin* pin, IMemAllocator** allocator) override;
+  HRESULT DecideBufferSize(IMemAllocator* allocator, ALLOCATOR_PROPERTIES* request) override;
+
+  // Another type (and buffer size) for the next connection. Only while unconnected.
+  void Offer(CMediaType type, Buffers buffers);
+  // The allocator for the next connection; without it the pin makes one of plain memory.
+  void UseAllocator(ComPtr<IMemAllocator> allocator) { ownAllocator_ = std::move(allocator); }
+
+  // A free buffer with these times, waiting for one when wait is set. Null when there is none: none
+  // is free, the pin is not connected, or the filter stops.
+  ComPtr<IMediaSample> NewSample(Time start, Time stop, bool wait);
+  // Sends a copy of the bytes as one sample; false when there is no buffer for it, or the receiver
+  // refuses it. Never waits.
+  bool Send(std::span<const std::uint8_t> bytes, Time start, Time stop);
+
+ private:
+  CMediaType type_;
+  Buffers buffers_;
+  ComPtr<IMemAllocator> ownAllocator_;
+};
+
+}  // namespace host
