@@ -5,7 +5,8 @@
 
 namespace {
 
-constexpr GUID kTextType{0x67CA2076, 0x1596, 0x47C6, {0xA9, 0x6A, 0x85, 0xD7, 0x92, 0xAC, 0xAA, 0x53}};
+constexpr GUID kTextType{
+    0x67CA2076, 0x1596, 0x47C6, {0xA9, 0x6A, 0x85, 0xD7, 0x92, 0xAC, 0xAA, 0x53}};
 constexpr GUID kAudioAlarmType{
     0x053A2D3B, 0x77A2, 0x4DF3, {0xB4, 0x6F, 0x40, 0x21, 0x71, 0xA8, 0x1F, 0x59}};
 constexpr GUID kVideoAlarmType{
@@ -18,6 +19,12 @@ class AlarmPinsTest : public ComposerFixture {
     text_ = ConnectSide(4, fakes::TypeOf(kTextType, MEDIASUBTYPE_None));
     videoAlarm_ = ConnectSide(6, fakes::TypeOf(kVideoAlarmType, MEDIASUBTYPE_None));
     audioAlarm_ = ConnectSide(7, fakes::TypeOf(kAudioAlarmType, MEDIASUBTYPE_None));
+  }
+  void TearDown() override {
+    text_.Reset();
+    videoAlarm_.Reset();
+    audioAlarm_.Reset();
+    ComposerFixture::TearDown();
   }
   HRESULT Send(fakes::Source& source, std::string_view payload,
                std::optional<REFERENCE_TIME> start) {

@@ -1,6 +1,6 @@
-#include <gmock/gmock.h>
-
 #include <thread>
+
+#include <gmock/gmock.h>
 
 #include "platform/dshow/vfw_errors.h"
 #include "tests/support/composer_fixture.h"
@@ -21,18 +21,20 @@ class AudioPinsTest : public ComposerFixture {
     ConnectSink();
     packets_ = ConnectSide(kInput, fakes::AudioType(MEDIASUBTYPE_DOLBY_AC3), 256);
     graph_->AddFilter(audioSink_.Get(), u"audio sink");
+    audioSink_->pin.SetReconnectWhenActive(true);
   }
   void TearDown() override {
     audioSink_->Forget();
     audioSink_->Stop();
+    audioSink_->pin.ownAllocator.Reset();
     packets_.Reset();
-    ComposerFixture::TearDown();
     audioSink_.Reset();
+    ComposerFixture::TearDown();
   }
   CBaseOutputPin& Output() { return *static_cast<CBaseOutputPin*>(composer_->GetPin(kOutput)); }
   HRESULT ConnectOutput() { return Output().Connect(&audioSink_->pin, nullptr); }
-  ComPtr<IMediaSample> Packet(std::optional<REFERENCE_TIME> start, std::optional<REFERENCE_TIME> stop,
-                              std::string_view bytes) {
+  ComPtr<IMediaSample> Packet(std::optional<REFERENCE_TIME> start,
+                              std::optional<REFERENCE_TIME> stop, std::string_view bytes) {
     ComPtr<IMediaSample> packet = packets_->NewSample(start, stop);
     std::copy(bytes.begin(), bytes.end(), Pixels(packet.Get()));
     packet->SetActualDataLength(static_cast<LONG>(bytes.size()));
@@ -80,10 +82,11 @@ TEST_F(AudioPinsTest, APacketLeavesWithItsBytesInStepWithThePictures) {
 
 TEST_F(AudioPinsTest, AcceptTheCompressedTypesOfTheProduct) {
   CBasePin& input = *composer_->GetPin(kInput);
-  const GUID privateType{0xC0E9C364, 0x783D, 0x4B50, {0xAB, 0xF3, 0xF3, 0x4B, 0x80, 0x1C, 0xEE, 0xC6}};
-  for (const GUID& subtype :
-       {FourccGuid(0x50), MEDIASUBTYPE_MPEG1Payload, MEDIASUBTYPE_MPEG2_AUDIO, MEDIASUBTYPE_DOLBY_AC3,
-        MEDIASUBTYPE_DOLBY_DDPLUS, FourccGuid(0xFF), FourccGuid(0x1FF), privateType}) {
+  const GUID privateType{
+      0xC0E9C364, 0x783D, 0x4B50, {0xAB, 0xF3, 0xF3, 0x4B, 0x80, 0x1C, 0xEE, 0xC6}};
+  for (const GUID& subtype : {FourccGuid(0x50), MEDIASUBTYPE_MPEG1Payload, MEDIASUBTYPE_MPEG2_AUDIO,
+                              MEDIASUBTYPE_DOLBY_AC3, MEDIASUBTYPE_DOLBY_DDPLUS, FourccGuid(0xFF),
+                              FourccGuid(0x1FF), privateType}) {
     const CMediaType type = fakes::AudioType(subtype);
     EXPECT_EQ(input.CheckMediaType(&type), S_OK) << GuidToString(subtype);
     const CMediaType picture = fakes::TypeOf(MEDIATYPE_Video, subtype);

@@ -1,5 +1,9 @@
 #include "host/channel/channel_ingest.h"
 
+extern "C" {
+#include <libavutil/frame.h>
+}
+
 #include <algorithm>
 
 #include "host/channel/sample_planes.h"

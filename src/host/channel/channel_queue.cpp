@@ -104,4 +104,9 @@ bool ChannelQueue::WaitUntilTaken(std::chrono::milliseconds limit) {
   });
 }
 
+bool ChannelQueue::ended() const {
+  const std::lock_guard guard(lock_);
+  return closed_ || (items_.empty() && horizon_ == kForever);
+}
+
 }  // namespace host

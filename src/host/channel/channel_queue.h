@@ -67,6 +67,8 @@ class ChannelQueue {
   // True once everything up to the time set last has been taken and dealt with; false when that takes
   // longer than the limit.
   bool WaitUntilTaken(std::chrono::milliseconds limit);
+  // Nothing is left, and nothing more will come.
+  bool ended() const;
 
  private:
   Time Now() const;

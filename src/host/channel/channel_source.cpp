@@ -1,5 +1,9 @@
 #include "host/channel/channel_source.h"
 
+extern "C" {
+#include <libavcodec/packet.h>
+}
+
 #include "host/graph/picture_type.h"
 
 namespace host {

@@ -59,7 +59,7 @@ class CBaseAllocator : public CUnknown, public IMemAllocator {
 };
 
 // Samples over plain memory, in one block.
-class CMemAllocator final : public CBaseAllocator {
+class CMemAllocator : public CBaseAllocator {
  public:
   CMemAllocator(const char* name, IUnknown* outer, HRESULT* hr);
   ~CMemAllocator() override;

@@ -1,0 +1,39 @@
+#include "host/background/frame_watch.h"
+
+namespace host {
+
+void FrameWatch::Expect(const void* buffer, Time start) {
+  const std::lock_guard guard(lock_);
+  buffer_ = buffer;
+  start_ = start;
+  pending_ = true;
+}
+
+void FrameWatch::Delivered(Time start) {
+  {
+    const std::lock_guard guard(lock_);
+    if (!pending_ || start != start_) {
+      return;
+    }
+    pending_ = false;
+  }
+  done_.notify_all();
+}
+
+void FrameWatch::Returned(const void* buffer) {
+  {
+    const std::lock_guard guard(lock_);
+    if (!pending_ || buffer != buffer_) {
+      return;
+    }
+    pending_ = false;
+  }
+  done_.notify_all();
+}
+
+bool FrameWatch::Wait(std::chrono::milliseconds limit) {
+  std::unique_lock guard(lock_);
+  return done_.wait_for(guard, limit, [&] { return !pending_; });
+}
+
+}  // namespace host

@@ -1,0 +1,185 @@
+#include "host/session/wall_session.h"
+
+#include "host/background/background_picture.h"
+#include "host/graph/graph_error.h"
+#include "platform/com/wide_text.h"
+
+namespace host {
+namespace {
+
+// The composer shows every picture that long after its source.
+constexpr Time kWindowLatency = kSecond;
+constexpr std::chrono::milliseconds kFrameLimit{60'000};
+
+ComposerFilter::Canvas CanvasOf(const wall::Wall& wall) {
+  return {static_cast<int>(wall.channels.size()), wall.canvas.width,     wall.canvas.height,
+          wall.canvas.aspect,                     wall.canvas.frameRate, wall.canvas.preroll};
+}
+
+Deinterlace DeinterlaceOf(wall::DeinterlaceMode mode) {
+  switch (mode) {
+    case wall::DeinterlaceMode::kOff:
+      return Deinterlace::kOff;
+    case wall::DeinterlaceMode::kAuto:
+      return Deinterlace::kAuto;
+    case wall::DeinterlaceMode::kFrames:
+      return Deinterlace::kFrames;
+    case wall::DeinterlaceMode::kFields:
+      return Deinterlace::kFields;
+  }
+  return Deinterlace::kAuto;
+}
+
+std::chrono::milliseconds Milliseconds(Time time) {
+  return std::chrono::milliseconds(time / kMillisecond);
+}
+
+}  // namespace
+
+WallSession::WallSession(Settings settings)
+    : settings_(std::move(settings)),
+      composer_(settings_.composerLibrary, CanvasOf(settings_.wall), settings_.logger),
+      graph_(FilterGraph::Create()) {
+  const wall::Canvas& canvas = settings_.wall.canvas;
+  background_ = BackgroundSource::Create({canvas.width, canvas.height, canvas.frameRate,
+                                          canvas.aspect, MakeBackground(canvas), watch_});
+  if (settings_.live) {
+    background_->PaceBy({[this] { return clock_.Now(); },
+                         [this](Time time) { return clock_.WaitUntil(time); },
+                         [this] { clock_.Stop(); }});
+  }
+  sink_ = CompositionSink::Create([this](const ComPtr<IMediaSample>& frame, Time start) {
+    ++composed_;
+    if (settings_.takeFrame) {
+      settings_.takeFrame(frame, start);
+    }
+    watch_->Delivered(start);
+  });
+  Check(graph_->AddFilter(composer_.filter(), u"composer"), "add the composer to the graph");
+  Check(graph_->AddFilter(background_.Get(), u"background"), "add the background to the graph");
+  Check(graph_->AddFilter(sink_.Get(), u"composition"), "add the sink to the graph");
+  for (std::size_t i = 0; i < settings_.wall.channels.size(); ++i) {
+    AddChannel(i);
+  }
+  Connect(background_->pin(), composer_.backgroundPin(), "the background");
+  Check(graph_->ConnectDirect(composer_.compositionPin(), sink_->pin(), nullptr),
+        "connect the composer's output");
+}
+
+WallSession::~WallSession() { Stop(); }
+
+void WallSession::Connect(FeedPin& from, IPin* to, const std::string& what) {
+  Check(graph_->ConnectDirect(&from, to, nullptr), "connect " + what + " to the composer");
+}
+
+ChannelSource::Settings WallSession::ChannelSettings(const wall::Channel& channel,
+                                                     WallWindow* window) {
+  const wall::Canvas& canvas = settings_.wall.canvas;
+  const wall::ChannelOptions& options = channel.options;
+  ChannelSource::Settings source;
+  source.ingest.name = channel.name;
+  source.ingest.reader.source = channel.source;
+  source.ingest.reader.openLimit = Milliseconds(options.openLimit);
+  source.ingest.reader.readLimit = Milliseconds(options.readLimit);
+  source.ingest.reader.decoderThreads = options.decoderThreads;
+  source.ingest.reader.repeat = settings_.live && options.repeat;
+  source.ingest.reader.wantAudio = options.audio.enabled;
+  source.ingest.reader.audioTrack = options.audio.track;
+  source.ingest.reader.audioLanguage = options.audio.language;
+  source.ingest.reader.options = options.options;
+  source.ingest.picture.width = channel.window.width;
+  source.ingest.picture.height = channel.window.height;
+  source.ingest.picture.canvasRate = canvas.frameRate;
+  source.ingest.picture.canvasPixelAspect = PixelAspect(canvas.width, canvas.height, canvas.aspect);
+  source.ingest.picture.deinterlace = DeinterlaceOf(options.deinterlace);
+  source.ingest.meter.frameRate = canvas.frameRate;
+  source.ingest.reopen = settings_.live;
+  if (settings_.live) {
+    source.ingest.startTime = [this] { return clock_.Now(); };
+  }
+  source.label = channel.label.source == wall::Label::Source::kNone ? "" : channel.label.text;
+  source.canvasRate = canvas.frameRate;
+  source.canvasAspect = canvas.aspect;
+  source.pictureSent = [window] { window->SetPictureSent(); };
+  return source;
+}
+
+void WallSession::AddChannel(std::size_t index) {
+  const wall::Channel& channel = settings_.wall.channels[index];
+  const ComPtr<WallWindow> window =
+      WallWindow::Create({channel.options.enabled, channel.window.x, channel.window.y,
+                          channel.options.colour, channel.selected});
+  const ComPtr<ChannelSource> source =
+      ChannelSource::Create(ChannelSettings(channel, window.Get()), settings_.observer);
+  if (settings_.live) {
+    source->queue().FollowClock([this] { return clock_.Now(); });
+  }
+  Check(graph_->AddFilter(source.Get(), WidenAscii("channel " + std::to_string(index)).c_str()),
+        "add channel \"" + channel.name + "\" to the graph");
+  const ComposerFilter::Input input = composer_.AddInput(static_cast<LONG>(index), window.Get());
+  const std::string what = "channel \"" + channel.name + "\"";
+  Connect(source->videoPin(), input.video, what);
+  Connect(source->textPin(), input.text, "the label of " + what);
+  Connect(source->audioAlarmPin(), input.audioAlarm, "the levels of " + what);
+  Connect(source->videoAlarmPin(), input.videoAlarm, "the video alarm of " + what);
+  windows_.push_back(window);
+  channels_.push_back(source);
+  leftBehind_.push_back(false);
+}
+
+void WallSession::Start() {
+  clock_.Start();
+  Check(graph_->Run(0), "run the graph");
+}
+
+bool WallSession::AdvanceChannels(Time time, std::chrono::milliseconds stallLimit) {
+  for (const ComPtr<ChannelSource>& channel : channels_) {
+    channel->queue().AdvanceTo(time);
+  }
+  bool ended = true;
+  for (std::size_t i = 0; i < channels_.size(); ++i) {
+    if (leftBehind_[i]) {
+      continue;
+    }
+    if (!channels_[i]->queue().WaitUntilTaken(stallLimit)) {
+      leftBehind_[i] = true;
+      settings_.observer->ChannelFailed(channels_[i]->name(),
+                                        "it gives nothing any more; the wall goes on without it",
+                                        std::nullopt);
+    } else if (!channels_[i]->queue().ended()) {
+      ended = false;
+    }
+  }
+  return ended;
+}
+
+void WallSession::Render(const RenderControl& control) {
+  Check(graph_->Run(0), "run the graph");
+  const Ratio rate = settings_.wall.canvas.frameRate;
+  std::optional<Time> endsAt = control.length;
+  for (std::int64_t frame = 0; !endsAt || FrameStart(frame, rate) < *endsAt; ++frame) {
+    if ((control.stop && control.stop()) || (control.waitForRoom && !control.waitForRoom())) {
+      break;
+    }
+    const Time time = FrameStart(frame, rate);
+    if (AdvanceChannels(time, control.stallLimit) && !endsAt) {
+      endsAt = time + kWindowLatency;
+    }
+    if (!background_->SendFrame(frame) || !watch_->Wait(kFrameLimit)) {
+      throw GraphError("frame " + std::to_string(frame) + " never came out of the composer");
+    }
+  }
+  Stop();
+}
+
+void WallSession::Stop() {
+  clock_.Stop();
+  graph_->Stop();
+}
+
+WallSession::Counters WallSession::counters() const {
+  const BackgroundSource::Counters& counters = background_->counters();
+  return {counters.sent, composed_, counters.late, counters.starved};
+}
+
+}  // namespace host

@@ -1,0 +1,88 @@
+// WallSession: a wall at work, from its channels to the composed pictures.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "host/background/background_source.h"
+#include "host/channel/channel_source.h"
+#include "host/graph/composer_filter.h"
+#include "host/graph/wall_window.h"
+#include "host/output/composition_sink.h"
+#include "host/session/wall_clock.h"
+#include "host/wall/wall.h"
+#include "platform/graph/filter_graph.h"
+
+namespace host {
+
+// Builds the graph of a wall: a source filter for each channel, the background source, the composer
+// (through its library's class factory) and a sink, and runs it in one of two ways. Live, every source
+// has its own threads and the background is paced by the clock. Rendered, the wall's time is moved frame
+// by frame: what is due is delivered, one frame is composed, and the output is a function of the inputs
+// alone.
+//
+// Belongs to the application's thread.
+class WallSession {
+ public:
+  struct Settings {
+    wall::Wall wall;
+    std::string composerLibrary;
+    qorp::log::ILogPerf* logger = nullptr;  // not owned; outlives the session
+    ChannelObserver* observer = nullptr;    // not owned; outlives the session
+    // Gets every composed picture, on the composition thread; returns at once.
+    CompositionSink::TakeFrame takeFrame;
+    bool live = false;
+  };
+  struct RenderControl {
+    std::optional<Time> length;          // none: until all channels have ended and been shown
+    std::function<bool()> waitForRoom;   // before each frame; false ends the rendering
+    std::function<bool()> stop;          // asked before each frame
+    std::chrono::milliseconds stallLimit{10'000};  // a channel that gives nothing for longer is left behind
+  };
+  struct Counters {
+    std::uint64_t sent = 0;      // background frames that went into the composer
+    std::uint64_t composed = 0;  // frames that came out
+    std::uint64_t late = 0;      // skipped because their time was over
+    std::uint64_t starved = 0;   // skipped because every buffer was in use
+  };
+
+  // Throws GraphError, MediaError or ffmpeg::Error (the background's picture), std::runtime_error (the
+  // composer's library).
+  explicit WallSession(Settings settings);
+  ~WallSession();
+  WallSession(const WallSession&) = delete;
+  WallSession& operator=(const WallSession&) = delete;
+
+  // Starts a live wall; it runs until Stop. Throws GraphError.
+  void Start();
+  // Renders frame by frame and stops. Throws GraphError.
+  void Render(const RenderControl& control);
+  void Stop();
+
+  Counters counters() const;
+  Time now() const { return clock_.Now(); }
+  ChannelSource& channel(std::size_t index) { return *channels_[index]; }
+
+ private:
+  void AddChannel(std::size_t index);
+  ChannelSource::Settings ChannelSettings(const wall::Channel& channel, WallWindow* window);
+  void Connect(FeedPin& from, IPin* to, const std::string& what);
+  bool AdvanceChannels(Time time, std::chrono::milliseconds stallLimit);
+
+  const Settings settings_;
+  WallClock clock_;
+  std::shared_ptr<FrameWatch> watch_ = std::make_shared<FrameWatch>();
+  std::atomic<std::uint64_t> composed_{0};
+  // The graph goes first and with it every filter; then the composer's library.
+  ComposerFilter composer_;
+  std::vector<ComPtr<WallWindow>> windows_;
+  std::vector<ComPtr<ChannelSource>> channels_;
+  std::vector<bool> leftBehind_;  // channels that a rendering no longer waits for
+  ComPtr<BackgroundSource> background_;
+  ComPtr<CompositionSink> sink_;
+  ComPtr<FilterGraph> graph_;
+};
+
+}  // namespace host
