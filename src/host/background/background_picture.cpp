@@ -61,14 +61,16 @@ std::vector<std::uint8_t> MakeBackground(const wall::Canvas& canvas) {
       break;
   }
   return FileBackground(canvas.width, canvas.height,
-                        PixelAspect(canvas.width, canvas.height, canvas.aspect), background.picture);
+                        PixelAspect(canvas.width, canvas.height, canvas.aspect),
+                        background.picture);
 }
 
 std::vector<std::uint8_t> ColourBackground(int width, int height, wall::Rgb colour) {
   return GradientBackground(width, height, colour, colour);
 }
 
-std::vector<std::uint8_t> GradientBackground(int width, int height, wall::Rgb top, wall::Rgb bottom) {
+std::vector<std::uint8_t> GradientBackground(int width, int height, wall::Rgb top,
+                                             wall::Rgb bottom) {
   const Ycbcr from = ToYcbcr(top);
   const Ycbcr to = ToYcbcr(bottom);
   const bool flat = top == bottom;

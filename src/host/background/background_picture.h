@@ -10,14 +10,15 @@
 
 namespace host {
 
-// Whatever the wall's file asks for, as a packed YV12 picture of the canvas's size. Throws MediaError or
-// ffmpeg::Error when a picture file cannot be used.
+// Whatever the wall's file asks for, as a packed YV12 picture of the canvas's size. Throws
+// MediaError or ffmpeg::Error when a picture file cannot be used.
 std::vector<std::uint8_t> MakeBackground(const wall::Canvas& canvas);
 
 // Packed YV12 pictures in BT.601 studio range, width and height even.
 std::vector<std::uint8_t> ColourBackground(int width, int height, wall::Rgb colour);
 // From top at the first row to bottom at the last one.
-std::vector<std::uint8_t> GradientBackground(int width, int height, wall::Rgb top, wall::Rgb bottom);
+std::vector<std::uint8_t> GradientBackground(int width, int height, wall::Rgb top,
+                                             wall::Rgb bottom);
 // A picture file, scaled over the whole canvas with its aspect kept, cut at the edges. Throws
 // MediaError or ffmpeg::Error.
 std::vector<std::uint8_t> FileBackground(int width, int height, Ratio pixelAspect,

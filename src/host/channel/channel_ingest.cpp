@@ -164,8 +164,7 @@ void ChannelIngest::Run() {
       reader->Open();
       observer_->ChannelOpened(settings_.name, reader->info());
       delay = kFirstDelay;
-      ReadOnce(reader);
-      if (!cancelled()) {
+      if (ReadToEnd(*reader)) {
         observer_->ChannelEnded(settings_.name);
       }
     } catch (const MediaError& error) {
@@ -187,23 +186,23 @@ void ChannelIngest::Run() {
   queue_.SetHorizon(ChannelQueue::kForever);
 }
 
-void ChannelIngest::ReadOnce(std::shared_ptr<MediaReader> reader) {
-  hasAudio_ = reader->info().audio.has_value();
-  Pass pass(*this, reader->info(), settings_.startTime ? settings_.startTime() : 0);
+bool ChannelIngest::ReadToEnd(MediaReader& reader) {
+  hasAudio_ = reader.info().audio.has_value();
+  Pass pass(*this, reader.info(), settings_.startTime ? settings_.startTime() : 0);
   try {
-    MediaItem item = reader->Read();
+    MediaItem item = reader.Read();
     while (!std::holds_alternative<EndOfMedia>(item)) {
       if (!pass.Handle(std::move(item))) {
-        return;
+        return false;
       }
-      item = reader->Read();
+      item = reader.Read();
     }
   } catch (const MediaError&) {
     // What was read before the failure is still shown.
     pass.Finish();
     throw;
   }
-  pass.Finish();
+  return pass.Finish();
 }
 
 }  // namespace host

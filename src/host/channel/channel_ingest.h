@@ -29,9 +29,9 @@ class ChannelObserver {
                              std::optional<std::chrono::milliseconds> retryIn) = 0;
 };
 
-// Opens the channel's source, reads, decodes and converts, and fills the channel's queue in the order
-// of time. A source that fails is opened again after a growing delay. Run belongs to the reader's
-// thread; Prepare and Cancel to the application's.
+// Opens the channel's source, reads, decodes and converts, and fills the channel's queue in the
+// order of time. A source that fails is opened again after a growing delay. Run belongs to the
+// reader's thread; Prepare and Cancel to the application's.
 class ChannelIngest {
  public:
   struct Settings {
@@ -65,7 +65,8 @@ class ChannelIngest {
   bool cancelled() const;
   // False once cancelled.
   bool WaitBeforeReopening(std::chrono::milliseconds delay);
-  void ReadOnce(std::shared_ptr<MediaReader> reader);
+  // Reads one opening of the source to its end; false when the wall stopped first.
+  bool ReadToEnd(MediaReader& reader);
 
   const Settings settings_;
   FeedPin& videoPin_;

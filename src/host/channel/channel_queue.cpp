@@ -52,7 +52,9 @@ void ChannelQueue::SetHorizon(Time horizon) {
   changed_.notify_one();
 }
 
-Time ChannelQueue::Now() const { return clock_ ? clock_() : target_; }
+Time ChannelQueue::Now() const {
+  return clock_ ? clock_() : target_;
+}
 
 std::optional<ChannelItem> ChannelQueue::Take(Time deadline) {
   std::unique_lock guard(lock_);

@@ -33,12 +33,13 @@ struct ChannelItem {
   std::variant<ReadyPicture, AudioPacket, ReadyLevels> content;
 };
 
-// A bounded queue of items in the order of time, between one reader and one streaming thread. An item
-// may be taken once its time has come: when the wall's time has reached it. The wall's time is either
-// a running clock, or it is moved step by step with AdvanceTo, and then every step can be waited for.
+// A bounded queue of items in the order of time, between one reader and one streaming thread. An
+// item may be taken once its time has come: when the wall's time has reached it. The wall's time is
+// either a running clock, or it is moved step by step with AdvanceTo, and then every step can be
+// waited for.
 //
-// The reader waits in Push while the queue holds a span of time that is long enough. Close ends every
-// wait, for good until Open.
+// The reader waits in Push while the queue holds a span of time that is long enough. Close ends
+// every wait, for good until Open.
 class ChannelQueue {
  public:
   static constexpr Time kForever = std::numeric_limits<Time>::max();
@@ -64,8 +65,8 @@ class ChannelQueue {
   void FollowClock(std::function<Time()> now);
   // Moves the wall's time forward, step by step.
   void AdvanceTo(Time time);
-  // True once everything up to the time set last has been taken and dealt with; false when that takes
-  // longer than the limit.
+  // True once everything up to the time set last has been taken and dealt with; false when that
+  // takes longer than the limit.
   bool WaitUntilTaken(std::chrono::milliseconds limit);
   // Nothing is left, and nothing more will come.
   bool ended() const;
@@ -76,9 +77,9 @@ class ChannelQueue {
   const Time span_;
   mutable std::mutex lock_;
   std::condition_variable roomMade_;
-  std::condition_variable changed_;   // for the streaming thread
-  std::condition_variable settled_;   // for the driver of the wall's time
-  std::deque<ChannelItem> items_;     // guarded by lock_, as is all below
+  std::condition_variable changed_;  // for the streaming thread
+  std::condition_variable settled_;  // for the driver of the wall's time
+  std::deque<ChannelItem> items_;    // guarded by lock_, as is all below
   std::function<Time()> clock_;
   Time target_ = std::numeric_limits<Time>::min();
   Time horizon_ = std::numeric_limits<Time>::min();

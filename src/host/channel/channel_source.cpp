@@ -46,7 +46,9 @@ ChannelSource::ChannelSource(Settings settings, ChannelObserver* observer)
       ingest_(settings_.ingest, video_, queue_, observer),
       label_(settings_.label) {}
 
-ChannelSource::~ChannelSource() { EndThreads(); }
+ChannelSource::~ChannelSource() {
+  EndThreads();
+}
 
 CBasePin* ChannelSource::GetPin(int position) {
   FeedPin* const pins[] = {&video_, &audio_, &text_, &audioAlarm_, &videoAlarm_};
@@ -133,6 +135,7 @@ void ChannelSource::DeliverPicture(const ReadyPicture& picture) {
 
 void ChannelSource::DeliverLevels(Time start, Time duration, const AudioLevels& levels) {
   AudioAlarmRecord record;
+  record.metersEnabled = settings_.meter;
   record.levels = levels;
   audioAlarm_.Send(ToWire(record), start, start + duration);
 }

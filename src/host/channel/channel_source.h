@@ -14,17 +14,18 @@
 namespace host {
 
 // Offers five pins: pictures, compressed audio, label text, audio alarm (levels) and video alarm.
-// Active, it has two threads: the reader (ChannelIngest) opens, reads and decodes into the buffers of
-// the picture pin's own allocator; the streaming thread hands everything on when its time has come.
-// Neither ever waits for another channel, and the wall waits for neither.
+// Active, it has two threads: the reader (ChannelIngest) opens, reads and decodes into the buffers
+// of the picture pin's own allocator; the streaming thread hands everything on when its time has
+// come. Neither ever waits for another channel, and the wall waits for neither.
 //
-// Owned by its graph and by the wall. Pause and Stop start and end the threads, on the application's
-// thread.
+// Owned by its graph and by the wall. Pause and Stop start and end the threads, on the
+// application's thread.
 class ChannelSource final : public CBaseFilter {
  public:
   struct Settings {
     ChannelIngest::Settings ingest;
-    std::string label;              // UTF-8; may be empty
+    std::string label;  // UTF-8; may be empty
+    bool meter = true;  // levels (and alarms, which show through them) are drawn
     Ratio canvasRate{25, 1};
     Ratio canvasAspect{16, 9};
     std::function<void()> pictureSent;  // called by the streaming thread after the first picture
@@ -74,9 +75,9 @@ class ChannelSource final : public CBaseFilter {
   std::unique_ptr<os::Thread> streaming_;  // application's thread
 
   std::mutex labelLock_;
-  std::string label_;          // guarded by labelLock_
-  bool labelChanged_ = true;   // guarded by labelLock_
-  bool pictureSent_ = false;   // streaming thread only
+  std::string label_;         // guarded by labelLock_
+  bool labelChanged_ = true;  // guarded by labelLock_
+  bool pictureSent_ = false;  // streaming thread only
 };
 
 }  // namespace host

@@ -15,7 +15,8 @@ namespace host {
 // A container's pictures and sounds come interleaved, and a decoder holds pictures back: items are
 // kept until everything that may belong before them has come, which is when an item has come that
 // lies a window later. What comes later than that is late: it goes on at once, at the time reached.
-// The order that comes out is a function of the order that goes in, and of nothing else. One thread.
+// The order that comes out is a function of the order that goes in, and of nothing else. One
+// thread.
 template <typename Item>
 class ItemMerger {
  public:

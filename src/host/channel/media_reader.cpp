@@ -89,11 +89,21 @@ void MediaReader::Fail(int code, bool opening) const {
 
 void MediaReader::Open() {
   deadline_.Arm(settings_.openLimit);
+  if (ffmpeg::PipeInput::Serves(settings_.source)) {
+    try {
+      pipe_.emplace(settings_.source, deadline_);
+    } catch (const ffmpeg::Error& error) {
+      Fail(error.code(), true);
+    }
+  }
   AVFormatContext* context = avformat_alloc_context();
   if (context == nullptr) {
     throw std::bad_alloc();
   }
   context->interrupt_callback = {&ffmpeg::IoDeadline::Callback, &deadline_};
+  if (pipe_) {
+    context->pb = pipe_->io();
+  }
   ffmpeg::Options options;
   for (const auto& [key, value] : settings_.options) {
     options.Set(key.c_str(), value);

@@ -16,6 +16,7 @@
 #include "host/channel/stream_decoder.h"
 #include "host/ffmpeg/handles.h"
 #include "host/ffmpeg/io_deadline.h"
+#include "host/ffmpeg/pipe_input.h"
 #include "host/units.h"
 
 namespace host {
@@ -93,6 +94,7 @@ class MediaReader {
   const Settings settings_;
   const std::string maskedSource_;
   ffmpeg::IoDeadline deadline_;
+  std::optional<ffmpeg::PipeInput> pipe_;  // what input_ reads, when that is a pipe
   ffmpeg::InputFormat input_;
   MediaInfo info_;
   ffmpeg::Parameters audioParameters_;

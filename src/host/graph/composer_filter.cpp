@@ -30,9 +30,8 @@ std::string FindComposerLibrary() {
     }
   }
   throw GraphError("the composer's library " + std::string(kLibraryName) + " is neither in " +
-                   program.parent_path().string() +
-                   " nor registered: run `tavrel register PATH/" + kLibraryName +
-                   "` or set TAVREL_COMPOSER");
+                   program.parent_path().string() + " nor registered: run `tavrel register PATH/" +
+                   kLibraryName + "` or set TAVREL_COMPOSER");
 }
 
 ComposerFilter::ComposerFilter(const std::string& library, const Canvas& canvas,

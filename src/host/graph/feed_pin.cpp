@@ -15,7 +15,9 @@ FeedPin::FeedPin(CBaseFilter* filter, CCritSec* lock, LPCWSTR name, CMediaType t
   SetReconnectWhenActive(true);
 }
 
-FeedPin::~FeedPin() { ReleasePeer(); }
+FeedPin::~FeedPin() {
+  ReleasePeer();
+}
 
 HRESULT FeedPin::CheckMediaType(const CMediaType* type) {
   return type->majortype == type_.majortype && type->subtype == type_.subtype ? S_OK : S_FALSE;

@@ -41,8 +41,14 @@ CMediaType PictureType(int width, int height, Ratio frameRate, Ratio aspect) {
   return type;
 }
 
-CMediaType LabelType() { return SideType(kLabel); }
-CMediaType AudioAlarmType() { return SideType(kAudioAlarm); }
-CMediaType VideoAlarmType() { return SideType(kVideoAlarm); }
+CMediaType LabelType() {
+  return SideType(kLabel);
+}
+CMediaType AudioAlarmType() {
+  return SideType(kAudioAlarm);
+}
+CMediaType VideoAlarmType() {
+  return SideType(kVideoAlarm);
+}
 
 }  // namespace host

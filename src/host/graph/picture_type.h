@@ -6,7 +6,8 @@
 
 namespace host {
 
-// YV12 pictures with a VIDEOINFOHEADER2. width, height in pixels, even; aspect is the display aspect.
+// YV12 pictures with a VIDEOINFOHEADER2. width, height in pixels, even; aspect is the display
+// aspect.
 CMediaType PictureType(int width, int height, Ratio frameRate, Ratio aspect);
 // The three side streams of a channel.
 CMediaType LabelType();
@@ -14,6 +15,8 @@ CMediaType AudioAlarmType();
 CMediaType VideoAlarmType();
 
 // Bytes of a packed YV12 picture.
-constexpr LONG PictureSize(int width, int height) { return width * height / 2 * 3; }
+constexpr LONG PictureSize(int width, int height) {
+  return width * height / 2 * 3;
+}
 
 }  // namespace host

@@ -12,8 +12,12 @@ constexpr Time kWindowLatency = kSecond;
 constexpr std::chrono::milliseconds kFrameLimit{60'000};
 
 ComposerFilter::Canvas CanvasOf(const wall::Wall& wall) {
-  return {static_cast<int>(wall.channels.size()), wall.canvas.width,     wall.canvas.height,
-          wall.canvas.aspect,                     wall.canvas.frameRate, wall.canvas.preroll};
+  return {static_cast<int>(wall.channels.size()),
+          wall.canvas.width,
+          wall.canvas.height,
+          wall.canvas.aspect,
+          wall.canvas.frameRate,
+          wall.canvas.preroll};
 }
 
 Deinterlace DeinterlaceOf(wall::DeinterlaceMode mode) {
@@ -66,7 +70,9 @@ WallSession::WallSession(Settings settings)
         "connect the composer's output");
 }
 
-WallSession::~WallSession() { Stop(); }
+WallSession::~WallSession() {
+  Stop();
+}
 
 void WallSession::Connect(FeedPin& from, IPin* to, const std::string& what) {
   Check(graph_->ConnectDirect(&from, to, nullptr), "connect " + what + " to the composer");
@@ -98,6 +104,7 @@ ChannelSource::Settings WallSession::ChannelSettings(const wall::Channel& channe
     source.ingest.startTime = [this] { return clock_.Now(); };
   }
   source.label = channel.label.source == wall::Label::Source::kNone ? "" : channel.label.text;
+  source.meter = options.audio.meter;
   source.canvasRate = canvas.frameRate;
   source.canvasAspect = canvas.aspect;
   source.pictureSent = [window] { window->SetPictureSent(); };

@@ -18,10 +18,10 @@
 namespace host {
 
 // Builds the graph of a wall: a source filter for each channel, the background source, the composer
-// (through its library's class factory) and a sink, and runs it in one of two ways. Live, every source
-// has its own threads and the background is paced by the clock. Rendered, the wall's time is moved frame
-// by frame: what is due is delivered, one frame is composed, and the output is a function of the inputs
-// alone.
+// (through its library's class factory) and a sink, and runs it in one of two ways. Live, every
+// source has its own threads and the background is paced by the clock. Rendered, the wall's time is
+// moved frame by frame: what is due is delivered, one frame is composed, and the output is a
+// function of the inputs alone.
 //
 // Belongs to the application's thread.
 class WallSession {
@@ -36,10 +36,11 @@ class WallSession {
     bool live = false;
   };
   struct RenderControl {
-    std::optional<Time> length;          // none: until all channels have ended and been shown
-    std::function<bool()> waitForRoom;   // before each frame; false ends the rendering
-    std::function<bool()> stop;          // asked before each frame
-    std::chrono::milliseconds stallLimit{10'000};  // a channel that gives nothing for longer is left behind
+    std::optional<Time> length;         // none: until all channels have ended and been shown
+    std::function<bool()> waitForRoom;  // before each frame; false ends the rendering
+    std::function<bool()> stop;         // asked before each frame
+    std::chrono::milliseconds stallLimit{
+        10'000};  // a channel that gives nothing for longer is left behind
   };
   struct Counters {
     std::uint64_t sent = 0;      // background frames that went into the composer
@@ -48,8 +49,8 @@ class WallSession {
     std::uint64_t starved = 0;   // skipped because every buffer was in use
   };
 
-  // Throws GraphError, MediaError or ffmpeg::Error (the background's picture), std::runtime_error (the
-  // composer's library).
+  // Throws GraphError, MediaError or ffmpeg::Error (the background's picture), std::runtime_error
+  // (the composer's library).
   explicit WallSession(Settings settings);
   ~WallSession();
   WallSession(const WallSession&) = delete;

@@ -1,0 +1,160 @@
+#include <algorithm>
+#include <fstream>
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "host/synthetic/clip_writer.h"
+#include "tests/e2e/wall_harness.h"
+
+namespace {
+
+using e2e::Frame;
+using e2e::PictureNumber;
+using e2e::TestFolder;
+using e2e::TestWall;
+using e2e::WriteCountingClip;
+using host::kSecond;
+using testing::HasSubstr;
+
+constexpr host::Time kFrame = 400000;
+
+class RenderTest : public testing::Test {
+ protected:
+  std::string Clip(const std::string& name, const std::string& rate, int pictures,
+                   const std::string& sound = {}) {
+    const std::filesystem::path file = folder_ / (name + ".mkv");
+    WriteCountingClip(file, 64, 48, rate, pictures, sound);
+    return file.string();
+  }
+
+  TestFolder folder_;
+  TestWall wall_{320, 240};
+};
+
+TEST_F(RenderTest, ShowsEveryClipInItsPlaceOneSecondAfterItsSource) {
+  struct Case {
+    const char* name;
+    const char* rate;
+    double picturesPerSecond;
+    host::wall::Window window;
+  };
+  const Case cases[] = {
+      {"slow", "10", 10, {0, 0, 64, 48}},
+      {"even", "25", 25, {100, 0, 64, 48}},
+      {"ntsc", "30000/1001", 30000 / 1001.0, {0, 100, 64, 48}},
+      {"fast", "50", 50, {100, 100, 64, 48}},
+      // Partly outside the canvas.
+      {"edge", "25", 25, {290, 210, 64, 48}},
+  };
+  for (const Case& c : cases) {
+    wall_.AddChannel(Clip(c.name, c.rate, static_cast<int>(3 * c.picturesPerSecond)), c.window);
+  }
+  const std::vector<Frame> frames = wall_.Render(3 * kSecond);
+  ASSERT_EQ(frames.size(), 75U);
+  for (std::size_t n = 0; n < frames.size(); ++n) {
+    ASSERT_EQ(frames[n].time, static_cast<host::Time>(n) * kFrame) << "every frame, in order";
+    if (n < 30) {
+      continue;  // the first pictures stand until they are due
+    }
+    for (const Case& c : cases) {
+      const int number = PictureNumber(wall_.Luma(frames[n], c.window.x + 2, c.window.y + 2));
+      ASSERT_GE(number, 0) << c.name << " in frame " << n;
+      const double shown = number / c.picturesPerSecond;
+      const double due = static_cast<double>(frames[n].time - kSecond) / kSecond;
+      // Half a picture of choice, and one frame of the clock's fix at the start.
+      EXPECT_NEAR(shown, due, 0.5 / c.picturesPerSecond + 0.0401) << c.name << " in frame " << n;
+    }
+    EXPECT_EQ(wall_.Luma(frames[n], 80, 10), 16) << "nothing between the windows";
+    EXPECT_EQ(wall_.Luma(frames[n], 64, 10), 16);
+    EXPECT_EQ(wall_.Luma(frames[n], 10, 48), 16);
+  }
+}
+
+TEST_F(RenderTest, GivesTheSamePicturesEachTime) {
+  for (int i = 0; i < 9; ++i) {
+    const std::string rate = i % 3 == 0 ? "25" : i % 3 == 1 ? "30000/1001" : "24";
+    wall_.AddChannel(Clip("clip" + std::to_string(i), rate, 30 + 5 * i, "sine=440:d=2"),
+                     {(i % 3) * 100, (i / 3) * 80, 64, 48});
+    wall_.wall().channels.back().options.audio.meter = true;
+  }
+  const std::vector<Frame> first = wall_.Render();
+  const std::vector<Frame> second = wall_.Render();
+  ASSERT_EQ(first.size(), second.size());
+  ASSERT_GT(first.size(), 50U);
+  for (std::size_t n = 0; n < first.size(); ++n) {
+    ASSERT_EQ(first[n].time, second[n].time);
+    ASSERT_TRUE(first[n].pixels == second[n].pixels) << "frame " << n << " differs";
+  }
+}
+
+TEST_F(RenderTest, GoesOnWhenChannelsEndOrCannotBeUsed) {
+  std::ofstream(folder_ / "notes.mp4") << "these are not pictures\n";
+  const std::filesystem::path soundOnly = folder_ / "sound.mkv";
+  {
+    host::ClipRecipe recipe;
+    recipe.sound = "sine=440";
+    recipe.length = kSecond;
+    host::WriteClip(recipe, soundOnly);
+  }
+  wall_.AddChannel(Clip("short", "25", 10), {0, 0, 64, 48});
+  wall_.AddChannel(Clip("long", "25", 60), {100, 0, 64, 48});
+  wall_.AddChannel((folder_ / "notes.mp4").string(), {0, 100, 64, 48});
+  wall_.AddChannel((folder_ / "missing.mp4").string(), {100, 100, 64, 48});
+  wall_.AddChannel(soundOnly.string(), {200, 100, 64, 48});
+  const std::vector<Frame> frames = wall_.Render();
+  // To the end of the longest, and one second of delay.
+  ASSERT_GE(frames.size(), 84U);
+  ASSERT_LE(frames.size(), 88U);
+  for (std::size_t n = 1; n < frames.size(); ++n) {
+    ASSERT_EQ(frames[n].time - frames[n - 1].time, kFrame);
+  }
+  EXPECT_EQ(PictureNumber(wall_.Luma(frames.back(), 2, 2)), 9) << "its last picture stays";
+  EXPECT_GE(PictureNumber(wall_.Luma(frames.back(), 102, 2)), 58);
+  EXPECT_EQ(wall_.Luma(frames.back(), 2, 102), 16) << "nothing was ever there";
+  EXPECT_TRUE(wall_.channels().Ended("short"));
+  EXPECT_FALSE(wall_.channels().Failure("notes").empty());
+  EXPECT_FALSE(wall_.channels().Failure("missing").empty());
+  EXPECT_NE(wall_.channels().Failure("missing"), wall_.channels().Failure("notes"));
+  EXPECT_TRUE(wall_.channels().Opened("sound")) << "a channel may be heard only";
+}
+
+TEST_F(RenderTest, LeavesAChannelBehindThatStallsForGood) {
+  // A pipe that stays open and silent.
+  const std::filesystem::path pipe = folder_ / "pipe";
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  const int writer = open(pipe.c_str(), O_RDWR);
+  ASSERT_GE(writer, 0);
+  wall_.AddChannel(pipe.string(), {0, 0, 64, 48});
+  wall_.AddChannel(Clip("alive", "25", 50), {100, 0, 64, 48});
+  const std::vector<Frame> frames = wall_.Render(2 * kSecond, std::chrono::milliseconds(200));
+  EXPECT_EQ(frames.size(), 50U);
+  EXPECT_GE(PictureNumber(wall_.Luma(frames.back(), 102, 2)), 20);
+  EXPECT_FALSE(wall_.channels().Failure("pipe").empty());
+  close(writer);
+}
+
+TEST_F(RenderTest, ShowsLevelsInTheMeterOfTheWindow) {
+  // -20 dB: a sine of amplitude 0.1 lights 14 of the 24 segments.
+  const std::string file = (folder_ / "tone.mkv").string();
+  WriteCountingClip(file, 160, 120, "25", 75, "aevalsrc='0.1*sin(2*PI*1000*t)':s=48000");
+  wall_.AddChannel(file, {0, 0, 160, 120});
+  wall_.wall().channels[0].options.audio.meter = true;
+  const std::vector<Frame> frames = wall_.Render(2 * kSecond);
+  const Frame& frame = frames.back();
+  // The bar: 16 pixels of panel, margin 2, bar 12 wide, 104 rows long above row 117.
+  const auto brightest = [&](int segment) {
+    int most = 0;
+    for (int row = segment * 104 / 24; row < (segment + 1) * 104 / 24; ++row) {
+      most = std::max<int>(most, wall_.Luma(frame, 8, 117 - row));
+    }
+    return most;
+  };
+  EXPECT_GT(brightest(13), brightest(14) + 20) << "the highest lit and the lowest unlit segment";
+  EXPECT_GT(brightest(0), 100);
+}
+
+}  // namespace

@@ -1,0 +1,131 @@
+#include "tests/e2e/wall_harness.h"
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <stdexcept>
+
+#include "host/synthetic/clip_writer.h"
+
+namespace e2e {
+
+TestFolder::TestFolder() {
+  std::string pattern = (std::filesystem::temp_directory_path() / "tavrel-e2e-XXXXXX").string();
+  if (mkdtemp(pattern.data()) == nullptr) {
+    throw std::runtime_error("cannot make a folder like " + pattern);
+  }
+  folder_ = pattern;
+}
+
+TestFolder::~TestFolder() {
+  std::error_code ignored;
+  std::filesystem::remove_all(folder_, ignored);
+}
+
+void WriteCountingClip(const std::filesystem::path& file, int width, int height,
+                       const std::string& rate, int pictures, const std::string& sound) {
+  host::ClipRecipe recipe;
+  recipe.name = file.stem().string();
+  recipe.pictures = "color=black:size=" + std::to_string(width) + "x" + std::to_string(height) +
+                    ":rate=" + rate + ",format=yuv420p,geq=lum='20+2*mod(N,100)':cb=128:cr=128";
+  recipe.videoOptions = {{"qp", "0"}, {"preset", "ultrafast"}};
+  recipe.sound = sound;
+  int numerator = 0;
+  int denominator = 1;
+  std::sscanf(rate.c_str(), "%d/%d", &numerator, &denominator);
+  recipe.length = host::FrameStart(pictures, {numerator, denominator});
+  host::WriteClip(recipe, file);
+}
+
+int PictureNumber(std::uint8_t luma) {
+  return luma >= 20 && luma <= 218 && luma % 2 == 0 ? (luma - 20) / 2 : -1;
+}
+
+void ChannelLog::ChannelOpened(const std::string& channel, const host::MediaInfo& /*info*/) {
+  const std::lock_guard guard(lock_);
+  ++opened_[channel];
+}
+
+void ChannelLog::ChannelEnded(const std::string& channel) {
+  const std::lock_guard guard(lock_);
+  ++ended_[channel];
+}
+
+void ChannelLog::ChannelFailed(const std::string& channel, const std::string& reason,
+                               std::optional<std::chrono::milliseconds> /*retryIn*/) {
+  const std::lock_guard guard(lock_);
+  failures_[channel] = reason;
+}
+
+bool ChannelLog::Opened(const std::string& channel) const {
+  const std::lock_guard guard(lock_);
+  return opened_.contains(channel);
+}
+
+bool ChannelLog::Ended(const std::string& channel) const {
+  const std::lock_guard guard(lock_);
+  return ended_.contains(channel);
+}
+
+std::string ChannelLog::Failure(const std::string& channel) const {
+  const std::lock_guard guard(lock_);
+  const auto found = failures_.find(channel);
+  return found == failures_.end() ? "" : found->second;
+}
+
+TestWall::TestWall(int width, int height) {
+  wall_.canvas.width = width;
+  wall_.canvas.height = height;
+  wall_.canvas.background.kind = host::wall::Background::Kind::kColour;
+  wall_.canvas.background.top = {0, 0, 0};  // luma 16
+}
+
+void TestWall::AddChannel(const std::string& source, host::wall::Window window) {
+  host::wall::Channel channel;
+  channel.name = std::filesystem::path(source).stem().string();
+  channel.source = source;
+  channel.window = window;
+  channel.label.source = host::wall::Label::Source::kNone;
+  channel.options.audio.meter = false;
+  wall_.channels.push_back(channel);
+}
+
+host::WallSession::Settings TestWall::SessionSettings() {
+  host::WallSession::Settings settings;
+  settings.wall = wall_;
+  settings.composerLibrary = TAVREL_COMPOSER_LIBRARY;
+  settings.logger = &logger_;
+  settings.observer = &channels_;
+  return settings;
+}
+
+std::vector<Frame> TestWall::Render(std::optional<host::Time> length,
+                                    std::chrono::milliseconds stallLimit) {
+  std::vector<Frame> frames;  // the composition thread's, until the session is gone
+  host::WallSession::Settings settings = SessionSettings();
+  settings.takeFrame = [&](const ComPtr<IMediaSample>& sample, host::Time time) {
+    BYTE* pixels = nullptr;
+    sample->GetPointer(&pixels);
+    frames.push_back({time, {pixels, pixels + sample->GetActualDataLength()}});
+  };
+  host::WallSession session(std::move(settings));
+  host::WallSession::RenderControl control;
+  control.length = length;
+  control.stallLimit = stallLimit;
+  session.Render(control);
+  return frames;
+}
+
+std::unique_ptr<host::WallSession> TestWall::MakeLive(host::CompositionSink::TakeFrame takeFrame) {
+  host::WallSession::Settings settings = SessionSettings();
+  settings.takeFrame = std::move(takeFrame);
+  settings.live = true;
+  return std::make_unique<host::WallSession>(std::move(settings));
+}
+
+std::uint8_t TestWall::Luma(const Frame& frame, int x, int y) const {
+  return frame.pixels[static_cast<std::size_t>(y) * static_cast<std::size_t>(wall_.canvas.width) +
+                      static_cast<std::size_t>(x)];
+}
+
+}  // namespace e2e

@@ -1,0 +1,89 @@
+// Whole walls for the tests: clips that the tests make themselves, real decoders, the composer from
+// its library.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "host/session/wall_session.h"
+#include "host/wall/wall.h"
+#include "tests/support/recording_logger.h"
+
+namespace e2e {
+
+// A folder of its own for each test, removed with it.
+class TestFolder {
+ public:
+  TestFolder();
+  ~TestFolder();
+  TestFolder(const TestFolder&) = delete;
+  TestFolder& operator=(const TestFolder&) = delete;
+  std::filesystem::path operator/(const std::string& name) const { return folder_ / name; }
+
+ private:
+  std::filesystem::path folder_;
+};
+
+// A clip whose pictures are flat and tell their number: luma 20 + 2 * (number mod 100), coded
+// without loss. sound: an FFmpeg source, empty for none.
+void WriteCountingClip(const std::filesystem::path& file, int width, int height,
+                       const std::string& rate, int pictures, const std::string& sound = {});
+// The number of the picture that a luma tells, mod 100; -1 when it is none.
+int PictureNumber(std::uint8_t luma);
+
+// Collects what the session tells.
+class ChannelLog final : public host::ChannelObserver {
+ public:
+  void ChannelOpened(const std::string& channel, const host::MediaInfo& info) override;
+  void ChannelEnded(const std::string& channel) override;
+  void ChannelFailed(const std::string& channel, const std::string& reason,
+                     std::optional<std::chrono::milliseconds> retryIn) override;
+
+  bool Opened(const std::string& channel) const;
+  bool Ended(const std::string& channel) const;
+  std::string Failure(const std::string& channel) const;  // the latest; empty without one
+
+ private:
+  mutable std::mutex lock_;
+  std::map<std::string, int> opened_;
+  std::map<std::string, int> ended_;
+  std::map<std::string, std::string> failures_;
+};
+
+struct Frame {
+  host::Time time = 0;
+  std::vector<std::uint8_t> pixels;
+};
+
+// A wall of a small canvas; the test adds channels and renders.
+class TestWall {
+ public:
+  TestWall(int width, int height);
+
+  void AddChannel(const std::string& source, host::wall::Window window);
+  host::wall::Wall& wall() { return wall_; }
+  ChannelLog& channels() { return channels_; }
+  RecordingLogger& logger() { return logger_; }
+
+  // Renders the wall; each frame is copied.
+  std::vector<Frame> Render(std::optional<host::Time> length = std::nullopt,
+                            std::chrono::milliseconds stallLimit = std::chrono::seconds(20));
+  // A session of the wall that runs live.
+  std::unique_ptr<host::WallSession> MakeLive(host::CompositionSink::TakeFrame takeFrame);
+
+  std::uint8_t Luma(const Frame& frame, int x, int y) const;
+
+ private:
+  host::WallSession::Settings SessionSettings();
+
+  host::wall::Wall wall_;
+  ChannelLog channels_;
+  RecordingLogger logger_;
+};
+
+}  // namespace e2e
