@@ -76,6 +76,7 @@ std::string ChannelLog::Failure(const std::string& channel) const {
 TestWall::TestWall(int width, int height) {
   wall_.canvas.width = width;
   wall_.canvas.height = height;
+  wall_.canvas.aspect = host::Reduced({width, height});  // square pixels
   wall_.canvas.background.kind = host::wall::Background::Kind::kColour;
   wall_.canvas.background.top = {0, 0, 0};  // luma 16
 }

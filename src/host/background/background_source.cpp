@@ -122,6 +122,7 @@ bool BackgroundSource::Send(std::int64_t frame, bool wait) {
   if (FAILED(pin_.Deliver(sample.Get()))) {
     return false;
   }
+  latestFrame_ = start;
   ++counters_.sent;
   return true;
 }

@@ -60,6 +60,8 @@ class BackgroundSource final : public CBaseFilter {
   bool SendFrame(std::int64_t frame);
 
   const Counters& counters() const { return counters_; }
+  // Start of the latest frame sent, 0 before the first; any thread.
+  Time latestFrame() const { return latestFrame_; }
 
  private:
   bool Send(std::int64_t frame, bool wait);
@@ -74,6 +76,7 @@ class BackgroundSource final : public CBaseFilter {
   std::atomic<bool> pacingEnds_{false};
   std::int64_t nextFrame_ = 0;  // pacing thread; kept from run to run
   Counters counters_;
+  std::atomic<Time> latestFrame_{0};
 };
 
 }  // namespace host

@@ -1,5 +1,8 @@
 #include "host/channel/channel_source.h"
 
+#include <algorithm>
+#include <cstring>
+
 extern "C" {
 #include <libavcodec/packet.h>
 }
@@ -14,6 +17,8 @@ constexpr CLSID kChannelSourceClass{
 // The composer keeps up to 80 buffers of a channel; the others are on their way to it.
 constexpr LONG kBuffersAtComposer = 80;
 constexpr LONG kSpareBuffers = 8;
+// A channel that gave nothing for so long has run the composer's queue dry.
+constexpr Time kFixAfterGap = 8 * kSecond / 10;
 constexpr LONG kLongestLabel = 4096;  // bytes
 
 LONG BuffersFor(Ratio canvasRate, Time span) {
@@ -62,7 +67,7 @@ HRESULT ChannelSource::Pause() {
     return hr;
   }
   queue_.Open();
-  pictureSent_ = false;
+  lastPicture_.reset();
   {
     const std::lock_guard guard(labelLock_);
     labelChanged_ = true;
@@ -119,17 +124,42 @@ void ChannelSource::DeliverPicture(const ReadyPicture& picture) {
   REFERENCE_TIME start = 0;
   REFERENCE_TIME stop = 0;
   picture.sample->GetTime(&start, &stop);
+  FixClock(picture.sample.Get(), start);
   video_.Deliver(picture.sample.Get());
   videoAlarm_.Send(ToWire(VideoAlarmRecord{}), start, stop);
   if (!ingest_.hasAudio()) {
     // The alarms of a channel show only where it has a meter.
     DeliverLevels(start, stop - start, AudioLevels{});
   }
-  if (!pictureSent_) {
-    pictureSent_ = true;
-    if (settings_.pictureSent) {
-      settings_.pictureSent();
+  const bool isFirst = !lastPicture_.has_value();
+  lastPicture_ = start;
+  if (isFirst && settings_.pictureSent) {
+    settings_.pictureSent();
+  }
+}
+
+// The composer fixes a channel's time to its own with every picture that finds fewer than two
+// others waiting, whatever moment that picture belongs to. Copies of it that carry the composer's
+// present time go first, so that the fix is exact and the channel's times are the wall's.
+void ChannelSource::FixClock(IMediaSample* picture, Time start) {
+  int copies = 0;
+  if (!lastPicture_.has_value()) {
+    copies = 2;
+  } else if (start - *lastPicture_ >= kFixAfterGap) {
+    copies = 1;  // the last picture from before the gap still waits
+  }
+  const Time present = settings_.latestFrame ? settings_.latestFrame() : 0;
+  BYTE* from = nullptr;
+  picture->GetPointer(&from);
+  for (; copies > 0; --copies) {
+    const ComPtr<IMediaSample> copy = video_.NewSample(present, present + 1, false);
+    BYTE* to = nullptr;
+    if (!copy || FAILED(copy->GetPointer(&to))) {
+      return;
     }
+    std::memcpy(to, from, static_cast<std::size_t>(picture->GetActualDataLength()));
+    copy->SetActualDataLength(picture->GetActualDataLength());
+    video_.Deliver(copy.Get());
   }
 }
 

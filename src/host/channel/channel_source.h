@@ -29,6 +29,7 @@ class ChannelSource final : public CBaseFilter {
     Ratio canvasRate{25, 1};
     Ratio canvasAspect{16, 9};
     std::function<void()> pictureSent;  // called by the streaming thread after the first picture
+    std::function<Time()> latestFrame;  // start of the latest background frame sent; any thread
   };
 
   static ComPtr<ChannelSource> Create(Settings settings, ChannelObserver* observer);
@@ -57,6 +58,7 @@ class ChannelSource final : public CBaseFilter {
   void Stream();
   void Deliver(ChannelItem& item);
   void DeliverPicture(const ReadyPicture& picture);
+  void FixClock(IMediaSample* picture, Time start);
   void DeliverLevels(Time start, Time duration, const AudioLevels& levels);
   void DeliverLabel(Time time);
   void EndThreads();
@@ -75,9 +77,9 @@ class ChannelSource final : public CBaseFilter {
   std::unique_ptr<os::Thread> streaming_;  // application's thread
 
   std::mutex labelLock_;
-  std::string label_;         // guarded by labelLock_
-  bool labelChanged_ = true;  // guarded by labelLock_
-  bool pictureSent_ = false;  // streaming thread only
+  std::string label_;                // guarded by labelLock_
+  bool labelChanged_ = true;         // guarded by labelLock_
+  std::optional<Time> lastPicture_;  // start of the latest picture sent; streaming thread only
 };
 
 }  // namespace host

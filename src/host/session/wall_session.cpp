@@ -108,6 +108,7 @@ ChannelSource::Settings WallSession::ChannelSettings(const wall::Channel& channe
   source.canvasRate = canvas.frameRate;
   source.canvasAspect = canvas.aspect;
   source.pictureSent = [window] { window->SetPictureSent(); };
+  source.latestFrame = [this] { return background_->latestFrame(); };
   return source;
 }
 
