@@ -6,7 +6,6 @@
 
 #include "platform/dshow/vfw_errors.h"
 #include "render/label_colour.h"
-#include "render/meters.h"
 #include "render/selector_drawer.h"
 #include "util/exceptions.h"
 
@@ -153,10 +152,7 @@ void FrameComposer::AskHost() {
     state.y = MakeEven(state.y);
     state.enabled = enabled != 0;
     input.selected = selected != 0;
-    if (colour != nullptr) {
-      colour_ = colour;
-      ParseLabelColour(*filter_.compose, input.index, colour_);
-    }
+    ParseLabelColour(*filter_.compose, input.index, colour);
   }
 }
 
@@ -252,12 +248,8 @@ void FrameComposer::DrawMeters(BYTE* canvas, REFERENCE_TIME frameTime) {
     }
     const bool alarm =
         audio.IsRaised() || (input.videoAlarm.has_value() && input.videoAlarm->alarm != 0);
-    const MeterPanel panel(picture, window.x, window.y, meterWidth, window.h, channels);
     const auto count = static_cast<std::size_t>(channels);
-    DrawMeterPanel(panel);
-    DrawMeterBars(panel, std::span(levels).first(count), std::span(peaks).first(count));
-    if (alarm) {
-      DrawAlarmIndicator(panel);
-    }
+    meters_.Draw(picture, window.x, window.y, meterWidth, window.h, std::span(levels).first(count),
+                 std::span(peaks).first(count), alarm);
   }
 }

@@ -2,10 +2,10 @@
 #pragma once
 
 #include <optional>
-#include <string>
 #include <vector>
 
 #include "filter/compose.h"
+#include "render/meter_drawer.h"
 #include "render/window_state.h"
 
 // True for the one frame of each period that downstream filters are told not to present: time lies
@@ -49,5 +49,5 @@ class FrameComposer {
   CCompose& filter_;
   std::vector<Input> inputs_;
   std::vector<WindowState> windows_;  // one for each of inputs_
-  std::string colour_;
+  MeterDrawer meters_;
 };
