@@ -1,6 +1,5 @@
 #include "host/graph/composer_filter.h"
 
-#include <cstdlib>
 #include <filesystem>
 
 #include "host/graph/graph_error.h"
@@ -15,9 +14,6 @@ constexpr ULONG kAudioOutputPosition = 5;  // of the first input
 }  // namespace
 
 std::string FindComposerLibrary() {
-  if (const char* const named = std::getenv("TAVREL_COMPOSER"); named != nullptr && *named != 0) {
-    return named;
-  }
   std::error_code ignored;
   const std::filesystem::path program = std::filesystem::canonical("/proc/self/exe", ignored);
   const std::filesystem::path beside = program.parent_path() / kLibraryName;
@@ -31,7 +27,7 @@ std::string FindComposerLibrary() {
   }
   throw GraphError("the composer's library " + std::string(kLibraryName) + " is neither in " +
                    program.parent_path().string() + " nor registered: run `tavrel register PATH/" +
-                   kLibraryName + "` or set TAVREL_COMPOSER");
+                   kLibraryName + "` or name it with --library");
 }
 
 ComposerFilter::ComposerFilter(const std::string& library, const Canvas& canvas,

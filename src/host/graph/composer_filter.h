@@ -10,8 +10,8 @@
 
 namespace host {
 
-// The library's file: named by $TAVREL_COMPOSER, else QXCompose.ax beside the running program, else
-// the registered one. Throws GraphError that says where it was looked for.
+// The library's file: QXCompose.ax beside the running program, else the registered one. Throws
+// GraphError that says where it was looked for.
 std::string FindComposerLibrary();
 
 // Makes the filter through the class factory of its library and speaks to it through its command
