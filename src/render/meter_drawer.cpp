@@ -108,13 +108,12 @@ void MeterDrawer::DrawPanel(const MeterPanel& panel) {
   const Yv12Picture& canvas = panel.canvas;
   const kernels::DrawingKernels& loops = kernels::CurrentKernels();
   const VignetteTable& vignette = vignettes_.Get(panel.width, panel.height);
-  loops.blendLayers(canvas.Y() + panel.y * canvas.width + panel.x, canvas.width, panel.width,
-                    panel.height, kPanelLuma, vignette.Luma(), 1);
+  loops.blendValue(canvas.Y() + panel.y * canvas.width + panel.x, canvas.width, panel.width,
+                   panel.height, kPanelLuma, vignette.Luma());
   const std::ptrdiff_t chroma = panel.y / 2 * canvas.ChromaWidth() + panel.x / 2;
   for (std::uint8_t* plane : {canvas.V(), canvas.U()}) {
-    loops.blendLayers(plane + chroma, canvas.ChromaWidth(), vignette.ChromaWidth(),
-                      vignette.ChromaHeight(), kNeutralChroma, vignette.Chroma(),
-                      VignetteTable::kChromaLayers);
+    loops.fade(plane + chroma, canvas.ChromaWidth(), vignette.ChromaWidth(),
+               vignette.ChromaHeight(), vignette.Chroma());
   }
   DrawFrame(panel);
 }

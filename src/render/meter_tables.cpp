@@ -2,19 +2,23 @@
 
 #include <algorithm>
 
+#include "render/kernels/drawing_kernels.h"
+
 VignetteTable::VignetteTable(std::int32_t width, std::int32_t height)
     : chromaWidth_((width + 1) / 2),
       chromaHeight_((height + 1) / 2),
       luma_(static_cast<std::size_t>(width) * height),
-      chroma_(static_cast<std::size_t>(chromaWidth_) * chromaHeight_ * kChromaLayers) {
+      chroma_(static_cast<std::size_t>(chromaWidth_) * chromaHeight_ * kernels::kFadeLayers,
+              kernels::FadeFactor(0)) {
   const VignetteShape shape(width, height);
-  const std::size_t layer = static_cast<std::size_t>(chromaWidth_) * chromaHeight_;
   for (std::int32_t row = 0; row < height; ++row) {
     for (std::int32_t column = 0; column < width; ++column) {
       const std::uint8_t opacity = shape.LumaOpacity(column, row);
-      const std::size_t sample = static_cast<std::size_t>(row / 2) * chromaWidth_ + column / 2;
       luma_[static_cast<std::size_t>(row) * width + column] = opacity;
-      chroma_[(row % 2 * 2 + column % 2) * layer + sample] = opacity / 4;
+      // A sample's four pixels are its four layers.
+      const std::size_t line = static_cast<std::size_t>(row / 2) * kernels::kFadeLayers +
+                               static_cast<std::size_t>(row % 2 * 2 + column % 2);
+      chroma_[line * chromaWidth_ + column / 2] = kernels::FadeFactor(opacity / 4);
     }
   }
 }

@@ -8,20 +8,18 @@
 
 #include "render/meter_colours.h"
 
-// The opacities of the darkening of a panel whose corner lies on even coordinates.
+// The darkening of a panel whose corner lies on even coordinates, as the kernels take it.
 class VignetteTable {
  public:
-  static constexpr std::int32_t kChromaLayers = 4;
-
   // Of a panel of width x height pixels, both at least 1.
   VignetteTable(std::int32_t width, std::int32_t height);
 
-  // Of each pixel, row by row.
+  // The opacity at each pixel, row by row.
   const std::uint8_t* Luma() const { return luma_.data(); }
-  // Of each chroma sample that the panel touches, row by row, ChromaWidth() x ChromaHeight(); four
-  // such tables behind one another, one for each pixel that the sample covers, in the order in
-  // which they are blended. Pixels outside the panel have opacity 0.
-  const std::uint8_t* Chroma() const { return chroma_.data(); }
+  // The factors at each chroma sample that the panel touches, ChromaWidth() x ChromaHeight(): one
+  // layer for each pixel that a sample covers, in the order in which they are blended. Pixels
+  // outside the panel fade nothing.
+  const std::int16_t* Chroma() const { return chroma_.data(); }
   std::int32_t ChromaWidth() const { return chromaWidth_; }
   std::int32_t ChromaHeight() const { return chromaHeight_; }
 
@@ -29,7 +27,7 @@ class VignetteTable {
   std::int32_t chromaWidth_;
   std::int32_t chromaHeight_;
   std::vector<std::uint8_t> luma_;
-  std::vector<std::uint8_t> chroma_;
+  std::vector<std::int16_t> chroma_;
 };
 
 // The samples of a bar's rows, one array for each kind, the topmost row first.

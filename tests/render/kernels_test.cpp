@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "render/kernels/drawing_kernels.h"
+#include "render/yv12.h"
 
 namespace {
 
@@ -85,13 +86,32 @@ TEST_P(KernelVersions, BlendConstantEqualsTheDefinition) {
   });
 }
 
-TEST_P(KernelVersions, BlendLayersEqualsTheDefinition) {
-  const std::vector<std::uint8_t> alphas = Scattered(kWidest * kRows * 6, 4);
-  for (std::int32_t layers = 0; layers <= 6; ++layers) {
-    ExpectEqualOverWidthsAndAlignments(
-        [&](const DrawingKernels& version, std::uint8_t* to, std::int32_t columns, std::ptrdiff_t) {
-          version.blendLayers(to, kStride, columns, kRows, 128, alphas.data(), layers);
-        });
+TEST_P(KernelVersions, BlendValueEqualsTheDefinition) {
+  const std::vector<std::uint8_t> alphas = Scattered(kWidest * kRows, 4);
+  ExpectEqualOverWidthsAndAlignments(
+      [&](const DrawingKernels& version, std::uint8_t* to, std::int32_t columns, std::ptrdiff_t) {
+        version.blendValue(to, kStride, columns, kRows, 16, alphas.data());
+      });
+}
+
+TEST_P(KernelVersions, FadeEqualsTheDefinition) {
+  std::vector<std::int16_t> factors;
+  for (const std::uint8_t alpha : Scattered(kWidest * kRows * kernels::kFadeLayers, 5)) {
+    factors.push_back(kernels::FadeFactor(alpha));
+  }
+  ExpectEqualOverWidthsAndAlignments(
+      [&](const DrawingKernels& version, std::uint8_t* to, std::int32_t columns, std::ptrdiff_t) {
+        version.fade(to, kStride, columns, kRows, factors.data());
+      });
+}
+
+TEST(Fade, IsTheBlendTowardsNeutralForEverySampleAndOpacity) {
+  for (int alpha = 0; alpha < 256; ++alpha) {
+    const std::int16_t factor = kernels::FadeFactor(static_cast<std::uint8_t>(alpha));
+    for (int sample = 0; sample < 256; ++sample) {
+      ASSERT_EQ(kernels::Fade(sample, factor), Blend255(sample, 128, alpha))
+          << "sample " << sample << " alpha " << alpha;
+    }
   }
 }
 

@@ -8,6 +8,22 @@
 
 namespace kernels {
 
+inline constexpr std::int32_t kFadeLayers = 4;
+
+// What is left of a sample's distance from neutral under an opacity, in 1/32768, for the fade loop:
+// the distance (at most 128) times (255 - alpha) / 255, rounded. A factor is off by half a unit at
+// most, the product by 1/512, and no exact product is that close to a half without being one of the
+// odd multiples of 1/510: so the rounded product is that of Blend255, always.
+constexpr std::int16_t FadeFactor(std::uint8_t alpha) {
+  const std::int32_t factor = ((255 - alpha) * 65536 + 255) / 510;
+  return static_cast<std::int16_t>(factor < 32767 ? factor : 32767);
+}
+
+// A chroma sample under one layer of the fade: Blend255(sample, 128, alpha) in one multiplication.
+constexpr std::uint8_t Fade(std::uint8_t sample, std::int16_t factor) {
+  return static_cast<std::uint8_t>(128 + ((((sample - 128) * factor >> 14) + 1) >> 1));
+}
+
 // One version of all loops. Each works on a rectangle of one plane, in place: `columns` samples in
 // each of `rows` rows (either may be 0), the rows `stride` bytes apart. Tables lie row behind row
 // without padding unless a stride is given. No sample outside the rectangle is read or written.
@@ -23,15 +39,23 @@ struct DrawingKernels {
   void (*blendConstant)(std::uint8_t* to, std::ptrdiff_t stride, std::int32_t columns,
                         std::int32_t rows, std::uint8_t over, std::uint8_t alpha);
 
-  // Blends one value over the rectangle, `layers` times in sequence, each time with the opacities
-  // of its own table; the tables lie behind one another.
-  void (*blendLayers)(std::uint8_t* to, std::ptrdiff_t stride, std::int32_t columns,
-                      std::int32_t rows, std::uint8_t over, const std::uint8_t* alphas,
-                      std::int32_t layers);
+  // Blends one value over the rectangle, with the opacity that `alphas` has for each sample.
+  void (*blendValue)(std::uint8_t* to, std::ptrdiff_t stride, std::int32_t columns,
+                     std::int32_t rows, std::uint8_t over, const std::uint8_t* alphas);
+
+  // Blends chroma samples kFadeLayers times in sequence towards neutral, each time with an opacity
+  // of its own. `factors` has, for each row, `columns` factors of the first layer, then those of
+  // the second and so on; FadeFactor makes them.
+  void (*fade)(std::uint8_t* to, std::ptrdiff_t stride, std::int32_t columns, std::int32_t rows,
+               const std::int16_t* factors);
 };
 
 // The definition.
 const DrawingKernels& ScalarKernels();
+// Vectors of 16 bytes, for every processor of the architecture.
+const DrawingKernels& BaseKernels();
+// For x86 processors that have AVX2; null where the processor has not.
+const DrawingKernels* Avx2Kernels();
 // The versions that this processor can run, the definition first, the fastest last.
 std::span<const DrawingKernels* const> AllKernels();
 

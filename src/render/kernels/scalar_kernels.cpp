@@ -25,14 +25,23 @@ void BlendConstant(std::uint8_t* to, std::ptrdiff_t stride, std::int32_t columns
   }
 }
 
-void BlendLayers(std::uint8_t* to, std::ptrdiff_t stride, std::int32_t columns, std::int32_t rows,
-                 std::uint8_t over, const std::uint8_t* alphas, std::int32_t layers) {
-  const std::ptrdiff_t table = std::ptrdiff_t{columns} * rows;
+void BlendValue(std::uint8_t* to, std::ptrdiff_t stride, std::int32_t columns, std::int32_t rows,
+                std::uint8_t over, const std::uint8_t* alphas) {
   for (std::int32_t row = 0; row < rows; ++row) {
     for (std::int32_t i = 0; i < columns; ++i) {
       std::uint8_t& sample = to[row * stride + i];
-      for (std::int32_t layer = 0; layer < layers; ++layer) {
-        sample = Blend255(sample, over, alphas[layer * table + std::ptrdiff_t{row} * columns + i]);
+      sample = Blend255(sample, over, *alphas++);
+    }
+  }
+}
+
+void FadeRows(std::uint8_t* to, std::ptrdiff_t stride, std::int32_t columns, std::int32_t rows,
+              const std::int16_t* factors) {
+  for (std::int32_t row = 0; row < rows; ++row) {
+    for (std::int32_t layer = 0; layer < kFadeLayers; ++layer) {
+      for (std::int32_t i = 0; i < columns; ++i) {
+        std::uint8_t& sample = to[row * stride + i];
+        sample = Fade(sample, *factors++);
       }
     }
   }
@@ -41,7 +50,7 @@ void BlendLayers(std::uint8_t* to, std::ptrdiff_t stride, std::int32_t columns, 
 }  // namespace
 
 const DrawingKernels& ScalarKernels() {
-  static constexpr DrawingKernels kKernels{"scalar", Blend, BlendConstant, BlendLayers};
+  static constexpr DrawingKernels kKernels{"scalar", Blend, BlendConstant, BlendValue, FadeRows};
   return kKernels;
 }
 

@@ -81,28 +81,21 @@ struct BlendOneValue {
   }
 };
 
-template <int kLayers>
-struct BlendValueLayers {
+struct BlendValueWith {
   std::uint8_t over;
   const std::uint8_t* alphas;
   std::ptrdiff_t stride;
-  std::ptrdiff_t table;
 
   TAVREL_INLINE void NextRow() { alphas += stride; }
   template <int N>
   TAVREL_INLINE void Apply(Lanes<N>& even, Lanes<N>& odd, std::ptrdiff_t column) const {
     const Lanes<N> s = Lanes<N>{} + over;
-    for (int layer = 0; layer < kLayers; ++layer) {
-      const Lanes<N> a = Load<N>(alphas + layer * table + column);
-      even = BlendLanes(even, s, a & 0xFF);
-      odd = BlendLanes(odd, s, a >> 8);
-    }
+    const Lanes<N> a = Load<N>(alphas + column);
+    even = BlendLanes(even, s, a & 0xFF);
+    odd = BlendLanes(odd, s, a >> 8);
   }
   TAVREL_INLINE std::uint8_t Apply(std::uint8_t sample, std::ptrdiff_t column) const {
-    for (int layer = 0; layer < kLayers; ++layer) {
-      sample = Blend255(sample, over, alphas[layer * table + column]);
-    }
-    return sample;
+    return Blend255(sample, over, alphas[column]);
   }
 };
 
@@ -175,17 +168,9 @@ TAVREL_INLINE void BlendConstant(std::uint8_t* to, std::ptrdiff_t stride, std::i
 }
 
 template <int kVector>
-TAVREL_INLINE void BlendLayers(std::uint8_t* to, std::ptrdiff_t stride, std::int32_t columns,
-                               std::int32_t rows, std::uint8_t over, const std::uint8_t* alphas,
-                               std::int32_t layers) {
-  const std::ptrdiff_t table = std::ptrdiff_t{columns} * rows;
-  // A chroma sample covers four pixels.
-  for (; layers >= 4; layers -= 4, alphas += 4 * table) {
-    ForRows<kVector>(to, stride, columns, rows, BlendValueLayers<4>{over, alphas, columns, table});
-  }
-  for (; layers >= 1; --layers, alphas += table) {
-    ForRows<kVector>(to, stride, columns, rows, BlendValueLayers<1>{over, alphas, columns, table});
-  }
+TAVREL_INLINE void BlendValue(std::uint8_t* to, std::ptrdiff_t stride, std::int32_t columns,
+                              std::int32_t rows, std::uint8_t over, const std::uint8_t* alphas) {
+  ForRows<kVector>(to, stride, columns, rows, BlendValueWith{over, alphas, columns});
 }
 
 }  // namespace kernels::vectors
