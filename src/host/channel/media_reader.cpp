@@ -69,7 +69,8 @@ void MediaReader::Fail(int code, bool opening) const {
   if (deadline_.cancelled()) {
     throw MediaError(Kind::kCancelled, "stopped", maskedSource_);
   }
-  if (deadline_.expired()) {
+  // The packet that the ended call still gave may have come before its failure.
+  if (deadline_.expired() || code == AVERROR_EXIT) {
     throw MediaError(Kind::kTimedOut,
                      opening ? "did not open within " + Seconds(settings_.openLimit)
                              : "no data for " + Seconds(settings_.readLimit),

@@ -31,7 +31,7 @@ namespace host {
 class MediaReader {
  public:
   struct Settings {
-    std::string source;  // path or URL
+    std::string source;  // path or URL; "-": the standard input
     std::chrono::milliseconds openLimit{10'000};
     std::chrono::milliseconds readLimit{5'000};  // for each packet
     int decoderThreads = 1;                      // 1: everything on the reading thread

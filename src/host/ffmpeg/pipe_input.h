@@ -1,10 +1,12 @@
 // PipeInput: reads a pipe or a device without ever being stuck in it.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "host/ffmpeg/handles.h"
 #include "host/ffmpeg/io_deadline.h"
+#include "platform/os/byte_stream.h"
 
 namespace host::ffmpeg {
 
@@ -19,7 +21,6 @@ class PipeInput {
 
   // Throws Error when the pipe cannot be opened.
   PipeInput(const std::string& source, IoDeadline& deadline);
-  ~PipeInput();
   PipeInput(const PipeInput&) = delete;
   PipeInput& operator=(const PipeInput&) = delete;
 
@@ -30,8 +31,7 @@ class PipeInput {
   int Read(std::uint8_t* buffer, int size);
 
   IoDeadline& deadline_;
-  int descriptor_ = -1;
-  bool owned_ = false;  // the standard input is not
+  os::ByteStream stream_;
   CallbackIo io_;
 };
 

@@ -1,11 +1,15 @@
 #include "host/channel/media_reader.h"
 
+#include <fstream>
 #include <optional>
 #include <string>
 #include <thread>
 #include <utility>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -164,6 +168,75 @@ TEST(MediaReader, CancelEndsABlockingOpenFromAnotherThread) {
   reader.Cancel();
   opening.join();
   EXPECT_EQ(kind, MediaError::Kind::kCancelled);
+}
+
+// A pipe with a writer that stays, and says only what it is told to.
+class Pipe {
+ public:
+  explicit Pipe(const std::filesystem::path& path) : path_(path) {
+    EXPECT_EQ(::mkfifo(path.c_str(), 0600), 0);
+  }
+  ~Pipe() { Close(); }
+  Pipe(const Pipe&) = delete;
+  Pipe& operator=(const Pipe&) = delete;
+
+  void Open() {
+    descriptor_ = ::open(path_.c_str(), O_RDWR);
+    ASSERT_GE(::fcntl(descriptor_, F_SETPIPE_SZ, 1 << 20), 1 << 20);
+  }
+  void Close() {
+    if (descriptor_ >= 0) {
+      ::close(std::exchange(descriptor_, -1));
+    }
+  }
+  // Up to what the pipe holds.
+  void Write(const std::string& bytes) const {
+    ASSERT_EQ(::write(descriptor_, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+  }
+
+ private:
+  std::filesystem::path path_;
+  int descriptor_ = -1;
+};
+
+TEST(MediaReader, ReadsAPipeAndNoticesThatItHasFallenSilent) {
+  const TemporaryFolder folder;
+  const std::string clip = ReadWholeFile(Write(SmallClip(), folder / "a.ts"));
+  Pipe pipe(folder / "pipe");
+  MediaReader::Settings settings = Source(folder / "pipe");
+  settings.openLimit = std::chrono::milliseconds(150);
+  EXPECT_EQ(OpenFailure(settings)->first, MediaError::Kind::kTimedOut);  // nobody writes yet
+
+  pipe.Open();
+  settings.openLimit = std::chrono::seconds(20);
+  settings.readLimit = std::chrono::milliseconds(400);
+  pipe.Write(clip);
+  MediaReader reader(settings);
+  std::size_t pictures = 0;
+  try {
+    reader.Open();
+    for (;;) {
+      pictures += std::holds_alternative<VideoPicture>(reader.Read()) ? 1 : 0;
+    }
+  } catch (const MediaError& error) {
+    EXPECT_EQ(error.kind(), MediaError::Kind::kTimedOut);
+    EXPECT_EQ(error.reason(), "no data for 0.4 s");
+  }
+  EXPECT_GE(pictures, 15U);
+}
+
+TEST(MediaReader, EndsWhenTheWriterOfAPipeGoes) {
+  const TemporaryFolder folder;
+  const std::string clip = ReadWholeFile(Write(SmallClip(), folder / "a.ts"));
+  Pipe pipe(folder / "pipe");
+  MediaReader::Settings settings = Source(folder / "pipe");
+  MediaReader reader(settings);
+  std::thread writing([&] {
+    std::ofstream(folder / "pipe", std::ios::binary) << clip;  // waits for the reader
+  });
+  reader.Open();
+  EXPECT_EQ(ReadAll(reader).pictures.size(), 25U);
+  writing.join();
 }
 
 TEST(MediaReader, BeginsAFileAgainWithoutAGapOnTheClock) {

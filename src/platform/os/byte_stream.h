@@ -1,0 +1,41 @@
+// Pipes and devices that are read byte by byte and may stay silent.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+
+namespace os {
+
+// Reads without ever waiting longer than it is told to, also before a writer has come, where a
+// plain read would hang for good. One thread at a time.
+class ByteStream {
+ public:
+  enum class Result {
+    kData,
+    kSilence,  // nothing came in time
+    kEnd,      // the writer has gone
+    kFailed,
+  };
+
+  ByteStream() = default;
+  ~ByteStream();
+  ByteStream(const ByteStream&) = delete;
+  ByteStream& operator=(const ByteStream&) = delete;
+
+  // Whether the native path names something that is to be read so: a pipe, socket or device,
+  // neither file nor directory.
+  static bool IsStream(const std::string& path);
+
+  // Does not wait for a writer. Answers one of the system's error numbers, 0 when it is open.
+  std::uint32_t Open(const std::string& path);
+  // At least one byte with kData.
+  Result Read(std::span<std::uint8_t> buffer, std::chrono::milliseconds wait, std::size_t* count);
+
+ private:
+  int descriptor_ = -1;
+};
+
+}  // namespace os

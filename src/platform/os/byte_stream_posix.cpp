@@ -1,0 +1,49 @@
+#include <cerrno>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "platform/os/byte_stream.h"
+#include "platform/os/error_numbers.h"
+
+namespace os {
+
+ByteStream::~ByteStream() {
+  if (descriptor_ >= 0) {
+    ::close(descriptor_);
+  }
+}
+
+bool ByteStream::IsStream(const std::string& path) {
+  struct stat status {};
+  return ::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) &&
+         !S_ISDIR(status.st_mode) && !S_ISBLK(status.st_mode);
+}
+
+std::uint32_t ByteStream::Open(const std::string& path) {
+  descriptor_ = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  return descriptor_ >= 0 ? 0 : SystemErrorNumber(errno);
+}
+
+ByteStream::Result ByteStream::Read(std::span<std::uint8_t> buffer, std::chrono::milliseconds wait,
+                                    std::size_t* count) {
+  // A pipe to which no writer has come yet is silent for poll, but at its end for read.
+  pollfd poll{descriptor_, POLLIN, 0};
+  const int ready = ::poll(&poll, 1, static_cast<int>(wait.count()));
+  if (ready == 0 || (ready < 0 && errno == EINTR)) {
+    return Result::kSilence;
+  }
+  const ssize_t got = ready > 0 ? ::read(descriptor_, buffer.data(), buffer.size()) : -1;
+  if (got > 0) {
+    *count = static_cast<std::size_t>(got);
+    return Result::kData;
+  }
+  if (got < 0 && (errno == EAGAIN || errno == EINTR)) {
+    return Result::kSilence;
+  }
+  return got == 0 ? Result::kEnd : Result::kFailed;
+}
+
+}  // namespace os
