@@ -15,7 +15,6 @@ namespace {
 constexpr std::string_view kLineEnd = "\r\n";
 constexpr std::size_t kLongestLine = 1 << 20;
 constexpr std::size_t kReadSize = 1 << 16;
-constexpr std::uint64_t kNoEnd = std::numeric_limits<std::uint64_t>::max();
 
 std::string FormatHeader(std::uint64_t head) {
   return StringFormat("0x%.8X\r\n", static_cast<unsigned>(head));
@@ -35,29 +34,31 @@ void CircularLogFile::Open(const std::string& path, os::File::Access access) {
   if (!file_.IsOpen()) {
     file_.Open(path, os::File::Access::kRead);
   }
-  head_ = ReadHead();
+  ReadHeader();
 }
 
 void CircularLogFile::Close() {
   file_.Close();
   good_ = false;
-  head_ = kHeaderSize;
 }
 
-std::uint64_t CircularLogFile::ReadHead() const {
+void CircularLogFile::ReadHeader() {
+  head_ = kHeaderSize;
+  size_ = 0;
   std::array<char, kHeaderSize + 1> header{};
   std::size_t count = 0;
-  std::uint64_t size = 0;
-  if (!file_.IsOpen() || file_.ReadAt(0, std::span(header).first(kHeaderSize), &count) != 0 ||
-      file_.GetSize(&size) != 0) {
-    return kHeaderSize;
+  if (!file_.IsOpen() || file_.GetSize(&size_) != 0 ||
+      file_.ReadAt(0, std::span(header).first(kHeaderSize), &count) != 0) {
+    return;
   }
   const std::uint64_t head = std::strtoull(header.data(), nullptr, 16);
-  return head < kHeaderSize || head > size ? kHeaderSize : head;
+  if (head >= kHeaderSize && head <= size_) {
+    head_ = head;
+  }
 }
 
 void CircularLogFile::ReadOldest(const TakeLine& take) const {
-  ReadLines(head_, kNoEnd, take);
+  ReadLines(head_, size_, take);
 }
 
 void CircularLogFile::ReadNewest(const TakeLine& take) const {
@@ -83,10 +84,11 @@ void CircularLogFile::ReadLines(std::uint64_t offset, std::uint64_t end,
     line.clear();
     return goOn;
   };
-  while (lineBegin < end) {
+  while (lineBegin < end && offset < size_) {
+    const std::size_t wanted = std::min<std::uint64_t>(kReadSize, size_ - offset);
     std::size_t count = 0;
     // What cannot be read ends the file.
-    if (file_.ReadAt(offset, buffer, &count) != 0 || count == 0) {
+    if (file_.ReadAt(offset, std::span(buffer).first(wanted), &count) != 0 || count == 0) {
       break;
     }
     std::string_view rest(buffer.data(), count);

@@ -48,12 +48,13 @@ class CircularLogFile {
   void Append(std::string_view line, std::uint32_t maxSize);
 
  private:
-  std::uint64_t ReadHead() const;
+  void ReadHeader();
   void ReadLines(std::uint64_t offset, std::uint64_t end, const TakeLine& take) const;
 
   os::File file_;
   bool good_ = false;
   std::uint64_t head_ = kHeaderSize;
+  std::uint64_t size_ = 0;  // when it was opened
 };
 
 }  // namespace qorp::log

@@ -1,0 +1,223 @@
+// What is left of a log file when its writer dies.
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <new>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "log/logfile_sink.h"
+#include "tests/support/temporary_folder.h"
+
+namespace {
+
+using qorp::log::logfile_sink;
+using qorp::log::LogFileOptions;
+using qorp::log::LogHistoryEntry;
+using testing::ElementsAre;
+
+constexpr qorp::log::LogTime kTime{1763286194, 123};
+constexpr LogFileOptions kUnlimited{3, 0, 100000};
+
+std::vector<std::string> Texts(const logfile_sink& sink) {
+  std::vector<std::string> texts;
+  for (const LogHistoryEntry& entry : sink.GetHistory(0, -1)) {
+    texts.push_back(entry.text);
+  }
+  return texts;
+}
+
+// Opens the file by writing one more line.
+std::vector<std::string> Reopen(const std::string& path, const LogFileOptions& options,
+                                const std::string& line) {
+  logfile_sink sink(options);
+  sink.SetPath(path);
+  sink.Write(1, kTime, line.c_str());
+  return Texts(sink);
+}
+
+std::string WriteLines(const std::string& path, const LogFileOptions& options,
+                       const std::vector<std::string>& lines) {
+  logfile_sink sink(options);
+  sink.SetPath(path);
+  for (const std::string& line : lines) {
+    sink.Write(1, kTime, line.c_str());
+  }
+  return ReadWholeFile(path);
+}
+
+// Every state between two headers: the line written up to some byte, the header still the old one.
+TEST(LogFileCrash, InTheMiddleOfALineLosesThatLineOnly) {
+  const TemporaryFolder folder;
+  const std::string path = folder / "log";
+  const std::string before = WriteLines(path, kUnlimited, {"one", "two"});
+  const std::string after = WriteLines(path, kUnlimited, {"three;with;many;fields"});
+  for (std::size_t bytes = before.size(); bytes <= after.size(); ++bytes) {
+    WriteWholeFile(path, before.substr(0, 12) + after.substr(12, bytes - 12));
+    EXPECT_THAT(Reopen(path, kUnlimited, "new"), ElementsAre("one", "two", "new")) << bytes;
+    EXPECT_THAT(Reopen(path, kUnlimited, "next"), ElementsAre("one", "two", "new", "next"))
+        << bytes;
+  }
+}
+
+// The same where the line overwrites older ones: only those that it has reached are lost. The
+// oldest one tells its number and is left out in any case.
+TEST(LogFileCrash, InTheMiddleOfALineOfAWrappedFileKeepsTheOthers) {
+  const TemporaryFolder folder;
+  const std::string path = folder / "log";
+  constexpr LogFileOptions kSmall{3, 260, 1000};
+  // 5 ends beyond 260; 6 takes the place of 0. The head is where 1 begins.
+  const std::string before =
+      WriteLines(path, kSmall, {"0", "1", "2", "3;;;;;", "4;a;b;c;d", "5", "6"});
+  const std::size_t head = before.find("1;Sun");
+  const std::size_t endOfOldest = before.find("2;Sun");
+  // 7 is longer than 1 and ends within 2.
+  const std::string after = WriteLines(path, kSmall, {"7;and;its;fields;too"});
+  ASSERT_EQ(before.size(), after.size()) << "the line should overwrite others";
+  const std::size_t end = after.find("too\r\n") + 5;
+  ASSERT_GT(end, endOfOldest);
+  for (std::size_t bytes = head; bytes <= end; ++bytes) {
+    WriteWholeFile(
+        path, before.substr(0, head) + after.substr(head, bytes - head) + before.substr(bytes));
+    std::vector<std::string> left{"3;;;;;", "4;a;b;c;d", "5", "6", "new"};
+    if (bytes < endOfOldest) {
+      left.insert(left.begin(), "2");
+    }
+    EXPECT_EQ(Reopen(path, {3, 0, 1000}, "new"), left) << bytes;
+  }
+}
+
+// Truncated by something else, down to nothing.
+TEST(LogFileCrash, AFileOfAnyLengthOpensAgain) {
+  const TemporaryFolder folder;
+  const std::string path = folder / "log";
+  const std::string whole = WriteLines(path, kUnlimited, {"one", "two", "three"});
+  for (std::size_t bytes = 0; bytes <= whole.size(); ++bytes) {
+    WriteWholeFile(path, whole.substr(0, bytes));
+    std::vector<std::string> texts = Reopen(path, kUnlimited, "new");
+    ASSERT_EQ(texts.back(), "new") << bytes;
+    texts.pop_back();
+    // The header points beyond the end: the lines that are left count as the oldest, the first of
+    // which tells the number.
+    std::vector<std::string> left;
+    for (const char* const text : {"two", "three"}) {
+      const std::size_t end = whole.find(std::string(";1;") + text + "\r\n") + 3;
+      if (bytes > end) {
+        left.push_back(std::string(text).substr(0, bytes - end));
+      } else if (bytes == end) {
+        left.emplace_back();
+      }
+    }
+    if (bytes == whole.size()) {
+      left.insert(left.begin(), "one");
+    }
+    EXPECT_EQ(texts, left) << bytes;
+  }
+}
+
+// Shared with the writing process: the number of its last line that Write had counted.
+class SharedCounter {
+ public:
+  SharedCounter()
+      : memory_(::mmap(nullptr, sizeof(std::atomic<int>), PROT_READ | PROT_WRITE,
+                       MAP_SHARED | MAP_ANONYMOUS, -1, 0)) {
+    if (memory_ == MAP_FAILED) {
+      throw std::bad_alloc();
+    }
+    new (memory_) std::atomic<int>(-1);
+  }
+  ~SharedCounter() { ::munmap(memory_, sizeof(std::atomic<int>)); }
+  SharedCounter(const SharedCounter&) = delete;
+  SharedCounter& operator=(const SharedCounter&) = delete;
+
+  std::atomic<int>& operator*() const { return *static_cast<std::atomic<int>*>(memory_); }
+
+ private:
+  void* memory_;
+};
+
+// Lines of many lengths and with many separators. Their text begins with a letter, so that the rest
+// of an overwritten line is not mistaken for a line with a time and a level.
+std::string LineOf(int number) {
+  return "n" + std::to_string(number) + std::string(static_cast<std::size_t>(number * 7 % 90), ';');
+}
+
+[[noreturn]] void WriteForEver(const std::string& path, const LogFileOptions& options, int first,
+                               std::atomic<int>& counted) {
+  logfile_sink sink(options);
+  sink.SetPath(path);
+  for (int number = first;; ++number) {
+    sink.Write(1, kTime, LineOf(number).c_str());
+    counted = number;
+  }
+}
+
+// Kills a process that writes lines from first on, at some moment after enough of them. The number
+// of the last line that it told of.
+int KillWriter(const std::string& path, const LogFileOptions& options, int first, int enough) {
+  const SharedCounter counted;
+  const pid_t writer = ::fork();
+  if (writer == 0) {
+    WriteForEver(path, options, first, *counted);
+  }
+  EXPECT_GT(writer, 0) << "no process for the writer";
+  int status = 0;
+  while (*counted < first + enough) {
+    if (::waitpid(writer, &status, WNOHANG) != 0) {
+      ADD_FAILURE() << "the writer ended by itself";
+      return -1;
+    }
+    std::this_thread::yield();
+  }
+  EXPECT_EQ(::kill(writer, SIGKILL), 0);
+  EXPECT_EQ(::waitpid(writer, &status, 0), writer);
+  EXPECT_TRUE(WIFSIGNALED(status)) << "the writer was not killed while writing";
+  return *counted;
+}
+
+// Kills writers one after another; each goes on with the file of the one before.
+void KillWriters(const LogFileOptions& options, int kills, std::size_t linesThatFit) {
+  const TemporaryFolder folder;
+  const std::string path = folder / "log";
+  std::vector<std::string> written;
+  int next = 0;
+  for (int kill = 0; kill < kills; ++kill) {
+    const int last = KillWriter(path, options, next, 20 + kill % 17);
+    ASSERT_GE(last, next);
+    for (; next <= last; ++next) {
+      written.push_back(LineOf(next));
+    }
+    const std::string mark = "reopened " + std::to_string(kill);
+    const std::vector<std::string> texts = Reopen(path, options, mark);
+    ASSERT_GE(texts.size(), std::min(linesThatFit, written.size() + 1));
+    // A header may have counted one line more than its writer came to tell.
+    if (texts.end()[-2] == LineOf(next)) {
+      written.push_back(LineOf(next));
+    }
+    ++next;
+    written.push_back(mark);
+    ASSERT_LE(texts.size(), written.size());
+    const std::vector<std::string> newest(written.end() - static_cast<std::ptrdiff_t>(texts.size()),
+                                          written.end());
+    ASSERT_EQ(texts, newest) << "after kill " << kill;
+  }
+}
+
+TEST(LogFileCrash, KilledWritersLoseNothingThatAHeaderCounted) {
+  KillWriters(kUnlimited, 20, kUnlimited.historyCapacity);
+}
+
+TEST(LogFileCrash, KilledWritersOfAWrappingFileLoseNothingThatAHeaderCounted) {
+  KillWriters({3, 4000, 1000}, 20, 20);
+}
+
+}  // namespace

@@ -1,0 +1,245 @@
+#include "log/logfile_sink.h"
+
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "platform/os/files.h"
+#include "tests/support/temporary_folder.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using qorp::log::logfile_sink;
+using qorp::log::LogFileOptions;
+using qorp::log::LogHistoryEntry;
+using qorp::log::LogTime;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr LogTime kTime{1763286194, 123};
+constexpr const char* kTimeText = "Sun Nov 16 09:43:14.123";
+
+std::string Line(int number, const std::string& text) {
+  return std::to_string(number) + ";" + kTimeText + ";1763286194123;1;" + text + "\r\n";
+}
+
+class LogFile : public testing::Test {
+ protected:
+  void SetUp() override {
+    ::setenv("TZ", "UTC", 1);
+    ::tzset();
+  }
+  static void Write(logfile_sink& sink, const std::string& text) {
+    sink.Write(1, kTime, text.c_str());
+  }
+  static std::vector<std::string> Texts(const logfile_sink& sink) {
+    std::vector<std::string> texts;
+    for (const LogHistoryEntry& entry : sink.GetHistory(0, -1)) {
+      texts.push_back(entry.text);
+    }
+    return texts;
+  }
+  // The history of a sink that opens the file by writing "new".
+  std::vector<std::string> Reopen() {
+    logfile_sink sink(unlimited);
+    sink.SetPath(path);
+    Write(sink, "new");
+    return Texts(sink);
+  }
+  std::string Contents() const { return ReadWholeFile(path); }
+
+  static constexpr LogFileOptions unlimited{3, 0, 1000};
+  const TemporaryFolder folder;
+  const std::string path = folder / "app.log";
+};
+
+TEST_F(LogFile, CountsEveryLineInItsHeader) {
+  logfile_sink sink(unlimited);
+  sink.SetPath(os::SystemPath(path));
+  EXPECT_FALSE(fs::exists(path)) << "opened by the next line only";
+  Write(sink, "first");
+  EXPECT_EQ(Contents(), "0x0000003D\r\n" + Line(0, "first"));
+  Write(sink, "a;b");
+  EXPECT_EQ(Contents(), "0x0000006C\r\n" + Line(0, "first") + Line(1, "a;b"));
+  sink.SetMaxLevel(0);
+  Write(sink, "left out");
+  EXPECT_EQ(Contents().size(), 0x6CU);
+  EXPECT_THAT(sink.GetHistory(0, -1),
+              ElementsAre(LogHistoryEntry{1, 1763286194123, kTimeText, "first"},
+                          LogHistoryEntry{1, 1763286194123, kTimeText, "a;b"}));
+}
+
+TEST_F(LogFile, WrapsWhenALineEndsBeyondTheMaximum) {
+  logfile_sink sink({1, 100, 1000});
+  sink.SetPath(path);
+  // Each line is 60 bytes long.
+  const std::string text(60 - Line(0, "").size(), 'x');
+  Write(sink, text);
+  EXPECT_EQ(Contents(), "0x00000048\r\n" + Line(0, text));
+  Write(sink, text);
+  EXPECT_EQ(Contents(), "0x0000000C\r\n" + Line(0, text) + Line(1, text));
+  Write(sink, text);
+  EXPECT_EQ(Contents(), "0x00000048\r\n" + Line(2, text) + Line(1, text));
+  // A line that ends at the maximum is not beyond it.
+  sink.SetMaxSize(132);
+  Write(sink, text);
+  Write(sink, "short");
+  EXPECT_EQ(Contents(), "0x0000000C\r\n" + Line(2, text) + Line(3, text) + Line(4, "short"));
+  EXPECT_THROW(sink.SetMaxSize(-1), std::invalid_argument);
+}
+
+TEST_F(LogFile, ContinuesWhereTheLastLineEnded) {
+  {
+    logfile_sink sink(unlimited);
+    sink.SetPath(path);
+    Write(sink, "one");
+    Write(sink, "two");
+  }
+  EXPECT_THAT(Reopen(), ElementsAre("one", "two", "new"));
+  EXPECT_EQ(Contents(), "0x00000099\r\n" + Line(0, "one") + Line(1, "two") + Line(2, "new"));
+}
+
+// The oldest line tells its number and is left out; the following lines are counted from it.
+TEST_F(LogFile, RebuildsAWrappedFileOldestLineFirst) {
+  const std::string start = "0x0000006E\r\n" + Line(7, "seven") + Line(8, "eight");
+  WriteWholeFile(path, start + "rest of five\r\n" + Line(5, "old") + Line(6, "six"));
+  logfile_sink sink(unlimited);
+  sink.SetPath(path);
+  Write(sink, "new");
+  EXPECT_THAT(Texts(sink), ElementsAre("six", "seven", "eight", "new"));
+  std::int64_t first = 0;
+  std::int64_t last = 0;
+  EXPECT_TRUE(sink.GetHistoryRange(0, -1, &first, &last));
+  EXPECT_EQ(first, 5);
+  EXPECT_EQ(last, 8);
+  EXPECT_EQ(Contents().substr(start.size(), Line(8, "new").size()), Line(8, "new"));
+}
+
+TEST_F(LogFile, KeepsTheNewestLinesInItsHistory) {
+  logfile_sink sink({1, 0, 2});
+  for (const char* const text : {"1", "2", "3"}) {
+    Write(sink, text);
+  }
+  EXPECT_THAT(Texts(sink), ElementsAre("2", "3")) << "a history needs no file";
+  std::int64_t first = 0;
+  std::int64_t last = 0;
+  EXPECT_THROW(logfile_sink().GetHistoryRange(0, -1, &first, &last), std::runtime_error);
+  EXPECT_THAT(logfile_sink().GetHistory(0, -1), IsEmpty());
+}
+
+TEST_F(LogFile, FollowsItsPathWithTheNextLine) {
+  logfile_sink sink(unlimited);
+  sink.SetPath(path);
+  Write(sink, "here");
+  sink.SetPath(folder / "other.log");
+  Write(sink, "there");
+  EXPECT_THAT(Texts(sink), ElementsAre("there"));
+  sink.SetPath("");
+  Write(sink, "nowhere");
+  EXPECT_THAT(Texts(sink), ElementsAre("there", "nowhere"));
+  sink.SetPath(path);
+  Write(sink, "back");
+  EXPECT_THAT(Texts(sink), ElementsAre("here", "back"));
+  EXPECT_EQ(ReadWholeFile(folder / "other.log"), "0x0000003D\r\n" + Line(0, "there"));
+  EXPECT_EQ(Contents(), "0x0000006C\r\n" + Line(0, "here") + Line(1, "back"));
+}
+
+TEST_F(LogFile, TriesAgainWhenTheFileCannotBeOpened) {
+  const std::string later = folder / "later/app.log";
+  logfile_sink sink(unlimited);
+  sink.SetPath(later);
+  Write(sink, "no folder");
+  EXPECT_THAT(Texts(sink), ElementsAre("no folder"));
+  fs::create_directory(folder / "later");
+  Write(sink, "folder");
+  EXPECT_EQ(ReadWholeFile(later), "0x0000003E\r\n" + Line(0, "folder"));
+}
+
+TEST_F(LogFile, KeepsItsHistoryWhileNothingCanBeWritten) {
+  for (const std::string& target : {std::string("/dev/full"), folder.Path().string()}) {
+    logfile_sink sink(unlimited);
+    sink.SetPath(target);
+    for (const char* const text : {"1", "2", "3"}) {
+      Write(sink, text);
+    }
+    EXPECT_THAT(Texts(sink), ElementsAre("1", "2", "3")) << target;
+  }
+}
+
+TEST_F(LogFile, IsOneLineWhateverTheText) {
+  logfile_sink sink(unlimited);
+  sink.SetPath(path);
+  Write(sink, "two\r\nlines");
+  EXPECT_EQ(Contents().substr(12), Line(0, "two lines"));
+}
+
+TEST_F(LogFile, BeginsAtTheStartWhenTheHeaderIsDamaged) {
+  const std::string lines = Line(3, "first") + Line(4, "second");
+  for (const char* const header :
+       {"0x00000000\r\n", "0x0000000B\r\n", "0xFFFFFFFF\r\n", "0x00000070\r\n", "garbage!!!\r\n",
+        "-0x0000001\r\n", "\r\n\r\n\r\n\r\n\r\n\r\n"}) {
+    WriteWholeFile(path, header + lines);
+    EXPECT_THAT(Reopen(), ElementsAre("second", "new")) << header;
+    EXPECT_EQ(Contents().substr(0, 12 + Line(4, "new").size()), "0x0000003B\r\n" + Line(4, "new"))
+        << header;
+  }
+}
+
+TEST_F(LogFile, SurvivesDamagedLines) {
+  const std::string damage =
+      "no fields\r\n"
+      "x;t;1;1;first field is no number\r\n"
+      "99999999999999999999;t;1;1;number beyond 64 bits\r\n"
+      "9223372036854775807;t;1;1;number that cannot grow\r\n"
+      "-3;t;1;1;number below 0\r\n" +
+      Line(9, "tells the number") + "1;2;3\r\n" + "9;t;x;1;time is no number\r\n" +
+      "9;t;1;99999999999;level beyond 32 bits\r\n" + std::string("\0\0;\r\r\n", 6) + "\n" +
+      std::string(3 << 20, 'z') + "\r\n" + Line(9, "whole");
+  WriteWholeFile(path, "0x0000000C\r\n" + damage);
+  EXPECT_THAT(Reopen(), ElementsAre("whole", "new"));
+  // In the newest lines the first one that is too short ends the pass.
+  const std::string newest = Line(0, "one") + "1;t;x;1;no time\r\n" + Line(1, "two") +
+                             "too short\r\n" + Line(2, "not reached");
+  char header[16];
+  std::snprintf(header, sizeof(header), "0x%.8zX\r\n", 12 + newest.size());
+  WriteWholeFile(path, header + newest);
+  EXPECT_THAT(Reopen(), ElementsAre("one", "two", "new"));
+}
+
+TEST_F(LogFile, ReadsAFileThatItMayNotWrite) {
+  if (::geteuid() == 0) {
+    GTEST_SKIP() << "everything may be written by the administrator";
+  }
+  WriteWholeFile(path, "0x0000003B\r\n" + Line(0, "one"));
+  fs::permissions(path, fs::perms::owner_read);
+  EXPECT_THAT(Reopen(), ElementsAre("one", "new"));
+}
+
+TEST_F(LogFile, GivesItsHistoryWhileLinesAreWritten) {
+  logfile_sink sink({3, 2000, 50});
+  sink.SetPath(path);
+  std::thread writer([&] {
+    for (int i = 0; i < 3000; ++i) {
+      Write(sink, std::to_string(i));
+    }
+  });
+  int last = -1;
+  while (last < 2999) {
+    const std::vector<LogHistoryEntry> entries = sink.GetHistory(-50, -1);
+    for (std::size_t i = 1; i < entries.size(); ++i) {
+      ASSERT_EQ(std::stoi(entries[i].text), std::stoi(entries[i - 1].text) + 1);
+    }
+    last = entries.empty() ? -1 : std::stoi(entries.back().text);
+  }
+  writer.join();
+}
+
+}  // namespace
