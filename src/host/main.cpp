@@ -4,8 +4,12 @@
 #include <vector>
 
 #include "host/cli/check.h"
+#include "host/cli/demo.h"
 #include "host/cli/probe.h"
 #include "host/cli/program.h"
+#include "host/cli/registry.h"
+#include "host/cli/render.h"
+#include "host/cli/run.h"
 #include "host/ffmpeg/log.h"
 #include "platform/os/console.h"
 
@@ -18,5 +22,15 @@ int main(int argc, char** argv) {
   program.Add<CheckOptions>("check", "say what is wrong with a wall file", DefineCheck, Check);
   program.Add<ProbeOptions>("probe", "say what a source carries, and what a wall does with it",
                             DefineProbe, Probe);
+  program.Add<DemoOptions>("demo", "a wall of built-in channels, as fast as the machine can",
+                           DefineDemo, Demo);
+  program.Add<RunOptions>("run", "run a wall live", DefineRun, Run);
+  program.Add<RenderOptions>("render", "make a file of a wall of files, as fast as the machine can",
+                             DefineRender, Render);
+  program.Add<RegisterOptions>("register", "enter a filter library into the registry of filters",
+                               DefineRegister, Register);
+  program.Add<RegisterOptions>("unregister", "take a filter library out of it", DefineRegister,
+                               Unregister);
+  program.Add<PinsOptions>("pins", "list the pins of a composer", DefinePins, Pins);
   return static_cast<int>(program.Run(std::vector<std::string>(argv + 1, argv + argc)));
 }

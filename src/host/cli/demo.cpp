@@ -1,7 +1,17 @@
 #include "host/cli/demo.h"
 
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <system_error>
+
 #include <CLI/CLI.hpp>
 
+#include "host/cli/wall_command.h"
+#include "host/graph/graph_error.h"
+#include "host/synthetic/clip_writer.h"
+#include "host/wall/layout.h"
 #include "host/wall/value_text.h"
 #include "host/wall/wall.h"
 
@@ -24,7 +34,86 @@ std::string CheckRate(const std::string& text) {
              : "must be 1 to 120 frames per second, such as 25 or 30000/1001";
 }
 
+// A folder that is gone with its holder.
+class TemporaryFolder {
+ public:
+  TemporaryFolder() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "tavrel-demo-XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr) {
+      throw std::system_error(errno, std::generic_category(), "cannot make a folder in " + pattern);
+    }
+    path_ = pattern;
+  }
+  ~TemporaryFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  TemporaryFolder(const TemporaryFolder&) = delete;
+  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+  const std::filesystem::path& path() const { return path_; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+// What the operators of such a wall call their channels.
+constexpr std::array kLabels{
+    "Bars \u00b7 caf\u00e9 cr\u00e8me",
+    "\u0395\u03bb\u03bb\u03b7\u03bd\u03b9\u03ba\u03ac 1",
+    "\u041f\u0435\u0440\u0432\u044b\u0439 \u043a\u0430\u043d\u0430\u043b",
+    "\u0627\u0644\u0642\u0646\u0627\u0629 \u0627\u0644\u0623\u0648\u0644\u0649 2",
+    "\u05e2\u05e8\u05d5\u05e5 \u05d4\u05d9\u05dc\u05d3\u05d9\u05dd",
+    "\u0939\u093f\u0928\u094d\u0926\u0940 \u0938\u092e\u093e\u091a\u093e\u0930",
+    "\u4e2d\u592e\u65b0\u95fb",
+    "\u6771\u4eac\u30c6\u30ec\u30d3",
+    "Sports \u26bd live"};
+
+constexpr std::array kColours{"#FFFFFF", "#FFE08A", "#9AD8FF", "#FFFFFF", "#B8F5B0",
+                              "#FFC2A8", "#FFFFFF", "#E3C8FF", "#FFFFFF"};
+
+wall::Wall DemoWall(const DemoOptions& options, const std::vector<std::filesystem::path>& clips) {
+  wall::Wall wall;
+  wall.canvas.width = options.width;
+  wall.canvas.height = options.height;
+  wall.canvas.frameRate = *wall::ParseFrameRate(options.frameRate);
+  wall.canvas.aspect = Reduced({options.width, options.height});
+  const auto count = static_cast<std::size_t>(options.channels);
+  const auto windows = wall::LayOutWindows(wall.canvas, {}, count, true);
+  if (!windows.has_value()) {
+    throw GraphError("a canvas of " + std::to_string(options.width) + "x" +
+                     std::to_string(options.height) + " has no room for " +
+                     std::to_string(options.channels) + " channels");
+  }
+  for (std::size_t i = 0; i < count; ++i) {
+    wall::Channel channel;
+    channel.name = "Demo " + std::to_string(i + 1);
+    channel.source = clips[i % clips.size()].string();
+    channel.window = (*windows)[i];
+    channel.selected = i == 1;
+    channel.label.text = kLabels[i % kLabels.size()];
+    channel.options.colour = kColours[i % kColours.size()];
+    wall.channels.push_back(channel);
+  }
+  return wall;
+}
+
 }  // namespace
+
+ExitCode Demo(const DemoOptions& options, Streams& streams) {
+  constexpr double kLength = 10;  // seconds
+  WallCommand command;
+  command.graph = options.graph;
+  command.record = options.record;
+  command.record.seconds = options.record.seconds.value_or(kLength);
+  command.json = options.json;
+  const TemporaryFolder folder;
+  const Time length = static_cast<Time>(*command.record.seconds * kSecond) + kSecond;
+  const std::vector<std::filesystem::path> clips =
+      WriteClips(BuiltInChannels(length), folder.path());
+  command.wall = DemoWall(options, clips);
+  return RunWallCommand(command, streams);
+}
 
 void DefineDemo(CLI::App& app, DemoOptions& options) {
   DefineRecord(app, options.record);

@@ -2,6 +2,10 @@
 
 #include <CLI/CLI.hpp>
 
+#include "host/cli/check.h"
+#include "host/cli/wall_command.h"
+#include "host/wall/wall_reader.h"
+
 namespace host::cli {
 
 void DefineRun(CLI::App& app, RunOptions& options) {
@@ -11,6 +15,14 @@ void DefineRun(CLI::App& app, RunOptions& options) {
   app.add_flag("--events", options.events, "print alarms and changes as lines of JSON")
       ->envname("TAVREL_EVENTS");
   DefineGraph(app, options.graph);
+}
+
+ExitCode Run(const RunOptions& options, Streams& streams) {
+  const wall::WallFile file = wall::ReadWall(options.wall);
+  if (!ReportWall(file, options.wall, streams)) {
+    return ExitCode::kBadWall;
+  }
+  return RunWallCommand({file.wall, options.graph, options.record, true, options.json}, streams);
 }
 
 }  // namespace host::cli

@@ -1,0 +1,66 @@
+#include "host/cli/stop_signals.h"
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <system_error>
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+namespace host::cli {
+namespace {
+
+// What a signal handler may touch: lock-free atomics and write.
+std::atomic<int> requests{0};
+std::atomic<int> wakeUp{-1};
+struct sigaction formerInterrupt;
+struct sigaction formerTerminate;
+
+void HandleSignal(int signal) {
+  const int savedErrno = errno;
+  if (requests.fetch_add(1) > 0) {
+    _exit(128 + signal);
+  }
+  const std::uint64_t one = 1;
+  [[maybe_unused]] const ssize_t put = write(wakeUp.load(), &one, sizeof(one));
+  errno = savedErrno;
+}
+
+}  // namespace
+
+StopSignals::StopSignals() {
+  const int descriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (descriptor < 0) {
+    throw std::system_error(errno, std::generic_category(), "cannot wait for signals");
+  }
+  requests = 0;
+  wakeUp = descriptor;
+  struct sigaction action {};
+  action.sa_handler = &HandleSignal;
+  action.sa_flags = SA_RESTART;
+  sigaction(SIGINT, &action, &formerInterrupt);
+  sigaction(SIGTERM, &action, &formerTerminate);
+}
+
+StopSignals::~StopSignals() {
+  sigaction(SIGINT, &formerInterrupt, nullptr);
+  sigaction(SIGTERM, &formerTerminate, nullptr);
+  close(wakeUp.exchange(-1));
+}
+
+bool StopSignals::Requested() const {
+  return requests.load() > 0;
+}
+
+bool StopSignals::WaitFor(std::chrono::milliseconds limit) const {
+  if (!Requested()) {
+    pollfd waiting{wakeUp.load(), POLLIN, 0};
+    poll(&waiting, 1, static_cast<int>(limit.count()));
+  }
+  return Requested();
+}
+
+}  // namespace host::cli
