@@ -121,7 +121,7 @@ TEST_F(AlarmPinsTest, ReadTheWireForms) {
 TEST_F(AlarmPinsTest, MoveTheirTimesAsTheWindowDoes) {
   ConnectBackground();
   ConnectWindow(0, 16, 16);
-  ASSERT_EQ(SendBackground(5000000), S_OK);
+  SetPresent(5000000);
   ASSERT_EQ(SendPicture(0, 0, 0), S_OK);
   Send(*text_, "label", 1000000);
   EXPECT_EQ(NearestText(16000000), "label");

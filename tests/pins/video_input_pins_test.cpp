@@ -37,7 +37,7 @@ class WindowPinTest : public ComposerFixture {
 };
 
 TEST_F(WindowPinTest, TheFirstSampleFixesItsTimeToTheComposersClock) {
-  ASSERT_EQ(SendBackground(50 * kFrame), S_OK);
+  SetPresent(50 * kFrame);
   ASSERT_EQ(SendPicture(0, 7 * kFrame, 0), S_OK);
   EXPECT_EQ(Pin().TimeOffset(), 43 * kFrame);
   EXPECT_EQ(Pin().Latency(), 10000000);
@@ -47,14 +47,14 @@ TEST_F(WindowPinTest, TheFirstSampleFixesItsTimeToTheComposersClock) {
 TEST_F(WindowPinTest, KeepsItsOffsetWhileTheQueueIsNeitherShortNorLong) {
   Send(3);
   const REFERENCE_TIME offset = Pin().TimeOffset();
-  ASSERT_EQ(SendBackground(10 * kFrame), S_OK);
+  SetPresent(10 * kFrame);
   ASSERT_EQ(SendPicture(0, 100 * kFrame, 0), S_OK);
   EXPECT_EQ(Pin().TimeOffset(), offset);
 }
 
 TEST_F(WindowPinTest, ADiscontinuityFixesTheTimeAnew) {
   Send(3);
-  ASSERT_EQ(SendBackground(10 * kFrame), S_OK);
+  SetPresent(10 * kFrame);
   const ComPtr<IMediaSample> sample = sources_[0]->NewSample(100 * kFrame, 101 * kFrame);
   sample->SetDiscontinuity(TRUE);
   ASSERT_EQ(sources_[0]->Send(sample.Get()), S_OK);
@@ -64,7 +64,7 @@ TEST_F(WindowPinTest, ADiscontinuityFixesTheTimeAnew) {
 TEST_F(WindowPinTest, CutsAQueueThatGrowsTooLongBackToOneLatency) {
   Send(78);
   EXPECT_EQ(Pin().QueueLength(), 78U);
-  ASSERT_EQ(SendBackground(200 * kFrame), S_OK);
+  SetPresent(200 * kFrame);
   Send(1, 78 * kFrame);
   // What starts one second (25 frames) before the newest survives, the newest comes behind.
   EXPECT_EQ(Pin().QueueLength(), 26U);

@@ -72,6 +72,14 @@ HRESULT ComposerFixture::SendBackground(std::optional<REFERENCE_TIME> start, BYT
   return background_->Send(sample.Get());
 }
 
+void ComposerFixture::SetPresent(REFERENCE_TIME start) {
+  if (composer_->IsStopped()) {
+    ASSERT_EQ(filter_->Pause(), S_OK);
+  }
+  ASSERT_EQ(SendBackground(start), S_OK);
+  ASSERT_EQ(filter_->Pause(), S_OK);
+}
+
 ComPtr<IMediaSample> ComposerFixture::Compose(REFERENCE_TIME start, BYTE luma) {
   sink_->Forget();
   EXPECT_EQ(SendBackground(start, luma), S_OK);

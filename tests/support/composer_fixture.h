@@ -90,6 +90,9 @@ class ComposerFixture : public testing::Test {
   ComPtr<IMediaSample> Compose(REFERENCE_TIME start, BYTE luma = 16);
   // Sends one without waiting.
   HRESULT SendBackground(std::optional<REFERENCE_TIME> start, BYTE luma = 16);
+  // Makes a moment the composer's present time, and returns when nothing is being composed any more.
+  // The filter is paused then.
+  void SetPresent(REFERENCE_TIME start);
   // Sends a window picture of one luma.
   HRESULT SendPicture(LONG index, REFERENCE_TIME start, BYTE luma);
   // Waits until a background frame has been composed or dropped: all its references are gone but
