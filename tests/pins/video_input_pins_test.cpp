@@ -45,9 +45,9 @@ TEST_F(WindowPinTest, TheFirstSampleFixesItsTimeToTheComposersClock) {
 }
 
 TEST_F(WindowPinTest, KeepsItsOffsetWhileTheQueueIsNeitherShortNorLong) {
-  Send(3);
+  Send(10);
   const REFERENCE_TIME offset = Pin().TimeOffset();
-  SetPresent(10 * kFrame);
+  SetPresent(-30 * kFrame);  // long before any picture is due: nothing is released
   ASSERT_EQ(SendPicture(0, 100 * kFrame, 0), S_OK);
   EXPECT_EQ(Pin().TimeOffset(), offset);
 }
@@ -62,9 +62,9 @@ TEST_F(WindowPinTest, ADiscontinuityFixesTheTimeAnew) {
 }
 
 TEST_F(WindowPinTest, CutsAQueueThatGrowsTooLongBackToOneLatency) {
+  SetPresent(200 * kFrame);
   Send(78);
   EXPECT_EQ(Pin().QueueLength(), 78U);
-  SetPresent(200 * kFrame);
   Send(1, 78 * kFrame);
   // What starts one second (25 frames) before the newest survives, the newest comes behind.
   EXPECT_EQ(Pin().QueueLength(), 26U);
