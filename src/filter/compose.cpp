@@ -219,6 +219,11 @@ HRESULT CCompose::GetInputPins(LONG index, IPin** video, IPin** audioInput, IPin
   if (entry == inputs.end()) {
     return S_FALSE;
   }
+  for (IPin** const pin : {video, audioInput, videoAlarm, audioAlarm, text}) {
+    if (pin == nullptr) {
+      return E_POINTER;
+    }
+  }
   *video = entry->second.video.get();
   *audioInput = entry->second.audioInput.get();
   *videoAlarm = entry->second.videoAlarm.get();

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <limits>
 #include <span>
 
 #include "platform/dshow/vfw_errors.h"
@@ -14,6 +15,14 @@ namespace {
 // Towards zero, to an even number of pixels.
 LONG MakeEven(LONG position) {
   return position / 2 * 2;
+}
+
+// Where a bar of some thickness starts that ends with the window. A host may say any position: what
+// is far outside the canvas stays there.
+LONG FarEdge(LONG position, LONG size, LONG thickness) {
+  return static_cast<LONG>(std::clamp<LONGLONG>(LONGLONG{position} + size - thickness,
+                                                std::numeric_limits<LONG>::min(),
+                                                std::numeric_limits<LONG>::max()));
 }
 
 // A sample's type, when it carries one. Throws when the sample cannot tell.
@@ -214,10 +223,12 @@ void FrameComposer::DrawSelectors(BYTE* canvas) {
       continue;
     }
     const WindowState& window = windows_[i];
+    const LONG lower = FarEdge(window.y, window.h, t);
+    const LONG right = FarEdge(window.x, window.w, t);
     DrawSelectorBar(canvas, width, height, window.x, window.y, window.w, t);
-    DrawSelectorBar(canvas, width, height, window.x, window.y + window.h - t, window.w, t);
+    DrawSelectorBar(canvas, width, height, window.x, lower, window.w, t);
     DrawSelectorBar(canvas, width, height, window.x, window.y, t, window.h);
-    DrawSelectorBar(canvas, width, height, window.x + window.w - t, window.y, t, window.h);
+    DrawSelectorBar(canvas, width, height, right, window.y, t, window.h);
   }
 }
 

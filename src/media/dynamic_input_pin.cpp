@@ -24,8 +24,11 @@ HRESULT CInputPinWithDynamicMediaType::ReceiveConnection(IPin* connector,
     BreakConnect();
     return hr;
   }
-  const CMediaType proposed(*type);
-  hr = CheckMediaType(&proposed);
+  CMediaType proposed;
+  hr = proposed.Set(*type);
+  if (SUCCEEDED(hr)) {
+    hr = CheckMediaType(&proposed);
+  }
   if (hr != S_OK) {
     BreakConnect();
     return RefusalOfType(hr);

@@ -73,8 +73,8 @@ HRESULT CComposeAlarmInputPin<T>::OnReceive(IMediaSample* sample) {
   T record{};
   try {
     ParseRecord(sample, &record);
-  } catch (const char* reason) {
-    filter->logger.load()->log(qorp::log::kWarning, "%s: %s", SideStream<T>::objectName, reason);
+  } catch (const char* /*tooShort*/) {
+    // No exception of its kind passes the face towards the sender.
     return E_FAIL;
   }
   REFERENCE_TIME start = 0;

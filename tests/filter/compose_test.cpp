@@ -35,10 +35,19 @@ TEST_F(ComposeTest, ShowsItsPinsInTheirFixedOrder) {
   composer_->AddInput(0, nullptr);
   composer_->AddInput(1, nullptr);
   EXPECT_EQ(composer_->GetPinCount(), 14);
-  const char* const expected[] = {"InputVideo0",  "InputAudio0", "UTF8 Text",
-                                  "OutputAudio0", "Video Alarm", "Audio Alarm",
-                                  "InputVideo1",  "InputAudio1", "UTF8 Text",
-                                  "OutputAudio1", "Video Alarm", "Audio Alarm", "-"};
+  const char* const expected[] = {"InputVideo0",
+                                  "InputAudio0",
+                                  "UTF8 Text",
+                                  "OutputAudio0",
+                                  "Video Alarm",
+                                  "Audio Alarm",
+                                  "InputVideo1",
+                                  "InputAudio1",
+                                  "UTF8 Text",
+                                  "OutputAudio1",
+                                  "Video Alarm",
+                                  "Audio Alarm",
+                                  "-"};
   for (int i = 0; i < 13; ++i) {
     EXPECT_EQ(NameAt(2 + i), expected[i]);
   }
@@ -131,7 +140,8 @@ class AspectTest : public ComposerFixture {
  protected:
   std::pair<int, int> AspectOf(LONG numerator, LONG denominator) {
     EXPECT_EQ(
-        composer_->Configure(0, &logger_, kWidth, kHeight, numerator, denominator, 0, {25, 1}), S_OK);
+        composer_->Configure(0, &logger_, kWidth, kHeight, numerator, denominator, 0, {25, 1}),
+        S_OK);
     CMediaType type;
     EXPECT_EQ(composer_->GetPin(1)->GetMediaType(0, &type), S_OK);
     const auto* const header = reinterpret_cast<VIDEOINFOHEADER2*>(type.pbFormat);

@@ -148,8 +148,7 @@ TEST_F(FrameLoopTest, ABackgroundFrameLeavesMarkedAsInterlaced) {
       return -1;
     }
     const OwnedMediaType owned(carried);
-    return static_cast<int>(
-        reinterpret_cast<VIDEOINFOHEADER2*>(owned->pbFormat)->dwInterlaceFlags);
+    return static_cast<int>(reinterpret_cast<VIDEOINFOHEADER2*>(owned->pbFormat)->dwInterlaceFlags);
   };
   CMediaType type = fakes::Yv12Type(kWidth, kHeight, kFrame);
   reinterpret_cast<VIDEOINFOHEADER2*>(type.pbFormat)->dwInterlaceFlags = 0x40;

@@ -22,14 +22,14 @@ void ComposerFixture::Make(LONG inputs, REFERENCE_TIME prerollPeriod) {
 
 void ComposerFixture::ConnectBackground(const CMediaType& type) {
   background_->pin.types = {type};
-  background_->pin.wanted = {80, PictureBytes(kWidth, kHeight), 32, 0};
+  background_->pin.wanted = {80, static_cast<LONG>(PictureBytes(kWidth, kHeight)), 32, 0};
   ASSERT_EQ(graph_->ConnectDirect(&background_->pin, composer_->GetPin(0), nullptr), S_OK);
 }
 
 void ComposerFixture::ConnectWindow(LONG index, LONG width, LONG height) {
   fakes::Source& source = *sources_[static_cast<std::size_t>(index)];
   source.pin.types = {fakes::Yv12Type(width, height, kFrame)};
-  source.pin.wanted = {100, PictureBytes(width, height), 32, 0};
+  source.pin.wanted = {100, static_cast<LONG>(PictureBytes(width, height)), 32, 0};
   ASSERT_EQ(graph_->ConnectDirect(&source.pin, composer_->GetPin(2 + 6 * index), nullptr), S_OK);
 }
 

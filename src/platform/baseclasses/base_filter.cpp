@@ -1,6 +1,7 @@
 #include "platform/baseclasses/base_filter.h"
 
 #include <algorithm>
+#include <new>
 
 #include "platform/baseclasses/base_pin.h"
 #include "platform/baseclasses/enumerators.h"
@@ -148,8 +149,8 @@ HRESULT CBaseFilter::EnumPins(IEnumPins** enumerator) {
   if (enumerator == nullptr) {
     return E_POINTER;
   }
-  *enumerator = ComPtr<IEnumPins>(new CEnumPins(this, nullptr)).Detach();
-  return S_OK;
+  *enumerator = ComPtr<IEnumPins>(new (std::nothrow) CEnumPins(this, nullptr)).Detach();
+  return *enumerator != nullptr ? S_OK : E_OUTOFMEMORY;
 }
 
 HRESULT CBaseFilter::FindPin(LPCWSTR id, IPin** pin) {

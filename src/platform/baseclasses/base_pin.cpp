@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 
 #include "platform/baseclasses/enumerators.h"
 #include "platform/dshow/vfw_errors.h"
@@ -85,9 +86,12 @@ HRESULT CBasePin::Connect(IPin* receivePin, const AM_MEDIA_TYPE* type) {
     return VFW_E_NOT_STOPPED;
   }
   HRESULT hr = CheckConnect(receivePin);
+  CMediaType wanted;
+  if (SUCCEEDED(hr) && type != nullptr) {
+    hr = wanted.Set(*type);
+  }
   if (SUCCEEDED(hr)) {
     BreakConnect();
-    const CMediaType wanted = type != nullptr ? CMediaType(*type) : CMediaType();
     hr = AgreeMediaType(receivePin, type != nullptr ? &wanted : nullptr);
   }
   if (FAILED(hr)) {
@@ -131,7 +135,10 @@ HRESULT CBasePin::TryMediaTypes(IPin* receivePin, const CMediaType* wanted,
       return failure;
     }
     const OwnedMediaType owned(listed);
-    const CMediaType candidate(*listed);
+    CMediaType candidate;
+    if (FAILED(candidate.Set(*listed))) {
+      return E_OUTOFMEMORY;
+    }
     if (wanted != nullptr && !candidate.MatchesPartial(*wanted)) {
       continue;
     }
@@ -190,8 +197,11 @@ HRESULT CBasePin::ReceiveConnection(IPin* connector, const AM_MEDIA_TYPE* type) 
     BreakConnect();
     return hr;
   }
-  const CMediaType proposed(*type);
-  hr = CheckMediaType(&proposed);
+  CMediaType proposed;
+  hr = proposed.Set(*type);
+  if (SUCCEEDED(hr)) {
+    hr = CheckMediaType(&proposed);
+  }
   if (hr != S_OK) {
     BreakConnect();
     return RefusalOfType(hr);
@@ -287,16 +297,16 @@ HRESULT CBasePin::QueryAccept(const AM_MEDIA_TYPE* type) {
   if (type == nullptr) {
     return E_POINTER;
   }
-  const CMediaType asked(*type);
-  return CheckMediaType(&asked) == S_OK ? S_OK : S_FALSE;
+  CMediaType asked;
+  return SUCCEEDED(asked.Set(*type)) && CheckMediaType(&asked) == S_OK ? S_OK : S_FALSE;
 }
 
 HRESULT CBasePin::EnumMediaTypes(IEnumMediaTypes** enumerator) {
   if (enumerator == nullptr) {
     return E_POINTER;
   }
-  *enumerator = ComPtr<IEnumMediaTypes>(new CEnumMediaTypes(this, nullptr)).Detach();
-  return S_OK;
+  *enumerator = ComPtr<IEnumMediaTypes>(new (std::nothrow) CEnumMediaTypes(this, nullptr)).Detach();
+  return *enumerator != nullptr ? S_OK : E_OUTOFMEMORY;
 }
 
 HRESULT CBasePin::QueryInternalConnections(IPin** /*pins*/, ULONG* /*count*/) {

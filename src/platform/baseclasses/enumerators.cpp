@@ -1,6 +1,7 @@
 #include "platform/baseclasses/enumerators.h"
 
 #include <memory>
+#include <new>
 
 #include "platform/dshow/vfw_errors.h"
 
@@ -92,8 +93,8 @@ HRESULT CEnumPins::Clone(IEnumPins** copy) {
   if (IsOutOfSync()) {
     return VFW_E_ENUM_OUT_OF_SYNC;
   }
-  *copy = ComPtr<IEnumPins>(new CEnumPins(filter_, this)).Detach();
-  return S_OK;
+  *copy = ComPtr<IEnumPins>(new (std::nothrow) CEnumPins(filter_, this)).Detach();
+  return *copy != nullptr ? S_OK : E_OUTOFMEMORY;
 }
 
 CEnumMediaTypes::CEnumMediaTypes(CBasePin* pin, const CEnumMediaTypes* original)
@@ -188,6 +189,6 @@ HRESULT CEnumMediaTypes::Clone(IEnumMediaTypes** copy) {
   if (IsOutOfSync()) {
     return VFW_E_ENUM_OUT_OF_SYNC;
   }
-  *copy = ComPtr<IEnumMediaTypes>(new CEnumMediaTypes(pin_, this)).Detach();
-  return S_OK;
+  *copy = ComPtr<IEnumMediaTypes>(new (std::nothrow) CEnumMediaTypes(pin_, this)).Detach();
+  return *copy != nullptr ? S_OK : E_OUTOFMEMORY;
 }

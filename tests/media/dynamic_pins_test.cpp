@@ -1,0 +1,290 @@
+#include <new>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "media/dynamic_input_pin.h"
+#include "media/dynamic_output_pin.h"
+#include "media/upstream_pin.h"
+#include "platform/dshow/vfw_errors.h"
+#include "tests/support/fake_filters.h"
+#include "util/exceptions.h"
+
+namespace {
+
+using fakes::Sink;
+using fakes::Source;
+using testing::ElementsAre;
+
+constexpr CLSID kClass{7, 7, 7, {7, 7, 7, 7, 7, 7, 7, 7}};
+
+// An input pin whose steps the test sees.
+class WatchedPin final : public CInputPinWithDynamicMediaType {
+ public:
+  WatchedPin(CBaseFilter* filter, CCritSec* lock)
+      : CInputPinWithDynamicMediaType("watched", filter, lock, nullptr, u"In") {}
+
+  HRESULT CheckMediaType(const CMediaType* type) override { return accepts(*type); }
+  HRESULT SetMediaType(const CMediaType* type) override {
+    steps.push_back("type");
+    return CInputPinWithDynamicMediaType::SetMediaType(type);
+  }
+  HRESULT CompleteConnect(IPin* pin) override {
+    steps.push_back("connect");
+    return CInputPinWithDynamicMediaType::CompleteConnect(pin);
+  }
+  HRESULT OnReconnect(IPin* pin) override {
+    steps.push_back("reconnect");
+    return CInputPinWithDynamicMediaType::OnReconnect(pin);
+  }
+  HRESULT OnReceive(IMediaSample* sample) override {
+    steps.push_back("sample");
+    received = ComPtr<IMediaSample>(sample);
+    return onReceive();
+  }
+  HRESULT GetAllocatorRequirements(ALLOCATOR_PROPERTIES* properties) override {
+    if (!requirements.has_value()) {
+      return E_NOTIMPL;
+    }
+    *properties = *requirements;
+    return S_OK;
+  }
+
+  std::function<HRESULT(const CMediaType&)> accepts = [](const CMediaType&) { return S_OK; };
+  std::function<HRESULT()> onReceive = [] { return S_OK; };
+  std::optional<ALLOCATOR_PROPERTIES> requirements;
+  std::vector<std::string> steps;
+  ComPtr<IMediaSample> received;
+};
+
+class WatchedFilter final : public CBaseFilter {
+ public:
+  WatchedFilter() : CBaseFilter("watched", nullptr, &lock_, kClass), pin(this, &lock_) {}
+  int GetPinCount() override { return 1; }
+  CBasePin* GetPin(int position) override { return position == 0 ? &pin : nullptr; }
+
+ private:
+  CCritSec lock_;
+
+ public:
+  WatchedPin pin;
+};
+
+CMediaType TypeOf(IMediaSample* sample) {
+  AM_MEDIA_TYPE* type = nullptr;
+  if (sample->GetMediaType(&type) != S_OK) {
+    return {};
+  }
+  const OwnedMediaType owned(type);
+  return CMediaType(*owned);
+}
+
+class DynamicInputPinTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    source_->pin.types = {small_, large_};
+    ASSERT_EQ(source_->pin.Connect(&filter_->pin, nullptr), S_OK);
+    filter_->pin.steps.clear();
+  }
+  void TearDown() override {
+    filter_->pin.received.Reset();
+    for (const ComPtr<Source>& source : {source_, other_}) {
+      source->pin.SetReconnectWhenActive(true);
+      source->pin.Disconnect();
+    }
+    filter_->Stop();
+    filter_->pin.Disconnect();
+  }
+  WatchedPin& pin() { return filter_->pin; }
+
+  const CMediaType small_ = fakes::Yv12Type(16, 16);
+  const CMediaType large_ = fakes::Yv12Type(32, 32);
+  ComPtr<Source> source_ = Source::Create();
+  ComPtr<Source> other_ = Source::Create();
+  ComPtr<WatchedFilter> filter_{std::make_unique<WatchedFilter>().release()};
+};
+
+TEST_F(DynamicInputPinTest, TheFirstSampleCarriesTheTypeOfTheConnection) {
+  const ComPtr<IMediaSample> first = source_->NewSample(0, 1);
+  ASSERT_EQ(source_->Send(first.Get()), S_OK);
+  EXPECT_TRUE(TypeOf(pin().received.Get()) == small_);
+  EXPECT_FALSE(TypeOf(first.Get()).IsValid()) << "the upstream sample is left as it was";
+  const ComPtr<IMediaSample> second = source_->NewSample(1, 2);
+  ASSERT_EQ(source_->Send(second.Get()), S_OK);
+  EXPECT_EQ(pin().received, second) << "handed on as it is";
+}
+
+TEST_F(DynamicInputPinTest, ATypeInTheStreamIsSetBeforeItsSample) {
+  const ComPtr<IMediaSample> sample = source_->NewSample(0, 1);
+  CMediaType type = large_;
+  sample->SetMediaType(&type);
+  ASSERT_EQ(source_->Send(sample.Get()), S_OK);
+  EXPECT_THAT(pin().steps, ElementsAre("type", "sample"));
+  EXPECT_EQ(pin().received, sample);
+  CMediaType now;
+  pin().ConnectionMediaType(&now);
+  EXPECT_TRUE(now == large_);
+}
+
+TEST_F(DynamicInputPinTest, TheSamePinReconnectsWhileTheGraphRuns) {
+  ASSERT_EQ(source_->Send(source_->NewSample(0, 1).Get()), S_OK);
+  ASSERT_EQ(filter_->Run(0), S_OK);
+  pin().steps.clear();
+  ASSERT_EQ(pin().ReceiveConnection(&source_->pin, &large_), S_OK);
+  EXPECT_THAT(pin().steps, ElementsAre("type", "reconnect"));
+  ASSERT_EQ(source_->Send(source_->NewSample(1, 2).Get()), S_OK);
+  EXPECT_TRUE(TypeOf(pin().received.Get()) == large_) << "the next sample announces the new type";
+}
+
+TEST_F(DynamicInputPinTest, AnotherPinTakesTheConnectionOver) {
+  ASSERT_EQ(pin().ReceiveConnection(&other_->pin, &large_), S_OK);
+  EXPECT_THAT(pin().steps, ElementsAre("type", "connect"));
+  ComPtr<IPin> peer;
+  ASSERT_EQ(pin().ConnectedTo(peer.Put()), S_OK);
+  EXPECT_EQ(peer.Get(), static_cast<IPin*>(&other_->pin));
+}
+
+TEST_F(DynamicInputPinTest, RefusesTypesWithTheRightReason) {
+  EXPECT_EQ(pin().ReceiveConnection(nullptr, &large_), E_POINTER);
+  EXPECT_EQ(pin().ReceiveConnection(&other_->pin, nullptr), E_POINTER);
+  for (const HRESULT refusal : {S_FALSE, E_FAIL, E_INVALIDARG}) {
+    pin().accepts = [&](const CMediaType&) { return refusal; };
+    EXPECT_EQ(pin().ReceiveConnection(&other_->pin, &large_), VFW_E_TYPE_NOT_ACCEPTED);
+  }
+  pin().accepts = [](const CMediaType&) { return E_OUTOFMEMORY; };
+  EXPECT_EQ(pin().ReceiveConnection(&other_->pin, &large_), E_OUTOFMEMORY);
+  EXPECT_EQ(pin().ReceiveConnection(&pin(), &large_), VFW_E_INVALID_DIRECTION);
+}
+
+TEST_F(DynamicInputPinTest, AnswersExceptionsWithResultCodes) {
+  pin().onReceive = []() -> HRESULT { throw COMException(VFW_E_SAMPLE_TIME_NOT_SET); };
+  EXPECT_EQ(source_->Send(source_->NewSample(0, 1).Get()), VFW_E_SAMPLE_TIME_NOT_SET);
+  pin().onReceive = []() -> HRESULT { throw std::bad_alloc(); };
+  EXPECT_EQ(source_->Send(source_->NewSample(0, 1).Get()), E_FAIL);
+}
+
+TEST_F(DynamicInputPinTest, ChecksWhatAnAllocatorOffers) {
+  ALLOCATOR_PROPERTIES offered{4, 100, 1, 0};
+  ALLOCATOR_PROPERTIES actual{};
+  const ComPtr<IMemAllocator> allocator = CMemAllocator::Create();
+  allocator->SetProperties(&offered, &actual);
+  EXPECT_EQ(pin().NotifyAllocator(allocator.Get(), FALSE), S_OK) << "no demands";
+  pin().requirements = ALLOCATOR_PROPERTIES{4, 100, 1, 0};
+  EXPECT_EQ(pin().NotifyAllocator(allocator.Get(), FALSE), S_OK);
+  pin().requirements = ALLOCATOR_PROPERTIES{5, 100, 1, 0};
+  EXPECT_EQ(pin().NotifyAllocator(allocator.Get(), FALSE), E_FAIL);
+  pin().requirements = ALLOCATOR_PROPERTIES{4, 101, 1, 0};
+  EXPECT_EQ(pin().NotifyAllocator(allocator.Get(), FALSE), E_FAIL);
+}
+
+class ChangingPin final : public COutputPinWithDynamicMediaType {
+ public:
+  ChangingPin(CBaseFilter* filter, CCritSec* lock)
+      : COutputPinWithDynamicMediaType("changing", filter, lock, nullptr, u"Out") {}
+  HRESULT CheckMediaType(const CMediaType*) override { return S_OK; }
+  HRESULT DecideBufferSize(IMemAllocator* allocator, ALLOCATOR_PROPERTIES* request) override {
+    request->cBuffers = 2;
+    request->cbBuffer = 64;
+    ALLOCATOR_PROPERTIES actual{};
+    return allocator->SetProperties(request, &actual);
+  }
+};
+
+class ChangingFilter final : public CBaseFilter {
+ public:
+  ChangingFilter() : CBaseFilter("changing", nullptr, &lock_, kClass), pin(this, &lock_) {}
+  int GetPinCount() override { return 1; }
+  CBasePin* GetPin(int position) override { return position == 0 ? &pin : nullptr; }
+
+ private:
+  CCritSec lock_;
+
+ public:
+  ChangingPin pin;
+};
+
+class DynamicOutputPinTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(filter_->pin.Connect(&sink_->pin, &small_), S_OK);
+    ASSERT_EQ(sink_->Run(0), S_OK);
+    ASSERT_EQ(filter_->Run(0), S_OK);
+  }
+  void TearDown() override {
+    sink_->Forget();
+    filter_->Stop();
+    sink_->Stop();
+    filter_->pin.Disconnect();
+    sink_->pin.Disconnect();
+  }
+  CMediaType SendAndGetType() {
+    ComPtr<IMediaSample> sample;
+    EXPECT_EQ(filter_->pin.GetDeliveryBuffer(sample.Put(), nullptr, nullptr, AM_GBF_NOWAIT), S_OK);
+    EXPECT_EQ(filter_->pin.Deliver(sample.Get()), S_OK);
+    sample.Reset();
+    const CMediaType type = TypeOf(sink_->Samples().back().Get());
+    sink_->Forget();
+    return type;
+  }
+
+  const CMediaType small_ = fakes::Yv12Type(16, 16);
+  const CMediaType large_ = fakes::Yv12Type(32, 32);
+  ComPtr<ChangingFilter> filter_{std::make_unique<ChangingFilter>().release()};
+  ComPtr<Sink> sink_ = Sink::Create();
+};
+
+TEST_F(DynamicOutputPinTest, MarksTheFirstSampleOfAConnectionAndOfAChange) {
+  EXPECT_TRUE(SendAndGetType() == small_);
+  EXPECT_FALSE(SendAndGetType().IsValid());
+  ASSERT_EQ(filter_->pin.ChangeMediaType(large_, false), S_OK);
+  EXPECT_TRUE(SendAndGetType() == large_);
+  EXPECT_FALSE(SendAndGetType().IsValid());
+  ASSERT_EQ(filter_->pin.ChangeMediaType(large_, false), S_OK) << "nothing changes";
+  EXPECT_FALSE(SendAndGetType().IsValid());
+}
+
+TEST_F(DynamicOutputPinTest, AsksThePeerBeforeAChange) {
+  sink_->pin.accepts = [](const CMediaType&) { return S_FALSE; };
+  EXPECT_EQ(filter_->pin.ChangeMediaType(large_, false), VFW_E_TYPE_NOT_ACCEPTED);
+  CMediaType now;
+  filter_->pin.ConnectionMediaType(&now);
+  EXPECT_TRUE(now == small_);
+}
+
+TEST_F(DynamicOutputPinTest, AReconnectionMakesTheAllocatorAnew) {
+  EXPECT_EQ(filter_->pin.ChangeMediaType(large_, true), VFW_E_ALREADY_CONNECTED)
+      << "a plain input pin takes no second connection";
+  const ComPtr<WatchedFilter> willing(std::make_unique<WatchedFilter>().release());
+  filter_->Stop();
+  filter_->pin.Disconnect();
+  EXPECT_EQ(filter_->pin.ChangeMediaType(large_, true), S_OK) << "nobody is there to ask";
+  ASSERT_EQ(filter_->pin.Connect(&willing->pin, &small_), S_OK);
+  filter_->Run(0);
+  const ComPtr<IMemAllocator> former = filter_->pin.HeldAllocator();
+  ASSERT_EQ(filter_->pin.ChangeMediaType(large_, true), S_OK);
+  ComPtr<IMediaSample> sample;
+  EXPECT_EQ(filter_->pin.GetDeliveryBuffer(sample.Put(), nullptr, nullptr, AM_GBF_NOWAIT), S_OK)
+      << "committed and ready";
+  sample.Reset();
+  filter_->Stop();
+  filter_->pin.Disconnect();
+  willing->pin.Disconnect();
+}
+
+TEST_F(DynamicOutputPinTest, AnUpStreamPinHandsOutBuffersAsMediaData) {
+  UpStreamPin outlet(&filter_->pin);
+  MediaData* raw = nullptr;
+  ASSERT_EQ(outlet.GetDeliveryBuffer(&raw, nullptr, nullptr, AM_GBF_NOWAIT), S_OK);
+  {
+    const auto data = ComPtr<MediaData>::Adopt(raw);
+    EXPECT_EQ(outlet.Deliver(data.Get()), S_OK);
+  }
+  EXPECT_EQ(sink_->Count(), 1U);
+  EXPECT_EQ(outlet.DeliverEndOfStream(), S_OK);
+  EXPECT_EQ(sink_->pin.endsOfStream, 1);
+  EXPECT_EQ(outlet.Deactivate(), S_OK);
+  EXPECT_EQ(outlet.GetDeliveryBuffer(&raw, nullptr, nullptr, AM_GBF_NOWAIT), VFW_E_NOT_COMMITTED);
+  EXPECT_EQ(outlet.Activate(), S_OK);
+}
+
+}  // namespace
