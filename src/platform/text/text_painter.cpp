@@ -43,6 +43,13 @@ void SetAttributes(PangoLayout* layout) {
   pango_attr_list_unref(attributes);
 }
 
+int AscentOf(PangoContext* context, const PangoFontDescription* font) {
+  PangoFontMetrics* const metrics = pango_context_get_metrics(context, font, nullptr);
+  const int ascent = pango_font_metrics_get_ascent(metrics);
+  pango_font_metrics_unref(metrics);
+  return ascent;
+}
+
 // In layout units, from the left.
 int LineStart(int lineWidth, int width, TextAlignment alignment) {
   switch (alignment) {
@@ -131,6 +138,7 @@ struct TextPainter::State {
   DrawingSurface colour;
 
   std::string family;  // family in use
+  int ascent = 0;      // of the font, layout units
   std::string utf8;    // scratch
   CoverageColours colours;
   std::vector<std::uint8_t> pixels;
@@ -142,6 +150,7 @@ struct TextPainter::State {
   void Resize(const TextPainting& painting);
   void LayOut(const TextPainting& painting);
   bool LayoutHasColour() const;
+  int BaselineShift(PangoLayoutIter* firstLine) const;
   void Draw(cairo_t* cairo, const TextPainting& painting) const;
   void PaintText(const TextPainting& painting);
 };
@@ -183,6 +192,7 @@ bool TextPainter::SetFont(std::u16string_view family, int points) {
   pango_font_description_set_size(state_->font.get(), std::max(points, 1) * PANGO_SCALE);
   pango_layout_set_font_description(state_->layout.get(), state_->font.get());
   state_->family = name;
+  state_->ascent = AscentOf(state_->context.get(), state_->font.get());
   return true;
 }
 
@@ -292,6 +302,19 @@ bool TextPainter::State::LayoutHasColour() const {
   return false;
 }
 
+// Texts side by side stand on one baseline, that of the font, although the fonts that stand in for
+// it would each begin at a height of their own. Never so far up that ink is cut off at the top, nor
+// so far down that a line is cut off at the bottom.
+int TextPainter::State::BaselineShift(PangoLayoutIter* firstLine) const {
+  PangoRectangle inked{};
+  pango_layout_iter_get_line_extents(firstLine, &inked, nullptr);
+  const int baseline = pango_layout_iter_get_baseline(firstLine);
+  int textHeight = 0;
+  pango_layout_get_size(layout.get(), nullptr, &textHeight);
+  const int room = std::max(height * PANGO_SCALE - textHeight, 0);
+  return std::min(std::max(ascent, baseline - inked.y) - baseline, room);
+}
+
 // Line by line: the layout's own alignment would change sides with the direction of the script and
 // has no meaning without wrapping. The layout is not told of the scale: it is laid out as for
 // square pixels and every glyph is drawn narrower or flatter at its scaled place.
@@ -301,12 +324,13 @@ void TextPainter::State::Draw(cairo_t* cairo, const TextPainting& painting) cons
   cairo_scale(cairo, painting.scaleX, painting.scaleY);
   cairo_translate(cairo, -width / 2.0, -height / 2.0);
   const LayoutIterHandle lines(pango_layout_get_iter(layout.get()));
+  const int down = BaselineShift(lines.get());
   do {
     PangoLayoutLine* const line = pango_layout_iter_get_line_readonly(lines.get());
     PangoRectangle logical{};
     pango_layout_iter_get_line_extents(lines.get(), nullptr, &logical);
     const int x = LineStart(logical.width, width * PANGO_SCALE, painting.alignment);
-    const int y = pango_layout_iter_get_baseline(lines.get());
+    const int y = pango_layout_iter_get_baseline(lines.get()) + down;
     cairo_move_to(cairo, pango_units_to_double(x), pango_units_to_double(y));
     pango_cairo_show_layout_line(cairo, line);
   } while (pango_layout_iter_next_line(lines.get()) != FALSE);

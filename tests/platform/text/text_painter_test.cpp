@@ -223,6 +223,16 @@ TEST_F(TextPainterTest, RightToLeftScriptsRunFromTheRight) {
             digits.Crop(digits.Bounds()));
 }
 
+TEST_F(TextPainterTest, TextsOfEveryScriptStandOnTheBaselineOfTheFont) {
+  const PixelBounds one{0, 0, Advance(), 60};
+  const Picture alone = PaintLine(painter, u"H").Crop(one);
+  for (const std::u16string_view text :
+       {std::u16string_view(u"H 中"), std::u16string_view(u"H ह"), std::u16string_view(u"H ש"),
+        std::u16string_view(u"H 📺")}) {
+    EXPECT_EQ(PaintLine(painter, text).Crop(one), alone);
+  }
+}
+
 TEST_F(TextPainterTest, DamagedTextShowsReplacementCharacters) {
   const Picture replaced = PaintLine(painter, u"a\uFFFDb");
   EXPECT_EQ(painter.CountMissingGlyphs(), 0);
