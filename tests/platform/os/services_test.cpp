@@ -10,6 +10,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <pty.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -44,10 +45,19 @@ class Line {
     ::close(write_);
   }
   int WriteEnd() const { return write_; }
-  std::string Read() const {
-    std::array<char, 1000> buffer;
-    const ssize_t count = ::read(read_, buffer.data(), buffer.size());
-    return {buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0))};
+  // Reads as much as is expected: a terminal may hand a line over in pieces.
+  void Expect(const std::string& expected, const std::string& what = {}) const {
+    std::string got;
+    pollfd waiting{read_, POLLIN, 0};
+    while (got.size() < expected.size() && ::poll(&waiting, 1, 10'000) > 0) {
+      std::array<char, 1000> buffer;
+      const ssize_t count = ::read(read_, buffer.data(), buffer.size());
+      if (count <= 0) {
+        break;
+      }
+      got.append(buffer.data(), static_cast<std::size_t>(count));
+    }
+    EXPECT_EQ(got, expected) << what;
   }
 
  private:
@@ -61,16 +71,16 @@ TEST(Console, ColoursLinesOnATerminalOnly) {
   {
     os::Console console(terminal.WriteEnd());
     console.WriteLine(12, "bad");
-    EXPECT_EQ(terminal.Read(), "\x1b[91mbad\r\n");
+    terminal.Expect("\x1b[91mbad\r\n");
     console.WriteLine(14, "odd");
     console.WriteLine(7, "plain");
     console.WriteLine(10, "detail");
-    EXPECT_EQ(terminal.Read(), "\x1b[93modd\r\n\x1b[37mplain\r\n\x1b[92mdetail\r\n");
+    terminal.Expect("\x1b[93modd\r\n\x1b[37mplain\r\n\x1b[92mdetail\r\n");
   }
-  EXPECT_EQ(terminal.Read(), "\x1b[0m") << "the terminal's own colour was not restored";
+  terminal.Expect("\x1b[0m", "the terminal's own colour was not restored");
   const Line pipe(false);
   os::Console(pipe.WriteEnd()).WriteLine(12, "bad");
-  EXPECT_EQ(pipe.Read(), "bad\n");
+  pipe.Expect("bad\n");
 }
 
 TEST(Console, HonoursNoColor) {
@@ -78,7 +88,7 @@ TEST(Console, HonoursNoColor) {
   const Line terminal(true);
   os::Console(terminal.WriteEnd()).WriteLine(12, "bad");
   ::unsetenv("NO_COLOR");
-  EXPECT_EQ(terminal.Read(), "bad\r\n");
+  terminal.Expect("bad\r\n");
 }
 
 TEST(DatagramSocket, SendsEachTextAsOneDatagram) {
