@@ -18,6 +18,22 @@ std::uint8_t ToByte(std::int32_t fixed) {
   return static_cast<std::uint8_t>(std::clamp(fixed >> kBits, 0, 255));
 }
 
+void MoveLuma(const std::uint8_t* from, const std::int16_t* correction, std::uint8_t* to,
+              int count) {
+  for (int i = 0; i < count; ++i) {
+    const auto sum = static_cast<std::int16_t>(from[i] + correction[i]);
+    to[i] = static_cast<std::uint8_t>(
+        std::clamp(sum, static_cast<std::int16_t>(0), static_cast<std::int16_t>(255)));
+  }
+}
+
+void ScaleLuma(const std::uint8_t* from, std::int32_t gain, const std::int32_t* correction,
+               std::uint8_t* to, int count) {
+  for (int i = 0; i < count; ++i) {
+    to[i] = ToByte(gain * from[i] + correction[i]);
+  }
+}
+
 }  // namespace
 
 ColourMatrix::ColourMatrix(LumaWeights source, bool fullRange)
@@ -55,29 +71,50 @@ ColourMatrix::ColourMatrix(LumaWeights source, bool fullRange)
 void ColourMatrix::Apply(ConstPlane y, ConstPlane u, ConstPlane v, Plane outY, Plane outU,
                          Plane outV, int width, int height) {
   correction_.resize(static_cast<std::size_t>(width));
-  std::int32_t* const correction = correction_.data();
-  const std::int32_t chromaOffset = 128 * kOne + kOne / 2;
+  wholeCorrection_.resize(static_cast<std::size_t>(width));
+  // Luma of studio range is only moved: then the correction is rounded for each chroma sample, with
+  // the same result, and the pixels need but a sum of 16 bits.
+  const bool moveOnly = lumaGain_ == kOne;
   for (int row = 0; row < height / 2; ++row) {
-    const std::uint8_t* const inU = u.data + row * u.stride;
-    const std::uint8_t* const inV = v.data + row * v.stride;
-    std::uint8_t* const toU = outU.data + row * outU.stride;
-    std::uint8_t* const toV = outV.data + row * outV.stride;
-    for (int i = 0; i < width / 2; ++i) {
-      const std::int32_t cu = inU[i] - 128;
-      const std::int32_t cv = inV[i] - 128;
-      const std::int32_t luma = lumaOffset_ + lumaOfU_ * cu + lumaOfV_ * cv;
-      correction[2 * i] = luma;
-      correction[2 * i + 1] = luma;
-      toU[i] = ToByte(uOfU_ * cu + uOfV_ * cv + chromaOffset);
-      toV[i] = ToByte(vOfU_ * cu + vOfV_ * cv + chromaOffset);
-    }
-    for (int half = 0; half < 2; ++half) {
-      const std::uint8_t* const inY = y.data + (2 * row + half) * y.stride;
-      std::uint8_t* const toY = outY.data + (2 * row + half) * outY.stride;
+    ConvertChroma(u.data + row * u.stride, v.data + row * v.stride, outU.data + row * outU.stride,
+                  outV.data + row * outV.stride, width / 2);
+    if (moveOnly) {
       for (int i = 0; i < width; ++i) {
-        toY[i] = ToByte(lumaGain_ * inY[i] + correction[i]);
+        wholeCorrection_[static_cast<std::size_t>(i)] =
+            static_cast<std::int16_t>(correction_[static_cast<std::size_t>(i)] >> kBits);
       }
     }
+    for (int half = 0; half < 2; ++half) {
+      const std::uint8_t* const from = y.data + (2 * row + half) * y.stride;
+      std::uint8_t* const to = outY.data + (2 * row + half) * outY.stride;
+      if (moveOnly) {
+        MoveLuma(from, wholeCorrection_.data(), to, width);
+      } else {
+        ScaleLuma(from, lumaGain_, correction_.data(), to, width);
+      }
+    }
+  }
+}
+
+void ColourMatrix::ConvertChroma(const std::uint8_t* u, const std::uint8_t* v, std::uint8_t* outU,
+                                 std::uint8_t* outV, int count) {
+  // Sixteen bits each way: every processor multiplies those several at a time.
+  const auto lumaOfU = static_cast<std::int16_t>(lumaOfU_);
+  const auto lumaOfV = static_cast<std::int16_t>(lumaOfV_);
+  const auto uOfU = static_cast<std::int16_t>(uOfU_);
+  const auto uOfV = static_cast<std::int16_t>(uOfV_);
+  const auto vOfU = static_cast<std::int16_t>(vOfU_);
+  const auto vOfV = static_cast<std::int16_t>(vOfV_);
+  constexpr std::int32_t kOffset = 128 * kOne + kOne / 2;
+  std::int32_t* const correction = correction_.data();
+  for (int i = 0; i < count; ++i) {
+    const auto cu = static_cast<std::int16_t>(u[i] - 128);
+    const auto cv = static_cast<std::int16_t>(v[i] - 128);
+    const std::int32_t luma = lumaOffset_ + lumaOfU * cu + lumaOfV * cv;
+    correction[2 * i] = luma;
+    correction[2 * i + 1] = luma;
+    outU[i] = ToByte(uOfU * cu + uOfV * cv + kOffset);
+    outV[i] = ToByte(vOfU * cu + vOfV * cv + kOffset);
   }
 }
 

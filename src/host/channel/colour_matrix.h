@@ -50,6 +50,10 @@ class ColourMatrix {
              int width, int height);
 
  private:
+  // Also fills correction_.
+  void ConvertChroma(const std::uint8_t* u, const std::uint8_t* v, std::uint8_t* outU,
+                     std::uint8_t* outV, int count);
+
   bool identity_ = true;
   // In units of 1 / 16384.
   std::int32_t lumaGain_ = 0;
@@ -60,7 +64,9 @@ class ColourMatrix {
   std::int32_t uOfV_ = 0;
   std::int32_t vOfU_ = 0;
   std::int32_t vOfV_ = 0;
-  std::vector<std::int32_t> correction_;  // of one row of luma, for each pixel
+  // Of one row of luma, for each pixel: in the unit above, and rounded to whole steps.
+  std::vector<std::int32_t> correction_;
+  std::vector<std::int16_t> wholeCorrection_;
 };
 
 }  // namespace host
