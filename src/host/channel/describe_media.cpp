@@ -9,6 +9,8 @@ extern "C" {
 #include <libavutil/pixdesc.h>
 }
 
+#include "host/ffmpeg/time_unit.h"
+
 namespace host {
 
 namespace {
@@ -123,6 +125,13 @@ int ChooseAudioStream(const AVFormatContext& input, std::size_t track, const std
   }
   return av_find_best_stream(const_cast<AVFormatContext*>(&input), AVMEDIA_TYPE_AUDIO, -1,
                              videoStream, nullptr, 0);
+}
+
+Time WrapPeriod(const AVStream& stream) {
+  if (stream.pts_wrap_bits <= 0 || stream.pts_wrap_bits >= 62) {
+    return 0;
+  }
+  return av_rescale_q(std::int64_t{1} << stream.pts_wrap_bits, stream.time_base, ffmpeg::kTimeUnit);
 }
 
 }  // namespace host

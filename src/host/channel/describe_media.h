@@ -5,6 +5,7 @@
 #include <string>
 
 #include "host/channel/media_info.h"
+#include "host/units.h"
 
 struct AVFormatContext;
 struct AVStream;
@@ -21,5 +22,8 @@ AudioInfo DescribeAudio(const AVStream& stream);
 // counted from 1, 0 for no wish; videoStream (or -1) decides between equal ones.
 int ChooseAudioStream(const AVFormatContext& input, std::size_t track, const std::string& language,
                       int videoStream);
+
+// After how long the time stamps of the stream begin again from 0; 0: never.
+Time WrapPeriod(const AVStream& stream);
 
 }  // namespace host

@@ -64,6 +64,9 @@ class MediaReader {
   // Options of the settings that neither protocol nor container knows.
   const std::vector<std::string>& unknownOptions() const { return unknownOptions_; }
   std::uint64_t damagedPackets() const;
+  // How often another stream has taken the place of one that ended, as when a service changes its
+  // codec: info() and audioParameters() then describe the new one.
+  std::uint64_t replacements() const { return replacements_; }
   // How often the source began again.
   std::uint64_t repeats() const { return repeats_; }
 
@@ -71,6 +74,8 @@ class MediaReader {
   struct Track {
     int streamIndex = -1;
     std::size_t clockStream = 0;
+    int successor = -1;        // stream that may be taking its place
+    int successorPackets = 0;  // of it since the latest packet of this one
     std::optional<StreamDecoder> decoder;
     Time pictureDuration = 0;
     Time nextStart = 0;                   // end of the latest item handed out
@@ -82,6 +87,8 @@ class MediaReader {
   void StartTrack(std::optional<Track>& track, int streamIndex, std::string& whyNot);
   void ReadPacket();
   void HandlePacket(ffmpeg::Packet packet);
+  void FollowNewStream(int streamIndex);
+  void Replace(Track& track, int streamIndex);
   void FinishPass();
   void Rewind();
   void GiveAudioPacket(const AVPacket& packet, bool discontinuity);
@@ -103,9 +110,11 @@ class MediaReader {
   std::optional<Track> video_;
   std::optional<Track> audio_;
   std::deque<MediaItem> ready_;  // what one packet gave, at most
+  unsigned knownStreams_ = 0;    // when the source was opened
   bool gaveInPass_ = false;
   bool ended_ = false;
   std::uint64_t repeats_ = 0;
+  std::uint64_t replacements_ = 0;
 };
 
 }  // namespace host

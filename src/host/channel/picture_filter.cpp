@@ -11,12 +11,11 @@ extern "C" {
 }
 
 #include "host/ffmpeg/error.h"
+#include "host/ffmpeg/time_unit.h"
 
 namespace host {
 
 namespace {
-
-constexpr AVRational kTimeUnit = {1, static_cast<int>(kSecond)};
 
 AVFilterContext* Add(AVFilterGraph* graph, const char* filter, const char* name) {
   AVFilterContext* context = avfilter_graph_alloc_filter(graph, avfilter_get_by_name(filter), name);
@@ -66,7 +65,7 @@ PictureFilter::PictureFilter(const AVFrame& like, const std::string& description
   parameters->width = like.width;
   parameters->height = like.height;
   parameters->sample_aspect_ratio = like.sample_aspect_ratio;
-  parameters->time_base = kTimeUnit;
+  parameters->time_base = ffmpeg::kTimeUnit;
   int result = av_buffersrc_parameters_set(source_, parameters);
   av_free(parameters);
   ffmpeg::Check(result, "cannot build the picture filter", description);
@@ -88,7 +87,7 @@ void PictureFilter::Receive(const FrameSink& sink) {
       return;
     }
     ffmpeg::Check(result, "cannot filter a picture");
-    frame->pts = av_rescale_q(frame->pts, av_buffersink_get_time_base(sink_), kTimeUnit);
+    frame->pts = av_rescale_q(frame->pts, av_buffersink_get_time_base(sink_), ffmpeg::kTimeUnit);
     sink(std::move(frame));
   }
 }

@@ -36,6 +36,11 @@ bool StreamDecoder::Fits(const AVStream& stream) const {
   return stream.codecpar->codec_id == codec_->codec_id;
 }
 
+void StreamDecoder::CountDamage() {
+  ++damagedPackets_;
+  ++damagedInARow_;
+}
+
 void StreamDecoder::Receive(const FrameSink& sink) {
   // One packet can be damaged in several places, with good frames between them.
   constexpr int kMostErrors = 64;
@@ -49,10 +54,12 @@ void StreamDecoder::Receive(const FrameSink& sink) {
       throw std::bad_alloc();
     }
     if (result < 0) {
-      ++damagedPackets_;
+      CountDamage();
       ++errors;
       continue;
     }
+    gaveFrames_ = true;
+    damagedInARow_ = 0;
     sink(std::move(frame));
   }
 }
@@ -68,7 +75,7 @@ void StreamDecoder::Decode(const AVPacket& packet, const FrameSink& sink) {
     throw std::bad_alloc();
   }
   if (result < 0) {
-    ++damagedPackets_;
+    CountDamage();
   }
   Receive(sink);
 }

@@ -32,12 +32,20 @@ class StreamDecoder {
   // False when the stream's codec has become another one since.
   bool Fits(const AVStream& stream) const;
   std::uint64_t damagedPackets() const { return damagedPackets_; }
+  // It gave frames once, and has given none but errors for many packets: what comes is no longer
+  // what the decoder was made for.
+  bool lost() const { return gaveFrames_ && damagedInARow_ >= kDamagedUntilLost; }
 
  private:
+  static constexpr int kDamagedUntilLost = 25;
+
   void Receive(const FrameSink& sink);
+  void CountDamage();
 
   ffmpeg::Codec codec_;
   std::uint64_t damagedPackets_ = 0;
+  int damagedInARow_ = 0;
+  bool gaveFrames_ = false;
 };
 
 }  // namespace host

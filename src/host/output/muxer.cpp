@@ -12,12 +12,11 @@ extern "C" {
 
 #include "host/ffmpeg/error.h"
 #include "host/ffmpeg/mask.h"
+#include "host/ffmpeg/time_unit.h"
 
 namespace host {
 
 namespace {
-
-constexpr AVRational kTimeUnit = {1, static_cast<int>(kSecond)};
 
 // FFmpeg finds the format of a file by its name, but not that of most URLs.
 const char* FormatOfScheme(const std::string& url) {
@@ -77,7 +76,7 @@ std::size_t Muxer::AddTrack(const AVCodecParameters& parameters) {
   }
   // The tag belongs to the container that the parameters came from.
   stream->codecpar->codec_tag = 0;
-  stream->time_base = kTimeUnit;
+  stream->time_base = ffmpeg::kTimeUnit;
   lastDts_.emplace_back();
   return lastDts_.size() - 1;
 }
@@ -129,7 +128,7 @@ void Muxer::Start() {
 
 void Muxer::Write(std::size_t track, ffmpeg::Packet packet) {
   const AVStream& stream = *output_->streams[track];
-  av_packet_rescale_ts(packet.get(), kTimeUnit, stream.time_base);
+  av_packet_rescale_ts(packet.get(), ffmpeg::kTimeUnit, stream.time_base);
   packet->time_base = stream.time_base;
   packet->stream_index = static_cast<int>(track);
   if (packet->dts == AV_NOPTS_VALUE) {
@@ -149,8 +148,12 @@ void Muxer::Write(std::size_t track, ffmpeg::Packet packet) {
   }
   last = packet->dts;
   deadline_.Arm(settings_.writeLimit);
-  ffmpeg::Check(av_interleaved_write_frame(output_.get(), packet.get()), "cannot write",
-                settings_.url);
+  const int result = av_interleaved_write_frame(output_.get(), packet.get());
+  if (result == AVERROR_INVALIDDATA) {
+    ++damagedPackets_;
+    return;
+  }
+  ffmpeg::Check(result, "cannot write", settings_.url);
 }
 
 void Muxer::Finish() {

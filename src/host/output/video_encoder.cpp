@@ -11,12 +11,11 @@ extern "C" {
 }
 
 #include "host/ffmpeg/error.h"
+#include "host/ffmpeg/time_unit.h"
 
 namespace host {
 
 namespace {
-
-constexpr AVRational kTimeUnit = {1, static_cast<int>(kSecond)};
 
 // By the name of an encoder, otherwise the first encoder of a codec of that name.
 const AVCodec* FindEncoder(const std::string& name) {
@@ -139,8 +138,8 @@ void VideoEncoder::Encode(std::span<const std::uint8_t> yv12, Time start, const 
   if (!firstStart_) {
     firstStart_ = start;
   }
-  lastFrame_ =
-      std::max(av_rescale_q(start - *firstStart_, kTimeUnit, codec_->time_base), lastFrame_ + 1);
+  lastFrame_ = std::max(av_rescale_q(start - *firstStart_, ffmpeg::kTimeUnit, codec_->time_base),
+                        lastFrame_ + 1);
   frame_->pts = lastFrame_;
   frame_->pict_type = AV_PICTURE_TYPE_NONE;
   ffmpeg::Check(avcodec_send_frame(codec_.get(), frame_.get()), "cannot encode a picture");
@@ -163,8 +162,8 @@ void VideoEncoder::Receive(const PacketSink& sink) {
       return;
     }
     ffmpeg::Check(result, "cannot encode a picture");
-    av_packet_rescale_ts(packet.get(), codec_->time_base, kTimeUnit);
-    packet->time_base = kTimeUnit;
+    av_packet_rescale_ts(packet.get(), codec_->time_base, ffmpeg::kTimeUnit);
+    packet->time_base = ffmpeg::kTimeUnit;
     packet->pts += *firstStart_;
     packet->dts += *firstStart_;
     if (packet->duration <= 0) {

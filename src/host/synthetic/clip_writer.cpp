@@ -17,14 +17,13 @@ extern "C" {
 }
 
 #include "host/ffmpeg/error.h"
+#include "host/ffmpeg/time_unit.h"
 #include "host/output/muxer.h"
 #include "host/synthetic/filter_source.h"
 
 namespace host {
 
 namespace {
-
-constexpr AVRational kTimeUnit = {1, static_cast<int>(kSecond)};
 
 const AVCodec* FindEncoder(const std::string& name) {
   const AVCodec* encoder = avcodec_find_encoder_by_name(name.c_str());
@@ -99,7 +98,7 @@ class ClipStream {
     if (!ahead_) {
       return {};
     }
-    const Time time = av_rescale_q(ahead_->pts, source_.timeBase(), kTimeUnit);
+    const Time time = av_rescale_q(ahead_->pts, source_.timeBase(), ffmpeg::kTimeUnit);
     return time < length ? std::optional<Time>(time) : std::nullopt;
   }
 
@@ -139,7 +138,7 @@ class ClipStream {
         return;
       }
       ffmpeg::Check(result, "cannot encode a frame");
-      av_packet_rescale_ts(packet.get(), codec_->time_base, kTimeUnit);
+      av_packet_rescale_ts(packet.get(), codec_->time_base, ffmpeg::kTimeUnit);
       muxer.Write(track, std::move(packet));
     }
   }

@@ -300,6 +300,67 @@ TEST(MediaReader, GoesOnThroughAWrapAndAJumpOfTheTimeStamps) {
   }
 }
 
+// A clip of another codec, size and layout.
+ClipRecipe OtherClip() {
+  ClipRecipe recipe = SmallClip();
+  recipe.pictures = "testsrc2=size=240x180:rate=25,format=yuv420p";
+  recipe.sound = "sine=frequency=300:sample_rate=44100,aformat=channel_layouts=mono";
+  recipe.videoCodec = "mpeg2video";
+  recipe.videoOptions = {{"g", "12"}};
+  recipe.audioCodec = "mp2";
+  return recipe;
+}
+
+TEST(MediaReader, FollowsAServiceThatGoesOnInOtherStreams) {
+  const TemporaryFolder folder;
+  // Long enough that the change is not seen while the source is opened.
+  ClipRecipe recipe = SmallClip();
+  recipe.length = 3 * kSecond;
+  const std::string before = ReadWholeFile(Write(recipe, folder / "before.ts"));
+  recipe = OtherClip();
+  recipe.length = 2 * kSecond;
+  recipe.containerOptions = {{"mpegts_start_pid", "0x200"}, {"tables_version", "3"}};
+  const std::string after = ReadWholeFile(Write(recipe, folder / "after.ts"));
+  const Pipe pipe(folder / "pipe");
+  std::thread writing([&] { std::ofstream(folder / "pipe", std::ios::binary) << before << after; });
+  MediaReader::Settings settings = Source(folder / "pipe");
+  settings.options = {{"probesize", "40000"}};
+  MediaReader reader(settings);
+  reader.Open();
+  EXPECT_EQ(reader.info().video->codec, "h264");
+  const Content content = ReadAll(reader);
+  writing.join();
+  EXPECT_EQ(reader.replacements(), 2U);
+  EXPECT_EQ(reader.info().video->codec, "mpeg2video");
+  EXPECT_EQ(reader.info().audio->codec, "mp2");
+  EXPECT_EQ(reader.audioParameters()->codec_id, AV_CODEC_ID_MP2);
+  EXPECT_EQ(content.pictures.front().frame->width, 160);
+  EXPECT_EQ(content.pictures.back().frame->width, 240);
+  EXPECT_GE(content.pictures.size(), 70U + 25U);
+  for (std::size_t i = 1; i < content.pictures.size(); ++i) {
+    EXPECT_GT(content.pictures[i].start, content.pictures[i - 1].start);
+  }
+}
+
+TEST(MediaReader, FailsForReopeningWhenAStreamChangesItsCodecUnderItsNumber) {
+  const TemporaryFolder folder;
+  const std::string before = ReadWholeFile(Write(SmallClip(), folder / "before.ts"));
+  ClipRecipe recipe = OtherClip();
+  recipe.length = 3 * kSecond;
+  recipe.videoOptions = {{"b", "2M"}, {"g", "12"}};
+  const std::string after = ReadWholeFile(Write(recipe, folder / "after.ts"));
+  WriteWholeFile(folder / "both.ts", before + after);
+  MediaReader reader(Source(folder / "both.ts"));
+  reader.Open();
+  try {
+    ReadAll(reader);
+    FAIL() << "read to the end";
+  } catch (const MediaError& error) {
+    EXPECT_EQ(error.kind(), MediaError::Kind::kFailed);
+    EXPECT_NE(error.reason().find("can no longer be decoded"), std::string::npos);
+  }
+}
+
 TEST(MediaReader, SkipsDamageAndReadsOn) {
   const TemporaryFolder folder;
   std::string bytes = ReadWholeFile(Write(SmallClip(), folder / "a.ts"));

@@ -198,6 +198,29 @@ TEST(Muxer, MovesAPacketThatFallsBehind) {
   EXPECT_LE(muxer.movedPackets(), 6U);
 }
 
+TEST(Muxer, LeavesADamagedPacketOut) {
+  const TemporaryFolder folder;
+  MediaReader reader(Source(Write(SmallClip(), folder / "a.ts")));
+  reader.Open();
+  const Content content = ReadAll(reader);
+  Muxer muxer(To(folder / "b.mkv"));
+  const std::size_t track = muxer.AddAudio(*reader.audioParameters(), "", "");
+  muxer.Start();
+  for (std::size_t i = 0; i < content.packets.size(); ++i) {
+    ffmpeg::Packet packet = ffmpeg::RefPacket(*content.packets[i].packet);
+    if (i == 7) {
+      ASSERT_GE(av_packet_make_writable(packet.get()), 0);
+      packet->data[0] = 0;  // no longer the sync word of a frame
+    }
+    muxer.Write(track, std::move(packet));
+  }
+  muxer.Finish();
+  EXPECT_EQ(muxer.damagedPackets(), 1U);
+  MediaReader again(Source(folder / "b.mkv"));
+  again.Open();
+  EXPECT_EQ(ReadAll(again).packets.size(), content.packets.size() - 1);
+}
+
 TEST(Muxer, SaysWhatItCannotWrite) {
   const TemporaryFolder folder;
   EXPECT_THROW(Muxer(To("out.no-such-format")), ffmpeg::Error);
