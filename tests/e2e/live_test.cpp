@@ -90,6 +90,9 @@ class SilentPipe {
 
 class LiveTest : public testing::Test {
  protected:
+  void TearDown() override {
+    EXPECT_TRUE(e2e::NothingIsLeft()) << "a sample, an allocator, a pin or a filter was leaked";
+  }
   std::string Clip(const std::string& name, int pictures) {
     const std::filesystem::path file = folder_ / name;
     e2e::WriteCountingClip(file, 64, 48, "25", pictures, "sine=440:d=1");

@@ -24,6 +24,9 @@ constexpr host::Time kFrame = 400000;
 
 class RenderTest : public testing::Test {
  protected:
+  void TearDown() override {
+    EXPECT_TRUE(e2e::NothingIsLeft()) << "a sample, an allocator, a pin or a filter was leaked";
+  }
   std::string Clip(const std::string& name, const std::string& rate, int pictures,
                    const std::string& sound = {}) {
     const std::filesystem::path file = folder_ / (name + ".mkv");

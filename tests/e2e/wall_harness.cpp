@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "host/synthetic/clip_writer.h"
+#include "platform/os/module.h"
 
 namespace e2e {
 
@@ -35,6 +36,12 @@ void WriteCountingClip(const std::filesystem::path& file, int width, int height,
   std::sscanf(rate.c_str(), "%d/%d", &numerator, &denominator);
   recipe.length = host::FrameStart(pictures, {numerator, denominator});
   host::WriteClip(recipe, file);
+}
+
+bool NothingIsLeft() {
+  const auto library = os::Module::Load(TAVREL_COMPOSER_LIBRARY);
+  auto* const canUnload = library->Find<HRESULT()>("DllCanUnloadNow");
+  return CUnknown::ObjectsActive() == 0 && canUnload != nullptr && canUnload() == S_OK;
 }
 
 int PictureNumber(std::uint8_t luma) {

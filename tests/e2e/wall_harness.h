@@ -33,6 +33,9 @@ class TestFolder {
 // without loss. sound: an FFmpeg source, empty for none.
 void WriteCountingClip(const std::filesystem::path& file, int width, int height,
                        const std::string& rate, int pictures, const std::string& sound = {});
+// Whether every filter, pin and allocator of the graph is gone, those of the composer's library
+// too.
+bool NothingIsLeft();
 // The number of the picture that a luma tells, mod 100; -1 when it is none.
 int PictureNumber(std::uint8_t luma);
 
