@@ -184,8 +184,29 @@ int KillWriter(const std::string& path, const LogFileOptions& options, int first
   return *counted;
 }
 
+// Both in the order of writing. True when found is the end of written, but for up to staleAllowed
+// older lines: where one round through the file ended later than the next, the rest of its last
+// line stands at the end of the file, and may still look like a line.
+testing::AssertionResult IsEndOf(const std::vector<std::string>& written,
+                                 const std::vector<std::string>& found, int staleAllowed) {
+  auto expected = written.rbegin();
+  int stale = 0;
+  for (auto line = found.rbegin(); line != found.rend(); ++line) {
+    if (expected != written.rend() && *line == *expected) {
+      ++expected;
+    } else if (++stale > staleAllowed ||
+               std::find(expected, written.rend(), *line) == written.rend()) {
+      return testing::AssertionFailure()
+             << line - found.rbegin() << " before the newest stands [" << *line << "] instead of ["
+             << (expected == written.rend() ? "nothing" : *expected) << "]";
+    }
+  }
+  return testing::AssertionSuccess();
+}
+
 // Kills writers one after another; each goes on with the file of the one before.
-void KillWriters(const LogFileOptions& options, int kills, std::size_t linesThatFit) {
+void KillWriters(const LogFileOptions& options, int kills, std::size_t linesThatFit,
+                 int staleAllowed) {
   const TemporaryFolder folder;
   const std::string path = folder / "log";
   std::vector<std::string> written;
@@ -198,26 +219,23 @@ void KillWriters(const LogFileOptions& options, int kills, std::size_t linesThat
     }
     const std::string mark = "reopened " + std::to_string(kill);
     const std::vector<std::string> texts = Reopen(path, options, mark);
-    ASSERT_GE(texts.size(), std::min(linesThatFit, written.size() + 1));
     // A header may have counted one line more than its writer came to tell.
-    if (texts.end()[-2] == LineOf(next)) {
+    if (std::find(texts.begin(), texts.end(), LineOf(next)) != texts.end()) {
       written.push_back(LineOf(next));
     }
     ++next;
     written.push_back(mark);
-    ASSERT_LE(texts.size(), written.size());
-    const std::vector<std::string> newest(written.end() - static_cast<std::ptrdiff_t>(texts.size()),
-                                          written.end());
-    ASSERT_EQ(texts, newest) << "after kill " << kill;
+    ASSERT_GE(texts.size(), std::min(linesThatFit, written.size()));
+    ASSERT_TRUE(IsEndOf(written, texts, staleAllowed)) << "after kill " << kill;
   }
 }
 
 TEST(LogFileCrash, KilledWritersLoseNothingThatAHeaderCounted) {
-  KillWriters(kUnlimited, 20, kUnlimited.historyCapacity);
+  KillWriters(kUnlimited, 20, kUnlimited.historyCapacity, 0);
 }
 
 TEST(LogFileCrash, KilledWritersOfAWrappingFileLoseNothingThatAHeaderCounted) {
-  KillWriters({3, 4000, 1000}, 20, 20);
+  KillWriters({3, 4000, 1000}, 20, 20, 1);
 }
 
 }  // namespace
