@@ -15,8 +15,8 @@ class Thread {
  public:
   // Starts at once. An empty body ends the process with std::bad_function_call on the new thread.
   // Throws std::system_error when the system refuses the thread. name: for debuggers.
-  explicit Thread(std::function<void()> body, std::string name = {})
-      : thread_(std::move(body), std::move(name)) {}
+  explicit Thread(std::function<void()> body, const std::string& name = {})
+      : thread_(std::move(body), name) {}
   virtual ~Thread() = default;
   Thread(const Thread&) = delete;
   Thread& operator=(const Thread&) = delete;

@@ -10,8 +10,9 @@ namespace os {
 namespace {
 
 bool WantsColour(int descriptor) {
-  const char* const noColour = std::getenv("NO_COLOR");
-  const char* const terminal = std::getenv("TERM");
+  // Nothing in the process changes the environment.
+  const char* const noColour = std::getenv("NO_COLOR");  // NOLINT(concurrency-mt-unsafe)
+  const char* const terminal = std::getenv("TERM");      // NOLINT(concurrency-mt-unsafe)
   return IsTerminal(descriptor) && (noColour == nullptr || *noColour == '\0') &&
          (terminal == nullptr || std::string_view(terminal) != "dumb");
 }

@@ -1,10 +1,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
-#include <memory>
 #include <system_error>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,10 +14,6 @@ namespace os {
 namespace {
 
 constexpr char kSeparator = '\\';
-
-struct CloseDirectory {
-  void operator()(DIR* directory) const { ::closedir(directory); }
-};
 
 bool ParentExists(const std::string& nativePath) {
   const std::filesystem::path parent = std::filesystem::path(nativePath).parent_path();
@@ -108,15 +102,17 @@ std::uint32_t CopyFileOver(std::string_view from, std::string_view to) {
 
 std::uint32_t ListDirectory(std::string_view path,
                             const std::function<void(const std::string&, bool)>& callback) {
-  const std::string native = NativePath(path);
-  const std::unique_ptr<DIR, CloseDirectory> directory(::opendir(native.c_str()));
-  if (directory == nullptr) {
-    return errno == ENOENT ? kErrorPathNotFound : SystemErrorNumber(errno);
+  std::error_code failure;
+  std::filesystem::directory_iterator entry(NativePath(path), failure);
+  if (failure) {
+    return failure.value() == ENOENT ? kErrorPathNotFound : SystemErrorNumber(failure.value());
   }
-  while (const dirent* const entry = ::readdir(directory.get())) {
-    const std::string name = entry->d_name;
-    if (name != "." && name != ".." && name.find(kSeparator) == std::string::npos) {
-      callback(name, GetFileAttributes(native + "/" + name).isDirectory);
+  // A failure further on ends the list.
+  for (const std::filesystem::directory_iterator end; !failure && entry != end;
+       entry.increment(failure)) {
+    const std::string name = entry->path().filename().string();
+    if (name.find(kSeparator) == std::string::npos) {
+      callback(name, GetFileAttributes(entry->path().string()).isDirectory);
     }
   }
   return 0;

@@ -56,7 +56,7 @@ std::optional<std::int64_t> SystemTimeToFileTime(const SystemTime& time) {
   constexpr sys_days kEpoch(std::chrono::year_month_day(year(1601), month(1), day(1)));
   const std::int64_t days = (sys_days(date) - kEpoch).count();
   const std::int64_t seconds =
-      days * kSecondsPerDay + time.hour * 3600 + time.minute * 60 + time.second;
+      days * kSecondsPerDay + time.hour * 3600L + time.minute * 60L + time.second;
   return seconds * kUnitsPerSecond + time.milliseconds * kUnitsPerMillisecond;
 }
 

@@ -22,7 +22,7 @@ class Thread final : public Waitable {
  public:
   // name: for debuggers and process listings, cut to what the system allows; empty for none.
   // Throws std::system_error when the system refuses the thread.
-  explicit Thread(std::function<void()> body, std::string name = {});
+  explicit Thread(std::function<void()> body, const std::string& name = {});
   ~Thread() override;
 
   // The system's number of the thread.

@@ -20,7 +20,8 @@ struct Thread::State {
   Signal ended;                      // set once, by the ending thread
 };
 
-Thread::Thread(std::function<void()> body, std::string name) : state_(std::make_shared<State>()) {
+Thread::Thread(std::function<void()> body, const std::string& name)
+    : state_(std::make_shared<State>()) {
   state_->body = std::move(body);
   state_->name = name.substr(0, kLongestName);
   thread_ = std::thread([state = state_] { Run(state); });
