@@ -1,0 +1,43 @@
+// Any bytes as a log file that is opened again: the sink survives, a new line is written, and a
+// reader finds it.
+
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include <unistd.h>
+
+#include "fuzz/check.h"
+#include "log/logfile_sink.h"
+
+namespace {
+
+std::filesystem::path LogPath() {
+  static const std::filesystem::path path =
+      std::filesystem::temp_directory_path() / ("tavrel-fuzz-log-" + std::to_string(getpid()));
+  return path;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::filesystem::path path = LogPath();
+  std::ofstream(path, std::ios::binary)
+      .write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
+  for (int opening = 0; opening < 2; ++opening) {
+    qorp::log::logfile_sink sink({3, 400, 20});
+    sink.SetPath(path.string());
+    sink.Write(1, {1763286194, 123}, "still here");
+    const auto history = sink.GetHistory(-1, -1);
+    FUZZ_CHECK(history.size() == 1 && history[0].text == "still here");
+  }
+  std::ifstream file(path, std::ios::binary);
+  const std::string content((std::istreambuf_iterator<char>(file)),
+                            std::istreambuf_iterator<char>());
+  FUZZ_CHECK(content.size() >= 12 && content.starts_with("0x") && content[10] == '\r');
+  FUZZ_CHECK(content.find("still here\r\n") != std::string::npos);
+  std::filesystem::remove(path);
+  return 0;
+}
