@@ -1,9 +1,9 @@
 #include "render/overlay.h"
 
 #include <algorithm>
-#include <array>
 
 #include "render/kernels/drawing_kernels.h"
+#include "render/kernels/overlay_kernels.h"
 
 namespace {
 
@@ -29,8 +29,11 @@ PlaneBounds InkOf(const std::uint8_t* alpha, std::int32_t width, std::int32_t he
   return ink.bottom == 0 ? PlaneBounds{} : ink;
 }
 
-constexpr std::uint8_t Clamp8(std::int64_t value, std::int64_t least, std::int64_t most) {
-  return static_cast<std::uint8_t>(std::clamp(value, least, most));
+// The version that the drawing uses: the definition when all loops shall be it, else the fastest.
+void Convert(const kernels::OverlayBlocks& blocks) {
+  const bool scalar = &kernels::CurrentKernels() == &kernels::ScalarKernels();
+  const auto versions = kernels::AllOverlayKernels();
+  (scalar ? versions.front() : versions.back()).convert(blocks);
 }
 
 // The part of one plane that is blended: `columns` x `rows` samples that start at (overlayX,
@@ -86,46 +89,49 @@ void Yv12Overlay::MeasureInk() {
   chromaInk_ = InkOf(ChromaAlpha(), width_ / 2, height_ / 2);
 }
 
+void Yv12Overlay::SetInk(const PlaneBounds& luma, const PlaneBounds& chroma) {
+  lumaInk_ = luma;
+  chromaInk_ = chroma;
+}
+
 void ConvertArgbToOverlay(const std::uint8_t* pixels, std::ptrdiff_t stride, Yv12Overlay& overlay) {
-  // How much each pixel around a block of 2x2 counts for the block's chroma.
-  static constexpr std::array<std::array<std::int32_t, 4>, 4> kWeights{
-      {{0, 1, 1, 0}, {1, 3, 3, 1}, {1, 3, 3, 1}, {0, 1, 1, 0}}};
+  if (overlay.height() < 2) {
+    return;
+  }
+  Convert({pixels, stride, overlay.width(), overlay.height(), overlay.Alpha(), overlay.Luma(),
+           overlay.FirstChroma(), overlay.SecondChroma(), overlay.ChromaAlpha(), 0, 0,
+           overlay.width() / 2, overlay.height() / 2});
+  overlay.MeasureInk();
+}
+
+void ConvertArgbToOverlay(const std::uint8_t* pixels, std::ptrdiff_t stride, const PlaneBounds& ink,
+                          Yv12Overlay& overlay) {
   const std::int32_t w = overlay.width();
   const std::int32_t h = overlay.height();
   if (h < 2) {
     return;
   }
-  for (std::int32_t by = 0; by < h / 2; ++by) {
-    for (std::int32_t bx = 0; bx < w / 2; ++bx) {
-      std::int64_t weight = 0;
-      std::int64_t p = 0;
-      std::int64_t q = 0;
-      for (std::int32_t i = 0; i < 4; ++i) {
-        const std::int32_t row = std::clamp(2 * by - 1 + i, 0, h - 1);
-        for (std::int32_t k = 0; k < 4; ++k) {
-          const std::int32_t column = std::clamp(2 * bx - 1 + k, 0, w - 1);
-          const std::uint8_t* pixel = pixels + row * stride + std::ptrdiff_t{column} * 4;
-          const Ycbcr88 colour = RgbToYcbcr601(pixel[0], pixel[1], pixel[2]);
-          const std::int32_t alpha = pixel[3];
-          if ((i == 1 || i == 2) && (k == 1 || k == 2)) {
-            const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(row) * w + column;
-            overlay.Luma()[at] = Clamp8((colour.y + 128) >> 8, 16, 235);
-            overlay.Alpha()[at] = pixel[3];
-          }
-          const std::int64_t weighted = std::int64_t{kWeights[i][k]} * alpha;
-          weight += weighted;
-          p += weighted * colour.p;
-          q += weighted * colour.q;
-        }
-      }
-      const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(by) * (w / 2) + bx;
-      overlay.FirstChroma()[at] = weight == 0 ? 128 : Clamp8((p / weight + 128) >> 8, 16, 240);
-      overlay.SecondChroma()[at] = weight == 0 ? 128 : Clamp8((q / weight + 128) >> 8, 16, 240);
-      // The weights are those of the inner and the edge alphas in the chroma's opacity as well.
-      overlay.ChromaAlpha()[at] = static_cast<std::uint8_t>((weight + 10) / 20);
-    }
+  // Of two opposite corners at least one lies outside of the ink, unless that is all there is.
+  const bool cornerIsInk = ink.left == 0 && ink.top == 0 && ink.right > 0 && ink.bottom > 0;
+  const std::uint8_t* clear =
+      cornerIsInk ? pixels + (h - 1) * stride + std::ptrdiff_t{w - 1} * 4 : pixels;
+  const Ycbcr88 clearColour = RgbToYcbcr601(clear[0], clear[1], clear[2]);
+  const std::size_t lumaBytes = static_cast<std::size_t>(w) * h;
+  const std::size_t chromaBytes = static_cast<std::size_t>(w / 2) * (h / 2);
+  std::fill_n(overlay.Alpha(), lumaBytes, std::uint8_t{0});
+  std::fill_n(overlay.Luma(), lumaBytes, static_cast<std::uint8_t>((clearColour.y + 128) >> 8));
+  std::fill_n(overlay.FirstChroma(), 2 * chromaBytes, std::uint8_t{128});
+  std::fill_n(overlay.ChromaAlpha(), chromaBytes, std::uint8_t{0});
+  // The blocks with ink in the 4x4 pixels around them.
+  PlaneBounds blocks{std::max((ink.left - 1) / 2, 0), std::max((ink.top - 1) / 2, 0),
+                     std::min(ink.right / 2 + 1, w / 2), std::min(ink.bottom / 2 + 1, h / 2)};
+  if (ink.left >= ink.right || ink.top >= ink.bottom) {
+    blocks = {};
   }
-  overlay.MeasureInk();
+  Convert({pixels, stride, w, h, overlay.Alpha(), overlay.Luma(), overlay.FirstChroma(),
+           overlay.SecondChroma(), overlay.ChromaAlpha(), blocks.left, blocks.top, blocks.right,
+           blocks.bottom});
+  overlay.SetInk(ink, blocks);
 }
 
 void BlendOverlay(const Yv12Overlay& overlay, std::int32_t left, std::int32_t top,

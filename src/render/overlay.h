@@ -68,10 +68,11 @@ class Yv12Overlay {
 
   // The parts of the planes outside of which every opacity is 0. BlendOverlay reads nothing else:
   // most of a label's bitmap is empty. After Resize they are the whole planes; MeasureInk narrows
-  // them to what is there.
+  // them to what is there, SetInk to what its caller knows.
   const PlaneBounds& lumaInk() const { return lumaInk_; }
   const PlaneBounds& chromaInk() const { return chromaInk_; }
   void MeasureInk();
+  void SetInk(const PlaneBounds& luma, const PlaneBounds& chroma);
 
  private:
   std::size_t LumaBytes() const { return static_cast<std::size_t>(width_) * height_; }
@@ -88,6 +89,11 @@ class Yv12Overlay {
 // alpha; rows `stride` bytes apart, negative for a bottom-up bitmap) and measures its ink. A bitmap
 // less than two pixels high converts nothing.
 void ConvertArgbToOverlay(const std::uint8_t* pixels, std::ptrdiff_t stride, Yv12Overlay& overlay);
+
+// The same for a bitmap whose pixels outside of `ink` are all of one transparent colour: most of a
+// label's bitmap need not be looked at.
+void ConvertArgbToOverlay(const std::uint8_t* pixels, std::ptrdiff_t stride, const PlaneBounds& ink,
+                          Yv12Overlay& overlay);
 
 // Blends the overlay into the canvas, its top left pixel at (left, top), as far as it lies inside.
 // An odd left or top puts the chroma half a sample off.

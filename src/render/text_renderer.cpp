@@ -77,7 +77,12 @@ void TextRenderer::Render() {
   }
   const os::ArgbBitmap bitmap = painter_.Paint(painting);
   overlay_.Resize(bitmap.width, bitmap.height);
-  ConvertArgbToOverlay(bitmap.pixels, bitmap.stride, overlay_);
+  if (backgroundColour_.Value().a == 0) {
+    const PlaneBounds ink{bitmap.ink.left, bitmap.ink.top, bitmap.ink.right, bitmap.ink.bottom};
+    ConvertArgbToOverlay(bitmap.pixels, bitmap.stride, ink, overlay_);
+  } else {
+    ConvertArgbToOverlay(bitmap.pixels, bitmap.stride, overlay_);
+  }
   ++renderCount_;
 }
 
