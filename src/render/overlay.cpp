@@ -29,6 +29,13 @@ PlaneBounds InkOf(const std::uint8_t* alpha, std::int32_t width, std::int32_t he
   return ink.bottom == 0 ? PlaneBounds{} : ink;
 }
 
+void Fill(std::uint8_t* plane, std::int32_t stride, const PlaneBounds& bounds, std::uint8_t value) {
+  for (std::int32_t y = bounds.top; y < bounds.bottom; ++y) {
+    std::fill_n(plane + std::ptrdiff_t{y} * stride + bounds.left, bounds.right - bounds.left,
+                value);
+  }
+}
+
 // The version that the drawing uses: the definition when all loops shall be it, else the fastest.
 void Convert(const kernels::OverlayBlocks& blocks) {
   const bool scalar = &kernels::CurrentKernels() == &kernels::ScalarKernels();
@@ -80,11 +87,13 @@ void Yv12Overlay::Resize(std::int32_t w, std::int32_t h) {
   width_ = w;
   height_ = h;
   bytes_.assign(2 * LumaBytes() + 3 * ChromaBytes(), 0);
+  clearLuma_.reset();
   lumaInk_ = {0, 0, w, h};
   chromaInk_ = {0, 0, w / 2, h / 2};
 }
 
 void Yv12Overlay::MeasureInk() {
+  clearLuma_.reset();
   lumaInk_ = InkOf(Alpha(), width_, height_);
   chromaInk_ = InkOf(ChromaAlpha(), width_ / 2, height_ / 2);
 }
@@ -92,6 +101,21 @@ void Yv12Overlay::MeasureInk() {
 void Yv12Overlay::SetInk(const PlaneBounds& luma, const PlaneBounds& chroma) {
   lumaInk_ = luma;
   chromaInk_ = chroma;
+}
+
+void Yv12Overlay::Clear(std::uint8_t luma) {
+  if (clearLuma_ != luma) {
+    lumaInk_ = {0, 0, width_, height_};
+    chromaInk_ = {0, 0, width_ / 2, height_ / 2};
+    clearLuma_ = luma;
+  }
+  Fill(Alpha(), width_, lumaInk_, 0);
+  Fill(Luma(), width_, lumaInk_, luma);
+  Fill(FirstChroma(), width_ / 2, chromaInk_, 128);
+  Fill(SecondChroma(), width_ / 2, chromaInk_, 128);
+  Fill(ChromaAlpha(), width_ / 2, chromaInk_, 0);
+  lumaInk_ = {};
+  chromaInk_ = {};
 }
 
 void ConvertArgbToOverlay(const std::uint8_t* pixels, std::ptrdiff_t stride, Yv12Overlay& overlay) {
@@ -116,12 +140,7 @@ void ConvertArgbToOverlay(const std::uint8_t* pixels, std::ptrdiff_t stride, con
   const std::uint8_t* clear =
       cornerIsInk ? pixels + (h - 1) * stride + std::ptrdiff_t{w - 1} * 4 : pixels;
   const Ycbcr88 clearColour = RgbToYcbcr601(clear[0], clear[1], clear[2]);
-  const std::size_t lumaBytes = static_cast<std::size_t>(w) * h;
-  const std::size_t chromaBytes = static_cast<std::size_t>(w / 2) * (h / 2);
-  std::fill_n(overlay.Alpha(), lumaBytes, std::uint8_t{0});
-  std::fill_n(overlay.Luma(), lumaBytes, static_cast<std::uint8_t>((clearColour.y + 128) >> 8));
-  std::fill_n(overlay.FirstChroma(), 2 * chromaBytes, std::uint8_t{128});
-  std::fill_n(overlay.ChromaAlpha(), chromaBytes, std::uint8_t{0});
+  overlay.Clear(static_cast<std::uint8_t>((clearColour.y + 128) >> 8));
   // The blocks with ink in the 4x4 pixels around them.
   PlaneBounds blocks{std::max((ink.left - 1) / 2, 0), std::max((ink.top - 1) / 2, 0),
                      std::min(ink.right / 2 + 1, w / 2), std::min(ink.bottom / 2 + 1, h / 2)};

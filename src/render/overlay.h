@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include "render/yv12.h"
@@ -73,6 +74,9 @@ class Yv12Overlay {
   const PlaneBounds& chromaInk() const { return chromaInk_; }
   void MeasureInk();
   void SetInk(const PlaneBounds& luma, const PlaneBounds& chroma);
+  // Makes every pixel transparent, with that luma, and leaves no ink. As long as only ink is
+  // written in between, only what was ink is cleared.
+  void Clear(std::uint8_t luma);
 
  private:
   std::size_t LumaBytes() const { return static_cast<std::size_t>(width_) * height_; }
@@ -82,6 +86,8 @@ class Yv12Overlay {
   std::int32_t height_ = 0;
   PlaneBounds lumaInk_;
   PlaneBounds chromaInk_;
+  // Luma outside of the ink, where chroma is 128; none when that is not known.
+  std::optional<std::uint8_t> clearLuma_;
   std::vector<std::uint8_t> bytes_;
 };
 

@@ -105,11 +105,17 @@ PixelBounds BoundsOfInk(PixelRows<const std::uint8_t> bytes, int width, int heig
 
 void FillPixels(PixelRows<std::uint8_t> target, const PixelBounds& bounds,
                 const BgraPixel& colour) {
-  for (int y = bounds.top; y < bounds.bottom; ++y) {
-    std::uint8_t* const row = target.Row(y);
-    for (int x = bounds.left; x < bounds.right; ++x) {
-      std::memcpy(row + x * 4, colour.data(), 4);
-    }
+  if (bounds.Empty()) {
+    return;
+  }
+  std::uint8_t* const first = target.Row(bounds.top) + std::ptrdiff_t{bounds.left} * 4;
+  const std::ptrdiff_t columns = bounds.right - bounds.left;
+  for (std::ptrdiff_t i = 0; i < columns; ++i) {
+    std::memcpy(first + i * 4, colour.data(), 4);
+  }
+  for (int y = bounds.top + 1; y < bounds.bottom; ++y) {
+    std::memcpy(target.Row(y) + std::ptrdiff_t{bounds.left} * 4, first,
+                static_cast<std::size_t>(columns) * 4);
   }
 }
 
@@ -118,9 +124,20 @@ void CompositeCoverage(PixelRows<const std::uint8_t> coverage, const CoverageCol
   for (int y = bounds.top; y < bounds.bottom; ++y) {
     const std::uint8_t* const from = coverage.Row(y);
     std::uint8_t* const to = target.Row(y);
-    for (int x = bounds.left; x < bounds.right; ++x) {
-      std::memcpy(to + x * 4, colours[from[x]].data(), 4);
+    int x = bounds.left;
+    const auto composite = [&](int end) {
+      for (; x < end; ++x) {
+        std::memcpy(to + std::ptrdiff_t{x} * 4, colours[from[x]].data(), 4);
+      }
+    };
+    while (x + 8 <= bounds.right) {
+      if (Word(from + x) == 0) {
+        x += 8;  // nothing drawn: the clear colour stays
+      } else {
+        composite(x + 8);
+      }
     }
+    composite(bounds.right);
   }
 }
 

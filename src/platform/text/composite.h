@@ -45,7 +45,7 @@ PixelBounds BoundsOfInk(PixelRows<const std::uint8_t> bytes, int width, int heig
 
 // Each function writes the pixels of bounds only.
 void FillPixels(PixelRows<std::uint8_t> target, const PixelBounds& bounds, const BgraPixel& colour);
-// One byte of coverage for each pixel.
+// One byte of coverage for each pixel. The target has the clear colour before.
 void CompositeCoverage(PixelRows<const std::uint8_t> coverage, const CoverageColours& colours,
                        const PixelBounds& bounds, PixelRows<std::uint8_t> target);
 // Native 32-bit pixels A, R, G, B, colours multiplied by alpha; opacity multiplies their alpha.

@@ -266,6 +266,10 @@ void TextPainter::State::PaintText(const TextPainting& painting) {
     }
     const BgraPixel source = ToBgra(painting.textColour);
     cairo_set_source_rgb(surface->Cairo(), source[2] / 255.0, source[1] / 255.0, source[0] / 255.0);
+    // Coverages that meet add up. For an opaque colour that is what the default would draw as well,
+    // but it needs a mask in between as soon as two glyphs may touch.
+    cairo_set_operator(surface->Cairo(),
+                       surface == &coverage ? CAIRO_OPERATOR_ADD : CAIRO_OPERATOR_OVER);
     Draw(surface->Cairo(), painting);
   }
   ink = surface->FindInk();
