@@ -5,6 +5,7 @@
 
 #include "render/kernels/bar_kernels.h"
 #include "render/kernels/drawing_kernels.h"
+#include "render/kernels/strip_kernel.h"
 
 namespace {
 
@@ -42,23 +43,41 @@ constexpr auto kFramed = [] {
   return framed;
 }();
 
-void DrawFrame(const MeterPanel& panel) {
-  const std::ptrdiff_t stride = panel.canvas.width;
-  std::uint8_t* corner = panel.canvas.Y() + panel.y * stride + panel.x;
-  const auto line = [&](std::int64_t row) {
-    kernels::CurrentKernels().blendConstant(corner + row * stride + 1, stride,
+// Darkens the rows [from, to) of the panel, from an even row on, and draws the sides of its frame.
+void DarkenRows(const MeterPanel& panel, const VignetteTable& vignette, std::int32_t from,
+                std::int32_t to) {
+  const Yv12Picture& canvas = panel.canvas;
+  const kernels::DrawingKernels& loops = kernels::CurrentKernels();
+  std::uint8_t* luma = canvas.Y() + (panel.y + from) * canvas.width + panel.x;
+  loops.blendValue(luma, canvas.width, panel.width, to - from, kPanelLuma, vignette.Luma(from));
+  const std::ptrdiff_t chroma = (panel.y + from) / 2 * canvas.ChromaWidth() + panel.x / 2;
+  for (std::uint8_t* plane : {canvas.V(), canvas.U()}) {
+    loops.fade(plane + chroma, canvas.ChromaWidth(), vignette.ChromaWidth(), (to - from + 1) / 2,
+               vignette.Chroma(from / 2));
+  }
+  for (std::int32_t row = from; row < to; ++row) {
+    luma[0] = kFramed[luma[0]];
+    luma[panel.width - 1] = kFramed[luma[panel.width - 1]];
+    luma += canvas.width;
+  }
+}
+
+// The lines of the frame and the one under the band.
+void DrawLines(const MeterPanel& panel) {
+  const std::int32_t stride = panel.canvas.width;
+  for (const std::int64_t row : {panel.y, panel.y + panel.height - 1, panel.bandBottom}) {
+    kernels::CurrentKernels().blendConstant(panel.canvas.Y() + row * stride + panel.x + 1, stride,
                                             std::max(panel.width - 2, 0), 1, kFrameLuma,
                                             kFrameOpacity);
-  };
-  line(0);
-  line(panel.height - 1);
-  for (std::int32_t row = 0; row < panel.height; ++row) {
-    std::uint8_t& left = corner[row * stride];
-    left = kFramed[left];
-    std::uint8_t& right = corner[row * stride + panel.width - 1];
-    right = kFramed[right];
   }
-  line(panel.bandBottom - panel.y);
+}
+
+// Whether the bars can be drawn in strips: wide enough, and on rows that no line of the frame
+// crosses.
+bool FitsStrips(const MeterPanel& panel) {
+  return kernels::CurrentKernels().barStrips != nullptr &&
+         panel.barWidth >= StripTable::kLeastBarWidth &&
+         Foot(panel) - panel.barLength + 1 > panel.bandBottom;
 }
 
 // The marker inside the canvas. Its chroma is blended once for each luma pixel: twice in a row and
@@ -83,6 +102,32 @@ void BlendMarker(const Yv12Picture& canvas, const Area& marker) {
   }
 }
 
+void DrawMarker(const MeterPanel& panel, std::int64_t left, std::int32_t lit, float peakLevel) {
+  const std::int32_t bottom = Narrow(Foot(panel));
+  const std::int32_t peak = MeterRows(peakLevel, panel.barLength);
+  const Area marker{Narrow(left), bottom - peak, panel.barWidth,
+                    std::min(lit, PeakMarkerRows(panel.barLength))};
+  if (marker.top >= 0 && (marker.top + marker.height + 1) / 2 <= panel.canvas.ChromaHeight()) {
+    BlendMarker(panel.canvas, marker);
+  } else {
+    DrawPeakMarker(panel, left, bottom, lit, peak);
+  }
+}
+
+// `count` rows of one bar, from its row `first` on, counted from the top.
+void DrawBarRows(const MeterPanel& panel, const BarTable& table, std::int64_t left,
+                 std::int32_t first, std::int32_t count, const std::uint8_t* luma,
+                 const std::uint8_t* v, const std::uint8_t* u) {
+  const Yv12Picture& canvas = panel.canvas;
+  const std::int32_t column = Narrow(left);
+  const std::int32_t top = Narrow(Foot(panel)) - panel.barLength + 1 + first;
+  kernels::DrawBarLuma(canvas.Y() + std::ptrdiff_t{top} * canvas.width + column, canvas.width,
+                       panel.barWidth, count, luma, table.DitherPhases() + first,
+                       static_cast<std::uint8_t>(column & 7));
+  kernels::DrawBarChroma(canvas.V(), canvas.ChromaWidth(), column, top, panel.barWidth, count, v);
+  kernels::DrawBarChroma(canvas.U(), canvas.ChromaWidth(), column, top, panel.barWidth, count, u);
+}
+
 }  // namespace
 
 void MeterDrawer::Draw(const Yv12Picture& canvas, std::int32_t x, std::int32_t y,
@@ -93,8 +138,7 @@ void MeterDrawer::Draw(const Yv12Picture& canvas, std::int32_t x, std::int32_t y
   }
   const MeterPanel panel(canvas, x, y, width, height, static_cast<std::int32_t>(levels.size()));
   if (LiesInside(panel)) {
-    DrawPanel(panel);
-    DrawBars(panel, levels, peaks);
+    DrawInside(panel, levels, peaks);
   } else {
     DrawMeterPanel(panel);
     DrawMeterBars(panel, levels, peaks);
@@ -104,51 +148,90 @@ void MeterDrawer::Draw(const Yv12Picture& canvas, std::int32_t x, std::int32_t y
   }
 }
 
-void MeterDrawer::DrawPanel(const MeterPanel& panel) {
-  const Yv12Picture& canvas = panel.canvas;
-  const kernels::DrawingKernels& loops = kernels::CurrentKernels();
-  const VignetteTable& vignette = vignettes_.Get(panel.width, panel.height);
-  loops.blendValue(canvas.Y() + panel.y * canvas.width + panel.x, canvas.width, panel.width,
-                   panel.height, kPanelLuma, vignette.Luma());
-  const std::ptrdiff_t chroma = panel.y / 2 * canvas.ChromaWidth() + panel.x / 2;
-  for (std::uint8_t* plane : {canvas.V(), canvas.U()}) {
-    loops.fade(plane + chroma, canvas.ChromaWidth(), vignette.ChromaWidth(),
-               vignette.ChromaHeight(), vignette.Chroma());
-  }
-  DrawFrame(panel);
-}
-
-void MeterDrawer::DrawBars(const MeterPanel& panel, std::span<const float> levels,
-                           std::span<const float> peaks) {
-  if (panel.barWidth < 1) {
+void MeterDrawer::DrawInside(const MeterPanel& panel, std::span<const float> levels,
+                             std::span<const float> peaks) {
+  if (FitsStrips(panel)) {
+    DrawInStrips(panel, levels, peaks);
     return;
   }
-  const Yv12Picture& canvas = panel.canvas;
-  const std::int32_t length = panel.barLength;
-  const std::int32_t bottom = Narrow(Foot(panel));
-  const BarTable& table = bars_.Get(bottom, length);
-  if (std::ssize(shown_.luma) < length) {
-    shown_ = BarRows(length);
+  DarkenRows(panel, vignettes_.Get({panel.width, panel.height}), 0, panel.height);
+  DrawLines(panel);
+  if (panel.barWidth >= 1) {
+    DrawBarByBar(panel, levels, peaks);
   }
-  Area bar{Narrow(panel.x + panel.margin), bottom - length + 1, panel.barWidth, length};
+}
+
+void MeterDrawer::DrawBarByBar(const MeterPanel& panel, std::span<const float> levels,
+                               std::span<const float> peaks) {
+  const std::int32_t length = panel.barLength;
+  const BarTable& table = bars_.Get({Narrow(Foot(panel)), length});
+  if (std::ssize(rows_.luma) < length) {
+    rows_ = BarRows(length);
+  }
+  std::int64_t left = panel.x + panel.margin;
   for (std::int32_t i = 0; i < panel.channels; ++i) {
     const std::int32_t lit = MeterRows(levels[i], length);
-    table.Show(LitSegments(lit, length), shown_);
-    kernels::DrawBarLuma(canvas.Y() + std::ptrdiff_t{bar.top} * canvas.width + bar.left,
-                         canvas.width, bar.width, length, shown_.luma.data(), table.DitherPhases(),
-                         static_cast<std::uint8_t>(bar.left & 7));
-    kernels::DrawBarChroma(canvas.V(), canvas.ChromaWidth(), bar.left, bar.top, bar.width, length,
-                           shown_.v.data());
-    kernels::DrawBarChroma(canvas.U(), canvas.ChromaWidth(), bar.left, bar.top, bar.width, length,
-                           shown_.u.data());
+    table.Show(LitSegments(lit, length), rows_);
+    DrawBarRows(panel, table, left, 0, length, rows_.luma.data(), rows_.v.data(), rows_.u.data());
+    DrawMarker(panel, left, lit, peaks[i]);
+    left += panel.barWidth + panel.gap;
+  }
+}
 
-    const std::int32_t peak = MeterRows(peaks[i], length);
-    const Area marker{bar.left, bottom - peak, bar.width, std::min(lit, PeakMarkerRows(length))};
-    if (marker.top >= 0 && (marker.top + marker.height + 1) / 2 <= canvas.ChromaHeight()) {
-      BlendMarker(canvas, marker);
-    } else {
-      DrawPeakMarker(panel, bar.left, bottom, lit, peak);
+void MeterDrawer::DrawInStrips(const MeterPanel& panel, std::span<const float> levels,
+                               std::span<const float> peaks) {
+  const Yv12Picture& canvas = panel.canvas;
+  const std::int32_t length = panel.barLength;
+  const StripTable& strips = strips_.Get({panel.width, panel.height, panel.channels});
+  const VignetteTable& vignette = vignettes_.Get({panel.width, panel.height});
+  const BarTable& table = bars_.Get({Narrow(Foot(panel)), length});
+  DarkenRows(panel, vignette, 0, 2 * strips.FirstPair());
+  DarkenRows(panel, vignette, 2 * strips.EndPair(), panel.height);
+  DrawLines(panel);
+
+  const auto bars = static_cast<std::size_t>(panel.channels);
+  lit_.resize(std::max(lit_.size(), bars));
+  pairs_.resize(std::max(pairs_.size(), bars * static_cast<std::size_t>(table.Pairs()) + 1));
+  const std::int32_t lastRow = length - 1;
+  const bool upperRowAlone = table.FirstPairRow() == 1;
+  const bool lowerRowAlone = table.FirstPairRow() + 2 * table.Pairs() <= lastRow;
+  std::int64_t left = panel.x + panel.margin;
+  for (std::size_t i = 0; i < bars; ++i) {
+    lit_[i] = MeterRows(levels[i], length);
+    const std::int32_t segments = LitSegments(lit_[i], length);
+    table.ShowPairs(segments, pairs_.data() + i, panel.channels);
+    // The rows that share their chroma with one that has no bar.
+    const auto alone = [&](std::int32_t row) {
+      const MeterColour colour = table.Row(segments, row);
+      DrawBarRows(panel, table, left, row, 1, &colour.luma, &colour.v, &colour.u);
+    };
+    if (upperRowAlone) {
+      alone(0);
     }
-    bar.left += panel.barWidth + panel.gap;
+    if (lowerRowAlone) {
+      alone(lastRow);
+    }
+    left += panel.barWidth + panel.gap;
+  }
+
+  const std::int64_t row = panel.y + 2 * strips.FirstPair();
+  const std::ptrdiff_t chroma = row / 2 * canvas.ChromaWidth() + panel.x / 2;
+  kernels::BarRun run{};
+  strips.Describe(run);
+  run.luma = canvas.Y() + row * canvas.width + panel.x;
+  run.v = canvas.V() + chroma;
+  run.u = canvas.U() + chroma;
+  run.lumaStride = canvas.width;
+  run.chromaStride = canvas.ChromaWidth();
+  run.bars = pairs_.data();
+  run.phases = table.DitherPhases() + table.FirstPairRow();
+  // The pattern of a bar begins at its left edge, one column before its opaque part.
+  run.phase = static_cast<std::uint32_t>(panel.x - 1);
+  kernels::CurrentKernels().barStrips(run);
+
+  left = panel.x + panel.margin;
+  for (std::size_t i = 0; i < bars; ++i) {
+    DrawMarker(panel, left, lit_[i], peaks[i]);
+    left += panel.barWidth + panel.gap;
   }
 }

@@ -5,7 +5,8 @@
 #include "render/kernels/drawing_kernels.h"
 
 VignetteTable::VignetteTable(std::int32_t width, std::int32_t height)
-    : chromaWidth_((width + 1) / 2),
+    : width_(width),
+      chromaWidth_((width + 1) / 2),
       chromaHeight_((height + 1) / 2),
       luma_(static_cast<std::size_t>(width) * height),
       chroma_(static_cast<std::size_t>(chromaWidth_) * chromaHeight_ * kernels::kFadeLayers,
@@ -24,7 +25,11 @@ VignetteTable::VignetteTable(std::int32_t width, std::int32_t height)
 }
 
 BarTable::BarTable(std::int32_t bottom, std::int32_t length)
-    : length_(length), lit_(length), unlit_(length), ditherPhases_(length) {
+    : length_(length),
+      firstPairRow_((bottom - length + 1) & 1),
+      lit_(length),
+      unlit_(length),
+      ditherPhases_(length) {
   BarChroma litChroma;
   BarChroma unlitChroma;
   MeterColour litBelow{};
@@ -56,10 +61,20 @@ BarTable::BarTable(std::int32_t bottom, std::int32_t length)
   for (; segments <= kMeterSegments; ++segments) {
     boundaries_[segments] = {length, {}};
   }
+  for (std::int32_t row = firstPairRow_; row + 1 < length; row += 2) {
+    const auto pair = [row](const BarRows& rows) {
+      return kernels::BarPair{{rows.luma[row], rows.luma[row + 1]},
+                              {rows.v[row], rows.v[row + 1]},
+                              {rows.u[row], rows.u[row + 1]},
+                              {}};
+    };
+    litPairs_.push_back(pair(lit_));
+    unlitPairs_.push_back(pair(unlit_));
+  }
 }
 
 void BarTable::Show(std::int32_t litSegments, BarRows& rows) const {
-  const Boundary& boundary = boundaries_[std::clamp(litSegments, 0, kMeterSegments)];
+  const Boundary& boundary = BoundaryOf(litSegments);
   const std::int32_t unlitRows = length_ - boundary.step;
   const auto join = [&](std::vector<std::uint8_t> BarRows::*kind, std::uint8_t atBoundary) {
     const std::vector<std::uint8_t>& lit = lit_.*kind;
@@ -74,4 +89,32 @@ void BarTable::Show(std::int32_t litSegments, BarRows& rows) const {
   join(&BarRows::luma, boundary.colour.luma);
   join(&BarRows::v, boundary.colour.v);
   join(&BarRows::u, boundary.colour.u);
+}
+
+MeterColour BarTable::Row(std::int32_t litSegments, std::int32_t row) const {
+  const Boundary& boundary = BoundaryOf(litSegments);
+  const std::int32_t unlitRows = length_ - boundary.step;
+  if (row == unlitRows - 1) {
+    return boundary.colour;
+  }
+  const BarRows& rows = row < unlitRows ? unlit_ : lit_;
+  return {rows.luma[row], rows.v[row], rows.u[row]};
+}
+
+void BarTable::ShowPairs(std::int32_t litSegments, kernels::BarPair* to, std::int32_t step) const {
+  const std::int32_t pairs = Pairs();
+  // The first pair with a row that is not unlit like those above it: the one of the boundary.
+  const std::int32_t lastUnlit = length_ - BoundaryOf(litSegments).step - 1 - firstPairRow_;
+  const std::int32_t mixed = lastUnlit < 0 ? -1 : lastUnlit / 2;
+  for (std::int32_t pair = 0; pair < pairs; ++pair, to += step) {
+    *to = pair < mixed ? unlitPairs_[pair] : litPairs_[pair];
+    if (pair == mixed) {
+      for (std::int32_t row = 0; row < 2; ++row) {
+        const MeterColour colour = Row(litSegments, firstPairRow_ + 2 * pair + row);
+        to->luma[row] = colour.luma;
+        to->v[row] = colour.v;
+        to->u[row] = colour.u;
+      }
+    }
+  }
 }

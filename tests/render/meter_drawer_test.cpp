@@ -174,17 +174,17 @@ TEST(TableShelf, DropsWhatHasNotBeenAskedForForLong) {
     Sum(std::int32_t a, std::int32_t b) : value(a + b) {}
     std::int32_t value;
   };
-  TableShelf<Sum> shelf;
-  EXPECT_EQ(shelf.Get(1, 2).value, 3);
-  EXPECT_EQ(shelf.Get(2, 2).value, 4);
-  for (std::uint64_t i = 0; i <= TableShelf<Sum>::kKeep; ++i) {
-    shelf.Get(2, 2);
+  TableShelf<Sum, 2> shelf;
+  EXPECT_EQ(shelf.Get({1, 2}).value, 3);
+  EXPECT_EQ(shelf.Get({2, 2}).value, 4);
+  for (std::uint64_t i = 0; i <= TableShelf<Sum, 2>::kKeep; ++i) {
+    shelf.Get({2, 2});
   }
   EXPECT_EQ(shelf.size(), 2u);
-  shelf.Get(5, 5);
+  shelf.Get({5, 5});
   EXPECT_EQ(shelf.size(), 2u);
-  EXPECT_EQ(shelf.Get(2, 2).value, 4);
-  EXPECT_EQ(shelf.Get(1, 2).value, 3);
+  EXPECT_EQ(shelf.Get({2, 2}).value, 4);
+  EXPECT_EQ(shelf.Get({1, 2}).value, 3);
 }
 
 }  // namespace

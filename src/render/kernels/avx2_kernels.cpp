@@ -1,4 +1,6 @@
 #include "render/kernels/drawing_kernels.h"
+#include "render/kernels/fill_pattern.h"
+#include "render/kernels/strip_kernel.h"
 #include "render/kernels/vector_kernels.h"
 
 #if defined(__x86_64__)
@@ -68,7 +70,114 @@ TAVREL_AVX2 void FadeRows(std::uint8_t* to, std::ptrdiff_t stride, std::int32_t 
   }
 }
 
-constexpr DrawingKernels kKernels{"avx2", Blend, BlendConstant, BlendValue, FadeRows};
+// x / 255, rounded, for lanes of x + 128: x + 128 times 257 / 65536.
+TAVREL_AVX2 inline __m256i Divide(__m256i x) {
+  return _mm256_mulhi_epu16(x, _mm256_set1_epi16(257));
+}
+TAVREL_AVX2 inline __m128i Divide(__m128i x) {
+  return _mm_mulhi_epu16(x, _mm_set1_epi16(257));
+}
+
+template <typename T>
+TAVREL_AVX2 inline __m256i Load256(const T* from) {
+  return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(from));
+}
+template <typename T>
+TAVREL_AVX2 inline __m128i Load128(const T* from) {
+  return _mm_loadu_si128(reinterpret_cast<const __m128i*>(from));
+}
+template <typename T>
+TAVREL_AVX2 inline __m128i Load64(const T* from) {
+  return _mm_loadl_epi64(reinterpret_cast<const __m128i*>(from));
+}
+TAVREL_AVX2 inline std::int32_t Load32(const std::uint8_t* from) {
+  std::int32_t samples;
+  std::memcpy(&samples, from, sizeof(samples));
+  return samples;
+}
+TAVREL_AVX2 inline void Store32(std::uint8_t* to, std::int32_t samples) {
+  std::memcpy(to, &samples, sizeof(samples));
+}
+
+// Eight columns of two rows: darkened, then blended with the edges of the bars.
+TAVREL_AVX2 inline void BlendStripLuma(std::uint8_t* upper, std::uint8_t* lower,
+                                       const BarStrip& strip, const StripPair& darkening,
+                                       __m128i bars, __m256i panelLuma, __m256i panelAdded) {
+  const __m128i samples = _mm_unpacklo_epi64(Load64(upper), Load64(lower));
+  __m256i lanes = _mm256_cvtepu8_epi16(samples);
+  lanes = Divide(_mm256_add_epi16(
+      _mm256_mullo_epi16(_mm256_sub_epi16(lanes, panelLuma), Load256(darkening.lumaKept)),
+      panelAdded));
+  const __m256i picked =
+      _mm256_shuffle_epi8(_mm256_broadcastsi128_si256(bars), Load256(strip.lumaBars));
+  const __m256i added = _mm256_add_epi16(_mm256_slli_epi16(picked, 7), Load256(strip.lumaAdded));
+  lanes = Divide(_mm256_add_epi16(_mm256_mullo_epi16(lanes, Load256(strip.lumaKept)), added));
+  const __m128i blended =
+      _mm_packus_epi16(_mm256_castsi256_si128(lanes), _mm256_extracti128_si256(lanes, 1));
+  _mm_storel_epi64(reinterpret_cast<__m128i*>(upper), blended);
+  _mm_storeh_pd(reinterpret_cast<double*>(lower), _mm_castsi128_pd(blended));
+}
+
+// Four samples of V and four of U: faded, then blended with the edges of the lower row's bars and
+// of the upper row's.
+TAVREL_AVX2 inline void BlendStripChroma(std::uint8_t* v, std::uint8_t* u, const BarStrip& strip,
+                                         const StripPair& darkening, __m128i bars) {
+  const __m128i neutral = _mm_set1_epi16(128);
+  __m128i lanes = _mm_cvtepu8_epi16(_mm_insert_epi32(_mm_cvtsi32_si128(Load32(v)), Load32(u), 1));
+  lanes = _mm_sub_epi16(lanes, neutral);
+  for (const std::int16_t* factors : darkening.fade) {
+    lanes = _mm_mulhrs_epi16(lanes, Load128(factors));
+  }
+  lanes = _mm_add_epi16(lanes, neutral);
+  const __m128i kept = Load128(strip.chromaKept);
+  for (const std::uint8_t* pick : {strip.lowerBars, strip.upperBars}) {
+    const __m128i added =
+        _mm_add_epi16(_mm_slli_epi16(_mm_shuffle_epi8(bars, Load128(pick)), 7), neutral);
+    lanes = Divide(_mm_add_epi16(_mm_mullo_epi16(lanes, kept), added));
+  }
+  const __m128i blended = _mm_packus_epi16(lanes, lanes);
+  Store32(v, _mm_cvtsi128_si32(blended));
+  Store32(u, _mm_extract_epi32(blended, 1));
+}
+
+TAVREL_AVX2 void BarStrips(const BarRun& run) {
+  const __m256i panelLuma = _mm256_set1_epi16(run.panelLuma);
+  const __m256i panelAdded =
+      _mm256_set1_epi16(static_cast<std::int16_t>(run.panelLuma * 255 + 128));
+  std::uint8_t* upper = run.luma;
+  std::uint8_t* v = run.v;
+  std::uint8_t* u = run.u;
+  const BarPair* bars = run.bars;
+  const StripPair* darkening = run.darkening;
+  const std::uint8_t* phases = run.phases;
+  for (std::int32_t pair = 0; pair < run.pairs; ++pair) {
+    std::uint8_t* lower = upper + run.lumaStride;
+    for (const BarStrip& strip : run.strips) {
+      const __m128i two = Load128(bars + strip.firstBar);
+      BlendStripLuma(upper + strip.column, lower + strip.column, strip, *darkening, two, panelLuma,
+                     panelAdded);
+      BlendStripChroma(v + strip.column / 2, u + strip.column / 2, strip, *darkening, two);
+      ++darkening;
+    }
+    for (const BarFill& fill : run.fills) {
+      const std::uint32_t phase = run.phase + static_cast<std::uint32_t>(fill.column);
+      FillPattern(upper + fill.column, fill.columns, bars->luma[0] & 0xF8, kDither,
+                  phase + phases[0]);
+      FillPattern(lower + fill.column, fill.columns, bars->luma[1] & 0xF8, kDither,
+                  phase + phases[1]);
+      // Of two rows that share chroma the upper one is drawn last.
+      FillPattern(v + fill.sample, fill.samples, bars->v[0], kPlain, 0);
+      FillPattern(u + fill.sample, fill.samples, bars->u[0], kPlain, 0);
+      ++bars;
+    }
+    phases += 2;
+    upper += 2 * run.lumaStride;
+    v += run.chromaStride;
+    u += run.chromaStride;
+  }
+}
+
+constexpr DrawingKernels kKernels{"avx2", Blend, BlendConstant, BlendValue, FadeRows, BarStrips};
 
 }  // namespace
 

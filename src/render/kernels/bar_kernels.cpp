@@ -1,61 +1,12 @@
 #include "render/kernels/bar_kernels.h"
 
-#include <array>
-#include <cstring>
-
+#include "render/kernels/fill_pattern.h"
 #include "render/meter_colours.h"
 #include "render/yv12.h"
 
 namespace kernels {
 
 namespace {
-
-// Two blocks of 16 that the compiler keeps in one register each.
-using Block __attribute__((vector_size(16))) = std::uint8_t;
-constexpr std::int32_t kBlock = sizeof(Block);
-constexpr std::int32_t kHalf = kBlock / 2;
-
-// The dither pattern from each of its eight phases on.
-constexpr auto kDither = [] {
-  std::array<std::uint8_t, 8 + kBlock> pattern{};
-  for (std::uint32_t i = 0; i < pattern.size(); ++i) {
-    pattern[i] = DitherOf(i);
-  }
-  return pattern;
-}();
-
-// Stores `count` samples of value | pattern, the pattern repeating after eight and beginning at
-// phase. Blocks may overlap: they agree on what they share.
-inline void FillPattern(std::uint8_t* to, std::int32_t count, std::uint8_t value,
-                        const std::uint8_t* pattern, std::uint32_t phase) {
-  const auto block = [&](std::int32_t at) {
-    Block samples;
-    std::memcpy(&samples, pattern + ((phase + static_cast<std::uint32_t>(at)) & 7), kBlock);
-    return samples | (Block{} + value);
-  };
-  if (count >= kBlock) {
-    const Block samples = block(0);
-    for (std::int32_t i = 0; i < count - kBlock; i += kBlock) {
-      std::memcpy(to + i, &samples, kBlock);
-    }
-    const Block last = block(count - kBlock);
-    std::memcpy(to + count - kBlock, &last, kBlock);
-  } else if (count >= kHalf) {
-    const Block first = block(0);
-    const Block last = block(count - kHalf);
-    std::memcpy(to, &first, kHalf);
-    std::memcpy(to + count - kHalf, &last, kHalf);
-  } else {
-    for (std::int32_t i = 0; i < count; ++i) {
-      to[i] = value | pattern[(phase + static_cast<std::uint32_t>(i)) & 7];
-    }
-  }
-}
-
-inline void Fill(std::uint8_t* to, std::int32_t count, std::uint8_t value) {
-  static constexpr std::array<std::uint8_t, 8 + kBlock> kNothing{};
-  FillPattern(to, count, value, kNothing.data(), 0);
-}
 
 inline void BlendEdge(std::uint8_t& sample, std::uint8_t value) {
   sample = Blend255(sample, value, kBarEdgeOpacity);
@@ -68,7 +19,7 @@ void DrawBarLuma(std::uint8_t* to, std::ptrdiff_t stride, std::int32_t width, st
   for (std::int32_t row = 0; row < rows; ++row) {
     BlendEdge(to[0], luma[row]);
     if (width >= 2) {
-      FillPattern(to + 1, width - 2, luma[row] & 0xF8, kDither.data(), phases[row] + phase);
+      FillPattern(to + 1, width - 2, luma[row] & 0xF8, kDither, phases[row] + phase);
       BlendEdge(to[width - 1], luma[row]);
     }
     to += stride;
@@ -103,7 +54,7 @@ void DrawBarChroma(std::uint8_t* plane, std::ptrdiff_t stride, std::int32_t left
       last = 2 * line;
       blendEdges(last);
     }
-    Fill(samples + first, opaque, values[last - top]);
+    FillPattern(samples + first, opaque, values[last - top], kPlain, 0);
   }
 }
 

@@ -39,7 +39,8 @@ void FadeRows(std::uint8_t* __restrict to, std::ptrdiff_t stride, std::int32_t c
 }  // namespace
 
 const DrawingKernels& BaseKernels() {
-  static constexpr DrawingKernels kKernels{"base", Blend, BlendConstant, BlendValue, FadeRows};
+  static constexpr DrawingKernels kKernels{"base",     Blend,    BlendConstant,
+                                           BlendValue, FadeRows, nullptr};
   return kKernels;
 }
 

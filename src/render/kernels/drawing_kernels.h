@@ -8,6 +8,8 @@
 
 namespace kernels {
 
+struct BarRun;
+
 inline constexpr std::int32_t kFadeLayers = 4;
 
 // What is left of a sample's distance from neutral under an opacity, in 1/32768, for the fade loop:
@@ -48,6 +50,10 @@ struct DrawingKernels {
   // the second and so on; FadeFactor makes them.
   void (*fade)(std::uint8_t* to, std::ptrdiff_t stride, std::int32_t columns, std::int32_t rows,
                const std::int16_t* factors);
+
+  // All bars of a panel at once, with what shows of it between them. Null in versions that have
+  // nothing faster than the loops above and those of bar_kernels.h.
+  void (*barStrips)(const BarRun& run);
 };
 
 // The definition.

@@ -50,7 +50,8 @@ void FadeRows(std::uint8_t* to, std::ptrdiff_t stride, std::int32_t columns, std
 }  // namespace
 
 const DrawingKernels& ScalarKernels() {
-  static constexpr DrawingKernels kKernels{"scalar", Blend, BlendConstant, BlendValue, FadeRows};
+  static constexpr DrawingKernels kKernels{"scalar",   Blend,    BlendConstant,
+                                           BlendValue, FadeRows, nullptr};
   return kKernels;
 }
 
