@@ -65,6 +65,7 @@ void StripTable::AddStrip(std::int32_t column, std::int32_t firstOwn, std::int32
                           std::int32_t channels) {
   kernels::BarStrip strip{};
   strip.column = column;
+  strip.sample = column / 2;
   const auto left = [this](std::int32_t bar) { return fills_[bar].column - 1; };
   const auto right = [this](std::int32_t bar) { return fills_[bar].column + fills_[bar].columns; };
   strip.firstBar = 0;
@@ -98,7 +99,7 @@ void StripTable::AddStrip(std::int32_t column, std::int32_t firstOwn, std::int32
     }
   }
   for (std::int32_t i = 0; i < kColumns / 2; ++i) {
-    const std::int32_t sample = column / 2 + i;
+    const std::int32_t sample = strip.sample + i;
     for (std::int32_t bar = 0; bar < 2 && strip.firstBar + bar < channels; ++bar) {
       const kernels::BarFill& fill = fills_[strip.firstBar + bar];
       const bool edge =

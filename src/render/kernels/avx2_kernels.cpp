@@ -86,17 +86,8 @@ template <typename T>
 TAVREL_AVX2 inline __m128i Load128(const T* from) {
   return _mm_loadu_si128(reinterpret_cast<const __m128i*>(from));
 }
-template <typename T>
-TAVREL_AVX2 inline __m128i Load64(const T* from) {
+TAVREL_AVX2 inline __m128i Load64(const std::uint8_t* from) {
   return _mm_loadl_epi64(reinterpret_cast<const __m128i*>(from));
-}
-TAVREL_AVX2 inline std::int32_t Load32(const std::uint8_t* from) {
-  std::int32_t samples;
-  std::memcpy(&samples, from, sizeof(samples));
-  return samples;
-}
-TAVREL_AVX2 inline void Store32(std::uint8_t* to, std::int32_t samples) {
-  std::memcpy(to, &samples, sizeof(samples));
 }
 
 // Eight columns of two rows: darkened, then blended with the edges of the bars.
@@ -123,7 +114,8 @@ TAVREL_AVX2 inline void BlendStripLuma(std::uint8_t* upper, std::uint8_t* lower,
 TAVREL_AVX2 inline void BlendStripChroma(std::uint8_t* v, std::uint8_t* u, const BarStrip& strip,
                                          const StripPair& darkening, __m128i bars) {
   const __m128i neutral = _mm_set1_epi16(128);
-  __m128i lanes = _mm_cvtepu8_epi16(_mm_insert_epi32(_mm_cvtsi32_si128(Load32(v)), Load32(u), 1));
+  __m128i lanes = _mm_cvtepu8_epi16(
+      _mm_insert_epi32(_mm_cvtsi32_si128(Load<std::int32_t>(v)), Load<std::int32_t>(u), 1));
   lanes = _mm_sub_epi16(lanes, neutral);
   for (const std::int16_t* factors : darkening.fade) {
     lanes = _mm_mulhrs_epi16(lanes, Load128(factors));
@@ -136,14 +128,17 @@ TAVREL_AVX2 inline void BlendStripChroma(std::uint8_t* v, std::uint8_t* u, const
     lanes = Divide(_mm_add_epi16(_mm_mullo_epi16(lanes, kept), added));
   }
   const __m128i blended = _mm_packus_epi16(lanes, lanes);
-  Store32(v, _mm_cvtsi128_si32(blended));
-  Store32(u, _mm_extract_epi32(blended, 1));
+  Store(v, _mm_cvtsi128_si32(blended));
+  Store(u, _mm_extract_epi32(blended, 1));
 }
 
-TAVREL_AVX2 void BarStrips(const BarRun& run) {
+TAVREL_AVX2 void BarStrips(const BarRun& given) {
+  const BarRun run = given;  // a copy that no store into the planes can change
   const __m256i panelLuma = _mm256_set1_epi16(run.panelLuma);
   const __m256i panelAdded =
       _mm256_set1_epi16(static_cast<std::int16_t>(run.panelLuma * 255 + 128));
+  const BarStrip* const stripsEnd = run.strips.data() + run.strips.size();
+  const BarFill* const fillsEnd = run.fills.data() + run.fills.size();
   std::uint8_t* upper = run.luma;
   std::uint8_t* v = run.v;
   std::uint8_t* u = run.u;
@@ -152,23 +147,23 @@ TAVREL_AVX2 void BarStrips(const BarRun& run) {
   const std::uint8_t* phases = run.phases;
   for (std::int32_t pair = 0; pair < run.pairs; ++pair) {
     std::uint8_t* lower = upper + run.lumaStride;
-    for (const BarStrip& strip : run.strips) {
-      const __m128i two = Load128(bars + strip.firstBar);
-      BlendStripLuma(upper + strip.column, lower + strip.column, strip, *darkening, two, panelLuma,
-                     panelAdded);
-      BlendStripChroma(v + strip.column / 2, u + strip.column / 2, strip, *darkening, two);
+    for (const BarStrip* strip = run.strips.data(); strip != stripsEnd; ++strip) {
+      const __m128i two = Load128(bars + strip->firstBar);
+      BlendStripLuma(upper + strip->column, lower + strip->column, *strip, *darkening, two,
+                     panelLuma, panelAdded);
+      BlendStripChroma(v + strip->sample, u + strip->sample, *strip, *darkening, two);
       ++darkening;
     }
-    for (const BarFill& fill : run.fills) {
-      const std::uint32_t phase = run.phase + static_cast<std::uint32_t>(fill.column);
-      FillPattern(upper + fill.column, fill.columns, bars->luma[0] & 0xF8, kDither,
-                  phase + phases[0]);
-      FillPattern(lower + fill.column, fill.columns, bars->luma[1] & 0xF8, kDither,
-                  phase + phases[1]);
+    const std::uint32_t upperPhase = run.phase + phases[0];
+    const std::uint32_t lowerPhase = run.phase + phases[1];
+    for (const BarFill* fill = run.fills.data(); fill != fillsEnd; ++fill) {
+      const BarPair bar = *bars++;
+      const auto column = static_cast<std::uint32_t>(fill->column);
+      FillDithered(upper + column, fill->columns, bar.luma[0] & 0xF8, upperPhase + column);
+      FillDithered(lower + column, fill->columns, bar.luma[1] & 0xF8, lowerPhase + column);
       // Of two rows that share chroma the upper one is drawn last.
-      FillPattern(v + fill.sample, fill.samples, bars->v[0], kPlain, 0);
-      FillPattern(u + fill.sample, fill.samples, bars->u[0], kPlain, 0);
-      ++bars;
+      Fill(v + fill->sample, fill->samples, bar.v[0]);
+      Fill(u + fill->sample, fill->samples, bar.u[0]);
     }
     phases += 2;
     upper += 2 * run.lumaStride;

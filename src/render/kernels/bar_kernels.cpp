@@ -19,7 +19,7 @@ void DrawBarLuma(std::uint8_t* to, std::ptrdiff_t stride, std::int32_t width, st
   for (std::int32_t row = 0; row < rows; ++row) {
     BlendEdge(to[0], luma[row]);
     if (width >= 2) {
-      FillPattern(to + 1, width - 2, luma[row] & 0xF8, kDither, phases[row] + phase);
+      FillDithered(to + 1, width - 2, luma[row] & 0xF8, phases[row] + phase);
       BlendEdge(to[width - 1], luma[row]);
     }
     to += stride;
@@ -54,7 +54,7 @@ void DrawBarChroma(std::uint8_t* plane, std::ptrdiff_t stride, std::int32_t left
       last = 2 * line;
       blendEdges(last);
     }
-    FillPattern(samples + first, opaque, values[last - top], kPlain, 0);
+    Fill(samples + first, opaque, values[last - top]);
   }
 }
 

@@ -9,51 +9,81 @@
 
 namespace kernels {
 
-// The compiler keeps one in a register.
+// Eight times the same sample.
+[[gnu::always_inline]] inline std::uint64_t Splat(std::uint8_t value) {
+  return value * std::uint64_t{0x0101010101010101};
+}
+
+// Sixteen; the compiler keeps them in one register.
 using Block __attribute__((vector_size(16))) = std::uint8_t;
 inline constexpr std::int32_t kBlock = sizeof(Block);
 
-// A pattern of eight samples, from each of its phases on for a block.
-using Pattern = std::array<std::uint8_t, 8 + kBlock>;
+template <typename T>
+[[gnu::always_inline]] inline void Store(std::uint8_t* to, const T& samples) {
+  std::memcpy(to, &samples, sizeof(T));
+}
+template <typename T>
+[[gnu::always_inline]] inline T Load(const std::uint8_t* from) {
+  T samples;
+  std::memcpy(&samples, from, sizeof(T));
+  return samples;
+}
 
-inline constexpr Pattern kDither = [] {
-  Pattern pattern{};
+// Sets `count` samples to value. Most rows are two stores that overlap.
+[[gnu::always_inline]] inline void Fill(std::uint8_t* to, std::int32_t count, std::uint8_t value) {
+  if (count > kBlock) {
+    const Block samples = Block{} + value;
+    for (std::int32_t i = 0; i < count - kBlock; i += kBlock) {
+      Store(to + i, samples);
+    }
+    Store(to + count - kBlock, samples);
+  } else if (count >= 8) {
+    Store(to, Splat(value));
+    Store(to + count - 8, Splat(value));
+  } else if (count >= 4) {
+    const auto samples = static_cast<std::uint32_t>(Splat(value));
+    Store(to, samples);
+    Store(to + count - 4, samples);
+  } else {
+    for (std::int32_t i = 0; i < count; ++i) {
+      to[i] = value;
+    }
+  }
+}
+
+// The dither of a bar, from each of its eight phases on for a block.
+inline constexpr auto kDither = [] {
+  std::array<std::uint8_t, 8 + kBlock> pattern{};
   for (std::uint32_t i = 0; i < pattern.size(); ++i) {
     pattern[i] = DitherOf(i);
   }
   return pattern;
 }();
-inline constexpr Pattern kPlain{};
 
-template <int kBytes>
-[[gnu::always_inline]] inline void StorePattern(std::uint8_t* to, std::int32_t at,
-                                                std::uint8_t value, const Pattern& pattern,
-                                                std::uint32_t phase) {
-  Block samples;
-  std::memcpy(&samples, pattern.data() + ((phase + static_cast<std::uint32_t>(at)) & 7), kBlock);
-  samples |= Block{} + value;
-  std::memcpy(to + at, &samples, kBytes);
-}
-
-// Sets `count` samples to value | pattern, the pattern beginning at phase. Short rows are two
-// stores that overlap: they agree on what they share.
-[[gnu::always_inline]] inline void FillPattern(std::uint8_t* to, std::int32_t count,
-                                               std::uint8_t value, const Pattern& pattern,
-                                               std::uint32_t phase) {
-  if (count >= kBlock) {
+// Sets `count` samples to value | dither, the dither beginning at phase.
+[[gnu::always_inline]] inline void FillDithered(std::uint8_t* to, std::int32_t count,
+                                                std::uint8_t value, std::uint32_t phase) {
+  const std::uint8_t* first = kDither.data() + (phase & 7);
+  const auto last = [phase, count](std::int32_t bytes) {
+    return kDither.data() + ((phase + static_cast<std::uint32_t>(count - bytes)) & 7);
+  };
+  if (count > kBlock) {
+    const Block values = Block{} + value;
+    const Block samples = values | Load<Block>(first);
     for (std::int32_t i = 0; i < count - kBlock; i += kBlock) {
-      StorePattern<kBlock>(to, i, value, pattern, phase);
+      Store(to + i, samples);
     }
-    StorePattern<kBlock>(to, count - kBlock, value, pattern, phase);
+    Store(to + count - kBlock, values | Load<Block>(last(kBlock)));
   } else if (count >= 8) {
-    StorePattern<8>(to, 0, value, pattern, phase);
-    StorePattern<8>(to, count - 8, value, pattern, phase);
+    Store(to, Splat(value) | Load<std::uint64_t>(first));
+    Store(to + count - 8, Splat(value) | Load<std::uint64_t>(last(8)));
   } else if (count >= 4) {
-    StorePattern<4>(to, 0, value, pattern, phase);
-    StorePattern<4>(to, count - 4, value, pattern, phase);
+    const auto values = static_cast<std::uint32_t>(Splat(value));
+    Store(to, values | Load<std::uint32_t>(first));
+    Store(to + count - 4, values | Load<std::uint32_t>(last(4)));
   } else {
     for (std::int32_t i = 0; i < count; ++i) {
-      StorePattern<1>(to, i, value, pattern, phase);
+      to[i] = value | first[i];
     }
   }
 }

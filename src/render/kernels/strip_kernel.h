@@ -44,6 +44,7 @@ struct BarStrip {
   std::uint8_t lowerBars[16];
   std::uint8_t upperBars[16];
   std::int32_t column;    // of the panel, even
+  std::int32_t sample;    // of its chroma: half of that
   std::int32_t firstBar;  // of the two
 };
 
