@@ -155,7 +155,8 @@ TEST_F(WindowPinTest, AcceptsYv12InEitherHeaderAndReadsTheSizeOfOne) {
 
   LONG width = -1;
   LONG height = -1;
-  EXPECT_EQ(Pin().CheckVideoFormat(fakes::Yv12TypeWithPlainHeader(64, 48), &width, &height), S_FALSE);
+  EXPECT_EQ(Pin().CheckVideoFormat(fakes::Yv12TypeWithPlainHeader(64, 48), &width, &height),
+            S_FALSE);
   EXPECT_EQ(width, -1);
   EXPECT_TRUE(logger_.Texts().empty());
   EXPECT_EQ(Pin().CheckVideoFormat(fakes::AudioType(MEDIASUBTYPE_PCM), &width, &height), S_FALSE);
@@ -193,7 +194,8 @@ TEST_F(AllocatorDemandTest, LeavesALargeAllocatorAsItIs) {
 }
 
 TEST_F(AllocatorDemandTest, RefusesAnAllocatorThatGrantsOneLess) {
-  EXPECT_EQ(ConnectWith(ComPtr<IMemAllocator>(fakes::StingyAllocator::Create(79).Get()), 3), E_FAIL);
+  EXPECT_EQ(ConnectWith(ComPtr<IMemAllocator>(fakes::StingyAllocator::Create(79).Get()), 3),
+            E_FAIL);
   EXPECT_FALSE(composer_->GetPin(2)->IsConnected());
 }
 

@@ -1,14 +1,14 @@
 // A composer between scripted filters.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "filter/compose.h"
 #include "platform/graph/filter_graph.h"
@@ -70,7 +70,8 @@ class ComposerFixture : public testing::Test {
   static constexpr LONG kHeight = 120;
   static constexpr REFERENCE_TIME kFrame = 400000;  // 25 frames per second
 
-  // Makes the composer with that many inputs; the windows' sources offer windowWidth x windowHeight.
+  // Makes the composer with that many inputs; the windows' sources offer windowWidth x
+  // windowHeight.
   void Make(LONG inputs, REFERENCE_TIME prerollPeriod = 0);
   void ConnectBackground(const CMediaType& type);
   void ConnectBackground() { ConnectBackground(fakes::Yv12Type(kWidth, kHeight, kFrame)); }
@@ -90,8 +91,8 @@ class ComposerFixture : public testing::Test {
   ComPtr<IMediaSample> Compose(REFERENCE_TIME start, BYTE luma = 16);
   // Sends one without waiting.
   HRESULT SendBackground(std::optional<REFERENCE_TIME> start, BYTE luma = 16);
-  // Makes a moment the composer's present time, and returns when nothing is being composed any more.
-  // The filter is paused then.
+  // Makes a moment the composer's present time, and returns when nothing is being composed any
+  // more. The filter is paused then.
   void SetPresent(REFERENCE_TIME start);
   // Sends a window picture of one luma.
   HRESULT SendPicture(LONG index, REFERENCE_TIME start, BYTE luma);
