@@ -28,9 +28,10 @@ struct PictureSize {
   LONG height = -1;
 };
 
-// Bytes of a YV12 picture of width x height pixels.
-constexpr LONG PictureBytes(LONG width, LONG height) {
-  return width * 3 * height / 2;
+// Bytes of a YV12 picture of width x height pixels, exact for any size that a type may tell.
+constexpr LONGLONG PictureBytes(LONG width, LONG height) {
+  const auto plane = static_cast<unsigned long long>(LONGLONG{width} * height);
+  return static_cast<LONGLONG>(plane + plane + plane) / 2;
 }
 
 // The one filter of the system. Owns every pin, the queue of background frames, the drawing engine
