@@ -1,108 +1,16 @@
 #include "platform/graph/filter_graph.h"
 
 #include <algorithm>
-#include <functional>
 #include <memory>
-#include <set>
 
 #include "platform/dshow/vfw_errors.h"
+#include "platform/graph/filter_enumerator.h"
+#include "platform/graph/pin_walk.h"
 
 namespace {
 
 constexpr CLSID kFilterGraphClass{
     0xE436EBB3, 0x524F, 0x11CE, {0x9F, 0x53, 0x00, 0x20, 0xAF, 0x0B, 0xA7, 0x70}};
-// Between the call of Run and the first picture that is due, 100 ns units.
-constexpr REFERENCE_TIME kStartDelay = 100000;
-
-// Calls visit with every pin of a filter.
-void ForEachPin(IBaseFilter* filter, const std::function<void(IPin*)>& visit) {
-  ComPtr<IEnumPins> pins;
-  if (FAILED(filter->EnumPins(pins.Put()))) {
-    return;
-  }
-  ComPtr<IPin> pin;
-  while (pins->Next(1, pin.Put(), nullptr) == S_OK) {
-    visit(pin.Get());
-  }
-}
-
-ComPtr<IPin> PeerOf(IPin* pin) {
-  ComPtr<IPin> peer;
-  pin->ConnectedTo(peer.Put());
-  return peer;
-}
-
-bool IsOutput(IPin* pin) {
-  PIN_DIRECTION direction{};
-  return SUCCEEDED(pin->QueryDirection(&direction)) && direction == PINDIR_OUTPUT;
-}
-
-// Walks a snapshot of the graph's filters.
-class FilterEnumerator final : public IEnumFilters {
- public:
-  explicit FilterEnumerator(std::vector<ComPtr<IBaseFilter>> filters)
-      : filters_(std::move(filters)) {}
-  FilterEnumerator(const FilterEnumerator& other)
-      : filters_(other.filters_), position_(other.position_) {}
-  FilterEnumerator& operator=(const FilterEnumerator&) = delete;
-
-  HRESULT QueryInterface(REFIID iid, void** object) override {
-    if (object == nullptr) {
-      return E_POINTER;
-    }
-    if (iid != IID_IUnknown && iid != IID_IEnumFilters) {
-      *object = nullptr;
-      return E_NOINTERFACE;
-    }
-    *object = static_cast<IEnumFilters*>(this);
-    AddRef();
-    return S_OK;
-  }
-  ULONG AddRef() override { return static_cast<ULONG>(count_.fetch_add(1) + 1); }
-  ULONG Release() override {
-    const LONG left = count_.fetch_sub(1) - 1;
-    if (left == 0) {
-      delete this;
-    }
-    return static_cast<ULONG>(left);
-  }
-  HRESULT Next(ULONG count, IBaseFilter** filters, ULONG* fetched) override {
-    if (filters == nullptr) {
-      return E_POINTER;
-    }
-    ULONG given = 0;
-    while (given < count && position_ < filters_.size()) {
-      filters[given++] = ComPtr<IBaseFilter>(filters_[position_++]).Detach();
-    }
-    if (fetched != nullptr) {
-      *fetched = given;
-    }
-    return given == count ? S_OK : S_FALSE;
-  }
-  HRESULT Skip(ULONG count) override {
-    const std::size_t left = filters_.size() - position_;
-    position_ += std::min<std::size_t>(count, left);
-    return count <= left ? S_OK : S_FALSE;
-  }
-  HRESULT Reset() override {
-    position_ = 0;
-    return S_OK;
-  }
-  HRESULT Clone(IEnumFilters** copy) override {
-    if (copy == nullptr) {
-      return E_POINTER;
-    }
-    *copy = ComPtr<IEnumFilters>(new FilterEnumerator(*this)).Detach();
-    return S_OK;
-  }
-
- private:
-  ~FilterEnumerator() = default;
-
-  std::vector<ComPtr<IBaseFilter>> filters_;
-  std::size_t position_ = 0;
-  std::atomic<LONG> count_{0};
-};
 
 }  // namespace
 
@@ -196,11 +104,11 @@ HRESULT FilterGraph::EnumFilters(IEnumFilters** enumerator) {
     return E_POINTER;
   }
   const std::lock_guard guard(lock_);
-  std::vector<ComPtr<IBaseFilter>> filters;
+  FilterEnumerator::Filters filters;
   for (const Entry& entry : filters_) {
     filters.push_back(entry.filter);
   }
-  *enumerator = ComPtr<IEnumFilters>(new FilterEnumerator(std::move(filters))).Detach();
+  *enumerator = FilterEnumerator::Create(std::move(filters)).Detach();
   return S_OK;
 }
 
@@ -217,13 +125,6 @@ HRESULT FilterGraph::FindFilterByName(LPCWSTR name, IBaseFilter** filter) {
   }
   *filter = nullptr;
   return VFW_E_NOT_FOUND;
-}
-
-ComPtr<IBaseFilter> FilterGraph::FilterOf(IPin* pin) {
-  PIN_INFO info{};
-  return pin != nullptr && SUCCEEDED(pin->QueryPinInfo(&info))
-             ? ComPtr<IBaseFilter>::Adopt(info.pFilter)
-             : nullptr;
 }
 
 bool FilterGraph::Reaches(IBaseFilter* from, IBaseFilter* to) {
@@ -294,132 +195,6 @@ HRESULT FilterGraph::GetClassID(CLSID* clsid) {
     return E_POINTER;
   }
   *clsid = kFilterGraphClass;
-  return S_OK;
-}
-
-std::vector<ComPtr<IBaseFilter>> FilterGraph::DownstreamFirst() {
-  std::vector<ComPtr<IBaseFilter>> ordered;
-  std::set<IBaseFilter*> visited;
-  const std::function<void(const ComPtr<IBaseFilter>&)> visit =
-      [&](const ComPtr<IBaseFilter>& filter) {
-        if (!visited.insert(filter.Get()).second) {
-          return;
-        }
-        ForEachPin(filter.Get(), [&](IPin* pin) {
-          if (IsOutput(pin)) {
-            if (const Entry* const next = FindEntry(FilterOf(PeerOf(pin).Get()).Get())) {
-              visit(ComPtr<IBaseFilter>(next->filter));
-            }
-          }
-        });
-        ordered.push_back(filter);
-      };
-  for (const Entry& entry : filters_) {
-    visit(entry.filter);
-  }
-  return ordered;
-}
-
-HRESULT FilterGraph::StopAll() {
-  HRESULT result = S_OK;
-  for (const ComPtr<IBaseFilter>& filter : DownstreamFirst()) {
-    const HRESULT hr = filter->Stop();
-    if (FAILED(hr) && SUCCEEDED(result)) {
-      result = hr;
-    }
-  }
-  return result;
-}
-
-HRESULT FilterGraph::Stop() {
-  const std::lock_guard guard(lock_);
-  const HRESULT hr = StopAll();
-  state_ = State_Stopped;
-  pausedAt_ = 0;
-  return hr;
-}
-
-HRESULT FilterGraph::Pause() {
-  const std::lock_guard guard(lock_);
-  const FILTER_STATE former = state_;
-  if (former == State_Running && clock_) {
-    REFERENCE_TIME now = 0;
-    if (SUCCEEDED(clock_->GetTime(&now))) {
-      pausedAt_ = now - start_;
-    }
-  }
-  for (const ComPtr<IBaseFilter>& filter : DownstreamFirst()) {
-    const HRESULT hr = filter->Pause();
-    if (FAILED(hr)) {
-      if (former == State_Stopped) {
-        StopAll();
-      }
-      return hr;
-    }
-  }
-  state_ = State_Paused;
-  return S_OK;
-}
-
-HRESULT FilterGraph::Run(REFERENCE_TIME start) {
-  const std::lock_guard guard(lock_);
-  if (state_ == State_Running) {
-    return S_OK;
-  }
-  if (state_ == State_Stopped) {
-    const HRESULT hr = Pause();
-    if (FAILED(hr)) {
-      return hr;
-    }
-  }
-  start_ = start;
-  REFERENCE_TIME now = 0;
-  if (start == 0 && clock_ && SUCCEEDED(clock_->GetTime(&now))) {
-    // Stream time goes on where the pause held it.
-    start_ = now - pausedAt_ + kStartDelay;
-  }
-  for (const ComPtr<IBaseFilter>& filter : DownstreamFirst()) {
-    const HRESULT hr = filter->Run(start_);
-    if (FAILED(hr)) {
-      StopAll();
-      state_ = State_Stopped;
-      return hr;
-    }
-  }
-  state_ = State_Running;
-  return S_OK;
-}
-
-HRESULT FilterGraph::GetState(DWORD /*milliseconds*/, FILTER_STATE* state) {
-  if (state == nullptr) {
-    return E_POINTER;
-  }
-  const std::lock_guard guard(lock_);
-  *state = state_;
-  return S_OK;
-}
-
-HRESULT FilterGraph::SetSyncSource(IReferenceClock* clock) {
-  const std::lock_guard guard(lock_);
-  if (state_ != State_Stopped) {
-    return VFW_E_NOT_STOPPED;
-  }
-  clock_ = ComPtr<IReferenceClock>(clock);
-  for (const Entry& entry : filters_) {
-    const HRESULT hr = entry.filter->SetSyncSource(clock);
-    if (FAILED(hr)) {
-      return hr;
-    }
-  }
-  return S_OK;
-}
-
-HRESULT FilterGraph::GetSyncSource(IReferenceClock** clock) {
-  if (clock == nullptr) {
-    return E_POINTER;
-  }
-  const std::lock_guard guard(lock_);
-  *clock = ComPtr<IReferenceClock>(clock_).Detach();
   return S_OK;
 }
 

@@ -79,7 +79,6 @@ class FilterGraph final : public CUnknown,
   };
 
   Entry* FindEntry(IUnknown* filter);
-  ComPtr<IBaseFilter> FilterOf(IPin* pin);
   bool Reaches(IBaseFilter* from, IBaseFilter* to);
   // Filters in an order in which every filter stands after all those that it delivers to.
   std::vector<ComPtr<IBaseFilter>> DownstreamFirst();
