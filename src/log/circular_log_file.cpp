@@ -22,19 +22,23 @@ std::string FormatHeader(std::uint64_t head) {
 
 }  // namespace
 
-void CircularLogFile::Open(const std::string& path, os::File::Access access) {
+std::uint32_t CircularLogFile::Open(const std::string& path, os::File::Access access) {
   Close();
+  std::uint32_t error = 0;
   if (access == os::File::Access::kReadWrite) {
     // Without effect, and not an error, when the file is there.
     if (file_.Create(path) == 0) {
       file_.WriteAt(0, FormatHeader(0));
     }
-    good_ = file_.Open(path, access) == 0;
+    error = file_.Open(path, access);
+    good_ = error == 0;
   }
   if (!file_.IsOpen()) {
-    file_.Open(path, os::File::Access::kRead);
+    const std::uint32_t readError = file_.Open(path, os::File::Access::kRead);
+    error = error != 0 ? error : readError;
   }
   ReadHeader();
+  return error;
 }
 
 void CircularLogFile::Close() {
@@ -43,16 +47,25 @@ void CircularLogFile::Close() {
 }
 
 void CircularLogFile::ReadHeader() {
+  header_ = Header::kMissing;
   head_ = kHeaderSize;
   size_ = 0;
   std::array<char, kHeaderSize + 1> header{};
   std::size_t count = 0;
   if (!file_.IsOpen() || file_.GetSize(&size_) != 0 ||
-      file_.ReadAt(0, std::span(header).first(kHeaderSize), &count) != 0) {
+      file_.ReadAt(0, std::span(header).first(kHeaderSize), &count) != 0 || count == 0) {
     return;
   }
-  const std::uint64_t head = std::strtoull(header.data(), nullptr, 16);
-  if (head >= kHeaderSize && head <= size_) {
+  char* end = nullptr;
+  const std::uint64_t head = std::strtoull(header.data(), &end, 16);
+  if (end == header.data()) {
+    header_ = Header::kNoNumber;
+  } else if (head == 0) {
+    header_ = Header::kWhole;
+  } else if (head < kHeaderSize || head > size_) {
+    header_ = Header::kElsewhere;
+  } else {
+    header_ = Header::kWhole;
     head_ = head;
   }
 }
@@ -67,15 +80,15 @@ void CircularLogFile::ReadNewest(const TakeLine& take) const {
             [&](std::string_view line) { return std::exchange(isHeader, false) || take(line); });
 }
 
-// Every line that begins before end.
-void CircularLogFile::ReadLines(std::uint64_t offset, std::uint64_t end,
+void CircularLogFile::ReadLines(std::uint64_t begin, std::uint64_t end,
                                 const TakeLine& take) const {
   if (!file_.IsOpen()) {
     return;
   }
+  std::uint64_t offset = begin;
   std::vector<char> buffer(kReadSize);
   std::string line;
-  std::uint64_t lineBegin = offset;
+  std::uint64_t lineBegin = begin;
   const auto takeLine = [&] {
     if (line.ends_with('\r')) {
       line.pop_back();

@@ -1,6 +1,7 @@
 // console_sink: coloured lines for a person who watches.
 #pragma once
 
+#include <iosfwd>
 #include <mutex>
 
 #include "log/i_log_sink.h"
@@ -16,6 +17,10 @@ class console_sink final : public ILogSink {
   explicit console_sink(std::int32_t maxLevel) : maxLevel_(maxLevel) {}
   // Writes to another open descriptor, not owned.
   console_sink(std::int32_t maxLevel, int descriptor) : maxLevel_(maxLevel), console_(descriptor) {}
+
+  // Writes to a stream, not owned, in colour or not.
+  console_sink(std::int32_t maxLevel, std::ostream& stream, bool colour)
+      : maxLevel_(maxLevel), console_(stream, colour) {}
 
   void SetMaxLevel(std::int32_t maxLevel);
   void Write(std::int32_t level, const LogTime& time, const char* text) override;

@@ -1,10 +1,13 @@
 #include "log/log_line.h"
 
 #include <array>
+#include <cctype>
 #include <cerrno>
+#include <charconv>
 #include <cstdlib>
 #include <limits>
 #include <stdexcept>
+#include <system_error>
 
 namespace qorp::log {
 namespace {
@@ -49,6 +52,34 @@ std::int32_t ParseInt32(std::string_view field) {
   return static_cast<std::int32_t>(ParseNumber(field, "stoi", Limits::min(), Limits::max()));
 }
 
+// "Mon Nov 16 09:43:14.123": a letter stands for any letter, a digit for any digit or the blank
+// before it.
+bool IsTimeText(std::string_view text) {
+  constexpr std::string_view kForm = "Www Mmm dd 00:00:00.000";
+  if (text.size() != kForm.size()) {
+    return false;
+  }
+  for (std::size_t i = 0; i < kForm.size(); ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    const bool fits = kForm[i] == 'd'   ? std::isdigit(c) != 0 || c == ' '
+                      : kForm[i] == '0' ? std::isdigit(c) != 0
+                      : kForm[i] == ' ' || kForm[i] == ':' || kForm[i] == '.'
+                          ? text[i] == kForm[i]
+                          : std::isalpha(c) != 0;
+    if (!fits) {
+      return false;
+    }
+  }
+  return true;
+}
+
+template <typename Number>
+bool ReadWhole(std::string_view field, Number& number) {
+  const char* const end = field.data() + field.size();
+  const auto [next, error] = std::from_chars(field.data(), end, number);
+  return error == std::errc() && next == end;
+}
+
 }  // namespace
 
 std::string FormatLogLine(std::int64_t number, const LogHistoryEntry& entry) {
@@ -80,6 +111,21 @@ LogHistoryEntry ParseLogLine(std::string_view line) {
   const auto fields = SplitFields(line);
   return {ParseInt32(fields[3]), ParseInt64(fields[2]), std::string(fields[1]),
           std::string(fields[4])};
+}
+
+std::optional<NumberedLogLine> ReadLogLine(std::string_view line) {
+  if (!IsLogLine(line)) {
+    return std::nullopt;
+  }
+  const auto fields = SplitFields(line);
+  NumberedLogLine read;
+  if (!ReadWhole(fields[0], read.number) || read.number < 0 || !IsTimeText(fields[1]) ||
+      !ReadWhole(fields[2], read.entry.milliseconds) || !ReadWhole(fields[3], read.entry.level)) {
+    return std::nullopt;
+  }
+  read.entry.timeText = fields[1];
+  read.entry.text = fields[4];
+  return read;
 }
 
 }  // namespace qorp::log

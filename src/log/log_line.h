@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -24,5 +25,13 @@ bool IsLogLine(std::string_view line);
 // out of range" ("stoi argument out of range").
 std::int64_t ParseLogLineNumber(std::string_view line);
 LogHistoryEntry ParseLogLine(std::string_view line);
+
+// For readers of files in which rests of overwritten lines stand beside whole ones: nothing unless
+// every field has exactly the form in which it is written.
+struct NumberedLogLine {
+  std::int64_t number = 0;
+  LogHistoryEntry entry;
+};
+std::optional<NumberedLogLine> ReadLogLine(std::string_view line);
 
 }  // namespace qorp::log

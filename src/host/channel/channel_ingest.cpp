@@ -33,10 +33,12 @@ class ChannelIngest::Pass {
   // False once the queue is closed.
   bool Handle(MediaItem item) {
     if (auto* const picture = std::get_if<VideoPicture>(&item)) {
+      Count(true, picture->discontinuity);
       converter_.Push(std::move(*picture));
       return DrainConverter();
     }
     if (auto* const packet = std::get_if<AudioPacket>(&item)) {
+      Count(false, packet->discontinuity);
       packet->start += shift_;
       const Time start = packet->start;
       return Add(start, std::move(*packet));
@@ -66,6 +68,16 @@ class ChannelIngest::Pass {
     PictureConverter::Settings picture = settings.picture;
     picture.rotation = info.video.has_value() ? info.video->rotation : 0;
     return picture;
+  }
+
+  void Count(bool isPicture, bool isDiscontinuity) {
+    qorp::log::ILogPerf* const logger = ingest_.settings_.logger;
+    if (logger != nullptr && isPicture) {
+      logger->IncrementDecodedPictures();
+    }
+    if (logger != nullptr && isDiscontinuity) {
+      logger->IncrementTsDiscontinuity();
+    }
   }
 
   bool DrainConverter() {

@@ -15,6 +15,7 @@
 #include "host/channel/media_reader.h"
 #include "host/channel/picture_converter.h"
 #include "host/graph/feed_pin.h"
+#include "log/i_log_perf.h"
 
 namespace host {
 
@@ -44,6 +45,8 @@ class ChannelIngest {
     bool reopen = false;             // after a failure or an end
     // The time on the wall at which a source starts that is opened now; null: at 0.
     std::function<Time()> startTime;
+    // Counts pictures and discontinuities; not owned, may be null.
+    qorp::log::ILogPerf* logger = nullptr;
   };
 
   ChannelIngest(Settings settings, FeedPin& videoPin, ChannelQueue& queue,

@@ -51,6 +51,15 @@ ChannelSource::ChannelSource(Settings settings, ChannelObserver* observer)
       ingest_(settings_.ingest, video_, queue_, observer),
       label_(settings_.label) {}
 
+void ChannelSource::ReportFullBuffersTo(qorp::log::ILogPerf* logger) {
+  const std::string prefix = name() + " ";
+  video_.ReportTo(logger, prefix + "video");
+  audio_.ReportTo(logger, prefix + "audio");
+  text_.ReportTo(logger, prefix + "label");
+  audioAlarm_.ReportTo(logger, prefix + "levels");
+  videoAlarm_.ReportTo(logger, prefix + "video alarm");
+}
+
 ChannelSource::~ChannelSource() {
   EndThreads();
 }
@@ -147,6 +156,9 @@ void ChannelSource::FixClock(IMediaSample* picture, Time start) {
     copies = 2;
   } else if (start - *lastPicture_ >= kFixAfterGap) {
     copies = 1;  // the last picture from before the gap still waits
+    if (settings_.ingest.logger != nullptr) {
+      settings_.ingest.logger->IncrementResync();
+    }
   }
   const Time present = settings_.latestFrame ? settings_.latestFrame() : 0;
   BYTE* from = nullptr;

@@ -47,6 +47,9 @@ class ChannelSource final : public CBaseFilter {
   FeedPin& audioAlarmPin() { return audioAlarm_; }
   FeedPin& videoAlarmPin() { return videoAlarm_; }
 
+  // See FeedPin::ReportTo. Before the filter runs.
+  void ReportFullBuffersTo(qorp::log::ILogPerf* logger);
+
   // The wall's time, for this channel.
   ChannelQueue& queue() { return queue_; }
   const std::string& name() const { return settings_.ingest.name; }

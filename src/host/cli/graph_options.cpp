@@ -2,13 +2,14 @@
 
 #include <CLI/CLI.hpp>
 
+#include "host/cli/log_flags.h"
+
 namespace host::cli {
 
 void DefineGraph(CLI::App& app, GraphOptions& options) {
   app.add_option("--library", options.library, "the composer's filter library")
       ->envname("TAVREL_LIBRARY");
-  app.add_flag("-v,--verbose", options.verbose, "say more on the error stream")
-      ->envname("TAVREL_VERBOSE");
+  DefineLog(app, options.log);
 }
 
 void DefineRecord(CLI::App& app, RecordOptions& options) {

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "host/wall/log_options.h"
+
 namespace CLI {
 class App;
 }
@@ -14,7 +16,7 @@ namespace host::cli {
 
 struct GraphOptions {
   std::filesystem::path library;  // of the composer; empty: beside the program
-  bool verbose = false;           // the logger's and FFmpeg's lines as well
+  wall::LogOptions log;
 };
 
 // Where the mosaic goes.

@@ -1,14 +1,20 @@
 #include "host/cli/message_log.h"
 
 #include <algorithm>
-#include <cstdarg>
+#include <stdexcept>
 
-#include "log/format_buffer.h"
+#include "host/ffmpeg/log.h"
+#include "log/circular_log_file.h"
+#include "log/log_line.h"
+#include "platform/os/datagram.h"
+#include "platform/os/error_numbers.h"
 
 namespace host::cli {
 namespace {
 
-constexpr std::size_t kLongestMessage = 1040;
+using qorp::log::CircularLogFile;
+
+constexpr std::int32_t kDefaultSize = 10 << 20;
 
 std::string Describe(const MediaInfo& info) {
   std::string text = info.format;
@@ -26,76 +32,182 @@ std::string Describe(const MediaInfo& info) {
   return text;
 }
 
-}  // namespace
-
-MessageLog::MessageLog(Streams& streams, bool verbose)
-    : err_(streams.err), progress_(streams.err, streams.progress), verbose_(verbose) {}
-
-void MessageLog::Print(const std::string& line) {
-  progress_.Wipe();
-  err_ << line << "\n" << std::flush;
+// A start alone makes the composer warn twice of every channel: that is for the record.
+std::int32_t ScreenLevel(const wall::LogOptions& options) {
+  return options.level.value_or(qorp::log::kError);
+}
+std::int32_t RecordLevel(const wall::LogOptions& options) {
+  return options.level.value_or(qorp::log::kWarning);
 }
 
-void MessageLog::ShowProgress(const std::string& text) {
+qorp::log::LogPerfOptions LoggerOptions(const wall::LogOptions& options) {
+  qorp::log::LogPerfOptions logger;
+  if (options.perfPeriod) {
+    logger.reportPeriod = static_cast<std::uint32_t>(*options.perfPeriod / kMillisecond);
+  }
+  return logger;
+}
+
+// A sink tries again for ever; who starts a wall wants to know of a wrong path at once, and wants
+// no other file overwritten.
+std::string CheckedPath(const std::filesystem::path& path) {
+  const std::string name = path.string();
+  CircularLogFile file;
+  file.Open(name, os::File::Access::kRead);
+  const bool isEmpty = file.header() == CircularLogFile::Header::kMissing;
+  if (file.IsOpen() && !isEmpty && file.header() != CircularLogFile::Header::kWhole) {
+    bool hasLines = false;
+    file.ReadOldest([&](std::string_view line) {
+      hasLines = qorp::log::ReadLogLine(line).has_value();
+      return !hasLines;
+    });
+    if (!hasLines) {
+      throw std::runtime_error(name + " is no log file: it would be overwritten; name another one");
+    }
+  }
+  if (const std::uint32_t error = file.Open(name, os::File::Access::kReadWrite); error != 0) {
+    throw std::runtime_error("the log file " + name +
+                             " cannot be written: " + os::FileErrorText(error));
+  }
+  return name;
+}
+
+void Configure(std::optional<qorp::log::logfile_sink>& sink,
+               const std::optional<std::filesystem::path>& path, std::int32_t level,
+               const wall::LogOptions& options) {
+  if (!path || path->empty()) {
+    return;
+  }
+  sink.emplace(qorp::log::LogFileOptions{level, options.size.value_or(kDefaultSize), 0});
+  sink->SetPath(CheckedPath(*path));
+}
+
+}  // namespace
+
+MessageLog::Screen::Screen(Streams& streams, std::int32_t maxLevel)
+    : maxLevel_(maxLevel),
+      console_(maxLevel, streams.err, streams.colour),
+      progress_(streams.err, streams.progress) {}
+
+void MessageLog::Screen::Write(std::int32_t level, const qorp::log::LogTime& time,
+                               const char* text) {
+  if (level <= maxLevel_) {
+    const std::lock_guard guard(lock_);
+    progress_.Wipe();
+    console_.Write(level, time, text);
+  }
+}
+
+void MessageLog::Screen::ShowProgress(const std::string& text) {
   const std::lock_guard guard(lock_);
   progress_.Show(text);
 }
 
-void MessageLog::WipeProgress() {
+void MessageLog::Screen::WipeProgress() {
   const std::lock_guard guard(lock_);
   progress_.Wipe();
 }
 
-void MessageLog::log(std::int32_t level, const char* format, ...) {
-  if (level > qorp::log::kError && !verbose_) {
-    return;
+MessageLog::Syslog::Syslog(const wall::Endpoint& server, std::int32_t maxLevel)
+    : maxLevel_(maxLevel), sink_(os::DatagramSocket(server.host, server.port), os::HostName()) {}
+
+void MessageLog::Syslog::Write(std::int32_t level, const qorp::log::LogTime& time,
+                               const char* text) {
+  if (level <= maxLevel_) {
+    sink_.Write(level, time, text);
   }
-  qorp::log::FormatBuffer<kLongestMessage> buffer;
-  va_list arguments;
-  va_start(arguments, format);
-  const std::size_t length = buffer.Format(format, arguments);
-  va_end(arguments);
-  const std::lock_guard guard(lock_);
-  Print("tavrel: " + std::string(buffer.Data(), length));
 }
 
-void MessageLog::Say(const std::string& line) {
-  const std::lock_guard guard(lock_);
-  Print(line);
+MessageLog::MessageLog(Streams& streams, const wall::LogOptions& options)
+    : screen_(streams, ScreenLevel(options)), logger_(LoggerOptions(options)) {
+  const std::int32_t level = RecordLevel(options);
+  Configure(file_, options.file, level, options);
+  if (options.file && options.perfFile && !options.file->empty() &&
+      *options.file == *options.perfFile) {
+    throw std::runtime_error(
+        "the messages and the performance records need a file each, not both " +
+        options.file->string());
+  }
+  Configure(perfFile_, options.perfFile, qorp::log::kInfo, options);
+  if (options.syslog && !options.syslog->host.empty()) {
+    syslog_.emplace(*options.syslog, level);
+  }
+  logger_.AddSink(&screen_);
+  if (file_) {
+    logger_.AddSink(&*file_);
+  }
+  if (syslog_) {
+    logger_.AddSink(&*syslog_);
+  }
+  logger_.Start();
+  if (level >= qorp::log::kDebug) {
+    RouteFfmpeg();
+  }
+}
+
+MessageLog::~MessageLog() {
+  ffmpeg::RouteLog(ffmpeg::LogLevel::kError, {});
+}
+
+// What FFmpeg finds wrong is in our own messages; its own lines are details.
+void MessageLog::RouteFfmpeg() {
+  ffmpeg::RouteLog(ffmpeg::LogLevel::kInfo, [this](ffmpeg::LogLevel, const std::string& line) {
+    logger_.log(qorp::log::kDebug, "FFmpeg: %s", line.c_str());
+  });
+}
+
+void MessageLog::StartRecords() {
+  if (perfFile_) {
+    logger_.SetPerformanceSink(&*perfFile_);
+    logger_.WriteReport();
+  }
+}
+
+void MessageLog::Flush() {
+  logger_.WriteReport();
+  logger_.Stop();
+  logger_.Start();
+}
+
+void MessageLog::Say(std::int32_t level, const std::string& line) {
+  logger_.log(level, "%s", line.c_str());
 }
 
 void MessageLog::ChannelOpened(const std::string& channel, const MediaInfo& info) {
-  const std::lock_guard guard(lock_);
-  Channel& state = channels_[channel];
-  const bool wasLost = state.state == "failed";
-  state.state = "live";
-  state.reason.clear();
-  if (verbose_ || wasLost) {
-    Print("channel \"" + channel + "\": opened (" + Describe(info) + ")");
-  } else if (!info.video.has_value()) {
-    Print("channel \"" + channel + "\": no video (" + info.noVideoReason + ")");
+  bool wasLost = false;
+  {
+    const std::lock_guard guard(lock_);
+    Channel& state = channels_[channel];
+    wasLost = state.state == "failed";
+    state.state = "live";
+    state.reason.clear();
   }
+  // The end of a failure is for everybody who was told of the failure.
+  Say(wasLost || !info.video.has_value() ? qorp::log::kError : qorp::log::kInfo,
+      "channel \"" + channel + "\": opened (" + Describe(info) + ")");
 }
 
 void MessageLog::ChannelEnded(const std::string& channel) {
-  const std::lock_guard guard(lock_);
-  channels_[channel].state = "ended";
-  if (verbose_) {
-    Print("channel \"" + channel + "\": ended");
+  {
+    const std::lock_guard guard(lock_);
+    channels_[channel].state = "ended";
   }
+  Say(qorp::log::kInfo, "channel \"" + channel + "\": ended");
 }
 
 void MessageLog::ChannelFailed(const std::string& channel, const std::string& reason,
                                std::optional<std::chrono::milliseconds> retryIn) {
-  const std::lock_guard guard(lock_);
-  Channel& state = channels_[channel];
-  const bool isNews = state.state != "failed" || state.reason != reason;
-  state.state = "failed";
-  state.reason = reason;
-  if (isNews || verbose_) {
-    Print("channel \"" + channel + "\": " + reason +
-          (retryIn.has_value() ? "; it is tried again" : ""));
+  bool isNews = false;
+  {
+    const std::lock_guard guard(lock_);
+    Channel& state = channels_[channel];
+    isNews = state.state != "failed" || state.reason != reason;
+    state.state = "failed";
+    state.reason = reason;
   }
+  Say(isNews ? qorp::log::kError : qorp::log::kDebug,
+      "channel \"" + channel + "\": " + reason +
+          (retryIn.has_value() ? "; it is tried again" : ""));
 }
 
 std::map<std::string, MessageLog::Channel> MessageLog::channels() const {

@@ -1,21 +1,29 @@
-// What a running wall says to the person who watches it.
+// What a running wall says: to the person who watches it, to its log file, to a syslog server.
 #pragma once
 
+#include <cstddef>
 #include <map>
 #include <mutex>
-#include <ostream>
+#include <optional>
 #include <string>
 
 #include "host/channel/channel_ingest.h"
 #include "host/cli/program.h"
 #include "host/cli/progress_line.h"
-#include "log/i_log_perf.h"
+#include "host/wall/log_options.h"
+#include "log/console_sink.h"
+#include "log/log_perf.h"
+#include "log/logfile_sink.h"
+#include "log/syslog_sink.h"
 
 namespace host::cli {
 
-// The composer's messages and what becomes of the channels, as lines on the error stream. A
-// channel's failure is told when its reason changes, not on every attempt. Any thread; one lock.
-class MessageLog final : public qorp::log::ILogPerf, public ChannelObserver {
+// The logger of a command with its sinks, and what becomes of the channels, which goes through it.
+// A channel's failure is told when its reason changes, not on every attempt.
+//
+// Any thread logs, and tells of channels. The lines appear on the logger's own thread; nobody waits
+// for the error stream or a disk, but whoever shows the progress.
+class MessageLog final : public ChannelObserver {
  public:
   struct Channel {
     std::string name;
@@ -23,17 +31,20 @@ class MessageLog final : public qorp::log::ILogPerf, public ChannelObserver {
     std::string reason;             // of the latest failure
   };
 
-  // verbose: everything; otherwise errors and failures only.
-  MessageLog(Streams& streams, bool verbose);
+  // Throws std::runtime_error when a file cannot be written, or is something else than a log file,
+  // and when the syslog server has no address.
+  MessageLog(Streams& streams, const wall::LogOptions& options);
+  // Stops.
+  ~MessageLog() override;
 
-  [[gnu::format(printf, 3, 4)]] void log(std::int32_t level, const char* format, ...) override;
-  void WriteReport() override {}
-  void IncrementResync() override {}
-  void IncrementTsDiscontinuity() override {}
-  void IncrementDecodedPictures() override {}
-  void AddPoliticChoices(std::int32_t) override {}
-  void RegisterPin(const char*) override {}
-  void NotifyBufferFull(const char*) override {}
+  // For the composer and the host's own components.
+  qorp::log::LogPerf& logger() { return logger_; }
+  // From now on performance records are written, after a line with their columns: one for each pin
+  // that has been registered by now.
+  void StartRecords();
+  // Writes the last performance record; returns when everything that was said before has reached
+  // its sinks.
+  void Flush();
 
   void ChannelOpened(const std::string& channel, const MediaInfo& info) override;
   void ChannelEnded(const std::string& channel) override;
@@ -41,20 +52,50 @@ class MessageLog final : public qorp::log::ILogPerf, public ChannelObserver {
                      std::optional<std::chrono::milliseconds> retryIn) override;
 
   // How far the command has come, where somebody watches.
-  void ShowProgress(const std::string& text);
-  void WipeProgress();
+  void ShowProgress(const std::string& text) { screen_.ShowProgress(text); }
+  void WipeProgress() { screen_.WipeProgress(); }
   // A line of the command's own.
-  void Say(const std::string& line);
+  void Say(std::int32_t level, const std::string& line);
   // By name.
   std::map<std::string, Channel> channels() const;
   std::size_t CountIn(const std::string& state) const;
 
  private:
-  void Print(const std::string& line);
+  // The error stream: messages, and the progress line that makes room for them.
+  class Screen final : public qorp::log::ILogSink {
+   public:
+    Screen(Streams& streams, std::int32_t maxLevel);
 
-  std::ostream& err_;      // guarded by lock_
-  ProgressLine progress_;  // guarded by lock_
-  const bool verbose_;
+    void Write(std::int32_t level, const qorp::log::LogTime& time, const char* text) override;
+    void ShowProgress(const std::string& text);
+    void WipeProgress();
+
+   private:
+    const std::int32_t maxLevel_;
+    std::mutex lock_;
+    qorp::log::console_sink console_;  // guarded by lock_
+    ProgressLine progress_;            // guarded by lock_
+  };
+  // Leaves out what is beyond the level, which a syslog sink does not.
+  class Syslog final : public qorp::log::ILogSink {
+   public:
+    Syslog(const wall::Endpoint& server, std::int32_t maxLevel);
+
+    void Write(std::int32_t level, const qorp::log::LogTime& time, const char* text) override;
+
+   private:
+    const std::int32_t maxLevel_;
+    qorp::log::syslog_sink sink_;
+  };
+
+  void RouteFfmpeg();
+
+  Screen screen_;
+  std::optional<qorp::log::logfile_sink> file_;
+  std::optional<qorp::log::logfile_sink> perfFile_;
+  std::optional<Syslog> syslog_;
+  qorp::log::LogPerf logger_;  // ends before its sinks
+
   mutable std::mutex lock_;
   std::map<std::string, Channel> channels_;  // guarded by lock_
 };

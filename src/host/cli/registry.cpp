@@ -56,9 +56,9 @@ ExitCode Unregister(const RegisterOptions& options, Streams& streams) {
 ExitCode Pins(const PinsOptions& options, Streams& streams) {
   const std::string library =
       options.graph.library.empty() ? FindComposerLibrary() : options.graph.library.string();
-  MessageLog messages(streams, options.graph.verbose);
+  MessageLog messages(streams, options.graph.log);
   ComposerFilter composer(library, {.windows = options.inputs, .width = 64, .height = 64},
-                          &messages);
+                          &messages.logger());
   for (LONG i = 0; i < options.inputs; ++i) {
     composer.AddInput(i, nullptr);
   }

@@ -66,6 +66,7 @@ class SnapshotFrame {
 
 struct Recording {
   std::string url;  // without credentials
+  std::string pin;  // how the logger knows it
   std::unique_ptr<PictureRecorder> recorder;
   std::string failure;
 };
@@ -113,22 +114,30 @@ class WallCommandRun {
   WallCommandRun(const WallCommand& command, Streams& streams)
       : command_(command),
         streams_(streams),
-        messages_(streams, command.graph.verbose),
+        messages_(streams, FirstOf(command.graph.log, command.wall.log)),
         snapshot_(command.record.snapshotAt) {}
 
   ExitCode Run() {
     for (const wall::Output& output : OutputsOf(command_)) {
-      recordings_.push_back({ffmpeg::MaskCredentials(output.url), nullptr, {}});
+      const std::string url = ffmpeg::MaskCredentials(output.url);
+      recordings_.push_back({url, "output " + std::to_string(recordings_.size() + 1), nullptr, {}});
+      messages_.logger().RegisterPin(recordings_.back().pin.c_str());
       recordings_.back().recorder =
           std::make_unique<PictureRecorder>(RecorderSettings(command_.wall.canvas, output));
     }
     WallSession session(SessionSettings());
+    messages_.StartRecords();
     startedAt_ = std::chrono::steady_clock::now();
     command_.live ? RunLive(session) : RunRendering(session);
     counters_ = session.counters();
     const ExitCode code = FinishRecordings();
     WriteSnapshotFile();
+    if (command_.live && counters_.late + counters_.starved > 0) {
+      messages_.Say(qorp::log::kWarning, std::to_string(counters_.late + counters_.starved) +
+                                             " frames were skipped because they came too late");
+    }
     messages_.WipeProgress();
+    messages_.Flush();
     command_.json ? PrintJson() : PrintSummary();
     return code;
   }
@@ -139,12 +148,14 @@ class WallCommandRun {
     settings.wall = command_.wall;
     settings.composerLibrary =
         command_.graph.library.empty() ? FindComposerLibrary() : command_.graph.library.string();
-    settings.logger = &messages_;
+    settings.logger = &messages_.logger();
     settings.observer = &messages_;
     settings.live = command_.live;
     settings.takeFrame = [this](const ComPtr<IMediaSample>& frame, Time start) {
       for (const Recording& recording : recordings_) {
-        recording.recorder->Take(frame, start);
+        if (!recording.recorder->Take(frame, start) && !recording.recorder->failed()) {
+          messages_.logger().NotifyBufferFull(recording.pin.c_str());
+        }
       }
       if (!command_.record.snapshot.empty()) {
         snapshot_.Take(frame, start);
@@ -238,7 +249,7 @@ class WallCommandRun {
         recording.recorder->Finish();
       } catch (const std::exception& error) {
         recording.failure = error.what();
-        messages_.Say("output " + recording.url + ": " + recording.failure);
+        messages_.Say(qorp::log::kError, "output " + recording.url + ": " + recording.failure);
         ++failed;
       }
     }
@@ -248,8 +259,8 @@ class WallCommandRun {
   void WriteSnapshotFile() {
     if (!command_.record.snapshot.empty() &&
         !snapshot_.Write(command_.record.snapshot, command_.wall.canvas)) {
-      messages_.Say("no frame was composed: " + command_.record.snapshot.string() +
-                    " was not written");
+      messages_.Say(qorp::log::kError, "no frame was composed: " +
+                                           command_.record.snapshot.string() + " was not written");
     }
   }
 
@@ -262,10 +273,6 @@ class WallCommandRun {
     }
     if (!command_.record.snapshot.empty()) {
       streams_.out << command_.record.snapshot.string() << "\n";
-    }
-    if (command_.live && counters_.late + counters_.starved > 0) {
-      messages_.Say(std::to_string(counters_.late + counters_.starved) +
-                    " frames were skipped because they came too late");
     }
   }
 

@@ -59,9 +59,26 @@ HRESULT FeedPin::DecideBufferSize(IMemAllocator* allocator, ALLOCATOR_PROPERTIES
   return allocator->SetProperties(request, &actual);
 }
 
+void FeedPin::ReportTo(qorp::log::ILogPerf* logger, const std::string& pinName) {
+  logger_ = logger;
+  // The name becomes that of a column in records whose fields are separated by commas.
+  pinName_ = pinName;
+  std::replace(pinName_.begin(), pinName_.end(), ',', '_');
+  logger_->RegisterPin(pinName_.c_str());
+}
+
 ComPtr<IMediaSample> FeedPin::NewSample(Time start, Time stop, bool wait) {
   ComPtr<IMediaSample> sample;
-  if (GetDeliveryBuffer(sample.Put(), nullptr, nullptr, wait ? 0 : AM_GBF_NOWAIT) != S_OK) {
+  HRESULT hr = GetDeliveryBuffer(sample.Put(), nullptr, nullptr, AM_GBF_NOWAIT);
+  if (hr == VFW_E_TIMEOUT) {
+    if (logger_ != nullptr) {
+      logger_->NotifyBufferFull(pinName_.c_str());
+    }
+    if (wait) {
+      hr = GetDeliveryBuffer(sample.Put(), nullptr, nullptr, 0);
+    }
+  }
+  if (hr != S_OK) {
     return nullptr;
   }
   sample->SetTime(&start, &stop);

@@ -3,8 +3,10 @@
 
 #include <cstdint>
 #include <span>
+#include <string>
 
 #include "host/units.h"
+#include "log/i_log_perf.h"
 #include "platform/baseclasses/base_output_pin.h"
 
 namespace host {
@@ -31,6 +33,10 @@ class FeedPin final : public CBaseOutputPin {
   // The allocator for the next connection; without it the pin makes one of plain memory.
   void UseAllocator(ComPtr<IMemAllocator> allocator) { ownAllocator_ = std::move(allocator); }
 
+  // Registers the pin with a logger, not owned, and from now on tells it of every time that no
+  // buffer is free: what comes after the pin is full. Before the filter runs.
+  void ReportTo(qorp::log::ILogPerf* logger, const std::string& pinName);
+
   // A free buffer with these times, waiting for one when wait is set. Null when there is none: none
   // is free, the pin is not connected, or the filter stops.
   ComPtr<IMediaSample> NewSample(Time start, Time stop, bool wait);
@@ -42,6 +48,8 @@ class FeedPin final : public CBaseOutputPin {
   CMediaType type_;
   Buffers buffers_;
   ComPtr<IMemAllocator> ownAllocator_;
+  qorp::log::ILogPerf* logger_ = nullptr;  // null: nobody is told
+  std::string pinName_;
 };
 
 }  // namespace host

@@ -48,6 +48,8 @@ WallSession::WallSession(Settings settings)
   background_ = BackgroundSource::Create({canvas.width, canvas.height, canvas.frameRate,
                                           canvas.aspect, MakeBackground(canvas), watch_});
   if (settings_.live) {
+    // A wall that is rendered waits for buffers all the time: that is its pace.
+    background_->pin().ReportTo(settings_.logger, "background");
     background_->PaceBy({[this] { return clock_.Now(); },
                          [this](Time time) { return clock_.WaitUntil(time); },
                          [this] { clock_.Stop(); }});
@@ -99,6 +101,7 @@ ChannelSource::Settings WallSession::ChannelSettings(const wall::Channel& channe
   source.ingest.picture.canvasPixelAspect = PixelAspect(canvas.width, canvas.height, canvas.aspect);
   source.ingest.picture.deinterlace = DeinterlaceOf(options.deinterlace);
   source.ingest.meter.frameRate = canvas.frameRate;
+  source.ingest.logger = settings_.logger;
   source.ingest.reopen = settings_.live;
   if (settings_.live) {
     source.ingest.startTime = [this] { return clock_.Now(); };
@@ -120,6 +123,7 @@ void WallSession::AddChannel(std::size_t index) {
   const ComPtr<ChannelSource> source =
       ChannelSource::Create(ChannelSettings(channel, window.Get()), settings_.observer);
   if (settings_.live) {
+    source->ReportFullBuffersTo(settings_.logger);
     source->queue().FollowClock([this] { return clock_.Now(); });
   }
   Check(graph_->AddFilter(source.Get(), WidenAscii("channel " + std::to_string(index)).c_str()),

@@ -40,6 +40,9 @@ struct ChannelEntry {
 ChannelEntry ReadChannel(TableReader& reader, const FileContext& context, std::size_t number,
                          const ChannelOptions& defaults);
 
+// [log]
+void ReadLog(TableReader& reader, const FileContext& context, LogOptions& log);
+
 // [[output]]
 Output ReadOutput(TableReader& reader, const FileContext& context);
 

@@ -4,6 +4,7 @@
 #include <cctype>
 #include <charconv>
 #include <cmath>
+#include <limits>
 #include <string>
 #include <utility>
 
@@ -133,6 +134,56 @@ std::optional<std::int64_t> ParseBitRate(std::string_view text) {
     return {};
   }
   return std::llround(number->first * factor);
+}
+
+std::optional<std::int32_t> ParseByteSize(std::string_view text) {
+  text = Trimmed(text);
+  int shift = 0;
+  if (!text.empty()) {
+    const std::size_t unit = std::string_view("KMG").find(text.back());
+    if (unit != std::string_view::npos) {
+      shift = 10 * (static_cast<int>(unit) + 1);
+      text.remove_suffix(1);
+    }
+  }
+  const auto number = WholeNumber<std::int64_t>(text);
+  constexpr std::int64_t kMost = std::numeric_limits<std::int32_t>::max();
+  if (!number || *number < 0 || *number > kMost >> shift) {
+    return {};
+  }
+  return static_cast<std::int32_t>(*number << shift);
+}
+
+std::optional<Endpoint> ParseEndpoint(std::string_view text) {
+  constexpr std::uint16_t kSyslogPort = 514;
+  text = Trimmed(text);
+  if (text.empty()) {
+    return Endpoint{};
+  }
+  std::string_view host = text;
+  std::string_view rest;
+  if (text.front() == '[') {
+    const std::size_t end = text.find(']');
+    if (end == std::string_view::npos) {
+      return {};
+    }
+    host = text.substr(1, end - 1);
+    rest = text.substr(end + 1);
+  } else if (const std::size_t colon = text.find(':'); colon != std::string_view::npos) {
+    host = text.substr(0, colon);
+    rest = text.substr(colon);
+  }
+  if (host.empty()) {
+    return {};
+  }
+  if (rest.empty()) {
+    return Endpoint{std::string(host), kSyslogPort};
+  }
+  const auto port = rest.front() == ':' ? WholeNumber<std::uint16_t>(rest.substr(1)) : std::nullopt;
+  if (!port || *port == 0) {
+    return {};
+  }
+  return Endpoint{std::string(host), *port};
 }
 
 bool IsLabelColour(std::string_view text) {

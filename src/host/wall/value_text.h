@@ -24,6 +24,16 @@ std::optional<Time> ParseDuration(std::string_view text);
 // "800k", "6M", "6000000": bits per second.
 std::optional<std::int64_t> ParseBitRate(std::string_view text);
 
+// "500000", "64K", "10M", "1G", 1024 to the K: bytes, at most 2147483647.
+std::optional<std::int32_t> ParseByteSize(std::string_view text);
+inline constexpr const char* kByteSizeForm =
+    "must be a number of bytes, such as 500000, 64K or 10M, below 2G; 0 for no limit";
+
+// "host", "host:port", "[::1]:port"; the port is that of syslog when none is given. An
+// empty text has an empty host: no endpoint.
+std::optional<Endpoint> ParseEndpoint(std::string_view text);
+inline constexpr const char* kEndpointForm = "must be HOST:PORT, the port 1 to 65535";
+
 // "#RGB", "#ARGB", "#RRGGBB" or "#AARRGGBB".
 bool IsLabelColour(std::string_view text);
 

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "host/units.h"
+#include "host/wall/log_options.h"
 
 namespace host::wall {
 
@@ -132,6 +133,7 @@ struct Wall {
   Canvas canvas;
   std::vector<Channel> channels;
   std::vector<Output> outputs;
+  LogOptions log;
 };
 
 // The size in points of the labels that the composer draws on a canvas of so many lines.

@@ -163,6 +163,10 @@ WallFile ParseWall(const std::string& text, const std::filesystem::path& folder)
     }
     file.wall.channels = ReadChannels(root, context, defaults, file.wall.canvas, rules,
                                       wallPosition, file.diagnostics);
+    if (const toml::table* table = root.Table("log")) {
+      TableReader reader(*table, "[log]", file.diagnostics);
+      ReadLog(reader, context, file.wall.log);
+    }
     const std::vector<const toml::table*> outputs = root.Tables("output");
     for (std::size_t i = 0; i < outputs.size(); ++i) {
       TableReader reader(*outputs[i], Numbered("output", i + 1), file.diagnostics);

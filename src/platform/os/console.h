@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <iosfwd>
 #include <string_view>
 
 namespace os {
@@ -17,6 +18,8 @@ class Console {
   Console();
   // Another open descriptor, not owned.
   explicit Console(int descriptor);
+  // A stream, not owned, and whether it may be coloured.
+  Console(std::ostream& stream, bool colour);
   // Restores the terminal's own colour.
   ~Console();
   Console(const Console&) = delete;
@@ -30,7 +33,8 @@ class Console {
  private:
   void Write(std::string_view text) const;
 
-  int descriptor_;
+  int descriptor_ = -1;
+  std::ostream* stream_ = nullptr;  // instead of the descriptor
   bool colour_;
   bool changed_ = false;  // the terminal's colour is not its own
 };

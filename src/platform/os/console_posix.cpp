@@ -1,5 +1,6 @@
 #include <cerrno>
 #include <cstdlib>
+#include <ostream>
 #include <string>
 
 #include <unistd.h>
@@ -34,6 +35,8 @@ Console::Console() : Console(STDERR_FILENO) {}
 
 Console::Console(int descriptor) : descriptor_(descriptor), colour_(WantsColour(descriptor)) {}
 
+Console::Console(std::ostream& stream, bool colour) : stream_(&stream), colour_(colour) {}
+
 Console::~Console() {
   if (changed_) {
     Write("\x1b[0m");
@@ -52,6 +55,10 @@ void Console::WriteLine(std::uint16_t colour, std::string_view line) {
 }
 
 void Console::Write(std::string_view text) const {
+  if (stream_ != nullptr) {
+    stream_->write(text.data(), static_cast<std::streamsize>(text.size())).flush();
+    return;
+  }
   while (!text.empty()) {
     const ssize_t written = ::write(descriptor_, text.data(), text.size());
     if (written >= 0) {

@@ -26,5 +26,7 @@ inline constexpr std::uint32_t kErrorBadRegistry = 1009;
 // The number that stands for an errno value; one without a counterpart is a general failure, 0 is
 // 0.
 std::uint32_t SystemErrorNumber(int errnoValue);
+// What a failure with a file means, for a person: "no such file", "access denied".
+const char* FileErrorText(std::uint32_t number);
 
 }  // namespace os

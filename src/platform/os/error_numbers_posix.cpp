@@ -45,4 +45,27 @@ std::uint32_t SystemErrorNumber(int errnoValue) {
   }
 }
 
+const char* FileErrorText(std::uint32_t number) {
+  switch (number) {
+    case kErrorFileNotFound:
+      return "no such file";
+    case kErrorPathNotFound:
+      return "its folder does not exist";
+    case kErrorTooManyOpenFiles:
+      return "too many files are open";
+    case kErrorAccessDenied:
+      return "access denied";
+    case kErrorSharingViolation:
+      return "it is in use";
+    case kErrorDiskFull:
+      return "the disk is full";
+    case kErrorInvalidName:
+      return "the name is not valid";
+    case kErrorDirectory:
+      return "a part of its path is no folder";
+    default:
+      return "it cannot be used as a file";
+  }
+}
+
 }  // namespace os

@@ -63,6 +63,8 @@ class File {
   std::uint32_t ReadAt(std::uint64_t offset, std::span<char> buffer, std::size_t* count) const;
   std::uint32_t WriteAt(std::uint64_t offset, std::string_view bytes);
   std::uint32_t GetSize(std::uint64_t* bytes) const;
+  // True while the path leads to this open file.
+  bool IsAt(std::string_view path) const;
 
  private:
   std::uint32_t OpenWith(std::string_view path, int flags);

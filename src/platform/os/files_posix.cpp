@@ -187,4 +187,11 @@ std::uint32_t File::GetSize(std::uint64_t* bytes) const {
   return 0;
 }
 
+bool File::IsAt(std::string_view path) const {
+  struct stat mine {};
+  struct stat other {};
+  return ::fstat(descriptor_, &mine) == 0 && ::stat(NativePath(path).c_str(), &other) == 0 &&
+         mine.st_dev == other.st_dev && mine.st_ino == other.st_ino;
+}
+
 }  // namespace os

@@ -147,6 +147,30 @@ TEST(Arguments, OfTheCommandsThatBuildAGraph) {
   EXPECT_FALSE(Parsed(DefineRegister, {"no/such/library.ax"}));
 }
 
+TEST(Arguments, OfTheLogGoBeforeThoseOfTheWallFile) {
+  const auto given = Parsed(DefineDemo, {"--log-level", "2", "--log-file", "a.log", "--log-size",
+                                         "1M", "--syslog", "host", "--perf-period", "0.5"});
+  ASSERT_TRUE(given);
+  wall::LogOptions file;
+  file.level = 3;
+  file.perfFile = "perf";
+  const wall::LogOptions log = FirstOf(given->graph.log, file);
+  EXPECT_EQ(log.level, 2);
+  EXPECT_EQ(log.file, "a.log");
+  EXPECT_EQ(log.size, 1 << 20);
+  EXPECT_EQ(log.syslog, (wall::Endpoint{"host", 514}));
+  EXPECT_EQ(log.perfFile, "perf");
+  EXPECT_EQ(log.perfPeriod, kSecond / 2);
+  const Variable size("TAVREL_LOG_SIZE", "64K");
+  EXPECT_EQ(Parsed(DefineDemo, {})->graph.log.size, 65536);
+  EXPECT_EQ(Parsed(DefineDemo, {"-v"})->graph.log.level, 3);
+  EXPECT_EQ(Parsed(DefineDemo, {"-v", "--log-level", "1"})->graph.log.level, 1);
+  for (const char* const wrong :
+       {"--log-level=4", "--log-size=big", "--syslog=host:99999", "--perf-period=0"}) {
+    EXPECT_FALSE(Parsed(DefineDemo, {wrong})) << wrong;
+  }
+}
+
 TEST(Check, PrintsPlacesToTheErrorStreamAndEndsWithTheCodeOfABadWall) {
   const TemporaryFolder folder;
   WriteWholeFile(folder / "bad.toml", "[wall]\nwidht = 2\n[[channel]]\nsource = 'udp://h:1'\n");

@@ -224,6 +224,40 @@ TEST(WallReader, ChecksTheFormOfWindows) {
               ElementsAre(HasSubstr("w:1:1: error: \"Channel 1\" has no window, but others have")));
 }
 
+TEST(WallReader, ReadsWhereTheLogGoes) {
+  const LogOptions log = ParseWall(std::string(kChannel) + R"(
+[log]
+level = 2
+file = "logs/wall.log"
+size = "64K"
+syslog = "[::1]:5514"
+perf_file = ""
+perf_period = "500 ms"
+)",
+                                   "/walls")
+                             .wall.log;
+  EXPECT_EQ(log.level, 2);
+  EXPECT_EQ(log.file, "/walls/logs/wall.log");
+  EXPECT_EQ(log.size, 65536);
+  EXPECT_EQ(log.syslog, (Endpoint{"::1", 5514}));
+  EXPECT_EQ(log.perfFile, "");
+  EXPECT_EQ(log.perfPeriod, kSecond / 2);
+  EXPECT_THAT(Complaints(std::string(kChannel) + R"(
+[log]
+level = 4
+file = "a"
+size = "2G"
+syslog = "host:0"
+perf_file = "a"
+leval = 1
+)"),
+              ElementsAre(HasSubstr("w:5:9: error: \"level\" must lie between 0 and 3"),
+                          HasSubstr("w:7:8: error: \"size\" must be a number of bytes"),
+                          HasSubstr("w:8:10: error: \"syslog\" must be HOST:PORT"),
+                          HasSubstr("w:9:13: error: \"perf_file\" is the file of the messages"),
+                          HasSubstr("did you mean \"level\"?")));
+}
+
 TEST(WallReader, SaysWhyAFileCannotBeRead) {
   const TemporaryFolder folder;
   const WallFile missing = ReadWall(folder / "none.toml");

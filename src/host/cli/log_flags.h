@@ -1,0 +1,14 @@
+// The options of a command about its log.
+#pragma once
+
+#include "host/wall/log_options.h"
+
+namespace CLI {
+class App;
+}
+
+namespace host::cli {
+
+void DefineLog(CLI::App& app, wall::LogOptions& options);
+
+}  // namespace host::cli

@@ -1,0 +1,152 @@
+#include "host/cli/message_log.h"
+
+#include <sstream>
+#include <stdexcept>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/datagram_receiver.h"
+#include "tests/support/temporary_folder.h"
+
+namespace host::cli {
+namespace {
+
+using qorp::log::kDebug;
+using qorp::log::kError;
+using qorp::log::kInfo;
+using qorp::log::kWarning;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
+using ::testing::Not;
+
+class Messages : public testing::Test {
+ protected:
+  std::string FileOf(const wall::LogOptions& options, bool colour = false) {
+    Streams streams{out, err, false, colour};
+    MessageLog messages(streams, options);
+    for (const int level : {kError, kWarning, kInfo, kDebug}) {
+      messages.Say(level, "level " + std::to_string(level));
+    }
+    messages.Flush();
+    return ReadWholeFile(folder / "log");
+  }
+
+  const TemporaryFolder folder;
+  std::ostringstream out;
+  std::ostringstream err;
+};
+
+TEST_F(Messages, ReachTheScreenAndTheRecordUpToTheirLevels) {
+  wall::LogOptions options;
+  options.file = folder / "log";
+  const std::string file = FileOf(options);
+  EXPECT_THAT(err.str(), MatchesRegex(".{23} level 0\n"));
+  EXPECT_THAT(file, HasSubstr(";0;level 0\r\n"));
+  EXPECT_THAT(file, HasSubstr(";1;level 1\r\n"));
+  EXPECT_THAT(file, Not(HasSubstr("level 2")));
+
+  err.str("");
+  options.level = kInfo;
+  EXPECT_THAT(FileOf(options, true), EndsWith(";2;level 2\r\n"));
+  EXPECT_THAT(err.str(), HasSubstr("\x1b[91m"));
+  EXPECT_THAT(err.str(), HasSubstr("level 2\n"));
+  EXPECT_THAT(err.str(), Not(HasSubstr("level 3")));
+  EXPECT_THAT(out.str(), IsEmpty());
+}
+
+TEST_F(Messages, ReachASyslogServer) {
+  const DatagramReceiver server;
+  wall::LogOptions options;
+  options.syslog = wall::Endpoint{"127.0.0.1", server.Port()};
+  FileOf(options);
+  EXPECT_THAT(server.Receive(), HasSubstr(" 0000 level 0"));
+  EXPECT_THAT(server.Receive(), HasSubstr(" 0001 level 1"));
+}
+
+TEST_F(Messages, RefuseFilesThatCannotBeUsed) {
+  Streams streams{out, err};
+  WriteWholeFile(folder / "wall.toml", "[wall]\nwidth = 640\n");
+  const auto refused = [&](const std::filesystem::path& file, const std::string& why) {
+    wall::LogOptions options;
+    options.file = file;
+    try {
+      MessageLog messages(streams, options);
+      ADD_FAILURE() << file << " is taken";
+    } catch (const std::runtime_error& error) {
+      EXPECT_THAT(error.what(), HasSubstr(why));
+    }
+  };
+  refused(folder / "none/log", "its folder does not exist");
+  refused(folder.Path(), "cannot be written: access denied");
+  refused(folder / "wall.toml", "is no log file");
+  EXPECT_EQ(ReadWholeFile(folder / "wall.toml"), "[wall]\nwidth = 640\n");
+  wall::LogOptions same;
+  same.file = folder / "both";
+  same.perfFile = folder / "both";
+  EXPECT_THROW(MessageLog(streams, same), std::runtime_error);
+  // A log file whose header is damaged is one still.
+  WriteWholeFile(folder / "log", "garbage!!!\r\n0;Sun Nov 16 09:43:14.123;1;0;old\r\n");
+  wall::LogOptions damaged;
+  damaged.file = folder / "log";
+  EXPECT_THAT(FileOf(damaged), HasSubstr(";0;level 0\r\n"));
+}
+
+TEST_F(Messages, TellOfAChannelWhenSomethingChanges) {
+  Streams streams{out, err};
+  MessageLog messages(streams, {});
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    messages.ChannelFailed("A", "connection refused", std::chrono::milliseconds(250));
+  }
+  MediaInfo info;
+  info.format = "mpegts";
+  info.video = VideoInfo{};
+  info.video->codec = "h264";
+  info.noAudioReason = "there is none";
+  messages.ChannelOpened("B", info);
+  EXPECT_EQ(messages.CountIn("failed"), 1U);
+  messages.ChannelOpened("A", info);
+  messages.ChannelFailed("A", "no data for 5 s", std::nullopt);
+  messages.ChannelEnded("B");
+  messages.Flush();
+  EXPECT_EQ(messages.channels().at("A").reason, "no data for 5 s");
+  EXPECT_EQ(messages.channels().at("B").state, "ended");
+  EXPECT_THAT(err.str(), MatchesRegex(".{23} channel \"A\": connection refused; it is tried again\n"
+                                      ".{23} channel \"A\": opened \\(mpegts, h264 0x0, no audio "
+                                      "\\(there is none\\)\\)\n"
+                                      ".{23} channel \"A\": no data for 5 s\n"));
+}
+
+TEST_F(Messages, WriteARecordForEveryPinAfterTheirNames) {
+  wall::LogOptions options;
+  options.perfFile = folder / "perf";
+  Streams streams{out, err};
+  MessageLog messages(streams, options);
+  messages.logger().RegisterPin("late enough");
+  messages.StartRecords();
+  messages.logger().IncrementDecodedPictures();
+  // A report without elapsed system time is skipped.
+  while (ReadWholeFile(folder / "perf").find("\r\n1;") == std::string::npos) {
+    messages.Flush();
+  }
+  EXPECT_THAT(ReadWholeFile(folder / "perf"),
+              HasSubstr("NumPoliticChoices,buffer_full_late enough,LastDelta"));
+}
+
+TEST_F(Messages, WipeTheProgressLineTheyStandIn) {
+  Streams streams{out, err, true};
+  MessageLog messages(streams, {});
+  messages.ShowProgress("10 %");
+  messages.Say(kWarning, "not shown, so nothing is wiped");
+  messages.Flush();
+  EXPECT_EQ(err.str(), "\r\x1b[K10 %");
+  messages.Say(kError, "shown");
+  messages.Flush();
+  EXPECT_THAT(err.str(), MatchesRegex("\r\x1b.K10 %\r\x1b.K.{23} shown\n"));
+}
+
+}  // namespace
+}  // namespace host::cli
