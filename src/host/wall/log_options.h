@@ -20,12 +20,12 @@ struct Endpoint {
 // As the arguments, the environment or a wall file give it; what none of them gives is left to the
 // program.
 struct LogOptions {
-  std::optional<int> level;                        // 0 errors to 3 everything
-  std::optional<std::filesystem::path> file;       // circular log file; empty: none
-  std::optional<std::int32_t> size;                // bytes of each file; 0: no limit
-  std::optional<Endpoint> syslog;                  // empty host: none
-  std::optional<std::filesystem::path> perfFile;   // circular file of records; empty: none
-  std::optional<Time> perfPeriod;                  // between two records
+  std::optional<int> level;                       // 0 errors to 3 everything
+  std::optional<std::filesystem::path> file;      // circular log file; empty: none
+  std::optional<std::int32_t> size;               // bytes of each file; 0: no limit
+  std::optional<Endpoint> syslog;                 // empty host: none
+  std::optional<std::filesystem::path> perfFile;  // circular file of records; empty: none
+  std::optional<Time> perfPeriod;                 // between two records
 };
 
 inline constexpr int kHighestLogLevel = 3;

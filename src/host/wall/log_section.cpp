@@ -10,8 +10,7 @@ std::optional<std::int32_t> ReadSize(TableReader& reader, const char* key) {
   if (node == nullptr) {
     return {};
   }
-  const auto size = node->is_integer()
-                        ? ParseByteSize(std::to_string(*node->value<std::int64_t>()))
+  const auto size = node->is_integer() ? ParseByteSize(std::to_string(*node->value<std::int64_t>()))
                     : node->is_string() ? ParseByteSize(*node->value<std::string>())
                                         : std::nullopt;
   if (!size) {
