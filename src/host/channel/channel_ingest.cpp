@@ -6,6 +6,7 @@ extern "C" {
 
 #include <algorithm>
 
+#include "host/channel/audio_road.h"
 #include "host/channel/sample_planes.h"
 #include "host/ffmpeg/error.h"
 #include "host/graph/picture_type.h"
@@ -23,12 +24,22 @@ constexpr milliseconds kLongestDelay{5000};
 // One opening of the source: its items, from the first to the last.
 class ChannelIngest::Pass {
  public:
-  Pass(ChannelIngest& ingest, const MediaInfo& info, Time shift)
+  Pass(ChannelIngest& ingest, const MediaReader& reader, Time shift)
       : ingest_(ingest),
+        reader_(reader),
         shift_(shift),
-        converter_(ConverterSettings(ingest.settings_, info)),
+        converter_(ConverterSettings(ingest.settings_, reader.info())),
         meter_(ingest.settings_.meter),
-        merger_(ingest.settings_.mergeWindow) {}
+        merger_(ingest.settings_.mergeWindow) {
+    if (ingest.settings_.audioTrack) {
+      audio_.emplace(ingest.settings_.audioTrack, ingest.settings_.reader.audioLanguage,
+                     [this](const std::string& what) {
+                       ingest_.observer_->ChannelSoundChanged(ingest_.settings_.name, what);
+                     });
+      audio_->Announce(reader.audioParameters(),
+                       reader.info().audio ? &*reader.info().audio : nullptr);
+    }
+  }
 
   // False once the queue is closed.
   bool Handle(MediaItem item) {
@@ -39,15 +50,14 @@ class ChannelIngest::Pass {
     }
     if (auto* const packet = std::get_if<AudioPacket>(&item)) {
       Count(false, packet->discontinuity);
-      packet->start += shift_;
-      const Time start = packet->start;
-      return Add(start, std::move(*packet));
+      return !audio_ || audio_->Take(std::move(*packet), *reader_.audioParameters(),
+                                     *reader_.info().audio, audioSink_);
     }
     if (auto* const samples = std::get_if<AudioSamples>(&item)) {
       const AVFrame& frame = *samples->frame;
       meter_.Push(planes_.Convert(frame), frame.nb_samples, frame.sample_rate, samples->start,
                   [&](const LevelMeter::Reading& reading) { AddReading(reading); });
-      return Flush();
+      return (!audio_ || audio_->Take(*samples, audioSink_)) && Flush();
     }
     return true;
   }
@@ -58,6 +68,9 @@ class ChannelIngest::Pass {
       return false;
     }
     meter_.Finish([&](const LevelMeter::Reading& reading) { AddReading(reading); });
+    if (audio_ && !audio_->Finish(audioSink_)) {
+      return false;
+    }
     merger_.Finish();
     return Flush();
   }
@@ -123,7 +136,14 @@ class ChannelIngest::Pass {
   }
 
   ChannelIngest& ingest_;
+  const MediaReader& reader_;
   const Time shift_;
+  std::optional<AudioRoad> audio_;
+  const AudioRoad::Sink audioSink_ = [this](AudioPacket packet) {
+    packet.start += shift_;
+    const Time start = packet.start;
+    return Add(start, std::move(packet));
+  };
   PictureConverter converter_;
   SamplePlanes planes_;
   LevelMeter meter_;
@@ -200,7 +220,7 @@ void ChannelIngest::Run() {
 
 bool ChannelIngest::ReadToEnd(MediaReader& reader) {
   hasAudio_ = reader.info().audio.has_value();
-  Pass pass(*this, reader.info(), settings_.startTime ? settings_.startTime() : 0);
+  Pass pass(*this, reader, settings_.startTime ? settings_.startTime() : 0);
   try {
     MediaItem item = reader.Read();
     while (!std::holds_alternative<EndOfMedia>(item)) {

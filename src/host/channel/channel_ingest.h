@@ -9,6 +9,7 @@
 #include <mutex>
 #include <string>
 
+#include "host/channel/audio_format.h"
 #include "host/channel/channel_queue.h"
 #include "host/channel/item_merger.h"
 #include "host/channel/level_meter.h"
@@ -28,6 +29,8 @@ class ChannelObserver {
   // reason: one sentence; retryIn: until the source is opened again, none when it is not.
   virtual void ChannelFailed(const std::string& channel, const std::string& reason,
                              std::optional<std::chrono::milliseconds> retryIn) = 0;
+  // What becomes of the channel's sound on its way to the outputs, as a sentence.
+  virtual void ChannelSoundChanged(const std::string& /*channel*/, const std::string& /*what*/) {}
 };
 
 // Opens the channel's source, reads, decodes and converts, and fills the channel's queue in the
@@ -47,6 +50,8 @@ class ChannelIngest {
     std::function<Time()> startTime;
     // Counts pictures and discontinuities; not owned, may be null.
     qorp::log::ILogPerf* logger = nullptr;
+    // The channel's track in the outputs; null: compressed sound does not leave the ingest.
+    std::shared_ptr<AudioTrack> audioTrack;
   };
 
   ChannelIngest(Settings settings, FeedPin& videoPin, ChannelQueue& queue,

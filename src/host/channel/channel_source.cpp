@@ -19,6 +19,10 @@ constexpr LONG kBuffersAtComposer = 80;
 constexpr LONG kSpareBuffers = 8;
 // A channel that gave nothing for so long has run the composer's queue dry.
 constexpr Time kFixAfterGap = 8 * kSecond / 10;
+// The composer and the sink copy packets at once.
+constexpr LONG kAudioBuffers = 8;
+// E-AC-3 with several substreams has the longest: 4096 bytes in each.
+constexpr LONG kLongestAudioPacket = 32'768;
 constexpr LONG kLongestLabel = 4096;  // bytes
 
 LONG BuffersFor(Ratio canvasRate, Time span) {
@@ -41,7 +45,7 @@ ChannelSource::ChannelSource(Settings settings, ChannelObserver* observer)
                          settings_.canvasRate, settings_.canvasAspect),
              {BuffersFor(settings_.canvasRate, settings_.ingest.span),
               PictureSize(settings_.ingest.picture.width, settings_.ingest.picture.height)}),
-      audio_(this, &lock_, u"Audio", CMediaType(), {}),
+      audio_(this, &lock_, u"Audio", AudioType({}), {kAudioBuffers, kLongestAudioPacket}),
       text_(this, &lock_, u"Text", LabelType(), {4, kLongestLabel}),
       audioAlarm_(this, &lock_, u"Audio Alarm", AudioAlarmType(),
                   {4, static_cast<LONG>(kAudioAlarmSize)}),
@@ -77,6 +81,7 @@ HRESULT ChannelSource::Pause() {
   }
   queue_.Open();
   lastPicture_.reset();
+  soundFormat_.reset();
   {
     const std::lock_guard guard(labelLock_);
     labelChanged_ = true;
@@ -124,8 +129,21 @@ void ChannelSource::Deliver(ChannelItem& item) {
   } else if (const auto* const levels = std::get_if<ReadyLevels>(&item.content)) {
     DeliverLevels(levels->start, levels->duration, levels->levels);
   } else if (const auto* const packet = std::get_if<AudioPacket>(&item.content)) {
-    audio_.Send({packet->packet->data, static_cast<std::size_t>(packet->packet->size)},
-                packet->start, packet->start + packet->duration);
+    DeliverSound(*packet);
+  }
+}
+
+// The pins are connected before the form of the sound is known: it comes with the first packet.
+void ChannelSource::DeliverSound(const AudioPacket& packet) {
+  std::optional<CMediaType> type;
+  if (packet.format != soundFormat_) {
+    type.emplace(AudioType(Describe(*packet.format)));
+  }
+  const bool sent =
+      audio_.Send({packet.packet->data, static_cast<std::size_t>(packet.packet->size)},
+                  packet.start, packet.start + packet.duration, type ? &*type : nullptr);
+  if (sent) {
+    soundFormat_ = packet.format;
   }
 }
 

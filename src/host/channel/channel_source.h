@@ -61,6 +61,7 @@ class ChannelSource final : public CBaseFilter {
   void Stream();
   void Deliver(ChannelItem& item);
   void DeliverPicture(const ReadyPicture& picture);
+  void DeliverSound(const AudioPacket& packet);
   void FixClock(IMediaSample* picture, Time start);
   void DeliverLevels(Time start, Time duration, const AudioLevels& levels);
   void DeliverLabel(Time time);
@@ -80,8 +81,9 @@ class ChannelSource final : public CBaseFilter {
   std::unique_ptr<os::Thread> streaming_;  // application's thread
 
   std::mutex labelLock_;
-  std::string label_;                // guarded by labelLock_
-  bool labelChanged_ = true;         // guarded by labelLock_
+  std::string label_;                               // guarded by labelLock_
+  bool labelChanged_ = true;                        // guarded by labelLock_
+  std::shared_ptr<const AudioFormat> soundFormat_;  // announced last; streaming thread only
   std::optional<Time> lastPicture_;  // start of the latest picture sent; streaming thread only
 };
 

@@ -1,6 +1,7 @@
 // What a source carries and what comes out of it, as plain data.
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <variant>
@@ -10,6 +11,8 @@
 #include "host/units.h"
 
 namespace host {
+
+struct AudioFormat;
 
 struct VideoInfo {
   int streamIndex = 0;
@@ -60,6 +63,7 @@ struct AudioPacket {
   Time start = 0;
   Time duration = 0;
   bool discontinuity = false;
+  std::shared_ptr<const AudioFormat> format;  // set on the way to the outputs
 };
 
 // The decoded samples of an audio packet, in the layout, rate and format of the source.

@@ -210,6 +210,10 @@ void MessageLog::ChannelFailed(const std::string& channel, const std::string& re
           (retryIn.has_value() ? "; it is tried again" : ""));
 }
 
+void MessageLog::ChannelSoundChanged(const std::string& channel, const std::string& what) {
+  Say(qorp::log::kWarning, "channel \"" + channel + "\": " + what);
+}
+
 std::map<std::string, MessageLog::Channel> MessageLog::channels() const {
   const std::lock_guard guard(lock_);
   return channels_;

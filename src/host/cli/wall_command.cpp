@@ -4,9 +4,12 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <ostream>
+#include <utility>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -15,7 +18,7 @@
 #include "host/cli/stop_signals.h"
 #include "host/ffmpeg/error.h"
 #include "host/ffmpeg/mask.h"
-#include "host/output/picture_recorder.h"
+#include "host/output/output_set.h"
 #include "host/output/snapshot.h"
 #include "host/session/wall_session.h"
 
@@ -64,32 +67,6 @@ class SnapshotFrame {
   Time taken_ = 0;              // guarded by lock_
 };
 
-struct Recording {
-  std::string url;  // without credentials
-  std::string pin;  // how the logger knows it
-  std::unique_ptr<PictureRecorder> recorder;
-  std::string failure;
-};
-
-PictureRecorder::Settings RecorderSettings(const wall::Canvas& canvas, const wall::Output& output) {
-  PictureRecorder::Settings settings;
-  settings.frameRate = canvas.frameRate;
-  settings.encoder.width = canvas.width;
-  settings.encoder.height = canvas.height;
-  settings.encoder.frameRate = canvas.frameRate;
-  settings.encoder.pixelAspect = PixelAspect(canvas.width, canvas.height, canvas.aspect);
-  settings.encoder.codec = output.codec;
-  settings.encoder.preset = output.preset;
-  settings.encoder.bitRate = output.bitRate;
-  settings.encoder.quality = output.quality;
-  settings.encoder.keyFrameInterval = output.keyFrameInterval;
-  settings.encoder.lowDelay = output.lowDelay;
-  settings.muxer.url = output.url;
-  settings.muxer.format = output.format;
-  settings.muxer.options = output.options;
-  return settings;
-}
-
 std::vector<wall::Output> OutputsOf(const WallCommand& command) {
   if (command.record.outputs.empty()) {
     return command.wall.outputs;
@@ -101,6 +78,60 @@ std::vector<wall::Output> OutputsOf(const WallCommand& command) {
   }
   return outputs;
 }
+
+OutputSet::Item ItemOf(const wall::Canvas& canvas, const wall::Output& output) {
+  OutputSet::Item item;
+  item.name = ffmpeg::MaskCredentials(output.url);
+  item.encoder.width = canvas.width;
+  item.encoder.height = canvas.height;
+  item.encoder.frameRate = canvas.frameRate;
+  item.encoder.pixelAspect = PixelAspect(canvas.width, canvas.height, canvas.aspect);
+  item.encoder.codec = output.codec;
+  item.encoder.preset = output.preset;
+  item.encoder.bitRate = output.bitRate;
+  item.encoder.quality = output.quality;
+  item.encoder.keyFrameInterval = output.keyFrameInterval;
+  item.encoder.lowDelay = output.lowDelay;
+  item.muxer.url = output.url;
+  item.muxer.format = output.format;
+  item.muxer.options = output.options;
+  item.sound = output.audio;
+  return item;
+}
+
+// What becomes of the outputs, as lines on the error stream. A failure is told when its reason
+// changes, not on every attempt. The outputs' threads; one lock.
+class OutputMessages final : public OutputObserver {
+ public:
+  explicit OutputMessages(MessageLog& messages) : messages_(messages) {}
+
+  void OutputFailed(const std::string& output, const std::string& reason,
+                    std::optional<milliseconds> retryIn) override {
+    const std::string text = reason + (retryIn.has_value() ? "; it is tried again" : "");
+    {
+      const std::lock_guard guard(lock_);
+      if (std::exchange(said_[output], text) == text) {
+        return;
+      }
+    }
+    messages_.Say(qorp::log::kError, "output " + output + ": " + text);
+  }
+  void OutputRecovered(const std::string& output) override {
+    {
+      const std::lock_guard guard(lock_);
+      said_.erase(output);
+    }
+    messages_.Say(qorp::log::kWarning, "output " + output + ": open again");
+  }
+  void OutputSaid(const std::string& output, const std::string& what) override {
+    messages_.Say(qorp::log::kWarning, "output " + output + ": " + what);
+  }
+
+ private:
+  MessageLog& messages_;
+  std::mutex lock_;
+  std::map<std::string, std::string> said_;  // guarded by lock_
+};
 
 std::string Seconds(double seconds) {
   char text[32];
@@ -115,22 +146,21 @@ class WallCommandRun {
       : command_(command),
         streams_(streams),
         messages_(streams, FirstOf(command.graph.log, command.wall.log)),
+        outputMessages_(messages_),
         snapshot_(command.record.snapshotAt) {}
 
   ExitCode Run() {
-    for (const wall::Output& output : OutputsOf(command_)) {
-      const std::string url = ffmpeg::MaskCredentials(output.url);
-      recordings_.push_back({url, "output " + std::to_string(recordings_.size() + 1), nullptr, {}});
-      messages_.logger().RegisterPin(recordings_.back().pin.c_str());
-      recordings_.back().recorder =
-          std::make_unique<PictureRecorder>(RecorderSettings(command_.wall.canvas, output));
+    outputs_.emplace(OutputSettings(), &outputMessages_, &messages_.logger());
+    if (outputs_->allFailed()) {
+      return ExitCode::kCouldNotStart;
     }
     WallSession session(SessionSettings());
     messages_.StartRecords();
     startedAt_ = std::chrono::steady_clock::now();
     command_.live ? RunLive(session) : RunRendering(session);
     counters_ = session.counters();
-    const ExitCode code = FinishRecordings();
+    outputs_->Finish();
+    const ExitCode code = CodeOfOutputs();
     WriteSnapshotFile();
     if (command_.live && counters_.late + counters_.starved > 0) {
       messages_.Say(qorp::log::kWarning, std::to_string(counters_.late + counters_.starved) +
@@ -143,6 +173,22 @@ class WallCommandRun {
   }
 
  private:
+  OutputSet::Settings OutputSettings() {
+    OutputSet::Settings settings;
+    settings.live = command_.live;
+    settings.frameRate = command_.wall.canvas.frameRate;
+    for (const wall::Output& output : OutputsOf(command_)) {
+      settings.outputs.push_back(ItemOf(command_.wall.canvas, output));
+    }
+    for (const wall::Channel& channel : command_.wall.channels) {
+      const wall::AudioOptions& audio = channel.options.audio;
+      audioTracks_.push_back(audio.enabled ? std::make_shared<AudioTrack>() : nullptr);
+      settings.tracks.push_back(
+          {channel.name, audio.language, channel.selected, audioTracks_.back()});
+    }
+    return settings;
+  }
+
   WallSession::Settings SessionSettings() {
     WallSession::Settings settings;
     settings.wall = command_.wall;
@@ -152,21 +198,23 @@ class WallCommandRun {
     settings.observer = &messages_;
     settings.live = command_.live;
     settings.takeFrame = [this](const ComPtr<IMediaSample>& frame, Time start) {
-      for (const Recording& recording : recordings_) {
-        if (!recording.recorder->Take(frame, start) && !recording.recorder->failed()) {
-          messages_.logger().NotifyBufferFull(recording.pin.c_str());
-        }
-      }
+      outputs_->Take(frame, start);
       if (!command_.record.snapshot.empty()) {
         snapshot_.Take(frame, start);
       }
     };
+    if (!outputs_->empty()) {
+      settings.audioTracks = audioTracks_;
+      settings.takePacket = [this](std::size_t channel, const ffmpeg::Packet& packet) {
+        outputs_->TakeSound(channel, *packet);
+      };
+    }
     return settings;
   }
 
   void RunLive(WallSession& session) {
     session.Start();
-    while (!signals_.Requested() && !AllRecordingsFailed()) {
+    while (!signals_.Requested() && !outputs_->allFailed()) {
       const Time now = session.now();
       const Time end = command_.record.seconds.has_value() ? Length() : now + kSecond;
       if (now >= end) {
@@ -184,12 +232,9 @@ class WallCommandRun {
       control.length = Length();
     }
     control.waitForRoom = [this] {
-      for (const Recording& recording : recordings_) {
-        while (!recording.recorder->failed() && !signals_.Requested() &&
-               !recording.recorder->WaitForRoom(milliseconds(100))) {
-        }
+      while (!signals_.Requested() && !outputs_->WaitForRoom(milliseconds(100))) {
       }
-      return !AllRecordingsFailed();
+      return !outputs_->allFailed();
     };
     control.stop = [&] {
       ShowProgress(session);
@@ -200,18 +245,6 @@ class WallCommandRun {
 
   Time Length() const {
     return static_cast<Time>(std::llround(*command_.record.seconds * kSecond));
-  }
-
-  bool AllRecordingsFailed() const {
-    if (recordings_.empty()) {
-      return false;
-    }
-    for (const Recording& recording : recordings_) {
-      if (!recording.recorder->failed()) {
-        return false;
-      }
-    }
-    return true;
   }
 
   double Elapsed() const {
@@ -233,8 +266,8 @@ class WallCommandRun {
                        std::to_string(messages_.CountIn("failed")) + " failed";
     if (command_.live) {
       std::uint64_t dropped = 0;
-      for (const Recording& recording : recordings_) {
-        dropped += recording.recorder->dropped();
+      for (const OutputSet::Status& output : outputs_->status()) {
+        dropped = std::max(dropped, output.dropped);
       }
       line += "; late " + std::to_string(counters_.late + counters_.starved) + ", dropped " +
               std::to_string(dropped);
@@ -242,18 +275,14 @@ class WallCommandRun {
     messages_.ShowProgress(line);
   }
 
-  ExitCode FinishRecordings() {
-    std::size_t failed = 0;
-    for (Recording& recording : recordings_) {
-      try {
-        recording.recorder->Finish();
-      } catch (const std::exception& error) {
-        recording.failure = error.what();
-        messages_.Say(qorp::log::kError, "output " + recording.url + ": " + recording.failure);
-        ++failed;
-      }
-    }
-    return failed > 0 && failed == recordings_.size() ? ExitCode::kCouldNotStart : ExitCode::kDone;
+  // A rendered output that is not whole is of no use; a live wall did its work when it reached one.
+  ExitCode CodeOfOutputs() const {
+    const std::vector<OutputSet::Status> all = outputs_->status();
+    const auto lost = std::count_if(all.begin(), all.end(), [&](const OutputSet::Status& output) {
+      return command_.live ? output.written == 0 && !output.failure.empty() : output.failed;
+    });
+    const bool bad = command_.live ? lost == std::ssize(all) && lost > 0 : lost > 0;
+    return bad ? ExitCode::kCouldNotStart : ExitCode::kDone;
   }
 
   void WriteSnapshotFile() {
@@ -265,9 +294,9 @@ class WallCommandRun {
   }
 
   void PrintSummary() {
-    for (const Recording& recording : recordings_) {
-      if (recording.failure.empty()) {
-        streams_.out << recording.url << ": " << recording.recorder->written() << " frames, "
+    for (const OutputSet::Status& output : outputs_->status()) {
+      if (!output.failed) {
+        streams_.out << output.name << ": " << output.written << " frames, "
                      << Seconds(ComposedSeconds()) << "\n";
       }
     }
@@ -284,12 +313,13 @@ class WallCommandRun {
     report["late"] = counters_.late;
     report["starved"] = counters_.starved;
     report["outputs"] = nlohmann::ordered_json::array();
-    for (const Recording& recording : recordings_) {
-      nlohmann::ordered_json output = {{"url", recording.url},
-                                       {"frames", recording.recorder->written()},
-                                       {"dropped", recording.recorder->dropped()}};
-      if (!recording.failure.empty()) {
-        output["failure"] = recording.failure;
+    for (const OutputSet::Status& status : outputs_->status()) {
+      nlohmann::ordered_json output = {{"url", status.name},
+                                       {"frames", status.written},
+                                       {"dropped", status.dropped},
+                                       {"overflows", status.overflows}};
+      if (!status.failure.empty()) {
+        output["failure"] = status.failure;
       }
       report["outputs"].push_back(output);
     }
@@ -313,8 +343,10 @@ class WallCommandRun {
   Streams& streams_;
   StopSignals signals_;
   MessageLog messages_;
+  OutputMessages outputMessages_;
+  std::optional<OutputSet> outputs_;
   SnapshotFrame snapshot_;
-  std::vector<Recording> recordings_;
+  std::vector<std::shared_ptr<AudioTrack>> audioTracks_;  // null: the channel's sound is off
   std::chrono::steady_clock::time_point startedAt_;
   double lastProgress_ = -1;
   WallSession::Counters counters_;

@@ -4,13 +4,18 @@
 
 extern "C" {
 #include <libavcodec/avcodec.h>
+#include <libavcodec/bsf.h>
 #include <libavfilter/avfilter.h>
 #include <libavformat/avformat.h>
+#include <libavutil/audio_fifo.h>
 #include <libavutil/dict.h>
 #include <libavutil/frame.h>
 #include <libswresample/swresample.h>
 #include <libswscale/swscale.h>
 }
+
+#include "host/ffmpeg/error.h"
+#include "host/ffmpeg/time_unit.h"
 
 namespace host::ffmpeg {
 
@@ -52,6 +57,14 @@ void FreeScaler::operator()(SwsContext* scaler) const noexcept {
 
 void FreeResampler::operator()(SwrContext* resampler) const noexcept {
   swr_free(&resampler);
+}
+
+void FreeSampleFifo::operator()(AVAudioFifo* fifo) const noexcept {
+  av_audio_fifo_free(fifo);
+}
+
+void FreePacketFilter::operator()(AVBSFContext* filter) const noexcept {
+  av_bsf_free(&filter);
 }
 
 void FreeCallbackIo::operator()(AVIOContext* io) const noexcept {
@@ -99,6 +112,22 @@ Parameters CopyParameters(const AVCodecParameters& parameters) {
     throw std::bad_alloc();
   }
   return copy;
+}
+
+PacketFilter MakePacketFilter(const char* name, const AVCodecParameters& parameters) {
+  const AVBitStreamFilter* const kind = av_bsf_get_by_name(name);
+  if (kind == nullptr) {
+    throw Error(AVERROR_BSF_NOT_FOUND, "no packet filter", name);
+  }
+  AVBSFContext* context = nullptr;
+  if (av_bsf_alloc(kind, &context) < 0) {
+    throw std::bad_alloc();
+  }
+  PacketFilter filter(context);
+  Check(avcodec_parameters_copy(context->par_in, &parameters), "cannot filter packets");
+  context->time_base_in = kTimeUnit;
+  Check(av_bsf_init(context), "cannot filter packets with", name);
+  return filter;
 }
 
 Options::~Options() {

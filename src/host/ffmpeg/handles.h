@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+struct AVAudioFifo;
+struct AVBSFContext;
 struct AVCodecContext;
 struct AVCodecParameters;
 struct AVDictionary;
@@ -49,6 +51,12 @@ struct FreeScaler {
 struct FreeResampler {
   void operator()(SwrContext* resampler) const noexcept;
 };
+struct FreeSampleFifo {
+  void operator()(AVAudioFifo* fifo) const noexcept;
+};
+struct FreePacketFilter {
+  void operator()(AVBSFContext* filter) const noexcept;
+};
 // Frees a context made over callbacks of our own, with its buffer.
 struct FreeCallbackIo {
   void operator()(AVIOContext* io) const noexcept;
@@ -63,6 +71,8 @@ using Packet = std::unique_ptr<AVPacket, FreePacket>;
 using FilterGraph = std::unique_ptr<AVFilterGraph, FreeFilterGraph>;
 using Scaler = std::unique_ptr<SwsContext, FreeScaler>;
 using Resampler = std::unique_ptr<SwrContext, FreeResampler>;
+using SampleFifo = std::unique_ptr<AVAudioFifo, FreeSampleFifo>;
+using PacketFilter = std::unique_ptr<AVBSFContext, FreePacketFilter>;
 using CallbackIo = std::unique_ptr<AVIOContext, FreeCallbackIo>;
 
 // Empty frame, packet and parameters. Throw std::bad_alloc.
@@ -74,6 +84,10 @@ Parameters MakeParameters();
 Frame RefFrame(const AVFrame& frame);
 Packet RefPacket(const AVPacket& packet);
 Parameters CopyParameters(const AVCodecParameters& parameters);
+
+// A packet filter (FFmpeg's bitstream filter of that name) for packets of such a stream, ready to
+// work. Throws Error.
+PacketFilter MakePacketFilter(const char* name, const AVCodecParameters& parameters);
 
 // Options for FFmpeg's open calls. The callee takes out what it used: what is left was not known to
 // it.

@@ -85,7 +85,8 @@ ComPtr<IMediaSample> FeedPin::NewSample(Time start, Time stop, bool wait) {
   return sample;
 }
 
-bool FeedPin::Send(std::span<const std::uint8_t> bytes, Time start, Time stop) {
+bool FeedPin::Send(std::span<const std::uint8_t> bytes, Time start, Time stop,
+                   const CMediaType* newType) {
   const ComPtr<IMediaSample> sample = NewSample(start, stop, false);
   BYTE* buffer = nullptr;
   if (!sample || FAILED(sample->GetPointer(&buffer)) ||
@@ -94,6 +95,9 @@ bool FeedPin::Send(std::span<const std::uint8_t> bytes, Time start, Time stop) {
   }
   std::memcpy(buffer, bytes.data(), bytes.size());
   sample->SetSyncPoint(TRUE);
+  if (newType != nullptr && FAILED(sample->SetMediaType(const_cast<CMediaType*>(newType)))) {
+    return false;
+  }
   return Deliver(sample.Get()) == S_OK;
 }
 

@@ -41,8 +41,10 @@ class FeedPin final : public CBaseOutputPin {
   // is free, the pin is not connected, or the filter stops.
   ComPtr<IMediaSample> NewSample(Time start, Time stop, bool wait);
   // Sends a copy of the bytes as one sample; false when there is no buffer for it, or the receiver
-  // refuses it. Never waits.
-  bool Send(std::span<const std::uint8_t> bytes, Time start, Time stop);
+  // refuses it. Never waits. newType: the type of this sample and those that follow, where it
+  // differs from that of the connection.
+  bool Send(std::span<const std::uint8_t> bytes, Time start, Time stop,
+            const CMediaType* newType = nullptr);
 
  private:
   CMediaType type_;

@@ -7,6 +7,7 @@
 
 extern "C" {
 #include <libavcodec/avcodec.h>
+#include <libavcodec/bsf.h>
 #include <libavformat/avformat.h>
 }
 
@@ -43,6 +44,10 @@ Muxer::Muxer(Settings settings) : settings_(std::move(settings)) {
   ffmpeg::Check(avformat_alloc_output_context2(&context, nullptr, name, settings_.url.c_str()),
                 "no known format for", settings_.url);
   output_.reset(context);
+  // Whole packets of a transport stream in each datagram.
+  if (settings_.url.starts_with("udp://") && settings_.url.find("pkt_size") == std::string::npos) {
+    settings_.options.emplace("pkt_size", "1316");
+  }
   output_->interrupt_callback = {&ffmpeg::IoDeadline::Callback, &deadline_};
   output_->max_interleave_delta = av_rescale(settings_.interleaveLimit, AV_TIME_BASE, kSecond);
 }
@@ -58,8 +63,26 @@ bool Muxer::wantsGlobalHeader() const {
   return (output_->oformat->flags & AVFMT_GLOBALHEADER) != 0;
 }
 
+bool Muxer::TakesAdts() const {
+  const std::string format = formatName();
+  return format == "mpegts" || format == "hls" || format == "rtp_mpegts" || format == "adts";
+}
+
 std::string Muxer::formatName() const {
   return output_->oformat->name;
+}
+
+void Muxer::SetOption(const std::string& key, const std::string& value) {
+  settings_.options[key] = value;
+}
+
+void Muxer::SetUrl(const std::string& url) {
+  char* const copy = av_strdup(url.c_str());
+  if (copy == nullptr) {
+    throw std::bad_alloc();
+  }
+  av_free(std::exchange(output_->url, copy));
+  settings_.url = url;
 }
 
 std::size_t Muxer::AddTrack(const AVCodecParameters& parameters) {
@@ -77,8 +100,8 @@ std::size_t Muxer::AddTrack(const AVCodecParameters& parameters) {
   // The tag belongs to the container that the parameters came from.
   stream->codecpar->codec_tag = 0;
   stream->time_base = ffmpeg::kTimeUnit;
-  lastDts_.emplace_back();
-  return lastDts_.size() - 1;
+  tracks_.emplace_back();
+  return tracks_.size() - 1;
 }
 
 std::size_t Muxer::AddVideo(const AVCodecParameters& parameters, Ratio frameRate) {
@@ -88,6 +111,10 @@ std::size_t Muxer::AddVideo(const AVCodecParameters& parameters, Ratio frameRate
   stream->r_frame_rate = stream->avg_frame_rate;
   stream->sample_aspect_ratio = parameters.sample_aspect_ratio;
   stream->disposition |= AV_DISPOSITION_DEFAULT;
+  // A stream that can be joined anywhere repeats what decoders need at its key pictures.
+  if (!wantsGlobalHeader() && parameters.extradata_size > 0) {
+    tracks_[track].filter = ffmpeg::MakePacketFilter("dump_extra", parameters);
+  }
   return track;
 }
 
@@ -95,9 +122,15 @@ std::size_t Muxer::AddAudio(const AVCodecParameters& parameters, const std::stri
                             const std::string& language) {
   const std::size_t track = AddTrack(parameters);
   AVStream* stream = output_->streams[track];
+  // Containers with a config of their own take AAC without the headers of its packets.
+  if (parameters.codec_id == AV_CODEC_ID_AAC && parameters.extradata_size > 0 && !TakesAdts()) {
+    tracks_[track].filter = ffmpeg::MakePacketFilter("aac_adtstoasc", parameters);
+  }
   if (!name.empty()) {
     av_dict_set(&stream->metadata, "title", name.c_str(), 0);
-    av_dict_set(&stream->metadata, "handler_name", name.c_str(), 0);  // what MP4 keeps
+    if (formatName() == "mp4" || formatName() == "mov") {
+      av_dict_set(&stream->metadata, "handler_name", name.c_str(), 0);  // what they keep
+    }
   }
   if (!language.empty()) {
     av_dict_set(&stream->metadata, "language", language.c_str(), 0);
@@ -127,6 +160,28 @@ void Muxer::Start() {
 }
 
 void Muxer::Write(std::size_t track, ffmpeg::Packet packet) {
+  AVBSFContext* const filter = tracks_.at(track).filter.get();
+  if (filter == nullptr) {
+    WriteFiltered(track, std::move(packet));
+    return;
+  }
+  packet->time_base = ffmpeg::kTimeUnit;
+  int result = av_bsf_send_packet(filter, packet.get());
+  while (result >= 0) {
+    ffmpeg::Packet filtered = ffmpeg::MakePacket();
+    result = av_bsf_receive_packet(filter, filtered.get());
+    if (result >= 0) {
+      WriteFiltered(track, std::move(filtered));
+    }
+  }
+  if (result == AVERROR_INVALIDDATA) {
+    ++damagedPackets_;
+  } else if (result != AVERROR(EAGAIN)) {
+    ffmpeg::Check(result, "cannot write", settings_.url);
+  }
+}
+
+void Muxer::WriteFiltered(std::size_t track, ffmpeg::Packet packet) {
   const AVStream& stream = *output_->streams[track];
   av_packet_rescale_ts(packet.get(), ffmpeg::kTimeUnit, stream.time_base);
   packet->time_base = stream.time_base;
@@ -134,7 +189,7 @@ void Muxer::Write(std::size_t track, ffmpeg::Packet packet) {
   if (packet->dts == AV_NOPTS_VALUE) {
     packet->dts = packet->pts;
   }
-  std::optional<std::int64_t>& last = lastDts_.at(track);
+  std::optional<std::int64_t>& last = tracks_.at(track).lastDts;
   // Times that fall together only because the container's unit is coarse are allowed where the
   // container allows them.
   const bool mayRepeat = (output_->oformat->flags & AVFMT_TS_NONSTRICT) != 0;
@@ -148,7 +203,8 @@ void Muxer::Write(std::size_t track, ffmpeg::Packet packet) {
   }
   last = packet->dts;
   deadline_.Arm(settings_.writeLimit);
-  const int result = av_interleaved_write_frame(output_.get(), packet.get());
+  const int result = settings_.interleaves ? av_interleaved_write_frame(output_.get(), packet.get())
+                                           : av_write_frame(output_.get(), packet.get());
   if (result == AVERROR_INVALIDDATA) {
     ++damagedPackets_;
     return;

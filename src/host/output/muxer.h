@@ -28,6 +28,8 @@ class Muxer {
     std::string format;  // FFmpeg's name; empty: by the name of the file or the scheme of the URL
     std::string title;   // of the file, or the service name of a transport stream; may be empty
     std::chrono::milliseconds writeLimit{10'000};  // for each call that may wait for a consumer
+    // Packets of all tracks are brought into order here; otherwise they come in order.
+    bool interleaves = true;
     // A track that is silent for longer no longer holds the others back.
     Time interleaveLimit = 10 * kSecond;
     std::map<std::string, std::string> options;  // of FFmpeg's container and protocol
@@ -60,6 +62,9 @@ class Muxer {
 
   // Whether encoders must put their headers into their parameters.
   bool wantsGlobalHeader() const;
+  // Further options, before Start; they take the place of those of the settings. Likewise the URL.
+  void SetOption(const std::string& key, const std::string& value);
+  void SetUrl(const std::string& url);
   std::string formatName() const;
   // Options of the settings that neither container nor protocol knows; after Start.
   const std::vector<std::string>& unknownOptions() const { return unknownOptions_; }
@@ -69,12 +74,19 @@ class Muxer {
   std::uint64_t damagedPackets() const { return damagedPackets_; }
 
  private:
+  struct Track {
+    std::optional<std::int64_t> lastDts;  // in the container's units
+    ffmpeg::PacketFilter filter;          // null: packets are written as they come
+  };
+
+  bool TakesAdts() const;
+  void WriteFiltered(std::size_t track, ffmpeg::Packet packet);
   std::size_t AddTrack(const AVCodecParameters& parameters);
 
-  const Settings settings_;
+  Settings settings_;
   ffmpeg::IoDeadline deadline_;
   ffmpeg::OutputFormat output_;
-  std::vector<std::optional<std::int64_t>> lastDts_;  // of each track, in the container's units
+  std::vector<Track> tracks_;
   std::vector<std::string> unknownOptions_;
   bool started_ = false;
   std::uint64_t movedPackets_ = 0;

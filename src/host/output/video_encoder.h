@@ -30,6 +30,8 @@ class VideoEncoder {
     bool lowDelay = false;     // no reordering, no look-ahead
     int threads = 0;           // 0: as many as the encoder likes
     bool globalHeader = true;  // what Matroska and MP4 need, and MPEG-TS does not
+
+    bool operator==(const Settings&) const = default;
   };
 
   using PacketSink = std::function<void(ffmpeg::Packet)>;

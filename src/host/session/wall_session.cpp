@@ -64,6 +64,10 @@ WallSession::WallSession(Settings settings)
   Check(graph_->AddFilter(composer_.filter(), u"composer"), "add the composer to the graph");
   Check(graph_->AddFilter(background_.Get(), u"background"), "add the background to the graph");
   Check(graph_->AddFilter(sink_.Get(), u"composition"), "add the sink to the graph");
+  if (settings_.takePacket) {
+    audioSink_ = AudioSink::Create(settings_.wall.channels.size(), settings_.takePacket);
+    Check(graph_->AddFilter(audioSink_.Get(), u"sound"), "add the sink of the sound to the graph");
+  }
   for (std::size_t i = 0; i < settings_.wall.channels.size(); ++i) {
     AddChannel(i);
   }
@@ -120,8 +124,12 @@ void WallSession::AddChannel(std::size_t index) {
   const ComPtr<WallWindow> window =
       WallWindow::Create({channel.options.enabled, channel.window.x, channel.window.y,
                           channel.options.colour, channel.selected});
+  ChannelSource::Settings settings = ChannelSettings(channel, window.Get());
+  if (settings_.takePacket) {
+    settings.ingest.audioTrack = settings_.audioTracks.at(index);
+  }
   const ComPtr<ChannelSource> source =
-      ChannelSource::Create(ChannelSettings(channel, window.Get()), settings_.observer);
+      ChannelSource::Create(std::move(settings), settings_.observer);
   if (settings_.live) {
     source->ReportFullBuffersTo(settings_.logger);
     source->queue().FollowClock([this] { return clock_.Now(); });
@@ -137,6 +145,18 @@ void WallSession::AddChannel(std::size_t index) {
   windows_.push_back(window);
   channels_.push_back(source);
   leftBehind_.push_back(false);
+  ConnectSound(index, input, what);
+}
+
+void WallSession::ConnectSound(std::size_t index, const ComposerFilter::Input& input,
+                               const std::string& what) {
+  if (!audioSink_ || !settings_.audioTracks.at(index)) {
+    return;
+  }
+  Connect(channels_[index]->audioPin(), input.audio, "the sound of " + what);
+  // The output takes its type and buffers from the input, which therefore comes first.
+  Check(graph_->ConnectDirect(input.audioOutput, audioSink_->pin(index), nullptr),
+        "connect the composer's sound of " + what);
 }
 
 void WallSession::Start() {

@@ -10,6 +10,7 @@
 #include "host/channel/channel_source.h"
 #include "host/graph/composer_filter.h"
 #include "host/graph/wall_window.h"
+#include "host/output/audio_sink.h"
 #include "host/output/composition_sink.h"
 #include "host/session/wall_clock.h"
 #include "host/wall/wall.h"
@@ -33,6 +34,11 @@ class WallSession {
     ChannelObserver* observer = nullptr;    // not owned; outlives the session
     // Gets every composed picture, on the composition thread; returns at once.
     CompositionSink::TakeFrame takeFrame;
+    // Gets the compressed sound of every channel, on the channels' streaming threads; returns at
+    // once. Null: sound is not taken through the composer.
+    AudioSink::TakePacket takePacket;
+    // The tracks of the channels in the outputs, one for each channel, shared with the outputs.
+    std::vector<std::shared_ptr<AudioTrack>> audioTracks;
     bool live = false;
   };
   struct RenderControl {
@@ -68,6 +74,7 @@ class WallSession {
 
  private:
   void AddChannel(std::size_t index);
+  void ConnectSound(std::size_t index, const ComposerFilter::Input& input, const std::string& what);
   ChannelSource::Settings ChannelSettings(const wall::Channel& channel, WallWindow* window);
   void Connect(FeedPin& from, IPin* to, const std::string& what);
   bool AdvanceChannels(Time time, std::chrono::milliseconds stallLimit);
@@ -83,6 +90,7 @@ class WallSession {
   std::vector<bool> leftBehind_;  // channels that a rendering no longer waits for
   ComPtr<BackgroundSource> background_;
   ComPtr<CompositionSink> sink_;
+  ComPtr<AudioSink> audioSink_;  // null when nobody takes the sound
   ComPtr<FilterGraph> graph_;
 };
 

@@ -1,0 +1,55 @@
+// Encodes decoded sound into the format of a track.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+
+#include "host/ffmpeg/handles.h"
+#include "host/units.h"
+
+struct AVCodecParameters;
+
+namespace host {
+
+// Takes frames of any format, rate and layout, resamples and mixes them, and encodes. The packets
+// are stamped by the frames they are made of: a gap in the sound stays a gap, sound that overlaps
+// what came before is left out. Owned and called by one channel or output on its thread.
+class AudioEncoder {
+ public:
+  // The packet's stamps and duration are in units of 100 ns.
+  using PacketSink = std::function<void(ffmpeg::Packet)>;
+
+  // target: codec, sample rate and layout. Throws ffmpeg::Error when there is no encoder for it.
+  explicit AudioEncoder(const AVCodecParameters& target);
+  ~AudioEncoder();
+
+  // start: of the first sample. Throws ffmpeg::Error.
+  void Push(const AVFrame& frame, Time start, const PacketSink& sink);
+  // Hands over what is still inside; nothing may be pushed afterwards.
+  void Finish(const PacketSink& sink);
+
+  // What comes out.
+  ffmpeg::Parameters parameters() const;
+
+ private:
+  void Resample(const AVFrame& frame);
+  void DrainResampler();
+  void EncodeFull(const PacketSink& sink);
+  // Fills the frame that is begun with silence and encodes it.
+  void EncodeRest(const PacketSink& sink);
+  void Send(const AVFrame* frame, const PacketSink& sink);
+  // End of what was pushed last.
+  Time Expected() const;
+  Time TimeOf(std::int64_t sample) const;
+
+  ffmpeg::Codec codec_;
+  ffmpeg::Resampler resampler_;
+  ffmpeg::Frame source_;  // describes what the resampler was made for
+  ffmpeg::SampleFifo fifo_;
+  int frameSize_ = 0;
+  std::optional<Time> base_;  // time of sample 0
+  std::int64_t next_ = 0;     // number of the next sample that goes to the encoder
+};
+
+}  // namespace host

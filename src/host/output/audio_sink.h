@@ -1,0 +1,42 @@
+// AudioSink: the sink filter on the composer's audio outputs.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "host/ffmpeg/handles.h"
+#include "host/units.h"
+#include "platform/baseclasses/base_filter.h"
+#include "platform/baseclasses/base_input_pin.h"
+
+namespace host {
+
+// One pin for each channel. Every packet is copied out of the composer's buffer and handed on, so
+// that the composer never lacks a buffer however long an output keeps a packet. Owned by its graph
+// and by the wall.
+class AudioSink final : public CBaseFilter {
+ public:
+  // Called on the streaming thread of the channel with the composer's lock held while the graph is
+  // active: returns at once. The packet's stamps are on the wall's clock, in units of 100 ns; a
+  // packet without times does not come here.
+  using TakePacket = std::function<void(std::size_t channel, ffmpeg::Packet packet)>;
+
+  static ComPtr<AudioSink> Create(std::size_t channels, TakePacket takePacket);
+  AudioSink(std::size_t channels, TakePacket takePacket);
+  ~AudioSink() override;
+
+  int GetPinCount() override { return static_cast<int>(pins_.size()); }
+  CBasePin* GetPin(int position) override;
+  CBaseInputPin* pin(std::size_t channel);
+
+ private:
+  class Pin;
+
+  CCritSec lock_;
+  const TakePacket takePacket_;
+  std::vector<std::unique_ptr<Pin>> pins_;
+};
+
+}  // namespace host

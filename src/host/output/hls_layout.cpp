@@ -1,0 +1,107 @@
+#include "host/output/hls_layout.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <fstream>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/error.h>
+}
+
+#include "host/ffmpeg/error.h"
+
+namespace host {
+namespace {
+
+constexpr std::int64_t kSoundRate = 256'000;
+
+std::string SoundName(std::size_t number) {
+  return "sound" + std::to_string(number + 1);
+}
+
+// The quoted strings of a playlist hold neither quotes nor line ends.
+std::string Quoted(std::string text) {
+  std::replace_if(
+      text.begin(), text.end(), [](char c) { return c == '"' || c == '\n' || c == '\r'; }, '\'');
+  return "\"" + text + "\"";
+}
+
+}  // namespace
+
+HlsLayout::HlsLayout(const Muxer::Settings& settings, bool live)
+    : settings_(settings), playlist_(settings.url), live_(live) {
+  if (settings.url.find("://") != std::string::npos) {
+    throw ffmpeg::Error(AVERROR(EINVAL), "HLS is written to files only, not to", settings.url);
+  }
+}
+
+void HlsLayout::AddSound(const std::string& name, const std::string& language) {
+  sounds_.push_back({name, language});
+}
+
+void HlsLayout::Apply(Muxer& muxer) const {
+  const std::string stem = (playlist_.parent_path() / playlist_.stem()).string();
+  std::string map = "v:0,name:video";
+  for (std::size_t i = 0; i < sounds_.size(); ++i) {
+    map += " a:" + std::to_string(i) + ",name:" + SoundName(i);
+  }
+  muxer.SetUrl(stem + "_%v.m3u8");
+  const auto choose = [&](const std::string& key, const std::string& value) {
+    if (!settings_.options.contains(key)) {
+      muxer.SetOption(key, value);
+    }
+  };
+  muxer.SetOption("var_stream_map", map);
+  choose("hls_segment_filename", stem + "_%v_%05d.ts");
+  choose("hls_flags", live_ ? "independent_segments+delete_segments" : "independent_segments");
+  choose("hls_list_size", live_ ? "6" : "0");
+  if (!live_) {
+    choose("hls_playlist_type", "vod");
+  }
+}
+
+std::string HlsLayout::Playlist(const AVCodecParameters& video, Ratio frameRate) const {
+  const std::string stem = playlist_.stem().string();
+  std::string text = "#EXTM3U\n#EXT-X-VERSION:6\n#EXT-X-INDEPENDENT-SEGMENTS\n";
+  for (std::size_t i = 0; i < sounds_.size(); ++i) {
+    text += "#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"sound\",NAME=" + Quoted(sounds_[i].name);
+    if (!sounds_[i].language.empty()) {
+      text += ",LANGUAGE=" + Quoted(sounds_[i].language);
+    }
+    text += std::string(",DEFAULT=") + (i == 0 ? "YES" : "NO") +
+            ",AUTOSELECT=YES,URI=" + Quoted(stem + "_" + SoundName(i) + ".m3u8") + "\n";
+  }
+  // An encoder of constant quality does not know its rate; players only compare it.
+  const auto guess = static_cast<std::int64_t>(video.width * video.height * frameRate.value() / 10);
+  char rate[32];
+  std::snprintf(rate, sizeof(rate), "%.3f", frameRate.value());
+  text += "#EXT-X-STREAM-INF:BANDWIDTH=" +
+          std::to_string((video.bit_rate > 0 ? video.bit_rate : guess) + kSoundRate) +
+          ",RESOLUTION=" + std::to_string(video.width) + "x" + std::to_string(video.height) +
+          ",FRAME-RATE=" + rate;
+  if (!sounds_.empty()) {
+    text += ",AUDIO=\"sound\"";
+  }
+  return text + "\n" + stem + "_video.m3u8\n";
+}
+
+void HlsLayout::WritePlaylist(const AVCodecParameters& video, Ratio frameRate) const {
+  // Whole or not at all: players read it while it is written.
+  std::filesystem::path partial = playlist_;
+  partial += ".part";
+  errno = 0;
+  std::ofstream stream(partial, std::ios::binary | std::ios::trunc);
+  stream << Playlist(video, frameRate);
+  stream.close();
+  std::error_code failure(stream ? 0 : errno, std::generic_category());
+  if (stream) {
+    std::filesystem::rename(partial, playlist_, failure);
+  }
+  if (!stream || failure) {
+    throw ffmpeg::Error(AVERROR(failure ? failure.value() : EIO), "cannot write", settings_.url);
+  }
+}
+
+}  // namespace host

@@ -1,0 +1,48 @@
+// HlsLayout: the files of an HLS output.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "host/output/muxer.h"
+#include "host/units.h"
+
+namespace host {
+
+// For "wall.m3u8" with two channels:
+//
+//   wall.m3u8           the playlist to play: names the video and the renditions of sound
+//   wall_video.m3u8     wall_video_00000.ts ...
+//   wall_sound1.m3u8    wall_sound1_00000.ts ...   the first channel with sound
+//   wall_sound2.m3u8    ...
+//
+// FFmpeg writes all but the first, which it could write only without the channels' names. Options
+// of the operator go before those that are chosen here. One thread, for one opening.
+class HlsLayout {
+ public:
+  // live: old segments are removed. Throws ffmpeg::Error for a URL that is no file.
+  HlsLayout(const Muxer::Settings& settings, bool live);
+
+  // In the order of the muxer's tracks.
+  void AddSound(const std::string& name, const std::string& language);
+  // Tells the muxer; before it starts.
+  void Apply(Muxer& muxer) const;
+  // Throws ffmpeg::Error when it cannot be written.
+  void WritePlaylist(const AVCodecParameters& video, Ratio frameRate) const;
+
+ private:
+  struct Sound {
+    std::string name;
+    std::string language;
+  };
+
+  std::string Playlist(const AVCodecParameters& video, Ratio frameRate) const;
+
+  const Muxer::Settings settings_;
+  const std::filesystem::path playlist_;
+  const bool live_;
+  std::vector<Sound> sounds_;
+};
+
+}  // namespace host

@@ -1,0 +1,107 @@
+// Output: one place to which the wall goes.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "host/output/output_pass.h"
+#include "host/output/packet_queue.h"
+#include "log/i_log_perf.h"
+#include "platform/os/thread.h"
+
+namespace host {
+
+// Hears what becomes of an output; called by the output's thread.
+class OutputObserver {
+ public:
+  virtual ~OutputObserver() = default;
+  // reason: one sentence; retryIn: until the output is opened again, none when it is not.
+  virtual void OutputFailed(const std::string& output, const std::string& reason,
+                            std::optional<std::chrono::milliseconds> retryIn) = 0;
+  // It is open, after a failure.
+  virtual void OutputRecovered(const std::string& output) = 0;
+  // Something that the operator should know about what is written.
+  virtual void OutputSaid(const std::string& output, const std::string& what) = 0;
+};
+
+// Takes the packets of the mosaic and of all channels' sound into a bounded queue; its thread opens
+// the file or connection and writes. Live, nobody ever waits for it: when its consumer is slow, the
+// oldest group of pictures that waits is dropped and reported to the logger as a full buffer; when
+// it fails, it is opened again after a growing delay. Rendering, whoever fills it waits for room,
+// and a failure is for good.
+//
+// Threads: TakeVideo is the encoder's, TakeSound the channels' streaming threads', Finish and the
+// constructor the application's; the counters are anybody's.
+class Output {
+ public:
+  struct Settings {
+    std::string name;            // for people: the URL without credentials
+    std::string pin = "output";  // for the logger's reports about full buffers
+    OutputPass::Settings pass;
+    bool live = false;
+    PacketQueue::Limits queue;
+    std::chrono::milliseconds firstDelay{250};  // until it is opened again; doubles each time
+    std::chrono::milliseconds longestDelay{5'000};
+  };
+
+  // video: of the encoder's packets. observer and logger outlive the output; logger may be null.
+  Output(Settings settings, ffmpeg::Parameters video, OutputObserver* observer,
+         qorp::log::ILogPerf* logger);
+  // As Finish with a limit of 0, if that was not called.
+  ~Output();
+  Output(const Output&) = delete;
+  Output& operator=(const Output&) = delete;
+
+  void TakeVideo(const AVPacket& packet);
+  void TakeSound(std::size_t channel, const AVPacket& packet);
+  // The encoder has failed: there is nothing more to write.
+  void FailForGood(const std::string& reason);
+  // Waits until the next pictures find room; false when that takes longer than the limit.
+  bool WaitForRoom(std::chrono::milliseconds limit) { return queue_.WaitForRoom(limit); }
+  // Nothing more comes.
+  void Close() { queue_.Close(); }
+  // Writes what waits and the end; gives up what is not written within the limit.
+  void Finish(std::chrono::milliseconds limit);
+
+  const std::string& name() const { return settings_.name; }
+  std::uint64_t written() const { return written_; }      // pictures
+  std::uint64_t overflows() const { return overflows_; }  // how often packets were dropped
+  std::uint64_t openings() const { return openings_; }
+  // It has ended early for good.
+  bool failed() const { return failed_; }
+  // Why it does not work now or did not in the end; empty when it does.
+  std::string failure() const;
+
+ private:
+  void Run();
+  // One opening, to the end of what comes; empty, or why it failed.
+  std::string RunPass(OutputPass& pass);
+  OutputPass::Settings PassSettings() const;
+  // What Finish may cancel; false when it has already done so.
+  bool SetPass(OutputPass* pass);
+  void SetFailure(const std::string& reason);
+  void NoteOverflow();
+
+  const Settings settings_;
+  const ffmpeg::Parameters video_;
+  OutputObserver* const observer_;
+  qorp::log::ILogPerf* const logger_;
+  PacketQueue queue_;
+  std::atomic<std::uint64_t> written_{0};
+  std::atomic<std::uint64_t> overflows_{0};
+  std::atomic<std::uint64_t> openings_{0};
+  std::atomic<bool> failed_{false};
+  mutable std::mutex lock_;
+  std::string failure_;         // guarded by lock_
+  OutputPass* pass_ = nullptr;  // guarded by lock_; what Finish cancels
+  bool cancelled_ = false;      // guarded by lock_
+  std::unique_ptr<os::Thread> thread_;
+};
+
+}  // namespace host

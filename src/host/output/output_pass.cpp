@@ -1,0 +1,224 @@
+#include "host/output/output_pass.h"
+
+#include <algorithm>
+#include <limits>
+#include <utility>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+}
+
+#include "host/ffmpeg/error.h"
+#include "host/output/hls_layout.h"
+
+namespace host {
+namespace {
+
+constexpr int kUnknownRate = 48'000;
+constexpr int kUnknownChannels = 2;
+// How far sound may be ahead of the pictures: one second, and what an encoder of pictures holds
+// back.
+constexpr Time kLongestLead = 20 * kSecond;
+
+// FLV, and RTMP with it, has one track of sound.
+std::size_t MostSoundTracks(const std::string& format) {
+  return format == "flv" ? 1 : std::numeric_limits<std::size_t>::max();
+}
+
+}  // namespace
+
+OutputPass::OutputPass(const Settings& settings, const AVCodecParameters& video, Say say)
+    : settings_(settings),
+      video_(video),
+      say_(std::move(say)),
+      soundTracks_(settings.tracks.size()),
+      interleaver_(settings.tracks.size()) {}
+
+OutputPass::~OutputPass() = default;
+
+void OutputPass::Cancel() {
+  const std::lock_guard guard(cancelLock_);
+  cancelled_ = true;
+  if (muxer_) {
+    muxer_->Cancel();
+  }
+}
+
+bool OutputPass::IsWaitedFor(const Track& track) const {
+  if (!track.audio) {
+    return false;
+  }
+  const AudioTrack::State state = track.audio->state();
+  return state == AudioTrack::State::kExpected ||
+         (state == AudioTrack::State::kUnknown && settings_.waitForSources);
+}
+
+bool OutputPass::CanStart(const TrackPacket& packet) {
+  if (packet.track != TrackPacket::kVideo) {
+    return false;
+  }
+  if (!firstPicture_) {
+    firstPicture_ = packet.packet->dts;
+  }
+  return packet.packet->dts - *firstPicture_ >= settings_.formatLimit ||
+         std::none_of(settings_.tracks.begin(), settings_.tracks.end(),
+                      [this](const Track& track) { return IsWaitedFor(track); });
+}
+
+void OutputPass::Hold(TrackPacket packet) {
+  while (!firstPicture_ && !held_.empty() &&
+         packet.packet->dts - held_.front().packet->dts > kLongestLead) {
+    held_.pop_front();
+  }
+  held_.push_back(std::move(packet));
+}
+
+void OutputPass::WriteHeld() {
+  for (TrackPacket& held : std::exchange(held_, {})) {
+    Write(std::move(held));
+  }
+}
+
+void OutputPass::Take(TrackPacket packet) {
+  if (started()) {
+    Write(std::move(packet));
+    return;
+  }
+  const bool start = CanStart(packet);
+  Hold(std::move(packet));
+  if (start) {
+    Start();
+    WriteHeld();
+  }
+}
+
+void OutputPass::Start() {
+  Muxer::Settings settings = settings_.muxer;
+  settings.interleaves = false;
+  auto muxer = std::make_unique<Muxer>(settings);
+  std::optional<HlsLayout> hls;
+  if (muxer->formatName() == "hls") {
+    hls.emplace(settings, settings_.waitForSources);
+  }
+  Muxer* const opening = muxer.get();
+  videoTrack_ = muxer->AddVideo(video_, settings_.frameRate);
+  AddTracks(*muxer);
+  if (hls) {
+    for (std::size_t i = 0; i < soundTracks_.size(); ++i) {
+      if (soundTracks_[i]) {
+        const std::string& own = settings_.tracks[i].audio->format()->language;
+        hls->AddSound(settings_.tracks[i].name, own.empty() ? settings_.tracks[i].language : own);
+      }
+    }
+    hls->Apply(*muxer);
+  }
+  {
+    const std::lock_guard guard(cancelLock_);
+    muxer_ = std::move(muxer);
+    if (cancelled_) {
+      opening->Cancel();
+    }
+  }
+  opening->Start();
+  for (const std::string& option : opening->unknownOptions()) {
+    say_("the option \"" + option + "\" is not known to " + opening->formatName());
+  }
+  if (hls) {
+    hls->WritePlaylist(video_, settings_.frameRate);
+  }
+}
+
+void OutputPass::AddTracks(Muxer& muxer) {
+  std::vector<std::size_t> order(settings_.tracks.size());
+  for (std::size_t i = 0; i < order.size(); ++i) {
+    order[i] = i;
+  }
+  const std::size_t most = MostSoundTracks(muxer.formatName());
+  if (most < order.size()) {
+    std::stable_partition(order.begin(), order.end(),
+                          [&](std::size_t i) { return settings_.tracks[i].preferred; });
+  }
+  std::size_t count = 0;
+  for (const std::size_t i : order) {
+    const Track& track = settings_.tracks[i];
+    if (!track.audio) {
+      continue;
+    }
+    std::shared_ptr<const AudioFormat> format = track.audio->format();
+    if (!format && IsWaitedFor(track)) {
+      format = track.audio->Settle(AacFormat(kUnknownRate, kUnknownChannels, track.language));
+    }
+    if (!format) {
+      continue;
+    }
+    if (count == most) {
+      say_(muxer.formatName() + " holds one track of sound: that of \"" +
+           settings_.tracks[order[0]].name + "\"");
+      break;
+    }
+    try {
+      AddTrack(muxer, i, *format);
+      ++count;
+    } catch (const ffmpeg::Error& error) {
+      say_("the sound of \"" + track.name + "\" is left out: " + error.what());
+    }
+  }
+}
+
+void OutputPass::AddTrack(Muxer& muxer, std::size_t channel, const AudioFormat& format) {
+  const Track& track = settings_.tracks[channel];
+  soundTracks_[channel] = muxer.AddAudio(
+      *format.parameters, track.name, format.language.empty() ? track.language : format.language);
+}
+
+void OutputPass::WriteSound(Time before) {
+  interleaver_.Release(before, [&](std::size_t channel, ffmpeg::Packet packet) {
+    if (!base_ || packet->dts < *base_) {
+      return;
+    }
+    packet->pts -= *base_;
+    packet->dts -= *base_;
+    muxer_->Write(*soundTracks_[channel], std::move(packet));
+  });
+}
+
+void OutputPass::Write(TrackPacket item) {
+  ffmpeg::Packet packet = std::move(item.packet);
+  if (item.track != TrackPacket::kVideo) {
+    const auto channel = static_cast<std::size_t>(item.track);
+    if (channel < soundTracks_.size() && soundTracks_[channel]) {
+      const Time time = packet->dts;
+      interleaver_.Push(channel, std::move(packet));
+      WriteSound(time - kLongestLead);
+    }
+    return;
+  }
+  if (!base_) {
+    if ((packet->flags & AV_PKT_FLAG_KEY) == 0) {
+      return;
+    }
+    base_ = packet->pts;
+  }
+  WriteSound(packet->dts);
+  packet->pts -= *base_;
+  packet->dts -= *base_;
+  end_ = std::max(end_, packet->pts + packet->duration);
+  muxer_->Write(videoTrack_, std::move(packet));
+  ++written_;
+}
+
+void OutputPass::Finish() {
+  if (!started()) {
+    if (!firstPicture_) {
+      return;
+    }
+    Start();
+    WriteHeld();
+  }
+  if (base_) {
+    WriteSound(*base_ + end_);
+  }
+  muxer_->Finish();
+}
+
+}  // namespace host

@@ -1,0 +1,160 @@
+#include "host/output/output_set.h"
+
+#include <algorithm>
+
+#include "host/ffmpeg/error.h"
+
+namespace host {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr milliseconds kForever{0x7FFF'FFFF};
+
+}  // namespace
+
+OutputSet::OutputSet(const Settings& settings, OutputObserver* observer,
+                     qorp::log::ILogPerf* logger)
+    : observer_(observer),
+      logger_(logger),
+      finishLimit_(settings.live ? settings.finishLimit : kForever) {
+  for (const Item& item : settings.outputs) {
+    entries_.push_back({item.name, nullptr, nullptr, {}});
+    try {
+      Add(item, settings);
+    } catch (const ffmpeg::Error& error) {
+      entries_.back().failure = error.what();
+      observer_->OutputFailed(item.name, error.what(), std::nullopt);
+    }
+  }
+  for (const Encoder& encoder : encoders_) {
+    encoder.encoder->Start();
+  }
+}
+
+OutputSet::~OutputSet() {
+  Finish();
+}
+
+void OutputSet::Add(const Item& item, const Settings& settings) {
+  // What is wrong for good is told before the wall starts.
+  Muxer(item.muxer).formatName();
+  PictureEncoder& encoder = EncoderFor(item);
+  Output::Settings output;
+  output.name = item.name;
+  output.pin = "output " + std::to_string(entries_.size());
+  output.live = settings.live;
+  output.queue = settings.queue;
+  output.pass.muxer = item.muxer;
+  output.pass.frameRate = settings.frameRate;
+  output.pass.formatLimit = settings.formatLimit;
+  output.pass.waitForSources = settings.live;
+  if (item.sound) {
+    output.pass.tracks = settings.tracks;
+  }
+  Entry& entry = entries_.back();
+  entry.encoder = &encoder;
+  entry.output =
+      std::make_unique<Output>(std::move(output), encoder.parameters(), observer_, logger_);
+  encoder.Add(
+      {[output = entry.output.get()](const AVPacket& packet) { output->TakeVideo(packet); },
+       [output = entry.output.get()](const std::string& reason) { output->FailForGood(reason); }});
+}
+
+PictureEncoder& OutputSet::EncoderFor(const Item& item) {
+  VideoEncoder::Settings wanted = item.encoder;
+  // Where a container wants the headers in the stream, its muxer repeats them there.
+  wanted.globalHeader = true;
+  const auto found = std::find_if(encoders_.begin(), encoders_.end(), [&](const Encoder& encoder) {
+    return encoder.settings == wanted;
+  });
+  if (found != encoders_.end()) {
+    return *found->encoder;
+  }
+  PictureEncoder::Settings settings;
+  settings.name = "encoder " + std::to_string(encoders_.size() + 1);
+  settings.encoder = wanted;
+  encoders_.push_back({wanted, std::make_unique<PictureEncoder>(settings, logger_)});
+  return *encoders_.back().encoder;
+}
+
+void OutputSet::Take(const ComPtr<IMediaSample>& picture, Time start) {
+  for (const Encoder& encoder : encoders_) {
+    encoder.encoder->Take(picture, start);
+  }
+}
+
+void OutputSet::TakeSound(std::size_t channel, const AVPacket& packet) {
+  for (const Entry& entry : entries_) {
+    if (entry.output) {
+      entry.output->TakeSound(channel, packet);
+    }
+  }
+}
+
+bool OutputSet::WaitForRoom(milliseconds limit) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  const auto left = [&] {
+    return std::max(milliseconds(0), std::chrono::duration_cast<milliseconds>(
+                                         end - std::chrono::steady_clock::now()));
+  };
+  for (const Encoder& encoder : encoders_) {
+    if (!encoder.encoder->WaitForRoom(left())) {
+      return false;
+    }
+  }
+  for (const Entry& entry : entries_) {
+    if (entry.output && !entry.output->WaitForRoom(left())) {
+      return false;
+    }
+  }
+  return true;
+}
+
+void OutputSet::Finish() {
+  if (std::exchange(finished_, true)) {
+    return;
+  }
+  for (const Encoder& encoder : encoders_) {
+    encoder.encoder->Finish();
+  }
+  // All are told before the first is waited for: together they take no longer than one.
+  for (const Entry& entry : entries_) {
+    if (entry.output) {
+      entry.output->Close();
+    }
+  }
+  const auto end = std::chrono::steady_clock::now() + finishLimit_;
+  for (const Entry& entry : entries_) {
+    if (entry.output) {
+      entry.output->Finish(std::max(milliseconds(0), std::chrono::duration_cast<milliseconds>(
+                                                         end - std::chrono::steady_clock::now())));
+    }
+  }
+}
+
+bool OutputSet::allFailed() const {
+  return !entries_.empty() && std::all_of(entries_.begin(), entries_.end(), [](const Entry& entry) {
+    return !entry.output || entry.output->failed();
+  });
+}
+
+std::vector<OutputSet::Status> OutputSet::status() const {
+  std::vector<Status> all;
+  for (const Entry& entry : entries_) {
+    Status status;
+    status.name = entry.name;
+    status.failure = entry.failure;
+    status.failed = !entry.output || entry.output->failed();
+    if (entry.output) {
+      status.failure = entry.output->failure();
+      status.written = entry.output->written();
+      status.overflows = entry.output->overflows();
+      status.dropped = entry.encoder->dropped();
+    }
+    all.push_back(std::move(status));
+  }
+  return all;
+}
+
+}  // namespace host

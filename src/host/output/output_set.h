@@ -1,0 +1,88 @@
+// OutputSet: all outputs of a wall.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/output/output.h"
+#include "host/output/picture_encoder.h"
+
+namespace host {
+
+// Makes one encoder for all outputs that want the same and hands it every picture; the outputs get
+// the encoders' packets and all channels' sound. None of them disturbs another, nor the wall.
+//
+// Owned by whoever runs the wall. Take is the composition thread's, TakeSound the channels'
+// streaming threads'; both return at once. The rest is the application's.
+class OutputSet {
+ public:
+  struct Item {
+    std::string name;  // for people: the URL without credentials
+    VideoEncoder::Settings encoder;
+    Muxer::Settings muxer;
+    bool sound = true;
+  };
+  struct Settings {
+    std::vector<Item> outputs;
+    std::vector<OutputPass::Track> tracks;  // one for each channel of the wall
+    Ratio frameRate{25, 1};
+    bool live = false;
+    Time formatLimit = 5 * kSecond;
+    PacketQueue::Limits queue;
+    std::chrono::milliseconds finishLimit{5'000};  // of a live output, to write what waits
+  };
+  struct Status {
+    std::string name;
+    std::uint64_t written = 0;    // pictures
+    std::uint64_t dropped = 0;    // pictures for which the encoder had no time
+    std::uint64_t overflows = 0;  // how often its queue was full
+    std::string failure;          // empty while it works
+    bool failed = false;          // for good
+  };
+
+  // observer and logger outlive the set; logger may be null. An output whose encoder or container
+  // is not to be had has failed from the start, and the observer is told.
+  OutputSet(const Settings& settings, OutputObserver* observer, qorp::log::ILogPerf* logger);
+  ~OutputSet();
+  OutputSet(const OutputSet&) = delete;
+  OutputSet& operator=(const OutputSet&) = delete;
+
+  void Take(const ComPtr<IMediaSample>& picture, Time start);
+  void TakeSound(std::size_t channel, const AVPacket& packet);
+  // For a rendered wall, before each frame: whether everything has room for it; waits that long.
+  bool WaitForRoom(std::chrono::milliseconds limit);
+  // The wall has ended: everything is written to its end.
+  void Finish();
+
+  bool empty() const { return entries_.empty(); }
+  bool allFailed() const;
+  std::vector<Status> status() const;
+
+ private:
+  struct Encoder {
+    VideoEncoder::Settings settings;
+    std::unique_ptr<PictureEncoder> encoder;
+  };
+  struct Entry {
+    std::string name;
+    PictureEncoder* encoder = nullptr;
+    std::unique_ptr<Output> output;  // null: it failed from the start
+    std::string failure;
+  };
+
+  void Add(const Item& item, const Settings& settings);
+  PictureEncoder& EncoderFor(const Item& item);
+
+  OutputObserver* const observer_;
+  qorp::log::ILogPerf* const logger_;
+  const std::chrono::milliseconds finishLimit_;
+  // The encoders go first: their threads use the outputs.
+  std::vector<Entry> entries_;
+  std::vector<Encoder> encoders_;
+  bool finished_ = false;
+};
+
+}  // namespace host

@@ -1,0 +1,165 @@
+#include "host/output/packet_queue.h"
+
+#include <algorithm>
+
+extern "C" {
+#include <libavcodec/packet.h>
+}
+
+namespace host {
+
+bool PacketQueue::IsKey(const TrackPacket& packet) {
+  return packet.track == TrackPacket::kVideo && (packet.packet->flags & AV_PKT_FLAG_KEY) != 0;
+}
+
+bool PacketQueue::Full() const {
+  if (packets_.empty()) {
+    return false;
+  }
+  return bytes_ >= limits_.bytes || newestPicture_ - packets_.front().packet->dts >= limits_.span;
+}
+
+void PacketQueue::Add(TrackPacket packet) {
+  bytes_ += static_cast<std::size_t>(packet.packet->size);
+  if (packet.track == TrackPacket::kVideo) {
+    newestPicture_ = packet.packet->dts;
+  }
+  packets_.push_back(std::move(packet));
+}
+
+void PacketQueue::Clear() {
+  packets_.clear();
+  bytes_ = 0;
+}
+
+// The pictures before the second one that can be decoded alone, and the sound that goes with them.
+void PacketQueue::DropOldestPictures() {
+  const auto first = std::find_if(packets_.begin(), packets_.end(), [](const TrackPacket& packet) {
+    return packet.track == TrackPacket::kVideo;
+  });
+  const auto key = first == packets_.end()
+                       ? first
+                       : std::find_if(std::next(first), packets_.end(), &PacketQueue::IsKey);
+  if (key == packets_.end()) {
+    Clear();
+    waitsForKey_ = true;
+    return;
+  }
+  const Time from = key->packet->dts;
+  std::deque<TrackPacket> kept;
+  bool reached = false;
+  for (TrackPacket& packet : packets_) {
+    reached = reached || &packet == &*key;
+    const bool isSound = packet.track != TrackPacket::kVideo;
+    if (isSound ? packet.packet->dts >= from : reached) {
+      kept.push_back(std::move(packet));
+    } else {
+      bytes_ -= static_cast<std::size_t>(packet.packet->size);
+    }
+  }
+  packets_.swap(kept);
+}
+
+PacketQueue::Pushed PacketQueue::PushDropping(TrackPacket packet) {
+  Pushed result = Pushed::kKept;
+  {
+    const std::lock_guard guard(lock_);
+    if (closed_) {
+      return Pushed::kKept;
+    }
+    const bool isKey = IsKey(packet);
+    waitsForKey_ = waitsForKey_ && !isKey;
+    if (!waitsForKey_ && Full()) {
+      result = Pushed::kOverflowed;
+      DropOldestPictures();
+      waitsForKey_ = waitsForKey_ && !isKey;
+    }
+    if (waitsForKey_) {
+      return result == Pushed::kKept ? Pushed::kRefused : result;
+    }
+    Add(std::move(packet));
+  }
+  filled_.notify_one();
+  return result;
+}
+
+bool PacketQueue::PushWaiting(TrackPacket packet) {
+  {
+    std::unique_lock guard(lock_);
+    roomMade_.wait(guard, [&] { return closed_ || !Full(); });
+    if (closed_) {
+      return false;
+    }
+    Add(std::move(packet));
+  }
+  filled_.notify_one();
+  return true;
+}
+
+void PacketQueue::Push(TrackPacket packet) {
+  {
+    const std::lock_guard guard(lock_);
+    if (closed_) {
+      return;
+    }
+    Add(std::move(packet));
+  }
+  filled_.notify_one();
+}
+
+bool PacketQueue::WaitForRoom(std::chrono::milliseconds limit) {
+  std::unique_lock guard(lock_);
+  return roomMade_.wait_for(guard, limit, [&] { return closed_ || !Full(); });
+}
+
+std::optional<TrackPacket> PacketQueue::Pop() {
+  std::unique_lock guard(lock_);
+  filled_.wait(guard, [&] { return closed_ || !packets_.empty(); });
+  if (packets_.empty()) {
+    return std::nullopt;
+  }
+  TrackPacket packet = std::move(packets_.front());
+  packets_.pop_front();
+  bytes_ -= static_cast<std::size_t>(packet.packet->size);
+  guard.unlock();
+  roomMade_.notify_all();
+  return packet;
+}
+
+bool PacketQueue::DiscardFor(std::chrono::milliseconds time) {
+  const auto end = std::chrono::steady_clock::now() + time;
+  std::unique_lock guard(lock_);
+  while (!closed_ && std::chrono::steady_clock::now() < end) {
+    Clear();
+    filled_.wait_until(guard, end, [&] { return closed_ || !packets_.empty(); });
+  }
+  Clear();
+  waitsForKey_ = true;
+  return !closed_;
+}
+
+void PacketQueue::Close() {
+  {
+    const std::lock_guard guard(lock_);
+    closed_ = true;
+  }
+  filled_.notify_all();
+  roomMade_.notify_all();
+}
+
+void PacketQueue::Abandon() {
+  {
+    const std::lock_guard guard(lock_);
+    closed_ = true;
+    Clear();
+  }
+  filled_.notify_all();
+  roomMade_.notify_all();
+}
+
+std::size_t PacketQueue::bytes() const {
+  const std::lock_guard guard(lock_);
+  return bytes_;
+}
+
+}  // namespace host

@@ -1,0 +1,85 @@
+// PacketQueue: what waits for one output.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <mutex>
+#include <optional>
+
+#include "host/ffmpeg/handles.h"
+#include "host/units.h"
+
+namespace host {
+
+// A packet of the mosaic's video, or of the sound of a channel.
+struct TrackPacket {
+  static constexpr int kVideo = -1;
+
+  int track = kVideo;     // kVideo or the number of the channel
+  ffmpeg::Packet packet;  // stamps in units of 100 ns, on the wall's clock
+};
+
+// Bounded by bytes and by time. A full queue drops whole groups of pictures, the oldest first: what
+// is left always begins with a picture that can be decoded alone, and with it the sound from there
+// on. Or, where nothing may be lost, whoever fills the queue waits for room.
+//
+// Filled by the encoder's thread and the channels' streaming threads, emptied by the output's
+// thread, closed by any; one lock.
+class PacketQueue {
+ public:
+  struct Limits {
+    std::size_t bytes = 32U << 20;
+    Time span = 8 * kSecond;  // from the oldest packet to the newest picture
+  };
+
+  explicit PacketQueue(Limits limits) : limits_(limits) {}
+
+  enum class Pushed {
+    kKept,
+    kOverflowed,  // others were dropped for it, or it with them
+    kRefused,     // after a drop, until a picture comes that can be decoded alone
+  };
+
+  // Returns at once. A closed queue takes everything and keeps nothing.
+  Pushed PushDropping(TrackPacket packet);
+  // Waits for room; false once the queue is closed.
+  bool PushWaiting(TrackPacket packet);
+  // Adds it however full the queue is; for sound, where whoever drives the wall waits for room.
+  void Push(TrackPacket packet);
+  // Waits until the queue has room; false when that takes longer than the limit. A closed queue has
+  // room: it takes nothing.
+  bool WaitForRoom(std::chrono::milliseconds limit);
+
+  // Waits for a packet; null once the queue is closed and empty.
+  std::optional<TrackPacket> Pop();
+  // Throws away what waits and what comes for that long. False when the queue was closed first.
+  bool DiscardFor(std::chrono::milliseconds time);
+
+  // No more packets come; those that wait are still popped.
+  void Close();
+  // The same, and nobody pops any more.
+  void Abandon();
+
+  std::size_t bytes() const;
+
+ private:
+  static bool IsKey(const TrackPacket& packet);
+  bool Full() const;
+  void Add(TrackPacket packet);
+  void DropOldestPictures();
+  void Clear();
+
+  const Limits limits_;
+  mutable std::mutex lock_;
+  std::condition_variable filled_;
+  std::condition_variable roomMade_;
+  std::deque<TrackPacket> packets_;  // guarded by lock_, as is all below
+  std::size_t bytes_ = 0;
+  Time newestPicture_ = 0;
+  bool waitsForKey_ = false;  // after a drop that left no picture
+  bool closed_ = false;
+};
+
+}  // namespace host
