@@ -21,6 +21,8 @@ using host::kSecond;
 using testing::HasSubstr;
 
 constexpr host::Time kFrame = 400000;
+constexpr int kSlateLuma = 30;
+constexpr int kAlarmLuma = 76;
 
 class RenderTest : public testing::Test {
  protected:
@@ -118,12 +120,92 @@ TEST_F(RenderTest, GoesOnWhenChannelsEndOrCannotBeUsed) {
   }
   EXPECT_EQ(PictureNumber(wall_.Luma(frames.back(), 2, 2)), 9) << "its last picture stays";
   EXPECT_GE(PictureNumber(wall_.Luma(frames.back(), 102, 2)), 58);
-  EXPECT_EQ(wall_.Luma(frames.back(), 2, 102), 16) << "nothing was ever there";
+  EXPECT_EQ(wall_.Luma(frames.back(), 2, 102), kSlateLuma) << "it says that it is no media file";
+  EXPECT_EQ(wall_.Luma(frames.back(), 102, 102), kSlateLuma) << "it says that there is no file";
   EXPECT_TRUE(wall_.channels().Ended("short"));
   EXPECT_FALSE(wall_.channels().Failure("notes").empty());
   EXPECT_FALSE(wall_.channels().Failure("missing").empty());
   EXPECT_NE(wall_.channels().Failure("missing"), wall_.channels().Failure("notes"));
   EXPECT_TRUE(wall_.channels().Opened("sound")) << "a channel may be heard only";
+}
+
+TEST_F(RenderTest, HoldsTheLastPictureOfAChannelThatEndsAndThenShowsASlate) {
+  wall_.AddChannel(Clip("short", "25", 10), {0, 0, 64, 48});
+  wall_.AddChannel(Clip("long", "25", 80), {100, 0, 64, 48});
+  wall_.wall().channels[0].options.hold = kSecond;
+  const std::vector<Frame> frames = wall_.Render();
+  const auto luma = [&](host::Time due) {
+    return wall_.Luma(frames[static_cast<std::size_t>((due + kSecond) / kFrame)], 2, 2);
+  };
+  const host::Time last = 9 * kFrame;
+  EXPECT_EQ(PictureNumber(luma(last)), 9);
+  EXPECT_EQ(PictureNumber(luma(last + kSecond - 5 * kFrame)), 9) << "held";
+  EXPECT_EQ(luma(last + kSecond + 10 * kFrame), kSlateLuma);
+  EXPECT_EQ(wall_.Luma(frames.back(), 2, 2), kSlateLuma);
+  EXPECT_THAT(wall_.channels().States("short"),
+              testing::ElementsAre("live", "held: ended", "lost: ended"));
+  EXPECT_THAT(wall_.channels().States("long"), testing::ElementsAre("live", "held: ended"));
+  const std::vector<Frame> again = wall_.Render();
+  ASSERT_EQ(frames.size(), again.size());
+  for (std::size_t n = 0; n < frames.size(); ++n) {
+    ASSERT_TRUE(frames[n].pixels == again[n].pixels) << "frame " << n << " differs";
+  }
+}
+
+// A picture that is black from its second second to its fourth, and one that stands still then.
+TEST_F(RenderTest, ShowsTheAlarmsOfPictureAndSoundInTheMeterWhileTheyLast) {
+  struct Case {
+    const char* name;
+    const char* pictures;
+    const char* sound;
+    host::wall::Alarm host::wall::AlarmOptions::*alarm;
+  };
+  // Moving noise; the fault between the seconds 2 and 4.
+  const Case cases[] = {
+      {"black", "geq=lum='if(between(T,2,4),16,mod(X*N,200)+20)':cb=128:cr=128", "sine=440:d=6",
+       &host::wall::AlarmOptions::black},
+      {"freeze", "geq=lum='mod(X*if(between(T,2,4),50,N),200)+20':cb=128:cr=128", "sine=440:d=6",
+       &host::wall::AlarmOptions::freeze},
+      {"silence", "geq=lum='mod(X*N,200)+20':cb=128:cr=128",
+       "aevalsrc='0.3*sin(2*PI*440*t)*not(between(t,2,4))':s=48000:d=6",
+       &host::wall::AlarmOptions::silence},
+      {"clipping", "geq=lum='mod(X*N,200)+20':cb=128:cr=128",
+       "aevalsrc='if(between(t,2,4),1,0.3)*sin(2*PI*440*t)':s=48000:d=6",
+       &host::wall::AlarmOptions::clipping},
+  };
+  int x = 0;
+  for (const Case& c : cases) {
+    host::ClipRecipe recipe;
+    recipe.pictures = std::string("color=black:size=40x48:rate=25,format=yuv420p,") + c.pictures;
+    recipe.videoOptions = {{"qp", "0"}, {"preset", "ultrafast"}};
+    recipe.sound = c.sound;
+    recipe.audioCodec = "pcm_s16le";
+    recipe.length = 6 * kSecond;
+    host::WriteClip(recipe, folder_ / (std::string(c.name) + ".mkv"));
+    wall_.AddChannel((folder_ / (std::string(c.name) + ".mkv")).string(), {x, 0, 60, 48});
+    host::wall::ChannelOptions& options = wall_.wall().channels.back().options;
+    options.audio.meter = true;
+    (options.alarm.*c.alarm).enabled = true;
+    (options.alarm.*c.alarm).setAfter = kSecond;
+    (options.alarm.*c.alarm).clearAfter = kSecond / 2;
+    x += 80;
+  }
+  const std::vector<Frame> frames = wall_.Render(6 * kSecond);
+  // The box in the top band of the meter: 6 x 4 pixels of panel, 3 x 2 of alarm.
+  const auto alarm = [&](std::size_t index, host::Time due) {
+    const Frame& frame = frames[static_cast<std::size_t>((due + kSecond) / kFrame)];
+    return wall_.Luma(frame, static_cast<int>(index) * 80 + 3, 3) == kAlarmLuma;
+  };
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    EXPECT_FALSE(alarm(i, kSecond)) << cases[i].name;
+    EXPECT_FALSE(alarm(i, 28 * kSecond / 10)) << cases[i].name << " before its time to set";
+    EXPECT_TRUE(alarm(i, 33 * kSecond / 10)) << cases[i].name;
+    EXPECT_TRUE(alarm(i, 42 * kSecond / 10)) << cases[i].name << " before its time to clear";
+    EXPECT_FALSE(alarm(i, 48 * kSecond / 10)) << cases[i].name;
+    EXPECT_THAT(wall_.channels().Alarms(cases[i].name),
+                testing::ElementsAre(std::string(cases[i].name) + " on",
+                                     std::string(cases[i].name) + " off"));
+  }
 }
 
 TEST_F(RenderTest, LeavesAChannelBehindThatStallsForGood) {

@@ -64,6 +64,32 @@ void ChannelLog::ChannelFailed(const std::string& channel, const std::string& re
   failures_[channel] = reason;
 }
 
+void ChannelLog::ChannelChanged(const std::string& channel,
+                                const host::ChannelLife::Status& status) {
+  const std::lock_guard guard(lock_);
+  states_[channel].push_back(host::NameOf(status.state) +
+                             (status.reason.empty() ? "" : ": " + status.reason));
+}
+
+void ChannelLog::AlarmChanged(const std::string& channel,
+                              const host::AlarmMonitor::Change& change) {
+  const std::lock_guard guard(lock_);
+  alarms_[channel].push_back(std::string(host::NameOf(change.kind)) +
+                             (change.raised ? " on" : " off"));
+}
+
+std::vector<std::string> ChannelLog::States(const std::string& channel) const {
+  const std::lock_guard guard(lock_);
+  const auto found = states_.find(channel);
+  return found == states_.end() ? std::vector<std::string>() : found->second;
+}
+
+std::vector<std::string> ChannelLog::Alarms(const std::string& channel) const {
+  const std::lock_guard guard(lock_);
+  const auto found = alarms_.find(channel);
+  return found == alarms_.end() ? std::vector<std::string>() : found->second;
+}
+
 bool ChannelLog::Opened(const std::string& channel) const {
   const std::lock_guard guard(lock_);
   return opened_.contains(channel);
@@ -95,6 +121,11 @@ void TestWall::AddChannel(const std::string& source, host::wall::Window window) 
   channel.window = window;
   channel.label.source = host::wall::Label::Source::kNone;
   channel.options.audio.meter = false;
+  for (host::wall::Alarm* const alarm :
+       {&channel.options.alarm.loss, &channel.options.alarm.black, &channel.options.alarm.freeze,
+        &channel.options.alarm.silence, &channel.options.alarm.clipping}) {
+    alarm->enabled = false;
+  }
   wall_.channels.push_back(channel);
 }
 

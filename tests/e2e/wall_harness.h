@@ -46,7 +46,12 @@ class ChannelLog final : public host::ChannelObserver {
   void ChannelEnded(const std::string& channel) override;
   void ChannelFailed(const std::string& channel, const std::string& reason,
                      std::optional<std::chrono::milliseconds> retryIn) override;
+  void ChannelChanged(const std::string& channel, const host::ChannelLife::Status& status) override;
+  void AlarmChanged(const std::string& channel, const host::AlarmMonitor::Change& change) override;
 
+  // In their order: "live", "held: reason"; "freeze on", "freeze off".
+  std::vector<std::string> States(const std::string& channel) const;
+  std::vector<std::string> Alarms(const std::string& channel) const;
   bool Opened(const std::string& channel) const;
   bool Ended(const std::string& channel) const;
   std::string Failure(const std::string& channel) const;  // the latest; empty without one
@@ -56,6 +61,8 @@ class ChannelLog final : public host::ChannelObserver {
   std::map<std::string, int> opened_;
   std::map<std::string, int> ended_;
   std::map<std::string, std::string> failures_;
+  std::map<std::string, std::vector<std::string>> states_;
+  std::map<std::string, std::vector<std::string>> alarms_;
 };
 
 struct Frame {

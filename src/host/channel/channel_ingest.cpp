@@ -16,21 +16,28 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr milliseconds kFirstDelay{250};
-constexpr milliseconds kLongestDelay{5000};
+LiveTimeline::Settings TimelineSettings(bool live) {
+  LiveTimeline::Settings settings;
+  settings.live = live;
+  return settings;
+}
 
 }  // namespace
 
 // One opening of the source: its items, from the first to the last.
 class ChannelIngest::Pass {
  public:
-  Pass(ChannelIngest& ingest, const MediaReader& reader, Time shift)
+  Pass(ChannelIngest& ingest, const MediaReader& reader)
       : ingest_(ingest),
         reader_(reader),
-        shift_(shift),
+        hasPictures_(reader.info().video.has_value()),
+        timeline_(TimelineSettings(!reader.info().seekable)),
         converter_(ConverterSettings(ingest.settings_, reader.info())),
+        pictureMeter_(ingest.settings_.pictureMeter),
         meter_(ingest.settings_.meter),
-        merger_(ingest.settings_.mergeWindow) {
+        // One kind of items is in order by itself.
+        merger_(hasPictures_ && reader.info().audio.has_value() ? ingest.settings_.mergeWindow
+                                                                : 0) {
     if (ingest.settings_.audioTrack) {
       audio_.emplace(ingest.settings_.audioTrack, ingest.settings_.reader.audioLanguage,
                      [this](const std::string& what) {
@@ -93,9 +100,18 @@ class ChannelIngest::Pass {
     }
   }
 
+  // The wall's time for a time of the source.
+  Time Place(Time start, bool jumped, bool decides) {
+    if (!ingest_.settings_.now) {
+      return start;
+    }
+    const Time now = ingest_.settings_.now();
+    return decides ? timeline_.Place(start, jumped, now) : timeline_.Follow(start, now);
+  }
+
   bool DrainConverter() {
     while (const PictureConverter::PictureTimes* const times = converter_.Next()) {
-      const Time start = times->start + shift_;
+      const Time start = Place(times->start, times->discontinuity, true);
       const Time stop = start + times->duration;
       const ComPtr<IMediaSample> sample = ingest_.videoPin_.NewSample(start, stop, true);
       BYTE* buffer = nullptr;
@@ -105,7 +121,9 @@ class ChannelIngest::Pass {
       converter_.Write({buffer, converter_.bufferSize()});
       sample->SetActualDataLength(static_cast<LONG>(converter_.bufferSize()));
       sample->SetSyncPoint(TRUE);
-      if (!Add(start, ReadyPicture{sample})) {
+      const PictureCondition condition = pictureMeter_.Measure(
+          buffer, ingest_.settings_.picture.width, ingest_.settings_.picture.height);
+      if (!Add(start, ReadyPicture{sample, condition})) {
         return false;
       }
     }
@@ -113,8 +131,8 @@ class ChannelIngest::Pass {
   }
 
   void AddReading(const LevelMeter::Reading& reading) {
-    merger_.Push(reading.start + shift_,
-                 ReadyLevels{reading.start + shift_, reading.duration, reading.levels});
+    const Time start = Place(reading.start, false, !hasPictures_);
+    merger_.Push(start, ReadyLevels{start, reading.duration, reading.levels, reading.loudest});
   }
 
   template <typename Content>
@@ -127,6 +145,8 @@ class ChannelIngest::Pass {
   bool Flush() {
     while (const Time* const time = merger_.Next()) {
       const Time due = *time;
+      ingest_.latest_ = std::max(ingest_.latest_, due);
+      ingest_.delay_.Reset();
       if (!ingest_.queue_.Push({due, merger_.Take()})) {
         return false;
       }
@@ -137,24 +157,31 @@ class ChannelIngest::Pass {
 
   ChannelIngest& ingest_;
   const MediaReader& reader_;
-  const Time shift_;
   std::optional<AudioRoad> audio_;
   const AudioRoad::Sink audioSink_ = [this](AudioPacket packet) {
-    packet.start += shift_;
+    packet.start = Place(packet.start, false, false);
     const Time start = packet.start;
     return Add(start, std::move(packet));
   };
+  const bool hasPictures_;
+  LiveTimeline timeline_;
   PictureConverter converter_;
+  PictureMeter pictureMeter_;
   SamplePlanes planes_;
   LevelMeter meter_;
-  ItemMerger<std::variant<ReadyPicture, AudioPacket, ReadyLevels>> merger_;
+  ItemMerger<decltype(ChannelItem::content)> merger_;
 };
 
 ChannelIngest::ChannelIngest(Settings settings, FeedPin& videoPin, ChannelQueue& queue,
                              ChannelObserver* observer)
-    : settings_(std::move(settings)), videoPin_(videoPin), queue_(queue), observer_(observer) {}
+    : settings_(std::move(settings)),
+      videoPin_(videoPin),
+      queue_(queue),
+      observer_(observer),
+      delay_(static_cast<std::uint32_t>(std::hash<std::string>()(settings_.name))) {}
 
 void ChannelIngest::Prepare() {
+  latest_ = 0;
   const std::lock_guard guard(lock_);
   cancelled_ = false;
 }
@@ -181,7 +208,6 @@ bool ChannelIngest::WaitBeforeReopening(milliseconds delay) {
 }
 
 void ChannelIngest::Run() {
-  milliseconds delay = kFirstDelay;
   while (!cancelled()) {
     const auto reader = std::make_shared<MediaReader>(settings_.reader);
     {
@@ -191,36 +217,58 @@ void ChannelIngest::Run() {
         break;
       }
     }
-    const auto retryIn = settings_.reopen ? std::optional(delay) : std::nullopt;
-    try {
-      reader->Open();
-      observer_->ChannelOpened(settings_.name, reader->info());
-      delay = kFirstDelay;
-      if (ReadToEnd(*reader)) {
-        observer_->ChannelEnded(settings_.name);
-      }
-    } catch (const MediaError& error) {
-      if (!cancelled()) {
-        observer_->ChannelFailed(settings_.name, error.reason(), retryIn);
-      }
-    } catch (const std::exception& error) {
-      observer_->ChannelFailed(settings_.name, error.what(), retryIn);
-    }
+    const std::optional<milliseconds> delay = Attempt(*reader);
     {
       const std::lock_guard guard(lock_);
       reader_.reset();
     }
-    if (!settings_.reopen || !WaitBeforeReopening(delay)) {
+    if (!delay.has_value() || !WaitBeforeReopening(*delay)) {
       break;
     }
-    delay = std::min(delay * 2, kLongestDelay);
   }
   queue_.SetHorizon(ChannelQueue::kForever);
 }
 
+std::optional<milliseconds> ChannelIngest::Attempt(MediaReader& reader) {
+  const auto after = [&](milliseconds delay) {
+    return settings_.reopen ? std::optional(delay) : std::nullopt;
+  };
+  const auto failed = [&](const std::string& reason, std::optional<milliseconds> delay) {
+    observer_->ChannelFailed(settings_.name, reason, delay);
+    return Announce({SourceNews::Kind::kFailed, false, false, reason}) ? delay : std::nullopt;
+  };
+  try {
+    reader.Open();
+    observer_->ChannelOpened(settings_.name, reader.info());
+    if (!Announce({SourceNews::Kind::kOpened, reader.info().video.has_value(),
+                   reader.info().audio.has_value(), reader.info().noVideoReason}) ||
+        !ReadToEnd(reader)) {
+      return std::nullopt;
+    }
+    observer_->ChannelEnded(settings_.name);
+    const bool endsForGood = reader.info().seekable;
+    const auto delay = endsForGood ? std::nullopt : after(delay_.AfterFailure());
+    return Announce({SourceNews::Kind::kEnded, false, false, "ended"}) ? delay : std::nullopt;
+  } catch (const MediaError& error) {
+    if (cancelled()) {
+      return std::nullopt;
+    }
+    const bool hasWaited = error.kind() == MediaError::Kind::kTimedOut;
+    return failed(error.reason(), after(hasWaited ? delay_.AfterWaiting() : delay_.AfterFailure()));
+  } catch (const std::exception& error) {
+    return failed(error.what(), after(delay_.AfterFailure()));
+  }
+}
+
+bool ChannelIngest::Announce(SourceNews news) {
+  if (settings_.now) {
+    latest_ = std::max(latest_, settings_.now());
+  }
+  return queue_.Push({latest_, std::move(news)});
+}
+
 bool ChannelIngest::ReadToEnd(MediaReader& reader) {
-  hasAudio_ = reader.info().audio.has_value();
-  Pass pass(*this, reader, settings_.startTime ? settings_.startTime() : 0);
+  Pass pass(*this, reader);
   try {
     MediaItem item = reader.Read();
     while (!std::holds_alternative<EndOfMedia>(item)) {

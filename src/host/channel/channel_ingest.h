@@ -1,7 +1,6 @@
 // ChannelIngest: the reading side of one channel.
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -10,32 +9,23 @@
 #include <string>
 
 #include "host/channel/audio_format.h"
+#include "host/channel/channel_observer.h"
 #include "host/channel/channel_queue.h"
 #include "host/channel/item_merger.h"
 #include "host/channel/level_meter.h"
+#include "host/channel/live_timeline.h"
 #include "host/channel/media_reader.h"
 #include "host/channel/picture_converter.h"
+#include "host/channel/picture_meter.h"
+#include "host/channel/reopen_delay.h"
 #include "host/graph/feed_pin.h"
 #include "log/i_log_perf.h"
 
 namespace host {
 
-// Hears what becomes of a channel; called by the reader's thread of that channel.
-class ChannelObserver {
- public:
-  virtual ~ChannelObserver() = default;
-  virtual void ChannelOpened(const std::string& channel, const MediaInfo& info) = 0;
-  virtual void ChannelEnded(const std::string& channel) = 0;
-  // reason: one sentence; retryIn: until the source is opened again, none when it is not.
-  virtual void ChannelFailed(const std::string& channel, const std::string& reason,
-                             std::optional<std::chrono::milliseconds> retryIn) = 0;
-  // What becomes of the channel's sound on its way to the outputs, as a sentence.
-  virtual void ChannelSoundChanged(const std::string& /*channel*/, const std::string& /*what*/) {}
-};
-
 // Opens the channel's source, reads, decodes and converts, and fills the channel's queue in the
-// order of time. A source that fails is opened again after a growing delay. Run belongs to the
-// reader's thread; Prepare and Cancel to the application's.
+// order of time, what becomes of the source included. A source that fails is opened again after a
+// growing delay. Run belongs to the reader's thread; Prepare and Cancel to the application's.
 class ChannelIngest {
  public:
   struct Settings {
@@ -43,11 +33,12 @@ class ChannelIngest {
     MediaReader::Settings reader;
     PictureConverter::Settings picture;
     LevelMeter::Settings meter;
+    PictureMeter::Settings pictureMeter;
     Time span = kSecond;             // how far the reader runs ahead
     Time mergeWindow = kSecond / 2;  // pictures and sounds are put in order within this time
-    bool reopen = false;             // after a failure or an end
-    // The time on the wall at which a source starts that is opened now; null: at 0.
-    std::function<Time()> startTime;
+    bool reopen = false;             // after a failure, or the end of a source that is no file
+    // The wall's time, which live sources are fitted to; null: sources start at 0.
+    std::function<Time()> now;
     // Counts pictures and discontinuities; not owned, may be null.
     qorp::log::ILogPerf* logger = nullptr;
     // The channel's track in the outputs; null: compressed sound does not leave the ingest.
@@ -64,17 +55,18 @@ class ChannelIngest {
   // Ends Run soon, whatever it waits for but a buffer of the picture pin.
   void Cancel();
 
-  // Whether the source that is open has sound; streaming thread.
-  bool hasAudio() const { return hasAudio_.load(std::memory_order_relaxed); }
-
  private:
   class Pass;
 
   bool cancelled() const;
   // False once cancelled.
   bool WaitBeforeReopening(std::chrono::milliseconds delay);
-  // Reads one opening of the source to its end; false when the wall stopped first.
+  // One opening of the source. How long to wait before the next one; none when there is none.
+  std::optional<std::chrono::milliseconds> Attempt(MediaReader& reader);
+  // Reads to the end; false when the wall stopped first.
   bool ReadToEnd(MediaReader& reader);
+  // False once the queue is closed.
+  bool Announce(SourceNews news);
 
   const Settings settings_;
   FeedPin& videoPin_;
@@ -85,7 +77,10 @@ class ChannelIngest {
   std::condition_variable cancelling_;
   bool cancelled_ = false;               // guarded by lock_
   std::shared_ptr<MediaReader> reader_;  // guarded by lock_; what Cancel has to cancel
-  std::atomic<bool> hasAudio_{false};
+
+  // The reader's thread only.
+  ReopenDelay delay_;
+  Time latest_ = 0;  // wall's time of the latest item
 };
 
 }  // namespace host

@@ -10,6 +10,8 @@ void ChannelQueue::Open() {
   target_ = std::numeric_limits<Time>::min();
   horizon_ = std::numeric_limits<Time>::min();
   waiting_ = false;
+  waitsUntil_ = kForever;
+  readerLeft_ = false;
   closed_ = false;
 }
 
@@ -33,9 +35,9 @@ bool ChannelQueue::Push(ChannelItem item) {
   {
     std::unique_lock guard(lock_);
     roomMade_.wait(guard, [&] {
-      return closed_ || items_.empty() || item.time - items_.front().time < span_;
+      return closed_ || readerLeft_ || items_.empty() || item.time - items_.front().time < span_;
     });
-    if (closed_) {
+    if (closed_ || readerLeft_) {
       return false;
     }
     items_.push_back(std::move(item));
@@ -68,10 +70,13 @@ std::optional<ChannelItem> ChannelQueue::Take(Time deadline) {
       roomMade_.notify_one();
       return item;
     }
-    if (now >= deadline) {
+    // A step of time is complete only when its items have all been pushed.
+    if (now >= deadline && (clock_ || horizon_ > deadline)) {
+      waiting_ = false;
       return std::nullopt;
     }
     waiting_ = true;
+    waitsUntil_ = deadline;
     settled_.notify_all();
     const Time next = std::min(items_.empty() ? kForever : items_.front().time, deadline);
     if (clock_ && next != kForever) {
@@ -81,6 +86,7 @@ std::optional<ChannelItem> ChannelQueue::Take(Time deadline) {
     }
   }
   waiting_ = true;
+  waitsUntil_ = kForever;
   settled_.notify_all();
   return std::nullopt;
 }
@@ -102,8 +108,18 @@ bool ChannelQueue::WaitUntilTaken(std::chrono::milliseconds limit) {
   std::unique_lock guard(lock_);
   return settled_.wait_for(guard, limit, [&] {
     const bool nothingDue = items_.empty() || items_.front().time > target_;
-    return closed_ || (waiting_ && nothingDue && horizon_ > target_);
+    return closed_ || (waiting_ && nothingDue && waitsUntil_ > target_ && horizon_ > target_);
   });
+}
+
+void ChannelQueue::LeaveReaderBehind() {
+  {
+    const std::lock_guard guard(lock_);
+    readerLeft_ = true;
+    horizon_ = kForever;
+  }
+  roomMade_.notify_all();
+  changed_.notify_all();
 }
 
 bool ChannelQueue::ended() const {

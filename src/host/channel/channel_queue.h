@@ -8,10 +8,12 @@
 #include <limits>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <variant>
 
 #include "host/channel/alarm_record.h"
 #include "host/channel/media_info.h"
+#include "host/channel/picture_meter.h"
 #include "host/units.h"
 #include "platform/com/com_ptr.h"
 #include "platform/dshow/samples.h"
@@ -21,16 +23,26 @@ namespace host {
 // A picture in a buffer of the channel's video pin, stamped.
 struct ReadyPicture {
   ComPtr<IMediaSample> sample;
+  PictureCondition condition;
 };
 // The levels of one frame's time.
 struct ReadyLevels {
   Time start = 0;  // on the wall's clock, as are the stamps of the others
   Time duration = 0;
   AudioLevels levels;
+  float loudest = 0;  // greatest magnitude in all channels, full scale at 1
+};
+// What became of the source, after everything that it gave before.
+struct SourceNews {
+  enum class Kind { kOpened, kEnded, kFailed };
+  Kind kind = Kind::kOpened;
+  bool hasPictures = false;  // kOpened
+  bool hasSound = false;     // kOpened
+  std::string reason;        // kEnded and kFailed: one sentence; kOpened: why it has no pictures
 };
 struct ChannelItem {
   Time time = 0;  // when it is due, on the wall's clock
-  std::variant<ReadyPicture, AudioPacket, ReadyLevels> content;
+  std::variant<ReadyPicture, AudioPacket, ReadyLevels, SourceNews> content;
 };
 
 // A bounded queue of items in the order of time, between one reader and one streaming thread. An
@@ -57,7 +69,8 @@ class ChannelQueue {
   void SetHorizon(Time horizon);
 
   // Streaming thread: the next item whose time has come. Waits for one until the deadline (in the
-  // wall's time; a running clock only); null when the deadline has passed or the queue is closed.
+  // wall's time); null when the deadline has passed or the queue is closed. Moved step by step, the
+  // deadline has passed once everything before it has been pushed and taken.
   std::optional<ChannelItem> Take(Time deadline = kForever);
   bool closed() const;
 
@@ -68,6 +81,8 @@ class ChannelQueue {
   // True once everything up to the time set last has been taken and dealt with; false when that
   // takes longer than the limit.
   bool WaitUntilTaken(std::chrono::milliseconds limit);
+  // Stops waiting for the reader, for good until Open: nothing more is added.
+  void LeaveReaderBehind();
   // Nothing is left, and nothing more will come.
   bool ended() const;
 
@@ -83,7 +98,9 @@ class ChannelQueue {
   std::function<Time()> clock_;
   Time target_ = std::numeric_limits<Time>::min();
   Time horizon_ = std::numeric_limits<Time>::min();
-  bool waiting_ = false;  // the streaming thread has nothing left to deal with
+  bool waiting_ = false;        // the streaming thread has nothing left to deal with ...
+  Time waitsUntil_ = kForever;  // ... before this time
+  bool readerLeft_ = false;     // behind
   bool closed_ = true;
 };
 

@@ -1,7 +1,6 @@
 #include "host/channel/channel_source.h"
 
 #include <algorithm>
-#include <cstring>
 
 extern "C" {
 #include <libavcodec/packet.h>
@@ -17,8 +16,6 @@ constexpr CLSID kChannelSourceClass{
 // The composer keeps up to 80 buffers of a channel; the others are on their way to it.
 constexpr LONG kBuffersAtComposer = 80;
 constexpr LONG kSpareBuffers = 8;
-// A channel that gave nothing for so long has run the composer's queue dry.
-constexpr Time kFixAfterGap = 8 * kSecond / 10;
 // The composer and the sink copy packets at once.
 constexpr LONG kAudioBuffers = 8;
 // E-AC-3 with several substreams has the longest: 4096 bytes in each.
@@ -53,6 +50,7 @@ ChannelSource::ChannelSource(Settings settings, ChannelObserver* observer)
                   {4, static_cast<LONG>(kVideoAlarmSize)}),
       queue_(settings_.ingest.span),
       ingest_(settings_.ingest, video_, queue_, observer),
+      presenter_(settings_.presenter, {video_, audioAlarm_, videoAlarm_}, observer),
       label_(settings_.label) {}
 
 void ChannelSource::ReportFullBuffersTo(qorp::log::ILogPerf* logger) {
@@ -80,7 +78,6 @@ HRESULT ChannelSource::Pause() {
     return hr;
   }
   queue_.Open();
-  lastPicture_.reset();
   soundFormat_.reset();
   {
     const std::lock_guard guard(labelLock_);
@@ -117,17 +114,27 @@ void ChannelSource::SetLabel(const std::string& text) {
 }
 
 void ChannelSource::Stream() {
-  while (std::optional<ChannelItem> item = queue_.Take()) {
-    Deliver(*item);
+  presenter_.Begin(settings_.ingest.now ? settings_.ingest.now() : 0);
+  while (!queue_.closed()) {
+    const Time tick = presenter_.nextTick();
+    if (std::optional<ChannelItem> item = queue_.Take(tick)) {
+      Deliver(*item);
+    } else if (!queue_.closed()) {
+      DeliverLabel(tick);
+      presenter_.Tick(tick);
+    }
   }
+  presenter_.End();
 }
 
 void ChannelSource::Deliver(ChannelItem& item) {
   DeliverLabel(item.time);
   if (const auto* const picture = std::get_if<ReadyPicture>(&item.content)) {
-    DeliverPicture(*picture);
+    presenter_.Show(*picture);
   } else if (const auto* const levels = std::get_if<ReadyLevels>(&item.content)) {
-    DeliverLevels(levels->start, levels->duration, levels->levels);
+    presenter_.Show(*levels);
+  } else if (const auto* const news = std::get_if<SourceNews>(&item.content)) {
+    presenter_.Hear(*news, item.time);
   } else if (const auto* const packet = std::get_if<AudioPacket>(&item.content)) {
     DeliverSound(*packet);
   }
@@ -145,59 +152,6 @@ void ChannelSource::DeliverSound(const AudioPacket& packet) {
   if (sent) {
     soundFormat_ = packet.format;
   }
-}
-
-void ChannelSource::DeliverPicture(const ReadyPicture& picture) {
-  REFERENCE_TIME start = 0;
-  REFERENCE_TIME stop = 0;
-  picture.sample->GetTime(&start, &stop);
-  FixClock(picture.sample.Get(), start);
-  video_.Deliver(picture.sample.Get());
-  videoAlarm_.Send(ToWire(VideoAlarmRecord{}), start, stop);
-  if (!ingest_.hasAudio()) {
-    // The alarms of a channel show only where it has a meter.
-    DeliverLevels(start, stop - start, AudioLevels{});
-  }
-  const bool isFirst = !lastPicture_.has_value();
-  lastPicture_ = start;
-  if (isFirst && settings_.pictureSent) {
-    settings_.pictureSent();
-  }
-}
-
-// The composer fixes a channel's time to its own with every picture that finds fewer than two
-// others waiting, whatever moment that picture belongs to. Copies of it that carry the composer's
-// present time go first, so that the fix is exact and the channel's times are the wall's.
-void ChannelSource::FixClock(IMediaSample* picture, Time start) {
-  int copies = 0;
-  if (!lastPicture_.has_value()) {
-    copies = 2;
-  } else if (start - *lastPicture_ >= kFixAfterGap) {
-    copies = 1;  // the last picture from before the gap still waits
-    if (settings_.ingest.logger != nullptr) {
-      settings_.ingest.logger->IncrementResync();
-    }
-  }
-  const Time present = settings_.latestFrame ? settings_.latestFrame() : 0;
-  BYTE* from = nullptr;
-  picture->GetPointer(&from);
-  for (; copies > 0; --copies) {
-    const ComPtr<IMediaSample> copy = video_.NewSample(present, present + 1, false);
-    BYTE* to = nullptr;
-    if (!copy || FAILED(copy->GetPointer(&to))) {
-      return;
-    }
-    std::memcpy(to, from, static_cast<std::size_t>(picture->GetActualDataLength()));
-    copy->SetActualDataLength(picture->GetActualDataLength());
-    video_.Deliver(copy.Get());
-  }
-}
-
-void ChannelSource::DeliverLevels(Time start, Time duration, const AudioLevels& levels) {
-  AudioAlarmRecord record;
-  record.metersEnabled = settings_.meter;
-  record.levels = levels;
-  audioAlarm_.Send(ToWire(record), start, start + duration);
 }
 
 void ChannelSource::DeliverLabel(Time time) {

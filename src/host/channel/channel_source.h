@@ -6,6 +6,7 @@
 #include <string>
 
 #include "host/channel/channel_ingest.h"
+#include "host/channel/channel_presenter.h"
 #include "host/channel/channel_queue.h"
 #include "host/graph/feed_pin.h"
 #include "platform/baseclasses/base_filter.h"
@@ -16,7 +17,8 @@ namespace host {
 // Offers five pins: pictures, compressed audio, label text, audio alarm (levels) and video alarm.
 // Active, it has two threads: the reader (ChannelIngest) opens, reads and decodes into the buffers
 // of the picture pin's own allocator; the streaming thread hands everything on when its time has
-// come. Neither ever waits for another channel, and the wall waits for neither.
+// come, and keeps the window filled when nothing comes (ChannelPresenter). Neither ever waits for
+// another channel, and the wall waits for neither.
 //
 // Owned by its graph and by the wall. Pause and Stop start and end the threads, on the
 // application's thread.
@@ -25,11 +27,9 @@ class ChannelSource final : public CBaseFilter {
   struct Settings {
     ChannelIngest::Settings ingest;
     std::string label;  // UTF-8; may be empty
-    bool meter = true;  // levels (and alarms, which show through them) are drawn
     Ratio canvasRate{25, 1};
     Ratio canvasAspect{16, 9};
-    std::function<void()> pictureSent;  // called by the streaming thread after the first picture
-    std::function<Time()> latestFrame;  // start of the latest background frame sent; any thread
+    ChannelPresenter::Settings presenter;
   };
 
   static ComPtr<ChannelSource> Create(Settings settings, ChannelObserver* observer);
@@ -60,10 +60,7 @@ class ChannelSource final : public CBaseFilter {
  private:
   void Stream();
   void Deliver(ChannelItem& item);
-  void DeliverPicture(const ReadyPicture& picture);
   void DeliverSound(const AudioPacket& packet);
-  void FixClock(IMediaSample* picture, Time start);
-  void DeliverLevels(Time start, Time duration, const AudioLevels& levels);
   void DeliverLabel(Time time);
   void EndThreads();
 
@@ -77,6 +74,7 @@ class ChannelSource final : public CBaseFilter {
 
   ChannelQueue queue_;
   ChannelIngest ingest_;
+  ChannelPresenter presenter_;
   std::unique_ptr<os::Thread> reader_;     // application's thread
   std::unique_ptr<os::Thread> streaming_;  // application's thread
 
@@ -84,7 +82,6 @@ class ChannelSource final : public CBaseFilter {
   std::string label_;                               // guarded by labelLock_
   bool labelChanged_ = true;                        // guarded by labelLock_
   std::shared_ptr<const AudioFormat> soundFormat_;  // announced last; streaming thread only
-  std::optional<Time> lastPicture_;  // start of the latest picture sent; streaming thread only
 };
 
 }  // namespace host

@@ -60,6 +60,7 @@ void LevelMeter::EndFrame(const Sink& sink) {
       peak_[i] = level_[i];
       peakStart_[i] = reading.start;
     }
+    reading.loudest = std::max(reading.loudest, level_[i]);
     reading.levels.levels[i] = Thousandths(level_[i]);
     reading.levels.peaks[i] = Thousandths(peak_[i]);
   }

@@ -30,6 +30,7 @@ class LevelMeter {
     Time start = 0;  // of the frame
     Time duration = 0;
     AudioLevels levels;
+    float loudest = 0;  // greatest of the levels, full scale at 1
   };
   using Sink = std::function<void(const Reading&)>;
 

@@ -169,6 +169,10 @@ void MediaReader::ChooseTracks() {
     }
   }
 
+  if (video_ && !info_.seekable) {
+    watch_.emplace(settings_.readLimit, std::chrono::microseconds(video_->pictureDuration / 10));
+  }
+
   if (!video_ && !audio_) {
     throw MediaError(MediaError::Kind::kNoStreams,
                      "nothing to show: " + info_.noVideoReason + ", and " + info_.noAudioReason,

@@ -12,6 +12,7 @@
 
 #include "host/channel/media_error.h"
 #include "host/channel/media_info.h"
+#include "host/channel/picture_watch.h"
 #include "host/channel/source_clock.h"
 #include "host/channel/stream_decoder.h"
 #include "host/ffmpeg/handles.h"
@@ -33,7 +34,7 @@ class MediaReader {
   struct Settings {
     std::string source;  // path or URL; "-": the standard input
     std::chrono::milliseconds openLimit{10'000};
-    std::chrono::milliseconds readLimit{5'000};  // for each packet
+    std::chrono::milliseconds readLimit{5'000};  // for each packet; live, for each picture
     int decoderThreads = 1;                      // 1: everything on the reading thread
     bool repeat = false;                         // begin again at the end of a file
     bool wantVideo = true;
@@ -107,6 +108,7 @@ class MediaReader {
   ffmpeg::Parameters audioParameters_;
   std::vector<std::string> unknownOptions_;
   std::optional<SourceClock> clock_;
+  std::optional<PictureWatch> watch_;  // of a live source with video
   std::optional<Track> video_;
   std::optional<Track> audio_;
   std::deque<MediaItem> ready_;  // what one packet gave, at most

@@ -14,11 +14,22 @@ extern "C" {
 namespace host {
 
 MediaItem MediaReader::Read() {
+  using Clock = PictureWatch::Clock;
+  if (watch_) {
+    watch_->BeginReading(Clock::now());
+  }
   while (ready_.empty()) {
     if (ended_) {
       return EndOfMedia{};
     }
     ReadPacket();
+    if (watch_ && watch_->Expired(Clock::now())) {
+      throw MediaError(MediaError::Kind::kTimedOut, "it sends, but no picture that can be decoded",
+                       maskedSource_);
+    }
+  }
+  if (watch_) {
+    watch_->EndReading(Clock::now());
   }
   MediaItem item = std::move(ready_.front());
   ready_.pop_front();
@@ -169,6 +180,9 @@ void MediaReader::GivePicture(ffmpeg::Frame frame) {
   video_->nextStart = picture.start + picture.duration;
   picture.frame = std::move(frame);
   gaveInPass_ = true;
+  if (watch_) {
+    watch_->Picture(PictureWatch::Clock::now());
+  }
   ready_.emplace_back(std::move(picture));
 }
 

@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "host/channel/channel_ingest.h"
+#include "host/channel/channel_observer.h"
 #include "host/cli/program.h"
 #include "host/cli/progress_line.h"
 #include "host/wall/log_options.h"

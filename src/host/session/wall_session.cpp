@@ -1,5 +1,7 @@
 #include "host/session/wall_session.h"
 
+#include <ctime>
+
 #include "host/background/background_picture.h"
 #include "host/graph/graph_error.h"
 #include "platform/com/wide_text.h"
@@ -10,6 +12,8 @@ namespace {
 // The composer shows every picture that long after its source.
 constexpr Time kWindowLatency = kSecond;
 constexpr std::chrono::milliseconds kFrameLimit{60'000};
+// Sound and picture of a live source lie no further apart than that when they come.
+constexpr Time kLiveMergeWindow = kSecond / 5;
 
 ComposerFilter::Canvas CanvasOf(const wall::Wall& wall) {
   return {static_cast<int>(wall.channels.size()),
@@ -32,6 +36,29 @@ Deinterlace DeinterlaceOf(wall::DeinterlaceMode mode) {
       return Deinterlace::kFields;
   }
   return Deinterlace::kAuto;
+}
+
+AlarmSettings AlarmsOf(const wall::AlarmOptions& options) {
+  const auto times = [](const wall::Alarm& alarm) {
+    return AlarmSettings::Times{alarm.enabled, alarm.setAfter, alarm.clearAfter};
+  };
+  AlarmSettings settings;
+  settings.times = {times(options.loss), times(options.black), times(options.freeze),
+                    times(options.silence), times(options.clipping)};  // as AlarmKind has them
+  settings.silenceLevel = options.silence.level;
+  settings.clippingLevel = options.clipping.level;
+  return settings;
+}
+
+// The composer's window pins give up a queue of 78 pictures, and keep a second's worth.
+constexpr double kMostPicturesPerSecond = 70;
+
+Ratio PictureRate(Ratio canvasRate) {
+  Ratio rate = canvasRate;
+  for (int each = 2; rate.value() > kMostPicturesPerSecond; ++each) {
+    rate = {canvasRate.num, canvasRate.den * each};
+  }
+  return rate;
 }
 
 std::chrono::milliseconds Milliseconds(Time time) {
@@ -101,21 +128,31 @@ ChannelSource::Settings WallSession::ChannelSettings(const wall::Channel& channe
   source.ingest.reader.options = options.options;
   source.ingest.picture.width = channel.window.width;
   source.ingest.picture.height = channel.window.height;
-  source.ingest.picture.canvasRate = canvas.frameRate;
+  source.ingest.picture.canvasRate = PictureRate(canvas.frameRate);
   source.ingest.picture.canvasPixelAspect = PixelAspect(canvas.width, canvas.height, canvas.aspect);
   source.ingest.picture.deinterlace = DeinterlaceOf(options.deinterlace);
   source.ingest.meter.frameRate = canvas.frameRate;
   source.ingest.logger = settings_.logger;
+  source.ingest.pictureMeter = {options.alarm.black.level, options.alarm.freeze.level};
   source.ingest.reopen = settings_.live;
   if (settings_.live) {
-    source.ingest.startTime = [this] { return clock_.Now(); };
+    source.ingest.mergeWindow = kLiveMergeWindow;
+    source.ingest.now = [this] { return clock_.Now(); };
   }
   source.label = channel.label.source == wall::Label::Source::kNone ? "" : channel.label.text;
-  source.meter = options.audio.meter;
   source.canvasRate = canvas.frameRate;
   source.canvasAspect = canvas.aspect;
-  source.pictureSent = [window] { window->SetPictureSent(); };
-  source.latestFrame = [this] { return background_->latestFrame(); };
+  ChannelPresenter::Settings& presenter = source.presenter;
+  presenter.name = channel.name;
+  presenter.width = channel.window.width;
+  presenter.height = channel.window.height;
+  presenter.meter = options.audio.meter;
+  presenter.hold = options.hold;
+  presenter.alarms = AlarmsOf(options.alarm);
+  presenter.timeText = [this](Time time) { return TimeText(time); };
+  presenter.pictureSent = [window] { window->SetPictureSent(); };
+  presenter.logger = settings_.logger;
+  presenter.latestFrame = [this] { return background_->latestFrame(); };
   return source;
 }
 
@@ -159,8 +196,25 @@ void WallSession::ConnectSound(std::size_t index, const ComposerFilter::Input& i
         "connect the composer's sound of " + what);
 }
 
+// The time of day of a live wall; of a rendered one, the time in the output.
+std::string WallSession::TimeText(Time time) const {
+  std::time_t seconds = static_cast<std::time_t>(time / kSecond);
+  std::tm parts{};
+  if (settings_.live) {
+    using Clock = std::chrono::system_clock;
+    seconds = Clock::to_time_t(startedAt_ + std::chrono::microseconds(time / 10));
+    localtime_r(&seconds, &parts);
+  } else {
+    gmtime_r(&seconds, &parts);
+  }
+  char text[16];
+  std::strftime(text, sizeof(text), "%H:%M:%S", &parts);
+  return text;
+}
+
 void WallSession::Start() {
   clock_.Start();
+  startedAt_ = std::chrono::system_clock::now() - std::chrono::microseconds(clock_.Now() / 10);
   Check(graph_->Run(0), "run the graph");
 }
 
@@ -175,6 +229,7 @@ bool WallSession::AdvanceChannels(Time time, std::chrono::milliseconds stallLimi
     }
     if (!channels_[i]->queue().WaitUntilTaken(stallLimit)) {
       leftBehind_[i] = true;
+      channels_[i]->queue().LeaveReaderBehind();
       settings_.observer->ChannelFailed(channels_[i]->name(),
                                         "it gives nothing any more; the wall goes on without it",
                                         std::nullopt);

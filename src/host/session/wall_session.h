@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <vector>
@@ -76,11 +77,14 @@ class WallSession {
   void AddChannel(std::size_t index);
   void ConnectSound(std::size_t index, const ComposerFilter::Input& input, const std::string& what);
   ChannelSource::Settings ChannelSettings(const wall::Channel& channel, WallWindow* window);
+  std::string TimeText(Time time) const;
   void Connect(FeedPin& from, IPin* to, const std::string& what);
   bool AdvanceChannels(Time time, std::chrono::milliseconds stallLimit);
 
   const Settings settings_;
   WallClock clock_;
+  std::chrono::system_clock::time_point startedAt_;  // time of day at the wall's time 0; set before
+                                                     // the graph runs
   std::shared_ptr<FrameWatch> watch_ = std::make_shared<FrameWatch>();
   std::atomic<std::uint64_t> composed_{0};
   // The graph goes first and with it every filter; then the composer's library.

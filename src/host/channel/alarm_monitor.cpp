@@ -1,0 +1,93 @@
+#include "host/channel/alarm_monitor.h"
+
+#include <cmath>
+
+namespace host {
+namespace {
+
+// Longer than the sound packets of any codec, and than what sound and picture lie apart.
+constexpr Time kSoundMissing = kSecond;
+
+float Magnitude(double decibels) {
+  return static_cast<float>(std::pow(10.0, decibels / 20));
+}
+
+}  // namespace
+
+const char* NameOf(AlarmKind kind) {
+  constexpr std::array<const char*, kAlarmKinds> kNames{"loss", "black", "freeze", "silence",
+                                                        "clipping"};
+  return kNames[static_cast<std::size_t>(kind)];
+}
+
+AlarmMonitor::AlarmMonitor(const AlarmSettings& settings, Sink sink)
+    : settings_(settings),
+      sink_(std::move(sink)),
+      silence_(Magnitude(settings.silenceLevel)),
+      clipping_(Magnitude(settings.clippingLevel)) {
+  for (std::size_t i = 0; i < kAlarmKinds; ++i) {
+    timers_[i] = AlarmTimer(settings.times[i].setAfter, settings.times[i].clearAfter);
+  }
+}
+
+void AlarmMonitor::Update(AlarmKind kind, bool condition, Time now) {
+  const auto index = static_cast<std::size_t>(kind);
+  if (!settings_.times[index].enabled) {
+    return;
+  }
+  if (const std::optional<bool> raised = timers_[index].Update(condition, now)) {
+    const AlarmSettings::Times& times = settings_.times[index];
+    sink_({kind, *raised, *raised ? timers_[index].raisedSince() : now - times.clearAfter});
+  }
+}
+
+void AlarmMonitor::Opened(bool hasSound, Time now) {
+  hasSound_ = hasSound;
+  lastSound_ = now;
+}
+
+void AlarmMonitor::Picture(bool black, bool still, Time now) {
+  Found(now);
+  Update(AlarmKind::kBlack, black, now);
+  // A black picture does not change either: one fault, one alarm.
+  Update(AlarmKind::kFreeze, still && !black, now);
+  Tick(now);
+}
+
+void AlarmMonitor::Sound(float loudest, Time now) {
+  lastSound_ = now;
+  if (lost_) {
+    return;
+  }
+  Update(AlarmKind::kSilence, loudest <= silence_, now);
+  Update(AlarmKind::kClipping, loudest >= clipping_, now);
+}
+
+void AlarmMonitor::Lost(Time since, Time now) {
+  if (!lost_) {
+    lost_ = true;
+    Update(AlarmKind::kLoss, true, since);
+  }
+  Update(AlarmKind::kLoss, true, now);
+  for (const AlarmKind kind :
+       {AlarmKind::kBlack, AlarmKind::kFreeze, AlarmKind::kSilence, AlarmKind::kClipping}) {
+    Update(kind, false, now);
+  }
+}
+
+void AlarmMonitor::Found(Time now) {
+  if (lost_) {
+    lastSound_ = now;
+  }
+  lost_ = false;
+  Update(AlarmKind::kLoss, false, now);
+}
+
+void AlarmMonitor::Tick(Time now) {
+  if (!lost_ && (!hasSound_ || now - lastSound_ >= kSoundMissing)) {
+    Update(AlarmKind::kSilence, hasSound_, now);
+    Update(AlarmKind::kClipping, false, now);
+  }
+}
+
+}  // namespace host

@@ -1,0 +1,82 @@
+// AlarmMonitor: the alarms of one channel.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <functional>
+#include <optional>
+
+#include "host/channel/alarm_timer.h"
+#include "host/units.h"
+
+namespace host {
+
+enum class AlarmKind { kLoss, kBlack, kFreeze, kSilence, kClipping };
+inline constexpr std::size_t kAlarmKinds = 5;
+inline constexpr std::array<AlarmKind, kAlarmKinds> kAllAlarms{
+    AlarmKind::kLoss, AlarmKind::kBlack, AlarmKind::kFreeze, AlarmKind::kSilence,
+    AlarmKind::kClipping};
+
+// As in the wall file: "loss", "black", "freeze", "silence", "clipping".
+const char* NameOf(AlarmKind kind);
+
+// When each alarm is raised; what counts as black and as unchanged is the PictureMeter's.
+struct AlarmSettings {
+  struct Times {
+    bool enabled = true;
+    Time setAfter = 0;
+    Time clearAfter = kSecond;
+  };
+  std::array<Times, kAlarmKinds> times;  // by AlarmKind
+  double silenceLevel = -60;             // loudest peak in dBFS that counts as silence
+  double clippingLevel = -0.1;           // peak in dBFS from which it counts as clipping
+};
+
+// What is seen and heard of the channel comes in with its time on the wall's clock; each alarm has
+// a time to set and a time to clear. While no picture comes, nothing is known of the others: their
+// conditions count as gone. Sound that stops while pictures go on counts as silence.
+//
+// Pure arithmetic; owned and called by one channel on its streaming thread.
+class AlarmMonitor {
+ public:
+  struct Change {
+    AlarmKind kind = AlarmKind::kLoss;
+    bool raised = false;
+    Time since = 0;  // when the condition began, or was gone
+  };
+  using Sink = std::function<void(const Change&)>;
+
+  AlarmMonitor(const AlarmSettings& settings, Sink sink);
+
+  // A source was opened.
+  void Opened(bool hasSound, Time now);
+  void Picture(bool black, bool still, Time now);
+  // loudest: greatest magnitude of a sample, full scale at 1.
+  void Sound(float loudest, Time now);
+  // No picture is there (since the given time), or pictures come again.
+  void Lost(Time since, Time now);
+  void Found(Time now);
+  // Time has passed: sound that is missing counts as silence.
+  void Tick(Time now);
+
+  bool raised(AlarmKind kind) const { return timer(kind).raised(); }
+  Time raisedSince(AlarmKind kind) const { return timer(kind).raisedSince(); }
+  bool pictureAlarm() const {
+    return raised(AlarmKind::kLoss) || raised(AlarmKind::kBlack) || raised(AlarmKind::kFreeze);
+  }
+
+ private:
+  const AlarmTimer& timer(AlarmKind kind) const { return timers_[static_cast<std::size_t>(kind)]; }
+  void Update(AlarmKind kind, bool condition, Time now);
+
+  const AlarmSettings settings_;
+  const Sink sink_;
+  const float silence_;   // greatest magnitude that counts as silence
+  const float clipping_;  // least magnitude that counts as clipping
+  std::array<AlarmTimer, kAlarmKinds> timers_;
+  bool hasSound_ = false;
+  bool lost_ = false;
+  Time lastSound_ = 0;
+};
+
+}  // namespace host

@@ -1,0 +1,73 @@
+#include "host/channel/channel_life.h"
+
+#include <algorithm>
+
+namespace host {
+namespace {
+
+// A source may be that much later than its frame rate says before its picture counts as missing.
+constexpr Time kLeastPatience = kSecond / 2;
+constexpr Time kMostPatience = 60 * kSecond;
+constexpr Time kPatienceInPictures = 3;
+
+}  // namespace
+
+const char* NameOf(ChannelState state) {
+  switch (state) {
+    case ChannelState::kOpening:
+      return "opening";
+    case ChannelState::kLive:
+      return "live";
+    case ChannelState::kHeld:
+      return "held";
+    case ChannelState::kLost:
+      return "lost";
+  }
+  return "";
+}
+
+bool ChannelLife::Become(ChannelState state, const std::string& reason, Time since) {
+  Status next{state, reason, since};
+  if (next == status_) {
+    return false;
+  }
+  status_ = std::move(next);
+  return true;
+}
+
+bool ChannelLife::Shown(Time now, Time duration) {
+  lastPicture_ = now;
+  lastDuration_ = duration;
+  return status_.state != ChannelState::kLive && Become(ChannelState::kLive, {}, now);
+}
+
+bool ChannelLife::Failed(const std::string& reason, Time now) {
+  switch (status_.state) {
+    case ChannelState::kOpening:
+      return Become(ChannelState::kLost, reason, status_.since);
+    case ChannelState::kLive:
+      Become(ChannelState::kHeld, reason, lastPicture_.value_or(now));
+      Tick(now);
+      return true;
+    case ChannelState::kHeld:
+    case ChannelState::kLost:
+      return Become(status_.state, reason, status_.since);
+  }
+  return false;
+}
+
+bool ChannelLife::Tick(Time now) {
+  const Time missing = now - lastPicture_.value_or(now);
+  const Time patience =
+      std::clamp(kPatienceInPictures * lastDuration_, kLeastPatience, kMostPatience);
+  bool changed = false;
+  if (status_.state == ChannelState::kLive && missing >= patience) {
+    changed = Become(ChannelState::kHeld, "no picture comes", *lastPicture_);
+  }
+  if (status_.state == ChannelState::kHeld && missing >= hold_) {
+    changed = Become(ChannelState::kLost, status_.reason, status_.since) || changed;
+  }
+  return changed;
+}
+
+}  // namespace host

@@ -1,0 +1,67 @@
+// ChannelLife: what state a channel is in.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "host/units.h"
+
+namespace host {
+
+enum class ChannelState {
+  kOpening,  // nothing was shown yet, and nothing has failed
+  kLive,     // pictures come
+  kHeld,     // no picture comes; the last one stands
+  kLost,     // there is nothing to stand any more
+};
+
+// "opening", "live", "held", "lost".
+const char* NameOf(ChannelState state);
+
+// The state of one channel:
+//
+//                 failed                    picture
+//      opening ------------> lost <------------------------+
+//         |                    ^  |                         |
+// picture |        hold is over|  |picture                  |
+//         v                    |  v                         |
+//       live <---------------- held                         |
+//         |       picture       ^                           |
+//         +---------------------+
+//           failed, or no picture for a while
+//
+// A new reason while held or lost changes the reason only: since stays the time of the trouble.
+// Time comes in from outside (the wall's clock) and never runs here. No lock: one thread.
+class ChannelLife {
+ public:
+  struct Status {
+    ChannelState state = ChannelState::kOpening;
+    std::string reason;  // of held and lost: one sentence, no full stop
+    Time since = 0;      // of held and lost: when the last picture was there
+    bool operator==(const Status&) const = default;
+  };
+
+  // hold: how long the last picture stands. now: when the channel started.
+  ChannelLife(Time hold, Time now) : hold_(hold), status_{ChannelState::kOpening, {}, now} {}
+
+  // Each returns whether the status is another one now.
+  //
+  // A picture is shown that lasts so long (what a frame of the source lasts).
+  bool Shown(Time now, Time duration);
+  // The source failed or ended; whatever it gave before has been shown.
+  bool Failed(const std::string& reason, Time now);
+  // Time has passed.
+  bool Tick(Time now);
+
+  const Status& status() const { return status_; }
+
+ private:
+  bool Become(ChannelState state, const std::string& reason, Time since);
+
+  Time hold_;
+  Status status_;
+  std::optional<Time> lastPicture_;
+  Time lastDuration_ = 0;
+};
+
+}  // namespace host

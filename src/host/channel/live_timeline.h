@@ -1,0 +1,71 @@
+// LiveTimeline: where the times of a source lie on the wall's clock.
+#pragma once
+
+#include <optional>
+
+#include "host/units.h"
+
+namespace host {
+
+// The first item of a source that was opened is due a lead after it came; everything else keeps its
+// distance from it. The distance is given up when that serves the picture:
+//  - the source's stamps jumped, and its pictures now come too late (a sender that was away and
+//    began anew: its stamps go on where they were, and the time away would stay lost);
+//  - its pictures have come late for so long that the source will not catch up;
+//  - they lie further ahead than any waiting explains (the stamps of a live source made a leap).
+// A source that stalled and sends what is missing in a burst does none of these: it is back at its
+// former distance by itself.
+//
+// Times come in from outside; owned and called by one reader; no lock.
+class LiveTimeline {
+ public:
+  struct Settings {
+    Time lead = kSecond / 4;        // room for jitter, for sorting and for decoding
+    Time lateLimit = kSecond / 2;   // late without a break for so long: it does not catch up
+    Time aheadLimit = 2 * kSecond;  // nothing of a live source lies further ahead than that
+    bool live = true;               // of a file, what lies far ahead follows a long picture
+  };
+
+  explicit LiveTimeline(const Settings& settings) : settings_(settings) {}
+
+  // The wall's time for an item that decides: a picture, or a sound of a source without pictures.
+  // jumped: the first after its source's stamps jumped.
+  Time Place(Time start, bool jumped, Time now) {
+    if (!shift_.has_value()) {
+      shift_ = now + settings_.lead - start;
+    }
+    const Time behind = now - (start + *shift_);
+    if (behind <= 0) {
+      lateSince_.reset();
+    } else if (!lateSince_.has_value()) {
+      lateSince_ = now;
+    }
+    const bool lateForGood =
+        lateSince_.has_value() && (jumped || now - *lateSince_ >= settings_.lateLimit);
+    const bool leapt = settings_.live && -behind > settings_.aheadLimit;
+    if (lateForGood || leapt) {
+      shift_ = now + settings_.lead - start;
+      lateSince_.reset();
+      ++moves_;
+    }
+    return start + *shift_;
+  }
+  // The wall's time for everything else of the source.
+  Time Follow(Time start, Time now) {
+    if (!shift_.has_value()) {
+      shift_ = now + settings_.lead - start;
+    }
+    return start + *shift_;
+  }
+
+  // How often the distance was given up.
+  int moves() const { return moves_; }
+
+ private:
+  const Settings settings_;
+  std::optional<Time> shift_;  // wall's time minus source's time
+  std::optional<Time> lateSince_;
+  int moves_ = 0;
+};
+
+}  // namespace host

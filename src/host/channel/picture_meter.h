@@ -1,0 +1,39 @@
+// PictureMeter: is a picture black, does it change?
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+namespace host {
+
+struct PictureCondition {
+  bool black = false;
+  bool still = false;  // no change from the picture at which it stopped to change
+};
+
+// A picture is black when all but a fiftieth of its luma is at most as bright as the black level:
+// a logo or some noise does not make it a picture. It is still when its mean difference from a kept
+// picture is at most the still level; a picture that differs more is kept in its place. A slow
+// fade, each step of which is too small to be seen, thus counts as a change.
+//
+// Every other row is looked at: half the cost, and nothing that fills a picture fits between two
+// rows. Owned and called by one channel's reader; no lock.
+class PictureMeter {
+ public:
+  struct Settings {
+    double blackLevel = 10;   // percent of the luma range
+    double stillLevel = -60;  // dB of the luma range
+  };
+
+  explicit PictureMeter(const Settings& settings);
+
+  // A luma plane in studio range, width samples in a row without padding.
+  PictureCondition Measure(const std::uint8_t* luma, int width, int height);
+
+ private:
+  const int blackLuma_;
+  const double stillDifference_;    // mean, in luma steps
+  std::vector<std::uint8_t> kept_;  // its measured rows
+};
+
+}  // namespace host

@@ -1,0 +1,42 @@
+// PictureWatch: does a source that sends also give pictures?
+#pragma once
+
+#include <algorithm>
+#include <chrono>
+#include <optional>
+
+namespace host {
+
+// A source may go on sending what nobody can decode: another service, damaged beyond use, or sound
+// only. Expired says so once it has been read for the limit without a picture, which is at least
+// some pictures' time, for slow sources. Only time spent reading counts: a reader that waits for
+// room in its queue reads nothing. Owned and called by one reader.
+class PictureWatch {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  // limit: without a picture; pictureTime: between two pictures of the source.
+  PictureWatch(Clock::duration limit, Clock::duration pictureTime)
+      : limit_(std::max(limit, kPictures * pictureTime)) {}
+
+  void BeginReading(Clock::time_point now) {
+    if (leftAt_.has_value()) {
+      latestPicture_ += now - *leftAt_;
+      leftAt_.reset();
+    } else {
+      latestPicture_ = now;
+    }
+  }
+  void EndReading(Clock::time_point now) { leftAt_ = now; }
+  void Picture(Clock::time_point now) { latestPicture_ = now; }
+  bool Expired(Clock::time_point now) const { return now - latestPicture_ >= limit_; }
+
+ private:
+  static constexpr int kPictures = 4;
+
+  const Clock::duration limit_;
+  Clock::time_point latestPicture_;
+  std::optional<Clock::time_point> leftAt_;  // when reading was left; at first there was none
+};
+
+}  // namespace host

@@ -1,0 +1,281 @@
+// What decides about a channel's state, alarms and times, on a clock that the tests move.
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "host/channel/alarm_monitor.h"
+#include "host/channel/channel_life.h"
+#include "host/channel/live_timeline.h"
+#include "host/channel/picture_meter.h"
+#include "host/channel/picture_watch.h"
+#include "host/channel/reopen_delay.h"
+
+namespace host {
+namespace {
+
+using testing::ElementsAre;
+
+constexpr Time kFrame = kSecond / 25;
+
+// A channel whose clock the test moves in steps of a frame.
+class ChannelLifeTest : public testing::Test {
+ protected:
+  void Pictures(Time length, Time duration = kFrame) {
+    for (const Time end = now_ + length; now_ < end; now_ += duration) {
+      Note(life_.Shown(now_, duration));
+    }
+  }
+  void Nothing(Time length) {
+    for (const Time end = now_ + length; now_ < end; now_ += kFrame) {
+      Note(life_.Tick(now_));
+    }
+  }
+  void Fail(const std::string& reason) { Note(life_.Failed(reason, now_)); }
+  void Note(bool changed) {
+    const ChannelLife::Status& status = life_.status();
+    EXPECT_EQ(changed, status != noted_);
+    noted_ = status;
+    if (changed) {
+      history_.push_back(NameOf(status.state) +
+                         (status.reason.empty() ? "" : " (" + status.reason + ")"));
+    }
+  }
+
+  Time now_ = 100 * kSecond;
+  ChannelLife life_{5 * kSecond, now_};
+  ChannelLife::Status noted_ = life_.status();
+  std::vector<std::string> history_;
+};
+
+TEST_F(ChannelLifeTest, IsHeldWhenPicturesStopAndLostWhenTheHoldIsOver) {
+  Pictures(kSecond);
+  const Time last = now_ - kFrame;
+  Nothing(4 * kSecond + 9 * kSecond / 10);
+  EXPECT_THAT(history_, ElementsAre("live", "held (no picture comes)"));
+  Nothing(kSecond / 5);
+  EXPECT_EQ(life_.status(), (ChannelLife::Status{ChannelState::kLost, "no picture comes", last}));
+  Pictures(kFrame);
+  EXPECT_EQ(life_.status().state, ChannelState::kLive);
+  EXPECT_EQ(life_.status().since, now_ - kFrame);
+}
+
+TEST_F(ChannelLifeTest, AFailureIsKnownAtOnceAndALaterReasonKeepsTheTimeOfTheFirst) {
+  Fail("connection refused");
+  EXPECT_THAT(history_, ElementsAre("lost (connection refused)")) << "nothing to hold";
+  Pictures(kSecond);
+  const Time last = now_ - kFrame;
+  Fail("no data for 5 s");
+  Fail("no data for 5 s");
+  Nothing(kSecond);
+  Fail("connection refused");
+  EXPECT_EQ(life_.status(), (ChannelLife::Status{ChannelState::kHeld, "connection refused", last}));
+  EXPECT_THAT(history_, ElementsAre("lost (connection refused)", "live", "held (no data for 5 s)",
+                                    "held (connection refused)"));
+}
+
+TEST_F(ChannelLifeTest, HasPatienceWithSlowSources) {
+  Pictures(20 * kSecond, 2 * kSecond);
+  now_ -= 2 * kSecond;
+  Nothing(5 * kSecond);
+  EXPECT_THAT(history_, ElementsAre("live"));
+  Nothing(2 * kSecond);
+  EXPECT_EQ(history_.back(), "lost (no picture comes)") << "held and at once lost";
+}
+
+class AlarmMonitorTest : public testing::Test {
+ protected:
+  static AlarmSettings Settings() {
+    AlarmSettings settings;
+    settings.times = {{{true, kSecond, kSecond},
+                       {true, 5 * kSecond, kSecond},
+                       {true, 3 * kSecond, 2 * kSecond},
+                       {true, 2 * kSecond, kSecond},
+                       {false, 0, 0}}};
+    return settings;
+  }
+  void Run(Time length, bool black, bool still, std::optional<float> loudest) {
+    for (const Time end = now_ + length; now_ < end; now_ += kFrame) {
+      monitor_.Picture(black, still, now_);
+      if (loudest.has_value()) {
+        monitor_.Sound(*loudest, now_);
+      }
+    }
+  }
+  void Lose(Time length) {
+    const Time since = now_;
+    for (const Time end = now_ + length; now_ < end; now_ += kFrame) {
+      monitor_.Lost(since, now_);
+    }
+  }
+
+  Time now_ = 0;
+  std::vector<std::string> changes_;
+  AlarmMonitor monitor_{Settings(), [this](const AlarmMonitor::Change& change) {
+                          changes_.push_back(std::string(NameOf(change.kind)) +
+                                             (change.raised ? "+" : "-") +
+                                             std::to_string(change.since / kMillisecond));
+                        }};
+};
+
+TEST_F(AlarmMonitorTest, RaisesAfterTheTimeToSetAndClearsAfterTheTimeToClear) {
+  monitor_.Opened(true, now_);
+  Run(2 * kSecond, false, true, 0.5F);
+  Run(2 * kSecond, false, false, 0.5F);
+  EXPECT_THAT(changes_, ElementsAre()) << "not long enough";
+  Run(4 * kSecond, false, true, 0.5F);
+  EXPECT_THAT(changes_, ElementsAre("freeze+4000"));
+  Run(kSecond, false, false, 0.5F);
+  Run(kFrame, false, true, 0.5F);
+  Run(kSecond, false, false, 0.5F);
+  EXPECT_EQ(changes_.size(), 1U) << "not gone for long enough";
+  Run(2 * kSecond, false, false, 0.5F);
+  EXPECT_THAT(changes_, ElementsAre("freeze+4000", "freeze-9040"));
+}
+
+TEST_F(AlarmMonitorTest, TellsOneFaultByOneAlarm) {
+  monitor_.Opened(true, now_);
+  Run(6 * kSecond, true, true, 0.5F);
+  EXPECT_THAT(changes_, ElementsAre("black+0")) << "a black picture stands still, too";
+  Lose(3 * kSecond);
+  EXPECT_THAT(changes_, ElementsAre("black+0", "loss+6000", "black-6000"));
+  Run(2 * kSecond, false, false, 0.5F);
+  EXPECT_EQ(changes_.back(), "loss-9000");
+}
+
+TEST_F(AlarmMonitorTest, HearsSilenceAlsoWhenNoSoundComes) {
+  monitor_.Opened(true, now_);
+  Run(2 * kSecond, false, false, 0.0011F);
+  EXPECT_THAT(changes_, ElementsAre());
+  Run(3 * kSecond, false, false, 0.0009F);
+  EXPECT_THAT(changes_, ElementsAre("silence+2000"));
+  Run(2 * kSecond, false, false, 1.0F);
+  EXPECT_THAT(changes_, ElementsAre("silence+2000", "silence-5000")) << "clipping is switched off";
+  Run(4 * kSecond, false, false, std::nullopt);
+  EXPECT_EQ(changes_.back(), "silence+7960");
+  monitor_.Opened(false, now_);
+  Run(4 * kSecond, false, false, std::nullopt);
+  EXPECT_EQ(changes_.back().substr(0, 8), "silence-") << "a source without sound is not silent";
+}
+
+TEST(PictureMeterTest, CallsBlackWhatIsBlackButForALogo) {
+  PictureMeter meter({10, -60});
+  std::vector<std::uint8_t> luma(64 * 48, 30);
+  EXPECT_TRUE(meter.Measure(luma.data(), 64, 48).black);
+  const auto brighten = [&](std::size_t oneIn) {
+    for (std::size_t i = 0; i < luma.size(); i += oneIn) {
+      luma[i] = 200;
+    }
+  };
+  brighten(61);
+  EXPECT_TRUE(meter.Measure(luma.data(), 64, 48).black);
+  brighten(31);
+  EXPECT_FALSE(meter.Measure(luma.data(), 64, 48).black);
+  std::fill(luma.begin(), luma.end(), 45);
+  EXPECT_FALSE(meter.Measure(luma.data(), 64, 48).black) << "dark grey";
+}
+
+TEST(PictureMeterTest, CallsStillWhatDoesNotMoveAwayFromWhereItStopped) {
+  PictureMeter meter({10, -60});
+  std::vector<std::uint8_t> luma(64 * 48, 100);
+  EXPECT_FALSE(meter.Measure(luma.data(), 64, 48).still) << "the first one";
+  EXPECT_TRUE(meter.Measure(luma.data(), 64, 48).still);
+  luma[130] = 140;  // noise of one pixel
+  EXPECT_TRUE(meter.Measure(luma.data(), 64, 48).still);
+  // A fade, each step of which is below what counts.
+  int changes = 0;
+  for (int step = 0; step < 64 * 10; step += 8) {
+    for (int i = 0; i < 64 * 48; i += 12) {
+      luma[static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(100 + step / 64);
+    }
+    changes += meter.Measure(luma.data(), 64, 48).still ? 0 : 1;
+  }
+  EXPECT_GE(changes, 2);
+  luma.resize(32 * 48);
+  EXPECT_FALSE(meter.Measure(luma.data(), 32, 48).still) << "another size";
+}
+
+TEST(LiveTimelineTest, KeepsItsDistanceThroughAStallThatIsCaughtUp) {
+  LiveTimeline timeline({});
+  Time start = 7 * kSecond;
+  Time now = 50 * kSecond;
+  const Time shift = timeline.Place(start, false, now) - start;
+  EXPECT_EQ(shift, 43 * kSecond + kSecond / 4);
+  now += 3 * kSecond;  // nothing came, and now everything at once
+  for (int i = 0; i < 75; ++i) {
+    start += kFrame;
+    now += kMillisecond;
+    EXPECT_EQ(timeline.Place(start, false, now), start + shift);
+  }
+  EXPECT_EQ(timeline.moves(), 0);
+}
+
+TEST(LiveTimelineTest, GivesUpADistanceThatDoesNotFitTheSourceAnyMore) {
+  LiveTimeline timeline({});
+  Time now = 50 * kSecond;
+  timeline.Place(0, false, now);
+  now += 4 * kSecond;
+  EXPECT_EQ(timeline.Place(kFrame, true, now), now + kSecond / 4) << "a sender that began anew";
+  // Not caught up with: late from here on.
+  Time start = kFrame;
+  now += 2 * kSecond;
+  for (int i = 0; i < 20; ++i) {
+    start += kFrame;
+    now += kFrame;
+    timeline.Place(start, false, now);
+  }
+  EXPECT_EQ(timeline.moves(), 2);
+  EXPECT_GE(timeline.Follow(start, now), now) << "sound goes with it";
+  // Stamps that leapt forwards.
+  EXPECT_EQ(timeline.Place(start + 8 * kSecond, false, now), now + kSecond / 4);
+  LiveTimeline::Settings file;
+  file.live = false;
+  LiveTimeline ofFile(file);
+  ofFile.Place(0, false, now);
+  EXPECT_EQ(ofFile.Place(8 * kSecond, false, now), now + kSecond / 4 + 8 * kSecond);
+}
+
+TEST(PictureWatchTest, CountsOnlyTheTimeOfReading) {
+  using std::chrono::seconds;
+  PictureWatch watch(seconds(5), std::chrono::milliseconds(40));
+  PictureWatch::Clock::time_point now{};
+  watch.BeginReading(now);
+  EXPECT_FALSE(watch.Expired(now + seconds(4)));
+  watch.EndReading(now += seconds(4));
+  watch.BeginReading(now += seconds(100));
+  EXPECT_FALSE(watch.Expired(now));
+  EXPECT_TRUE(watch.Expired(now + seconds(1)));
+  watch.Picture(now);
+  EXPECT_FALSE(watch.Expired(now + seconds(4)));
+  PictureWatch slow(seconds(5), seconds(10));
+  slow.BeginReading(now);
+  EXPECT_FALSE(slow.Expired(now + seconds(39))) << "one picture in ten seconds";
+}
+
+TEST(ReopenDelayTest, GrowsWithFailuresInARowAndIsSpread) {
+  ReopenDelay delay(1);
+  Time total = 0;
+  auto longest = ReopenDelay::Milliseconds::zero();
+  for (int i = 0; i < 10; ++i) {
+    const auto each = delay.AfterFailure();
+    EXPECT_GE(each, ReopenDelay::kShortest);
+    EXPECT_LE(each, ReopenDelay::kLongest);
+    longest = std::max(longest, each);
+    total += each.count();
+  }
+  EXPECT_GE(longest.count(), 4000);
+  EXPECT_LE(delay.AfterWaiting().count(), 300) << "the attempt itself has waited";
+  delay.Reset();
+  EXPECT_LE(delay.AfterFailure().count(), 300);
+  ReopenDelay other(2);
+  Time otherTotal = 0;
+  for (int i = 0; i < 10; ++i) {
+    otherTotal += other.AfterFailure().count();
+  }
+  EXPECT_NE(total, otherTotal);
+}
+
+}  // namespace
+}  // namespace host
