@@ -90,6 +90,17 @@ std::vector<std::string> ChannelLog::Alarms(const std::string& channel) const {
   return found == alarms_.end() ? std::vector<std::string>() : found->second;
 }
 
+void ChannelLog::ChannelSoundChanged(const std::string& channel, const std::string& what) {
+  const std::lock_guard guard(lock_);
+  sound_[channel].push_back(what);
+}
+
+std::vector<std::string> ChannelLog::Sound(const std::string& channel) const {
+  const std::lock_guard guard(lock_);
+  const auto found = sound_.find(channel);
+  return found == sound_.end() ? std::vector<std::string>() : found->second;
+}
+
 bool ChannelLog::Opened(const std::string& channel) const {
   const std::lock_guard guard(lock_);
   return opened_.contains(channel);
@@ -104,6 +115,37 @@ std::string ChannelLog::Failure(const std::string& channel) const {
   const std::lock_guard guard(lock_);
   const auto found = failures_.find(channel);
   return found == failures_.end() ? "" : found->second;
+}
+
+void OutputLog::OutputFailed(const std::string& output, const std::string& reason,
+                             std::optional<std::chrono::milliseconds> /*retryIn*/) {
+  const std::lock_guard guard(lock_);
+  failures_.push_back(output + ": " + reason);
+}
+
+void OutputLog::OutputRecovered(const std::string& /*output*/) {
+  const std::lock_guard guard(lock_);
+  ++recoveries_;
+}
+
+void OutputLog::OutputSaid(const std::string& output, const std::string& what) {
+  const std::lock_guard guard(lock_);
+  said_.push_back(output + ": " + what);
+}
+
+std::vector<std::string> OutputLog::failures() const {
+  const std::lock_guard guard(lock_);
+  return failures_;
+}
+
+std::vector<std::string> OutputLog::said() const {
+  const std::lock_guard guard(lock_);
+  return said_;
+}
+
+int OutputLog::recoveries() const {
+  const std::lock_guard guard(lock_);
+  return recoveries_;
 }
 
 TestWall::TestWall(int width, int height) {
@@ -160,6 +202,48 @@ std::unique_ptr<host::WallSession> TestWall::MakeLive(host::CompositionSink::Tak
   settings.takeFrame = std::move(takeFrame);
   settings.live = true;
   return std::make_unique<host::WallSession>(std::move(settings));
+}
+
+host::WallSession::Settings TestWall::SettingsInto(const host::OutputSet::Settings& settings,
+                                                   host::OutputSet& outputs) {
+  host::WallSession::Settings session = SessionSettings();
+  session.takeFrame = [&outputs](const ComPtr<IMediaSample>& frame, host::Time start) {
+    outputs.Take(frame, start);
+  };
+  session.takePacket = [&outputs](std::size_t channel, const host::ffmpeg::Packet& packet) {
+    outputs.TakeSound(channel, *packet);
+  };
+  for (const host::OutputPass::Track& track : settings.tracks) {
+    session.audioTracks.push_back(track.audio);
+  }
+  return session;
+}
+
+std::vector<host::OutputSet::Status> TestWall::RenderInto(
+    const std::vector<host::wall::Output>& outputs, std::optional<host::Time> length) {
+  const host::OutputSet::Settings settings = host::OutputsOfWall(wall_, outputs, false);
+  host::OutputSet set(settings, &outputs_, &logger_);
+  {
+    host::WallSession session(SettingsInto(settings, set));
+    host::WallSession::RenderControl control;
+    control.length = length;
+    control.stallLimit = std::chrono::seconds(60);
+    control.waitForRoom = [&] {
+      while (!set.WaitForRoom(std::chrono::milliseconds(100))) {
+      }
+      return !set.allFailed();
+    };
+    session.Render(control);
+    set.Finish();
+  }
+  return set.status();
+}
+
+std::unique_ptr<host::WallSession> TestWall::MakeLiveInto(const host::OutputSet::Settings& settings,
+                                                          host::OutputSet& outputs) {
+  host::WallSession::Settings session = SettingsInto(settings, outputs);
+  session.live = true;
+  return std::make_unique<host::WallSession>(std::move(session));
 }
 
 std::uint8_t TestWall::Luma(const Frame& frame, int x, int y) const {

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "host/session/wall_outputs.h"
 #include "host/session/wall_session.h"
 #include "host/wall/wall.h"
 #include "tests/support/recording_logger.h"
@@ -52,6 +53,9 @@ class ChannelLog final : public host::ChannelObserver {
   // In their order: "live", "held: reason"; "freeze on", "freeze off".
   std::vector<std::string> States(const std::string& channel) const;
   std::vector<std::string> Alarms(const std::string& channel) const;
+  void ChannelSoundChanged(const std::string& channel, const std::string& what) override;
+
+  std::vector<std::string> Sound(const std::string& channel) const;  // what was said of it
   bool Opened(const std::string& channel) const;
   bool Ended(const std::string& channel) const;
   std::string Failure(const std::string& channel) const;  // the latest; empty without one
@@ -63,6 +67,26 @@ class ChannelLog final : public host::ChannelObserver {
   std::map<std::string, std::string> failures_;
   std::map<std::string, std::vector<std::string>> states_;
   std::map<std::string, std::vector<std::string>> alarms_;
+  std::map<std::string, std::vector<std::string>> sound_;
+};
+
+// Collects what the outputs tell.
+class OutputLog final : public host::OutputObserver {
+ public:
+  void OutputFailed(const std::string& output, const std::string& reason,
+                    std::optional<std::chrono::milliseconds> retryIn) override;
+  void OutputRecovered(const std::string& output) override;
+  void OutputSaid(const std::string& output, const std::string& what) override;
+
+  std::vector<std::string> failures() const;  // "output: reason"
+  std::vector<std::string> said() const;
+  int recoveries() const;
+
+ private:
+  mutable std::mutex lock_;
+  std::vector<std::string> failures_;
+  std::vector<std::string> said_;
+  int recoveries_ = 0;
 };
 
 struct Frame {
@@ -78,21 +102,32 @@ class TestWall {
   void AddChannel(const std::string& source, host::wall::Window window);
   host::wall::Wall& wall() { return wall_; }
   ChannelLog& channels() { return channels_; }
+  OutputLog& outputs() { return outputs_; }
   RecordingLogger& logger() { return logger_; }
 
   // Renders the wall; each frame is copied.
   std::vector<Frame> Render(std::optional<host::Time> length = std::nullopt,
                             std::chrono::milliseconds stallLimit = std::chrono::seconds(20));
+  // Renders into outputs; what became of each.
+  std::vector<host::OutputSet::Status> RenderInto(const std::vector<host::wall::Output>& outputs,
+                                                  std::optional<host::Time> length = std::nullopt);
   // A session of the wall that runs live.
   std::unique_ptr<host::WallSession> MakeLive(host::CompositionSink::TakeFrame takeFrame);
+  // The same with everything going into the outputs. They are shared with the session and outlive
+  // it.
+  std::unique_ptr<host::WallSession> MakeLiveInto(const host::OutputSet::Settings& settings,
+                                                  host::OutputSet& outputs);
 
   std::uint8_t Luma(const Frame& frame, int x, int y) const;
 
  private:
   host::WallSession::Settings SessionSettings();
+  host::WallSession::Settings SettingsInto(const host::OutputSet::Settings& settings,
+                                           host::OutputSet& outputs);
 
   host::wall::Wall wall_;
   ChannelLog channels_;
+  OutputLog outputs_;
   RecordingLogger logger_;
 };
 

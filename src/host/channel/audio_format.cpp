@@ -51,6 +51,21 @@ bool TakeConfig(const AVPacket& packet, AVCodecParameters& parameters) {
   return true;
 }
 
+int SamplesPerFrame(const AVCodecParameters& parameters) {
+  switch (parameters.codec_id) {
+    case AV_CODEC_ID_MP1:
+      return 384;
+    case AV_CODEC_ID_MP2:
+      return 1152;
+    case AV_CODEC_ID_MP3:
+      return parameters.sample_rate < 32'000 ? 576 : 1152;
+    case AV_CODEC_ID_AC3:
+      return 1536;
+    default:
+      return 0;  // it depends
+  }
+}
+
 }  // namespace
 
 std::uint32_t AdtsHeader(const AVPacket& packet) {
@@ -93,6 +108,10 @@ std::shared_ptr<const AudioFormat> PassedFormat(const AVCodecParameters& paramet
   format->parameters->codec_tag = 0;
   // The stamps that travel are those of the source, whose delay is in them.
   format->parameters->initial_padding = 0;
+  // Some containers leave it out that others want.
+  if (format->parameters->frame_size == 0) {
+    format->parameters->frame_size = SamplesPerFrame(parameters);
+  }
   if (parameters.codec_id != AV_CODEC_ID_AAC) {
     return format;
   }

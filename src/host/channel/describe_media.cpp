@@ -1,6 +1,7 @@
 #include "host/channel/describe_media.h"
 
 #include <cmath>
+#include <utility>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -104,6 +105,11 @@ AudioInfo DescribeAudio(const AVStream& stream) {
     info.language.clear();
   }
   info.title = Entry(stream.metadata, "title");
+  // MP4 keeps a track's name elsewhere; its writers put this there when there is none.
+  if (std::string name = Entry(stream.metadata, "handler_name");
+      info.title.empty() && name != "SoundHandler") {
+    info.title = std::move(name);
+  }
   return info;
 }
 

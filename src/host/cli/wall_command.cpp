@@ -20,6 +20,7 @@
 #include "host/ffmpeg/mask.h"
 #include "host/output/output_set.h"
 #include "host/output/snapshot.h"
+#include "host/session/wall_outputs.h"
 #include "host/session/wall_session.h"
 
 namespace host::cli {
@@ -79,26 +80,6 @@ std::vector<wall::Output> OutputsOf(const WallCommand& command) {
   return outputs;
 }
 
-OutputSet::Item ItemOf(const wall::Canvas& canvas, const wall::Output& output) {
-  OutputSet::Item item;
-  item.name = ffmpeg::MaskCredentials(output.url);
-  item.encoder.width = canvas.width;
-  item.encoder.height = canvas.height;
-  item.encoder.frameRate = canvas.frameRate;
-  item.encoder.pixelAspect = PixelAspect(canvas.width, canvas.height, canvas.aspect);
-  item.encoder.codec = output.codec;
-  item.encoder.preset = output.preset;
-  item.encoder.bitRate = output.bitRate;
-  item.encoder.quality = output.quality;
-  item.encoder.keyFrameInterval = output.keyFrameInterval;
-  item.encoder.lowDelay = output.lowDelay;
-  item.muxer.url = output.url;
-  item.muxer.format = output.format;
-  item.muxer.options = output.options;
-  item.sound = output.audio;
-  return item;
-}
-
 // What becomes of the outputs, as lines on the error stream. A failure is told when its reason
 // changes, not on every attempt. The outputs' threads; one lock.
 class OutputMessages final : public OutputObserver {
@@ -150,7 +131,12 @@ class WallCommandRun {
         snapshot_(command.record.snapshotAt) {}
 
   ExitCode Run() {
-    outputs_.emplace(OutputSettings(), &outputMessages_, &messages_.logger());
+    const OutputSet::Settings outputs =
+        OutputsOfWall(command_.wall, OutputsOf(command_), command_.live);
+    outputs_.emplace(outputs, &outputMessages_, &messages_.logger());
+    for (const OutputPass::Track& track : outputs.tracks) {
+      audioTracks_.push_back(track.audio);
+    }
     if (outputs_->allFailed()) {
       return ExitCode::kCouldNotStart;
     }
@@ -173,22 +159,6 @@ class WallCommandRun {
   }
 
  private:
-  OutputSet::Settings OutputSettings() {
-    OutputSet::Settings settings;
-    settings.live = command_.live;
-    settings.frameRate = command_.wall.canvas.frameRate;
-    for (const wall::Output& output : OutputsOf(command_)) {
-      settings.outputs.push_back(ItemOf(command_.wall.canvas, output));
-    }
-    for (const wall::Channel& channel : command_.wall.channels) {
-      const wall::AudioOptions& audio = channel.options.audio;
-      audioTracks_.push_back(audio.enabled ? std::make_shared<AudioTrack>() : nullptr);
-      settings.tracks.push_back(
-          {channel.name, audio.language, channel.selected, audioTracks_.back()});
-    }
-    return settings;
-  }
-
   WallSession::Settings SessionSettings() {
     WallSession::Settings settings;
     settings.wall = command_.wall;

@@ -171,6 +171,8 @@ void Muxer::Write(std::size_t track, ffmpeg::Packet packet) {
     ffmpeg::Packet filtered = ffmpeg::MakePacket();
     result = av_bsf_receive_packet(filter, filtered.get());
     if (result >= 0) {
+      // The track has its config from the start; a second one would confuse some containers.
+      av_packet_free_side_data(filtered.get());
       WriteFiltered(track, std::move(filtered));
     }
   }

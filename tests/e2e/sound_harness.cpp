@@ -1,0 +1,147 @@
+#include "tests/e2e/sound_harness.h"
+
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+extern "C" {
+#include <libavutil/frame.h>
+}
+
+#include "host/channel/media_reader.h"
+#include "host/channel/sample_planes.h"
+#include "host/synthetic/clip_writer.h"
+
+namespace e2e {
+namespace {
+
+host::Ratio ParseRate(const std::string& text) {
+  int numerator = 0;
+  int denominator = 1;
+  std::sscanf(text.c_str(), "%d/%d", &numerator, &denominator);
+  return {numerator, denominator};
+}
+
+host::MediaReader::Settings Source(const std::filesystem::path& file) {
+  host::MediaReader::Settings settings;
+  settings.source = file.string();
+  return settings;
+}
+
+}  // namespace
+
+void WriteFlashClip(const FlashClip& clip, const std::filesystem::path& file) {
+  const host::Ratio rate = ParseRate(clip.rate);
+  const std::string size = std::to_string(clip.size);
+  const std::string every = std::to_string(clip.flashEvery);
+  const std::string period =
+      std::to_string(static_cast<double>(clip.flashEvery) * rate.den / rate.num);
+  host::ClipRecipe recipe;
+  recipe.name = file.stem().string();
+  recipe.pictures = "color=black:size=" + size + "x" + size + ":rate=" + clip.rate +
+                    ",format=yuv420p,geq=lum='if(between(mod(N," + every + ")*5,2*" + every +
+                    ",3*" + every + "-1),220,40)':cb=128:cr=128";
+  recipe.videoOptions = {{"preset", "ultrafast"}, {"qp", "10"}};
+  recipe.sound = "aevalsrc='if(between(mod(t," + period + ")*5,2*" + period +
+                 ",3*" + period + "),0.5*sin(2*PI*1000*t),0)':s=" + clip.sampleRate + ":c=mono";
+  recipe.audioCodec = clip.codec;
+  recipe.language = clip.language;
+  recipe.length = host::FrameStart(clip.pictures, rate);
+  host::WriteClip(recipe, file);
+}
+
+std::vector<host::AudioPacket> ReadPackets(const std::filesystem::path& file, std::size_t track) {
+  host::MediaReader::Settings settings = Source(file);
+  settings.wantVideo = false;
+  settings.decodeAudio = false;
+  settings.audioTrack = track;
+  host::MediaReader reader(settings);
+  reader.Open();
+  std::vector<host::AudioPacket> packets;
+  for (;;) {
+    host::MediaItem item = reader.Read();
+    if (auto* const packet = std::get_if<host::AudioPacket>(&item)) {
+      packets.push_back(std::move(*packet));
+    } else if (std::holds_alternative<host::EndOfMedia>(item)) {
+      return packets;
+    }
+  }
+}
+
+std::vector<std::vector<host::Time>> FindFlashes(const std::filesystem::path& file,
+                                                 const std::vector<Point>& points) {
+  host::MediaReader::Settings settings = Source(file);
+  settings.wantAudio = false;
+  host::MediaReader reader(settings);
+  reader.Open();
+  std::vector<std::vector<host::Time>> flashes(points.size());
+  std::vector<bool> bright(points.size(), true);  // so that a start in a flash is none
+  for (;;) {
+    const host::MediaItem item = reader.Read();
+    if (const auto* const picture = std::get_if<host::VideoPicture>(&item)) {
+      const AVFrame& frame = *picture->frame;
+      for (std::size_t i = 0; i < points.size(); ++i) {
+        const bool isBright =
+            frame.data[0][points[i].y * frame.linesize[0] + points[i].x] > 130;
+        if (isBright && !bright[i]) {
+          flashes[i].push_back(picture->start);
+        }
+        bright[i] = isBright;
+      }
+    } else if (std::holds_alternative<host::EndOfMedia>(item)) {
+      return flashes;
+    }
+  }
+}
+
+std::vector<host::Time> FindClicks(const std::filesystem::path& file, std::size_t track) {
+  constexpr float kLoud = 0.25F;
+  constexpr host::Time kSilence = 50 * host::kMillisecond;
+  host::MediaReader::Settings settings = Source(file);
+  settings.wantVideo = false;
+  settings.audioTrack = track;
+  host::MediaReader reader(settings);
+  reader.Open();
+  host::SamplePlanes planes;
+  std::vector<host::Time> clicks;
+  host::Time lastLoud = 0;
+  for (;;) {
+    const host::MediaItem item = reader.Read();
+    if (const auto* const samples = std::get_if<host::AudioSamples>(&item)) {
+      const AVFrame& frame = *samples->frame;
+      const float* const plane = planes.Convert(frame)[0];
+      for (int i = 0; i < frame.nb_samples; ++i) {
+        if (std::abs(plane[i]) < kLoud) {
+          continue;
+        }
+        const host::Time time = samples->start + i * host::kSecond / frame.sample_rate;
+        if (time - lastLoud > kSilence) {
+          clicks.push_back(time);
+        }
+        lastLoud = time;
+      }
+    } else if (std::holds_alternative<host::EndOfMedia>(item)) {
+      return clicks;
+    }
+  }
+}
+
+std::string DecodeWhole(const std::filesystem::path& file) {
+  const std::string command =
+      "ffmpeg -nostdin -v error -xerror -i '" + file.string() + "' -map 0 -f null - 2>&1";
+  std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), &pclose);
+  if (pipe == nullptr) {
+    return "cannot run ffmpeg";
+  }
+  std::string said;
+  std::array<char, 256> buffer{};
+  while (std::fgets(buffer.data(), buffer.size(), pipe.get()) != nullptr) {
+    said += buffer.data();
+  }
+  const int status = pclose(pipe.release());
+  return status == 0 ? said : "ffmpeg ended with " + std::to_string(status) + ": " + said;
+}
+
+}  // namespace e2e

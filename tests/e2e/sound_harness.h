@@ -1,0 +1,42 @@
+// Clips that flash and click at the same moments, and the finding of both in what was recorded.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "host/channel/media_info.h"
+#include "host/units.h"
+
+namespace e2e {
+
+struct FlashClip {
+  std::string rate = "25";     // pictures per second, "30000/1001"
+  std::string codec = "aac";   // of the sound
+  std::string sampleRate = "48000";
+  int flashEvery = 25;         // pictures; the third fifth of each time is a flash and a click
+  int pictures = 150;
+  int size = 32;               // pixels, both ways
+  std::string language;
+};
+
+// Writes it; the name of the file decides about the container.
+void WriteFlashClip(const FlashClip& clip, const std::filesystem::path& file);
+
+// The compressed packets of a track of sound, counted from 1; times from the start of the file.
+std::vector<host::AudioPacket> ReadPackets(const std::filesystem::path& file, std::size_t track);
+// Moments at which the picture becomes bright around each of the points.
+struct Point {
+  int x = 0;
+  int y = 0;
+};
+std::vector<std::vector<host::Time>> FindFlashes(const std::filesystem::path& file,
+                                                 const std::vector<Point>& points);
+// Moments at which the sound of a track sets in after silence.
+std::vector<host::Time> FindClicks(const std::filesystem::path& file, std::size_t track);
+
+// What FFmpeg's own program says when it decodes the whole file and stops at the first error; empty
+// when it has nothing to say.
+std::string DecodeWhole(const std::filesystem::path& file);
+
+}  // namespace e2e
