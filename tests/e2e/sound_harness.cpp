@@ -44,8 +44,8 @@ void WriteFlashClip(const FlashClip& clip, const std::filesystem::path& file) {
                     ",format=yuv420p,geq=lum='if(between(mod(N," + every + ")*5,2*" + every +
                     ",3*" + every + "-1),220,40)':cb=128:cr=128";
   recipe.videoOptions = {{"preset", "ultrafast"}, {"qp", "10"}};
-  recipe.sound = "aevalsrc='if(between(mod(t," + period + ")*5,2*" + period +
-                 ",3*" + period + "),0.5*sin(2*PI*1000*t),0)':s=" + clip.sampleRate + ":c=mono";
+  recipe.sound = "aevalsrc='if(between(mod(t," + period + ")*5,2*" + period + ",3*" + period +
+                 "),0.5*sin(2*PI*1000*t),0)':s=" + clip.sampleRate + ":c=mono";
   recipe.audioCodec = clip.codec;
   recipe.language = clip.language;
   recipe.length = host::FrameStart(clip.pictures, rate);
@@ -83,8 +83,7 @@ std::vector<std::vector<host::Time>> FindFlashes(const std::filesystem::path& fi
     if (const auto* const picture = std::get_if<host::VideoPicture>(&item)) {
       const AVFrame& frame = *picture->frame;
       for (std::size_t i = 0; i < points.size(); ++i) {
-        const bool isBright =
-            frame.data[0][points[i].y * frame.linesize[0] + points[i].x] > 130;
+        const bool isBright = frame.data[0][points[i].y * frame.linesize[0] + points[i].x] > 130;
         if (isBright && !bright[i]) {
           flashes[i].push_back(picture->start);
         }

@@ -11,12 +11,12 @@
 namespace e2e {
 
 struct FlashClip {
-  std::string rate = "25";     // pictures per second, "30000/1001"
-  std::string codec = "aac";   // of the sound
+  std::string rate = "25";    // pictures per second, "30000/1001"
+  std::string codec = "aac";  // of the sound
   std::string sampleRate = "48000";
-  int flashEvery = 25;         // pictures; the third fifth of each time is a flash and a click
+  int flashEvery = 25;  // pictures; the third fifth of each time is a flash and a click
   int pictures = 150;
-  int size = 32;               // pixels, both ways
+  int size = 32;  // pixels, both ways
   std::string language;
 };
 

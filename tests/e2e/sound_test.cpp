@@ -32,8 +32,8 @@ struct Source {
   const char* codec;
 };
 
-// All that the wall is to keep in step: four picture rates, every kind of sound that passes through,
-// and kinds that are encoded.
+// All that the wall is to keep in step: four picture rates, every kind of sound that passes
+// through, and kinds that are encoded.
 constexpr Source kSources[] = {
     {"aac25", ".mkv", "25", 25, "aac"},
     {"adts2997", ".ts", "30000/1001", 30, "aac"},
