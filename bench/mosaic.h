@@ -7,7 +7,6 @@
 #include <string_view>
 #include <vector>
 
-#include "render/overlay.h"
 #include "render/yv12.h"
 
 namespace bench {
@@ -22,7 +21,6 @@ struct Workload {
   double budget;  // of a composed frame, in copies of its windows
 
   std::int32_t Windows() const { return columns * columns; }
-  std::int32_t FontSize() const { return canvasHeight * 16 / 1080; }
   std::int32_t X(std::int32_t window) const {
     const std::int32_t cell = canvasWidth / columns;
     return (window % columns * cell + (cell - windowWidth) / 2) / 2 * 2;
@@ -60,33 +58,5 @@ class PictureRing {
   std::int32_t height_;
   std::vector<std::vector<std::uint8_t>> pictures_;
 };
-
-// A label of the size that a window's has, with strokes where letters would be: a line of `letters`
-// white letters in the middle of the top.
-inline Yv12Overlay MakeLabel(const Workload& workload, std::int32_t letters) {
-  const std::int32_t size = workload.FontSize();
-  const std::int32_t w = workload.windowWidth;
-  const std::int32_t h = 4 * size;
-  std::vector<std::uint8_t> pixels(static_cast<std::size_t>(w) * h * 4, 0);
-  const std::int32_t advance = size * 3 / 4;  // pixels; size is in points
-  const std::int32_t left = (w - letters * advance) / 2;
-  const std::int32_t stroke = std::max(size / 8, 1);
-  for (std::int32_t y = size / 3; y < size / 3 + size; ++y) {
-    for (std::int32_t x = left; x < left + letters * advance; ++x) {
-      const std::int32_t inLetter = (x - left) % advance;
-      const std::int32_t inLine = y - size / 3;
-      const bool upright =
-          inLetter < stroke || (inLetter >= advance / 2 && inLetter < advance / 2 + stroke);
-      const bool bar = inLetter < advance / 2 && (inLine < stroke || inLine >= size - stroke);
-      std::uint8_t* pixel = &pixels[(static_cast<std::size_t>(y) * w + x) * 4];
-      pixel[0] = pixel[1] = pixel[2] = 255;
-      pixel[3] = upright || bar ? 255 : inLetter == stroke || inLetter == advance / 2 - 1 ? 90 : 0;
-    }
-  }
-  Yv12Overlay overlay;
-  overlay.Resize(w, h);
-  ConvertArgbToOverlay(pixels.data(), w * 4, overlay);
-  return overlay;
-}
 
 }  // namespace bench

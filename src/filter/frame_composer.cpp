@@ -1,28 +1,18 @@
 #include "filter/frame_composer.h"
 
 #include <algorithm>
-#include <array>
-#include <limits>
-#include <span>
 
 #include "platform/dshow/vfw_errors.h"
 #include "render/label_colour.h"
-#include "render/selector_drawer.h"
 #include "util/exceptions.h"
 
 namespace {
 
+static_assert(AudioAlarm::kMaxChannels <= WindowMarks::kMaxChannels);
+
 // Towards zero, to an even number of pixels.
 LONG MakeEven(LONG position) {
   return position / 2 * 2;
-}
-
-// Where a bar of some thickness starts that ends with the window. A host may say any position: what
-// is far outside the canvas stays there.
-LONG FarEdge(LONG position, LONG size, LONG thickness) {
-  return static_cast<LONG>(std::clamp<LONGLONG>(LONGLONG{position} + size - thickness,
-                                                std::numeric_limits<LONG>::min(),
-                                                std::numeric_limits<LONG>::max()));
 }
 
 // A sample's type, when it carries one. Throws when the sample cannot tell.
@@ -100,10 +90,10 @@ void FrameComposer::ComposeFrame() {
   const SampleHolder samples(inputs_);
   AskHost();
   ChoosePictures(frameTime);
-  DrawWindows(*filter_.compose, windows_, canvas, filter_.outputWidth, filter_.outputHeight,
-              filter_.aspectRatio.numerator, filter_.aspectRatio.denominator);
-  DrawSelectors(canvas);
-  DrawMeters(canvas, frameTime);
+  ReadMeters(frameTime);
+  mosaic_.Draw(*filter_.compose, windows_, marks_,
+               {canvas, filter_.outputWidth, filter_.outputHeight}, filter_.aspectRatio.numerator,
+               filter_.aspectRatio.denominator);
   filter_.DeliverFrame(background.Get());
 }
 
@@ -122,6 +112,7 @@ void FrameComposer::FollowInputs() {
     inputs_.back().pins = &pins;
   }
   windows_.assign(inputs_.size(), WindowState{});
+  marks_.assign(inputs_.size(), WindowMarks{});
 }
 
 void FrameComposer::NoteBackgroundType(IMediaSample* sample) {
@@ -145,7 +136,7 @@ void FrameComposer::AskHost() {
     Input& input = inputs_[i];
     WindowState& state = windows_[i];
     state = WindowState{};
-    input.selected = false;
+    marks_[i] = WindowMarks{};
     const PictureSize& size = filter_.inputSizes[input.index];
     state.w = size.width;
     state.h = size.height;
@@ -160,7 +151,7 @@ void FrameComposer::AskHost() {
     state.x = MakeEven(state.x);
     state.y = MakeEven(state.y);
     state.enabled = enabled != 0;
-    input.selected = selected != 0;
+    marks_[i].selected = selected != 0;
     ParseLabelColour(*filter_.compose, input.index, colour);
   }
 }
@@ -214,53 +205,26 @@ void FrameComposer::TakeFormat(Input& input, IMediaSample* sample) {
   }
 }
 
-void FrameComposer::DrawSelectors(BYTE* canvas) {
-  const LONG width = filter_.outputWidth;
-  const LONG height = filter_.outputHeight;
-  const LONG t = height / 150;
-  for (std::size_t i = 0; i < inputs_.size(); ++i) {
-    if (!inputs_[i].selected) {
-      continue;
-    }
-    const WindowState& window = windows_[i];
-    const LONG lower = FarEdge(window.y, window.h, t);
-    const LONG right = FarEdge(window.x, window.w, t);
-    DrawSelectorBar(canvas, width, height, window.x, window.y, window.w, t);
-    DrawSelectorBar(canvas, width, height, window.x, lower, window.w, t);
-    DrawSelectorBar(canvas, width, height, window.x, window.y, t, window.h);
-    DrawSelectorBar(canvas, width, height, right, window.y, t, window.h);
-  }
-}
-
-void FrameComposer::DrawMeters(BYTE* canvas, REFERENCE_TIME frameTime) {
-  const Yv12Picture picture{canvas, filter_.outputWidth, filter_.outputHeight};
+void FrameComposer::ReadMeters(REFERENCE_TIME frameTime) {
   for (std::size_t i = 0; i < inputs_.size(); ++i) {
     Input& input = inputs_[i];
-    const WindowState& window = windows_[i];
     input.pins->audioAlarm->getNearest(frameTime, &input.audioAlarm);
     if (!input.audioAlarm.has_value()) {
       continue;
     }
     input.pins->videoAlarm->getNearest(frameTime, &input.videoAlarm);
     const AudioAlarm& audio = *input.audioAlarm;
-    const std::int32_t meterWidth = window.w / 10;
-    if (audio.metersEnabled == 0 || audio.channelCount < 1 || !window.enabled || meterWidth < 1 ||
-        window.h < 1) {
+    if (audio.metersEnabled == 0 || audio.channelCount < 1 || !windows_[i].enabled) {
       continue;
     }
-    const std::int32_t channels =
-        std::min<std::int32_t>(audio.channelCount, AudioAlarm::kMaxChannels);
-    std::array<float, AudioAlarm::kMaxChannels> levels{};
-    std::array<float, AudioAlarm::kMaxChannels> peaks{};
-    for (std::int32_t c = 0; c < channels; ++c) {
-      const auto channel = static_cast<std::size_t>(c);
-      levels[channel] = static_cast<float>(audio.levels[channel]) / 1000;
-      peaks[channel] = static_cast<float>(audio.peaks[channel]) / 1000;
+    WindowMarks& marks = marks_[i];
+    marks.metered = true;
+    marks.channels = std::min<std::int32_t>(audio.channelCount, AudioAlarm::kMaxChannels);
+    for (std::size_t c = 0; c < AudioAlarm::kMaxChannels; ++c) {
+      marks.levels[c] = static_cast<float>(audio.levels[c]) / 1000;
+      marks.peaks[c] = static_cast<float>(audio.peaks[c]) / 1000;
     }
-    const bool alarm =
+    marks.alarm =
         audio.IsRaised() || (input.videoAlarm.has_value() && input.videoAlarm->alarm != 0);
-    const auto count = static_cast<std::size_t>(channels);
-    meters_.Draw(picture, window.x, window.y, meterWidth, window.h, std::span(levels).first(count),
-                 std::span(peaks).first(count), alarm);
   }
 }

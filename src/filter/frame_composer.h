@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "filter/compose.h"
-#include "render/meter_drawer.h"
+#include "render/mosaic_drawer.h"
 #include "render/window_state.h"
 
 // True for the one frame of each period that downstream filters are told not to present: time lies
@@ -30,7 +30,6 @@ class FrameComposer {
   struct Input {
     LONG index = 0;
     InputPins* pins = nullptr;
-    bool selected = false;
     ComPtr<IMediaSample> sample;  // held until the end of the frame
     std::optional<UTF8TextSampleType> text;
     std::optional<AudioAlarm> audioAlarm;
@@ -43,11 +42,11 @@ class FrameComposer {
   void AskHost();
   void ChoosePictures(REFERENCE_TIME frameTime);
   void TakeFormat(Input& input, IMediaSample* sample);
-  void DrawSelectors(BYTE* canvas);
-  void DrawMeters(BYTE* canvas, REFERENCE_TIME frameTime);
+  void ReadMeters(REFERENCE_TIME frameTime);
 
   CCompose& filter_;
   std::vector<Input> inputs_;
   std::vector<WindowState> windows_;  // one for each of inputs_
-  MeterDrawer meters_;
+  std::vector<WindowMarks> marks_;    // one for each of inputs_
+  MosaicDrawer mosaic_;
 };

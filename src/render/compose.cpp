@@ -21,6 +21,15 @@ void SetLabelText(Compose& labels, std::int32_t windowIndex, std::string_view te
   }
 }
 
+void DrawWindow(Label& label, const WindowState& window, const Yv12Picture& canvas,
+                const Ratio& pixelAspect) {
+  if (!window.enabled || window.picture == nullptr) {
+    return;
+  }
+  CopyPictureClipped(window.picture, window.w, window.h, canvas, window.x, window.y);
+  label.Draw(window, canvas, pixelAspect);
+}
+
 void DrawWindows(Compose& labels, std::span<const WindowState> windows, std::uint8_t* canvas,
                  std::int32_t width, std::int32_t height, std::int32_t aspectX,
                  std::int32_t aspectY) {
@@ -32,10 +41,6 @@ void DrawWindows(Compose& labels, std::span<const WindowState> windows, std::uin
     if (label == nullptr) {
       break;
     }
-    if (!window.enabled || window.picture == nullptr) {
-      continue;
-    }
-    CopyPictureClipped(window.picture, window.w, window.h, picture, window.x, window.y);
-    label->Draw(window, picture, pixelAspect);
+    DrawWindow(*label, window, picture, pixelAspect);
   }
 }

@@ -28,10 +28,14 @@ class Compose {
 // Replaces the text (UTF-8) of a window's label. A window without a label is ignored.
 void SetLabelText(Compose& labels, std::int32_t windowIndex, std::string_view text);
 
-// Copies the picture of every enabled window that has one into the canvas, unscaled and clipped,
-// and draws its label under it. windows are in ascending order of their inputs; the first one takes
-// the first label, and so on; windows beyond the last label are not drawn. canvas is a YV12 picture
-// of width x height pixels that is shown at aspectX:aspectY.
+// Copies the picture of a window into the canvas, unscaled and clipped, and draws its label under
+// it; does nothing for one that is not enabled or has no picture.
+void DrawWindow(Label& label, const WindowState& window, const Yv12Picture& canvas,
+                const Ratio& pixelAspect);
+
+// Draws every enabled window that has a picture, and its label. windows are in ascending order of
+// their inputs; the first one takes the first label, and so on; windows beyond the last label are
+// not drawn. canvas is a YV12 picture of width x height pixels that is shown at aspectX:aspectY.
 void DrawWindows(Compose& labels, std::span<const WindowState> windows, std::uint8_t* canvas,
                  std::int32_t width, std::int32_t height, std::int32_t aspectX,
                  std::int32_t aspectY);

@@ -29,6 +29,18 @@ std::int32_t LabelFontSize(std::int32_t canvasHeight) {
   return static_cast<std::int32_t>(std::clamp(size, 8.0, 48.0) + 0.5);
 }
 
+std::optional<LabelRect> LabelRectOf(const WindowState& window, std::int32_t canvasHeight) {
+  const std::int32_t size = LabelFontSize(canvasHeight);
+  const std::int64_t right = std::int64_t{window.x} + window.w;
+  const std::int64_t top = std::int64_t{window.y} + window.h + size / 4;
+  const std::int64_t bottom = top + 4 * size;
+  if (!IsInt32(right) || !IsInt32(top) || !IsInt32(bottom)) {
+    return std::nullopt;
+  }
+  return LabelRect{window.x, static_cast<std::int32_t>(top), static_cast<std::int32_t>(right),
+                   static_cast<std::int32_t>(bottom)};
+}
+
 Label::Label(std::uint32_t windowIndex) : windowIndex_(windowIndex) {
   renderer_.SetFontName(u"Segoe UI");
   renderer_.SetBackgroundColour({255, 0, 255, 0});
@@ -45,21 +57,16 @@ void Label::Draw(const WindowState& window, const Yv12Picture& canvas, const Rat
   if (text_.empty()) {
     return;
   }
-  const std::int32_t size = LabelFontSize(canvas.height);
-  const std::int64_t right = std::int64_t{window.x} + window.w;
-  const std::int64_t top = std::int64_t{window.y} + window.h + size / 4;
-  const std::int64_t bottom = top + 4 * size;
-  if (!IsInt32(right) || !IsInt32(top) || !IsInt32(bottom)) {
-    return;  // far outside of any canvas
+  const std::optional<LabelRect> rect = LabelRectOf(window, canvas.height);
+  if (!rect) {
+    return;
   }
   if (wideTextIsOld_) {
     wideText_ = Widen(text_);
     wideTextIsOld_ = false;
   }
   renderer_.SetTarget(canvas);
-  renderer_.SetFontSize(size);
+  renderer_.SetFontSize(LabelFontSize(canvas.height));
   renderer_.SetPixelAspect(pixelAspect);
-  renderer_.Draw({window.x, static_cast<std::int32_t>(top), static_cast<std::int32_t>(right),
-                  static_cast<std::int32_t>(bottom)},
-                 wideText_);
+  renderer_.Draw(*rect, wideText_);
 }

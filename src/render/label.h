@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -13,6 +14,10 @@
 // Font size of the labels of a canvas, in points: 16 for 1080 lines, in proportion for others,
 // between 8 and 48.
 std::int32_t LabelFontSize(std::int32_t canvasHeight);
+
+// Where the label of a window lies: a quarter of the font size below it, as wide as the window and
+// four font sizes high. None when that is far outside of any canvas.
+std::optional<LabelRect> LabelRectOf(const WindowState& window, std::int32_t canvasHeight);
 
 // Owned by the drawing engine, one for each window; used by the drawing thread only.
 class Label {
@@ -26,8 +31,8 @@ class Label {
   const std::string& Text() const { return text_; }
   TextRenderer& Renderer() { return renderer_; }
 
-  // Draws the text a quarter of its font size below the window, as wide as the window and four font
-  // sizes high, as far as that lies inside the canvas.
+  // Draws the text into the label's rectangle under the window, as far as that lies inside the
+  // canvas.
   void Draw(const WindowState& window, const Yv12Picture& canvas, const Ratio& pixelAspect);
 
  private:
