@@ -72,8 +72,12 @@ Placement Narrow(Placement place, const PlaneBounds& ink) {
 void BlendPlane(const Placement& place, const std::uint8_t* over, const std::uint8_t* alpha,
                 std::int32_t overlayStride, std::uint8_t* canvas, std::int32_t canvasStride) {
   const std::int64_t from = place.overlayY * overlayStride + place.overlayX;
-  kernels::CurrentKernels().blend(canvas + place.canvasY * canvasStride + place.canvasX,
-                                  canvasStride, static_cast<std::int32_t>(place.columns),
+  std::uint8_t* const to = canvas + place.canvasY * canvasStride + place.canvasX;
+  // Nothing has touched the canvas under a label yet.
+  for (std::int64_t row = 0; row < place.rows; ++row) {
+    PrefetchRow(to + row * canvasStride, place.columns);
+  }
+  kernels::CurrentKernels().blend(to, canvasStride, static_cast<std::int32_t>(place.columns),
                                   static_cast<std::int32_t>(place.rows), over + from, alpha + from,
                                   overlayStride);
 }

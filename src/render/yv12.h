@@ -43,6 +43,14 @@ constexpr std::uint8_t Blend255(std::uint8_t d, std::uint8_t s, std::uint8_t a) 
   return static_cast<std::uint8_t>((t + (t >> 8) + 1) >> 8);
 }
 
+// Asks for the samples of a row that is about to be written.
+inline void PrefetchRow(const std::uint8_t* row, std::int64_t bytes) {
+  constexpr std::int64_t kCacheLine = 64;
+  for (std::int64_t i = 0; i < bytes; i += kCacheLine) {
+    __builtin_prefetch(row + i, 1);
+  }
+}
+
 // Copies the w x h pixels of the YV12 picture src to (x, y) of the canvas, 1:1, as far as they lie
 // inside it. x and y are even. Of an odd number of visible rows the last one keeps the canvas's
 // chroma.
