@@ -60,8 +60,8 @@ class LogPerf final : public ILogPerf {
   // When it returns, the sink is not called any more and may be destroyed; waits for a call in
   // progress unless called from within it.
   void RemoveSink(ILogSink* sink);
-  // Where performance records go; null for nowhere. A new sink first gets the header. Waits as
-  // RemoveSink does for calls of the former one.
+  // Where performance records go; null for nowhere. The first report after this is the header.
+  // Waits as RemoveSink does for calls of the former one.
   void SetPerformanceSink(ILogSink* sink);
   void SetObserver(IPerfObserver* observer);
 
@@ -117,8 +117,7 @@ class LogPerf final : public ILogPerf {
   RestartMonitor restartMonitor_;
 
   std::mutex reportLock_;
-  PreviousReport previous_;                 // guarded by reportLock_
-  const ILogSink* sinkOfHeader_ = nullptr;  // that has the header already; guarded by reportLock_
+  PreviousReport previous_;  // guarded by reportLock_
 
   os::Event stopEvent_{os::Event::Reset::kManual};
   std::unique_ptr<Thread> worker_;

@@ -1,6 +1,5 @@
 // The performance side of LogPerf: counters, buffer-full warnings and the report.
 #include <string>
-#include <utility>
 
 #include "log/log_perf.h"
 #include "log/performance_record.h"
@@ -117,12 +116,7 @@ void LogPerf::WriteReport() {
     observer.OnReport(static_cast<std::uint32_t>(report->record.cpu), report->commitPercent,
                       report->workingSet, report->politicChoicesPerSecond);
   });
-  sinks_.WithPerformanceSink([&](ILogSink& sink) {
-    bool isFirst = false;
-    {
-      const std::lock_guard guard(reportLock_);
-      isFirst = std::exchange(sinkOfHeader_, &sink) != &sink;
-    }
+  sinks_.WithPerformanceSink([&](ILogSink& sink, bool isFirst) {
     const std::string line = isFirst ? FormatPerformanceHeader(report->record.bufferFull)
                                      : FormatPerformanceLine(report->record);
     sink.Write(kInfo, report->time, line.c_str());

@@ -63,7 +63,11 @@ void SinkSet::Remove(ILogSink* sink) {
 }
 
 void SinkSet::SetPerformanceSink(ILogSink* sink) {
-  Change([&](Members& members) { members.performanceSink = sink; }, Until::kUnused);
+  Change(
+      [&](Members& members) {
+        members.performance = sink != nullptr ? std::make_shared<PerformanceSink>(sink) : nullptr;
+      },
+      Until::kUnused);
 }
 
 void SinkSet::SetObserver(IPerfObserver* observer) {
@@ -105,10 +109,18 @@ void SinkSet::WithObserver(const std::function<void(IPerfObserver&)>& operation)
   }
 }
 
-void SinkSet::WithPerformanceSink(const std::function<void(ILogSink&)>& operation) {
+void SinkSet::WithPerformanceSink(const std::function<void(ILogSink&, bool isFirst)>& operation) {
   const Use members(*this);
-  if (members->performanceSink != nullptr) {
-    CallGuarded(members->performanceSink, [&] { operation(*members->performanceSink); });
+  if (PerformanceSink* const performance = members->performance.get(); performance != nullptr) {
+    CallGuarded(performance->sink, [&] {
+      const bool isFirst = performance->isFirst.exchange(false);
+      try {
+        operation(*performance->sink, isFirst);
+      } catch (...) {
+        performance->isFirst = isFirst || performance->isFirst;
+        throw;
+      }
+    });
   }
 }
 

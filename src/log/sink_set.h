@@ -1,6 +1,7 @@
 // SinkSet: who is told of messages and reports.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -34,14 +35,21 @@ class SinkSet {
 
   // Hands a message to every sink, in the order of their addresses.
   void Dispatch(const LogMessage& message);
-  // Call the operation with the observer or the performance sink, if there is one.
+  // Call the operation with the observer or the performance sink, if there is one; isFirst until
+  // one that was told so has returned, and again for a sink that is set anew.
   void WithObserver(const std::function<void(IPerfObserver&)>& operation);
-  void WithPerformanceSink(const std::function<void(ILogSink&)>& operation);
+  void WithPerformanceSink(const std::function<void(ILogSink&, bool isFirst)>& operation);
 
  private:
+  struct PerformanceSink {
+    explicit PerformanceSink(ILogSink* member) : sink(member) {}
+
+    ILogSink* const sink;
+    std::atomic<bool> isFirst{true};
+  };
   struct Members {
     std::set<ILogSink*> sinks;
-    ILogSink* performanceSink = nullptr;
+    std::shared_ptr<PerformanceSink> performance;
     IPerfObserver* observer = nullptr;
   };
   class Use;

@@ -10,7 +10,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/fsuid.h>
+#include <unistd.h>
 
+#include "platform/os/error_numbers.h"
 #include "platform/os/files.h"
 #include "tests/support/temporary_folder.h"
 
@@ -214,13 +217,36 @@ TEST_F(LogFile, SurvivesDamagedLines) {
   EXPECT_THAT(Reopen(), ElementsAre("one", "two", "new"));
 }
 
-TEST_F(LogFile, ReadsAFileThatItMayNotWrite) {
-  if (::geteuid() == 0) {
-    GTEST_SKIP() << "everything may be written by the administrator";
+// While one exists, files are open to its thread as to any user: for an administrator, who may
+// write everything, permissions would not matter.
+class AsAnyUser {
+ public:
+  AsAnyUser() : former_(::geteuid() == 0 ? ::setfsuid(kNobody) : -1) {}
+  ~AsAnyUser() {
+    if (former_ >= 0) {
+      ::setfsuid(static_cast<uid_t>(former_));
+    }
   }
-  WriteWholeFile(path, "0x0000003B\r\n" + Line(0, "one"));
-  fs::permissions(path, fs::perms::owner_read);
-  EXPECT_THAT(Reopen(), ElementsAre("one", "new"));
+  AsAnyUser(const AsAnyUser&) = delete;
+  AsAnyUser& operator=(const AsAnyUser&) = delete;
+
+ private:
+  static constexpr uid_t kNobody = 65534;
+  const int former_;
+};
+
+TEST_F(LogFile, ReadsAFileThatItMayNotWrite) {
+  const std::string content = "0x0000003B\r\n" + Line(0, "one");
+  WriteWholeFile(path, content);
+  fs::permissions(folder.Path(), static_cast<fs::perms>(0755));
+  fs::permissions(path, static_cast<fs::perms>(0444));
+  {
+    const AsAnyUser user;
+    os::File file;
+    ASSERT_EQ(file.Open(path, os::File::Access::kReadWrite), os::kErrorAccessDenied);
+    EXPECT_THAT(Reopen(), ElementsAre("one", "new"));
+  }
+  EXPECT_EQ(Contents(), content);
 }
 
 TEST_F(LogFile, GivesItsHistoryWhileLinesAreWritten) {
