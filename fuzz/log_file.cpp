@@ -1,5 +1,5 @@
-// Any bytes as a log file that is opened again: the sink survives, a new line is written, and a
-// reader finds it.
+// Any bytes as a log file that is read, and opened again: reader and sink survive, a new line is
+// written, and a reader finds it.
 
 #include <cstdint>
 #include <cstdlib>
@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "fuzz/check.h"
+#include "log/log_file_reader.h"
 #include "log/logfile_sink.h"
 
 namespace {
@@ -20,12 +21,21 @@ std::filesystem::path LogPath() {
   return path;
 }
 
+std::string LastLineOf(qorp::log::LogFileReader& reader) {
+  std::string last;
+  reader.Read([&](const qorp::log::NumberedLogLine& line) { last = line.entry.text; });
+  return last;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::filesystem::path path = LogPath();
   std::ofstream(path, std::ios::binary)
       .write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
+  qorp::log::LogFileReader follower(path.string());
+  LastLineOf(follower);
+  follower.Salvage([](const qorp::log::NumberedLogLine& line) { FUZZ_CHECK(line.number >= 0); });
   for (int opening = 0; opening < 2; ++opening) {
     qorp::log::logfile_sink sink({3, 400, 20});
     sink.SetPath(path.string());
@@ -38,6 +48,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                             std::istreambuf_iterator<char>());
   FUZZ_CHECK(content.size() >= 12 && content.starts_with("0x") && content[10] == '\r');
   FUZZ_CHECK(content.find("still here\r\n") != std::string::npos);
+  // With the head at the start, times and numbers alone tell which line is the newest.
+  if (!content.starts_with("0x0000000C")) {
+    FUZZ_CHECK(LastLineOf(follower) == "still here");
+    qorp::log::LogFileReader reader(path.string());
+    FUZZ_CHECK(LastLineOf(reader) == "still here");
+  }
   std::filesystem::remove(path);
   return 0;
 }

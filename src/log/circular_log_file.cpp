@@ -52,8 +52,9 @@ void CircularLogFile::ReadHeader() {
   size_ = 0;
   std::array<char, kHeaderSize + 1> header{};
   std::size_t count = 0;
-  if (!file_.IsOpen() || file_.GetSize(&size_) != 0 ||
-      file_.ReadAt(0, std::span(header).first(kHeaderSize), &count) != 0 || count == 0) {
+  // The size comes second: a writer beside us makes the file longer before its header says so.
+  if (!file_.IsOpen() || file_.ReadAt(0, std::span(header).first(kHeaderSize), &count) != 0 ||
+      file_.GetSize(&size_) != 0 || count == 0) {
     return;
   }
   char* end = nullptr;
@@ -76,8 +77,9 @@ void CircularLogFile::ReadOldest(const TakeLine& take) const {
 
 void CircularLogFile::ReadNewest(const TakeLine& take) const {
   bool isHeader = true;
-  ReadLines(0, head_,
-            [&](std::string_view line) { return std::exchange(isHeader, false) || take(line); });
+  ReadLines(0, head_, [&](std::string_view line, std::uint64_t begin) {
+    return std::exchange(isHeader, false) || take(line, begin);
+  });
 }
 
 void CircularLogFile::ReadLines(std::uint64_t begin, std::uint64_t end,
@@ -93,7 +95,7 @@ void CircularLogFile::ReadLines(std::uint64_t begin, std::uint64_t end,
     if (line.ends_with('\r')) {
       line.pop_back();
     }
-    const bool goOn = lineBegin < end && take(line);
+    const bool goOn = lineBegin < end && take(line, lineBegin);
     line.clear();
     return goOn;
   };

@@ -26,8 +26,8 @@ class CircularLogFile {
  public:
   static constexpr std::uint64_t kHeaderSize = 12;
 
-  // False ends the reading.
-  using TakeLine = std::function<bool(std::string_view line)>;
+  // A line and the offset at which it begins; false ends the reading.
+  using TakeLine = std::function<bool(std::string_view line, std::uint64_t begin)>;
 
   // What the header says. All but a whole one stand for that of a new file: writing begins at 12.
   enum class Header {

@@ -31,6 +31,8 @@ LogHistoryEntry ParseLogLine(std::string_view line);
 struct NumberedLogLine {
   std::int64_t number = 0;
   LogHistoryEntry entry;
+
+  bool operator==(const NumberedLogLine&) const = default;
 };
 std::optional<NumberedLogLine> ReadLogLine(std::string_view line);
 

@@ -110,7 +110,7 @@ void logfile_sink::Rebuild() {
       history_.Insert(nextNumber_++, std::move(*entry));
     }
   };
-  file_.ReadOldest([&](std::string_view line) {
+  file_.ReadOldest([&](std::string_view line, std::uint64_t) {
     if (!IsLogLine(line)) {
       return true;
     }
@@ -123,7 +123,7 @@ void logfile_sink::Rebuild() {
     }
     return true;
   });
-  file_.ReadNewest([&](std::string_view line) {
+  file_.ReadNewest([&](std::string_view line, std::uint64_t) {
     const bool whole = IsLogLine(line);
     if (whole) {
       insert(line);

@@ -57,7 +57,7 @@ std::string CheckedPath(const std::filesystem::path& path) {
   const bool isEmpty = file.header() == CircularLogFile::Header::kMissing;
   if (file.IsOpen() && !isEmpty && file.header() != CircularLogFile::Header::kWhole) {
     bool hasLines = false;
-    file.ReadOldest([&](std::string_view line) {
+    file.ReadOldest([&](std::string_view line, std::uint64_t) {
       hasLines = qorp::log::ReadLogLine(line).has_value();
       return !hasLines;
     });

@@ -1,0 +1,208 @@
+#include "log/log_file_reader.h"
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+namespace qorp::log {
+namespace {
+
+constexpr int kTries = 100;
+// A line that is being written reaches no further beyond the head than this, but for texts that no
+// logger writes.
+constexpr std::uint64_t kLineMargin = 4096;
+
+bool IsOlder(const NumberedLogLine& line, const NumberedLogLine& than) {
+  return line.number < than.number && line.entry.milliseconds <= than.entry.milliseconds;
+}
+
+}  // namespace
+
+std::uint32_t LogFileReader::Open() {
+  if (file_.IsOpen() && file_.IsAt(path_)) {
+    return 0;
+  }
+  last_.reset();
+  lastEnd_ = 0;
+  return file_.Open(path_, os::File::Access::kRead);
+}
+
+// A header may be seen while it is being written.
+void LogFileReader::ReadHeader() {
+  for (int i = 0; i < kTries; ++i) {
+    file_.ReadHeader();
+    if (file_.header() == CircularLogFile::Header::kWhole) {
+      return;
+    }
+  }
+}
+
+LogFileReader::Result LogFileReader::Read(const TakeLine& take) {
+  Result result;
+  if (result.error = Open(); result.error != 0) {
+    result.state = State::kUnreadable;
+    return result;
+  }
+  ReadHeader();
+  result.header = file_.header();
+  if (result.header == CircularLogFile::Header::kMissing) {
+    result.state = State::kEmpty;
+  } else if (result.header != CircularLogFile::Header::kWhole) {
+    result.state = State::kDamaged;
+  } else if (!ReadFromStart(take) && !ReadOn(take)) {
+    result.lost = ReadAll(take);
+  }
+  return result;
+}
+
+LogFileReader::Lines LogFileReader::Collect(std::uint64_t begin, std::uint64_t end) const {
+  Lines lines;
+  file_.ReadLines(begin, end, [&](std::string_view text, std::uint64_t place) {
+    if (auto line = ReadLogLine(text)) {
+      lines.push_back({std::move(*line), place});
+    }
+    return true;
+  });
+  return lines;
+}
+
+bool LogFileReader::IsLastInPlace() const {
+  const Lines there = Collect(last_->begin, last_->begin + 1);
+  return !there.empty() && there.front().line == last_->line;
+}
+
+// A file that has never wrapped may be of any length: its lines are handed over as they come. False
+// when there is more to it.
+bool LogFileReader::ReadFromStart(const TakeLine& take) {
+  const std::uint64_t head = file_.head();
+  if (last_ || head < file_.size()) {
+    return false;
+  }
+  file_.ReadLines(CircularLogFile::kHeaderSize, head,
+                  [&](std::string_view text, std::uint64_t begin) {
+                    if (auto line = ReadLogLine(text)) {
+                      take(*line);
+                      last_ = PlacedLine{std::move(*line), begin};
+                    }
+                    return true;
+                  });
+  lastEnd_ = head;
+  return true;
+}
+
+// The usual case: lines were added behind the last one. False when it is another.
+bool LogFileReader::ReadOn(const TakeLine& take) {
+  const std::uint64_t head = file_.head();
+  if (!last_ || head < lastEnd_ || last_->begin >= head || !IsLastInPlace()) {
+    return false;
+  }
+  const Lines added = Collect(lastEnd_, head);
+  // Whoever overwrites the added lines overwrites the last one before.
+  if (!IsLastInPlace()) {
+    return false;
+  }
+  for (const PlacedLine& line : added) {
+    take(line.line);
+  }
+  if (!added.empty()) {
+    last_ = added.back();
+  }
+  lastEnd_ = head;
+  return true;
+}
+
+// Its time tells: the number of a writer that has just taken over may step back by one.
+bool LogFileReader::IsUncounted(const Lines& oldest, const Lines& newest) {
+  const NumberedLogLine& first = oldest.front().line;
+  const auto order = [](const NumberedLogLine& line) {
+    return std::pair(line.entry.milliseconds, line.number);
+  };
+  if (!newest.empty()) {
+    return order(first) > order(newest.back().line);
+  }
+  // The newest line is one of these, too.
+  return std::any_of(oldest.begin() + 1, oldest.end(), [&](const PlacedLine& line) {
+    return line.line.number >= first.number - 1 && order(line.line) < order(first);
+  });
+}
+
+std::optional<LogFileReader::Lines> LogFileReader::TakeSnapshot() {
+  const std::uint64_t head = file_.head();
+  Lines lines = Collect(head, file_.size());
+  Lines newest = Collect(CircularLogFile::kHeaderSize, head);
+  ReadHeader();
+  // What the writer went over while we read, in the order of the file and round its end.
+  const std::uint64_t movedTo = file_.head();
+  if (movedTo != head) {
+    const auto isUnsafe = [&](const PlacedLine& line) {
+      return movedTo > head ? line.begin >= head && line.begin < movedTo + kLineMargin
+                            : line.begin >= head || line.begin < movedTo + kLineMargin;
+    };
+    std::erase_if(lines, isUnsafe);
+    std::erase_if(newest, isUnsafe);
+  }
+  // A line that no header has counted stands first.
+  if (!lines.empty() && IsUncounted(lines, newest)) {
+    lines.erase(lines.begin());
+  }
+  // Lines from before the file was made smaller stand last.
+  const auto stale = std::find_if(lines.begin(), lines.end(), [&](const PlacedLine& line) {
+    return IsOlder(line.line, lines.front().line);
+  });
+  std::rotate(lines.begin(), stale, lines.end());
+  lines.insert(lines.end(), std::make_move_iterator(newest.begin()),
+               std::make_move_iterator(newest.end()));
+  const bool isInOrder =
+      std::adjacent_find(lines.begin(), lines.end(), [](const auto& one, const auto& next) {
+        return IsOlder(next.line, one.line);
+      }) == lines.end();
+  if (movedTo != head && (lines.empty() || !isInOrder)) {
+    return std::nullopt;
+  }
+  // The reading goes on from the head that was seen first.
+  lastEnd_ = head;
+  return lines;
+}
+
+// The number of lines that were lost.
+std::int64_t LogFileReader::ReadAll(const TakeLine& take) {
+  std::optional<Lines> lines;
+  for (int i = 0; i < kTries && !lines; ++i) {
+    lines = TakeSnapshot();
+  }
+  if (!lines || lines->empty()) {
+    return 0;
+  }
+  auto next = lines->cbegin();
+  std::int64_t lost = 0;
+  if (last_) {
+    const auto found = std::find_if(lines->crbegin(), lines->crend(), [&](const PlacedLine& line) {
+      return line.line == last_->line;
+    });
+    if (found != lines->crend()) {
+      next = found.base();
+    } else {
+      lost = std::max<std::int64_t>(lines->front().line.number - last_->line.number - 1, 0);
+    }
+  }
+  std::for_each(next, lines->cend(), [&](const PlacedLine& line) { take(line.line); });
+  last_ = lines->back();
+  return lost;
+}
+
+void LogFileReader::Salvage(const TakeLine& take) {
+  if (Open() != 0) {
+    return;
+  }
+  file_.ReadHeader();
+  Lines lines = Collect(0, file_.size());
+  std::stable_sort(lines.begin(), lines.end(), [](const PlacedLine& one, const PlacedLine& next) {
+    return std::pair(one.line.entry.milliseconds, one.line.number) <
+           std::pair(next.line.entry.milliseconds, next.line.number);
+  });
+  for (const PlacedLine& line : lines) {
+    take(line.line);
+  }
+}
+
+}  // namespace qorp::log

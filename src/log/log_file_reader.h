@@ -1,0 +1,79 @@
+// LogFileReader: the lines of a log file in the order in which they were written.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "log/circular_log_file.h"
+#include "log/log_line.h"
+
+namespace qorp::log {
+
+// Reads a log file once, or again and again beside its writer, which may wrap, end and begin again,
+// or put another file in its place meanwhile. What stands in the file beside whole lines that a
+// header has counted is left out: rests of overwritten lines, and a line whose writer died, or is
+// still writing it.
+//
+// A line stands behind another one because of its place in the file, not of its number: numbers
+// step back where a writer took the file over. Only the end of the file may hold lines older than
+// all others, from before the file was made smaller.
+//
+// One thread.
+class LogFileReader {
+ public:
+  using TakeLine = std::function<void(const NumberedLogLine&)>;
+
+  enum class State {
+    kRead,
+    kUnreadable,  // see error
+    kEmpty,       // not even a header, as when its writer is just making it
+    kDamaged,     // see header: there is no telling where the newest line stands
+  };
+  struct Result {
+    State state = State::kRead;
+    std::uint32_t error = 0;  // of the system
+    CircularLogFile::Header header = CircularLogFile::Header::kWhole;
+    std::int64_t lost = 0;  // lines that were overwritten since the reading before
+  };
+
+  // The system's form of a path, or a native one.
+  explicit LogFileReader(std::string path) : path_(std::move(path)) {}
+
+  // Hands over the lines that were written since the reading before, or all the first time.
+  Result Read(const TakeLine& take);
+  // Every line of a file whose header is damaged, in the order of their times. Throws nothing;
+  // nothing is handed over when the file cannot be read.
+  void Salvage(const TakeLine& take);
+
+  // The size of the file and the place that its header names; valid after a reading.
+  std::uint64_t size() const { return file_.size(); }
+
+ private:
+  struct PlacedLine {
+    NumberedLogLine line;
+    std::uint64_t begin = 0;  // in the file
+  };
+  using Lines = std::vector<PlacedLine>;
+
+  std::uint32_t Open();
+  void ReadHeader();
+  bool ReadFromStart(const TakeLine& take);
+  bool ReadOn(const TakeLine& take);
+  std::int64_t ReadAll(const TakeLine& take);
+  Lines Collect(std::uint64_t begin, std::uint64_t end) const;
+  // The whole file in order; nothing when its writer was too fast.
+  std::optional<Lines> TakeSnapshot();
+  // Whether the first of the oldest lines is really one that was being written.
+  static bool IsUncounted(const Lines& oldest, const Lines& newest);
+  bool IsLastInPlace() const;
+
+  const std::string path_;
+  CircularLogFile file_;
+  std::optional<PlacedLine> last_;  // handed over
+  std::uint64_t lastEnd_ = 0;       // up to here everything was read
+};
+
+}  // namespace qorp::log
