@@ -10,6 +10,7 @@
 #include "host/cli/registry.h"
 #include "host/cli/render.h"
 #include "host/cli/run.h"
+#include "host/cli/show_log.h"
 #include "host/ffmpeg/log.h"
 #include "platform/os/console.h"
 
@@ -27,6 +28,8 @@ int main(int argc, char** argv) {
   program.Add<RunOptions>("run", "run a wall live", DefineRun, Run);
   program.Add<RenderOptions>("render", "make a file of a wall of files, as fast as the machine can",
                              DefineRender, Render);
+  program.Add<ShowLogOptions>("log", "print a circular log file in order, or follow it",
+                              DefineShowLog, ShowLog);
   program.Add<RegisterOptions>("register", "enter a filter library into the registry of filters",
                                DefineRegister, Register);
   program.Add<RegisterOptions>("unregister", "take a filter library out of it", DefineRegister,
