@@ -110,7 +110,7 @@ TEST(LogFileCrash, InTheMiddleOfAHeaderLeavesAFileThatOpens) {
   for (const LogFileOptions& options : {kUnlimited, LogFileOptions{3, 300, 1000}}) {
     std::filesystem::remove(path);
     std::string before;
-    for (int number = 0; number < 40; ++number) {
+    for (int number = 0; number < 20; ++number) {
       const std::string after = WriteLines(path, options, {"line " + std::to_string(number)});
       for (std::size_t bytes = 0; bytes <= 12; ++bytes) {
         // A file that is made comes into being with its header.

@@ -19,7 +19,7 @@ using qorp::log::CircularLogFile;
 using qorp::log::LogFileReader;
 using qorp::log::NumberedLogLine;
 
-constexpr std::chrono::milliseconds kPollPeriod{200};
+constexpr std::chrono::milliseconds kPollPeriod{100};
 
 class LogPrinter {
  public:

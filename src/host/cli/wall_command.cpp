@@ -102,7 +102,7 @@ class OutputMessages final : public OutputObserver {
       const std::lock_guard guard(lock_);
       said_.erase(output);
     }
-    messages_.Say(qorp::log::kWarning, "output " + output + ": open again");
+    messages_.Say(qorp::log::kError, "output " + output + ": open again");
   }
   void OutputSaid(const std::string& output, const std::string& what) override {
     messages_.Say(qorp::log::kWarning, "output " + output + ": " + what);
