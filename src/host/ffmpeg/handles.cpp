@@ -25,7 +25,8 @@ void CloseInput::operator()(AVFormatContext* context) const noexcept {
 
 void FreeOutput::operator()(AVFormatContext* context) const noexcept {
   if (context != nullptr && context->oformat != nullptr &&
-      (context->oformat->flags & AVFMT_NOFILE) == 0) {
+      (context->oformat->flags & AVFMT_NOFILE) == 0 &&
+      (context->flags & AVFMT_FLAG_CUSTOM_IO) == 0) {
     avio_closep(&context->pb);
   }
   avformat_free_context(context);

@@ -138,6 +138,18 @@ std::size_t Muxer::AddAudio(const AVCodecParameters& parameters, const std::stri
   return track;
 }
 
+void Muxer::OpenFile(ffmpeg::Options& options) {
+  if (ffmpeg::PipeOutput::Serves(settings_.url)) {
+    pipe_.emplace(settings_.url, deadline_);
+    output_->pb = pipe_->io();
+    output_->flags |= AVFMT_FLAG_CUSTOM_IO;
+    return;
+  }
+  ffmpeg::Check(avio_open2(&output_->pb, settings_.url.c_str(), AVIO_FLAG_WRITE,
+                           &output_->interrupt_callback, options.Exchange()),
+                "cannot write", settings_.url);
+}
+
 void Muxer::Start() {
   deadline_.Arm(settings_.writeLimit);
   if (!settings_.title.empty()) {
@@ -149,9 +161,7 @@ void Muxer::Start() {
     options.Set(key.c_str(), value);
   }
   if ((output_->oformat->flags & AVFMT_NOFILE) == 0) {
-    ffmpeg::Check(avio_open2(&output_->pb, settings_.url.c_str(), AVIO_FLAG_WRITE,
-                             &output_->interrupt_callback, options.Exchange()),
-                  "cannot write", settings_.url);
+    OpenFile(options);
   }
   ffmpeg::Check(avformat_write_header(output_.get(), options.Exchange()), "cannot write",
                 settings_.url);
@@ -220,7 +230,10 @@ void Muxer::Finish() {
   }
   deadline_.Arm(settings_.writeLimit);
   ffmpeg::Check(av_write_trailer(output_.get()), "cannot finish", settings_.url);
-  if ((output_->oformat->flags & AVFMT_NOFILE) == 0) {
+  if (pipe_) {
+    avio_flush(output_->pb);
+    ffmpeg::Check(output_->pb->error, "cannot finish", settings_.url);
+  } else if ((output_->oformat->flags & AVFMT_NOFILE) == 0) {
     ffmpeg::Check(avio_closep(&output_->pb), "cannot finish", settings_.url);
   }
 }

@@ -11,6 +11,7 @@
 
 #include "host/ffmpeg/handles.h"
 #include "host/ffmpeg/io_deadline.h"
+#include "host/ffmpeg/pipe_output.h"
 #include "host/units.h"
 
 struct AVCodecParameters;
@@ -81,10 +82,12 @@ class Muxer {
 
   bool TakesAdts() const;
   void WriteFiltered(std::size_t track, ffmpeg::Packet packet);
+  void OpenFile(ffmpeg::Options& options);
   std::size_t AddTrack(const AVCodecParameters& parameters);
 
   Settings settings_;
   ffmpeg::IoDeadline deadline_;
+  std::optional<ffmpeg::PipeOutput> pipe_;  // what output_ writes, when that is a pipe
   ffmpeg::OutputFormat output_;
   std::vector<Track> tracks_;
   std::vector<std::string> unknownOptions_;

@@ -73,6 +73,7 @@ class Output {
   std::uint64_t written() const { return written_; }      // pictures
   std::uint64_t overflows() const { return overflows_; }  // how often packets were dropped
   std::uint64_t openings() const { return openings_; }
+  std::size_t queuedBytes() const { return queue_.bytes(); }
   // It has ended early for good.
   bool failed() const { return failed_; }
   // Why it does not work now or did not in the end; empty when it does.

@@ -139,6 +139,14 @@ bool OutputSet::allFailed() const {
   });
 }
 
+std::size_t OutputSet::queuedBytes() const {
+  std::size_t bytes = 0;
+  for (const Entry& entry : entries_) {
+    bytes += entry.output ? entry.output->queuedBytes() : 0;
+  }
+  return bytes;
+}
+
 std::vector<OutputSet::Status> OutputSet::status() const {
   std::vector<Status> all;
   for (const Entry& entry : entries_) {

@@ -60,6 +60,8 @@ class OutputSet {
   bool empty() const { return entries_.empty(); }
   bool allFailed() const;
   std::vector<Status> status() const;
+  // Bytes of packets that wait for the outputs.
+  std::size_t queuedBytes() const;
 
  private:
   struct Encoder {

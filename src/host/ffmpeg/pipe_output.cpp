@@ -1,0 +1,85 @@
+#include "host/ffmpeg/pipe_output.h"
+
+#include <chrono>
+#include <cstddef>
+#include <new>
+#include <thread>
+
+extern "C" {
+#include <libavformat/avio.h>
+#include <libavutil/error.h>
+#include <libavutil/mem.h>
+}
+
+#include "host/ffmpeg/error.h"
+#include "platform/os/byte_stream.h"
+#include "platform/os/error_numbers.h"
+
+namespace host::ffmpeg {
+namespace {
+
+constexpr int kBufferSize = 64 * 1024;
+// How long a cancelled write may take to notice.
+constexpr std::chrono::milliseconds kPatience(20);
+
+bool IsStandardOutput(const std::string& target) {
+  return target == "-" || target == "pipe:" || target == "pipe:1";
+}
+
+}  // namespace
+
+bool PipeOutput::Serves(const std::string& target) {
+  return IsStandardOutput(target) || os::ByteStream::IsStream(target);
+}
+
+PipeOutput::PipeOutput(const std::string& target, IoDeadline& deadline) : deadline_(deadline) {
+  const std::string path = IsStandardOutput(target) ? "/dev/stdout" : target;
+  std::uint32_t error = sink_.Open(path);
+  while (error == os::kErrorNotReady && !deadline_.ShouldStop()) {
+    std::this_thread::sleep_for(kPatience);
+    error = sink_.Open(path);
+  }
+  if (error != 0) {
+    throw Error(error == os::kErrorNotReady       ? AVERROR(EPIPE)
+                : error == os::kErrorAccessDenied ? AVERROR(EACCES)
+                                                  : AVERROR(EIO),
+                error == os::kErrorNotReady ? "nobody reads" : "cannot write", target);
+  }
+  auto* const buffer = static_cast<unsigned char*>(av_malloc(kBufferSize));
+  if (buffer == nullptr) {
+    throw std::bad_alloc();
+  }
+  io_.reset(avio_alloc_context(buffer, kBufferSize, 1, this, nullptr, &WriteCallback, nullptr));
+  if (io_ == nullptr) {
+    av_free(buffer);
+    throw std::bad_alloc();
+  }
+}
+
+int PipeOutput::WriteCallback(void* output, std::uint8_t* bytes, int size) {
+  return static_cast<PipeOutput*>(output)->Write(bytes, size);
+}
+
+int PipeOutput::Write(const std::uint8_t* bytes, int size) {
+  std::size_t done = 0;
+  while (done < static_cast<std::size_t>(size)) {
+    if (deadline_.ShouldStop()) {
+      return AVERROR_EXIT;
+    }
+    std::size_t count = 0;
+    switch (sink_.Write({bytes + done, static_cast<std::size_t>(size) - done}, kPatience, &count)) {
+      case os::ByteSink::Result::kWritten:
+        done += count;
+        break;
+      case os::ByteSink::Result::kFull:
+        break;
+      case os::ByteSink::Result::kGone:
+        return AVERROR(EPIPE);
+      case os::ByteSink::Result::kFailed:
+        return AVERROR(EIO);
+    }
+  }
+  return size;
+}
+
+}  // namespace host::ffmpeg
