@@ -69,9 +69,7 @@ class OutputsTest : public testing::Test {
     composed_ = session->counters().composed;
     set.Finish();
   }
-  int BufferFullReports(const std::string& pin) {
-    return wall_.logger().BufferFull()[pin];
-  }
+  int BufferFullReports(const std::string& pin) { return wall_.logger().BufferFull()[pin]; }
 
   e2e::TestFolder folder_;
   e2e::TestWall wall_{160, 32};

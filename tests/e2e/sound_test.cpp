@@ -40,7 +40,7 @@ constexpr Source kSources[] = {
     {"mp2at30", ".ts", "30", 30, "mp2"},
     {"ac3at5994", ".mkv", "60000/1001", 60, "ac3"},
     {"eac3at25", ".mp4", "25", 25, "eac3"},
-    {"opus2997", ".mkv", "30000/1001", 30, "libopus"},
+    {"opus2997", ".mp4", "30000/1001", 30, "libopus"},
     {"pcm30", ".mkv", "30", 30, "pcm_s16le"},
     {"mp3at5994", ".mkv", "60000/1001", 60, "libmp3lame"},
     {"vorbis25", ".mkv", "25", 25, "libvorbis"},

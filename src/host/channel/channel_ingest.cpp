@@ -16,8 +16,10 @@ namespace {
 
 using std::chrono::milliseconds;
 
-LiveTimeline::Settings TimelineSettings(bool live) {
+LiveTimeline::Settings TimelineSettings(bool live, Ratio canvasRate) {
   LiveTimeline::Settings settings;
+  // Pictures are thinned by the frames of the canvas before they are placed on the wall's clock.
+  settings.grid = FrameDuration(canvasRate);
   settings.live = live;
   return settings;
 }
@@ -31,7 +33,7 @@ class ChannelIngest::Pass {
       : ingest_(ingest),
         reader_(reader),
         hasPictures_(reader.info().video.has_value()),
-        timeline_(TimelineSettings(!reader.info().seekable)),
+        timeline_(TimelineSettings(!reader.info().seekable, ingest.settings_.picture.canvasRate)),
         converter_(ConverterSettings(ingest.settings_, reader.info())),
         pictureMeter_(ingest.settings_.pictureMeter),
         meter_(ingest.settings_.meter),

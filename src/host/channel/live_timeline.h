@@ -23,6 +23,7 @@ class LiveTimeline {
     Time lead = kSecond / 4;        // room for jitter, for sorting and for decoding
     Time lateLimit = kSecond / 2;   // late without a break for so long: it does not catch up
     Time aheadLimit = 2 * kSecond;  // nothing of a live source lies further ahead than that
+    Time grid = 1;                  // the wall's time moves against the source's by multiples of it
     bool live = true;               // of a file, what lies far ahead follows a long picture
   };
 
@@ -32,7 +33,7 @@ class LiveTimeline {
   // jumped: the first after its source's stamps jumped.
   Time Place(Time start, bool jumped, Time now) {
     if (!shift_.has_value()) {
-      shift_ = now + settings_.lead - start;
+      shift_ = OnGrid(now + settings_.lead - start);
     }
     const Time behind = now - (start + *shift_);
     if (behind <= 0) {
@@ -44,7 +45,7 @@ class LiveTimeline {
         lateSince_.has_value() && (jumped || now - *lateSince_ >= settings_.lateLimit);
     const bool leapt = settings_.live && -behind > settings_.aheadLimit;
     if (lateForGood || leapt) {
-      shift_ = now + settings_.lead - start;
+      shift_ = OnGrid(now + settings_.lead - start);
       lateSince_.reset();
       ++moves_;
     }
@@ -53,7 +54,7 @@ class LiveTimeline {
   // The wall's time for everything else of the source.
   Time Follow(Time start, Time now) {
     if (!shift_.has_value()) {
-      shift_ = now + settings_.lead - start;
+      shift_ = OnGrid(now + settings_.lead - start);
     }
     return start + *shift_;
   }
@@ -62,6 +63,12 @@ class LiveTimeline {
   int moves() const { return moves_; }
 
  private:
+  // The next later multiple.
+  Time OnGrid(Time shift) const {
+    const Time rest = shift % settings_.grid;
+    return rest == 0 ? shift : shift - rest + (rest > 0 ? settings_.grid : 0);
+  }
+
   const Settings settings_;
   std::optional<Time> shift_;  // wall's time minus source's time
   std::optional<Time> lateSince_;

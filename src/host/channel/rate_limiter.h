@@ -2,38 +2,60 @@
 #pragma once
 
 #include <algorithm>
+#include <cstdint>
+#include <limits>
 
 #include "host/units.h"
 
 namespace host {
 
-// A picture passes when it is due; each passed picture puts the next one a canvas frame further on.
-// A quarter of a frame of tolerance lets the pictures of a source with the canvas's own rate pass
-// in spite of jitter; what a picture came early is taken off the next one's time, so the mean rate
-// never exceeds the canvas's. A slower source passes whole. No lock: one thread.
+// Of a source that is faster than the canvas one picture passes for each frame of the canvas: the
+// one nearest to it, which is the one that the composer would choose among all. Frames start at
+// multiples of their length, so whoever places the source on the wall's clock shifts it by whole
+// frames. The length of the source's own frames is learnt from its stamps; a source of the canvas's
+// rate or slower passes whole, in spite of jitter. No lock: one thread.
 class RateLimiter {
  public:
   explicit RateLimiter(Ratio canvasRate)
-      : period_(FrameDuration(canvasRate)), tolerance_(period_ / 4) {}
+      : rate_(canvasRate), period_(FrameDuration(canvasRate)), step_(period_) {}
 
   // Times never decrease, except after Restart.
   bool Pass(Time start) {
-    if (started_ && start < due_ - tolerance_) {
-      return false;
+    if (started_) {
+      step_ += (std::min(start - last_, period_) - step_) / 4;
     }
-    due_ = started_ ? std::max(due_ + period_, start) : start + period_;
+    const std::int64_t frame = NearestFrame(start);
+    const bool slow = step_ >= period_ * 9 / 10;
+    const bool nearest = frame > served_ && start - FrameStart(frame, rate_) >= -step_ / 2;
+    const bool passes = !started_ || slow || nearest;
     started_ = true;
-    return true;
+    last_ = start;
+    if (passes) {
+      served_ = std::max(served_, frame);
+    }
+    return passes;
   }
 
   // The next picture passes.
-  void Restart() { started_ = false; }
+  void Restart() {
+    started_ = false;
+    served_ = std::numeric_limits<std::int64_t>::min();
+  }
 
  private:
-  Time period_;
-  Time tolerance_;
+  std::int64_t NearestFrame(Time start) const {
+    const std::int64_t length = std::int64_t{rate_.den} * kSecond;
+    const std::int64_t position = start * rate_.num + length / 2;
+    return position >= 0 ? position / length : -((-position + length - 1) / length);
+  }
+
+  const Ratio rate_;
+  const Time period_;
+  Time step_;  // from picture to picture of the source, at most the period
   bool started_ = false;
-  Time due_ = 0;
+  Time last_ = 0;
+  std::int64_t served_ =
+      std::numeric_limits<std::int64_t>::min();  // frame of the latest one passed
 };
 
 }  // namespace host

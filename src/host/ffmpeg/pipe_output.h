@@ -10,8 +10,8 @@
 
 namespace host::ffmpeg {
 
-// FFmpeg writes files with calls that block; a pipe that nobody reads would hold its writer for ever,
-// from its opening on. This output waits for its reader and asks its deadline meanwhile.
+// FFmpeg writes files with calls that block; a pipe that nobody reads would hold its writer for
+// ever, from its opening on. This output waits for its reader and asks its deadline meanwhile.
 //
 // Owned by its writer, and must outlive the format context that writes through io().
 class PipeOutput {

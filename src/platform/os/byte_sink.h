@@ -16,8 +16,8 @@ class ByteSink {
  public:
   enum class Result {
     kWritten,
-    kFull,    // nothing could be written in time
-    kGone,    // nobody reads any more
+    kFull,  // nothing could be written in time
+    kGone,  // nobody reads any more
     kFailed,
   };
 

@@ -1,5 +1,3 @@
-#include "platform/os/byte_sink.h"
-
 #include <cerrno>
 #include <ctime>
 
@@ -9,13 +7,14 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include "platform/os/byte_sink.h"
 #include "platform/os/error_numbers.h"
 
 namespace os {
 namespace {
 
-// A write without the signal that a pipe without a reader raises: it is held back, and taken away if
-// this write raised it.
+// A write without the signal that a pipe without a reader raises: it is held back, and taken away
+// if this write raised it.
 ssize_t WriteQuietly(int descriptor, std::span<const std::uint8_t> bytes) {
   sigset_t pipe;
   sigemptyset(&pipe);

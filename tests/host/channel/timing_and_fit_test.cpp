@@ -47,6 +47,32 @@ TEST(RateLimiter, PassesASourceOfTheSameOrALowerRateWholeInSpiteOfJitter) {
   }
 }
 
+TEST(RateLimiter, PassesForEveryFrameOfTheCanvasThePictureThatIsNearest) {
+  for (const Ratio source : {Ratio{30000, 1001}, Ratio{30, 1}, Ratio{60000, 1001}, Ratio{50, 1}}) {
+    RateLimiter limiter({25, 1});
+    std::vector<Time> all = Steady(source, 1000);
+    std::vector<Time> passed;
+    for (Time& time : all) {
+      time = time / 10'000 * 10'000 - kSecond;  // whole milliseconds, as containers round them
+      if (limiter.Pass(time)) {
+        passed.push_back(time);
+      }
+    }
+    const auto distance = [](const std::vector<Time>& times, Time frame) {
+      Time least = kSecond;
+      for (const Time time : times) {
+        least = std::min(least, std::abs(time - frame));
+      }
+      return least;
+    };
+    for (int frame = -20; frame < 350; ++frame) {
+      // Where two are as near as each other but for the rounding, either may pass.
+      ASSERT_NEAR(distance(passed, frame * 400'000), distance(all, frame * 400'000), 10'000)
+          << source.num << ", frame " << frame;
+    }
+  }
+}
+
 TEST(RateLimiter, SavesAtMostOneFrameUpDuringAGap) {
   RateLimiter limiter({25, 1});
   ASSERT_TRUE(limiter.Pass(0));
