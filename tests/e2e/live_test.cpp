@@ -120,6 +120,8 @@ TEST_F(LiveTest, OneStalledChannelTakesNoFrameFromTheWall) {
   const host::WallSession::Counters counters = session->counters();
   EXPECT_TRUE(frames_.inOrder());
   EXPECT_EQ(counters.starved, 0U) << "no frame waits for a channel";
+  EXPECT_EQ(wall_.logger().BufferFull().at("background"), 0);
+  EXPECT_EQ(wall_.logger().BufferFull().count(wall_.wall().channels[3].name + " video"), 1U);
   // Every tick of the clock gave a frame or was counted as late (a busy machine).
   EXPECT_GE(frames_.count() + counters.late, frames_.ticks());
   EXPECT_LE(counters.sent - counters.composed, 1U);

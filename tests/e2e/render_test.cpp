@@ -95,6 +95,9 @@ TEST_F(RenderTest, GivesTheSamePicturesEachTime) {
     ASSERT_EQ(first[n].time, second[n].time);
     ASSERT_TRUE(first[n].pixels == second[n].pixels) << "frame " << n << " differs";
   }
+  // 30 to 70 pictures of nine clips, twice.
+  EXPECT_EQ(wall_.logger().Counts().decodedPictures, 2 * 9 * 50);
+  EXPECT_EQ(wall_.logger().Counts().discontinuities, 0);
 }
 
 TEST_F(RenderTest, GoesOnWhenChannelsEndOrCannotBeUsed) {

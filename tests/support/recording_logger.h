@@ -90,6 +90,16 @@ class RecordingLogger final : public qorp::log::ILogPerf {
     std::unique_lock guard(lock_);
     return changed_.wait_for(guard, limit, [&] { return lines_.size() >= count; });
   }
+  // Waits until a pin was told to be full that many times in all; false when that takes longer than
+  // the limit.
+  bool WaitForBufferFull(const std::string& pinName, int count,
+                         std::chrono::milliseconds limit = std::chrono::seconds(30)) const {
+    std::unique_lock guard(lock_);
+    return changed_.wait_for(guard, limit, [&] {
+      const auto pin = bufferFull_.find(pinName);
+      return pin != bufferFull_.end() && pin->second >= count;
+    });
+  }
   // Waits until a line of that text was logged; false when that takes longer than the limit.
   bool WaitForLine(const std::string& text,
                    std::chrono::milliseconds limit = std::chrono::seconds(30)) const {
