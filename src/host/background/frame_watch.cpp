@@ -1,5 +1,8 @@
 #include "host/background/frame_watch.h"
 
+#include <algorithm>
+#include <utility>
+
 namespace host {
 
 void FrameWatch::Expect(const void* buffer, Time start) {
@@ -7,6 +10,7 @@ void FrameWatch::Expect(const void* buffer, Time start) {
   buffer_ = buffer;
   start_ = start;
   pending_ = true;
+  expectedAt_ = std::chrono::steady_clock::now();
 }
 
 void FrameWatch::Delivered(Time start) {
@@ -16,8 +20,17 @@ void FrameWatch::Delivered(Time start) {
       return;
     }
     pending_ = false;
+    const std::chrono::nanoseconds took = std::chrono::steady_clock::now() - expectedAt_;
+    ++timing_.frames;
+    timing_.total += took;
+    timing_.longest = std::max(timing_.longest, took);
   }
   done_.notify_all();
+}
+
+FrameWatch::Timing FrameWatch::TakeTiming() {
+  const std::lock_guard guard(lock_);
+  return std::exchange(timing_, Timing());
 }
 
 void FrameWatch::Returned(const void* buffer) {

@@ -16,6 +16,9 @@ namespace {
 
 using std::chrono::milliseconds;
 
+// An attempt of that length has itself waited for the source.
+constexpr milliseconds kWaited{1000};
+
 LiveTimeline::Settings TimelineSettings(bool live, Ratio canvasRate) {
   LiveTimeline::Settings settings;
   // Pictures are thinned by the frames of the canvas before they are placed on the wall's clock.
@@ -239,6 +242,11 @@ std::optional<milliseconds> ChannelIngest::Attempt(MediaReader& reader) {
     observer_->ChannelFailed(settings_.name, reason, delay);
     return Announce({SourceNews::Kind::kFailed, false, false, reason}) ? delay : std::nullopt;
   };
+  const auto begun = std::chrono::steady_clock::now();
+  const auto afterError = [&] {
+    const bool hasWaited = std::chrono::steady_clock::now() - begun >= kWaited;
+    return after(hasWaited ? delay_.AfterWaiting() : delay_.AfterFailure());
+  };
   try {
     reader.Open();
     observer_->ChannelOpened(settings_.name, reader.info());
@@ -255,10 +263,9 @@ std::optional<milliseconds> ChannelIngest::Attempt(MediaReader& reader) {
     if (cancelled()) {
       return std::nullopt;
     }
-    const bool hasWaited = error.kind() == MediaError::Kind::kTimedOut;
-    return failed(error.reason(), after(hasWaited ? delay_.AfterWaiting() : delay_.AfterFailure()));
+    return failed(error.reason(), afterError());
   } catch (const std::exception& error) {
-    return failed(error.what(), after(delay_.AfterFailure()));
+    return failed(error.what(), afterError());
   }
 }
 

@@ -92,6 +92,8 @@ wall::Wall DemoWall(const DemoOptions& options, const std::vector<std::filesyste
     channel.window = (*windows)[i];
     channel.selected = i == 1;
     channel.label.text = kLabels[i % kLabels.size()];
+    // So that the sound that stops for four of ten seconds raises its alarm in a short demo.
+    channel.options.alarm.silence = {true, -60, kSecond, kSecond / 2};
     channel.options.colour = kColours[i % kColours.size()];
     wall.channels.push_back(channel);
   }

@@ -22,7 +22,8 @@ ExitCode Run(const RunOptions& options, Streams& streams) {
   if (!ReportWall(file, options.wall, streams)) {
     return ExitCode::kBadWall;
   }
-  return RunWallCommand({file.wall, options.graph, options.record, true, options.json}, streams);
+  return RunWallCommand(
+      {file.wall, options.graph, options.record, true, options.json, options.events}, streams);
 }
 
 }  // namespace host::cli

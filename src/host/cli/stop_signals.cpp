@@ -18,6 +18,7 @@ std::atomic<int> requests{0};
 std::atomic<int> wakeUp{-1};
 struct sigaction formerInterrupt;
 struct sigaction formerTerminate;
+struct sigaction formerPipe;
 
 void HandleSignal(int signal) {
   const int savedErrno = errno;
@@ -43,11 +44,16 @@ StopSignals::StopSignals() {
   action.sa_flags = SA_RESTART;
   sigaction(SIGINT, &action, &formerInterrupt);
   sigaction(SIGTERM, &action, &formerTerminate);
+  // Whoever reads our lines, or an output, may go away: no reason to end the wall.
+  struct sigaction ignore {};
+  ignore.sa_handler = SIG_IGN;
+  sigaction(SIGPIPE, &ignore, &formerPipe);
 }
 
 StopSignals::~StopSignals() {
   sigaction(SIGINT, &formerInterrupt, nullptr);
   sigaction(SIGTERM, &formerTerminate, nullptr);
+  sigaction(SIGPIPE, &formerPipe, nullptr);
   close(wakeUp.exchange(-1));
 }
 

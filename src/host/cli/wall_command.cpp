@@ -14,8 +14,11 @@
 
 #include <nlohmann/json.hpp>
 
+#include "host/cli/channel_board.h"
+#include "host/cli/json_lines.h"
 #include "host/cli/message_log.h"
 #include "host/cli/stop_signals.h"
+#include "host/cli/wall_status.h"
 #include "host/ffmpeg/error.h"
 #include "host/ffmpeg/mask.h"
 #include "host/output/output_set.h"
@@ -127,6 +130,9 @@ class WallCommandRun {
       : command_(command),
         streams_(streams),
         messages_(streams, FirstOf(command.graph.log, command.wall.log)),
+        lines_(streams.out, command.live && (command.json || command.events)),
+        noLines_(streams.out, false),
+        board_(command.wall.channels, messages_, command.events ? lines_ : noLines_),
         outputMessages_(messages_),
         snapshot_(command.record.snapshotAt) {}
 
@@ -154,6 +160,7 @@ class WallCommandRun {
     }
     messages_.WipeProgress();
     messages_.Flush();
+    lines_.Finish();
     command_.json ? PrintJson() : PrintSummary();
     return code;
   }
@@ -165,7 +172,7 @@ class WallCommandRun {
     settings.composerLibrary =
         command_.graph.library.empty() ? FindComposerLibrary() : command_.graph.library.string();
     settings.logger = &messages_.logger();
-    settings.observer = &messages_;
+    settings.observer = &board_;
     settings.live = command_.live;
     settings.takeFrame = [this](const ComPtr<IMediaSample>& frame, Time start) {
       outputs_->Take(frame, start);
@@ -183,7 +190,9 @@ class WallCommandRun {
   }
 
   void RunLive(WallSession& session) {
+    ServiceStatus service(os::ServiceNotifier::FromEnvironment());
     session.Start();
+    double lastStatus = 0;
     while (!signals_.Requested() && !outputs_->allFailed()) {
       const Time now = session.now();
       const Time end = command_.record.seconds.has_value() ? Length() : now + kSecond;
@@ -191,7 +200,16 @@ class WallCommandRun {
         break;
       }
       signals_.WaitFor(milliseconds(std::clamp<Time>((end - now) / kMillisecond + 1, 1, 200)));
+      service.Report(session.counters().composed);
       ShowProgress(session);
+      if (Elapsed() - lastStatus >= 1) {
+        lastStatus = Elapsed();
+        const WallStatus status = Status(session);
+        service.Say(status.Line(true));
+        if (command_.json) {
+          lines_.Write(status.JsonLine());
+        }
+      }
     }
     session.Stop();
   }
@@ -229,20 +247,24 @@ class WallCommandRun {
       return;
     }
     lastProgress_ = Elapsed();
+    messages_.ShowProgress(Status(session).Line(command_.live));
+  }
+
+  WallStatus Status(WallSession& session) {
     counters_ = session.counters();
-    std::string line = Seconds(ComposedSeconds()) + ", " + std::to_string(counters_.composed) +
-                       " frames, channels: " + std::to_string(messages_.CountIn("live")) +
-                       " live, " + std::to_string(messages_.CountIn("ended")) + " ended, " +
-                       std::to_string(messages_.CountIn("failed")) + " failed";
-    if (command_.live) {
-      std::uint64_t dropped = 0;
-      for (const OutputSet::Status& output : outputs_->status()) {
-        dropped = std::max(dropped, output.dropped);
-      }
-      line += "; late " + std::to_string(counters_.late + counters_.starved) + ", dropped " +
-              std::to_string(dropped);
+    WallStatus status;
+    status.seconds = ComposedSeconds();
+    status.clock = session.now();
+    status.counters = counters_;
+    for (const OutputSet::Status& output : outputs_->status()) {
+      status.dropped = std::max(status.dropped, output.dropped);
     }
-    messages_.ShowProgress(line);
+    // Progress and status ask in turn: both shall see what is recent.
+    const FrameWatch::Timing timing = session.TakeTiming();
+    timing_ = timing.frames > 0 ? timing : timing_;
+    status.timing = timing_;
+    status.channels = board_.entries();
+    return status;
   }
 
   // A rendered output that is not whole is of no use; a live wall did its work when it reached one.
@@ -277,6 +299,9 @@ class WallCommandRun {
 
   void PrintJson() {
     nlohmann::ordered_json report;
+    if (command_.live) {
+      report["event"] = "end";
+    }
     report["frames"] = counters_.composed;
     report["seconds"] = ComposedSeconds();
     report["elapsed"] = Elapsed();
@@ -294,16 +319,12 @@ class WallCommandRun {
       report["outputs"].push_back(output);
     }
     report["channels"] = nlohmann::ordered_json::array();
-    const auto channels = messages_.channels();
-    for (const wall::Channel& channel : command_.wall.channels) {
-      const auto found = channels.find(channel.name);
-      nlohmann::ordered_json entry = {
-          {"name", channel.name},
-          {"state", found == channels.end() ? "opening" : found->second.state}};
-      if (found != channels.end() && !found->second.reason.empty()) {
-        entry["reason"] = found->second.reason;
-      }
-      report["channels"].push_back(entry);
+    for (const ChannelBoard::Entry& entry : board_.entries()) {
+      report["channels"].push_back(ToJson(entry));
+    }
+    if (command_.live) {
+      streams_.out << OneLine(report) << "\n";
+      return;
     }
     streams_.out << report.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace)
                  << "\n";
@@ -313,6 +334,9 @@ class WallCommandRun {
   Streams& streams_;
   StopSignals signals_;
   MessageLog messages_;
+  JsonLines lines_;
+  JsonLines noLines_;
+  ChannelBoard board_;
   OutputMessages outputMessages_;
   std::optional<OutputSet> outputs_;
   SnapshotFrame snapshot_;
@@ -320,6 +344,7 @@ class WallCommandRun {
   std::chrono::steady_clock::time_point startedAt_;
   double lastProgress_ = -1;
   WallSession::Counters counters_;
+  FrameWatch::Timing timing_;
 };
 
 }  // namespace

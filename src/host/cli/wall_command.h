@@ -14,7 +14,8 @@ struct WallCommand {
   GraphOptions graph;
   RecordOptions record;
   bool live = false;
-  bool json = false;
+  bool json = false;    // the result; live also the status, every second
+  bool events = false;  // changes of channels and alarms, as lines of JSON
 };
 
 // Records the wall as the options say, until it ends, its time is over or somebody stops it, and

@@ -1,48 +1,48 @@
 // WallClock: the time of a running wall.
 #pragma once
 
-#include <chrono>
-#include <condition_variable>
+#include <cstdint>
 #include <mutex>
 
 #include "host/units.h"
+#include "platform/com/com_ptr.h"
+#include "platform/os/event.h"
+#include "util/reference_clock.h"
 
 namespace host {
 
-// Runs from 0 with the system's steady clock once it is started. Any thread may ask and wait.
+// Runs from 0 with the system's reference clock once it is started, and goes on from where it was
+// when it is started again. Any thread may ask; each wait is one advise of the clock.
+//
+// The reference clock stands over the steady clock: the multimedia timer wraps after 49.7 days, at
+// which a clock over it leaps, and a wall runs longer than that.
 class WallClock {
  public:
-  void Start() {
-    const std::lock_guard guard(lock_);
-    start_ = Steady::now();
-    stopped_ = false;
-  }
-  // Ends every wait, until the next Start.
-  void Stop() {
-    {
-      const std::lock_guard guard(lock_);
-      stopped_ = true;
-    }
-    stopping_.notify_all();
-  }
-  Time Now() const {
-    const std::lock_guard guard(lock_);
-    return std::chrono::duration_cast<Units>(Steady::now() - start_).count();
-  }
+  // rateOffset: millionths by which the wall's time runs faster (or, negative, slower) than the
+  // machine's, for a machine whose clock is known to drift.
+  explicit WallClock(std::int32_t rateOffset = 0);
+  // Over a time source of the caller's (100 ns units, not negative).
+  WallClock(qorp::ReferenceClock::RawTime rawTime, std::int32_t rateOffset);
+
+  void Start();
+  // Ends every wait, until the next Start; the time stands still.
+  void Stop();
+  Time Now() const;
   // False when the clock was stopped first.
-  bool WaitUntil(Time time) {
-    std::unique_lock guard(lock_);
-    return !stopping_.wait_until(guard, start_ + Units(time), [&] { return stopped_; });
-  }
+  bool WaitUntil(Time time);
+
+  // For filters.
+  IReferenceClock* reference() const { return clock_.Get(); }
 
  private:
-  using Steady = std::chrono::steady_clock;
-  using Units = std::chrono::duration<Time, std::ratio<1, 10'000'000>>;
+  Time Reading() const;
 
+  const ComPtr<qorp::ReferenceClock> clock_;
+  os::Event stopping_{os::Event::Reset::kManual, true};
   mutable std::mutex lock_;
-  std::condition_variable stopping_;
-  Steady::time_point start_ = Steady::now();  // guarded by lock_
-  bool stopped_ = false;                      // guarded by lock_
+  bool running_ = false;  // guarded by lock_, as is all below
+  Time base_ = 0;         // the reference clock's time at the wall's time 0
+  Time stoppedAt_ = 0;
 };
 
 }  // namespace host

@@ -69,6 +69,7 @@ std::chrono::milliseconds Milliseconds(Time time) {
 
 WallSession::WallSession(Settings settings)
     : settings_(std::move(settings)),
+      clock_(settings_.wall.canvas.clockOffset),
       composer_(settings_.composerLibrary, CanvasOf(settings_.wall), settings_.logger),
       graph_(FilterGraph::Create()) {
   const wall::Canvas& canvas = settings_.wall.canvas;
@@ -213,6 +214,7 @@ std::string WallSession::TimeText(Time time) const {
 }
 
 void WallSession::Start() {
+  Check(graph_->SetSyncSource(clock_.reference()), "give the graph its clock");
   clock_.Start();
   startedAt_ = std::chrono::system_clock::now() - std::chrono::microseconds(clock_.Now() / 10);
   Check(graph_->Run(0), "run the graph");

@@ -70,6 +70,8 @@ class WallSession {
   void Stop();
 
   Counters counters() const;
+  // How long composing took, since it was asked last.
+  FrameWatch::Timing TakeTiming() { return watch_->TakeTiming(); }
   Time now() const { return clock_.Now(); }
   ChannelSource& channel(std::size_t index) { return *channels_[index]; }
 

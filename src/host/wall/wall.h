@@ -51,7 +51,8 @@ struct Canvas {
   Ratio frameRate{25, 1};
   Ratio aspect{16, 9};  // width to height of the shown picture, reduced
   Background background;
-  Time preroll = 0;  // period of the frames that are marked as preroll; 0: none
+  int clockOffset = 0;  // ppm by which the wall's time runs faster than the machine's
+  Time preroll = 0;     // period of the frames that are marked as preroll; 0: none
 };
 
 struct Label {

@@ -53,6 +53,7 @@ frame_rate = 29.97
 aspect = "32:18"
 background = "#102030"
 preroll = "2 min"
+clock_offset = -40
 [defaults]
 hold = "250 ms"
 audio = { meter = false }
@@ -78,6 +79,7 @@ low_delay = true
   EXPECT_EQ(wall.canvas.background.kind, Background::Kind::kColour);
   EXPECT_EQ(wall.canvas.background.top, (Rgb{0x10, 0x20, 0x30}));
   EXPECT_EQ(wall.canvas.preroll, 120 * kSecond);
+  EXPECT_EQ(wall.canvas.clockOffset, -40);
   const Channel& channel = wall.channels.at(0);
   EXPECT_EQ(channel.window, (Window{-10, 4, 640, 360}));
   EXPECT_EQ(channel.label.source, Label::Source::kNone);

@@ -1,0 +1,68 @@
+// ChannelBoard: the state of every channel of a running wall.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json_fwd.hpp>
+
+#include "host/channel/channel_observer.h"
+#include "host/cli/json_lines.h"
+#include "host/wall/wall.h"
+
+namespace host::cli {
+
+// Keeps what the channels tell, tells it on to another observer, and writes each change of a
+// channel or an alarm as a line of JSON:
+//
+//   {"event":"channel","time":"2026-11-25T01:02:03.456Z","channel":"A","state":"held",
+//    "reason":"no data for 5 s","since":12.04}
+//   {"event":"alarm","time":"...","channel":"A","alarm":"freeze","raised":true,"since":15.2}
+//
+// since: seconds of the wall's time. The channels' threads tell, the application's asks; one lock.
+class ChannelBoard final : public ChannelObserver {
+ public:
+  struct Entry {
+    std::string name;
+    ChannelLife::Status status;
+    std::array<bool, kAlarmKinds> alarms{};  // by AlarmKind
+  };
+
+  // next and events outlive the board.
+  ChannelBoard(const std::vector<wall::Channel>& channels, ChannelObserver& next,
+               JsonLines& events);
+
+  void ChannelOpened(const std::string& channel, const MediaInfo& info) override;
+  void ChannelEnded(const std::string& channel) override;
+  void ChannelFailed(const std::string& channel, const std::string& reason,
+                     std::optional<std::chrono::milliseconds> retryIn) override;
+  void ChannelSoundChanged(const std::string& channel, const std::string& what) override;
+  void ChannelChanged(const std::string& channel, const ChannelLife::Status& status) override;
+  void AlarmChanged(const std::string& channel, const AlarmMonitor::Change& change) override;
+
+  // In the order of the wall.
+  std::vector<Entry> entries() const;
+  std::size_t CountIn(ChannelState state) const;
+
+ private:
+  ChannelObserver& next_;
+  JsonLines& events_;
+  mutable std::mutex lock_;
+  std::vector<Entry> entries_;                // guarded by lock_
+  std::map<std::string, std::size_t> index_;  // of the entries, by name
+};
+
+// A channel in a status report: name, state, reason, since, alarms.
+nlohmann::ordered_json ToJson(const ChannelBoard::Entry& entry);
+// "2026-11-25T01:02:03.456Z": now.
+std::string TimestampUtc();
+// Seconds with milliseconds.
+double SecondsOf(Time time);
+// One line; what is not UTF-8 in names and reasons is replaced.
+std::string OneLine(const nlohmann::ordered_json& json);
+
+}  // namespace host::cli

@@ -1,0 +1,40 @@
+// JsonLines: one JSON object in a line, for programs.
+#pragma once
+
+#include <memory>
+#include <ostream>
+#include <string>
+
+#include "host/output/bounded_queue.h"
+#include "platform/os/thread.h"
+
+namespace host::cli {
+
+// Writes lines to a stream from a thread of its own, so that whoever reads them slowly holds up
+// nobody: of the lines that wait, the oldest are dropped then, and the next line that is written
+// says how many. Any thread adds lines.
+class JsonLines {
+ public:
+  // enabled false: nothing is written and no thread started.
+  JsonLines(std::ostream& stream, bool enabled);
+  // Writes what waits.
+  ~JsonLines();
+  JsonLines(const JsonLines&) = delete;
+  JsonLines& operator=(const JsonLines&) = delete;
+
+  bool enabled() const { return thread_ != nullptr; }
+  // line: without its end.
+  void Write(std::string line);
+  // Writes what waits; nothing is written afterwards.
+  void Finish();
+
+ private:
+  void Run();
+
+  std::ostream& stream_;  // the writing thread's
+  BoundedQueue<std::string> queue_;
+  std::atomic<std::uint64_t> dropped_{0};
+  std::unique_ptr<os::Thread> thread_;
+};
+
+}  // namespace host::cli

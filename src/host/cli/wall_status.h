@@ -1,0 +1,51 @@
+// WallStatus: how a running wall is, for persons, programs and the service manager.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "host/cli/channel_board.h"
+#include "host/session/wall_session.h"
+#include "platform/os/service_notifier.h"
+
+namespace host::cli {
+
+struct WallStatus {
+  double seconds = 0;  // of composed frames
+  Time clock = 0;      // the wall's time
+  WallSession::Counters counters;
+  std::uint64_t dropped = 0;  // frames that the slowest output has given up
+  FrameWatch::Timing timing;  // of composing, since the status before
+  std::vector<ChannelBoard::Entry> channels;
+
+  // "12.0 s, 300 frames, channels: 8 live, 1 held, 0 lost; late 0, dropped 0; composed in 3.1 ms"
+  std::string Line(bool live) const;
+  // {"event":"status","time":...,"frames":...,"channels":[...]}
+  std::string JsonLine() const;
+
+ private:
+  std::size_t CountIn(ChannelState state) const;
+};
+
+// Tells the service manager: ready once the first frame is composed, alive as long as frames are,
+// and the status line now and then. Application's thread.
+class ServiceStatus {
+ public:
+  explicit ServiceStatus(os::ServiceNotifier notifier) : notifier_(std::move(notifier)) {}
+  ~ServiceStatus() { notifier_.Stopping(); }
+  ServiceStatus(const ServiceStatus&) = delete;
+  ServiceStatus& operator=(const ServiceStatus&) = delete;
+
+  // composed: frames since the start. More often than half the watchdog's period.
+  void Report(std::uint64_t composed);
+  void Say(const std::string& line) { notifier_.Status(line); }
+
+ private:
+  const os::ServiceNotifier notifier_;
+  std::uint64_t reported_ = 0;
+  bool ready_ = false;
+};
+
+}  // namespace host::cli

@@ -1,0 +1,43 @@
+// Telling the service manager how the program is.
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace os {
+
+// The manager that started the program as a service names a local socket and, when it is to watch
+// the program, a period. Without a manager everything is a no-op. One thread.
+class ServiceNotifier {
+ public:
+  // From the environment: NOTIFY_SOCKET, WATCHDOG_USEC, WATCHDOG_PID.
+  static ServiceNotifier FromEnvironment();
+  // address: a path, or "@name" of an abstract socket; empty: no manager.
+  ServiceNotifier(const std::string& address, std::optional<std::chrono::microseconds> watchdog);
+  ~ServiceNotifier();
+  ServiceNotifier(ServiceNotifier&& other) noexcept;
+  ServiceNotifier(const ServiceNotifier&) = delete;
+  ServiceNotifier& operator=(const ServiceNotifier&) = delete;
+
+  bool active() const { return descriptor_ >= 0; }
+  // The manager kills a program that has said nothing for so long.
+  std::optional<std::chrono::microseconds> watchdog() const { return watchdog_; }
+
+  // Each false when it did not reach the manager.
+  bool Ready() const { return Send("READY=1"); }
+  bool Stopping() const { return Send("STOPPING=1"); }
+  bool FeedWatchdog() const { return Send("WATCHDOG=1"); }
+  // One line for a person.
+  bool Status(const std::string& text) const { return Send("STATUS=" + text); }
+
+ private:
+  bool Send(std::string_view message) const;
+
+  std::string address_;
+  std::optional<std::chrono::microseconds> watchdog_;
+  int descriptor_ = -1;
+};
+
+}  // namespace os

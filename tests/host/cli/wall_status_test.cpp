@@ -1,0 +1,144 @@
+// What a running wall tells programs and the service manager.
+#include <array>
+#include <filesystem>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "host/cli/wall_status.h"
+#include "tests/support/temporary_folder.h"
+
+namespace host::cli {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+// Hears what a board passes on.
+class Listener final : public ChannelObserver {
+ public:
+  void ChannelOpened(const std::string& channel, const MediaInfo&) override {
+    heard.push_back(channel + " opened");
+  }
+  void ChannelEnded(const std::string& channel) override { heard.push_back(channel + " ended"); }
+  void ChannelFailed(const std::string& channel, const std::string& reason,
+                     std::optional<std::chrono::milliseconds>) override {
+    heard.push_back(channel + " " + reason);
+  }
+  std::vector<std::string> heard;
+};
+
+std::vector<wall::Channel> TwoChannels() {
+  std::vector<wall::Channel> channels(2);
+  channels[0].name = "A";
+  channels[1].name = "B \xff";  // not UTF-8
+  return channels;
+}
+
+TEST(ChannelBoardTest, KeepsTheStatesAndWritesEachChangeAsALine) {
+  std::ostringstream out;
+  Listener listener;
+  JsonLines lines(out, true);
+  ChannelBoard board(TwoChannels(), listener, lines);
+  EXPECT_EQ(board.CountIn(ChannelState::kOpening), 2U);
+  board.ChannelFailed("A", "no data for 5 s", std::nullopt);
+  board.ChannelChanged("A", {ChannelState::kHeld, "no data for 5 s", 12 * kSecond});
+  board.ChannelChanged("B \xff", {ChannelState::kLive, "", kSecond});
+  board.AlarmChanged("B \xff", {AlarmKind::kFreeze, true, 15 * kSecond + kMillisecond});
+  lines.Finish();
+  EXPECT_THAT(listener.heard, ElementsAre("A no data for 5 s"));
+  EXPECT_EQ(board.CountIn(ChannelState::kLive), 1U);
+
+  std::istringstream in(out.str());
+  std::vector<nlohmann::json> events;
+  for (std::string line; std::getline(in, line);) {
+    events.push_back(nlohmann::json::parse(line));
+    events.back().erase("time");
+  }
+  EXPECT_THAT(
+      events,
+      ElementsAre(nlohmann::json::parse(R"({"event":"channel","channel":"A","state":"held",
+                                            "reason":"no data for 5 s","since":12.0})"),
+                  nlohmann::json::parse(R"({"event":"channel","channel":"B \ufffd","state":"live",
+                                            "since":1.0})"),
+                  nlohmann::json::parse(R"({"event":"alarm","channel":"B \ufffd",
+                                            "alarm":"freeze","raised":true,"since":15.001})")));
+
+  WallStatus status;
+  status.seconds = 12;
+  status.counters.composed = 300;
+  status.counters.late = 2;
+  status.channels = board.entries();
+  EXPECT_EQ(status.Line(true),
+            "12.0 s, 300 frames, channels: 1 live, 1 held, 0 lost; late 2, dropped 0");
+  const auto json = nlohmann::json::parse(status.JsonLine());
+  EXPECT_EQ(json["channels"][0]["state"], "held");
+  EXPECT_THAT(json["channels"][0]["alarms"], IsEmpty());
+  EXPECT_EQ(json["channels"][1]["alarms"][0], "freeze");
+}
+
+// The socket of a service manager.
+class Manager {
+ public:
+  explicit Manager(const std::string& path) : descriptor_(socket(AF_UNIX, SOCK_DGRAM, 0)) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    EXPECT_EQ(bind(descriptor_, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+  }
+  ~Manager() { close(descriptor_); }
+  Manager(const Manager&) = delete;
+  Manager& operator=(const Manager&) = delete;
+
+  // What has come; a datagram on a local socket is there once it was sent.
+  std::vector<std::string> Messages() const {
+    std::vector<std::string> messages;
+    std::array<char, 256> buffer{};
+    ssize_t size = 0;
+    while ((size = recv(descriptor_, buffer.data(), buffer.size(), MSG_DONTWAIT)) > 0) {
+      messages.emplace_back(buffer.data(), static_cast<std::size_t>(size));
+    }
+    return messages;
+  }
+
+ private:
+  const int descriptor_;
+};
+
+TEST(ServiceStatusTest, IsReadyWithTheFirstFrameAndAliveAsLongAsFramesAreComposed) {
+  const TemporaryFolder folder;
+  const std::string path = folder / "notify";
+  const Manager manager(path);
+  {
+    ServiceStatus service(os::ServiceNotifier(path, std::chrono::seconds(2)));
+    service.Report(0);
+    EXPECT_THAT(manager.Messages(), IsEmpty());
+    service.Report(1);
+    EXPECT_THAT(manager.Messages(), ElementsAre("READY=1", "WATCHDOG=1"));
+    service.Report(1);
+    EXPECT_THAT(manager.Messages(), IsEmpty()) << "a wall that stands is not alive";
+    service.Report(7);
+    service.Say("9 live");
+    EXPECT_THAT(manager.Messages(), ElementsAre("WATCHDOG=1", "STATUS=9 live"));
+  }
+  EXPECT_THAT(manager.Messages(), ElementsAre("STOPPING=1"));
+}
+
+TEST(ServiceStatusTest, SaysNothingWithoutAManager) {
+  const os::ServiceNotifier none("", std::chrono::seconds(2));
+  EXPECT_FALSE(none.active());
+  EXPECT_FALSE(none.Ready());
+  EXPECT_FALSE(none.watchdog().has_value());
+  EXPECT_FALSE(os::ServiceNotifier("/nobody/listens/here", {}).Ready());
+}
+
+}  // namespace
+}  // namespace host::cli
