@@ -17,9 +17,8 @@ double Milliseconds(std::chrono::nanoseconds time) {
 
 std::size_t WallStatus::CountIn(ChannelState state) const {
   return static_cast<std::size_t>(
-      std::count_if(channels.begin(), channels.end(), [&](const ChannelBoard::Entry& entry) {
-        return entry.status.state == state;
-      }));
+      std::count_if(channels.begin(), channels.end(),
+                    [&](const ChannelBoard::Entry& entry) { return entry.status.state == state; }));
 }
 
 std::string WallStatus::Line(bool live) const {

@@ -61,8 +61,8 @@ bool ServiceNotifier::Send(std::string_view message) const {
   }
   const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + address_.size());
   return ::sendto(descriptor_, message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
-                  reinterpret_cast<const sockaddr*>(&to), length) ==
-         static_cast<ssize_t>(message.size());
+                  reinterpret_cast<const sockaddr*>(&to),
+                  length) == static_cast<ssize_t>(message.size());
 }
 
 }  // namespace os

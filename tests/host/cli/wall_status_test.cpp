@@ -1,4 +1,6 @@
 // What a running wall tells programs and the service manager.
+#include "host/cli/wall_status.h"
+
 #include <array>
 #include <filesystem>
 #include <sstream>
@@ -12,7 +14,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include "host/cli/wall_status.h"
 #include "tests/support/temporary_folder.h"
 
 namespace host::cli {
