@@ -210,9 +210,8 @@ host::WallSession::Settings TestWall::SettingsInto(const host::OutputSet::Settin
   session.takeFrame = [&outputs](const ComPtr<IMediaSample>& frame, host::Time start) {
     outputs.Take(frame, start);
   };
-  session.takePacket = [&outputs](std::size_t channel, const host::ffmpeg::Packet& packet) {
-    outputs.TakeSound(channel, *packet);
-  };
+  session.takePacket = [&outputs](std::size_t channel, const host::ffmpeg::Packet& packet,
+                                  host::Time shift) { outputs.TakeSound(channel, *packet, shift); };
   for (const host::OutputPass::Track& track : settings.tracks) {
     session.audioTracks.push_back(track.audio);
   }

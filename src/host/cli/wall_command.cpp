@@ -182,8 +182,8 @@ class WallCommandRun {
     };
     if (!outputs_->empty()) {
       settings.audioTracks = audioTracks_;
-      settings.takePacket = [this](std::size_t channel, const ffmpeg::Packet& packet) {
-        outputs_->TakeSound(channel, *packet);
+      settings.takePacket = [this](std::size_t channel, const ffmpeg::Packet& packet, Time shift) {
+        outputs_->TakeSound(channel, *packet, shift);
       };
     }
     return settings;

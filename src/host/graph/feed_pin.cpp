@@ -95,6 +95,10 @@ bool FeedPin::Send(std::span<const std::uint8_t> bytes, Time start, Time stop,
   }
   std::memcpy(buffer, bytes.data(), bytes.size());
   sample->SetSyncPoint(TRUE);
+  // Whoever moves the sample to another clock leaves these as they are.
+  LONGLONG mediaStart = start;
+  LONGLONG mediaStop = stop;
+  sample->SetMediaTime(&mediaStart, &mediaStop);
   if (newType != nullptr && FAILED(sample->SetMediaType(const_cast<CMediaType*>(newType)))) {
     return false;
   }

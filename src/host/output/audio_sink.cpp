@@ -56,7 +56,11 @@ class AudioSink::Pin final : public CBaseInputPin {
     packet->duration = stop - start;
     packet->time_base = ffmpeg::kTimeUnit;
     packet->flags |= AV_PKT_FLAG_KEY;
-    sink_.takePacket_(channel_, std::move(packet));
+    // The composer leaves the media times, on which the host sends the channel's own time.
+    LONGLONG own = start;
+    LONGLONG ownStop = stop;
+    sample->GetMediaTime(&own, &ownStop);
+    sink_.takePacket_(channel_, std::move(packet), start - own);
     return S_OK;
   }
 

@@ -13,8 +13,23 @@ Time Middle(const AVPacket& packet) {
 
 }  // namespace
 
-void Interleaver::Push(std::size_t number, ffmpeg::Packet packet) {
+void Interleaver::Move(Line& line, Time by) {
+  for (const ffmpeg::Packet& packet : line.packets) {
+    packet->pts += by;
+    packet->dts += by;
+  }
+  while (!line.packets.empty() && line.packets.front()->dts < line.written) {
+    line.packets.pop_front();
+    ++leftOut_;
+  }
+}
+
+void Interleaver::Push(std::size_t number, ffmpeg::Packet packet, Time shift) {
   Line& line = lines_.at(number);
+  if (shift != line.shift) {
+    Move(line, shift - line.shift);
+    line.shift = shift;
+  }
   if (packet->dts < line.written) {
     ++leftOut_;
     return;

@@ -18,9 +18,10 @@ namespace host {
 // lead, and a channel without sound never holds an output up, as it would where every track is
 // waited for.
 //
-// When a channel re-synchronises, its new sound takes the place of what still waits for the same
-// time, so that the sound changes in step with the pictures. New sound for a time that has been
-// written is left out: the times of a track only grow.
+// When the composer re-synchronises a channel, the pictures that wait there move with it at once;
+// so does the sound that waits here. Otherwise sound for a time for which other sound waits takes
+// its place, and sound for a time that has been written is left out: the times of a track only
+// grow.
 //
 // Owned and called by one output on its thread.
 class Interleaver {
@@ -29,7 +30,8 @@ class Interleaver {
 
   explicit Interleaver(std::size_t lines) : lines_(lines) {}
 
-  void Push(std::size_t line, ffmpeg::Packet packet);
+  // shift: the wall's time minus the channel's own, for this packet.
+  void Push(std::size_t line, ffmpeg::Packet packet, Time shift = 0);
   // Hands over what decodes before that time, the earliest first.
   void Release(Time before, const Write& write);
 
@@ -39,9 +41,12 @@ class Interleaver {
  private:
   struct Line {
     std::deque<ffmpeg::Packet> packets;  // in the order of their times
+    Time shift = 0;                      // of the latest packet
     // The middle of the latest packet handed over; an earlier one would stand beside it.
     Time written = std::numeric_limits<Time>::min();
   };
+
+  void Move(Line& line, Time by);
 
   std::vector<Line> lines_;
   std::uint64_t leftOut_ = 0;

@@ -61,11 +61,11 @@ void Output::TakeVideo(const AVPacket& packet) {
   }
 }
 
-void Output::TakeSound(std::size_t channel, const AVPacket& packet) {
+void Output::TakeSound(std::size_t channel, const AVPacket& packet, Time shift) {
   if (channel >= settings_.pass.tracks.size()) {
     return;
   }
-  TrackPacket item{static_cast<int>(channel), ffmpeg::RefPacket(packet)};
+  TrackPacket item{static_cast<int>(channel), ffmpeg::RefPacket(packet), shift};
   if (!settings_.live) {
     // Whoever drives the wall waits for room.
     queue_.Push(std::move(item));

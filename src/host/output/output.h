@@ -59,7 +59,7 @@ class Output {
   Output& operator=(const Output&) = delete;
 
   void TakeVideo(const AVPacket& packet);
-  void TakeSound(std::size_t channel, const AVPacket& packet);
+  void TakeSound(std::size_t channel, const AVPacket& packet, Time shift);
   // The encoder has failed: there is nothing more to write.
   void FailForGood(const std::string& reason);
   // Waits until the next pictures find room; false when that takes longer than the limit.

@@ -188,7 +188,7 @@ void OutputPass::Write(TrackPacket item) {
     const auto channel = static_cast<std::size_t>(item.track);
     if (channel < soundTracks_.size() && soundTracks_[channel]) {
       const Time time = packet->dts;
-      interleaver_.Push(channel, std::move(packet));
+      interleaver_.Push(channel, std::move(packet), item.shift);
       WriteSound(time - kLongestLead);
     }
     return;

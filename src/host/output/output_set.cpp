@@ -84,10 +84,10 @@ void OutputSet::Take(const ComPtr<IMediaSample>& picture, Time start) {
   }
 }
 
-void OutputSet::TakeSound(std::size_t channel, const AVPacket& packet) {
+void OutputSet::TakeSound(std::size_t channel, const AVPacket& packet, Time shift) {
   for (const Entry& entry : entries_) {
     if (entry.output) {
-      entry.output->TakeSound(channel, packet);
+      entry.output->TakeSound(channel, packet, shift);
     }
   }
 }

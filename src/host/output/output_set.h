@@ -51,7 +51,8 @@ class OutputSet {
   OutputSet& operator=(const OutputSet&) = delete;
 
   void Take(const ComPtr<IMediaSample>& picture, Time start);
-  void TakeSound(std::size_t channel, const AVPacket& packet);
+  // shift: see AudioSink.
+  void TakeSound(std::size_t channel, const AVPacket& packet, Time shift);
   // For a rendered wall, before each frame: whether everything has room for it; waits that long.
   bool WaitForRoom(std::chrono::milliseconds limit);
   // The wall has ended: everything is written to its end.

@@ -19,6 +19,7 @@ struct TrackPacket {
 
   int track = kVideo;     // kVideo or the number of the channel
   ffmpeg::Packet packet;  // stamps in units of 100 ns, on the wall's clock
+  Time shift = 0;         // of sound: the wall's time minus the channel's own
 };
 
 // Bounded by bytes and by time. A full queue drops whole groups of pictures, the oldest first: what
