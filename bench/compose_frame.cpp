@@ -8,132 +8,22 @@
 //   compose_frame --count-frames N    composes N frames and nothing else, for a profiler
 #include <algorithm>
 #include <array>
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <ctime>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "bench/mosaic.h"
 #include "render/kernels/drawing_kernels.h"
-#include "render/mosaic_drawer.h"
 
 namespace {
 
-using Nanoseconds = double;
-
-// Processor time of this thread: what else runs on the machine does not count, except for what it
-// leaves of the caches.
-Nanoseconds Now() {
-  timespec time{};
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
-  return 1e9 * static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec);
-}
-
-// A frame is drawn with one part more each time: what a part adds is its stage.
-enum Stage { kCopy, kLabels, kSelectors, kMeters, kStages };
-
-class Mosaic {
- public:
-  explicit Mosaic(const bench::Workload& workload)
-      : workload_(workload),
-        canvases_(workload.canvasWidth, workload.canvasHeight, 4, 1),
-        labels_(workload.Windows()),
-        noLabels_(workload.Windows()),
-        windows_(static_cast<std::size_t>(workload.Windows())),
-        marks_(windows_.size()) {
-    for (std::int32_t i = 0; i < workload.Windows(); ++i) {
-      sources_.emplace_back(workload.windowWidth, workload.windowHeight, 3, 2 + i);
-      windows_[i] = {
-          nullptr, true, workload.X(i), workload.Y(i), workload.windowWidth, workload.windowHeight};
-    }
-    ChangeTexts();
-  }
-
-  // The reference: the windows' rows and nothing else.
-  Nanoseconds CopyRows() {
-    Prepare();
-    const Yv12Picture canvas = canvases_.At(frame_);
-    const Nanoseconds start = Now();
-    for (std::int32_t i = 0; i < workload_.Windows(); ++i) {
-      const Yv12Picture source = sources_[i].At(frame_);
-      const std::int32_t x = workload_.X(i);
-      const std::int32_t y = workload_.Y(i);
-      CopyPlane(source.Y(), source.width, source.height, canvas.Y() + y * canvas.width + x,
-                canvas.width);
-      const std::ptrdiff_t at = ChromaIndex(x, y, canvas.width);
-      CopyPlane(source.V(), source.width / 2, source.height / 2, canvas.V() + at, canvas.width / 2);
-      CopyPlane(source.U(), source.width / 2, source.height / 2, canvas.U() + at, canvas.width / 2);
-    }
-    return Now() - start;
-  }
-
-  // A frame with everything up to that stage.
-  Nanoseconds Compose(Stage last = kMeters) {
-    Prepare();
-    const std::size_t half = windows_.size() / 2;
-    for (std::size_t i = 0; i < windows_.size(); ++i) {
-      marks_[i].selected = last >= kSelectors && (i == 0 || i == half);
-      marks_[i].metered = last >= kMeters;
-    }
-    const Nanoseconds start = Now();
-    drawer_.Draw(last >= kLabels ? labels_ : noLabels_, windows_, marks_, canvases_.At(frame_), 16,
-                 9);
-    return Now() - start;
-  }
-
-  void ChangeTexts() {
-    ++texts_;
-    for (std::int32_t i = 0; i < workload_.Windows(); ++i) {
-      SetLabelText(labels_, i,
-                   "Channel " + std::to_string(i + 1) + " · " + std::to_string(texts_ * 37 + i));
-    }
-  }
-
- private:
-  static void CopyPlane(const std::uint8_t* from, std::int32_t width, std::int32_t rows,
-                        std::uint8_t* to, std::int32_t stride) {
-    for (std::int32_t row = 0; row < rows; ++row) {
-      std::memcpy(to, from, static_cast<std::size_t>(width));
-      from += width;
-      to += stride;
-    }
-  }
-
-  // The next frame: other pictures on another canvas, other levels.
-  void Prepare() {
-    ++frame_;
-    for (std::size_t i = 0; i < windows_.size(); ++i) {
-      windows_[i].picture = sources_[i].At(frame_).data;
-      const auto phase = static_cast<float>(frame_ * (i + 1));
-      marks_[i].channels = 2;
-      marks_[i].levels = {0.5f + 0.45f * std::sin(phase * 0.37f),
-                          0.3f + 0.25f * std::sin(phase * 0.73f)};
-      marks_[i].peaks = {0.9f, 0.6f};
-      marks_[i].alarm = i % 8 == 0;
-    }
-  }
-
-  const bench::Workload& workload_;
-  bench::PictureRing canvases_;
-  std::vector<bench::PictureRing> sources_;
-  ::Compose labels_;
-  ::Compose noLabels_;
-  std::vector<WindowState> windows_;
-  std::vector<WindowMarks> marks_;
-  MosaicDrawer drawer_;
-  std::size_t frame_ = 0;
-  int texts_ = 0;
-};
-
-Nanoseconds Median(std::vector<Nanoseconds> values) {
-  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-  std::nth_element(values.begin(), middle, values.end());
-  return *middle;
-}
+using bench::kStages;
+using bench::Median;
+using bench::Mosaic;
+using bench::Nanoseconds;
+using bench::Stage;
 
 struct Options {
   std::string_view workload;

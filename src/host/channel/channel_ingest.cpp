@@ -251,7 +251,8 @@ std::optional<milliseconds> ChannelIngest::Attempt(MediaReader& reader) {
     reader.Open();
     observer_->ChannelOpened(settings_.name, reader.info());
     if (!Announce({SourceNews::Kind::kOpened, reader.info().video.has_value(),
-                   reader.info().audio.has_value(), reader.info().noVideoReason}) ||
+                   reader.info().audio.has_value(), reader.info().noVideoReason,
+                   reader.info().serviceName}) ||
         !ReadToEnd(reader)) {
       return std::nullopt;
     }

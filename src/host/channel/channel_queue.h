@@ -36,9 +36,10 @@ struct ReadyLevels {
 struct SourceNews {
   enum class Kind { kOpened, kEnded, kFailed };
   Kind kind = Kind::kOpened;
-  bool hasPictures = false;  // kOpened
-  bool hasSound = false;     // kOpened
-  std::string reason;        // kEnded and kFailed: one sentence; kOpened: why it has no pictures
+  bool hasPictures = false;   // kOpened
+  bool hasSound = false;      // kOpened
+  std::string reason;         // kEnded and kFailed: one sentence; kOpened: why it has no pictures
+  std::string serviceName{};  // kOpened: of its programme, otherwise its title; may be empty
 };
 struct ChannelItem {
   Time time = 0;  // when it is due, on the wall's clock

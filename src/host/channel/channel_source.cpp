@@ -128,6 +128,10 @@ void ChannelSource::Stream() {
 }
 
 void ChannelSource::Deliver(ChannelItem& item) {
+  const auto* const opened = std::get_if<SourceNews>(&item.content);
+  if (settings_.labelByService && opened != nullptr && !opened->serviceName.empty()) {
+    SetLabel(opened->serviceName);
+  }
   DeliverLabel(item.time);
   if (const auto* const picture = std::get_if<ReadyPicture>(&item.content)) {
     presenter_.Show(*picture);

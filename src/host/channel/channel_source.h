@@ -26,7 +26,8 @@ class ChannelSource final : public CBaseFilter {
  public:
   struct Settings {
     ChannelIngest::Settings ingest;
-    std::string label;  // UTF-8; may be empty
+    std::string label;            // UTF-8; may be empty
+    bool labelByService = false;  // the source's service name takes its place once it is known
     Ratio canvasRate{25, 1};
     Ratio canvasAspect{16, 9};
     ChannelPresenter::Settings presenter;

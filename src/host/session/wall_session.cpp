@@ -140,7 +140,8 @@ ChannelSource::Settings WallSession::ChannelSettings(const wall::Channel& channe
     source.ingest.mergeWindow = kLiveMergeWindow;
     source.ingest.now = [this] { return clock_.Now(); };
   }
-  source.label = channel.label.source == wall::Label::Source::kNone ? "" : channel.label.text;
+  source.label = LabelOf(channel.label);
+  source.labelByService = channel.label.source == wall::Label::Source::kService;
   source.canvasRate = canvas.frameRate;
   source.canvasAspect = canvas.aspect;
   ChannelPresenter::Settings& presenter = source.presenter;
@@ -155,6 +156,17 @@ ChannelSource::Settings WallSession::ChannelSettings(const wall::Channel& channe
   presenter.logger = settings_.logger;
   presenter.latestFrame = [this] { return background_->latestFrame(); };
   return source;
+}
+
+// The text that a channel begins with. A rendered wall keeps it: its files are read once.
+std::string WallSession::LabelOf(const wall::Label& label) const {
+  if (label.source == wall::Label::Source::kNone) {
+    return {};
+  }
+  if (label.source == wall::Label::Source::kFile) {
+    return LabelFile(label.file).Read().value_or(label.text);
+  }
+  return label.text;
 }
 
 void WallSession::AddChannel(std::size_t index) {
@@ -180,6 +192,10 @@ void WallSession::AddChannel(std::size_t index) {
   Connect(source->textPin(), input.text, "the label of " + what);
   Connect(source->audioAlarmPin(), input.audioAlarm, "the levels of " + what);
   Connect(source->videoAlarmPin(), input.videoAlarm, "the video alarm of " + what);
+  if (settings_.live && channel.label.source == wall::Label::Source::kFile) {
+    labelFiles_.Add(channel.label.file,
+                    [source = source.Get()](const std::string& text) { source->SetLabel(text); });
+  }
   windows_.push_back(window);
   channels_.push_back(source);
   leftBehind_.push_back(false);
@@ -218,6 +234,7 @@ void WallSession::Start() {
   clock_.Start();
   startedAt_ = std::chrono::system_clock::now() - std::chrono::microseconds(clock_.Now() / 10);
   Check(graph_->Run(0), "run the graph");
+  labelFiles_.Start();
 }
 
 bool WallSession::AdvanceChannels(Time time, std::chrono::milliseconds stallLimit) {
@@ -262,6 +279,7 @@ void WallSession::Render(const RenderControl& control) {
 }
 
 void WallSession::Stop() {
+  labelFiles_.Stop();
   clock_.Stop();
   graph_->Stop();
 }

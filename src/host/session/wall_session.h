@@ -13,6 +13,7 @@
 #include "host/graph/wall_window.h"
 #include "host/output/audio_sink.h"
 #include "host/output/composition_sink.h"
+#include "host/session/label_files.h"
 #include "host/session/wall_clock.h"
 #include "host/wall/wall.h"
 #include "platform/graph/filter_graph.h"
@@ -78,6 +79,7 @@ class WallSession {
  private:
   void AddChannel(std::size_t index);
   void ConnectSound(std::size_t index, const ComposerFilter::Input& input, const std::string& what);
+  std::string LabelOf(const wall::Label& label) const;
   ChannelSource::Settings ChannelSettings(const wall::Channel& channel, WallWindow* window);
   std::string TimeText(Time time) const;
   void Connect(FeedPin& from, IPin* to, const std::string& what);
@@ -98,6 +100,7 @@ class WallSession {
   ComPtr<CompositionSink> sink_;
   ComPtr<AudioSink> audioSink_;  // null when nobody takes the sound
   ComPtr<FilterGraph> graph_;
+  LabelFiles labelFiles_;  // goes first: it hands texts to the channels
 };
 
 }  // namespace host

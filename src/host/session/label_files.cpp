@@ -1,0 +1,83 @@
+#include "host/session/label_files.h"
+
+#include <chrono>
+#include <fstream>
+#include <string_view>
+#include <system_error>
+
+namespace host {
+namespace {
+
+constexpr std::chrono::milliseconds kBetweenLooks{250};
+constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+
+}  // namespace
+
+std::optional<std::string> LabelFile::Read() const {
+  std::error_code ignored;
+  if (!std::filesystem::is_regular_file(path_, ignored)) {
+    return std::nullopt;  // a pipe would be waited for
+  }
+  std::ifstream file(path_, std::ios::binary);
+  if (!file) {
+    return std::nullopt;
+  }
+  std::string text(kLongest, '\0');
+  file.read(text.data(), static_cast<std::streamsize>(text.size()));
+  text.resize(static_cast<std::size_t>(file.gcount()));
+  if (text.starts_with(kByteOrderMark)) {
+    text.erase(0, kByteOrderMark.size());
+  }
+  text.erase(text.find_last_not_of(" \t\r\n") + 1);
+  return text;
+}
+
+std::optional<std::string> LabelFile::Look() {
+  const std::optional<std::string> before = std::exchange(found_, Read());
+  if (!found_ || found_ != before || found_ == given_) {
+    return std::nullopt;
+  }
+  given_ = found_;
+  return given_;
+}
+
+void LabelFiles::Add(std::filesystem::path path, TakeText take) {
+  entries_.push_back({LabelFile(std::move(path)), std::move(take)});
+}
+
+void LabelFiles::Start() {
+  if (entries_.empty() || thread_ != nullptr) {
+    return;
+  }
+  stopped_ = false;
+  thread_ = std::make_unique<os::Thread>([this] { Run(); }, "labels");
+}
+
+void LabelFiles::Stop() {
+  if (thread_ == nullptr) {
+    return;
+  }
+  {
+    const std::lock_guard guard(lock_);
+    stopped_ = true;
+  }
+  stopping_.notify_all();
+  thread_->Wait(os::kInfinite);
+  thread_.reset();
+}
+
+void LabelFiles::Run() {
+  for (;;) {
+    for (Entry& entry : entries_) {
+      if (const std::optional<std::string> text = entry.file.Look()) {
+        entry.take(*text);
+      }
+    }
+    std::unique_lock guard(lock_);
+    if (stopping_.wait_for(guard, kBetweenLooks, [this] { return stopped_; })) {
+      return;
+    }
+  }
+}
+
+}  // namespace host

@@ -1,0 +1,74 @@
+// LabelFiles: labels whose texts stand in files that change while the wall runs.
+#pragma once
+
+#include <condition_variable>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/os/thread.h"
+
+namespace host {
+
+// The text of one file, looked at again and again. One thread at a time.
+class LabelFile {
+ public:
+  // More than any label shows.
+  static constexpr std::size_t kLongest = 4096;  // bytes
+
+  explicit LabelFile(std::filesystem::path path) : path_(std::move(path)) {}
+
+  // What the file holds now, without the white space at its end. None when there is no such file.
+  std::optional<std::string> Read() const;
+
+  // The text once it is another one than before and stands: programs empty a file before they write
+  // it anew, so a text counts when two looks in a row have found it. None when there is nothing
+  // new; a file that is gone changes nothing.
+  std::optional<std::string> Look();
+
+ private:
+  std::filesystem::path path_;
+  std::optional<std::string> found_;  // at the last look
+  std::optional<std::string> given_;  // by the last look that had something new
+};
+
+// Looks at all label files of a wall from a thread of its own, four times a second, so that a file
+// on a slow disk stops nothing but its label. Owned by the wall; Start and Stop belong to the
+// application's thread. The lock guards the request to stop and is not held while a file is read or
+// a text is handed over.
+class LabelFiles {
+ public:
+  using TakeText = std::function<void(const std::string& text)>;
+
+  LabelFiles() = default;
+  ~LabelFiles() { Stop(); }
+  LabelFiles(const LabelFiles&) = delete;
+  LabelFiles& operator=(const LabelFiles&) = delete;
+
+  // Before Start. take gets every new text, on the thread of the files.
+  void Add(std::filesystem::path path, TakeText take);
+  // Does nothing without a file.
+  void Start();
+  void Stop();
+
+ private:
+  struct Entry {
+    LabelFile file;
+    TakeText take;
+  };
+
+  void Run();
+
+  std::vector<Entry> entries_;  // the thread's own while it runs
+  std::unique_ptr<os::Thread> thread_;
+  std::mutex lock_;
+  std::condition_variable stopping_;
+  bool stopped_ = false;  // guarded by lock_
+};
+
+}  // namespace host

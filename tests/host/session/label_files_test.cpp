@@ -1,0 +1,49 @@
+#include "host/session/label_files.h"
+
+#include <fstream>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/temporary_folder.h"
+
+namespace {
+
+class LabelFileTest : public testing::Test {
+ protected:
+  void Write(const std::string& text) { std::ofstream(path_, std::ios::binary) << text; }
+
+  TemporaryFolder folder_;
+  std::filesystem::path path_ = folder_.Path() / "label.txt";
+  host::LabelFile file_{path_};
+};
+
+TEST_F(LabelFileTest, GivesEachTextOnceItStands) {
+  EXPECT_EQ(file_.Look(), std::nullopt) << "there is no file yet";
+  Write("News at ten\n");
+  EXPECT_EQ(file_.Look(), std::nullopt) << "it may still be written";
+  EXPECT_EQ(file_.Look(), "News at ten");
+  EXPECT_EQ(file_.Look(), std::nullopt);
+  Write("");
+  EXPECT_EQ(file_.Look(), std::nullopt) << "emptied, to be written anew";
+  Write("Weather");
+  EXPECT_EQ(file_.Look(), std::nullopt);
+  EXPECT_EQ(file_.Look(), "Weather");
+  std::filesystem::remove(path_);
+  EXPECT_EQ(file_.Look(), std::nullopt);
+  EXPECT_EQ(file_.Look(), std::nullopt) << "the last text stays";
+  Write("  ");
+  file_.Look();
+  EXPECT_EQ(file_.Look(), "") << "no label";
+}
+
+TEST_F(LabelFileTest, ReadsTextAndNothingAround) {
+  Write(
+      "\xEF\xBB\xBF"
+      "two\nlines \r\n\n");
+  EXPECT_EQ(file_.Read(), "two\nlines");
+  Write(std::string(10 * host::LabelFile::kLongest, 'x'));
+  EXPECT_EQ(file_.Read()->size(), host::LabelFile::kLongest);
+  EXPECT_EQ(host::LabelFile(folder_.Path()).Read(), std::nullopt) << "a folder";
+}
+
+}  // namespace
