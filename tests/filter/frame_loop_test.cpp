@@ -2,12 +2,15 @@
 
 #include "filter/frame_composer.h"
 #include "platform/dshow/vfw_errors.h"
+#include "tests/support/allocation_count.h"
 #include "tests/support/composer_fixture.h"
 
 namespace {
 
 using testing::ElementsAre;
 
+constexpr GUID kTextType{
+    0x67CA2076, 0x1596, 0x47C6, {0xA9, 0x6A, 0x85, 0xD7, 0x92, 0xAC, 0xAA, 0x53}};
 constexpr GUID kAudioAlarmType{
     0x053A2D3B, 0x77A2, 0x4DF3, {0xB4, 0x6F, 0x40, 0x21, 0x71, 0xA8, 0x1F, 0x59}};
 constexpr GUID kVideoAlarmType{
@@ -222,6 +225,51 @@ TEST_F(FrameLoopTest, AVideoAlarmShowsThroughTheMeterOnly) {
   EXPECT_EQ(Luma(Compose(shown + kFrame).Get(), 4, 4), 76) << "an alarm of the sound";
   SendAudioAlarm(*audio, 3 * kFrame, false);
   EXPECT_NE(Luma(Compose(shown + 2 * kFrame).Get(), 4, 4), 76);
+}
+
+TEST_F(FrameLoopTest, AFrameAllocatesNothingOnceItsInputsAreKnown) {
+  Make(2);
+  ConnectBackground();
+  std::vector<ComPtr<fakes::Source>> texts;
+  std::vector<ComPtr<fakes::Source>> levels;
+  for (LONG i = 0; i < 2; ++i) {
+    ConnectWindow(i, 70, 60);
+    texts.push_back(ConnectSide(PositionOfText(i), fakes::TypeOf(kTextType, MEDIASUBTYPE_None)));
+    levels.push_back(
+        ConnectSide(PositionOfAudioAlarm(i), fakes::TypeOf(kAudioAlarmType, MEDIASUBTYPE_None)));
+    windows_[static_cast<std::size_t>(i)]->Set({.x = i * 80, .y = 10, .selected = true});
+  }
+  ConnectSink();
+  // Counted on the composition thread, from the first question to the host to the delivery.
+  std::optional<support::AllocationCount> allocations;
+  std::atomic<std::uint64_t> counted = 0;
+  windows_[0]->onAsk = [&] { allocations.emplace(); };
+  sink_->pin.onReceive = [&](IMediaSample* sample) {
+    counted = allocations->Since();
+    sink_->Keep(sample);
+    return S_OK;
+  };
+  ASSERT_EQ(graph_->Run(0), S_OK);
+  for (std::size_t i = 0; i < 2; ++i) {
+    const std::string text = "A label that is longer than what strings hold in place";
+    const ComPtr<IMediaSample> sample = texts[i]->NewSample(0, 1);
+    std::copy(text.begin(), text.end(), Pixels(sample.Get()));
+    sample->SetActualDataLength(static_cast<LONG>(text.size()));
+    ASSERT_EQ(texts[i]->Send(sample.Get()), S_OK);
+  }
+  for (int frame = 0; frame < 40; ++frame) {
+    const REFERENCE_TIME time = frame * kFrame;
+    for (LONG i = 0; i < 2; ++i) {
+      SendPicture(i, time, static_cast<BYTE>(100 + frame));
+      SendAudioAlarm(*levels[static_cast<std::size_t>(i)], time, frame % 2 == 0);
+    }
+    ASSERT_TRUE(Compose(time));
+    if (frame == 0) {
+      EXPECT_GT(counted, 0U) << "the first frame makes its tables";
+    } else if (frame > 30) {  // pictures are shown a second late
+      EXPECT_EQ(counted, 0U) << "frame " << frame;
+    }
+  }
 }
 
 TEST_F(FrameLoopTest, MarksPrerollFrames) {
