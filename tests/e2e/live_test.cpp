@@ -3,6 +3,7 @@
 #include <thread>
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -126,6 +127,31 @@ TEST_F(LiveTest, OneStalledChannelTakesNoFrameFromTheWall) {
   EXPECT_GE(frames_.count() + counters.late, frames_.ticks());
   EXPECT_LE(counters.sent - counters.composed, 1U);
   EXPECT_EQ(frames_.count(), counters.composed);
+}
+
+// A pipe that its writer closes: an end of the source, after which it is opened again.
+TEST_F(LiveTest, AChannelIsLostUntilItsSourceIsThereAndHeldWhenItGoes) {
+  const std::string clip = Clip("clip.ts", 25);
+  const std::filesystem::path pipe = folder_ / "pipe.ts";
+  wall_.AddChannel(pipe.string(), {0, 0, 64, 48});
+  wall_.AddChannel(Clip("alive.mkv", 25), {100, 0, 64, 48});
+  const auto session =
+      wall_.MakeLive([&](const ComPtr<IMediaSample>&, host::Time time) { frames_.Take(time); });
+  session->Start();
+  ASSERT_TRUE(wall_.channels().WaitForState("pipe", 1, "lost: no such file"));
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  {
+    const SilentPipe source(pipe, clip);
+    ASSERT_TRUE(wall_.channels().WaitForState("pipe", 2, "live"));
+  }
+  EXPECT_TRUE(wall_.channels().WaitForState("pipe", 3, "held: ended") ||
+              wall_.channels().States("pipe").size() > 3);
+  const SilentPipe again(pipe, clip);
+  EXPECT_TRUE(wall_.channels().WaitForState("pipe", 4, "live"));
+  session->Stop();
+  EXPECT_THAT(wall_.channels().States("alive"), testing::ElementsAre("live"));
+  EXPECT_GE(frames_.count() + session->counters().late + session->counters().starved,
+            frames_.ticks());
 }
 
 TEST_F(LiveTest, StartsAndStopsAHundredTimesWithNineChannels) {

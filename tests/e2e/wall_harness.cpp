@@ -69,6 +69,16 @@ void ChannelLog::ChannelChanged(const std::string& channel,
   const std::lock_guard guard(lock_);
   states_[channel].push_back(host::NameOf(status.state) +
                              (status.reason.empty() ? "" : ": " + status.reason));
+  changed_.notify_all();
+}
+
+bool ChannelLog::WaitForState(const std::string& channel, std::size_t count,
+                              const std::string& state, std::chrono::seconds limit) const {
+  std::unique_lock guard(lock_);
+  return changed_.wait_for(guard, limit, [&] {
+    const auto found = states_.find(channel);
+    return found != states_.end() && found->second.size() >= count && found->second.back() == state;
+  });
 }
 
 void ChannelLog::AlarmChanged(const std::string& channel,

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <filesystem>
 #include <map>
@@ -52,6 +53,9 @@ class ChannelLog final : public host::ChannelObserver {
 
   // In their order: "live", "held: reason"; "freeze on", "freeze off".
   std::vector<std::string> States(const std::string& channel) const;
+  // Until the channel has been in so many states and is in this one, as States has it.
+  bool WaitForState(const std::string& channel, std::size_t count, const std::string& state,
+                    std::chrono::seconds limit = std::chrono::seconds(60)) const;
   std::vector<std::string> Alarms(const std::string& channel) const;
   void ChannelSoundChanged(const std::string& channel, const std::string& what) override;
 
@@ -62,6 +66,7 @@ class ChannelLog final : public host::ChannelObserver {
 
  private:
   mutable std::mutex lock_;
+  mutable std::condition_variable changed_;
   std::map<std::string, int> opened_;
   std::map<std::string, int> ended_;
   std::map<std::string, std::string> failures_;

@@ -121,6 +121,7 @@ ChannelSource::Settings WallSession::ChannelSettings(const wall::Channel& channe
   source.ingest.reader.source = channel.source;
   source.ingest.reader.openLimit = Milliseconds(options.openLimit);
   source.ingest.reader.readLimit = Milliseconds(options.readLimit);
+  source.ingest.reader.quick = settings_.live;
   source.ingest.reader.decoderThreads = options.decoderThreads;
   source.ingest.reader.repeat = settings_.live && options.repeat;
   source.ingest.reader.wantAudio = options.audio.enabled;
