@@ -279,20 +279,35 @@ bool ChannelIngest::Announce(SourceNews news) {
 
 bool ChannelIngest::ReadToEnd(MediaReader& reader) {
   Pass pass(*this, reader);
-  try {
-    MediaItem item = reader.Read();
-    while (!std::holds_alternative<EndOfMedia>(item)) {
+  bool silent = false;
+  for (;;) {
+    try {
+      MediaItem item = reader.Read();
+      if (silent) {
+        observer_->ChannelOpened(settings_.name, reader.info());
+        silent = false;
+      }
+      if (std::holds_alternative<EndOfMedia>(item)) {
+        return pass.Finish();
+      }
       if (!pass.Handle(std::move(item))) {
         return false;
       }
-      item = reader.Read();
+    } catch (const MediaError& error) {
+      if (!settings_.now) {
+        // What was read before the failure is still shown, but not after a limit of a live wall.
+        pass.Finish();
+      }
+      if (!settings_.reopen || !reader.canGoOn()) {
+        throw;
+      }
+      silent = true;
+      observer_->ChannelFailed(settings_.name, error.reason(), milliseconds(0));
+      if (!Announce({SourceNews::Kind::kFailed, false, false, error.reason()})) {
+        return false;
+      }
     }
-  } catch (const MediaError&) {
-    // What was read before the failure is still shown.
-    pass.Finish();
-    throw;
   }
-  return pass.Finish();
 }
 
 }  // namespace host

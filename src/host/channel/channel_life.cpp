@@ -36,6 +36,13 @@ bool ChannelLife::Become(ChannelState state, const std::string& reason, Time sin
 }
 
 bool ChannelLife::Shown(Time now, Time duration) {
+  const bool wasAway = status_.state == ChannelState::kHeld || status_.state == ChannelState::kLost;
+  if (wasAway && duration < kLeastPatience &&
+      (!straggler_.has_value() || now - *straggler_ >= kLeastPatience)) {
+    straggler_ = now;
+    return false;
+  }
+  straggler_.reset();
   lastPicture_ = now;
   lastDuration_ = duration;
   return status_.state != ChannelState::kLive && Become(ChannelState::kLive, {}, now);

@@ -30,6 +30,9 @@ const char* NameOf(ChannelState state);
 //         +---------------------+
 //           failed, or no picture for a while
 //
+// Held or lost, one picture is not enough: what was still under way from a source that has gone may
+// come late. Two that follow each other are (of slow sources, one).
+//
 // A new reason while held or lost changes the reason only: since stays the time of the trouble.
 // Time comes in from outside (the wall's clock) and never runs here. No lock: one thread.
 class ChannelLife {
@@ -62,6 +65,7 @@ class ChannelLife {
   Status status_;
   std::optional<Time> lastPicture_;
   Time lastDuration_ = 0;
+  std::optional<Time> straggler_;  // the first picture while held or lost
 };
 
 }  // namespace host

@@ -64,7 +64,9 @@ MediaInfo DescribeMedia(const AVFormatContext& input) {
   if (input.duration != AV_NOPTS_VALUE && input.duration > 0) {
     info.length = av_rescale(input.duration, kSecond, AV_TIME_BASE);
   }
-  info.seekable = input.pb != nullptr && (input.pb->seekable & AVIO_SEEKABLE_NORMAL) != 0;
+  // The list of a live HLS source is a file that can be sought in; the source is not.
+  info.seekable = input.pb != nullptr && (input.pb->seekable & AVIO_SEEKABLE_NORMAL) != 0 &&
+                  (input.ctx_flags & AVFMTCTX_UNSEEKABLE) == 0;
   info.serviceName = ServiceName(input);
   for (unsigned i = 0; i < input.nb_streams; ++i) {
     if (input.streams[i]->codecpar->codec_type == AVMEDIA_TYPE_AUDIO) {

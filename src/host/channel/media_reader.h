@@ -55,8 +55,11 @@ class MediaReader {
   // for the missing one.
   void Open();
   // The next item; EndOfMedia again and again at the end. Throws MediaError, after which the reader
-  // is of no more use.
+  // is of no more use, but when canGoOn().
   MediaItem Read();
+  // After a failure of Read: nothing came for the read limit, but there is no connection that could
+  // have broken, and a sender that returns is heard sooner by going on than by opening again.
+  bool canGoOn() const { return silences_ > 0 && silences_ <= kMostSilences; }
   void Cancel() { deadline_.Cancel(); }
 
   // What follows is valid after Open.
@@ -73,6 +76,9 @@ class MediaReader {
   std::uint64_t repeats() const { return repeats_; }
 
  private:
+  // Then it is opened again after all: a router may have forgotten us.
+  static constexpr int kMostSilences = 10;
+
   struct Track {
     int streamIndex = -1;
     std::size_t clockStream = 0;
@@ -113,6 +119,7 @@ class MediaReader {
   std::optional<Track> video_;
   std::optional<Track> audio_;
   std::deque<MediaItem> ready_;  // what one packet gave, at most
+  int silences_ = 0;             // read limits in a row without data, of datagrams only
   unsigned knownStreams_ = 0;    // when the source was opened
   bool gaveInPass_ = false;
   bool ended_ = false;

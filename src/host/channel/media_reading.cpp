@@ -44,12 +44,21 @@ void MediaReader::ReadPacket() {
   deadline_.Arm(settings_.readLimit);
   const int result = av_read_frame(input_.get(), packet.get());
   if (result >= 0) {
+    silences_ = 0;
     HandlePacket(std::move(packet));
     return;
   }
   if (result == AVERROR(EAGAIN)) {
     return;
   }
+  if (deadline_.expired() && !deadline_.cancelled() && settings_.source.starts_with("udp:") &&
+      input_->pb != nullptr) {
+    input_->pb->eof_reached = 0;  // where the interrupted call has left it
+    input_->pb->error = 0;
+    ++silences_;
+    Fail(result, false);
+  }
+  silences_ = 0;
   // Containers report the end of a connection that broke as an ordinary end.
   if (result != AVERROR_EOF || deadline_.expired() || deadline_.cancelled()) {
     Fail(result, false);

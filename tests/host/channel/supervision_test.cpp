@@ -58,6 +58,10 @@ TEST_F(ChannelLifeTest, IsHeldWhenPicturesStopAndLostWhenTheHoldIsOver) {
   Nothing(kSecond / 5);
   EXPECT_EQ(life_.status(), (ChannelLife::Status{ChannelState::kLost, "no picture comes", last}));
   Pictures(kFrame);
+  Nothing(kSecond);
+  Pictures(kFrame);
+  EXPECT_EQ(life_.status().state, ChannelState::kLost) << "stragglers, one by one";
+  Pictures(kFrame);
   EXPECT_EQ(life_.status().state, ChannelState::kLive);
   EXPECT_EQ(life_.status().since, now_ - kFrame);
 }
