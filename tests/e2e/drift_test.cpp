@@ -49,8 +49,8 @@ class DriftTest : public ComposerFixture, public testing::WithParamInterface<Cas
     ConnectWindow(0, 16, 16);
     ConnectSink();
     sound_ = ConnectSide(3, host::AudioType({}), 16);
-    audioSink_ = host::AudioSink::Create(
-        1, [this](std::size_t, host::ffmpeg::Packet packet, Time shift) {
+    audioSink_ =
+        host::AudioSink::Create(1, [this](std::size_t, host::ffmpeg::Packet packet, Time shift) {
           interleaver_.Push(0, std::move(packet), shift);
         });
     graph_->AddFilter(audioSink_.Get(), u"sound");
@@ -67,8 +67,8 @@ class DriftTest : public ComposerFixture, public testing::WithParamInterface<Cas
 
   // The true time at which the source's clock shows a time.
   Time TrueTime(Time own) const {
-    return static_cast<Time>(std::llround(static_cast<double>(own) /
-                                          (1 + GetParam().partsPerMillion * 1e-6)));
+    return static_cast<Time>(
+        std::llround(static_cast<double>(own) / (1 + GetParam().partsPerMillion * 1e-6)));
   }
   // The time that the source's stamp becomes on its way to the composer, and when it is sent there.
   Time Place(Time own, bool decides, Time* sendAt) {
@@ -173,18 +173,17 @@ TEST_P(DriftTest, PictureAndSoundStayTogetherForHours) {
     }
     const Time offset = number * kPicture - (sounding->own + now - sounding->start);
     most = std::max(most, std::abs(offset));
-    ASSERT_LE(std::abs(offset), kAllowed)
-        << "at " << now / kSecond << " s of " << GetParam().name;
+    ASSERT_LE(std::abs(offset), kAllowed) << "at " << now / kSecond << " s of " << GetParam().name;
   }
   const auto lines = logger_.Texts();
-  const auto resyncs =
-      std::count_if(lines.begin(), lines.end(), [](const std::string& line) {
-        return line.find("resynchronizes") != std::string::npos;
-      });
-  std::printf("%s: at most %.1f ms apart in %.2f hours, %d re-synchronisations, moved %d times, "
-              "%.2f s silent\n",
-              GetParam().name, static_cast<double>(most) / kMillisecond, hours,
-              static_cast<int>(resyncs), timeline_.moves(), static_cast<double>(silent) / 25);
+  const auto resyncs = std::count_if(lines.begin(), lines.end(), [](const std::string& line) {
+    return line.find("resynchronizes") != std::string::npos;
+  });
+  std::printf(
+      "%s: at most %.1f ms apart in %.2f hours, %d re-synchronisations, moved %d times, "
+      "%.2f s silent\n",
+      GetParam().name, static_cast<double>(most) / kMillisecond, hours, static_cast<int>(resyncs),
+      timeline_.moves(), static_cast<double>(silent) / 25);
   // A clock that is wrong by 500 ppm is 1.8 s off in an hour; that much has to be left out or
   // waited for, and no more.
   EXPECT_LE(static_cast<double>(silent) / 25, 1.8 * hours + 1.1);

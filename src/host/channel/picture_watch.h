@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <optional>
 
 namespace host {
 
@@ -20,14 +19,13 @@ class PictureWatch {
       : limit_(std::max(limit, kPictures * pictureTime)) {}
 
   void BeginReading(Clock::time_point now) {
-    if (leftAt_.has_value()) {
-      latestPicture_ += now - *leftAt_;
-      leftAt_.reset();
-    } else {
-      latestPicture_ = now;
-    }
+    latestPicture_ = left_ ? latestPicture_ + (now - leftAt_) : now;
+    left_ = false;
   }
-  void EndReading(Clock::time_point now) { leftAt_ = now; }
+  void EndReading(Clock::time_point now) {
+    leftAt_ = now;
+    left_ = true;
+  }
   void Picture(Clock::time_point now) { latestPicture_ = now; }
   bool Expired(Clock::time_point now) const { return now - latestPicture_ >= limit_; }
 
@@ -36,7 +34,8 @@ class PictureWatch {
 
   const Clock::duration limit_;
   Clock::time_point latestPicture_;
-  std::optional<Clock::time_point> leftAt_;  // when reading was left; at first there was none
+  Clock::time_point leftAt_;
+  bool left_ = false;  // between two readings; at first there was none to leave
 };
 
 }  // namespace host
