@@ -57,6 +57,9 @@ class TemporaryFolder {
   std::filesystem::path path_;
 };
 
+// Seconds after the start when the alarm of the demo is on.
+constexpr double kAlarmIsOn = 6.5;
+
 // What the operators of such a wall call their channels.
 constexpr std::array kLabels{
     "Bars \u00b7 caf\u00e9 cr\u00e8me",
@@ -108,6 +111,9 @@ ExitCode Demo(const DemoOptions& options, Streams& streams) {
   command.graph = options.graph;
   command.record = options.record;
   command.record.seconds = options.record.seconds.value_or(kLength);
+  if (!command.record.snapshotAt && *command.record.seconds > kAlarmIsOn) {
+    command.record.snapshotAt = kAlarmIsOn;
+  }
   command.json = options.json;
   const TemporaryFolder folder;
   const Time length = static_cast<Time>(*command.record.seconds * kSecond) + kSecond;
@@ -119,6 +125,8 @@ ExitCode Demo(const DemoOptions& options, Streams& streams) {
 
 void DefineDemo(CLI::App& app, DemoOptions& options) {
   DefineRecord(app, options.record);
+  app.get_option("--snapshot-at")
+      ->description("seconds after the start [6.5, when an alarm is on]");
   app.add_option("--channels", options.channels, "number of channels")
       ->envname("TAVREL_CHANNELS")
       ->capture_default_str()

@@ -108,11 +108,15 @@ ClipRecipe Cells() {
   return recipe;
 }
 
-// The alarm channel: its sound stops for a while in the middle.
+// The alarm channel: its sound stops for a while in the middle. Hues alone would pass for a picture
+// that stands still.
 ClipRecipe Spectrum() {
   ClipRecipe recipe;
   recipe.name = "Spectrum";
-  recipe.pictures = "colorspectrum=size=640x360:rate=25:type=all,format=yuv420p,hue=h='36*t'";
+  recipe.pictures =
+      "colorspectrum=size=640x360:rate=25:type=all,format=yuv420p,hue=h='36*t'[spectrum];"
+      "color=size=48x48:rate=25:color=white[box];"
+      "[spectrum][box]overlay=x='mod(t*128,main_w+w)-w':y=180,format=yuv420p";
   recipe.sound = Tones(
       "0.5*sin(2*PI*600*t)*not(between(mod(t,10),3,7))|"
       "0.5*sin(2*PI*600*t)*not(between(mod(t,10),3,7))",
