@@ -7,36 +7,63 @@ namespace {
 
 thread_local std::uint64_t count = 0;
 
-void* Allocate(std::size_t bytes) {
+void* TryAllocate(std::size_t bytes) noexcept {
   ++count;
-  if (void* memory = std::malloc(bytes == 0 ? 1 : bytes)) {
-    return memory;
-  }
-  throw std::bad_alloc();
+  return std::malloc(bytes == 0 ? 1 : bytes);
 }
 
-void* Allocate(std::size_t bytes, std::align_val_t alignment) {
+void* TryAllocate(std::size_t bytes, std::align_val_t alignment) noexcept {
   ++count;
   const auto boundary = static_cast<std::size_t>(alignment);
-  if (void* memory = std::aligned_alloc(boundary, (bytes + boundary - 1) / boundary * boundary)) {
-    return memory;
+  return std::aligned_alloc(boundary, (bytes + boundary - 1) / boundary * boundary);
+}
+
+void* OrThrow(void* memory) {
+  if (memory == nullptr) {
+    throw std::bad_alloc();
   }
-  throw std::bad_alloc();
+  return memory;
 }
 
 }  // namespace
 
+// Every form, so that what one of them allocates is freed by its own counterpart.
 void* operator new(std::size_t bytes) {
-  return Allocate(bytes);
+  return OrThrow(TryAllocate(bytes));
 }
 void* operator new[](std::size_t bytes) {
-  return Allocate(bytes);
+  return OrThrow(TryAllocate(bytes));
 }
 void* operator new(std::size_t bytes, std::align_val_t alignment) {
-  return Allocate(bytes, alignment);
+  return OrThrow(TryAllocate(bytes, alignment));
 }
 void* operator new[](std::size_t bytes, std::align_val_t alignment) {
-  return Allocate(bytes, alignment);
+  return OrThrow(TryAllocate(bytes, alignment));
+}
+void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept {
+  return TryAllocate(bytes);
+}
+void* operator new[](std::size_t bytes, const std::nothrow_t&) noexcept {
+  return TryAllocate(bytes);
+}
+void* operator new(std::size_t bytes, std::align_val_t alignment, const std::nothrow_t&) noexcept {
+  return TryAllocate(bytes, alignment);
+}
+void* operator new[](std::size_t bytes, std::align_val_t alignment,
+                     const std::nothrow_t&) noexcept {
+  return TryAllocate(bytes, alignment);
+}
+void operator delete(void* memory, const std::nothrow_t&) noexcept {
+  std::free(memory);
+}
+void operator delete[](void* memory, const std::nothrow_t&) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, std::align_val_t, const std::nothrow_t&) noexcept {
+  std::free(memory);
+}
+void operator delete[](void* memory, std::align_val_t, const std::nothrow_t&) noexcept {
+  std::free(memory);
 }
 void operator delete(void* memory) noexcept {
   std::free(memory);
