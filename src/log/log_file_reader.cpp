@@ -8,9 +8,14 @@ namespace qorp::log {
 namespace {
 
 constexpr int kTries = 100;
+constexpr std::uint64_t kLineEnd = 2;
 // A line that is being written reaches no further beyond the head than this, but for texts that no
 // logger writes.
 constexpr std::uint64_t kLineMargin = 4096;
+
+auto TimeAndNumber(const NumberedLogLine& line) {
+  return std::pair(line.entry.milliseconds, line.number);
+}
 
 bool IsOlder(const NumberedLogLine& line, const NumberedLogLine& than) {
   return line.number < than.number && line.entry.milliseconds <= than.entry.milliseconds;
@@ -27,11 +32,14 @@ std::uint32_t LogFileReader::Open() {
   return file_.Open(path_, os::File::Access::kRead);
 }
 
-// A header may be seen while it is being written.
+// A header may be seen while it is being written: it counts when it is seen twice.
 void LogFileReader::ReadHeader() {
+  file_.ReadHeader();
   for (int i = 0; i < kTries; ++i) {
+    const std::uint64_t head = file_.head();
+    const bool isWhole = file_.header() == CircularLogFile::Header::kWhole;
     file_.ReadHeader();
-    if (file_.header() == CircularLogFile::Header::kWhole) {
+    if (isWhole && file_.header() == CircularLogFile::Header::kWhole && file_.head() == head) {
       return;
     }
   }
@@ -58,7 +66,9 @@ LogFileReader::Result LogFileReader::Read(const TakeLine& take) {
 LogFileReader::Lines LogFileReader::Collect(std::uint64_t begin, std::uint64_t end) const {
   Lines lines;
   file_.ReadLines(begin, end, [&](std::string_view text, std::uint64_t place) {
-    if (auto line = ReadLogLine(text)) {
+    auto line = ReadLogLine(text);
+    // A line that has no end yet is being written.
+    if (line && place + text.size() + kLineEnd <= file_.size()) {
       lines.push_back({std::move(*line), place});
     }
     return true;
@@ -114,19 +124,16 @@ bool LogFileReader::ReadOn(const TakeLine& take) {
 // Its time tells: the number of a writer that has just taken over may step back by one.
 bool LogFileReader::IsUncounted(const Lines& oldest, const Lines& newest) {
   const NumberedLogLine& first = oldest.front().line;
-  const auto order = [](const NumberedLogLine& line) {
-    return std::pair(line.entry.milliseconds, line.number);
-  };
   if (!newest.empty()) {
-    return order(first) > order(newest.back().line);
+    return TimeAndNumber(first) > TimeAndNumber(newest.back().line);
   }
   // The newest line is one of these, too.
   return std::any_of(oldest.begin() + 1, oldest.end(), [&](const PlacedLine& line) {
-    return line.line.number >= first.number - 1 && order(line.line) < order(first);
+    return line.line.number >= first.number - 1 && TimeAndNumber(line.line) < TimeAndNumber(first);
   });
 }
 
-std::optional<LogFileReader::Lines> LogFileReader::TakeSnapshot() {
+LogFileReader::Lines LogFileReader::TakeSnapshot() {
   const std::uint64_t head = file_.head();
   Lines lines = Collect(head, file_.size());
   Lines newest = Collect(CircularLogFile::kHeaderSize, head);
@@ -152,41 +159,70 @@ std::optional<LogFileReader::Lines> LogFileReader::TakeSnapshot() {
   std::rotate(lines.begin(), stale, lines.end());
   lines.insert(lines.end(), std::make_move_iterator(newest.begin()),
                std::make_move_iterator(newest.end()));
-  const bool isInOrder =
-      std::adjacent_find(lines.begin(), lines.end(), [](const auto& one, const auto& next) {
-        return IsOlder(next.line, one.line);
-      }) == lines.end();
-  if (movedTo != head && (lines.empty() || !isInOrder)) {
-    return std::nullopt;
-  }
   // The reading goes on from the head that was seen first.
   lastEnd_ = head;
   return lines;
 }
 
-// The number of lines that were lost.
-std::int64_t LogFileReader::ReadAll(const TakeLine& take) {
-  std::optional<Lines> lines;
-  for (int i = 0; i < kTries && !lines; ++i) {
-    lines = TakeSnapshot();
-  }
-  if (!lines || lines->empty()) {
-    return 0;
-  }
-  auto next = lines->cbegin();
-  std::int64_t lost = 0;
-  if (last_) {
-    const auto found = std::find_if(lines->crbegin(), lines->crend(), [&](const PlacedLine& line) {
-      return line.line == last_->line;
-    });
-    if (found != lines->crend()) {
-      next = found.base();
-    } else {
-      lost = std::max<std::int64_t>(lines->front().line.number - last_->line.number - 1, 0);
+// Places where the numbers do not count on: left by a writer that took over, or by one that went
+// round while we read, so that parts of different rounds stand together. Only the former are there
+// when we look again.
+LogFileReader::Gaps LogFileReader::FindGaps(const Lines& lines) {
+  Gaps gaps;
+  for (std::size_t i = 1; i < lines.size(); ++i) {
+    const std::pair pair(lines[i - 1].line.number, lines[i].line.number);
+    if (pair.second != pair.first + 1) {
+      gaps.push_back(pair);
     }
   }
-  std::for_each(next, lines->cend(), [&](const PlacedLine& line) { take(line.line); });
-  last_ = lines->back();
+  return gaps;
+}
+
+void LogFileReader::SortByTime(Lines& lines) {
+  std::stable_sort(lines.begin(), lines.end(), [](const PlacedLine& one, const PlacedLine& next) {
+    return TimeAndNumber(one.line) < TimeAndNumber(next.line);
+  });
+}
+
+// The number of lines that were lost. Numbers tell of them; but a writer that has taken over steps
+// back, and the next one forward again, so that not every step in a file is a loss.
+std::int64_t LogFileReader::ReadAll(const TakeLine& take) {
+  Lines lines = TakeSnapshot();
+  Gaps gaps = FindGaps(lines);
+  bool isTorn = !gaps.empty() || lines.empty();
+  for (int i = 1; i < kTries && isTorn; ++i) {
+    lines = TakeSnapshot();
+    Gaps again = FindGaps(lines);
+    isTorn = again != gaps;
+    gaps = std::move(again);
+  }
+  if (isTorn) {
+    // Places tell nothing of parts from different rounds; the times do.
+    SortByTime(lines);
+  }
+  auto next = lines.cbegin();
+  bool isLoss = false;  // what the numbers leave out before the next line
+  std::int64_t number = 0;
+  if (last_) {
+    const auto found = std::find_if(lines.crbegin(), lines.crend(), [&](const PlacedLine& line) {
+      return isTorn ? TimeAndNumber(line.line) <= TimeAndNumber(last_->line)
+                    : line.line == last_->line;
+    });
+    isLoss = found == lines.crend() || isTorn;
+    next = found.base();
+    number = last_->line.number;
+  }
+  std::int64_t lost = 0;
+  for (; next != lines.cend(); ++next) {
+    lost += isLoss ? std::max<std::int64_t>(next->line.number - number - 1, 0) : 0;
+    number = next->line.number;
+    isLoss = isTorn;
+    take(next->line);
+  }
+  if (!lines.empty() &&
+      (!last_ || !isTorn || TimeAndNumber(lines.back().line) > TimeAndNumber(last_->line))) {
+    last_ = lines.back();
+  }
   return lost;
 }
 
@@ -196,10 +232,7 @@ void LogFileReader::Salvage(const TakeLine& take) {
   }
   file_.ReadHeader();
   Lines lines = Collect(0, file_.size());
-  std::stable_sort(lines.begin(), lines.end(), [](const PlacedLine& one, const PlacedLine& next) {
-    return std::pair(one.line.entry.milliseconds, one.line.number) <
-           std::pair(next.line.entry.milliseconds, next.line.number);
-  });
+  SortByTime(lines);
   for (const PlacedLine& line : lines) {
     take(line.line);
   }

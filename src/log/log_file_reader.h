@@ -5,6 +5,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "log/circular_log_file.h"
@@ -36,7 +37,7 @@ class LogFileReader {
     State state = State::kRead;
     std::uint32_t error = 0;  // of the system
     CircularLogFile::Header header = CircularLogFile::Header::kWhole;
-    std::int64_t lost = 0;  // lines that were overwritten since the reading before
+    std::int64_t lost = 0;  // lines missing since the reading before, or between those handed over
   };
 
   // The system's form of a path, or a native one.
@@ -57,6 +58,8 @@ class LogFileReader {
     std::uint64_t begin = 0;  // in the file
   };
   using Lines = std::vector<PlacedLine>;
+  // The numbers around each.
+  using Gaps = std::vector<std::pair<std::int64_t, std::int64_t>>;
 
   std::uint32_t Open();
   void ReadHeader();
@@ -64,8 +67,10 @@ class LogFileReader {
   bool ReadOn(const TakeLine& take);
   std::int64_t ReadAll(const TakeLine& take);
   Lines Collect(std::uint64_t begin, std::uint64_t end) const;
-  // The whole file in order; nothing when its writer was too fast.
-  std::optional<Lines> TakeSnapshot();
+  // The whole file in order.
+  Lines TakeSnapshot();
+  static Gaps FindGaps(const Lines& lines);
+  static void SortByTime(Lines& lines);
   // Whether the first of the oldest lines is really one that was being written.
   static bool IsUncounted(const Lines& oldest, const Lines& newest);
   bool IsLastInPlace() const;
