@@ -142,10 +142,12 @@ class Sender(threading.Thread):
         self.clip = "plain"
         self.lock = threading.Lock()
         self.process = None
+        self.started_at = 0.0
         self.away = False
         self.ends = False
 
     def start_process(self):
+        self.started_at = time.monotonic()
         self.process = subprocess.Popen(
             ["ffmpeg", "-v", "quiet", "-nostdin", "-re", "-stream_loop", "-1", "-i", self.folder / f"{self.clip}.ts",
              "-map", "0", "-c", "copy", "-f", "mpegts", self.url],
@@ -242,6 +244,7 @@ class Harm:
     kind: str
     length: float
     back_after: float  # seconds; infinite: never
+    clip: str = ""
     fault: str = ""
 
 
@@ -272,15 +275,18 @@ class Script(threading.Thread):
         """Waits for the source's first packet, then for the live channel."""
         if since is None:
             if not self.relay.returned.wait(GIVE_UP):
-                self.harms.append(Harm(self.name_, kind, length, float("inf"), "the source sent nothing"))
+                self.harms.append(Harm(self.name_, kind, length, float("inf"), self.sender.clip,
+                                       "the source sent nothing"))
                 return
             since = self.relay.returned_at
         live = lambda: self.wall.states.get(self.name_, ("", 0))[0] == "live"
         if self.wall.wait(live, GIVE_UP):
+            # A sender whose connection broke began anew later.
+            since = max(since, min(self.sender.started_at, self.wall.state(self.name_)[1]))
             after = max(0.0, self.wall.state(self.name_)[1] - since)
         else:
             after = float("inf")
-        self.harms.append(Harm(self.name_, kind, length, after))
+        self.harms.append(Harm(self.name_, kind, length, after, self.sender.clip))
 
     def kill(self, kind="kill", length=None, clip=None):
         length = length if length is not None else self.random.uniform(0.5, 4)
@@ -447,7 +453,7 @@ def main():
         print(f"{kind}: {len(after)} times, back after {after[len(after) // 2]:.2f} s in the middle, "
               f"{after[-1]:.2f} s at most")
     for harm in slow:
-        print(f"  slow: {harm.channel} {harm.kind} of {harm.length:.1f} s: back after {harm.back_after:.2f} s"
+        print(f"  slow: {harm.channel} {harm.kind} of {harm.length:.1f} s with {harm.clip}: back after {harm.back_after:.2f} s"
               + (f" ({harm.fault})" if harm.fault else ""))
     if slow:
         faults.append(f"{len(slow)} of {len(harms)} returns took longer than {arguments.return_limit} s")

@@ -135,7 +135,16 @@ class ChannelIngest::Pass {
     return true;
   }
 
+  // The first picture places a live source: it may come in the middle of a group of pictures, and
+  // sound that was waited for until then would make all that follows late.
+  bool WaitsForPicture() const {
+    return ingest_.settings_.now && hasPictures_ && !timeline_.started();
+  }
+
   void AddReading(const LevelMeter::Reading& reading) {
+    if (WaitsForPicture()) {
+      return;
+    }
     const Time start = Place(reading.start, false, !hasPictures_);
     merger_.Push(start, ReadyLevels{start, reading.duration, reading.levels, reading.loudest});
   }
@@ -164,6 +173,9 @@ class ChannelIngest::Pass {
   const MediaReader& reader_;
   std::optional<AudioRoad> audio_;
   const AudioRoad::Sink audioSink_ = [this](AudioPacket packet) {
+    if (WaitsForPicture()) {
+      return true;
+    }
     packet.start = Place(packet.start, false, false);
     const Time start = packet.start;
     return Add(start, std::move(packet));

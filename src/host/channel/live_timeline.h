@@ -59,6 +59,8 @@ class LiveTimeline {
     return start + *shift_;
   }
 
+  // Something was placed.
+  bool started() const { return shift_.has_value(); }
   // How often the distance was given up.
   int moves() const { return moves_; }
 

@@ -51,7 +51,9 @@ void MediaReader::ReadPacket() {
   if (result == AVERROR(EAGAIN)) {
     return;
   }
-  if (deadline_.expired() && !deadline_.cancelled() && settings_.source.starts_with("udp:") &&
+  // The demuxer may have given what it still had since the call that was ended.
+  const bool wasEnded = deadline_.expired() || result == AVERROR_EXIT;
+  if (wasEnded && !deadline_.cancelled() && settings_.source.starts_with("udp:") &&
       input_->pb != nullptr) {
     input_->pb->eof_reached = 0;  // where the interrupted call has left it
     input_->pb->error = 0;

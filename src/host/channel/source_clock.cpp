@@ -87,7 +87,11 @@ SourceClock::Mapped SourceClock::Map(std::size_t index, Stamps stamps) {
                                                 static_cast<double>(stream.wrapPeriod))) *
                  stream.wrapPeriod;
       }
-      mapped.pts = mapped.dts + ahead;
+      // Damaged stamps would throw the picture, and all that follow it, to anywhere.
+      const Time most = std::max(kMostAhead, kMostPicturesAhead * stamps.duration);
+      if (ahead >= -kBackLimit && ahead <= most) {
+        mapped.pts = mapped.dts + ahead;
+      }
     }
     if (stream.started && !mapped.discontinuity) {
       stream.lastStep = std::max<Time>(raw - stream.lastRaw, 0);

@@ -25,6 +25,9 @@ namespace host {
 class SourceClock {
  public:
   static constexpr Time kBackLimit = kSecond / 2;
+  // A picture is shown at most so long after it is decoded: as many pictures as any codec reorders.
+  static constexpr Time kMostAhead = 5 * kSecond;
+  static constexpr Time kMostPicturesAhead = 16;
   // How far the streams of one source may be apart when they jump together.
   static constexpr Time kAdoptionLimit = 2 * kSecond;
 

@@ -31,6 +31,10 @@ TEST(SourceClock, KeepsPresentationTimesAsFarFromDecodingTimesAsTheSource) {
   EXPECT_EQ(mapped.dts, 0);
   EXPECT_EQ(mapped.pts, 2 * kFrame);
   EXPECT_EQ(clock.end(), 3 * kFrame);
+  // A flipped bit of the stamp: as if there were none.
+  EXPECT_FALSE(clock.Map(video, {1000 + kFrame, 1000 + 3600 * kSecond, kFrame}).pts.has_value());
+  EXPECT_FALSE(clock.Map(video, {1000 + 2 * kFrame, 1000 - kSecond, kFrame}).pts.has_value());
+  EXPECT_EQ(clock.Map(video, {1000 + 3 * kFrame, 1000 + 4 * kFrame, kFrame}).pts, 4 * kFrame);
 }
 
 TEST(SourceClock, UndoesAWrapExactlyAndWithoutAFlag) {
