@@ -138,7 +138,8 @@ class ChannelIngest::Pass {
   // The first picture places a live source: it may come in the middle of a group of pictures, and
   // sound that was waited for until then would make all that follows late.
   bool WaitsForPicture() const {
-    return ingest_.settings_.now && hasPictures_ && !timeline_.started();
+    return ingest_.settings_.now && hasPictures_ && !reader_.info().seekable &&
+           !timeline_.started();
   }
 
   void AddReading(const LevelMeter::Reading& reading) {
