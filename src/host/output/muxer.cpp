@@ -49,6 +49,10 @@ Muxer::Muxer(Settings settings) : settings_(std::move(settings)) {
     settings_.options.emplace("pkt_size", "1316");
   }
   output_->interrupt_callback = {&ffmpeg::IoDeadline::Callback, &deadline_};
+  // What is written to somebody who waits for it is not kept until a buffer is full.
+  if (settings_.url.find("://") != std::string::npos || ffmpeg::PipeOutput::Serves(settings_.url)) {
+    output_->flags |= AVFMT_FLAG_FLUSH_PACKETS;
+  }
   output_->max_interleave_delta = av_rescale(settings_.interleaveLimit, AV_TIME_BASE, kSecond);
 }
 

@@ -1,0 +1,171 @@
+#include <atomic>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "host/channel/media_reader.h"
+#include "tests/e2e/sound_harness.h"
+#include "tests/e2e/wall_harness.h"
+
+namespace {
+
+using host::kSecond;
+using testing::HasSubstr;
+
+// A port of this machine that nobody uses.
+int FreePort(int type) {
+  const int descriptor = socket(AF_INET, type, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof(address);
+  const bool bound =
+      bind(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 &&
+      getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length) == 0;
+  close(descriptor);
+  EXPECT_TRUE(bound);
+  return ntohs(address.sin_port);
+}
+
+// Somebody at the other end, who reads a second of it.
+class Receiver {
+ public:
+  Receiver(const std::string& url, std::map<std::string, std::string> options) {
+    host::MediaReader::Settings settings;
+    settings.source = url;
+    settings.options = std::move(options);
+    settings.openLimit = settings.readLimit = std::chrono::seconds(50);
+    reader_.emplace(settings);
+    thread_ = std::thread([this] { Read(); });
+  }
+  ~Receiver() {
+    reader_->Cancel();
+    thread_.join();
+  }
+  Receiver(const Receiver&) = delete;
+  Receiver& operator=(const Receiver&) = delete;
+
+  bool done() const { return done_; }
+  // Valid once it is done.
+  const host::MediaInfo& info() const { return reader_->info(); }
+  const std::string& failure() const { return failure_; }
+
+ private:
+  void Read() {
+    try {
+      reader_->Open();
+      int pictures = 0;
+      int packets = 0;
+      while (pictures < 25 || packets < 25) {
+        const host::MediaItem item = reader_->Read();
+        pictures += std::holds_alternative<host::VideoPicture>(item) ? 1 : 0;
+        packets += std::holds_alternative<host::AudioPacket>(item) ? 1 : 0;
+        if (std::holds_alternative<host::EndOfMedia>(item)) {
+          failure_ = "it ended";
+          break;
+        }
+      }
+    } catch (const std::exception& error) {
+      failure_ = error.what();
+    }
+    done_ = true;
+  }
+
+  std::optional<host::MediaReader> reader_;
+  std::string failure_;  // the thread's until it is done
+  std::atomic<bool> done_{false};
+  std::thread thread_;
+};
+
+class NetworkTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    for (int i = 0; i < 3; ++i) {
+      e2e::FlashClip clip;
+      clip.codec = i == 0 ? "ac3" : "aac";
+      clip.language = i == 0 ? "eng" : "";
+      const std::filesystem::path file = folder_ / ("clip" + std::to_string(i) + ".mkv");
+      e2e::WriteFlashClip(clip, file);
+      wall_.AddChannel(file.string(), {i * 40, 0, 32, 32});
+    }
+  }
+  void TearDown() override {
+    EXPECT_TRUE(e2e::NothingIsLeft()) << "a sample, an allocator, a pin or a filter was leaked";
+  }
+  static host::wall::Output To(const std::string& url) {
+    host::wall::Output output;
+    output.url = url;
+    output.preset = "ultrafast";
+    output.lowDelay = true;
+    output.keyFrameInterval = kSecond / 2;
+    return output;
+  }
+  // Runs the wall live into the outputs until those at the other end have read enough.
+  void SendTo(const std::vector<host::wall::Output>& outputs,
+              const std::function<bool()>& allDone) {
+    const host::OutputSet::Settings settings = host::OutputsOfWall(wall_.wall(), outputs, true);
+    host::OutputSet set(settings, &wall_.outputs(), &wall_.logger());
+    const auto session = wall_.MakeLiveInto(settings, set);
+    session->Start();
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (!allDone() && std::chrono::steady_clock::now() < limit) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    ASSERT_TRUE(allDone()) << "a second of the wall never reached its receivers; failures: "
+                           << testing::PrintToString(wall_.outputs().failures());
+    session->Stop();
+    set.Finish();
+  }
+
+  e2e::TestFolder folder_;
+  // The frame of a selected window needs room below it.
+  e2e::TestWall wall_{160, 48};
+};
+
+TEST_F(NetworkTest, TransportStreamsOverUdpAndSrtCarryEveryChannelsSound) {
+  const std::string udp = "udp://127.0.0.1:" + std::to_string(FreePort(SOCK_DGRAM));
+  const std::string srt = "srt://127.0.0.1:" + std::to_string(FreePort(SOCK_DGRAM));
+  const Receiver overUdp(udp, {});
+  const Receiver overSrt(srt, {{"mode", "listener"}});
+  SendTo({To(udp), To(srt)}, [&] { return overUdp.done() && overSrt.done(); });
+  for (const Receiver* const receiver : {&overUdp, &overSrt}) {
+    ASSERT_EQ(receiver->failure(), "");
+    ASSERT_EQ(receiver->info().audioTracks.size(), 3U);
+    EXPECT_EQ(receiver->info().audioTracks[0].codec, "ac3");
+    EXPECT_EQ(receiver->info().audioTracks[0].language, "eng");
+  }
+}
+
+TEST_F(NetworkTest, RtmpCarriesTheSoundOfTheSelectedChannelAndSaysSo) {
+  wall_.wall().channels[2].selected = true;
+  const std::string url =
+      "rtmp://127.0.0.1:" + std::to_string(FreePort(SOCK_STREAM)) + "/live/wall";
+  const Receiver receiver(url, {{"listen", "1"}});
+  SendTo({To(url)}, [&] { return receiver.done(); });
+  ASSERT_EQ(receiver.failure(), "");
+  EXPECT_EQ(receiver.info().audioTracks.size(), 1U);
+  EXPECT_THAT(wall_.outputs().said(),
+              testing::Contains(HasSubstr("flv holds one track of sound: that of \"clip2\"")));
+}
+
+TEST_F(NetworkTest, HlsHasARenditionWithItsNameForEveryChannel) {
+  ASSERT_EQ(wall_.RenderInto({To((folder_ / "wall.m3u8").string())})[0].failure, "");
+  std::stringstream playlist;
+  playlist << std::ifstream(folder_ / "wall.m3u8").rdbuf();
+  EXPECT_THAT(playlist.str(), HasSubstr("NAME=\"clip0\",LANGUAGE=\"eng\",DEFAULT=YES"));
+  EXPECT_THAT(playlist.str(), HasSubstr("NAME=\"clip2\",DEFAULT=NO"));
+  EXPECT_THAT(playlist.str(), HasSubstr("RESOLUTION=160x48"));
+  EXPECT_EQ(e2e::DecodeWhole(folder_ / "wall.m3u8"), "");
+  for (std::size_t track = 1; track <= 3; ++track) {
+    EXPECT_GT(e2e::ReadPackets(folder_ / "wall.m3u8", track).size(), 100U) << track;
+  }
+}
+
+}  // namespace
