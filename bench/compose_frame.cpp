@@ -5,7 +5,8 @@
 // text" one in which all labels change their texts, "mean" of nine of the former and one of those.
 //
 //   compose_frame [--workload NAME] [--kernels NAME] [--frames N] [--runs N]
-//   compose_frame --count-frames N    composes N frames and nothing else, for a profiler
+//   compose_frame --count-frames N    composes N frames and nothing else, for a profiler; all texts
+//                                     change with every tenth
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -75,6 +76,9 @@ void Measure(const bench::Workload& workload, const Options& options) {
   Mosaic mosaic(workload);
   if (options.countFrames > 0) {
     for (int i = 0; i < options.countFrames; ++i) {
+      if (i % 10 == 9) {
+        mosaic.ChangeTexts();
+      }
       mosaic.Compose();
     }
     return;
