@@ -3,6 +3,7 @@
 #include "render/kernels/overlay_kernels.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <random>
 #include <string>
@@ -63,13 +64,33 @@ std::vector<std::uint8_t> Scattered(std::int32_t w, std::int32_t h, std::uint32_
 
 class OverlayKernelVersions : public testing::TestWithParam<kernels::OverlayKernel> {};
 
+// As a text has: every pixel that is not transparent in one colour, many of them transparent; in a
+// few bitmaps one pixel in another colour.
+void GiveOneColour(std::vector<std::uint8_t>& pixels, std::mt19937& random) {
+  const std::array colour{static_cast<std::uint8_t>(random()), static_cast<std::uint8_t>(random()),
+                          static_cast<std::uint8_t>(random())};
+  for (std::size_t i = 0; i < pixels.size(); i += 4) {
+    if (random() % 3 == 0) {
+      pixels[i + 3] = 0;
+    } else {
+      std::copy(colour.begin(), colour.end(), pixels.begin() + static_cast<std::ptrdiff_t>(i));
+    }
+  }
+  if (random() % 4 == 0) {
+    const std::size_t odd = random() % (pixels.size() / 4) * 4;
+    pixels[odd] = static_cast<std::uint8_t>(pixels[odd] + 90);
+  }
+}
+
 TEST_P(OverlayKernelVersions, ConvertEqualsTheDefinition) {
   const auto scalar = kernels::AllOverlayKernels().front();
   std::mt19937 random(7);
   for (std::int32_t w = 2; w <= 600; w += w < 70 ? 1 : 61) {
     for (const std::int32_t h : {2, 3, 4, 7, 12}) {
-      const std::vector<std::uint8_t> pixels =
-          Scattered(w, h, static_cast<std::uint32_t>(w * 100 + h));
+      std::vector<std::uint8_t> pixels = Scattered(w, h, static_cast<std::uint32_t>(w * 100 + h));
+      if (random() % 2 == 0) {
+        GiveOneColour(pixels, random);
+      }
       GuardedPlanes expected(w, h);
       GuardedPlanes actual(w, h);
       kernels::OverlayBlocks blocks = expected.Blocks(pixels);

@@ -80,6 +80,9 @@ struct Strip {
   std::array<std::uint8_t, kStrip> spareAlpha;
 };
 
+// A text has one colour in many opacities: the mean of its chroma is that colour's, whatever the
+// weights, and need not be summed up. kOneColour: only opacities are summed.
+template <bool kOneColour>
 TAVREL_INLINE void ConvertPixels(const std::uint8_t* pixels, std::int32_t count, RowSums& sums,
                                  std::int32_t at, std::uint8_t* __restrict luma,
                                  std::uint8_t* __restrict alpha) {
@@ -102,12 +105,16 @@ TAVREL_INLINE void ConvertPixels(const std::uint8_t* pixels, std::int32_t count,
     luma[i] = static_cast<std::uint8_t>((y + 128) >> 8);  // 16 to 235 for every colour
     alpha[i] = static_cast<std::uint8_t>(a);
     outA[i] = opacity;
+    if constexpr (kOneColour) {
+      continue;
+    }
     outP[i] = (((-2483028 * b - 4882170 * g + 7365198 * r + 32768) >> 16) + 32768) * opacity;
     outQ[i] = (((7365198 * b - 6174015 * g - 1191182 * r + 32768) >> 16) + 32768) * opacity;
   }
 }
 
 // Row y of columns [first, first + count), with its neighbours. luma and alpha: the overlay's.
+template <bool kOneColour>
 TAVREL_INLINE void ConvertRow(const OverlayBlocks& b, std::int32_t y, std::int32_t first,
                               std::int32_t count, RowSums& sums, std::uint8_t* luma,
                               std::uint8_t* alpha) {
@@ -115,9 +122,9 @@ TAVREL_INLINE void ConvertRow(const OverlayBlocks& b, std::int32_t y, std::int32
   std::uint8_t spare[2];
   const std::int32_t before = first > 0 ? first - 1 : 0;
   const std::int32_t after = first + count < b.width ? first + count : b.width - 1;
-  ConvertPixels(row + std::ptrdiff_t{before} * 4, 1, sums, 0, spare, spare + 1);
-  ConvertPixels(row + std::ptrdiff_t{first} * 4, count, sums, 1, luma, alpha);
-  ConvertPixels(row + std::ptrdiff_t{after} * 4, 1, sums, count + 1, spare, spare + 1);
+  ConvertPixels<kOneColour>(row + std::ptrdiff_t{before} * 4, 1, sums, 0, spare, spare + 1);
+  ConvertPixels<kOneColour>(row + std::ptrdiff_t{first} * 4, count, sums, 1, luma, alpha);
+  ConvertPixels<kOneColour>(row + std::ptrdiff_t{after} * 4, 1, sums, count + 1, spare, spare + 1);
 }
 
 // The quotient without its fraction: a double holds both exactly, and no quotient of 32-bit numbers
@@ -129,7 +136,10 @@ TAVREL_INLINE std::uint8_t MeanChroma(std::int32_t sum, std::int32_t weight) {
   return static_cast<std::uint8_t>(weight == 0 ? 128 : Limit((mean + 128) >> 8, 16, 240));
 }
 
-TAVREL_INLINE void ConvertStrip(const OverlayBlocks& b, std::int32_t first, std::int32_t count) {
+// colour: a pixel of the one colour.
+template <bool kOneColour>
+TAVREL_INLINE void ConvertStrip(const OverlayBlocks& b, std::int32_t first, std::int32_t count,
+                                std::uint32_t colour) {
   Strip strip;
   std::array<std::int32_t, kStrip / 2> weights;
   std::array<std::int32_t, kStrip / 2> firsts;
@@ -142,9 +152,9 @@ TAVREL_INLINE void ConvertStrip(const OverlayBlocks& b, std::int32_t first, std:
     for (; nextRow <= below; ++nextRow) {
       const bool own = nextRow >= 2 * b.top && nextRow < 2 * b.bottom;
       const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(nextRow) * b.width + first;
-      ConvertRow(b, nextRow, first, count, strip.rows[static_cast<std::size_t>(nextRow % 4)],
-                 own ? b.luma + at : strip.spareLuma.data(),
-                 own ? b.alpha + at : strip.spareAlpha.data());
+      ConvertRow<kOneColour>(
+          b, nextRow, first, count, strip.rows[static_cast<std::size_t>(nextRow % 4)],
+          own ? b.luma + at : strip.spareLuma.data(), own ? b.alpha + at : strip.spareAlpha.data());
     }
     const std::int32_t above = 2 * by - 1 > 0 ? 2 * by - 1 : 0;
     const RowSums& r0 = strip.rows[static_cast<std::size_t>(above % 4)];
@@ -162,19 +172,32 @@ TAVREL_INLINE void ConvertStrip(const OverlayBlocks& b, std::int32_t first, std:
       }
     };
     sum(r0.a.data(), r1.a.data(), r2.a.data(), r3.a.data(), weights.data());
-    sum(r0.p.data(), r1.p.data(), r2.p.data(), r3.p.data(), firsts.data());
-    sum(r0.q.data(), r1.q.data(), r2.q.data(), r3.q.data(), seconds.data());
+    if constexpr (!kOneColour) {
+      sum(r0.p.data(), r1.p.data(), r2.p.data(), r3.p.data(), firsts.data());
+      sum(r0.q.data(), r1.q.data(), r2.q.data(), r3.q.data(), seconds.data());
+    }
     const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(by) * (b.width / 2) + first / 2;
     std::uint8_t* __restrict const firstChroma = b.firstChroma + at;
     std::uint8_t* __restrict const secondChroma = b.secondChroma + at;
     std::uint8_t* __restrict const chromaAlpha = b.chromaAlpha + at;
-    for (std::int32_t j = 0; j < blocks; ++j) {
-      firstChroma[j] =
-          MeanChroma(firsts[static_cast<std::size_t>(j)], weights[static_cast<std::size_t>(j)]);
-    }
-    for (std::int32_t j = 0; j < blocks; ++j) {
-      secondChroma[j] =
-          MeanChroma(seconds[static_cast<std::size_t>(j)], weights[static_cast<std::size_t>(j)]);
+    if constexpr (kOneColour) {
+      const Ycbcr88 one = RgbToYcbcr601(colour & 0xFF, (colour >> 8) & 0xFF, (colour >> 16) & 0xFF);
+      const std::uint8_t p = MeanChroma(one.p, 1);
+      const std::uint8_t q = MeanChroma(one.q, 1);
+      for (std::int32_t j = 0; j < blocks; ++j) {
+        const bool empty = weights[static_cast<std::size_t>(j)] == 0;
+        firstChroma[j] = empty ? 128 : p;
+        secondChroma[j] = empty ? 128 : q;
+      }
+    } else {
+      for (std::int32_t j = 0; j < blocks; ++j) {
+        firstChroma[j] =
+            MeanChroma(firsts[static_cast<std::size_t>(j)], weights[static_cast<std::size_t>(j)]);
+      }
+      for (std::int32_t j = 0; j < blocks; ++j) {
+        secondChroma[j] =
+            MeanChroma(seconds[static_cast<std::size_t>(j)], weights[static_cast<std::size_t>(j)]);
+      }
     }
     for (std::int32_t j = 0; j < blocks; ++j) {
       chromaAlpha[j] = static_cast<std::uint8_t>((weights[static_cast<std::size_t>(j)] + 10) / 20);
@@ -182,10 +205,47 @@ TAVREL_INLINE void ConvertStrip(const OverlayBlocks& b, std::int32_t first, std:
   }
 }
 
+// Whether all pixels around the blocks that are not transparent have one colour; it is put into
+// `colour`, as a pixel.
+TAVREL_INLINE bool HasOneColour(const OverlayBlocks& b, std::uint32_t& colour) {
+  const std::int32_t left = 2 * b.left - 1 > 0 ? 2 * b.left - 1 : 0;
+  const std::int32_t right = 2 * b.right + 1 < b.width ? 2 * b.right + 1 : b.width;
+  const std::int32_t top = 2 * b.top - 1 > 0 ? 2 * b.top - 1 : 0;
+  const std::int32_t bottom = 2 * b.bottom + 1 < b.height ? 2 * b.bottom + 1 : b.height;
+  const auto at = [&b](std::int32_t x, std::int32_t y) __attribute__((always_inline)) {
+    std::uint32_t pixel;
+    std::memcpy(&pixel, b.pixels + y * b.stride + std::ptrdiff_t{x} * 4, 4);
+    return pixel;
+  };
+  bool found = false;
+  for (std::int32_t y = top; y < bottom; ++y) {
+    for (std::int32_t x = left; x < right && !found; ++x) {
+      found = at(x, y) >> 24 != 0;
+      colour = at(x, y);
+    }
+    std::uint32_t difference = 0;
+    for (std::int32_t x = left; x < right; ++x) {
+      const std::uint32_t pixel = at(x, y);
+      difference |= pixel >> 24 != 0 ? (pixel ^ colour) & 0xFFFFFF : 0;
+    }
+    if (difference != 0) {
+      return false;
+    }
+  }
+  return true;
+}
+
 TAVREL_INLINE void ConvertInStrips(const OverlayBlocks& b) {
+  std::uint32_t colour = 0;
+  const bool oneColour = HasOneColour(b, colour);
   for (std::int32_t first = 2 * b.left; first < 2 * b.right; first += kStrip) {
     const std::int32_t rest = 2 * b.right - first;
-    ConvertStrip(b, first, rest < kStrip ? rest : kStrip);
+    const std::int32_t count = rest < kStrip ? rest : kStrip;
+    if (oneColour) {
+      ConvertStrip<true>(b, first, count, colour);
+    } else {
+      ConvertStrip<false>(b, first, count, colour);
+    }
   }
 }
 
