@@ -91,7 +91,7 @@ Time Nearest(const std::vector<Time>& times, Time time) {
   return nearest == times.end() ? std::numeric_limits<Time>::max() / 2 : *nearest;
 }
 
-// `./dev soak` asks for half an hour.
+// `./dev sync` asks for half an hour.
 double SecondsOfSync() {
   const char* const minutes = std::getenv("TAVREL_SYNC_MINUTES");
   return minutes == nullptr ? 8 : std::atof(minutes) * 60;

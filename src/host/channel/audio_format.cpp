@@ -66,6 +66,27 @@ int SamplesPerFrame(const AVCodecParameters& parameters) {
   }
 }
 
+bool IsMpegAudio(AVCodecID codec) {
+  return codec == AV_CODEC_ID_MP1 || codec == AV_CODEC_ID_MP2 || codec == AV_CODEC_ID_MP3;
+}
+
+// By the header that every frame of MPEG audio has: eleven ones, two bits of version, two of layer.
+AVCodecID LayerOf(const AVPacket& packet, AVCodecID announced) {
+  if (packet.size < 4 || packet.data[0] != 0xFF || (packet.data[1] & 0xE0) != 0xE0) {
+    return announced;
+  }
+  switch (packet.data[1] >> 1 & 3) {
+    case 3:
+      return AV_CODEC_ID_MP1;
+    case 2:
+      return AV_CODEC_ID_MP2;
+    case 1:
+      return AV_CODEC_ID_MP3;
+    default:
+      return announced;
+  }
+}
+
 }  // namespace
 
 std::uint32_t AdtsHeader(const AVPacket& packet) {
@@ -108,9 +129,16 @@ std::shared_ptr<const AudioFormat> PassedFormat(const AVCodecParameters& paramet
   format->parameters->codec_tag = 0;
   // The stamps that travel are those of the source, whose delay is in them.
   format->parameters->initial_padding = 0;
+  if (IsMpegAudio(parameters.codec_id)) {
+    // Transport streams have one name for all layers: the packet tells.
+    if (packet == nullptr) {
+      return nullptr;
+    }
+    format->parameters->codec_id = LayerOf(*packet, parameters.codec_id);
+  }
   // Some containers leave it out that others want.
   if (format->parameters->frame_size == 0) {
-    format->parameters->frame_size = SamplesPerFrame(parameters);
+    format->parameters->frame_size = SamplesPerFrame(*format->parameters);
   }
   if (parameters.codec_id != AV_CODEC_ID_AAC) {
     return format;
