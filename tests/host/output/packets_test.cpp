@@ -26,8 +26,8 @@ ffmpeg::Packet PacketAt(Time time, Time duration = 20 * kMillisecond, int bytes 
 }
 
 TrackPacket Picture(int number, bool key) {
-  return {TrackPacket::kVideo,
-          PacketAt(number * 40 * kMillisecond, 40 * kMillisecond, 1000, key), 0};
+  return {TrackPacket::kVideo, PacketAt(number * 40 * kMillisecond, 40 * kMillisecond, 1000, key),
+          0};
 }
 TrackPacket Sound(Time time) {
   return {0, PacketAt(time), 0};
