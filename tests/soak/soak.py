@@ -58,9 +58,16 @@ def make_clips(folder):
 
 
 class Relay:
-    """Passes datagrams from one port to another and back, dropping and damaging some."""
+    """Passes datagrams from one port to another and back, dropping and damaging some.
 
-    def __init__(self, listen, target, seed):
+    What damages a datagram on its way is found by its checksum, and it is dropped: what arrives damaged was so
+    before it was sent. So the control packets and the headers of SRT stay whole.
+    """
+
+    SRT_HEADER = 16
+
+    def __init__(self, listen, target, seed, srt):
+        self.header = self.SRT_HEADER if srt else 0
         self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 21)
         self.socket.bind(("127.0.0.1", listen))
@@ -102,10 +109,11 @@ class Relay:
                         self.returned.set()
             if self.random.random() < self.loss:
                 continue
-            if self.random.random() < self.damage:
+            control = self.header > 0 and data[0] & 0x80
+            if self.random.random() < self.damage and not control and len(data) > self.header:
                 data = bytearray(data)
                 for _ in range(3):
-                    data[self.random.randrange(len(data))] ^= 1 << self.random.randrange(8)
+                    data[self.random.randrange(self.header, len(data))] ^= 1 << self.random.randrange(8)
             try:
                 if forward:
                     self.back.sendto(data, self.target)
@@ -382,15 +390,15 @@ def main():
         near, far = base + 2 * i, base + 2 * i + 1  # the sender's side of the relay, the wall's side
         if i < 5:
             sender, source = f"udp://127.0.0.1:{near}?pkt_size=1316", f"udp://127.0.0.1:{far}"
-            relay = Relay(near, far, arguments.seed * 100 + i)
+            relay = Relay(near, far, arguments.seed * 100 + i, srt=False)
         elif i < 7:
             sender = f"srt://127.0.0.1:{near}?mode=caller&pkt_size=1316"
             source = f"srt://127.0.0.1:{far}?mode=listener"
-            relay = Relay(near, far, arguments.seed * 100 + i)
+            relay = Relay(near, far, arguments.seed * 100 + i, srt=True)
         else:
             sender = f"srt://127.0.0.1:{near}?mode=listener&pkt_size=1316"
             source = f"srt://127.0.0.1:{far}?mode=caller"
-            relay = Relay(far, near, arguments.seed * 100 + i)
+            relay = Relay(far, near, arguments.seed * 100 + i, srt=True)
         names.append(name)
         relays.append(relay)
         senders.append(Sender(folder, sender))

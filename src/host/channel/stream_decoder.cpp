@@ -11,6 +11,12 @@ extern "C" {
 #include "host/units.h"
 
 namespace host {
+namespace {
+
+// A damaged header may ask for pictures of any size: nothing beyond 8K gets memory.
+constexpr std::int64_t kMostPixels = std::int64_t{8192} * 4352;
+
+}  // namespace
 
 StreamDecoder::StreamDecoder(const AVStream& stream, int threads) {
   const AVCodec* decoder = avcodec_find_decoder(stream.codecpar->codec_id);
@@ -26,6 +32,7 @@ StreamDecoder::StreamDecoder(const AVStream& stream, int threads) {
                 decoder->name);
   codec_->pkt_timebase = AVRational{1, static_cast<int>(kSecond)};
   codec_->thread_count = threads;
+  codec_->max_pixels = kMostPixels;
   ffmpeg::Check(avcodec_open2(codec_.get(), decoder, nullptr), "cannot start the decoder",
                 decoder->name);
 }
