@@ -12,7 +12,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
-#include <unistd.h>
+#include <pthread.h>
 
 #include "log/logfile_sink.h"
 #include "tests/support/temporary_folder.h"
@@ -137,7 +137,8 @@ TEST_F(ShowingLogs, FollowsAFileUntilItIsToldToStop) {
   other.SetPath(path);
   other.Write(1, kTime, "anew");
   EXPECT_TRUE(shown.WaitFor(" anew\n")) << "the new file was not followed";
-  ::kill(::getpid(), SIGTERM);
+  // As in the program, where it is the thread that waits for it that a signal strikes.
+  ::pthread_kill(follower.native_handle(), SIGTERM);
   follower.join();
   EXPECT_THAT(shown.Text(), EndsWith(" anew\n"));
 }
