@@ -7,6 +7,7 @@ namespace host {
 void ChannelQueue::Open() {
   const std::lock_guard guard(lock_);
   items_.clear();
+  lastPushed_.reset();
   target_ = std::numeric_limits<Time>::min();
   horizon_ = std::numeric_limits<Time>::min();
   waiting_ = false;
@@ -40,6 +41,7 @@ bool ChannelQueue::Push(ChannelItem item) {
     if (closed_ || readerLeft_) {
       return false;
     }
+    lastPushed_ = item.time;
     items_.push_back(std::move(item));
   }
   changed_.notify_one();
@@ -125,6 +127,11 @@ void ChannelQueue::LeaveReaderBehind() {
 bool ChannelQueue::ended() const {
   const std::lock_guard guard(lock_);
   return closed_ || (items_.empty() && horizon_ == kForever);
+}
+
+std::optional<Time> ChannelQueue::lastPushed() const {
+  const std::lock_guard guard(lock_);
+  return lastPushed_;
 }
 
 }  // namespace host

@@ -86,6 +86,8 @@ class ChannelQueue {
   void LeaveReaderBehind();
   // Nothing is left, and nothing more will come.
   bool ended() const;
+  // When the item that was pushed last is due; none before the first.
+  std::optional<Time> lastPushed() const;
 
  private:
   Time Now() const;
@@ -96,6 +98,7 @@ class ChannelQueue {
   std::condition_variable changed_;  // for the streaming thread
   std::condition_variable settled_;  // for the driver of the wall's time
   std::deque<ChannelItem> items_;    // guarded by lock_, as is all below
+  std::optional<Time> lastPushed_;
   std::function<Time()> clock_;
   Time target_ = std::numeric_limits<Time>::min();
   Time horizon_ = std::numeric_limits<Time>::min();

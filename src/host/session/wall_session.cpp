@@ -260,6 +260,18 @@ bool WallSession::AdvanceChannels(Time time, std::chrono::milliseconds stallLimi
   return ended;
 }
 
+Time WallSession::LastFrameWithNews(std::int64_t frame) {
+  Time last = 0;
+  for (const ComPtr<ChannelSource>& channel : channels_) {
+    last = std::max(last, channel->queue().lastPushed().value_or(0));
+  }
+  const Ratio rate = settings_.wall.canvas.frameRate;
+  while (frame > 0 && FrameStart(frame - 1, rate) >= last) {
+    --frame;
+  }
+  return FrameStart(frame, rate);
+}
+
 void WallSession::Render(const RenderControl& control) {
   Check(graph_->Run(0), "run the graph");
   const Ratio rate = settings_.wall.canvas.frameRate;
@@ -270,7 +282,7 @@ void WallSession::Render(const RenderControl& control) {
     }
     const Time time = FrameStart(frame, rate);
     if (AdvanceChannels(time, control.stallLimit) && !endsAt) {
-      endsAt = time + kWindowLatency;
+      endsAt = LastFrameWithNews(frame) + kWindowLatency;
     }
     if (!background_->SendFrame(frame) || !watch_->Wait(kFrameLimit)) {
       throw GraphError("frame " + std::to_string(frame) + " never came out of the composer");

@@ -84,6 +84,9 @@ class WallSession {
   std::string TimeText(Time time) const;
   void Connect(FeedPin& from, IPin* to, const std::string& what);
   bool AdvanceChannels(Time time, std::chrono::milliseconds stallLimit);
+  // Start of the first frame, up to `frame`, by which everything that the channels gave was due.
+  // Readers may say some frames later that nothing more will come; this does not depend on it.
+  Time LastFrameWithNews(std::int64_t frame);
 
   const Settings settings_;
   WallClock clock_;
