@@ -13,7 +13,8 @@
 namespace host::cli {
 namespace {
 
-// What a signal handler may touch: lock-free atomics and write.
+// What a signal handler may touch: lock-free atomics and write. The descriptor, once open, stays:
+// a handler that has begun on another thread may write to it later than everybody expects.
 std::atomic<int> requests{0};
 std::atomic<int> wakeUp{-1};
 struct sigaction formerInterrupt;
@@ -33,12 +34,15 @@ void HandleSignal(int signal) {
 }  // namespace
 
 StopSignals::StopSignals() {
-  const int descriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (descriptor < 0) {
-    throw std::system_error(errno, std::generic_category(), "cannot wait for signals");
+  if (wakeUp < 0) {
+    wakeUp = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (wakeUp < 0) {
+      throw std::system_error(errno, std::generic_category(), "cannot wait for signals");
+    }
   }
+  std::uint64_t former = 0;
+  [[maybe_unused]] const ssize_t taken = read(wakeUp, &former, sizeof(former));
   requests = 0;
-  wakeUp = descriptor;
   struct sigaction action {};
   action.sa_handler = &HandleSignal;
   action.sa_flags = SA_RESTART;
@@ -54,7 +58,6 @@ StopSignals::~StopSignals() {
   sigaction(SIGINT, &formerInterrupt, nullptr);
   sigaction(SIGTERM, &formerTerminate, nullptr);
   sigaction(SIGPIPE, &formerPipe, nullptr);
-  close(wakeUp.exchange(-1));
 }
 
 bool StopSignals::Requested() const {
