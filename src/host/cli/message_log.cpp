@@ -1,6 +1,5 @@
 #include "host/cli/message_log.h"
 
-#include <algorithm>
 #include <stdexcept>
 
 #include "host/ffmpeg/log.h"
@@ -177,10 +176,7 @@ void MessageLog::ChannelOpened(const std::string& channel, const MediaInfo& info
   bool wasLost = false;
   {
     const std::lock_guard guard(lock_);
-    Channel& state = channels_[channel];
-    wasLost = state.state == "failed";
-    state.state = "live";
-    state.reason.clear();
+    wasLost = failures_.erase(channel) > 0;
   }
   // The end of a failure is for everybody who was told of the failure.
   Say(wasLost || !info.video.has_value() ? qorp::log::kError : qorp::log::kInfo,
@@ -190,7 +186,7 @@ void MessageLog::ChannelOpened(const std::string& channel, const MediaInfo& info
 void MessageLog::ChannelEnded(const std::string& channel) {
   {
     const std::lock_guard guard(lock_);
-    channels_[channel].state = "ended";
+    failures_.erase(channel);
   }
   Say(qorp::log::kInfo, "channel \"" + channel + "\": ended");
 }
@@ -200,10 +196,9 @@ void MessageLog::ChannelFailed(const std::string& channel, const std::string& re
   bool isNews = false;
   {
     const std::lock_guard guard(lock_);
-    Channel& state = channels_[channel];
-    isNews = state.state != "failed" || state.reason != reason;
-    state.state = "failed";
-    state.reason = reason;
+    const auto [failure, isNew] = failures_.try_emplace(channel, reason);
+    isNews = isNew || failure->second != reason;
+    failure->second = reason;
   }
   Say(isNews ? qorp::log::kError : qorp::log::kDebug,
       "channel \"" + channel + "\": " + reason +
@@ -212,18 +207,6 @@ void MessageLog::ChannelFailed(const std::string& channel, const std::string& re
 
 void MessageLog::ChannelSoundChanged(const std::string& channel, const std::string& what) {
   Say(qorp::log::kWarning, "channel \"" + channel + "\": " + what);
-}
-
-std::map<std::string, MessageLog::Channel> MessageLog::channels() const {
-  const std::lock_guard guard(lock_);
-  return channels_;
-}
-
-std::size_t MessageLog::CountIn(const std::string& state) const {
-  const std::lock_guard guard(lock_);
-  return static_cast<std::size_t>(
-      std::count_if(channels_.begin(), channels_.end(),
-                    [&](const auto& entry) { return entry.second.state == state; }));
 }
 
 }  // namespace host::cli

@@ -1,7 +1,6 @@
 // What a running wall says: to the person who watches it, to its log file, to a syslog server.
 #pragma once
 
-#include <cstddef>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -25,12 +24,6 @@ namespace host::cli {
 // for the error stream or a disk, but whoever shows the progress.
 class MessageLog final : public ChannelObserver {
  public:
-  struct Channel {
-    std::string name;
-    std::string state = "opening";  // opening, live, ended, failed
-    std::string reason;             // of the latest failure
-  };
-
   // Throws std::runtime_error when a file cannot be written, or is something else than a log file,
   // and when the syslog server has no address.
   MessageLog(Streams& streams, const wall::LogOptions& options);
@@ -57,9 +50,6 @@ class MessageLog final : public ChannelObserver {
   void WipeProgress() { screen_.WipeProgress(); }
   // A line of the command's own.
   void Say(std::int32_t level, const std::string& line);
-  // By name.
-  std::map<std::string, Channel> channels() const;
-  std::size_t CountIn(const std::string& state) const;
 
  private:
   // The error stream: messages, and the progress line that makes room for them.
@@ -97,8 +87,9 @@ class MessageLog final : public ChannelObserver {
   std::optional<Syslog> syslog_;
   qorp::log::LogPerf logger_;  // ends before its sinks
 
-  mutable std::mutex lock_;
-  std::map<std::string, Channel> channels_;  // guarded by lock_
+  std::mutex lock_;
+  // Why a channel fails, by its name, while it does.
+  std::map<std::string, std::string> failures_;  // guarded by lock_
 };
 
 }  // namespace host::cli

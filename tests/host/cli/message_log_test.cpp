@@ -107,13 +107,10 @@ TEST_F(Messages, TellOfAChannelWhenSomethingChanges) {
   info.video->codec = "h264";
   info.noAudioReason = "there is none";
   messages.ChannelOpened("B", info);
-  EXPECT_EQ(messages.CountIn("failed"), 1U);
   messages.ChannelOpened("A", info);
   messages.ChannelFailed("A", "no data for 5 s", std::nullopt);
   messages.ChannelEnded("B");
   messages.Flush();
-  EXPECT_EQ(messages.channels().at("A").reason, "no data for 5 s");
-  EXPECT_EQ(messages.channels().at("B").state, "ended");
   EXPECT_THAT(err.str(), MatchesRegex(".{23} channel \"A\": connection refused; it is tried again\n"
                                       ".{23} channel \"A\": opened \\(mpegts, h264 0x0, no audio "
                                       "\\(there is none\\)\\)\n"
