@@ -127,6 +127,18 @@ void CircularLogFile::ReadLines(std::uint64_t begin, std::uint64_t end,
   }
 }
 
+std::string CircularLogFile::ReadBytes() const {
+  std::string bytes(file_.IsOpen() ? size_ : 0, '\0');
+  std::size_t filled = 0;
+  std::size_t count = 0;
+  while (filled < bytes.size() &&
+         file_.ReadAt(filled, std::span(bytes).subspan(filled), &count) == 0 && count != 0) {
+    filled += count;
+  }
+  bytes.resize(filled);
+  return bytes;
+}
+
 void CircularLogFile::Append(std::string_view line, std::uint32_t maxSize) {
   std::string bytes(line);
   bytes += kLineEnd;

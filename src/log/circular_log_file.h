@@ -61,6 +61,9 @@ class CircularLogFile {
   void ReadNewest(const TakeLine& take) const;
   // The lines that begin at begin or later, and before end.
   void ReadLines(std::uint64_t begin, std::uint64_t end, const TakeLine& take) const;
+  // All bytes as they are, in one go: beside a writer that leaves it the least time to change them.
+  // What cannot be read is missing at the end.
+  std::string ReadBytes() const;
 
   // Writes a line, and the header that counts it. maxSize in bytes: when a line ends beyond it, the
   // next one is written at 12 again; 0 for no limit but that of the header, 4 GiB.

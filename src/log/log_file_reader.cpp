@@ -17,6 +17,14 @@ auto TimeAndNumber(const NumberedLogLine& line) {
   return std::pair(line.entry.milliseconds, line.number);
 }
 
+// Whether a line's number is but the end of the one that belongs before the next line: its
+// beginning has been overwritten.
+bool IsRest(const NumberedLogLine& line, const NumberedLogLine& next) {
+  const std::string whole = std::to_string(next.number - 1);
+  const std::string rest = std::to_string(line.number);
+  return whole.size() > rest.size() && whole.ends_with(rest);
+}
+
 bool IsOlder(const NumberedLogLine& line, const NumberedLogLine& than) {
   return line.number < than.number && line.entry.milliseconds <= than.entry.milliseconds;
 }
@@ -69,7 +77,7 @@ LogFileReader::Lines LogFileReader::Collect(std::uint64_t begin, std::uint64_t e
     auto line = ReadLogLine(text);
     // A line that has no end yet is being written.
     if (line && place + text.size() + kLineEnd <= file_.size()) {
-      lines.push_back({std::move(*line), place});
+      lines.push_back({std::move(*line), place, place + text.size() + kLineEnd});
     }
     return true;
   });
@@ -92,7 +100,7 @@ bool LogFileReader::ReadFromStart(const TakeLine& take) {
                   [&](std::string_view text, std::uint64_t begin) {
                     if (auto line = ReadLogLine(text)) {
                       take(*line);
-                      last_ = PlacedLine{std::move(*line), begin};
+                      last_ = PlacedLine{std::move(*line), begin, head};
                     }
                     return true;
                   });
@@ -133,12 +141,38 @@ bool LogFileReader::IsUncounted(const Lines& oldest, const Lines& newest) {
   });
 }
 
-LogFileReader::Lines LogFileReader::TakeSnapshot() {
+// The lines that begin there and have an end.
+LogFileReader::Lines LogFileReader::Parse(std::string_view bytes, std::uint64_t begin,
+                                          std::uint64_t end) {
+  Lines lines;
+  while (begin < end) {
+    const std::size_t lineFeed = bytes.find('\n', begin);
+    if (lineFeed == std::string_view::npos) {
+      break;
+    }
+    std::string_view text = bytes.substr(begin, lineFeed - begin);
+    if (text.ends_with('\r')) {
+      text.remove_suffix(1);
+    }
+    if (auto line = ReadLogLine(text)) {
+      lines.push_back({std::move(*line), begin, lineFeed + 1});
+    }
+    begin = lineFeed + 1;
+  }
+  return lines;
+}
+
+LogFileReader::Snapshot LogFileReader::TakeSnapshot() {
   const std::uint64_t head = file_.head();
-  Lines lines = Collect(head, file_.size());
-  Lines newest = Collect(CircularLogFile::kHeaderSize, head);
+  const std::string bytes = file_.ReadBytes();
   ReadHeader();
-  // What the writer went over while we read, in the order of the file and round its end.
+  Lines lines = Parse(bytes, head, bytes.size());
+  Lines newest = Parse(bytes, CircularLogFile::kHeaderSize, head);
+  // No line reaches over a head: the writer has been round the file since that was read.
+  if (!newest.empty() && newest.back().end > head) {
+    return {};
+  }
+  // What the writer went over meanwhile, in the order of the file and round its end.
   const std::uint64_t movedTo = file_.head();
   if (movedTo != head) {
     const auto isUnsafe = [&](const PlacedLine& line) {
@@ -152,6 +186,13 @@ LogFileReader::Lines LogFileReader::TakeSnapshot() {
   if (!lines.empty() && IsUncounted(lines, newest)) {
     lines.erase(lines.begin());
   }
+  // Then comes what is left of the line that is overwritten next.
+  const PlacedLine* const second = lines.size() > 1  ? &lines[1]
+                                   : !newest.empty() ? &newest.front()
+                                                     : nullptr;
+  if (!lines.empty() && second != nullptr && IsRest(lines.front().line, second->line)) {
+    lines.erase(lines.begin());
+  }
   // Lines from before the file was made smaller stand last.
   const auto stale = std::find_if(lines.begin(), lines.end(), [&](const PlacedLine& line) {
     return IsOlder(line.line, lines.front().line);
@@ -159,9 +200,7 @@ LogFileReader::Lines LogFileReader::TakeSnapshot() {
   std::rotate(lines.begin(), stale, lines.end());
   lines.insert(lines.end(), std::make_move_iterator(newest.begin()),
                std::make_move_iterator(newest.end()));
-  // The reading goes on from the head that was seen first.
-  lastEnd_ = head;
-  return lines;
+  return {std::move(lines), head};
 }
 
 // Places where the numbers do not count on: left by a writer that took over, or by one that went
@@ -187,42 +226,35 @@ void LogFileReader::SortByTime(Lines& lines) {
 // The number of lines that were lost. Numbers tell of them; but a writer that has taken over steps
 // back, and the next one forward again, so that not every step in a file is a loss.
 std::int64_t LogFileReader::ReadAll(const TakeLine& take) {
-  Lines lines = TakeSnapshot();
-  Gaps gaps = FindGaps(lines);
-  bool isTorn = !gaps.empty() || lines.empty();
-  for (int i = 1; i < kTries && isTorn; ++i) {
-    lines = TakeSnapshot();
-    Gaps again = FindGaps(lines);
-    isTorn = again != gaps;
+  Snapshot snapshot;
+  Gaps gaps;
+  bool isTorn = true;
+  for (int i = 0; i < kTries && isTorn; ++i) {
+    snapshot = TakeSnapshot();
+    Gaps again = FindGaps(snapshot.lines);
+    isTorn = snapshot.lines.empty() || (!again.empty() && (i == 0 || again != gaps));
     gaps = std::move(again);
   }
   if (isTorn) {
-    // Places tell nothing of parts from different rounds; the times do.
-    SortByTime(lines);
+    return 0;
   }
+  const Lines& lines = snapshot.lines;
   auto next = lines.cbegin();
-  bool isLoss = false;  // what the numbers leave out before the next line
-  std::int64_t number = 0;
+  std::int64_t lost = 0;
   if (last_) {
     const auto found = std::find_if(lines.crbegin(), lines.crend(), [&](const PlacedLine& line) {
-      return isTorn ? TimeAndNumber(line.line) <= TimeAndNumber(last_->line)
-                    : line.line == last_->line;
+      return line.line == last_->line;
     });
-    isLoss = found == lines.crend() || isTorn;
     next = found.base();
-    number = last_->line.number;
+    if (found == lines.crend()) {
+      lost = std::max<std::int64_t>(lines.front().line.number - last_->line.number - 1, 0);
+    }
   }
-  std::int64_t lost = 0;
   for (; next != lines.cend(); ++next) {
-    lost += isLoss ? std::max<std::int64_t>(next->line.number - number - 1, 0) : 0;
-    number = next->line.number;
-    isLoss = isTorn;
     take(next->line);
   }
-  if (!lines.empty() &&
-      (!last_ || !isTorn || TimeAndNumber(lines.back().line) > TimeAndNumber(last_->line))) {
-    last_ = lines.back();
-  }
+  last_ = lines.back();
+  lastEnd_ = snapshot.head;
   return lost;
 }
 

@@ -5,6 +5,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -43,7 +44,9 @@ class LogFileReader {
   // The system's form of a path, or a native one.
   explicit LogFileReader(std::string path) : path_(std::move(path)) {}
 
-  // Hands over the lines that were written since the reading before, or all the first time.
+  // Hands over the lines that were written since the reading before, or all the first time. None
+  // while the writer goes round the file faster than it can be read; the next reading counts what
+  // was lost.
   Result Read(const TakeLine& take);
   // Every line of a file whose header is damaged, in the order of their times. Throws nothing;
   // nothing is handed over when the file cannot be read.
@@ -56,8 +59,13 @@ class LogFileReader {
   struct PlacedLine {
     NumberedLogLine line;
     std::uint64_t begin = 0;  // in the file
+    std::uint64_t end = 0;    // behind its line end
   };
   using Lines = std::vector<PlacedLine>;
+  struct Snapshot {
+    Lines lines;             // of the whole file in order; none when it changed too much meanwhile
+    std::uint64_t head = 0;  // behind the last of them
+  };
   // The numbers around each.
   using Gaps = std::vector<std::pair<std::int64_t, std::int64_t>>;
 
@@ -67,8 +75,8 @@ class LogFileReader {
   bool ReadOn(const TakeLine& take);
   std::int64_t ReadAll(const TakeLine& take);
   Lines Collect(std::uint64_t begin, std::uint64_t end) const;
-  // The whole file in order.
-  Lines TakeSnapshot();
+  static Lines Parse(std::string_view bytes, std::uint64_t begin, std::uint64_t end);
+  Snapshot TakeSnapshot();
   static Gaps FindGaps(const Lines& lines);
   static void SortByTime(Lines& lines);
   // Whether the first of the oldest lines is really one that was being written.
