@@ -8,6 +8,7 @@
 #include "platform/baseclasses/registration.h"
 #include "platform/os/registry.h"
 #include "tests/support/fake_filters.h"
+#include "tests/support/temporary_folder.h"
 
 namespace {
 
@@ -53,20 +54,10 @@ TEST(ClassFactory, PassesOnWhyAnObjectWasNotMade) {
 
 class RegistrationTest : public testing::Test {
  protected:
-  void SetUp() override {
-    folder_ = std::filesystem::temp_directory_path() /
-              ("tavrel-registration-" +
-               std::to_string(::testing::UnitTest::GetInstance()->random_seed()) + "-" +
-               std::to_string(reinterpret_cast<std::uintptr_t>(this)));
-    std::filesystem::create_directories(folder_);
-    setenv("TAVREL_REGISTRY", (folder_ / "registry").c_str(), 1);
-  }
-  void TearDown() override {
-    unsetenv("TAVREL_REGISTRY");
-    std::filesystem::remove_all(folder_);
-  }
+  RegistrationTest() { setenv("TAVREL_REGISTRY", (folder_ / "registry").c_str(), 1); }
+  ~RegistrationTest() override { unsetenv("TAVREL_REGISTRY"); }
 
-  std::filesystem::path folder_;
+  const TemporaryFolder folder_;
 };
 
 TEST_F(RegistrationTest, WritesWhatAHostLooksUpAndTakesItOutAgain) {
