@@ -10,6 +10,7 @@ extern "C" {
 #include <libavutil/audio_fifo.h>
 #include <libavutil/dict.h>
 #include <libavutil/frame.h>
+#include <libavutil/mem.h>
 #include <libswresample/swresample.h>
 #include <libswscale/swscale.h>
 }
@@ -85,6 +86,20 @@ Holder Own(Handle* handle) {
   return Holder(handle);
 }
 
+CallbackIo MakeIo(int isWriting, void* self, IoCallback read, IoCallback write) {
+  constexpr int kBufferSize = 64 * 1024;
+  auto* const buffer = static_cast<unsigned char*>(av_malloc(kBufferSize));
+  if (buffer == nullptr) {
+    throw std::bad_alloc();
+  }
+  AVIOContext* const io =
+      avio_alloc_context(buffer, kBufferSize, isWriting, self, read, write, nullptr);
+  if (io == nullptr) {
+    av_free(buffer);
+  }
+  return Own<CallbackIo>(io);
+}
+
 }  // namespace
 
 Frame MakeFrame() {
@@ -113,6 +128,14 @@ Parameters CopyParameters(const AVCodecParameters& parameters) {
     throw std::bad_alloc();
   }
   return copy;
+}
+
+CallbackIo MakeReadingIo(void* self, IoCallback read) {
+  return MakeIo(0, self, read, nullptr);
+}
+
+CallbackIo MakeWritingIo(void* self, IoCallback write) {
+  return MakeIo(1, self, nullptr, write);
 }
 
 PacketFilter MakePacketFilter(const char* name, const AVCodecParameters& parameters) {

@@ -3,6 +3,7 @@
 // pull in FFmpeg.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -75,6 +76,9 @@ using SampleFifo = std::unique_ptr<AVAudioFifo, FreeSampleFifo>;
 using PacketFilter = std::unique_ptr<AVBSFContext, FreePacketFilter>;
 using CallbackIo = std::unique_ptr<AVIOContext, FreeCallbackIo>;
 
+// What FFmpeg calls to read or write up to size bytes: their count, or a negative error of FFmpeg.
+using IoCallback = int (*)(void* self, std::uint8_t* bytes, int size);
+
 // Empty frame, packet and parameters. Throw std::bad_alloc.
 Frame MakeFrame();
 Packet MakePacket();
@@ -84,6 +88,11 @@ Parameters MakeParameters();
 Frame RefFrame(const AVFrame& frame);
 Packet RefPacket(const AVPacket& packet);
 Parameters CopyParameters(const AVCodecParameters& parameters);
+
+// A context that reads, or one that writes, through a callback; self goes back into each call.
+// Throw std::bad_alloc.
+CallbackIo MakeReadingIo(void* self, IoCallback read);
+CallbackIo MakeWritingIo(void* self, IoCallback write);
 
 // A packet filter (FFmpeg's bitstream filter of that name) for packets of such a stream, ready to
 // work. Throws Error.

@@ -2,12 +2,9 @@
 
 #include <chrono>
 #include <cstddef>
-#include <new>
 
 extern "C" {
-#include <libavformat/avio.h>
 #include <libavutil/error.h>
-#include <libavutil/mem.h>
 }
 
 #include "host/ffmpeg/error.h"
@@ -16,7 +13,6 @@ extern "C" {
 namespace host::ffmpeg {
 namespace {
 
-constexpr int kBufferSize = 64 * 1024;
 // How long a cancelled read may take to notice.
 constexpr std::chrono::milliseconds kPatience(20);
 
@@ -47,15 +43,7 @@ PipeInput::PipeInput(const std::string& source, IoDeadline& deadline) : deadline
       error != 0) {
     throw Error(ToAvError(error), "cannot open", source);
   }
-  auto* const buffer = static_cast<unsigned char*>(av_malloc(kBufferSize));
-  if (buffer == nullptr) {
-    throw std::bad_alloc();
-  }
-  io_.reset(avio_alloc_context(buffer, kBufferSize, 0, this, &ReadCallback, nullptr, nullptr));
-  if (io_ == nullptr) {
-    av_free(buffer);
-    throw std::bad_alloc();
-  }
+  io_ = MakeReadingIo(this, &ReadCallback);
 }
 
 int PipeInput::ReadCallback(void* input, std::uint8_t* buffer, int size) {

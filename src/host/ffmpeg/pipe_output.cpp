@@ -2,13 +2,10 @@
 
 #include <chrono>
 #include <cstddef>
-#include <new>
 #include <thread>
 
 extern "C" {
-#include <libavformat/avio.h>
 #include <libavutil/error.h>
-#include <libavutil/mem.h>
 }
 
 #include "host/ffmpeg/error.h"
@@ -18,7 +15,6 @@ extern "C" {
 namespace host::ffmpeg {
 namespace {
 
-constexpr int kBufferSize = 64 * 1024;
 // How long a cancelled write may take to notice.
 constexpr std::chrono::milliseconds kPatience(20);
 
@@ -45,15 +41,7 @@ PipeOutput::PipeOutput(const std::string& target, IoDeadline& deadline) : deadli
                                                   : AVERROR(EIO),
                 error == os::kErrorNotReady ? "nobody reads" : "cannot write", target);
   }
-  auto* const buffer = static_cast<unsigned char*>(av_malloc(kBufferSize));
-  if (buffer == nullptr) {
-    throw std::bad_alloc();
-  }
-  io_.reset(avio_alloc_context(buffer, kBufferSize, 1, this, nullptr, &WriteCallback, nullptr));
-  if (io_ == nullptr) {
-    av_free(buffer);
-    throw std::bad_alloc();
-  }
+  io_ = MakeWritingIo(this, &WriteCallback);
 }
 
 int PipeOutput::WriteCallback(void* output, std::uint8_t* bytes, int size) {
