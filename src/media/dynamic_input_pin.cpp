@@ -19,19 +19,11 @@ HRESULT CInputPinWithDynamicMediaType::ReceiveConnection(IPin* connector,
     return E_POINTER;
   }
   const CAutoLock guard(m_pLock);
-  HRESULT hr = CheckConnect(connector);
+  CMediaType proposed;
+  HRESULT hr = CheckProposal(connector, *type, &proposed);
   if (FAILED(hr)) {
     BreakConnect();
     return hr;
-  }
-  CMediaType proposed;
-  hr = proposed.Set(*type);
-  if (SUCCEEDED(hr)) {
-    hr = CheckMediaType(&proposed);
-  }
-  if (hr != S_OK) {
-    BreakConnect();
-    return RefusalOfType(hr);
   }
   const bool reconnects = m_Connected && IsSameObject(m_Connected.Get(), connector);
   SetConnected(connector);

@@ -7,6 +7,16 @@
 #include "platform/baseclasses/enumerators.h"
 #include "platform/dshow/vfw_errors.h"
 
+namespace {
+
+// The answer of a connection to a type that a check refused with hr: refusals without a reason of
+// their own (S_FALSE, E_FAIL, E_INVALIDARG) become VFW_E_TYPE_NOT_ACCEPTED.
+HRESULT RefusalOfType(HRESULT hr) {
+  return SUCCEEDED(hr) || hr == E_FAIL || hr == E_INVALIDARG ? VFW_E_TYPE_NOT_ACCEPTED : hr;
+}
+
+}  // namespace
+
 CBasePin::CBasePin(const char* objectName, CBaseFilter* filter, CCritSec* lock, HRESULT* /*hr*/,
                    LPCWSTR name, PIN_DIRECTION direction)
     : CUnknown(objectName, nullptr),
@@ -63,10 +73,6 @@ HRESULT CBasePin::CompleteConnect(IPin* /*pin*/) {
 
 HRESULT CBasePin::GetMediaType(int /*position*/, CMediaType* /*type*/) {
   return E_UNEXPECTED;
-}
-
-HRESULT RefusalOfType(HRESULT hr) {
-  return SUCCEEDED(hr) || hr == E_FAIL || hr == E_INVALIDARG ? VFW_E_TYPE_NOT_ACCEPTED : hr;
 }
 
 void CBasePin::SetConnected(IPin* pin) {
@@ -181,6 +187,18 @@ HRESULT CBasePin::AttemptConnection(IPin* receivePin, const CMediaType& type) {
   return hr;
 }
 
+HRESULT CBasePin::CheckProposal(IPin* connector, const AM_MEDIA_TYPE& type, CMediaType* proposed) {
+  HRESULT hr = CheckConnect(connector);
+  if (FAILED(hr)) {
+    return hr;
+  }
+  hr = proposed->Set(type);
+  if (SUCCEEDED(hr)) {
+    hr = CheckMediaType(proposed);
+  }
+  return hr == S_OK ? S_OK : RefusalOfType(hr);
+}
+
 HRESULT CBasePin::ReceiveConnection(IPin* connector, const AM_MEDIA_TYPE* type) {
   if (connector == nullptr || type == nullptr) {
     return E_POINTER;
@@ -192,19 +210,11 @@ HRESULT CBasePin::ReceiveConnection(IPin* connector, const AM_MEDIA_TYPE* type) 
   if (!IsStopped() && !m_bCanReconnectWhenActive) {
     return VFW_E_NOT_STOPPED;
   }
-  HRESULT hr = CheckConnect(connector);
+  CMediaType proposed;
+  HRESULT hr = CheckProposal(connector, *type, &proposed);
   if (FAILED(hr)) {
     BreakConnect();
     return hr;
-  }
-  CMediaType proposed;
-  hr = proposed.Set(*type);
-  if (SUCCEEDED(hr)) {
-    hr = CheckMediaType(&proposed);
-  }
-  if (hr != S_OK) {
-    BreakConnect();
-    return RefusalOfType(hr);
   }
   SetConnected(connector);
   hr = SetMediaType(&proposed);

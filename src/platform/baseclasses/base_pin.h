@@ -73,6 +73,9 @@ class CBasePin : public CUnknown, public IPin, public IQualityControl {
  protected:
   // Takes the pin as connected peer (one reference), or lets go of it with null.
   void SetConnected(IPin* pin);
+  // Whether a connector and the type that it proposes are taken: S_OK with a copy of the type, or
+  // why not. Under m_pLock; the caller breaks off a refused connection.
+  HRESULT CheckProposal(IPin* connector, const AM_MEDIA_TYPE& type, CMediaType* proposed);
   // Ends a connection: BreakConnect, release. S_FALSE when there was none.
   HRESULT DisconnectInternal();
 
@@ -96,7 +99,3 @@ class CBasePin : public CUnknown, public IPin, public IQualityControl {
   std::mutex typeLock_;
   CMediaType m_mt;  // guarded by typeLock_: streaming threads change it with their samples
 };
-
-// The answer of a connection to a type that a check refused with hr: refusals without a reason of
-// their own (S_FALSE, E_FAIL, E_INVALIDARG) become VFW_E_TYPE_NOT_ACCEPTED.
-HRESULT RefusalOfType(HRESULT hr);
