@@ -67,6 +67,10 @@ git grep -nE '^#(include|if)' -- 'src/*.h' 'src/*.cpp' | awk -v rules="$rules" '
     fault("only platform/text knows the text libraries")
   }
   $3 ~ /^#include <lib(av|sw)/ && from != "host" { fault("only host knows FFmpeg") }
+  $3 ~ /^#include <(sys\/|linux\/|net(db|inet)|arpa\/|(dlfcn|fcntl|poll|pthread|signal|syslog|termios|unistd)\.h)/ &&
+      path !~ /^platform\// {
+    fault("only src/platform knows the operating system")
+  }
   $3 ~ /^#if.*(__linux__|_WIN32|__unix__|__APPLE__)/ && path !~ /^platform\// {
     fault("no #ifdef of an operating system outside src/platform")
   }

@@ -11,7 +11,7 @@ namespace {
 using host::kSecond;
 
 TEST(Demo, OneAlarmComesAndGoesInTheMeterOfTheAlarmChannel) {
-  const e2e::TestFolder folder;
+  const TemporaryFolder folder;
   std::vector<host::ClipRecipe> recipes = host::BuiltInChannels(10 * kSecond);
   const auto recipe = std::find_if(recipes.begin(), recipes.end(),
                                    [](const auto& entry) { return entry.name == "Spectrum"; });

@@ -10,7 +10,6 @@
 
 namespace {
 
-using e2e::TestFolder;
 using e2e::TestWall;
 using host::kSecond;
 using Source = host::wall::Label::Source;
@@ -29,7 +28,7 @@ Rows LabelRows(const std::uint8_t* pixels) {
   return {pixels + kLabelTop * kWidth, pixels + (kLabelTop + kLabelRows) * kWidth};
 }
 
-class LabelTest : public testing::Test {
+class LabelTest : public e2e::WallTest {
  protected:
   void SetUp() override {
     host::ClipRecipe recipe;
@@ -38,9 +37,6 @@ class LabelTest : public testing::Test {
     recipe.extension = ".ts";
     recipe.length = kSecond;
     host::WriteClip(recipe, clip_);
-  }
-  void TearDown() override {
-    EXPECT_TRUE(e2e::NothingIsLeft()) << "a sample, an allocator, a pin or a filter was leaked";
   }
   void AddChannel(TestWall& wall, const host::wall::Label& label) {
     wall.AddChannel(clip_.string(), kWindow);
@@ -56,7 +52,6 @@ class LabelTest : public testing::Test {
     return LabelRows(FrameOf({Source::kText, text, {}}).data());
   }
 
-  TestFolder folder_;
   std::filesystem::path clip_ = folder_ / "clip.ts";
 };
 

@@ -13,7 +13,6 @@
 
 namespace {
 
-using e2e::TestFolder;
 using e2e::TestWall;
 using host::kSecond;
 
@@ -90,18 +89,14 @@ class SilentPipe {
   std::thread writer_;
 };
 
-class LiveTest : public testing::Test {
+class LiveTest : public e2e::WallTest {
  protected:
-  void TearDown() override {
-    EXPECT_TRUE(e2e::NothingIsLeft()) << "a sample, an allocator, a pin or a filter was leaked";
-  }
   std::string Clip(const std::string& name, int pictures) {
     const std::filesystem::path file = folder_ / name;
     e2e::WriteCountingClip(file, 64, 48, "25", pictures, "sine=440:d=1");
     return file.string();
   }
 
-  TestFolder folder_;
   TestWall wall_{320, 240};
   FrameCounter frames_;
 };

@@ -84,7 +84,7 @@ class Receiver {
   std::thread thread_;
 };
 
-class NetworkTest : public testing::Test {
+class NetworkTest : public e2e::WallTest {
  protected:
   void SetUp() override {
     for (int i = 0; i < 3; ++i) {
@@ -95,9 +95,6 @@ class NetworkTest : public testing::Test {
       e2e::WriteFlashClip(clip, file);
       wall_.AddChannel(file.string(), {i * 40, 0, 32, 32});
     }
-  }
-  void TearDown() override {
-    EXPECT_TRUE(e2e::NothingIsLeft()) << "a sample, an allocator, a pin or a filter was leaked";
   }
   static host::wall::Output To(const std::string& url) {
     host::wall::Output output;
@@ -112,19 +109,9 @@ class NetworkTest : public testing::Test {
               const std::function<bool()>& allDone) {
     const host::OutputSet::Settings settings = host::OutputsOfWall(wall_.wall(), outputs, true);
     host::OutputSet set(settings, &wall_.outputs(), &wall_.logger());
-    const auto session = wall_.MakeLiveInto(settings, set);
-    session->Start();
-    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (!allDone() && std::chrono::steady_clock::now() < limit) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    ASSERT_TRUE(allDone()) << "a second of the wall never reached its receivers; failures: "
-                           << testing::PrintToString(wall_.outputs().failures());
-    session->Stop();
-    set.Finish();
+    RunLiveUntil(wall_, settings, set, "a second of the wall has reached its receivers", allDone);
   }
 
-  e2e::TestFolder folder_;
   // The frame of a selected window needs room below it.
   e2e::TestWall wall_{160, 48};
 };

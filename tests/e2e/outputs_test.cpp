@@ -1,7 +1,3 @@
-#include <condition_variable>
-#include <fstream>
-#include <thread>
-
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -41,11 +37,8 @@ class UnreadPipe {
   int descriptor_ = -1;
 };
 
-class OutputsTest : public testing::Test {
+class OutputsTest : public e2e::WallTest {
  protected:
-  void TearDown() override {
-    EXPECT_TRUE(e2e::NothingIsLeft()) << "a sample, an allocator, a pin or a filter was leaked";
-  }
   void AddChannels(int count) {
     for (int i = 0; i < count; ++i) {
       const std::filesystem::path file = folder_ / ("clip" + std::to_string(i) + ".mkv");
@@ -53,25 +46,12 @@ class OutputsTest : public testing::Test {
       wall_.AddChannel(file.string(), {i * 40, 0, 32, 32});
     }
   }
-  // Runs the wall live until something is the case, which is asked again and again.
   void RunLiveUntil(const host::OutputSet::Settings& settings, host::OutputSet& set,
                     const std::string& what, const std::function<bool()>& isSo) {
-    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    const auto session = wall_.MakeLiveInto(settings, set);
-    session->Start();
-    bool so = isSo();
-    while (!so && std::chrono::steady_clock::now() < limit) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-      so = isSo();
-    }
-    EXPECT_TRUE(so) << "never so within a minute: " << what;
-    session->Stop();
-    composed_ = session->counters().composed;
-    set.Finish();
+    composed_ = WallTest::RunLiveUntil(wall_, settings, set, what, isSo);
   }
   int BufferFullReports(const std::string& pin) { return wall_.logger().BufferFull()[pin]; }
 
-  e2e::TestFolder folder_;
   e2e::TestWall wall_{160, 32};
   std::uint64_t composed_ = 0;
 };

@@ -14,7 +14,6 @@ namespace {
 
 using e2e::Frame;
 using e2e::PictureNumber;
-using e2e::TestFolder;
 using e2e::TestWall;
 using e2e::WriteCountingClip;
 using host::kSecond;
@@ -24,11 +23,8 @@ constexpr host::Time kFrame = 400000;
 constexpr int kSlateLuma = 30;
 constexpr int kAlarmLuma = 76;
 
-class RenderTest : public testing::Test {
+class RenderTest : public e2e::WallTest {
  protected:
-  void TearDown() override {
-    EXPECT_TRUE(e2e::NothingIsLeft()) << "a sample, an allocator, a pin or a filter was leaked";
-  }
   std::string Clip(const std::string& name, const std::string& rate, int pictures,
                    const std::string& sound = {}) {
     const std::filesystem::path file = folder_ / (name + ".mkv");
@@ -36,7 +32,6 @@ class RenderTest : public testing::Test {
     return file.string();
   }
 
-  TestFolder folder_;
   TestWall wall_{320, 240};
 };
 

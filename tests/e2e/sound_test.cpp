@@ -49,11 +49,8 @@ constexpr int kColumns = 3;
 constexpr int kWindow = 32;
 constexpr int kPitch = 48;
 
-class SoundTest : public testing::Test {
+class SoundTest : public e2e::WallTest {
  protected:
-  void TearDown() override {
-    EXPECT_TRUE(e2e::NothingIsLeft()) << "a sample, an allocator, a pin or a filter was leaked";
-  }
   std::filesystem::path FileOf(const Source& source) const {
     return folder_ / (std::string(source.name) + source.extension);
   }
@@ -80,7 +77,6 @@ class SoundTest : public testing::Test {
     return output;
   }
 
-  e2e::TestFolder folder_;
   e2e::TestWall wall_{144, 144};
 };
 

@@ -1,27 +1,22 @@
 #include "tests/e2e/wall_harness.h"
 
-#include <atomic>
 #include <cstdio>
-#include <cstdlib>
-#include <stdexcept>
+#include <thread>
 
 #include "host/synthetic/clip_writer.h"
 #include "platform/os/module.h"
 
 namespace e2e {
 
-TestFolder::TestFolder() {
-  std::string pattern = (std::filesystem::temp_directory_path() / "tavrel-e2e-XXXXXX").string();
-  if (mkdtemp(pattern.data()) == nullptr) {
-    throw std::runtime_error("cannot make a folder like " + pattern);
-  }
-  folder_ = pattern;
+namespace {
+
+bool NothingIsLeft() {
+  const auto library = os::Module::Load(TAVREL_COMPOSER_LIBRARY);
+  auto* const canUnload = library->Find<HRESULT()>("DllCanUnloadNow");
+  return CUnknown::ObjectsActive() == 0 && canUnload != nullptr && canUnload() == S_OK;
 }
 
-TestFolder::~TestFolder() {
-  std::error_code ignored;
-  std::filesystem::remove_all(folder_, ignored);
-}
+}  // namespace
 
 void WriteCountingClip(const std::filesystem::path& file, int width, int height,
                        const std::string& rate, int pictures, const std::string& sound) {
@@ -36,12 +31,6 @@ void WriteCountingClip(const std::filesystem::path& file, int width, int height,
   std::sscanf(rate.c_str(), "%d/%d", &numerator, &denominator);
   recipe.length = host::FrameStart(pictures, {numerator, denominator});
   host::WriteClip(recipe, file);
-}
-
-bool NothingIsLeft() {
-  const auto library = os::Module::Load(TAVREL_COMPOSER_LIBRARY);
-  auto* const canUnload = library->Find<HRESULT()>("DllCanUnloadNow");
-  return CUnknown::ObjectsActive() == 0 && canUnload != nullptr && canUnload() == S_OK;
 }
 
 int PictureNumber(std::uint8_t luma) {
@@ -258,6 +247,28 @@ std::unique_ptr<host::WallSession> TestWall::MakeLiveInto(const host::OutputSet:
 std::uint8_t TestWall::Luma(const Frame& frame, int x, int y) const {
   return frame.pixels[static_cast<std::size_t>(y) * static_cast<std::size_t>(wall_.canvas.width) +
                       static_cast<std::size_t>(x)];
+}
+
+void WallTest::TearDown() {
+  EXPECT_TRUE(NothingIsLeft()) << "a sample, an allocator, a pin or a filter was leaked";
+}
+
+std::uint64_t WallTest::RunLiveUntil(TestWall& wall, const host::OutputSet::Settings& settings,
+                                     host::OutputSet& outputs, const std::string& what,
+                                     const std::function<bool()>& isSo) {
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  const auto session = wall.MakeLiveInto(settings, outputs);
+  session->Start();
+  bool so = isSo();
+  while (!so && std::chrono::steady_clock::now() < limit) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    so = isSo();
+  }
+  EXPECT_TRUE(so) << "never so within a minute: " << what
+                  << "; failures: " << testing::PrintToString(wall.outputs().failures());
+  session->Stop();
+  outputs.Finish();
+  return session->counters().composed;
 }
 
 }  // namespace e2e

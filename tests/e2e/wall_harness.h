@@ -6,38 +6,28 @@
 #include <condition_variable>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "host/session/wall_outputs.h"
 #include "host/session/wall_session.h"
 #include "host/wall/wall.h"
 #include "tests/support/recording_logger.h"
+#include "tests/support/temporary_folder.h"
 
 namespace e2e {
-
-// A folder of its own for each test, removed with it.
-class TestFolder {
- public:
-  TestFolder();
-  ~TestFolder();
-  TestFolder(const TestFolder&) = delete;
-  TestFolder& operator=(const TestFolder&) = delete;
-  std::filesystem::path operator/(const std::string& name) const { return folder_ / name; }
-
- private:
-  std::filesystem::path folder_;
-};
 
 // A clip whose pictures are flat and tell their number: luma 20 + 2 * (number mod 100), coded
 // without loss. sound: an FFmpeg source, empty for none.
 void WriteCountingClip(const std::filesystem::path& file, int width, int height,
                        const std::string& rate, int pictures, const std::string& sound = {});
-// Whether every filter, pin and allocator of the graph is gone, those of the composer's library
-// too.
-bool NothingIsLeft();
 // The number of the picture that a luma tells, mod 100; -1 when it is none.
 int PictureNumber(std::uint8_t luma);
 
@@ -134,6 +124,21 @@ class TestWall {
   ChannelLog channels_;
   OutputLog outputs_;
   RecordingLogger logger_;
+};
+
+// A test in a folder of its own. Whatever it makes of the composer must be gone with it: every
+// filter, pin, sample and allocator, those of the composer's library too.
+class WallTest : public testing::Test {
+ protected:
+  void TearDown() override;
+
+  // Runs the wall live into the outputs until something is the case, which is asked again and
+  // again, a minute at the most; then what was composed is finished and counted.
+  std::uint64_t RunLiveUntil(TestWall& wall, const host::OutputSet::Settings& settings,
+                             host::OutputSet& outputs, const std::string& what,
+                             const std::function<bool()>& isSo);
+
+  TemporaryFolder folder_;
 };
 
 }  // namespace e2e

@@ -1,38 +1,15 @@
-// TemporaryFolder: a folder of a test's own.
+// A folder of a test's own, and whole files in it.
 #pragma once
 
-#include <cerrno>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
 #include <string_view>
-#include <system_error>
 
-// Made empty, removed with everything in it.
-class TemporaryFolder {
- public:
-  TemporaryFolder() {
-    std::string name = (std::filesystem::temp_directory_path() / "tavrel-XXXXXX").string();
-    if (::mkdtemp(name.data()) == nullptr) {
-      throw std::system_error(errno, std::generic_category(), name);
-    }
-    path_ = name;
-  }
-  ~TemporaryFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  TemporaryFolder(const TemporaryFolder&) = delete;
-  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+#include "platform/os/temporary_folder.h"
 
-  const std::filesystem::path& Path() const { return path_; }
-  std::string operator/(std::string_view name) const { return (path_ / name).string(); }
-
- private:
-  std::filesystem::path path_;
-};
+using os::TemporaryFolder;
 
 inline std::string ReadWholeFile(const std::filesystem::path& path) {
   std::ifstream file(path, std::ios::binary);

@@ -28,7 +28,7 @@ std::string FailureOf(Operation operation) {
 
 TEST(Drive, KnowsTheRootOfAFileAndItsSize) {
   const TemporaryFolder folder;
-  const std::string name = os::SystemPath(folder / "not there yet");
+  const std::string name = os::SystemPath((folder / "not there yet").string());
   const Drive::Root root = Drive::RootOfFile(name);
   const std::vector<std::string> all = Drive::GetDriveList();
   ASSERT_LT(root.number, all.size());

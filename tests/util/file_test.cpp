@@ -18,7 +18,7 @@ using testing::UnorderedElementsAre;
 
 class FileOperations : public testing::Test {
  protected:
-  std::string At(const std::string& name) const { return os::SystemPath(folder / name); }
+  std::string At(const std::string& name) const { return os::SystemPath((folder / name).string()); }
   static std::vector<std::string> Names(const std::vector<File>& files) {
     std::vector<std::string> names;
     for (const File& file : files) {

@@ -1,10 +1,7 @@
 #include "host/cli/demo.h"
 
 #include <array>
-#include <cerrno>
-#include <cstdlib>
 #include <filesystem>
-#include <system_error>
 
 #include <CLI/CLI.hpp>
 
@@ -14,6 +11,7 @@
 #include "host/wall/layout.h"
 #include "host/wall/value_text.h"
 #include "host/wall/wall.h"
+#include "platform/os/temporary_folder.h"
 
 namespace host::cli {
 
@@ -33,29 +31,6 @@ std::string CheckRate(const std::string& text) {
              ? std::string()
              : "must be 1 to 120 frames per second, such as 25 or 30000/1001";
 }
-
-// A folder that is gone with its holder.
-class TemporaryFolder {
- public:
-  TemporaryFolder() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "tavrel-demo-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) {
-      throw std::system_error(errno, std::generic_category(), "cannot make a folder in " + pattern);
-    }
-    path_ = pattern;
-  }
-  ~TemporaryFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  TemporaryFolder(const TemporaryFolder&) = delete;
-  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-
-  const std::filesystem::path& path() const { return path_; }
-
- private:
-  std::filesystem::path path_;
-};
 
 // Seconds after the start when the alarm of the demo is on.
 constexpr double kAlarmIsOn = 6.5;
@@ -115,10 +90,10 @@ ExitCode Demo(const DemoOptions& options, Streams& streams) {
     command.record.snapshotAt = kAlarmIsOn;
   }
   command.json = options.json;
-  const TemporaryFolder folder;
+  const os::TemporaryFolder folder;
   const Time length = static_cast<Time>(*command.record.seconds * kSecond) + kSecond;
   const std::vector<std::filesystem::path> clips =
-      WriteClips(BuiltInChannels(length), folder.path());
+      WriteClips(BuiltInChannels(length), folder.Path());
   command.wall = DemoWall(options, clips);
   return RunWallCommand(command, streams);
 }

@@ -8,9 +8,9 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
-#include "host/cli/stop_signals.h"
 #include "log/log_file_reader.h"
 #include "platform/os/error_numbers.h"
+#include "platform/os/stop_signals.h"
 
 namespace host::cli {
 namespace {
@@ -55,7 +55,7 @@ class LogPrinter {
   }
 
   void Follow() {
-    const StopSignals signals;
+    const os::StopSignals signals;
     std::string told;
     while (!signals.WaitFor(kPollPeriod) && streams_.out.good()) {
       const LogFileReader::Result result = Read();

@@ -17,7 +17,6 @@
 #include "host/cli/channel_board.h"
 #include "host/cli/json_lines.h"
 #include "host/cli/message_log.h"
-#include "host/cli/stop_signals.h"
 #include "host/cli/wall_status.h"
 #include "host/ffmpeg/error.h"
 #include "host/ffmpeg/mask.h"
@@ -25,6 +24,7 @@
 #include "host/output/snapshot.h"
 #include "host/session/wall_outputs.h"
 #include "host/session/wall_session.h"
+#include "platform/os/stop_signals.h"
 
 namespace host::cli {
 namespace {
@@ -332,7 +332,7 @@ class WallCommandRun {
 
   const WallCommand& command_;
   Streams& streams_;
-  StopSignals signals_;
+  os::StopSignals signals_;
   MessageLog messages_;
   JsonLines lines_;
   JsonLines noLines_;

@@ -1,10 +1,10 @@
 #include "host/session/wall_session.h"
 
-#include <ctime>
-
 #include "host/background/background_picture.h"
 #include "host/graph/graph_error.h"
 #include "platform/com/wide_text.h"
+#include "platform/os/system_time.h"
+#include "util/string_format.h"
 
 namespace host {
 namespace {
@@ -216,18 +216,14 @@ void WallSession::ConnectSound(std::size_t index, const ComposerFilter::Input& i
 
 // The time of day of a live wall; of a rendered one, the time in the output.
 std::string WallSession::TimeText(Time time) const {
-  std::time_t seconds = static_cast<std::time_t>(time / kSecond);
-  std::tm parts{};
   if (settings_.live) {
     using Clock = std::chrono::system_clock;
-    seconds = Clock::to_time_t(startedAt_ + std::chrono::microseconds(time / 10));
-    localtime_r(&seconds, &parts);
-  } else {
-    gmtime_r(&seconds, &parts);
+    const os::LocalTime now =
+        os::ToLocalTime(Clock::to_time_t(startedAt_ + std::chrono::microseconds(time / 10)));
+    return qorp::StringFormat("%02d:%02d:%02d", now.hour, now.minute, now.second);
   }
-  char text[16];
-  std::strftime(text, sizeof(text), "%H:%M:%S", &parts);
-  return text;
+  const auto seconds = static_cast<int>(time / kSecond);
+  return qorp::StringFormat("%02d:%02d:%02d", seconds / 3600 % 24, seconds / 60 % 60, seconds % 60);
 }
 
 void WallSession::Start() {

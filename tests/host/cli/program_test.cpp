@@ -176,7 +176,7 @@ TEST(Check, PrintsPlacesToTheErrorStreamAndEndsWithTheCodeOfABadWall) {
   WriteWholeFile(folder / "bad.toml", "[wall]\nwidht = 2\n[[channel]]\nsource = 'udp://h:1'\n");
   const Outcome bad = RunReal({"check", folder / "bad.toml"});
   EXPECT_EQ(bad.code, ExitCode::kBadWall);
-  EXPECT_EQ(bad.err, (folder / "bad.toml") +
+  EXPECT_EQ(bad.err, (folder / "bad.toml").string() +
                          ":2:1: error: [wall] has no key \"widht\"; did you mean \"width\"?\n");
   EXPECT_THAT(bad.out, IsEmpty());
 

@@ -110,8 +110,9 @@ TEST(WallReader, ResolvesPathsAgainstTheFolderOfTheFile) {
   EXPECT_EQ(file.wall.channels.at(0).source, folder / "one.mp4");
   EXPECT_EQ(file.wall.outputs.at(0).url, "/tmp/out.mkv");
   ASSERT_EQ(file.diagnostics.all().size(), 1U);
-  EXPECT_EQ(ToText(file.diagnostics.all()[0], "w"),
-            "w:5:14: warning: \"label_file\" names no file yet: " + (folder / "title.txt"));
+  EXPECT_EQ(
+      ToText(file.diagnostics.all()[0], "w"),
+      "w:5:14: warning: \"label_file\" names no file yet: " + (folder / "title.txt").string());
 }
 
 TEST(WallReader, ReportsEveryMistakeInTheOrderOfTheFileWithWhatToDo) {

@@ -1,5 +1,3 @@
-#include "host/cli/stop_signals.h"
-
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -10,7 +8,9 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-namespace host::cli {
+#include "platform/os/stop_signals.h"
+
+namespace os {
 namespace {
 
 // What a signal handler may touch: lock-free atomics and write. The descriptor, once open, stays:
@@ -48,7 +48,7 @@ StopSignals::StopSignals() {
   action.sa_flags = SA_RESTART;
   sigaction(SIGINT, &action, &formerInterrupt);
   sigaction(SIGTERM, &action, &formerTerminate);
-  // Whoever reads our lines, or an output, may go away: no reason to end the wall.
+  // Whoever reads our lines, or an output, may go away: no reason to end the program.
   struct sigaction ignore {};
   ignore.sa_handler = SIG_IGN;
   sigaction(SIGPIPE, &ignore, &formerPipe);
@@ -72,4 +72,4 @@ bool StopSignals::WaitFor(std::chrono::milliseconds limit) const {
   return Requested();
 }
 
-}  // namespace host::cli
+}  // namespace os

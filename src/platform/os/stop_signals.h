@@ -1,9 +1,9 @@
-// SIGINT and SIGTERM end a wall in good order.
+// SIGINT and SIGTERM end a program in good order.
 #pragma once
 
 #include <chrono>
 
-namespace host::cli {
+namespace os {
 
 // While one exists, the first SIGINT or SIGTERM asks for an end and the second one ends the program
 // at once. One at a time; the application's thread.
@@ -20,4 +20,4 @@ class StopSignals {
   bool WaitFor(std::chrono::milliseconds limit) const;
 };
 
-}  // namespace host::cli
+}  // namespace os
