@@ -7,16 +7,6 @@
 
 namespace {
 
-std::u16string Widen(std::string_view text) {
-  const qorp::EncodedText encoded =
-      qorp::Transcode(text.data(), text.size(), qorp::kUtf8, qorp::kUtf16LE, /*lenient=*/true);
-  std::u16string wide(encoded.bytes.size() / 2, u'\0');
-  for (std::size_t i = 0; i < wide.size(); ++i) {
-    wide[i] = static_cast<char16_t>(encoded.bytes[2 * i] | encoded.bytes[2 * i + 1] << 8);
-  }
-  return wide;
-}
-
 bool IsInt32(std::int64_t value) {
   return value >= std::numeric_limits<std::int32_t>::min() &&
          value <= std::numeric_limits<std::int32_t>::max();
@@ -62,7 +52,7 @@ void Label::Draw(const WindowState& window, const Yv12Picture& canvas, const Rat
     return;
   }
   if (wideTextIsOld_) {
-    wideText_ = Widen(text_);
+    wideText_ = qorp::WidenLeniently(text_);
     wideTextIsOld_ = false;
   }
   renderer_.SetTarget(canvas);

@@ -29,18 +29,16 @@ PlaneBounds InkOf(const std::uint8_t* alpha, std::int32_t width, std::int32_t he
   return ink.bottom == 0 ? PlaneBounds{} : ink;
 }
 
-void Fill(std::uint8_t* plane, std::int32_t stride, const PlaneBounds& bounds, std::uint8_t value) {
-  for (std::int32_t y = bounds.top; y < bounds.bottom; ++y) {
-    std::fill_n(plane + std::ptrdiff_t{y} * stride + bounds.left, bounds.right - bounds.left,
-                value);
-  }
-}
-
 // The version that the drawing uses: the definition when all loops shall be it, else the fastest.
-void Convert(const kernels::OverlayBlocks& blocks) {
+const kernels::OverlayKernel& CurrentKernel() {
   const bool scalar = &kernels::CurrentKernels() == &kernels::ScalarKernels();
   const auto versions = kernels::AllOverlayKernels();
-  (scalar ? versions.front() : versions.back()).convert(blocks);
+  return scalar ? versions.front() : versions.back();
+}
+
+kernels::OverlayPlanes PlanesOf(Yv12Overlay& overlay) {
+  return {overlay.width(),       overlay.height(),       overlay.Alpha(),      overlay.Luma(),
+          overlay.FirstChroma(), overlay.SecondChroma(), overlay.ChromaAlpha()};
 }
 
 // The part of one plane that is blended: `columns` x `rows` samples that start at (overlayX,
@@ -91,13 +89,11 @@ void Yv12Overlay::Resize(std::int32_t w, std::int32_t h) {
   width_ = w;
   height_ = h;
   bytes_.assign(2 * LumaBytes() + 3 * ChromaBytes(), 0);
-  clearLuma_.reset();
   lumaInk_ = {0, 0, w, h};
   chromaInk_ = {0, 0, w / 2, h / 2};
 }
 
 void Yv12Overlay::MeasureInk() {
-  clearLuma_.reset();
   lumaInk_ = InkOf(Alpha(), width_, height_);
   chromaInk_ = InkOf(ChromaAlpha(), width_ / 2, height_ / 2);
 }
@@ -107,53 +103,27 @@ void Yv12Overlay::SetInk(const PlaneBounds& luma, const PlaneBounds& chroma) {
   chromaInk_ = chroma;
 }
 
-void Yv12Overlay::Clear(std::uint8_t luma) {
-  if (clearLuma_ != luma) {
-    lumaInk_ = {0, 0, width_, height_};
-    chromaInk_ = {0, 0, width_ / 2, height_ / 2};
-    clearLuma_ = luma;
-  }
-  Fill(Alpha(), width_, lumaInk_, 0);
-  Fill(Luma(), width_, lumaInk_, luma);
-  Fill(FirstChroma(), width_ / 2, chromaInk_, 128);
-  Fill(SecondChroma(), width_ / 2, chromaInk_, 128);
-  Fill(ChromaAlpha(), width_ / 2, chromaInk_, 0);
-  lumaInk_ = {};
-  chromaInk_ = {};
-}
-
 void ConvertArgbToOverlay(const std::uint8_t* pixels, std::ptrdiff_t stride, Yv12Overlay& overlay) {
   if (overlay.height() < 2) {
     return;
   }
-  Convert({pixels, stride, overlay.width(), overlay.height(), overlay.Alpha(), overlay.Luma(),
-           overlay.FirstChroma(), overlay.SecondChroma(), overlay.ChromaAlpha(), 0, 0,
-           overlay.width() / 2, overlay.height() / 2});
+  CurrentKernel().convertPixels({pixels, stride}, PlanesOf(overlay),
+                                {0, 0, overlay.width() / 2, overlay.height() / 2});
   overlay.MeasureInk();
 }
 
-void ConvertArgbToOverlay(const std::uint8_t* pixels, std::ptrdiff_t stride, const PlaneBounds& ink,
-                          Yv12Overlay& overlay) {
-  const std::int32_t w = overlay.width();
-  const std::int32_t h = overlay.height();
-  if (h < 2) {
+void ConvertCoverageToOverlay(const CoverageBitmap& bitmap, Yv12Overlay& overlay) {
+  const PlaneBounds& ink = bitmap.ink;
+  if (ink.left >= ink.right || ink.top >= ink.bottom || overlay.height() < 2) {
+    overlay.SetInk({}, {});
     return;
   }
-  // Of two opposite corners at least one lies outside of the ink, unless that is all there is.
-  const bool cornerIsInk = ink.left == 0 && ink.top == 0 && ink.right > 0 && ink.bottom > 0;
-  const std::uint8_t* clear =
-      cornerIsInk ? pixels + (h - 1) * stride + std::ptrdiff_t{w - 1} * 4 : pixels;
-  const Ycbcr88 clearColour = RgbToYcbcr601(clear[0], clear[1], clear[2]);
-  overlay.Clear(static_cast<std::uint8_t>((clearColour.y + 128) >> 8));
   // The blocks with ink in the 4x4 pixels around them.
-  PlaneBounds blocks{std::max((ink.left - 1) / 2, 0), std::max((ink.top - 1) / 2, 0),
-                     std::min(ink.right / 2 + 1, w / 2), std::min(ink.bottom / 2 + 1, h / 2)};
-  if (ink.left >= ink.right || ink.top >= ink.bottom) {
-    blocks = {};
-  }
-  Convert({pixels, stride, w, h, overlay.Alpha(), overlay.Luma(), overlay.FirstChroma(),
-           overlay.SecondChroma(), overlay.ChromaAlpha(), blocks.left, blocks.top, blocks.right,
-           blocks.bottom});
+  const PlaneBounds blocks{std::max((ink.left - 1) / 2, 0), std::max((ink.top - 1) / 2, 0),
+                           std::min(ink.right / 2 + 1, overlay.width() / 2),
+                           std::min(ink.bottom / 2 + 1, overlay.height() / 2)};
+  CurrentKernel().convertCoverage(bitmap, PlanesOf(overlay),
+                                  {blocks.left, blocks.top, blocks.right, blocks.bottom});
   overlay.SetInk(ink, blocks);
 }
 

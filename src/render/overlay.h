@@ -2,9 +2,9 @@
 // which are blended into the canvas on every frame.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <vector>
 
 #include "render/yv12.h"
@@ -67,16 +67,13 @@ class Yv12Overlay {
   const std::uint8_t* SecondChroma() const { return FirstChroma() + ChromaBytes(); }
   const std::uint8_t* ChromaAlpha() const { return SecondChroma() + ChromaBytes(); }
 
-  // The parts of the planes outside of which every opacity is 0. BlendOverlay reads nothing else:
-  // most of a label's bitmap is empty. After Resize they are the whole planes; MeasureInk narrows
-  // them to what is there, SetInk to what its caller knows.
+  // The parts of the planes that are blended: most of a label's bitmap is empty. Outside of them
+  // nothing is opaque, and the planes hold what earlier texts have left. After Resize they are the
+  // whole planes; MeasureInk narrows them to what is there, SetInk to what its caller knows.
   const PlaneBounds& lumaInk() const { return lumaInk_; }
   const PlaneBounds& chromaInk() const { return chromaInk_; }
   void MeasureInk();
   void SetInk(const PlaneBounds& luma, const PlaneBounds& chroma);
-  // Makes every pixel transparent, with that luma, and leaves no ink. As long as only ink is
-  // written in between, only what was ink is cleared.
-  void Clear(std::uint8_t luma);
 
  private:
   std::size_t LumaBytes() const { return static_cast<std::size_t>(width_) * height_; }
@@ -86,8 +83,6 @@ class Yv12Overlay {
   std::int32_t height_ = 0;
   PlaneBounds lumaInk_;
   PlaneBounds chromaInk_;
-  // Luma outside of the ink, where chroma is 128; none when that is not known.
-  std::optional<std::uint8_t> clearLuma_;
   std::vector<std::uint8_t> bytes_;
 };
 
@@ -96,10 +91,21 @@ class Yv12Overlay {
 // less than two pixels high converts nothing.
 void ConvertArgbToOverlay(const std::uint8_t* pixels, std::ptrdiff_t stride, Yv12Overlay& overlay);
 
-// The same for a bitmap whose pixels outside of `ink` are all of one transparent colour: most of a
-// label's bitmap need not be looked at.
-void ConvertArgbToOverlay(const std::uint8_t* pixels, std::ptrdiff_t stride, const PlaneBounds& ink,
-                          Yv12Overlay& overlay);
+// A bitmap of the overlay's size in one colour: of a pixel only the coverage is known, 0 where
+// there is no text.
+struct CoverageBitmap {
+  const std::uint8_t* coverage = nullptr;  // the top left pixel
+  std::ptrdiff_t stride = 0;               // bytes from row to row
+  PlaneBounds ink;                         // outside every coverage is 0
+  std::array<std::uint8_t, 3> colour{};    // blue, green, red
+  std::array<std::uint8_t, 3> clear{};     // of pixels that are transparent
+  // Opacity of each coverage; the first is 0.
+  std::array<std::uint8_t, 256> opacities{};
+};
+
+// Gives the ink that ConvertArgbToOverlay makes of the same picture, for a fraction of its time:
+// the pixels' colour is known and only their opacities are averaged.
+void ConvertCoverageToOverlay(const CoverageBitmap& bitmap, Yv12Overlay& overlay);
 
 // Blends the overlay into the canvas, its top left pixel at (left, top), as far as it lies inside.
 // An odd left or top puts the chroma half a sample off.

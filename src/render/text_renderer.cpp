@@ -1,5 +1,7 @@
 #include "render/text_renderer.h"
 
+#include <algorithm>
+
 namespace {
 
 // Stands in for a font that is not installed.
@@ -7,6 +9,21 @@ constexpr const char* kPrivateFontFile = "Lucon.ttf";
 
 std::int64_t Even(std::int64_t length) {
   return length + length % 2;
+}
+
+// On a transparent clear colour the text's colour is whole at every coverage.
+void ConvertCoverage(const os::PaintedText& painted, Yv12Overlay& overlay) {
+  const os::CoverageTable& colours = painted.Colours();
+  CoverageBitmap bitmap;
+  bitmap.coverage = painted.Coverage();
+  bitmap.stride = painted.Stride();
+  bitmap.ink = {painted.Ink().left, painted.Ink().top, painted.Ink().right, painted.Ink().bottom};
+  std::copy_n(colours.back().begin(), 3, bitmap.colour.begin());
+  std::copy_n(colours.front().begin(), 3, bitmap.clear.begin());
+  for (std::size_t i = 0; i < colours.size(); ++i) {
+    bitmap.opacities[i] = colours[i][3];
+  }
+  ConvertCoverageToOverlay(bitmap, overlay);
 }
 
 }  // namespace
@@ -75,13 +92,15 @@ void TextRenderer::Render() {
   } else {
     painting.scaleY = static_cast<double>(aspect.num) / static_cast<double>(aspect.den);
   }
-  const os::ArgbBitmap bitmap = painter_.Paint(painting);
-  overlay_.Resize(bitmap.width, bitmap.height);
-  if (backgroundColour_.Value().a == 0) {
-    const PlaneBounds ink{bitmap.ink.left, bitmap.ink.top, bitmap.ink.right, bitmap.ink.bottom};
-    ConvertArgbToOverlay(bitmap.pixels, bitmap.stride, ink, overlay_);
+  const os::PaintedText painted = painter_.Paint(painting);
+  overlay_.Resize(painted.Width(), painted.Height());
+  if (painted.IsCoverage() && backgroundColour_.Value().a == 0) {
+    ConvertCoverage(painted, overlay_);
   } else {
-    ConvertArgbToOverlay(bitmap.pixels, bitmap.stride, overlay_);
+    const std::ptrdiff_t stride = std::ptrdiff_t{painted.Width()} * 4;
+    pixels_.resize(static_cast<std::size_t>(stride) * static_cast<std::size_t>(painted.Height()));
+    painted.WriteArgb(pixels_.data(), stride);
+    ConvertArgbToOverlay(pixels_.data(), stride, overlay_);
   }
   ++renderCount_;
 }

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/text/text_painter.h"
 #include "render/label_colour.h"
@@ -88,6 +89,7 @@ class TextRenderer {
 
   os::TextPainter painter_;
   Format format_;
+  std::vector<std::uint8_t> pixels_;  // of texts that are more than coverage
   Yv12Overlay overlay_;
   std::uint64_t renderCount_ = 0;
 };

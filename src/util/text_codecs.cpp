@@ -30,6 +30,11 @@ std::uint8_t Continuation(std::uint32_t value, unsigned shift) {
   return static_cast<std::uint8_t>(0x80 | ((value >> shift) & 0x3F));
 }
 
+template <typename Codec, typename Derived>
+std::unique_ptr<Codec, CodecDeleter<Codec>> MakeCodec() {
+  return {new Derived, {[](Codec* codec) { delete static_cast<Derived*>(codec); }}};
+}
+
 }  // namespace
 
 CodePoints TextParserUTF8::Parse(const TextBytes& bytes, bool lenient) const {
@@ -140,23 +145,23 @@ TextBytes TextEmitterUTF16LE::Emit(const CodePoints& codePoints) const {
   return bytes;
 }
 
-std::unique_ptr<TextParser> CreateTextParser(std::int32_t encoding) {
+TextParserHandle CreateTextParser(std::int32_t encoding) {
   switch (encoding) {
     case kUtf8:
-      return std::make_unique<TextParserUTF8>();
+      return MakeCodec<TextParser, TextParserUTF8>();
     case kUtf16LE:
-      return std::make_unique<TextParserUTF16LE>();
+      return MakeCodec<TextParser, TextParserUTF16LE>();
     default:
       return nullptr;
   }
 }
 
-std::unique_ptr<TextEmitter> CreateTextEmitter(std::int32_t encoding) {
+TextEmitterHandle CreateTextEmitter(std::int32_t encoding) {
   switch (encoding) {
     case kUtf8:
-      return std::make_unique<TextEmitterUTF8>();
+      return MakeCodec<TextEmitter, TextEmitterUTF8>();
     case kUtf16LE:
-      return std::make_unique<TextEmitterUTF16LE>();
+      return MakeCodec<TextEmitter, TextEmitterUTF16LE>();
     default:
       return nullptr;
   }
@@ -164,8 +169,8 @@ std::unique_ptr<TextEmitter> CreateTextEmitter(std::int32_t encoding) {
 
 EncodedText Transcode(const void* data, std::size_t length, std::int32_t from, std::int32_t to,
                       bool lenient) {
-  const std::unique_ptr<TextParser> parser = CreateTextParser(from);
-  const std::unique_ptr<TextEmitter> emitter = CreateTextEmitter(to);
+  const TextParserHandle parser = CreateTextParser(from);
+  const TextEmitterHandle emitter = CreateTextEmitter(to);
   if (parser == nullptr || emitter == nullptr) {
     throw TextError("unknown text encoding " + std::to_string(parser == nullptr ? from : to) +
                     ", known are 1 (UTF-8) and 2 (UTF-16 little-endian)");
@@ -181,6 +186,15 @@ EncodedText Transcode(const void* data, std::size_t length, std::int32_t from, s
     }
   }
   return {to, emitter->Emit(codePoints)};
+}
+
+std::u16string WidenLeniently(std::string_view utf8) {
+  const EncodedText encoded = Transcode(utf8.data(), utf8.size(), kUtf8, kUtf16LE, true);
+  std::u16string wide(encoded.bytes.size() / 2, u'\0');
+  for (std::size_t i = 0; i < wide.size(); ++i) {
+    wide[i] = static_cast<char16_t>(encoded.bytes[2 * i] | encoded.bytes[2 * i + 1] << 8);
+  }
+  return wide;
 }
 
 }  // namespace qorp

@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
+#include <string_view>
 #include <vector>
 
 #include "util/exceptions.h"
@@ -30,9 +32,11 @@ using TextError = ExceptionTemplate<Text, TavrelException>;
 // (not a surrogate, not above U+10FFFF) is judged by Transcode.
 class TextParser {
  public:
-  virtual ~TextParser() = default;
   // Throws TextError at the first fault unless lenient.
   virtual CodePoints Parse(const TextBytes& bytes, bool lenient) const = 0;
+
+ protected:
+  ~TextParser() = default;  // its table holds the one operation: deleted as what it is
 };
 
 class TextParserUTF8 final : public TextParser {
@@ -49,8 +53,10 @@ class TextParserUTF16LE final : public TextParser {
 // point gets the bytes that the encoding's arithmetic gives.
 class TextEmitter {
  public:
-  virtual ~TextEmitter() = default;
   virtual TextBytes Emit(const CodePoints& codePoints) const = 0;
+
+ protected:
+  ~TextEmitter() = default;
 };
 
 class TextEmitterUTF8 final : public TextEmitter {
@@ -63,9 +69,18 @@ class TextEmitterUTF16LE final : public TextEmitter {
   TextBytes Emit(const CodePoints& codePoints) const override;
 };
 
+// Owns a codec that was made as some class derived from Codec.
+template <typename Codec>
+struct CodecDeleter {
+  void (*destroy)(Codec* codec) = nullptr;
+  void operator()(Codec* codec) const { destroy(codec); }
+};
+using TextParserHandle = std::unique_ptr<TextParser, CodecDeleter<TextParser>>;
+using TextEmitterHandle = std::unique_ptr<TextEmitter, CodecDeleter<TextEmitter>>;
+
 // The codec of a TextEncoding, or null for any other value.
-std::unique_ptr<TextParser> CreateTextParser(std::int32_t encoding);
-std::unique_ptr<TextEmitter> CreateTextEmitter(std::int32_t encoding);
+TextParserHandle CreateTextParser(std::int32_t encoding);
+TextEmitterHandle CreateTextEmitter(std::int32_t encoding);
 
 struct EncodedText {
   std::int32_t encoding;
@@ -77,5 +92,8 @@ struct EncodedText {
 // TextError for the first fault in strict mode, and in either mode for an unknown encoding.
 EncodedText Transcode(const void* data, std::size_t length, std::int32_t from, std::int32_t to,
                       bool lenient);
+
+// UTF-8, leniently, to what text is painted from: any byte string can be shown.
+std::u16string WidenLeniently(std::string_view utf8);
 
 }  // namespace qorp

@@ -1,4 +1,7 @@
+#include <cstdint>
 #include <string>
+#include <string_view>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -75,27 +78,38 @@ TEST_F(DrawWindowsTest, ALabelLiesCentredUnderItsWindow) {
 
 TEST_F(DrawWindowsTest, ALabelIsThePaintersBitmapBlendedIntoTheCanvas) {
   const WindowState window = Window(100, 50);
-  SetLabelText(labels, 0, "Ünïcödé ש 📺");
-  ParseLabelColour(labels, 0, "#80FF8000");
-  const Canvas drawn = Draw({window});
-
   os::TextPainter painter("Lucon.ttf");
   painter.SetFont(u"Segoe UI", 8);
   os::TextPainting painting;
-  painting.text = u"Ünïcödé ש 📺";
   painting.width = 160;
   painting.height = 32;
-  painting.textColour = 0x80FF8000;
   painting.clearColour = 0x00FF00FF;
   painting.alignment = os::TextAlignment::kCentre;
-  const os::ArgbBitmap bitmap = painter.Paint(painting);
-  Yv12Overlay overlay;
-  overlay.Resize(bitmap.width, bitmap.height);
-  ConvertArgbToOverlay(bitmap.pixels, bitmap.stride, overlay);
-  Canvas expected(canvas.width, canvas.height);
-  CopyPictureClipped(window.picture, window.w, window.h, expected.Picture(), 100, 50);
-  BlendOverlay(overlay, 100, 142, expected.Picture());
-  EXPECT_EQ(drawn, expected);
+  // One label after the other in the same place: nothing of a longer text or of a colour glyph may
+  // stay behind.
+  for (const auto& [utf8, utf16, colour, argb] :
+       std::vector<std::tuple<std::string, std::u16string_view, std::string, std::uint32_t>>{
+           {"Ünïcödé ש on two long lines", u"Ünïcödé ש on two long lines", "#80FF8000", 0x80FF8000},
+           {"ab", u"ab", "#FFFFFFFF", 0xFFFFFFFF},
+           {"Ünïcödé ש 📺", u"Ünïcödé ש 📺", "#80FF8000", 0x80FF8000},
+           {"c", u"c", "#FF00FF00", 0xFF00FF00},
+           {" ", u" ", "#FF00FF00", 0xFF00FF00}}) {
+    SetLabelText(labels, 0, utf8);
+    ParseLabelColour(labels, 0, colour.c_str());
+    const Canvas drawn = Draw({window});
+
+    painting.text = utf16;
+    painting.textColour = argb;
+    std::vector<std::uint8_t> pixels(160 * 32 * 4);
+    painter.Paint(painting).WriteArgb(pixels.data(), 160 * 4);
+    Yv12Overlay overlay;
+    overlay.Resize(160, 32);
+    ConvertArgbToOverlay(pixels.data(), 160 * 4, overlay);
+    Canvas expected(canvas.width, canvas.height);
+    CopyPictureClipped(window.picture, window.w, window.h, expected.Picture(), 100, 50);
+    BlendOverlay(overlay, 100, 142, expected.Picture());
+    EXPECT_EQ(drawn, expected) << utf8;
+  }
 }
 
 TEST_F(DrawWindowsTest, LabelsAreMatchedByPositionAndEndWithTheCount) {

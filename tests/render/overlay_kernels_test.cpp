@@ -1,5 +1,5 @@
 // Every fast conversion of a bitmap gives the bytes of the scalar one, and touches nothing beside
-// its blocks; leaving out what is clear gives the bytes of converting everything.
+// its blocks; a text that is converted from its coverage blends like its pixels.
 #include "render/kernels/overlay_kernels.h"
 
 #include <algorithm>
@@ -23,22 +23,11 @@ class GuardedPlanes {
         height_(h),
         bytes(static_cast<std::size_t>(5 * (w * h + kGuard) + kGuard), 0xA5) {}
 
-  kernels::OverlayBlocks Blocks(const std::vector<std::uint8_t>& pixels) {
+  kernels::OverlayPlanes Planes() {
     const std::ptrdiff_t plane = width_ * height_ + kGuard;
     std::uint8_t* const first = bytes.data() + kGuard;
-    return {pixels.data(),
-            width_ * 4,
-            width_,
-            height_,
-            first,
-            first + plane,
-            first + 2 * plane,
-            first + 3 * plane,
-            first + 4 * plane,
-            0,
-            0,
-            width_ / 2,
-            height_ / 2};
+    return {width_,           height_, first, first + plane, first + 2 * plane, first + 3 * plane,
+            first + 4 * plane};
   }
 
  private:
@@ -64,55 +53,87 @@ std::vector<std::uint8_t> Scattered(std::int32_t w, std::int32_t h, std::uint32_
 
 class OverlayKernelVersions : public testing::TestWithParam<kernels::OverlayKernel> {};
 
-// As a text has: every pixel that is not transparent in one colour, many of them transparent; in a
-// few bitmaps one pixel in another colour.
-void GiveOneColour(std::vector<std::uint8_t>& pixels, std::mt19937& random) {
-  const std::array colour{static_cast<std::uint8_t>(random()), static_cast<std::uint8_t>(random()),
-                          static_cast<std::uint8_t>(random())};
-  for (std::size_t i = 0; i < pixels.size(); i += 4) {
-    if (random() % 3 == 0) {
-      pixels[i + 3] = 0;
-    } else {
-      std::copy(colour.begin(), colour.end(), pixels.begin() + static_cast<std::ptrdiff_t>(i));
-    }
+// All blocks, or some of them.
+PlaneBounds SomeBlocks(std::int32_t w, std::int32_t h, std::mt19937& random) {
+  PlaneBounds blocks{0, 0, w / 2, h / 2};
+  const auto below = [&random](std::int32_t limit) {
+    return static_cast<std::int32_t>(random() % static_cast<std::uint32_t>(limit));
+  };
+  if (random() % 2 == 0) {
+    blocks.left = below(w / 2);
+    blocks.right -= below(w / 2 - blocks.left);
+    blocks.top = below(h / 2);
+    blocks.bottom -= below(h / 2 - blocks.top);
   }
-  if (random() % 4 == 0) {
-    const std::size_t odd = random() % (pixels.size() / 4) * 4;
-    pixels[odd] = static_cast<std::uint8_t>(pixels[odd] + 90);
-  }
+  return blocks;
 }
 
-TEST_P(OverlayKernelVersions, ConvertEqualsTheDefinition) {
-  const auto scalar = kernels::AllOverlayKernels().front();
+// Coverages as a text has, many of them 0, with the opacities of an opaque, a translucent or a
+// vanishing colour.
+struct Coverage {
+  std::vector<std::uint8_t> bytes;
+  std::vector<std::uint8_t> pixels;  // the same as 32-bit pixels
+  CoverageBitmap bitmap;
+
+  Coverage(std::int32_t w, std::int32_t h, const PlaneBounds& ink, std::mt19937& random)
+      : bytes(static_cast<std::size_t>(w + 5) * h) {
+    bitmap.stride = w + 5;
+    bitmap.ink = ink;
+    for (std::size_t i = 0; i < 3; ++i) {
+      bitmap.colour[i] = static_cast<std::uint8_t>(random());
+      bitmap.clear[i] = static_cast<std::uint8_t>(random());
+    }
+    const std::array<std::size_t, 4> alphas{255, 255, 128, 1};
+    const std::size_t alpha = alphas[random() % alphas.size()];
+    for (std::size_t i = 0; i < bitmap.opacities.size(); ++i) {
+      bitmap.opacities[i] = static_cast<std::uint8_t>((i * alpha + 127) / 255);
+    }
+    for (std::int32_t y = 0; y < h; ++y) {
+      for (std::int32_t x = 0; x < w; ++x) {
+        const bool inside = x >= ink.left && x < ink.right && y >= ink.top && y < ink.bottom;
+        const std::uint32_t kind = random() % 4;
+        const auto coverage = static_cast<std::uint8_t>(!inside || kind < 2 ? 0
+                                                        : kind == 2         ? 255
+                                                                            : random());
+        bytes[static_cast<std::size_t>(y * (w + 5) + x)] = coverage;
+        const std::uint8_t opacity = bitmap.opacities[coverage];
+        const auto& colour = opacity == 0 ? bitmap.clear : bitmap.colour;
+        pixels.insert(pixels.end(), {colour[0], colour[1], colour[2], opacity});
+      }
+    }
+    bitmap.coverage = bytes.data();
+  }
+};
+
+TEST_P(OverlayKernelVersions, ConvertingEqualsTheDefinition) {
+  const kernels::OverlayKernel scalar = kernels::AllOverlayKernels().front();
   std::mt19937 random(7);
   for (std::int32_t w = 2; w <= 600; w += w < 70 ? 1 : 61) {
     for (const std::int32_t h : {2, 3, 4, 7, 12}) {
-      std::vector<std::uint8_t> pixels = Scattered(w, h, static_cast<std::uint32_t>(w * 100 + h));
-      if (random() % 2 == 0) {
-        GiveOneColour(pixels, random);
-      }
-      GuardedPlanes expected(w, h);
-      GuardedPlanes actual(w, h);
-      kernels::OverlayBlocks blocks = expected.Blocks(pixels);
-      kernels::OverlayBlocks same = actual.Blocks(pixels);
-      if (random() % 2 == 0) {
-        blocks.left = static_cast<std::int32_t>(random() % static_cast<std::uint32_t>(w / 2));
-        blocks.right -=
-            static_cast<std::int32_t>(random() % static_cast<std::uint32_t>(w / 2 - blocks.left));
-        blocks.top = static_cast<std::int32_t>(random() % static_cast<std::uint32_t>(h / 2));
-        same.left = blocks.left;
-        same.top = blocks.top;
-        same.right = blocks.right;
-      }
-      scalar.convert(blocks);
-      GetParam().convert(same);
-      ASSERT_EQ(actual.bytes, expected.bytes) << w << "x" << h << " from block " << blocks.left
-                                              << ", " << blocks.top << " to " << blocks.right;
+      const PlaneBounds blocks = SomeBlocks(w, h, random);
+      const auto check = [&](const std::vector<std::uint8_t>& pixels, auto convert) {
+        GuardedPlanes expected(w, h);
+        GuardedPlanes actual(w, h);
+        scalar.convertPixels({pixels.data(), w * 4}, expected.Planes(), blocks);
+        convert(actual.Planes());
+        ASSERT_EQ(actual.bytes, expected.bytes)
+            << w << "x" << h << " from block " << blocks.left << ", " << blocks.top << " to "
+            << blocks.right << ", " << blocks.bottom;
+      };
+      const std::vector<std::uint8_t> pixels =
+          Scattered(w, h, static_cast<std::uint32_t>(w * 100 + h));
+      check(pixels, [&](const kernels::OverlayPlanes& to) {
+        GetParam().convertPixels({pixels.data(), w * 4}, to, blocks);
+      });
+      const Coverage coverage(w, h, {0, 0, w, h}, random);
+      check(coverage.pixels, [&](const kernels::OverlayPlanes& to) {
+        GetParam().convertCoverage(coverage.bitmap, to, blocks);
+      });
     }
   }
 }
 
-TEST_P(OverlayKernelVersions, ConvertEqualsTheDefinitionForTheExtremes) {
+TEST_P(OverlayKernelVersions, ConvertingEqualsTheDefinitionForTheExtremes) {
   // Every corner of the colour cube, at opacities that make the sums smallest and largest.
   std::vector<std::uint8_t> pixels;
   for (const int alpha : {1, 2, 254, 255}) {
@@ -130,17 +151,18 @@ TEST_P(OverlayKernelVersions, ConvertEqualsTheDefinitionForTheExtremes) {
   pixels.insert(pixels.end(), row.begin(), row.end());
   GuardedPlanes expected(w, 2);
   GuardedPlanes actual(w, 2);
-  kernels::AllOverlayKernels().front().convert(expected.Blocks(pixels));
-  GetParam().convert(actual.Blocks(pixels));
+  const kernels::ArgbRows bitmap{pixels.data(), std::ptrdiff_t{w} * 4};
+  kernels::AllOverlayKernels().front().convertPixels(bitmap, expected.Planes(), {0, 0, w / 2, 1});
+  GetParam().convertPixels(bitmap, actual.Planes(), {0, 0, w / 2, 1});
   EXPECT_EQ(actual.bytes, expected.bytes);
 }
 
-INSTANTIATE_TEST_SUITE_P(Fast, OverlayKernelVersions,
-                         testing::ValuesIn(kernels::AllOverlayKernels().subspan(1).begin(),
+INSTANTIATE_TEST_SUITE_P(All, OverlayKernelVersions,
+                         testing::ValuesIn(kernels::AllOverlayKernels().begin(),
                                            kernels::AllOverlayKernels().end()),
                          [](const auto& version) { return std::string(version.param.name); });
 
-TEST(ConvertArgbToOverlay, GivesTheSameWhenTheClearPartIsLeftOut) {
+TEST(ConvertCoverageToOverlay, BlendsLikeThePixelsWhateverTheOverlayHeldBefore) {
   constexpr std::int32_t kWidth = 20;
   constexpr std::int32_t kHeight = 12;
   std::mt19937 random(11);
@@ -158,22 +180,15 @@ TEST(ConvertArgbToOverlay, GivesTheSameWhenTheClearPartIsLeftOut) {
     if (round == 0) {
       ink = {0, 0, kWidth, kHeight};
     }
-    std::vector<std::uint8_t> pixels =
-        Scattered(kWidth, kHeight, static_cast<std::uint32_t>(round));
-    for (std::int32_t y = 0; y < kHeight; ++y) {
-      for (std::int32_t x = 0; x < kWidth; ++x) {
-        if (x < ink.left || x >= ink.right || y < ink.top || y >= ink.bottom) {
-          const std::uint8_t clear[] = {255, 0, 255, 0};
-          std::memcpy(&pixels[static_cast<std::size_t>(y * kWidth + x) * 4], clear, 4);
-        }
-      }
-    }
+    const Coverage coverage(kWidth, kHeight, ink, random);
     Yv12Overlay whole;
     whole.Resize(kWidth, kHeight);
-    ConvertArgbToOverlay(pixels.data(), kWidth * 4, whole);
-    ConvertArgbToOverlay(pixels.data(), kWidth * 4, ink, kept);
-    constexpr std::size_t kBytes = kWidth * kHeight * 11 / 4;
-    ASSERT_TRUE(std::equal(whole.Alpha(), whole.Alpha() + kBytes, kept.Alpha())) << round;
+    ConvertArgbToOverlay(coverage.pixels.data(), kWidth * 4, whole);
+    if (round % 16 == 15) {
+      ConvertArgbToOverlay(coverage.pixels.data(), kWidth * 4, kept);
+    } else {
+      ConvertCoverageToOverlay(coverage.bitmap, kept);
+    }
 
     std::vector<std::uint8_t> a(40 * 30 * 3 / 2, 77);
     std::vector<std::uint8_t> b = a;

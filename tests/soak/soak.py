@@ -196,7 +196,8 @@ class Sender(threading.Thread):
 class Wall:
     """The running wall: its process, its events and what it needs of the machine."""
 
-    def __init__(self, command, environment, log):
+    def __init__(self, command, environment, log, events):
+        self.events = events   # file that keeps every event with the second it came at
         self.process = subprocess.Popen(command, env=environment, stdout=subprocess.PIPE, stderr=log,
                                         stdin=subprocess.DEVNULL, text=True)
         self.condition = threading.Condition()
@@ -206,10 +207,12 @@ class Wall:
         self.statuses = []
         self.end_report = None
         self.samples = []      # (time, resident bytes, descriptors, threads)
-        threading.Thread(target=self.read, daemon=True).start()
+        self.reader = threading.Thread(target=self.read, daemon=True)
+        self.reader.start()
 
     def read(self):
         for line in self.process.stdout:
+            self.events.write(f"{time.monotonic():.3f} {line}")
             try:
                 event = json.loads(line)
             except ValueError:
@@ -255,6 +258,7 @@ class Harm:
     back_after: float  # seconds; infinite: never
     clip: str = ""
     fault: str = ""
+    at: float = dataclasses.field(default_factory=time.monotonic)  # when its outcome was known
 
 
 class Script(threading.Thread):
@@ -381,7 +385,7 @@ def main():
     arguments = parser.parse_args()
 
     folder = pathlib.Path(tempfile.mkdtemp(prefix="tavrel-soak-"))
-    log_path = folder / "messages.log"
+    log_path, events_path = folder / "messages.log", folder / "events.log"
     make_clips(folder)
 
     names, relays, senders, channels = [], [], [], []
@@ -411,8 +415,8 @@ def main():
     command = [arguments.program, "run", wall_path, "--json", "--events"]
     pump = Relays(relays)
     pump.start()
-    with open(log_path, "w") as log:
-        wall = Wall([str(part) for part in command], environment, log)
+    with open(log_path, "w") as log, open(events_path, "w") as events:
+        wall = Wall([str(part) for part in command], environment, log, events)
         for sender in senders:
             sender.start()
         all_live = lambda: all(wall.states.get(name, ("",))[0] == "live" for name in names)
@@ -434,6 +438,7 @@ def main():
         except subprocess.TimeoutExpired:
             wall.process.kill()
             code = "none: it did not end within a minute"
+        wall.reader.join(10)
         for sender in senders:
             sender.end()
         pump.ends = True
@@ -505,9 +510,13 @@ def main():
     if faults or arguments.keep:
         kept = arguments.keep or pathlib.Path("out/soak")
         kept.mkdir(parents=True, exist_ok=True)
-        shutil.copy(log_path, kept)
-        shutil.copy(wall_path, kept)
-        print("messages and wall file are in", kept)
+        with open(events_path, "a") as events:
+            events.writelines(f"{harm.at:.3f} {harm}\n" for script in scripts for harm in script.harms)
+        samples_path = folder / "samples.tsv"
+        samples_path.write_text("".join("\t".join(map(str, sample)) + "\n" for sample in wall.samples))
+        for path in (log_path, events_path, samples_path, wall_path):
+            shutil.copy(path, kept)
+        print("messages, events, what the process held and the wall file are in", kept)
     shutil.rmtree(folder, ignore_errors=True)
     print("soak:", "FAILED" if faults else "passed", f"(seed {arguments.seed}, {len(harms)} harms)")
     return 1 if faults else 0

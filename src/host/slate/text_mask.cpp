@@ -9,17 +9,6 @@ namespace {
 constexpr const char* kPrivateFontFile = "Lucon.ttf";  // beside the program
 constexpr std::u16string_view kFamily = u"DejaVu Sans";
 
-std::u16string Widen(const std::string& utf8) {
-  const qorp::EncodedText encoded =
-      qorp::Transcode(utf8.data(), utf8.size(), qorp::kUtf8, qorp::kUtf16LE, true);
-  std::u16string text;
-  text.reserve(encoded.bytes.size() / 2);
-  for (std::size_t i = 0; i + 1 < encoded.bytes.size(); i += 2) {
-    text.push_back(static_cast<char16_t>(encoded.bytes[i] | encoded.bytes[i + 1] << 8));
-  }
-  return text;
-}
-
 }  // namespace
 
 TextSetter::TextSetter() = default;
@@ -30,26 +19,31 @@ TextMask TextSetter::Set(const std::string& text, int points, int width, int hei
     painter_ = std::make_unique<os::TextPainter>(kPrivateFontFile);
   }
   painter_->SetFont(kFamily, points);
-  const std::u16string wide = Widen(text);
+  const std::u16string wide = qorp::WidenLeniently(text);
   os::TextPainting painting;
   painting.text = wide;
   painting.width = width;
   painting.height = height;
   painting.alignment = os::TextAlignment::kCentre;
-  const os::ArgbBitmap bitmap = painter_->Paint(painting);
+  const os::PaintedText painted = painter_->Paint(painting);
+  const os::PixelBounds ink = painted.Ink();
   TextMask mask;
-  if (bitmap.ink.Empty()) {
+  if (ink.Empty()) {
     return mask;
   }
-  constexpr std::ptrdiff_t kPixel = 4;
-  constexpr std::ptrdiff_t kAlpha = 3;
-  mask.width = bitmap.ink.right - bitmap.ink.left;
-  mask.height = bitmap.ink.bottom - bitmap.ink.top;
+  constexpr std::size_t kPixel = 4;
+  constexpr std::size_t kAlpha = 3;
+  const std::size_t stride = static_cast<std::size_t>(painted.Width()) * kPixel;
+  std::vector<std::uint8_t> pixels(stride * static_cast<std::size_t>(painted.Height()));
+  painted.WriteArgb(pixels.data(), static_cast<std::ptrdiff_t>(stride));
+  mask.width = ink.right - ink.left;
+  mask.height = ink.bottom - ink.top;
   mask.coverage.reserve(static_cast<std::size_t>(mask.width) *
                         static_cast<std::size_t>(mask.height));
-  for (int y = bitmap.ink.top; y < bitmap.ink.bottom; ++y) {
-    for (int x = bitmap.ink.left; x < bitmap.ink.right; ++x) {
-      mask.coverage.push_back(bitmap.pixels[y * bitmap.stride + x * kPixel + kAlpha]);
+  for (int y = ink.top; y < ink.bottom; ++y) {
+    for (int x = ink.left; x < ink.right; ++x) {
+      mask.coverage.push_back(pixels[static_cast<std::size_t>(y) * stride +
+                                     static_cast<std::size_t>(x) * kPixel + kAlpha]);
     }
   }
   return mask;

@@ -1,6 +1,7 @@
 #include "platform/text/composite.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 
 namespace os {
@@ -17,19 +18,43 @@ std::uint64_t Word(const std::uint8_t* bytes) {
   return word;
 }
 
+constexpr int kStrip = 64;
+using Strip = std::array<std::uint8_t, kStrip>;
+
+bool IsInk(std::uint8_t byte) {
+  return byte != 0;
+}
+
+// Each column's bytes of rows [top, bottom) or'ed together; 0 beyond count.
+Strip InkOfStrip(PixelRows<const std::uint8_t> bytes, int first, int count, int top, int bottom) {
+  Strip ink{};
+  for (int y = top; y < bottom; ++y) {
+    Strip row{};
+    const std::uint8_t* const from = bytes.Row(y) + first;
+    if (count == kStrip) {
+      std::memcpy(row.data(), from, kStrip);
+    } else {
+      std::memcpy(row.data(), from, static_cast<std::size_t>(count));
+    }
+    for (std::size_t i = 0; i < kStrip; ++i) {
+      ink[i] |= row[i];
+    }
+  }
+  return ink;
+}
+
 bool AnyInk(const std::uint8_t* row, int width) {
   int x = 0;
-  for (; x + 8 <= width; x += 8) {
-    if (Word(row + x) != 0) {
+  for (; x + kStrip <= width; x += kStrip) {
+    std::uint64_t ink = 0;
+    for (int i = 0; i < kStrip; i += 8) {
+      ink |= Word(row + x + i);
+    }
+    if (ink != 0) {
       return true;
     }
   }
-  for (; x < width; ++x) {
-    if (row[x] != 0) {
-      return true;
-    }
-  }
-  return false;
+  return std::any_of(row + x, row + width, IsInk);
 }
 
 }  // namespace
@@ -57,50 +82,47 @@ BgraPixel CompositePixel(const BgraPixel& under, const BgraPixel& colour, std::u
   return result;
 }
 
-void CoverageColours::Set(std::uint32_t textColour, std::uint32_t clearColour) {
-  if (textColour == textColour_ && clearColour == clearColour_) {
-    return;
-  }
-  textColour_ = textColour;
-  clearColour_ = clearColour;
-  for (std::size_t coverage = 0; coverage < colours_.size(); ++coverage) {
-    colours_[coverage] = CompositePixel(ToBgra(clearColour), ToBgra(textColour),
-                                        static_cast<std::uint8_t>(coverage));
+void FillCoverageTable(std::uint32_t textColour, std::uint32_t clearColour, CoverageTable& table) {
+  for (std::size_t coverage = 0; coverage < table.size(); ++coverage) {
+    table[coverage] = CompositePixel(ToBgra(clearColour), ToBgra(textColour),
+                                     static_cast<std::uint8_t>(coverage));
   }
 }
 
+// Row by row from above and from below, then strip by strip from both sides: what lies between is
+// not looked at.
 PixelBounds BoundsOfInk(PixelRows<const std::uint8_t> bytes, int width, int height) {
   int top = 0;
   while (top < height && !AnyInk(bytes.Row(top), width)) {
     ++top;
   }
+  if (top == height) {
+    return {};
+  }
   int bottom = height;
-  while (bottom > top && !AnyInk(bytes.Row(bottom - 1), width)) {
+  while (!AnyInk(bytes.Row(bottom - 1), width)) {
     --bottom;
   }
-  // From both sides inwards: a row is read only as far as it may still widen the bounds.
-  int left = width;
+  int left = 0;
   int right = 0;
-  for (int y = top; y < bottom; ++y) {
-    const std::uint8_t* const row = bytes.Row(y);
-    int x = 0;
-    while (x + 8 <= left && Word(row + x) == 0) {
-      x += 8;
+  for (int first = 0; first < width; first += kStrip) {
+    const Strip columns = InkOfStrip(bytes, first, std::min(kStrip, width - first), top, bottom);
+    const auto inked = std::find_if(columns.begin(), columns.end(), IsInk);
+    if (inked != columns.end()) {
+      left = first + static_cast<int>(inked - columns.begin());
+      break;
     }
-    while (x < left && row[x] == 0) {
-      ++x;
-    }
-    left = std::min(left, x);
-    x = width;
-    while (x - 8 >= right && Word(row + x - 8) == 0) {
-      x -= 8;
-    }
-    while (x > right && row[x - 1] == 0) {
-      --x;
-    }
-    right = std::max(right, x);
   }
-  return top == bottom ? PixelBounds{} : PixelBounds{left, top, right, bottom};
+  for (int last = width; last > 0; last -= kStrip) {
+    const int count = std::min(kStrip, last);
+    const Strip columns = InkOfStrip(bytes, last - count, count, top, bottom);
+    const auto inked = std::find_if(columns.rbegin(), columns.rend(), IsInk);
+    if (inked != columns.rend()) {
+      right = last - count + static_cast<int>(columns.rend() - inked);
+      break;
+    }
+  }
+  return {left, top, right, bottom};
 }
 
 void FillPixels(PixelRows<std::uint8_t> target, const PixelBounds& bounds,
@@ -119,7 +141,7 @@ void FillPixels(PixelRows<std::uint8_t> target, const PixelBounds& bounds,
   }
 }
 
-void CompositeCoverage(PixelRows<const std::uint8_t> coverage, const CoverageColours& colours,
+void CompositeCoverage(PixelRows<const std::uint8_t> coverage, const CoverageTable& colours,
                        const PixelBounds& bounds, PixelRows<std::uint8_t> target) {
   for (int y = bounds.top; y < bounds.bottom; ++y) {
     const std::uint8_t* const from = coverage.Row(y);

@@ -1,6 +1,7 @@
 #include "platform/text/font_library.h"
 
 #include <map>
+#include <utility>
 
 #include <pango/pangofc-fontmap.h>
 
@@ -10,6 +11,9 @@
 namespace os {
 
 namespace {
+
+// A text as large as a whole picture of 3840x2160 with colour glyphs.
+constexpr std::size_t kMostBytesKept = std::size_t{3840} * 2160 * 4;
 
 const FcChar8* FcText(const std::string& text) {
   return reinterpret_cast<const FcChar8*>(text.c_str());
@@ -88,6 +92,21 @@ bool FontLibrary::HasInstalledFamily(const std::string& family) const {
   const FcFontSetHandle found(
       FcFontSetList(config_.get(), &installed, 1, pattern.get(), nothing.get()));
   return found != nullptr && found->nfont > 0;
+}
+
+std::unique_ptr<DrawingSurface> FontLibrary::Lend() {
+  if (surfaces_.empty()) {
+    return std::make_unique<DrawingSurface>();
+  }
+  std::unique_ptr<DrawingSurface> surface = std::move(surfaces_.back());
+  surfaces_.pop_back();
+  return surface;
+}
+
+void FontLibrary::TakeBack(std::unique_ptr<DrawingSurface> surface) {
+  if (surface->Bytes() <= kMostBytesKept) {
+    surfaces_.push_back(std::move(surface));
+  }
 }
 
 }  // namespace os

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/text/drawing_surface.h"
 #include "platform/text/handles.h"
 
 namespace os {
@@ -40,11 +41,18 @@ class FontLibrary {
   const std::string& PrivateFamily() const { return privateFamily_; }
   PangoFontMap* Map() const { return map_.get(); }
 
+  // A surface to draw a text into, and its return, all zero. As many are kept as were ever lent at
+  // the same time, and no large one.
+  std::unique_ptr<DrawingSurface> Lend();
+  void TakeBack(std::unique_ptr<DrawingSurface> surface);
+
  private:
   std::mutex lock_;
   FcConfigHandle config_;      // guarded by lock_
   FontMapHandle map_;          // guarded by lock_
   std::string privateFamily_;  // set once
+  // The last one returned is lent first: its memory is the most likely to be in the cache.
+  std::vector<std::unique_ptr<DrawingSurface>> surfaces_;  // guarded by lock_
 };
 
 }  // namespace os

@@ -1,9 +1,9 @@
 #include "platform/text/text_painter.h"
 
 #include <algorithm>
-#include <vector>
 
 #include "platform/text/composite.h"
+#include "platform/text/drawing_surface.h"
 #include "platform/text/font_library.h"
 #include "platform/text/handles.h"
 #include "platform/text/utf8.h"
@@ -75,84 +75,29 @@ bool HasColourGlyphs(const PangoLayoutLine* line) {
   return false;
 }
 
-// Memory that cairo draws into. Always all zero but for the ink of the drawing in it.
-class DrawingSurface {
- public:
-  void Make(cairo_format_t format, int width, int height) {
-    cairo_.reset();
-    surface_.reset();
-    stride_ = cairo_format_stride_for_width(format, width);
-    bytesPerPixel_ = format == CAIRO_FORMAT_A8 ? 1 : 4;
-    width_ = width;
-    height_ = height;
-    bytes_.assign(static_cast<std::size_t>(stride_) * static_cast<std::size_t>(height), 0);
-    surface_.reset(
-        cairo_image_surface_create_for_data(bytes_.data(), format, width, height, stride_));
-    cairo_.reset(cairo_create(surface_.get()));
-  }
-  void Drop() {
-    cairo_.reset();
-    surface_.reset();
-    bytes_ = {};
-  }
-  bool Made() const { return cairo_ != nullptr; }
-  cairo_t* Cairo() const { return cairo_.get(); }
-  PixelRows<const std::uint8_t> Rows() const { return {bytes_.data(), stride_}; }
-
-  PixelBounds FindInk() const {
-    PixelBounds ink = BoundsOfInk(Rows(), width_ * bytesPerPixel_, height_);
-    ink.left /= bytesPerPixel_;
-    ink.right = (ink.right + bytesPerPixel_ - 1) / bytesPerPixel_;
-    return ink;
-  }
-  void Clear(const PixelBounds& ink) {
-    for (int y = ink.top; y < ink.bottom; ++y) {
-      std::fill_n(
-          bytes_.data() + static_cast<std::ptrdiff_t>(y) * stride_ + ink.left * bytesPerPixel_,
-          (ink.right - ink.left) * bytesPerPixel_, std::uint8_t{0});
-    }
-  }
-
- private:
-  std::vector<std::uint8_t> bytes_;
-  SurfaceHandle surface_;  // refers to bytes_
-  CairoHandle cairo_;      // refers to surface_
-  int stride_ = 0;
-  int bytesPerPixel_ = 1;
-  int width_ = 0;
-  int height_ = 0;
-};
-
 }  // namespace
 
-// Everything up to surface and cairo is made from the library's font map and touched with its lock
-// held; the pixels are this painter's own.
+// What is made from the library's font map is touched with its lock held.
 struct TextPainter::State {
   std::shared_ptr<FontLibrary> library;
   ContextHandle context;
   LayoutHandle layout;
   FontDescriptionHandle font;  // null until a font was found
-  // Ordinary glyphs are drawn as coverage alone and get the text colour afterwards, exactly. Only a
-  // text with colour glyphs is drawn in colour.
-  DrawingSurface coverage;
-  DrawingSurface colour;
 
   std::string family;  // family in use
   int ascent = 0;      // of the font, layout units
   std::string utf8;    // scratch
-  CoverageColours colours;
-  std::vector<std::uint8_t> pixels;
-  int width = 0;
-  int height = 0;
-  std::uint32_t clearColour = 0;
-  PixelBounds ink;  // of pixels
 
-  void Resize(const TextPainting& painting);
+  // Of the colours last painted with.
+  std::uint32_t textColour = 0;
+  std::uint32_t clearColour = 0;
+  CoverageTable colours{};
+
+  void SetColours(const TextPainting& painting);
   void LayOut(const TextPainting& painting);
   bool LayoutHasColour() const;
-  int BaselineShift(PangoLayoutIter* firstLine) const;
+  int BaselineShift(PangoLayoutIter* firstLine, int height) const;
   void Draw(cairo_t* cairo, const TextPainting& painting) const;
-  void PaintText(const TextPainting& painting);
 };
 
 TextPainter::TextPainter(const std::string& privateFontFile) : state_(std::make_unique<State>()) {
@@ -167,8 +112,6 @@ TextPainter::TextPainter(const std::string& privateFontFile) : state_(std::make_
 
 TextPainter::~TextPainter() {
   const std::lock_guard guard(state_->library->lock());
-  state_->colour.Drop();
-  state_->coverage.Drop();
   state_->font.reset();
   state_->layout.reset();
   state_->context.reset();
@@ -200,16 +143,49 @@ const std::string& TextPainter::FontFamily() const {
   return state_->family;
 }
 
-ArgbBitmap TextPainter::Paint(const TextPainting& painting) {
+PaintedText TextPainter::Paint(const TextPainting& painting) {
+  PaintedText painted;
   if (painting.width < 1 || painting.width > kMaxSide || painting.height < 1 ||
       painting.height > kMaxSide) {
-    return {};
+    return painted;
   }
   State& state = *state_;
-  state.Resize(painting);
-  state.PaintText(painting);
-  return {state.pixels.data(), static_cast<std::ptrdiff_t>(state.width) * 4, state.width,
-          state.height, state.ink};
+  state.SetColours(painting);
+  painted.width_ = painting.width;
+  painted.height_ = painting.height;
+  painted.clearColour_ = painting.clearColour;
+  painted.colours_ = &state.colours;
+  if (painting.text.empty()) {
+    return painted;
+  }
+  ToUtf8(Visible(painting.text), state.utf8);
+  {
+    const std::lock_guard guard(state.library->lock());
+    if (state.font == nullptr) {
+      return painted;
+    }
+    state.LayOut(painting);
+    // Ordinary glyphs are drawn as coverage alone and get the text colour afterwards, exactly. Only
+    // a text with colour glyphs is drawn in colour.
+    auto content = DrawingSurface::Content::kCoverage;
+    if (state.LayoutHasColour()) {
+      content = DrawingSurface::Content::kColour;
+      painted.colours_ = nullptr;
+      painted.opacity_ = ToBgra(painting.textColour)[3];
+    }
+    painted.library_ = state.library;
+    painted.surface_ = state.library->Lend();
+    painted.surface_->Prepare(content, painting.width, painting.height);
+    cairo_t* const cairo = painted.surface_->Cairo();
+    const BgraPixel source = ToBgra(painting.textColour);
+    cairo_set_source_rgb(cairo, source[2] / 255.0, source[1] / 255.0, source[0] / 255.0);
+    // Coverages that meet add up. For an opaque colour that is what the default would draw as well,
+    // but it needs a mask in between as soon as two glyphs may touch.
+    cairo_set_operator(cairo, painted.IsCoverage() ? CAIRO_OPERATOR_ADD : CAIRO_OPERATOR_OVER);
+    state.Draw(cairo, painting);
+  }
+  painted.ink_ = painted.surface_->FindInk();
+  return painted;
 }
 
 int TextPainter::CountMissingGlyphs() const {
@@ -217,77 +193,20 @@ int TextPainter::CountMissingGlyphs() const {
   return state_->font == nullptr ? 0 : pango_layout_get_unknown_glyphs_count(state_->layout.get());
 }
 
-// Leaves every pixel with the clear colour.
-void TextPainter::State::Resize(const TextPainting& painting) {
-  const bool sameSize = painting.width == width && painting.height == height;
-  const PixelRows<std::uint8_t> target{pixels.data(), static_cast<std::ptrdiff_t>(width) * 4};
-  if (sameSize && painting.clearColour == clearColour) {
-    FillPixels(target, ink, ToBgra(clearColour));
-    ink = {};
-    return;
+void TextPainter::State::SetColours(const TextPainting& painting) {
+  // A new table is all zero, as for two colours without any opacity or light.
+  if (painting.textColour != textColour || painting.clearColour != clearColour) {
+    textColour = painting.textColour;
+    clearColour = painting.clearColour;
+    FillCoverageTable(textColour, clearColour, colours);
   }
-  if (!sameSize) {
-    {
-      const std::lock_guard guard(library->lock());
-      coverage.Drop();
-      colour.Drop();
-    }
-    // Nothing is known of the pixels while their memory is being taken.
-    width = 0;
-    height = 0;
-    pixels.resize(static_cast<std::size_t>(painting.width) * 4 *
-                  static_cast<std::size_t>(painting.height));
-    width = painting.width;
-    height = painting.height;
-  }
-  clearColour = painting.clearColour;
-  FillPixels({pixels.data(), static_cast<std::ptrdiff_t>(width) * 4}, {0, 0, width, height},
-             ToBgra(clearColour));
-  ink = {};
-}
-
-void TextPainter::State::PaintText(const TextPainting& painting) {
-  if (painting.text.empty()) {
-    return;
-  }
-  ToUtf8(Visible(painting.text), utf8);
-  DrawingSurface* surface = &coverage;
-  {
-    const std::lock_guard guard(library->lock());
-    if (font == nullptr) {
-      return;
-    }
-    LayOut(painting);
-    if (LayoutHasColour()) {
-      surface = &colour;
-    }
-    if (!surface->Made()) {
-      surface->Make(surface == &colour ? CAIRO_FORMAT_ARGB32 : CAIRO_FORMAT_A8, width, height);
-    }
-    const BgraPixel source = ToBgra(painting.textColour);
-    cairo_set_source_rgb(surface->Cairo(), source[2] / 255.0, source[1] / 255.0, source[0] / 255.0);
-    // Coverages that meet add up. For an opaque colour that is what the default would draw as well,
-    // but it needs a mask in between as soon as two glyphs may touch.
-    cairo_set_operator(surface->Cairo(),
-                       surface == &coverage ? CAIRO_OPERATOR_ADD : CAIRO_OPERATOR_OVER);
-    Draw(surface->Cairo(), painting);
-  }
-  ink = surface->FindInk();
-  const PixelRows<std::uint8_t> target{pixels.data(), static_cast<std::ptrdiff_t>(width) * 4};
-  if (surface == &colour) {
-    CompositeColour(surface->Rows(), ToBgra(painting.textColour)[3], clearColour, ink, target);
-  } else {
-    colours.Set(painting.textColour, clearColour);
-    CompositeCoverage(surface->Rows(), colours, ink, target);
-  }
-  surface->Clear(ink);
 }
 
 void TextPainter::State::LayOut(const TextPainting& painting) {
   pango_layout_set_text(layout.get(), utf8.data(), static_cast<int>(utf8.size()));
   if (painting.wrap) {
-    pango_layout_set_width(layout.get(), width * PANGO_SCALE);
-    pango_layout_set_height(layout.get(), height * PANGO_SCALE);
+    pango_layout_set_width(layout.get(), painting.width * PANGO_SCALE);
+    pango_layout_set_height(layout.get(), painting.height * PANGO_SCALE);
     pango_layout_set_wrap(layout.get(), PANGO_WRAP_WORD_CHAR);
     pango_layout_set_ellipsize(layout.get(), PANGO_ELLIPSIZE_END);
   } else {
@@ -309,7 +228,7 @@ bool TextPainter::State::LayoutHasColour() const {
 // Texts side by side stand on one baseline, that of the font, although the fonts that stand in for
 // it would each begin at a height of their own. Never so far up that ink is cut off at the top, nor
 // so far down that a line is cut off at the bottom.
-int TextPainter::State::BaselineShift(PangoLayoutIter* firstLine) const {
+int TextPainter::State::BaselineShift(PangoLayoutIter* firstLine, int height) const {
   PangoRectangle inked{};
   pango_layout_iter_get_line_extents(firstLine, &inked, nullptr);
   const int baseline = pango_layout_iter_get_baseline(firstLine);
@@ -324,16 +243,16 @@ int TextPainter::State::BaselineShift(PangoLayoutIter* firstLine) const {
 // square pixels and every glyph is drawn narrower or flatter at its scaled place.
 void TextPainter::State::Draw(cairo_t* cairo, const TextPainting& painting) const {
   cairo_identity_matrix(cairo);
-  cairo_translate(cairo, width / 2.0, height / 2.0);
+  cairo_translate(cairo, painting.width / 2.0, painting.height / 2.0);
   cairo_scale(cairo, painting.scaleX, painting.scaleY);
-  cairo_translate(cairo, -width / 2.0, -height / 2.0);
+  cairo_translate(cairo, -painting.width / 2.0, -painting.height / 2.0);
   const LayoutIterHandle lines(pango_layout_get_iter(layout.get()));
-  const int down = BaselineShift(lines.get());
+  const int down = BaselineShift(lines.get(), painting.height);
   do {
     PangoLayoutLine* const line = pango_layout_iter_get_line_readonly(lines.get());
     PangoRectangle logical{};
     pango_layout_iter_get_line_extents(lines.get(), nullptr, &logical);
-    const int x = LineStart(logical.width, width * PANGO_SCALE, painting.alignment);
+    const int x = LineStart(logical.width, painting.width * PANGO_SCALE, painting.alignment);
     const int y = pango_layout_iter_get_baseline(lines.get()) + down;
     cairo_move_to(cairo, pango_units_to_double(x), pango_units_to_double(y));
     pango_cairo_show_layout_line(cairo, line);

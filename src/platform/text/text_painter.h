@@ -1,4 +1,4 @@
-// TextPainter: a UTF-16 string into a cleared 32-bit ARGB bitmap.
+// TextPainter: a UTF-16 string onto a clear colour.
 #pragma once
 
 #include <cstddef>
@@ -7,32 +7,12 @@
 #include <string>
 #include <string_view>
 
+#include "platform/text/painted_text.h"
+
 namespace os {
 
 // Left, right and centre of the bitmap, whatever the direction of the script.
 enum class TextAlignment { kNear, kFar, kCentre };
-
-// Pixels, right and bottom exclusive.
-struct PixelBounds {
-  int left = 0;
-  int top = 0;
-  int right = 0;
-  int bottom = 0;
-
-  bool Empty() const { return left >= right || top >= bottom; }
-  bool operator==(const PixelBounds&) const = default;
-};
-
-// What a painter painted last; valid until it paints again or is gone. Colours are straight (not
-// multiplied by alpha), four bytes a pixel in the order B, G, R, A.
-struct ArgbBitmap {
-  const std::uint8_t* pixels = nullptr;
-  std::ptrdiff_t stride = 0;  // bytes from row to row
-  int width = 0;
-  int height = 0;
-  // Every pixel outside has the clear colour.
-  PixelBounds ink;
-};
 
 // One painting. The text is laid out in the rectangle (0, 0, width, height) from the top, each line
 // aligned by itself, and composited source-over onto the clear colour.
@@ -60,7 +40,7 @@ struct TextPainting {
 // any. Painters share the fonts and the glyphs already drawn of a process-wide font library that
 // has a lock of its own, so that any number of painters may work at the same time.
 //
-// Nothing fails but for lack of memory: what cannot be painted leaves the bitmap clear.
+// Nothing fails but for lack of memory: what cannot be painted leaves the picture clear.
 //
 // The text libraries behind it cannot be unloaded and loaded again in one process: they are kept
 // loaded from the first use on, even when the library that holds this code is unloaded.
@@ -84,10 +64,10 @@ class TextPainter {
   // Family in use, UTF-8; empty without a font.
   const std::string& FontFamily() const;
 
-  // An empty bitmap (width 0) when a side is out of range. Without a font it is only cleared. An
-  // unpaired surrogate or a NUL is painted as U+FFFD; of a text of many thousand characters only
-  // the start is looked at.
-  ArgbBitmap Paint(const TextPainting& painting);
+  // No text (width 0) when a side is out of range. Without a font nothing is drawn. An unpaired
+  // surrogate or a NUL is painted as U+FFFD; of a text of many thousand characters only the start
+  // is looked at.
+  PaintedText Paint(const TextPainting& painting);
 
   // Characters of the last painting for which no font has a glyph: they show as boxes.
   int CountMissingGlyphs() const;

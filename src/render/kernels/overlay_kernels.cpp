@@ -4,8 +4,7 @@
 #include <array>
 #include <bit>
 #include <cstring>
-
-#include "render/overlay.h"
+#include <vector>
 
 namespace kernels {
 
@@ -19,25 +18,27 @@ TAVREL_INLINE T Limit(T value, T least, T most) {
 }
 
 // The definition.
-void ConvertScalar(const OverlayBlocks& b) {
+void ConvertPixelsScalar(const ArgbRows& bitmap, const OverlayPlanes& to,
+                         const PlaneBounds& blocks) {
   // How much each pixel around a block counts for the block's chroma.
   static constexpr std::array<std::array<std::int32_t, 4>, 4> kWeights{
       {{0, 1, 1, 0}, {1, 3, 3, 1}, {1, 3, 3, 1}, {0, 1, 1, 0}}};
-  for (std::int32_t by = b.top; by < b.bottom; ++by) {
-    for (std::int32_t bx = b.left; bx < b.right; ++bx) {
+  for (std::int32_t by = blocks.top; by < blocks.bottom; ++by) {
+    for (std::int32_t bx = blocks.left; bx < blocks.right; ++bx) {
       std::int64_t weight = 0;
       std::int64_t p = 0;
       std::int64_t q = 0;
       for (std::int32_t i = 0; i < 4; ++i) {
-        const std::int32_t row = std::clamp(2 * by - 1 + i, 0, b.height - 1);
+        const std::int32_t row = std::clamp(2 * by - 1 + i, 0, to.height - 1);
         for (std::int32_t k = 0; k < 4; ++k) {
-          const std::int32_t column = std::clamp(2 * bx - 1 + k, 0, b.width - 1);
-          const std::uint8_t* pixel = b.pixels + row * b.stride + std::ptrdiff_t{column} * 4;
+          const std::int32_t column = std::clamp(2 * bx - 1 + k, 0, to.width - 1);
+          const std::uint8_t* pixel =
+              bitmap.pixels + row * bitmap.stride + std::ptrdiff_t{column} * 4;
           const Ycbcr88 colour = RgbToYcbcr601(pixel[0], pixel[1], pixel[2]);
           if ((i == 1 || i == 2) && (k == 1 || k == 2)) {
-            const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(row) * b.width + column;
-            b.luma[at] = static_cast<std::uint8_t>(Limit((colour.y + 128) >> 8, 16, 235));
-            b.alpha[at] = pixel[3];
+            const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(row) * to.width + column;
+            to.luma[at] = static_cast<std::uint8_t>(Limit((colour.y + 128) >> 8, 16, 235));
+            to.alpha[at] = pixel[3];
           }
           const std::int64_t weighted = std::int64_t{kWeights[i][k]} * pixel[3];
           weight += weighted;
@@ -50,46 +51,86 @@ void ConvertScalar(const OverlayBlocks& b) {
                            : static_cast<std::uint8_t>(
                                  Limit<std::int64_t>((sum / weight + 128) >> 8, 16, 240));
       };
-      const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(by) * (b.width / 2) + bx;
-      b.firstChroma[at] = chroma(p);
-      b.secondChroma[at] = chroma(q);
+      const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(by) * (to.width / 2) + bx;
+      to.firstChroma[at] = chroma(p);
+      to.secondChroma[at] = chroma(q);
       // The weights are those of the inner and the edge alphas in the chroma's opacity as well.
-      b.chromaAlpha[at] = static_cast<std::uint8_t>((weight + 10) / 20);
+      to.chromaAlpha[at] = static_cast<std::uint8_t>((weight + 10) / 20);
     }
   }
 }
 
+void ConvertCoverageScalar(const CoverageBitmap& bitmap, const OverlayPlanes& to,
+                           const PlaneBounds& blocks) {
+  std::vector<std::uint8_t> pixels;
+  pixels.reserve(static_cast<std::size_t>(to.width) * to.height * 4);
+  for (std::int32_t y = 0; y < to.height; ++y) {
+    for (std::int32_t x = 0; x < to.width; ++x) {
+      const std::uint8_t opacity = bitmap.opacities[bitmap.coverage[y * bitmap.stride + x]];
+      const auto& colour = opacity == 0 ? bitmap.clear : bitmap.colour;
+      pixels.insert(pixels.end(), {colour[0], colour[1], colour[2], opacity});
+    }
+  }
+  ConvertPixelsScalar({pixels.data(), std::ptrdiff_t{to.width} * 4}, to, blocks);
+}
+
 // The fast versions convert each pixel once and sum rows before columns. Plain loops that the
-// compiler vectorises; every sum fits 32 bits: luma without sign up to 3.7e9, chroma times opacity
-// times all weights up to 61426 * 255 * 20.
+// compiler vectorises.
 
 // Columns of a strip; what is kept of its rows fits the first-level cache.
 constexpr std::int32_t kStrip = 256;
 
+// Rows of a strip that the next blocks need: row y is in place y % 4.
+template <typename Row>
+using RowRing = std::array<Row, 4>;
+
+// Runs `convertRow(y, row)` for each row that a block needs and has not got yet, then
+// `sumRows(by, above, first, second, below)` for the block's four.
+template <typename Row, typename ConvertRow, typename SumRows>
+TAVREL_INLINE void ForEachBlockRow(std::int32_t height, const PlaneBounds& blocks,
+                                   RowRing<Row>& rows, const ConvertRow& convertRow,
+                                   const SumRows& sumRows) {
+  const std::int32_t lastRow = height - 1;
+  std::int32_t nextRow = 2 * blocks.top - 1 > 0 ? 2 * blocks.top - 1 : 0;
+  for (std::int32_t by = blocks.top; by < blocks.bottom; ++by) {
+    const std::int32_t above = 2 * by - 1 > 0 ? 2 * by - 1 : 0;
+    const std::int32_t below = 2 * by + 2 < lastRow ? 2 * by + 2 : lastRow;
+    for (; nextRow <= below; ++nextRow) {
+      convertRow(nextRow, rows[static_cast<std::size_t>(nextRow % 4)]);
+    }
+    sumRows(by, rows[static_cast<std::size_t>(above % 4)],
+            rows[static_cast<std::size_t>(2 * by % 4)],
+            rows[static_cast<std::size_t>((2 * by + 1) % 4)],
+            rows[static_cast<std::size_t>(below % 4)]);
+  }
+}
+
+// Luma and opacity of a row go to the overlay when they are a block's own, and nowhere else.
+struct SpareRow {
+  std::array<std::uint8_t, kStrip> luma;
+  std::array<std::uint8_t, kStrip> alpha;
+};
+
+TAVREL_INLINE bool IsOwnRow(std::int32_t y, const PlaneBounds& blocks) {
+  return y >= 2 * blocks.top && y < 2 * blocks.bottom;
+}
+
 // Opacity, and the two chroma values times opacity, of one row of a strip and of its neighbours to
-// the left and to the right.
-struct RowSums {
+// the left and to the right. Every sum fits 32 bits: chroma times opacity times all weights is at
+// most 61426 * 255 * 20.
+struct PixelRow {
   std::array<std::int32_t, kStrip + 2> a;
   std::array<std::int32_t, kStrip + 2> p;
   std::array<std::int32_t, kStrip + 2> q;
 };
 
-struct Strip {
-  std::array<RowSums, 4> rows;  // row y is in place y % 4
-  std::array<std::uint8_t, kStrip> spareLuma;
-  std::array<std::uint8_t, kStrip> spareAlpha;
-};
-
-// A text has one colour in many opacities: the mean of its chroma is that colour's, whatever the
-// weights, and need not be summed up. kOneColour: only opacities are summed.
-template <bool kOneColour>
-TAVREL_INLINE void ConvertPixels(const std::uint8_t* pixels, std::int32_t count, RowSums& sums,
+TAVREL_INLINE void ConvertPixels(const std::uint8_t* pixels, std::int32_t count, PixelRow& row,
                                  std::int32_t at, std::uint8_t* __restrict luma,
                                  std::uint8_t* __restrict alpha) {
   static_assert(std::endian::native == std::endian::little);
-  std::int32_t* __restrict const outA = sums.a.data() + at;
-  std::int32_t* __restrict const outP = sums.p.data() + at;
-  std::int32_t* __restrict const outQ = sums.q.data() + at;
+  std::int32_t* __restrict const outA = row.a.data() + at;
+  std::int32_t* __restrict const outP = row.p.data() + at;
+  std::int32_t* __restrict const outQ = row.q.data() + at;
   for (std::int32_t i = 0; i < count; ++i) {
     std::uint32_t pixel;
     std::memcpy(&pixel, pixels + std::ptrdiff_t{i} * 4, 4);
@@ -97,6 +138,7 @@ TAVREL_INLINE void ConvertPixels(const std::uint8_t* pixels, std::int32_t count,
     const std::uint32_t c1 = (pixel >> 8) & 0xFF;
     const std::uint32_t c2 = (pixel >> 16) & 0xFF;
     const std::uint32_t a = pixel >> 24;
+    // Without sign up to 3.7e9.
     const std::uint32_t y = ((4311745 * c0 + 8455717 * c1 + 1644167 * c2 + 32768) >> 16) + 4096;
     const auto b = static_cast<std::int32_t>(c0);
     const auto g = static_cast<std::int32_t>(c1);
@@ -105,26 +147,9 @@ TAVREL_INLINE void ConvertPixels(const std::uint8_t* pixels, std::int32_t count,
     luma[i] = static_cast<std::uint8_t>((y + 128) >> 8);  // 16 to 235 for every colour
     alpha[i] = static_cast<std::uint8_t>(a);
     outA[i] = opacity;
-    if constexpr (kOneColour) {
-      continue;
-    }
     outP[i] = (((-2483028 * b - 4882170 * g + 7365198 * r + 32768) >> 16) + 32768) * opacity;
     outQ[i] = (((7365198 * b - 6174015 * g - 1191182 * r + 32768) >> 16) + 32768) * opacity;
   }
-}
-
-// Row y of columns [first, first + count), with its neighbours. luma and alpha: the overlay's.
-template <bool kOneColour>
-TAVREL_INLINE void ConvertRow(const OverlayBlocks& b, std::int32_t y, std::int32_t first,
-                              std::int32_t count, RowSums& sums, std::uint8_t* luma,
-                              std::uint8_t* alpha) {
-  const std::uint8_t* const row = b.pixels + y * b.stride;
-  std::uint8_t spare[2];
-  const std::int32_t before = first > 0 ? first - 1 : 0;
-  const std::int32_t after = first + count < b.width ? first + count : b.width - 1;
-  ConvertPixels<kOneColour>(row + std::ptrdiff_t{before} * 4, 1, sums, 0, spare, spare + 1);
-  ConvertPixels<kOneColour>(row + std::ptrdiff_t{first} * 4, count, sums, 1, luma, alpha);
-  ConvertPixels<kOneColour>(row + std::ptrdiff_t{after} * 4, 1, sums, count + 1, spare, spare + 1);
 }
 
 // The quotient without its fraction: a double holds both exactly, and no quotient of 32-bit numbers
@@ -136,126 +161,193 @@ TAVREL_INLINE std::uint8_t MeanChroma(std::int32_t sum, std::int32_t weight) {
   return static_cast<std::uint8_t>(weight == 0 ? 128 : Limit((mean + 128) >> 8, 16, 240));
 }
 
-// colour: a pixel of the one colour.
-template <bool kOneColour>
-TAVREL_INLINE void ConvertStrip(const OverlayBlocks& b, std::int32_t first, std::int32_t count,
-                                std::uint32_t colour) {
-  Strip strip;
+// Columns [first, first + count).
+TAVREL_INLINE void ConvertPixelStrip(const ArgbRows& bitmap, const OverlayPlanes& to,
+                                     const PlaneBounds& blocks, std::int32_t first,
+                                     std::int32_t count) {
+  RowRing<PixelRow> rows;
+  SpareRow spare;
   std::array<std::int32_t, kStrip / 2> weights;
   std::array<std::int32_t, kStrip / 2> firsts;
   std::array<std::int32_t, kStrip / 2> seconds;
-  const std::int32_t blocks = count / 2;
-  const std::int32_t lastRow = b.height - 1;
-  std::int32_t nextRow = 2 * b.top - 1 > 0 ? 2 * b.top - 1 : 0;
-  for (std::int32_t by = b.top; by < b.bottom; ++by) {
-    const std::int32_t below = 2 * by + 2 < lastRow ? 2 * by + 2 : lastRow;
-    for (; nextRow <= below; ++nextRow) {
-      const bool own = nextRow >= 2 * b.top && nextRow < 2 * b.bottom;
-      const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(nextRow) * b.width + first;
-      ConvertRow<kOneColour>(
-          b, nextRow, first, count, strip.rows[static_cast<std::size_t>(nextRow % 4)],
-          own ? b.luma + at : strip.spareLuma.data(), own ? b.alpha + at : strip.spareAlpha.data());
-    }
-    const std::int32_t above = 2 * by - 1 > 0 ? 2 * by - 1 : 0;
-    const RowSums& r0 = strip.rows[static_cast<std::size_t>(above % 4)];
-    const RowSums& r1 = strip.rows[static_cast<std::size_t>(2 * by % 4)];
-    const RowSums& r2 = strip.rows[static_cast<std::size_t>((2 * by + 1) % 4)];
-    const RowSums& r3 = strip.rows[static_cast<std::size_t>(below % 4)];
-    const auto sum = [blocks](const std::int32_t* __restrict v0, const std::int32_t* __restrict v1,
-                              const std::int32_t* __restrict v2, const std::int32_t* __restrict v3,
-                              std::int32_t* __restrict to) __attribute__((always_inline)) {
-      for (std::int32_t j = 0; j < blocks; ++j) {
+  const std::int32_t columns = count / 2;
+  const std::int32_t before = first > 0 ? first - 1 : 0;
+  const std::int32_t after = first + count < to.width ? first + count : to.width - 1;
+
+  const auto convertRow = [&](std::int32_t y, PixelRow & row) __attribute__((always_inline)) {
+    const std::uint8_t* const pixels = bitmap.pixels + y * bitmap.stride;
+    const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(y) * to.width + first;
+    const bool own = IsOwnRow(y, blocks);
+    std::uint8_t neighbour[2];
+    ConvertPixels(pixels + std::ptrdiff_t{before} * 4, 1, row, 0, neighbour, neighbour + 1);
+    ConvertPixels(pixels + std::ptrdiff_t{first} * 4, count, row, 1,
+                  own ? to.luma + at : spare.luma.data(), own ? to.alpha + at : spare.alpha.data());
+    ConvertPixels(pixels + std::ptrdiff_t{after} * 4, 1, row, count + 1, neighbour, neighbour + 1);
+  };
+  const auto sumRows = [&](std::int32_t by, const PixelRow& r0, const PixelRow& r1,
+                           const PixelRow& r2, const PixelRow& r3) __attribute__((always_inline)) {
+    const auto sum = [columns](const std::int32_t* __restrict v0, const std::int32_t* __restrict v1,
+                               const std::int32_t* __restrict v2, const std::int32_t* __restrict v3,
+                               std::int32_t* __restrict sums) __attribute__((always_inline)) {
+      for (std::int32_t j = 0; j < columns; ++j) {
         const std::int32_t c = 2 * j;
         const std::int32_t inner = v1[c + 1] + v1[c + 2] + v2[c + 1] + v2[c + 2];
-        to[j] = 3 * inner + v1[c] + v1[c + 3] + v2[c] + v2[c + 3] + v0[c + 1] + v0[c + 2] +
-                v3[c + 1] + v3[c + 2];
+        sums[j] = 3 * inner + v1[c] + v1[c + 3] + v2[c] + v2[c + 3] + v0[c + 1] + v0[c + 2] +
+                  v3[c + 1] + v3[c + 2];
       }
     };
     sum(r0.a.data(), r1.a.data(), r2.a.data(), r3.a.data(), weights.data());
-    if constexpr (!kOneColour) {
-      sum(r0.p.data(), r1.p.data(), r2.p.data(), r3.p.data(), firsts.data());
-      sum(r0.q.data(), r1.q.data(), r2.q.data(), r3.q.data(), seconds.data());
+    sum(r0.p.data(), r1.p.data(), r2.p.data(), r3.p.data(), firsts.data());
+    sum(r0.q.data(), r1.q.data(), r2.q.data(), r3.q.data(), seconds.data());
+    const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(by) * (to.width / 2) + first / 2;
+    std::uint8_t* __restrict const firstChroma = to.firstChroma + at;
+    std::uint8_t* __restrict const secondChroma = to.secondChroma + at;
+    std::uint8_t* __restrict const chromaAlpha = to.chromaAlpha + at;
+    for (std::int32_t j = 0; j < columns; ++j) {
+      firstChroma[j] =
+          MeanChroma(firsts[static_cast<std::size_t>(j)], weights[static_cast<std::size_t>(j)]);
     }
-    const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(by) * (b.width / 2) + first / 2;
-    std::uint8_t* __restrict const firstChroma = b.firstChroma + at;
-    std::uint8_t* __restrict const secondChroma = b.secondChroma + at;
-    std::uint8_t* __restrict const chromaAlpha = b.chromaAlpha + at;
-    if constexpr (kOneColour) {
-      const Ycbcr88 one = RgbToYcbcr601(colour & 0xFF, (colour >> 8) & 0xFF, (colour >> 16) & 0xFF);
-      const std::uint8_t p = MeanChroma(one.p, 1);
-      const std::uint8_t q = MeanChroma(one.q, 1);
-      for (std::int32_t j = 0; j < blocks; ++j) {
-        const bool empty = weights[static_cast<std::size_t>(j)] == 0;
-        firstChroma[j] = empty ? 128 : p;
-        secondChroma[j] = empty ? 128 : q;
-      }
-    } else {
-      for (std::int32_t j = 0; j < blocks; ++j) {
-        firstChroma[j] =
-            MeanChroma(firsts[static_cast<std::size_t>(j)], weights[static_cast<std::size_t>(j)]);
-      }
-      for (std::int32_t j = 0; j < blocks; ++j) {
-        secondChroma[j] =
-            MeanChroma(seconds[static_cast<std::size_t>(j)], weights[static_cast<std::size_t>(j)]);
-      }
+    for (std::int32_t j = 0; j < columns; ++j) {
+      secondChroma[j] =
+          MeanChroma(seconds[static_cast<std::size_t>(j)], weights[static_cast<std::size_t>(j)]);
     }
-    for (std::int32_t j = 0; j < blocks; ++j) {
+    for (std::int32_t j = 0; j < columns; ++j) {
       chromaAlpha[j] = static_cast<std::uint8_t>((weights[static_cast<std::size_t>(j)] + 10) / 20);
     }
-  }
-}
-
-// Whether all pixels around the blocks that are not transparent have one colour; it is put into
-// `colour`, as a pixel.
-TAVREL_INLINE bool HasOneColour(const OverlayBlocks& b, std::uint32_t& colour) {
-  const std::int32_t left = 2 * b.left - 1 > 0 ? 2 * b.left - 1 : 0;
-  const std::int32_t right = 2 * b.right + 1 < b.width ? 2 * b.right + 1 : b.width;
-  const std::int32_t top = 2 * b.top - 1 > 0 ? 2 * b.top - 1 : 0;
-  const std::int32_t bottom = 2 * b.bottom + 1 < b.height ? 2 * b.bottom + 1 : b.height;
-  const auto at = [&b](std::int32_t x, std::int32_t y) __attribute__((always_inline)) {
-    std::uint32_t pixel;
-    std::memcpy(&pixel, b.pixels + y * b.stride + std::ptrdiff_t{x} * 4, 4);
-    return pixel;
   };
-  bool found = false;
-  for (std::int32_t y = top; y < bottom; ++y) {
-    for (std::int32_t x = left; x < right && !found; ++x) {
-      found = at(x, y) >> 24 != 0;
-      colour = at(x, y);
-    }
-    std::uint32_t difference = 0;
-    for (std::int32_t x = left; x < right; ++x) {
-      const std::uint32_t pixel = at(x, y);
-      difference |= pixel >> 24 != 0 ? (pixel ^ colour) & 0xFFFFFF : 0;
-    }
-    if (difference != 0) {
-      return false;
-    }
-  }
-  return true;
+  ForEachBlockRow(to.height, blocks, rows, convertRow, sumRows);
 }
 
-TAVREL_INLINE void ConvertInStrips(const OverlayBlocks& b) {
-  std::uint32_t colour = 0;
-  const bool oneColour = HasOneColour(b, colour);
-  for (std::int32_t first = 2 * b.left; first < 2 * b.right; first += kStrip) {
-    const std::int32_t rest = 2 * b.right - first;
-    const std::int32_t count = rest < kStrip ? rest : kStrip;
-    if (oneColour) {
-      ConvertStrip<true>(b, first, count, colour);
+// The mean of one colour's chroma is that colour's, whatever the weights: only opacities are
+// summed, at most 20 * 255.
+using OpacityRow = std::array<std::uint16_t, kStrip + 2>;
+
+struct OneColour {
+  std::uint8_t luma;
+  std::uint8_t clearLuma;
+  std::uint8_t firstChroma;
+  std::uint8_t secondChroma;
+  bool opacityIsCoverage;
+};
+
+TAVREL_INLINE OneColour ColourOf(const CoverageBitmap& bitmap) {
+  const Ycbcr88 colour = RgbToYcbcr601(bitmap.colour[0], bitmap.colour[1], bitmap.colour[2]);
+  const Ycbcr88 clear = RgbToYcbcr601(bitmap.clear[0], bitmap.clear[1], bitmap.clear[2]);
+  bool opacityIsCoverage = true;
+  for (std::size_t i = 0; i < bitmap.opacities.size(); ++i) {
+    opacityIsCoverage &= bitmap.opacities[i] == i;
+  }
+  return {static_cast<std::uint8_t>((colour.y + 128) >> 8),
+          static_cast<std::uint8_t>((clear.y + 128) >> 8), MeanChroma(colour.p, 1),
+          MeanChroma(colour.q, 1), opacityIsCoverage};
+}
+
+TAVREL_INLINE void ConvertCoverageStrip(const CoverageBitmap& bitmap, const OneColour& colour,
+                                        const OverlayPlanes& to, const PlaneBounds& blocks,
+                                        std::int32_t first, std::int32_t count) {
+  RowRing<OpacityRow> rows;
+  SpareRow spare;
+  std::array<std::uint16_t, kStrip> sums;
+  const std::int32_t before = first > 0 ? first - 1 : 0;
+  const std::int32_t after = first + count < to.width ? first + count : to.width - 1;
+
+  const auto convertRow = [&](std::int32_t y, OpacityRow & row) __attribute__((always_inline)) {
+    const std::uint8_t* const coverage = bitmap.coverage + y * bitmap.stride;
+    const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(y) * to.width + first;
+    const bool own = IsOwnRow(y, blocks);
+    std::uint8_t* __restrict const alpha = own ? to.alpha + at : spare.alpha.data();
+    std::uint8_t* __restrict const luma = own ? to.luma + at : spare.luma.data();
+    if (colour.opacityIsCoverage) {
+      std::memcpy(alpha, coverage + first, static_cast<std::size_t>(count));
     } else {
-      ConvertStrip<false>(b, first, count, colour);
+      for (std::int32_t i = 0; i < count; ++i) {
+        alpha[i] = bitmap.opacities[coverage[first + i]];
+      }
     }
+    row[0] = bitmap.opacities[coverage[before]];
+    std::uint16_t* __restrict const opacities = row.data() + 1;
+    for (std::int32_t i = 0; i < count; ++i) {
+      opacities[i] = alpha[i];
+    }
+    for (std::int32_t i = 0; i < count; ++i) {
+      luma[i] = alpha[i] == 0 ? colour.clearLuma : colour.luma;
+    }
+    row[static_cast<std::size_t>(count) + 1] = bitmap.opacities[coverage[after]];
+  };
+  const auto sumRows = [&](std::int32_t by, const OpacityRow& r0, const OpacityRow& r1,
+                           const OpacityRow& r2, const OpacityRow& r3)
+      __attribute__((always_inline)) {
+    OpacityRow inner;
+    OpacityRow outer;
+    for (std::int32_t c = 0; c < count + 2; ++c) {
+      const auto i = static_cast<std::size_t>(c);
+      inner[i] = static_cast<std::uint16_t>(r1[i] + r2[i]);
+      outer[i] = static_cast<std::uint16_t>(r0[i] + r3[i]);
+    }
+    // For every column, although only every other one starts a block: neighbours are summed at
+    // once.
+    for (std::int32_t c = 0; c < count - 1; ++c) {
+      const auto i = static_cast<std::size_t>(c);
+      sums[i] = static_cast<std::uint16_t>(3 * (inner[i + 1] + inner[i + 2]) + inner[i] +
+                                           inner[i + 3] + outer[i + 1] + outer[i + 2]);
+    }
+    const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(by) * (to.width / 2) + first / 2;
+    std::uint8_t* __restrict const firstChroma = to.firstChroma + at;
+    std::uint8_t* __restrict const secondChroma = to.secondChroma + at;
+    std::uint8_t* __restrict const chromaAlpha = to.chromaAlpha + at;
+    for (std::int32_t j = 0; j < count / 2; ++j) {
+      const std::uint16_t sum = sums[static_cast<std::size_t>(2 * j)];
+      firstChroma[j] = sum == 0 ? 128 : colour.firstChroma;
+      secondChroma[j] = sum == 0 ? 128 : colour.secondChroma;
+      chromaAlpha[j] = static_cast<std::uint8_t>(static_cast<std::uint16_t>(sum + 10) / 20);
+    }
+  };
+  ForEachBlockRow(to.height, blocks, rows, convertRow, sumRows);
+}
+
+template <typename ConvertStrip>
+TAVREL_INLINE void ForEachStrip(const PlaneBounds& blocks, const ConvertStrip& convertStrip) {
+  for (std::int32_t first = 2 * blocks.left; first < 2 * blocks.right; first += kStrip) {
+    const std::int32_t rest = 2 * blocks.right - first;
+    convertStrip(first, rest < kStrip ? rest : kStrip);
   }
 }
 
-void ConvertBase(const OverlayBlocks& blocks) {
-  ConvertInStrips(blocks);
+TAVREL_INLINE void ConvertPixelsInStrips(const ArgbRows& bitmap, const OverlayPlanes& to,
+                                         const PlaneBounds& blocks) {
+  ForEachStrip(
+      blocks, [&](std::int32_t first, std::int32_t count) __attribute__((always_inline)) {
+        ConvertPixelStrip(bitmap, to, blocks, first, count);
+      });
+}
+
+TAVREL_INLINE void ConvertCoverageInStrips(const CoverageBitmap& bitmap, const OverlayPlanes& to,
+                                           const PlaneBounds& blocks) {
+  const OneColour colour = ColourOf(bitmap);
+  ForEachStrip(
+      blocks, [&](std::int32_t first, std::int32_t count) __attribute__((always_inline)) {
+        ConvertCoverageStrip(bitmap, colour, to, blocks, first, count);
+      });
+}
+
+void ConvertPixelsBase(const ArgbRows& bitmap, const OverlayPlanes& to, const PlaneBounds& blocks) {
+  ConvertPixelsInStrips(bitmap, to, blocks);
+}
+void ConvertCoverageBase(const CoverageBitmap& bitmap, const OverlayPlanes& to,
+                         const PlaneBounds& blocks) {
+  ConvertCoverageInStrips(bitmap, to, blocks);
 }
 
 #if defined(__x86_64__)
-__attribute__((target("avx2"))) void ConvertAvx2(const OverlayBlocks& blocks) {
-  ConvertInStrips(blocks);
+__attribute__((target("avx2"))) void ConvertPixelsAvx2(const ArgbRows& bitmap,
+                                                       const OverlayPlanes& to,
+                                                       const PlaneBounds& blocks) {
+  ConvertPixelsInStrips(bitmap, to, blocks);
+}
+__attribute__((target("avx2"))) void ConvertCoverageAvx2(const CoverageBitmap& bitmap,
+                                                         const OverlayPlanes& to,
+                                                         const PlaneBounds& blocks) {
+  ConvertCoverageInStrips(bitmap, to, blocks);
 }
 #endif
 
@@ -263,9 +355,10 @@ __attribute__((target("avx2"))) void ConvertAvx2(const OverlayBlocks& blocks) {
 
 std::span<const OverlayKernel> AllOverlayKernels() {
   static constexpr std::array kAll {
-    OverlayKernel{"scalar", ConvertScalar}, OverlayKernel{"base", ConvertBase},
+    OverlayKernel{"scalar", ConvertPixelsScalar, ConvertCoverageScalar},
+        OverlayKernel{"base", ConvertPixelsBase, ConvertCoverageBase},
 #if defined(__x86_64__)
-        OverlayKernel{"avx2", ConvertAvx2},
+        OverlayKernel{"avx2", ConvertPixelsAvx2, ConvertCoverageAvx2},
 #endif
   };
 #if defined(__x86_64__)

@@ -1,7 +1,6 @@
 #include "picture.h"
 
 #include <algorithm>
-#include <cstring>
 
 os::PixelBounds Picture::Bounds(std::uint32_t clearColour) const {
   os::PixelBounds bounds{width, height, 0, 0};
@@ -29,18 +28,19 @@ Picture Picture::Crop(const os::PixelBounds& bounds) const {
 }
 
 Picture Paint(os::TextPainter& painter, const os::TextPainting& painting) {
-  const os::ArgbBitmap bitmap = painter.Paint(painting);
+  const os::PaintedText painted = painter.Paint(painting);
   Picture picture;
-  picture.width = bitmap.width;
-  picture.height = bitmap.height;
-  picture.ink = bitmap.ink;
-  for (int y = 0; y < bitmap.height; ++y) {
-    for (int x = 0; x < bitmap.width; ++x) {
-      const std::uint8_t* const bgra = bitmap.pixels + y * bitmap.stride + x * 4;
-      picture.pixels.push_back(
-          static_cast<std::uint32_t>(bgra[0]) | static_cast<std::uint32_t>(bgra[1]) << 8 |
-          static_cast<std::uint32_t>(bgra[2]) << 16 | static_cast<std::uint32_t>(bgra[3]) << 24);
-    }
+  picture.width = painted.Width();
+  picture.height = painted.Height();
+  picture.ink = painted.Ink();
+  std::vector<std::uint8_t> bytes(static_cast<std::size_t>(picture.width) *
+                                  static_cast<std::size_t>(picture.height) * 4);
+  painted.WriteArgb(bytes.data(), std::ptrdiff_t{picture.width} * 4);
+  for (std::size_t i = 0; i < bytes.size(); i += 4) {
+    picture.pixels.push_back(static_cast<std::uint32_t>(bytes[i]) |
+                             static_cast<std::uint32_t>(bytes[i + 1]) << 8 |
+                             static_cast<std::uint32_t>(bytes[i + 2]) << 16 |
+                             static_cast<std::uint32_t>(bytes[i + 3]) << 24);
   }
   return picture;
 }

@@ -292,14 +292,14 @@ TEST_F(TextPainterTest, RefusesSizesThatNoBitmapHas) {
                                       std::pair(TextPainter::kMaxSide + 1, 2)}) {
     painting.width = width;
     painting.height = height;
-    EXPECT_EQ(painter.Paint(painting).width, 0);
+    EXPECT_EQ(painter.Paint(painting).Width(), 0);
   }
   painting.width = 1;
   painting.height = 1;
-  EXPECT_EQ(painter.Paint(painting).width, 1);
+  EXPECT_EQ(painter.Paint(painting).Width(), 1);
   painting.width = TextPainter::kMaxSide;
   painting.height = 30;
-  EXPECT_FALSE(painter.Paint(painting).ink.Empty());
+  EXPECT_FALSE(painter.Paint(painting).Ink().Empty());
 }
 
 }  // namespace
