@@ -40,6 +40,11 @@ std::string OpenName(const std::string& source) {
   return isFile ? "file:" + source : source;
 }
 
+// Over these a service is sent for ever, and may change on the way.
+bool CarriesTransportStream(const std::string& source) {
+  return source.starts_with("udp:") || source.starts_with("srt:") || source.starts_with("tcp:");
+}
+
 }  // namespace
 
 MediaReader::MediaReader(Settings settings)
@@ -76,12 +81,26 @@ void MediaReader::Fail(int code, bool opening) const {
 
 void MediaReader::Open() {
   deadline_.Arm(settings_.openLimit);
-  if (ffmpeg::PipeInput::Serves(settings_.source)) {
-    try {
+  ffmpeg::Options options;
+  if (settings_.quick) {
+    // Instead of twenty pictures, which is most of a second.
+    options.Set("fpsprobesize", "3");
+  }
+  for (const auto& [key, value] : settings_.options) {
+    options.Set(key.c_str(), value);
+  }
+  try {
+    if (ffmpeg::PipeInput::Serves(settings_.source)) {
       pipe_.emplace(settings_.source, deadline_);
-    } catch (const ffmpeg::Error& error) {
-      Fail(error.code(), true);
+    } else if (CarriesTransportStream(settings_.source)) {
+      connection_.emplace(settings_.source, deadline_, options,
+                          [this](std::span<const std::uint8_t> bytes) {
+                            programs_.Feed(bytes);
+                            return ChangedTrack() == nullptr;
+                          });
     }
+  } catch (const ffmpeg::Error& error) {
+    Fail(error.code(), true);
   }
   AVFormatContext* context = avformat_alloc_context();
   if (context == nullptr) {
@@ -90,14 +109,8 @@ void MediaReader::Open() {
   context->interrupt_callback = {&ffmpeg::IoDeadline::Callback, &deadline_};
   if (pipe_) {
     context->pb = pipe_->io();
-  }
-  ffmpeg::Options options;
-  if (settings_.quick) {
-    // Instead of twenty pictures, which is most of a second.
-    options.Set("fpsprobesize", "3");
-  }
-  for (const auto& [key, value] : settings_.options) {
-    options.Set(key.c_str(), value);
+  } else if (connection_) {
+    context->pb = connection_->io();
   }
   // On failure this frees the context itself.
   int result = avformat_open_input(&context, OpenName(settings_.source).c_str(), nullptr,

@@ -13,11 +13,13 @@
 #include "host/channel/media_error.h"
 #include "host/channel/media_info.h"
 #include "host/channel/picture_watch.h"
+#include "host/channel/program_map_watch.h"
 #include "host/channel/source_clock.h"
 #include "host/channel/stream_decoder.h"
 #include "host/ffmpeg/handles.h"
 #include "host/ffmpeg/io_deadline.h"
 #include "host/ffmpeg/pipe_input.h"
+#include "host/ffmpeg/tapped_input.h"
 #include "host/units.h"
 
 namespace host {
@@ -94,6 +96,7 @@ class MediaReader {
   void ChooseTracks();
   void StartTrack(std::optional<Track>& track, int streamIndex, std::string& whyNot);
   void ReadPacket();
+  const Track* ChangedTrack() const;
   void HandlePacket(ffmpeg::Packet packet);
   void FollowNewStream(int streamIndex);
   void Replace(Track& track, int streamIndex);
@@ -109,7 +112,9 @@ class MediaReader {
   const Settings settings_;
   const std::string maskedSource_;
   ffmpeg::IoDeadline deadline_;
-  std::optional<ffmpeg::PipeInput> pipe_;  // what input_ reads, when that is a pipe
+  std::optional<ffmpeg::PipeInput> pipe_;          // what input_ reads, when that is a pipe
+  std::optional<ffmpeg::TappedInput> connection_;  // or that, of a live transport stream
+  ProgramMapWatch programs_;                       // fed from connection_
   ffmpeg::InputFormat input_;
   MediaInfo info_;
   ffmpeg::Parameters audioParameters_;

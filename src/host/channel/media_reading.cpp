@@ -51,12 +51,17 @@ void MediaReader::ReadPacket() {
   if (result == AVERROR(EAGAIN)) {
     return;
   }
+  if (const Track* const changed = ChangedTrack()) {
+    throw MediaError(
+        MediaError::Kind::kFailed,
+        std::string(changed == (video_ ? &*video_ : nullptr) ? "its video" : "its sound") +
+            " has changed its form",
+        maskedSource_);
+  }
   // The demuxer may have given what it still had since the call that was ended.
   const bool wasEnded = deadline_.expired() || result == AVERROR_EXIT;
-  if (wasEnded && !deadline_.cancelled() && settings_.source.starts_with("udp:") &&
-      input_->pb != nullptr) {
-    input_->pb->eof_reached = 0;  // where the interrupted call has left it
-    input_->pb->error = 0;
+  if (wasEnded && !deadline_.cancelled() && settings_.source.starts_with("udp:")) {
+    connection_->Resume();
     ++silences_;
     Fail(result, false);
   }
@@ -69,6 +74,17 @@ void MediaReader::ReadPacket() {
     Fail(input_->pb->error, false);
   }
   FinishPass();
+}
+
+// The one whose stream is announced in another form than the one it was opened in.
+const MediaReader::Track* MediaReader::ChangedTrack() const {
+  for (const std::optional<Track>* track : {&video_, &audio_}) {
+    // Of a transport stream a stream's id is its PID.
+    if (*track && programs_.HasChanged(input_->streams[(*track)->streamIndex]->id)) {
+      return &**track;
+    }
+  }
+  return nullptr;
 }
 
 void MediaReader::HandlePacket(ffmpeg::Packet packet) {

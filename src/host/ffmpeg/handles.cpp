@@ -69,6 +69,10 @@ void FreePacketFilter::operator()(AVBSFContext* filter) const noexcept {
   av_bsf_free(&filter);
 }
 
+void CloseConnection::operator()(AVIOContext* io) const noexcept {
+  avio_close(io);
+}
+
 void FreeCallbackIo::operator()(AVIOContext* io) const noexcept {
   if (io != nullptr) {
     av_freep(&io->buffer);

@@ -58,6 +58,9 @@ struct FreeSampleFifo {
 struct FreePacketFilter {
   void operator()(AVBSFContext* filter) const noexcept;
 };
+struct CloseConnection {
+  void operator()(AVIOContext* io) const noexcept;
+};
 // Frees a context made over callbacks of our own, with its buffer.
 struct FreeCallbackIo {
   void operator()(AVIOContext* io) const noexcept;
@@ -74,6 +77,7 @@ using Scaler = std::unique_ptr<SwsContext, FreeScaler>;
 using Resampler = std::unique_ptr<SwrContext, FreeResampler>;
 using SampleFifo = std::unique_ptr<AVAudioFifo, FreeSampleFifo>;
 using PacketFilter = std::unique_ptr<AVBSFContext, FreePacketFilter>;
+using Connection = std::unique_ptr<AVIOContext, CloseConnection>;
 using CallbackIo = std::unique_ptr<AVIOContext, FreeCallbackIo>;
 
 // What FFmpeg calls to read or write up to size bytes: their count, or a negative error of FFmpeg.

@@ -25,15 +25,16 @@ struct PixelBounds {
 // Bytes B, G, R, A of a straight colour (not multiplied by alpha).
 using BgraPixel = std::array<std::uint8_t, 4>;
 
-// The colour of each of the 256 coverages that a glyph may have of a pixel, 0 being the clear colour.
+// The colour of each of the 256 coverages that a glyph may have of a pixel, 0 being the clear
+// colour.
 using CoverageTable = std::array<BgraPixel, 256>;
 
 // A text is drawn as coverage alone, one byte a pixel, unless it has colour glyphs. Whoever can use
 // the coverage as it is spares himself the pixels; WriteArgb makes them.
 //
 // Holds memory that the painters share: it is lent to the text until it is gone, so that painters
-// that work one after the other all draw in the same few pages, which stay in the cache. Valid until
-// its painter paints again or is gone. Used by one thread at a time.
+// that work one after the other all draw in the same few pages, which stay in the cache. Valid
+// until its painter paints again or is gone. Used by one thread at a time.
 class PaintedText {
  public:
   // No text: 0 pixels wide and high.
