@@ -30,7 +30,8 @@ struct PictureSize {
 
 // Bytes of a YV12 picture of width x height pixels, exact for any size that a type may tell.
 constexpr LONGLONG PictureBytes(LONG width, LONG height) {
-  const auto plane = static_cast<unsigned long long>(LONGLONG{width} * height);
+  const LONGLONG area = LONGLONG{width} * height;
+  const auto plane = static_cast<unsigned long long>(area);
   return static_cast<LONGLONG>(plane + plane + plane) / 2;
 }
 

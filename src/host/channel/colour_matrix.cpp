@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
 
 namespace host {
 
@@ -107,7 +108,7 @@ void ColourMatrix::ConvertChroma(const std::uint8_t* u, const std::uint8_t* v, s
   const auto vOfV = static_cast<std::int16_t>(vOfV_);
   constexpr std::int32_t kOffset = 128 * kOne + kOne / 2;
   std::int32_t* const correction = correction_.data();
-  for (int i = 0; i < count; ++i) {
+  for (std::ptrdiff_t i = 0; i < count; ++i) {
     const auto cu = static_cast<std::int16_t>(u[i] - 128);
     const auto cv = static_cast<std::int16_t>(v[i] - 128);
     const std::int32_t luma = lumaOffset_ + lumaOfU * cu + lumaOfV * cv;

@@ -82,6 +82,9 @@ class MediaReader {
   static constexpr int kMostSilences = 10;
 
   struct Track {
+    // Written out: an implicit one waits for the end of the class, but video_ below asks for it.
+    Track() {}
+
     int streamIndex = -1;
     std::size_t clockStream = 0;
     int successor = -1;        // stream that may be taking its place

@@ -18,7 +18,7 @@ namespace host::cli {
 namespace {
 
 std::string CheckSize(const std::string& text) {
-  const std::string range = CLI::Range(wall::kSmallestCanvas, wall::kLargestCanvas)(text);
+  std::string range = CLI::Range(wall::kSmallestCanvas, wall::kLargestCanvas)(text);
   if (!range.empty()) {
     return range;
   }

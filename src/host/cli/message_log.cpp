@@ -50,7 +50,7 @@ qorp::log::LogPerfOptions LoggerOptions(const wall::LogOptions& options) {
 // A sink tries again for ever; who starts a wall wants to know of a wrong path at once, and wants
 // no other file overwritten.
 std::string CheckedPath(const std::filesystem::path& path) {
-  const std::string name = path.string();
+  std::string name = path.string();
   CircularLogFile file;
   file.Open(name, os::File::Access::kRead);
   const bool isEmpty = file.header() == CircularLogFile::Header::kMissing;

@@ -34,10 +34,8 @@ std::string WallStatus::Line(bool live) const {
     line += ", " + std::to_string(opening) + " opening";
   }
   if (live) {
-    std::snprintf(numbers, sizeof(numbers), "; late %llu, dropped %llu",
-                  static_cast<unsigned long long>(counters.late + counters.starved),
-                  static_cast<unsigned long long>(dropped));
-    line += numbers;
+    line += "; late " + std::to_string(counters.late + counters.starved) + ", dropped " +
+            std::to_string(dropped);
   }
   if (timing.frames > 0) {
     std::snprintf(numbers, sizeof(numbers), "; composed in %.1f ms (longest %.1f)",

@@ -10,7 +10,7 @@ namespace host::wall {
 
 namespace {
 
-constexpr Time kLongest = 24 * 3600 * kSecond;
+constexpr Time kLongest = 24 * (3600 * kSecond);
 
 struct AlarmKey {
   const char* name;
@@ -95,7 +95,7 @@ void ReadAudio(TableReader& reader, AudioOptions& audio) {
 std::optional<std::array<std::int64_t, 4>> ReadNumbers(TableReader& reader) {
   constexpr const char* kKey = "window";
   static constexpr std::array<const char*, 4> kNames = {"x", "y", "width", "height"};
-  constexpr std::int64_t kFar = 2 * kLargestCanvas;
+  constexpr std::int64_t kFar = 2 * std::int64_t{kLargestCanvas};
   const toml::node* const node = reader.Find(kKey);
   if (node == nullptr) {
     return {};

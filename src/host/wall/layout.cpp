@@ -38,7 +38,7 @@ Grid FitGrid(int columns, int rows, int width, int height, int gap, int labelRoo
 
 int LabelFontSize(int canvasHeight) {
   const double size = std::clamp(canvasHeight * 16.0 / 1080.0, 8.0, 48.0);
-  return static_cast<int>(size + 0.5);
+  return static_cast<int>(std::lround(size));
 }
 
 int LabelRoom(int canvasHeight) {

@@ -125,6 +125,7 @@ std::vector<Channel> ReadChannels(TableReader& root, const FileContext& context,
     PlaceWindows(entries, canvas, rules, wallPosition, diagnostics);
   }
   std::vector<Channel> channels;
+  channels.reserve(entries.size());
   for (ChannelEntry& entry : entries) {
     channels.push_back(std::move(entry.channel));
   }
