@@ -19,14 +19,6 @@ using std::chrono::milliseconds;
 // An attempt of that length has itself waited for the source.
 constexpr milliseconds kWaited{1000};
 
-LiveTimeline::Settings TimelineSettings(bool live, Ratio canvasRate) {
-  LiveTimeline::Settings settings;
-  // Pictures are thinned by the frames of the canvas before they are placed on the wall's clock.
-  settings.grid = FrameDuration(canvasRate);
-  settings.live = live;
-  return settings;
-}
-
 }  // namespace
 
 // One opening of the source: its items, from the first to the last.
@@ -36,7 +28,9 @@ class ChannelIngest::Pass {
       : ingest_(ingest),
         reader_(reader),
         hasPictures_(reader.info().video.has_value()),
-        timeline_(TimelineSettings(!reader.info().seekable, ingest.settings_.picture.canvasRate)),
+        // Pictures are thinned by the frames of the canvas before they are placed.
+        timeline_(LiveTimeline::For(reader.info().pace, ingest.settings_.span,
+                                    FrameDuration(ingest.settings_.picture.canvasRate))),
         converter_(ConverterSettings(ingest.settings_, reader.info())),
         pictureMeter_(ingest.settings_.pictureMeter),
         meter_(ingest.settings_.meter),
@@ -138,7 +132,7 @@ class ChannelIngest::Pass {
   // The first picture places a live source: it may come in the middle of a group of pictures, and
   // sound that was waited for until then would make all that follows late.
   bool WaitsForPicture() const {
-    return ingest_.settings_.now && hasPictures_ && !reader_.info().seekable &&
+    return ingest_.settings_.now && hasPictures_ && reader_.info().pace != Pace::kStored &&
            !timeline_.started();
   }
 
@@ -270,7 +264,7 @@ std::optional<milliseconds> ChannelIngest::Attempt(MediaReader& reader) {
       return std::nullopt;
     }
     observer_->ChannelEnded(settings_.name);
-    const bool endsForGood = reader.info().seekable;
+    const bool endsForGood = reader.info().pace == Pace::kStored;
     const auto delay = endsForGood ? std::nullopt : after(delay_.AfterFailure());
     return Announce({SourceNews::Kind::kEnded, false, false, "ended"}) ? delay : std::nullopt;
   } catch (const MediaError& error) {

@@ -1,8 +1,10 @@
 // LiveTimeline: where the times of a source lie on the wall's clock.
 #pragma once
 
+#include <limits>
 #include <optional>
 
+#include "host/channel/media_info.h"
 #include "host/units.h"
 
 namespace host {
@@ -12,7 +14,8 @@ namespace host {
 //  - the source's stamps jumped, and its pictures now come too late (a sender that was away and
 //    began anew: its stamps go on where they were, and the time away would stay lost);
 //  - its pictures have come late for so long that the source will not catch up;
-//  - they lie further ahead than any waiting explains (the stamps of a live source made a leap).
+//  - they lie too far ahead: the stamps of a live source made a leap, or those of a source that
+//    nobody can hold back have run faster than the wall's clock for hours.
 // A source that stalled and sends what is missing in a burst does none of these: it is back at its
 // former distance by itself.
 //
@@ -24,8 +27,22 @@ class LiveTimeline {
     Time lateLimit = kSecond / 2;   // late without a break for so long: it does not catch up
     Time aheadLimit = 2 * kSecond;  // nothing of a live source lies further ahead than that
     Time grid = 1;                  // the wall's time moves against the source's by multiples of it
-    bool live = true;               // of a file, what lies far ahead follows a long picture
   };
+
+  // For a source whose reader wants to be no further ahead than span. What is pushed has to stay
+  // clear of that: a reader that waits then only moves the time ahead into the buffers of the
+  // network, until they overflow. What is pulled is held back by the waiting, and of a file, what
+  // lies far ahead follows a long picture.
+  static Settings For(Pace pace, Time span, Time grid) {
+    Settings settings;
+    settings.grid = grid;
+    if (pace == Pace::kStored) {
+      settings.aheadLimit = std::numeric_limits<Time>::max();
+    } else if (pace == Pace::kPushed) {
+      settings.aheadLimit = span / 4 * 3;
+    }
+    return settings;
+  }
 
   explicit LiveTimeline(const Settings& settings) : settings_(settings) {}
 
@@ -43,7 +60,7 @@ class LiveTimeline {
     }
     const bool lateForGood =
         lateSince_.has_value() && (jumped || now - *lateSince_ >= settings_.lateLimit);
-    const bool leapt = settings_.live && -behind > settings_.aheadLimit;
+    const bool leapt = -behind > settings_.aheadLimit;
     if (lateForGood || leapt) {
       shift_ = OnGrid(now + settings_.lead - start);
       lateSince_.reset();

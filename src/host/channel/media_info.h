@@ -36,10 +36,17 @@ struct AudioInfo {
   std::string title;     // empty when not known
 };
 
+// Who decides when the next part of a source comes.
+enum class Pace {
+  kStored,  // a file: everything is there already, and it can be sought in
+  kPulled,  // live, but it waits for its reader: HLS, HTTP, RTMP, pipes
+  kPushed,  // live, and lost when it is not read in time: UDP, RTP, RTSP, SRT
+};
+
 struct MediaInfo {
   std::string format;          // FFmpeg's name of the container
   std::optional<Time> length;  // of files
-  bool seekable = false;
+  Pace pace = Pace::kPulled;
   std::string serviceName;  // of a transport stream's programme, otherwise the title; may be empty
   std::optional<VideoInfo> video;
   std::string noVideoReason;  // why there is no video, otherwise empty

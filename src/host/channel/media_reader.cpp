@@ -150,7 +150,8 @@ void MediaReader::StartTrack(std::optional<Track>& track, int streamIndex, std::
 void MediaReader::ChooseTracks() {
   info_ = DescribeMedia(*input_);
   knownStreams_ = input_->nb_streams;
-  const bool mayJump = (input_->iformat->flags & AVFMT_TS_DISCONT) != 0 || !info_.seekable;
+  const bool mayJump =
+      (input_->iformat->flags & AVFMT_TS_DISCONT) != 0 || info_.pace != Pace::kStored;
   clock_.emplace(mayJump ? kLongestGap : std::numeric_limits<Time>::max() / 4,
                  ffmpeg::ToTime(input_->start_time, AV_TIME_BASE_Q));
   for (unsigned i = 0; i < input_->nb_streams; ++i) {
@@ -186,7 +187,7 @@ void MediaReader::ChooseTracks() {
     }
   }
 
-  if (video_ && !info_.seekable) {
+  if (video_ && info_.pace != Pace::kStored) {
     watch_.emplace(settings_.readLimit, std::chrono::microseconds(video_->pictureDuration / 10));
   }
 

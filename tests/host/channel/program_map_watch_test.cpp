@@ -45,8 +45,9 @@ Bytes Packets(int pid, const Bytes& section) {
   payload.insert(payload.end(), section.begin(), section.end());
   Bytes packets;
   for (std::size_t at = 0; at < payload.size(); at += 184) {
-    packets.insert(packets.end(), {0x47, Low((at == 0 ? 0x40U : 0U) | static_cast<unsigned>(pid) >> 8),
-                                   Low(static_cast<unsigned>(pid)), 0x10});
+    packets.insert(packets.end(),
+                   {0x47, Low((at == 0 ? 0x40U : 0U) | static_cast<unsigned>(pid) >> 8),
+                    Low(static_cast<unsigned>(pid)), 0x10});
     for (std::size_t i = at; i < at + 184; ++i) {
       packets.push_back(i < payload.size() ? payload[i] : 0xFF);
     }
@@ -96,8 +97,8 @@ TEST(ProgramMapWatch, KnowsPrivateDataByTheDescriptorThatNamesItsCodec) {
   const Bytes ac3{0x6A, 1, 0};
   const Bytes eac3{0x7A, 1, 0};
   host::ProgramMapWatch watch;
-  watch.Feed(Join({Association(), Map(kH264, kPrivate, ac3),
-                   Map(kH264, kPrivate, Join({language, ac3}))}));
+  watch.Feed(Join(
+      {Association(), Map(kH264, kPrivate, ac3), Map(kH264, kPrivate, Join({language, ac3}))}));
   EXPECT_FALSE(watch.HasChanged(kAudioPid)) << "another language is the same codec";
   watch.Feed(Map(kH264, kPrivate, eac3));
   EXPECT_TRUE(watch.HasChanged(kAudioPid));

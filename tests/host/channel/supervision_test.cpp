@@ -1,5 +1,7 @@
 // What decides about a channel's state, alarms and times, on a clock that the tests move.
+#include <atomic>
 #include <chrono>
+#include <future>
 #include <string>
 #include <vector>
 
@@ -8,6 +10,7 @@
 
 #include "host/channel/alarm_monitor.h"
 #include "host/channel/channel_life.h"
+#include "host/channel/channel_queue.h"
 #include "host/channel/live_timeline.h"
 #include "host/channel/picture_meter.h"
 #include "host/channel/picture_watch.h"
@@ -234,11 +237,44 @@ TEST(LiveTimelineTest, GivesUpADistanceThatDoesNotFitTheSourceAnyMore) {
   EXPECT_GE(timeline.Follow(start, now), now) << "sound goes with it";
   // Stamps that leapt forwards.
   EXPECT_EQ(timeline.Place(start + 8 * kSecond, false, now), now + kSecond / 4);
-  LiveTimeline::Settings file;
-  file.live = false;
-  LiveTimeline ofFile(file);
+  LiveTimeline ofFile(LiveTimeline::For(Pace::kStored, kSecond, 1));
   ofFile.Place(0, false, now);
   EXPECT_EQ(ofFile.Place(8 * kSecond, false, now), now + kSecond / 4 + 8 * kSecond);
+}
+
+// A source whose stamps run 1 % fast, and the reader and the queue of a channel. Hours of a clock
+// that is a little wrong are minutes of this one.
+TEST(LiveTimelineTest, DoesNotLetASourceThatCannotBeHeldBackFillTheQueue) {
+  constexpr Time kSpan = kSecond;
+  std::atomic<Time> now{0};
+  ChannelQueue queue(kSpan);
+  queue.FollowClock([&] { return now.load(); });
+  queue.Open();
+  LiveTimeline timeline(LiveTimeline::For(Pace::kPushed, kSpan, kFrame));
+  // On a fault the reader waits in the queue, and this test would wait with it.
+  auto pushed = std::async(std::launch::async, [&] {
+    Time latest = 0;
+    int givenUp = 0;
+    for (Time start = 0; start < 600 * kSecond; start += kFrame) {
+      now = start * 100 / 101;
+      const Time due = timeline.Place(start, false, now);
+      EXPECT_LE(due - now, kSpan);
+      if (!queue.Push({due, ReadyPicture{}})) {
+        return -1;
+      }
+      while (const auto item = queue.Take(now)) {
+        givenUp += item->time < latest ? 1 : 0;
+        latest = std::max(latest, item->time);
+      }
+    }
+    return givenUp;
+  });
+  if (pushed.wait_for(std::chrono::seconds(60)) != std::future_status::ready) {
+    queue.Close();
+    FAIL() << "the reader was made to wait";
+  }
+  // The stamps are six seconds too many in the end: those pictures are given up, and no others.
+  EXPECT_NEAR(pushed.get(), 150, 25);
 }
 
 TEST(PictureWatchTest, CountsOnlyTheTimeOfReading) {

@@ -1,0 +1,341 @@
+// Sources that come over the network, and what a wall makes of their troubles.
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <iterator>
+#include <memory>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "host/channel/media_reader.h"
+#include "host/cli/probe.h"
+#include "host/cli/program.h"
+#include "host/synthetic/clip_writer.h"
+#include "tests/e2e/paced_sender.h"
+#include "tests/e2e/wall_harness.h"
+#include "tests/support/rtsp_server.h"
+
+namespace {
+
+using host::kSecond;
+using std::chrono::milliseconds;
+using testing::AllOf;
+using testing::AnyOf;
+using testing::Contains;
+using testing::Each;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+host::ClipRecipe Recipe(host::Time length) {
+  host::ClipRecipe recipe;
+  recipe.name = "Camera";
+  recipe.pictures = "testsrc2=size=64x48:rate=25,format=yuv420p";
+  recipe.sound = "sine=frequency=440:sample_rate=48000";
+  recipe.videoOptions = {{"preset", "ultrafast"}, {"tune", "zerolatency"}, {"g", "10"}};
+  recipe.length = length;
+  return recipe;
+}
+
+std::string ReadFile(const std::filesystem::path& file) {
+  std::ifstream stream(file, std::ios::binary);
+  return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+// A clip of a transport stream, and how long it plays.
+constexpr milliseconds kClipLength{2000};
+
+std::string TransportStream(const os::TemporaryFolder& folder, const std::string& name) {
+  const std::filesystem::path file = folder / (name + ".ts");
+  host::WriteClip(Recipe(2 * kSecond), file);
+  return ReadFile(file);
+}
+
+// Where the slices of its pictures lie: the byte that says what they are.
+std::vector<std::size_t> Slices(const std::string& stream) {
+  std::vector<std::size_t> slices;
+  for (std::size_t at = 0; at + 4 < stream.size(); ++at) {
+    const int kind = stream[at + 3] & 0x1F;
+    if (stream.compare(at, 3, std::string("\0\0\1", 3)) == 0 && (kind == 1 || kind == 5)) {
+      slices.push_back(at + 3);
+    }
+  }
+  EXPECT_GE(slices.size(), 45U) << "not every picture was found";
+  return slices;
+}
+
+// The same with slices of which no decoder can make anything: their headers name parameters that
+// there are not. Everything around them stays as it was.
+std::string WithoutDecodablePictures(std::string stream) {
+  constexpr std::size_t kPacket = 188;
+  for (const std::size_t slice : Slices(stream)) {
+    const std::size_t end = std::min(slice + 9, (slice / kPacket + 1) * kPacket);
+    std::fill(stream.begin() + static_cast<std::ptrdiff_t>(slice) + 1,
+              stream.begin() + static_cast<std::ptrdiff_t>(end), '\1');
+  }
+  return stream;
+}
+
+// The same with stuffing in the place of slices.
+std::string WithoutPictures(std::string stream) {
+  for (const std::size_t slice : Slices(stream)) {
+    stream[slice] = 12;
+  }
+  return stream;
+}
+
+class IngestTest : public e2e::WallTest {
+ protected:
+  std::filesystem::path CameraClip() {
+    const std::filesystem::path file = folder_ / "camera.mkv";
+    host::WriteClip(Recipe(60 * kSecond), file);
+    return file;
+  }
+  host::wall::ChannelOptions& AddChannel(const std::string& name, const std::string& url) {
+    const auto count = static_cast<int>(wall_.wall().channels.size());
+    wall_.AddChannel(url, {(count % 4) * 70, count / 4 * 60, 64, 48});
+    host::wall::Channel& channel = wall_.wall().channels.back();
+    channel.name = name;
+    channel.options.openLimit = 3 * kSecond;
+    channel.options.readLimit = kSecond;
+    channel.options.hold = 4 * kSecond;
+    return channel.options;
+  }
+  std::unique_ptr<host::WallSession> MakeLive() {
+    return wall_.MakeLive([](const ComPtr<IMediaSample>&, host::Time) {});
+  }
+  // Until one of the channel's states, from the given one on, is as wanted.
+  bool WaitFor(const std::string& channel, std::size_t from,
+               const testing::Matcher<std::string>& wanted) {
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    do {
+      const std::vector<std::string> states = wall_.channels().States(channel);
+      for (std::size_t i = from; i < states.size(); ++i) {
+        if (wanted.Matches(states[i])) {
+          return true;
+        }
+      }
+      std::this_thread::sleep_for(milliseconds(20));
+    } while (std::chrono::steady_clock::now() < limit);
+    ADD_FAILURE() << channel << " never came to it: "
+                  << testing::PrintToString(wall_.channels().States(channel));
+    return false;
+  }
+
+  e2e::TestWall wall_{320, 240};
+};
+
+TEST_F(IngestTest, ACameraIsReadOverItsConnectionAndInDatagrams) {
+  const RtspServer camera(CameraClip());
+  for (const char* const road : {"tcp", "udp"}) {
+    host::MediaReader::Settings settings;
+    settings.source = camera.Url();
+    settings.options = {{"rtsp_transport", road}};
+    host::MediaReader reader(settings);
+    reader.Open();
+    EXPECT_THAT(reader.unknownOptions(), testing::IsEmpty());
+    EXPECT_EQ(reader.info().pace, host::Pace::kPushed);
+    EXPECT_EQ(reader.info().video->codec, "h264");
+    EXPECT_EQ(reader.info().audio->codec, "aac");
+    int pictures = 0;
+    int samples = 0;
+    while (pictures < 20 || samples < 20) {
+      const host::MediaItem item = reader.Read();
+      pictures += std::holds_alternative<host::VideoPicture>(item) ? 1 : 0;
+      samples += std::holds_alternative<host::AudioSamples>(item) ? 1 : 0;
+    }
+    EXPECT_EQ(reader.damagedPackets(), 0U) << road;
+  }
+}
+
+TEST_F(IngestTest, ProbeNamesACameraWithoutItsPassword) {
+  RtspServer camera(CameraClip());
+  const std::string url = camera.Url("viewer:s3cret@");
+  for (const RtspServer::Mood mood : {RtspServer::Mood::kPlays, RtspServer::Mood::kMute}) {
+    camera.Become(mood);
+    std::ostringstream out;
+    std::ostringstream err;
+    host::cli::Program program({out, err});
+    program.Add<host::cli::ProbeOptions>("probe", "probe", host::cli::DefineProbe,
+                                         host::cli::Probe);
+    const bool plays = mood == RtspServer::Mood::kPlays;
+    EXPECT_EQ(program.Run({"probe", url, "--limit", plays ? "30" : "1"}),
+              plays ? host::cli::ExitCode::kDone : host::cli::ExitCode::kCouldNotStart);
+    EXPECT_THAT(out.str() + err.str(), AllOf(HasSubstr("rtsp://***@127.0.0.1"),
+                                             Not(HasSubstr("s3cret")), Not(HasSubstr("viewer"))));
+    if (plays) {
+      EXPECT_THAT(out.str(), HasSubstr("video    h264, 64x48, 25 frames per second"));
+    }
+  }
+}
+
+TEST_F(IngestTest, ACameraThatFallsSilentIsHeldThenLostAndReturnsByItself) {
+  RtspServer camera(CameraClip());
+  AddChannel("tcp", camera.Url("viewer:s3cret@")).options["rtsp_transport"] = "tcp";
+  AddChannel("udp", camera.Url("viewer:s3cret@")).options["rtsp_transport"] = "udp";
+  const auto session = MakeLive();
+  session->Start();
+  for (const char* const channel : {"tcp", "udp"}) {
+    ASSERT_TRUE(WaitFor(channel, 0, "live"));
+  }
+  camera.Become(RtspServer::Mood::kSilent);
+  for (const char* const channel : {"tcp", "udp"}) {
+    ASSERT_TRUE(WaitFor(channel, 1, HasSubstr("no data for 1 s")));
+    ASSERT_TRUE(WaitFor(channel, 1, StartsWith("lost: ")));
+  }
+  camera.Become(RtspServer::Mood::kMute);
+  for (const char* const channel : {"tcp", "udp"}) {
+    ASSERT_TRUE(WaitFor(channel, 1, "lost: did not open within 3 s"));
+  }
+  camera.Become(RtspServer::Mood::kPlays);
+  for (const char* const channel : {"tcp", "udp"}) {
+    ASSERT_TRUE(WaitFor(channel, 1, "live"));
+    EXPECT_THAT(wall_.channels().States(channel)[1], StartsWith("held: "));
+    EXPECT_THAT(wall_.channels().States(channel), Each(Not(HasSubstr("s3cret"))));
+  }
+  // It goes from the wall while it does not answer any more.
+  camera.Become(RtspServer::Mood::kMute);
+  session->Stop();
+}
+
+TEST_F(IngestTest, ACameraThatNeverAnswersStopsNobodyFromLeavingIt) {
+  RtspServer camera(CameraClip());
+  host::MediaReader::Settings settings;
+  settings.source = camera.Url();
+  settings.openLimit = std::chrono::hours(1);
+  // Open, and then the camera is mute while it is left.
+  auto left = std::async(std::launch::async, [&] {
+    host::MediaReader reader(settings);
+    reader.Open();
+    camera.Become(RtspServer::Mood::kMute);
+  });
+  if (left.wait_for(std::chrono::seconds(60)) != std::future_status::ready) {
+    camera.Become(RtspServer::Mood::kPlays);  // otherwise the test would hang as well
+    FAIL() << "closing waits for an answer";
+  }
+  left.get();
+  host::MediaReader reader(settings);
+  std::thread opening([&] { EXPECT_THROW(reader.Open(), host::MediaError); });
+  std::this_thread::sleep_for(milliseconds(50));  // mostly in the middle of it
+  reader.Cancel();
+  opening.join();
+}
+
+// What a decoder can make nothing of comes with sound, in order and in time.
+TEST_F(IngestTest, PicturesThatCannotBeDecodedAreNoticedThoughPacketsCome) {
+  const std::string good = TransportStream(folder_, "good");
+  const std::string bad = WithoutDecodablePictures(good);
+  const std::string empty = WithoutPictures(good);
+  e2e::PacedSender sender(good, kClipLength, 1.0);
+  AddChannel("channel", sender.url()).options["analyzeduration"] = "500000";
+  const auto session = MakeLive();
+  session->Start();
+  ASSERT_TRUE(WaitFor("channel", 0, "live"));
+  sender.SendFromNowOn(bad);
+  ASSERT_TRUE(WaitFor("channel", 1, HasSubstr("can no longer be decoded")));
+  ASSERT_TRUE(WaitFor("channel", 1, "lost: it sends, but no picture that can be decoded"));
+  std::size_t states = wall_.channels().States("channel").size();
+  sender.SendFromNowOn(good);
+  ASSERT_TRUE(WaitFor("channel", states, "live"));
+  // Nothing that the decoder calls damaged, and no picture.
+  states = wall_.channels().States("channel").size();
+  sender.SendFromNowOn(empty);
+  EXPECT_TRUE(WaitFor("channel", states, "held: it sends, but no picture that can be decoded"));
+  session->Stop();
+}
+
+// The buffer of the protocol holds less than half a second of this stream: were the reader to wait
+// for the wall, it would overflow, and the channel would fail.
+TEST_F(IngestTest, ASenderWhoseClockIsFastIsFollowedAndNotWaitedFor) {
+  e2e::PacedSender sender(TransportStream(folder_, "fast"), kClipLength, 1.4);
+  AddChannel("channel", sender.url() + "?fifo_size=60");
+  const auto session = MakeLive();
+  session->Start();
+  ASSERT_TRUE(WaitFor("channel", 0, "live"));
+  const host::Time end = session->now() + 8 * kSecond;
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (session->now() < end && std::chrono::steady_clock::now() < limit) {
+    std::this_thread::sleep_for(milliseconds(50));
+  }
+  ASSERT_GE(session->now(), end) << "the wall's clock stands";
+  session->Stop();
+  EXPECT_EQ(wall_.channels().Failure("channel"), "");
+  EXPECT_THAT(wall_.channels().States("channel"), testing::ElementsAre("live"));
+}
+
+// The entries of a folder of the process's own: its descriptors, its threads.
+std::ptrdiff_t Count(const char* folder) {
+  return std::distance(std::filesystem::directory_iterator(folder), {});
+}
+
+TEST_F(IngestTest, AHundredReturnsOfLostSourcesCostNoFrameAndLeaveNothingBehind) {
+  constexpr int kChannels = 10;
+  RtspServer camera(CameraClip());
+  for (int i = 0; i < kChannels; ++i) {
+    host::wall::ChannelOptions& options = AddChannel("camera " + std::to_string(i), camera.Url());
+    options.options["rtsp_transport"] = "tcp";
+    options.openLimit = options.readLimit = 10 * kSecond;
+    options.hold = kSecond / 10;
+  }
+  std::atomic<std::uint64_t> frames{0};
+  std::atomic<host::Time> first{-1};
+  std::atomic<host::Time> last{-1};
+  const auto session = wall_.MakeLive([&](const ComPtr<IMediaSample>&, host::Time time) {
+    host::Time none = -1;
+    first.compare_exchange_strong(none, time);
+    last = time;
+    ++frames;
+  });
+  const auto returns = [&] {
+    int sum = 0;
+    for (int i = 0; i < kChannels; ++i) {
+      const auto states = wall_.channels().States("camera " + std::to_string(i));
+      sum += static_cast<int>(std::count(states.begin(), states.end(), "live")) - 1;
+    }
+    return sum;
+  };
+  const auto waitFor = [&](int count) {
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(120);
+    while (returns() < count && std::chrono::steady_clock::now() < limit) {
+      std::this_thread::sleep_for(milliseconds(50));
+    }
+    ASSERT_GE(returns(), count) << camera.plays() << " openings";
+  };
+  // What the first wall and its first slate bring into the process stays there.
+  camera.HangUpAfter(milliseconds(300));
+  session->Start();
+  waitFor(1);
+  session->Stop();
+  // The camera notices a little later that its clients have gone.
+  const auto openFiles = [&] {
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (camera.clients() > 0 && std::chrono::steady_clock::now() < limit) {
+      std::this_thread::sleep_for(milliseconds(20));
+    }
+    EXPECT_EQ(camera.clients(), 0);
+    return Count("/proc/self/fd");
+  };
+  const std::ptrdiff_t threads = Count("/proc/self/task");
+  const std::ptrdiff_t descriptors = openFiles();
+  const host::WallSession::Counters before = session->counters();
+  first = -1;
+  frames = 0;
+  const int from = returns();
+  session->Start();
+  waitFor(from + 100);
+  session->Stop();
+  const host::WallSession::Counters after = session->counters();
+  EXPECT_GE(frames + after.late + after.starved - before.late - before.starved,
+            static_cast<std::uint64_t>((last - first) / 400'000 + 1));
+  EXPECT_EQ(Count("/proc/self/task"), threads);
+  EXPECT_EQ(openFiles(), descriptors);
+}
+
+}  // namespace

@@ -1,0 +1,316 @@
+#include "tests/support/rtsp_server.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <system_error>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+extern "C" {
+#include <libavformat/avformat.h>
+#include <libavutil/mem.h>
+}
+
+#include "host/ffmpeg/error.h"
+#include "host/ffmpeg/handles.h"
+
+namespace {
+
+namespace ffmpeg = host::ffmpeg;
+
+constexpr int kLongestPacket = 1400;  // bytes
+constexpr std::size_t kMostUnsent = 1 << 20;
+constexpr std::chrono::milliseconds kSentAtOnce(500);
+constexpr int kPatience = 5;  // milliseconds between two looks at the clock
+
+int OpenSocket(int type, std::uint16_t& port) {
+  const int descriptor = ::socket(AF_INET, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof(address);
+  if (descriptor < 0 ||
+      ::bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
+      ::getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length) != 0 ||
+      (type == SOCK_STREAM && ::listen(descriptor, 64) != 0)) {
+    throw std::system_error(errno, std::generic_category(), "no port for the camera");
+  }
+  port = ntohs(address.sin_port);
+  return descriptor;
+}
+
+// The value of a header; empty without one.
+std::string Header(const std::string& request, const std::string& name) {
+  const std::size_t at = request.find("\r\n" + name + ": ");
+  if (at == std::string::npos) {
+    return {};
+  }
+  const std::size_t begin = at + name.size() + 4;
+  return request.substr(begin, request.find("\r\n", begin) - begin);
+}
+
+// One stream, packed into RTP by FFmpeg.
+struct Packer {
+  ffmpeg::OutputFormat muxer;
+  ffmpeg::CallbackIo io;
+  std::vector<std::string> packets;  // of the latest Write
+
+  explicit Packer(const AVStream& stream) {
+    AVFormatContext* context = nullptr;
+    ffmpeg::Check(avformat_alloc_output_context2(&context, nullptr, "rtp", nullptr), "pack", "rtp");
+    muxer.reset(context);
+    AVStream* const packed = avformat_new_stream(context, nullptr);
+    ffmpeg::Check(avcodec_parameters_copy(packed->codecpar, stream.codecpar), "pack", "rtp");
+    packed->codecpar->codec_tag = 0;
+    auto* const buffer = static_cast<unsigned char*>(av_malloc(kLongestPacket));
+    io.reset(avio_alloc_context(buffer, kLongestPacket, 1, this, nullptr, &Take, nullptr));
+    io->max_packet_size = kLongestPacket;
+  }
+  void Begin() {
+    muxer->pb = io.get();
+    muxer->flags |= AVFMT_FLAG_CUSTOM_IO;
+    ffmpeg::Check(avformat_write_header(muxer.get(), nullptr), "pack", "rtp");
+  }
+  static int Take(void* packer, std::uint8_t* bytes, int size) {
+    static_cast<Packer*>(packer)->packets.emplace_back(reinterpret_cast<const char*>(bytes),
+                                                       static_cast<std::size_t>(size));
+    return size;
+  }
+};
+
+}  // namespace
+
+struct RtspServer::Client {
+  struct Road {
+    bool open = false;
+    int channel = 0;              // of the connection
+    std::uint16_t datagrams = 0;  // the client's port; 0: over the connection
+  };
+
+  int descriptor = -1;
+  std::string heard;
+  std::string unsent;
+  std::array<Road, 2> roads;
+  bool playing = false;
+  bool leaves = false;
+  Clock::time_point began;
+  std::size_t next = 0;  // of the packets
+
+  explicit Client(int accepted) : descriptor(accepted) {}
+  ~Client() { ::close(descriptor); }
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
+};
+
+RtspServer::RtspServer(const std::filesystem::path& clip) {
+  Pack(clip);
+  listener_ = OpenSocket(SOCK_STREAM, port_);
+  datagrams_ = OpenSocket(SOCK_DGRAM, datagramPort_);
+  thread_ = std::thread([this] { Run(); });
+}
+
+RtspServer::~RtspServer() {
+  ends_ = true;
+  thread_.join();
+  ::close(listener_);
+  ::close(datagrams_);
+}
+
+std::string RtspServer::Url(const std::string& credentials) const {
+  return "rtsp://" + credentials + "127.0.0.1:" + std::to_string(port_) + "/camera";
+}
+
+void RtspServer::Pack(const std::filesystem::path& clip) {
+  AVFormatContext* context = nullptr;
+  ffmpeg::Check(avformat_open_input(&context, clip.c_str(), nullptr, nullptr), "open", clip);
+  const ffmpeg::InputFormat input(context);
+  ffmpeg::Check(avformat_find_stream_info(context, nullptr), "look into", clip);
+  std::list<Packer> packers;
+  std::vector<Packer*> byStream;
+  std::vector<AVFormatContext*> muxers;
+  for (unsigned i = 0; i < context->nb_streams; ++i) {
+    byStream.push_back(&packers.emplace_back(*context->streams[i]));
+    muxers.push_back(byStream.back()->muxer.get());
+  }
+  std::array<char, 8192> description{};
+  ffmpeg::Check(av_sdp_create(muxers.data(), static_cast<int>(muxers.size()), description.data(),
+                              static_cast<int>(description.size())),
+                "describe", clip);
+  description_ = description.data();
+  for (Packer& packer : packers) {
+    packer.Begin();
+  }
+  const ffmpeg::Packet packet = ffmpeg::MakePacket();
+  while (av_read_frame(context, packet.get()) >= 0) {
+    const int track = packet->stream_index;
+    Packer& packer = *byStream.at(static_cast<std::size_t>(track));
+    const AVRational unit = context->streams[track]->time_base;
+    const std::chrono::microseconds due(av_rescale_q(packet->dts, unit, AVRational{1, 1'000'000}));
+    av_packet_rescale_ts(packet.get(), unit, packer.muxer->streams[0]->time_base);
+    packet->stream_index = 0;
+    ffmpeg::Check(av_write_frame(packer.muxer.get(), packet.get()), "pack", clip);
+    for (std::string& bytes : packer.packets) {
+      const int kind = static_cast<unsigned char>(bytes.at(1));
+      packets_.push_back({due, track, kind >= 200 && kind <= 204, std::move(bytes)});
+    }
+    packer.packets.clear();
+    av_packet_unref(packet.get());
+  }
+}
+
+void RtspServer::Run() {
+  while (!ends_) {
+    std::vector<pollfd> waits = {{listener_, POLLIN, 0}};
+    for (const Client& client : clients_) {
+      waits.push_back({client.descriptor, POLLIN, 0});
+    }
+    // A mute server leaves the requests where they are, which would end the wait at once.
+    ::poll(waits.data(), mood_ == Mood::kMute ? 1 : waits.size(), kPatience);
+    Accept();
+    if (mood_ == Mood::kMute) {
+      continue;
+    }
+    for (auto client = clients_.begin(); client != clients_.end();) {
+      const bool stays = Hear(*client);
+      Send(*client);
+      client =
+          stays && Flush(*client) && !client->leaves ? std::next(client) : clients_.erase(client);
+    }
+    connected_ = static_cast<int>(clients_.size());
+  }
+  clients_.clear();
+}
+
+void RtspServer::Accept() {
+  const int accepted = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+  if (accepted >= 0) {
+    clients_.emplace_back(accepted);
+  }
+}
+
+// False when the client has gone.
+bool RtspServer::Hear(Client& client) {
+  std::array<char, 4096> bytes;
+  const ssize_t count = ::recv(client.descriptor, bytes.data(), bytes.size(), 0);
+  if (count == 0 || (count < 0 && errno != EAGAIN)) {
+    return false;
+  }
+  client.heard.append(bytes.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+  while (!client.heard.empty()) {
+    std::string& heard = client.heard;
+    if (heard[0] == '$') {  // a receiver's report: $, channel, two bytes of length
+      const std::size_t length = heard.size() < 4
+                                     ? 0
+                                     : 4 + static_cast<unsigned char>(heard[2]) * std::size_t{256} +
+                                           static_cast<unsigned char>(heard[3]);
+      if (length == 0 || heard.size() < length) {
+        break;
+      }
+      heard.erase(0, length);
+      continue;
+    }
+    const std::size_t end = heard.find("\r\n\r\n");
+    if (end == std::string::npos) {
+      break;
+    }
+    const std::string request = heard.substr(0, end + 2);
+    heard.erase(0, end + 4);
+    Answer(client, request);
+  }
+  return true;
+}
+
+void RtspServer::Answer(Client& client, const std::string& request) {
+  const std::string method = request.substr(0, request.find(' '));
+  std::string headers;
+  std::string body;
+  if (method == "OPTIONS") {
+    headers = "Public: OPTIONS, DESCRIBE, SETUP, PLAY, TEARDOWN, GET_PARAMETER\r\n";
+  } else if (method == "DESCRIBE") {
+    body = description_;
+    headers = "Content-Type: application/sdp\r\nContent-Base: " + Url() +
+              "/\r\nContent-Length: " + std::to_string(body.size()) + "\r\n";
+  } else if (method == "SETUP") {
+    headers = "Transport: " + SetUp(client, request) + "\r\n";
+  } else if (method == "PLAY") {
+    client.playing = true;
+    client.began = Clock::now();
+    ++plays_;
+  } else if (method == "TEARDOWN") {
+    client.leaves = true;
+  }
+  client.unsent += "RTSP/1.0 200 OK\r\nCSeq: " + Header(request, "CSeq") + "\r\nSession: 1\r\n" +
+                   headers + "\r\n" + body;
+}
+
+std::string RtspServer::SetUp(Client& client, const std::string& request) {
+  const std::size_t track = request.find("streamid=1") < request.find("\r\n") ? 1 : 0;
+  Client::Road& road = client.roads[track];
+  const std::string wish = Header(request, "Transport");
+  int first = 0;
+  const auto number = [&](const char* name) {
+    const std::size_t at = wish.find(name);
+    return at != std::string::npos &&
+           std::sscanf(wish.c_str() + at + std::string(name).size(), "%d", &first) == 1;
+  };
+  road.open = true;
+  if (number("interleaved=")) {
+    road.channel = first;
+    return "RTP/AVP/TCP;unicast;interleaved=" + std::to_string(first) + "-" +
+           std::to_string(first + 1);
+  }
+  number("client_port=");
+  road.datagrams = static_cast<std::uint16_t>(first);
+  return "RTP/AVP/UDP;unicast;client_port=" + std::to_string(first) + "-" +
+         std::to_string(first + 1) + ";server_port=" + std::to_string(datagramPort_) + "-" +
+         std::to_string(datagramPort_);
+}
+
+void RtspServer::Send(Client& client) {
+  if (!client.playing) {
+    return;
+  }
+  const Clock::duration played = Clock::now() - client.began;
+  const std::chrono::milliseconds limit(hangUpAfter_);
+  client.leaves = client.leaves || (limit.count() > 0 && played >= limit);
+  for (; client.next < packets_.size() && packets_[client.next].due <= played + kSentAtOnce;
+       ++client.next) {
+    const RtpPacket& packet = packets_[client.next];
+    const Client::Road& road = client.roads.at(static_cast<std::size_t>(packet.track));
+    if (mood_ != Mood::kPlays || !road.open || client.unsent.size() > kMostUnsent) {
+      continue;
+    }
+    if (road.datagrams == 0) {
+      const std::size_t size = packet.bytes.size();
+      client.unsent += {'$', static_cast<char>(road.channel + (packet.control ? 1 : 0)),
+                        static_cast<char>(size >> 8), static_cast<char>(size & 0xFF)};
+      client.unsent += packet.bytes;
+      continue;
+    }
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<std::uint16_t>(road.datagrams + (packet.control ? 1 : 0)));
+    ::sendto(datagrams_, packet.bytes.data(), packet.bytes.size(), 0,
+             reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+  }
+}
+
+// False when the client has gone.
+bool RtspServer::Flush(Client& client) {
+  while (!client.unsent.empty()) {
+    const ssize_t sent =
+        ::send(client.descriptor, client.unsent.data(), client.unsent.size(), MSG_NOSIGNAL);
+    if (sent < 0) {
+      return errno == EAGAIN;
+    }
+    client.unsent.erase(0, static_cast<std::size_t>(sent));
+  }
+  return true;
+}

@@ -1,0 +1,76 @@
+// RtspServer: a camera on this machine.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <list>
+#include <string>
+#include <thread>
+#include <vector>
+
+// Sends a clip with one video and one sound stream to everybody who plays it, from its beginning
+// and in real time but for the first half second, which comes at once, over the connection itself
+// ("interleaved") or in datagrams, as the client wishes. Like a camera it can fall silent, stop
+// answering or hang up.
+//
+// A thread of its own does everything with the sockets.
+class RtspServer {
+ public:
+  enum class Mood {
+    kPlays,
+    kSilent,  // answers, and sends nothing; what would have been sent meanwhile is lost
+    kMute,    // lets clients connect, and neither answers nor sends
+  };
+
+  // Throws host::ffmpeg::Error (the clip) or std::system_error (no port).
+  explicit RtspServer(const std::filesystem::path& clip);
+  ~RtspServer();
+  RtspServer(const RtspServer&) = delete;
+  RtspServer& operator=(const RtspServer&) = delete;
+
+  // credentials: "user:password@" or nothing; anything is let in.
+  std::string Url(const std::string& credentials = {}) const;
+  void Become(Mood mood) { mood_ = mood; }
+  // Every client is hung up on after playing for so long; 0: never.
+  void HangUpAfter(std::chrono::milliseconds length) { hangUpAfter_ = length.count(); }
+  // How often a client began to play.
+  int plays() const { return plays_; }
+  // Who is connected.
+  int clients() const { return connected_; }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  struct RtpPacket {
+    std::chrono::microseconds due;
+    int track = 0;
+    bool control = false;
+    std::string bytes;
+  };
+  struct Client;
+
+  void Pack(const std::filesystem::path& clip);
+  void Run();
+  void Accept();
+  bool Hear(Client& client);
+  void Answer(Client& client, const std::string& request);
+  std::string SetUp(Client& client, const std::string& request);
+  void Send(Client& client);
+  static bool Flush(Client& client);
+
+  std::vector<RtpPacket> packets_;
+  std::string description_;  // SDP
+  int listener_ = -1;
+  int datagrams_ = -1;
+  std::uint16_t port_ = 0;
+  std::uint16_t datagramPort_ = 0;
+  std::atomic<Mood> mood_{Mood::kPlays};
+  std::atomic<std::int64_t> hangUpAfter_{0};  // milliseconds
+  std::atomic<int> plays_{0};
+  std::atomic<int> connected_{0};
+  std::atomic<bool> ends_{false};
+  std::list<Client> clients_;  // the thread's
+  std::thread thread_;
+};
