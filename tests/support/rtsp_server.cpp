@@ -72,6 +72,13 @@ struct Packer {
     io.reset(avio_alloc_context(buffer, kLongestPacket, 1, this, nullptr, &Take, nullptr));
     io->max_packet_size = kLongestPacket;
   }
+  Packer(const Packer&) = delete;
+  Packer& operator=(const Packer&) = delete;
+  ~Packer() {
+    if (muxer->pb != nullptr) {
+      av_write_trailer(muxer.get());  // frees what the muxer has taken when it began
+    }
+  }
   void Begin() {
     muxer->pb = io.get();
     muxer->flags |= AVFMT_FLAG_CUSTOM_IO;
