@@ -41,8 +41,9 @@ std::string OpenName(const std::string& source) {
 }
 
 // Over these a service is sent for ever, and may change on the way.
-bool CarriesTransportStream(const std::string& source) {
-  return source.starts_with("udp:") || source.starts_with("srt:") || source.starts_with("tcp:");
+bool CarriesTransportStream(const std::string& openName) {
+  return openName.starts_with("udp:") || openName.starts_with("srt:") ||
+         openName.starts_with("tcp:");
 }
 
 }  // namespace
@@ -89,15 +90,15 @@ void MediaReader::Open() {
   for (const auto& [key, value] : settings_.options) {
     options.Set(key.c_str(), value);
   }
+  const std::string name = OpenName(settings_.source);
   try {
     if (ffmpeg::PipeInput::Serves(settings_.source)) {
       pipe_.emplace(settings_.source, deadline_);
-    } else if (CarriesTransportStream(settings_.source)) {
-      connection_.emplace(settings_.source, deadline_, options,
-                          [this](std::span<const std::uint8_t> bytes) {
-                            programs_.Feed(bytes);
-                            return ChangedTrack() == nullptr;
-                          });
+    } else if (CarriesTransportStream(name)) {
+      connection_.emplace(name, deadline_, options, [this](std::span<const std::uint8_t> bytes) {
+        programs_.Feed(bytes);
+        return ChangedTrack() == nullptr;
+      });
     }
   } catch (const ffmpeg::Error& error) {
     Fail(error.code(), true);
@@ -113,8 +114,7 @@ void MediaReader::Open() {
     context->pb = connection_->io();
   }
   // On failure this frees the context itself.
-  int result = avformat_open_input(&context, OpenName(settings_.source).c_str(), nullptr,
-                                   options.Exchange());
+  int result = avformat_open_input(&context, name.c_str(), nullptr, options.Exchange());
   if (result < 0) {
     Fail(result, true);
   }

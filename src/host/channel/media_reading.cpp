@@ -52,15 +52,15 @@ void MediaReader::ReadPacket() {
     return;
   }
   if (const Track* const changed = ChangedTrack()) {
-    throw MediaError(
-        MediaError::Kind::kFailed,
-        std::string(changed == (video_ ? &*video_ : nullptr) ? "its video" : "its sound") +
-            " has changed its form",
-        maskedSource_);
+    const bool isVideo = video_ && changed == &*video_;
+    throw MediaError(MediaError::Kind::kFailed,
+                     std::string(isVideo ? "its video" : "its sound") + " has changed its form",
+                     maskedSource_);
   }
   // The demuxer may have given what it still had since the call that was ended.
   const bool wasEnded = deadline_.expired() || result == AVERROR_EXIT;
-  if (wasEnded && !deadline_.cancelled() && settings_.source.starts_with("udp:")) {
+  const bool isDatagrams = connection_ && settings_.source.starts_with("udp:");
+  if (wasEnded && !deadline_.cancelled() && isDatagrams) {
     connection_->Resume();
     ++silences_;
     Fail(result, false);

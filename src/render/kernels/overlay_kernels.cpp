@@ -80,6 +80,14 @@ void ConvertCoverageScalar(const CoverageBitmap& bitmap, const OverlayPlanes& to
 // Columns of a strip; what is kept of its rows fits the first-level cache.
 constexpr std::int32_t kStrip = 256;
 
+// Columns [first, first + count), and their neighbours to the left and to the right.
+struct Strip {
+  std::int32_t first;
+  std::int32_t count;
+  std::int32_t before;
+  std::int32_t after;
+};
+
 // Rows of a strip that the next blocks need: row y is in place y % 4.
 template <typename Row>
 using RowRing = std::array<Row, 4>;
@@ -161,28 +169,27 @@ TAVREL_INLINE std::uint8_t MeanChroma(std::int32_t sum, std::int32_t weight) {
   return static_cast<std::uint8_t>(weight == 0 ? 128 : Limit((mean + 128) >> 8, 16, 240));
 }
 
-// Columns [first, first + count).
 TAVREL_INLINE void ConvertPixelStrip(const ArgbRows& bitmap, const OverlayPlanes& to,
-                                     const PlaneBounds& blocks, std::int32_t first,
-                                     std::int32_t count) {
+                                     const PlaneBounds& blocks, const Strip& strip) {
   RowRing<PixelRow> rows;
   SpareRow spare;
   std::array<std::int32_t, kStrip / 2> weights;
   std::array<std::int32_t, kStrip / 2> firsts;
   std::array<std::int32_t, kStrip / 2> seconds;
+  const std::int32_t first = strip.first;
+  const std::int32_t count = strip.count;
   const std::int32_t columns = count / 2;
-  const std::int32_t before = first > 0 ? first - 1 : 0;
-  const std::int32_t after = first + count < to.width ? first + count : to.width - 1;
 
   const auto convertRow = [&](std::int32_t y, PixelRow & row) __attribute__((always_inline)) {
     const std::uint8_t* const pixels = bitmap.pixels + y * bitmap.stride;
     const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(y) * to.width + first;
     const bool own = IsOwnRow(y, blocks);
     std::uint8_t neighbour[2];
-    ConvertPixels(pixels + std::ptrdiff_t{before} * 4, 1, row, 0, neighbour, neighbour + 1);
+    ConvertPixels(pixels + std::ptrdiff_t{strip.before} * 4, 1, row, 0, neighbour, neighbour + 1);
     ConvertPixels(pixels + std::ptrdiff_t{first} * 4, count, row, 1,
                   own ? to.luma + at : spare.luma.data(), own ? to.alpha + at : spare.alpha.data());
-    ConvertPixels(pixels + std::ptrdiff_t{after} * 4, 1, row, count + 1, neighbour, neighbour + 1);
+    ConvertPixels(pixels + std::ptrdiff_t{strip.after} * 4, 1, row, count + 1, neighbour,
+                  neighbour + 1);
   };
   const auto sumRows = [&](std::int32_t by, const PixelRow& r0, const PixelRow& r1,
                            const PixelRow& r2, const PixelRow& r3) __attribute__((always_inline)) {
@@ -244,12 +251,12 @@ TAVREL_INLINE OneColour ColourOf(const CoverageBitmap& bitmap) {
 
 TAVREL_INLINE void ConvertCoverageStrip(const CoverageBitmap& bitmap, const OneColour& colour,
                                         const OverlayPlanes& to, const PlaneBounds& blocks,
-                                        std::int32_t first, std::int32_t count) {
+                                        const Strip& strip) {
   RowRing<OpacityRow> rows;
   SpareRow spare;
   std::array<std::uint16_t, kStrip> sums;
-  const std::int32_t before = first > 0 ? first - 1 : 0;
-  const std::int32_t after = first + count < to.width ? first + count : to.width - 1;
+  const std::int32_t first = strip.first;
+  const std::int32_t count = strip.count;
 
   const auto convertRow = [&](std::int32_t y, OpacityRow & row) __attribute__((always_inline)) {
     const std::uint8_t* const coverage = bitmap.coverage + y * bitmap.stride;
@@ -264,7 +271,7 @@ TAVREL_INLINE void ConvertCoverageStrip(const CoverageBitmap& bitmap, const OneC
         alpha[i] = bitmap.opacities[coverage[first + i]];
       }
     }
-    row[0] = bitmap.opacities[coverage[before]];
+    row[0] = bitmap.opacities[coverage[strip.before]];
     std::uint16_t* __restrict const opacities = row.data() + 1;
     for (std::int32_t i = 0; i < count; ++i) {
       opacities[i] = alpha[i];
@@ -272,7 +279,7 @@ TAVREL_INLINE void ConvertCoverageStrip(const CoverageBitmap& bitmap, const OneC
     for (std::int32_t i = 0; i < count; ++i) {
       luma[i] = alpha[i] == 0 ? colour.clearLuma : colour.luma;
     }
-    row[static_cast<std::size_t>(count) + 1] = bitmap.opacities[coverage[after]];
+    row[static_cast<std::size_t>(count) + 1] = bitmap.opacities[coverage[strip.after]];
   };
   const auto sumRows = [&](std::int32_t by, const OpacityRow& r0, const OpacityRow& r1,
                            const OpacityRow& r2, const OpacityRow& r3)
@@ -306,18 +313,21 @@ TAVREL_INLINE void ConvertCoverageStrip(const CoverageBitmap& bitmap, const OneC
 }
 
 template <typename ConvertStrip>
-TAVREL_INLINE void ForEachStrip(const PlaneBounds& blocks, const ConvertStrip& convertStrip) {
+TAVREL_INLINE void ForEachStrip(std::int32_t width, const PlaneBounds& blocks,
+                                const ConvertStrip& convertStrip) {
   for (std::int32_t first = 2 * blocks.left; first < 2 * blocks.right; first += kStrip) {
     const std::int32_t rest = 2 * blocks.right - first;
-    convertStrip(first, rest < kStrip ? rest : kStrip);
+    const std::int32_t count = rest < kStrip ? rest : kStrip;
+    convertStrip(Strip{first, count, first > 0 ? first - 1 : 0,
+                       first + count < width ? first + count : width - 1});
   }
 }
 
 TAVREL_INLINE void ConvertPixelsInStrips(const ArgbRows& bitmap, const OverlayPlanes& to,
                                          const PlaneBounds& blocks) {
   ForEachStrip(
-      blocks, [&](std::int32_t first, std::int32_t count) __attribute__((always_inline)) {
-        ConvertPixelStrip(bitmap, to, blocks, first, count);
+      to.width, blocks, [&](const Strip& strip) __attribute__((always_inline)) {
+        ConvertPixelStrip(bitmap, to, blocks, strip);
       });
 }
 
@@ -325,8 +335,8 @@ TAVREL_INLINE void ConvertCoverageInStrips(const CoverageBitmap& bitmap, const O
                                            const PlaneBounds& blocks) {
   const OneColour colour = ColourOf(bitmap);
   ForEachStrip(
-      blocks, [&](std::int32_t first, std::int32_t count) __attribute__((always_inline)) {
-        ConvertCoverageStrip(bitmap, colour, to, blocks, first, count);
+      to.width, blocks, [&](const Strip& strip) __attribute__((always_inline)) {
+        ConvertCoverageStrip(bitmap, colour, to, blocks, strip);
       });
 }
 
