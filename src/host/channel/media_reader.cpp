@@ -152,7 +152,7 @@ void MediaReader::ChooseTracks() {
   knownStreams_ = input_->nb_streams;
   const bool mayJump =
       (input_->iformat->flags & AVFMT_TS_DISCONT) != 0 || info_.pace != Pace::kStored;
-  clock_.emplace(mayJump ? kLongestGap : std::numeric_limits<Time>::max() / 4,
+  clock_.emplace(mayJump ? std::optional(kLongestGap) : std::nullopt,
                  ffmpeg::ToTime(input_->start_time, AV_TIME_BASE_Q));
   for (unsigned i = 0; i < input_->nb_streams; ++i) {
     input_->streams[i]->discard = AVDISCARD_ALL;

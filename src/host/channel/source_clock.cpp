@@ -5,7 +5,7 @@
 
 namespace host {
 
-SourceClock::SourceClock(Time forwardLimit, std::optional<Time> origin)
+SourceClock::SourceClock(std::optional<Time> forwardLimit, std::optional<Time> origin)
     : forwardLimit_(forwardLimit), origin_(origin) {
   if (origin_) {
     AddOffset(-*origin_);
@@ -39,10 +39,25 @@ Time SourceClock::Unwrap(const Stream& stream, Time raw) const {
   return raw + turns * stream.wrapPeriod;
 }
 
+SourceClock::Verdict SourceClock::Judge(const Stream& stream, Time raw) const {
+  // Without a rhythm there is nothing to compare with.
+  if (!forwardLimit_ || !stream.started || stream.lastStep <= 0) {
+    return Verdict::kFollows;
+  }
+  const Time usual = kBackLimit + 2 * stream.lastStep;
+  const auto goesOn = [&](Time from) { return raw - from >= -kBackLimit && raw - from <= usual; };
+  const Time step = raw + stream.offset.value - stream.expected;
+  if (step >= -kBackLimit && (step <= kBackLimit || goesOn(stream.lastRaw))) {
+    return Verdict::kFollows;
+  }
+  const bool borneOut = stream.doubtful && goesOn(*stream.doubtful);
+  return borneOut || stream.doubts >= kMostDoubts ? Verdict::kBorneOut : Verdict::kDoubtful;
+}
+
 bool SourceClock::FollowJump(Stream& stream, Time raw) {
   const auto step = [&](Time offset) { return raw + offset - stream.expected; };
   const Time now = step(stream.offset.value);
-  if (now >= -kBackLimit && now <= forwardLimit_) {
+  if (now >= -kBackLimit && (!forwardLimit_ || now <= *forwardLimit_)) {
     return false;
   }
   if (stream.offset.number == newest_.number || std::abs(step(newest_.value)) > kAdoptionLimit) {
@@ -72,12 +87,17 @@ SourceClock::Mapped SourceClock::Map(std::size_t index, Stamps stamps) {
       AddOffset(-*given);
     }
     const Time raw = Unwrap(stream, *given);
-    if (stream.started) {
-      mapped.discontinuity = FollowJump(stream, raw);
+    const Verdict verdict = Judge(stream, raw);
+    if (verdict == Verdict::kDoubtful) {
+      mapped.dts = stream.expected;
     } else {
-      stream.offset = newest_;
+      if (stream.started) {
+        mapped.discontinuity = FollowJump(stream, raw);
+      } else {
+        stream.offset = newest_;
+      }
+      mapped.dts = raw + stream.offset.value;
     }
-    mapped.dts = raw + stream.offset.value;
     if (stamps.pts) {
       // The presentation time stays as far from the decoding time as the source has it, a wrap
       // between the two undone.
@@ -88,15 +108,25 @@ SourceClock::Mapped SourceClock::Map(std::size_t index, Stamps stamps) {
                  stream.wrapPeriod;
       }
       // Damaged stamps would throw the picture, and all that follow it, to anywhere.
-      const Time most = std::max(kMostAhead, kMostPicturesAhead * stamps.duration);
+      const Time rhythm = std::max(stamps.duration, stream.lastStep);
+      const Time most = rhythm > 0 ? std::max(kMostPicturesAhead * rhythm, kBackLimit) : kMostAhead;
       if (ahead >= -kBackLimit && ahead <= most) {
         mapped.pts = mapped.dts + ahead;
       }
     }
-    if (stream.started && !mapped.discontinuity) {
-      stream.lastStep = std::max<Time>(raw - stream.lastRaw, 0);
+    if (verdict == Verdict::kDoubtful) {
+      stream.doubtful = raw;
+      ++stream.doubts;
+    } else {
+      if (verdict == Verdict::kBorneOut) {
+        stream.lastStep = std::max<Time>(raw - *stream.doubtful, 0);
+      } else if (stream.started && !mapped.discontinuity && stream.doubts == 0) {
+        stream.lastStep = std::max<Time>(raw - stream.lastRaw, 0);
+      }
+      stream.lastRaw = raw;
+      stream.doubtful.reset();
+      stream.doubts = 0;
     }
-    stream.lastRaw = raw;
   }
   stream.started = stream.started || given.has_value();
   stream.expected = mapped.dts + (stamps.duration > 0 ? stamps.duration : stream.lastStep);

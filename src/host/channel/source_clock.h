@@ -19,15 +19,22 @@ namespace host {
 //  - the other streams of the source jump a few packets earlier or later: each keeps its own offset
 //    until its own stamps jump, and then takes the newest offset if that makes it continuous. Sound
 //    and picture thus stay together, and no packet from before the jump is thrown to the other
-//    side.
+//    side;
+//  - damaged stamps say anything: a single one of a source that may jump moves nothing, its packet
+//    follows the one before it. A jump or a long gap counts from the second packet on that bears it
+//    out. Otherwise the way there would be a gap and the way back a jump, and sound and picture
+//    would be apart from then on.
 //
 // Owned and called by one reader on its thread; no lock.
 class SourceClock {
  public:
   static constexpr Time kBackLimit = kSecond / 2;
-  // A picture is shown at most so long after it is decoded: as many pictures as any codec reorders.
+  // A picture is shown at most so long after it is decoded: as many pictures as any codec reorders,
+  // or that time while it is not known how long they are.
   static constexpr Time kMostAhead = 5 * kSecond;
   static constexpr Time kMostPicturesAhead = 16;
+  // Damaged stamps one after the other, of which each tells something else. More are believed.
+  static constexpr int kMostDoubts = 3;
   // How far the streams of one source may be apart when they jump together.
   static constexpr Time kAdoptionLimit = 2 * kSecond;
 
@@ -40,12 +47,13 @@ class SourceClock {
   struct Mapped {
     Time dts = 0;
     std::optional<Time> pts;
-    bool discontinuity = false;  // the first packet of its stream after a jump
+    bool discontinuity = false;  // the first packet of its stream that a jump has moved
   };
 
-  // forwardLimit: the longest step forwards that still counts as a gap. origin: the source time
-  // that becomes 0; by default that of the first packet.
-  explicit SourceClock(Time forwardLimit, std::optional<Time> origin = {});
+  // forwardLimit: the longest step forwards that still counts as a gap; none for a source whose
+  // stamps do not leap, of which every step forwards is a gap. origin: the source time that becomes
+  // 0; by default that of the first packet.
+  explicit SourceClock(std::optional<Time> forwardLimit, std::optional<Time> origin = {});
 
   // Adds a stream and returns its number, counted from 0. wrapPeriod 0: the stamps never wrap.
   std::size_t AddStream(Time wrapPeriod);
@@ -74,14 +82,20 @@ class SourceClock {
     Time lastRaw = 0;   // latest source time, wraps undone
     Time expected = 0;  // clock time at which the next packet would follow without a gap
     Time lastStep = 0;  // distance of the latest two packets
+    std::optional<Time> doubtful{};  // source time of the latest packet, which was not believed
+    int doubts = 0;                  // packets in a row of that kind
   };
 
   Time Unwrap(const Stream& stream, Time raw) const;
+  // What to think of a packet's stamp: that it follows the one before it, that it goes on from one
+  // that was doubtful, or that the next one is to bear it out first.
+  enum class Verdict { kFollows, kBorneOut, kDoubtful };
+  Verdict Judge(const Stream& stream, Time raw) const;
   // Gives the stream another offset when its stamps jumped; true when they did.
   bool FollowJump(Stream& stream, Time raw);
   void AddOffset(Time value);
 
-  const Time forwardLimit_;
+  const std::optional<Time> forwardLimit_;
   std::optional<Time> origin_;
   Offset newest_;
   std::vector<Stream> streams_;

@@ -1,12 +1,15 @@
 #include "host/channel/source_clock.h"
 
+#include <cstdint>
+#include <optional>
+
 #include <gtest/gtest.h>
 
 namespace host {
 namespace {
 
 constexpr Time kFrame = 400'000;
-constexpr Time kNoLimit = std::int64_t{1} << 60;
+constexpr std::optional<Time> kNoLimit;
 
 SourceClock::Stamps At(Time time, Time duration = kFrame) {
   return {time, time, duration};
@@ -35,6 +38,9 @@ TEST(SourceClock, KeepsPresentationTimesAsFarFromDecodingTimesAsTheSource) {
   EXPECT_FALSE(clock.Map(video, {1000 + kFrame, 1000 + 3600 * kSecond, kFrame}).pts.has_value());
   EXPECT_FALSE(clock.Map(video, {1000 + 2 * kFrame, 1000 - kSecond, kFrame}).pts.has_value());
   EXPECT_EQ(clock.Map(video, {1000 + 3 * kFrame, 1000 + 4 * kFrame, kFrame}).pts, 4 * kFrame);
+  // Further ahead than any codec shows its pictures.
+  EXPECT_FALSE(
+      clock.Map(video, {1000 + 4 * kFrame, 1000 + 29 * kSecond / 10, kFrame}).pts.has_value());
 }
 
 TEST(SourceClock, UndoesAWrapExactlyAndWithoutAFlag) {
@@ -50,7 +56,7 @@ TEST(SourceClock, UndoesAWrapExactlyAndWithoutAFlag) {
   }
 }
 
-TEST(SourceClock, GoesOnAfterAJumpInEitherDirectionAndFlagsItOnce) {
+TEST(SourceClock, GoesOnAfterAJumpInEitherDirectionAndFlagsItOnceItIsBorneOut) {
   for (const Time target : {Time{0}, 500 * kSecond}) {
     SourceClock clock(10 * kSecond);
     const auto video = clock.AddStream(0);
@@ -58,10 +64,13 @@ TEST(SourceClock, GoesOnAfterAJumpInEitherDirectionAndFlagsItOnce) {
     clock.Map(video, At(100 * kSecond + kFrame));
     const auto jumped = clock.Map(video, At(target));
     EXPECT_EQ(jumped.dts, 2 * kFrame);
-    EXPECT_TRUE(jumped.discontinuity);
-    const auto next = clock.Map(video, At(target + kFrame));
-    EXPECT_EQ(next.dts, 3 * kFrame);
-    EXPECT_FALSE(next.discontinuity);
+    EXPECT_FALSE(jumped.discontinuity);
+    const auto second = clock.Map(video, At(target + kFrame));
+    EXPECT_EQ(second.dts, 3 * kFrame);
+    EXPECT_TRUE(second.discontinuity);
+    const auto third = clock.Map(video, At(target + 2 * kFrame));
+    EXPECT_EQ(third.dts, 4 * kFrame);
+    EXPECT_FALSE(third.discontinuity);
   }
 }
 
@@ -96,10 +105,61 @@ TEST(SourceClock, KeepsSoundAndPictureTogetherWhenTheyJumpOneAfterTheOther) {
   EXPECT_EQ(old.dts, 10 * kFrame);
   EXPECT_FALSE(old.discontinuity);
   EXPECT_EQ(clock.Map(video, At(after + kFrame)).dts, 11 * kFrame);
-  // Its first packet of the new part belongs to the picture of the same source time.
-  const auto adopted = clock.Map(audio, At(after + kFrame + 1000));
-  EXPECT_EQ(adopted.dts, 11 * kFrame + 1000);
+  // Its packets of the new part belong to the pictures of the same source time.
+  EXPECT_EQ(clock.Map(audio, At(after + kFrame + 1000)).dts, 11 * kFrame);
+  const auto adopted = clock.Map(audio, At(after + 2 * kFrame + 1000));
+  EXPECT_EQ(adopted.dts, 12 * kFrame + 1000);
   EXPECT_TRUE(adopted.discontinuity);
+}
+
+// A bit of a stamp that flips is a leap there and back; here every bit that a stamp has.
+TEST(SourceClock, DamagedStampsMoveNothing) {
+  for (int bit = 10; bit < 33; ++bit) {
+    for (const int inARow : {1, 2}) {
+      SourceClock clock(10 * kSecond);
+      const auto video = clock.AddStream(0);
+      const auto audio = clock.AddStream(0);
+      const Time base = 40'000 * kSecond;
+      for (int i = 0; i < 100; ++i) {
+        const Time time = base + i * kFrame;
+        const bool damaged = i == 50 || (inARow == 2 && i == 51);
+        const Time flip = (std::int64_t{1} << bit) * 1000 / 9;
+        const Time stamp = !damaged ? time : i == 50 ? time + flip : time - flip;
+        const auto picture = clock.Map(video, At(stamp));
+        const auto sound = clock.Map(audio, At(i == 70 ? time - flip : time));
+        if (!damaged) {
+          EXPECT_EQ(picture.dts, i * kFrame) << "bit " << bit << ", packet " << i;
+          EXPECT_FALSE(picture.discontinuity);
+        } else {
+          EXPECT_NEAR(picture.dts, i * kFrame, SourceClock::kBackLimit);
+        }
+        if (i != 70) {
+          EXPECT_EQ(sound.dts, i * kFrame) << "bit " << bit << ", packet " << i;
+        }
+      }
+    }
+  }
+}
+
+TEST(SourceClock, FollowsAGapAndASlowRhythmOnceTheyAreBorneOut) {
+  SourceClock clock(10 * kSecond);
+  const auto video = clock.AddStream(0);
+  clock.Map(video, At(0));
+  clock.Map(video, At(kFrame));
+  EXPECT_EQ(clock.Map(video, At(4 * kSecond)).dts, 2 * kFrame);
+  EXPECT_EQ(clock.Map(video, At(4 * kSecond + kFrame)).dts, 4 * kSecond + kFrame);
+  // One picture a second, whose durations say something else.
+  Time dts = 0;
+  for (int i = 2; i < 8; ++i) {
+    dts = clock.Map(video, At(4 * kSecond + i * kSecond)).dts;
+  }
+  EXPECT_EQ(dts, 11 * kSecond);
+  // Stamps without any sense are believed in the end.
+  bool believed = false;
+  for (int i = 1; i < 8; ++i) {
+    believed = believed || clock.Map(video, At(i * i * 1000 * kSecond)).discontinuity;
+  }
+  EXPECT_TRUE(believed);
 }
 
 TEST(SourceClock, PlacesARepeatAfterEverythingBeforeIt) {
