@@ -79,7 +79,8 @@ class DriftTest : public ComposerFixture, public testing::WithParamInterface<Cas
     }
     // The reader waits while it is a second ahead.
     const Time read = std::max(comes, lastPlaced_ - kSecond);
-    const Time placed = decides ? timeline_.Place(own, false, read) : timeline_.Follow(own, read);
+    const Time placed =
+        decides ? timeline_.Place(own, false, read) : timeline_.Follow(own, read).value();
     lastPlaced_ = placed;
     *sendAt = std::max(placed, read);
     return placed;

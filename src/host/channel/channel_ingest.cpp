@@ -99,18 +99,17 @@ class ChannelIngest::Pass {
     }
   }
 
-  // The wall's time for a time of the source.
-  Time Place(Time start, bool jumped, bool decides) {
-    if (!ingest_.settings_.now) {
-      return start;
-    }
-    const Time now = ingest_.settings_.now();
-    return decides ? timeline_.Place(start, jumped, now) : timeline_.Follow(start, now);
+  // The wall's time for a time of the source that decides, and for another one.
+  Time Place(Time start, bool jumped) {
+    return ingest_.settings_.now ? timeline_.Place(start, jumped, ingest_.settings_.now()) : start;
+  }
+  std::optional<Time> Follow(Time start) {
+    return ingest_.settings_.now ? timeline_.Follow(start, ingest_.settings_.now()) : start;
   }
 
   bool DrainConverter() {
     while (const PictureConverter::PictureTimes* const times = converter_.Next()) {
-      const Time start = Place(times->start, times->discontinuity, true);
+      const Time start = Place(times->start, times->discontinuity);
       const Time stop = start + times->duration;
       const ComPtr<IMediaSample> sample = ingest_.videoPin_.NewSample(start, stop, true);
       BYTE* buffer = nullptr;
@@ -140,8 +139,11 @@ class ChannelIngest::Pass {
     if (WaitsForPicture()) {
       return;
     }
-    const Time start = Place(reading.start, false, !hasPictures_);
-    merger_.Push(start, ReadyLevels{start, reading.duration, reading.levels, reading.loudest});
+    const std::optional<Time> start =
+        hasPictures_ ? Follow(reading.start) : Place(reading.start, false);
+    if (start.has_value()) {
+      merger_.Push(*start, ReadyLevels{*start, reading.duration, reading.levels, reading.loudest});
+    }
   }
 
   template <typename Content>
@@ -171,9 +173,12 @@ class ChannelIngest::Pass {
     if (WaitsForPicture()) {
       return true;
     }
-    packet.start = Place(packet.start, false, false);
-    const Time start = packet.start;
-    return Add(start, std::move(packet));
+    const std::optional<Time> start = Follow(packet.start);
+    if (!start.has_value()) {
+      return true;
+    }
+    packet.start = *start;
+    return Add(*start, std::move(packet));
   };
   const bool hasPictures_;
   LiveTimeline timeline_;

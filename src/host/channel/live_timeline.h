@@ -26,7 +26,9 @@ class LiveTimeline {
     Time lead = kSecond / 4;        // room for jitter, for sorting and for decoding
     Time lateLimit = kSecond / 2;   // late without a break for so long: it does not catch up
     Time aheadLimit = 2 * kSecond;  // nothing of a live source lies further ahead than that
-    Time grid = 1;                  // the wall's time moves against the source's by multiples of it
+    // Sound may come before its pictures: decoders hold those back, of a slow source for long.
+    Time followLimit = 4 * kSecond;
+    Time grid = 1;  // the wall's time moves against the source's by multiples of it
   };
 
   // For a source whose reader wants to be no further ahead than span. What is pushed has to stay
@@ -38,6 +40,7 @@ class LiveTimeline {
     settings.grid = grid;
     if (pace == Pace::kStored) {
       settings.aheadLimit = std::numeric_limits<Time>::max();
+      settings.followLimit = std::numeric_limits<Time>::max();
     } else if (pace == Pace::kPushed) {
       settings.aheadLimit = span / 4 * 3;
     }
@@ -68,12 +71,14 @@ class LiveTimeline {
     }
     return start + *shift_;
   }
-  // The wall's time for everything else of the source.
-  Time Follow(Time start, Time now) {
+  // The wall's time for everything else of the source. None for what lies so far ahead of the
+  // pictures that waiting for its time would hold them up: the source has torn itself apart.
+  std::optional<Time> Follow(Time start, Time now) {
     if (!shift_.has_value()) {
       shift_ = OnGrid(now + settings_.lead - start);
     }
-    return start + *shift_;
+    const Time placed = start + *shift_;
+    return placed - now > settings_.followLimit ? std::nullopt : std::optional(placed);
   }
 
   // Something was placed.

@@ -234,7 +234,9 @@ TEST(LiveTimelineTest, GivesUpADistanceThatDoesNotFitTheSourceAnyMore) {
     timeline.Place(start, false, now);
   }
   EXPECT_EQ(timeline.moves(), 2);
-  EXPECT_GE(timeline.Follow(start, now), now) << "sound goes with it";
+  EXPECT_GE(timeline.Follow(start, now).value(), now) << "sound goes with it";
+  EXPECT_TRUE(timeline.Follow(start + 3 * kSecond, now).has_value());
+  EXPECT_FALSE(timeline.Follow(start + 5 * kSecond, now).has_value()) << "it would hold them up";
   // Stamps that leapt forwards.
   EXPECT_EQ(timeline.Place(start + 8 * kSecond, false, now), now + kSecond / 4);
   LiveTimeline ofFile(LiveTimeline::For(Pace::kStored, kSecond, 1));
