@@ -19,8 +19,8 @@ std::size_t SourceClock::AddStream(Time wrapPeriod) {
   return streams_.size() - 1;
 }
 
-void SourceClock::AddOffset(Time value) {
-  newest_ = {value, newest_.number + 1};
+void SourceClock::AddOffset(Time value, std::optional<Time> beforeGap) {
+  newest_ = {value, newest_.number + 1, beforeGap};
 }
 
 void SourceClock::Restart() {
@@ -40,29 +40,71 @@ Time SourceClock::Unwrap(const Stream& stream, Time raw) const {
 }
 
 SourceClock::Verdict SourceClock::Judge(const Stream& stream, Time raw) const {
-  // Without a rhythm there is nothing to compare with.
-  if (!forwardLimit_ || !stream.started || stream.lastStep <= 0) {
-    return Verdict::kFollows;
-  }
-  const Time usual = kBackLimit + 2 * stream.lastStep;
+  const Time usual = kBackLimit + 2 * std::max(stream.lastStep, stream.claimed);
   const auto goesOn = [&](Time from) { return raw - from >= -kBackLimit && raw - from <= usual; };
   const Time step = raw + stream.offset.value - stream.expected;
   if (step >= -kBackLimit && (step <= kBackLimit || goesOn(stream.lastRaw))) {
     return Verdict::kFollows;
   }
-  const bool borneOut = stream.doubtful && goesOn(*stream.doubtful);
-  return borneOut || stream.doubts >= kMostDoubts ? Verdict::kBorneOut : Verdict::kDoubtful;
+  // Without a rhythm there is nothing to doubt.
+  const bool borneOut = !forwardLimit_ || stream.lastStep <= 0 || stream.doubts >= kMostDoubts ||
+                        (stream.doubtful && goesOn(*stream.doubtful));
+  return borneOut ? Verdict::kBorneOut : Verdict::kDoubtful;
 }
 
-bool SourceClock::FollowJump(Stream& stream, Time raw) {
-  const auto step = [&](Time offset) { return raw + offset - stream.expected; };
-  const Time now = step(stream.offset.value);
-  if (now >= -kBackLimit && (!forwardLimit_ || now <= *forwardLimit_)) {
+const SourceClock::Stream* SourceClock::Companion(const Stream& stream) const {
+  const Stream* companion = nullptr;
+  for (const Stream& other : streams_) {
+    if (&other != &stream && other.started &&
+        (companion == nullptr || other.turn > companion->turn)) {
+      companion = &other;
+    }
+  }
+  return companion;
+}
+
+bool SourceClock::JoinCompanion(Stream& stream, Time raw) {
+  const Stream* const companion = Companion(stream);
+  if (companion == nullptr || companion->offset.value == stream.offset.value) {
     return false;
   }
-  if (stream.offset.number == newest_.number || std::abs(step(newest_.value)) > kAdoptionLimit) {
-    AddOffset(stream.expected - raw);
+  const Time time = raw + companion->offset.value;
+  if (std::abs(time - stream.expected) > kAdoptionLimit ||
+      std::abs(time - companion->expected) > kAdoptionLimit) {
+    return false;
   }
+  stream.offset = companion->offset;
+  if (stream.offset.beforeGap) {
+    BelieveGap(Offset(stream.offset));
+  }
+  return true;
+}
+
+void SourceClock::BelieveGap(const Offset& gap) {
+  AddOffset(*gap.beforeGap);
+  for (Stream& stream : streams_) {
+    if (stream.offset.number == gap.number) {
+      stream.expected += newest_.value - stream.offset.value;
+      stream.offset = newest_;
+    }
+  }
+}
+
+bool SourceClock::FollowLeap(Stream& stream, Time raw) {
+  const Time step = raw + stream.offset.value - stream.expected;
+  const bool isGap = step >= -kBackLimit && (!forwardLimit_ || step <= *forwardLimit_);
+  const Stream* const companion = Companion(stream);
+  if (isGap && (companion == nullptr || !forwardLimit_)) {
+    return false;
+  }
+  if (companion != nullptr) {
+    // Beside its companion as before, it makes up for something, or has paused by itself.
+    const Time ahead = raw + stream.offset.value - companion->expected;
+    if (std::abs(ahead - stream.ahead) <= std::min(std::abs(step) / 2, kAdoptionLimit)) {
+      return false;
+    }
+  }
+  AddOffset(stream.expected - raw, isGap ? std::optional(stream.offset.value) : std::nullopt);
   stream.offset = newest_;
   return true;
 }
@@ -87,17 +129,18 @@ SourceClock::Mapped SourceClock::Map(std::size_t index, Stamps stamps) {
       AddOffset(-*given);
     }
     const Time raw = Unwrap(stream, *given);
-    const Verdict verdict = Judge(stream, raw);
-    if (verdict == Verdict::kDoubtful) {
-      mapped.dts = stream.expected;
-    } else {
-      if (stream.started) {
-        mapped.discontinuity = FollowJump(stream, raw);
-      } else {
-        stream.offset = newest_;
+    Verdict verdict = Verdict::kFollows;
+    if (!stream.started) {
+      stream.offset = newest_;
+    } else if (verdict = Judge(stream, raw); verdict != Verdict::kFollows) {
+      if (JoinCompanion(stream, raw)) {
+        verdict = Verdict::kFollows;
+        mapped.discontinuity = true;
+      } else if (verdict == Verdict::kBorneOut) {
+        mapped.discontinuity = FollowLeap(stream, raw);
       }
-      mapped.dts = raw + stream.offset.value;
     }
+    mapped.dts = verdict == Verdict::kDoubtful ? stream.expected : raw + stream.offset.value;
     if (stamps.pts) {
       // The presentation time stays as far from the decoding time as the source has it, a wrap
       // between the two undone.
@@ -108,7 +151,7 @@ SourceClock::Mapped SourceClock::Map(std::size_t index, Stamps stamps) {
                  stream.wrapPeriod;
       }
       // Damaged stamps would throw the picture, and all that follow it, to anywhere.
-      const Time rhythm = std::max(stamps.duration, stream.lastStep);
+      const Time rhythm = stream.lastStep > 0 ? stream.lastStep : stamps.duration;
       const Time most = rhythm > 0 ? std::max(kMostPicturesAhead * rhythm, kBackLimit) : kMostAhead;
       if (ahead >= -kBackLimit && ahead <= most) {
         mapped.pts = mapped.dts + ahead;
@@ -118,10 +161,13 @@ SourceClock::Mapped SourceClock::Map(std::size_t index, Stamps stamps) {
       stream.doubtful = raw;
       ++stream.doubts;
     } else {
-      if (verdict == Verdict::kBorneOut) {
+      if (verdict == Verdict::kBorneOut && stream.doubtful) {
         stream.lastStep = std::max<Time>(raw - *stream.doubtful, 0);
       } else if (stream.started && !mapped.discontinuity && stream.doubts == 0) {
         stream.lastStep = std::max<Time>(raw - stream.lastRaw, 0);
+      }
+      if (const Stream* const companion = Companion(stream)) {
+        stream.ahead = mapped.dts - companion->expected;
       }
       stream.lastRaw = raw;
       stream.doubtful.reset();
@@ -129,7 +175,12 @@ SourceClock::Mapped SourceClock::Map(std::size_t index, Stamps stamps) {
     }
   }
   stream.started = stream.started || given.has_value();
-  stream.expected = mapped.dts + (stamps.duration > 0 ? stamps.duration : stream.lastStep);
+  // A damaged header says anything about durations, too.
+  const bool isPlausible =
+      stamps.duration > 0 && (stream.lastStep <= 0 || stamps.duration <= 2 * stream.lastStep);
+  stream.expected = mapped.dts + (isPlausible ? stamps.duration : stream.lastStep);
+  stream.claimed = stamps.duration;
+  stream.turn = ++turn_;
   end_ = std::max(end_, mapped.pts.value_or(mapped.dts) +
                             (stamps.duration > 0 ? stamps.duration : stream.lastStep));
   return mapped;

@@ -17,13 +17,15 @@ namespace host {
 //  - a jump (backwards by more than kBackLimit, or forwards by more than the forward limit) gets a
 //    new offset with which the stream goes on where it was; a shorter step forwards is a real gap;
 //  - the other streams of the source jump a few packets earlier or later: each keeps its own offset
-//    until its own stamps jump, and then takes the newest offset if that makes it continuous. Sound
-//    and picture thus stay together, and no packet from before the jump is thrown to the other
-//    side;
-//  - damaged stamps say anything: a single one of a source that may jump moves nothing, its packet
-//    follows the one before it. A jump or a long gap counts from the second packet on that bears it
-//    out. Otherwise the way there would be a gap and the way back a jump, and sound and picture
-//    would be apart from then on.
+//    until its own stamps jump, and then takes that of another stream if it lies beside that one
+//    with it. Sound and picture thus stay together, and no packet from before the jump is thrown to
+//    the other side;
+//  - damaged stamps say anything, also of all the packets that a container gives one stamp. A
+//  single
+//    one of a source that may jump moves nothing, its packet follows the one before it; a leap
+//    counts from the second packet on that bears it out. One stream's gap beside which another one
+//    goes on is not believed either: what leaps alone goes on where it was, and comes back beside
+//    the others as soon as its stamps do.
 //
 // Owned and called by one reader on its thread; no lock.
 class SourceClock {
@@ -73,15 +75,19 @@ class SourceClock {
   struct Offset {
     Time value = 0;
     std::uint64_t number = 0;
+    std::optional<Time> beforeGap{};  // the value before what may be a gap
   };
 
   struct Stream {
     Time wrapPeriod = 0;
     Offset offset;
     bool started = false;
-    Time lastRaw = 0;   // latest source time, wraps undone
-    Time expected = 0;  // clock time at which the next packet would follow without a gap
-    Time lastStep = 0;  // distance of the latest two packets
+    Time lastRaw = 0;        // latest source time, wraps undone
+    Time expected = 0;       // clock time at which the next packet would follow without a gap
+    Time lastStep = 0;       // distance of the latest two packets
+    Time claimed = 0;        // duration that the latest one is said to have
+    Time ahead = 0;          // of its companion, on the clock, when the latest one came
+    std::uint64_t turn = 0;  // counts the packets of all streams
     std::optional<Time> doubtful{};  // source time of the latest packet, which was not believed
     int doubts = 0;                  // packets in a row of that kind
   };
@@ -91,15 +97,22 @@ class SourceClock {
   // that was doubtful, or that the next one is to bear it out first.
   enum class Verdict { kFollows, kBorneOut, kDoubtful };
   Verdict Judge(const Stream& stream, Time raw) const;
+  // The other stream of which a packet came last; null without one.
+  const Stream* Companion(const Stream& stream) const;
+  // Takes the offset of its companion if it lies beside that with it; false if not.
+  bool JoinCompanion(Stream& stream, Time raw);
   // Gives the stream another offset when its stamps jumped; true when they did.
-  bool FollowJump(Stream& stream, Time raw);
-  void AddOffset(Time value);
+  bool FollowLeap(Stream& stream, Time raw);
+  // The gap that one stream seemed to have is one of the source.
+  void BelieveGap(const Offset& gap);
+  void AddOffset(Time value, std::optional<Time> beforeGap = {});
 
   const std::optional<Time> forwardLimit_;
   std::optional<Time> origin_;
   Offset newest_;
   std::vector<Stream> streams_;
   Time end_ = 0;
+  std::uint64_t turn_ = 0;
   bool restarting_ = false;
 };
 

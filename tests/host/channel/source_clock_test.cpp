@@ -1,6 +1,7 @@
 #include "host/channel/source_clock.h"
 
 #include <cstdint>
+#include <cstdlib>
 #include <optional>
 
 #include <gtest/gtest.h>
@@ -56,6 +57,18 @@ TEST(SourceClock, UndoesAWrapExactlyAndWithoutAFlag) {
   }
 }
 
+// A short clip that is sent again and again: the leaps are smaller than streams may lie apart.
+TEST(SourceClock, GoesOnThroughShortRepeats) {
+  SourceClock clock(10 * kSecond);
+  const auto video = clock.AddStream(0);
+  const auto audio = clock.AddStream(0);
+  constexpr int kRound = 25;
+  for (int i = 0; i < 8 * kRound; ++i) {
+    EXPECT_EQ(clock.Map(video, At(i % kRound * kFrame)).dts, i * kFrame);
+    EXPECT_EQ(clock.Map(audio, At(i % kRound * kFrame)).dts, i * kFrame);
+  }
+}
+
 TEST(SourceClock, GoesOnAfterAJumpInEitherDirectionAndFlagsItOnceItIsBorneOut) {
   for (const Time target : {Time{0}, 500 * kSecond}) {
     SourceClock clock(10 * kSecond);
@@ -105,10 +118,9 @@ TEST(SourceClock, KeepsSoundAndPictureTogetherWhenTheyJumpOneAfterTheOther) {
   EXPECT_EQ(old.dts, 10 * kFrame);
   EXPECT_FALSE(old.discontinuity);
   EXPECT_EQ(clock.Map(video, At(after + kFrame)).dts, 11 * kFrame);
-  // Its packets of the new part belong to the pictures of the same source time.
-  EXPECT_EQ(clock.Map(audio, At(after + kFrame + 1000)).dts, 11 * kFrame);
-  const auto adopted = clock.Map(audio, At(after + 2 * kFrame + 1000));
-  EXPECT_EQ(adopted.dts, 12 * kFrame + 1000);
+  // Its first packet of the new part belongs to the picture of the same source time.
+  const auto adopted = clock.Map(audio, At(after + kFrame + 1000));
+  EXPECT_EQ(adopted.dts, 11 * kFrame + 1000);
   EXPECT_TRUE(adopted.discontinuity);
 }
 
@@ -139,6 +151,44 @@ TEST(SourceClock, DamagedStampsMoveNothing) {
       }
     }
   }
+}
+
+// One damaged stamp moves all packets of sound that a container gave it together.
+TEST(SourceClock, WhatLeapsAloneComesBackBesideTheOthers) {
+  for (const Time leap : {-6 * kSecond, -kSecond, kSecond, 6 * kSecond, 6000 * kSecond}) {
+    SourceClock clock(10 * kSecond);
+    const auto video = clock.AddStream(0);
+    const auto audio = clock.AddStream(0);
+    const Time base = 40'000 * kSecond;
+    for (int i = 0; i < 100; ++i) {
+      const Time time = base + i * kFrame;
+      const bool damaged = i >= 50 && i < 58;
+      EXPECT_EQ(clock.Map(video, At(time)).dts, i * kFrame);
+      const auto sound = clock.Map(audio, At(damaged ? time + leap : time));
+      EXPECT_EQ(sound.dts, i * kFrame) << "leap " << leap << ", packet " << i;
+    }
+  }
+}
+
+TEST(SourceClock, KeepsAGapThatAllStreamsHaveAndOneThatASingleOneHasBesideTheOthers) {
+  SourceClock clock(10 * kSecond);
+  const auto video = clock.AddStream(0);
+  const auto audio = clock.AddStream(0);
+  for (int i = 0; i < 10; ++i) {
+    clock.Map(video, At(i * kFrame));
+    clock.Map(audio, At(i * kFrame));
+  }
+  for (int i = 0; i < 5; ++i) {
+    clock.Map(video, At(5 * kSecond + i * kFrame));
+  }
+  EXPECT_EQ(clock.Map(audio, At(5 * kSecond)).dts, 5 * kSecond);
+  EXPECT_EQ(clock.Map(video, At(5 * kSecond + 5 * kFrame)).dts, 5 * kSecond + 5 * kFrame);
+  // The sound pauses.
+  for (int i = 6; i < 100; ++i) {
+    EXPECT_EQ(clock.Map(video, At(5 * kSecond + i * kFrame)).dts, 5 * kSecond + i * kFrame);
+  }
+  clock.Map(audio, At(9 * kSecond));
+  EXPECT_EQ(clock.Map(audio, At(9 * kSecond + kFrame)).dts, 9 * kSecond + kFrame);
 }
 
 TEST(SourceClock, FollowsAGapAndASlowRhythmOnceTheyAreBorneOut) {
