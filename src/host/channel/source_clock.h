@@ -20,12 +20,11 @@ namespace host {
 //    until its own stamps jump, and then takes that of another stream if it lies beside that one
 //    with it. Sound and picture thus stay together, and no packet from before the jump is thrown to
 //    the other side;
-//  - damaged stamps say anything, also of all the packets that a container gives one stamp. A
-//  single
+//  - damaged stamps say anything, also of all the packets that a container gives one stamp. A lone
 //    one of a source that may jump moves nothing, its packet follows the one before it; a leap
-//    counts from the second packet on that bears it out. One stream's gap beside which another one
-//    goes on is not believed either: what leaps alone goes on where it was, and comes back beside
-//    the others as soon as its stamps do.
+//    counts from the second packet on that bears it out. What leaps by itself goes on where it was,
+//    and comes back beside the other streams as soon as its stamps do; a gap is one when all have
+//    it, or when the others went on meanwhile.
 //
 // Owned and called by one reader on its thread; no lock.
 class SourceClock {
