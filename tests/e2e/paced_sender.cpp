@@ -16,9 +16,11 @@ constexpr std::size_t kDatagram = std::size_t{188} * 4;
 
 }  // namespace
 
-PacedSender::PacedSender(std::string clip, std::chrono::milliseconds length, double speed)
+PacedSender::PacedSender(std::string clip, std::chrono::milliseconds length, double speed,
+                         Framing framing)
     : first_(std::move(clip)),
       length_(std::chrono::duration<double>(length) / speed),
+      framing_(framing),
       descriptor_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
   // A port that was free a moment ago.
   const int probe = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -41,7 +43,26 @@ PacedSender::~PacedSender() {
 }
 
 std::string PacedSender::url() const {
-  return "udp://127.0.0.1:" + std::to_string(ntohs(address_.sin_port));
+  const std::string scheme = framing_ == Framing::kRtp ? "rtp" : "udp";
+  return scheme + "://127.0.0.1:" + std::to_string(ntohs(address_.sin_port));
+}
+
+std::string PacedSender::Header() {
+  if (framing_ == Framing::kNone) {
+    return {};
+  }
+  if (sentIdentity_ != identity_) {
+    sentIdentity_ = identity_;
+    number_ = static_cast<std::uint16_t>(number_ - 2000);
+  }
+  std::string header(12, '\0');
+  header[0] = static_cast<char>(0x80);
+  header[1] = 33;
+  header[2] = static_cast<char>(number_ >> 8);
+  header[3] = static_cast<char>(number_ & 0xFF);
+  header[11] = static_cast<char>(sentIdentity_);
+  ++number_;
+  return header;
 }
 
 void PacedSender::Run() {
@@ -57,7 +78,8 @@ void PacedSender::Run() {
     const std::chrono::duration<double> passed = std::chrono::steady_clock::now() - begun;
     const auto due = static_cast<std::size_t>(passed / length_ * static_cast<double>(clip->size()));
     for (; sent < std::min(due, clip->size()); sent += kDatagram) {
-      ::sendto(descriptor_, clip->data() + sent, std::min(kDatagram, clip->size() - sent), 0,
+      const std::string datagram = Header() + clip->substr(sent, kDatagram);
+      ::sendto(descriptor_, datagram.data(), datagram.size(), 0,
                reinterpret_cast<const sockaddr*>(&address_), sizeof(address_));
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(5));

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """A wall of nine live channels whose senders are killed, stalled, changed and disturbed.
 
-Senders of FFmpeg's tools send small clips over loopback (UDP, and SRT from both sides) through
+Senders of FFmpeg's tools send small clips over loopback (UDP, RTP, and SRT from both sides) through
 relays that can drop and damage packets, to `tavrel run`, whose status and events are read. A seeded
 script for each channel does the harm. The verdict:
 
@@ -65,13 +65,14 @@ class Relay:
     """Passes datagrams from one port to another and back, dropping and damaging some.
 
     What damages a datagram on its way is found by its checksum, and it is dropped: what arrives damaged was so
-    before it was sent. So the control packets and the headers of SRT stay whole.
+    before it was sent. So the control packets of SRT and all headers stay whole.
     """
 
-    SRT_HEADER = 16
+    HEADERS = {"udp": 0, "rtp": 12, "srt": 16}
 
-    def __init__(self, listen, target, seed, srt):
-        self.header = self.SRT_HEADER if srt else 0
+    def __init__(self, listen, target, seed, protocol):
+        self.header = self.HEADERS[protocol]
+        self.has_control = protocol == "srt"
         self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 21)
         self.socket.bind(("127.0.0.1", listen))
@@ -113,7 +114,7 @@ class Relay:
                         self.returned.set()
             if self.random.random() < self.loss:
                 continue
-            control = self.header > 0 and data[0] & 0x80
+            control = self.has_control and data[0] & 0x80
             if self.random.random() < self.damage and not control and len(data) > self.header:
                 data = bytearray(data)
                 for _ in range(3):
@@ -162,7 +163,7 @@ class Sender(threading.Thread):
         self.started_at = time.monotonic()
         self.process = subprocess.Popen(
             ["ffmpeg", "-v", "quiet", "-nostdin", "-re", "-stream_loop", "-1", "-i", self.folder / f"{self.clip}.ts",
-             "-map", "0", "-c", "copy", "-f", "mpegts", self.url],
+             "-map", "0", "-c", "copy", "-f", "rtp_mpegts" if self.url.startswith("rtp:") else "mpegts", self.url],
             stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
 
     def run(self):
@@ -407,19 +408,20 @@ def main():
     names, relays, senders, channels = [], [], [], []
     base = 20000 + arguments.seed % 1000 * 20
     for i in range(9):
-        name = f"{'udp' if i < 5 else 'listener' if i < 7 else 'caller'}-{i + 1}"
+        name = f"{'udp' if i < 3 else 'rtp' if i < 5 else 'listener' if i < 7 else 'caller'}-{i + 1}"
         near, far = base + 2 * i, base + 2 * i + 1  # the sender's side of the relay, the wall's side
         if i < 5:
-            sender, source = f"udp://127.0.0.1:{near}?pkt_size=1316", f"udp://127.0.0.1:{far}"
-            relay = Relay(near, far, arguments.seed * 100 + i, srt=False)
+            protocol = "udp" if i < 3 else "rtp"
+            sender, source = f"{protocol}://127.0.0.1:{near}?pkt_size=1316", f"{protocol}://127.0.0.1:{far}"
+            relay = Relay(near, far, arguments.seed * 100 + i, protocol)
         elif i < 7:
             sender = f"srt://127.0.0.1:{near}?mode=caller&pkt_size=1316"
             source = f"srt://127.0.0.1:{far}?mode=listener"
-            relay = Relay(near, far, arguments.seed * 100 + i, srt=True)
+            relay = Relay(near, far, arguments.seed * 100 + i, "srt")
         else:
             sender = f"srt://127.0.0.1:{near}?mode=listener&pkt_size=1316"
             source = f"srt://127.0.0.1:{far}?mode=caller"
-            relay = Relay(far, near, arguments.seed * 100 + i, srt=True)
+            relay = Relay(far, near, arguments.seed * 100 + i, "srt")
         names.append(name)
         relays.append(relay)
         senders.append(Sender(folder, sender))

@@ -32,24 +32,12 @@ std::string Seconds(std::chrono::milliseconds limit) {
   return text + " s";
 }
 
-// A file whose name looks like a URL ("cam:1.ts") is still a file.
-std::string OpenName(const std::string& source) {
-  std::error_code ignored;
-  const bool isFile =
-      source.find("://") == std::string::npos && std::filesystem::exists(source, ignored);
-  return isFile ? "file:" + source : source;
-}
-
-// Over these a service is sent for ever, and may change on the way.
-bool CarriesTransportStream(const std::string& openName) {
-  return openName.starts_with("udp:") || openName.starts_with("srt:") ||
-         openName.starts_with("tcp:");
-}
-
 }  // namespace
 
 MediaReader::MediaReader(Settings settings)
-    : settings_(std::move(settings)), maskedSource_(ffmpeg::MaskCredentials(settings_.source)) {}
+    : settings_(std::move(settings)),
+      maskedSource_(ffmpeg::MaskCredentials(settings_.source)),
+      address_(settings_.source) {}
 
 MediaReader::~MediaReader() = default;
 
@@ -82,54 +70,105 @@ void MediaReader::Fail(int code, bool opening) const {
 
 void MediaReader::Open() {
   deadline_.Arm(settings_.openLimit);
-  ffmpeg::Options options;
-  if (settings_.quick) {
-    // Instead of twenty pictures, which is most of a second.
-    options.Set("fpsprobesize", "3");
-  }
-  for (const auto& [key, value] : settings_.options) {
-    options.Set(key.c_str(), value);
-  }
-  const std::string name = OpenName(settings_.source);
   try {
-    if (ffmpeg::PipeInput::Serves(settings_.source)) {
-      pipe_.emplace(settings_.source, deadline_);
-    } else if (CarriesTransportStream(name)) {
-      connection_.emplace(name, deadline_, options, [this](std::span<const std::uint8_t> bytes) {
-        programs_.Feed(bytes);
-        return ChangedTrack() == nullptr;
-      });
-    }
+    OpenInput();
   } catch (const ffmpeg::Error& error) {
     Fail(error.code(), true);
   }
-  AVFormatContext* context = avformat_alloc_context();
-  if (context == nullptr) {
-    throw std::bad_alloc();
-  }
-  context->interrupt_callback = {&ffmpeg::IoDeadline::Callback, &deadline_};
-  if (pipe_) {
-    context->pb = pipe_->io();
-  } else if (connection_) {
-    context->pb = connection_->io();
-  }
-  // On failure this frees the context itself.
-  int result = avformat_open_input(&context, name.c_str(), nullptr, options.Exchange());
-  if (result < 0) {
-    Fail(result, true);
-  }
-  input_.reset(context);
   // FFmpeg draws any text file as a terminal would: for a wall that is a wrong path, not a picture.
   if (std::string_view(input_->iformat->name) == "tty") {
     Fail(AVERROR_INVALIDDATA, true);
   }
-  unknownOptions_ = options.UnusedKeys();
-  result = avformat_find_stream_info(input_.get(), nullptr);
+  const int result = avformat_find_stream_info(input_.get(), nullptr);
   if (result < 0 || deadline_.cancelled()) {
     Fail(result, true);
   }
   deadline_.Disarm();
   ChooseTracks();
+}
+
+void MediaReader::OpenInput() {
+  if (ffmpeg::PipeInput::Serves(settings_.source)) {
+    pipe_.emplace(settings_.source, deadline_);
+    OpenInput(pipe_->io(), settings_.options);
+  } else if (address_.carriesTransportStream()) {
+    OpenConnection();
+  } else {
+    OpenInput(nullptr, settings_.options);
+  }
+}
+
+void MediaReader::OpenConnection() {
+  ffmpeg::Options options;
+  SetOptions(options, address_.ReceiverOptions(settings_.options));
+  const auto tap = [this](ffmpeg::TappedInput::Bytes bytes) { return Tap(bytes); };
+  connection_.emplace(address_.ReceiverUrl(), deadline_, options, tap);
+  try {
+    OpenInput(connection_->io(), options);
+  } catch (const ffmpeg::Error&) {
+    if (!rtp_.carriesOther()) {
+      throw;
+    }
+    connection_.reset();
+    OpenOtherRtp();
+  }
+}
+
+// Sound or video by itself: FFmpeg's own receiver knows some of it without a description.
+void MediaReader::OpenOtherRtp() {
+  if (address_.isRtp()) {
+    try {
+      OpenInput(nullptr, settings_.options);
+      return;
+    } catch (const ffmpeg::Error&) {
+      if (deadline_.cancelled() || deadline_.expired()) {
+        throw;
+      }
+    }
+  }
+  throw MediaError(
+      MediaError::Kind::kNotMedia,
+      "its RTP packets carry no transport stream; open an SDP file that says what they carry",
+      maskedSource_);
+}
+
+std::optional<ffmpeg::TappedInput::Bytes> MediaReader::Tap(ffmpeg::TappedInput::Bytes bytes) {
+  if (address_.isDatagrams()) {
+    bytes = rtp_.Take(bytes, RtpReceiver::Clock::now());
+  }
+  programs_.Feed(bytes);
+  const bool ends = ChangedTrack() != nullptr || rtp_.carriesOther();
+  return ends ? std::nullopt : std::optional(bytes);
+}
+
+void MediaReader::SetOptions(ffmpeg::Options& options, const SourceAddress::Options& wanted) const {
+  if (settings_.quick) {
+    // Instead of twenty pictures, which is most of a second.
+    options.Set("fpsprobesize", "3");
+  }
+  for (const auto& [key, value] : wanted) {
+    options.Set(key.c_str(), value);
+  }
+}
+
+void MediaReader::OpenInput(AVIOContext* io, const SourceAddress::Options& wanted) {
+  ffmpeg::Options options;
+  SetOptions(options, wanted);
+  OpenInput(io, options);
+}
+
+void MediaReader::OpenInput(AVIOContext* io, ffmpeg::Options& options) {
+  AVFormatContext* context = avformat_alloc_context();
+  if (context == nullptr) {
+    throw std::bad_alloc();
+  }
+  context->interrupt_callback = {&ffmpeg::IoDeadline::Callback, &deadline_};
+  context->pb = io;
+  // On failure this frees the context itself.
+  ffmpeg::Check(avformat_open_input(&context, address_.name().c_str(), nullptr, options.Exchange()),
+                "cannot open");
+  input_.reset(context);
+  unknownOptions_ = options.UnusedKeys();
 }
 
 void MediaReader::StartTrack(std::optional<Track>& track, int streamIndex, std::string& whyNot) {

@@ -5,7 +5,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -14,6 +13,8 @@
 #include "host/channel/media_info.h"
 #include "host/channel/picture_watch.h"
 #include "host/channel/program_map_watch.h"
+#include "host/channel/rtp_receiver.h"
+#include "host/channel/source_address.h"
 #include "host/channel/source_clock.h"
 #include "host/channel/stream_decoder.h"
 #include "host/ffmpeg/handles.h"
@@ -42,10 +43,10 @@ class MediaReader {
     bool repeat = false;     // begin again at the end of a file
     bool wantVideo = true;
     bool wantAudio = true;
-    bool decodeAudio = true;                     // false: packets only
-    std::size_t audioTrack = 0;                  // counted from 1; 0: the one that FFmpeg prefers
-    std::string audioLanguage;                   // ISO 639; preferred when there is such a track
-    std::map<std::string, std::string> options;  // of FFmpeg's protocol and container
+    bool decodeAudio = true;     // false: packets only
+    std::size_t audioTrack = 0;  // counted from 1; 0: the one that FFmpeg prefers
+    std::string audioLanguage;   // ISO 639; preferred when there is such a track
+    SourceAddress::Options options;
   };
 
   explicit MediaReader(Settings settings);
@@ -96,6 +97,14 @@ class MediaReader {
     std::optional<Time> discontinuityAt;  // the first item from here on carries the flag
   };
 
+  // Throw ffmpeg::Error, or MediaError with more to say.
+  void OpenInput();
+  void OpenConnection();
+  void OpenOtherRtp();
+  void OpenInput(AVIOContext* io, const SourceAddress::Options& wanted);
+  void OpenInput(AVIOContext* io, ffmpeg::Options& options);
+  void SetOptions(ffmpeg::Options& options, const SourceAddress::Options& wanted) const;
+  std::optional<ffmpeg::TappedInput::Bytes> Tap(ffmpeg::TappedInput::Bytes bytes);
   void ChooseTracks();
   void StartTrack(std::optional<Track>& track, int streamIndex, std::string& whyNot);
   void ReadPacket();
@@ -114,10 +123,12 @@ class MediaReader {
 
   const Settings settings_;
   const std::string maskedSource_;
+  const SourceAddress address_;
   ffmpeg::IoDeadline deadline_;
   std::optional<ffmpeg::PipeInput> pipe_;          // what input_ reads, when that is a pipe
   std::optional<ffmpeg::TappedInput> connection_;  // or that, of a live transport stream
-  ProgramMapWatch programs_;                       // fed from connection_
+  RtpReceiver rtp_;                                // for its datagrams
+  ProgramMapWatch programs_;                       // for all that comes over it
   ffmpeg::InputFormat input_;
   MediaInfo info_;
   ffmpeg::Parameters audioParameters_;

@@ -59,7 +59,7 @@ void MediaReader::ReadPacket() {
   }
   // The demuxer may have given what it still had since the call that was ended.
   const bool wasEnded = deadline_.expired() || result == AVERROR_EXIT;
-  const bool isDatagrams = connection_ && settings_.source.starts_with("udp:");
+  const bool isDatagrams = connection_ && address_.isDatagrams();
   if (wasEnded && !deadline_.cancelled() && isDatagrams) {
     connection_->Resume();
     ++silences_;

@@ -1,5 +1,6 @@
 #include "host/ffmpeg/tapped_input.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <utility>
 
@@ -11,9 +12,14 @@ extern "C" {
 #include "host/ffmpeg/error.h"
 
 namespace host::ffmpeg {
+namespace {
+
+constexpr std::size_t kLongestPiece = 65'536;  // no datagram is longer
+
+}  // namespace
 
 TappedInput::TappedInput(const std::string& url, IoDeadline& deadline, Options& options, Tap tap)
-    : tap_(std::move(tap)) {
+    : tap_(std::move(tap)), piece_(kLongestPiece) {
   const AVIOInterruptCB interrupt{&IoDeadline::Callback, &deadline};
   AVIOContext* connection = nullptr;
   Check(avio_open2(&connection, url.c_str(), AVIO_FLAG_READ, &interrupt, options.Exchange()),
@@ -34,14 +40,23 @@ int TappedInput::ReadCallback(void* input, std::uint8_t* buffer, int size) {
 }
 
 int TappedInput::Read(std::uint8_t* buffer, int size) {
-  if (enough_) {
-    return AVERROR_EXIT;
+  while (rest_.empty()) {
+    if (enough_) {
+      return AVERROR_EXIT;
+    }
+    const int count =
+        avio_read_partial(connection_.get(), piece_.data(), static_cast<int>(piece_.size()));
+    if (count <= 0) {
+      return count;
+    }
+    const std::optional<Bytes> given = tap_(Bytes(piece_).first(static_cast<std::size_t>(count)));
+    enough_ = !given.has_value();
+    rest_ = given.value_or(Bytes());
   }
-  const int count = avio_read_partial(connection_.get(), buffer, size);
-  if (count > 0) {
-    enough_ = !tap_({buffer, static_cast<std::size_t>(count)});
-  }
-  return count;
+  const Bytes read = rest_.first(std::min(rest_.size(), static_cast<std::size_t>(size)));
+  std::copy(read.begin(), read.end(), buffer);
+  rest_ = rest_.subspan(read.size());
+  return static_cast<int>(read.size());
 }
 
 }  // namespace host::ffmpeg

@@ -1,10 +1,12 @@
-// TappedInput: a connection whose bytes somebody else may look at as they come.
+// TappedInput: a connection whose bytes go through somebody else's hands as they come.
 #pragma once
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "host/ffmpeg/handles.h"
 #include "host/ffmpeg/io_deadline.h"
@@ -12,13 +14,15 @@
 namespace host::ffmpeg {
 
 // A demuxer tells less of its source than the source says. The tap sees every byte before the
-// demuxer does.
+// demuxer does, and decides what the demuxer is to get.
 //
 // Owned by its reader, and must outlive the format context that reads through io(). One thread.
 class TappedInput {
  public:
-  // False: that was enough, reading ends here with AVERROR_EXIT.
-  using Tap = std::function<bool(std::span<const std::uint8_t> bytes)>;
+  using Bytes = std::span<const std::uint8_t>;
+  // Of each piece that comes (of datagrams, each datagram): what is read in its place, valid until
+  // the next call. None: that was enough, reading ends here with AVERROR_EXIT.
+  using Tap = std::function<std::optional<Bytes>(Bytes bytes)>;
 
   // Connects. Takes out of the options what the protocol used. Throws Error when there is no
   // connection, after the deadline at the latest.
@@ -37,6 +41,8 @@ class TappedInput {
 
   const Tap tap_;
   bool enough_ = false;
+  std::vector<std::uint8_t> piece_;
+  Bytes rest_;  // that the tap gave and nobody has read yet
   Connection connection_;
   CallbackIo io_;
 };

@@ -1,0 +1,37 @@
+// SourceAddress: what is behind the path or URL of a source, and how it is to be opened.
+#pragma once
+
+#include <map>
+#include <string>
+
+namespace host {
+
+// By the text alone, but for a file that has the form of a URL. Immutable.
+class SourceAddress {
+ public:
+  using Options = std::map<std::string, std::string>;  // of FFmpeg's protocol and container
+
+  explicit SourceAddress(const std::string& source);
+
+  // As FFmpeg is to open it.
+  const std::string& name() const { return name_; }
+
+  // Sent for ever, a service in a transport stream, which may change on the way. Of an RTP address
+  // it is what is mostly there: whether it is so is seen when packets come.
+  bool carriesTransportStream() const { return datagrams_ || isConnected_; }
+  // Nobody is connected to anybody: a sender that goes away and returns is heard again.
+  bool isDatagrams() const { return datagrams_; }
+  bool isRtp() const { return isRtp_; }
+
+  // Where and with which options the datagrams are received; for the others, name() and the same.
+  std::string ReceiverUrl() const;
+  Options ReceiverOptions(Options options) const;
+
+ private:
+  std::string name_;
+  bool isRtp_ = false;
+  bool datagrams_ = false;
+  bool isConnected_ = false;
+};
+
+}  // namespace host
