@@ -291,6 +291,22 @@ TEST_F(IngestTest, ARtpSenderThatBeginsAnewInterruptsNothing) {
   EXPECT_THAT(wall_.channels().States("channel"), testing::ElementsAre("live"));
 }
 
+TEST_F(IngestTest, ADescriptionOfWhatIsSentIsASource) {
+  const e2e::PacedSender sender(TransportStream(folder_, "described"), kClipLength, 1.0,
+                                e2e::PacedSender::Framing::kRtp);
+  const std::string url = sender.url();
+  const std::filesystem::path file = folder_ / "camera.sdp";
+  std::ofstream(file) << "v=0\nc=IN IP4 127.0.0.1\nm=video " << url.substr(url.rfind(':') + 1)
+                      << " RTP/AVP 33\n";
+  host::MediaReader::Settings settings;
+  settings.source = file.string();
+  host::MediaReader reader(settings);
+  reader.Open();
+  EXPECT_EQ(reader.info().pace, host::Pace::kPushed);
+  EXPECT_EQ(reader.info().video->codec, "h264");
+  EXPECT_EQ(reader.info().audio->codec, "aac");
+}
+
 // The entries of a folder of the process's own: its descriptors, its threads.
 std::ptrdiff_t Count(const char* folder) {
   return std::distance(std::filesystem::directory_iterator(folder), {});

@@ -94,7 +94,7 @@ void MediaReader::OpenInput() {
   } else if (address_.carriesTransportStream()) {
     OpenConnection();
   } else {
-    OpenInput(nullptr, settings_.options);
+    OpenInput(nullptr, address_.OpenOptions(settings_.options));
   }
 }
 

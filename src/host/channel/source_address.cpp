@@ -18,6 +18,10 @@ constexpr const char* kUdpLocalPort = "localport";
 constexpr const char* kPacketSize = "pkt_size";
 constexpr const char* kLongestDatagram = "65507";  // bytes
 
+// FFmpeg lets a file lead to other files only; what a description leads to is the network.
+constexpr const char* kAllowedProtocols = "protocol_whitelist";
+constexpr const char* kProtocolsOfDescriptions = "file,crypto,data,http,https,tls,tcp,udp,rtp,srtp";
+
 // A file whose name looks like a URL ("cam:1.ts") is still a file.
 std::string OpenName(const std::string& source) {
   std::error_code ignored;
@@ -32,7 +36,15 @@ SourceAddress::SourceAddress(const std::string& source)
     : name_(OpenName(source)),
       isRtp_(name_.starts_with(kRtpScheme)),
       datagrams_(isRtp_ || name_.starts_with(kUdpScheme)),
-      isConnected_(name_.starts_with("srt:") || name_.starts_with("tcp:")) {}
+      isConnected_(name_.starts_with("srt:") || name_.starts_with("tcp:")),
+      isDescription_(name_.ends_with(".sdp")) {}
+
+SourceAddress::Options SourceAddress::OpenOptions(Options options) const {
+  if (isDescription_) {
+    options.try_emplace(kAllowedProtocols, kProtocolsOfDescriptions);
+  }
+  return options;
+}
 
 std::string SourceAddress::ReceiverUrl() const {
   if (!isRtp_) {

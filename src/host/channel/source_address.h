@@ -23,7 +23,10 @@ class SourceAddress {
   bool isDatagrams() const { return datagrams_; }
   bool isRtp() const { return isRtp_; }
 
-  // Where and with which options the datagrams are received; for the others, name() and the same.
+  // The given options, and what opening name() needs besides.
+  Options OpenOptions(Options options) const;
+
+  // Where and with which options a transport stream is received.
   std::string ReceiverUrl() const;
   Options ReceiverOptions(Options options) const;
 
@@ -32,6 +35,7 @@ class SourceAddress {
   bool isRtp_ = false;
   bool datagrams_ = false;
   bool isConnected_ = false;
+  bool isDescription_ = false;
 };
 
 }  // namespace host
