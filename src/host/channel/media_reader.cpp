@@ -24,6 +24,11 @@ constexpr Time kDefaultPictureDuration = 400'000;
 // A longer step forwards in a source whose stamps are known to jump is no gap.
 constexpr Time kLongestGap = 10 * kSecond;
 
+// Sound of which nothing has come yet that would show its form.
+bool IsAnnouncedOnly(const AVStream& stream) {
+  return stream.codecpar->codec_type == AVMEDIA_TYPE_AUDIO && stream.codecpar->sample_rate <= 0;
+}
+
 std::string Seconds(std::chrono::milliseconds limit) {
   std::string text = std::to_string(limit.count() / 1000);
   if (limit.count() % 1000 != 0) {
@@ -217,12 +222,20 @@ void MediaReader::ChooseTracks() {
   if (settings_.wantAudio && settings_.audioTrack > info_.audioTracks.size()) {
     info_.noAudioReason = "it has no audio track " + std::to_string(settings_.audioTrack) +
                           " (of " + std::to_string(info_.audioTracks.size()) + ")";
+  } else if (settings_.wantAudio && audio >= 0 && IsAnnouncedOnly(*input_->streams[audio])) {
+    info_.noAudioReason = "its sound has not begun";
   } else if (settings_.wantAudio && audio >= 0) {
     StartTrack(audio_, audio, info_.noAudioReason);
     if (audio_) {
       info_.noAudioReason.clear();
       info_.audio = DescribeAudio(*input_->streams[audio]);
       audioParameters_ = ffmpeg::CopyParameters(*input_->streams[audio]->codecpar);
+    }
+  }
+
+  for (unsigned i = 0; i < input_->nb_streams && settings_.wantAudio && !audio_; ++i) {
+    if (IsAnnouncedOnly(*input_->streams[i])) {
+      input_->streams[i]->discard = AVDISCARD_DEFAULT;
     }
   }
 

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -110,7 +111,9 @@ class MediaReader {
   void ReadPacket();
   const Track* ChangedTrack() const;
   void HandlePacket(ffmpeg::Packet packet);
-  void FollowNewStream(int streamIndex);
+  void FollowOther(const AVPacket& packet);
+  void FollowSuccessor(Track& track, int streamIndex);
+  void AwaitBeginning(AVStream& stream, const AVPacket& packet);
   void Replace(Track& track, int streamIndex);
   void FinishPass();
   void Rewind();
@@ -137,9 +140,10 @@ class MediaReader {
   std::optional<PictureWatch> watch_;  // of a live source with video
   std::optional<Track> video_;
   std::optional<Track> audio_;
-  std::deque<MediaItem> ready_;  // what one packet gave, at most
-  int silences_ = 0;             // read limits in a row without data, of datagrams only
-  unsigned knownStreams_ = 0;    // when the source was opened
+  std::map<int, StreamDecoder> awaited_;  // by index: streams of a kind that has no track
+  std::deque<MediaItem> ready_;           // what one packet gave, at most
+  int silences_ = 0;                      // read limits in a row without data, of datagrams only
+  unsigned knownStreams_ = 0;             // when the source was opened
   bool gaveInPass_ = false;
   bool ended_ = false;
   std::uint64_t repeats_ = 0;

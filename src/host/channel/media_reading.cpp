@@ -91,7 +91,7 @@ void MediaReader::HandlePacket(ffmpeg::Packet packet) {
   const bool isVideo = video_ && packet->stream_index == video_->streamIndex;
   const bool isAudio = audio_ && packet->stream_index == audio_->streamIndex;
   if (!isVideo && !isAudio) {
-    FollowNewStream(packet->stream_index);
+    FollowOther(*packet);
     return;
   }
   Track& track = isVideo ? *video_ : *audio_;
@@ -123,24 +123,51 @@ void MediaReader::HandlePacket(ffmpeg::Packet packet) {
   }
 }
 
+// A packet of a stream that is not one of the tracks.
+void MediaReader::FollowOther(const AVPacket& packet) {
+  AVStream& stream = *input_->streams[packet.stream_index];
+  const bool isVideo = stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
+  if (!isVideo && stream.codecpar->codec_type != AVMEDIA_TYPE_AUDIO) {
+    return;
+  }
+  if (std::optional<Track>& track = isVideo ? video_ : audio_) {
+    FollowSuccessor(*track, packet.stream_index);
+  } else if ((isVideo ? settings_.wantVideo : settings_.wantAudio) && info_.pace != Pace::kStored) {
+    AwaitBeginning(stream, packet);
+  }
+}
+
 // A stream that the source begins after the opening, while the chosen one of its kind has stopped,
 // is the same service in another form.
-void MediaReader::FollowNewStream(int streamIndex) {
+void MediaReader::FollowSuccessor(Track& track, int streamIndex) {
   constexpr int kPacketsUntilReplaced = 10;
   if (static_cast<unsigned>(streamIndex) < knownStreams_) {
     return;
   }
-  const AVMediaType type = input_->streams[streamIndex]->codecpar->codec_type;
-  std::optional<Track>& track = type == AVMEDIA_TYPE_VIDEO ? video_ : audio_;
-  if (!track || (type != AVMEDIA_TYPE_VIDEO && type != AVMEDIA_TYPE_AUDIO)) {
-    return;
+  if (track.successor != streamIndex) {
+    track.successor = streamIndex;
+    track.successorPackets = 0;
   }
-  if (track->successor != streamIndex) {
-    track->successor = streamIndex;
-    track->successorPackets = 0;
+  if (++track.successorPackets >= kPacketsUntilReplaced) {
+    Replace(track, streamIndex);
   }
-  if (++track->successorPackets >= kPacketsUntilReplaced) {
-    Replace(*track, streamIndex);
+}
+
+// Of a kind that was not there when the source was opened, or gave nothing then. Once a decoder has
+// made something of it, the source is to be opened again: what cannot be decoded interrupts
+// nothing.
+void MediaReader::AwaitBeginning(AVStream& stream, const AVPacket& packet) {
+  bool begins = false;
+  try {
+    StreamDecoder& decoder = awaited_.try_emplace(stream.index, stream, 1).first->second;
+    decoder.Decode(packet, [&](const ffmpeg::Frame&) { begins = true; });
+  } catch (const ffmpeg::Error&) {
+    stream.discard = AVDISCARD_ALL;
+  }
+  if (begins) {
+    const bool isVideo = stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
+    throw MediaError(MediaError::Kind::kFailed,
+                     std::string(isVideo ? "its video" : "its sound") + " begins", maskedSource_);
   }
 }
 

@@ -385,6 +385,45 @@ TEST(MediaReader, FollowsAServiceThatGoesOnInOtherStreams) {
   }
 }
 
+// A channel is not to stay mute because it was opened before its sound began.
+TEST(MediaReader, FailsForReopeningWhenSoundBegins) {
+  const TemporaryFolder folder;
+  ClipRecipe recipe = SmallClip();
+  recipe.length = 3 * kSecond;
+  const std::string whole = ReadWholeFile(Write(recipe, folder / "whole.ts"));
+  // The same without the packets of its sound: it is announced only.
+  std::string mute;
+  for (std::size_t at = 0; at < whole.size(); at += 188) {
+    const int pid = (whole[at + 1] & 0x1F) << 8 | static_cast<std::uint8_t>(whole[at + 2]);
+    if (pid != 0x101) {
+      mute += whole.substr(at, 188);
+    }
+  }
+  recipe.sound.clear();
+  const std::string alone = ReadWholeFile(Write(recipe, folder / "alone.ts"));
+  recipe = SmallClip();
+  recipe.containerOptions = {{"tables_version", "3"}};
+  const std::string fuller = ReadWholeFile(Write(recipe, folder / "fuller.ts"));
+  for (const std::string& stream : {mute + whole, alone + fuller}) {
+    const std::filesystem::path path = folder / std::to_string(stream.size());
+    Pipe pipe(path);
+    pipe.Open();
+    pipe.Write(stream);
+    MediaReader::Settings settings = Source(path);
+    settings.options = {{"probesize", "40000"}};
+    MediaReader reader(settings);
+    reader.Open();
+    pipe.Close();
+    EXPECT_FALSE(reader.info().audio.has_value());
+    try {
+      ReadAll(reader);
+      ADD_FAILURE() << "stays mute";
+    } catch (const MediaError& error) {
+      EXPECT_EQ(error.reason(), "its sound begins");
+    }
+  }
+}
+
 TEST(MediaReader, FailsForReopeningWhenAStreamChangesItsCodecUnderItsNumber) {
   const TemporaryFolder folder;
   const std::string before = ReadWholeFile(Write(SmallClip(), folder / "before.ts"));
