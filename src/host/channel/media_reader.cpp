@@ -151,6 +151,11 @@ void MediaReader::SetOptions(ffmpeg::Options& options, const SourceAddress::Opti
     // Instead of twenty pictures, which is most of a second.
     options.Set("fpsprobesize", "3");
   }
+  if (settings_.quick && address_.isRemote()) {
+    // Instead of five seconds or seven, when a stream is announced of which nothing comes; longer
+    // than mostly between two pictures that one can begin with.
+    options.Set("analyzeduration", "2500000");  // microseconds
+  }
   for (const auto& [key, value] : wanted) {
     options.Set(key.c_str(), value);
   }

@@ -39,7 +39,7 @@ class MediaReader {
     std::string source;  // path or URL; "-": the standard input
     std::chrono::milliseconds openLimit{10'000};
     std::chrono::milliseconds readLimit{5'000};  // for each packet; live, for each picture
-    bool quick = false;  // a live source is to be shown soon: its frame rate is looked at briefly
+    bool quick = false;      // is to be shown soon: what it carries is looked at briefly
     int decoderThreads = 1;  // 1: everything on the reading thread
     bool repeat = false;     // begin again at the end of a file
     bool wantVideo = true;

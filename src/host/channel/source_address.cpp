@@ -34,6 +34,7 @@ std::string OpenName(const std::string& source) {
 
 SourceAddress::SourceAddress(const std::string& source)
     : name_(OpenName(source)),
+      isRemote_(name_.find("://") != std::string::npos && !name_.starts_with("file:")),
       isRtp_(name_.starts_with(kRtpScheme)),
       datagrams_(isRtp_ || name_.starts_with(kUdpScheme)),
       isConnected_(name_.starts_with("srt:") || name_.starts_with("tcp:")),

@@ -16,6 +16,8 @@ class SourceAddress {
   // As FFmpeg is to open it.
   const std::string& name() const { return name_; }
 
+  // Comes over the network, as far as the text says.
+  bool isRemote() const { return isRemote_; }
   // Sent for ever, a service in a transport stream, which may change on the way. Of an RTP address
   // it is what is mostly there: whether it is so is seen when packets come.
   bool carriesTransportStream() const { return datagrams_ || isConnected_; }
@@ -32,6 +34,7 @@ class SourceAddress {
 
  private:
   std::string name_;
+  bool isRemote_ = false;
   bool isRtp_ = false;
   bool datagrams_ = false;
   bool isConnected_ = false;
