@@ -9,6 +9,15 @@ namespace {
 constexpr Time kLeastPatience = kSecond / 2;
 constexpr Time kMostPatience = 60 * kSecond;
 constexpr Time kPatienceInPictures = 3;
+// Pictures in a row that make a channel live again: of a slow source, of another one, and how many
+// more of those that come when they were already missed.
+constexpr int kSlowOnes = 1;
+constexpr int kOnes = 2;
+constexpr int kMoreLateOnes = 2;
+
+Time Patience(Time duration) {
+  return std::clamp(kPatienceInPictures * duration, kLeastPatience, kMostPatience);
+}
 
 }  // namespace
 
@@ -35,12 +44,17 @@ bool ChannelLife::Become(ChannelState state, const std::string& reason, Time sin
   return true;
 }
 
-bool ChannelLife::Shown(Time now, Time duration) {
-  const bool wasAway = status_.state == ChannelState::kHeld || status_.state == ChannelState::kLost;
-  if (wasAway && duration < kLeastPatience &&
-      (!straggler_.has_value() || now - *straggler_ >= kLeastPatience)) {
+bool ChannelLife::Shown(Time now, Time duration, Time late) {
+  const bool isAway = status_.state == ChannelState::kHeld || status_.state == ChannelState::kLost;
+  if (isAway) {
+    const bool follows = straggler_.has_value() && now - *straggler_ < Patience(duration);
+    stragglers_ = follows ? stragglers_ + 1 : 1;
     straggler_ = now;
-    return false;
+    const int needed = (duration < kLeastPatience ? kOnes : kSlowOnes) +
+                       (late < Patience(duration) ? 0 : kMoreLateOnes);
+    if (stragglers_ < needed) {
+      return false;
+    }
   }
   straggler_.reset();
   lastPicture_ = now;
@@ -65,10 +79,8 @@ bool ChannelLife::Failed(const std::string& reason, Time now) {
 
 bool ChannelLife::Tick(Time now) {
   const Time missing = now - lastPicture_.value_or(now);
-  const Time patience =
-      std::clamp(kPatienceInPictures * lastDuration_, kLeastPatience, kMostPatience);
   bool changed = false;
-  if (status_.state == ChannelState::kLive && missing >= patience) {
+  if (status_.state == ChannelState::kLive && missing >= Patience(lastDuration_)) {
     changed = Become(ChannelState::kHeld, "no picture comes", *lastPicture_);
   }
   if (status_.state == ChannelState::kHeld && missing >= hold_) {

@@ -31,7 +31,8 @@ const char* NameOf(ChannelState state);
 //           failed, or no picture for a while
 //
 // Held or lost, one picture is not enough: what was still under way from a source that has gone may
-// come late. Two that follow each other are (of slow sources, one).
+// come late. Two that follow each other are (of slow sources, one), and when they come so late that
+// they were missed, as what a decoder still held when reading was given up, two more.
 //
 // A new reason while held or lost changes the reason only: since stays the time of the trouble.
 // Time comes in from outside (the wall's clock) and never runs here. No lock: one thread.
@@ -49,8 +50,9 @@ class ChannelLife {
 
   // Each returns whether the status is another one now.
   //
-  // A picture is shown that lasts so long (what a frame of the source lasts).
-  bool Shown(Time now, Time duration);
+  // A picture is shown that lasts so long (what a frame of the source lasts), so long after its
+  // time.
+  bool Shown(Time now, Time duration, Time late = 0);
   // The source failed or ended; whatever it gave before has been shown.
   bool Failed(const std::string& reason, Time now);
   // Time has passed.
@@ -65,7 +67,8 @@ class ChannelLife {
   Status status_;
   std::optional<Time> lastPicture_;
   Time lastDuration_ = 0;
-  std::optional<Time> straggler_;  // the first picture while held or lost
+  std::optional<Time> straggler_;  // the latest picture while held or lost
+  int stragglers_ = 0;             // in a row
 };
 
 }  // namespace host

@@ -104,7 +104,7 @@ void ChannelPresenter::Show(const ReadyPicture& picture) {
   picture.sample->GetTime(&start, &stop);
   const Time duration = std::max<Time>(stop - start, 1);
   now_ = std::max(now_, start);
-  Report(life_.Shown(now_, duration));
+  Report(life_.Shown(now_, duration, now_ - start));
   alarms_.Picture(picture.condition.black, picture.condition.still, now_);
   if (lastSent_.has_value() && start <= *lastSent_) {
     if (lastReal_.has_value() && *lastSent_ - *lastReal_ < kRepeatAfter) {

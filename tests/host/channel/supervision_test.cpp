@@ -31,6 +31,12 @@ class ChannelLifeTest : public testing::Test {
       Note(life_.Shown(now_, duration));
     }
   }
+  // All at once, after their time.
+  void LatePictures(int count, Time late) {
+    for (int i = 0; i < count; ++i) {
+      Note(life_.Shown(now_, kFrame, late));
+    }
+  }
   void Nothing(Time length) {
     for (const Time end = now_ + length; now_ < end; now_ += kFrame) {
       Note(life_.Tick(now_));
@@ -67,6 +73,19 @@ TEST_F(ChannelLifeTest, IsHeldWhenPicturesStopAndLostWhenTheHoldIsOver) {
   Pictures(kFrame);
   EXPECT_EQ(life_.status().state, ChannelState::kLive);
   EXPECT_EQ(life_.status().since, now_ - kFrame);
+}
+
+TEST_F(ChannelLifeTest, WhatADecoderStillHeldMakesNoChannelLive) {
+  Pictures(kSecond);
+  const Time last = now_ - kFrame;
+  Nothing(3 * kSecond);
+  LatePictures(2, 3 * kSecond);
+  Fail("no data for 3 s");
+  Nothing(2 * kSecond);
+  EXPECT_EQ(life_.status(), (ChannelLife::Status{ChannelState::kLost, "no data for 3 s", last}));
+  // A source that goes on where it stood is back in spite of its old pictures.
+  LatePictures(4, 5 * kSecond);
+  EXPECT_EQ(life_.status().state, ChannelState::kLive);
 }
 
 TEST_F(ChannelLifeTest, AFailureIsKnownAtOnceAndALaterReasonKeepsTheTimeOfTheFirst) {
