@@ -100,6 +100,7 @@ TEST_F(LifecycleTest, ASecondConfigurationKeepsTheFirstThreadAndTheFilterJoinsBo
   ASSERT_EQ(graph_->Pause(), S_OK);
 }
 
+// The fixture looks whether all of them are given back.
 TEST_F(LifecycleTest, EndsWithBackgroundFramesStillQueued) {
   MakeRunning(0, 0, 0);
   for (int i = 0; i < 20; ++i) {

@@ -94,7 +94,7 @@ TEST_F(Sinks, SyslogNumbersStartAgainAfter9999) {
 
 TEST_F(Sinks, SyslogDoesNothingWithoutASocket) {
   qorp::log::syslog_sink sink(os::DatagramSocket(), "h");
-  sink.Write(1, kTime, "nowhere");
+  EXPECT_NO_THROW(sink.Write(1, kTime, "nowhere"));
 }
 
 }  // namespace
