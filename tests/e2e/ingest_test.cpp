@@ -14,7 +14,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "host/channel/media_reader.h"
+#include "host/channel/source/media_reader.h"
 #include "host/cli/probe.h"
 #include "host/cli/program.h"
 #include "host/synthetic/clip_writer.h"

@@ -10,7 +10,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "host/channel/media_reader.h"
+#include "host/channel/source/media_reader.h"
 #include "tests/e2e/sound_harness.h"
 #include "tests/e2e/wall_harness.h"
 

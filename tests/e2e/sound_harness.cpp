@@ -10,8 +10,8 @@ extern "C" {
 #include <libavutil/frame.h>
 }
 
-#include "host/channel/media_reader.h"
-#include "host/channel/sample_planes.h"
+#include "host/channel/sound/sample_planes.h"
+#include "host/channel/source/media_reader.h"
 #include "host/synthetic/clip_writer.h"
 
 namespace e2e {

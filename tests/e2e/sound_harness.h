@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "host/channel/media_info.h"
+#include "host/channel/source/media_info.h"
 #include "host/units.h"
 
 namespace e2e {

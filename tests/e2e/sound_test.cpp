@@ -11,7 +11,7 @@ extern "C" {
 #include <libavcodec/packet.h>
 }
 
-#include "host/channel/media_reader.h"
+#include "host/channel/source/media_reader.h"
 #include "tests/e2e/sound_harness.h"
 #include "tests/e2e/wall_harness.h"
 

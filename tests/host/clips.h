@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "host/channel/media_reader.h"
+#include "host/channel/source/media_reader.h"
 #include "host/synthetic/clip_writer.h"
 
 namespace host {

@@ -8,8 +8,8 @@ extern "C" {
 #include <cmath>
 #include <optional>
 
-#include "host/channel/media_reader.h"
-#include "host/channel/picture_converter.h"
+#include "host/channel/picture/picture_converter.h"
+#include "host/channel/source/media_reader.h"
 
 namespace host {
 namespace {

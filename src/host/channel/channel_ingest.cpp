@@ -6,8 +6,8 @@ extern "C" {
 
 #include <algorithm>
 
-#include "host/channel/audio_road.h"
-#include "host/channel/sample_planes.h"
+#include "host/channel/sound/audio_road.h"
+#include "host/channel/sound/sample_planes.h"
 #include "host/ffmpeg/error.h"
 #include "host/graph/picture_type.h"
 

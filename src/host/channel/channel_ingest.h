@@ -8,16 +8,16 @@
 #include <mutex>
 #include <string>
 
-#include "host/channel/audio_format.h"
 #include "host/channel/channel_observer.h"
 #include "host/channel/channel_queue.h"
 #include "host/channel/item_merger.h"
-#include "host/channel/level_meter.h"
 #include "host/channel/live_timeline.h"
-#include "host/channel/media_reader.h"
-#include "host/channel/picture_converter.h"
-#include "host/channel/picture_meter.h"
+#include "host/channel/picture/picture_converter.h"
+#include "host/channel/picture/picture_meter.h"
 #include "host/channel/reopen_delay.h"
+#include "host/channel/sound/audio_format.h"
+#include "host/channel/sound/level_meter.h"
+#include "host/channel/source/media_reader.h"
 #include "host/graph/feed_pin.h"
 #include "log/i_log_perf.h"
 

@@ -7,7 +7,7 @@
 
 #include "host/channel/alarm_monitor.h"
 #include "host/channel/channel_life.h"
-#include "host/channel/media_info.h"
+#include "host/channel/source/media_info.h"
 
 namespace host {
 

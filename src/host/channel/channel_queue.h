@@ -12,8 +12,8 @@
 #include <variant>
 
 #include "host/channel/alarm_record.h"
-#include "host/channel/media_info.h"
-#include "host/channel/picture_meter.h"
+#include "host/channel/picture/picture_meter.h"
+#include "host/channel/source/media_info.h"
 #include "host/units.h"
 #include "platform/com/com_ptr.h"
 #include "platform/dshow/samples.h"

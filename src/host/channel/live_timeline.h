@@ -4,7 +4,7 @@
 #include <limits>
 #include <optional>
 
-#include "host/channel/media_info.h"
+#include "host/channel/source/media_info.h"
 #include "host/units.h"
 
 namespace host {

@@ -14,9 +14,9 @@ extern "C" {
 #include <libavutil/pixdesc.h>
 }
 
-#include "host/channel/audio_kind.h"
-#include "host/channel/media_reader.h"
-#include "host/channel/sample_planes.h"
+#include "host/channel/sound/audio_kind.h"
+#include "host/channel/sound/sample_planes.h"
+#include "host/channel/source/media_reader.h"
 #include "host/ffmpeg/mask.h"
 #include "host/wall/value_text.h"
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "host/channel/media_info.h"
+#include "host/channel/source/media_info.h"
 #include "host/cli/program.h"
 #include "host/units.h"
 

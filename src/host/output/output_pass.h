@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "host/channel/audio_format.h"
+#include "host/channel/sound/audio_format.h"
 #include "host/output/interleaver.h"
 #include "host/output/muxer.h"
 #include "host/output/packet_queue.h"

@@ -1,0 +1,139 @@
+#include "host/channel/sound/audio_road.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/frame.h>
+}
+
+#include "host/channel/sound/audio_kind.h"
+#include "host/ffmpeg/error.h"
+
+namespace host {
+namespace {
+
+std::string Name(const AVCodecParameters& parameters) {
+  return std::string(avcodec_get_name(parameters.codec_id)) + ", " +
+         std::to_string(parameters.sample_rate) + " Hz, " +
+         std::to_string(parameters.ch_layout.nb_channels) +
+         (parameters.ch_layout.nb_channels == 1 ? " channel" : " channels");
+}
+
+}  // namespace
+
+AudioRoad::AudioRoad(std::shared_ptr<AudioTrack> track, std::string fallbackLanguage, Say say)
+    : track_(std::move(track)),
+      fallbackLanguage_(std::move(fallbackLanguage)),
+      say_(std::move(say)) {}
+
+void AudioRoad::SayOnce(const std::string& text) {
+  if (text != said_ && say_) {
+    say_(text);
+  }
+  said_ = text;
+}
+
+const std::string& AudioRoad::LanguageOf(const AudioInfo& info) const {
+  return info.language.empty() ? fallbackLanguage_ : info.language;
+}
+
+void AudioRoad::Announce(const AVCodecParameters* parameters, const AudioInfo* info) {
+  track_->Announce(parameters != nullptr);
+  if (parameters == nullptr) {
+    return;
+  }
+  std::shared_ptr<const AudioFormat> format;
+  if (!PassesThrough(parameters->codec_id)) {
+    format =
+        AacFormat(parameters->sample_rate, parameters->ch_layout.nb_channels, LanguageOf(*info));
+  } else {
+    format = PassedFormat(*parameters, nullptr, LanguageOf(*info));
+  }
+  if (format) {
+    track_->Settle(std::move(format));
+  }
+}
+
+bool AudioRoad::Take(AudioPacket packet, const AVCodecParameters& parameters, const AudioInfo& info,
+                     const Sink& sink) {
+  const bool isAac = parameters.codec_id == AV_CODEC_ID_AAC;
+  const Form form{parameters.codec_id, parameters.sample_rate, parameters.ch_layout.nb_channels,
+                  isAac ? AdtsHeader(*packet.packet) : 0};
+  if (form != form_) {
+    // What the former encoder holds is given up with it: less than two of its frames.
+    encoder_.reset();
+    format_.reset();
+    Decide(packet, parameters, info);
+    form_ = form;
+  }
+  if (encoder_ || !format_) {
+    return true;
+  }
+  packet.format = format_;
+  return sink(std::move(packet));
+}
+
+void AudioRoad::Decide(const AudioPacket& packet, const AVCodecParameters& parameters,
+                       const AudioInfo& info) {
+  const std::string& language = LanguageOf(info);
+  try {
+    std::shared_ptr<const AudioFormat> own;
+    if (PassesThrough(parameters.codec_id)) {
+      own = PassedFormat(parameters, packet.packet.get(), language);
+    }
+    const bool passes = own != nullptr;
+    const auto track = track_->Settle(
+        passes ? own
+               : AacFormat(parameters.sample_rate, parameters.ch_layout.nb_channels, language));
+    if (!passes || !SameTrack(*own, *track)) {
+      encoder_ = std::make_unique<AudioEncoder>(*track->parameters);
+      SayOnce("its sound (" + Name(parameters) + ") is encoded for the outputs (" +
+              Name(*track->parameters) + ")");
+    }
+    format_ = track;
+  } catch (const ffmpeg::Error& error) {
+    encoder_.reset();
+    SayOnce("its sound (" + Name(parameters) +
+            ") is not in the outputs: it differs from what their track began with, and " +
+            error.what());
+  }
+}
+
+bool AudioRoad::Encode(const std::function<void(const AudioEncoder::PacketSink&)>& work,
+                       const Sink& sink) {
+  if (!encoder_) {
+    return true;
+  }
+  bool taken = true;
+  try {
+    work([&](ffmpeg::Packet encoded) {
+      AudioPacket packet;
+      packet.start = encoded->pts;
+      packet.duration = encoded->duration;
+      packet.packet = std::move(encoded);
+      packet.format = format_;
+      taken = sink(std::move(packet)) && taken;
+    });
+  } catch (const ffmpeg::Error& error) {
+    encoder_.reset();
+    format_.reset();
+    SayOnce(std::string("its sound is no longer in the outputs: ") + error.what());
+  }
+  return taken;
+}
+
+bool AudioRoad::Take(const AudioSamples& samples, const Sink& sink) {
+  return Encode(
+      [&](const AudioEncoder::PacketSink& take) {
+        encoder_->Push(*samples.frame, samples.start, take);
+      },
+      sink);
+}
+
+bool AudioRoad::Finish(const Sink& sink) {
+  const bool taken =
+      Encode([&](const AudioEncoder::PacketSink& take) { encoder_->Finish(take); }, sink);
+  encoder_.reset();
+  return taken;
+}
+
+}  // namespace host

@@ -1,0 +1,165 @@
+#include "host/channel/source/describe_media.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <string_view>
+#include <utility>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/display.h>
+#include <libavutil/pixdesc.h>
+}
+
+#include "host/ffmpeg/time_unit.h"
+
+namespace host {
+
+namespace {
+
+std::string Entry(const AVDictionary* metadata, const char* key) {
+  const AVDictionaryEntry* entry = av_dict_get(metadata, key, nullptr, 0);
+  return entry != nullptr ? entry->value : "";
+}
+
+std::string ServiceName(const AVFormatContext& input) {
+  for (unsigned i = 0; i < input.nb_programs; ++i) {
+    if (std::string name = Entry(input.programs[i]->metadata, "service_name"); !name.empty()) {
+      return name;
+    }
+  }
+  if (std::string name = Entry(input.metadata, "service_name"); !name.empty()) {
+    return name;
+  }
+  return Entry(input.metadata, "title");
+}
+
+Ratio ToRatio(AVRational value) {
+  return value.num > 0 && value.den > 0 ? Ratio{value.num, value.den} : Ratio{0, 1};
+}
+
+// The display matrix turns counter-clockwise; only quarter turns occur in practice.
+int Rotation(const AVStream& stream) {
+  const auto* matrix = reinterpret_cast<const std::int32_t*>(
+      av_stream_get_side_data(&stream, AV_PKT_DATA_DISPLAYMATRIX, nullptr));
+  if (matrix == nullptr) {
+    return 0;
+  }
+  const double degrees = -av_display_rotation_get(matrix);
+  if (std::isnan(degrees)) {
+    return 0;
+  }
+  const auto quarters = static_cast<int>(std::lround(degrees / 90.0));
+  return ((quarters % 4 + 4) % 4) * 90;
+}
+
+std::string NameOrUnknown(const char* name) {
+  return name != nullptr ? name : "unknown";
+}
+
+Pace PaceOf(const AVFormatContext& input) {
+  // These keep their sockets to themselves; "rtp" and "sdp" are the same without a session.
+  static constexpr std::array<std::string_view, 3> kOwnSockets = {"rtsp", "rtp", "sdp"};
+  static constexpr std::array<std::string_view, 5> kDatagrams = {"udp", "udplite", "rtp", "srtp",
+                                                                 "srt"};
+  const auto contains = [](const auto& names, std::string_view name) {
+    return std::find(names.begin(), names.end(), name) != names.end();
+  };
+  const char* const protocol = input.url != nullptr ? avio_find_protocol_name(input.url) : nullptr;
+  if (contains(kOwnSockets, input.iformat->name) ||
+      (protocol != nullptr && contains(kDatagrams, protocol))) {
+    return Pace::kPushed;
+  }
+  // The list of a live HLS source is a file that can be sought in; the source is not.
+  const bool isFile = input.pb != nullptr && (input.pb->seekable & AVIO_SEEKABLE_NORMAL) != 0 &&
+                      (input.ctx_flags & AVFMTCTX_UNSEEKABLE) == 0;
+  return isFile ? Pace::kStored : Pace::kPulled;
+}
+
+}  // namespace
+
+MediaInfo DescribeMedia(const AVFormatContext& input) {
+  MediaInfo info;
+  info.format = input.iformat->name;
+  if (input.duration != AV_NOPTS_VALUE && input.duration > 0) {
+    info.length = av_rescale(input.duration, kSecond, AV_TIME_BASE);
+  }
+  info.pace = PaceOf(input);
+  info.serviceName = ServiceName(input);
+  for (unsigned i = 0; i < input.nb_streams; ++i) {
+    if (input.streams[i]->codecpar->codec_type == AVMEDIA_TYPE_AUDIO) {
+      info.audioTracks.push_back(DescribeAudio(*input.streams[i]));
+    }
+  }
+  return info;
+}
+
+VideoInfo DescribeVideo(AVFormatContext& input, AVStream& stream) {
+  const AVCodecParameters& parameters = *stream.codecpar;
+  VideoInfo info;
+  info.streamIndex = stream.index;
+  info.codec = avcodec_get_name(parameters.codec_id);
+  info.width = parameters.width;
+  info.height = parameters.height;
+  if (const Ratio aspect = ToRatio(av_guess_sample_aspect_ratio(&input, &stream, nullptr));
+      aspect.positive()) {
+    info.pixelAspect = aspect;
+  }
+  info.frameRate = ToRatio(av_guess_frame_rate(&input, &stream, nullptr));
+  info.pixelFormat =
+      NameOrUnknown(av_get_pix_fmt_name(static_cast<AVPixelFormat>(parameters.format)));
+  info.colourSpace = NameOrUnknown(av_color_space_name(parameters.color_space));
+  info.colourRange = NameOrUnknown(av_color_range_name(parameters.color_range));
+  info.rotation = Rotation(stream);
+  return info;
+}
+
+AudioInfo DescribeAudio(const AVStream& stream) {
+  AudioInfo info;
+  info.streamIndex = stream.index;
+  info.codec = avcodec_get_name(stream.codecpar->codec_id);
+  info.sampleRate = stream.codecpar->sample_rate;
+  info.channels = stream.codecpar->ch_layout.nb_channels;
+  info.language = Entry(stream.metadata, "language");
+  if (info.language == "und") {
+    info.language.clear();
+  }
+  info.title = Entry(stream.metadata, "title");
+  // MP4 keeps a track's name elsewhere; its writers put this there when there is none.
+  if (std::string name = Entry(stream.metadata, "handler_name");
+      info.title.empty() && name != "SoundHandler") {
+    info.title = std::move(name);
+  }
+  return info;
+}
+
+int ChooseAudioStream(const AVFormatContext& input, std::size_t track, const std::string& language,
+                      int videoStream) {
+  std::size_t seen = 0;
+  for (unsigned i = 0; i < input.nb_streams; ++i) {
+    if (input.streams[i]->codecpar->codec_type != AVMEDIA_TYPE_AUDIO) {
+      continue;
+    }
+    ++seen;
+    if (track == seen || (track == 0 && !language.empty() &&
+                          Entry(input.streams[i]->metadata, "language") == language)) {
+      return static_cast<int>(i);
+    }
+  }
+  if (track != 0) {
+    return AVERROR_STREAM_NOT_FOUND;
+  }
+  return av_find_best_stream(const_cast<AVFormatContext*>(&input), AVMEDIA_TYPE_AUDIO, -1,
+                             videoStream, nullptr, 0);
+}
+
+Time WrapPeriod(const AVStream& stream) {
+  if (stream.pts_wrap_bits <= 0 || stream.pts_wrap_bits >= 62) {
+    return 0;
+  }
+  return av_rescale_q(std::int64_t{1} << stream.pts_wrap_bits, stream.time_base, ffmpeg::kTimeUnit);
+}
+
+}  // namespace host

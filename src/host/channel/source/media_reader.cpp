@@ -1,0 +1,258 @@
+#include "host/channel/source/media_reader.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <limits>
+#include <new>
+#include <string_view>
+#include <utility>
+
+extern "C" {
+#include <libavformat/avformat.h>
+}
+
+#include "host/channel/source/describe_media.h"
+#include "host/ffmpeg/error.h"
+#include "host/ffmpeg/mask.h"
+#include "host/ffmpeg/time_unit.h"
+
+namespace host {
+
+namespace {
+
+constexpr Time kDefaultPictureDuration = 400'000;
+// A longer step forwards in a source whose stamps are known to jump is no gap.
+constexpr Time kLongestGap = 10 * kSecond;
+
+// Sound of which nothing has come yet that would show its form.
+bool IsAnnouncedOnly(const AVStream& stream) {
+  return stream.codecpar->codec_type == AVMEDIA_TYPE_AUDIO && stream.codecpar->sample_rate <= 0;
+}
+
+std::string Seconds(std::chrono::milliseconds limit) {
+  std::string text = std::to_string(limit.count() / 1000);
+  if (limit.count() % 1000 != 0) {
+    text += "." + std::to_string(limit.count() % 1000 / 100);
+  }
+  return text + " s";
+}
+
+}  // namespace
+
+MediaReader::MediaReader(Settings settings)
+    : settings_(std::move(settings)),
+      maskedSource_(ffmpeg::MaskCredentials(settings_.source)),
+      address_(settings_.source) {}
+
+MediaReader::~MediaReader() = default;
+
+void MediaReader::Fail(int code, bool opening) const {
+  using Kind = MediaError::Kind;
+  if (code == AVERROR(ENOMEM)) {
+    throw std::bad_alloc();
+  }
+  if (deadline_.cancelled()) {
+    throw MediaError(Kind::kCancelled, "stopped", maskedSource_);
+  }
+  // The packet that the ended call still gave may have come before its failure.
+  if (deadline_.expired() || code == AVERROR_EXIT) {
+    throw MediaError(Kind::kTimedOut,
+                     opening ? "did not open within " + Seconds(settings_.openLimit)
+                             : "no data for " + Seconds(settings_.readLimit),
+                     maskedSource_);
+  }
+  const std::string text = ffmpeg::ErrorText(code);
+  if (opening && code == AVERROR(ENOENT)) {
+    throw MediaError(Kind::kNotFound, "no such file", maskedSource_);
+  }
+  if (opening && (code == AVERROR_INVALIDDATA || code == AVERROR_EOF)) {
+    throw MediaError(Kind::kNotMedia, "not a media file, or damaged (" + text + ")", maskedSource_);
+  }
+  throw MediaError(Kind::kFailed,
+                   (opening ? "cannot be opened: " : "cannot be read further: ") + text,
+                   maskedSource_);
+}
+
+void MediaReader::Open() {
+  deadline_.Arm(settings_.openLimit);
+  try {
+    OpenInput();
+  } catch (const ffmpeg::Error& error) {
+    Fail(error.code(), true);
+  }
+  // FFmpeg draws any text file as a terminal would: for a wall that is a wrong path, not a picture.
+  if (std::string_view(input_->iformat->name) == "tty") {
+    Fail(AVERROR_INVALIDDATA, true);
+  }
+  const int result = avformat_find_stream_info(input_.get(), nullptr);
+  if (result < 0 || deadline_.cancelled()) {
+    Fail(result, true);
+  }
+  deadline_.Disarm();
+  ChooseTracks();
+}
+
+void MediaReader::OpenInput() {
+  if (ffmpeg::PipeInput::Serves(settings_.source)) {
+    pipe_.emplace(settings_.source, deadline_);
+    OpenInput(pipe_->io(), settings_.options);
+  } else if (address_.carriesTransportStream()) {
+    OpenConnection();
+  } else {
+    OpenInput(nullptr, address_.OpenOptions(settings_.options));
+  }
+}
+
+void MediaReader::OpenConnection() {
+  ffmpeg::Options options;
+  SetOptions(options, address_.ReceiverOptions(settings_.options));
+  const auto tap = [this](ffmpeg::TappedInput::Bytes bytes) { return Tap(bytes); };
+  connection_.emplace(address_.ReceiverUrl(), deadline_, options, tap);
+  try {
+    OpenInput(connection_->io(), options);
+  } catch (const ffmpeg::Error&) {
+    if (!rtp_.carriesOther()) {
+      throw;
+    }
+    connection_.reset();
+    OpenOtherRtp();
+  }
+}
+
+// Sound or video by itself: FFmpeg's own receiver knows some of it without a description.
+void MediaReader::OpenOtherRtp() {
+  if (address_.isRtp()) {
+    try {
+      OpenInput(nullptr, settings_.options);
+      return;
+    } catch (const ffmpeg::Error&) {
+      if (deadline_.cancelled() || deadline_.expired()) {
+        throw;
+      }
+    }
+  }
+  throw MediaError(
+      MediaError::Kind::kNotMedia,
+      "its RTP packets carry no transport stream; open an SDP file that says what they carry",
+      maskedSource_);
+}
+
+std::optional<ffmpeg::TappedInput::Bytes> MediaReader::Tap(ffmpeg::TappedInput::Bytes bytes) {
+  if (address_.isDatagrams()) {
+    bytes = rtp_.Take(bytes, RtpReceiver::Clock::now());
+  }
+  programs_.Feed(bytes);
+  const bool ends = ChangedTrack() != nullptr || rtp_.carriesOther();
+  return ends ? std::nullopt : std::optional(bytes);
+}
+
+void MediaReader::SetOptions(ffmpeg::Options& options, const SourceAddress::Options& wanted) const {
+  if (settings_.quick) {
+    // Instead of twenty pictures, which is most of a second.
+    options.Set("fpsprobesize", "3");
+  }
+  if (settings_.quick && address_.isRemote()) {
+    // Instead of five seconds or seven, when a stream is announced of which nothing comes; longer
+    // than mostly between two pictures that one can begin with.
+    options.Set("analyzeduration", "2500000");  // microseconds
+  }
+  for (const auto& [key, value] : wanted) {
+    options.Set(key.c_str(), value);
+  }
+}
+
+void MediaReader::OpenInput(AVIOContext* io, const SourceAddress::Options& wanted) {
+  ffmpeg::Options options;
+  SetOptions(options, wanted);
+  OpenInput(io, options);
+}
+
+void MediaReader::OpenInput(AVIOContext* io, ffmpeg::Options& options) {
+  AVFormatContext* context = avformat_alloc_context();
+  if (context == nullptr) {
+    throw std::bad_alloc();
+  }
+  context->interrupt_callback = {&ffmpeg::IoDeadline::Callback, &deadline_};
+  context->pb = io;
+  // On failure this frees the context itself.
+  ffmpeg::Check(avformat_open_input(&context, address_.name().c_str(), nullptr, options.Exchange()),
+                "cannot open");
+  input_.reset(context);
+  unknownOptions_ = options.UnusedKeys();
+}
+
+void MediaReader::StartTrack(std::optional<Track>& track, int streamIndex, std::string& whyNot) {
+  AVStream& stream = *input_->streams[streamIndex];
+  track.emplace();
+  track->streamIndex = streamIndex;
+  try {
+    track->decoder.emplace(stream, settings_.decoderThreads);
+  } catch (const ffmpeg::Error& error) {
+    track.reset();
+    whyNot = error.what();
+    return;
+  }
+  track->clockStream = clock_->AddStream(WrapPeriod(stream));
+  stream.discard = AVDISCARD_DEFAULT;
+}
+
+void MediaReader::ChooseTracks() {
+  info_ = DescribeMedia(*input_);
+  knownStreams_ = input_->nb_streams;
+  const bool mayJump =
+      (input_->iformat->flags & AVFMT_TS_DISCONT) != 0 || info_.pace != Pace::kStored;
+  clock_.emplace(mayJump ? std::optional(kLongestGap) : std::nullopt,
+                 ffmpeg::ToTime(input_->start_time, AV_TIME_BASE_Q));
+  for (unsigned i = 0; i < input_->nb_streams; ++i) {
+    input_->streams[i]->discard = AVDISCARD_ALL;
+  }
+
+  const int video = av_find_best_stream(input_.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+  info_.noVideoReason = settings_.wantVideo ? "it has no video" : "video is switched off";
+  if (settings_.wantVideo && video >= 0) {
+    AVStream& stream = *input_->streams[video];
+    StartTrack(video_, video, info_.noVideoReason);
+    if (video_) {
+      info_.noVideoReason.clear();
+      info_.video = DescribeVideo(*input_, stream);
+      video_->pictureDuration = info_.video->frameRate.positive()
+                                    ? FrameDuration(info_.video->frameRate)
+                                    : kDefaultPictureDuration;
+    }
+  }
+
+  const int audio =
+      ChooseAudioStream(*input_, settings_.audioTrack, settings_.audioLanguage, video);
+  info_.noAudioReason = settings_.wantAudio ? "it has no audio" : "audio is switched off";
+  if (settings_.wantAudio && settings_.audioTrack > info_.audioTracks.size()) {
+    info_.noAudioReason = "it has no audio track " + std::to_string(settings_.audioTrack) +
+                          " (of " + std::to_string(info_.audioTracks.size()) + ")";
+  } else if (settings_.wantAudio && audio >= 0 && IsAnnouncedOnly(*input_->streams[audio])) {
+    info_.noAudioReason = "its sound has not begun";
+  } else if (settings_.wantAudio && audio >= 0) {
+    StartTrack(audio_, audio, info_.noAudioReason);
+    if (audio_) {
+      info_.noAudioReason.clear();
+      info_.audio = DescribeAudio(*input_->streams[audio]);
+      audioParameters_ = ffmpeg::CopyParameters(*input_->streams[audio]->codecpar);
+    }
+  }
+
+  for (unsigned i = 0; i < input_->nb_streams && settings_.wantAudio && !audio_; ++i) {
+    if (IsAnnouncedOnly(*input_->streams[i])) {
+      input_->streams[i]->discard = AVDISCARD_DEFAULT;
+    }
+  }
+
+  if (video_ && info_.pace != Pace::kStored) {
+    watch_.emplace(settings_.readLimit, std::chrono::microseconds(video_->pictureDuration / 10));
+  }
+
+  if (!video_ && !audio_) {
+    throw MediaError(MediaError::Kind::kNoStreams,
+                     "nothing to show: " + info_.noVideoReason + ", and " + info_.noAudioReason,
+                     maskedSource_);
+  }
+}
+
+}  // namespace host

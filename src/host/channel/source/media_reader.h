@@ -1,0 +1,153 @@
+// Reads and decodes one source: a file or any URL that FFmpeg opens.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/channel/source/media_error.h"
+#include "host/channel/source/media_info.h"
+#include "host/channel/source/picture_watch.h"
+#include "host/channel/source/program_map_watch.h"
+#include "host/channel/source/rtp_receiver.h"
+#include "host/channel/source/source_address.h"
+#include "host/channel/source/source_clock.h"
+#include "host/channel/source/stream_decoder.h"
+#include "host/ffmpeg/handles.h"
+#include "host/ffmpeg/io_deadline.h"
+#include "host/ffmpeg/pipe_input.h"
+#include "host/ffmpeg/tapped_input.h"
+#include "host/units.h"
+
+namespace host {
+
+// Gives the best video and the wanted audio of a source, item by item, in the order of the source:
+// decoded pictures, compressed audio packets, and after each packet its decoded samples. All times
+// are on one clock that starts near 0 and goes on through wraps, jumps and repeats (SourceClock).
+//
+// Owned by its channel. Open and Read block, up to the limits of the settings, and belong to one
+// thread; Cancel may be called by any thread at any time, also during Open, and makes the blocking
+// call end within some milliseconds. A failed reader is thrown away; reopening makes a new one.
+class MediaReader {
+ public:
+  struct Settings {
+    std::string source;  // path or URL; "-": the standard input
+    std::chrono::milliseconds openLimit{10'000};
+    std::chrono::milliseconds readLimit{5'000};  // for each packet; live, for each picture
+    bool quick = false;      // is to be shown soon: what it carries is looked at briefly
+    int decoderThreads = 1;  // 1: everything on the reading thread
+    bool repeat = false;     // begin again at the end of a file
+    bool wantVideo = true;
+    bool wantAudio = true;
+    bool decodeAudio = true;     // false: packets only
+    std::size_t audioTrack = 0;  // counted from 1; 0: the one that FFmpeg prefers
+    std::string audioLanguage;   // ISO 639; preferred when there is such a track
+    SourceAddress::Options options;
+  };
+
+  explicit MediaReader(Settings settings);
+  ~MediaReader();
+  MediaReader(const MediaReader&) = delete;
+  MediaReader& operator=(const MediaReader&) = delete;
+
+  // Throws MediaError. A source with only one of video and audio opens, and info() has the reason
+  // for the missing one.
+  void Open();
+  // The next item; EndOfMedia again and again at the end. Throws MediaError, after which the reader
+  // is of no more use, but when canGoOn().
+  MediaItem Read();
+  // After a failure of Read: nothing came for the read limit, but there is no connection that could
+  // have broken, and a sender that returns is heard sooner by going on than by opening again.
+  bool canGoOn() const { return silences_ > 0 && silences_ <= kMostSilences; }
+  void Cancel() { deadline_.Cancel(); }
+
+  // What follows is valid after Open.
+  const MediaInfo& info() const { return info_; }
+  // Of the chosen audio stream, as the container announces it; null without audio.
+  const AVCodecParameters* audioParameters() const { return audioParameters_.get(); }
+  // Options of the settings that neither protocol nor container knows.
+  const std::vector<std::string>& unknownOptions() const { return unknownOptions_; }
+  std::uint64_t damagedPackets() const;
+  // How often another stream has taken the place of one that ended, as when a service changes its
+  // codec: info() and audioParameters() then describe the new one.
+  std::uint64_t replacements() const { return replacements_; }
+  // How often the source began again.
+  std::uint64_t repeats() const { return repeats_; }
+
+ private:
+  // Then it is opened again after all: a router may have forgotten us.
+  static constexpr int kMostSilences = 10;
+
+  struct Track {
+    // Written out: an implicit one waits for the end of the class, but video_ below asks for it.
+    Track() {}
+
+    int streamIndex = -1;
+    std::size_t clockStream = 0;
+    int successor = -1;        // stream that may be taking its place
+    int successorPackets = 0;  // of it since the latest packet of this one
+    std::optional<StreamDecoder> decoder;
+    Time pictureDuration = 0;
+    Time nextStart = 0;                   // end of the latest item handed out
+    std::optional<Time> lastStart;        // of the latest item handed out
+    std::optional<Time> discontinuityAt;  // the first item from here on carries the flag
+  };
+
+  // Throw ffmpeg::Error, or MediaError with more to say.
+  void OpenInput();
+  void OpenConnection();
+  void OpenOtherRtp();
+  void OpenInput(AVIOContext* io, const SourceAddress::Options& wanted);
+  void OpenInput(AVIOContext* io, ffmpeg::Options& options);
+  void SetOptions(ffmpeg::Options& options, const SourceAddress::Options& wanted) const;
+  std::optional<ffmpeg::TappedInput::Bytes> Tap(ffmpeg::TappedInput::Bytes bytes);
+  void ChooseTracks();
+  void StartTrack(std::optional<Track>& track, int streamIndex, std::string& whyNot);
+  void ReadPacket();
+  const Track* ChangedTrack() const;
+  void HandlePacket(ffmpeg::Packet packet);
+  void FollowOther(const AVPacket& packet);
+  void FollowSuccessor(Track& track, int streamIndex);
+  void AwaitBeginning(AVStream& stream, const AVPacket& packet);
+  void Replace(Track& track, int streamIndex);
+  void FinishPass();
+  void Rewind();
+  void GiveAudioPacket(const AVPacket& packet, bool discontinuity);
+  void GivePicture(ffmpeg::Frame frame);
+  void GiveSamples(ffmpeg::Frame frame);
+  void DecodeVideo(const AVPacket& packet);
+  void DecodeAudio(const AVPacket& packet);
+  [[noreturn]] void Fail(int code, bool opening) const;
+
+  const Settings settings_;
+  const std::string maskedSource_;
+  const SourceAddress address_;
+  ffmpeg::IoDeadline deadline_;
+  std::optional<ffmpeg::PipeInput> pipe_;          // what input_ reads, when that is a pipe
+  std::optional<ffmpeg::TappedInput> connection_;  // or that, of a live transport stream
+  RtpReceiver rtp_;                                // for its datagrams
+  ProgramMapWatch programs_;                       // for all that comes over it
+  ffmpeg::InputFormat input_;
+  MediaInfo info_;
+  ffmpeg::Parameters audioParameters_;
+  std::vector<std::string> unknownOptions_;
+  std::optional<SourceClock> clock_;
+  std::optional<PictureWatch> watch_;  // of a live source with video
+  std::optional<Track> video_;
+  std::optional<Track> audio_;
+  std::map<int, StreamDecoder> awaited_;  // by index: streams of a kind that has no track
+  std::deque<MediaItem> ready_;           // what one packet gave, at most
+  int silences_ = 0;                      // read limits in a row without data, of datagrams only
+  unsigned knownStreams_ = 0;             // when the source was opened
+  bool gaveInPass_ = false;
+  bool ended_ = false;
+  std::uint64_t repeats_ = 0;
+  std::uint64_t replacements_ = 0;
+};
+
+}  // namespace host

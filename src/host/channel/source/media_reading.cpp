@@ -1,0 +1,318 @@
+// The part of MediaReader that reads and decodes; media_reader.cpp opens.
+#include <algorithm>
+#include <utility>
+
+extern "C" {
+#include <libavformat/avformat.h>
+}
+
+#include "host/channel/source/describe_media.h"
+#include "host/channel/source/media_reader.h"
+#include "host/ffmpeg/error.h"
+#include "host/ffmpeg/time_unit.h"
+
+namespace host {
+
+MediaItem MediaReader::Read() {
+  using Clock = PictureWatch::Clock;
+  if (watch_) {
+    watch_->BeginReading(Clock::now());
+  }
+  while (ready_.empty()) {
+    if (ended_) {
+      return EndOfMedia{};
+    }
+    ReadPacket();
+    if (watch_ && watch_->Expired(Clock::now())) {
+      throw MediaError(MediaError::Kind::kTimedOut, "it sends, but no picture that can be decoded",
+                       maskedSource_);
+    }
+  }
+  if (watch_) {
+    watch_->EndReading(Clock::now());
+  }
+  MediaItem item = std::move(ready_.front());
+  ready_.pop_front();
+  return item;
+}
+
+void MediaReader::ReadPacket() {
+  if (deadline_.cancelled()) {
+    Fail(AVERROR_EXIT, false);
+  }
+  ffmpeg::Packet packet = ffmpeg::MakePacket();
+  deadline_.Arm(settings_.readLimit);
+  const int result = av_read_frame(input_.get(), packet.get());
+  if (result >= 0) {
+    silences_ = 0;
+    HandlePacket(std::move(packet));
+    return;
+  }
+  if (result == AVERROR(EAGAIN)) {
+    return;
+  }
+  if (const Track* const changed = ChangedTrack()) {
+    const bool isVideo = video_ && changed == &*video_;
+    throw MediaError(MediaError::Kind::kFailed,
+                     std::string(isVideo ? "its video" : "its sound") + " has changed its form",
+                     maskedSource_);
+  }
+  // The demuxer may have given what it still had since the call that was ended.
+  const bool wasEnded = deadline_.expired() || result == AVERROR_EXIT;
+  const bool isDatagrams = connection_ && address_.isDatagrams();
+  if (wasEnded && !deadline_.cancelled() && isDatagrams) {
+    connection_->Resume();
+    ++silences_;
+    Fail(result, false);
+  }
+  silences_ = 0;
+  // Containers report the end of a connection that broke as an ordinary end.
+  if (result != AVERROR_EOF || deadline_.expired() || deadline_.cancelled()) {
+    Fail(result, false);
+  }
+  if (input_->pb != nullptr && input_->pb->error < 0 && input_->pb->error != AVERROR_EOF) {
+    Fail(input_->pb->error, false);
+  }
+  FinishPass();
+}
+
+// The one whose stream is announced in another form than the one it was opened in.
+const MediaReader::Track* MediaReader::ChangedTrack() const {
+  for (const std::optional<Track>* track : {&video_, &audio_}) {
+    // Of a transport stream a stream's id is its PID.
+    if (*track && programs_.HasChanged(input_->streams[(*track)->streamIndex]->id)) {
+      return &**track;
+    }
+  }
+  return nullptr;
+}
+
+void MediaReader::HandlePacket(ffmpeg::Packet packet) {
+  const bool isVideo = video_ && packet->stream_index == video_->streamIndex;
+  const bool isAudio = audio_ && packet->stream_index == audio_->streamIndex;
+  if (!isVideo && !isAudio) {
+    FollowOther(*packet);
+    return;
+  }
+  Track& track = isVideo ? *video_ : *audio_;
+  track.successorPackets = 0;
+  const AVRational unit = input_->streams[track.streamIndex]->time_base;
+  const Time duration =
+      packet->duration > 0 ? av_rescale_q(packet->duration, unit, ffmpeg::kTimeUnit) : 0;
+  const SourceClock::Mapped mapped =
+      clock_->Map(track.clockStream,
+                  {ffmpeg::ToTime(packet->dts, unit), ffmpeg::ToTime(packet->pts, unit), duration});
+  packet->dts = mapped.dts;
+  packet->pts = mapped.pts.value_or(AV_NOPTS_VALUE);
+  packet->duration = duration;
+  packet->time_base = ffmpeg::kTimeUnit;
+  if (isVideo) {
+    if (mapped.discontinuity) {
+      track.discontinuityAt = mapped.dts;
+    }
+    DecodeVideo(*packet);
+  } else {
+    GiveAudioPacket(*packet, mapped.discontinuity);
+    DecodeAudio(*packet);
+  }
+  if (track.decoder->lost()) {
+    throw MediaError(MediaError::Kind::kFailed,
+                     std::string(isVideo ? "its video" : "its sound") +
+                         " can no longer be decoded; it may have changed its form",
+                     maskedSource_);
+  }
+}
+
+// A packet of a stream that is not one of the tracks.
+void MediaReader::FollowOther(const AVPacket& packet) {
+  AVStream& stream = *input_->streams[packet.stream_index];
+  const bool isVideo = stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
+  if (!isVideo && stream.codecpar->codec_type != AVMEDIA_TYPE_AUDIO) {
+    return;
+  }
+  if (std::optional<Track>& track = isVideo ? video_ : audio_) {
+    FollowSuccessor(*track, packet.stream_index);
+  } else if ((isVideo ? settings_.wantVideo : settings_.wantAudio) && info_.pace != Pace::kStored) {
+    AwaitBeginning(stream, packet);
+  }
+}
+
+// A stream that the source begins after the opening, while the chosen one of its kind has stopped,
+// is the same service in another form.
+void MediaReader::FollowSuccessor(Track& track, int streamIndex) {
+  constexpr int kPacketsUntilReplaced = 10;
+  if (static_cast<unsigned>(streamIndex) < knownStreams_) {
+    return;
+  }
+  if (track.successor != streamIndex) {
+    track.successor = streamIndex;
+    track.successorPackets = 0;
+  }
+  if (++track.successorPackets >= kPacketsUntilReplaced) {
+    Replace(track, streamIndex);
+  }
+}
+
+// Of a kind that was not there when the source was opened, or gave nothing then. Once a decoder has
+// made something of it, the source is to be opened again: what cannot be decoded interrupts
+// nothing.
+void MediaReader::AwaitBeginning(AVStream& stream, const AVPacket& packet) {
+  bool begins = false;
+  try {
+    StreamDecoder& decoder = awaited_.try_emplace(stream.index, stream, 1).first->second;
+    decoder.Decode(packet, [&](const ffmpeg::Frame&) { begins = true; });
+  } catch (const ffmpeg::Error&) {
+    stream.discard = AVDISCARD_ALL;
+  }
+  if (begins) {
+    const bool isVideo = stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
+    throw MediaError(MediaError::Kind::kFailed,
+                     std::string(isVideo ? "its video" : "its sound") + " begins", maskedSource_);
+  }
+}
+
+void MediaReader::Replace(Track& track, int streamIndex) {
+  AVStream& stream = *input_->streams[streamIndex];
+  const bool isVideo = stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
+  if (isVideo) {
+    track.decoder->Drain([this](ffmpeg::Frame frame) { GivePicture(std::move(frame)); });
+  }
+  try {
+    track.decoder.emplace(stream, settings_.decoderThreads);
+  } catch (const ffmpeg::Error& error) {
+    throw MediaError(MediaError::Kind::kFailed, error.what(), maskedSource_);
+  }
+  track.streamIndex = streamIndex;
+  track.successorPackets = 0;
+  track.clockStream = clock_->AddStream(WrapPeriod(stream));
+  if (isVideo) {
+    info_.video = DescribeVideo(*input_, stream);
+  } else {
+    info_.audio = DescribeAudio(stream);
+    audioParameters_ = ffmpeg::CopyParameters(*stream.codecpar);
+  }
+  ++replacements_;
+}
+
+void MediaReader::DecodeVideo(const AVPacket& packet) {
+  const auto sink = [this](ffmpeg::Frame frame) { GivePicture(std::move(frame)); };
+  const AVStream& stream = *input_->streams[video_->streamIndex];
+  if (!video_->decoder->Fits(stream)) {
+    video_->decoder->Drain(sink);
+    try {
+      video_->decoder.emplace(stream, settings_.decoderThreads);
+    } catch (const ffmpeg::Error& error) {
+      throw MediaError(MediaError::Kind::kFailed, error.what(), maskedSource_);
+    }
+  }
+  video_->decoder->Decode(packet, sink);
+}
+
+void MediaReader::DecodeAudio(const AVPacket& packet) {
+  if (settings_.decodeAudio) {
+    audio_->decoder->Decode(packet, [this](ffmpeg::Frame frame) { GiveSamples(std::move(frame)); });
+  }
+}
+
+// An item that does not start after the one before it is moved just behind it.
+void MediaReader::GivePicture(ffmpeg::Frame frame) {
+  // The container's word on the shape of the pixels holds over the stream's.
+  frame->sample_aspect_ratio =
+      av_guess_sample_aspect_ratio(input_.get(), input_->streams[video_->streamIndex], frame.get());
+  VideoPicture picture;
+  picture.start = frame->best_effort_timestamp != AV_NOPTS_VALUE ? frame->best_effort_timestamp
+                                                                 : video_->nextStart;
+  if (video_->lastStart) {
+    picture.start = std::max(picture.start, *video_->lastStart + 1);
+  }
+  picture.duration = frame->pkt_duration > 0 ? frame->pkt_duration : video_->pictureDuration;
+  if (video_->discontinuityAt && picture.start >= *video_->discontinuityAt) {
+    picture.discontinuity = true;
+    video_->discontinuityAt.reset();
+  }
+  video_->lastStart = picture.start;
+  video_->nextStart = picture.start + picture.duration;
+  picture.frame = std::move(frame);
+  gaveInPass_ = true;
+  if (watch_) {
+    watch_->Picture(PictureWatch::Clock::now());
+  }
+  ready_.emplace_back(std::move(picture));
+}
+
+void MediaReader::GiveAudioPacket(const AVPacket& packet, bool discontinuity) {
+  AudioPacket item;
+  item.packet = ffmpeg::RefPacket(packet);
+  item.start = packet.pts != AV_NOPTS_VALUE ? packet.pts : packet.dts;
+  if (audio_->lastStart) {
+    item.start = std::max(item.start, *audio_->lastStart);
+  }
+  item.packet->pts = item.start;
+  item.packet->dts = item.start;
+  item.duration = packet.duration;
+  item.discontinuity = discontinuity;
+  audio_->lastStart = item.start;
+  gaveInPass_ = true;
+  ready_.emplace_back(std::move(item));
+}
+
+void MediaReader::GiveSamples(ffmpeg::Frame frame) {
+  if (frame->sample_rate <= 0 || frame->nb_samples <= 0) {
+    return;
+  }
+  AudioSamples samples;
+  samples.start = frame->best_effort_timestamp != AV_NOPTS_VALUE ? frame->best_effort_timestamp
+                                                                 : audio_->nextStart;
+  samples.duration = av_rescale(frame->nb_samples, kSecond, frame->sample_rate);
+  audio_->nextStart = samples.start + samples.duration;
+  samples.frame = std::move(frame);
+  ready_.emplace_back(std::move(samples));
+}
+
+// The end of the source: what the decoders still hold comes out, then it ends or begins again.
+void MediaReader::FinishPass() {
+  if (video_) {
+    video_->decoder->Drain([this](ffmpeg::Frame frame) { GivePicture(std::move(frame)); });
+  }
+  if (audio_ && settings_.decodeAudio) {
+    audio_->decoder->Drain([this](ffmpeg::Frame frame) { GiveSamples(std::move(frame)); });
+  }
+  // A source that gave nothing would begin again for ever.
+  if (settings_.repeat && gaveInPass_) {
+    Rewind();
+    return;
+  }
+  ended_ = true;
+}
+
+void MediaReader::Rewind() {
+  // A transport stream has no index: its beginning is found by position, not by time.
+  const bool byPosition = (input_->iformat->flags & AVFMT_TS_DISCONT) != 0;
+  const Time start = input_->start_time != AV_NOPTS_VALUE ? input_->start_time : 0;
+  int result = byPosition ? av_seek_frame(input_.get(), -1, 0, AVSEEK_FLAG_BYTE)
+                          : av_seek_frame(input_.get(), -1, start, AVSEEK_FLAG_BACKWARD);
+  if (result < 0) {
+    result = av_seek_frame(input_.get(), -1, byPosition ? start : 0,
+                           byPosition ? AVSEEK_FLAG_BACKWARD : AVSEEK_FLAG_BYTE);
+  }
+  if (result < 0) {
+    throw MediaError(MediaError::Kind::kFailed, "cannot begin again: " + ffmpeg::ErrorText(result),
+                     maskedSource_);
+  }
+  if (video_) {
+    video_->decoder->Reset();
+  }
+  if (audio_) {
+    audio_->decoder->Reset();
+  }
+  clock_->Restart();
+  gaveInPass_ = false;
+  ++repeats_;
+}
+
+std::uint64_t MediaReader::damagedPackets() const {
+  return (video_ ? video_->decoder->damagedPackets() : 0) +
+         (audio_ ? audio_->decoder->damagedPackets() : 0);
+}
+
+}  // namespace host

@@ -1,0 +1,189 @@
+#include "host/channel/source/source_clock.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace host {
+
+SourceClock::SourceClock(std::optional<Time> forwardLimit, std::optional<Time> origin)
+    : forwardLimit_(forwardLimit), origin_(origin) {
+  if (origin_) {
+    AddOffset(-*origin_);
+  }
+}
+
+std::size_t SourceClock::AddStream(Time wrapPeriod) {
+  Stream stream;
+  stream.wrapPeriod = wrapPeriod;
+  streams_.push_back(stream);
+  return streams_.size() - 1;
+}
+
+void SourceClock::AddOffset(Time value, std::optional<Time> beforeGap) {
+  newest_ = {value, newest_.number + 1, beforeGap};
+}
+
+void SourceClock::Restart() {
+  restarting_ = origin_.has_value();
+}
+
+// The one of raw, raw + period, raw - period, ... that lies nearest to the stream's latest time.
+Time SourceClock::Unwrap(const Stream& stream, Time raw) const {
+  if (stream.wrapPeriod <= 0 || !stream.started) {
+    return raw;
+  }
+  const Time half = stream.wrapPeriod / 2;
+  const Time distance = stream.lastRaw - raw;
+  const Time turns = distance >= 0 ? (distance + half) / stream.wrapPeriod
+                                   : -((half - distance) / stream.wrapPeriod);
+  return raw + turns * stream.wrapPeriod;
+}
+
+SourceClock::Verdict SourceClock::Judge(const Stream& stream, Time raw) const {
+  const Time usual = kBackLimit + 2 * std::max(stream.lastStep, stream.claimed);
+  const auto goesOn = [&](Time from) { return raw - from >= -kBackLimit && raw - from <= usual; };
+  const Time step = raw + stream.offset.value - stream.expected;
+  if (step >= -kBackLimit && (step <= kBackLimit || goesOn(stream.lastRaw))) {
+    return Verdict::kFollows;
+  }
+  // Without a rhythm there is nothing to doubt.
+  const bool borneOut = !forwardLimit_ || stream.lastStep <= 0 || stream.doubts >= kMostDoubts ||
+                        (stream.doubtful && goesOn(*stream.doubtful));
+  return borneOut ? Verdict::kBorneOut : Verdict::kDoubtful;
+}
+
+const SourceClock::Stream* SourceClock::Companion(const Stream& stream) const {
+  const Stream* companion = nullptr;
+  for (const Stream& other : streams_) {
+    if (&other != &stream && other.started &&
+        (companion == nullptr || other.turn > companion->turn)) {
+      companion = &other;
+    }
+  }
+  return companion;
+}
+
+bool SourceClock::JoinCompanion(Stream& stream, Time raw) {
+  const Stream* const companion = Companion(stream);
+  if (companion == nullptr || companion->offset.value == stream.offset.value) {
+    return false;
+  }
+  const Time time = raw + companion->offset.value;
+  if (std::abs(time - stream.expected) > kAdoptionLimit ||
+      std::abs(time - companion->expected) > kAdoptionLimit) {
+    return false;
+  }
+  stream.offset = companion->offset;
+  if (stream.offset.beforeGap) {
+    BelieveGap(Offset(stream.offset));
+  }
+  return true;
+}
+
+void SourceClock::BelieveGap(const Offset& gap) {
+  AddOffset(*gap.beforeGap);
+  for (Stream& stream : streams_) {
+    if (stream.offset.number == gap.number) {
+      stream.expected += newest_.value - stream.offset.value;
+      stream.offset = newest_;
+    }
+  }
+}
+
+bool SourceClock::FollowLeap(Stream& stream, Time raw) {
+  const Time step = raw + stream.offset.value - stream.expected;
+  const bool isGap = step >= -kBackLimit && (!forwardLimit_ || step <= *forwardLimit_);
+  const Stream* const companion = Companion(stream);
+  if (isGap && (companion == nullptr || !forwardLimit_)) {
+    return false;
+  }
+  if (companion != nullptr) {
+    // Beside its companion as before, it makes up for something, or has paused by itself.
+    const Time ahead = raw + stream.offset.value - companion->expected;
+    if (std::abs(ahead - stream.ahead) <= std::min(std::abs(step) / 2, kAdoptionLimit)) {
+      return false;
+    }
+  }
+  AddOffset(stream.expected - raw, isGap ? std::optional(stream.offset.value) : std::nullopt);
+  stream.offset = newest_;
+  return true;
+}
+
+SourceClock::Mapped SourceClock::Map(std::size_t index, Stamps stamps) {
+  Stream& stream = streams_.at(index);
+  if (restarting_) {
+    restarting_ = false;
+    AddOffset(end_ - origin_.value_or(0));
+    for (Stream& each : streams_) {
+      each.started = false;
+    }
+  }
+
+  const std::optional<Time> given = stamps.dts ? stamps.dts : stamps.pts;
+  Mapped mapped;
+  if (!given) {
+    mapped.dts = stream.started ? stream.expected : end_;
+  } else {
+    if (!origin_) {
+      origin_ = *given;
+      AddOffset(-*given);
+    }
+    const Time raw = Unwrap(stream, *given);
+    Verdict verdict = Verdict::kFollows;
+    if (!stream.started) {
+      stream.offset = newest_;
+    } else if (verdict = Judge(stream, raw); verdict != Verdict::kFollows) {
+      if (JoinCompanion(stream, raw)) {
+        verdict = Verdict::kFollows;
+        mapped.discontinuity = true;
+      } else if (verdict == Verdict::kBorneOut) {
+        mapped.discontinuity = FollowLeap(stream, raw);
+      }
+    }
+    mapped.dts = verdict == Verdict::kDoubtful ? stream.expected : raw + stream.offset.value;
+    if (stamps.pts) {
+      // The presentation time stays as far from the decoding time as the source has it, a wrap
+      // between the two undone.
+      Time ahead = *stamps.pts - *given;
+      if (stream.wrapPeriod > 0) {
+        ahead -= static_cast<Time>(std::llround(static_cast<double>(ahead) /
+                                                static_cast<double>(stream.wrapPeriod))) *
+                 stream.wrapPeriod;
+      }
+      // Damaged stamps would throw the picture, and all that follow it, to anywhere.
+      const Time rhythm = stream.lastStep > 0 ? stream.lastStep : stamps.duration;
+      const Time most = rhythm > 0 ? std::max(kMostPicturesAhead * rhythm, kBackLimit) : kMostAhead;
+      if (ahead >= -kBackLimit && ahead <= most) {
+        mapped.pts = mapped.dts + ahead;
+      }
+    }
+    if (verdict == Verdict::kDoubtful) {
+      stream.doubtful = raw;
+      ++stream.doubts;
+    } else {
+      if (verdict == Verdict::kBorneOut && stream.doubtful) {
+        stream.lastStep = std::max<Time>(raw - *stream.doubtful, 0);
+      } else if (stream.started && !mapped.discontinuity && stream.doubts == 0) {
+        stream.lastStep = std::max<Time>(raw - stream.lastRaw, 0);
+      }
+      if (const Stream* const companion = Companion(stream)) {
+        stream.ahead = mapped.dts - companion->expected;
+      }
+      stream.lastRaw = raw;
+      stream.doubtful.reset();
+      stream.doubts = 0;
+    }
+  }
+  stream.started = stream.started || given.has_value();
+  // A damaged header says anything about durations, too.
+  const bool isPlausible =
+      stamps.duration > 0 && (stream.lastStep <= 0 || stamps.duration <= 2 * stream.lastStep);
+  stream.expected = mapped.dts + (isPlausible ? stamps.duration : stream.lastStep);
+  stream.claimed = stamps.duration;
+  stream.turn = ++turn_;
+  end_ = std::max(end_, mapped.pts.value_or(mapped.dts) +
+                            (stamps.duration > 0 ? stamps.duration : stream.lastStep));
+  return mapped;
+}
+
+}  // namespace host

@@ -1,0 +1,99 @@
+#include "host/channel/source/stream_decoder.h"
+
+#include <new>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+}
+
+#include "host/ffmpeg/error.h"
+#include "host/units.h"
+
+namespace host {
+namespace {
+
+// A damaged header may ask for pictures of any size: nothing beyond 8K gets memory.
+constexpr std::int64_t kMostPixels = std::int64_t{8192} * 4352;
+
+}  // namespace
+
+StreamDecoder::StreamDecoder(const AVStream& stream, int threads) {
+  const AVCodec* decoder = avcodec_find_decoder(stream.codecpar->codec_id);
+  if (decoder == nullptr) {
+    throw ffmpeg::Error(AVERROR_DECODER_NOT_FOUND, "cannot decode",
+                        avcodec_get_name(stream.codecpar->codec_id));
+  }
+  codec_.reset(avcodec_alloc_context3(decoder));
+  if (!codec_) {
+    throw std::bad_alloc();
+  }
+  ffmpeg::Check(avcodec_parameters_to_context(codec_.get(), stream.codecpar), "cannot decode",
+                decoder->name);
+  codec_->pkt_timebase = AVRational{1, static_cast<int>(kSecond)};
+  codec_->thread_count = threads;
+  codec_->max_pixels = kMostPixels;
+  ffmpeg::Check(avcodec_open2(codec_.get(), decoder, nullptr), "cannot start the decoder",
+                decoder->name);
+}
+
+StreamDecoder::~StreamDecoder() = default;
+
+bool StreamDecoder::Fits(const AVStream& stream) const {
+  return stream.codecpar->codec_id == codec_->codec_id;
+}
+
+void StreamDecoder::CountDamage() {
+  ++damagedPackets_;
+  ++damagedInARow_;
+}
+
+void StreamDecoder::Receive(const FrameSink& sink) {
+  // One packet can be damaged in several places, with good frames between them.
+  constexpr int kMostErrors = 64;
+  for (int errors = 0; errors < kMostErrors;) {
+    ffmpeg::Frame frame = ffmpeg::MakeFrame();
+    const int result = avcodec_receive_frame(codec_.get(), frame.get());
+    if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) {
+      return;
+    }
+    if (result == AVERROR(ENOMEM)) {
+      throw std::bad_alloc();
+    }
+    if (result < 0) {
+      CountDamage();
+      ++errors;
+      continue;
+    }
+    gaveFrames_ = true;
+    damagedInARow_ = 0;
+    sink(std::move(frame));
+  }
+}
+
+void StreamDecoder::Decode(const AVPacket& packet, const FrameSink& sink) {
+  int result = avcodec_send_packet(codec_.get(), &packet);
+  if (result == AVERROR(EAGAIN)) {
+    // Not taken before the frames that are ready are fetched.
+    Receive(sink);
+    result = avcodec_send_packet(codec_.get(), &packet);
+  }
+  if (result == AVERROR(ENOMEM)) {
+    throw std::bad_alloc();
+  }
+  if (result < 0) {
+    CountDamage();
+  }
+  Receive(sink);
+}
+
+void StreamDecoder::Drain(const FrameSink& sink) {
+  avcodec_send_packet(codec_.get(), nullptr);
+  Receive(sink);
+}
+
+void StreamDecoder::Reset() {
+  avcodec_flush_buffers(codec_.get());
+}
+
+}  // namespace host

@@ -1,0 +1,109 @@
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+}
+
+#include "host/channel/sound/audio_road.h"
+#include "tests/host/clips.h"
+#include "tests/support/temporary_folder.h"
+
+namespace host {
+namespace {
+
+using testing::HasSubstr;
+
+// A clip with sound of this kind, read whole through a road.
+class AudioRoadTest : public testing::Test {
+ protected:
+  std::vector<AudioPacket> Take(const std::string& codec, const std::string& extension,
+                                const std::string& rate = "48000") {
+    ClipRecipe recipe = SmallClip();
+    recipe.pictures.clear();
+    recipe.sound = "sine=frequency=440:sample_rate=" + rate + ",aformat=channel_layouts=stereo";
+    recipe.audioCodec = codec;
+    recipe.language = "deu";
+    const auto file = folder_ / (codec + rate + extension);
+    MediaReader reader(Source(Write(recipe, file)));
+    reader.Open();
+    AudioRoad road(track_, "eng", [this](const std::string& what) { said_.push_back(what); });
+    road.Announce(reader.audioParameters(), &*reader.info().audio);
+    std::vector<AudioPacket> packets;
+    const auto sink = [&](AudioPacket packet) {
+      packets.push_back(std::move(packet));
+      return true;
+    };
+    source_ = 0;
+    for (;;) {
+      MediaItem item = reader.Read();
+      if (auto* const packet = std::get_if<AudioPacket>(&item)) {
+        ++source_;
+        road.Take(std::move(*packet), *reader.audioParameters(), *reader.info().audio, sink);
+      } else if (const auto* const samples = std::get_if<AudioSamples>(&item)) {
+        road.Take(*samples, sink);
+      } else if (std::holds_alternative<EndOfMedia>(item)) {
+        road.Finish(sink);
+        return packets;
+      }
+    }
+  }
+
+  const TemporaryFolder folder_;
+  std::shared_ptr<AudioTrack> track_ = std::make_shared<AudioTrack>();
+  std::vector<std::string> said_;
+  std::size_t source_ = 0;  // packets of the source
+};
+
+TEST_F(AudioRoadTest, PassesWhatFitsAndTellsTheFormatWithItsLanguage) {
+  const auto packets = Take("mp2", ".ts");
+  EXPECT_EQ(packets.size(), source_);
+  EXPECT_THAT(said_, testing::IsEmpty());
+  ASSERT_EQ(track_->state(), AudioTrack::State::kSettled);
+  EXPECT_EQ(track_->format()->parameters->codec_id, AV_CODEC_ID_MP2);
+  EXPECT_EQ(track_->format()->language, "deu");
+  EXPECT_EQ(packets[0].format, track_->format());
+}
+
+TEST_F(AudioRoadTest, FramedAacBringsItsConfigAlong) {
+  const auto packets = Take("aac", ".ts");
+  EXPECT_EQ(packets.size(), source_);
+  EXPECT_TRUE(track_->format()->framed);
+  EXPECT_GE(track_->format()->parameters->extradata_size, 2);
+}
+
+TEST_F(AudioRoadTest, EncodesOtherKindsWithoutAGapOrAnOverlap) {
+  const auto packets = Take("libopus", ".mkv");
+  ASSERT_THAT(said_, testing::ElementsAre(HasSubstr("is encoded for the outputs (aac")));
+  ASSERT_GT(packets.size(), 40U);
+  for (std::size_t i = 1; i < packets.size(); ++i) {
+    EXPECT_NEAR(static_cast<double>(packets[i].start),
+                static_cast<double>(packets[i - 1].start + packets[i - 1].duration), 10.0);
+  }
+  EXPECT_NEAR(static_cast<double>(packets.back().start), 1.0 * kSecond, 0.05 * kSecond);
+}
+
+TEST_F(AudioRoadTest, EncodesIntoTheTrackWhenTheSourceComesBackInAnotherForm) {
+  ASSERT_EQ(Take("ac3", ".mkv").size(), source_);
+  const auto format = track_->format();
+  for (const auto& [codec, rate] : {std::pair{"aac", "44100"}, {"mp2", "48000"}}) {
+    const auto packets = Take(codec, ".mkv", rate);
+    ASSERT_GT(packets.size(), 25U);
+    EXPECT_EQ(track_->format(), format) << "a track keeps its format";
+    for (const AudioPacket& packet : packets) {
+      EXPECT_EQ(packet.format, format);
+      EXPECT_EQ(packet.packet->data[0], 0x0B) << "the sync word of AC-3";
+      EXPECT_EQ(packet.packet->data[1], 0x77);
+    }
+  }
+  EXPECT_THAT(said_, testing::ElementsAre(HasSubstr("(aac, 44100 Hz, 2 channels) is encoded"),
+                                          HasSubstr("(mp2, 48000 Hz, 2 channels) is encoded")));
+  said_.clear();
+  EXPECT_EQ(Take("ac3", ".ts").size(), source_) << "in its first form it passes again";
+  EXPECT_THAT(said_, testing::IsEmpty());
+}
+
+}  // namespace
+}  // namespace host

@@ -1,0 +1,132 @@
+// A transport stream that is fed in pieces, whole and damaged.
+#include "host/channel/source/program_map_watch.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <random>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+extern "C" {
+#include <libavutil/crc.h>
+}
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+constexpr int kMapPid = 0x1000;
+constexpr int kVideoPid = 0x100;
+constexpr int kAudioPid = 0x101;
+constexpr std::uint8_t kMpeg2 = 0x02;
+constexpr std::uint8_t kH264 = 0x1B;
+constexpr std::uint8_t kPrivate = 0x06;
+
+std::uint8_t Low(std::size_t value) {
+  return static_cast<std::uint8_t>(value & 0xFF);
+}
+
+Bytes Section(std::uint8_t table, const Bytes& body) {
+  const std::size_t length = 5 + body.size() + 4;
+  Bytes section{table, Low(0xB0 | length >> 8), Low(length), 0, 1, 0xC1, 0, 0};
+  section.insert(section.end(), body.begin(), body.end());
+  const std::uint32_t crc =
+      av_crc(av_crc_get_table(AV_CRC_32_IEEE), ~0U, section.data(), section.size());
+  for (unsigned shift = 0; shift < 32; shift += 8) {
+    section.push_back(Low(crc >> shift));
+  }
+  return section;
+}
+
+// The section in as many transport packets as it needs.
+Bytes Packets(int pid, const Bytes& section) {
+  Bytes payload{0};
+  payload.insert(payload.end(), section.begin(), section.end());
+  Bytes packets;
+  for (std::size_t at = 0; at < payload.size(); at += 184) {
+    packets.insert(packets.end(),
+                   {0x47, Low((at == 0 ? 0x40U : 0U) | static_cast<unsigned>(pid) >> 8),
+                    Low(static_cast<unsigned>(pid)), 0x10});
+    for (std::size_t i = at; i < at + 184; ++i) {
+      packets.push_back(i < payload.size() ? payload[i] : 0xFF);
+    }
+  }
+  return packets;
+}
+
+Bytes Association() {
+  return Packets(0, Section(0, {0, 1, 0xE0 | kMapPid >> 8, Low(kMapPid)}));
+}
+
+// descriptors: of the sound; padding: bytes of a descriptor of the program that says nothing.
+Bytes Map(std::uint8_t video, std::uint8_t audio, const Bytes& descriptors = {},
+          std::uint8_t padding = 0) {
+  Bytes body{0xE1, 0x00, 0xF0, Low(2U + padding), 0x0A, padding};
+  body.insert(body.end(), padding, 0);
+  body.insert(body.end(), {video, 0xE1, 0x00, 0xF0, 0});
+  body.insert(body.end(), {audio, 0xE1, 0x01, 0xF0, Low(descriptors.size())});
+  body.insert(body.end(), descriptors.begin(), descriptors.end());
+  return Packets(kMapPid, Section(2, body));
+}
+
+Bytes Join(std::initializer_list<Bytes> parts) {
+  Bytes all;
+  for (const Bytes& part : parts) {
+    all.insert(all.end(), part.begin(), part.end());
+  }
+  return all;
+}
+
+TEST(ProgramMapWatch, TellsTheStreamThatGoesOnInAnotherFormHoweverTheBytesAreCut) {
+  const Bytes stream = Join({Association(), Map(kMpeg2, 0x0F, {}, 200), Map(kMpeg2, 0x0F, {}, 200),
+                             Association(), Map(kH264, 0x0F, {}, 200)});
+  for (const std::size_t piece : {1U, 7U, 188U, 189U, 1316U, 10'000U}) {
+    host::ProgramMapWatch watch;
+    for (std::size_t at = 0; at < stream.size(); at += piece) {
+      EXPECT_FALSE(watch.HasChanged(kVideoPid)) << "before the map was whole, at " << at;
+      watch.Feed({stream.data() + at, std::min(piece, stream.size() - at)});
+    }
+    EXPECT_TRUE(watch.HasChanged(kVideoPid)) << piece;
+    EXPECT_FALSE(watch.HasChanged(kAudioPid)) << piece;
+  }
+}
+
+TEST(ProgramMapWatch, KnowsPrivateDataByTheDescriptorThatNamesItsCodec) {
+  const Bytes language{0x0A, 4, 'e', 'n', 'g', 0};
+  const Bytes ac3{0x6A, 1, 0};
+  const Bytes eac3{0x7A, 1, 0};
+  host::ProgramMapWatch watch;
+  watch.Feed(Join(
+      {Association(), Map(kH264, kPrivate, ac3), Map(kH264, kPrivate, Join({language, ac3}))}));
+  EXPECT_FALSE(watch.HasChanged(kAudioPid)) << "another language is the same codec";
+  watch.Feed(Map(kH264, kPrivate, eac3));
+  EXPECT_TRUE(watch.HasChanged(kAudioPid));
+}
+
+TEST(ProgramMapWatch, BelievesNothingThatIsDamagedOrNoTransportStream) {
+  host::ProgramMapWatch watch;
+  watch.Feed(Join({Association(), Map(kMpeg2, 0x0F)}));
+  const Bytes changed = Map(kH264, 0x0F);
+  // Each byte of the section damaged, its CRC's too.
+  for (std::size_t i = 5; i < 30; ++i) {
+    Bytes damaged = changed;
+    damaged[i] ^= 0x55;
+    watch.Feed(damaged);
+    ASSERT_FALSE(watch.HasChanged(kVideoPid)) << "byte " << i;
+  }
+  std::mt19937 random(5);
+  for (int round = 0; round < 2000; ++round) {
+    Bytes noise(1 + random() % 400);
+    for (std::uint8_t& byte : noise) {
+      byte = random() % 4 == 0 ? 0x47 : Low(random());
+    }
+    watch.Feed(noise);
+  }
+  EXPECT_FALSE(watch.HasChanged(kVideoPid));
+  // It finds the packets again: the first ones may be taken for the rest of the noise.
+  watch.Feed(Join({changed, changed, changed, changed}));
+  EXPECT_TRUE(watch.HasChanged(kVideoPid));
+}
+
+}  // namespace
