@@ -109,8 +109,9 @@ void RtpReceiver::Release(Clock::time_point now) {
 
 RtpReceiver::Bytes RtpReceiver::FromAnother(const Packet& packet) {
   if (!candidate_ || candidate_->sender != packet.sender || candidate_->next != packet.number) {
-    candidate_.emplace(packet.sender, static_cast<std::uint16_t>(packet.number + 1),
-                       std::vector<std::uint8_t>(packet.payload.begin(), packet.payload.end()));
+    candidate_ = Candidate{packet.sender,
+                           static_cast<std::uint16_t>(packet.number + 1),
+                           {packet.payload.begin(), packet.payload.end()}};
     return {};
   }
   for (const auto& [position, held] : held_) {
