@@ -275,6 +275,38 @@ TEST_F(IngestTest, ASenderWhoseClockIsFastIsFollowedAndNotWaitedFor) {
   EXPECT_THAT(wall_.channels().States("channel"), testing::ElementsAre("live"));
 }
 
+// It is not to be read further: that would fail again, at once and for ever.
+TEST_F(IngestTest, ASenderThatReturnsFromSilenceInAnotherFormIsOpenedAgain) {
+  const std::string silence;
+  host::ClipRecipe other = Recipe(2 * kSecond);
+  other.videoCodec = "mpeg2video";
+  other.videoOptions = {{"g", "10"}};
+  host::WriteClip(other, folder_ / "other.ts");
+  const std::string otherForm = ReadFile(folder_ / "other.ts");
+  e2e::PacedSender sender(TransportStream(folder_, "first"), kClipLength, 1.0);
+  host::MediaReader::Settings settings;
+  settings.source = sender.url();
+  settings.readLimit = milliseconds(500);
+  host::MediaReader reader(settings);
+  reader.Open();
+  const auto failure = [&] {
+    for (int items = 0; items < 1000; ++items) {
+      try {
+        reader.Read();
+      } catch (const host::MediaError& error) {
+        return error.reason();
+      }
+    }
+    return std::string("none");
+  };
+  sender.SendFromNowOn(silence);
+  EXPECT_EQ(failure(), "no data for 0.5 s");
+  EXPECT_TRUE(reader.canGoOn());
+  sender.SendFromNowOn(otherForm);
+  EXPECT_EQ(failure(), "its video has changed its form");
+  EXPECT_FALSE(reader.canGoOn());
+}
+
 TEST_F(IngestTest, ARtpSenderThatBeginsAnewInterruptsNothing) {
   e2e::PacedSender sender(TransportStream(folder_, "rtp"), kClipLength, 1.0,
                           e2e::PacedSender::Framing::kRtp);

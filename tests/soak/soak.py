@@ -322,8 +322,8 @@ class Script(threading.Thread):
         self.back(kind, length)
 
     def away(self):
-        # Longer than reading may take and the picture is held: lost, and opened again.
-        self.kill("away", self.random.uniform(6, 9))
+        # Longer than reading may take and the picture is held: lost; and back with something else.
+        self.kill("away", self.random.uniform(6, 9), self.random.choice(MOVING))
 
     def stall(self):
         length = self.random.uniform(0.5, 5)

@@ -63,7 +63,7 @@ class MediaReader {
   MediaItem Read();
   // After a failure of Read: nothing came for the read limit, but there is no connection that could
   // have broken, and a sender that returns is heard sooner by going on than by opening again.
-  bool canGoOn() const { return silences_ > 0 && silences_ <= kMostSilences; }
+  bool canGoOn() const { return canGoOn_; }
   void Cancel() { deadline_.Cancel(); }
 
   // What follows is valid after Open.
@@ -142,8 +142,9 @@ class MediaReader {
   std::optional<Track> audio_;
   std::map<int, StreamDecoder> awaited_;  // by index: streams of a kind that has no track
   std::deque<MediaItem> ready_;           // what one packet gave, at most
-  int silences_ = 0;                      // read limits in a row without data, of datagrams only
-  unsigned knownStreams_ = 0;             // when the source was opened
+  bool canGoOn_ = false;
+  int silences_ = 0;           // read limits in a row without data, of datagrams only
+  unsigned knownStreams_ = 0;  // when the source was opened
   bool gaveInPass_ = false;
   bool ended_ = false;
   std::uint64_t repeats_ = 0;

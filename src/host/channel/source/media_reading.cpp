@@ -40,6 +40,7 @@ void MediaReader::ReadPacket() {
   if (deadline_.cancelled()) {
     Fail(AVERROR_EXIT, false);
   }
+  canGoOn_ = false;
   ffmpeg::Packet packet = ffmpeg::MakePacket();
   deadline_.Arm(settings_.readLimit);
   const int result = av_read_frame(input_.get(), packet.get());
@@ -63,6 +64,7 @@ void MediaReader::ReadPacket() {
   if (wasEnded && !deadline_.cancelled() && isDatagrams) {
     connection_->Resume();
     ++silences_;
+    canGoOn_ = silences_ <= kMostSilences;
     Fail(result, false);
   }
   silences_ = 0;
