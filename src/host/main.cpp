@@ -13,10 +13,12 @@
 #include "host/cli/show_log.h"
 #include "host/ffmpeg/log.h"
 #include "platform/os/console.h"
+#include "platform/os/heap.h"
 
 int main(int argc, char** argv) {
   using namespace host::cli;
   constexpr int kErrors = 2;
+  os::KeepLargeBlocksOutOfHeap();
   // What FFmpeg finds wrong is in our own messages.
   host::ffmpeg::RouteLog(host::ffmpeg::LogLevel::kError, {});
   Program program({std::cout, std::cerr, os::IsTerminal(kErrors), os::Console().HasColour()});
