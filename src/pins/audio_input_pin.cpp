@@ -91,6 +91,7 @@ void CComposeInputAudioCompressedPin::NoteActivity() {
 
 HRESULT CComposeInputAudioCompressedPin::OnReceive(IMediaSample* sample) {
   NoteActivity();
+  // NOLINTNEXTLINE(bugprone-parent-virtual-call): the direct base's Receive is what calls this
   HRESULT hr = CBaseInputPin::Receive(sample);
   if (hr != S_OK) {
     return hr;

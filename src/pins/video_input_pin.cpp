@@ -46,6 +46,7 @@ HRESULT CComposeInputVideoPin::GetAllocatorRequirements(ALLOCATOR_PROPERTIES* pr
 
 HRESULT CComposeInputVideoPin::NotifyAllocator(IMemAllocator* allocator, BOOL readOnly) {
   // The demands are negotiated here rather than checked by the direct base.
+  // NOLINTNEXTLINE(bugprone-parent-virtual-call)
   const HRESULT noted = CBaseInputPin::NotifyAllocator(allocator, readOnly);
   if (allocator == nullptr) {
     return noted;

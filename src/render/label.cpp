@@ -1,6 +1,7 @@
 #include "render/label.h"
 
 #include <algorithm>
+#include <cmath>
 #include <limits>
 
 #include "util/text_codecs.h"
@@ -16,14 +17,14 @@ bool IsInt32(std::int64_t value) {
 
 std::int32_t LabelFontSize(std::int32_t canvasHeight) {
   const double size = canvasHeight * 16.0 / 1080.0;
-  return static_cast<std::int32_t>(std::clamp(size, 8.0, 48.0) + 0.5);
+  return static_cast<std::int32_t>(std::floor(std::clamp(size, 8.0, 48.0) + 0.5));
 }
 
 std::optional<LabelRect> LabelRectOf(const WindowState& window, std::int32_t canvasHeight) {
   const std::int32_t size = LabelFontSize(canvasHeight);
   const std::int64_t right = std::int64_t{window.x} + window.w;
   const std::int64_t top = std::int64_t{window.y} + window.h + size / 4;
-  const std::int64_t bottom = top + 4 * size;
+  const std::int64_t bottom = top + std::int64_t{4} * size;
   if (!IsInt32(right) || !IsInt32(top) || !IsInt32(bottom)) {
     return std::nullopt;
   }

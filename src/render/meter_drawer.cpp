@@ -214,7 +214,7 @@ void MeterDrawer::DrawInStrips(const MeterPanel& panel, std::span<const float> l
     left += panel.barWidth + panel.gap;
   }
 
-  const std::int64_t row = panel.y + 2 * strips.FirstPair();
+  const std::int64_t row = panel.y + std::int64_t{2} * strips.FirstPair();
   const std::ptrdiff_t chroma = row / 2 * canvas.ChromaWidth() + panel.x / 2;
   kernels::BarRun run{};
   strips.Describe(run);

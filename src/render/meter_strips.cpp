@@ -93,7 +93,8 @@ void StripTable::AddStrip(std::int32_t column, std::int32_t firstOwn, std::int32
       for (std::int32_t bar = 0; bar < 2 && strip.firstBar + bar < channels; ++bar) {
         if (at == left(strip.firstBar + bar) || at == right(strip.firstBar + bar)) {
           strip.lumaKept[lane] = kKeepEdge;
-          strip.lumaBars[2 * lane] = Pick(bar, offsetof(kernels::BarPair, luma), row);
+          strip.lumaBars[std::ptrdiff_t{2} * lane] =
+              Pick(bar, offsetof(kernels::BarPair, luma), row);
         }
       }
     }
@@ -111,8 +112,8 @@ void StripTable::AddStrip(std::int32_t column, std::int32_t firstOwn, std::int32
       for (const auto& [lane, member] : {std::pair{i, offsetof(kernels::BarPair, v)},
                                          {i + kColumns / 2, offsetof(kernels::BarPair, u)}}) {
         strip.chromaKept[lane] = kKeepEdge;
-        strip.upperBars[2 * lane] = Pick(bar, member, 0);
-        strip.lowerBars[2 * lane] = Pick(bar, member, 1);
+        strip.upperBars[std::ptrdiff_t{2} * lane] = Pick(bar, member, 0);
+        strip.lowerBars[std::ptrdiff_t{2} * lane] = Pick(bar, member, 1);
       }
     }
   }

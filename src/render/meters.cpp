@@ -113,7 +113,7 @@ std::int32_t MeterRows(float value, std::int32_t length) {
   // Comparisons with what is not a number fail: it counts as silence.
   const float clamped = value > 0.0f ? std::min(value, 1.0f) : 0.0f;
   const float decibels = std::clamp(20.0f * std::log10(clamped), -50.0f, 0.0f);
-  return static_cast<std::int32_t>((double{decibels} + 50.0) / 50.0 * length + 0.5);
+  return static_cast<std::int32_t>(std::floor((double{decibels} + 50.0) / 50.0 * length + 0.5));
 }
 
 void DrawMeterBars(const MeterPanel& panel, std::span<const float> levels,

@@ -17,8 +17,9 @@ RegisteredFilter ReadFilter(const os::RegistryTree& tree, const std::string& gui
   filter.name = tree.Get(key, "").value_or("");
   const std::string merit = tree.Get(key, "Merit").value_or("0");
   std::from_chars(merit.data(), merit.data() + merit.size(), filter.merit);
-  filter.library =
-      tree.Get(std::string(kClassesKey) + "\\" + guid + "\\" + kServerKey, "").value_or("");
+  std::string server(kClassesKey);
+  server.append("\\").append(guid).append("\\").append(kServerKey);
+  filter.library = tree.Get(server, "").value_or("");
   for (const std::string& number : tree.Subkeys(key)) {
     const std::string pinKey = key + "\\" + number;
     filter.pins.push_back({tree.Get(pinKey, "").value_or(""),

@@ -32,7 +32,7 @@ void KeepModuleLoaded(const void* address) {
 std::shared_ptr<Module> Module::Load(const std::string& path) {
   void* const handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (handle == nullptr) {
-    const char* const reason = dlerror();
+    const char* const reason = dlerror();  // NOLINT(concurrency-mt-unsafe): one for each thread
     throw std::runtime_error("cannot load " + path + ": " +
                              (reason != nullptr ? reason : "unknown reason"));
   }

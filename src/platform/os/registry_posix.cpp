@@ -198,6 +198,7 @@ Registry::Registry(std::filesystem::path file) : file_(std::move(file)) {}
 
 Registry Registry::OfUser() {
   const auto variable = [](const char* name) -> std::string {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody changes the environment
     const char* const value = std::getenv(name);
     return value != nullptr ? value : "";
   };

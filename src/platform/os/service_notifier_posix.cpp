@@ -12,9 +12,11 @@
 namespace os {
 
 ServiceNotifier ServiceNotifier::FromEnvironment() {
+  // NOLINTBEGIN(concurrency-mt-unsafe): nobody changes the environment
   const char* const address = std::getenv("NOTIFY_SOCKET");
   const char* const period = std::getenv("WATCHDOG_USEC");
   const char* const process = std::getenv("WATCHDOG_PID");
+  // NOLINTEND(concurrency-mt-unsafe)
   std::optional<std::chrono::microseconds> watchdog;
   // The variables may have come down from a parent that is the one to be watched.
   const bool isMeant = process == nullptr || std::strtol(process, nullptr, 10) == ::getpid();

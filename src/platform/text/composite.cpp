@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstring>
 
 namespace os {
@@ -172,7 +173,7 @@ void CompositeColour(PixelRows<const std::uint8_t> premultiplied, std::uint8_t o
     std::uint8_t* const to = target.Row(y);
     for (int x = bounds.left; x < bounds.right; ++x) {
       std::uint32_t native = 0;
-      std::memcpy(&native, from + x * 4, 4);
+      std::memcpy(&native, from + std::ptrdiff_t{4} * x, 4);
       BgraPixel colour = ToBgra(native);
       const std::uint32_t alpha = colour[3];
       for (std::size_t i = 0; alpha != 0 && i < 3; ++i) {
@@ -180,7 +181,7 @@ void CompositeColour(PixelRows<const std::uint8_t> premultiplied, std::uint8_t o
             static_cast<std::uint8_t>(std::min((colour[i] * 255U + alpha / 2) / alpha, 255U));
       }
       const BgraPixel result = CompositePixel(under, colour, opacity);
-      std::memcpy(to + x * 4, result.data(), 4);
+      std::memcpy(to + std::ptrdiff_t{4} * x, result.data(), 4);
     }
   }
 }

@@ -1,6 +1,7 @@
 #include "platform/text/drawing_surface.h"
 
 #include <algorithm>
+#include <cstddef>
 
 namespace os {
 
@@ -34,9 +35,9 @@ PixelBounds DrawingSurface::FindInk() const {
 
 void DrawingSurface::Clear(const PixelBounds& ink) {
   for (int y = ink.top; y < ink.bottom; ++y) {
-    std::fill_n(
-        bytes_.data() + static_cast<std::ptrdiff_t>(y) * stride_ + ink.left * BytesPerPixel(),
-        (ink.right - ink.left) * BytesPerPixel(), std::uint8_t{0});
+    const std::ptrdiff_t left = std::ptrdiff_t{ink.left} * BytesPerPixel();
+    std::fill_n(bytes_.data() + std::ptrdiff_t{y} * stride_ + left,
+                (ink.right - ink.left) * BytesPerPixel(), std::uint8_t{0});
   }
 }
 

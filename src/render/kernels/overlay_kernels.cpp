@@ -303,7 +303,7 @@ TAVREL_INLINE void ConvertCoverageStrip(const CoverageBitmap& bitmap, const OneC
     std::uint8_t* __restrict const secondChroma = to.secondChroma + at;
     std::uint8_t* __restrict const chromaAlpha = to.chromaAlpha + at;
     for (std::int32_t j = 0; j < count / 2; ++j) {
-      const std::uint16_t sum = sums[static_cast<std::size_t>(2 * j)];
+      const std::uint16_t sum = sums[std::size_t{2} * static_cast<std::size_t>(j)];
       firstChroma[j] = sum == 0 ? 128 : colour.firstChroma;
       secondChroma[j] = sum == 0 ? 128 : colour.secondChroma;
       chromaAlpha[j] = static_cast<std::uint8_t>(static_cast<std::uint16_t>(sum + 10) / 20);

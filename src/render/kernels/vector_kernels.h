@@ -143,6 +143,7 @@ TAVREL_INLINE void NarrowRows(std::uint8_t* to, std::ptrdiff_t stride, std::int3
 template <int kVector, typename Operation>
 TAVREL_INLINE void ForRows(std::uint8_t* to, std::ptrdiff_t stride, std::int32_t columns,
                            std::int32_t rows, Operation operation) {
+  // NOLINTNEXTLINE(bugprone-branch-clone): alike where the vectors have 16 bytes
   if (columns >= kVector) {
     WideRows<kVector>(to, stride, columns, rows, operation);
   } else if (columns >= 16) {
