@@ -21,7 +21,8 @@ RegisteredFilter ReadFilter(const os::RegistryTree& tree, const std::string& gui
   server.append("\\").append(guid).append("\\").append(kServerKey);
   filter.library = tree.Get(server, "").value_or("");
   for (const std::string& number : tree.Subkeys(key)) {
-    const std::string pinKey = key + "\\" + number;
+    std::string pinKey = key;
+    pinKey.append("\\").append(number);
     filter.pins.push_back({tree.Get(pinKey, "").value_or(""),
                            tree.Get(pinKey, "Direction") == "output",
                            tree.Get(pinKey, "Many") == "1"});
