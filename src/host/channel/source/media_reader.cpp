@@ -24,11 +24,6 @@ constexpr Time kDefaultPictureDuration = 400'000;
 // A longer step forwards in a source whose stamps are known to jump is no gap.
 constexpr Time kLongestGap = 10 * kSecond;
 
-// Sound of which nothing has come yet that would show its form.
-bool IsAnnouncedOnly(const AVStream& stream) {
-  return stream.codecpar->codec_type == AVMEDIA_TYPE_AUDIO && stream.codecpar->sample_rate <= 0;
-}
-
 std::string Seconds(std::chrono::milliseconds limit) {
   std::string text = std::to_string(limit.count() / 1000);
   if (limit.count() % 1000 != 0) {
@@ -196,6 +191,12 @@ void MediaReader::StartTrack(std::optional<Track>& track, int streamIndex, std::
   stream.discard = AVDISCARD_DEFAULT;
 }
 
+// Sound of a live source of which nothing has come yet that would show its form.
+bool MediaReader::IsAwaited(const AVStream& stream) const {
+  return info_.pace != Pace::kStored && stream.codecpar->codec_type == AVMEDIA_TYPE_AUDIO &&
+         stream.codecpar->sample_rate <= 0;
+}
+
 void MediaReader::ChooseTracks() {
   info_ = DescribeMedia(*input_);
   knownStreams_ = input_->nb_streams;
@@ -227,9 +228,7 @@ void MediaReader::ChooseTracks() {
   if (settings_.wantAudio && settings_.audioTrack > info_.audioTracks.size()) {
     info_.noAudioReason = "it has no audio track " + std::to_string(settings_.audioTrack) +
                           " (of " + std::to_string(info_.audioTracks.size()) + ")";
-  } else if (settings_.wantAudio && audio >= 0 && IsAnnouncedOnly(*input_->streams[audio])) {
-    info_.noAudioReason = "its sound has not begun";
-  } else if (settings_.wantAudio && audio >= 0) {
+  } else if (settings_.wantAudio && audio >= 0 && !IsAwaited(*input_->streams[audio])) {
     StartTrack(audio_, audio, info_.noAudioReason);
     if (audio_) {
       info_.noAudioReason.clear();
@@ -239,8 +238,9 @@ void MediaReader::ChooseTracks() {
   }
 
   for (unsigned i = 0; i < input_->nb_streams && settings_.wantAudio && !audio_; ++i) {
-    if (IsAnnouncedOnly(*input_->streams[i])) {
+    if (IsAwaited(*input_->streams[i])) {
       input_->streams[i]->discard = AVDISCARD_DEFAULT;
+      info_.noAudioReason = "its sound has not begun";
     }
   }
 

@@ -106,6 +106,7 @@ class MediaReader {
   void OpenInput(AVIOContext* io, ffmpeg::Options& options);
   void SetOptions(ffmpeg::Options& options, const SourceAddress::Options& wanted) const;
   std::optional<ffmpeg::TappedInput::Bytes> Tap(ffmpeg::TappedInput::Bytes bytes);
+  bool IsAwaited(const AVStream& stream) const;
   void ChooseTracks();
   void StartTrack(std::optional<Track>& track, int streamIndex, std::string& whyNot);
   void ReadPacket();

@@ -54,7 +54,7 @@ RtpReceiver::Bytes RtpReceiver::Take(Bytes datagram, Clock::time_point now) {
   }
   const std::optional<Packet> packet = IsControl(datagram) ? std::nullopt : Parse(datagram);
   if (!packet) {
-    others_ += IsControl(datagram) ? 0 : 1;
+    others_ += IsControl(datagram) || carriesOther() || next_.has_value() ? 0 : 1;
     return {};
   }
   out_.clear();

@@ -415,6 +415,8 @@ TEST(MediaReader, FailsForReopeningWhenSoundBegins) {
     reader.Open();
     pipe.Close();
     EXPECT_FALSE(reader.info().audio.has_value());
+    EXPECT_EQ(reader.info().noAudioReason,
+              stream.starts_with(alone) ? "it has no audio" : "its sound has not begun");
     try {
       ReadAll(reader);
       ADD_FAILURE() << "stays mute";
