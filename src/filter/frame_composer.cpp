@@ -15,13 +15,6 @@ LONG MakeEven(LONG position) {
   return position / 2 * 2;
 }
 
-// A sample's type, when it carries one. Throws when the sample cannot tell.
-OwnedMediaType TypeOf(IMediaSample* sample) {
-  AM_MEDIA_TYPE* type = nullptr;
-  ThrowIfFailed(sample->GetMediaType(&type));
-  return OwnedMediaType(type);
-}
-
 // The sample's buffer, when it holds a whole picture of that size; null otherwise.
 BYTE* PictureOf(IMediaSample* sample, LONG width, LONG height) {
   BYTE* picture = nullptr;
@@ -116,7 +109,10 @@ void FrameComposer::FollowInputs() {
 }
 
 void FrameComposer::NoteBackgroundType(IMediaSample* sample) {
-  const OwnedMediaType carried = TypeOf(sample);
+  // Throws when the sample cannot tell its type.
+  AM_MEDIA_TYPE* own = nullptr;
+  ThrowIfFailed(sample->GetMediaType(&own));
+  const OwnedMediaType carried(own);
   if (carried == nullptr) {
     return;
   }
@@ -186,7 +182,9 @@ void FrameComposer::ChoosePictures(REFERENCE_TIME frameTime) {
 }
 
 void FrameComposer::TakeFormat(Input& input, IMediaSample* sample) {
-  const OwnedMediaType carried = TypeOf(sample);
+  AM_MEDIA_TYPE* own = nullptr;
+  ThrowIfFailed(input.pins->video->ReadSampleType(sample, &own));
+  const OwnedMediaType carried(own);
   if (carried == nullptr) {
     return;
   }

@@ -165,3 +165,8 @@ void CComposeInputVideoWindowPin::PickSample(REFERENCE_TIME frameTime,
     lastType = chosenType;
   }
 }
+
+HRESULT CComposeInputVideoWindowPin::ReadSampleType(IMediaSample* sample, AM_MEDIA_TYPE** type) {
+  const CAutoLock guard(&queueLock);
+  return sample->GetMediaType(type);
+}

@@ -1,3 +1,9 @@
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <future>
+
 #include <gmock/gmock.h>
 
 #include "filter/frame_composer.h"
@@ -35,6 +41,35 @@ TEST(IsPrerollFrame, MarksTheFrameNearestToEachMultipleOfThePeriod) {
   }
   EXPECT_EQ(count, 4);
 }
+
+// A window picture of 16x16 that belongs to nobody's allocator and tells when its type is asked
+// for.
+class WatchedSample final : public CMediaSample {
+ public:
+  explicit WatchedSample(HRESULT* hr)
+      : CMediaSample("watched", nullptr, hr, pixels_.data(), static_cast<LONG>(pixels_.size())) {}
+
+  ULONG AddRef() override { return ++references_; }
+  ULONG Release() override {
+    const ULONG left = --references_;
+    if (left == 0) {
+      delete this;
+    }
+    return left;
+  }
+  HRESULT GetMediaType(AM_MEDIA_TYPE** type) override {
+    if (onGetMediaType) {
+      onGetMediaType();
+    }
+    return CMediaSample::GetMediaType(type);
+  }
+
+  std::function<void()> onGetMediaType;  // changed while nobody asks
+
+ private:
+  std::array<BYTE, 16 * 16 * 3 / 2> pixels_{};
+  std::atomic<ULONG> references_{0};
+};
 
 class FrameLoopTest : public ComposerFixture {
  protected:
@@ -127,6 +162,47 @@ TEST_F(FrameLoopTest, FollowsAChangeOfSizeInTheStream) {
   const ComPtr<IMediaSample> frame = Compose(2 * kFrame + 10000000);
   EXPECT_EQ(Luma(frame.Get(), 7, 7), 180);
   EXPECT_EQ(Luma(frame.Get(), 8, 8), 16);
+}
+
+TEST_F(FrameLoopTest, AFormatDoesNotMoveToAPictureWhoseTypeIsBeingRead) {
+  constexpr int kWatched = 41;
+  constexpr int kFull = CComposeInputVideoWindowPin::kResyncHighWater;
+  MakeRunning(1, 16, 16);
+  SendPicture(0, 0, 200);
+  Compose(0);
+  HRESULT hr = S_OK;
+  auto made = std::make_unique<WatchedSample>(&hr);
+  WatchedSample* const watched = made.get();
+  const ComPtr<IMediaSample> kept(made.release());
+  for (int n = 1; n < kFull; ++n) {
+    if (n == kWatched) {
+      REFERENCE_TIME start = n * kFrame;
+      REFERENCE_TIME stop = start + kFrame;
+      watched->SetTime(&start, &stop);
+      ASSERT_EQ(sources_[0]->Send(watched), S_OK);
+    } else {
+      ASSERT_EQ(SendPicture(0, n * kFrame, 200), S_OK);
+    }
+  }
+  // The next picture is one too many: the first ones go, and their type passes through the watched
+  // one. It is sent just when the frame, which has picked that one, asks for its type.
+  int asked = 0;
+  bool moved = false;
+  std::future<HRESULT> sending;
+  watched->onGetMediaType = [&] {
+    if (++asked == 2) {
+      sending = std::async(std::launch::async, [&] { return SendPicture(0, kFull * kFrame, 200); });
+      moved = sending.wait_for(std::chrono::milliseconds(50)) == std::future_status::ready;
+    }
+  };
+  Compose((kWatched - 1) * kFrame + 10000000);
+  ASSERT_TRUE(sending.valid()) << "the frame has picked another picture";
+  EXPECT_EQ(sending.get(), S_OK);
+  EXPECT_FALSE(moved);
+  watched->onGetMediaType = nullptr;
+  AM_MEDIA_TYPE* type = nullptr;
+  EXPECT_EQ(watched->GetMediaType(&type), S_OK) << "the type of the pictures that went is lost";
+  DeleteMediaType(type);
 }
 
 TEST_F(FrameLoopTest, APictureSmallerThanItsTypeSaysIsNotDrawn) {
