@@ -170,7 +170,7 @@ void FrameComposer::ChoosePictures(REFERENCE_TIME frameTime) {
       }
       REFERENCE_TIME start = 0;
       REFERENCE_TIME stop = 0;
-      input.sample->GetTime(&start, &stop);
+      pin.ReadTime(input.sample.Get(), &start, &stop);
       pin.ReleaseOlderSamples(start);
     }
     input.pins->text->getNearest(frameTime, &input.text);
@@ -183,7 +183,7 @@ void FrameComposer::ChoosePictures(REFERENCE_TIME frameTime) {
 
 void FrameComposer::TakeFormat(Input& input, IMediaSample* sample) {
   AM_MEDIA_TYPE* own = nullptr;
-  ThrowIfFailed(input.pins->video->ReadSampleType(sample, &own));
+  ThrowIfFailed(input.pins->video->ReadType(sample, &own));
   const OwnedMediaType carried(own);
   if (carried == nullptr) {
     return;

@@ -166,7 +166,13 @@ void CComposeInputVideoWindowPin::PickSample(REFERENCE_TIME frameTime,
   }
 }
 
-HRESULT CComposeInputVideoWindowPin::ReadSampleType(IMediaSample* sample, AM_MEDIA_TYPE** type) {
+HRESULT CComposeInputVideoWindowPin::ReadType(IMediaSample* sample, AM_MEDIA_TYPE** type) {
   const CAutoLock guard(&queueLock);
   return sample->GetMediaType(type);
+}
+
+HRESULT CComposeInputVideoWindowPin::ReadTime(IMediaSample* sample, REFERENCE_TIME* start,
+                                              REFERENCE_TIME* stop) {
+  const CAutoLock guard(&queueLock);
+  return sample->GetTime(start, stop);
 }

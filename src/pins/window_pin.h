@@ -10,9 +10,10 @@
 // at s + timeOffset + latency. It re-synchronises when the queue runs nearly empty or grows too
 // long.
 //
-// OnReceive runs on the channel's streaming thread, PickSample, ReadSampleType, ReleaseOlderSamples
-// and FlushSamples on the composition thread; the queue lock serialises them and is held while the
-// pin logs. Samples are kept across pause and stop; flushing the pin does not empty the queue.
+// OnReceive runs on the channel's streaming thread, PickSample, ReadType, ReadTime,
+// ReleaseOlderSamples and FlushSamples on the composition thread; the queue lock serialises them
+// and is held while the pin logs. Samples are kept across pause and stop; flushing the pin does not
+// empty the queue.
 class CComposeInputVideoWindowPin final : public CComposeInputVideoPin {
  public:
   static constexpr REFERENCE_TIME kWindowLatency = 10000000;  // one second
@@ -32,9 +33,10 @@ class CComposeInputVideoWindowPin final : public CComposeInputVideoPin {
   // earlier one on a tie. *sample is released first and holds none when the queue is empty. The
   // chosen sample carries the format in force when it differs from the one of the last pick.
   void PickSample(REFERENCE_TIME frameTime, ComPtr<IMediaSample>* sample);
-  // sample->GetMediaType for a sample that was picked. It may still be queued, and a format change
-  // moves to it on the streaming thread: its type is safe to read here only.
-  HRESULT ReadSampleType(IMediaSample* sample, AM_MEDIA_TYPE** type);
+  // GetMediaType and GetTime of a sample that was picked. It may still be queued, and the streaming
+  // thread moves format changes from sample to sample: safe to read here only.
+  HRESULT ReadType(IMediaSample* sample, AM_MEDIA_TYPE** type);
+  HRESULT ReadTime(IMediaSample* sample, REFERENCE_TIME* start, REFERENCE_TIME* stop);
   // Drops queued samples that start before time (source time), except the last one. A format change
   // that a dropped sample announced moves to its successor.
   void ReleaseOlderSamples(REFERENCE_TIME time);

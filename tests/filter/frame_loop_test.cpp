@@ -42,8 +42,8 @@ TEST(IsPrerollFrame, MarksTheFrameNearestToEachMultipleOfThePeriod) {
   EXPECT_EQ(count, 4);
 }
 
-// A window picture of 16x16 that belongs to nobody's allocator and tells when its type is asked
-// for.
+// A window picture of 16x16 that belongs to nobody's allocator and tells when its type or time is
+// asked for.
 class WatchedSample final : public CMediaSample {
  public:
   explicit WatchedSample(HRESULT* hr)
@@ -58,15 +58,23 @@ class WatchedSample final : public CMediaSample {
     return left;
   }
   HRESULT GetMediaType(AM_MEDIA_TYPE** type) override {
-    if (onGetMediaType) {
-      onGetMediaType();
-    }
+    Tell();
     return CMediaSample::GetMediaType(type);
   }
+  HRESULT GetTime(REFERENCE_TIME* start, REFERENCE_TIME* stop) override {
+    Tell();
+    return CMediaSample::GetTime(start, stop);
+  }
 
-  std::function<void()> onGetMediaType;  // changed while nobody asks
+  std::function<void()> onRead;  // changed while nobody asks
 
  private:
+  void Tell() const {
+    if (onRead) {
+      onRead();
+    }
+  }
+
   std::array<BYTE, 16 * 16 * 3 / 2> pixels_{};
   std::atomic<ULONG> references_{0};
 };
@@ -164,7 +172,13 @@ TEST_F(FrameLoopTest, FollowsAChangeOfSizeInTheStream) {
   EXPECT_EQ(Luma(frame.Get(), 8, 8), 16);
 }
 
-TEST_F(FrameLoopTest, AFormatDoesNotMoveToAPictureWhoseTypeIsBeingRead) {
+// The parameter tells which reading of the picked picture is met: of all that a frame reads of it,
+// type and time while it picks, then its type, then its time.
+class PickedPictureTest : public FrameLoopTest, public testing::WithParamInterface<int> {};
+
+INSTANTIATE_TEST_SUITE_P(Readings, PickedPictureTest, testing::Values(3, 4));
+
+TEST_P(PickedPictureTest, IsReadWhileNoFormatMovesToIt) {
   constexpr int kWatched = 41;
   constexpr int kFull = CComposeInputVideoWindowPin::kResyncHighWater;
   MakeRunning(1, 16, 16);
@@ -185,21 +199,21 @@ TEST_F(FrameLoopTest, AFormatDoesNotMoveToAPictureWhoseTypeIsBeingRead) {
     }
   }
   // The next picture is one too many: the first ones go, and their type passes through the watched
-  // one. It is sent just when the frame, which has picked that one, asks for its type.
-  int asked = 0;
+  // one. It is sent just when the frame, which has picked that one, reads it.
+  int readings = 0;
   bool moved = false;
   std::future<HRESULT> sending;
-  watched->onGetMediaType = [&] {
-    if (++asked == 2) {
+  watched->onRead = [&] {
+    if (++readings == GetParam()) {
       sending = std::async(std::launch::async, [&] { return SendPicture(0, kFull * kFrame, 200); });
-      moved = sending.wait_for(std::chrono::milliseconds(50)) == std::future_status::ready;
+      moved = sending.wait_for(std::chrono::milliseconds(100)) == std::future_status::ready;
     }
   };
   Compose((kWatched - 1) * kFrame + 10000000);
   ASSERT_TRUE(sending.valid()) << "the frame has picked another picture";
   EXPECT_EQ(sending.get(), S_OK);
   EXPECT_FALSE(moved);
-  watched->onGetMediaType = nullptr;
+  watched->onRead = nullptr;
   AM_MEDIA_TYPE* type = nullptr;
   EXPECT_EQ(watched->GetMediaType(&type), S_OK) << "the type of the pictures that went is lost";
   DeleteMediaType(type);
