@@ -301,10 +301,11 @@ class WallCommandRun {
     nlohmann::ordered_json report;
     if (command_.live) {
       report["event"] = "end";
+      report["time"] = TimestampUtc();
     }
     report["frames"] = counters_.composed;
     report["seconds"] = ComposedSeconds();
-    report["elapsed"] = Elapsed();
+    report["elapsed"] = std::round(Elapsed() * 1000) / 1000;
     report["late"] = counters_.late;
     report["starved"] = counters_.starved;
     report["outputs"] = nlohmann::ordered_json::array();
