@@ -124,9 +124,10 @@ HRESULT CCompose::Pause() {
     }
     // Without the lock: the thread needs it to finish its frame.
     pausedEvent->Wait(os::kInfinite);
-    // One thread has answered; a former one may still be drawing.
-    const std::lock_guard frameInProgress(composeLock);
   }
+  // One thread has answered, but may have taken the next frame since, and a former one may still be
+  // drawing: that ends first, and nothing is begun until the queue is empty.
+  const std::lock_guard noFrame(composeLock);
   EmptyBackgroundQueue();
   return hr;
 }
