@@ -15,10 +15,9 @@ extern "C" {
 #include <libavfilter/avfilter.h>
 #include <libavfilter/buffersink.h>
 #include <libavfilter/buffersrc.h>
-#include <libavutil/frame.h>
-#include <libavutil/imgutils.h>
 }
 
+#include "bench/frame_of.h"
 #include "bench/mosaic.h"
 #include "host/ffmpeg/error.h"
 #include "host/ffmpeg/handles.h"
@@ -30,36 +29,19 @@ namespace ffmpeg = host::ffmpeg;
 
 constexpr const char* kFont = TAVREL_LABEL_FONT;
 
-// The picture as a frame with memory of its own.
-ffmpeg::Frame FrameOf(const Yv12Picture& picture) {
-  ffmpeg::Frame frame = ffmpeg::MakeFrame();
-  frame->format = AV_PIX_FMT_YUV420P;
-  frame->width = picture.width;
-  frame->height = picture.height;
-  ffmpeg::Check(av_frame_get_buffer(frame.get(), 0), "cannot make", "a frame");
-  av_image_copy_plane(frame->data[0], frame->linesize[0], picture.Y(), picture.width, picture.width,
-                      picture.height);
-  for (const int plane : {1, 2}) {
-    av_image_copy_plane(frame->data[plane], frame->linesize[plane],
-                        plane == 1 ? picture.U() : picture.V(), picture.width / 2,
-                        picture.width / 2, picture.height / 2);
-  }
-  return frame;
-}
-
 class FilteredMosaic {
  public:
   FilteredMosaic(const bench::Workload& workload, const bench::Mosaic& ours)
       : graph_(avfilter_graph_alloc()) {
     bench::PictureRing canvases(workload.canvasWidth, workload.canvasHeight, 4, 1);
     for (std::size_t i = 0; i < 4; ++i) {
-      canvases_.push_back(FrameOf(canvases.At(i)));
+      canvases_.push_back(bench::FrameOf(canvases.At(i)));
     }
     windows_.resize(static_cast<std::size_t>(workload.Windows()));
     for (std::int32_t i = 0; i < workload.Windows(); ++i) {
       bench::PictureRing ring(workload.windowWidth, workload.windowHeight, 3, 2 + i);
       for (std::size_t k = 0; k < 3; ++k) {
-        windows_[i].push_back(FrameOf(ring.At(k)));
+        windows_[i].push_back(bench::FrameOf(ring.At(k)));
       }
     }
     MakeGraph(workload, ours);

@@ -186,41 +186,67 @@ TEST_F(AlarmMonitorTest, HearsSilenceAlsoWhenNoSoundComes) {
   EXPECT_EQ(changes_.back().substr(0, 8), "silence-") << "a source without sound is not silent";
 }
 
-TEST(PictureMeterTest, CallsBlackWhatIsBlackButForALogo) {
-  PictureMeter meter({10, -60});
-  std::vector<std::uint8_t> luma(64 * 48, 30);
-  EXPECT_TRUE(meter.Measure(luma.data(), 64, 48).black);
+// A YV12 picture of 64x48 samples.
+class PictureMeterTest : public testing::Test {
+ protected:
+  static constexpr std::size_t kLuma = std::size_t{64} * 48;
+
+  PictureCondition Measure() { return meter_.Measure(picture_.data(), 64, 48); }
+
+  PictureMeter meter_{{10, -60}};
+  std::vector<std::uint8_t> picture_ = std::vector<std::uint8_t>(kLuma * 3 / 2, 128);
+};
+
+TEST_F(PictureMeterTest, CallsBlackWhatIsBlackButForALogo) {
+  std::fill_n(picture_.begin(), kLuma, 30);
+  EXPECT_TRUE(Measure().black);
   const auto brighten = [&](std::size_t oneIn) {
-    for (std::size_t i = 0; i < luma.size(); i += oneIn) {
-      luma[i] = 200;
+    for (std::size_t i = 0; i < kLuma; i += oneIn) {
+      picture_[i] = 200;
     }
   };
   brighten(61);
-  EXPECT_TRUE(meter.Measure(luma.data(), 64, 48).black);
+  EXPECT_TRUE(Measure().black);
   brighten(31);
-  EXPECT_FALSE(meter.Measure(luma.data(), 64, 48).black);
-  std::fill(luma.begin(), luma.end(), 45);
-  EXPECT_FALSE(meter.Measure(luma.data(), 64, 48).black) << "dark grey";
+  EXPECT_FALSE(Measure().black);
+  std::fill_n(picture_.begin(), kLuma, 45);
+  EXPECT_FALSE(Measure().black) << "dark grey";
 }
 
-TEST(PictureMeterTest, CallsStillWhatDoesNotMoveAwayFromWhereItStopped) {
-  PictureMeter meter({10, -60});
-  std::vector<std::uint8_t> luma(64 * 48, 100);
-  EXPECT_FALSE(meter.Measure(luma.data(), 64, 48).still) << "the first one";
-  EXPECT_TRUE(meter.Measure(luma.data(), 64, 48).still);
-  luma[130] = 140;  // noise of one pixel
-  EXPECT_TRUE(meter.Measure(luma.data(), 64, 48).still);
+TEST_F(PictureMeterTest, CountsToTheEndOfALongRow) {
+  constexpr int kWidth = 8200;
+  std::vector<std::uint8_t> picture(kWidth * 2 * 3 / 2, 200);
+  EXPECT_FALSE(meter_.Measure(picture.data(), kWidth, 2).black);
+  std::fill_n(picture.begin(), kWidth - 164, 16);
+  EXPECT_TRUE(meter_.Measure(picture.data(), kWidth, 2).black) << "a fiftieth of a row is bright";
+  picture[0] = 200;
+  EXPECT_FALSE(meter_.Measure(picture.data(), kWidth, 2).black);
+}
+
+TEST_F(PictureMeterTest, CallsStillWhatDoesNotMoveAwayFromWhereItStopped) {
+  EXPECT_FALSE(Measure().still) << "the first one";
+  EXPECT_TRUE(Measure().still);
+  picture_[130] = 160;  // noise of one pixel
+  EXPECT_TRUE(Measure().still);
   // A fade, each step of which is below what counts.
   int changes = 0;
   for (int step = 0; step < 64 * 10; step += 8) {
-    for (int i = 0; i < 64 * 48; i += 12) {
-      luma[static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(100 + step / 64);
+    for (std::size_t i = 0; i < kLuma; i += 12) {
+      picture_[i] = static_cast<std::uint8_t>(128 + step / 64);
     }
-    changes += meter.Measure(luma.data(), 64, 48).still ? 0 : 1;
+    changes += Measure().still ? 0 : 1;
   }
   EXPECT_GE(changes, 2);
-  luma.resize(32 * 48);
-  EXPECT_FALSE(meter.Measure(luma.data(), 32, 48).still) << "another size";
+  EXPECT_FALSE(meter_.Measure(picture_.data(), 32, 48).still) << "another size";
+}
+
+TEST_F(PictureMeterTest, AChangeOfColourAloneIsAChange) {
+  Measure();
+  std::fill_n(picture_.begin() + kLuma, kLuma / 4, 129);
+  EXPECT_FALSE(Measure().still) << "in V";
+  std::fill_n(picture_.begin() + kLuma * 5 / 4, kLuma / 4, 127);
+  EXPECT_FALSE(Measure().still) << "in U";
+  EXPECT_TRUE(Measure().still);
 }
 
 TEST(LiveTimelineTest, KeepsItsDistanceThroughAStallThatIsCaughtUp) {

@@ -12,28 +12,31 @@ struct PictureCondition {
 };
 
 // A picture is black when all but a fiftieth of its luma is at most as bright as the black level:
-// a logo or some noise does not make it a picture. It is still when its mean difference from a kept
-// picture is at most the still level; a picture that differs more is kept in its place. A slow
-// fade, each step of which is too small to be seen, thus counts as a change.
+// a logo or some noise does not make it a picture. It is still when in none of its planes the mean
+// difference from a kept picture is more than the still level; a picture that differs more is kept
+// in its place. A slow fade, each step of which is too small to be seen, thus counts as a change.
 //
 // Every other row is looked at: half the cost, and nothing that fills a picture fits between two
 // rows. Owned and called by one channel's reader; no lock.
 class PictureMeter {
  public:
   struct Settings {
-    double blackLevel = 10;   // percent of the luma range
+    double blackLevel = 10;   // percent of the luma range, 0 to 100
     double stillLevel = -60;  // dB of the luma range
   };
 
   explicit PictureMeter(const Settings& settings);
 
-  // A luma plane in studio range, width samples in a row without padding.
-  PictureCondition Measure(const std::uint8_t* luma, int width, int height);
+  // A YV12 picture in studio range without padding; width and height are even.
+  PictureCondition Measure(const std::uint8_t* picture, int width, int height);
 
  private:
-  const int blackLuma_;
+  bool IsStill(const std::uint8_t* picture, int width, int height) const;
+  void Keep(const std::uint8_t* picture, int width, int height);
+
+  const std::uint8_t blackLuma_;
   const double stillDifference_;    // mean, in luma steps
-  std::vector<std::uint8_t> kept_;  // its measured rows
+  std::vector<std::uint8_t> kept_;  // its measured rows, plane by plane
 };
 
 }  // namespace host
