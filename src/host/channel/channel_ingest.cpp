@@ -101,7 +101,17 @@ class ChannelIngest::Pass {
 
   // The wall's time for a time of the source that decides, and for another one.
   Time Place(Time start, bool jumped) {
-    return ingest_.settings_.now ? timeline_.Place(start, jumped, ingest_.settings_.now()) : start;
+    if (!ingest_.settings_.now) {
+      return start;
+    }
+    const Time placed = timeline_.Place(start, jumped, ingest_.settings_.now());
+    if (timeline_.leapt()) {
+      // What lies there is skipped: it would hold up all that comes now.
+      merger_.ForgetFrom(placed);
+      ingest_.queue_.ForgetFrom(placed);
+      ingest_.latest_ = std::min(ingest_.latest_, placed);
+    }
+    return placed;
   }
   std::optional<Time> Follow(Time start) {
     return ingest_.settings_.now ? timeline_.Follow(start, ingest_.settings_.now()) : start;

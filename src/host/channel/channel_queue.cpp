@@ -1,6 +1,7 @@
 #include "host/channel/channel_queue.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace host {
 
@@ -46,6 +47,19 @@ bool ChannelQueue::Push(ChannelItem item) {
   }
   changed_.notify_one();
   return true;
+}
+
+void ChannelQueue::ForgetFrom(Time time) {
+  std::deque<ChannelItem> forgotten;  // its buffers go back without the lock
+  const std::lock_guard guard(lock_);
+  const auto first = std::find_if(items_.begin(), items_.end(),
+                                  [&](const ChannelItem& item) { return item.time >= time; });
+  const auto afterNews = std::stable_partition(first, items_.end(), [](const ChannelItem& item) {
+    return std::holds_alternative<SourceNews>(item.content);
+  });
+  std::for_each(first, afterNews, [&](ChannelItem& item) { item.time = time; });
+  std::move(afterNews, items_.end(), std::back_inserter(forgotten));
+  items_.erase(afterNews, items_.end());
 }
 
 void ChannelQueue::SetHorizon(Time horizon) {

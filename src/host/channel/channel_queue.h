@@ -66,6 +66,8 @@ class ChannelQueue {
 
   // Reader: adds an item; false once the queue is closed.
   bool Push(ChannelItem item);
+  // Reader: what is due at this time or later is left out, but for news, which come then.
+  void ForgetFrom(Time time);
   // Reader: everything before this time has been pushed. kForever: nothing more will come.
   void SetHorizon(Time horizon);
 

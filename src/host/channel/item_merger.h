@@ -26,6 +26,16 @@ class ItemMerger {
     newest_ = std::max(newest_, time);
     waiting_.push({std::max(time, reached_), next_++, std::move(item)});
   }
+  // What would have its place at this time or later is left out; what comes next may lie there.
+  void ForgetFrom(Time time) {
+    std::priority_queue<Entry> kept;
+    while (!waiting_.empty() && waiting_.top().time < time) {
+      kept.push(Pop());
+    }
+    waiting_ = std::move(kept);
+    newest_ = std::min(newest_, time);
+    reached_ = std::min(reached_, time);
+  }
   // No more items will come: all that wait are in order.
   void Finish() { newest_ = std::numeric_limits<Time>::max(); }
 
@@ -34,11 +44,8 @@ class ItemMerger {
     return !waiting_.empty() && waiting_.top().time <= Horizon() ? &waiting_.top().time : nullptr;
   }
   Item Take() {
-    // The queue gives a const reference only, and the entry is dropped at once.
-    Item item = std::move(const_cast<Entry&>(waiting_.top()).item);
     reached_ = waiting_.top().time;
-    waiting_.pop();
-    return item;
+    return Pop().item;
   }
   // Everything up to this time has come.
   Time Horizon() const {
@@ -54,6 +61,13 @@ class ItemMerger {
       return time != other.time ? time > other.time : order > other.order;
     }
   };
+
+  Entry Pop() {
+    // The queue gives a const reference only, and the entry is dropped at once.
+    Entry entry = std::move(const_cast<Entry&>(waiting_.top()));
+    waiting_.pop();
+    return entry;
+  }
 
   const Time window_;
   std::priority_queue<Entry> waiting_;

@@ -15,9 +15,10 @@ namespace host {
 //    began anew: its stamps go on where they were, and the time away would stay lost);
 //  - its pictures have come late for so long that the source will not catch up;
 //  - they lie too far ahead: the stamps of a live source made a leap, or those of a source that
-//    nobody can hold back have run faster than the wall's clock for hours.
+//    nobody can hold back have run faster than the wall's clock for hours. What was placed further
+//    ahead before has lost its place then (leapt).
 // A source that stalled and sends what is missing in a burst does none of these: it is back at its
-// former distance by itself.
+// former distance by itself, however long it stalled.
 //
 // Times come in from outside; owned and called by one reader; no lock.
 class LiveTimeline {
@@ -56,21 +57,27 @@ class LiveTimeline {
       shift_ = OnGrid(now + settings_.lead - start);
     }
     const Time behind = now - (start + *shift_);
+    // Two latenesses with a stall between them are not one.
+    const bool stalled = behind - behind_ >= settings_.lateLimit;
+    behind_ = behind;
     if (behind <= 0) {
       lateSince_.reset();
-    } else if (!lateSince_.has_value()) {
+    } else if (!lateSince_.has_value() || stalled) {
       lateSince_ = now;
     }
     const bool lateForGood =
         lateSince_.has_value() && (jumped || now - *lateSince_ >= settings_.lateLimit);
-    const bool leapt = -behind > settings_.aheadLimit;
-    if (lateForGood || leapt) {
+    leapt_ = -behind > settings_.aheadLimit;
+    if (lateForGood || leapt_) {
       shift_ = OnGrid(now + settings_.lead - start);
+      behind_ = now - (start + *shift_);
       lateSince_.reset();
       ++moves_;
     }
     return start + *shift_;
   }
+  // The latest item was placed before some that had been placed earlier.
+  bool leapt() const { return leapt_; }
   // The wall's time for everything else of the source. None for what lies so far ahead of the
   // pictures that waiting for its time would hold them up: the source has torn itself apart.
   std::optional<Time> Follow(Time start, Time now) {
@@ -95,7 +102,9 @@ class LiveTimeline {
 
   const Settings settings_;
   std::optional<Time> shift_;  // wall's time minus source's time
+  Time behind_ = 0;            // the latest item, when it came
   std::optional<Time> lateSince_;
+  bool leapt_ = false;
   int moves_ = 0;
 };
 
