@@ -73,9 +73,12 @@ std::vector<std::size_t> Slices(const std::string& stream) {
 
 // The same with slices of which no decoder can make anything: their headers name parameters that
 // there are not. Everything around them stays as it was.
-std::string WithoutDecodablePictures(std::string stream) {
+std::string WithoutDecodablePictures(std::string stream, std::size_t from = 0,
+                                     std::size_t to = std::string::npos) {
   constexpr std::size_t kPacket = 188;
-  for (const std::size_t slice : Slices(stream)) {
+  const std::vector<std::size_t> slices = Slices(stream);
+  for (std::size_t i = from; i < std::min(to, slices.size()); ++i) {
+    const std::size_t slice = slices[i];
     const std::size_t end = std::min(slice + 9, (slice / kPacket + 1) * kPacket);
     std::fill(stream.begin() + static_cast<std::ptrdiff_t>(slice) + 1,
               stream.begin() + static_cast<std::ptrdiff_t>(end), '\1');
@@ -259,6 +262,28 @@ TEST_F(IngestTest, PicturesThatCannotBeDecodedAreNoticedThoughPacketsCome) {
   sender.SendFromNowOn(empty);
   EXPECT_TRUE(WaitFor("channel", states, "held: it sends, but no picture that can be decoded"));
   session->Stop();
+}
+
+// Of a source with 40 pictures from one key picture to the next, all that belong to one are
+// damaged.
+TEST_F(IngestTest, WhatFollowsADamagedKeyPictureComesBackWithTheNext) {
+  host::ClipRecipe recipe = Recipe(4 * kSecond);
+  recipe.videoOptions["g"] = "40";
+  const std::filesystem::path file = folder_ / "damaged.ts";
+  host::WriteClip(recipe, file);
+  const std::string damaged = WithoutDecodablePictures(ReadFile(file), 40, 80);
+  std::ofstream(file, std::ios::binary) << damaged;
+  host::MediaReader::Settings settings;
+  settings.source = file.string();
+  host::MediaReader reader(settings);
+  reader.Open();
+  int pictures = 0;
+  for (host::MediaItem item = reader.Read(); !std::holds_alternative<host::EndOfMedia>(item);
+       item = reader.Read()) {
+    pictures += std::holds_alternative<host::VideoPicture>(item) ? 1 : 0;
+  }
+  EXPECT_EQ(pictures, 60);
+  EXPECT_GE(reader.damagedPackets(), 40U);
 }
 
 // The buffer of the protocol holds less than half a second of this stream: were the reader to wait

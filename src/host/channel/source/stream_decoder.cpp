@@ -67,11 +67,13 @@ void StreamDecoder::Receive(const FrameSink& sink) {
     }
     gaveFrames_ = true;
     damagedInARow_ = 0;
+    damagedKeysInARow_ = 0;
     sink(std::move(frame));
   }
 }
 
 void StreamDecoder::Decode(const AVPacket& packet, const FrameSink& sink) {
+  const std::uint64_t damagedBefore = damagedPackets_;
   int result = avcodec_send_packet(codec_.get(), &packet);
   if (result == AVERROR(EAGAIN)) {
     // Not taken before the frames that are ready are fetched.
@@ -85,6 +87,9 @@ void StreamDecoder::Decode(const AVPacket& packet, const FrameSink& sink) {
     CountDamage();
   }
   Receive(sink);
+  if (damagedPackets_ > damagedBefore && (packet.flags & AV_PKT_FLAG_KEY) != 0) {
+    ++damagedKeysInARow_;
+  }
 }
 
 void StreamDecoder::Drain(const FrameSink& sink) {

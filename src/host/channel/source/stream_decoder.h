@@ -33,11 +33,17 @@ class StreamDecoder {
   bool Fits(const AVStream& stream) const;
   std::uint64_t damagedPackets() const { return damagedPackets_; }
   // It gave frames once, and has given none but errors for many packets: what comes is no longer
-  // what the decoder was made for.
-  bool lost() const { return gaveFrames_ && damagedInARow_ >= kDamagedUntilLost; }
+  // what the decoder was made for. What follows one damaged key picture comes back with the next
+  // one, and is waited for longer.
+  bool lost() const {
+    const int most = damagedKeysInARow_ > 1 ? kDamagedUntilLost : kDamagedWithoutKeysUntilLost;
+    return gaveFrames_ && damagedInARow_ >= most;
+  }
 
  private:
   static constexpr int kDamagedUntilLost = 25;
+  // More than lie between two key pictures of most senders: two seconds.
+  static constexpr int kDamagedWithoutKeysUntilLost = 64;
 
   void Receive(const FrameSink& sink);
   void CountDamage();
@@ -45,6 +51,7 @@ class StreamDecoder {
   ffmpeg::Codec codec_;
   std::uint64_t damagedPackets_ = 0;
   int damagedInARow_ = 0;
+  int damagedKeysInARow_ = 0;  // of these, packets that decoding could begin with
   bool gaveFrames_ = false;
 };
 
