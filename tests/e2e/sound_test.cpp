@@ -177,7 +177,7 @@ TEST_F(SoundTest, ARecordingIsWholeWithNamedTracksOfTheRightLength) {
   for (std::size_t n = 0; n < names.size(); ++n) {
     SCOPED_TRACE(names[n]);
     EXPECT_EQ(statuses[n].failure, "");
-    EXPECT_EQ(statuses[n].written, 75U);
+    EXPECT_EQ(statuses[n].video.written, 75U);
     EXPECT_EQ(e2e::DecodeWhole(folder_ / names[n]), "");
     host::MediaReader::Settings settings;
     settings.source = (folder_ / names[n]).string();

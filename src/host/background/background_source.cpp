@@ -119,10 +119,12 @@ bool BackgroundSource::Send(std::int64_t frame, bool wait) {
   if (settings_.watch != nullptr) {
     settings_.watch->Expect(sample.Get(), start);
   }
-  if (FAILED(pin_.Deliver(sample.Get()))) {
+  sending_ = start;
+  const bool sent = SUCCEEDED(pin_.Deliver(sample.Get()));
+  sent_ = start;
+  if (!sent) {
     return false;
   }
-  latestFrame_ = start;
   ++counters_.sent;
   return true;
 }

@@ -61,7 +61,7 @@ class ChannelSource final : public CBaseFilter {
  private:
   void Stream();
   void Deliver(ChannelItem& item);
-  void DeliverSound(const AudioPacket& packet);
+  void DeliverSound(const AudioPacket& packet, Time start, Time duration);
   void DeliverLabel(Time time);
   void EndThreads();
 

@@ -40,6 +40,13 @@ Json ToJson(const ChannelBoard::Entry& entry) {
       json["alarms"].push_back(NameOf(kind));
     }
   }
+  if (entry.timing) {
+    json["jitter"] = SecondsOf(entry.timing->jitter);
+    json["lead"] = SecondsOf(entry.timing->lead);
+    json["audio_too_early"] = entry.timing->audioTooEarly;
+    json["audio_too_late"] = entry.timing->audioTooLate;
+    json["overflowed"] = entry.timing->overflowed;
+  }
   return json;
 }
 
@@ -48,7 +55,7 @@ ChannelBoard::ChannelBoard(const std::vector<wall::Channel>& channels, ChannelOb
     : next_(next), events_(events) {
   for (const wall::Channel& channel : channels) {
     index_[channel.name] = entries_.size();
-    entries_.push_back({channel.name, {}, {}});
+    entries_.push_back({channel.name, {}, {}, {}});
   }
 }
 
@@ -63,6 +70,11 @@ void ChannelBoard::ChannelEnded(const std::string& channel) {
 void ChannelBoard::ChannelFailed(const std::string& channel, const std::string& reason,
                                  std::optional<std::chrono::milliseconds> retryIn) {
   next_.ChannelFailed(channel, reason, retryIn);
+}
+
+void ChannelBoard::ChannelTimed(const std::string& channel, const SourceTiming& timing) {
+  const std::lock_guard guard(lock_);
+  entries_[index_.at(channel)].timing = timing;
 }
 
 void ChannelBoard::ChannelSoundChanged(const std::string& channel, const std::string& what) {

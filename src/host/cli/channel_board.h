@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -30,6 +31,7 @@ class ChannelBoard final : public ChannelObserver {
     std::string name;
     ChannelLife::Status status;
     std::array<bool, kAlarmKinds> alarms{};  // by AlarmKind
+    std::optional<SourceTiming> timing{};    // of a live source that is being read
   };
 
   // next and events outlive the board.
@@ -40,6 +42,7 @@ class ChannelBoard final : public ChannelObserver {
   void ChannelEnded(const std::string& channel) override;
   void ChannelFailed(const std::string& channel, const std::string& reason,
                      std::optional<std::chrono::milliseconds> retryIn) override;
+  void ChannelTimed(const std::string& channel, const SourceTiming& timing) override;
   void ChannelSoundChanged(const std::string& channel, const std::string& what) override;
   void ChannelChanged(const std::string& channel, const ChannelLife::Status& status) override;
   void AlarmChanged(const std::string& channel, const AlarmMonitor::Change& change) override;
@@ -56,7 +59,8 @@ class ChannelBoard final : public ChannelObserver {
   std::map<std::string, std::size_t> index_;  // of the entries, by name
 };
 
-// A channel in a status report: name, state, reason, since, alarms.
+// A channel in a status report: name, state, reason, since, alarms; jitter and lead of a live
+// source in seconds, and what was left out of it.
 nlohmann::ordered_json ToJson(const ChannelBoard::Entry& entry);
 // "2026-11-25T01:02:03.456Z": now.
 std::string TimestampUtc();

@@ -257,7 +257,7 @@ class WallCommandRun {
     status.clock = session.now();
     status.counters = counters_;
     for (const OutputSet::Status& output : outputs_->status()) {
-      status.dropped = std::max(status.dropped, output.dropped);
+      status.dropped = std::max(status.dropped, output.video.dropped + output.video.leftOut);
     }
     // Progress and status ask in turn: both shall see what is recent.
     const FrameWatch::Timing timing = session.TakeTiming();
@@ -271,7 +271,7 @@ class WallCommandRun {
   ExitCode CodeOfOutputs() const {
     const std::vector<OutputSet::Status> all = outputs_->status();
     const auto lost = std::count_if(all.begin(), all.end(), [&](const OutputSet::Status& output) {
-      return command_.live ? output.written == 0 && !output.failure.empty() : output.failed;
+      return command_.live ? output.video.written == 0 && !output.failure.empty() : output.failed;
     });
     const bool bad = command_.live ? lost == std::ssize(all) && lost > 0 : lost > 0;
     return bad ? ExitCode::kCouldNotStart : ExitCode::kDone;
@@ -288,7 +288,7 @@ class WallCommandRun {
   void PrintSummary() {
     for (const OutputSet::Status& output : outputs_->status()) {
       if (!output.failed) {
-        streams_.out << output.name << ": " << output.written << " frames, "
+        streams_.out << output.name << ": " << output.video.written << " frames, "
                      << Seconds(ComposedSeconds()) << "\n";
       }
     }
@@ -311,11 +311,18 @@ class WallCommandRun {
     report["outputs"] = nlohmann::ordered_json::array();
     for (const OutputSet::Status& status : outputs_->status()) {
       nlohmann::ordered_json output = {{"url", status.name},
-                                       {"frames", status.written},
-                                       {"dropped", status.dropped},
+                                       {"frames", status.video.written},
+                                       {"dropped", status.video.dropped + status.video.leftOut},
                                        {"overflows", status.overflows}};
       if (!status.failure.empty()) {
         output["failure"] = status.failure;
+      }
+      for (std::size_t i = 0; i < status.audio.size(); ++i) {
+        const OutputSet::TrackStatus& audio = status.audio[i];
+        output["audio"].push_back({{"channel", command_.wall.channels[i].name},
+                                   {"packets", audio.written},
+                                   {"dropped", audio.dropped},
+                                   {"left_out", audio.leftOut}});
       }
       report["outputs"].push_back(output);
     }

@@ -32,7 +32,8 @@ Output::Output(Settings settings, ffmpeg::Parameters video, OutputObserver* obse
       video_(std::move(video)),
       observer_(observer),
       logger_(logger),
-      queue_(settings_.queue) {
+      counters_(settings_.pass.tracks.size()),
+      queue_(settings_.queue, counters_) {
   if (logger_ != nullptr) {
     logger_->RegisterPin(settings_.pin.c_str());
   }
@@ -53,6 +54,7 @@ void Output::NoteOverflow() {
 }
 
 void Output::TakeVideo(const AVPacket& packet) {
+  ++counters_.of(TrackPacket::kVideo).received;
   TrackPacket item{TrackPacket::kVideo, ffmpeg::RefPacket(packet)};
   if (!settings_.live) {
     queue_.PushWaiting(std::move(item));
@@ -65,6 +67,7 @@ void Output::TakeSound(std::size_t channel, const AVPacket& packet, Time shift) 
   if (channel >= settings_.pass.tracks.size()) {
     return;
   }
+  ++counters_.of(static_cast<int>(channel)).received;
   TrackPacket item{static_cast<int>(channel), ffmpeg::RefPacket(packet), shift};
   if (!settings_.live) {
     // Whoever drives the wall waits for room.
@@ -105,11 +108,9 @@ void Output::FailForGood(const std::string& reason) {
 
 std::string Output::RunPass(OutputPass& pass) {
   bool wasOpen = false;
-  const std::uint64_t before = written_;
   try {
     while (std::optional<TrackPacket> packet = queue_.Pop()) {
       pass.Take(std::move(*packet));
-      written_ = before + pass.written();
       if (pass.started() && !wasOpen) {
         wasOpen = true;
         if (++openings_ > 1 || !failure().empty()) {
@@ -119,7 +120,6 @@ std::string Output::RunPass(OutputPass& pass) {
       }
     }
     pass.Finish();
-    written_ = before + pass.written();
     return {};
   } catch (const std::exception& error) {
     openings_ += pass.started() && !wasOpen ? 1 : 0;
@@ -131,7 +131,7 @@ void Output::Run() {
   milliseconds delay = settings_.firstDelay;
   for (;;) {
     const OutputPass::Settings settings = PassSettings();
-    OutputPass pass(settings, *video_, [this](const std::string& what) {
+    OutputPass pass(settings, *video_, counters_, [this](const std::string& what) {
       observer_->OutputSaid(settings_.name, what);
     });
     const std::string reason = SetPass(&pass) ? RunPass(pass) : "stopped";

@@ -70,7 +70,8 @@ class Output {
   void Finish(std::chrono::milliseconds limit);
 
   const std::string& name() const { return settings_.name; }
-  std::uint64_t written() const { return written_; }      // pictures
+  // What became of the packets of every track.
+  const OutputCounters& counters() const { return counters_; }
   std::uint64_t overflows() const { return overflows_; }  // how often packets were dropped
   std::uint64_t openings() const { return openings_; }
   std::size_t queuedBytes() const { return queue_.bytes(); }
@@ -93,8 +94,8 @@ class Output {
   const ffmpeg::Parameters video_;
   OutputObserver* const observer_;
   qorp::log::ILogPerf* const logger_;
+  OutputCounters counters_;
   PacketQueue queue_;
-  std::atomic<std::uint64_t> written_{0};
   std::atomic<std::uint64_t> overflows_{0};
   std::atomic<std::uint64_t> openings_{0};
   std::atomic<bool> failed_{false};

@@ -16,10 +16,6 @@ namespace {
 
 constexpr int kUnknownRate = 48'000;
 constexpr int kUnknownChannels = 2;
-// How far sound may be ahead of the pictures: one second, and what an encoder of pictures holds
-// back.
-constexpr Time kLongestLead = 20 * kSecond;
-
 // FLV, and RTMP with it, has one track of sound.
 std::size_t MostSoundTracks(const std::string& format) {
   return format == "flv" ? 1 : std::numeric_limits<std::size_t>::max();
@@ -27,14 +23,20 @@ std::size_t MostSoundTracks(const std::string& format) {
 
 }  // namespace
 
-OutputPass::OutputPass(const Settings& settings, const AVCodecParameters& video, Say say)
+OutputPass::OutputPass(const Settings& settings, const AVCodecParameters& video,
+                       OutputCounters& counters, Say say)
     : settings_(settings),
       video_(video),
+      counters_(counters),
       say_(std::move(say)),
       soundTracks_(settings.tracks.size()),
-      interleaver_(settings.tracks.size()) {}
+      interleaver_(counters) {}
 
-OutputPass::~OutputPass() = default;
+OutputPass::~OutputPass() {
+  for (const TrackPacket& held : held_) {
+    ++counters_.of(held.track).leftOut;
+  }
+}
 
 void OutputPass::Cancel() {
   const std::lock_guard guard(cancelLock_);
@@ -67,7 +69,8 @@ bool OutputPass::CanStart(const TrackPacket& packet) {
 
 void OutputPass::Hold(TrackPacket packet) {
   while (!firstPicture_ && !held_.empty() &&
-         packet.packet->dts - held_.front().packet->dts > kLongestLead) {
+         packet.packet->dts - held_.front().packet->dts > Interleaver::kMaxLead) {
+    ++counters_.of(held_.front().track).leftOut;
     held_.pop_front();
   }
   held_.push_back(std::move(packet));
@@ -171,40 +174,29 @@ void OutputPass::AddTrack(Muxer& muxer, std::size_t channel, const AudioFormat& 
       *format.parameters, track.name, format.language.empty() ? track.language : format.language);
 }
 
-void OutputPass::WriteSound(Time before) {
-  interleaver_.Release(before, [&](std::size_t channel, ffmpeg::Packet packet) {
-    if (!base_ || packet->dts < *base_) {
-      return;
-    }
-    packet->pts -= *base_;
-    packet->dts -= *base_;
-    muxer_->Write(*soundTracks_[channel], std::move(packet));
-  });
-}
-
 void OutputPass::Write(TrackPacket item) {
-  ffmpeg::Packet packet = std::move(item.packet);
-  if (item.track != TrackPacket::kVideo) {
-    const auto channel = static_cast<std::size_t>(item.track);
-    if (channel < soundTracks_.size() && soundTracks_[channel]) {
-      const Time time = packet->dts;
-      interleaver_.Push(channel, std::move(packet), item.shift);
-      WriteSound(time - kLongestLead);
-    }
+  if (item.track == TrackPacket::kVideo) {
+    interleaver_.PushVideo(std::move(item.packet), mux_);
     return;
   }
-  if (!base_) {
-    if ((packet->flags & AV_PKT_FLAG_KEY) == 0) {
-      return;
-    }
-    base_ = packet->pts;
+  const auto channel = static_cast<std::size_t>(item.track);
+  if (soundTracks_.at(channel)) {
+    interleaver_.PushAudio(channel, std::move(item.packet), item.shift);
+  } else {
+    ++counters_.of(item.track).leftOut;
   }
-  WriteSound(packet->dts);
-  packet->pts -= *base_;
-  packet->dts -= *base_;
-  end_ = std::max(end_, packet->pts + packet->duration);
-  muxer_->Write(videoTrack_, std::move(packet));
-  ++written_;
+}
+
+void OutputPass::Mux(int track, ffmpeg::Packet packet) {
+  TrackCounters& counters = counters_.of(track);
+  // Counted first: a failure of the output takes the packet with it.
+  ++counters.leftOut;
+  const std::size_t number =
+      track == TrackPacket::kVideo ? videoTrack_ : *soundTracks_[static_cast<std::size_t>(track)];
+  if (muxer_->Write(number, std::move(packet))) {
+    ++counters.written;
+    --counters.leftOut;
+  }
 }
 
 void OutputPass::Finish() {
@@ -215,9 +207,7 @@ void OutputPass::Finish() {
     Start();
     WriteHeld();
   }
-  if (base_) {
-    WriteSound(*base_ + end_);
-  }
+  interleaver_.Finish(mux_);
   muxer_->Finish();
 }
 

@@ -42,8 +42,10 @@ class OutputPass {
   };
   using Say = std::function<void(const std::string&)>;
 
-  // video: of the encoder. say gets sentences for the operator.
-  OutputPass(const Settings& settings, const AVCodecParameters& video, Say say);
+  // video: of the encoder. counters: what is written and left out; they outlive the session. say
+  // gets sentences for the operator.
+  OutputPass(const Settings& settings, const AVCodecParameters& video, OutputCounters& counters,
+             Say say);
   ~OutputPass();
 
   // Opens the output when it is time. Throws ffmpeg::Error.
@@ -54,10 +56,8 @@ class OutputPass {
   void Cancel();
 
   bool started() const { return muxer_ != nullptr; }
-  // Pictures written.
-  std::uint64_t written() const { return written_; }
   // Time written.
-  Time length() const { return end_; }
+  Time length() const { return interleaver_.length(); }
 
  private:
   bool CanStart(const TrackPacket& packet);
@@ -68,10 +68,11 @@ class OutputPass {
   void AddTracks(Muxer& muxer);
   void AddTrack(Muxer& muxer, std::size_t channel, const AudioFormat& format);
   void Write(TrackPacket packet);
-  void WriteSound(Time before);
+  void Mux(int track, ffmpeg::Packet packet);
 
   const Settings& settings_;
   const AVCodecParameters& video_;
+  OutputCounters& counters_;
   const Say say_;
   std::deque<TrackPacket> held_;
   std::optional<Time> firstPicture_;  // of those held
@@ -81,9 +82,9 @@ class OutputPass {
   std::size_t videoTrack_ = 0;
   std::vector<std::optional<std::size_t>> soundTracks_;  // of the muxer, for each channel
   Interleaver interleaver_;
-  std::optional<Time> base_;  // the wall's time that becomes 0
-  Time end_ = 0;
-  std::uint64_t written_ = 0;
+  const Interleaver::Write mux_ = [this](int track, ffmpeg::Packet packet) {
+    Mux(track, std::move(packet));
+  };
 };
 
 }  // namespace host

@@ -12,8 +12,6 @@ namespace {
 // The composer shows every picture that long after its source.
 constexpr Time kWindowLatency = kSecond;
 constexpr std::chrono::milliseconds kFrameLimit{60'000};
-// Sound and picture of a live source lie no further apart than that when they come.
-constexpr Time kLiveMergeWindow = kSecond / 5;
 
 ComposerFilter::Canvas CanvasOf(const wall::Wall& wall) {
   return {static_cast<int>(wall.channels.size()),
@@ -128,18 +126,18 @@ ChannelSource::Settings WallSession::ChannelSettings(const wall::Channel& channe
   source.ingest.reader.audioTrack = options.audio.track;
   source.ingest.reader.audioLanguage = options.audio.language;
   source.ingest.reader.options = options.options;
-  source.ingest.picture.width = channel.window.width;
-  source.ingest.picture.height = channel.window.height;
-  source.ingest.picture.canvasRate = PictureRate(canvas.frameRate);
-  source.ingest.picture.canvasPixelAspect = PixelAspect(canvas.width, canvas.height, canvas.aspect);
-  source.ingest.picture.deinterlace = DeinterlaceOf(options.deinterlace);
-  source.ingest.meter.frameRate = canvas.frameRate;
-  source.ingest.logger = settings_.logger;
-  source.ingest.pictureMeter = {options.alarm.black.level, options.alarm.freeze.level};
+  source.ingest.session.picture.width = channel.window.width;
+  source.ingest.session.picture.height = channel.window.height;
+  source.ingest.session.picture.canvasRate = PictureRate(canvas.frameRate);
+  source.ingest.session.picture.canvasPixelAspect =
+      PixelAspect(canvas.width, canvas.height, canvas.aspect);
+  source.ingest.session.picture.deinterlace = DeinterlaceOf(options.deinterlace);
+  source.ingest.session.meter.frameRate = canvas.frameRate;
+  source.ingest.session.logger = settings_.logger;
+  source.ingest.session.pictureMeter = {options.alarm.black.level, options.alarm.freeze.level};
   source.ingest.reopen = settings_.live;
   if (settings_.live) {
-    source.ingest.mergeWindow = kLiveMergeWindow;
-    source.ingest.now = [this] { return clock_.Now(); };
+    source.ingest.session.now = [this] { return clock_.Now(); };
   }
   source.label = LabelOf(channel.label);
   source.labelByService = channel.label.source == wall::Label::Source::kService;
@@ -155,7 +153,7 @@ ChannelSource::Settings WallSession::ChannelSettings(const wall::Channel& channe
   presenter.timeText = [this](Time time) { return TimeText(time); };
   presenter.pictureSent = [window] { window->SetPictureSent(); };
   presenter.logger = settings_.logger;
-  presenter.latestFrame = [this] { return background_->latestFrame(); };
+  presenter.presentFrame = [this] { return background_->presentFrame(); };
   return source;
 }
 
@@ -177,7 +175,7 @@ void WallSession::AddChannel(std::size_t index) {
                           channel.options.colour, channel.selected});
   ChannelSource::Settings settings = ChannelSettings(channel, window.Get());
   if (settings_.takePacket) {
-    settings.ingest.audioTrack = settings_.audioTracks.at(index);
+    settings.ingest.session.audioTrack = settings_.audioTracks.at(index);
   }
   const ComPtr<ChannelSource> source =
       ChannelSource::Create(std::move(settings), settings_.observer);

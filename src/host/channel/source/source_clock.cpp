@@ -42,8 +42,10 @@ Time SourceClock::Unwrap(const Stream& stream, Time raw) const {
 SourceClock::Verdict SourceClock::Judge(const Stream& stream, Time raw) const {
   const Time usual = kBackLimit + 2 * std::max(stream.lastStep, stream.claimed);
   const auto goesOn = [&](Time from) { return raw - from >= -kBackLimit && raw - from <= usual; };
-  const Time step = raw + stream.offset.value - stream.expected;
-  if (step >= -kBackLimit && (step <= kBackLimit || goesOn(stream.lastRaw))) {
+  const Time time = raw + stream.offset.value;
+  const Time step = time - stream.expected;
+  if ((step >= -kBackLimit && (step <= kBackLimit || goesOn(stream.lastRaw))) ||
+      std::abs(time - Due(stream)) <= kBackLimit) {
     return Verdict::kFollows;
   }
   // Without a rhythm there is nothing to doubt.
@@ -55,12 +57,21 @@ SourceClock::Verdict SourceClock::Judge(const Stream& stream, Time raw) const {
 const SourceClock::Stream* SourceClock::Companion(const Stream& stream) const {
   const Stream* companion = nullptr;
   for (const Stream& other : streams_) {
-    if (&other != &stream && other.started &&
+    if (&other != &stream && other.started && stream.expected - other.expected <= kGone &&
         (companion == nullptr || other.turn > companion->turn)) {
       companion = &other;
     }
   }
   return companion;
+}
+
+Time SourceClock::Due(const Stream& stream) const {
+  const Stream* const companion = Companion(stream);
+  if (companion == nullptr) {
+    return stream.expected;
+  }
+  const Time beside = companion->expected + stream.ahead;
+  return beside - stream.expected > kAway ? beside : stream.expected;
 }
 
 bool SourceClock::JoinCompanion(Stream& stream, Time raw) {
@@ -69,7 +80,7 @@ bool SourceClock::JoinCompanion(Stream& stream, Time raw) {
     return false;
   }
   const Time time = raw + companion->offset.value;
-  if (std::abs(time - stream.expected) > kAdoptionLimit ||
+  if (std::abs(time - Due(stream)) > kAdoptionLimit ||
       std::abs(time - companion->expected) > kAdoptionLimit) {
     return false;
   }
@@ -104,7 +115,7 @@ bool SourceClock::FollowLeap(Stream& stream, Time raw) {
       return false;
     }
   }
-  AddOffset(stream.expected - raw, isGap ? std::optional(stream.offset.value) : std::nullopt);
+  AddOffset(Due(stream) - raw, isGap ? std::optional(stream.offset.value) : std::nullopt);
   stream.offset = newest_;
   return true;
 }
@@ -140,7 +151,7 @@ SourceClock::Mapped SourceClock::Map(std::size_t index, Stamps stamps) {
         mapped.discontinuity = FollowLeap(stream, raw);
       }
     }
-    mapped.dts = verdict == Verdict::kDoubtful ? stream.expected : raw + stream.offset.value;
+    mapped.dts = verdict == Verdict::kDoubtful ? Due(stream) : raw + stream.offset.value;
     if (stamps.pts) {
       // The presentation time stays as far from the decoding time as the source has it, a wrap
       // between the two undone.
