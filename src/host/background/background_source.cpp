@@ -18,11 +18,9 @@ class WatchedAllocator final : public CMemAllocator {
       : CMemAllocator("background allocator", nullptr, nullptr), watch_(std::move(watch)) {}
 
   HRESULT ReleaseBuffer(IMediaSample* sample) override {
-    // Afterwards this allocator may be gone.
-    const std::shared_ptr<FrameWatch> watch = watch_;
-    const HRESULT hr = CMemAllocator::ReleaseBuffer(sample);
-    watch->Returned(sample);
-    return hr;
+    // First: once the buffer is free, it may be that of the next frame that is watched.
+    watch_->Returned(sample);
+    return CMemAllocator::ReleaseBuffer(sample);
   }
 
  private:

@@ -48,6 +48,11 @@ bool ChannelQueue::HasRoom() const {
   return !lastPushed_ || *lastPushed_ - (clock_ ? clock_() : target_.value_or(0)) < span_;
 }
 
+Time ChannelQueue::roomAt() const {
+  const std::lock_guard guard(lock_);
+  return lastPushed_ ? *lastPushed_ - span_ + 1 : kNever;
+}
+
 bool ChannelQueue::WaitForRoom() {
   std::unique_lock guard(lock_);
   while (!closed_ && !readerLeft_ && !HasRoom()) {

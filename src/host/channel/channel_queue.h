@@ -68,6 +68,8 @@ class ChannelQueue {
   void Open();
   void Close();
 
+  // When a reader that can wait reads on: what was pushed last then lies less than the span ahead.
+  Time roomAt() const;
   // Reader: waits until what was pushed last lies less than the span ahead. False once the queue is
   // closed.
   bool WaitForRoom();

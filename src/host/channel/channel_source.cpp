@@ -88,6 +88,10 @@ HRESULT ChannelSource::Pause() {
     const std::lock_guard guard(labelLock_);
     labelChanged_ = true;
   }
+  presenter_.Begin(Now().value_or(0));
+  if (settings_.driven) {
+    return hr;
+  }
   ingest_.Prepare();
   reader_ = std::make_unique<os::Thread>([this] { ingest_.Run(); }, "reader");
   streaming_ = std::make_unique<os::Thread>([this] { Stream(); }, "streaming");
@@ -100,6 +104,7 @@ HRESULT ChannelSource::Stop() {
   queue_.Close();
   const HRESULT hr = CBaseFilter::Stop();
   EndThreads();
+  presenter_.End();
   return hr;
 }
 
@@ -118,20 +123,39 @@ void ChannelSource::SetLabel(const std::string& text) {
   label_ = text;
 }
 
-void ChannelSource::Stream() {
+std::optional<Time> ChannelSource::Now() const {
   const std::function<Time()>& now = settings_.ingest.session.now;
-  presenter_.Begin(now ? now() : 0);
+  return now ? std::optional(now()) : std::nullopt;
+}
+
+void ChannelSource::Stream() {
   while (!queue_.closed()) {
     const Time tick = presenter_.nextTick();
     if (std::optional<ChannelItem> item = queue_.Take(tick)) {
       Deliver(*item);
     } else if (!queue_.closed()) {
-      DeliverLabel(tick);
       // A streaming thread that was kept from running has nothing to make up for.
-      presenter_.Tick(now ? std::max(tick, now()) : tick);
+      DeliverTick(std::max(tick, Now().value_or(tick)));
     }
   }
-  presenter_.End();
+}
+
+void ChannelSource::DeliverUpTo(Time now) {
+  for (;;) {
+    const Time tick = presenter_.nextTick();
+    if (std::optional<ChannelItem> item = queue_.Take(std::min(tick, now))) {
+      Deliver(*item);
+    } else if (tick <= now) {
+      DeliverTick(now);
+    } else {
+      return;
+    }
+  }
+}
+
+void ChannelSource::DeliverTick(Time tick) {
+  DeliverLabel(tick);
+  presenter_.Tick(tick);
 }
 
 void ChannelSource::Deliver(ChannelItem& item) {

@@ -64,8 +64,9 @@ bool SourceSession::Handle(MediaItem item) {
   }
   if (auto* const samples = std::get_if<AudioSamples>(&item)) {
     const AVFrame& frame = *samples->frame;
-    meter_.Push(planes_.Convert(frame), frame.nb_samples, frame.sample_rate, samples->start,
-                [this](const LevelMeter::Reading& reading) { open_ = AddReading(reading) && open_; });
+    meter_.Push(
+        planes_.Convert(frame), frame.nb_samples, frame.sample_rate, samples->start,
+        [this](const LevelMeter::Reading& reading) { open_ = AddReading(reading) && open_; });
     return (!audio_ || audio_->Take(*samples, audioSink_)) && open_;
   }
   return true;
@@ -116,8 +117,7 @@ bool SourceSession::DrainConverter() {
 }
 
 bool SourceSession::AddReading(const LevelMeter::Reading& reading) {
-  return placer_.Add(reading.start, reading.duration,
-                     ReadyLevels{reading.levels, reading.loudest});
+  return placer_.Add(reading.start, reading.duration, ReadyLevels{reading.levels, reading.loudest});
 }
 
 }  // namespace host

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "host/channel/source/item_times.h"
 #include "host/channel/source/media_error.h"
 #include "host/channel/source/media_info.h"
 #include "host/channel/source/picture_watch.h"
@@ -93,9 +94,7 @@ class MediaReader {
     int successorPackets = 0;  // of it since the latest packet of this one
     std::optional<StreamDecoder> decoder;
     Time pictureDuration = 0;
-    Time nextStart = 0;                   // end of the latest item handed out
-    std::optional<Time> lastStart;        // of the latest item handed out
-    std::optional<Time> discontinuityAt;  // the first item from here on carries the flag
+    ItemTimes times;
   };
 
   // Throw ffmpeg::Error, or MediaError with more to say.

@@ -12,6 +12,13 @@ extern "C" {
 #include "host/ffmpeg/time_unit.h"
 
 namespace host {
+namespace {
+
+std::optional<Time> GivenTime(std::int64_t timestamp) {
+  return timestamp != AV_NOPTS_VALUE ? std::optional<Time>(timestamp) : std::nullopt;
+}
+
+}  // namespace
 
 MediaItem MediaReader::Read() {
   using Clock = PictureWatch::Clock;
@@ -110,7 +117,7 @@ void MediaReader::HandlePacket(ffmpeg::Packet packet) {
   packet->time_base = ffmpeg::kTimeUnit;
   if (isVideo) {
     if (mapped.discontinuity) {
-      track.discontinuityAt = mapped.dts;
+      track.times.JumpedTo(mapped.dts);
     }
     DecodeVideo(*packet);
   } else {
@@ -216,24 +223,17 @@ void MediaReader::DecodeAudio(const AVPacket& packet) {
   }
 }
 
-// An item that does not start after the one before it is moved just behind it.
 void MediaReader::GivePicture(ffmpeg::Frame frame) {
   // The container's word on the shape of the pixels holds over the stream's.
   frame->sample_aspect_ratio =
       av_guess_sample_aspect_ratio(input_.get(), input_->streams[video_->streamIndex], frame.get());
+  const ItemTimes::Span span =
+      video_->times.Frame(GivenTime(frame->best_effort_timestamp),
+                          frame->pkt_duration > 0 ? frame->pkt_duration : video_->pictureDuration);
   VideoPicture picture;
-  picture.start = frame->best_effort_timestamp != AV_NOPTS_VALUE ? frame->best_effort_timestamp
-                                                                 : video_->nextStart;
-  if (video_->lastStart) {
-    picture.start = std::max(picture.start, *video_->lastStart + 1);
-  }
-  picture.duration = frame->pkt_duration > 0 ? frame->pkt_duration : video_->pictureDuration;
-  if (video_->discontinuityAt && picture.start >= *video_->discontinuityAt) {
-    picture.discontinuity = true;
-    video_->discontinuityAt.reset();
-  }
-  video_->lastStart = picture.start;
-  video_->nextStart = picture.start + picture.duration;
+  picture.start = span.start;
+  picture.duration = span.duration;
+  picture.discontinuity = span.discontinuity;
   picture.frame = std::move(frame);
   gaveInPass_ = true;
   if (watch_) {
@@ -245,15 +245,11 @@ void MediaReader::GivePicture(ffmpeg::Frame frame) {
 void MediaReader::GiveAudioPacket(const AVPacket& packet, bool discontinuity) {
   AudioPacket item;
   item.packet = ffmpeg::RefPacket(packet);
-  item.start = packet.pts != AV_NOPTS_VALUE ? packet.pts : packet.dts;
-  if (audio_->lastStart) {
-    item.start = std::max(item.start, *audio_->lastStart);
-  }
+  item.start = audio_->times.Packet(packet.pts != AV_NOPTS_VALUE ? packet.pts : packet.dts);
   item.packet->pts = item.start;
   item.packet->dts = item.start;
   item.duration = packet.duration;
   item.discontinuity = discontinuity;
-  audio_->lastStart = item.start;
   gaveInPass_ = true;
   ready_.emplace_back(std::move(item));
 }
@@ -262,11 +258,12 @@ void MediaReader::GiveSamples(ffmpeg::Frame frame) {
   if (frame->sample_rate <= 0 || frame->nb_samples <= 0) {
     return;
   }
+  const ItemTimes::Span span =
+      audio_->times.Samples(GivenTime(frame->best_effort_timestamp),
+                            av_rescale(frame->nb_samples, kSecond, frame->sample_rate));
   AudioSamples samples;
-  samples.start = frame->best_effort_timestamp != AV_NOPTS_VALUE ? frame->best_effort_timestamp
-                                                                 : audio_->nextStart;
-  samples.duration = av_rescale(frame->nb_samples, kSecond, frame->sample_rate);
-  audio_->nextStart = samples.start + samples.duration;
+  samples.start = span.start;
+  samples.duration = span.duration;
   samples.frame = std::move(frame);
   ready_.emplace_back(std::move(samples));
 }

@@ -44,9 +44,12 @@ SourceClock::Verdict SourceClock::Judge(const Stream& stream, Time raw) const {
   const auto goesOn = [&](Time from) { return raw - from >= -kBackLimit && raw - from <= usual; };
   const Time time = raw + stream.offset.value;
   const Time step = time - stream.expected;
-  if ((step >= -kBackLimit && (step <= kBackLimit || goesOn(stream.lastRaw))) ||
-      std::abs(time - Due(stream)) <= kBackLimit) {
+  if (step >= -kBackLimit && (step <= kBackLimit || goesOn(stream.lastRaw))) {
     return Verdict::kFollows;
+  }
+  const Time due = Due(stream);
+  if (due != stream.expected && std::abs(time - due) <= kAdoptionLimit) {
+    return Verdict::kFollows;  // it was away, and is back beside the others
   }
   // Without a rhythm there is nothing to doubt.
   const bool borneOut = !forwardLimit_ || stream.lastStep <= 0 || stream.doubts >= kMostDoubts ||
@@ -177,7 +180,9 @@ SourceClock::Mapped SourceClock::Map(std::size_t index, Stamps stamps) {
       } else if (stream.started && !mapped.discontinuity && stream.doubts == 0) {
         stream.lastStep = std::max<Time>(raw - stream.lastRaw, 0);
       }
-      if (const Stream* const companion = Companion(stream)) {
+      // Measured where the two take turns: one that is away stands still.
+      if (const Stream* const companion = Companion(stream);
+          companion != nullptr && companion->turn == turn_) {
         stream.ahead = mapped.dts - companion->expected;
       }
       stream.lastRaw = raw;

@@ -91,7 +91,7 @@ class SourceClock {
     Time expected = 0;       // clock time at which the next packet would follow without a gap
     Time lastStep = 0;       // distance of the latest two packets
     Time claimed = 0;        // duration that the latest one is said to have
-    Time ahead = 0;          // of its companion, on the clock, when the latest one came
+    Time ahead = 0;          // of its companion, on the clock, when a packet of that came before
     std::uint64_t turn = 0;  // counts the packets of all streams
     std::optional<Time> doubtful{};  // source time of the latest packet, which was not believed
     int doubts = 0;                  // packets in a row of that kind
