@@ -42,10 +42,10 @@ const char* NameOf(Kind kind) {
 }
 
 Fault MakeFault(Dice& dice, const SourceModel& source) {
-  static const std::vector<Kind> kPushed{
-      Kind::kStall,     Kind::kPause,     Kind::kRestart, Kind::kReplaced, Kind::kJump,
-      Kind::kAudioAway, Kind::kVideoAway, Kind::kDamage,  Kind::kLoss,     Kind::kReopened,
-      Kind::kStarved};
+  static const std::vector<Kind> kPushed{Kind::kStall,     Kind::kPause,  Kind::kRestart,
+                                         Kind::kReplaced,  Kind::kJump,   Kind::kAudioAway,
+                                         Kind::kVideoAway, Kind::kDamage, Kind::kLoss,
+                                         Kind::kReopened,  Kind::kStarved};
   static const std::vector<Kind> kPulled{Kind::kStall, Kind::kPause, Kind::kAudioAway,
                                          Kind::kReopened, Kind::kStarved};
   Fault fault;
@@ -153,7 +153,8 @@ Scenario MakeScenario(std::uint64_t seed, Time length) {
   }
   scenario.outputs.push_back({static_cast<int>(dice.Between(0, 40)), {}});
   OutputModel slow{static_cast<int>(dice.Between(0, 40)), {}};
-  for (Time at = dice.Between(10, 100) * kSecond; at < length; at += dice.Between(20, 300) * kSecond) {
+  for (Time at = dice.Between(10, 100) * kSecond; at < length;
+       at += dice.Between(20, 300) * kSecond) {
     slow.stalls.push_back({Kind::kStall, at, dice.Between(1, 30) * kSecond, 0});
     at += slow.stalls.back().length;
   }
@@ -176,8 +177,8 @@ std::string Describe(const Scenario& scenario) {
               std::to_string(source.samplesPerPacket) + " muxed " + Seconds(source.audioSkew) +
               " late";
     }
-    text += ", bursts " + Seconds(source.burst) + ", jitter " + Seconds(source.jitter) + ", drift " +
-            std::to_string(static_cast<int>(source.drift)) + " ppm, from " +
+    text += ", bursts " + Seconds(source.burst) + ", jitter " + Seconds(source.jitter) +
+            ", drift " + std::to_string(static_cast<int>(source.drift)) + " ppm, from " +
             Seconds(source.firstTimestamp) + "\n";
     for (const Fault& fault : source.faults) {
       text += "    " + Seconds(fault.at) + ": " + NameOf(fault.kind) + " " + Seconds(fault.length) +

@@ -16,17 +16,17 @@ using host::Time;
 
 struct Fault {
   enum class Kind {
-    kStall,       // the network stops; what was sent meanwhile comes in a burst
-    kPause,       // the sender stops and goes on where it was
-    kRestart,     // the sender is away and comes back with other timestamps
-    kReplaced,    // by a sender without audio, and at the end by one with audio again
-    kJump,        // the timestamps jump by amount
-    kAudioAway,   // no audio for a while
-    kVideoAway,   // no video for a while
-    kDamage,      // bit `amount` of the timestamp of one packet is flipped
-    kLoss,        // a third of the packets is lost
-    kReopened,    // the connection fails and is opened again
-    kStarved,     // the channel's streaming thread gets no processor
+    kStall,      // the network stops; what was sent meanwhile comes in a burst
+    kPause,      // the sender stops and goes on where it was
+    kRestart,    // the sender is away and comes back with other timestamps
+    kReplaced,   // by a sender without audio, and at the end by one with audio again
+    kJump,       // the timestamps jump by amount
+    kAudioAway,  // no audio for a while
+    kVideoAway,  // no video for a while
+    kDamage,     // bit `amount` of the timestamp of one packet is flipped
+    kLoss,       // a third of the packets is lost
+    kReopened,   // the connection fails and is opened again
+    kStarved,    // the channel's streaming thread gets no processor
   };
   Kind kind = Kind::kStall;
   Time at = 0;
@@ -41,17 +41,17 @@ struct SourceModel {
   bool audio = true;
   int sampleRate = 48'000;
   int samplesPerPacket = 1024;
-  Time audioSkew = 0;   // by how much its audio is muxed later than the video of the same time
-  Time burst = 0;       // sends in lumps of that length
-  Time jitter = 0;      // of the network, per packet
-  double drift = 0;     // of its clock, parts per million
+  Time audioSkew = 0;  // by how much its audio is muxed later than the video of the same time
+  Time burst = 0;      // sends in lumps of that length
+  Time jitter = 0;     // of the network, per packet
+  double drift = 0;    // of its clock, parts per million
   Time firstTimestamp = 0;
-  Time wrapPeriod = 0;  // of its timestamps; 0: none
+  Time wrapPeriod = 0;        // of its timestamps; 0: none
   std::vector<Fault> faults;  // in the order of time, not overlapping
 };
 
 struct OutputModel {
-  int encoderDelay = 0;  // frames
+  int encoderDelay = 0;       // frames
   std::vector<Fault> stalls;  // its consumer takes nothing
 };
 
@@ -73,7 +73,8 @@ class Dice {
   explicit Dice(std::uint64_t seed) : engine_(seed) {}
   // least to most, both included.
   std::int64_t Between(std::int64_t least, std::int64_t most) {
-    return least + static_cast<std::int64_t>(engine_() % static_cast<std::uint64_t>(most - least + 1));
+    return least +
+           static_cast<std::int64_t>(engine_() % static_cast<std::uint64_t>(most - least + 1));
   }
   bool OneIn(int n) { return Between(1, n) == 1; }
   template <typename T>

@@ -61,10 +61,7 @@ SimulatedChannel::Session::Session(const SimulatedChannel& channel)
 
 SimulatedChannel::SimulatedChannel(std::size_t index, const SourceModel* model, std::uint64_t seed,
                                    host::Ratio canvasRate, const Services& services)
-    : model_(model),
-      canvasRate_(canvasRate),
-      services_(services),
-      format_(Format()) {
+    : model_(model), canvasRate_(canvasRate), services_(services), format_(Format()) {
   if (model_ != nullptr) {
     packets_.emplace(*model_, seed);
   }
@@ -123,8 +120,8 @@ void SimulatedChannel::ReadAt(Time now) {
     return;
   }
   const SimulatedPacket packet = packets_->Next();
-  if (packet.arrival > now || (model_->pace == host::Pace::kPulled &&
-                               channel_->queue().roomAt() > now)) {
+  if (packet.arrival > now ||
+      (model_->pace == host::Pace::kPulled && channel_->queue().roomAt() > now)) {
     if (!silent_ && latestPacket_ + kReadLimit <= now) {
       if (model_->pace == host::Pace::kPushed) {
         // Datagrams have no connection that could have broken: reading goes on.
@@ -187,8 +184,8 @@ void SimulatedChannel::Handle(const SimulatedPacket& packet) {
   if (!session.decoder.empty() && session.decoder.top().id.epoch != packet.id.epoch) {
     session.decoder = {};
   }
-  session.decoder.push(
-      {packet.id, mapped.pts.has_value() ? mapped.pts : std::optional(mapped.dts), packet.duration});
+  session.decoder.push({packet.id, mapped.pts.has_value() ? mapped.pts : std::optional(mapped.dts),
+                        packet.duration});
   if (session.decoder.size() > static_cast<std::size_t>(model_->reorder)) {
     const Frame frame = session.decoder.top();
     session.decoder.pop();
@@ -236,8 +233,7 @@ void SimulatedChannel::HandleAudio(const SimulatedPacket& packet,
   session_->placer.Add(item.start, item.duration, std::move(item));
 
   const host::ItemTimes::Span span = session_->audioTimes.Samples(given, packet.duration);
-  const auto count = static_cast<int>(
-      std::max<Time>(packet.duration * kLevelRate / kSecond, 1));
+  const auto count = static_cast<int>(std::max<Time>(packet.duration * kLevelRate / kSecond, 1));
   const std::vector<float> samples(
       static_cast<std::size_t>(count),
       IsLoud(SimulatedSource::AudioTime(*model_, packet.id.number)) ? 1.0F : 0.0F);

@@ -73,7 +73,8 @@ void SimulatedSource::Generate() {
     packet.isVideo = !model_.audio || videoDts <= audioPts + model_.audioSkew;
     const Time key = packet.isVideo ? videoDts : audioPts + model_.audioSkew;
     const Time sent =
-        origin_ + static_cast<Time>(std::llround(static_cast<double>(key) / (1 + model_.drift * 1e-6)));
+        origin_ +
+        static_cast<Time>(std::llround(static_cast<double>(key) / (1 + model_.drift * 1e-6)));
     // What begins before this packet is sent.
     if (fault_ < model_.faults.size() && model_.faults[fault_].at <= sent) {
       const Fault& fault = model_.faults[fault_++];

@@ -101,8 +101,8 @@ class SimulatedOutput {
     if (counters_.of(host::OutputCounters::kVideo).received != frames_) {
       return "frames that never came to an output";
     }
-    for (int track = host::OutputCounters::kVideo;
-         track < static_cast<int>(counters_.channels()); ++track) {
+    for (int track = host::OutputCounters::kVideo; track < static_cast<int>(counters_.channels());
+         ++track) {
       const host::TrackCounters& counters = counters_.of(track);
       if (counters.received != counters.written + counters.dropped + counters.leftOut) {
         return "track " + std::to_string(track) + ": received " +
@@ -149,8 +149,7 @@ class SimulatedOutput {
   const Time frameTime_;
   host::OutputCounters counters_;
   host::PacketQueue queue_;
-  std::unique_ptr<host::Interleaver> interleaver_ =
-      std::make_unique<host::Interleaver>(counters_);
+  std::unique_ptr<host::Interleaver> interleaver_ = std::make_unique<host::Interleaver>(counters_);
   std::deque<Time> encoder_;
   std::uint64_t encoded_ = 0;
   std::uint64_t frames_ = 0;
@@ -166,8 +165,12 @@ class SimulatedWall {
         height_(WindowLayout::kHeight + kMargin),
         watch_(std::make_shared<host::FrameWatch>()),
         composer_(library,
-                  {static_cast<int>(scenario.sources.size()), width_, height_, {16, 9},
-                   scenario.canvasRate, 0},
+                  {static_cast<int>(scenario.sources.size()),
+                   width_,
+                   height_,
+                   {16, 9},
+                   scenario.canvasRate,
+                   0},
                   &logger_),
         graph_(FilterGraph::Create()) {
     const std::size_t count = scenario.sources.size();
@@ -226,7 +229,8 @@ class SimulatedWall {
     }
     graph_->Stop();
     if (composed_ != static_cast<std::uint64_t>(frame)) {
-      Violated(std::to_string(composed_) + " of " + std::to_string(frame) + " frames were composed");
+      Violated(std::to_string(composed_) + " of " + std::to_string(frame) +
+               " frames were composed");
     }
     for (std::size_t i = 0; i < outputs_.size(); ++i) {
       outputs_[i]->Finish(i == 0 ? write_ : forget);
@@ -387,7 +391,8 @@ Scenario Shrink(Scenario scenario, const std::string& composerLibrary) {
   // The words of what is violated, without numbers.
   const auto words = [](const std::vector<std::string>& violations) {
     std::string kept = violations.empty() ? "" : violations.front();
-    std::erase_if(kept, [](char c) { return std::isdigit(static_cast<unsigned char>(c)) || c == '-'; });
+    std::erase_if(kept,
+                  [](char c) { return std::isdigit(static_cast<unsigned char>(c)) || c == '-'; });
     return kept;
   };
   const std::string wanted = words(Violations(scenario, composerLibrary));
@@ -404,8 +409,7 @@ Scenario Shrink(Scenario scenario, const std::string& composerLibrary) {
     return false;
   };
   for (Time length = scenario.length / 2; length > 20 * kSecond; length /= 2) {
-    while (scenario.length > length &&
-           attempt([&](Scenario& s) { s.length -= length; })) {
+    while (scenario.length > length && attempt([&](Scenario& s) { s.length -= length; })) {
     }
   }
   for (std::size_t i = 0; i < scenario.sources.size() && scenario.sources.size() > 1;) {

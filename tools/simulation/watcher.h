@@ -64,8 +64,8 @@ class Watcher {
   const host::Ratio canvasRate_;
   const Time length_;
   const Violated violated_;
-  std::deque<Shown> shown_;      // not written yet
-  std::deque<Sounding> audio_;   // of the last seconds
+  std::deque<Shown> shown_;           // not written yet
+  std::deque<Sounding> audio_;        // of the last seconds
   std::optional<ContentId> latest_;   // shown
   std::optional<ContentId> counted_;  // of the stretch
   std::optional<Time> calmSince_;

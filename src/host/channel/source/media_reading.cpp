@@ -3,6 +3,7 @@
 #include <utility>
 
 extern "C" {
+#include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 }
 
@@ -16,6 +17,21 @@ namespace {
 
 std::optional<Time> GivenTime(std::int64_t timestamp) {
   return timestamp != AV_NOPTS_VALUE ? std::optional<Time>(timestamp) : std::nullopt;
+}
+
+// What a packet of audio lasts. The demuxer gives the first ones before it knows their rate,
+// without a duration and all but the first without a timestamp. 0 for video.
+Time AudioDuration(AVStream& stream, int bytes) {
+  constexpr int kAacSamples = 1024;
+  AVCodecParameters& parameters = *stream.codecpar;
+  if (parameters.codec_type != AVMEDIA_TYPE_AUDIO || parameters.sample_rate <= 0) {
+    return 0;
+  }
+  int samples = av_get_audio_frame_duration2(&parameters, bytes);
+  if (samples <= 0 && parameters.codec_id == AV_CODEC_ID_AAC) {
+    samples = kAacSamples;
+  }
+  return av_rescale(std::max(samples, 0), kSecond, parameters.sample_rate);
 }
 
 }  // namespace
@@ -106,8 +122,9 @@ void MediaReader::HandlePacket(ffmpeg::Packet packet) {
   Track& track = isVideo ? *video_ : *audio_;
   track.successorPackets = 0;
   const AVRational unit = input_->streams[track.streamIndex]->time_base;
-  const Time duration =
-      packet->duration > 0 ? av_rescale_q(packet->duration, unit, ffmpeg::kTimeUnit) : 0;
+  const Time duration = packet->duration > 0
+                            ? av_rescale_q(packet->duration, unit, ffmpeg::kTimeUnit)
+                            : AudioDuration(*input_->streams[track.streamIndex], packet->size);
   const SourceClock::Mapped mapped =
       clock_->Map(track.clockStream,
                   {ffmpeg::ToTime(packet->dts, unit), ffmpeg::ToTime(packet->pts, unit), duration});
