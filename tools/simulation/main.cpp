@@ -22,11 +22,13 @@ int main(int argc, char** argv) {
   double minutes = 10;
   unsigned jobs = std::max(1U, std::thread::hardware_concurrency());
   bool describe = false;
+  bool shrink = true;
   app.add_option("--first", first, "the first seed")->capture_default_str();
   app.add_option("--seeds", seeds, "how many seeds")->capture_default_str();
   app.add_option("--minutes", minutes, "simulated time of each")->capture_default_str();
   app.add_option("--jobs", jobs, "how many at once")->capture_default_str();
   app.add_flag("--describe", describe, "say what happens in each");
+  app.add_flag("--shrink,!--no-shrink", shrink, "shrink a seed that breaks a wall");
   CLI11_PARSE(app, argc, argv);
 
   host::ffmpeg::RouteLog(host::ffmpeg::LogLevel::kError, {});
@@ -47,16 +49,19 @@ int main(int argc, char** argv) {
       if (violations.empty()) {
         continue;
       }
-      const simulation::Scenario least = simulation::Shrink(scenario, library);
+      const simulation::Scenario least =
+          shrink ? simulation::Shrink(scenario, library) : scenario;
       const std::lock_guard guard(lock);
       ++broken;
       std::cout << "seed " << seed << " breaks the wall:\n";
       for (const std::string& violation : violations) {
         std::cout << "  " << violation << "\n";
       }
-      std::cout << "shrunk to " << simulation::Describe(least);
-      for (const std::string& violation : simulation::Violations(least, library)) {
-        std::cout << "  " << violation << "\n";
+      if (shrink) {
+        std::cout << "shrunk to " << simulation::Describe(least);
+        for (const std::string& violation : simulation::Violations(least, library)) {
+          std::cout << "  " << violation << "\n";
+        }
       }
       std::cout.flush();
     }
