@@ -135,6 +135,7 @@ TEST_F(SoundTest, TheMeterMovesWithAudioThatIsMuxedLaterOrEarlier) {
     const auto file = folder_ / ("audio" + std::to_string(later) + ".ts");
     e2e::RemuxWithAudioLater(folder_ / "clip.ts", file, later * kMillisecond);
     wall_.AddChannel(file.string(), {x, 0, kSize, kSize});
+    wall_.wall().channels.back().options.audio.meter = true;
     x += kSize + 2;
   }
   const std::vector<e2e::Frame> frames = wall_.Render(5 * kSecond);
