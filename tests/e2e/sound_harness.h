@@ -23,9 +23,9 @@ struct FlashClip {
 // Writes it; the name of the file decides about the container.
 void WriteFlashClip(const FlashClip& clip, const std::filesystem::path& file);
 
-// Writes the packets of a file again, the audio `later` behind the video of the same time in the order
-// of the mux (or, negative, before it); the timestamps stay. The name of the file decides about the
-// container.
+// Writes the packets of a file again, the audio `later` behind the video of the same time in the
+// order of the mux (or, negative, before it); the timestamps stay. The name of the file decides
+// about the container.
 void RemuxWithAudioLater(const std::filesystem::path& from, const std::filesystem::path& to,
                          host::Time later);
 

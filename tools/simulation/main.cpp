@@ -49,8 +49,7 @@ int main(int argc, char** argv) {
       if (violations.empty()) {
         continue;
       }
-      const simulation::Scenario least =
-          shrink ? simulation::Shrink(scenario, library) : scenario;
+      const simulation::Scenario least = shrink ? simulation::Shrink(scenario, library) : scenario;
       const std::lock_guard guard(lock);
       ++broken;
       std::cout << "seed " << seed << " breaks the wall:\n";

@@ -78,7 +78,7 @@ Fault MakeFault(Dice& dice, const SourceModel& source) {
   return fault;
 }
 
-SourceModel MakeSource(Dice& dice, Time length) {
+SourceModel MakeSource(Dice& dice, Time begin, Time length) {
   static const std::vector<Ratio> kRates{{25, 1},       {25, 1}, {50, 1}, {30000, 1001},
                                          {60000, 1001}, {30, 1}, {10, 1}, {24, 1},
                                          {1, 1},        {15, 1}, {60, 1}};
@@ -124,7 +124,7 @@ SourceModel MakeSource(Dice& dice, Time length) {
   if (!dice.OneIn(3)) {
     for (Time at = dice.Between(20'000, 60'000) * kMillisecond; at < length - 20 * kSecond;) {
       Fault fault = MakeFault(dice, source);
-      fault.at = at;
+      fault.at = begin + at;
       source.faults.push_back(fault);
       at += fault.length + dice.Between(3'000, 120'000) * kMillisecond;
     }
@@ -147,15 +147,18 @@ Scenario MakeScenario(std::uint64_t seed, Time length) {
   scenario.seed = seed;
   scenario.length = length;
   scenario.canvasRate = dice.Of(kCanvasRates);
+  if (dice.OneIn(4)) {
+    scenario.begin = dice.Between(0, 10 * 365 * 24 * std::int64_t{3600}) * kSecond;
+  }
   const std::int64_t sources = dice.Between(2, 4);
   for (std::int64_t i = 0; i < sources; ++i) {
-    scenario.sources.push_back(MakeSource(dice, length));
+    scenario.sources.push_back(MakeSource(dice, scenario.begin, length));
   }
   scenario.outputs.push_back({static_cast<int>(dice.Between(0, 40)), {}});
   OutputModel slow{static_cast<int>(dice.Between(0, 40)), {}};
   for (Time at = dice.Between(10, 100) * kSecond; at < length;
        at += dice.Between(20, 300) * kSecond) {
-    slow.stalls.push_back({Kind::kStall, at, dice.Between(1, 30) * kSecond, 0});
+    slow.stalls.push_back({Kind::kStall, scenario.begin + at, dice.Between(1, 30) * kSecond, 0});
     at += slow.stalls.back().length;
   }
   scenario.outputs.push_back(slow);
@@ -164,7 +167,8 @@ Scenario MakeScenario(std::uint64_t seed, Time length) {
 
 std::string Describe(const Scenario& scenario) {
   std::string text = "seed " + std::to_string(scenario.seed) + ": " + Seconds(scenario.length) +
-                     " at " + std::to_string(scenario.canvasRate.num) + "/" +
+                     " from " + Seconds(scenario.begin) + " on, at " +
+                     std::to_string(scenario.canvasRate.num) + "/" +
                      std::to_string(scenario.canvasRate.den) + "\n";
   for (std::size_t i = 0; i < scenario.sources.size(); ++i) {
     const SourceModel& source = scenario.sources[i];

@@ -29,7 +29,7 @@ struct Fault {
     kStarved,    // the channel's streaming thread gets no processor
   };
   Kind kind = Kind::kStall;
-  Time at = 0;
+  Time at = 0;  // on the wall's clock
   Time length = 0;
   std::int64_t amount = 0;
 };
@@ -58,6 +58,7 @@ struct OutputModel {
 struct Scenario {
   std::uint64_t seed = 0;
   Ratio canvasRate{25, 1};
+  Time begin = 0;  // the wall has been running for that long
   Time length = 0;
   std::vector<SourceModel> sources;
   std::vector<OutputModel> outputs;  // the first one never stalls

@@ -55,15 +55,19 @@ SimulatedChannel::Session::Session(const SimulatedChannel& channel)
       audioStream(clock.AddStream(channel.model_->wrapPeriod)),
       limiter(channel.canvasRate_),
       meter({channel.canvasRate_}),
-      placer({channel.model_->pace, true, channel.model_->audio, 0,
-              host::FrameDuration(channel.canvasRate_), channel.services_.now},
+      placer({channel.model_->pace, true, channel.model_->audio, 0, channel.canvasRate_,
+              channel.services_.now},
              channel.channel_->queue()) {}
 
 SimulatedChannel::SimulatedChannel(std::size_t index, const SourceModel* model, std::uint64_t seed,
-                                   host::Ratio canvasRate, const Services& services)
-    : model_(model), canvasRate_(canvasRate), services_(services), format_(Format()) {
+                                   Time begin, host::Ratio canvasRate, const Services& services)
+    : model_(model),
+      canvasRate_(canvasRate),
+      services_(services),
+      format_(Format()),
+      opensAt_(begin) {
   if (model_ != nullptr) {
-    packets_.emplace(*model_, seed);
+    packets_.emplace(*model_, seed, begin);
   }
   host::ChannelSource::Settings settings;
   settings.ingest.name = "channel " + std::to_string(index);

@@ -40,7 +40,7 @@ class SimulatedChannel final : public host::ChannelObserver {
   };
 
   // model outlives it; null: a channel whose source is never there.
-  SimulatedChannel(std::size_t index, const SourceModel* model, std::uint64_t seed,
+  SimulatedChannel(std::size_t index, const SourceModel* model, std::uint64_t seed, Time begin,
                    host::Ratio canvasRate, const Services& services);
 
   host::ChannelSource& source() { return *channel_; }
@@ -93,7 +93,7 @@ class SimulatedChannel final : public host::ChannelObserver {
   std::shared_ptr<const host::AudioFormat> format_;
   std::unique_ptr<Session> session_;
   std::size_t fault_ = 0;  // the next one that may be a failure of the connection
-  Time opensAt_ = 0;
+  Time opensAt_;
   Time latestPacket_ = 0;
   bool silent_ = false;  // the read limit is over
   Time shown_ = 0;       // when everything that was queued is shown

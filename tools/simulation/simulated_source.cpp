@@ -30,8 +30,8 @@ bool IsLoud(Time time) {
   return time / kSecond % 2 == 0;
 }
 
-SimulatedSource::SimulatedSource(const SourceModel& model, std::uint64_t seed)
-    : model_(model), dice_(seed), base_(model.firstTimestamp) {
+SimulatedSource::SimulatedSource(const SourceModel& model, std::uint64_t seed, Time begin)
+    : model_(model), dice_(seed), origin_(begin), base_(model.firstTimestamp) {
   Generate();
 }
 

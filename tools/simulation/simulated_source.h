@@ -32,7 +32,8 @@ bool IsLoud(Time time);
 // Packets in the order of the mux. Everything follows from the model and the seed.
 class SimulatedSource {
  public:
-  SimulatedSource(const SourceModel& model, std::uint64_t seed);
+  // begin: when it starts to send, on the wall's clock.
+  SimulatedSource(const SourceModel& model, std::uint64_t seed, Time begin);
 
   // The next packet to arrive.
   const SimulatedPacket& Next() const { return next_; }
@@ -51,8 +52,8 @@ class SimulatedSource {
   const SourceModel& model_;
   Dice dice_;
   std::uint32_t epoch_ = 1;
-  Time origin_ = 0;  // the wall's time at the time 0 of the epoch
-  Time base_ = 0;    // timestamp at the time 0 of the epoch
+  Time origin_;  // the wall's time at the time 0 of the epoch
+  Time base_;    // timestamp at the time 0 of the epoch
   bool audioAllowed_ = true;
   std::uint32_t videoCount_ = 0;
   std::uint32_t audioCount_ = 0;

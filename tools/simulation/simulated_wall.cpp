@@ -209,8 +209,9 @@ class SimulatedWall {
   Result Run() {
     host::Check(graph_->Run(0), "run the graph");
     const host::Interleaver::Write forget = [](int, const host::ffmpeg::Packet&) {};
-    std::int64_t frame = 0;
-    for (; host::FrameStart(frame, scenario_.canvasRate) < scenario_.length &&
+    const std::int64_t first = host::FrameAt(scenario_.begin, scenario_.canvasRate) + 1;
+    std::int64_t frame = first;
+    for (; host::FrameStart(frame, scenario_.canvasRate) < scenario_.begin + scenario_.length &&
            violations_.size() < kMaxViolations;
          ++frame) {
       const Time time = host::FrameStart(frame, scenario_.canvasRate);
@@ -228,8 +229,8 @@ class SimulatedWall {
       }
     }
     graph_->Stop();
-    if (composed_ != static_cast<std::uint64_t>(frame)) {
-      Violated(std::to_string(composed_) + " of " + std::to_string(frame) +
+    if (composed_ != static_cast<std::uint64_t>(frame - first)) {
+      Violated(std::to_string(composed_) + " of " + std::to_string(frame - first) +
                " frames were composed");
     }
     for (std::size_t i = 0; i < outputs_.size(); ++i) {
@@ -270,12 +271,12 @@ class SimulatedWall {
     windows_.push_back(host::WallWindow::Create(
         {true, static_cast<int>(index) * (WindowLayout::kWidth + kMargin), 0, "", false}));
     channels_.push_back(std::make_unique<SimulatedChannel>(
-        index, model, scenario_.seed * 31 + index, scenario_.canvasRate,
+        index, model, scenario_.seed * 31 + index, scenario_.begin, scenario_.canvasRate,
         SimulatedChannel::Services{[this] { return now_; },
                                    [this] { return background_->presentFrame(); },
                                    [this](const std::string& what) { Violated(what); }}));
     watchers_.emplace_back("channel " + std::to_string(index), model, scenario_.canvasRate,
-                           scenario_.length, [this](const std::string& what) { Violated(what); });
+                           scenario_.begin, [this](const std::string& what) { Violated(what); });
     host::ChannelSource& source = channels_.back()->source();
     Add(&source);
     const host::ComposerFilter::Input input =
@@ -326,16 +327,19 @@ class SimulatedWall {
   }
 
   void Written(int track, const AVPacket& packet) {
-    // The track begins at the first frame of the wall, which is at 0.
+    // What is written begins at 0 with the first frame of the wall.
+    const Time begin = host::FrameStart(host::FrameAt(scenario_.begin, scenario_.canvasRate) + 1,
+                                        scenario_.canvasRate);
+    const Time time = begin + packet.dts;
     if (track == host::OutputCounters::kVideo) {
       for (Watcher& watcher : watchers_) {
-        watcher.FrameWritten(packet.dts);
+        watcher.FrameWritten(time);
       }
       return;
     }
     ContentId id;
     std::memcpy(&id, packet.data, sizeof(id));
-    watchers_[static_cast<std::size_t>(track)].AudioWritten(packet.dts, packet.duration, id);
+    watchers_[static_cast<std::size_t>(track)].AudioWritten(time, packet.duration, id);
   }
 
   void Violated(const std::string& what) {
@@ -348,7 +352,7 @@ class SimulatedWall {
   const Time frameTime_;
   const int width_;
   const int height_;
-  Time now_ = 0;
+  Time now_ = scenario_.begin;
   SilentLogger logger_;
   std::vector<std::string> violations_;
   std::uint64_t composed_ = 0;
@@ -439,6 +443,19 @@ Scenario Shrink(Scenario scenario, const std::string& composerLibrary) {
     attempt([&](Scenario& s) { s.sources[i].firstTimestamp = 0; });
   }
   attempt([&](Scenario& s) { s.canvasRate = {25, 1}; });
+  attempt([&](Scenario& s) {
+    for (SourceModel& source : s.sources) {
+      for (Fault& fault : source.faults) {
+        fault.at -= s.begin;
+      }
+    }
+    for (OutputModel& output : s.outputs) {
+      for (Fault& stall : output.stalls) {
+        stall.at -= s.begin;
+      }
+    }
+    s.begin = 0;
+  });
   return scenario;
 }
 

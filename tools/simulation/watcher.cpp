@@ -42,12 +42,12 @@ std::string Text(Time time) {
 
 }  // namespace
 
-Watcher::Watcher(std::string name, const SourceModel* model, host::Ratio canvasRate, Time length,
+Watcher::Watcher(std::string name, const SourceModel* model, host::Ratio canvasRate, Time begin,
                  Violated violated)
     : name_(std::move(name)),
       model_(model),
       canvasRate_(canvasRate),
-      length_(length),
+      begin_(begin),
       violated_(std::move(violated)) {}
 
 void Watcher::Mix(std::uint64_t value) {
@@ -58,7 +58,7 @@ void Watcher::Mix(std::uint64_t value) {
 
 bool Watcher::IsCalm(Time time) const {
   constexpr Time kStart = 15 * kSecond;
-  if (time < kStart) {
+  if (time - begin_ < kStart) {
     return false;
   }
   return std::none_of(model_->faults.begin(), model_->faults.end(), [&](const Fault& fault) {

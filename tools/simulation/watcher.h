@@ -22,7 +22,7 @@ class Watcher {
   using Violated = std::function<void(const std::string&)>;
 
   // model, as the other arguments, outlives it; null: nothing is expected.
-  Watcher(std::string name, const SourceModel* model, host::Ratio canvasRate, Time length,
+  Watcher(std::string name, const SourceModel* model, host::Ratio canvasRate, Time begin,
           Violated violated);
 
   // A composed frame, in order; id: what its window shows, if that is a frame of the source.
@@ -62,7 +62,7 @@ class Watcher {
   const std::string name_;
   const SourceModel* const model_;
   const host::Ratio canvasRate_;
-  const Time length_;
+  const Time begin_;
   const Violated violated_;
   std::deque<Shown> shown_;           // not written yet
   std::deque<Sounding> audio_;        // of the last seconds

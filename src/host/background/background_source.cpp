@@ -1,5 +1,6 @@
 #include "host/background/background_source.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "host/graph/picture_type.h"
@@ -79,19 +80,23 @@ void BackgroundSource::EndPacing() {
 }
 
 void BackgroundSource::Pace() {
-  const Time frameTime = FrameDuration(settings_.frameRate);
+  const Ratio rate = settings_.frameRate;
+  const Time frameTime = FrameDuration(rate);
   // What lies behind us when the wall starts was never to be shown.
-  while (FrameStart(nextFrame_, settings_.frameRate) < pacing_.now()) {
-    ++nextFrame_;
-  }
+  nextFrame_ = std::max(nextFrame_, FrameAt(pacing_.now() - 1, rate) + 1);
   while (!pacingEnds_) {
-    const Time due = FrameStart(nextFrame_, settings_.frameRate);
+    const Time due = FrameStart(nextFrame_, rate);
     if (!pacing_.waitUntil(due) || pacingEnds_) {
       return;
     }
-    if (pacing_.now() - due >= frameTime) {
-      ++counters_.late;
-    } else if (!Send(nextFrame_, false)) {
+    if (const Time now = pacing_.now(); now - due >= frameTime) {
+      // At once, however long the machine stood: on with the frame whose time it is.
+      const std::int64_t current = std::max(FrameAt(now, rate), nextFrame_ + 1);
+      counters_.late += static_cast<std::uint64_t>(current - nextFrame_);
+      nextFrame_ = current;
+      continue;
+    }
+    if (!Send(nextFrame_, false)) {
       ++counters_.starved;
     }
     ++nextFrame_;

@@ -25,7 +25,7 @@ class ItemPlacer {
     bool hasVideo = false;
     bool hasAudio = false;
     Time mergeWindow = 3 * kSecond / 2;  // rendered: how far audio and video may lie apart
-    Time grid = 1;                       // duration of a frame of the canvas
+    Ratio frameRate{25, 1};              // of the canvas
     std::function<Time()> now;           // the wall's time; null: a rendered wall
   };
   // Audio packets that have no place in the outputs.

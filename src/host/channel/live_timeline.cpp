@@ -12,10 +12,9 @@ constexpr Time kShrinkStep = kSecond / 5;
 
 }  // namespace
 
-// The next later multiple.
+// The next later start of a frame.
 Time LiveTimeline::OnGrid(Time shift) const {
-  const Time rest = shift % settings_.grid;
-  return rest == 0 ? shift : shift - rest + (rest > 0 ? settings_.grid : 0);
+  return FrameStart(FrameAt(shift - 1, settings_.frameRate) + 1, settings_.frameRate);
 }
 
 void LiveTimeline::Anchor(Time start, Time now) {

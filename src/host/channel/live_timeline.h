@@ -90,13 +90,14 @@ class LiveTimeline {
     Time followAhead = 4 * kSecond;
     Time followBehind = 3 * kSecond / 2;
     bool heldBack = false;  // the reader waits for the wall, so coming early means nothing
-    Time grid = 1;          // the distance changes by multiples of it
+    // The distance is a whole number of the canvas's frames, by which the source's were thinned.
+    Ratio frameRate{10'000'000, 1};
   };
 
-  // For a source of that kind; grid: duration of a frame of the canvas.
-  static Settings For(Pace pace, Time grid) {
+  // For a source of that kind; frameRate: of the canvas.
+  static Settings For(Pace pace, Ratio frameRate) {
     Settings settings;
-    settings.grid = grid;
+    settings.frameRate = frameRate;
     settings.heldBack = pace != Pace::kPushed;
     if (pace == Pace::kStored) {
       // What lies far ahead in a file follows a long frame.

@@ -16,7 +16,7 @@ ItemPlacer::Settings PlacerSettings(const SourceSession::Settings& settings,
   placer.hasVideo = info.video.has_value();
   placer.hasAudio = info.audio.has_value();
   placer.mergeWindow = settings.mergeWindow;
-  placer.grid = FrameDuration(settings.picture.canvasRate);
+  placer.frameRate = settings.picture.canvasRate;
   placer.now = settings.now;
   return placer;
 }

@@ -256,7 +256,7 @@ class LiveTimelineTest : public testing::Test {
     return latest;
   }
 
-  LiveTimeline timeline_{LiveTimeline::For(Pace::kPushed, kFrame)};
+  LiveTimeline timeline_{LiveTimeline::For(Pace::kPushed, {25, 1})};
   Time start_ = 7 * kSecond;
   Time now_ = 50 * kSecond;
   Time placed_ = 0;
@@ -302,7 +302,7 @@ TEST_F(LiveTimelineTest, AnchorsASourceAgainWhoseDistanceDoesNotFitAnyMore) {
   Frame(now_);
   EXPECT_NEAR(placed_ - now_, kSecond / 4, kFrame) << "its timestamps leapt";
   EXPECT_TRUE(timeline_.leapt());
-  LiveTimeline ofFile(LiveTimeline::For(Pace::kStored, 1));
+  LiveTimeline ofFile(LiveTimeline::For(Pace::kStored, LiveTimeline::Settings().frameRate));
   ofFile.Place(0, false, now_);
   EXPECT_EQ(ofFile.Place(8 * kSecond, false, now_), now_ + kSecond / 4 + 8 * kSecond);
 }

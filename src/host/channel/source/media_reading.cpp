@@ -122,9 +122,10 @@ void MediaReader::HandlePacket(ffmpeg::Packet packet) {
   Track& track = isVideo ? *video_ : *audio_;
   track.successorPackets = 0;
   const AVRational unit = input_->streams[track.streamIndex]->time_base;
-  const Time duration = packet->duration > 0
-                            ? av_rescale_q(packet->duration, unit, ffmpeg::kTimeUnit)
-                            : AudioDuration(*input_->streams[track.streamIndex], packet->size);
+  Time duration = ffmpeg::ToDuration(packet->duration, unit);
+  if (duration == 0) {
+    duration = AudioDuration(*input_->streams[track.streamIndex], packet->size);
+  }
   const SourceClock::Mapped mapped =
       clock_->Map(track.clockStream,
                   {ffmpeg::ToTime(packet->dts, unit), ffmpeg::ToTime(packet->pts, unit), duration});
