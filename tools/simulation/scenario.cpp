@@ -104,6 +104,9 @@ SourceModel MakeSource(Dice& dice, Time begin, Time length) {
   if (source.wrapPeriod > 0 && dice.OneIn(3)) {
     source.firstTimestamp = source.wrapPeriod - dice.Between(0, length);
   }
+  if (dice.OneIn(10)) {
+    source.divergence = dice.Between(-30'000, 30'000) * kMillisecond;
+  }
   // Each of these alone uses up most of the room that a wall has for a source.
   switch (dice.Between(0, 4)) {
     case 0:
@@ -179,7 +182,7 @@ std::string Describe(const Scenario& scenario) {
     if (source.audio) {
       text += ", audio " + std::to_string(source.sampleRate) + "/" +
               std::to_string(source.samplesPerPacket) + " muxed " + Seconds(source.audioSkew) +
-              " late";
+              " late, wrong by " + Seconds(source.divergence);
     }
     text += ", bursts " + Seconds(source.burst) + ", jitter " + Seconds(source.jitter) +
             ", drift " + std::to_string(static_cast<int>(source.drift)) + " ppm, from " +

@@ -41,10 +41,11 @@ struct SourceModel {
   bool audio = true;
   int sampleRate = 48'000;
   int samplesPerPacket = 1024;
-  Time audioSkew = 0;  // by how much its audio is muxed later than the video of the same time
-  Time burst = 0;      // sends in lumps of that length
-  Time jitter = 0;     // of the network, per packet
-  double drift = 0;    // of its clock, parts per million
+  Time audioSkew = 0;   // by how much its audio is muxed later than the video of the same time
+  Time divergence = 0;  // by how much the timestamps of its audio are wrong
+  Time burst = 0;       // sends in lumps of that length
+  Time jitter = 0;      // of the network, per packet
+  double drift = 0;     // of its clock, parts per million
   Time firstTimestamp = 0;
   Time wrapPeriod = 0;        // of its timestamps; 0: none
   std::vector<Fault> faults;  // in the order of time, not overlapping

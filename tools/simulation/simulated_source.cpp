@@ -114,7 +114,7 @@ void SimulatedSource::Generate() {
       ++videoCount_;
     } else {
       packet.id = {epoch_, audioCount_};
-      packet.dts = packet.pts = base_ + audioPts;
+      packet.dts = packet.pts = base_ + audioPts + model_.divergence;
       packet.duration = AudioTime(model_, 1);
       ++audioCount_;
     }

@@ -332,10 +332,14 @@ class SimulatedWall {
                                         scenario_.canvasRate);
     const Time time = begin + packet.dts;
     if (track == host::OutputCounters::kVideo) {
+      writtenVideo_ = time;
       for (Watcher& watcher : watchers_) {
         watcher.FrameWritten(time);
       }
       return;
+    }
+    if (time < writtenVideo_ - host::Interleaver::kMaxLateness) {
+      Violated("audio of channel " + std::to_string(track) + " is written far behind the video");
     }
     ContentId id;
     std::memcpy(&id, packet.data, sizeof(id));
@@ -356,6 +360,7 @@ class SimulatedWall {
   SilentLogger logger_;
   std::vector<std::string> violations_;
   std::uint64_t composed_ = 0;
+  Time writtenVideo_ = 0;
   const host::Interleaver::Write write_ = [this](int track, const host::ffmpeg::Packet& packet) {
     Written(track, *packet);
   };
@@ -437,6 +442,7 @@ Scenario Shrink(Scenario scenario, const std::string& composerLibrary) {
     attempt([&](Scenario& s) { s.sources[i].burst = 0; });
     attempt([&](Scenario& s) { s.sources[i].audioSkew = 0; });
     attempt([&](Scenario& s) { s.sources[i].drift = 0; });
+    attempt([&](Scenario& s) { s.sources[i].divergence = 0; });
     attempt([&](Scenario& s) { s.sources[i].reorder = 0; });
     attempt([&](Scenario& s) { s.sources[i].audio = false; });
     attempt([&](Scenario& s) { s.sources[i].frameRate = {25, 1}; });

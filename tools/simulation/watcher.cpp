@@ -69,6 +69,10 @@ bool Watcher::IsCalm(Time time) const {
   });
 }
 
+bool Watcher::IsHeard() const {
+  return model_->audio && model_->divergence == 0;
+}
+
 void Watcher::Frame(Time time, std::optional<ContentId> id, bool meterIsLit) {
   Mix(id ? (std::uint64_t{id->epoch} << 32 | id->number) : 0);
   Mix(meterIsLit ? 1 : 0);
@@ -109,7 +113,7 @@ void Watcher::FrameWritten(Time time) {
       ++stretch_.newFrames;
       counted_ = shown.id;
     }
-    if (!model_->audio) {
+    if (!IsHeard()) {
       continue;
     }
     while (audio_.size() > 1 && audio_[1].time <= shown.time) {
@@ -145,7 +149,7 @@ void Watcher::Judge(Time time) {
     violated_(where + std::to_string(stretch_.newFrames) + " new frames instead of " +
               std::to_string(static_cast<int>(expected) + 1));
   }
-  if (!model_->audio) {
+  if (!IsHeard()) {
     return;
   }
   if (stretch_.silentFrames > kMostSilent * stretch_.frames + 1) {

@@ -55,6 +55,8 @@ class Watcher {
     int offsets = 0;
   };
 
+  // Its audio has a place beside its video.
+  bool IsHeard() const;
   bool IsCalm(Time time) const;
   void Judge(Time time);
   void Mix(std::uint64_t value);
