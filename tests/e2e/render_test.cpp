@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <fstream>
+#include <random>
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -203,6 +204,39 @@ TEST_F(RenderTest, ShowsTheAlarmsOfPictureAndSoundInTheMeterWhileTheyLast) {
     EXPECT_THAT(wall_.channels().Alarms(cases[i].name),
                 testing::ElementsAre(std::string(cases[i].name) + " on",
                                      std::string(cases[i].name) + " off"));
+  }
+}
+
+// Its source has the wall's rate, so that no picture is looked at twice.
+TEST_F(RenderTest, ShowsTheSizeOfAWindowAtWhateverMomentItIsShown) {
+  const std::string clip = Clip("steady", "25", 100);
+  wall_.AddChannel(clip, {100, 0, 64, 48});
+  wall_.AddChannel(clip, {0, 100, 64, 48});
+  wall_.wall().channels[0].name = "hidden now and then";
+  wall_.wall().channels[0].selected = true;
+  std::mt19937 random(7);
+  for (int round = 0; round < 6; ++round) {
+    wall_.wall().channels[0].options.enabled = round % 2 == 1;
+    std::vector<bool> shown;
+    std::size_t changeAt = 20 + 12 * static_cast<std::size_t>(round);
+    bool enabled = round % 2 == 1;
+    const std::vector<Frame> frames =
+        wall_.Render(4 * kSecond, std::chrono::seconds(20), [&](host::WallSession& session) {
+          if (shown.size() == changeAt) {
+            enabled = !enabled;
+            changeAt += 1 + random() % (random() % 2 == 0 ? 4 : 40);
+            host::WallWindow::Placement placement = session.window(0).placement();
+            placement.enabled = enabled;
+            session.window(0).Place(placement);
+          }
+          shown.push_back(enabled);
+        });
+    ASSERT_EQ(frames.size(), 100U) << "a selected window of unknown size stops the wall";
+    for (std::size_t n = 2; n < frames.size(); ++n) {
+      ASSERT_EQ(PictureNumber(wall_.Luma(frames[n], 132, 24)),
+                shown[n] ? PictureNumber(wall_.Luma(frames[n], 32, 124)) : -1)
+          << "frame " << n << " of round " << round;
+    }
   }
 }
 

@@ -180,7 +180,8 @@ host::WallSession::Settings TestWall::SessionSettings() {
 }
 
 std::vector<Frame> TestWall::Render(std::optional<host::Time> length,
-                                    std::chrono::milliseconds stallLimit) {
+                                    std::chrono::milliseconds stallLimit,
+                                    const std::function<void(host::WallSession&)>& beforeFrame) {
   std::vector<Frame> frames;  // the composition thread's, until the session is gone
   host::WallSession::Settings settings = SessionSettings();
   settings.takeFrame = [&](const ComPtr<IMediaSample>& sample, host::Time time) {
@@ -192,6 +193,12 @@ std::vector<Frame> TestWall::Render(std::optional<host::Time> length,
   host::WallSession::RenderControl control;
   control.length = length;
   control.stallLimit = stallLimit;
+  control.stop = [&] {
+    if (beforeFrame) {
+      beforeFrame(session);
+    }
+    return false;
+  };
   session.Render(control);
   return frames;
 }

@@ -100,9 +100,10 @@ class TestWall {
   OutputLog& outputs() { return outputs_; }
   RecordingLogger& logger() { return logger_; }
 
-  // Renders the wall; each frame is copied.
+  // Renders the wall; each frame is copied. beforeFrame is called before each of them.
   std::vector<Frame> Render(std::optional<host::Time> length = std::nullopt,
-                            std::chrono::milliseconds stallLimit = std::chrono::seconds(20));
+                            std::chrono::milliseconds stallLimit = std::chrono::seconds(20),
+                            const std::function<void(host::WallSession&)>& beforeFrame = {});
   // Renders into outputs; what became of each.
   std::vector<host::OutputSet::Status> RenderInto(const std::vector<host::wall::Output>& outputs,
                                                   std::optional<host::Time> length = std::nullopt);

@@ -60,7 +60,6 @@ void ChannelPresenter::Begin(Time now) {
   frames_.Clear();
   levels_.Clear();
   looks_.clear();
-  firstSent_ = false;
   hasPictures_ = true;
   hasSound_ = false;
 }
@@ -120,9 +119,6 @@ void ChannelPresenter::Show(const ReadyPicture& picture, Time start, Time durati
   }
   kept_ = picture.sample;
   SendPicture(picture.sample.Get(), start, start + duration);
-  if (!std::exchange(firstSent_, true) && settings_.pictureSent) {
-    settings_.pictureSent();
-  }
 }
 
 void ChannelPresenter::Show(const ReadyLevels& levels, Time start, Time duration) {
@@ -271,7 +267,7 @@ void ChannelPresenter::SendPicture(IMediaSample* sample, Time start, Time stop) 
   sample->GetPointer(&pixels);
   if (AnchorClock(pixels, start)) {
     sample->SetTime(&start, &stop);
-    pins_.video.Deliver(sample);
+    Deliver(sample);
     frames_.Sent(start);
   }
   pins_.videoAlarm.Send(ToWire(VideoAlarmRecord{alarms_.pictureAlarm(), 0}), start, stop);
@@ -309,13 +305,23 @@ bool ChannelPresenter::AnchorClock(const BYTE* pixels, Time start) {
       std::memcpy(to, pixels, static_cast<std::size_t>(size));
       copy->SetActualDataLength(size);
       copy->SetDiscontinuity(TRUE);
-      pins_.video.Deliver(copy.Get());
+      Deliver(copy.Get());
       frames_.Sent(*present);
     }
     anchored = present;
     present = settings_.presentFrame();
   }
   return frames_.Takes(start);
+}
+
+void ChannelPresenter::Deliver(IMediaSample* sample) {
+  if (settings_.wantsType && settings_.wantsType()) {
+    pins_.video.AttachType(*sample);
+  }
+  pins_.video.Deliver(sample);
+  if (settings_.pictureSent) {
+    settings_.pictureSent();
+  }
 }
 
 void ChannelPresenter::SendLevels(Time start, Time duration, const AudioLevels& levels) {

@@ -45,7 +45,8 @@ class ChannelPresenter {
     Time hold = 5 * kSecond;
     AlarmSettings alarms;
     std::function<std::string(Time)> timeText;  // of the wall's time, as an operator reads it
-    std::function<void()> pictureSent;          // called after the first picture
+    std::function<bool()> wantsType;            // whether a picture is to carry its media type
+    std::function<void()> pictureSent;          // called after each picture
     // Start of the latest background frame in the composer; none while one is being sent.
     std::function<std::optional<Time>()> presentFrame;
     qorp::log::ILogPerf* logger = nullptr;  // counts resynchronisations; may be null
@@ -93,6 +94,7 @@ class ChannelPresenter {
   void SendCopy(const std::uint8_t* pixels, const std::string& caption, Time start, Time stop);
   // False when the frame that was to be sent at start has been anchored over.
   bool AnchorClock(const BYTE* pixels, Time start);
+  void Deliver(IMediaSample* sample);
   void SendLevels(Time start, Time duration, const AudioLevels& levels);
   WindowPicture Window(BYTE* pixels) const;
 
@@ -109,7 +111,6 @@ class ChannelPresenter {
   WindowFill frames_{2};
   WindowFill levels_{1};
   Time looked_ = 0;         // Tick looked at what follows from the time alone
-  bool firstSent_ = false;  // of the source's own frames
   std::uint64_t late_ = 0;  // frames of the source that came too late to be shown
 
   // Repeats belong to a time that is almost a second ago: from when on the channel looked how.

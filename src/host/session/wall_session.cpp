@@ -151,6 +151,7 @@ ChannelSource::Settings WallSession::ChannelSettings(const wall::Channel& channe
   presenter.hold = options.hold;
   presenter.alarms = AlarmsOf(options.alarm);
   presenter.timeText = [this](Time time) { return TimeText(time); };
+  presenter.wantsType = [window] { return window->WantsType(); };
   presenter.pictureSent = [window] { window->SetPictureSent(); };
   presenter.logger = settings_.logger;
   presenter.presentFrame = [this] { return background_->presentFrame(); };
@@ -172,7 +173,8 @@ void WallSession::AddChannel(std::size_t index) {
   const wall::Channel& channel = settings_.wall.channels[index];
   const ComPtr<WallWindow> window =
       WallWindow::Create({channel.options.enabled, channel.window.x, channel.window.y,
-                          channel.options.colour, channel.selected});
+                          channel.options.colour, channel.selected},
+                         settings_.wall.canvas.frameRate);
   ChannelSource::Settings settings = ChannelSettings(channel, window.Get());
   if (settings_.takePacket) {
     settings.ingest.session.audioTrack = settings_.audioTracks.at(index);
