@@ -28,6 +28,9 @@ AlarmMonitor::AlarmMonitor(const AlarmSettings& settings, Sink sink)
   for (std::size_t i = 0; i < kAlarmKinds; ++i) {
     timers_[i] = AlarmTimer(settings.times[i].setAfter, settings.times[i].clearAfter);
   }
+  const AlarmSettings::Times& peaks =
+      settings.times[static_cast<std::size_t>(AlarmKind::kClipping)];
+  peaks_ = PeakTimer(peaks.setAfter, peaks.clearAfter);
 }
 
 void AlarmMonitor::Update(AlarmKind kind, bool condition, Time now) {
@@ -35,9 +38,12 @@ void AlarmMonitor::Update(AlarmKind kind, bool condition, Time now) {
   if (!settings_.times[index].enabled) {
     return;
   }
-  if (const std::optional<bool> raised = timers_[index].Update(condition, now)) {
+  const std::optional<bool> changed = kind == AlarmKind::kClipping
+                                          ? peaks_.Update(condition, now)
+                                          : timers_[index].Update(condition, now);
+  if (changed.has_value()) {
     const AlarmSettings::Times& times = settings_.times[index];
-    sink_({kind, *raised, *raised ? timers_[index].raisedSince() : now - times.clearAfter});
+    sink_({kind, *changed, *changed ? raisedSince(kind) : now - times.clearAfter});
   }
 }
 

@@ -33,8 +33,9 @@ struct AlarmSettings {
 };
 
 // What is seen and heard of the channel comes in with its time on the wall's clock; each alarm has
-// a time to set and a time to clear. While no picture comes, nothing is known of the others: their
-// conditions count as gone. Sound that stops while pictures go on counts as silence.
+// a time to set and a time to clear; for clipping, peaks are counted. While no picture comes,
+// nothing is known of the others: their conditions count as gone. Sound that stops while pictures
+// go on counts as silence.
 //
 // Pure arithmetic; owned and called by one channel on its streaming thread.
 class AlarmMonitor {
@@ -59,8 +60,12 @@ class AlarmMonitor {
   // Time has passed: sound that is missing counts as silence.
   void Tick(Time now);
 
-  bool raised(AlarmKind kind) const { return timer(kind).raised(); }
-  Time raisedSince(AlarmKind kind) const { return timer(kind).raisedSince(); }
+  bool raised(AlarmKind kind) const {
+    return kind == AlarmKind::kClipping ? peaks_.raised() : timer(kind).raised();
+  }
+  Time raisedSince(AlarmKind kind) const {
+    return kind == AlarmKind::kClipping ? peaks_.raisedSince() : timer(kind).raisedSince();
+  }
   bool pictureAlarm() const {
     return raised(AlarmKind::kLoss) || raised(AlarmKind::kBlack) || raised(AlarmKind::kFreeze);
   }
@@ -71,9 +76,10 @@ class AlarmMonitor {
 
   const AlarmSettings settings_;
   const Sink sink_;
-  const float silence_;   // greatest magnitude that counts as silence
-  const float clipping_;  // least magnitude that counts as clipping
-  std::array<AlarmTimer, kAlarmKinds> timers_;
+  const float silence_;                         // greatest magnitude that counts as silence
+  const float clipping_;                        // least magnitude that counts as clipping
+  std::array<AlarmTimer, kAlarmKinds> timers_;  // of all but clipping
+  PeakTimer peaks_;                             // of clipping
   bool hasSound_ = false;
   bool lost_ = false;
   Time lastSound_ = 0;

@@ -100,7 +100,7 @@ class AlarmMonitorTest : public testing::Test {
                        {true, 5 * kSecond, kSecond},
                        {true, 3 * kSecond, 2 * kSecond},
                        {true, 2 * kSecond, kSecond},
-                       {false, 0, 0}}};
+                       {true, 2 * kSecond, 2 * kSecond}}};
     return settings;
   }
   void Run(Time length, bool black, bool still, std::optional<float> loudest) {
@@ -159,12 +159,29 @@ TEST_F(AlarmMonitorTest, HearsSilenceAlsoWhenNoSoundComes) {
   Run(3 * kSecond, false, false, 0.0009F);
   EXPECT_THAT(changes_, ElementsAre("silence+2000"));
   Run(2 * kSecond, false, false, 1.0F);
-  EXPECT_THAT(changes_, ElementsAre("silence+2000", "silence-5000")) << "clipping is switched off";
+  EXPECT_THAT(changes_, ElementsAre("silence+2000", "clipping+5000", "silence-5000"));
   Run(4 * kSecond, false, false, std::nullopt);
   EXPECT_EQ(changes_.back(), "silence+7960");
   monitor_.Opened(false, now_);
   Run(4 * kSecond, false, false, std::nullopt);
   EXPECT_EQ(changes_.back().substr(0, 8), "silence-") << "a source without sound is not silent";
+}
+
+TEST_F(AlarmMonitorTest, CountsPeaksInsteadOfWaitingForSoundThatClipsWithoutABreak) {
+  monitor_.Opened(true, now_);
+  const auto peaks = [&](Time length, Time distance, Time each) {
+    const Time begun = now_;
+    for (const Time end = now_ + length; now_ < end; now_ += kFrame) {
+      monitor_.Sound((now_ - begun) % distance < each ? 1.02F : 0.4F, now_);
+    }
+  };
+  peaks(10 * kSecond, kSecond, 5 * kFrame);
+  EXPECT_THAT(changes_, ElementsAre()) << "one loud moment a second";
+  peaks(10 * kSecond, kSecond / 2, kFrame);
+  EXPECT_EQ(changes_.size(), 1U);
+  EXPECT_EQ(monitor_.raisedSince(AlarmKind::kClipping), 9 * kSecond);
+  peaks(4 * kSecond, 10 * kSecond, 0);
+  EXPECT_THAT(changes_, ElementsAre("clipping+9000", "clipping-19520"));
 }
 
 // A YV12 picture of 64x48 samples.
