@@ -1,6 +1,8 @@
 #include <algorithm>
 #include <fstream>
 #include <random>
+#include <set>
+#include <sstream>
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -206,6 +208,63 @@ TEST_F(RenderTest, ShowsTheAlarmsOfPictureAndSoundInTheMeterWhileTheyLast) {
                 testing::ElementsAre(std::string(cases[i].name) + " on",
                                      std::string(cases[i].name) + " off"));
   }
+}
+
+TEST_F(RenderTest, SaysWhyAMeterIsEmpty) {
+  const auto clip = [&](const std::string& name, const std::string& sound, const std::string& codec,
+                        const std::string& announced) {
+    host::ClipRecipe recipe;
+    recipe.pictures = "testsrc2=size=64x48:rate=25,format=yuv420p";
+    recipe.sound = sound;
+    recipe.audioCodec = codec;
+    recipe.length = 5 * kSecond;
+    const std::filesystem::path file = folder_ / (name + ".mkv");
+    host::WriteClip(recipe, file);
+    std::stringstream content;
+    content << std::ifstream(file, std::ios::binary).rdbuf();
+    std::string bytes = content.str();
+    if (!announced.empty()) {
+      bytes.replace(bytes.find(codec == "flac" ? "A_FLAC" : "A_AC3"), announced.size(), announced);
+    }
+    std::ofstream(file, std::ios::binary) << bytes;
+    const auto count = static_cast<int>(wall_.wall().channels.size());
+    wall_.AddChannel(file.string(), {count % 3 * 104, count / 3 * 60, 100, 48});
+    wall_.wall().channels.back().options.audio.meter = true;
+    wall_.wall().channels.back().options.alarm.silence = {true, -60, kSecond, kSecond};
+    return &wall_.wall().channels.back().options.audio;
+  };
+  const std::string tone = "sine=440:sample_rate=48000";
+  clip("present", tone, "ac3", "");
+  clip("off", tone, "ac3", "")->enabled = false;
+  clip("absent", "", "", "");
+  clip("third", tone, "ac3", "")->track = 3;
+  clip("unknown", tone, "flac", "A_FLAX");
+  clip("false", tone, "ac3", "A_DTS");
+  clip("silent", "anullsrc=sample_rate=48000", "ac3", "");
+  clip("stopped", tone + ":d=1", "ac3", "");
+  const std::vector<Frame> frames = wall_.Render(5 * kSecond);
+  const auto audio = [&](const char* channel) { return wall_.channels().Audio(channel).back(); };
+  EXPECT_EQ(audio("present"), "present");
+  EXPECT_EQ(audio("off"), "off: audio is switched off");
+  EXPECT_EQ(audio("absent"), "absent: it has no audio");
+  EXPECT_EQ(audio("third"), "no_track: it has no audio track 3 (of 1)");
+  EXPECT_THAT(audio("unknown"), HasSubstr("undecodable: cannot decode"));
+  EXPECT_EQ(audio("false"), "undecodable: it cannot be decoded");
+  EXPECT_EQ(audio("silent"), "silent");
+  EXPECT_EQ(audio("stopped"), "stopped");
+  std::set<std::string> captions;
+  for (std::size_t i = 0; i < wall_.wall().channels.size(); ++i) {
+    const host::wall::Channel& channel = wall_.wall().channels[i];
+    EXPECT_EQ(wall_.channels().Alarms(channel.name).size(), i < 3 ? 0U : 1U) << channel.name;
+    std::string caption;
+    for (int y = channel.window.y + 24; y < channel.window.y + 48; ++y) {
+      for (int x = channel.window.x + 12; x < channel.window.x + 100; ++x) {
+        caption += static_cast<char>(wall_.Luma(frames.back(), x, y));
+      }
+    }
+    captions.insert(caption);
+  }
+  EXPECT_EQ(captions.size(), 6U) << "none for the first two, the two undecodable ones alike";
 }
 
 // Its source has the wall's rate, so that no picture is looked at twice.

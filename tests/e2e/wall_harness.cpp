@@ -77,6 +77,18 @@ void ChannelLog::AlarmChanged(const std::string& channel,
                              (change.raised ? " on" : " off"));
 }
 
+void ChannelLog::AudioChanged(const std::string& channel, const host::AudioStatus& status) {
+  const std::lock_guard guard(lock_);
+  audio_[channel].push_back(host::NameOf(status.state) +
+                            (status.reason.empty() ? "" : ": " + status.reason));
+}
+
+std::vector<std::string> ChannelLog::Audio(const std::string& channel) const {
+  const std::lock_guard guard(lock_);
+  const auto found = audio_.find(channel);
+  return found == audio_.end() ? std::vector<std::string>() : found->second;
+}
+
 std::vector<std::string> ChannelLog::States(const std::string& channel) const {
   const std::lock_guard guard(lock_);
   const auto found = states_.find(channel);

@@ -1,5 +1,6 @@
 #include "host/channel/alarm_monitor.h"
 
+#include <algorithm>
 #include <cmath>
 
 namespace host {
@@ -18,6 +19,13 @@ const char* NameOf(AlarmKind kind) {
   constexpr std::array<const char*, kAlarmKinds> kNames{"loss", "black", "freeze", "silence",
                                                         "clipping"};
   return kNames[static_cast<std::size_t>(kind)];
+}
+
+const char* NameOf(AudioState state) {
+  constexpr std::array<const char*, 9> kNames{"unknown",     "off",         "present",
+                                              "silent",      "absent",      "no_track",
+                                              "not_started", "undecodable", "stopped"};
+  return kNames[static_cast<std::size_t>(state)];
 }
 
 AlarmMonitor::AlarmMonitor(const AlarmSettings& settings, Sink sink)
@@ -47,9 +55,38 @@ void AlarmMonitor::Update(AlarmKind kind, bool condition, Time now) {
   }
 }
 
-void AlarmMonitor::Opened(bool hasSound, Time now) {
-  hasSound_ = hasSound;
+void AlarmMonitor::Opened(AudioAbsence absence, Time now) {
+  absence_ = absence;
+  isDecodable_ = true;
+  heard_ = false;
+  missing_ = false;
   lastSound_ = now;
+}
+
+AudioState AlarmMonitor::audio() const {
+  if (lost_ || !absence_.has_value()) {
+    return AudioState::kUnknown;
+  }
+  switch (*absence_) {
+    case AudioAbsence::kOff:
+      return AudioState::kOff;
+    case AudioAbsence::kNotInSource:
+      return AudioState::kAbsent;
+    case AudioAbsence::kNoTrack:
+      return AudioState::kNoTrack;
+    case AudioAbsence::kNotStarted:
+      return AudioState::kNotStarted;
+    case AudioAbsence::kUndecodable:
+      return AudioState::kUndecodable;
+    case AudioAbsence::kNone:
+      break;
+  }
+  if (missing_) {
+    return !isDecodable_ ? AudioState::kUndecodable
+           : heard_      ? AudioState::kStopped
+                         : AudioState::kNotStarted;
+  }
+  return raised(AlarmKind::kSilence) ? AudioState::kSilent : AudioState::kPresent;
 }
 
 void AlarmMonitor::Picture(bool black, bool still, Time now) {
@@ -60,8 +97,13 @@ void AlarmMonitor::Picture(bool black, bool still, Time now) {
   Tick(now);
 }
 
-void AlarmMonitor::Sound(float loudest, Time now) {
-  lastSound_ = now;
+void AlarmMonitor::Sound(float loudest, Time now, Time late) {
+  if (late >= kSoundMissing) {
+    return;  // says nothing of the present
+  }
+  lastSound_ = std::max(lastSound_, now - late);
+  heard_ = true;
+  missing_ = false;
   if (lost_) {
     return;
   }
@@ -84,14 +126,21 @@ void AlarmMonitor::Lost(Time since, Time now) {
 void AlarmMonitor::Found(Time now) {
   if (lost_) {
     lastSound_ = now;
+    missing_ = false;
   }
   lost_ = false;
   Update(AlarmKind::kLoss, false, now);
 }
 
 void AlarmMonitor::Tick(Time now) {
-  if (!lost_ && (!hasSound_ || now - lastSound_ >= kSoundMissing)) {
-    Update(AlarmKind::kSilence, hasSound_, now);
+  if (lost_) {
+    return;
+  }
+  missing_ = now - lastSound_ >= kSoundMissing;
+  const AudioAbsence absence = absence_.value_or(AudioAbsence::kOff);
+  if (absence != AudioAbsence::kNone || missing_) {
+    const bool isWanted = absence != AudioAbsence::kOff && absence != AudioAbsence::kNotInSource;
+    Update(AlarmKind::kSilence, isWanted, now);
     Update(AlarmKind::kClipping, false, now);
   }
 }

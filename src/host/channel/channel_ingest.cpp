@@ -94,7 +94,8 @@ std::optional<milliseconds> ChannelIngest::Attempt(MediaReader& reader) {
     observer_->ChannelOpened(settings_.name, reader.info());
     if (!Announce({SourceNews::Kind::kOpened, reader.info().video.has_value(),
                    reader.info().audio.has_value(), reader.info().noVideoReason,
-                   reader.info().serviceName}) ||
+                   reader.info().serviceName, reader.info().audioAbsence,
+                   reader.info().noAudioReason}) ||
         !ReadToEnd(reader)) {
       return std::nullopt;
     }

@@ -46,6 +46,9 @@ class ChannelObserver {
   virtual void ChannelChanged(const std::string& channel, const ChannelLife::Status& status) {
     (void)channel, (void)status;
   }
+  virtual void AudioChanged(const std::string& channel, const AudioStatus& status) {
+    (void)channel, (void)status;
+  }
   virtual void AlarmChanged(const std::string& channel, const AlarmMonitor::Change& change) {
     (void)channel, (void)change;
   }

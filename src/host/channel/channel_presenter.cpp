@@ -19,6 +19,29 @@ constexpr int kAnchorTries = 4;
 // A source that opens at once never shows a slate.
 constexpr Time kOpeningPatience = kSecond;
 
+// Of what makes a meter empty.
+const char* CaptionOf(AudioState state) {
+  switch (state) {
+    case AudioState::kUnknown:
+    case AudioState::kOff:
+    case AudioState::kPresent:
+      return "";
+    case AudioState::kSilent:
+      return "SILENT";
+    case AudioState::kAbsent:
+      return "NO AUDIO";
+    case AudioState::kNoTrack:
+      return "AUDIO TRACK MISSING";
+    case AudioState::kNotStarted:
+      return "AUDIO NOT STARTED";
+    case AudioState::kUndecodable:
+      return "AUDIO NOT DECODABLE";
+    case AudioState::kStopped:
+      return "AUDIO STOPPED";
+  }
+  return "";
+}
+
 const char* CaptionOf(AlarmKind kind) {
   switch (kind) {
     case AlarmKind::kLoss:
@@ -28,7 +51,7 @@ const char* CaptionOf(AlarmKind kind) {
     case AlarmKind::kFreeze:
       return "FROZEN";
     case AlarmKind::kSilence:
-      return "SILENT";
+      break;  // says which kind, see above
     case AlarmKind::kClipping:
       return "CLIPPING";
   }
@@ -62,6 +85,7 @@ void ChannelPresenter::Begin(Time now) {
   looks_.clear();
   hasPictures_ = true;
   hasSound_ = false;
+  audio_ = {};
 }
 
 void ChannelPresenter::End() {
@@ -74,6 +98,21 @@ void ChannelPresenter::Report(bool changed) {
   }
 }
 
+void ChannelPresenter::ReportAudio() {
+  AudioStatus status = audio_;
+  status.state = alarms_.audio();
+  if (status.state == audio_.state) {
+    return;
+  }
+  const bool isHeard = status.state == AudioState::kPresent || status.state == AudioState::kSilent;
+  status.reason = isHeard || status.state == AudioState::kUnknown ? std::string() : audioReason_;
+  status.since = status.state == AudioState::kSilent    ? alarms_.raisedSince(AlarmKind::kSilence)
+                 : status.state == AudioState::kStopped ? alarms_.lastSound()
+                                                        : now_;
+  audio_ = std::move(status);
+  observer_->AudioChanged(settings_.name, audio_);
+}
+
 // What follows from the time alone.
 void ChannelPresenter::Watch(Time now) {
   now_ = std::max(now_, now);
@@ -83,6 +122,7 @@ void ChannelPresenter::Watch(Time now) {
   } else {
     alarms_.Lost(life_.status().since, now_);
   }
+  ReportAudio();
   NoteLook();
 }
 
@@ -92,7 +132,13 @@ void ChannelPresenter::Hear(const SourceNews& news, Time now) {
     hasPictures_ = news.hasPictures;
     hasSound_ = news.hasSound;
     noPictureReason_ = news.reason;
-    alarms_.Opened(news.hasSound, now_);
+    audioReason_ = news.audioReason;
+    alarms_.Opened(news.audioAbsence, now_);
+    return;
+  }
+  if (news.kind == SourceNews::Kind::kAudio) {
+    audioReason_ = news.audioReason;
+    alarms_.Decodable(news.audioAbsence == AudioAbsence::kNone);
     return;
   }
   Report(life_.Failed(news.reason, now_));
@@ -108,6 +154,7 @@ void ChannelPresenter::Show(const ReadyPicture& picture, Time start, Time durati
   }
   Report(life_.Shown(now_, duration));
   alarms_.Picture(picture.condition.black, picture.condition.still, now_);
+  ReportAudio();
   NoteLook();
   BYTE* pixels = nullptr;
   picture.sample->GetPointer(&pixels);
@@ -127,7 +174,8 @@ void ChannelPresenter::Show(const ReadyLevels& levels, Time start, Time duration
     Report(life_.Shown(now_, duration));
     alarms_.Found(now_);
   }
-  alarms_.Sound(levels.loudest, now_);
+  alarms_.Sound(levels.loudest, now_, now_ - start);
+  ReportAudio();
   SendLevels(start, duration, levels.levels);
 }
 
@@ -188,13 +236,27 @@ std::string ChannelPresenter::SlateText() const {
 
 std::string ChannelPresenter::CaptionText() const {
   std::string text;
+  const auto add = [&](const std::string& part) {
+    text += (text.empty() || part.empty() ? "" : " \u00b7 ") + part;
+  };
   for (const AlarmKind kind : kAllAlarms) {
-    if (alarms_.raised(kind)) {
-      text += (text.empty() ? "" : " \u00b7 ") + std::string(CaptionOf(kind)) + " since " +
-              settings_.timeText(alarms_.raisedSince(kind));
+    if (kind == AlarmKind::kSilence) {
+      add(AudioCaption());
+    } else if (alarms_.raised(kind)) {
+      add(std::string(CaptionOf(kind)) + " since " + settings_.timeText(alarms_.raisedSince(kind)));
     }
   }
   return text;
+}
+
+// What an empty meter means: at once where there is a meter, otherwise when the alarm is raised.
+std::string ChannelPresenter::AudioCaption() const {
+  std::string text;
+  if (settings_.meter || alarms_.raised(AlarmKind::kSilence)) {
+    text = CaptionOf(audio_.state);
+  }
+  const bool hasBegun = audio_.state == AudioState::kSilent || audio_.state == AudioState::kStopped;
+  return !text.empty() && hasBegun ? text + " since " + settings_.timeText(audio_.since) : text;
 }
 
 WindowPicture ChannelPresenter::Window(BYTE* pixels) const {

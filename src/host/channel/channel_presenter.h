@@ -84,9 +84,11 @@ class ChannelPresenter {
     bool operator==(const Look&) const = default;
   };
 
+  void ReportAudio();
   bool showsSlate() const;
   std::string SlateText() const;
   std::string CaptionText() const;
+  std::string AudioCaption() const;
   void NoteLook();
   const Look& LookAt(Time time);
   void Repeat(Time start);
@@ -107,6 +109,8 @@ class ChannelPresenter {
   bool hasPictures_ = true;  // the source has; until it is known, it is taken to have
   bool hasSound_ = false;
   std::string noPictureReason_;
+  std::string audioReason_;  // why there is no audio
+  AudioStatus audio_;
   Time now_ = 0;  // latest time that was seen
   WindowFill frames_{2};
   WindowFill levels_{1};

@@ -34,12 +34,14 @@ struct ReadyLevels {
 };
 // What became of the source, after everything that it gave before.
 struct SourceNews {
-  enum class Kind { kOpened, kEnded, kFailed };
+  enum class Kind { kOpened, kEnded, kFailed, kAudio };
   Kind kind = Kind::kOpened;
-  bool hasPictures = false;   // kOpened
-  bool hasSound = false;      // kOpened
-  std::string reason;         // kEnded and kFailed: one sentence; kOpened: why it has no pictures
-  std::string serviceName{};  // kOpened: of its programme, otherwise its title; may be empty
+  bool hasPictures = false;     // kOpened
+  bool hasSound = false;        // kOpened
+  std::string reason;           // kEnded and kFailed: one sentence; kOpened: why it has no pictures
+  std::string serviceName{};    // kOpened: of its programme, otherwise its title; may be empty
+  AudioAbsence audioAbsence{};  // kOpened and kAudio
+  std::string audioReason{};    // why there is no audio
 };
 struct ChannelItem {
   Time due = 0;    // when it is handed on, on the wall's clock

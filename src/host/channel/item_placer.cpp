@@ -36,6 +36,15 @@ bool ItemPlacer::Add(Time start, Time duration, bool jumped, ReadyPicture pictur
   return Put(Place(start, jumped), duration, std::move(picture));
 }
 
+std::optional<Time> ItemPlacer::PlaceOfAudio(Time start) {
+  if (WaitsForFrame() ||
+      (settings_.now &&
+       timeline_.Follow(start, settings_.now(), &start) != LiveTimeline::Fit::kFits)) {
+    return std::nullopt;
+  }
+  return start;
+}
+
 bool ItemPlacer::Add(Time start, Time duration, AudioPacket packet) {
   if (settings_.now) {
     if (WaitsForFrame()) {

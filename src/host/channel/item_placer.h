@@ -3,6 +3,8 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
+#include <utility>
 
 #include "host/channel/channel_queue.h"
 #include "host/channel/item_merger.h"
@@ -42,6 +44,9 @@ class ItemPlacer {
   bool Add(Time start, Time duration, bool jumped, ReadyPicture picture);
   bool Add(Time start, Time duration, AudioPacket packet);
   bool Add(Time start, Time duration, ReadyLevels levels);
+  // What became of the audio at that time of the source; none where that has no place on the wall.
+  std::optional<Time> PlaceOfAudio(Time start);
+  bool AddNews(Time placed, SourceNews news) { return Put(placed, 0, std::move(news)); }
   // Nothing more comes from this source.
   bool Finish();
 

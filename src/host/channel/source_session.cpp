@@ -9,6 +9,9 @@ extern "C" {
 namespace host {
 namespace {
 
+// Longer than any decoder holds audio back.
+constexpr Time kUndecodable = kSecond;
+
 ItemPlacer::Settings PlacerSettings(const SourceSession::Settings& settings,
                                     const MediaInfo& info) {
   ItemPlacer::Settings placer;
@@ -59,17 +62,47 @@ bool SourceSession::Handle(MediaItem item) {
   }
   if (auto* const packet = std::get_if<AudioPacket>(&item)) {
     Count(false, packet->discontinuity);
+    if (!NoteUndecoded(packet->start)) {
+      return false;
+    }
     return !audio_ || audio_->Take(std::move(*packet), *reader_.audioParameters(),
                                    *reader_.info().audio, audioSink_);
   }
   if (auto* const samples = std::get_if<AudioSamples>(&item)) {
     const AVFrame& frame = *samples->frame;
+    if (!NoteDecoded(samples->start)) {
+      return false;
+    }
     meter_.Push(
         planes_.Convert(frame), frame.nb_samples, frame.sample_rate, samples->start,
         [this](const LevelMeter::Reading& reading) { open_ = AddReading(reading) && open_; });
     return (!audio_ || audio_->Take(*samples, audioSink_)) && open_;
   }
   return true;
+}
+
+bool SourceSession::NoteUndecoded(Time start) {
+  undecodedSince_ = undecodedSince_.value_or(start);
+  return start - *undecodedSince_ < kUndecodable || isUndecodable_ ||
+         NoteAudio(start, AudioAbsence::kUndecodable, "it cannot be decoded");
+}
+
+bool SourceSession::NoteDecoded(Time start) {
+  undecodedSince_.reset();
+  return !isUndecodable_ || NoteAudio(start, AudioAbsence::kNone, {});
+}
+
+bool SourceSession::NoteAudio(Time start, AudioAbsence absence, const std::string& reason) {
+  const std::optional<Time> placed = placer_.PlaceOfAudio(start);
+  if (!placed.has_value()) {
+    return true;  // next time
+  }
+  isUndecodable_ = absence == AudioAbsence::kUndecodable;
+  SourceNews news;
+  news.kind = SourceNews::Kind::kAudio;
+  news.audioAbsence = absence;
+  news.audioReason = reason;
+  return placer_.AddNews(*placed, std::move(news));
 }
 
 bool SourceSession::Finish() {

@@ -56,6 +56,10 @@ class SourceSession {
   void Count(bool isFrame, bool isDiscontinuity);
   bool DrainConverter();
   bool AddReading(const LevelMeter::Reading& reading);
+  // Packets come, but no samples of them, or samples again. Both false once the queue is closed.
+  bool NoteUndecoded(Time start);
+  bool NoteDecoded(Time start);
+  bool NoteAudio(Time start, AudioAbsence absence, const std::string& reason);
 
   const Settings& settings_;
   const MediaReader& reader_;
@@ -67,6 +71,8 @@ class SourceSession {
   PictureMeter pictureMeter_;
   SamplePlanes planes_;
   LevelMeter meter_;
+  std::optional<Time> undecodedSince_;  // start of the first packet after the latest samples
+  bool isUndecodable_ = false;
   bool open_ = true;  // the queue is
 };
 

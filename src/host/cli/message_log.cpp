@@ -1,5 +1,6 @@
 #include "host/cli/message_log.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "host/ffmpeg/log.h"
@@ -207,6 +208,15 @@ void MessageLog::ChannelFailed(const std::string& channel, const std::string& re
 
 void MessageLog::ChannelSoundChanged(const std::string& channel, const std::string& what) {
   Say(qorp::log::kWarning, "channel \"" + channel + "\": " + what);
+}
+
+void MessageLog::AudioChanged(const std::string& channel, const AudioStatus& status) {
+  const bool isFault = status.state > AudioState::kAbsent;
+  std::string state = NameOf(status.state);
+  std::replace(state.begin(), state.end(), '_', ' ');
+  Say(isFault ? qorp::log::kWarning : qorp::log::kInfo,
+      "channel \"" + channel + "\": audio is " + state +
+          (status.reason.empty() ? "" : " (" + status.reason + ")"));
 }
 
 }  // namespace host::cli

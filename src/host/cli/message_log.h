@@ -44,6 +44,7 @@ class MessageLog final : public ChannelObserver {
   void ChannelFailed(const std::string& channel, const std::string& reason,
                      std::optional<std::chrono::milliseconds> retryIn) override;
   void ChannelSoundChanged(const std::string& channel, const std::string& what) override;
+  void AudioChanged(const std::string& channel, const AudioStatus& status) override;
 
   // How far the command has come, where somebody watches.
   void ShowProgress(const std::string& text) { screen_.ShowProgress(text); }

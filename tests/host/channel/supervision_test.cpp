@@ -128,7 +128,7 @@ class AlarmMonitorTest : public testing::Test {
 };
 
 TEST_F(AlarmMonitorTest, RaisesAfterTheTimeToSetAndClearsAfterTheTimeToClear) {
-  monitor_.Opened(true, now_);
+  monitor_.Opened(AudioAbsence::kNone, now_);
   Run(2 * kSecond, false, true, 0.5F);
   Run(2 * kSecond, false, false, 0.5F);
   EXPECT_THAT(changes_, ElementsAre()) << "not long enough";
@@ -143,7 +143,7 @@ TEST_F(AlarmMonitorTest, RaisesAfterTheTimeToSetAndClearsAfterTheTimeToClear) {
 }
 
 TEST_F(AlarmMonitorTest, TellsOneFaultByOneAlarm) {
-  monitor_.Opened(true, now_);
+  monitor_.Opened(AudioAbsence::kNone, now_);
   Run(6 * kSecond, true, true, 0.5F);
   EXPECT_THAT(changes_, ElementsAre("black+0")) << "a black picture stands still, too";
   Lose(3 * kSecond);
@@ -153,7 +153,7 @@ TEST_F(AlarmMonitorTest, TellsOneFaultByOneAlarm) {
 }
 
 TEST_F(AlarmMonitorTest, HearsSilenceAlsoWhenNoSoundComes) {
-  monitor_.Opened(true, now_);
+  monitor_.Opened(AudioAbsence::kNone, now_);
   Run(2 * kSecond, false, false, 0.0011F);
   EXPECT_THAT(changes_, ElementsAre());
   Run(3 * kSecond, false, false, 0.0009F);
@@ -162,13 +162,13 @@ TEST_F(AlarmMonitorTest, HearsSilenceAlsoWhenNoSoundComes) {
   EXPECT_THAT(changes_, ElementsAre("silence+2000", "clipping+5000", "silence-5000"));
   Run(4 * kSecond, false, false, std::nullopt);
   EXPECT_EQ(changes_.back(), "silence+7960");
-  monitor_.Opened(false, now_);
+  monitor_.Opened(AudioAbsence::kNotInSource, now_);
   Run(4 * kSecond, false, false, std::nullopt);
   EXPECT_EQ(changes_.back().substr(0, 8), "silence-") << "a source without sound is not silent";
 }
 
 TEST_F(AlarmMonitorTest, CountsPeaksInsteadOfWaitingForSoundThatClipsWithoutABreak) {
-  monitor_.Opened(true, now_);
+  monitor_.Opened(AudioAbsence::kNone, now_);
   const auto peaks = [&](Time length, Time distance, Time each) {
     const Time begun = now_;
     for (const Time end = now_ + length; now_ < end; now_ += kFrame) {

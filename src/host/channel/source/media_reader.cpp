@@ -225,11 +225,14 @@ void MediaReader::ChooseTracks() {
   const int audio =
       ChooseAudioStream(*input_, settings_.audioTrack, settings_.audioLanguage, video);
   info_.noAudioReason = settings_.wantAudio ? "it has no audio" : "audio is switched off";
+  info_.audioAbsence = settings_.wantAudio ? AudioAbsence::kNotInSource : AudioAbsence::kOff;
   if (settings_.wantAudio && settings_.audioTrack > info_.audioTracks.size()) {
     info_.noAudioReason = "it has no audio track " + std::to_string(settings_.audioTrack) +
                           " (of " + std::to_string(info_.audioTracks.size()) + ")";
+    info_.audioAbsence = AudioAbsence::kNoTrack;
   } else if (settings_.wantAudio && audio >= 0 && !IsAwaited(*input_->streams[audio])) {
     StartTrack(audio_, audio, info_.noAudioReason);
+    info_.audioAbsence = audio_ ? AudioAbsence::kNone : AudioAbsence::kUndecodable;
     if (audio_) {
       info_.noAudioReason.clear();
       info_.audio = DescribeAudio(*input_->streams[audio]);
@@ -241,6 +244,7 @@ void MediaReader::ChooseTracks() {
     if (IsAwaited(*input_->streams[i])) {
       input_->streams[i]->discard = AVDISCARD_DEFAULT;
       info_.noAudioReason = "its sound has not begun";
+      info_.audioAbsence = AudioAbsence::kNotStarted;
     }
   }
 
