@@ -15,6 +15,8 @@ extern "C" {
 namespace host {
 namespace {
 
+constexpr std::chrono::milliseconds kKeyframePatience(KeyframeGate::kLongestWait / kMillisecond);
+
 std::optional<Time> GivenTime(std::int64_t timestamp) {
   return timestamp != AV_NOPTS_VALUE ? std::optional<Time>(timestamp) : std::nullopt;
 }
@@ -46,7 +48,9 @@ MediaItem MediaReader::Read() {
       return EndOfMedia{};
     }
     ReadPacket();
-    if (watch_ && watch_->Expired(Clock::now())) {
+    const bool awaitsKeyframe = video_ && video_->decoder->awaitsKeyframe();
+    if (watch_ && watch_->Expired(Clock::now(),
+                                  awaitsKeyframe ? kKeyframePatience : Clock::duration::zero())) {
       throw MediaError(MediaError::Kind::kTimedOut, "it sends, but no picture that can be decoded",
                        maskedSource_);
     }
@@ -91,6 +95,9 @@ void MediaReader::ReadPacket() {
     Fail(result, false);
   }
   silences_ = 0;
+  if (!gaveInPass_ && repeats_ == 0 && !deadline_.ShouldStop() && LiesBehindItsData()) {
+    FailForItsIndex();
+  }
   // Containers report the end of a connection that broke as an ordinary end.
   if (result != AVERROR_EOF || deadline_.expired() || deadline_.cancelled()) {
     Fail(result, false);
@@ -120,7 +127,7 @@ void MediaReader::HandlePacket(ffmpeg::Packet packet) {
     return;
   }
   Track& track = isVideo ? *video_ : *audio_;
-  track.successorPackets = 0;
+  track.successorPackets.clear();
   const AVRational unit = input_->streams[track.streamIndex]->time_base;
   Time duration = ffmpeg::ToDuration(packet->duration, unit);
   if (duration == 0) {
@@ -158,25 +165,31 @@ void MediaReader::FollowOther(const AVPacket& packet) {
     return;
   }
   if (std::optional<Track>& track = isVideo ? video_ : audio_) {
-    FollowSuccessor(*track, packet.stream_index);
+    FollowSuccessor(*track, packet);
   } else if ((isVideo ? settings_.wantVideo : settings_.wantAudio) && info_.pace != Pace::kStored) {
     AwaitBeginning(stream, packet);
   }
 }
 
 // A stream that the source begins after the opening, while the chosen one of its kind has stopped,
-// is the same service in another form.
-void MediaReader::FollowSuccessor(Track& track, int streamIndex) {
-  constexpr int kPacketsUntilReplaced = 10;
-  if (static_cast<unsigned>(streamIndex) < knownStreams_) {
+// is the same service in another form. Its packets are kept until then: the first one is mostly a
+// keyframe, and the next may be far away.
+void MediaReader::FollowSuccessor(Track& track, const AVPacket& packet) {
+  constexpr std::size_t kPacketsUntilReplaced = 10;
+  if (static_cast<unsigned>(packet.stream_index) < knownStreams_) {
     return;
   }
-  if (track.successor != streamIndex) {
-    track.successor = streamIndex;
-    track.successorPackets = 0;
+  std::vector<ffmpeg::Packet>& packets = track.successorPackets;
+  if (!packets.empty() && packets.front()->stream_index != packet.stream_index) {
+    packets.clear();
   }
-  if (++track.successorPackets >= kPacketsUntilReplaced) {
-    Replace(track, streamIndex);
+  packets.push_back(ffmpeg::RefPacket(packet));
+  if (packets.size() >= kPacketsUntilReplaced) {
+    std::vector<ffmpeg::Packet> kept = std::exchange(packets, {});
+    Replace(track, packet.stream_index);
+    for (ffmpeg::Packet& each : kept) {
+      HandlePacket(std::move(each));
+    }
   }
 }
 
@@ -210,7 +223,6 @@ void MediaReader::Replace(Track& track, int streamIndex) {
     throw MediaError(MediaError::Kind::kFailed, error.what(), maskedSource_);
   }
   track.streamIndex = streamIndex;
-  track.successorPackets = 0;
   track.clockStream = clock_->AddStream(WrapPeriod(stream));
   if (isVideo) {
     info_.video = DescribeVideo(*input_, stream);
