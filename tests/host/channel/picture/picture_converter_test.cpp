@@ -107,14 +107,6 @@ TEST(PictureConverter, CentresAPictureOfAnotherShapeOnBlackWhateverWasInTheBuffe
   ExpectColour(shown.At(281, 90), kBlack, 0);
 }
 
-TEST(PictureConverter, KeepsTheSizeOfTheWindowWhenTheSourceChangesItsFormat) {
-  const auto settings = Window(64, 36);
-  PictureConverter converter(settings);
-  ExpectColour(Shown(converter, settings, MakeFrame(640, 360, kGreen)).At(32, 18), kGreen);
-  ExpectColour(Shown(converter, settings, MakeFrame(36, 64, kGreen), kFrame).At(4, 18), kBlack, 0);
-  ExpectColour(Shown(converter, settings, MakeFrame(64, 36, kGreen), 2 * kFrame).At(4, 18), kGreen);
-}
-
 TEST(PictureConverter, ConvertsMatrixAndRangeToBt601StudioRange) {
   const auto settings = Window(32, 18);
   const struct {
