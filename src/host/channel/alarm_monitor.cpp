@@ -60,6 +60,8 @@ void AlarmMonitor::Opened(AudioAbsence absence, Time now) {
   isDecodable_ = true;
   heard_ = false;
   missing_ = false;
+  quietSince_.reset();
+  silent_ = false;
   lastSound_ = now;
 }
 
@@ -86,7 +88,7 @@ AudioState AlarmMonitor::audio() const {
            : heard_      ? AudioState::kStopped
                          : AudioState::kNotStarted;
   }
-  return raised(AlarmKind::kSilence) ? AudioState::kSilent : AudioState::kPresent;
+  return silent_ && raised(AlarmKind::kSilence) ? AudioState::kSilent : AudioState::kPresent;
 }
 
 void AlarmMonitor::Picture(bool black, bool still, Time now) {
@@ -108,7 +110,18 @@ void AlarmMonitor::Sound(float loudest, Time now, Time late) {
     return;
   }
   Update(AlarmKind::kSilence, loudest <= silence_, now);
+  Heard(loudest <= silence_, now);
   Update(AlarmKind::kClipping, loudest >= clipping_, now);
+}
+
+// Audio that returns from having stopped finds the alarm raised still, and may be silent then.
+void AlarmMonitor::Heard(bool isQuiet, Time now) {
+  quietSince_ = isQuiet ? std::optional(quietSince_.value_or(now)) : std::nullopt;
+  const AlarmSettings::Times& times =
+      settings_.times[static_cast<std::size_t>(AlarmKind::kSilence)];
+  const bool isLong =
+      quietSince_.has_value() && now - *quietSince_ >= std::min(times.setAfter, times.clearAfter);
+  silent_ = raised(AlarmKind::kSilence) && (silent_ || isLong);
 }
 
 void AlarmMonitor::Lost(Time since, Time now) {
@@ -139,6 +152,8 @@ void AlarmMonitor::Tick(Time now) {
   missing_ = now - lastSound_ >= kSoundMissing;
   const AudioAbsence absence = absence_.value_or(AudioAbsence::kOff);
   if (absence != AudioAbsence::kNone || missing_) {
+    quietSince_.reset();
+    silent_ = false;
     const bool isWanted = absence != AudioAbsence::kOff && absence != AudioAbsence::kNotInSource;
     Update(AlarmKind::kSilence, isWanted, now);
     Update(AlarmKind::kClipping, false, now);

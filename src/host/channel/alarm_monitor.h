@@ -72,8 +72,9 @@ class AlarmMonitor {
     return kind == AlarmKind::kClipping ? peaks_.raisedSince() : timer(kind).raisedSince();
   }
   AudioState audio() const;
-  // When the latest levels came.
+  // When the latest levels came, and since when they are those of silence.
   Time lastSound() const { return lastSound_; }
+  Time silentSince() const { return quietSince_.value_or(lastSound_); }
   bool pictureAlarm() const {
     return raised(AlarmKind::kLoss) || raised(AlarmKind::kBlack) || raised(AlarmKind::kFreeze);
   }
@@ -81,6 +82,7 @@ class AlarmMonitor {
  private:
   const AlarmTimer& timer(AlarmKind kind) const { return timers_[static_cast<std::size_t>(kind)]; }
   void Update(AlarmKind kind, bool condition, Time now);
+  void Heard(bool isQuiet, Time now);
 
   const AlarmSettings settings_;
   const Sink sink_;
@@ -92,6 +94,8 @@ class AlarmMonitor {
   bool isDecodable_ = true;
   bool heard_ = false;    // since the opening
   bool missing_ = false;  // nothing was heard for some time
+  std::optional<Time> quietSince_;
+  bool silent_ = false;  // what is heard is why the alarm for silence is raised
   bool lost_ = false;
   Time lastSound_ = 0;
 };

@@ -106,7 +106,7 @@ void ChannelPresenter::ReportAudio() {
   }
   const bool isHeard = status.state == AudioState::kPresent || status.state == AudioState::kSilent;
   status.reason = isHeard || status.state == AudioState::kUnknown ? std::string() : audioReason_;
-  status.since = status.state == AudioState::kSilent    ? alarms_.raisedSince(AlarmKind::kSilence)
+  status.since = status.state == AudioState::kSilent    ? alarms_.silentSince()
                  : status.state == AudioState::kStopped ? alarms_.lastSound()
                                                         : now_;
   audio_ = std::move(status);

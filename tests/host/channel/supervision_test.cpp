@@ -162,6 +162,11 @@ TEST_F(AlarmMonitorTest, HearsSilenceAlsoWhenNoSoundComes) {
   EXPECT_THAT(changes_, ElementsAre("silence+2000", "clipping+5000", "silence-5000"));
   Run(4 * kSecond, false, false, std::nullopt);
   EXPECT_EQ(changes_.back(), "silence+7960");
+  EXPECT_EQ(monitor_.audio(), AudioState::kStopped);
+  Run(kFrame, false, false, 0.5F);
+  EXPECT_EQ(monitor_.audio(), AudioState::kPresent) << "before the alarm is over";
+  Run(2 * kSecond, false, false, 0.0F);
+  EXPECT_EQ(monitor_.audio(), AudioState::kSilent);
   monitor_.Opened(AudioAbsence::kNotInSource, now_);
   Run(4 * kSecond, false, false, std::nullopt);
   EXPECT_EQ(changes_.back().substr(0, 8), "silence-") << "a source without sound is not silent";
