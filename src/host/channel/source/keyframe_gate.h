@@ -41,10 +41,10 @@ class KeyframeGate {
       return;
     }
     const std::int64_t time = packet.dts != AV_NOPTS_VALUE ? packet.dts : packet.pts;
-    first_ = first_.value_or(time);
+    first_ = packets_ == 0 ? time : first_;
     ++packets_;
     std::int64_t waited = 0;
-    const bool isAbsurd = __builtin_sub_overflow(time, *first_, &waited);
+    const bool isAbsurd = __builtin_sub_overflow(time, first_, &waited);
     isOverdue_ = packets_ >= kMostPackets || isAbsurd || waited >= kLongestWait;
     if (!key_ && (packet.flags & AV_PKT_FLAG_KEY) != 0) {
       key_ = packet.pts != AV_NOPTS_VALUE ? packet.pts : time;
@@ -86,8 +86,8 @@ class KeyframeGate {
   bool open_ = false;
   bool isOverdue_ = false;
   int packets_ = 0;
-  std::optional<std::int64_t> first_;  // decoding time of the first packet
-  std::optional<std::int64_t> key_;    // of the first that decoding can begin with
+  std::int64_t first_ = 0;           // decoding time of the first packet
+  std::optional<std::int64_t> key_;  // time of the first that decoding can begin with
 };
 
 }  // namespace host

@@ -468,7 +468,8 @@ TEST(MediaReader, BeginsInTheMiddleOfAGopWithTheNextKeyframe) {
   const TemporaryFolder folder;
   using Options = decltype(ClipRecipe::videoOptions);
   const std::vector<std::pair<const char*, Options>> codecs{
-      {"libx265", {{"x265-params", "keyint=40:open-gop=1:bframes=3:log-level=0"}}},
+      {"libx265",
+       {{"x265-params", "keyint=40:open-gop=1:pools=none:frame-threads=1:wpp=0:log-level=0"}}},
       {"mpeg4", {{"g", "40"}}},
       {"mpeg2video", {{"g", "40"}, {"bf", "2"}}},
       {"libx264", {{"g", "40"}, {"x264-params", "open-gop=1"}}},
