@@ -35,6 +35,8 @@ const char* NameOf(Kind kind) {
       return "loss";
     case Kind::kReopened:
       return "reopened";
+    case Kind::kHidden:
+      return "hidden";
     case Kind::kStarved:
       return "starved";
   }
@@ -42,10 +44,10 @@ const char* NameOf(Kind kind) {
 }
 
 Fault MakeFault(Dice& dice, const SourceModel& source) {
-  static const std::vector<Kind> kPushed{Kind::kStall,     Kind::kPause,  Kind::kRestart,
-                                         Kind::kReplaced,  Kind::kJump,   Kind::kAudioAway,
-                                         Kind::kVideoAway, Kind::kDamage, Kind::kLoss,
-                                         Kind::kReopened,  Kind::kStarved};
+  static const std::vector<Kind> kPushed{Kind::kStall,     Kind::kPause,   Kind::kRestart,
+                                         Kind::kReplaced,  Kind::kJump,    Kind::kAudioAway,
+                                         Kind::kVideoAway, Kind::kDamage,  Kind::kLoss,
+                                         Kind::kReopened,  Kind::kStarved, Kind::kHidden};
   static const std::vector<Kind> kPulled{Kind::kStall, Kind::kPause, Kind::kAudioAway,
                                          Kind::kReopened, Kind::kStarved};
   Fault fault;
@@ -56,6 +58,7 @@ Fault MakeFault(Dice& dice, const SourceModel& source) {
     case Kind::kRestart:
     case Kind::kVideoAway:
     case Kind::kReopened:
+    case Kind::kHidden:
       fault.length = dice.Between(100, 9000) * kMillisecond;
       break;
     case Kind::kReplaced:

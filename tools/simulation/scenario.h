@@ -26,6 +26,7 @@ struct Fault {
     kDamage,     // bit `amount` of the timestamp of one packet is flipped
     kLoss,       // a third of the packets is lost
     kReopened,   // the connection fails and is opened again
+    kHidden,     // its window is not shown
     kStarved,    // the channel's streaming thread gets no processor
   };
   Kind kind = Kind::kStall;

@@ -24,7 +24,7 @@ constexpr int kIdRow = 2;
 constexpr int kIdColumn = 20;
 constexpr std::uint32_t kMagic = 0x51A7C0DE;
 constexpr int kMeterColumn = 3;
-constexpr int kMeterRow = WindowLayout::kHeight - 1 - 2 - 6;
+constexpr int kMeterRow = WindowLayout::kHeight - 1 - 2 - 10;
 constexpr std::uint8_t kLitLuma = 122;
 constexpr int kLevelRate = 1000;  // hertz
 
@@ -85,6 +85,8 @@ SimulatedChannel::SimulatedChannel(std::size_t index, const SourceModel* model, 
   }
   settings.presenter.timeText = [](Time) { return std::string("12:00:00"); };
   settings.presenter.presentFrame = services.presentFrame;
+  settings.presenter.wantsType = [window = services.window] { return window->WantsType(); };
+  settings.presenter.pictureSent = [window = services.window] { window->SetPictureSent(); };
   settings.driven = true;
   channel_ = host::ChannelSource::Create(std::move(settings), this);
   channel_->queue().FollowClock(services.now);
@@ -170,6 +172,8 @@ void SimulatedChannel::Announce(host::SourceNews::Kind kind) {
   news.kind = kind;
   news.hasPictures = true;
   news.hasSound = model_->audio;
+  // A caption about audio that is missing would hide what the window shows.
+  news.audioAbsence = model_->audio ? host::AudioAbsence::kNone : host::AudioAbsence::kOff;
   news.reason = "no data";
   channel_->queue().Push({shown_, shown_, 0, std::move(news)});
 }
@@ -249,15 +253,26 @@ void SimulatedChannel::HandleAudio(const SimulatedPacket& packet,
                        });
 }
 
-void SimulatedChannel::StreamAt(Time now) {
-  if (model_ != nullptr) {
-    for (const Fault& fault : model_->faults) {
-      if (fault.kind == Fault::Kind::kStarved && fault.at <= now && now < fault.at + fault.length) {
-        return;
-      }
-    }
+bool SimulatedChannel::Suffers(Fault::Kind kind, Time now) const {
+  return model_ != nullptr &&
+         std::any_of(model_->faults.begin(), model_->faults.end(), [&](const Fault& fault) {
+           return fault.kind == kind && fault.at <= now && now < fault.at + fault.length;
+         });
+}
+
+void SimulatedChannel::PlaceAt(Time now) {
+  host::WallWindow::Placement placement = services_.window->placement();
+  const bool enabled = !Suffers(Fault::Kind::kHidden, now);
+  if (enabled != placement.enabled) {
+    placement.enabled = enabled;
+    services_.window->Place(placement);
   }
-  channel_->DeliverUpTo(now);
+}
+
+void SimulatedChannel::StreamAt(Time now) {
+  if (!Suffers(Fault::Kind::kStarved, now)) {
+    channel_->DeliverUpTo(now);
+  }
 }
 
 }  // namespace simulation

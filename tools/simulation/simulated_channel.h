@@ -13,6 +13,7 @@
 #include "host/channel/sound/level_meter.h"
 #include "host/channel/source/item_times.h"
 #include "host/channel/source/source_clock.h"
+#include "host/graph/wall_window.h"
 #include "tools/simulation/simulated_source.h"
 
 namespace simulation {
@@ -20,7 +21,7 @@ namespace simulation {
 // What every window shows: the frame's identity in a row of its luma, and the meter beside it.
 struct WindowLayout {
   static constexpr int kWidth = 72;
-  static constexpr int kHeight = 24;
+  static constexpr int kHeight = 64;  // a caption leaves the upper part free
 
   static void Write(std::uint8_t* luma, int stride, ContentId id);
   // None when the window shows something else than a frame of the source.
@@ -37,6 +38,7 @@ class SimulatedChannel final : public host::ChannelObserver {
     std::function<Time()> now;
     std::function<std::optional<Time>()> presentFrame;
     std::function<void(const std::string&)> violated;
+    ComPtr<host::WallWindow> window;
   };
 
   // model outlives it; null: a channel whose source is never there.
@@ -48,6 +50,8 @@ class SimulatedChannel final : public host::ChannelObserver {
   Time nextRead() const;
   // Does what is to be done at that moment, which is the wall's time.
   void ReadAt(Time now);
+  // Hides or shows the window.
+  void PlaceAt(Time now);
   // Runs the streaming thread, unless it is starved.
   void StreamAt(Time now);
 
@@ -78,6 +82,7 @@ class SimulatedChannel final : public host::ChannelObserver {
     host::ItemPlacer placer;
   };
 
+  bool Suffers(Fault::Kind kind, Time now) const;
   void Open(Time now);
   void Fail(Time now);
   void Handle(const SimulatedPacket& packet);

@@ -269,12 +269,13 @@ class SimulatedWall {
 
   void AddChannel(std::size_t index, const SourceModel* model) {
     windows_.push_back(host::WallWindow::Create(
-        {true, static_cast<int>(index) * (WindowLayout::kWidth + kMargin), 0, "", false}));
+        {true, static_cast<int>(index) * (WindowLayout::kWidth + kMargin), 0, "", false},
+        scenario_.canvasRate));
     channels_.push_back(std::make_unique<SimulatedChannel>(
         index, model, scenario_.seed * 31 + index, scenario_.begin, scenario_.canvasRate,
-        SimulatedChannel::Services{[this] { return now_; },
-                                   [this] { return background_->presentFrame(); },
-                                   [this](const std::string& what) { Violated(what); }}));
+        SimulatedChannel::Services{
+            [this] { return now_; }, [this] { return background_->presentFrame(); },
+            [this](const std::string& what) { Violated(what); }, windows_.back()}));
     watchers_.emplace_back("channel " + std::to_string(index), model, scenario_.canvasRate,
                            scenario_.begin, [this](const std::string& what) { Violated(what); });
     host::ChannelSource& source = channels_.back()->source();
@@ -306,6 +307,7 @@ class SimulatedWall {
         channel->ReadAt(now_);
       }
       channel->StreamAt(now_);
+      channel->PlaceAt(now_);
     }
     now_ = until;
   }

@@ -28,6 +28,7 @@ Time SettleTime(Kind kind) {
     case Kind::kStall:
     case Kind::kStarved:
     case Kind::kLoss:
+    case Kind::kHidden:
       return 3 * kSecond;
     default:
       return 12 * kSecond;

@@ -37,9 +37,8 @@ bool ItemPlacer::Add(Time start, Time duration, bool jumped, ReadyPicture pictur
 }
 
 std::optional<Time> ItemPlacer::PlaceOfAudio(Time start) {
-  if (WaitsForFrame() ||
-      (settings_.now &&
-       timeline_.Follow(start, settings_.now(), &start) != LiveTimeline::Fit::kFits)) {
+  if (WaitsForFrame() || (settings_.now && timeline_.Follow(start, settings_.now(), &start) !=
+                                               LiveTimeline::Fit::kFits)) {
     return std::nullopt;
   }
   return start;

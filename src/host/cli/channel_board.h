@@ -62,8 +62,8 @@ class ChannelBoard final : public ChannelObserver {
   std::map<std::string, std::size_t> index_;  // of the entries, by name
 };
 
-// A channel in a status report: name, state, reason, since, audio, alarms; jitter and lead of a live
-// source in seconds, and what was left out of it.
+// A channel in a status report: name, state, reason, since, audio, alarms; jitter and lead of a
+// live source in seconds, and what was left out of it.
 nlohmann::ordered_json ToJson(const ChannelBoard::Entry& entry);
 // "2026-11-25T01:02:03.456Z": now.
 std::string TimestampUtc();
