@@ -113,7 +113,7 @@ SourceModel MakeSource(Dice& dice, Time begin, Time length) {
   // Each of these alone uses up most of the room that a wall has for a source.
   switch (dice.Between(0, 4)) {
     case 0:
-      source.burst = dice.Between(100, 600) * kMillisecond;
+      source.burst = dice.Between(100, 1300) * kMillisecond;
       break;
     case 1:
       source.audioSkew = dice.Between(-900, 900) * kMillisecond;

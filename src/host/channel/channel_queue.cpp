@@ -18,6 +18,7 @@ void ChannelQueue::Open() {
     lane.clear();
   }
   lastPushed_.reset();
+  paced_.reset();
   target_.reset();
   horizon_ = kNever;
   waiting_ = false;
@@ -45,19 +46,19 @@ bool ChannelQueue::closed() const {
 }
 
 bool ChannelQueue::HasRoom() const {
-  return !lastPushed_ || *lastPushed_ - (clock_ ? clock_() : target_.value_or(0)) < span_;
+  return !paced_ || *paced_ - (clock_ ? clock_() : target_.value_or(0)) < span_;
 }
 
 Time ChannelQueue::roomAt() const {
   const std::lock_guard guard(lock_);
-  return lastPushed_ ? *lastPushed_ - span_ + 1 : kNever;
+  return paced_ ? *paced_ - span_ + 1 : kNever;
 }
 
 bool ChannelQueue::WaitForRoom() {
   std::unique_lock guard(lock_);
   while (!closed_ && !readerLeft_ && !HasRoom()) {
     if (clock_) {
-      const Time left = *lastPushed_ - clock_() - span_ + 1;
+      const Time left = *paced_ - clock_() - span_ + 1;
       roomMade_.wait_for(guard, std::chrono::nanoseconds(100) * std::max<Time>(left, 1));
     } else {
       roomMade_.wait(guard);
@@ -66,7 +67,7 @@ bool ChannelQueue::WaitForRoom() {
   return !closed_ && !readerLeft_;
 }
 
-bool ChannelQueue::Push(ChannelItem item) {
+bool ChannelQueue::Push(ChannelItem item, bool paces) {
   {
     const std::lock_guard guard(lock_);
     if (closed_ || readerLeft_) {
@@ -78,6 +79,7 @@ bool ChannelQueue::Push(ChannelItem item) {
       return true;
     }
     lastPushed_ = item.due;
+    paced_ = paces ? item.due : paced_;
     lane.push_back({pushed_++, std::move(item)});
   }
   changed_.notify_one();
@@ -101,8 +103,10 @@ void ChannelQueue::ForgetFrom(Time time) {
       lane.pop_back();
     }
   }
-  if (lastPushed_) {
-    lastPushed_ = std::min(*lastPushed_, time);
+  for (std::optional<Time>* pushed : {&lastPushed_, &paced_}) {
+    if (*pushed) {
+      **pushed = std::min(**pushed, time);
+    }
   }
 }
 
@@ -115,8 +119,10 @@ void ChannelQueue::Move(Time by) {
         entry.item.start += by;
       }
     }
-    if (lastPushed_) {
-      *lastPushed_ += by;
+    for (std::optional<Time>* pushed : {&lastPushed_, &paced_}) {
+      if (*pushed) {
+        **pushed += by;
+      }
     }
   }
   changed_.notify_one();

@@ -70,14 +70,14 @@ class ChannelQueue {
   void Open();
   void Close();
 
-  // When a reader that can wait reads on: what was pushed last then lies less than the span ahead.
+  // When that is so.
   Time roomAt() const;
-  // Reader: waits until what was pushed last lies less than the span ahead. False once the queue is
-  // closed.
+  // Reader: waits until what was pushed last and paces it lies less than the span ahead. False once
+  // the queue is closed.
   bool WaitForRoom();
-  // Reader: adds an item; never waits. False once the queue is closed. An item of a kind of which
-  // the queue is full is dropped and counted.
-  bool Push(ChannelItem item);
+  // Reader: adds an item; never waits. paces: the reader waits for it (WaitForRoom). False once the
+  // queue is closed. An item of a kind of which the queue is full is dropped and counted.
+  bool Push(ChannelItem item, bool paces = true);
   // Reader: what is due at this time or later is left out, but for news, which come then.
   void ForgetFrom(Time time);
   // Reader: everything that waits, but for news, belongs to a time that is later by that much.
@@ -130,6 +130,7 @@ class ChannelQueue {
   std::uint64_t pushed_ = 0;
   std::uint64_t dropped_ = 0;
   std::optional<Time> lastPushed_;
+  std::optional<Time> paced_;  // due time of the latest item that paces the reader
   std::function<Time()> clock_;
   std::optional<Time> target_;  // the wall's time, moved step by step
   Time horizon_ = std::numeric_limits<Time>::min();

@@ -86,12 +86,14 @@ bool ItemPlacer::Put(Time start, Time duration, decltype(ChannelItem::content) c
 }
 
 bool ItemPlacer::HandOn(ChannelItem item) {
-  const bool isFrame = std::holds_alternative<ReadyPicture>(item.content);
-  if (isFrame || !settings_.now || !settings_.hasVideo) {
+  // Audio that is far ahead of the video holds nobody up.
+  const bool leads =
+      std::holds_alternative<ReadyPicture>(item.content) || !settings_.now || !settings_.hasVideo;
+  if (leads) {
     latest_ = std::max(latest_, item.due);
   }
   progress_ = true;
-  return queue_.Push(std::move(item));
+  return queue_.Push(std::move(item), leads);
 }
 
 bool ItemPlacer::Flush() {

@@ -27,13 +27,16 @@ void SourceClock::Restart() {
   restarting_ = origin_.has_value();
 }
 
-// The one of raw, raw + period, raw - period, ... that lies nearest to the stream's latest time.
+// The one of raw, raw + period, raw - period, ... that lies nearest to the stream's latest time, or
+// to that of another one before it has begun: the streams of a source may begin on both sides of a
+// wrap.
 Time SourceClock::Unwrap(const Stream& stream, Time raw) const {
-  if (stream.wrapPeriod <= 0 || !stream.started) {
+  const Stream* const near = stream.started ? &stream : Companion(stream);
+  if (stream.wrapPeriod <= 0 || near == nullptr) {
     return raw;
   }
   const Time half = stream.wrapPeriod / 2;
-  const Time distance = stream.lastRaw - raw;
+  const Time distance = near->lastRaw - raw;
   const Time turns = distance >= 0 ? (distance + half) / stream.wrapPeriod
                                    : -((half - distance) / stream.wrapPeriod);
   return raw + turns * stream.wrapPeriod;

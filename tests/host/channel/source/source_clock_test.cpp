@@ -55,6 +55,9 @@ TEST(SourceClock, UndoesAWrapExactlyAndWithoutAFlag) {
     EXPECT_EQ(mapped.pts, (i + 1) * kFrame);
     EXPECT_FALSE(mapped.discontinuity);
   }
+  // Another stream that begins before the wrap, or after it.
+  EXPECT_EQ(clock.Map(clock.AddStream(kPeriod), At(kPeriod - kFrame)).dts, 2 * kFrame);
+  EXPECT_EQ(clock.Map(clock.AddStream(kPeriod), At(kFrame)).dts, 4 * kFrame);
 }
 
 // A short clip that is sent again and again: the leaps are smaller than streams may lie apart.
