@@ -125,7 +125,8 @@ SourceModel MakeSource(Dice& dice, Time begin, Time length) {
       break;
   }
   if (dice.OneIn(2)) {
-    source.drift = static_cast<double>(dice.Between(-200, 200));
+    const std::int64_t worst = dice.OneIn(5) ? 10'000 : 200;
+    source.drift = static_cast<double>(dice.Between(-worst, worst));
   }
   if (!dice.OneIn(3)) {
     for (Time at = dice.Between(20'000, 60'000) * kMillisecond; at < length - 20 * kSecond;) {

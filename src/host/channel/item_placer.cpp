@@ -86,9 +86,13 @@ bool ItemPlacer::Put(Time start, Time duration, decltype(ChannelItem::content) c
 }
 
 bool ItemPlacer::HandOn(ChannelItem item) {
-  // Audio that is far ahead of the video holds nobody up.
+  const bool isFrame = std::holds_alternative<ReadyPicture>(item.content);
+  if (isFrame || !audioSinceFrame_) {
+    audioSinceFrame_ = isFrame ? std::nullopt : std::optional(item.start);
+  }
+  // Audio that is far ahead of the video holds nobody up, unless it comes alone.
   const bool leads =
-      std::holds_alternative<ReadyPicture>(item.content) || !settings_.now || !settings_.hasVideo;
+      isFrame || !settings_.now || !settings_.hasVideo || item.start - *audioSinceFrame_ > kSecond;
   if (leads) {
     latest_ = std::max(latest_, item.due);
   }

@@ -72,6 +72,7 @@ class ItemPlacer {
   LiveTimeline timeline_;
   ItemMerger<ChannelItem> merger_;
   Time latest_ = 0;
+  std::optional<Time> audioSinceFrame_;  // start of the first audio since the latest frame
   bool progress_ = false;
   LeftOut leftOut_;
 };
