@@ -8,7 +8,7 @@
 
 namespace {
 
-static_assert(AudioAlarm::kMaxChannels <= WindowMarks::kMaxChannels);
+static_assert(AudioAlarm::kMaxChannels <= WindowOverlays::kMaxChannels);
 
 // Towards zero, to an even number of pixels.
 LONG MakeEven(LONG position) {
@@ -83,9 +83,12 @@ void FrameComposer::ComposeFrame() {
   const SampleHolder samples(inputs_);
   AskHost();
   ChoosePictures(frameTime);
-  ReadMeters(frameTime);
-  mosaic_.Draw(*filter_.compose, windows_, marks_,
-               {canvas, filter_.outputWidth, filter_.outputHeight}, filter_.aspectRatio.numerator,
+  const Yv12Picture picture{canvas, filter_.outputWidth, filter_.outputHeight};
+  // A frame that a selection refuses leaves the records to the next one: reading drops older ones.
+  if (SelectionsFit(windows_, overlays_, picture)) {
+    ReadMeters(frameTime);
+  }
+  mosaic_.Draw(*filter_.compose, windows_, overlays_, picture, filter_.aspectRatio.numerator,
                filter_.aspectRatio.denominator);
   filter_.DeliverFrame(background.Get());
 }
@@ -105,7 +108,7 @@ void FrameComposer::FollowInputs() {
     inputs_.back().pins = &pins;
   }
   windows_.assign(inputs_.size(), WindowState{});
-  marks_.assign(inputs_.size(), WindowMarks{});
+  overlays_.assign(inputs_.size(), WindowOverlays{});
 }
 
 void FrameComposer::NoteBackgroundType(IMediaSample* sample) {
@@ -132,7 +135,7 @@ void FrameComposer::AskHost() {
     Input& input = inputs_[i];
     WindowState& state = windows_[i];
     state = WindowState{};
-    marks_[i] = WindowMarks{};
+    overlays_[i] = WindowOverlays{};
     const PictureSize& size = filter_.inputSizes[input.index];
     state.w = size.width;
     state.h = size.height;
@@ -147,7 +150,7 @@ void FrameComposer::AskHost() {
     state.x = MakeEven(state.x);
     state.y = MakeEven(state.y);
     state.enabled = enabled != 0;
-    marks_[i].selected = selected != 0;
+    overlays_[i].selected = selected != 0;
     ParseLabelColour(*filter_.compose, input.index, colour);
   }
 }
@@ -215,14 +218,14 @@ void FrameComposer::ReadMeters(REFERENCE_TIME frameTime) {
     if (audio.metersEnabled == 0 || audio.channelCount < 1 || !windows_[i].enabled) {
       continue;
     }
-    WindowMarks& marks = marks_[i];
-    marks.metered = true;
-    marks.channels = std::min<std::int32_t>(audio.channelCount, AudioAlarm::kMaxChannels);
+    WindowOverlays& overlays = overlays_[i];
+    overlays.metered = true;
+    overlays.channels = std::min<std::int32_t>(audio.channelCount, AudioAlarm::kMaxChannels);
     for (std::size_t c = 0; c < AudioAlarm::kMaxChannels; ++c) {
-      marks.levels[c] = static_cast<float>(audio.levels[c]) / 1000;
-      marks.peaks[c] = static_cast<float>(audio.peaks[c]) / 1000;
+      overlays.levels[c] = static_cast<float>(audio.levels[c]) / 1000;
+      overlays.peaks[c] = static_cast<float>(audio.peaks[c]) / 1000;
     }
-    marks.alarm =
+    overlays.alarm =
         audio.IsRaised() || (input.videoAlarm.has_value() && input.videoAlarm->alarm != 0);
   }
 }

@@ -317,6 +317,25 @@ TEST_F(FrameLoopTest, AVideoAlarmShowsThroughTheMeterOnly) {
   EXPECT_NE(Luma(Compose(shown + 2 * kFrame).Get(), 4, 4), 76);
 }
 
+TEST_F(FrameLoopTest, AFrameThatASelectionRefusesLeavesItsRecordsToTheNext) {
+  Make(1);
+  ConnectBackground();
+  ConnectWindow(0, 100, 100);
+  ConnectSink();
+  const ComPtr<fakes::Source> audio =
+      ConnectSide(PositionOfAudioAlarm(0), fakes::TypeOf(kAudioAlarmType, MEDIASUBTYPE_None));
+  ASSERT_EQ(graph_->Run(0), S_OK);
+  SendPicture(0, 0, 200);
+  SendPicture(0, kFrame, 200);
+  SendAudioAlarm(*audio, kFrame, true);
+  windows_[0]->Set({.x = 60, .selected = true});  // ends with the last column
+  const REFERENCE_TIME late = 10000000 + kFrame;  // after the record, which a frame would drop
+  SendBackground(late);
+  WaitForLine("Error in composition: Cannot draw selector: bad config");
+  windows_[0]->Set({});
+  EXPECT_EQ(Luma(Compose(late).Get(), 4, 4), 76);
+}
+
 TEST_F(FrameLoopTest, AFrameAllocatesNothingOnceItsInputsAreKnown) {
   Make(2);
   ConnectBackground();

@@ -7,9 +7,8 @@
 #include <gtest/gtest.h>
 
 #include "canvas.h"
-#include "render/compose.h"
 #include "render/label_colour.h"
-#include "tests/support/allocation_count.h"
+#include "render/mosaic_drawer.h"
 
 namespace {
 
@@ -21,15 +20,19 @@ class DrawWindowsTest : public testing::Test {
   }
   const Canvas& Draw(const std::vector<WindowState>& windows) {
     canvas.Fill(16, 128, 128);
-    DrawWindows(labels, windows, canvas.bytes.data(), canvas.width, canvas.height, 4, 3);
+    DrawInto(canvas, labels, windows);
     return canvas;
+  }
+  static void DrawInto(Canvas& target, Compose& with, const std::vector<WindowState>& windows) {
+    MosaicDrawer().Draw(with, windows, std::vector<WindowOverlays>(windows.size()),
+                        target.Picture(), 4, 3);
   }
   // What a label adds to the canvas that the windows alone give.
   Area LabelArea(const std::vector<WindowState>& windows) {
     const Canvas with = Draw(windows);
     Compose none(static_cast<std::int32_t>(windows.size()));
     Canvas without(canvas.width, canvas.height);
-    DrawWindows(none, windows, without.bytes.data(), without.width, without.height, 4, 3);
+    DrawInto(without, none, windows);
     return ChangedArea(with, without);
   }
   std::uint64_t Rendered(std::int32_t index) {
@@ -198,25 +201,6 @@ TEST_F(DrawWindowsTest, DamagedTextShowsReplacementCharacters) {
     SetLabelText(labels, 0, damaged);
     EXPECT_EQ(Draw(windows), replaced);
   }
-}
-
-TEST_F(DrawWindowsTest, AFrameWithNothingChangedAllocatesNothing) {
-  const std::vector<WindowState> windows{Window(0, 0), Window(200, 0), Window(400, 0)};
-  const auto frame = [&] {
-    for (std::int32_t i = 0; i < 3; ++i) {
-      ParseLabelColour(labels, i, "#FF8800");
-      SetLabelText(labels, i, "A text that is longer than what strings hold in place");
-    }
-    DrawWindows(labels, windows, canvas.bytes.data(), canvas.width, canvas.height, 4, 3);
-  };
-  frame();
-  const std::uint64_t rendered = Rendered(0) + Rendered(1) + Rendered(2);
-  const support::AllocationCount allocations;
-  for (int i = 0; i < 100; ++i) {
-    frame();
-  }
-  EXPECT_EQ(allocations.Since(), 0U);
-  EXPECT_EQ(Rendered(0) + Rendered(1) + Rendered(2), rendered);
 }
 
 }  // namespace
