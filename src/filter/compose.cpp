@@ -1,7 +1,6 @@
 #include "filter/compose.h"
 
 #include <array>
-#include <cstring>
 #include <numeric>
 #include <span>
 #include <string>
@@ -112,24 +111,34 @@ CBasePin* CCompose::GetPin(int position) {
 }
 
 HRESULT CCompose::Pause() {
-  const FILTER_STATE former = m_State;
-  const HRESULT hr = CBaseFilter::Pause();
-  if (former == State_Stopped) {
-    return backgroundPin->IsConnected() ? hr : E_FAIL;
-  }
-  if (compositionThread != nullptr) {
-    {
-      const CAutoLock guard(&filterLock);
+  HRESULT hr = S_OK;
+  {
+    const CAutoLock guard(&filterLock);
+    const FILTER_STATE former = m_State;
+    hr = CBaseFilter::Pause();
+    if (former == State_Stopped) {
+      return backgroundPin->IsConnected() ? hr : E_FAIL;
+    }
+    pausing = true;
+    if (compositionThread != nullptr) {
       pauseRequestEvent->Set();
     }
-    // Without the lock: the thread needs it to finish its frame.
+  }
+  // Without the lock: the thread needs it to finish its frame.
+  if (compositionThread != nullptr) {
     pausedEvent->Wait(os::kInfinite);
   }
-  // One thread has answered, but may have taken the next frame since, and a former one may still be
-  // drawing: that ends first, and nothing is begun until the queue is empty.
+  // One thread has answered; a former one may still be drawing.
   const std::lock_guard noFrame(composeLock);
-  EmptyBackgroundQueue();
+  EndPause();
   return hr;
+}
+
+void CCompose::EndPause() {
+  std::list<ComPtr<IMediaSample>> released;
+  const CAutoLock guard(&filterLock);
+  released.swap(backgroundQueue);
+  pausing = false;
 }
 
 void CCompose::QueueBackgroundFrame(ComPtr<IMediaSample> sample) {
@@ -143,7 +152,7 @@ void CCompose::QueueBackgroundFrame(ComPtr<IMediaSample> sample) {
 ComPtr<IMediaSample> CCompose::TakeBackgroundFrame() {
   const CAutoLock guard(&filterLock);
   ComPtr<IMediaSample> sample;
-  if (!backgroundQueue.empty()) {
+  if (!pausing && !backgroundQueue.empty()) {
     sample = std::move(backgroundQueue.front());
     backgroundQueue.pop_front();
   }
@@ -266,12 +275,11 @@ void CCompose::CompositionLoop() {
 
 void CCompose::DeliverFrame(IMediaSample* sample) {
   const CAutoLock guard(m_pLock);
-  AM_MEDIA_TYPE* attached = nullptr;
-  if (sample->GetMediaType(&attached) == S_OK) {
-    const OwnedMediaType type(attached);
-    if (type->formattype == FORMAT_VideoInfo2 && type->cbFormat >= sizeof(VIDEOINFOHEADER2)) {
-      reinterpret_cast<VIDEOINFOHEADER2*>(type->pbFormat)->dwInterlaceFlags =
-          AMINTERLACE_IsInterlaced;
+  OwnedMediaType type;
+  if (ReadMediaType(sample, &type) == S_OK) {
+    auto* const format = FormatBlock<VIDEOINFOHEADER2>(*type);
+    if (type->formattype == FORMAT_VideoInfo2 && format != nullptr) {
+      format->dwInterlaceFlags = AMINTERLACE_IsInterlaced;
       sample->SetMediaType(type.get());
     }
   }
@@ -285,13 +293,19 @@ HRESULT CCompose::BuildOutputMediaType(CMediaType*& type) {
     return hr;
   }
   if (built.formattype == FORMAT_VideoInfo2) {
-    auto* const format = reinterpret_cast<VIDEOINFOHEADER2*>(built.pbFormat);
+    auto* const format = FormatBlock<VIDEOINFOHEADER2>(built);
+    if (format == nullptr) {
+      return VFW_E_INVALIDMEDIATYPE;
+    }
     format->dwPictAspectRatioX = static_cast<DWORD>(aspectRatio.numerator);
     format->dwPictAspectRatioY = static_cast<DWORD>(aspectRatio.denominator);
   } else {
-    VIDEOINFOHEADER source{};
-    std::memcpy(&source, built.pbFormat, std::min<std::size_t>(built.cbFormat, sizeof(source)));
-    built = CMediaType(&MEDIATYPE_Video);
+    const auto* const header = FormatBlock<VIDEOINFOHEADER>(built);
+    if (header == nullptr) {
+      return VFW_E_INVALIDMEDIATYPE;
+    }
+    const VIDEOINFOHEADER source = *header;
+    built = CMediaType(&MEDIATYPE_Video);  // with samples of a fixed size
     built.SetSubtype(&MEDIASUBTYPE_YV12);
     built.SetFormatType(&FORMAT_VideoInfo2);
     VIDEOINFOHEADER2 format{};
@@ -307,13 +321,13 @@ HRESULT CCompose::BuildOutputMediaType(CMediaType*& type) {
     bitmap.biPlanes = 3;  // one for each of Y, V and U
     bitmap.biBitCount = 12;
     bitmap.biCompression = MakeFourcc('Y', 'V', '1', '2');
-    bitmap.biSizeImage = static_cast<DWORD>(PictureBytes(bitmap.biWidth, bitmap.biHeight));
+    bitmap.biSizeImage = static_cast<DWORD>(AnnouncedPictureBytes(bitmap.biWidth, bitmap.biHeight));
     bitmap.biXPelsPerMeter = source.bmiHeader.biXPelsPerMeter;
     bitmap.biYPelsPerMeter = source.bmiHeader.biYPelsPerMeter;
     if (!built.SetFormat(reinterpret_cast<const BYTE*>(&format), sizeof(format))) {
       return E_OUTOFMEMORY;
     }
-    built.SetSampleSize(bitmap.biSizeImage);
+    built.lSampleSize = bitmap.biSizeImage;
   }
   if (type == nullptr) {
     type = new (std::nothrow) CMediaType(std::move(built));

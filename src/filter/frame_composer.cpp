@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "platform/dshow/reference_time.h"
 #include "platform/dshow/vfw_errors.h"
 #include "render/label_colour.h"
 #include "util/exceptions.h"
@@ -36,11 +37,11 @@ bool IsPrerollFrame(REFERENCE_TIME time, REFERENCE_TIME period, const Fraction& 
   const LONGLONG half = divisor / 2;
   const bool sameSign = (dividend < 0) == (divisor < 0);
   const REFERENCE_TIME duration = (sameSign ? dividend + half : dividend - half) / divisor;
-  const REFERENCE_TIME rest = time % period;
-  return rest <= duration / 2 || duration / 2 > period - rest;
+  const REFERENCE_TIME rest = TimeRemainder(time, period);
+  return rest <= duration / 2 || duration / 2 > SubtractTimes(period, rest);
 }
 
-// Lets go of every window sample at the end of a frame, however it ends.
+// Releases every window sample at the end of a frame, however it ends.
 class FrameComposer::SampleHolder {
  public:
   explicit SampleHolder(std::vector<Input>& inputs) : inputs_(inputs) {}
@@ -67,6 +68,7 @@ void FrameComposer::ComposeFrame() {
   }
   BYTE* canvas = nullptr;
   ThrowIfFailed(background->GetPointer(&canvas));
+  ThrowIfFailed(canvas != nullptr ? S_OK : E_POINTER);
   REFERENCE_TIME frameTime = 0;
   REFERENCE_TIME stop = 0;
   background->GetTime(&frameTime, &stop);
@@ -83,7 +85,8 @@ void FrameComposer::ComposeFrame() {
   const SampleHolder samples(inputs_);
   AskHost();
   ChoosePictures(frameTime);
-  const Yv12Picture picture{canvas, filter_.outputWidth, filter_.outputHeight};
+  const Yv12Picture picture{canvas, std::max<LONG>(filter_.outputWidth, 0),
+                            std::max<LONG>(filter_.outputHeight, 0)};
   // A frame that a selection refuses leaves the records to the next one: reading drops older ones.
   if (SelectionsFit(windows_, overlays_, picture)) {
     ReadMeters(frameTime);
@@ -112,10 +115,8 @@ void FrameComposer::FollowInputs() {
 }
 
 void FrameComposer::NoteBackgroundType(IMediaSample* sample) {
-  // Throws when the sample cannot tell its type.
-  AM_MEDIA_TYPE* own = nullptr;
-  ThrowIfFailed(sample->GetMediaType(&own));
-  const OwnedMediaType carried(own);
+  OwnedMediaType carried;
+  ThrowIfFailed(ReadMediaType(sample, &carried));
   if (carried == nullptr) {
     return;
   }
@@ -161,9 +162,7 @@ void FrameComposer::ChoosePictures(REFERENCE_TIME frameTime) {
     WindowState& state = windows_[i];
     CComposeInputVideoWindowPin& pin = *input.pins->video;
     pin.PickSample(frameTime, &input.sample);
-    if (!input.sample) {
-      pin.FlushSamples();
-    } else {
+    if (input.sample) {
       if (state.enabled) {
         TakeFormat(input, input.sample.Get());
         const PictureSize& size = filter_.inputSizes.at(input.index);
@@ -185,9 +184,8 @@ void FrameComposer::ChoosePictures(REFERENCE_TIME frameTime) {
 }
 
 void FrameComposer::TakeFormat(Input& input, IMediaSample* sample) {
-  AM_MEDIA_TYPE* own = nullptr;
-  ThrowIfFailed(input.pins->video->ReadType(sample, &own));
-  const OwnedMediaType carried(own);
+  OwnedMediaType carried;
+  ThrowIfFailed(input.pins->video->ReadType(sample, &carried));
   if (carried == nullptr) {
     return;
   }

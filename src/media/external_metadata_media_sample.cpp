@@ -4,6 +4,7 @@
 #include <cstring>
 #include <new>
 
+#include "platform/dshow/reference_time.h"
 #include "platform/dshow/vfw_errors.h"
 #include "util/exceptions.h"
 
@@ -115,7 +116,7 @@ HRESULT CExternalMetaDataMediaSample::GetTime(REFERENCE_TIME* start, REFERENCE_T
   }
   *start = start_;
   if ((flags_ & AM_SAMPLE_STOPVALID) == 0) {
-    *stop = start_ + 1;
+    *stop = AddTimes(start_, 1);
     return VFW_S_NO_STOP_TIME;
   }
   *stop = stop_;

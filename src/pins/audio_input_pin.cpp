@@ -6,6 +6,7 @@
 
 #include "filter/compose.h"
 #include "pins/audio_output_pin.h"
+#include "platform/dshow/reference_time.h"
 #include "platform/dshow/vfw_errors.h"
 #include "platform/os/ticks.h"
 #include "util/exceptions.h"
@@ -116,9 +117,9 @@ HRESULT CComposeInputAudioCompressedPin::OnReceive(IMediaSample* sample) {
   CopySampleProperties(sample, copy.Get());
   if (SUCCEEDED(timed)) {
     const CComposeInputVideoWindowPin& window = *filter->inputs.at(static_cast<LONG>(index)).video;
-    const REFERENCE_TIME shift = window.TimeOffset() + window.Latency();
-    start += shift;
-    stop += shift;
+    const REFERENCE_TIME shift = AddTimes(window.TimeOffset(), window.Latency());
+    start = AddTimes(start, shift);
+    stop = AddTimes(stop, shift);
     hr = copy->SetTime(&start, &stop);
     if (FAILED(hr)) {
       return hr;

@@ -26,7 +26,7 @@ HRESULT CComposeOutputVideoPin::GetMediaType(int position, CMediaType* type) {
 HRESULT CComposeOutputVideoPin::DecideBufferSize(IMemAllocator* allocator,
                                                  ALLOCATOR_PROPERTIES* request) {
   request->cBuffers = std::max(request->cBuffers, kMinOutputBuffers);
-  request->cbBuffer = static_cast<LONG>(PictureBytes(filter->outputWidth, filter->outputHeight));
+  request->cbBuffer = AnnouncedPictureBytes(filter->outputWidth, filter->outputHeight);
   request->cbAlign = 1;
   request->cbPrefix = 0;
   ALLOCATOR_PROPERTIES actual{};

@@ -34,6 +34,7 @@ TEST(IsPrerollFrame, MarksTheFrameNearestToEachMultipleOfThePeriod) {
   EXPECT_THAT(marked, ElementsAre(0, 250, 500, 750));
   EXPECT_FALSE(IsPrerollFrame(0, 0, {25, 1})) << "a period of 0 marks nothing";
   EXPECT_FALSE(IsPrerollFrame(0, kPeriod, {0, 1}));
+  EXPECT_TRUE(IsPrerollFrame(std::numeric_limits<REFERENCE_TIME>::min(), -1, {25, 1}));
   // 29.97 frames per second never meet the multiples exactly, and each is marked once.
   int count = 0;
   for (int frame = 0; frame < 900; ++frame) {
@@ -221,11 +222,58 @@ TEST_P(PickedPictureTest, IsReadWhileNoFormatMovesToIt) {
 
 TEST_F(FrameLoopTest, APictureSmallerThanItsTypeSaysIsNotDrawn) {
   MakeRunning(1, 16, 16);
-  CMediaType larger = fakes::Yv12Type(64, 64, kFrame);
-  const ComPtr<IMediaSample> sample = sources_[0]->NewSample(0, kFrame);
-  sample->SetMediaType(&larger);
-  sources_[0]->Send(sample.Get());
-  EXPECT_EQ(Luma(Compose(0).Get(), 0, 0), 16);
+  constexpr LONG kMost = std::numeric_limits<LONG>::max();
+  for (const auto& [width, height] : {std::pair<LONG, LONG>{64, 64},
+                                      {kMost, kMost},
+                                      {-16, 16},
+                                      {-kMost, -kMost},
+                                      {46341, 46341}}) {
+    static_cast<CComposeInputVideoWindowPin*>(composer_->GetPin(2))->FlushSamples();
+    CMediaType larger = fakes::Yv12Type(width, height, kFrame);
+    const ComPtr<IMediaSample> sample = sources_[0]->NewSample(0, kFrame);
+    sample->SetMediaType(&larger);
+    sources_[0]->Send(sample.Get());
+    EXPECT_EQ(Luma(Compose(0).Get(), 0, 0), 16) << width << "x" << height;
+  }
+}
+
+// Nothing of it is defined by what is drawn, but every frame leaves; the sanitizers look at the
+// rest.
+TEST_F(FrameLoopTest, GoesOnWithTimesAndSizesAtTheEndsOfTheirRanges) {
+  Make(1, -1);
+  ConnectBackground();
+  ConnectWindow(0, 16, 16);
+  ConnectSink();
+  const ComPtr<fakes::Source> text =
+      ConnectSide(PositionOfText(0), fakes::TypeOf(kTextType, MEDIASUBTYPE_None));
+  const ComPtr<fakes::Source> audio =
+      ConnectSide(PositionOfAudioAlarm(0), fakes::TypeOf(kAudioAlarmType, MEDIASUBTYPE_None));
+  ASSERT_EQ(graph_->Run(0), S_OK);
+  using Times = std::numeric_limits<REFERENCE_TIME>;
+  using Sizes = std::numeric_limits<LONG>;
+  constexpr std::array kTimes{Times::min(),      Times::min() + 1, REFERENCE_TIME{-1},
+                              REFERENCE_TIME{0}, Times::max() - 1, Times::max()};
+  constexpr std::array kSizes{Sizes::min(), Sizes::min() + 1, LONG{-1},
+                              LONG{640},    Sizes::max() - 1, Sizes::max()};
+  for (std::size_t i = 0; i < 36; ++i) {
+    const std::size_t a = i % 6;
+    const std::size_t b = i / 6;
+    windows_[0]->Set({.x = kSizes[b], .y = kSizes[a]});
+    CMediaType type = fakes::Yv12Type(kSizes[a], kSizes[b], kTimes[a]);
+    const ComPtr<IMediaSample> picture = sources_[0]->NewSample(kTimes[a], kTimes[b]);
+    picture->SetMediaType(&type);
+    EXPECT_EQ(sources_[0]->Send(picture.Get()), S_OK);
+    EXPECT_EQ(sources_[0]->Send(sources_[0]->NewSample().Get()), S_OK);
+    EXPECT_EQ(text->Send(text->NewSample(kTimes[a], kTimes[b]).Get()), S_OK);
+    SendAudioAlarm(*audio, kTimes[b] / 2, true);
+    for (const std::optional<REFERENCE_TIME> start : {std::optional(kTimes[b]), {std::nullopt}}) {
+      sink_->Forget();
+      const ComPtr<IMediaSample> frame = background_->NewSample(start, start);
+      frame->SetMediaType(&type);
+      EXPECT_EQ(background_->Send(frame.Get()), S_OK);
+      ASSERT_TRUE(sink_->WaitForSamples(1)) << "time " << a << ", " << b;
+    }
+  }
 }
 
 TEST_F(FrameLoopTest, ABackgroundFrameLeavesMarkedAsInterlaced) {

@@ -27,7 +27,14 @@ class WatchedPin final : public CInputPinWithDynamicMediaType {
   HRESULT CheckMediaType(const CMediaType* type) override { return accepts(*type); }
   HRESULT SetMediaType(const CMediaType* type) override {
     steps.push_back("type");
-    return CInputPinWithDynamicMediaType::SetMediaType(type);
+    const HRESULT hr = CInputPinWithDynamicMediaType::SetMediaType(type);
+    Meanwhile();
+    return hr;
+  }
+  HRESULT ConnectionMediaType(AM_MEDIA_TYPE* type) override {
+    const HRESULT hr = CInputPinWithDynamicMediaType::ConnectionMediaType(type);
+    Meanwhile();
+    return hr;
   }
   HRESULT CompleteConnect(IPin* pin) override {
     steps.push_back("connect");
@@ -53,8 +60,16 @@ class WatchedPin final : public CInputPinWithDynamicMediaType {
   std::function<HRESULT(const CMediaType&)> accepts = [](const CMediaType&) { return S_OK; };
   std::function<HRESULT()> onReceive = [] { return S_OK; };
   std::optional<ALLOCATOR_PROPERTIES> requirements;
+  std::function<void()> meanwhile;  // done once, when the type has been set or read
   std::vector<std::string> steps;
   ComPtr<IMediaSample> received;
+
+ private:
+  void Meanwhile() {
+    if (const std::function<void()> act = std::exchange(meanwhile, nullptr)) {
+      act();
+    }
+  }
 };
 
 class WatchedFilter final : public CBaseFilter {
@@ -134,6 +149,30 @@ TEST_F(DynamicInputPinTest, TheSamePinReconnectsWhileTheGraphRuns) {
   EXPECT_THAT(pin().steps, ElementsAre("type", "reconnect"));
   ASSERT_EQ(source_->Send(source_->NewSample(1, 2).Get()), S_OK);
   EXPECT_TRUE(TypeOf(pin().received.Get()) == large_) << "the next sample announces the new type";
+}
+
+TEST_F(DynamicInputPinTest, AConnectionMadeWhileASampleIsReceivedIsNotLost) {
+  for (const bool bringsType : {false, true}) {
+    pin().meanwhile = [&] { EXPECT_EQ(pin().ReceiveConnection(&source_->pin, &large_), S_OK); };
+    const ComPtr<IMediaSample> sample = source_->NewSample(0, 1);
+    CMediaType type = small_;
+    sample->SetMediaType(bringsType ? &type : nullptr);
+    ASSERT_EQ(source_->Send(sample.Get()), S_OK);
+    ASSERT_EQ(source_->Send(source_->NewSample(1, 2).Get()), S_OK);
+    EXPECT_TRUE(TypeOf(pin().received.Get()) == large_) << bringsType;
+    ASSERT_EQ(pin().ReceiveConnection(&source_->pin, &small_), S_OK);
+  }
+}
+
+TEST_F(DynamicInputPinTest, ASampleThatCannotBeWrappedLeavesItsTypeToTheNext) {
+  struct Timeless final : CMediaSample {
+    Timeless() : CMediaSample("timeless", nullptr, nullptr, nullptr, 0) {}
+    ULONG Release() override { return 1; }  // lives on the stack
+    HRESULT GetTime(REFERENCE_TIME*, REFERENCE_TIME*) override { return E_UNEXPECTED; }
+  } timeless;
+  EXPECT_EQ(source_->Send(&timeless), E_UNEXPECTED);
+  ASSERT_EQ(source_->Send(source_->NewSample(1, 2).Get()), S_OK);
+  EXPECT_TRUE(TypeOf(pin().received.Get()) == small_);
 }
 
 TEST_F(DynamicInputPinTest, AnotherPinTakesTheConnectionOver) {

@@ -80,6 +80,19 @@ TEST_F(AudioPinsTest, APacketLeavesWithItsBytesInStepWithThePictures) {
   EXPECT_EQ(Bytes(samples[1].Get()), "untimed");
 }
 
+TEST_F(AudioPinsTest, TimesAtTheEndsOfTheirRangeWrapAround) {
+  using Times = std::numeric_limits<REFERENCE_TIME>;
+  ASSERT_EQ(ConnectOutput(), S_OK);
+  ASSERT_EQ(graph_->Run(0), S_OK);
+  SendPicture(0, Times::min(), 0);
+  ASSERT_EQ(packets_->Send(Packet(Times::max(), Times::min(), "packet").Get()), S_OK);
+  REFERENCE_TIME start = 0;
+  REFERENCE_TIME stop = 0;
+  EXPECT_EQ(audioSink_->Samples().at(0)->GetTime(&start, &stop), S_OK);
+  EXPECT_EQ(start, 10000000 - 1);
+  EXPECT_EQ(stop, 10000000);
+}
+
 TEST_F(AudioPinsTest, AcceptTheCompressedTypesOfTheProduct) {
   CBasePin& input = *composer_->GetPin(kInput);
   const GUID privateType{

@@ -121,6 +121,17 @@ TEST_F(WindowPinTest, ReleasesOlderSamplesButNeverTheLastOne) {
   EXPECT_EQ(PickedStart(0), 3 * kFrame);
 }
 
+TEST_F(WindowPinTest, EmptiesItsQueueInTheStepThatFindsNothingToShow) {
+  // Farther from the frame than the largest time: no picture for anybody, ever.
+  Send(3);
+  const ComPtr<IMediaSample> hostile =
+      sources_[0]->NewSample(std::numeric_limits<REFERENCE_TIME>::max(), 0);
+  ASSERT_EQ(sources_[0]->Send(hostile.Get()), S_OK);
+  Pin().ReleaseOlderSamples(std::numeric_limits<REFERENCE_TIME>::max());
+  EXPECT_EQ(PickedStart(0), -1);
+  EXPECT_EQ(Pin().QueueLength(), 0U);
+}
+
 TEST_F(WindowPinTest, AFormatChangeOutlivesTheSampleThatAnnouncedIt) {
   Send(2);
   const auto typeAt = [&](REFERENCE_TIME frameTime) {

@@ -72,17 +72,19 @@ std::string CheckedPath(const std::filesystem::path& path) {
   return name;
 }
 
-void Configure(std::optional<qorp::log::logfile_sink>& sink,
-               const std::optional<std::filesystem::path>& path, std::int32_t level,
-               const wall::LogOptions& options) {
+}  // namespace
+
+// What becomes of the file is itself a message.
+void MessageLog::Configure(std::optional<qorp::log::recovering_logfile_sink>& sink,
+                           const std::optional<std::filesystem::path>& path, std::int32_t level,
+                           const wall::LogOptions& options) {
   if (!path || path->empty()) {
     return;
   }
-  sink.emplace(qorp::log::LogFileOptions{level, options.size.value_or(kDefaultSize), 0});
+  sink.emplace(qorp::log::LogFileOptions{level, options.size.value_or(kDefaultSize), 0},
+               [this](const std::string& message) { Say(qorp::log::kError, message); });
   sink->SetPath(CheckedPath(*path));
 }
-
-}  // namespace
 
 MessageLog::Screen::Screen(Streams& streams, std::int32_t maxLevel)
     : maxLevel_(maxLevel),

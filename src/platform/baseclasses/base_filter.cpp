@@ -6,6 +6,7 @@
 #include "platform/baseclasses/base_pin.h"
 #include "platform/baseclasses/enumerators.h"
 #include "platform/baseclasses/registration.h"
+#include "platform/dshow/reference_time.h"
 #include "platform/dshow/vfw_errors.h"
 
 CBaseFilter::CBaseFilter(const char* name, IUnknown* outer, CCritSec* lock, REFCLSID clsid)
@@ -39,7 +40,7 @@ HRESULT CBaseFilter::StreamTime(CRefTime& time) {
   if (FAILED(hr)) {
     return hr;
   }
-  time = now - start;
+  time = SubtractTimes(now, start);
   return S_OK;
 }
 

@@ -2,11 +2,13 @@
 
 #include <algorithm>
 
+#include "platform/dshow/reference_time.h"
+
 namespace {
 
-constexpr REFERENCE_TIME kUnitsPerMillisecond = 10000;
-// The longest wait in one piece: a clock whose time leaps is looked at again by then.
-constexpr REFERENCE_TIME kLongestWait = 10000 * kUnitsPerMillisecond;
+constexpr std::uint64_t kUnitsPerMillisecond = 10000;
+// The longest wait in one piece: a clock whose time jumps is looked at again by then.
+constexpr std::uint64_t kLongestWait = 10000 * kUnitsPerMillisecond;
 
 }  // namespace
 
@@ -45,7 +47,7 @@ HRESULT CBaseReferenceClock::AdviseTime(REFERENCE_TIME baseTime, REFERENCE_TIME 
     return E_POINTER;
   }
   *cookie = 0;
-  const REFERENCE_TIME time = baseTime + streamTime;
+  const REFERENCE_TIME time = AddTimes(baseTime, streamTime);
   if (time <= 0 || time == AdviseList::kNever) {
     return E_INVALIDARG;
   }
@@ -100,7 +102,7 @@ void CBaseReferenceClock::Advise() {
       trigger_.Wait(os::kInfinite);
       continue;
     }
-    const REFERENCE_TIME wait = std::min(next - now, kLongestWait);
+    const std::uint64_t wait = std::min(TimeDistance(next, now), kLongestWait);
     trigger_.Wait(
         static_cast<std::uint32_t>((wait + kUnitsPerMillisecond - 1) / kUnitsPerMillisecond));
   }

@@ -4,6 +4,8 @@
 #include <new>
 #include <utility>
 
+#include "platform/dshow/vfw_errors.h"
+
 namespace {
 
 void MakeEmpty(AM_MEDIA_TYPE& type) {
@@ -58,6 +60,13 @@ void DeleteMediaType(AM_MEDIA_TYPE* type) {
     FreeMediaType(*type);
     CoTaskMemFree(type);
   }
+}
+
+HRESULT ReadMediaType(IMediaSample* sample, OwnedMediaType* type) {
+  AM_MEDIA_TYPE* carried = nullptr;
+  const HRESULT hr = sample->GetMediaType(&carried);
+  type->reset(hr == S_OK ? carried : nullptr);
+  return hr == S_OK && carried == nullptr ? VFW_E_INVALIDMEDIATYPE : hr;
 }
 
 CMediaType::CMediaType() {

@@ -3,6 +3,7 @@
 #include <functional>
 #include <set>
 
+#include "platform/dshow/reference_time.h"
 #include "platform/dshow/vfw_errors.h"
 #include "platform/graph/filter_graph.h"
 #include "platform/graph/pin_walk.h"
@@ -62,7 +63,7 @@ HRESULT FilterGraph::Pause() {
   if (former == State_Running && clock_) {
     REFERENCE_TIME now = 0;
     if (SUCCEEDED(clock_->GetTime(&now))) {
-      pausedAt_ = now - start_;
+      pausedAt_ = SubtractTimes(now, start_);
     }
   }
   for (const ComPtr<IBaseFilter>& filter : DownstreamFirst()) {
@@ -93,7 +94,7 @@ HRESULT FilterGraph::Run(REFERENCE_TIME start) {
   REFERENCE_TIME now = 0;
   if (start == 0 && clock_ && SUCCEEDED(clock_->GetTime(&now))) {
     // Stream time goes on where the pause held it.
-    start_ = now - pausedAt_ + kStartDelay;
+    start_ = AddTimes(SubtractTimes(now, pausedAt_), kStartDelay);
   }
   for (const ComPtr<IBaseFilter>& filter : DownstreamFirst()) {
     const HRESULT hr = filter->Run(start_);
