@@ -4,8 +4,10 @@
 #include <numeric>
 #include <span>
 #include <string>
+#include <thread>
 
 #include "filter/frame_composer.h"
+#include "platform/baseclasses/com_boundary.h"
 #include "platform/com/wide_text.h"
 #include "platform/dshow/vfw_errors.h"
 #include "util/exceptions.h"
@@ -48,10 +50,8 @@ CCompose::CCompose(IUnknown* outer, HRESULT* hr)
 CUnknown* CCompose::CreateInstance(IUnknown* outer, HRESULT* hr) {
   try {
     return std::make_unique<CCompose>(outer, hr).release();
-  } catch (const std::bad_alloc&) {
-    *hr = E_OUTOFMEMORY;
-  } catch (const CAtlException& refused) {
-    *hr = refused.m_hr;
+  } catch (...) {
+    *hr = ResultOfException();
   }
   return nullptr;
 }
@@ -62,18 +62,19 @@ CCompose::~CCompose() {
 }
 
 void CCompose::EndCompositionThreads() {
-  std::vector<os::Waitable*> running;
+  // The event wakes one thread, which wakes the next.
+  quitEvent->Set();
+  const auto join = [](qorp::Thread& thread) {
+    // A thread must not outlive the filter: a wait that the system refuses is tried again.
+    while (!thread.Handle().Wait(os::kInfinite)) {
+      std::this_thread::yield();
+    }
+  };
   for (const std::unique_ptr<qorp::Thread>& thread : formerThreads) {
-    running.push_back(&thread->Handle());
+    join(*thread);
   }
   if (compositionThread != nullptr) {
-    running.push_back(&compositionThread->Handle());
-  }
-  // The event wakes one thread for each time that it is set.
-  while (!running.empty()) {
-    quitEvent->Set();
-    const std::uint32_t ended = os::WaitAny(running, os::kInfinite);
-    running.erase(running.begin() + ended);
+    join(*compositionThread);
   }
 }
 
@@ -170,11 +171,19 @@ HRESULT CCompose::Configure(LONG windowCount, qorp::log::ILogPerf* hostLogger, L
   if (windowCount < 0 || (aspectNumerator == 0 && aspectDenominator == 0)) {
     return E_INVALIDARG;
   }
+  return AtComBoundary([&] {
+    return Set(windowCount, hostLogger, width, height, Reduce({aspectNumerator, aspectDenominator}),
+               period, rate);
+  });
+}
+
+HRESULT CCompose::Set(LONG windowCount, qorp::log::ILogPerf* hostLogger, LONG width, LONG height,
+                      const Fraction& aspect, REFERENCE_TIME period, const Fraction& rate) {
   const std::lock_guard frameInProgress(composeLock);
   outputHeight = height;
   logger = hostLogger != nullptr ? hostLogger : &dummyLogger;
   outputWidth = width;
-  aspectRatio = Reduce({aspectNumerator, aspectDenominator});
+  aspectRatio = aspect;
   prerollPeriod = period;
   frameRate = rate;
   try {
@@ -183,20 +192,20 @@ HRESULT CCompose::Configure(LONG windowCount, qorp::log::ILogPerf* hostLogger, L
     logger.load()->log(qorp::log::kError, "Cannot create compose lib: %s", error.what());
     return E_FAIL;
   }
-  if (compositionThread != nullptr) {
-    formerThreads.push_back(std::move(compositionThread));
+  formerThreads.reserve(formerThreads.size() + 1);
+  auto thread = std::make_unique<qorp::Thread>([this] { CompositionLoop(); });
+  compositionThread.swap(thread);
+  if (thread != nullptr) {
+    formerThreads.push_back(std::move(thread));
   }
-  compositionThread = std::make_unique<qorp::Thread>([this] { CompositionLoop(); });
   return S_OK;
 }
 
 HRESULT CCompose::AddInput(LONG index, IUnknown* window) {
-  InputPins& entry = inputs[index];
-  if (entry.window.Get() != window) {
-    entry.window = ComPtr<IComposeWindow>(static_cast<IComposeWindow*>(window));
-  }
-  inputSizes.try_emplace(index);
+  return AtComBoundary([&] { return MakeInput(index, static_cast<IComposeWindow*>(window)); });
+}
 
+HRESULT CCompose::MakeInput(LONG index, IComposeWindow* window) {
   const auto number = static_cast<ULONG>(index);
   HRESULT unused = S_OK;
   auto video = std::make_unique<CComposeInputVideoWindowPin>(
@@ -212,7 +221,13 @@ HRESULT CCompose::AddInput(LONG index, IUnknown* window) {
       std::make_unique<CComposeAlarmInputPin<AudioAlarm>>(this, video.get(), &filterLock, &unused);
   auto videoAlarm =
       std::make_unique<CComposeAlarmInputPin<VideoAlarm>>(this, video.get(), &filterLock, &unused);
-  // The pins that point to others go first.
+  inputSizes.try_emplace(index);
+  // From here on nothing fails: an input has all its pins or is not there.
+  InputPins& entry = inputs[index];
+  if (entry.window.Get() != window) {
+    entry.window = ComPtr<IComposeWindow>(window);
+  }
+  // The pins that point to others are replaced first.
   entry.videoAlarm = std::move(videoAlarm);
   entry.audioAlarm = std::move(audioAlarm);
   entry.text = std::move(text);
@@ -254,6 +269,7 @@ void CCompose::CompositionLoop() {
       continue;
     }
     if (signalled == 1) {
+      quitEvent->Set();  // for the other threads, if there are any
       return;
     }
     if (signalled == kWaitRepeated) {
@@ -329,10 +345,5 @@ HRESULT CCompose::BuildOutputMediaType(CMediaType*& type) {
     }
     built.lSampleSize = bitmap.biSizeImage;
   }
-  if (type == nullptr) {
-    type = new (std::nothrow) CMediaType(std::move(built));
-    return type == nullptr ? E_FAIL : S_OK;
-  }
-  *type = std::move(built);
-  return S_OK;
+  return HandOut(std::move(built), type);
 }

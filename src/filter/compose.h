@@ -93,6 +93,9 @@ class CCompose final : public CBaseFilter, public IComposeCommand {
   friend class CComposeAlarmInputPin;
   friend class FrameComposer;
 
+  HRESULT Set(LONG windowCount, qorp::log::ILogPerf* hostLogger, LONG width, LONG height,
+              const Fraction& aspect, REFERENCE_TIME period, const Fraction& rate);
+  HRESULT MakeInput(LONG index, IComposeWindow* window);
   void CompositionLoop();
   ComPtr<IMediaSample> TakeBackgroundFrame();
   void EmptyBackgroundQueue();
@@ -140,6 +143,6 @@ class CCompose final : public CBaseFilter, public IComposeCommand {
   std::unique_ptr<CComposeOutputVideoPin> outputPin;
 
   std::unique_ptr<qorp::Thread> compositionThread;
-  // Threads of earlier Configure calls: they go on composing and end with the filter.
+  // Threads of earlier Configure calls: they continue to compose and end with the filter.
   std::vector<std::unique_ptr<qorp::Thread>> formerThreads;
 };

@@ -1,6 +1,7 @@
 #include "media/dynamic_input_pin.h"
 
 #include "media/external_metadata_media_sample.h"
+#include "platform/baseclasses/com_boundary.h"
 #include "platform/dshow/vfw_errors.h"
 #include "util/exceptions.h"
 
@@ -29,11 +30,12 @@ HRESULT CInputPinWithDynamicMediaType::ReceiveConnection(IPin* connector,
   SetConnected(connector);
   {
     const CAutoLock change(&typeLock);
-    hr = SetMediaType(&proposed);
+    hr = AtComBoundary([&] { return SetMediaType(&proposed); });
     typePending = true;
   }
   if (SUCCEEDED(hr)) {
-    hr = reconnects ? OnReconnect(connector) : CompleteConnect(connector);
+    hr = AtComBoundary(
+        [&] { return reconnects ? OnReconnect(connector) : CompleteConnect(connector); });
     if (SUCCEEDED(hr)) {
       return S_OK;
     }
@@ -51,7 +53,7 @@ HRESULT CInputPinWithDynamicMediaType::Receive(IMediaSample* sample) {
     return ReceiveTyped(sample);
   } catch (const COMException& error) {
     return error.code();
-  } catch (const std::exception&) {
+  } catch (...) {
     return E_FAIL;
   }
 }

@@ -20,8 +20,8 @@ class CInputPinWithDynamicMediaType : public CBaseInputPin {
 
   // The pin that is already connected connects again; called instead of CompleteConnect.
   virtual HRESULT OnReconnect(IPin* pin);
-  // Processes one sample. May throw: a COMException is answered with its code, any other
-  // std::exception with E_FAIL.
+  // Processes one sample. May throw: a COMException is answered with its code, anything else with
+  // E_FAIL.
   virtual HRESULT OnReceive(IMediaSample* sample) = 0;
 
   HRESULT ReceiveConnection(IPin* connector, const AM_MEDIA_TYPE* type) override;

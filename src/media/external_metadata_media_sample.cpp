@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <new>
 
 #include "platform/dshow/reference_time.h"
@@ -19,7 +20,7 @@ bool IsSet(HRESULT answer) {
 }  // namespace
 
 ComPtr<IMediaSample> CExternalMetaDataMediaSample::Create(IMediaSample* sample) {
-  return ComPtr<IMediaSample>(new CExternalMetaDataMediaSample(sample));
+  return ComPtr<IMediaSample>(std::make_unique<CExternalMetaDataMediaSample>(sample).release());
 }
 
 CExternalMetaDataMediaSample::CExternalMetaDataMediaSample(IMediaSample* sample)
@@ -52,12 +53,11 @@ void CExternalMetaDataMediaSample::CopyFlags() {
 }
 
 void CExternalMetaDataMediaSample::CopyTypeAndStream() {
-  AM_MEDIA_TYPE* type = nullptr;
-  ThrowIfFailed(sample_->GetMediaType(&type));
-  wrappedType_.reset(type);
-  if (const ComPtr<IMediaSample2> sample2 = sample_.As<IMediaSample2>()) {
-    AM_SAMPLE2_PROPERTIES all{};
-    ThrowIfFailed(sample2->GetProperties(sizeof(all), reinterpret_cast<BYTE*>(&all)));
+  ThrowIfFailed(ReadMediaType(sample_.Get(), &wrappedType_));
+  const ComPtr<IMediaSample2> sample2 = sample_.As<IMediaSample2>();
+  AM_SAMPLE2_PROPERTIES all{};
+  // A sample that does not tell them is wrapped without.
+  if (sample2 && SUCCEEDED(sample2->GetProperties(sizeof(all), reinterpret_cast<BYTE*>(&all)))) {
     typeSpecificFlags_ = all.dwTypeSpecificFlags;
     streamId_ = all.dwStreamId;
     SetFlag(AM_SAMPLE_TIMEDISCONTINUITY, (all.dwSampleFlags & AM_SAMPLE_TIMEDISCONTINUITY) != 0);
@@ -65,12 +65,7 @@ void CExternalMetaDataMediaSample::CopyTypeAndStream() {
 }
 
 void CExternalMetaDataMediaSample::CopyProperties() {
-  // One of our own hands over whatever is stored; the interface can only be asked for known
-  // numbers.
-  if (const auto* const own = dynamic_cast<CExternalMetaDataMediaSample*>(sample_.Get())) {
-    properties_ = own->properties_;
-    return;
-  }
+  // The interface can be asked for known numbers only.
   const ComPtr<IMediaSample3> sample3 = sample_.As<IMediaSample3>();
   if (!sample3) {
     return;
@@ -78,7 +73,7 @@ void CExternalMetaDataMediaSample::CopyProperties() {
   for (const MediaProperty& property : kMediaProperties) {
     const BYTE* bytes = nullptr;
     ULONG length = 0;
-    if (SUCCEEDED(sample3->GetProperty(property.id, &bytes, &length))) {
+    if (SUCCEEDED(sample3->GetProperty(property.id, &bytes, &length)) && bytes != nullptr) {
       ThrowIfFailed(SetProperty(property.id, bytes, length));
     }
   }

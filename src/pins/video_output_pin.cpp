@@ -20,7 +20,11 @@ HRESULT CComposeOutputVideoPin::CheckMediaType(const CMediaType* type) {
 }
 
 HRESULT CComposeOutputVideoPin::GetMediaType(int position, CMediaType* type) {
-  return position != 0 ? VFW_S_NO_MORE_ITEMS : filter->BuildOutputMediaType(type);
+  if (position != 0) {
+    return VFW_S_NO_MORE_ITEMS;
+  }
+  // A type that is allocated here would never reach the caller.
+  return type != nullptr ? filter->BuildOutputMediaType(type) : E_POINTER;
 }
 
 HRESULT CComposeOutputVideoPin::DecideBufferSize(IMemAllocator* allocator,

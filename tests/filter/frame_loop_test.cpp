@@ -10,17 +10,11 @@
 #include "platform/dshow/vfw_errors.h"
 #include "tests/support/allocation_count.h"
 #include "tests/support/composer_fixture.h"
+#include "tests/support/foreign_sample.h"
 
 namespace {
 
 using testing::ElementsAre;
-
-constexpr GUID kTextType{
-    0x67CA2076, 0x1596, 0x47C6, {0xA9, 0x6A, 0x85, 0xD7, 0x92, 0xAC, 0xAA, 0x53}};
-constexpr GUID kAudioAlarmType{
-    0x053A2D3B, 0x77A2, 0x4DF3, {0xB4, 0x6F, 0x40, 0x21, 0x71, 0xA8, 0x1F, 0x59}};
-constexpr GUID kVideoAlarmType{
-    0xAE3CE0F0, 0x0DCD, 0x4223, {0x88, 0xBA, 0x8E, 0x28, 0x63, 0xE6, 0x5A, 0x18}};
 
 TEST(IsPrerollFrame, MarksTheFrameNearestToEachMultipleOfThePeriod) {
   constexpr REFERENCE_TIME kFrame = 400000;
@@ -42,43 +36,6 @@ TEST(IsPrerollFrame, MarksTheFrameNearestToEachMultipleOfThePeriod) {
   }
   EXPECT_EQ(count, 4);
 }
-
-// A window picture of 16x16 that belongs to nobody's allocator and tells when its type or time is
-// asked for.
-class WatchedSample final : public CMediaSample {
- public:
-  explicit WatchedSample(HRESULT* hr)
-      : CMediaSample("watched", nullptr, hr, pixels_.data(), static_cast<LONG>(pixels_.size())) {}
-
-  ULONG AddRef() override { return ++references_; }
-  ULONG Release() override {
-    const ULONG left = --references_;
-    if (left == 0) {
-      delete this;
-    }
-    return left;
-  }
-  HRESULT GetMediaType(AM_MEDIA_TYPE** type) override {
-    Tell();
-    return CMediaSample::GetMediaType(type);
-  }
-  HRESULT GetTime(REFERENCE_TIME* start, REFERENCE_TIME* stop) override {
-    Tell();
-    return CMediaSample::GetTime(start, stop);
-  }
-
-  std::function<void()> onRead;  // changed while nobody asks
-
- private:
-  void Tell() const {
-    if (onRead) {
-      onRead();
-    }
-  }
-
-  std::array<BYTE, 16 * 16 * 3 / 2> pixels_{};
-  std::atomic<ULONG> references_{0};
-};
 
 class FrameLoopTest : public ComposerFixture {
  protected:
@@ -185,16 +142,13 @@ TEST_P(PickedPictureTest, IsReadWhileNoFormatMovesToIt) {
   MakeRunning(1, 16, 16);
   SendPicture(0, 0, 200);
   Compose(0);
-  HRESULT hr = S_OK;
-  auto made = std::make_unique<WatchedSample>(&hr);
-  WatchedSample* const watched = made.get();
-  const ComPtr<IMediaSample> kept(made.release());
+  const ComPtr<fakes::ForeignSample> watched = fakes::ForeignSample::Create(16 * 16 * 3 / 2);
   for (int n = 1; n < kFull; ++n) {
     if (n == kWatched) {
       REFERENCE_TIME start = n * kFrame;
       REFERENCE_TIME stop = start + kFrame;
       watched->SetTime(&start, &stop);
-      ASSERT_EQ(sources_[0]->Send(watched), S_OK);
+      ASSERT_EQ(sources_[0]->Send(watched.Get()), S_OK);
     } else {
       ASSERT_EQ(SendPicture(0, n * kFrame, 200), S_OK);
     }
@@ -244,10 +198,8 @@ TEST_F(FrameLoopTest, GoesOnWithTimesAndSizesAtTheEndsOfTheirRanges) {
   ConnectBackground();
   ConnectWindow(0, 16, 16);
   ConnectSink();
-  const ComPtr<fakes::Source> text =
-      ConnectSide(PositionOfText(0), fakes::TypeOf(kTextType, MEDIASUBTYPE_None));
-  const ComPtr<fakes::Source> audio =
-      ConnectSide(PositionOfAudioAlarm(0), fakes::TypeOf(kAudioAlarmType, MEDIASUBTYPE_None));
+  const ComPtr<fakes::Source> text = ConnectSide(PositionOfText(0));
+  const ComPtr<fakes::Source> audio = ConnectSide(PositionOfAudioAlarm(0));
   ASSERT_EQ(graph_->Run(0), S_OK);
   using Times = std::numeric_limits<REFERENCE_TIME>;
   using Sizes = std::numeric_limits<LONG>;
@@ -344,10 +296,8 @@ TEST_F(FrameLoopTest, AVideoAlarmShowsThroughTheMeterOnly) {
   ConnectBackground();
   ConnectWindow(0, 100, 100);
   ConnectSink();
-  const ComPtr<fakes::Source> audio =
-      ConnectSide(PositionOfAudioAlarm(0), fakes::TypeOf(kAudioAlarmType, MEDIASUBTYPE_None));
-  const ComPtr<fakes::Source> video =
-      ConnectSide(PositionOfVideoAlarm(0), fakes::TypeOf(kVideoAlarmType, MEDIASUBTYPE_None));
+  const ComPtr<fakes::Source> audio = ConnectSide(PositionOfAudioAlarm(0));
+  const ComPtr<fakes::Source> video = ConnectSide(PositionOfVideoAlarm(0));
   ASSERT_EQ(graph_->Run(0), S_OK);
   SendPicture(0, 0, 200);
   SendPicture(0, kFrame, 200);
@@ -370,8 +320,7 @@ TEST_F(FrameLoopTest, AFrameThatASelectionRefusesLeavesItsRecordsToTheNext) {
   ConnectBackground();
   ConnectWindow(0, 100, 100);
   ConnectSink();
-  const ComPtr<fakes::Source> audio =
-      ConnectSide(PositionOfAudioAlarm(0), fakes::TypeOf(kAudioAlarmType, MEDIASUBTYPE_None));
+  const ComPtr<fakes::Source> audio = ConnectSide(PositionOfAudioAlarm(0));
   ASSERT_EQ(graph_->Run(0), S_OK);
   SendPicture(0, 0, 200);
   SendPicture(0, kFrame, 200);
@@ -391,9 +340,8 @@ TEST_F(FrameLoopTest, AFrameAllocatesNothingOnceItsInputsAreKnown) {
   std::vector<ComPtr<fakes::Source>> levels;
   for (LONG i = 0; i < 2; ++i) {
     ConnectWindow(i, 70, 60);
-    texts.push_back(ConnectSide(PositionOfText(i), fakes::TypeOf(kTextType, MEDIASUBTYPE_None)));
-    levels.push_back(
-        ConnectSide(PositionOfAudioAlarm(i), fakes::TypeOf(kAudioAlarmType, MEDIASUBTYPE_None)));
+    texts.push_back(ConnectSide(PositionOfText(i)));
+    levels.push_back(ConnectSide(PositionOfAudioAlarm(i)));
     windows_[static_cast<std::size_t>(i)]->Set({.x = i * 80, .y = 10, .selected = true});
   }
   ConnectSink();

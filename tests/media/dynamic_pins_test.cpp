@@ -8,6 +8,7 @@
 #include "media/upstream_pin.h"
 #include "platform/dshow/vfw_errors.h"
 #include "tests/support/fake_filters.h"
+#include "tests/support/foreign_sample.h"
 #include "util/exceptions.h"
 
 namespace {
@@ -165,12 +166,9 @@ TEST_F(DynamicInputPinTest, AConnectionMadeWhileASampleIsReceivedIsNotLost) {
 }
 
 TEST_F(DynamicInputPinTest, ASampleThatCannotBeWrappedLeavesItsTypeToTheNext) {
-  struct Timeless final : CMediaSample {
-    Timeless() : CMediaSample("timeless", nullptr, nullptr, nullptr, 0) {}
-    ULONG Release() override { return 1; }  // lives on the stack
-    HRESULT GetTime(REFERENCE_TIME*, REFERENCE_TIME*) override { return E_UNEXPECTED; }
-  } timeless;
-  EXPECT_EQ(source_->Send(&timeless), E_UNEXPECTED);
+  const ComPtr<fakes::ForeignSample> timeless = fakes::ForeignSample::Create(4);
+  timeless->time = E_UNEXPECTED;
+  EXPECT_EQ(source_->Send(timeless.Get()), E_UNEXPECTED);
   ASSERT_EQ(source_->Send(source_->NewSample(1, 2).Get()), S_OK);
   EXPECT_TRUE(TypeOf(pin().received.Get()) == small_);
 }

@@ -2,6 +2,7 @@
 
 #include "platform/dshow/vfw_errors.h"
 #include "tests/support/composer_fixture.h"
+#include "tests/support/foreign_sample.h"
 
 namespace {
 
@@ -90,6 +91,26 @@ TEST_F(AlarmPinsTest, RefuseRecordsWithoutATimeOrTooShort) {
   EXPECT_FALSE(Nearest<VideoAlarm>(6, 5).has_value());
   EXPECT_EQ(Send(*text_, "", 5), S_OK) << "a text may be empty";
   EXPECT_EQ(NearestText(5), "");
+}
+
+TEST_F(AlarmPinsTest, RefuseSamplesThatLieAboutThemselves) {
+  for (fakes::Source* const source : {text_.Get(), audioAlarm_.Get(), videoAlarm_.Get()}) {
+    const ComPtr<fakes::ForeignSample> sample = fakes::ForeignSample::Create(90);
+    REFERENCE_TIME time = 5;
+    sample->SetTime(&time, &time);
+    for (const LONG length : {-1, 91, std::numeric_limits<LONG>::max()}) {
+      sample->length = length;
+      EXPECT_EQ(source->Send(sample.Get()), E_FAIL) << length;
+    }
+    sample->length = 90;
+    sample->hasBuffer = false;
+    EXPECT_EQ(source->Send(sample.Get()), E_POINTER);
+    sample->hasBuffer = true;
+    sample->mediaType = S_OK;
+    EXPECT_EQ(source->Send(sample.Get()), VFW_E_INVALIDMEDIATYPE);
+    sample->mediaType.reset();
+    EXPECT_EQ(source->Send(sample.Get()), S_OK);
+  }
 }
 
 TEST_F(AlarmPinsTest, SayWhyARecordIsRefused) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "platform/baseclasses/com_boundary.h"
 #include "platform/dshow/reference_time.h"
 
 namespace {
@@ -51,9 +52,7 @@ HRESULT CBaseReferenceClock::AdviseTime(REFERENCE_TIME baseTime, REFERENCE_TIME 
   if (time <= 0 || time == AdviseList::kNever) {
     return E_INVALIDARG;
   }
-  *cookie = advises_.AddOnce(time, event);
-  StartAdvising();
-  return S_OK;
+  return Advise(cookie, [&] { return advises_.AddOnce(time, event); });
 }
 
 HRESULT CBaseReferenceClock::AdvisePeriodic(REFERENCE_TIME startTime, REFERENCE_TIME periodTime,
@@ -65,9 +64,22 @@ HRESULT CBaseReferenceClock::AdvisePeriodic(REFERENCE_TIME startTime, REFERENCE_
   if (startTime <= 0 || periodTime <= 0 || startTime == AdviseList::kNever) {
     return E_INVALIDARG;
   }
-  *cookie = advises_.AddPeriodic(startTime, periodTime, semaphore);
-  StartAdvising();
-  return S_OK;
+  return Advise(cookie, [&] { return advises_.AddPeriodic(startTime, periodTime, semaphore); });
+}
+
+template <typename Add>
+HRESULT CBaseReferenceClock::Advise(DWORD_PTR* cookie, const Add& add) {
+  const HRESULT hr = AtComBoundary([&] {
+    *cookie = add();
+    StartAdvising();
+    return S_OK;
+  });
+  if (FAILED(hr)) {
+    // Without its thread the clock would never signal it.
+    advises_.Remove(*cookie);
+    *cookie = 0;
+  }
+  return hr;
 }
 
 HRESULT CBaseReferenceClock::Unadvise(DWORD_PTR cookie) {
@@ -78,7 +90,7 @@ void CBaseReferenceClock::StartAdvising() {
   {
     const std::lock_guard guard(threadLock_);
     if (thread_ == nullptr && !ending_) {
-      thread_ = std::make_unique<os::Thread>([this] { Advise(); }, "clock");
+      thread_ = std::make_unique<os::Thread>([this] { SignalAdvises(); }, "clock");
     }
   }
   trigger_.Set();
@@ -94,7 +106,7 @@ void CBaseReferenceClock::EndAdvising() {
   }
 }
 
-void CBaseReferenceClock::Advise() {
+void CBaseReferenceClock::SignalAdvises() {
   while (!ending_) {
     const REFERENCE_TIME now = GetPrivateTime();
     const REFERENCE_TIME next = advises_.SignalDue(now);

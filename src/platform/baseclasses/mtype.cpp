@@ -140,7 +140,9 @@ bool CMediaType::SetFormat(const BYTE* format, ULONG length) {
   if (AllocFormatBuffer(length) == nullptr) {
     return false;
   }
-  std::memcpy(pbFormat, format, length);
+  if (length > 0) {
+    std::memcpy(pbFormat, format, length);
+  }
   return true;
 }
 
@@ -183,4 +185,13 @@ bool CMediaType::Equals(const AM_MEDIA_TYPE& other) const {
   return majortype == other.majortype && subtype == other.subtype &&
          formattype == other.formattype && cbFormat == other.cbFormat &&
          (cbFormat == 0 || std::memcmp(pbFormat, other.pbFormat, cbFormat) == 0);
+}
+
+HRESULT HandOut(CMediaType&& type, CMediaType*& target) {
+  if (target != nullptr) {
+    *target = std::move(type);
+    return S_OK;
+  }
+  target = new (std::nothrow) CMediaType(std::move(type));
+  return target != nullptr ? S_OK : E_FAIL;
 }

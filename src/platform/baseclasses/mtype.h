@@ -84,3 +84,7 @@ class CMediaType : public AM_MEDIA_TYPE {
  private:
   bool Equals(const AM_MEDIA_TYPE& other) const;
 };
+
+// Moves a type into *target or, when that is null, into a new one that belongs to the caller:
+// E_FAIL without memory.
+HRESULT HandOut(CMediaType&& type, CMediaType*& target);

@@ -82,6 +82,13 @@ TEST_F(PinConnectionTest, RefusesTwoPinsOfOneDirection) {
   EXPECT_EQ(source_->pin.Connect(&other->pin, &large_), VFW_E_INVALID_DIRECTION);
 }
 
+// Otherwise two filters that tell each other of their quality would never end.
+TEST_F(PinConnectionTest, TheSinkOfQualityMessagesIsNotHeld) {
+  EXPECT_EQ(source_->pin.SetSink(&sink_->pin), S_OK);
+  sink_->AddRef();
+  EXPECT_EQ(sink_->Release(), 1U);
+}
+
 TEST_F(PinConnectionTest, UsesThePeersAllocatorAndItsWishes) {
   source_->pin.types = {large_};
   source_->pin.wanted = {2, 100, 1, 0};
