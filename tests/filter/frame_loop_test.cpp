@@ -249,14 +249,6 @@ TEST_F(FrameLoopTest, ABackgroundFrameLeavesMarkedAsInterlaced) {
   EXPECT_EQ(interlaceFlags(kFrame, nullptr), -1);
 }
 
-TEST_F(FrameLoopTest, ASelectionIsFramedInsideThePicture) {
-  MakeRunning(1, 40, 30);
-  // 120 lines give a frame without thickness: nothing is drawn, but the place is checked.
-  windows_[0]->Set({.x = 10, .y = 10, .selected = true});
-  SendPicture(0, 0, 100);
-  EXPECT_EQ(Luma(Compose(0).Get(), 10, 10), 100);
-}
-
 TEST_F(FrameLoopTest, TheSameFaultIsToldOnceUntilAFrameSucceeds) {
   MakeRunning(1, 16, 16);
   // Selected before its size is known: every frame fails.

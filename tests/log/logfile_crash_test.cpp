@@ -39,10 +39,10 @@ constexpr LogFileOptions kUnlimited{3, 0, 100000};
 
 // Opens the file by writing one more line, as the program does.
 std::vector<std::string> Reopen(const std::string& path, const LogFileOptions& options,
-                                const std::string& line) {
+                                const std::string& line, const qorp::log::LogTime& time = kTime) {
   recovering_logfile_sink sink(options, [](const std::string&) {});
   sink.SetPath(path);
-  sink.Write(1, kTime, line.c_str());
+  sink.Write(1, time, line.c_str());
   std::vector<std::string> texts;
   for (const LogHistoryEntry& entry : sink.sink().GetHistory(0, -1)) {
     texts.push_back(entry.text);
@@ -180,12 +180,16 @@ std::string LineOf(int number) {
   return "n" + std::to_string(number) + std::string(static_cast<std::size_t>(number * 7 % 90), ';');
 }
 
+qorp::log::LogTime TimeOf(int number) {
+  return {kTime.seconds + number / 1000, static_cast<std::uint16_t>(number % 1000)};
+}
+
 [[noreturn]] void WriteForEver(const std::string& path, const LogFileOptions& options, int first,
                                std::atomic<int>& counted) {
   recovering_logfile_sink sink(options, [](const std::string&) {});
   sink.SetPath(path);
   for (int number = first;; ++number) {
-    sink.Write(1, kTime, LineOf(number).c_str());
+    sink.Write(1, TimeOf(number), LineOf(number).c_str());
     counted = number;
   }
 }
@@ -298,12 +302,12 @@ void KillWriters(const LogFileOptions& options, int kills, std::size_t linesThat
     if (std::find(texts.begin(), texts.end(), LineOf(next)) != texts.end()) {
       written.push_back(LineOf(next));
     }
-    ++next;
+    const qorp::log::LogTime reopened = TimeOf(next++);
     ASSERT_GE(texts.size(), std::min(linesThatFit, written.size()));
     ASSERT_TRUE(IsEndOf(written, texts, staleAllowed)) << "after kill " << kill;
     written.push_back("reopened " + std::to_string(kill));
     const std::string mark = written.back();
-    ASSERT_EQ(Reopen(path, options, mark).back(), mark);
+    ASSERT_EQ(Reopen(path, options, mark, reopened).back(), mark);
     followMove();
     if (written.empty()) {
       written.push_back(mark);

@@ -1,3 +1,6 @@
+#include <chrono>
+#include <future>
+#include <mutex>
 #include <new>
 
 #include <gmock/gmock.h>
@@ -27,7 +30,7 @@ class WatchedPin final : public CInputPinWithDynamicMediaType {
 
   HRESULT CheckMediaType(const CMediaType* type) override { return accepts(*type); }
   HRESULT SetMediaType(const CMediaType* type) override {
-    steps.push_back("type");
+    Note("type");
     const HRESULT hr = CInputPinWithDynamicMediaType::SetMediaType(type);
     Meanwhile();
     return hr;
@@ -38,15 +41,15 @@ class WatchedPin final : public CInputPinWithDynamicMediaType {
     return hr;
   }
   HRESULT CompleteConnect(IPin* pin) override {
-    steps.push_back("connect");
+    Note("connect");
     return CInputPinWithDynamicMediaType::CompleteConnect(pin);
   }
   HRESULT OnReconnect(IPin* pin) override {
-    steps.push_back("reconnect");
+    Note("reconnect");
     return CInputPinWithDynamicMediaType::OnReconnect(pin);
   }
   HRESULT OnReceive(IMediaSample* sample) override {
-    steps.push_back("sample");
+    Note("sample");
     received = ComPtr<IMediaSample>(sample);
     return onReceive();
   }
@@ -66,11 +69,18 @@ class WatchedPin final : public CInputPinWithDynamicMediaType {
   ComPtr<IMediaSample> received;
 
  private:
+  // A connection may be made while a sample is received.
+  void Note(const char* step) {
+    const std::lock_guard guard(stepsLock_);
+    steps.emplace_back(step);
+  }
   void Meanwhile() {
     if (const std::function<void()> act = std::exchange(meanwhile, nullptr)) {
       act();
     }
   }
+
+  std::mutex stepsLock_;
 };
 
 class WatchedFilter final : public CBaseFilter {
@@ -154,11 +164,18 @@ TEST_F(DynamicInputPinTest, TheSamePinReconnectsWhileTheGraphRuns) {
 
 TEST_F(DynamicInputPinTest, AConnectionMadeWhileASampleIsReceivedIsNotLost) {
   for (const bool bringsType : {false, true}) {
-    pin().meanwhile = [&] { EXPECT_EQ(pin().ReceiveConnection(&source_->pin, &large_), S_OK); };
+    // Before the flag of a pending type is looked at, if it can.
+    std::future<HRESULT> connecting;
+    pin().meanwhile = [&] {
+      connecting = std::async(std::launch::async,
+                              [&] { return pin().ReceiveConnection(&source_->pin, &large_); });
+      connecting.wait_for(std::chrono::milliseconds(100));
+    };
     const ComPtr<IMediaSample> sample = source_->NewSample(0, 1);
     CMediaType type = small_;
     sample->SetMediaType(bringsType ? &type : nullptr);
     ASSERT_EQ(source_->Send(sample.Get()), S_OK);
+    ASSERT_EQ(connecting.get(), S_OK);
     ASSERT_EQ(source_->Send(source_->NewSample(1, 2).Get()), S_OK);
     EXPECT_TRUE(TypeOf(pin().received.Get()) == large_) << bringsType;
     ASSERT_EQ(pin().ReceiveConnection(&source_->pin, &small_), S_OK);

@@ -34,30 +34,4 @@ TEST(CopyPictureClipped, LeavesTheChromaOfAnOddLastRowAlone) {
   EXPECT_EQ(canvas.U(0, 2), 3);
 }
 
-TEST(FillPlaneRect, SetsEverySampleThatCoversAPixelOfTheRectangle) {
-  for (const Plane plane : {Plane::Y, Plane::V, Plane::U}) {
-    for (std::int32_t x = -3; x < 20; ++x) {
-      for (std::int32_t w = 0; w < 9; ++w) {
-        const std::int32_t y = x / 2 - 1;
-        const std::int32_t h = 5 - w / 2;
-        GuardedPicture canvas(16, 12);
-        canvas.Scatter(4);
-        GuardedPicture expected = canvas;
-        for (std::int32_t py = std::max(y, 0); py < std::min(y + h, 12); ++py) {
-          for (std::int32_t px = std::max(x, 0); px < std::min(x + w, 16); ++px) {
-            const Yv12Picture to = expected.view();
-            if (plane == Plane::Y) {
-              to.Y()[py * 16 + px] = 99;
-            } else {
-              (plane == Plane::V ? to.V() : to.U())[ChromaIndex(px, py, 16)] = 99;
-            }
-          }
-        }
-        FillPlaneRect(canvas.view(), plane, x, y, w, h, 99);
-        ASSERT_EQ(canvas, expected) << x << "," << y << " " << w << "x" << h;
-      }
-    }
-  }
-}
-
 }  // namespace

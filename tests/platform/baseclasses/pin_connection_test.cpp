@@ -47,13 +47,6 @@ TEST_F(PinConnectionTest, PrefersATypeOfTheReceivingPin) {
   EXPECT_TRUE(peer.Get() == static_cast<IPin*>(&source_->pin));
 }
 
-TEST_F(PinConnectionTest, TriesItsOwnTypesInOrder) {
-  source_->pin.types = {large_, small_};
-  sink_->pin.accepts = [&](const CMediaType& type) { return type == small_ ? S_OK : S_FALSE; };
-  ASSERT_EQ(Connect(), S_OK);
-  EXPECT_TRUE(Agreed() == small_);
-}
-
 TEST_F(PinConnectionTest, LeavesBothSidesFreeWhenNoTypeFits) {
   source_->pin.types = {large_};
   sink_->pin.accepts = [](const CMediaType&) { return S_FALSE; };
