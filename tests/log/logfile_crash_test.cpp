@@ -21,9 +21,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "log/circular_log_file.h"
 #include "log/log_file_reader.h"
-#include "log/log_line.h"
 #include "log/recovering_logfile_sink.h"
 #include "tests/support/temporary_folder.h"
 
@@ -125,34 +123,6 @@ TEST(LogFileCrash, InTheMiddleOfAHeaderLeavesAFileThatOpens) {
   }
 }
 
-// Truncated by something else, down to nothing.
-TEST(LogFileCrash, AFileOfAnyLengthOpensAgain) {
-  const TemporaryFolder folder;
-  const std::string path = folder / "log";
-  const std::string whole = WriteLines(path, kUnlimited, {"one", "two", "three"});
-  for (std::size_t bytes = 0; bytes <= whole.size(); ++bytes) {
-    WriteWholeFile(path, whole.substr(0, bytes));
-    std::vector<std::string> texts = Reopen(path, kUnlimited, "new");
-    ASSERT_EQ(texts.back(), "new") << bytes;
-    texts.pop_back();
-    // The header points beyond the end: the lines that are left count as the oldest, the first of
-    // which tells the number.
-    std::vector<std::string> left;
-    for (const char* const text : {"two", "three"}) {
-      const std::size_t end = whole.find(std::string(";1;") + text + "\r\n") + 3;
-      if (bytes > end) {
-        left.push_back(std::string(text).substr(0, bytes - end));
-      } else if (bytes == end) {
-        left.emplace_back();
-      }
-    }
-    if (bytes == whole.size()) {
-      left.insert(left.begin(), "one");
-    }
-    EXPECT_EQ(texts, left) << bytes;
-  }
-}
-
 // Shared with the writing process: the number of its last line that Write had counted.
 class SharedCounter {
  public:
@@ -241,25 +211,6 @@ testing::AssertionResult IsEndOf(const std::vector<std::string>& written,
   return testing::AssertionSuccess();
 }
 
-// Whether a whole line, newer than the one before the head, stands at the head.
-bool EndsWithAnUncountedLine(const std::string& path) {
-  qorp::log::CircularLogFile file;
-  file.Open(path, os::File::Access::kRead);
-  std::string newest;
-  std::string atHead;
-  file.ReadNewest([&](std::string_view line, std::uint64_t) {
-    newest = line;
-    return true;
-  });
-  file.ReadOldest([&](std::string_view line, std::uint64_t) {
-    atHead = line;
-    return false;
-  });
-  const auto one = qorp::log::ReadLogLine(newest);
-  const auto other = qorp::log::ReadLogLine(atHead);
-  return one && other && other->number > one->number;
-}
-
 // Files that could not be continued.
 std::size_t CountMovedFiles(const TemporaryFolder& folder) {
   const std::filesystem::directory_iterator files(folder.Path());
@@ -281,7 +232,6 @@ void KillWriters(const LogFileOptions& options, int kills, std::size_t linesThat
   std::vector<std::string> written;  // into the present file
   std::mt19937 random(1);
   int next = 0;
-  int uncounted = 0;
   std::size_t moved = 0;
   const auto followMove = [&] {
     if (std::exchange(moved, CountMovedFiles(folder)) != moved) {
@@ -292,7 +242,6 @@ void KillWriters(const LogFileOptions& options, int kills, std::size_t linesThat
     const int last = KillWriter(path, options, next, static_cast<int>(random() % 20),
                                 static_cast<int>(random() % 400));
     ASSERT_GE(last, next);
-    uncounted += EndsWithAnUncountedLine(path) ? 1 : 0;
     followMove();
     for (; next <= last; ++next) {
       written.push_back(LineOf(next));
@@ -313,8 +262,6 @@ void KillWriters(const LogFileOptions& options, int kills, std::size_t linesThat
       written.push_back(mark);
     }
   }
-  // How many died between a line and the header that would have counted it.
-  testing::Test::RecordProperty("uncounted_lines", uncounted);
 }
 
 TEST(LogFileCrash, KilledWritersLoseNothingThatAHeaderCounted) {
