@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <limits>
 #include <string>
 #include <thread>
@@ -337,9 +336,8 @@ class Wall {
   // of the input.
   void Send(int position, const Sample& sample) {
     static_cast<CBaseInputPin*>(composer_->GetPin(position))->Receive(sample.Get());
-    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    // One that is kept hangs, and the fuzzer's own limit of time ends it.
     while (position == 0 && (sample->AddRef(), sample->Release() > 1)) {
-      FUZZ_CHECK(std::chrono::steady_clock::now() < limit);
       std::this_thread::yield();
     }
   }
