@@ -306,14 +306,14 @@ TEST(TableCache, DropsWhatHasNotBeenAskedForForLong) {
     Sum(std::int32_t a, std::int32_t b) : value(a + b) {}
     std::int32_t value;
   };
-  TableCache<Sum, 2> shelf;
-  EXPECT_EQ(shelf.Get({1, 2}).value, 3);
+  TableCache<Sum, 2> cache;
+  EXPECT_EQ(cache.Get({1, 2}).value, 3);
   for (std::uint64_t i = 0; i <= TableCache<Sum, 2>::kKeep; ++i) {
-    EXPECT_EQ(shelf.Get({2, 2}).value, 4);
+    EXPECT_EQ(cache.Get({2, 2}).value, 4);
   }
-  EXPECT_EQ(shelf.size(), 2u);
-  EXPECT_EQ(shelf.Get({5, 5}).value, 10);
-  EXPECT_EQ(shelf.size(), 2u);
+  EXPECT_EQ(cache.size(), 2u);
+  EXPECT_EQ(cache.Get({5, 5}).value, 10);
+  EXPECT_EQ(cache.size(), 2u);
 }
 
 }  // namespace

@@ -26,7 +26,7 @@ struct Colour {
   int y, cr, cb;
 };
 
-// Of the row `step` above the foot.
+// Of the row `step` above the bottom.
 Colour BarColour(std::int64_t step, std::int64_t length, std::int64_t canvasRow, bool isLit) {
   const float t = static_cast<float>(24 * step) / static_cast<float>(length);
   const int segment = static_cast<int>(t);
@@ -154,7 +154,7 @@ void Painter::DrawBar(std::int64_t left, std::int64_t bottom, std::int64_t width
   for (std::int64_t step = first; step < length && bottom - step >= 0; ++step) {
     const std::int64_t row = bottom - step;
     // A row's chroma is the mean of its own and that of the row below, which is neutral under the
-    // foot.
+    // bottom row.
     const Colour own = colourOf(step);
     const Colour below = step > 0 ? colourOf(step - 1) : Colour{0, 128, 128};
     const int v = (own.cr + below.cr) / 2;
