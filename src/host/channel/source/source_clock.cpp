@@ -115,9 +115,11 @@ bool SourceClock::FollowLeap(Stream& stream, Time raw) {
     return false;
   }
   if (companion != nullptr) {
-    // Beside its companion as before, it makes up for something, or has paused by itself.
+    // Beside its companion, or as far from it as before: it makes up for something, has paused by
+    // itself, or packets were lost. What came of it before a loss may have been late.
     const Time ahead = raw + stream.offset.value - companion->expected;
-    if (std::abs(ahead - stream.ahead) <= std::min(std::abs(step) / 2, kAdoptionLimit)) {
+    if ((isGap && std::abs(ahead) <= kBackLimit) ||
+        std::abs(ahead - stream.ahead) <= std::min(std::abs(step) / 2, kAdoptionLimit)) {
       return false;
     }
   }

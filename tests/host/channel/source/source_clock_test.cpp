@@ -192,6 +192,13 @@ TEST(SourceClock, KeepsAGapThatAllStreamsHaveAndOneThatASingleOneHasBesideTheOth
   }
   clock.Map(audio, At(9 * kSecond));
   EXPECT_EQ(clock.Map(audio, At(9 * kSecond + kFrame)).dts, 9 * kSecond + kFrame);
+  // Audio packets are lost, and what came before them is a second late.
+  for (int i = 100; i < 130; ++i) {
+    clock.Map(video, At(5 * kSecond + i * kFrame));
+  }
+  clock.Map(audio, At(9 * kSecond + 2 * kFrame));
+  clock.Map(audio, At(10 * kSecond));
+  EXPECT_EQ(clock.Map(audio, At(10 * kSecond + kFrame)).dts, 10 * kSecond + kFrame);
 }
 
 // A sender that is replaced by one without audio, and that by one with audio; a mute in between.
