@@ -127,7 +127,6 @@ TEST_F(OutputsTest, AChannelThatIsNotThereAtTheStartGetsATrackAndIsEncodedIntoIt
   wall_.wall().channels[2].options.audio.language = "deu";
   host::OutputSet::Settings settings =
       host::OutputsOfWall(wall_.wall(), {To(folder_ / "wall.mkv")}, true);
-  settings.formatLimit = kSecond;
   host::OutputSet set(settings, &wall_.outputs(), &wall_.logger());
   bool made = false;
   std::uint64_t writtenThen = 0;

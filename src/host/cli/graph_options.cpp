@@ -17,6 +17,8 @@ void DefineRecord(CLI::App& app, RecordOptions& options) {
                  "write the mosaic to a file or URL; may be repeated")
       ->envname("TAVREL_OUTPUT")
       ->allow_extra_args(false);
+  app.add_flag("--overwrite", options.overwrite, "replace files that exist")
+      ->envname("TAVREL_OVERWRITE");
   app.add_option("--snapshot", options.snapshot, "write a frame as a PNG file")
       ->envname("TAVREL_SNAPSHOT");
   app.add_option("--snapshot-at", options.snapshotAt, "seconds after the start [the last frame]")

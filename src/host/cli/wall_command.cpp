@@ -83,6 +83,10 @@ std::vector<wall::Output> OutputsOf(const WallCommand& command) {
   return outputs;
 }
 
+std::string Prefixed(const char* prefix, const std::string& text) {
+  return text.empty() ? text : prefix + text;
+}
+
 // What becomes of the outputs, as lines on the error stream. A failure is told when its reason
 // changes, not on every attempt. The outputs' threads; one lock.
 class OutputMessages final : public OutputObserver {
@@ -100,12 +104,29 @@ class OutputMessages final : public OutputObserver {
     }
     messages_.Say(qorp::log::kError, "output " + output + ": " + text);
   }
-  void OutputRecovered(const std::string& output) override {
+  void OutputOpened(const std::string& output, const std::string& target,
+                    Opening opening) override {
     {
       const std::lock_guard guard(lock_);
       said_.erase(output);
     }
-    messages_.Say(qorp::log::kError, "output " + output + ": open again");
+    const std::string file = target == output ? "" : target;
+    switch (opening) {
+      case Opening::kFirst:
+        messages_.Say(qorp::log::kInfo, "output " + output + ": open" + Prefixed(", ", file));
+        break;
+      case Opening::kBeside:
+        messages_.Say(qorp::log::kError,
+                      "output " + output + ": that file exists and is kept; written is " + target);
+        break;
+      case Opening::kAgain:
+        messages_.Say(qorp::log::kError,
+                      "output " + output + ": open again" + Prefixed("; written is ", file));
+        break;
+      case Opening::kNext:
+        messages_.Say(qorp::log::kInfo, "output " + output + ": continues in " + target);
+        break;
+    }
   }
   void OutputSaid(const std::string& output, const std::string& what) override {
     messages_.Say(qorp::log::kWarning, "output " + output + ": " + what);

@@ -27,12 +27,13 @@ std::size_t MostSoundTracks(const std::string& format) {
 
 }  // namespace
 
-OutputPass::OutputPass(const Settings& settings, const AVCodecParameters& video, Say say)
+OutputPass::OutputPass(const Settings& settings, const AVCodecParameters& video, Owner owner)
     : settings_(settings),
       video_(video),
-      say_(std::move(say)),
+      owner_(std::move(owner)),
       soundTracks_(settings.tracks.size()),
-      interleaver_(settings.tracks.size()) {}
+      interleaver_(settings.tracks.size()),
+      cutter_(settings.segments) {}
 
 OutputPass::~OutputPass() = default;
 
@@ -60,7 +61,11 @@ bool OutputPass::CanStart(const TrackPacket& packet) {
   if (!firstPicture_) {
     firstPicture_ = packet.packet->dts;
   }
-  return packet.packet->dts - *firstPicture_ >= settings_.formatLimit ||
+  // Live, the next frame would come too late to say so.
+  const Time waited = settings_.sinceStart
+                          ? settings_.sinceStart() + FrameDuration(settings_.frameRate)
+                          : packet.packet->dts - *firstPicture_;
+  return waited >= settings_.formatLimit ||
          std::none_of(settings_.tracks.begin(), settings_.tracks.end(),
                       [this](const Track& track) { return IsWaitedFor(track); });
 }
@@ -96,6 +101,15 @@ void OutputPass::Start() {
   Muxer::Settings settings = settings_.muxer;
   settings.interleaves = false;
   auto muxer = std::make_unique<Muxer>(settings);
+  file_.clear();
+  if (owner_.files != nullptr && muxer->writesFile()) {
+    std::unique_ptr<ffmpeg::FileOutput> next = owner_.files->Next();
+    file_ = next->path();
+    muxer->SetFile(std::move(next));
+  } else if (owner_.files != nullptr) {
+    settings.url = owner_.files->Name();
+    muxer->SetUrl(settings.url);
+  }
   std::optional<HlsLayout> hls;
   if (muxer->formatName() == "hls") {
     hls.emplace(settings, settings_.waitForSources);
@@ -121,14 +135,23 @@ void OutputPass::Start() {
   }
   opening->Start();
   for (const std::string& option : opening->unknownOptions()) {
-    say_("the option \"" + option + "\" is not known to " + opening->formatName());
+    owner_.say("the option \"" + option + "\" is not known to " + opening->formatName());
   }
   if (hls) {
     hls->WritePlaylist(video_, settings_.frameRate);
   }
+  ++targets_;
+  owner_.opened(*this, file_);
 }
 
 void OutputPass::AddTracks(Muxer& muxer) {
+  // All files of a recording have the same tracks, so that they can be put together.
+  if (targets_ > 0) {
+    for (const std::size_t i : channels_) {
+      AddTrack(muxer, i, *settings_.tracks[i].audio->format());
+    }
+    return;
+  }
   std::vector<std::size_t> order(settings_.tracks.size());
   for (std::size_t i = 0; i < order.size(); ++i) {
     order[i] = i;
@@ -138,7 +161,6 @@ void OutputPass::AddTracks(Muxer& muxer) {
     std::stable_partition(order.begin(), order.end(),
                           [&](std::size_t i) { return settings_.tracks[i].preferred; });
   }
-  std::size_t count = 0;
   for (const std::size_t i : order) {
     const Track& track = settings_.tracks[i];
     if (!track.audio) {
@@ -151,16 +173,16 @@ void OutputPass::AddTracks(Muxer& muxer) {
     if (!format) {
       continue;
     }
-    if (count == most) {
-      say_(muxer.formatName() + " holds one track of sound: that of \"" +
-           settings_.tracks[order[0]].name + "\"");
+    if (channels_.size() == most) {
+      owner_.say(muxer.formatName() + " holds one track of sound: that of \"" +
+                 settings_.tracks[channels_[0]].name + "\"");
       break;
     }
     try {
       AddTrack(muxer, i, *format);
-      ++count;
+      channels_.push_back(i);
     } catch (const ffmpeg::Error& error) {
-      say_("the sound of \"" + track.name + "\" is left out: " + error.what());
+      owner_.say("the sound of \"" + track.name + "\" is left out: " + error.what());
     }
   }
 }
@@ -169,17 +191,49 @@ void OutputPass::AddTrack(Muxer& muxer, std::size_t channel, const AudioFormat& 
   const Track& track = settings_.tracks[channel];
   soundTracks_[channel] = muxer.AddAudio(
       *format.parameters, track.name, format.language.empty() ? track.language : format.language);
+  silence_.Add(channel, format);
+}
+
+void OutputPass::WriteAudio(std::size_t channel, ffmpeg::Packet packet) {
+  packet->pts -= *base_;
+  packet->dts -= *base_;
+  cutter_.Add(packet->size);
+  muxer_->Write(*soundTracks_[channel], std::move(packet));
 }
 
 void OutputPass::WriteSound(Time before) {
+  const SilentTracks::Write write = [this](std::size_t channel, ffmpeg::Packet packet) {
+    WriteAudio(channel, std::move(packet));
+  };
   interleaver_.Release(before, [&](std::size_t channel, ffmpeg::Packet packet) {
     if (!base_ || packet->dts < *base_) {
       return;
     }
-    packet->pts -= *base_;
-    packet->dts -= *base_;
-    muxer_->Write(*soundTracks_[channel], std::move(packet));
+    silence_.End(channel, packet->dts, write);
+    WriteAudio(channel, std::move(packet));
   });
+  if (base_) {
+    silence_.FillTo(before, write);
+  }
+}
+
+bool OutputPass::CutsBefore(const AVPacket& keyframe) {
+  return !file_.empty() && cutter_.CutsBefore(keyframe.pts, FrameDuration(settings_.frameRate));
+}
+
+void OutputPass::Cut(const AVPacket& keyframe) {
+  WriteSound(keyframe.pts);
+  muxer_->Finish();
+  earlier_ += keyframe.pts - *base_;
+  Begin(keyframe.pts);
+  Start();
+}
+
+void OutputPass::Begin(Time time) {
+  base_ = time;
+  end_ = 0;
+  cutter_.Begin(time);
+  silence_.Begin(time);
 }
 
 void OutputPass::Write(TrackPacket item) {
@@ -193,16 +247,20 @@ void OutputPass::Write(TrackPacket item) {
     }
     return;
   }
+  const bool isKey = (packet->flags & AV_PKT_FLAG_KEY) != 0;
   if (!base_) {
-    if ((packet->flags & AV_PKT_FLAG_KEY) == 0) {
+    if (!isKey) {
       return;
     }
-    base_ = packet->pts;
+    Begin(packet->pts);
+  } else if (isKey && CutsBefore(*packet)) {
+    Cut(*packet);
   }
   WriteSound(packet->dts);
   packet->pts -= *base_;
   packet->dts -= *base_;
   end_ = std::max(end_, packet->pts + packet->duration);
+  cutter_.Add(packet->size);
   muxer_->Write(videoTrack_, std::move(packet));
   ++written_;
 }

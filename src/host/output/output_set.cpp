@@ -45,10 +45,16 @@ void OutputSet::Add(const Item& item, const Settings& settings) {
   output.pin = "output " + std::to_string(entries_.size());
   output.live = settings.live;
   output.queue = settings.queue;
+  output.existing = item.existing;
   output.pass.muxer = item.muxer;
   output.pass.frameRate = settings.frameRate;
-  output.pass.formatLimit = settings.formatLimit;
+  output.pass.formatLimit = item.formatLimit;
   output.pass.waitForSources = settings.live;
+  output.pass.segments = item.segments;
+  output.pass.muxer.survivesKill = settings.live;
+  if (settings.live) {
+    output.pass.sinceStart = [this] { return SinceStart(); };
+  }
   if (item.sound) {
     output.pass.tracks = settings.tracks;
   }
@@ -78,7 +84,18 @@ PictureEncoder& OutputSet::EncoderFor(const Item& item) {
   return *encoders_.back().encoder;
 }
 
+Time OutputSet::SinceStart() const {
+  using std::chrono::steady_clock;
+  const std::int64_t startedAt = startedAt_;
+  const steady_clock::duration since =
+      steady_clock::now().time_since_epoch() - steady_clock::duration(startedAt);
+  return startedAt == 0 ? 0 : std::chrono::nanoseconds(since).count() / 100;
+}
+
 void OutputSet::Take(const ComPtr<IMediaSample>& picture, Time start) {
+  if (startedAt_ == 0) {
+    startedAt_ = std::chrono::steady_clock::now().time_since_epoch().count();
+  }
   for (const Encoder& encoder : encoders_) {
     encoder.encoder->Take(picture, start);
   }
@@ -156,6 +173,8 @@ std::vector<OutputSet::Status> OutputSet::status() const {
     status.failed = !entry.output || entry.output->failed();
     if (entry.output) {
       status.failure = entry.output->failure();
+      status.file = entry.output->file();
+      status.files = entry.output->files();
       status.written = entry.output->written();
       status.overflows = entry.output->overflows();
       status.dropped = entry.encoder->dropped();

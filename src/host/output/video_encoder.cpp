@@ -4,6 +4,7 @@
 #include <cstring>
 #include <new>
 #include <stdexcept>
+#include <string_view>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -73,6 +74,11 @@ VideoEncoder::VideoEncoder(const Settings& settings)
   codec_->thread_count = settings.threads;
   if (settings.globalHeader) {
     codec_->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+  }
+  // A recording can be cut, and a stream joined, at every keyframe. Others have no frames that are
+  // shown before the keyframe they depend on.
+  if (std::string_view(encoder->name).starts_with("libx26")) {
+    codec_->flags |= AV_CODEC_FLAG_CLOSED_GOP;
   }
   if (settings.lowDelay) {
     codec_->flags |= AV_CODEC_FLAG_LOW_DELAY;

@@ -5,7 +5,10 @@
 namespace host {
 namespace {
 
-OutputSet::Item ItemOf(const wall::Canvas& canvas, const wall::Output& output) {
+// Of a rendered wall, whose sources are read as fast as they give: all are known long before.
+constexpr Time kRenderedFormatLimit = 5 * kSecond;
+
+OutputSet::Item ItemOf(const wall::Canvas& canvas, const wall::Output& output, bool live) {
   OutputSet::Item item;
   item.name = ffmpeg::MaskCredentials(output.url);
   item.encoder.width = canvas.width;
@@ -22,6 +25,13 @@ OutputSet::Item ItemOf(const wall::Canvas& canvas, const wall::Output& output) {
   item.muxer.format = output.format;
   item.muxer.options = output.options;
   item.sound = output.audio;
+  using Existing = RecordingFiles::Existing;
+  // Who renders waits for the file of that name; a wall that runs records, wherever there is room.
+  item.existing = output.overwrite ? Existing::kReplaced
+                  : live           ? Existing::kKept
+                                   : Existing::kRefused;
+  item.segments = {output.segment, output.segmentSize};
+  item.formatLimit = live ? output.audioWait : kRenderedFormatLimit;
   return item;
 }
 
@@ -33,7 +43,7 @@ OutputSet::Settings OutputsOfWall(const wall::Wall& wall, const std::vector<wall
   settings.live = live;
   settings.frameRate = wall.canvas.frameRate;
   for (const wall::Output& output : outputs) {
-    settings.outputs.push_back(ItemOf(wall.canvas, output));
+    settings.outputs.push_back(ItemOf(wall.canvas, output, live));
   }
   for (const wall::Channel& channel : wall.channels) {
     const wall::AudioOptions& audio = channel.options.audio;

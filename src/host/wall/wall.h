@@ -127,6 +127,11 @@ struct Output {
   Time keyFrameInterval = 2 * kSecond;
   bool lowDelay = false;
   bool audio = true;
+  // How long a live output waits at its start for what is not known yet of the channels' audio.
+  Time audioWait = 800 * kMillisecond;
+  bool overwrite = false;        // a file that exists is replaced
+  Time segment = 0;              // length of the files of a recording; 0: one file
+  std::int64_t segmentSize = 0;  // bytes, likewise
   std::map<std::string, std::string> options;  // of FFmpeg's container and protocol
 };
 

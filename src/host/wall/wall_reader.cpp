@@ -13,6 +13,7 @@
 #include "host/wall/sections.h"
 #include "host/wall/table_reader.h"
 #include "host/wall/toml_file.h"
+#include "host/wall/url.h"
 
 namespace host::wall {
 
@@ -135,8 +136,8 @@ std::vector<Channel> ReadChannels(TableReader& root, const FileContext& context,
 }  // namespace
 
 std::string ResolveSource(const std::string& source, const FileContext& context) {
-  const bool isUrl = source.find("://") != std::string::npos;
-  return isUrl ? source : ResolvePath(source, context).string();
+  const std::optional<std::string> path = LocalPath(source);
+  return path ? ResolvePath(*path, context).string() : source;
 }
 
 std::filesystem::path ResolvePath(const std::string& path, const FileContext& context) {
