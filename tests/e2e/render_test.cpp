@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "host/synthetic/clip_writer.h"
+#include "host/wall/value_text.h"
 #include "tests/e2e/wall_harness.h"
 
 namespace {
@@ -69,6 +70,20 @@ TEST_F(RenderTest, ShowsEveryClipInItsPlaceFromItsFirstPictureOn) {
     EXPECT_EQ(wall_.Luma(frames[n], 80, 10), 16) << "nothing between the windows";
     EXPECT_EQ(wall_.Luma(frames[n], 64, 10), 16);
     EXPECT_EQ(wall_.Luma(frames[n], 10, 48), 16);
+  }
+}
+
+TEST_F(RenderTest, BeginsWithTheFirstPictureAndShowsEachOnceAtTheRateOfTheSource) {
+  for (const char* const rate : {"10/1", "25/2", "24000/1001", "30000/1001", "60/1"}) {
+    TestWall wall(64, 48);
+    wall.wall().canvas.frameRate = *host::wall::ParseFrameRate(rate);
+    const std::string name = "rate" + std::to_string(rate[0]) + std::to_string(rate[1]);
+    wall.AddChannel(Clip(name, rate, 30), {0, 0, 60, 44});
+    const std::vector<Frame> frames = wall.Render(kSecond);
+    ASSERT_GE(frames.size(), 10U);
+    for (std::size_t n = 0; n < 10; ++n) {
+      EXPECT_EQ(PictureNumber(wall.Luma(frames[n], 2, 2)), static_cast<int>(n)) << rate;
+    }
   }
 }
 

@@ -157,7 +157,8 @@ TEST_F(SoundTest, PassesPacketsThroughByteForByteIntoEveryContainer) {
       const std::vector<std::string> after =
           Payloads(folder_ / names[n], i + 1, isAac && !hadHeader && framed);
       ASSERT_LE(before.size() - after.size(), 2U) << "of " << before.size();
-      EXPECT_NE(std::search(before.begin(), before.end(), after.begin(), after.end()), before.end());
+      EXPECT_NE(std::search(before.begin(), before.end(), after.begin(), after.end()),
+                before.end());
     }
   }
   for (const char* const encoded : {"opus2997", "pcm30", "vorbis25"}) {

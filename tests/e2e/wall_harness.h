@@ -70,8 +70,7 @@ class OutputLog final : public host::OutputObserver {
  public:
   void OutputFailed(const std::string& output, const std::string& reason,
                     std::optional<std::chrono::milliseconds> retryIn) override;
-  void OutputOpened(const std::string& output, const std::string& target,
-                    Opening opening) override;
+  void OutputOpened(const std::string& output, const std::string& target, Opening opening) override;
   void OutputSaid(const std::string& output, const std::string& what) override;
 
   std::vector<std::string> failures() const;  // "output: reason"

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -30,6 +31,14 @@ class ChannelBoard final : public ChannelObserver {
     std::string name;
     ChannelLife::Status status;
     std::array<bool, kAlarmKinds> alarms{};  // by AlarmKind
+    std::optional<Time> length;              // of the source, once it is known
+    bool opened = false;
+    bool wasLive = false;
+    std::string failure;  // why the source is of no use, or was to the end; may be empty
+
+    // Why a channel whose source is not opened again was not shown, or not to its end; empty when
+    // it was.
+    std::string NotShown() const;
   };
 
   // next and events outlive the board.
@@ -46,9 +55,10 @@ class ChannelBoard final : public ChannelObserver {
 
   // In the order of the wall.
   std::vector<Entry> entries() const;
-  std::size_t CountIn(ChannelState state) const;
 
  private:
+  Entry& Of(const std::string& channel) { return entries_[index_.at(channel)]; }
+
   ChannelObserver& next_;
   JsonLines& events_;
   mutable std::mutex lock_;
@@ -56,6 +66,8 @@ class ChannelBoard final : public ChannelObserver {
   std::map<std::string, std::size_t> index_;  // of the entries, by name
 };
 
+// How long a wall of these sources is; none while a source that has not failed has no length.
+std::optional<double> LengthOf(const std::vector<ChannelBoard::Entry>& channels);
 // A channel in a status report: name, state, reason, since, alarms.
 nlohmann::ordered_json ToJson(const ChannelBoard::Entry& entry);
 // "2026-11-25T01:02:03.456Z": now.

@@ -82,8 +82,7 @@ std::int64_t FileOutput::Seek(std::int64_t offset, int whence) {
     const long size = found ? std::ftell(file_) : -1;
     return found && std::fseek(file_, here, SEEK_SET) == 0 ? size : AVERROR(errno);
   }
-  const bool moved =
-      std::fseek(file_, static_cast<long>(offset), whence & ~AVSEEK_FORCE) == 0;
+  const bool moved = std::fseek(file_, static_cast<long>(offset), whence & ~AVSEEK_FORCE) == 0;
   return moved ? std::ftell(file_) : AVERROR(errno);
 }
 

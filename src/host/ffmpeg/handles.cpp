@@ -92,8 +92,7 @@ Holder Own(Handle* handle) {
 
 CallbackIo MakeIo(int isWriting, void* self, IoCallback read, IoCallback write, SeekCallback seek,
                   int bufferSize) {
-  auto* const buffer =
-      static_cast<unsigned char*>(av_malloc(static_cast<std::size_t>(bufferSize)));
+  auto* const buffer = static_cast<unsigned char*>(av_malloc(static_cast<std::size_t>(bufferSize)));
   if (buffer == nullptr) {
     throw std::bad_alloc();
   }

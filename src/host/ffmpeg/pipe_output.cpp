@@ -26,7 +26,7 @@ constexpr const char* kStandardOutput = "/dev/stdout";
 }  // namespace
 
 bool PipeOutput::IsStandardOutput(const std::string& target) {
-  static constexpr std::array kNames = {"-",         "pipe:",           "pipe:1", kStandardOutput,
+  static constexpr std::array kNames = {"-",         "pipe:",          "pipe:1", kStandardOutput,
                                         "/dev/fd/1", "/proc/self/fd/1"};
   return std::find(kNames.begin(), kNames.end(), target) != kNames.end();
 }

@@ -32,9 +32,8 @@ const char* FormatOfScheme(const std::string& scheme) {
 
 bool Has(const AVClass* const options, const char* name) {
   // The class stands in for an object whose first member is a pointer to it.
-  return options != nullptr &&
-         av_opt_find(const_cast<const AVClass**>(&options), name, nullptr, 0,
-                     AV_OPT_SEARCH_FAKE_OBJ) != nullptr;
+  return options != nullptr && av_opt_find(const_cast<const AVClass**>(&options), name, nullptr, 0,
+                                           AV_OPT_SEARCH_FAKE_OBJ) != nullptr;
 }
 
 void AddNames(const AVClass* const options, int flag, std::vector<std::string>& names) {

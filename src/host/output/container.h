@@ -19,7 +19,8 @@ const AVOutputFormat* FindContainer(const std::string& format, const std::string
 // have ("mkv": "matroska").
 std::optional<std::string> NearestContainer(const std::string& name);
 
-// A container whose files are as long as what was written into them, whenever the program is killed.
+// A container whose files are as long as what was written into them, whenever the program is
+// killed.
 struct Recording {
   std::map<std::string, std::string> options;  // that the container needs for it
   Time flushInterval = 0;  // how often it wants to be asked to finish what it has; 0: never

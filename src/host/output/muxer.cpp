@@ -25,9 +25,8 @@ Muxer::Muxer(Settings settings) : settings_(std::move(settings)) {
     throw ffmpeg::Error(AVERROR_MUXER_NOT_FOUND, "no known format for", settings_.url);
   }
   AVFormatContext* context = nullptr;
-  ffmpeg::Check(
-      avformat_alloc_output_context2(&context, container, nullptr, settings_.url.c_str()),
-      "cannot write", settings_.url);
+  ffmpeg::Check(avformat_alloc_output_context2(&context, container, nullptr, settings_.url.c_str()),
+                "cannot write", settings_.url);
   output_.reset(context);
   // Whole packets of a transport stream in each datagram.
   if (settings_.url.starts_with("udp://") && settings_.url.find("pkt_size") == std::string::npos) {

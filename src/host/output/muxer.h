@@ -103,8 +103,8 @@ class Muxer {
   ffmpeg::OutputFormat output_;
   std::vector<Track> tracks_;
   std::vector<std::string> unknownOptions_;
-  Time flushInterval_ = 0;      // 0: nothing is flushed
-  std::optional<Time> flushed_; // time of the packet before which it was
+  Time flushInterval_ = 0;       // 0: nothing is flushed
+  std::optional<Time> flushed_;  // time of the packet before which it was
   bool started_ = false;
   std::uint64_t movedPackets_ = 0;
   std::uint64_t damagedPackets_ = 0;

@@ -128,14 +128,11 @@ std::string Output::RunPass(OutputPass& pass) {
 void Output::Run() {
   milliseconds delay = settings_.firstDelay;
   for (;;) {
-    OutputPass pass(settings_.pass, *video_,
-                    {recording_ ? &*recording_ : nullptr,
-                     [this](const std::string& what) {
-                       observer_->OutputSaid(settings_.name, what);
-                     },
-                     [this](const OutputPass& open, const std::string& file) {
-                       Opened(open, file);
-                     }});
+    OutputPass pass(
+        settings_.pass, *video_,
+        {recording_ ? &*recording_ : nullptr,
+         [this](const std::string& what) { observer_->OutputSaid(settings_.name, what); },
+         [this](const OutputPass& open, const std::string& file) { Opened(open, file); }});
     const std::string reason = SetPass(&pass) ? RunPass(pass) : "stopped";
     const bool goesOn = SetPass(nullptr) && settings_.live && !failed_;
     if (reason.empty() || failed_) {

@@ -25,6 +25,14 @@ std::size_t MostSoundTracks(const std::string& format) {
   return format == "flv" ? 1 : std::numeric_limits<std::size_t>::max();
 }
 
+// A live playlist always has the same name and replaces the one that was; one that keeps all its
+// segments is a recording.
+bool KeepsSegments(const Muxer::Settings& settings) {
+  const auto size = settings.options.find("hls_list_size");
+  return settings.options.contains("hls_playlist_type") ||
+         (size != settings.options.end() && size->second == "0");
+}
+
 }  // namespace
 
 OutputPass::OutputPass(const Settings& settings, const AVCodecParameters& video, Owner owner)
@@ -107,7 +115,7 @@ void OutputPass::Start() {
     file_ = next->path();
     muxer->SetFile(std::move(next));
   } else if (owner_.files != nullptr) {
-    settings.url = owner_.files->Name();
+    settings.url = KeepsSegments(settings) ? owner_.files->NextName() : owner_.files->Name();
     muxer->SetUrl(settings.url);
   }
   std::optional<HlsLayout> hls;

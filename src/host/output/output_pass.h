@@ -20,11 +20,11 @@
 namespace host {
 
 // From the first packet to the end of the connection, the file or, where a recording is cut, of its
-// last file. The first packets are held back until the format of every channel's audio is known, but
-// no longer than the format limit: then a channel that is still unknown gets a track of AAC, 48 kHz,
-// stereo, into which it will be encoded should it come. A channel whose source is known to have no
-// audio gets no track, and neither does a source that was not opened, unless it is opened again (a
-// live wall).
+// last file. The first packets are held back until the format of every channel's audio is known,
+// but no longer than the format limit: then a channel that is still unknown gets a track of AAC, 48
+// kHz, stereo, into which it will be encoded should it come. A channel whose source is known to
+// have no audio gets no track, and neither does a source that was not opened, unless it is opened
+// again (a live wall).
 //
 // What is written begins at time 0 with a keyframe, in every file. Where a recording is cut, the
 // frames before the keyframe and the audio before its time are in the one file, all others in the
@@ -45,14 +45,14 @@ class OutputPass {
     // How long is waited for the formats of the audio: live, from the first frame of the wall on;
     // rendered, in the output's own time.
     Time formatLimit = 5 * kSecond;
-    bool waitForSources = false;      // also for those that are not open yet
-    std::function<Time()> sinceStart; // live: the time since the wall's first frame
-    SegmentLimits segments;           // of a file
-    std::vector<Track> tracks;       // one for each channel; none: no sound is written
+    bool waitForSources = false;       // also for those that are not open yet
+    std::function<Time()> sinceStart;  // live: the time since the wall's first frame
+    SegmentLimits segments;            // of a file
+    std::vector<Track> tracks;         // one for each channel; none: no sound is written
   };
   // What belongs to the output and outlives its passes.
   struct Owner {
-    RecordingFiles* files = nullptr;  // null: the output is no file
+    RecordingFiles* files = nullptr;              // null: the output is no file
     std::function<void(const std::string&)> say;  // gets sentences for the operator
     // A target is open; file: its name, empty where it is none.
     std::function<void(const OutputPass& pass, const std::string& file)> opened;
@@ -101,7 +101,7 @@ class OutputPass {
   std::unique_ptr<Muxer> muxer_;      // exchanged under cancelLock_
   std::mutex cancelLock_;
   bool cancelled_ = false;  // guarded by cancelLock_
-  std::string file_;         // that is written; empty where it is none
+  std::string file_;        // that is written; empty where it is none
   std::size_t videoTrack_ = 0;
   std::vector<std::size_t> channels_;                    // that have a track, in their order
   std::vector<std::optional<std::size_t>> soundTracks_;  // of the muxer, for each channel

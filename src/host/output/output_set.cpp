@@ -2,7 +2,12 @@
 
 #include <algorithm>
 
+extern "C" {
+#include <libavcodec/avcodec.h>
+}
+
 #include "host/ffmpeg/error.h"
+#include "host/output/container.h"
 
 namespace host {
 namespace {
@@ -38,7 +43,14 @@ OutputSet::~OutputSet() {
 
 void OutputSet::Add(const Item& item, const Settings& settings) {
   // What is wrong for good is told before the wall starts.
-  Muxer(item.muxer).formatName();
+  const AVOutputFormat* const container = FindContainer(item.muxer.format, item.muxer.url);
+  const AVCodec* const codec = FindVideoEncoder(item.encoder.codec);
+  if (container == nullptr) {
+    throw ffmpeg::Error(AVERROR_MUXER_NOT_FOUND, "no known format for", item.muxer.url);
+  }
+  if (codec != nullptr && !Holds(*container, codec->id)) {
+    throw ffmpeg::Error(AVERROR(ENOSYS), CannotHold(*container, codec->id));
+  }
   PictureEncoder& encoder = EncoderFor(item);
   Output::Settings output;
   output.name = item.name;

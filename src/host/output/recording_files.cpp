@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <system_error>
 
 extern "C" {
 #include <libavutil/error.h>
@@ -28,12 +29,24 @@ std::string Numbered(const std::filesystem::path& path, std::size_t number) {
 
 }  // namespace
 
+std::string FreeName(const std::string& path) {
+  std::error_code ignored;
+  std::size_t number = 1;
+  while (number < kMaxNumber && std::filesystem::exists(Numbered(path, number), ignored)) {
+    ++number;
+  }
+  return Numbered(path, number);
+}
+
 RecordingFiles::RecordingFiles(std::string path, Existing existing)
     : path_(std::move(path)), existing_(existing) {}
 
 std::string RecordingFiles::Name() const {
-  const std::filesystem::path path(path_);
-  return (path.parent_path() / wall::ExpandPattern(path.filename().string())).string();
+  return wall::ExpandFileName(path_);
+}
+
+std::string RecordingFiles::NextName() const {
+  return existing_ == Existing::kReplaced ? Name() : FreeName(Name());
 }
 
 std::unique_ptr<FileOutput> RecordingFiles::Next() {
@@ -49,8 +62,8 @@ std::unique_ptr<FileOutput> RecordingFiles::Next() {
   }
   for (const std::size_t first = number_ + 1;;) {
     try {
-      auto file = std::make_unique<FileOutput>(Numbered(name, number_ + 1),
-                                               FileOutput::Existing::kKept);
+      auto file =
+          std::make_unique<FileOutput>(Numbered(name, number_ + 1), FileOutput::Existing::kKept);
       ++number_;
       avoided_ = number_ > first;
       existing_ = Existing::kKept;

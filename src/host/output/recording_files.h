@@ -9,6 +9,9 @@
 
 namespace host {
 
+// "wall.mkv", or "wall-2.mkv", "wall-3.mkv" and so on: the first one that there is no file of.
+std::string FreeName(const std::string& path);
+
 // The name that was asked for, with date and time where it has conversions for them; then
 // "wall-2.mkv", "wall-3.mkv" and so on: the first name that no file has. The number starts again
 // with every other date and time. Owned by an output and called on its thread.
@@ -21,14 +24,15 @@ class RecordingFiles {
     kRefused,   // ... is a failure
   };
 
-  // path: see wall::ExpandPattern; its conversions stand in the last part, the name of the file.
+  // path: see wall::ExpandFileName.
   RecordingFiles(std::string path, Existing existing);
 
   // Creates the next file. Throws ffmpeg::Error.
   std::unique_ptr<ffmpeg::FileOutput> Next();
-  // The name that the next file would have if there were no other: for containers that write
-  // several files by themselves.
+  // For containers that write several files by themselves: the name now, whatever is there.
   std::string Name() const;
+  // ... and the next one that there is no file of, unless files are replaced.
+  std::string NextName() const;
 
   // Whether the latest file has another name than it should, because there was one.
   bool avoided() const { return avoided_; }

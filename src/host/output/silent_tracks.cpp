@@ -57,8 +57,8 @@ void SilentTracks::Add(std::size_t channel, const AudioFormat& format) {
     track.packet = EncodeSilence(format);
     if (track.packet) {
       track.sampleRate = format.parameters->sample_rate;
-      track.samples = av_rescale_rnd(track.packet->duration, track.sampleRate, kSecond,
-                                     AV_ROUND_NEAR_INF);
+      track.samples =
+          av_rescale_rnd(track.packet->duration, track.sampleRate, kSecond, AV_ROUND_NEAR_INF);
       tracks_[channel] = std::move(track);
     }
   } catch (const ffmpeg::Error&) {

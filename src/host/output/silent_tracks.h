@@ -13,9 +13,9 @@
 namespace host {
 
 // A track that is announced and carries nothing is trouble: players of transport streams do not
-// learn what it is, a rendition of HLS has no playlist, MP4 cannot describe AC-3 without a packet of
-// it. So silence in the track's own format goes into it from the start of the file or connection to
-// the channel's first packet. What comes later is the channel's: its gaps stay gaps.
+// learn what it is, a rendition of HLS has no playlist, MP4 cannot describe AC-3 without a packet
+// of it. So silence in the track's own format goes into it from the start of the file or connection
+// to the channel's first packet. What comes later is the channel's: its gaps stay gaps.
 //
 // Owned and called by one output on its thread.
 class SilentTracks {

@@ -65,11 +65,12 @@ Ratio PictureRate(Ratio canvasRate) {
   return rate;
 }
 
-// The frame that shows what a source has at its time 0: nothing of it is shown before.
+// The first frame that is handed out: the one that is nearest to the moment at which the composer
+// shows a source's time 0. That is it at whole rates; at others it may lie half a frame off.
 std::int64_t FirstFrame(Ratio rate) {
   const Time frame = FrameDuration(rate);
   std::int64_t first = kWindowLatency / frame;
-  while (FrameStart(first, rate) + frame / 2 < kWindowLatency) {
+  while (FrameStart(first, rate) + frame / 2 <= kWindowLatency) {
     ++first;
   }
   return first;
@@ -85,7 +86,8 @@ WallSession::WallSession(Settings settings)
     : settings_(std::move(settings)),
       firstFrame_(settings_.live ? 0 : FirstFrame(settings_.wall.canvas.frameRate)),
       clock_(settings_.wall.canvas.clockOffset),
-      composer_(settings_.composerLibrary, CanvasOf(settings_.wall), settings_.logger),
+      composer_(settings_.composerLibrary, CanvasOf(settings_.wall),
+                settings_.composerLogger != nullptr ? settings_.composerLogger : settings_.logger),
       graph_(FilterGraph::Create()) {
   const wall::Canvas& canvas = settings_.wall.canvas;
   background_ = BackgroundSource::Create({canvas.width, canvas.height, canvas.frameRate,
@@ -111,14 +113,14 @@ WallSession::WallSession(Settings settings)
   Check(graph_->AddFilter(background_.Get(), u"background"), "add the background to the graph");
   Check(graph_->AddFilter(sink_.Get(), u"composition"), "add the sink to the graph");
   if (settings_.takePacket) {
-    audioSink_ = AudioSink::Create(
-        settings_.wall.channels.size(),
-        [this](std::size_t channel, ffmpeg::Packet packet, Time shift) {
-          const Time latency = settings_.live ? 0 : kWindowLatency;
-          packet->pts -= latency;
-          packet->dts -= latency;
-          settings_.takePacket(channel, std::move(packet), shift - latency);
-        });
+    audioSink_ =
+        AudioSink::Create(settings_.wall.channels.size(),
+                          [this](std::size_t channel, ffmpeg::Packet packet, Time shift) {
+                            const Time latency = settings_.live ? 0 : kWindowLatency;
+                            packet->pts -= latency;
+                            packet->dts -= latency;
+                            settings_.takePacket(channel, std::move(packet), shift - latency);
+                          });
     Check(graph_->AddFilter(audioSink_.Get(), u"sound"), "add the sink of the sound to the graph");
   }
   for (std::size_t i = 0; i < settings_.wall.channels.size(); ++i) {

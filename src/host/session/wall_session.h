@@ -34,8 +34,9 @@ class WallSession {
   struct Settings {
     wall::Wall wall;
     std::string composerLibrary;
-    qorp::log::ILogPerf* logger = nullptr;  // not owned; outlives the session
-    ChannelObserver* observer = nullptr;    // not owned; outlives the session
+    qorp::log::ILogPerf* logger = nullptr;          // not owned; outlives the session
+    qorp::log::ILogPerf* composerLogger = nullptr;  // likewise; null: the same
+    ChannelObserver* observer = nullptr;            // not owned; outlives the session
     // Gets every composed picture, on the composition thread; returns at once.
     CompositionSink::TakeFrame takeFrame;
     // Gets the compressed sound of every channel, on the channels' streaming threads; returns at
@@ -46,7 +47,8 @@ class WallSession {
     bool live = false;
   };
   struct RenderControl {
-    std::optional<Time> length;         // of what is handed out; none: until all channels have ended and been shown
+    std::optional<Time>
+        length;  // of what is handed out; none: until all channels have ended and been shown
     std::function<bool()> waitForRoom;  // before each frame; false ends the rendering
     std::function<bool()> stop;         // asked before each frame
     std::chrono::milliseconds stallLimit{

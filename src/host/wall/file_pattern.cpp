@@ -1,6 +1,7 @@
 #include "host/wall/file_pattern.h"
 
 #include <array>
+#include <filesystem>
 #include <string_view>
 namespace host::wall {
 namespace {
@@ -34,11 +35,12 @@ std::string ExpandPattern(const std::string& pattern, const std::tm& time) {
   return name;
 }
 
-std::string ExpandPattern(const std::string& pattern) {
+std::string ExpandFileName(const std::string& path) {
+  const std::filesystem::path whole(path);
   const std::time_t now = std::time(nullptr);
   std::tm local{};
   localtime_r(&now, &local);
-  return ExpandPattern(pattern, local);
+  return (whole.parent_path() / ExpandPattern(whole.filename().string(), local)).string();
 }
 
 }  // namespace host::wall

@@ -15,7 +15,7 @@ inline constexpr const char* kPatternForms =
 std::optional<std::string> PatternMistake(const std::string& pattern);
 // The name at that moment. The pattern has no mistake.
 std::string ExpandPattern(const std::string& pattern, const std::tm& time);
-// The same now, in local time.
-std::string ExpandPattern(const std::string& pattern);
+// A path whose last part is a pattern, at this moment in local time.
+std::string ExpandFileName(const std::string& path);
 
 }  // namespace host::wall

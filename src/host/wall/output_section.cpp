@@ -70,6 +70,7 @@ Output ReadOutput(TableReader& reader, const FileContext& context) {
   ReadSegmentSize(reader, output.segmentSize);
   output.overwrite = reader.Boolean("overwrite").value_or(output.overwrite);
   output.options = reader.Options("options").value_or(output.options);
+  output.places = reader.AllPlaces();
   reader.Finish();
   return output;
 }

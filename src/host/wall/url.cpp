@@ -22,8 +22,7 @@ std::map<std::string, std::string> ParseQuery(std::string_view text) {
     const std::size_t end = std::min(text.find('&'), text.size());
     const std::string_view pair = text.substr(0, end);
     const std::size_t equals = std::min(pair.find('='), pair.size());
-    query[std::string(pair.substr(0, equals))] =
-        pair.substr(std::min(equals + 1, pair.size()));
+    query[std::string(pair.substr(0, equals))] = pair.substr(std::min(equals + 1, pair.size()));
     text.remove_prefix(std::min(end + 1, text.size()));
   }
   return query;
@@ -54,9 +53,9 @@ std::optional<Url> ParseUrl(std::string_view text) {
   }
   std::size_t slash = std::min(text.find('/'), text.size());
   // A password may hold a slash that its owner did not escape: the last "@" then ends it.
-  if (const std::size_t at = text.rfind('@');
-      at != std::string_view::npos && at > slash && text.substr(0, slash).find('@') >= slash &&
-      text.substr(0, slash).find(':') < slash) {
+  if (const std::size_t at = text.rfind('@'); at != std::string_view::npos && at > slash &&
+                                              text.substr(0, slash).find('@') >= slash &&
+                                              text.substr(0, slash).find(':') < slash) {
     slash = std::min(text.find('/', at), text.size());
   }
   url.path = text.substr(slash);

@@ -26,7 +26,8 @@ std::optional<Url> ParseUrl(std::string_view text);
 // "-", "pipe:" and "pipe:N": a stream of the process itself.
 bool IsProcessStream(std::string_view text);
 
-// The path that a text names: the text itself, or what follows "file:" (in any case, with or without
+// The path that a text names: the text itself, or what follows "file:" (in any case, with or
+// without
 // "//" and "localhost"). None for other URLs and for streams of the process.
 std::optional<std::string> LocalPath(std::string_view text);
 

@@ -74,6 +74,24 @@ void PlaceWindows(std::vector<ChannelEntry>& entries, const Canvas& canvas,
   }
 }
 
+// Of two windows on one place, the later one hides the other.
+void CheckOverlaps(const std::vector<ChannelEntry>& entries, Diagnostics& diagnostics) {
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    for (std::size_t k = 0; k < i; ++k) {
+      const auto& a = entries[k].window;
+      const auto& b = entries[i].window;
+      if (a && b && entries[k].channel.options.enabled && entries[i].channel.options.enabled &&
+          a->x < b->x + b->width && b->x < a->x + a->width && a->y < b->y + b->height &&
+          b->y < a->y + a->height) {
+        diagnostics.Warning(entries[i].windowPosition,
+                            "the window of \"" + entries[i].channel.name +
+                                "\" overlaps that of \"" + entries[k].channel.name + "\"");
+        break;
+      }
+    }
+  }
+}
+
 void CheckNames(const std::vector<ChannelEntry>& entries, Diagnostics& diagnostics) {
   std::map<std::string, std::size_t> seen;
   for (std::size_t i = 0; i < entries.size(); ++i) {
@@ -124,6 +142,7 @@ std::vector<Channel> ReadChannels(TableReader& root, const FileContext& context,
       CheckWindowsGiven(tables, entries, diagnostics);
     }
     PlaceWindows(entries, canvas, rules, wallPosition, diagnostics);
+    CheckOverlaps(entries, diagnostics);
   }
   std::vector<Channel> channels;
   channels.reserve(entries.size());
