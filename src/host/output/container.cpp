@@ -111,31 +111,23 @@ bool Holds(const AVOutputFormat& container, int codec) {
   return avformat_query_codec(&container, static_cast<AVCodecID>(codec), FF_COMPLIANCE_NORMAL) != 0;
 }
 
-std::vector<std::string> VideoCodecsOf(const AVOutputFormat& container) {
+std::string CannotHold(const AVOutputFormat& container, int codec) {
+  const auto id = static_cast<AVCodecID>(codec);
   std::vector<std::string> names;
-  const AVCodecDescriptor* codec = nullptr;
-  while ((codec = avcodec_descriptor_next(codec)) != nullptr) {
-    if (codec->type == AVMEDIA_TYPE_VIDEO && avcodec_find_encoder(codec->id) != nullptr &&
-        avformat_query_codec(&container, codec->id, FF_COMPLIANCE_NORMAL) == 1) {
-      names.emplace_back(codec->name);
+  const AVCodecDescriptor* other = nullptr;
+  while ((other = avcodec_descriptor_next(other)) != nullptr) {
+    if (other->type == avcodec_get_type(id) && avcodec_find_encoder(other->id) != nullptr &&
+        avformat_query_codec(&container, other->id, FF_COMPLIANCE_NORMAL) == 1) {
+      names.emplace_back(other->name);
     }
   }
   // The usual ones first.
   std::stable_partition(names.begin(), names.end(), [](const std::string& name) {
-    return name == "h264" || name == "hevc" || name == "av1";
+    return name == "h264" || name == "hevc" || name == "av1" || name == "aac";
   });
-  return names;
-}
-
-std::string CannotHold(const AVOutputFormat& container, int codec) {
-  std::string text = std::string(container.name) + " cannot hold " +
-                     avcodec_get_name(static_cast<AVCodecID>(codec));
-  if (avcodec_get_type(static_cast<AVCodecID>(codec)) == AVMEDIA_TYPE_VIDEO) {
-    const std::vector<std::string> names = VideoCodecsOf(container);
-    for (std::size_t i = 0; i < names.size(); ++i) {
-      text += (i == 0 ? ": it holds " : ", ") + names[i];
-    }
-    text += names.empty() ? ": it holds no video" : "";
+  std::string text = std::string(container.name) + " cannot hold " + avcodec_get_name(id);
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    text += (i == 0 ? ": it holds " : ", ") + names[i];
   }
   return text;
 }

@@ -4,7 +4,6 @@
 #include <map>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "host/units.h"
 
@@ -31,9 +30,7 @@ std::optional<Recording> RecordingIn(const AVOutputFormat& container);
 
 // Whether packets of a codec, AVCodecID, fit into a container, as far as the container says.
 bool Holds(const AVOutputFormat& container, int codec);
-// FFmpeg's names of the video codecs that a container holds and that can be encoded here.
-std::vector<std::string> VideoCodecsOf(const AVOutputFormat& container);
-// "flv cannot hold hevc: it holds h264, flv1, ..."
+// "flv cannot hold hevc: it holds h264, flv1, ...", the latter as far as it can be encoded here.
 std::string CannotHold(const AVOutputFormat& container, int codec);
 
 // Options that neither the container nor the protocol of the URL knows, each with the known name

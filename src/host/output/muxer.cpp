@@ -158,9 +158,12 @@ void Muxer::Open(ffmpeg::Options& options) {
     output_->flags |= AVFMT_FLAG_CUSTOM_IO;
     return;
   }
-  ffmpeg::Check(avio_open2(&output_->pb, settings_.url.c_str(), AVIO_FLAG_WRITE,
-                           &output_->interrupt_callback, options.Exchange()),
-                "cannot write", settings_.url);
+  const int result = avio_open2(&output_->pb, settings_.url.c_str(), AVIO_FLAG_WRITE,
+                                &output_->interrupt_callback, options.Exchange());
+  if (result == AVERROR_EXIT && deadline_.expired()) {
+    throw ffmpeg::Error(AVERROR(ETIMEDOUT), "nobody has answered at", settings_.url);
+  }
+  ffmpeg::Check(result, "cannot write", settings_.url);
 }
 
 void Muxer::Start() {

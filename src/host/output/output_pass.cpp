@@ -110,13 +110,15 @@ void OutputPass::Start() {
   settings.interleaves = false;
   auto muxer = std::make_unique<Muxer>(settings);
   file_.clear();
-  if (owner_.files != nullptr && muxer->writesFile()) {
+  isOneFile_ = owner_.files != nullptr && muxer->writesFile();
+  if (isOneFile_) {
     std::unique_ptr<ffmpeg::FileOutput> next = owner_.files->Next();
     file_ = next->path();
     muxer->SetFile(std::move(next));
   } else if (owner_.files != nullptr) {
     settings.url = KeepsSegments(settings) ? owner_.files->NextName() : owner_.files->Name();
     muxer->SetUrl(settings.url);
+    file_ = settings.url;
   }
   std::optional<HlsLayout> hls;
   if (muxer->formatName() == "hls") {
@@ -226,7 +228,7 @@ void OutputPass::WriteSound(Time before) {
 }
 
 bool OutputPass::CutsBefore(const AVPacket& keyframe) {
-  return !file_.empty() && cutter_.CutsBefore(keyframe.pts, FrameDuration(settings_.frameRate));
+  return isOneFile_ && cutter_.CutsBefore(keyframe.pts, FrameDuration(settings_.frameRate));
 }
 
 void OutputPass::Cut(const AVPacket& keyframe) {

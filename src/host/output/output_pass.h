@@ -101,7 +101,8 @@ class OutputPass {
   std::unique_ptr<Muxer> muxer_;      // exchanged under cancelLock_
   std::mutex cancelLock_;
   bool cancelled_ = false;  // guarded by cancelLock_
-  std::string file_;        // that is written; empty where it is none
+  std::string file_;        // that is written, or a playlist; empty where it is none
+  bool isOneFile_ = false;  // ... and no playlist
   std::size_t videoTrack_ = 0;
   std::vector<std::size_t> channels_;                    // that have a track, in their order
   std::vector<std::optional<std::size_t>> soundTracks_;  // of the muxer, for each channel

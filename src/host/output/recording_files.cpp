@@ -45,8 +45,11 @@ std::string RecordingFiles::Name() const {
   return wall::ExpandFileName(path_);
 }
 
-std::string RecordingFiles::NextName() const {
-  return existing_ == Existing::kReplaced ? Name() : FreeName(Name());
+std::string RecordingFiles::NextName() {
+  const std::string name = Name();
+  const std::string next = existing_ == Existing::kReplaced ? name : FreeName(name);
+  avoided_ = next != name;
+  return next;
 }
 
 std::unique_ptr<FileOutput> RecordingFiles::Next() {

@@ -32,7 +32,7 @@ class RecordingFiles {
   // For containers that write several files by themselves: the name now, whatever is there.
   std::string Name() const;
   // ... and the next one that there is no file of, unless files are replaced.
-  std::string NextName() const;
+  std::string NextName();
 
   // Whether the latest file has another name than it should, because there was one.
   bool avoided() const { return avoided_; }

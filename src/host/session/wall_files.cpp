@@ -262,18 +262,19 @@ WallFiles FilesOf(const wall::Wall& wall, const RunFiles& run) {
     files.Reads({"the standard output", kStandardOutput, {}, {}, {}});
   }
   const auto write = [&](const char* argument, const char* key, const std::optional<fs::path>& path,
-                         bool isArgument) {
+                         bool isArgument, std::vector<std::string> beside = {}) {
     if (path && !path->empty()) {
       files.Writes({isArgument ? argument : std::string("[log] ") + key,
                     path->string(),
                     isArgument ? std::nullopt : PlaceOf(run.log.places, key),
                     {},
-                    {}});
+                    std::move(beside)});
     }
   };
   write("--log-file", "file", run.log.file, run.logArguments.file.has_value());
   write("--perf-file", "perf_file", run.log.perfFile, run.logArguments.perfFile.has_value());
-  write("--snapshot", "", run.snapshot, true);
+  // It is written under another name first.
+  write("--snapshot", "", run.snapshot, true, {run.snapshot.filename().string() + ".part"});
   return files;
 }
 
