@@ -88,7 +88,7 @@ class Mosaic {
         labels_(workload.Windows()),
         noLabels_(workload.Windows()),
         windows_(static_cast<std::size_t>(workload.Windows())),
-        marks_(windows_.size()) {
+        overlays_(windows_.size()) {
     for (std::int32_t i = 0; i < workload.Windows(); ++i) {
       sources_.emplace_back(workload.windowWidth, workload.windowHeight, 3, 2 + i);
       windows_[i] = {
@@ -120,12 +120,12 @@ class Mosaic {
     Prepare();
     const std::size_t half = windows_.size() / 2;
     for (std::size_t i = 0; i < windows_.size(); ++i) {
-      marks_[i].selected = last >= kSelectors && (i == 0 || i == half);
-      marks_[i].metered = last >= kMeters;
+      overlays_[i].selected = last >= kSelectors && (i == 0 || i == half);
+      overlays_[i].metered = last >= kMeters;
     }
     const Nanoseconds start = Now();
-    drawer_.Draw(last >= kLabels ? labels_ : noLabels_, windows_, marks_, canvases_.At(frame_), 16,
-                 9);
+    drawer_.Draw(last >= kLabels ? labels_ : noLabels_, windows_, overlays_, canvases_.At(frame_),
+                 16, 9);
     return Now() - start;
   }
 
@@ -155,11 +155,11 @@ class Mosaic {
     for (std::size_t i = 0; i < windows_.size(); ++i) {
       windows_[i].picture = sources_[i].At(frame_).data;
       const auto phase = static_cast<float>(frame_ * (i + 1));
-      marks_[i].channels = 2;
-      marks_[i].levels = {0.5f + 0.45f * std::sin(phase * 0.37f),
-                          0.3f + 0.25f * std::sin(phase * 0.73f)};
-      marks_[i].peaks = {0.9f, 0.6f};
-      marks_[i].alarm = i % 8 == 0;
+      overlays_[i].channels = 2;
+      overlays_[i].levels = {0.5f + 0.45f * std::sin(phase * 0.37f),
+                             0.3f + 0.25f * std::sin(phase * 0.73f)};
+      overlays_[i].peaks = {0.9f, 0.6f};
+      overlays_[i].alarm = i % 8 == 0;
     }
   }
 
@@ -169,7 +169,7 @@ class Mosaic {
   ::Compose labels_;
   ::Compose noLabels_;
   std::vector<WindowState> windows_;
-  std::vector<WindowMarks> marks_;
+  std::vector<WindowOverlays> overlays_;
   MosaicDrawer drawer_;
   std::size_t frame_ = 0;
   int texts_ = 0;

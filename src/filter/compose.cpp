@@ -1,12 +1,13 @@
 #include "filter/compose.h"
 
 #include <array>
-#include <cstring>
 #include <numeric>
 #include <span>
 #include <string>
+#include <thread>
 
 #include "filter/frame_composer.h"
+#include "platform/baseclasses/com_boundary.h"
 #include "platform/com/wide_text.h"
 #include "platform/dshow/vfw_errors.h"
 #include "util/exceptions.h"
@@ -49,10 +50,8 @@ CCompose::CCompose(IUnknown* outer, HRESULT* hr)
 CUnknown* CCompose::CreateInstance(IUnknown* outer, HRESULT* hr) {
   try {
     return std::make_unique<CCompose>(outer, hr).release();
-  } catch (const std::bad_alloc&) {
-    *hr = E_OUTOFMEMORY;
-  } catch (const CAtlException& refused) {
-    *hr = refused.m_hr;
+  } catch (...) {
+    *hr = ResultOfException();
   }
   return nullptr;
 }
@@ -63,18 +62,19 @@ CCompose::~CCompose() {
 }
 
 void CCompose::EndCompositionThreads() {
-  std::vector<os::Waitable*> running;
+  // The event wakes one thread, which wakes the next.
+  quitEvent->Set();
+  const auto join = [](qorp::Thread& thread) {
+    // A thread must not outlive the filter: a wait that the system refuses is tried again.
+    while (!thread.Handle().Wait(os::kInfinite)) {
+      std::this_thread::yield();
+    }
+  };
   for (const std::unique_ptr<qorp::Thread>& thread : formerThreads) {
-    running.push_back(&thread->Handle());
+    join(*thread);
   }
   if (compositionThread != nullptr) {
-    running.push_back(&compositionThread->Handle());
-  }
-  // The event wakes one thread for each time that it is set.
-  while (!running.empty()) {
-    quitEvent->Set();
-    const std::uint32_t ended = os::WaitAny(running, os::kInfinite);
-    running.erase(running.begin() + ended);
+    join(*compositionThread);
   }
 }
 
@@ -112,24 +112,34 @@ CBasePin* CCompose::GetPin(int position) {
 }
 
 HRESULT CCompose::Pause() {
-  const FILTER_STATE former = m_State;
-  const HRESULT hr = CBaseFilter::Pause();
-  if (former == State_Stopped) {
-    return backgroundPin->IsConnected() ? hr : E_FAIL;
-  }
-  if (compositionThread != nullptr) {
-    {
-      const CAutoLock guard(&filterLock);
+  HRESULT hr = S_OK;
+  {
+    const CAutoLock guard(&filterLock);
+    const FILTER_STATE former = m_State;
+    hr = CBaseFilter::Pause();
+    if (former == State_Stopped) {
+      return backgroundPin->IsConnected() ? hr : E_FAIL;
+    }
+    pausing = true;
+    if (compositionThread != nullptr) {
       pauseRequestEvent->Set();
     }
-    // Without the lock: the thread needs it to finish its frame.
+  }
+  // Without the lock: the thread needs it to finish its frame.
+  if (compositionThread != nullptr) {
     pausedEvent->Wait(os::kInfinite);
   }
-  // One thread has answered, but may have taken the next frame since, and a former one may still be
-  // drawing: that ends first, and nothing is begun until the queue is empty.
+  // One thread has answered; a former one may still be drawing.
   const std::lock_guard noFrame(composeLock);
-  EmptyBackgroundQueue();
+  EndPause();
   return hr;
+}
+
+void CCompose::EndPause() {
+  std::list<ComPtr<IMediaSample>> released;
+  const CAutoLock guard(&filterLock);
+  released.swap(backgroundQueue);
+  pausing = false;
 }
 
 void CCompose::QueueBackgroundFrame(ComPtr<IMediaSample> sample) {
@@ -143,7 +153,7 @@ void CCompose::QueueBackgroundFrame(ComPtr<IMediaSample> sample) {
 ComPtr<IMediaSample> CCompose::TakeBackgroundFrame() {
   const CAutoLock guard(&filterLock);
   ComPtr<IMediaSample> sample;
-  if (!backgroundQueue.empty()) {
+  if (!pausing && !backgroundQueue.empty()) {
     sample = std::move(backgroundQueue.front());
     backgroundQueue.pop_front();
   }
@@ -161,11 +171,19 @@ HRESULT CCompose::Configure(LONG windowCount, qorp::log::ILogPerf* hostLogger, L
   if (windowCount < 0 || (aspectNumerator == 0 && aspectDenominator == 0)) {
     return E_INVALIDARG;
   }
+  return AtComBoundary([&] {
+    return Set(windowCount, hostLogger, width, height, Reduce({aspectNumerator, aspectDenominator}),
+               period, rate);
+  });
+}
+
+HRESULT CCompose::Set(LONG windowCount, qorp::log::ILogPerf* hostLogger, LONG width, LONG height,
+                      const Fraction& aspect, REFERENCE_TIME period, const Fraction& rate) {
   const std::lock_guard frameInProgress(composeLock);
   outputHeight = height;
   logger = hostLogger != nullptr ? hostLogger : &dummyLogger;
   outputWidth = width;
-  aspectRatio = Reduce({aspectNumerator, aspectDenominator});
+  aspectRatio = aspect;
   prerollPeriod = period;
   frameRate = rate;
   try {
@@ -174,20 +192,20 @@ HRESULT CCompose::Configure(LONG windowCount, qorp::log::ILogPerf* hostLogger, L
     logger.load()->log(qorp::log::kError, "Cannot create compose lib: %s", error.what());
     return E_FAIL;
   }
-  if (compositionThread != nullptr) {
-    formerThreads.push_back(std::move(compositionThread));
+  formerThreads.reserve(formerThreads.size() + 1);
+  auto thread = std::make_unique<qorp::Thread>([this] { CompositionLoop(); });
+  compositionThread.swap(thread);
+  if (thread != nullptr) {
+    formerThreads.push_back(std::move(thread));
   }
-  compositionThread = std::make_unique<qorp::Thread>([this] { CompositionLoop(); });
   return S_OK;
 }
 
 HRESULT CCompose::AddInput(LONG index, IUnknown* window) {
-  InputPins& entry = inputs[index];
-  if (entry.window.Get() != window) {
-    entry.window = ComPtr<IComposeWindow>(static_cast<IComposeWindow*>(window));
-  }
-  inputSizes.try_emplace(index);
+  return AtComBoundary([&] { return MakeInput(index, static_cast<IComposeWindow*>(window)); });
+}
 
+HRESULT CCompose::MakeInput(LONG index, IComposeWindow* window) {
   const auto number = static_cast<ULONG>(index);
   HRESULT unused = S_OK;
   auto video = std::make_unique<CComposeInputVideoWindowPin>(
@@ -203,7 +221,13 @@ HRESULT CCompose::AddInput(LONG index, IUnknown* window) {
       std::make_unique<CComposeAlarmInputPin<AudioAlarm>>(this, video.get(), &filterLock, &unused);
   auto videoAlarm =
       std::make_unique<CComposeAlarmInputPin<VideoAlarm>>(this, video.get(), &filterLock, &unused);
-  // The pins that point to others go first.
+  inputSizes.try_emplace(index);
+  // From here on nothing fails: an input has all its pins or is not there.
+  InputPins& entry = inputs[index];
+  if (entry.window.Get() != window) {
+    entry.window = ComPtr<IComposeWindow>(window);
+  }
+  // The pins that point to others are replaced first.
   entry.videoAlarm = std::move(videoAlarm);
   entry.audioAlarm = std::move(audioAlarm);
   entry.text = std::move(text);
@@ -245,6 +269,7 @@ void CCompose::CompositionLoop() {
       continue;
     }
     if (signalled == 1) {
+      quitEvent->Set();  // for the other threads, if there are any
       return;
     }
     if (signalled == kWaitRepeated) {
@@ -266,12 +291,11 @@ void CCompose::CompositionLoop() {
 
 void CCompose::DeliverFrame(IMediaSample* sample) {
   const CAutoLock guard(m_pLock);
-  AM_MEDIA_TYPE* attached = nullptr;
-  if (sample->GetMediaType(&attached) == S_OK) {
-    const OwnedMediaType type(attached);
-    if (type->formattype == FORMAT_VideoInfo2 && type->cbFormat >= sizeof(VIDEOINFOHEADER2)) {
-      reinterpret_cast<VIDEOINFOHEADER2*>(type->pbFormat)->dwInterlaceFlags =
-          AMINTERLACE_IsInterlaced;
+  OwnedMediaType type;
+  if (ReadMediaType(sample, &type) == S_OK) {
+    auto* const format = FormatBlock<VIDEOINFOHEADER2>(*type);
+    if (type->formattype == FORMAT_VideoInfo2 && format != nullptr) {
+      format->dwInterlaceFlags = AMINTERLACE_IsInterlaced;
       sample->SetMediaType(type.get());
     }
   }
@@ -285,13 +309,19 @@ HRESULT CCompose::BuildOutputMediaType(CMediaType*& type) {
     return hr;
   }
   if (built.formattype == FORMAT_VideoInfo2) {
-    auto* const format = reinterpret_cast<VIDEOINFOHEADER2*>(built.pbFormat);
+    auto* const format = FormatBlock<VIDEOINFOHEADER2>(built);
+    if (format == nullptr) {
+      return VFW_E_INVALIDMEDIATYPE;
+    }
     format->dwPictAspectRatioX = static_cast<DWORD>(aspectRatio.numerator);
     format->dwPictAspectRatioY = static_cast<DWORD>(aspectRatio.denominator);
   } else {
-    VIDEOINFOHEADER source{};
-    std::memcpy(&source, built.pbFormat, std::min<std::size_t>(built.cbFormat, sizeof(source)));
-    built = CMediaType(&MEDIATYPE_Video);
+    const auto* const header = FormatBlock<VIDEOINFOHEADER>(built);
+    if (header == nullptr) {
+      return VFW_E_INVALIDMEDIATYPE;
+    }
+    const VIDEOINFOHEADER source = *header;
+    built = CMediaType(&MEDIATYPE_Video);  // with samples of a fixed size
     built.SetSubtype(&MEDIASUBTYPE_YV12);
     built.SetFormatType(&FORMAT_VideoInfo2);
     VIDEOINFOHEADER2 format{};
@@ -307,18 +337,13 @@ HRESULT CCompose::BuildOutputMediaType(CMediaType*& type) {
     bitmap.biPlanes = 3;  // one for each of Y, V and U
     bitmap.biBitCount = 12;
     bitmap.biCompression = MakeFourcc('Y', 'V', '1', '2');
-    bitmap.biSizeImage = static_cast<DWORD>(PictureBytes(bitmap.biWidth, bitmap.biHeight));
+    bitmap.biSizeImage = static_cast<DWORD>(AnnouncedPictureBytes(bitmap.biWidth, bitmap.biHeight));
     bitmap.biXPelsPerMeter = source.bmiHeader.biXPelsPerMeter;
     bitmap.biYPelsPerMeter = source.bmiHeader.biYPelsPerMeter;
     if (!built.SetFormat(reinterpret_cast<const BYTE*>(&format), sizeof(format))) {
       return E_OUTOFMEMORY;
     }
-    built.SetSampleSize(bitmap.biSizeImage);
+    built.lSampleSize = bitmap.biSizeImage;
   }
-  if (type == nullptr) {
-    type = new (std::nothrow) CMediaType(std::move(built));
-    return type == nullptr ? E_FAIL : S_OK;
-  }
-  *type = std::move(built);
-  return S_OK;
+  return HandOut(std::move(built), type);
 }

@@ -28,11 +28,16 @@ struct PictureSize {
   LONG height = -1;
 };
 
-// Bytes of a YV12 picture of width x height pixels, exact for any size that a type may tell.
+// Bytes of a YV12 picture of width x height pixels, exact for every size: what buffers are checked
+// against.
 constexpr LONGLONG PictureBytes(LONG width, LONG height) {
   const LONGLONG area = LONGLONG{width} * height;
-  const auto plane = static_cast<unsigned long long>(area);
-  return static_cast<LONGLONG>(plane + plane + plane) / 2;
+  return area + area / 2;
+}
+// The same as media types and allocators announce it: in 32 bits that wrap around, halved towards
+// zero.
+constexpr LONG AnnouncedPictureBytes(LONG width, LONG height) {
+  return static_cast<LONG>(static_cast<ULONG>(width) * 3U * static_cast<ULONG>(height)) / 2;
 }
 
 // The one filter of the system. Owns every pin, the queue of background frames, the drawing engine
@@ -74,7 +79,7 @@ class CCompose final : public CBaseFilter, public IComposeCommand {
   void QueueBackgroundFrame(ComPtr<IMediaSample> sample);
   // The background's type as YV12 in a VIDEOINFOHEADER2 with the wall's aspect ratio. *type is
   // filled or, when it is null, allocated for the caller. The background pin's error while
-  // unconnected.
+  // unconnected; VFW_E_INVALIDMEDIATYPE for a type without a whole format block.
   HRESULT BuildOutputMediaType(CMediaType*& type);
 
  private:
@@ -88,9 +93,13 @@ class CCompose final : public CBaseFilter, public IComposeCommand {
   friend class CComposeAlarmInputPin;
   friend class FrameComposer;
 
+  HRESULT Set(LONG windowCount, qorp::log::ILogPerf* hostLogger, LONG width, LONG height,
+              const Fraction& aspect, REFERENCE_TIME period, const Fraction& rate);
+  HRESULT MakeInput(LONG index, IComposeWindow* window);
   void CompositionLoop();
   ComPtr<IMediaSample> TakeBackgroundFrame();
   void EmptyBackgroundQueue();
+  void EndPause();
   void DeliverFrame(IMediaSample* sample);
   void EndCompositionThreads();
 
@@ -106,6 +115,8 @@ class CCompose final : public CBaseFilter, public IComposeCommand {
   std::atomic<qorp::log::ILogPerf*> logger{&dummyLogger};  // not owned
 
   std::list<ComPtr<IMediaSample>> backgroundQueue;  // guarded by filterLock
+  // A pause waits for the frame in progress: no other one begins. Guarded by filterLock.
+  bool pausing = false;
   // Start of the last background sample received: the composer's current time, 100 ns units.
   std::atomic<REFERENCE_TIME> lastBackgroundStart{0};
 
@@ -113,8 +124,8 @@ class CCompose final : public CBaseFilter, public IComposeCommand {
   // stopped, under composeLock.
   std::unique_ptr<Compose> compose;
   std::unique_ptr<FrameComposer> frameComposer;
-  // Held for the whole of a frame. Nobody waits for it but a Pause and a Configure that meet a
-  // frame in progress.
+  // Held for the whole of a frame. Only a Pause and a Configure that meet a frame in progress wait
+  // for it.
   std::mutex composeLock;
 
   std::map<LONG, PictureSize> inputSizes;  // (-1, -1) until the input's type is known
@@ -132,6 +143,6 @@ class CCompose final : public CBaseFilter, public IComposeCommand {
   std::unique_ptr<CComposeOutputVideoPin> outputPin;
 
   std::unique_ptr<qorp::Thread> compositionThread;
-  // Threads of earlier Configure calls: they go on composing and end with the filter.
+  // Threads of earlier Configure calls: they continue to compose and end with the filter.
   std::vector<std::unique_ptr<qorp::Thread>> formerThreads;
 };

@@ -2,13 +2,14 @@
 
 #include <algorithm>
 
+#include "platform/dshow/reference_time.h"
 #include "platform/dshow/vfw_errors.h"
 #include "render/label_colour.h"
 #include "util/exceptions.h"
 
 namespace {
 
-static_assert(AudioAlarm::kMaxChannels <= WindowMarks::kMaxChannels);
+static_assert(AudioAlarm::kMaxChannels <= WindowOverlays::kMaxChannels);
 
 // Towards zero, to an even number of pixels.
 LONG MakeEven(LONG position) {
@@ -36,11 +37,11 @@ bool IsPrerollFrame(REFERENCE_TIME time, REFERENCE_TIME period, const Fraction& 
   const LONGLONG half = divisor / 2;
   const bool sameSign = (dividend < 0) == (divisor < 0);
   const REFERENCE_TIME duration = (sameSign ? dividend + half : dividend - half) / divisor;
-  const REFERENCE_TIME rest = time % period;
-  return rest <= duration / 2 || duration / 2 > period - rest;
+  const REFERENCE_TIME rest = TimeRemainder(time, period);
+  return rest <= duration / 2 || duration / 2 > SubtractTimes(period, rest);
 }
 
-// Lets go of every window sample at the end of a frame, however it ends.
+// Releases every window sample at the end of a frame, however it ends.
 class FrameComposer::SampleHolder {
  public:
   explicit SampleHolder(std::vector<Input>& inputs) : inputs_(inputs) {}
@@ -67,6 +68,7 @@ void FrameComposer::ComposeFrame() {
   }
   BYTE* canvas = nullptr;
   ThrowIfFailed(background->GetPointer(&canvas));
+  ThrowIfFailed(canvas != nullptr ? S_OK : E_POINTER);
   REFERENCE_TIME frameTime = 0;
   REFERENCE_TIME stop = 0;
   background->GetTime(&frameTime, &stop);
@@ -83,9 +85,13 @@ void FrameComposer::ComposeFrame() {
   const SampleHolder samples(inputs_);
   AskHost();
   ChoosePictures(frameTime);
-  ReadMeters(frameTime);
-  mosaic_.Draw(*filter_.compose, windows_, marks_,
-               {canvas, filter_.outputWidth, filter_.outputHeight}, filter_.aspectRatio.numerator,
+  const Yv12Picture picture{canvas, std::max<LONG>(filter_.outputWidth, 0),
+                            std::max<LONG>(filter_.outputHeight, 0)};
+  // A frame that a selection refuses leaves the records to the next one: reading drops older ones.
+  if (SelectionsFit(windows_, overlays_, picture)) {
+    ReadMeters(frameTime);
+  }
+  mosaic_.Draw(*filter_.compose, windows_, overlays_, picture, filter_.aspectRatio.numerator,
                filter_.aspectRatio.denominator);
   filter_.DeliverFrame(background.Get());
 }
@@ -105,14 +111,12 @@ void FrameComposer::FollowInputs() {
     inputs_.back().pins = &pins;
   }
   windows_.assign(inputs_.size(), WindowState{});
-  marks_.assign(inputs_.size(), WindowMarks{});
+  overlays_.assign(inputs_.size(), WindowOverlays{});
 }
 
 void FrameComposer::NoteBackgroundType(IMediaSample* sample) {
-  // Throws when the sample cannot tell its type.
-  AM_MEDIA_TYPE* own = nullptr;
-  ThrowIfFailed(sample->GetMediaType(&own));
-  const OwnedMediaType carried(own);
+  OwnedMediaType carried;
+  ThrowIfFailed(ReadMediaType(sample, &carried));
   if (carried == nullptr) {
     return;
   }
@@ -132,7 +136,7 @@ void FrameComposer::AskHost() {
     Input& input = inputs_[i];
     WindowState& state = windows_[i];
     state = WindowState{};
-    marks_[i] = WindowMarks{};
+    overlays_[i] = WindowOverlays{};
     const PictureSize& size = filter_.inputSizes[input.index];
     state.w = size.width;
     state.h = size.height;
@@ -147,7 +151,7 @@ void FrameComposer::AskHost() {
     state.x = MakeEven(state.x);
     state.y = MakeEven(state.y);
     state.enabled = enabled != 0;
-    marks_[i].selected = selected != 0;
+    overlays_[i].selected = selected != 0;
     ParseLabelColour(*filter_.compose, input.index, colour);
   }
 }
@@ -158,9 +162,7 @@ void FrameComposer::ChoosePictures(REFERENCE_TIME frameTime) {
     WindowState& state = windows_[i];
     CComposeInputVideoWindowPin& pin = *input.pins->video;
     pin.PickSample(frameTime, &input.sample);
-    if (!input.sample) {
-      pin.FlushSamples();
-    } else {
+    if (input.sample) {
       if (state.enabled) {
         TakeFormat(input, input.sample.Get());
         const PictureSize& size = filter_.inputSizes.at(input.index);
@@ -182,9 +184,8 @@ void FrameComposer::ChoosePictures(REFERENCE_TIME frameTime) {
 }
 
 void FrameComposer::TakeFormat(Input& input, IMediaSample* sample) {
-  AM_MEDIA_TYPE* own = nullptr;
-  ThrowIfFailed(input.pins->video->ReadType(sample, &own));
-  const OwnedMediaType carried(own);
+  OwnedMediaType carried;
+  ThrowIfFailed(input.pins->video->ReadType(sample, &carried));
   if (carried == nullptr) {
     return;
   }
@@ -215,14 +216,14 @@ void FrameComposer::ReadMeters(REFERENCE_TIME frameTime) {
     if (audio.metersEnabled == 0 || audio.channelCount < 1 || !windows_[i].enabled) {
       continue;
     }
-    WindowMarks& marks = marks_[i];
-    marks.metered = true;
-    marks.channels = std::min<std::int32_t>(audio.channelCount, AudioAlarm::kMaxChannels);
+    WindowOverlays& overlays = overlays_[i];
+    overlays.metered = true;
+    overlays.channels = std::min<std::int32_t>(audio.channelCount, AudioAlarm::kMaxChannels);
     for (std::size_t c = 0; c < AudioAlarm::kMaxChannels; ++c) {
-      marks.levels[c] = static_cast<float>(audio.levels[c]) / 1000;
-      marks.peaks[c] = static_cast<float>(audio.peaks[c]) / 1000;
+      overlays.levels[c] = static_cast<float>(audio.levels[c]) / 1000;
+      overlays.peaks[c] = static_cast<float>(audio.peaks[c]) / 1000;
     }
-    marks.alarm =
+    overlays.alarm =
         audio.IsRaised() || (input.videoAlarm.has_value() && input.videoAlarm->alarm != 0);
   }
 }

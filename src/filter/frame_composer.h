@@ -46,7 +46,7 @@ class FrameComposer {
 
   CCompose& filter_;
   std::vector<Input> inputs_;
-  std::vector<WindowState> windows_;  // one for each of inputs_
-  std::vector<WindowMarks> marks_;    // one for each of inputs_
+  std::vector<WindowState> windows_;      // one for each of inputs_
+  std::vector<WindowOverlays> overlays_;  // one for each of inputs_
   MosaicDrawer mosaic_;
 };

@@ -39,13 +39,13 @@ class IComposeCommand : public IUnknown {
   // keeps the composer's own. width, height: the canvas in pixels, equal to the background's.
   // aspect: the display aspect ratio. prerollPeriod: 100 ns units, 0 for none. frameRate: frames
   // per second, for preroll marking only. E_INVALIDARG for a negative count or an aspect of 0:0,
-  // E_FAIL (logged) when the drawing engine cannot be made; otherwise the composition thread has
-  // been started.
+  // E_FAIL (logged) when the drawing engine cannot be made, E_OUTOFMEMORY or the system's error
+  // when memory or a thread is refused; otherwise the composition thread has been started.
   virtual HRESULT Configure(LONG windowCount, qorp::log::ILogPerf* logger, LONG width, LONG height,
                             LONG aspectNumerator, LONG aspectDenominator,
                             REFERENCE_TIME prerollPeriod, const Fraction& frameRate) = 0;
-  // Makes the six pins of an input, or makes them anew. window: an IComposeWindow, or null for an
-  // input that is never shown.
+  // Makes the six pins of an input, or makes them again. window: an IComposeWindow, or null for an
+  // input that is never shown. E_OUTOFMEMORY changes nothing.
   virtual HRESULT AddInput(LONG index, IUnknown* window) = 0;
   // The input pins of an index, without references; S_FALSE (nothing written) for an unknown one.
   virtual HRESULT GetInputPins(LONG index, IPin** video, IPin** audioInput, IPin** videoAlarm,

@@ -33,9 +33,34 @@ inline Time FrameDuration(Ratio rate) {
   return (kSecond * rate.den + rate.num / 2) / rate.num;
 }
 
-// Start of frame n of a stream at a positive rate: no error builds up over hours.
+// The product of a time and a rate leaves 64 bits within months.
+__extension__ using Wide = __int128;
+
+// Rounded down. divisor: positive.
+inline std::int64_t FloorDivided(Wide dividend, std::int64_t divisor) {
+  const Wide quotient = dividend / divisor;
+  return static_cast<std::int64_t>(quotient - (dividend % divisor < 0 ? 1 : 0));
+}
+
+// Start of frame n of a stream at a positive rate, rounded half up: no error builds up over years.
 inline Time FrameStart(std::int64_t frame, Ratio rate) {
-  return (frame * kSecond * rate.den + rate.num / 2) / rate.num;
+  return FloorDivided(Wide{frame} * kSecond * rate.den + rate.num / 2, rate.num);
+}
+
+// The frame that a time lies in: the last one that has started by then.
+inline std::int64_t FrameAt(Time time, Ratio rate) {
+  const std::int64_t frame = FloorDivided(Wide{time} * rate.num, kSecond * rate.den);
+  // Starts are rounded: the neighbour may be meant.
+  if (FrameStart(frame, rate) > time) {
+    return frame - 1;
+  }
+  return FrameStart(frame + 1, rate) <= time ? frame + 1 : frame;
+}
+
+// The frame whose start is nearest to a time.
+inline std::int64_t NearestFrame(Time time, Ratio rate) {
+  const std::int64_t length = kSecond * rate.den;
+  return FloorDivided(Wide{time} * rate.num + length / 2, length);
 }
 
 // Width-to-height shape of one pixel of a picture that is shown with the given display aspect.

@@ -1,6 +1,7 @@
 #include "log/log_history.h"
 
 #include <algorithm>
+#include <limits>
 #include <stdexcept>
 #include <utility>
 
@@ -23,7 +24,12 @@ bool LogHistory::Resolve(std::int64_t* first, std::int64_t* last) const {
   const std::int64_t oldest = lines_.begin()->first;
   const std::int64_t newest = lines_.rbegin()->first;
   const auto fromNewest = [&](std::int64_t bound) {
-    return bound < 0 ? bound + newest + 1 : bound;
+    constexpr std::int64_t kLowest = std::numeric_limits<std::int64_t>::min();
+    if (bound >= 0) {
+      return bound;
+    }
+    const std::int64_t behind = bound + 1;
+    return newest < kLowest - behind ? kLowest : newest + behind;
   };
   *first = std::max(fromNewest(*first), oldest);
   *last = std::min(fromNewest(*last), newest);

@@ -1,8 +1,6 @@
 #include "log/logfile_sink.h"
 
 #include <algorithm>
-#include <limits>
-#include <optional>
 #include <stdexcept>
 #include <utility>
 
@@ -11,26 +9,16 @@
 namespace qorp::log {
 namespace {
 
-// Numbers beyond it are damage: nobody has written that many lines.
-constexpr std::int64_t kHighestNumber = std::numeric_limits<std::int64_t>::max() / 2;
+// What stands in a file may be any number.
+std::int64_t Next(std::int64_t number) {
+  return static_cast<std::int64_t>(static_cast<std::uint64_t>(number) + 1);
+}
 
 std::uint32_t CheckedSize(std::int32_t bytes) {
   if (bytes < 0) {
     throw std::invalid_argument("the size of a log file cannot be below 0");
   }
   return static_cast<std::uint32_t>(bytes);
-}
-
-// The answer of parse; nothing when the line is damaged.
-template <typename Parse>
-auto Survive(Parse parse) -> std::optional<decltype(parse())> {
-  try {
-    return parse();
-  } catch (const std::invalid_argument&) {
-    return std::nullopt;
-  } catch (const std::out_of_range&) {
-    return std::nullopt;
-  }
 }
 
 }  // namespace
@@ -79,7 +67,7 @@ void logfile_sink::Write(std::int32_t level, const LogTime& time, const char* te
     file_.Append(FormatLogLine(nextNumber_, entry), maxSize);
   }
   history_.Insert(nextNumber_, std::move(entry));
-  ++nextNumber_;
+  nextNumber_ = Next(nextNumber_);
 }
 
 // After a failed write the history already holds the lines of the file, and more.
@@ -94,7 +82,13 @@ void logfile_sink::Open(const std::string& path) {
   }
   file_.Open(path, os::File::Access::kReadWrite);
   if (file_.IsOpen() && rebuiltPath_.empty()) {
-    Rebuild();
+    try {
+      Rebuild();
+    } catch (...) {
+      // Nothing is written over lines that were not understood; the next line tries again.
+      file_.Close();
+      throw;
+    }
     rebuiltPath_ = path;
   }
 }
@@ -106,9 +100,8 @@ void logfile_sink::Rebuild() {
   nextNumber_ = 0;
   bool isNumbered = false;
   const auto insert = [&](std::string_view line) {
-    if (auto entry = Survive([&] { return ParseLogLine(line); })) {
-      history_.Insert(nextNumber_++, std::move(*entry));
-    }
+    history_.Insert(nextNumber_, ParseLogLine(line));
+    nextNumber_ = Next(nextNumber_);
   };
   file_.ReadOldest([&](std::string_view line, std::uint64_t) {
     if (!IsLogLine(line)) {
@@ -116,9 +109,8 @@ void logfile_sink::Rebuild() {
     }
     if (isNumbered) {
       insert(line);
-    } else if (const auto number = Survive([&] { return ParseLogLineNumber(line); });
-               number && *number >= 0 && *number <= kHighestNumber) {
-      nextNumber_ = *number;
+    } else {
+      nextNumber_ = ParseLogLineNumber(line);
       isNumbered = true;
     }
     return true;

@@ -25,7 +25,9 @@ struct LogFileOptions {
 //
 // Without a file, or while it cannot be written, lines still reach the history; every further line
 // tries to open the file again. When a file is opened under a new path, history and line numbers
-// are rebuilt from it: what the history held is gone. Lines of it that are damaged are left out.
+// are rebuilt from it: what the history held is gone. Lines without five fields are left out. A
+// line with a number that is none makes Write throw, with every further line, and leaves the file
+// as it is: its owner moves the file or gives another path.
 class logfile_sink final : public ILogSink {
  public:
   // Throws std::invalid_argument for a size below 0.
@@ -38,6 +40,8 @@ class logfile_sink final : public ILogSink {
   // Throws std::invalid_argument for a size below 0.
   void SetMaxSize(std::int32_t bytes);
 
+  // Throws std::invalid_argument and std::out_of_range as the functions of log_line.h do, for a
+  // file that is being opened.
   void Write(std::int32_t level, const LogTime& time, const char* text) override;
 
   // See LogHistory. Throws std::runtime_error "History is empty" when there are no lines.

@@ -1,6 +1,7 @@
 #include "media/dynamic_input_pin.h"
 
 #include "media/external_metadata_media_sample.h"
+#include "platform/baseclasses/com_boundary.h"
 #include "platform/dshow/vfw_errors.h"
 #include "util/exceptions.h"
 
@@ -27,10 +28,14 @@ HRESULT CInputPinWithDynamicMediaType::ReceiveConnection(IPin* connector,
   }
   const bool reconnects = m_Connected && IsSameObject(m_Connected.Get(), connector);
   SetConnected(connector);
-  hr = SetMediaType(&proposed);
-  typePending = true;
+  {
+    const CAutoLock change(&typeLock);
+    hr = AtComBoundary([&] { return SetMediaType(&proposed); });
+    typePending = true;
+  }
   if (SUCCEEDED(hr)) {
-    hr = reconnects ? OnReconnect(connector) : CompleteConnect(connector);
+    hr = AtComBoundary(
+        [&] { return reconnects ? OnReconnect(connector) : CompleteConnect(connector); });
     if (SUCCEEDED(hr)) {
       return S_OK;
     }
@@ -48,39 +53,58 @@ HRESULT CInputPinWithDynamicMediaType::Receive(IMediaSample* sample) {
     return ReceiveTyped(sample);
   } catch (const COMException& error) {
     return error.code();
-  } catch (const std::exception&) {
+  } catch (...) {
     return E_FAIL;
   }
 }
 
 HRESULT CInputPinWithDynamicMediaType::ReceiveTyped(IMediaSample* sample) {
-  AM_MEDIA_TYPE* brought = nullptr;
-  HRESULT hr = sample->GetMediaType(&brought);
-  const OwnedMediaType owned(brought);
+  OwnedMediaType brought;
+  HRESULT hr = ReadMediaType(sample, &brought);
   if (FAILED(hr)) {
     return hr;
   }
-  if (hr == S_OK) {
-    const CMediaType type(*owned);
-    hr = SetMediaType(&type);
-    if (FAILED(hr)) {
-      return hr;
-    }
-    typePending = false;
-    return OnReceive(sample);
+  if (brought != nullptr) {
+    hr = FollowSample(CMediaType(*brought));
+    return FAILED(hr) ? hr : OnReceive(sample);
   }
   if (!typePending) {
     return OnReceive(sample);
   }
   CMediaType connectionType;
-  ThrowIfFailed(ConnectionMediaType(&connectionType));
-  const ComPtr<IMediaSample> wrapper = CExternalMetaDataMediaSample::Create(sample);
-  hr = wrapper->SetMediaType(&connectionType);
-  if (FAILED(hr)) {
-    return hr;
+  ThrowIfFailed(TakePendingType(&connectionType));
+  ComPtr<IMediaSample> wrapper;
+  try {
+    wrapper = CExternalMetaDataMediaSample::Create(sample);
+    ThrowIfFailed(wrapper->SetMediaType(&connectionType));
+  } catch (...) {
+    // The next sample is another try.
+    typePending = true;
+    throw;
   }
-  typePending = false;
   return OnReceive(wrapper.Get());
+}
+
+// The flag is cleared before the type is set or read: a connection that comes in between sets it
+// again.
+HRESULT CInputPinWithDynamicMediaType::FollowSample(const CMediaType& type) {
+  const CAutoLock change(&typeLock);
+  const bool wasPending = typePending.exchange(false);
+  const HRESULT hr = SetMediaType(&type);
+  if (FAILED(hr) && wasPending) {
+    typePending = true;
+  }
+  return hr;
+}
+
+HRESULT CInputPinWithDynamicMediaType::TakePendingType(CMediaType* type) {
+  const CAutoLock change(&typeLock);
+  typePending = false;
+  const HRESULT hr = ConnectionMediaType(type);
+  if (FAILED(hr)) {
+    typePending = true;
+  }
+  return hr;
 }
 
 HRESULT CInputPinWithDynamicMediaType::NotifyAllocator(IMemAllocator* allocator, BOOL readOnly) {

@@ -9,8 +9,10 @@
 // codes.
 //
 // ReceiveConnection runs on the application's thread under the pin's lock; Receive on the upstream
-// filter's streaming thread without it. The streaming state is not consulted: a derived OnReceive
-// that wants the base checks calls CBaseInputPin::Receive itself.
+// filter's streaming thread without it. Where both change the media type, the type lock makes each
+// change one step: a connection that is made while a sample is received is never lost. It is taken
+// after the pin's lock. The streaming state is not consulted: a derived OnReceive that wants the
+// base checks calls CBaseInputPin::Receive itself.
 class CInputPinWithDynamicMediaType : public CBaseInputPin {
  public:
   CInputPinWithDynamicMediaType(const char* objectName, CBaseFilter* filter, CCritSec* lock,
@@ -18,8 +20,8 @@ class CInputPinWithDynamicMediaType : public CBaseInputPin {
 
   // The pin that is already connected connects again; called instead of CompleteConnect.
   virtual HRESULT OnReconnect(IPin* pin);
-  // Processes one sample. May throw: a COMException is answered with its code, any other
-  // std::exception with E_FAIL.
+  // Processes one sample. May throw: a COMException is answered with its code, anything else with
+  // E_FAIL.
   virtual HRESULT OnReceive(IMediaSample* sample) = 0;
 
   HRESULT ReceiveConnection(IPin* connector, const AM_MEDIA_TYPE* type) override;
@@ -29,7 +31,10 @@ class CInputPinWithDynamicMediaType : public CBaseInputPin {
 
  private:
   HRESULT ReceiveTyped(IMediaSample* sample);
+  HRESULT FollowSample(const CMediaType& type);
+  HRESULT TakePendingType(CMediaType* type);
 
-  // The next sample that brings no type of its own gets the connection's.
+  CCritSec typeLock;  // recursive: a derived SetMediaType may lead back here
+  // The next sample that brings no type of its own gets the connection's. Changed under typeLock.
   std::atomic<bool> typePending{true};
 };

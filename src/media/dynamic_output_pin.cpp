@@ -2,6 +2,7 @@
 
 #include "media/external_metadata_media_sample.h"
 #include "platform/dshow/vfw_errors.h"
+#include "util/exceptions.h"
 
 namespace {
 
@@ -22,25 +23,36 @@ COutputPinWithDynamicMediaType::~COutputPinWithDynamicMediaType() {
 }
 
 HRESULT COutputPinWithDynamicMediaType::Deliver(IMediaSample* sample) {
-  if (!typePending) {
+  // Cleared before the type is read: a change in between sets it again.
+  if (!typePending.exchange(false)) {
     return WithoutSuccessCodes(CBaseOutputPin::Deliver(sample));
   }
+  ComPtr<IMediaSample> wrapper;
+  HRESULT hr = E_UNEXPECTED;
+  try {
+    hr = WrapWithType(sample, &wrapper);
+  } catch (const COMException& error) {
+    hr = error.code();
+  } catch (const std::bad_alloc&) {
+    hr = E_OUTOFMEMORY;
+  }
+  if (FAILED(hr)) {
+    typePending = true;
+    return hr;
+  }
+  return WithoutSuccessCodes(CBaseOutputPin::Deliver(wrapper.Get()));
+}
+
+HRESULT COutputPinWithDynamicMediaType::WrapWithType(IMediaSample* sample,
+                                                     ComPtr<IMediaSample>* wrapper) {
   CMediaType connectionType;
   HRESULT hr = ConnectionMediaType(&connectionType);
   if (FAILED(hr)) {
     return hr;
   }
-  const ComPtr<IMediaSample> wrapper = CExternalMetaDataMediaSample::Create(sample);
-  hr = wrapper->SetMediaType(&connectionType);
-  if (FAILED(hr)) {
-    return hr;
-  }
-  hr = SetMediaType(&connectionType);
-  if (FAILED(hr)) {
-    return hr;
-  }
-  typePending = false;
-  return WithoutSuccessCodes(CBaseOutputPin::Deliver(wrapper.Get()));
+  *wrapper = CExternalMetaDataMediaSample::Create(sample);
+  hr = (*wrapper)->SetMediaType(&connectionType);
+  return FAILED(hr) ? hr : SetMediaType(&connectionType);
 }
 
 HRESULT COutputPinWithDynamicMediaType::ChangeMediaType(const CMediaType& type, bool reconnect) {
@@ -63,8 +75,9 @@ HRESULT COutputPinWithDynamicMediaType::ChangeMediaType(const CMediaType& type, 
   if (FAILED(hr)) {
     return hr;
   }
+  hr = SetMediaType(&type);
   typePending = true;
-  return WithoutSuccessCodes(SetMediaType(&type));
+  return WithoutSuccessCodes(hr);
 }
 
 HRESULT COutputPinWithDynamicMediaType::AskPeer(IPin* peer, const CMediaType& type) {

@@ -20,6 +20,7 @@ class COutputPinWithDynamicMediaType : public CBaseOutputPin {
   HRESULT ChangeMediaType(const CMediaType& type, bool reconnect);
 
  private:
+  HRESULT WrapWithType(IMediaSample* sample, ComPtr<IMediaSample>* wrapper);
   HRESULT AskPeer(IPin* peer, const CMediaType& type);
   HRESULT ReconnectWith(IPin* peer, const CMediaType& type);
 

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <new>
 
+#include "platform/dshow/reference_time.h"
 #include "platform/dshow/vfw_errors.h"
 #include "util/exceptions.h"
 
@@ -18,7 +20,7 @@ bool IsSet(HRESULT answer) {
 }  // namespace
 
 ComPtr<IMediaSample> CExternalMetaDataMediaSample::Create(IMediaSample* sample) {
-  return ComPtr<IMediaSample>(new CExternalMetaDataMediaSample(sample));
+  return ComPtr<IMediaSample>(std::make_unique<CExternalMetaDataMediaSample>(sample).release());
 }
 
 CExternalMetaDataMediaSample::CExternalMetaDataMediaSample(IMediaSample* sample)
@@ -51,12 +53,11 @@ void CExternalMetaDataMediaSample::CopyFlags() {
 }
 
 void CExternalMetaDataMediaSample::CopyTypeAndStream() {
-  AM_MEDIA_TYPE* type = nullptr;
-  ThrowIfFailed(sample_->GetMediaType(&type));
-  wrappedType_.reset(type);
-  if (const ComPtr<IMediaSample2> sample2 = sample_.As<IMediaSample2>()) {
-    AM_SAMPLE2_PROPERTIES all{};
-    ThrowIfFailed(sample2->GetProperties(sizeof(all), reinterpret_cast<BYTE*>(&all)));
+  ThrowIfFailed(ReadMediaType(sample_.Get(), &wrappedType_));
+  const ComPtr<IMediaSample2> sample2 = sample_.As<IMediaSample2>();
+  AM_SAMPLE2_PROPERTIES all{};
+  // A sample that does not tell them is wrapped without.
+  if (sample2 && SUCCEEDED(sample2->GetProperties(sizeof(all), reinterpret_cast<BYTE*>(&all)))) {
     typeSpecificFlags_ = all.dwTypeSpecificFlags;
     streamId_ = all.dwStreamId;
     SetFlag(AM_SAMPLE_TIMEDISCONTINUITY, (all.dwSampleFlags & AM_SAMPLE_TIMEDISCONTINUITY) != 0);
@@ -64,12 +65,7 @@ void CExternalMetaDataMediaSample::CopyTypeAndStream() {
 }
 
 void CExternalMetaDataMediaSample::CopyProperties() {
-  // One of our own hands over whatever is stored; the interface can only be asked for known
-  // numbers.
-  if (const auto* const own = dynamic_cast<CExternalMetaDataMediaSample*>(sample_.Get())) {
-    properties_ = own->properties_;
-    return;
-  }
+  // The interface can be asked for known numbers only.
   const ComPtr<IMediaSample3> sample3 = sample_.As<IMediaSample3>();
   if (!sample3) {
     return;
@@ -77,7 +73,7 @@ void CExternalMetaDataMediaSample::CopyProperties() {
   for (const MediaProperty& property : kMediaProperties) {
     const BYTE* bytes = nullptr;
     ULONG length = 0;
-    if (SUCCEEDED(sample3->GetProperty(property.id, &bytes, &length))) {
+    if (SUCCEEDED(sample3->GetProperty(property.id, &bytes, &length)) && bytes != nullptr) {
       ThrowIfFailed(SetProperty(property.id, bytes, length));
     }
   }
@@ -115,7 +111,7 @@ HRESULT CExternalMetaDataMediaSample::GetTime(REFERENCE_TIME* start, REFERENCE_T
   }
   *start = start_;
   if ((flags_ & AM_SAMPLE_STOPVALID) == 0) {
-    *stop = start_ + 1;
+    *stop = AddTimes(start_, 1);
     return VFW_S_NO_STOP_TIME;
   }
   *stop = stop_;

@@ -12,8 +12,8 @@
 
 // Wraps a sample that belongs to somebody else, so that a media type can be attached to it (or its
 // times changed) without touching it. Buffer, size and length of the data are the wrapped sample's,
-// read and set there; times, flags, properties and stream are copied once and then the wrapper's
-// own; the media type starts empty.
+// read and set there; times, flags, the known properties and the stream are copied once and then
+// the wrapper's own; the media type starts empty.
 //
 // Holds one reference of the wrapped sample for its own life. References may be counted on any
 // thread; everything else belongs to the thread that the sample has been handed to.

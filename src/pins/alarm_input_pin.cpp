@@ -3,6 +3,7 @@
 #include <limits>
 
 #include "filter/compose.h"
+#include "platform/dshow/reference_time.h"
 #include "platform/dshow/vfw_errors.h"
 
 namespace {
@@ -83,7 +84,8 @@ HRESULT CComposeAlarmInputPin<T>::OnReceive(IMediaSample* sample) {
   if (FAILED(timed)) {
     return timed;
   }
-  records.push(start + videoPin->TimeOffset() + videoPin->Latency(), std::move(record));
+  records.push(AddTimes(AddTimes(start, videoPin->TimeOffset()), videoPin->Latency()),
+               std::move(record));
   return S_OK;
 }
 

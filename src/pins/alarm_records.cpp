@@ -1,17 +1,21 @@
 #include "pins/alarm_records.h"
 
+#include <span>
+
 #include "util/exceptions.h"
 
 namespace {
 
-// Payload of a sample, at least `least` bytes long.
-const BYTE* Payload(IMediaSample* sample, LONG least) {
+// Payload of a sample, at least `least` bytes long and no longer than its buffer.
+std::span<const BYTE> Payload(IMediaSample* sample, LONG least) {
   BYTE* bytes = nullptr;
   ThrowIfFailed(sample->GetPointer(&bytes));
-  if (sample->GetActualDataLength() < least) {
+  const LONG length = sample->GetActualDataLength();
+  if (length < least || length > sample->GetSize()) {
     throw kInvalidSampleSize;
   }
-  return bytes;
+  ThrowIfFailed(bytes != nullptr || length == 0 ? S_OK : E_POINTER);
+  return {bytes, static_cast<std::size_t>(length)};
 }
 
 std::int32_t BigEndian32(const BYTE* bytes) {
@@ -22,18 +26,18 @@ std::int32_t BigEndian32(const BYTE* bytes) {
 }  // namespace
 
 void ParseRecord(IMediaSample* sample, UTF8TextSampleType* text) {
-  const BYTE* const bytes = Payload(sample, 0);
-  text->assign(bytes, bytes + sample->GetActualDataLength());
+  const std::span<const BYTE> bytes = Payload(sample, 0);
+  text->assign(bytes.begin(), bytes.end());
 }
 
 void ParseRecord(IMediaSample* sample, AudioAlarm* record) {
-  const BYTE* const bytes = Payload(sample, AudioAlarm::kWireBytes);
+  const std::span<const BYTE> bytes = Payload(sample, AudioAlarm::kWireBytes);
   record->alarmEnabled = bytes[0];
   record->alarmCondition1 = bytes[1];
   record->alarmCondition2 = bytes[2];
   record->metersEnabled = bytes[3];
   record->channelCount = static_cast<std::int8_t>(bytes[4]);
-  const BYTE* value = bytes + 5;
+  const BYTE* value = &bytes[5];
   for (auto* const values : {&record->levels, &record->peaks}) {
     for (std::int32_t& entry : *values) {
       entry = BigEndian32(value);
@@ -43,7 +47,7 @@ void ParseRecord(IMediaSample* sample, AudioAlarm* record) {
 }
 
 void ParseRecord(IMediaSample* sample, VideoAlarm* record) {
-  const BYTE* const bytes = Payload(sample, VideoAlarm::kWireBytes);
+  const std::span<const BYTE> bytes = Payload(sample, VideoAlarm::kWireBytes);
   record->alarm = bytes[0];
   record->extra = bytes[1];
 }

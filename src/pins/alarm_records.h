@@ -45,10 +45,11 @@ struct VideoAlarm {
 };
 
 // Read a record from a sample's payload. Throw COMException when the payload cannot be reached, and
-// kInvalidSampleSize, a plain text, when it is too short for the record; a label text may be empty.
+// kInvalidSampleSize, a plain text, when it is too short for the record or longer than the sample's
+// buffer; a label text may be empty.
 void ParseRecord(IMediaSample* sample, UTF8TextSampleType* text);
 void ParseRecord(IMediaSample* sample, AudioAlarm* record);
 void ParseRecord(IMediaSample* sample, VideoAlarm* record);
 
-// Thrown as const char*: whoever hands samples on answers it at the COM face.
+// Thrown as const char*: the pin answers it at the COM boundary.
 inline constexpr const char* kInvalidSampleSize = "Invalid sample size";

@@ -6,6 +6,7 @@
 
 #include "filter/compose.h"
 #include "pins/audio_output_pin.h"
+#include "platform/dshow/reference_time.h"
 #include "platform/dshow/vfw_errors.h"
 #include "platform/os/ticks.h"
 #include "util/exceptions.h"
@@ -26,8 +27,26 @@ constexpr GUID kAcceptedSubtypes[] = {
     kProductCompressedAudio,
 };
 
-// Times, flags, media type and bytes of a packet. The target's buffer is at least as large as the
-// source's: the output pin took over the input allocator's properties.
+// The bytes of a packet. The output pin took over the input allocator's properties, but what a
+// sample says of itself need not be true: one that claims more bytes than its buffer has, or than
+// the target's, is refused.
+void CopyBytes(IMediaSample* source, IMediaSample* target) {
+  const LONG length = source->GetActualDataLength();
+  if (length < 0 || length > source->GetSize() || length > target->GetSize()) {
+    throw COMException(VFW_E_BUFFER_OVERFLOW);
+  }
+  ThrowIfFailed(target->SetActualDataLength(length));
+  BYTE* from = nullptr;
+  BYTE* to = nullptr;
+  ThrowIfFailed(source->GetPointer(&from));
+  ThrowIfFailed(target->GetPointer(&to));
+  if (length > 0) {
+    ThrowIfFailed(from != nullptr && to != nullptr ? S_OK : E_POINTER);
+    std::memcpy(to, from, static_cast<std::size_t>(length));
+  }
+}
+
+// Times, flags, media type and bytes of a packet.
 void CopySampleProperties(IMediaSample* source, IMediaSample* target) {
   REFERENCE_TIME start = 0;
   REFERENCE_TIME stop = 0;
@@ -43,23 +62,16 @@ void CopySampleProperties(IMediaSample* source, IMediaSample* target) {
   if (source->IsPreroll() == S_OK) {
     ThrowIfFailed(target->SetPreroll(TRUE));
   }
-  AM_MEDIA_TYPE* carried = nullptr;
-  if (source->GetMediaType(&carried) == S_OK) {
-    const OwnedMediaType owned(carried);
-    ThrowIfFailed(target->SetMediaType(owned.get()));
+  OwnedMediaType carried;
+  if (ReadMediaType(source, &carried) == S_OK) {
+    ThrowIfFailed(target->SetMediaType(carried.get()));
   }
   LONGLONG mediaStart = 0;
   LONGLONG mediaStop = 0;
   if (source->GetMediaTime(&mediaStart, &mediaStop) == S_OK) {
     ThrowIfFailed(target->SetMediaTime(&mediaStart, &mediaStop));
   }
-  const LONG length = source->GetActualDataLength();
-  ThrowIfFailed(target->SetActualDataLength(length));
-  BYTE* from = nullptr;
-  BYTE* to = nullptr;
-  ThrowIfFailed(source->GetPointer(&from));
-  ThrowIfFailed(target->GetPointer(&to));
-  std::memcpy(to, from, static_cast<std::size_t>(length));
+  CopyBytes(source, target);
 }
 
 }  // namespace
@@ -110,15 +122,15 @@ HRESULT CComposeInputAudioCompressedPin::OnReceive(IMediaSample* sample) {
     return timed;
   }
   ComPtr<IMediaSample> copy;
-  if (pairedOutput->GetDeliveryBuffer(copy.Put(), nullptr, nullptr, 0) != S_OK) {
+  if (pairedOutput->GetDeliveryBuffer(copy.Put(), nullptr, nullptr, 0) != S_OK || !copy) {
     return S_OK;
   }
   CopySampleProperties(sample, copy.Get());
   if (SUCCEEDED(timed)) {
     const CComposeInputVideoWindowPin& window = *filter->inputs.at(static_cast<LONG>(index)).video;
-    const REFERENCE_TIME shift = window.TimeOffset() + window.Latency();
-    start += shift;
-    stop += shift;
+    const REFERENCE_TIME shift = AddTimes(window.TimeOffset(), window.Latency());
+    start = AddTimes(start, shift);
+    stop = AddTimes(stop, shift);
     hr = copy->SetTime(&start, &stop);
     if (FAILED(hr)) {
       return hr;

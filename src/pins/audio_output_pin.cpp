@@ -23,10 +23,17 @@ HRESULT CComposeOutputAudioCompressedPin::GetMediaType(int position, CMediaType*
   if (position != 0) {
     return VFW_S_NO_MORE_ITEMS;
   }
+  return type != nullptr ? CopyInputType(type) : E_POINTER;
+}
+
+HRESULT CComposeOutputAudioCompressedPin::CopyInputType(CMediaType*& type) {
+  const auto entry = filter->inputs.find(static_cast<LONG>(index));
+  if (entry == filter->inputs.end()) {
+    return E_FAIL;
+  }
   CMediaType input;
-  const HRESULT hr =
-      filter->inputs.at(static_cast<LONG>(index)).audioInput->ConnectionMediaType(&input);
-  return FAILED(hr) ? hr : type->Set(input);
+  const HRESULT hr = entry->second.audioInput->ConnectionMediaType(&input);
+  return FAILED(hr) ? hr : HandOut(std::move(input), type);
 }
 
 HRESULT CComposeOutputAudioCompressedPin::DecideBufferSize(IMemAllocator* allocator,

@@ -17,8 +17,12 @@ class CComposeOutputAudioCompressedPin final : public CBaseOutputPin {
   // Any audio type with a subtype; what the input carries is only the first proposal.
   HRESULT CheckMediaType(const CMediaType* type) override;
   HRESULT CompleteConnect(IPin* pin) override;
-  // The input pin's type at position 0; its error while it is not connected.
+  // The input pin's type at position 0; its error while it is not connected. E_POINTER without a
+  // type to fill.
   HRESULT GetMediaType(int position, CMediaType* type) override;
+  // The same; *type is filled or, when it is null, a copy is handed out to the caller (E_FAIL
+  // without memory).
+  HRESULT CopyInputType(CMediaType*& type);
   HRESULT DecideBufferSize(IMemAllocator* allocator, ALLOCATOR_PROPERTIES* request) override;
   HRESULT Disconnect() override;
 

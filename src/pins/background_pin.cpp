@@ -1,6 +1,7 @@
 #include "pins/background_pin.h"
 
 #include "filter/compose.h"
+#include "platform/dshow/reference_time.h"
 #include "platform/dshow/vfw_errors.h"
 
 CComposeInputVideoBackgroundPin::CComposeInputVideoBackgroundPin(CCompose* composer, CCritSec* lock,
@@ -19,8 +20,8 @@ HRESULT CComposeInputVideoBackgroundPin::OnReceive(IMediaSample* sample) {
   REFERENCE_TIME stop = 0;
   const HRESULT timed = sample->GetTime(&start, &stop);
   if (timed == VFW_E_SAMPLE_TIME_NOT_SET) {
-    start = filter->lastBackgroundStart + frameDuration;
-    stop = start + frameDuration;
+    start = AddTimes(filter->lastBackgroundStart, frameDuration);
+    stop = AddTimes(start, frameDuration);
     const HRESULT stamped = sample->SetTime(&start, &stop);
     if (FAILED(stamped)) {
       filter->logger.load()->log(qorp::log::kError,

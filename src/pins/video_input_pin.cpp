@@ -72,10 +72,10 @@ HRESULT CComposeInputVideoPin::ReadVideoFormat(const CMediaType& type, LONG* wid
     return S_FALSE;
   }
   // A VIDEOINFOHEADER, which the connection accepts, never changes the frame duration or the size.
-  if (type.formattype != FORMAT_VideoInfo2 || type.cbFormat < sizeof(VIDEOINFOHEADER2)) {
+  const auto* const format = FormatBlock<VIDEOINFOHEADER2>(type);
+  if (type.formattype != FORMAT_VideoInfo2 || format == nullptr) {
     return S_FALSE;
   }
-  const auto* const format = reinterpret_cast<const VIDEOINFOHEADER2*>(type.pbFormat);
   frameDuration = format->AvgTimePerFrame;
   *width = format->bmiHeader.biWidth;
   *height = format->bmiHeader.biHeight;

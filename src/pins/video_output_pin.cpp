@@ -20,13 +20,17 @@ HRESULT CComposeOutputVideoPin::CheckMediaType(const CMediaType* type) {
 }
 
 HRESULT CComposeOutputVideoPin::GetMediaType(int position, CMediaType* type) {
-  return position != 0 ? VFW_S_NO_MORE_ITEMS : filter->BuildOutputMediaType(type);
+  if (position != 0) {
+    return VFW_S_NO_MORE_ITEMS;
+  }
+  // A type that is allocated here would never reach the caller.
+  return type != nullptr ? filter->BuildOutputMediaType(type) : E_POINTER;
 }
 
 HRESULT CComposeOutputVideoPin::DecideBufferSize(IMemAllocator* allocator,
                                                  ALLOCATOR_PROPERTIES* request) {
   request->cBuffers = std::max(request->cBuffers, kMinOutputBuffers);
-  request->cbBuffer = static_cast<LONG>(PictureBytes(filter->outputWidth, filter->outputHeight));
+  request->cbBuffer = AnnouncedPictureBytes(filter->outputWidth, filter->outputHeight);
   request->cbAlign = 1;
   request->cbPrefix = 0;
   ALLOCATOR_PROPERTIES actual{};

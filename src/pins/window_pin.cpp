@@ -3,21 +3,17 @@
 #include <limits>
 
 #include "filter/compose.h"
+#include "platform/dshow/reference_time.h"
 #include "platform/dshow/vfw_errors.h"
 
 namespace {
 
-REFERENCE_TIME Distance(REFERENCE_TIME a, REFERENCE_TIME b) {
-  return a < b ? b - a : a - b;
-}
-
 bool CarriesType(IMediaSample* sample, CMediaType* type) {
-  AM_MEDIA_TYPE* carried = nullptr;
-  if (sample->GetMediaType(&carried) != S_OK) {
+  OwnedMediaType carried;
+  if (ReadMediaType(sample, &carried) != S_OK) {
     return false;
   }
-  const OwnedMediaType owned(carried);
-  *type = *owned;
+  *type = *carried;
   return true;
 }
 
@@ -59,7 +55,7 @@ HRESULT CComposeInputVideoWindowPin::OnReceive(IMediaSample* sample) {
     ReceiveTimed(sample, start, stop);
   } else if (timed == VFW_E_SAMPLE_TIME_NOT_SET) {
     start = nextStart;
-    stop = start + frameDuration;
+    stop = AddTimes(start, frameDuration);
     sample->SetTime(&start, &stop);
     queue.emplace_back(sample);
     nextStart = stop;
@@ -72,7 +68,7 @@ void CComposeInputVideoWindowPin::ReceiveTimed(IMediaSample* sample, REFERENCE_T
                                                REFERENCE_TIME stop) {
   qorp::log::ILogPerf* const logger = filter->logger.load();
   if (queue.size() >= kResyncHighWater) {
-    ReleaseOlderSamples(start - latency);
+    ReleaseOlderSamples(SubtractTimes(start, latency));
     logger->log(qorp::log::kWarning, "Composer audio/video #%d resynchronizes (+) (%d)",
                 static_cast<int>(index), static_cast<int>(queue.size()));
     ResetTimeOffset(sample);
@@ -86,7 +82,7 @@ void CComposeInputVideoWindowPin::ReceiveTimed(IMediaSample* sample, REFERENCE_T
   }
   // A stop time that is not credible advances the clock by one frame.
   const REFERENCE_TIME duration = frameDuration;
-  nextStart = stop > start + (duration >> 1) ? stop : start + duration;
+  nextStart = stop > AddTimes(start, duration >> 1) ? stop : AddTimes(start, duration);
   queue.emplace_back(sample);
 }
 
@@ -94,7 +90,7 @@ void CComposeInputVideoWindowPin::ResetTimeOffset(IMediaSample* sample) {
   REFERENCE_TIME start = 0;
   REFERENCE_TIME stop = 0;
   sample->GetTime(&start, &stop);
-  timeOffset = filter->lastBackgroundStart - start;
+  timeOffset = SubtractTimes(filter->lastBackgroundStart, start);
 }
 
 void CComposeInputVideoWindowPin::FlushSamples() {
@@ -136,18 +132,18 @@ void CComposeInputVideoWindowPin::ReleaseOlderSamples(REFERENCE_TIME time) {
 void CComposeInputVideoWindowPin::PickSample(REFERENCE_TIME frameTime,
                                              ComPtr<IMediaSample>* sample) {
   const CAutoLock guard(&queueLock);
-  const REFERENCE_TIME target = frameTime - timeOffset - latency;
+  const REFERENCE_TIME target = SubtractTimes(SubtractTimes(frameTime, timeOffset), latency);
   sample->Reset();
   CMediaType carried;
   CMediaType chosenType;
-  REFERENCE_TIME best = std::numeric_limits<REFERENCE_TIME>::max();
+  std::uint64_t best = std::numeric_limits<REFERENCE_TIME>::max();
   IMediaSample* chosen = nullptr;
   REFERENCE_TIME start = 0;
   for (const ComPtr<IMediaSample>& entry : queue) {
     CarriesType(entry.Get(), &carried);
     REFERENCE_TIME stop = 0;
     entry->GetTime(&start, &stop);
-    const REFERENCE_TIME distance = Distance(target, start);
+    const std::uint64_t distance = TimeDistance(target, start);
     if (distance < best) {
       best = distance;
       chosen = entry.Get();
@@ -157,6 +153,7 @@ void CComposeInputVideoWindowPin::PickSample(REFERENCE_TIME frameTime,
     }
   }
   if (chosen == nullptr) {
+    queue.clear();
     return;
   }
   *sample = ComPtr<IMediaSample>(chosen);
@@ -166,9 +163,9 @@ void CComposeInputVideoWindowPin::PickSample(REFERENCE_TIME frameTime,
   }
 }
 
-HRESULT CComposeInputVideoWindowPin::ReadType(IMediaSample* sample, AM_MEDIA_TYPE** type) {
+HRESULT CComposeInputVideoWindowPin::ReadType(IMediaSample* sample, OwnedMediaType* type) {
   const CAutoLock guard(&queueLock);
-  return sample->GetMediaType(type);
+  return ReadMediaType(sample, type);
 }
 
 HRESULT CComposeInputVideoWindowPin::ReadTime(IMediaSample* sample, REFERENCE_TIME* start,

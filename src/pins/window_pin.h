@@ -30,12 +30,13 @@ class CComposeInputVideoWindowPin final : public CComposeInputVideoPin {
   HRESULT CheckVideoFormat(const CMediaType& type, LONG* width, LONG* height) override;
 
   // Chooses the sample whose time is nearest to frameTime (composer time, 100 ns units); the
-  // earlier one on a tie. *sample is released first and holds none when the queue is empty. The
-  // chosen sample carries the format in force when it differs from the one of the last pick.
+  // earlier one on a tie. *sample is released first. The chosen sample carries the format in force
+  // when it differs from the one of the last pick. When there is nothing to choose, the queue is
+  // emptied in the same step, so that no sample is lost that comes afterwards.
   void PickSample(REFERENCE_TIME frameTime, ComPtr<IMediaSample>* sample);
-  // GetMediaType and GetTime of a sample that was picked. It may still be queued, and the streaming
+  // Media type and times of a sample that was picked. It may still be queued, and the streaming
   // thread moves format changes from sample to sample: safe to read here only.
-  HRESULT ReadType(IMediaSample* sample, AM_MEDIA_TYPE** type);
+  HRESULT ReadType(IMediaSample* sample, OwnedMediaType* type);
   HRESULT ReadTime(IMediaSample* sample, REFERENCE_TIME* start, REFERENCE_TIME* stop);
   // Drops queued samples that start before time (source time), except the last one. A format change
   // that a dropped sample announced moves to its successor.

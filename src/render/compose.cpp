@@ -23,24 +23,9 @@ void SetLabelText(Compose& labels, std::int32_t windowIndex, std::string_view te
 
 void DrawWindow(Label& label, const WindowState& window, const Yv12Picture& canvas,
                 const Ratio& pixelAspect) {
-  if (!window.enabled || window.picture == nullptr) {
+  if (!window.IsDrawn()) {
     return;
   }
   CopyPictureClipped(window.picture, window.w, window.h, canvas, window.x, window.y);
   label.Draw(window, canvas, pixelAspect);
-}
-
-void DrawWindows(Compose& labels, std::span<const WindowState> windows, std::uint8_t* canvas,
-                 std::int32_t width, std::int32_t height, std::int32_t aspectX,
-                 std::int32_t aspectY) {
-  const Yv12Picture picture{canvas, width, height};
-  const Ratio pixelAspect = PixelAspect(width, height, aspectX, aspectY);
-  std::int32_t index = 0;
-  for (const WindowState& window : windows) {
-    Label* const label = labels.Find(index++);
-    if (label == nullptr) {
-      break;
-    }
-    DrawWindow(*label, window, picture, pixelAspect);
-  }
 }

@@ -3,7 +3,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <span>
 #include <string_view>
 #include <vector>
 
@@ -32,10 +31,3 @@ void SetLabelText(Compose& labels, std::int32_t windowIndex, std::string_view te
 // it; does nothing for one that is not enabled or has no picture.
 void DrawWindow(Label& label, const WindowState& window, const Yv12Picture& canvas,
                 const Ratio& pixelAspect);
-
-// Draws every enabled window that has a picture, and its label. windows are in ascending order of
-// their inputs; the first one takes the first label, and so on; windows beyond the last label are
-// not drawn. canvas is a YV12 picture of width x height pixels that is shown at aspectX:aspectY.
-void DrawWindows(Compose& labels, std::span<const WindowState> windows, std::uint8_t* canvas,
-                 std::int32_t width, std::int32_t height, std::int32_t aspectX,
-                 std::int32_t aspectY);

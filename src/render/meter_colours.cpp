@@ -72,10 +72,9 @@ MeterColour BarColour(const BarStep& step, std::int64_t canvasRow, bool lit) {
     g = (g + grey) / 6.0f;
     b = (b + grey) / 6.0f;
   }
-  // The reflection is strong on yellow and red segments, where it takes green along.
-  const float warm = (red * 0.6f + 0.4f) * highlight;
-  r = std::min(1.0f, (warm + r) * brightness);
-  g = std::min(1.0f, (warm + g) * brightness);
+  // The reflection has the hue of its segment.
+  r = std::min(1.0f, ((red * 0.6f + 0.4f) * highlight + r) * brightness);
+  g = std::min(1.0f, ((green * 0.6f + 0.4f) * highlight + g) * brightness);
   b = std::min(1.0f, (0.4f * highlight + b) * brightness);
   // Not the conversion of the labels: these weights and offsets are the meter's own.
   return {Sample((0.254f * r + 0.504f * g + 0.098f * b + 0.0625f) * 219.0f + 16.5f),

@@ -133,7 +133,7 @@ void DrawBarRows(const MeterPanel& panel, const BarTable& table, std::int64_t le
 void MeterDrawer::Draw(const Yv12Picture& canvas, std::int32_t x, std::int32_t y,
                        std::int32_t width, std::int32_t height, std::span<const float> levels,
                        std::span<const float> peaks, bool alarm) {
-  if (width < 1 || height < 1) {
+  if (!Shows(width, height)) {
     return;
   }
   const MeterPanel panel(canvas, x, y, width, height, static_cast<std::int32_t>(levels.size()));

@@ -52,6 +52,32 @@ class Pixels {
   const Yv12Picture& canvas_;
 };
 
+// Of `count` places from `start` on those from 0 to below `limit`, counted from start.
+struct Visible {
+  Visible(std::int64_t start, std::int64_t count, std::int64_t limit)
+      : first(std::max<std::int64_t>(-start, 0)), end(std::min(count, limit - start)) {}
+
+  std::int64_t first;
+  std::int64_t end;
+};
+
+std::int64_t Bottom(const MeterPanel& panel) {
+  return panel.y + panel.height - 1 - panel.margin;
+}
+
+// Calls draw with every pixel of a rectangle that lies inside the canvas.
+template <typename Draw>
+void ForEachPixel(const Yv12Picture& canvas, std::int64_t x, std::int64_t y, std::int64_t width,
+                  std::int64_t height, const Draw& draw) {
+  const Visible rows(y, height, canvas.height);
+  const Visible columns(x, width, canvas.width);
+  for (std::int64_t r = rows.first; r < rows.end; ++r) {
+    for (std::int64_t c = columns.first; c < columns.end; ++c) {
+      draw(x + c, y + r);
+    }
+  }
+}
+
 }  // namespace
 
 MeterPanel::MeterPanel(const Yv12Picture& canvasIn, std::int32_t xIn, std::int32_t yIn,
@@ -68,7 +94,7 @@ MeterPanel::MeterPanel(const Yv12Picture& canvasIn, std::int32_t xIn, std::int32
   if (channels <= 0) {
     return;
   }
-  // A crowded panel gives up its margin and gaps for bars of two pixels or more.
+  // A crowded panel has no margin and gaps, so that its bars are two pixels wide or more.
   for (;;) {
     barWidth = (width - 2 * margin - gap * (channels - 1)) / channels;
     if (barWidth > 1 || (margin == 1 && gap == 0)) {
@@ -82,31 +108,46 @@ MeterPanel::MeterPanel(const Yv12Picture& canvasIn, std::int32_t xIn, std::int32
 void DrawMeterPanel(const MeterPanel& panel) {
   const Pixels pixels(panel.canvas);
   const VignetteShape shape(panel.width, panel.height);
-  for (std::int32_t r = 0; r < panel.height; ++r) {
-    for (std::int32_t c = 0; c < panel.width; ++c) {
-      const std::uint8_t opacity = shape.LumaOpacity(c, r);
-      pixels.BlendLuma(panel.x + c, panel.y + r, kPanelLuma, opacity);
-      // Once for each luma pixel: a chroma sample is blended up to four times, which takes more
-      // colour away than a single blend would.
-      pixels.BlendChroma(panel.x + c, panel.y + r, kNeutralChroma, kNeutralChroma, opacity / 4);
-    }
-  }
+  ForEachPixel(panel.canvas, panel.x, panel.y, panel.width, panel.height,
+               [&](std::int64_t x, std::int64_t y) {
+                 const std::uint8_t opacity =
+                     shape.LumaOpacity(static_cast<std::int32_t>(x - panel.x),
+                                       static_cast<std::int32_t>(y - panel.y));
+                 pixels.BlendLuma(x, y, kPanelLuma, opacity);
+                 // Once for each luma pixel: a chroma sample is blended up to four times, which
+                 // takes more colour away than a single blend would.
+                 pixels.BlendChroma(x, y, kNeutralChroma, kNeutralChroma, opacity / 4);
+               });
 
-  const auto frame = [&](std::int64_t x, std::int64_t y) {
-    pixels.BlendLuma(x, y, kFrameLuma, kFrameOpacity);
+  const auto line = [&](std::int64_t x, std::int64_t y, std::int64_t width, std::int64_t height) {
+    ForEachPixel(panel.canvas, x, y, width, height, [&](std::int64_t column, std::int64_t row) {
+      pixels.BlendLuma(column, row, kFrameLuma, kFrameOpacity);
+    });
   };
-  const auto inside = [&](std::int64_t y) {
-    for (std::int32_t c = 1; c < panel.width - 1; ++c) {
-      frame(panel.x + c, y);
-    }
-  };
-  inside(panel.y);
-  inside(panel.y + panel.height - 1);
-  for (std::int32_t r = 0; r < panel.height; ++r) {
-    frame(panel.x, panel.y + r);
-    frame(panel.x + panel.width - 1, panel.y + r);
+  line(panel.x + 1, panel.y, panel.width - 2, 1);
+  line(panel.x + 1, panel.y + panel.height - 1, panel.width - 2, 1);
+  line(panel.x, panel.y, 1, panel.height);
+  line(panel.x + panel.width - 1, panel.y, 1, panel.height);
+  line(panel.x + 1, panel.bandBottom, panel.width - 2, 1);
+}
+
+RowRange MeterRowsTouched(const MeterPanel& panel, std::span<const float> levels,
+                          std::span<const float> peaks) {
+  RowRange rows{panel.y, panel.y + panel.height};
+  if (panel.barWidth < 1) {
+    return rows;
   }
-  inside(panel.bandBottom);
+  const std::int64_t bottom = Bottom(panel);
+  rows.top = std::min(rows.top, bottom - panel.barLength + 1);
+  for (std::int32_t i = 0; i < panel.channels; ++i) {
+    const std::int64_t top = bottom - MeterRows(peaks[i], panel.barLength);
+    const std::int32_t marker =
+        std::min(MeterRows(levels[i], panel.barLength), PeakMarkerRows(panel.barLength));
+    if (marker > 0) {
+      rows = {std::min(rows.top, top), std::max(rows.bottom, top + marker)};
+    }
+  }
+  return rows;
 }
 
 std::int32_t MeterRows(float value, std::int32_t length) {
@@ -119,7 +160,7 @@ std::int32_t MeterRows(float value, std::int32_t length) {
 void DrawMeterBars(const MeterPanel& panel, std::span<const float> levels,
                    std::span<const float> peaks) {
   assert(std::ssize(levels) >= panel.channels && std::ssize(peaks) >= panel.channels);
-  const std::int64_t bottom = panel.y + panel.height - 1 - panel.margin;
+  const std::int64_t bottom = Bottom(panel);
   std::int64_t left = panel.x + panel.margin;
   for (std::int32_t i = 0; i < panel.channels; ++i) {
     const std::int32_t lit = MeterRows(levels[i], panel.barLength);
@@ -133,12 +174,11 @@ void DrawPeakMarker(const MeterPanel& panel, std::int64_t left, std::int64_t bot
                     std::int32_t lit, std::int32_t peak) {
   const Pixels pixels(panel.canvas);
   const std::int32_t rows = std::min(lit, PeakMarkerRows(panel.barLength));
-  for (std::int64_t row = bottom - peak; row < bottom - peak + rows; ++row) {
-    for (std::int64_t column = left; column < left + panel.barWidth; ++column) {
-      pixels.BlendLuma(column, row, kPeak.luma, kPeakLumaOpacity);
-      pixels.BlendChroma(column, row, kPeak.v, kPeak.u, kPeakChromaOpacity);
-    }
-  }
+  ForEachPixel(panel.canvas, left, bottom - peak, panel.barWidth, rows,
+               [&](std::int64_t column, std::int64_t row) {
+                 pixels.BlendLuma(column, row, kPeak.luma, kPeakLumaOpacity);
+                 pixels.BlendChroma(column, row, kPeak.v, kPeak.u, kPeakChromaOpacity);
+               });
 }
 
 void DrawMeterBar(const MeterPanel& panel, std::int64_t left, std::int64_t bottom,
@@ -146,9 +186,14 @@ void DrawMeterBar(const MeterPanel& panel, std::int64_t left, std::int64_t botto
   const Pixels pixels(panel.canvas);
   const std::int32_t litSegments = LitSegments(lit, length);
   BarChroma chroma;
-  for (std::int32_t step = 0; step < length; ++step) {
+  const Visible rows(bottom - length + 1, length, panel.canvas.height);  // from the top
+  const Visible opaque(left + 1, std::int64_t{width} - 2, panel.canvas.width);
+  const std::int64_t firstStep = length - rows.end;
+  // The chroma of a row depends on that of the row below.
+  for (std::int64_t step = std::max<std::int64_t>(firstStep - 1, 0); step < length - rows.first;
+       ++step) {
     const std::int64_t row = bottom - step;
-    const BarStep at(step, length);
+    const BarStep at(static_cast<std::int32_t>(step), length);
     const MeterColour colour = BarColour(at, row, at.segment < litSegments);
     const MeterColour shown = chroma.Average(row, colour);
     if (width <= 0) {
@@ -159,8 +204,9 @@ void DrawMeterBar(const MeterPanel& panel, std::int64_t left, std::int64_t botto
       pixels.BlendChroma(x, row, shown.v, shown.u, kBarEdgeOpacity);
     };
     edge(left);
-    for (std::int32_t c = 0; c < width - 2; ++c) {
-      const std::uint8_t luma = (shown.luma & 0xF8) | BarDither(left, row, c);
+    for (std::int64_t c = opaque.first; c < opaque.end; ++c) {
+      const std::uint8_t luma =
+          (shown.luma & 0xF8) | BarDither(left, row, static_cast<std::int32_t>(c));
       pixels.Set(left + 1 + c, row, luma, shown.v, shown.u);
     }
     if (width >= 2) {

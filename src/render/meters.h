@@ -1,8 +1,9 @@
 // The level meters inside a window: a darkened panel with a light frame, one segmented bar for each
 // audio channel, and a red box while an alarm is on.
 //
-// These operations compute every pixel anew and say what a meter looks like. The frame loop draws
-// through MeterDrawer, which gives the same bytes faster. Nothing outside the canvas is touched.
+// These operations compute every pixel and say what a meter looks like. The frame loop draws
+// through MeterDrawer, which gives the same bytes faster. Nothing outside the canvas is touched,
+// nor does it take time: a window may be of any size and anywhere.
 #pragma once
 
 #include <cstdint>
@@ -50,6 +51,17 @@ void DrawPeakMarker(const MeterPanel& panel, std::int64_t left, std::int64_t bot
 
 // The red box in the top band.
 void DrawAlarmIndicator(const MeterPanel& panel);
+
+// Rows of the canvas, bottom exclusive.
+struct RowRange {
+  std::int64_t top;
+  std::int64_t bottom;
+};
+// The rows that a meter touches: those of its panel, and more where bars or peak markers stick out
+// of it. In low windows bars do, and where a peak is far below its level the marker hangs under the
+// window.
+RowRange MeterRowsTouched(const MeterPanel& panel, std::span<const float> levels,
+                          std::span<const float> peaks);
 
 // How many of `length` rows a level or a peak reaches: 0 for -50 dB and below, length for 0 dB.
 std::int32_t MeterRows(float value, std::int32_t length);

@@ -7,9 +7,6 @@
 
 namespace {
 
-// Below that the parts of a meter may stick out of their window.
-constexpr std::int32_t kLeastHeight = 8;
-
 // Chroma samples cover two columns and rows from an even one on.
 std::int64_t EvenBelow(std::int64_t place) {
   return place - (place & 1);
@@ -18,71 +15,122 @@ std::int64_t EvenAbove(std::int64_t place) {
   return place + (place & 1);
 }
 
+std::size_t ChannelCount(const WindowOverlays& overlays) {
+  return static_cast<std::size_t>(std::clamp(overlays.channels, 0, WindowOverlays::kMaxChannels));
+}
+
 }  // namespace
 
-MosaicDrawer::Area MosaicDrawer::AreaOf(const WindowState& window) {
-  return {EvenBelow(window.x), EvenBelow(window.y), EvenAbove(std::int64_t{window.x} + window.w),
-          EvenAbove(std::int64_t{window.y} + window.h)};
+std::span<const float> WindowOverlays::Levels() const {
+  return std::span(levels).first(ChannelCount(*this));
+}
+std::span<const float> WindowOverlays::Peaks() const {
+  return std::span(peaks).first(ChannelCount(*this));
 }
 
-MosaicDrawer::Area MosaicDrawer::LabelAreaOf(const WindowState& window, std::int32_t canvasHeight) {
-  const std::optional<LabelRect> rect = LabelRectOf(window, canvasHeight);
-  return rect ? Area{EvenBelow(rect->left), EvenBelow(rect->top), EvenAbove(rect->right),
-                     EvenAbove(rect->bottom)}
-              : Area{};
-}
-
-void MosaicDrawer::FindSeparateWindows(std::span<const WindowState> windows,
-                                       std::span<const WindowMarks> marks,
-                                       const Yv12Picture& canvas) {
-  const std::size_t count = windows.size();
-  areas_.resize(count);
-  labelAreas_.resize(count);
-  separate_.resize(count);
-  bool drawable = true;
-  for (std::size_t i = 0; i < count; ++i) {
-    areas_[i] = AreaOf(windows[i]);
-    labelAreas_[i] = LabelAreaOf(windows[i], canvas.height);
-    separate_[i] = windows[i].h >= kLeastHeight ? 1 : 0;
-    drawable = drawable && (!marks[i].selected || SelectorFits(windows[i], canvas));
+bool SelectionsFit(std::span<const WindowState> windows, std::span<const WindowOverlays> overlays,
+                   const Yv12Picture& canvas) {
+  for (std::size_t i = 0; i < windows.size(); ++i) {
+    if (overlays[i].selected && !SelectorFits(windows[i], canvas)) {
+      return false;
+    }
   }
+  return true;
+}
+
+MosaicDrawer::Area MosaicDrawer::Area::Of(std::int64_t left, std::int64_t top, std::int64_t right,
+                                          std::int64_t bottom, const Yv12Picture& canvas) {
+  const Area area{EvenBelow(std::max<std::int64_t>(left, 0)),
+                  EvenBelow(std::max<std::int64_t>(top, 0)),
+                  EvenAbove(std::min<std::int64_t>(right, canvas.width)),
+                  EvenAbove(std::min<std::int64_t>(bottom, canvas.height))};
+  return area.left < area.right && area.top < area.bottom ? area : Area{};
+}
+
+void MosaicDrawer::Area::Include(const Area& other) {
+  if (IsEmpty()) {
+    *this = other;
+  } else if (!other.IsEmpty()) {
+    *this = {std::min(left, other.left), std::min(top, other.top), std::max(right, other.right),
+             std::max(bottom, other.bottom)};
+  }
+}
+
+MosaicDrawer::Area MosaicDrawer::OverlayArea(const WindowState& window,
+                                             const WindowOverlays& overlays,
+                                             const Yv12Picture& canvas) {
+  Area area;
+  if (overlays.selected) {
+    for (const SelectorBar& bar : SelectorFrame(window, canvas.height)) {
+      area.Include(
+          Area::Of(bar.x, bar.y, std::int64_t{bar.x} + bar.w, std::int64_t{bar.y} + bar.h, canvas));
+    }
+  }
+  if (overlays.metered && MeterDrawer::Shows(window.w / 10, window.h)) {
+    const MeterPanel panel(canvas, window.x, window.y, window.w / 10, window.h,
+                           static_cast<std::int32_t>(ChannelCount(overlays)));
+    const RowRange rows = MeterRowsTouched(panel, overlays.Levels(), overlays.Peaks());
+    area.Include(Area::Of(panel.x, rows.top, panel.x + panel.width, rows.bottom, canvas));
+  }
+  return area;
+}
+
+void MosaicDrawer::FindSeparateWindows(Compose& labels, std::span<const WindowState> windows,
+                                       std::span<const WindowOverlays> overlays,
+                                       const Yv12Picture& canvas) {
+  const bool drawable = SelectionsFit(windows, overlays, canvas);
+  footprints_.assign(windows.size(), {});
   if (!drawable) {
-    std::fill(separate_.begin(), separate_.end(), 0);
     return;
   }
-  for (std::size_t later = 1; later < count; ++later) {
+  for (std::size_t i = 0; i < windows.size(); ++i) {
+    const WindowState& window = windows[i];
+    Footprint& footprint = footprints_[i];
+    footprint.isSeparate = true;
+    footprint.overlays = OverlayArea(window, overlays[i], canvas);
+    const Label* const label = labels.Find(static_cast<std::int32_t>(i));
+    if (label == nullptr || !window.IsDrawn()) {
+      continue;
+    }
+    footprint.picture = Area::Of(window.x, window.y, std::int64_t{window.x} + window.w,
+                                 std::int64_t{window.y} + window.h, canvas);
+    const std::optional<LabelRect> rect = LabelRectOf(window, canvas.height);
+    if (rect && !label->Text().empty()) {
+      footprint.label = Area::Of(rect->left, rect->top, rect->right, rect->bottom, canvas);
+    }
+  }
+  for (std::size_t later = 1; later < windows.size(); ++later) {
+    Footprint& other = footprints_[later];
     for (std::size_t i = 0; i < later; ++i) {
-      if (areas_[i].Meets(areas_[later])) {
-        separate_[i] = separate_[later] = 0;
-      } else if (areas_[i].Meets(labelAreas_[later])) {
-        separate_[i] = 0;
+      Footprint& footprint = footprints_[i];
+      if (footprint.overlays.Meets(other.overlays)) {
+        footprint.isSeparate = other.isSeparate = false;
+      } else if (footprint.overlays.Meets(other.picture) || footprint.overlays.Meets(other.label)) {
+        footprint.isSeparate = false;
       }
     }
   }
 }
 
-void MosaicDrawer::DrawMeter(const WindowState& window, const WindowMarks& marks,
+void MosaicDrawer::DrawMeter(const WindowState& window, const WindowOverlays& overlays,
                              const Yv12Picture& canvas) {
-  const auto channels =
-      static_cast<std::size_t>(std::clamp(marks.channels, 0, WindowMarks::kMaxChannels));
-  meters_.Draw(canvas, window.x, window.y, window.w / 10, window.h,
-               std::span(marks.levels).first(channels), std::span(marks.peaks).first(channels),
-               marks.alarm);
+  meters_.Draw(canvas, window.x, window.y, window.w / 10, window.h, overlays.Levels(),
+               overlays.Peaks(), overlays.alarm);
 }
 
 void MosaicDrawer::Draw(Compose& labels, std::span<const WindowState> windows,
-                        std::span<const WindowMarks> marks, const Yv12Picture& canvas,
+                        std::span<const WindowOverlays> overlays, const Yv12Picture& canvas,
                         std::int32_t aspectX, std::int32_t aspectY) {
-  FindSeparateWindows(windows, marks, canvas);
+  FindSeparateWindows(labels, windows, overlays, canvas);
   const Ratio pixelAspect = PixelAspect(canvas.width, canvas.height, aspectX, aspectY);
-  const auto drawSelectors = [&](std::size_t i) {
-    if (marks[i].selected) {
+  const auto drawSelection = [&](std::size_t i) {
+    if (overlays[i].selected) {
       DrawSelector(windows[i], canvas);
     }
   };
-  const auto drawMeters = [&](std::size_t i) {
-    if (marks[i].metered) {
-      DrawMeter(windows[i], marks[i], canvas);
+  const auto drawMeter = [&](std::size_t i) {
+    if (overlays[i].metered) {
+      DrawMeter(windows[i], overlays[i], canvas);
     }
   };
 
@@ -90,19 +138,19 @@ void MosaicDrawer::Draw(Compose& labels, std::span<const WindowState> windows,
     if (Label* const label = labels.Find(static_cast<std::int32_t>(i))) {
       DrawWindow(*label, windows[i], canvas, pixelAspect);
     }
-    if (separate_[i] != 0) {
-      drawSelectors(i);
-      drawMeters(i);
+    if (footprints_[i].isSeparate) {
+      drawSelection(i);
+      drawMeter(i);
     }
   }
   for (std::size_t i = 0; i < windows.size(); ++i) {
-    if (separate_[i] == 0) {
-      drawSelectors(i);
+    if (!footprints_[i].isSeparate) {
+      drawSelection(i);
     }
   }
   for (std::size_t i = 0; i < windows.size(); ++i) {
-    if (separate_[i] == 0) {
-      drawMeters(i);
+    if (!footprints_[i].isSeparate) {
+      drawMeter(i);
     }
   }
 }

@@ -13,7 +13,7 @@
 #include "render/yv12.h"
 
 // What is drawn over a window's picture.
-struct WindowMarks {
+struct WindowOverlays {
   static constexpr std::int32_t kMaxChannels = 10;
 
   bool selected = false;
@@ -22,55 +22,73 @@ struct WindowMarks {
   std::array<float, kMaxChannels> levels{};  // 1 is full scale
   std::array<float, kMaxChannels> peaks{};
   bool alarm = false;
+
+  std::span<const float> Levels() const;  // of the channels
+  std::span<const float> Peaks() const;
 };
+
+// Whether the selection borders of all selected windows lie inside the canvas. overlays has one for
+// each of windows.
+bool SelectionsFit(std::span<const WindowState> windows, std::span<const WindowOverlays> overlays,
+                   const Yv12Picture& canvas);
 
 // The picture of a mosaic is what these passes leave behind, one after the other:
 //
 //   1. the windows in their order, each with its label
-//   2. the frames of the selected windows
+//   2. the borders of the selected windows
 //   3. the meters
 //
 // By the time of the last pass the rows of the first windows have left the processor's caches, and
-// reading them again costs more than drawing on them. So everything of a window is drawn at once
-// wherever that gives the same bytes: where no window drawn after it, nor that window's label,
-// touches a sample that it touches, and no other window's frame or meter does. That is every window
-// of a mosaic whose windows do not overlap, adjoining ones included. The marks of the others wait
-// for the passes, as all do when a frame cannot be drawn.
+// reading them again costs more than drawing on them. So the overlays of a window are drawn
+// together with it wherever that gives the same bytes: where they touch no sample of a picture or
+// label that is drawn later, nor of another window's overlays. That is every window of a mosaic
+// whose windows do not overlap, adjoining ones included, unless a peak marker hangs out of it. The
+// overlays of the others wait for the passes, as all do when a frame cannot be drawn.
 //
 // Owned by whoever composes the frames; one thread at a time. Allocates nothing while the windows
 // stay where they are and the labels what they are.
 class MosaicDrawer {
  public:
-  // canvas is shown at aspectX:aspectY. windows are matched with the labels as in DrawWindows;
-  // marks has one for each. Throws BadConfigException when the frame of a selected window does not
-  // lie inside the canvas: the windows are drawn then, the frames up to that one, and no meter.
+  // canvas is shown at aspectX:aspectY. The first window takes the first label, and so on; windows
+  // beyond the last label are not drawn, but their overlays are. overlays has one for each window.
+  // Throws BadConfigException when the border of a selected window does not lie inside the canvas:
+  // the windows are drawn then, the borders up to that one, and no meter.
   void Draw(Compose& labels, std::span<const WindowState> windows,
-            std::span<const WindowMarks> marks, const Yv12Picture& canvas, std::int32_t aspectX,
-            std::int32_t aspectY);
+            std::span<const WindowOverlays> overlays, const Yv12Picture& canvas,
+            std::int32_t aspectX, std::int32_t aspectY);
 
  private:
-  void FindSeparateWindows(std::span<const WindowState> windows, std::span<const WindowMarks> marks,
-                           const Yv12Picture& canvas);
-  void DrawMeter(const WindowState& window, const WindowMarks& marks, const Yv12Picture& canvas);
-
-  // Samples, from even ones on; right and bottom exclusive.
+  // Samples of the canvas, from even ones on; right and bottom exclusive. Nothing when all are 0.
   struct Area {
-    std::int64_t left;
-    std::int64_t top;
-    std::int64_t right;
-    std::int64_t bottom;
+    std::int64_t left = 0;
+    std::int64_t top = 0;
+    std::int64_t right = 0;
+    std::int64_t bottom = 0;
 
+    // What of a rectangle lies inside the canvas, with all pixels that share its chroma.
+    static Area Of(std::int64_t left, std::int64_t top, std::int64_t right, std::int64_t bottom,
+                   const Yv12Picture& canvas);
+    bool IsEmpty() const { return right == 0; }
+    void Include(const Area& other);
     bool Meets(const Area& other) const {
       return left < other.right && other.left < right && top < other.bottom && other.top < bottom;
     }
   };
-  // What a window touches, apart from its label.
-  static Area AreaOf(const WindowState& window);
-  static Area LabelAreaOf(const WindowState& window, std::int32_t canvasHeight);
+  // What a window touches.
+  struct Footprint {
+    Area picture;
+    Area label;
+    Area overlays;
+    bool isSeparate = false;  // whether its overlays are drawn together with it
+  };
+
+  static Area OverlayArea(const WindowState& window, const WindowOverlays& overlays,
+                          const Yv12Picture& canvas);
+  void FindSeparateWindows(Compose& labels, std::span<const WindowState> windows,
+                           std::span<const WindowOverlays> overlays, const Yv12Picture& canvas);
+  void DrawMeter(const WindowState& window, const WindowOverlays& overlays,
+                 const Yv12Picture& canvas);
 
   MeterDrawer meters_;
-  // For each window of the frame.
-  std::vector<Area> areas_;
-  std::vector<Area> labelAreas_;
-  std::vector<char> separate_;  // whether everything of it is drawn at once
+  std::vector<Footprint> footprints_;  // one for each window of the frame
 };

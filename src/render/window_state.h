@@ -12,4 +12,6 @@ struct WindowState {
   std::int32_t y = 0;
   std::int32_t w = 0;  // pixels
   std::int32_t h = 0;
+
+  bool IsDrawn() const { return enabled && picture != nullptr; }
 };

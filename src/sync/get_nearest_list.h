@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "platform/dshow/media_types.h"
+#include "platform/dshow/reference_time.h"
 #include "util/exceptions.h"
 
 // What happens to a value that leaves the list: nothing more than its destruction with the element.
@@ -98,7 +98,7 @@ class GetNearestList {
     auto best = elements_.begin();
     auto bestDistance = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
     for (auto element = elements_.begin(); element != elements_.end(); ++element) {
-      const std::uint64_t distance = Distance(time, element->time);
+      const std::uint64_t distance = TimeDistance(time, element->time);
       if (distance < bestDistance) {
         best = element;
         bestDistance = distance;
@@ -124,13 +124,6 @@ class GetNearestList {
     T value;
   };
   using Iterator = typename std::list<Element>::iterator;
-
-  // Exact for any two times: the difference of two signed 64-bit values needs all 64 bits.
-  static std::uint64_t Distance(REFERENCE_TIME a, REFERENCE_TIME b) {
-    const auto ua = static_cast<std::uint64_t>(a);
-    const auto ub = static_cast<std::uint64_t>(b);
-    return a < b ? ub - ua : ua - ub;
-  }
 
   void RemoveUpTo(Iterator end) {
     for (auto element = elements_.begin(); element != end; ++element) {

@@ -59,7 +59,8 @@ HRESULT CSyncInputPin::Receive(IMediaSample* sample) {
   if (FAILED(hr)) {
     return hr;
   }
-  if (sample->GetActualDataLength() != kSampleBytes) {
+  if (bytes == nullptr || sample->GetActualDataLength() != kSampleBytes ||
+      sample->GetSize() < kSampleBytes) {
     return E_FAIL;
   }
   const bool wasSynchronized = IsSynchronized();

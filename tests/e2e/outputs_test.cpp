@@ -77,11 +77,12 @@ TEST_F(OutputsTest, AConsumerThatStopsReadingTakesNothingFromTheOthers) {
   // A queue is full once it has reached its limit: one picture more is in it.
   EXPECT_LT(mostBytes, 2 * 50'000U);
   // Full rate: every picture that was composed and for which the encoder had time.
-  EXPECT_EQ(status[1].written + status[1].dropped, composed_);
+  EXPECT_EQ(status[1].video.written + status[1].video.dropped, composed_);
   EXPECT_EQ(status[1].failure, "");
   EXPECT_EQ(e2e::DecodeWhole(folder_ / "wall.mkv"), "");
   // 25 pictures and nearly 47 packets of sound in a second; the sound begins later.
-  EXPECT_GT(2 * e2e::ReadPackets(folder_ / "wall.mkv", 3).size(), status[1].written * 47 / 25);
+  EXPECT_GT(2 * e2e::ReadPackets(folder_ / "wall.mkv", 3).size(),
+            status[1].video.written * 47 / 25);
 }
 
 TEST_F(OutputsTest, AnOutputThatFailsIsOpenedAgainAndDisturbsNobody) {
@@ -94,17 +95,17 @@ TEST_F(OutputsTest, AnOutputThatFailsIsOpenedAgainAndDisturbsNobody) {
   host::OutputSet set(settings, &wall_.outputs(), &wall_.logger());
   bool made = false;
   RunLiveUntil(settings, set, "the late output has written two seconds", [&] {
-    if (!made && set.status()[1].written > 10) {
+    if (!made && set.status()[1].video.written > 10) {
       made = std::filesystem::create_directory(late);
     }
-    return set.status()[0].written > 50;
+    return set.status()[0].video.written > 50;
   });
   const std::vector<host::OutputSet::Status> status = set.status();
   EXPECT_EQ(status[0].failure, "");
   EXPECT_EQ(wall_.outputs().recoveries(), 1);
   EXPECT_EQ(e2e::DecodeWhole(late / "wall.ts"), "");
   EXPECT_GT(e2e::ReadPackets(late / "wall.ts", 2).size(), 20U);
-  EXPECT_EQ(status[1].written + status[1].dropped, composed_);
+  EXPECT_EQ(status[1].video.written + status[1].video.dropped, composed_);
   EXPECT_TRUE(status[2].failed) << "no such container: it is not tried again";
   EXPECT_THAT(wall_.outputs().failures(),
               testing::Contains(HasSubstr("No such file or directory")));
@@ -190,7 +191,7 @@ TEST_F(OutputsTest, AFailedOutputOfARenderingEndsAndTheOthersAreWhole) {
   EXPECT_TRUE(status[0].failed);
   EXPECT_THAT(status[0].failure, HasSubstr("No such file or directory"));
   EXPECT_FALSE(status[1].failed);
-  EXPECT_EQ(status[1].written, 50U);
+  EXPECT_EQ(status[1].video.written, 50U);
 }
 
 TEST_F(OutputsTest, AChannelThatIsNotThereAtTheStartGetsATrackAndIsEncodedIntoIt) {
@@ -205,7 +206,7 @@ TEST_F(OutputsTest, AChannelThatIsNotThereAtTheStartGetsATrackAndIsEncodedIntoIt
   std::uint64_t writtenThen = 0;
   RunLiveUntil(settings, set, "three seconds were written since the channel came", [&] {
     // The output has begun without it.
-    if (!made && set.status()[0].written > 0) {
+    if (!made && set.status()[0].video.written > 0) {
       e2e::FlashClip clip;
       clip.codec = "ac3";
       e2e::WriteFlashClip(clip, folder_ / "written.mkv");
@@ -213,9 +214,9 @@ TEST_F(OutputsTest, AChannelThatIsNotThereAtTheStartGetsATrackAndIsEncodedIntoIt
       made = true;
     }
     if (writtenThen == 0 && wall_.channels().Opened("late")) {
-      writtenThen = set.status()[0].written;
+      writtenThen = set.status()[0].video.written;
     }
-    return writtenThen > 0 && set.status()[0].written > writtenThen + 75;
+    return writtenThen > 0 && set.status()[0].video.written > writtenThen + 75;
   });
   EXPECT_EQ(e2e::DecodeWhole(folder_ / "wall.mkv"), "");
   const auto packets = e2e::ReadPackets(folder_ / "wall.mkv", 3);

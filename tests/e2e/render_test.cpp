@@ -1,5 +1,8 @@
 #include <algorithm>
 #include <fstream>
+#include <random>
+#include <set>
+#include <sstream>
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -169,6 +172,7 @@ TEST_F(RenderTest, ShowsTheAlarmsOfPictureAndSoundInTheMeterWhileTheyLast) {
     const char* pictures;
     const char* sound;
     host::wall::Alarm host::wall::AlarmOptions::*alarm;
+    host::Time notBefore = 28 * kSecond / 10;
   };
   // Moving noise; the fault between the seconds 2 and 4.
   const Case cases[] = {
@@ -180,8 +184,8 @@ TEST_F(RenderTest, ShowsTheAlarmsOfPictureAndSoundInTheMeterWhileTheyLast) {
        "aevalsrc='0.3*sin(2*PI*440*t)*not(between(t,2,4))':s=48000:d=6",
        &host::wall::AlarmOptions::silence},
       {"clipping", "geq=lum='mod(X*N,200)+20':cb=128:cr=128",
-       "aevalsrc='if(between(t,2,4),1,0.3)*sin(2*PI*440*t)':s=48000:d=6",
-       &host::wall::AlarmOptions::clipping},
+       "aevalsrc='if(between(t,2,4)*lt(mod(t,0.3),0.01),1,0.3)*sin(2*PI*440*t)':s=48000:d=6",
+       &host::wall::AlarmOptions::clipping, 23 * kSecond / 10},
   };
   int x = 0;
   for (const Case& c : cases) {
@@ -208,13 +212,103 @@ TEST_F(RenderTest, ShowsTheAlarmsOfPictureAndSoundInTheMeterWhileTheyLast) {
   };
   for (std::size_t i = 0; i < std::size(cases); ++i) {
     EXPECT_FALSE(alarm(i, kSecond)) << cases[i].name;
-    EXPECT_FALSE(alarm(i, 28 * kSecond / 10)) << cases[i].name << " before its time to set";
+    EXPECT_FALSE(alarm(i, cases[i].notBefore)) << cases[i].name << " before its time to set";
     EXPECT_TRUE(alarm(i, 33 * kSecond / 10)) << cases[i].name;
     EXPECT_TRUE(alarm(i, 42 * kSecond / 10)) << cases[i].name << " before its time to clear";
     EXPECT_FALSE(alarm(i, 48 * kSecond / 10)) << cases[i].name;
     EXPECT_THAT(wall_.channels().Alarms(cases[i].name),
                 testing::ElementsAre(std::string(cases[i].name) + " on",
                                      std::string(cases[i].name) + " off"));
+  }
+}
+
+TEST_F(RenderTest, SaysWhyAMeterIsEmpty) {
+  const auto clip = [&](const std::string& name, const std::string& sound, const std::string& codec,
+                        const std::string& announced) {
+    host::ClipRecipe recipe;
+    recipe.pictures = "testsrc2=size=64x48:rate=25,format=yuv420p";
+    recipe.sound = sound;
+    recipe.audioCodec = codec;
+    recipe.length = 5 * kSecond;
+    const std::filesystem::path file = folder_ / (name + ".mkv");
+    host::WriteClip(recipe, file);
+    std::stringstream content;
+    content << std::ifstream(file, std::ios::binary).rdbuf();
+    std::string bytes = content.str();
+    if (!announced.empty()) {
+      bytes.replace(bytes.find(codec == "flac" ? "A_FLAC" : "A_AC3"), announced.size(), announced);
+    }
+    std::ofstream(file, std::ios::binary) << bytes;
+    const auto count = static_cast<int>(wall_.wall().channels.size());
+    wall_.AddChannel(file.string(), {count % 3 * 104, count / 3 * 60, 100, 48});
+    wall_.wall().channels.back().options.audio.meter = true;
+    wall_.wall().channels.back().options.alarm.silence = {true, -60, kSecond, kSecond};
+    return &wall_.wall().channels.back().options.audio;
+  };
+  const std::string tone = "sine=440:sample_rate=48000";
+  clip("present", tone, "ac3", "");
+  clip("off", tone, "ac3", "")->enabled = false;
+  clip("absent", "", "", "");
+  clip("third", tone, "ac3", "")->track = 3;
+  clip("unknown", tone, "flac", "A_FLAX");
+  clip("false", tone, "ac3", "A_DTS");
+  clip("silent", "anullsrc=sample_rate=48000", "ac3", "");
+  clip("stopped", tone + ":d=1", "ac3", "");
+  const std::vector<Frame> frames = wall_.Render(5 * kSecond);
+  const auto audio = [&](const char* channel) { return wall_.channels().Audio(channel).back(); };
+  EXPECT_EQ(audio("present"), "present");
+  EXPECT_EQ(audio("off"), "off: audio is switched off");
+  EXPECT_EQ(audio("absent"), "absent: it has no audio");
+  EXPECT_EQ(audio("third"), "no_track: it has no audio track 3 (of 1)");
+  EXPECT_THAT(audio("unknown"), HasSubstr("undecodable: cannot decode"));
+  EXPECT_EQ(audio("false"), "undecodable: it cannot be decoded");
+  EXPECT_EQ(audio("silent"), "silent");
+  EXPECT_EQ(audio("stopped"), "stopped");
+  std::set<std::string> captions;
+  for (std::size_t i = 0; i < wall_.wall().channels.size(); ++i) {
+    const host::wall::Channel& channel = wall_.wall().channels[i];
+    EXPECT_EQ(wall_.channels().Alarms(channel.name).size(), i < 3 ? 0U : 1U) << channel.name;
+    std::string caption;
+    for (int y = channel.window.y + 24; y < channel.window.y + 48; ++y) {
+      for (int x = channel.window.x + 12; x < channel.window.x + 100; ++x) {
+        caption += static_cast<char>(wall_.Luma(frames.back(), x, y));
+      }
+    }
+    captions.insert(caption);
+  }
+  EXPECT_EQ(captions.size(), 6U) << "none for the first two, the two undecodable ones alike";
+}
+
+// Its source has the wall's rate, so that no picture is looked at twice.
+TEST_F(RenderTest, ShowsTheSizeOfAWindowAtWhateverMomentItIsShown) {
+  const std::string clip = Clip("steady", "25", 100);
+  wall_.AddChannel(clip, {100, 0, 64, 48});
+  wall_.AddChannel(clip, {0, 100, 64, 48});
+  wall_.wall().channels[0].name = "hidden now and then";
+  wall_.wall().channels[0].selected = true;
+  std::mt19937 random(7);
+  for (int round = 0; round < 6; ++round) {
+    wall_.wall().channels[0].options.enabled = round % 2 == 1;
+    std::vector<bool> shown;
+    std::size_t changeAt = 20 + 12 * static_cast<std::size_t>(round);
+    bool enabled = round % 2 == 1;
+    const std::vector<Frame> frames =
+        wall_.Render(4 * kSecond, std::chrono::seconds(20), [&](host::WallSession& session) {
+          if (shown.size() == changeAt) {
+            enabled = !enabled;
+            changeAt += 1 + random() % (random() % 2 == 0 ? 4 : 40);
+            host::WallWindow::Placement placement = session.window(0).placement();
+            placement.enabled = enabled;
+            session.window(0).Place(placement);
+          }
+          shown.push_back(enabled);
+        });
+    ASSERT_EQ(frames.size(), 100U) << "a selected window of unknown size stops the wall";
+    for (std::size_t n = 2; n < frames.size(); ++n) {
+      ASSERT_EQ(PictureNumber(wall_.Luma(frames[n], 132, 24)),
+                shown[n] ? PictureNumber(wall_.Luma(frames[n], 32, 124)) : -1)
+          << "frame " << n << " of round " << round;
+    }
   }
 }
 

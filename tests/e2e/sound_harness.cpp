@@ -1,5 +1,6 @@
 #include "tests/e2e/sound_harness.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdio>
@@ -13,7 +14,9 @@ extern "C" {
 
 #include "host/channel/sound/sample_planes.h"
 #include "host/channel/source/media_reader.h"
+#include "host/ffmpeg/error.h"
 #include "host/ffmpeg/time_unit.h"
+#include "host/output/muxer.h"
 #include "host/synthetic/clip_writer.h"
 
 namespace e2e {
@@ -52,6 +55,39 @@ void WriteFlashClip(const FlashClip& clip, const std::filesystem::path& file) {
   recipe.language = clip.language;
   recipe.length = host::FrameStart(clip.pictures, rate);
   host::WriteClip(recipe, file);
+}
+
+void RemuxWithAudioLater(const std::filesystem::path& from, const std::filesystem::path& to,
+                         host::Time later) {
+  AVFormatContext* opened = nullptr;
+  host::ffmpeg::Check(avformat_open_input(&opened, from.c_str(), nullptr, nullptr), "open");
+  const host::ffmpeg::InputFormat input(opened);
+  host::ffmpeg::Check(avformat_find_stream_info(opened, nullptr), "look at");
+  host::Muxer::Settings settings;
+  settings.url = to.string();
+  settings.interleaves = false;
+  host::Muxer muxer(settings);
+  std::vector<std::pair<host::Time, host::ffmpeg::Packet>> packets;
+  for (unsigned i = 0; i < opened->nb_streams; ++i) {
+    const AVCodecParameters& parameters = *opened->streams[i]->codecpar;
+    parameters.codec_type == AVMEDIA_TYPE_VIDEO ? muxer.AddVideo(parameters, {25, 1})
+                                                : muxer.AddAudio(parameters, "", "");
+  }
+  for (auto packet = host::ffmpeg::MakePacket(); av_read_frame(opened, packet.get()) >= 0;
+       packet = host::ffmpeg::MakePacket()) {
+    const AVStream& stream = *opened->streams[packet->stream_index];
+    av_packet_rescale_ts(packet.get(), stream.time_base, host::ffmpeg::kTimeUnit);
+    const bool isAudio = stream.codecpar->codec_type == AVMEDIA_TYPE_AUDIO;
+    packets.emplace_back(packet->dts + (isAudio ? later : 0), std::move(packet));
+  }
+  std::stable_sort(packets.begin(), packets.end(),
+                   [](const auto& a, const auto& b) { return a.first < b.first; });
+  muxer.Start();
+  for (auto& [place, packet] : packets) {
+    const auto track = static_cast<std::size_t>(packet->stream_index);
+    muxer.Write(track, std::move(packet));
+  }
+  muxer.Finish();
 }
 
 std::vector<host::AudioPacket> ReadPackets(const std::filesystem::path& file, std::size_t track) {

@@ -23,6 +23,12 @@ struct FlashClip {
 // Writes it; the name of the file decides about the container.
 void WriteFlashClip(const FlashClip& clip, const std::filesystem::path& file);
 
+// Writes the packets of a file again, the audio `later` behind the video of the same time in the
+// order of the mux (or, negative, before it); the timestamps stay. The name of the file decides
+// about the container.
+void RemuxWithAudioLater(const std::filesystem::path& from, const std::filesystem::path& to,
+                         host::Time later);
+
 // The compressed packets of a track of sound, counted from 1; times from the start of the file.
 std::vector<host::AudioPacket> ReadPackets(const std::filesystem::path& file, std::size_t track);
 // Moments at which the picture becomes bright around each of the points.

@@ -77,6 +77,18 @@ void ChannelLog::AlarmChanged(const std::string& channel,
                              (change.raised ? " on" : " off"));
 }
 
+void ChannelLog::AudioChanged(const std::string& channel, const host::AudioStatus& status) {
+  const std::lock_guard guard(lock_);
+  audio_[channel].push_back(host::NameOf(status.state) +
+                            (status.reason.empty() ? "" : ": " + status.reason));
+}
+
+std::vector<std::string> ChannelLog::Audio(const std::string& channel) const {
+  const std::lock_guard guard(lock_);
+  const auto found = audio_.find(channel);
+  return found == audio_.end() ? std::vector<std::string>() : found->second;
+}
+
 std::vector<std::string> ChannelLog::States(const std::string& channel) const {
   const std::lock_guard guard(lock_);
   const auto found = states_.find(channel);
@@ -187,7 +199,8 @@ host::WallSession::Settings TestWall::SessionSettings() {
 }
 
 std::vector<Frame> TestWall::Render(std::optional<host::Time> length,
-                                    std::chrono::milliseconds stallLimit) {
+                                    std::chrono::milliseconds stallLimit,
+                                    const std::function<void(host::WallSession&)>& beforeFrame) {
   std::vector<Frame> frames;  // the composition thread's, until the session is gone
   host::WallSession::Settings settings = SessionSettings();
   settings.takeFrame = [&](const ComPtr<IMediaSample>& sample, host::Time time) {
@@ -199,6 +212,12 @@ std::vector<Frame> TestWall::Render(std::optional<host::Time> length,
   host::WallSession::RenderControl control;
   control.length = length;
   control.stallLimit = stallLimit;
+  control.stop = [&] {
+    if (beforeFrame) {
+      beforeFrame(session);
+    }
+    return false;
+  };
   session.Render(control);
   return frames;
 }

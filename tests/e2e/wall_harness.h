@@ -39,6 +39,7 @@ class ChannelLog final : public host::ChannelObserver {
   void ChannelFailed(const std::string& channel, const std::string& reason,
                      std::optional<std::chrono::milliseconds> retryIn) override;
   void ChannelChanged(const std::string& channel, const host::ChannelLife::Status& status) override;
+  void AudioChanged(const std::string& channel, const host::AudioStatus& status) override;
   void AlarmChanged(const std::string& channel, const host::AlarmMonitor::Change& change) override;
 
   // In their order: "live", "held: reason"; "freeze on", "freeze off".
@@ -47,6 +48,7 @@ class ChannelLog final : public host::ChannelObserver {
   bool WaitForState(const std::string& channel, std::size_t count, const std::string& state,
                     std::chrono::seconds limit = std::chrono::seconds(60)) const;
   std::vector<std::string> Alarms(const std::string& channel) const;
+  std::vector<std::string> Audio(const std::string& channel) const;  // "absent: it has no audio"
   void ChannelSoundChanged(const std::string& channel, const std::string& what) override;
 
   std::vector<std::string> Sound(const std::string& channel) const;  // what was said of it
@@ -63,6 +65,7 @@ class ChannelLog final : public host::ChannelObserver {
   std::map<std::string, std::vector<std::string>> states_;
   std::map<std::string, std::vector<std::string>> alarms_;
   std::map<std::string, std::vector<std::string>> sound_;
+  std::map<std::string, std::vector<std::string>> audio_;
 };
 
 // Collects what the outputs tell.
@@ -102,9 +105,10 @@ class TestWall {
   OutputLog& outputs() { return outputs_; }
   RecordingLogger& logger() { return logger_; }
 
-  // Renders the wall; each frame is copied.
+  // Renders the wall; each frame is copied. beforeFrame is called before each of them.
   std::vector<Frame> Render(std::optional<host::Time> length = std::nullopt,
-                            std::chrono::milliseconds stallLimit = std::chrono::seconds(20));
+                            std::chrono::milliseconds stallLimit = std::chrono::seconds(20),
+                            const std::function<void(host::WallSession&)>& beforeFrame = {});
   // Renders into outputs; what became of each.
   std::vector<host::OutputSet::Status> RenderInto(const std::vector<host::wall::Output>& outputs,
                                                   std::optional<host::Time> length = std::nullopt);

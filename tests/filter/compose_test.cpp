@@ -111,15 +111,6 @@ TEST_F(ComposeTest, LooksUpTheInputPinsOfAnIndex) {
   EXPECT_EQ(audioAlarm, static_cast<IPin*>(composer_->GetPin(7)));
 }
 
-TEST_F(ComposeTest, HandsOutItsCommandsAsAFaceOfTheSameObject) {
-  const ComPtr<IComposeCommand> command = filter_.As<IComposeCommand>();
-  ASSERT_TRUE(command);
-  EXPECT_TRUE(IsSameObject(command.Get(), filter_.Get()));
-  CLSID clsid{};
-  filter_->GetClassID(&clsid);
-  EXPECT_EQ(GuidToString(clsid), "{AEC64A13-679E-41A5-830B-9CC2914A9269}");
-}
-
 TEST_F(ComposeTest, RefusesAConfigurationThatItCannotKeep) {
   EXPECT_EQ(composer_->Configure(-1, &logger_, 64, 64, 16, 9, 0, {25, 1}), E_INVALIDARG);
   EXPECT_EQ(composer_->Configure(1, &logger_, 64, 64, 0, 0, 0, {25, 1}), E_INVALIDARG);

@@ -13,7 +13,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "log/logfile_sink.h"
+#include "log/recovering_logfile_sink.h"
 #include "platform/os/error_numbers.h"
 #include "tests/support/temporary_folder.h"
 
@@ -25,6 +25,7 @@ using qorp::log::LogFileOptions;
 using qorp::log::LogFileReader;
 using qorp::log::LogTime;
 using qorp::log::NumberedLogLine;
+using qorp::log::recovering_logfile_sink;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -32,13 +33,13 @@ class LogReading : public testing::Test {
  protected:
   // Lines of one length, one millisecond after the other, by a new writer.
   void Write(int first, int last, std::int32_t maxSize) {
-    logfile_sink sink({3, maxSize, 0});
+    recovering_logfile_sink sink({3, maxSize, 0}, [](const std::string&) {});
     sink.SetPath(path);
     for (int number = first; number <= last; ++number) {
       Write(sink, number);
     }
   }
-  static void Write(logfile_sink& sink, int number) {
+  static void Write(qorp::log::ILogSink& sink, int number) {
     sink.Write(1, TimeOf(number), TextOf(number).c_str());
   }
   static LogTime TimeOf(int number) {

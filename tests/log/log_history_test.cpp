@@ -40,19 +40,6 @@ TEST(LogHistory, ClampsARangeToItsLines) {
   EXPECT_THAT(history.Get(7, 6), IsEmpty());
 }
 
-TEST(LogHistory, OfNoLinesHasNoRange) {
-  const LogHistory history(3);
-  std::int64_t first = 0;
-  std::int64_t last = 0;
-  try {
-    history.GetRange(0, -1, &first, &last);
-    ADD_FAILURE() << "an empty history has a range";
-  } catch (const std::runtime_error& failure) {
-    EXPECT_STREQ(failure.what(), "History is empty");
-  }
-  EXPECT_THAT(history.Get(0, -1), IsEmpty());
-}
-
 TEST(LogLine, KeepsSeparatorsOfTheText) {
   const LogHistoryEntry entry = Entry("a;b;;c;");
   const std::string line = qorp::log::FormatLogLine(42, entry);
@@ -62,32 +49,6 @@ TEST(LogLine, KeepsSeparatorsOfTheText) {
   EXPECT_EQ(qorp::log::ParseLogLine(line), entry);
   EXPECT_TRUE(qorp::log::IsLogLine("1;t;2;3;"));
   EXPECT_FALSE(qorp::log::IsLogLine("1;t;2;3"));
-}
-
-template <typename Failure, typename Parse>
-std::string FailureOf(Parse parse) {
-  try {
-    parse();
-  } catch (const Failure& failure) {
-    return failure.what();
-  }
-  return "no failure";
-}
-
-TEST(LogLine, TellsWhichNumberIsDamaged) {
-  using qorp::log::ParseLogLine;
-  using qorp::log::ParseLogLineNumber;
-  EXPECT_EQ(FailureOf<std::invalid_argument>([] { ParseLogLineNumber(";t;1;1;x"); }),
-            "invalid stoll argument");
-  EXPECT_EQ(FailureOf<std::out_of_range>([] { ParseLogLineNumber("9223372036854775808;t;1;1;x"); }),
-            "stoll argument out of range");
-  EXPECT_EQ(FailureOf<std::invalid_argument>([] { ParseLogLine("1;t;x;1;x"); }),
-            "invalid stoll argument");
-  EXPECT_EQ(FailureOf<std::invalid_argument>([] { ParseLogLine("1;t;1;x;x"); }),
-            "invalid stoi argument");
-  EXPECT_EQ(FailureOf<std::out_of_range>([] { ParseLogLine("1;t;1;2147483648;x"); }),
-            "stoi argument out of range");
-  EXPECT_EQ(ParseLogLine("1;t; -7 ms;+2x;x").milliseconds, -7);
 }
 
 }  // namespace

@@ -196,25 +196,50 @@ TEST_F(LogFile, BeginsAtTheStartWhenTheHeaderIsDamaged) {
   }
 }
 
-TEST_F(LogFile, SurvivesDamagedLines) {
-  const std::string damage =
-      "no fields\r\n"
-      "x;t;1;1;first field is no number\r\n"
-      "99999999999999999999;t;1;1;number beyond 64 bits\r\n"
-      "9223372036854775807;t;1;1;number that cannot grow\r\n"
-      "-3;t;1;1;number below 0\r\n" +
-      Line(9, "tells the number") + "1;2;3\r\n" + "9;t;x;1;time is no number\r\n" +
-      "9;t;1;99999999999;level beyond 32 bits\r\n" + std::string("\0\0;\r\r\n", 6) + "\n" +
-      std::string(3 << 20, 'z') + "\r\n" + Line(9, "whole");
+TEST_F(LogFile, LeavesLinesOutThatAreTooShort) {
+  const std::string damage = "no fields\r\n" + Line(9, "tells the number") + "1;2;3\r\n" +
+                             std::string("\0\0;\r\r\n", 6) + "\n" + std::string(3 << 20, 'z') +
+                             "\r\n" + Line(9, "whole");
   WriteWholeFile(path, "0x0000000C\r\n" + damage);
   EXPECT_THAT(Reopen(), ElementsAre("whole", "new"));
   // In the newest lines the first one that is too short ends the pass.
-  const std::string newest = Line(0, "one") + "1;t;x;1;no time\r\n" + Line(1, "two") +
-                             "too short\r\n" + Line(2, "not reached");
+  const std::string newest = Line(0, "one") + Line(1, "two") + "too short\r\n" + Line(2, "beyond");
   char header[16];
   std::snprintf(header, sizeof(header), "0x%.8zX\r\n", 12 + newest.size());
   WriteWholeFile(path, header + newest);
   EXPECT_THAT(Reopen(), ElementsAre("one", "two", "new"));
+}
+
+TEST_F(LogFile, TouchesNoFileWhoseNumbersAreNone) {
+  const auto failure = [&](const std::string& lines) -> std::string {
+    WriteWholeFile(path, "0x0000000C\r\n" + lines);
+    logfile_sink sink(unlimited);
+    sink.SetPath(path);
+    std::string first;
+    for (int attempt = 0; attempt < 2; ++attempt) {  // every line tries again
+      try {
+        Write(sink, "new");
+        return "none";
+      } catch (const std::logic_error& error) {
+        EXPECT_TRUE(attempt == 0 || first == error.what());
+        first = error.what();
+      }
+    }
+    EXPECT_EQ(Contents(), "0x0000000C\r\n" + lines);
+    fs::rename(path, folder / "moved");
+    Write(sink, "new");
+    EXPECT_EQ(Contents().substr(12), Line(0, "new"));
+    return first;
+  };
+  EXPECT_EQ(failure("x;t;1;1;no number\r\n"), "invalid stoll argument");
+  EXPECT_EQ(failure("99999999999999999999;t;1;1;beyond 64 bits\r\n"),
+            "stoll argument out of range");
+  EXPECT_EQ(failure(Line(9, "number") + "9;t;x;1;no time\r\n"), "invalid stoll argument");
+  EXPECT_EQ(failure(Line(9, "number") + "9;t;1;y;no level\r\n"), "invalid stoi argument");
+  EXPECT_EQ(failure(Line(9, "number") + "9;t;1;99999999999;a level\r\n"),
+            "stoi argument out of range");
+  // Any number counts on, round the end of the range too.
+  EXPECT_EQ(failure("9223372036854775807;t;1;1;number\r\n" + Line(0, "one")), "none");
 }
 
 // While one exists, files are open to its thread as to any user: for an administrator, who may

@@ -1,3 +1,6 @@
+#include <chrono>
+#include <future>
+#include <mutex>
 #include <new>
 
 #include <gmock/gmock.h>
@@ -8,6 +11,7 @@
 #include "media/upstream_pin.h"
 #include "platform/dshow/vfw_errors.h"
 #include "tests/support/fake_filters.h"
+#include "tests/support/foreign_sample.h"
 #include "util/exceptions.h"
 
 namespace {
@@ -26,19 +30,26 @@ class WatchedPin final : public CInputPinWithDynamicMediaType {
 
   HRESULT CheckMediaType(const CMediaType* type) override { return accepts(*type); }
   HRESULT SetMediaType(const CMediaType* type) override {
-    steps.push_back("type");
-    return CInputPinWithDynamicMediaType::SetMediaType(type);
+    Note("type");
+    const HRESULT hr = CInputPinWithDynamicMediaType::SetMediaType(type);
+    Meanwhile();
+    return hr;
+  }
+  HRESULT ConnectionMediaType(AM_MEDIA_TYPE* type) override {
+    const HRESULT hr = CInputPinWithDynamicMediaType::ConnectionMediaType(type);
+    Meanwhile();
+    return hr;
   }
   HRESULT CompleteConnect(IPin* pin) override {
-    steps.push_back("connect");
+    Note("connect");
     return CInputPinWithDynamicMediaType::CompleteConnect(pin);
   }
   HRESULT OnReconnect(IPin* pin) override {
-    steps.push_back("reconnect");
+    Note("reconnect");
     return CInputPinWithDynamicMediaType::OnReconnect(pin);
   }
   HRESULT OnReceive(IMediaSample* sample) override {
-    steps.push_back("sample");
+    Note("sample");
     received = ComPtr<IMediaSample>(sample);
     return onReceive();
   }
@@ -53,8 +64,23 @@ class WatchedPin final : public CInputPinWithDynamicMediaType {
   std::function<HRESULT(const CMediaType&)> accepts = [](const CMediaType&) { return S_OK; };
   std::function<HRESULT()> onReceive = [] { return S_OK; };
   std::optional<ALLOCATOR_PROPERTIES> requirements;
+  std::function<void()> meanwhile;  // done once, when the type has been set or read
   std::vector<std::string> steps;
   ComPtr<IMediaSample> received;
+
+ private:
+  // A connection may be made while a sample is received.
+  void Note(const char* step) {
+    const std::lock_guard guard(stepsLock_);
+    steps.emplace_back(step);
+  }
+  void Meanwhile() {
+    if (const std::function<void()> act = std::exchange(meanwhile, nullptr)) {
+      act();
+    }
+  }
+
+  std::mutex stepsLock_;
 };
 
 class WatchedFilter final : public CBaseFilter {
@@ -134,6 +160,34 @@ TEST_F(DynamicInputPinTest, TheSamePinReconnectsWhileTheGraphRuns) {
   EXPECT_THAT(pin().steps, ElementsAre("type", "reconnect"));
   ASSERT_EQ(source_->Send(source_->NewSample(1, 2).Get()), S_OK);
   EXPECT_TRUE(TypeOf(pin().received.Get()) == large_) << "the next sample announces the new type";
+}
+
+TEST_F(DynamicInputPinTest, AConnectionMadeWhileASampleIsReceivedIsNotLost) {
+  for (const bool bringsType : {false, true}) {
+    // Before the flag of a pending type is looked at, if it can.
+    std::future<HRESULT> connecting;
+    pin().meanwhile = [&] {
+      connecting = std::async(std::launch::async,
+                              [&] { return pin().ReceiveConnection(&source_->pin, &large_); });
+      connecting.wait_for(std::chrono::milliseconds(100));
+    };
+    const ComPtr<IMediaSample> sample = source_->NewSample(0, 1);
+    CMediaType type = small_;
+    sample->SetMediaType(bringsType ? &type : nullptr);
+    ASSERT_EQ(source_->Send(sample.Get()), S_OK);
+    ASSERT_EQ(connecting.get(), S_OK);
+    ASSERT_EQ(source_->Send(source_->NewSample(1, 2).Get()), S_OK);
+    EXPECT_TRUE(TypeOf(pin().received.Get()) == large_) << bringsType;
+    ASSERT_EQ(pin().ReceiveConnection(&source_->pin, &small_), S_OK);
+  }
+}
+
+TEST_F(DynamicInputPinTest, ASampleThatCannotBeWrappedLeavesItsTypeToTheNext) {
+  const ComPtr<fakes::ForeignSample> timeless = fakes::ForeignSample::Create(4);
+  timeless->time = E_UNEXPECTED;
+  EXPECT_EQ(source_->Send(timeless.Get()), E_UNEXPECTED);
+  ASSERT_EQ(source_->Send(source_->NewSample(1, 2).Get()), S_OK);
+  EXPECT_TRUE(TypeOf(pin().received.Get()) == small_);
 }
 
 TEST_F(DynamicInputPinTest, AnotherPinTakesTheConnectionOver) {

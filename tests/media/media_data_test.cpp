@@ -3,7 +3,6 @@
 #include <functional>
 #include <string>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "media/external_metadata_media_sample.h"
@@ -11,8 +10,6 @@
 #include "platform/dshow/vfw_errors.h"
 
 namespace {
-
-using testing::StrEq;
 
 class MediaDataOfASample : public testing::Test {
  protected:
@@ -32,28 +29,21 @@ class MediaDataOfASample : public testing::Test {
 
 TEST_F(MediaDataOfASample, SaysWhichPropertyNeedsTheProductsInterface) {
   const auto data = MediaData::Create(plain.Get());
-  const auto messageOf = [](const std::function<void()>& access) -> std::string {
+  for (const auto& [access, subject] : std::vector<std::pair<std::function<void()>, std::string>>{
+           {[&] { data->GetCuePoint(); }, "Cue Point"},
+           {[&] { data->SetCuePoint({}); }, "Cue Point"},
+           {[&] { data->SetSampleDate({}); }, "Sample Date"},
+           {[&] { data->GetDataId(); }, "DataId"},
+           {[&] { data->GetDolbyMetadata(); }, "DolbyMetadata"},
+           {[&] { data->GetParentalRating(); }, "\"Parental Rating\""},
+           {[&] { data->SetRecordingEvent({}); }, "recording event"}}) {
     try {
       access();
+      ADD_FAILURE() << "no exception for " << subject;
     } catch (const std::exception& error) {
-      return error.what();
+      EXPECT_EQ(error.what(), subject + " management needs IMediaSample3 interface");
     }
-    return "no exception";
-  };
-  EXPECT_THAT(messageOf([&] { data->GetCuePoint(); }),
-              StrEq("Cue Point management needs IMediaSample3 interface"));
-  EXPECT_THAT(messageOf([&] { data->SetCuePoint({}); }),
-              StrEq("Cue Point management needs IMediaSample3 interface"));
-  EXPECT_THAT(messageOf([&] { data->SetSampleDate({}); }),
-              StrEq("Sample Date management needs IMediaSample3 interface"));
-  EXPECT_THAT(messageOf([&] { data->GetDataId(); }),
-              StrEq("DataId management needs IMediaSample3 interface"));
-  EXPECT_THAT(messageOf([&] { data->GetDolbyMetadata(); }),
-              StrEq("DolbyMetadata management needs IMediaSample3 interface"));
-  EXPECT_THAT(messageOf([&] { data->GetParentalRating(); }),
-              StrEq("\"Parental Rating\" management needs IMediaSample3 interface"));
-  EXPECT_THAT(messageOf([&] { data->SetRecordingEvent({}); }),
-              StrEq("recording event management needs IMediaSample3 interface"));
+  }
 }
 
 TEST_F(MediaDataOfASample, StoresEachPropertyUnderItsOwnNumberAndLength) {

@@ -2,6 +2,7 @@
 
 #include "platform/dshow/vfw_errors.h"
 #include "tests/support/composer_fixture.h"
+#include "tests/support/foreign_sample.h"
 
 namespace {
 
@@ -92,15 +93,23 @@ TEST_F(AlarmPinsTest, RefuseRecordsWithoutATimeOrTooShort) {
   EXPECT_EQ(NearestText(5), "");
 }
 
-TEST_F(AlarmPinsTest, SayWhyARecordIsRefused) {
-  const ComPtr<IMediaSample> sample = audioAlarm_->NewSample(0, 1);
-  sample->SetActualDataLength(84);
-  AudioAlarm record;
-  try {
-    ParseRecord(sample.Get(), &record);
-    FAIL() << "84 bytes are no record";
-  } catch (const char* reason) {
-    EXPECT_STREQ(reason, "Invalid sample size");
+TEST_F(AlarmPinsTest, RefuseSamplesThatLieAboutThemselves) {
+  for (fakes::Source* const source : {text_.Get(), audioAlarm_.Get(), videoAlarm_.Get()}) {
+    const ComPtr<fakes::ForeignSample> sample = fakes::ForeignSample::Create(90);
+    REFERENCE_TIME time = 5;
+    sample->SetTime(&time, &time);
+    for (const LONG length : {-1, 91, std::numeric_limits<LONG>::max()}) {
+      sample->length = length;
+      EXPECT_EQ(source->Send(sample.Get()), E_FAIL) << length;
+    }
+    sample->length = 90;
+    sample->hasBuffer = false;
+    EXPECT_EQ(source->Send(sample.Get()), E_POINTER);
+    sample->hasBuffer = true;
+    sample->mediaType = S_OK;
+    EXPECT_EQ(source->Send(sample.Get()), VFW_E_INVALIDMEDIATYPE);
+    sample->mediaType.reset();
+    EXPECT_EQ(source->Send(sample.Get()), S_OK);
   }
 }
 

@@ -4,6 +4,7 @@
 
 #include "platform/dshow/vfw_errors.h"
 #include "tests/support/composer_fixture.h"
+#include "tests/support/foreign_sample.h"
 
 namespace {
 
@@ -80,6 +81,63 @@ TEST_F(AudioPinsTest, APacketLeavesWithItsBytesInStepWithThePictures) {
   EXPECT_EQ(Bytes(samples[1].Get()), "untimed");
 }
 
+TEST_F(AudioPinsTest, TimesAtTheEndsOfTheirRangeWrapAround) {
+  using Times = std::numeric_limits<REFERENCE_TIME>;
+  ASSERT_EQ(ConnectOutput(), S_OK);
+  ASSERT_EQ(graph_->Run(0), S_OK);
+  SendPicture(0, Times::min(), 0);
+  ASSERT_EQ(packets_->Send(Packet(Times::max(), Times::min(), "packet").Get()), S_OK);
+  REFERENCE_TIME start = 0;
+  REFERENCE_TIME stop = 0;
+  EXPECT_EQ(audioSink_->Samples().at(0)->GetTime(&start, &stop), S_OK);
+  EXPECT_EQ(start, 10000000 - 1);
+  EXPECT_EQ(stop, 10000000);
+}
+
+// Grants whatever it is asked for, and hands out buffers of four bytes.
+class LyingAllocator final : public CUnknown, public IMemAllocator {
+ public:
+  DECLARE_IUNKNOWN
+  LyingAllocator() : CUnknown("lying allocator", nullptr) {}
+  HRESULT NonDelegatingQueryInterface(REFIID iid, void** object) override {
+    return iid == IID_IMemAllocator ? GetInterface(static_cast<IMemAllocator*>(this), object)
+                                    : CUnknown::NonDelegatingQueryInterface(iid, object);
+  }
+  HRESULT SetProperties(ALLOCATOR_PROPERTIES* request, ALLOCATOR_PROPERTIES* actual) override {
+    *actual = *request;
+    return S_OK;
+  }
+  HRESULT GetProperties(ALLOCATOR_PROPERTIES*) override { return S_OK; }
+  HRESULT Commit() override { return S_OK; }
+  HRESULT Decommit() override { return S_OK; }
+  HRESULT GetBuffer(IMediaSample** sample, REFERENCE_TIME*, REFERENCE_TIME*, DWORD) override {
+    *sample = handsOut ? fakes::ForeignSample::Create(4).Detach() : nullptr;
+    return S_OK;
+  }
+  HRESULT ReleaseBuffer(IMediaSample*) override { return S_OK; }
+
+  bool handsOut = true;
+};
+
+TEST_F(AudioPinsTest, CopiesNoByteThatIsNotThere) {
+  const ComPtr<LyingAllocator> allocator(std::make_unique<LyingAllocator>().release());
+  audioSink_->pin.ownAllocator = ComPtr<IMemAllocator>(allocator.Get());
+  ASSERT_EQ(ConnectOutput(), S_OK);
+  ASSERT_EQ(graph_->Run(0), S_OK);
+  EXPECT_EQ(packets_->Send(Packet(0, 1, "more than four").Get()), VFW_E_BUFFER_OVERFLOW);
+  const ComPtr<fakes::ForeignSample> packet = fakes::ForeignSample::Create(3);
+  for (const LONG length : {-1, 4, std::numeric_limits<LONG>::max()}) {
+    packet->length = length;
+    EXPECT_EQ(packets_->Send(packet.Get()), VFW_E_BUFFER_OVERFLOW) << length;
+  }
+  packet->length = 3;
+  packet->hasBuffer = false;
+  EXPECT_EQ(packets_->Send(packet.Get()), E_POINTER);
+  allocator->handsOut = false;
+  EXPECT_EQ(packets_->Send(packet.Get()), S_OK) << "as with no buffer at all";
+  EXPECT_EQ(audioSink_->Count(), 0U);
+}
+
 TEST_F(AudioPinsTest, AcceptTheCompressedTypesOfTheProduct) {
   CBasePin& input = *composer_->GetPin(kInput);
   const GUID privateType{
@@ -104,6 +162,13 @@ TEST_F(AudioPinsTest, TheOutputTakesTypeAndBuffersFromItsInput) {
   ASSERT_EQ(Output().GetMediaType(0, &type), S_OK);
   EXPECT_EQ(type.subtype, MEDIASUBTYPE_DOLBY_AC3);
   EXPECT_EQ(Output().GetMediaType(1, &type), VFW_S_NO_MORE_ITEMS);
+  CMediaType* handedOut = nullptr;
+  ASSERT_EQ(static_cast<CComposeOutputAudioCompressedPin&>(Output()).CopyInputType(handedOut),
+            S_OK);
+  EXPECT_TRUE(*std::unique_ptr<CMediaType>(handedOut) == type);
+  EXPECT_EQ(Output().GetMediaType(0, nullptr), E_POINTER);
+  EXPECT_EQ(static_cast<CBaseOutputPin*>(composer_->GetPin(1))->GetMediaType(0, nullptr),
+            E_POINTER);
   ASSERT_EQ(ConnectOutput(), S_OK);
   ALLOCATOR_PROPERTIES in{};
   ALLOCATOR_PROPERTIES out{};

@@ -121,6 +121,17 @@ TEST_F(WindowPinTest, ReleasesOlderSamplesButNeverTheLastOne) {
   EXPECT_EQ(PickedStart(0), 3 * kFrame);
 }
 
+TEST_F(WindowPinTest, EmptiesItsQueueInTheStepThatFindsNothingToShow) {
+  // Farther from the frame than the largest time: no picture for anybody, ever.
+  Send(3);
+  const ComPtr<IMediaSample> hostile =
+      sources_[0]->NewSample(std::numeric_limits<REFERENCE_TIME>::max(), 0);
+  ASSERT_EQ(sources_[0]->Send(hostile.Get()), S_OK);
+  Pin().ReleaseOlderSamples(std::numeric_limits<REFERENCE_TIME>::max());
+  EXPECT_EQ(PickedStart(0), -1);
+  EXPECT_EQ(Pin().QueueLength(), 0U);
+}
+
 TEST_F(WindowPinTest, AFormatChangeOutlivesTheSampleThatAnnouncedIt) {
   Send(2);
   const auto typeAt = [&](REFERENCE_TIME frameTime) {
@@ -169,7 +180,6 @@ TEST_F(WindowPinTest, AcceptsYv12InEitherHeaderAndReadsTheSizeOfOne) {
 class AllocatorDemandTest : public ComposerFixture {
  protected:
   HRESULT ConnectWith(ComPtr<IMemAllocator> allocator, LONG buffers) {
-    Make(1);
     fakes::SourcePin& pin = sources_[0]->pin;
     pin.types = {fakes::Yv12Type(16, 16)};
     pin.allocator = std::move(allocator);
@@ -178,32 +188,23 @@ class AllocatorDemandTest : public ComposerFixture {
   }
 };
 
-TEST_F(AllocatorDemandTest, RaisesASmallAllocatorToEightyBuffers) {
-  ASSERT_EQ(ConnectWith(CMemAllocator::Create(), 3), S_OK);
-  ALLOCATOR_PROPERTIES agreed{};
-  sources_[0]->pin.HeldAllocator()->GetProperties(&agreed);
-  EXPECT_EQ(agreed.cBuffers, 80);
-  EXPECT_GE(agreed.cbBuffer, 384);
-}
-
-TEST_F(AllocatorDemandTest, LeavesALargeAllocatorAsItIs) {
-  ASSERT_EQ(ConnectWith(CMemAllocator::Create(), 120), S_OK);
-  ALLOCATOR_PROPERTIES agreed{};
-  sources_[0]->pin.HeldAllocator()->GetProperties(&agreed);
-  EXPECT_EQ(agreed.cBuffers, 120);
-}
-
-TEST_F(AllocatorDemandTest, RefusesAnAllocatorThatGrantsOneLess) {
-  EXPECT_EQ(ConnectWith(ComPtr<IMemAllocator>(fakes::StingyAllocator::Create(79).Get()), 3),
-            E_FAIL);
+TEST_F(AllocatorDemandTest, AllocatorsHaveEightyBuffersOrMoreOrAreRefused) {
+  const auto stingy = [](LONG most, HRESULT refusal = S_OK) {
+    return ComPtr<IMemAllocator>(fakes::StingyAllocator::Create(most, refusal).Get());
+  };
+  Make(1);
+  EXPECT_EQ(ConnectWith(stingy(79), 3), E_FAIL);
   EXPECT_FALSE(composer_->GetPin(2)->IsConnected());
-}
-
-TEST_F(AllocatorDemandTest, PassesOnWhyAnAllocatorRefused) {
-  EXPECT_EQ(ConnectWith(ComPtr<IMemAllocator>(
-                            fakes::StingyAllocator::Create(0, VFW_E_ALREADY_COMMITTED).Get()),
-                        3),
-            VFW_E_ALREADY_COMMITTED);
+  EXPECT_EQ(ConnectWith(stingy(0, VFW_E_ALREADY_COMMITTED), 3), VFW_E_ALREADY_COMMITTED);
+  for (const auto& [offered, agreed] : {std::pair<LONG, LONG>{3, 80}, {120, 120}}) {
+    ASSERT_EQ(ConnectWith(CMemAllocator::Create(), offered), S_OK);
+    ALLOCATOR_PROPERTIES properties{};
+    sources_[0]->pin.HeldAllocator()->GetProperties(&properties);
+    EXPECT_EQ(properties.cBuffers, agreed);
+    EXPECT_GE(properties.cbBuffer, 384);
+    graph_->Disconnect(&sources_[0]->pin);
+    graph_->Disconnect(composer_->GetPin(2));
+  }
 }
 
 class BackgroundPinTest : public ComposerFixture {};

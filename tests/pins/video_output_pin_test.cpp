@@ -43,6 +43,50 @@ TEST_F(OutputPinTest, TurnsAPlainHeaderIntoTheLargerOne) {
   EXPECT_EQ(type.GetSampleSize(), 622080U);
 }
 
+TEST_F(OutputPinTest, AnnouncesSizesInWrappedArithmeticAndAlwaysFixed) {
+  Make(0);
+  struct Size {
+    LONG width;
+    LONG height;
+    LONG bytes;
+  };
+  for (const Size& size : {Size{0, 576, 0},
+                           {5, 3, 22},
+                           {-5, 3, -22},
+                           {40000, 40000, 252516352},
+                           {65536, 32768, -1073741824}}) {
+    ConnectBackground(fakes::Yv12TypeWithPlainHeader(size.width, size.height));
+    CMediaType type;
+    const VIDEOINFOHEADER2 format = Offered(&type);
+    EXPECT_EQ(format.bmiHeader.biSizeImage, static_cast<DWORD>(size.bytes));
+    EXPECT_NE(type.bFixedSizeSamples, FALSE);
+    EXPECT_EQ(type.lSampleSize, static_cast<ULONG>(size.bytes));
+    composer_->Configure(0, &logger_, size.width, size.height, 4, 3, 0, {25, 1});
+    ALLOCATOR_PROPERTIES request{};
+    Pin().DecideBufferSize(CMemAllocator::Create().Get(), &request);
+    EXPECT_EQ(request.cbBuffer, size.bytes);
+    graph_->Disconnect(&background_->pin);
+    graph_->Disconnect(composer_->GetPin(0));
+  }
+}
+
+TEST_F(OutputPinTest, OffersNothingForABackgroundWithoutAWholeFormatBlock) {
+  Make(0);
+  for (const GUID& format : {FORMAT_VideoInfo, FORMAT_VideoInfo2}) {
+    for (const ULONG length : {0U, 87U}) {
+      CMediaType background = fakes::TypeOf(MEDIATYPE_Video, MEDIASUBTYPE_YV12);
+      background.SetFormatType(&format);
+      std::fill_n(background.AllocFormatBuffer(length), length, BYTE{1});
+      ConnectBackground(background);
+      CMediaType type;
+      EXPECT_EQ(Pin().GetMediaType(0, &type), VFW_E_INVALIDMEDIATYPE);
+      EXPECT_TRUE(FAILED(Pin().Connect(&sink_->pin, nullptr)));
+      graph_->Disconnect(&background_->pin);
+      graph_->Disconnect(composer_->GetPin(0));
+    }
+  }
+}
+
 TEST_F(OutputPinTest, KeepsALargerHeaderButForTheAspect) {
   Make(0);
   CMediaType background = fakes::Yv12Type(kWidth, kHeight);

@@ -1,6 +1,7 @@
 // A YV12 picture in memory of its own, between bytes that must not change.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <random>
@@ -12,12 +13,15 @@ namespace support {
 
 class GuardedPicture {
  public:
-  GuardedPicture(std::int32_t width, std::int32_t height)
+  GuardedPicture(std::int32_t width, std::int32_t height, std::uint8_t y = 16, std::uint8_t v = 128,
+                 std::uint8_t u = 128)
       : width_(width),
         height_(height),
         bytes_(2 * kGuard + Yv12Picture{nullptr, width, height}.LumaBytes() +
                    2 * Yv12Picture{nullptr, width, height}.ChromaBytes(),
-               kGuardByte) {}
+               kGuardByte) {
+    Paint(y, v, u);
+  }
 
   // Every sample of any value, the same for the same seed.
   GuardedPicture& Scatter(std::uint32_t seed) {
@@ -35,24 +39,22 @@ class GuardedPicture {
     return *this;
   }
 
-  Yv12Picture view() { return {bytes_.data() + kGuard, width_, height_}; }
+  Yv12Picture view() const { return {const_cast<std::uint8_t*>(data()), width_, height_}; }
   const std::uint8_t* data() const { return bytes_.data() + kGuard; }
-  std::uint8_t Y(std::int32_t x, std::int32_t y) {
+  std::int32_t width() const { return width_; }
+  std::int32_t height() const { return height_; }
+  std::uint8_t Y(std::int32_t x, std::int32_t y) const {
     return view().Y()[std::ptrdiff_t{y} * width_ + x];
   }
-  std::uint8_t V(std::int32_t x, std::int32_t y) { return view().V()[ChromaIndex(x, y, width_)]; }
-  std::uint8_t U(std::int32_t x, std::int32_t y) { return view().U()[ChromaIndex(x, y, width_)]; }
+  std::uint8_t V(std::int32_t x, std::int32_t y) const {
+    return view().V()[ChromaIndex(x, y, width_)];
+  }
+  std::uint8_t U(std::int32_t x, std::int32_t y) const {
+    return view().U()[ChromaIndex(x, y, width_)];
+  }
 
   // Guards included.
   friend bool operator==(const GuardedPicture& a, const GuardedPicture& b) = default;
-  bool GuardsIntact() const {
-    for (std::size_t i = 0; i < kGuard; ++i) {
-      if (bytes_[i] != kGuardByte || bytes_[bytes_.size() - 1 - i] != kGuardByte) {
-        return false;
-      }
-    }
-    return true;
-  }
 
  private:
   static constexpr std::size_t kGuard = 256;
@@ -62,5 +64,28 @@ class GuardedPicture {
   std::int32_t height_;
   std::vector<std::uint8_t> bytes_;
 };
+
+// Columns [left, right) and rows [top, bottom).
+struct Area {
+  std::int32_t left = 0;
+  std::int32_t top = 0;
+  std::int32_t right = 0;
+  std::int32_t bottom = 0;
+  bool operator==(const Area&) const = default;
+};
+
+// The smallest area that holds every luma sample that differs; empty when none does.
+inline Area ChangedArea(const GuardedPicture& a, const GuardedPicture& b) {
+  Area area{a.width(), a.height(), 0, 0};
+  for (std::int32_t y = 0; y < a.height(); ++y) {
+    for (std::int32_t x = 0; x < a.width(); ++x) {
+      if (a.Y(x, y) != b.Y(x, y)) {
+        area = {std::min(area.left, x), std::min(area.top, y), std::max(area.right, x + 1),
+                std::max(area.bottom, y + 1)};
+      }
+    }
+  }
+  return area.right == 0 ? Area{} : area;
+}
 
 }  // namespace support

@@ -1,6 +1,8 @@
 // Every fast version of the drawing's loops gives the bytes of the scalar one, and touches nothing
 // beside its rectangle.
 #include <cstdint>
+#include <functional>
+#include <numeric>
 #include <random>
 #include <string>
 #include <vector>
@@ -49,60 +51,47 @@ class KernelVersions : public testing::TestWithParam<const DrawingKernels*> {
   }
 };
 
-TEST_P(KernelVersions, BlendEqualsTheDefinition) {
+TEST_P(KernelVersions, EqualTheDefinition) {
   const std::vector<std::uint8_t> over = Scattered(kBytes, 2);
   const std::vector<std::uint8_t> alpha = Scattered(kBytes, 3);
-  ExpectEqualOverWidthsAndAlignments([&](const DrawingKernels& version, std::uint8_t* to,
-                                         std::int32_t columns, std::ptrdiff_t alignment) {
-    // Sources aligned differently from the destination, and packed rows.
-    version.blend(to, kStride, columns, kRows, over.data() + 31 - alignment,
-                  alpha.data() + alignment / 2, columns);
-  });
-}
-
-TEST_P(KernelVersions, BlendEqualsTheDefinitionForEverySample) {
-  std::vector<std::uint8_t> all(256);
-  for (std::size_t i = 0; i < all.size(); ++i) {
-    all[i] = static_cast<std::uint8_t>(i);
-  }
-  for (int s = 0; s < 256; ++s) {
-    for (int a = 0; a < 256; ++a) {
-      std::vector<std::uint8_t> expected = all;
-      std::vector<std::uint8_t> actual = all;
-      const auto over = static_cast<std::uint8_t>(s);
-      const auto alpha = static_cast<std::uint8_t>(a);
-      kernels::ScalarKernels().blendConstant(expected.data(), 256, 256, 1, over, alpha);
-      GetParam()->blendConstant(actual.data(), 256, 256, 1, over, alpha);
-      ASSERT_EQ(actual, expected) << "s " << s << " a " << a;
-    }
-  }
-}
-
-TEST_P(KernelVersions, BlendConstantEqualsTheDefinition) {
-  ExpectEqualOverWidthsAndAlignments([](const DrawingKernels& version, std::uint8_t* to,
-                                        std::int32_t columns, std::ptrdiff_t alignment) {
-    version.blendConstant(to, kStride, columns, kRows, 235,
-                          static_cast<std::uint8_t>(alignment * 8));
-  });
-}
-
-TEST_P(KernelVersions, BlendValueEqualsTheDefinition) {
-  const std::vector<std::uint8_t> alphas = Scattered(kWidest * kRows, 4);
-  ExpectEqualOverWidthsAndAlignments(
-      [&](const DrawingKernels& version, std::uint8_t* to, std::int32_t columns, std::ptrdiff_t) {
-        version.blendValue(to, kStride, columns, kRows, 16, alphas.data());
-      });
-}
-
-TEST_P(KernelVersions, FadeEqualsTheDefinition) {
   std::vector<std::int16_t> factors;
-  for (const std::uint8_t alpha : Scattered(kWidest * kRows * kernels::kFadeLayers, 5)) {
-    factors.push_back(kernels::FadeFactor(alpha));
+  for (const std::uint8_t each : Scattered(kWidest * kRows * kernels::kFadeLayers, 5)) {
+    factors.push_back(kernels::FadeFactor(each));
   }
-  ExpectEqualOverWidthsAndAlignments(
-      [&](const DrawingKernels& version, std::uint8_t* to, std::int32_t columns, std::ptrdiff_t) {
-        version.fade(to, kStride, columns, kRows, factors.data());
-      });
+  using Run =
+      std::function<void(const DrawingKernels&, std::uint8_t*, std::int32_t, std::ptrdiff_t)>;
+  const Run loops[] = {[&](const auto& version, auto* to, auto columns, auto alignment) {
+                         // Sources aligned differently from the destination, and packed rows.
+                         version.blend(to, kStride, columns, kRows, over.data() + 31 - alignment,
+                                       alpha.data() + alignment / 2, columns);
+                       },
+                       [&](const auto& version, auto* to, auto columns, auto alignment) {
+                         version.blendConstant(to, kStride, columns, kRows, 235,
+                                               static_cast<std::uint8_t>(alignment * 8));
+                       },
+                       [&](const auto& version, auto* to, auto columns, auto) {
+                         version.blendValue(to, kStride, columns, kRows, 16, alpha.data());
+                       },
+                       [&](const auto& version, auto* to, auto columns, auto) {
+                         version.fade(to, kStride, columns, kRows, factors.data());
+                       }};
+  for (const Run& loop : loops) {
+    ExpectEqualOverWidthsAndAlignments(loop);
+  }
+}
+
+TEST_P(KernelVersions, BlendEverySampleAsTheDefinitionDoes) {
+  std::vector<std::uint8_t> all(256);
+  std::iota(all.begin(), all.end(), std::uint8_t{0});
+  for (int pair = 0; pair < 256 * 256; ++pair) {
+    std::vector<std::uint8_t> expected = all;
+    std::vector<std::uint8_t> actual = all;
+    const auto sample = static_cast<std::uint8_t>(pair);
+    const auto opacity = static_cast<std::uint8_t>(pair >> 8);
+    kernels::ScalarKernels().blendConstant(expected.data(), 256, 256, 1, sample, opacity);
+    GetParam()->blendConstant(actual.data(), 256, 256, 1, sample, opacity);
+    ASSERT_EQ(actual, expected) << pair;
+  }
 }
 
 TEST(Fade, IsTheBlendTowardsNeutralForEverySampleAndOpacity) {

@@ -2,10 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include "canvas.h"
 #include "render/compose.h"
+#include "tests/render/guarded_picture.h"
 
 namespace {
+
+using support::GuardedPicture;
 
 TEST(LabelColour, ReadsEveryForm) {
   EXPECT_EQ(ReadLabelColour("#F80"), (LabelColour{255, 136, 0, 255}));
@@ -36,12 +38,12 @@ TEST(LabelColour, AnInvalidColourKeepsTheFormerOne) {
 }
 
 TEST(LabelColour, AnInvalidColourCountsAsAnAssignment) {
-  Canvas canvas(200, 100);
+  GuardedPicture canvas(200, 100);
   Compose labels(1);
   Label& label = *labels.Find(0);
   label.SetText("x");
-  const WindowState window{canvas.bytes.data(), true, 0, 0, 100, 20};
-  const auto draw = [&] { label.Draw(window, canvas.Picture(), Ratio()); };
+  const WindowState window{canvas.data(), true, 0, 0, 100, 20};
+  const auto draw = [&] { label.Draw(window, canvas.view(), Ratio()); };
   draw();
   ASSERT_EQ(label.Renderer().RenderCount(), 1U);
   // The first assignment of all is a change, whatever it assigns.

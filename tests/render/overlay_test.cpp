@@ -153,19 +153,4 @@ TEST(BlendOverlay, BlendsWhatLiesInsideTheCanvasWhereverTheInkIs) {
   }
 }
 
-TEST(Yv12Overlay, NarrowsItsInkToTheOpacitiesThatAreThere) {
-  Yv12Overlay overlay;
-  overlay.Resize(20, 10);
-  EXPECT_EQ(overlay.lumaInk().right, 20);
-  EXPECT_EQ(overlay.chromaInk().bottom, 5);
-  overlay.Alpha()[2 * 20 + 7] = 1;
-  overlay.Alpha()[6 * 20 + 3] = 255;
-  overlay.MeasureInk();
-  EXPECT_EQ(overlay.lumaInk().left, 3);
-  EXPECT_EQ(overlay.lumaInk().right, 8);
-  EXPECT_EQ(overlay.lumaInk().top, 2);
-  EXPECT_EQ(overlay.lumaInk().bottom, 7);
-  EXPECT_EQ(overlay.chromaInk().right, 0);
-}
-
 }  // namespace

@@ -6,14 +6,19 @@
 namespace {
 
 thread_local std::uint64_t count = 0;
+thread_local std::uint64_t failing = 0;  // the count at which a call fails
 
 void* TryAllocate(std::size_t bytes) noexcept {
-  ++count;
+  if (++count == failing) {
+    return nullptr;
+  }
   return std::malloc(bytes == 0 ? 1 : bytes);
 }
 
 void* TryAllocate(std::size_t bytes, std::align_val_t alignment) noexcept {
-  ++count;
+  if (++count == failing) {
+    return nullptr;
+  }
   const auto boundary = static_cast<std::size_t>(alignment);
   return std::aligned_alloc(boundary, (bytes + boundary - 1) / boundary * boundary);
 }
@@ -96,6 +101,18 @@ AllocationCount::AllocationCount() : start_(count) {}
 
 std::uint64_t AllocationCount::Since() const {
   return count - start_;
+}
+
+FailingAllocation::FailingAllocation(std::uint64_t spared) {
+  failing = count + spared + 1;
+}
+
+FailingAllocation::~FailingAllocation() {
+  failing = 0;
+}
+
+bool FailingAllocation::HasFailed() const {
+  return count >= failing;
 }
 
 }  // namespace support

@@ -1,4 +1,5 @@
-// How many times a test program has allocated. Link tavrel_allocation_count.
+// How many times a test program has allocated, and allocations that fail. Link
+// tavrel_allocation_count.
 #pragma once
 
 #include <cstdint>
@@ -13,6 +14,16 @@ class AllocationCount {
 
  private:
   std::uint64_t start_;
+};
+
+// While it exists, one call of operator new on this thread fails: the one after `spared` others.
+class FailingAllocation {
+ public:
+  explicit FailingAllocation(std::uint64_t spared);
+  ~FailingAllocation();
+  FailingAllocation(const FailingAllocation&) = delete;
+  FailingAllocation& operator=(const FailingAllocation&) = delete;
+  bool HasFailed() const;
 };
 
 }  // namespace support

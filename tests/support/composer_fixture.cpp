@@ -58,6 +58,12 @@ ComPtr<fakes::Source> ComposerFixture::ConnectSide(int position, const CMediaTyp
   return source;
 }
 
+ComPtr<fakes::Source> ComposerFixture::ConnectSide(int position) {
+  CMediaType type;
+  EXPECT_EQ(composer_->GetPin(position)->GetMediaType(0, &type), S_OK);
+  return ConnectSide(position, type);
+}
+
 BYTE* ComposerFixture::Pixels(IMediaSample* sample) {
   BYTE* pixels = nullptr;
   sample->GetPointer(&pixels);

@@ -82,6 +82,8 @@ class ComposerFixture : public testing::Test {
 
   // A source connected to the pin at a position of the composer's enumeration.
   ComPtr<fakes::Source> ConnectSide(int position, const CMediaType& type, LONG bytes = 4096);
+  // With the type that the pin itself proposes.
+  ComPtr<fakes::Source> ConnectSide(int position);
   static int PositionOfText(LONG index) { return 4 + 6 * index; }
   static int PositionOfVideoAlarm(LONG index) { return 6 + 6 * index; }
   static int PositionOfAudioAlarm(LONG index) { return 7 + 6 * index; }

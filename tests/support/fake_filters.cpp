@@ -21,7 +21,7 @@ BITMAPINFOHEADER Yv12Bitmap(LONG width, LONG height) {
   bitmap.biPlanes = 1;
   bitmap.biBitCount = 12;
   bitmap.biCompression = MakeFourcc('Y', 'V', '1', '2');
-  bitmap.biSizeImage = static_cast<DWORD>(width * height * 3 / 2);
+  bitmap.biSizeImage = static_cast<DWORD>(width) * static_cast<DWORD>(height) * 3 / 2;
   return bitmap;
 }
 

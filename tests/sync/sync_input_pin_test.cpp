@@ -102,13 +102,4 @@ TEST_F(SyncInputPin, OffersAndAcceptsItsOneType) {
   EXPECT_EQ(in->CheckMediaType(nullptr), E_POINTER);
 }
 
-TEST_F(SyncInputPin, SaysWhenNobodyTakesTheEvent) {
-  ASSERT_EQ(sink->JoinFilterGraph(nullptr, nullptr), S_OK);
-  EXPECT_EQ(Deliver({0xE8, 0x03, 0, 0, 0, 0, 0, 0}, 5000000), VFW_E_NOT_IN_GRAPH);
-  // The reference stands all the same.
-  EXPECT_TRUE(in->IsSynchronized());
-  EXPECT_EQ(in->ToReferenceTime(1090), 5010000);
-  ASSERT_EQ(sink->JoinFilterGraph(graph.Get(), u"sink"), S_OK);
-}
-
 }  // namespace

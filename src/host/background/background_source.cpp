@@ -1,5 +1,6 @@
 #include "host/background/background_source.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "host/graph/picture_type.h"
@@ -18,11 +19,9 @@ class WatchedAllocator final : public CMemAllocator {
       : CMemAllocator("background allocator", nullptr, nullptr), watch_(std::move(watch)) {}
 
   HRESULT ReleaseBuffer(IMediaSample* sample) override {
-    // Afterwards this allocator may be gone.
-    const std::shared_ptr<FrameWatch> watch = watch_;
-    const HRESULT hr = CMemAllocator::ReleaseBuffer(sample);
-    watch->Returned(sample);
-    return hr;
+    // First: once the buffer is free, it may be that of the next frame that is watched.
+    watch_->Returned(sample);
+    return CMemAllocator::ReleaseBuffer(sample);
   }
 
  private:
@@ -81,19 +80,23 @@ void BackgroundSource::EndPacing() {
 }
 
 void BackgroundSource::Pace() {
-  const Time frameTime = FrameDuration(settings_.frameRate);
+  const Ratio rate = settings_.frameRate;
+  const Time frameTime = FrameDuration(rate);
   // What lies behind us when the wall starts was never to be shown.
-  while (FrameStart(nextFrame_, settings_.frameRate) < pacing_.now()) {
-    ++nextFrame_;
-  }
+  nextFrame_ = std::max(nextFrame_, FrameAt(pacing_.now() - 1, rate) + 1);
   while (!pacingEnds_) {
-    const Time due = FrameStart(nextFrame_, settings_.frameRate);
+    const Time due = FrameStart(nextFrame_, rate);
     if (!pacing_.waitUntil(due) || pacingEnds_) {
       return;
     }
-    if (pacing_.now() - due >= frameTime) {
-      ++counters_.late;
-    } else if (!Send(nextFrame_, false)) {
+    if (const Time now = pacing_.now(); now - due >= frameTime) {
+      // At once, however long the machine stood: on with the frame whose time it is.
+      const std::int64_t current = std::max(FrameAt(now, rate), nextFrame_ + 1);
+      counters_.late += static_cast<std::uint64_t>(current - nextFrame_);
+      nextFrame_ = current;
+      continue;
+    }
+    if (!Send(nextFrame_, false)) {
       ++counters_.starved;
     }
     ++nextFrame_;
@@ -119,10 +122,12 @@ bool BackgroundSource::Send(std::int64_t frame, bool wait) {
   if (settings_.watch != nullptr) {
     settings_.watch->Expect(sample.Get(), start);
   }
-  if (FAILED(pin_.Deliver(sample.Get()))) {
+  sending_ = start;
+  const bool sent = SUCCEEDED(pin_.Deliver(sample.Get()));
+  sent_ = start;
+  if (!sent) {
     return false;
   }
-  latestFrame_ = start;
   ++counters_.sent;
   return true;
 }

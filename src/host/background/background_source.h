@@ -4,6 +4,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "host/background/frame_watch.h"
@@ -60,8 +61,12 @@ class BackgroundSource final : public CBaseFilter {
   bool SendFrame(std::int64_t frame);
 
   const Counters& counters() const { return counters_; }
-  // Start of the latest frame sent, 0 before the first; any thread.
-  Time latestFrame() const { return latestFrame_; }
+  // Start of the frame that is the composer's present time, 0 before the first; none while a frame
+  // is being sent. Any thread.
+  std::optional<Time> presentFrame() const {
+    const Time sent = sent_;
+    return sending_ == sent ? std::optional(sent) : std::nullopt;
+  }
 
  private:
   bool Send(std::int64_t frame, bool wait);
@@ -76,7 +81,8 @@ class BackgroundSource final : public CBaseFilter {
   std::atomic<bool> pacingEnds_{false};
   std::int64_t nextFrame_ = 0;  // pacing thread; kept from run to run
   Counters counters_;
-  std::atomic<Time> latestFrame_{0};
+  std::atomic<Time> sending_{0};  // start of the frame whose sending began last ...
+  std::atomic<Time> sent_{0};     // ... and of the one whose sending ended last
 };
 
 }  // namespace host

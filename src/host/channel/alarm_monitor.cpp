@@ -1,5 +1,6 @@
 #include "host/channel/alarm_monitor.h"
 
+#include <algorithm>
 #include <cmath>
 
 namespace host {
@@ -20,6 +21,13 @@ const char* NameOf(AlarmKind kind) {
   return kNames[static_cast<std::size_t>(kind)];
 }
 
+const char* NameOf(AudioState state) {
+  constexpr std::array<const char*, 9> kNames{"unknown",     "off",         "present",
+                                              "silent",      "absent",      "no_track",
+                                              "not_started", "undecodable", "stopped"};
+  return kNames[static_cast<std::size_t>(state)];
+}
+
 AlarmMonitor::AlarmMonitor(const AlarmSettings& settings, Sink sink)
     : settings_(settings),
       sink_(std::move(sink)),
@@ -28,6 +36,9 @@ AlarmMonitor::AlarmMonitor(const AlarmSettings& settings, Sink sink)
   for (std::size_t i = 0; i < kAlarmKinds; ++i) {
     timers_[i] = AlarmTimer(settings.times[i].setAfter, settings.times[i].clearAfter);
   }
+  const AlarmSettings::Times& peaks =
+      settings.times[static_cast<std::size_t>(AlarmKind::kClipping)];
+  peaks_ = PeakTimer(peaks.setAfter, peaks.clearAfter);
 }
 
 void AlarmMonitor::Update(AlarmKind kind, bool condition, Time now) {
@@ -35,15 +46,49 @@ void AlarmMonitor::Update(AlarmKind kind, bool condition, Time now) {
   if (!settings_.times[index].enabled) {
     return;
   }
-  if (const std::optional<bool> raised = timers_[index].Update(condition, now)) {
+  const std::optional<bool> changed = kind == AlarmKind::kClipping
+                                          ? peaks_.Update(condition, now)
+                                          : timers_[index].Update(condition, now);
+  if (changed.has_value()) {
     const AlarmSettings::Times& times = settings_.times[index];
-    sink_({kind, *raised, *raised ? timers_[index].raisedSince() : now - times.clearAfter});
+    sink_({kind, *changed, *changed ? raisedSince(kind) : now - times.clearAfter});
   }
 }
 
-void AlarmMonitor::Opened(bool hasSound, Time now) {
-  hasSound_ = hasSound;
+void AlarmMonitor::Opened(AudioAbsence absence, Time now) {
+  absence_ = absence;
+  isDecodable_ = true;
+  heard_ = false;
+  missing_ = false;
+  quietSince_.reset();
+  silent_ = false;
   lastSound_ = now;
+}
+
+AudioState AlarmMonitor::audio() const {
+  if (lost_ || !absence_.has_value()) {
+    return AudioState::kUnknown;
+  }
+  switch (*absence_) {
+    case AudioAbsence::kOff:
+      return AudioState::kOff;
+    case AudioAbsence::kNotInSource:
+      return AudioState::kAbsent;
+    case AudioAbsence::kNoTrack:
+      return AudioState::kNoTrack;
+    case AudioAbsence::kNotStarted:
+      return AudioState::kNotStarted;
+    case AudioAbsence::kUndecodable:
+      return AudioState::kUndecodable;
+    case AudioAbsence::kNone:
+      break;
+  }
+  if (missing_) {
+    return !isDecodable_ ? AudioState::kUndecodable
+           : heard_      ? AudioState::kStopped
+                         : AudioState::kNotStarted;
+  }
+  return silent_ && raised(AlarmKind::kSilence) ? AudioState::kSilent : AudioState::kPresent;
 }
 
 void AlarmMonitor::Picture(bool black, bool still, Time now) {
@@ -54,13 +99,29 @@ void AlarmMonitor::Picture(bool black, bool still, Time now) {
   Tick(now);
 }
 
-void AlarmMonitor::Sound(float loudest, Time now) {
-  lastSound_ = now;
+void AlarmMonitor::Sound(float loudest, Time now, Time late) {
+  if (late >= kSoundMissing) {
+    return;  // says nothing of the present
+  }
+  lastSound_ = std::max(lastSound_, now - late);
+  heard_ = true;
+  missing_ = false;
   if (lost_) {
     return;
   }
   Update(AlarmKind::kSilence, loudest <= silence_, now);
+  Heard(loudest <= silence_, now);
   Update(AlarmKind::kClipping, loudest >= clipping_, now);
+}
+
+// Audio that returns from having stopped finds the alarm raised still, and may be silent then.
+void AlarmMonitor::Heard(bool isQuiet, Time now) {
+  quietSince_ = isQuiet ? std::optional(quietSince_.value_or(now)) : std::nullopt;
+  const AlarmSettings::Times& times =
+      settings_.times[static_cast<std::size_t>(AlarmKind::kSilence)];
+  const bool isLong =
+      quietSince_.has_value() && now - *quietSince_ >= std::min(times.setAfter, times.clearAfter);
+  silent_ = raised(AlarmKind::kSilence) && (silent_ || isLong);
 }
 
 void AlarmMonitor::Lost(Time since, Time now) {
@@ -78,14 +139,23 @@ void AlarmMonitor::Lost(Time since, Time now) {
 void AlarmMonitor::Found(Time now) {
   if (lost_) {
     lastSound_ = now;
+    missing_ = false;
   }
   lost_ = false;
   Update(AlarmKind::kLoss, false, now);
 }
 
 void AlarmMonitor::Tick(Time now) {
-  if (!lost_ && (!hasSound_ || now - lastSound_ >= kSoundMissing)) {
-    Update(AlarmKind::kSilence, hasSound_, now);
+  if (lost_) {
+    return;
+  }
+  missing_ = now - lastSound_ >= kSoundMissing;
+  const AudioAbsence absence = absence_.value_or(AudioAbsence::kOff);
+  if (absence != AudioAbsence::kNone || missing_) {
+    quietSince_.reset();
+    silent_ = false;
+    const bool isWanted = absence != AudioAbsence::kOff && absence != AudioAbsence::kNotInSource;
+    Update(AlarmKind::kSilence, isWanted, now);
     Update(AlarmKind::kClipping, false, now);
   }
 }

@@ -10,16 +10,10 @@
 
 #include "host/channel/channel_observer.h"
 #include "host/channel/channel_queue.h"
-#include "host/channel/item_merger.h"
-#include "host/channel/live_timeline.h"
-#include "host/channel/picture/picture_converter.h"
-#include "host/channel/picture/picture_meter.h"
 #include "host/channel/reopen_delay.h"
-#include "host/channel/sound/audio_format.h"
-#include "host/channel/sound/level_meter.h"
 #include "host/channel/source/media_reader.h"
+#include "host/channel/source_session.h"
 #include "host/graph/feed_pin.h"
-#include "log/i_log_perf.h"
 
 namespace host {
 
@@ -31,18 +25,9 @@ class ChannelIngest {
   struct Settings {
     std::string name;
     MediaReader::Settings reader;
-    PictureConverter::Settings picture;
-    LevelMeter::Settings meter;
-    PictureMeter::Settings pictureMeter;
-    Time span = kSecond;             // how far the reader runs ahead
-    Time mergeWindow = kSecond / 2;  // pictures and sounds are put in order within this time
-    bool reopen = false;             // after a failure, or the end of a source that is no file
-    // The wall's time, which live sources are fitted to; null: sources start at 0.
-    std::function<Time()> now;
-    // Counts pictures and discontinuities; not owned, may be null.
-    qorp::log::ILogPerf* logger = nullptr;
-    // The channel's track in the outputs; null: compressed sound does not leave the ingest.
-    std::shared_ptr<AudioTrack> audioTrack;
+    SourceSession::Settings session;
+    Time span = kSecond;  // how far the reader runs ahead of the wall
+    bool reopen = false;  // after a failure, or the end of a source that is no file
   };
 
   ChannelIngest(Settings settings, FeedPin& videoPin, ChannelQueue& queue,
@@ -56,8 +41,6 @@ class ChannelIngest {
   void Cancel();
 
  private:
-  class Pass;
-
   bool cancelled() const;
   // False once cancelled.
   bool WaitBeforeReopening(std::chrono::milliseconds delay);
@@ -65,6 +48,8 @@ class ChannelIngest {
   std::optional<std::chrono::milliseconds> Attempt(MediaReader& reader);
   // Reads to the end; false when the wall stopped first.
   bool ReadToEnd(MediaReader& reader);
+  bool ReadToEnd(MediaReader& reader, SourceSession& session);
+  void Report(const ItemPlacer& placer);
   // False once the queue is closed.
   bool Announce(SourceNews news);
 
@@ -80,7 +65,8 @@ class ChannelIngest {
 
   // The reader's thread only.
   ReopenDelay delay_;
-  Time latest_ = 0;  // wall's time of the latest item
+  Time latest_ = 0;      // when everything that was queued is shown
+  Time reportedAt_ = 0;  // the timing of the source, on the wall's clock
 };
 
 }  // namespace host

@@ -9,11 +9,9 @@ namespace {
 constexpr Time kLeastPatience = kSecond / 2;
 constexpr Time kMostPatience = 60 * kSecond;
 constexpr Time kPatienceInPictures = 3;
-// Pictures in a row that make a channel live again: of a slow source, of another one, and how many
-// more of those that come when they were already missed.
+// Pictures in a row that make a channel live again: of a slow source, of another one.
 constexpr int kSlowOnes = 1;
 constexpr int kOnes = 2;
-constexpr int kMoreLateOnes = 2;
 
 Time Patience(Time duration) {
   return std::clamp(kPatienceInPictures * duration, kLeastPatience, kMostPatience);
@@ -44,15 +42,13 @@ bool ChannelLife::Become(ChannelState state, const std::string& reason, Time sin
   return true;
 }
 
-bool ChannelLife::Shown(Time now, Time duration, Time late) {
+bool ChannelLife::Shown(Time now, Time duration) {
   const bool isAway = status_.state == ChannelState::kHeld || status_.state == ChannelState::kLost;
   if (isAway) {
     const bool follows = straggler_.has_value() && now - *straggler_ < Patience(duration);
     stragglers_ = follows ? stragglers_ + 1 : 1;
     straggler_ = now;
-    const int needed = (duration < kLeastPatience ? kOnes : kSlowOnes) +
-                       (late < Patience(duration) ? 0 : kMoreLateOnes);
-    if (stragglers_ < needed) {
+    if (stragglers_ < (duration < kLeastPatience ? kOnes : kSlowOnes)) {
       return false;
     }
   }

@@ -31,8 +31,7 @@ const char* NameOf(ChannelState state);
 //           failed, or no picture for a while
 //
 // Held or lost, one picture is not enough: what was still under way from a source that has gone may
-// come late. Two that follow each other are (of slow sources, one), and when they come so late that
-// they were missed, as what a decoder still held when reading was given up, two more.
+// come late. Two that follow each other are (of slow sources, one).
 //
 // A new reason while held or lost changes the reason only: since stays the time of the trouble.
 // Time comes in from outside (the wall's clock) and never runs here. No lock: one thread.
@@ -50,9 +49,8 @@ class ChannelLife {
 
   // Each returns whether the status is another one now.
   //
-  // A picture is shown that lasts so long (what a frame of the source lasts), so long after its
-  // time.
-  bool Shown(Time now, Time duration, Time late = 0);
+  // A picture is shown that lasts so long (what a frame of the source lasts).
+  bool Shown(Time now, Time duration);
   // The source failed or ended; whatever it gave before has been shown.
   bool Failed(const std::string& reason, Time now);
   // Time has passed.

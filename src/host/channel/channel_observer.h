@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -10,6 +11,16 @@
 #include "host/channel/source/media_info.h"
 
 namespace host {
+
+// How the items of a live source come.
+struct SourceTiming {
+  Time jitter = 0;  // how far apart the earliest and the latest arrivals of ten seconds lie
+  Time lead = 0;    // how long before their time the earliest come; the rest is in the composer
+  // Audio packets since the source was opened that were left out.
+  std::uint64_t audioTooEarly = 0;
+  std::uint64_t audioTooLate = 0;
+  std::uint64_t overflowed = 0;  // items for which the queue had no room, since the wall started
+};
 
 // Called by the two threads of every channel, at any time; returns soon.
 class ChannelObserver {
@@ -22,6 +33,10 @@ class ChannelObserver {
   // reason: one sentence; retryIn: until the source is opened again, none when it is not.
   virtual void ChannelFailed(const std::string& channel, const std::string& reason,
                              std::optional<std::chrono::milliseconds> retryIn) = 0;
+  // About once a second while it is read.
+  virtual void ChannelTimed(const std::string& channel, const SourceTiming& timing) {
+    (void)channel, (void)timing;
+  }
   // What becomes of the channel's sound on its way to the outputs, as a sentence.
   virtual void ChannelSoundChanged(const std::string& channel, const std::string& what) {
     (void)channel, (void)what;
@@ -29,6 +44,9 @@ class ChannelObserver {
 
   // Of what is shown, by the streaming thread. Times are the wall's.
   virtual void ChannelChanged(const std::string& channel, const ChannelLife::Status& status) {
+    (void)channel, (void)status;
+  }
+  virtual void AudioChanged(const std::string& channel, const AudioStatus& status) {
     (void)channel, (void)status;
   }
   virtual void AlarmChanged(const std::string& channel, const AlarmMonitor::Change& change) {

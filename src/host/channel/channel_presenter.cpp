@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cctype>
 #include <cstring>
+#include <thread>
+#include <utility>
 
 #include "host/channel/alarm_record.h"
 #include "host/graph/picture_type.h"
@@ -10,12 +12,35 @@
 namespace host {
 namespace {
 
-// Five in the second for which the composer keeps pictures waiting.
-constexpr Time kRepeatAfter = kSecond / 5;
-// The composer's queue has run dry when nothing was sent for so long.
-constexpr Time kFixAfterGap = 8 * kSecond / 10;
+// States and alarms follow the time in steps of that length.
+constexpr Time kLookEvery = kSecond / 5;
+// Tries to anchor the channel's time between two background frames.
+constexpr int kAnchorTries = 4;
 // A source that opens at once never shows a slate.
 constexpr Time kOpeningPatience = kSecond;
+
+// Of what makes a meter empty.
+const char* CaptionOf(AudioState state) {
+  switch (state) {
+    case AudioState::kUnknown:
+    case AudioState::kOff:
+    case AudioState::kPresent:
+      return "";
+    case AudioState::kSilent:
+      return "SILENT";
+    case AudioState::kAbsent:
+      return "NO AUDIO";
+    case AudioState::kNoTrack:
+      return "AUDIO TRACK MISSING";
+    case AudioState::kNotStarted:
+      return "AUDIO NOT STARTED";
+    case AudioState::kUndecodable:
+      return "AUDIO NOT DECODABLE";
+    case AudioState::kStopped:
+      return "AUDIO STOPPED";
+  }
+  return "";
+}
 
 const char* CaptionOf(AlarmKind kind) {
   switch (kind) {
@@ -26,7 +51,7 @@ const char* CaptionOf(AlarmKind kind) {
     case AlarmKind::kFreeze:
       return "FROZEN";
     case AlarmKind::kSilence:
-      return "SILENT";
+      break;  // says which kind, see above
     case AlarmKind::kClipping:
       return "CLIPPING";
   }
@@ -54,12 +79,13 @@ ChannelPresenter::ChannelPresenter(Settings settings, Pins pins, ChannelObserver
 void ChannelPresenter::Begin(Time now) {
   life_ = ChannelLife(settings_.hold, now);
   now_ = now;
-  idleSince_ = now;
-  lastSent_.reset();
-  lastReal_.reset();
-  lastLevels_.reset();
+  looked_ = now;
+  frames_.Clear();
+  levels_.Clear();
+  looks_.clear();
   hasPictures_ = true;
   hasSound_ = false;
+  audio_ = {};
 }
 
 void ChannelPresenter::End() {
@@ -72,6 +98,21 @@ void ChannelPresenter::Report(bool changed) {
   }
 }
 
+void ChannelPresenter::ReportAudio() {
+  AudioStatus status = audio_;
+  status.state = alarms_.audio();
+  if (status.state == audio_.state) {
+    return;
+  }
+  const bool isHeard = status.state == AudioState::kPresent || status.state == AudioState::kSilent;
+  status.reason = isHeard || status.state == AudioState::kUnknown ? std::string() : audioReason_;
+  status.since = status.state == AudioState::kSilent    ? alarms_.silentSince()
+                 : status.state == AudioState::kStopped ? alarms_.lastSound()
+                                                        : now_;
+  audio_ = std::move(status);
+  observer_->AudioChanged(settings_.name, audio_);
+}
+
 // What follows from the time alone.
 void ChannelPresenter::Watch(Time now) {
   now_ = std::max(now_, now);
@@ -81,6 +122,8 @@ void ChannelPresenter::Watch(Time now) {
   } else {
     alarms_.Lost(life_.status().since, now_);
   }
+  ReportAudio();
+  NoteLook();
 }
 
 void ChannelPresenter::Hear(const SourceNews& news, Time now) {
@@ -89,31 +132,30 @@ void ChannelPresenter::Hear(const SourceNews& news, Time now) {
     hasPictures_ = news.hasPictures;
     hasSound_ = news.hasSound;
     noPictureReason_ = news.reason;
-    alarms_.Opened(news.hasSound, now_);
+    audioReason_ = news.audioReason;
+    alarms_.Opened(news.audioAbsence, now_);
+    return;
+  }
+  if (news.kind == SourceNews::Kind::kAudio) {
+    audioReason_ = news.audioReason;
+    alarms_.Decodable(news.audioAbsence == AudioAbsence::kNone);
     return;
   }
   Report(life_.Failed(news.reason, now_));
-  if (showsSlate()) {
-    Repeat(now_);
-  }
+  NoteLook();
 }
 
-void ChannelPresenter::Show(const ReadyPicture& picture) {
-  REFERENCE_TIME start = 0;
-  REFERENCE_TIME stop = 0;
-  picture.sample->GetTime(&start, &stop);
-  const Time duration = std::max<Time>(stop - start, 1);
+void ChannelPresenter::Show(const ReadyPicture& picture, Time start, Time duration) {
+  duration = std::max<Time>(duration, 1);
   now_ = std::max(now_, start);
-  Report(life_.Shown(now_, duration, now_ - start));
-  alarms_.Picture(picture.condition.black, picture.condition.still, now_);
-  if (lastSent_.has_value() && start <= *lastSent_) {
-    if (lastReal_.has_value() && *lastSent_ - *lastReal_ < kRepeatAfter) {
-      return;
-    }
-    start = *lastSent_ + 1;
-    stop = start + duration;
-    picture.sample->SetTime(&start, &stop);
+  if (!frames_.Takes(start)) {
+    ++late_;
+    return;
   }
+  Report(life_.Shown(now_, duration));
+  alarms_.Picture(picture.condition.black, picture.condition.still, now_);
+  ReportAudio();
+  NoteLook();
   BYTE* pixels = nullptr;
   picture.sample->GetPointer(&pixels);
   const std::string caption = CaptionText();
@@ -122,33 +164,45 @@ void ChannelPresenter::Show(const ReadyPicture& picture) {
     pristine_.assign(pixels, pixels + PictureSize(settings_.width, settings_.height));
     text_.DrawCaption(Window(pixels), caption);
   }
-  const bool isFirst = !lastReal_.has_value();
   kept_ = picture.sample;
-  lastReal_ = start;
-  SendPicture(picture.sample.Get(), start, stop);
-  if (isFirst && settings_.pictureSent) {
-    settings_.pictureSent();
-  }
+  SendPicture(picture.sample.Get(), start, start + duration);
 }
 
-void ChannelPresenter::Show(const ReadyLevels& levels) {
-  now_ = std::max(now_, levels.start);
+void ChannelPresenter::Show(const ReadyLevels& levels, Time start, Time duration) {
+  now_ = std::max(now_, start);
   if (!hasPictures_) {
-    Report(life_.Shown(now_, levels.duration));
+    Report(life_.Shown(now_, duration));
     alarms_.Found(now_);
   }
-  alarms_.Sound(levels.loudest, now_);
-  SendLevels(levels.start, levels.duration, levels.levels);
+  alarms_.Sound(levels.loudest, now_, now_ - start);
+  ReportAudio();
+  SendLevels(start, duration, levels.levels);
 }
 
 Time ChannelPresenter::nextTick() const {
-  return std::max(lastSent_.value_or(idleSince_), idleSince_) + kRepeatAfter;
+  Time next = looked_ + kLookEvery;
+  if (frames_.begun()) {
+    next = std::min({next, frames_.nextRepeat(), levels_.nextRepeat()});
+  }
+  return std::max(next, now_);
 }
 
 void ChannelPresenter::Tick(Time now) {
-  idleSince_ = now;
-  Watch(now);
-  Repeat(now_);
+  if (now - looked_ >= kLookEvery) {
+    looked_ = now;
+    Watch(now);
+    if (!frames_.begun()) {
+      Repeat(now_);
+    }
+  }
+  now_ = std::max(now_, now);
+  if (frames_.begun() && frames_.nextRepeat() <= now_) {
+    Repeat(frames_.RepeatAt(now_));
+  }
+  if (frames_.begun() && levels_.nextRepeat() <= now_) {
+    const Time start = levels_.RepeatAt(now_);
+    SendLevels(start, WindowFill::kStep, AudioLevels{});
+  }
 }
 
 bool ChannelPresenter::showsSlate() const {
@@ -182,13 +236,27 @@ std::string ChannelPresenter::SlateText() const {
 
 std::string ChannelPresenter::CaptionText() const {
   std::string text;
+  const auto add = [&](const std::string& part) {
+    text += (text.empty() || part.empty() ? "" : " \u00b7 ") + part;
+  };
   for (const AlarmKind kind : kAllAlarms) {
-    if (alarms_.raised(kind)) {
-      text += (text.empty() ? "" : " \u00b7 ") + std::string(CaptionOf(kind)) + " since " +
-              settings_.timeText(alarms_.raisedSince(kind));
+    if (kind == AlarmKind::kSilence) {
+      add(AudioCaption());
+    } else if (alarms_.raised(kind)) {
+      add(std::string(CaptionOf(kind)) + " since " + settings_.timeText(alarms_.raisedSince(kind)));
     }
   }
   return text;
+}
+
+// What an empty meter means: at once where there is a meter, otherwise when the alarm is raised.
+std::string ChannelPresenter::AudioCaption() const {
+  std::string text;
+  if (settings_.meter || alarms_.raised(AlarmKind::kSilence)) {
+    text = CaptionOf(audio_.state);
+  }
+  const bool hasBegun = audio_.state == AudioState::kSilent || audio_.state == AudioState::kStopped;
+  return !text.empty() && hasBegun ? text + " since " + settings_.timeText(audio_.since) : text;
 }
 
 WindowPicture ChannelPresenter::Window(BYTE* pixels) const {
@@ -197,23 +265,45 @@ WindowPicture ChannelPresenter::Window(BYTE* pixels) const {
           settings_.height};
 }
 
+void ChannelPresenter::NoteLook() {
+  Look look;
+  look.slate = showsSlate();
+  look.text = look.slate ? SlateText() : CaptionText();
+  if (looks_.empty() || looks_.back().second != look) {
+    looks_.emplace_back(now_, std::move(look));
+  }
+  while (looks_.size() > 1 && looks_[1].first <= now_ - WindowFill::kLatency) {
+    looks_.pop_front();
+  }
+}
+
+const ChannelPresenter::Look& ChannelPresenter::LookAt(Time time) {
+  if (looks_.empty()) {
+    NoteLook();
+  }
+  auto look = std::prev(looks_.end());
+  while (look != looks_.begin() && look->first > time) {
+    --look;
+  }
+  return look->second;
+}
+
 // Sends again what the window shows.
-void ChannelPresenter::Repeat(Time now) {
-  const Time start = lastSent_.has_value() ? std::max(now, *lastSent_ + 1) : now;
-  const Time stop = start + kRepeatAfter;
-  if (showsSlate()) {
-    const std::string text = SlateText();
-    if (slate_.empty() || text != slateText_) {
+void ChannelPresenter::Repeat(Time start) {
+  const Time stop = start + WindowFill::kStep;
+  const Look& look = LookAt(start);
+  if (look.slate) {
+    if (slate_.empty() || look.text != slateText_) {
       slate_.resize(static_cast<std::size_t>(PictureSize(settings_.width, settings_.height)));
-      text_.DrawSlate(Window(slate_.data()), text);
-      slateText_ = text;
+      text_.DrawSlate(Window(slate_.data()), look.text);
+      slateText_ = look.text;
     }
     SendCopy(slate_.data(), {}, start, stop);
     return;
   }
   BYTE* pixels = nullptr;
   if (kept_ != nullptr && SUCCEEDED(kept_->GetPointer(&pixels))) {
-    SendCopy(pristine_.empty() ? pixels : pristine_.data(), CaptionText(), start, stop);
+    SendCopy(pristine_.empty() ? pixels : pristine_.data(), look.text, start, stop);
   }
 }
 
@@ -237,48 +327,70 @@ void ChannelPresenter::SendCopy(const std::uint8_t* pixels, const std::string& c
 void ChannelPresenter::SendPicture(IMediaSample* sample, Time start, Time stop) {
   BYTE* pixels = nullptr;
   sample->GetPointer(&pixels);
-  FixClock(pixels, start);
-  pins_.video.Deliver(sample);
-  lastSent_ = start;
+  if (AnchorClock(pixels, start)) {
+    sample->SetTime(&start, &stop);
+    Deliver(sample);
+    frames_.Sent(start);
+  }
   pins_.videoAlarm.Send(ToWire(VideoAlarmRecord{alarms_.pictureAlarm(), 0}), start, stop);
   // The alarms of a channel show only where it has a meter.
-  if (!hasSound_ || !lastLevels_.has_value() || start - *lastLevels_ >= kRepeatAfter) {
+  if (!hasSound_) {
     SendLevels(start, stop - start, AudioLevels{});
   }
 }
 
-// The composer fixes a channel's time to its own with every picture that finds fewer than two
-// others waiting, whatever moment that picture belongs to. Copies of it that carry the composer's
-// present time go first, so that the fix is exact and the channel's times are the wall's.
-void ChannelPresenter::FixClock(const BYTE* pixels, Time start) {
-  int copies = 0;
-  if (!lastSent_.has_value()) {
-    copies = 2;
-  } else if (start - *lastSent_ >= kFixAfterGap) {
-    copies = 1;  // the last picture from before the gap still waits
-    if (settings_.logger != nullptr) {
-      settings_.logger->IncrementResync();
-    }
+// The composer sets a channel's time to its own with a frame that finds fewer than two others
+// waiting. Copies of it that carry the composer's present time go first, so that the channel's
+// times are the wall's exactly.
+bool ChannelPresenter::AnchorClock(const BYTE* pixels, Time start) {
+  std::optional<Time> present = settings_.presentFrame();
+  if (present && frames_.begun() && !frames_.IsDry(*present)) {
+    return true;
   }
-  const Time present = settings_.latestFrame ? settings_.latestFrame() : 0;
+  if (frames_.begun() && settings_.logger != nullptr) {
+    settings_.logger->IncrementResync();
+  }
   const LONG size = PictureSize(settings_.width, settings_.height);
-  for (; copies > 0; --copies) {
-    const ComPtr<IMediaSample> copy = pins_.video.NewSample(present, present + 1, false);
-    BYTE* to = nullptr;
-    if (!copy || FAILED(copy->GetPointer(&to))) {
-      return;
+  std::optional<Time> anchored;
+  for (int tries = 0; tries < kAnchorTries && anchored != present; ++tries) {
+    if (!present) {
+      std::this_thread::yield();  // the background is about to send a frame
+      present = settings_.presentFrame();
+      continue;
     }
-    std::memcpy(to, pixels, static_cast<std::size_t>(size));
-    copy->SetActualDataLength(size);
-    pins_.video.Deliver(copy.Get());
+    for (int copies = 0; copies < 2; ++copies) {
+      const ComPtr<IMediaSample> copy = pins_.video.NewSample(*present, *present + 1, false);
+      BYTE* to = nullptr;
+      if (!copy || FAILED(copy->GetPointer(&to))) {
+        return true;
+      }
+      std::memcpy(to, pixels, static_cast<std::size_t>(size));
+      copy->SetActualDataLength(size);
+      copy->SetDiscontinuity(TRUE);
+      Deliver(copy.Get());
+      frames_.Sent(*present);
+    }
+    anchored = present;
+    present = settings_.presentFrame();
+  }
+  return frames_.Takes(start);
+}
+
+void ChannelPresenter::Deliver(IMediaSample* sample) {
+  if (settings_.wantsType && settings_.wantsType()) {
+    pins_.video.AttachType(*sample);
+  }
+  pins_.video.Deliver(sample);
+  if (settings_.pictureSent) {
+    settings_.pictureSent();
   }
 }
 
 void ChannelPresenter::SendLevels(Time start, Time duration, const AudioLevels& levels) {
-  if (lastLevels_.has_value() && start <= *lastLevels_) {
+  if (!levels_.Takes(start)) {
     return;  // an earlier record would make the composer forget those that wait
   }
-  lastLevels_ = start;
+  levels_.Sent(start);
   AudioAlarmRecord record;
   record.alarmEnabled = true;
   record.condition1 = alarms_.raised(AlarmKind::kSilence);

@@ -2,15 +2,18 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/channel/alarm_monitor.h"
 #include "host/channel/channel_life.h"
 #include "host/channel/channel_observer.h"
 #include "host/channel/channel_queue.h"
+#include "host/channel/window_fill.h"
 #include "host/graph/feed_pin.h"
 #include "host/slate/window_text.h"
 #include "host/units.h"
@@ -27,10 +30,8 @@ namespace host {
 //   held      the last picture, repeated; caption               alarms, a silent meter
 //   lost      a slate: channel, reason, since when              alarms, a silent meter
 //
-// Repeating keeps at least two pictures waiting in the composer's window pin, which would otherwise
-// fix the channel's time anew with every picture, and puts a record near every frame, without which
-// meter and alarm box vanish. What is sent has ever later times: a picture that comes after a later
-// one was sent is restamped, or dropped when there was another one just before.
+// What is sent has ever later times: a frame or level that comes after a later one was sent is
+// dropped (WindowFill says when that is).
 //
 // Time is that of what is delivered and of the ticks, so a rendered wall shows the same every time.
 // Owned by the channel's source; streaming thread only.
@@ -44,9 +45,11 @@ class ChannelPresenter {
     Time hold = 5 * kSecond;
     AlarmSettings alarms;
     std::function<std::string(Time)> timeText;  // of the wall's time, as an operator reads it
-    std::function<void()> pictureSent;          // called after the first picture
-    std::function<Time()> latestFrame;          // start of the latest background frame sent
-    qorp::log::ILogPerf* logger = nullptr;      // counts resynchronisations; may be null
+    std::function<bool()> wantsType;            // whether a picture is to carry its media type
+    std::function<void()> pictureSent;          // called after each picture
+    // Start of the latest background frame in the composer; none while one is being sent.
+    std::function<std::optional<Time>()> presentFrame;
+    qorp::log::ILogPerf* logger = nullptr;  // counts resynchronisations; may be null
   };
   struct Pins {
     FeedPin& video;
@@ -58,25 +61,42 @@ class ChannelPresenter {
 
   // Before the first item. now: the wall's time.
   void Begin(Time now);
-  void Show(const ReadyPicture& picture);
-  void Show(const ReadyLevels& levels);
+  // start, duration: of the item, on the wall's clock.
+  void Show(const ReadyPicture& picture, Time start, Time duration);
+  void Show(const ReadyLevels& levels, Time start, Time duration);
   void Hear(const SourceNews& news, Time now);
   // When Tick is wanted, unless something is delivered before.
   Time nextTick() const;
   void Tick(Time now);
-  // After the last item: lets go of the picture that it keeps.
+  // After the last item: releases the frame that it keeps.
   void End();
+  // Frames of the source that came too late to be shown.
+  std::uint64_t lateFrames() const { return late_; }
 
  private:
   void Watch(Time now);
   void Report(bool changed);
+  // What a repeat shows: a slate with its text, or the last frame with a caption, which may be
+  // empty.
+  struct Look {
+    bool slate = false;
+    std::string text;
+    bool operator==(const Look&) const = default;
+  };
+
+  void ReportAudio();
   bool showsSlate() const;
   std::string SlateText() const;
   std::string CaptionText() const;
-  void Repeat(Time now);
+  std::string AudioCaption() const;
+  void NoteLook();
+  const Look& LookAt(Time time);
+  void Repeat(Time start);
   void SendPicture(IMediaSample* sample, Time start, Time stop);
   void SendCopy(const std::uint8_t* pixels, const std::string& caption, Time start, Time stop);
-  void FixClock(const BYTE* pixels, Time start);
+  // False when the frame that was to be sent at start has been anchored over.
+  bool AnchorClock(const BYTE* pixels, Time start);
+  void Deliver(IMediaSample* sample);
   void SendLevels(Time start, Time duration, const AudioLevels& levels);
   WindowPicture Window(BYTE* pixels) const;
 
@@ -89,11 +109,16 @@ class ChannelPresenter {
   bool hasPictures_ = true;  // the source has; until it is known, it is taken to have
   bool hasSound_ = false;
   std::string noPictureReason_;
-  Time now_ = 0;                  // latest time that was seen
-  std::optional<Time> lastSent_;  // start of the latest picture sent
-  std::optional<Time> lastReal_;  // ... that came from the source
-  std::optional<Time> lastLevels_;
-  Time idleSince_ = 0;  // Tick looked, and there was nothing to send
+  std::string audioReason_;  // why there is no audio
+  AudioStatus audio_;
+  Time now_ = 0;  // latest time that was seen
+  WindowFill frames_{2};
+  WindowFill levels_{1};
+  Time looked_ = 0;         // Tick looked at what follows from the time alone
+  std::uint64_t late_ = 0;  // frames of the source that came too late to be shown
+
+  // Repeats belong to a time that is almost a second ago: from when on the channel looked how.
+  std::deque<std::pair<Time, Look>> looks_;
 
   WindowText text_;
   ComPtr<IMediaSample> kept_;           // latest picture of the source as it was sent

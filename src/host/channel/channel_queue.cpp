@@ -1,16 +1,26 @@
 #include "host/channel/channel_queue.h"
 
 #include <algorithm>
-#include <iterator>
 
 namespace host {
+namespace {
+
+constexpr Time kNever = std::numeric_limits<Time>::min();
+constexpr std::size_t kNewsLane = std::variant_size_v<decltype(ChannelItem::content)> - 1;
+static_assert(std::is_same_v<std::variant_alternative_t<kNewsLane, decltype(ChannelItem::content)>,
+                             SourceNews>);
+
+}  // namespace
 
 void ChannelQueue::Open() {
   const std::lock_guard guard(lock_);
-  items_.clear();
+  for (Lane& lane : lanes_) {
+    lane.clear();
+  }
   lastPushed_.reset();
-  target_ = std::numeric_limits<Time>::min();
-  horizon_ = std::numeric_limits<Time>::min();
+  paced_.reset();
+  target_.reset();
+  horizon_ = kNever;
   waiting_ = false;
   waitsUntil_ = kForever;
   readerLeft_ = false;
@@ -21,7 +31,9 @@ void ChannelQueue::Close() {
   {
     const std::lock_guard guard(lock_);
     closed_ = true;
-    items_.clear();
+    for (Lane& lane : lanes_) {
+      lane.clear();
+    }
   }
   roomMade_.notify_all();
   changed_.notify_all();
@@ -33,33 +45,87 @@ bool ChannelQueue::closed() const {
   return closed_;
 }
 
-bool ChannelQueue::Push(ChannelItem item) {
+bool ChannelQueue::HasRoom() const {
+  return !paced_ || *paced_ - (clock_ ? clock_() : target_.value_or(0)) < span_;
+}
+
+Time ChannelQueue::roomAt() const {
+  const std::lock_guard guard(lock_);
+  return paced_ ? *paced_ - span_ + 1 : kNever;
+}
+
+bool ChannelQueue::WaitForRoom() {
+  std::unique_lock guard(lock_);
+  while (!closed_ && !readerLeft_ && !HasRoom()) {
+    if (clock_) {
+      const Time left = *paced_ - clock_() - span_ + 1;
+      roomMade_.wait_for(guard, std::chrono::nanoseconds(100) * std::max<Time>(left, 1));
+    } else {
+      roomMade_.wait(guard);
+    }
+  }
+  return !closed_ && !readerLeft_;
+}
+
+bool ChannelQueue::Push(ChannelItem item, bool paces) {
   {
-    std::unique_lock guard(lock_);
-    roomMade_.wait(guard, [&] {
-      return closed_ || readerLeft_ || items_.empty() || item.time - items_.front().time < span_;
-    });
+    const std::lock_guard guard(lock_);
     if (closed_ || readerLeft_) {
       return false;
     }
-    lastPushed_ = item.time;
-    items_.push_back(std::move(item));
+    Lane& lane = lanes_[item.content.index()];
+    if (clock_ && lane.size() >= kMaxItems) {
+      ++dropped_;
+      return true;
+    }
+    lastPushed_ = item.due;
+    paced_ = paces ? item.due : paced_;
+    lane.push_back({pushed_++, std::move(item)});
   }
   changed_.notify_one();
   return true;
 }
 
 void ChannelQueue::ForgetFrom(Time time) {
-  std::deque<ChannelItem> forgotten;  // its buffers go back without the lock
+  std::deque<Lane> forgotten;  // its buffers go back without the lock
   const std::lock_guard guard(lock_);
-  const auto first = std::find_if(items_.begin(), items_.end(),
-                                  [&](const ChannelItem& item) { return item.time >= time; });
-  const auto afterNews = std::stable_partition(first, items_.end(), [](const ChannelItem& item) {
-    return std::holds_alternative<SourceNews>(item.content);
-  });
-  std::for_each(first, afterNews, [&](ChannelItem& item) { item.time = time; });
-  std::move(afterNews, items_.end(), std::back_inserter(forgotten));
-  items_.erase(afterNews, items_.end());
+  for (std::size_t i = 0; i < lanes_.size(); ++i) {
+    Lane& lane = lanes_[i];
+    if (i == kNewsLane) {
+      for (Entry& entry : lane) {
+        entry.item.due = std::min(entry.item.due, time);
+      }
+      continue;
+    }
+    Lane& gone = forgotten.emplace_back();
+    while (!lane.empty() && lane.back().item.due >= time) {
+      gone.push_back(std::move(lane.back()));
+      lane.pop_back();
+    }
+  }
+  for (std::optional<Time>* pushed : {&lastPushed_, &paced_}) {
+    if (*pushed) {
+      **pushed = std::min(**pushed, time);
+    }
+  }
+}
+
+void ChannelQueue::Move(Time by) {
+  {
+    const std::lock_guard guard(lock_);
+    for (std::size_t i = 0; i < kNewsLane; ++i) {
+      for (Entry& entry : lanes_[i]) {
+        entry.item.due += by;
+        entry.item.start += by;
+      }
+    }
+    for (std::optional<Time>* pushed : {&lastPushed_, &paced_}) {
+      if (*pushed) {
+        **pushed += by;
+      }
+    }
+  }
+  changed_.notify_one();
 }
 
 void ChannelQueue::SetHorizon(Time horizon) {
@@ -71,19 +137,32 @@ void ChannelQueue::SetHorizon(Time horizon) {
 }
 
 Time ChannelQueue::Now() const {
-  return clock_ ? clock_() : target_;
+  return clock_ ? clock_() : target_.value_or(kNever);
+}
+
+ChannelQueue::Lane* ChannelQueue::Earliest() {
+  Lane* earliest = nullptr;
+  const auto key = [](const Lane& lane) {
+    return std::pair(lane.front().item.due, lane.front().order);
+  };
+  for (Lane& lane : lanes_) {
+    if (!lane.empty() && (earliest == nullptr || key(lane) < key(*earliest))) {
+      earliest = &lane;
+    }
+  }
+  return earliest;
 }
 
 std::optional<ChannelItem> ChannelQueue::Take(Time deadline) {
   std::unique_lock guard(lock_);
   while (!closed_) {
     const Time now = Now();
-    if (!items_.empty() && items_.front().time <= now) {
+    Lane* const lane = Earliest();
+    const Time next = lane != nullptr ? lane->front().item.due : kForever;
+    if (lane != nullptr && next <= now) {
       waiting_ = false;
-      ChannelItem item = std::move(items_.front());
-      items_.pop_front();
-      guard.unlock();
-      roomMade_.notify_one();
+      ChannelItem item = std::move(lane->front().item);
+      lane->pop_front();
       return item;
     }
     // A step of time is complete only when its items have all been pushed.
@@ -94,9 +173,9 @@ std::optional<ChannelItem> ChannelQueue::Take(Time deadline) {
     waiting_ = true;
     waitsUntil_ = deadline;
     settled_.notify_all();
-    const Time next = std::min(items_.empty() ? kForever : items_.front().time, deadline);
-    if (clock_ && next != kForever) {
-      changed_.wait_for(guard, std::chrono::nanoseconds(100) * (next - now));
+    const Time until = std::min(next, deadline);
+    if (clock_ && until != kForever) {
+      changed_.wait_for(guard, std::chrono::nanoseconds(100) * (until - now));
     } else {
       changed_.wait(guard);
     }
@@ -115,16 +194,19 @@ void ChannelQueue::FollowClock(std::function<Time()> now) {
 void ChannelQueue::AdvanceTo(Time time) {
   {
     const std::lock_guard guard(lock_);
-    target_ = std::max(target_, time);
+    target_ = std::max(target_.value_or(time), time);
   }
   changed_.notify_one();
+  roomMade_.notify_one();
 }
 
 bool ChannelQueue::WaitUntilTaken(std::chrono::milliseconds limit) {
   std::unique_lock guard(lock_);
   return settled_.wait_for(guard, limit, [&] {
-    const bool nothingDue = items_.empty() || items_.front().time > target_;
-    return closed_ || (waiting_ && nothingDue && waitsUntil_ > target_ && horizon_ > target_);
+    const Time target = Now();
+    const Lane* const lane = Earliest();
+    const bool nothingDue = lane == nullptr || lane->front().item.due > target;
+    return closed_ || (waiting_ && nothingDue && waitsUntil_ > target && horizon_ > target);
   });
 }
 
@@ -140,12 +222,17 @@ void ChannelQueue::LeaveReaderBehind() {
 
 bool ChannelQueue::ended() const {
   const std::lock_guard guard(lock_);
-  return closed_ || (items_.empty() && horizon_ == kForever);
+  return closed_ || (Earliest() == nullptr && horizon_ == kForever);
 }
 
 std::optional<Time> ChannelQueue::lastPushed() const {
   const std::lock_guard guard(lock_);
   return lastPushed_;
+}
+
+std::uint64_t ChannelQueue::dropped() const {
+  const std::lock_guard guard(lock_);
+  return dropped_;
 }
 
 }  // namespace host

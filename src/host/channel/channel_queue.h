@@ -1,8 +1,10 @@
 // What a channel's reader has ready for its streaming thread.
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <limits>
@@ -20,54 +22,66 @@
 
 namespace host {
 
-// A picture in a buffer of the channel's video pin, stamped.
+// A frame in a buffer of the channel's video pin.
 struct ReadyPicture {
   ComPtr<IMediaSample> sample;
   PictureCondition condition;
 };
 // The levels of one frame's time.
 struct ReadyLevels {
-  Time start = 0;  // on the wall's clock, as are the stamps of the others
-  Time duration = 0;
   AudioLevels levels;
   float loudest = 0;  // greatest magnitude in all channels, full scale at 1
 };
 // What became of the source, after everything that it gave before.
 struct SourceNews {
-  enum class Kind { kOpened, kEnded, kFailed };
+  enum class Kind { kOpened, kEnded, kFailed, kAudio };
   Kind kind = Kind::kOpened;
-  bool hasPictures = false;   // kOpened
-  bool hasSound = false;      // kOpened
-  std::string reason;         // kEnded and kFailed: one sentence; kOpened: why it has no pictures
-  std::string serviceName{};  // kOpened: of its programme, otherwise its title; may be empty
+  bool hasPictures = false;     // kOpened
+  bool hasSound = false;        // kOpened
+  std::string reason;           // kEnded and kFailed: one sentence; kOpened: why it has no pictures
+  std::string serviceName{};    // kOpened: of its programme, otherwise its title; may be empty
+  AudioAbsence audioAbsence{};  // kOpened and kAudio
+  std::string audioReason{};    // why there is no audio
 };
 struct ChannelItem {
-  Time time = 0;  // when it is due, on the wall's clock
+  Time due = 0;    // when it is handed on, on the wall's clock
+  Time start = 0;  // what it belongs to, on the wall's clock: earlier than due when it came late
+  Time duration = 0;
   std::variant<ReadyPicture, AudioPacket, ReadyLevels, SourceNews> content;
 };
 
-// A bounded queue of items in the order of time, between one reader and one streaming thread. An
-// item may be taken once its time has come: when the wall's time has reached it. The wall's time is
-// either a running clock, or it is moved step by step with AdvanceTo, and then every step can be
-// waited for.
+// A bounded queue between one reader and one streaming thread. Frames, audio packets, levels and
+// news are each in their order and wait for each other only by their times: one kind that comes
+// late or in lumps delays no other. An item may be taken once its time has come: when the wall's
+// time has reached it. The wall's time is either a running clock, or it is moved step by step with
+// AdvanceTo, and then every step can be waited for.
 //
-// The reader waits in Push while the queue holds a span of time that is long enough. Close ends
-// every wait, for good until Open.
+// Close ends every wait until Open.
 class ChannelQueue {
  public:
   static constexpr Time kForever = std::numeric_limits<Time>::max();
+  // Of one kind; a source that sends more in the time that the queue spans sends nonsense.
+  static constexpr std::size_t kMaxItems = 8192;
 
-  // span: how much time the queue holds before the reader waits.
+  // span: how far ahead of the wall's time a reader that can wait reads.
   explicit ChannelQueue(Time span) : span_(span) {}
 
   // Empties the queue and lets both sides in again.
   void Open();
   void Close();
 
-  // Reader: adds an item; false once the queue is closed.
-  bool Push(ChannelItem item);
+  // When that is so.
+  Time roomAt() const;
+  // Reader: waits until what was pushed last and paces it lies less than the span ahead. False once
+  // the queue is closed.
+  bool WaitForRoom();
+  // Reader: adds an item; never waits. paces: the reader waits for it (WaitForRoom). False once the
+  // queue is closed. An item of a kind of which the queue is full is dropped and counted.
+  bool Push(ChannelItem item, bool paces = true);
   // Reader: what is due at this time or later is left out, but for news, which come then.
   void ForgetFrom(Time time);
+  // Reader: everything that waits, but for news, belongs to a time that is later by that much.
+  void Move(Time by);
   // Reader: everything before this time has been pushed. kForever: nothing more will come.
   void SetHorizon(Time horizon);
 
@@ -84,25 +98,41 @@ class ChannelQueue {
   // True once everything up to the time set last has been taken and dealt with; false when that
   // takes longer than the limit.
   bool WaitUntilTaken(std::chrono::milliseconds limit);
-  // Stops waiting for the reader, for good until Open: nothing more is added.
+  // Stops waiting for the reader until Open: nothing more is added.
   void LeaveReaderBehind();
   // Nothing is left, and nothing more will come.
   bool ended() const;
   // When the item that was pushed last is due; none before the first.
   std::optional<Time> lastPushed() const;
+  // Items that found the queue full.
+  std::uint64_t dropped() const;
 
  private:
+  struct Entry {
+    std::uint64_t order = 0;  // of pushing; decides between items that are due together
+    ChannelItem item;
+  };
+  using Lane = std::deque<Entry>;
+
   Time Now() const;
+  bool HasRoom() const;
+  // The lane whose first item is due first; null when all are empty.
+  Lane* Earliest();
+  const Lane* Earliest() const { return const_cast<ChannelQueue*>(this)->Earliest(); }
 
   const Time span_;
   mutable std::mutex lock_;
   std::condition_variable roomMade_;
   std::condition_variable changed_;  // for the streaming thread
   std::condition_variable settled_;  // for the driver of the wall's time
-  std::deque<ChannelItem> items_;    // guarded by lock_, as is all below
+  // One for each kind of content; guarded by lock_, as is all below.
+  std::array<Lane, std::variant_size_v<decltype(ChannelItem::content)>> lanes_;
+  std::uint64_t pushed_ = 0;
+  std::uint64_t dropped_ = 0;
   std::optional<Time> lastPushed_;
+  std::optional<Time> paced_;  // due time of the latest item that paces the reader
   std::function<Time()> clock_;
-  Time target_ = std::numeric_limits<Time>::min();
+  std::optional<Time> target_;  // the wall's time, moved step by step
   Time horizon_ = std::numeric_limits<Time>::min();
   bool waiting_ = false;        // the streaming thread has nothing left to deal with ...
   Time waitsUntil_ = kForever;  // ... before this time

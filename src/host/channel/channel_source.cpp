@@ -16,15 +16,18 @@ constexpr CLSID kChannelSourceClass{
 // The composer keeps up to 80 buffers of a channel; the others are on their way to it.
 constexpr LONG kBuffersAtComposer = 80;
 constexpr LONG kSpareBuffers = 8;
+// A live source's frames may come in a burst that long.
+constexpr Time kMaxAhead = kSecond;
 // The composer and the sink copy packets at once.
 constexpr LONG kAudioBuffers = 8;
 // E-AC-3 with several substreams has the longest: 4096 bytes in each.
 constexpr LONG kLongestAudioPacket = 32'768;
 constexpr LONG kLongestLabel = 4096;  // bytes
 
-LONG BuffersFor(Ratio canvasRate, Time span) {
+LONG BuffersFor(Ratio canvasRate, const ChannelIngest::Settings& ingest) {
+  const Time ahead = ingest.span + (ingest.session.now ? kMaxAhead : ingest.session.mergeWindow);
   return kBuffersAtComposer + kSpareBuffers +
-         static_cast<LONG>(canvasRate.value() * static_cast<double>(span) / kSecond);
+         static_cast<LONG>(canvasRate.value() * static_cast<double>(ahead) / kSecond);
 }
 
 }  // namespace
@@ -38,10 +41,12 @@ ChannelSource::ChannelSource(Settings settings, ChannelObserver* observer)
     : CBaseFilter("channel source", nullptr, &lock_, kChannelSourceClass),
       settings_(std::move(settings)),
       video_(this, &lock_, u"Video",
-             PictureType(settings_.ingest.picture.width, settings_.ingest.picture.height,
-                         settings_.canvasRate, settings_.canvasAspect),
-             {BuffersFor(settings_.canvasRate, settings_.ingest.span),
-              PictureSize(settings_.ingest.picture.width, settings_.ingest.picture.height)}),
+             PictureType(settings_.ingest.session.picture.width,
+                         settings_.ingest.session.picture.height, settings_.canvasRate,
+                         settings_.canvasAspect),
+             {BuffersFor(settings_.canvasRate, settings_.ingest),
+              PictureSize(settings_.ingest.session.picture.width,
+                          settings_.ingest.session.picture.height)}),
       audio_(this, &lock_, u"Audio", AudioType({}), {kAudioBuffers, kLongestAudioPacket}),
       text_(this, &lock_, u"Text", LabelType(), {4, kLongestLabel}),
       audioAlarm_(this, &lock_, u"Audio Alarm", AudioAlarmType(),
@@ -83,6 +88,10 @@ HRESULT ChannelSource::Pause() {
     const std::lock_guard guard(labelLock_);
     labelChanged_ = true;
   }
+  presenter_.Begin(Now().value_or(0));
+  if (settings_.driven) {
+    return hr;
+  }
   ingest_.Prepare();
   reader_ = std::make_unique<os::Thread>([this] { ingest_.Run(); }, "reader");
   streaming_ = std::make_unique<os::Thread>([this] { Stream(); }, "streaming");
@@ -95,6 +104,7 @@ HRESULT ChannelSource::Stop() {
   queue_.Close();
   const HRESULT hr = CBaseFilter::Stop();
   EndThreads();
+  presenter_.End();
   return hr;
 }
 
@@ -113,18 +123,39 @@ void ChannelSource::SetLabel(const std::string& text) {
   label_ = text;
 }
 
+std::optional<Time> ChannelSource::Now() const {
+  const std::function<Time()>& now = settings_.ingest.session.now;
+  return now ? std::optional(now()) : std::nullopt;
+}
+
 void ChannelSource::Stream() {
-  presenter_.Begin(settings_.ingest.now ? settings_.ingest.now() : 0);
   while (!queue_.closed()) {
     const Time tick = presenter_.nextTick();
     if (std::optional<ChannelItem> item = queue_.Take(tick)) {
       Deliver(*item);
     } else if (!queue_.closed()) {
-      DeliverLabel(tick);
-      presenter_.Tick(tick);
+      // A streaming thread that was kept from running has nothing to make up for.
+      DeliverTick(std::max(tick, Now().value_or(tick)));
     }
   }
-  presenter_.End();
+}
+
+void ChannelSource::DeliverUpTo(Time now) {
+  for (;;) {
+    const Time tick = presenter_.nextTick();
+    if (std::optional<ChannelItem> item = queue_.Take(std::min(tick, now))) {
+      Deliver(*item);
+    } else if (tick <= now) {
+      DeliverTick(now);
+    } else {
+      return;
+    }
+  }
+}
+
+void ChannelSource::DeliverTick(Time tick) {
+  DeliverLabel(tick);
+  presenter_.Tick(tick);
 }
 
 void ChannelSource::Deliver(ChannelItem& item) {
@@ -132,27 +163,27 @@ void ChannelSource::Deliver(ChannelItem& item) {
   if (settings_.labelByService && opened != nullptr && !opened->serviceName.empty()) {
     SetLabel(opened->serviceName);
   }
-  DeliverLabel(item.time);
+  DeliverLabel(item.due);
   if (const auto* const picture = std::get_if<ReadyPicture>(&item.content)) {
-    presenter_.Show(*picture);
+    presenter_.Show(*picture, item.start, item.duration);
   } else if (const auto* const levels = std::get_if<ReadyLevels>(&item.content)) {
-    presenter_.Show(*levels);
+    presenter_.Show(*levels, item.start, item.duration);
   } else if (const auto* const news = std::get_if<SourceNews>(&item.content)) {
-    presenter_.Hear(*news, item.time);
+    presenter_.Hear(*news, item.due);
   } else if (const auto* const packet = std::get_if<AudioPacket>(&item.content)) {
-    DeliverSound(*packet);
+    DeliverSound(*packet, item.start, item.duration);
   }
 }
 
 // The pins are connected before the form of the sound is known: it comes with the first packet.
-void ChannelSource::DeliverSound(const AudioPacket& packet) {
+void ChannelSource::DeliverSound(const AudioPacket& packet, Time start, Time duration) {
   std::optional<CMediaType> type;
   if (packet.format != soundFormat_) {
     type.emplace(AudioType(Describe(*packet.format)));
   }
   const bool sent =
-      audio_.Send({packet.packet->data, static_cast<std::size_t>(packet.packet->size)},
-                  packet.start, packet.start + packet.duration, type ? &*type : nullptr);
+      audio_.Send({packet.packet->data, static_cast<std::size_t>(packet.packet->size)}, start,
+                  start + duration, type ? &*type : nullptr);
   if (sent) {
     soundFormat_ = packet.format;
   }

@@ -31,6 +31,8 @@ class ChannelSource final : public CBaseFilter {
     Ratio canvasRate{25, 1};
     Ratio canvasAspect{16, 9};
     ChannelPresenter::Settings presenter;
+    // No threads: whoever owns it fills the queue and calls DeliverUpTo (simulations).
+    bool driven = false;
   };
 
   static ComPtr<ChannelSource> Create(Settings settings, ChannelObserver* observer);
@@ -55,13 +57,19 @@ class ChannelSource final : public CBaseFilter {
   ChannelQueue& queue() { return queue_; }
   const std::string& name() const { return settings_.ingest.name; }
 
+  // Of a driven channel: hands on everything that is due by the wall's time, which is `now`.
+  void DeliverUpTo(Time now);
+
   // Another text for the label; any thread.
   void SetLabel(const std::string& text);
 
  private:
+  // The wall's time; none of a rendered wall.
+  std::optional<Time> Now() const;
   void Stream();
+  void DeliverTick(Time tick);
   void Deliver(ChannelItem& item);
-  void DeliverSound(const AudioPacket& packet);
+  void DeliverSound(const AudioPacket& packet, Time start, Time duration);
   void DeliverLabel(Time time);
   void EndThreads();
 

@@ -12,11 +12,11 @@
 
 namespace host {
 
-// A container's pictures and sounds come interleaved, and a decoder holds pictures back: items are
-// kept until everything that may belong before them has come, which is when an item has come that
-// lies a window later. What comes later than that is late: it goes on at once, at the time reached.
-// The order that comes out is a function of the order that goes in, and of nothing else. One
-// thread.
+// For a rendered wall: a container's frames and audio come interleaved, and a decoder holds frames
+// back. Items are kept until everything that may belong before them has come, which is when an item
+// has come that lies a window later. What comes later than that is late: it is due at the time
+// reached. The order that comes out is a function of the order that goes in, and of nothing else.
+// One thread.
 template <typename Item>
 class ItemMerger {
  public:
@@ -26,26 +26,19 @@ class ItemMerger {
     newest_ = std::max(newest_, time);
     waiting_.push({std::max(time, reached_), next_++, std::move(item)});
   }
-  // What would have its place at this time or later is left out; what comes next may lie there.
-  void ForgetFrom(Time time) {
-    std::priority_queue<Entry> kept;
-    while (!waiting_.empty() && waiting_.top().time < time) {
-      kept.push(Pop());
-    }
-    waiting_ = std::move(kept);
-    newest_ = std::min(newest_, time);
-    reached_ = std::min(reached_, time);
-  }
   // No more items will come: all that wait are in order.
   void Finish() { newest_ = std::numeric_limits<Time>::max(); }
 
-  // The time of the next item that is in its place; null when none is.
+  // When the next item that is in its place is due; null when none is.
   const Time* Next() const {
     return !waiting_.empty() && waiting_.top().time <= Horizon() ? &waiting_.top().time : nullptr;
   }
   Item Take() {
     reached_ = waiting_.top().time;
-    return Pop().item;
+    // The queue gives a const reference only, and the entry is dropped at once.
+    Item item = std::move(const_cast<Entry&>(waiting_.top()).item);
+    waiting_.pop();
+    return item;
   }
   // Everything up to this time has come.
   Time Horizon() const {
@@ -61,13 +54,6 @@ class ItemMerger {
       return time != other.time ? time > other.time : order > other.order;
     }
   };
-
-  Entry Pop() {
-    // The queue gives a const reference only, and the entry is dropped at once.
-    Entry entry = std::move(const_cast<Entry&>(waiting_.top()));
-    waiting_.pop();
-    return entry;
-  }
 
   const Time window_;
   std::priority_queue<Entry> waiting_;

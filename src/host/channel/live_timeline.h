@@ -1,6 +1,7 @@
-// LiveTimeline: where the times of a source lie on the wall's clock.
+// LiveTimeline: where the timestamps of a live source lie on the wall's clock.
 #pragma once
 
+#include <algorithm>
 #include <limits>
 #include <optional>
 
@@ -9,103 +10,146 @@
 
 namespace host {
 
-// The first item of a source that was opened is due a lead after it came; everything else keeps its
-// distance from it. The distance is given up when that serves the picture:
-//  - the source's stamps jumped, and its pictures now come too late (a sender that was away and
-//    began anew: its stamps go on where they were, and the time away would stay lost);
-//  - its pictures have come late for so long that the source will not catch up;
-//  - they lie too far ahead: the stamps of a live source made a leap, or those of a source that
-//    nobody can hold back have run faster than the wall's clock for hours. What was placed further
-//    ahead before has lost its place then (leapt).
-// A source that stalled and sends what is missing in a burst does none of these: it is back at its
-// former distance by itself, however long it stalled.
+// Smallest and greatest of the values of the last five to ten seconds.
+class RecentRange {
+ public:
+  static constexpr Time kHalf = 5 * kSecond;
+
+  // True when another five seconds are full: the range then covers ten, and it is a new one.
+  bool Note(Time value, Time now) {
+    bool turned = false;
+    if (!since_ || now - *since_ >= kHalf) {
+      turned = full_ && since_.has_value();
+      full_ = since_.has_value();
+      former_ = latest_;
+      latest_ = {};
+      since_ = now;
+    }
+    latest_.Add(value);
+    return turned;
+  }
+  void Clear() { *this = RecentRange(); }
+  // All values change by that much.
+  void Shift(Time by) {
+    former_.Shift(by);
+    latest_.Shift(by);
+  }
+
+  bool empty() const { return !since_.has_value(); }
+  Time least() const { return std::min(former_.least, latest_.least); }
+  Time greatest() const { return std::max(former_.greatest, latest_.greatest); }
+
+ private:
+  struct Range {
+    Time least = std::numeric_limits<Time>::max() / 2;
+    Time greatest = std::numeric_limits<Time>::min() / 2;
+    void Add(Time value) {
+      least = std::min(least, value);
+      greatest = std::max(greatest, value);
+    }
+    void Shift(Time by) {
+      least += by;
+      greatest += by;
+    }
+  };
+
+  std::optional<Time> since_;  // begin of the latest half
+  bool full_ = false;          // the former half counts
+  Range former_;
+  Range latest_;
+};
+
+// The first frame of a source is due a lead after it came; everything else keeps its distance from
+// it. The composer shows a frame one second after it was due, so what comes up to `slack` after its
+// time is still shown at its time: that is the room for jitter and for bursts. The distance changes
+// only when that serves the channel:
 //
-// Times come in from outside; owned and called by one reader; no lock.
+//   later    - frames come too late again and again (bursts that are longer than the room): the
+//              lead grows by what is missing, up to maxLead;
+//            - frames have come too late for so long that the source will not catch up;
+//            - even the earliest frames of ten seconds came after their time: the source's clock is
+//              slow, or it paused and did not catch up. It keeps its whole lead;
+//            - the source's timestamps jumped, and its frames now come after their time;
+//   earlier  - even the latest frames of ten seconds have more lead than they need: it shrinks in
+//              small steps. Only of a source that nobody holds back;
+//            - frames lie too far ahead: the timestamps jumped.
+//
+// A source that stalled and sends what is missing in a burst is back at its former distance by
+// itself, however long it stalled, and one such stall changes nothing.
+//
+// Times come in from outside; owned and called by one reader; no lock. Times in 100 ns.
 class LiveTimeline {
  public:
   struct Settings {
-    Time lead = kSecond / 4;        // room for jitter, for sorting and for decoding
-    Time lateLimit = kSecond / 2;   // late without a break for so long: it does not catch up
+    Time lead = kSecond / 4;
+    Time maxLead = kSecond;
+    Time slack = 3 * kSecond / 4;
+    Time lateLimit = kSecond / 2;   // too late without a break for that long: no catching up
     Time aheadLimit = 2 * kSecond;  // nothing of a live source lies further ahead than that
-    // Sound may come before its pictures: decoders hold those back, of a slow source for long.
-    Time followLimit = 4 * kSecond;
-    Time grid = 1;  // the wall's time moves against the source's by multiples of it
+    // Audio is taken that far before and after the wall's time.
+    Time followAhead = 4 * kSecond;
+    Time followBehind = 3 * kSecond / 2;
+    bool heldBack = false;  // the reader waits for the wall, so coming early means nothing
+    // The distance is a whole number of the canvas's frames, by which the source's were thinned.
+    Ratio frameRate{10'000'000, 1};
   };
 
-  // For a source whose reader wants to be no further ahead than span. What is pushed has to stay
-  // clear of that: a reader that waits then only moves the time ahead into the buffers of the
-  // network, until they overflow. What is pulled is held back by the waiting, and of a file, what
-  // lies far ahead follows a long picture.
-  static Settings For(Pace pace, Time span, Time grid) {
+  // For a source of that kind; frameRate: of the canvas.
+  static Settings For(Pace pace, Ratio frameRate) {
     Settings settings;
-    settings.grid = grid;
+    settings.frameRate = frameRate;
+    settings.heldBack = pace != Pace::kPushed;
     if (pace == Pace::kStored) {
+      // What lies far ahead in a file follows a long frame.
       settings.aheadLimit = std::numeric_limits<Time>::max();
-      settings.followLimit = std::numeric_limits<Time>::max();
-    } else if (pace == Pace::kPushed) {
-      settings.aheadLimit = span / 4 * 3;
+      settings.followAhead = std::numeric_limits<Time>::max();
     }
     return settings;
   }
 
   explicit LiveTimeline(const Settings& settings) : settings_(settings) {}
 
-  // The wall's time for an item that decides: a picture, or a sound of a source without pictures.
-  // jumped: the first after its source's stamps jumped.
-  Time Place(Time start, bool jumped, Time now) {
-    if (!shift_.has_value()) {
-      shift_ = OnGrid(now + settings_.lead - start);
-    }
-    const Time behind = now - (start + *shift_);
-    // Two latenesses with a stall between them are not one.
-    const bool stalled = behind - behind_ >= settings_.lateLimit;
-    behind_ = behind;
-    if (behind <= 0) {
-      lateSince_.reset();
-    } else if (!lateSince_.has_value() || stalled) {
-      lateSince_ = now;
-    }
-    const bool lateForGood =
-        lateSince_.has_value() && (jumped || now - *lateSince_ >= settings_.lateLimit);
-    leapt_ = -behind > settings_.aheadLimit;
-    if (lateForGood || leapt_) {
-      shift_ = OnGrid(now + settings_.lead - start);
-      behind_ = now - (start + *shift_);
-      lateSince_.reset();
-      ++moves_;
-    }
-    return start + *shift_;
-  }
-  // The latest item was placed before some that had been placed earlier.
+  // The wall's time for an item that decides: a frame, or audio of a source without video. jumped:
+  // the first after the source's timestamps jumped.
+  Time Place(Time start, bool jumped, Time now);
+  // By how much the latest Place changed the distance of everything that was placed before, too.
+  Time moved() const { return moved_; }
+  // The latest Place put its item before some that had been placed earlier: they have lost their
+  // place.
   bool leapt() const { return leapt_; }
-  // The wall's time for everything else of the source. None for what lies so far ahead of the
-  // pictures that waiting for its time would hold them up: the source has torn itself apart.
-  std::optional<Time> Follow(Time start, Time now) {
-    if (!shift_.has_value()) {
-      shift_ = OnGrid(now + settings_.lead - start);
-    }
-    const Time placed = start + *shift_;
-    return placed - now > settings_.followLimit ? std::nullopt : std::optional(placed);
-  }
+
+  enum class Fit { kFits, kTooEarly, kTooLate };
+  // The wall's time for everything else of the source, and whether there is a use for it then.
+  Fit Follow(Time start, Time now, Time* placed);
 
   // Something was placed.
   bool started() const { return shift_.has_value(); }
-  // How often the distance was given up.
-  int moves() const { return moves_; }
+  // How often the distance changed.
+  int changes() const { return changes_; }
+  // Of the last ten seconds: how far apart the earliest and the latest arrivals lie, and how long
+  // before their time the earliest come.
+  Time jitter() const { return range_.empty() ? 0 : range_.greatest() - range_.least(); }
+  Time lead() const { return range_.empty() ? settings_.lead : -range_.least(); }
 
  private:
-  // The next later multiple.
-  Time OnGrid(Time shift) const {
-    const Time rest = shift % settings_.grid;
-    return rest == 0 ? shift : shift - rest + (rest > 0 ? settings_.grid : 0);
-  }
+  Time OnGrid(Time shift) const;
+  void Anchor(Time start, Time now);
+  void Move(Time by);
+  bool IsLateForLong(Time behind, Time now);
+  Time Correction() const;
 
   const Settings settings_;
   std::optional<Time> shift_;  // wall's time minus source's time
+  RecentRange range_;          // of how long after their time the items came
   Time behind_ = 0;            // the latest item, when it came
   std::optional<Time> lateSince_;
+  Time excess_ = 0;                 // by which items came too late since then
+  std::optional<Time> lateBefore_;  // end of the former time of lateness
+  Time excessBefore_ = 0;
+  Time growth_ = 0;  // due to both
+  Time moved_ = 0;
   bool leapt_ = false;
-  int moves_ = 0;
+  int changes_ = 0;
 };
 
 }  // namespace host

@@ -35,17 +35,36 @@ std::string OneLine(const Json& json) {
   return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
-Json ToJson(const ChannelBoard::Entry& entry) {
-  Json json = {{"name", entry.name}, {"state", NameOf(entry.status.state)}};
-  if (!entry.status.reason.empty()) {
-    json["reason"] = entry.status.reason;
+namespace {
+
+// "state", "reason" (if there is one), "since".
+template <typename Status>
+void Add(const Status& status, Json& json) {
+  json["state"] = NameOf(status.state);
+  if (!status.reason.empty()) {
+    json["reason"] = status.reason;
   }
-  json["since"] = SecondsOf(entry.status.since);
+  json["since"] = SecondsOf(status.since);
+}
+
+}  // namespace
+
+Json ToJson(const ChannelBoard::Entry& entry) {
+  Json json = {{"name", entry.name}};
+  Add(entry.status, json);
+  Add(entry.audio, json["audio"]);
   json["alarms"] = Json::array();
   for (const AlarmKind kind : kAllAlarms) {
     if (entry.alarms[static_cast<std::size_t>(kind)]) {
       json["alarms"].push_back(NameOf(kind));
     }
+  }
+  if (entry.timing) {
+    json["jitter"] = SecondsOf(entry.timing->jitter);
+    json["lead"] = SecondsOf(entry.timing->lead);
+    json["audio_too_early"] = entry.timing->audioTooEarly;
+    json["audio_too_late"] = entry.timing->audioTooLate;
+    json["overflowed"] = entry.timing->overflowed;
   }
   return json;
 }
@@ -101,6 +120,11 @@ void ChannelBoard::ChannelFailed(const std::string& channel, const std::string& 
   next_.ChannelFailed(channel, reason, retryIn);
 }
 
+void ChannelBoard::ChannelTimed(const std::string& channel, const SourceTiming& timing) {
+  const std::lock_guard guard(lock_);
+  entries_[index_.at(channel)].timing = timing;
+}
+
 void ChannelBoard::ChannelSoundChanged(const std::string& channel, const std::string& what) {
   next_.ChannelSoundChanged(channel, what);
 }
@@ -113,17 +137,24 @@ void ChannelBoard::ChannelChanged(const std::string& channel, const ChannelLife:
     entry.wasLive = entry.wasLive || status.state == ChannelState::kLive;
   }
   if (events_.enabled()) {
-    Json line = {{"event", "channel"},
-                 {"time", TimestampUtc()},
-                 {"channel", channel},
-                 {"state", NameOf(status.state)}};
-    if (!status.reason.empty()) {
-      line["reason"] = status.reason;
-    }
-    line["since"] = SecondsOf(status.since);
+    Json line = {{"event", "channel"}, {"time", TimestampUtc()}, {"channel", channel}};
+    Add(status, line);
     events_.Write(OneLine(line));
   }
   next_.ChannelChanged(channel, status);
+}
+
+void ChannelBoard::AudioChanged(const std::string& channel, const AudioStatus& status) {
+  {
+    const std::lock_guard guard(lock_);
+    entries_[index_.at(channel)].audio = status;
+  }
+  if (events_.enabled()) {
+    Json line = {{"event", "audio"}, {"time", TimestampUtc()}, {"channel", channel}};
+    Add(status, line);
+    events_.Write(OneLine(line));
+  }
+  next_.AudioChanged(channel, status);
 }
 
 void ChannelBoard::AlarmChanged(const std::string& channel, const AlarmMonitor::Change& change) {

@@ -22,6 +22,7 @@ namespace host::cli {
 //
 //   {"event":"channel","time":"2026-11-25T01:02:03.456Z","channel":"A","state":"held",
 //    "reason":"no data for 5 s","since":12.04}
+//   {"event":"audio","time":"...","channel":"A","state":"stopped","since":12.04}
 //   {"event":"alarm","time":"...","channel":"A","alarm":"freeze","raised":true,"since":15.2}
 //
 // since: seconds of the wall's time. The channels' threads tell, the application's asks; one lock.
@@ -30,7 +31,9 @@ class ChannelBoard final : public ChannelObserver {
   struct Entry {
     std::string name;
     ChannelLife::Status status;
+    AudioStatus audio;
     std::array<bool, kAlarmKinds> alarms{};  // by AlarmKind
+    std::optional<SourceTiming> timing{};    // of a live source that is being read
     std::optional<Time> length;              // of the source, once it is known
     bool opened = false;
     bool wasLive = false;
@@ -49,8 +52,10 @@ class ChannelBoard final : public ChannelObserver {
   void ChannelEnded(const std::string& channel) override;
   void ChannelFailed(const std::string& channel, const std::string& reason,
                      std::optional<std::chrono::milliseconds> retryIn) override;
+  void ChannelTimed(const std::string& channel, const SourceTiming& timing) override;
   void ChannelSoundChanged(const std::string& channel, const std::string& what) override;
   void ChannelChanged(const std::string& channel, const ChannelLife::Status& status) override;
+  void AudioChanged(const std::string& channel, const AudioStatus& status) override;
   void AlarmChanged(const std::string& channel, const AlarmMonitor::Change& change) override;
 
   // In the order of the wall.
@@ -68,7 +73,8 @@ class ChannelBoard final : public ChannelObserver {
 
 // How long a wall of these sources is; none while a source that has not failed has no length.
 std::optional<double> LengthOf(const std::vector<ChannelBoard::Entry>& channels);
-// A channel in a status report: name, state, reason, since, alarms.
+// A channel in a status report: name, state, reason, since, audio, alarms; jitter and lead of a
+// live source in seconds, and what was left out of it.
 nlohmann::ordered_json ToJson(const ChannelBoard::Entry& entry);
 // "2026-11-25T01:02:03.456Z": now.
 std::string TimestampUtc();

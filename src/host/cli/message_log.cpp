@@ -1,5 +1,6 @@
 #include "host/cli/message_log.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "host/ffmpeg/log.h"
@@ -71,17 +72,19 @@ std::string CheckedPath(const std::filesystem::path& path) {
   return name;
 }
 
-void Configure(std::optional<qorp::log::logfile_sink>& sink,
-               const std::optional<std::filesystem::path>& path, std::int32_t level,
-               const wall::LogOptions& options) {
+}  // namespace
+
+// What becomes of the file is itself a message.
+void MessageLog::Configure(std::optional<qorp::log::recovering_logfile_sink>& sink,
+                           const std::optional<std::filesystem::path>& path, std::int32_t level,
+                           const wall::LogOptions& options) {
   if (!path || path->empty()) {
     return;
   }
-  sink.emplace(qorp::log::LogFileOptions{level, options.size.value_or(kDefaultSize), 0});
+  sink.emplace(qorp::log::LogFileOptions{level, options.size.value_or(kDefaultSize), 0},
+               [this](const std::string& message) { Say(qorp::log::kError, message); });
   sink->SetPath(CheckedPath(*path));
 }
-
-}  // namespace
 
 MessageLog::Screen::Screen(Streams& streams, std::int32_t maxLevel)
     : maxLevel_(maxLevel),
@@ -207,6 +210,15 @@ void MessageLog::ChannelFailed(const std::string& channel, const std::string& re
 
 void MessageLog::ChannelSoundChanged(const std::string& channel, const std::string& what) {
   Say(qorp::log::kWarning, "channel \"" + channel + "\": " + what);
+}
+
+void MessageLog::AudioChanged(const std::string& channel, const AudioStatus& status) {
+  const bool isFault = status.state > AudioState::kAbsent;
+  std::string state = NameOf(status.state);
+  std::replace(state.begin(), state.end(), '_', ' ');
+  Say(isFault ? qorp::log::kWarning : qorp::log::kInfo,
+      "channel \"" + channel + "\": audio is " + state +
+          (status.reason.empty() ? "" : " (" + status.reason + ")"));
 }
 
 }  // namespace host::cli

@@ -12,7 +12,7 @@
 #include "host/wall/log_options.h"
 #include "log/console_sink.h"
 #include "log/log_perf.h"
-#include "log/logfile_sink.h"
+#include "log/recovering_logfile_sink.h"
 #include "log/syslog_sink.h"
 
 namespace host::cli {
@@ -44,6 +44,7 @@ class MessageLog final : public ChannelObserver {
   void ChannelFailed(const std::string& channel, const std::string& reason,
                      std::optional<std::chrono::milliseconds> retryIn) override;
   void ChannelSoundChanged(const std::string& channel, const std::string& what) override;
+  void AudioChanged(const std::string& channel, const AudioStatus& status) override;
 
   // How far the command has come, where somebody watches.
   void ShowProgress(const std::string& text) { screen_.ShowProgress(text); }
@@ -80,10 +81,13 @@ class MessageLog final : public ChannelObserver {
   };
 
   void RouteFfmpeg();
+  void Configure(std::optional<qorp::log::recovering_logfile_sink>& sink,
+                 const std::optional<std::filesystem::path>& path, std::int32_t level,
+                 const wall::LogOptions& options);
 
   Screen screen_;
-  std::optional<qorp::log::logfile_sink> file_;
-  std::optional<qorp::log::logfile_sink> perfFile_;
+  std::optional<qorp::log::recovering_logfile_sink> file_;
+  std::optional<qorp::log::recovering_logfile_sink> perfFile_;
   std::optional<Syslog> syslog_;
   qorp::log::LogPerf logger_;  // ends before its sinks
 

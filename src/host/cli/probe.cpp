@@ -49,6 +49,9 @@ void Look(const VideoPicture& picture, ProbeReport& report) {
   report.topFieldFirst = frame.top_field_first != 0;
   report.colourSpace = NameOr(av_color_space_name(frame.colorspace));
   report.colourRange = NameOr(av_color_range_name(frame.color_range));
+  report.colourPrimaries = NameOr(av_color_primaries_name(frame.color_primaries));
+  report.colourTransfer = NameOr(av_color_transfer_name(frame.color_trc));
+  report.wideColour = WideColourOf(frame);
 }
 
 void Listen(const AudioSamples& samples, SamplePlanes& planes, ProbeReport& report) {
@@ -98,8 +101,8 @@ std::string VideoText(const ProbeReport& report) {
     text += ", pixels " + std::to_string(video.pixelAspect.num) + ":" +
             std::to_string(video.pixelAspect.den);
   }
-  return text + ", " + video.pixelFormat + ", colours " + report.colourSpace + " " +
-         report.colourRange;
+  text += ", " + video.pixelFormat + ", colours " + report.colourSpace + " " + report.colourRange;
+  return report.wideColour ? text + " (" + NameOf(*report.wideColour) + ")" : text;
 }
 
 std::string AudioText(const AudioInfo& audio) {
@@ -155,6 +158,8 @@ void PrintJson(const ProbeReport& report, const std::string& source, Ratio rate,
                      {"pixel_format", video.pixelFormat},
                      {"colour_space", report.colourSpace},
                      {"colour_range", report.colourRange},
+                     {"colour_primaries", report.colourPrimaries},
+                     {"colour_transfer", report.colourTransfer},
                      {"rotation", video.rotation}};
   }
   json["audio"] = nlohmann::ordered_json::array();
@@ -188,6 +193,14 @@ std::vector<std::string> WallTreatment(const ProbeReport& report, Ratio canvasRa
                           FrameDuration(canvasRate) * 3 < FrameDuration(video.frameRate) * 2;
       sentences.emplace_back(fields ? "pictures are deinterlaced, one for each field"
                                     : "pictures are deinterlaced");
+    }
+    if (report.wideColour) {
+      const std::string name = NameOf(*report.wideColour);
+      sentences.push_back(report.wideColour->isHdr()
+                              ? "high dynamic range (" + name +
+                                    ") is tone-mapped to BT.709, from " +
+                                    std::to_string(report.wideColour->peak) + " cd/m2"
+                              : "wide colours (" + name + ") are converted to BT.709");
     }
     if (video.rotation != 0) {
       sentences.push_back("pictures are turned by " + std::to_string(video.rotation) + " degrees");

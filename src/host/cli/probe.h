@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "host/channel/picture/wide_colour.h"
 #include "host/channel/source/media_info.h"
 #include "host/cli/program.h"
 #include "host/units.h"
@@ -34,6 +35,9 @@ struct ProbeReport {
   int height = 0;
   std::string colourSpace;
   std::string colourRange;
+  std::string colourPrimaries;
+  std::string colourTransfer;
+  std::optional<WideColour> wideColour;
   bool passesThrough = false;  // the sound, as it is
   double loudest = 0;          // greatest sample of the beginning, of full scale
   std::uint64_t damagedPackets = 0;

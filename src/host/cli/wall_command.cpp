@@ -177,7 +177,7 @@ class WallCommandRun {
     status.counters = counters_;
     status.outputs = outputs_->status();
     for (const OutputSet::Status& output : status.outputs) {
-      status.dropped = std::max(status.dropped, output.dropped);
+      status.dropped = std::max(status.dropped, output.video.dropped + output.video.leftOut);
     }
     // Progress and status ask in turn: both shall see what is recent.
     const FrameWatch::Timing timing = session.TakeTiming();
@@ -210,7 +210,7 @@ class WallCommandRun {
   ExitCode CodeOfOutputs() const {
     const std::vector<OutputSet::Status> all = outputs_->status();
     const auto lost = std::count_if(all.begin(), all.end(), [&](const OutputSet::Status& output) {
-      return command_.live ? output.written == 0 && !output.failure.empty() : output.failed;
+      return command_.live ? output.video.written == 0 && !output.failure.empty() : output.failed;
     });
     const bool bad = command_.live ? lost == std::ssize(all) && lost > 0 : lost > 0;
     return bad ? ExitCode::kCouldNotStart : ExitCode::kDone;
@@ -235,7 +235,7 @@ class WallCommandRun {
     std::ostream& out = plan_.toStandardOutput || command_.events ? streams_.err : streams_.out;
     for (const OutputSet::Status& output : outputs_->status()) {
       if (!output.failed) {
-        out << (output.files > 0 ? output.file : output.name) << ": " << output.written
+        out << (output.files > 0 ? output.file : output.name) << ": " << output.video.written
             << " frames, " << Seconds(ComposedSeconds());
         if (output.files > 1) {
           out << ", the last of " << output.files << " files";
@@ -260,11 +260,12 @@ class WallCommandRun {
     report["late"] = counters_.late;
     report["starved"] = counters_.starved;
     report["outputs"] = nlohmann::ordered_json::array();
+    const std::vector<ChannelBoard::Entry> channels = board_.entries();
     for (const OutputSet::Status& status : outputs_->status()) {
-      report["outputs"].push_back(ToJson(status));
+      report["outputs"].push_back(ToJson(status, channels));
     }
     report["channels"] = nlohmann::ordered_json::array();
-    for (const ChannelBoard::Entry& entry : board_.entries()) {
+    for (const ChannelBoard::Entry& entry : channels) {
       report["channels"].push_back(ToJson(entry));
     }
     streams_.out << OneLine(report) << "\n";

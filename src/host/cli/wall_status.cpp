@@ -88,22 +88,30 @@ std::string WallStatus::JsonLine() const {
   }
   json["outputs"] = nlohmann::ordered_json::array();
   for (const OutputSet::Status& output : outputs) {
-    json["outputs"].push_back(ToJson(output));
+    json["outputs"].push_back(ToJson(output, channels));
   }
   return OneLine(json);
 }
 
-nlohmann::ordered_json ToJson(const OutputSet::Status& output) {
+nlohmann::ordered_json ToJson(const OutputSet::Status& output,
+                              const std::vector<ChannelBoard::Entry>& channels) {
   nlohmann::ordered_json json = {{"url", output.name}};
   if (output.files > 0) {
     json["file"] = output.file;
     json["files"] = output.files;
   }
-  json["frames"] = output.written;
-  json["dropped"] = output.dropped;
+  json["frames"] = output.video.written;
+  json["dropped"] = output.video.dropped + output.video.leftOut;
   json["overflows"] = output.overflows;
   if (!output.failure.empty()) {
     json["failure"] = output.failure;
+  }
+  for (std::size_t i = 0; i < output.audio.size(); ++i) {
+    const OutputSet::TrackStatus& audio = output.audio[i];
+    json["audio"].push_back({{"channel", channels[i].name},
+                             {"packets", audio.written},
+                             {"dropped", audio.dropped},
+                             {"left_out", audio.leftOut}});
   }
   return json;
 }

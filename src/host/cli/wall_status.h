@@ -37,7 +37,8 @@ struct WallStatus {
 };
 
 // An output in a report.
-nlohmann::ordered_json ToJson(const OutputSet::Status& output);
+nlohmann::ordered_json ToJson(const OutputSet::Status& output,
+                              const std::vector<ChannelBoard::Entry>& channels);
 
 // Tells the service manager: ready once the first frame is composed, alive as long as frames are,
 // and the status line now and then. Application's thread.

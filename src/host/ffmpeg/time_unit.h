@@ -1,4 +1,4 @@
-// FFmpeg's time stamps and ours.
+// FFmpeg's timestamps and ours.
 #pragma once
 
 #include <optional>
@@ -16,11 +16,23 @@ namespace host::ffmpeg {
 // The host's unit of time, 100 ns, in FFmpeg's notation.
 inline constexpr AVRational kTimeUnit = {1, static_cast<int>(kSecond)};
 
-inline std::optional<Time> ToTime(std::int64_t stamp, AVRational unit) {
-  if (stamp == AV_NOPTS_VALUE) {
+// Over a hundred years, which no stream lasts: what is beyond is damaged. Sums and differences of
+// what is within stay far inside 64 bits.
+inline constexpr Time kMaxTimestamp = Time{1} << 55;
+inline constexpr Time kMaxDuration = 3600 * kSecond;
+
+// None where there is no timestamp, or a damaged one.
+inline std::optional<Time> ToTime(std::int64_t timestamp, AVRational unit) {
+  if (timestamp == AV_NOPTS_VALUE) {
     return {};
   }
-  return av_rescale_q(stamp, unit, kTimeUnit);
+  const Time time = av_rescale_q(timestamp, unit, kTimeUnit);
+  return time >= -kMaxTimestamp && time <= kMaxTimestamp ? std::optional(time) : std::nullopt;
+}
+// 0 where there is no duration, or a damaged one.
+inline Time ToDuration(std::int64_t duration, AVRational unit) {
+  const Time time = duration > 0 ? av_rescale_q(duration, unit, kTimeUnit) : 0;
+  return time > 0 && time <= kMaxDuration ? time : 0;
 }
 
 }  // namespace host::ffmpeg

@@ -40,6 +40,8 @@ class FeedPin final : public CBaseOutputPin {
   // A free buffer with these times, waiting for one when wait is set. Null when there is none: none
   // is free, the pin is not connected, or the filter stops.
   ComPtr<IMediaSample> NewSample(Time start, Time stop, bool wait);
+  // Makes a sample carry the type that the pin offers.
+  void AttachType(IMediaSample& sample) { sample.SetMediaType(&type_); }
   // Sends a copy of the bytes as one sample, with its times as its media times, too; false when
   // there is no buffer for it, or the receiver refuses it. Never waits. newType: the type of this
   // sample and those that follow, where it differs from that of the connection.

@@ -5,12 +5,20 @@
 #include <string>
 
 #include "filter/i_compose_command.h"
+#include "host/units.h"
 #include "platform/baseclasses/unknown_base.h"
 #include "platform/com/com_ptr.h"
 
 namespace host {
 
-// Placed by the application's thread, asked by the composition thread.
+// The composer looks at the media type of a picture only in frames in which the window is shown,
+// and never again at a picture that it has released. So that it learns the size at whatever moment
+// the window is shown, the pictures that are sent carry their type as long as the window is hidden
+// and until it has been shown without a break for some time; all others go without, because looking
+// at the types of a whole queue costs the composer time in every frame.
+//
+// Placed by the application's thread, asked by the composition thread and, about types, by the
+// channel's streaming thread; one lock.
 class WallWindow final : public CUnknown, public IComposeWindow {
  public:
   DECLARE_IUNKNOWN
@@ -23,22 +31,27 @@ class WallWindow final : public CUnknown, public IComposeWindow {
     bool selected = false;
   };
 
-  static ComPtr<WallWindow> Create(Placement placement);
-  explicit WallWindow(Placement placement);
+  // frameRate: of the wall.
+  static ComPtr<WallWindow> Create(Placement placement, Ratio frameRate);
+  WallWindow(Placement placement, Ratio frameRate);
 
   void Place(Placement placement);
   Placement placement() const;
-  // A picture has reached the composer: it knows the window's size from the next frame on in which
-  // the window is enabled. Until then nothing is selected.
+  // Whether the next picture is to carry its media type.
+  bool WantsType() const;
+  // A picture has reached the composer: it knows the window's size once it has composed a frame in
+  // which the window is enabled. Until then nothing is selected.
   void SetPictureSent();
 
   HRESULT GetWindowState(BYTE* enabled, LONG* x, LONG* y, const char** colour,
                          BYTE* selected) override;
 
  private:
+  const int settledFrames_;
   mutable std::mutex lock_;
   Placement placement_;       // guarded by lock_
   bool pictureSent_ = false;  // guarded by lock_
+  int shownFrames_ = 0;       // guarded by lock_; in a row, with pictures to be shown
   bool sizeKnown_ = false;    // composition thread only
   std::string askedColour_;   // composition thread only: what the last answer points to
 };

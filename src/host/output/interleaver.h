@@ -1,55 +1,80 @@
-// Interleaver: brings the sound of all channels into the order of the pictures.
+// Interleaver: brings the mosaic's video and the audio of all channels into one order.
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <deque>
 #include <functional>
 #include <limits>
+#include <optional>
 #include <vector>
 
 #include "host/ffmpeg/handles.h"
+#include "host/output/track_counters.h"
 #include "host/units.h"
 
 namespace host {
 
-// The composer shows a picture one second after its source and gives the sound at once, stamped one
-// second ahead: when a picture comes, all sound that belongs before it is there. So the pictures
-// lead, and a channel without sound never holds an output up, as it would where every track is
-// waited for.
+// The composer shows a frame one second after its source and gives the audio at once, with
+// timestamps one second ahead: when a frame comes, all audio that belongs before it is there. So
+// the video leads, and a channel without audio never holds an output up, as it would where every
+// track is waited for. Audio that comes too late for its place among the video, or lies absurdly
+// far ahead of it, is left out and counted.
 //
-// When the composer re-synchronises a channel, the pictures that wait there move with it at once;
-// so does the sound that waits here. Otherwise sound for a time for which other sound waits takes
-// its place, and sound for a time that has been written is left out: the times of a track only
-// grow.
+// When the composer re-synchronises a channel, the frames that wait there move with it at once; so
+// does the audio that waits here. Otherwise audio for a time for which other audio waits takes its
+// place, and audio for a time that has been written is left out: the times of a track only grow.
 //
-// Owned and called by one output on its thread.
+// What comes out begins at time 0 with a keyframe, in every file. Owned and called by one output on
+// its thread; times in 100 ns.
 class Interleaver {
  public:
-  using Write = std::function<void(std::size_t line, ffmpeg::Packet packet)>;
+  // Audio may stand that far behind the video that was written before it.
+  static constexpr Time kMaxLateness = kSecond / 2;
+  // Audio is one second ahead, and what an encoder of video holds back.
+  static constexpr Time kMaxLead = 20 * kSecond;
 
-  explicit Interleaver(std::size_t lines) : lines_(lines) {}
+  // track: OutputCounters::kVideo or the number of the channel.
+  using Write = std::function<void(int track, ffmpeg::Packet packet)>;
 
+  // counters outlive the interleaver; it counts what it leaves out.
+  explicit Interleaver(OutputCounters& counters);
+  // What still waits is left out.
+  ~Interleaver();
+  Interleaver(const Interleaver&) = delete;
+  Interleaver& operator=(const Interleaver&) = delete;
+
+  // The next frame of the mosaic: hands over the audio before it, the earliest first, and then it.
+  void PushVideo(ffmpeg::Packet packet, const Write& write);
   // shift: the wall's time minus the channel's own, for this packet.
-  void Push(std::size_t line, ffmpeg::Packet packet, Time shift = 0);
-  // Hands over what decodes before that time, the earliest first.
-  void Release(Time before, const Write& write);
+  void PushAudio(std::size_t channel, ffmpeg::Packet packet, Time shift);
+  // A file ends before the keyframe of that time, which comes next: hands over the audio before it.
+  // What follows begins at time 0 again. Returns the length of the file.
+  Time Restart(Time keyframe, const Write& write);
+  // Hands over the rest of the audio, up to the end of the video.
+  void Finish(const Write& write);
 
-  // Packets that waited or came for a time that had sound already.
-  std::uint64_t leftOut() const { return leftOut_; }
+  // The length of the video that was handed over, of all files.
+  Time length() const { return end_ - start_; }
 
  private:
-  struct Line {
+  struct Track {
     std::deque<ffmpeg::Packet> packets;  // in the order of their times
-    Time shift = 0;                      // of the latest packet
+    std::optional<Time> shift;           // of the latest packet
     // The middle of the latest packet handed over; an earlier one would stand beside it.
     Time written = std::numeric_limits<Time>::min();
   };
 
-  void Move(Line& line, Time by);
+  void Move(std::size_t channel, Time by);
+  void LeaveOut(std::size_t channel) { ++counters_.of(static_cast<int>(channel)).leftOut; }
+  void Release(Time before, const Write& write);
 
-  std::vector<Line> lines_;
-  std::uint64_t leftOut_ = 0;
+  OutputCounters& counters_;
+  std::vector<Track> tracks_;
+  // All on the wall's clock.
+  std::optional<Time> base_;  // becomes 0 in the file
+  Time newestVideo_ = 0;      // decoding time
+  Time start_ = 0;            // of the first file
+  Time end_ = 0;              // of the video so far
 };
 
 }  // namespace host

@@ -198,32 +198,31 @@ void Muxer::FlushBefore(const AVPacket& packet) {
   }
 }
 
-void Muxer::Write(std::size_t track, ffmpeg::Packet packet) {
+bool Muxer::Write(std::size_t track, ffmpeg::Packet packet) {
   FlushBefore(*packet);
   AVBSFContext* const filter = tracks_.at(track).filter.get();
   if (filter == nullptr) {
-    WriteFiltered(track, std::move(packet));
-    return;
+    return WriteFiltered(track, std::move(packet));
   }
   packet->time_base = ffmpeg::kTimeUnit;
   int result = av_bsf_send_packet(filter, packet.get());
+  bool written = false;
   while (result >= 0) {
     ffmpeg::Packet filtered = ffmpeg::MakePacket();
     result = av_bsf_receive_packet(filter, filtered.get());
     if (result >= 0) {
       // The track has its config from the start; a second one would confuse some containers.
       av_packet_free_side_data(filtered.get());
-      WriteFiltered(track, std::move(filtered));
+      written = WriteFiltered(track, std::move(filtered)) || written;
     }
   }
-  if (result == AVERROR_INVALIDDATA) {
-    ++damagedPackets_;
-  } else if (result != AVERROR(EAGAIN)) {
+  if (result != AVERROR_INVALIDDATA && result != AVERROR(EAGAIN)) {
     ffmpeg::Check(result, "cannot write", settings_.url);
   }
+  return written;
 }
 
-void Muxer::WriteFiltered(std::size_t track, ffmpeg::Packet packet) {
+bool Muxer::WriteFiltered(std::size_t track, ffmpeg::Packet packet) {
   const AVStream& stream = *output_->streams[track];
   av_packet_rescale_ts(packet.get(), ffmpeg::kTimeUnit, stream.time_base);
   packet->time_base = stream.time_base;
@@ -248,10 +247,10 @@ void Muxer::WriteFiltered(std::size_t track, ffmpeg::Packet packet) {
   const int result = settings_.interleaves ? av_interleaved_write_frame(output_.get(), packet.get())
                                            : av_write_frame(output_.get(), packet.get());
   if (result == AVERROR_INVALIDDATA) {
-    ++damagedPackets_;
-    return;
+    return false;
   }
   ffmpeg::Check(result, "cannot write", settings_.url);
+  return true;
 }
 
 void Muxer::Finish() {

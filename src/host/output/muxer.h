@@ -58,8 +58,8 @@ class Muxer {
   // Opens the file or connection and writes the header. Throws ffmpeg::Error.
   void Start();
   // The packet's stamps are in units of 100 ns. Its data are not copied. A packet that the
-  // container cannot take because it is damaged is left out and counted. Throws ffmpeg::Error.
-  void Write(std::size_t track, ffmpeg::Packet packet);
+  // container cannot take because it is damaged is left out: false. Throws ffmpeg::Error.
+  bool Write(std::size_t track, ffmpeg::Packet packet);
   // Writes what is still held back and the end of the file; nothing may follow. Throws
   // ffmpeg::Error.
   void Finish();
@@ -80,8 +80,6 @@ class Muxer {
   const std::vector<std::string>& unknownOptions() const { return unknownOptions_; }
   // Packets that were moved because they fell behind.
   std::uint64_t movedPackets() const { return movedPackets_; }
-  // Packets that were left out because they are damaged.
-  std::uint64_t damagedPackets() const { return damagedPackets_; }
 
  private:
   struct Track {
@@ -91,7 +89,7 @@ class Muxer {
 
   bool TakesAdts() const;
   void FlushBefore(const AVPacket& packet);
-  void WriteFiltered(std::size_t track, ffmpeg::Packet packet);
+  bool WriteFiltered(std::size_t track, ffmpeg::Packet packet);
   void Open(ffmpeg::Options& options);
   std::size_t AddTrack(const AVCodecParameters& parameters);
 
@@ -107,7 +105,6 @@ class Muxer {
   std::optional<Time> flushed_;  // time of the packet before which it was
   bool started_ = false;
   std::uint64_t movedPackets_ = 0;
-  std::uint64_t damagedPackets_ = 0;
 };
 
 }  // namespace host

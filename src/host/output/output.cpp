@@ -18,7 +18,8 @@ Output::Output(Settings settings, ffmpeg::Parameters video, OutputObserver* obse
       video_(std::move(video)),
       observer_(observer),
       logger_(logger),
-      queue_(settings_.queue) {
+      counters_(settings_.pass.tracks.size()),
+      queue_(settings_.queue, counters_) {
   if (logger_ != nullptr) {
     logger_->RegisterPin(settings_.pin.c_str());
   }
@@ -43,6 +44,7 @@ void Output::NoteOverflow() {
 }
 
 void Output::TakeVideo(const AVPacket& packet) {
+  ++counters_.of(TrackPacket::kVideo).received;
   TrackPacket item{TrackPacket::kVideo, ffmpeg::RefPacket(packet)};
   if (!settings_.live) {
     queue_.PushWaiting(std::move(item));
@@ -55,6 +57,7 @@ void Output::TakeSound(std::size_t channel, const AVPacket& packet, Time shift) 
   if (channel >= settings_.pass.tracks.size()) {
     return;
   }
+  ++counters_.of(static_cast<int>(channel)).received;
   TrackPacket item{static_cast<int>(channel), ffmpeg::RefPacket(packet), shift};
   if (!settings_.live) {
     // Whoever drives the wall waits for room.
@@ -111,14 +114,11 @@ void Output::FailForGood(const std::string& reason) {
 }
 
 std::string Output::RunPass(OutputPass& pass) {
-  const std::uint64_t before = written_;
   try {
     while (std::optional<TrackPacket> packet = queue_.Pop()) {
       pass.Take(std::move(*packet));
-      written_ = before + pass.written();
     }
     pass.Finish();
-    written_ = before + pass.written();
     return {};
   } catch (const std::exception& error) {
     return error.what();
@@ -129,7 +129,7 @@ void Output::Run() {
   milliseconds delay = settings_.firstDelay;
   for (;;) {
     OutputPass pass(
-        settings_.pass, *video_,
+        settings_.pass, *video_, counters_,
         {recording_ ? &*recording_ : nullptr,
          [this](const std::string& what) { observer_->OutputSaid(settings_.name, what); },
          [this](const OutputPass& open, const std::string& file) { Opened(open, file); }});

@@ -80,7 +80,8 @@ class Output {
   void Finish(std::chrono::milliseconds limit);
 
   const std::string& name() const { return settings_.name; }
-  std::uint64_t written() const { return written_; }      // pictures
+  // What became of the packets of every track.
+  const OutputCounters& counters() const { return counters_; }
   std::uint64_t overflows() const { return overflows_; }  // how often packets were dropped
   std::uint64_t openings() const { return openings_; }
   // The files that were begun, and the latest; none and empty where the output is no file.
@@ -106,9 +107,9 @@ class Output {
   const ffmpeg::Parameters video_;
   OutputObserver* const observer_;
   qorp::log::ILogPerf* const logger_;
+  OutputCounters counters_;
   PacketQueue queue_;
   std::optional<RecordingFiles> recording_;  // the thread's own
-  std::atomic<std::uint64_t> written_{0};
   std::atomic<std::uint64_t> overflows_{0};
   std::atomic<std::uint64_t> openings_{0};
   std::atomic<std::uint64_t> fileCount_{0};

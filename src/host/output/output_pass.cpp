@@ -16,10 +16,6 @@ namespace {
 
 constexpr int kUnknownRate = 48'000;
 constexpr int kUnknownChannels = 2;
-// How far sound may be ahead of the pictures: one second, and what an encoder of pictures holds
-// back.
-constexpr Time kLongestLead = 20 * kSecond;
-
 // FLV, and RTMP with it, has one track of sound.
 std::size_t MostSoundTracks(const std::string& format) {
   return format == "flv" ? 1 : std::numeric_limits<std::size_t>::max();
@@ -35,15 +31,21 @@ bool KeepsSegments(const Muxer::Settings& settings) {
 
 }  // namespace
 
-OutputPass::OutputPass(const Settings& settings, const AVCodecParameters& video, Owner owner)
+OutputPass::OutputPass(const Settings& settings, const AVCodecParameters& video,
+                       OutputCounters& counters, Owner owner)
     : settings_(settings),
       video_(video),
+      counters_(counters),
       owner_(std::move(owner)),
       soundTracks_(settings.tracks.size()),
-      interleaver_(settings.tracks.size()),
+      interleaver_(counters),
       cutter_(settings.segments) {}
 
-OutputPass::~OutputPass() = default;
+OutputPass::~OutputPass() {
+  for (const TrackPacket& held : held_) {
+    ++counters_.of(held.track).leftOut;
+  }
+}
 
 void OutputPass::Cancel() {
   const std::lock_guard guard(cancelLock_);
@@ -80,7 +82,8 @@ bool OutputPass::CanStart(const TrackPacket& packet) {
 
 void OutputPass::Hold(TrackPacket packet) {
   while (!firstPicture_ && !held_.empty() &&
-         packet.packet->dts - held_.front().packet->dts > kLongestLead) {
+         packet.packet->dts - held_.front().packet->dts > Interleaver::kMaxLead) {
+    ++counters_.of(held_.front().track).leftOut;
     held_.pop_front();
   }
   held_.push_back(std::move(packet));
@@ -204,75 +207,59 @@ void OutputPass::AddTrack(Muxer& muxer, std::size_t channel, const AudioFormat& 
   silence_.Add(channel, format);
 }
 
-void OutputPass::WriteAudio(std::size_t channel, ffmpeg::Packet packet) {
-  packet->pts -= *base_;
-  packet->dts -= *base_;
-  cutter_.Add(packet->size);
-  muxer_->Write(*soundTracks_[channel], std::move(packet));
-}
-
-void OutputPass::WriteSound(Time before) {
-  const SilentTracks::Write write = [this](std::size_t channel, ffmpeg::Packet packet) {
-    WriteAudio(channel, std::move(packet));
-  };
-  interleaver_.Release(before, [&](std::size_t channel, ffmpeg::Packet packet) {
-    if (!base_ || packet->dts < *base_) {
-      return;
-    }
-    silence_.End(channel, packet->dts, write);
-    WriteAudio(channel, std::move(packet));
-  });
-  if (base_) {
-    silence_.FillTo(before, write);
-  }
-}
-
 bool OutputPass::CutsBefore(const AVPacket& keyframe) {
   return isOneFile_ && cutter_.CutsBefore(keyframe.pts, FrameDuration(settings_.frameRate));
 }
 
 void OutputPass::Cut(const AVPacket& keyframe) {
-  WriteSound(keyframe.pts);
+  const Time length = interleaver_.Restart(keyframe.pts, mux_);
+  silence_.FillTo(length, writeSilence_);
   muxer_->Finish();
-  earlier_ += keyframe.pts - *base_;
-  Begin(keyframe.pts);
+  cutter_.Begin(keyframe.pts);
+  silence_.Restart();
   Start();
 }
 
-void OutputPass::Begin(Time time) {
-  base_ = time;
-  end_ = 0;
-  cutter_.Begin(time);
-  silence_.Begin(time);
-}
-
 void OutputPass::Write(TrackPacket item) {
-  ffmpeg::Packet packet = std::move(item.packet);
-  if (item.track != TrackPacket::kVideo) {
-    const auto channel = static_cast<std::size_t>(item.track);
-    if (channel < soundTracks_.size() && soundTracks_[channel]) {
-      const Time time = packet->dts;
-      interleaver_.Push(channel, std::move(packet), item.shift);
-      WriteSound(time - kLongestLead);
+  if (item.track == TrackPacket::kVideo) {
+    if ((item.packet->flags & AV_PKT_FLAG_KEY) != 0 && CutsBefore(*item.packet)) {
+      Cut(*item.packet);
     }
+    interleaver_.PushVideo(std::move(item.packet), mux_);
     return;
   }
-  const bool isKey = (packet->flags & AV_PKT_FLAG_KEY) != 0;
-  if (!base_) {
-    if (!isKey) {
+  const auto channel = static_cast<std::size_t>(item.track);
+  if (soundTracks_.at(channel)) {
+    interleaver_.PushAudio(channel, std::move(item.packet), item.shift);
+  } else {
+    ++counters_.of(item.track).leftOut;
+  }
+}
+
+void OutputPass::WriteSilence(std::size_t channel, ffmpeg::Packet packet) {
+  cutter_.Add(packet->size);
+  muxer_->Write(*soundTracks_[channel], std::move(packet));
+}
+
+void OutputPass::Mux(int track, ffmpeg::Packet packet) {
+  TrackCounters& counters = counters_.of(track);
+  // Counted first: a failure of the output takes the packet with it.
+  ++counters.leftOut;
+  std::size_t number = videoTrack_;
+  if (track == TrackPacket::kVideo) {
+    silence_.FillTo(packet->dts, writeSilence_);
+  } else {
+    const auto channel = static_cast<std::size_t>(track);
+    if (!silence_.EndBefore(channel, *packet, writeSilence_)) {
       return;
     }
-    Begin(packet->pts);
-  } else if (isKey && CutsBefore(*packet)) {
-    Cut(*packet);
+    number = *soundTracks_[channel];
   }
-  WriteSound(packet->dts);
-  packet->pts -= *base_;
-  packet->dts -= *base_;
-  end_ = std::max(end_, packet->pts + packet->duration);
   cutter_.Add(packet->size);
-  muxer_->Write(videoTrack_, std::move(packet));
-  ++written_;
+  if (muxer_->Write(number, std::move(packet))) {
+    ++counters.written;
+    --counters.leftOut;
+  }
 }
 
 void OutputPass::Finish() {
@@ -283,9 +270,7 @@ void OutputPass::Finish() {
     Start();
     WriteHeld();
   }
-  if (base_) {
-    WriteSound(*base_ + end_);
-  }
+  interleaver_.Finish(mux_);
   muxer_->Finish();
 }
 

@@ -58,8 +58,9 @@ class OutputPass {
     std::function<void(const OutputPass& pass, const std::string& file)> opened;
   };
 
-  // video: of the encoder.
-  OutputPass(const Settings& settings, const AVCodecParameters& video, Owner owner);
+  // video: of the encoder. counters: what is written and left out.
+  OutputPass(const Settings& settings, const AVCodecParameters& video, OutputCounters& counters,
+             Owner owner);
   ~OutputPass();
 
   // Opens the output when it is time. Throws ffmpeg::Error.
@@ -72,10 +73,8 @@ class OutputPass {
   bool started() const { return muxer_ != nullptr; }
   // Files or connections that were opened.
   std::uint64_t targets() const { return targets_; }
-  // Pictures written.
-  std::uint64_t written() const { return written_; }
   // Time written.
-  Time length() const { return written_ > 0 ? earlier_ + end_ : 0; }
+  Time length() const { return interleaver_.length(); }
 
  private:
   bool CanStart(const TrackPacket& packet);
@@ -88,13 +87,13 @@ class OutputPass {
   bool CutsBefore(const AVPacket& keyframe);
   // The file ends before the keyframe, and the next one begins with it.
   void Cut(const AVPacket& keyframe);
-  void Begin(Time time);
   void Write(TrackPacket packet);
-  void WriteSound(Time before);
-  void WriteAudio(std::size_t channel, ffmpeg::Packet packet);
+  void Mux(int track, ffmpeg::Packet packet);
+  void WriteSilence(std::size_t channel, ffmpeg::Packet packet);
 
   const Settings& settings_;
   const AVCodecParameters& video_;
+  OutputCounters& counters_;
   const Owner owner_;
   std::deque<TrackPacket> held_;
   std::optional<Time> firstPicture_;  // of those held
@@ -109,11 +108,13 @@ class OutputPass {
   Interleaver interleaver_;
   SilentTracks silence_;
   SegmentCutter cutter_;
-  std::optional<Time> base_;  // the wall's time that becomes 0
-  Time end_ = 0;
-  Time earlier_ = 0;  // length of the files before this one
-  std::uint64_t written_ = 0;
   std::uint64_t targets_ = 0;
+  const Interleaver::Write mux_ = [this](int track, ffmpeg::Packet packet) {
+    Mux(track, std::move(packet));
+  };
+  const SilentTracks::Write writeSilence_ = [this](std::size_t channel, ffmpeg::Packet packet) {
+    WriteSilence(channel, std::move(packet));
+  };
 };
 
 }  // namespace host

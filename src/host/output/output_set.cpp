@@ -16,6 +16,10 @@ using std::chrono::milliseconds;
 
 constexpr milliseconds kForever{0x7FFF'FFFF};
 
+OutputSet::TrackStatus StatusOf(const TrackCounters& counters) {
+  return {counters.written, counters.dropped, counters.leftOut};
+}
+
 }  // namespace
 
 OutputSet::OutputSet(const Settings& settings, OutputObserver* observer,
@@ -187,9 +191,13 @@ std::vector<OutputSet::Status> OutputSet::status() const {
       status.failure = entry.output->failure();
       status.file = entry.output->file();
       status.files = entry.output->files();
-      status.written = entry.output->written();
+      const OutputCounters& counters = entry.output->counters();
+      status.video = StatusOf(counters.of(OutputCounters::kVideo));
+      status.video.dropped += entry.encoder->dropped();
+      for (std::size_t i = 0; i < counters.channels(); ++i) {
+        status.audio.push_back(StatusOf(counters.of(static_cast<int>(i))));
+      }
       status.overflows = entry.output->overflows();
-      status.dropped = entry.encoder->dropped();
     }
     all.push_back(std::move(status));
   }

@@ -37,15 +37,21 @@ class OutputSet {
     PacketQueue::Limits queue;
     std::chrono::milliseconds finishLimit{5'000};  // of a live output, to write what waits
   };
+  // Frames, or audio packets of one channel.
+  struct TrackStatus {
+    std::uint64_t written = 0;
+    std::uint64_t dropped = 0;  // encoder or output were behind, or the output was not open
+    std::uint64_t leftOut = 0;  // too late or too early for the file, or refused by it
+  };
   struct Status {
     std::string name;
-    std::string file;             // the latest that is written; empty where it is no file
-    std::uint64_t files = 0;      // how many were begun
-    std::uint64_t written = 0;    // pictures
-    std::uint64_t dropped = 0;    // pictures for which the encoder had no time
-    std::uint64_t overflows = 0;  // how often its queue was full
-    std::string failure;          // empty while it works
-    bool failed = false;          // for good
+    std::string file;         // the latest that is written; empty where it is no file
+    std::uint64_t files = 0;  // how many were begun
+    TrackStatus video;
+    std::vector<TrackStatus> audio;  // of every channel; empty for an output without audio
+    std::uint64_t overflows = 0;     // how often its queue was full
+    std::string failure;             // empty while it works
+    bool failed = false;             // for good
   };
 
   // observer and logger outlive the set; logger may be null. An output whose encoder or container

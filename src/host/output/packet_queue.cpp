@@ -7,28 +7,52 @@ extern "C" {
 }
 
 namespace host {
+namespace {
+
+// What a packet costs beside its data: a flood of tiny ones is bounded, too.
+constexpr std::size_t kPacketOverhead = 256;
+
+std::size_t BytesOf(const TrackPacket& packet) {
+  return static_cast<std::size_t>(packet.packet->size) + kPacketOverhead;
+}
+
+}  // namespace
 
 bool PacketQueue::IsKey(const TrackPacket& packet) {
   return packet.track == TrackPacket::kVideo && (packet.packet->flags & AV_PKT_FLAG_KEY) != 0;
 }
 
 bool PacketQueue::Full() const {
-  if (packets_.empty()) {
-    return false;
-  }
-  return bytes_ >= limits_.bytes || newestPicture_ - packets_.front().packet->dts >= limits_.span;
+  return bytes_ >= limits_.bytes ||
+         (!pictures_.empty() && pictures_.back() - pictures_.front() >= limits_.span);
 }
 
 void PacketQueue::Add(TrackPacket packet) {
-  bytes_ += static_cast<std::size_t>(packet.packet->size);
+  bytes_ += BytesOf(packet);
   if (packet.track == TrackPacket::kVideo) {
-    newestPicture_ = packet.packet->dts;
+    pictures_.push_back(packet.packet->dts);
   }
   packets_.push_back(std::move(packet));
 }
 
+// The packet leaves the queue, in the order in which it came.
+void PacketQueue::Forget(const TrackPacket& packet) {
+  bytes_ -= BytesOf(packet);
+  if (packet.track == TrackPacket::kVideo) {
+    pictures_.pop_front();
+  }
+}
+
+void PacketQueue::Drop(const TrackPacket& packet) {
+  ++counters_.of(packet.track).dropped;
+}
+
 void PacketQueue::Clear() {
+  for (const TrackPacket& packet : packets_) {
+    Drop(packet);
+  }
   packets_.clear();
+  pictures_.clear();
   bytes_ = 0;
 }
 
@@ -54,7 +78,8 @@ void PacketQueue::DropOldestPictures() {
     if (isSound ? packet.packet->dts >= from : reached) {
       kept.push_back(std::move(packet));
     } else {
-      bytes_ -= static_cast<std::size_t>(packet.packet->size);
+      Forget(packet);
+      Drop(packet);
     }
   }
   packets_.swap(kept);
@@ -65,6 +90,7 @@ PacketQueue::Pushed PacketQueue::PushDropping(TrackPacket packet) {
   {
     const std::lock_guard guard(lock_);
     if (closed_) {
+      Drop(packet);
       return Pushed::kKept;
     }
     const bool isKey = IsKey(packet);
@@ -75,6 +101,7 @@ PacketQueue::Pushed PacketQueue::PushDropping(TrackPacket packet) {
       waitsForKey_ = waitsForKey_ && !isKey;
     }
     if (waitsForKey_) {
+      Drop(packet);
       return result == Pushed::kKept ? Pushed::kRefused : result;
     }
     Add(std::move(packet));
@@ -88,6 +115,7 @@ bool PacketQueue::PushWaiting(TrackPacket packet) {
     std::unique_lock guard(lock_);
     roomMade_.wait(guard, [&] { return closed_ || !Full(); });
     if (closed_) {
+      Drop(packet);
       return false;
     }
     Add(std::move(packet));
@@ -100,6 +128,7 @@ void PacketQueue::Push(TrackPacket packet) {
   {
     const std::lock_guard guard(lock_);
     if (closed_) {
+      Drop(packet);
       return;
     }
     Add(std::move(packet));
@@ -120,7 +149,7 @@ std::optional<TrackPacket> PacketQueue::Pop() {
   }
   TrackPacket packet = std::move(packets_.front());
   packets_.pop_front();
-  bytes_ -= static_cast<std::size_t>(packet.packet->size);
+  Forget(packet);
   guard.unlock();
   roomMade_.notify_all();
   return packet;

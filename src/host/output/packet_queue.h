@@ -9,22 +9,24 @@
 #include <optional>
 
 #include "host/ffmpeg/handles.h"
+#include "host/output/track_counters.h"
 #include "host/units.h"
 
 namespace host {
 
 // A packet of the mosaic's video, or of the sound of a channel.
 struct TrackPacket {
-  static constexpr int kVideo = -1;
+  static constexpr int kVideo = OutputCounters::kVideo;
 
   int track = kVideo;     // kVideo or the number of the channel
   ffmpeg::Packet packet;  // stamps in units of 100 ns, on the wall's clock
   Time shift = 0;         // of sound: the wall's time minus the channel's own
 };
 
-// Bounded by bytes and by time. A full queue drops whole groups of pictures, the oldest first: what
-// is left always begins with a picture that can be decoded alone, and with it the sound from there
-// on. Or, where nothing may be lost, whoever fills the queue waits for room.
+// Bounded by bytes and by the time of the video that waits. A full queue drops whole GOPs, the
+// oldest first, and the audio of that time: what is left always begins with a keyframe. Or, where
+// nothing may be lost, whoever fills the queue waits for room. What is dropped is counted for each
+// track.
 //
 // Filled by the encoder's thread and the channels' streaming threads, emptied by the output's
 // thread, closed by any; one lock.
@@ -32,10 +34,11 @@ class PacketQueue {
  public:
   struct Limits {
     std::size_t bytes = 32U << 20;
-    Time span = 8 * kSecond;  // from the oldest packet to the newest picture
+    Time span = 8 * kSecond;  // from the oldest frame to the newest one
   };
 
-  explicit PacketQueue(Limits limits) : limits_(limits) {}
+  // counters outlive the queue.
+  PacketQueue(Limits limits, OutputCounters& counters) : limits_(limits), counters_(counters) {}
 
   enum class Pushed {
     kKept,
@@ -69,17 +72,20 @@ class PacketQueue {
   static bool IsKey(const TrackPacket& packet);
   bool Full() const;
   void Add(TrackPacket packet);
+  void Forget(const TrackPacket& packet);
+  void Drop(const TrackPacket& packet);
   void DropOldestPictures();
   void Clear();
 
   const Limits limits_;
+  OutputCounters& counters_;
   mutable std::mutex lock_;
   std::condition_variable filled_;
   std::condition_variable roomMade_;
   std::deque<TrackPacket> packets_;  // guarded by lock_, as is all below
   std::size_t bytes_ = 0;
-  Time newestPicture_ = 0;
-  bool waitsForKey_ = false;  // after a drop that left no picture
+  std::deque<Time> pictures_;  // decoding times of the frames that wait
+  bool waitsForKey_ = false;   // after a drop that left no picture
   bool closed_ = false;
 };
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 #include "host/units.h"
 
@@ -20,23 +21,28 @@ class SegmentCutter {
  public:
   explicit SegmentCutter(SegmentLimits limits) : limits_(limits) {}
 
-  // A file begins with the frame of that time.
+  // A file begins with the keyframe of that time.
   void Begin(Time time) {
     start_ = time;
     bytes_ = bytesAtKey_ = 0;
   }
   void Add(int bytes) { bytes_ += bytes; }
-  // A keyframe is to be written. time: when it is shown. frame: its length.
+  // A keyframe is to be written; the first one begins the first file. time: when it is shown.
+  // frame: its length.
   bool CutsBefore(Time time, Time frame) {
-    const bool isLong = limits_.length > 0 && time - start_ >= limits_.length - frame / 2;
+    if (!start_) {
+      Begin(time);
+      return false;
+    }
+    const bool isLong = limits_.length > 0 && time - *start_ >= limits_.length - frame / 2;
     const bool isLarge = limits_.bytes > 0 && 2 * bytes_ - bytesAtKey_ > limits_.bytes;
     bytesAtKey_ = bytes_;
-    return time > start_ && (isLong || isLarge);
+    return time > *start_ && (isLong || isLarge);
   }
 
  private:
   const SegmentLimits limits_;
-  Time start_ = 0;
+  std::optional<Time> start_;
   std::int64_t bytes_ = 0;       // of this file
   std::int64_t bytesAtKey_ = 0;  // ... up to the latest keyframe
 };

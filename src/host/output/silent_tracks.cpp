@@ -44,8 +44,7 @@ ffmpeg::Packet EncodeSilence(const AudioFormat& format) {
 
 }  // namespace
 
-void SilentTracks::Begin(Time start) {
-  start_ = start;
+void SilentTracks::Restart() {
   for (auto& [channel, track] : tracks_) {
     track.count = 0;
   }
@@ -66,11 +65,14 @@ void SilentTracks::Add(std::size_t channel, const AudioFormat& format) {
   }
 }
 
-void SilentTracks::Fill(std::size_t channel, Track& track, Time before, const Write& write) const {
+Time SilentTracks::TimeOf(const Track& track, std::int64_t count) {
+  return av_rescale(count * track.samples, kSecond, track.sampleRate);
+}
+
+void SilentTracks::Fill(std::size_t channel, Track& track, Time before, const Write& write) {
   for (;;) {
-    const Time time = start_ + av_rescale(track.count * track.samples, kSecond, track.sampleRate);
-    const Time end =
-        start_ + av_rescale((track.count + 1) * track.samples, kSecond, track.sampleRate);
+    const Time time = TimeOf(track, track.count);
+    const Time end = TimeOf(track, track.count + 1);
     if (end > before) {
       return;
     }
@@ -88,11 +90,17 @@ void SilentTracks::FillTo(Time before, const Write& write) {
   }
 }
 
-void SilentTracks::End(std::size_t channel, Time before, const Write& write) {
-  if (const auto track = tracks_.find(channel); track != tracks_.end()) {
-    Fill(channel, track->second, before, write);
-    tracks_.erase(track);
+bool SilentTracks::EndBefore(std::size_t channel, const AVPacket& packet, const Write& write) {
+  const auto track = tracks_.find(channel);
+  if (track == tracks_.end()) {
+    return true;
   }
+  Fill(channel, track->second, packet.dts, write);
+  if (packet.dts + packet.duration / 2 < TimeOf(track->second, track->second.count)) {
+    return false;
+  }
+  tracks_.erase(track);
+  return true;
 }
 
 }  // namespace host

@@ -20,17 +20,18 @@ namespace host {
 // Owned and called by one output on its thread.
 class SilentTracks {
  public:
-  // Times are the wall's.
+  // Times are those of the file or connection, which begins at 0.
   using Write = std::function<void(std::size_t channel, ffmpeg::Packet packet)>;
 
-  // A file or connection begins at that time.
-  void Begin(Time start);
+  // The next file begins.
+  void Restart();
   // A format that cannot be encoded stays without silence.
   void Add(std::size_t channel, const AudioFormat& format);
   // Silence in all tracks up to that time.
   void FillTo(Time before, const Write& write);
-  // The channel has a packet for that time: silence before it, none afterwards.
-  void End(std::size_t channel, Time before, const Write& write);
+  // The channel has a packet: silence before it, none afterwards. False when it is for a time at
+  // which there is silence already and has to be left out.
+  bool EndBefore(std::size_t channel, const AVPacket& packet, const Write& write);
 
  private:
   struct Track {
@@ -40,9 +41,9 @@ class SilentTracks {
     std::int64_t count = 0;    // packets written
   };
 
-  void Fill(std::size_t channel, Track& track, Time before, const Write& write) const;
+  static Time TimeOf(const Track& track, std::int64_t count);
+  static void Fill(std::size_t channel, Track& track, Time before, const Write& write);
 
-  Time start_ = 0;
   std::map<std::size_t, Track> tracks_;  // by channel
 };
 

@@ -16,8 +16,6 @@ namespace {
 // The composer shows every picture that long after its source.
 constexpr Time kWindowLatency = kSecond;
 constexpr std::chrono::milliseconds kFrameLimit{60'000};
-// Sound and picture of a live source lie no further apart than that when they come.
-constexpr Time kLiveMergeWindow = kSecond / 5;
 
 ComposerFilter::Canvas CanvasOf(const wall::Wall& wall) {
   return {static_cast<int>(wall.channels.size()),
@@ -155,18 +153,18 @@ ChannelSource::Settings WallSession::ChannelSettings(const wall::Channel& channe
   source.ingest.reader.audioTrack = options.audio.track;
   source.ingest.reader.audioLanguage = options.audio.language;
   source.ingest.reader.options = options.options;
-  source.ingest.picture.width = channel.window.width;
-  source.ingest.picture.height = channel.window.height;
-  source.ingest.picture.canvasRate = PictureRate(canvas.frameRate);
-  source.ingest.picture.canvasPixelAspect = PixelAspect(canvas.width, canvas.height, canvas.aspect);
-  source.ingest.picture.deinterlace = DeinterlaceOf(options.deinterlace);
-  source.ingest.meter.frameRate = canvas.frameRate;
-  source.ingest.logger = settings_.logger;
-  source.ingest.pictureMeter = {options.alarm.black.level, options.alarm.freeze.level};
+  source.ingest.session.picture.width = channel.window.width;
+  source.ingest.session.picture.height = channel.window.height;
+  source.ingest.session.picture.canvasRate = PictureRate(canvas.frameRate);
+  source.ingest.session.picture.canvasPixelAspect =
+      PixelAspect(canvas.width, canvas.height, canvas.aspect);
+  source.ingest.session.picture.deinterlace = DeinterlaceOf(options.deinterlace);
+  source.ingest.session.meter.frameRate = canvas.frameRate;
+  source.ingest.session.logger = settings_.logger;
+  source.ingest.session.pictureMeter = {options.alarm.black.level, options.alarm.freeze.level};
   source.ingest.reopen = settings_.live;
   if (settings_.live) {
-    source.ingest.mergeWindow = kLiveMergeWindow;
-    source.ingest.now = [this] { return clock_.Now(); };
+    source.ingest.session.now = [this] { return clock_.Now(); };
   }
   source.label = LabelOf(channel.label);
   source.labelByService = channel.label.source == wall::Label::Source::kService;
@@ -180,9 +178,10 @@ ChannelSource::Settings WallSession::ChannelSettings(const wall::Channel& channe
   presenter.hold = options.hold;
   presenter.alarms = AlarmsOf(options.alarm);
   presenter.timeText = [this](Time time) { return TimeText(time); };
+  presenter.wantsType = [window] { return window->WantsType(); };
   presenter.pictureSent = [window] { window->SetPictureSent(); };
   presenter.logger = settings_.logger;
-  presenter.latestFrame = [this] { return background_->latestFrame(); };
+  presenter.presentFrame = [this] { return background_->presentFrame(); };
   return source;
 }
 
@@ -201,10 +200,11 @@ void WallSession::AddChannel(std::size_t index) {
   const wall::Channel& channel = settings_.wall.channels[index];
   const ComPtr<WallWindow> window =
       WallWindow::Create({channel.options.enabled, channel.window.x, channel.window.y,
-                          channel.options.colour, channel.selected});
+                          channel.options.colour, channel.selected},
+                         settings_.wall.canvas.frameRate);
   ChannelSource::Settings settings = ChannelSettings(channel, window.Get());
   if (settings_.takePacket) {
-    settings.ingest.audioTrack = settings_.audioTracks.at(index);
+    settings.ingest.session.audioTrack = settings_.audioTracks.at(index);
   }
   const ComPtr<ChannelSource> source =
       ChannelSource::Create(std::move(settings), settings_.observer);

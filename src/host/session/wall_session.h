@@ -79,6 +79,7 @@ class WallSession {
   FrameWatch::Timing TakeTiming() { return watch_->TakeTiming(); }
   Time now() const { return clock_.Now(); }
   ChannelSource& channel(std::size_t index) { return *channels_[index]; }
+  WallWindow& window(std::size_t index) { return *windows_[index]; }
 
  private:
   void AddChannel(std::size_t index);

@@ -91,8 +91,8 @@ struct AlarmOptions {
   Alarm black{true, 10, 5 * kSecond, kSecond};      // brightest percent that counts as black
   Alarm freeze{true, -60, 5 * kSecond, kSecond};    // largest change in dB that counts as none
   Alarm silence{true, -60, 10 * kSecond, kSecond};  // loudest peak in dBFS that counts as silence
-  Alarm clipping{true, -0.1, kSecond,
-                 2 * kSecond};  // peak in dBFS from which it counts as clipping
+  // Peak in dBFS from which it counts as clipping; two a second within the time to set.
+  Alarm clipping{true, -0.1, 2 * kSecond, 2 * kSecond};
 };
 
 // What may also be set for all channels at once.

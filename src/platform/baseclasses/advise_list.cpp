@@ -33,11 +33,12 @@ REFERENCE_TIME AdviseList::SignalDue(REFERENCE_TIME now) {
       std::get<HEVENT>(entry.target)->Set();
       continue;
     }
-    // A clock that leapt forward owes one release for each period that it passed.
+    // A clock that jumped forward owes one release for each period that it passed.
     const REFERENCE_TIME passed = (now - due.key()) / entry.period + 1;
     std::get<HSEMAPHORE>(entry.target)
         ->Release(static_cast<LONG>(std::min<REFERENCE_TIME>(passed, INT32_MAX)));
-    due.key() += passed * entry.period;
+    // A period beyond the range of times never ends.
+    due.key() = entry.period < kNever - now ? due.key() + passed * entry.period : kNever;
     entries_.insert(std::move(due));
   }
   return entries_.empty() ? kNever : entries_.begin()->first;

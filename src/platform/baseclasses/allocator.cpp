@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <limits>
 
+#include "platform/baseclasses/com_boundary.h"
 #include "platform/dshow/vfw_errors.h"
 
 CBaseAllocator::CBaseAllocator(const char* name, IUnknown* outer, HRESULT* /*hr*/)
@@ -71,12 +72,14 @@ HRESULT CBaseAllocator::Commit() {
     committed_ = true;
     return S_OK;
   }
-  const HRESULT hr = Alloc();
-  if (SUCCEEDED(hr)) {
-    committed_ = true;
-    return S_OK;
+  const HRESULT hr = AtComBoundary([&] { return Alloc(); });
+  if (FAILED(hr)) {
+    // Whatever was made before it failed.
+    Free();
+    return hr;
   }
-  return hr;
+  committed_ = true;
+  return S_OK;
 }
 
 HRESULT CBaseAllocator::Decommit() {
@@ -120,7 +123,7 @@ HRESULT CBaseAllocator::GetBuffer(IMediaSample** sample, REFERENCE_TIME* /*start
   taken->m_pNext = nullptr;
   ++outside_;
   taken->m_cRef.store(1);
-  // A sample outside keeps its allocator alive, however early everybody else lets go of it.
+  // A sample outside keeps its allocator alive, however early everybody else releases it.
   AddRef();
   *sample = taken;
   return S_OK;

@@ -39,9 +39,10 @@ class CBaseAllocator : public CUnknown, public IMemAllocator {
 
  protected:
   // Makes the samples (with AddFree), called with the lock held. VFW_E_SIZENOTSET without
-  // properties.
+  // properties. May throw.
   virtual HRESULT Alloc();
-  // Destroys them; called with the lock held and every sample home.
+  // Destroys them, or as many as an Alloc that failed has made; called with the lock held and every
+  // sample home.
   virtual void Free() = 0;
 
   void AddFree(CMediaSample* sample);
@@ -64,7 +65,7 @@ class CMemAllocator : public CBaseAllocator {
   CMemAllocator(const char* name, IUnknown* outer, HRESULT* hr);
   ~CMemAllocator() override;
 
-  // A new allocator with one reference, or null when the memory is exhausted.
+  // A new allocator with one reference. Throws std::bad_alloc.
   static ComPtr<IMemAllocator> Create();
 
  protected:

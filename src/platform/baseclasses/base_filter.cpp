@@ -4,8 +4,10 @@
 #include <new>
 
 #include "platform/baseclasses/base_pin.h"
+#include "platform/baseclasses/com_boundary.h"
 #include "platform/baseclasses/enumerators.h"
 #include "platform/baseclasses/registration.h"
+#include "platform/dshow/reference_time.h"
 #include "platform/dshow/vfw_errors.h"
 
 CBaseFilter::CBaseFilter(const char* name, IUnknown* outer, CCritSec* lock, REFCLSID clsid)
@@ -39,7 +41,7 @@ HRESULT CBaseFilter::StreamTime(CRefTime& time) {
   if (FAILED(hr)) {
     return hr;
   }
-  time = now - start;
+  time = SubtractTimes(now, start);
   return S_OK;
 }
 
@@ -63,7 +65,7 @@ HRESULT CBaseFilter::Stop() {
     for (int i = 0; i < pins; ++i) {
       CBasePin* const pin = GetPin(i);
       if (pin != nullptr && pin->IsConnected()) {
-        const HRESULT hr = pin->Inactive();
+        const HRESULT hr = AtComBoundary([&] { return pin->Inactive(); });
         if (FAILED(hr) && SUCCEEDED(result)) {
           result = hr;
         }
@@ -81,7 +83,7 @@ HRESULT CBaseFilter::Pause() {
     for (int i = 0; i < pins; ++i) {
       CBasePin* const pin = GetPin(i);
       if (pin != nullptr && pin->IsConnected()) {
-        const HRESULT hr = pin->Active();
+        const HRESULT hr = AtComBoundary([&] { return pin->Active(); });
         if (FAILED(hr)) {
           return hr;
         }
@@ -109,7 +111,7 @@ HRESULT CBaseFilter::Run(REFERENCE_TIME start) {
     for (int i = 0; i < pins; ++i) {
       CBasePin* const pin = GetPin(i);
       if (pin != nullptr && pin->IsConnected()) {
-        const HRESULT hr = pin->Run(start);
+        const HRESULT hr = AtComBoundary([&] { return pin->Run(start); });
         if (FAILED(hr)) {
           return hr;
         }
@@ -183,11 +185,14 @@ HRESULT CBaseFilter::QueryFilterInfo(FILTER_INFO* info) {
 }
 
 HRESULT CBaseFilter::JoinFilterGraph(IFilterGraph* graph, LPCWSTR name) {
-  const CAutoLock guard(m_pLock);
-  m_pGraph = graph;
-  m_pSink = QueryFor<IMediaEventSink>(graph).Get();
-  m_pName = name != nullptr ? name : u"";
-  return S_OK;
+  return AtComBoundary([&] {
+    std::u16string copy(name != nullptr ? name : u"");
+    const CAutoLock guard(m_pLock);
+    m_pGraph = graph;
+    m_pSink = QueryFor<IMediaEventSink>(graph).Get();
+    m_pName = std::move(copy);
+    return S_OK;
+  });
 }
 
 HRESULT CBaseFilter::QueryVendorInfo(LPWSTR* info) {

@@ -1,5 +1,6 @@
 #include "platform/baseclasses/base_input_pin.h"
 
+#include "platform/baseclasses/com_boundary.h"
 #include "platform/dshow/vfw_errors.h"
 
 CBaseInputPin::CBaseInputPin(const char* objectName, CBaseFilter* filter, CCritSec* lock,
@@ -71,14 +72,16 @@ HRESULT CBaseInputPin::GetAllocator(IMemAllocator** allocator) {
   if (allocator == nullptr) {
     return E_POINTER;
   }
-  const CAutoLock guard(m_pLock);
-  ComPtr<IMemAllocator> held = HeldAllocator();
-  if (!held) {
-    held = CMemAllocator::Create();
-    ReplaceAllocator(held);
-  }
-  *allocator = held.Detach();
-  return S_OK;
+  return AtComBoundary([&] {
+    const CAutoLock guard(m_pLock);
+    ComPtr<IMemAllocator> held = HeldAllocator();
+    if (!held) {
+      held = CMemAllocator::Create();
+      ReplaceAllocator(held);
+    }
+    *allocator = held.Detach();
+    return S_OK;
+  });
 }
 
 HRESULT CBaseInputPin::NotifyAllocator(IMemAllocator* allocator, BOOL readOnly) {
@@ -103,18 +106,20 @@ HRESULT CBaseInputPin::Receive(IMediaSample* sample) {
   if (streaming != S_OK) {
     return streaming;
   }
-  AM_MEDIA_TYPE* changed = nullptr;
-  const HRESULT typed = sample->GetMediaType(&changed);
+  OwnedMediaType changed;
+  const HRESULT typed = ReadMediaType(sample, &changed);
   if (FAILED(typed)) {
     return typed;
   }
-  if (typed != S_OK) {
+  if (changed == nullptr) {
     return S_OK;
   }
-  const OwnedMediaType owned(changed);
-  const CMediaType type(*owned);
-  if (CheckMediaType(&type) == S_OK) {
-    return S_OK;
+  const HRESULT checked = AtComBoundary([&] {
+    const CMediaType type(*changed);
+    return CheckMediaType(&type);
+  });
+  if (checked == S_OK || checked == E_OUTOFMEMORY) {
+    return checked;
   }
   m_bRunTimeError = true;
   EndOfStream();

@@ -93,7 +93,8 @@ HRESULT CBaseOutputPin::DecideAllocator(IMemInputPin* pin, IMemAllocator** alloc
   for (const bool peers : {true, false}) {
     ComPtr<IMemAllocator> candidate;
     hr = peers ? pin->GetAllocator(candidate.Put()) : InitAllocator(candidate.Put());
-    if (FAILED(hr)) {
+    if (FAILED(hr) || !candidate) {
+      hr = FAILED(hr) ? hr : VFW_E_NO_ALLOCATOR;
       continue;
     }
     ALLOCATOR_PROPERTIES request = wanted;

@@ -49,7 +49,7 @@ class CBaseOutputPin : public CBasePin {
 
  protected:
   void ReplaceAllocator(ComPtr<IMemAllocator> allocator);
-  // Lets go of peer transport and allocator; for destructors.
+  // Releases peer transport and allocator; for destructors.
   void ReleasePeer();
 
  private:

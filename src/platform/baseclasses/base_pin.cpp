@@ -4,6 +4,7 @@
 #include <cstring>
 #include <new>
 
+#include "platform/baseclasses/com_boundary.h"
 #include "platform/baseclasses/enumerators.h"
 #include "platform/dshow/vfw_errors.h"
 
@@ -91,15 +92,18 @@ HRESULT CBasePin::Connect(IPin* receivePin, const AM_MEDIA_TYPE* type) {
   if (!IsStopped() && !m_bCanReconnectWhenActive) {
     return VFW_E_NOT_STOPPED;
   }
-  HRESULT hr = CheckConnect(receivePin);
-  CMediaType wanted;
-  if (SUCCEEDED(hr) && type != nullptr) {
-    hr = wanted.Set(*type);
-  }
-  if (SUCCEEDED(hr)) {
+  const HRESULT hr = AtComBoundary([&] {
+    CMediaType wanted;
+    HRESULT checked = CheckConnect(receivePin);
+    if (SUCCEEDED(checked) && type != nullptr) {
+      checked = wanted.Set(*type);
+    }
+    if (FAILED(checked)) {
+      return checked;
+    }
     BreakConnect();
-    hr = AgreeMediaType(receivePin, type != nullptr ? &wanted : nullptr);
-  }
+    return AgreeMediaType(receivePin, type != nullptr ? &wanted : nullptr);
+  });
   if (FAILED(hr)) {
     BreakConnect();
   }
@@ -141,8 +145,11 @@ HRESULT CBasePin::TryMediaTypes(IPin* receivePin, const CMediaType* wanted,
       return failure;
     }
     const OwnedMediaType owned(listed);
+    if (owned == nullptr) {
+      return failure;
+    }
     CMediaType candidate;
-    if (FAILED(candidate.Set(*listed))) {
+    if (FAILED(candidate.Set(*owned))) {
       return E_OUTOFMEMORY;
     }
     if (wanted != nullptr && !candidate.MatchesPartial(*wanted)) {
@@ -171,11 +178,11 @@ HRESULT CBasePin::AttemptConnection(IPin* receivePin, const CMediaType& type) {
     return RefusalOfType(hr);
   }
   SetConnected(receivePin);
-  hr = SetMediaType(&type);
+  hr = AtComBoundary([&] { return SetMediaType(&type); });
   if (SUCCEEDED(hr)) {
     hr = receivePin->ReceiveConnection(this, &type);
     if (SUCCEEDED(hr)) {
-      hr = CompleteConnect(receivePin);
+      hr = AtComBoundary([&] { return CompleteConnect(receivePin); });
       if (SUCCEEDED(hr)) {
         return S_OK;
       }
@@ -188,14 +195,14 @@ HRESULT CBasePin::AttemptConnection(IPin* receivePin, const CMediaType& type) {
 }
 
 HRESULT CBasePin::CheckProposal(IPin* connector, const AM_MEDIA_TYPE& type, CMediaType* proposed) {
-  HRESULT hr = CheckConnect(connector);
+  HRESULT hr = AtComBoundary([&] { return CheckConnect(connector); });
   if (FAILED(hr)) {
     return hr;
   }
-  hr = proposed->Set(type);
-  if (SUCCEEDED(hr)) {
-    hr = CheckMediaType(proposed);
-  }
+  hr = AtComBoundary([&] {
+    const HRESULT copied = proposed->Set(type);
+    return SUCCEEDED(copied) ? CheckMediaType(proposed) : copied;
+  });
   return hr == S_OK ? S_OK : RefusalOfType(hr);
 }
 
@@ -217,12 +224,12 @@ HRESULT CBasePin::ReceiveConnection(IPin* connector, const AM_MEDIA_TYPE* type) 
     return hr;
   }
   SetConnected(connector);
-  hr = SetMediaType(&proposed);
+  hr = AtComBoundary([&] {
+    const HRESULT set = SetMediaType(&proposed);
+    return SUCCEEDED(set) ? CompleteConnect(connector) : set;
+  });
   if (SUCCEEDED(hr)) {
-    hr = CompleteConnect(connector);
-    if (SUCCEEDED(hr)) {
-      return S_OK;
-    }
+    return S_OK;
   }
   BreakConnect();
   SetConnected(nullptr);
@@ -241,7 +248,7 @@ HRESULT CBasePin::DisconnectInternal() {
   if (!m_Connected) {
     return S_FALSE;
   }
-  const HRESULT hr = BreakConnect();
+  const HRESULT hr = AtComBoundary([&] { return BreakConnect(); });
   if (FAILED(hr)) {
     return hr;
   }
@@ -307,8 +314,10 @@ HRESULT CBasePin::QueryAccept(const AM_MEDIA_TYPE* type) {
   if (type == nullptr) {
     return E_POINTER;
   }
-  CMediaType asked;
-  return SUCCEEDED(asked.Set(*type)) && CheckMediaType(&asked) == S_OK ? S_OK : S_FALSE;
+  return AtComBoundary([&] {
+    CMediaType asked;
+    return SUCCEEDED(asked.Set(*type)) && CheckMediaType(&asked) == S_OK ? S_OK : S_FALSE;
+  });
 }
 
 HRESULT CBasePin::EnumMediaTypes(IEnumMediaTypes** enumerator) {
@@ -337,6 +346,6 @@ HRESULT CBasePin::Notify(IBaseFilter* /*self*/, Quality /*quality*/) {
 
 HRESULT CBasePin::SetSink(IQualityControl* sink) {
   const CAutoLock guard(m_pLock);
-  m_pQSink = ComPtr<IQualityControl>(sink);
+  m_pQSink = sink;
   return S_OK;
 }

@@ -71,7 +71,7 @@ class CBasePin : public CUnknown, public IPin, public IQualityControl {
   void IncrementTypeVersion() { m_TypeVersion.fetch_add(1); }
 
  protected:
-  // Takes the pin as connected peer (one reference), or lets go of it with null.
+  // Takes the pin as connected peer (one reference), or releases it with null.
   void SetConnected(IPin* pin);
   // Whether a connector and the type that it proposes are taken: S_OK with a copy of the type, or
   // why not. Under m_pLock; the caller breaks off a refused connection.
@@ -84,7 +84,8 @@ class CBasePin : public CUnknown, public IPin, public IQualityControl {
   ComPtr<IPin> m_Connected;  // guarded by m_pLock
   std::atomic<bool> m_bRunTimeError{false};
   bool m_bTryMyTypesFirst = false;
-  ComPtr<IQualityControl> m_pQSink;  // guarded by m_pLock
+  // Not counted: a sink that is downstream holds this pin already. Guarded by m_pLock.
+  IQualityControl* m_pQSink = nullptr;
 
  private:
   HRESULT AgreeMediaType(IPin* receivePin, const CMediaType* wanted);

@@ -2,11 +2,14 @@
 
 #include <algorithm>
 
+#include "platform/baseclasses/com_boundary.h"
+#include "platform/dshow/reference_time.h"
+
 namespace {
 
-constexpr REFERENCE_TIME kUnitsPerMillisecond = 10000;
-// The longest wait in one piece: a clock whose time leaps is looked at again by then.
-constexpr REFERENCE_TIME kLongestWait = 10000 * kUnitsPerMillisecond;
+constexpr std::uint64_t kUnitsPerMillisecond = 10000;
+// The longest wait in one piece: a clock whose time jumps is looked at again by then.
+constexpr std::uint64_t kLongestWait = 10000 * kUnitsPerMillisecond;
 
 }  // namespace
 
@@ -45,13 +48,11 @@ HRESULT CBaseReferenceClock::AdviseTime(REFERENCE_TIME baseTime, REFERENCE_TIME 
     return E_POINTER;
   }
   *cookie = 0;
-  const REFERENCE_TIME time = baseTime + streamTime;
+  const REFERENCE_TIME time = AddTimes(baseTime, streamTime);
   if (time <= 0 || time == AdviseList::kNever) {
     return E_INVALIDARG;
   }
-  *cookie = advises_.AddOnce(time, event);
-  StartAdvising();
-  return S_OK;
+  return Advise(cookie, [&] { return advises_.AddOnce(time, event); });
 }
 
 HRESULT CBaseReferenceClock::AdvisePeriodic(REFERENCE_TIME startTime, REFERENCE_TIME periodTime,
@@ -63,9 +64,22 @@ HRESULT CBaseReferenceClock::AdvisePeriodic(REFERENCE_TIME startTime, REFERENCE_
   if (startTime <= 0 || periodTime <= 0 || startTime == AdviseList::kNever) {
     return E_INVALIDARG;
   }
-  *cookie = advises_.AddPeriodic(startTime, periodTime, semaphore);
-  StartAdvising();
-  return S_OK;
+  return Advise(cookie, [&] { return advises_.AddPeriodic(startTime, periodTime, semaphore); });
+}
+
+template <typename Add>
+HRESULT CBaseReferenceClock::Advise(DWORD_PTR* cookie, const Add& add) {
+  const HRESULT hr = AtComBoundary([&] {
+    *cookie = add();
+    StartAdvising();
+    return S_OK;
+  });
+  if (FAILED(hr)) {
+    // Without its thread the clock would never signal it.
+    advises_.Remove(*cookie);
+    *cookie = 0;
+  }
+  return hr;
 }
 
 HRESULT CBaseReferenceClock::Unadvise(DWORD_PTR cookie) {
@@ -76,7 +90,7 @@ void CBaseReferenceClock::StartAdvising() {
   {
     const std::lock_guard guard(threadLock_);
     if (thread_ == nullptr && !ending_) {
-      thread_ = std::make_unique<os::Thread>([this] { Advise(); }, "clock");
+      thread_ = std::make_unique<os::Thread>([this] { SignalAdvises(); }, "clock");
     }
   }
   trigger_.Set();
@@ -92,7 +106,7 @@ void CBaseReferenceClock::EndAdvising() {
   }
 }
 
-void CBaseReferenceClock::Advise() {
+void CBaseReferenceClock::SignalAdvises() {
   while (!ending_) {
     const REFERENCE_TIME now = GetPrivateTime();
     const REFERENCE_TIME next = advises_.SignalDue(now);
@@ -100,7 +114,7 @@ void CBaseReferenceClock::Advise() {
       trigger_.Wait(os::kInfinite);
       continue;
     }
-    const REFERENCE_TIME wait = std::min(next - now, kLongestWait);
+    const std::uint64_t wait = std::min(TimeDistance(next, now), kLongestWait);
     trigger_.Wait(
         static_cast<std::uint32_t>((wait + kUnitsPerMillisecond - 1) / kUnitsPerMillisecond));
   }

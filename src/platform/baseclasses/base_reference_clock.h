@@ -45,8 +45,11 @@ class CBaseReferenceClock : public CUnknown, public IReferenceClock {
   void EndAdvising();
 
  private:
+  // Adds an entry and makes sure that the thread runs.
+  template <typename Add>
+  HRESULT Advise(DWORD_PTR* cookie, const Add& add);
   void StartAdvising();
-  void Advise();
+  void SignalAdvises();
 
   std::mutex timeLock_;
   REFERENCE_TIME lastGotTime_ = INT64_MIN;  // guarded by timeLock_

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <new>
 
+#include "platform/baseclasses/com_boundary.h"
 #include "platform/baseclasses/unknown_base.h"
 #include "platform/com/com_ptr.h"
 
@@ -45,8 +46,12 @@ class ClassFactory final : public IClassFactory {
     if (outer != nullptr && iid != IID_IUnknown) {
       return E_NOINTERFACE;
     }
-    HRESULT hr = S_OK;
-    CUnknown* const made = entry_.m_lpfnNew(outer, &hr);
+    CUnknown* made = nullptr;
+    HRESULT hr = AtComBoundary([&] {
+      HRESULT making = S_OK;
+      made = entry_.m_lpfnNew(outer, &making);
+      return making;
+    });
     if (made == nullptr) {
       return SUCCEEDED(hr) ? E_OUTOFMEMORY : hr;
     }

@@ -3,6 +3,7 @@
 #include <memory>
 #include <new>
 
+#include "platform/baseclasses/com_boundary.h"
 #include "platform/dshow/vfw_errors.h"
 
 CEnumPins::CEnumPins(CBaseFilter* filter, const CEnumPins* original)
@@ -132,6 +133,10 @@ ULONG CEnumMediaTypes::Release() {
   return static_cast<ULONG>(left);
 }
 
+HRESULT CEnumMediaTypes::ReadType(CMediaType* type) {
+  return AtComBoundary([&] { return pin_->GetMediaType(position_, type); });
+}
+
 HRESULT CEnumMediaTypes::Next(ULONG count, AM_MEDIA_TYPE** types, ULONG* fetched) {
   if (types == nullptr || (fetched == nullptr && count > 1)) {
     return types == nullptr ? E_POINTER : E_INVALIDARG;
@@ -145,7 +150,7 @@ HRESULT CEnumMediaTypes::Next(ULONG count, AM_MEDIA_TYPE** types, ULONG* fetched
   ULONG given = 0;
   while (given < count) {
     CMediaType type;
-    if (pin_->GetMediaType(position_, &type) != S_OK) {
+    if (ReadType(&type) != S_OK) {
       break;
     }
     types[given] = CreateMediaType(&type);
@@ -167,7 +172,7 @@ HRESULT CEnumMediaTypes::Skip(ULONG count) {
   }
   for (ULONG i = 0; i < count; ++i) {
     CMediaType type;
-    if (pin_->GetMediaType(position_, &type) != S_OK) {
+    if (ReadType(&type) != S_OK) {
       return S_FALSE;
     }
     ++position_;

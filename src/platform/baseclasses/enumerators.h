@@ -53,6 +53,7 @@ class CEnumMediaTypes final : public IEnumMediaTypes {
  private:
   ~CEnumMediaTypes() = default;
   bool IsOutOfSync() const { return version_ != pin_->GetMediaTypeVersion(); }
+  HRESULT ReadType(CMediaType* type);
 
   ComPtr<IPin> keepAlive_;
   CBasePin* pin_;

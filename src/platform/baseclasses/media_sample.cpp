@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "platform/baseclasses/allocator.h"
+#include "platform/dshow/reference_time.h"
 #include "platform/dshow/vfw_errors.h"
 
 CMediaSample::CMediaSample(const char* /*name*/, CBaseAllocator* allocator, HRESULT* /*hr*/,
@@ -68,7 +69,7 @@ HRESULT CMediaSample::GetTime(REFERENCE_TIME* start, REFERENCE_TIME* stop) {
   }
   *start = m_Start;
   if ((m_dwFlags & AM_SAMPLE_STOPVALID) == 0) {
-    *stop = m_Start + 1;
+    *stop = AddTimes(m_Start, 1);
     return VFW_S_NO_STOP_TIME;
   }
   *stop = m_End;

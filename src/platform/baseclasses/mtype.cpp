@@ -4,6 +4,8 @@
 #include <new>
 #include <utility>
 
+#include "platform/dshow/vfw_errors.h"
+
 namespace {
 
 void MakeEmpty(AM_MEDIA_TYPE& type) {
@@ -58,6 +60,13 @@ void DeleteMediaType(AM_MEDIA_TYPE* type) {
     FreeMediaType(*type);
     CoTaskMemFree(type);
   }
+}
+
+HRESULT ReadMediaType(IMediaSample* sample, OwnedMediaType* type) {
+  AM_MEDIA_TYPE* carried = nullptr;
+  const HRESULT hr = sample->GetMediaType(&carried);
+  type->reset(hr == S_OK ? carried : nullptr);
+  return hr == S_OK && carried == nullptr ? VFW_E_INVALIDMEDIATYPE : hr;
 }
 
 CMediaType::CMediaType() {
@@ -131,7 +140,9 @@ bool CMediaType::SetFormat(const BYTE* format, ULONG length) {
   if (AllocFormatBuffer(length) == nullptr) {
     return false;
   }
-  std::memcpy(pbFormat, format, length);
+  if (length > 0) {
+    std::memcpy(pbFormat, format, length);
+  }
   return true;
 }
 
@@ -174,4 +185,13 @@ bool CMediaType::Equals(const AM_MEDIA_TYPE& other) const {
   return majortype == other.majortype && subtype == other.subtype &&
          formattype == other.formattype && cbFormat == other.cbFormat &&
          (cbFormat == 0 || std::memcmp(pbFormat, other.pbFormat, cbFormat) == 0);
+}
+
+HRESULT HandOut(CMediaType&& type, CMediaType*& target) {
+  if (target != nullptr) {
+    *target = std::move(type);
+    return S_OK;
+  }
+  target = new (std::nothrow) CMediaType(std::move(type));
+  return target != nullptr ? S_OK : E_FAIL;
 }

@@ -3,6 +3,7 @@
 
 #include "platform/com/task_memory.h"
 #include "platform/dshow/media_types.h"
+#include "platform/dshow/samples.h"
 
 // Deep copy into *target, whose former contents are not freed. E_OUTOFMEMORY leaves it without a
 // format block.
@@ -19,6 +20,18 @@ struct MediaTypeDeleter {
 };
 // Owns a type made by CreateMediaType, as IMediaSample::GetMediaType hands them out.
 using OwnedMediaType = std::unique_ptr<AM_MEDIA_TYPE, MediaTypeDeleter>;
+
+// What a sample says of its type: S_OK with the type, another success code with none, or why it
+// cannot tell. A sample that claims to have one and hands out nothing gets VFW_E_INVALIDMEDIATYPE.
+HRESULT ReadMediaType(IMediaSample* sample, OwnedMediaType* type);
+
+// The format block of a type as a structure; null when the type has none, or a shorter one.
+template <typename Format>
+Format* FormatBlock(const AM_MEDIA_TYPE& type) {
+  return type.pbFormat != nullptr && type.cbFormat >= sizeof(Format)
+             ? reinterpret_cast<Format*>(type.pbFormat)
+             : nullptr;
+}
 
 // A media type that owns its format block. Two types are equal when major type, subtype, format
 // type, format length and format bytes are. Not thread-safe.
@@ -71,3 +84,7 @@ class CMediaType : public AM_MEDIA_TYPE {
  private:
   bool Equals(const AM_MEDIA_TYPE& other) const;
 };
+
+// Moves a type into *target or, when that is null, into a new one that belongs to the caller:
+// E_FAIL without memory.
+HRESULT HandOut(CMediaType&& type, CMediaType*& target);

@@ -5,6 +5,7 @@
 #include <string>
 #include <system_error>
 
+#include "platform/baseclasses/com_boundary.h"
 #include "platform/com/wide_text.h"
 #include "platform/os/error_numbers.h"
 #include "platform/os/module.h"
@@ -23,10 +24,12 @@ HRESULT ChangeRegistry(const std::function<void(os::RegistryTree&)>& change) {
   try {
     os::Registry::OfUser().Update(change);
     return S_OK;
-  } catch (const std::system_error& error) {
-    return HRESULT_FROM_WIN32(os::SystemErrorNumber(error.code().value()));
+  } catch (const std::system_error&) {
+    return ResultOfException();
   } catch (const std::runtime_error&) {
     return HRESULT_FROM_WIN32(os::kErrorBadRegistry);
+  } catch (...) {
+    return ResultOfException();
   }
 }
 

@@ -4,6 +4,8 @@
 #include <memory>
 #include <utility>
 
+#include "platform/baseclasses/com_boundary.h"
+
 ComPtr<IEnumFilters> FilterEnumerator::Create(Filters filters, std::size_t position) {
   return ComPtr<IEnumFilters>(
       std::make_unique<FilterEnumerator>(std::move(filters), position).release());
@@ -46,6 +48,8 @@ HRESULT FilterEnumerator::Clone(IEnumFilters** copy) {
   if (copy == nullptr) {
     return E_POINTER;
   }
-  *copy = Create(filters_, position_).Detach();
-  return S_OK;
+  return AtComBoundary([&] {
+    *copy = Create(filters_, position_).Detach();
+    return S_OK;
+  });
 }

@@ -1,8 +1,11 @@
 #include "platform/graph/filter_graph.h"
 
 #include <algorithm>
+#include <functional>
 #include <memory>
+#include <set>
 
+#include "platform/baseclasses/com_boundary.h"
 #include "platform/dshow/vfw_errors.h"
 #include "platform/graph/filter_enumerator.h"
 #include "platform/graph/pin_walk.h"
@@ -52,6 +55,10 @@ HRESULT FilterGraph::AddFilter(IBaseFilter* filter, LPCWSTR name) {
   if (filter == nullptr) {
     return E_POINTER;
   }
+  return AtComBoundary([&] { return Add(filter, name); });
+}
+
+HRESULT FilterGraph::Add(IBaseFilter* filter, LPCWSTR name) {
   const std::lock_guard guard(lock_);
   if (state_ != State_Stopped) {
     return VFW_E_NOT_STOPPED;
@@ -69,13 +76,16 @@ HRESULT FilterGraph::AddFilter(IBaseFilter* filter, LPCWSTR name) {
     const std::string suffix = " " + std::to_string(number);
     unique = wanted + std::u16string(suffix.begin(), suffix.end());
   }
+  const bool isTakenName = unique != wanted;
+  // Nothing fails any more once the filter has joined.
+  filters_.reserve(filters_.size() + 1);
   const HRESULT hr = filter->JoinFilterGraph(this, unique.c_str());
   if (FAILED(hr)) {
     return hr;
   }
   filter->SetSyncSource(clock_.Get());
-  filters_.push_back({unique, ComPtr<IBaseFilter>(filter)});
-  return unique == wanted ? S_OK : VFW_S_DUPLICATE_NAME;
+  filters_.push_back({std::move(unique), ComPtr<IBaseFilter>(filter)});
+  return isTakenName ? VFW_S_DUPLICATE_NAME : S_OK;
 }
 
 HRESULT FilterGraph::RemoveFilter(IBaseFilter* filter) {
@@ -103,13 +113,15 @@ HRESULT FilterGraph::EnumFilters(IEnumFilters** enumerator) {
   if (enumerator == nullptr) {
     return E_POINTER;
   }
-  const std::lock_guard guard(lock_);
-  FilterEnumerator::Filters filters;
-  for (const Entry& entry : filters_) {
-    filters.push_back(entry.filter);
-  }
-  *enumerator = FilterEnumerator::Create(std::move(filters)).Detach();
-  return S_OK;
+  return AtComBoundary([&] {
+    const std::lock_guard guard(lock_);
+    FilterEnumerator::Filters filters;
+    for (const Entry& entry : filters_) {
+      filters.push_back(entry.filter);
+    }
+    *enumerator = FilterEnumerator::Create(std::move(filters)).Detach();
+    return S_OK;
+  });
 }
 
 HRESULT FilterGraph::FindFilterByName(LPCWSTR name, IBaseFilter** filter) {
@@ -128,19 +140,24 @@ HRESULT FilterGraph::FindFilterByName(LPCWSTR name, IBaseFilter** filter) {
 }
 
 bool FilterGraph::Reaches(IBaseFilter* from, IBaseFilter* to) {
-  if (IsSameObject(from, to)) {
-    return true;
-  }
-  bool found = false;
-  ForEachPin(from, [&](IPin* pin) {
-    if (found || !IsOutput(pin)) {
-      return;
+  // Every filter once: pins may have been connected in a circle without the graph.
+  std::set<IBaseFilter*> visited;
+  const std::function<bool(IBaseFilter*)> reaches = [&](IBaseFilter* filter) {
+    if (IsSameObject(filter, to)) {
+      return true;
     }
-    if (const ComPtr<IBaseFilter> next = FilterOf(PeerOf(pin).Get())) {
-      found = Reaches(next.Get(), to);
+    bool found = false;
+    if (visited.insert(filter).second) {
+      ForEachPin(filter, [&](IPin* pin) {
+        if (!found && IsOutput(pin)) {
+          const ComPtr<IBaseFilter> next = FilterOf(PeerOf(pin).Get());
+          found = next && reaches(next.Get());
+        }
+      });
     }
-  });
-  return found;
+    return found;
+  };
+  return reaches(from);
 }
 
 HRESULT FilterGraph::ConnectDirect(IPin* output, IPin* input, const AM_MEDIA_TYPE* type) {
@@ -153,10 +170,9 @@ HRESULT FilterGraph::ConnectDirect(IPin* output, IPin* input, const AM_MEDIA_TYP
   if (!from || !to || FindEntry(from.Get()) == nullptr || FindEntry(to.Get()) == nullptr) {
     return VFW_E_NOT_IN_GRAPH;
   }
-  if (Reaches(to.Get(), from.Get())) {
-    return VFW_E_CIRCULAR_GRAPH;
-  }
-  return output->Connect(input, type);
+  const HRESULT isOpen =
+      AtComBoundary([&] { return Reaches(to.Get(), from.Get()) ? VFW_E_CIRCULAR_GRAPH : S_OK; });
+  return FAILED(isOpen) ? isOpen : output->Connect(input, type);
 }
 
 HRESULT FilterGraph::Reconnect(IPin* pin) {
@@ -199,15 +215,16 @@ HRESULT FilterGraph::GetClassID(CLSID* clsid) {
 }
 
 HRESULT FilterGraph::Notify(LONG code, LONG_PTR parameter1, LONG_PTR parameter2) {
-  {
+  const HRESULT hr = AtComBoundary([&] {
     const std::lock_guard guard(eventLock_);
-    if (events_.size() == kMaxEvents) {
+    events_.push_back({code, parameter1, parameter2});
+    if (events_.size() > kMaxEvents) {
       events_.pop_front();
     }
-    events_.push_back({code, parameter1, parameter2});
-  }
+    return S_OK;
+  });
   eventPosted_.notify_one();
-  return S_OK;
+  return hr;
 }
 
 std::optional<GraphEvent> FilterGraph::GetEvent(std::chrono::milliseconds timeout) {

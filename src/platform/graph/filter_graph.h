@@ -21,7 +21,7 @@ struct GraphEvent {
 };
 
 // Owns its filters (one reference each) and hands them the clock and the state changes: downstream
-// filters first, so that nobody receives what he is not ready for. The graph's methods belong to
+// filters first, so that no filter receives what it is not ready for. The graph's methods belong to
 // the application's thread; events may be posted from any thread and are kept in a queue of bounded
 // length, whose oldest entry goes first. No lock is held while a filter is called, except the
 // recursive one of the application's own calls.
@@ -59,7 +59,7 @@ class FilterGraph final : public CUnknown,
   HRESULT GetClassID(CLSID* clsid) override;
   // Every filter is stopped, whatever the others answer; the first failure is returned.
   HRESULT Stop() override;
-  // A filter that fails leaves the graph stopped as before, with the filter's result.
+  // A filter that fails leaves the graph and all its filters stopped, with the filter's result.
   HRESULT Pause() override;
   // start: clock time of stream time 0; 0 lets the graph choose (now, and a moment to start in).
   HRESULT Run(REFERENCE_TIME start) override;
@@ -79,10 +79,15 @@ class FilterGraph final : public CUnknown,
   };
 
   Entry* FindEntry(IUnknown* filter);
+  HRESULT Add(IBaseFilter* filter, LPCWSTR name);
   bool Reaches(IBaseFilter* from, IBaseFilter* to);
   // Filters in an order in which every filter stands after all those that it delivers to.
   std::vector<ComPtr<IBaseFilter>> DownstreamFirst();
+  // Changes every filter, downstream ones first, until one fails.
+  template <typename Change>
+  HRESULT ForEachFilter(const Change& change);
   HRESULT StopAll();
+  HRESULT StopAfter(HRESULT failure);
 
   std::recursive_mutex lock_;
   std::vector<Entry> filters_;          // guarded by lock_

@@ -3,6 +3,8 @@
 #include <functional>
 #include <set>
 
+#include "platform/baseclasses/com_boundary.h"
+#include "platform/dshow/reference_time.h"
 #include "platform/dshow/vfw_errors.h"
 #include "platform/graph/filter_graph.h"
 #include "platform/graph/pin_walk.h"
@@ -37,42 +39,60 @@ std::vector<ComPtr<IBaseFilter>> FilterGraph::DownstreamFirst() {
   return ordered;
 }
 
+template <typename Change>
+HRESULT FilterGraph::ForEachFilter(const Change& change) {
+  return AtComBoundary([&] {
+    for (const ComPtr<IBaseFilter>& filter : DownstreamFirst()) {
+      const HRESULT hr = change(filter.Get());
+      if (FAILED(hr)) {
+        return hr;
+      }
+    }
+    return S_OK;
+  });
+}
+
 HRESULT FilterGraph::StopAll() {
   HRESULT result = S_OK;
-  for (const ComPtr<IBaseFilter>& filter : DownstreamFirst()) {
+  const auto stop = [&result](IBaseFilter* filter) {
     const HRESULT hr = filter->Stop();
     if (FAILED(hr) && SUCCEEDED(result)) {
       result = hr;
     }
+    return S_OK;
+  };
+  // Without memory for the order, in any order.
+  if (FAILED(ForEachFilter(stop))) {
+    for (const Entry& entry : filters_) {
+      stop(entry.filter.Get());
+    }
   }
+  state_ = State_Stopped;
+  pausedAt_ = 0;
   return result;
+}
+
+HRESULT FilterGraph::StopAfter(HRESULT failure) {
+  StopAll();
+  return failure;
 }
 
 HRESULT FilterGraph::Stop() {
   const std::lock_guard guard(lock_);
-  const HRESULT hr = StopAll();
-  state_ = State_Stopped;
-  pausedAt_ = 0;
-  return hr;
+  return StopAll();
 }
 
 HRESULT FilterGraph::Pause() {
   const std::lock_guard guard(lock_);
-  const FILTER_STATE former = state_;
-  if (former == State_Running && clock_) {
+  if (state_ == State_Running && clock_) {
     REFERENCE_TIME now = 0;
     if (SUCCEEDED(clock_->GetTime(&now))) {
-      pausedAt_ = now - start_;
+      pausedAt_ = SubtractTimes(now, start_);
     }
   }
-  for (const ComPtr<IBaseFilter>& filter : DownstreamFirst()) {
-    const HRESULT hr = filter->Pause();
-    if (FAILED(hr)) {
-      if (former == State_Stopped) {
-        StopAll();
-      }
-      return hr;
-    }
+  const HRESULT hr = ForEachFilter([](IBaseFilter* filter) { return filter->Pause(); });
+  if (FAILED(hr)) {
+    return StopAfter(hr);
   }
   state_ = State_Paused;
   return S_OK;
@@ -93,15 +113,11 @@ HRESULT FilterGraph::Run(REFERENCE_TIME start) {
   REFERENCE_TIME now = 0;
   if (start == 0 && clock_ && SUCCEEDED(clock_->GetTime(&now))) {
     // Stream time goes on where the pause held it.
-    start_ = now - pausedAt_ + kStartDelay;
+    start_ = AddTimes(SubtractTimes(now, pausedAt_), kStartDelay);
   }
-  for (const ComPtr<IBaseFilter>& filter : DownstreamFirst()) {
-    const HRESULT hr = filter->Run(start_);
-    if (FAILED(hr)) {
-      StopAll();
-      state_ = State_Stopped;
-      return hr;
-    }
+  const HRESULT hr = ForEachFilter([this](IBaseFilter* filter) { return filter->Run(start_); });
+  if (FAILED(hr)) {
+    return StopAfter(hr);
   }
   state_ = State_Running;
   return S_OK;

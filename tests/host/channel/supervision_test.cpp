@@ -11,7 +11,6 @@
 #include "host/channel/alarm_monitor.h"
 #include "host/channel/channel_life.h"
 #include "host/channel/channel_queue.h"
-#include "host/channel/item_merger.h"
 #include "host/channel/live_timeline.h"
 #include "host/channel/picture/picture_meter.h"
 #include "host/channel/reopen_delay.h"
@@ -30,12 +29,6 @@ class ChannelLifeTest : public testing::Test {
   void Pictures(Time length, Time duration = kFrame) {
     for (const Time end = now_ + length; now_ < end; now_ += duration) {
       Note(life_.Shown(now_, duration));
-    }
-  }
-  // All at once, after their time.
-  void LatePictures(int count, Time late) {
-    for (int i = 0; i < count; ++i) {
-      Note(life_.Shown(now_, kFrame, late));
     }
   }
   void Nothing(Time length) {
@@ -76,19 +69,6 @@ TEST_F(ChannelLifeTest, IsHeldWhenPicturesStopAndLostWhenTheHoldIsOver) {
   EXPECT_EQ(life_.status().since, now_ - kFrame);
 }
 
-TEST_F(ChannelLifeTest, WhatADecoderStillHeldMakesNoChannelLive) {
-  Pictures(kSecond);
-  const Time last = now_ - kFrame;
-  Nothing(3 * kSecond);
-  LatePictures(2, 3 * kSecond);
-  Fail("no data for 3 s");
-  Nothing(2 * kSecond);
-  EXPECT_EQ(life_.status(), (ChannelLife::Status{ChannelState::kLost, "no data for 3 s", last}));
-  // A source that goes on where it stood is back in spite of its old pictures.
-  LatePictures(4, 5 * kSecond);
-  EXPECT_EQ(life_.status().state, ChannelState::kLive);
-}
-
 TEST_F(ChannelLifeTest, AFailureIsKnownAtOnceAndALaterReasonKeepsTheTimeOfTheFirst) {
   Fail("connection refused");
   EXPECT_THAT(history_, ElementsAre("lost (connection refused)")) << "nothing to hold";
@@ -120,7 +100,7 @@ class AlarmMonitorTest : public testing::Test {
                        {true, 5 * kSecond, kSecond},
                        {true, 3 * kSecond, 2 * kSecond},
                        {true, 2 * kSecond, kSecond},
-                       {false, 0, 0}}};
+                       {true, 2 * kSecond, 2 * kSecond}}};
     return settings;
   }
   void Run(Time length, bool black, bool still, std::optional<float> loudest) {
@@ -148,7 +128,7 @@ class AlarmMonitorTest : public testing::Test {
 };
 
 TEST_F(AlarmMonitorTest, RaisesAfterTheTimeToSetAndClearsAfterTheTimeToClear) {
-  monitor_.Opened(true, now_);
+  monitor_.Opened(AudioAbsence::kNone, now_);
   Run(2 * kSecond, false, true, 0.5F);
   Run(2 * kSecond, false, false, 0.5F);
   EXPECT_THAT(changes_, ElementsAre()) << "not long enough";
@@ -163,7 +143,7 @@ TEST_F(AlarmMonitorTest, RaisesAfterTheTimeToSetAndClearsAfterTheTimeToClear) {
 }
 
 TEST_F(AlarmMonitorTest, TellsOneFaultByOneAlarm) {
-  monitor_.Opened(true, now_);
+  monitor_.Opened(AudioAbsence::kNone, now_);
   Run(6 * kSecond, true, true, 0.5F);
   EXPECT_THAT(changes_, ElementsAre("black+0")) << "a black picture stands still, too";
   Lose(3 * kSecond);
@@ -173,18 +153,40 @@ TEST_F(AlarmMonitorTest, TellsOneFaultByOneAlarm) {
 }
 
 TEST_F(AlarmMonitorTest, HearsSilenceAlsoWhenNoSoundComes) {
-  monitor_.Opened(true, now_);
+  monitor_.Opened(AudioAbsence::kNone, now_);
   Run(2 * kSecond, false, false, 0.0011F);
   EXPECT_THAT(changes_, ElementsAre());
   Run(3 * kSecond, false, false, 0.0009F);
   EXPECT_THAT(changes_, ElementsAre("silence+2000"));
   Run(2 * kSecond, false, false, 1.0F);
-  EXPECT_THAT(changes_, ElementsAre("silence+2000", "silence-5000")) << "clipping is switched off";
+  EXPECT_THAT(changes_, ElementsAre("silence+2000", "clipping+5000", "silence-5000"));
   Run(4 * kSecond, false, false, std::nullopt);
   EXPECT_EQ(changes_.back(), "silence+7960");
-  monitor_.Opened(false, now_);
+  EXPECT_EQ(monitor_.audio(), AudioState::kStopped);
+  Run(kFrame, false, false, 0.5F);
+  EXPECT_EQ(monitor_.audio(), AudioState::kPresent) << "before the alarm is over";
+  Run(2 * kSecond, false, false, 0.0F);
+  EXPECT_EQ(monitor_.audio(), AudioState::kSilent);
+  monitor_.Opened(AudioAbsence::kNotInSource, now_);
   Run(4 * kSecond, false, false, std::nullopt);
   EXPECT_EQ(changes_.back().substr(0, 8), "silence-") << "a source without sound is not silent";
+}
+
+TEST_F(AlarmMonitorTest, CountsPeaksInsteadOfWaitingForSoundThatClipsWithoutABreak) {
+  monitor_.Opened(AudioAbsence::kNone, now_);
+  const auto peaks = [&](Time length, Time distance, Time each) {
+    const Time begun = now_;
+    for (const Time end = now_ + length; now_ < end; now_ += kFrame) {
+      monitor_.Sound((now_ - begun) % distance < each ? 1.02F : 0.4F, now_);
+    }
+  };
+  peaks(10 * kSecond, kSecond, 5 * kFrame);
+  EXPECT_THAT(changes_, ElementsAre()) << "one loud moment a second";
+  peaks(10 * kSecond, kSecond / 2, kFrame);
+  EXPECT_EQ(changes_.size(), 1U);
+  EXPECT_EQ(monitor_.raisedSince(AlarmKind::kClipping), 9 * kSecond);
+  peaks(4 * kSecond, 10 * kSecond, 0);
+  EXPECT_THAT(changes_, ElementsAre("clipping+9000", "clipping-19520"));
 }
 
 // A YV12 picture of 64x48 samples.
@@ -250,124 +252,159 @@ TEST_F(PictureMeterTest, AChangeOfColourAloneIsAChange) {
   EXPECT_TRUE(Measure().still);
 }
 
-TEST(LiveTimelineTest, KeepsItsDistanceThroughAStallThatIsCaughtUp) {
-  LiveTimeline timeline({});
-  Time start = 7 * kSecond;
-  Time now = 50 * kSecond;
-  const Time shift = timeline.Place(start, false, now) - start;
-  EXPECT_EQ(shift, 43 * kSecond + kSecond / 4);
-  // Nothing came but what a demuxer still had, and now everything at once.
-  now += 3 * kSecond;
-  for (int i = 0; i < 100; ++i) {
-    start += kFrame;
-    now += i == 2 ? kSecond : kMillisecond;
-    EXPECT_EQ(timeline.Place(start, false, now), start + shift);
+// A live source whose frames come when the test says, on the timeline of the wall.
+class LiveTimelineTest : public testing::Test {
+ protected:
+  // The next frame comes when the wall's time is `now`; how late it is for its time.
+  Time Frame(Time now, bool jumped = false) {
+    now_ = now;
+    start_ += kFrame;
+    placed_ = timeline_.Place(start_, jumped, now_);
+    return now_ - placed_;
   }
-  EXPECT_EQ(timeline.moves(), 0);
-}
-
-TEST(LiveTimelineTest, GivesUpADistanceThatDoesNotFitTheSourceAnyMore) {
-  LiveTimeline timeline({});
-  Time now = 50 * kSecond;
-  timeline.Place(0, false, now);
-  now += 4 * kSecond;
-  EXPECT_EQ(timeline.Place(kFrame, true, now), now + kSecond / 4) << "a sender that began anew";
-  // Not caught up with: late from here on.
-  Time start = kFrame;
-  now += 2 * kSecond;
-  for (int i = 0; i < 20; ++i) {
-    start += kFrame;
-    now += kFrame;
-    timeline.Place(start, false, now);
-  }
-  EXPECT_EQ(timeline.moves(), 2);
-  EXPECT_GE(timeline.Follow(start, now).value(), now) << "sound goes with it";
-  EXPECT_TRUE(timeline.Follow(start + 3 * kSecond, now).has_value());
-  EXPECT_FALSE(timeline.Follow(start + 5 * kSecond, now).has_value()) << "it would hold them up";
-  // Stamps that leapt forwards.
-  EXPECT_EQ(timeline.Place(start + 8 * kSecond, false, now), now + kSecond / 4);
-  LiveTimeline ofFile(LiveTimeline::For(Pace::kStored, kSecond, 1));
-  ofFile.Place(0, false, now);
-  EXPECT_EQ(ofFile.Place(8 * kSecond, false, now), now + kSecond / 4 + 8 * kSecond);
-}
-
-// A source whose stamps run 1 % fast, and the reader and the queue of a channel. Hours of a clock
-// that is a little wrong are minutes of this one.
-TEST(LiveTimelineTest, DoesNotLetASourceThatCannotBeHeldBackFillTheQueue) {
-  constexpr Time kSpan = kSecond;
-  std::atomic<Time> now{0};
-  ChannelQueue queue(kSpan);
-  queue.FollowClock([&] { return now.load(); });
-  queue.Open();
-  LiveTimeline timeline(LiveTimeline::For(Pace::kPushed, kSpan, kFrame));
-  // On a fault the reader waits in the queue, and this test would wait with it.
-  auto pushed = std::async(std::launch::async, [&] {
-    Time latest = 0;
-    int givenUp = 0;
-    for (Time start = 0; start < 600 * kSecond; start += kFrame) {
-      now = start * 100 / 101;
-      const Time due = timeline.Place(start, false, now);
-      EXPECT_LE(due - now, kSpan);
-      if (timeline.leapt()) {
-        queue.ForgetFrom(due);
-      }
-      if (!queue.Push({due, ReadyPicture{}})) {
-        return -1;
-      }
-      ++givenUp;
-      while (const auto item = queue.Take(now)) {
-        EXPECT_GE(item->time, latest);
-        latest = item->time;
-        --givenUp;
-      }
+  // Frames at their rate, from now on.
+  void Regular(Time length, double rate = 1.0) {
+    for (const Time end = now_ + length; now_ < end;) {
+      Frame(now_ + static_cast<Time>(static_cast<double>(kFrame) / rate));
     }
-    return givenUp;
-  });
-  if (pushed.wait_for(std::chrono::seconds(60)) != std::future_status::ready) {
-    queue.Close();
-    FAIL() << "the reader was made to wait";
   }
-  // The stamps are six seconds too many in the end: those pictures are given up, and no others.
-  EXPECT_NEAR(pushed.get(), 150, 25);
+  // Frames that come together, after a gap that they fill.
+  Time Burst(Time gap) {
+    Time latest = 0;
+    now_ += gap;
+    for (Time left = gap; left >= kFrame; left -= kFrame) {
+      latest = std::max(latest, Frame(now_));
+    }
+    return latest;
+  }
+
+  LiveTimeline timeline_{LiveTimeline::For(Pace::kPushed, {25, 1})};
+  Time start_ = 7 * kSecond;
+  Time now_ = 50 * kSecond;
+  Time placed_ = 0;
+};
+
+TEST_F(LiveTimelineTest, KeepsItsDistanceThroughAStallThatIsCaughtUpAndThroughBurstsInItsRoom) {
+  Regular(20 * kSecond);
+  Burst(5 * kSecond);
+  Regular(20 * kSecond);
+  for (int i = 0; i < 50; ++i) {
+    EXPECT_LE(Burst(6 * kSecond / 10), 3 * kSecond / 4);
+  }
+  EXPECT_EQ(timeline_.changes(), 0);
+  EXPECT_NEAR(timeline_.jitter(), 6 * kSecond / 10, 2 * kFrame);
+  EXPECT_NEAR(timeline_.lead(), kSecond / 4, kFrame);
 }
 
-TEST(ChannelQueueTest, ForgetsWhatHasLostItsPlaceButNoNews) {
-  std::atomic<Time> now{0};
-  ChannelQueue queue(kSecond);
-  queue.FollowClock([&] { return now.load(); });
-  queue.Open();
-  queue.Push({10, ReadyLevels{}});
-  queue.Push({20, SourceNews{SourceNews::Kind::kFailed, false, false, "early"}});
-  queue.Push({30, ReadyLevels{}});
-  queue.Push({40, SourceNews{SourceNews::Kind::kFailed, false, false, "late"}});
-  queue.Push({50, ReadyLevels{}});
-  queue.ForgetFrom(30);
-  queue.Push({35, ReadyLevels{}});
-  now = 100;
-  std::vector<std::pair<Time, bool>> taken;
-  while (const auto item = queue.Take(0)) {
-    taken.emplace_back(item->time, std::holds_alternative<SourceNews>(item->content));
+TEST_F(LiveTimelineTest, TheLeadGrowsWithBurstsThatComeTooLateAndShrinksAfterThem) {
+  Regular(kSecond);
+  Time latest = 0;
+  for (int i = 0; i < 20; ++i) {
+    latest = Burst(13 * kSecond / 10);
   }
-  EXPECT_THAT(taken, ElementsAre(std::pair(10, false), std::pair(20, true), std::pair(30, true),
-                                 std::pair(35, false)));
+  EXPECT_LE(latest, 3 * kSecond / 4) << "in time for the frame that they belong to";
+  EXPECT_LE(timeline_.changes(), 2);
+  EXPECT_GT(timeline_.lead(), kSecond / 2);
+  Regular(60 * kSecond);
+  EXPECT_LE(timeline_.lead(), kSecond / 2);
+  EXPECT_GE(timeline_.lead(), kSecond / 4);
 }
 
-TEST(ItemMergerTest, TakesNewItemsWhereItHasForgottenOthers) {
-  ItemMerger<int> merger(10);
-  for (const Time time : {5, 10, 20, 25}) {
-    merger.Push(time, static_cast<int>(time));
+TEST_F(LiveTimelineTest, AnchorsASourceAgainWhoseDistanceDoesNotFitAnyMore) {
+  Regular(kSecond);
+  Frame(now_ + 4 * kSecond, true);
+  EXPECT_NEAR(placed_ - now_, kSecond / 4, kFrame) << "a sender that was restarted";
+  now_ += 2 * kSecond;
+  Regular(kSecond);
+  EXPECT_GE(placed_, now_) << "it did not catch up";
+  now_ += 6 * kSecond / 10;
+  Regular(20 * kSecond);
+  EXPECT_GE(placed_, now_ + kSecond / 10) << "it paused for less than the room and keeps its lead";
+  start_ += 8 * kSecond;
+  Frame(now_);
+  EXPECT_NEAR(placed_ - now_, kSecond / 4, kFrame) << "its timestamps leapt";
+  EXPECT_TRUE(timeline_.leapt());
+  LiveTimeline ofFile(LiveTimeline::For(Pace::kStored, LiveTimeline::Settings().frameRate));
+  ofFile.Place(0, false, now_);
+  EXPECT_EQ(ofFile.Place(8 * kSecond, false, now_), now_ + kSecond / 4 + 8 * kSecond);
+}
+
+TEST_F(LiveTimelineTest, FollowsAClockThatRunsFastOrSlowAndLosesNoFrameForIt) {
+  for (const double rate : {1.01, 0.99}) {
+    for (int second = 0; second < 600; ++second) {
+      Regular(kSecond, rate);
+      ASSERT_LE(placed_ - now_, 8 * kSecond / 10) << rate;
+      ASSERT_LE(now_ - placed_, 3 * kSecond / 4) << rate;
+    }
   }
-  ASSERT_NE(merger.Next(), nullptr);
-  merger.Take();
-  merger.Take();  // up to 10: from 15 on, others may belong in between
-  EXPECT_EQ(merger.Next(), nullptr);
-  merger.ForgetFrom(8);
-  merger.Push(9, 9);
-  merger.Finish();
-  ASSERT_NE(merger.Next(), nullptr);
-  EXPECT_EQ(*merger.Next(), 9);
-  EXPECT_EQ(merger.Take(), 9);
-  EXPECT_EQ(merger.Next(), nullptr);
+}
+
+TEST_F(LiveTimelineTest, TakesAudioNearTheWallsTimeOnly) {
+  Regular(kSecond);
+  Time placed = 0;
+  EXPECT_EQ(timeline_.Follow(start_ - kSecond, now_, &placed), LiveTimeline::Fit::kFits);
+  EXPECT_EQ(placed, placed_ - kSecond);
+  EXPECT_EQ(timeline_.Follow(start_ - 2 * kSecond, now_, &placed), LiveTimeline::Fit::kTooLate);
+  EXPECT_EQ(timeline_.Follow(start_ + 3 * kSecond, now_, &placed), LiveTimeline::Fit::kFits);
+  EXPECT_EQ(timeline_.Follow(start_ + 5 * kSecond, now_, &placed), LiveTimeline::Fit::kTooEarly);
+}
+
+class ChannelQueueTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    queue_.FollowClock([this] { return now_.load(); });
+    queue_.Open();
+  }
+  void Levels(Time due) { queue_.Push({due, due, 0, ReadyLevels{}}); }
+  void News(Time due) { queue_.Push({due, due, 0, SourceNews{}}); }
+  // "40" for levels or frames due at 40, "news 40".
+  std::vector<std::string> Taken() {
+    std::vector<std::string> taken;
+    while (const auto item = queue_.Take(0)) {
+      taken.push_back((std::holds_alternative<SourceNews>(item->content) ? "news " : "") +
+                      std::to_string(item->due));
+    }
+    return taken;
+  }
+
+  std::atomic<Time> now_{0};
+  ChannelQueue queue_{kSecond};
+};
+
+TEST_F(ChannelQueueTest, NoKindWaitsForAnother) {
+  Levels(90);
+  queue_.Push({10, 10, 0, ReadyPicture{}});
+  now_ = 20;
+  EXPECT_THAT(Taken(), ElementsAre("10"));
+  queue_.Push({15, 15, 0, ReadyPicture{}});
+  News(15);
+  EXPECT_THAT(Taken(), ElementsAre("15", "news 15")) << "in the order in which they came";
+}
+
+TEST_F(ChannelQueueTest, ForgetsOrMovesWhatHasLostItsPlaceButNoNews) {
+  for (const Time due : {10, 30, 50}) {
+    Levels(due);
+    News(due + 10);
+  }
+  queue_.ForgetFrom(30);
+  Levels(35);
+  queue_.Move(100);
+  now_ = 200;
+  EXPECT_THAT(Taken(), ElementsAre("news 20", "news 30", "news 30", "110", "135"));
+}
+
+TEST_F(ChannelQueueTest, ABoundOnEveryKindAndAReaderThatWaits) {
+  for (std::size_t i = 0; i < ChannelQueue::kMaxItems + 5; ++i) {
+    Levels(2 * kSecond);
+  }
+  EXPECT_EQ(queue_.dropped(), 5U);
+  auto room = std::async(std::launch::async, [this] { return queue_.WaitForRoom(); });
+  queue_.Close();
+  EXPECT_FALSE(room.get());
+  queue_.Open();
+  Levels(2 * kSecond);
+  now_ = kSecond + 1;
+  EXPECT_TRUE(queue_.WaitForRoom());
 }
 
 TEST(PictureWatchTest, CountsOnlyTheTimeOfReading) {

@@ -96,6 +96,21 @@ TEST_F(Messages, RefuseFilesThatCannotBeUsed) {
   EXPECT_THAT(FileOf(damaged), HasSubstr(";0;level 0\r\n"));
 }
 
+TEST_F(Messages, ContinueInANewFileWhenTheOldOneCannotBeContinued) {
+  const std::string old = "0x0000000C\r\n;Sun Nov 16 09:43:14.123;1;0;partly overwritten\r\n";
+  WriteWholeFile(folder / "log", old);
+  WriteWholeFile(folder / "log.damaged-1", "older");
+  wall::LogOptions options;
+  options.file = folder / "log";
+  const std::string file = FileOf(options);
+  EXPECT_THAT(file, HasSubstr(";0;level 0\r\n"));
+  EXPECT_THAT(file, HasSubstr("cannot be continued (invalid stoll argument): it was moved to"));
+  EXPECT_THAT(file, HasSubstr(";1;level 1\r\n"));
+  EXPECT_THAT(err.str(), HasSubstr("log.damaged-2, and a new one was begun\n"));
+  EXPECT_EQ(ReadWholeFile(folder / "log.damaged-1"), "older");
+  EXPECT_EQ(ReadWholeFile(folder / "log.damaged-2"), old);
+}
+
 TEST_F(Messages, TellOfAChannelWhenSomethingChanges) {
   Streams streams{out, err};
   MessageLog messages(streams, {});

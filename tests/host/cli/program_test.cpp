@@ -184,6 +184,7 @@ TEST(Probe, SaysWhatASourceCarriesAndWhatAWallDoesWithIt) {
   const TemporaryFolder folder;
   ClipRecipe recipe = SmallClip();
   recipe.pictures = "testsrc2=size=160x120:rate=50,format=yuv420p";
+  recipe.videoOptions = {{"color_trc", "smpte2084"}, {"color_primaries", "bt2020"}};
   recipe.audioCodec = "flac";
   recipe.audioOptions = {{"strict", "-2"}};
   Write(recipe, folder / "a.mkv");
@@ -191,6 +192,8 @@ TEST(Probe, SaysWhatASourceCarriesAndWhatAWallDoesWithIt) {
   EXPECT_EQ(text.code, ExitCode::kDone) << text.err;
   EXPECT_THAT(text.out, HasSubstr("video    h264, 160x120, 50 frames per second, progressive"));
   EXPECT_THAT(text.out, HasSubstr("audio 1* flac, 48000 Hz, 2 channels"));
+  EXPECT_THAT(text.out, HasSubstr("(PQ, BT.2020)"));
+  EXPECT_THAT(text.out, HasSubstr("is tone-mapped to BT.709, from 1000 cd/m2"));
   EXPECT_THAT(text.out, HasSubstr("pictures are thinned to 25 a second"));
   EXPECT_THAT(text.out, HasSubstr("sound is encoded to AAC"));
   EXPECT_THAT(text.out, HasSubstr("black bars left and right"));

@@ -53,6 +53,7 @@ TEST(ChannelBoardTest, KeepsTheStatesAndWritesEachChangeAsALine) {
   board.ChannelChanged("A", {ChannelState::kHeld, "no data for 5 s", 12 * kSecond});
   board.ChannelChanged("B \xff", {ChannelState::kLive, "", kSecond});
   board.AlarmChanged("B \xff", {AlarmKind::kFreeze, true, 15 * kSecond + kMillisecond});
+  board.AudioChanged("A", {AudioState::kNoTrack, "none", kSecond});
   lines.Finish();
   EXPECT_THAT(listener.heard, ElementsAre("A no data for 5 s"));
 
@@ -69,7 +70,9 @@ TEST(ChannelBoardTest, KeepsTheStatesAndWritesEachChangeAsALine) {
                   nlohmann::json::parse(R"({"event":"channel","channel":"B \ufffd","state":"live",
                                             "since":1.0})"),
                   nlohmann::json::parse(R"({"event":"alarm","channel":"B \ufffd",
-                                            "alarm":"freeze","raised":true,"since":15.001})")));
+                                            "alarm":"freeze","raised":true,"since":15.001})"),
+                  nlohmann::json::parse(R"({"event":"audio","channel":"A","state":"no_track",
+                                            "reason":"none","since":1.0})")));
 
   WallStatus status;
   status.seconds = 12;
@@ -90,6 +93,7 @@ TEST(ChannelBoardTest, KeepsTheStatesAndWritesEachChangeAsALine) {
   const auto json = nlohmann::json::parse(status.JsonLine());
   EXPECT_EQ(json["channels"][0]["state"], "held");
   EXPECT_THAT(json["channels"][0]["alarms"], IsEmpty());
+  EXPECT_EQ(json["channels"][0]["audio"]["state"], "no_track");
   EXPECT_EQ(json["channels"][1]["alarms"][0], "freeze");
 }
 

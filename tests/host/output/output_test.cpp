@@ -140,10 +140,9 @@ TEST(Muxer, LeavesADamagedPacketOut) {
       ASSERT_GE(av_packet_make_writable(packet.get()), 0);
       packet->data[0] = 0;  // no longer the sync word of a frame
     }
-    muxer.Write(track, std::move(packet));
+    EXPECT_EQ(muxer.Write(track, std::move(packet)), i != 7);
   }
   muxer.Finish();
-  EXPECT_EQ(muxer.damagedPackets(), 1U);
   MediaReader again(Source(folder / "b.mkv"));
   again.Open();
   EXPECT_EQ(ReadAll(again).packets.size(), content.packets.size() - 1);

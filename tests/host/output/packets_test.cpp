@@ -45,14 +45,15 @@ std::vector<Time> TimesIn(PacketQueue& queue, int track) {
 }
 
 TEST(PacketQueue, DropsWholeGroupsOfPicturesWithTheirSoundAndKeepsTheNewest) {
-  PacketQueue queue({10'000, kSecond * 100});
+  OutputCounters counters{1};
+  PacketQueue queue({13'000, kSecond * 100}, counters);
   int overflows = 0;
   for (int i = 0; i < 16; ++i) {
     queue.PushDropping(Sound(i * 40 * kMillisecond));
     overflows += queue.PushDropping(Picture(i, i % 4 == 0)) == Pushed::kOverflowed ? 1 : 0;
   }
   EXPECT_GE(overflows, 1);
-  EXPECT_LE(queue.bytes(), 11'200U);
+  EXPECT_LE(queue.bytes(), 15'000U);
   const std::size_t bytes = queue.bytes();
   const std::vector<Time> pictures = TimesIn(queue, TrackPacket::kVideo);
   EXPECT_EQ(pictures.front() % 160, 0) << "begins with a picture that can be decoded alone";
@@ -63,7 +64,8 @@ TEST(PacketQueue, DropsWholeGroupsOfPicturesWithTheirSoundAndKeepsTheNewest) {
 }
 
 TEST(PacketQueue, KeepsTheSoundThatBelongsToThePicturesThatStay) {
-  PacketQueue queue({1'000'000, 10 * 40 * kMillisecond});
+  OutputCounters counters{1};
+  PacketQueue queue({1'000'000, 10 * 40 * kMillisecond}, counters);
   for (int i = 0; i < 12; ++i) {
     queue.PushDropping(Sound(i * 40 * kMillisecond + kSecond));  // ahead, as always
     queue.PushDropping(Picture(i, i % 5 == 0));
@@ -73,7 +75,8 @@ TEST(PacketQueue, KeepsTheSoundThatBelongsToThePicturesThatStay) {
 }
 
 TEST(PacketQueue, RefusesWhatCannotBeDecodedAfterALongGroupWasDropped) {
-  PacketQueue queue({3'000, kSecond * 100});
+  OutputCounters counters{1};
+  PacketQueue queue({3'000, kSecond * 100}, counters);
   EXPECT_EQ(queue.PushDropping(Picture(0, true)), Pushed::kKept);
   EXPECT_EQ(queue.PushDropping(Picture(1, false)), Pushed::kKept);
   EXPECT_EQ(queue.PushDropping(Picture(2, false)), Pushed::kKept);
@@ -85,7 +88,8 @@ TEST(PacketQueue, RefusesWhatCannotBeDecodedAfterALongGroupWasDropped) {
 }
 
 TEST(PacketQueue, LetsARendererWaitUntilThereIsRoomOrItIsClosed) {
-  PacketQueue queue({2'000, kSecond * 100});
+  OutputCounters counters{1};
+  PacketQueue queue({2'000, kSecond * 100}, counters);
   queue.Push(Picture(0, true));
   queue.Push(Picture(1, false));
   EXPECT_FALSE(queue.WaitForRoom(std::chrono::milliseconds(1)));
@@ -99,50 +103,90 @@ TEST(PacketQueue, LetsARendererWaitUntilThereIsRoomOrItIsClosed) {
   EXPECT_FALSE(queue.Pop().has_value());
 }
 
+// One packet of audio that lies far behind is no reason to drop the video of eight seconds.
+TEST(PacketQueue, MeasuresItsLengthByTheVideoAndCountsWhatItDrops) {
+  OutputCounters counters{1};
+  PacketQueue queue({1'000'000, 10 * 40 * kMillisecond}, counters);
+  queue.PushDropping(Sound(-20 * kSecond));
+  for (int i = 0; i < 9; ++i) {
+    EXPECT_EQ(queue.PushDropping(Picture(i, i % 5 == 0)), Pushed::kKept);
+  }
+  EXPECT_EQ(counters.of(TrackPacket::kVideo).dropped, 0U);
+  for (int i = 9; i < 12; ++i) {
+    queue.PushDropping(Picture(i, i % 5 == 0));
+  }
+  EXPECT_EQ(counters.of(TrackPacket::kVideo).dropped, 5U);
+  EXPECT_EQ(counters.of(0).dropped, 1U);
+  queue.Abandon();
+  EXPECT_EQ(counters.of(TrackPacket::kVideo).dropped, 12U);
+}
+
 class InterleaverTest : public testing::Test {
  protected:
-  void Release(Time before) {
-    interleaver_.Release(before, [this](std::size_t line, const ffmpeg::Packet& packet) {
-      written_.emplace_back(line, packet->dts / kMillisecond);
-    });
+  void Audio(Time time, std::size_t channel = 0, Time shift = 0) {
+    interleaver_.PushAudio(channel, PacketAt(time * kMillisecond), shift * kMillisecond);
   }
-  using Written = std::vector<std::pair<std::size_t, Time>>;
+  void Video(Time time) { interleaver_.PushVideo(PacketAt(time * kMillisecond), write_); }
+  std::uint64_t LeftOut(int track = 0) { return counters_.of(track).leftOut; }
 
-  Interleaver interleaver_{2};
+  using Written = std::vector<std::pair<int, Time>>;
+  static constexpr int kVideo = OutputCounters::kVideo;
+
+  OutputCounters counters_{2};
+  Interleaver interleaver_{counters_};
   Written written_;
+  const Interleaver::Write write_ = [this](int track, const ffmpeg::Packet& packet) {
+    written_.emplace_back(track, packet->dts / kMillisecond);
+  };
 };
 
-TEST_F(InterleaverTest, HandsOverInTheOrderOfTimeAndWaitsForNoLine) {
-  for (const Time time : {0, 20, 40}) {
-    interleaver_.Push(1, PacketAt(time * kMillisecond));
+TEST_F(InterleaverTest, HandsOverInTheOrderOfTimeFromTheFirstKeyframeOnAndWaitsForNoTrack) {
+  for (const Time time : {80, 100, 120, 140}) {
+    Audio(time, 1);
   }
-  interleaver_.Push(0, PacketAt(10 * kMillisecond));
-  Release(40 * kMillisecond);
-  EXPECT_EQ(written_, (Written{{1, 0}, {0, 10}, {1, 20}}));
+  Audio(110, 0);
+  interleaver_.PushVideo(PacketAt(60 * kMillisecond, kMillisecond, 100, false), write_);
+  Video(100);
+  Video(140);
+  interleaver_.Finish(write_);
+  EXPECT_EQ(written_, (Written{{kVideo, 0}, {1, 0}, {0, 10}, {1, 20}, {kVideo, 40}, {1, 40}}));
+  EXPECT_EQ(LeftOut(kVideo), 1U) << "before the first keyframe";
+  EXPECT_EQ(LeftOut(1), 1U) << "from before the first frame";
 }
 
-TEST_F(InterleaverTest, MovesWhatWaitsWhenTheChannelIsSynchronisedAnew) {
+TEST_F(InterleaverTest, MovesWhatWaitsWhenTheChannelIsReSynchronised) {
+  Video(0);
   for (int i = 0; i < 5; ++i) {
-    interleaver_.Push(0, PacketAt(i * 20 * kMillisecond), kSecond);
+    Audio(i * 20, 0, 1000);
   }
-  Release(40 * kMillisecond);  // 0 and 20
+  Video(40);
   // 30 ms earlier: what would stand at 10 has no place any more.
-  interleaver_.Push(0, PacketAt(70 * kMillisecond), kSecond - 30 * kMillisecond);
-  Release(kSecond);
-  EXPECT_EQ(written_, (Written{{0, 0}, {0, 20}, {0, 30}, {0, 50}, {0, 70}}));
-  EXPECT_EQ(interleaver_.leftOut(), 1U);
-  interleaver_.Push(0, PacketAt(30 * kMillisecond), kSecond - 100 * kMillisecond);
-  Release(kSecond);
-  EXPECT_EQ(written_.size(), 5U) << "that time has been written";
+  Audio(70, 0, 970);
+  Video(1000);
+  EXPECT_EQ(
+      written_,
+      (Written{
+          {kVideo, 0}, {0, 0}, {0, 20}, {kVideo, 40}, {0, 30}, {0, 50}, {0, 70}, {kVideo, 1000}}));
+  EXPECT_EQ(LeftOut(), 1U);
 }
 
-TEST_F(InterleaverTest, LetsNewSoundTakeThePlaceOfSoundForTheSameTime) {
-  for (const Time time : {0, 20, 40, 60}) {
-    interleaver_.Push(0, PacketAt(time * kMillisecond));
+TEST_F(InterleaverTest, LeavesOutAndCountsWhatHasNoPlace) {
+  Video(0);
+  for (const Time time : {0, 20, 40, 60, 21}) {
+    Audio(time);  // the last one takes the place of others
   }
-  interleaver_.Push(0, PacketAt(21 * kMillisecond));
-  Release(kSecond);
-  EXPECT_EQ(written_, (Written{{0, 0}, {0, 21}}));
+  EXPECT_EQ(LeftOut(), 3U);
+  Video(1000);
+  Audio(499);
+  EXPECT_EQ(LeftOut(), 4U) << "too late to stand behind that video";
+  Audio(501);
+  Audio(25'000);
+  EXPECT_EQ(LeftOut(), 5U) << "it would wait for minutes";
+  Video(2000);
+  Audio(25'000, 1);
+  EXPECT_EQ(LeftOut(1), 1U);
+  EXPECT_EQ(written_,
+            (Written{{kVideo, 0}, {0, 0}, {0, 21}, {kVideo, 1000}, {0, 501}, {kVideo, 2000}}));
 }
 
 }  // namespace

@@ -104,7 +104,8 @@ class OutputPassTest : public testing::TestWithParam<const char*> {
 TEST_P(OutputPassTest, BeginsInTimeWithoutAChannelWhoseTrackIsSilentUntilItComes) {
   const ffmpeg::Parameters video = encoder_.parameters();
   int opened = 0;
-  OutputPass pass(settings_, *video,
+  OutputCounters counters(2);
+  OutputPass pass(settings_, *video, counters,
                   {nullptr, [](const std::string&) {},
                    [&](const OutputPass&, const std::string&) { ++opened; }});
   TakeFrame(pass, 0);

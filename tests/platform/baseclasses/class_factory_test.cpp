@@ -17,40 +17,6 @@ constexpr CLSID kClass{9, 8, 7, {6, 5, 4, 3, 2, 1, 0, 9}};
 CUnknown* MakeSink(IUnknown* /*outer*/, HRESULT* /*hr*/) {
   return std::make_unique<fakes::Sink>().release();
 }
-CUnknown* MakeNothing(IUnknown* /*outer*/, HRESULT* hr) {
-  *hr = E_OUTOFMEMORY;
-  return nullptr;
-}
-
-TEST(ClassFactory, MakesObjectsAndKeepsItsModuleInUse) {
-  const CFactoryTemplate entry{u"Sink", &kClass, &MakeSink, nullptr, nullptr};
-  ASSERT_FALSE(IsModuleInUse());
-  ComPtr<IClassFactory> factory;
-  EXPECT_EQ(CreateClassFactory(entry, IID_IBaseFilter, factory.PutVoid()), E_NOINTERFACE);
-  ASSERT_EQ(CreateClassFactory(entry, IID_IClassFactory, factory.PutVoid()), S_OK);
-  EXPECT_TRUE(IsModuleInUse());
-  ComPtr<IBaseFilter> filter;
-  ASSERT_EQ(factory->CreateInstance(nullptr, IID_IBaseFilter, filter.PutVoid()), S_OK);
-  ComPtr<IPin> pin;
-  EXPECT_EQ(factory->CreateInstance(nullptr, IID_IPin, pin.PutVoid()), E_NOINTERFACE)
-      << "an object that lacks the interface ends at once";
-  EXPECT_EQ(factory->CreateInstance(filter.Get(), IID_IBaseFilter, pin.PutVoid()), E_NOINTERFACE)
-      << "an aggregated object is asked for its unknown only";
-  factory->LockServer(TRUE);
-  factory.Reset();
-  filter.Reset();
-  EXPECT_TRUE(IsModuleInUse());
-  UnlockModule();
-  EXPECT_FALSE(IsModuleInUse());
-}
-
-TEST(ClassFactory, PassesOnWhyAnObjectWasNotMade) {
-  const CFactoryTemplate entry{u"Nothing", &kClass, &MakeNothing, nullptr, nullptr};
-  ComPtr<IClassFactory> factory;
-  ASSERT_EQ(CreateClassFactory(entry, IID_IClassFactory, factory.PutVoid()), S_OK);
-  ComPtr<IUnknown> object;
-  EXPECT_EQ(factory->CreateInstance(nullptr, IID_IUnknown, object.PutVoid()), E_OUTOFMEMORY);
-}
 
 class RegistrationTest : public testing::Test {
  protected:

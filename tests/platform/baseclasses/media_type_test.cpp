@@ -18,21 +18,6 @@ TEST(MediaType, IsEqualByTypesAndFormatBytes) {
   EXPECT_FALSE(a == fakes::Yv12TypeWithPlainHeader(720, 576));
 }
 
-TEST(MediaType, MovesAndAssignsWithoutSharingItsFormat) {
-  CMediaType source = fakes::Yv12Type(64, 32);
-  const CMediaType kept = source;
-  const CMediaType moved = std::move(source);
-  EXPECT_TRUE(moved == kept);
-  CMediaType assigned = fakes::Yv12TypeWithPlainHeader(16, 16);
-  assigned = moved;
-  EXPECT_TRUE(assigned == kept);
-  CMediaType& self = assigned;
-  assigned = self;
-  EXPECT_TRUE(assigned == kept);
-  assigned = CMediaType();
-  EXPECT_FALSE(assigned.IsValid());
-}
-
 TEST(MediaType, MatchesAPartialTypeInWhatThatGives) {
   const CMediaType whole = fakes::Yv12Type(64, 32);
   CMediaType partial;

@@ -63,6 +63,30 @@ TEST_F(FilterGraphTest, AFilterThatWillNotStartLeavesTheGraphStopped) {
   EXPECT_EQ(state, State_Stopped);
 }
 
+TEST_F(FilterGraphTest, AFilterThatWillNotPauseStopsTheWholeGraph) {
+  class Stubborn final : public CBaseFilter {
+   public:
+    Stubborn() : CBaseFilter("stubborn", nullptr, &lock_, CLSID_NULL) {}
+    int GetPinCount() override { return 0; }
+    CBasePin* GetPin(int) override { return nullptr; }
+    HRESULT Pause() override { return IsStopped() ? CBaseFilter::Pause() : E_FAIL; }
+
+   private:
+    CCritSec lock_;
+  };
+  const ComPtr<Stubborn> stubborn(std::make_unique<Stubborn>().release());
+  graph_->AddFilter(stubborn.Get(), u"stubborn");
+  ASSERT_EQ(graph_->Run(0), S_OK);
+  EXPECT_EQ(graph_->Pause(), E_FAIL);
+  for (IMediaFilter* const filter :
+       {static_cast<IMediaFilter*>(graph_.Get()), static_cast<IMediaFilter*>(source_.Get()),
+        static_cast<IMediaFilter*>(sink_.Get()), static_cast<IMediaFilter*>(stubborn.Get())}) {
+    FILTER_STATE state{};
+    filter->GetState(0, &state);
+    EXPECT_EQ(state, State_Stopped);
+  }
+}
+
 TEST_F(FilterGraphTest, MakesNamesUniqueAndFindsFiltersByThem) {
   const ComPtr<Sink> another = Sink::Create();
   EXPECT_EQ(graph_->AddFilter(another.Get(), u"sink"), VFW_S_DUPLICATE_NAME);

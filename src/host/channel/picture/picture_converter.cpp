@@ -129,6 +129,7 @@ PictureConverter::SourceFormat PictureConverter::FormatOf(const AVFrame& frame) 
   }
   format.colourSpace = frame.colorspace;
   format.colourRange = frame.color_range;
+  format.wideColour = WideColourOf(frame);
   return format;
 }
 
@@ -233,8 +234,25 @@ void PictureConverter::UpdateScaler(const AVFrame& frame) {
   scalerFormat_.reset();
   scaler_.reset();
   scaled_.reset();
+  colourFilter_.reset();
   fit_ = FitPicture(format.width, format.height, format.pixelAspect, settings_.width,
                     settings_.height, settings_.canvasPixelAspect);
+  if (format.wideColour.has_value()) {
+    try {
+      colourFilter_ =
+          std::make_unique<PictureFilter>(frame, ConversionOf(*format.wideColour, fit_));
+      matrix_.emplace(kBt601, false);
+    } catch (const ffmpeg::Error&) {
+      // Not for pictures of that form: then without it, see ConvertWideColour.
+    }
+  }
+  if (!colourFilter_) {
+    MakeScaler(format);
+  }
+  scalerFormat_ = format;
+}
+
+void PictureConverter::MakeScaler(const SourceFormat& format) {
   const AVPixelFormat pixels = WithoutRange(format.pixelFormat);
   const bool ownMatrix = HasLumaAndChroma(pixels);
   const bool fullRange =
@@ -244,28 +262,44 @@ void PictureConverter::UpdateScaler(const AVFrame& frame) {
                   ownMatrix && fullRange);
   const bool asItIs =
       pixels == AV_PIX_FMT_YUV420P && format.width == fit_.width && format.height == fit_.height;
-  if (!asItIs) {
-    constexpr int kFlags = SWS_BICUBIC | SWS_ACCURATE_RND;
-    scaler_.reset(sws_getContext(format.width, format.height, pixels, fit_.width, fit_.height,
-                                 AV_PIX_FMT_YUV420P, kFlags, nullptr, nullptr, nullptr));
-    if (!scaler_) {
-      const char* name = av_get_pix_fmt_name(static_cast<AVPixelFormat>(format.pixelFormat));
-      throw ffmpeg::Error(AVERROR(ENOSYS), "cannot convert pictures of the format",
-                          name != nullptr ? name : std::to_string(format.pixelFormat));
-    }
-    const int* const coefficients = sws_getCoefficients(SWS_CS_ITU601);
-    const int sourceRange = !ownMatrix && fullRange ? 1 : 0;
-    if (!ownMatrix) {
-      sws_setColorspaceDetails(scaler_.get(), coefficients, sourceRange, coefficients, 0, 0,
-                               1 << 16, 1 << 16);
-    }
-    scaled_ = ffmpeg::MakeFrame();
-    scaled_->format = AV_PIX_FMT_YUV420P;
-    scaled_->width = fit_.width;
-    scaled_->height = fit_.height;
-    ffmpeg::Check(av_frame_get_buffer(scaled_.get(), 0), "cannot scale a picture");
+  if (asItIs) {
+    return;
   }
-  scalerFormat_ = format;
+  constexpr int kFlags = SWS_BICUBIC | SWS_ACCURATE_RND;
+  scaler_.reset(sws_getContext(format.width, format.height, pixels, fit_.width, fit_.height,
+                               AV_PIX_FMT_YUV420P, kFlags, nullptr, nullptr, nullptr));
+  if (!scaler_) {
+    const char* name = av_get_pix_fmt_name(static_cast<AVPixelFormat>(format.pixelFormat));
+    throw ffmpeg::Error(AVERROR(ENOSYS), "cannot convert pictures of the format",
+                        name != nullptr ? name : std::to_string(format.pixelFormat));
+  }
+  const int* const coefficients = sws_getCoefficients(SWS_CS_ITU601);
+  const int sourceRange = !ownMatrix && fullRange ? 1 : 0;
+  if (!ownMatrix) {
+    sws_setColorspaceDetails(scaler_.get(), coefficients, sourceRange, coefficients, 0, 0, 1 << 16,
+                             1 << 16);
+  }
+  scaled_ = ffmpeg::MakeFrame();
+  scaled_->format = AV_PIX_FMT_YUV420P;
+  scaled_->width = fit_.width;
+  scaled_->height = fit_.height;
+  ffmpeg::Check(av_frame_get_buffer(scaled_.get(), 0), "cannot scale a picture");
+}
+
+// Where the library does not take the form of a picture, its colours are wrong, but it is seen.
+ffmpeg::Frame PictureConverter::ConvertWideColour(const AVFrame& frame) {
+  ffmpeg::Frame converted;
+  try {
+    colourFilter_->Push(ffmpeg::RefFrame(frame),
+                        [&](ffmpeg::Frame done) { converted = std::move(done); });
+  } catch (const ffmpeg::Error&) {
+    converted.reset();
+  }
+  if (!converted) {
+    colourFilter_.reset();
+    MakeScaler(*scalerFormat_);
+  }
+  return converted;
 }
 
 void PictureConverter::Write(std::span<std::uint8_t> buffer) {
@@ -276,7 +310,8 @@ void PictureConverter::Write(std::span<std::uint8_t> buffer) {
   ready_.pop_front();
   UpdateScaler(*picture.frame);
 
-  const AVFrame* source = picture.frame.get();
+  const ffmpeg::Frame converted = colourFilter_ ? ConvertWideColour(*picture.frame) : nullptr;
+  const AVFrame* source = converted ? converted.get() : picture.frame.get();
   if (scaler_) {
     ffmpeg::Check(sws_scale(scaler_.get(), source->data, source->linesize, 0, source->height,
                             scaled_->data, scaled_->linesize),

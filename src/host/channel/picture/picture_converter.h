@@ -13,6 +13,7 @@
 #include "host/channel/picture/picture_filter.h"
 #include "host/channel/picture/picture_fit.h"
 #include "host/channel/picture/rate_limiter.h"
+#include "host/channel/picture/wide_colour.h"
 #include "host/channel/source/media_info.h"
 #include "host/ffmpeg/handles.h"
 #include "host/units.h"
@@ -29,7 +30,8 @@ enum class Deinterlace {
 // Every picture that comes out has exactly the size of the window, whatever comes in, so that a
 // source that changes its format never moves anything on the wall: the source's picture is
 // deinterlaced and turned upright where needed, thinned to the rate of the canvas, scaled with its
-// aspect kept, centred on black, and converted to BT.601 studio range. The layout is packed YV12:
+// aspect kept, centred on black, and converted to BT.601 studio range, of high dynamic range and
+// wide colours too. The layout is packed YV12:
 // Y, then V, then U, the stride of each plane being its width.
 //
 // Use: Push a picture, then Write as long as Next gives one. Owned and called by one channel on its
@@ -85,6 +87,7 @@ class PictureConverter {
     Ratio pixelAspect{1, 1};
     int colourSpace = 0;
     int colourRange = 0;
+    std::optional<WideColour> wideColour{};
 
     bool operator==(const SourceFormat&) const = default;
   };
@@ -96,6 +99,10 @@ class PictureConverter {
   void Filtered(ffmpeg::Frame frame);
   void MakeReady(ffmpeg::Frame frame, const PictureTimes& times);
   void UpdateScaler(const AVFrame& frame);
+  void MakeScaler(const SourceFormat& format);
+  // The picture in the size of the fit and in the wall's colours. Null when that cannot be done:
+  // then there is a scaler instead.
+  ffmpeg::Frame ConvertWideColour(const AVFrame& frame);
 
   const Settings settings_;
   RateLimiter limiter_;
@@ -112,6 +119,7 @@ class PictureConverter {
   ffmpeg::Scaler scaler_;  // null: the picture has the right size and format already
   ffmpeg::Frame scaled_;   // aligned rows, which the scaler needs
   std::optional<ColourMatrix> matrix_;
+  std::unique_ptr<PictureFilter> colourFilter_;  // for wide colours, instead of these three
 };
 
 }  // namespace host

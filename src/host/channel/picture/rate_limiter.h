@@ -24,7 +24,7 @@ class RateLimiter {
     if (started_) {
       step_ += (std::min(start - last_, period_) - step_) / 4;
     }
-    const std::int64_t frame = NearestFrame(start);
+    const std::int64_t frame = NearestFrame(start, rate_);
     const bool slow = step_ >= period_ * 9 / 10;
     const bool nearest = frame > served_ && start - FrameStart(frame, rate_) >= -step_ / 2;
     const bool passes = !started_ || slow || nearest;
@@ -43,12 +43,6 @@ class RateLimiter {
   }
 
  private:
-  std::int64_t NearestFrame(Time start) const {
-    const std::int64_t length = std::int64_t{rate_.den} * kSecond;
-    const std::int64_t position = start * rate_.num + length / 2;
-    return position >= 0 ? position / length : -((-position + length - 1) / length);
-  }
-
   const Ratio rate_;
   const Time period_;
   Time step_;  // from picture to picture of the source, at most the period

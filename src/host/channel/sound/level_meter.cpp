@@ -22,19 +22,6 @@ std::int32_t Thousandths(float value) {
 
 }  // namespace
 
-std::int64_t LevelMeter::FrameAt(Time time) const {
-  const Ratio rate = settings_.frameRate;
-  const Time scale = kSecond * rate.den;
-  std::int64_t frame = time * rate.num / scale;
-  while (FrameStart(frame, rate) > time) {
-    --frame;
-  }
-  while (FrameStart(frame + 1, rate) <= time) {
-    ++frame;
-  }
-  return frame;
-}
-
 void LevelMeter::StartFrame(std::int64_t frame) {
   frame_ = frame;
   measured_ = false;
@@ -85,7 +72,7 @@ void LevelMeter::Push(std::span<const float* const> planes, int samples, int rat
   }
   for (int done = 0; done < samples;) {
     const Time now = start + static_cast<Time>(done) * kSecond / rate;
-    const std::int64_t frame = FrameAt(now);
+    const std::int64_t frame = FrameAt(now, settings_.frameRate);
     if (!frame_ || frame > *frame_) {
       EndFrame(sink);
       StartFrame(frame);

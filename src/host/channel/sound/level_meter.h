@@ -48,7 +48,6 @@ class LevelMeter {
  private:
   void EndFrame(const Sink& sink);
   void StartFrame(std::int64_t frame);
-  std::int64_t FrameAt(Time time) const;
 
   const Settings settings_;
   std::optional<std::int64_t> frame_;  // under way, counted on the grid

@@ -36,6 +36,16 @@ struct AudioInfo {
   std::string title;     // empty when not known
 };
 
+// Why a source gives no audio.
+enum class AudioAbsence {
+  kNone,         // it does
+  kOff,          // nobody wants it
+  kNotInSource,  // no track
+  kNoTrack,      // tracks, but not the chosen one
+  kNotStarted,   // announced, but nothing has come yet
+  kUndecodable,
+};
+
 // Who decides when the next part of a source comes.
 enum class Pace {
   kStored,  // a file: everything is there already, and it can be sought in
@@ -51,6 +61,7 @@ struct MediaInfo {
   std::optional<VideoInfo> video;
   std::string noVideoReason;  // why there is no video, otherwise empty
   std::optional<AudioInfo> audio;
+  AudioAbsence audioAbsence = AudioAbsence::kNone;
   std::string noAudioReason;
   std::vector<AudioInfo> audioTracks;  // all that the source offers
 };

@@ -12,6 +12,7 @@ extern "C" {
 }
 
 #include "host/channel/source/describe_media.h"
+#include "host/channel/source/http_source.h"
 #include "host/ffmpeg/error.h"
 #include "host/ffmpeg/mask.h"
 #include "host/ffmpeg/time_unit.h"
@@ -23,6 +24,9 @@ namespace {
 constexpr Time kDefaultPictureDuration = 400'000;
 // A longer step forwards in a source whose stamps are known to jump is no gap.
 constexpr Time kLongestGap = 10 * kSecond;
+// To see why a file on a server did not open in time.
+constexpr std::chrono::milliseconds kSecondLook{2000};
+constexpr const char* kSeekable = "seekable";
 
 std::string Seconds(std::chrono::milliseconds limit) {
   std::string text = std::to_string(limit.count() / 1000);
@@ -68,12 +72,47 @@ void MediaReader::Fail(int code, bool opening) const {
                    maskedSource_);
 }
 
+// The index of a file in the MP4 family came behind the data, which cannot be gone back to. A
+// server may have promised that they can.
+bool MediaReader::LiesBehindItsData() const {
+  if (input_->pb == nullptr ||
+      ((input_->pb->seekable & AVIO_SEEKABLE_NORMAL) != 0 && !address_.isHttp()) ||
+      std::string_view(input_->iformat->name).find("mp4") == std::string_view::npos) {
+    return false;
+  }
+  for (unsigned i = 0; i < input_->nb_streams; ++i) {
+    const AVIndexEntry* const first = avformat_index_get_entry(input_->streams[i], 0);
+    if (first != nullptr && first->pos < headerEnd_) {
+      return true;
+    }
+  }
+  return false;
+}
+
+void MediaReader::FailForItsIndex() const {
+  throw MediaError(MediaError::Kind::kFailed,
+                   "its index comes behind its data, but it can only be read from its beginning: "
+                   "write it with the index first (ffmpeg: -movflags +faststart)" +
+                       std::string(address_.isHttp() ? " or use a server with byte ranges" : ""),
+                   maskedSource_);
+}
+
 void MediaReader::Open() {
   deadline_.Arm(settings_.openLimit);
   try {
     OpenInput();
   } catch (const ffmpeg::Error& error) {
-    Fail(error.code(), true);
+    const bool isLate = deadline_.expired() && !deadline_.cancelled();
+    if (isLate && address_.isHttp()) {
+      // Without ranges a whole file is read before its index comes.
+      deadline_.Arm(kSecondLook);
+      ffmpeg::Options options;
+      SetOptions(options, settings_.options);
+      if (ServesDataFirst(address_.name(), options, deadline_)) {
+        FailForItsIndex();
+      }
+    }
+    Fail(isLate ? AVERROR_EXIT : error.code(), true);
   }
   // FFmpeg draws any text file as a terminal would: for a wall that is a wrong path, not a picture.
   if (std::string_view(input_->iformat->name) == "tty") {
@@ -93,8 +132,23 @@ void MediaReader::OpenInput() {
     OpenInput(pipe_->io(), settings_.options);
   } else if (address_.carriesTransportStream()) {
     OpenConnection();
+  } else if (address_.isHttp()) {
+    OpenHttp();
   } else {
     OpenInput(nullptr, address_.OpenOptions(settings_.options));
+  }
+}
+
+void MediaReader::OpenHttp() {
+  SourceAddress::Options options = address_.OpenOptions(settings_.options);
+  try {
+    OpenInput(nullptr, options);
+  } catch (const ffmpeg::Error& error) {
+    if (!MayKnowNoRanges(error.code()) || deadline_.ShouldStop() ||
+        !options.try_emplace(kSeekable, "0").second) {
+      throw;
+    }
+    OpenInput(nullptr, options);
   }
 }
 
@@ -173,6 +227,7 @@ void MediaReader::OpenInput(AVIOContext* io, ffmpeg::Options& options) {
   ffmpeg::Check(avformat_open_input(&context, address_.name().c_str(), nullptr, options.Exchange()),
                 "cannot open");
   input_.reset(context);
+  headerEnd_ = input_->pb != nullptr ? avio_tell(input_->pb) : 0;
   unknownOptions_ = options.UnusedKeys();
 }
 
@@ -225,11 +280,14 @@ void MediaReader::ChooseTracks() {
   const int audio =
       ChooseAudioStream(*input_, settings_.audioTrack, settings_.audioLanguage, video);
   info_.noAudioReason = settings_.wantAudio ? "it has no audio" : "audio is switched off";
+  info_.audioAbsence = settings_.wantAudio ? AudioAbsence::kNotInSource : AudioAbsence::kOff;
   if (settings_.wantAudio && settings_.audioTrack > info_.audioTracks.size()) {
     info_.noAudioReason = "it has no audio track " + std::to_string(settings_.audioTrack) +
                           " (of " + std::to_string(info_.audioTracks.size()) + ")";
+    info_.audioAbsence = AudioAbsence::kNoTrack;
   } else if (settings_.wantAudio && audio >= 0 && !IsAwaited(*input_->streams[audio])) {
     StartTrack(audio_, audio, info_.noAudioReason);
+    info_.audioAbsence = audio_ ? AudioAbsence::kNone : AudioAbsence::kUndecodable;
     if (audio_) {
       info_.noAudioReason.clear();
       info_.audio = DescribeAudio(*input_->streams[audio]);
@@ -241,6 +299,7 @@ void MediaReader::ChooseTracks() {
     if (IsAwaited(*input_->streams[i])) {
       input_->streams[i]->discard = AVDISCARD_DEFAULT;
       info_.noAudioReason = "its sound has not begun";
+      info_.audioAbsence = AudioAbsence::kNotStarted;
     }
   }
 

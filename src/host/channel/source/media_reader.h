@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "host/channel/source/item_times.h"
 #include "host/channel/source/media_error.h"
 #include "host/channel/source/media_info.h"
 #include "host/channel/source/picture_watch.h"
@@ -89,19 +90,18 @@ class MediaReader {
 
     int streamIndex = -1;
     std::size_t clockStream = 0;
-    int successor = -1;        // stream that may be taking its place
-    int successorPackets = 0;  // of it since the latest packet of this one
+    // Of the stream that may be taking its place, since the latest packet of this one.
+    std::vector<ffmpeg::Packet> successorPackets;
     std::optional<StreamDecoder> decoder;
     Time pictureDuration = 0;
-    Time nextStart = 0;                   // end of the latest item handed out
-    std::optional<Time> lastStart;        // of the latest item handed out
-    std::optional<Time> discontinuityAt;  // the first item from here on carries the flag
+    ItemTimes times;
   };
 
   // Throw ffmpeg::Error, or MediaError with more to say.
   void OpenInput();
   void OpenConnection();
   void OpenOtherRtp();
+  void OpenHttp();
   void OpenInput(AVIOContext* io, const SourceAddress::Options& wanted);
   void OpenInput(AVIOContext* io, ffmpeg::Options& options);
   void SetOptions(ffmpeg::Options& options, const SourceAddress::Options& wanted) const;
@@ -113,7 +113,7 @@ class MediaReader {
   const Track* ChangedTrack() const;
   void HandlePacket(ffmpeg::Packet packet);
   void FollowOther(const AVPacket& packet);
-  void FollowSuccessor(Track& track, int streamIndex);
+  void FollowSuccessor(Track& track, const AVPacket& packet);
   void AwaitBeginning(AVStream& stream, const AVPacket& packet);
   void Replace(Track& track, int streamIndex);
   void FinishPass();
@@ -123,6 +123,8 @@ class MediaReader {
   void GiveSamples(ffmpeg::Frame frame);
   void DecodeVideo(const AVPacket& packet);
   void DecodeAudio(const AVPacket& packet);
+  bool LiesBehindItsData() const;
+  [[noreturn]] void FailForItsIndex() const;
   [[noreturn]] void Fail(int code, bool opening) const;
 
   const Settings settings_;
@@ -134,6 +136,7 @@ class MediaReader {
   RtpReceiver rtp_;                                // for its datagrams
   ProgramMapWatch programs_;                       // for all that comes over it
   ffmpeg::InputFormat input_;
+  std::int64_t headerEnd_ = 0;  // bytes read before the first packet
   MediaInfo info_;
   ffmpeg::Parameters audioParameters_;
   std::vector<std::string> unknownOptions_;

@@ -3,6 +3,7 @@
 #include <utility>
 
 extern "C" {
+#include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 }
 
@@ -12,6 +13,30 @@ extern "C" {
 #include "host/ffmpeg/time_unit.h"
 
 namespace host {
+namespace {
+
+constexpr std::chrono::milliseconds kKeyframePatience(KeyframeGate::kLongestWait / kMillisecond);
+
+std::optional<Time> GivenTime(std::int64_t timestamp) {
+  return timestamp != AV_NOPTS_VALUE ? std::optional<Time>(timestamp) : std::nullopt;
+}
+
+// What a packet of audio lasts. The demuxer gives the first ones before it knows their rate,
+// without a duration and all but the first without a timestamp. 0 for video.
+Time AudioDuration(AVStream& stream, int bytes) {
+  constexpr int kAacSamples = 1024;
+  AVCodecParameters& parameters = *stream.codecpar;
+  if (parameters.codec_type != AVMEDIA_TYPE_AUDIO || parameters.sample_rate <= 0) {
+    return 0;
+  }
+  int samples = av_get_audio_frame_duration2(&parameters, bytes);
+  if (samples <= 0 && parameters.codec_id == AV_CODEC_ID_AAC) {
+    samples = kAacSamples;
+  }
+  return av_rescale(std::max(samples, 0), kSecond, parameters.sample_rate);
+}
+
+}  // namespace
 
 MediaItem MediaReader::Read() {
   using Clock = PictureWatch::Clock;
@@ -23,7 +48,9 @@ MediaItem MediaReader::Read() {
       return EndOfMedia{};
     }
     ReadPacket();
-    if (watch_ && watch_->Expired(Clock::now())) {
+    const bool awaitsKeyframe = video_ && video_->decoder->awaitsKeyframe();
+    if (watch_ && watch_->Expired(Clock::now(),
+                                  awaitsKeyframe ? kKeyframePatience : Clock::duration::zero())) {
       throw MediaError(MediaError::Kind::kTimedOut, "it sends, but no picture that can be decoded",
                        maskedSource_);
     }
@@ -68,6 +95,9 @@ void MediaReader::ReadPacket() {
     Fail(result, false);
   }
   silences_ = 0;
+  if (!gaveInPass_ && repeats_ == 0 && !deadline_.ShouldStop() && LiesBehindItsData()) {
+    FailForItsIndex();
+  }
   // Containers report the end of a connection that broke as an ordinary end.
   if (result != AVERROR_EOF || deadline_.expired() || deadline_.cancelled()) {
     Fail(result, false);
@@ -97,10 +127,12 @@ void MediaReader::HandlePacket(ffmpeg::Packet packet) {
     return;
   }
   Track& track = isVideo ? *video_ : *audio_;
-  track.successorPackets = 0;
+  track.successorPackets.clear();
   const AVRational unit = input_->streams[track.streamIndex]->time_base;
-  const Time duration =
-      packet->duration > 0 ? av_rescale_q(packet->duration, unit, ffmpeg::kTimeUnit) : 0;
+  Time duration = ffmpeg::ToDuration(packet->duration, unit);
+  if (duration == 0) {
+    duration = AudioDuration(*input_->streams[track.streamIndex], packet->size);
+  }
   const SourceClock::Mapped mapped =
       clock_->Map(track.clockStream,
                   {ffmpeg::ToTime(packet->dts, unit), ffmpeg::ToTime(packet->pts, unit), duration});
@@ -110,7 +142,7 @@ void MediaReader::HandlePacket(ffmpeg::Packet packet) {
   packet->time_base = ffmpeg::kTimeUnit;
   if (isVideo) {
     if (mapped.discontinuity) {
-      track.discontinuityAt = mapped.dts;
+      track.times.JumpedTo(mapped.dts);
     }
     DecodeVideo(*packet);
   } else {
@@ -133,25 +165,31 @@ void MediaReader::FollowOther(const AVPacket& packet) {
     return;
   }
   if (std::optional<Track>& track = isVideo ? video_ : audio_) {
-    FollowSuccessor(*track, packet.stream_index);
+    FollowSuccessor(*track, packet);
   } else if ((isVideo ? settings_.wantVideo : settings_.wantAudio) && info_.pace != Pace::kStored) {
     AwaitBeginning(stream, packet);
   }
 }
 
 // A stream that the source begins after the opening, while the chosen one of its kind has stopped,
-// is the same service in another form.
-void MediaReader::FollowSuccessor(Track& track, int streamIndex) {
-  constexpr int kPacketsUntilReplaced = 10;
-  if (static_cast<unsigned>(streamIndex) < knownStreams_) {
+// is the same service in another form. Its packets are kept until then: the first one is mostly a
+// keyframe, and the next may be far away.
+void MediaReader::FollowSuccessor(Track& track, const AVPacket& packet) {
+  constexpr std::size_t kPacketsUntilReplaced = 10;
+  if (static_cast<unsigned>(packet.stream_index) < knownStreams_) {
     return;
   }
-  if (track.successor != streamIndex) {
-    track.successor = streamIndex;
-    track.successorPackets = 0;
+  std::vector<ffmpeg::Packet>& packets = track.successorPackets;
+  if (!packets.empty() && packets.front()->stream_index != packet.stream_index) {
+    packets.clear();
   }
-  if (++track.successorPackets >= kPacketsUntilReplaced) {
-    Replace(track, streamIndex);
+  packets.push_back(ffmpeg::RefPacket(packet));
+  if (packets.size() >= kPacketsUntilReplaced) {
+    std::vector<ffmpeg::Packet> kept = std::exchange(packets, {});
+    Replace(track, packet.stream_index);
+    for (ffmpeg::Packet& each : kept) {
+      HandlePacket(std::move(each));
+    }
   }
 }
 
@@ -185,7 +223,6 @@ void MediaReader::Replace(Track& track, int streamIndex) {
     throw MediaError(MediaError::Kind::kFailed, error.what(), maskedSource_);
   }
   track.streamIndex = streamIndex;
-  track.successorPackets = 0;
   track.clockStream = clock_->AddStream(WrapPeriod(stream));
   if (isVideo) {
     info_.video = DescribeVideo(*input_, stream);
@@ -216,24 +253,17 @@ void MediaReader::DecodeAudio(const AVPacket& packet) {
   }
 }
 
-// An item that does not start after the one before it is moved just behind it.
 void MediaReader::GivePicture(ffmpeg::Frame frame) {
   // The container's word on the shape of the pixels holds over the stream's.
   frame->sample_aspect_ratio =
       av_guess_sample_aspect_ratio(input_.get(), input_->streams[video_->streamIndex], frame.get());
+  const ItemTimes::Span span =
+      video_->times.Frame(GivenTime(frame->best_effort_timestamp),
+                          frame->pkt_duration > 0 ? frame->pkt_duration : video_->pictureDuration);
   VideoPicture picture;
-  picture.start = frame->best_effort_timestamp != AV_NOPTS_VALUE ? frame->best_effort_timestamp
-                                                                 : video_->nextStart;
-  if (video_->lastStart) {
-    picture.start = std::max(picture.start, *video_->lastStart + 1);
-  }
-  picture.duration = frame->pkt_duration > 0 ? frame->pkt_duration : video_->pictureDuration;
-  if (video_->discontinuityAt && picture.start >= *video_->discontinuityAt) {
-    picture.discontinuity = true;
-    video_->discontinuityAt.reset();
-  }
-  video_->lastStart = picture.start;
-  video_->nextStart = picture.start + picture.duration;
+  picture.start = span.start;
+  picture.duration = span.duration;
+  picture.discontinuity = span.discontinuity;
   picture.frame = std::move(frame);
   gaveInPass_ = true;
   if (watch_) {
@@ -245,15 +275,11 @@ void MediaReader::GivePicture(ffmpeg::Frame frame) {
 void MediaReader::GiveAudioPacket(const AVPacket& packet, bool discontinuity) {
   AudioPacket item;
   item.packet = ffmpeg::RefPacket(packet);
-  item.start = packet.pts != AV_NOPTS_VALUE ? packet.pts : packet.dts;
-  if (audio_->lastStart) {
-    item.start = std::max(item.start, *audio_->lastStart);
-  }
+  item.start = audio_->times.Packet(packet.pts != AV_NOPTS_VALUE ? packet.pts : packet.dts);
   item.packet->pts = item.start;
   item.packet->dts = item.start;
   item.duration = packet.duration;
   item.discontinuity = discontinuity;
-  audio_->lastStart = item.start;
   gaveInPass_ = true;
   ready_.emplace_back(std::move(item));
 }
@@ -262,11 +288,12 @@ void MediaReader::GiveSamples(ffmpeg::Frame frame) {
   if (frame->sample_rate <= 0 || frame->nb_samples <= 0) {
     return;
   }
+  const ItemTimes::Span span =
+      audio_->times.Samples(GivenTime(frame->best_effort_timestamp),
+                            av_rescale(frame->nb_samples, kSecond, frame->sample_rate));
   AudioSamples samples;
-  samples.start = frame->best_effort_timestamp != AV_NOPTS_VALUE ? frame->best_effort_timestamp
-                                                                 : audio_->nextStart;
-  samples.duration = av_rescale(frame->nb_samples, kSecond, frame->sample_rate);
-  audio_->nextStart = samples.start + samples.duration;
+  samples.start = span.start;
+  samples.duration = span.duration;
   samples.frame = std::move(frame);
   ready_.emplace_back(std::move(samples));
 }

@@ -27,7 +27,10 @@ class PictureWatch {
     left_ = true;
   }
   void Picture(Clock::time_point now) { latestPicture_ = now; }
-  bool Expired(Clock::time_point now) const { return now - latestPicture_ >= limit_; }
+  // patience: how much longer than the limit there is a reason to wait.
+  bool Expired(Clock::time_point now, Clock::duration patience = {}) const {
+    return now - latestPicture_ >= limit_ + patience;
+  }
 
  private:
   static constexpr int kPictures = 4;

@@ -36,6 +36,7 @@ SourceAddress::SourceAddress(const std::string& source)
     : name_(OpenName(source)),
       isRemote_(name_.find("://") != std::string::npos && !name_.starts_with("file:")),
       isRtp_(name_.starts_with(kRtpScheme)),
+      isHttp_(name_.starts_with("http:") || name_.starts_with("https:")),
       datagrams_(isRtp_ || name_.starts_with(kUdpScheme)),
       isConnected_(name_.starts_with("srt:") || name_.starts_with("tcp:")),
       isDescription_(name_.ends_with(".sdp")) {}

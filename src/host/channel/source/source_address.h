@@ -24,6 +24,7 @@ class SourceAddress {
   // Nobody is connected to anybody: a sender that goes away and returns is heard again.
   bool isDatagrams() const { return datagrams_; }
   bool isRtp() const { return isRtp_; }
+  bool isHttp() const { return isHttp_; }
 
   // The given options, and what opening name() needs besides.
   Options OpenOptions(Options options) const;
@@ -36,6 +37,7 @@ class SourceAddress {
   std::string name_;
   bool isRemote_ = false;
   bool isRtp_ = false;
+  bool isHttp_ = false;
   bool datagrams_ = false;
   bool isConnected_ = false;
   bool isDescription_ = false;

@@ -27,13 +27,16 @@ void SourceClock::Restart() {
   restarting_ = origin_.has_value();
 }
 
-// The one of raw, raw + period, raw - period, ... that lies nearest to the stream's latest time.
+// The one of raw, raw + period, raw - period, ... that lies nearest to the stream's latest time, or
+// to that of another one before it has begun: the streams of a source may begin on both sides of a
+// wrap.
 Time SourceClock::Unwrap(const Stream& stream, Time raw) const {
-  if (stream.wrapPeriod <= 0 || !stream.started) {
+  const Stream* const near = stream.started ? &stream : Companion(stream);
+  if (stream.wrapPeriod <= 0 || near == nullptr) {
     return raw;
   }
   const Time half = stream.wrapPeriod / 2;
-  const Time distance = stream.lastRaw - raw;
+  const Time distance = near->lastRaw - raw;
   const Time turns = distance >= 0 ? (distance + half) / stream.wrapPeriod
                                    : -((half - distance) / stream.wrapPeriod);
   return raw + turns * stream.wrapPeriod;
@@ -42,9 +45,14 @@ Time SourceClock::Unwrap(const Stream& stream, Time raw) const {
 SourceClock::Verdict SourceClock::Judge(const Stream& stream, Time raw) const {
   const Time usual = kBackLimit + 2 * std::max(stream.lastStep, stream.claimed);
   const auto goesOn = [&](Time from) { return raw - from >= -kBackLimit && raw - from <= usual; };
-  const Time step = raw + stream.offset.value - stream.expected;
+  const Time time = raw + stream.offset.value;
+  const Time step = time - stream.expected;
   if (step >= -kBackLimit && (step <= kBackLimit || goesOn(stream.lastRaw))) {
     return Verdict::kFollows;
+  }
+  const Time due = Due(stream);
+  if (due != stream.expected && std::abs(time - due) <= kAdoptionLimit) {
+    return Verdict::kFollows;  // it was away, and is back beside the others
   }
   // Without a rhythm there is nothing to doubt.
   const bool borneOut = !forwardLimit_ || stream.lastStep <= 0 || stream.doubts >= kMostDoubts ||
@@ -55,12 +63,21 @@ SourceClock::Verdict SourceClock::Judge(const Stream& stream, Time raw) const {
 const SourceClock::Stream* SourceClock::Companion(const Stream& stream) const {
   const Stream* companion = nullptr;
   for (const Stream& other : streams_) {
-    if (&other != &stream && other.started &&
+    if (&other != &stream && other.started && stream.expected - other.expected <= kGone &&
         (companion == nullptr || other.turn > companion->turn)) {
       companion = &other;
     }
   }
   return companion;
+}
+
+Time SourceClock::Due(const Stream& stream) const {
+  const Stream* const companion = Companion(stream);
+  if (companion == nullptr) {
+    return stream.expected;
+  }
+  const Time beside = companion->expected + stream.ahead;
+  return beside - stream.expected > kAway ? beside : stream.expected;
 }
 
 bool SourceClock::JoinCompanion(Stream& stream, Time raw) {
@@ -69,7 +86,7 @@ bool SourceClock::JoinCompanion(Stream& stream, Time raw) {
     return false;
   }
   const Time time = raw + companion->offset.value;
-  if (std::abs(time - stream.expected) > kAdoptionLimit ||
+  if (std::abs(time - Due(stream)) > kAdoptionLimit ||
       std::abs(time - companion->expected) > kAdoptionLimit) {
     return false;
   }
@@ -104,7 +121,7 @@ bool SourceClock::FollowLeap(Stream& stream, Time raw) {
       return false;
     }
   }
-  AddOffset(stream.expected - raw, isGap ? std::optional(stream.offset.value) : std::nullopt);
+  AddOffset(Due(stream) - raw, isGap ? std::optional(stream.offset.value) : std::nullopt);
   stream.offset = newest_;
   return true;
 }
@@ -140,7 +157,7 @@ SourceClock::Mapped SourceClock::Map(std::size_t index, Stamps stamps) {
         mapped.discontinuity = FollowLeap(stream, raw);
       }
     }
-    mapped.dts = verdict == Verdict::kDoubtful ? stream.expected : raw + stream.offset.value;
+    mapped.dts = verdict == Verdict::kDoubtful ? Due(stream) : raw + stream.offset.value;
     if (stamps.pts) {
       // The presentation time stays as far from the decoding time as the source has it, a wrap
       // between the two undone.
@@ -166,7 +183,9 @@ SourceClock::Mapped SourceClock::Map(std::size_t index, Stamps stamps) {
       } else if (stream.started && !mapped.discontinuity && stream.doubts == 0) {
         stream.lastStep = std::max<Time>(raw - stream.lastRaw, 0);
       }
-      if (const Stream* const companion = Companion(stream)) {
+      // Measured where the two take turns: one that is away stands still.
+      if (const Stream* const companion = Companion(stream);
+          companion != nullptr && companion->turn == turn_) {
         stream.ahead = mapped.dts - companion->expected;
       }
       stream.lastRaw = raw;

@@ -20,6 +20,8 @@ namespace host {
 //    until its own stamps jump, and then takes that of another stream if it lies beside that one
 //    with it. Sound and picture thus stay together, and no packet from before the jump is thrown to
 //    the other side;
+//  - a stream that was away (a sender without audio for a while) is expected where the others have
+//    gone meanwhile, not where it stopped; one that does not come back is no measure for them;
 //  - damaged stamps say anything, also of all the packets that a container gives one stamp. A lone
 //    one of a source that may jump moves nothing, its packet follows the one before it; a leap
 //    counts from the second packet on that bears it out. What leaps by itself goes on where it was,
@@ -38,6 +40,10 @@ class SourceClock {
   static constexpr int kMostDoubts = 3;
   // How far the streams of one source may be apart when they jump together.
   static constexpr Time kAdoptionLimit = 2 * kSecond;
+  // A stream that is behind the others by more was away, and one that is behind by the second has
+  // ended as far as the others can know.
+  static constexpr Time kAway = kSecond;
+  static constexpr Time kGone = 4 * kSecond;
 
   struct Stamps {
     std::optional<Time> dts;
@@ -85,7 +91,7 @@ class SourceClock {
     Time expected = 0;       // clock time at which the next packet would follow without a gap
     Time lastStep = 0;       // distance of the latest two packets
     Time claimed = 0;        // duration that the latest one is said to have
-    Time ahead = 0;          // of its companion, on the clock, when the latest one came
+    Time ahead = 0;          // of its companion, on the clock, when a packet of that came before
     std::uint64_t turn = 0;  // counts the packets of all streams
     std::optional<Time> doubtful{};  // source time of the latest packet, which was not believed
     int doubts = 0;                  // packets in a row of that kind
@@ -96,8 +102,10 @@ class SourceClock {
   // that was doubtful, or that the next one is to bear it out first.
   enum class Verdict { kFollows, kBorneOut, kDoubtful };
   Verdict Judge(const Stream& stream, Time raw) const;
-  // The other stream of which a packet came last; null without one.
+  // The other stream of which a packet came last; null without one that is still there.
   const Stream* Companion(const Stream& stream) const;
+  // Clock time at which the stream's next packet belongs.
+  Time Due(const Stream& stream) const;
   // Takes the offset of its companion if it lies beside that with it; false if not.
   bool JoinCompanion(Stream& stream, Time raw);
   // Gives the stream another offset when its stamps jumped; true when they did.

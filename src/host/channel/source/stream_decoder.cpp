@@ -35,6 +35,9 @@ StreamDecoder::StreamDecoder(const AVStream& stream, int threads) {
   codec_->max_pixels = kMostPixels;
   ffmpeg::Check(avcodec_open2(codec_.get(), decoder, nullptr), "cannot start the decoder",
                 decoder->name);
+  if (decoder->type == AVMEDIA_TYPE_VIDEO) {
+    gate_.emplace(decoder->id);
+  }
 }
 
 StreamDecoder::~StreamDecoder() = default;
@@ -68,12 +71,22 @@ void StreamDecoder::Receive(const FrameSink& sink) {
     gaveFrames_ = true;
     damagedInARow_ = 0;
     damagedKeysInARow_ = 0;
-    sink(std::move(frame));
+    if (!gate_ || gate_->Lets(*frame)) {
+      sink(std::move(frame));
+    }
   }
 }
 
 void StreamDecoder::Decode(const AVPacket& packet, const FrameSink& sink) {
   const std::uint64_t damagedBefore = damagedPackets_;
+  if (gate_) {
+    gate_->Packet(packet);
+    if (gate_->isOverdue()) {
+      // What the decoder itself holds back.
+      codec_->flags |= AV_CODEC_FLAG_OUTPUT_CORRUPT;
+      codec_->flags2 |= AV_CODEC_FLAG2_SHOW_ALL;
+    }
+  }
   int result = avcodec_send_packet(codec_.get(), &packet);
   if (result == AVERROR(EAGAIN)) {
     // Not taken before the frames that are ready are fetched.
@@ -99,6 +112,11 @@ void StreamDecoder::Drain(const FrameSink& sink) {
 
 void StreamDecoder::Reset() {
   avcodec_flush_buffers(codec_.get());
+  if (gate_) {
+    gate_->Close();
+    codec_->flags &= ~AV_CODEC_FLAG_OUTPUT_CORRUPT;
+    codec_->flags2 &= ~AV_CODEC_FLAG2_SHOW_ALL;
+  }
 }
 
 }  // namespace host

@@ -3,7 +3,9 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 
+#include "host/channel/source/keyframe_gate.h"
 #include "host/ffmpeg/handles.h"
 
 struct AVStream;
@@ -11,8 +13,8 @@ struct AVStream;
 namespace host {
 
 // Decodes packets whose stamps are in units of 100 ns; frames have the same unit. A damaged packet
-// is counted and skipped, as a monitor must: it never ends the stream. Owned and called by one
-// reader on its thread.
+// is counted and skipped, as a monitor must: it never ends the stream. Frames of video begin with a
+// keyframe (KeyframeGate). Owned and called by one reader on its thread.
 class StreamDecoder {
  public:
   using FrameSink = std::function<void(ffmpeg::Frame)>;
@@ -31,6 +33,8 @@ class StreamDecoder {
 
   // False when the stream's codec has become another one since.
   bool Fits(const AVStream& stream) const;
+  // Video comes, but its first keyframe is still to come.
+  bool awaitsKeyframe() const { return gate_.has_value() && gate_->waits(); }
   std::uint64_t damagedPackets() const { return damagedPackets_; }
   // It gave frames once, and has given none but errors for many packets: what comes is no longer
   // what the decoder was made for. What follows one damaged key picture comes back with the next
@@ -49,6 +53,7 @@ class StreamDecoder {
   void CountDamage();
 
   ffmpeg::Codec codec_;
+  std::optional<KeyframeGate> gate_;  // of video
   std::uint64_t damagedPackets_ = 0;
   int damagedInARow_ = 0;
   int damagedKeysInARow_ = 0;  // of these, packets that decoding could begin with

@@ -1,5 +1,8 @@
 #include "host/channel/picture/picture_converter.h"
 
+#include <algorithm>
+#include <array>
+#include <cmath>
 #include <cstdlib>
 #include <vector>
 
@@ -54,6 +57,26 @@ Yv12Buffer Shown(PictureConverter& converter, const PictureConverter::Settings& 
   return buffer;
 }
 
+using Triple = std::array<double, 3>;
+
+// 4:2:2 of ten bits in one colour, given in steps of eight bits.
+ffmpeg::Frame MakeTenBits(int width, int height, Triple yuv) {
+  ffmpeg::Frame frame = ffmpeg::MakeFrame();
+  frame->format = AV_PIX_FMT_YUV422P10;
+  frame->width = width;
+  frame->height = height;
+  av_frame_get_buffer(frame.get(), 0);
+  for (int plane = 0; plane < 3; ++plane) {
+    for (int y = 0; y < height; ++y) {
+      std::fill_n(
+          reinterpret_cast<std::uint16_t*>(frame->data[plane] + y * frame->linesize[plane]),
+          plane == 0 ? width : width / 2,
+          static_cast<std::uint16_t>(std::lround(4 * yuv[static_cast<std::size_t>(plane)])));
+    }
+  }
+  return frame;
+}
+
 TEST(PictureConverter, CopiesAPictureThatFitsAlready) {
   const auto settings = Window(32, 16);
   PictureConverter converter(settings);
@@ -82,14 +105,6 @@ TEST(PictureConverter, CentresAPictureOfAnotherShapeOnBlackWhateverWasInTheBuffe
   ExpectColour(shown.At(160, 179), kGreen);
   ExpectColour(shown.At(277, 90), kGreen);
   ExpectColour(shown.At(281, 90), kBlack, 0);
-}
-
-TEST(PictureConverter, KeepsTheSizeOfTheWindowWhenTheSourceChangesItsFormat) {
-  const auto settings = Window(64, 36);
-  PictureConverter converter(settings);
-  ExpectColour(Shown(converter, settings, MakeFrame(640, 360, kGreen)).At(32, 18), kGreen);
-  ExpectColour(Shown(converter, settings, MakeFrame(36, 64, kGreen), kFrame).At(4, 18), kBlack, 0);
-  ExpectColour(Shown(converter, settings, MakeFrame(64, 36, kGreen), 2 * kFrame).At(4, 18), kGreen);
 }
 
 TEST(PictureConverter, ConvertsMatrixAndRangeToBt601StudioRange) {
@@ -142,21 +157,100 @@ TEST(PictureConverter, TakesOtherPixelFormats) {
   }
   ExpectColour(Shown(converter, settings, std::move(frame)).At(16, 16), {82, 90, 240});
 
-  frame = ffmpeg::MakeFrame();
-  frame->format = AV_PIX_FMT_YUV422P10;
-  frame->width = 16;
-  frame->height = 16;
-  av_frame_get_buffer(frame.get(), 0);
-  for (int plane = 0; plane < 3; ++plane) {
-    for (int y = 0; y < 16; ++y) {
-      auto* const row =
-          reinterpret_cast<std::uint16_t*>(frame->data[plane] + y * frame->linesize[plane]);
-      for (int x = 0; x < (plane == 0 ? 16 : 8); ++x) {
-        row[x] = static_cast<std::uint16_t>(4 * (plane == 0 ? 145 : plane == 1 ? 54 : 34));
+  ExpectColour(Shown(converter, settings, MakeTenBits(16, 16, {145, 54, 34}), kFrame).At(16, 16),
+               kGreen);
+}
+
+// What the standards give for a colour of display light, in cd/m2 of BT.2020's red, green and blue.
+constexpr double kWhite = 203;
+constexpr double kPeak = 1000;
+
+double Luminance(Triple rgb) {
+  return 0.2627 * rgb[0] + 0.6780 * rgb[1] + 0.0593 * rgb[2];
+}
+double Pq(double light) {
+  const double power = std::pow(light / 10000, 0.1593017578125);
+  return std::pow((0.8359375 + 18.8515625 * power) / (1 + 18.6875 * power), 78.84375);
+}
+double FromPq(double signal) {
+  const double root = std::pow(signal, 1 / 78.84375);
+  return 10000 * std::pow(std::max(root - 0.8359375, 0.0) / (18.8515625 - 18.6875 * root),
+                          1 / 0.1593017578125);
+}
+double Hlg(double scene) {
+  return scene <= 1 / 12.0 ? std::sqrt(3 * scene)
+                           : 0.17883277 * std::log(12 * scene - 0.28466892) + 0.55991073;
+}
+// The curve of BT.2390 from a display of the peak to one whose white is that of graphics.
+double Mapped(double light) {
+  const double most = Pq(kWhite) / Pq(kPeak);
+  const double knee = 1.5 * most - 0.5;
+  double e = Pq(light) / Pq(kPeak);
+  if (e > knee) {
+    const double t = (e - knee) / (1 - knee);
+    e = (2 * t * t * t - 3 * t * t + 1) * knee + (t * t * t - 2 * t * t + t) * (1 - knee) +
+        (-2 * t * t * t + 3 * t * t) * most;
+  }
+  return FromPq(e * Pq(kPeak)) / kWhite;
+}
+// In the wall's primaries, hard clipped, as a signal in BT.601.
+Colour OnTheWall(Triple light, bool isHdr) {
+  Triple rgb{1.6605 * light[0] - 0.5876 * light[1] - 0.0728 * light[2],
+             -0.1246 * light[0] + 1.1329 * light[1] - 0.0083 * light[2],
+             -0.0182 * light[0] - 0.1006 * light[1] + 1.1187 * light[2]};
+  const double brightest = std::max({rgb[0], rgb[1], rgb[2]});
+  const double gain = isHdr ? Mapped(brightest) / brightest : 1 / kWhite;
+  for (double& each : rgb) {
+    each = std::pow(std::clamp(each * gain, 0.0, 1.0), 1 / 2.4);
+  }
+  const double y = 0.299 * rgb[0] + 0.587 * rgb[1] + 0.114 * rgb[2];
+  return {static_cast<int>(std::lround(16 + 219 * y)),
+          static_cast<int>(std::lround(128 + 224 * (rgb[2] - y) / 1.772)),
+          static_cast<int>(std::lround(128 + 224 * (rgb[0] - y) / 1.402))};
+}
+
+// Within 5 of 219 steps of the curve of BT.2390 in greys, 8 in colours.
+TEST(PictureConverter, MapsHighDynamicRangeAndWideColoursToTheWall) {
+  const auto settings = Window(32, 32);
+  PictureConverter converter(settings);
+  const Triple lights[] = {{26, 26, 26},    {90, 90, 90},       {203, 203, 203},
+                           {375, 375, 375}, {1000, 1000, 1000}, {203, 0, 0},
+                           {0, 150, 0},     {20, 30, 200},      {120, 80, 60}};
+  Time start = 0;
+  for (const Triple& light : lights) {
+    for (const int transfer : {AVCOL_TRC_SMPTE2084, AVCOL_TRC_ARIB_STD_B67, AVCOL_TRC_BT2020_10}) {
+      const bool isHdr = transfer != AVCOL_TRC_BT2020_10;
+      if (!isHdr && light[0] > kWhite) {
+        continue;
+      }
+      Triple signal;
+      for (std::size_t i = 0; i < 3; ++i) {
+        const double scene = light[i] / kPeak * std::pow(Luminance(light) / kPeak, 1 / 1.2 - 1);
+        signal[i] = transfer == AVCOL_TRC_SMPTE2084      ? Pq(light[i])
+                    : transfer == AVCOL_TRC_ARIB_STD_B67 ? Hlg(scene)
+                                                         : std::pow(light[i] / kWhite, 1 / 2.4);
+      }
+      const double y = Luminance(signal);
+      const Triple yuv{16 + 219 * y, 128 + 224 * (signal[2] - y) / 1.8814,
+                       128 + 224 * (signal[0] - y) / 1.4746};
+      for (const int size : {32, 48}) {
+        ffmpeg::Frame frame = MakeTenBits(size, size, yuv);
+        frame->color_trc = static_cast<AVColorTransferCharacteristic>(transfer);
+        frame->color_primaries = AVCOL_PRI_BT2020;
+        frame->colorspace = AVCOL_SPC_BT2020_NCL;
+        const bool isGrey = light[0] == light[1] && light[1] == light[2];
+        SCOPED_TRACE(testing::PrintToString(light) + " by " + std::to_string(transfer));
+        ExpectColour(Shown(converter, settings, std::move(frame), start += kFrame).At(16, 16),
+                     OnTheWall(light, isHdr),
+                     !isHdr   ? 2
+                     : isGrey ? 5
+                              : 8);
       }
     }
+    // In between, something that is for the wall as it is.
+    ExpectColour(Shown(converter, settings, MakeFrame(32, 32, kGreen), start += kFrame).At(16, 16),
+                 kGreen);
   }
-  ExpectColour(Shown(converter, settings, std::move(frame), kFrame).At(16, 16), kGreen);
 }
 
 // Two fields of a bar that moves: the one field has it left, the other right.

@@ -104,11 +104,28 @@ TEST(FitPicture, LeavesNoBarsOfAPixelOrTwoAndNeverVanishes) {
   EXPECT_EQ(line.y % 2, 0);
 }
 
-TEST(Units, FramesOfAFractionalRateDoNotDriftOverADay) {
-  const Ratio rate{30000, 1001};
-  EXPECT_EQ(FrameStart(30000 * std::int64_t{86}, rate), 1001 * std::int64_t{86} * kSecond);
+TEST(Units, FramesOfAnyRateDoNotDriftOverTenYears) {
   EXPECT_EQ(FrameDuration({25, 1}), 400'000);
-  EXPECT_EQ(FrameDuration(rate), 333'667);
+  EXPECT_EQ(FrameDuration({30000, 1001}), 333'667);
+  constexpr std::int64_t kYears = 10 * 365 * 24 * std::int64_t{3600};  // seconds
+  for (const Ratio rate : {Ratio{25, 1}, Ratio{50, 1}, Ratio{60, 1}, Ratio{24000, 1001},
+                           Ratio{30000, 1001}, Ratio{60000, 1001}, Ratio{120000, 1001}}) {
+    const std::int64_t frame = kYears / rate.den * rate.num;
+    const Time start = FrameStart(frame, rate);
+    EXPECT_EQ(start, kYears / rate.den * rate.den * kSecond) << rate.num;
+    for (const std::int64_t near : {frame - 1, frame, frame + 1, -frame}) {
+      const Time begins = FrameStart(near, rate);
+      EXPECT_EQ(FrameAt(begins, rate), near) << rate.num;
+      EXPECT_EQ(FrameAt(begins - 1, rate), near - 1) << rate.num;
+      EXPECT_EQ(NearestFrame(begins + 1000, rate), near) << rate.num;
+    }
+    RateLimiter limiter(rate);
+    int passed = 0;
+    for (int i = 0; i < 100; ++i) {
+      passed += limiter.Pass(FrameStart(2 * frame + i, {2 * rate.num, rate.den})) ? 1 : 0;
+    }
+    EXPECT_NEAR(passed, 50, 3) << rate.num;
+  }
 }
 
 TEST(Units, PixelAspectFollowsFromCanvasAndDisplayAspect) {

@@ -55,6 +55,9 @@ TEST(SourceClock, UndoesAWrapExactlyAndWithoutAFlag) {
     EXPECT_EQ(mapped.pts, (i + 1) * kFrame);
     EXPECT_FALSE(mapped.discontinuity);
   }
+  // Another stream that begins before the wrap, or after it.
+  EXPECT_EQ(clock.Map(clock.AddStream(kPeriod), At(kPeriod - kFrame)).dts, 2 * kFrame);
+  EXPECT_EQ(clock.Map(clock.AddStream(kPeriod), At(kFrame)).dts, 4 * kFrame);
 }
 
 // A short clip that is sent again and again: the leaps are smaller than streams may lie apart.
@@ -189,6 +192,30 @@ TEST(SourceClock, KeepsAGapThatAllStreamsHaveAndOneThatASingleOneHasBesideTheOth
   }
   clock.Map(audio, At(9 * kSecond));
   EXPECT_EQ(clock.Map(audio, At(9 * kSecond + kFrame)).dts, 9 * kSecond + kFrame);
+}
+
+// A sender that is replaced by one without audio, and that by one with audio; a mute in between.
+TEST(SourceClock, AudioThatWasAwayComesBackBesideItsVideo) {
+  SourceClock clock(10 * kSecond);
+  const auto video = clock.AddStream(0);
+  const auto audio = clock.AddStream(0);
+  int frame = 0;
+  const auto run = [&](Time base, int frames, bool hasAudio) {
+    Time apart = 0;
+    for (int i = 0; i < frames; ++i, ++frame) {
+      const Time picture = clock.Map(video, At(base + i * kFrame)).dts;
+      if (hasAudio) {
+        const Time sound = clock.Map(audio, At(base + i * kFrame)).dts;
+        apart = i >= 5 ? std::max(apart, std::abs(picture - sound)) : 0;
+      }
+    }
+    return apart;
+  };
+  EXPECT_EQ(run(0, 100, true), 0);
+  run(5000 * kSecond, 500, false);
+  EXPECT_LE(run(2000 * kSecond, 100, true), SourceClock::kBackLimit);
+  run(2000 * kSecond + 100 * kFrame, 300, false);
+  EXPECT_LE(run(2000 * kSecond + 400 * kFrame, 100, true), SourceClock::kBackLimit);
 }
 
 TEST(SourceClock, FollowsAGapAndASlowRhythmOnceTheyAreBorneOut) {

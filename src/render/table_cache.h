@@ -11,7 +11,7 @@
 // been asked for during the last kKeep requests go when a new one is made; nothing is allocated
 // while the numbers stay the same. Owned by what draws with the tables; one thread at a time.
 template <typename Table, std::size_t kNumbers>
-class TableShelf {
+class TableCache {
  public:
   using Key = std::array<std::int32_t, kNumbers>;
   static constexpr std::uint64_t kKeep = 1024;

@@ -1,0 +1,156 @@
+#include "host/channel/source_session.h"
+
+extern "C" {
+#include <libavutil/frame.h>
+}
+
+#include <utility>
+
+namespace host {
+namespace {
+
+// Longer than any decoder holds audio back.
+constexpr Time kUndecodable = kSecond;
+
+ItemPlacer::Settings PlacerSettings(const SourceSession::Settings& settings,
+                                    const MediaInfo& info) {
+  ItemPlacer::Settings placer;
+  placer.pace = info.pace;
+  placer.hasVideo = info.video.has_value();
+  placer.hasAudio = info.audio.has_value();
+  placer.mergeWindow = settings.mergeWindow;
+  placer.frameRate = settings.picture.canvasRate;
+  placer.now = settings.now;
+  return placer;
+}
+
+PictureConverter::Settings ConverterSettings(const SourceSession::Settings& settings,
+                                             const MediaInfo& info) {
+  PictureConverter::Settings picture = settings.picture;
+  picture.rotation = info.video.has_value() ? info.video->rotation : 0;
+  return picture;
+}
+
+}  // namespace
+
+SourceSession::SourceSession(const Settings& settings, const MediaReader& reader, FeedPin& videoPin,
+                             ChannelQueue& queue)
+    : settings_(settings),
+      reader_(reader),
+      videoPin_(videoPin),
+      placer_(PlacerSettings(settings, reader.info()), queue),
+      audioSink_([this](AudioPacket packet) {
+        const Time start = packet.start;
+        const Time duration = packet.duration;
+        return placer_.Add(start, duration, std::move(packet));
+      }),
+      converter_(ConverterSettings(settings, reader.info())),
+      pictureMeter_(settings.pictureMeter),
+      meter_(settings.meter) {
+  if (settings_.audioTrack) {
+    audio_.emplace(settings_.audioTrack, settings_.audioLanguage, settings_.audioChanged);
+    audio_->Announce(reader.audioParameters(),
+                     reader.info().audio ? &*reader.info().audio : nullptr);
+  }
+}
+
+bool SourceSession::Handle(MediaItem item) {
+  if (auto* const picture = std::get_if<VideoPicture>(&item)) {
+    Count(true, picture->discontinuity);
+    converter_.Push(std::move(*picture));
+    return DrainConverter();
+  }
+  if (auto* const packet = std::get_if<AudioPacket>(&item)) {
+    Count(false, packet->discontinuity);
+    if (!NoteUndecoded(packet->start)) {
+      return false;
+    }
+    return !audio_ || audio_->Take(std::move(*packet), *reader_.audioParameters(),
+                                   *reader_.info().audio, audioSink_);
+  }
+  if (auto* const samples = std::get_if<AudioSamples>(&item)) {
+    const AVFrame& frame = *samples->frame;
+    if (!NoteDecoded(samples->start)) {
+      return false;
+    }
+    meter_.Push(
+        planes_.Convert(frame), frame.nb_samples, frame.sample_rate, samples->start,
+        [this](const LevelMeter::Reading& reading) { open_ = AddReading(reading) && open_; });
+    return (!audio_ || audio_->Take(*samples, audioSink_)) && open_;
+  }
+  return true;
+}
+
+bool SourceSession::NoteUndecoded(Time start) {
+  undecodedSince_ = undecodedSince_.value_or(start);
+  return start - *undecodedSince_ < kUndecodable || isUndecodable_ ||
+         NoteAudio(start, AudioAbsence::kUndecodable, "it cannot be decoded");
+}
+
+bool SourceSession::NoteDecoded(Time start) {
+  undecodedSince_.reset();
+  return !isUndecodable_ || NoteAudio(start, AudioAbsence::kNone, {});
+}
+
+bool SourceSession::NoteAudio(Time start, AudioAbsence absence, const std::string& reason) {
+  const std::optional<Time> placed = placer_.PlaceOfAudio(start);
+  if (!placed.has_value()) {
+    return true;  // next time
+  }
+  isUndecodable_ = absence == AudioAbsence::kUndecodable;
+  SourceNews news;
+  news.kind = SourceNews::Kind::kAudio;
+  news.audioAbsence = absence;
+  news.audioReason = reason;
+  return placer_.AddNews(*placed, std::move(news));
+}
+
+bool SourceSession::Finish() {
+  converter_.Finish();
+  if (!DrainConverter()) {
+    return false;
+  }
+  meter_.Finish([this](const LevelMeter::Reading& reading) { AddReading(reading); });
+  if (audio_ && !audio_->Finish(audioSink_)) {
+    return false;
+  }
+  return placer_.Finish();
+}
+
+void SourceSession::Count(bool isFrame, bool isDiscontinuity) {
+  if (settings_.logger != nullptr && isFrame) {
+    settings_.logger->IncrementDecodedPictures();
+  }
+  if (settings_.logger != nullptr && isDiscontinuity) {
+    settings_.logger->IncrementTsDiscontinuity();
+  }
+}
+
+bool SourceSession::DrainConverter() {
+  while (const PictureConverter::PictureTimes* const next = converter_.Next()) {
+    const PictureConverter::PictureTimes times = *next;
+    // The wait for a buffer, which a slow wall makes long, counts as lateness of the frame: it is
+    // placed afterwards.
+    const ComPtr<IMediaSample> sample = videoPin_.NewSample(0, times.duration, true);
+    BYTE* buffer = nullptr;
+    if (!sample || FAILED(sample->GetPointer(&buffer))) {
+      return false;
+    }
+    converter_.Write({buffer, converter_.bufferSize()});
+    sample->SetActualDataLength(static_cast<LONG>(converter_.bufferSize()));
+    sample->SetSyncPoint(TRUE);
+    const PictureCondition condition =
+        pictureMeter_.Measure(buffer, settings_.picture.width, settings_.picture.height);
+    if (!placer_.Add(times.start, times.duration, times.discontinuity,
+                     ReadyPicture{sample, condition})) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool SourceSession::AddReading(const LevelMeter::Reading& reading) {
+  return placer_.Add(reading.start, reading.duration, ReadyLevels{reading.levels, reading.loudest});
+}
+
+}  // namespace host

@@ -1,0 +1,79 @@
+// SourceSession: one opening of a channel's source, from its first item to its last.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "host/channel/item_placer.h"
+#include "host/channel/picture/picture_converter.h"
+#include "host/channel/picture/picture_meter.h"
+#include "host/channel/sound/audio_road.h"
+#include "host/channel/sound/level_meter.h"
+#include "host/channel/sound/sample_planes.h"
+#include "host/channel/source/media_reader.h"
+#include "host/graph/feed_pin.h"
+#include "log/i_log_perf.h"
+
+namespace host {
+
+// Converts frames into the buffers of the video pin, measures frames and audio, brings compressed
+// audio into the form of the channel's track, and has everything placed and queued (ItemPlacer).
+//
+// Owned and called by the channel's reader thread.
+class SourceSession {
+ public:
+  struct Settings {
+    PictureConverter::Settings picture;
+    LevelMeter::Settings meter;
+    PictureMeter::Settings pictureMeter;
+    Time mergeWindow = 3 * kSecond / 2;  // see ItemPlacer
+    std::string audioLanguage;           // of the track, where the source does not say
+    // The wall's time, which live sources are fitted to; null: sources start at 0.
+    std::function<Time()> now;
+    // Counts frames and discontinuities; not owned, may be null.
+    qorp::log::ILogPerf* logger = nullptr;
+    // The channel's track in the outputs; null: compressed audio does not leave the channel.
+    std::shared_ptr<AudioTrack> audioTrack;
+    // What becomes of the audio on its way to the outputs, as a sentence; may be null.
+    std::function<void(const std::string&)> audioChanged;
+  };
+
+  // reader is open, and outlives the session, as do the pin and the queue.
+  SourceSession(const Settings& settings, const MediaReader& reader, FeedPin& videoPin,
+                ChannelQueue& queue);
+
+  // The next item of the reader, but for its end. False once the queue is closed.
+  bool Handle(MediaItem item);
+  // Hands on what converters, meters and encoders still hold.
+  bool Finish();
+
+  const ItemPlacer& placer() const { return placer_; }
+  ItemPlacer& placer() { return placer_; }
+
+ private:
+  void Count(bool isFrame, bool isDiscontinuity);
+  bool DrainConverter();
+  bool AddReading(const LevelMeter::Reading& reading);
+  // Packets come, but no samples of them, or samples again. Both false once the queue is closed.
+  bool NoteUndecoded(Time start);
+  bool NoteDecoded(Time start);
+  bool NoteAudio(Time start, AudioAbsence absence, const std::string& reason);
+
+  const Settings& settings_;
+  const MediaReader& reader_;
+  FeedPin& videoPin_;
+  ItemPlacer placer_;
+  std::optional<AudioRoad> audio_;
+  const AudioRoad::Sink audioSink_;
+  PictureConverter converter_;
+  PictureMeter pictureMeter_;
+  SamplePlanes planes_;
+  LevelMeter meter_;
+  std::optional<Time> undecodedSince_;  // start of the first packet after the latest samples
+  bool isUndecodable_ = false;
+  bool open_ = true;  // the queue is
+};
+
+}  // namespace host

@@ -1,0 +1,65 @@
+#include "log/recovering_logfile_sink.h"
+
+#include <filesystem>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+#include "platform/os/files.h"
+
+namespace qorp::log {
+
+recovering_logfile_sink::recovering_logfile_sink(const LogFileOptions& options, Report report)
+    : sink_(options), report_(std::move(report)) {}
+
+void recovering_logfile_sink::SetPath(std::string path) {
+  const std::lock_guard guard(lock_);
+  path_ = path;
+  sink_.SetPath(std::move(path));
+}
+
+void recovering_logfile_sink::Write(std::int32_t level, const LogTime& time, const char* text) {
+  std::string message;
+  try {
+    sink_.Write(level, time, text);
+    return;
+  } catch (const std::invalid_argument& error) {
+    message = MoveAside(error.what());
+  } catch (const std::out_of_range& error) {
+    message = MoveAside(error.what());
+  }
+  try {
+    sink_.Write(level, time, text);
+  } catch (const std::logic_error&) {
+    // It could not be moved; the message says so.
+  }
+  ReportOnce(message);
+}
+
+// What to say of it.
+std::string recovering_logfile_sink::MoveAside(const std::string& reason) {
+  std::string path;
+  {
+    const std::lock_guard guard(lock_);
+    path = os::NativePath(path_);
+  }
+  std::string target;
+  std::error_code failure;
+  for (int number = 1; target.empty() || std::filesystem::exists(target, failure); ++number) {
+    target = path + ".damaged-" + std::to_string(number);
+  }
+  failure.clear();
+  std::filesystem::rename(path, target, failure);
+  const std::string cause = "the log file " + path + " cannot be continued (" + reason + ")";
+  return failure ? cause + " nor moved aside (" + failure.message() +
+                       "): nothing is written to it; remove it or name another file"
+                 : cause + ": it was moved to " + target + ", and a new one was begun";
+}
+
+void recovering_logfile_sink::ReportOnce(const std::string& message) {
+  if (std::exchange(lastReported_, message) != message) {
+    report_(message);
+  }
+}
+
+}  // namespace qorp::log

@@ -1,0 +1,43 @@
+// recovering_logfile_sink: a log file sink that continues in a new file when it cannot continue in
+// the old one.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "log/i_log_sink.h"
+#include "log/logfile_sink.h"
+
+namespace qorp::log {
+
+// A log file sink throws when the numbers in the file that it opens are none. That need not be
+// damage: where the oldest line is partly overwritten, its rest may look like a line. The sink of a
+// program moves such a file aside, under the name "wall.log.damaged-1" or the next number that is
+// free, and writes the line into a new file.
+//
+// Owned by the host; the logger's worker writes, any thread may set the path.
+class recovering_logfile_sink final : public ILogSink {
+ public:
+  // What has happened to the file, once for each time. Called on the writing thread.
+  using Report = std::function<void(const std::string& message)>;
+
+  // Throws std::invalid_argument for a size below 0.
+  recovering_logfile_sink(const LogFileOptions& options, Report report);
+
+  // As in logfile_sink.
+  void SetPath(std::string path);
+  void Write(std::int32_t level, const LogTime& time, const char* text) override;
+  const logfile_sink& sink() const { return sink_; }
+
+ private:
+  std::string MoveAside(const std::string& reason);
+  void ReportOnce(const std::string& message);
+
+  logfile_sink sink_;
+  const Report report_;
+  std::mutex lock_;
+  std::string path_;          // guarded by lock_
+  std::string lastReported_;  // used by the writing thread
+};
+
+}  // namespace qorp::log

@@ -1,0 +1,209 @@
+#include "tools/simulation/scenario.h"
+
+#include <algorithm>
+#include <cstdio>
+
+namespace simulation {
+
+namespace {
+
+using host::kMillisecond;
+using host::kSecond;
+using Kind = Fault::Kind;
+
+constexpr Time kTransportStreamPeriod = (std::int64_t{1} << 33) * 1000 / 9;
+
+const char* NameOf(Kind kind) {
+  switch (kind) {
+    case Kind::kStall:
+      return "stall";
+    case Kind::kPause:
+      return "pause";
+    case Kind::kRestart:
+      return "restart";
+    case Kind::kReplaced:
+      return "replaced by a sender without audio";
+    case Kind::kJump:
+      return "jump";
+    case Kind::kAudioAway:
+      return "audio away";
+    case Kind::kVideoAway:
+      return "video away";
+    case Kind::kDamage:
+      return "damaged timestamp";
+    case Kind::kLoss:
+      return "loss";
+    case Kind::kReopened:
+      return "reopened";
+    case Kind::kHidden:
+      return "hidden";
+    case Kind::kStarved:
+      return "starved";
+  }
+  return "";
+}
+
+Fault MakeFault(Dice& dice, const SourceModel& source) {
+  static const std::vector<Kind> kPushed{Kind::kStall,     Kind::kPause,   Kind::kRestart,
+                                         Kind::kReplaced,  Kind::kJump,    Kind::kAudioAway,
+                                         Kind::kVideoAway, Kind::kDamage,  Kind::kLoss,
+                                         Kind::kReopened,  Kind::kStarved, Kind::kHidden};
+  static const std::vector<Kind> kPulled{Kind::kStall, Kind::kPause, Kind::kAudioAway,
+                                         Kind::kReopened, Kind::kStarved};
+  Fault fault;
+  fault.kind = dice.Of(source.pace == host::Pace::kPushed ? kPushed : kPulled);
+  switch (fault.kind) {
+    case Kind::kStall:
+    case Kind::kPause:
+    case Kind::kRestart:
+    case Kind::kVideoAway:
+    case Kind::kReopened:
+    case Kind::kHidden:
+      fault.length = dice.Between(100, 9000) * kMillisecond;
+      break;
+    case Kind::kReplaced:
+    case Kind::kAudioAway:
+      fault.length = dice.Between(100, 30'000) * kMillisecond;
+      break;
+    case Kind::kLoss:
+      fault.length = dice.Between(100, 3000) * kMillisecond;
+      break;
+    case Kind::kStarved:
+      fault.length = dice.Between(20, 1500) * kMillisecond;
+      break;
+    case Kind::kJump:
+      fault.amount = dice.Between(-40'000, 40'000) * kMillisecond;
+      break;
+    case Kind::kDamage:
+      fault.amount = dice.Between(0, 32);
+      break;
+  }
+  return fault;
+}
+
+SourceModel MakeSource(Dice& dice, Time begin, Time length) {
+  static const std::vector<Ratio> kRates{{25, 1},       {25, 1}, {50, 1}, {30000, 1001},
+                                         {60000, 1001}, {30, 1}, {10, 1}, {24, 1},
+                                         {1, 1},        {15, 1}, {60, 1}};
+  struct Audio {
+    int rate;
+    int samples;
+  };
+  static const std::vector<Audio> kAudio{
+      {48'000, 1024}, {48'000, 1152}, {48'000, 1536}, {44'100, 1024}, {32'000, 1152}};
+  SourceModel source;
+  source.pace = dice.OneIn(5) ? host::Pace::kPulled : host::Pace::kPushed;
+  source.frameRate = dice.Of(kRates);
+  source.reorder = static_cast<int>(dice.Between(0, 3));
+  if (source.frameRate.value() < 10) {
+    source.reorder = 0;  // reordering would take seconds
+  }
+  source.audio = !dice.OneIn(8);
+  const Audio audio = dice.Of(kAudio);
+  source.sampleRate = audio.rate;
+  source.samplesPerPacket = audio.samples;
+  source.wrapPeriod = source.pace == host::Pace::kPushed ? kTransportStreamPeriod : 0;
+  source.firstTimestamp = dice.Between(0, kTransportStreamPeriod / 2);
+  if (source.wrapPeriod > 0 && dice.OneIn(3)) {
+    source.firstTimestamp = source.wrapPeriod - dice.Between(0, length);
+  }
+  if (dice.OneIn(10)) {
+    source.divergence = dice.Between(-30'000, 30'000) * kMillisecond;
+  }
+  // Each of these alone uses up most of the room that a wall has for a source.
+  switch (dice.Between(0, 4)) {
+    case 0:
+      source.burst = dice.Between(100, 1300) * kMillisecond;
+      break;
+    case 1:
+      source.audioSkew = dice.Between(-900, 900) * kMillisecond;
+      break;
+    case 2:
+      source.jitter = dice.Between(1, 300) * kMillisecond;
+      break;
+    default:
+      break;
+  }
+  if (dice.OneIn(2)) {
+    const std::int64_t worst = dice.OneIn(5) ? 10'000 : 200;
+    source.drift = static_cast<double>(dice.Between(-worst, worst));
+  }
+  if (!dice.OneIn(3)) {
+    for (Time at = dice.Between(20'000, 60'000) * kMillisecond; at < length - 20 * kSecond;) {
+      Fault fault = MakeFault(dice, source);
+      fault.at = begin + at;
+      source.faults.push_back(fault);
+      at += fault.length + dice.Between(3'000, 120'000) * kMillisecond;
+    }
+  }
+  return source;
+}
+
+std::string Seconds(Time time) {
+  char text[32];
+  std::snprintf(text, sizeof(text), "%.3f s", static_cast<double>(time) / kSecond);
+  return text;
+}
+
+}  // namespace
+
+Scenario MakeScenario(std::uint64_t seed, Time length) {
+  static const std::vector<Ratio> kCanvasRates{{25, 1}, {25, 1}, {30000, 1001}, {50, 1}};
+  Dice dice(seed);
+  Scenario scenario;
+  scenario.seed = seed;
+  scenario.length = length;
+  scenario.canvasRate = dice.Of(kCanvasRates);
+  if (dice.OneIn(4)) {
+    scenario.begin = dice.Between(0, 10 * 365 * 24 * std::int64_t{3600}) * kSecond;
+  }
+  const std::int64_t sources = dice.Between(2, 4);
+  for (std::int64_t i = 0; i < sources; ++i) {
+    scenario.sources.push_back(MakeSource(dice, scenario.begin, length));
+  }
+  scenario.outputs.push_back({static_cast<int>(dice.Between(0, 40)), {}});
+  OutputModel slow{static_cast<int>(dice.Between(0, 40)), {}};
+  for (Time at = dice.Between(10, 100) * kSecond; at < length;
+       at += dice.Between(20, 300) * kSecond) {
+    slow.stalls.push_back({Kind::kStall, scenario.begin + at, dice.Between(1, 30) * kSecond, 0});
+    at += slow.stalls.back().length;
+  }
+  scenario.outputs.push_back(slow);
+  return scenario;
+}
+
+std::string Describe(const Scenario& scenario) {
+  std::string text = "seed " + std::to_string(scenario.seed) + ": " + Seconds(scenario.length) +
+                     " from " + Seconds(scenario.begin) + " on, at " +
+                     std::to_string(scenario.canvasRate.num) + "/" +
+                     std::to_string(scenario.canvasRate.den) + "\n";
+  for (std::size_t i = 0; i < scenario.sources.size(); ++i) {
+    const SourceModel& source = scenario.sources[i];
+    text += "  source " + std::to_string(i) +
+            (source.pace == host::Pace::kPushed ? ", pushed" : ", pulled") + ", " +
+            std::to_string(source.frameRate.num) + "/" + std::to_string(source.frameRate.den) +
+            " frames, reorder " + std::to_string(source.reorder);
+    if (source.audio) {
+      text += ", audio " + std::to_string(source.sampleRate) + "/" +
+              std::to_string(source.samplesPerPacket) + " muxed " + Seconds(source.audioSkew) +
+              " late, wrong by " + Seconds(source.divergence);
+    }
+    text += ", bursts " + Seconds(source.burst) + ", jitter " + Seconds(source.jitter) +
+            ", drift " + std::to_string(static_cast<int>(source.drift)) + " ppm, from " +
+            Seconds(source.firstTimestamp) + "\n";
+    for (const Fault& fault : source.faults) {
+      text += "    " + Seconds(fault.at) + ": " + NameOf(fault.kind) + " " + Seconds(fault.length) +
+              " (" + std::to_string(fault.amount) + ")\n";
+    }
+  }
+  for (const OutputModel& output : scenario.outputs) {
+    text += "  output, encoder delay " + std::to_string(output.encoderDelay);
+    for (const Fault& stall : output.stalls) {
+      text += ", stalls at " + Seconds(stall.at) + " for " + Seconds(stall.length);
+    }
+    text += "\n";
+  }
+  return text;
+}
+
+}  // namespace simulation

@@ -1,0 +1,31 @@
+// A wall in simulated time: real composer, real channels but for their decoders, real queues.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tools/simulation/scenario.h"
+
+namespace simulation {
+
+struct Result {
+  std::vector<std::string> violations;
+  std::vector<std::uint64_t> digests;  // of what each channel showed and sounded like
+  std::uint64_t frames = 0;            // composed
+};
+
+// Runs a scenario from begin to end, always in the same way. alone: the other channels' sources are
+// never there.
+Result Run(const Scenario& scenario, const std::string& composerLibrary,
+           std::optional<std::size_t> alone = std::nullopt);
+
+// Runs a scenario, and one of its channels once more alone: what happens to the others must change
+// nothing of it.
+std::vector<std::string> Violations(const Scenario& scenario, const std::string& composerLibrary);
+
+// The smallest scenario that still violates something, by leaving out what is not needed for it.
+Scenario Shrink(Scenario scenario, const std::string& composerLibrary);
+
+}  // namespace simulation
