@@ -46,7 +46,7 @@ class LabelTest : public e2e::WallTest {
   std::vector<std::uint8_t> FrameOf(const host::wall::Label& label) {
     TestWall wall(kWidth, kHeight);
     AddChannel(wall, label);
-    return wall.Render().at(kSecond / 400000 + 20).pixels;
+    return wall.Render().at(20).pixels;
   }
   Rows RowsOf(const std::string& text) {
     return LabelRows(FrameOf({Source::kText, text, {}}).data());

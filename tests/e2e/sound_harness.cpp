@@ -165,6 +165,26 @@ std::vector<host::Time> FindClicks(const std::filesystem::path& file, std::size_
   }
 }
 
+Demuxed Demux(const std::filesystem::path& file) {
+  AVFormatContext* context = nullptr;
+  Demuxed streams;
+  if (avformat_open_input(&context, file.c_str(), nullptr, nullptr) < 0) {
+    return streams;
+  }
+  const host::ffmpeg::InputFormat input(context);
+  avformat_find_stream_info(context, nullptr);
+  streams.resize(context->nb_streams);
+  const host::ffmpeg::Packet packet = host::ffmpeg::MakePacket();
+  while (av_read_frame(context, packet.get()) >= 0) {
+    const AVStream& stream = *context->streams[packet->stream_index];
+    streams[static_cast<std::size_t>(packet->stream_index)].push_back(
+        {av_rescale_q(packet->pts, stream.time_base, host::ffmpeg::kTimeUnit),
+         {packet->data, packet->data + packet->size}});
+    av_packet_unref(packet.get());
+  }
+  return streams;
+}
+
 std::string DecodeWhole(const std::filesystem::path& file) {
   const std::string command =
       "ffmpeg -nostdin -v error -xerror -i '" + file.string() + "' -map 0 -f null - 2>&1";

@@ -41,6 +41,15 @@ std::vector<std::vector<host::Time>> FindFlashes(const std::filesystem::path& fi
 // Moments at which the sound of a track sets in after silence.
 std::vector<host::Time> FindClicks(const std::filesystem::path& file, std::size_t track);
 
+// All packets of a file as they are in it, for each of its streams: time of presentation in units
+// of 100 ns, and bytes.
+struct RawPacket {
+  host::Time time = 0;
+  std::string bytes;
+};
+using Demuxed = std::vector<std::vector<RawPacket>>;
+Demuxed Demux(const std::filesystem::path& file);
+
 // What FFmpeg's own program says when it decodes the whole file and stops at the first error; empty
 // when it has nothing to say.
 std::string DecodeWhole(const std::filesystem::path& file);

@@ -134,9 +134,11 @@ void OutputLog::OutputFailed(const std::string& output, const std::string& reaso
   failures_.push_back(output + ": " + reason);
 }
 
-void OutputLog::OutputRecovered(const std::string& /*output*/) {
+void OutputLog::OutputOpened(const std::string& /*output*/, const std::string& target,
+                             Opening opening) {
   const std::lock_guard guard(lock_);
-  ++recoveries_;
+  recoveries_ += opening == Opening::kAgain ? 1 : 0;
+  targets_.push_back(target);
 }
 
 void OutputLog::OutputSaid(const std::string& output, const std::string& what) {
@@ -152,6 +154,11 @@ std::vector<std::string> OutputLog::failures() const {
 std::vector<std::string> OutputLog::said() const {
   const std::lock_guard guard(lock_);
   return said_;
+}
+
+std::vector<std::string> OutputLog::targets() const {
+  const std::lock_guard guard(lock_);
+  return targets_;
 }
 
 int OutputLog::recoveries() const {

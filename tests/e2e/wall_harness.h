@@ -73,17 +73,19 @@ class OutputLog final : public host::OutputObserver {
  public:
   void OutputFailed(const std::string& output, const std::string& reason,
                     std::optional<std::chrono::milliseconds> retryIn) override;
-  void OutputRecovered(const std::string& output) override;
+  void OutputOpened(const std::string& output, const std::string& target, Opening opening) override;
   void OutputSaid(const std::string& output, const std::string& what) override;
 
   std::vector<std::string> failures() const;  // "output: reason"
   std::vector<std::string> said() const;
+  std::vector<std::string> targets() const;  // files and connections, in the order of opening
   int recoveries() const;
 
  private:
   mutable std::mutex lock_;
   std::vector<std::string> failures_;
   std::vector<std::string> said_;
+  std::vector<std::string> targets_;
   int recoveries_ = 0;
 };
 

@@ -12,6 +12,13 @@ namespace host::cli {
 
 using Json = nlohmann::ordered_json;
 
+namespace {
+
+// What a reader says of a source that is audio only: nothing of it is lacking.
+constexpr const char* kNoVideo = "it has no video";
+
+}  // namespace
+
 std::string TimestampUtc() {
   const os::SystemTime now = os::CurrentSystemTime();
   char text[64];
@@ -62,16 +69,41 @@ Json ToJson(const ChannelBoard::Entry& entry) {
   return json;
 }
 
+std::string ChannelBoard::Entry::NotShown() const {
+  if (!failure.empty() || wasLive) {
+    return failure;
+  }
+  return status.reason.empty() ? "nothing came of it" : status.reason;
+}
+
+std::optional<double> LengthOf(const std::vector<ChannelBoard::Entry>& channels) {
+  std::optional<Time> longest;
+  for (const ChannelBoard::Entry& channel : channels) {
+    if (channel.opened ? !channel.length.has_value() : channel.failure.empty()) {
+      return {};
+    }
+    longest = std::max(longest, channel.length);
+  }
+  return longest ? std::optional(SecondsOf(*longest)) : std::nullopt;
+}
+
 ChannelBoard::ChannelBoard(const std::vector<wall::Channel>& channels, ChannelObserver& next,
                            JsonLines& events)
     : next_(next), events_(events) {
   for (const wall::Channel& channel : channels) {
     index_[channel.name] = entries_.size();
-    entries_.push_back({channel.name, {}, {}, {}});
+    entries_.emplace_back().name = channel.name;
   }
 }
 
 void ChannelBoard::ChannelOpened(const std::string& channel, const MediaInfo& info) {
+  {
+    const std::lock_guard guard(lock_);
+    Entry& entry = Of(channel);
+    entry.opened = true;
+    entry.length = info.length;
+    entry.failure = info.video || info.noVideoReason == kNoVideo ? "" : info.noVideoReason;
+  }
   next_.ChannelOpened(channel, info);
 }
 
@@ -81,6 +113,10 @@ void ChannelBoard::ChannelEnded(const std::string& channel) {
 
 void ChannelBoard::ChannelFailed(const std::string& channel, const std::string& reason,
                                  std::optional<std::chrono::milliseconds> retryIn) {
+  {
+    const std::lock_guard guard(lock_);
+    Of(channel).failure = reason;
+  }
   next_.ChannelFailed(channel, reason, retryIn);
 }
 
@@ -96,7 +132,9 @@ void ChannelBoard::ChannelSoundChanged(const std::string& channel, const std::st
 void ChannelBoard::ChannelChanged(const std::string& channel, const ChannelLife::Status& status) {
   {
     const std::lock_guard guard(lock_);
-    entries_[index_.at(channel)].status = status;
+    Entry& entry = Of(channel);
+    entry.status = status;
+    entry.wasLive = entry.wasLive || status.state == ChannelState::kLive;
   }
   if (events_.enabled()) {
     Json line = {{"event", "channel"}, {"time", TimestampUtc()}, {"channel", channel}};
@@ -122,7 +160,7 @@ void ChannelBoard::AudioChanged(const std::string& channel, const AudioStatus& s
 void ChannelBoard::AlarmChanged(const std::string& channel, const AlarmMonitor::Change& change) {
   {
     const std::lock_guard guard(lock_);
-    entries_[index_.at(channel)].alarms[static_cast<std::size_t>(change.kind)] = change.raised;
+    Of(channel).alarms[static_cast<std::size_t>(change.kind)] = change.raised;
   }
   if (events_.enabled()) {
     events_.Write(OneLine({{"event", "alarm"},
@@ -138,13 +176,6 @@ void ChannelBoard::AlarmChanged(const std::string& channel, const AlarmMonitor::
 std::vector<ChannelBoard::Entry> ChannelBoard::entries() const {
   const std::lock_guard guard(lock_);
   return entries_;
-}
-
-std::size_t ChannelBoard::CountIn(ChannelState state) const {
-  const std::lock_guard guard(lock_);
-  return static_cast<std::size_t>(
-      std::count_if(entries_.begin(), entries_.end(),
-                    [&](const Entry& entry) { return entry.status.state == state; }));
 }
 
 }  // namespace host::cli

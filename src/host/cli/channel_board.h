@@ -34,6 +34,14 @@ class ChannelBoard final : public ChannelObserver {
     AudioStatus audio;
     std::array<bool, kAlarmKinds> alarms{};  // by AlarmKind
     std::optional<SourceTiming> timing{};    // of a live source that is being read
+    std::optional<Time> length;              // of the source, once it is known
+    bool opened = false;
+    bool wasLive = false;
+    std::string failure;  // why the source is of no use, or was to the end; may be empty
+
+    // Why a channel whose source is not opened again was not shown, or not to its end; empty when
+    // it was.
+    std::string NotShown() const;
   };
 
   // next and events outlive the board.
@@ -52,9 +60,10 @@ class ChannelBoard final : public ChannelObserver {
 
   // In the order of the wall.
   std::vector<Entry> entries() const;
-  std::size_t CountIn(ChannelState state) const;
 
  private:
+  Entry& Of(const std::string& channel) { return entries_[index_.at(channel)]; }
+
   ChannelObserver& next_;
   JsonLines& events_;
   mutable std::mutex lock_;
@@ -62,6 +71,8 @@ class ChannelBoard final : public ChannelObserver {
   std::map<std::string, std::size_t> index_;  // of the entries, by name
 };
 
+// How long a wall of these sources is; none while a source that has not failed has no length.
+std::optional<double> LengthOf(const std::vector<ChannelBoard::Entry>& channels);
 // A channel in a status report: name, state, reason, since, audio, alarms; jitter and lead of a
 // live source in seconds, and what was left out of it.
 nlohmann::ordered_json ToJson(const ChannelBoard::Entry& entry);

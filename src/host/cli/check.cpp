@@ -6,23 +6,22 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include "host/session/wall_check.h"
+
 namespace host::cli {
 
 namespace {
 
-const char* SeverityName(wall::Diagnostic::Severity severity) {
-  return severity == wall::Diagnostic::Severity::kError ? "error" : "warning";
-}
-
-// The severity in red or yellow, the rest as it is.
+// The severity in red, yellow or cyan, the rest as it is.
 std::string Coloured(const wall::Diagnostic& diagnostic, std::string line) {
-  const bool isError = diagnostic.severity == wall::Diagnostic::Severity::kError;
-  const std::string word = std::string(SeverityName(diagnostic.severity)) + ":";
-  const std::size_t at = line.find(word);
-  return at == std::string::npos
-             ? line
-             : line.replace(at, word.size(),
-                            (isError ? "\x1b[1;31m" : "\x1b[1;33m") + word + "\x1b[0m");
+  using Severity = wall::Diagnostic::Severity;
+  const std::string word = std::string(NameOf(diagnostic.severity)) + ":";
+  const char* const colour = diagnostic.severity == Severity::kError     ? "\x1b[1;31m"
+                             : diagnostic.severity == Severity::kWarning ? "\x1b[1;33m"
+                                                                         : "\x1b[1;36m";
+  const std::size_t at = line.find(" " + word);
+  return at == std::string::npos ? line
+                                 : line.replace(at + 1, word.size(), colour + word + "\x1b[0m");
 }
 
 std::string RateText(Ratio rate) {
@@ -37,7 +36,7 @@ void PrintJson(const wall::WallFile& file, const std::string& path, std::ostream
   for (const wall::Diagnostic& diagnostic : file.diagnostics.all()) {
     report["diagnostics"].push_back({{"line", diagnostic.position.line},
                                      {"column", diagnostic.position.column},
-                                     {"severity", SeverityName(diagnostic.severity)},
+                                     {"severity", NameOf(diagnostic.severity)},
                                      {"message", diagnostic.message}});
   }
   if (file.usable()) {
@@ -63,6 +62,12 @@ void DefineCheck(CLI::App& app, CheckOptions& options) {
   app.add_flag("--json", options.json, "print the result as JSON")->envname("TAVREL_JSON");
 }
 
+wall::WallFile LoadWall(const std::filesystem::path& path) {
+  wall::WallFile file = wall::ReadWall(path);
+  CheckWall(file, path);
+  return file;
+}
+
 bool ReportWall(const wall::WallFile& file, const std::filesystem::path& path, Streams& streams) {
   for (const wall::Diagnostic& diagnostic : file.diagnostics.all()) {
     const std::string line = wall::ToText(diagnostic, path.string());
@@ -72,7 +77,8 @@ bool ReportWall(const wall::WallFile& file, const std::filesystem::path& path, S
 }
 
 ExitCode Check(const CheckOptions& options, Streams& streams) {
-  const wall::WallFile file = wall::ReadWall(options.wall);
+  wall::WallFile file = LoadWall(options.wall);
+  CheckEncoders(file);
   if (options.json) {
     PrintJson(file, options.wall.string(), streams.out);
   } else if (ReportWall(file, options.wall, streams)) {

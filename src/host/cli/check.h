@@ -18,8 +18,11 @@ void DefineCheck(CLI::App& app, CheckOptions& options);
 // Prints every mistake of the wall file, or one line that it is in order.
 ExitCode Check(const CheckOptions& options, Streams& streams);
 
-// Prints the mistakes of a wall file to the error stream; true when the wall can be used. For every
-// command that takes a wall file.
+// Reads a wall file and finds everything that is wrong with it without opening its sources and
+// outputs. For every command that takes a wall file.
+wall::WallFile LoadWall(const std::filesystem::path& path);
+
+// Prints the mistakes of a wall file to the error stream; true when the wall can be used.
 bool ReportWall(const wall::WallFile& file, const std::filesystem::path& path, Streams& streams);
 
 }  // namespace host::cli

@@ -118,7 +118,8 @@ void DefineDemo(CLI::App& app, DemoOptions& options) {
       ->envname("TAVREL_FRAME_RATE")
       ->capture_default_str()
       ->check(CheckRate);
-  app.add_flag("--json", options.json, "print the result as JSON")->envname("TAVREL_JSON");
+  app.add_flag("--json", options.json, "print the result as a line of JSON")
+      ->envname("TAVREL_JSON");
   DefineGraph(app, options.graph);
 }
 

@@ -1,5 +1,9 @@
 #include "host/cli/graph_options.h"
 
+#include <cstdlib>
+#include <functional>
+#include <string>
+
 #include <CLI/CLI.hpp>
 
 #include "host/cli/log_flags.h"
@@ -12,19 +16,45 @@ void DefineGraph(CLI::App& app, GraphOptions& options) {
   DefineLog(app, options.log);
 }
 
+namespace {
+
+constexpr double kShortest = 0.001;  // seconds
+constexpr double kLongest = 1e9;
+
+// The words of the parser's own check leave open what is wrong.
+std::function<std::string(const std::string&)> SecondsFrom(double least) {
+  return [least](const std::string& text) -> std::string {
+    char* end = nullptr;
+    const double seconds = std::strtod(text.c_str(), &end);
+    const bool isNumber = end != text.c_str() && *end == '\0';
+    if (isNumber && seconds >= least && seconds <= kLongest) {
+      return {};
+    }
+    return "must be seconds, " + std::string(least > 0 ? "more than 0" : "0 or more") + ", not " +
+           text;
+  };
+}
+
+}  // namespace
+
 void DefineRecord(CLI::App& app, RecordOptions& options) {
   app.add_option("-o,--output", options.outputs,
-                 "write the mosaic to a file or URL; may be repeated")
+                 "write the mosaic to a file, a URL or - for the standard output; may be repeated")
       ->envname("TAVREL_OUTPUT")
       ->allow_extra_args(false);
+  app.add_option("--format", options.format,
+                 "container of an --output whose name does not tell it, such as mpegts for -")
+      ->envname("TAVREL_FORMAT");
+  app.add_flag("--overwrite", options.overwrite, "replace files that exist")
+      ->envname("TAVREL_OVERWRITE");
   app.add_option("--snapshot", options.snapshot, "write a frame as a PNG file")
       ->envname("TAVREL_SNAPSHOT");
   app.add_option("--snapshot-at", options.snapshotAt, "seconds after the start [the last frame]")
       ->envname("TAVREL_SNAPSHOT_AT")
-      ->check(CLI::NonNegativeNumber);
+      ->check(SecondsFrom(0));
   app.add_option("--seconds", options.seconds, "stop after so many seconds")
       ->envname("TAVREL_SECONDS")
-      ->check(CLI::PositiveNumber);
+      ->check(SecondsFrom(kShortest));
 }
 
 }  // namespace host::cli

@@ -22,6 +22,8 @@ struct GraphOptions {
 // Where the mosaic goes.
 struct RecordOptions {
   std::vector<std::string> outputs;  // files or URLs; replace those of the wall file
+  std::string format;                // container of those whose names do not tell it
+  bool overwrite = false;            // files that exist are replaced
   std::filesystem::path snapshot;    // a PNG file; empty: none
   std::optional<double> snapshotAt;  // seconds after the start; none: the last frame
   std::optional<double> seconds;     // length of the mosaic; none: until it ends or is stopped

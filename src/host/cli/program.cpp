@@ -1,6 +1,7 @@
 #include "host/cli/program.h"
 
 #include <algorithm>
+#include <cctype>
 #include <exception>
 #include <ostream>
 
@@ -29,12 +30,31 @@ std::vector<std::string> OptionNames(const CLI::App& app) {
   return names;
 }
 
+// The parser takes "-1" for an option of its own: joined with the option before it, it is a value,
+// which can be said to be wrong.
+std::vector<std::string> WithNegativeNumbers(const std::vector<std::string>& arguments) {
+  std::vector<std::string> joined;
+  for (const std::string& argument : arguments) {
+    const bool isNegative =
+        argument.size() > 1 && argument[0] == '-' &&
+        (std::isdigit(static_cast<unsigned char>(argument[1])) != 0 || argument[1] == '.');
+    if (isNegative && !joined.empty() && joined.back().starts_with("--") &&
+        joined.back().find('=') == std::string::npos) {
+      joined.back() += "=" + argument;
+    } else {
+      joined.push_back(argument);
+    }
+  }
+  return joined;
+}
+
 }  // namespace
 
 Program::Program(Streams streams)
     : streams_(streams),
       app_(std::make_unique<CLI::App>("Composes many live channels into one picture.", "tavrel")) {
   app_->require_subcommand(1);
+  app_->set_version_flag("--version", "tavrel " TAVREL_VERSION, "print the version");
   app_->get_formatter()->column_width(34);
   app_->footer(
       "Exit codes: 0 done, 64 wrong arguments, 75 could not start, 78 mistakes in the wall file.");
@@ -63,16 +83,26 @@ ExitCode Program::Run(const std::vector<std::string>& arguments) {
     streams_.err << app_->help();
     return ExitCode::kUsage;
   }
+  if (arguments[0] == "help") {
+    std::vector<std::string> asked(arguments.begin() + 1, arguments.end());
+    asked.emplace_back("--help");
+    return Run(asked);
+  }
   if (!arguments[0].starts_with('-') &&
       std::find(names.begin(), names.end(), arguments[0]) == names.end()) {
     return UsageError("there is no command \"" + arguments[0] + "\"" +
                       Suggestion(arguments[0], names));
   }
   try {
-    app_->parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
+    std::vector<std::string> joined = WithNegativeNumbers(arguments);
+    std::reverse(joined.begin(), joined.end());
+    app_->parse(std::move(joined));
   } catch (const CLI::CallForHelp&) {
     const auto parsed = app_->get_subcommands();
     streams_.out << (parsed.empty() ? app_->help() : parsed[0]->help("tavrel"));
+    return ExitCode::kDone;
+  } catch (const CLI::CallForVersion& version) {
+    streams_.out << version.what() << "\n";
     return ExitCode::kDone;
   } catch (const CLI::ExtrasError& error) {
     const auto parsed = app_->get_subcommands();

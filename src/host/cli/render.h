@@ -13,6 +13,7 @@ struct RenderOptions {
   GraphOptions graph;
   RecordOptions record;  // at least one output or a snapshot
   bool json = false;
+  bool strict = false;  // kCouldNotStart when a channel could not be shown to its end
 };
 
 void DefineRender(CLI::App& app, RenderOptions& options);

@@ -18,12 +18,19 @@ void DefineRun(CLI::App& app, RunOptions& options) {
 }
 
 ExitCode Run(const RunOptions& options, Streams& streams) {
-  const wall::WallFile file = wall::ReadWall(options.wall);
+  const wall::WallFile file = LoadWall(options.wall);
   if (!ReportWall(file, options.wall, streams)) {
     return ExitCode::kBadWall;
   }
-  return RunWallCommand(
-      {file.wall, options.graph, options.record, true, options.json, options.events}, streams);
+  WallCommand command;
+  command.wall = file.wall;
+  command.wallFile = options.wall;
+  command.graph = options.graph;
+  command.record = options.record;
+  command.live = true;
+  command.json = options.json;
+  command.events = options.events;
+  return RunWallCommand(command, streams);
 }
 
 }  // namespace host::cli

@@ -4,7 +4,6 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -15,13 +14,14 @@
 #include <nlohmann/json.hpp>
 
 #include "host/cli/channel_board.h"
+#include "host/cli/composer_log.h"
 #include "host/cli/json_lines.h"
 #include "host/cli/message_log.h"
+#include "host/cli/output_messages.h"
+#include "host/cli/run_plan.h"
+#include "host/cli/snapshot_frame.h"
 #include "host/cli/wall_status.h"
-#include "host/ffmpeg/error.h"
-#include "host/ffmpeg/mask.h"
 #include "host/output/output_set.h"
-#include "host/output/snapshot.h"
 #include "host/session/wall_outputs.h"
 #include "host/session/wall_session.h"
 #include "platform/os/stop_signals.h"
@@ -30,92 +30,6 @@ namespace host::cli {
 namespace {
 
 using std::chrono::milliseconds;
-
-// The frame that becomes the snapshot: the last one, or the first one at or after a moment. Taken
-// on the composition thread, written by the application's.
-class SnapshotFrame {
- public:
-  explicit SnapshotFrame(std::optional<double> at) {
-    if (at.has_value()) {
-      at_ = static_cast<Time>(std::llround(*at * kSecond));
-    }
-  }
-
-  void Take(const ComPtr<IMediaSample>& frame, Time start) {
-    ComPtr<IMediaSample> former;  // released without the lock
-    const std::lock_guard guard(lock_);
-    if (!at_.has_value() || !frame_ || taken_ < *at_) {
-      former = frame_;
-      frame_ = frame;
-      taken_ = start;
-    }
-  }
-
-  // Throws when the file cannot be written; false when there never was a frame.
-  bool Write(const std::filesystem::path& file, const wall::Canvas& canvas) {
-    const std::lock_guard guard(lock_);
-    BYTE* pixels = nullptr;
-    if (!frame_ || FAILED(frame_->GetPointer(&pixels))) {
-      return false;
-    }
-    WriteSnapshot(file, {pixels, static_cast<std::size_t>(frame_->GetActualDataLength())},
-                  canvas.width, canvas.height,
-                  PixelAspect(canvas.width, canvas.height, canvas.aspect));
-    return true;
-  }
-
- private:
-  std::optional<Time> at_;
-  std::mutex lock_;
-  ComPtr<IMediaSample> frame_;  // guarded by lock_
-  Time taken_ = 0;              // guarded by lock_
-};
-
-std::vector<wall::Output> OutputsOf(const WallCommand& command) {
-  if (command.record.outputs.empty()) {
-    return command.wall.outputs;
-  }
-  std::vector<wall::Output> outputs;
-  for (const std::string& url : command.record.outputs) {
-    outputs.emplace_back();
-    outputs.back().url = url;
-  }
-  return outputs;
-}
-
-// What becomes of the outputs, as lines on the error stream. A failure is told when its reason
-// changes, not on every attempt. The outputs' threads; one lock.
-class OutputMessages final : public OutputObserver {
- public:
-  explicit OutputMessages(MessageLog& messages) : messages_(messages) {}
-
-  void OutputFailed(const std::string& output, const std::string& reason,
-                    std::optional<milliseconds> retryIn) override {
-    const std::string text = reason + (retryIn.has_value() ? "; it is tried again" : "");
-    {
-      const std::lock_guard guard(lock_);
-      if (std::exchange(said_[output], text) == text) {
-        return;
-      }
-    }
-    messages_.Say(qorp::log::kError, "output " + output + ": " + text);
-  }
-  void OutputRecovered(const std::string& output) override {
-    {
-      const std::lock_guard guard(lock_);
-      said_.erase(output);
-    }
-    messages_.Say(qorp::log::kError, "output " + output + ": open again");
-  }
-  void OutputSaid(const std::string& output, const std::string& what) override {
-    messages_.Say(qorp::log::kWarning, "output " + output + ": " + what);
-  }
-
- private:
-  MessageLog& messages_;
-  std::mutex lock_;
-  std::map<std::string, std::string> said_;  // guarded by lock_
-};
 
 std::string Seconds(double seconds) {
   char text[32];
@@ -126,10 +40,13 @@ std::string Seconds(double seconds) {
 // The wall at work, from its start to its end.
 class WallCommandRun {
  public:
-  WallCommandRun(const WallCommand& command, Streams& streams)
+  WallCommandRun(const WallCommand& command, RunPlan plan, Streams& streams)
       : command_(command),
+        record_(command.record),
         streams_(streams),
+        plan_(std::move(plan)),
         messages_(streams, FirstOf(command.graph.log, command.wall.log)),
+        composerLog_(messages_.logger()),
         lines_(streams.out, command.live && (command.json || command.events)),
         noLines_(streams.out, false),
         board_(command.wall.channels, messages_, command.events ? lines_ : noLines_),
@@ -137,8 +54,7 @@ class WallCommandRun {
         snapshot_(command.record.snapshotAt) {}
 
   ExitCode Run() {
-    const OutputSet::Settings outputs =
-        OutputsOfWall(command_.wall, OutputsOf(command_), command_.live);
+    const OutputSet::Settings outputs = OutputsOfWall(command_.wall, plan_.outputs, command_.live);
     outputs_.emplace(outputs, &outputMessages_, &messages_.logger());
     for (const OutputPass::Track& track : outputs.tracks) {
       audioTracks_.push_back(track.audio);
@@ -152,8 +68,11 @@ class WallCommandRun {
     command_.live ? RunLive(session) : RunRendering(session);
     counters_ = session.counters();
     outputs_->Finish();
-    const ExitCode code = CodeOfOutputs();
+    ExitCode code = CodeOfOutputs();
     WriteSnapshotFile();
+    if (command_.strict && ReportNotShown()) {
+      code = ExitCode::kCouldNotStart;
+    }
     if (command_.live && counters_.late + counters_.starved > 0) {
       messages_.Say(qorp::log::kWarning, std::to_string(counters_.late + counters_.starved) +
                                              " frames were skipped because they came too late");
@@ -172,11 +91,12 @@ class WallCommandRun {
     settings.composerLibrary =
         command_.graph.library.empty() ? FindComposerLibrary() : command_.graph.library.string();
     settings.logger = &messages_.logger();
+    settings.composerLogger = &composerLog_;
     settings.observer = &board_;
     settings.live = command_.live;
     settings.takeFrame = [this](const ComPtr<IMediaSample>& frame, Time start) {
       outputs_->Take(frame, start);
-      if (!command_.record.snapshot.empty()) {
+      if (!record_.snapshot.empty()) {
         snapshot_.Take(frame, start);
       }
     };
@@ -195,7 +115,7 @@ class WallCommandRun {
     double lastStatus = 0;
     while (!signals_.Requested() && !outputs_->allFailed()) {
       const Time now = session.now();
-      const Time end = command_.record.seconds.has_value() ? Length() : now + kSecond;
+      const Time end = record_.seconds.has_value() ? Length() : now + kSecond;
       if (now >= end) {
         break;
       }
@@ -205,7 +125,7 @@ class WallCommandRun {
       if (Elapsed() - lastStatus >= 1) {
         lastStatus = Elapsed();
         const WallStatus status = Status(session);
-        service.Say(status.Line(true));
+        service.Say(status.LiveLine());
         if (command_.json) {
           lines_.Write(status.JsonLine());
         }
@@ -216,7 +136,7 @@ class WallCommandRun {
 
   void RunRendering(WallSession& session) {
     WallSession::RenderControl control;
-    if (command_.record.seconds.has_value()) {
+    if (record_.seconds.has_value()) {
       control.length = Length();
     }
     control.waitForRoom = [this] {
@@ -231,9 +151,7 @@ class WallCommandRun {
     session.Render(control);
   }
 
-  Time Length() const {
-    return static_cast<Time>(std::llround(*command_.record.seconds * kSecond));
-  }
+  Time Length() const { return static_cast<Time>(std::llround(*record_.seconds * kSecond)); }
 
   double Elapsed() const {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - startedAt_).count();
@@ -247,7 +165,8 @@ class WallCommandRun {
       return;
     }
     lastProgress_ = Elapsed();
-    messages_.ShowProgress(Status(session).Line(command_.live));
+    const WallStatus status = Status(session);
+    messages_.ShowProgress(command_.live ? status.LiveLine() : status.RenderingLine());
   }
 
   WallStatus Status(WallSession& session) {
@@ -256,7 +175,8 @@ class WallCommandRun {
     status.seconds = ComposedSeconds();
     status.clock = session.now();
     status.counters = counters_;
-    for (const OutputSet::Status& output : outputs_->status()) {
+    status.outputs = outputs_->status();
+    for (const OutputSet::Status& output : status.outputs) {
       status.dropped = std::max(status.dropped, output.video.dropped + output.video.leftOut);
     }
     // Progress and status ask in turn: both shall see what is recent.
@@ -264,7 +184,26 @@ class WallCommandRun {
     timing_ = timing.frames > 0 ? timing : timing_;
     status.timing = timing_;
     status.channels = board_.entries();
+    if (!command_.live) {
+      status.elapsed = Elapsed();
+      status.total = record_.seconds ? record_.seconds : LengthOf(status.channels);
+    }
     return status;
+  }
+
+  // Channels that a strict rendering cannot do without.
+  bool ReportNotShown() {
+    bool any = false;
+    const std::vector<ChannelBoard::Entry> entries = board_.entries();
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+      const std::string reason = entries[i].NotShown();
+      if (!reason.empty() && command_.wall.channels[i].options.enabled) {
+        messages_.Say(qorp::log::kError,
+                      "channel \"" + entries[i].name + "\" could not be shown: " + reason);
+        any = true;
+      }
+    }
+    return any;
   }
 
   // A rendered output that is not whole is of no use; a live wall did its work when it reached one.
@@ -278,22 +217,34 @@ class WallCommandRun {
   }
 
   void WriteSnapshotFile() {
-    if (!command_.record.snapshot.empty() &&
-        !snapshot_.Write(command_.record.snapshot, command_.wall.canvas)) {
-      messages_.Say(qorp::log::kError, "no frame was composed: " +
-                                           command_.record.snapshot.string() + " was not written");
+    if (record_.snapshot.empty()) {
+      return;
+    }
+    const std::string file = command_.live && !record_.overwrite
+                                 ? FreeName(record_.snapshot.string())
+                                 : record_.snapshot.string();
+    if (snapshot_.Write(file, command_.wall.canvas)) {
+      snapshotFile_ = file;
+    } else {
+      messages_.Say(qorp::log::kError, "no frame was composed: " + file + " was not written");
     }
   }
 
+  // For a person; where the standard output has other readers, on the error stream.
   void PrintSummary() {
+    std::ostream& out = plan_.toStandardOutput || command_.events ? streams_.err : streams_.out;
     for (const OutputSet::Status& output : outputs_->status()) {
       if (!output.failed) {
-        streams_.out << output.name << ": " << output.video.written << " frames, "
-                     << Seconds(ComposedSeconds()) << "\n";
+        out << (output.files > 0 ? output.file : output.name) << ": " << output.video.written
+            << " frames, " << Seconds(ComposedSeconds());
+        if (output.files > 1) {
+          out << ", the last of " << output.files << " files";
+        }
+        out << "\n";
       }
     }
-    if (!command_.record.snapshot.empty()) {
-      streams_.out << command_.record.snapshot.string() << "\n";
+    if (!snapshotFile_.empty()) {
+      out << snapshotFile_ << "\n";
     }
   }
 
@@ -309,45 +260,31 @@ class WallCommandRun {
     report["late"] = counters_.late;
     report["starved"] = counters_.starved;
     report["outputs"] = nlohmann::ordered_json::array();
+    const std::vector<ChannelBoard::Entry> channels = board_.entries();
     for (const OutputSet::Status& status : outputs_->status()) {
-      nlohmann::ordered_json output = {{"url", status.name},
-                                       {"frames", status.video.written},
-                                       {"dropped", status.video.dropped + status.video.leftOut},
-                                       {"overflows", status.overflows}};
-      if (!status.failure.empty()) {
-        output["failure"] = status.failure;
-      }
-      for (std::size_t i = 0; i < status.audio.size(); ++i) {
-        const OutputSet::TrackStatus& audio = status.audio[i];
-        output["audio"].push_back({{"channel", command_.wall.channels[i].name},
-                                   {"packets", audio.written},
-                                   {"dropped", audio.dropped},
-                                   {"left_out", audio.leftOut}});
-      }
-      report["outputs"].push_back(output);
+      report["outputs"].push_back(ToJson(status, channels));
     }
     report["channels"] = nlohmann::ordered_json::array();
-    for (const ChannelBoard::Entry& entry : board_.entries()) {
+    for (const ChannelBoard::Entry& entry : channels) {
       report["channels"].push_back(ToJson(entry));
     }
-    if (command_.live) {
-      streams_.out << OneLine(report) << "\n";
-      return;
-    }
-    streams_.out << report.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace)
-                 << "\n";
+    streams_.out << OneLine(report) << "\n";
   }
 
   const WallCommand& command_;
+  const RecordOptions& record_;
   Streams& streams_;
+  const RunPlan plan_;
   os::StopSignals signals_;
   MessageLog messages_;
+  ComposerLog composerLog_;
   JsonLines lines_;
   JsonLines noLines_;
   ChannelBoard board_;
   OutputMessages outputMessages_;
   std::optional<OutputSet> outputs_;
   SnapshotFrame snapshot_;
+  std::string snapshotFile_;                              // that was written
   std::vector<std::shared_ptr<AudioTrack>> audioTracks_;  // null: the channel's sound is off
   std::chrono::steady_clock::time_point startedAt_;
   double lastProgress_ = -1;
@@ -358,11 +295,20 @@ class WallCommandRun {
 }  // namespace
 
 ExitCode RunWallCommand(const WallCommand& command, Streams& streams) {
-  if (!command.live && OutputsOf(command).empty() && command.record.snapshot.empty()) {
-    streams.err << "nothing to write: name a file with --output or --snapshot\n";
+  RunPlan plan = PlanRun(command);
+  if (!command.live && plan.outputs.empty() && command.record.snapshot.empty()) {
+    plan.mistakes.emplace_back("nothing to write: name a file with --output or --snapshot");
+  }
+  for (const std::string& remark : plan.remarks) {
+    streams.err << "tavrel: " << remark << "\n";
+  }
+  for (const std::string& mistake : plan.mistakes) {
+    streams.err << "tavrel: " << mistake << "\n";
+  }
+  if (!plan.mistakes.empty()) {
     return ExitCode::kUsage;
   }
-  return WallCommandRun(command, streams).Run();
+  return WallCommandRun(command, std::move(plan), streams).Run();
 }
 
 }  // namespace host::cli

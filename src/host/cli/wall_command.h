@@ -1,6 +1,7 @@
 // What run, render and demo have in common: a wall at work, its outputs, its end.
 #pragma once
 
+#include <filesystem>
 #include <string>
 
 #include "host/cli/graph_options.h"
@@ -14,13 +15,16 @@ struct WallCommand {
   GraphOptions graph;
   RecordOptions record;
   bool live = false;
-  bool json = false;    // the result; live also the status, every second
-  bool events = false;  // changes of channels and alarms, as lines of JSON
+  bool json = false;                 // the result; live also the status, every second
+  bool events = false;               // changes of channels and alarms, as lines of JSON
+  bool strict = false;               // a channel that could not be shown is a failure
+  std::filesystem::path wallFile{};  // that the wall comes from; empty: none
 };
 
 // Records the wall as the options say, until it ends, its time is over or somebody stops it, and
-// prints what was written. kCouldNotStart when an output or the composer is not to be had; a
-// channel that cannot be used is told and does not stop the wall.
+// prints what was written. kUsage when the arguments do not go together with the wall or with files
+// that exist: then nothing was opened. kCouldNotStart when an output or the composer is not to be
+// had; a channel that cannot be used is reported and does not stop the wall.
 ExitCode RunWallCommand(const WallCommand& command, Streams& streams);
 
 }  // namespace host::cli

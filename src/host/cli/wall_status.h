@@ -3,10 +3,12 @@
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "host/cli/channel_board.h"
+#include "host/output/output_set.h"
 #include "host/session/wall_session.h"
 #include "platform/os/service_notifier.h"
 
@@ -19,15 +21,24 @@ struct WallStatus {
   std::uint64_t dropped = 0;  // frames that the slowest output has given up
   FrameWatch::Timing timing;  // of composing, since the status before
   std::vector<ChannelBoard::Entry> channels;
+  std::vector<OutputSet::Status> outputs;
+  double elapsed = 0;           // seconds that a rendering has taken
+  std::optional<double> total;  // seconds that it makes, where that is known
 
-  // "12.0 s, 300 frames, channels: 8 live, 1 held, 0 lost; late 0, dropped 0; composed in 3.1 ms"
-  std::string Line(bool live) const;
+  // "12.0 s, 300 frames, channels: 7 live; held: Clip; late 0, dropped 0; composed in 3.1 ms"
+  std::string LiveLine() const;
+  // "34 %, 12.0 of 35.0 s, 3.1 times as fast, 0:07 to go; channels: 8 live; lost: Clip"
+  std::string RenderingLine() const;
   // {"event":"status","time":...,"frames":...,"channels":[...]}
   std::string JsonLine() const;
 
  private:
-  std::size_t CountIn(ChannelState state) const;
+  std::string ChannelsText() const;
 };
+
+// An output in a report.
+nlohmann::ordered_json ToJson(const OutputSet::Status& output,
+                              const std::vector<ChannelBoard::Entry>& channels);
 
 // Tells the service manager: ready once the first frame is composed, alive as long as frames are,
 // and the status line now and then. Application's thread.

@@ -90,14 +90,14 @@ Holder Own(Handle* handle) {
   return Holder(handle);
 }
 
-CallbackIo MakeIo(int isWriting, void* self, IoCallback read, IoCallback write) {
-  constexpr int kBufferSize = 64 * 1024;
-  auto* const buffer = static_cast<unsigned char*>(av_malloc(kBufferSize));
+CallbackIo MakeIo(int isWriting, void* self, IoCallback read, IoCallback write, SeekCallback seek,
+                  int bufferSize) {
+  auto* const buffer = static_cast<unsigned char*>(av_malloc(static_cast<std::size_t>(bufferSize)));
   if (buffer == nullptr) {
     throw std::bad_alloc();
   }
   AVIOContext* const io =
-      avio_alloc_context(buffer, kBufferSize, isWriting, self, read, write, nullptr);
+      avio_alloc_context(buffer, bufferSize, isWriting, self, read, write, seek);
   if (io == nullptr) {
     av_free(buffer);
   }
@@ -135,11 +135,11 @@ Parameters CopyParameters(const AVCodecParameters& parameters) {
 }
 
 CallbackIo MakeReadingIo(void* self, IoCallback read) {
-  return MakeIo(0, self, read, nullptr);
+  return MakeIo(0, self, read, nullptr, nullptr, kIoBufferSize);
 }
 
-CallbackIo MakeWritingIo(void* self, IoCallback write) {
-  return MakeIo(1, self, nullptr, write);
+CallbackIo MakeWritingIo(void* self, IoCallback write, SeekCallback seek, int bufferSize) {
+  return MakeIo(1, self, nullptr, write, seek, bufferSize);
 }
 
 PacketFilter MakePacketFilter(const char* name, const AVCodecParameters& parameters) {

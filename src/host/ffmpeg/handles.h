@@ -82,6 +82,8 @@ using CallbackIo = std::unique_ptr<AVIOContext, FreeCallbackIo>;
 
 // What FFmpeg calls to read or write up to size bytes: their count, or a negative error of FFmpeg.
 using IoCallback = int (*)(void* self, std::uint8_t* bytes, int size);
+// What FFmpeg calls to seek: the new position, or with AVSEEK_SIZE the size of the file.
+using SeekCallback = std::int64_t (*)(void* self, std::int64_t offset, int whence);
 
 // Empty frame, packet and parameters. Throw std::bad_alloc.
 Frame MakeFrame();
@@ -93,10 +95,12 @@ Frame RefFrame(const AVFrame& frame);
 Packet RefPacket(const AVPacket& packet);
 Parameters CopyParameters(const AVCodecParameters& parameters);
 
-// A context that reads, or one that writes, through a callback; self goes back into each call.
-// Throw std::bad_alloc.
+inline constexpr int kIoBufferSize = 64 << 10;  // bytes
+// A context that reads, or one that writes, through callbacks; self goes back into each call.
+// Without a callback to seek it is a stream. Throw std::bad_alloc.
 CallbackIo MakeReadingIo(void* self, IoCallback read);
-CallbackIo MakeWritingIo(void* self, IoCallback write);
+CallbackIo MakeWritingIo(void* self, IoCallback write, SeekCallback seek = nullptr,
+                         int bufferSize = kIoBufferSize);
 
 // A packet filter (FFmpeg's bitstream filter of that name) for packets of such a stream, ready to
 // work. Throws Error.

@@ -1,7 +1,11 @@
 #include "host/ffmpeg/pipe_output.h"
 
+#include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstddef>
+#include <filesystem>
+#include <system_error>
 #include <thread>
 
 extern "C" {
@@ -17,19 +21,27 @@ namespace {
 
 // How long a cancelled write may take to notice.
 constexpr std::chrono::milliseconds kPatience(20);
-
-bool IsStandardOutput(const std::string& target) {
-  return target == "-" || target == "pipe:" || target == "pipe:1";
-}
+constexpr const char* kStandardOutput = "/dev/stdout";
 
 }  // namespace
+
+bool PipeOutput::IsStandardOutput(const std::string& target) {
+  static constexpr std::array kNames = {"-",         "pipe:",          "pipe:1", kStandardOutput,
+                                        "/dev/fd/1", "/proc/self/fd/1"};
+  return std::find(kNames.begin(), kNames.end(), target) != kNames.end();
+}
+
+bool PipeOutput::WritesStandardFile(const std::string& target) {
+  std::error_code ignored;
+  return IsStandardOutput(target) && std::filesystem::is_regular_file(kStandardOutput, ignored);
+}
 
 bool PipeOutput::Serves(const std::string& target) {
   return IsStandardOutput(target) || os::ByteStream::IsStream(target);
 }
 
 PipeOutput::PipeOutput(const std::string& target, IoDeadline& deadline) : deadline_(deadline) {
-  const std::string path = IsStandardOutput(target) ? "/dev/stdout" : target;
+  const std::string path = IsStandardOutput(target) ? kStandardOutput : target;
   std::uint32_t error = sink_.Open(path);
   while (error == os::kErrorNotReady && !deadline_.ShouldStop()) {
     std::this_thread::sleep_for(kPatience);

@@ -35,6 +35,11 @@ HlsLayout::HlsLayout(const Muxer::Settings& settings, bool live)
   if (settings.url.find("://") != std::string::npos) {
     throw ffmpeg::Error(AVERROR(EINVAL), "HLS is written to files only, not to", settings.url);
   }
+  // FFmpeg fills in numbers there, and has no way to say that a percent sign is one.
+  if (settings.url.find('%') != std::string::npos) {
+    throw ffmpeg::Error(AVERROR(EINVAL), "HLS cannot be written to a path with a percent sign",
+                        settings.url);
+  }
 }
 
 void HlsLayout::AddSound(const std::string& name, const std::string& language) {

@@ -95,19 +95,24 @@ void Interleaver::PushVideo(ffmpeg::Packet packet, const Write& write) {
       ++counters_.of(OutputCounters::kVideo).leftOut;
       return;
     }
-    base_ = packet->pts;
+    base_ = start_ = end_ = packet->pts;
   }
   newestVideo_ = packet->dts;
   Release(packet->dts, write);
+  end_ = std::max(end_, packet->pts + packet->duration);
   packet->pts -= *base_;
   packet->dts -= *base_;
-  length_ = std::max(length_, packet->pts + packet->duration);
   write(OutputCounters::kVideo, std::move(packet));
+}
+
+Time Interleaver::Restart(Time keyframe, const Write& write) {
+  Release(keyframe, write);
+  return keyframe - std::exchange(*base_, keyframe);
 }
 
 void Interleaver::Finish(const Write& write) {
   if (base_) {
-    Release(*base_ + length_, write);
+    Release(end_, write);
   }
 }
 

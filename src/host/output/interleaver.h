@@ -24,8 +24,8 @@ namespace host {
 // does the audio that waits here. Otherwise audio for a time for which other audio waits takes its
 // place, and audio for a time that has been written is left out: the times of a track only grow.
 //
-// What comes out begins at time 0 with a keyframe. Owned and called by one output on its thread;
-// times in 100 ns.
+// What comes out begins at time 0 with a keyframe, in every file. Owned and called by one output on
+// its thread; times in 100 ns.
 class Interleaver {
  public:
   // Audio may stand that far behind the video that was written before it.
@@ -47,11 +47,14 @@ class Interleaver {
   void PushVideo(ffmpeg::Packet packet, const Write& write);
   // shift: the wall's time minus the channel's own, for this packet.
   void PushAudio(std::size_t channel, ffmpeg::Packet packet, Time shift);
+  // A file ends before the keyframe of that time, which comes next: hands over the audio before it.
+  // What follows begins at time 0 again. Returns the length of the file.
+  Time Restart(Time keyframe, const Write& write);
   // Hands over the rest of the audio, up to the end of the video.
   void Finish(const Write& write);
 
-  // The length of the video that was handed over.
-  Time length() const { return length_; }
+  // The length of the video that was handed over, of all files.
+  Time length() const { return end_ - start_; }
 
  private:
   struct Track {
@@ -67,9 +70,11 @@ class Interleaver {
 
   OutputCounters& counters_;
   std::vector<Track> tracks_;
-  std::optional<Time> base_;  // the wall's time that becomes 0
-  Time newestVideo_ = 0;      // decoding time, on the wall's clock
-  Time length_ = 0;
+  // All on the wall's clock.
+  std::optional<Time> base_;  // becomes 0 in the file
+  Time newestVideo_ = 0;      // decoding time
+  Time start_ = 0;            // of the first file
+  Time end_ = 0;              // of the video so far
 };
 
 }  // namespace host

@@ -14,35 +14,19 @@ extern "C" {
 #include "host/ffmpeg/error.h"
 #include "host/ffmpeg/mask.h"
 #include "host/ffmpeg/time_unit.h"
+#include "host/output/container.h"
+#include "host/wall/url.h"
 
 namespace host {
 
-namespace {
-
-// FFmpeg finds the format of a file by its name, but not that of most URLs.
-const char* FormatOfScheme(const std::string& url) {
-  const std::size_t mark = url.find("://");
-  const std::string scheme = mark == std::string::npos ? "" : url.substr(0, mark);
-  if (scheme == "udp" || scheme == "srt" || scheme == "tcp") {
-    return "mpegts";
-  }
-  if (scheme.starts_with("rtmp")) {
-    return "flv";
-  }
-  if (scheme == "rtp") {
-    return "rtp_mpegts";
-  }
-  return scheme.starts_with("rtsp") ? "rtsp" : nullptr;
-}
-
-}  // namespace
-
 Muxer::Muxer(Settings settings) : settings_(std::move(settings)) {
-  const char* const name =
-      settings_.format.empty() ? FormatOfScheme(settings_.url) : settings_.format.c_str();
+  const AVOutputFormat* const container = FindContainer(settings_.format, settings_.url);
+  if (container == nullptr) {
+    throw ffmpeg::Error(AVERROR_MUXER_NOT_FOUND, "no known format for", settings_.url);
+  }
   AVFormatContext* context = nullptr;
-  ffmpeg::Check(avformat_alloc_output_context2(&context, nullptr, name, settings_.url.c_str()),
-                "no known format for", settings_.url);
+  ffmpeg::Check(avformat_alloc_output_context2(&context, container, nullptr, settings_.url.c_str()),
+                "cannot write", settings_.url);
   output_.reset(context);
   // Whole packets of a transport stream in each datagram.
   if (settings_.url.starts_with("udp://") && settings_.url.find("pkt_size") == std::string::npos) {
@@ -51,6 +35,15 @@ Muxer::Muxer(Settings settings) : settings_(std::move(settings)) {
   output_->interrupt_callback = {&ffmpeg::IoDeadline::Callback, &deadline_};
   // What is written to somebody who waits for it is not kept until a buffer is full.
   if (settings_.url.find("://") != std::string::npos || ffmpeg::PipeOutput::Serves(settings_.url)) {
+    output_->flags |= AVFMT_FLAG_FLUSH_PACKETS;
+  }
+  if (settings_.survivesKill && writesFile()) {
+    if (const std::optional<Recording> recording = RecordingIn(*container)) {
+      const std::size_t given = settings_.options.size();
+      settings_.options.insert(recording->options.begin(), recording->options.end());
+      // Options of the operator's own may be wider.
+      flushInterval_ = settings_.options.size() > given ? recording->flushInterval : 0;
+    }
     output_->flags |= AVFMT_FLAG_FLUSH_PACKETS;
   }
   output_->max_interleave_delta = av_rescale(settings_.interleaveLimit, AV_TIME_BASE, kSecond);
@@ -93,9 +86,8 @@ std::size_t Muxer::AddTrack(const AVCodecParameters& parameters) {
   if (started_) {
     throw std::logic_error("tracks are added before the output starts");
   }
-  if (avformat_query_codec(output_->oformat, parameters.codec_id, FF_COMPLIANCE_NORMAL) == 0) {
-    throw ffmpeg::Error(AVERROR_MUXER_NOT_FOUND,
-                        formatName() + " cannot hold " + avcodec_get_name(parameters.codec_id));
+  if (!Holds(*output_->oformat, parameters.codec_id)) {
+    throw ffmpeg::Error(AVERROR(ENOSYS), CannotHold(*output_->oformat, parameters.codec_id));
   }
   AVStream* stream = avformat_new_stream(output_.get(), nullptr);
   if (stream == nullptr || avcodec_parameters_copy(stream->codecpar, &parameters) < 0) {
@@ -142,16 +134,36 @@ std::size_t Muxer::AddAudio(const AVCodecParameters& parameters, const std::stri
   return track;
 }
 
-void Muxer::OpenFile(ffmpeg::Options& options) {
-  if (ffmpeg::PipeOutput::Serves(settings_.url)) {
+bool Muxer::writesFile() const {
+  return (output_->oformat->flags & AVFMT_NOFILE) == 0 && wall::LocalPath(settings_.url) &&
+         !ffmpeg::PipeOutput::Serves(settings_.url);
+}
+
+void Muxer::SetFile(std::unique_ptr<ffmpeg::FileOutput> file) {
+  SetUrl(file->path());
+  file_ = std::move(file);
+}
+
+void Muxer::Open(ffmpeg::Options& options) {
+  if (!file_ && ffmpeg::PipeOutput::WritesStandardFile(settings_.url)) {
+    file_ = ffmpeg::FileOutput::OfStandardOutput();
+  } else if (!file_ && writesFile()) {
+    file_ = std::make_unique<ffmpeg::FileOutput>(settings_.url,
+                                                 ffmpeg::FileOutput::Existing::kReplaced);
+  } else if (!file_ && ffmpeg::PipeOutput::Serves(settings_.url)) {
     pipe_.emplace(settings_.url, deadline_);
-    output_->pb = pipe_->io();
+  }
+  if (file_ || pipe_) {
+    output_->pb = file_ ? file_->io() : pipe_->io();
     output_->flags |= AVFMT_FLAG_CUSTOM_IO;
     return;
   }
-  ffmpeg::Check(avio_open2(&output_->pb, settings_.url.c_str(), AVIO_FLAG_WRITE,
-                           &output_->interrupt_callback, options.Exchange()),
-                "cannot write", settings_.url);
+  const int result = avio_open2(&output_->pb, settings_.url.c_str(), AVIO_FLAG_WRITE,
+                                &output_->interrupt_callback, options.Exchange());
+  if (result == AVERROR_EXIT && deadline_.expired()) {
+    throw ffmpeg::Error(AVERROR(ETIMEDOUT), "nobody has answered at", settings_.url);
+  }
+  ffmpeg::Check(result, "cannot write", settings_.url);
 }
 
 void Muxer::Start() {
@@ -165,7 +177,7 @@ void Muxer::Start() {
     options.Set(key.c_str(), value);
   }
   if ((output_->oformat->flags & AVFMT_NOFILE) == 0) {
-    OpenFile(options);
+    Open(options);
   }
   ffmpeg::Check(avformat_write_header(output_.get(), options.Exchange()), "cannot write",
                 settings_.url);
@@ -173,7 +185,21 @@ void Muxer::Start() {
   started_ = true;
 }
 
+// What the container holds back becomes a part of the file that is complete by itself.
+void Muxer::FlushBefore(const AVPacket& packet) {
+  if (flushInterval_ == 0 || packet.dts == AV_NOPTS_VALUE) {
+    return;
+  }
+  if (!flushed_) {
+    flushed_ = packet.dts;
+  } else if (packet.dts - *flushed_ >= flushInterval_) {
+    ffmpeg::Check(av_write_frame(output_.get(), nullptr), "cannot write", settings_.url);
+    flushed_ = packet.dts;
+  }
+}
+
 bool Muxer::Write(std::size_t track, ffmpeg::Packet packet) {
+  FlushBefore(*packet);
   AVBSFContext* const filter = tracks_.at(track).filter.get();
   if (filter == nullptr) {
     return WriteFiltered(track, std::move(packet));
@@ -233,7 +259,9 @@ void Muxer::Finish() {
   }
   deadline_.Arm(settings_.writeLimit);
   ffmpeg::Check(av_write_trailer(output_.get()), "cannot finish", settings_.url);
-  if (pipe_) {
+  if (file_) {
+    file_->Close();
+  } else if (pipe_) {
     avio_flush(output_->pb);
     ffmpeg::Check(output_->pb->error, "cannot finish", settings_.url);
   } else if ((output_->oformat->flags & AVFMT_NOFILE) == 0) {

@@ -5,10 +5,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "host/ffmpeg/file_output.h"
 #include "host/ffmpeg/handles.h"
 #include "host/ffmpeg/io_deadline.h"
 #include "host/ffmpeg/pipe_output.h"
@@ -31,6 +33,9 @@ class Muxer {
     std::chrono::milliseconds writeLimit{10'000};  // for each call that may wait for a consumer
     // Packets of all tracks are brought into order here; otherwise they come in order.
     bool interleaves = true;
+    // A file is to be as long as what was written, whenever the program is killed, as far as the
+    // container and the options allow it (see RecordingIn).
+    bool survivesKill = false;
     // A track that is silent for longer no longer holds the others back.
     Time interleaveLimit = 10 * kSecond;
     std::map<std::string, std::string> options;  // of FFmpeg's container and protocol
@@ -66,6 +71,10 @@ class Muxer {
   // Further options, before Start; they take the place of those of the settings. Likewise the URL.
   void SetOption(const std::string& key, const std::string& value);
   void SetUrl(const std::string& url);
+  // Before Start: what is to be written, where that is one file.
+  void SetFile(std::unique_ptr<ffmpeg::FileOutput> file);
+  // The output is one file, which the muxer creates itself unless it is given one.
+  bool writesFile() const;
   std::string formatName() const;
   // Options of the settings that neither container nor protocol knows; after Start.
   const std::vector<std::string>& unknownOptions() const { return unknownOptions_; }
@@ -79,16 +88,21 @@ class Muxer {
   };
 
   bool TakesAdts() const;
+  void FlushBefore(const AVPacket& packet);
   bool WriteFiltered(std::size_t track, ffmpeg::Packet packet);
-  void OpenFile(ffmpeg::Options& options);
+  void Open(ffmpeg::Options& options);
   std::size_t AddTrack(const AVCodecParameters& parameters);
 
   Settings settings_;
   ffmpeg::IoDeadline deadline_;
-  std::optional<ffmpeg::PipeOutput> pipe_;  // what output_ writes, when that is a pipe
+  // What output_ writes, when that is a file or a pipe.
+  std::unique_ptr<ffmpeg::FileOutput> file_;
+  std::optional<ffmpeg::PipeOutput> pipe_;
   ffmpeg::OutputFormat output_;
   std::vector<Track> tracks_;
   std::vector<std::string> unknownOptions_;
+  Time flushInterval_ = 0;       // 0: nothing is flushed
+  std::optional<Time> flushed_;  // time of the packet before which it was
   bool started_ = false;
   std::uint64_t movedPackets_ = 0;
 };

@@ -1,28 +1,14 @@
 #include "host/output/output.h"
 
 #include <algorithm>
-#include <filesystem>
 
+#include "host/wall/url.h"
 #include "platform/os/waitable.h"
 
 namespace host {
 namespace {
 
 using std::chrono::milliseconds;
-
-// A file that was begun is not overwritten by the next opening: it gets a name of its own.
-std::string NumberedFile(const std::string& url, std::uint64_t number) {
-  std::error_code ignored;
-  const std::filesystem::path path(url);
-  if (number < 2 || url.find("://") != std::string::npos || path.extension() == ".m3u8" ||
-      !std::filesystem::is_regular_file(path, ignored)) {
-    return url;
-  }
-  std::filesystem::path numbered = path;
-  numbered.replace_filename(path.stem().string() + "-" + std::to_string(number) +
-                            path.extension().string());
-  return numbered.string();
-}
 
 }  // namespace
 
@@ -36,6 +22,10 @@ Output::Output(Settings settings, ffmpeg::Parameters video, OutputObserver* obse
       queue_(settings_.queue, counters_) {
   if (logger_ != nullptr) {
     logger_->RegisterPin(settings_.pin.c_str());
+  }
+  const std::string& url = settings_.pass.muxer.url;
+  if (wall::LocalPath(url) && !ffmpeg::PipeOutput::Serves(url)) {
+    recording_.emplace(url, settings_.existing);
   }
   thread_ = std::make_unique<os::Thread>([this] { Run(); }, "output");
 }
@@ -77,10 +67,27 @@ void Output::TakeSound(std::size_t channel, const AVPacket& packet, Time shift) 
   }
 }
 
-OutputPass::Settings Output::PassSettings() const {
-  OutputPass::Settings settings = settings_.pass;
-  settings.muxer.url = NumberedFile(settings.muxer.url, openings_ + 1);
-  return settings;
+// Called by each pass when a target of it is open, the first and every further segment.
+void Output::Opened(const OutputPass& pass, const std::string& file) {
+  using Opening = OutputObserver::Opening;
+  Opening opening = Opening::kNext;
+  if (pass.targets() == 1) {
+    const bool again = ++openings_ > 1 || !failure().empty();
+    const bool beside = !file.empty() && recording_->avoided();
+    opening = again ? Opening::kAgain : beside ? Opening::kBeside : Opening::kFirst;
+    SetFailure("");
+  }
+  if (!file.empty()) {
+    ++fileCount_;
+    const std::lock_guard guard(lock_);
+    file_ = file;
+  }
+  observer_->OutputOpened(settings_.name, file.empty() ? settings_.name : file, opening);
+}
+
+std::string Output::file() const {
+  const std::lock_guard guard(lock_);
+  return file_;
 }
 
 bool Output::SetPass(OutputPass* pass) {
@@ -107,22 +114,13 @@ void Output::FailForGood(const std::string& reason) {
 }
 
 std::string Output::RunPass(OutputPass& pass) {
-  bool wasOpen = false;
   try {
     while (std::optional<TrackPacket> packet = queue_.Pop()) {
       pass.Take(std::move(*packet));
-      if (pass.started() && !wasOpen) {
-        wasOpen = true;
-        if (++openings_ > 1 || !failure().empty()) {
-          observer_->OutputRecovered(settings_.name);
-        }
-        SetFailure("");
-      }
     }
     pass.Finish();
     return {};
   } catch (const std::exception& error) {
-    openings_ += pass.started() && !wasOpen ? 1 : 0;
     return error.what();
   }
 }
@@ -130,10 +128,11 @@ std::string Output::RunPass(OutputPass& pass) {
 void Output::Run() {
   milliseconds delay = settings_.firstDelay;
   for (;;) {
-    const OutputPass::Settings settings = PassSettings();
-    OutputPass pass(settings, *video_, counters_, [this](const std::string& what) {
-      observer_->OutputSaid(settings_.name, what);
-    });
+    OutputPass pass(
+        settings_.pass, *video_, counters_,
+        {recording_ ? &*recording_ : nullptr,
+         [this](const std::string& what) { observer_->OutputSaid(settings_.name, what); },
+         [this](const OutputPass& open, const std::string& file) { Opened(open, file); }});
     const std::string reason = SetPass(&pass) ? RunPass(pass) : "stopped";
     const bool goesOn = SetPass(nullptr) && settings_.live && !failed_;
     if (reason.empty() || failed_) {

@@ -12,6 +12,7 @@
 
 #include "host/output/output_pass.h"
 #include "host/output/packet_queue.h"
+#include "host/output/recording_files.h"
 #include "log/i_log_perf.h"
 #include "platform/os/thread.h"
 
@@ -24,8 +25,15 @@ class OutputObserver {
   // reason: one sentence; retryIn: until the output is opened again, none when it is not.
   virtual void OutputFailed(const std::string& output, const std::string& reason,
                             std::optional<std::chrono::milliseconds> retryIn) = 0;
-  // It is open, after a failure.
-  virtual void OutputRecovered(const std::string& output) = 0;
+  enum class Opening {
+    kFirst,
+    kBeside,  // the first, into another file than was asked for, because there is one
+    kAgain,   // after a failure
+    kNext,    // the next segment of a recording
+  };
+  // It is open. target: the file that is written now; where it is none, the output's name.
+  virtual void OutputOpened(const std::string& output, const std::string& target,
+                            Opening opening) = 0;
   // Something that the operator should know about what is written.
   virtual void OutputSaid(const std::string& output, const std::string& what) = 0;
 };
@@ -46,6 +54,8 @@ class Output {
     OutputPass::Settings pass;
     bool live = false;
     PacketQueue::Limits queue;
+    // Of files: what becomes of one that is there already.
+    RecordingFiles::Existing existing = RecordingFiles::Existing::kKept;
     std::chrono::milliseconds firstDelay{250};  // until it is opened again; doubles each time
     std::chrono::milliseconds longestDelay{5'000};
   };
@@ -74,6 +84,9 @@ class Output {
   const OutputCounters& counters() const { return counters_; }
   std::uint64_t overflows() const { return overflows_; }  // how often packets were dropped
   std::uint64_t openings() const { return openings_; }
+  // The files that were begun, and the latest; none and empty where the output is no file.
+  std::uint64_t files() const { return fileCount_; }
+  std::string file() const;
   std::size_t queuedBytes() const { return queue_.bytes(); }
   // It has ended early for good.
   bool failed() const { return failed_; }
@@ -84,7 +97,7 @@ class Output {
   void Run();
   // One opening, to the end of what comes; empty, or why it failed.
   std::string RunPass(OutputPass& pass);
-  OutputPass::Settings PassSettings() const;
+  void Opened(const OutputPass& pass, const std::string& file);
   // What Finish may cancel; false when it has already done so.
   bool SetPass(OutputPass* pass);
   void SetFailure(const std::string& reason);
@@ -96,11 +109,14 @@ class Output {
   qorp::log::ILogPerf* const logger_;
   OutputCounters counters_;
   PacketQueue queue_;
+  std::optional<RecordingFiles> recording_;  // the thread's own
   std::atomic<std::uint64_t> overflows_{0};
   std::atomic<std::uint64_t> openings_{0};
+  std::atomic<std::uint64_t> fileCount_{0};
   std::atomic<bool> failed_{false};
   mutable std::mutex lock_;
   std::string failure_;         // guarded by lock_
+  std::string file_;            // guarded by lock_
   OutputPass* pass_ = nullptr;  // guarded by lock_; what Finish cancels
   bool cancelled_ = false;      // guarded by lock_
   std::unique_ptr<os::Thread> thread_;

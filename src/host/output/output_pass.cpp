@@ -21,16 +21,25 @@ std::size_t MostSoundTracks(const std::string& format) {
   return format == "flv" ? 1 : std::numeric_limits<std::size_t>::max();
 }
 
+// A live playlist always has the same name and replaces the one that was; one that keeps all its
+// segments is a recording.
+bool KeepsSegments(const Muxer::Settings& settings) {
+  const auto size = settings.options.find("hls_list_size");
+  return settings.options.contains("hls_playlist_type") ||
+         (size != settings.options.end() && size->second == "0");
+}
+
 }  // namespace
 
 OutputPass::OutputPass(const Settings& settings, const AVCodecParameters& video,
-                       OutputCounters& counters, Say say)
+                       OutputCounters& counters, Owner owner)
     : settings_(settings),
       video_(video),
       counters_(counters),
-      say_(std::move(say)),
+      owner_(std::move(owner)),
       soundTracks_(settings.tracks.size()),
-      interleaver_(counters) {}
+      interleaver_(counters),
+      cutter_(settings.segments) {}
 
 OutputPass::~OutputPass() {
   for (const TrackPacket& held : held_) {
@@ -62,7 +71,11 @@ bool OutputPass::CanStart(const TrackPacket& packet) {
   if (!firstPicture_) {
     firstPicture_ = packet.packet->dts;
   }
-  return packet.packet->dts - *firstPicture_ >= settings_.formatLimit ||
+  // Live, the next frame would come too late to say so.
+  const Time waited = settings_.sinceStart
+                          ? settings_.sinceStart() + FrameDuration(settings_.frameRate)
+                          : packet.packet->dts - *firstPicture_;
+  return waited >= settings_.formatLimit ||
          std::none_of(settings_.tracks.begin(), settings_.tracks.end(),
                       [this](const Track& track) { return IsWaitedFor(track); });
 }
@@ -99,6 +112,17 @@ void OutputPass::Start() {
   Muxer::Settings settings = settings_.muxer;
   settings.interleaves = false;
   auto muxer = std::make_unique<Muxer>(settings);
+  file_.clear();
+  isOneFile_ = owner_.files != nullptr && muxer->writesFile();
+  if (isOneFile_) {
+    std::unique_ptr<ffmpeg::FileOutput> next = owner_.files->Next();
+    file_ = next->path();
+    muxer->SetFile(std::move(next));
+  } else if (owner_.files != nullptr) {
+    settings.url = KeepsSegments(settings) ? owner_.files->NextName() : owner_.files->Name();
+    muxer->SetUrl(settings.url);
+    file_ = settings.url;
+  }
   std::optional<HlsLayout> hls;
   if (muxer->formatName() == "hls") {
     hls.emplace(settings, settings_.waitForSources);
@@ -124,14 +148,23 @@ void OutputPass::Start() {
   }
   opening->Start();
   for (const std::string& option : opening->unknownOptions()) {
-    say_("the option \"" + option + "\" is not known to " + opening->formatName());
+    owner_.say("the option \"" + option + "\" is not known to " + opening->formatName());
   }
   if (hls) {
     hls->WritePlaylist(video_, settings_.frameRate);
   }
+  ++targets_;
+  owner_.opened(*this, file_);
 }
 
 void OutputPass::AddTracks(Muxer& muxer) {
+  // All files of a recording have the same tracks, so that they can be put together.
+  if (targets_ > 0) {
+    for (const std::size_t i : channels_) {
+      AddTrack(muxer, i, *settings_.tracks[i].audio->format());
+    }
+    return;
+  }
   std::vector<std::size_t> order(settings_.tracks.size());
   for (std::size_t i = 0; i < order.size(); ++i) {
     order[i] = i;
@@ -141,7 +174,6 @@ void OutputPass::AddTracks(Muxer& muxer) {
     std::stable_partition(order.begin(), order.end(),
                           [&](std::size_t i) { return settings_.tracks[i].preferred; });
   }
-  std::size_t count = 0;
   for (const std::size_t i : order) {
     const Track& track = settings_.tracks[i];
     if (!track.audio) {
@@ -154,16 +186,16 @@ void OutputPass::AddTracks(Muxer& muxer) {
     if (!format) {
       continue;
     }
-    if (count == most) {
-      say_(muxer.formatName() + " holds one track of sound: that of \"" +
-           settings_.tracks[order[0]].name + "\"");
+    if (channels_.size() == most) {
+      owner_.say(muxer.formatName() + " holds one track of sound: that of \"" +
+                 settings_.tracks[channels_[0]].name + "\"");
       break;
     }
     try {
       AddTrack(muxer, i, *format);
-      ++count;
+      channels_.push_back(i);
     } catch (const ffmpeg::Error& error) {
-      say_("the sound of \"" + track.name + "\" is left out: " + error.what());
+      owner_.say("the sound of \"" + track.name + "\" is left out: " + error.what());
     }
   }
 }
@@ -172,10 +204,27 @@ void OutputPass::AddTrack(Muxer& muxer, std::size_t channel, const AudioFormat& 
   const Track& track = settings_.tracks[channel];
   soundTracks_[channel] = muxer.AddAudio(
       *format.parameters, track.name, format.language.empty() ? track.language : format.language);
+  silence_.Add(channel, format);
+}
+
+bool OutputPass::CutsBefore(const AVPacket& keyframe) {
+  return isOneFile_ && cutter_.CutsBefore(keyframe.pts, FrameDuration(settings_.frameRate));
+}
+
+void OutputPass::Cut(const AVPacket& keyframe) {
+  const Time length = interleaver_.Restart(keyframe.pts, mux_);
+  silence_.FillTo(length, writeSilence_);
+  muxer_->Finish();
+  cutter_.Begin(keyframe.pts);
+  silence_.Restart();
+  Start();
 }
 
 void OutputPass::Write(TrackPacket item) {
   if (item.track == TrackPacket::kVideo) {
+    if ((item.packet->flags & AV_PKT_FLAG_KEY) != 0 && CutsBefore(*item.packet)) {
+      Cut(*item.packet);
+    }
     interleaver_.PushVideo(std::move(item.packet), mux_);
     return;
   }
@@ -187,12 +236,26 @@ void OutputPass::Write(TrackPacket item) {
   }
 }
 
+void OutputPass::WriteSilence(std::size_t channel, ffmpeg::Packet packet) {
+  cutter_.Add(packet->size);
+  muxer_->Write(*soundTracks_[channel], std::move(packet));
+}
+
 void OutputPass::Mux(int track, ffmpeg::Packet packet) {
   TrackCounters& counters = counters_.of(track);
   // Counted first: a failure of the output takes the packet with it.
   ++counters.leftOut;
-  const std::size_t number =
-      track == TrackPacket::kVideo ? videoTrack_ : *soundTracks_[static_cast<std::size_t>(track)];
+  std::size_t number = videoTrack_;
+  if (track == TrackPacket::kVideo) {
+    silence_.FillTo(packet->dts, writeSilence_);
+  } else {
+    const auto channel = static_cast<std::size_t>(track);
+    if (!silence_.EndBefore(channel, *packet, writeSilence_)) {
+      return;
+    }
+    number = *soundTracks_[channel];
+  }
+  cutter_.Add(packet->size);
   if (muxer_->Write(number, std::move(packet))) {
     ++counters.written;
     --counters.leftOut;

@@ -13,16 +13,22 @@
 #include "host/output/interleaver.h"
 #include "host/output/muxer.h"
 #include "host/output/packet_queue.h"
+#include "host/output/recording_files.h"
+#include "host/output/segment_cutter.h"
+#include "host/output/silent_tracks.h"
 
 namespace host {
 
-// From the first packet to the end of the file or connection. The first packets are held back until
-// the form of every channel's sound is known, but no longer than the format limit: then a channel
-// that is still unknown gets a track of AAC, 48 kHz, stereo, into which it will be encoded should
-// it come. A channel whose source is known to have no sound gets no track, and neither does a
-// source that was not opened, unless it is opened again (a live wall).
+// From the first packet to the end of the connection, the file or, where a recording is cut, of its
+// last file. The first packets are held back until the format of every channel's audio is known,
+// but no longer than the format limit: then a channel that is still unknown gets a track of AAC, 48
+// kHz, stereo, into which it will be encoded should it come. A channel whose source is known to
+// have no audio gets no track, and neither does a source that was not opened, unless it is opened
+// again (a live wall).
 //
-// What is written begins at time 0 with a picture that can be decoded alone.
+// What is written begins at time 0 with a keyframe, in every file. Where a recording is cut, the
+// frames before the keyframe and the audio before its time are in the one file, all others in the
+// next: put together they are what one file would hold.
 //
 // Owned and called by an output on its thread, except Cancel.
 class OutputPass {
@@ -36,16 +42,25 @@ class OutputPass {
   struct Settings {
     Muxer::Settings muxer;
     Ratio frameRate{25, 1};
-    Time formatLimit = 5 * kSecond;  // of the wall's time
-    bool waitForSources = false;     // also for those that are not open yet
-    std::vector<Track> tracks;       // one for each channel; none: no sound is written
+    // How long is waited for the formats of the audio: live, from the first frame of the wall on;
+    // rendered, in the output's own time.
+    Time formatLimit = 5 * kSecond;
+    bool waitForSources = false;       // also for those that are not open yet
+    std::function<Time()> sinceStart;  // live: the time since the wall's first frame
+    SegmentLimits segments;            // of a file
+    std::vector<Track> tracks;         // one for each channel; none: no sound is written
   };
-  using Say = std::function<void(const std::string&)>;
+  // What belongs to the output and outlives its passes.
+  struct Owner {
+    RecordingFiles* files = nullptr;              // null: the output is no file
+    std::function<void(const std::string&)> say;  // gets sentences for the operator
+    // A target is open; file: its name, empty where it is none.
+    std::function<void(const OutputPass& pass, const std::string& file)> opened;
+  };
 
-  // video: of the encoder. counters: what is written and left out; they outlive the session. say
-  // gets sentences for the operator.
+  // video: of the encoder. counters: what is written and left out.
   OutputPass(const Settings& settings, const AVCodecParameters& video, OutputCounters& counters,
-             Say say);
+             Owner owner);
   ~OutputPass();
 
   // Opens the output when it is time. Throws ffmpeg::Error.
@@ -56,6 +71,8 @@ class OutputPass {
   void Cancel();
 
   bool started() const { return muxer_ != nullptr; }
+  // Files or connections that were opened.
+  std::uint64_t targets() const { return targets_; }
   // Time written.
   Time length() const { return interleaver_.length(); }
 
@@ -67,23 +84,36 @@ class OutputPass {
   void Start();
   void AddTracks(Muxer& muxer);
   void AddTrack(Muxer& muxer, std::size_t channel, const AudioFormat& format);
+  bool CutsBefore(const AVPacket& keyframe);
+  // The file ends before the keyframe, and the next one begins with it.
+  void Cut(const AVPacket& keyframe);
   void Write(TrackPacket packet);
   void Mux(int track, ffmpeg::Packet packet);
+  void WriteSilence(std::size_t channel, ffmpeg::Packet packet);
 
   const Settings& settings_;
   const AVCodecParameters& video_;
   OutputCounters& counters_;
-  const Say say_;
+  const Owner owner_;
   std::deque<TrackPacket> held_;
   std::optional<Time> firstPicture_;  // of those held
   std::unique_ptr<Muxer> muxer_;      // exchanged under cancelLock_
   std::mutex cancelLock_;
   bool cancelled_ = false;  // guarded by cancelLock_
+  std::string file_;        // that is written, or a playlist; empty where it is none
+  bool isOneFile_ = false;  // ... and no playlist
   std::size_t videoTrack_ = 0;
+  std::vector<std::size_t> channels_;                    // that have a track, in their order
   std::vector<std::optional<std::size_t>> soundTracks_;  // of the muxer, for each channel
   Interleaver interleaver_;
+  SilentTracks silence_;
+  SegmentCutter cutter_;
+  std::uint64_t targets_ = 0;
   const Interleaver::Write mux_ = [this](int track, ffmpeg::Packet packet) {
     Mux(track, std::move(packet));
+  };
+  const SilentTracks::Write writeSilence_ = [this](std::size_t channel, ffmpeg::Packet packet) {
+    WriteSilence(channel, std::move(packet));
   };
 };
 

@@ -2,7 +2,12 @@
 
 #include <algorithm>
 
+extern "C" {
+#include <libavcodec/avcodec.h>
+}
+
 #include "host/ffmpeg/error.h"
+#include "host/output/container.h"
 
 namespace host {
 namespace {
@@ -42,17 +47,30 @@ OutputSet::~OutputSet() {
 
 void OutputSet::Add(const Item& item, const Settings& settings) {
   // What is wrong for good is told before the wall starts.
-  Muxer(item.muxer).formatName();
+  const AVOutputFormat* const container = FindContainer(item.muxer.format, item.muxer.url);
+  const AVCodec* const codec = FindVideoEncoder(item.encoder.codec);
+  if (container == nullptr) {
+    throw ffmpeg::Error(AVERROR_MUXER_NOT_FOUND, "no known format for", item.muxer.url);
+  }
+  if (codec != nullptr && !Holds(*container, codec->id)) {
+    throw ffmpeg::Error(AVERROR(ENOSYS), CannotHold(*container, codec->id));
+  }
   PictureEncoder& encoder = EncoderFor(item);
   Output::Settings output;
   output.name = item.name;
   output.pin = "output " + std::to_string(entries_.size());
   output.live = settings.live;
   output.queue = settings.queue;
+  output.existing = item.existing;
   output.pass.muxer = item.muxer;
   output.pass.frameRate = settings.frameRate;
-  output.pass.formatLimit = settings.formatLimit;
+  output.pass.formatLimit = item.formatLimit;
   output.pass.waitForSources = settings.live;
+  output.pass.segments = item.segments;
+  output.pass.muxer.survivesKill = settings.live;
+  if (settings.live) {
+    output.pass.sinceStart = [this] { return SinceStart(); };
+  }
   if (item.sound) {
     output.pass.tracks = settings.tracks;
   }
@@ -82,7 +100,18 @@ PictureEncoder& OutputSet::EncoderFor(const Item& item) {
   return *encoders_.back().encoder;
 }
 
+Time OutputSet::SinceStart() const {
+  using std::chrono::steady_clock;
+  const std::int64_t startedAt = startedAt_;
+  const steady_clock::duration since =
+      steady_clock::now().time_since_epoch() - steady_clock::duration(startedAt);
+  return startedAt == 0 ? 0 : std::chrono::nanoseconds(since).count() / 100;
+}
+
 void OutputSet::Take(const ComPtr<IMediaSample>& picture, Time start) {
+  if (startedAt_ == 0) {
+    startedAt_ = std::chrono::steady_clock::now().time_since_epoch().count();
+  }
   for (const Encoder& encoder : encoders_) {
     encoder.encoder->Take(picture, start);
   }
@@ -160,6 +189,8 @@ std::vector<OutputSet::Status> OutputSet::status() const {
     status.failed = !entry.output || entry.output->failed();
     if (entry.output) {
       status.failure = entry.output->failure();
+      status.file = entry.output->file();
+      status.files = entry.output->files();
       const OutputCounters& counters = entry.output->counters();
       status.video = StatusOf(counters.of(OutputCounters::kVideo));
       status.video.dropped += entry.encoder->dropped();

@@ -1,6 +1,7 @@
 // OutputSet: all outputs of a wall.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -24,13 +25,15 @@ class OutputSet {
     VideoEncoder::Settings encoder;
     Muxer::Settings muxer;
     bool sound = true;
+    RecordingFiles::Existing existing = RecordingFiles::Existing::kKept;
+    SegmentLimits segments;
+    Time formatLimit = 5 * kSecond;  // see OutputPass
   };
   struct Settings {
     std::vector<Item> outputs;
     std::vector<OutputPass::Track> tracks;  // one for each channel of the wall
     Ratio frameRate{25, 1};
     bool live = false;
-    Time formatLimit = 5 * kSecond;
     PacketQueue::Limits queue;
     std::chrono::milliseconds finishLimit{5'000};  // of a live output, to write what waits
   };
@@ -42,6 +45,8 @@ class OutputSet {
   };
   struct Status {
     std::string name;
+    std::string file;         // the latest that is written; empty where it is no file
+    std::uint64_t files = 0;  // how many were begun
     TrackStatus video;
     std::vector<TrackStatus> audio;  // of every channel; empty for an output without audio
     std::uint64_t overflows = 0;     // how often its queue was full
@@ -82,12 +87,14 @@ class OutputSet {
     std::string failure;
   };
 
+  Time SinceStart() const;
   void Add(const Item& item, const Settings& settings);
   PictureEncoder& EncoderFor(const Item& item);
 
   OutputObserver* const observer_;
   qorp::log::ILogPerf* const logger_;
   const std::chrono::milliseconds finishLimit_;
+  std::atomic<std::int64_t> startedAt_{0};  // ticks of the steady clock; 0: no frame came yet
   // The encoders go first: their threads use the outputs.
   std::vector<Entry> entries_;
   std::vector<Encoder> encoders_;

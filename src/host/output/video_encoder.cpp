@@ -4,6 +4,9 @@
 #include <cstring>
 #include <new>
 #include <stdexcept>
+#include <string_view>
+#include <thread>
+#include <vector>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -12,28 +15,25 @@ extern "C" {
 
 #include "host/ffmpeg/error.h"
 #include "host/ffmpeg/time_unit.h"
+#include "host/wall/nearest_name.h"
 
 namespace host {
 
 namespace {
 
-// By the name of an encoder, otherwise the first encoder of a codec of that name.
-const AVCodec* FindEncoder(const std::string& name) {
-  if (name == "h264") {
-    if (const AVCodec* encoder = avcodec_find_encoder_by_name("libx264")) {
-      return encoder;
-    }
-  }
-  if (const AVCodec* encoder = avcodec_find_encoder_by_name(name.c_str())) {
-    return encoder;
-  }
-  const AVCodecDescriptor* descriptor = avcodec_descriptor_get_by_name(name.c_str());
-  return descriptor != nullptr ? avcodec_find_encoder(descriptor->id) : nullptr;
-}
-
 bool Offers(const AVCodecContext& context, const char* option) {
   return context.priv_data != nullptr &&
          av_opt_find(context.priv_data, option, nullptr, 0, 0) != nullptr;
+}
+
+// Presets are names of the encoder's own, or any text that it looks at itself.
+bool OffersPreset(const AVCodecContext& context, const std::string& preset) {
+  const AVOption* const option = av_opt_find(context.priv_data, "preset", nullptr, 0, 0);
+  const bool isNumber = preset.find_first_not_of("0123456789") == std::string::npos;
+  return option != nullptr &&
+         (option->type == AV_OPT_TYPE_STRING || isNumber ||
+          (option->unit != nullptr &&
+           av_opt_find(context.priv_data, preset.c_str(), option->unit, 0, 0) != nullptr));
 }
 
 void CopyPlane(const std::uint8_t* from, std::uint8_t* to, int stride, int width, int height) {
@@ -46,10 +46,34 @@ void CopyPlane(const std::uint8_t* from, std::uint8_t* to, int stride, int width
 
 }  // namespace
 
+const AVCodec* FindVideoEncoder(const std::string& name) {
+  const AVCodec* encoder = name == "h264" ? avcodec_find_encoder_by_name("libx264") : nullptr;
+  if (encoder == nullptr) {
+    encoder = avcodec_find_encoder_by_name(name.c_str());
+  }
+  if (const AVCodecDescriptor* const codec = avcodec_descriptor_get_by_name(name.c_str());
+      encoder == nullptr && codec != nullptr) {
+    encoder = avcodec_find_encoder(codec->id);
+  }
+  return encoder != nullptr && encoder->type == AVMEDIA_TYPE_VIDEO ? encoder : nullptr;
+}
+
+std::optional<std::string> NearestVideoCodec(const std::string& name) {
+  std::vector<std::string> names;
+  void* position = nullptr;
+  while (const AVCodec* const codec = av_codec_iterate(&position)) {
+    if (av_codec_is_encoder(codec) != 0 && codec->type == AVMEDIA_TYPE_VIDEO) {
+      names.emplace_back(avcodec_get_name(codec->id));
+      names.emplace_back(codec->name);
+    }
+  }
+  return wall::NearestName(name, names);
+}
+
 VideoEncoder::VideoEncoder(const Settings& settings)
     : frameDuration_(FrameDuration(settings.frameRate)) {
-  const AVCodec* encoder = FindEncoder(settings.codec);
-  if (encoder == nullptr || encoder->type != AVMEDIA_TYPE_VIDEO) {
+  const AVCodec* const encoder = FindVideoEncoder(settings.codec);
+  if (encoder == nullptr) {
     throw ffmpeg::Error(AVERROR_ENCODER_NOT_FOUND, "cannot encode video as", settings.codec);
   }
   codec_.reset(avcodec_alloc_context3(encoder));
@@ -74,6 +98,11 @@ VideoEncoder::VideoEncoder(const Settings& settings)
   if (settings.globalHeader) {
     codec_->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
   }
+  // A recording can be cut, and a stream joined, at every keyframe. Others have no frames that are
+  // shown before the keyframe they depend on.
+  if (std::string_view(encoder->name).starts_with("libx26")) {
+    codec_->flags |= AV_CODEC_FLAG_CLOSED_GOP;
+  }
   if (settings.lowDelay) {
     codec_->flags |= AV_CODEC_FLAG_LOW_DELAY;
     codec_->max_b_frames = 0;
@@ -86,8 +115,11 @@ VideoEncoder::VideoEncoder(const Settings& settings)
   }
 
   ffmpeg::Options options;
-  if (Offers(*codec_, "preset")) {
+  if (Offers(*codec_, "preset") && OffersPreset(*codec_, settings.preset)) {
     options.Set("preset", settings.preset);
+  } else if (Offers(*codec_, "preset") && settings.preset != Settings().preset) {
+    throw ffmpeg::Error(AVERROR_OPTION_NOT_FOUND,
+                        std::string(encoder->name) + " has no preset \"" + settings.preset + "\"");
   }
   if (Offers(*codec_, "crf") && settings.bitRate <= 0) {
     options.Set("crf", std::to_string(settings.quality.value_or(20.0)));
@@ -98,6 +130,12 @@ VideoEncoder::VideoEncoder(const Settings& settings)
   }
   if (settings.lowDelay && Offers(*codec_, "tune")) {
     options.Set("tune", "zerolatency");
+  }
+  if (settings.maxDelay > 0 && !settings.lowDelay && Offers(*codec_, "x264-params")) {
+    LimitDelay(settings, options);
+  }
+  if (Offers(*codec_, "x265-params")) {
+    options.Set("x265-params", "log-level=error");  // it writes to the error stream by itself
   }
   ffmpeg::Check(avcodec_open2(codec_.get(), encoder, options.Exchange()),
                 "cannot start the encoder", encoder->name);
@@ -110,6 +148,20 @@ VideoEncoder::VideoEncoder(const Settings& settings)
 }
 
 VideoEncoder::~VideoEncoder() = default;
+
+// libx264 holds back what it looks ahead and reorders, and one frame for each further thread; on a
+// machine with many processors these are most of a second.
+void VideoEncoder::LimitDelay(const Settings& settings, ffmpeg::Options& options) {
+  constexpr int kLookAhead = 10;  // of the preset "veryfast"
+  constexpr int kReordered = 3;
+  const int frames = static_cast<int>(settings.maxDelay / frameDuration_);
+  const int processors = std::max(1, static_cast<int>(std::thread::hardware_concurrency()));
+  codec_->thread_count = std::clamp(frames - kLookAhead - kReordered + 1, 1, processors * 3 / 2);
+  options.Set("x264-params", "sync-lookahead=0");
+  if (frames < kLookAhead + kReordered && settings.preset == Settings().preset) {
+    options.Set("rc-lookahead", std::to_string(std::max(0, frames - kReordered)));
+  }
+}
 
 ffmpeg::Parameters VideoEncoder::parameters() const {
   ffmpeg::Parameters parameters = ffmpeg::MakeParameters();

@@ -10,7 +10,14 @@
 #include "host/ffmpeg/handles.h"
 #include "host/units.h"
 
+struct AVCodec;
+
 namespace host {
+
+// By FFmpeg's name of an encoder or of a codec; null when it is none of video or cannot be encoded.
+const AVCodec* FindVideoEncoder(const std::string& name);
+// The name of an encoder or codec that a wrong one resembles.
+std::optional<std::string> NearestVideoCodec(const std::string& name);
 
 // YV12 pictures (packed: Y, V, U, stride = width, BT.601 studio range) into compressed packets. The
 // picture is copied before Encode returns, so the caller's buffer is free again. Owned and called
@@ -27,7 +34,10 @@ class VideoEncoder {
     std::int64_t bitRate = 0;       // bits per second; 0: constant quality
     std::optional<double> quality;  // of libx264's scale, 0 (best) to 51; used without bit rate
     Time keyFrameInterval = 2 * kSecond;
-    bool lowDelay = false;     // no reordering, no look-ahead
+    bool lowDelay = false;  // no reordering, no look-ahead
+    // How late the first packet may leave the encoder, as far as the number of its threads decides
+    // about that and its preset is the default one; 0: no limit.
+    Time maxDelay = 0;
     int threads = 0;           // 0: as many as the encoder likes
     bool globalHeader = true;  // what Matroska and MP4 need, and MPEG-TS does not
 
@@ -53,6 +63,7 @@ class VideoEncoder {
   std::string encoderName() const;
 
  private:
+  void LimitDelay(const Settings& settings, ffmpeg::Options& options);
   void Receive(const PacketSink& sink);
 
   ffmpeg::Codec codec_;

@@ -1,27 +1,54 @@
 #include "host/session/wall_outputs.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include "host/ffmpeg/mask.h"
 
 namespace host {
 namespace {
 
-OutputSet::Item ItemOf(const wall::Canvas& canvas, const wall::Output& output) {
+// The first packet of a live output leaves within a second of the wall's start.
+constexpr Time kMaxEncoderDelay = 800 * kMillisecond;
+// Of a rendered wall, whose sources are read as fast as they give: all are known long before.
+constexpr Time kRenderedFormatLimit = 5 * kSecond;
+
+}  // namespace
+
+VideoEncoder::Settings EncoderOf(const wall::Canvas& canvas, const wall::Output& output,
+                                 bool live) {
+  VideoEncoder::Settings encoder;
+  encoder.width = canvas.width;
+  encoder.height = canvas.height;
+  encoder.frameRate = canvas.frameRate;
+  encoder.pixelAspect = PixelAspect(canvas.width, canvas.height, canvas.aspect);
+  encoder.codec = output.codec;
+  encoder.preset = output.preset;
+  encoder.bitRate = output.bitRate;
+  encoder.quality = output.quality;
+  encoder.keyFrameInterval = output.keyFrameInterval;
+  encoder.lowDelay = output.lowDelay;
+  encoder.maxDelay = live ? kMaxEncoderDelay : 0;
+  return encoder;
+}
+
+namespace {
+
+OutputSet::Item ItemOf(const wall::Canvas& canvas, const wall::Output& output, bool live) {
   OutputSet::Item item;
   item.name = ffmpeg::MaskCredentials(output.url);
-  item.encoder.width = canvas.width;
-  item.encoder.height = canvas.height;
-  item.encoder.frameRate = canvas.frameRate;
-  item.encoder.pixelAspect = PixelAspect(canvas.width, canvas.height, canvas.aspect);
-  item.encoder.codec = output.codec;
-  item.encoder.preset = output.preset;
-  item.encoder.bitRate = output.bitRate;
-  item.encoder.quality = output.quality;
-  item.encoder.keyFrameInterval = output.keyFrameInterval;
-  item.encoder.lowDelay = output.lowDelay;
+  item.encoder = EncoderOf(canvas, output, live);
   item.muxer.url = output.url;
   item.muxer.format = output.format;
   item.muxer.options = output.options;
   item.sound = output.audio;
+  using Existing = RecordingFiles::Existing;
+  // Who renders waits for the file of that name; a wall that runs records, wherever there is room.
+  item.existing = output.overwrite ? Existing::kReplaced
+                  : live           ? Existing::kKept
+                                   : Existing::kRefused;
+  item.segments = {output.segment, output.segmentSize};
+  item.formatLimit = live ? output.audioWait : kRenderedFormatLimit;
   return item;
 }
 
@@ -33,7 +60,14 @@ OutputSet::Settings OutputsOfWall(const wall::Wall& wall, const std::vector<wall
   settings.live = live;
   settings.frameRate = wall.canvas.frameRate;
   for (const wall::Output& output : outputs) {
-    settings.outputs.push_back(ItemOf(wall.canvas, output));
+    settings.outputs.push_back(ItemOf(wall.canvas, output, live));
+    // What told them apart may be masked.
+    const auto isNamed = [&](const OutputSet::Item& item) {
+      return item.name == settings.outputs.back().name;
+    };
+    if (std::any_of(settings.outputs.begin(), std::prev(settings.outputs.end()), isNamed)) {
+      settings.outputs.back().name += " (" + std::to_string(settings.outputs.size()) + ")";
+    }
   }
   for (const wall::Channel& channel : wall.channels) {
     const wall::AudioOptions& audio = channel.options.audio;

@@ -1,5 +1,9 @@
 #include "host/session/wall_session.h"
 
+extern "C" {
+#include <libavcodec/packet.h>
+}
+
 #include "host/background/background_picture.h"
 #include "host/graph/graph_error.h"
 #include "platform/com/wide_text.h"
@@ -59,6 +63,17 @@ Ratio PictureRate(Ratio canvasRate) {
   return rate;
 }
 
+// The first frame that is handed out: the one that is nearest to the moment at which the composer
+// shows a source's time 0. That is it at whole rates; at others it may lie half a frame off.
+std::int64_t FirstFrame(Ratio rate) {
+  const Time frame = FrameDuration(rate);
+  std::int64_t first = kWindowLatency / frame;
+  while (FrameStart(first, rate) + frame / 2 <= kWindowLatency) {
+    ++first;
+  }
+  return first;
+}
+
 std::chrono::milliseconds Milliseconds(Time time) {
   return std::chrono::milliseconds(time / kMillisecond);
 }
@@ -67,8 +82,10 @@ std::chrono::milliseconds Milliseconds(Time time) {
 
 WallSession::WallSession(Settings settings)
     : settings_(std::move(settings)),
+      firstFrame_(settings_.live ? 0 : FirstFrame(settings_.wall.canvas.frameRate)),
       clock_(settings_.wall.canvas.clockOffset),
-      composer_(settings_.composerLibrary, CanvasOf(settings_.wall), settings_.logger),
+      composer_(settings_.composerLibrary, CanvasOf(settings_.wall),
+                settings_.composerLogger != nullptr ? settings_.composerLogger : settings_.logger),
       graph_(FilterGraph::Create()) {
   const wall::Canvas& canvas = settings_.wall.canvas;
   background_ = BackgroundSource::Create({canvas.width, canvas.height, canvas.frameRate,
@@ -81,9 +98,12 @@ WallSession::WallSession(Settings settings)
                          [this] { clock_.Stop(); }});
   }
   sink_ = CompositionSink::Create([this](const ComPtr<IMediaSample>& frame, Time start) {
-    ++composed_;
-    if (settings_.takeFrame) {
-      settings_.takeFrame(frame, start);
+    const Time first = FrameStart(firstFrame_, settings_.wall.canvas.frameRate);
+    if (start >= first) {
+      ++composed_;
+      if (settings_.takeFrame) {
+        settings_.takeFrame(frame, start - first);
+      }
     }
     watch_->Delivered(start);
   });
@@ -91,7 +111,14 @@ WallSession::WallSession(Settings settings)
   Check(graph_->AddFilter(background_.Get(), u"background"), "add the background to the graph");
   Check(graph_->AddFilter(sink_.Get(), u"composition"), "add the sink to the graph");
   if (settings_.takePacket) {
-    audioSink_ = AudioSink::Create(settings_.wall.channels.size(), settings_.takePacket);
+    audioSink_ =
+        AudioSink::Create(settings_.wall.channels.size(),
+                          [this](std::size_t channel, ffmpeg::Packet packet, Time shift) {
+                            const Time latency = settings_.live ? 0 : kWindowLatency;
+                            packet->pts -= latency;
+                            packet->dts -= latency;
+                            settings_.takePacket(channel, std::move(packet), shift - latency);
+                          });
     Check(graph_->AddFilter(audioSink_.Get(), u"sound"), "add the sink of the sound to the graph");
   }
   for (std::size_t i = 0; i < settings_.wall.channels.size(); ++i) {
@@ -271,7 +298,10 @@ Time WallSession::LastFrameWithNews(std::int64_t frame) {
 void WallSession::Render(const RenderControl& control) {
   Check(graph_->Run(0), "run the graph");
   const Ratio rate = settings_.wall.canvas.frameRate;
-  std::optional<Time> endsAt = control.length;
+  std::optional<Time> endsAt;
+  if (control.length) {
+    endsAt = *control.length + FrameStart(firstFrame_, rate);
+  }
   for (std::int64_t frame = 0; !endsAt || FrameStart(frame, rate) < *endsAt; ++frame) {
     if ((control.stop && control.stop()) || (control.waitForRoom && !control.waitForRoom())) {
       break;

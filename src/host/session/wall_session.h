@@ -24,7 +24,9 @@ namespace host {
 // (through its library's class factory) and a sink, and runs it in one of two ways. Live, every
 // source has its own threads and the background is paced by the clock. Rendered, the wall's time is
 // moved frame by frame: what is due is delivered, one frame is composed, and the output is a
-// function of the inputs alone.
+// function of the inputs alone. The composer shows everything one second late: the frames of a
+// rendered wall before that are composed and kept back, and the times that are handed out are those
+// of the sources.
 //
 // Belongs to the application's thread.
 class WallSession {
@@ -32,8 +34,9 @@ class WallSession {
   struct Settings {
     wall::Wall wall;
     std::string composerLibrary;
-    qorp::log::ILogPerf* logger = nullptr;  // not owned; outlives the session
-    ChannelObserver* observer = nullptr;    // not owned; outlives the session
+    qorp::log::ILogPerf* logger = nullptr;          // not owned; outlives the session
+    qorp::log::ILogPerf* composerLogger = nullptr;  // likewise; null: the same
+    ChannelObserver* observer = nullptr;            // not owned; outlives the session
     // Gets every composed picture, on the composition thread; returns at once.
     CompositionSink::TakeFrame takeFrame;
     // Gets the compressed sound of every channel, on the channels' streaming threads; returns at
@@ -44,7 +47,8 @@ class WallSession {
     bool live = false;
   };
   struct RenderControl {
-    std::optional<Time> length;         // none: until all channels have ended and been shown
+    std::optional<Time>
+        length;  // of what is handed out; none: until all channels have ended and been shown
     std::function<bool()> waitForRoom;  // before each frame; false ends the rendering
     std::function<bool()> stop;         // asked before each frame
     std::chrono::milliseconds stallLimit{
@@ -52,7 +56,7 @@ class WallSession {
   };
   struct Counters {
     std::uint64_t sent = 0;      // background frames that went into the composer
-    std::uint64_t composed = 0;  // frames that came out
+    std::uint64_t composed = 0;  // frames that came out and were handed out
     std::uint64_t late = 0;      // skipped because their time was over
     std::uint64_t starved = 0;   // skipped because every buffer was in use
   };
@@ -90,6 +94,7 @@ class WallSession {
   Time LastFrameWithNews(std::int64_t frame);
 
   const Settings settings_;
+  const std::int64_t firstFrame_;  // that is handed out
   WallClock clock_;
   std::chrono::system_clock::time_point startedAt_;  // time of day at the wall's time 0; set before
                                                      // the graph runs

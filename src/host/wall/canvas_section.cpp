@@ -151,6 +151,7 @@ void ReadCanvas(TableReader& reader, const FileContext& context, Canvas& canvas,
   rules.margin = ReadPixels(reader, "margin");
   rules.labelRoom = ReadPixels(reader, "label_room");
   rules.windowAspect = ReadAspect(reader, "window_aspect");
+  canvas.places = reader.AllPlaces();
   reader.Finish();
 }
 

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "host/wall/sections.h"
+#include "host/wall/url.h"
 #include "host/wall/value_text.h"
 
 namespace host::wall {
@@ -194,8 +195,7 @@ void ReadSource(TableReader& reader, const FileContext& context, Channel& channe
   }
   channel.source = ResolveSource(*source, context);
   std::error_code ignored;
-  if (source->find("://") == std::string::npos &&
-      !std::filesystem::exists(channel.source, ignored)) {
+  if (LocalPath(*source) && !std::filesystem::exists(channel.source, ignored)) {
     reader.Warning(kKey, "names no file yet: " + channel.source);
   }
 }
@@ -256,6 +256,7 @@ ChannelEntry ReadChannel(TableReader& reader, const FileContext& context, std::s
   channel.selected = reader.Boolean("selected").value_or(false);
   ReadLabel(reader, context, channel.name, channel.label);
   ReadChannelOptions(reader, channel.options);
+  channel.places = reader.AllPlaces();
   reader.Finish();
   return entry;
 }

@@ -14,6 +14,10 @@ void Diagnostics::Warning(Position position, std::string message) {
   all_.push_back({Diagnostic::Severity::kWarning, position, std::move(message)});
 }
 
+void Diagnostics::Note(Position position, std::string message) {
+  all_.push_back({Diagnostic::Severity::kNote, position, std::move(message)});
+}
+
 bool Diagnostics::HasErrors() const {
   return std::any_of(all_.begin(), all_.end(), [](const Diagnostic& diagnostic) {
     return diagnostic.severity == Diagnostic::Severity::kError;
@@ -27,11 +31,22 @@ void Diagnostics::Sort() {
   });
 }
 
+const char* NameOf(Diagnostic::Severity severity) {
+  switch (severity) {
+    case Diagnostic::Severity::kNote:
+      return "note";
+    case Diagnostic::Severity::kWarning:
+      return "warning";
+    case Diagnostic::Severity::kError:
+      break;
+  }
+  return "error";
+}
+
 std::string ToText(const Diagnostic& diagnostic, const std::string& file) {
-  const char* const severity =
-      diagnostic.severity == Diagnostic::Severity::kError ? "error" : "warning";
   return file + ":" + std::to_string(diagnostic.position.line) + ":" +
-         std::to_string(diagnostic.position.column) + ": " + severity + ": " + diagnostic.message;
+         std::to_string(diagnostic.position.column) + ": " + NameOf(diagnostic.severity) + ": " +
+         diagnostic.message;
 }
 
 }  // namespace host::wall

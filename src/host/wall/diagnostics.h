@@ -2,7 +2,10 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
+#include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace host::wall {
@@ -14,17 +17,27 @@ struct Position {
 };
 
 struct Diagnostic {
-  enum class Severity { kWarning, kError };
+  enum class Severity {
+    kNote,     // nothing is wrong; something that the operator should know
+    kWarning,  // it works, but hardly as it is meant
+    kError,
+  };
   Severity severity = Severity::kError;
   Position position;
   std::string message;
 };
+
+// Where the keys of a table stand in the file: key to position, "options.KEY" for those of its
+// table of options. Empty for what no file gives.
+using Places = std::map<std::string, Position, std::less<>>;
 
 // All mistakes of one file, collected by its reader.
 class Diagnostics {
  public:
   void Error(Position position, std::string message);
   void Warning(Position position, std::string message);
+  void Note(Position position, std::string message);
+  void Add(Diagnostic diagnostic) { all_.push_back(std::move(diagnostic)); }
 
   bool HasErrors() const;
   const std::vector<Diagnostic>& all() const { return all_; }
@@ -35,6 +48,7 @@ class Diagnostics {
   std::vector<Diagnostic> all_;
 };
 
+const char* NameOf(Diagnostic::Severity severity);
 // "wall.toml:3:9: error: ...", the form that editors and build tools read.
 std::string ToText(const Diagnostic& diagnostic, const std::string& file);
 

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "host/units.h"
+#include "host/wall/diagnostics.h"
 
 namespace host::wall {
 
@@ -26,6 +27,7 @@ struct LogOptions {
   std::optional<Endpoint> syslog;                 // empty host: none
   std::optional<std::filesystem::path> perfFile;  // circular file of records; empty: none
   std::optional<Time> perfPeriod;                 // between two records
+  Places places;                                  // of what a wall file gives
 };
 
 inline constexpr int kHighestLogLevel = 3;
@@ -45,6 +47,7 @@ inline LogOptions FirstOf(LogOptions first, const LogOptions& second) {
   fill(first.syslog, second.syslog);
   fill(first.perfFile, second.perfFile);
   fill(first.perfPeriod, second.perfPeriod);
+  first.places = second.places;
   return first;
 }
 

@@ -48,6 +48,7 @@ void ReadLog(TableReader& reader, const FileContext& context, LogOptions& log) {
   if (log.file && log.file == log.perfFile && !log.file->empty()) {
     reader.Error("perf_file", "is the file of the messages already; give it a file of its own");
   }
+  log.places = reader.AllPlaces();
   reader.Finish();
 }
 

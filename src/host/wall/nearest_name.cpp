@@ -10,7 +10,7 @@ namespace host::wall {
 
 namespace {
 
-constexpr std::array<std::pair<std::string_view, std::string_view>, 22> kOtherWords = {{
+constexpr std::array<std::pair<std::string_view, std::string_view>, 26> kOtherWords = {{
     {"fps", "frame_rate"},
     {"framerate", "frame_rate"},
     {"rate", "frame_rate"},
@@ -33,6 +33,10 @@ constexpr std::array<std::pair<std::string_view, std::string_view>, 22> kOtherWo
     {"lang", "language"},
     {"canvas", "wall"},
     {"timeout", "read_limit"},
+    {"h265", "hevc"},
+    {"x265", "libx265"},
+    {"x264", "libx264"},
+    {"avc", "h264"},
 }};
 
 // Letters only and small, so that "Frame-Rate" is near "frame_rate".

@@ -5,6 +5,9 @@ namespace host::wall {
 
 namespace {
 
+constexpr Time kLongestSegment = 366 * 24 * (3600 * kSecond);
+constexpr std::int64_t kSmallestSegment = 1'000'000;  // bytes
+
 void ReadBitRate(TableReader& reader, std::int64_t& bitRate) {
   constexpr const char* kKey = "bitrate";
   const toml::node* const node = reader.Find(kKey);
@@ -22,6 +25,22 @@ void ReadBitRate(TableReader& reader, std::int64_t& bitRate) {
     return;
   }
   bitRate = *given;
+}
+
+void ReadSegmentSize(TableReader& reader, std::int64_t& size) {
+  constexpr const char* kKey = "segment_size";
+  const toml::node* const node = reader.Find(kKey);
+  if (node == nullptr) {
+    return;
+  }
+  const auto given = node->is_integer()  ? node->value<std::int64_t>()
+                     : node->is_string() ? ParseFileSize(*node->value<std::string>())
+                                         : std::nullopt;
+  if (!given || *given < kSmallestSegment) {
+    reader.Error(kKey, "must be bytes, 1 MB at least: 2000000000, \"500 MB\" or \"2 GB\"");
+    return;
+  }
+  size = *given;
 }
 
 }  // namespace
@@ -46,7 +65,12 @@ Output ReadOutput(TableReader& reader, const FileContext& context) {
       reader.Duration("keyframe_interval", 0, 600 * kSecond).value_or(output.keyFrameInterval);
   output.lowDelay = reader.Boolean("low_delay").value_or(output.lowDelay);
   output.audio = reader.Boolean("audio").value_or(output.audio);
+  output.audioWait = reader.Duration("audio_wait", 0, 60 * kSecond).value_or(output.audioWait);
+  output.segment = reader.Duration("segment", kSecond, kLongestSegment).value_or(output.segment);
+  ReadSegmentSize(reader, output.segmentSize);
+  output.overwrite = reader.Boolean("overwrite").value_or(output.overwrite);
   output.options = reader.Options("options").value_or(output.options);
+  output.places = reader.AllPlaces();
   reader.Finish();
   return output;
 }

@@ -253,6 +253,19 @@ std::vector<const toml::table*> TableReader::Tables(std::string_view key) {
   return tables;
 }
 
+Places TableReader::AllPlaces() const {
+  Places places;
+  for (const auto& [key, value] : table_) {
+    places.emplace(key.str(), wall::PositionOf(value));
+  }
+  if (const toml::table* const options = table_["options"].as_table()) {
+    for (const auto& [key, value] : *options) {
+      places.emplace("options." + std::string(key.str()), wall::PositionOf(value));
+    }
+  }
+  return places;
+}
+
 void TableReader::Finish() {
   for (const auto& [key, value] : table_) {
     if (std::find(known_.begin(), known_.end(), key.str()) != known_.end()) {

@@ -48,6 +48,8 @@ class TableReader {
   void Finish();
 
   Position PositionOf(std::string_view key) const;
+  // Of all keys and, as "options.KEY", of those of a table "options".
+  Places AllPlaces() const;
   // Of the table itself.
   Position position() const { return wall::PositionOf(table_); }
   const std::string& title() const { return title_; }

@@ -154,6 +154,18 @@ std::optional<std::int32_t> ParseByteSize(std::string_view text) {
   return static_cast<std::int32_t>(*number << shift);
 }
 
+std::optional<std::int64_t> ParseFileSize(std::string_view text) {
+  static constexpr std::pair<std::string_view, double> kUnits[] = {
+      {"", 1}, {"kB", 1e3}, {"MB", 1e6}, {"GB", 1e9}, {"TB", 1e12}};
+  const auto number = NumberAndUnit(text);
+  for (const auto& [unit, factor] : kUnits) {
+    if (number && number->second == unit && number->first * factor <= 1e18) {
+      return std::llround(number->first * factor);
+    }
+  }
+  return {};
+}
+
 std::optional<Endpoint> ParseEndpoint(std::string_view text) {
   constexpr std::uint16_t kSyslogPort = 514;
   text = Trimmed(text);

@@ -29,6 +29,9 @@ std::optional<std::int32_t> ParseByteSize(std::string_view text);
 inline constexpr const char* kByteSizeForm =
     "must be a number of bytes, such as 500000, 64K or 10M, below 2G; 0 for no limit";
 
+// "500 MB", "2 GB", 1000 to the kB: bytes.
+std::optional<std::int64_t> ParseFileSize(std::string_view text);
+
 // "host", "host:port", "[::1]:port"; the port is that of syslog when none is given. An
 // empty text has an empty host: no endpoint.
 std::optional<Endpoint> ParseEndpoint(std::string_view text);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "host/units.h"
+#include "host/wall/diagnostics.h"
 #include "host/wall/log_options.h"
 
 namespace host::wall {
@@ -53,6 +54,7 @@ struct Canvas {
   Background background;
   int clockOffset = 0;  // ppm by which the wall's time runs faster than the machine's
   Time preroll = 0;     // period of the frames that are marked as preroll; 0: none
+  Places places;
 };
 
 struct Label {
@@ -115,6 +117,7 @@ struct Channel {
   bool selected = false;
   Label label;
   ChannelOptions options;
+  Places places;
 };
 
 struct Output {
@@ -127,7 +130,13 @@ struct Output {
   Time keyFrameInterval = 2 * kSecond;
   bool lowDelay = false;
   bool audio = true;
+  // How long a live output waits at its start for what is not known yet of the channels' audio.
+  Time audioWait = 700 * kMillisecond;
+  bool overwrite = false;                      // a file that exists is replaced
+  Time segment = 0;                            // length of the files of a recording; 0: one file
+  std::int64_t segmentSize = 0;                // bytes, likewise
   std::map<std::string, std::string> options;  // of FFmpeg's container and protocol
+  Places places;
 };
 
 struct Wall {

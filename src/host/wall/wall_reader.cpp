@@ -13,6 +13,7 @@
 #include "host/wall/sections.h"
 #include "host/wall/table_reader.h"
 #include "host/wall/toml_file.h"
+#include "host/wall/url.h"
 
 namespace host::wall {
 
@@ -73,6 +74,24 @@ void PlaceWindows(std::vector<ChannelEntry>& entries, const Canvas& canvas,
   }
 }
 
+// Of two windows on one place, the later one hides the other.
+void CheckOverlaps(const std::vector<ChannelEntry>& entries, Diagnostics& diagnostics) {
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    for (std::size_t k = 0; k < i; ++k) {
+      const auto& a = entries[k].window;
+      const auto& b = entries[i].window;
+      if (a && b && entries[k].channel.options.enabled && entries[i].channel.options.enabled &&
+          a->x < b->x + b->width && b->x < a->x + a->width && a->y < b->y + b->height &&
+          b->y < a->y + a->height) {
+        diagnostics.Warning(entries[i].windowPosition,
+                            "the window of \"" + entries[i].channel.name +
+                                "\" overlaps that of \"" + entries[k].channel.name + "\"");
+        break;
+      }
+    }
+  }
+}
+
 void CheckNames(const std::vector<ChannelEntry>& entries, Diagnostics& diagnostics) {
   std::map<std::string, std::size_t> seen;
   for (std::size_t i = 0; i < entries.size(); ++i) {
@@ -123,6 +142,7 @@ std::vector<Channel> ReadChannels(TableReader& root, const FileContext& context,
       CheckWindowsGiven(tables, entries, diagnostics);
     }
     PlaceWindows(entries, canvas, rules, wallPosition, diagnostics);
+    CheckOverlaps(entries, diagnostics);
   }
   std::vector<Channel> channels;
   channels.reserve(entries.size());
@@ -135,8 +155,8 @@ std::vector<Channel> ReadChannels(TableReader& root, const FileContext& context,
 }  // namespace
 
 std::string ResolveSource(const std::string& source, const FileContext& context) {
-  const bool isUrl = source.find("://") != std::string::npos;
-  return isUrl ? source : ResolvePath(source, context).string();
+  const std::optional<std::string> path = LocalPath(source);
+  return path ? ResolvePath(*path, context).string() : source;
 }
 
 std::filesystem::path ResolvePath(const std::string& path, const FileContext& context) {

@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "host/cli/output_messages.h"
 #include "tests/support/datagram_receiver.h"
 #include "tests/support/temporary_folder.h"
 
@@ -130,6 +131,23 @@ TEST_F(Messages, TellOfAChannelWhenSomethingChanges) {
                                       ".{23} channel \"A\": opened \\(mpegts, h264 0x0, no audio "
                                       "\\(there is none\\)\\)\n"
                                       ".{23} channel \"A\": no data for 5 s\n"));
+}
+
+TEST_F(Messages, TellWhichFileAnOutputWrites) {
+  Streams streams{out, err};
+  MessageLog messages(streams, {});
+  OutputMessages outputs(messages);
+  using Opening = OutputObserver::Opening;
+  outputs.OutputOpened("a.mkv", "a.mkv", Opening::kFirst);
+  outputs.OutputOpened("a.mkv", "a-2.mkv", Opening::kBeside);
+  outputs.OutputFailed("a.mkv", "no space", std::chrono::milliseconds(250));
+  outputs.OutputFailed("a.mkv", "no space", std::chrono::milliseconds(500));
+  outputs.OutputOpened("a.mkv", "a-3.mkv", Opening::kAgain);
+  messages.Flush();
+  EXPECT_THAT(err.str(), MatchesRegex(".{23} output a.mkv: a file of that name exists and is kept; "
+                                      "written is a-2.mkv\n"
+                                      ".{23} output a.mkv: no space; it is tried again\n"
+                                      ".{23} output a.mkv: open again; written is a-3.mkv\n"));
 }
 
 TEST_F(Messages, WriteARecordForEveryPinAfterTheirNames) {

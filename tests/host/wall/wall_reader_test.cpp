@@ -33,17 +33,6 @@ Wall Read(const std::string& text) {
   return file.wall;
 }
 
-TEST(WallReader, FillsTheSmallestWallWithDefaults) {
-  const Wall wall = Read(kChannel);
-  EXPECT_EQ(wall.canvas.width, 1920);
-  EXPECT_EQ(wall.canvas.frameRate, (Ratio{25, 1}));
-  EXPECT_EQ(wall.canvas.aspect, (Ratio{16, 9}));
-  ASSERT_EQ(wall.channels.size(), 1U);
-  EXPECT_EQ(wall.channels[0].name, "Channel 1");
-  EXPECT_EQ(wall.channels[0].label.text, "Channel 1");
-  EXPECT_EQ(wall.channels[0].options.deinterlace, DeinterlaceMode::kAuto);
-}
-
 TEST(WallReader, ReadsEveryFormOfAValue) {
   const Wall wall = Read(R"(
 [wall]
@@ -103,12 +92,15 @@ TEST(WallReader, ResolvesPathsAgainstTheFolderOfTheFile) {
   WriteWholeFile(folder / "one.mp4", "x");
   WriteWholeFile(folder / "wall.toml",
                  "[wall]\nbackground = 'back.png'\n[[channel]]\nsource = './one.mp4'\n"
-                 "label_file = 'title.txt'\n[[output]]\nurl = '/tmp/out.mkv'\n");
+                 "label_file = 'title.txt'\n[[output]]\nurl = '/tmp/out.mkv'\n"
+                 "[[output]]\nurl = 'file:out.mkv'\n[[output]]\nurl = '-'\n");
   const WallFile file = ReadWall(folder / "wall.toml");
   EXPECT_TRUE(file.usable());
   EXPECT_EQ(file.wall.canvas.background.picture, folder.Path() / "back.png");
   EXPECT_EQ(file.wall.channels.at(0).source, folder / "one.mp4");
   EXPECT_EQ(file.wall.outputs.at(0).url, "/tmp/out.mkv");
+  EXPECT_EQ(file.wall.outputs.at(1).url, folder / "out.mkv");
+  EXPECT_EQ(file.wall.outputs.at(2).url, "-");
   ASSERT_EQ(file.diagnostics.all().size(), 1U);
   EXPECT_EQ(
       ToText(file.diagnostics.all()[0], "w"),
@@ -223,6 +215,11 @@ TEST(WallReader, ChecksTheFormOfWindows) {
   EXPECT_THAT(with("{ x = 0, y = 0, width = 640 }"),
               ElementsAre("w:3:10: error: \"window\" has no height"));
   EXPECT_THAT(with("[4000, 0, 640, 360]"), ElementsAre(HasSubstr("is never seen")));
+  EXPECT_THAT(
+      Complaints(std::string(kChannel) + "window = [0, 0, 640, 360]\n" + kChannel +
+                 "window = [640, 0, 640, 360]\n" + kChannel + "window = [600, 300, 64, 64]\n"),
+      ElementsAre("w:9:10: warning: the window of \"Channel 3\" overlaps that of "
+                  "\"Channel 1\""));
   EXPECT_THAT(Complaints(std::string(kChannel) + kChannel + "window = [0, 0, 640, 360]"),
               ElementsAre(HasSubstr("w:1:1: error: \"Channel 1\" has no window, but others have")));
 }
@@ -268,16 +265,6 @@ TEST(WallReader, SaysWhyAFileCannotBeRead) {
   EXPECT_EQ(missing.diagnostics.all()[0].message, "cannot be read: No such file or directory");
   EXPECT_EQ(ReadWall(folder.Path()).diagnostics.all().at(0).message,
             "cannot be read: Is a directory");
-}
-
-TEST(WallReader, AcceptsTheExampleOfTheManual) {
-  const WallFile file = ReadWall(TAVREL_DOCS "/wall-example.toml");
-  for (const Diagnostic& diagnostic : file.diagnostics.all()) {
-    EXPECT_EQ(diagnostic.severity, Diagnostic::Severity::kWarning) << diagnostic.message;
-    EXPECT_THAT(diagnostic.message, HasSubstr("names no file yet"));
-  }
-  EXPECT_EQ(file.wall.channels.size(), 3U);
-  EXPECT_EQ(file.wall.outputs.size(), 2U);
 }
 
 }  // namespace

@@ -1,0 +1,102 @@
+#include "host/cli/run_plan.h"
+
+#include <filesystem>
+#include <system_error>
+
+#include "host/ffmpeg/mask.h"
+#include "host/ffmpeg/pipe_output.h"
+#include "host/output/container.h"
+#include "host/session/wall_check.h"
+#include "host/session/wall_files.h"
+#include "host/wall/file_pattern.h"
+#include "host/wall/url.h"
+
+namespace host::cli {
+namespace {
+
+std::string Named(const std::string& argument, const std::string& target) {
+  return argument + " \"" + ffmpeg::MaskCredentials(target) + "\"";
+}
+
+// The outputs that the arguments name.
+void TakeArguments(const RecordOptions& record, RunPlan& plan) {
+  bool formatIsUsed = false;
+  for (const std::string& url : record.outputs) {
+    wall::Output output;
+    output.url = wall::LocalPath(url).value_or(url);
+    if (!record.format.empty() &&
+        (record.outputs.size() == 1 || FindContainer("", output.url) == nullptr)) {
+      output.format = record.format;
+      formatIsUsed = true;
+    }
+    for (const Finding& finding : CheckOutput(output)) {
+      const bool isMistake = finding.severity == wall::Diagnostic::Severity::kError;
+      const std::string text = Named("--output", output.url) + " " +
+                               (finding.key == "url" ? "" : "\"" + finding.key + "\" ") +
+                               finding.what;
+      (isMistake ? plan.mistakes : plan.remarks).push_back(text);
+    }
+    plan.outputs.push_back(output);
+  }
+  if (!record.format.empty() && !formatIsUsed) {
+    plan.mistakes.push_back(Named("--format", record.format) +
+                            " is used by no output: the name of each --output tells its container");
+  }
+}
+
+bool Exists(const std::string& url) {
+  const std::optional<std::string> path = wall::LocalPath(url);
+  std::error_code ignored;
+  return path && std::filesystem::is_regular_file(wall::ExpandFileName(*path), ignored);
+}
+
+void KeepFiles(const WallCommand& command, RunPlan& plan) {
+  constexpr const char* kHowTo = " exists; name another file, or replace it with --overwrite";
+  for (const wall::Output& output : plan.outputs) {
+    if (!output.overwrite && Exists(output.url)) {
+      plan.mistakes.push_back(Named("the output", output.url) + kHowTo);
+    }
+  }
+  if (!command.record.overwrite && Exists(command.record.snapshot.string())) {
+    plan.mistakes.push_back(Named("--snapshot", command.record.snapshot.string()) + kHowTo);
+  }
+}
+
+}  // namespace
+
+RunPlan PlanRun(const WallCommand& command) {
+  RunPlan plan;
+  const RecordOptions& record = command.record;
+  TakeArguments(record, plan);
+  RunFiles files;
+  files.outputsAreArguments = !record.outputs.empty();
+  if (!files.outputsAreArguments) {
+    plan.outputs = command.wall.outputs;
+  }
+  for (wall::Output& output : plan.outputs) {
+    output.overwrite = output.overwrite || record.overwrite;
+    plan.toStandardOutput =
+        plan.toStandardOutput || ffmpeg::PipeOutput::IsStandardOutput(output.url);
+  }
+  if (plan.toStandardOutput && (command.json || command.events)) {
+    plan.mistakes.emplace_back(
+        "--json and --events write lines to the standard output, and so does an output write "
+        "there; "
+        "send one of them elsewhere");
+  }
+  files.wallFile = command.wallFile;
+  files.outputs = plan.outputs;
+  files.logArguments = command.graph.log;
+  files.log = wall::FirstOf(command.graph.log, command.wall.log);
+  files.snapshot = record.snapshot;
+  files.library = command.graph.library;
+  for (const WallFiles::Clash& clash : FilesOf(command.wall, files).Clashes()) {
+    plan.mistakes.push_back(ToText(clash, command.wallFile));
+  }
+  if (!command.live) {
+    KeepFiles(command, plan);
+  }
+  return plan;
+}
+
+}  // namespace host::cli

@@ -1,0 +1,55 @@
+// FileOutput: the file of a recording.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "host/ffmpeg/handles.h"
+
+namespace host::ffmpeg {
+
+// What FFmpeg's own file protocol does, and two things that it does not. A new file is created and
+// opened in one step, so that no file that exists is ever truncated, whoever made it in between.
+// And what the muxer flushes at once (a cluster, a fragment, a frame in transport packets) reaches
+// the file in one write, so that a program that is killed leaves no half of it.
+//
+// Owned by its writer, on one thread, and must outlive the format context that writes through io().
+class FileOutput {
+ public:
+  enum class Existing {
+    kKept,      // a file of that name is an error: AVERROR(EEXIST)
+    kReplaced,  // ... is emptied
+  };
+
+  // Throws Error.
+  FileOutput(const std::string& path, Existing existing);
+  // The standard output of the process, which is a file. Written from where it stands, no seeking.
+  static std::unique_ptr<FileOutput> OfStandardOutput();
+  // Closes the file; one that was new and into which nothing was written is removed.
+  ~FileOutput();
+  FileOutput(const FileOutput&) = delete;
+  FileOutput& operator=(const FileOutput&) = delete;
+
+  AVIOContext* io() const { return io_.get(); }
+  const std::string& path() const { return path_; }
+  // Writes what is buffered and closes the file. Throws Error.
+  void Close();
+
+ private:
+  FileOutput();
+
+  static int OnWrite(void* output, std::uint8_t* bytes, int size);
+  static std::int64_t OnSeek(void* output, std::int64_t offset, int whence);
+  std::int64_t Seek(std::int64_t offset, int whence);
+
+  std::string path_;
+  std::FILE* file_ = nullptr;
+  bool isOwn_ = true;
+  bool isNew_ = false;
+  bool written_ = false;
+  CallbackIo io_;
+};
+
+}  // namespace host::ffmpeg

@@ -1,0 +1,63 @@
+// WallFiles: the files and addresses that a wall reads and writes.
+#pragma once
+
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/wall/wall.h"
+
+namespace host {
+
+// Knows everything that a run opens, so that nothing that is written is at the same time something
+// else: a file is the same under every spelling, through links and as a hard link; an address under
+// every spelling, and where two would take the same port. Looks at the file system, opens nothing.
+// One thread.
+class WallFiles {
+ public:
+  struct Use {
+    std::string what;                     // "output 1", "the source of channel \"A\"", "--log-file"
+    std::string target;                   // a path, a URL or a stream of the process
+    std::optional<wall::Position> place;  // in the wall file; none: not named there
+    std::map<std::string, std::string> options;  // of the protocol
+    std::vector<std::string> beside;  // names with "*" of further files in the same folder
+  };
+  // what is written is what other reads or writes.
+  struct Clash {
+    Use written;
+    Use other;
+  };
+
+  void Reads(Use use);
+  void Writes(Use use);
+
+  // Each pair once.
+  std::vector<Clash> Clashes() const;
+
+ private:
+  std::vector<Use> read_;
+  std::vector<Use> written_;
+};
+
+// What a run is given besides its wall.
+struct RunFiles {
+  std::filesystem::path wallFile;     // empty: none
+  std::vector<wall::Output> outputs;  // those that are written
+  bool outputsAreArguments = false;   // ... and not those of the wall file
+  wall::LogOptions log;               // what is used
+  wall::LogOptions logArguments;      // ... of which these are arguments
+  std::filesystem::path snapshot;     // empty: none
+  std::filesystem::path library;      // of the composer; empty: not named
+};
+WallFiles FilesOf(const wall::Wall& wall, const RunFiles& run);
+
+// "output 1 (\"rec/a.mkv\") is the same file as the source of channel \"A\" (\"a.mkv\",
+// wall.toml:5:10)"
+std::string ToText(const WallFiles::Clash& clash, const std::filesystem::path& wallFile);
+
+// Names that an HLS output writes beside its playlist, with "*" for what they count.
+std::vector<std::string> NamesBeside(const wall::Output& output);
+
+}  // namespace host

@@ -1,0 +1,154 @@
+// What becomes of the files and tracks of a recording.
+#include <algorithm>
+#include <ctime>
+#include <memory>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+extern "C" {
+#include <libavformat/avio.h>
+}
+
+#include "host/ffmpeg/error.h"
+#include "host/output/output_pass.h"
+#include "host/output/recording_files.h"
+#include "host/output/video_encoder.h"
+#include "host/wall/file_pattern.h"
+#include "tests/host/clips.h"
+#include "tests/support/frames.h"
+#include "tests/support/temporary_folder.h"
+
+namespace host {
+namespace {
+
+using Existing = RecordingFiles::Existing;
+
+// Writes into the next file; its name.
+std::string WriteNext(RecordingFiles& files) {
+  const std::unique_ptr<ffmpeg::FileOutput> file = files.Next();
+  avio_write(file->io(), reinterpret_cast<const unsigned char*>("new"), 3);
+  file->Close();
+  return std::filesystem::path(file->path()).filename().string();
+}
+
+TEST(RecordingFiles, KeepEveryFileThatExistsUnlessItIsToBeReplaced) {
+  const TemporaryFolder folder;
+  const std::string name = (folder / "wall.v1.mkv").string();
+  WriteWholeFile(name, "old");
+  WriteWholeFile(folder / "wall.v1-3.mkv", "old");
+  RecordingFiles beside(name, Existing::kKept);
+  EXPECT_EQ(WriteNext(beside), "wall.v1-2.mkv");
+  EXPECT_TRUE(beside.avoided());
+  beside.Next().reset();  // nothing was written: no stub stays
+  EXPECT_EQ(WriteNext(beside), "wall.v1-5.mkv");
+  EXPECT_FALSE(std::filesystem::exists(folder / "wall.v1-4.mkv"));
+  RecordingFiles refusing(name, Existing::kRefused);
+  EXPECT_THROW(refusing.Next(), ffmpeg::Error);
+  EXPECT_EQ(ReadWholeFile(name), "old");
+  EXPECT_EQ(ReadWholeFile(folder / "wall.v1-3.mkv"), "old");
+  RecordingFiles replacing(name, Existing::kReplaced);
+  EXPECT_EQ(WriteNext(replacing), "wall.v1.mkv");
+  EXPECT_EQ(ReadWholeFile(name), "new");
+  EXPECT_NE(WriteNext(replacing), "wall.v1.mkv") << "the files of one run are all kept";
+  EXPECT_EQ(ReadWholeFile(folder / "wall.v1-3.mkv"), "old");
+}
+
+TEST(FilePattern, HoldsDateAndTime) {
+  std::tm time{};
+  time.tm_year = 126;
+  time.tm_mon = 10;
+  time.tm_mday = 5;
+  time.tm_hour = 7;
+  EXPECT_EQ(wall::ExpandPattern("w-%Y%m%d-%H%M%S-100%%.mkv", time), "w-20261105-070000-100%.mkv");
+  EXPECT_EQ(wall::PatternMistake("%F.mkv"), std::nullopt);
+}
+
+// Video without B-frames and with a keyframe in every fifth frame, and an output that takes it.
+class OutputPassTest : public testing::TestWithParam<const char*> {
+ protected:
+  OutputPassTest() : encoder_(Video()) {
+    settings_.muxer.url = (folder_ / (std::string("wall.") + GetParam())).string();
+    settings_.muxer.survivesKill = true;
+    settings_.formatLimit = 700 * kMillisecond;
+    settings_.waitForSources = true;
+    settings_.sinceStart = [this] { return sinceStart_; };
+    for (const char* const name : {"here", "away"}) {
+      settings_.tracks.push_back({name, "", false, std::make_shared<AudioTrack>()});
+    }
+    settings_.tracks[0].audio->Settle(AacFormat(48'000, 2, ""));
+  }
+  static VideoEncoder::Settings Video() {
+    VideoEncoder::Settings settings;
+    settings.width = 96;
+    settings.height = 64;
+    settings.preset = "ultrafast";
+    settings.lowDelay = true;
+    settings.keyFrameInterval = kSecond / 5;
+    return settings;
+  }
+  void TakeFrame(OutputPass& pass, int number) {
+    const support::Yv12Buffer picture(96, 64);
+    encoder_.Encode(picture.bytes(), number * 400'000, [&](ffmpeg::Packet packet) {
+      pass.Take({TrackPacket::kVideo, std::move(packet), 0});
+    });
+  }
+
+  const TemporaryFolder folder_;
+  VideoEncoder encoder_;
+  OutputPass::Settings settings_;
+  Time sinceStart_ = 0;
+};
+
+// In every container, so that players find in each track what was announced.
+TEST_P(OutputPassTest, BeginsInTimeWithoutAChannelWhoseTrackIsSilentUntilItComes) {
+  const ffmpeg::Parameters video = encoder_.parameters();
+  int opened = 0;
+  OutputCounters counters(2);
+  OutputPass pass(settings_, *video, counters,
+                  {nullptr, [](const std::string&) {},
+                   [&](const OutputPass&, const std::string&) { ++opened; }});
+  TakeFrame(pass, 0);
+  sinceStart_ = 650 * kMillisecond;
+  TakeFrame(pass, 1);
+  EXPECT_FALSE(pass.started()) << "the next frame is in time as well";
+  sinceStart_ = 670 * kMillisecond;
+  TakeFrame(pass, 2);
+  EXPECT_TRUE(pass.started()) << "the next frame would be late";
+  EXPECT_EQ(settings_.tracks[1].audio->state(), AudioTrack::State::kSettled);
+  for (int i = 3; i < 50; ++i) {
+    TakeFrame(pass, i);
+  }
+  pass.Finish();
+  EXPECT_EQ(opened, 1);
+
+  const bool isHls = GetParam() == std::string("m3u8");
+  for (int track = 1; track <= 2; ++track) {
+    MediaReader::Settings reading;
+    reading.source = (folder_ / (isHls ? "wall_sound" + std::to_string(track) + ".m3u8"
+                                       : std::string("wall.") + GetParam()))
+                         .string();
+    reading.audioTrack = isHls ? 1 : static_cast<std::size_t>(track);
+    reading.wantVideo = false;
+    MediaReader reader(reading);
+    reader.Open();
+    EXPECT_EQ(reader.info().audio->sampleRate, 48'000);
+    const Content content = ReadAll(reader);
+    ASSERT_GE(content.packets.size(), 90U) << "two seconds of 1024 samples each";
+    for (std::size_t i = 1; i < content.packets.size(); ++i) {
+      EXPECT_NEAR(content.packets[i].start - content.packets[i - 1].start, 213'333,
+                  2 * kMillisecond);
+    }
+    for (const AudioSamples& samples : content.samples) {
+      const auto* const plane = reinterpret_cast<const float*>(samples.frame->extended_data[0]);
+      EXPECT_THAT(std::vector<float>(plane, plane + samples.frame->nb_samples),
+                  testing::Each(testing::FloatNear(0, 1e-4F)));
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Containers, OutputPassTest, testing::Values("mkv", "mp4", "ts", "m3u8"),
+                         [](const auto& test) { return std::string(test.param); });
+
+}  // namespace
+}  // namespace host

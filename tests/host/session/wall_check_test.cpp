@@ -1,0 +1,207 @@
+#include "host/session/wall_check.h"
+
+#include <fstream>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "host/session/wall_files.h"
+#include "tests/support/temporary_folder.h"
+
+namespace host {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+std::vector<std::string> Texts(const wall::WallFile& file) {
+  std::vector<std::string> texts;
+  for (const wall::Diagnostic& diagnostic : file.diagnostics.all()) {
+    texts.push_back(ToText(diagnostic, "w"));
+  }
+  return texts;
+}
+
+class WallCheckTest : public testing::Test {
+ protected:
+  std::vector<std::string> Complaints(const std::string& text) {
+    WriteWholeFile(folder_ / "wall.toml", text);
+    wall::WallFile file = wall::ReadWall(folder_ / "wall.toml");
+    CheckWall(file, folder_ / "wall.toml");
+    return Texts(file);
+  }
+
+  const TemporaryFolder folder_;
+};
+
+// One table of an output or a channel, and what is said of it.
+TEST_F(WallCheckTest, FindsWhatAnOutputOrASourceCannotBe) {
+  struct Case {
+    const char* table;
+    std::vector<const char*> said;
+  };
+  constexpr const char* kOut = "[[output]]\n";
+  constexpr const char* kIn = "[[channel]]\n";
+  const std::pair<const char*, Case> cases[] = {
+      {kOut, {"url = 'udp://10.0.0.1:5000'", {}}},
+      {kOut,
+       {"url = 'htp://h/x.ts'",
+        {"w:4:7: error: \"url\" has the unknown scheme \"htp\"; did you mean \"http\"?"}}},
+      {kOut,
+       {"url = 'udp://10.0.0.1'",
+        {"w:4:7: error: \"url\" has no port: it is written as udp://HOST:PORT"}}},
+      {kOut, {"url = 'srt://[::1]:65536'", {"has the port \"65536\", which must be 1 to 65535"}}},
+      {kOut, {"url = 'rtp://:5000'", {"has no host to send to"}}},
+      {kOut, {"url = 'rtmp://user:pass/word@host/live/key'", {}}},
+      {kOut, {"url = 'srt://:5000?mode=listener'", {"note: \"url\" serves one viewer at a time"}}},
+      {kOut,
+       {"url = 'srt://:5000'\noptions = { mode = 'listener' }", {"note: \"url\" serves one"}}},
+      {kOut, {"url = 'a.dat'", {"w:4:7: error: \"url\" does not tell the container"}}},
+      {kOut,
+       {"url = 'a.mkv'\nformat = 'mkv'",
+        {"w:5:10: error: \"format\" is no container: \"mkv\"; did you mean \"matroska\"?"}}},
+      {kOut,
+       {"url = 'a.mkv'\ncodec = 'h265'",
+        {"w:5:9: error: \"codec\" is no video codec that can be encoded here: \"h265\"; did you "
+         "mean \"hevc\"?"}}},
+      {kOut, {"url = 'a.mkv'\ncodec = 'aac'", {"\"codec\" is no video codec"}}},
+      {kOut,
+       {"url = 'rtmp://h/live/x'\ncodec = 'hevc'",
+        {"\"codec\" does not suit: flv cannot hold hevc: it holds h264, "}}},
+      {kOut,
+       {"url = 'a.mkv'\ncodec = 'mpeg2video'\nquality = 9\npreset = 'slow'",
+        {"\"quality\" is not used: mpeg2video has no constant quality", "\"preset\" is not used"}}},
+      {kOut,
+       {"url = 'a.mp4'\noptions = { movflag = 'x' }",
+        {"w:5:23: error: \"movflag\" is an option that neither mp4 nor its protocol knows; did you "
+         "mean \"movflags\"?"}}},
+      {kOut, {"url = 'srt://h:1'\noptions = { passphrase = 'x', mpegts_flags = 'y' }", {}}},
+      {kOut, {"url = 'a.avi'", {"warning: \"url\" names a container, avi, whose files are lost"}}},
+      {kOut,
+       {"url = 'a.mpd'", {"warning: \"url\" names a container, dash, which writes several files"}}},
+      {kOut, {"url = 'a-%Y%m%d-%%.mkv'\nsegment = '1 h'\nsegment_size = '2 GB'", {}}},
+      {kOut, {"url = 'a-%Q.mkv'", {"\"url\" has the unknown conversion \"%Q\""}}},
+      {kOut, {"url = 'a%'\nformat = 'mpegts'", {"\"url\" has the unknown conversion \"%\""}}},
+      {kOut, {"url = 'a%%.m3u8'", {"where HLS cannot be written"}}},
+      {kOut,
+       {"url = 'udp://h:1'\nsegment = 5\nsegment_size = 5000000",
+        {"\"segment\" is for files only", "\"segment_size\" is for files only"}}},
+      {kOut,
+       {"url = 'a.m3u8'\nsegment = 5", {"\"segment\" cannot be given: hls cuts its files itself"}}},
+      {kOut,
+       {"url = 'a.mkv'\nsegment_size = '5 kB'", {"\"segment_size\" must be bytes, 1 MB at least"}}},
+      {kIn,
+       {"source = 'rtmp://0.0.0.0/live/key'\noptions = { listen = 1 }",
+        {"note: \"source\" waits for its sender at port 1935 (rtmp)"}}},
+      {kIn, {"source = 'udp://239.1.1.1:0'", {"has the port \"0\""}}},
+      {kIn,
+       {"source = 'rtsp://h/x'\noptions = { rtsp_transport = 'tcp', nonsense = 1 }",
+        {"w:5:48: error: \"nonsense\" is an option that no container and no protocol knows"}}},
+  };
+  for (const auto& [header, c] : cases) {
+    const std::string channel = header == kIn ? "\n\n" : "[[channel]]\nsource = 'udp://h:9'\n";
+    const std::vector<std::string> said = Complaints(channel + header + c.table + "\n");
+    ASSERT_EQ(said.size(), c.said.size()) << c.table << testing::PrintToString(said);
+    for (std::size_t i = 0; i < said.size(); ++i) {
+      EXPECT_THAT(said[i], HasSubstr(c.said[i])) << c.table;
+    }
+  }
+}
+
+TEST_F(WallCheckTest, StartsTheEncodersWhereThatIsAskedFor) {
+  wall::WallFile file = wall::ParseWall(
+      "wall = { width = 64, height = 64 }\n"
+      "[[channel]]\nsource = 'udp://h:9'\n[[output]]\nurl = 'a.mkv'\npreset = 'hasty'\n"
+      "[[output]]\nurl = 'b.mkv'\ncodec = 'libx265'\n[[output]]\nurl = 'c.mkv'\ncodec = "
+      "'mpeg2video'\n",
+      "/");
+  CheckEncoders(file);
+  EXPECT_THAT(Texts(file), ElementsAre(HasSubstr("w:5:7: error: \"codec\" cannot be used here")));
+}
+
+TEST_F(WallCheckTest, FindsEveryFileThatIsUsedTwiceUnderWhateverName) {
+  const auto make = [&](const char* name) { std::ofstream(folder_ / name) << "x"; };
+  std::filesystem::create_directory(folder_ / "sub");
+  make("one.mp4");
+  make("sub/two.ts");
+  make("back.png");
+  std::filesystem::create_symlink("one.mp4", folder_ / "link.mp4");
+  std::filesystem::create_symlink("sub", folder_ / "folder");
+  std::filesystem::create_symlink("sub/new.mkv", folder_ / "dangling.mkv");
+  std::filesystem::create_hard_link(folder_ / "one.mp4", folder_ / "hard.mp4");
+  const std::string wall =
+      "[wall]\nbackground = 'back.png'\n[[channel]]\nname = 'A'\n"
+      "source = 'one.mp4'\nlabel_file = 'sub/title.txt'\n"
+      "[[channel]]\nsource = 'sub/two.ts'\n";
+  const auto output = [](const std::string& url) {
+    return "[[output]]\nurl = '" + url + "'\nformat = 'mpegts'\n";
+  };
+  struct Case {
+    std::string more;
+    const char* said;  // null: nothing
+  };
+  const Case cases[] = {
+      {output("other.mkv"), nullptr},
+      {output("one.mp4"), "is the same file as the source of channel \"A\" (\""},
+      {output("./sub/../one.mp4"), "one.mp4\", wall.toml:5:10)"},
+      {output("link.mp4"), "same file as the source of channel \"A\""},
+      {output("hard.mp4"), "same file as the source of channel \"A\""},
+      {output("FILE://" + (folder_ / "one.mp4").string()),
+       "same file as the source of channel \"A\""},
+      {output("file:folder/two.ts"), "same file as the source of channel \"Channel 2\""},
+      {output("folder/title.txt"), "same file as the label file of channel \"A\""},
+      {output("back.png"), "same file as the background"},
+      {output("sub/../wall.toml"), "same file as the wall file"},
+      {output("new.mkv") + output("folder/../new.mkv"), "output 2 (\""},
+      {output("dangling.mkv") + output("sub/new.mkv"), "is the same file as output 1 (\""},
+      {output("/dev/null") + output("/dev/null"), nullptr},
+      {"[[output]]\nurl = 'sub/two.m3u8'\n[[output]]\nurl = 'folder/two_sound3.m3u8'\n",
+       "same file as output 1"},
+      {"[[output]]\nurl = 'sub/two.m3u8'\n" + output("sub/two_video_00042.ts"),
+       "same file as output 1"},
+      {"[[output]]\nurl = 'sub/two.m3u8'\n" + output("two_video_00042.ts"), nullptr},
+      {output("x.mkv") + "[log]\nfile = 'sub/../x.mkv'\n", "[log] file (\""},
+      {"[log]\nperf_file = 'hard.mp4'\n", "same file as the source of channel \"A\""},
+      {output("udp://10.0.0.1:5000") + output("UDP://10.0.0.1:5000/"), "same address as output 1"},
+      {output("udp://10.0.0.1:5000") + output("rtp://10.0.0.1:4999"), "same address as output 1"},
+      {output("udp://10.0.0.1:5000") + output("udp://10.0.0.2:5000"), nullptr},
+      {output("srt://:5000?mode=listener") + output("srt://10.0.0.2:5000?mode=listener"),
+       "same address as output 1"},
+      {output("srt://h:5000?streamid=a") + output("srt://h:5000?streamid=b"), nullptr},
+      {output("rtmp://h/live/a") + output("rtmp://h/live/b"), nullptr},
+      {output("rtmp://h/live/a") + output("rtmp://h/live/a"), "same address as output 1"},
+      {"[[channel]]\nname = 'C'\nsource = 'udp://:5000'\n" + output("udp://localhost:5000"),
+       "same address as the source of channel \"C\""},
+      {"[[channel]]\nname = 'C'\nsource = 'udp://239.1.1.1:5000'\n[[channel]]\nsource = "
+       "'udp://239.1.1.1:5000'\n",
+       nullptr},
+  };
+  for (const Case& c : cases) {
+    std::vector<std::string> clashes;
+    for (const std::string& text : Complaints(wall + c.more)) {
+      if (text.find(" is the same ") != std::string::npos) {
+        clashes.push_back(text);
+      }
+    }
+    if (c.said == nullptr) {
+      EXPECT_THAT(clashes, IsEmpty()) << c.more;
+    } else {
+      EXPECT_THAT(clashes, ElementsAre(AllOf(HasSubstr(c.said), HasSubstr(": error: ")))) << c.more;
+    }
+  }
+}
+
+TEST_F(WallCheckTest, FindsNothingWrongWithTheExampleOfTheManual) {
+  wall::WallFile file = wall::ReadWall(TAVREL_DOCS "/wall-example.toml");
+  CheckWall(file, TAVREL_DOCS "/wall-example.toml");
+  EXPECT_TRUE(file.usable()) << testing::PrintToString(Texts(file));
+  EXPECT_THAT(Texts(file), testing::Each(HasSubstr("names no file yet")));
+}
+
+}  // namespace
+}  // namespace host
