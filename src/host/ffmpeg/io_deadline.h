@@ -7,11 +7,15 @@
 namespace host::ffmpeg {
 
 // FFmpeg asks again and again during a blocking call whether to give up. Owned by the reader or
-// writer whose context has Callback; Arm and Disarm are called by its thread, Cancel by any thread,
-// the callback by whatever thread FFmpeg works on. Atomics only, no lock.
+// writer whose context has Callback; Arm, Disarm and Follow are called by its thread, Cancel by any
+// thread, the callback by whatever thread FFmpeg works on. Atomics only, no lock.
 class IoDeadline {
  public:
   using Clock = std::chrono::steady_clock;
+
+  // The calls from now on end with the other one, which outlives them: a context keeps the deadline
+  // that it was opened with.
+  void Follow(IoDeadline& other) { other_.store(&other, std::memory_order_release); }
 
   // The calls that follow may take this long together.
   void Arm(std::chrono::milliseconds limit) {
@@ -31,6 +35,9 @@ class IoDeadline {
     if (cancelled()) {
       return true;
     }
+    if (IoDeadline* const other = other_.load(std::memory_order_acquire)) {
+      return other->ShouldStop();
+    }
     if (Clock::now().time_since_epoch().count() < deadline_.load(std::memory_order_relaxed)) {
       return false;
     }
@@ -48,6 +55,7 @@ class IoDeadline {
   std::atomic<Clock::rep> deadline_{kNever};
   std::atomic<bool> cancelled_{false};
   std::atomic<bool> expired_{false};
+  std::atomic<IoDeadline*> other_{nullptr};
 };
 
 }  // namespace host::ffmpeg

@@ -15,6 +15,7 @@ extern "C" {
 #include "host/channel/source/http_source.h"
 #include "host/ffmpeg/error.h"
 #include "host/ffmpeg/mask.h"
+#include "host/ffmpeg/open_input.h"
 #include "host/ffmpeg/time_unit.h"
 
 namespace host {
@@ -34,6 +35,10 @@ std::string Seconds(std::chrono::milliseconds limit) {
     text += "." + std::to_string(limit.count() % 1000 / 100);
   }
   return text + " s";
+}
+
+bool IsMp4(const AVFormatContext& input) {
+  return std::string_view(input.iformat->name).find("mp4") != std::string_view::npos;
 }
 
 }  // namespace
@@ -77,7 +82,7 @@ void MediaReader::Fail(int code, bool opening) const {
 bool MediaReader::LiesBehindItsData() const {
   if (input_->pb == nullptr ||
       ((input_->pb->seekable & AVIO_SEEKABLE_NORMAL) != 0 && !address_.isHttp()) ||
-      std::string_view(input_->iformat->name).find("mp4") == std::string_view::npos) {
+      !IsMp4(*input_)) {
     return false;
   }
   for (unsigned i = 0; i < input_->nb_streams; ++i) {
@@ -129,7 +134,8 @@ void MediaReader::Open() {
 void MediaReader::OpenInput() {
   if (ffmpeg::PipeInput::Serves(settings_.source)) {
     pipe_.emplace(settings_.source, deadline_);
-    OpenInput(pipe_->io(), settings_.options);
+    fragments_.emplace(pipe_->io());
+    OpenInput(fragments_->io(), settings_.options);
   } else if (address_.carriesTransportStream()) {
     OpenConnection();
   } else if (address_.isHttp()) {
@@ -150,6 +156,12 @@ void MediaReader::OpenHttp() {
     }
     OpenInput(nullptr, options);
   }
+  // One that never ends is read through our hands, see FragmentedInput.
+  if (IsMp4(*input_) && (input_->pb->seekable & AVIO_SEEKABLE_NORMAL) == 0 &&
+      avio_size(input_->pb) < 0) {
+    input_.reset();
+    OpenConnection();
+  }
 }
 
 void MediaReader::OpenConnection() {
@@ -157,8 +169,12 @@ void MediaReader::OpenConnection() {
   SetOptions(options, address_.ReceiverOptions(settings_.options));
   const auto tap = [this](ffmpeg::TappedInput::Bytes bytes) { return Tap(bytes); };
   connection_.emplace(address_.ReceiverUrl(), deadline_, options, tap);
+  AVIOContext* io = connection_->io();
+  if (!address_.isDatagrams()) {
+    io = fragments_.emplace(io).io();
+  }
   try {
-    OpenInput(connection_->io(), options);
+    OpenInput(io, options);
   } catch (const ffmpeg::Error&) {
     if (!rtp_.carriesOther()) {
       throw;
@@ -217,16 +233,7 @@ void MediaReader::OpenInput(AVIOContext* io, const SourceAddress::Options& wante
 }
 
 void MediaReader::OpenInput(AVIOContext* io, ffmpeg::Options& options) {
-  AVFormatContext* context = avformat_alloc_context();
-  if (context == nullptr) {
-    throw std::bad_alloc();
-  }
-  context->interrupt_callback = {&ffmpeg::IoDeadline::Callback, &deadline_};
-  context->pb = io;
-  // On failure this frees the context itself.
-  ffmpeg::Check(avformat_open_input(&context, address_.name().c_str(), nullptr, options.Exchange()),
-                "cannot open");
-  input_.reset(context);
+  input_ = ffmpeg::OpenInput(address_.name(), io, options, deadline_);
   headerEnd_ = input_->pb != nullptr ? avio_tell(input_->pb) : 0;
   unknownOptions_ = options.UnusedKeys();
 }

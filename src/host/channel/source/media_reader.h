@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -19,6 +20,8 @@
 #include "host/channel/source/source_address.h"
 #include "host/channel/source/source_clock.h"
 #include "host/channel/source/stream_decoder.h"
+#include "host/channel/source/successor_input.h"
+#include "host/ffmpeg/fragmented_input.h"
 #include "host/ffmpeg/handles.h"
 #include "host/ffmpeg/io_deadline.h"
 #include "host/ffmpeg/pipe_input.h"
@@ -47,7 +50,10 @@ class MediaReader {
     bool wantAudio = true;
     bool decodeAudio = true;     // false: packets only
     std::size_t audioTrack = 0;  // counted from 1; 0: the one that FFmpeg prefers
-    std::string audioLanguage;   // ISO 639; preferred when there is such a track
+    // A demuxer that remembers every packet is exchanged after so many of a stream; about 50 bytes
+    // each.
+    int mostIndexEntries = 200'000;
+    std::string audioLanguage;  // ISO 639; preferred when there is such a track
     SourceAddress::Options options;
   };
 
@@ -79,6 +85,8 @@ class MediaReader {
   std::uint64_t replacements() const { return replacements_; }
   // How often the source began again.
   std::uint64_t repeats() const { return repeats_; }
+  // How often another demuxer took over in the midst of an endless source.
+  std::uint64_t exchanges() const { return exchanges_; }
 
  private:
   // Then it is opened again after all: a router may have forgotten us.
@@ -95,6 +103,8 @@ class MediaReader {
     std::optional<StreamDecoder> decoder;
     Time pictureDuration = 0;
     ItemTimes times;
+    std::optional<Time> latest;       // source time of the latest packet
+    std::optional<Time> resumeAfter;  // what comes of the source up to that time has been given
   };
 
   // Throw ffmpeg::Error, or MediaError with more to say.
@@ -110,6 +120,13 @@ class MediaReader {
   void ChooseTracks();
   void StartTrack(std::optional<Track>& track, int streamIndex, std::string& whyNot);
   void ReadPacket();
+  void WatchIndex();
+  void ReadOnWithNextDemuxer();
+  void AdoptSuccessor();
+  // Where the track's stream is in another demuxer of the same source; throws where it is not.
+  int StreamIn(const AVFormatContext& input, const Track& track) const;
+  void Exchange(ffmpeg::InputFormat next);
+  bool IsRepeated(Track& track, std::optional<Time> dts);
   const Track* ChangedTrack() const;
   void HandlePacket(ffmpeg::Packet packet);
   void FollowOther(const AVPacket& packet);
@@ -131,11 +148,15 @@ class MediaReader {
   const std::string maskedSource_;
   const SourceAddress address_;
   ffmpeg::IoDeadline deadline_;
-  std::optional<ffmpeg::PipeInput> pipe_;          // what input_ reads, when that is a pipe
-  std::optional<ffmpeg::TappedInput> connection_;  // or that, of a live transport stream
-  RtpReceiver rtp_;                                // for its datagrams
-  ProgramMapWatch programs_;                       // for all that comes over it
+  std::optional<ffmpeg::PipeInput> pipe_;              // what input_ reads, when that is a pipe
+  std::optional<ffmpeg::TappedInput> connection_;      // or that, of a live transport stream
+  RtpReceiver rtp_;                                    // for its datagrams
+  ProgramMapWatch programs_;                           // for all that comes over it
+  std::optional<ffmpeg::FragmentedInput> fragments_;   // of either, when it may be fragmented MP4
+  std::shared_ptr<ffmpeg::IoDeadline> inputDeadline_;  // of an input that was a successor
   ffmpeg::InputFormat input_;
+  std::optional<SuccessorInput> successor_;
+  int packetsOfInput_ = 0;
   std::int64_t headerEnd_ = 0;  // bytes read before the first packet
   MediaInfo info_;
   ffmpeg::Parameters audioParameters_;
@@ -153,6 +174,7 @@ class MediaReader {
   bool ended_ = false;
   std::uint64_t repeats_ = 0;
   std::uint64_t replacements_ = 0;
+  std::uint64_t exchanges_ = 0;
 };
 
 }  // namespace host

@@ -68,11 +68,13 @@ void MediaReader::ReadPacket() {
     Fail(AVERROR_EXIT, false);
   }
   canGoOn_ = false;
+  AdoptSuccessor();
   ffmpeg::Packet packet = ffmpeg::MakePacket();
   deadline_.Arm(settings_.readLimit);
   const int result = av_read_frame(input_.get(), packet.get());
   if (result >= 0) {
     silences_ = 0;
+    WatchIndex();
     HandlePacket(std::move(packet));
     return;
   }
@@ -95,6 +97,10 @@ void MediaReader::ReadPacket() {
     Fail(result, false);
   }
   silences_ = 0;
+  if (result == AVERROR_EOF && fragments_ && fragments_->ended()) {
+    ReadOnWithNextDemuxer();
+    return;
+  }
   if (!gaveInPass_ && repeats_ == 0 && !deadline_.ShouldStop() && LiesBehindItsData()) {
     FailForItsIndex();
   }
@@ -133,9 +139,12 @@ void MediaReader::HandlePacket(ffmpeg::Packet packet) {
   if (duration == 0) {
     duration = AudioDuration(*input_->streams[track.streamIndex], packet->size);
   }
+  const std::optional<Time> dts = ffmpeg::ToTime(packet->dts, unit);
+  if (IsRepeated(track, dts)) {
+    return;
+  }
   const SourceClock::Mapped mapped =
-      clock_->Map(track.clockStream,
-                  {ffmpeg::ToTime(packet->dts, unit), ffmpeg::ToTime(packet->pts, unit), duration});
+      clock_->Map(track.clockStream, {dts, ffmpeg::ToTime(packet->pts, unit), duration});
   packet->dts = mapped.dts;
   packet->pts = mapped.pts.value_or(AV_NOPTS_VALUE);
   packet->duration = duration;
@@ -223,7 +232,7 @@ void MediaReader::Replace(Track& track, int streamIndex) {
     throw MediaError(MediaError::Kind::kFailed, error.what(), maskedSource_);
   }
   track.streamIndex = streamIndex;
-  track.clockStream = clock_->AddStream(WrapPeriod(stream));
+  clock_->ReplaceStream(track.clockStream, WrapPeriod(stream));
   if (isVideo) {
     info_.video = DescribeVideo(*input_, stream);
   } else {

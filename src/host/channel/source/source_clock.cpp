@@ -19,6 +19,14 @@ std::size_t SourceClock::AddStream(Time wrapPeriod) {
   return streams_.size() - 1;
 }
 
+void SourceClock::ReplaceStream(std::size_t index, Time wrapPeriod) {
+  Stream& stream = streams_.at(index);
+  stream.wrapPeriod = wrapPeriod;
+  stream.lastStep = stream.claimed = 0;
+  stream.doubtful.reset();
+  stream.doubts = 0;
+}
+
 void SourceClock::AddOffset(Time value, std::optional<Time> beforeGap) {
   newest_ = {value, newest_.number + 1, beforeGap};
 }

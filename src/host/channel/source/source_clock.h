@@ -64,6 +64,8 @@ class SourceClock {
 
   // Adds a stream and returns its number, counted from 0. wrapPeriod 0: the stamps never wrap.
   std::size_t AddStream(Time wrapPeriod);
+  // The service goes on with another codec or rhythm, in the place of that stream.
+  void ReplaceStream(std::size_t stream, Time wrapPeriod);
 
   // The stamps of the next packet of a stream, on the continuous clock. A packet without any stamp
   // follows the one before it.

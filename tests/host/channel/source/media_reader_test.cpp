@@ -232,6 +232,67 @@ TEST(MediaReader, ReadsAPipeAndNoticesThatItHasFallenSilent) {
   EXPECT_GE(pictures, 15U);
 }
 
+// FFmpeg's demuxer of MP4 remembers every packet: over months others take its place.
+TEST(MediaReader, ChangesTheDemuxerOfAnEndlessSourceWithoutAGap) {
+  const TemporaryFolder folder;
+  ClipRecipe recipe = SmallClip();
+  recipe.length = 12 * kSecond;
+  recipe.containerOptions = {{"movflags", "frag_keyframe+empty_moov+default_base_moof"}};
+  const std::string clip = ReadWholeFile(Write(recipe, folder / "a.mp4"));
+  recipe.containerOptions = {{"hls_segment_type", "fmp4"},
+                             {"hls_time", "1"},
+                             {"hls_list_size", "0"},
+                             {"hls_flags", "omit_endlist"}};
+  const std::filesystem::path list = Write(recipe, folder / "a.m3u8");
+  Pipe pipe(folder / "pipe");
+  // Times of pictures and packets, in their order.
+  const auto read = [](MediaReader& reader) {
+    std::vector<Time> times;
+    try {
+      reader.Open();
+      for (MediaItem item = reader.Read(); !std::holds_alternative<EndOfMedia>(item);
+           item = reader.Read()) {
+        if (const auto* const picture = std::get_if<VideoPicture>(&item)) {
+          times.push_back(picture->start);
+          // A list is read as fast as it can be: the next demuxer has to come beside it.
+          std::this_thread::sleep_for(std::chrono::milliseconds(4));
+        } else if (const auto* const packet = std::get_if<AudioPacket>(&item)) {
+          times.push_back(packet->start);
+        }
+      }
+    } catch (const MediaError& error) {
+      EXPECT_EQ(error.kind(), MediaError::Kind::kTimedOut) << error.what();
+    }
+    return times;
+  };
+  for (const std::filesystem::path& source : {folder / "pipe", list}) {
+    MediaReader::Settings settings = Source(source);
+    settings.readLimit = std::chrono::milliseconds(700);
+    settings.options = {{"live_start_index", "0"}};
+    std::vector<Time> expected;
+    for (const int most : {1'000'000, 60}) {
+      std::thread writing([&] {
+        if (source != list) {
+          std::ofstream(source, std::ios::binary) << clip;
+        }
+      });
+      settings.mostIndexEntries = most;
+      MediaReader reader(settings);
+      const std::vector<Time> times = read(reader);
+      writing.join();
+      EXPECT_EQ(reader.damagedPackets(), 0U);
+      if (expected.empty()) {
+        EXPECT_EQ(reader.exchanges(), 0U);
+        EXPECT_GE(times.size(), 298U + 560U);
+        expected = times;
+      } else {
+        EXPECT_GE(reader.exchanges(), source == list ? 1U : 2U) << source;
+        EXPECT_EQ(times, expected) << source;
+      }
+    }
+  }
+}
+
 TEST(MediaReader, EndsWhenTheWriterOfAPipeGoes) {
   const TemporaryFolder folder;
   const std::string clip = ReadWholeFile(Write(SmallClip(), folder / "a.ts"));

@@ -1,0 +1,97 @@
+#include "host/channel/source/successor_input.h"
+
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+extern "C" {
+#include <libavformat/avformat.h>
+}
+
+#include "host/ffmpeg/error.h"
+#include "host/ffmpeg/open_input.h"
+#include "host/ffmpeg/time_unit.h"
+
+namespace host {
+namespace {
+
+int OrdinalOf(const AVFormatContext& input, int index) {
+  int ordinal = 0;
+  for (int i = 0; i < index; ++i) {
+    ordinal +=
+        input.streams[i]->codecpar->codec_type == input.streams[index]->codecpar->codec_type ? 1
+                                                                                             : 0;
+  }
+  return ordinal;
+}
+
+bool IsAt(const AVFormatContext& input, int index, const SuccessorInput::Position& position) {
+  return input.streams[index]->codecpar->codec_type == position.kind &&
+         OrdinalOf(input, index) == position.ordinal;
+}
+
+// What nobody reads is not fetched.
+void DiscardOthers(AVFormatContext& input, const std::vector<SuccessorInput::Position>& positions) {
+  for (unsigned i = 0; i < input.nb_streams; ++i) {
+    const bool isRead = std::any_of(positions.begin(), positions.end(), [&](const auto& position) {
+      return IsAt(input, static_cast<int>(i), position);
+    });
+    input.streams[i]->discard = isRead ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
+  }
+}
+
+}  // namespace
+
+struct SuccessorInput::State {
+  Settings settings;
+  std::shared_ptr<ffmpeg::IoDeadline> deadline = std::make_shared<ffmpeg::IoDeadline>();
+  std::optional<Opened> opened{};
+};
+
+SuccessorInput::SuccessorInput(Settings settings)
+    : state_(std::make_shared<State>(State{std::move(settings)})),
+      thread_([state = state_] { Run(*state); }, "successor") {}
+
+SuccessorInput::~SuccessorInput() {
+  if (state_->deadline) {
+    state_->deadline->Cancel();
+  }
+}
+
+std::optional<SuccessorInput::Opened> SuccessorInput::Take() {
+  state_->deadline.reset();  // goes with what was opened
+  return std::exchange(state_->opened, std::nullopt);
+}
+
+void SuccessorInput::Run(State& state) {
+  const Settings& settings = state.settings;
+  try {
+    Opened opened{state.deadline, nullptr, {}};
+    ffmpeg::Options options;
+    for (const auto& [key, value] : settings.options) {
+      options.Set(key.c_str(), value);
+    }
+    opened.deadline->Arm(settings.limit);
+    opened.input = ffmpeg::OpenInput(settings.name, nullptr, options, *opened.deadline);
+    DiscardOthers(*opened.input, settings.positions);
+    for (bool reached = false; !reached;) {
+      ffmpeg::Packet packet = ffmpeg::MakePacket();
+      ffmpeg::Check(av_read_frame(opened.input.get(), packet.get()), "cannot read");
+      const AVStream& stream = *opened.input->streams[packet->stream_index];
+      const std::optional<Time> time = ffmpeg::ToTime(packet->dts, stream.time_base);
+      for (const Position& position : settings.positions) {
+        if (time && *time > position.latest && IsAt(*opened.input, stream.index, position)) {
+          opened.packets.push_back(std::move(packet));
+          reached = &position == &settings.positions.front();
+          break;
+        }
+      }
+    }
+    opened.deadline->Disarm();
+    state.opened = std::move(opened);
+  } catch (const std::exception&) {
+    // The first one is read on.
+  }
+}
+
+}  // namespace host
