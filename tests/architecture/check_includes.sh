@@ -23,7 +23,7 @@ pins                  = media sync log util platform filter/compose.h
 filter                = pins render media sync log audio util platform
 host                  = host log util audio sync platform filter/i_compose_command.h
 host/ffmpeg           = util platform/os host/units.h
-host/channel/source   = util host/ffmpeg host/units.h
+host/channel/source   = util host/ffmpeg host/units.h platform/os/thread.h
 host/channel/picture  = host/channel/source/media_info.h host/ffmpeg host/units.h
 host/channel/sound    = host/channel/source/media_info.h host/channel/alarm_record.h host/graph/audio_type.h host/ffmpeg host/units.h
 '

@@ -21,6 +21,8 @@ const char* NameOf(Kind kind) {
       return "pause";
     case Kind::kRestart:
       return "restart";
+    case Kind::kRemuxed:
+      return "muxed otherwise";
     case Kind::kReplaced:
       return "replaced by a sender without audio";
     case Kind::kJump:
@@ -44,10 +46,10 @@ const char* NameOf(Kind kind) {
 }
 
 Fault MakeFault(Dice& dice, const SourceModel& source) {
-  static const std::vector<Kind> kPushed{Kind::kStall,     Kind::kPause,   Kind::kRestart,
-                                         Kind::kReplaced,  Kind::kJump,    Kind::kAudioAway,
-                                         Kind::kVideoAway, Kind::kDamage,  Kind::kLoss,
-                                         Kind::kReopened,  Kind::kStarved, Kind::kHidden};
+  static const std::vector<Kind> kPushed{
+      Kind::kStall,     Kind::kPause,     Kind::kRestart, Kind::kReplaced, Kind::kJump,
+      Kind::kAudioAway, Kind::kVideoAway, Kind::kDamage,  Kind::kLoss,     Kind::kReopened,
+      Kind::kStarved,   Kind::kHidden,    Kind::kRemuxed};
   static const std::vector<Kind> kPulled{Kind::kStall, Kind::kPause, Kind::kAudioAway,
                                          Kind::kReopened, Kind::kStarved};
   Fault fault;
@@ -60,6 +62,12 @@ Fault MakeFault(Dice& dice, const SourceModel& source) {
     case Kind::kReopened:
     case Kind::kHidden:
       fault.length = dice.Between(100, 9000) * kMillisecond;
+      break;
+    case Kind::kRemuxed:
+      fault.length = dice.Between(100, 9000) * kMillisecond;
+      // Beside bursts there would be no room for it.
+      fault.amount =
+          source.burst > 0 || source.jitter > 0 ? 0 : dice.Between(-900, 900) * kMillisecond;
       break;
     case Kind::kReplaced:
     case Kind::kAudioAway:

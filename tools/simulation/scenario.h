@@ -19,6 +19,7 @@ struct Fault {
     kStall,      // the network stops; what was sent meanwhile comes in a burst
     kPause,      // the sender stops and goes on where it was
     kRestart,    // the sender is away and comes back with other timestamps
+    kRemuxed,    // ... and with its audio muxed later by `amount` than before
     kReplaced,   // by a sender without audio, and at the end by one with audio again
     kJump,       // the timestamps jump by amount
     kAudioAway,  // no audio for a while

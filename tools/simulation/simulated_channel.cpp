@@ -186,14 +186,12 @@ void SimulatedChannel::Handle(const SimulatedPacket& packet) {
     HandleAudio(packet, mapped);
     return;
   }
-  if (mapped.discontinuity) {
-    session.videoTimes.JumpedTo(mapped.dts);
-  }
+  session.jumps += mapped.discontinuity ? 1 : 0;
   if (!session.decoder.empty() && session.decoder.top().id.epoch != packet.id.epoch) {
     session.decoder = {};
   }
   session.decoder.push({packet.id, mapped.pts.has_value() ? mapped.pts : std::optional(mapped.dts),
-                        packet.duration});
+                        packet.duration, session.jumps});
   if (session.decoder.size() > static_cast<std::size_t>(model_->reorder)) {
     const Frame frame = session.decoder.top();
     session.decoder.pop();
@@ -202,7 +200,8 @@ void SimulatedChannel::Handle(const SimulatedPacket& packet) {
 }
 
 void SimulatedChannel::Show(const Frame& frame) {
-  const host::ItemTimes::Span span = session_->videoTimes.Frame(frame.given, frame.duration);
+  const host::ItemTimes::Span span =
+      session_->videoTimes.Frame(frame.given, frame.duration, frame.jumps);
   if (span.discontinuity) {
     session_->limiter.Restart();
   }

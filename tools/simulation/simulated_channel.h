@@ -65,6 +65,7 @@ class SimulatedChannel final : public host::ChannelObserver {
     ContentId id;
     std::optional<Time> given;
     Time duration = 0;
+    std::int64_t jumps = 0;
     bool operator<(const Frame& other) const { return other.id < id; }  // the first one on top
   };
   // One opening of the source.
@@ -75,6 +76,7 @@ class SimulatedChannel final : public host::ChannelObserver {
     std::size_t videoStream;
     std::size_t audioStream;
     host::ItemTimes videoTimes;
+    std::int64_t jumps = 0;  // of the timestamps of its video
     host::ItemTimes audioTimes;
     std::priority_queue<Frame> decoder;
     host::RateLimiter limiter;

@@ -31,7 +31,11 @@ bool IsLoud(Time time) {
 }
 
 SimulatedSource::SimulatedSource(const SourceModel& model, std::uint64_t seed, Time begin)
-    : model_(model), dice_(seed), origin_(begin), base_(model.firstTimestamp) {
+    : model_(model),
+      dice_(seed),
+      origin_(begin),
+      base_(model.firstTimestamp),
+      skew_(model.audioSkew) {
   Generate();
 }
 
@@ -57,8 +61,13 @@ void SimulatedSource::Restart(Time at) {
   ++epoch_;
   origin_ = at;
   base_ = dice_.Between(0, model_.wrapPeriod > 0 ? model_.wrapPeriod / 2 : 1000 * kSecond);
-  videoCount_ = 0;
+  // Either may be the first. A muxer that has its audio earlier begins in the midst of it.
+  const bool audioFirst = dice_.OneIn(2);
+  videoCount_ = audioFirst ? static_cast<std::uint32_t>(model_.reorder + 1) : 0;
   audioCount_ = 0;
+  while (AudioTime(model_, audioCount_) + skew_ < 0) {
+    ++audioCount_;
+  }
 }
 
 // The next packet that arrives at all.
@@ -70,8 +79,8 @@ void SimulatedSource::Generate() {
     const Time videoDts = VideoTime(model_, videoCount_) - (reorder > 0 ? frameTime : 0);
     const Time audioPts = AudioTime(model_, audioCount_);
     SimulatedPacket packet;
-    packet.isVideo = !model_.audio || videoDts <= audioPts + model_.audioSkew;
-    const Time key = packet.isVideo ? videoDts : audioPts + model_.audioSkew;
+    packet.isVideo = !model_.audio || videoDts <= audioPts + skew_;
+    const Time key = packet.isVideo ? videoDts : audioPts + skew_;
     const Time sent =
         origin_ +
         static_cast<Time>(std::llround(static_cast<double>(key) / (1 + model_.drift * 1e-6)));
@@ -83,6 +92,10 @@ void SimulatedSource::Generate() {
           origin_ += fault.length;
           break;
         case Kind::kRestart:
+          Restart(fault.at + fault.length);
+          break;
+        case Kind::kRemuxed:
+          skew_ = std::clamp(model_.audioSkew + fault.amount, -9 * kSecond / 10, 9 * kSecond / 10);
           Restart(fault.at + fault.length);
           break;
         case Kind::kReplaced:

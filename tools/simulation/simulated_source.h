@@ -54,6 +54,7 @@ class SimulatedSource {
   std::uint32_t epoch_ = 1;
   Time origin_;  // the wall's time at the time 0 of the epoch
   Time base_;    // timestamp at the time 0 of the epoch
+  Time skew_;    // of the audio in the mux
   bool audioAllowed_ = true;
   std::uint32_t videoCount_ = 0;
   std::uint32_t audioCount_ = 0;

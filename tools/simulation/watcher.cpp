@@ -29,6 +29,8 @@ Time SettleTime(Kind kind) {
     case Kind::kStarved:
     case Kind::kLoss:
     case Kind::kHidden:
+    case Kind::kRestart:
+    case Kind::kRemuxed:
       return 3 * kSecond;
     default:
       return 12 * kSecond;

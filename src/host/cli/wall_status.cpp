@@ -111,7 +111,8 @@ nlohmann::ordered_json ToJson(const OutputSet::Status& output,
     json["audio"].push_back({{"channel", channels[i].name},
                              {"packets", audio.written},
                              {"dropped", audio.dropped},
-                             {"left_out", audio.leftOut}});
+                             {"left_out", audio.leftOut},
+                             {"silence", audio.silence}});
   }
   return json;
 }

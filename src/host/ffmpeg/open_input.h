@@ -8,8 +8,8 @@
 
 namespace host::ffmpeg {
 
-// name: path or URL. io: what is read in its place, null for none; outlives the context, as does the
-// deadline, which ends blocking calls. Takes out of the options what was used. Throws Error.
+// name: path or URL. io: what is read in its place, null for none; outlives the context, as does
+// the deadline, which ends blocking calls. Takes out of the options what was used. Throws Error.
 InputFormat OpenInput(const std::string& name, AVIOContext* io, Options& options,
                       IoDeadline& deadline);
 

@@ -238,7 +238,9 @@ void OutputPass::Write(TrackPacket item) {
 
 void OutputPass::WriteSilence(std::size_t channel, ffmpeg::Packet packet) {
   cutter_.Add(packet->size);
-  muxer_->Write(*soundTracks_[channel], std::move(packet));
+  if (muxer_->Write(*soundTracks_[channel], std::move(packet))) {
+    ++counters_.of(static_cast<int>(channel)).silence;
+  }
 }
 
 void OutputPass::Mux(int track, ffmpeg::Packet packet) {

@@ -17,7 +17,7 @@ using std::chrono::milliseconds;
 constexpr milliseconds kForever{0x7FFF'FFFF};
 
 OutputSet::TrackStatus StatusOf(const TrackCounters& counters) {
-  return {counters.written, counters.dropped, counters.leftOut};
+  return {counters.written, counters.dropped, counters.leftOut, counters.silence};
 }
 
 }  // namespace

@@ -42,6 +42,7 @@ class OutputSet {
     std::uint64_t written = 0;
     std::uint64_t dropped = 0;  // encoder or output were behind, or the output was not open
     std::uint64_t leftOut = 0;  // too late or too early for the file, or refused by it
+    std::uint64_t silence = 0;  // written besides, before the channel's first packet
   };
   struct Status {
     std::string name;

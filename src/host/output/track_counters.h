@@ -14,6 +14,7 @@ struct TrackCounters {
   std::atomic<std::uint64_t> written{0};
   std::atomic<std::uint64_t> dropped{0};  // the output's queue was full, or it was not open
   std::atomic<std::uint64_t> leftOut{0};  // no place in the file: too late, too early, refused
+  std::atomic<std::uint64_t> silence{0};  // written besides, before the channel's first packet
 };
 
 // Of the mosaic's video and of the audio of every channel. Any thread.

@@ -186,6 +186,10 @@ void PictureConverter::FinishFilter() {
 }
 
 void PictureConverter::Push(VideoPicture picture) {
+  if (picture.discontinuity) {
+    FinishFilter();  // whose times grow
+    filterFormat_.reset();
+  }
   UpdateFilter(*picture.frame, picture.duration);
   if (!filter_) {
     MakeReady(std::move(picture.frame), {picture.start, picture.duration, picture.discontinuity});
@@ -194,9 +198,7 @@ void PictureConverter::Push(VideoPicture picture) {
   const bool fields =
       deinterlaceMode_ != nullptr && std::strstr(deinterlaceMode_, "send_field") != nullptr;
   filteredDuration_ = fields ? picture.duration / 2 : picture.duration;
-  if (picture.discontinuity) {
-    discontinuityAt_ = picture.start;
-  }
+  isDiscontinuous_ = isDiscontinuous_ || picture.discontinuity;
   picture.frame->pts = picture.start;
   filter_->Push(std::move(picture.frame),
                 [this](ffmpeg::Frame frame) { Filtered(std::move(frame)); });
@@ -209,12 +211,8 @@ void PictureConverter::Finish() {
 }
 
 void PictureConverter::Filtered(ffmpeg::Frame frame) {
-  PictureTimes times{frame->pts, filteredDuration_, false};
-  if (discontinuityAt_ && times.start >= *discontinuityAt_) {
-    times.discontinuity = true;
-    discontinuityAt_.reset();
-  }
-  MakeReady(std::move(frame), times);
+  const Time start = frame->pts;
+  MakeReady(std::move(frame), {start, filteredDuration_, std::exchange(isDiscontinuous_, false)});
 }
 
 void PictureConverter::MakeReady(ffmpeg::Frame frame, const PictureTimes& times) {

@@ -112,7 +112,7 @@ class PictureConverter {
   std::unique_ptr<PictureFilter> filter_;
   const char* deinterlaceMode_ = nullptr;  // of the filter, null: none
   Time filteredDuration_ = 0;
-  std::optional<Time> discontinuityAt_;
+  bool isDiscontinuous_ = false;  // the next frame that the filter gives
 
   std::optional<SourceFormat> scalerFormat_;
   FitRect fit_;

@@ -2,15 +2,16 @@
 #pragma once
 
 #include <algorithm>
+#include <cstdint>
 #include <optional>
 
 #include "host/units.h"
 
 namespace host {
 
-// Within a track times only grow: what would begin before the item before it begins just behind
-// that. What has no time of its own follows the one before it. Times on the source's continuous
-// clock; one reader, no lock.
+// Within a track times only grow, but where the source's timestamps jumped: what would begin before
+// the item before it begins just behind that. What has no time of its own follows the one before
+// it. Times on the source's continuous clock; one reader, no lock.
 class ItemTimes {
  public:
   struct Span {
@@ -19,16 +20,16 @@ class ItemTimes {
     bool discontinuity = false;  // the first since the source's timestamps jumped
   };
 
-  // The source's timestamps jumped: what starts from here on comes after the jump.
-  void JumpedTo(Time time) { jumpAt_ = time; }
-
-  // A decoded frame; duration: of a frame of the source.
-  Span Frame(std::optional<Time> given, Time duration) {
+  // A decoded frame; duration: of a frame of the source; jumps: how often the timestamps had jumped
+  // before its packet.
+  Span Frame(std::optional<Time> given, Time duration, std::int64_t jumps) {
+    const bool jumped = jumps > jumps_;
+    jumps_ = std::max(jumps, jumps_);
     Time start = given.value_or(next_);
-    if (last_) {
+    if (last_ && !jumped) {
       start = std::max(start, *last_ + 1);
     }
-    return Note({start, duration, false});
+    return Note({start, duration, jumped});
   }
   // A compressed audio packet. Several may begin together.
   Time Packet(Time given) {
@@ -42,10 +43,6 @@ class ItemTimes {
 
  private:
   Span Note(Span span) {
-    if (jumpAt_ && span.start >= *jumpAt_) {
-      span.discontinuity = true;
-      jumpAt_.reset();
-    }
     last_ = span.start;
     next_ = span.start + span.duration;
     return span;
@@ -54,7 +51,7 @@ class ItemTimes {
   Time next_ = 0;  // end of the latest frame or samples
   std::optional<Time> last_;
   std::optional<Time> lastPacket_;
-  std::optional<Time> jumpAt_;
+  std::int64_t jumps_ = 0;
 };
 
 }  // namespace host

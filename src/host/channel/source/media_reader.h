@@ -103,6 +103,7 @@ class MediaReader {
     std::optional<StreamDecoder> decoder;
     Time pictureDuration = 0;
     ItemTimes times;
+    std::int64_t jumps = 0;           // of its timestamps
     std::optional<Time> latest;       // source time of the latest packet
     std::optional<Time> resumeAfter;  // what comes of the source up to that time has been given
   };

@@ -150,9 +150,8 @@ void MediaReader::HandlePacket(ffmpeg::Packet packet) {
   packet->duration = duration;
   packet->time_base = ffmpeg::kTimeUnit;
   if (isVideo) {
-    if (mapped.discontinuity) {
-      track.times.JumpedTo(mapped.dts);
-    }
+    track.jumps += mapped.discontinuity ? 1 : 0;
+    packet->pos = track.jumps;  // goes through the decoder with its frame
     DecodeVideo(*packet);
   } else {
     GiveAudioPacket(*packet, mapped.discontinuity);
@@ -268,7 +267,8 @@ void MediaReader::GivePicture(ffmpeg::Frame frame) {
       av_guess_sample_aspect_ratio(input_.get(), input_->streams[video_->streamIndex], frame.get());
   const ItemTimes::Span span =
       video_->times.Frame(GivenTime(frame->best_effort_timestamp),
-                          frame->pkt_duration > 0 ? frame->pkt_duration : video_->pictureDuration);
+                          frame->pkt_duration > 0 ? frame->pkt_duration : video_->pictureDuration,
+                          frame->pkt_pos >= 0 ? frame->pkt_pos : video_->jumps);
   VideoPicture picture;
   picture.start = span.start;
   picture.duration = span.duration;

@@ -18,9 +18,9 @@ namespace {
 int OrdinalOf(const AVFormatContext& input, int index) {
   int ordinal = 0;
   for (int i = 0; i < index; ++i) {
-    ordinal +=
-        input.streams[i]->codecpar->codec_type == input.streams[index]->codecpar->codec_type ? 1
-                                                                                             : 0;
+    ordinal += input.streams[i]->codecpar->codec_type == input.streams[index]->codecpar->codec_type
+                   ? 1
+                   : 0;
   }
   return ordinal;
 }
