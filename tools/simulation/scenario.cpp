@@ -120,9 +120,17 @@ SourceModel MakeSource(Dice& dice, Time begin, Time length) {
   }
   // Each of these alone uses up most of the room that a wall has for a source.
   switch (dice.Between(0, 4)) {
-    case 0:
-      source.burst = dice.Between(100, 1300) * kMillisecond;
+    case 0: {
+      // Of frames that are as rare as the lumps, nobody sees how long those are; and what waits for
+      // B-frames waits besides.
+      const Time reordering = (source.reorder + 1) * host::FrameDuration(source.frameRate);
+      if (source.frameRate.value() > 1) {
+        source.burst = std::max<Time>(
+            dice.Between(100, 1300) * kMillisecond - std::max<Time>(reordering - kSecond / 10, 0),
+            kSecond / 10);
+      }
       break;
+    }
     case 1:
       source.audioSkew = dice.Between(-900, 900) * kMillisecond;
       break;
@@ -133,7 +141,7 @@ SourceModel MakeSource(Dice& dice, Time begin, Time length) {
       break;
   }
   if (dice.OneIn(2)) {
-    const std::int64_t worst = dice.OneIn(5) ? 10'000 : 200;
+    const std::int64_t worst = source.burst == 0 && dice.OneIn(5) ? 10'000 : 200;
     source.drift = static_cast<double>(dice.Between(-worst, worst));
   }
   if (!dice.OneIn(3)) {
