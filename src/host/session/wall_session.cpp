@@ -7,7 +7,6 @@ extern "C" {
 #include "host/background/background_picture.h"
 #include "host/graph/graph_error.h"
 #include "platform/com/wide_text.h"
-#include "platform/os/system_time.h"
 #include "util/string_format.h"
 
 namespace host {
@@ -242,12 +241,9 @@ void WallSession::ConnectSound(std::size_t index, const ComposerFilter::Input& i
 }
 
 // The time of day of a live wall; of a rendered one, the time in the output.
-std::string WallSession::TimeText(Time time) const {
+std::string WallSession::TimeText(Time time) {
   if (settings_.live) {
-    using Clock = std::chrono::system_clock;
-    const os::LocalTime now =
-        os::ToLocalTime(Clock::to_time_t(startedAt_ + std::chrono::microseconds(time / 10)));
-    return qorp::StringFormat("%02d:%02d:%02d", now.hour, now.minute, now.second);
+    return timeOfDay_.Text(time, clock_.Now(), std::chrono::system_clock::now());
   }
   const auto seconds = static_cast<int>(time / kSecond);
   return qorp::StringFormat("%02d:%02d:%02d", seconds / 3600 % 24, seconds / 60 % 60, seconds % 60);
@@ -256,7 +252,6 @@ std::string WallSession::TimeText(Time time) const {
 void WallSession::Start() {
   Check(graph_->SetSyncSource(clock_.reference()), "give the graph its clock");
   clock_.Start();
-  startedAt_ = std::chrono::system_clock::now() - std::chrono::microseconds(clock_.Now() / 10);
   Check(graph_->Run(0), "run the graph");
   labelFiles_.Start();
 }

@@ -14,6 +14,7 @@
 #include "host/output/audio_sink.h"
 #include "host/output/composition_sink.h"
 #include "host/session/label_files.h"
+#include "host/session/time_of_day.h"
 #include "host/session/wall_clock.h"
 #include "host/wall/wall.h"
 #include "platform/graph/filter_graph.h"
@@ -86,7 +87,7 @@ class WallSession {
   void ConnectSound(std::size_t index, const ComposerFilter::Input& input, const std::string& what);
   std::string LabelOf(const wall::Label& label) const;
   ChannelSource::Settings ChannelSettings(const wall::Channel& channel, WallWindow* window);
-  std::string TimeText(Time time) const;
+  std::string TimeText(Time time);
   void Connect(FeedPin& from, IPin* to, const std::string& what);
   bool AdvanceChannels(Time time, std::chrono::milliseconds stallLimit);
   // Start of the first frame, up to `frame`, by which everything that the channels gave was due.
@@ -96,8 +97,7 @@ class WallSession {
   const Settings settings_;
   const std::int64_t firstFrame_;  // that is handed out
   WallClock clock_;
-  std::chrono::system_clock::time_point startedAt_;  // time of day at the wall's time 0; set before
-                                                     // the graph runs
+  TimeOfDay timeOfDay_;
   std::shared_ptr<FrameWatch> watch_ = std::make_shared<FrameWatch>();
   std::atomic<std::uint64_t> composed_{0};
   // The graph goes first and with it every filter; then the composer's library.
