@@ -157,7 +157,7 @@ bool ChannelIngest::ReadToEnd(MediaReader& reader, SourceSession& session) {
       if (session.placer().TakeProgress()) {
         delay_.Reset();
       }
-      Report(session.placer());
+      Report(session);
     } catch (const MediaError& error) {
       if (!settings_.session.now) {
         // What was read before the failure is still shown, but not after a limit of a live wall.
@@ -177,7 +177,7 @@ bool ChannelIngest::ReadToEnd(MediaReader& reader, SourceSession& session) {
 }
 
 // Once a second.
-void ChannelIngest::Report(const ItemPlacer& placer) {
+void ChannelIngest::Report(const SourceSession& session) {
   if (!settings_.session.now) {
     return;
   }
@@ -186,9 +186,11 @@ void ChannelIngest::Report(const ItemPlacer& placer) {
     return;
   }
   reportedAt_ = now;
-  observer_->ChannelTimed(settings_.name,
-                          {placer.jitter(), placer.lead(), placer.leftOut().tooEarly,
-                           placer.leftOut().tooLate, queue_.dropped()});
+  const ItemPlacer& placer = session.placer();
+  observer_->ChannelTimed(
+      settings_.name,
+      {placer.jitter(), placer.lead(), placer.leftOut().tooEarly, placer.leftOut().tooLate,
+       session.lostFrames(), session.lostAudio(), queue_.dropped()});
 }
 
 }  // namespace host

@@ -49,7 +49,7 @@ class ChannelIngest {
   // Reads to the end; false when the wall stopped first.
   bool ReadToEnd(MediaReader& reader);
   bool ReadToEnd(MediaReader& reader, SourceSession& session);
-  void Report(const ItemPlacer& placer);
+  void Report(const SourceSession& session);
   // False once the queue is closed.
   bool Announce(SourceNews news);
 
