@@ -1,5 +1,7 @@
 #include "host/session/wall_session.h"
 
+#include <algorithm>
+
 extern "C" {
 #include <libavcodec/packet.h>
 }
@@ -15,6 +17,10 @@ namespace {
 // The composer shows every picture that long after its source.
 constexpr Time kWindowLatency = kSecond;
 constexpr std::chrono::milliseconds kFrameLimit{60'000};
+// For all readers together to notice that they are cancelled, and to close their connections.
+constexpr std::chrono::seconds kReadersLimit{2};
+// How often a rendering that waits for a channel asks whether it is to stop.
+constexpr std::chrono::milliseconds kStopPeriod{100};
 
 ComposerFilter::Canvas CanvasOf(const wall::Wall& wall) {
   return {static_cast<int>(wall.channels.size()),
@@ -130,6 +136,7 @@ WallSession::WallSession(Settings settings)
 
 WallSession::~WallSession() {
   Stop();
+  EndReaders();
 }
 
 void WallSession::Connect(FeedPin& from, IPin* to, const std::string& what) {
@@ -256,7 +263,8 @@ void WallSession::Start() {
   labelFiles_.Start();
 }
 
-bool WallSession::AdvanceChannels(Time time, std::chrono::milliseconds stallLimit) {
+std::optional<bool> WallSession::AdvanceChannels(Time time, const RenderControl& control) {
+  using Clock = std::chrono::steady_clock;
   for (const ComPtr<ChannelSource>& channel : channels_) {
     channel->queue().AdvanceTo(time);
   }
@@ -265,13 +273,22 @@ bool WallSession::AdvanceChannels(Time time, std::chrono::milliseconds stallLimi
     if (leftBehind_[i]) {
       continue;
     }
-    if (!channels_[i]->queue().WaitUntilTaken(stallLimit)) {
+    ChannelQueue& queue = channels_[i]->queue();
+    const Clock::time_point limit = Clock::now() + control.stallLimit;
+    bool taken = false;
+    do {
+      taken = queue.WaitUntilTaken(std::min(kStopPeriod, control.stallLimit));
+      if (!taken && control.cancelled && control.cancelled()) {
+        return std::nullopt;
+      }
+    } while (!taken && Clock::now() < limit);
+    if (!taken) {
       leftBehind_[i] = true;
-      channels_[i]->queue().LeaveReaderBehind();
+      queue.LeaveReaderBehind();
       settings_.observer->ChannelFailed(channels_[i]->name(),
                                         "it gives nothing any more; the wall goes on without it",
                                         std::nullopt);
-    } else if (!channels_[i]->queue().ended()) {
+    } else if (!queue.ended()) {
       ended = false;
     }
   }
@@ -302,7 +319,11 @@ void WallSession::Render(const RenderControl& control) {
       break;
     }
     const Time time = FrameStart(frame, rate);
-    if (AdvanceChannels(time, control.stallLimit) && !endsAt) {
+    const std::optional<bool> ended = AdvanceChannels(time, control);
+    if (!ended) {
+      break;
+    }
+    if (*ended && !endsAt) {
       endsAt = LastFrameWithNews(frame) + kWindowLatency;
     }
     if (!background_->SendFrame(frame) || !watch_->Wait(kFrameLimit)) {
@@ -313,9 +334,19 @@ void WallSession::Render(const RenderControl& control) {
 }
 
 void WallSession::Stop() {
+  for (const ComPtr<ChannelSource>& channel : channels_) {
+    channel->CancelReader();
+  }
   labelFiles_.Stop();
   clock_.Stop();
   graph_->Stop();
+}
+
+int WallSession::EndReaders() {
+  const auto deadline = std::chrono::steady_clock::now() + kReadersLimit;
+  return static_cast<int>(std::count_if(
+      channels_.begin(), channels_.end(),
+      [&](const ComPtr<ChannelSource>& channel) { return !channel->EndReader(deadline); }));
 }
 
 WallSession::Counters WallSession::counters() const {
