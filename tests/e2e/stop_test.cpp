@@ -1,9 +1,10 @@
-// Dead sources hold up neither a wall nor its end.
+// Dead sources and readers hold up neither a wall nor its end, and no connection is kept in vain.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <arpa/inet.h>
@@ -15,6 +16,7 @@
 #include <unistd.h>
 
 #include "tests/e2e/sound_harness.h"
+#include "tests/e2e/wall_harness.h"
 #include "tests/support/child_process.h"
 #include "tests/support/temporary_folder.h"
 
@@ -45,6 +47,7 @@ class SilentSocket {
 
   bool isOpen() const { return isOpen_; }
   std::string port() const { return std::to_string(port_); }
+  int Accept() const { return accept(descriptor_, nullptr, nullptr); }
 
  private:
   int descriptor_;
@@ -127,6 +130,61 @@ TEST_F(StopTest, NineDeadSourcesHoldUpNeitherTheEndNorTheRecordings) {
     EXPECT_EQ(e2e::DecodeWhole(folder_ / file), "") << file;
     EXPECT_EQ(e2e::Demux(folder_ / file).size(), 11U) << file;
   }
+}
+
+// Messages and lines for programs go into one pipe that nobody reads after the first line.
+TEST_F(StopTest, AReaderThatIsStuckHoldsUpNothing) {
+  AddSource("missing.mkv");
+  wall_ += "[[output]]\nurl = '" + (folder_ / "wall.mkv").string() + "'\n";
+  std::vector<std::string> command = Command();
+  command.emplace_back("-v");
+  command.insert(command.begin(), {"/bin/sh", "-c", "exec \"$@\" 2>&1", "sh"});
+  ChildProcess program(command);
+  ASSERT_TRUE(program.ReadLine().has_value());
+  while (program.OutputHasRoom()) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  const auto sizeOfRecording = [&] {
+    std::error_code none;
+    return std::filesystem::file_size(folder_ / "wall.mkv", none);
+  };
+  // It is written on, once a second, while some lines more find no reader.
+  for (int writes = 0; writes < 4; ++writes) {
+    for (const auto before = sizeOfRecording(); sizeOfRecording() == before;) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+  }
+  ExpectEnd(program);
+  EXPECT_EQ(e2e::DecodeWhole(folder_ / "wall.mkv"), "");
+}
+
+class ReopenTest : public e2e::WallTest {};
+
+// A camera with room for one session refuses the next one while the failed one is open.
+TEST_F(ReopenTest, AFailedConnectionIsClosedBeforeTheDelayAndNotAfterIt) {
+  using Clock = std::chrono::steady_clock;
+  const SilentSocket server(SOCK_STREAM, "127.0.0.1", 0);
+  e2e::TestWall wall(320, 240);
+  wall.AddChannel("tcp://127.0.0.1:" + server.port(), {0, 0, 64, 48});
+  const auto session = wall.MakeLive([](const ComPtr<IMediaSample>&, host::Time) {});
+  session->Start();
+  Clock::time_point failed;
+  Clock::time_point closed;
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    const int connection = server.Accept();
+    shutdown(connection, SHUT_WR);  // an end without data
+    failed = Clock::now();
+    char byte = 0;
+    while (read(connection, &byte, 1) > 0) {
+    }
+    closed = Clock::now();
+    close(connection);
+  }
+  // By now it is about a second.
+  const int next = server.Accept();
+  EXPECT_GT(Clock::now() - closed, closed - failed);
+  session->Stop();
+  close(next);
 }
 
 }  // namespace

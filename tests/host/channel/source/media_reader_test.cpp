@@ -272,8 +272,9 @@ TEST(MediaReader, BeginsAFileAgainWithoutAGapOnTheClock) {
   }
 }
 
-// The source is opened again then: what is there now may be another clip, or become one.
-TEST(MediaReader, FailsForReopeningWhenARepeatedFileWasWrittenAgain) {
+// Both fail, so that the source is opened again: what is there now may be another clip, or become
+// one.
+TEST(MediaReader, FailsForReopeningWhenARepeatedFileWasWrittenAgainOrGivesNothing) {
   const TemporaryFolder folder;
   const auto failure = [](const std::filesystem::path& file, const std::string& overwriteBy) {
     MediaReader::Settings settings = Source(file);
@@ -306,6 +307,9 @@ TEST(MediaReader, FailsForReopeningWhenARepeatedFileWasWrittenAgain) {
       EXPECT_TRUE(reason != "ended" && reason != "repeats") << extension << " " << reason;
     }
   }
+  const std::string whole = ReadWholeFile(folder / "other.mkv");
+  WriteWholeFile(folder / "empty.mkv", whole.substr(0, whole.find("\x1F\x43\xB6\x75") + 12));
+  EXPECT_EQ(failure(folder / "empty.mkv", ""), "nothing in it can be read");
 }
 
 TEST(MediaReader, GoesOnThroughAWrapAndAJumpOfTheTimeStamps) {
