@@ -1,5 +1,6 @@
 // The program `tavrel`.
-#include <iostream>
+#include <cstdlib>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -14,14 +15,22 @@
 #include "host/ffmpeg/log.h"
 #include "platform/os/console.h"
 #include "platform/os/heap.h"
+#include "platform/os/standard_stream.h"
+#include "platform/os/thread.h"
 
 int main(int argc, char** argv) {
   using namespace host::cli;
+  constexpr int kOutput = 1;
   constexpr int kErrors = 2;
   os::KeepLargeBlocksOutOfHeap();
   // What FFmpeg finds wrong is in our own messages.
   host::ffmpeg::RouteLog(host::ffmpeg::LogLevel::kError, {});
-  Program program({std::cout, std::cerr, os::IsTerminal(kErrors), os::Console().HasColour()});
+  os::StandardStream output(kOutput);
+  os::StandardStream errors(kErrors);
+  std::ostream out(&output);
+  std::ostream err(&errors);
+  err.setf(std::ios::unitbuf);
+  Program program({out, err, os::IsTerminal(kErrors), os::Console().HasColour()});
   program.Add<CheckOptions>("check", "say what is wrong with a wall file", DefineCheck, Check);
   program.Add<ProbeOptions>("probe", "say what a source carries, and what a wall does with it",
                             DefineProbe, Probe);
@@ -37,5 +46,12 @@ int main(int argc, char** argv) {
   program.Add<RegisterOptions>("unregister", "take a filter library out of it", DefineRegister,
                                Unregister);
   program.Add<PinsOptions>("pins", "list the pins of a composer", DefinePins, Pins);
-  return static_cast<int>(program.Run(std::vector<std::string>(argv + 1, argv + argc)));
+  const int code = static_cast<int>(program.Run(std::vector<std::string>(argv + 1, argv + argc)));
+  out.flush();
+  if (os::Thread::Running() > 0) {
+    // Threads that are stuck in a dead mount or in the resolution of a name were detached. They may
+    // wake at any time and would find what the end of the process destroys.
+    std::_Exit(code);
+  }
+  return code;
 }

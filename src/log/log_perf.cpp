@@ -54,11 +54,18 @@ void LogPerf::Start() {
 }
 
 void LogPerf::Stop() {
+  StopWithin(os::kInfinite);
+}
+
+bool LogPerf::StopWithin(std::uint32_t limit) {
   if (worker_ != nullptr) {
     stopEvent_.Set();
-    worker_->Handle().Wait(os::kInfinite);
+    if (!worker_->Handle().Wait(limit)) {
+      return false;
+    }
     worker_.reset();
   }
+  return true;
 }
 
 void LogPerf::AddSink(ILogSink* sink) {

@@ -54,6 +54,9 @@ class LogPerf final : public ILogPerf {
   // does nothing when it does not run. Messages logged later wait for the next Start, or are lost.
   // Not from a sink.
   void Stop();
+  // The same for that long at most (ms). False when a sink holds the worker for longer: it runs on,
+  // and uses this object and its sinks whenever that returns.
+  bool StopWithin(std::uint32_t limit);
 
   // Takes effect from the next message.
   void AddSink(ILogSink* sink);

@@ -33,6 +33,11 @@ void logfile_sink::SetPath(std::string path) {
   path_ = std::move(path);
 }
 
+void logfile_sink::Reopen() {
+  const std::lock_guard writing(writeLock_);
+  file_.Close();
+}
+
 void logfile_sink::SetMaxLevel(std::int32_t maxLevel) {
   const std::lock_guard guard(lock_);
   maxLevel_ = maxLevel;

@@ -7,6 +7,7 @@
 
 #include "log/i_log_sink.h"
 #include "log/logfile_sink.h"
+#include "platform/os/files.h"
 
 namespace qorp::log {
 
@@ -14,6 +15,10 @@ namespace qorp::log {
 // damage: where the oldest line is partly overwritten, its rest may look like a line. The sink of a
 // program moves such a file aside, under the name "wall.log.damaged-1" or the next number that is
 // free, and writes the line into a new file.
+//
+// A file has one writer, who holds its lock; while another has it, lines reach the history only,
+// and every further line tries again. A file that was renamed or deleted is noticed by the next
+// line, which begins a new one under the path.
 //
 // Owned by the host; the logger's worker writes, any thread may set the path.
 class recovering_logfile_sink final : public ILogSink {
@@ -30,14 +35,19 @@ class recovering_logfile_sink final : public ILogSink {
   const logfile_sink& sink() const { return sink_; }
 
  private:
+  // Makes the path's file ours, and no other. What to say when it is not; otherwise empty.
+  std::string Claim();
   std::string MoveAside(const std::string& reason);
   void ReportOnce(const std::string& message);
 
   logfile_sink sink_;
   const Report report_;
   std::mutex lock_;
-  std::string path_;          // guarded by lock_
-  std::string lastReported_;  // used by the writing thread
+  std::string path_;  // guarded by lock_
+  // Used by the writing thread.
+  os::FileLock claim_;
+  std::string claimed_;  // the path of the sink: path_, or empty
+  std::string lastReported_;
 };
 
 }  // namespace qorp::log

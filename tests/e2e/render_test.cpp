@@ -313,6 +313,26 @@ TEST_F(RenderTest, ShowsTheSizeOfAWindowAtWhateverMomentItIsShown) {
   }
 }
 
+// The deinterlacer takes no frames of two lines.
+TEST_F(RenderTest, FramesThatCannotBeConvertedCostNoOthers) {
+  std::string stream;
+  for (const auto& [size, frames] : {std::pair(48, 25), std::pair(2, 3), std::pair(48, 25)}) {
+    const std::filesystem::path part = folder_ / "part.ts";
+    WriteCountingClip(part, size, size, "25", frames);
+    stream += ReadWholeFile(part);
+  }
+  WriteWholeFile(folder_ / "parts.ts", stream);
+  wall_.AddChannel(folder_ / "parts.ts", {0, 0, 64, 64});
+  wall_.wall().channels[0].options.deinterlace = host::wall::DeinterlaceMode::kFrames;
+  std::string course;  // bright after the first half of a part, dark before
+  for (const Frame& frame : wall_.Render(3 * kSecond)) {
+    const int luma = wall_.Luma(frame, 32, 32);
+    const char now = luma >= 60 ? 'b' : luma < 40 ? 'd' : '-';
+    course += now != '-' && (course.empty() || course.back() != now) ? std::string(1, now) : "";
+  }
+  EXPECT_THAT(course, testing::StartsWith("dbdb"));
+}
+
 TEST_F(RenderTest, LeavesAChannelBehindThatStallsForGood) {
   // A pipe that stays open and silent.
   const std::filesystem::path pipe = folder_ / "pipe";

@@ -99,17 +99,6 @@ TEST_F(LogFile, WrapsWhenALineEndsBeyondTheMaximum) {
   EXPECT_THROW(sink.SetMaxSize(-1), std::invalid_argument);
 }
 
-TEST_F(LogFile, ContinuesWhereTheLastLineEnded) {
-  {
-    logfile_sink sink(unlimited);
-    sink.SetPath(path);
-    Write(sink, "one");
-    Write(sink, "two");
-  }
-  EXPECT_THAT(Reopen(), ElementsAre("one", "two", "new"));
-  EXPECT_EQ(Contents(), "0x00000099\r\n" + Line(0, "one") + Line(1, "two") + Line(2, "new"));
-}
-
 // The oldest line tells its number and is left out; the following lines are counted from it.
 TEST_F(LogFile, RebuildsAWrappedFileOldestLineFirst) {
   const std::string start = "0x0000006E\r\n" + Line(7, "seven") + Line(8, "eight");

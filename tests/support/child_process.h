@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <optional>
@@ -10,7 +11,10 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <spawn.h>
+#include <sys/ioctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -64,6 +68,20 @@ class ChildProcess {
     if (!status_) {
       kill(id_, signal);
     }
+  }
+  // Whether its output would take some lines more; of a pipe as small as there is from now on.
+  bool OutputHasRoom() {
+    int waiting = 0;
+    const int size = fcntl(fileno(output_), F_SETPIPE_SZ, 4096);
+    return ioctl(fileno(output_), FIONREAD, &waiting) == 0 && waiting < size - 2048;
+  }
+  // As Wait; none when it runs for longer.
+  std::optional<int> WaitFor(std::chrono::milliseconds limit) {
+    const int process = static_cast<int>(syscall(SYS_pidfd_open, id_, 0));
+    pollfd ended{process, POLLIN, 0};
+    const bool hasEnded = status_ || poll(&ended, 1, static_cast<int>(limit.count())) > 0;
+    close(process);
+    return hasEnded ? std::optional(Wait()) : std::nullopt;
   }
   // Its exit code, or minus the signal that ended it.
   int Wait() {

@@ -14,11 +14,13 @@
 
 class DatagramReceiver {
  public:
-  DatagramReceiver() : socket_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  // Takes both kinds of addresses.
+  DatagramReceiver() : socket_(::socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in6 address{};
+    address.sin6_family = AF_INET6;
     socklen_t length = sizeof(address);
+    const int both = 0;
+    ::setsockopt(socket_, IPPROTO_IPV6, IPV6_V6ONLY, &both, sizeof(both));
     const timeval limit{30, 0};
     if (socket_ < 0 ||
         ::bind(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
@@ -26,7 +28,7 @@ class DatagramReceiver {
         ::setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)) != 0) {
       throw std::system_error(errno, std::generic_category(), "cannot receive datagrams");
     }
-    port_ = ntohs(address.sin_port);
+    port_ = ntohs(address.sin6_port);
   }
   ~DatagramReceiver() { ::close(socket_); }
   DatagramReceiver(const DatagramReceiver&) = delete;

@@ -1,6 +1,7 @@
 #include "host/channel/channel_ingest.h"
 
 #include <algorithm>
+#include <type_traits>
 #include <utility>
 
 namespace host {
@@ -27,12 +28,6 @@ ChannelIngest::ChannelIngest(Settings settings, FeedPin& videoPin, ChannelQueue&
       observer_(observer),
       delay_(static_cast<std::uint32_t>(std::hash<std::string>()(settings_.name))) {}
 
-void ChannelIngest::Prepare() {
-  latest_ = 0;
-  const std::lock_guard guard(lock_);
-  cancelled_ = false;
-}
-
 void ChannelIngest::Cancel() {
   {
     const std::lock_guard guard(lock_);
@@ -54,26 +49,86 @@ bool ChannelIngest::WaitBeforeReopening(milliseconds delay) {
   return !cancelling_.wait_for(guard, delay, [&] { return cancelled_; });
 }
 
+bool ChannelIngest::EndBy(std::chrono::steady_clock::time_point deadline) {
+  std::unique_lock guard(lock_);
+  left_.wait_until(guard, deadline, [&] { return ended_; });
+  // Outside the source it is only slow, and uses what an abandoned run must not.
+  left_.wait(guard, [&] { return ended_ || inSource_; });
+  abandoned_ = !ended_;
+  return ended_;
+}
+
+void ChannelIngest::EnterSource() {
+  const std::lock_guard guard(lock_);
+  inSource_ = true;
+  left_.notify_all();
+}
+
+void ChannelIngest::LeaveSource() {
+  const std::lock_guard guard(lock_);
+  if (abandoned_) {
+    throw Abandoned();
+  }
+  inSource_ = false;
+}
+
+template <typename Call>
+auto ChannelIngest::InSource(const Call& call) {
+  EnterSource();
+  try {
+    if constexpr (std::is_void_v<decltype(call())>) {
+      call();
+      LeaveSource();
+    } else {
+      auto result = call();
+      LeaveSource();
+      return result;
+    }
+  } catch (const Abandoned&) {
+    throw;
+  } catch (...) {
+    LeaveSource();
+    throw;
+  }
+}
+
 void ChannelIngest::Run() {
+  try {
+    ReadSource();
+    queue_.SetHorizon(ChannelQueue::kForever);
+  } catch (const Abandoned&) {
+  }
+  const std::lock_guard guard(lock_);
+  ended_ = true;
+  left_.notify_all();
+}
+
+void ChannelIngest::ReadSource() {
   while (!cancelled()) {
-    const auto reader = std::make_shared<MediaReader>(settings_.reader);
-    {
-      const std::lock_guard guard(lock_);
-      reader_ = reader;
-      if (cancelled_) {
-        break;
-      }
-    }
-    const std::optional<milliseconds> delay = Attempt(*reader);
-    {
-      const std::lock_guard guard(lock_);
-      reader_.reset();
-    }
+    const std::optional<milliseconds> delay = RunOnce();
     if (!delay.has_value() || !WaitBeforeReopening(*delay)) {
-      break;
+      return;
     }
   }
-  queue_.SetHorizon(ChannelQueue::kForever);
+}
+
+std::optional<milliseconds> ChannelIngest::RunOnce() {
+  auto reader = InSource([&] { return std::make_shared<MediaReader>(settings_.reader); });
+  {
+    const std::lock_guard guard(lock_);
+    if (cancelled_) {
+      return std::nullopt;
+    }
+    reader_ = reader;
+  }
+  const std::optional<milliseconds> delay = Attempt(*reader);
+  {
+    const std::lock_guard guard(lock_);
+    reader_.reset();
+  }
+  // A camera with room for one session refuses the next while this one is open.
+  InSource([&] { reader.reset(); });
+  return delay;
 }
 
 std::optional<milliseconds> ChannelIngest::Attempt(MediaReader& reader) {
@@ -90,7 +145,7 @@ std::optional<milliseconds> ChannelIngest::Attempt(MediaReader& reader) {
     return after(hasWaited ? delay_.AfterWaiting() : delay_.AfterFailure());
   };
   try {
-    reader.Open();
+    InSource([&] { reader.Open(); });
     observer_->ChannelOpened(settings_.name, reader.info());
     if (!Announce({SourceNews::Kind::kOpened, reader.info().video.has_value(),
                    reader.info().audio.has_value(), reader.info().noVideoReason,
@@ -143,7 +198,7 @@ bool ChannelIngest::ReadToEnd(MediaReader& reader, SourceSession& session) {
       return false;
     }
     try {
-      MediaItem item = reader.Read();
+      MediaItem item = InSource([&] { return reader.Read(); });
       if (silent) {
         observer_->ChannelOpened(settings_.name, reader.info());
         silent = false;
@@ -157,7 +212,7 @@ bool ChannelIngest::ReadToEnd(MediaReader& reader, SourceSession& session) {
       if (session.placer().TakeProgress()) {
         delay_.Reset();
       }
-      Report(session.placer());
+      Report(session);
     } catch (const MediaError& error) {
       if (!settings_.session.now) {
         // What was read before the failure is still shown, but not after a limit of a live wall.
@@ -177,7 +232,7 @@ bool ChannelIngest::ReadToEnd(MediaReader& reader, SourceSession& session) {
 }
 
 // Once a second.
-void ChannelIngest::Report(const ItemPlacer& placer) {
+void ChannelIngest::Report(const SourceSession& session) {
   if (!settings_.session.now) {
     return;
   }
@@ -186,9 +241,11 @@ void ChannelIngest::Report(const ItemPlacer& placer) {
     return;
   }
   reportedAt_ = now;
-  observer_->ChannelTimed(settings_.name,
-                          {placer.jitter(), placer.lead(), placer.leftOut().tooEarly,
-                           placer.leftOut().tooLate, queue_.dropped()});
+  const ItemPlacer& placer = session.placer();
+  observer_->ChannelTimed(
+      settings_.name,
+      {placer.jitter(), placer.lead(), placer.leftOut().tooEarly, placer.leftOut().tooLate,
+       session.lostFrames(), session.lostAudio(), queue_.dropped()});
 }
 
 }  // namespace host

@@ -19,7 +19,13 @@ namespace host {
 
 // Opens the channel's source, reads, decodes and converts, and fills the channel's queue in the
 // order of time, what becomes of the source included. A source that fails is opened again after a
-// growing delay. Run belongs to the reader's thread; Prepare and Cancel to the application's.
+// growing delay, and its connection is closed before the delay. One run each.
+//
+// A call into the source may be stuck where nothing ends it: in the resolution of a name, in a file
+// on a dead mount. Such a run is abandoned: from then on it touches nothing but this object, which
+// its thread has to share, and it ends as soon as the call returns.
+//
+// Run belongs to the reader's thread; Cancel and EndBy to the application's.
 class ChannelIngest {
  public:
   struct Settings {
@@ -30,17 +36,31 @@ class ChannelIngest {
     bool reopen = false;  // after a failure, or the end of a source that is no file
   };
 
+  // Pin, queue and observer outlive Run, or the abandonment of it.
   ChannelIngest(Settings settings, FeedPin& videoPin, ChannelQueue& queue,
                 ChannelObserver* observer);
 
-  // Before a new Run.
-  void Prepare();
-  // Until the source has ended for good, or Cancel. Leaves the queue's horizon at forever.
+  // Until the source has ended finally, or Cancel. Leaves the queue's horizon at forever.
   void Run();
-  // Ends Run soon, whatever it waits for but a buffer of the picture pin.
+  // Ends Run soon, whatever it waits for but a buffer of the picture pin and a stuck source.
   void Cancel();
+  // After Cancel, and once the pin gives no buffers: true when Run has ended. False when it has
+  // been abandoned because it was inside a call of the source at the deadline.
+  bool EndBy(std::chrono::steady_clock::time_point deadline);
 
  private:
+  // Thrown through an abandoned run. No std::exception: nobody handles it but Run.
+  struct Abandoned {};
+
+  // Runs a call that may be stuck in the source. Throws Abandoned when the run was abandoned
+  // meanwhile, and otherwise what the call throws.
+  template <typename Call>
+  auto InSource(const Call& call);
+  void EnterSource();
+  void LeaveSource();
+  void ReadSource();
+  // Opens the source, reads it to its end and closes it; see Attempt.
+  std::optional<std::chrono::milliseconds> RunOnce();
   bool cancelled() const;
   // False once cancelled.
   bool WaitBeforeReopening(std::chrono::milliseconds delay);
@@ -49,7 +69,7 @@ class ChannelIngest {
   // Reads to the end; false when the wall stopped first.
   bool ReadToEnd(MediaReader& reader);
   bool ReadToEnd(MediaReader& reader, SourceSession& session);
-  void Report(const ItemPlacer& placer);
+  void Report(const SourceSession& session);
   // False once the queue is closed.
   bool Announce(SourceNews news);
 
@@ -60,8 +80,12 @@ class ChannelIngest {
 
   mutable std::mutex lock_;
   std::condition_variable cancelling_;
-  bool cancelled_ = false;               // guarded by lock_
-  std::shared_ptr<MediaReader> reader_;  // guarded by lock_; what Cancel has to cancel
+  std::condition_variable left_;  // the source, or Run
+  bool cancelled_ = false;        // guarded by lock_, as is all below
+  bool inSource_ = false;         // a call of the source is being made
+  bool ended_ = false;            // Run has
+  bool abandoned_ = false;
+  std::shared_ptr<MediaReader> reader_;  // what Cancel has to cancel
 
   // The reader's thread only.
   ReopenDelay delay_;

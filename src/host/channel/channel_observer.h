@@ -19,6 +19,9 @@ struct SourceTiming {
   // Audio packets since the source was opened that were left out.
   std::uint64_t audioTooEarly = 0;
   std::uint64_t audioTooLate = 0;
+  // What could not be converted, since the source was opened.
+  std::uint64_t framesLost = 0;
+  std::uint64_t audioLost = 0;   // frames of audio
   std::uint64_t overflowed = 0;  // items for which the queue had no room, since the wall started
 };
 

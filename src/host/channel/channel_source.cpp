@@ -23,6 +23,8 @@ constexpr LONG kAudioBuffers = 8;
 // E-AC-3 with several substreams has the longest: 4096 bytes in each.
 constexpr LONG kLongestAudioPacket = 32'768;
 constexpr LONG kLongestLabel = 4096;  // bytes
+// FFmpeg asks at least ten times a second whether its call is cancelled.
+constexpr std::chrono::seconds kReaderLimit{2};
 
 LONG BuffersFor(Ratio canvasRate, const ChannelIngest::Settings& ingest) {
   const Time ahead = ingest.span + (ingest.session.now ? kMaxAhead : ingest.session.mergeWindow);
@@ -53,8 +55,8 @@ ChannelSource::ChannelSource(Settings settings, ChannelObserver* observer)
                   {4, static_cast<LONG>(kAudioAlarmSize)}),
       videoAlarm_(this, &lock_, u"Video Alarm", VideoAlarmType(),
                   {4, static_cast<LONG>(kVideoAlarmSize)}),
+      observer_(observer),
       queue_(settings_.ingest.span),
-      ingest_(settings_.ingest, video_, queue_, observer),
       presenter_(settings_.presenter, {video_, audioAlarm_, videoAlarm_}, observer),
       label_(settings_.label) {}
 
@@ -68,7 +70,10 @@ void ChannelSource::ReportFullBuffersTo(qorp::log::ILogPerf* logger) {
 }
 
 ChannelSource::~ChannelSource() {
-  EndThreads();
+  CancelReader();
+  queue_.Close();
+  EndStreaming();
+  EndReader(std::chrono::steady_clock::now() + kReaderLimit);
 }
 
 CBasePin* ChannelSource::GetPin(int position) {
@@ -82,6 +87,7 @@ HRESULT ChannelSource::Pause() {
   if (FAILED(hr) || !starts) {
     return hr;
   }
+  EndReader(std::chrono::steady_clock::now() + kReaderLimit);
   queue_.Open();
   soundFormat_.reset();
   {
@@ -92,29 +98,46 @@ HRESULT ChannelSource::Pause() {
   if (settings_.driven) {
     return hr;
   }
-  ingest_.Prepare();
-  reader_ = std::make_unique<os::Thread>([this] { ingest_.Run(); }, "reader");
+  ingest_ = std::make_shared<ChannelIngest>(settings_.ingest, video_, queue_, observer_);
+  reader_ = std::make_unique<os::Thread>([ingest = ingest_] { ingest->Run(); }, "reader");
   streaming_ = std::make_unique<os::Thread>([this] { Stream(); }, "streaming");
   return hr;
 }
 
 HRESULT ChannelSource::Stop() {
   // Ends every wait of the two threads: for the source, for room, for a buffer.
-  ingest_.Cancel();
+  CancelReader();
   queue_.Close();
   const HRESULT hr = CBaseFilter::Stop();
-  EndThreads();
+  EndStreaming();
   presenter_.End();
   return hr;
 }
 
-void ChannelSource::EndThreads() {
-  for (std::unique_ptr<os::Thread>* thread : {&reader_, &streaming_}) {
-    if (*thread != nullptr) {
-      (*thread)->Wait(os::kInfinite);
-      thread->reset();
-    }
+void ChannelSource::CancelReader() {
+  if (ingest_ != nullptr) {
+    ingest_->Cancel();
   }
+}
+
+void ChannelSource::EndStreaming() {
+  if (streaming_ != nullptr) {
+    streaming_->Wait(os::kInfinite);
+    streaming_.reset();
+  }
+}
+
+bool ChannelSource::EndReader(std::chrono::steady_clock::time_point deadline) {
+  if (reader_ == nullptr) {
+    return true;
+  }
+  const bool ended = ingest_->EndBy(deadline);
+  if (ended) {
+    reader_->Wait(os::kInfinite);
+  }
+  reader_.reset();
+  ingest_.reset();
+  return ended;
 }
 
 void ChannelSource::SetLabel(const std::string& text) {

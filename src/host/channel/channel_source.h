@@ -1,6 +1,7 @@
 // ChannelSource: one channel as a source filter of the graph.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -20,8 +21,9 @@ namespace host {
 // come, and keeps the window filled when nothing comes (ChannelPresenter). Neither ever waits for
 // another channel, and the wall waits for neither.
 //
-// Owned by its graph and by the wall. Pause and Stop start and end the threads, on the
-// application's thread.
+// Owned by its graph and by the wall. Pause starts the threads, on the application's thread. Stop
+// ends the streaming thread and cancels the reader without waiting for it: what the wall gave until
+// then can be written to its end first. EndReader, the next Pause or the destructor wait.
 class ChannelSource final : public CBaseFilter {
  public:
   struct Settings {
@@ -43,6 +45,11 @@ class ChannelSource final : public CBaseFilter {
   CBasePin* GetPin(int position) override;
   HRESULT Pause() override;
   HRESULT Stop() override;
+  // The reader is to end; waits for nothing. Before Stop, to end many readers at once.
+  void CancelReader();
+  // After Stop: waits for the reader. False when it is stuck in its source beyond the deadline; its
+  // thread is detached then, and touches nothing of this filter any more.
+  bool EndReader(std::chrono::steady_clock::time_point deadline);
 
   FeedPin& videoPin() { return video_; }
   FeedPin& audioPin() { return audio_; }
@@ -71,7 +78,7 @@ class ChannelSource final : public CBaseFilter {
   void Deliver(ChannelItem& item);
   void DeliverSound(const AudioPacket& packet, Time start, Time duration);
   void DeliverLabel(Time time);
-  void EndThreads();
+  void EndStreaming();
 
   const Settings settings_;
   CCritSec lock_;
@@ -81,8 +88,9 @@ class ChannelSource final : public CBaseFilter {
   FeedPin audioAlarm_;
   FeedPin videoAlarm_;
 
+  ChannelObserver* const observer_;
   ChannelQueue queue_;
-  ChannelIngest ingest_;
+  std::shared_ptr<ChannelIngest> ingest_;  // of the latest run, shared with its thread
   ChannelPresenter presenter_;
   std::unique_ptr<os::Thread> reader_;     // application's thread
   std::unique_ptr<os::Thread> streaming_;  // application's thread

@@ -6,11 +6,15 @@ extern "C" {
 
 #include <utility>
 
+#include "host/ffmpeg/error.h"
+
 namespace host {
 namespace {
 
 // Longer than any decoder holds audio back.
 constexpr Time kUndecodable = kSecond;
+// Frames that cannot be converted; then the source is opened again, and the window says why.
+constexpr int kMaxLostInARow = 50;
 
 ItemPlacer::Settings PlacerSettings(const SourceSession::Settings& settings,
                                     const MediaInfo& info) {
@@ -57,7 +61,11 @@ SourceSession::SourceSession(const Settings& settings, const MediaReader& reader
 bool SourceSession::Handle(MediaItem item) {
   if (auto* const picture = std::get_if<VideoPicture>(&item)) {
     Count(true, picture->discontinuity);
-    converter_.Push(std::move(*picture));
+    try {
+      converter_.Push(std::move(*picture));
+    } catch (const ffmpeg::Error&) {
+      LoseFrame();
+    }
     return DrainConverter();
   }
   if (auto* const packet = std::get_if<AudioPacket>(&item)) {
@@ -106,7 +114,11 @@ bool SourceSession::NoteAudio(Time start, AudioAbsence absence, const std::strin
 }
 
 bool SourceSession::Finish() {
-  converter_.Finish();
+  try {
+    converter_.Finish();
+  } catch (const ffmpeg::Error&) {
+    ++lostFrames_;
+  }
   if (!DrainConverter()) {
     return false;
   }
@@ -126,6 +138,13 @@ void SourceSession::Count(bool isFrame, bool isDiscontinuity) {
   }
 }
 
+void SourceSession::LoseFrame() {
+  ++lostFrames_;
+  if (++lostInARow_ >= kMaxLostInARow) {
+    throw;
+  }
+}
+
 bool SourceSession::DrainConverter() {
   while (const PictureConverter::PictureTimes* const next = converter_.Next()) {
     const PictureConverter::PictureTimes times = *next;
@@ -136,7 +155,13 @@ bool SourceSession::DrainConverter() {
     if (!sample || FAILED(sample->GetPointer(&buffer))) {
       return false;
     }
-    converter_.Write({buffer, converter_.bufferSize()});
+    try {
+      converter_.Write({buffer, converter_.bufferSize()});
+    } catch (const ffmpeg::Error&) {
+      LoseFrame();
+      continue;
+    }
+    lostInARow_ = 0;
     sample->SetActualDataLength(static_cast<LONG>(converter_.bufferSize()));
     sample->SetSyncPoint(TRUE);
     const PictureCondition condition =

@@ -1,6 +1,7 @@
 // SourceSession: one opening of a channel's source, from its first item to its last.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -44,15 +45,22 @@ class SourceSession {
   SourceSession(const Settings& settings, const MediaReader& reader, FeedPin& videoPin,
                 ChannelQueue& queue);
 
-  // The next item of the reader, but for its end. False once the queue is closed.
+  // The next item of the reader, but for its end. False once the queue is closed. A frame that
+  // cannot be converted is left out; throws ffmpeg::Error when that is so of many in a row.
   bool Handle(MediaItem item);
   // Hands on what converters, meters and encoders still hold.
   bool Finish();
+
+  // What could not be converted and was left out.
+  std::uint64_t lostFrames() const { return lostFrames_; }
+  std::uint64_t lostAudio() const { return audio_ ? audio_->lost() : 0; }
 
   const ItemPlacer& placer() const { return placer_; }
   ItemPlacer& placer() { return placer_; }
 
  private:
+  // Throws the error again when it is one of many in a row.
+  void LoseFrame();
   void Count(bool isFrame, bool isDiscontinuity);
   bool DrainConverter();
   bool AddReading(const LevelMeter::Reading& reading);
@@ -73,6 +81,8 @@ class SourceSession {
   LevelMeter meter_;
   std::optional<Time> undecodedSince_;  // start of the first packet after the latest samples
   bool isUndecodable_ = false;
+  std::uint64_t lostFrames_ = 0;
+  int lostInARow_ = 0;
   bool open_ = true;  // the queue is
 };
 

@@ -64,6 +64,8 @@ Json ToJson(const ChannelBoard::Entry& entry) {
     json["lead"] = SecondsOf(entry.timing->lead);
     json["audio_too_early"] = entry.timing->audioTooEarly;
     json["audio_too_late"] = entry.timing->audioTooLate;
+    json["frames_lost"] = entry.timing->framesLost;
+    json["audio_lost"] = entry.timing->audioLost;
     json["overflowed"] = entry.timing->overflowed;
   }
   return json;

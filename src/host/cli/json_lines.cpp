@@ -1,11 +1,15 @@
 #include "host/cli/json_lines.h"
 
+#include <chrono>
 #include <utility>
+
+#include "platform/os/standard_stream.h"
 
 namespace host::cli {
 namespace {
 
 constexpr std::size_t kMostWaiting = 1024;
+constexpr std::chrono::milliseconds kPatience{500};
 
 }  // namespace
 
@@ -27,6 +31,7 @@ void JsonLines::Write(std::string line) {
 
 void JsonLines::Finish() {
   if (thread_ != nullptr) {
+    finishing_ = true;
     queue_.Close();
     thread_->Wait(os::kInfinite);
     thread_.reset();
@@ -35,10 +40,18 @@ void JsonLines::Finish() {
 
 void JsonLines::Run() {
   while (const std::optional<std::string> line = queue_.Pop()) {
+    std::string text;
     if (const std::uint64_t dropped = dropped_.exchange(0)) {
-      stream_ << "{\"event\":\"dropped\",\"lines\":" << dropped << "}\n";
+      text = "{\"event\":\"dropped\",\"lines\":" + std::to_string(dropped) + "}\n";
     }
-    stream_ << *line << "\n" << std::flush;
+    text += *line + "\n";
+    stream_.clear();
+    stream_.write(text.data(), static_cast<std::streamsize>(text.size()));
+    while (!os::FlushWithin(stream_, kPatience)) {
+      if (finishing_) {
+        return;
+      }
+    }
   }
 }
 

@@ -12,12 +12,12 @@ namespace host::cli {
 
 // Writes lines to a stream from a thread of its own, so that whoever reads them slowly holds up
 // nobody: of the lines that wait, the oldest are dropped then, and the next line that is written
-// says how many. Any thread adds lines.
+// says how many. A stream that failed is tried again with each line. Any thread adds lines.
 class JsonLines {
  public:
   // enabled false: nothing is written and no thread started.
   JsonLines(std::ostream& stream, bool enabled);
-  // Writes what waits.
+  // As Finish.
   ~JsonLines();
   JsonLines(const JsonLines&) = delete;
   JsonLines& operator=(const JsonLines&) = delete;
@@ -25,7 +25,8 @@ class JsonLines {
   bool enabled() const { return thread_ != nullptr; }
   // line: without its end.
   void Write(std::string line);
-  // Writes what waits; nothing is written afterwards.
+  // Writes what waits, for a limited time if the stream's own waiting is limited; nothing is
+  // written afterwards. Application's thread.
   void Finish();
 
  private:
@@ -34,6 +35,7 @@ class JsonLines {
   std::ostream& stream_;  // the writing thread's
   BoundedQueue<std::string> queue_;
   std::atomic<std::uint64_t> dropped_{0};
+  std::atomic<bool> finishing_{false};
   std::unique_ptr<os::Thread> thread_;
 };
 

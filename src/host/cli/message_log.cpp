@@ -6,8 +6,8 @@
 #include "host/ffmpeg/log.h"
 #include "log/circular_log_file.h"
 #include "log/log_line.h"
-#include "platform/os/datagram.h"
 #include "platform/os/error_numbers.h"
+#include "platform/os/files.h"
 
 namespace host::cli {
 namespace {
@@ -15,6 +15,7 @@ namespace {
 using qorp::log::CircularLogFile;
 
 constexpr std::int32_t kDefaultSize = 10 << 20;
+constexpr std::uint32_t kFlushLimit = 3000;  // ms
 
 std::string Describe(const MediaInfo& info) {
   std::string text = info.format;
@@ -69,6 +70,12 @@ std::string CheckedPath(const std::filesystem::path& path) {
     throw std::runtime_error("the log file " + name +
                              " cannot be written: " + os::FileErrorText(error));
   }
+  os::FileLock lock;
+  if (lock.Take(name) == os::kErrorSharingViolation) {
+    throw std::runtime_error("the log file " + name +
+                             " is written by another program, perhaps a service that runs: name "
+                             "another file with --log-file or TAVREL_LOG_FILE");
+  }
   return name;
 }
 
@@ -110,29 +117,21 @@ void MessageLog::Screen::WipeProgress() {
   progress_.Wipe();
 }
 
-MessageLog::Syslog::Syslog(const wall::Endpoint& server, std::int32_t maxLevel)
-    : maxLevel_(maxLevel), sink_(os::DatagramSocket(server.host, server.port), os::HostName()) {}
-
-void MessageLog::Syslog::Write(std::int32_t level, const qorp::log::LogTime& time,
-                               const char* text) {
-  if (level <= maxLevel_) {
-    sink_.Write(level, time, text);
-  }
-}
-
 MessageLog::MessageLog(Streams& streams, const wall::LogOptions& options)
     : screen_(streams, ScreenLevel(options)), logger_(LoggerOptions(options)) {
   const std::int32_t level = RecordLevel(options);
   Configure(file_, options.file, level, options);
   if (options.file && options.perfFile && !options.file->empty() &&
-      *options.file == *options.perfFile) {
+      (*options.file == *options.perfFile ||
+       os::IsSameFile(options.file->string(), options.perfFile->string()))) {
     throw std::runtime_error(
         "the messages and the performance records need a file each, not both " +
         options.file->string());
   }
   Configure(perfFile_, options.perfFile, qorp::log::kInfo, options);
   if (options.syslog && !options.syslog->host.empty()) {
-    syslog_.emplace(*options.syslog, level);
+    syslog_.emplace(*options.syslog, level,
+                    [this](const std::string& what) { Say(qorp::log::kError, what); });
   }
   logger_.AddSink(&screen_);
   if (file_) {
@@ -149,6 +148,8 @@ MessageLog::MessageLog(Streams& streams, const wall::LogOptions& options)
 
 MessageLog::~MessageLog() {
   ffmpeg::RouteLog(ffmpeg::LogLevel::kError, {});
+  logger_.Stop();
+  syslog_.reset();  // it reports to the logger
 }
 
 // What FFmpeg finds wrong is in our own messages; its own lines are details.
@@ -165,10 +166,13 @@ void MessageLog::StartRecords() {
   }
 }
 
-void MessageLog::Flush() {
+bool MessageLog::Flush() {
   logger_.WriteReport();
-  logger_.Stop();
+  if (!logger_.StopWithin(kFlushLimit)) {
+    return false;
+  }
   logger_.Start();
+  return true;
 }
 
 void MessageLog::Say(std::int32_t level, const std::string& line) {

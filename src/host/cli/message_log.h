@@ -9,11 +9,11 @@
 #include "host/channel/channel_observer.h"
 #include "host/cli/program.h"
 #include "host/cli/progress_line.h"
+#include "host/cli/resolving_syslog.h"
 #include "host/wall/log_options.h"
 #include "log/console_sink.h"
 #include "log/log_perf.h"
 #include "log/recovering_logfile_sink.h"
-#include "log/syslog_sink.h"
 
 namespace host::cli {
 
@@ -24,8 +24,8 @@ namespace host::cli {
 // for the error stream or a disk, but whoever shows the progress.
 class MessageLog final : public ChannelObserver {
  public:
-  // Throws std::runtime_error when a file cannot be written, or is something else than a log file,
-  // and when the syslog server has no address.
+  // Throws std::runtime_error when a file cannot be written, is written by another program, or is
+  // something else than a log file.
   MessageLog(Streams& streams, const wall::LogOptions& options);
   // Stops.
   ~MessageLog() override;
@@ -36,8 +36,9 @@ class MessageLog final : public ChannelObserver {
   // that has been registered by now.
   void StartRecords();
   // Writes the last performance record; returns when everything that was said before has reached
-  // its sinks.
-  void Flush();
+  // its sinks. False when that takes too long, as with a file on a dead mount: the logger's thread
+  // still uses this object then, which must not be destroyed any more.
+  bool Flush();
 
   void ChannelOpened(const std::string& channel, const MediaInfo& info) override;
   void ChannelEnded(const std::string& channel) override;
@@ -68,18 +69,6 @@ class MessageLog final : public ChannelObserver {
     qorp::log::console_sink console_;  // guarded by lock_
     ProgressLine progress_;            // guarded by lock_
   };
-  // Leaves out what is beyond the level, which a syslog sink does not.
-  class Syslog final : public qorp::log::ILogSink {
-   public:
-    Syslog(const wall::Endpoint& server, std::int32_t maxLevel);
-
-    void Write(std::int32_t level, const qorp::log::LogTime& time, const char* text) override;
-
-   private:
-    const std::int32_t maxLevel_;
-    qorp::log::syslog_sink sink_;
-  };
-
   void RouteFfmpeg();
   void Configure(std::optional<qorp::log::recovering_logfile_sink>& sink,
                  const std::optional<std::filesystem::path>& path, std::int32_t level,
@@ -88,7 +77,7 @@ class MessageLog final : public ChannelObserver {
   Screen screen_;
   std::optional<qorp::log::recovering_logfile_sink> file_;
   std::optional<qorp::log::recovering_logfile_sink> perfFile_;
-  std::optional<Syslog> syslog_;
+  std::optional<ResolvingSyslog> syslog_;
   qorp::log::LogPerf logger_;  // ends before its sinks
 
   std::mutex lock_;

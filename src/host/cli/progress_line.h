@@ -17,6 +17,7 @@ class ProgressLine {
 
   void Show(const std::string& text) {
     if (shown_ && text != text_) {
+      stream_.clear();  // one that failed is tried again
       stream_ << "\r\x1b[K" << text << std::flush;
       text_ = text;
     }

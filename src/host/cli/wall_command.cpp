@@ -24,12 +24,20 @@
 #include "host/output/output_set.h"
 #include "host/session/wall_outputs.h"
 #include "host/session/wall_session.h"
+#include "platform/os/standard_stream.h"
 #include "platform/os/stop_signals.h"
 
 namespace host::cli {
 namespace {
 
 using std::chrono::milliseconds;
+
+// A wall goes on while nobody reads what it says. Of the lines for programs the oldest are dropped
+// then, by their queue; messages do not wait for a reader twice.
+constexpr milliseconds kOutPatience{250};
+constexpr milliseconds kErrPatience{250};
+// For the report at the end.
+constexpr milliseconds kReportPatience{1000};
 
 std::string Seconds(double seconds) {
   char text[32];
@@ -45,7 +53,9 @@ class WallCommandRun {
         record_(command.record),
         streams_(streams),
         plan_(std::move(plan)),
-        messages_(streams, FirstOf(command.graph.log, command.wall.log)),
+        messageLog_(
+            std::make_unique<MessageLog>(streams, FirstOf(command.graph.log, command.wall.log))),
+        messages_(*messageLog_),
         composerLog_(messages_.logger()),
         lines_(streams.out, command.live && (command.json || command.events)),
         noLines_(streams.out, false),
@@ -54,6 +64,8 @@ class WallCommandRun {
         snapshot_(command.record.snapshotAt) {}
 
   ExitCode Run() {
+    os::StandardStream::LimitWaiting(streams_.out, kOutPatience, kOutPatience);
+    os::StandardStream::LimitWaiting(streams_.err, kErrPatience, milliseconds(0));
     const OutputSet::Settings outputs = OutputsOfWall(command_.wall, plan_.outputs, command_.live);
     outputs_.emplace(outputs, &outputMessages_, &messages_.logger());
     for (const OutputPass::Track& track : outputs.tracks) {
@@ -68,6 +80,11 @@ class WallCommandRun {
     command_.live ? RunLive(session) : RunRendering(session);
     counters_ = session.counters();
     outputs_->Finish();
+    // Now only: a reader may be stuck in its source.
+    if (const int stuck = session.EndReaders(); stuck > 0) {
+      messages_.Say(qorp::log::kWarning,
+                    std::to_string(stuck) + " sources did not end in time and were abandoned");
+    }
     ExitCode code = CodeOfOutputs();
     WriteSnapshotFile();
     if (command_.strict && ReportNotShown()) {
@@ -78,9 +95,13 @@ class WallCommandRun {
                                              " frames were skipped because they came too late");
     }
     messages_.WipeProgress();
-    messages_.Flush();
+    if (!messages_.Flush()) {
+      // Its thread is stuck in a file and may use it at any time: it goes with the process.
+      static_cast<void>(messageLog_.release());
+    }
     lines_.Finish();
     command_.json ? PrintJson() : PrintSummary();
+    os::FlushWithin(streams_.out, kReportPatience);
     return code;
   }
 
@@ -148,6 +169,7 @@ class WallCommandRun {
       ShowProgress(session);
       return signals_.Requested();
     };
+    control.cancelled = [&] { return signals_.Requested(); };
     session.Render(control);
   }
 
@@ -233,6 +255,7 @@ class WallCommandRun {
   // For a person; where the standard output has other readers, on the error stream.
   void PrintSummary() {
     std::ostream& out = plan_.toStandardOutput || command_.events ? streams_.err : streams_.out;
+    out.clear();
     for (const OutputSet::Status& output : outputs_->status()) {
       if (!output.failed) {
         out << (output.files > 0 ? output.file : output.name) << ": " << output.video.written
@@ -249,6 +272,7 @@ class WallCommandRun {
   }
 
   void PrintJson() {
+    streams_.out.clear();
     nlohmann::ordered_json report;
     if (command_.live) {
       report["event"] = "end";
@@ -276,7 +300,8 @@ class WallCommandRun {
   Streams& streams_;
   const RunPlan plan_;
   os::StopSignals signals_;
-  MessageLog messages_;
+  std::unique_ptr<MessageLog> messageLog_;
+  MessageLog& messages_;
   ComposerLog composerLog_;
   JsonLines lines_;
   JsonLines noLines_;

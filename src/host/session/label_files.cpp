@@ -9,6 +9,7 @@ namespace host {
 namespace {
 
 constexpr std::chrono::milliseconds kBetweenLooks{250};
+constexpr std::chrono::milliseconds kStopLimit{500};  // for a look at a file to end
 constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 
 }  // namespace
@@ -49,35 +50,47 @@ void LabelFiles::Start() {
   if (entries_.empty() || thread_ != nullptr) {
     return;
   }
-  stopped_ = false;
-  thread_ = std::make_unique<os::Thread>([this] { Run(); }, "labels");
+  run_ = std::make_shared<Run>();
+  run_->entries = entries_;
+  thread_ = std::make_unique<os::Thread>([run = run_] { run->LookUntilStopped(); }, "labels");
 }
 
 void LabelFiles::Stop() {
   if (thread_ == nullptr) {
     return;
   }
+  bool ended = false;
   {
-    const std::lock_guard guard(lock_);
-    stopped_ = true;
+    std::unique_lock guard(run_->lock);
+    run_->stopped = true;
+    run_->changed.notify_all();
+    ended = run_->changed.wait_for(guard, kStopLimit, [&] { return run_->ended; });
   }
-  stopping_.notify_all();
-  thread_->Wait(os::kInfinite);
+  if (ended) {
+    thread_->Wait(os::kInfinite);
+  }
   thread_.reset();
+  run_.reset();
 }
 
-void LabelFiles::Run() {
-  for (;;) {
-    for (Entry& entry : entries_) {
-      if (const std::optional<std::string> text = entry.file.Look()) {
+void LabelFiles::Run::LookUntilStopped() {
+  std::unique_lock guard(lock);
+  while (!stopped) {
+    for (Entry& entry : entries) {
+      guard.unlock();
+      const std::optional<std::string> text = entry.file.Look();
+      guard.lock();
+      if (stopped) {
+        break;
+      }
+      if (text) {
         entry.take(*text);
       }
     }
-    std::unique_lock guard(lock_);
-    if (stopping_.wait_for(guard, kBetweenLooks, [this] { return stopped_; })) {
-      return;
-    }
+    changed.wait_for(guard, kBetweenLooks, [this] { return stopped; });
   }
+  ended = true;
+  changed.notify_all();
 }
 
 }  // namespace host

@@ -39,8 +39,7 @@ class LabelFile {
 
 // Looks at all label files of a wall from a thread of its own, four times a second, so that a file
 // on a slow disk stops nothing but its label. Owned by the wall; Start and Stop belong to the
-// application's thread. The lock guards the request to stop and is not held while a file is read or
-// a text is handed over.
+// application's thread.
 class LabelFiles {
  public:
   using TakeText = std::function<void(const std::string& text)>;
@@ -50,10 +49,12 @@ class LabelFiles {
   LabelFiles(const LabelFiles&) = delete;
   LabelFiles& operator=(const LabelFiles&) = delete;
 
-  // Before Start. take gets every new text, on the thread of the files.
+  // Before Start. take gets every new text, on the thread of the files; it returns at once.
   void Add(std::filesystem::path path, TakeText take);
   // Does nothing without a file.
   void Start();
+  // No text is handed over any more. A thread that is stuck in a file, as on a dead mount, is
+  // detached.
   void Stop();
 
  private:
@@ -61,14 +62,21 @@ class LabelFiles {
     LabelFile file;
     TakeText take;
   };
+  // What the thread touches. The lock guards the request to stop and is held while a text is handed
+  // over, but not while a file is read.
+  struct Run {
+    std::vector<Entry> entries;  // the thread's own
+    std::mutex lock;
+    std::condition_variable changed;
+    bool stopped = false;  // guarded by lock, as is the next
+    bool ended = false;
 
-  void Run();
+    void LookUntilStopped();
+  };
 
-  std::vector<Entry> entries_;  // the thread's own while it runs
+  std::vector<Entry> entries_;
+  std::shared_ptr<Run> run_;  // shared with the thread; null while none runs
   std::unique_ptr<os::Thread> thread_;
-  std::mutex lock_;
-  std::condition_variable stopping_;
-  bool stopped_ = false;  // guarded by lock_
 };
 
 }  // namespace host

@@ -1,5 +1,7 @@
 #include "host/session/wall_session.h"
 
+#include <algorithm>
+
 extern "C" {
 #include <libavcodec/packet.h>
 }
@@ -7,7 +9,6 @@ extern "C" {
 #include "host/background/background_picture.h"
 #include "host/graph/graph_error.h"
 #include "platform/com/wide_text.h"
-#include "platform/os/system_time.h"
 #include "util/string_format.h"
 
 namespace host {
@@ -16,6 +17,10 @@ namespace {
 // The composer shows every picture that long after its source.
 constexpr Time kWindowLatency = kSecond;
 constexpr std::chrono::milliseconds kFrameLimit{60'000};
+// For all readers together to notice that they are cancelled, and to close their connections.
+constexpr std::chrono::seconds kReadersLimit{2};
+// How often a rendering that waits for a channel asks whether it is to stop.
+constexpr std::chrono::milliseconds kStopPeriod{100};
 
 ComposerFilter::Canvas CanvasOf(const wall::Wall& wall) {
   return {static_cast<int>(wall.channels.size()),
@@ -131,6 +136,7 @@ WallSession::WallSession(Settings settings)
 
 WallSession::~WallSession() {
   Stop();
+  EndReaders();
 }
 
 void WallSession::Connect(FeedPin& from, IPin* to, const std::string& what) {
@@ -242,12 +248,9 @@ void WallSession::ConnectSound(std::size_t index, const ComposerFilter::Input& i
 }
 
 // The time of day of a live wall; of a rendered one, the time in the output.
-std::string WallSession::TimeText(Time time) const {
+std::string WallSession::TimeText(Time time) {
   if (settings_.live) {
-    using Clock = std::chrono::system_clock;
-    const os::LocalTime now =
-        os::ToLocalTime(Clock::to_time_t(startedAt_ + std::chrono::microseconds(time / 10)));
-    return qorp::StringFormat("%02d:%02d:%02d", now.hour, now.minute, now.second);
+    return timeOfDay_.Text(time, clock_.Now(), std::chrono::system_clock::now());
   }
   const auto seconds = static_cast<int>(time / kSecond);
   return qorp::StringFormat("%02d:%02d:%02d", seconds / 3600 % 24, seconds / 60 % 60, seconds % 60);
@@ -256,12 +259,12 @@ std::string WallSession::TimeText(Time time) const {
 void WallSession::Start() {
   Check(graph_->SetSyncSource(clock_.reference()), "give the graph its clock");
   clock_.Start();
-  startedAt_ = std::chrono::system_clock::now() - std::chrono::microseconds(clock_.Now() / 10);
   Check(graph_->Run(0), "run the graph");
   labelFiles_.Start();
 }
 
-bool WallSession::AdvanceChannels(Time time, std::chrono::milliseconds stallLimit) {
+std::optional<bool> WallSession::AdvanceChannels(Time time, const RenderControl& control) {
+  using Clock = std::chrono::steady_clock;
   for (const ComPtr<ChannelSource>& channel : channels_) {
     channel->queue().AdvanceTo(time);
   }
@@ -270,13 +273,22 @@ bool WallSession::AdvanceChannels(Time time, std::chrono::milliseconds stallLimi
     if (leftBehind_[i]) {
       continue;
     }
-    if (!channels_[i]->queue().WaitUntilTaken(stallLimit)) {
+    ChannelQueue& queue = channels_[i]->queue();
+    const Clock::time_point limit = Clock::now() + control.stallLimit;
+    bool taken = false;
+    do {
+      taken = queue.WaitUntilTaken(std::min(kStopPeriod, control.stallLimit));
+      if (!taken && control.cancelled && control.cancelled()) {
+        return std::nullopt;
+      }
+    } while (!taken && Clock::now() < limit);
+    if (!taken) {
       leftBehind_[i] = true;
-      channels_[i]->queue().LeaveReaderBehind();
+      queue.LeaveReaderBehind();
       settings_.observer->ChannelFailed(channels_[i]->name(),
                                         "it gives nothing any more; the wall goes on without it",
                                         std::nullopt);
-    } else if (!channels_[i]->queue().ended()) {
+    } else if (!queue.ended()) {
       ended = false;
     }
   }
@@ -307,7 +319,11 @@ void WallSession::Render(const RenderControl& control) {
       break;
     }
     const Time time = FrameStart(frame, rate);
-    if (AdvanceChannels(time, control.stallLimit) && !endsAt) {
+    const std::optional<bool> ended = AdvanceChannels(time, control);
+    if (!ended) {
+      break;
+    }
+    if (*ended && !endsAt) {
       endsAt = LastFrameWithNews(frame) + kWindowLatency;
     }
     if (!background_->SendFrame(frame) || !watch_->Wait(kFrameLimit)) {
@@ -318,9 +334,19 @@ void WallSession::Render(const RenderControl& control) {
 }
 
 void WallSession::Stop() {
+  for (const ComPtr<ChannelSource>& channel : channels_) {
+    channel->CancelReader();
+  }
   labelFiles_.Stop();
   clock_.Stop();
   graph_->Stop();
+}
+
+int WallSession::EndReaders() {
+  const auto deadline = std::chrono::steady_clock::now() + kReadersLimit;
+  return static_cast<int>(std::count_if(
+      channels_.begin(), channels_.end(),
+      [&](const ComPtr<ChannelSource>& channel) { return !channel->EndReader(deadline); }));
 }
 
 WallSession::Counters WallSession::counters() const {

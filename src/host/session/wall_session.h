@@ -14,6 +14,7 @@
 #include "host/output/audio_sink.h"
 #include "host/output/composition_sink.h"
 #include "host/session/label_files.h"
+#include "host/session/time_of_day.h"
 #include "host/session/wall_clock.h"
 #include "host/wall/wall.h"
 #include "platform/graph/filter_graph.h"
@@ -51,6 +52,7 @@ class WallSession {
         length;  // of what is handed out; none: until all channels have ended and been shown
     std::function<bool()> waitForRoom;  // before each frame; false ends the rendering
     std::function<bool()> stop;         // asked before each frame
+    std::function<bool()> cancelled;    // asked while a channel is waited for; may be null
     std::chrono::milliseconds stallLimit{
         10'000};  // a channel that gives nothing for longer is left behind
   };
@@ -72,7 +74,11 @@ class WallSession {
   void Start();
   // Renders frame by frame and stops. Throws GraphError.
   void Render(const RenderControl& control);
+  // Ends the wall. All readers are cancelled first; none is waited for.
   void Stop();
+  // After Stop: waits for all readers together for a limited time. Those that are stuck in their
+  // sources are detached; returns how many. The destructor does the same.
+  int EndReaders();
 
   Counters counters() const;
   // How long composing took, since it was asked last.
@@ -86,9 +92,10 @@ class WallSession {
   void ConnectSound(std::size_t index, const ComposerFilter::Input& input, const std::string& what);
   std::string LabelOf(const wall::Label& label) const;
   ChannelSource::Settings ChannelSettings(const wall::Channel& channel, WallWindow* window);
-  std::string TimeText(Time time) const;
+  std::string TimeText(Time time);
   void Connect(FeedPin& from, IPin* to, const std::string& what);
-  bool AdvanceChannels(Time time, std::chrono::milliseconds stallLimit);
+  // None when it is cancelled.
+  std::optional<bool> AdvanceChannels(Time time, const RenderControl& control);
   // Start of the first frame, up to `frame`, by which everything that the channels gave was due.
   // Readers may say some frames later that nothing more will come; this does not depend on it.
   Time LastFrameWithNews(std::int64_t frame);
@@ -96,8 +103,7 @@ class WallSession {
   const Settings settings_;
   const std::int64_t firstFrame_;  // that is handed out
   WallClock clock_;
-  std::chrono::system_clock::time_point startedAt_;  // time of day at the wall's time 0; set before
-                                                     // the graph runs
+  TimeOfDay timeOfDay_;
   std::shared_ptr<FrameWatch> watch_ = std::make_shared<FrameWatch>();
   std::atomic<std::uint64_t> composed_{0};
   // The graph goes first and with it every filter; then the composer's library.

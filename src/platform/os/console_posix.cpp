@@ -56,6 +56,7 @@ void Console::WriteLine(std::uint16_t colour, std::string_view line) {
 
 void Console::Write(std::string_view text) const {
   if (stream_ != nullptr) {
+    stream_->clear();  // one that failed is tried again
     stream_->write(text.data(), static_cast<std::streamsize>(text.size())).flush();
     return;
   }

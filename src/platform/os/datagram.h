@@ -29,6 +29,9 @@ class DatagramSocket {
   int descriptor_ = -1;
 };
 
+// Whether a host is given by its address, which needs no name server.
+bool IsAddress(const std::string& host);
+
 // The name of this machine, up to the first dot; empty when the system has none.
 std::string HostName();
 

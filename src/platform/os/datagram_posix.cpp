@@ -83,6 +83,17 @@ bool DatagramSocket::Send(std::string_view bytes) const {
   return false;
 }
 
+bool IsAddress(const std::string& host) {
+  addrinfo wanted{};
+  wanted.ai_flags = AI_NUMERICHOST;
+  addrinfo* found = nullptr;
+  const bool isAddress = ::getaddrinfo(host.c_str(), nullptr, &wanted, &found) == 0;
+  if (isAddress) {
+    ::freeaddrinfo(found);
+  }
+  return isAddress;
+}
+
 std::string HostName() {
   std::array<char, 256> name{};
   if (::gethostname(name.data(), name.size() - 1) != 0) {

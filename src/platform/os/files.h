@@ -72,4 +72,25 @@ class File {
   int descriptor_ = -1;
 };
 
+// Keeps the writers of one file apart, in this process and in others: a mark at the file itself
+// that is gone with its owner. One thread at a time.
+class FileLock {
+ public:
+  FileLock() = default;
+  ~FileLock() { Release(); }
+  FileLock(const FileLock&) = delete;
+  FileLock& operator=(const FileLock&) = delete;
+
+  // Takes the lock of a file, which is created when there is none; never waits.
+  // kErrorSharingViolation when somebody else has it. A file system without locks grants it to
+  // everybody.
+  std::uint32_t Take(std::string_view path);
+  void Release();
+  // It is held, and the path still leads to its file: not to none, nor to another one.
+  bool IsHeldAt(std::string_view path) const;
+
+ private:
+  int descriptor_ = -1;
+};
+
 }  // namespace os

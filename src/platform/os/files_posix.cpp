@@ -4,6 +4,7 @@
 #include <system_error>
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -25,6 +26,13 @@ bool ParentExists(const std::string& nativePath) {
 std::uint32_t PathError(const std::string& nativePath, int error) {
   return error == ENOENT && !ParentExists(nativePath) ? kErrorPathNotFound
                                                       : SystemErrorNumber(error);
+}
+
+bool LeadsTo(std::string_view path, int descriptor) {
+  struct stat mine {};
+  struct stat other {};
+  return ::fstat(descriptor, &mine) == 0 && ::stat(NativePath(path).c_str(), &other) == 0 &&
+         mine.st_dev == other.st_dev && mine.st_ino == other.st_ino;
 }
 
 }  // namespace
@@ -188,10 +196,37 @@ std::uint32_t File::GetSize(std::uint64_t* bytes) const {
 }
 
 bool File::IsAt(std::string_view path) const {
-  struct stat mine {};
-  struct stat other {};
-  return ::fstat(descriptor_, &mine) == 0 && ::stat(NativePath(path).c_str(), &other) == 0 &&
-         mine.st_dev == other.st_dev && mine.st_ino == other.st_ino;
+  return LeadsTo(path, descriptor_);
+}
+
+std::uint32_t FileLock::Take(std::string_view path) {
+  Release();
+  const std::string native = NativePath(path);
+  descriptor_ = ::open(native.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+  if (descriptor_ < 0) {
+    return errno == EISDIR ? kErrorAccessDenied : PathError(native, errno);
+  }
+  while (::flock(descriptor_, LOCK_EX | LOCK_NB) != 0) {
+    if (errno == EWOULDBLOCK) {
+      Release();
+      return kErrorSharingViolation;
+    }
+    if (errno != EINTR) {
+      break;
+    }
+  }
+  return 0;
+}
+
+void FileLock::Release() {
+  if (descriptor_ >= 0) {
+    ::close(descriptor_);
+    descriptor_ = -1;
+  }
+}
+
+bool FileLock::IsHeldAt(std::string_view path) const {
+  return descriptor_ >= 0 && LeadsTo(path, descriptor_);
 }
 
 }  // namespace os

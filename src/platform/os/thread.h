@@ -28,6 +28,10 @@ class Thread final : public Waitable {
   // The system's number of the thread.
   std::uint32_t Id() const;
 
+  // How many bodies run, in the whole process. At its end those of threads that were left to
+  // themselves.
+  static int Running();
+
  private:
   struct State;
 

@@ -11,6 +11,8 @@ namespace {
 // The longest name that the system takes.
 constexpr std::size_t kLongestName = 15;
 
+std::atomic<int> running{0};
+
 }  // namespace
 
 struct Thread::State {
@@ -24,7 +26,13 @@ Thread::Thread(std::function<void()> body, const std::string& name)
     : state_(std::make_shared<State>()) {
   state_->body = std::move(body);
   state_->name = name.substr(0, kLongestName);
-  thread_ = std::thread([state = state_] { Run(state); });
+  ++running;
+  try {
+    thread_ = std::thread([state = state_] { Run(state); });
+  } catch (...) {
+    --running;
+    throw;
+  }
 }
 
 void Thread::Run(const std::shared_ptr<State>& state) {
@@ -34,6 +42,7 @@ void Thread::Run(const std::shared_ptr<State>& state) {
     ::pthread_setname_np(::pthread_self(), state->name.c_str());
   }
   state->body();
+  --running;
   const std::lock_guard guard(state->ended.Lock());
   state->ended.Set(true);
 }
@@ -42,6 +51,10 @@ Thread::~Thread() {
   if (!TryTake()) {
     thread_.detach();
   }
+}
+
+int Thread::Running() {
+  return running;
 }
 
 std::uint32_t Thread::Id() const {

@@ -59,13 +59,47 @@ TEST_F(Messages, ReachTheScreenAndTheRecordUpToTheirLevels) {
   EXPECT_THAT(out.str(), IsEmpty());
 }
 
+// A name is resolved beside the wall, which starts without it.
 TEST_F(Messages, ReachASyslogServer) {
-  const DatagramReceiver server;
+  Streams streams{out, err};
   wall::LogOptions options;
-  options.syslog = wall::Endpoint{"127.0.0.1", server.Port()};
+  for (const char* const host : {"127.0.0.1", "localhost"}) {
+    const DatagramReceiver server;
+    options.syslog = wall::Endpoint{host, server.Port()};
+    MessageLog messages(streams, options);
+    messages.Say(kError, "first");
+    messages.Say(kWarning, "second");
+    EXPECT_THAT(server.Receive(), HasSubstr(" 0000 first"));
+    EXPECT_THAT(server.Receive(), HasSubstr(" 0001 second"));
+  }
+  options.syslog = wall::Endpoint{"nowhere.invalid", 514};
   FileOf(options);
-  EXPECT_THAT(server.Receive(), HasSubstr(" 0000 level 0"));
-  EXPECT_THAT(server.Receive(), HasSubstr(" 0001 level 1"));
+  EXPECT_THAT(err.str(), HasSubstr("level 0"));
+}
+
+TEST_F(Messages, KeepTheirFileForOneWriterAndFollowItsPath) {
+  Streams streams{out, err};
+  wall::LogOptions options;
+  options.file = folder / "log";
+  MessageLog messages(streams, options);
+  messages.Say(kError, "one");
+  messages.Flush();
+  try {
+    MessageLog others(streams, options);
+    ADD_FAILURE() << "two writers";
+  } catch (const std::runtime_error& error) {
+    EXPECT_THAT(error.what(), HasSubstr("is written by another program"));
+  }
+  std::filesystem::rename(folder / "log", folder / "log.1");
+  messages.Say(kError, "two");
+  messages.Flush();
+  EXPECT_THAT(ReadWholeFile(folder / "log"), EndsWith(";0;two\r\n"));
+  std::filesystem::remove(folder / "log");
+  messages.Say(kError, "three");
+  messages.Flush();
+  EXPECT_THAT(ReadWholeFile(folder / "log"), EndsWith(";0;three\r\n"));
+  EXPECT_THAT(ReadWholeFile(folder / "log.1"), EndsWith(";0;one\r\n"));
+  EXPECT_THROW(MessageLog(streams, options), std::runtime_error) << "the new one is ours, too";
 }
 
 TEST_F(Messages, RefuseFilesThatCannotBeUsed) {
@@ -88,6 +122,9 @@ TEST_F(Messages, RefuseFilesThatCannotBeUsed) {
   wall::LogOptions same;
   same.file = folder / "both";
   same.perfFile = folder / "both";
+  EXPECT_THROW(MessageLog(streams, same), std::runtime_error);
+  std::filesystem::create_hard_link(folder / "both", folder / "link");
+  same.perfFile = folder / "link";
   EXPECT_THROW(MessageLog(streams, same), std::runtime_error);
   // A log file whose header is damaged is one still.
   WriteWholeFile(folder / "log", "garbage!!!\r\n0;Sun Nov 16 09:43:14.123;1;0;old\r\n");

@@ -144,13 +144,5 @@ TEST(ServiceStatusTest, IsReadyWithTheFirstFrameAndAliveAsLongAsFramesAreCompose
   EXPECT_THAT(manager.Messages(), ElementsAre("STOPPING=1"));
 }
 
-TEST(ServiceStatusTest, SaysNothingWithoutAManager) {
-  const os::ServiceNotifier none("", std::chrono::seconds(2));
-  EXPECT_FALSE(none.active());
-  EXPECT_FALSE(none.Ready());
-  EXPECT_FALSE(none.watchdog().has_value());
-  EXPECT_FALSE(os::ServiceNotifier("/nobody/listens/here", {}).Ready());
-}
-
 }  // namespace
 }  // namespace host::cli

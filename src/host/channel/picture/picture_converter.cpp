@@ -186,6 +186,18 @@ void PictureConverter::FinishFilter() {
 }
 
 void PictureConverter::Push(VideoPicture picture) {
+  try {
+    Filter(std::move(picture));
+  } catch (const ffmpeg::Error&) {
+    // The next picture gets a filter of its own, and is not taken for one that needs none.
+    filter_.reset();
+    filterFormat_.reset();
+    deinterlaceMode_ = nullptr;
+    throw;
+  }
+}
+
+void PictureConverter::Filter(VideoPicture picture) {
   if (picture.discontinuity) {
     FinishFilter();  // whose times grow
     filterFormat_.reset();

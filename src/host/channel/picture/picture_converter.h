@@ -94,6 +94,7 @@ class PictureConverter {
 
   static SourceFormat FormatOf(const AVFrame& frame);
   const char* WantedDeinterlacing(const AVFrame& frame, Time duration) const;
+  void Filter(VideoPicture picture);
   void UpdateFilter(const AVFrame& frame, Time duration);
   void FinishFilter();
   void Filtered(ffmpeg::Frame frame);

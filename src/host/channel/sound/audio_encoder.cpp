@@ -1,6 +1,7 @@
 #include "host/channel/sound/audio_encoder.h"
 
 #include <algorithm>
+#include <cmath>
 #include <new>
 
 extern "C" {
@@ -21,6 +22,25 @@ namespace {
 // drifted apart so far, the sound follows the stamps.
 constexpr Time kTolerance = 30 * kMillisecond;
 constexpr int kDefaultFrameSize = 1024;
+
+// No decoder means a sample beyond this; encoders refuse whole frames for one that is no number.
+constexpr float kMaxSample = 1000.0F;
+
+// Of samples as floating-point numbers: whether some had to be replaced by silence.
+bool Repair(AVFrame& frame) {
+  bool found = false;
+  const int planes = frame.ch_layout.nb_channels;
+  for (int plane = 0; frame.format == AV_SAMPLE_FMT_FLTP && plane < planes; ++plane) {
+    auto* const samples = reinterpret_cast<float*>(frame.extended_data[plane]);
+    for (int i = 0; i < frame.nb_samples; ++i) {
+      if (!(std::fabs(samples[i]) <= kMaxSample)) {
+        samples[i] = 0.0F;
+        found = true;
+      }
+    }
+  }
+  return found;
+}
 
 const AVCodec& EncoderFor(AVCodecID id) {
   const AVCodec* const encoder = avcodec_find_encoder(id == AV_CODEC_ID_MP1 ? AV_CODEC_ID_MP2 : id);
@@ -187,6 +207,7 @@ void AudioEncoder::EncodeRest(const PacketSink& sink) {
   ffmpeg::Check(
       av_audio_fifo_read(fifo_.get(), reinterpret_cast<void**>(frame->extended_data), there),
       "cannot encode sound");
+  repaired_ += Repair(*frame) ? 1 : 0;
   frame->pts = next_;
   next_ += frameSize_;
   Send(frame.get(), sink);

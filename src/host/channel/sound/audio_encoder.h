@@ -31,6 +31,9 @@ class AudioEncoder {
 
   // What comes out.
   ffmpeg::Parameters parameters() const;
+  // Frames that were encoded with samples replaced by silence: no numbers, or far beyond full
+  // scale.
+  std::uint64_t repaired() const { return repaired_; }
 
  private:
   void Resample(const AVFrame& frame);
@@ -49,7 +52,8 @@ class AudioEncoder {
   ffmpeg::SampleFifo fifo_;
   int frameSize_ = 0;
   std::optional<Time> base_;  // time of sample 0
-  std::int64_t next_ = 0;     // number of the next sample that goes to the encoder
+  std::uint64_t repaired_ = 0;
+  std::int64_t next_ = 0;  // number of the next sample that goes to the encoder
 };
 
 }  // namespace host

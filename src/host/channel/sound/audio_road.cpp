@@ -60,7 +60,7 @@ bool AudioRoad::Take(AudioPacket packet, const AVCodecParameters& parameters, co
                   isAac ? AdtsHeader(*packet.packet) : 0};
   if (form != form_) {
     // What the former encoder holds is given up with it: less than two of its frames.
-    encoder_.reset();
+    ForgetEncoder();
     format_.reset();
     Decide(packet, parameters, info);
     form_ = form;
@@ -114,11 +114,27 @@ bool AudioRoad::Encode(const std::function<void(const AudioEncoder::PacketSink&)
       taken = sink(std::move(packet)) && taken;
     });
   } catch (const ffmpeg::Error& error) {
-    encoder_.reset();
-    format_.reset();
-    SayOnce(std::string("its sound is no longer in the outputs: ") + error.what());
+    ++lost_;
+    RestartEncoder(error.what());
   }
   return taken;
+}
+
+// What an encoder still holds is lost with it.
+void AudioRoad::RestartEncoder(const std::string& reason) {
+  ForgetEncoder();
+  SayOnce("a part of its audio is not in the outputs: " + reason);
+  try {
+    encoder_ = std::make_unique<AudioEncoder>(*format_->parameters);
+  } catch (const ffmpeg::Error&) {
+    format_.reset();
+    form_.reset();  // the next packet decides again
+  }
+}
+
+void AudioRoad::ForgetEncoder() {
+  lost_ += encoder_ ? encoder_->repaired() : 0;
+  encoder_.reset();
 }
 
 bool AudioRoad::Take(const AudioSamples& samples, const Sink& sink) {
@@ -132,7 +148,7 @@ bool AudioRoad::Take(const AudioSamples& samples, const Sink& sink) {
 bool AudioRoad::Finish(const Sink& sink) {
   const bool taken =
       Encode([&](const AudioEncoder::PacketSink& take) { encoder_->Finish(take); }, sink);
-  encoder_.reset();
+  ForgetEncoder();
   return taken;
 }
 

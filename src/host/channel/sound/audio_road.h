@@ -1,6 +1,7 @@
 // The sound of one opening of a source, on its way to the outputs.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -39,6 +40,10 @@ class AudioRoad {
   // The end of the opening: what an encoder still holds.
   bool Finish(const Sink& sink);
 
+  // Frames of decoded audio that could not be encoded as they were: left out, or with samples that
+  // are no numbers replaced by silence.
+  std::uint64_t lost() const { return lost_ + (encoder_ ? encoder_->repaired() : 0); }
+
  private:
   // What tells that the form of the sound has changed.
   struct Form {
@@ -53,6 +58,8 @@ class AudioRoad {
               const AudioInfo& info);
   const std::string& LanguageOf(const AudioInfo& info) const;
   bool Encode(const std::function<void(const AudioEncoder::PacketSink&)>& work, const Sink& sink);
+  void RestartEncoder(const std::string& reason);
+  void ForgetEncoder();
   void SayOnce(const std::string& text);
 
   const std::shared_ptr<AudioTrack> track_;
@@ -61,6 +68,7 @@ class AudioRoad {
   std::optional<Form> form_;
   std::shared_ptr<const AudioFormat> format_;  // of the packets that go out; null: none do
   std::unique_ptr<AudioEncoder> encoder_;      // while the sound is encoded
+  std::uint64_t lost_ = 0;                     // with former encoders
   std::string said_;
 };
 

@@ -104,6 +104,9 @@ void MediaReader::FailForItsIndex() const {
 
 void MediaReader::Open() {
   deadline_.Arm(settings_.openLimit);
+  if (settings_.repeat) {
+    file_ = ReadFileState();
+  }
   try {
     OpenInput();
   } catch (const ffmpeg::Error& error) {

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <optional>
@@ -92,6 +93,12 @@ class MediaReader {
   // Then it is opened again after all: a router may have forgotten us.
   static constexpr int kMostSilences = 10;
 
+  // What tells that a file was written again.
+  struct FileState {
+    std::filesystem::file_time_type written;
+    std::uintmax_t size = 0;
+    bool operator==(const FileState&) const = default;
+  };
   struct Track {
     // Written out: an implicit one waits for the end of the class, but video_ below asks for it.
     Track() {}
@@ -135,6 +142,7 @@ class MediaReader {
   void AwaitBeginning(AVStream& stream, const AVPacket& packet);
   void Replace(Track& track, int streamIndex);
   void FinishPass();
+  std::optional<FileState> ReadFileState() const;
   void Rewind();
   void GiveAudioPacket(const AVPacket& packet, bool discontinuity);
   void GivePicture(ffmpeg::Frame frame);
@@ -169,8 +177,9 @@ class MediaReader {
   std::map<int, StreamDecoder> awaited_;  // by index: streams of a kind that has no track
   std::deque<MediaItem> ready_;           // what one packet gave, at most
   bool canGoOn_ = false;
-  int silences_ = 0;           // read limits in a row without data, of datagrams only
-  unsigned knownStreams_ = 0;  // when the source was opened
+  int silences_ = 0;               // read limits in a row without data, of datagrams only
+  unsigned knownStreams_ = 0;      // when the source was opened
+  std::optional<FileState> file_;  // of a repeated one, when it was opened
   bool gaveInPass_ = false;
   bool ended_ = false;
   std::uint64_t repeats_ = 0;

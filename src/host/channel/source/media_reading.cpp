@@ -1,5 +1,7 @@
 // The part of MediaReader that reads and decodes; media_reader.cpp opens.
 #include <algorithm>
+#include <string_view>
+#include <system_error>
 #include <utility>
 
 extern "C" {
@@ -315,12 +317,36 @@ void MediaReader::FinishPass() {
   if (audio_ && settings_.decodeAudio) {
     audio_->decoder->Drain([this](ffmpeg::Frame frame) { GiveSamples(std::move(frame)); });
   }
-  // A source that gave nothing would begin again for ever.
-  if (settings_.repeat && gaveInPass_) {
-    Rewind();
+  if (!settings_.repeat || (!gaveInPass_ && info_.pace != Pace::kStored)) {
+    ended_ = true;
     return;
   }
-  ended_ = true;
+  // The demuxer knows the former content only.
+  const std::optional<FileState> now = ReadFileState();
+  if (file_ && now && *now != *file_) {
+    throw MediaError(MediaError::Kind::kFailed, "the file was written again", maskedSource_);
+  }
+  // A source that gave nothing would begin again without end.
+  if (!gaveInPass_) {
+    throw MediaError(MediaError::Kind::kFailed, "nothing in it can be read", maskedSource_);
+  }
+  Rewind();
+}
+
+std::optional<MediaReader::FileState> MediaReader::ReadFileState() const {
+  constexpr std::string_view kScheme = "file:";
+  const std::string_view name = address_.name();
+  const std::filesystem::path path = name.substr(name.starts_with(kScheme) ? kScheme.size() : 0);
+  std::error_code failure;
+  if (address_.isRemote() || !std::filesystem::is_regular_file(path, failure)) {
+    return std::nullopt;
+  }
+  FileState state;
+  state.written = std::filesystem::last_write_time(path, failure);
+  if (!failure) {
+    state.size = std::filesystem::file_size(path, failure);
+  }
+  return failure ? std::nullopt : std::optional(state);
 }
 
 void MediaReader::Rewind() {

@@ -20,10 +20,12 @@ using testing::HasSubstr;
 class AudioRoadTest : public testing::Test {
  protected:
   std::vector<AudioPacket> Take(const std::string& codec, const std::string& extension,
-                                const std::string& rate = "48000") {
+                                const std::string& rate = "48000",
+                                const std::string& sound = {}) {
     ClipRecipe recipe = SmallClip();
     recipe.pictures.clear();
     recipe.sound = "sine=frequency=440:sample_rate=" + rate + ",aformat=channel_layouts=stereo";
+    recipe.sound = sound.empty() ? recipe.sound : sound;
     recipe.audioCodec = codec;
     recipe.language = "deu";
     const auto file = folder_ / (codec + rate + extension);
@@ -46,6 +48,7 @@ class AudioRoadTest : public testing::Test {
         road.Take(*samples, sink);
       } else if (std::holds_alternative<EndOfMedia>(item)) {
         road.Finish(sink);
+        lost_ = road.lost();
         return packets;
       }
     }
@@ -55,6 +58,7 @@ class AudioRoadTest : public testing::Test {
   std::shared_ptr<AudioTrack> track_ = std::make_shared<AudioTrack>();
   std::vector<std::string> said_;
   std::size_t source_ = 0;  // packets of the source
+  std::uint64_t lost_ = 0;
 };
 
 TEST_F(AudioRoadTest, PassesWhatFitsAndTellsTheFormatWithItsLanguage) {
@@ -72,6 +76,15 @@ TEST_F(AudioRoadTest, FramedAacBringsItsConfigAlong) {
   EXPECT_EQ(packets.size(), source_);
   EXPECT_TRUE(track_->format()->framed);
   EXPECT_GE(track_->format()->parameters->extradata_size, 2);
+}
+
+TEST_F(AudioRoadTest, SamplesThatAreNoNumbersCostTheirFramesOnly) {
+  const auto packets = Take("pcm_f32le", ".mkv", "48000",
+                            "aevalsrc=exprs='if(eq(n,9000),0/0,if(eq(n,20000),1e30,sin(n/9)))|0':"
+                            "sample_rate=48000");
+  EXPECT_THAT(said_, testing::ElementsAre(HasSubstr("is encoded for the outputs (aac")));
+  EXPECT_GE(packets.size(), 46U) << "a second of frames of 1024 samples";
+  EXPECT_EQ(lost_, 2U);
 }
 
 TEST_F(AudioRoadTest, EncodesOtherKindsWithoutAGapOrAnOverlap) {

@@ -333,6 +333,46 @@ TEST(MediaReader, BeginsAFileAgainWithoutAGapOnTheClock) {
   }
 }
 
+// Both fail, so that the source is opened again: what is there now may be another clip, or become
+// one.
+TEST(MediaReader, FailsForReopeningWhenARepeatedFileWasWrittenAgainOrGivesNothing) {
+  const TemporaryFolder folder;
+  const auto failure = [](const std::filesystem::path& file, const std::string& overwriteBy) {
+    MediaReader::Settings settings = Source(file);
+    settings.repeat = true;
+    MediaReader reader(settings);
+    reader.Open();
+    if (!overwriteBy.empty()) {
+      reader.Read();
+      WriteWholeFile(file, overwriteBy);
+    }
+    try {
+      // It may still give what was read ahead, of the former content.
+      for (int items = 0; items < 1000; ++items) {
+        if (std::holds_alternative<EndOfMedia>(reader.Read())) {
+          return std::string("ended");
+        }
+      }
+      return std::string("repeats");
+    } catch (const MediaError& error) {
+      return error.reason();
+    }
+  };
+  ClipRecipe longer = SmallClip();
+  longer.length = 3 * kSecond;
+  for (const std::string extension : {".ts", ".mkv", ".mp4"}) {
+    const std::string other = ReadWholeFile(Write(longer, folder / ("other" + extension)));
+    const auto file = folder / ("a" + extension);
+    for (const std::string& content : {other, std::string("no clip")}) {
+      const std::string reason = failure(Write(SmallClip(), file), content);
+      EXPECT_TRUE(reason != "ended" && reason != "repeats") << extension << " " << reason;
+    }
+  }
+  const std::string whole = ReadWholeFile(folder / "other.mkv");
+  WriteWholeFile(folder / "empty.mkv", whole.substr(0, whole.find("\x1F\x43\xB6\x75") + 12));
+  EXPECT_EQ(failure(folder / "empty.mkv", ""), "nothing in it can be read");
+}
+
 TEST(MediaReader, GoesOnThroughAWrapAndAJumpOfTheTimeStamps) {
   const TemporaryFolder folder;
   ClipRecipe recipe = SmallClip();

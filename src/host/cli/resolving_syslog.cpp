@@ -1,0 +1,83 @@
+#include "host/cli/resolving_syslog.h"
+
+#include <algorithm>
+#include <chrono>
+#include <stdexcept>
+#include <utility>
+
+#include "platform/os/datagram.h"
+
+namespace host::cli {
+namespace {
+
+using std::chrono::seconds;
+
+constexpr std::size_t kMaxWaiting = 1000;
+constexpr seconds kFirstDelay{1};
+constexpr seconds kMaxDelay{60};
+
+}  // namespace
+
+ResolvingSyslog::ResolvingSyslog(wall::Endpoint server, std::int32_t maxLevel, Report report)
+    : maxLevel_(maxLevel) {
+  state_->server = std::move(server);
+  state_->report = std::move(report);
+  std::string failure;
+  if (!os::IsAddress(state_->server.host) || !state_->Resolve(&failure)) {
+    thread_ = std::make_unique<os::Thread>([state = state_] { state->ResolveUntilStopped(); },
+                                           "syslog name");
+  }
+}
+
+ResolvingSyslog::~ResolvingSyslog() {
+  const std::lock_guard guard(state_->lock);
+  state_->stopped = true;
+  state_->changed.notify_all();
+}
+
+void ResolvingSyslog::Write(std::int32_t level, const qorp::log::LogTime& time, const char* text) {
+  if (level > maxLevel_) {
+    return;
+  }
+  const std::lock_guard guard(state_->lock);
+  if (state_->sink) {
+    state_->sink->Write(level, time, text);
+    return;
+  }
+  if (state_->waiting.size() >= kMaxWaiting) {
+    state_->waiting.pop_front();
+  }
+  state_->waiting.push_back({level, time, text});
+}
+
+bool ResolvingSyslog::State::Resolve(std::string* failure) {
+  try {
+    os::DatagramSocket socket(server.host, server.port);
+    const std::lock_guard guard(lock);
+    sink.emplace(std::move(socket), os::HostName());
+    for (const Message& message : std::exchange(waiting, {})) {
+      sink->Write(message.level, message.time, message.text.c_str());
+    }
+    return true;
+  } catch (const std::runtime_error& error) {
+    *failure = error.what();
+    return false;
+  }
+}
+
+void ResolvingSyslog::State::ResolveUntilStopped() {
+  seconds delay = kFirstDelay;
+  std::string failure;
+  while (!Resolve(&failure)) {
+    std::unique_lock guard(lock);
+    if (delay == kFirstDelay && !stopped) {
+      report("syslog: " + failure + "; it is tried again");
+    }
+    if (changed.wait_for(guard, delay, [this] { return stopped; })) {
+      return;
+    }
+    delay = std::min(delay * 2, kMaxDelay);
+  }
+}
+
+}  // namespace host::cli

@@ -1,0 +1,190 @@
+// Dead sources and readers hold up neither a wall nor its end, and no connection is kept in vain.
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <nlohmann/json.hpp>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "tests/e2e/sound_harness.h"
+#include "tests/e2e/wall_harness.h"
+#include "tests/support/child_process.h"
+#include "tests/support/temporary_folder.h"
+
+namespace {
+
+using std::chrono::seconds;
+
+// Accepts connections or takes datagrams, and never answers.
+class SilentSocket {
+ public:
+  // port 0: any.
+  SilentSocket(int type, const char* host, std::uint16_t port)
+      : descriptor_(socket(AF_INET, type | SOCK_CLOEXEC, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    inet_pton(AF_INET, host, &address.sin_addr);
+    auto* const plain = reinterpret_cast<sockaddr*>(&address);
+    socklen_t size = sizeof(address);
+    isOpen_ = bind(descriptor_, plain, size) == 0 &&
+              (type == SOCK_DGRAM || listen(descriptor_, 16) == 0) &&
+              getsockname(descriptor_, plain, &size) == 0;
+    port_ = ntohs(address.sin_port);
+  }
+  ~SilentSocket() { close(descriptor_); }
+  SilentSocket(const SilentSocket&) = delete;
+  SilentSocket& operator=(const SilentSocket&) = delete;
+
+  bool isOpen() const { return isOpen_; }
+  std::string port() const { return std::to_string(port_); }
+  int Accept() const { return accept(descriptor_, nullptr, nullptr); }
+
+ private:
+  int descriptor_;
+  bool isOpen_ = false;
+  std::uint16_t port_ = 0;
+};
+
+class StopTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    e2e::WriteFlashClip({}, folder_ / "alive.mkv");
+    wall_ = "[wall]\nwidth = 320\nheight = 320\n[[channel]]\nsource = 'alive.mkv'\n";
+  }
+  std::string Pipe(const std::string& name) {
+    const std::string path = folder_ / name;
+    EXPECT_EQ(mkfifo(path.c_str(), 0600), 0);
+    return path;
+  }
+  void AddSource(const std::string& url) { wall_ += "[[channel]]\nsource = '" + url + "'\n"; }
+  std::vector<std::string> Command() {
+    WriteWholeFile(folder_ / "wall.toml", wall_);
+    return {TAVREL_PROGRAM, "run", folder_ / "wall.toml", "--json"};
+  }
+  static std::uint64_t Written(const nlohmann::json& status) {
+    std::uint64_t least = UINT64_MAX;
+    for (const nlohmann::json& output : status["outputs"]) {
+      least = std::min(least, output["frames"].get<std::uint64_t>());
+    }
+    return least;
+  }
+  // What would hold the end up does so indefinitely.
+  static void ExpectEnd(ChildProcess& program) {
+    const auto begun = std::chrono::steady_clock::now();
+    program.Signal(SIGTERM);
+    EXPECT_EQ(program.WaitFor(seconds(60)), 0) << "it does not end, or not in good order";
+    const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begun;
+    std::printf("ended after %.1f s\n", taken.count());
+  }
+
+  const TemporaryFolder folder_;
+  std::string wall_;
+};
+
+// Two cannot be opened, of two the name is never resolved, and none of these calls can be ended.
+TEST_F(StopTest, NineDeadSourcesHoldUpNeitherTheEndNorTheRecordings) {
+  const SilentSocket server(SOCK_STREAM, "127.0.0.1", 0);
+  const SilentSocket sender(SOCK_DGRAM, "127.0.0.1", 0);
+  const SilentSocket resolver(SOCK_DGRAM, "127.0.0.77", 53);
+  ASSERT_TRUE(server.isOpen() && sender.isOpen());
+  AddSource("file:" + Pipe("one"));
+  AddSource("concat:" + Pipe("two"));
+  AddSource(Pipe("three"));
+  for (const char* const scheme : {"http", "rtsp", "tcp"}) {
+    AddSource(std::string(scheme) + "://127.0.0.1:" + server.port());
+  }
+  AddSource("udp://127.0.0.1:" + sender.port());
+  AddSource("http://nowhere.example/");
+  AddSource("tcp://nowhere.example:1234");
+  for (const char* const file : {"wall.mkv", "wall.mp4", "wall.ts"}) {
+    wall_ += "[[output]]\nurl = '" + (folder_ / file).string() + "'\n";
+  }
+  std::vector<std::string> command = Command();
+  const bool hasResolver = resolver.isOpen() && std::system("unshare -rm true") == 0;
+  if (hasResolver) {
+    WriteWholeFile(folder_ / "resolv.conf", "nameserver 127.0.0.77\noptions timeout:30\n");
+    const std::string mount =
+        "mount --bind " + (folder_ / "resolv.conf").string() + " /etc/resolv.conf && exec \"$@\"";
+    command.insert(command.begin(), {"/usr/bin/unshare", "-rm", "/bin/sh", "-c", mount, "sh"});
+  } else {
+    std::printf("without rights for a silent resolver, names fail at once\n");
+  }
+  ChildProcess program(command);
+  for (std::uint64_t written = 0; written < 50;) {
+    const std::optional<std::string> line = program.ReadLine();
+    ASSERT_TRUE(line.has_value()) << "it ended by itself";
+    written = Written(nlohmann::json::parse(*line));
+  }
+  ExpectEnd(program);
+  for (const char* const file : {"wall.mkv", "wall.mp4", "wall.ts"}) {
+    EXPECT_EQ(e2e::DecodeWhole(folder_ / file), "") << file;
+    EXPECT_EQ(e2e::Demux(folder_ / file).size(), 11U) << file;
+  }
+}
+
+// Messages and lines for programs go into one pipe that nobody reads after the first line.
+TEST_F(StopTest, AReaderThatIsStuckHoldsUpNothing) {
+  AddSource("missing.mkv");
+  wall_ += "[[output]]\nurl = '" + (folder_ / "wall.mkv").string() + "'\n";
+  std::vector<std::string> command = Command();
+  command.emplace_back("-v");
+  command.insert(command.begin(), {"/bin/sh", "-c", "exec \"$@\" 2>&1", "sh"});
+  ChildProcess program(command);
+  ASSERT_TRUE(program.ReadLine().has_value());
+  while (program.OutputHasRoom()) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  const auto sizeOfRecording = [&] {
+    std::error_code none;
+    return std::filesystem::file_size(folder_ / "wall.mkv", none);
+  };
+  // It is written on, once a second, while some lines more find no reader.
+  for (int writes = 0; writes < 4; ++writes) {
+    for (const auto before = sizeOfRecording(); sizeOfRecording() == before;) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+  }
+  ExpectEnd(program);
+  EXPECT_EQ(e2e::DecodeWhole(folder_ / "wall.mkv"), "");
+}
+
+class ReopenTest : public e2e::WallTest {};
+
+// A camera with room for one session refuses the next one while the failed one is open.
+TEST_F(ReopenTest, AFailedConnectionIsClosedBeforeTheDelayAndNotAfterIt) {
+  using Clock = std::chrono::steady_clock;
+  const SilentSocket server(SOCK_STREAM, "127.0.0.1", 0);
+  e2e::TestWall wall(320, 240);
+  wall.AddChannel("tcp://127.0.0.1:" + server.port(), {0, 0, 64, 48});
+  const auto session = wall.MakeLive([](const ComPtr<IMediaSample>&, host::Time) {});
+  session->Start();
+  Clock::time_point failed;
+  Clock::time_point closed;
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    const int connection = server.Accept();
+    shutdown(connection, SHUT_WR);  // an end without data
+    failed = Clock::now();
+    char byte = 0;
+    while (read(connection, &byte, 1) > 0) {
+    }
+    closed = Clock::now();
+    close(connection);
+  }
+  // By now it is about a second.
+  const int next = server.Accept();
+  EXPECT_GT(Clock::now() - closed, closed - failed);
+  session->Stop();
+  close(next);
+}
+
+}  // namespace
