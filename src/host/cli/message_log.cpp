@@ -2,10 +2,13 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <string_view>
 
 #include "host/ffmpeg/log.h"
+#include "host/ffmpeg/printable.h"
 #include "log/circular_log_file.h"
 #include "log/log_line.h"
+#include "platform/os/console.h"
 #include "platform/os/datagram.h"
 #include "platform/os/error_numbers.h"
 
@@ -15,6 +18,9 @@ namespace {
 using qorp::log::CircularLogFile;
 
 constexpr std::int32_t kDefaultSize = 10 << 20;
+// Where the logger and its syslog sink cut, by bytes: here it is done first, between characters.
+constexpr std::size_t kMaxMessage = 1040;
+constexpr std::size_t kMaxSyslogLine = 1024;
 
 std::string Describe(const MediaInfo& info) {
   std::string text = info.format;
@@ -102,7 +108,8 @@ void MessageLog::Screen::Write(std::int32_t level, const qorp::log::LogTime& tim
 
 void MessageLog::Screen::ShowProgress(const std::string& text) {
   const std::lock_guard guard(lock_);
-  progress_.Show(text);
+  // One column is the cursor's.
+  progress_.Show(ffmpeg::Printable(text), std::max(os::ConsoleColumns(2), 2) - 1);
 }
 
 void MessageLog::Screen::WipeProgress() {
@@ -111,12 +118,18 @@ void MessageLog::Screen::WipeProgress() {
 }
 
 MessageLog::Syslog::Syslog(const wall::Endpoint& server, std::int32_t maxLevel)
-    : maxLevel_(maxLevel), sink_(os::DatagramSocket(server.host, server.port), os::HostName()) {}
+    : maxLevel_(maxLevel),
+      hostName_(os::HostName()),
+      sink_(os::DatagramSocket(server.host, server.port), hostName_) {}
 
 void MessageLog::Syslog::Write(std::int32_t level, const qorp::log::LogTime& time,
                                const char* text) {
   if (level <= maxLevel_) {
-    sink_.Write(level, time, text);
+    // The sink cuts the line by bytes, header included: "<131>Nov 16 09:43:14 host 0000 text".
+    const std::size_t header =
+        std::string_view("<131>Nov 16 09:43:14  0000 ").size() + hostName_.size();
+    const std::size_t room = kMaxSyslogLine - std::min(header, kMaxSyslogLine);
+    sink_.Write(level, time, std::string(ffmpeg::CutToBytes(text, room)).c_str());
   }
 }
 
@@ -154,7 +167,7 @@ MessageLog::~MessageLog() {
 // What FFmpeg finds wrong is in our own messages; its own lines are details.
 void MessageLog::RouteFfmpeg() {
   ffmpeg::RouteLog(ffmpeg::LogLevel::kInfo, [this](ffmpeg::LogLevel, const std::string& line) {
-    logger_.log(qorp::log::kDebug, "FFmpeg: %s", line.c_str());
+    Say(qorp::log::kDebug, "FFmpeg: " + line);
   });
 }
 
@@ -172,7 +185,8 @@ void MessageLog::Flush() {
 }
 
 void MessageLog::Say(std::int32_t level, const std::string& line) {
-  logger_.log(level, "%s", line.c_str());
+  const std::string text = ffmpeg::Printable(line);
+  logger_.log(level, "%s", std::string(ffmpeg::CutToBytes(text, kMaxMessage)).c_str());
 }
 
 void MessageLog::ChannelOpened(const std::string& channel, const MediaInfo& info) {

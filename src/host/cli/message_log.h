@@ -77,6 +77,7 @@ class MessageLog final : public ChannelObserver {
 
    private:
     const std::int32_t maxLevel_;
+    const std::string hostName_;
     qorp::log::syslog_sink sink_;
   };
 

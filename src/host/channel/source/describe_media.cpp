@@ -13,6 +13,7 @@ extern "C" {
 #include <libavutil/pixdesc.h>
 }
 
+#include "host/ffmpeg/printable.h"
 #include "host/ffmpeg/time_unit.h"
 
 namespace host {
@@ -21,7 +22,7 @@ namespace {
 
 std::string Entry(const AVDictionary* metadata, const char* key) {
   const AVDictionaryEntry* entry = av_dict_get(metadata, key, nullptr, 0);
-  return entry != nullptr ? entry->value : "";
+  return entry != nullptr ? ffmpeg::Printable(entry->value) : "";
 }
 
 std::string ServiceName(const AVFormatContext& input) {
