@@ -40,8 +40,10 @@ std::string Seconds(std::chrono::milliseconds limit) {
 
 MediaReader::MediaReader(Settings settings)
     : settings_(std::move(settings)),
-      maskedSource_(ffmpeg::MaskCredentials(settings_.source)),
-      address_(settings_.source) {}
+      maskedSource_(ffmpeg::MaskUrl(settings_.source)),
+      address_(settings_.source) {
+  ffmpeg::RememberSecrets(settings_.source, settings_.options);
+}
 
 MediaReader::~MediaReader() = default;
 
@@ -67,8 +69,13 @@ void MediaReader::Fail(int code, bool opening) const {
   if (opening && (code == AVERROR_INVALIDDATA || code == AVERROR_EOF)) {
     throw MediaError(Kind::kNotMedia, "not a media file, or damaged (" + text + ")", maskedSource_);
   }
+  // What FFmpeg answers for a format or a protocol that is not on the source's whitelist.
+  const bool mayBeForbidden =
+      opening && code == AVERROR(EINVAL) && (pipe_ || !address_.OpenOptions({}).empty());
+  const char* const hint =
+      mayBeForbidden ? "; its format may need \"format_whitelist\" among its options" : "";
   throw MediaError(Kind::kFailed,
-                   (opening ? "cannot be opened: " : "cannot be read further: ") + text,
+                   (opening ? "cannot be opened: " : "cannot be read further: ") + text + hint,
                    maskedSource_);
 }
 
@@ -129,7 +136,7 @@ void MediaReader::Open() {
 void MediaReader::OpenInput() {
   if (ffmpeg::PipeInput::Serves(settings_.source)) {
     pipe_.emplace(settings_.source, deadline_);
-    OpenInput(pipe_->io(), settings_.options);
+    OpenInput(pipe_->io(), SourceAddress::PipeOptions(settings_.options));
   } else if (address_.carriesTransportStream()) {
     OpenConnection();
   } else if (address_.isHttp()) {
@@ -157,6 +164,11 @@ void MediaReader::OpenConnection() {
   SetOptions(options, address_.ReceiverOptions(settings_.options));
   const auto tap = [this](ffmpeg::TappedInput::Bytes bytes) { return Tap(bytes); };
   connection_.emplace(address_.ReceiverUrl(), deadline_, options, tap);
+  // What the protocol has used is not the demuxer's.
+  for (const auto& [key, value] : address_.OpenOptions({})) {
+    const auto given = settings_.options.find(key);
+    options.Set(key.c_str(), given != settings_.options.end() ? given->second : value);
+  }
   try {
     OpenInput(connection_->io(), options);
   } catch (const ffmpeg::Error&) {
@@ -172,7 +184,7 @@ void MediaReader::OpenConnection() {
 void MediaReader::OpenOtherRtp() {
   if (address_.isRtp()) {
     try {
-      OpenInput(nullptr, settings_.options);
+      OpenInput(nullptr, SourceAddress::RtpOptions(settings_.options));
       return;
     } catch (const ffmpeg::Error&) {
       if (deadline_.cancelled() || deadline_.expired()) {
