@@ -275,7 +275,7 @@ void MediaReader::ChooseTracks() {
     input_->streams[i]->discard = AVDISCARD_ALL;
   }
 
-  const int video = av_find_best_stream(input_.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+  const int video = ChooseVideoStream(*input_);
   info_.noVideoReason = settings_.wantVideo ? "it has no video" : "video is switched off";
   if (settings_.wantVideo && video >= 0) {
     AVStream& stream = *input_->streams[video];
