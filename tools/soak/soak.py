@@ -14,7 +14,7 @@ each channel injects the faults. The verdict:
             98 % of the frames are new ones and none is earlier than the one before, audio and video are in sync,
             the audio has no gap, and the meter moves with it
   memory    and descriptors of the wall's process do not grow
-  end       the wall ends in good order, without a sanitizer's report
+  end       the wall ends in good order, without a sanitizer's report; no thread of the soak itself died
 
 What a busy machine delays is no fault of the wall: frames that it counts as late extend the limits, and around them
 the channels are not judged.
@@ -28,7 +28,9 @@ import signal
 import subprocess
 import sys
 import tempfile
+import threading
 import time
+import traceback
 
 import channels
 import clips
@@ -79,6 +81,14 @@ class Run:
         self.folder, self.wall_file = folder, folder / "wall.toml"
         self.names, self.scripts = [], []
         self.wall, self.code, self.died = None, None, False
+        self.dead_threads = []
+        threading.excepthook = self.note_dead_thread
+
+    def note_dead_thread(self, death):
+        """Without it the rest would be judged: channels that no script disturbs any more pass."""
+        traceback.print_exception(death.exc_type, death.exc_value, death.exc_traceback)
+        name = type(death.thread).__name__ if death.thread else "a thread"
+        self.dead_threads.append(f"{name} of the soak died: {death.exc_type.__name__}: {death.exc_value}")
 
     def run(self, program, seed, chosen, minutes):
         sources = []
@@ -103,7 +113,8 @@ class Run:
                             for name, (sender, relay, _) in zip(self.names, sources)]
             for script in self.scripts:
                 script.start()
-            while any(script.is_alive() for script in self.scripts) and self.wall.process.poll() is None:
+            while (any(script.is_alive() for script in self.scripts) and self.wall.process.poll() is None
+                   and not self.dead_threads):
                 self.wall.measure()
                 time.sleep(2)
             self.end_wall()
@@ -136,7 +147,7 @@ class Run:
         return failures
 
     def judge_end(self):
-        failures = []
+        failures = list(self.dead_threads)
         if self.died:
             failures.append(f"the wall ended by itself with {self.code}")
         elif self.code != 0:

@@ -2,10 +2,13 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <string_view>
 
 #include "host/ffmpeg/log.h"
+#include "host/ffmpeg/printable.h"
 #include "log/circular_log_file.h"
 #include "log/log_line.h"
+#include "platform/os/console.h"
 #include "platform/os/error_numbers.h"
 #include "platform/os/files.h"
 
@@ -16,6 +19,8 @@ using qorp::log::CircularLogFile;
 
 constexpr std::int32_t kDefaultSize = 10 << 20;
 constexpr std::uint32_t kFlushLimit = 3000;  // ms
+// Where the logger cuts, by bytes: here it is done first, between characters.
+constexpr std::size_t kMaxMessage = 1040;
 
 std::string Describe(const MediaInfo& info) {
   std::string text = info.format;
@@ -109,7 +114,8 @@ void MessageLog::Screen::Write(std::int32_t level, const qorp::log::LogTime& tim
 
 void MessageLog::Screen::ShowProgress(const std::string& text) {
   const std::lock_guard guard(lock_);
-  progress_.Show(text);
+  // One column is the cursor's.
+  progress_.Show(ffmpeg::Printable(text), std::max(os::ConsoleColumns(2), 2) - 1);
 }
 
 void MessageLog::Screen::WipeProgress() {
@@ -155,7 +161,7 @@ MessageLog::~MessageLog() {
 // What FFmpeg finds wrong is in our own messages; its own lines are details.
 void MessageLog::RouteFfmpeg() {
   ffmpeg::RouteLog(ffmpeg::LogLevel::kInfo, [this](ffmpeg::LogLevel, const std::string& line) {
-    logger_.log(qorp::log::kDebug, "FFmpeg: %s", line.c_str());
+    Say(qorp::log::kDebug, "FFmpeg: " + line);
   });
 }
 
@@ -176,7 +182,8 @@ bool MessageLog::Flush() {
 }
 
 void MessageLog::Say(std::int32_t level, const std::string& line) {
-  logger_.log(level, "%s", line.c_str());
+  const std::string text = ffmpeg::Printable(line);
+  logger_.log(level, "%s", std::string(ffmpeg::CutToBytes(text, kMaxMessage)).c_str());
 }
 
 void MessageLog::ChannelOpened(const std::string& channel, const MediaInfo& info) {

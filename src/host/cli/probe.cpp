@@ -247,7 +247,7 @@ void DefineProbe(CLI::App& app, ProbeOptions& options) {
 }
 
 ExitCode Probe(const ProbeOptions& options, Streams& streams) {
-  const std::string source = ffmpeg::MaskCredentials(options.source);
+  const std::string source = ffmpeg::MaskUrl(options.source);
   const Ratio rate = wall::ParseFrameRate(options.frameRate).value_or(Ratio{25, 1});
   MediaReader::Settings settings;
   settings.source = options.source;

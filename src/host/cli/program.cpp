@@ -111,7 +111,7 @@ ExitCode Program::Run(const std::vector<std::string>& arguments) {
       return UsageError(error.what());
     }
     return UsageError("`tavrel " + parsed[0]->get_name() + "` knows no \"" +
-                      ffmpeg::MaskCredentials(extras[0]) + "\"" +
+                      ffmpeg::MaskUrl(extras[0]) + "\"" +
                       Suggestion(extras[0], OptionNames(*parsed[0])));
   } catch (const CLI::ParseError& error) {
     return UsageError(ffmpeg::MaskCredentials(error.what()));

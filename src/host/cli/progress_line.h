@@ -1,8 +1,11 @@
 // One line that says how far a command has come.
 #pragma once
 
+#include <algorithm>
 #include <ostream>
 #include <string>
+
+#include "host/ffmpeg/printable.h"
 
 namespace host::cli {
 
@@ -15,7 +18,10 @@ class ProgressLine {
   ProgressLine(const ProgressLine&) = delete;
   ProgressLine& operator=(const ProgressLine&) = delete;
 
-  void Show(const std::string& text) {
+  // columns: of the terminal; a longer line would stay there when it is rewritten.
+  void Show(const std::string& line, int columns) {
+    const std::string text(
+        ffmpeg::CutToColumns(line, static_cast<std::size_t>(std::max(columns, 0))));
     if (shown_ && text != text_) {
       stream_.clear();  // one that failed is tried again
       stream_ << "\r\x1b[K" << text << std::flush;

@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <chrono>
 #include <stdexcept>
+#include <string_view>
 #include <utility>
 
+#include "host/ffmpeg/printable.h"
 #include "platform/os/datagram.h"
 
 namespace host::cli {
@@ -16,10 +18,19 @@ constexpr std::size_t kMaxWaiting = 1000;
 constexpr seconds kFirstDelay{1};
 constexpr seconds kMaxDelay{60};
 
+// The sink cuts the line by bytes, header included: "<131>Nov 16 09:43:14 host 0000 text". Here it
+// is done first, between characters.
+std::size_t RoomForText() {
+  constexpr std::size_t kMaxLine = 1024;
+  const std::size_t header =
+      std::string_view("<131>Nov 16 09:43:14  0000 ").size() + os::HostName().size();
+  return kMaxLine - std::min(header, kMaxLine);
+}
+
 }  // namespace
 
 ResolvingSyslog::ResolvingSyslog(wall::Endpoint server, std::int32_t maxLevel, Report report)
-    : maxLevel_(maxLevel) {
+    : maxLevel_(maxLevel), room_(RoomForText()) {
   state_->server = std::move(server);
   state_->report = std::move(report);
   std::string failure;
@@ -39,15 +50,16 @@ void ResolvingSyslog::Write(std::int32_t level, const qorp::log::LogTime& time, 
   if (level > maxLevel_) {
     return;
   }
+  std::string line(ffmpeg::CutToBytes(text, room_));
   const std::lock_guard guard(state_->lock);
   if (state_->sink) {
-    state_->sink->Write(level, time, text);
+    state_->sink->Write(level, time, line.c_str());
     return;
   }
   if (state_->waiting.size() >= kMaxWaiting) {
     state_->waiting.pop_front();
   }
-  state_->waiting.push_back({level, time, text});
+  state_->waiting.push_back({level, time, std::move(line)});
 }
 
 bool ResolvingSyslog::State::Resolve(std::string* failure) {
@@ -70,6 +82,7 @@ void ResolvingSyslog::State::ResolveUntilStopped() {
   std::string failure;
   while (!Resolve(&failure)) {
     std::unique_lock guard(lock);
+    // Under the lock: whom it is reported to lives until it has set stopped.
     if (delay == kFirstDelay && !stopped) {
       report("syslog: " + failure + "; it is tried again");
     }

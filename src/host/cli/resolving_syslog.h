@@ -56,6 +56,7 @@ class ResolvingSyslog final : public qorp::log::ILogSink {
   };
 
   const std::int32_t maxLevel_;
+  const std::size_t room_;  // bytes of a message
   const std::shared_ptr<State> state_ = std::make_shared<State>();
   std::unique_ptr<os::Thread> thread_;
 };

@@ -15,7 +15,7 @@ namespace host::cli {
 namespace {
 
 std::string Named(const std::string& argument, const std::string& target) {
-  return argument + " \"" + ffmpeg::MaskCredentials(target) + "\"";
+  return argument + " \"" + ffmpeg::MaskUrl(target) + "\"";
 }
 
 // The outputs that the arguments name.

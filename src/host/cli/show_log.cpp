@@ -8,6 +8,7 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include "host/ffmpeg/printable.h"
 #include "log/log_file_reader.h"
 #include "platform/os/error_numbers.h"
 #include "platform/os/stop_signals.h"
@@ -78,7 +79,8 @@ class LogPrinter {
       return;
     }
     if (!options_.json) {
-      streams_.out << "[Level " << level << "] " << timeText << ' ' << text << '\n';
+      streams_.out << "[Level " << level << "] " << timeText << ' ' << ffmpeg::Printable(text)
+                   << '\n';
       return;
     }
     const nlohmann::ordered_json object = {{"number", line.number},

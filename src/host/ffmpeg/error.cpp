@@ -19,7 +19,7 @@ std::string ErrorText(int code) {
 Error::Error(int code, const std::string& tried, const std::string& where) : code_(code) {
   message_ = tried;
   if (!where.empty()) {
-    message_ += " \"" + MaskCredentials(where) + "\"";
+    message_ += " \"" + MaskUrl(where) + "\"";
   }
   message_ += ": " + ErrorText(code);
 }

@@ -3,6 +3,11 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <charconv>
+#include <functional>
+#include <mutex>
+#include <set>
+#include <vector>
 
 namespace host::ffmpeg {
 
@@ -27,25 +32,101 @@ bool EndsUrl(char c) {
          c == '>' || c == '`';
 }
 
-bool IsSecretParameter(std::string_view name) {
-  static constexpr std::array<std::string_view, 18> kSecrets = {
-      "passphrase", "password",     "passwd",   "pass",       "pwd",       "token",
-      "key",        "secret",       "auth",     "sig",        "signature", "apikey",
-      "api_key",    "access_token", "streamid", "credential", "user",      "username"};
-  const std::string lower = LowerCase(name);
-  // Signed cloud links carry prefixed names, such as X-Amz-Signature.
-  return std::find(kSecrets.begin(), kSecrets.end(), lower) != kSecrets.end() ||
-         lower.ends_with("-signature") || lower.ends_with("-credential") ||
-         lower.ends_with("-token");
+// Of protocols and cameras; every other parameter may be somebody's key.
+bool IsHarmlessParameter(std::string_view name) {
+  static const std::set<std::string, std::less<>> kHarmless = {"action",
+                                                               "audio",
+                                                               "bitrate",
+                                                               "block",
+                                                               "broadcast",
+                                                               "buffer_size",
+                                                               "burst_bits",
+                                                               "camera",
+                                                               "channel",
+                                                               "codec",
+                                                               "connect",
+                                                               "connect_timeout",
+                                                               "dscp",
+                                                               "ffs",
+                                                               "fifo_size",
+                                                               "format",
+                                                               "fps",
+                                                               "height",
+                                                               "inputbw",
+                                                               "iptos",
+                                                               "ipttl",
+                                                               "lang",
+                                                               "language",
+                                                               "latency",
+                                                               "linger",
+                                                               "listen",
+                                                               "listen_timeout",
+                                                               "localaddr",
+                                                               "localport",
+                                                               "localrtcpport",
+                                                               "localrtpport",
+                                                               "lossmaxttl",
+                                                               "maxbw",
+                                                               "mode",
+                                                               "mss",
+                                                               "nakreport",
+                                                               "oheadbw",
+                                                               "overrun_nonfatal",
+                                                               "payload_size",
+                                                               "pbkeylen",
+                                                               "peerlatency",
+                                                               "pkt_size",
+                                                               "profile",
+                                                               "program",
+                                                               "proto",
+                                                               "q",
+                                                               "quality",
+                                                               "rcvbuf",
+                                                               "rcvlatency",
+                                                               "recv_buffer_size",
+                                                               "resolution",
+                                                               "reuse",
+                                                               "reuse_socket",
+                                                               "rtcpport",
+                                                               "rw_timeout",
+                                                               "send_buffer_size",
+                                                               "sndbuf",
+                                                               "sources",
+                                                               "stream",
+                                                               "subtype",
+                                                               "tcp_nodelay",
+                                                               "timeout",
+                                                               "tlpktdrop",
+                                                               "track",
+                                                               "transport",
+                                                               "transtype",
+                                                               "ttl",
+                                                               "unicast",
+                                                               "video",
+                                                               "width"};
+  return kHarmless.contains(LowerCase(name));
 }
 
-std::string MaskQuery(std::string_view query) {
+bool IsSecretOption(std::string_view name) {
+  static const std::set<std::string, std::less<>> kSecret = {
+      "auth",          "cookies",    "cryptokey",    "decryption_key", "headers",
+      "http_proxy",    "key",        "passphrase",   "password",       "rtmp_conn",
+      "rtmp_playpath", "rtmp_tcurl", "srt_streamid", "srtp_in_params", "srtp_out_params",
+      "streamid",      "user",       "username"};
+  return kSecret.contains(LowerCase(name));
+}
+
+// What one URL hides, as it is masked.
+using Found = std::function<void(std::string_view secret)>;
+
+std::string MaskQuery(std::string_view query, const Found& found) {
   std::string masked;
   while (!query.empty()) {
     const std::size_t end = std::min(query.find_first_of("&;"), query.size());
     const std::string_view parameter = query.substr(0, end);
-    const std::size_t equals = parameter.find('=');
-    if (equals != std::string_view::npos && IsSecretParameter(parameter.substr(0, equals))) {
+    const std::size_t equals = std::min(parameter.find('='), parameter.size());
+    if (equals < parameter.size() && !IsHarmlessParameter(parameter.substr(0, equals))) {
+      found(parameter.substr(equals + 1));
       masked.append(parameter.substr(0, equals + 1)).append(kMask);
     } else {
       masked.append(parameter);
@@ -58,18 +139,19 @@ std::string MaskQuery(std::string_view query) {
   return masked;
 }
 
-std::string MaskPath(std::string_view scheme, std::string_view path) {
+std::string MaskPath(std::string_view scheme, std::string_view path, const Found& found) {
   const std::size_t last = path.rfind('/');
   // "/live/key" has a stream key; "/live" alone is only the application.
   if (!scheme.starts_with("rtmp") || last == std::string_view::npos || last == 0 ||
       last + 1 == path.size()) {
     return std::string(path);
   }
+  found(path.substr(last + 1));
   return std::string(path.substr(0, last + 1)).append(kMask);
 }
 
 // What follows "scheme://" up to the end of the URL.
-std::string MaskAfterScheme(std::string_view scheme, std::string_view rest) {
+std::string MaskAfterScheme(std::string_view scheme, std::string_view rest, const Found& found) {
   const std::size_t authorityEnd = std::min(rest.find_first_of("/?#"), rest.size());
   std::string_view authority = rest.substr(0, authorityEnd);
   rest.remove_prefix(authorityEnd);
@@ -82,44 +164,137 @@ std::string MaskAfterScheme(std::string_view scheme, std::string_view rest) {
   if (authority.find('@') == std::string_view::npos && lateAt != std::string_view::npos &&
       authority.find(':') != std::string_view::npos) {
     const std::size_t hostEnd = std::min(rest.find_first_of("/?#", lateAt), rest.size());
+    found(std::string(authority).append(rest.substr(0, lateAt)));
     masked.append(kMask).append(rest.substr(lateAt, hostEnd - lateAt));
     rest.remove_prefix(hostEnd);
   } else if (const std::size_t at = authority.rfind('@'); at != std::string_view::npos && at > 0) {
+    found(authority.substr(0, at));
     masked.append(kMask).append(authority.substr(at));
   } else {
     masked.append(authority);
   }
   const std::size_t query = std::min(rest.find('?'), rest.size());
-  masked += MaskPath(scheme, rest.substr(0, query));
+  masked += MaskPath(scheme, rest.substr(0, query), found);
   if (query < rest.size()) {
     masked.push_back('?');
-    masked += MaskQuery(rest.substr(query + 1));
+    masked += MaskQuery(rest.substr(query + 1), found);
   }
   return masked;
 }
 
+std::size_t SchemeStart(std::string_view text, std::size_t mark, std::size_t from) {
+  while (mark > from && IsSchemeCharacter(text[mark - 1])) {
+    --mark;
+  }
+  return mark;
+}
+
+// "%40" as "@".
+std::string Unescaped(std::string_view text) {
+  std::string plain;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    unsigned code = 0;
+    const char* const digits = text.data() + i + 1;
+    if (text[i] == '%' && i + 2 < text.size() &&
+        std::from_chars(digits, digits + 2, code, 16).ptr == digits + 2) {
+      plain.push_back(static_cast<char>(code));
+      i += 2;
+    } else {
+      plain.push_back(text[i]);
+    }
+  }
+  return plain;
+}
+
+// Longest first: one may be a part of another. Never forgotten: a log line may come late.
+struct LongestFirst {
+  bool operator()(const std::string& a, const std::string& b) const {
+    return a.size() != b.size() ? a.size() > b.size() : a < b;
+  }
+};
+std::mutex secretsLock;
+std::set<std::string, LongestFirst>& Secrets() {  // guarded by secretsLock
+  static std::set<std::string, LongestFirst> secrets;
+  return secrets;
+}
+
+void Remember(std::string_view secret) {
+  constexpr std::size_t kMinLength = 4;  // bytes
+  const std::lock_guard guard(secretsLock);
+  for (const std::string& form : {std::string(secret), Unescaped(secret)}) {
+    if (form.size() >= kMinLength && form != kMask) {
+      Secrets().insert(form);
+    }
+  }
+}
+
+std::string WithoutSecrets(std::string text) {
+  const std::lock_guard guard(secretsLock);
+  for (const std::string& secret : Secrets()) {
+    for (std::size_t at = text.find(secret); at != std::string::npos;
+         at = text.find(secret, at + kMask.size())) {
+      text.replace(at, secret.size(), kMask);
+    }
+  }
+  return text;
+}
+
+std::string MaskWhole(std::string_view url, const Found& found) {
+  const std::size_t mark = url.find("://");
+  if (mark == std::string_view::npos) {
+    return std::string(url);
+  }
+  const std::size_t start = SchemeStart(url, mark, 0);
+  return std::string(url.substr(0, mark + 3)) +
+         MaskAfterScheme(LowerCase(url.substr(start, mark - start)), url.substr(mark + 3), found);
+}
+
 }  // namespace
 
-std::string MaskCredentials(std::string_view text) {
+std::string MaskCredentials(std::string_view original) {
+  const std::string text = WithoutSecrets(std::string(original));
   std::string masked;
   std::size_t done = 0;
-  for (std::size_t mark = text.find("://"); mark != std::string_view::npos;
+  for (std::size_t mark = text.find("://"); mark != std::string::npos;
        mark = text.find("://", done)) {
-    std::size_t schemeStart = mark;
-    while (schemeStart > done && IsSchemeCharacter(text[schemeStart - 1])) {
-      --schemeStart;
-    }
-    const std::size_t restStart = mark + 3;
     const auto end =
-        std::find_if(text.begin() + static_cast<std::ptrdiff_t>(restStart), text.end(), EndsUrl);
+        std::find_if(text.begin() + static_cast<std::ptrdiff_t>(mark + 3), text.end(), EndsUrl);
     const auto urlEnd = static_cast<std::size_t>(end - text.begin());
-    masked.append(text.substr(done, restStart - done));
-    masked += MaskAfterScheme(LowerCase(text.substr(schemeStart, mark - schemeStart)),
-                              text.substr(restStart, urlEnd - restStart));
+    const std::size_t start = SchemeStart(text, mark, done);
+    masked.append(text, done, start - done);
+    masked += MaskWhole(std::string_view(text).substr(start, urlEnd - start), [](auto) {});
     done = urlEnd;
   }
-  masked.append(text.substr(done));
+  masked.append(text, done);
   return masked;
+}
+
+std::string MaskUrl(std::string_view url) {
+  return MaskWhole(url, [](auto) {});
+}
+
+void RememberSecrets(std::string_view url, const std::map<std::string, std::string>& options) {
+  MaskWhole(url, [](std::string_view secret) {
+    Remember(secret);
+    // The password alone is one, too.
+    if (const std::size_t colon = secret.find(':'); colon != std::string_view::npos) {
+      Remember(secret.substr(colon + 1));
+    }
+  });
+  for (const auto& [name, value] : options) {
+    if (!IsSecretOption(name)) {
+      continue;
+    }
+    Remember(value);
+    // Of a header, and of credentials in it, what follows the name.
+    for (std::string_view rest = value; !rest.empty();) {
+      const std::string_view line = rest.substr(0, rest.find_first_of("\r\n"));
+      rest.remove_prefix(std::min(line.size() + 1, rest.size()));
+      if (const std::size_t colon = line.find(": "); colon != std::string_view::npos) {
+        Remember(line.substr(colon + 2));
+      }
+    }
+  }
 }
 
 }  // namespace host::ffmpeg

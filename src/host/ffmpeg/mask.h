@@ -1,16 +1,25 @@
 // Keeps secrets out of messages.
 #pragma once
 
+#include <map>
 #include <string>
 #include <string_view>
 
 namespace host::ffmpeg {
 
 // The text with "***" in place of what opens a door, in every URL that it holds: user and password
-// before the host's name ("rtsp://***@camera/1"), the values of query parameters that carry secrets
-// ("passphrase=***", "token=***", ...), and the last part of an RTMP path, which is a stream key
-// ("rtmp://server/live/***"). Everything else stays as it is. Works on a bare URL and on a line of
-// a log alike.
+// before the host's name ("rtsp://***@camera/1"), the values of query parameters ("token=***",
+// "hdnts=***", ...) but those that are known to be harmless ("latency=200"), and the last part of
+// an RTMP path, which is a stream key ("rtmp://server/live/***"). Secrets that are remembered are
+// replaced wherever they appear. Everything else stays as it is. Any thread.
 std::string MaskCredentials(std::string_view text);
+
+// The same of one URL by itself: blanks and quotes are part of it.
+std::string MaskUrl(std::string_view url);
+
+// Remembers what MaskUrl hides of a source or an output, and the values of those of its options
+// that hold secrets, for MaskCredentials: FFmpeg's own lines name parts of a URL. Texts of less
+// than four bytes are not remembered, because they are parts of many words. Any thread.
+void RememberSecrets(std::string_view url, const std::map<std::string, std::string>& options);
 
 }  // namespace host::ffmpeg

@@ -19,7 +19,7 @@ constexpr std::size_t kLongestPiece = 65'536;  // no datagram is longer
 }  // namespace
 
 TappedInput::TappedInput(const std::string& url, IoDeadline& deadline, Options& options, Tap tap)
-    : tap_(std::move(tap)), piece_(kLongestPiece) {
+    : tap_(std::move(tap)), deadline_(deadline), piece_(kLongestPiece) {
   const AVIOInterruptCB interrupt{&IoDeadline::Callback, &deadline};
   AVIOContext* connection = nullptr;
   Check(avio_open2(&connection, url.c_str(), AVIO_FLAG_READ, &interrupt, options.Exchange()),
@@ -29,6 +29,7 @@ TappedInput::TappedInput(const std::string& url, IoDeadline& deadline, Options& 
 }
 
 void TappedInput::Resume() {
+  enough_ = false;
   for (AVIOContext* const io : {connection_.get(), io_.get()}) {
     io->eof_reached = 0;  // where the call that was ended has left it
     io->error = 0;
@@ -46,8 +47,15 @@ int TappedInput::Read(std::uint8_t* buffer, int size) {
     }
     const int count =
         avio_read_partial(connection_.get(), piece_.data(), static_cast<int>(piece_.size()));
-    if (count <= 0) {
+    if (count < 0) {
       return count;
+    }
+    // An empty datagram is no end, as it would be to FFmpeg.
+    if (count == 0) {
+      if (deadline_.ShouldStop()) {
+        return AVERROR_EXIT;
+      }
+      continue;
     }
     const std::optional<Bytes> given = tap_(Bytes(piece_).first(static_cast<std::size_t>(count)));
     enough_ = !given.has_value();

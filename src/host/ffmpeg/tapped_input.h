@@ -32,7 +32,7 @@ class TappedInput {
 
   AVIOContext* io() const { return io_.get(); }
 
-  // Goes on after a call that the deadline has ended: of datagrams nothing is broken.
+  // Continues after a call that the deadline or the tap has ended: of datagrams nothing is broken.
   void Resume();
 
  private:
@@ -40,6 +40,7 @@ class TappedInput {
   int Read(std::uint8_t* buffer, int size);
 
   const Tap tap_;
+  IoDeadline& deadline_;
   bool enough_ = false;
   std::vector<std::uint8_t> piece_;
   Bytes rest_;  // that the tap gave and nobody has read yet

@@ -174,7 +174,7 @@ std::optional<wall::Position> PlaceOf(const wall::Places& places, const char* ke
 }
 
 std::string Named(const WallFiles::Use& use, const fs::path& wallFile) {
-  std::string text = use.what + " (\"" + ffmpeg::MaskCredentials(use.target) + "\"";
+  std::string text = use.what + " (\"" + ffmpeg::MaskUrl(use.target) + "\"";
   if (use.place && !wallFile.empty()) {
     text += ", " + wallFile.filename().string() + ":" + std::to_string(use.place->line) + ":" +
             std::to_string(use.place->column);

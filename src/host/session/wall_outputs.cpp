@@ -36,7 +36,8 @@ namespace {
 
 OutputSet::Item ItemOf(const wall::Canvas& canvas, const wall::Output& output, bool live) {
   OutputSet::Item item;
-  item.name = ffmpeg::MaskCredentials(output.url);
+  item.name = ffmpeg::MaskUrl(output.url);
+  ffmpeg::RememberSecrets(output.url, output.options);
   item.encoder = EncoderOf(canvas, output, live);
   item.muxer.url = output.url;
   item.muxer.format = output.format;

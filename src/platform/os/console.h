@@ -9,6 +9,8 @@ namespace os {
 
 // Whether somebody watches: the descriptor (1 output, 2 errors) is a terminal.
 bool IsTerminal(int descriptor);
+// The present width of a terminal in characters; 80 when it is not known.
+int ConsoleColumns(int descriptor);
 
 // Where a text goes and whether it may be coloured: only on a terminal, and only when the
 // environment does not say NO_COLOR. Not locked: its owner calls from one thread at a time.

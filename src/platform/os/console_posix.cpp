@@ -3,6 +3,7 @@
 #include <ostream>
 #include <string>
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include "platform/os/console.h"
@@ -29,6 +30,12 @@ std::string ColourSequence(std::uint16_t colour) {
 
 bool IsTerminal(int descriptor) {
   return ::isatty(descriptor) == 1;
+}
+
+int ConsoleColumns(int descriptor) {
+  constexpr int kUsual = 80;
+  winsize size{};
+  return ::ioctl(descriptor, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : kUsual;
 }
 
 Console::Console() : Console(STDERR_FILENO) {}

@@ -422,6 +422,9 @@ TEST(PictureWatchTest, CountsOnlyTheTimeOfReading) {
   PictureWatch slow(seconds(5), seconds(10));
   slow.BeginReading(now);
   EXPECT_FALSE(slow.Expired(now + seconds(39))) << "one picture in ten seconds";
+  PictureWatch absurd(seconds(5), seconds(100'000));
+  absurd.BeginReading(now);
+  EXPECT_TRUE(absurd.Expired(now + seconds(40)));
 }
 
 TEST(ReopenDelayTest, GrowsWithFailuresInARowAndIsSpread) {

@@ -102,6 +102,34 @@ TEST_F(Messages, KeepTheirFileForOneWriterAndFollowItsPath) {
   EXPECT_THROW(MessageLog(streams, options), std::runtime_error) << "the new one is ours, too";
 }
 
+// What a stream says of itself is in some of them.
+TEST_F(Messages, HoldNoControlCharactersAndNoHalfOfACharacter) {
+  const DatagramReceiver server;
+  wall::LogOptions options;
+  options.file = folder / "log";
+  options.syslog = wall::Endpoint{"127.0.0.1", server.Port()};
+  Streams streams{out, err};
+  MessageLog messages(streams, options);
+  messages.Say(kError,
+               "a\x1b]0;title\a\r\nb\xC2\x9B"
+               "31m\xE2\x80\xAE\xFF");
+  std::string umlauts = "x";
+  for (int i = 0; i < 600; ++i) {
+    umlauts += "\u00fc";
+  }
+  messages.Say(kError, umlauts);
+  messages.Flush();
+  for (const std::string& text : {err.str(), ReadWholeFile(folder / "log"), server.Receive()}) {
+    EXPECT_THAT(text, HasSubstr("a ]0;title   b 31m \uFFFD"));
+    EXPECT_THAT(text, Not(HasSubstr("\x1b")));
+  }
+  EXPECT_THAT(err.str(), HasSubstr("\u00fc\n"));
+  EXPECT_THAT(ReadWholeFile(folder / "log"), HasSubstr("\u00fc\r\n"));
+  const std::string sent = server.Receive();
+  EXPECT_THAT(sent, EndsWith(std::string("\u00fc") + '\0'));
+  EXPECT_GE(sent.size(), 1024U);
+}
+
 TEST_F(Messages, RefuseFilesThatCannotBeUsed) {
   Streams streams{out, err};
   WriteWholeFile(folder / "wall.toml", "[wall]\nwidth = 640\n");

@@ -213,14 +213,14 @@ TEST(ProgressLine, RewritesOneLineAndWipesItOnlyWhereSomebodyWatches) {
   std::ostringstream stream;
   {
     ProgressLine line(stream, true);
-    line.Show("10 %");
-    line.Show("10 %");
-    line.Show("20 %");
+    line.Show("10 %", 79);
+    line.Show("10 %", 79);
+    line.Show("\u00fc0 %", 2);
   }
-  EXPECT_EQ(stream.str(), "\r\x1b[K10 %\r\x1b[K20 %\r\x1b[K");
+  EXPECT_EQ(stream.str(), "\r\x1b[K10 %\r\x1b[K\u00fc0\r\x1b[K");
   std::ostringstream pipe;
   ProgressLine silent(pipe, false);
-  silent.Show("10 %");
+  silent.Show("10 %", 79);
   EXPECT_THAT(pipe.str(), IsEmpty());
 }
 

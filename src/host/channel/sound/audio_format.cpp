@@ -87,7 +87,77 @@ AVCodecID LayerOf(const AVPacket& packet, AVCodecID announced) {
   }
 }
 
+void SetChannels(AVCodecParameters& parameters, int channels) {
+  if (parameters.ch_layout.nb_channels != channels) {
+    av_channel_layout_uninit(&parameters.ch_layout);
+    av_channel_layout_default(&parameters.ch_layout, channels);
+  }
+}
+
+void TakeMpegHeader(const AVPacket& packet, AVCodecParameters& parameters) {
+  constexpr int kRates[] = {44'100, 48'000, 32'000};
+  const AVCodecID layer = LayerOf(packet, AV_CODEC_ID_NONE);
+  if (layer == AV_CODEC_ID_NONE) {
+    return;
+  }
+  const int version = packet.data[1] >> 3 & 3;  // 3: MPEG-1, 2: MPEG-2, 0: MPEG-2.5
+  const int rate = packet.data[2] >> 2 & 3;
+  if (version == 1 || rate == 3) {
+    return;
+  }
+  parameters.codec_id = layer;
+  parameters.sample_rate = kRates[rate] >> (version == 3 ? 0 : version == 2 ? 1 : 2);
+  SetChannels(parameters, packet.data[3] >> 6 == 3 ? 1 : 2);
+}
+
+// ATSC A/52: sync word; of AC-3 16 bits of checksum, rate and size, 5 bits of version (bsid), 3 of
+// mode, 3 bits of channels (acmod); of E-AC-3 type, number and size, then rate, blocks, channels
+// and the low-frequency channel in one byte, and the version.
+void TakeAc3Header(const AVPacket& packet, AVCodecParameters& parameters) {
+  constexpr int kRates[] = {48'000, 44'100, 32'000};
+  constexpr int kChannels[] = {2, 1, 2, 3, 3, 4, 4, 5};
+  if (packet.size < 8 || packet.data[0] != 0x0B || packet.data[1] != 0x77) {
+    return;
+  }
+  const int version = packet.data[5] >> 3;
+  const int rate = packet.data[4] >> 6;
+  if (version <= 10) {
+    const int mode = packet.data[6] >> 5;
+    // Mix levels stand between the channels and the low-frequency channel.
+    const int skipped = (mode == 2                      ? 2
+                         : (mode & 1) != 0 && mode != 1 ? 2
+                                                        : 0) +
+                        ((mode & 4) != 0 ? 2 : 0);
+    const int low = (packet.data[6] << 8 | packet.data[7]) >> (12 - skipped) & 1;
+    if (rate != 3) {
+      parameters.sample_rate = kRates[rate] >> std::max(version - 8, 0);
+      SetChannels(parameters, kChannels[mode] + low);
+    }
+  } else if (version <= 16) {
+    const int half = packet.data[4] >> 4 & 3;
+    const bool isIndependent = packet.data[2] >> 6 != 1;
+    if (isIndependent && (rate != 3 || half != 3)) {
+      parameters.sample_rate = rate != 3 ? kRates[rate] : kRates[half] / 2;
+    }
+  }
+}
+
 }  // namespace
+
+void TakeFromPacket(const AVPacket& packet, AVCodecParameters& parameters) {
+  if (IsMpegAudio(parameters.codec_id)) {
+    TakeMpegHeader(packet, parameters);
+  } else if (parameters.codec_id == AV_CODEC_ID_AC3 || parameters.codec_id == AV_CODEC_ID_EAC3) {
+    TakeAc3Header(packet, parameters);
+  } else if (parameters.codec_id == AV_CODEC_ID_AAC) {
+    std::size_t size = 0;
+    const std::uint8_t* const config =
+        av_packet_get_side_data(&packet, AV_PKT_DATA_NEW_EXTRADATA, &size);
+    if (config != nullptr && size > 0) {
+      SetExtraData(parameters, config, size);
+    }
+  }
+}
 
 std::uint32_t AdtsHeader(const AVPacket& packet) {
   if (packet.size <= kAdtsHeaderSize || packet.data[0] != 0xFF || (packet.data[1] & 0xF6) != 0xF0) {

@@ -33,6 +33,10 @@ std::shared_ptr<const AudioFormat> PassedFormat(const AVCodecParameters& paramet
                                                 const std::string& language);
 // Whether packets of one fit into a track of the other as they are.
 bool SameTrack(const AudioFormat& a, const AudioFormat& b);
+// Puts into the parameters of a stream what one of its packets says: of AAC the config beside the
+// packet, of MPEG audio and AC-3 layer, rate and number of channels of the header. A demuxer looks
+// at the beginning of a stream only.
+void TakeFromPacket(const AVPacket& packet, AVCodecParameters& parameters);
 // The same in the graph's words.
 AudioDescription Describe(const AudioFormat& format);
 

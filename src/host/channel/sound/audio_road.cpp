@@ -53,17 +53,31 @@ void AudioRoad::Announce(const AVCodecParameters* parameters, const AudioInfo* i
   }
 }
 
-bool AudioRoad::Take(AudioPacket packet, const AVCodecParameters& parameters, const AudioInfo& info,
+AudioRoad::Form AudioRoad::FormOf(const AVCodecParameters& parameters, std::uint32_t header) {
+  Form form{
+      parameters.codec_id, parameters.sample_rate, parameters.ch_layout.nb_channels, header, {}};
+  if (parameters.codec_id == AV_CODEC_ID_AAC && parameters.extradata_size > 0) {
+    form.config.assign(parameters.extradata, parameters.extradata + parameters.extradata_size);
+  }
+  return form;
+}
+
+bool AudioRoad::Take(AudioPacket packet, const AVCodecParameters& announced, const AudioInfo& info,
                      const Sink& sink) {
+  if (Form form = FormOf(announced, 0); form != announced_) {
+    announced_ = std::move(form);
+    parameters_ = ffmpeg::CopyParameters(announced);
+  }
+  TakeFromPacket(*packet.packet, *parameters_);
+  const AVCodecParameters& parameters = *parameters_;
   const bool isAac = parameters.codec_id == AV_CODEC_ID_AAC;
-  const Form form{parameters.codec_id, parameters.sample_rate, parameters.ch_layout.nb_channels,
-                  isAac ? AdtsHeader(*packet.packet) : 0};
+  Form form = FormOf(parameters, isAac ? AdtsHeader(*packet.packet) : 0);
   if (form != form_) {
     // What the former encoder holds is given up with it: less than two of its frames.
     ForgetEncoder();
     format_.reset();
     Decide(packet, parameters, info);
-    form_ = form;
+    form_ = std::move(form);
   }
   if (encoder_ || !format_) {
     return true;

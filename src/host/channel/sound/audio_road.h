@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "host/channel/sound/audio_encoder.h"
 #include "host/channel/sound/audio_format.h"
@@ -50,10 +51,12 @@ class AudioRoad {
     int codec = 0;
     int sampleRate = 0;
     int channels = 0;
-    std::uint32_t header = 0;  // of AAC with headers
+    std::uint32_t header = 0;          // of AAC with headers
+    std::vector<std::uint8_t> config;  // of AAC without
     bool operator==(const Form&) const = default;
   };
 
+  static Form FormOf(const AVCodecParameters& parameters, std::uint32_t header);
   void Decide(const AudioPacket& packet, const AVCodecParameters& parameters,
               const AudioInfo& info);
   const std::string& LanguageOf(const AudioInfo& info) const;
@@ -65,6 +68,8 @@ class AudioRoad {
   const std::shared_ptr<AudioTrack> track_;
   const std::string fallbackLanguage_;
   const Say say_;
+  std::optional<Form> announced_;
+  ffmpeg::Parameters parameters_;  // those announced, with what packets have said since
   std::optional<Form> form_;
   std::shared_ptr<const AudioFormat> format_;  // of the packets that go out; null: none do
   std::unique_ptr<AudioEncoder> encoder_;      // while the sound is encoded

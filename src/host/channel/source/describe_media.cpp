@@ -13,6 +13,7 @@ extern "C" {
 #include <libavutil/pixdesc.h>
 }
 
+#include "host/ffmpeg/printable.h"
 #include "host/ffmpeg/time_unit.h"
 
 namespace host {
@@ -21,7 +22,7 @@ namespace {
 
 std::string Entry(const AVDictionary* metadata, const char* key) {
   const AVDictionaryEntry* entry = av_dict_get(metadata, key, nullptr, 0);
-  return entry != nullptr ? entry->value : "";
+  return entry != nullptr ? ffmpeg::Printable(entry->value) : "";
 }
 
 std::string ServiceName(const AVFormatContext& input) {
@@ -133,6 +134,26 @@ AudioInfo DescribeAudio(const AVStream& stream) {
     info.title = std::move(name);
   }
   return info;
+}
+
+bool IsCoverArt(const AVStream& stream) {
+  return (stream.disposition & (AV_DISPOSITION_ATTACHED_PIC | AV_DISPOSITION_TIMED_THUMBNAILS)) !=
+         0;
+}
+
+int ChooseVideoStream(const AVFormatContext& input) {
+  const int best = av_find_best_stream(const_cast<AVFormatContext*>(&input), AVMEDIA_TYPE_VIDEO, -1,
+                                       -1, nullptr, 0);
+  if (best < 0 || !IsCoverArt(*input.streams[best])) {
+    return best;
+  }
+  for (unsigned i = 0; i < input.nb_streams; ++i) {
+    if (input.streams[i]->codecpar->codec_type == AVMEDIA_TYPE_VIDEO &&
+        !IsCoverArt(*input.streams[i])) {
+      return static_cast<int>(i);
+    }
+  }
+  return AVERROR_STREAM_NOT_FOUND;
 }
 
 int ChooseAudioStream(const AVFormatContext& input, std::size_t track, const std::string& language,

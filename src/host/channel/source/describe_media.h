@@ -18,6 +18,13 @@ MediaInfo DescribeMedia(const AVFormatContext& input);
 VideoInfo DescribeVideo(AVFormatContext& input, AVStream& stream);
 AudioInfo DescribeAudio(const AVStream& stream);
 
+// A picture that a file carries for its list of contents: no video, although FFmpeg counts it as
+// some.
+bool IsCoverArt(const AVStream& stream);
+
+// Index of the best video stream, or a negative AVERROR.
+int ChooseVideoStream(const AVFormatContext& input);
+
 // Index of the audio stream that the wishes of a channel select, or a negative AVERROR. track is
 // counted from 1, 0 for no wish; videoStream (or -1) decides between equal ones.
 int ChooseAudioStream(const AVFormatContext& input, std::size_t track, const std::string& language,

@@ -83,7 +83,8 @@ void MediaReader::ReadOnWithNextDemuxer() {
   deadline_.Arm(settings_.readLimit);
   fragments_->Restart();
   ffmpeg::Options options;
-  SetOptions(options, address_.OpenOptions(settings_.options));
+  SetOptions(options, pipe_ ? SourceAddress::PipeOptions(settings_.options)
+                            : address_.OpenOptions(settings_.options));
   try {
     Exchange(ffmpeg::OpenInput(address_.name(), fragments_->io(), options, deadline_));
   } catch (const ffmpeg::Error& error) {

@@ -45,8 +45,10 @@ bool IsMp4(const AVFormatContext& input) {
 
 MediaReader::MediaReader(Settings settings)
     : settings_(std::move(settings)),
-      maskedSource_(ffmpeg::MaskCredentials(settings_.source)),
-      address_(settings_.source) {}
+      maskedSource_(ffmpeg::MaskUrl(settings_.source)),
+      address_(settings_.source) {
+  ffmpeg::RememberSecrets(settings_.source, settings_.options);
+}
 
 MediaReader::~MediaReader() = default;
 
@@ -72,8 +74,13 @@ void MediaReader::Fail(int code, bool opening) const {
   if (opening && (code == AVERROR_INVALIDDATA || code == AVERROR_EOF)) {
     throw MediaError(Kind::kNotMedia, "not a media file, or damaged (" + text + ")", maskedSource_);
   }
+  // What FFmpeg answers for a format or a protocol that is not on the source's whitelist.
+  const bool mayBeForbidden =
+      opening && code == AVERROR(EINVAL) && (pipe_ || !address_.OpenOptions({}).empty());
+  const char* const hint =
+      mayBeForbidden ? "; its format may need \"format_whitelist\" among its options" : "";
   throw MediaError(Kind::kFailed,
-                   (opening ? "cannot be opened: " : "cannot be read further: ") + text,
+                   (opening ? "cannot be opened: " : "cannot be read further: ") + text + hint,
                    maskedSource_);
 }
 
@@ -138,7 +145,7 @@ void MediaReader::OpenInput() {
   if (ffmpeg::PipeInput::Serves(settings_.source)) {
     pipe_.emplace(settings_.source, deadline_);
     fragments_.emplace(pipe_->io());
-    OpenInput(fragments_->io(), settings_.options);
+    OpenInput(fragments_->io(), SourceAddress::PipeOptions(settings_.options));
   } else if (address_.carriesTransportStream()) {
     OpenConnection();
   } else if (address_.isHttp()) {
@@ -176,6 +183,11 @@ void MediaReader::OpenConnection() {
   if (!address_.isDatagrams()) {
     io = fragments_.emplace(io).io();
   }
+  // What the protocol has used is not the demuxer's.
+  for (const auto& [key, value] : address_.OpenOptions({})) {
+    const auto given = settings_.options.find(key);
+    options.Set(key.c_str(), given != settings_.options.end() ? given->second : value);
+  }
   try {
     OpenInput(io, options);
   } catch (const ffmpeg::Error&) {
@@ -191,7 +203,7 @@ void MediaReader::OpenConnection() {
 void MediaReader::OpenOtherRtp() {
   if (address_.isRtp()) {
     try {
-      OpenInput(nullptr, settings_.options);
+      OpenInput(nullptr, SourceAddress::RtpOptions(settings_.options));
       return;
     } catch (const ffmpeg::Error&) {
       if (deadline_.cancelled() || deadline_.expired()) {
@@ -273,7 +285,7 @@ void MediaReader::ChooseTracks() {
     input_->streams[i]->discard = AVDISCARD_ALL;
   }
 
-  const int video = av_find_best_stream(input_.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+  const int video = ChooseVideoStream(*input_);
   info_.noVideoReason = settings_.wantVideo ? "it has no video" : "video is switched off";
   if (settings_.wantVideo && video >= 0) {
     AVStream& stream = *input_->streams[video];

@@ -171,7 +171,7 @@ void MediaReader::HandlePacket(ffmpeg::Packet packet) {
 void MediaReader::FollowOther(const AVPacket& packet) {
   AVStream& stream = *input_->streams[packet.stream_index];
   const bool isVideo = stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
-  if (!isVideo && stream.codecpar->codec_type != AVMEDIA_TYPE_AUDIO) {
+  if ((!isVideo && stream.codecpar->codec_type != AVMEDIA_TYPE_AUDIO) || IsCoverArt(stream)) {
     return;
   }
   if (std::optional<Track>& track = isVideo ? video_ : audio_) {

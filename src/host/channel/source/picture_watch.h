@@ -16,7 +16,7 @@ class PictureWatch {
 
   // limit: without a picture; pictureTime: between two pictures of the source.
   PictureWatch(Clock::duration limit, Clock::duration pictureTime)
-      : limit_(std::max(limit, kPictures * pictureTime)) {}
+      : limit_(std::max(limit, kPictures * std::min(pictureTime, kMaxPictureTime))) {}
 
   void BeginReading(Clock::time_point now) {
     latestPicture_ = left_ ? latestPicture_ + (now - leftAt_) : now;
@@ -34,6 +34,8 @@ class PictureWatch {
 
  private:
   static constexpr int kPictures = 4;
+  // A stream may announce any frame rate: a slower one ends no watch.
+  static constexpr Clock::duration kMaxPictureTime = std::chrono::seconds(10);
 
   const Clock::duration limit_;
   Clock::time_point latestPicture_;

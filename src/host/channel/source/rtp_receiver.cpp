@@ -1,6 +1,7 @@
 #include "host/channel/source/rtp_receiver.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace host {
 namespace {
@@ -23,9 +24,26 @@ std::size_t Number(RtpReceiver::Bytes datagram, std::size_t at) {
   return static_cast<std::size_t>(datagram[at] << 8 | datagram[at + 1]);
 }
 
+// Whether there is a sync byte in every transport packet, wherever the first one begins.
+bool HasSync(RtpReceiver::Bytes bytes) {
+  constexpr std::size_t kMinSyncs = 3;
+  for (std::size_t begin = 0; begin < std::min(kTransportPacket, bytes.size()); ++begin) {
+    std::size_t at = begin;
+    std::size_t syncs = 0;
+    for (; at < bytes.size() && bytes[at] == kSync; at += kTransportPacket) {
+      ++syncs;
+    }
+    const bool isWhole = begin == 0 && bytes.size() % kTransportPacket == 0;
+    if (at >= bytes.size() && (isWhole || syncs >= kMinSyncs)) {
+      return true;
+    }
+  }
+  return false;
+}
+
 }  // namespace
 
-std::optional<RtpReceiver::Packet> RtpReceiver::Parse(Bytes datagram) {
+std::optional<RtpReceiver::Packet> RtpReceiver::ParsePacket(Bytes datagram) {
   std::size_t begin = kHeader + std::size_t{4} * (datagram[0] & 0x0F);
   const bool extended = (datagram[0] & 0x10) != 0;
   if (extended && begin + 4 <= datagram.size()) {
@@ -40,47 +58,159 @@ std::optional<RtpReceiver::Packet> RtpReceiver::Parse(Bytes datagram) {
   packet.payload = datagram.subspan(begin, datagram.size() - begin - padding);
   const bool looksLikeIt = !packet.payload.empty() && packet.payload[0] == kSync &&
                            packet.payload.size() % kTransportPacket == 0;
-  if ((datagram[1] & 0x7F) != kTransportStream && !looksLikeIt) {
-    return std::nullopt;
-  }
-  packet.number = static_cast<std::uint16_t>(Number(datagram, 2));
-  packet.sender = static_cast<std::uint32_t>(Number(datagram, 8) << 16 | Number(datagram, 10));
+  packet.carriesTransportStream = (datagram[1] & 0x7F) == kTransportStream || looksLikeIt;
+  packet.sequenceNumber = static_cast<std::uint16_t>(Number(datagram, 2));
+  packet.ssrc = static_cast<std::uint32_t>(Number(datagram, 8) << 16 | Number(datagram, 10));
   return packet;
 }
 
-RtpReceiver::Bytes RtpReceiver::Take(Bytes datagram, Clock::time_point now) {
-  if (!IsRtp(datagram)) {
-    return datagram;
+RtpReceiver::Datagram RtpReceiver::Parse(Bytes bytes) {
+  Datagram datagram;
+  if (IsRtp(bytes)) {
+    datagram.isControl = IsControl(bytes);
+    datagram.packet = datagram.isControl ? std::nullopt : ParsePacket(bytes);
   }
-  const std::optional<Packet> packet = IsControl(datagram) ? std::nullopt : Parse(datagram);
-  if (!packet) {
-    others_ += IsControl(datagram) || carriesOther() || next_.has_value() ? 0 : 1;
+  datagram.isRaw = !(datagram.packet && datagram.packet->carriesTransportStream) && HasSync(bytes);
+  return datagram;
+}
+
+RtpReceiver::Bytes RtpReceiver::Take(Bytes bytes, Clock::time_point now) {
+  const Datagram datagram = Parse(bytes);
+  out_.clear();
+  switch (framing_) {
+    case Framing::kUnknown:
+      return TakeUndecided(bytes, datagram, now);
+    case Framing::kRaw:
+      return TakeRaw(bytes, datagram);
+    case Framing::kRtp:
+      return TakeRtp(bytes, datagram, now);
+  }
+  return {};
+}
+
+bool RtpReceiver::Follows(const Undecided& earlier, const Packet& packet) {
+  const auto distance = static_cast<std::int16_t>(packet.sequenceNumber - earlier.sequenceNumber);
+  return earlier.carriesTransportStream == packet.carriesTransportStream &&
+         earlier.ssrc == packet.ssrc && distance > 0 && distance <= kMaxSequenceJump;
+}
+
+RtpReceiver::Bytes RtpReceiver::TakeUndecided(Bytes bytes, const Datagram& datagram,
+                                              Clock::time_point now) {
+  if (datagram.isRaw) {
+    framing_ = Framing::kRaw;
+    return StartRaw(bytes);
+  }
+  if (!datagram.packet) {
+    // A report of RTP, or a piece of something that is shorter than a transport packet.
+    return datagram.isControl ? Bytes() : StartRaw(bytes);
+  }
+  const auto first =
+      std::find_if(undecided_.begin(), undecided_.end(),
+                   [&](const Undecided& earlier) { return Follows(earlier, *datagram.packet); });
+  if (datagram.packet->carriesTransportStream && first != undecided_.end()) {
+    return StartRtp(static_cast<std::size_t>(first - undecided_.begin()), bytes, now);
+  }
+  // The first of a sequence counts with its second.
+  others_ += first == undecided_.end() ? 0 : others_ == 0 ? 2 : 1;
+  undecided_.push_back({{bytes.begin(), bytes.end()},
+                        datagram.packet->ssrc,
+                        datagram.packet->sequenceNumber,
+                        datagram.packet->carriesTransportStream});
+  if (undecided_.size() > kMaxUndecided) {
+    undecided_.pop_front();
+  }
+  return {};
+}
+
+RtpReceiver::Bytes RtpReceiver::StartRaw(Bytes bytes) {
+  others_ = 0;
+  candidate_.reset();
+  if (undecided_.empty()) {
+    return bytes;
+  }
+  for (const Undecided& earlier : std::exchange(undecided_, {})) {
+    Append(earlier.bytes);
+  }
+  Append(bytes);
+  return out_;
+}
+
+RtpReceiver::Bytes RtpReceiver::StartRtp(std::size_t firstUndecided, Bytes bytes,
+                                         Clock::time_point now) {
+  framing_ = Framing::kRtp;
+  std::deque<Undecided> earlier = std::exchange(undecided_, {});
+  earlier.erase(earlier.begin(), earlier.begin() + static_cast<std::ptrdiff_t>(firstUndecided));
+  const Bytes first = Start(*ParsePacket(earlier.front().bytes));
+  replayed_.assign(first.begin(), first.end());
+  const auto replay = [&](Bytes datagram) {
+    out_.clear();
+    const Bytes given = TakeRtp(datagram, Parse(datagram), now);
+    replayed_.insert(replayed_.end(), given.begin(), given.end());
+  };
+  earlier.pop_front();
+  for (const Undecided& datagram : earlier) {
+    replay(datagram.bytes);
+  }
+  replay(bytes);
+  return replayed_;
+}
+
+RtpReceiver::Bytes RtpReceiver::TakeRaw(Bytes bytes, const Datagram& datagram) {
+  const std::optional<Packet>& packet = datagram.packet;
+  if (!packet || !packet->carriesTransportStream) {
+    if (datagram.isRaw) {
+      candidate_.reset();
+    }
+    return bytes;
+  }
+  const bool follows =
+      candidate_ && candidate_->ssrc == packet->ssrc && candidate_->next == packet->sequenceNumber;
+  candidate_ = Candidate{packet->ssrc,
+                         static_cast<std::uint16_t>(packet->sequenceNumber + 1),
+                         {},
+                         follows ? candidate_->packets + 1 : 1};
+  if (candidate_->packets < kMinToRevise) {
+    return bytes;
+  }
+  framing_ = Framing::kRtp;
+  return Start(*packet);
+}
+
+RtpReceiver::Bytes RtpReceiver::TakeRtp(Bytes bytes, const Datagram& datagram,
+                                        Clock::time_point now) {
+  if (datagram.isRaw) {
+    if (++rawInARow_ >= kMinToRevise) {
+      framing_ = Framing::kRaw;
+      reordered_.clear();
+      return StartRaw(bytes);
+    }
+    return IsRtp(bytes) ? Bytes() : bytes;
+  }
+  const std::optional<Packet>& packet = datagram.packet;
+  if (!packet || !packet->carriesTransportStream) {
     return {};
   }
-  out_.clear();
-  if (!next_) {
-    return Start(*packet);
-  }
   const auto distance =
-      static_cast<std::int16_t>(packet->number - static_cast<std::uint16_t>(*next_));
+      static_cast<std::int16_t>(packet->sequenceNumber - static_cast<std::uint16_t>(next_));
   const bool late = distance < 0;
   lateInARow_ = late ? lateInARow_ + 1 : 0;
-  if (packet->sender != sender_ || distance < -kReach || distance > kReach ||
-      lateInARow_ > kMostLate) {
+  if (packet->ssrc != ssrc_ || distance < -kMaxSequenceJump || distance > kMaxSequenceJump ||
+      lateInARow_ > kMaxLate) {
     return FromAnother(*packet);
   }
+  rawInARow_ = 0;
   candidate_.reset();
   if (late) {
     return {};
   }
   return distance == 0 ? InOrder(packet->payload, now)
-                       : Hold(*next_ + distance, packet->payload, now);
+                       : Hold(next_ + distance, packet->payload, now);
 }
 
 // Most packets come when they are due: nothing is copied then.
 RtpReceiver::Bytes RtpReceiver::InOrder(Bytes payload, Clock::time_point now) {
-  ++*next_;
-  if (held_.empty()) {
+  ++next_;
+  if (reordered_.empty()) {
     return payload;
   }
   Append(payload);
@@ -89,46 +219,48 @@ RtpReceiver::Bytes RtpReceiver::InOrder(Bytes payload, Clock::time_point now) {
 }
 
 RtpReceiver::Bytes RtpReceiver::Hold(std::int64_t position, Bytes payload, Clock::time_point now) {
-  held_.try_emplace(position, Held{{payload.begin(), payload.end()}, now});
+  reordered_.try_emplace(position, Reordered{{payload.begin(), payload.end()}, now});
   Release(now);
   return out_;
 }
 
 void RtpReceiver::Release(Clock::time_point now) {
-  while (!held_.empty()) {
-    const auto first = held_.begin();
-    const bool waits = held_.size() <= kMostHeld && now - first->second.since < kPatience;
-    if (first->first != *next_ && waits) {
+  while (!reordered_.empty()) {
+    const auto first = reordered_.begin();
+    const bool waits =
+        reordered_.size() <= kMaxReordered && now - first->second.since < kReorderTimeout;
+    if (first->first != next_ && waits) {
       return;
     }
     Append(first->second.payload);
     next_ = first->first + 1;
-    held_.erase(first);
+    reordered_.erase(first);
   }
 }
 
 RtpReceiver::Bytes RtpReceiver::FromAnother(const Packet& packet) {
-  if (!candidate_ || candidate_->sender != packet.sender || candidate_->next != packet.number) {
-    candidate_ = Candidate{packet.sender,
-                           static_cast<std::uint16_t>(packet.number + 1),
+  if (!candidate_ || candidate_->ssrc != packet.ssrc || candidate_->next != packet.sequenceNumber) {
+    candidate_ = Candidate{packet.ssrc,
+                           static_cast<std::uint16_t>(packet.sequenceNumber + 1),
                            {packet.payload.begin(), packet.payload.end()}};
     return {};
   }
-  for (const auto& [position, held] : held_) {
+  for (const auto& [position, held] : reordered_) {
     Append(held.payload);
   }
-  held_.clear();
   Append(candidate_->payload);
   Append(packet.payload);
-  candidate_.reset();
   Start(packet);
   return out_;
 }
 
 RtpReceiver::Bytes RtpReceiver::Start(const Packet& packet) {
-  sender_ = packet.sender;
-  next_ = packet.number + std::int64_t{1};
+  ssrc_ = packet.ssrc;
+  next_ = packet.sequenceNumber + std::int64_t{1};
   lateInARow_ = 0;
+  rawInARow_ = 0;
+  reordered_.clear();
+  candidate_.reset();
   return packet.payload;
 }
 

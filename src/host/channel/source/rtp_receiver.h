@@ -1,9 +1,10 @@
-// RtpReceiver: the datagrams of an RTP sender, back in its order.
+// RtpReceiver: the datagrams of a transport stream's sender, with or without RTP, in its order.
 #pragma once
 
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <optional>
 #include <span>
@@ -11,18 +12,23 @@
 
 namespace host {
 
-// Takes the transport stream out of RTP packets (RFC 3550, RFC 2250): sorts what the network has
-// exchanged, leaves out what came twice, and passes over what is lost once its successors have
-// waited for kPatience. A sender that began anew, with another number or another identity, is
-// followed from its second packet on; one stray packet of somebody else changes nothing.
+// Takes the transport stream out of datagrams. Many senders are called the same, whether there is
+// an RTP header (RFC 3550, RFC 2250) before the stream or not, and no single datagram says which:
+// one that begins in the middle of a transport packet may look like RTP. So it is decided by
+// source: RTP once two packets of one SSRC follow each other, raw once a datagram has the sync
+// bytes of a transport stream where no RTP packet has them. What comes before that waits. Either
+// decision is revised when several datagrams in a row contradict it.
 //
-//   packet   2 bits version 2, padding, extension, 4 bits count of sources; marker, 7 bits type;
-//            16 bits number, 32 bits time, 32 bits identity of the sender; its sources;
+//   packet   2 bits version 2, padding, extension, 4 bits CSRC count; marker, 7 bits payload type;
+//            16 bits sequence number, 32 bits RTP timestamp, 32 bits SSRC; CSRC list;
 //            [extension]; payload; [padding and its length]
 //
-// A datagram that is no RTP packet comes out as it is: many call a transport stream in datagrams
-// the same, whether there is a header before it or not. Packets that carry something else (control,
-// error correction) are left out. Anything may come in. Owned and called by one reader.
+// Raw datagrams come out as they are. RTP packets are sorted by their sequence number, duplicates
+// are left out, and what is lost is passed over once its successors have waited for
+// kReorderTimeout. A sender that restarts, with another sequence number or another SSRC, is
+// followed from its second packet on; one stray packet of another sender changes nothing. Packets
+// that carry something else (control, error correction) are left out. Anything may come in. Owned
+// and called by one reader.
 class RtpReceiver {
  public:
   using Clock = std::chrono::steady_clock;
@@ -31,37 +37,61 @@ class RtpReceiver {
   // What may be handed on now, often nothing; valid until the next call.
   Bytes Take(Bytes datagram, Clock::time_point now);
 
-  // Whether RTP packets came, but none with a transport stream: sound or video by itself.
-  bool carriesOther() const { return others_ >= kMostOthers && !next_.has_value(); }
+  // Whether RTP packets came, but none with a transport stream: audio or video by itself.
+  bool carriesOther() const { return framing_ == Framing::kUnknown && others_ >= kMinOthers; }
 
  private:
-  static constexpr std::chrono::milliseconds kPatience{50};
-  static constexpr std::size_t kMostHeld = 256;
+  static constexpr std::chrono::milliseconds kReorderTimeout{50};
+  static constexpr std::size_t kMaxReordered = 256;
   // Further ahead or behind than that, it is another sequence.
-  static constexpr int kReach = 1024;
+  static constexpr int kMaxSequenceJump = 1024;
   // So many old packets without a new one: not late, but a sequence that began a little earlier.
-  static constexpr int kMostLate = 32;
-  // So many packets that carry something else, and none that does not: nothing more is to come.
-  static constexpr int kMostOthers = 8;
+  static constexpr int kMaxLate = 32;
+  // So many packets in sequence that carry something else: nothing more is to come.
+  static constexpr int kMinOthers = 8;
+  static constexpr std::size_t kMaxUndecided = 16;
+  // So many datagrams in a row against the decision revise it.
+  static constexpr int kMinToRevise = 3;
 
+  enum class Framing { kUnknown, kRaw, kRtp };
   struct Packet {
-    std::uint32_t sender = 0;
-    std::uint16_t number = 0;
+    std::uint32_t ssrc = 0;
+    std::uint16_t sequenceNumber = 0;
     Bytes payload;
+    bool carriesTransportStream = false;
   };
-  struct Held {
+  struct Datagram {
+    std::optional<Packet> packet;  // none: no RTP packet
+    bool isControl = false;
+    bool isRaw = false;  // a transport stream that no RTP packet can carry like this
+  };
+  struct Undecided {
+    std::vector<std::uint8_t> bytes;
+    std::uint32_t ssrc = 0;
+    std::uint16_t sequenceNumber = 0;
+    bool carriesTransportStream = false;
+  };
+  struct Reordered {
     std::vector<std::uint8_t> payload;
     Clock::time_point since;
   };
-  // The first packet of what may be another sequence.
+  // The latest packet of what may be another sequence.
   struct Candidate {
-    std::uint32_t sender = 0;
+    std::uint32_t ssrc = 0;
     std::uint16_t next = 0;
     std::vector<std::uint8_t> payload;
+    int packets = 1;
   };
 
-  static std::optional<Packet> Parse(Bytes datagram);
+  static Datagram Parse(Bytes datagram);
+  static std::optional<Packet> ParsePacket(Bytes datagram);
+  static bool Follows(const Undecided& earlier, const Packet& packet);
   // What each of these lets out.
+  Bytes TakeUndecided(Bytes bytes, const Datagram& datagram, Clock::time_point now);
+  Bytes TakeRaw(Bytes bytes, const Datagram& datagram);
+  Bytes TakeRtp(Bytes bytes, const Datagram& datagram, Clock::time_point now);
+  Bytes StartRaw(Bytes bytes);
+  Bytes StartRtp(std::size_t firstUndecided, Bytes bytes, Clock::time_point now);
   Bytes Start(const Packet& packet);
   Bytes InOrder(Bytes payload, Clock::time_point now);
   Bytes Hold(std::int64_t position, Bytes payload, Clock::time_point now);
@@ -70,13 +100,17 @@ class RtpReceiver {
   void Append(Bytes payload);
   void Release(Clock::time_point now);
 
+  Framing framing_ = Framing::kUnknown;
+  std::deque<Undecided> undecided_;
   int others_ = 0;
-  std::uint32_t sender_ = 0;
-  std::optional<std::int64_t> next_;  // position that is due: numbers, counted on through wraps
+  int rawInARow_ = 0;  // while it is RTP
+  std::uint32_t ssrc_ = 0;
+  std::int64_t next_ = 0;  // position that is due: sequence numbers, counted on through wraps
   int lateInARow_ = 0;
   std::optional<Candidate> candidate_;
-  std::map<std::int64_t, Held> held_;  // came before their turn, by position
+  std::map<std::int64_t, Reordered> reordered_;  // came before their turn, by position
   std::vector<std::uint8_t> out_;
+  std::vector<std::uint8_t> replayed_;
 };
 
 }  // namespace host

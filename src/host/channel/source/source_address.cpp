@@ -1,5 +1,7 @@
 #include "host/channel/source/source_address.h"
 
+#include <algorithm>
+#include <cctype>
 #include <filesystem>
 #include <string_view>
 #include <system_error>
@@ -18,9 +20,35 @@ constexpr const char* kUdpLocalPort = "localport";
 constexpr const char* kPacketSize = "pkt_size";
 constexpr const char* kLongestDatagram = "65507";  // bytes
 
-// FFmpeg lets a file lead to other files only; what a description leads to is the network.
-constexpr const char* kAllowedProtocols = "protocol_whitelist";
-constexpr const char* kProtocolsOfDescriptions = "file,crypto,data,http,https,tls,tcp,udp,rtp,srtp";
+constexpr const char* kFormats = "format_whitelist";
+constexpr const char* kProtocols = "protocol_whitelist";
+
+// Containers that hold media and lead to nothing else. HLS, DASH, SDP, concat, IMF and others are
+// texts that name files and addresses, which FFmpeg then opens.
+#define TAVREL_CONTAINERS                                                                         \
+  "mpegts,mpeg,matroska,mov,flv,live_flv,ogg,avi,asf,nut,mxf,gxf,dv,ivf,obu,wav,w64,aiff,au,caf," \
+  "aac,loas,ac3,eac3,dts,truehd,mp3,flac,amr,h264,hevc,m4v,mpegvideo,vc1,mjpeg,mpjpeg,"           \
+  "yuv4mpegpipe"
+constexpr const char* kContainers = TAVREL_CONTAINERS;
+// Over HTTP there are playlists, with subtitles beside their segments, and single pictures, too.
+constexpr const char* kHttpFormats =
+    TAVREL_CONTAINERS ",hls,dash,webvtt,jpeg_pipe,png_pipe,webp_pipe,bmp_pipe,gif";
+#undef TAVREL_CONTAINERS
+constexpr const char* kTransportStream = "mpegts";
+constexpr const char* kRtmpFormats = "flv,live_flv";
+// A session's description is parsed as one; its packets may carry these containers.
+constexpr const char* kRtspFormats = "rtsp,sdp,rtp,asf,mpegts";
+constexpr const char* kDescriptionFormats = "sdp,rtp,asf,mpegts";
+constexpr const char* kRtpFormats = "rtp,sdp,mpegts";
+
+constexpr const char* kNoProtocol = "none";
+constexpr const char* kNetwork = "http,https,httpproxy,tls,tcp,crypto,data";
+constexpr const char* kSessions = "http,https,httpproxy,tls,tcp,udp,rtp,srtp";
+constexpr const char* kRtmpProtocols =
+    "rtmp,rtmpe,rtmps,rtmpt,rtmpte,rtmpts,ffrtmphttp,ffrtmpcrypt,http,https,httpproxy,tls,tcp";
+constexpr const char* kRtpProtocols = "rtp,udp";
+// A local description is a file, but what it leads to is the network.
+constexpr const char* kLocalDescription = "file,udp,rtp,srtp";
 
 // A file whose name looks like a URL ("cam:1.ts") is still a file.
 std::string OpenName(const std::string& source) {
@@ -30,22 +58,101 @@ std::string OpenName(const std::string& source) {
   return isFile ? "file:" + source : source;
 }
 
+// What stands before the first colon, by FFmpeg's rules; in lower case. Empty: a path.
+std::string SchemeOf(std::string_view name) {
+  constexpr std::string_view kCharacters =
+      "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789+-.";
+  if (name.starts_with("subfile,")) {
+    return "subfile";
+  }
+  const std::size_t end = name.find_first_not_of(kCharacters);
+  if (end == std::string_view::npos || name[end] != ':') {
+    return {};
+  }
+  std::string scheme(name.substr(0, end));
+  std::transform(scheme.begin(), scheme.end(), scheme.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return scheme;
+}
+
+// Protocols that read another address, such as "async:http://...": every name before a colon
+// counts, but for files.
+std::string NamedProtocols(std::string_view name) {
+  std::string names;
+  std::string word;
+  for (const char c : name) {
+    if (std::isalnum(static_cast<unsigned char>(c)) != 0) {
+      word.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(c))));
+      continue;
+    }
+    if ((c == ':' || c == '+' || c == ',') && !word.empty() && word != "file") {
+      names += word + ",";
+    }
+    word.clear();
+  }
+  return names;
+}
+
+// Protocols that read a part of a file, or several of them.
+bool IsLocalWrapper(std::string_view scheme) {
+  return scheme == "subfile" || scheme == "concat" || scheme == "concatf" || scheme == "cache" ||
+         scheme == "async" || scheme == "crypto" || scheme == "data";
+}
+
+bool IsDescription(std::string_view name, bool isRemote) {
+  return (isRemote ? name.substr(0, name.find_first_of("?#")) : name).ends_with(".sdp");
+}
+
+SourceAddress::Options Allowing(SourceAddress::Options options, const char* formats,
+                                const std::string& protocols) {
+  options.try_emplace(kFormats, formats);
+  options.try_emplace(kProtocols, protocols);
+  return options;
+}
+
 }  // namespace
 
 SourceAddress::SourceAddress(const std::string& source)
     : name_(OpenName(source)),
+      scheme_(SchemeOf(name_)),
       isRemote_(name_.find("://") != std::string::npos && !name_.starts_with("file:")),
       isRtp_(name_.starts_with(kRtpScheme)),
       isHttp_(name_.starts_with("http:") || name_.starts_with("https:")),
       datagrams_(isRtp_ || name_.starts_with(kUdpScheme)),
       isConnected_(name_.starts_with("srt:") || name_.starts_with("tcp:")),
-      isDescription_(name_.ends_with(".sdp")) {}
+      isDescription_(IsDescription(name_, isRemote_)) {}
 
 SourceAddress::Options SourceAddress::OpenOptions(Options options) const {
-  if (isDescription_) {
-    options.try_emplace(kAllowedProtocols, kProtocolsOfDescriptions);
+  if (datagrams_) {
+    return Allowing(std::move(options), kTransportStream, kNoProtocol);
   }
-  return options;
+  if (isConnected_) {
+    return Allowing(std::move(options), kContainers, kNoProtocol);
+  }
+  if (scheme_.starts_with("rtsp")) {
+    return Allowing(std::move(options), kRtspFormats, kSessions);
+  }
+  if (isDescription_) {
+    return Allowing(std::move(options), kDescriptionFormats,
+                    IsLocal() ? kLocalDescription : kSessions);
+  }
+  // A file leads to other files only, by FFmpeg's own rule.
+  if (IsLocal() || (!isRemote_ && IsLocalWrapper(scheme_))) {
+    return options;
+  }
+  if (scheme_.starts_with("rtmp")) {
+    return Allowing(std::move(options), kRtmpFormats, kRtmpProtocols);
+  }
+  return Allowing(std::move(options), isHttp_ ? kHttpFormats : kContainers,
+                  NamedProtocols(name_) + kNetwork);
+}
+
+SourceAddress::Options SourceAddress::PipeOptions(Options options) {
+  return Allowing(std::move(options), kContainers, kNoProtocol);
+}
+
+SourceAddress::Options SourceAddress::RtpOptions(Options options) {
+  return Allowing(std::move(options), kRtpFormats, kRtpProtocols);
 }
 
 std::string SourceAddress::ReceiverUrl() const {
@@ -60,6 +167,8 @@ std::string SourceAddress::ReceiverUrl() const {
 }
 
 SourceAddress::Options SourceAddress::ReceiverOptions(Options options) const {
+  options.erase(kFormats);
+  options.erase(kProtocols);
   if (isRtp_) {
     if (auto port = options.extract(kRtpLocalPort); !port.empty()) {
       port.key() = kUdpLocalPort;

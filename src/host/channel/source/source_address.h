@@ -26,15 +26,25 @@ class SourceAddress {
   bool isRtp() const { return isRtp_; }
   bool isHttp() const { return isHttp_; }
 
-  // The given options, and what opening name() needs besides.
+  // The given options, and what opening name() needs besides: above all, which formats and
+  // protocols it may lead to (format_whitelist, protocol_whitelist). What comes from the network
+  // never leads to a local file, and nothing but what an operator expects behind such an address
+  // is a list of other addresses. Options that are given already stay: they may allow more.
   Options OpenOptions(Options options) const;
+  // The same of what comes through a pipe or a device: it leads nowhere.
+  static Options PipeOptions(Options options);
+  // The same of an RTP address without a transport stream.
+  static Options RtpOptions(Options options);
 
-  // Where and with which options a transport stream is received.
+  // Where and with which options a transport stream is received. The whitelists are its demuxer's.
   std::string ReceiverUrl() const;
   Options ReceiverOptions(Options options) const;
 
  private:
+  bool IsLocal() const { return scheme_.empty() || scheme_ == "file"; }
+
   std::string name_;
+  std::string scheme_;  // as FFmpeg understands the name; empty: a path
   bool isRemote_ = false;
   bool isRtp_ = false;
   bool isHttp_ = false;

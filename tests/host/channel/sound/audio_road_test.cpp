@@ -20,16 +20,17 @@ using testing::HasSubstr;
 class AudioRoadTest : public testing::Test {
  protected:
   std::vector<AudioPacket> Take(const std::string& codec, const std::string& extension,
-                                const std::string& rate = "48000",
-                                const std::string& sound = {}) {
+                                const std::string& rate = "48000", const std::string& sound = {}) {
     ClipRecipe recipe = SmallClip();
     recipe.pictures.clear();
     recipe.sound = "sine=frequency=440:sample_rate=" + rate + ",aformat=channel_layouts=stereo";
     recipe.sound = sound.empty() ? recipe.sound : sound;
     recipe.audioCodec = codec;
     recipe.language = "deu";
-    const auto file = folder_ / (codec + rate + extension);
-    MediaReader reader(Source(Write(recipe, file)));
+    return TakeFile(Write(recipe, folder_ / (codec + rate + extension)));
+  }
+  std::vector<AudioPacket> TakeFile(const std::filesystem::path& file) {
+    MediaReader reader(Source(file));
     reader.Open();
     AudioRoad road(track_, "eng", [this](const std::string& what) { said_.push_back(what); });
     road.Announce(reader.audioParameters(), &*reader.info().audio);
@@ -116,6 +117,36 @@ TEST_F(AudioRoadTest, EncodesIntoTheTrackWhenTheSourceComesBackInAnotherForm) {
   said_.clear();
   EXPECT_EQ(Take("ac3", ".ts").size(), source_) << "in its first form it passes again";
   EXPECT_THAT(said_, testing::IsEmpty());
+}
+
+// The demuxer looks at the beginning of a stream only: without more the track would carry packets
+// that it does not describe.
+TEST_F(AudioRoadTest, NoticesAnotherFormWithinOneStream) {
+  struct Case {
+    const char* codec;
+    const char* extension;
+    std::size_t skipped;  // bytes of the second file: its header
+  };
+  for (const Case& each : {Case{"mp2", ".ts", 0}, {"ac3", ".ts", 0}, {"aac", ".flv", 13}}) {
+    track_ = std::make_shared<AudioTrack>();
+    said_.clear();
+    std::string stream;
+    for (const char* const rate : {"48000", "44100"}) {
+      const auto file = folder_ / (std::string(each.codec) + rate + each.extension);
+      Take(each.codec, each.extension, rate);
+      stream += ReadWholeFile(file).substr(stream.empty() ? 0 : each.skipped);
+    }
+    track_ = std::make_shared<AudioTrack>();
+    said_.clear();
+    const auto file = folder_ / (std::string("both") + each.extension);
+    WriteWholeFile(file, stream);
+    const auto packets = TakeFile(file);
+    EXPECT_THAT(said_, testing::ElementsAre(HasSubstr("is encoded for the outputs"))) << each.codec;
+    ASSERT_GT(packets.size(), 60U) << each.codec;
+    for (const AudioPacket& packet : packets) {
+      EXPECT_EQ(packet.format, track_->format());
+    }
+  }
 }
 
 }  // namespace

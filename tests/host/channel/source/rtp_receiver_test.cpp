@@ -58,6 +58,7 @@ class RtpReceiverTest : public testing::Test {
   void Send(const Bytes& datagram) {
     now_ += milliseconds(1);
     const RtpReceiver::Bytes given = receiver_.Take(datagram, now_);
+    stream_.insert(stream_.end(), given.begin(), given.end());
     ASSERT_EQ(given.size() % 188, 0U);
     for (std::size_t at = 0; at < given.size(); at += 188) {
       std::uint32_t name = 0;
@@ -78,6 +79,7 @@ class RtpReceiverTest : public testing::Test {
   RtpReceiver receiver_;
   RtpReceiver::Clock::time_point now_{};
   std::vector<std::uint32_t> names_;  // of what came out
+  Bytes stream_;                      // and all of it
 };
 
 TEST_F(RtpReceiverTest, SortsWhatIsExchangedAndLeavesOutWhatCameTwice) {
@@ -102,7 +104,7 @@ TEST_F(RtpReceiverTest, PassesOverWhatIsLostAfterAShortWait) {
   for (std::uint32_t number = 0; number < 540; ++number) {
     if (number % 100 != 50 && number % 100 != 53) {
       Send(7, number);
-      ASSERT_LE(number - names_.back(), 60U) << "waits too long";
+      ASSERT_LE(number - (names_.empty() ? 0 : names_.back()), 60U) << "waits too long";
     }
   }
   std::vector<std::uint32_t> there = Row(0, 540);
@@ -172,6 +174,64 @@ TEST_F(RtpReceiverTest, SaysWhenThereIsNoTransportStream) {
     Send(Packet(7, number, Bytes(100), 96));
   }
   EXPECT_TRUE(receiver_.carriesOther());
+}
+
+// Raw, in datagrams that begin anywhere in a transport packet (FFmpeg's own length is 1472 bytes):
+// many of them look like RTP, whichever comes first.
+TEST_F(RtpReceiverTest, PassesEveryByteOfARawStreamWithoutAlignment) {
+  std::mt19937 random(3);
+  for (const std::size_t length : {1472U, 1328U, 1000U}) {
+    for (std::size_t begin = 0; begin < 188; begin += 4) {
+      receiver_ = {};
+      stream_.clear();
+      Bytes sent;
+      while (sent.size() < 200 * length) {
+        Bytes packet(188);
+        std::generate(packet.begin(), packet.end(), [&] { return Low(random()); });
+        packet[0] = 0x47;
+        sent.insert(sent.end(), packet.begin(), packet.end());
+      }
+      sent.erase(sent.begin(), sent.begin() + static_cast<std::ptrdiff_t>(begin));
+      for (std::size_t at = 0; at < sent.size(); at += length) {
+        const std::size_t end = std::min(at + length, sent.size());
+        const RtpReceiver::Bytes given =
+            receiver_.Take(std::span(sent).subspan(at, end - at), now_);
+        stream_.insert(stream_.end(), given.begin(), given.end());
+        ASSERT_FALSE(receiver_.carriesOther()) << length << " " << begin << " " << at;
+      }
+      ASSERT_TRUE(stream_ == sent) << length << " " << begin;
+    }
+  }
+}
+
+TEST_F(RtpReceiverTest, ADecisionIsRevisedWhenTheSenderChangesItsFraming) {
+  for (int round = 0; round < 3; ++round) {
+    for (std::uint32_t number = 0; number < 100; ++number) {
+      Bytes raw = Payload(number);
+      raw.insert(raw.begin(), 20, 0x80);  // begins like RTP, in the middle of a packet
+      for (std::uint32_t i = 1; i < 4; ++i) {
+        const Bytes next = Payload(number);
+        raw.insert(raw.end(), next.begin(), next.end());
+      }
+      const RtpReceiver::Bytes given = receiver_.Take(raw, now_);
+      EXPECT_EQ(given.size(), round > 0 && number < 2 ? 0 : raw.size()) << round << " " << number;
+    }
+    for (std::uint32_t number = 0; number < 100; ++number) {
+      const RtpReceiver::Bytes given = receiver_.Take(Packet(7, number, Payload(number)), now_);
+      EXPECT_EQ(given.size(), number < 2 ? 200 : 188) << round << " " << number;
+    }
+  }
+}
+
+TEST_F(RtpReceiverTest, StrayPacketsOverWeeksDoNotEndASource) {
+  for (const bool isRaw : {true, false}) {
+    receiver_ = {};
+    for (std::uint32_t number = 0; number < 1000; ++number) {
+      Send(isRaw ? Payload(number) : Packet(7, number, Payload(number)));
+      receiver_.Take(Packet(9, number, Bytes(100), 96), now_);
+      ASSERT_FALSE(receiver_.carriesOther()) << number;
+    }
+  }
 }
 
 TEST_F(RtpReceiverTest, AnythingMayComeIn) {
