@@ -20,8 +20,7 @@ using testing::HasSubstr;
 class AudioRoadTest : public testing::Test {
  protected:
   std::vector<AudioPacket> Take(const std::string& codec, const std::string& extension,
-                                const std::string& rate = "48000",
-                                const std::string& sound = {}) {
+                                const std::string& rate = "48000", const std::string& sound = {}) {
     ClipRecipe recipe = SmallClip();
     recipe.pictures.clear();
     recipe.sound = "sine=frequency=440:sample_rate=" + rate + ",aformat=channel_layouts=stereo";
