@@ -85,32 +85,6 @@ TEST_F(OutputsTest, AConsumerThatStopsReadingTakesNothingFromTheOthers) {
             status[1].video.written * 47 / 25);
 }
 
-TEST_F(OutputsTest, AnOutputThatFailsIsOpenedAgainAndDisturbsNobody) {
-  AddChannels(2);
-  // The folder comes later.
-  const std::filesystem::path late = folder_ / "late";
-  host::OutputSet::Settings settings = host::OutputsOfWall(
-      wall_.wall(), {To(late / "wall.ts"), To(folder_ / "wall.mkv"), To(folder_ / "wall.nonsense")},
-      true);
-  host::OutputSet set(settings, &wall_.outputs(), &wall_.logger());
-  bool made = false;
-  RunLiveUntil(settings, set, "the late output has written two seconds", [&] {
-    if (!made && set.status()[1].video.written > 10) {
-      made = std::filesystem::create_directory(late);
-    }
-    return set.status()[0].video.written > 50;
-  });
-  const std::vector<host::OutputSet::Status> status = set.status();
-  EXPECT_EQ(status[0].failure, "");
-  EXPECT_EQ(wall_.outputs().recoveries(), 1);
-  EXPECT_EQ(e2e::DecodeWhole(late / "wall.ts"), "");
-  EXPECT_GT(e2e::ReadPackets(late / "wall.ts", 2).size(), 20U);
-  EXPECT_EQ(status[1].video.written + status[1].video.dropped, composed_);
-  EXPECT_TRUE(status[2].failed) << "no such container: it is not tried again";
-  EXPECT_THAT(wall_.outputs().failures(),
-              testing::Contains(HasSubstr("No such file or directory")));
-}
-
 // The same encoders feed them all: what one file holds has to be in the others, cut or not.
 TEST_F(OutputsTest, TheFilesOfACutRecordingHoldTogetherWhatOneFileWould) {
   constexpr const char* kCodecs[] = {"aac", "ac3", "mp2"};

@@ -232,7 +232,8 @@ class WallCommandRun {
   ExitCode CodeOfOutputs() const {
     const std::vector<OutputSet::Status> all = outputs_->status();
     const auto lost = std::count_if(all.begin(), all.end(), [&](const OutputSet::Status& output) {
-      return command_.live ? output.video.written == 0 && !output.failure.empty() : output.failed;
+      return output.failed ||
+             (command_.live && output.video.written == 0 && !output.failure.empty());
     });
     const bool bad = command_.live ? lost == std::ssize(all) && lost > 0 : lost > 0;
     return bad ? ExitCode::kCouldNotStart : ExitCode::kDone;

@@ -45,7 +45,7 @@ FileOutput::~FileOutput() {
   if (file_ != nullptr && isOwn_) {
     std::fclose(file_);
   }
-  if (isNew_ && !written_) {
+  if (isNew_ && (written_ == 0 || discarded_)) {
     std::error_code ignored;
     std::filesystem::remove(path_, ignored);
   }
@@ -64,7 +64,7 @@ void FileOutput::Close() {
 int FileOutput::OnWrite(void* output, std::uint8_t* bytes, int size) {
   auto& self = *static_cast<FileOutput*>(output);
   const std::size_t put = std::fwrite(bytes, 1, static_cast<std::size_t>(size), self.file_);
-  self.written_ = self.written_ || put > 0;
+  self.written_ += static_cast<std::int64_t>(put);
   if (put < static_cast<std::size_t>(size) || (!self.isOwn_ && std::fflush(self.file_) != 0)) {
     return AVERROR(errno);
   }

@@ -1,6 +1,7 @@
 // FileOutput: the file of a recording.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -27,13 +28,19 @@ class FileOutput {
   FileOutput(const std::string& path, Existing existing);
   // The standard output of the process, which is a file. Written from where it stands, no seeking.
   static std::unique_ptr<FileOutput> OfStandardOutput();
-  // Closes the file; one that was new and into which nothing was written is removed.
+  // Closes the file; one that was new is removed when nothing was written into it, or when it is to
+  // be discarded.
   ~FileOutput();
   FileOutput(const FileOutput&) = delete;
   FileOutput& operator=(const FileOutput&) = delete;
 
   AVIOContext* io() const { return io_.get(); }
   const std::string& path() const { return path_; }
+  // Bytes that have reached the file, those of parts that were written twice included. Any
+  // thread.
+  std::int64_t written() const { return written_; }
+  // Nothing of use will be in the file.
+  void Discard() { discarded_ = true; }
   // Writes what is buffered and closes the file. Throws Error.
   void Close();
 
@@ -48,7 +55,8 @@ class FileOutput {
   std::FILE* file_ = nullptr;
   bool isOwn_ = true;
   bool isNew_ = false;
-  bool written_ = false;
+  bool discarded_ = false;
+  std::atomic<std::int64_t> written_{0};
   CallbackIo io_;
 };
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <string_view>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -18,6 +19,13 @@ namespace {
 
 // How much of a recording a kill may cost, beside what the encoder holds.
 constexpr Time kFlushInterval = kSecond / 2;
+
+// Audio may be written half a second behind the video, which carries the PCR: see Interleaver.
+constexpr Time kDecoderDelay = 700 * kMillisecond;
+constexpr Time kShortDecoderDelay = 200 * kMillisecond;
+// Milliseconds; shorter than a frame: every frame has a PCR up to 50 frames per second. Audio is
+// not collected for larger PES packets, so that it leaves in time.
+constexpr const char* kPcrPeriod = "20";
 
 // FFmpeg finds the format of a file by its name, but not that of most URLs.
 const char* FormatOfScheme(const std::string& scheme) {
@@ -99,12 +107,34 @@ std::optional<Recording> RecordingIn(const AVOutputFormat& container) {
     return Recording{{{"cluster_time_limit", std::to_string(kFlushInterval / kMillisecond)}}, 0};
   }
   if (Has(container.priv_class, "movflags")) {
-    // Where tracks of AC-3 are, their description is made of their first packet, so that the header
+    // The table of all fragments at the end would take memory for each of them until then. Where
+    // tracks of AC-3 are, their description is made of their first packet, so that the header
     // is written with the first fragment.
-    return Recording{{{"movflags", "frag_custom+empty_moov+delay_moov+default_base_moof"}},
-                     kFlushInterval};
+    return Recording{
+        {{"movflags", "frag_custom+empty_moov+delay_moov+default_base_moof+skip_trailer"}},
+        kFlushInterval};
   }
   return std::nullopt;
+}
+
+Time DecoderDelay(const AVOutputFormat& container, bool lowDelay) {
+  const std::string_view name = container.name;
+  if (name != "mpegts" && name != "rtp_mpegts") {
+    return 0;
+  }
+  return lowDelay ? kShortDecoderDelay : kDecoderDelay;
+}
+
+std::map<std::string, std::string> TransportOptions(const AVOutputFormat& container) {
+  const std::string_view name = container.name;
+  if (name == "mpegts") {
+    return {{"pcr_period", kPcrPeriod}, {"pes_payload_size", "0"}};
+  }
+  if (name == "rtp_mpegts") {
+    return {
+        {"mpegts_muxer_options", std::string("pcr_period=") + kPcrPeriod + ":pes_payload_size=0"}};
+  }
+  return {};
 }
 
 bool Holds(const AVOutputFormat& container, int codec) {

@@ -28,6 +28,13 @@ struct Recording {
 // file, or several, it says nothing.
 std::optional<Recording> RecordingIn(const AVOutputFormat& container);
 
+// How long a transport stream leaves a decoder for what it receives before it is due (PTS against
+// PCR), or shorter with less delay; 0 for other containers, HLS among them: its segments are there
+// as a whole.
+Time DecoderDelay(const AVOutputFormat& container, bool lowDelay);
+// The options that such a stream needs beside it.
+std::map<std::string, std::string> TransportOptions(const AVOutputFormat& container);
+
 // Whether packets of a codec, AVCodecID, fit into a container, as far as the container says.
 bool Holds(const AVOutputFormat& container, int codec);
 // "flv cannot hold hevc: it holds h264, flv1, ...", the latter as far as it can be encoded here.

@@ -17,6 +17,9 @@ namespace {
 
 constexpr std::int64_t kSoundRate = 256'000;
 
+// Segments are as long as the first multiple of the keyframe interval from there on.
+constexpr Time kMinSegment = 19 * kSecond / 10;
+
 std::string SoundName(std::size_t number) {
   return "sound" + std::to_string(number + 1);
 }
@@ -30,8 +33,11 @@ std::string Quoted(std::string text) {
 
 }  // namespace
 
-HlsLayout::HlsLayout(const Muxer::Settings& settings, bool live)
-    : settings_(settings), playlist_(settings.url), live_(live) {
+HlsLayout::HlsLayout(const Muxer::Settings& settings, Kind kind, Time keyframes)
+    : settings_(settings),
+      playlist_(settings.url),
+      kind_(kind),
+      keyframes_(std::max<Time>(1, keyframes)) {
   if (settings.url.find("://") != std::string::npos) {
     throw ffmpeg::Error(AVERROR(EINVAL), "HLS is written to files only, not to", settings.url);
   }
@@ -60,9 +66,27 @@ void HlsLayout::Apply(Muxer& muxer) const {
   };
   muxer.SetOption("var_stream_map", map);
   choose("hls_segment_filename", stem + "_%v_%05d.ts");
-  choose("hls_flags", live_ ? "independent_segments+delete_segments" : "independent_segments");
-  choose("hls_list_size", live_ ? "6" : "0");
-  if (!live_) {
+  // The renditions of audio are cut at these times, too.
+  const Time segment = (kMinSegment + keyframes_ - 1) / keyframes_ * keyframes_;
+  char seconds[32];
+  std::snprintf(seconds, sizeof(seconds), "%.6f", static_cast<double>(segment) / kSecond);
+  choose("hls_time", seconds);
+  std::string flags = "independent_segments";
+  if (kind_.isLive) {
+    flags += "+delete_segments";
+  }
+  if (kind_.isLive && !kind_.isKept) {
+    std::error_code ignored;
+    if (std::filesystem::exists(stem + "_video.m3u8", ignored)) {
+      flags += "+append_list";
+    } else {
+      // Segments of a playlist that is gone may be known to players and caches.
+      choose("hls_start_number_source", "epoch");
+    }
+  }
+  choose("hls_flags", flags);
+  choose("hls_list_size", kind_.isLive ? "6" : "0");
+  if (!kind_.isLive) {
     choose("hls_playlist_type", "vod");
   }
 }

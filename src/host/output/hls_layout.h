@@ -21,8 +21,14 @@ namespace host {
 // of the operator go before those that are chosen here. One thread, for one opening.
 class HlsLayout {
  public:
-  // live: old segments are removed. Throws ffmpeg::Error for a URL that is no file.
-  HlsLayout(const Muxer::Settings& settings, bool live);
+  struct Kind {
+    bool isLive = false;  // old segments are removed
+    bool isKept = false;  // none is, and its name is new
+  };
+  // A live playlist that is there is continued behind a discontinuity under numbers that none of
+  // its segments had. keyframes: the time between two. Throws ffmpeg::Error for a URL that is no
+  // file.
+  HlsLayout(const Muxer::Settings& settings, Kind kind, Time keyframes);
 
   // In the order of the muxer's tracks.
   void AddSound(const std::string& name, const std::string& language);
@@ -41,7 +47,8 @@ class HlsLayout {
 
   const Muxer::Settings settings_;
   const std::filesystem::path playlist_;
-  const bool live_;
+  const Kind kind_;
+  const Time keyframes_;
   std::vector<Sound> sounds_;
 };
 

@@ -16,8 +16,8 @@ Time Middle(const AVPacket& packet) {
 
 }  // namespace
 
-Interleaver::Interleaver(OutputCounters& counters)
-    : counters_(counters), tracks_(counters.channels()) {}
+Interleaver::Interleaver(OutputCounters& counters, Time lateness)
+    : counters_(counters), lateness_(lateness), tracks_(counters.channels()) {}
 
 Interleaver::~Interleaver() {
   for (std::size_t i = 0; i < tracks_.size(); ++i) {
@@ -43,7 +43,7 @@ void Interleaver::PushAudio(std::size_t channel, ffmpeg::Packet packet, Time shi
     Move(channel, shift - *track.shift);
   }
   track.shift = shift;
-  const bool tooLate = base_ && packet->dts < std::max(*base_, newestVideo_ - kMaxLateness);
+  const bool tooLate = base_ && packet->dts < std::max(*base_, newestVideo_ - lateness_);
   const bool tooEarly = base_ && packet->dts > newestVideo_ + kMaxLead;
   if (packet->dts < track.written || tooLate || tooEarly) {
     LeaveOut(channel);
@@ -79,7 +79,8 @@ void Interleaver::Release(Time before, const Write& write) {
     ffmpeg::Packet packet = std::move(track.packets.front());
     track.packets.pop_front();
     track.written = Middle(*packet);
-    if (packet->dts < *base_) {
+    // It may have become too late here, when its channel was re-synchronised.
+    if (packet->dts < std::max(*base_, newestVideo_ - lateness_)) {
       LeaveOut(earliest);
       continue;
     }
@@ -97,8 +98,8 @@ void Interleaver::PushVideo(ffmpeg::Packet packet, const Write& write) {
     }
     base_ = start_ = end_ = packet->pts;
   }
-  newestVideo_ = packet->dts;
   Release(packet->dts, write);
+  newestVideo_ = packet->dts;
   end_ = std::max(end_, packet->pts + packet->duration);
   packet->pts -= *base_;
   packet->dts -= *base_;

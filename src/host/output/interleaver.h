@@ -28,7 +28,7 @@ namespace host {
 // its thread; times in 100 ns.
 class Interleaver {
  public:
-  // Audio may stand that far behind the video that was written before it.
+  // Audio may stand that far behind the video that was written before it, where players allow it.
   static constexpr Time kMaxLateness = kSecond / 2;
   // Audio is one second ahead, and what an encoder of video holds back.
   static constexpr Time kMaxLead = 20 * kSecond;
@@ -36,8 +36,9 @@ class Interleaver {
   // track: OutputCounters::kVideo or the number of the channel.
   using Write = std::function<void(int track, ffmpeg::Packet packet)>;
 
-  // counters outlive the interleaver; it counts what it leaves out.
-  explicit Interleaver(OutputCounters& counters);
+  // counters outlive the interleaver; it counts what it leaves out. lateness: how far audio may
+  // stand behind the video that was written before it.
+  explicit Interleaver(OutputCounters& counters, Time lateness = kMaxLateness);
   // What still waits is left out.
   ~Interleaver();
   Interleaver(const Interleaver&) = delete;
@@ -53,6 +54,10 @@ class Interleaver {
   // Hands over the rest of the audio, up to the end of the video.
   void Finish(const Write& write);
 
+  // The end of the video in this file.
+  Time end() const { return InFile(end_); }
+  // What a time of the wall is in this file.
+  Time InFile(Time time) const { return base_ ? time - *base_ : 0; }
   // The length of the video that was handed over, of all files.
   Time length() const { return end_ - start_; }
 
@@ -69,6 +74,7 @@ class Interleaver {
   void Release(Time before, const Write& write);
 
   OutputCounters& counters_;
+  const Time lateness_;
   std::vector<Track> tracks_;
   // All on the wall's clock.
   std::optional<Time> base_;  // becomes 0 in the file

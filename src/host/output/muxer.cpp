@@ -9,6 +9,7 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavcodec/bsf.h>
 #include <libavformat/avformat.h>
+#include <libavutil/opt.h>
 }
 
 #include "host/ffmpeg/error.h"
@@ -46,12 +47,23 @@ Muxer::Muxer(Settings settings) : settings_(std::move(settings)) {
     }
     output_->flags |= AVFMT_FLAG_FLUSH_PACKETS;
   }
+  if (const Time delay = DecoderDelay(*container, settings_.lowDelay); delay > 0) {
+    output_->max_delay = static_cast<int>(av_rescale(delay, AV_TIME_BASE, kSecond));
+    settings_.options.merge(TransportOptions(*container));
+  }
   output_->max_interleave_delta = av_rescale(settings_.interleaveLimit, AV_TIME_BASE, kSecond);
 }
 
 Muxer::~Muxer() {
   if (started_) {
     deadline_.Arm(settings_.writeLimit);
+    if (!file_ && (output_->oformat->flags & AVFMT_NOFILE) == 0) {
+      deadline_.Cancel();  // a connection that has failed takes no end
+    }
+    if (formatName() == "hls") {
+      // It has failed and will continue: players are to come again.
+      av_opt_set(output_->priv_data, "hls_flags", "+omit_endlist", 0);
+    }
     av_write_trailer(output_.get());
   }
 }
@@ -139,6 +151,16 @@ bool Muxer::writesFile() const {
          !ffmpeg::PipeOutput::Serves(settings_.url);
 }
 
+bool Muxer::hasDelivered() const {
+  return file_ ? file_->written() > headerEnd_ : paced_ ? paced_->hasSent() : written_;
+}
+
+void Muxer::DiscardFile() {
+  if (file_) {
+    file_->Discard();
+  }
+}
+
 void Muxer::SetFile(std::unique_ptr<ffmpeg::FileOutput> file) {
   SetUrl(file->path());
   file_ = std::move(file);
@@ -158,16 +180,36 @@ void Muxer::Open(ffmpeg::Options& options) {
     output_->flags |= AVFMT_FLAG_CUSTOM_IO;
     return;
   }
-  const int result = avio_open2(&output_->pb, settings_.url.c_str(), AVIO_FLAG_WRITE,
-                                &output_->interrupt_callback, options.Exchange());
+  Connect(options);
+}
+
+void Muxer::Connect(ffmpeg::Options& options) {
+  const std::optional<wall::Url> url = wall::ParseUrl(settings_.url);
+  if (url && wall::Listens(*url, settings_.options)) {
+    // A port that is closed now and then refuses whoever comes meanwhile.
+    deadline_.Disarm();
+  }
+  const bool isPaced = settings_.isPaced && url && url->scheme == "udp" &&
+                       formatName() == "mpegts" && !settings_.options.contains("bitrate") &&
+                       !url->query.contains("bitrate");
+  // Datagrams leave between two writes, too, when no deadline is set.
+  const AVIOInterruptCB interrupt = {&ffmpeg::IoDeadline::Callback,
+                                     isPaced ? &pacing_ : &deadline_};
+  const int result = avio_open2(&output_->pb, settings_.url.c_str(), AVIO_FLAG_WRITE, &interrupt,
+                                options.Exchange());
   if (result == AVERROR_EXIT && deadline_.expired()) {
     throw ffmpeg::Error(AVERROR(ETIMEDOUT), "nobody has answered at", settings_.url);
   }
   ffmpeg::Check(result, "cannot write", settings_.url);
+  if (isPaced) {
+    paced_.emplace(ffmpeg::Connection(std::exchange(output_->pb, nullptr)), deadline_);
+    output_->pb = paced_->io();
+    output_->flags |= AVFMT_FLAG_CUSTOM_IO;
+  }
 }
 
 void Muxer::Start() {
-  deadline_.Arm(settings_.writeLimit);
+  deadline_.Arm(settings_.openLimit);
   if (!settings_.title.empty()) {
     av_dict_set(&output_->metadata, "title", settings_.title.c_str(), 0);
     av_dict_set(&output_->metadata, "service_name", settings_.title.c_str(), 0);
@@ -179,9 +221,11 @@ void Muxer::Start() {
   if ((output_->oformat->flags & AVFMT_NOFILE) == 0) {
     Open(options);
   }
+  deadline_.Arm(settings_.writeLimit);
   ffmpeg::Check(avformat_write_header(output_.get(), options.Exchange()), "cannot write",
                 settings_.url);
   unknownOptions_ = options.UnusedKeys();
+  headerEnd_ = file_ ? avio_tell(output_->pb) : 0;
   started_ = true;
 }
 
@@ -237,7 +281,6 @@ bool Muxer::WriteFiltered(std::size_t track, ffmpeg::Packet packet) {
   const std::int64_t earliest = last ? *last + (mayRepeat ? 0 : 1) : packet->dts;
   if (packet->dts != AV_NOPTS_VALUE && packet->dts < earliest) {
     packet->dts = earliest;
-    ++movedPackets_;
   }
   if (packet->pts != AV_NOPTS_VALUE) {
     packet->pts = std::max(packet->pts, packet->dts);
@@ -250,6 +293,7 @@ bool Muxer::WriteFiltered(std::size_t track, ffmpeg::Packet packet) {
     return false;
   }
   ffmpeg::Check(result, "cannot write", settings_.url);
+  written_ = true;
   return true;
 }
 
@@ -257,13 +301,17 @@ void Muxer::Finish() {
   if (!std::exchange(started_, false)) {
     return;
   }
-  deadline_.Arm(settings_.writeLimit);
+  // The end of a file may be the longest part: its index may be moved to its beginning.
+  file_ ? deadline_.Disarm() : deadline_.Arm(settings_.writeLimit);
   ffmpeg::Check(av_write_trailer(output_.get()), "cannot finish", settings_.url);
   if (file_) {
     file_->Close();
   } else if (pipe_) {
     avio_flush(output_->pb);
     ffmpeg::Check(output_->pb->error, "cannot finish", settings_.url);
+  } else if (paced_) {
+    avio_flush(output_->pb);
+    ffmpeg::Check(paced_->Drain(), "cannot finish", settings_.url);
   } else if ((output_->oformat->flags & AVFMT_NOFILE) == 0) {
     ffmpeg::Check(avio_closep(&output_->pb), "cannot finish", settings_.url);
   }

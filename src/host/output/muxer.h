@@ -14,6 +14,7 @@
 #include "host/ffmpeg/handles.h"
 #include "host/ffmpeg/io_deadline.h"
 #include "host/ffmpeg/pipe_output.h"
+#include "host/output/paced_output.h"
 #include "host/units.h"
 
 struct AVCodecParameters;
@@ -22,7 +23,7 @@ namespace host {
 
 // Add the tracks, Start, Write, Finish. Packets of all tracks are interleaved by time here. Within
 // a track decoding times are made to increase, as containers demand: a packet that falls behind,
-// for example when a channel re-synchronised, is moved just behind the one before it and counted.
+// for example when a channel re-synchronised, is moved just behind the one before it.
 // Owned and called by one output on its thread, except Cancel.
 class Muxer {
  public:
@@ -30,12 +31,20 @@ class Muxer {
     std::string url;     // path or URL
     std::string format;  // FFmpeg's name; empty: by the name of the file or the scheme of the URL
     std::string title;   // of the file, or the service name of a transport stream; may be empty
-    std::chrono::milliseconds writeLimit{10'000};  // for each call that may wait for a consumer
+    // For each call that may wait for a consumer; who listens waits for the first one as long as it
+    // takes.
+    std::chrono::milliseconds writeLimit{10'000};
+    // Until a connection or a pipe has somebody at the other end.
+    std::chrono::milliseconds openLimit{10'000};
     // Packets of all tracks are brought into order here; otherwise they come in order.
     bool interleaves = true;
     // A file is to be as long as what was written, whenever the program is killed, as far as the
     // container and the options allow it (see RecordingIn).
     bool survivesKill = false;
+    // A transport stream over UDP leaves evenly, unless the options give it a rate.
+    bool isPaced = false;
+    // A transport stream leaves its decoders less time (see DecoderDelay).
+    bool lowDelay = false;
     // A track that is silent for longer no longer holds the others back.
     Time interleaveLimit = 10 * kSecond;
     std::map<std::string, std::string> options;  // of FFmpeg's container and protocol
@@ -43,7 +52,8 @@ class Muxer {
 
   // Throws ffmpeg::Error when there is no such format.
   explicit Muxer(Settings settings);
-  // Finishes a started output that was not finished, without a word when that fails.
+  // Finishes a started file that was not finished, without a word when that fails; a playlist stays
+  // one that continues, and a connection is closed.
   ~Muxer();
   Muxer(const Muxer&) = delete;
   Muxer& operator=(const Muxer&) = delete;
@@ -64,7 +74,10 @@ class Muxer {
   // ffmpeg::Error.
   void Finish();
   // Ends a blocking call, from any thread, for good.
-  void Cancel() { deadline_.Cancel(); }
+  void Cancel() {
+    deadline_.Cancel();
+    pacing_.Cancel();
+  }
 
   // Whether encoders must put their headers into their parameters.
   bool wantsGlobalHeader() const;
@@ -75,11 +88,16 @@ class Muxer {
   void SetFile(std::unique_ptr<ffmpeg::FileOutput> file);
   // The output is one file, which the muxer creates itself unless it is given one.
   bool writesFile() const;
+  // Part of what was written after the header has left the program: it is in the file, or on its
+  // way to the other end.
+  bool hasDelivered() const;
+  // Bytes that have reached the file; 0 where there is none. Any thread, once it has its file.
+  std::int64_t fileBytes() const { return file_ ? file_->written() : 0; }
+  // A file that was created for this output is removed when the output ends.
+  void DiscardFile();
   std::string formatName() const;
   // Options of the settings that neither container nor protocol knows; after Start.
   const std::vector<std::string>& unknownOptions() const { return unknownOptions_; }
-  // Packets that were moved because they fell behind.
-  std::uint64_t movedPackets() const { return movedPackets_; }
 
  private:
   struct Track {
@@ -91,20 +109,24 @@ class Muxer {
   void FlushBefore(const AVPacket& packet);
   bool WriteFiltered(std::size_t track, ffmpeg::Packet packet);
   void Open(ffmpeg::Options& options);
+  void Connect(ffmpeg::Options& options);
   std::size_t AddTrack(const AVCodecParameters& parameters);
 
   Settings settings_;
   ffmpeg::IoDeadline deadline_;
-  // What output_ writes, when that is a file or a pipe.
+  ffmpeg::IoDeadline pacing_;  // of the connection behind paced_; ends it only when cancelled
+  // What output_ writes through, when that is not FFmpeg's own.
   std::unique_ptr<ffmpeg::FileOutput> file_;
   std::optional<ffmpeg::PipeOutput> pipe_;
+  std::optional<PacedOutput> paced_;
   ffmpeg::OutputFormat output_;
   std::vector<Track> tracks_;
   std::vector<std::string> unknownOptions_;
   Time flushInterval_ = 0;       // 0: nothing is flushed
   std::optional<Time> flushed_;  // time of the packet before which it was
   bool started_ = false;
-  std::uint64_t movedPackets_ = 0;
+  std::int64_t headerEnd_ = 0;  // bytes
+  bool written_ = false;        // a packet after the header
 };
 
 }  // namespace host

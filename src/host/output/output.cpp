@@ -10,6 +10,9 @@ namespace {
 
 using std::chrono::milliseconds;
 
+// A file that does not grow for that long when it is to be finished is given up.
+constexpr std::uint32_t kFileStall = 2'000;
+
 }  // namespace
 
 Output::Output(Settings settings, ffmpeg::Parameters video, OutputObserver* observer,
@@ -103,14 +106,32 @@ void Output::SetFailure(const std::string& reason) {
 
 std::string Output::failure() const {
   const std::lock_guard guard(lock_);
-  return failure_;
+  return failure_.empty() ? encoderFailure_ : failure_;
 }
 
-void Output::FailForGood(const std::string& reason) {
-  SetFailure(reason);
-  failed_ = true;
-  queue_.Abandon();
-  observer_->OutputFailed(settings_.name, reason, std::nullopt);
+void Output::EncoderFailed(const std::string& reason, std::optional<milliseconds> retryIn) {
+  {
+    const std::lock_guard guard(lock_);
+    encoderFailure_ = reason;
+  }
+  if (!retryIn) {
+    failed_ = true;
+    queue_.Abandon();
+  }
+  observer_->OutputFailed(settings_.name, reason, retryIn);
+}
+
+void Output::EncoderRecovered() {
+  {
+    const std::lock_guard guard(lock_);
+    encoderFailure_.clear();
+    if (!failure_.empty()) {
+      return;  // reported when it is open
+    }
+  }
+  const std::string target = file();
+  observer_->OutputOpened(settings_.name, target.empty() ? settings_.name : target,
+                          OutputObserver::Opening::kAgain);
 }
 
 std::string Output::RunPass(OutputPass& pass) {
@@ -127,21 +148,29 @@ std::string Output::RunPass(OutputPass& pass) {
 
 void Output::Run() {
   milliseconds delay = settings_.firstDelay;
-  for (;;) {
-    OutputPass pass(
+  for (bool hasFailed = false;; hasFailed = true) {
+    std::optional<OutputPass> pass;
+    pass.emplace(
         settings_.pass, *video_, counters_,
-        {recording_ ? &*recording_ : nullptr,
-         [this](const std::string& what) { observer_->OutputSaid(settings_.name, what); },
-         [this](const OutputPass& open, const std::string& file) { Opened(open, file); }});
-    const std::string reason = SetPass(&pass) ? RunPass(pass) : "stopped";
+        OutputPass::Owner{
+            recording_ ? &*recording_ : nullptr,
+            [this](const std::string& what) { observer_->OutputSaid(settings_.name, what); },
+            [this](const OutputPass& open, const std::string& file) { Opened(open, file); },
+            !recording_ && settings_.live ? [this] { return queue_.SkipToNewestKeyframe(); }
+                                          : std::function<bool()>(),
+            hasFailed ? settings_.openAfter : 0});
+    const std::string reason = SetPass(&*pass) ? RunPass(*pass) : "stopped";
     const bool goesOn = SetPass(nullptr) && settings_.live && !failed_;
     if (reason.empty() || failed_) {
       return;
     }
     SetFailure(reason);
-    if (pass.length() >= settings_.longestDelay.count() * kMillisecond) {
+    if (pass->length() >= settings_.longestDelay.count() * kMillisecond) {
       delay = settings_.firstDelay;
     }
+    // A consumer that serves one connection has room for the next one, and a disk for the next
+    // file.
+    pass.reset();
     observer_->OutputFailed(settings_.name, reason, goesOn ? std::optional(delay) : std::nullopt);
     if (!goesOn || !queue_.DiscardFor(delay)) {
       break;
@@ -152,10 +181,23 @@ void Output::Run() {
   queue_.Abandon();
 }
 
+std::int64_t Output::FileBytes() {
+  const std::lock_guard guard(lock_);
+  return recording_ && pass_ != nullptr ? pass_->fileBytes() : 0;
+}
+
 void Output::Finish(milliseconds limit) {
   queue_.Close();
+  std::int64_t before = FileBytes();
   if (thread_->Wait(static_cast<std::uint32_t>(limit.count()))) {
     return;
+  }
+  // A file grows as long as it is finished, be its disk slow or its index moved to its beginning.
+  for (std::int64_t bytes = FileBytes(); bytes != before; bytes = FileBytes()) {
+    before = bytes;
+    if (thread_->Wait(kFileStall)) {
+      return;
+    }
   }
   {
     const std::lock_guard guard(lock_);

@@ -58,6 +58,8 @@ class Output {
     RecordingFiles::Existing existing = RecordingFiles::Existing::kKept;
     std::chrono::milliseconds firstDelay{250};  // until it is opened again; doubles each time
     std::chrono::milliseconds longestDelay{5'000};
+    // After a failure: so much must be written until the output counts as open again.
+    Time openAfter = 2 * kSecond;
   };
 
   // video: of the encoder's packets. observer and logger outlive the output; logger may be null.
@@ -70,13 +72,16 @@ class Output {
 
   void TakeVideo(const AVPacket& packet);
   void TakeSound(std::size_t channel, const AVPacket& packet, Time shift);
-  // The encoder has failed: there is nothing more to write.
-  void FailForGood(const std::string& reason);
+  // The encoder has failed. retryIn: until it is opened again; none: there is nothing more to
+  // write.
+  void EncoderFailed(const std::string& reason, std::optional<std::chrono::milliseconds> retryIn);
+  void EncoderRecovered();
   // Waits until the next pictures find room; false when that takes longer than the limit.
   bool WaitForRoom(std::chrono::milliseconds limit) { return queue_.WaitForRoom(limit); }
   // Nothing more comes.
   void Close() { queue_.Close(); }
-  // Writes what waits and the end; gives up what is not written within the limit.
+  // Writes what waits and the end; gives up what is not written within the limit, but for a file
+  // not as long as bytes reach it.
   void Finish(std::chrono::milliseconds limit);
 
   const std::string& name() const { return settings_.name; }
@@ -101,6 +106,7 @@ class Output {
   // What Finish may cancel; false when it has already done so.
   bool SetPass(OutputPass* pass);
   void SetFailure(const std::string& reason);
+  std::int64_t FileBytes();
   void NoteOverflow();
 
   const Settings settings_;
@@ -116,6 +122,7 @@ class Output {
   std::atomic<bool> failed_{false};
   mutable std::mutex lock_;
   std::string failure_;         // guarded by lock_
+  std::string encoderFailure_;  // guarded by lock_
   std::string file_;            // guarded by lock_
   OutputPass* pass_ = nullptr;  // guarded by lock_; what Finish cancels
   bool cancelled_ = false;      // guarded by lock_

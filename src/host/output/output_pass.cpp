@@ -9,6 +9,7 @@ extern "C" {
 }
 
 #include "host/ffmpeg/error.h"
+#include "host/output/container.h"
 #include "host/output/hls_layout.h"
 
 namespace host {
@@ -16,9 +17,19 @@ namespace {
 
 constexpr int kUnknownRate = 48'000;
 constexpr int kUnknownChannels = 2;
+// Its timestamps have 31 bits of milliseconds: 24.8 days.
+constexpr Time kMaxFlvLength = 24 * 24 * 3600 * kSecond;
 // FLV, and RTMP with it, has one track of sound.
 std::size_t MostSoundTracks(const std::string& format) {
   return format == "flv" ? 1 : std::numeric_limits<std::size_t>::max();
+}
+
+// What a transport stream carries has to arrive before it is due.
+Time LatenessIn(const Muxer::Settings& settings) {
+  const AVOutputFormat* const container = FindContainer(settings.format, settings.url);
+  const Time delay = container != nullptr ? DecoderDelay(*container, settings.lowDelay) : 0;
+  return delay > 0 ? std::min(Interleaver::kMaxLateness, delay - kSecond / 10)
+                   : Interleaver::kMaxLateness;
 }
 
 // A live playlist always has the same name and replaces the one that was; one that keeps all its
@@ -38,12 +49,20 @@ OutputPass::OutputPass(const Settings& settings, const AVCodecParameters& video,
       counters_(counters),
       owner_(std::move(owner)),
       soundTracks_(settings.tracks.size()),
-      interleaver_(counters),
+      interleaver_(counters, LatenessIn(settings.muxer)),
+      silence_(LatenessIn(settings.muxer)),
       cutter_(settings.segments) {}
 
 OutputPass::~OutputPass() {
   for (const TrackPacket& held : held_) {
     ++counters_.of(held.track).leftOut;
+  }
+  if (isOneFile_ && isNamed_ && !isOpen_) {
+    if (muxer_) {
+      muxer_->DiscardFile();
+    }
+    muxer_.reset();
+    owner_.files->ForgetLatest();
   }
 }
 
@@ -53,6 +72,11 @@ void OutputPass::Cancel() {
   if (muxer_) {
     muxer_->Cancel();
   }
+}
+
+std::int64_t OutputPass::fileBytes() {
+  const std::lock_guard guard(cancelLock_);
+  return muxer_ ? muxer_->fileBytes() : 0;
 }
 
 bool OutputPass::IsWaitedFor(const Track& track) const {
@@ -95,6 +119,30 @@ void OutputPass::WriteHeld() {
   }
 }
 
+void OutputPass::SkipHeld() {
+  const auto drop = [this](auto begin, auto end) {
+    std::for_each(begin, end,
+                  [this](const TrackPacket& held) { ++counters_.of(held.track).dropped; });
+    return held_.erase(begin, end);
+  };
+  if (owner_.skipToNewestKeyframe()) {
+    drop(held_.begin(), held_.end());
+    return;
+  }
+  const auto key = std::find_if(held_.rbegin(), held_.rend(), [](const TrackPacket& held) {
+    return held.track == TrackPacket::kVideo && (held.packet->flags & AV_PKT_FLAG_KEY) != 0;
+  });
+  if (key == held_.rend()) {
+    return;
+  }
+  const Time from = key->packet->dts;
+  const auto rest =
+      std::stable_partition(held_.begin(), std::prev(key.base()), [from](const TrackPacket& held) {
+        return held.track == TrackPacket::kVideo || held.packet->dts < from;
+      });
+  drop(held_.begin(), rest);
+}
+
 void OutputPass::Take(TrackPacket packet) {
   if (started()) {
     Write(std::move(packet));
@@ -104,6 +152,9 @@ void OutputPass::Take(TrackPacket packet) {
   Hold(std::move(packet));
   if (start) {
     Start();
+    if (owner_.skipToNewestKeyframe) {
+      SkipHeld();
+    }
     WriteHeld();
   }
 }
@@ -113,9 +164,11 @@ void OutputPass::Start() {
   settings.interleaves = false;
   auto muxer = std::make_unique<Muxer>(settings);
   file_.clear();
+  isNamed_ = isOpen_ = false;
   isOneFile_ = owner_.files != nullptr && muxer->writesFile();
   if (isOneFile_) {
     std::unique_ptr<ffmpeg::FileOutput> next = owner_.files->Next();
+    isNamed_ = true;
     file_ = next->path();
     muxer->SetFile(std::move(next));
   } else if (owner_.files != nullptr) {
@@ -125,7 +178,8 @@ void OutputPass::Start() {
   }
   std::optional<HlsLayout> hls;
   if (muxer->formatName() == "hls") {
-    hls.emplace(settings, settings_.waitForSources);
+    hls.emplace(settings, HlsLayout::Kind{settings_.waitForSources, KeepsSegments(settings)},
+                settings_.keyFrameInterval);
   }
   Muxer* const opening = muxer.get();
   videoTrack_ = muxer->AddVideo(video_, settings_.frameRate);
@@ -154,7 +208,18 @@ void OutputPass::Start() {
     hls->WritePlaylist(video_, settings_.frameRate);
   }
   ++targets_;
+}
+
+void OutputPass::NoteOpen() {
+  isOpen_ = true;
   owner_.opened(*this, file_);
+}
+
+void OutputPass::FinishTarget() {
+  muxer_->Finish();
+  if (!isOpen_) {
+    NoteOpen();
+  }
 }
 
 void OutputPass::AddTracks(Muxer& muxer) {
@@ -200,23 +265,53 @@ void OutputPass::AddTracks(Muxer& muxer) {
   }
 }
 
-void OutputPass::AddTrack(Muxer& muxer, std::size_t channel, const AudioFormat& format) {
+void OutputPass::AddTrack(Muxer& muxer, std::size_t channel, const AudioFormat& own) {
   const Track& track = settings_.tracks[channel];
+  if (muxer.formatName() == "flv" && own.parameters->codec_id != AV_CODEC_ID_AAC &&
+      transcoders_.try_emplace(channel, own).second) {
+    owner_.say("the sound of \"" + track.name + "\" (" +
+               avcodec_get_name(own.parameters->codec_id) + ") is encoded to AAC for " +
+               muxer.formatName());
+  }
+  const auto transcoder = transcoders_.find(channel);
+  const AudioFormat& format = transcoder != transcoders_.end() ? transcoder->second.format() : own;
   soundTracks_[channel] = muxer.AddAudio(
       *format.parameters, track.name, format.language.empty() ? track.language : format.language);
   silence_.Add(channel, format);
 }
 
+void OutputPass::WriteSound(TrackPacket item) {
+  const auto channel = static_cast<std::size_t>(item.track);
+  if (!soundTracks_.at(channel)) {
+    ++counters_.of(item.track).leftOut;
+    return;
+  }
+  const auto transcoder = transcoders_.find(channel);
+  if (transcoder == transcoders_.end()) {
+    interleaver_.PushAudio(channel, std::move(item.packet), item.shift);
+    return;
+  }
+  // What is counted as received is what is to be written.
+  --counters_.of(item.track).received;
+  transcoder->second.Push(*item.packet, [&](ffmpeg::Packet packet) {
+    ++counters_.of(item.track).received;
+    interleaver_.PushAudio(channel, std::move(packet), item.shift);
+  });
+}
+
 bool OutputPass::CutsBefore(const AVPacket& keyframe) {
+  if (muxer_->formatName() == "flv" && interleaver_.InFile(keyframe.pts) >= kMaxFlvLength) {
+    return true;
+  }
   return isOneFile_ && cutter_.CutsBefore(keyframe.pts, FrameDuration(settings_.frameRate));
 }
 
 void OutputPass::Cut(const AVPacket& keyframe) {
   const Time length = interleaver_.Restart(keyframe.pts, mux_);
-  silence_.FillTo(length, writeSilence_);
-  muxer_->Finish();
+  silence_.FillToEnd(length, writeSilence_);
+  FinishTarget();
   cutter_.Begin(keyframe.pts);
-  silence_.Restart();
+  silence_.Restart(length);
   Start();
 }
 
@@ -226,14 +321,12 @@ void OutputPass::Write(TrackPacket item) {
       Cut(*item.packet);
     }
     interleaver_.PushVideo(std::move(item.packet), mux_);
+    if (!isOpen_ && muxer_->hasDelivered() && length() >= owner_.openAfter) {
+      NoteOpen();
+    }
     return;
   }
-  const auto channel = static_cast<std::size_t>(item.track);
-  if (soundTracks_.at(channel)) {
-    interleaver_.PushAudio(channel, std::move(item.packet), item.shift);
-  } else {
-    ++counters_.of(item.track).leftOut;
-  }
+  WriteSound(std::move(item));
 }
 
 void OutputPass::WriteSilence(std::size_t channel, ffmpeg::Packet packet) {
@@ -273,7 +366,8 @@ void OutputPass::Finish() {
     WriteHeld();
   }
   interleaver_.Finish(mux_);
-  muxer_->Finish();
+  silence_.FillToEnd(interleaver_.end(), writeSilence_);
+  FinishTarget();
 }
 
 }  // namespace host

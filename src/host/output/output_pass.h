@@ -3,6 +3,7 @@
 
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "host/channel/sound/audio_format.h"
+#include "host/output/audio_transcoder.h"
 #include "host/output/interleaver.h"
 #include "host/output/muxer.h"
 #include "host/output/packet_queue.h"
@@ -30,6 +32,10 @@ namespace host {
 // frames before the keyframe and the audio before its time are in the one file, all others in the
 // next: put together they are what one file would hold.
 //
+// FLV begins again before its timestamps end, as a recording does that is cut.
+//
+// A file into which nothing of use was written when the output fails is removed.
+//
 // Owned and called by an output on its thread, except Cancel.
 class OutputPass {
  public:
@@ -48,14 +54,21 @@ class OutputPass {
     bool waitForSources = false;       // also for those that are not open yet
     std::function<Time()> sinceStart;  // live: the time since the wall's first frame
     SegmentLimits segments;            // of a file
-    std::vector<Track> tracks;         // one for each channel; none: no sound is written
+    Time keyFrameInterval = 2 * kSecond;
+    std::vector<Track> tracks;  // one for each channel; none: no sound is written
   };
   // What belongs to the output and outlives its passes.
   struct Owner {
     RecordingFiles* files = nullptr;              // null: the output is no file
     std::function<void(const std::string&)> say;  // gets sentences for the operator
-    // A target is open; file: its name, empty where it is none.
+    // Something has reached a target; file: its name, empty where it is none.
     std::function<void(const OutputPass& pass, const std::string& file)> opened;
+    // What is queued behind a keyframe is skipped up to the newest one; false: there is none. Null
+    // where everything is to be written.
+    std::function<bool()> skipToNewestKeyframe = nullptr;
+    // So much must have been written before, or the end: after failures, so that a consumer that
+    // fails again at once is not open in between.
+    Time openAfter = 0;
   };
 
   // video: of the encoder. counters: what is written and left out.
@@ -67,6 +80,8 @@ class OutputPass {
   void Take(TrackPacket packet);
   // Writes the rest and the end. Throws ffmpeg::Error.
   void Finish();
+  // Any thread: bytes in the file that is written.
+  std::int64_t fileBytes();
   // Any thread: ends a blocking call for good.
   void Cancel();
 
@@ -79,6 +94,8 @@ class OutputPass {
  private:
   bool CanStart(const TrackPacket& packet);
   void Hold(TrackPacket packet);
+  // Of what has piled up until it was open, the newest keyframe and what follows stays.
+  void SkipHeld();
   void WriteHeld();
   bool IsWaitedFor(const Track& track) const;
   void Start();
@@ -88,8 +105,11 @@ class OutputPass {
   // The file ends before the keyframe, and the next one begins with it.
   void Cut(const AVPacket& keyframe);
   void Write(TrackPacket packet);
+  void WriteSound(TrackPacket packet);
   void Mux(int track, ffmpeg::Packet packet);
   void WriteSilence(std::size_t channel, ffmpeg::Packet packet);
+  void NoteOpen();
+  void FinishTarget();
 
   const Settings& settings_;
   const AVCodecParameters& video_;
@@ -102,9 +122,12 @@ class OutputPass {
   bool cancelled_ = false;  // guarded by cancelLock_
   std::string file_;        // that is written, or a playlist; empty where it is none
   bool isOneFile_ = false;  // ... and no playlist
+  bool isNamed_ = false;    // the file has its name from the owner's files
+  bool isOpen_ = false;     // the owner has heard of the target
   std::size_t videoTrack_ = 0;
   std::vector<std::size_t> channels_;                    // that have a track, in their order
   std::vector<std::optional<std::size_t>> soundTracks_;  // of the muxer, for each channel
+  std::map<std::size_t, AudioTranscoder> transcoders_;   // of channels in formats that do not fit
   Interleaver interleaver_;
   SilentTracks silence_;
   SegmentCutter cutter_;

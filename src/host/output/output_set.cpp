@@ -55,7 +55,7 @@ void OutputSet::Add(const Item& item, const Settings& settings) {
   if (codec != nullptr && !Holds(*container, codec->id)) {
     throw ffmpeg::Error(AVERROR(ENOSYS), CannotHold(*container, codec->id));
   }
-  PictureEncoder& encoder = EncoderFor(item);
+  PictureEncoder& encoder = EncoderFor(item, settings.live);
   Output::Settings output;
   output.name = item.name;
   output.pin = "output " + std::to_string(entries_.size());
@@ -67,7 +67,13 @@ void OutputSet::Add(const Item& item, const Settings& settings) {
   output.pass.formatLimit = item.formatLimit;
   output.pass.waitForSources = settings.live;
   output.pass.segments = item.segments;
+  output.pass.keyFrameInterval = KeyframeInterval(item.encoder);
   output.pass.muxer.survivesKill = settings.live;
+  if (!settings.live) {
+    output.pass.muxer.writeLimit = kForever;
+  }
+  output.pass.muxer.isPaced = settings.live;
+  output.pass.muxer.lowDelay = item.encoder.lowDelay;
   if (settings.live) {
     output.pass.sinceStart = [this] { return SinceStart(); };
   }
@@ -78,12 +84,15 @@ void OutputSet::Add(const Item& item, const Settings& settings) {
   entry.encoder = &encoder;
   entry.output =
       std::make_unique<Output>(std::move(output), encoder.parameters(), observer_, logger_);
-  encoder.Add(
-      {[output = entry.output.get()](const AVPacket& packet) { output->TakeVideo(packet); },
-       [output = entry.output.get()](const std::string& reason) { output->FailForGood(reason); }});
+  encoder.Add({[output = entry.output.get()](const AVPacket& packet) { output->TakeVideo(packet); },
+               [output = entry.output.get()](const std::string& reason,
+                                             std::optional<milliseconds> retryIn) {
+                 output->EncoderFailed(reason, retryIn);
+               },
+               [output = entry.output.get()] { output->EncoderRecovered(); }});
 }
 
-PictureEncoder& OutputSet::EncoderFor(const Item& item) {
+PictureEncoder& OutputSet::EncoderFor(const Item& item, bool live) {
   VideoEncoder::Settings wanted = item.encoder;
   // Where a container wants the headers in the stream, its muxer repeats them there.
   wanted.globalHeader = true;
@@ -96,6 +105,7 @@ PictureEncoder& OutputSet::EncoderFor(const Item& item) {
   PictureEncoder::Settings settings;
   settings.name = "encoder " + std::to_string(encoders_.size() + 1);
   settings.encoder = wanted;
+  settings.live = live;
   encoders_.push_back({wanted, std::make_unique<PictureEncoder>(settings, logger_)});
   return *encoders_.back().encoder;
 }

@@ -90,7 +90,7 @@ class OutputSet {
 
   Time SinceStart() const;
   void Add(const Item& item, const Settings& settings);
-  PictureEncoder& EncoderFor(const Item& item);
+  PictureEncoder& EncoderFor(const Item& item, bool live);
 
   OutputObserver* const observer_;
   qorp::log::ILogPerf* const logger_;

@@ -69,11 +69,15 @@ void PacketQueue::DropOldestPictures() {
     waitsForKey_ = true;
     return;
   }
-  const Time from = key->packet->dts;
+  DropBefore(*key);
+}
+
+void PacketQueue::DropBefore(const TrackPacket& keyframe) {
+  const Time from = keyframe.packet->dts;
   std::deque<TrackPacket> kept;
   bool reached = false;
   for (TrackPacket& packet : packets_) {
-    reached = reached || &packet == &*key;
+    reached = reached || &packet == &keyframe;
     const bool isSound = packet.track != TrackPacket::kVideo;
     if (isSound ? packet.packet->dts >= from : reached) {
       kept.push_back(std::move(packet));
@@ -153,6 +157,16 @@ std::optional<TrackPacket> PacketQueue::Pop() {
   guard.unlock();
   roomMade_.notify_all();
   return packet;
+}
+
+bool PacketQueue::SkipToNewestKeyframe() {
+  const std::lock_guard guard(lock_);
+  const auto key = std::find_if(packets_.rbegin(), packets_.rend(), &PacketQueue::IsKey);
+  if (key == packets_.rend()) {
+    return false;
+  }
+  DropBefore(*key);
+  return true;
 }
 
 bool PacketQueue::DiscardFor(std::chrono::milliseconds time) {

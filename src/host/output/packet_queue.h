@@ -58,6 +58,8 @@ class PacketQueue {
 
   // Waits for a packet; null once the queue is closed and empty.
   std::optional<TrackPacket> Pop();
+  // Drops what waits before the newest keyframe; false when no keyframe waits.
+  bool SkipToNewestKeyframe();
   // Throws away what waits and what comes for that long. False when the queue was closed first.
   bool DiscardFor(std::chrono::milliseconds time);
 
@@ -75,6 +77,7 @@ class PacketQueue {
   void Forget(const TrackPacket& packet);
   void Drop(const TrackPacket& packet);
   void DropOldestPictures();
+  void DropBefore(const TrackPacket& keyframe);
   void Clear();
 
   const Limits limits_;

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,8 +23,10 @@ namespace host {
 
 // Takes references to composed pictures into a bounded queue; its thread encodes them and hands
 // every packet to each of its outputs. A live wall never waits: when the encoder is behind, the
-// oldest picture that waits is dropped, counted and reported to the logger as a full buffer. A wall
-// that is rendered waits for room before it sends the next frame.
+// oldest picture that waits is dropped, counted and reported to the logger as a full buffer. An
+// encoder that fails is opened again after a growing delay, in which frames are dropped; it begins
+// again with a keyframe and with the same headers, so that its outputs continue. A wall that is
+// rendered waits for room before it sends the next frame, and a failure is final.
 //
 // Owned by the set of outputs. Take is the composition thread's, the rest the application's.
 class PictureEncoder {
@@ -32,11 +35,17 @@ class PictureEncoder {
     std::string name = "encoder";  // for the reports about full buffers
     VideoEncoder::Settings encoder;
     std::size_t queuedPictures = 16;
+    bool live = false;
+    std::chrono::milliseconds firstDelay{250};  // until it is opened again; doubles each time
+    std::chrono::milliseconds longestDelay{5'000};
   };
   // Called by the encoder's thread.
   struct Consumer {
     std::function<void(const AVPacket& packet)> take;
-    std::function<void(const std::string& reason)> fail;  // nothing more will come
+    // retryIn: until the encoder is opened again; none: nothing more will come.
+    std::function<void(const std::string& reason, std::optional<std::chrono::milliseconds> retryIn)>
+        fail;
+    std::function<void()> recover;  // it encodes again
   };
 
   // Opens the encoder. Throws ffmpeg::Error. logger may be null; it outlives the encoder.
@@ -57,7 +66,7 @@ class PictureEncoder {
   // Encodes what waits and hands over the last packets.
   void Finish();
 
-  ffmpeg::Parameters parameters() const { return encoder_.parameters(); }
+  ffmpeg::Parameters parameters() const;
   std::uint64_t dropped() const { return dropped_; }
 
  private:
@@ -66,11 +75,25 @@ class PictureEncoder {
     Time start = 0;
   };
 
-  void Encode();
+  using Clock = std::chrono::steady_clock;
 
-  const std::string name_;
+  void Run();
+  void Hand(const ffmpeg::Packet& packet);
+  void Encode(const Picture& picture);
+  // Throws ffmpeg::Error.
+  void Open();
+  void OnFailure(const std::string& reason);
+
+  const Settings settings_;
   qorp::log::ILogPerf* const logger_;
-  VideoEncoder encoder_;
+  std::optional<VideoEncoder> encoder_;  // none after a failure; the thread's once it runs
+  const ffmpeg::Parameters parameters_;
+  std::optional<Time> gridStart_;    // of the keyframes of all encoders
+  std::chrono::milliseconds delay_;  // the thread's own, as is all up to here
+  Clock::time_point openedAt_;
+  Clock::time_point openAgainAt_;
+  std::int64_t inside_ = 0;  // frames that the encoder holds
+  bool failed_ = false;      // nothing was encoded since
   std::vector<Consumer> consumers_;
   BoundedQueue<Picture> queue_;
   std::atomic<std::uint64_t> dropped_{0};

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <system_error>
+#include <utility>
 
 extern "C" {
 #include <libavutil/error.h>
@@ -52,6 +53,13 @@ std::string RecordingFiles::NextName() {
   return next;
 }
 
+void RecordingFiles::ForgetLatest() {
+  number_ -= number_ > 0 ? 1 : 0;
+  if (std::exchange(replaced_, false)) {
+    existing_ = Existing::kReplaced;
+  }
+}
+
 std::unique_ptr<FileOutput> RecordingFiles::Next() {
   const std::string name = Name();
   const Existing existing = existing_;
@@ -61,6 +69,7 @@ std::unique_ptr<FileOutput> RecordingFiles::Next() {
     auto file = std::make_unique<FileOutput>(name, FileOutput::Existing::kReplaced);
     existing_ = Existing::kKept;
     number_ = 1;
+    replaced_ = true;
     return file;
   }
   for (const std::size_t first = number_ + 1;;) {
@@ -70,6 +79,7 @@ std::unique_ptr<FileOutput> RecordingFiles::Next() {
       ++number_;
       avoided_ = number_ > first;
       existing_ = Existing::kKept;
+      replaced_ = false;
       return file;
     } catch (const ffmpeg::Error& error) {
       if (error.code() != AVERROR(EEXIST) || existing == Existing::kRefused ||

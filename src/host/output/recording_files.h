@@ -29,6 +29,8 @@ class RecordingFiles {
 
   // Creates the next file. Throws ffmpeg::Error.
   std::unique_ptr<ffmpeg::FileOutput> Next();
+  // The latest file was removed again, or holds nothing: the next one gets its name.
+  void ForgetLatest();
   // For containers that write several files by themselves: the name now, whatever is there.
   std::string Name() const;
   // ... and the next one that there is no file of, unless files are replaced.
@@ -43,6 +45,7 @@ class RecordingFiles {
   std::string name_;   // of the latest file, without its number
   std::size_t number_ = 0;
   bool avoided_ = false;
+  bool replaced_ = false;  // the latest file was there before
 };
 
 }  // namespace host

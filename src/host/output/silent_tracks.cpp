@@ -1,5 +1,7 @@
 #include "host/output/silent_tracks.h"
 
+#include <algorithm>
+
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavutil/frame.h>
@@ -16,6 +18,8 @@ namespace {
 // The first packets of an encoder hold its delay; the fourth is like all that follow.
 constexpr int kSteadyPacket = 3;
 constexpr int kSamples = 8 * 1536;
+// The machine may have slept for days.
+constexpr Time kMaxFilled = 60 * kSecond;
 
 ffmpeg::Frame Silence(const AVCodecParameters& parameters, int samples) {
   ffmpeg::Frame frame = ffmpeg::MakeFrame();
@@ -44,13 +48,17 @@ ffmpeg::Packet EncodeSilence(const AudioFormat& format) {
 
 }  // namespace
 
-void SilentTracks::Restart() {
+void SilentTracks::Restart(Time length) {
   for (auto& [channel, track] : tracks_) {
+    track.from = track.end = std::max<Time>(0, track.isSilent ? 0 : track.end - length);
     track.count = 0;
   }
 }
 
 void SilentTracks::Add(std::size_t channel, const AudioFormat& format) {
+  if (tracks_.contains(channel)) {
+    return;
+  }
   try {
     Track track;
     track.packet = EncodeSilence(format);
@@ -65,41 +73,58 @@ void SilentTracks::Add(std::size_t channel, const AudioFormat& format) {
   }
 }
 
-Time SilentTracks::TimeOf(const Track& track, std::int64_t count) {
-  return av_rescale(count * track.samples, kSecond, track.sampleRate);
-}
-
 void SilentTracks::Fill(std::size_t channel, Track& track, Time before, const Write& write) {
   for (;;) {
-    const Time time = TimeOf(track, track.count);
-    const Time end = TimeOf(track, track.count + 1);
+    const Time end =
+        track.from + av_rescale((track.count + 1) * track.samples, kSecond, track.sampleRate);
     if (end > before) {
       return;
     }
     ffmpeg::Packet packet = ffmpeg::RefPacket(*track.packet);
-    packet->pts = packet->dts = time;
-    packet->duration = end - time;
+    packet->pts = packet->dts = track.end;
+    packet->duration = end - track.end;
     ++track.count;
+    track.end = end;
     write(channel, std::move(packet));
   }
 }
 
-void SilentTracks::FillTo(Time before, const Write& write) {
+void SilentTracks::FillTo(Time video, const Write& write) {
   for (auto& [channel, track] : tracks_) {
-    Fill(channel, track, before, write);
+    if (!track.isSilent && video - track.end > lateness_) {
+      track.isSilent = true;
+      track.from = track.end = std::max(track.end, video - lateness_ - kMaxFilled);
+      track.count = 0;
+    }
+    if (track.isSilent) {
+      Fill(channel, track, track.hasBegun ? video - lateness_ : video, write);
+    }
+  }
+}
+
+void SilentTracks::FillToEnd(Time end, const Write& write) {
+  for (auto& [channel, track] : tracks_) {
+    if (track.isSilent) {
+      Fill(channel, track, end, write);
+    }
   }
 }
 
 bool SilentTracks::EndBefore(std::size_t channel, const AVPacket& packet, const Write& write) {
-  const auto track = tracks_.find(channel);
-  if (track == tracks_.end()) {
+  const auto found = tracks_.find(channel);
+  if (found == tracks_.end()) {
     return true;
   }
-  Fill(channel, track->second, packet.dts, write);
-  if (packet.dts + packet.duration / 2 < TimeOf(track->second, track->second.count)) {
-    return false;
+  Track& track = found->second;
+  if (track.isSilent) {
+    track.hasBegun = true;  // the silence waits for audio that is late from now on
+    Fill(channel, track, packet.dts, write);
+    if (packet.dts + packet.duration / 2 < track.end) {
+      return false;
+    }
+    track.isSilent = false;
   }
-  tracks_.erase(track);
+  track.end = std::max(track.end, packet.dts + packet.duration);
   return true;
 }
 

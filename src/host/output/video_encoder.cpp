@@ -26,14 +26,27 @@ bool Offers(const AVCodecContext& context, const char* option) {
          av_opt_find(context.priv_data, option, nullptr, 0, 0) != nullptr;
 }
 
-// Presets are names of the encoder's own, or any text that it looks at itself.
-bool OffersPreset(const AVCodecContext& context, const std::string& preset) {
-  const AVOption* const option = av_opt_find(context.priv_data, "preset", nullptr, 0, 0);
-  const bool isNumber = preset.find_first_not_of("0123456789") == std::string::npos;
+// Presets and tunes are names of the encoder's own, or any text that it looks at itself.
+bool OffersValue(const AVCodecContext& context, const char* name, const std::string& value) {
+  const AVOption* const option =
+      context.priv_data != nullptr ? av_opt_find(context.priv_data, name, nullptr, 0, 0) : nullptr;
+  const bool isNumber = value.find_first_not_of("0123456789") == std::string::npos;
   return option != nullptr &&
          (option->type == AV_OPT_TYPE_STRING || isNumber ||
           (option->unit != nullptr &&
-           av_opt_find(context.priv_data, preset.c_str(), option->unit, 0, 0) != nullptr));
+           av_opt_find(context.priv_data, value.c_str(), option->unit, 0, 0) != nullptr));
+}
+
+// Over a second; 0: no limit.
+void LimitRate(AVCodecContext& codec, std::int64_t rate) {
+  codec.rc_max_rate = rate;
+  codec.rc_buffer_size = static_cast<int>(std::min<std::int64_t>(rate, 1'000'000'000));
+}
+
+int FramesToKeyframe(const VideoEncoder::Settings& settings) {
+  const Time frame = FrameDuration(settings.frameRate);
+  return static_cast<int>(
+      std::clamp<Time>((settings.keyFrameInterval + frame / 2) / frame, 1, 10'000));
 }
 
 void CopyPlane(const std::uint8_t* from, std::uint8_t* to, int stride, int width, int height) {
@@ -70,6 +83,10 @@ std::optional<std::string> NearestVideoCodec(const std::string& name) {
   return wall::NearestName(name, names);
 }
 
+Time KeyframeInterval(const VideoEncoder::Settings& settings) {
+  return FrameStart(FramesToKeyframe(settings), settings.frameRate);
+}
+
 VideoEncoder::VideoEncoder(const Settings& settings)
     : frameDuration_(FrameDuration(settings.frameRate)) {
   const AVCodec* const encoder = FindVideoEncoder(settings.codec);
@@ -92,8 +109,7 @@ VideoEncoder::VideoEncoder(const Settings& settings)
   codec_->color_primaries = AVCOL_PRI_BT709;
   codec_->color_trc = AVCOL_TRC_BT709;
   codec_->chroma_sample_location = AVCHROMA_LOC_LEFT;
-  codec_->gop_size = static_cast<int>(std::clamp<Time>(
-      (settings.keyFrameInterval + frameDuration_ / 2) / frameDuration_, 1, 10'000));
+  codec_->gop_size = FramesToKeyframe(settings);
   codec_->thread_count = settings.threads;
   if (settings.globalHeader) {
     codec_->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
@@ -109,13 +125,11 @@ VideoEncoder::VideoEncoder(const Settings& settings)
   }
   if (settings.bitRate > 0) {
     codec_->bit_rate = settings.bitRate;
-    codec_->rc_max_rate = settings.bitRate;
-    codec_->rc_buffer_size =
-        static_cast<int>(std::min<std::int64_t>(settings.bitRate, 1'000'000'000));
+    LimitRate(*codec_, settings.bitRate);
   }
 
   ffmpeg::Options options;
-  if (Offers(*codec_, "preset") && OffersPreset(*codec_, settings.preset)) {
+  if (Offers(*codec_, "preset") && OffersValue(*codec_, "preset", settings.preset)) {
     options.Set("preset", settings.preset);
   } else if (Offers(*codec_, "preset") && settings.preset != Settings().preset) {
     throw ffmpeg::Error(AVERROR_OPTION_NOT_FOUND,
@@ -123,13 +137,22 @@ VideoEncoder::VideoEncoder(const Settings& settings)
   }
   if (Offers(*codec_, "crf") && settings.bitRate <= 0) {
     options.Set("crf", std::to_string(settings.quality.value_or(20.0)));
+    if (std::string_view(encoder->name).starts_with("libx26")) {
+      LimitRate(*codec_, settings.maxRate);
+    }
+  } else if (settings.quality && settings.bitRate <= 0) {
+    throw ffmpeg::Error(AVERROR_OPTION_NOT_FOUND,
+                        std::string(encoder->name) + " has no quality; choose a bit rate");
   } else if (settings.bitRate <= 0) {
     // Encoders without a quality scale get a rate that suits the size of the canvas.
     codec_->bit_rate = static_cast<std::int64_t>(settings.width * settings.height *
                                                  settings.frameRate.value() * 0.15);
   }
-  if (settings.lowDelay && Offers(*codec_, "tune")) {
+  if (settings.lowDelay && OffersValue(*codec_, "tune", "zerolatency")) {
     options.Set("tune", "zerolatency");
+  }
+  if (Offers(*codec_, "forced-idr")) {
+    options.Set("forced-idr", "1");
   }
   if (settings.maxDelay > 0 && !settings.lowDelay && Offers(*codec_, "x264-params")) {
     LimitDelay(settings, options);
@@ -193,7 +216,16 @@ void VideoEncoder::Encode(std::span<const std::uint8_t> yv12, Time start, const 
   lastFrame_ = std::max(av_rescale_q(start - *firstStart_, ffmpeg::kTimeUnit, codec_->time_base),
                         lastFrame_ + 1);
   frame_->pts = lastFrame_;
-  frame_->pict_type = AV_PICTURE_TYPE_NONE;
+  // Counted in frames that were encoded, keyframes would move with every frame that was left out.
+  if (!gridStart_) {
+    gridStart_ = start;
+  }
+  const std::int64_t interval = (lastFrame_ + av_rescale_q(*firstStart_ - *gridStart_,
+                                                           ffmpeg::kTimeUnit, codec_->time_base)) /
+                                codec_->gop_size;
+  const bool isKey = interval_ != interval;
+  interval_ = interval;
+  frame_->pict_type = isKey ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
   ffmpeg::Check(avcodec_send_frame(codec_.get(), frame_.get()), "cannot encode a picture");
   Receive(sink);
 }

@@ -31,7 +31,10 @@ class VideoEncoder {
     Ratio pixelAspect{1, 1};
     std::string codec = "h264";  // FFmpeg's name of a codec or of an encoder
     std::string preset = "veryfast";
-    std::int64_t bitRate = 0;       // bits per second; 0: constant quality
+    std::int64_t bitRate = 0;  // bits per second; 0: constant quality
+    // Bits per second that constant quality does not exceed over a second, where the encoder can
+    // hold to it; 0: no limit.
+    std::int64_t maxRate = 0;
     std::optional<double> quality;  // of libx264's scale, 0 (best) to 51; used without bit rate
     Time keyFrameInterval = 2 * kSecond;
     bool lowDelay = false;  // no reordering, no look-ahead
@@ -50,6 +53,9 @@ class VideoEncoder {
   explicit VideoEncoder(const Settings& settings);
   ~VideoEncoder();
 
+  // Keyframes stand at that time and whole keyframe intervals later, frames left out or not, beside
+  // those that the encoder chooses; otherwise the first frame is the beginning.
+  void BeginGrid(Time start) { gridStart_ = start; }
   // start: on the output's clock. Frames may be left out, but all starts lie on the grid of the
   // frame rate that the first one opens; others are moved to the nearest later free place on it.
   // The sink gets the packets that are ready, stamped in units of 100 ns. Throws ffmpeg::Error.
@@ -70,7 +76,12 @@ class VideoEncoder {
   ffmpeg::Frame frame_;
   Time frameDuration_;
   std::optional<Time> firstStart_;
-  std::int64_t lastFrame_ = -1;  // counted from the first, in frames
+  std::optional<Time> gridStart_;
+  std::optional<std::int64_t> interval_;  // of the latest frame, counted from there
+  std::int64_t lastFrame_ = -1;           // counted from the first, in frames
 };
+
+// The time between two keyframes in whole frames.
+Time KeyframeInterval(const VideoEncoder::Settings& settings);
 
 }  // namespace host

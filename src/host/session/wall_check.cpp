@@ -63,17 +63,6 @@ std::vector<std::string> Schemes(bool isOutput) {
   return names;
 }
 
-// Whether the wall waits at the address for the other side.
-bool Listens(const wall::Url& url, const std::map<std::string, std::string>& options) {
-  const auto value = [&](const char* key) {
-    const auto inUrl = url.query.find(key);
-    const auto option = options.find(key);
-    return inUrl != url.query.end() ? inUrl->second : option != options.end() ? option->second : "";
-  };
-  const std::string listen = value("listen");
-  return url.scheme == "srt" ? value("mode") == "listener" : !listen.empty() && listen != "0";
-}
-
 void CheckAddress(const wall::Url& url, const std::string& key, bool isOutput, bool listens,
                   Findings& findings) {
   static constexpr std::array kWithPort = {"udp", "udplite", "rtp", "srt", "tcp", "rist"};
@@ -170,7 +159,7 @@ std::vector<Finding> CheckOutput(const wall::Output& output) {
   Findings findings;
   const std::optional<wall::Url> url = wall::ParseUrl(output.url);
   if (url && !wall::LocalPath(output.url)) {
-    const bool listens = Listens(*url, output.options);
+    const bool listens = wall::Listens(*url, output.options);
     CheckAddress(*url, "url", true, listens, findings);
     if (url->scheme == "srt" && listens) {
       findings.Note("url",
@@ -197,7 +186,7 @@ std::vector<Finding> CheckSource(const wall::Channel& channel) {
   Findings findings;
   const std::optional<wall::Url> url = wall::ParseUrl(channel.source);
   if (url && !wall::LocalPath(channel.source)) {
-    const bool listens = Listens(*url, channel.options.options);
+    const bool listens = wall::Listens(*url, channel.options.options);
     CheckAddress(*url, "source", false, listens, findings);
     if (listens) {
       findings.Note("source", "waits for its sender at port " +

@@ -4,12 +4,16 @@
 #include <iterator>
 
 #include "host/ffmpeg/mask.h"
+#include "host/wall/url.h"
 
 namespace host {
 namespace {
 
 // The first packet of a live output leaves within a second of the wall's start.
 constexpr Time kMaxEncoderDelay = 800 * kMillisecond;
+// Of constant quality over a network, where nobody has chosen a rate: 10 Mbit/s for 1080p at 25
+// frames per second.
+constexpr double kMaxBitsPerPixel = 0.2;
 // Of a rendered wall, whose sources are read as fast as they give: all are known long before.
 constexpr Time kRenderedFormatLimit = 5 * kSecond;
 
@@ -34,11 +38,32 @@ VideoEncoder::Settings EncoderOf(const wall::Canvas& canvas, const wall::Output&
 
 namespace {
 
+bool LeadsIntoNetwork(const wall::Output& output) {
+  return !wall::LocalPath(output.url) || output.format == "hls" || output.url.ends_with(".m3u8");
+}
+
+// One encoder for a network and a file costs half of two.
+void ShareMaxRates(std::vector<OutputSet::Item>& items) {
+  for (OutputSet::Item& item : items) {
+    for (const OutputSet::Item& other : items) {
+      VideoEncoder::Settings shared = item.encoder;
+      shared.maxRate = other.encoder.maxRate;
+      if (item.encoder.maxRate == 0 && shared == other.encoder) {
+        item.encoder = shared;
+      }
+    }
+  }
+}
+
 OutputSet::Item ItemOf(const wall::Canvas& canvas, const wall::Output& output, bool live) {
   OutputSet::Item item;
   item.name = ffmpeg::MaskUrl(output.url);
   ffmpeg::RememberSecrets(output.url, output.options);
   item.encoder = EncoderOf(canvas, output, live);
+  if (live && output.bitRate == 0 && LeadsIntoNetwork(output)) {
+    item.encoder.maxRate = static_cast<std::int64_t>(canvas.width * canvas.height *
+                                                     canvas.frameRate.value() * kMaxBitsPerPixel);
+  }
   item.muxer.url = output.url;
   item.muxer.format = output.format;
   item.muxer.options = output.options;
@@ -70,6 +95,7 @@ OutputSet::Settings OutputsOfWall(const wall::Wall& wall, const std::vector<wall
       settings.outputs.back().name += " (" + std::to_string(settings.outputs.size()) + ")";
     }
   }
+  ShareMaxRates(settings.outputs);
   for (const wall::Channel& channel : wall.channels) {
     const wall::AudioOptions& audio = channel.options.audio;
     settings.tracks.push_back({channel.name, audio.language, channel.selected,

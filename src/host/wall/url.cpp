@@ -77,6 +77,16 @@ std::optional<Url> ParseUrl(std::string_view text) {
   return url;
 }
 
+bool Listens(const Url& url, const std::map<std::string, std::string>& options) {
+  const auto value = [&](const char* key) {
+    const auto inUrl = url.query.find(key);
+    const auto option = options.find(key);
+    return inUrl != url.query.end() ? inUrl->second : option != options.end() ? option->second : "";
+  };
+  const std::string listen = value("listen");
+  return url.scheme == "srt" ? value("mode") == "listener" : !listen.empty() && listen != "0";
+}
+
 bool IsProcessStream(std::string_view text) {
   return text == "-" || text.starts_with("pipe:");
 }

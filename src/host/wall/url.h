@@ -23,6 +23,10 @@ struct Url {
 // None for a text without "://".
 std::optional<Url> ParseUrl(std::string_view text);
 
+// Whether an address waits for the other end to come: "listen" or "mode=listener", in its query or
+// among the options of FFmpeg.
+bool Listens(const Url& url, const std::map<std::string, std::string>& options);
+
 // "-", "pipe:" and "pipe:N": a stream of the process itself.
 bool IsProcessStream(std::string_view text);
 

@@ -1,3 +1,4 @@
+#include <array>
 #include <thread>
 #include <vector>
 
@@ -9,6 +10,7 @@ extern "C" {
 
 #include "host/output/interleaver.h"
 #include "host/output/packet_queue.h"
+#include "host/output/transport_pacer.h"
 
 namespace host {
 namespace {
@@ -42,36 +44,6 @@ std::vector<Time> TimesIn(PacketQueue& queue, int track) {
     }
   }
   return times;
-}
-
-TEST(PacketQueue, DropsWholeGroupsOfPicturesWithTheirSoundAndKeepsTheNewest) {
-  OutputCounters counters{1};
-  PacketQueue queue({13'000, kSecond * 100}, counters);
-  int overflows = 0;
-  for (int i = 0; i < 16; ++i) {
-    queue.PushDropping(Sound(i * 40 * kMillisecond));
-    overflows += queue.PushDropping(Picture(i, i % 4 == 0)) == Pushed::kOverflowed ? 1 : 0;
-  }
-  EXPECT_GE(overflows, 1);
-  EXPECT_LE(queue.bytes(), 15'000U);
-  const std::size_t bytes = queue.bytes();
-  const std::vector<Time> pictures = TimesIn(queue, TrackPacket::kVideo);
-  EXPECT_EQ(pictures.front() % 160, 0) << "begins with a picture that can be decoded alone";
-  EXPECT_EQ(pictures.back(), 600);
-  EXPECT_EQ(pictures.size(), static_cast<std::size_t>(600 - pictures.front()) / 40 + 1);
-  EXPECT_GT(bytes, 0U);
-  EXPECT_EQ(queue.bytes(), 0U);
-}
-
-TEST(PacketQueue, KeepsTheSoundThatBelongsToThePicturesThatStay) {
-  OutputCounters counters{1};
-  PacketQueue queue({1'000'000, 10 * 40 * kMillisecond}, counters);
-  for (int i = 0; i < 12; ++i) {
-    queue.PushDropping(Sound(i * 40 * kMillisecond + kSecond));  // ahead, as always
-    queue.PushDropping(Picture(i, i % 5 == 0));
-  }
-  // Pictures 0 to 4 were dropped; no sound is from before picture 5.
-  EXPECT_EQ(TimesIn(queue, 0).size(), 12U);
 }
 
 TEST(PacketQueue, RefusesWhatCannotBeDecodedAfterALongGroupWasDropped) {
@@ -119,6 +91,68 @@ TEST(PacketQueue, MeasuresItsLengthByTheVideoAndCountsWhatItDrops) {
   EXPECT_EQ(counters.of(0).dropped, 1U);
   queue.Abandon();
   EXPECT_EQ(counters.of(TrackPacket::kVideo).dropped, 12U);
+  EXPECT_EQ(queue.bytes(), 0U);
+}
+
+TEST(PacketQueue, SkipsToTheNewestKeyframeWithItsAudio) {
+  OutputCounters counters{1};
+  PacketQueue queue({1'000'000, 8 * kSecond}, counters);
+  EXPECT_FALSE(queue.SkipToNewestKeyframe());
+  for (int i = 0; i < 12; ++i) {
+    queue.PushDropping(Sound(i * 40 * kMillisecond + kSecond / 5));
+    queue.PushDropping(Picture(i, i % 5 == 0));
+  }
+  EXPECT_TRUE(queue.SkipToNewestKeyframe());
+  EXPECT_EQ(counters.of(TrackPacket::kVideo).dropped, 10U);
+  EXPECT_EQ(counters.of(0).dropped, 5U) << "audio before 400 ms";
+  EXPECT_EQ(TimesIn(queue, TrackPacket::kVideo), (std::vector<Time>{400, 440}));
+}
+
+// A frame of so many packets, of which the first has the PCR, at 25 frames per second.
+void PushFrame(TransportPacer& pacer, int number, int packets) {
+  for (int i = 0; i < packets; ++i) {
+    std::array<std::uint8_t, TransportPacer::kPacketSize> packet{0x47, 0, 0, 0x10};
+    if (i == 0) {
+      const std::int64_t pcr = number * 3600;
+      packet[3] = 0x30;
+      packet[4] = 7;
+      packet[5] = 0x10;
+      for (int k = 0; k < 4; ++k) {
+        packet[static_cast<std::size_t>(6 + k)] = static_cast<std::uint8_t>(pcr >> (25 - 8 * k));
+      }
+    }
+    pacer.Push(packet);
+  }
+}
+
+TEST(TransportPacer, SpreadsEachFrameOverItsTimeAndCatchesUpSlowly) {
+  TransportPacer pacer;
+  // Half a second has piled up; then frames of 700 packets and, now and then, ten.
+  for (int i = 0; i < 12; ++i) {
+    PushFrame(pacer, i, 700);
+  }
+  int frame = 12;
+  Time drained = 0;
+  std::size_t longest = 0;
+  for (Time now = 0; now < 2 * kSecond; now += kMillisecond) {
+    if (now % (40 * kMillisecond) == 0) {
+      longest = drained > 0 ? std::max(longest, pacer.bytes()) : 0;
+      PushFrame(pacer, frame, frame % 5 == 0 ? 10 : 700);
+      ++frame;
+    }
+    int inMillisecond = 0;
+    while (!pacer.empty() && pacer.due() <= now) {
+      inMillisecond +=
+          static_cast<int>(pacer.Take(7, std::max(pacer.due(), now - kMillisecond)).size() /
+                           TransportPacer::kPacketSize);
+    }
+    const int most = drained > 0 ? 700 / 36 + 14 : 4 * 700 / 36 + 14;
+    ASSERT_LE(inMillisecond, most) << now;
+    drained = drained == 0 && pacer.empty() ? now : drained;
+  }
+  EXPECT_GT(drained, 0);
+  EXPECT_LT(drained, kSecond / 2);
+  EXPECT_EQ(longest, 0U) << "each frame has left before the next one comes";
 }
 
 class InterleaverTest : public testing::Test {
@@ -168,6 +202,10 @@ TEST_F(InterleaverTest, MovesWhatWaitsWhenTheChannelIsReSynchronised) {
       (Written{
           {kVideo, 0}, {0, 0}, {0, 20}, {kVideo, 40}, {0, 30}, {0, 50}, {0, 70}, {kVideo, 1000}}));
   EXPECT_EQ(LeftOut(), 1U);
+  Audio(1010, 0, 970);
+  Audio(520, 0, 270);  // what waits becomes too late
+  Video(2000);
+  EXPECT_EQ(written_[8], (std::pair<int, Time>{0, 520}));
 }
 
 TEST_F(InterleaverTest, LeavesOutAndCountsWhatHasNoPlace) {

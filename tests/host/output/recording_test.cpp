@@ -11,12 +11,10 @@ extern "C" {
 }
 
 #include "host/ffmpeg/error.h"
-#include "host/output/output_pass.h"
 #include "host/output/recording_files.h"
-#include "host/output/video_encoder.h"
 #include "host/wall/file_pattern.h"
 #include "tests/host/clips.h"
-#include "tests/support/frames.h"
+#include "tests/host/output/pass_fixture.h"
 #include "tests/support/temporary_folder.h"
 
 namespace host {
@@ -64,50 +62,15 @@ TEST(FilePattern, HoldsDateAndTime) {
   EXPECT_EQ(wall::PatternMistake("%F.mkv"), std::nullopt);
 }
 
-// Video without B-frames and with a keyframe in every fifth frame, and an output that takes it.
-class OutputPassTest : public testing::TestWithParam<const char*> {
+class OutputPassTest : public PassTest, public testing::WithParamInterface<const char*> {
  protected:
-  OutputPassTest() : encoder_(Video()) {
-    settings_.muxer.url = (folder_ / (std::string("wall.") + GetParam())).string();
-    settings_.muxer.survivesKill = true;
-    settings_.formatLimit = 700 * kMillisecond;
-    settings_.waitForSources = true;
-    settings_.sinceStart = [this] { return sinceStart_; };
-    for (const char* const name : {"here", "away"}) {
-      settings_.tracks.push_back({name, "", false, std::make_shared<AudioTrack>()});
-    }
-    settings_.tracks[0].audio->Settle(AacFormat(48'000, 2, ""));
-  }
-  static VideoEncoder::Settings Video() {
-    VideoEncoder::Settings settings;
-    settings.width = 96;
-    settings.height = 64;
-    settings.preset = "ultrafast";
-    settings.lowDelay = true;
-    settings.keyFrameInterval = kSecond / 5;
-    return settings;
-  }
-  void TakeFrame(OutputPass& pass, int number) {
-    const support::Yv12Buffer picture(96, 64);
-    encoder_.Encode(picture.bytes(), number * 400'000, [&](ffmpeg::Packet packet) {
-      pass.Take({TrackPacket::kVideo, std::move(packet), 0});
-    });
-  }
-
-  const TemporaryFolder folder_;
-  VideoEncoder encoder_;
-  OutputPass::Settings settings_;
-  Time sinceStart_ = 0;
+  OutputPassTest() : PassTest(std::string("wall.") + GetParam()) {}
 };
 
 // In every container, so that players find in each track what was announced.
 TEST_P(OutputPassTest, BeginsInTimeWithoutAChannelWhoseTrackIsSilentUntilItComes) {
-  const ffmpeg::Parameters video = encoder_.parameters();
-  int opened = 0;
   OutputCounters counters(2);
-  OutputPass pass(settings_, *video, counters,
-                  {nullptr, [](const std::string&) {},
-                   [&](const OutputPass&, const std::string&) { ++opened; }});
+  OutputPass pass(settings_, *video_, counters, Owner());
   TakeFrame(pass, 0);
   sinceStart_ = 650 * kMillisecond;
   TakeFrame(pass, 1);
@@ -120,7 +83,7 @@ TEST_P(OutputPassTest, BeginsInTimeWithoutAChannelWhoseTrackIsSilentUntilItComes
     TakeFrame(pass, i);
   }
   pass.Finish();
-  EXPECT_EQ(opened, 1);
+  EXPECT_EQ(opened_, 1);
 
   const bool isHls = GetParam() == std::string("m3u8");
   for (int track = 1; track <= 2; ++track) {
@@ -144,6 +107,34 @@ TEST_P(OutputPassTest, BeginsInTimeWithoutAChannelWhoseTrackIsSilentUntilItComes
       EXPECT_THAT(std::vector<float>(plane, plane + samples.frame->nb_samples),
                   testing::Each(testing::FloatNear(0, 1e-4F)));
     }
+  }
+}
+
+class FlvTest : public PassTest {
+ protected:
+  FlvTest() : PassTest("wall.flv") { settings_.tracks.clear(); }
+};
+
+TEST_F(FlvTest, BeginsAgainBeforeItsTimestampsEnd) {
+  constexpr int kDay = 24 * 3600 * 25;  // frames
+  RecordingFiles files(settings_.muxer.url, Existing::kKept);
+  OutputPass::Owner owner = Owner();
+  owner.files = &files;
+  OutputCounters counters(0);
+  OutputPass pass(settings_, *video_, counters, owner);
+  for (int day = 0; day < 50; ++day) {
+    TakeFrame(pass, day * kDay);
+    TakeFrame(pass, day * kDay + 1);
+  }
+  pass.Finish();
+  EXPECT_EQ(opened_, 3);
+  EXPECT_EQ(counters.of(OutputCounters::kVideo).written, 100U);
+  for (const char* const name : {"wall.flv", "wall-2.flv"}) {
+    MediaReader reader(Source(folder_ / name));
+    reader.Open();
+    const Content content = ReadAll(reader);
+    EXPECT_NEAR(static_cast<double>(content.pictures.back().start) / kSecond, 23 * 24 * 3600, 1)
+        << name;
   }
 }
 

@@ -1,0 +1,112 @@
+// What players of HLS are given.
+#include <set>
+#include <sstream>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/host/output/pass_fixture.h"
+
+namespace host {
+namespace {
+
+using testing::HasSubstr;
+
+class HlsTest : public PassTest {
+ protected:
+  HlsTest() : PassTest("wall.m3u8") {
+    settings_.keyFrameInterval = kSecond / 5;
+    sinceStart_ = kSecond;
+  }
+
+  struct Playlist {
+    std::string text;
+    std::vector<double> lengths;
+    std::vector<std::string> segments;
+  };
+  Playlist Read(const std::string& name) const {
+    Playlist playlist{ReadWholeFile(folder_ / name), {}, {}};
+    std::istringstream lines(playlist.text);
+    for (std::string line; std::getline(lines, line);) {
+      if (line.starts_with("#EXTINF:")) {
+        playlist.lengths.push_back(std::stod(line.substr(8)));
+      } else if (!line.starts_with("#")) {
+        playlist.segments.push_back(line);
+      }
+    }
+    return playlist;
+  }
+  // Frames, with audio of the first channel from one of them to another.
+  void Feed(OutputPass& pass, int frames, int firstSilent, int lastSilent) {
+    constexpr Time kPacket = 1024 * kSecond / 48'000;
+    for (int i = 0; i < frames; ++i) {
+      for (; audio_ < i * 400'000; audio_ += kPacket) {
+        if (i < firstSilent || i > lastSilent) {
+          ffmpeg::Packet packet = ffmpeg::MakePacket();
+          av_new_packet(packet.get(), 300);
+          packet->pts = packet->dts = audio_;
+          packet->duration = kPacket;
+          pass.Take({0, std::move(packet), 0});
+        }
+      }
+      TakeFrame(pass, i);
+    }
+  }
+
+  Time audio_ = 0;
+};
+
+TEST_F(HlsTest, GapsOfAChannelLeaveNoShortSegments) {
+  OutputCounters counters(2);
+  OutputPass pass(settings_, *video_, counters, Owner());
+  Feed(pass, 20 * 25, 3 * 25 + 10, 12 * 25);
+  pass.Finish();
+  for (const char* const name : {"wall_video.m3u8", "wall_sound1.m3u8", "wall_sound2.m3u8"}) {
+    SCOPED_TRACE(name);
+    Playlist playlist = Read(name);
+    ASSERT_EQ(playlist.lengths.size(), 6U);
+    EXPECT_THAT(playlist.lengths, testing::Each(testing::DoubleNear(2, 0.05)));
+  }
+}
+
+TEST_F(HlsTest, APlaylistThatFailedIsContinuedUnderOtherNames) {
+  std::vector<Playlist> before;
+  const std::vector<std::string> names = {"wall_video.m3u8", "wall_sound1.m3u8"};
+  OutputCounters counters(2);
+  {
+    OutputPass failed(settings_, *video_, counters, Owner());
+    Feed(failed, 7 * 25, 0, -1);
+  }
+  for (const std::string& name : names) {
+    before.push_back(Read(name));
+    EXPECT_GE(before.back().segments.size(), 3U);
+    EXPECT_THAT(before.back().text, testing::Not(HasSubstr("ENDLIST"))) << name;
+  }
+  VideoEncoder next(Video(kSecond / 5));
+  OutputPass again(settings_, *video_, counters, Owner());
+  for (int i = 0; i < 5 * 25; ++i) {
+    const support::Yv12Buffer picture(96, 64);
+    next.Encode(picture.bytes(), i * 400'000, [&](ffmpeg::Packet packet) {
+      again.Take({TrackPacket::kVideo, std::move(packet), 0});
+    });
+  }
+  again.Finish();
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    const Playlist after = Read(names[i]);
+    EXPECT_THAT(after.text, HasSubstr("#EXT-X-DISCONTINUITY\n"));
+    EXPECT_THAT(after.text, HasSubstr("ENDLIST"));
+    std::set<std::string> all(before[i].segments.begin(), before[i].segments.end());
+    ASSERT_FALSE(after.segments.empty());
+    std::size_t known = 0;
+    for (const std::string& segment : after.segments) {
+      known += all.contains(segment) ? 1 : 0;
+      all.insert(segment);
+    }
+    EXPECT_GE(all.size(), before[i].segments.size() + 2) << "new names for new segments";
+    EXPECT_GE(known, 1U) << "the old ones are still in the list";
+    EXPECT_LE(after.segments.size(), 6U);
+  }
+}
+
+}  // namespace
+}  // namespace host

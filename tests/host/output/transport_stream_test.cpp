@@ -1,0 +1,60 @@
+// What stream analysers ask of a transport stream, by the project's own.
+#include <gtest/gtest.h>
+
+#include "tests/host/output/pass_fixture.h"
+#include "tests/support/child_process.h"
+
+namespace host {
+namespace {
+
+// Its one line of findings: {"packets": ..., "errors": {}, ...}.
+std::string Analyse(const std::string& source) {
+  ChildProcess analyser({TAVREL_TOOLS "/analyse_ts.py", "--json", source});
+  return analyser.ReadLine().value_or("the analyser did not run");
+}
+
+class TransportStreamTest : public PassTest, public testing::WithParamInterface<bool> {
+ protected:
+  static constexpr std::size_t kChannels = 36;
+
+  TransportStreamTest() : PassTest("wall.ts", 2 * kSecond) {
+    settings_.muxer.lowDelay = GetParam();
+    settings_.tracks.clear();
+    for (std::size_t i = 0; i < kChannels; ++i) {
+      settings_.tracks.push_back({"channel", "deu", false, std::make_shared<AudioTrack>()});
+      settings_.tracks[i].audio->Settle(AacFormat(48'000, 2, ""));
+    }
+  }
+};
+
+// The first channel's audio comes as late as an output takes it, most of the others never come.
+TEST_P(TransportStreamTest, HasTimeForItsDecodersAndItsTablesAndClocksInTime) {
+  constexpr Time kFrame = 1024 * kSecond / 48'000;
+  const Time late = GetParam() ? 90 * kMillisecond : 490 * kMillisecond;
+  OutputCounters counters(kChannels);
+  OutputPass pass(settings_, *video_, counters, Owner());
+  std::int64_t audio = 0;
+  for (int i = 0; i < 150; ++i) {
+    TakeFrame(pass, i);
+    for (; audio * kFrame < i * 400'000; ++audio) {
+      for (const int channel : {0, 1}) {
+        ffmpeg::Packet packet = ffmpeg::MakePacket();
+        av_new_packet(packet.get(), 576);
+        packet->pts = packet->dts =
+            audio * kFrame + (channel == 0 ? 40 * kMillisecond - late : kSecond);
+        packet->duration = kFrame;
+        pass.Take({channel, std::move(packet), 0});
+      }
+    }
+  }
+  pass.Finish();
+  EXPECT_GT(counters.of(0).written, 100U);
+  const std::string findings = Analyse(settings_.muxer.url);
+  EXPECT_NE(findings.find("\"streams\": 37,"), std::string::npos) << findings;
+  EXPECT_NE(findings.find("\"errors\": {}"), std::string::npos) << findings;
+}
+
+INSTANTIATE_TEST_SUITE_P(Delays, TransportStreamTest, testing::Bool());
+
+}  // namespace
+}  // namespace host
