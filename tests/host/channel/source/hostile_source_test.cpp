@@ -106,8 +106,8 @@ class Sender {
         // Nobody waits for a reader.
         const int pipe = ::open(url.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
         if (pipe >= 0) {
-          EXPECT_GT(::write(pipe, text.data(), text.size()), 0);
-          ++written_;
+          // The reader may have left meanwhile.
+          written_ += ::write(pipe, text.data(), text.size()) > 0 ? 1 : 0;
           ::close(pipe);
         }
         ::usleep(1000);
