@@ -27,8 +27,8 @@ void SourceClock::ReplaceStream(std::size_t index, Time wrapPeriod) {
   stream.doubts = 0;
 }
 
-void SourceClock::AddOffset(Time value, std::optional<Time> beforeGap) {
-  newest_ = {value, newest_.number + 1, beforeGap};
+void SourceClock::AddOffset(Time value, std::optional<Time> beforeGap, Time since) {
+  newest_ = {value, newest_.number + 1, beforeGap, since};
 }
 
 void SourceClock::Restart() {
@@ -105,6 +105,19 @@ bool SourceClock::JoinCompanion(Stream& stream, Time raw) {
   return true;
 }
 
+void SourceClock::ConfirmGap(const Stream& stream, Time raw) {
+  const Stream* const companion = Companion(stream);
+  if (companion == nullptr || companion->offset.beforeGap != stream.offset.value) {
+    return;
+  }
+  const Offset seeming = companion->offset;
+  const Time gap = stream.offset.value - seeming.value;
+  const Time time = raw + stream.offset.value;
+  if (gap > 0 && time - stream.expected > gap / 2 && time - seeming.since <= kAdoptionLimit + gap) {
+    BelieveGap(seeming);
+  }
+}
+
 void SourceClock::BelieveGap(const Offset& gap) {
   AddOffset(*gap.beforeGap);
   for (Stream& stream : streams_) {
@@ -131,7 +144,8 @@ bool SourceClock::FollowLeap(Stream& stream, Time raw) {
       return false;
     }
   }
-  AddOffset(Due(stream) - raw, isGap ? std::optional(stream.offset.value) : std::nullopt);
+  const Time due = Due(stream);
+  AddOffset(due - raw, isGap ? std::optional(stream.offset.value) : std::nullopt, due);
   stream.offset = newest_;
   return true;
 }
@@ -159,7 +173,9 @@ SourceClock::Mapped SourceClock::Map(std::size_t index, Stamps stamps) {
     Verdict verdict = Verdict::kFollows;
     if (!stream.started) {
       stream.offset = newest_;
-    } else if (verdict = Judge(stream, raw); verdict != Verdict::kFollows) {
+    } else if (verdict = Judge(stream, raw); verdict == Verdict::kFollows) {
+      ConfirmGap(stream, raw);
+    } else {
       if (JoinCompanion(stream, raw)) {
         verdict = Verdict::kFollows;
         mapped.discontinuity = true;

@@ -83,6 +83,7 @@ class SourceClock {
     Time value = 0;
     std::uint64_t number = 0;
     std::optional<Time> beforeGap{};  // the value before what may be a gap
+    Time since = 0;                   // clock time of the first packet with it
   };
 
   struct Stream {
@@ -112,9 +113,12 @@ class SourceClock {
   bool JoinCompanion(Stream& stream, Time raw);
   // Gives the stream another offset when its stamps jumped; true when they did.
   bool FollowLeap(Stream& stream, Time raw);
+  // A slow stream shows by its rhythm that the gap that its companion seemed to have is one of the
+  // source.
+  void ConfirmGap(const Stream& stream, Time raw);
   // The gap that one stream seemed to have is one of the source.
   void BelieveGap(const Offset& gap);
-  void AddOffset(Time value, std::optional<Time> beforeGap = {});
+  void AddOffset(Time value, std::optional<Time> beforeGap = {}, Time since = 0);
 
   const std::optional<Time> forwardLimit_;
   std::optional<Time> origin_;

@@ -225,6 +225,22 @@ TEST(SourceClock, AudioThatWasAwayComesBackBesideItsVideo) {
   EXPECT_LE(run(2000 * kSecond + 400 * kFrame, 100, true), SourceClock::kBackLimit);
 }
 
+// A frame a second follows through a step that is a leap for its audio, which comes first.
+TEST(SourceClock, ALeapThatASlowStreamTakesForItsRhythmMovesBoth) {
+  SourceClock clock(10 * kSecond);
+  const auto video = clock.AddStream(0);
+  const auto audio = clock.AddStream(0);
+  Time apart = 0;
+  for (int i = 0; i < 500; ++i) {
+    const Time time = i * kFrame + (i < 240 ? 0 : 104 * kSecond / 100);
+    const Time sound = clock.Map(audio, At(time)).dts;
+    if (i % 25 == 0) {
+      apart = sound - clock.Map(video, At(time, kSecond)).dts;
+    }
+  }
+  EXPECT_EQ(apart, 0);
+}
+
 TEST(SourceClock, FollowsAGapAndASlowRhythmOnceTheyAreBorneOut) {
   SourceClock clock(10 * kSecond);
   const auto video = clock.AddStream(0);
