@@ -157,7 +157,11 @@ bool SimulatedSource::Transmit(SimulatedPacket& packet, Time sent) {
   }
   Time arrival = sent;
   if (model_.burst > 0) {
-    arrival = (arrival / model_.burst + 1) * model_.burst;
+    // Every other lump or so comes in two halves.
+    const Time lump = arrival / model_.burst;
+    const bool halved = (static_cast<std::uint64_t>(lump) * 2654435761U >> 7 & 1) != 0;
+    const Time half = lump * model_.burst + model_.burst / 2;
+    arrival = halved && arrival < half ? half : (lump + 1) * model_.burst;
   }
   if (model_.jitter > 0) {
     arrival += dice_.Between(0, model_.jitter);
