@@ -1,6 +1,7 @@
 #include "tools/simulation/scenario.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 
 namespace simulation {
@@ -65,9 +66,10 @@ Fault MakeFault(Dice& dice, const SourceModel& source) {
       break;
     case Kind::kRemuxed:
       fault.length = dice.Between(100, 9000) * kMillisecond;
-      // Beside bursts there would be no room for it.
-      fault.amount =
-          source.burst > 0 || source.jitter > 0 ? 0 : dice.Between(-900, 900) * kMillisecond;
+      // Beside bursts, or a clock that is wrong by a percent, there would be no room for it.
+      fault.amount = source.burst > 0 || source.jitter > 0 || std::abs(source.drift) > 200
+                         ? 0
+                         : dice.Between(-900, 900) * kMillisecond;
       break;
     case Kind::kReplaced:
     case Kind::kAudioAway:
@@ -141,7 +143,8 @@ SourceModel MakeSource(Dice& dice, Time begin, Time length) {
       break;
   }
   if (dice.OneIn(2)) {
-    const std::int64_t worst = source.burst == 0 && dice.OneIn(5) ? 10'000 : 200;
+    const bool hasRoom = source.burst == 0 && source.audioSkew == 0;
+    const std::int64_t worst = hasRoom && dice.OneIn(5) ? 10'000 : 200;
     source.drift = static_cast<double>(dice.Between(-worst, worst));
   }
   if (!dice.OneIn(3)) {
