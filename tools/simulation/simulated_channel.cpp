@@ -225,6 +225,24 @@ void SimulatedChannel::Show(const Frame& frame) {
   sample->SetActualDataLength(size);
   session_->placer.Add(span.start, span.duration, span.discontinuity,
                        host::ReadyPicture{sample, {}});
+  WatchLead(services_.now());
+}
+
+// The lead of a source that is pushed shrinks while it is longer than needed.
+void SimulatedChannel::WatchLead(Time now) {
+  constexpr Time kAmple = host::kSecond / 2;
+  constexpr Time kLongest = 60 * host::kSecond;
+  Session& session = *session_;
+  const Time spare =
+      session.placer.lead() - session.placer.jitter() - host::LiveTimeline::Settings{}.lead;
+  if (spare <= kAmple || model_->pace != host::Pace::kPushed) {
+    session.ampleSince.reset();
+  } else if (!session.ampleSince) {
+    session.ampleSince = now;
+  } else if (now - *session.ampleSince > kLongest) {
+    services_.violated(channel_->name() + " keeps a lead longer than it needs");
+    session.ampleSince = now;
+  }
 }
 
 void SimulatedChannel::HandleAudio(const SimulatedPacket& packet,

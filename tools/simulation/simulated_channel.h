@@ -76,7 +76,8 @@ class SimulatedChannel final : public host::ChannelObserver {
     std::size_t videoStream;
     std::size_t audioStream;
     host::ItemTimes videoTimes;
-    std::int64_t jumps = 0;  // of the timestamps of its video
+    std::int64_t jumps = 0;            // of the timestamps of its video
+    std::optional<Time> ampleSince{};  // since then its lead has been longer than needed
     host::ItemTimes audioTimes;
     std::priority_queue<Frame> decoder;
     host::RateLimiter limiter;
@@ -89,6 +90,7 @@ class SimulatedChannel final : public host::ChannelObserver {
   void Fail(Time now);
   void Handle(const SimulatedPacket& packet);
   void Show(const Frame& frame);
+  void WatchLead(Time now);
   void HandleAudio(const SimulatedPacket& packet, const host::SourceClock::Mapped& mapped);
   void Announce(host::SourceNews::Kind kind);
 
