@@ -23,15 +23,17 @@ constexpr double kMostSilent = 0.02;
 constexpr double kMostWrongMeters = 0.03;
 
 // How long after a fault the channel may need to be itself again.
-Time SettleTime(Kind kind) {
+Time SettleTime(Kind kind, const SourceModel& model) {
   switch (kind) {
     case Kind::kStall:
     case Kind::kStarved:
     case Kind::kLoss:
     case Kind::kHidden:
+      return 3 * kSecond;
     case Kind::kRestart:
     case Kind::kRemuxed:
-      return 3 * kSecond;
+      // How long its bursts are is learnt again.
+      return (model.burst > 0 ? 12 : 3) * kSecond;
     default:
       return 12 * kSecond;
   }
@@ -68,7 +70,7 @@ bool Watcher::IsCalm(Time time) const {
     // A sender that is replaced comes back a second after the other one has gone.
     const Time extra = fault.kind == Kind::kReplaced ? 2 * kSecond : kSecond;
     return time >= fault.at - kSecond &&
-           time < fault.at + fault.length + extra + SettleTime(fault.kind);
+           time < fault.at + fault.length + extra + SettleTime(fault.kind, *model_);
   });
 }
 
