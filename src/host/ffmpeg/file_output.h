@@ -12,7 +12,7 @@
 namespace host::ffmpeg {
 
 // What FFmpeg's own file protocol does, and two things that it does not. A new file is created and
-// opened in one step, so that no file that exists is ever truncated, whoever made it in between.
+// opened in one step, so that no file that exists is truncated, not even one made in between.
 // And what the muxer flushes at once (a cluster, a fragment, a frame in transport packets) reaches
 // the file in one write, so that a program that is killed leaves no half of it.
 //

@@ -94,7 +94,7 @@ void FragmentedInput::Remember(std::size_t count) {
     return;
   }
   header_.append(pending_, given_, count);
-  if (header_.size() > kLongestHeader) {
+  if (header_.size() > kMaxHeader) {
     isOther_ = true;
     header_.clear();
   }

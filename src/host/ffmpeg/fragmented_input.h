@@ -34,7 +34,7 @@ class FragmentedInput {
   void Restart();
 
  private:
-  static constexpr std::size_t kLongestHeader = std::size_t{4} << 20;  // bytes
+  static constexpr std::size_t kMaxHeader = std::size_t{4} << 20;  // bytes
 
   static int ReadCallback(void* input, std::uint8_t* buffer, int size);
   int Read(std::uint8_t* buffer, int size);

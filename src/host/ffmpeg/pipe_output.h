@@ -20,7 +20,7 @@ class PipeOutput {
   static bool Serves(const std::string& target);
   // Whether it is the standard output, under whatever name.
   static bool IsStandardOutput(const std::string& target);
-  // ... which leads into a file. Opening that anew would write over what is before its end.
+  // ... which leads into a file. Opening that again would write over what is before its end.
   static bool WritesStandardFile(const std::string& target);
 
   // Waits for a reader as long as the deadline lets it. Throws Error.

@@ -14,12 +14,12 @@ extern "C" {
 namespace host::ffmpeg {
 namespace {
 
-constexpr std::size_t kLongestPiece = 65'536;  // no datagram is longer
+constexpr std::size_t kMaxPiece = 65'536;  // no datagram is longer
 
 }  // namespace
 
 TappedInput::TappedInput(const std::string& url, IoDeadline& deadline, Options& options, Tap tap)
-    : tap_(std::move(tap)), deadline_(deadline), piece_(kLongestPiece) {
+    : tap_(std::move(tap)), deadline_(deadline), piece_(kMaxPiece) {
   const AVIOInterruptCB interrupt{&IoDeadline::Callback, &deadline};
   AVIOContext* connection = nullptr;
   Check(avio_open2(&connection, url.c_str(), AVIO_FLAG_READ, &interrupt, options.Exchange()),

@@ -186,7 +186,7 @@ void Muxer::Open(ffmpeg::Options& options) {
 void Muxer::Connect(ffmpeg::Options& options) {
   const std::optional<wall::Url> url = wall::ParseUrl(settings_.url);
   if (url && wall::Listens(*url, settings_.options)) {
-    // A port that is closed now and then refuses whoever comes meanwhile.
+    // A port that is closed now and then refuses viewers that come meanwhile.
     deadline_.Disarm();
   }
   const bool isPaced = settings_.isPaced && url && url->scheme == "udp" &&

@@ -10,7 +10,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// A file that does not grow for that long when it is to be finished is given up.
+// A file that does not grow for that long while it is being finished is left as it is.
 constexpr std::uint32_t kFileStall = 2'000;
 
 }  // namespace

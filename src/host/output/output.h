@@ -80,7 +80,7 @@ class Output {
   bool WaitForRoom(std::chrono::milliseconds limit) { return queue_.WaitForRoom(limit); }
   // Nothing more comes.
   void Close() { queue_.Close(); }
-  // Writes what waits and the end; gives up what is not written within the limit, but for a file
+  // Writes what waits and the end; drops what is not written within the limit, but for a file
   // not as long as bytes reach it.
   void Finish(std::chrono::milliseconds limit);
 

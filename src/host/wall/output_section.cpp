@@ -5,7 +5,7 @@ namespace host::wall {
 
 namespace {
 
-constexpr Time kLongestSegment = 366 * 24 * (3600 * kSecond);
+constexpr Time kMaxSegment = 366 * 24 * (3600 * kSecond);
 constexpr std::int64_t kSmallestSegment = 1'000'000;  // bytes
 
 void ReadBitRate(TableReader& reader, std::int64_t& bitRate) {
@@ -66,7 +66,7 @@ Output ReadOutput(TableReader& reader, const FileContext& context) {
   output.lowDelay = reader.Boolean("low_delay").value_or(output.lowDelay);
   output.audio = reader.Boolean("audio").value_or(output.audio);
   output.audioWait = reader.Duration("audio_wait", 0, 60 * kSecond).value_or(output.audioWait);
-  output.segment = reader.Duration("segment", kSecond, kLongestSegment).value_or(output.segment);
+  output.segment = reader.Duration("segment", kSecond, kMaxSegment).value_or(output.segment);
   ReadSegmentSize(reader, output.segmentSize);
   output.overwrite = reader.Boolean("overwrite").value_or(output.overwrite);
   output.options = reader.Options("options").value_or(output.options);
