@@ -33,7 +33,7 @@ class ChannelSource final : public CBaseFilter {
     Ratio canvasRate{25, 1};
     Ratio canvasAspect{16, 9};
     ChannelPresenter::Settings presenter;
-    // No threads: whoever owns it fills the queue and calls DeliverUpTo (simulations).
+    // No threads: its owner fills the queue and calls DeliverUpTo (simulations).
     bool driven = false;
   };
 

@@ -12,7 +12,7 @@ namespace host {
 namespace {
 
 constexpr std::size_t kBeginning = 4096;  // bytes
-constexpr std::size_t kLongestHeader = 16;
+constexpr std::size_t kMaxBoxHeader = 16;
 
 std::uint64_t BigEndian(std::span<const std::uint8_t> bytes) {
   std::uint64_t number = 0;
@@ -31,7 +31,7 @@ bool MayKnowNoRanges(int code) {
 
 // Boxes: four bytes of size, four of type, and eight more of size where the first says 1.
 bool DataComesFirst(std::span<const std::uint8_t> beginning) {
-  while (beginning.size() >= kLongestHeader) {
+  while (beginning.size() >= kMaxBoxHeader) {
     std::uint64_t size = BigEndian(beginning.first(4));
     const std::string_view type(reinterpret_cast<const char*>(beginning.data()) + 4, 4);
     if (type == "mdat" || type == "moov") {

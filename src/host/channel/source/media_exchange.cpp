@@ -34,13 +34,6 @@ bool IsFromMp4(const AVStream& stream) {
   return !isVideo || (parameters.extradata_size > 0 && parameters.extradata[0] == 1);
 }
 
-int Ordinal(const AVFormatContext& input, int index) {
-  const AVMediaType kind = input.streams[index]->codecpar->codec_type;
-  return static_cast<int>(
-      std::count_if(input.streams, input.streams + index,
-                    [&](const AVStream* other) { return other->codecpar->codec_type == kind; }));
-}
-
 }  // namespace
 
 // FFmpeg's demuxer of MP4 keeps an index entry of every packet.
@@ -71,7 +64,7 @@ void MediaReader::WatchIndex() {
       if (*each && (*each)->latest) {
         const int index = (*each)->streamIndex;
         settings.positions.push_back({input_->streams[index]->codecpar->codec_type,
-                                      Ordinal(*input_, index), *(*each)->latest});
+                                      OrdinalOf(*input_, index), *(*each)->latest});
       }
     }
     successor_.emplace(std::move(settings));
@@ -117,10 +110,10 @@ void MediaReader::AdoptSuccessor() {
 
 int MediaReader::StreamIn(const AVFormatContext& input, const Track& track) const {
   const AVStream& stream = *input_->streams[track.streamIndex];
-  const int ordinal = Ordinal(*input_, track.streamIndex);
+  const int ordinal = OrdinalOf(*input_, track.streamIndex);
   for (int i = 0; i < static_cast<int>(input.nb_streams); ++i) {
     const AVCodecParameters& other = *input.streams[i]->codecpar;
-    if (other.codec_type == stream.codecpar->codec_type && Ordinal(input, i) == ordinal &&
+    if (other.codec_type == stream.codecpar->codec_type && OrdinalOf(input, i) == ordinal &&
         other.codec_id == stream.codecpar->codec_id) {
       return i;
     }

@@ -13,17 +13,15 @@ extern "C" {
 #include "host/ffmpeg/time_unit.h"
 
 namespace host {
-namespace {
 
 int OrdinalOf(const AVFormatContext& input, int index) {
-  int ordinal = 0;
-  for (int i = 0; i < index; ++i) {
-    ordinal += input.streams[i]->codecpar->codec_type == input.streams[index]->codecpar->codec_type
-                   ? 1
-                   : 0;
-  }
-  return ordinal;
+  const AVMediaType kind = input.streams[index]->codecpar->codec_type;
+  return static_cast<int>(
+      std::count_if(input.streams, input.streams + index,
+                    [&](const AVStream* other) { return other->codecpar->codec_type == kind; }));
 }
+
+namespace {
 
 bool IsAt(const AVFormatContext& input, int index, const SuccessorInput::Position& position) {
   return input.streams[index]->codecpar->codec_type == position.kind &&

@@ -16,6 +16,9 @@
 
 namespace host {
 
+// The how-many-th of its kind a stream is, counted from 0. index: of the stream in the input.
+int OrdinalOf(const AVFormatContext& input, int index);
+
 // Opens it on a thread of its own and reads up to where the first one is, so that its reader can
 // change over without a gap. Owned and called by one reader on its thread; one that is destroyed
 // before it is ready ends by itself.
