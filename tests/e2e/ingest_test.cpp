@@ -407,7 +407,7 @@ TEST_F(IngestTest, AHundredReturnsOfLostSourcesCostNoFrameAndLeaveNothingBehind)
   session->Start();
   waitFor(1);
   session->Stop();
-  EXPECT_EQ(session->EndReaders(), 0);
+  EXPECT_EQ(session->Finish(), 0);
   // The camera notices a little later that its clients have gone.
   const auto openFiles = [&] {
     const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
@@ -426,7 +426,7 @@ TEST_F(IngestTest, AHundredReturnsOfLostSourcesCostNoFrameAndLeaveNothingBehind)
   session->Start();
   waitFor(from + 100);
   session->Stop();
-  EXPECT_EQ(session->EndReaders(), 0);
+  EXPECT_EQ(session->Finish(), 0);
   const host::WallSession::Counters after = session->counters();
   EXPECT_GE(frames + after.late + after.starved - before.late - before.starved,
             static_cast<std::uint64_t>((last - first) / 400'000 + 1));

@@ -107,9 +107,9 @@ class NetworkTest : public e2e::WallTest {
   // Runs the wall live into the outputs until those at the other end have read enough.
   void SendTo(const std::vector<host::wall::Output>& outputs,
               const std::function<bool()>& allDone) {
-    const host::OutputSet::Settings settings = host::OutputsOfWall(wall_.wall(), outputs, true);
-    host::OutputSet set(settings, &wall_.outputs(), &wall_.logger());
-    RunLiveUntil(wall_, settings, set, "a second of the wall has reached its receivers", allDone);
+    wall_.wall().outputs = outputs;
+    RunLiveUntil(wall_, wall_.SessionSettings(), "a second of the wall has reached its receivers",
+                 [&](host::OutputSet&) { return allDone(); });
   }
 
   // The frame of a selected window needs room below it.

@@ -46,38 +46,34 @@ class OutputsTest : public e2e::WallTest {
       wall_.AddChannel(file.string(), {i * 40, 0, 32, 32});
     }
   }
-  void RunLiveUntil(const host::OutputSet::Settings& settings, host::OutputSet& set,
-                    const std::string& what, const std::function<bool()>& isSo) {
-    composed_ = WallTest::RunLiveUntil(wall_, settings, set, what, isSo);
-  }
   int BufferFullReports(const std::string& pin) { return wall_.logger().BufferFull()[pin]; }
 
   e2e::TestWall wall_{160, 32};
-  std::uint64_t composed_ = 0;
 };
 
 TEST_F(OutputsTest, AConsumerThatStopsReadingTakesNothingFromTheOthers) {
   AddChannels(3);
   const UnreadPipe pipe(folder_ / "unread.ts");
-  host::OutputSet::Settings settings = host::OutputsOfWall(
-      wall_.wall(), {To(folder_ / "unread.ts"), To(folder_ / "wall.mkv")}, true);
-  settings.queue.bytes = 50'000;
+  wall_.wall().outputs = {To(folder_ / "unread.ts"), To(folder_ / "wall.mkv")};
+  host::WallSession::Settings settings = wall_.SessionSettings();
+  settings.outputQueue.bytes = 50'000;
   settings.finishLimit = std::chrono::milliseconds(200);
-  host::OutputSet set(settings, &wall_.outputs(), &wall_.logger());
   std::size_t mostBytes = 0;
-  RunLiveUntil(settings, set, "the unread output has dropped pictures three times", [&] {
-    mostBytes = std::max(mostBytes, set.queuedBytes());
-    return set.status()[0].overflows >= 3;
-  });
+  const auto session =
+      RunLiveUntil(wall_, std::move(settings), "the unread output has dropped frames three times",
+                   [&](host::OutputSet& outputs) {
+                     mostBytes = std::max(mostBytes, outputs.queuedBytes());
+                     return outputs.status()[0].overflows >= 3;
+                   });
 
-  const std::vector<host::OutputSet::Status> status = set.status();
+  const std::vector<host::OutputSet::Status> status = session->outputs().status();
   EXPECT_EQ(status[1].overflows, 0U);
   EXPECT_GE(BufferFullReports("output 1"), 3);
   EXPECT_EQ(BufferFullReports("output 2"), 0);
   // A queue is full once it has reached its limit: one picture more is in it.
   EXPECT_LT(mostBytes, 2 * 50'000U);
   // Full rate: every picture that was composed and for which the encoder had time.
-  EXPECT_EQ(status[1].video.written + status[1].video.dropped, composed_);
+  EXPECT_EQ(status[1].video.written + status[1].video.dropped, session->counters().composed);
   EXPECT_EQ(status[1].failure, "");
   EXPECT_EQ(e2e::DecodeWhole(folder_ / "wall.mkv"), "");
   // 25 pictures and nearly 47 packets of sound in a second; the sound begins later.
@@ -173,12 +169,10 @@ TEST_F(OutputsTest, AChannelThatIsNotThereAtTheStartGetsATrackAndIsEncodedIntoIt
   const std::filesystem::path late = folder_ / "late.mkv";
   wall_.AddChannel(late.string(), {80, 0, 32, 32});
   wall_.wall().channels[2].options.audio.language = "deu";
-  host::OutputSet::Settings settings =
-      host::OutputsOfWall(wall_.wall(), {To(folder_ / "wall.mkv")}, true);
-  host::OutputSet set(settings, &wall_.outputs(), &wall_.logger());
+  wall_.wall().outputs = {To(folder_ / "wall.mkv")};
   bool made = false;
   std::uint64_t writtenThen = 0;
-  RunLiveUntil(settings, set, "three seconds were written since the channel came", [&] {
+  const auto wasWritten = [&](host::OutputSet& set) {
     // The output has begun without it.
     if (!made && set.status()[0].video.written > 0) {
       e2e::FlashClip clip;
@@ -191,7 +185,9 @@ TEST_F(OutputsTest, AChannelThatIsNotThereAtTheStartGetsATrackAndIsEncodedIntoIt
       writtenThen = set.status()[0].video.written;
     }
     return writtenThen > 0 && set.status()[0].video.written > writtenThen + 75;
-  });
+  };
+  RunLiveUntil(wall_, wall_.SessionSettings(), "three seconds were written since the channel came",
+               wasWritten);
   EXPECT_EQ(e2e::DecodeWhole(folder_ / "wall.mkv"), "");
   const auto packets = e2e::ReadPackets(folder_ / "wall.mkv", 3);
   EXPECT_GT(packets.size(), 20U);

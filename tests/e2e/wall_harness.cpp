@@ -195,6 +195,7 @@ host::WallSession::Settings TestWall::SessionSettings() {
   settings.composerLibrary = TAVREL_COMPOSER_LIBRARY;
   settings.logger = &logger_;
   settings.observer = &channels_;
+  settings.outputObserver = &outputs_;
   return settings;
 }
 
@@ -229,45 +230,16 @@ std::unique_ptr<host::WallSession> TestWall::MakeLive(host::CompositionSink::Tak
   return std::make_unique<host::WallSession>(std::move(settings));
 }
 
-host::WallSession::Settings TestWall::SettingsInto(const host::OutputSet::Settings& settings,
-                                                   host::OutputSet& outputs) {
-  host::WallSession::Settings session = SessionSettings();
-  session.takeFrame = [&outputs](const ComPtr<IMediaSample>& frame, host::Time start) {
-    outputs.Take(frame, start);
-  };
-  session.takePacket = [&outputs](std::size_t channel, const host::ffmpeg::Packet& packet,
-                                  host::Time shift) { outputs.TakeSound(channel, *packet, shift); };
-  for (const host::OutputPass::Track& track : settings.tracks) {
-    session.audioTracks.push_back(track.audio);
-  }
-  return session;
-}
-
 std::vector<host::OutputSet::Status> TestWall::RenderInto(
     const std::vector<host::wall::Output>& outputs, std::optional<host::Time> length) {
-  const host::OutputSet::Settings settings = host::OutputsOfWall(wall_, outputs, false);
-  host::OutputSet set(settings, &outputs_, &logger_);
-  {
-    host::WallSession session(SettingsInto(settings, set));
-    host::WallSession::RenderControl control;
-    control.length = length;
-    control.stallLimit = std::chrono::seconds(60);
-    control.waitForRoom = [&] {
-      while (!set.WaitForRoom(std::chrono::milliseconds(100))) {
-      }
-      return !set.allFailed();
-    };
-    session.Render(control);
-    set.Finish();
-  }
-  return set.status();
-}
-
-std::unique_ptr<host::WallSession> TestWall::MakeLiveInto(const host::OutputSet::Settings& settings,
-                                                          host::OutputSet& outputs) {
-  host::WallSession::Settings session = SettingsInto(settings, outputs);
-  session.live = true;
-  return std::make_unique<host::WallSession>(std::move(session));
+  wall_.outputs = outputs;
+  host::WallSession session(SessionSettings());
+  host::WallSession::RenderControl control;
+  control.length = length;
+  control.stallLimit = std::chrono::seconds(60);
+  session.Render(control);
+  session.Finish();
+  return session.outputs().status();
 }
 
 std::uint8_t TestWall::Luma(const Frame& frame, int x, int y) const {
@@ -279,22 +251,23 @@ void WallTest::TearDown() {
   EXPECT_TRUE(NothingIsLeft()) << "a sample, an allocator, a pin or a filter was leaked";
 }
 
-std::uint64_t WallTest::RunLiveUntil(TestWall& wall, const host::OutputSet::Settings& settings,
-                                     host::OutputSet& outputs, const std::string& what,
-                                     const std::function<bool()>& isSo) {
+std::unique_ptr<host::WallSession> WallTest::RunLiveUntil(
+    TestWall& wall, host::WallSession::Settings settings, const std::string& what,
+    const std::function<bool(host::OutputSet&)>& isSo) {
   const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  const auto session = wall.MakeLiveInto(settings, outputs);
+  settings.live = true;
+  auto session = std::make_unique<host::WallSession>(std::move(settings));
   session->Start();
-  bool so = isSo();
+  bool so = isSo(session->outputs());
   while (!so && std::chrono::steady_clock::now() < limit) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    so = isSo();
+    so = isSo(session->outputs());
   }
   EXPECT_TRUE(so) << "never so within a minute: " << what
                   << "; failures: " << testing::PrintToString(wall.outputs().failures());
   session->Stop();
-  outputs.Finish();
-  return session->counters().composed;
+  session->Finish();
+  return session;
 }
 
 }  // namespace e2e

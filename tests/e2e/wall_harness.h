@@ -16,7 +16,6 @@
 
 #include <gtest/gtest.h>
 
-#include "host/session/wall_outputs.h"
 #include "host/session/wall_session.h"
 #include "host/wall/wall.h"
 #include "tests/support/recording_logger.h"
@@ -114,18 +113,12 @@ class TestWall {
                                                   std::optional<host::Time> length = std::nullopt);
   // A session of the wall that runs live.
   std::unique_ptr<host::WallSession> MakeLive(host::CompositionSink::TakeFrame takeFrame);
-  // The same with everything going into the outputs. They are shared with the session and outlive
-  // it.
-  std::unique_ptr<host::WallSession> MakeLiveInto(const host::OutputSet::Settings& settings,
-                                                  host::OutputSet& outputs);
+  // Of a session that renders; the wall's outputs are its own.
+  host::WallSession::Settings SessionSettings();
 
   std::uint8_t Luma(const Frame& frame, int x, int y) const;
 
  private:
-  host::WallSession::Settings SessionSettings();
-  host::WallSession::Settings SettingsInto(const host::OutputSet::Settings& settings,
-                                           host::OutputSet& outputs);
-
   host::wall::Wall wall_;
   ChannelLog channels_;
   OutputLog outputs_;
@@ -138,11 +131,11 @@ class WallTest : public testing::Test {
  protected:
   void TearDown() override;
 
-  // Runs the wall live into the outputs until something is the case, which is asked again and
-  // again, a minute at the most; then what was composed is finished and counted.
-  std::uint64_t RunLiveUntil(TestWall& wall, const host::OutputSet::Settings& settings,
-                             host::OutputSet& outputs, const std::string& what,
-                             const std::function<bool()>& isSo);
+  // Runs the wall live until something is the case with its outputs, which is asked again and
+  // again, a minute at the most; then they are written to their end.
+  std::unique_ptr<host::WallSession> RunLiveUntil(
+      TestWall& wall, host::WallSession::Settings settings, const std::string& what,
+      const std::function<bool(host::OutputSet&)>& isSo);
 
   TemporaryFolder folder_;
 };

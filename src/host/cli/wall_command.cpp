@@ -21,8 +21,6 @@
 #include "host/cli/run_plan.h"
 #include "host/cli/snapshot_frame.h"
 #include "host/cli/wall_status.h"
-#include "host/output/output_set.h"
-#include "host/session/wall_outputs.h"
 #include "host/session/wall_session.h"
 #include "platform/os/standard_stream.h"
 #include "platform/os/stop_signals.h"
@@ -66,22 +64,16 @@ class WallCommandRun {
   ExitCode Run() {
     os::StandardStream::LimitWaiting(streams_.out, kOutPatience, kOutPatience);
     os::StandardStream::LimitWaiting(streams_.err, kErrPatience, milliseconds(0));
-    const OutputSet::Settings outputs = OutputsOfWall(command_.wall, plan_.outputs, command_.live);
-    outputs_.emplace(outputs, &outputMessages_, &messages_.logger());
-    for (const OutputPass::Track& track : outputs.tracks) {
-      audioTracks_.push_back(track.audio);
-    }
+    WallSession session(SessionSettings());
+    outputs_ = &session.outputs();
     if (outputs_->allFailed()) {
       return ExitCode::kCouldNotStart;
     }
-    WallSession session(SessionSettings());
     messages_.StartRecords();
     startedAt_ = std::chrono::steady_clock::now();
     command_.live ? RunLive(session) : RunRendering(session);
     counters_ = session.counters();
-    outputs_->Finish();
-    // Now only: a reader may be stuck in its source.
-    if (const int stuck = session.EndReaders(); stuck > 0) {
+    if (const int stuck = session.Finish(); stuck > 0) {
       messages_.Say(qorp::log::kWarning,
                     std::to_string(stuck) + " sources did not end in time and were abandoned");
     }
@@ -109,22 +101,17 @@ class WallCommandRun {
   WallSession::Settings SessionSettings() {
     WallSession::Settings settings;
     settings.wall = command_.wall;
+    settings.wall.outputs = plan_.outputs;
     settings.composerLibrary =
         command_.graph.library.empty() ? FindComposerLibrary() : command_.graph.library.string();
     settings.logger = &messages_.logger();
     settings.composerLogger = &composerLog_;
     settings.observer = &board_;
+    settings.outputObserver = &outputMessages_;
     settings.live = command_.live;
-    settings.takeFrame = [this](const ComPtr<IMediaSample>& frame, Time start) {
-      outputs_->Take(frame, start);
-      if (!record_.snapshot.empty()) {
+    if (!record_.snapshot.empty()) {
+      settings.takeFrame = [this](const ComPtr<IMediaSample>& frame, Time start) {
         snapshot_.Take(frame, start);
-      }
-    };
-    if (!outputs_->empty()) {
-      settings.audioTracks = audioTracks_;
-      settings.takePacket = [this](std::size_t channel, const ffmpeg::Packet& packet, Time shift) {
-        outputs_->TakeSound(channel, *packet, shift);
       };
     }
     return settings;
@@ -160,11 +147,6 @@ class WallCommandRun {
     if (record_.seconds.has_value()) {
       control.length = Length();
     }
-    control.waitForRoom = [this] {
-      while (!signals_.Requested() && !outputs_->WaitForRoom(milliseconds(100))) {
-      }
-      return !outputs_->allFailed();
-    };
     control.stop = [&] {
       ShowProgress(session);
       return signals_.Requested();
@@ -308,10 +290,9 @@ class WallCommandRun {
   JsonLines noLines_;
   ChannelBoard board_;
   OutputMessages outputMessages_;
-  std::optional<OutputSet> outputs_;
+  OutputSet* outputs_ = nullptr;  // of the session
   SnapshotFrame snapshot_;
-  std::string snapshotFile_;                              // that was written
-  std::vector<std::shared_ptr<AudioTrack>> audioTracks_;  // null: the channel's sound is off
+  std::string snapshotFile_;  // that was written
   std::chrono::steady_clock::time_point startedAt_;
   double lastProgress_ = -1;
   WallSession::Counters counters_;

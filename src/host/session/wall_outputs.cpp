@@ -80,12 +80,11 @@ OutputSet::Item ItemOf(const wall::Canvas& canvas, const wall::Output& output, b
 
 }  // namespace
 
-OutputSet::Settings OutputsOfWall(const wall::Wall& wall, const std::vector<wall::Output>& outputs,
-                                  bool live) {
+OutputSet::Settings OutputsOfWall(const wall::Wall& wall, bool live) {
   OutputSet::Settings settings;
   settings.live = live;
   settings.frameRate = wall.canvas.frameRate;
-  for (const wall::Output& output : outputs) {
+  for (const wall::Output& output : wall.outputs) {
     settings.outputs.push_back(ItemOf(wall.canvas, output, live));
     // What told them apart may be masked.
     const auto isNamed = [&](const OutputSet::Item& item) {

@@ -1,8 +1,6 @@
 // The outputs of a wall.
 #pragma once
 
-#include <vector>
-
 #include "host/output/output_set.h"
 #include "host/wall/wall.h"
 
@@ -10,9 +8,8 @@ namespace host {
 
 VideoEncoder::Settings EncoderOf(const wall::Canvas& canvas, const wall::Output& output, bool live);
 
-// What the set of outputs has to know of a wall that is written to these outputs: one track for
-// each channel whose sound is not switched off.
-OutputSet::Settings OutputsOfWall(const wall::Wall& wall, const std::vector<wall::Output>& outputs,
-                                  bool live);
+// What the set of a wall's outputs has to know: one track for each channel whose audio is not
+// switched off.
+OutputSet::Settings OutputsOfWall(const wall::Wall& wall, bool live);
 
 }  // namespace host

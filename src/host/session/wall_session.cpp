@@ -8,6 +8,7 @@ extern "C" {
 
 #include "host/background/background_picture.h"
 #include "host/graph/graph_error.h"
+#include "host/session/wall_outputs.h"
 #include "platform/com/wide_text.h"
 #include "util/string_format.h"
 
@@ -19,7 +20,7 @@ constexpr Time kWindowLatency = kSecond;
 constexpr std::chrono::milliseconds kFrameLimit{60'000};
 // For all readers together to notice that they are cancelled, and to close their connections.
 constexpr std::chrono::seconds kReadersLimit{2};
-// How often a rendering that waits for a channel asks whether it is to stop.
+// How often a rendering that waits for a channel or an output asks whether it is to stop.
 constexpr std::chrono::milliseconds kStopPeriod{100};
 
 ComposerFilter::Canvas CanvasOf(const wall::Wall& wall) {
@@ -92,6 +93,10 @@ WallSession::WallSession(Settings settings)
       composer_(settings_.composerLibrary, CanvasOf(settings_.wall),
                 settings_.composerLogger != nullptr ? settings_.composerLogger : settings_.logger),
       graph_(FilterGraph::Create()) {
+  OutputSet::Settings outputs = OutputsOfWall(settings_.wall, settings_.live);
+  outputs.queue = settings_.outputQueue;
+  outputs.finishLimit = settings_.finishLimit;
+  outputs_ = std::make_unique<OutputSet>(outputs, settings_.outputObserver, settings_.logger);
   const wall::Canvas& canvas = settings_.wall.canvas;
   background_ = BackgroundSource::Create({canvas.width, canvas.height, canvas.frameRate,
                                           canvas.aspect, MakeBackground(canvas), watch_});
@@ -102,28 +107,22 @@ WallSession::WallSession(Settings settings)
                          [this](Time time) { return clock_.WaitUntil(time); },
                          [this] { clock_.Stop(); }});
   }
-  sink_ = CompositionSink::Create([this](const ComPtr<IMediaSample>& frame, Time start) {
-    const Time first = FrameStart(firstFrame_, settings_.wall.canvas.frameRate);
-    if (start >= first) {
-      ++composed_;
-      if (settings_.takeFrame) {
-        settings_.takeFrame(frame, start - first);
-      }
-    }
-    watch_->Delivered(start);
-  });
+  sink_ = CompositionSink::Create(
+      [this](const ComPtr<IMediaSample>& frame, Time start) { Take(frame, start); });
   Check(graph_->AddFilter(composer_.filter(), u"composer"), "add the composer to the graph");
   Check(graph_->AddFilter(background_.Get(), u"background"), "add the background to the graph");
   Check(graph_->AddFilter(sink_.Get(), u"composition"), "add the sink to the graph");
-  if (settings_.takePacket) {
-    audioSink_ =
-        AudioSink::Create(settings_.wall.channels.size(),
-                          [this](std::size_t channel, ffmpeg::Packet packet, Time shift) {
-                            const Time latency = settings_.live ? 0 : kWindowLatency;
-                            packet->pts -= latency;
-                            packet->dts -= latency;
-                            settings_.takePacket(channel, std::move(packet), shift - latency);
-                          });
+  if (!outputs_->empty()) {
+    for (const OutputPass::Track& track : outputs.tracks) {
+      audioTracks_.push_back(track.audio);
+    }
+    audioSink_ = AudioSink::Create(settings_.wall.channels.size(),
+                                   [this](std::size_t channel, ffmpeg::Packet packet, Time shift) {
+                                     const Time latency = settings_.live ? 0 : kWindowLatency;
+                                     packet->pts -= latency;
+                                     packet->dts -= latency;
+                                     outputs_->TakeSound(channel, *packet, shift - latency);
+                                   });
     Check(graph_->AddFilter(audioSink_.Get(), u"sound"), "add the sink of the sound to the graph");
   }
   for (std::size_t i = 0; i < settings_.wall.channels.size(); ++i) {
@@ -136,7 +135,19 @@ WallSession::WallSession(Settings settings)
 
 WallSession::~WallSession() {
   Stop();
-  EndReaders();
+  Finish();
+}
+
+void WallSession::Take(const ComPtr<IMediaSample>& frame, Time start) {
+  const Time first = FrameStart(firstFrame_, settings_.wall.canvas.frameRate);
+  if (start >= first) {
+    ++composed_;
+    outputs_->Take(frame, start - first);
+    if (settings_.takeFrame) {
+      settings_.takeFrame(frame, start - first);
+    }
+  }
+  watch_->Delivered(start);
 }
 
 void WallSession::Connect(FeedPin& from, IPin* to, const std::string& what) {
@@ -209,8 +220,8 @@ void WallSession::AddChannel(std::size_t index) {
                           channel.options.colour, channel.selected},
                          settings_.wall.canvas.frameRate);
   ChannelSource::Settings settings = ChannelSettings(channel, window.Get());
-  if (settings_.takePacket) {
-    settings.ingest.session.audioTrack = settings_.audioTracks.at(index);
+  if (audioSink_) {
+    settings.ingest.session.audioTrack = audioTracks_.at(index);
   }
   const ComPtr<ChannelSource> source =
       ChannelSource::Create(std::move(settings), settings_.observer);
@@ -238,7 +249,7 @@ void WallSession::AddChannel(std::size_t index) {
 
 void WallSession::ConnectSound(std::size_t index, const ComposerFilter::Input& input,
                                const std::string& what) {
-  if (!audioSink_ || !settings_.audioTracks.at(index)) {
+  if (!audioSink_ || !audioTracks_.at(index)) {
     return;
   }
   Connect(channels_[index]->audioPin(), input.audio, "the sound of " + what);
@@ -307,6 +318,15 @@ Time WallSession::LastFrameWithNews(std::int64_t frame) {
   return FrameStart(frame, rate);
 }
 
+bool WallSession::WaitForOutputs(const RenderControl& control) {
+  while (!outputs_->WaitForRoom(kStopPeriod)) {
+    if (control.cancelled && control.cancelled()) {
+      return false;
+    }
+  }
+  return !outputs_->allFailed();
+}
+
 void WallSession::Render(const RenderControl& control) {
   Check(graph_->Run(0), "run the graph");
   const Ratio rate = settings_.wall.canvas.frameRate;
@@ -315,7 +335,7 @@ void WallSession::Render(const RenderControl& control) {
     endsAt = *control.length + FrameStart(firstFrame_, rate);
   }
   for (std::int64_t frame = 0; !endsAt || FrameStart(frame, rate) < *endsAt; ++frame) {
-    if ((control.stop && control.stop()) || (control.waitForRoom && !control.waitForRoom())) {
+    if ((control.stop && control.stop()) || !WaitForOutputs(control)) {
       break;
     }
     const Time time = FrameStart(frame, rate);
@@ -342,7 +362,8 @@ void WallSession::Stop() {
   graph_->Stop();
 }
 
-int WallSession::EndReaders() {
+int WallSession::Finish() {
+  outputs_->Finish();
   const auto deadline = std::chrono::steady_clock::now() + kReadersLimit;
   return static_cast<int>(std::count_if(
       channels_.begin(), channels_.end(),

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "host/background/background_source.h"
@@ -13,6 +14,7 @@
 #include "host/graph/wall_window.h"
 #include "host/output/audio_sink.h"
 #include "host/output/composition_sink.h"
+#include "host/output/output_set.h"
 #include "host/session/label_files.h"
 #include "host/session/time_of_day.h"
 #include "host/session/wall_clock.h"
@@ -22,7 +24,8 @@
 namespace host {
 
 // Builds the graph of a wall: a source filter for each channel, the background source, the composer
-// (through its library's class factory) and a sink, and runs it in one of two ways. Live, every
+// (through its library's class factory), a sink and the wall's outputs, and runs it in one of two
+// ways. Live, every
 // source has its own threads and the background is paced by the clock. Rendered, the wall's time is
 // moved frame by frame: what is due is delivered, one frame is composed, and the output is a
 // function of the inputs alone. The composer shows everything one second late: the frames of a
@@ -38,21 +41,20 @@ class WallSession {
     qorp::log::ILogPerf* logger = nullptr;          // not owned; outlives the session
     qorp::log::ILogPerf* composerLogger = nullptr;  // likewise; null: the same
     ChannelObserver* observer = nullptr;            // not owned; outlives the session
-    // Gets every composed picture, on the composition thread; returns at once.
+    OutputObserver* outputObserver = nullptr;       // likewise; null: the wall has no outputs
+    // Gets every composed frame besides the outputs, on the composition thread; returns at once.
+    // May be null.
     CompositionSink::TakeFrame takeFrame;
-    // Gets the compressed sound of every channel, on the channels' streaming threads; returns at
-    // once. Null: sound is not taken through the composer.
-    AudioSink::TakePacket takePacket;
-    // The tracks of the channels in the outputs, one for each channel, shared with the outputs.
-    std::vector<std::shared_ptr<AudioTrack>> audioTracks;
     bool live = false;
+    PacketQueue::Limits outputQueue;
+    std::chrono::milliseconds finishLimit{5'000};  // of the outputs of a live wall
   };
   struct RenderControl {
     std::optional<Time>
         length;  // of what is handed out; none: until all channels have ended and been shown
-    std::function<bool()> waitForRoom;  // before each frame; false ends the rendering
-    std::function<bool()> stop;         // asked before each frame
-    std::function<bool()> cancelled;    // asked while a channel is waited for; may be null
+    std::function<bool()> stop;  // asked before each frame; may be null
+    std::function<bool()>
+        cancelled;  // asked while a channel or an output is waited for; may be null
     std::chrono::milliseconds stallLimit{
         10'000};  // a channel that gives nothing for longer is left behind
   };
@@ -72,14 +74,16 @@ class WallSession {
 
   // Starts a live wall; it runs until Stop. Throws GraphError.
   void Start();
-  // Renders frame by frame and stops. Throws GraphError.
+  // Renders frame by frame and stops; that is also when all outputs have failed. Throws GraphError.
   void Render(const RenderControl& control);
   // Ends the wall. All readers are cancelled first; none is waited for.
   void Stop();
-  // After Stop: waits for all readers together for a limited time. Those that are stuck in their
-  // sources are detached; returns how many. The destructor does the same.
-  int EndReaders();
+  // After Stop: the outputs are written to their end. Then waits for all readers together for a
+  // limited time; those that are stuck in their sources are detached. Returns how many. The
+  // destructor does the same.
+  int Finish();
 
+  OutputSet& outputs() { return *outputs_; }
   Counters counters() const;
   // How long composing took, since it was asked last.
   FrameWatch::Timing TakeTiming() { return watch_->TakeTiming(); }
@@ -93,6 +97,9 @@ class WallSession {
   std::string LabelOf(const wall::Label& label) const;
   ChannelSource::Settings ChannelSettings(const wall::Channel& channel, WallWindow* window);
   std::string TimeText(Time time);
+  void Take(const ComPtr<IMediaSample>& frame, Time start);
+  // False when the rendering is to end.
+  bool WaitForOutputs(const RenderControl& control);
   void Connect(FeedPin& from, IPin* to, const std::string& what);
   // None when it is cancelled.
   std::optional<bool> AdvanceChannels(Time time, const RenderControl& control);
@@ -106,6 +113,9 @@ class WallSession {
   TimeOfDay timeOfDay_;
   std::shared_ptr<FrameWatch> watch_ = std::make_shared<FrameWatch>();
   std::atomic<std::uint64_t> composed_{0};
+  // Outlives the graph, whose threads hand on to it.
+  std::vector<std::shared_ptr<AudioTrack>> audioTracks_;  // one for each channel
+  std::unique_ptr<OutputSet> outputs_;
   // The graph goes first and with it every filter; then the composer's library.
   ComposerFilter composer_;
   std::vector<ComPtr<WallWindow>> windows_;
@@ -113,7 +123,7 @@ class WallSession {
   std::vector<bool> leftBehind_;  // channels that a rendering no longer waits for
   ComPtr<BackgroundSource> background_;
   ComPtr<CompositionSink> sink_;
-  ComPtr<AudioSink> audioSink_;  // null when nobody takes the sound
+  ComPtr<AudioSink> audioSink_;  // null of a wall without outputs
   ComPtr<FilterGraph> graph_;
   LabelFiles labelFiles_;  // goes first: it hands texts to the channels
 };
