@@ -154,6 +154,13 @@ TEST_F(NetworkTest, HlsHasARenditionWithItsNameForEveryChannel) {
   for (std::size_t track = 1; track <= 3; ++track) {
     EXPECT_GT(e2e::ReadPackets(folder_ / "wall.m3u8", track).size(), 100U) << track;
   }
+  host::MediaReader::Settings source;
+  source.source = (folder_ / "wall.m3u8").string();
+  host::MediaReader reader(source);
+  reader.Open();
+  for (const host::AudioInfo& track : reader.info().audioTracks) {
+    EXPECT_EQ(track.codec, "aac") << "browsers play neither AC-3 nor MP2";
+  }
 }
 
 }  // namespace

@@ -141,6 +141,12 @@ bool Holds(const AVOutputFormat& container, int codec) {
   return avformat_query_codec(&container, static_cast<AVCodecID>(codec), FF_COMPLIANCE_NORMAL) != 0;
 }
 
+bool WantsAac(const AVOutputFormat& container, int codec) {
+  const std::string_view name = container.name;
+  const bool holds = name != "flv" && name != "hls" && Holds(container, codec);
+  return codec != AV_CODEC_ID_AAC && !holds && Holds(container, AV_CODEC_ID_AAC);
+}
+
 std::string CannotHold(const AVOutputFormat& container, int codec) {
   const auto id = static_cast<AVCodecID>(codec);
   std::vector<std::string> names;

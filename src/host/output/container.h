@@ -37,6 +37,9 @@ std::map<std::string, std::string> TransportOptions(const AVOutputFormat& contai
 
 // Whether packets of a codec, AVCodecID, fit into a container, as far as the container says.
 bool Holds(const AVOutputFormat& container, int codec);
+// Whether audio of a codec goes into the container in AAC: browsers play nothing else in HLS, nor
+// most servers in FLV.
+bool WantsAac(const AVOutputFormat& container, int codec);
 // "flv cannot hold hevc: it holds h264, flv1, ...", the latter as far as it can be encoded here.
 std::string CannotHold(const AVOutputFormat& container, int codec);
 

@@ -10,6 +10,10 @@
 #include <string>
 #include <vector>
 
+extern "C" {
+#include <libavformat/avformat.h>
+}
+
 #include "host/ffmpeg/file_output.h"
 #include "host/ffmpeg/handles.h"
 #include "host/ffmpeg/io_deadline.h"
@@ -96,6 +100,7 @@ class Muxer {
   // A file that was created for this output is removed when the output ends.
   void DiscardFile();
   std::string formatName() const;
+  const AVOutputFormat& format() const { return *output_->oformat; }
   // Options of the settings that neither container nor protocol knows; after Start.
   const std::vector<std::string>& unknownOptions() const { return unknownOptions_; }
 

@@ -267,7 +267,7 @@ void OutputPass::AddTracks(Muxer& muxer) {
 
 void OutputPass::AddTrack(Muxer& muxer, std::size_t channel, const AudioFormat& own) {
   const Track& track = settings_.tracks[channel];
-  if (muxer.formatName() == "flv" && own.parameters->codec_id != AV_CODEC_ID_AAC &&
+  if (WantsAac(muxer.format(), own.parameters->codec_id) &&
       transcoders_.try_emplace(channel, own).second) {
     owner_.say("the sound of \"" + track.name + "\" (" +
                avcodec_get_name(own.parameters->codec_id) + ") is encoded to AAC for " +
