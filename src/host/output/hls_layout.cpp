@@ -73,7 +73,8 @@ void HlsLayout::Apply(Muxer& muxer) const {
   choose("hls_time", seconds);
   std::string flags = "independent_segments";
   if (kind_.isLive) {
-    flags += "+delete_segments";
+    // By the date a player finds the place in a rendition that it comes back to.
+    flags += "+delete_segments+program_date_time";
   }
   if (kind_.isLive && !kind_.isKept) {
     std::error_code ignored;
