@@ -79,7 +79,7 @@ class WallCommandRun {
     startedAt_ = std::chrono::steady_clock::now();
     command_.live ? RunLive(session) : RunRendering(session);
     counters_ = session.counters();
-    outputs_->Finish();
+    outputs_->Finish([this] { return signals_.Requested(); });
     // Now only: a reader may be stuck in its source.
     if (const int stuck = session.EndReaders(); stuck > 0) {
       messages_.Say(qorp::log::kWarning,

@@ -90,6 +90,7 @@ class WallSession {
  private:
   void AddChannel(std::size_t index);
   void ConnectSound(std::size_t index, const ComposerFilter::Input& input, const std::string& what);
+  std::vector<std::uint8_t> Background() const;
   std::string LabelOf(const wall::Label& label) const;
   ChannelSource::Settings ChannelSettings(const wall::Channel& channel, WallWindow* window);
   std::string TimeText(Time time);
@@ -101,7 +102,8 @@ class WallSession {
   Time LastFrameWithNews(std::int64_t frame);
 
   const Settings settings_;
-  const std::int64_t firstFrame_;  // that is handed out
+  const std::int64_t firstFrame_;                            // that is handed out
+  const std::chrono::steady_clock::time_point labelsUntil_;  // for reading them at the start
   WallClock clock_;
   TimeOfDay timeOfDay_;
   std::shared_ptr<FrameWatch> watch_ = std::make_shared<FrameWatch>();
