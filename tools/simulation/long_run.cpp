@@ -1,8 +1,5 @@
 #include "tools/simulation/long_run.h"
 
-#include <malloc.h>
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <exception>
@@ -14,6 +11,9 @@
 #include <thread>
 #include <utility>
 #include <variant>
+
+#include <malloc.h>
+#include <sys/stat.h>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -43,9 +43,9 @@ using host::kSecond;
 
 // A shorter step than what the source's clock takes for a jump.
 constexpr Time kStep = 9 * kSecond;
-constexpr int kSettling = 10;  // frames
-constexpr int kNoteEvery = 997;  // frames; adding up the heap takes a while
-constexpr int kSize = 32;             // pixels
+constexpr int kSettling = 10;            // frames
+constexpr int kNoteEvery = 997;          // frames; adding up the heap takes a while
+constexpr int kSize = 32;                // pixels
 constexpr int kMaxIndexEntries = 1'000;  // of the demuxer, so that it is exchanged often enough
 constexpr std::size_t kAllowedOfWall = 48 << 10;
 constexpr std::size_t kAllowedOfStream = 1 << 20;  // an index may be full or empty
@@ -53,12 +53,11 @@ constexpr std::size_t kAllowedOfStream = 1 << 20;  // an index may be full or em
 // Two keyframes, which take turns.
 std::vector<host::ffmpeg::Packet> Keyframes(host::VideoEncoder& encoder) {
   std::vector<host::ffmpeg::Packet> packets;
-  const std::vector<std::uint8_t> picture(
-      static_cast<std::size_t>(host::PictureSize(kSize, kSize)), 128);
+  const std::vector<std::uint8_t> picture(static_cast<std::size_t>(host::PictureSize(kSize, kSize)),
+                                          128);
   for (int i = 0; i < 3; ++i) {
-    encoder.Encode(picture, i * kSecond, [&](host::ffmpeg::Packet packet) {
-      packets.push_back(std::move(packet));
-    });
+    encoder.Encode(picture, i * kSecond,
+                   [&](host::ffmpeg::Packet packet) { packets.push_back(std::move(packet)); });
   }
   packets.erase(packets.begin());  // says which encoder it was
   return packets;
@@ -266,8 +265,8 @@ std::vector<std::string> LongRecording(Time length) {
   std::vector<std::string> names;
   Time lengthOfFiles = 0;
   const auto readLatest = [&] {
-    const std::vector<std::int64_t> times = names.empty() ? std::vector<std::int64_t>{0}
-                                                          : TagTimes(names.back());
+    const std::vector<std::int64_t> times =
+        names.empty() ? std::vector<std::int64_t>{0} : TagTimes(names.back());
     if (times.empty() || times.front() != 0 || !std::is_sorted(times.begin(), times.end())) {
       violations.push_back("the timestamps in " + names.back() + " do not increase from 0 on");
       return;

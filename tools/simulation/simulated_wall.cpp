@@ -223,6 +223,10 @@ class SimulatedWall {
         frame = host::FrameAt(now_, scenario_.canvasRate) + 1;
         time = host::FrameStart(frame, scenario_.canvasRate);
       }
+      if (time < now_) {
+        Violated("frame " + std::to_string(frame) + " lies before the wall's time");
+        break;
+      }
       RunChannels(time);
       ++sent_;
       if (!background_->SendFrame(frame) || !watch_->Wait(std::chrono::seconds(20))) {
