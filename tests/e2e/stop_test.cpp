@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <arpa/inet.h>
@@ -157,6 +158,86 @@ TEST_F(StopTest, AReaderThatIsStuckHoldsUpNothing) {
   }
   ExpectEnd(program);
   EXPECT_EQ(e2e::DecodeWhole(folder_ / "wall.mkv"), "");
+}
+
+// A mount at a folder, until its end.
+class DeadMount {
+ public:
+  explicit DeadMount(const std::filesystem::path& folder)
+      : folder_(folder), program_({TAVREL_DEAD_MOUNT, "-f", folder}) {
+    const std::string ready = folder / "open";
+    for (int i = 0; i < 500 && !isThere_ && !program_.WaitFor(std::chrono::milliseconds(10)); ++i) {
+      isThere_ = std::filesystem::exists(ready);
+    }
+  }
+  ~DeadMount() {
+    if (isThere_) {
+      static_cast<void>(std::system(("fusermount3 -uz '" + folder_.string() + "'").c_str()));
+    }
+  }
+  DeadMount(const DeadMount&) = delete;
+  DeadMount& operator=(const DeadMount&) = delete;
+
+  bool isThere() const { return isThere_; }
+
+ private:
+  const std::filesystem::path folder_;
+  ChildProcess program_;
+  bool isThere_ = false;
+};
+
+// Opening, creating, writing and closing never return.
+TEST_F(StopTest, DeadMountsKeepAWallNeitherFromStartingNorFromEnding) {
+  const std::filesystem::path dead = folder_ / "dead";
+  std::filesystem::create_directory(dead);
+  const DeadMount mount(dead);
+  if (!mount.isThere()) {
+    GTEST_SKIP() << "without the rights to mount a file system";
+  }
+  const std::string path = dead.string();
+  wall_ = "[wall]\nwidth = 320\nheight = 320\nbackground = '" + path + "/open.png'\n" +
+          "[[channel]]\nsource = 'alive.mkv'\nlabel_file = '" + path + "/open.txt'\n" +
+          "[log]\nfile = '" + path + "/open.log'\n";
+  AddSource(path + "/open.mkv");
+  wall_ += "[[output]]\nurl = '" + (folder_ / "wall.mkv").string() + "'\n";
+  for (const char* const file : {"create.mkv", "write.mkv", "close.mkv"}) {
+    wall_ += "[[output]]\nurl = '" + path + "/" + file + "'\n";
+  }
+  ChildProcess program(Command());
+  for (std::uint64_t written = 0; written < 50;) {
+    const std::optional<std::string> line = program.ReadLine();
+    ASSERT_TRUE(line.has_value()) << "it ended by itself";
+    written = nlohmann::json::parse(*line)["outputs"][0]["frames"].get<std::uint64_t>();
+  }
+  ExpectEnd(program);
+  EXPECT_EQ(e2e::DecodeWhole(folder_ / "wall.mkv"), "");
+
+  // A rendering waits for its outputs, but not when it is to stop.
+  wall_ = "[wall]\nwidth = 320\nheight = 320\n[[channel]]\nsource = 'alive.mkv'\n";
+  std::vector<std::string> command = Command();
+  command[1] = "render";
+  command.pop_back();
+  command.insert(command.end(), {"-o", path + "/write-too.mkv", "--seconds", "1000"});
+  ChildProcess rendering(command);
+  EXPECT_EQ(rendering.WaitFor(seconds(5)), std::nullopt);
+  rendering.Signal(SIGTERM);
+  EXPECT_EQ(rendering.WaitFor(seconds(60)), 75);
+}
+
+// Who starts it again has to know.
+TEST_F(StopTest, ARunOfWhichNoOutputHasWrittenAnythingHasFailed) {
+  const std::string unreachable = "[[output]]\nurl = 'tcp://127.0.0.1:1'\n";
+  const auto codeWith = [&](const std::string& outputs) {
+    const std::string wall = std::exchange(wall_, wall_ + outputs);
+    std::vector<std::string> command = Command();
+    command.insert(command.end(), {"--seconds", "1"});
+    ChildProcess program(command);
+    wall_ = wall;
+    return program.WaitFor(seconds(60));
+  };
+  EXPECT_EQ(codeWith(unreachable), 75);
+  EXPECT_EQ(codeWith(unreachable + "[[output]]\nurl = '" + (folder_ / "a.mkv").string() + "'\n"),
+            0);
 }
 
 class ReopenTest : public e2e::WallTest {};

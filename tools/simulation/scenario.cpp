@@ -42,6 +42,8 @@ const char* NameOf(Kind kind) {
       return "hidden";
     case Kind::kStarved:
       return "starved";
+    case Kind::kAsleep:
+      return "asleep";
   }
   return "";
 }
@@ -86,6 +88,8 @@ Fault MakeFault(Dice& dice, const SourceModel& source) {
       break;
     case Kind::kDamage:
       fault.amount = dice.Between(0, 32);
+      break;
+    case Kind::kAsleep:
       break;
   }
   return fault;
@@ -188,6 +192,57 @@ Scenario MakeScenario(std::uint64_t seed, Time length) {
     at += slow.stalls.back().length;
   }
   scenario.outputs.push_back(slow);
+  return scenario;
+}
+
+Scenario MakeLongScenario(Time length) {
+  // A channel needs a while after each sleep before it is judged.
+  constexpr Time kBefore = 16 * kSecond;
+  constexpr Time kAfter = 30 * kSecond;
+  constexpr Time kDay = 24 * 3600 * kSecond;
+  constexpr Time kMilliseconds32 = (std::int64_t{1} << 32) * kMillisecond;
+  Scenario scenario;
+  scenario.length = length;
+  scenario.canvasRate = {60000, 1001};
+  SourceModel source;
+  source.pace = host::Pace::kPushed;
+  source.frameRate = {60000, 1001};
+  source.reorder = 2;
+  source.wrapPeriod = kTransportStreamPeriod;
+  source.firstTimestamp = source.wrapPeriod - kBefore;
+  scenario.sources.push_back(source);
+  source.frameRate = {30000, 1001};
+  source.samplesPerPacket = 1152;
+  source.reorder = 0;
+  source.firstTimestamp += 4 * kSecond;
+  scenario.sources.push_back(source);
+  source.pace = host::Pace::kPulled;
+  source.frameRate = {25, 1};
+  source.samplesPerPacket = 1024;
+  source.wrapPeriod = kMilliseconds32;
+  source.firstTimestamp = 0;
+  scenario.sources.push_back(source);
+  scenario.outputs = {{0, {}}, {40, {}}};
+
+  std::vector<Time> awake{kBefore, 178 * kDay, 356 * kDay, length - kAfter};
+  for (const SourceModel& each : scenario.sources) {
+    for (Time wrap = each.wrapPeriod - each.firstTimestamp; wrap < length;
+         wrap += each.wrapPeriod) {
+      awake.push_back(wrap);
+    }
+  }
+  std::sort(awake.begin(), awake.end());
+  Time asleepFrom = kBefore + kAfter;
+  for (const Time at : awake) {
+    const Time until = std::min(at, length) - kBefore;
+    if (until > asleepFrom) {
+      scenario.sleeps.push_back({Kind::kAsleep, asleepFrom, until - asleepFrom, 0});
+    }
+    asleepFrom = std::max(asleepFrom, at + kAfter);
+  }
+  for (SourceModel& each : scenario.sources) {
+    each.faults = scenario.sleeps;
+  }
   return scenario;
 }
 

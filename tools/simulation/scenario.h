@@ -29,6 +29,7 @@ struct Fault {
     kReopened,   // the connection fails and is opened again
     kHidden,     // its window is not shown
     kStarved,    // the channel's streaming thread gets no processor
+    kAsleep,     // the whole machine stands still; what is sent meanwhile is lost
   };
   Kind kind = Kind::kStall;
   Time at = 0;  // on the wall's clock
@@ -65,9 +66,13 @@ struct Scenario {
   Time length = 0;
   std::vector<SourceModel> sources;
   std::vector<OutputModel> outputs;  // the first one never stalls
+  std::vector<Fault> sleeps;         // kAsleep, in the order of time; every source has them, too
 };
 
 Scenario MakeScenario(std::uint64_t seed, Time length);
+// A wall at 59.94 frames per second that is awake around every wrap of a timestamp of its sources
+// and at the times at which products of times and rates leave 64 bits, and asleep in between.
+Scenario MakeLongScenario(Time length);
 // For people, a line for each source, output and fault.
 std::string Describe(const Scenario& scenario);
 

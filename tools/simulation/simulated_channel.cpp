@@ -277,6 +277,13 @@ bool SimulatedChannel::Suffers(Fault::Kind kind, Time now) const {
          });
 }
 
+void SimulatedChannel::WakeAt(Time now) {
+  latestPacket_ = now;
+  if (session_ != nullptr && model_->pace == host::Pace::kPushed) {
+    session_->clock.ReplaceStream(session_->videoStream, model_->wrapPeriod);
+  }
+}
+
 void SimulatedChannel::PlaceAt(Time now) {
   host::WallWindow::Placement placement = services_.window->placement();
   const bool enabled = !Suffers(Fault::Kind::kHidden, now);

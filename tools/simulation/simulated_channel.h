@@ -50,6 +50,8 @@ class SimulatedChannel final : public host::ChannelObserver {
   Time nextRead() const;
   // Does what is to be done at that moment, which is the wall's time.
   void ReadAt(Time now);
+  // The machine has slept: no limit has run meanwhile. The service uses another codec now.
+  void WakeAt(Time now);
   // Hides or shows the window.
   void PlaceAt(Time now);
   // Runs the streaming thread, unless it is starved.

@@ -44,8 +44,8 @@ Time SimulatedSource::VideoTime(const SourceModel& model, std::uint32_t number) 
 }
 
 Time SimulatedSource::AudioTime(const SourceModel& model, std::uint32_t number) {
-  return static_cast<Time>(std::int64_t{number} * model.samplesPerPacket * kSecond /
-                           model.sampleRate);
+  return host::FloorDivided(host::Wide{number} * model.samplesPerPacket * kSecond,
+                            model.sampleRate);
 }
 
 const Fault* SimulatedSource::FaultAt(Time time, Kind kind) const {
@@ -68,6 +68,17 @@ void SimulatedSource::Restart(Time at) {
   while (AudioTime(model_, audioCount_) + skew_ < 0) {
     ++audioCount_;
   }
+}
+
+// What would be sent before that time never arrives. The clock of its sender is right.
+void SimulatedSource::SkipTo(Time time) {
+  const Time inEpoch = time - origin_;
+  const auto group = static_cast<std::uint32_t>(model_.reorder + 1);
+  const auto frame = static_cast<std::uint32_t>(host::FrameAt(inEpoch, model_.frameRate));
+  videoCount_ = (frame / group + 1) * group + 1;
+  const auto packets = host::FloorDivided(host::Wide{inEpoch} * model_.sampleRate,
+                                          kSecond * model_.samplesPerPacket);
+  audioCount_ = static_cast<std::uint32_t>(packets) + 1;
 }
 
 // The next packet that arrives at all.
@@ -107,6 +118,9 @@ void SimulatedSource::Generate() {
           break;
         case Kind::kDamage:
           damageBit_ = fault.amount;
+          break;
+        case Kind::kAsleep:
+          SkipTo(fault.at + fault.length);
           break;
         default:
           break;

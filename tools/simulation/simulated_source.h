@@ -47,6 +47,7 @@ class SimulatedSource {
   void Generate();
   bool Transmit(SimulatedPacket& packet, Time sent);
   void Restart(Time at);
+  void SkipTo(Time time);
   const Fault* FaultAt(Time time, Fault::Kind kind) const;
 
   const SourceModel& model_;

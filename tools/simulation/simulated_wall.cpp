@@ -4,6 +4,7 @@
 #include <cctype>
 #include <cstring>
 #include <deque>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <stdexcept>
@@ -206,16 +207,28 @@ class SimulatedWall {
   SimulatedWall(const SimulatedWall&) = delete;
   SimulatedWall& operator=(const SimulatedWall&) = delete;
 
-  Result Run() {
+  Result Run(const std::function<void(Time)>& fellAsleep) {
     host::Check(graph_->Run(0), "run the graph");
     const host::Interleaver::Write forget = [](int, const host::ffmpeg::Packet&) {};
-    const std::int64_t first = host::FrameAt(scenario_.begin, scenario_.canvasRate) + 1;
-    std::int64_t frame = first;
+    std::int64_t frame = host::FrameAt(scenario_.begin, scenario_.canvasRate) + 1;
     for (; host::FrameStart(frame, scenario_.canvasRate) < scenario_.begin + scenario_.length &&
            violations_.size() < kMaxViolations;
          ++frame) {
-      const Time time = host::FrameStart(frame, scenario_.canvasRate);
+      Time time = host::FrameStart(frame, scenario_.canvasRate);
+      if (sleep_ < scenario_.sleeps.size() && scenario_.sleeps[sleep_].at <= time) {
+        if (fellAsleep) {
+          fellAsleep(time);
+        }
+        Sleep(scenario_.sleeps[sleep_++]);
+        frame = host::FrameAt(now_, scenario_.canvasRate) + 1;
+        time = host::FrameStart(frame, scenario_.canvasRate);
+      }
+      if (time < now_) {
+        Violated("frame " + std::to_string(frame) + " lies before the wall's time");
+        break;
+      }
       RunChannels(time);
+      ++sent_;
       if (!background_->SendFrame(frame) || !watch_->Wait(std::chrono::seconds(20))) {
         Violated("frame " + std::to_string(frame) + " never came out of the composer");
         break;
@@ -229,8 +242,8 @@ class SimulatedWall {
       }
     }
     graph_->Stop();
-    if (composed_ != static_cast<std::uint64_t>(frame - first)) {
-      Violated(std::to_string(composed_) + " of " + std::to_string(frame - first) +
+    if (composed_ != sent_) {
+      Violated(std::to_string(composed_) + " of " + std::to_string(sent_) +
                " frames were composed");
     }
     for (std::size_t i = 0; i < outputs_.size(); ++i) {
@@ -288,6 +301,13 @@ class SimulatedWall {
     Connect(&source.videoAlarmPin(), input.videoAlarm);
     Connect(&source.audioPin(), input.audio);
     Connect(input.audioOutput, audioSink_->pin(index));
+  }
+
+  void Sleep(const Fault& sleep) {
+    now_ = sleep.at + sleep.length;
+    for (const auto& channel : channels_) {
+      channel->WakeAt(now_);
+    }
   }
 
   // All channels up to the wall's time `until`, each at the moments of its own events.
@@ -361,6 +381,8 @@ class SimulatedWall {
   Time now_ = scenario_.begin;
   SilentLogger logger_;
   std::vector<std::string> violations_;
+  std::size_t sleep_ = 0;  // the next one
+  std::uint64_t sent_ = 0;
   std::uint64_t composed_ = 0;
   Time writtenVideo_ = 0;
   const host::Interleaver::Write write_ = [this](int track, const host::ffmpeg::Packet& packet) {
@@ -382,8 +404,8 @@ class SimulatedWall {
 }  // namespace
 
 Result Run(const Scenario& scenario, const std::string& composerLibrary,
-           std::optional<std::size_t> alone) {
-  return SimulatedWall(scenario, composerLibrary, alone).Run();
+           std::optional<std::size_t> alone, const std::function<void(Time)>& fellAsleep) {
+  return SimulatedWall(scenario, composerLibrary, alone).Run(fellAsleep);
 }
 
 std::vector<std::string> Violations(const Scenario& scenario, const std::string& composerLibrary) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -17,9 +18,10 @@ struct Result {
 };
 
 // Runs a scenario from begin to end, always in the same way. alone: the other channels' sources are
-// never there.
+// never there. fellAsleep: gets the time at which each sleep begins.
 Result Run(const Scenario& scenario, const std::string& composerLibrary,
-           std::optional<std::size_t> alone = std::nullopt);
+           std::optional<std::size_t> alone = std::nullopt,
+           const std::function<void(Time)>& fellAsleep = {});
 
 // Runs a scenario, and one of its channels once more alone: what happens to the others must change
 // nothing of it.

@@ -8,6 +8,7 @@
 #include "host/ffmpeg/printable.h"
 #include "log/circular_log_file.h"
 #include "log/log_line.h"
+#include "platform/os/call_within.h"
 #include "platform/os/console.h"
 #include "platform/os/error_numbers.h"
 #include "platform/os/files.h"
@@ -17,6 +18,8 @@ namespace {
 
 using qorp::log::CircularLogFile;
 
+// For the file system of a log file to answer.
+constexpr std::chrono::seconds kLogFileLimit{3};
 constexpr std::int32_t kDefaultSize = 10 << 20;
 constexpr std::uint32_t kFlushLimit = 3000;  // ms
 // Where the logger cuts, by bytes: here it is done first, between characters.
@@ -95,7 +98,15 @@ void MessageLog::Configure(std::optional<qorp::log::recovering_logfile_sink>& si
   }
   sink.emplace(qorp::log::LogFileOptions{level, options.size.value_or(kDefaultSize), 0},
                [this](const std::string& message) { Say(qorp::log::kError, message); });
-  sink->SetPath(CheckedPath(*path));
+  const std::optional<std::string> checked = os::CallWithin<std::string>(
+      kLogFileLimit, [path = *path] { return CheckedPath(path); }, "log file");
+  if (checked) {
+    sink->SetPath(*checked);
+  } else {
+    sink.reset();
+    Say(qorp::log::kError, "no answer from the file system of the log file " + path->string() +
+                               "; nothing is written there");
+  }
 }
 
 MessageLog::Screen::Screen(Streams& streams, std::int32_t maxLevel)

@@ -1,5 +1,6 @@
 #include "host/cli/run_plan.h"
 
+#include <chrono>
 #include <filesystem>
 #include <system_error>
 
@@ -10,9 +11,13 @@
 #include "host/session/wall_files.h"
 #include "host/wall/file_pattern.h"
 #include "host/wall/url.h"
+#include "platform/os/call_within.h"
 
 namespace host::cli {
 namespace {
+
+// For the file systems of all files of a wall to answer.
+constexpr std::chrono::seconds kFilesLimit{3};
 
 std::string Named(const std::string& argument, const std::string& target) {
   return argument + " \"" + ffmpeg::MaskUrl(target) + "\"";
@@ -90,8 +95,17 @@ RunPlan PlanRun(const WallCommand& command) {
   files.log = wall::FirstOf(command.graph.log, command.wall.log);
   files.snapshot = record.snapshot;
   files.library = command.graph.library;
-  for (const WallFiles::Clash& clash : FilesOf(command.wall, files).Clashes()) {
+  using Clashes = std::vector<WallFiles::Clash>;
+  const auto clashes = os::CallWithin<Clashes>(
+      kFilesLimit, [wall = command.wall, files] { return FilesOf(wall, files).Clashes(); },
+      "files");
+  for (const WallFiles::Clash& clash : clashes.value_or(Clashes())) {
     plan.mistakes.push_back(ToText(clash, command.wallFile));
+  }
+  if (!clashes) {
+    plan.remarks.emplace_back(
+        "no answer from the file system of one of the files; whether two of them are the same is "
+        "not known");
   }
   if (!command.live) {
     KeepFiles(command, plan);

@@ -73,7 +73,7 @@ class WallCommandRun {
     startedAt_ = std::chrono::steady_clock::now();
     command_.live ? RunLive(session) : RunRendering(session);
     counters_ = session.counters();
-    if (const int stuck = session.Finish(); stuck > 0) {
+    if (const int stuck = session.Finish([this] { return signals_.Requested(); }); stuck > 0) {
       messages_.Say(qorp::log::kWarning,
                     std::to_string(stuck) + " sources did not end in time and were abandoned");
     }

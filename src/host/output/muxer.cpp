@@ -66,6 +66,7 @@ Muxer::~Muxer() {
     }
     av_write_trailer(output_.get());
   }
+  EndPcrs();
 }
 
 bool Muxer::wantsGlobalHeader() const {
@@ -114,6 +115,7 @@ std::size_t Muxer::AddTrack(const AVCodecParameters& parameters) {
 
 std::size_t Muxer::AddVideo(const AVCodecParameters& parameters, Ratio frameRate) {
   const std::size_t track = AddTrack(parameters);
+  videoTrack_ = track;
   AVStream* stream = output_->streams[track];
   stream->avg_frame_rate = {frameRate.num, frameRate.den};
   stream->r_frame_rate = stream->avg_frame_rate;
@@ -227,6 +229,22 @@ void Muxer::Start() {
   unknownOptions_ = options.UnusedKeys();
   headerEnd_ = file_ ? avio_tell(output_->pb) : 0;
   started_ = true;
+  FillPcrs();
+}
+
+// FFmpeg gives a stream without a constant rate a PCR with its frames only.
+void Muxer::FillPcrs() {
+  if (formatName() == "mpegts" && videoTrack_ && !settings_.options.contains("muxrate")) {
+    pcrs_.emplace(output_->pb);
+    output_->pb = pcrs_->io();
+  }
+}
+
+void Muxer::EndPcrs() {
+  if (pcrs_) {
+    output_->pb = pcrs_->below();
+    pcrs_.reset();
+  }
 }
 
 // What the container holds back becomes a part of the file that is complete by itself.
@@ -287,6 +305,9 @@ bool Muxer::WriteFiltered(std::size_t track, ffmpeg::Packet packet) {
   }
   last = packet->dts;
   deadline_.Arm(settings_.writeLimit);
+  if (pcrs_ && packet->dts != AV_NOPTS_VALUE && !settings_.interleaves) {
+    pcrs_->Announce(av_rescale_q(packet->dts, stream.time_base, {1, 90'000}), track == videoTrack_);
+  }
   const int result = settings_.interleaves ? av_interleaved_write_frame(output_.get(), packet.get())
                                            : av_write_frame(output_.get(), packet.get());
   if (result == AVERROR_INVALIDDATA) {
@@ -304,6 +325,10 @@ void Muxer::Finish() {
   // The end of a file may be the longest part: its index may be moved to its beginning.
   file_ ? deadline_.Disarm() : deadline_.Arm(settings_.writeLimit);
   ffmpeg::Check(av_write_trailer(output_.get()), "cannot finish", settings_.url);
+  if (pcrs_) {
+    ffmpeg::Check(pcrs_->Flush(), "cannot finish", settings_.url);
+    EndPcrs();
+  }
   if (file_) {
     file_->Close();
   } else if (pipe_) {

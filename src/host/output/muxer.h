@@ -19,6 +19,7 @@ extern "C" {
 #include "host/ffmpeg/io_deadline.h"
 #include "host/ffmpeg/pipe_output.h"
 #include "host/output/paced_output.h"
+#include "host/output/pcr_filler.h"
 #include "host/units.h"
 
 struct AVCodecParameters;
@@ -111,6 +112,8 @@ class Muxer {
   };
 
   bool TakesAdts() const;
+  void FillPcrs();
+  void EndPcrs();
   void FlushBefore(const AVPacket& packet);
   bool WriteFiltered(std::size_t track, ffmpeg::Packet packet);
   void Open(ffmpeg::Options& options);
@@ -124,8 +127,10 @@ class Muxer {
   std::unique_ptr<ffmpeg::FileOutput> file_;
   std::optional<ffmpeg::PipeOutput> pipe_;
   std::optional<PacedOutput> paced_;
+  std::optional<PcrFiller> pcrs_;  // of a transport stream; output_ writes through it
   ffmpeg::OutputFormat output_;
   std::vector<Track> tracks_;
+  std::optional<std::size_t> videoTrack_;
   std::vector<std::string> unknownOptions_;
   Time flushInterval_ = 0;       // 0: nothing is flushed
   std::optional<Time> flushed_;  // time of the packet before which it was

@@ -1,8 +1,6 @@
 #include "host/output/output.h"
 
-#include <algorithm>
-
-#include "host/wall/url.h"
+#include "host/output/output_writer.h"
 #include "platform/os/waitable.h"
 
 namespace host {
@@ -12,201 +10,128 @@ using std::chrono::milliseconds;
 
 // A file that does not grow for that long while it is being finished is left as it is.
 constexpr std::uint32_t kFileStall = 2'000;
+// For calls that were cancelled to end. What is not over then never ends.
+constexpr std::uint32_t kCancelLimit = 500;
 
 }  // namespace
 
 Output::Output(Settings settings, ffmpeg::Parameters video, OutputObserver* observer,
                qorp::log::ILogPerf* logger)
-    : settings_(std::move(settings)),
-      video_(std::move(video)),
-      observer_(observer),
-      logger_(logger),
-      counters_(settings_.pass.tracks.size()),
-      queue_(settings_.queue, counters_) {
-  if (logger_ != nullptr) {
-    logger_->RegisterPin(settings_.pin.c_str());
-  }
-  const std::string& url = settings_.pass.muxer.url;
-  if (wall::LocalPath(url) && !ffmpeg::PipeOutput::Serves(url)) {
-    recording_.emplace(url, settings_.existing);
-  }
-  thread_ = std::make_unique<os::Thread>([this] { Run(); }, "output");
+    : writer_(
+          std::make_shared<OutputWriter>(std::move(settings), std::move(video), observer, logger)) {
+  thread_ = std::make_unique<os::Thread>([writer = writer_] { writer->Run(); }, "output");
 }
 
 Output::~Output() {
-  if (thread_) {
-    Finish(milliseconds(0));
-  }
-}
-
-void Output::NoteOverflow() {
-  ++overflows_;
-  if (logger_ != nullptr) {
-    logger_->NotifyBufferFull(settings_.pin.c_str());
-  }
+  Finish(milliseconds(0));
+  writer_->Detach();
 }
 
 void Output::TakeVideo(const AVPacket& packet) {
-  ++counters_.of(TrackPacket::kVideo).received;
+  ++writer_->counters.of(TrackPacket::kVideo).received;
   TrackPacket item{TrackPacket::kVideo, ffmpeg::RefPacket(packet)};
-  if (!settings_.live) {
-    queue_.PushWaiting(std::move(item));
-  } else if (queue_.PushDropping(std::move(item)) == PacketQueue::Pushed::kOverflowed) {
-    NoteOverflow();
+  if (!writer_->settings.live) {
+    writer_->queue.PushWaiting(std::move(item));
+  } else if (writer_->queue.PushDropping(std::move(item)) == PacketQueue::Pushed::kOverflowed) {
+    writer_->NoteOverflow();
   }
 }
 
 void Output::TakeSound(std::size_t channel, const AVPacket& packet, Time shift) {
-  if (channel >= settings_.pass.tracks.size()) {
+  if (channel >= writer_->settings.pass.tracks.size()) {
     return;
   }
-  ++counters_.of(static_cast<int>(channel)).received;
+  ++writer_->counters.of(static_cast<int>(channel)).received;
   TrackPacket item{static_cast<int>(channel), ffmpeg::RefPacket(packet), shift};
-  if (!settings_.live) {
+  if (!writer_->settings.live) {
     // Whoever drives the wall waits for room.
-    queue_.Push(std::move(item));
-  } else if (queue_.PushDropping(std::move(item)) == PacketQueue::Pushed::kOverflowed) {
-    NoteOverflow();
+    writer_->queue.Push(std::move(item));
+  } else if (writer_->queue.PushDropping(std::move(item)) == PacketQueue::Pushed::kOverflowed) {
+    writer_->NoteOverflow();
   }
-}
-
-// Called by each pass when a target of it is open, the first and every further segment.
-void Output::Opened(const OutputPass& pass, const std::string& file) {
-  using Opening = OutputObserver::Opening;
-  Opening opening = Opening::kNext;
-  if (pass.targets() == 1) {
-    const bool again = ++openings_ > 1 || !failure().empty();
-    const bool beside = !file.empty() && recording_->avoided();
-    opening = again ? Opening::kAgain : beside ? Opening::kBeside : Opening::kFirst;
-    SetFailure("");
-  }
-  if (!file.empty()) {
-    ++fileCount_;
-    const std::lock_guard guard(lock_);
-    file_ = file;
-  }
-  observer_->OutputOpened(settings_.name, file.empty() ? settings_.name : file, opening);
-}
-
-std::string Output::file() const {
-  const std::lock_guard guard(lock_);
-  return file_;
-}
-
-bool Output::SetPass(OutputPass* pass) {
-  const std::lock_guard guard(lock_);
-  pass_ = pass;
-  return !cancelled_;
-}
-
-void Output::SetFailure(const std::string& reason) {
-  const std::lock_guard guard(lock_);
-  failure_ = reason;
-}
-
-std::string Output::failure() const {
-  const std::lock_guard guard(lock_);
-  return failure_.empty() ? encoderFailure_ : failure_;
 }
 
 void Output::EncoderFailed(const std::string& reason, std::optional<milliseconds> retryIn) {
-  {
-    const std::lock_guard guard(lock_);
-    encoderFailure_ = reason;
-  }
-  if (!retryIn) {
-    failed_ = true;
-    queue_.Abandon();
-  }
-  observer_->OutputFailed(settings_.name, reason, retryIn);
+  writer_->EncoderFailed(reason, retryIn);
 }
 
 void Output::EncoderRecovered() {
-  {
-    const std::lock_guard guard(lock_);
-    encoderFailure_.clear();
-    if (!failure_.empty()) {
-      return;  // reported when it is open
-    }
-  }
-  const std::string target = file();
-  observer_->OutputOpened(settings_.name, target.empty() ? settings_.name : target,
-                          OutputObserver::Opening::kAgain);
+  writer_->EncoderRecovered();
 }
 
-std::string Output::RunPass(OutputPass& pass) {
-  try {
-    while (std::optional<TrackPacket> packet = queue_.Pop()) {
-      pass.Take(std::move(*packet));
-    }
-    pass.Finish();
-    return {};
-  } catch (const std::exception& error) {
-    return error.what();
-  }
+bool Output::WaitForRoom(milliseconds limit) {
+  return writer_->queue.WaitForRoom(limit);
 }
 
-void Output::Run() {
-  milliseconds delay = settings_.firstDelay;
-  for (bool hasFailed = false;; hasFailed = true) {
-    std::optional<OutputPass> pass;
-    pass.emplace(
-        settings_.pass, *video_, counters_,
-        OutputPass::Owner{
-            recording_ ? &*recording_ : nullptr,
-            [this](const std::string& what) { observer_->OutputSaid(settings_.name, what); },
-            [this](const OutputPass& open, const std::string& file) { Opened(open, file); },
-            !recording_ && settings_.live ? [this] { return queue_.SkipToNewestKeyframe(); }
-                                          : std::function<bool()>(),
-            hasFailed ? settings_.openAfter : 0});
-    const std::string reason = SetPass(&*pass) ? RunPass(*pass) : "stopped";
-    const bool goesOn = SetPass(nullptr) && settings_.live && !failed_;
-    if (reason.empty() || failed_) {
-      return;
-    }
-    SetFailure(reason);
-    if (pass->length() >= settings_.longestDelay.count() * kMillisecond) {
-      delay = settings_.firstDelay;
-    }
-    // A consumer that serves one connection has room for the next one, and a disk for the next
-    // file.
-    pass.reset();
-    observer_->OutputFailed(settings_.name, reason, goesOn ? std::optional(delay) : std::nullopt);
-    if (!goesOn || !queue_.DiscardFor(delay)) {
-      break;
-    }
-    delay = std::min(delay * 2, settings_.longestDelay);
-  }
-  failed_ = true;
-  queue_.Abandon();
+void Output::Close() {
+  writer_->queue.Close();
 }
 
-std::int64_t Output::FileBytes() {
-  const std::lock_guard guard(lock_);
-  return recording_ && pass_ != nullptr ? pass_->fileBytes() : 0;
+void Output::Abandon() {
+  writer_->queue.Abandon();
+}
+
+const std::string& Output::name() const {
+  return writer_->settings.name;
+}
+
+const OutputCounters& Output::counters() const {
+  return writer_->counters;
+}
+
+std::uint64_t Output::overflows() const {
+  return writer_->overflows;
+}
+
+std::uint64_t Output::openings() const {
+  return writer_->openings;
+}
+
+std::uint64_t Output::files() const {
+  return writer_->fileCount;
+}
+
+std::string Output::file() const {
+  return writer_->file();
+}
+
+std::size_t Output::queuedBytes() const {
+  return writer_->queue.bytes();
+}
+
+bool Output::failed() const {
+  return writer_->failed;
+}
+
+std::string Output::failure() const {
+  return writer_->failure();
+}
+
+bool Output::WaitForEnd(milliseconds limit) {
+  return thread_ == nullptr || thread_->Wait(static_cast<std::uint32_t>(limit.count()));
 }
 
 void Output::Finish(milliseconds limit) {
-  queue_.Close();
-  std::int64_t before = FileBytes();
-  if (thread_->Wait(static_cast<std::uint32_t>(limit.count()))) {
+  if (thread_ == nullptr) {
     return;
   }
+  writer_->queue.Close();
+  std::int64_t before = writer_->FileBytes();
+  bool ended = WaitForEnd(limit);
   // A file grows as long as it is finished, be its disk slow or its index moved to its beginning.
-  for (std::int64_t bytes = FileBytes(); bytes != before; bytes = FileBytes()) {
+  for (std::int64_t bytes = writer_->FileBytes(); !ended && bytes != before;
+       bytes = writer_->FileBytes()) {
     before = bytes;
-    if (thread_->Wait(kFileStall)) {
-      return;
+    ended = thread_->Wait(kFileStall);
+  }
+  if (!ended) {
+    writer_->Cancel();
+    if (!thread_->Wait(kCancelLimit)) {
+      writer_->Fail("it does not answer and was abandoned");
+      writer_->Detach();
     }
   }
-  {
-    const std::lock_guard guard(lock_);
-    cancelled_ = true;
-    if (pass_ != nullptr) {
-      pass_->Cancel();
-    }
-  }
-  thread_->Wait(os::kInfinite);
+  thread_.reset();
 }
 
 }  // namespace host

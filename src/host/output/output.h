@@ -1,12 +1,9 @@
 // Output: one place to which the wall goes.
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
@@ -37,6 +34,8 @@ class OutputObserver {
   // Something that the operator should know about what is written.
   virtual void OutputSaid(const std::string& output, const std::string& what) = 0;
 };
+
+class OutputWriter;
 
 // Takes the packets of the mosaic and of all channels' sound into a bounded queue; its thread opens
 // the file or connection and writes. Live, nobody ever waits for it: when its consumer is slow, the
@@ -77,56 +76,35 @@ class Output {
   void EncoderFailed(const std::string& reason, std::optional<std::chrono::milliseconds> retryIn);
   void EncoderRecovered();
   // Waits until the next pictures find room; false when that takes longer than the limit.
-  bool WaitForRoom(std::chrono::milliseconds limit) { return queue_.WaitForRoom(limit); }
+  bool WaitForRoom(std::chrono::milliseconds limit);
   // Nothing more comes.
-  void Close() { queue_.Close(); }
+  void Close();
+  // What waits is dropped, and nobody waits for room any more.
+  void Abandon();
+  // After Close: false when writing what waits takes longer than the limit.
+  bool WaitForEnd(std::chrono::milliseconds limit);
   // Writes what waits and the end; drops what is not written within the limit, but for a file
-  // not as long as bytes reach it.
+  // not as long as bytes reach it. A thread that is stuck in a call which nothing ends, as on a
+  // dead mount, is detached, and the output has failed.
   void Finish(std::chrono::milliseconds limit);
 
-  const std::string& name() const { return settings_.name; }
+  const std::string& name() const;
   // What became of the packets of every track.
-  const OutputCounters& counters() const { return counters_; }
-  std::uint64_t overflows() const { return overflows_; }  // how often packets were dropped
-  std::uint64_t openings() const { return openings_; }
+  const OutputCounters& counters() const;
+  std::uint64_t overflows() const;  // how often packets were dropped
+  std::uint64_t openings() const;
   // The files that were begun, and the latest; none and empty where the output is no file.
-  std::uint64_t files() const { return fileCount_; }
+  std::uint64_t files() const;
   std::string file() const;
-  std::size_t queuedBytes() const { return queue_.bytes(); }
-  // It has ended early for good.
-  bool failed() const { return failed_; }
+  std::size_t queuedBytes() const;
+  // It has ended early and is not opened again.
+  bool failed() const;
   // Why it does not work now or did not in the end; empty when it does.
   std::string failure() const;
 
  private:
-  void Run();
-  // One opening, to the end of what comes; empty, or why it failed.
-  std::string RunPass(OutputPass& pass);
-  void Opened(const OutputPass& pass, const std::string& file);
-  // What Finish may cancel; false when it has already done so.
-  bool SetPass(OutputPass* pass);
-  void SetFailure(const std::string& reason);
-  std::int64_t FileBytes();
-  void NoteOverflow();
-
-  const Settings settings_;
-  const ffmpeg::Parameters video_;
-  OutputObserver* const observer_;
-  qorp::log::ILogPerf* const logger_;
-  OutputCounters counters_;
-  PacketQueue queue_;
-  std::optional<RecordingFiles> recording_;  // the thread's own
-  std::atomic<std::uint64_t> overflows_{0};
-  std::atomic<std::uint64_t> openings_{0};
-  std::atomic<std::uint64_t> fileCount_{0};
-  std::atomic<bool> failed_{false};
-  mutable std::mutex lock_;
-  std::string failure_;         // guarded by lock_
-  std::string encoderFailure_;  // guarded by lock_
-  std::string file_;            // guarded by lock_
-  OutputPass* pass_ = nullptr;  // guarded by lock_; what Finish cancels
-  bool cancelled_ = false;      // guarded by lock_
-  std::unique_ptr<os::Thread> thread_;
+  const std::shared_ptr<OutputWriter> writer_;
+  std::unique_ptr<os::Thread> thread_;  // null once finished
 };
 
 }  // namespace host

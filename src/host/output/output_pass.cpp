@@ -195,7 +195,7 @@ void OutputPass::Start() {
   }
   {
     const std::lock_guard guard(cancelLock_);
-    muxer_ = std::move(muxer);
+    std::swap(muxer_, muxer);  // the former one may have something to wait for at its end
     if (cancelled_) {
       opening->Cancel();
     }

@@ -1,6 +1,9 @@
 #include "host/output/output_set.h"
 
 #include <algorithm>
+#include <optional>
+#include <thread>
+#include <utility>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -15,6 +18,15 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr milliseconds kForever{0x7FFF'FFFF};
+constexpr milliseconds kPoll{50};
+// Live, for the encoders to hand over what they hold; then for an output of a rendering that is to
+// end at once, as of a live one.
+constexpr milliseconds kEncoderLimit{2'000};
+constexpr milliseconds kHurriedLimit{3'000};
+// An encoder that hands over nothing for that long after the limit is stuck.
+constexpr milliseconds kEncoderStall{1'000};
+// For a thread to notice that nobody wants its packets any more.
+constexpr milliseconds kCancelLimit{250};
 
 OutputSet::TrackStatus StatusOf(const TrackCounters& counters) {
   return {counters.written, counters.dropped, counters.leftOut, counters.silence};
@@ -75,7 +87,7 @@ void OutputSet::Add(const Item& item, const Settings& settings) {
   output.pass.muxer.isPaced = settings.live;
   output.pass.muxer.lowDelay = item.encoder.lowDelay;
   if (settings.live) {
-    output.pass.sinceStart = [this] { return SinceStart(); };
+    output.pass.sinceStart = [startedAt = startedAt_] { return SinceStart(*startedAt); };
   }
   if (item.sound) {
     output.pass.tracks = settings.tracks;
@@ -83,13 +95,13 @@ void OutputSet::Add(const Item& item, const Settings& settings) {
   Entry& entry = entries_.back();
   entry.encoder = &encoder;
   entry.output =
-      std::make_unique<Output>(std::move(output), encoder.parameters(), observer_, logger_);
-  encoder.Add({[output = entry.output.get()](const AVPacket& packet) { output->TakeVideo(packet); },
-               [output = entry.output.get()](const std::string& reason,
-                                             std::optional<milliseconds> retryIn) {
-                 output->EncoderFailed(reason, retryIn);
-               },
-               [output = entry.output.get()] { output->EncoderRecovered(); }});
+      std::make_shared<Output>(std::move(output), encoder.parameters(), observer_, logger_);
+  encoder.Add(
+      {[output = entry.output](const AVPacket& packet) { output->TakeVideo(packet); },
+       [output = entry.output](const std::string& reason, std::optional<milliseconds> retryIn) {
+         output->EncoderFailed(reason, retryIn);
+       },
+       [output = entry.output] { output->EncoderRecovered(); }});
 }
 
 PictureEncoder& OutputSet::EncoderFor(const Item& item, bool live) {
@@ -110,17 +122,17 @@ PictureEncoder& OutputSet::EncoderFor(const Item& item, bool live) {
   return *encoders_.back().encoder;
 }
 
-Time OutputSet::SinceStart() const {
+Time OutputSet::SinceStart(const StartedAt& startedAt) {
   using std::chrono::steady_clock;
-  const std::int64_t startedAt = startedAt_;
+  const std::int64_t started = startedAt;
   const steady_clock::duration since =
-      steady_clock::now().time_since_epoch() - steady_clock::duration(startedAt);
-  return startedAt == 0 ? 0 : std::chrono::nanoseconds(since).count() / 100;
+      steady_clock::now().time_since_epoch() - steady_clock::duration(started);
+  return started == 0 ? 0 : std::chrono::nanoseconds(since).count() / 100;
 }
 
 void OutputSet::Take(const ComPtr<IMediaSample>& picture, Time start) {
-  if (startedAt_ == 0) {
-    startedAt_ = std::chrono::steady_clock::now().time_since_epoch().count();
+  if (*startedAt_ == 0) {
+    *startedAt_ = std::chrono::steady_clock::now().time_since_epoch().count();
   }
   for (const Encoder& encoder : encoders_) {
     encoder.encoder->Take(picture, start);
@@ -154,12 +166,59 @@ bool OutputSet::WaitForRoom(milliseconds limit) {
   return true;
 }
 
-void OutputSet::Finish() {
+// An encoder ends as long as packets come out of it. One of a rendering may wait for an output that
+// is stuck.
+void OutputSet::FinishEncoder(Encoder& encoder, const std::function<milliseconds()>& left) {
+  std::uint64_t handed = encoder.encoder->handed();
+  milliseconds idle{0};
+  while (!encoder.encoder->WaitForEnd(kPoll)) {
+    const bool progresses = std::exchange(handed, encoder.encoder->handed()) != handed;
+    idle = progresses ? milliseconds(0) : idle + kPoll;
+    if (left() == milliseconds(0) && idle >= kEncoderStall) {
+      break;
+    }
+  }
+  if (encoder.encoder->WaitForEnd(milliseconds(0))) {
+    return;
+  }
+  for (const Entry& entry : entries_) {
+    if (entry.output && entry.encoder == encoder.encoder.get()) {
+      entry.output->Abandon();
+    }
+  }
+  if (!encoder.encoder->Finish(kCancelLimit)) {
+    for (const Entry& entry : entries_) {
+      if (entry.output && entry.encoder == encoder.encoder.get()) {
+        entry.output->EncoderFailed("its encoder does not end and was abandoned", std::nullopt);
+      }
+    }
+  }
+}
+
+void OutputSet::Finish(const std::function<bool()>& hurried) {
+  using Clock = std::chrono::steady_clock;
   if (std::exchange(finished_, true)) {
     return;
   }
+  const bool isLive = finishLimit_ != kForever;
+  std::optional<Clock::time_point> end;
+  const auto begin = [&end](milliseconds limit) { end = Clock::now() + limit; };
+  const auto left = [&] {
+    if (!end && !isLive && hurried && hurried()) {
+      begin(kHurriedLimit);
+    }
+    return end ? std::max(milliseconds(0),
+                          std::chrono::duration_cast<milliseconds>(*end - Clock::now()))
+               : kForever;
+  };
+  if (isLive) {
+    begin(kEncoderLimit);
+  }
   for (const Encoder& encoder : encoders_) {
-    encoder.encoder->Finish();
+    encoder.encoder->Close();
+  }
+  for (Encoder& encoder : encoders_) {
+    FinishEncoder(encoder, left);
   }
   // All are told before the first is waited for: together they take no longer than one.
   for (const Entry& entry : entries_) {
@@ -167,12 +226,27 @@ void OutputSet::Finish() {
       entry.output->Close();
     }
   }
-  const auto end = std::chrono::steady_clock::now() + finishLimit_;
+  if (isLive) {
+    begin(finishLimit_);
+  }
   for (const Entry& entry : entries_) {
-    if (entry.output) {
-      entry.output->Finish(std::max(milliseconds(0), std::chrono::duration_cast<milliseconds>(
-                                                         end - std::chrono::steady_clock::now())));
+    if (!entry.output) {
+      continue;
     }
+    while (left() > milliseconds(0) && !entry.output->WaitForEnd(std::min(left(), kPoll))) {
+    }
+  }
+  // Those that are stuck together take no longer than one.
+  std::vector<std::thread> finishing;
+  for (const Entry& entry : entries_) {
+    if (entry.output && !entry.output->WaitForEnd(milliseconds(0))) {
+      finishing.emplace_back([&entry] { entry.output->Finish(milliseconds(0)); });
+    } else if (entry.output) {
+      entry.output->Finish(milliseconds(0));
+    }
+  }
+  for (std::thread& thread : finishing) {
+    thread.join();
   }
 }
 

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -67,8 +68,10 @@ class OutputSet {
   void TakeSound(std::size_t channel, const AVPacket& packet, Time shift);
   // For a rendered wall, before each frame: whether everything has room for it; waits that long.
   bool WaitForRoom(std::chrono::milliseconds limit);
-  // The wall has ended: everything is written to its end.
-  void Finish();
+  // The wall has ended: everything is written to its end. hurried: whether somebody waits for the
+  // end of a rendering, which otherwise takes as long as its outputs; asked again and again, may be
+  // null. Whatever is stuck is abandoned and has failed.
+  void Finish(const std::function<bool()>& hurried = nullptr);
 
   bool empty() const { return entries_.empty(); }
   bool allFailed() const;
@@ -84,18 +87,21 @@ class OutputSet {
   struct Entry {
     std::string name;
     PictureEncoder* encoder = nullptr;
-    std::unique_ptr<Output> output;  // null: it failed from the start
+    std::shared_ptr<Output> output;  // null: it failed from the start
     std::string failure;
   };
 
-  Time SinceStart() const;
+  using StartedAt = std::atomic<std::int64_t>;  // ticks of the steady clock; 0: no frame came yet
+
+  static Time SinceStart(const StartedAt& startedAt);
+  void FinishEncoder(Encoder& encoder, const std::function<std::chrono::milliseconds()>& left);
   void Add(const Item& item, const Settings& settings);
   PictureEncoder& EncoderFor(const Item& item, bool live);
 
   OutputObserver* const observer_;
   qorp::log::ILogPerf* const logger_;
   const std::chrono::milliseconds finishLimit_;
-  std::atomic<std::int64_t> startedAt_{0};  // ticks of the steady clock; 0: no frame came yet
+  const std::shared_ptr<StartedAt> startedAt_ = std::make_shared<StartedAt>(0);
   // The encoders go first: their threads use the outputs.
   std::vector<Entry> entries_;
   std::vector<Encoder> encoders_;

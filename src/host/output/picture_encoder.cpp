@@ -12,77 +12,150 @@ extern "C" {
 
 namespace host {
 
+namespace {
+
+// For a thread whose consumers take nothing any more.
+constexpr int kCancelLimit = 500;  // milliseconds
+
+}  // namespace
+
+using Clock = std::chrono::steady_clock;
+
+struct PictureEncoder::Picture {
+  ComPtr<IMediaSample> sample;
+  Time start = 0;
+};
+
+struct PictureEncoder::Work {
+  explicit Work(const Settings& given)
+      : settings(given),
+        encoder(settings.encoder),
+        parameters(encoder->parameters()),
+        delay(settings.firstDelay),
+        openedAt(Clock::now()),
+        queue(settings.queuedPictures) {}
+
+  void Run();
+  void Hand(const ffmpeg::Packet& packet);
+  void Encode(const Picture& picture);
+  // Throws ffmpeg::Error.
+  void Open();
+  void OnFailure(const std::string& reason);
+
+  const Settings settings;
+  std::optional<VideoEncoder> encoder;  // none after a failure; the thread's once it runs
+  const ffmpeg::Parameters parameters;
+  std::optional<Time> gridStart;    // of the keyframes of all encoders
+  std::chrono::milliseconds delay;  // the thread's own, as is all up to here
+  Clock::time_point openedAt;
+  Clock::time_point openAgainAt;
+  std::int64_t inside = 0;  // frames that the encoder holds
+  bool failed = false;      // nothing was encoded since
+  std::vector<Consumer> consumers;
+  BoundedQueue<Picture> queue;
+  std::atomic<std::uint64_t> dropped{0};
+  std::atomic<std::uint64_t> handed{0};
+  std::atomic<bool> ended{false};
+};
+
 PictureEncoder::PictureEncoder(const Settings& settings, qorp::log::ILogPerf* logger)
-    : settings_(settings),
-      logger_(logger),
-      encoder_(settings.encoder),
-      parameters_(encoder_->parameters()),
-      delay_(settings.firstDelay),
-      openedAt_(Clock::now()),
-      queue_(settings.queuedPictures) {
+    : work_(std::make_shared<Work>(settings)), logger_(logger) {
   if (logger_ != nullptr) {
-    logger_->RegisterPin(settings_.name.c_str());
+    logger_->RegisterPin(settings.name.c_str());
   }
 }
 
 PictureEncoder::~PictureEncoder() {
-  Finish();
+  Finish(std::chrono::milliseconds(kCancelLimit));
+}
+
+void PictureEncoder::Add(Consumer consumer) {
+  work_->consumers.push_back(std::move(consumer));
 }
 
 void PictureEncoder::Start() {
-  thread_ = std::make_unique<os::Thread>([this] { Run(); }, "encoder");
+  thread_ = std::make_unique<os::Thread>([work = work_] { work->Run(); }, "encoder");
 }
 
 void PictureEncoder::Take(const ComPtr<IMediaSample>& picture, Time start) {
-  if (queue_.PushDroppingOldest({picture, start}).has_value() && !ended_) {
-    ++dropped_;
+  if (work_->queue.PushDroppingOldest({picture, start}).has_value() && !work_->ended) {
+    ++work_->dropped;
     if (logger_ != nullptr) {
-      logger_->NotifyBufferFull(settings_.name.c_str());
+      logger_->NotifyBufferFull(work_->settings.name.c_str());
     }
   }
 }
 
 bool PictureEncoder::WaitForRoom(std::chrono::milliseconds limit) {
-  return ended_ || queue_.WaitForRoom(limit) || ended_;
+  return work_->ended || work_->queue.WaitForRoom(limit) || work_->ended;
+}
+
+std::uint64_t PictureEncoder::dropped() const {
+  return work_->dropped;
+}
+
+std::uint64_t PictureEncoder::handed() const {
+  return work_->handed;
 }
 
 ffmpeg::Parameters PictureEncoder::parameters() const {
   ffmpeg::Parameters parameters = ffmpeg::MakeParameters();
-  ffmpeg::Check(avcodec_parameters_copy(parameters.get(), parameters_.get()),
+  ffmpeg::Check(avcodec_parameters_copy(parameters.get(), work_->parameters.get()),
                 "cannot describe the encoded video");
   return parameters;
 }
 
-void PictureEncoder::Open() {
-  openedAt_ = Clock::now();
-  encoder_.emplace(settings_.encoder);
-  const ffmpeg::Parameters now = encoder_->parameters();
+void PictureEncoder::Close() {
+  work_->queue.Close();
+}
+
+bool PictureEncoder::WaitForEnd(std::chrono::milliseconds limit) {
+  return thread_ == nullptr || thread_->Wait(static_cast<std::uint32_t>(limit.count()));
+}
+
+bool PictureEncoder::Finish(std::chrono::milliseconds limit) {
+  Close();
+  const bool ended = WaitForEnd(limit);
+  if (!ended) {
+    // Whatever still waits is composed in memory that goes with the composer.
+    while (work_->queue.PopFor(std::chrono::milliseconds(0)).has_value()) {
+    }
+  }
+  thread_.reset();
+  return ended;
+}
+
+void PictureEncoder::Work::Open() {
+  openedAt = Clock::now();
+  encoder.emplace(settings.encoder);
+  const ffmpeg::Parameters now = encoder->parameters();
   // Outputs have written the headers of the first one.
-  if (now->extradata_size != parameters_->extradata_size ||
+  if (now->extradata_size != parameters->extradata_size ||
       (now->extradata_size > 0 &&
-       std::memcmp(now->extradata, parameters_->extradata,
+       std::memcmp(now->extradata, parameters->extradata,
                    static_cast<std::size_t>(now->extradata_size)) != 0)) {
     throw ffmpeg::Error(AVERROR_INPUT_CHANGED, "the encoder has other headers than before");
   }
 }
 
-void PictureEncoder::Encode(const Picture& picture) {
-  ++inside_;
-  if (!encoder_) {
+void PictureEncoder::Work::Encode(const Picture& picture) {
+  ++inside;
+  if (!encoder) {
     Open();
   }
-  gridStart_ = gridStart_.value_or(picture.start);
-  encoder_->BeginGrid(*gridStart_);
+  gridStart = gridStart.value_or(picture.start);
+  encoder->BeginGrid(*gridStart);
   BYTE* pixels = nullptr;
   picture.sample->GetPointer(&pixels);
-  encoder_->Encode({pixels, static_cast<std::size_t>(picture.sample->GetActualDataLength())},
-                   picture.start, [this](const ffmpeg::Packet& packet) { Hand(packet); });
+  encoder->Encode({pixels, static_cast<std::size_t>(picture.sample->GetActualDataLength())},
+                  picture.start, [this](const ffmpeg::Packet& packet) { Hand(packet); });
 }
 
-void PictureEncoder::Hand(const ffmpeg::Packet& packet) {
-  --inside_;
-  const bool recovers = std::exchange(failed_, false);
-  for (const Consumer& consumer : consumers_) {
+void PictureEncoder::Work::Hand(const ffmpeg::Packet& packet) {
+  --inside;
+  ++handed;
+  const bool recovers = std::exchange(failed, false);
+  for (const Consumer& consumer : consumers) {
     if (recovers) {
       consumer.recover();
     }
@@ -90,53 +163,46 @@ void PictureEncoder::Hand(const ffmpeg::Packet& packet) {
   }
 }
 
-void PictureEncoder::OnFailure(const std::string& reason) {
-  encoder_.reset();
-  failed_ = true;
-  dropped_ += static_cast<std::uint64_t>(std::exchange(inside_, 0));
-  if (Clock::now() - openedAt_ >= settings_.longestDelay) {
-    delay_ = settings_.firstDelay;
+void PictureEncoder::Work::OnFailure(const std::string& reason) {
+  encoder.reset();
+  failed = true;
+  dropped += static_cast<std::uint64_t>(std::exchange(inside, 0));
+  if (Clock::now() - openedAt >= settings.longestDelay) {
+    delay = settings.firstDelay;
   }
-  openAgainAt_ = Clock::now() + delay_;
-  for (const Consumer& consumer : consumers_) {
-    consumer.fail(reason, settings_.live ? std::optional(delay_) : std::nullopt);
+  openAgainAt = Clock::now() + delay;
+  for (const Consumer& consumer : consumers) {
+    consumer.fail(reason, settings.live ? std::optional(delay) : std::nullopt);
   }
-  delay_ = std::min(delay_ * 2, settings_.longestDelay);
+  delay = std::min(delay * 2, settings.longestDelay);
 }
 
-void PictureEncoder::Run() {
-  while (std::optional<Picture> picture = queue_.Pop()) {
-    if (!encoder_ && Clock::now() < openAgainAt_) {
-      ++dropped_;
+void PictureEncoder::Work::Run() {
+  while (std::optional<Picture> picture = queue.Pop()) {
+    if (!encoder && Clock::now() < openAgainAt) {
+      ++dropped;
       continue;
     }
     try {
       Encode(*picture);
     } catch (const std::exception& error) {
       OnFailure(error.what());
-      if (!settings_.live) {
+      if (!settings.live) {
         break;
       }
     }
   }
-  if (encoder_) {
+  if (encoder) {
     try {
-      encoder_->Finish([this](const ffmpeg::Packet& packet) { Hand(packet); });
+      encoder->Finish([this](const ffmpeg::Packet& packet) { Hand(packet); });
     } catch (const std::exception& error) {
       OnFailure(error.what());
     }
   }
   // What comes from now on is not kept.
-  ended_ = true;
-  queue_.Close();
-  while (queue_.Pop().has_value()) {
-  }
-}
-
-void PictureEncoder::Finish() {
-  queue_.Close();
-  if (thread_) {
-    thread_->Wait(os::kInfinite);
+  ended = true;
+  queue.Close();
+  while (queue.Pop().has_value()) {
   }
 }
 

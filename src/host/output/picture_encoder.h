@@ -54,8 +54,8 @@ class PictureEncoder {
   PictureEncoder(const PictureEncoder&) = delete;
   PictureEncoder& operator=(const PictureEncoder&) = delete;
 
-  // Before Start.
-  void Add(Consumer consumer) { consumers_.push_back(std::move(consumer)); }
+  // Before Start. A consumer owns what it calls: the thread may have to be detached.
+  void Add(Consumer consumer);
   void Start();
 
   // Returns at once.
@@ -63,41 +63,27 @@ class PictureEncoder {
   // Whether the next Take drops nothing; waits that long for it. An encoder that has ended takes
   // everything.
   bool WaitForRoom(std::chrono::milliseconds limit);
-  // Encodes what waits and hands over the last packets.
-  void Finish();
+  // Nothing more comes.
+  void Close();
+  // After Close: false when encoding what waits and handing over the last packets takes longer than
+  // the limit.
+  bool WaitForEnd(std::chrono::milliseconds limit);
+  // Packets that were handed over so far.
+  std::uint64_t handed() const;
+  // Close, and waits no longer than the limit: a thread that is stuck inside of the encoder or in
+  // a consumer is detached. False then.
+  bool Finish(std::chrono::milliseconds limit);
 
   ffmpeg::Parameters parameters() const;
-  std::uint64_t dropped() const { return dropped_; }
+  std::uint64_t dropped() const;
 
  private:
-  struct Picture {
-    ComPtr<IMediaSample> sample;
-    Time start = 0;
-  };
+  struct Picture;
+  // What the thread does and touches; shared with it.
+  struct Work;
 
-  using Clock = std::chrono::steady_clock;
-
-  void Run();
-  void Hand(const ffmpeg::Packet& packet);
-  void Encode(const Picture& picture);
-  // Throws ffmpeg::Error.
-  void Open();
-  void OnFailure(const std::string& reason);
-
-  const Settings settings_;
+  const std::shared_ptr<Work> work_;
   qorp::log::ILogPerf* const logger_;
-  std::optional<VideoEncoder> encoder_;  // none after a failure; the thread's once it runs
-  const ffmpeg::Parameters parameters_;
-  std::optional<Time> gridStart_;    // of the keyframes of all encoders
-  std::chrono::milliseconds delay_;  // the thread's own, as is all up to here
-  Clock::time_point openedAt_;
-  Clock::time_point openAgainAt_;
-  std::int64_t inside_ = 0;  // frames that the encoder holds
-  bool failed_ = false;      // nothing was encoded since
-  std::vector<Consumer> consumers_;
-  BoundedQueue<Picture> queue_;
-  std::atomic<std::uint64_t> dropped_{0};
-  std::atomic<bool> ended_{false};
   std::unique_ptr<os::Thread> thread_;
 };
 

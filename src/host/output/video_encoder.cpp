@@ -170,7 +170,20 @@ VideoEncoder::VideoEncoder(const Settings& settings)
   ffmpeg::Check(av_frame_get_buffer(frame_.get(), 0), "cannot make a picture to encode");
 }
 
-VideoEncoder::~VideoEncoder() = default;
+VideoEncoder::~VideoEncoder() {
+  // This one never ends when it is closed without having had a frame (FFmpeg 5.1).
+  if (codec_ && lastFrame_ < 0 && encoderName() == "libsvtav1") {
+    av_frame_make_writable(frame_.get());
+    frame_->pts = 0;
+    if (avcodec_send_frame(codec_.get(), frame_.get()) >= 0) {
+      avcodec_send_frame(codec_.get(), nullptr);
+      const ffmpeg::Packet packet = ffmpeg::MakePacket();
+      while (avcodec_receive_packet(codec_.get(), packet.get()) >= 0) {
+        av_packet_unref(packet.get());
+      }
+    }
+  }
+}
 
 // libx264 holds back what it looks ahead and reorders, and one frame for each further thread; on a
 // machine with many processors these are most of a second.
@@ -231,6 +244,9 @@ void VideoEncoder::Encode(std::span<const std::uint8_t> yv12, Time start, const 
 }
 
 void VideoEncoder::Finish(const PacketSink& sink) {
+  if (lastFrame_ < 0) {
+    return;
+  }
   const int result = avcodec_send_frame(codec_.get(), nullptr);
   if (result != AVERROR_EOF) {
     ffmpeg::Check(result, "cannot finish encoding");

@@ -7,9 +7,11 @@ extern "C" {
 }
 
 #include "host/background/background_picture.h"
+#include "host/channel/source/media_error.h"
 #include "host/graph/graph_error.h"
 #include "host/session/wall_outputs.h"
 #include "platform/com/wide_text.h"
+#include "platform/os/call_within.h"
 #include "util/string_format.h"
 
 namespace host {
@@ -20,6 +22,11 @@ constexpr Time kWindowLatency = kSecond;
 constexpr std::chrono::milliseconds kFrameLimit{60'000};
 // For all readers together to notice that they are cancelled, and to close their connections.
 constexpr std::chrono::seconds kReadersLimit{2};
+// For all label files together when the wall starts, and at least for each of them.
+constexpr std::chrono::seconds kLabelsLimit{2};
+constexpr std::chrono::milliseconds kLabelLimit{100};
+// For the background picture.
+constexpr std::chrono::seconds kBackgroundLimit{5};
 // How often a rendering that waits for a channel or an output asks whether it is to stop.
 constexpr std::chrono::milliseconds kStopPeriod{100};
 
@@ -89,6 +96,7 @@ std::chrono::milliseconds Milliseconds(Time time) {
 WallSession::WallSession(Settings settings)
     : settings_(std::move(settings)),
       firstFrame_(settings_.live ? 0 : FirstFrame(settings_.wall.canvas.frameRate)),
+      labelsUntil_(std::chrono::steady_clock::now() + kLabelsLimit),
       clock_(settings_.wall.canvas.clockOffset),
       composer_(settings_.composerLibrary, CanvasOf(settings_.wall),
                 settings_.composerLogger != nullptr ? settings_.composerLogger : settings_.logger),
@@ -98,8 +106,8 @@ WallSession::WallSession(Settings settings)
   outputs.finishLimit = settings_.finishLimit;
   outputs_ = std::make_unique<OutputSet>(outputs, settings_.outputObserver, settings_.logger);
   const wall::Canvas& canvas = settings_.wall.canvas;
-  background_ = BackgroundSource::Create({canvas.width, canvas.height, canvas.frameRate,
-                                          canvas.aspect, MakeBackground(canvas), watch_});
+  background_ = BackgroundSource::Create(
+      {canvas.width, canvas.height, canvas.frameRate, canvas.aspect, Background(), watch_});
   if (settings_.live) {
     // A wall that is rendered waits for buffers all the time: that is its pace.
     background_->pin().ReportTo(settings_.logger, "background");
@@ -131,6 +139,27 @@ WallSession::WallSession(Settings settings)
   Connect(background_->pin(), composer_.backgroundPin(), "the background");
   Check(graph_->ConnectDirect(composer_.compositionPin(), sink_->pin(), nullptr),
         "connect the composer's output");
+}
+
+// A live wall does without a picture whose mount is dead.
+std::vector<std::uint8_t> WallSession::Background() const {
+  const wall::Canvas& canvas = settings_.wall.canvas;
+  auto picture = os::CallWithin<std::vector<std::uint8_t>>(
+      kBackgroundLimit, [canvas] { return MakeBackground(canvas); }, "background file");
+  if (picture) {
+    return std::move(*picture);
+  }
+  const std::string file = canvas.background.picture.string();
+  if (!settings_.live) {
+    throw MediaError(MediaError::Kind::kTimedOut, "no answer from its file system", file);
+  }
+  if (settings_.logger != nullptr) {
+    settings_.logger->log(qorp::log::kError,
+                          "no answer from the file system of the background picture %s; the wall "
+                          "goes on without it",
+                          file.c_str());
+  }
+  return ColourBackground(canvas.width, canvas.height, {});
 }
 
 WallSession::~WallSession() {
@@ -208,7 +237,13 @@ std::string WallSession::LabelOf(const wall::Label& label) const {
     return {};
   }
   if (label.source == wall::Label::Source::kFile) {
-    return LabelFile(label.file).Read().value_or(label.text);
+    // A dead mount holds up all of them together no longer than that.
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        labelsUntil_ - std::chrono::steady_clock::now());
+    const auto text = os::CallWithin<std::optional<std::string>>(
+        std::max(left, kLabelLimit), [file = LabelFile(label.file)] { return file.Read(); },
+        "label");
+    return text.value_or(std::nullopt).value_or(label.text);
   }
   return label.text;
 }
@@ -362,8 +397,8 @@ void WallSession::Stop() {
   graph_->Stop();
 }
 
-int WallSession::Finish() {
-  outputs_->Finish();
+int WallSession::Finish(const std::function<bool()>& hurried) {
+  outputs_->Finish(hurried);
   const auto deadline = std::chrono::steady_clock::now() + kReadersLimit;
   return static_cast<int>(std::count_if(
       channels_.begin(), channels_.end(),

@@ -78,10 +78,10 @@ class WallSession {
   void Render(const RenderControl& control);
   // Ends the wall. All readers are cancelled first; none is waited for.
   void Stop();
-  // After Stop: the outputs are written to their end. Then waits for all readers together for a
-  // limited time; those that are stuck in their sources are detached. Returns how many. The
-  // destructor does the same.
-  int Finish();
+  // After Stop: the outputs are written to their end (hurried: see OutputSet). Then waits for all
+  // readers together for a limited time; those that are stuck in their sources are detached.
+  // Returns how many. The destructor does the same.
+  int Finish(const std::function<bool()>& hurried = {});
 
   OutputSet& outputs() { return *outputs_; }
   Counters counters() const;
@@ -94,6 +94,7 @@ class WallSession {
  private:
   void AddChannel(std::size_t index);
   void ConnectSound(std::size_t index, const ComposerFilter::Input& input, const std::string& what);
+  std::vector<std::uint8_t> Background() const;
   std::string LabelOf(const wall::Label& label) const;
   ChannelSource::Settings ChannelSettings(const wall::Channel& channel, WallWindow* window);
   std::string TimeText(Time time);
@@ -108,7 +109,8 @@ class WallSession {
   Time LastFrameWithNews(std::int64_t frame);
 
   const Settings settings_;
-  const std::int64_t firstFrame_;  // that is handed out
+  const std::int64_t firstFrame_;                            // that is handed out
+  const std::chrono::steady_clock::time_point labelsUntil_;  // for reading them at the start
   WallClock clock_;
   TimeOfDay timeOfDay_;
   std::shared_ptr<FrameWatch> watch_ = std::make_shared<FrameWatch>();

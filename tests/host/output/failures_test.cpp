@@ -1,13 +1,25 @@
 // What an output and an encoder do when they fail.
+#include <algorithm>
+#include <array>
 #include <csignal>
+#include <fstream>
+#include <functional>
 #include <mutex>
+#include <random>
 #include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avio.h>
+}
 
 #include "host/output/output.h"
+#include "host/output/output_set.h"
 #include "host/output/picture_encoder.h"
 #include "tests/host/clips.h"
 #include "tests/host/output/pass_fixture.h"
@@ -133,6 +145,90 @@ TEST_F(OutputFailureTest, DatagramsMayLeaveWhenTheLimitOfTheirWriteIsOver) {
   EXPECT_THAT(observer_.failures(), testing::IsEmpty());
 }
 
+// Viewers come when they come: a port that is closed now and then would refuse some of them.
+TEST_F(OutputFailureTest, AListenerKeepsItsPortHoweverLateItsViewerIs) {
+  struct Case {
+    const char* url;
+    const char* viewer;
+    std::map<std::string, std::string> options;
+  };
+  const std::vector<Case> cases{
+      {"tcp://127.0.0.1:18731?listen=1", "tcp://127.0.0.1:18731", {}},
+      {"http://127.0.0.1:18732", "http://127.0.0.1:18732", {{"listen", "1"}}},
+      {"srt://127.0.0.1:18733?mode=listener", "srt://127.0.0.1:18733", {}}};
+  for (const Case& each : cases) {
+    Output::Settings settings = Settings(each.url);
+    settings.pass.muxer.format = "mpegts";
+    settings.pass.muxer.options = each.options;
+    settings.pass.muxer.openLimit = milliseconds(30);
+    Observer observer;
+    Output output(settings, encoder_.parameters(), &observer, nullptr);
+    FeedUntil(output, "many limits", [&, since = std::chrono::steady_clock::now()] {
+      return std::chrono::steady_clock::now() - since > milliseconds(400);
+    });
+    EXPECT_THAT(observer.failures(), testing::IsEmpty()) << each.url;
+    AVIOContext* viewer = nullptr;
+    EXPECT_EQ(avio_open(&viewer, each.viewer, AVIO_FLAG_READ), 0) << each.viewer;
+    FeedUntil(output, each.url, [&] { return output.openings() == 1; });
+    avio_closep(&viewer);
+  }
+}
+
+// Who renders has the time: a consumer may stand still for longer than any limit of a live wall.
+TEST_F(OutputFailureTest, ARenderingWaitsForItsConsumer) {
+  const std::string pipe = (folder_ / "pipe").string();
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  OutputSet::Settings settings;
+  OutputSet::Item item;
+  item.name = item.muxer.url = pipe;
+  item.muxer.format = "mpegts";
+  item.muxer.writeLimit = milliseconds(20);
+  item.encoder = Video(kSecond);
+  item.encoder.bitRate = 20'000'000;
+  settings.outputs.push_back(item);
+  OutputSet set(settings, &observer_, nullptr);
+  std::size_t read = 0;
+  std::thread consumer([&] {
+    std::ifstream file(pipe, std::ios::binary);
+    std::this_thread::sleep_for(milliseconds(400));
+    for (std::array<char, 4096> bytes;
+         file.read(bytes.data(), bytes.size()) || file.gcount() > 0;) {
+      read += static_cast<std::size_t>(file.gcount());
+    }
+  });
+  std::mt19937 noise;
+  for (int i = 0; i < 50; ++i) {
+    while (!set.WaitForRoom(milliseconds(100))) {
+      ASSERT_FALSE(set.allFailed());
+    }
+    const auto sample = fakes::ForeignSample::Create(96 * 64 * 3 / 2);
+    BYTE* pixels = nullptr;
+    sample->GetPointer(&pixels);
+    std::generate_n(pixels, 96 * 64 * 3 / 2, std::ref(noise));
+    set.Take(ComPtr<IMediaSample>(sample.Get()), i * 400'000);
+  }
+  set.Finish();
+  consumer.join();
+  EXPECT_THAT(observer_.failures(), testing::IsEmpty());
+  EXPECT_EQ(set.status()[0].video.written, 50U);
+  EXPECT_GT(read, std::size_t{100'000}) << "more than a pipe holds";
+}
+
+// FFmpeg's wrapper of this encoder never ends when it is closed without having had a frame.
+TEST(VideoEncoder, CanBeClosedWithoutAFrame) {
+  for (const char* const codec : {"libsvtav1", "libx264"}) {
+    VideoEncoder::Settings settings;
+    settings.width = 320;
+    settings.height = 180;
+    settings.codec = codec;
+    if (avcodec_find_encoder_by_name(codec) == nullptr) {
+      continue;
+    }
+    VideoEncoder encoder(settings);
+    encoder.Finish([](const ffmpeg::Packet&) { ADD_FAILURE(); });
+  }
+}
+
 TEST(PictureEncoder, IsOpenedAgainAfterAFailureAndBeginsWithAKeyframe) {
   for (const bool live : {true, false}) {
     PictureEncoder::Settings settings;
@@ -156,7 +252,7 @@ TEST(PictureEncoder, IsOpenedAgainAfterAFailureAndBeginsWithAKeyframe) {
       encoder.Take(ComPtr<IMediaSample>(sample.Get()), i * 400'000);
     }
     encoder.Start();
-    encoder.Finish();
+    encoder.Finish(std::chrono::minutes(1));
     EXPECT_EQ(encoder.dropped(), 1U);
     EXPECT_EQ(heard, live ? (std::vector<std::string>{"key", "frame", "fails", "recovers", "key",
                                                       "frame", "frame"})

@@ -13,12 +13,14 @@ std::string Analyse(const std::string& source) {
   return analyser.ReadLine().value_or("the analyser did not run");
 }
 
-class TransportStreamTest : public PassTest, public testing::WithParamInterface<bool> {
+class TransportStreamTest : public PassTest,
+                            public testing::WithParamInterface<std::pair<bool, int>> {
  protected:
   static constexpr std::size_t kChannels = 36;
 
   TransportStreamTest() : PassTest("wall.ts", 2 * kSecond) {
-    settings_.muxer.lowDelay = GetParam();
+    settings_.muxer.lowDelay = GetParam().first;
+    settings_.frameRate = {25, GetParam().second};
     settings_.tracks.clear();
     for (std::size_t i = 0; i < kChannels; ++i) {
       settings_.tracks.push_back({"channel", "deu", false, std::make_shared<AudioTrack>()});
@@ -30,13 +32,16 @@ class TransportStreamTest : public PassTest, public testing::WithParamInterface<
 // The first channel's audio comes as late as an output takes it, most of the others never come.
 TEST_P(TransportStreamTest, HasTimeForItsDecodersAndItsTablesAndClocksInTime) {
   constexpr Time kFrame = 1024 * kSecond / 48'000;
-  const Time late = GetParam() ? 90 * kMillisecond : 490 * kMillisecond;
+  const int frames = GetParam().second;  // of 25 a second, from one to the next
+  const Time late = frames > 1         ? 40 * kMillisecond
+                    : GetParam().first ? 90 * kMillisecond
+                                       : 490 * kMillisecond;
   OutputCounters counters(kChannels);
   OutputPass pass(settings_, *video_, counters, Owner());
   std::int64_t audio = 0;
   for (int i = 0; i < 150; ++i) {
-    TakeFrame(pass, i);
-    for (; audio * kFrame < i * 400'000; ++audio) {
+    TakeFrame(pass, i * frames);
+    for (; audio * kFrame < Time{i} * frames * 400'000; ++audio) {
       for (const int channel : {0, 1}) {
         ffmpeg::Packet packet = ffmpeg::MakePacket();
         av_new_packet(packet.get(), 576);
@@ -54,7 +59,9 @@ TEST_P(TransportStreamTest, HasTimeForItsDecodersAndItsTablesAndClocksInTime) {
   EXPECT_NE(findings.find("\"errors\": {}"), std::string::npos) << findings;
 }
 
-INSTANTIATE_TEST_SUITE_P(Delays, TransportStreamTest, testing::Bool());
+INSTANTIATE_TEST_SUITE_P(Delays, TransportStreamTest,
+                         testing::Values(std::pair(false, 1), std::pair(true, 1),
+                                         std::pair(false, 5)));
 
 }  // namespace
 }  // namespace host
