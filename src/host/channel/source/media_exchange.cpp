@@ -130,7 +130,7 @@ void MediaReader::Exchange(ffmpeg::InputFormat next) {
       const int index = StreamIn(*next, **track);
       next->streams[index]->discard = AVDISCARD_DEFAULT;
       (*track)->streamIndex = index;
-      (*track)->successorPackets.clear();
+      (*track)->failover = StreamFailover(index);
     }
   }
   awaited_.clear();

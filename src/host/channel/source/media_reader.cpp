@@ -255,8 +255,7 @@ void MediaReader::OpenInput(AVIOContext* io, ffmpeg::Options& options) {
 
 void MediaReader::StartTrack(std::optional<Track>& track, int streamIndex, std::string& whyNot) {
   AVStream& stream = *input_->streams[streamIndex];
-  track.emplace();
-  track->streamIndex = streamIndex;
+  track.emplace(streamIndex);
   try {
     track->decoder.emplace(stream, settings_.decoderThreads);
   } catch (const ffmpeg::Error& error) {
@@ -313,6 +312,8 @@ void MediaReader::ChooseTracks() {
     if (audio_) {
       info_.noAudioReason.clear();
       info_.audio = DescribeAudio(*input_->streams[audio]);
+      audio_->language =
+          settings_.audioLanguage.empty() ? info_.audio->language : settings_.audioLanguage;
       audioParameters_ = ffmpeg::CopyParameters(*input_->streams[audio]->codecpar);
     }
   }

@@ -21,6 +21,7 @@
 #include "host/channel/source/source_address.h"
 #include "host/channel/source/source_clock.h"
 #include "host/channel/source/stream_decoder.h"
+#include "host/channel/source/stream_failover.h"
 #include "host/channel/source/successor_input.h"
 #include "host/ffmpeg/fragmented_input.h"
 #include "host/ffmpeg/handles.h"
@@ -82,7 +83,8 @@ class MediaReader {
   const std::vector<std::string>& unknownOptions() const { return unknownOptions_; }
   std::uint64_t damagedPackets() const;
   // How often another stream has taken the place of one that ended, as when a service changes its
-  // codec: info() and audioParameters() then describe the new one.
+  // codec, or the one that was chosen has returned to it: info() and audioParameters() then
+  // describe the new one.
   std::uint64_t replacements() const { return replacements_; }
   // How often the source began again.
   std::uint64_t repeats() const { return repeats_; }
@@ -100,13 +102,12 @@ class MediaReader {
     bool operator==(const FileState&) const = default;
   };
   struct Track {
-    // Written out: an implicit one waits for the end of the class, but video_ below asks for it.
-    Track() {}
+    explicit Track(int index) : streamIndex(index), failover(index) {}
 
-    int streamIndex = -1;
+    int streamIndex;
     std::size_t clockStream = 0;
-    // Of the stream that may be taking its place, since the latest packet of this one.
-    std::vector<ffmpeg::Packet> successorPackets;
+    StreamFailover failover;
+    std::string language;  // that is wanted: of the settings, or of the stream that was chosen
     std::optional<StreamDecoder> decoder;
     Time pictureDuration = 0;
     ItemTimes times;
@@ -138,6 +139,8 @@ class MediaReader {
   const Track* ChangedTrack() const;
   void HandlePacket(ffmpeg::Packet packet);
   void FollowOther(const AVPacket& packet);
+  Time DurationOf(const AVPacket& packet) const;
+  bool IsWithdrawn(const Track& track) const;
   void FollowSuccessor(Track& track, const AVPacket& packet);
   void AwaitBeginning(AVStream& stream, const AVPacket& packet);
   void Replace(Track& track, int streamIndex);

@@ -135,12 +135,9 @@ void MediaReader::HandlePacket(ffmpeg::Packet packet) {
     return;
   }
   Track& track = isVideo ? *video_ : *audio_;
-  track.successorPackets.clear();
   const AVRational unit = input_->streams[track.streamIndex]->time_base;
-  Time duration = ffmpeg::ToDuration(packet->duration, unit);
-  if (duration == 0) {
-    duration = AudioDuration(*input_->streams[track.streamIndex], packet->size);
-  }
+  const Time duration = DurationOf(*packet);
+  track.failover.OnPacket(duration);
   const std::optional<Time> dts = ffmpeg::ToTime(packet->dts, unit);
   if (IsRepeated(track, dts)) {
     return;
@@ -181,22 +178,40 @@ void MediaReader::FollowOther(const AVPacket& packet) {
   }
 }
 
-// A stream that the source begins after the opening, while the chosen one of its kind has stopped,
-// is the same service in another form. Its packets are kept until then: the first one is mostly a
-// keyframe, and the next may be far away.
+// 0 where it is not known.
+Time MediaReader::DurationOf(const AVPacket& packet) const {
+  AVStream& stream = *input_->streams[packet.stream_index];
+  const Time duration = ffmpeg::ToDuration(packet.duration, stream.time_base);
+  return duration > 0 ? duration : AudioDuration(stream, packet.size);
+}
+
+// The container lists the programs of which the streams are, and the track's is in none any more.
+bool MediaReader::IsWithdrawn(const Track& track) const {
+  return input_->nb_programs > 0 &&
+         av_find_program_from_stream(input_.get(), nullptr, track.streamIndex) == nullptr;
+}
+
+// A stream that the source begins after the opening may take the place of the one that is read, and
+// that one may return.
 void MediaReader::FollowSuccessor(Track& track, const AVPacket& packet) {
-  constexpr std::size_t kPacketsUntilReplaced = 10;
-  if (static_cast<unsigned>(packet.stream_index) < knownStreams_) {
+  constexpr Time kDefaultPacketDuration = kSecond / 50;
+  const int index = packet.stream_index;
+  if (static_cast<unsigned>(index) < knownStreams_ && !track.failover.IsChosen(index)) {
     return;
   }
-  std::vector<ffmpeg::Packet>& packets = track.successorPackets;
-  if (!packets.empty() && packets.front()->stream_index != packet.stream_index) {
-    packets.clear();
+  const AVStream& stream = *input_->streams[index];
+  StreamFailover::Candidacy candidacy;
+  candidacy.duration = DurationOf(packet);
+  if (candidacy.duration == 0) {
+    candidacy.duration = track.pictureDuration > 0 ? track.pictureDuration : kDefaultPacketDuration;
   }
-  packets.push_back(ffmpeg::RefPacket(packet));
-  if (packets.size() >= kPacketsUntilReplaced) {
-    std::vector<ffmpeg::Packet> kept = std::exchange(packets, {});
-    Replace(track, packet.stream_index);
+  candidacy.isInWantedLanguage =
+      !track.language.empty() && DescribeAudio(stream).language == track.language;
+  candidacy.replacesWithdrawn =
+      IsWithdrawn(track) && av_find_program_from_stream(input_.get(), nullptr, index) != nullptr;
+  if (track.failover.OnOther(packet, candidacy)) {
+    std::vector<ffmpeg::Packet> kept = track.failover.TakeKept(index);
+    Replace(track, index);
     for (ffmpeg::Packet& each : kept) {
       HandlePacket(std::move(each));
     }

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -500,7 +501,6 @@ TEST(MediaReader, FollowsAServiceThatGoesOnInOtherStreams) {
   recipe.length = 3 * kSecond;
   const std::string before = ReadWholeFile(Write(recipe, folder / "before.ts"));
   recipe = OtherClip();
-  recipe.length = 2 * kSecond;
   recipe.containerOptions = {{"mpegts_start_pid", "0x200"}, {"tables_version", "3"}};
   const std::string after = ReadWholeFile(Write(recipe, folder / "after.ts"));
   const Pipe pipe(folder / "pipe");
@@ -518,11 +518,74 @@ TEST(MediaReader, FollowsAServiceThatGoesOnInOtherStreams) {
   EXPECT_EQ(reader.audioParameters()->codec_id, AV_CODEC_ID_MP2);
   EXPECT_EQ(content.pictures.front().frame->width, 160);
   EXPECT_EQ(content.pictures.back().frame->width, 240);
-  ASSERT_GE(content.pictures.size(), 70U + 50U);
-  EXPECT_EQ(content.pictures[content.pictures.size() - 50].frame->width, 240) << "all of the other";
+  ASSERT_GE(content.pictures.size(), 70U + 25U);
+  EXPECT_EQ(content.pictures[content.pictures.size() - 25].frame->width, 240) << "all of the other";
   for (std::size_t i = 1; i < content.pictures.size(); ++i) {
     EXPECT_GT(content.pictures[i].start, content.pictures[i - 1].start);
   }
+}
+
+// MP3 begins beside the AAC that was chosen: for the length of one long packet, then for longer.
+TEST(MediaReader, ReadsASecondAudioStreamWhileTheChosenOneIsSilentForSeconds) {
+  const TemporaryFolder folder;
+  std::string stream;
+  const auto append = [&](const char* codec, int from, int seconds) {
+    ClipRecipe recipe = SmallClip();
+    recipe.pictures.clear();
+    recipe.audioCodec = codec;
+    recipe.sound = "sine=frequency=440:sample_rate=44100,aformat=channel_layouts=stereo";
+    recipe.length = seconds * kSecond;
+    recipe.containerOptions = {{"output_ts_offset", std::to_string(from)}};
+    constexpr std::size_t kFlvHeader = 13;
+    stream +=
+        ReadWholeFile(Write(recipe, folder / "part.flv")).substr(stream.empty() ? 0 : kFlvHeader);
+  };
+  append("aac", 0, 12);
+  append("libmp3lame", 12, 1);
+  append("aac", 13, 1);
+  append("libmp3lame", 14, 4);
+  append("aac", 18, 4);
+  WriteWholeFile(folder / "all.flv", stream);
+  MediaReader reader(Source(folder / "all.flv"));
+  reader.Open();
+  // Seconds at which another codec is read.
+  std::vector<std::pair<std::string, int>> changes;
+  for (MediaItem item = reader.Read(); !std::holds_alternative<EndOfMedia>(item);
+       item = reader.Read()) {
+    const auto* const packet = std::get_if<AudioPacket>(&item);
+    if (packet != nullptr &&
+        (changes.empty() || changes.back().first != reader.info().audio->codec)) {
+      changes.emplace_back(reader.info().audio->codec,
+                           static_cast<int>((packet->start + kSecond / 2) / kSecond));
+    }
+  }
+  EXPECT_THAT(changes, testing::ElementsAre(std::pair("aac", 0), std::pair("mp3", 14),
+                                            std::pair("aac", 18)));
+}
+
+TEST(StreamFailover, PrefersTheWantedLanguageAndReturnsToTheChosenStream) {
+  StreamFailover failover(0);
+  ffmpeg::Packet packet = ffmpeg::MakePacket();
+  packet->flags = AV_PKT_FLAG_KEY;
+  const auto other = [&](int stream, bool isInWantedLanguage) {
+    packet->stream_index = stream;
+    return failover.OnOther(*packet, {kSecond / 4, isInWantedLanguage, false});
+  };
+  for (int i = 0; i < 7; ++i) {
+    ASSERT_FALSE(other(1, false) || other(2, true));
+  }
+  EXPECT_FALSE(other(1, false)) << "the other one is preferred";
+  EXPECT_TRUE(other(2, true));
+  EXPECT_EQ(failover.TakeKept(2).size(), 8U) << "all since the silence began";
+  for (int i = 0; i < 10; ++i) {
+    ASSERT_FALSE(other(0, true)) << "it comes and goes";
+    failover.OnPacket(kSecond);
+  }
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_FALSE(other(0, true));
+    failover.OnPacket(kSecond / 4);
+  }
+  EXPECT_TRUE(other(0, true));
 }
 
 // A channel is not to stay mute because it was opened before its sound began.
