@@ -106,17 +106,16 @@ std::vector<std::uint8_t> FileBackground(int width, int height, Ratio pixelAspec
     item = reader.Read();
   }
   auto& picture = std::get<VideoPicture>(item);
-  const VideoInfo& info = *reader.info().video;
-  const bool turned = info.rotation % 180 != 0;
-  double aspect = info.pixelAspect.value() * picture.frame->width / picture.frame->height;
-  aspect = (turned ? 1 / aspect : aspect) / pixelAspect.value();  // in canvas pixels
+  double aspect =
+      reader.info().video->pixelAspect.value() * picture.frame->width / picture.frame->height;
+  aspect = (picture.orientation.swapsSides() ? 1 / aspect : aspect) /
+           pixelAspect.value();  // in canvas pixels
 
   PictureConverter::Settings cover;
   cover.width = std::max(width, EvenAtLeast(height * aspect));
   cover.height = std::max(height, EvenAtLeast(width / aspect));
   cover.canvasPixelAspect = pixelAspect;
   cover.deinterlace = Deinterlace::kOff;
-  cover.rotation = info.rotation;
   PictureConverter converter(cover);
   converter.Push(std::move(picture));
   converter.Finish();

@@ -28,13 +28,6 @@ ItemPlacer::Settings PlacerSettings(const SourceSession::Settings& settings,
   return placer;
 }
 
-PictureConverter::Settings ConverterSettings(const SourceSession::Settings& settings,
-                                             const MediaInfo& info) {
-  PictureConverter::Settings picture = settings.picture;
-  picture.rotation = info.video.has_value() ? info.video->rotation : 0;
-  return picture;
-}
-
 }  // namespace
 
 SourceSession::SourceSession(const Settings& settings, const MediaReader& reader, FeedPin& videoPin,
@@ -48,7 +41,7 @@ SourceSession::SourceSession(const Settings& settings, const MediaReader& reader
         const Time duration = packet.duration;
         return placer_.Add(start, duration, std::move(packet));
       }),
-      converter_(ConverterSettings(settings, reader.info())),
+      converter_(settings.picture),
       pictureMeter_(settings.pictureMeter),
       meter_(settings.meter) {
   if (settings_.audioTrack) {

@@ -52,6 +52,7 @@ void Look(const VideoPicture& picture, ProbeReport& report) {
   report.colourPrimaries = NameOr(av_color_primaries_name(frame.color_primaries));
   report.colourTransfer = NameOr(av_color_transfer_name(frame.color_trc));
   report.wideColour = WideColourOf(frame);
+  report.orientation = picture.orientation;
 }
 
 void Listen(const AudioSamples& samples, SamplePlanes& planes, ProbeReport& report) {
@@ -160,7 +161,8 @@ void PrintJson(const ProbeReport& report, const std::string& source, Ratio rate,
                      {"colour_range", report.colourRange},
                      {"colour_primaries", report.colourPrimaries},
                      {"colour_transfer", report.colourTransfer},
-                     {"rotation", video.rotation}};
+                     {"rotation", report.orientation.rotation},
+                     {"mirrored", report.orientation.mirrored}};
   }
   json["audio"] = nlohmann::ordered_json::array();
   for (const AudioInfo& track : info.audioTracks) {
@@ -202,14 +204,20 @@ std::vector<std::string> WallTreatment(const ProbeReport& report, Ratio canvasRa
                                     std::to_string(report.wideColour->peak) + " cd/m2"
                               : "wide colours (" + name + ") are converted to BT.709");
     }
-    if (video.rotation != 0) {
-      sentences.push_back("pictures are turned by " + std::to_string(video.rotation) + " degrees");
+    if (report.orientation.mirrored) {
+      sentences.emplace_back("frames are mirrored");
+    }
+    if (report.orientation.rotation != 0) {
+      sentences.push_back("frames are turned by " + std::to_string(report.orientation.rotation) +
+                          " degrees");
     }
     if (video.frameRate.positive() && video.frameRate.value() > canvasRate.value() * 1.001) {
       sentences.push_back("pictures are thinned to " + Decimal(canvasRate.value()) + " a second");
     }
-    const double shape =
-        report.height > 0 ? report.width * video.pixelAspect.value() / report.height : 0;
+    double shape = report.height > 0 ? report.width * video.pixelAspect.value() / report.height : 0;
+    if (shape > 0 && report.orientation.swapsSides()) {
+      shape = 1 / shape;
+    }
     if (shape > 0 && std::abs(shape - 16.0 / 9.0) > 0.02) {
       sentences.push_back("its shape is " + Decimal(shape) +
                           " to 1: a window of 16:9 has black bars " +

@@ -38,6 +38,7 @@ struct ProbeReport {
   std::string colourPrimaries;
   std::string colourTransfer;
   std::optional<WideColour> wideColour;
+  Orientation orientation;
   bool passesThrough = false;  // the sound, as it is
   double loudest = 0;          // greatest sample of the beginning, of full scale
   std::uint64_t damagedPackets = 0;

@@ -89,16 +89,17 @@ void CopyRows(ConstPlane from, Plane to, int width, int height) {
   }
 }
 
-const char* TurnUpright(int rotation) {
-  switch (rotation) {
+// The chain of filters that brings a frame upright; null for none.
+const char* UprightFilter(const Orientation& orientation) {
+  switch (orientation.rotation) {
     case 90:
-      return "transpose=clock";
+      return orientation.mirrored ? "transpose=clock_flip" : "transpose=clock";
     case 180:
-      return "hflip,vflip";
+      return orientation.mirrored ? "vflip" : "hflip,vflip";
     case 270:
-      return "transpose=cclock";
+      return orientation.mirrored ? "transpose=cclock_flip" : "transpose=cclock";
     default:
-      return nullptr;
+      return orientation.mirrored ? "hflip" : nullptr;
   }
 }
 
@@ -155,14 +156,16 @@ const char* PictureConverter::WantedDeinterlacing(const AVFrame& frame, Time dur
                            : "bwdif=mode=send_frame:deint=interlaced";
 }
 
-void PictureConverter::UpdateFilter(const AVFrame& frame, Time duration) {
-  const SourceFormat format = FormatOf(frame);
+void PictureConverter::UpdateFilter(const VideoPicture& picture) {
+  const AVFrame& frame = *picture.frame;
+  SourceFormat format = FormatOf(frame);
+  format.orientation = picture.orientation;
   if (filterFormat_ != format) {
     FinishFilter();
     deinterlaceMode_ = nullptr;
   }
-  const char* const deinterlace = WantedDeinterlacing(frame, duration);
-  const char* const turn = TurnUpright(settings_.rotation);
+  const char* const deinterlace = WantedDeinterlacing(frame, picture.duration);
+  const char* const turn = UprightFilter(picture.orientation);
   if (filterFormat_ == format && deinterlace == deinterlaceMode_) {
     return;
   }
@@ -202,7 +205,7 @@ void PictureConverter::Filter(VideoPicture picture) {
     FinishFilter();  // whose times grow
     filterFormat_.reset();
   }
-  UpdateFilter(*picture.frame, picture.duration);
+  UpdateFilter(picture);
   if (!filter_) {
     MakeReady(std::move(picture.frame), {picture.start, picture.duration, picture.discontinuity});
     return;

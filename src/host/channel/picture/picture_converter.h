@@ -44,7 +44,6 @@ class PictureConverter {
     Ratio canvasRate{25, 1};
     Ratio canvasPixelAspect{1, 1};
     Deinterlace deinterlace = Deinterlace::kAuto;
-    int rotation = 0;  // clockwise: 0, 90, 180 or 270 degrees (VideoInfo::rotation)
   };
 
   struct PictureTimes {
@@ -88,6 +87,7 @@ class PictureConverter {
     int colourSpace = 0;
     int colourRange = 0;
     std::optional<WideColour> wideColour{};
+    Orientation orientation{};  // of what comes in; upright for the scaler
 
     bool operator==(const SourceFormat&) const = default;
   };
@@ -95,7 +95,7 @@ class PictureConverter {
   static SourceFormat FormatOf(const AVFrame& frame);
   const char* WantedDeinterlacing(const AVFrame& frame, Time duration) const;
   void Filter(VideoPicture picture);
-  void UpdateFilter(const AVFrame& frame, Time duration);
+  void UpdateFilter(const VideoPicture& picture);
   void FinishFilter();
   void Filtered(ffmpeg::Frame frame);
   void MakeReady(ffmpeg::Frame frame, const PictureTimes& times);

@@ -2,14 +2,14 @@
 
 #include <algorithm>
 #include <array>
-#include <cmath>
+#include <cstring>
 #include <string_view>
 #include <utility>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
-#include <libavutil/display.h>
+#include <libavutil/frame.h>
 #include <libavutil/pixdesc.h>
 }
 
@@ -41,19 +41,13 @@ Ratio ToRatio(AVRational value) {
   return value.num > 0 && value.den > 0 ? Ratio{value.num, value.den} : Ratio{0, 1};
 }
 
-// The display matrix turns counter-clockwise; only quarter turns occur in practice.
-int Rotation(const AVStream& stream) {
-  const auto* matrix = reinterpret_cast<const std::int32_t*>(
-      av_stream_get_side_data(&stream, AV_PKT_DATA_DISPLAYMATRIX, nullptr));
-  if (matrix == nullptr) {
-    return 0;
+std::optional<Orientation> OrientationIn(const std::uint8_t* data, std::size_t size) {
+  std::array<std::int32_t, 9> matrix{};
+  if (data == nullptr || size < sizeof matrix) {
+    return std::nullopt;
   }
-  const double degrees = -av_display_rotation_get(matrix);
-  if (std::isnan(degrees)) {
-    return 0;
-  }
-  const auto quarters = static_cast<int>(std::lround(degrees / 90.0));
-  return ((quarters % 4 + 4) % 4) * 90;
+  std::memcpy(matrix.data(), data, sizeof matrix);
+  return OrientationOf(matrix.data());
 }
 
 std::string NameOrUnknown(const char* name) {
@@ -113,7 +107,6 @@ VideoInfo DescribeVideo(AVFormatContext& input, AVStream& stream) {
       NameOrUnknown(av_get_pix_fmt_name(static_cast<AVPixelFormat>(parameters.format)));
   info.colourSpace = NameOrUnknown(av_color_space_name(parameters.color_space));
   info.colourRange = NameOrUnknown(av_color_range_name(parameters.color_range));
-  info.rotation = Rotation(stream);
   return info;
 }
 
@@ -174,6 +167,18 @@ int ChooseAudioStream(const AVFormatContext& input, std::size_t track, const std
   }
   return av_find_best_stream(const_cast<AVFormatContext*>(&input), AVMEDIA_TYPE_AUDIO, -1,
                              videoStream, nullptr, 0);
+}
+
+std::optional<Orientation> AnnouncedOrientation(const AVFrame& frame) {
+  const AVFrameSideData* const data = av_frame_get_side_data(&frame, AV_FRAME_DATA_DISPLAYMATRIX);
+  return data != nullptr ? OrientationIn(data->data, data->size) : std::nullopt;
+}
+
+std::optional<Orientation> AnnouncedOrientation(const AVStream& stream) {
+  std::size_t size = 0;
+  const std::uint8_t* const data =
+      av_stream_get_side_data(&stream, AV_PKT_DATA_DISPLAYMATRIX, &size);
+  return OrientationIn(data, size);
 }
 
 Time WrapPeriod(const AVStream& stream) {

@@ -2,12 +2,14 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 
 #include "host/channel/source/media_info.h"
 #include "host/units.h"
 
 struct AVFormatContext;
+struct AVFrame;
 struct AVStream;
 
 namespace host {
@@ -29,6 +31,10 @@ int ChooseVideoStream(const AVFormatContext& input);
 // counted from 1, 0 for no wish; videoStream (or -1) decides between equal ones.
 int ChooseAudioStream(const AVFormatContext& input, std::size_t track, const std::string& language,
                       int videoStream);
+
+// Of their display matrix, where there is one.
+std::optional<Orientation> AnnouncedOrientation(const AVFrame& frame);
+std::optional<Orientation> AnnouncedOrientation(const AVStream& stream);
 
 // After how long the time stamps of the stream begin again from 0; 0: never.
 Time WrapPeriod(const AVStream& stream);

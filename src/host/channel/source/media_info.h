@@ -7,6 +7,7 @@
 #include <variant>
 #include <vector>
 
+#include "host/channel/source/orientation.h"
 #include "host/ffmpeg/handles.h"
 #include "host/units.h"
 
@@ -24,7 +25,6 @@ struct VideoInfo {
   std::string pixelFormat;
   std::string colourSpace;  // "unknown" when not announced
   std::string colourRange;
-  int rotation = 0;  // degrees clockwise by which the picture is to be turned: 0, 90, 180, 270
 };
 
 struct AudioInfo {
@@ -72,6 +72,7 @@ struct VideoPicture {
   Time start = 0;
   Time duration = 0;
   bool discontinuity = false;  // the source's time stamps jumped before it
+  Orientation orientation;     // of its display matrix
 };
 
 // One compressed audio packet as the source has it. Its own stamps are those of start and duration,

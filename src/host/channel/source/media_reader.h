@@ -110,6 +110,7 @@ class MediaReader {
     std::string language;  // that is wanted: of the settings, or of the stream that was chosen
     std::optional<StreamDecoder> decoder;
     Time pictureDuration = 0;
+    std::optional<Orientation> orientation;  // as its frames say
     ItemTimes times;
     std::int64_t jumps = 0;           // of its timestamps
     std::optional<Time> latest;       // source time of the latest packet
@@ -148,6 +149,7 @@ class MediaReader {
   std::optional<FileState> ReadFileState() const;
   void Rewind();
   void GiveAudioPacket(const AVPacket& packet, bool discontinuity);
+  Orientation OrientationOf(const AVFrame& frame);
   void GivePicture(ffmpeg::Frame frame);
   void GiveSamples(ffmpeg::Frame frame);
   void DecodeVideo(const AVPacket& packet);

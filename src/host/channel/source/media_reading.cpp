@@ -290,12 +290,25 @@ void MediaReader::GivePicture(ffmpeg::Frame frame) {
   picture.start = span.start;
   picture.duration = span.duration;
   picture.discontinuity = span.discontinuity;
+  picture.orientation = OrientationOf(*frame);
   picture.frame = std::move(frame);
   gaveInPass_ = true;
   if (watch_) {
     watch_->Picture(PictureWatch::Clock::now());
   }
   ready_.emplace_back(std::move(picture));
+}
+
+// What a frame says holds for those after it, up to a keyframe that says nothing: H.264 has it in
+// its keyframes only. It holds over what the container says.
+Orientation MediaReader::OrientationOf(const AVFrame& frame) {
+  const std::optional<Orientation> announced = AnnouncedOrientation(frame);
+  if (announced || frame.key_frame != 0) {
+    video_->orientation = announced;
+  }
+  const AVStream& stream = *input_->streams[video_->streamIndex];
+  return video_->orientation ? *video_->orientation
+                             : AnnouncedOrientation(stream).value_or(Orientation{});
 }
 
 void MediaReader::GiveAudioPacket(const AVPacket& packet, bool discontinuity) {

@@ -8,6 +8,10 @@
 
 #include <gtest/gtest.h>
 
+extern "C" {
+#include <libavutil/display.h>
+}
+
 #include "tests/support/frames.h"
 
 namespace host {
@@ -341,16 +345,36 @@ TEST(PictureConverter, ThinsPicturesToTheRateOfTheCanvas) {
   EXPECT_NEAR(written, 50, 1);
 }
 
-TEST(PictureConverter, TurnsAPictureUpright) {
-  auto settings = Window(32, 32);
-  settings.rotation = 90;
+// All eight, one after the other in one source, against what the matrix says of the corners.
+TEST(PictureConverter, FollowsTheDisplayMatrixOfEachFrame) {
+  const auto settings = Window(32, 32);
   PictureConverter converter(settings);
-  // Bright at the top: after a quarter turn clockwise it is on the right.
-  const Yv12Buffer shown = Shown(converter, settings, MakeFrame(32, 32, [](int, int y) {
-                                   return Colour{y < 16 ? 235 : 16, 128, 128};
-                                 }));
-  EXPECT_NEAR(shown.At(28, 16).y, 235, 2);
-  EXPECT_NEAR(shown.At(4, 16).y, 16, 2);
+  const auto luma = [](int right, int down) { return 40 + 50 * right + 110 * down; };
+  for (int i = 0; i < 8; ++i) {
+    std::int32_t matrix[9];
+    av_display_rotation_set(matrix, i / 2 * 90);
+    av_display_matrix_flip(matrix, i % 2, 0);
+    VideoPicture picture = Picture(MakeFrame(64, 32,
+                                             [&](int x, int y) {
+                                               return Colour{luma(x / 32, y / 16), 128, 128};
+                                             }),
+                                   i * kFrame);
+    picture.orientation = OrientationOf(matrix);
+    converter.Push(std::move(picture));
+    ASSERT_NE(converter.Next(), nullptr);
+    Yv12Buffer shown(32, 32);
+    converter.Write(shown.bytes());
+    for (int corner = 0; corner < 4; ++corner) {
+      const int x = corner % 2 * 2 - 1;
+      const int y = corner / 2 * 2 - 1;
+      const int right = matrix[0] * x + matrix[3] * y > 0 ? 1 : -1;
+      const int down = matrix[1] * x + matrix[4] * y > 0 ? 1 : -1;
+      EXPECT_NEAR(shown.At(16 + 5 * right, 16 + 5 * down).y, luma(corner % 2, corner / 2), 2)
+          << i << ", corner " << corner;
+    }
+    const bool isTall = matrix[0] == 0;
+    EXPECT_EQ(shown.At(2, 16).y, isTall ? 16 : shown.At(10, 16).y) << i;
+  }
 }
 
 TEST(PictureConverter, PassesTheFlagOfAJumpOn) {

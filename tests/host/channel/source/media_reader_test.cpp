@@ -483,6 +483,24 @@ TEST(MediaReader, DamageDoesNotTearSoundFromPicture) {
   EXPECT_GE(read, static_cast<int>(kTries) * 3 / 4);
 }
 
+// H.264 says it in an SEI message before a keyframe.
+TEST(MediaReader, GivesEachFrameItsOwnOrientation) {
+  constexpr char kQuarterTurn[] = "\0\0\0\x01\x06\x2F\x03\x08\0\x09\x80";
+  const TemporaryFolder folder;
+  ClipRecipe recipe = SmallClip();
+  recipe.sound.clear();
+  const std::string stream = ReadWholeFile(Write(recipe, folder / "a.h264"));
+  WriteWholeFile(folder / "b.h264",
+                 stream + std::string(kQuarterTurn, sizeof kQuarterTurn - 1) + stream + stream);
+  MediaReader reader(Source(folder / "b.h264"));
+  reader.Open();
+  const Content content = ReadAll(reader);
+  ASSERT_EQ(content.pictures.size(), 75U);
+  for (std::size_t i = 0; i < 75; ++i) {
+    EXPECT_EQ(content.pictures[i].orientation.rotation, i / 25 == 1 ? 270 : 0) << i;
+  }
+}
+
 // A clip of another codec, size and layout.
 ClipRecipe OtherClip() {
   ClipRecipe recipe = SmallClip();
