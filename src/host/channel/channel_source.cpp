@@ -1,6 +1,7 @@
 #include "host/channel/channel_source.h"
 
 #include <algorithm>
+#include <limits>
 
 extern "C" {
 #include <libavcodec/packet.h>
@@ -23,6 +24,8 @@ constexpr LONG kAudioBuffers = 8;
 // E-AC-3 with several substreams has the longest: 4096 bytes in each.
 constexpr LONG kLongestAudioPacket = 32'768;
 constexpr LONG kLongestLabel = 4096;  // bytes
+// A label that was not taken, as when no buffer was free, is sent again after that time.
+constexpr Time kLabelRetry = kSecond / 10;
 // FFmpeg asks at least ten times a second whether its call is cancelled.
 constexpr std::chrono::seconds kReaderLimit{2};
 
@@ -90,6 +93,7 @@ HRESULT ChannelSource::Pause() {
   EndReader(std::chrono::steady_clock::now() + kReaderLimit);
   queue_.Open();
   soundFormat_.reset();
+  nextLabel_ = std::numeric_limits<Time>::min();
   {
     const std::lock_guard guard(labelLock_);
     labelChanged_ = true;
@@ -216,14 +220,20 @@ void ChannelSource::DeliverLabel(Time time) {
   std::string text;
   {
     const std::lock_guard guard(labelLock_);
-    if (!labelChanged_) {
+    if (!labelChanged_ || time < nextLabel_) {
       return;
     }
     labelChanged_ = false;
     text = label_;
   }
   text.resize(std::min<std::size_t>(text.size(), kLongestLabel));
-  text_.Send({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}, time, time + 1);
+  if (text_.Send({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}, time,
+                 time + 1)) {
+    return;
+  }
+  nextLabel_ = time + kLabelRetry;
+  const std::lock_guard guard(labelLock_);
+  labelChanged_ = true;
 }
 
 }  // namespace host

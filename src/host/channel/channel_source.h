@@ -98,6 +98,7 @@ class ChannelSource final : public CBaseFilter {
   std::mutex labelLock_;
   std::string label_;                               // guarded by labelLock_
   bool labelChanged_ = true;                        // guarded by labelLock_
+  Time nextLabel_ = 0;                              // not before; streaming thread only
   std::shared_ptr<const AudioFormat> soundFormat_;  // announced last; streaming thread only
 };
 

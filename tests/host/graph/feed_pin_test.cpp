@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "host/channel/channel_source.h"
 #include "platform/baseclasses/base_filter.h"
 #include "platform/graph/filter_graph.h"
 #include "tests/support/fake_filters.h"
@@ -59,6 +60,44 @@ TEST(FeedPin, TellsOfEveryTimeThatNoBufferIsFree) {
   EXPECT_FALSE(feed->pin.Send(bytes, 6, 7));
   EXPECT_EQ(full(), 3) << "a pin that has stopped is not full";
   sink->Forget();
+}
+
+struct NoObserver final : ChannelObserver {
+  void ChannelOpened(const std::string& /*channel*/, const MediaInfo& /*info*/) override {}
+  void ChannelEnded(const std::string& /*channel*/) override {}
+  void ChannelFailed(const std::string& /*channel*/, const std::string& /*reason*/,
+                     std::optional<std::chrono::milliseconds> /*retryIn*/) override {}
+};
+
+TEST(ChannelSource, SendsItsLabelUntilItIsTaken) {
+  NoObserver observer;
+  ChannelSource::Settings settings;
+  settings.ingest.session.picture.width = settings.ingest.session.picture.height = 16;
+  settings.presenter.width = settings.presenter.height = 16;
+  settings.label = "News";
+  settings.driven = true;
+  const ComPtr<ChannelSource> channel = ChannelSource::Create(settings, &observer);
+  const ComPtr<fakes::Sink> sink = fakes::Sink::Create();
+  int taken = 0;
+  int refusals = 2;
+  sink->pin.onReceive = [&](IMediaSample* sample) {
+    EXPECT_EQ(sample->GetActualDataLength(), 4);
+    taken += refusals == 0 ? 1 : 0;
+    return refusals > 0 ? (--refusals, E_FAIL) : S_OK;
+  };
+  const ComPtr<FilterGraph> graph = FilterGraph::Create();
+  ASSERT_EQ(graph->AddFilter(channel.Get(), u"channel"), S_OK);
+  ASSERT_EQ(graph->AddFilter(sink.Get(), u"sink"), S_OK);
+  ASSERT_EQ(graph->ConnectDirect(&channel->textPin(), &sink->pin, nullptr), S_OK);
+  ASSERT_EQ(graph->Run(0), S_OK);
+  Time now = 0;
+  channel->queue().FollowClock([&] { return now; });
+  for (; now < 5 * kSecond; now += kSecond) {
+    channel->DeliverUpTo(now);
+  }
+  EXPECT_EQ(refusals, 0);
+  EXPECT_EQ(taken, 1);
+  graph->Stop();
 }
 
 }  // namespace
