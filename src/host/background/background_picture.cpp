@@ -2,6 +2,7 @@
 
 extern "C" {
 #include <libavutil/frame.h>
+#include <libavutil/rational.h>
 }
 
 #include <algorithm>
@@ -10,9 +11,13 @@ extern "C" {
 
 #include "host/channel/picture/picture_converter.h"
 #include "host/channel/source/media_reader.h"
+#include "host/ffmpeg/error.h"
 
 namespace host {
 namespace {
+
+// Of the aspect of pixels as a fraction.
+constexpr int kMaxAspectTerm = 1 << 20;
 
 struct Ycbcr {
   double y;
@@ -46,6 +51,24 @@ void CropPlane(const std::uint8_t* source, int sourceWidth, int x, int y, int wi
 
 int EvenAtLeast(double value) {
   return static_cast<int>(std::ceil(value / 2 - 0.01)) * 2;
+}
+
+// Of so many pixels the ones in the middle that are wanted, an even number, or all.
+void CentredPart(double wanted, int all, std::size_t& before, std::size_t& after) {
+  const int part = wanted < all ? std::min(all, std::max(2, EvenAtLeast(wanted))) : all;
+  before = static_cast<std::size_t>((all - part) / 4 * 2);
+  after = static_cast<std::size_t>(all - part) - before;
+}
+
+// Cuts off what lies outside of a canvas of that aspect (width to height as shown), so that what is
+// scaled is not much larger than the canvas, whatever the shape of the frame and of its pixels.
+// Returns the aspect of the rest, at most four times as wide or high as the canvas's.
+double CropToAspect(AVFrame& frame, Ratio pixelAspect, double aspect) {
+  const double pixel = pixelAspect.value();
+  CentredPart(frame.height * aspect / pixel, frame.width, frame.crop_left, frame.crop_right);
+  CentredPart(frame.width * pixel / aspect, frame.height, frame.crop_top, frame.crop_bottom);
+  ffmpeg::Check(av_frame_apply_cropping(&frame, AV_FRAME_CROP_UNALIGNED), "cannot crop it");
+  return std::clamp(frame.width * pixel / frame.height, aspect / 4, aspect * 4);
 }
 
 }  // namespace
@@ -106,21 +129,29 @@ std::vector<std::uint8_t> FileBackground(int width, int height, Ratio pixelAspec
     item = reader.Read();
   }
   auto& picture = std::get<VideoPicture>(item);
-  double aspect =
-      reader.info().video->pixelAspect.value() * picture.frame->width / picture.frame->height;
-  aspect = (picture.orientation.swapsSides() ? 1 / aspect : aspect) /
-           pixelAspect.value();  // in canvas pixels
-
+  AVFrame& frame = *picture.frame;
+  const bool swapsSides = picture.orientation.swapsSides();
+  const double wanted = pixelAspect.value() * width / height;
+  std::vector<std::uint8_t> whole;
   PictureConverter::Settings cover;
-  cover.width = std::max(width, EvenAtLeast(height * aspect));
-  cover.height = std::max(height, EvenAtLeast(width / aspect));
-  cover.canvasPixelAspect = pixelAspect;
-  cover.deinterlace = Deinterlace::kOff;
-  PictureConverter converter(cover);
-  converter.Push(std::move(picture));
-  converter.Finish();
-  std::vector<std::uint8_t> whole(converter.bufferSize());
-  converter.Write(whole);
+  try {
+    const double stored =
+        CropToAspect(frame, reader.info().video->pixelAspect, swapsSides ? 1 / wanted : wanted);
+    frame.sample_aspect_ratio = av_d2q(stored * frame.height / frame.width, kMaxAspectTerm);
+    // In pixels of the canvas.
+    const double aspect = (swapsSides ? 1 / stored : stored) / pixelAspect.value();
+    cover.width = std::max(width, EvenAtLeast(height * aspect));
+    cover.height = std::max(height, EvenAtLeast(width / aspect));
+    cover.canvasPixelAspect = pixelAspect;
+    cover.deinterlace = Deinterlace::kOff;
+    PictureConverter converter(cover);
+    converter.Push(std::move(picture));
+    converter.Finish();
+    whole.resize(converter.bufferSize());
+    converter.Write(whole);
+  } catch (const ffmpeg::Error& error) {
+    throw MediaError(MediaError::Kind::kFailed, error.what(), file.string());
+  }
 
   std::vector<std::uint8_t> canvas(static_cast<std::size_t>(width) * height / 2 * 3);
   const int x = (cover.width - width) / 4 * 2;

@@ -19,8 +19,8 @@ std::vector<std::uint8_t> ColourBackground(int width, int height, wall::Rgb colo
 // From top at the first row to bottom at the last one.
 std::vector<std::uint8_t> GradientBackground(int width, int height, wall::Rgb top,
                                              wall::Rgb bottom);
-// A picture file, scaled over the whole canvas with its aspect kept, cut at the edges. Throws
-// MediaError or ffmpeg::Error.
+// A picture file, scaled over the whole canvas with its aspect kept, cut at the edges; of a moving
+// one the first frame. Throws MediaError.
 std::vector<std::uint8_t> FileBackground(int width, int height, Ratio pixelAspect,
                                          const std::filesystem::path& file);
 

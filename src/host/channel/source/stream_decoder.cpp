@@ -1,6 +1,7 @@
 #include "host/channel/source/stream_decoder.h"
 
 #include <new>
+#include <string>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -23,6 +24,12 @@ StreamDecoder::StreamDecoder(const AVStream& stream, int threads) {
   if (decoder == nullptr) {
     throw ffmpeg::Error(AVERROR_DECODER_NOT_FOUND, "cannot decode",
                         avcodec_get_name(stream.codecpar->codec_id));
+  }
+  const AVCodecParameters& parameters = *stream.codecpar;
+  if (std::int64_t{parameters.width} * parameters.height > kMostPixels) {
+    throw ffmpeg::Error(AVERROR(EINVAL), "frames of " + std::to_string(parameters.width) + "x" +
+                                             std::to_string(parameters.height) +
+                                             " pixels are larger than 8192x4352");
   }
   codec_.reset(avcodec_alloc_context3(decoder));
   if (!codec_) {
