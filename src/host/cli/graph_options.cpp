@@ -1,8 +1,7 @@
 #include "host/cli/graph_options.h"
 
+#include <cstdio>
 #include <cstdlib>
-#include <functional>
-#include <string>
 
 #include <CLI/CLI.hpp>
 
@@ -21,21 +20,26 @@ namespace {
 constexpr double kShortest = 0.001;  // seconds
 constexpr double kLongest = 1e9;
 
-// The words of the parser's own check leave open what is wrong.
-std::function<std::string(const std::string&)> SecondsFrom(double least) {
-  return [least](const std::string& text) -> std::string {
-    char* end = nullptr;
-    const double seconds = std::strtod(text.c_str(), &end);
-    const bool isNumber = end != text.c_str() && *end == '\0';
-    if (isNumber && seconds >= least && seconds <= kLongest) {
-      return {};
-    }
-    return "must be seconds, " + std::string(least > 0 ? "more than 0" : "0 or more") + ", not " +
-           text;
-  };
+std::string Plain(double number) {
+  char text[32];
+  std::snprintf(text, sizeof(text), "%.10g", number);
+  return text;
 }
 
 }  // namespace
+
+std::function<std::string(const std::string&)> SecondsBetween(double least, double most) {
+  return [least, most](const std::string& text) -> std::string {
+    char* end = nullptr;
+    const double seconds = std::strtod(text.c_str(), &end);
+    const bool isNumber = end != text.c_str() && *end == '\0';
+    // What is no number lies nowhere.
+    if (isNumber && seconds >= least && seconds <= most) {
+      return {};
+    }
+    return "must be seconds, from " + Plain(least) + " to " + Plain(most) + ", not " + text;
+  };
+}
 
 void DefineRecord(CLI::App& app, RecordOptions& options) {
   app.add_option("-o,--output", options.outputs,
@@ -51,10 +55,10 @@ void DefineRecord(CLI::App& app, RecordOptions& options) {
       ->envname("TAVREL_SNAPSHOT");
   app.add_option("--snapshot-at", options.snapshotAt, "seconds after the start [the last frame]")
       ->envname("TAVREL_SNAPSHOT_AT")
-      ->check(SecondsFrom(0));
+      ->check(SecondsBetween(0, kLongest));
   app.add_option("--seconds", options.seconds, "stop after so many seconds")
       ->envname("TAVREL_SECONDS")
-      ->check(SecondsFrom(kShortest));
+      ->check(SecondsBetween(kShortest, kLongest));
 }
 
 }  // namespace host::cli

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -28,6 +29,10 @@ struct RecordOptions {
   std::optional<double> snapshotAt;  // seconds after the start; none: the last frame
   std::optional<double> seconds;     // length of the mosaic; none: until it ends or is stopped
 };
+
+// A check of an option: refuses what is no number of seconds, and what lies outside of the range.
+// The words of the parser's own leave open what is wrong, and it takes "nan".
+std::function<std::string(const std::string&)> SecondsBetween(double least, double most);
 
 void DefineGraph(CLI::App& app, GraphOptions& options);
 void DefineRecord(CLI::App& app, RecordOptions& options);

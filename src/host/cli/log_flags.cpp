@@ -6,6 +6,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "host/cli/graph_options.h"
 #include "host/wall/value_text.h"
 
 namespace host::cli {
@@ -58,8 +59,8 @@ void DefineLog(CLI::App& app, wall::LogOptions& options) {
          },
          "seconds between two performance records [10]")
       ->envname("TAVREL_PERF_PERIOD")
-      ->check(CLI::Range(static_cast<double>(wall::kShortestPerfPeriod) / kSecond,
-                         static_cast<double>(wall::kLongestPerfPeriod) / kSecond))
+      ->check(SecondsBetween(static_cast<double>(wall::kShortestPerfPeriod) / kSecond,
+                             static_cast<double>(wall::kLongestPerfPeriod) / kSecond))
       ->group(kGroup);
 }
 

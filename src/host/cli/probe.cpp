@@ -17,6 +17,7 @@ extern "C" {
 #include "host/channel/sound/audio_kind.h"
 #include "host/channel/sound/sample_planes.h"
 #include "host/channel/source/media_reader.h"
+#include "host/cli/graph_options.h"
 #include "host/ffmpeg/mask.h"
 #include "host/wall/value_text.h"
 
@@ -250,7 +251,7 @@ void DefineProbe(CLI::App& app, ProbeOptions& options) {
   app.add_option("--limit", options.limit, "seconds that opening may take")
       ->envname("TAVREL_LIMIT")
       ->capture_default_str()
-      ->check(CLI::Range(0.1, 3600.0));
+      ->check(SecondsBetween(0.1, 3600));
   app.add_flag("--json", options.json, "print the result as JSON")->envname("TAVREL_JSON");
 }
 

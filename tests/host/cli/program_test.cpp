@@ -130,6 +130,7 @@ TEST(Arguments, OfTheCommandsThatBuildAGraph) {
   EXPECT_EQ(run->record.seconds, 2.5);
   EXPECT_FALSE(Parsed(DefineRender, {"-o", "a.mkv"}));
   EXPECT_FALSE(Parsed(DefineDemo, {"--channels", "37"}));
+  EXPECT_FALSE(Parsed(DefineProbe, {"a.ts", "--limit", "nan"}));
   EXPECT_FALSE(Parsed(DefineRegister, {"no/such/library.ax"}));
 }
 
@@ -152,7 +153,8 @@ TEST(Arguments, OfTheLogGoBeforeThoseOfTheWallFile) {
   EXPECT_EQ(Parsed(DefineDemo, {"-v"})->graph.log.level, 3);
   EXPECT_EQ(Parsed(DefineDemo, {"-v", "--log-level", "1"})->graph.log.level, 1);
   for (const char* const wrong :
-       {"--log-level=4", "--log-size=big", "--syslog=host:99999", "--perf-period=0"}) {
+       {"--log-level=4", "--log-size=big", "--syslog=host:99999", "--perf-period=0",
+        "--perf-period=nan", "--seconds=nan", "--seconds=1e9"}) {
     EXPECT_FALSE(Parsed(DefineDemo, {wrong})) << wrong;
   }
 }
