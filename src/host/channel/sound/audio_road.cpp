@@ -76,7 +76,7 @@ bool AudioRoad::Take(AudioPacket packet, const AVCodecParameters& announced, con
     // What the former encoder holds is given up with it: less than two of its frames.
     ForgetEncoder();
     format_.reset();
-    Decide(packet, parameters, info);
+    Decide(packet, parameters, form, info);
     form_ = std::move(form);
   }
   if (encoder_ || !format_) {
@@ -86,8 +86,36 @@ bool AudioRoad::Take(AudioPacket packet, const AVCodecParameters& announced, con
   return sink(std::move(packet));
 }
 
+bool AudioRoad::PassesAs(const Form& form) const {
+  return !passedForm_ ||
+         (form.channels == passedForm_->channels && !(isDecodedOtherwise_ && form == *passedForm_));
+}
+
+// AAC may turn to spectral band replication, and E-AC-3 to more channels, without a word in the
+// headers that are read here. A damaged frame says anything, and the first ones are incomplete.
+void AudioRoad::NoteDecoded(const AudioSamples& samples) {
+  constexpr Time kFirst = kSecond / 2;
+  constexpr int kFramesOfChange = 5;
+  if (!form_ || form_ != passedForm_) {
+    return;
+  }
+  const Decoded now{samples.frame->sample_rate, samples.frame->ch_layout.nb_channels};
+  if (decodedFor_ < kFirst) {
+    decodedFor_ += samples.duration;
+    decoded_ = now;
+    return;
+  }
+  const bool isOtherwise = now != decoded_;
+  framesAgainst_ = isOtherwise != isDecodedOtherwise_ ? framesAgainst_ + 1 : 0;
+  if (framesAgainst_ >= kFramesOfChange) {
+    framesAgainst_ = 0;
+    isDecodedOtherwise_ = isOtherwise;
+    form_.reset();  // the next packet decides again
+  }
+}
+
 void AudioRoad::Decide(const AudioPacket& packet, const AVCodecParameters& parameters,
-                       const AudioInfo& info) {
+                       const Form& form, const AudioInfo& info) {
   const std::string& language = LanguageOf(info);
   try {
     std::shared_ptr<const AudioFormat> own;
@@ -98,7 +126,14 @@ void AudioRoad::Decide(const AudioPacket& packet, const AVCodecParameters& param
     const auto track = track_->Settle(
         passes ? own
                : AacFormat(parameters.sample_rate, parameters.ch_layout.nb_channels, language));
-    if (!passes || !SameTrack(*own, *track)) {
+    if (passes && SameTrack(*own, *track) && PassesAs(form)) {
+      if (form != passedForm_) {
+        passedForm_ = form;
+        decodedFor_ = 0;
+        framesAgainst_ = 0;
+        isDecodedOtherwise_ = false;
+      }
+    } else {
       encoder_ = std::make_unique<AudioEncoder>(*track->parameters);
       SayOnce("its sound (" + Name(parameters) + ") is encoded for the outputs (" +
               Name(*track->parameters) + ")");
@@ -152,6 +187,7 @@ void AudioRoad::ForgetEncoder() {
 }
 
 bool AudioRoad::Take(const AudioSamples& samples, const Sink& sink) {
+  NoteDecoded(samples);
   return Encode(
       [&](const AudioEncoder::PacketSink& take) {
         encoder_->Push(*samples.frame, samples.start, take);

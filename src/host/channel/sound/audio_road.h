@@ -17,8 +17,9 @@ namespace host {
 // Packets of a kind that passes through go on untouched, if they fit into the channel's track. All
 // others are left out, and the track's format is encoded from the decoded samples instead: sound of
 // another kind, sound whose form differs from that with which the track began (the source was
-// opened again, or changed while it ran), and sound that came too late for the track to begin with
-// its form. What happens is said once for each cause.
+// opened again, or changed while it ran, as its packets say or only the decoder shows), and sound
+// that came too late for the track to begin with its form. What happens is said once for each
+// cause.
 //
 // Owned and called by one reader on its thread.
 class AudioRoad {
@@ -56,9 +57,18 @@ class AudioRoad {
     bool operator==(const Form&) const = default;
   };
 
+  // What the decoder makes of it.
+  struct Decoded {
+    int sampleRate = 0;
+    int channels = 0;
+    bool operator==(const Decoded&) const = default;
+  };
+
   static Form FormOf(const AVCodecParameters& parameters, std::uint32_t header);
-  void Decide(const AudioPacket& packet, const AVCodecParameters& parameters,
+  void Decide(const AudioPacket& packet, const AVCodecParameters& parameters, const Form& form,
               const AudioInfo& info);
+  bool PassesAs(const Form& form) const;
+  void NoteDecoded(const AudioSamples& samples);
   const std::string& LanguageOf(const AudioInfo& info) const;
   bool Encode(const std::function<void(const AudioEncoder::PacketSink&)>& work, const Sink& sink);
   void RestartEncoder(const std::string& reason);
@@ -71,6 +81,13 @@ class AudioRoad {
   std::optional<Form> announced_;
   ffmpeg::Parameters parameters_;  // those announced, with what packets have said since
   std::optional<Form> form_;
+  // The latest that passed through, how it was decoded at first, and for how long that was looked
+  // at; whether it is decoded otherwise now, and how many frames in a row say the contrary.
+  std::optional<Form> passedForm_;
+  Decoded decoded_;
+  Time decodedFor_ = 0;
+  bool isDecodedOtherwise_ = false;
+  int framesAgainst_ = 0;
   std::shared_ptr<const AudioFormat> format_;  // of the packets that go out; null: none do
   std::unique_ptr<AudioEncoder> encoder_;      // while the sound is encoded
   std::uint64_t lost_ = 0;                     // with former encoders

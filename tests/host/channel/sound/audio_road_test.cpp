@@ -1,3 +1,4 @@
+#include <array>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -44,6 +45,7 @@ class AudioRoadTest : public testing::Test {
       MediaItem item = reader.Read();
       if (auto* const packet = std::get_if<AudioPacket>(&item)) {
         ++source_;
+        last_ = BytesOf(*packet);
         road.Take(std::move(*packet), *reader.audioParameters(), *reader.info().audio, sink);
       } else if (const auto* const samples = std::get_if<AudioSamples>(&item)) {
         road.Take(*samples, sink);
@@ -55,10 +57,16 @@ class AudioRoadTest : public testing::Test {
     }
   }
 
+  static std::string BytesOf(const AudioPacket& packet) {
+    return {reinterpret_cast<const char*>(packet.packet->data),
+            static_cast<std::size_t>(packet.packet->size)};
+  }
+
   const TemporaryFolder folder_;
   std::shared_ptr<AudioTrack> track_ = std::make_shared<AudioTrack>();
   std::vector<std::string> said_;
   std::size_t source_ = 0;  // packets of the source
+  std::string last_;        // the bytes of the last one
   std::uint64_t lost_ = 0;
 };
 
@@ -70,11 +78,9 @@ TEST_F(AudioRoadTest, PassesWhatFitsAndTellsTheFormatWithItsLanguage) {
   EXPECT_EQ(track_->format()->parameters->codec_id, AV_CODEC_ID_MP2);
   EXPECT_EQ(track_->format()->language, "deu");
   EXPECT_EQ(packets[0].format, track_->format());
-}
-
-TEST_F(AudioRoadTest, FramedAacBringsItsConfigAlong) {
-  const auto packets = Take("aac", ".ts");
-  EXPECT_EQ(packets.size(), source_);
+  // AAC with headers brings its config along.
+  track_ = std::make_shared<AudioTrack>();
+  EXPECT_EQ(Take("aac", ".ts").size(), source_);
   EXPECT_TRUE(track_->format()->framed);
   EXPECT_GE(track_->format()->parameters->extradata_size, 2);
 }
@@ -120,32 +126,42 @@ TEST_F(AudioRoadTest, EncodesIntoTheTrackWhenTheSourceComesBackInAnotherForm) {
 }
 
 // The demuxer looks at the beginning of a stream only: without more the track would carry packets
-// that it does not describe.
-TEST_F(AudioRoadTest, NoticesAnotherFormWithinOneStream) {
+// that it does not describe. E-AC-3 tells its channels to the decoder only.
+TEST_F(AudioRoadTest, NoticesAnotherFormWithinOneStreamAndItsReturn) {
   struct Case {
     const char* codec;
     const char* extension;
-    std::size_t skipped;  // bytes of the second file: its header
+    std::size_t skipped;  // bytes of the later files: their headers
+    std::array<const char*, 2> forms;
   };
-  for (const Case& each : {Case{"mp2", ".ts", 0}, {"ac3", ".ts", 0}, {"aac", ".flv", 13}}) {
-    track_ = std::make_shared<AudioTrack>();
-    said_.clear();
+  constexpr std::array kRates{"44100,aformat=channel_layouts=stereo",
+                              "48000,aformat=channel_layouts=stereo"};
+  constexpr std::array kLayouts{"48000,aformat=channel_layouts=stereo",
+                                "48000,aformat=channel_layouts=mono"};
+  for (const Case& each : {Case{"mp2", ".ts", 0, kRates},
+                           {"mp2", ".ts", 0, kLayouts},
+                           {"ac3", ".ts", 0, kRates},
+                           {"ac3", ".ts", 0, kLayouts},
+                           {"eac3", ".ts", 0, kLayouts},
+                           {"aac", ".flv", 13, kRates}}) {
     std::string stream;
-    for (const char* const rate : {"48000", "44100"}) {
-      const auto file = folder_ / (std::string(each.codec) + rate + each.extension);
-      Take(each.codec, each.extension, rate);
-      stream += ReadWholeFile(file).substr(stream.empty() ? 0 : each.skipped);
+    for (const char* const form : {each.forms[0], each.forms[1], each.forms[0]}) {
+      Take(each.codec, each.extension, "", std::string("sine=frequency=440:sample_rate=") + form);
+      stream += ReadWholeFile(folder_ / (std::string(each.codec) + each.extension))
+                    .substr(stream.empty() ? 0 : each.skipped);
     }
     track_ = std::make_shared<AudioTrack>();
     said_.clear();
-    const auto file = folder_ / (std::string("both") + each.extension);
+    const auto file = folder_ / (std::string("all") + each.extension);
     WriteWholeFile(file, stream);
     const auto packets = TakeFile(file);
-    EXPECT_THAT(said_, testing::ElementsAre(HasSubstr("is encoded for the outputs"))) << each.codec;
-    ASSERT_GT(packets.size(), 60U) << each.codec;
+    const std::string what = std::string(each.codec) + " " + each.forms[1];
+    EXPECT_THAT(said_, testing::ElementsAre(HasSubstr("is encoded for the outputs"))) << what;
+    ASSERT_GT(packets.size(), 75U) << what;
     for (const AudioPacket& packet : packets) {
       EXPECT_EQ(packet.format, track_->format());
     }
+    EXPECT_EQ(BytesOf(packets.back()), last_) << what << ": in its first form it passes again";
   }
 }
 
