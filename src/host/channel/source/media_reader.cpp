@@ -54,6 +54,10 @@ MediaReader::~MediaReader() = default;
 
 void MediaReader::Fail(int code, bool opening) const {
   using Kind = MediaError::Kind;
+  if (code == AVERROR(ENOMEM) && address_.isRemote()) {
+    throw MediaError(Kind::kFailed, "it asks for more memory than a source may have",
+                     maskedSource_);
+  }
   if (code == AVERROR(ENOMEM)) {
     throw std::bad_alloc();
   }

@@ -267,6 +267,35 @@ TEST_F(HostileSourceTest, WhatAServerAnswersOpensNoFile) {
   EXPECT_NE(Open(server.url()).find("format_whitelist"), std::string::npos) << Open(server.url());
 }
 
+TEST_F(HostileSourceTest, NoAnswerOfAServerOfSessionsOpensAFileOrLastsOrFillsTheMemory) {
+  honeypot_.touched();
+  const std::string ok = "RTSP/1.0 200 OK\r\nCSeq: 1\r\n";
+  const std::string described =
+      ok + "\r\nRTSP/1.0 200 OK\r\nCSeq: 2\r\nContent-Type: application/sdp\r\nContent-Length: ";
+  const std::string address = "://127.0.0.1:" + std::to_string(FreePort(SOCK_STREAM));
+  for (const auto& [scheme, text] : std::vector<std::pair<std::string, std::string>>{
+           {"rtsp", described + "1900000000\r\n\r\n"},
+           {"rtsp", described + "-1900000000\r\n\r\n" + std::string(100'000, 'a')},
+           {"rtsp",
+            "RTSP/1.0 302 Moved\r\nCSeq: 1\r\nLocation: file:" + honeypot_.file() + "\r\n\r\n"},
+           {"rtsp", ok + "X: " + std::string(10'000'000, 'a')},
+           {"rtsp", std::string("$\0\xFF\xFF", 4) + std::string(10'000'000, '$')},
+           {"rtmp", "\3" + std::string(3072, '\0') +
+                        std::string("\2\0\0\0\0\0\4\1\0\0\0\0\x7F\xFF\xFF\xFF", 16) +
+                        std::string(10'000'000, '\2')}}) {
+    const Sender sender("tcp" + address + "?listen=1", text);
+    std::string result;
+    do {
+      result = Open(scheme + address + "/a/b");
+    } while (sender.written() == 0);
+    EXPECT_NE(result, "opened") << text.substr(0, 300);
+    EXPECT_FALSE(honeypot_.touched()) << text.substr(0, 300);
+    EXPECT_EQ(result == "it asks for more memory than a source may have",
+              text.ends_with("1900000000\r\n\r\n"))
+        << result;
+  }
+}
+
 TEST_F(HostileSourceTest, OptionsMayAllowIt) {
   const HttpServer server(HlsOf("file:" + honeypot_.file()), HttpServer::Manner::kIgnoresRanges);
   EXPECT_EQ(Open(server.url(), {{"protocol_whitelist", "file,http,tcp"}}), "opened");
