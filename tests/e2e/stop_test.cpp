@@ -240,6 +240,17 @@ TEST_F(StopTest, ARunOfWhichNoOutputHasWrittenAnythingHasFailed) {
             0);
 }
 
+TEST_F(StopTest, OneSignalEndsARenderingIntoAPipeThatNobodyReads) {
+  Command();
+  ChildProcess program({TAVREL_PROGRAM, "render", folder_ / "wall.toml", "--seconds", "100000",
+                        "--format", "mpegts", "-o", "-"});
+  while (program.OutputHasRoom()) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  program.Signal(SIGINT);
+  EXPECT_NE(program.WaitFor(seconds(60)), std::nullopt);
+}
+
 class ReopenTest : public e2e::WallTest {};
 
 // A camera with room for one session refuses the next one while the failed one is open.

@@ -24,7 +24,7 @@ TEST(BackgroundPicture, CoversTheCanvasWithAFileOfAnyShape) {
     recipe.pictures = "color=white:size=64x64:rate=1,format=rgb24,scale=" + std::string(shape);
     recipe.videoCodec = "png";
     const auto picture =
-        FileBackground(kWidth, kHeight, {1, 1}, Write(recipe, folder / "picture.mkv"));
+        FileBackground(kWidth, kHeight, {1, 1}, Write(recipe, folder / "picture.nut"));
     ASSERT_EQ(picture.size(), static_cast<std::size_t>(kWidth * kHeight * 3 / 2));
     const auto luma = std::minmax_element(picture.begin(), picture.begin() + kWidth * kHeight);
     EXPECT_GE(*luma.first, 230) << shape;

@@ -65,9 +65,15 @@ TEST(RunPlan, RefusesWhatWouldLoseAFileOrMixTwoStreams) {
       {"render", {"-o", at("new.mkv"), "--snapshot", at("there.png")}, "there.png\" exists"},
       {"render", {"-o", "srt://h"}, "--output \"srt://h\" has no port"},
       {"render", {"-o", at("a.webm")}, "\"codec\" does not suit: webm cannot hold h264: it holds"},
-      {"render", {"--seconds", "-1"}, "--seconds: must be seconds, more than 0, not -1"},
-      {"render", {"--seconds=nan"}, "--seconds: must be seconds, more than 0, not nan"},
-      {"render", {"--snapshot-at", "-.5"}, "--snapshot-at: must be seconds, 0 or more, not -.5"},
+      {"render",
+       {"--seconds", "-1"},
+       "--seconds: must be seconds, from 0.001 to 1000000000, not -1"},
+      {"render",
+       {"--seconds=nan"},
+       "--seconds: must be seconds, from 0.001 to 1000000000, not nan"},
+      {"render",
+       {"--snapshot-at", "-.5"},
+       "--snapshot-at: must be seconds, from 0 to 1000000000, not -.5"},
   };
   for (const Case& c : cases) {
     std::ostringstream out;

@@ -265,22 +265,35 @@ void PictureConverter::UpdateScaler(const AVFrame& frame) {
   scalerFormat_ = format;
 }
 
+namespace {
+
+// The scaler's filters have at most 256 taps: bicubic needs four for each sample that becomes part
+// of another one, and chroma may be reduced by twice as much.
+int FilterFor(int width, int height, const FitRect& to) {
+  const int reduction = std::max(width / to.width, height / to.height);
+  return reduction < 30 ? SWS_BICUBIC : reduction < 100 ? SWS_AREA : SWS_POINT;
+}
+
+}  // namespace
+
 void PictureConverter::MakeScaler(const SourceFormat& format) {
   const AVPixelFormat pixels = WithoutRange(format.pixelFormat);
   const bool ownMatrix = HasLumaAndChroma(pixels);
   const bool fullRange =
       format.colourRange == AVCOL_RANGE_JPEG || static_cast<int>(pixels) != format.pixelFormat;
-  // Red, green and blue, palettes and grey come out of the scaler as BT.601 studio range.
+  // Red, green and blue, palettes and grey come out of the scaler as BT.601 studio range, black and
+  // white in full range.
+  const bool isBitmap = pixels == AV_PIX_FMT_MONOBLACK || pixels == AV_PIX_FMT_MONOWHITE;
   matrix_.emplace(ownMatrix ? WeightsOf(format.colourSpace, format.height) : kBt601,
-                  ownMatrix && fullRange);
+                  isBitmap || (ownMatrix && fullRange));
   const bool asItIs =
       pixels == AV_PIX_FMT_YUV420P && format.width == fit_.width && format.height == fit_.height;
   if (asItIs) {
     return;
   }
-  constexpr int kFlags = SWS_BICUBIC | SWS_ACCURATE_RND;
+  const int filter = FilterFor(format.width, format.height, fit_) | SWS_ACCURATE_RND;
   scaler_.reset(sws_getContext(format.width, format.height, pixels, fit_.width, fit_.height,
-                               AV_PIX_FMT_YUV420P, kFlags, nullptr, nullptr, nullptr));
+                               AV_PIX_FMT_YUV420P, filter, nullptr, nullptr, nullptr));
   if (!scaler_) {
     const char* name = av_get_pix_fmt_name(static_cast<AVPixelFormat>(format.pixelFormat));
     throw ffmpeg::Error(AVERROR(ENOSYS), "cannot convert pictures of the format",

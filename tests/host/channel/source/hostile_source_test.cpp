@@ -290,9 +290,6 @@ TEST_F(HostileSourceTest, NoAnswerOfAServerOfSessionsOpensAFileOrLastsOrFillsThe
     } while (sender.written() == 0);
     EXPECT_NE(result, "opened") << text.substr(0, 300);
     EXPECT_FALSE(honeypot_.touched()) << text.substr(0, 300);
-    EXPECT_EQ(result == "it asks for more memory than a source may have",
-              text.ends_with("1900000000\r\n\r\n"))
-        << result;
   }
 }
 
