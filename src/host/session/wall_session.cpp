@@ -8,14 +8,13 @@ extern "C" {
 
 #include "host/background/background_picture.h"
 #include "host/graph/graph_error.h"
+#include "pins/streams.h"
 #include "platform/com/wide_text.h"
 #include "util/string_format.h"
 
 namespace host {
 namespace {
 
-// The composer shows every picture that long after its source.
-constexpr Time kWindowLatency = kSecond;
 constexpr std::chrono::milliseconds kFrameLimit{60'000};
 // For all readers together to notice that they are cancelled, and to close their connections.
 constexpr std::chrono::seconds kReadersLimit{2};
