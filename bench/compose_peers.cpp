@@ -48,7 +48,7 @@ class FilteredMosaic {
   }
 
   // One frame: every source gets its picture and the sink gives the composed one. The overlay
-  // filter draws on a copy of what it is given, whoever else holds that or not.
+  // filter draws on a copy of its input, whether or not anything else refers to it.
   Nanoseconds Compose() {
     ++frame_;
     const auto pts = static_cast<std::int64_t>(frame_);

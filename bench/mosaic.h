@@ -13,7 +13,6 @@
 #include <string_view>
 #include <vector>
 
-#include "render/compose.h"
 #include "render/mosaic_drawer.h"
 #include "render/yv12.h"
 
@@ -125,7 +124,7 @@ class Mosaic {
     }
     const Nanoseconds start = Now();
     drawer_.Draw(last >= kLabels ? labels_ : noLabels_, windows_, overlays_, canvases_.At(frame_),
-                 16, 9);
+                 {16, 9});
     return Now() - start;
   }
 

@@ -54,14 +54,14 @@ class AudioResampler {
   AudioResampler& operator=(const AudioResampler&) = delete;
 
   // Starts a new stream; rates are in samples per second, 1 to 2097151, and the stride becomes 1.
-  // Throws std::invalid_argument for anything else, and then the former stream goes on.
+  // Throws std::invalid_argument for anything else, and then the former stream continues.
   void Init(std::int32_t outputRate, std::int32_t inputRate, const ResamplingQuality& quality = {});
 
   // Writes up to dstCapacity samples and returns how many. consumed says by how many samples the
   // caller must move on in src, of which there are srcCount; when a piece is shorter than a filter,
-  // that may be more than it holds. With update the stream goes on from there; without it, the next
-  // call starts at this call's place again. Counts are of this channel's samples. dst and src may
-  // not overlap. Throws std::logic_error before Init.
+  // that may be more than it holds. With update the stream continues from there; without it, the
+  // next call starts at this call's place again. Counts are of this channel's samples. dst and src
+  // may not overlap. Throws std::logic_error before Init.
   std::int32_t Resample(std::int16_t* dst, const std::int16_t* src, std::int32_t& consumed,
                         std::int32_t srcCount, std::int32_t dstCapacity, bool update);
 

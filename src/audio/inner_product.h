@@ -9,7 +9,8 @@
 
 namespace qorp {
 
-// The definition. The caller's coefficients keep the sum, and each part of it, within 32 bits.
+// The reference implementation. The caller's coefficients keep the sum, and each part of it, within
+// 32 bits.
 inline std::int32_t InnerProductScalar(const std::int16_t* samples,
                                        const std::int16_t* coefficients, std::int32_t taps) {
   std::int32_t sum = 0;

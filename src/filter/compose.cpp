@@ -1,7 +1,6 @@
 #include "filter/compose.h"
 
 #include <array>
-#include <numeric>
 #include <span>
 #include <string>
 #include <thread>
@@ -22,30 +21,19 @@ std::u16string NumberedName(const char* stem, LONG index) {
   return WidenAscii(stem + std::to_string(index));
 }
 
-// Divides both terms by Euclid's divisor of the signed values; terms are not both 0.
-Fraction Reduce(Fraction ratio) {
-  LONGLONG divisor = ratio.numerator;
-  for (LONGLONG rest = ratio.denominator; rest != 0;) {
-    const LONGLONG next = divisor % rest;
-    divisor = rest;
-    rest = next;
-  }
-  return {static_cast<LONG>(ratio.numerator / divisor),
-          static_cast<LONG>(ratio.denominator / divisor)};
-}
-
 }  // namespace
 
 CCompose::CCompose(IUnknown* outer, HRESULT* hr)
-    : CBaseFilter(nullptr, outer, &filterLock, CLSID_TavrelComposer),
+    : PinOwner(nullptr, outer, &filterLock, CLSID_TavrelComposer),
       frameSemaphore(qorp::MakeKernelObject<os::Semaphore>(0)),
       pausedEvent(qorp::MakeKernelObject<os::Event>(os::Event::Reset::kAuto)),
       pauseRequestEvent(qorp::MakeKernelObject<os::Event>(os::Event::Reset::kAuto)),
       quitEvent(qorp::MakeKernelObject<os::Event>(os::Event::Reset::kAuto)),
-      frameComposer(std::make_unique<FrameComposer>(*this)),
-      backgroundPin(
-          std::make_unique<CComposeInputVideoBackgroundPin>(this, &filterLock, hr, u"InputBG")),
-      outputPin(std::make_unique<CComposeOutputVideoPin>(this, &filterLock, hr, u"Composition")) {}
+      frameComposer(std::make_unique<FrameComposer>(composition)) {
+  composition.backgroundPin =
+      std::make_unique<CComposeInputVideoBackgroundPin>(this, &filterLock, hr, u"InputBG");
+  outputPin = std::make_unique<CComposeOutputVideoPin>(this, &filterLock, hr, u"Composition");
+}
 
 CUnknown* CCompose::CreateInstance(IUnknown* outer, HRESULT* hr) {
   try {
@@ -86,7 +74,7 @@ HRESULT CCompose::NonDelegatingQueryInterface(REFIID iid, void** object) {
 }
 
 int CCompose::GetPinCount() {
-  return kPinsPerInput * static_cast<int>(inputs.size()) + kFixedPins;
+  return kPinsPerInput * static_cast<int>(composition.inputs.size()) + kFixedPins;
 }
 
 CBasePin* CCompose::GetPin(int position) {
@@ -94,14 +82,14 @@ CBasePin* CCompose::GetPin(int position) {
     return nullptr;
   }
   if (position == 0) {
-    return backgroundPin.get();
+    return composition.backgroundPin.get();
   }
   if (position == 1) {
     return outputPin.get();
   }
   // The index is looked up as a key, not counted: after a gap the pins of an index are not reached.
-  const auto entry = inputs.find((position - kFixedPins) / kPinsPerInput);
-  if (entry == inputs.end()) {
+  const auto entry = composition.inputs.find((position - kFixedPins) / kPinsPerInput);
+  if (entry == composition.inputs.end()) {
     return nullptr;
   }
   const InputPins& pins = entry->second;
@@ -118,7 +106,7 @@ HRESULT CCompose::Pause() {
     const FILTER_STATE former = m_State;
     hr = CBaseFilter::Pause();
     if (former == State_Stopped) {
-      return backgroundPin->IsConnected() ? hr : E_FAIL;
+      return composition.backgroundPin->IsConnected() ? hr : E_FAIL;
     }
     pausing = true;
     if (compositionThread != nullptr) {
@@ -167,27 +155,27 @@ void CCompose::EmptyBackgroundQueue() {
 
 HRESULT CCompose::Configure(LONG windowCount, qorp::log::ILogPerf* hostLogger, LONG width,
                             LONG height, LONG aspectNumerator, LONG aspectDenominator,
-                            REFERENCE_TIME period, const Fraction& rate) {
+                            REFERENCE_TIME period, const qorp::Ratio& rate) {
   if (windowCount < 0 || (aspectNumerator == 0 && aspectDenominator == 0)) {
     return E_INVALIDARG;
   }
   return AtComBoundary([&] {
-    return Set(windowCount, hostLogger, width, height, Reduce({aspectNumerator, aspectDenominator}),
-               period, rate);
+    return Set(windowCount, hostLogger, width, height,
+               qorp::Reduced(qorp::Ratio{aspectNumerator, aspectDenominator}), period, rate);
   });
 }
 
 HRESULT CCompose::Set(LONG windowCount, qorp::log::ILogPerf* hostLogger, LONG width, LONG height,
-                      const Fraction& aspect, REFERENCE_TIME period, const Fraction& rate) {
+                      const qorp::Ratio& aspect, REFERENCE_TIME period, const qorp::Ratio& rate) {
   const std::lock_guard frameInProgress(composeLock);
-  outputHeight = height;
+  composition.outputHeight = height;
   logger = hostLogger != nullptr ? hostLogger : &dummyLogger;
-  outputWidth = width;
-  aspectRatio = aspect;
-  prerollPeriod = period;
-  frameRate = rate;
+  composition.outputWidth = width;
+  composition.aspectRatio = aspect;
+  composition.prerollPeriod = period;
+  composition.frameRate = rate;
   try {
-    compose = std::make_unique<Compose>(windowCount);
+    composition.compose = std::make_unique<Compose>(windowCount);
   } catch (const ExceptionTemplate<Compose, TavrelException>& error) {
     logger.load()->log(qorp::log::kError, "Cannot create compose lib: %s", error.what());
     return E_FAIL;
@@ -221,9 +209,9 @@ HRESULT CCompose::MakeInput(LONG index, IComposeWindow* window) {
       std::make_unique<CComposeAlarmInputPin<AudioAlarm>>(this, video.get(), &filterLock, &unused);
   auto videoAlarm =
       std::make_unique<CComposeAlarmInputPin<VideoAlarm>>(this, video.get(), &filterLock, &unused);
-  inputSizes.try_emplace(index);
+  composition.inputSizes.try_emplace(index);
   // From here on nothing fails: an input has all its pins or is not there.
-  InputPins& entry = inputs[index];
+  InputPins& entry = composition.inputs[index];
   if (entry.window.Get() != window) {
     entry.window = ComPtr<IComposeWindow>(window);
   }
@@ -240,8 +228,8 @@ HRESULT CCompose::MakeInput(LONG index, IComposeWindow* window) {
 
 HRESULT CCompose::GetInputPins(LONG index, IPin** video, IPin** audioInput, IPin** videoAlarm,
                                IPin** audioAlarm, IPin** text) {
-  const auto entry = inputs.find(index);
-  if (entry == inputs.end()) {
+  const auto entry = composition.inputs.find(index);
+  if (entry == composition.inputs.end()) {
     return S_FALSE;
   }
   for (IPin** const pin : {video, audioInput, videoAlarm, audioAlarm, text}) {
@@ -277,16 +265,37 @@ void CCompose::CompositionLoop() {
     }
     try {
       const std::lock_guard oneFrame(composeLock);
-      frameComposer->ComposeFrame();
+      ComposeFrame();
       lastError.clear();
     } catch (const TavrelException& error) {
-      // A fault that lasts is told once, not on every frame.
+      // A fault that lasts is logged once, not on every frame.
       if (lastError != error.what()) {
         lastError = error.what();
         logger.load()->log(qorp::log::kError, "Error in composition: %s", lastError.c_str());
       }
     }
   }
+}
+
+void CCompose::ComposeFrame() {
+  const ComPtr<IMediaSample> background = TakeBackgroundFrame();
+  if (background) {
+    frameComposer->ComposeFrame(background.Get(), [&] { DeliverFrame(background.Get()); });
+  }
+}
+
+CComposeInputVideoWindowPin* CCompose::WindowPin(LONG index) const {
+  const auto entry = composition.inputs.find(index);
+  return entry == composition.inputs.end() ? nullptr : entry->second.video.get();
+}
+
+CComposeInputAudioCompressedPin* CCompose::AudioInputPin(LONG index) const {
+  const auto entry = composition.inputs.find(index);
+  return entry == composition.inputs.end() ? nullptr : entry->second.audioInput.get();
+}
+
+LONG CCompose::OutputFrameBytes() const {
+  return AnnouncedPictureBytes(composition.outputWidth, composition.outputHeight);
 }
 
 void CCompose::DeliverFrame(IMediaSample* sample) {
@@ -304,7 +313,7 @@ void CCompose::DeliverFrame(IMediaSample* sample) {
 
 HRESULT CCompose::BuildOutputMediaType(CMediaType*& type) {
   CMediaType built;
-  const HRESULT hr = backgroundPin->ConnectionMediaType(&built);
+  const HRESULT hr = composition.backgroundPin->ConnectionMediaType(&built);
   if (FAILED(hr)) {
     return hr;
   }
@@ -313,8 +322,8 @@ HRESULT CCompose::BuildOutputMediaType(CMediaType*& type) {
     if (format == nullptr) {
       return VFW_E_INVALIDMEDIATYPE;
     }
-    format->dwPictAspectRatioX = static_cast<DWORD>(aspectRatio.numerator);
-    format->dwPictAspectRatioY = static_cast<DWORD>(aspectRatio.denominator);
+    format->dwPictAspectRatioX = static_cast<DWORD>(composition.aspectRatio.num);
+    format->dwPictAspectRatioY = static_cast<DWORD>(composition.aspectRatio.den);
   } else {
     const auto* const header = FormatBlock<VIDEOINFOHEADER>(built);
     if (header == nullptr) {
@@ -328,8 +337,8 @@ HRESULT CCompose::BuildOutputMediaType(CMediaType*& type) {
     format.rcSource = source.rcSource;
     format.rcTarget = source.rcTarget;
     format.AvgTimePerFrame = source.AvgTimePerFrame;
-    format.dwPictAspectRatioX = static_cast<DWORD>(aspectRatio.numerator);
-    format.dwPictAspectRatioY = static_cast<DWORD>(aspectRatio.denominator);
+    format.dwPictAspectRatioX = static_cast<DWORD>(composition.aspectRatio.num);
+    format.dwPictAspectRatioY = static_cast<DWORD>(composition.aspectRatio.den);
     BITMAPINFOHEADER& bitmap = format.bmiHeader;
     bitmap.biSize = sizeof(BITMAPINFOHEADER);
     bitmap.biWidth = source.bmiHeader.biWidth;

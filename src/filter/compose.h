@@ -3,42 +3,21 @@
 
 #include <atomic>
 #include <list>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <utility>
 #include <vector>
 
+#include "filter/composition.h"
 #include "filter/i_compose_command.h"
-#include "filter/input_pins.h"
 #include "log/dummy_log_perf.h"
-#include "pins/background_pin.h"
+#include "pins/pin_owner.h"
 #include "pins/video_output_pin.h"
-#include "platform/baseclasses/base_filter.h"
 #include "platform/os/event.h"
 #include "platform/os/semaphore.h"
-#include "render/compose.h"
 #include "util/thread.h"
 
 class FrameComposer;
-
-// Size of an input's pictures in pixels.
-struct PictureSize {
-  LONG width = -1;
-  LONG height = -1;
-};
-
-// Bytes of a YV12 picture of width x height pixels, exact for every size: what buffers are checked
-// against.
-constexpr LONGLONG PictureBytes(LONG width, LONG height) {
-  const LONGLONG area = LONGLONG{width} * height;
-  return area + area / 2;
-}
-// The same as media types and allocators announce it: in 32 bits that wrap around, halved towards
-// zero.
-constexpr LONG AnnouncedPictureBytes(LONG width, LONG height) {
-  return static_cast<LONG>(static_cast<ULONG>(width) * 3U * static_cast<ULONG>(height)) / 2;
-}
 
 // The one filter of the system. Owns every pin, the queue of background frames, the drawing engine
 // and the composition thread, on which all drawing and all delivery of pictures happen. Its clock
@@ -48,7 +27,7 @@ constexpr LONG AnnouncedPictureBytes(LONG width, LONG height) {
 // for each connected input pin, the composition thread. filterLock is the lock of the filter and of
 // all its pins; it guards the background queue and is held for the whole of a delivery. The
 // composition thread never holds it while calling into an input pin.
-class CCompose final : public CBaseFilter, public IComposeCommand {
+class CCompose final : public PinOwner, public IComposeCommand {
  public:
   DECLARE_IUNKNOWN
 
@@ -70,33 +49,26 @@ class CCompose final : public CBaseFilter, public IComposeCommand {
 
   HRESULT Configure(LONG windowCount, qorp::log::ILogPerf* logger, LONG width, LONG height,
                     LONG aspectNumerator, LONG aspectDenominator, REFERENCE_TIME prerollPeriod,
-                    const Fraction& frameRate) override;
+                    const qorp::Ratio& frameRate) override;
   HRESULT AddInput(LONG index, IUnknown* window) override;
   HRESULT GetInputPins(LONG index, IPin** video, IPin** audioInput, IPin** videoAlarm,
                        IPin** audioAlarm, IPin** text) override;
 
-  // Appends a background frame and wakes the composition thread; called by the background pin.
-  void QueueBackgroundFrame(ComPtr<IMediaSample> sample);
-  // The background's type as YV12 in a VIDEOINFOHEADER2 with the wall's aspect ratio. *type is
-  // filled or, when it is null, allocated for the caller. The background pin's error while
-  // unconnected; VFW_E_INVALIDMEDIATYPE for a type without a whole format block.
-  HRESULT BuildOutputMediaType(CMediaType*& type);
+  qorp::log::ILogPerf* Logger() const override { return logger; }
+  REFERENCE_TIME PresentTime() const override { return lastBackgroundStart; }
+  void SetPresentTime(REFERENCE_TIME time) override { lastBackgroundStart = time; }
+  void QueueBackgroundFrame(ComPtr<IMediaSample> sample) override;
+  CComposeInputVideoWindowPin* WindowPin(LONG index) const override;
+  CComposeInputAudioCompressedPin* AudioInputPin(LONG index) const override;
+  HRESULT BuildOutputMediaType(CMediaType*& type) override;
+  LONG OutputFrameBytes() const override;
 
  private:
-  friend class CComposeInputVideoPin;
-  friend class CComposeInputVideoWindowPin;
-  friend class CComposeInputVideoBackgroundPin;
-  friend class CComposeOutputVideoPin;
-  friend class CComposeInputAudioCompressedPin;
-  friend class CComposeOutputAudioCompressedPin;
-  template <typename T>
-  friend class CComposeAlarmInputPin;
-  friend class FrameComposer;
-
   HRESULT Set(LONG windowCount, qorp::log::ILogPerf* hostLogger, LONG width, LONG height,
-              const Fraction& aspect, REFERENCE_TIME period, const Fraction& rate);
+              const qorp::Ratio& aspect, REFERENCE_TIME period, const qorp::Ratio& rate);
   HRESULT MakeInput(LONG index, IComposeWindow* window);
   void CompositionLoop();
+  void ComposeFrame();
   ComPtr<IMediaSample> TakeBackgroundFrame();
   void EmptyBackgroundQueue();
   void EndPause();
@@ -120,26 +92,12 @@ class CCompose final : public CBaseFilter, public IComposeCommand {
   // Start of the last background sample received: the composer's current time, 100 ns units.
   std::atomic<REFERENCE_TIME> lastBackgroundStart{0};
 
-  // What the composition thread works with; changed by the application's thread while the graph is
-  // stopped, under composeLock.
-  std::unique_ptr<Compose> compose;
+  Composition composition;
   std::unique_ptr<FrameComposer> frameComposer;
   // Held for the whole of a frame. Only a Pause and a Configure that meet a frame in progress wait
   // for it.
   std::mutex composeLock;
 
-  std::map<LONG, PictureSize> inputSizes;  // (-1, -1) until the input's type is known
-  std::map<LONG, CMediaType> inputTypes;   // last type seen on each window input
-  CMediaType backgroundType;               // last type seen on the background
-
-  Fraction aspectRatio{16, 9};  // reduced
-  LONG outputWidth = 0;         // pixels
-  LONG outputHeight = 0;
-  REFERENCE_TIME prerollPeriod = 0;
-  Fraction frameRate{0, 1};
-
-  std::unique_ptr<CComposeInputVideoBackgroundPin> backgroundPin;
-  std::map<LONG, InputPins> inputs;
   std::unique_ptr<CComposeOutputVideoPin> outputPin;
 
   std::unique_ptr<qorp::Thread> compositionThread;

@@ -28,15 +28,11 @@ BYTE* PictureOf(IMediaSample* sample, LONG width, LONG height) {
 
 }  // namespace
 
-bool IsPrerollFrame(REFERENCE_TIME time, REFERENCE_TIME period, const Fraction& rate) {
-  if (period == 0 || rate.numerator == 0) {
+bool IsPrerollFrame(REFERENCE_TIME time, REFERENCE_TIME period, const qorp::Ratio& rate) {
+  if (period == 0 || rate.num == 0) {
     return false;
   }
-  const LONGLONG dividend = LONGLONG{rate.denominator} * 10000000;
-  const LONGLONG divisor = rate.numerator;
-  const LONGLONG half = divisor / 2;
-  const bool sameSign = (dividend < 0) == (divisor < 0);
-  const REFERENCE_TIME duration = (sameSign ? dividend + half : dividend - half) / divisor;
+  const REFERENCE_TIME duration = qorp::FrameDuration(rate);
   const REFERENCE_TIME rest = TimeRemainder(time, period);
   return rest <= duration / 2 || duration / 2 > SubtractTimes(period, rest);
 }
@@ -57,26 +53,22 @@ class FrameComposer::SampleHolder {
   std::vector<Input>& inputs_;
 };
 
-FrameComposer::FrameComposer(CCompose& filter) : filter_(filter) {}
+FrameComposer::FrameComposer(Composition& composition) : composition_(composition) {}
 
 FrameComposer::~FrameComposer() = default;
 
-void FrameComposer::ComposeFrame() {
-  const ComPtr<IMediaSample> background = filter_.TakeBackgroundFrame();
-  if (!background) {
-    return;
-  }
+void FrameComposer::ComposeFrame(IMediaSample* background, const std::function<void()>& deliver) {
   BYTE* canvas = nullptr;
   ThrowIfFailed(background->GetPointer(&canvas));
   ThrowIfFailed(canvas != nullptr ? S_OK : E_POINTER);
   REFERENCE_TIME frameTime = 0;
   REFERENCE_TIME stop = 0;
   background->GetTime(&frameTime, &stop);
-  if (IsPrerollFrame(frameTime, filter_.prerollPeriod, filter_.frameRate)) {
+  if (IsPrerollFrame(frameTime, composition_.prerollPeriod, composition_.frameRate)) {
     background->SetPreroll(TRUE);
   }
-  NoteBackgroundType(background.Get());
-  if (background->GetSize() < PictureBytes(filter_.outputWidth, filter_.outputHeight)) {
+  NoteBackgroundType(background);
+  if (background->GetSize() < PictureBytes(composition_.outputWidth, composition_.outputHeight)) {
     // The canvas is drawn in place: a smaller buffer must not be touched.
     throw COMException(VFW_E_BUFFER_OVERFLOW);
   }
@@ -85,27 +77,26 @@ void FrameComposer::ComposeFrame() {
   const SampleHolder samples(inputs_);
   AskHost();
   ChoosePictures(frameTime);
-  const Yv12Picture picture{canvas, std::max<LONG>(filter_.outputWidth, 0),
-                            std::max<LONG>(filter_.outputHeight, 0)};
+  const Yv12Picture picture{canvas, std::max<LONG>(composition_.outputWidth, 0),
+                            std::max<LONG>(composition_.outputHeight, 0)};
   // A frame that a selection refuses leaves the records to the next one: reading drops older ones.
   if (SelectionsFit(windows_, overlays_, picture)) {
     ReadMeters(frameTime);
   }
-  mosaic_.Draw(*filter_.compose, windows_, overlays_, picture, filter_.aspectRatio.numerator,
-               filter_.aspectRatio.denominator);
-  filter_.DeliverFrame(background.Get());
+  mosaic_.Draw(*composition_.compose, windows_, overlays_, picture, composition_.aspectRatio);
+  deliver();
 }
 
 void FrameComposer::FollowInputs() {
   const bool same =
-      inputs_.size() == filter_.inputs.size() &&
-      std::equal(inputs_.begin(), inputs_.end(), filter_.inputs.begin(),
+      inputs_.size() == composition_.inputs.size() &&
+      std::equal(inputs_.begin(), inputs_.end(), composition_.inputs.begin(),
                  [](const Input& mine, const auto& entry) { return mine.index == entry.first; });
   if (same) {
     return;
   }
   inputs_.clear();
-  for (auto& [index, pins] : filter_.inputs) {
+  for (auto& [index, pins] : composition_.inputs) {
     inputs_.emplace_back();
     inputs_.back().index = index;
     inputs_.back().pins = &pins;
@@ -121,14 +112,14 @@ void FrameComposer::NoteBackgroundType(IMediaSample* sample) {
     return;
   }
   const CMediaType type(*carried);
-  if (type == filter_.backgroundType) {
+  if (type == composition_.backgroundType) {
     return;
   }
-  filter_.backgroundType = type;
+  composition_.backgroundType = type;
   // The size of the canvas stays what the host configured.
   LONG width = 0;
   LONG height = 0;
-  filter_.backgroundPin->CheckVideoFormat(type, &width, &height);
+  composition_.backgroundPin->CheckVideoFormat(type, &width, &height);
 }
 
 void FrameComposer::AskHost() {
@@ -137,7 +128,7 @@ void FrameComposer::AskHost() {
     WindowState& state = windows_[i];
     state = WindowState{};
     overlays_[i] = WindowOverlays{};
-    const PictureSize& size = filter_.inputSizes[input.index];
+    const WindowSize& size = composition_.inputSizes[input.index];
     state.w = size.width;
     state.h = size.height;
     if (!input.pins->window) {
@@ -152,7 +143,7 @@ void FrameComposer::AskHost() {
     state.y = MakeEven(state.y);
     state.enabled = enabled != 0;
     overlays_[i].selected = selected != 0;
-    ParseLabelColour(*filter_.compose, input.index, colour);
+    ParseLabelColour(*composition_.compose, input.index, colour);
   }
 }
 
@@ -165,7 +156,7 @@ void FrameComposer::ChoosePictures(REFERENCE_TIME frameTime) {
     if (input.sample) {
       if (state.enabled) {
         TakeFormat(input, input.sample.Get());
-        const PictureSize& size = filter_.inputSizes.at(input.index);
+        const WindowSize& size = composition_.inputSizes.at(input.index);
         state.w = size.width;
         state.h = size.height;
         state.picture = PictureOf(input.sample.Get(), state.w, state.h);
@@ -177,7 +168,7 @@ void FrameComposer::ChoosePictures(REFERENCE_TIME frameTime) {
     }
     input.pins->text->getNearest(frameTime, &input.text);
     if (input.text.has_value()) {
-      SetLabelText(*filter_.compose, input.index,
+      SetLabelText(*composition_.compose, input.index,
                    {reinterpret_cast<const char*>(input.text->data()), input.text->size()});
     }
   }
@@ -190,17 +181,17 @@ void FrameComposer::TakeFormat(Input& input, IMediaSample* sample) {
     return;
   }
   const CMediaType type(*carried);
-  CMediaType& last = filter_.inputTypes[input.index];
+  CMediaType& last = composition_.inputTypes[input.index];
   if (type == last) {
     return;
   }
   last = type;
-  PictureSize size;
+  WindowSize size;
   const HRESULT checked = input.pins->video->CheckVideoFormat(type, &size.width, &size.height);
   ThrowIfFailed(checked);
-  // A type that tells no size leaves the one that was known.
+  // A type without a size leaves the one that was known.
   if (checked == S_OK) {
-    filter_.inputSizes[input.index] = size;
+    composition_.inputSizes[input.index] = size;
   }
 }
 

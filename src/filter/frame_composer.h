@@ -1,29 +1,31 @@
 // FrameComposer: the work of one frame.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <vector>
 
-#include "filter/compose.h"
+#include "filter/composition.h"
 #include "render/mosaic_drawer.h"
 #include "render/window_state.h"
 
-// True for the one frame of each period that downstream filters are told not to present: time lies
+// True for the one frame of each period that is marked as not to be presented downstream: time lies
 // within half a frame of a multiple of the period. Times in 100 ns units; a period of 0, or a rate
 // without a numerator, marks nothing.
-bool IsPrerollFrame(REFERENCE_TIME time, REFERENCE_TIME period, const Fraction& rate);
+bool IsPrerollFrame(REFERENCE_TIME time, REFERENCE_TIME period, const qorp::Ratio& rate);
 
-// Turns the oldest background frame into a composed one. Owned by the filter; called by a
-// composition thread under composeLock. Its lists are kept from frame to frame so that a frame
+// Turns a background frame into a composed one. Owned by the filter; called by a composition thread
+// under the filter's composeLock. Its lists are kept from frame to frame so that a frame
 // allocates nothing once every input has been seen.
 class FrameComposer {
  public:
-  explicit FrameComposer(CCompose& filter);
+  // The composition outlives it.
+  explicit FrameComposer(Composition& composition);
   ~FrameComposer();
 
-  // Takes, draws and delivers one frame; returns at once when none is queued. Throws
-  // TavrelException when the frame cannot be composed: it is then dropped.
-  void ComposeFrame();
+  // Draws into the background frame and calls `deliver`, while the pictures that it drew are still
+  // held. Throws TavrelException when the frame cannot be composed, and does not deliver it then.
+  void ComposeFrame(IMediaSample* background, const std::function<void()>& deliver);
 
  private:
   // What one input contributes to a frame, in the order of the filter's inputs.
@@ -44,7 +46,7 @@ class FrameComposer {
   void TakeFormat(Input& input, IMediaSample* sample);
   void ReadMeters(REFERENCE_TIME frameTime);
 
-  CCompose& filter_;
+  Composition& composition_;
   std::vector<Input> inputs_;
   std::vector<WindowState> windows_;      // one for each of inputs_
   std::vector<WindowOverlays> overlays_;  // one for each of inputs_

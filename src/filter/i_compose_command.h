@@ -4,17 +4,12 @@
 #include "log/i_log_perf.h"
 #include "platform/com/unknown.h"
 #include "platform/dshow/pins.h"
+#include "util/ratio.h"
 
 inline constexpr CLSID CLSID_TavrelComposer{
     0xAEC64A13, 0x679E, 0x41A5, {0x83, 0x0B, 0x9C, 0xC2, 0x91, 0x4A, 0x92, 0x69}};
 inline constexpr IID IID_IComposeCommand{
     0x5BDF1B13, 0x1477, 0x4575, {0xB5, 0x29, 0xBE, 0x4F, 0xDB, 0x3D, 0x5C, 0x1C}};
-
-// Two terms of a rate or a ratio.
-struct Fraction {
-  LONG numerator;
-  LONG denominator;
-};
 
 // Implemented by the host, one object for each input; never queried for another interface. The
 // composition thread polls it once on every frame.
@@ -23,7 +18,7 @@ class IComposeWindow : public IUnknown {
   // enabled: non-zero shows the window's picture and meter. x, y: its top-left corner in canvas
   // pixels (made even, towards zero). colour: a zero-terminated text, #RGB, #ARGB, #RRGGBB or
   // #AARRGGBB, valid until the next call; null leaves the label's colour as it is. selected:
-  // non-zero draws the selector frame. A failure drops the frame and is logged.
+  // non-zero draws the selection border. A failure drops the frame and is logged.
   virtual HRESULT GetWindowState(BYTE* enabled, LONG* x, LONG* y, const char** colour,
                                  BYTE* selected) = 0;
 
@@ -43,7 +38,7 @@ class IComposeCommand : public IUnknown {
   // when memory or a thread is refused; otherwise the composition thread has been started.
   virtual HRESULT Configure(LONG windowCount, qorp::log::ILogPerf* logger, LONG width, LONG height,
                             LONG aspectNumerator, LONG aspectDenominator,
-                            REFERENCE_TIME prerollPeriod, const Fraction& frameRate) = 0;
+                            REFERENCE_TIME prerollPeriod, const qorp::Ratio& frameRate) = 0;
   // Makes the six pins of an input, or makes them again. window: an IComposeWindow, or null for an
   // input that is never shown. E_OUTOFMEMORY changes nothing.
   virtual HRESULT AddInput(LONG index, IUnknown* window) = 0;

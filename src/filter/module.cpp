@@ -1,4 +1,4 @@
-// The classes of the filter library and what the registry of filters is told of them.
+// The classes of the filter library and what is registered of them.
 
 #include <array>
 

@@ -5,7 +5,6 @@
 #include <memory>
 #include <new>
 
-#include "platform/dshow/reference_time.h"
 #include "platform/dshow/vfw_errors.h"
 #include "util/exceptions.h"
 
@@ -32,35 +31,38 @@ CExternalMetaDataMediaSample::CExternalMetaDataMediaSample(IMediaSample* sample)
 }
 
 void CExternalMetaDataMediaSample::CopyTimes() {
-  const HRESULT timed = sample_->GetTime(&start_, &stop_);
+  REFERENCE_TIME start = 0;
+  REFERENCE_TIME stop = 0;
+  const HRESULT timed = sample_->GetTime(&start, &stop);
   if (timed != VFW_E_SAMPLE_TIME_NOT_SET) {
     ThrowIfFailed(timed);
-    SetFlag(AM_SAMPLE_TIMEVALID, true);
-    SetFlag(AM_SAMPLE_STOPVALID, timed != VFW_S_NO_STOP_TIME);
+    own_.SetTime(&start, timed == VFW_S_NO_STOP_TIME ? nullptr : &stop);
   }
-  MediaTimes times{};
-  const HRESULT mediaTimed = sample_->GetMediaTime(&times.start, &times.stop);
+  const HRESULT mediaTimed = sample_->GetMediaTime(&start, &stop);
   if (mediaTimed != VFW_E_MEDIA_TIME_NOT_SET) {
     ThrowIfFailed(mediaTimed);
-    mediaTimes_ = times;
+    own_.SetMediaTime(&start, &stop);
   }
 }
 
 void CExternalMetaDataMediaSample::CopyFlags() {
-  SetFlag(AM_SAMPLE_SPLICEPOINT, IsSet(sample_->IsSyncPoint()));
-  SetFlag(AM_SAMPLE_PREROLL, IsSet(sample_->IsPreroll()));
-  SetFlag(AM_SAMPLE_DATADISCONTINUITY, IsSet(sample_->IsDiscontinuity()));
+  own_.SetSyncPoint(IsSet(sample_->IsSyncPoint()));
+  own_.SetPreroll(IsSet(sample_->IsPreroll()));
+  own_.SetDiscontinuity(IsSet(sample_->IsDiscontinuity()));
 }
 
 void CExternalMetaDataMediaSample::CopyTypeAndStream() {
   ThrowIfFailed(ReadMediaType(sample_.Get(), &wrappedType_));
   const ComPtr<IMediaSample2> sample2 = sample_.As<IMediaSample2>();
   AM_SAMPLE2_PROPERTIES all{};
-  // A sample that does not tell them is wrapped without.
+  // A sample that does not report them is wrapped without.
   if (sample2 && SUCCEEDED(sample2->GetProperties(sizeof(all), reinterpret_cast<BYTE*>(&all)))) {
-    typeSpecificFlags_ = all.dwTypeSpecificFlags;
-    streamId_ = all.dwStreamId;
-    SetFlag(AM_SAMPLE_TIMEDISCONTINUITY, (all.dwSampleFlags & AM_SAMPLE_TIMEDISCONTINUITY) != 0);
+    AM_SAMPLE2_PROPERTIES mine{};
+    own_.GetProperties(sizeof(mine), reinterpret_cast<BYTE*>(&mine));
+    mine.dwTypeSpecificFlags = all.dwTypeSpecificFlags;
+    mine.dwStreamId = all.dwStreamId;
+    mine.dwSampleFlags |= all.dwSampleFlags & AM_SAMPLE_TIMEDISCONTINUITY;
+    own_.SetProperties(sizeof(mine), reinterpret_cast<const BYTE*>(&mine));
   }
 }
 
@@ -86,124 +88,12 @@ HRESULT CExternalMetaDataMediaSample::NonDelegatingQueryInterface(REFIID iid, vo
   return CUnknown::NonDelegatingQueryInterface(iid, object);
 }
 
-HRESULT CExternalMetaDataMediaSample::GetPointer(BYTE** buffer) {
-  return sample_->GetPointer(buffer);
-}
-
-LONG CExternalMetaDataMediaSample::GetSize() {
-  return sample_->GetSize();
-}
-
-LONG CExternalMetaDataMediaSample::GetActualDataLength() {
-  return sample_->GetActualDataLength();
-}
-
-HRESULT CExternalMetaDataMediaSample::SetActualDataLength(LONG length) {
-  return sample_->SetActualDataLength(length);
-}
-
-HRESULT CExternalMetaDataMediaSample::GetTime(REFERENCE_TIME* start, REFERENCE_TIME* stop) {
-  if (start == nullptr || stop == nullptr) {
-    return E_POINTER;
-  }
-  if ((flags_ & AM_SAMPLE_TIMEVALID) == 0) {
-    return VFW_E_SAMPLE_TIME_NOT_SET;
-  }
-  *start = start_;
-  if ((flags_ & AM_SAMPLE_STOPVALID) == 0) {
-    *stop = AddTimes(start_, 1);
-    return VFW_S_NO_STOP_TIME;
-  }
-  *stop = stop_;
-  return S_OK;
-}
-
-HRESULT CExternalMetaDataMediaSample::SetTime(REFERENCE_TIME* start, REFERENCE_TIME* stop) {
-  SetFlag(AM_SAMPLE_TIMEVALID, start != nullptr);
-  SetFlag(AM_SAMPLE_STOPVALID, start != nullptr && stop != nullptr);
-  start_ = start != nullptr ? *start : 0;
-  stop_ = start != nullptr && stop != nullptr ? *stop : 0;
-  return S_OK;
-}
-
-HRESULT CExternalMetaDataMediaSample::GetMediaTime(LONGLONG* start, LONGLONG* stop) {
-  if (start == nullptr || stop == nullptr) {
-    return E_POINTER;
-  }
-  if (!mediaTimes_) {
-    return VFW_E_MEDIA_TIME_NOT_SET;
-  }
-  *start = mediaTimes_->start;
-  *stop = mediaTimes_->stop;
-  return S_OK;
-}
-
-HRESULT CExternalMetaDataMediaSample::SetMediaTime(LONGLONG* start, LONGLONG* stop) {
-  if (start == nullptr) {
-    mediaTimes_.reset();
-    return S_OK;
-  }
-  if (stop == nullptr) {
-    return E_POINTER;
-  }
-  mediaTimes_ = MediaTimes{*start, *stop};
-  return S_OK;
-}
-
-HRESULT CExternalMetaDataMediaSample::IsSyncPoint() {
-  return FlagResult(AM_SAMPLE_SPLICEPOINT);
-}
-
-HRESULT CExternalMetaDataMediaSample::SetSyncPoint(BOOL isSyncPoint) {
-  SetFlag(AM_SAMPLE_SPLICEPOINT, isSyncPoint != FALSE);
-  return S_OK;
-}
-
-HRESULT CExternalMetaDataMediaSample::IsPreroll() {
-  return FlagResult(AM_SAMPLE_PREROLL);
-}
-
-HRESULT CExternalMetaDataMediaSample::SetPreroll(BOOL isPreroll) {
-  SetFlag(AM_SAMPLE_PREROLL, isPreroll != FALSE);
-  return S_OK;
-}
-
-HRESULT CExternalMetaDataMediaSample::IsDiscontinuity() {
-  return FlagResult(AM_SAMPLE_DATADISCONTINUITY);
-}
-
-HRESULT CExternalMetaDataMediaSample::SetDiscontinuity(BOOL isDiscontinuity) {
-  SetFlag(AM_SAMPLE_DATADISCONTINUITY, isDiscontinuity != FALSE);
-  return S_OK;
-}
-
-HRESULT CExternalMetaDataMediaSample::GetMediaType(AM_MEDIA_TYPE** type) {
-  if (type == nullptr) {
-    return E_POINTER;
-  }
-  *type = nullptr;
-  if (type_ == nullptr) {
-    return S_FALSE;
-  }
-  *type = CreateMediaType(type_.get());
-  return *type == nullptr ? E_OUTOFMEMORY : S_OK;
-}
-
 HRESULT CExternalMetaDataMediaSample::SetMediaType(AM_MEDIA_TYPE* type) {
-  OwnedMediaType copy;
-  if (type != nullptr) {
-    copy.reset(CreateMediaType(type));
-    if (copy == nullptr) {
-      return E_OUTOFMEMORY;
-    }
+  const HRESULT hr = own_.SetMediaType(type);
+  if (SUCCEEDED(hr)) {
+    wrappedType_.reset();
   }
-  type_ = std::move(copy);
-  wrappedType_.reset();
-  return S_OK;
-}
-
-AM_MEDIA_TYPE* CExternalMetaDataMediaSample::TypeOfProperties() const {
-  return type_ != nullptr ? type_.get() : wrappedType_.get();
+  return hr;
 }
 
 HRESULT CExternalMetaDataMediaSample::GetProperties(DWORD size, BYTE* properties) {
@@ -214,19 +104,18 @@ HRESULT CExternalMetaDataMediaSample::GetProperties(DWORD size, BYTE* properties
     return E_POINTER;
   }
   AM_SAMPLE2_PROPERTIES all{};
+  own_.GetProperties(sizeof(all), reinterpret_cast<BYTE*>(&all));
   const HRESULT hr = GetPointer(&all.pbBuffer);
   if (FAILED(hr)) {
     return hr;
   }
   all.cbData = std::min<DWORD>(size, sizeof(all));
-  all.dwTypeSpecificFlags = typeSpecificFlags_;
-  all.dwSampleFlags = flags_ | (TypeOfProperties() != nullptr ? AM_SAMPLE_TYPECHANGED : 0);
-  all.lActual = GetActualDataLength();
-  all.tStart = start_;
-  all.tStop = stop_;
-  all.dwStreamId = streamId_;
-  all.pMediaType = TypeOfProperties();
   all.cbBuffer = GetSize();
+  all.lActual = GetActualDataLength();
+  if (wrappedType_ != nullptr) {
+    all.pMediaType = wrappedType_.get();
+    all.dwSampleFlags |= AM_SAMPLE_TYPECHANGED;
+  }
   std::memcpy(properties, &all, all.cbData);
   return S_OK;
 }
@@ -258,12 +147,14 @@ HRESULT CExternalMetaDataMediaSample::SetProperties(DWORD size, const BYTE* prop
       return hr;
     }
   }
-  typeSpecificFlags_ = wanted.dwTypeSpecificFlags;
-  flags_ = wanted.dwSampleFlags & ~AM_SAMPLE_TYPECHANGED;
-  start_ = wanted.tStart;
-  stop_ = wanted.tStop;
-  streamId_ = wanted.dwStreamId;
-  return S_OK;
+  AM_SAMPLE2_PROPERTIES mine{};
+  own_.GetProperties(sizeof(mine), reinterpret_cast<BYTE*>(&mine));
+  mine.dwTypeSpecificFlags = wanted.dwTypeSpecificFlags;
+  mine.dwSampleFlags = wanted.dwSampleFlags;
+  mine.tStart = wanted.tStart;
+  mine.tStop = wanted.tStop;
+  mine.dwStreamId = wanted.dwStreamId;
+  return own_.SetProperties(sizeof(mine), reinterpret_cast<const BYTE*>(&mine));
 }
 
 HRESULT CExternalMetaDataMediaSample::GetProperty(LONG id, const BYTE** bytes, ULONG* length) {

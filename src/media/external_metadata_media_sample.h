@@ -2,10 +2,10 @@
 #pragma once
 
 #include <map>
-#include <optional>
 #include <vector>
 
 #include "media/i_media_sample3.h"
+#include "platform/baseclasses/media_sample.h"
 #include "platform/baseclasses/mtype.h"
 #include "platform/baseclasses/unknown_base.h"
 #include "platform/com/com_ptr.h"
@@ -28,23 +28,34 @@ class CExternalMetaDataMediaSample final : public CUnknown, public IMediaSample3
 
   HRESULT NonDelegatingQueryInterface(REFIID iid, void** object) override;
 
-  HRESULT GetPointer(BYTE** buffer) override;
-  LONG GetSize() override;
-  HRESULT GetTime(REFERENCE_TIME* start, REFERENCE_TIME* stop) override;
-  HRESULT SetTime(REFERENCE_TIME* start, REFERENCE_TIME* stop) override;
-  HRESULT IsSyncPoint() override;
-  HRESULT SetSyncPoint(BOOL isSyncPoint) override;
-  HRESULT IsPreroll() override;
-  HRESULT SetPreroll(BOOL isPreroll) override;
-  LONG GetActualDataLength() override;
-  HRESULT SetActualDataLength(LONG length) override;
+  HRESULT GetPointer(BYTE** buffer) override { return sample_->GetPointer(buffer); }
+  LONG GetSize() override { return sample_->GetSize(); }
+  LONG GetActualDataLength() override { return sample_->GetActualDataLength(); }
+  HRESULT SetActualDataLength(LONG length) override { return sample_->SetActualDataLength(length); }
+
+  HRESULT GetTime(REFERENCE_TIME* start, REFERENCE_TIME* stop) override {
+    return own_.GetTime(start, stop);
+  }
+  HRESULT SetTime(REFERENCE_TIME* start, REFERENCE_TIME* stop) override {
+    return own_.SetTime(start, stop);
+  }
+  HRESULT GetMediaTime(LONGLONG* start, LONGLONG* stop) override {
+    return own_.GetMediaTime(start, stop);
+  }
+  HRESULT SetMediaTime(LONGLONG* start, LONGLONG* stop) override {
+    return own_.SetMediaTime(start, stop);
+  }
+  HRESULT IsSyncPoint() override { return own_.IsSyncPoint(); }
+  HRESULT SetSyncPoint(BOOL isSyncPoint) override { return own_.SetSyncPoint(isSyncPoint); }
+  HRESULT IsPreroll() override { return own_.IsPreroll(); }
+  HRESULT SetPreroll(BOOL isPreroll) override { return own_.SetPreroll(isPreroll); }
+  HRESULT IsDiscontinuity() override { return own_.IsDiscontinuity(); }
+  HRESULT SetDiscontinuity(BOOL isDiscontinuity) override {
+    return own_.SetDiscontinuity(isDiscontinuity);
+  }
   // The type that SetMediaType has attached, never the wrapped sample's.
-  HRESULT GetMediaType(AM_MEDIA_TYPE** type) override;
+  HRESULT GetMediaType(AM_MEDIA_TYPE** type) override { return own_.GetMediaType(type); }
   HRESULT SetMediaType(AM_MEDIA_TYPE* type) override;
-  HRESULT IsDiscontinuity() override;
-  HRESULT SetDiscontinuity(BOOL isDiscontinuity) override;
-  HRESULT GetMediaTime(LONGLONG* start, LONGLONG* stop) override;
-  HRESULT SetMediaTime(LONGLONG* start, LONGLONG* stop) override;
   // All of the above in one structure. Its type is the attached one or else, until SetMediaType is
   // called, the one that the wrapped sample had when it was wrapped.
   HRESULT GetProperties(DWORD size, BYTE* properties) override;
@@ -55,27 +66,15 @@ class CExternalMetaDataMediaSample final : public CUnknown, public IMediaSample3
   HRESULT RemoveProperty(LONG id) override;
 
  private:
-  struct MediaTimes {
-    LONGLONG start;
-    LONGLONG stop;
-  };
-
   void CopyTimes();
   void CopyFlags();
   void CopyTypeAndStream();
   void CopyProperties();
-  HRESULT FlagResult(DWORD flag) const { return (flags_ & flag) != 0 ? S_OK : S_FALSE; }
-  void SetFlag(DWORD flag, bool on) { flags_ = on ? flags_ | flag : flags_ & ~flag; }
-  AM_MEDIA_TYPE* TypeOfProperties() const;
 
   const ComPtr<IMediaSample> sample_;
-  DWORD flags_ = 0;  // AM_SAMPLE_*
-  DWORD typeSpecificFlags_ = 0;
-  DWORD streamId_ = AM_STREAM_MEDIA;
-  REFERENCE_TIME start_ = 0;
-  REFERENCE_TIME stop_ = 0;
-  std::optional<MediaTimes> mediaTimes_;
-  OwnedMediaType type_;
+  // The wrapper's own times, flags, stream and type: a sample without a buffer or an allocator,
+  // whose references nobody counts.
+  CMediaSample own_{nullptr, nullptr, nullptr, nullptr, 0};
   OwnedMediaType wrappedType_;  // until SetMediaType is called
   std::map<LONG, std::vector<BYTE>> properties_;
 };

@@ -2,13 +2,15 @@
 
 #include <limits>
 
-#include "filter/compose.h"
+#include "pins/pin_owner.h"
+#include "pins/streams.h"
+#include "pins/video_input_pins.h"
 #include "platform/dshow/reference_time.h"
 #include "platform/dshow/vfw_errors.h"
 
 namespace {
 
-// What tells the three side streams apart. The major types are private to the product.
+// How the three side streams differ.
 template <typename T>
 struct SideStream;
 
@@ -16,30 +18,27 @@ template <>
 struct SideStream<UTF8TextSampleType> {
   static constexpr const char* objectName = "UTF8 Text";
   static constexpr LPCWSTR pinName = u"UTF8 Text";
-  static constexpr GUID majorType{
-      0x67CA2076, 0x1596, 0x47C6, {0xA9, 0x6A, 0x85, 0xD7, 0x92, 0xAC, 0xAA, 0x53}};
+  static constexpr GUID majorType = MEDIATYPE_LabelText;
 };
 
 template <>
 struct SideStream<AudioAlarm> {
   static constexpr const char* objectName = "Audio Alarm";
   static constexpr LPCWSTR pinName = u"Audio Alarm";
-  static constexpr GUID majorType{
-      0x053A2D3B, 0x77A2, 0x4DF3, {0xB4, 0x6F, 0x40, 0x21, 0x71, 0xA8, 0x1F, 0x59}};
+  static constexpr GUID majorType = MEDIATYPE_AudioAlarm;
 };
 
 template <>
 struct SideStream<VideoAlarm> {
   static constexpr const char* objectName = "Video Alarm";
   static constexpr LPCWSTR pinName = u"Video Alarm";
-  static constexpr GUID majorType{
-      0xAE3CE0F0, 0x0DCD, 0x4223, {0x88, 0xBA, 0x8E, 0x28, 0x63, 0xE6, 0x5A, 0x18}};
+  static constexpr GUID majorType = MEDIATYPE_VideoAlarm;
 };
 
 }  // namespace
 
 template <typename T>
-CComposeAlarmInputPin<T>::CComposeAlarmInputPin(CCompose* composer,
+CComposeAlarmInputPin<T>::CComposeAlarmInputPin(PinOwner* composer,
                                                 CComposeInputVideoWindowPin* window, CCritSec* lock,
                                                 HRESULT* hr)
     : CInputPinWithDynamicMediaType(SideStream<T>::objectName, composer, lock, hr,
@@ -75,7 +74,7 @@ HRESULT CComposeAlarmInputPin<T>::OnReceive(IMediaSample* sample) {
   try {
     ParseRecord(sample, &record);
   } catch (const char* /*tooShort*/) {
-    // No exception of its kind passes the face towards the sender.
+    // No exception of its kind passes the COM boundary towards the sender.
     return E_FAIL;
   }
   REFERENCE_TIME start = 0;
@@ -98,7 +97,7 @@ void CComposeAlarmInputPin<T>::getNearest(REFERENCE_TIME time, std::optional<T>*
   if (!record->has_value()) {
     record->emplace();
   }
-  // A push in between can only add a record or start anew with one: the list stays filled.
+  // A push in between can only add a record or start again with one: the list stays filled.
   REFERENCE_TIME found = 0;
   records.getNearest(time, **record, found);
   records.removeBefore(time);

@@ -3,11 +3,11 @@
 
 #include <optional>
 
-#include "media/dynamic_input_pin.h"
+#include "media/dynamic_pins.h"
 #include "pins/alarm_records.h"
 #include "sync/get_nearest_list.h"
 
-class CCompose;
+class PinOwner;
 class CComposeInputVideoWindowPin;
 
 // Pins "UTF8 Text", "Audio Alarm" and "Video Alarm", for the record type T of each. A sample is
@@ -17,7 +17,7 @@ class CComposeInputVideoWindowPin;
 template <typename T>
 class CComposeAlarmInputPin final : public CInputPinWithDynamicMediaType {
  public:
-  CComposeAlarmInputPin(CCompose* filter, CComposeInputVideoWindowPin* videoPin, CCritSec* lock,
+  CComposeAlarmInputPin(PinOwner* filter, CComposeInputVideoWindowPin* videoPin, CCritSec* lock,
                         HRESULT* hr);
   ~CComposeAlarmInputPin() override;
 
@@ -33,7 +33,7 @@ class CComposeAlarmInputPin final : public CInputPinWithDynamicMediaType {
   void getNearest(REFERENCE_TIME time, std::optional<T>* record);
 
  private:
-  CCompose* const filter;
+  PinOwner* const filter;
   CComposeInputVideoWindowPin* const videoPin;
   GetNearestList<T, DefaultReleaser<T>, DefaultPropagator<T>> records;
 };

@@ -6,12 +6,12 @@
 
 namespace {
 
-// Payload of a sample, at least `least` bytes long and no longer than its buffer.
-std::span<const BYTE> Payload(IMediaSample* sample, LONG least) {
+// Payload of a sample, at least `minimum` bytes long and no longer than its buffer.
+std::span<const BYTE> Payload(IMediaSample* sample, LONG minimum) {
   BYTE* bytes = nullptr;
   ThrowIfFailed(sample->GetPointer(&bytes));
   const LONG length = sample->GetActualDataLength();
-  if (length < least || length > sample->GetSize()) {
+  if (length < minimum || length > sample->GetSize()) {
     throw kInvalidSampleSize;
   }
   ThrowIfFailed(bytes != nullptr || length == 0 ? S_OK : E_POINTER);

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 
-#include "filter/compose.h"
+#include "pins/pin_owner.h"
 #include "platform/dshow/vfw_errors.h"
 
-CComposeOutputVideoPin::CComposeOutputVideoPin(CCompose* composer, CCritSec* lock, HRESULT* hr,
+CComposeOutputVideoPin::CComposeOutputVideoPin(PinOwner* composer, CCritSec* lock, HRESULT* hr,
                                                LPCWSTR name)
     : CBaseOutputPin(nullptr, composer, lock, hr, name), filter(composer) {}
 
@@ -30,7 +30,7 @@ HRESULT CComposeOutputVideoPin::GetMediaType(int position, CMediaType* type) {
 HRESULT CComposeOutputVideoPin::DecideBufferSize(IMemAllocator* allocator,
                                                  ALLOCATOR_PROPERTIES* request) {
   request->cBuffers = std::max(request->cBuffers, kMinOutputBuffers);
-  request->cbBuffer = AnnouncedPictureBytes(filter->outputWidth, filter->outputHeight);
+  request->cbBuffer = filter->OutputFrameBytes();
   request->cbAlign = 1;
   request->cbPrefix = 0;
   ALLOCATOR_PROPERTIES actual{};

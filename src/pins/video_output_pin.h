@@ -3,7 +3,7 @@
 
 #include "platform/baseclasses/base_output_pin.h"
 
-class CCompose;
+class PinOwner;
 
 // Pin "Composition". Offers the background's format as YV12 with a VIDEOINFOHEADER2 and the wall's
 // aspect ratio. The frames that it delivers are the background's own samples, on the composition
@@ -12,7 +12,7 @@ class CComposeOutputVideoPin final : public CBaseOutputPin {
  public:
   static constexpr LONG kMinOutputBuffers = 30;
 
-  CComposeOutputVideoPin(CCompose* filter, CCritSec* lock, HRESULT* hr, LPCWSTR name);
+  CComposeOutputVideoPin(PinOwner* filter, CCritSec* lock, HRESULT* hr, LPCWSTR name);
   ~CComposeOutputVideoPin() override;
 
   HRESULT CheckMediaType(const CMediaType* type) override;
@@ -23,5 +23,5 @@ class CComposeOutputVideoPin final : public CBaseOutputPin {
   HRESULT Notify(IBaseFilter* self, Quality quality) override;
 
  private:
-  CCompose* const filter;
+  PinOwner* const filter;
 };

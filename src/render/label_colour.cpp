@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <array>
 
-#include "render/compose.h"
-
 namespace {
 
 constexpr bool IsHexDigit(char c) {
@@ -36,15 +34,4 @@ std::optional<LabelColour> ReadLabelColour(std::string_view text) {
         single ? first * 17 : first * 16 + HexValue(digits[i * width + 1]));
   }
   return LabelColour{argb[1], argb[2], argb[3], argb[0]};
-}
-
-void ParseLabelColour(Compose& labels, std::int32_t windowIndex, const char* text) {
-  Label* const label = labels.Find(windowIndex);
-  if (label == nullptr) {
-    return;
-  }
-  TextRenderer& renderer = label->Renderer();
-  const std::optional<LabelColour> colour =
-      text != nullptr ? ReadLabelColour(text) : std::optional<LabelColour>();
-  renderer.SetTextColour(colour.value_or(renderer.TextColour()));
 }

@@ -5,8 +5,6 @@
 #include <optional>
 #include <string_view>
 
-class Compose;
-
 struct LabelColour {
   std::uint8_t r = 0;
   std::uint8_t g = 0;
@@ -23,8 +21,3 @@ struct LabelColour {
 // One of #RGB, #ARGB, #RRGGBB and #AARRGGBB in hexadecimal digits of either case; a single digit d
 // stands for dd, a missing A for opaque. Nothing for any other text.
 std::optional<LabelColour> ReadLabelColour(std::string_view text);
-
-// Gives the label of a window the text colour that a host named. A text that names none, or a null
-// one, keeps the colour that the label has; like every assignment it counts as a change when it is
-// the first one. A window without a label is ignored.
-void ParseLabelColour(Compose& labels, std::int32_t windowIndex, const char* text);

@@ -4,78 +4,123 @@
 #include <cassert>
 #include <cmath>
 
-#include "render/meter_colours.h"
+#include "render/kernels/bar_kernels.h"
+#include "render/kernels/drawing_kernels.h"
 
 namespace {
 
-// Pixels of the canvas; those outside it and chroma that no sample covers are left alone.
-class Pixels {
- public:
-  explicit Pixels(const Yv12Picture& canvas) : canvas_(canvas) {}
+using kernels::BarColumns;
+using kernels::CurrentKernels;
 
-  void BlendLuma(std::int64_t x, std::int64_t y, std::uint8_t value, std::uint8_t opacity) const {
-    if (HasLuma(x, y)) {
-      std::uint8_t& sample = canvas_.Y()[y * canvas_.width + x];
-      sample = Blend255(sample, value, opacity);
-    }
-  }
-  void BlendChroma(std::int64_t x, std::int64_t y, std::uint8_t v, std::uint8_t u,
-                   std::uint8_t opacity) const {
-    if (HasChroma(x, y)) {
-      const std::ptrdiff_t at =
-          ChromaIndex(static_cast<std::int32_t>(x), static_cast<std::int32_t>(y), canvas_.width);
-      canvas_.V()[at] = Blend255(canvas_.V()[at], v, opacity);
-      canvas_.U()[at] = Blend255(canvas_.U()[at], u, opacity);
-    }
-  }
-  void Set(std::int64_t x, std::int64_t y, std::uint8_t luma, std::uint8_t v,
-           std::uint8_t u) const {
-    if (HasLuma(x, y)) {
-      canvas_.Y()[y * canvas_.width + x] = luma;
-    }
-    if (HasChroma(x, y)) {
-      const std::ptrdiff_t at =
-          ChromaIndex(static_cast<std::int32_t>(x), static_cast<std::int32_t>(y), canvas_.width);
-      canvas_.V()[at] = v;
-      canvas_.U()[at] = u;
-    }
-  }
+// Columns or rows [first, end) of the canvas.
+struct Range {
+  // Of `count` places from `start` on those from 0 to below `limit`.
+  Range(std::int64_t start, std::int64_t count, std::int64_t limit)
+      : first(static_cast<std::int32_t>(std::clamp<std::int64_t>(start, 0, limit))),
+        end(static_cast<std::int32_t>(std::clamp<std::int64_t>(start + count, first, limit))) {}
 
- private:
-  bool HasLuma(std::int64_t x, std::int64_t y) const {
-    return x >= 0 && y >= 0 && x < canvas_.width && y < canvas_.height;
-  }
-  bool HasChroma(std::int64_t x, std::int64_t y) const {
-    return x >= 0 && y >= 0 && x / 2 < canvas_.ChromaWidth() && y / 2 < canvas_.ChromaHeight();
-  }
+  std::int32_t Count() const { return end - first; }
+  bool IsEmpty() const { return first == end; }
+  // The range's part of a plane of chroma of that size.
+  Range Chroma(std::int32_t size) const { return {first / 2, (end + 1) / 2 - first / 2, size}; }
 
-  const Yv12Picture& canvas_;
+  std::int32_t first;
+  std::int32_t end;
 };
 
-// Of `count` places from `start` on those from 0 to below `limit`, counted from start.
-struct Visible {
-  Visible(std::int64_t start, std::int64_t count, std::int64_t limit)
-      : first(std::max<std::int64_t>(-start, 0)), end(std::min(count, limit - start)) {}
-
-  std::int64_t first;
-  std::int64_t end;
-};
-
-std::int64_t Bottom(const MeterPanel& panel) {
-  return panel.y + panel.height - 1 - panel.margin;
+void BlendRow(const MeterPanel& panel, std::int64_t row, const Range& columns) {
+  if (row >= 0 && row < panel.canvas.height) {
+    CurrentKernels().blendConstant(panel.canvas.Y() + row * panel.canvas.width + columns.first,
+                                   panel.canvas.width, columns.Count(), 1, kFrameLuma,
+                                   kFrameOpacity);
+  }
 }
 
-// Calls draw with every pixel of a rectangle that lies inside the canvas.
-template <typename Draw>
-void ForEachPixel(const Yv12Picture& canvas, std::int64_t x, std::int64_t y, std::int64_t width,
-                  std::int64_t height, const Draw& draw) {
-  const Visible rows(y, height, canvas.height);
-  const Visible columns(x, width, canvas.width);
-  for (std::int64_t r = rows.first; r < rows.end; ++r) {
-    for (std::int64_t c = columns.first; c < columns.end; ++c) {
-      draw(x + c, y + r);
+// The sides of the frame, the lines at its ends and the one under the band.
+void DrawFrame(const MeterPanel& panel, const Range& rows) {
+  static constexpr auto kFramed = [] {
+    std::array<std::uint8_t, 256> framed{};
+    for (std::size_t i = 0; i < framed.size(); ++i) {
+      framed[i] = Blend255(static_cast<std::uint8_t>(i), kFrameLuma, kFrameOpacity);
+    }
+    return framed;
+  }();
+  const Yv12Picture& canvas = panel.canvas;
+  for (const std::int64_t column : {panel.x, panel.x + panel.width - 1}) {
+    if (column < 0 || column >= canvas.width) {
+      continue;
+    }
+    std::uint8_t* sample = canvas.Y() + std::ptrdiff_t{rows.first} * canvas.width + column;
+    for (std::int32_t row = rows.first; row < rows.end; ++row) {
+      *sample = kFramed[*sample];
+      sample += canvas.width;
     }
   }
+  const Range between(panel.x + 1, std::int64_t{panel.width} - 2, canvas.width);
+  BlendRow(panel, panel.y, between);
+  BlendRow(panel, panel.y + panel.height - 1, between);
+  BlendRow(panel, panel.bandBottom, between);
+}
+
+BarColumns ColumnsOf(std::int64_t left, std::int32_t width, std::int32_t canvasWidth) {
+  const Range opaque(left + 1, std::int64_t{width} - 2, canvasWidth);
+  const std::int64_t right = left + width - 1;
+  const auto shown = [canvasWidth](std::int64_t column) {
+    return column >= 0 && column < canvasWidth ? static_cast<std::int32_t>(column) : -1;
+  };
+  return {shown(left), width >= 2 ? shown(right) : -1, opaque.first, opaque.Count()};
+}
+
+// A side that shares its sample with opaque columns is filled over.
+BarColumns ChromaOf(const BarColumns& luma, std::int32_t chromaWidth) {
+  const Range opaque =
+      luma.opaque > 0
+          ? Range(luma.first, luma.opaque, 2 * std::int64_t{chromaWidth} + 1).Chroma(chromaWidth)
+          : Range(0, 0, 0);
+  const auto shown = [&](std::int32_t column) {
+    return column < 0 || column / 2 >= chromaWidth ? -1 : column / 2;
+  };
+  return {shown(luma.left), shown(luma.right), opaque.first, opaque.Count()};
+}
+
+// Chroma is blended once for each luma pixel: twice in a row and twice in a column, but for samples
+// that only one row or column of the marker covers.
+void DrawPeakMarker(const MeterPanel& panel, std::int64_t left, std::int32_t lit,
+                    std::int32_t peak) {
+  const Yv12Picture& canvas = panel.canvas;
+  const Range columns(left, panel.barWidth, canvas.width);
+  const Range rows(panel.BarBottom() - peak, std::min(lit, PeakMarkerRows(panel.barLength)),
+                   canvas.height);
+  if (columns.IsEmpty() || rows.IsEmpty()) {
+    return;
+  }
+  const auto blend = CurrentKernels().blendConstant;
+  blend(canvas.Y() + std::ptrdiff_t{rows.first} * canvas.width + columns.first, canvas.width,
+        columns.Count(), rows.Count(), kPeak.luma, kPeakLumaOpacity);
+  const std::int32_t chromaWidth = canvas.ChromaWidth();
+  const auto blendSamples = [&](std::int32_t first, std::int32_t end, std::int32_t line) {
+    const std::ptrdiff_t at = std::ptrdiff_t{line} * chromaWidth + first;
+    const std::int32_t count = std::min(end, chromaWidth) - first;
+    blend(canvas.V() + at, chromaWidth, count, 1, kPeak.v, kPeakChromaOpacity);
+    blend(canvas.U() + at, chromaWidth, count, 1, kPeak.u, kPeakChromaOpacity);
+  };
+  for (std::int32_t row = rows.first; row < rows.end && row / 2 < canvas.ChromaHeight(); ++row) {
+    // The even columns first, then the odd ones: blends of one colour may come in any order.
+    blendSamples((columns.first + 1) / 2, (columns.end + 1) / 2, row / 2);
+    blendSamples(columns.first / 2, columns.end / 2, row / 2);
+  }
+}
+
+// The red box in the top band.
+void DrawAlarmIndicator(const MeterPanel& panel) {
+  const auto band = static_cast<std::int32_t>(panel.bandBottom - panel.y);
+  const std::int32_t width = panel.width / 2;
+  const std::int32_t height = band / 2;
+  const std::int64_t x = panel.x + (panel.width - width) / 2;
+  const std::int64_t y = panel.y + (band - height) / 2 + 1;
+  FillPlaneRect(panel.canvas, Plane::Y, x, y, width, height, kAlarm.luma);
+  FillPlaneRect(panel.canvas, Plane::V, x, y, width, height, kAlarm.v);
+  FillPlaneRect(panel.canvas, Plane::U, x, y, width, height, kAlarm.u);
 }
 
 }  // namespace
@@ -105,42 +150,15 @@ MeterPanel::MeterPanel(const Yv12Picture& canvasIn, std::int32_t xIn, std::int32
   }
 }
 
-void DrawMeterPanel(const MeterPanel& panel) {
-  const Pixels pixels(panel.canvas);
-  const VignetteShape shape(panel.width, panel.height);
-  ForEachPixel(panel.canvas, panel.x, panel.y, panel.width, panel.height,
-               [&](std::int64_t x, std::int64_t y) {
-                 const std::uint8_t opacity =
-                     shape.LumaOpacity(static_cast<std::int32_t>(x - panel.x),
-                                       static_cast<std::int32_t>(y - panel.y));
-                 pixels.BlendLuma(x, y, kPanelLuma, opacity);
-                 // Once for each luma pixel: a chroma sample is blended up to four times, which
-                 // takes more colour away than a single blend would.
-                 pixels.BlendChroma(x, y, kNeutralChroma, kNeutralChroma, opacity / 4);
-               });
-
-  const auto line = [&](std::int64_t x, std::int64_t y, std::int64_t width, std::int64_t height) {
-    ForEachPixel(panel.canvas, x, y, width, height, [&](std::int64_t column, std::int64_t row) {
-      pixels.BlendLuma(column, row, kFrameLuma, kFrameOpacity);
-    });
-  };
-  line(panel.x + 1, panel.y, panel.width - 2, 1);
-  line(panel.x + 1, panel.y + panel.height - 1, panel.width - 2, 1);
-  line(panel.x, panel.y, 1, panel.height);
-  line(panel.x + panel.width - 1, panel.y, 1, panel.height);
-  line(panel.x + 1, panel.bandBottom, panel.width - 2, 1);
-}
-
 RowRange MeterRowsTouched(const MeterPanel& panel, std::span<const float> levels,
                           std::span<const float> peaks) {
   RowRange rows{panel.y, panel.y + panel.height};
   if (panel.barWidth < 1) {
     return rows;
   }
-  const std::int64_t bottom = Bottom(panel);
-  rows.top = std::min(rows.top, bottom - panel.barLength + 1);
+  rows.top = std::min(rows.top, panel.BarBottom() - panel.barLength + 1);
   for (std::int32_t i = 0; i < panel.channels; ++i) {
-    const std::int64_t top = bottom - MeterRows(peaks[i], panel.barLength);
+    const std::int64_t top = panel.BarBottom() - MeterRows(peaks[i], panel.barLength);
     const std::int32_t marker =
         std::min(MeterRows(levels[i], panel.barLength), PeakMarkerRows(panel.barLength));
     if (marker > 0) {
@@ -157,71 +175,82 @@ std::int32_t MeterRows(float value, std::int32_t length) {
   return static_cast<std::int32_t>(std::floor((double{decibels} + 50.0) / 50.0 * length + 0.5));
 }
 
-void DrawMeterBars(const MeterPanel& panel, std::span<const float> levels,
-                   std::span<const float> peaks) {
+void MeterDrawer::Draw(const Yv12Picture& canvas, std::int32_t x, std::int32_t y,
+                       std::int32_t width, std::int32_t height, std::span<const float> levels,
+                       std::span<const float> peaks, bool alarm) {
+  if (!Shows(width, height)) {
+    return;
+  }
+  const MeterPanel panel(canvas, x, y, width, height, static_cast<std::int32_t>(levels.size()));
+  DrawMeterPanel(panel);
+  DrawMeterBars(panel, levels, peaks);
+  if (alarm) {
+    DrawAlarmIndicator(panel);
+  }
+}
+
+void MeterDrawer::DrawMeterPanel(const MeterPanel& panel) {
+  const Yv12Picture& canvas = panel.canvas;
+  const Range columns(panel.x, panel.width, canvas.width);
+  const Range rows(panel.y, panel.height, canvas.height);
+  if (columns.IsEmpty() || rows.IsEmpty()) {
+    return;
+  }
+  const Range chromaColumns = columns.Chroma(canvas.ChromaWidth());
+  const Range chromaRows = rows.Chroma(canvas.ChromaHeight());
+  const VignetteTable& vignette =
+      vignettes_.Get({panel.width, panel.height, columns.first - panel.x, rows.first - panel.y,
+                      columns.Count(), rows.Count(), chromaColumns.Count(), chromaRows.Count()});
+  CurrentKernels().blendValue(
+      canvas.Y() + std::ptrdiff_t{rows.first} * canvas.width + columns.first, canvas.width,
+      columns.Count(), rows.Count(), kPanelLuma, vignette.Luma());
+  // Once for each luma pixel: a chroma sample is blended up to four times, which takes more colour
+  // away than a single blend would.
+  const std::ptrdiff_t chroma =
+      std::ptrdiff_t{chromaRows.first} * canvas.ChromaWidth() + chromaColumns.first;
+  for (std::uint8_t* const plane : {canvas.V(), canvas.U()}) {
+    CurrentKernels().fade(plane + chroma, canvas.ChromaWidth(), chromaColumns.Count(),
+                          chromaRows.Count(), vignette.Chroma());
+  }
+  DrawFrame(panel, rows);
+}
+
+void MeterDrawer::DrawMeterBars(const MeterPanel& panel, std::span<const float> levels,
+                                std::span<const float> peaks) {
   assert(std::ssize(levels) >= panel.channels && std::ssize(peaks) >= panel.channels);
-  const std::int64_t bottom = Bottom(panel);
+  if (panel.barWidth < 1) {
+    return;
+  }
   std::int64_t left = panel.x + panel.margin;
   for (std::int32_t i = 0; i < panel.channels; ++i) {
     const std::int32_t lit = MeterRows(levels[i], panel.barLength);
-    DrawMeterBar(panel, left, bottom, panel.barWidth, lit, panel.barLength);
-    DrawPeakMarker(panel, left, bottom, lit, MeterRows(peaks[i], panel.barLength));
+    DrawMeterBar(panel, left, lit);
+    DrawPeakMarker(panel, left, lit, MeterRows(peaks[i], panel.barLength));
     left += panel.barWidth + panel.gap;
   }
 }
 
-void DrawPeakMarker(const MeterPanel& panel, std::int64_t left, std::int64_t bottom,
-                    std::int32_t lit, std::int32_t peak) {
-  const Pixels pixels(panel.canvas);
-  const std::int32_t rows = std::min(lit, PeakMarkerRows(panel.barLength));
-  ForEachPixel(panel.canvas, left, bottom - peak, panel.barWidth, rows,
-               [&](std::int64_t column, std::int64_t row) {
-                 pixels.BlendLuma(column, row, kPeak.luma, kPeakLumaOpacity);
-                 pixels.BlendChroma(column, row, kPeak.v, kPeak.u, kPeakChromaOpacity);
-               });
-}
-
-void DrawMeterBar(const MeterPanel& panel, std::int64_t left, std::int64_t bottom,
-                  std::int32_t width, std::int32_t lit, std::int32_t length) {
-  const Pixels pixels(panel.canvas);
-  const std::int32_t litSegments = LitSegments(lit, length);
-  BarChroma chroma;
-  const Visible rows(bottom - length + 1, length, panel.canvas.height);  // from the top
-  const Visible opaque(left + 1, std::int64_t{width} - 2, panel.canvas.width);
-  const std::int64_t firstStep = length - rows.end;
-  // The chroma of a row depends on that of the row below.
-  for (std::int64_t step = std::max<std::int64_t>(firstStep - 1, 0); step < length - rows.first;
-       ++step) {
-    const std::int64_t row = bottom - step;
-    const BarStep at(static_cast<std::int32_t>(step), length);
-    const MeterColour colour = BarColour(at, row, at.segment < litSegments);
-    const MeterColour shown = chroma.Average(row, colour);
-    if (width <= 0) {
-      continue;
-    }
-    const auto edge = [&](std::int64_t x) {
-      pixels.BlendLuma(x, row, shown.luma, kBarEdgeOpacity);
-      pixels.BlendChroma(x, row, shown.v, shown.u, kBarEdgeOpacity);
-    };
-    edge(left);
-    for (std::int64_t c = opaque.first; c < opaque.end; ++c) {
-      const std::uint8_t luma =
-          (shown.luma & 0xF8) | BarDither(left, row, static_cast<std::int32_t>(c));
-      pixels.Set(left + 1 + c, row, luma, shown.v, shown.u);
-    }
-    if (width >= 2) {
-      edge(left + width - 1);
-    }
+void MeterDrawer::DrawMeterBar(const MeterPanel& panel, std::int64_t left, std::int32_t lit) {
+  const Yv12Picture& canvas = panel.canvas;
+  const std::int64_t top = panel.BarBottom() - panel.barLength + 1;
+  const Range rows(top, panel.barLength, canvas.height);
+  if (rows.IsEmpty()) {
+    return;
   }
-}
-
-void DrawAlarmIndicator(const MeterPanel& panel) {
-  const auto band = static_cast<std::int32_t>(panel.bandBottom - panel.y);
-  const std::int32_t width = panel.width / 2;
-  const std::int32_t height = band / 2;
-  const std::int64_t x = panel.x + (panel.width - width) / 2;
-  const std::int64_t y = panel.y + (band - height) / 2 + 1;
-  FillPlaneRect(panel.canvas, Plane::Y, x, y, width, height, kAlarm.luma);
-  FillPlaneRect(panel.canvas, Plane::V, x, y, width, height, kAlarm.v);
-  FillPlaneRect(panel.canvas, Plane::U, x, y, width, height, kAlarm.u);
+  const BarTable& table =
+      bars_.Get({panel.BarBottom(), panel.barLength, rows.first - top, rows.Count()});
+  if (std::ssize(rows_.luma) < rows.Count()) {
+    rows_ = BarRows(rows.Count());
+  }
+  table.Show(LitSegments(lit, panel.barLength), rows_);
+  const BarColumns columns = ColumnsOf(left, panel.barWidth, canvas.width);
+  const auto phase = static_cast<std::uint32_t>(columns.first - 1);
+  kernels::DrawBarLuma(canvas.Y() + std::ptrdiff_t{rows.first} * canvas.width, canvas.width,
+                       columns, rows.Count(), rows_.luma.data(), table.DitherPhases(), phase);
+  const BarColumns samples = ChromaOf(columns, canvas.ChromaWidth());
+  for (const auto& [plane, values] :
+       {std::pair{canvas.V(), rows_.v.data()}, {canvas.U(), rows_.u.data()}}) {
+    kernels::DrawBarChroma(plane, canvas.ChromaWidth(), canvas.ChromaHeight(), samples, rows.first,
+                           rows.Count(), values);
+  }
 }

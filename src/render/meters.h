@@ -1,14 +1,12 @@
 // The level meters inside a window: a darkened panel with a light frame, one segmented bar for each
 // audio channel, and a red box while an alarm is on.
-//
-// These operations compute every pixel and say what a meter looks like. The frame loop draws
-// through MeterDrawer, which gives the same bytes faster. Nothing outside the canvas is touched,
-// nor does it take time: a window may be of any size and anywhere.
 #pragma once
 
 #include <cstdint>
 #include <span>
 
+#include "render/meter_look.h"
+#include "render/table_cache.h"
 #include "render/yv12.h"
 
 // Where everything of one meter lies. Made for one drawing.
@@ -16,6 +14,9 @@ struct MeterPanel {
   // (x, y): the window's corner, in pixels; width: a tenth of the window's; channels: 0 or more.
   MeterPanel(const Yv12Picture& canvas, std::int32_t x, std::int32_t y, std::int32_t width,
              std::int32_t height, std::int32_t channels);
+
+  // The last row of the bars.
+  std::int64_t BarBottom() const { return y + height - 1 - margin; }
 
   Yv12Picture canvas;
   // Places are 64 bits wide, so that a window far outside the canvas cannot overflow them.
@@ -31,27 +32,6 @@ struct MeterPanel {
   std::int32_t channels;
 };
 
-// Darkens the panel towards its corners and draws its frame and the line under the top band.
-void DrawMeterPanel(const MeterPanel& panel);
-
-// A bar with a peak marker for each channel of the panel. levels and peaks: one for each channel, 1
-// is full scale; both are clamped to 0 to 1 and shown on a scale of 50 decibels.
-void DrawMeterBars(const MeterPanel& panel, std::span<const float> levels,
-                   std::span<const float> peaks);
-
-// One bar, whose bottom left pixel is (left, bottom): `length` rows, of which the lower `lit` reach
-// up to the level.
-void DrawMeterBar(const MeterPanel& panel, std::int64_t left, std::int64_t bottom,
-                  std::int32_t width, std::int32_t lit, std::int32_t length);
-
-// The marker of a peak that is `peak` rows above the foot of the bar whose bottom left pixel is
-// (left, bottom): at most `lit` rows thick, so a silent channel has none.
-void DrawPeakMarker(const MeterPanel& panel, std::int64_t left, std::int64_t bottom,
-                    std::int32_t lit, std::int32_t peak);
-
-// The red box in the top band.
-void DrawAlarmIndicator(const MeterPanel& panel);
-
 // Rows of the canvas, bottom exclusive.
 struct RowRange {
   std::int64_t top;
@@ -65,3 +45,34 @@ RowRange MeterRowsTouched(const MeterPanel& panel, std::span<const float> levels
 
 // How many of `length` rows a level or a peak reaches: 0 for -50 dB and below, length for 0 dB.
 std::int32_t MeterRows(float value, std::int32_t length);
+
+// Draws the meters of a mosaic, frame after frame. A panel's darkening and the rows of its bars are
+// kept between frames; windows of the same size share them. Nothing outside the canvas is touched,
+// nor does it take time or memory: a window may be of any size and anywhere.
+//
+// Owned by what composes the frames; one thread at a time.
+class MeterDrawer {
+ public:
+  // Whether a panel of that size shows at all.
+  static bool Shows(std::int32_t width, std::int32_t height) { return width >= 1 && height >= 1; }
+  // The meter of a window at (x, y) of the canvas, both even. width: a tenth of the window's,
+  // height: the window's, in pixels; with either below 1 nothing is drawn. levels and peaks: one
+  // for each channel, 1 is full scale; both are clamped to 0 to 1 and shown on a scale of 50
+  // decibels. Without channels the panel has no bars.
+  void Draw(const Yv12Picture& canvas, std::int32_t x, std::int32_t y, std::int32_t width,
+            std::int32_t height, std::span<const float> levels, std::span<const float> peaks,
+            bool alarm);
+
+ private:
+  // Darkens the panel towards its corners and draws its frame and the line under the top band.
+  void DrawMeterPanel(const MeterPanel& panel);
+  // A bar with a peak marker for each channel of the panel.
+  void DrawMeterBars(const MeterPanel& panel, std::span<const float> levels,
+                     std::span<const float> peaks);
+  // One bar from column `left` on, of whose rows the lower `lit` reach up to the level.
+  void DrawMeterBar(const MeterPanel& panel, std::int64_t left, std::int32_t lit);
+
+  TableCache<VignetteTable, 8> vignettes_;
+  TableCache<BarTable, 4> bars_;
+  BarRows rows_{0};  // of the bar that is being drawn; they only grow
+};

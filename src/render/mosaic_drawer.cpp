@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "render/ratio.h"
 #include "render/selector_drawer.h"
 
 namespace {
@@ -15,18 +14,7 @@ std::int64_t EvenAbove(std::int64_t place) {
   return place + (place & 1);
 }
 
-std::size_t ChannelCount(const WindowOverlays& overlays) {
-  return static_cast<std::size_t>(std::clamp(overlays.channels, 0, WindowOverlays::kMaxChannels));
-}
-
 }  // namespace
-
-std::span<const float> WindowOverlays::Levels() const {
-  return std::span(levels).first(ChannelCount(*this));
-}
-std::span<const float> WindowOverlays::Peaks() const {
-  return std::span(peaks).first(ChannelCount(*this));
-}
 
 bool SelectionsFit(std::span<const WindowState> windows, std::span<const WindowOverlays> overlays,
                    const Yv12Picture& canvas) {
@@ -68,7 +56,7 @@ MosaicDrawer::Area MosaicDrawer::OverlayArea(const WindowState& window,
   }
   if (overlays.metered && MeterDrawer::Shows(window.w / 10, window.h)) {
     const MeterPanel panel(canvas, window.x, window.y, window.w / 10, window.h,
-                           static_cast<std::int32_t>(ChannelCount(overlays)));
+                           static_cast<std::int32_t>(overlays.Channels()));
     const RowRange rows = MeterRowsTouched(panel, overlays.Levels(), overlays.Peaks());
     area.Include(Area::Of(panel.x, rows.top, panel.x + panel.width, rows.bottom, canvas));
   }
@@ -112,17 +100,11 @@ void MosaicDrawer::FindSeparateWindows(Compose& labels, std::span<const WindowSt
   }
 }
 
-void MosaicDrawer::DrawMeter(const WindowState& window, const WindowOverlays& overlays,
-                             const Yv12Picture& canvas) {
-  meters_.Draw(canvas, window.x, window.y, window.w / 10, window.h, overlays.Levels(),
-               overlays.Peaks(), overlays.alarm);
-}
-
 void MosaicDrawer::Draw(Compose& labels, std::span<const WindowState> windows,
                         std::span<const WindowOverlays> overlays, const Yv12Picture& canvas,
-                        std::int32_t aspectX, std::int32_t aspectY) {
+                        const qorp::Ratio& displayAspect) {
   FindSeparateWindows(labels, windows, overlays, canvas);
-  const Ratio pixelAspect = PixelAspect(canvas.width, canvas.height, aspectX, aspectY);
+  const qorp::WideRatio pixelAspect = qorp::PixelAspect(canvas.width, canvas.height, displayAspect);
   const auto drawSelection = [&](std::size_t i) {
     if (overlays[i].selected) {
       DrawSelector(windows[i], canvas);
@@ -130,7 +112,9 @@ void MosaicDrawer::Draw(Compose& labels, std::span<const WindowState> windows,
   };
   const auto drawMeter = [&](std::size_t i) {
     if (overlays[i].metered) {
-      DrawMeter(windows[i], overlays[i], canvas);
+      const WindowState& window = windows[i];
+      meters_.Draw(canvas, window.x, window.y, window.w / 10, window.h, overlays[i].Levels(),
+                   overlays[i].Peaks(), overlays[i].alarm);
     }
   };
 

@@ -1,31 +1,15 @@
 // MosaicDrawer: all that is drawn into one frame.
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <span>
 #include <vector>
 
-#include "render/compose.h"
-#include "render/meter_drawer.h"
+#include "render/drawing_engine.h"
+#include "render/meters.h"
 #include "render/window_state.h"
 #include "render/yv12.h"
-
-// What is drawn over a window's picture.
-struct WindowOverlays {
-  static constexpr std::int32_t kMaxChannels = 10;
-
-  bool selected = false;
-  bool metered = false;                      // the rest counts only then
-  std::int32_t channels = 0;                 // 0 to kMaxChannels
-  std::array<float, kMaxChannels> levels{};  // 1 is full scale
-  std::array<float, kMaxChannels> peaks{};
-  bool alarm = false;
-
-  std::span<const float> Levels() const;  // of the channels
-  std::span<const float> Peaks() const;
-};
 
 // Whether the selection borders of all selected windows lie inside the canvas. overlays has one for
 // each of windows.
@@ -45,17 +29,17 @@ bool SelectionsFit(std::span<const WindowState> windows, std::span<const WindowO
 // whose windows do not overlap, adjoining ones included, unless a peak marker hangs out of it. The
 // overlays of the others wait for the passes, as all do when a frame cannot be drawn.
 //
-// Owned by whoever composes the frames; one thread at a time. Allocates nothing while the windows
+// Owned by what composes the frames; one thread at a time. Allocates nothing while the windows
 // stay where they are and the labels what they are.
 class MosaicDrawer {
  public:
-  // canvas is shown at aspectX:aspectY. The first window takes the first label, and so on; windows
-  // beyond the last label are not drawn, but their overlays are. overlays has one for each window.
-  // Throws BadConfigException when the border of a selected window does not lie inside the canvas:
-  // the windows are drawn then, the borders up to that one, and no meter.
+  // The canvas is shown at the display aspect. The first window takes the first label, and so on;
+  // windows beyond the last label are not drawn, but their overlays are. overlays has one for each
+  // window. Throws BadConfigException when the border of a selected window does not lie inside the
+  // canvas: the windows are drawn then, the borders up to that one, and no meter.
   void Draw(Compose& labels, std::span<const WindowState> windows,
             std::span<const WindowOverlays> overlays, const Yv12Picture& canvas,
-            std::int32_t aspectX, std::int32_t aspectY);
+            const qorp::Ratio& displayAspect);
 
  private:
   // Samples of the canvas, from even ones on; right and bottom exclusive. Nothing when all are 0.
@@ -86,8 +70,6 @@ class MosaicDrawer {
                           const Yv12Picture& canvas);
   void FindSeparateWindows(Compose& labels, std::span<const WindowState> windows,
                            std::span<const WindowOverlays> overlays, const Yv12Picture& canvas);
-  void DrawMeter(const WindowState& window, const WindowOverlays& overlays,
-                 const Yv12Picture& canvas);
 
   MeterDrawer meters_;
   std::vector<Footprint> footprints_;  // one for each window of the frame

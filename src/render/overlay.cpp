@@ -2,10 +2,10 @@
 
 #include <algorithm>
 
-#include "render/kernels/drawing_kernels.h"
-#include "render/kernels/overlay_kernels.h"
-
 namespace {
+
+using kernels::CoverageBitmap;
+using kernels::PlaneBounds;
 
 PlaneBounds InkOf(const std::uint8_t* alpha, std::int32_t width, std::int32_t height) {
   PlaneBounds ink{width, height, 0, 0};
@@ -27,13 +27,6 @@ PlaneBounds InkOf(const std::uint8_t* alpha, std::int32_t width, std::int32_t he
     ink.bottom = row + 1;
   }
   return ink.bottom == 0 ? PlaneBounds{} : ink;
-}
-
-// The version that the drawing uses: the definition when all loops shall be it, else the fastest.
-const kernels::OverlayKernel& CurrentKernel() {
-  const bool scalar = &kernels::CurrentKernels() == &kernels::ScalarKernels();
-  const auto versions = kernels::AllOverlayKernels();
-  return scalar ? versions.front() : versions.back();
 }
 
 kernels::OverlayPlanes PlanesOf(Yv12Overlay& overlay) {
@@ -107,8 +100,8 @@ void ConvertArgbToOverlay(const std::uint8_t* pixels, std::ptrdiff_t stride, Yv1
   if (overlay.height() < 2) {
     return;
   }
-  CurrentKernel().convertPixels({pixels, stride}, PlanesOf(overlay),
-                                {0, 0, overlay.width() / 2, overlay.height() / 2});
+  kernels::CurrentKernels().convertPixels({pixels, stride}, PlanesOf(overlay),
+                                          {0, 0, overlay.width() / 2, overlay.height() / 2});
   overlay.MeasureInk();
 }
 
@@ -122,8 +115,8 @@ void ConvertCoverageToOverlay(const CoverageBitmap& bitmap, Yv12Overlay& overlay
   const PlaneBounds blocks{std::max((ink.left - 1) / 2, 0), std::max((ink.top - 1) / 2, 0),
                            std::min(ink.right / 2 + 1, overlay.width() / 2),
                            std::min(ink.bottom / 2 + 1, overlay.height() / 2)};
-  CurrentKernel().convertCoverage(bitmap, PlanesOf(overlay),
-                                  {blocks.left, blocks.top, blocks.right, blocks.bottom});
+  kernels::CurrentKernels().convertCoverage(bitmap, PlanesOf(overlay),
+                                            {blocks.left, blocks.top, blocks.right, blocks.bottom});
   overlay.SetInk(ink, blocks);
 }
 

@@ -13,7 +13,7 @@
 template <typename Table, std::size_t kNumbers>
 class TableCache {
  public:
-  using Key = std::array<std::int32_t, kNumbers>;
+  using Key = std::array<std::int64_t, kNumbers>;
   static constexpr std::uint64_t kKeep = 1024;
 
   // The table is valid until the next call.

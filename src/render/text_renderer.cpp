@@ -14,7 +14,7 @@ std::int64_t Even(std::int64_t length) {
 // On a transparent clear colour the text's colour is whole at every coverage.
 void ConvertCoverage(const os::PaintedText& painted, Yv12Overlay& overlay) {
   const os::CoverageTable& colours = painted.Colours();
-  CoverageBitmap bitmap;
+  kernels::CoverageBitmap bitmap;
   bitmap.coverage = painted.Coverage();
   bitmap.stride = painted.Stride();
   bitmap.ink = {painted.Ink().left, painted.Ink().top, painted.Ink().right, painted.Ink().bottom};
@@ -86,7 +86,7 @@ void TextRenderer::Render() {
   painting.clearColour = backgroundColour_.Value().Argb();
   painting.alignment = format_.alignment;
   painting.wrap = !format_.noWrap;
-  const Ratio& aspect = pixelAspect_.Value();
+  const qorp::WideRatio& aspect = pixelAspect_.Value();
   if (aspect.num > aspect.den) {
     painting.scaleX = static_cast<double>(aspect.den) / static_cast<double>(aspect.num);
   } else {

@@ -10,9 +10,9 @@
 #include "platform/text/text_painter.h"
 #include "render/label_colour.h"
 #include "render/overlay.h"
-#include "render/ratio.h"
 #include "render/tracked_setting.h"
 #include "render/yv12.h"
+#include "util/ratio.h"
 
 // Canvas pixels, right and bottom exclusive.
 struct LabelRect {
@@ -24,7 +24,7 @@ struct LabelRect {
 
 // Painting a text and converting it into an overlay costs much more than blending it, and a label
 // stays as it is for thousands of frames. So every input that shows in the overlay is a
-// TrackedSetting, and the overlay is made anew only when one of them changed; every other Draw
+// TrackedSetting, and the overlay is made again only when one of them changed; every other Draw
 // blends the overlay that is kept. Inputs may therefore be set again on every frame.
 //
 // Owned by its label; used by one thread at a time, without a lock. A Draw with nothing changed
@@ -45,7 +45,7 @@ class TextRenderer {
   // 0 left, 1 right, 2 centre; any other value keeps what is in use.
   void SetAlignment(std::int32_t alignment) { alignment_.Assign(alignment); }
   // Width to height of the canvas's pixels: text keeps its shape on pixels that are not square.
-  void SetPixelAspect(const Ratio& aspect) { pixelAspect_.Assign(aspect); }
+  void SetPixelAspect(const qorp::WideRatio& aspect) { pixelAspect_.Assign(qorp::Reduced(aspect)); }
   // One line, cut at the edges, instead of wrapped lines that end in an ellipsis. Takes effect with
   // the next change of font.
   void SetNoWrap(bool noWrap) { noWrap_ = noWrap; }
@@ -65,7 +65,7 @@ class TextRenderer {
     std::int32_t height = 0;
     bool operator==(const BitmapSize&) const = default;
   };
-  // How the string is laid out; made anew with every font.
+  // How the string is laid out; made again with every font.
   struct Format {
     bool noWrap = false;
     os::TextAlignment alignment = os::TextAlignment::kNear;
@@ -82,7 +82,7 @@ class TextRenderer {
   TrackedSetting<LabelColour> textColour_{{255, 255, 255, 255}};
   TrackedSetting<LabelColour> backgroundColour_{{0, 0, 0, 128}};
   TrackedSetting<std::int32_t> alignment_{2};
-  TrackedSetting<Ratio> pixelAspect_;
+  TrackedSetting<qorp::WideRatio> pixelAspect_;
   bool noWrap_ = false;
   TrackedSetting<std::u16string> text_;
   TrackedSetting<BitmapSize> bitmapSize_;

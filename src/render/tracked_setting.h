@@ -34,8 +34,6 @@ class TrackedSetting {
 
   bool Unchanged() const { return !changed_ && previousValid_ && previous_ == current_; }
   const T& Value() const { return current_; }
-  // A value has been assigned since construction.
-  bool IsSet() const { return set_; }
 
  private:
   bool changed_ = false;

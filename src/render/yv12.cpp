@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "render/kernels/samples.h"
+
 namespace {
 
 // The canvas is larger than the caches and its rows lie pages apart, where no hardware looks ahead:
@@ -36,15 +38,16 @@ void CopyPictureClipped(const std::uint8_t* src, std::int32_t w, std::int32_t h,
   }
   const auto columns = static_cast<std::int32_t>(x1 - x0);
   const auto rows = static_cast<std::int32_t>(y1 - y0);
-  CopyRows(src + (y0 - y) * w + (x0 - x), w, canvas.Y() + y0 * canvas.width + x0, canvas.width,
-           columns, rows);
+  const Yv12Planes<const std::uint8_t> source{src, w, h};
+  CopyRows(source.Y() + (y0 - y) * w + (x0 - x), w, canvas.Y() + y0 * canvas.width + x0,
+           canvas.width, columns, rows);
 
-  const std::ptrdiff_t from = (y0 - y) / 2 * (w / 2) + (x0 - x) / 2;
+  const std::ptrdiff_t from = (y0 - y) / 2 * source.ChromaWidth() + (x0 - x) / 2;
   const std::ptrdiff_t to = y0 / 2 * canvas.ChromaWidth() + x0 / 2;
-  const std::uint8_t* v = src + std::ptrdiff_t{w} * h;
-  const std::uint8_t* u = v + std::ptrdiff_t{w / 2} * (h / 2);
-  CopyRows(v + from, w / 2, canvas.V() + to, canvas.ChromaWidth(), columns / 2, rows / 2);
-  CopyRows(u + from, w / 2, canvas.U() + to, canvas.ChromaWidth(), columns / 2, rows / 2);
+  CopyRows(source.V() + from, source.ChromaWidth(), canvas.V() + to, canvas.ChromaWidth(),
+           columns / 2, rows / 2);
+  CopyRows(source.U() + from, source.ChromaWidth(), canvas.U() + to, canvas.ChromaWidth(),
+           columns / 2, rows / 2);
 }
 
 void FillPlaneRect(const Yv12Picture& canvas, Plane plane, std::int64_t x, std::int64_t y,

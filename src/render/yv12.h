@@ -13,8 +13,9 @@
 //
 // Samples are in studio range (luma 16 to 235, chroma 16 to 240, neutral chroma 128); nothing here
 // clamps. The halves truncate, so an odd last column or row has no chroma of its own.
-struct Yv12Picture {
-  std::uint8_t* data = nullptr;
+template <typename Sample>
+struct Yv12Planes {
+  Sample* data = nullptr;
   std::int32_t width = 0;   // pixels
   std::int32_t height = 0;  // pixels
 
@@ -24,10 +25,25 @@ struct Yv12Picture {
   std::size_t ChromaBytes() const {
     return static_cast<std::size_t>(ChromaWidth()) * ChromaHeight();
   }
-  std::uint8_t* Y() const { return data; }
-  std::uint8_t* V() const { return data + LumaBytes(); }
-  std::uint8_t* U() const { return V() + ChromaBytes(); }
+  Sample* Y() const { return data; }
+  Sample* V() const { return data + LumaBytes(); }
+  Sample* U() const { return V() + ChromaBytes(); }
 };
+using Yv12Picture = Yv12Planes<std::uint8_t>;
+
+// Bytes of a YV12 picture of width x height pixels, exact for every size: what buffers are checked
+// against.
+constexpr std::int64_t PictureBytes(std::int32_t width, std::int32_t height) {
+  const std::int64_t area = std::int64_t{width} * height;
+  return area + area / 2;
+}
+// The same as media types and allocators announce it: in 32 bits that wrap around, halved towards
+// zero.
+constexpr std::int32_t AnnouncedPictureBytes(std::int32_t width, std::int32_t height) {
+  return static_cast<std::int32_t>(static_cast<std::uint32_t>(width) * 3U *
+                                   static_cast<std::uint32_t>(height)) /
+         2;
+}
 
 enum class Plane { Y, V, U };
 
@@ -35,20 +51,6 @@ enum class Plane { Y, V, U };
 // picture `width` pixels wide.
 constexpr std::ptrdiff_t ChromaIndex(std::int32_t x, std::int32_t y, std::int32_t width) {
   return x / 2 + static_cast<std::ptrdiff_t>(width / 2) * (y / 2);
-}
-
-// s over d with opacity a (0 to 255): (s*a + d*(255-a)) / 255, rounded to nearest, halves up.
-constexpr std::uint8_t Blend255(std::uint8_t d, std::uint8_t s, std::uint8_t a) {
-  const std::uint32_t t = s * std::uint32_t{a} + d * (255u - a) + 127u;
-  return static_cast<std::uint8_t>((t + (t >> 8) + 1) >> 8);
-}
-
-// Asks for the samples of a row that is about to be written.
-inline void PrefetchRow(const std::uint8_t* row, std::int64_t bytes) {
-  constexpr std::int64_t kCacheLine = 64;
-  for (std::int64_t i = 0; i < bytes; i += kCacheLine) {
-    __builtin_prefetch(row + i, 1);
-  }
 }
 
 // Copies the w x h pixels of the YV12 picture src to (x, y) of the canvas, 1:1, as far as they lie

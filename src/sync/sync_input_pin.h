@@ -1,4 +1,4 @@
-// CSyncInputPin: an input pin whose samples tell which tick of a counter belongs to which time.
+// CSyncInputPin: an input pin whose samples map ticks of a counter to times.
 #pragma once
 
 #include "platform/baseclasses/base_input_pin.h"
@@ -19,8 +19,8 @@ inline constexpr LONG kSynchronizedEvent = 0x8066;
 //
 // and its start time is the stream time of that value.
 //
-// Owned by its filter. Samples come on the upstream streaming thread; the ISyncSource face may be
-// asked from any thread.
+// Owned by its filter. Samples come on the upstream streaming thread; the ISyncSource interface may
+// be asked from any thread.
 class CSyncInputPin final : public CBaseInputPin, public ISyncSource {
  public:
   // wrapTicks: the counter's modulus; tickRate: its ticks per second, not 0.

@@ -6,7 +6,7 @@
 
 #include "platform/dshow/media_types.h"
 
-// Where stream times come from. Not a COM interface: whoever holds the object owns it.
+// Where stream times come from. Not a COM interface: the holder of the object owns it.
 class ISyncSource {
  public:
   virtual ~ISyncSource() = default;
@@ -28,7 +28,7 @@ class ISyncSink {
 // Converts the values of a counter that runs at a fixed rate from 0 to a modulus and starts again,
 // by the shorter way round from a reference: one value and the stream time at which it was seen.
 //
-// Owned by whoever feeds it. Its lock makes every operation one step, so that a streaming thread
+// Owned by what feeds it. Its lock makes every operation one step, so that a streaming thread
 // may set the reference while others convert.
 class CSynchronizer final : public ISyncSource, public ISyncSink {
  public:

@@ -46,7 +46,7 @@ TEST(FilterBank, HasUnitGainAndBoundedSumsInEveryPhase) {
   }
 }
 
-TEST(FilterBank, PassesASampleOnItsPlaceAndMirrorsPhases) {
+TEST(FilterBank, PassesASampleOnItsPlace) {
   constexpr std::int32_t kTaps = 16;
   const auto bank = BuildFilter(1.0, kTaps, kPhases);
   const auto at = [&](std::int32_t phase, std::int32_t tap) {
@@ -55,13 +55,6 @@ TEST(FilterBank, PassesASampleOnItsPlaceAndMirrorsPhases) {
   // Phase 0 is the sample at the centre; what 16 bits cannot hold of it went to the next tap.
   for (std::int32_t tap = 0; tap < kTaps; ++tap) {
     EXPECT_EQ(at(0, tap), tap == 7 ? 32767 : tap == 8 ? 1 : 0) << tap;
-  }
-  // The middle phase lies between the two centre taps, and so is its own mirror image but for what
-  // was carried over in rounding; phases p and 1024 - p mirror each other.
-  for (const std::int32_t phase : {512, 300, 1}) {
-    for (std::int32_t tap = 0; tap < kTaps; ++tap) {
-      EXPECT_NEAR(at(phase, tap), at(kPhases - phase, kTaps - 1 - tap), 1) << phase << " " << tap;
-    }
   }
   // The guard filter is phase 0 of the next sample.
   for (std::int32_t tap = 0; tap < kTaps; ++tap) {

@@ -51,17 +51,6 @@ TEST_F(LibraryTest, MakesComposersThroughItsClassFactory) {
   EXPECT_EQ(CanUnload(), S_OK);
 }
 
-TEST_F(LibraryTest, AServerLockKeepsItLoaded) {
-  ComPtr<IClassFactory> factory;
-  ASSERT_EQ(GetClassObject(CLSID_TavrelComposer, IID_IClassFactory, factory.PutVoid()), S_OK);
-  factory->LockServer(TRUE);
-  ComPtr<IClassFactory> another = factory;
-  factory.Reset();
-  another->LockServer(FALSE);
-  another.Reset();
-  EXPECT_EQ(CanUnload(), S_OK);
-}
-
 TEST_F(LibraryTest, AnAggregatedComposerShowsItsCommandsToItsOwnerOnly) {
   class Owner final : public IUnknown {
    public:
@@ -85,7 +74,7 @@ TEST_F(LibraryTest, AnAggregatedComposerShowsItsCommandsToItsOwnerOnly) {
   {
     ComPtr<IComposeCommand> command;
     ASSERT_EQ(owner.QueryInterface(IID_IComposeCommand, command.PutVoid()), S_OK);
-    EXPECT_EQ(owner.count, 2U) << "the face counts with the owner";
+    EXPECT_EQ(owner.count, 2U) << "the interface counts with the owner";
     ComPtr<IUnknown> identity;
     ASSERT_EQ(command->QueryInterface(IID_IUnknown, identity.PutVoid()), S_OK);
     EXPECT_EQ(identity.Get(), static_cast<IUnknown*>(&owner));
@@ -117,19 +106,6 @@ TEST_F(LibraryTest, RegistersItselfAndItsKindsOfPins) {
   unsetenv("TAVREL_REGISTRY");
   std::filesystem::remove(file);
   std::filesystem::remove(file.string() + ".lock");
-}
-
-TEST(CreateFilter, TellsWhyALibraryCannotBeUsed) {
-  const auto reasonFor = [](const std::string& library) -> std::string {
-    try {
-      CreateFilter(library, CLSID_TavrelComposer);
-    } catch (const std::runtime_error& error) {
-      return error.what();
-    }
-    return "";
-  };
-  EXPECT_THAT(reasonFor("/nowhere/QXCompose.ax"), testing::HasSubstr("/nowhere/QXCompose.ax"));
-  EXPECT_THAT(reasonFor("libm.so.6"), testing::HasSubstr("exports no DllGetClassObject"));
 }
 
 }  // namespace

@@ -48,7 +48,7 @@ TEST_P(PauseTest, WaitsForTheFrameInProgressAndDropsTheRest) {
   sink_->Forget();
   EXPECT_EQ(static_cast<CMemAllocator*>(background_->pin.HeldAllocator().Get())->GetFreeCount(),
             80);
-  // The counts of the dropped frames wake the thread for nothing, and it goes on composing.
+  // The counts of the dropped frames wake the thread for nothing, and it continues to compose.
   ASSERT_EQ(graph_->Run(0), S_OK);
   EXPECT_TRUE(Compose(6 * kFrame));
   EXPECT_EQ(asked, 2);

@@ -8,8 +8,6 @@
 
 namespace {
 
-using testing::ElementsAre;
-
 class AudioPinsTest : public ComposerFixture {
  protected:
   static constexpr int kInput = 3;
@@ -140,11 +138,7 @@ TEST_F(AudioPinsTest, CopiesNoByteThatIsNotThere) {
 
 TEST_F(AudioPinsTest, AcceptTheCompressedTypesOfTheProduct) {
   CBasePin& input = *composer_->GetPin(kInput);
-  const GUID privateType{
-      0xC0E9C364, 0x783D, 0x4B50, {0xAB, 0xF3, 0xF3, 0x4B, 0x80, 0x1C, 0xEE, 0xC6}};
-  for (const GUID& subtype : {FourccGuid(0x50), MEDIASUBTYPE_MPEG1Payload, MEDIASUBTYPE_MPEG2_AUDIO,
-                              MEDIASUBTYPE_DOLBY_AC3, MEDIASUBTYPE_DOLBY_DDPLUS, FourccGuid(0xFF),
-                              FourccGuid(0x1FF), privateType}) {
+  for (const GUID& subtype : {FourccGuid(0x50), MEDIASUBTYPE_DOLBY_DDPLUS, FourccGuid(0x1FF)}) {
     const CMediaType type = fakes::AudioType(subtype);
     EXPECT_EQ(input.CheckMediaType(&type), S_OK) << GuidToString(subtype);
     const CMediaType picture = fakes::TypeOf(MEDIATYPE_Video, subtype);
@@ -153,22 +147,13 @@ TEST_F(AudioPinsTest, AcceptTheCompressedTypesOfTheProduct) {
   const CMediaType pcm = fakes::AudioType(MEDIASUBTYPE_PCM);
   EXPECT_EQ(input.CheckMediaType(&pcm), S_FALSE);
   EXPECT_EQ(Output().CheckMediaType(&pcm), S_OK) << "the output is loose on purpose";
-  const CMediaType none = fakes::AudioType(GUID_NULL);
-  EXPECT_EQ(Output().CheckMediaType(&none), S_FALSE);
 }
 
 TEST_F(AudioPinsTest, TheOutputTakesTypeAndBuffersFromItsInput) {
   CMediaType type;
   ASSERT_EQ(Output().GetMediaType(0, &type), S_OK);
   EXPECT_EQ(type.subtype, MEDIASUBTYPE_DOLBY_AC3);
-  EXPECT_EQ(Output().GetMediaType(1, &type), VFW_S_NO_MORE_ITEMS);
-  CMediaType* handedOut = nullptr;
-  ASSERT_EQ(static_cast<CComposeOutputAudioCompressedPin&>(Output()).CopyInputType(handedOut),
-            S_OK);
-  EXPECT_TRUE(*std::unique_ptr<CMediaType>(handedOut) == type);
   EXPECT_EQ(Output().GetMediaType(0, nullptr), E_POINTER);
-  EXPECT_EQ(static_cast<CBaseOutputPin*>(composer_->GetPin(1))->GetMediaType(0, nullptr),
-            E_POINTER);
   ASSERT_EQ(ConnectOutput(), S_OK);
   ALLOCATOR_PROPERTIES in{};
   ALLOCATOR_PROPERTIES out{};
@@ -176,25 +161,20 @@ TEST_F(AudioPinsTest, TheOutputTakesTypeAndBuffersFromItsInput) {
   Output().HeldAllocator()->GetProperties(&out);
   EXPECT_EQ(out.cBuffers, in.cBuffers);
   EXPECT_EQ(out.cbBuffer, in.cbBuffer);
+  const auto stingy = fakes::StingyAllocator::Create(2);
+  EXPECT_EQ(Output().DecideBufferSize(stingy.Get(), &out), E_FAIL);
 }
 
 TEST_F(AudioPinsTest, AnOutputBeforeItsInputIsRefusedAndSaysSo) {
   packets_->pin.Disconnect();
   composer_->GetPin(kInput)->Disconnect();
   CMediaType type = fakes::AudioType(MEDIASUBTYPE_DOLBY_AC3);
-  EXPECT_EQ(Output().GetMediaType(0, &type), VFW_E_NOT_CONNECTED);
-  type = fakes::AudioType(MEDIASUBTYPE_DOLBY_AC3);
   EXPECT_EQ(Output().Connect(&audioSink_->pin, &type), E_FAIL);
-  const std::string told =
-      "Composer: output audio pin [0] was connected before the corresponding input pin";
-  EXPECT_THAT(logger_.Texts(), testing::Each(told));
   EXPECT_FALSE(logger_.Texts().empty());
-}
-
-TEST_F(AudioPinsTest, AnAllocatorThatGrantsLessIsRefused) {
-  audioSink_->pin.ownAllocator = ComPtr<IMemAllocator>(fakes::StingyAllocator::Create(2).Get());
-  ALLOCATOR_PROPERTIES request{};
-  EXPECT_EQ(Output().DecideBufferSize(audioSink_->pin.ownAllocator.Get(), &request), E_FAIL);
+  EXPECT_THAT(
+      logger_.Texts(),
+      testing::Each(
+          "Composer: output audio pin [0] was connected before the corresponding input pin"));
 }
 
 TEST_F(AudioPinsTest, NothingStallsUpstreamWhileTheOutputCannotTakeIt) {

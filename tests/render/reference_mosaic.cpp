@@ -229,14 +229,14 @@ void Painter::DrawMeter(std::int64_t x, std::int64_t y, std::int64_t w, std::int
 
 bool DrawMosaic(Compose& labels, std::span<const WindowState> windows,
                 std::span<const WindowOverlays> overlays, const Yv12Picture& canvas,
-                std::int32_t aspectX, std::int32_t aspectY) {
+                const qorp::Ratio& displayAspect) {
   Painter painter(canvas.data, canvas.width, canvas.height);
   for (std::size_t i = 0; i < windows.size(); ++i) {
     const WindowState& window = windows[i];
     Label* const label = labels.Find(static_cast<std::int32_t>(i));
     if (label != nullptr && window.enabled && window.picture != nullptr) {
       painter.CopyPicture(window.picture, window.w, window.h, window.x, window.y);
-      label->Draw(window, canvas, PixelAspect(canvas.width, canvas.height, aspectX, aspectY));
+      label->Draw(window, canvas, qorp::PixelAspect(canvas.width, canvas.height, displayAspect));
     }
   }
   for (std::size_t i = 0; i < windows.size(); ++i) {

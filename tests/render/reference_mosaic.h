@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <span>
 
-#include "render/compose.h"
+#include "render/drawing_engine.h"
 #include "render/mosaic_drawer.h"
 #include "render/window_state.h"
 
@@ -47,10 +47,10 @@ class Painter {
   const std::int64_t height_;
 };
 
-// A whole frame on a canvas that is shown at aspectX:aspectY. False when a selection does not fit:
-// the windows are drawn then, the selections up to it, and no meter.
+// A whole frame on a canvas that is shown at the display aspect. False when a selection does not
+// fit: the windows are drawn then, the selections up to it, and no meter.
 bool DrawMosaic(Compose& labels, std::span<const WindowState> windows,
                 std::span<const WindowOverlays> overlays, const Yv12Picture& canvas,
-                std::int32_t aspectX, std::int32_t aspectY);
+                const qorp::Ratio& displayAspect);
 
 }  // namespace reference

@@ -1,14 +1,9 @@
 #include "host/graph/picture_type.h"
 
+#include "pins/streams.h"
+
 namespace host {
 namespace {
-
-// The private types of the side streams, as the composer's pins expect them.
-constexpr GUID kLabel{0x67CA2076, 0x1596, 0x47C6, {0xA9, 0x6A, 0x85, 0xD7, 0x92, 0xAC, 0xAA, 0x53}};
-constexpr GUID kAudioAlarm{
-    0x053A2D3B, 0x77A2, 0x4DF3, {0xB4, 0x6F, 0x40, 0x21, 0x71, 0xA8, 0x1F, 0x59}};
-constexpr GUID kVideoAlarm{
-    0xAE3CE0F0, 0x0DCD, 0x4223, {0x88, 0xBA, 0x8E, 0x28, 0x63, 0xE6, 0x5A, 0x18}};
 
 CMediaType SideType(const GUID& major) {
   CMediaType type(&major);
@@ -42,13 +37,13 @@ CMediaType PictureType(int width, int height, Ratio frameRate, Ratio aspect) {
 }
 
 CMediaType LabelType() {
-  return SideType(kLabel);
+  return SideType(MEDIATYPE_LabelText);
 }
 CMediaType AudioAlarmType() {
-  return SideType(kAudioAlarm);
+  return SideType(MEDIATYPE_AudioAlarm);
 }
 CMediaType VideoAlarmType() {
-  return SideType(kVideoAlarm);
+  return SideType(MEDIATYPE_VideoAlarm);
 }
 
 }  // namespace host

@@ -10,6 +10,7 @@ extern "C" {
 #include "host/channel/source/media_error.h"
 #include "host/graph/graph_error.h"
 #include "host/session/wall_outputs.h"
+#include "pins/streams.h"
 #include "platform/com/wide_text.h"
 #include "platform/os/call_within.h"
 #include "util/string_format.h"
@@ -17,8 +18,6 @@ extern "C" {
 namespace host {
 namespace {
 
-// The composer shows every picture that long after its source.
-constexpr Time kWindowLatency = kSecond;
 constexpr std::chrono::milliseconds kFrameLimit{60'000};
 // For all readers together to notice that they are cancelled, and to close their connections.
 constexpr std::chrono::seconds kReadersLimit{2};

@@ -1,14 +1,15 @@
 // The loops over samples that take the drawing's time, in several versions that give the same
-// bytes: the scalar one says what they are, the others are faster.
+// bytes: the scalar one is the reference implementation, the others are faster.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <span>
 
-namespace kernels {
+#include "render/kernels/samples.h"
 
-struct BarRun;
+namespace kernels {
 
 inline constexpr std::int32_t kFadeLayers = 4;
 
@@ -26,9 +27,46 @@ constexpr std::uint8_t Fade(std::uint8_t sample, std::int16_t factor) {
   return static_cast<std::uint8_t>(128 + ((((sample - 128) * factor >> 14) + 1) >> 1));
 }
 
-// One version of all loops. Each works on a rectangle of one plane, in place: `columns` samples in
-// each of `rows` rows (either may be 0), the rows `stride` bytes apart. Tables lie row behind row
-// without padding unless a stride is given. No sample outside the rectangle is read or written.
+// Columns [left, right) and rows [top, bottom); empty when they meet.
+struct PlaneBounds {
+  std::int32_t left = 0;
+  std::int32_t top = 0;
+  std::int32_t right = 0;
+  std::int32_t bottom = 0;
+};
+
+// A 32-bit bitmap: straight alpha; bytes blue, green, red, alpha.
+struct ArgbRows {
+  const std::uint8_t* pixels;
+  std::ptrdiff_t stride;  // bytes from row to row; negative for a bottom-up bitmap
+};
+
+// A bitmap in one colour: of a pixel only the coverage is known, 0 where there is no text.
+struct CoverageBitmap {
+  const std::uint8_t* coverage = nullptr;  // the top left pixel
+  std::ptrdiff_t stride = 0;               // bytes from row to row
+  PlaneBounds ink;                         // outside every coverage is 0
+  std::array<std::uint8_t, 3> colour{};    // blue, green, red
+  std::array<std::uint8_t, 3> clear{};     // of pixels that are transparent
+  // Opacity of each coverage; the first is 0.
+  std::array<std::uint8_t, 256> opacities{};
+};
+
+// Where a bitmap of the same size is converted to.
+struct OverlayPlanes {
+  std::int32_t width;  // pixels, at least 2
+  std::int32_t height;
+  std::uint8_t* alpha;  // width bytes a row
+  std::uint8_t* luma;
+  std::uint8_t* firstChroma;  // width/2 bytes a row
+  std::uint8_t* secondChroma;
+  std::uint8_t* chromaAlpha;
+};
+
+// One version of all loops. The first four work on a rectangle of one plane, in place: `columns`
+// samples in each of `rows` rows (either may be 0), the rows `stride` bytes apart. Tables lie row
+// behind row without padding unless a stride is given. No sample outside the rectangle is read or
+// written.
 struct DrawingKernels {
   const char* name;
 
@@ -51,18 +89,21 @@ struct DrawingKernels {
   void (*fade)(std::uint8_t* to, std::ptrdiff_t stride, std::int32_t columns, std::int32_t rows,
                const std::int16_t* factors);
 
-  // All bars of a panel at once, with what shows of it between them. Null in versions that have
-  // nothing faster than the loops above and those of bar_kernels.h.
-  void (*barStrips)(const BarRun& run);
+  // Convert columns [left, right) and rows [top, bottom) of blocks of 2x2 pixels of a bitmap. A
+  // block's chroma is made of the 4x4 pixels around it; at the edges of the bitmap the outermost
+  // pixels repeat.
+  void (*convertPixels)(const ArgbRows& bitmap, const OverlayPlanes& to, const PlaneBounds& blocks);
+  void (*convertCoverage)(const CoverageBitmap& bitmap, const OverlayPlanes& to,
+                          const PlaneBounds& blocks);
 };
 
-// The definition.
+// The reference implementation.
 const DrawingKernels& ScalarKernels();
 // Vectors of 16 bytes, for every processor of the architecture.
 const DrawingKernels& BaseKernels();
 // For x86 processors that have AVX2; null where the processor has not.
 const DrawingKernels* Avx2Kernels();
-// The versions that this processor can run, the definition first, the fastest last.
+// The versions that this processor can run, the reference implementation first, the fastest last.
 std::span<const DrawingKernels* const> AllKernels();
 
 // What the drawing uses: the fastest version, unless UseKernels has chosen another one (for tests

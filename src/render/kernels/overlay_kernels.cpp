@@ -4,78 +4,20 @@
 #include <array>
 #include <bit>
 #include <cstring>
-#include <vector>
+
+#include "render/kernels/inlining.h"
 
 namespace kernels {
 
 namespace {
 
-#define TAVREL_INLINE inline __attribute__((always_inline))
-
 template <typename T>
-TAVREL_INLINE T Limit(T value, T least, T most) {
-  return value < least ? least : value > most ? most : value;
+TAVREL_INLINE T Limit(T value, T low, T high) {
+  return value < low ? low : value > high ? high : value;
 }
 
-// The definition.
-void ConvertPixelsScalar(const ArgbRows& bitmap, const OverlayPlanes& to,
-                         const PlaneBounds& blocks) {
-  // How much each pixel around a block counts for the block's chroma.
-  static constexpr std::array<std::array<std::int32_t, 4>, 4> kWeights{
-      {{0, 1, 1, 0}, {1, 3, 3, 1}, {1, 3, 3, 1}, {0, 1, 1, 0}}};
-  for (std::int32_t by = blocks.top; by < blocks.bottom; ++by) {
-    for (std::int32_t bx = blocks.left; bx < blocks.right; ++bx) {
-      std::int64_t weight = 0;
-      std::int64_t p = 0;
-      std::int64_t q = 0;
-      for (std::int32_t i = 0; i < 4; ++i) {
-        const std::int32_t row = std::clamp(2 * by - 1 + i, 0, to.height - 1);
-        for (std::int32_t k = 0; k < 4; ++k) {
-          const std::int32_t column = std::clamp(2 * bx - 1 + k, 0, to.width - 1);
-          const std::uint8_t* pixel =
-              bitmap.pixels + row * bitmap.stride + std::ptrdiff_t{column} * 4;
-          const Ycbcr88 colour = RgbToYcbcr601(pixel[0], pixel[1], pixel[2]);
-          if ((i == 1 || i == 2) && (k == 1 || k == 2)) {
-            const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(row) * to.width + column;
-            to.luma[at] = static_cast<std::uint8_t>(Limit((colour.y + 128) >> 8, 16, 235));
-            to.alpha[at] = pixel[3];
-          }
-          const std::int64_t weighted = std::int64_t{kWeights[i][k]} * pixel[3];
-          weight += weighted;
-          p += weighted * colour.p;
-          q += weighted * colour.q;
-        }
-      }
-      const auto chroma = [&](std::int64_t sum) -> std::uint8_t {
-        return weight == 0 ? 128
-                           : static_cast<std::uint8_t>(
-                                 Limit<std::int64_t>((sum / weight + 128) >> 8, 16, 240));
-      };
-      const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(by) * (to.width / 2) + bx;
-      to.firstChroma[at] = chroma(p);
-      to.secondChroma[at] = chroma(q);
-      // The weights are those of the inner and the edge alphas in the chroma's opacity as well.
-      to.chromaAlpha[at] = static_cast<std::uint8_t>((weight + 10) / 20);
-    }
-  }
-}
-
-void ConvertCoverageScalar(const CoverageBitmap& bitmap, const OverlayPlanes& to,
-                           const PlaneBounds& blocks) {
-  std::vector<std::uint8_t> pixels;
-  pixels.reserve(static_cast<std::size_t>(to.width) * to.height * 4);
-  for (std::int32_t y = 0; y < to.height; ++y) {
-    for (std::int32_t x = 0; x < to.width; ++x) {
-      const std::uint8_t opacity = bitmap.opacities[bitmap.coverage[y * bitmap.stride + x]];
-      const auto& colour = opacity == 0 ? bitmap.clear : bitmap.colour;
-      pixels.insert(pixels.end(), {colour[0], colour[1], colour[2], opacity});
-    }
-  }
-  ConvertPixelsScalar({pixels.data(), std::ptrdiff_t{to.width} * 4}, to, blocks);
-}
-
-// The fast versions convert each pixel once and sum rows before columns. Plain loops that the
-// compiler vectorises.
+// Each pixel is converted once, and rows are summed before columns. Plain loops that the compiler
+// vectorises.
 
 // Columns of a strip; what is kept of its rows fits the first-level cache.
 constexpr std::int32_t kStrip = 256;
@@ -340,43 +282,25 @@ TAVREL_INLINE void ConvertCoverageInStrips(const CoverageBitmap& bitmap, const O
       });
 }
 
-void ConvertPixelsBase(const ArgbRows& bitmap, const OverlayPlanes& to, const PlaneBounds& blocks) {
-  ConvertPixelsInStrips(bitmap, to, blocks);
-}
-void ConvertCoverageBase(const CoverageBitmap& bitmap, const OverlayPlanes& to,
-                         const PlaneBounds& blocks) {
-  ConvertCoverageInStrips(bitmap, to, blocks);
-}
-
-#if defined(__x86_64__)
-__attribute__((target("avx2"))) void ConvertPixelsAvx2(const ArgbRows& bitmap,
-                                                       const OverlayPlanes& to,
-                                                       const PlaneBounds& blocks) {
-  ConvertPixelsInStrips(bitmap, to, blocks);
-}
-__attribute__((target("avx2"))) void ConvertCoverageAvx2(const CoverageBitmap& bitmap,
-                                                         const OverlayPlanes& to,
-                                                         const PlaneBounds& blocks) {
-  ConvertCoverageInStrips(bitmap, to, blocks);
-}
-#endif
-
 }  // namespace
 
-std::span<const OverlayKernel> AllOverlayKernels() {
-  static constexpr std::array kAll {
-    OverlayKernel{"scalar", ConvertPixelsScalar, ConvertCoverageScalar},
-        OverlayKernel{"base", ConvertPixelsBase, ConvertCoverageBase},
-#if defined(__x86_64__)
-        OverlayKernel{"avx2", ConvertPixelsAvx2, ConvertCoverageAvx2},
-#endif
-  };
-#if defined(__x86_64__)
-  static const bool kHasAvx2 = __builtin_cpu_supports("avx2") != 0;
-  return std::span(kAll).first(kHasAvx2 ? kAll.size() : kAll.size() - 1);
-#else
-  return kAll;
-#endif
+void ConvertPixels(const ArgbRows& bitmap, const OverlayPlanes& to, const PlaneBounds& blocks) {
+  ConvertPixelsInStrips(bitmap, to, blocks);
 }
+void ConvertCoverage(const CoverageBitmap& bitmap, const OverlayPlanes& to,
+                     const PlaneBounds& blocks) {
+  ConvertCoverageInStrips(bitmap, to, blocks);
+}
+
+#if defined(__x86_64__)
+TAVREL_AVX2 void ConvertPixelsAvx2(const ArgbRows& bitmap, const OverlayPlanes& to,
+                                   const PlaneBounds& blocks) {
+  ConvertPixelsInStrips(bitmap, to, blocks);
+}
+TAVREL_AVX2 void ConvertCoverageAvx2(const CoverageBitmap& bitmap, const OverlayPlanes& to,
+                                     const PlaneBounds& blocks) {
+  ConvertCoverageInStrips(bitmap, to, blocks);
+}
+#endif
 
 }  // namespace kernels

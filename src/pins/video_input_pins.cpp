@@ -1,12 +1,15 @@
-#include "pins/window_pin.h"
+#include "pins/video_input_pins.h"
 
 #include <limits>
 
-#include "filter/compose.h"
+#include "pins/pin_owner.h"
 #include "platform/dshow/reference_time.h"
 #include "platform/dshow/vfw_errors.h"
+#include "util/ratio.h"
 
 namespace {
+
+constexpr qorp::Ratio kDefaultFrameRate{25, 1};
 
 bool CarriesType(IMediaSample* sample, CMediaType* type) {
   OwnedMediaType carried;
@@ -19,7 +22,71 @@ bool CarriesType(IMediaSample* sample, CMediaType* type) {
 
 }  // namespace
 
-CComposeInputVideoWindowPin::CComposeInputVideoWindowPin(CCompose* composer, CCritSec* lock,
+CComposeInputVideoPin::CComposeInputVideoPin(PinOwner* composer, CCritSec* lock, HRESULT* hr,
+                                             LPCWSTR name, ULONG number)
+    : CInputPinWithDynamicMediaType(nullptr, composer, lock, hr, name),
+      index(number),
+      filter(composer),
+      frameDuration(qorp::FrameDuration(kDefaultFrameRate)) {
+  SetReconnectWhenActive(true);
+}
+
+CComposeInputVideoPin::~CComposeInputVideoPin() = default;
+
+HRESULT CComposeInputVideoPin::CheckMediaType(const CMediaType* type) {
+  const bool accepted =
+      type->majortype == MEDIATYPE_Video && type->subtype == MEDIASUBTYPE_YV12 &&
+      (type->formattype == FORMAT_VideoInfo2 || type->formattype == FORMAT_VideoInfo);
+  return accepted ? S_OK : S_FALSE;
+}
+
+HRESULT CComposeInputVideoPin::GetAllocatorRequirements(ALLOCATOR_PROPERTIES* properties) {
+  if (properties == nullptr) {
+    return E_POINTER;
+  }
+  *properties = {kRequiredBuffers, 1, kBufferAlign, 0};
+  return S_OK;
+}
+
+HRESULT CComposeInputVideoPin::NotifyAllocator(IMemAllocator* allocator, BOOL readOnly) {
+  // The demands are negotiated here rather than checked by the direct base.
+  // NOLINTNEXTLINE(bugprone-parent-virtual-call)
+  const HRESULT noted = CBaseInputPin::NotifyAllocator(allocator, readOnly);
+  if (allocator == nullptr) {
+    return noted;
+  }
+  ALLOCATOR_PROPERTIES properties{};
+  allocator->GetProperties(&properties);
+  if (properties.cBuffers >= kRequiredBuffers) {
+    return noted;
+  }
+  properties.cBuffers = kRequiredBuffers;
+  ALLOCATOR_PROPERTIES actual{};
+  const HRESULT set = allocator->SetProperties(&properties, &actual);
+  if (FAILED(set)) {
+    return set;
+  }
+  return actual.cBuffers == kRequiredBuffers ? set : E_FAIL;
+}
+
+HRESULT CComposeInputVideoPin::ReadVideoFormat(const CMediaType& type, LONG* width, LONG* height) {
+  if (type.subtype != MEDIASUBTYPE_YV12) {
+    filter->Logger()->log(qorp::log::kError, "[Pin #%d] Trying to set a wrong media type",
+                          static_cast<int>(index));
+    return S_FALSE;
+  }
+  // A VIDEOINFOHEADER, which the connection accepts, never changes the frame duration or the size.
+  const auto* const format = FormatBlock<VIDEOINFOHEADER2>(type);
+  if (type.formattype != FORMAT_VideoInfo2 || format == nullptr) {
+    return S_FALSE;
+  }
+  frameDuration = format->AvgTimePerFrame;
+  *width = format->bmiHeader.biWidth;
+  *height = format->bmiHeader.biHeight;
+  return S_OK;
+}
+
+CComposeInputVideoWindowPin::CComposeInputVideoWindowPin(PinOwner* composer, CCritSec* lock,
                                                          HRESULT* hr, LPCWSTR name, ULONG number)
     : CComposeInputVideoPin(composer, lock, hr, name, number) {
   queue.reserve(kResyncHighWater + 2);
@@ -66,7 +133,7 @@ HRESULT CComposeInputVideoWindowPin::OnReceive(IMediaSample* sample) {
 
 void CComposeInputVideoWindowPin::ReceiveTimed(IMediaSample* sample, REFERENCE_TIME start,
                                                REFERENCE_TIME stop) {
-  qorp::log::ILogPerf* const logger = filter->logger.load();
+  qorp::log::ILogPerf* const logger = filter->Logger();
   if (queue.size() >= kResyncHighWater) {
     ReleaseOlderSamples(SubtractTimes(start, latency));
     logger->log(qorp::log::kWarning, "Composer audio/video #%d resynchronizes (+) (%d)",
@@ -90,17 +157,12 @@ void CComposeInputVideoWindowPin::ResetTimeOffset(IMediaSample* sample) {
   REFERENCE_TIME start = 0;
   REFERENCE_TIME stop = 0;
   sample->GetTime(&start, &stop);
-  timeOffset = SubtractTimes(filter->lastBackgroundStart, start);
+  timeOffset = SubtractTimes(filter->PresentTime(), start);
 }
 
 void CComposeInputVideoWindowPin::FlushSamples() {
   const CAutoLock guard(&queueLock);
   queue.clear();
-}
-
-std::size_t CComposeInputVideoWindowPin::QueueLength() {
-  const CAutoLock guard(&queueLock);
-  return queue.size();
 }
 
 void CComposeInputVideoWindowPin::ReleaseOlderSamples(REFERENCE_TIME time) {
@@ -172,4 +234,38 @@ HRESULT CComposeInputVideoWindowPin::ReadTime(IMediaSample* sample, REFERENCE_TI
                                               REFERENCE_TIME* stop) {
   const CAutoLock guard(&queueLock);
   return sample->GetTime(start, stop);
+}
+
+CComposeInputVideoBackgroundPin::CComposeInputVideoBackgroundPin(PinOwner* composer, CCritSec* lock,
+                                                                 HRESULT* hr, LPCWSTR name)
+    : CComposeInputVideoPin(composer, lock, hr, name, 0) {}
+
+CComposeInputVideoBackgroundPin::~CComposeInputVideoBackgroundPin() = default;
+
+HRESULT CComposeInputVideoBackgroundPin::CheckVideoFormat(const CMediaType& type, LONG* width,
+                                                          LONG* height) {
+  return ReadVideoFormat(type, width, height);
+}
+
+HRESULT CComposeInputVideoBackgroundPin::OnReceive(IMediaSample* sample) {
+  REFERENCE_TIME start = 0;
+  REFERENCE_TIME stop = 0;
+  const HRESULT timed = sample->GetTime(&start, &stop);
+  if (timed == VFW_E_SAMPLE_TIME_NOT_SET) {
+    start = AddTimes(filter->PresentTime(), frameDuration);
+    stop = AddTimes(start, frameDuration);
+    const HRESULT set = sample->SetTime(&start, &stop);
+    if (FAILED(set)) {
+      filter->Logger()->log(qorp::log::kError,
+                            "Composer background input could not be timestamped");
+      return set;
+    }
+  } else if (FAILED(timed)) {
+    filter->Logger()->log(qorp::log::kError,
+                          "Composer background input pin received an incorrect media sample");
+    return timed;
+  }
+  filter->SetPresentTime(start);
+  filter->QueueBackgroundFrame(ComPtr<IMediaSample>(sample));
+  return S_OK;
 }

@@ -1,4 +1,4 @@
-#include "render/label.h"
+#include "render/drawing_engine.h"
 
 #include <algorithm>
 #include <cmath>
@@ -32,7 +32,7 @@ std::optional<LabelRect> LabelRectOf(const WindowState& window, std::int32_t can
                    static_cast<std::int32_t>(bottom)};
 }
 
-Label::Label(std::uint32_t windowIndex) : windowIndex_(windowIndex) {
+Label::Label() {
   renderer_.SetFontName(u"Segoe UI");
   renderer_.SetBackgroundColour({255, 0, 255, 0});
 }
@@ -44,7 +44,8 @@ void Label::SetText(std::string_view text) {
   }
 }
 
-void Label::Draw(const WindowState& window, const Yv12Picture& canvas, const Ratio& pixelAspect) {
+void Label::Draw(const WindowState& window, const Yv12Picture& canvas,
+                 const qorp::WideRatio& pixelAspect) {
   if (text_.empty()) {
     return;
   }
@@ -60,4 +61,42 @@ void Label::Draw(const WindowState& window, const Yv12Picture& canvas, const Rat
   renderer_.SetFontSize(LabelFontSize(canvas.height));
   renderer_.SetPixelAspect(pixelAspect);
   renderer_.Draw(*rect, wideText_);
+}
+
+Compose::Compose(std::int32_t windowCount) {
+  for (std::int32_t i = 0; i < windowCount; ++i) {
+    labels_.push_back(std::make_unique<Label>());
+  }
+}
+
+Label* Compose::Find(std::int32_t windowIndex) {
+  return windowIndex >= 0 && windowIndex < LabelCount()
+             ? labels_[static_cast<std::size_t>(windowIndex)].get()
+             : nullptr;
+}
+
+void SetLabelText(Compose& labels, std::int32_t windowIndex, std::string_view text) {
+  if (Label* const label = labels.Find(windowIndex)) {
+    label->SetText(text);
+  }
+}
+
+void ParseLabelColour(Compose& labels, std::int32_t windowIndex, const char* text) {
+  Label* const label = labels.Find(windowIndex);
+  if (label == nullptr) {
+    return;
+  }
+  TextRenderer& renderer = label->Renderer();
+  const std::optional<LabelColour> colour =
+      text != nullptr ? ReadLabelColour(text) : std::optional<LabelColour>();
+  renderer.SetTextColour(colour.value_or(renderer.TextColour()));
+}
+
+void DrawWindow(Label& label, const WindowState& window, const Yv12Picture& canvas,
+                const qorp::WideRatio& pixelAspect) {
+  if (!window.IsDrawn()) {
+    return;
+  }
+  CopyPictureClipped(window.picture, window.w, window.h, canvas, window.x, window.y);
+  label.Draw(window, canvas, pixelAspect);
 }

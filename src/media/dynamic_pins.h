@@ -1,7 +1,8 @@
-// CInputPinWithDynamicMediaType: an input pin whose format may change while the graph runs.
+// The pin bases whose format may change while the graph runs.
 #pragma once
 
 #include "platform/baseclasses/base_input_pin.h"
+#include "platform/baseclasses/base_output_pin.h"
 
 // Base of every input pin of the composer. It takes a new connection or a reconnection at any time,
 // hands the connection's media type to the first sample after it, applies a type that a sample
@@ -36,5 +37,29 @@ class CInputPinWithDynamicMediaType : public CBaseInputPin {
 
   CCritSec typeLock;  // recursive: a derived SetMediaType may lead back here
   // The next sample that brings no type of its own gets the connection's. Changed under typeLock.
+  std::atomic<bool> typePending{true};
+};
+
+// Base for output pins of the product's filters (the composer's own do not need it). Deliver and
+// ChangeMediaType belong to the filter's streaming thread.
+class COutputPinWithDynamicMediaType : public CBaseOutputPin {
+ public:
+  COutputPinWithDynamicMediaType(const char* objectName, CBaseFilter* filter, CCritSec* lock,
+                                 HRESULT* hr, LPCWSTR name);
+  ~COutputPinWithDynamicMediaType() override;
+
+  // Marks the first sample after a connection or a change with the connection's type.
+  HRESULT Deliver(IMediaSample* sample) override;
+
+  // Moves the connection to another type. Without reconnect the peer is asked to accept it on the
+  // fly, and the next sample carries it; with reconnect the connection and its allocator are made
+  // again. Not connected, or already of that type: S_OK and nothing happens.
+  HRESULT ChangeMediaType(const CMediaType& type, bool reconnect);
+
+ private:
+  HRESULT WrapWithType(IMediaSample* sample, ComPtr<IMediaSample>* wrapper);
+  HRESULT AskPeer(IPin* peer, const CMediaType& type);
+  HRESULT ReconnectWith(IPin* peer, const CMediaType& type);
+
   std::atomic<bool> typePending{true};
 };

@@ -1,11 +1,11 @@
-#include "pins/audio_input_pin.h"
+#include "pins/audio_pins.h"
 
 #include <algorithm>
 #include <cstring>
 #include <iterator>
 
-#include "filter/compose.h"
-#include "pins/audio_output_pin.h"
+#include "pins/pin_owner.h"
+#include "pins/video_input_pins.h"
 #include "platform/dshow/reference_time.h"
 #include "platform/dshow/vfw_errors.h"
 #include "platform/os/ticks.h"
@@ -76,7 +76,7 @@ void CopySampleProperties(IMediaSample* source, IMediaSample* target) {
 
 }  // namespace
 
-CComposeInputAudioCompressedPin::CComposeInputAudioCompressedPin(CCompose* composer, CCritSec* lock,
+CComposeInputAudioCompressedPin::CComposeInputAudioCompressedPin(PinOwner* composer, CCritSec* lock,
                                                                  HRESULT* hr, LPCWSTR name,
                                                                  ULONG number)
     : CInputPinWithDynamicMediaType(nullptr, composer, lock, hr, name),
@@ -115,10 +115,9 @@ HRESULT CComposeInputAudioCompressedPin::OnReceive(IMediaSample* sample) {
   REFERENCE_TIME stop = 0;
   const HRESULT timed = sample->GetTime(&start, &stop);
   if (FAILED(timed) && timed != VFW_E_SAMPLE_TIME_NOT_SET) {
-    filter->logger.load()->log(
-        qorp::log::kWarning,
-        "Audio pin #%d: bad packet detected while retrieving timing (%d bytes)",
-        static_cast<int>(index), static_cast<int>(sample->GetActualDataLength()));
+    filter->Logger()->log(qorp::log::kWarning,
+                          "Audio pin #%d: bad packet detected while retrieving timing (%d bytes)",
+                          static_cast<int>(index), static_cast<int>(sample->GetActualDataLength()));
     return timed;
   }
   ComPtr<IMediaSample> copy;
@@ -127,8 +126,11 @@ HRESULT CComposeInputAudioCompressedPin::OnReceive(IMediaSample* sample) {
   }
   CopySampleProperties(sample, copy.Get());
   if (SUCCEEDED(timed)) {
-    const CComposeInputVideoWindowPin& window = *filter->inputs.at(static_cast<LONG>(index)).video;
-    const REFERENCE_TIME shift = AddTimes(window.TimeOffset(), window.Latency());
+    const CComposeInputVideoWindowPin* const window = filter->WindowPin(static_cast<LONG>(index));
+    if (window == nullptr) {
+      return E_FAIL;
+    }
+    const REFERENCE_TIME shift = AddTimes(window->TimeOffset(), window->Latency());
     start = AddTimes(start, shift);
     stop = AddTimes(stop, shift);
     hr = copy->SetTime(&start, &stop);
@@ -139,4 +141,87 @@ HRESULT CComposeInputAudioCompressedPin::OnReceive(IMediaSample* sample) {
   const CAutoLock guard(m_pLock);
   hr = pairedOutput->Deliver(copy.Get());
   return FAILED(hr) && hr != VFW_E_NOT_CONNECTED ? hr : S_OK;
+}
+
+CComposeOutputAudioCompressedPin::CComposeOutputAudioCompressedPin(PinOwner* composer,
+                                                                   CCritSec* lock, HRESULT* hr,
+                                                                   LPCWSTR name, ULONG number)
+    : CBaseOutputPin(nullptr, composer, lock, hr, name), index(number), filter(composer) {
+  SetReconnectWhenActive(true);
+}
+
+CComposeOutputAudioCompressedPin::~CComposeOutputAudioCompressedPin() {
+  ReleasePeer();
+}
+
+HRESULT CComposeOutputAudioCompressedPin::CheckMediaType(const CMediaType* type) {
+  return type->majortype == MEDIATYPE_Audio && type->subtype != GUID_NULL ? S_OK : S_FALSE;
+}
+
+HRESULT CComposeOutputAudioCompressedPin::GetMediaType(int position, CMediaType* type) {
+  if (position != 0) {
+    return VFW_S_NO_MORE_ITEMS;
+  }
+  return type != nullptr ? CopyInputType(type) : E_POINTER;
+}
+
+HRESULT CComposeOutputAudioCompressedPin::CopyInputType(CMediaType*& type) {
+  CComposeInputAudioCompressedPin* const input = filter->AudioInputPin(static_cast<LONG>(index));
+  if (input == nullptr) {
+    return E_FAIL;
+  }
+  CMediaType carried;
+  const HRESULT hr = input->ConnectionMediaType(&carried);
+  return FAILED(hr) ? hr : HandOut(std::move(carried), type);
+}
+
+HRESULT CComposeOutputAudioCompressedPin::DecideBufferSize(IMemAllocator* allocator,
+                                                           ALLOCATOR_PROPERTIES* request) {
+  CComposeInputAudioCompressedPin* const input = filter->AudioInputPin(static_cast<LONG>(index));
+  if (input == nullptr || !input->IsConnected()) {
+    filter->Logger()->log(
+        qorp::log::kError,
+        "Composer: output audio pin [%d] was connected before the corresponding input pin",
+        static_cast<int>(index));
+    return E_FAIL;
+  }
+  const ComPtr<IMemAllocator> inputAllocator = input->HeldAllocator();
+  if (!inputAllocator) {
+    filter->Logger()->log(
+        qorp::log::kError,
+        "Composer: output audio pin [%d] allocator cannot copy  its properties from the "
+        "corresponding input pin",
+        static_cast<int>(index));
+    return E_FAIL;
+  }
+  HRESULT hr = inputAllocator->GetProperties(request);
+  if (hr != S_OK) {
+    return hr;
+  }
+  ALLOCATOR_PROPERTIES actual{};
+  hr = allocator->SetProperties(request, &actual);
+  if (FAILED(hr)) {
+    return hr;
+  }
+  return actual.cbBuffer < request->cbBuffer || actual.cBuffers < request->cBuffers ? E_FAIL : S_OK;
+}
+
+HRESULT CComposeOutputAudioCompressedPin::CompleteConnect(IPin* pin) {
+  const HRESULT hr = CBaseOutputPin::CompleteConnect(pin);
+  if (FAILED(hr) || filter->IsStopped()) {
+    return hr;
+  }
+  const ComPtr<IMemAllocator> allocator = HeldAllocator();
+  return allocator ? allocator->Commit() : hr;
+}
+
+HRESULT CComposeOutputAudioCompressedPin::Disconnect() {
+  const CAutoLock guard(m_pLock);
+  if (!filter->IsStopped()) {
+    const HRESULT hr = Inactive();
+    if (FAILED(hr)) {
+      return hr;
+    }
+  }
+  return CBaseOutputPin::Disconnect();
 }
