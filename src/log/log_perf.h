@@ -8,10 +8,9 @@
 #include <optional>
 
 #include "log/i_log_perf.h"
-#include "log/log_clock.h"
+#include "log/log_time.h"
 #include "log/message_queue.h"
-#include "log/pin_table.h"
-#include "log/restart_monitor.h"
+#include "log/performance.h"
 #include "log/sink_set.h"
 #include "platform/os/brief_mutex.h"
 #include "platform/os/event.h"

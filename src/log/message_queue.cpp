@@ -2,7 +2,7 @@
 
 #include <mutex>
 
-#include "log/levels.h"
+#include "log/i_log_perf.h"
 
 namespace qorp::log {
 

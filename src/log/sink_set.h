@@ -13,7 +13,6 @@
 #include <vector>
 
 #include "log/i_log_sink.h"
-#include "log/i_perf_observer.h"
 #include "log/message_queue.h"
 
 namespace qorp::log {

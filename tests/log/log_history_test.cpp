@@ -1,5 +1,3 @@
-#include "log/log_history.h"
-
 #include <stdexcept>
 #include <string>
 

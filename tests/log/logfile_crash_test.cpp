@@ -22,7 +22,7 @@
 #include <unistd.h>
 
 #include "log/log_file_reader.h"
-#include "log/recovering_logfile_sink.h"
+#include "log/logfile_sink.h"
 #include "tests/support/temporary_folder.h"
 
 namespace {

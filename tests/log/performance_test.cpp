@@ -1,3 +1,5 @@
+#include "log/performance.h"
+
 #include <cstdint>
 #include <memory>
 #include <stdexcept>
@@ -11,7 +13,6 @@
 #include <gtest/gtest.h>
 
 #include "log/log_perf.h"
-#include "log/restart_monitor.h"
 #include "platform/os/debugger_output.h"
 #include "tests/support/manual_log_clock.h"
 #include "tests/support/recording_sink.h"

@@ -1,3 +1,5 @@
+#include "log/sinks.h"
+
 #include <array>
 #include <cstdlib>
 #include <ctime>
@@ -8,9 +10,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "log/console_sink.h"
-#include "log/ostream_sink.h"
-#include "log/syslog_sink.h"
 #include "tests/support/datagram_receiver.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <span>
 #include <vector>
 
-#include "log/log_clock.h"
+#include "log/log_time.h"
 #include "platform/os/event.h"
 
 // Any thread reads it; one thread, the logger's worker, waits.
