@@ -15,8 +15,7 @@
 #include "pins/background_pin.h"
 #include "pins/video_output_pin.h"
 #include "platform/baseclasses/base_filter.h"
-#include "platform/os/event.h"
-#include "platform/os/semaphore.h"
+#include "platform/os/waitable.h"
 #include "render/compose.h"
 #include "util/thread.h"
 

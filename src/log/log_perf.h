@@ -12,9 +12,9 @@
 #include "log/message_queue.h"
 #include "log/performance.h"
 #include "log/sink_set.h"
-#include "platform/os/brief_mutex.h"
-#include "platform/os/event.h"
-#include "platform/os/process_statistics.h"
+#include "platform/os/mutex.h"
+#include "platform/os/process.h"
+#include "platform/os/waitable.h"
 #include "util/thread.h"
 
 namespace qorp::log {

@@ -6,7 +6,6 @@
 #include <string>
 
 #include "platform/os/system_time.h"
-#include "platform/os/ticks.h"
 #include "platform/os/waitable.h"
 
 namespace qorp::log {

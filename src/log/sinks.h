@@ -1,4 +1,5 @@
-// The sinks that keep nothing: console, output stream and syslog server. The log file: logfile_sink.h.
+// The sinks that keep nothing: console, output stream and syslog server. The log file:
+// logfile_sink.h.
 #pragma once
 
 #include <cstdint>

@@ -3,7 +3,7 @@
 #include <limits>
 #include <utility>
 
-#include "platform/os/ticks.h"
+#include "platform/os/system_time.h"
 #include "util/date.h"
 
 namespace qorp {

@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/os/event.h"
+#include "platform/os/waitable.h"
 #include "util/date.h"
 
 namespace {

@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/os/event.h"
+#include "platform/os/waitable.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include "host/ffmpeg/printable.h"
 #include "log/log_file_reader.h"
 #include "platform/os/error_numbers.h"
-#include "platform/os/stop_signals.h"
+#include "platform/os/service.h"
 
 namespace host::cli {
 namespace {

@@ -24,8 +24,8 @@
 #include "host/output/output_set.h"
 #include "host/session/wall_outputs.h"
 #include "host/session/wall_session.h"
+#include "platform/os/service.h"
 #include "platform/os/standard_stream.h"
-#include "platform/os/stop_signals.h"
 
 namespace host::cli {
 namespace {

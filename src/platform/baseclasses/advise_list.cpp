@@ -2,8 +2,7 @@
 
 #include <algorithm>
 
-#include "platform/os/event.h"
-#include "platform/os/semaphore.h"
+#include "platform/os/waitable.h"
 
 DWORD_PTR AdviseList::AddOnce(REFERENCE_TIME time, HEVENT event) {
   const std::lock_guard guard(lock_);

@@ -6,8 +6,8 @@
 
 #include "platform/baseclasses/advise_list.h"
 #include "platform/baseclasses/unknown_base.h"
-#include "platform/os/event.h"
 #include "platform/os/thread.h"
+#include "platform/os/waitable.h"
 
 // Base of reference clocks. The derived clock says what time it is (GetPrivateTime); what is shown
 // outside never goes back. A thread of the clock's own signals advises; it is started with the

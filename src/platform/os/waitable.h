@@ -1,11 +1,12 @@
-// Waiting for kernel objects, alone or for the first of several.
+// Kernel objects and waiting for them, alone or for the first of several: Event, Semaphore. Thread
+// has a file of its own.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 #include <span>
 
-#include "platform/os/brief_mutex.h"
+#include "platform/os/mutex.h"
 
 namespace os {
 
@@ -76,5 +77,46 @@ class Waitable {
 // consumed. kWaitTimeout when none was signalled within the time, kWaitFailed for an empty list, a
 // null in it or a failure of the system.
 std::uint32_t WaitAny(std::span<Waitable* const> objects, std::uint32_t milliseconds);
+
+// Set by any thread. An automatic event lets one wait pass and is then clear again (setting it
+// twice before that still lets one pass); a manual one lets all pass until it is cleared.
+class Event final : public Waitable {
+ public:
+  enum class Reset { kAuto, kManual };
+
+  // Throws std::system_error when the system refuses it.
+  explicit Event(Reset reset, bool initiallySet = false);
+
+  void Set();
+  void Clear();
+
+ private:
+  bool TryTake() override;
+  Signal& GetSignal() override { return signal_; }
+
+  const Reset reset_;
+  Signal signal_;     // set while set_
+  bool set_ = false;  // guarded by the lock of signal_
+};
+
+// A count between 0 and maximum; signalled while it is above 0, each wait takes one. Released by
+// any thread.
+class Semaphore final : public Waitable {
+ public:
+  // Throws std::invalid_argument unless 0 <= initial <= maximum and 0 < maximum, std::system_error
+  // when the system refuses it.
+  explicit Semaphore(std::int32_t initial, std::int32_t maximum = 0x7FFFFFFF);
+
+  // Adds count (at least 1). False, with nothing changed, when that would pass the maximum.
+  bool Release(std::int32_t count = 1);
+
+ private:
+  bool TryTake() override;
+  Signal& GetSignal() override { return signal_; }
+
+  const std::int32_t maximum_;
+  Signal signal_;       // set while count_ is above 0
+  std::int32_t count_;  // guarded by the lock of signal_
+};
 
 }  // namespace os

@@ -17,9 +17,8 @@
 
 #include "platform/os/console.h"
 #include "platform/os/datagram.h"
-#include "platform/os/process_statistics.h"
+#include "platform/os/process.h"
 #include "platform/os/system_time.h"
-#include "platform/os/ticks.h"
 #include "platform/os/volumes.h"
 #include "tests/support/datagram_receiver.h"
 

@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/os/event.h"
+#include "platform/os/waitable.h"
 
 namespace {
 

@@ -10,9 +10,6 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/os/event.h"
-#include "platform/os/semaphore.h"
-
 namespace {
 
 using os::Event;

@@ -1,4 +1,4 @@
-// Telling the service manager how the program is.
+// The program as a service: it is asked to end by signals and reports its state to the service manager.
 #pragma once
 
 #include <chrono>
@@ -7,6 +7,21 @@
 #include <string_view>
 
 namespace os {
+
+// While one exists, the first SIGINT or SIGTERM asks for an end and the second one ends the program
+// at once. One at a time; the application's thread.
+class StopSignals {
+ public:
+  StopSignals();
+  ~StopSignals();
+  StopSignals(const StopSignals&) = delete;
+  StopSignals& operator=(const StopSignals&) = delete;
+
+  // Somebody has asked for the end.
+  bool Requested() const;
+  // Waits for that, no longer than the limit.
+  bool WaitFor(std::chrono::milliseconds limit) const;
+};
 
 // The manager that started the program as a service names a local socket and, when it is to watch
 // the program, a period. Without a manager everything is a no-op. One thread.
