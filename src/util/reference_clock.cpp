@@ -4,9 +4,17 @@
 #include <utility>
 
 #include "platform/os/system_time.h"
-#include "util/date.h"
 
 namespace qorp {
+
+std::int64_t Date::ToFileTime(const os::SystemTime& time) {
+  const std::optional<std::int64_t> fileTime = os::SystemTimeToFileTime(time);
+  if (!fileTime) {
+    throw Exception("SystemTimeToFileTime failed");
+  }
+  return *fileTime;
+}
+
 namespace {
 
 constexpr std::int64_t kUnitsPerMillisecond = 10000;

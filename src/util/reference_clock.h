@@ -1,4 +1,5 @@
-// qorp::ReferenceClock: the system's reference clock, and the interface that sets its rate.
+// qorp::Date: calendar times as 64-bit counts. qorp::ReferenceClock: the system's reference clock,
+// and the interface that sets its rate.
 #pragma once
 
 #include <cstdint>
@@ -7,6 +8,21 @@
 
 #include "platform/baseclasses/base_reference_clock.h"
 #include "platform/com/com_ptr.h"
+#include "platform/os/system_time.h"
+#include "util/exceptions.h"
+
+namespace qorp {
+
+class Date {
+ public:
+  using Exception = ExceptionTemplate<Date, TavrelException>;
+
+  // 100 ns units since 1601-01-01. Throws Exception "SystemTimeToFileTime failed" for a date that
+  // does not exist or cannot be expressed.
+  static std::int64_t ToFileTime(const os::SystemTime& time);
+};
+
+}  // namespace qorp
 
 inline constexpr IID IID_IOffsettableClock{
     0x841C7DCD, 0x69DD, 0x4D28, {0xA8, 0xB5, 0xDD, 0x0B, 0xD7, 0x5F, 0x1E, 0xFF}};

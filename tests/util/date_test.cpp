@@ -1,6 +1,6 @@
-#include "util/date.h"
-
 #include <gtest/gtest.h>
+
+#include "util/reference_clock.h"
 
 namespace {
 

@@ -1,5 +1,3 @@
-#include "util/drive.h"
-
 #include <algorithm>
 #include <filesystem>
 
@@ -8,6 +6,7 @@
 
 #include "platform/os/files.h"
 #include "tests/support/temporary_folder.h"
+#include "util/file.h"
 
 namespace {
 

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include "platform/os/waitable.h"
-#include "util/date.h"
 
 namespace {
 

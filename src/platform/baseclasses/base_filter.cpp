@@ -4,9 +4,9 @@
 #include <new>
 
 #include "platform/baseclasses/base_pin.h"
+#include "platform/baseclasses/class_factory.h"
 #include "platform/baseclasses/com_boundary.h"
 #include "platform/baseclasses/enumerators.h"
-#include "platform/baseclasses/registration.h"
 #include "platform/dshow/reference_time.h"
 #include "platform/dshow/vfw_errors.h"
 

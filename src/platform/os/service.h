@@ -1,4 +1,5 @@
-// The program as a service: it is asked to end by signals and reports its state to the service manager.
+// The program as a service: it is asked to end by signals and reports its state to the service
+// manager.
 #pragma once
 
 #include <chrono>

@@ -1,15 +1,50 @@
-// FontLibrary: the fonts that text is painted with.
+// FontLibrary: what painters share, the fonts and the surfaces that text is drawn into.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
-#include "platform/text/drawing_surface.h"
+#include "platform/text/composite.h"
 #include "platform/text/handles.h"
 
 namespace os {
+
+// Always all zero but for the ink of the text in it. Belongs to a font library, is lent to one text
+// at a time; made ready, drawn into and destroyed with the library's lock held, because cairo finds
+// the glyphs in its caches. The rest is done by whoever has the text, without a lock.
+class DrawingSurface {
+ public:
+  enum class Content {
+    kCoverage,  // one byte a pixel
+    kColour,    // native 32-bit pixels A, R, G, B, colours multiplied by alpha
+  };
+
+  // Allocates only for a larger picture than ever before.
+  void Prepare(Content content, int width, int height);
+  cairo_t* Cairo() const { return cairo_.get(); }
+
+  PixelRows<const std::uint8_t> Rows() const { return {bytes_.data(), stride_}; }
+  PixelBounds FindInk() const;
+  // Makes it all zero again.
+  void Clear(const PixelBounds& ink);
+
+  std::size_t Bytes() const { return bytes_.size(); }
+
+ private:
+  int BytesPerPixel() const { return content_ == Content::kCoverage ? 1 : 4; }
+
+  std::vector<std::uint8_t> bytes_;
+  SurfaceHandle surface_;  // refers to bytes_
+  CairoHandle cairo_;      // refers to surface_
+  Content content_ = Content::kCoverage;
+  int stride_ = 0;
+  int width_ = 0;
+  int height_ = 0;
+};
 
 // The installed fonts and one private font file, with the font map that finds, loads and keeps
 // them. The private font is known to this library's own configuration only: neither the process's

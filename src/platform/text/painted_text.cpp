@@ -3,7 +3,6 @@
 #include <utility>
 
 #include "platform/text/composite.h"
-#include "platform/text/drawing_surface.h"
 #include "platform/text/font_library.h"
 
 namespace os {

@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "platform/text/composite.h"
-#include "platform/text/drawing_surface.h"
 #include "platform/text/font_library.h"
 #include "platform/text/handles.h"
 #include "platform/text/utf8.h"

@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/baseclasses/registration.h"
 #include "platform/os/registry.h"
 #include "tests/support/fake_filters.h"
 #include "tests/support/temporary_folder.h"
