@@ -14,7 +14,7 @@
 namespace qorp::log {
 
 void LogHistory::Insert(std::int64_t number, LogHistoryEntry entry) {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   lines_.insert_or_assign(number, std::move(entry));
   while (lines_.size() > capacity_) {
     lines_.erase(lines_.begin());
@@ -22,7 +22,7 @@ void LogHistory::Insert(std::int64_t number, LogHistoryEntry entry) {
 }
 
 void LogHistory::Clear() {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   lines_.clear();
 }
 
@@ -44,7 +44,7 @@ bool LogHistory::Resolve(std::int64_t* first, std::int64_t* last) const {
 
 bool LogHistory::GetRange(std::int64_t first, std::int64_t last, std::int64_t* outFirst,
                           std::int64_t* outLast) const {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   if (lines_.empty()) {
     throw std::runtime_error("History is empty");
   }
@@ -54,7 +54,7 @@ bool LogHistory::GetRange(std::int64_t first, std::int64_t last, std::int64_t* o
 }
 
 std::vector<LogHistoryEntry> LogHistory::Get(std::int64_t first, std::int64_t last) const {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   std::vector<LogHistoryEntry> entries;
   if (!lines_.empty() && Resolve(&first, &last)) {
     const auto end = lines_.upper_bound(last);

@@ -7,11 +7,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "platform/os/mutex.h"
 
 namespace qorp::log {
 
@@ -46,12 +47,12 @@ class LogHistory {
  private:
   using Lines = std::map<std::int64_t, LogHistoryEntry>;
 
-  // Under the lock, with lines.
-  bool Resolve(std::int64_t* first, std::int64_t* last) const;
+  // There are lines.
+  bool Resolve(std::int64_t* first, std::int64_t* last) const REQUIRES(lock_);
 
   const std::size_t capacity_;
-  mutable std::mutex lock_;
-  Lines lines_;  // guarded by lock_
+  mutable os::Mutex lock_;
+  Lines lines_ GUARDED_BY(lock_);
 };
 
 // Without the line end.

@@ -86,7 +86,7 @@ void LogPerf::SetObserver(IPerfObserver* observer) {
 
 void LogPerf::log(std::int32_t level, const char* format, ...) {
   FormatBuffer<kLongestMessage> buffer;
-  const std::lock_guard guard(formattingLock_);
+  const os::MutexLock guard(formattingLock_);
   const LogTime time = clock_.Now();
   va_list arguments;
   va_start(arguments, format);
@@ -139,13 +139,13 @@ void LogPerf::MakePeriodicReport() {
 }
 
 void LogPerf::RegisterPin(const char* pinName) {
-  const std::lock_guard guard(countersLock_);
+  const os::MutexLock guard(countersLock_);
   counters_.pins.Register(pinName, clock_.Ticks());
 }
 
 void LogPerf::NotifyBufferFull(const char* pinName) {
   restartMonitor_.CountBufferFull();
-  const std::lock_guard guard(countersLock_);
+  const os::MutexLock guard(countersLock_);
   const std::uint32_t events = counters_.pins.Count(pinName, clock_.Ticks());
   // Under the lock, so that the lines of one pin stand in the order of their events.
   if (events == 1) {
@@ -157,22 +157,22 @@ void LogPerf::NotifyBufferFull(const char* pinName) {
 }
 
 void LogPerf::IncrementResync() {
-  const std::lock_guard guard(countersLock_);
+  const os::MutexLock guard(countersLock_);
   ++counters_.resync;
 }
 
 void LogPerf::IncrementTsDiscontinuity() {
-  const std::lock_guard guard(countersLock_);
+  const os::MutexLock guard(countersLock_);
   ++counters_.tsDiscontinuity;
 }
 
 void LogPerf::IncrementDecodedPictures() {
-  const std::lock_guard guard(countersLock_);
+  const os::MutexLock guard(countersLock_);
   ++counters_.decodedPictures;
 }
 
 void LogPerf::AddPoliticChoices(std::int32_t count) {
-  const std::lock_guard guard(countersLock_);
+  const os::MutexLock guard(countersLock_);
   counters_.politicChoices += static_cast<std::uint32_t>(count);
 }
 
@@ -187,7 +187,7 @@ struct LogPerf::Report {
 
 // Nothing when no time of the system has passed since the last one.
 std::optional<LogPerf::Report> LogPerf::CompileReport() {
-  const std::lock_guard guard(reportLock_);
+  const os::MutexLock guard(reportLock_);
   Report report;
   report.time = clock_.Now();
   const os::SystemStatistics statistics = options_.readStatistics();
@@ -220,7 +220,7 @@ std::optional<LogPerf::Report> LogPerf::CompileReport() {
   record.handleCount = statistics.handleCount;
   record.restart = restartMonitor_.GetState();
   {
-    const std::lock_guard countersGuard(countersLock_);
+    const os::MutexLock countersGuard(countersLock_);
     record.bufferFull = counters_.pins.GetCounts();
     record.numResync = counters_.resync;
     record.numTsDiscontinuity = counters_.tsDiscontinuity;

@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 
 #include "log/i_log_perf.h"
@@ -110,16 +109,16 @@ class LogPerf final : public ILogPerf {
   const LogPerfOptions options_;
   LogClock& clock_;
 
-  os::BriefMutex formattingLock_;
+  os::SpinThenBlockMutex formattingLock_;
   MessageQueue queue_;
   SinkSet sinks_;
 
-  mutable std::mutex countersLock_;
-  Counters counters_;  // guarded by countersLock_
+  mutable os::Mutex countersLock_;
+  Counters counters_ GUARDED_BY(countersLock_);
   RestartMonitor restartMonitor_;
 
-  std::mutex reportLock_;
-  PreviousReport previous_;  // guarded by reportLock_
+  os::Mutex reportLock_;
+  PreviousReport previous_ GUARDED_BY(reportLock_);
 
   os::Event stopEvent_{os::Event::Reset::kManual};
   std::unique_ptr<Thread> worker_;

@@ -33,32 +33,32 @@ logfile_sink::logfile_sink(const LogFileOptions& options)
       history_(options.historyCapacity) {}
 
 void logfile_sink::SetPath(std::string path) {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   path_ = std::move(path);
 }
 
 void logfile_sink::Reopen() {
-  const std::lock_guard writing(writeLock_);
+  const os::MutexLock writing(writeLock_);
   file_.Close();
 }
 
 void logfile_sink::SetMaxLevel(std::int32_t maxLevel) {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   maxLevel_ = maxLevel;
 }
 
 void logfile_sink::SetMaxSize(std::int32_t bytes) {
   const std::uint32_t size = CheckedSize(bytes);
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   maxSize_ = size;
 }
 
 void logfile_sink::Write(std::int32_t level, const LogTime& time, const char* text) {
-  const std::lock_guard writing(writeLock_);
+  const os::MutexLock writing(writeLock_);
   std::string path;
   std::uint32_t maxSize = 0;
   {
-    const std::lock_guard guard(lock_);
+    const os::MutexLock guard(lock_);
     if (level > maxLevel_) {
       return;
     }
@@ -109,10 +109,12 @@ void logfile_sink::Rebuild() {
   nextNumber_ = 0;
   bool isNumbered = false;
   const auto insert = [&](std::string_view line) {
+    writeLock_.AssertHeld();
     history_.Insert(nextNumber_, ParseLogLine(line));
     nextNumber_ = Next(nextNumber_);
   };
   file_.ReadOldest([&](std::string_view line, std::uint64_t) {
+    writeLock_.AssertHeld();
     if (!IsLogLine(line)) {
       return true;
     }
@@ -137,14 +139,14 @@ recovering_logfile_sink::recovering_logfile_sink(const LogFileOptions& options, 
     : sink_(options), report_(std::move(report)) {}
 
 void recovering_logfile_sink::SetPath(std::string path) {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   path_ = std::move(path);
 }
 
 std::string recovering_logfile_sink::Claim() {
   std::string path;
   {
-    const std::lock_guard guard(lock_);
+    const os::MutexLock guard(lock_);
     path = path_;
   }
   if (path.empty() || claim_.IsHeldAt(path)) {
@@ -191,7 +193,7 @@ void recovering_logfile_sink::Write(std::int32_t level, const LogTime& time, con
 std::string recovering_logfile_sink::MoveAside(const std::string& reason) {
   std::string path;
   {
-    const std::lock_guard guard(lock_);
+    const os::MutexLock guard(lock_);
     path = os::NativePath(path_);
   }
   std::string target;

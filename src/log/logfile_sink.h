@@ -6,7 +6,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -15,6 +14,7 @@
 #include "log/i_log_sink.h"
 #include "log/log_line.h"
 #include "platform/os/files.h"
+#include "platform/os/mutex.h"
 
 namespace qorp::log {
 
@@ -60,19 +60,19 @@ class logfile_sink final : public ILogSink {
   }
 
  private:
-  void Open(const std::string& path);
-  void Rebuild();
+  void Open(const std::string& path) REQUIRES(writeLock_);
+  void Rebuild() REQUIRES(writeLock_);
 
-  std::mutex lock_;
-  std::int32_t maxLevel_;  // guarded by lock_
-  std::uint32_t maxSize_;  // guarded by lock_
-  std::string path_;       // as configured; guarded by lock_
+  os::Mutex lock_;
+  std::int32_t maxLevel_ GUARDED_BY(lock_);
+  std::uint32_t maxSize_ GUARDED_BY(lock_);
+  std::string path_ GUARDED_BY(lock_);  // as configured
 
-  std::mutex writeLock_;         // held for the whole of Write; taken before lock_
-  CircularLogFile file_;         // guarded by writeLock_
-  std::string currentPath_;      // of file_; guarded by writeLock_
-  std::string rebuiltPath_;      // whose lines the history holds; guarded by writeLock_
-  std::int64_t nextNumber_ = 0;  // of the next line; guarded by writeLock_
+  os::Mutex writeLock_;  // held for the whole of Write; taken before lock_
+  CircularLogFile file_ GUARDED_BY(writeLock_);
+  std::string currentPath_ GUARDED_BY(writeLock_);      // of file_
+  std::string rebuiltPath_ GUARDED_BY(writeLock_);      // whose lines the history holds
+  std::int64_t nextNumber_ GUARDED_BY(writeLock_) = 0;  // of the next line
   LogHistory history_;
 };
 
@@ -107,8 +107,8 @@ class recovering_logfile_sink final : public ILogSink {
 
   logfile_sink sink_;
   const Report report_;
-  std::mutex lock_;
-  std::string path_;  // guarded by lock_
+  os::Mutex lock_;
+  std::string path_ GUARDED_BY(lock_);
   // Used by the writing thread.
   os::FileLock claim_;
   std::string claimed_;  // the path of the sink: path_, or empty

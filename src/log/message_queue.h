@@ -73,10 +73,10 @@ class MessageQueue final : public os::Waitable {
   bool TryTake() override { return signal_.MaySucceed(); }
   Signal& GetSignal() override { return signal_; }
 
-  Signal signal_;                   // its lock guards everything below
-  std::list<LogMessage> messages_;  // oldest first
-  std::list<LogMessage> spare_;     // were popped before
-  bool overflowed_ = false;
+  Signal signal_;
+  std::list<LogMessage> messages_ GUARDED_BY(signal_.Lock());  // oldest first
+  std::list<LogMessage> spare_ GUARDED_BY(signal_.Lock());     // were popped before
+  bool overflowed_ GUARDED_BY(signal_.Lock()) = false;
 };
 
 }  // namespace qorp::log

@@ -41,12 +41,12 @@ bool Reaches(std::uint64_t value, std::int32_t limit) {
 }  // namespace
 
 void RestartMonitor::CountBufferFull() {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   ++count_;
 }
 
 void RestartMonitor::Tick() {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   if (!Reaches(elapsed_, rule_.warmUp)) {
     elapsed_ += static_cast<std::uint64_t>(rule_.step);
   } else {
@@ -61,7 +61,7 @@ void RestartMonitor::Tick() {
 }
 
 RestartMonitor::State RestartMonitor::GetState() const {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   return state_;
 }
 

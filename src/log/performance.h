@@ -6,9 +6,10 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <string>
 #include <string_view>
+
+#include "platform/os/mutex.h"
 
 namespace qorp::log {
 
@@ -65,11 +66,11 @@ class RestartMonitor {
 
  private:
   const Rule rule_;
-  mutable std::mutex lock_;
-  std::uint64_t count_ = 0;
-  std::uint64_t previousCount_ = 0;
-  std::uint64_t elapsed_ = 0;
-  State state_;
+  mutable os::Mutex lock_;
+  std::uint64_t count_ GUARDED_BY(lock_) = 0;
+  std::uint64_t previousCount_ GUARDED_BY(lock_) = 0;
+  std::uint64_t elapsed_ GUARDED_BY(lock_) = 0;
+  State state_ GUARDED_BY(lock_);
 };
 
 // The values of one line, in the order of the columns. Every field of a line, the last one

@@ -2,18 +2,17 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "log/i_log_sink.h"
 #include "log/message_queue.h"
+#include "platform/os/mutex.h"
 
 namespace qorp::log {
 
@@ -59,13 +58,14 @@ class SinkSet {
   template <typename Call>
   void CallGuarded(const void* member, Call call);
 
-  std::mutex lock_;
-  // Never changed, only replaced; a use keeps its own. Guarded by lock_, as everything below.
-  std::shared_ptr<const Members> members_ = std::make_shared<Members>();
-  std::uint64_t usesBegun_ = 0;
-  std::vector<std::uint64_t> usesInProgress_;  // the numbers with which they began
-  std::condition_variable useEnded_;
-  std::map<const void*, std::string> lastFailures_;  // by member
+  os::Mutex lock_;
+  // Never changed, only replaced; a use keeps its own.
+  std::shared_ptr<const Members> members_ GUARDED_BY(lock_) = std::make_shared<Members>();
+  std::uint64_t usesBegun_ GUARDED_BY(lock_) = 0;
+  // The numbers with which they began.
+  std::vector<std::uint64_t> usesInProgress_ GUARDED_BY(lock_);
+  os::ConditionVariable useEnded_;
+  std::map<const void*, std::string> lastFailures_ GUARDED_BY(lock_);  // by member
 };
 
 }  // namespace qorp::log

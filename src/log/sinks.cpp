@@ -20,12 +20,12 @@ std::uint16_t ColourOf(std::int32_t level) {
 }  // namespace
 
 void console_sink::SetMaxLevel(std::int32_t maxLevel) {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   maxLevel_ = maxLevel;
 }
 
 void console_sink::Write(std::int32_t level, const LogTime& time, const char* text) {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   if (level <= maxLevel_) {
     console_.WriteLine(ColourOf(level), FormatLogTime(time) + " " + text);
   }
@@ -50,7 +50,7 @@ syslog_sink::syslog_sink(os::DatagramSocket socket, std::string hostName)
     : socket_(std::move(socket)), hostName_(std::move(hostName)) {}
 
 void syslog_sink::Write(std::int32_t level, const LogTime& time, const char* text) {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   if (!socket_.IsValid()) {
     return;
   }

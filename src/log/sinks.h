@@ -4,13 +4,13 @@
 
 #include <cstdint>
 #include <iosfwd>
-#include <mutex>
 #include <ostream>
 #include <string>
 
 #include "log/i_log_sink.h"
 #include "platform/os/console.h"
 #include "platform/os/datagram.h"
+#include "platform/os/mutex.h"
 
 namespace qorp::log {
 
@@ -31,9 +31,9 @@ class console_sink final : public ILogSink {
   void Write(std::int32_t level, const LogTime& time, const char* text) override;
 
  private:
-  std::mutex lock_;
-  std::int32_t maxLevel_;  // guarded by lock_
-  os::Console console_;    // guarded by lock_
+  os::Mutex lock_;
+  std::int32_t maxLevel_ GUARDED_BY(lock_);
+  os::Console console_ GUARDED_BY(lock_);
 };
 
 // Lines "[Level 1] Mon Nov 16 09:43:14.123 text" of every level, each flushed. The stream belongs
@@ -64,10 +64,10 @@ class syslog_sink final : public ILogSink {
   void Write(std::int32_t level, const LogTime& time, const char* text) override;
 
  private:
-  std::mutex lock_;  // guards everything below
+  os::Mutex lock_;
   const os::DatagramSocket socket_;
   const std::string hostName_;
-  int sequenceNumber_ = 0;
+  int sequenceNumber_ GUARDED_BY(lock_) = 0;
 };
 
 }  // namespace qorp::log

@@ -86,7 +86,7 @@ std::int64_t ReferenceClock::Adjust(std::int64_t raw) {
 }
 
 REFERENCE_TIME ReferenceClock::GetPrivateTime() {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   const std::int64_t time = Adjust(rawTime_());
   accumulated_ = Sum(accumulated_, Elapsed(last_, time));
   last_ = time;
@@ -95,7 +95,7 @@ REFERENCE_TIME ReferenceClock::GetPrivateTime() {
 
 HRESULT ReferenceClock::SetRateOffset(LONG ppm) {
   {
-    const std::lock_guard guard(lock_);
+    const os::MutexLock guard(lock_);
     if (offsetEnabled_) {
       return E_FAIL;
     }

@@ -4,10 +4,10 @@
 
 #include <cstdint>
 #include <functional>
-#include <mutex>
 
 #include "platform/baseclasses/base_reference_clock.h"
 #include "platform/com/com_ptr.h"
+#include "platform/os/mutex.h"
 #include "platform/os/system_time.h"
 #include "util/exceptions.h"
 
@@ -73,15 +73,15 @@ class ReferenceClock final : public CBaseReferenceClock, public IOffsettableCloc
   HRESULT SetRateOffset(LONG ppm) override;
 
  private:
-  std::int64_t Adjust(std::int64_t raw);
+  std::int64_t Adjust(std::int64_t raw) REQUIRES(lock_);
 
   const RawTime rawTime_;
-  std::mutex lock_;
-  bool offsetEnabled_ = false;   // guarded by lock_, as is all below
-  std::int64_t rateOffset_ = 0;  // ppm
-  std::int64_t base_ = 0;        // raw time from which the offset counts
-  std::int64_t last_ = 0;        // adjusted time returned last
-  std::int64_t accumulated_ = 0;
+  os::Mutex lock_;
+  bool offsetEnabled_ GUARDED_BY(lock_) = false;
+  std::int64_t rateOffset_ GUARDED_BY(lock_) = 0;  // ppm
+  std::int64_t base_ GUARDED_BY(lock_) = 0;        // raw time from which the offset counts
+  std::int64_t last_ GUARDED_BY(lock_) = 0;        // adjusted time returned last
+  std::int64_t accumulated_ GUARDED_BY(lock_) = 0;
 };
 
 }  // namespace qorp

@@ -17,12 +17,12 @@ HRESULT CBaseInputPin::NonDelegatingQueryInterface(REFIID iid, void** object) {
 }
 
 ComPtr<IMemAllocator> CBaseInputPin::HeldAllocator() {
-  const std::lock_guard guard(allocatorLock_);
+  const os::MutexLock guard(allocatorLock_);
   return m_pAllocator;
 }
 
 ComPtr<IMemAllocator> CBaseInputPin::ReplaceAllocator(ComPtr<IMemAllocator> allocator) {
-  const std::lock_guard guard(allocatorLock_);
+  const os::MutexLock guard(allocatorLock_);
   m_pAllocator.Swap(allocator);
   return allocator;
 }

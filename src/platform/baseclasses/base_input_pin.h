@@ -3,6 +3,7 @@
 
 #include "platform/baseclasses/allocator.h"
 #include "platform/baseclasses/base_pin.h"
+#include "platform/os/mutex.h"
 
 // Base of every input pin. Receive runs on the upstream filter's streaming thread, alone of its
 // kind; the flush methods run on the application's thread.
@@ -44,8 +45,8 @@ class CBaseInputPin : public CBasePin, public IMemInputPin {
   ComPtr<IMemAllocator> ReplaceAllocator(ComPtr<IMemAllocator> allocator);
 
  private:
-  std::mutex allocatorLock_;
-  ComPtr<IMemAllocator> m_pAllocator;  // guarded by allocatorLock_
+  os::Mutex allocatorLock_;
+  ComPtr<IMemAllocator> m_pAllocator GUARDED_BY(allocatorLock_);
   std::atomic<bool> m_bReadOnly{false};
   std::atomic<bool> m_bFlushing{false};
 };

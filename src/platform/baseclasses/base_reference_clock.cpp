@@ -7,26 +7,26 @@
 #include "platform/os/waitable.h"
 
 DWORD_PTR AdviseList::AddOnce(REFERENCE_TIME time, HEVENT event) {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   entries_.emplace(time, Entry{++lastCookie_, 0, event});
   return lastCookie_;
 }
 
 DWORD_PTR AdviseList::AddPeriodic(REFERENCE_TIME start, REFERENCE_TIME period,
                                   HSEMAPHORE semaphore) {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   entries_.emplace(start, Entry{++lastCookie_, period, semaphore});
   return lastCookie_;
 }
 
 bool AdviseList::Remove(DWORD_PTR cookie) {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   return std::erase_if(entries_, [&](const auto& item) { return item.second.cookie == cookie; }) >
          0;
 }
 
 REFERENCE_TIME AdviseList::SignalDue(REFERENCE_TIME now) {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   while (!entries_.empty() && entries_.begin()->first <= now) {
     auto due = entries_.extract(entries_.begin());
     const Entry& entry = due.mapped();
@@ -71,7 +71,7 @@ HRESULT CBaseReferenceClock::GetTime(REFERENCE_TIME* time) {
   if (time == nullptr) {
     return E_POINTER;
   }
-  const std::lock_guard guard(timeLock_);
+  const os::MutexLock guard(timeLock_);
   const REFERENCE_TIME now = GetPrivateTime();
   if (now > lastGotTime_) {
     lastGotTime_ = now;
@@ -128,7 +128,7 @@ HRESULT CBaseReferenceClock::Unadvise(DWORD_PTR cookie) {
 
 void CBaseReferenceClock::StartAdvising() {
   {
-    const std::lock_guard guard(threadLock_);
+    const os::MutexLock guard(threadLock_);
     if (thread_ == nullptr && !ending_) {
       thread_ = std::make_unique<os::Thread>([this] { SignalAdvises(); }, "clock");
     }
@@ -139,7 +139,7 @@ void CBaseReferenceClock::StartAdvising() {
 void CBaseReferenceClock::EndAdvising() {
   ending_ = true;
   trigger_.Set();
-  const std::lock_guard guard(threadLock_);
+  const os::MutexLock guard(threadLock_);
   if (thread_ != nullptr) {
     thread_->Wait(os::kInfinite);
     thread_.reset();

@@ -5,11 +5,11 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <variant>
 
 #include "platform/baseclasses/unknown_base.h"
 #include "platform/dshow/filters.h"
+#include "platform/os/mutex.h"
 #include "platform/os/thread.h"
 #include "platform/os/waitable.h"
 
@@ -37,9 +37,9 @@ class AdviseList {
     std::variant<HEVENT, HSEMAPHORE> target;
   };
 
-  std::mutex lock_;
-  std::multimap<REFERENCE_TIME, Entry> entries_;  // guarded by lock_
-  DWORD_PTR lastCookie_ = 0;                      // guarded by lock_
+  os::Mutex lock_;
+  std::multimap<REFERENCE_TIME, Entry> entries_ GUARDED_BY(lock_);
+  DWORD_PTR lastCookie_ GUARDED_BY(lock_) = 0;
 };
 
 // Base of reference clocks. The derived clock says what time it is (GetPrivateTime); what is shown
@@ -84,12 +84,12 @@ class CBaseReferenceClock : public CUnknown, public IReferenceClock {
   void StartAdvising();
   void SignalAdvises();
 
-  std::mutex timeLock_;
-  REFERENCE_TIME lastGotTime_ = INT64_MIN;  // guarded by timeLock_
+  os::Mutex timeLock_;
+  REFERENCE_TIME lastGotTime_ GUARDED_BY(timeLock_) = INT64_MIN;
 
   AdviseList advises_;
   os::Event trigger_{os::Event::Reset::kAuto};
-  std::mutex threadLock_;
-  std::unique_ptr<os::Thread> thread_;  // guarded by threadLock_
+  os::Mutex threadLock_;
+  std::unique_ptr<os::Thread> thread_ GUARDED_BY(threadLock_);
   std::atomic<bool> ending_{false};
 };

@@ -95,7 +95,7 @@ HRESULT FilterGraph::AddFilter(IBaseFilter* filter, LPCWSTR name) {
 }
 
 HRESULT FilterGraph::Add(IBaseFilter* filter, LPCWSTR name) {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   if (state_ != State_Stopped) {
     return VFW_E_NOT_STOPPED;
   }
@@ -104,6 +104,7 @@ HRESULT FilterGraph::Add(IBaseFilter* filter, LPCWSTR name) {
   }
   const std::u16string wanted = name != nullptr && *name != 0 ? name : u"Filter";
   const auto isTaken = [&](const std::u16string& candidate) {
+    lock_.AssertHeld();
     return std::any_of(filters_.begin(), filters_.end(),
                        [&](const Entry& entry) { return entry.name == candidate; });
   };
@@ -125,7 +126,7 @@ HRESULT FilterGraph::Add(IBaseFilter* filter, LPCWSTR name) {
 }
 
 HRESULT FilterGraph::RemoveFilter(IBaseFilter* filter) {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   if (state_ != State_Stopped) {
     return VFW_E_NOT_STOPPED;
   }
@@ -150,7 +151,7 @@ HRESULT FilterGraph::EnumFilters(IEnumFilters** enumerator) {
     return E_POINTER;
   }
   return AtComBoundary([&] {
-    const std::lock_guard guard(lock_);
+    const os::MutexLock guard(lock_);
     FilterEnumerator::Filters filters;
     for (const Entry& entry : filters_) {
       filters.push_back(entry.filter);
@@ -164,7 +165,7 @@ HRESULT FilterGraph::FindFilterByName(LPCWSTR name, IBaseFilter** filter) {
   if (name == nullptr || filter == nullptr) {
     return E_POINTER;
   }
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   for (const Entry& entry : filters_) {
     if (entry.name == name) {
       *filter = ComPtr<IBaseFilter>(entry.filter).Detach();
@@ -200,7 +201,7 @@ HRESULT FilterGraph::ConnectDirect(IPin* output, IPin* input, const AM_MEDIA_TYP
   if (output == nullptr || input == nullptr) {
     return E_POINTER;
   }
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   const ComPtr<IBaseFilter> from = FilterOf(output);
   const ComPtr<IBaseFilter> to = FilterOf(input);
   if (!from || !to || FindEntry(from.Get()) == nullptr || FindEntry(to.Get()) == nullptr) {
@@ -215,7 +216,7 @@ HRESULT FilterGraph::Reconnect(IPin* pin) {
   if (pin == nullptr) {
     return E_POINTER;
   }
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   const ComPtr<IPin> peer = PeerOf(pin);
   if (!peer) {
     return VFW_E_NOT_CONNECTED;
@@ -234,7 +235,7 @@ HRESULT FilterGraph::Disconnect(IPin* pin) {
   if (pin == nullptr) {
     return E_POINTER;
   }
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   return pin->Disconnect();
 }
 
@@ -252,21 +253,24 @@ HRESULT FilterGraph::GetClassID(CLSID* clsid) {
 
 HRESULT FilterGraph::Notify(LONG code, LONG_PTR parameter1, LONG_PTR parameter2) {
   const HRESULT hr = AtComBoundary([&] {
-    const std::lock_guard guard(eventLock_);
+    const os::MutexLock guard(eventLock_);
     events_.push_back({code, parameter1, parameter2});
     if (events_.size() > kMaxEvents) {
       events_.pop_front();
     }
     return S_OK;
   });
-  eventPosted_.notify_one();
+  eventPosted_.NotifyOne();
   return hr;
 }
 
 std::optional<GraphEvent> FilterGraph::GetEvent(std::chrono::milliseconds timeout) {
-  std::unique_lock guard(eventLock_);
-  if (!eventPosted_.wait_for(guard, timeout, [&] { return !events_.empty(); })) {
-    return std::nullopt;
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  const os::MutexLock guard(eventLock_);
+  while (events_.empty()) {
+    if (!eventPosted_.WaitUntil(eventLock_, deadline) && events_.empty()) {
+      return std::nullopt;
+    }
   }
   const GraphEvent event = events_.front();
   events_.pop_front();
@@ -282,6 +286,7 @@ std::vector<ComPtr<IBaseFilter>> FilterGraph::DownstreamFirst() {
           return;
         }
         ForEachPin(filter.Get(), [&](IPin* pin) {
+          lock_.AssertHeld();
           if (IsOutput(pin)) {
             if (const Entry* const next = FindEntry(FilterOf(PeerOf(pin).Get()).Get())) {
               visit(ComPtr<IBaseFilter>(next->filter));
@@ -299,6 +304,7 @@ std::vector<ComPtr<IBaseFilter>> FilterGraph::DownstreamFirst() {
 template <typename Change>
 HRESULT FilterGraph::ForEachFilter(const Change& change) {
   return AtComBoundary([&] {
+    lock_.AssertHeld();
     for (const ComPtr<IBaseFilter>& filter : DownstreamFirst()) {
       const HRESULT hr = change(filter.Get());
       if (FAILED(hr)) {
@@ -335,12 +341,12 @@ HRESULT FilterGraph::StopAfter(HRESULT failure) {
 }
 
 HRESULT FilterGraph::Stop() {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   return StopAll();
 }
 
 HRESULT FilterGraph::Pause() {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   if (state_ == State_Running && clock_) {
     REFERENCE_TIME now = 0;
     if (SUCCEEDED(clock_->GetTime(&now))) {
@@ -356,7 +362,7 @@ HRESULT FilterGraph::Pause() {
 }
 
 HRESULT FilterGraph::Run(REFERENCE_TIME start) {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   if (state_ == State_Running) {
     return S_OK;
   }
@@ -372,7 +378,8 @@ HRESULT FilterGraph::Run(REFERENCE_TIME start) {
     // Stream time goes on where the pause held it.
     start_ = AddTimes(SubtractTimes(now, pausedAt_), kStartDelay);
   }
-  const HRESULT hr = ForEachFilter([this](IBaseFilter* filter) { return filter->Run(start_); });
+  const REFERENCE_TIME begin = start_;
+  const HRESULT hr = ForEachFilter([begin](IBaseFilter* filter) { return filter->Run(begin); });
   if (FAILED(hr)) {
     return StopAfter(hr);
   }
@@ -384,13 +391,13 @@ HRESULT FilterGraph::GetState(DWORD /*milliseconds*/, FILTER_STATE* state) {
   if (state == nullptr) {
     return E_POINTER;
   }
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   *state = state_;
   return S_OK;
 }
 
 HRESULT FilterGraph::SetSyncSource(IReferenceClock* clock) {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   if (state_ != State_Stopped) {
     return VFW_E_NOT_STOPPED;
   }
@@ -408,7 +415,7 @@ HRESULT FilterGraph::GetSyncSource(IReferenceClock** clock) {
   if (clock == nullptr) {
     return E_POINTER;
   }
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   *clock = ComPtr<IReferenceClock>(clock_).Detach();
   return S_OK;
 }

@@ -2,9 +2,7 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <deque>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -12,6 +10,7 @@
 #include "platform/baseclasses/unknown_base.h"
 #include "platform/com/com_ptr.h"
 #include "platform/dshow/filters.h"
+#include "platform/os/mutex.h"
 
 // An event that a filter posted.
 struct GraphEvent {
@@ -78,25 +77,25 @@ class FilterGraph final : public CUnknown,
     ComPtr<IBaseFilter> filter;
   };
 
-  Entry* FindEntry(IUnknown* filter);
+  Entry* FindEntry(IUnknown* filter) REQUIRES(lock_);
   HRESULT Add(IBaseFilter* filter, LPCWSTR name);
   bool Reaches(IBaseFilter* from, IBaseFilter* to);
   // Filters in an order in which every filter stands after all those that it delivers to.
-  std::vector<ComPtr<IBaseFilter>> DownstreamFirst();
+  std::vector<ComPtr<IBaseFilter>> DownstreamFirst() REQUIRES(lock_);
   // Changes every filter, downstream ones first, until one fails.
   template <typename Change>
-  HRESULT ForEachFilter(const Change& change);
-  HRESULT StopAll();
-  HRESULT StopAfter(HRESULT failure);
+  HRESULT ForEachFilter(const Change& change) REQUIRES(lock_);
+  HRESULT StopAll() REQUIRES(lock_);
+  HRESULT StopAfter(HRESULT failure) REQUIRES(lock_);
 
-  std::recursive_mutex lock_;
-  std::vector<Entry> filters_;          // guarded by lock_
-  FILTER_STATE state_ = State_Stopped;  // guarded by lock_
-  ComPtr<IReferenceClock> clock_;       // guarded by lock_
-  REFERENCE_TIME start_ = 0;            // guarded by lock_
-  REFERENCE_TIME pausedAt_ = 0;         // guarded by lock_
+  os::RecursiveMutex lock_;
+  std::vector<Entry> filters_ GUARDED_BY(lock_);
+  FILTER_STATE state_ GUARDED_BY(lock_) = State_Stopped;
+  ComPtr<IReferenceClock> clock_ GUARDED_BY(lock_);
+  REFERENCE_TIME start_ GUARDED_BY(lock_) = 0;
+  REFERENCE_TIME pausedAt_ GUARDED_BY(lock_) = 0;
 
-  std::mutex eventLock_;
-  std::condition_variable eventPosted_;
-  std::deque<GraphEvent> events_;  // guarded by eventLock_
+  os::Mutex eventLock_;
+  os::ConditionVariable eventPosted_;
+  std::deque<GraphEvent> events_ GUARDED_BY(eventLock_);
 };

@@ -47,7 +47,7 @@ StandardStream::~StandardStream() {
 }
 
 void StandardStream::LimitWaiting(milliseconds patience, milliseconds afterFailure) {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   patience_ = patience;
   afterFailure_ = afterFailure;
 }
@@ -60,7 +60,7 @@ void StandardStream::LimitWaiting(std::ostream& stream, milliseconds patience,
 }
 
 int StandardStream::sync() {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   return WriteWaiting() ? 0 : -1;
 }
 
@@ -77,7 +77,7 @@ std::streamsize StandardStream::xsputn(const char* text, std::streamsize count) 
 }
 
 bool StandardStream::Put(const char* text, std::size_t count) {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   if (waiting_.size() >= kFlushAt && !WriteWaiting() && waiting_.size() >= kMaxWaiting) {
     return false;
   }

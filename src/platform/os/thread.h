@@ -4,10 +4,10 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 
+#include "platform/os/mutex.h"
 #include "platform/os/waitable.h"
 
 namespace os {
@@ -40,8 +40,8 @@ class Thread final : public Waitable {
   Signal& GetSignal() override;
 
   std::shared_ptr<State> state_;  // shared with the running thread
-  std::mutex joinLock_;
-  std::thread thread_;  // guarded by joinLock_; not joinable once joined
+  Mutex joinLock_;
+  std::thread thread_ GUARDED_BY(joinLock_);  // not joinable once joined
 };
 
 }  // namespace os

@@ -43,7 +43,7 @@ void Thread::Run(const std::shared_ptr<State>& state) {
   }
   state->body();
   --running;
-  const std::lock_guard guard(state->ended.Lock());
+  const os::MutexLock guard(state->ended.Lock());
   state->ended.Set(true);
 }
 
@@ -67,7 +67,7 @@ bool Thread::TryTake() {
     return false;
   }
   // The thread has only its last steps to do.
-  const std::lock_guard guard(joinLock_);
+  const os::MutexLock guard(joinLock_);
   if (thread_.joinable()) {
     thread_.join();
   }

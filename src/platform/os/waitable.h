@@ -41,9 +41,9 @@ class Waitable {
     Signal& operator=(const Signal&) = delete;
 
     // Guards the state that the signal follows, too.
-    BriefMutex& Lock() { return lock_; }
-    // Under the lock: whether there is something to take.
-    void Set(bool signalled) noexcept;
+    SpinThenBlockMutex& Lock() RETURN_CAPABILITY(lock_) { return lock_; }
+    // Whether there is something to take.
+    void Set(bool signalled) noexcept REQUIRES(lock_);
     // Without the lock; enough to say no, not enough to take.
     bool MaySucceed() const { return signalled_.load(std::memory_order_acquire); }
 
@@ -53,13 +53,13 @@ class Waitable {
     int Descriptor() const { return descriptor_; }
 
    private:
-    void Follow() noexcept;
+    void Follow() noexcept REQUIRES(lock_);
 
     const int descriptor_;
-    BriefMutex lock_;
-    std::atomic<bool> signalled_{false};  // written under lock_
-    bool raised_ = false;                 // the descriptor is readable; guarded by lock_
-    int waiters_ = 0;                     // guarded by lock_
+    SpinThenBlockMutex lock_;
+    std::atomic<bool> signalled_{false};     // written under lock_
+    bool raised_ GUARDED_BY(lock_) = false;  // the descriptor is readable
+    int waiters_ GUARDED_BY(lock_) = 0;
   };
 
   Waitable() = default;
@@ -95,8 +95,8 @@ class Event final : public Waitable {
   Signal& GetSignal() override { return signal_; }
 
   const Reset reset_;
-  Signal signal_;     // set while set_
-  bool set_ = false;  // guarded by the lock of signal_
+  Signal signal_;  // set while set_
+  bool set_ GUARDED_BY(signal_.Lock()) = false;
 };
 
 // A count between 0 and maximum; signalled while it is above 0, each wait takes one. Released by
@@ -115,8 +115,8 @@ class Semaphore final : public Waitable {
   Signal& GetSignal() override { return signal_; }
 
   const std::int32_t maximum_;
-  Signal signal_;       // set while count_ is above 0
-  std::int32_t count_;  // guarded by the lock of signal_
+  Signal signal_;  // set while count_ is above 0
+  std::int32_t count_ GUARDED_BY(signal_.Lock());
 };
 
 }  // namespace os

@@ -43,13 +43,13 @@ void Waitable::Signal::Set(bool signalled) noexcept {
 }
 
 void Waitable::Signal::BeginWait() noexcept {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   ++waiters_;
   Follow();
 }
 
 void Waitable::Signal::EndWait() noexcept {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   --waiters_;
   Follow();
 }
@@ -148,13 +148,13 @@ Event::Event(Reset reset, bool initiallySet) : reset_(reset) {
 }
 
 void Event::Set() {
-  const std::lock_guard guard(signal_.Lock());
+  const os::MutexLock guard(signal_.Lock());
   set_ = true;
   signal_.Set(true);
 }
 
 void Event::Clear() {
-  const std::lock_guard guard(signal_.Lock());
+  const os::MutexLock guard(signal_.Lock());
   set_ = false;
   signal_.Set(false);
 }
@@ -163,7 +163,7 @@ bool Event::TryTake() {
   if (!signal_.MaySucceed()) {
     return false;
   }
-  const std::lock_guard guard(signal_.Lock());
+  const os::MutexLock guard(signal_.Lock());
   const bool taken = set_;
   if (taken && reset_ == Reset::kAuto) {
     set_ = false;
@@ -181,7 +181,7 @@ Semaphore::Semaphore(std::int32_t initial, std::int32_t maximum)
 }
 
 bool Semaphore::Release(std::int32_t count) {
-  const std::lock_guard guard(signal_.Lock());
+  const os::MutexLock guard(signal_.Lock());
   if (count < 1 || count > maximum_ - count_) {
     return false;
   }
@@ -194,7 +194,7 @@ bool Semaphore::TryTake() {
   if (!signal_.MaySucceed()) {
     return false;
   }
-  const std::lock_guard guard(signal_.Lock());
+  const os::MutexLock guard(signal_.Lock());
   if (count_ == 0) {
     return false;
   }

@@ -100,12 +100,12 @@ void DrawingSurface::Clear(const PixelBounds& ink) {
 }
 
 std::shared_ptr<FontLibrary> FontLibrary::Get(const std::string& privateFontFile) {
-  static std::mutex registryLock;
-  // guarded by registryLock; keyed by the files that the name stands for at the time
+  static Mutex registryLock;
+  // Keyed by the files that the name stands for at the time
   static std::map<std::vector<std::string>, std::weak_ptr<FontLibrary>> registry;
 
   const std::vector<std::string> files = FindPrivateFontFiles(privateFontFile);
-  const std::lock_guard guard(registryLock);
+  const os::MutexLock guard(registryLock);
   std::weak_ptr<FontLibrary>& known = registry[files];
   std::shared_ptr<FontLibrary> library = known.lock();
   if (library == nullptr) {

@@ -4,10 +4,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "platform/os/mutex.h"
 #include "platform/text/composite.h"
 #include "platform/text/handles.h"
 
@@ -66,28 +66,26 @@ class FontLibrary {
   FontLibrary(const FontLibrary&) = delete;
   FontLibrary& operator=(const FontLibrary&) = delete;
 
-  std::mutex& lock() { return lock_; }
-
-  // The rest is called with lock() held.
+  Mutex& lock() RETURN_CAPABILITY(lock_) { return lock_; }
 
   // Whether that very family is among the installed fonts. Letter case is no difference.
-  bool HasInstalledFamily(const std::string& family) const;
+  bool HasInstalledFamily(const std::string& family) const REQUIRES(lock_);
   // First family of the private font file; empty when there is no usable one.
   const std::string& PrivateFamily() const { return privateFamily_; }
-  PangoFontMap* Map() const { return map_.get(); }
+  PangoFontMap* Map() const REQUIRES(lock_) { return map_.get(); }
 
   // A surface to draw a text into, and its return, all zero. As many are kept as were ever lent at
   // the same time, and no large one.
-  std::unique_ptr<DrawingSurface> Lend();
-  void TakeBack(std::unique_ptr<DrawingSurface> surface);
+  std::unique_ptr<DrawingSurface> Lend() REQUIRES(lock_);
+  void TakeBack(std::unique_ptr<DrawingSurface> surface) REQUIRES(lock_);
 
  private:
-  std::mutex lock_;
-  FcConfigHandle config_;      // guarded by lock_
-  FontMapHandle map_;          // guarded by lock_
+  Mutex lock_;
+  FcConfigHandle config_ GUARDED_BY(lock_);
+  FontMapHandle map_ GUARDED_BY(lock_);
   std::string privateFamily_;  // set once
   // The last one returned is lent first: its memory is the most likely to be in the cache.
-  std::vector<std::unique_ptr<DrawingSurface>> surfaces_;  // guarded by lock_
+  std::vector<std::unique_ptr<DrawingSurface>> surfaces_ GUARDED_BY(lock_);
 };
 
 }  // namespace os

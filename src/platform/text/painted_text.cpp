@@ -13,7 +13,7 @@ PaintedText::PaintedText(PaintedText&& other) noexcept = default;
 PaintedText::~PaintedText() {
   if (surface_ != nullptr) {
     surface_->Clear(ink_);
-    const std::lock_guard guard(library_->lock());
+    const os::MutexLock guard(library_->lock());
     library_->TakeBack(std::move(surface_));
   }
 }

@@ -101,7 +101,7 @@ struct TextPainter::State {
 
 TextPainter::TextPainter(const std::string& privateFontFile) : state_(std::make_unique<State>()) {
   state_->library = FontLibrary::Get(privateFontFile);
-  const std::lock_guard guard(state_->library->lock());
+  const os::MutexLock guard(state_->library->lock());
   if (PangoFontMap* const map = state_->library->Map()) {
     state_->context = MakeContext(map);
     state_->layout.reset(pango_layout_new(state_->context.get()));
@@ -110,7 +110,7 @@ TextPainter::TextPainter(const std::string& privateFontFile) : state_(std::make_
 }
 
 TextPainter::~TextPainter() {
-  const std::lock_guard guard(state_->library->lock());
+  const os::MutexLock guard(state_->library->lock());
   state_->font.reset();
   state_->layout.reset();
   state_->context.reset();
@@ -119,7 +119,7 @@ TextPainter::~TextPainter() {
 bool TextPainter::SetFont(std::u16string_view family, int points) {
   std::string name;
   ToUtf8(family, name);
-  const std::lock_guard guard(state_->library->lock());
+  const os::MutexLock guard(state_->library->lock());
   if (state_->layout == nullptr) {
     return false;
   }
@@ -159,7 +159,7 @@ PaintedText TextPainter::Paint(const TextPainting& painting) {
   }
   ToUtf8(Visible(painting.text), state.utf8);
   {
-    const std::lock_guard guard(state.library->lock());
+    const os::MutexLock guard(state.library->lock());
     if (state.font == nullptr) {
       return painted;
     }
@@ -188,7 +188,7 @@ PaintedText TextPainter::Paint(const TextPainting& painting) {
 }
 
 int TextPainter::CountMissingGlyphs() const {
-  const std::lock_guard guard(state_->library->lock());
+  const os::MutexLock guard(state_->library->lock());
   return state_->font == nullptr ? 0 : pango_layout_get_unknown_glyphs_count(state_->layout.get());
 }
 
