@@ -137,6 +137,14 @@ bool ReadWhole(std::string_view field, Number& number) {
 
 }  // namespace
 
+std::string FormatPlainLine(std::int32_t level, std::string_view timeText, std::string_view text) {
+  std::string line = "[Level " + std::to_string(level) + "] ";
+  line += timeText;
+  line += ' ';
+  line += text;
+  return line;
+}
+
 std::string FormatLogLine(std::int64_t number, const LogHistoryEntry& entry) {
   std::string line = std::to_string(number);
   line += kSeparator;

@@ -55,7 +55,10 @@ class LogHistory {
   Lines lines_ GUARDED_BY(lock_);
 };
 
-// Without the line end.
+// For a person: "[Level 1] Mon Nov 16 09:43:14.123 text", without the line end.
+std::string FormatPlainLine(std::int32_t level, std::string_view timeText, std::string_view text);
+
+// For a file, without the line end.
 std::string FormatLogLine(std::int64_t number, const LogHistoryEntry& entry);
 
 // True when line has the five fields at least.

@@ -1,6 +1,5 @@
 #include "platform/baseclasses/class_factory.h"
 
-#include <atomic>
 #include <functional>
 #include <new>
 #include <stdexcept>
@@ -17,32 +16,17 @@
 
 namespace {
 
-// Keeps its module loaded while it lives. Safe on any thread.
-class ClassFactory final : public IClassFactory {
+// Keeps its module loaded while it lives, as every object does. Safe on any thread.
+class ClassFactory final : public CUnknown, public IClassFactory {
  public:
-  explicit ClassFactory(const CFactoryTemplate& entry) : entry_(entry) { LockModule(); }
-  ClassFactory(const ClassFactory&) = delete;
-  ClassFactory& operator=(const ClassFactory&) = delete;
+  DECLARE_IUNKNOWN
 
-  HRESULT QueryInterface(REFIID iid, void** object) override {
-    if (object == nullptr) {
-      return E_POINTER;
-    }
-    if (iid != IID_IUnknown && iid != IID_IClassFactory) {
-      *object = nullptr;
-      return E_NOINTERFACE;
-    }
-    *object = static_cast<IClassFactory*>(this);
-    AddRef();
-    return S_OK;
-  }
-  ULONG AddRef() override { return static_cast<ULONG>(count_.fetch_add(1) + 1); }
-  ULONG Release() override {
-    const LONG left = count_.fetch_sub(1) - 1;
-    if (left == 0) {
-      delete this;
-    }
-    return static_cast<ULONG>(left);
+  explicit ClassFactory(const CFactoryTemplate& entry)
+      : CUnknown("class factory", nullptr), entry_(entry) {}
+
+  HRESULT NonDelegatingQueryInterface(REFIID iid, void** object) override {
+    return iid == IID_IClassFactory ? GetInterface(static_cast<IClassFactory*>(this), object)
+                                    : CUnknown::NonDelegatingQueryInterface(iid, object);
   }
 
   HRESULT CreateInstance(IUnknown* outer, REFIID iid, void** object) override {
@@ -82,10 +66,7 @@ class ClassFactory final : public IClassFactory {
   }
 
  private:
-  ~ClassFactory() { UnlockModule(); }
-
   const CFactoryTemplate& entry_;
-  std::atomic<LONG> count_{0};
 };
 
 }  // namespace

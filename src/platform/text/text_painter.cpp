@@ -2,10 +2,10 @@
 
 #include <algorithm>
 
+#include "platform/os/utf8.h"
 #include "platform/text/composite.h"
 #include "platform/text/font_library.h"
 #include "platform/text/handles.h"
-#include "platform/text/utf8.h"
 
 namespace os {
 
@@ -15,12 +15,37 @@ constexpr double kDotsPerInch = 96.0;
 // More than any rectangle shows; bounds the time that one hostile text can take.
 constexpr std::size_t kMaxUnits = 4096;
 
+constexpr std::uint32_t kReplacement = 0xFFFD;
+
+bool IsHighSurrogate(char16_t unit) {
+  return (unit & 0xFC00) == 0xD800;
+}
+
+bool IsLowSurrogate(char16_t unit) {
+  return (unit & 0xFC00) == 0xDC00;
+}
+
+// Replaces the content of utf8. An unpaired surrogate and a NUL, which would end the text there,
+// become U+FFFD.
+void ToUtf8(std::u16string_view text, std::string& utf8) {
+  utf8.clear();
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    std::uint32_t c = text[i];
+    if (IsHighSurrogate(text[i]) && i + 1 < text.size() && IsLowSurrogate(text[i + 1])) {
+      c = 0x10000 + ((c & 0x3FF) << 10) + (text[i + 1] & 0x3FFU);
+      ++i;
+    } else if (c == 0 || IsHighSurrogate(text[i]) || IsLowSurrogate(text[i])) {
+      c = kReplacement;
+    }
+    AppendUtf8(c, utf8);
+  }
+}
+
 std::u16string_view Visible(std::u16string_view text) {
   if (text.size() <= kMaxUnits) {
     return text;
   }
-  const bool splitsPair = (text[kMaxUnits - 1] & 0xFC00) == 0xD800;
-  return text.substr(0, splitsPair ? kMaxUnits - 1 : kMaxUnits);
+  return text.substr(0, IsHighSurrogate(text[kMaxUnits - 1]) ? kMaxUnits - 1 : kMaxUnits);
 }
 
 ContextHandle MakeContext(PangoFontMap* map) {
@@ -238,7 +263,7 @@ int TextPainter::State::BaselineShift(PangoLayoutIter* firstLine, int height) co
 }
 
 // Line by line: the layout's own alignment would change sides with the direction of the script and
-// has no meaning without wrapping. The layout is not told of the scale: it is laid out as for
+// has no meaning without wrapping. The layout does not know the scale: it is laid out as for
 // square pixels and every glyph is drawn narrower or flatter at its scaled place.
 void TextPainter::State::Draw(cairo_t* cairo, const TextPainting& painting) const {
   cairo_identity_matrix(cairo);
