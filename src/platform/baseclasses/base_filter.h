@@ -64,7 +64,6 @@ class CBaseFilter : public CUnknown, public IBaseFilter, public IAMovieSetup {
   HRESULT Register() override;
   HRESULT Unregister() override;
 
-  bool IsActive() const { return m_State.load() != State_Stopped; }
   bool IsStopped() const { return m_State.load() == State_Stopped; }
   // The graph, without a reference; null outside a graph. Called with the filter's lock held, which
   // a pin has as a lock of its own: that the two are one is beyond the checker.

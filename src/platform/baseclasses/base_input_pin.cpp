@@ -84,13 +84,12 @@ HRESULT CBaseInputPin::GetAllocator(IMemAllocator** allocator) {
   });
 }
 
-HRESULT CBaseInputPin::NotifyAllocator(IMemAllocator* allocator, BOOL readOnly) {
+HRESULT CBaseInputPin::NotifyAllocator(IMemAllocator* allocator, BOOL /*readOnly*/) {
   if (allocator == nullptr) {
     return E_POINTER;
   }
   const CAutoLock guard(m_pLock);
   ReplaceAllocator(ComPtr<IMemAllocator>(allocator));
-  m_bReadOnly = readOnly != FALSE;
   return S_OK;
 }
 

@@ -35,8 +35,6 @@ class CBaseInputPin : public CBasePin, public IMemInputPin {
   HRESULT ReceiveMultiple(IMediaSample** samples, LONG count, LONG* processed) override;
   HRESULT ReceiveCanBlock() override;
 
-  bool IsReadOnly() const { return m_bReadOnly; }
-  bool IsFlushing() const { return m_bFlushing; }
   // The allocator agreed on, or none; safe on any thread.
   ComPtr<IMemAllocator> HeldAllocator();
 
@@ -47,6 +45,5 @@ class CBaseInputPin : public CBasePin, public IMemInputPin {
  private:
   os::Mutex allocatorLock_;
   ComPtr<IMemAllocator> m_pAllocator GUARDED_BY(allocatorLock_);
-  std::atomic<bool> m_bReadOnly{false};
   std::atomic<bool> m_bFlushing{false};
 };

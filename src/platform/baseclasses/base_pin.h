@@ -67,7 +67,6 @@ class CBasePin : public CUnknown, public IPin, public IQualityControl {
   const std::u16string& Name() const { return m_pName; }
   // With true, the pin may be connected and disconnected while its filter is active.
   void SetReconnectWhenActive(bool allowed) { m_bCanReconnectWhenActive = allowed; }
-  bool CanReconnectWhenActive() const { return m_bCanReconnectWhenActive; }
   void IncrementTypeVersion() { m_TypeVersion.fetch_add(1); }
 
  protected:

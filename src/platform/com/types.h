@@ -16,13 +16,11 @@ using ULONG = std::uint32_t;
 using UINT = std::uint32_t;
 using BOOL = std::int32_t;
 using LONGLONG = std::int64_t;
-using ULONGLONG = std::uint64_t;
 using LONG_PTR = std::intptr_t;
 // The platform's wide character is a UTF-16 code unit.
 using WCHAR = char16_t;
 using LPCWSTR = const WCHAR*;
 using LPWSTR = WCHAR*;
-using LPOLESTR = WCHAR*;
 using HRESULT = std::int32_t;
 
 inline constexpr BOOL TRUE = 1;
@@ -41,7 +39,6 @@ constexpr HRESULT MakeHresult(std::uint32_t code) {
 
 inline constexpr HRESULT S_OK = 0;
 inline constexpr HRESULT S_FALSE = 1;
-inline constexpr HRESULT NOERROR = 0;
 inline constexpr HRESULT E_NOTIMPL = MakeHresult(0x80004001);
 inline constexpr HRESULT E_NOINTERFACE = MakeHresult(0x80004002);
 inline constexpr HRESULT E_POINTER = MakeHresult(0x80004003);
