@@ -14,11 +14,11 @@
 namespace qorp::log {
 namespace {
 
-constexpr std::size_t kLongestMessage = 1040;
+constexpr std::size_t kMaxMessage = 1040;
 
 // Messages come in bursts, and waking a sleeping worker costs a caller more than all the rest of a
-// log() call. So the worker looks around for some microseconds before it sleeps.
-constexpr int kLooksBeforeSleep = 50;
+// log() call. So the worker polls for some microseconds before it sleeps.
+constexpr int kPollsBeforeSleep = 50;
 
 // Makes one line of length characters: the length that is left.
 std::size_t CleanLine(char* text, std::size_t length) {
@@ -85,7 +85,7 @@ void LogPerf::SetObserver(IPerfObserver* observer) {
 }
 
 void LogPerf::log(std::int32_t level, const char* format, ...) {
-  FormatBuffer<kLongestMessage> buffer;
+  FormatBuffer<kMaxMessage> buffer;
   const os::MutexLock guard(formattingLock_);
   const LogTime time = clock_.Now();
   va_list arguments;
@@ -97,7 +97,7 @@ void LogPerf::log(std::int32_t level, const char* format, ...) {
 
 std::uint32_t LogPerf::WaitForWork(std::uint32_t lastReport) {
   const std::array<os::Waitable*, 2> signals{&stopEvent_, &queue_};
-  for (int look = 0; look < kLooksBeforeSleep; ++look) {
+  for (int poll = 0; poll < kPollsBeforeSleep; ++poll) {
     if (const std::uint32_t signalled = os::WaitAny(signals, 0); signalled != os::kWaitTimeout) {
       return signalled;
     }
@@ -176,7 +176,7 @@ void LogPerf::AddPoliticChoices(std::int32_t count) {
   counters_.politicChoices += static_cast<std::uint32_t>(count);
 }
 
-// What a report tells, beside the record what only the observer hears.
+// The content of a report: the record, and what only the observer is given.
 struct LogPerf::Report {
   LogTime time;
   PerformanceRecord record;

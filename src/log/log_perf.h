@@ -28,14 +28,14 @@ struct LogPerfOptions {
 };
 
 // Owned by the host, which hands it to its components as ILogPerf; sinks and observer belong to the
-// host, too. log() stamps and formats on the caller's thread and puts the message into a bounded
-// queue; one worker thread hands the messages to the sinks and makes the periodic report. A caller
-// never waits for the worker, however slow a sink is.
+// host, too. log() takes the timestamp and formats on the caller's thread and puts the message into
+// a bounded queue; one worker thread hands the messages to the sinks and makes the periodic report.
+// A caller never waits for the worker, however slow a sink is.
 //
 // Threads: any thread logs, counts, adds and removes sinks; the owner starts and stops. Locks, in
 // the order in which they may be taken: reportLock_ (what a report compares with), countersLock_
 // (the counters and the pin table; log() may be called under it), formattingLock_ (the whole of
-// log(), so that the order in the queue is that of the time stamps), the queue's own. Sinks and
+// log(), so that the order in the queue is that of the timestamps), the queue's own. Sinks and
 // observer are called with no lock held.
 class LogPerf final : public ILogPerf {
  public:

@@ -102,7 +102,7 @@ void logfile_sink::Open(const std::string& path) {
   }
 }
 
-// The oldest line tells the number and is left out, for it is partly overwritten; from there on
+// The oldest line gives the number and is left out, because it is partly overwritten; from there on
 // lines are counted, because the numbers of overwritten lines say nothing about their neighbours.
 void logfile_sink::Rebuild() {
   history_.Clear();

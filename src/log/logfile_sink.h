@@ -40,7 +40,7 @@ class logfile_sink final : public ILogSink {
   // Takes effect with the next line. The system's form of a path, or a native one; empty for no
   // file.
   void SetPath(std::string path);
-  // The next line opens the file again; line numbers and history go on.
+  // The next line opens the file again; line numbers and history continue.
   void Reopen();
   void SetMaxLevel(std::int32_t maxLevel);
   // Throws std::invalid_argument for a size below 0.

@@ -40,19 +40,19 @@ class PinTable {
   std::map<std::string, Pin, std::less<>> pins_;
 };
 
-// Judges the rate once for each tick: when it reached the threshold in as many ticks in a row as
-// the limit says, a restart is needed, for good. Any thread; the lock guards everything and is
-// never held with another.
+// Classifies the rate once for each tick: when it reached the threshold in as many ticks in a row
+// as the limit says, a restart is needed, permanently. Any thread; the lock guards everything and
+// is never held with another.
 class RestartMonitor {
  public:
   struct Rule {
     std::int32_t step = 1;              // what a tick adds to the time since the start
-    std::int32_t warmUp = 6;            // until that time the rate is not judged
+    std::int32_t warmUp = 6;            // until that time the rate is ignored
     std::int32_t deltaThreshold = 250;  // buffer-full events of all pins in one tick
     std::int32_t consecutiveLimit = 6;  // ticks
   };
   struct State {
-    std::uint64_t lastDelta = 0;  // events in the last tick that was judged
+    std::uint64_t lastDelta = 0;  // events in the last tick after the warm-up
     std::uint64_t consecutive = 0;
     bool needRestart = false;
   };

@@ -87,7 +87,7 @@ void SinkSet::CallGuarded(const void* member, Call call) {
     failure = "unknown failure";
   }
   {
-    // A failure that lasts is told once, not for every message.
+    // A failure that lasts is reported once, not for every message.
     const os::MutexLock guard(lock_);
     if (std::exchange(lastFailures_[member], failure) == failure) {
       return;

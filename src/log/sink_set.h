@@ -1,4 +1,4 @@
-// SinkSet: who is told of messages and reports.
+// SinkSet: who receives messages and reports.
 #pragma once
 
 #include <atomic>
@@ -34,7 +34,7 @@ class SinkSet {
   // Hands a message to every sink, in the order of their addresses.
   void Dispatch(const LogMessage& message);
   // Call the operation with the observer or the performance sink, if there is one; isFirst until
-  // one that was told so has returned, and again for a sink that is set anew.
+  // a call with it has returned, and again for a sink that is set again.
   void WithObserver(const std::function<void(IPerfObserver&)>& operation);
   void WithPerformanceSink(const std::function<void(ILogSink&, bool isFirst)>& operation);
 

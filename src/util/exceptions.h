@@ -11,7 +11,7 @@
 // Root of every failure of our own. Thrown by value, caught by reference, thread-neutral.
 class TavrelException : public std::exception {};
 
-// A failure of one component. Owner only tells the exception types apart: a handler can catch one
+// A failure of one component. Owner only distinguishes the exception types: a handler can catch one
 // component's failures and let the others pass.
 template <typename Owner, typename Base>
 class ExceptionTemplate : public Base {

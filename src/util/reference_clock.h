@@ -46,9 +46,9 @@ namespace qorp {
 
 // A clock over the multimedia timer or over the wall clock (UTC), at a rate that can be trimmed.
 //
-// A time source that goes back, as a corrected wall clock does, makes the clock leap forward by
-// what is left of 63 bits: filters wait for times to come, and would wait for ever for one that was
-// taken back.
+// A time source that goes back, as a corrected wall clock does, makes the clock jump forward by
+// what is left of 63 bits: filters wait for times to come, and would wait indefinitely for one that
+// was taken back.
 //
 // Counted by its users; any thread may call, and so does the clock's own thread for its advises.
 class ReferenceClock final : public CBaseReferenceClock, public IOffsettableClock {

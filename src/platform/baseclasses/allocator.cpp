@@ -67,7 +67,7 @@ HRESULT CBaseAllocator::Commit() {
     return S_OK;
   }
   if (decommitInProgress_) {
-    // Samples of the last run are still outside: the pool goes on with what it has.
+    // Samples of the last run are still outside: the pool continues with what it has.
     decommitInProgress_ = false;
     committed_ = true;
     return S_OK;

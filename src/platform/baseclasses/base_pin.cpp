@@ -160,7 +160,7 @@ HRESULT CBasePin::TryMediaTypes(IPin* receivePin, const CMediaType* wanted,
     if (SUCCEEDED(hr)) {
       return hr;
     }
-    // The first failure with a reason of its own tells the most.
+    // The first failure with a reason of its own is the most specific.
     if (failure == VFW_E_NO_ACCEPTABLE_TYPES && hr != VFW_E_TYPE_NOT_ACCEPTED) {
       failure = hr;
     }

@@ -49,7 +49,7 @@ namespace {
 
 constexpr std::uint64_t kUnitsPerMillisecond = 10000;
 // The longest wait in one piece: a clock whose time jumps is looked at again by then.
-constexpr std::uint64_t kLongestWait = 10000 * kUnitsPerMillisecond;
+constexpr std::uint64_t kMaxWait = 10000 * kUnitsPerMillisecond;
 
 }  // namespace
 
@@ -154,7 +154,7 @@ void CBaseReferenceClock::SignalAdvises() {
       trigger_.Wait(os::kInfinite);
       continue;
     }
-    const std::uint64_t wait = std::min(TimeDistance(next, now), kLongestWait);
+    const std::uint64_t wait = std::min(TimeDistance(next, now), kMaxWait);
     trigger_.Wait(
         static_cast<std::uint32_t>((wait + kUnitsPerMillisecond - 1) / kUnitsPerMillisecond));
   }

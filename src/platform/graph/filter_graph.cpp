@@ -375,7 +375,7 @@ HRESULT FilterGraph::Run(REFERENCE_TIME start) {
   start_ = start;
   REFERENCE_TIME now = 0;
   if (start == 0 && clock_ && SUCCEEDED(clock_->GetTime(&now))) {
-    // Stream time goes on where the pause held it.
+    // Stream time continues where the pause held it.
     start_ = AddTimes(SubtractTimes(now, pausedAt_), kStartDelay);
   }
   const REFERENCE_TIME begin = start_;

@@ -22,7 +22,7 @@ struct GraphEvent {
 // Owns its filters (one reference each) and hands them the clock and the state changes: downstream
 // filters first, so that no filter receives what it is not ready for. The graph's methods belong to
 // the application's thread; events may be posted from any thread and are kept in a queue of bounded
-// length, whose oldest entry goes first. No lock is held while a filter is called, except the
+// length, whose oldest entry is dropped first. No lock is held while a filter is called, except the
 // recursive one of the application's own calls.
 class FilterGraph final : public CUnknown,
                           public IFilterGraph,

@@ -10,8 +10,8 @@
 
 namespace os {
 
-// Reads without ever waiting longer than it is told to, also before a writer has come, where a
-// plain read would hang for good. One thread at a time.
+// Reads without ever waiting longer than its limit, also before a writer has come, where a
+// plain read would hang indefinitely. One thread at a time.
 class ByteStream {
  public:
   enum class Result {
@@ -39,8 +39,8 @@ class ByteStream {
   int descriptor_ = -1;
 };
 
-// Writes without ever waiting longer than it is told to, where a plain write would hang until
-// somebody reads. A reader that has gone is an answer, not a signal to the process. One thread at a
+// Writes without ever waiting longer than its limit, where a plain write would hang until
+// somebody reads. A reader that has gone is a result, not a signal to the process. One thread at a
 // time.
 class ByteSink {
  public:

@@ -38,7 +38,7 @@ class ServiceNotifier {
   ServiceNotifier& operator=(const ServiceNotifier&) = delete;
 
   bool active() const { return descriptor_ >= 0; }
-  // The manager kills a program that has said nothing for so long.
+  // The manager kills a program that has been silent for that long.
   std::optional<std::chrono::microseconds> watchdog() const { return watchdog_; }
 
   // Each false when it did not reach the manager.

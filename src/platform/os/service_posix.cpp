@@ -54,7 +54,7 @@ StopSignals::StopSignals() {
   action.sa_flags = SA_RESTART;
   sigaction(SIGINT, &action, &formerInterrupt);
   sigaction(SIGTERM, &action, &formerTerminate);
-  // Whoever reads our lines, or an output, may go away: no reason to end the program.
+  // A reader of our lines, or of an output, may go away: no reason to end the program.
   struct sigaction ignore {};
   ignore.sa_handler = SIG_IGN;
   sigaction(SIGPIPE, &ignore, &formerPipe);

@@ -24,10 +24,10 @@ class StandardStream final : public std::streambuf {
   // Writes nothing.
   ~StandardStream() override;
 
-  // patience: for a flush; afterFailure: for one that follows a flush that took too long.
-  void LimitWaiting(std::chrono::milliseconds patience, std::chrono::milliseconds afterFailure);
+  // timeout: for a flush; afterFailure: for one that follows a flush that took too long.
+  void LimitWaiting(std::chrono::milliseconds timeout, std::chrono::milliseconds afterFailure);
   // The same for the buffer of a stream, if it is one of these.
-  static void LimitWaiting(std::ostream& stream, std::chrono::milliseconds patience,
+  static void LimitWaiting(std::ostream& stream, std::chrono::milliseconds timeout,
                            std::chrono::milliseconds afterFailure);
 
  protected:
@@ -50,7 +50,7 @@ class StandardStream final : public std::streambuf {
   int descriptor_;  // given_, or one of our own of the same pipe or terminal
   Mutex lock_;
   std::string waiting_ GUARDED_BY(lock_);
-  std::chrono::milliseconds patience_ GUARDED_BY(lock_){-1};  // negative: unlimited
+  std::chrono::milliseconds timeout_ GUARDED_BY(lock_){-1};  // negative: unlimited
   std::chrono::milliseconds afterFailure_ GUARDED_BY(lock_){-1};
   bool isStuck_ GUARDED_BY(lock_) = false;   // the latest flush took too long
   bool isInLine_ GUARDED_BY(lock_) = false;  // the latest write ended within a line

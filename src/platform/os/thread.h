@@ -12,12 +12,12 @@
 
 namespace os {
 
-// Runs a body on a thread of its own, from construction on. Signalled for good once the body has
+// Runs a body on a thread of its own, from construction on. Signalled permanently once the body has
 // returned. An exception that leaves the body ends the process.
 //
 // A wait that succeeds has joined the thread: none of its code runs any more, so that a library
 // that holds the body may be unloaded. The destructor never waits for a running body: that thread
-// goes on by itself, and keeps its body alive.
+// continues by itself, and keeps its body alive.
 class Thread final : public Waitable {
  public:
   // name: for debuggers and process listings, cut to what the system allows; empty for none.

@@ -18,9 +18,9 @@ inline constexpr std::uint32_t kWaitFailed = 0xFFFFFFFF;  // nothing that could 
 // for it, several at the same time; it must outlive every wait.
 //
 // The state that decides a wait (is there a token?) belongs to the derived class and is guarded by
-// the lock of its Signal. The system only hears of it while somebody sleeps: Signal is raised while
+// the lock of its Signal. The system is involved only while somebody sleeps: Signal is raised while
 // there is something to take and a waiter to be woken. A waiter that was woken tries to take, and
-// goes on waiting when another was faster. Setting and taking without a sleeper costs no call of
+// continues to wait when another was faster. Setting and taking without a sleeper costs no call of
 // the system.
 class Waitable {
  public:

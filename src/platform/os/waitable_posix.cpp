@@ -131,7 +131,7 @@ std::uint32_t WaitAny(std::span<Waitable* const> objects, std::uint32_t millisec
       if (ready < 0 && errno != EINTR) {
         return kWaitFailed;
       }
-      // Another waiter may have been faster: then go on with the time that is left.
+      // Another waiter may have been faster: then wait for the time that is left.
       if (const std::uint32_t taken = tryAll(); taken != kWaitTimeout || ready == 0) {
         return taken;
       }

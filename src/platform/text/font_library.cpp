@@ -15,8 +15,8 @@ namespace os {
 
 namespace {
 
-// A text as large as a whole picture of 3840x2160 with colour glyphs.
-constexpr std::size_t kMostBytesKept = std::size_t{3840} * 2160 * 4;
+// A text as large as a whole frame of 3840x2160 with colour glyphs.
+constexpr std::size_t kMaxBytesKept = std::size_t{3840} * 2160 * 4;
 
 const FcChar8* FcText(const std::string& text) {
   return reinterpret_cast<const FcChar8*>(text.c_str());
@@ -171,7 +171,7 @@ std::unique_ptr<DrawingSurface> FontLibrary::Lend() {
 }
 
 void FontLibrary::TakeBack(std::unique_ptr<DrawingSurface> surface) {
-  if (surface->Bytes() <= kMostBytesKept) {
+  if (surface->Bytes() <= kMaxBytesKept) {
     surfaces_.push_back(std::move(surface));
   }
 }

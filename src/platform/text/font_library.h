@@ -15,7 +15,7 @@ namespace os {
 
 // Always all zero but for the ink of the text in it. Belongs to a font library, is lent to one text
 // at a time; made ready, drawn into and destroyed with the library's lock held, because cairo finds
-// the glyphs in its caches. The rest is done by whoever has the text, without a lock.
+// the glyphs in its caches. The rest is done by the owner of the text, without a lock.
 class DrawingSurface {
  public:
   enum class Content {
@@ -23,7 +23,7 @@ class DrawingSurface {
     kColour,    // native 32-bit pixels A, R, G, B, colours multiplied by alpha
   };
 
-  // Allocates only for a larger picture than ever before.
+  // Allocates only for a larger text than ever before.
   void Prepare(Content content, int width, int height);
   cairo_t* Cairo() const { return cairo_.get(); }
 
