@@ -19,19 +19,13 @@
 // Of a class: it is a lock, or holds one for as long as it lives.
 #define CAPABILITY(kind) TAVREL_THREAD_ATTRIBUTE(capability(kind))
 #define SCOPED_CAPABILITY TAVREL_THREAD_ATTRIBUTE(scoped_lockable)
-// Of a member, or of what it points to: the lock under which it is read and written.
+// Of a member: the lock under which it is read and written.
 #define GUARDED_BY(lock) TAVREL_THREAD_ATTRIBUTE(guarded_by(lock))
-#define PT_GUARDED_BY(lock) TAVREL_THREAD_ATTRIBUTE(pt_guarded_by(lock))
-// Of a lock: which other ones may be held already when it is taken.
-#define ACQUIRED_AFTER(...) TAVREL_THREAD_ATTRIBUTE(acquired_after(__VA_ARGS__))
-// Of an operation: its callers hold the locks, or hold none of them.
+// Of an operation: its callers hold the locks.
 #define REQUIRES(...) TAVREL_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
-#define EXCLUDES(...) TAVREL_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))
-// Of an operation: it takes the locks, releases them, takes them if it returns the value, returns
-// one.
+// Of an operation: it takes the locks, releases them, returns one.
 #define ACQUIRE(...) TAVREL_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
 #define RELEASE(...) TAVREL_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
-#define TRY_ACQUIRE(...) TAVREL_THREAD_ATTRIBUTE(try_acquire_capability(__VA_ARGS__))
 #define RETURN_CAPABILITY(lock) TAVREL_THREAD_ATTRIBUTE(lock_returned(lock))
 // Of an operation: says that the lock is held where the compiler does not see it.
 #define ASSERT_CAPABILITY(lock) TAVREL_THREAD_ATTRIBUTE(assert_capability(lock))
@@ -48,7 +42,6 @@ class CAPABILITY("mutex") Mutex {
   Mutex& operator=(const Mutex&) = delete;
 
   void lock() ACQUIRE() { mutex_.lock(); }
-  bool try_lock() TRY_ACQUIRE(true) { return mutex_.try_lock(); }
   void unlock() RELEASE() { mutex_.unlock(); }
   // For the checker, in a lambda that runs while the lock is held.
   void AssertHeld() const ASSERT_CAPABILITY(this) {}
