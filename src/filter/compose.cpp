@@ -10,7 +10,6 @@
 #include "platform/com/wide_text.h"
 #include "platform/dshow/vfw_errors.h"
 #include "util/exceptions.h"
-#include "util/kernel_object.h"
 
 namespace {
 
@@ -25,10 +24,10 @@ std::u16string NumberedName(const char* stem, LONG index) {
 
 CCompose::CCompose(IUnknown* outer, HRESULT* hr)
     : PinOwner(nullptr, outer, &filterLock, CLSID_TavrelComposer),
-      frameSemaphore(qorp::MakeKernelObject<os::Semaphore>(0)),
-      pausedEvent(qorp::MakeKernelObject<os::Event>(os::Event::Reset::kAuto)),
-      pauseRequestEvent(qorp::MakeKernelObject<os::Event>(os::Event::Reset::kAuto)),
-      quitEvent(qorp::MakeKernelObject<os::Event>(os::Event::Reset::kAuto)),
+      frameSemaphore(MakeKernelObject<os::Semaphore>(0)),
+      pausedEvent(MakeKernelObject<os::Event>(os::Event::Reset::kAuto)),
+      pauseRequestEvent(MakeKernelObject<os::Event>(os::Event::Reset::kAuto)),
+      quitEvent(MakeKernelObject<os::Event>(os::Event::Reset::kAuto)),
       frameComposer(std::make_unique<FrameComposer>(composition)) {
   composition.backgroundPin =
       std::make_unique<CComposeInputVideoBackgroundPin>(this, &filterLock, hr, u"InputBG");

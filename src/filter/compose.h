@@ -13,8 +13,7 @@
 #include "log/dummy_log_perf.h"
 #include "pins/pin_owner.h"
 #include "pins/video_output_pin.h"
-#include "platform/os/event.h"
-#include "platform/os/semaphore.h"
+#include "platform/os/waitable.h"
 #include "util/thread.h"
 
 class FrameComposer;
@@ -86,9 +85,9 @@ class CCompose final : public PinOwner, public IComposeCommand {
   qorp::log::DummyLogPerf dummyLogger;
   std::atomic<qorp::log::ILogPerf*> logger{&dummyLogger};  // not owned
 
-  std::list<ComPtr<IMediaSample>> backgroundQueue;  // guarded by filterLock
-  // A pause waits for the frame in progress: no other one begins. Guarded by filterLock.
-  bool pausing = false;
+  std::list<ComPtr<IMediaSample>> backgroundQueue GUARDED_BY(filterLock);
+  // A pause waits for the frame in progress: no other one begins.
+  bool pausing GUARDED_BY(filterLock) = false;
   // Start of the last background sample received: the composer's current time, 100 ns units.
   std::atomic<REFERENCE_TIME> lastBackgroundStart{0};
 

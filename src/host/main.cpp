@@ -14,7 +14,7 @@
 #include "host/cli/show_log.h"
 #include "host/ffmpeg/log.h"
 #include "platform/os/console.h"
-#include "platform/os/heap.h"
+#include "platform/os/process.h"
 #include "platform/os/standard_stream.h"
 #include "platform/os/thread.h"
 

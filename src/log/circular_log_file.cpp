@@ -13,7 +13,7 @@ namespace qorp::log {
 namespace {
 
 constexpr std::string_view kLineEnd = "\r\n";
-constexpr std::size_t kLongestLine = 1 << 20;
+constexpr std::size_t kMaxLine = 1 << 20;
 constexpr std::size_t kReadSize = 1 << 16;
 
 std::string FormatHeader(std::uint64_t head) {
@@ -95,9 +95,9 @@ void CircularLogFile::ReadLines(std::uint64_t begin, std::uint64_t end,
     if (line.ends_with('\r')) {
       line.pop_back();
     }
-    const bool goOn = lineBegin < end && take(line, lineBegin);
+    const bool proceeds = lineBegin < end && take(line, lineBegin);
     line.clear();
-    return goOn;
+    return proceeds;
   };
   while (lineBegin < end && offset < size_) {
     const std::size_t wanted = std::min<std::uint64_t>(kReadSize, size_ - offset);
@@ -109,7 +109,7 @@ void CircularLogFile::ReadLines(std::uint64_t begin, std::uint64_t end,
     std::string_view rest(buffer.data(), count);
     while (!rest.empty()) {
       const std::size_t length = std::min(rest.find('\n'), rest.size());
-      line.append(rest.substr(0, std::min(length, kLongestLine - line.size())));
+      line.append(rest.substr(0, std::min(length, kMaxLine - line.size())));
       const bool ended = length < rest.size();
       rest.remove_prefix(length + (ended ? 1 : 0));
       if (ended) {

@@ -16,11 +16,12 @@ namespace qorp::log {
 //   offset 12   line CR LF ...        the newest lines, up to the head
 //   head        line CR LF ...        the oldest lines, the first of them partly overwritten
 //
-// A line is written before the header that counts it. Whoever dies in between, or in the middle of
-// the line, leaves a header that names the end of the line before: nothing that a header counted is
-// lost, and writing goes on there. The header is 12 bytes in one piece and is never half written.
+// A line is written before the header that counts it. A writer that dies in between, or in the
+// middle of the line, leaves a header that names the end of the line before: nothing that a header
+// counted is lost, and writing continues there. The header is 12 bytes in one piece and is never
+// half written.
 //
-// Used by one thread. Failures of the system are told by IsOpen and IsGood; nothing throws but
+// Used by one thread. Failures of the system show in IsOpen and IsGood; nothing throws but
 // std::bad_alloc.
 class CircularLogFile {
  public:

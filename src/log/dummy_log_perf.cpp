@@ -1,6 +1,6 @@
 #include "log/dummy_log_perf.h"
 
-#include "log/format_buffer.h"
+#include "log/message_queue.h"
 #include "platform/os/debugger_output.h"
 
 namespace qorp::log {

@@ -115,7 +115,7 @@ bool LogFileReader::ReadOn(const TakeLine& take) {
     return false;
   }
   const Lines added = Collect(lastEnd_, head);
-  // Whoever overwrites the added lines overwrites the last one before.
+  // A writer overwrites the last one before it reaches the added lines.
   if (!IsLastInPlace()) {
     return false;
   }
@@ -129,7 +129,7 @@ bool LogFileReader::ReadOn(const TakeLine& take) {
   return true;
 }
 
-// Its time tells: the number of a writer that has just taken over may step back by one.
+// Decided by its time: the number of a writer that has just taken over may step back by one.
 bool LogFileReader::IsUncounted(const Lines& oldest, const Lines& newest) {
   const NumberedLogLine& first = oldest.front().line;
   if (!newest.empty()) {
@@ -223,7 +223,7 @@ void LogFileReader::SortByTime(Lines& lines) {
   });
 }
 
-// The number of lines that were lost. Numbers tell of them; but a writer that has taken over steps
+// The number of lines that were lost. Numbers show them; but a writer that has taken over steps
 // back, and the next one forward again, so that not every step in a file is a loss.
 std::int64_t LogFileReader::ReadAll(const TakeLine& take) {
   Snapshot snapshot;

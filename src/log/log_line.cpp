@@ -1,5 +1,6 @@
 #include "log/log_line.h"
 
+#include <algorithm>
 #include <array>
 #include <cctype>
 #include <cerrno>
@@ -8,8 +9,62 @@
 #include <limits>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 namespace qorp::log {
+
+void LogHistory::Insert(std::int64_t number, LogHistoryEntry entry) {
+  const os::MutexLock guard(lock_);
+  lines_.insert_or_assign(number, std::move(entry));
+  while (lines_.size() > capacity_) {
+    lines_.erase(lines_.begin());
+  }
+}
+
+void LogHistory::Clear() {
+  const os::MutexLock guard(lock_);
+  lines_.clear();
+}
+
+bool LogHistory::Resolve(std::int64_t* first, std::int64_t* last) const {
+  const std::int64_t oldest = lines_.begin()->first;
+  const std::int64_t newest = lines_.rbegin()->first;
+  const auto fromNewest = [&](std::int64_t bound) {
+    constexpr std::int64_t kLowest = std::numeric_limits<std::int64_t>::min();
+    if (bound >= 0) {
+      return bound;
+    }
+    const std::int64_t behind = bound + 1;
+    return newest < kLowest - behind ? kLowest : newest + behind;
+  };
+  *first = std::max(fromNewest(*first), oldest);
+  *last = std::min(fromNewest(*last), newest);
+  return *last >= *first;
+}
+
+bool LogHistory::GetRange(std::int64_t first, std::int64_t last, std::int64_t* outFirst,
+                          std::int64_t* outLast) const {
+  const os::MutexLock guard(lock_);
+  if (lines_.empty()) {
+    throw std::runtime_error("History is empty");
+  }
+  *outFirst = first;
+  *outLast = last;
+  return Resolve(outFirst, outLast);
+}
+
+std::vector<LogHistoryEntry> LogHistory::Get(std::int64_t first, std::int64_t last) const {
+  const os::MutexLock guard(lock_);
+  std::vector<LogHistoryEntry> entries;
+  if (!lines_.empty() && Resolve(&first, &last)) {
+    const auto end = lines_.upper_bound(last);
+    for (auto line = lines_.lower_bound(first); line != end; ++line) {
+      entries.push_back(line->second);
+    }
+  }
+  return entries;
+}
+
 namespace {
 
 constexpr char kSeparator = ';';
@@ -81,6 +136,14 @@ bool ReadWhole(std::string_view field, Number& number) {
 }
 
 }  // namespace
+
+std::string FormatPlainLine(std::int32_t level, std::string_view timeText, std::string_view text) {
+  std::string line = "[Level " + std::to_string(level) + "] ";
+  line += timeText;
+  line += ' ';
+  line += text;
+  return line;
+}
 
 std::string FormatLogLine(std::int64_t number, const LogHistoryEntry& entry) {
   std::string line = std::to_string(number);

@@ -1,19 +1,64 @@
-// The lines of a log file:
+// The lines of a log: LogHistory keeps the most recent ones in memory, and a log file has them as
 //
 //   42;Mon Nov 16 09:43:14.123;1763286194123;1;Composer audio/video #2 resynchronizes (-)
 //   number;local time;milliseconds since 1970-01-01 UTC;level;text, which may itself hold ";"
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
-#include "log/log_history.h"
+#include "platform/os/mutex.h"
 
 namespace qorp::log {
 
-// Without the line end.
+struct LogHistoryEntry {
+  std::int32_t level = 0;
+  std::int64_t milliseconds = 0;  // since 1970-01-01 UTC
+  std::string timeText;           // local time, "Mon Nov 16 09:43:14.123"
+  std::string text;
+
+  bool operator==(const LogHistoryEntry&) const = default;
+};
+
+// Lines by their running numbers; the lowest numbers go when there are more than the capacity. Any
+// thread; the lock guards the lines.
+//
+// A bound of a range that is negative counts from the newest line: -1 is the newest.
+class LogHistory {
+ public:
+  explicit LogHistory(std::size_t capacity) : capacity_(capacity) {}
+
+  // Replaces a line of that number.
+  void Insert(std::int64_t number, LogHistoryEntry entry);
+  void Clear();
+
+  // Clamps the range to the lines that are there: true when any are left. Throws std::runtime_error
+  // "History is empty" when there are no lines at all.
+  bool GetRange(std::int64_t first, std::int64_t last, std::int64_t* outFirst,
+                std::int64_t* outLast) const;
+  // The lines of the range in the order of their numbers.
+  std::vector<LogHistoryEntry> Get(std::int64_t first, std::int64_t last) const;
+
+ private:
+  using Lines = std::map<std::int64_t, LogHistoryEntry>;
+
+  // There are lines.
+  bool Resolve(std::int64_t* first, std::int64_t* last) const REQUIRES(lock_);
+
+  const std::size_t capacity_;
+  mutable os::Mutex lock_;
+  Lines lines_ GUARDED_BY(lock_);
+};
+
+// For a person: "[Level 1] Mon Nov 16 09:43:14.123 text", without the line end.
+std::string FormatPlainLine(std::int32_t level, std::string_view timeText, std::string_view text);
+
+// For a file, without the line end.
 std::string FormatLogLine(std::int64_t number, const LogHistoryEntry& entry);
 
 // True when line has the five fields at least.

@@ -8,17 +8,17 @@
 #include <thread>
 #include <utility>
 
-#include "log/format_buffer.h"
+#include "log/performance.h"
 #include "platform/os/debugger_output.h"
 
 namespace qorp::log {
 namespace {
 
-constexpr std::size_t kLongestMessage = 1040;
+constexpr std::size_t kMaxMessage = 1040;
 
 // Messages come in bursts, and waking a sleeping worker costs a caller more than all the rest of a
-// log() call. So the worker looks around for some microseconds before it sleeps.
-constexpr int kLooksBeforeSleep = 50;
+// log() call. So the worker polls for some microseconds before it sleeps.
+constexpr int kPollsBeforeSleep = 50;
 
 // Makes one line of length characters: the length that is left.
 std::size_t CleanLine(char* text, std::size_t length) {
@@ -85,8 +85,8 @@ void LogPerf::SetObserver(IPerfObserver* observer) {
 }
 
 void LogPerf::log(std::int32_t level, const char* format, ...) {
-  FormatBuffer<kLongestMessage> buffer;
-  const std::lock_guard guard(formattingLock_);
+  FormatBuffer<kMaxMessage> buffer;
+  const os::MutexLock guard(formattingLock_);
   const LogTime time = clock_.Now();
   va_list arguments;
   va_start(arguments, format);
@@ -97,7 +97,7 @@ void LogPerf::log(std::int32_t level, const char* format, ...) {
 
 std::uint32_t LogPerf::WaitForWork(std::uint32_t lastReport) {
   const std::array<os::Waitable*, 2> signals{&stopEvent_, &queue_};
-  for (int look = 0; look < kLooksBeforeSleep; ++look) {
+  for (int poll = 0; poll < kPollsBeforeSleep; ++poll) {
     if (const std::uint32_t signalled = os::WaitAny(signals, 0); signalled != os::kWaitTimeout) {
       return signalled;
     }
@@ -136,6 +136,123 @@ void LogPerf::MakePeriodicReport() {
     // The next report is another try; the messages matter more.
     os::WriteDebuggerOutput(std::string("Performance report failed: ") + failure.what() + "\n");
   }
+}
+
+void LogPerf::RegisterPin(const char* pinName) {
+  const os::MutexLock guard(countersLock_);
+  counters_.pins.Register(pinName, clock_.Ticks());
+}
+
+void LogPerf::NotifyBufferFull(const char* pinName) {
+  restartMonitor_.CountBufferFull();
+  const os::MutexLock guard(countersLock_);
+  const std::uint32_t events = counters_.pins.Count(pinName, clock_.Ticks());
+  // Under the lock, so that the lines of one pin stand in the order of their events.
+  if (events == 1) {
+    log(options_.bufferFullLevel, "Pin output buffer full : %s", pinName);
+  } else if (events > 1) {
+    log(options_.bufferFullLevel, "Pin output buffer full : %s (x%d)", pinName,
+        static_cast<int>(events));
+  }
+}
+
+void LogPerf::IncrementResync() {
+  const os::MutexLock guard(countersLock_);
+  ++counters_.resync;
+}
+
+void LogPerf::IncrementTsDiscontinuity() {
+  const os::MutexLock guard(countersLock_);
+  ++counters_.tsDiscontinuity;
+}
+
+void LogPerf::IncrementDecodedPictures() {
+  const os::MutexLock guard(countersLock_);
+  ++counters_.decodedPictures;
+}
+
+void LogPerf::AddPoliticChoices(std::int32_t count) {
+  const os::MutexLock guard(countersLock_);
+  counters_.politicChoices += static_cast<std::uint32_t>(count);
+}
+
+// The content of a report: the record, and what only the observer is given.
+struct LogPerf::Report {
+  LogTime time;
+  PerformanceRecord record;
+  std::uint32_t commitPercent = 0;
+  std::uint64_t workingSet = 0;  // bytes, in full
+  std::int32_t politicChoicesPerSecond = 0;
+};
+
+// Nothing when no time of the system has passed since the last one.
+std::optional<LogPerf::Report> LogPerf::CompileReport() {
+  const os::MutexLock guard(reportLock_);
+  Report report;
+  report.time = clock_.Now();
+  const os::SystemStatistics statistics = options_.readStatistics();
+
+  const std::uint64_t systemTotal = statistics.kernelTime + statistics.userTime;
+  const std::uint64_t totalDelta = systemTotal - previous_.systemTotal;
+  const std::uint64_t idleDelta = statistics.idleTime - previous_.systemIdle;
+  previous_.systemTotal = systemTotal;
+  previous_.systemIdle = statistics.idleTime;
+  if (totalDelta == 0) {
+    return std::nullopt;
+  }
+  PerformanceRecord& record = report.record;
+  record.totalCpu = static_cast<std::int64_t>((totalDelta - idleDelta) * 100 / totalDelta);
+  const std::uint64_t processDelta = (statistics.processKernelTime + statistics.processUserTime) -
+                                     (previous_.processKernel + previous_.processUser);
+  record.cpu = static_cast<std::int64_t>(processDelta * 100 / totalDelta);
+  // The three sizes are recorded in 32 bits, whatever is lost.
+  report.workingSet = statistics.workingSet;
+  record.workingSet = static_cast<std::uint32_t>(statistics.workingSet);
+  record.privateBytes = static_cast<std::uint32_t>(statistics.privateBytes);
+  const std::uint64_t committed = statistics.commitTotal - statistics.commitAvailable;
+  record.virtualSize = static_cast<std::uint32_t>(committed);
+  if (statistics.commitTotal != 0) {
+    report.commitPercent = static_cast<std::uint32_t>(committed * 100 / statistics.commitTotal);
+  }
+  record.kernelTime = statistics.processKernelTime;
+  record.userTime = statistics.processUserTime;
+  record.date = MillisecondsOf(report.time);
+  record.handleCount = statistics.handleCount;
+  record.restart = restartMonitor_.GetState();
+  {
+    const os::MutexLock countersGuard(countersLock_);
+    record.bufferFull = counters_.pins.GetCounts();
+    record.numResync = counters_.resync;
+    record.numTsDiscontinuity = counters_.tsDiscontinuity;
+    record.numDecPictures = counters_.decodedPictures;
+    record.numPoliticChoices = counters_.politicChoices;
+  }
+  for (const auto& [name, count] : record.bufferFull) {
+    record.numBufferFull += static_cast<std::uint32_t>(count);
+  }
+  report.politicChoicesPerSecond =
+      static_cast<std::int32_t>((record.numPoliticChoices - previous_.politicChoices) * 1000) /
+      static_cast<std::int32_t>(options_.reportPeriod);
+  previous_.processKernel = statistics.processKernelTime;
+  previous_.processUser = statistics.processUserTime;
+  previous_.politicChoices = record.numPoliticChoices;
+  return report;
+}
+
+void LogPerf::WriteReport() {
+  const std::optional<Report> report = CompileReport();
+  if (!report) {
+    return;
+  }
+  sinks_.WithObserver([&](IPerfObserver& observer) {
+    observer.OnReport(static_cast<std::uint32_t>(report->record.cpu), report->commitPercent,
+                      report->workingSet, report->politicChoicesPerSecond);
+  });
+  sinks_.WithPerformanceSink([&](ILogSink& sink, bool isFirst) {
+    const std::string line = isFirst ? FormatPerformanceHeader(report->record.bufferFull)
+                                     : FormatPerformanceLine(report->record);
+    sink.Write(kInfo, report->time, line.c_str());
+  });
 }
 
 }  // namespace qorp::log

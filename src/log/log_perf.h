@@ -4,18 +4,16 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 
 #include "log/i_log_perf.h"
-#include "log/log_clock.h"
+#include "log/log_time.h"
 #include "log/message_queue.h"
-#include "log/pin_table.h"
-#include "log/restart_monitor.h"
+#include "log/performance.h"
 #include "log/sink_set.h"
-#include "platform/os/brief_mutex.h"
-#include "platform/os/event.h"
-#include "platform/os/process_statistics.h"
+#include "platform/os/mutex.h"
+#include "platform/os/process.h"
+#include "platform/os/waitable.h"
 #include "util/thread.h"
 
 namespace qorp::log {
@@ -30,14 +28,14 @@ struct LogPerfOptions {
 };
 
 // Owned by the host, which hands it to its components as ILogPerf; sinks and observer belong to the
-// host, too. log() stamps and formats on the caller's thread and puts the message into a bounded
-// queue; one worker thread hands the messages to the sinks and makes the periodic report. A caller
-// never waits for the worker, however slow a sink is.
+// host, too. log() takes the timestamp and formats on the caller's thread and puts the message into
+// a bounded queue; one worker thread hands the messages to the sinks and makes the periodic report.
+// A caller never waits for the worker, however slow a sink is.
 //
 // Threads: any thread logs, counts, adds and removes sinks; the owner starts and stops. Locks, in
 // the order in which they may be taken: reportLock_ (what a report compares with), countersLock_
 // (the counters and the pin table; log() may be called under it), formattingLock_ (the whole of
-// log(), so that the order in the queue is that of the time stamps), the queue's own. Sinks and
+// log(), so that the order in the queue is that of the timestamps), the queue's own. Sinks and
 // observer are called with no lock held.
 class LogPerf final : public ILogPerf {
  public:
@@ -111,16 +109,16 @@ class LogPerf final : public ILogPerf {
   const LogPerfOptions options_;
   LogClock& clock_;
 
-  os::BriefMutex formattingLock_;
+  os::SpinThenBlockMutex formattingLock_;
   MessageQueue queue_;
   SinkSet sinks_;
 
-  mutable std::mutex countersLock_;
-  Counters counters_;  // guarded by countersLock_
+  mutable os::Mutex countersLock_;
+  Counters counters_ GUARDED_BY(countersLock_);
   RestartMonitor restartMonitor_;
 
-  std::mutex reportLock_;
-  PreviousReport previous_;  // guarded by reportLock_
+  os::Mutex reportLock_;
+  PreviousReport previous_ GUARDED_BY(reportLock_);
 
   os::Event stopEvent_{os::Event::Reset::kManual};
   std::unique_ptr<Thread> worker_;

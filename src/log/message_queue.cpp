@@ -1,13 +1,11 @@
 #include "log/message_queue.h"
 
-#include <mutex>
-
-#include "log/levels.h"
+#include "log/i_log_perf.h"
 
 namespace qorp::log {
 
 void MessageQueue::Push(std::int32_t level, std::string_view text, const LogTime& time) {
-  const std::lock_guard guard(signal_.Lock());
+  const os::MutexLock guard(signal_.Lock());
   if (overflowed_) {
     return;
   }
@@ -25,7 +23,7 @@ void MessageQueue::Push(std::int32_t level, std::string_view text, const LogTime
 }
 
 bool MessageQueue::Pop(Popped& message) {
-  const std::lock_guard guard(signal_.Lock());
+  const os::MutexLock guard(signal_.Lock());
   spare_.splice(spare_.begin(), message.node_);
   if (messages_.empty()) {
     return false;

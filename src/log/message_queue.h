@@ -1,7 +1,11 @@
-// MessageQueue: messages on their way from the callers to the logger's worker.
+// A message's way from its caller to the logger's worker: FormatBuffer and MessageQueue.
 #pragma once
 
+#include <algorithm>
+#include <array>
+#include <cstdarg>
 #include <cstdint>
+#include <cstdio>
 #include <list>
 #include <string>
 #include <string_view>
@@ -10,6 +14,26 @@
 #include "platform/os/waitable.h"
 
 namespace qorp::log {
+
+// Room for Size characters; longer texts are cut to it.
+template <std::size_t Size>
+class FormatBuffer {
+ public:
+  // The length of the text that stands in the buffer then. A format that cannot be carried out is
+  // kept as its own text: the message is not lost.
+  [[gnu::format(printf, 2, 0)]] std::size_t Format(const char* format, va_list arguments) {
+    const int length = std::vsnprintf(text_.data(), text_.size(), format, arguments);
+    if (length < 0) {
+      return std::string_view(format).copy(text_.data(), Size);
+    }
+    return std::min(static_cast<std::size_t>(length), Size);
+  }
+
+  char* Data() { return text_.data(); }
+
+ private:
+  std::array<char, Size + 1> text_;
+};
 
 struct LogMessage {
   std::int32_t level = 0;
@@ -49,10 +73,10 @@ class MessageQueue final : public os::Waitable {
   bool TryTake() override { return signal_.MaySucceed(); }
   Signal& GetSignal() override { return signal_; }
 
-  Signal signal_;                   // its lock guards everything below
-  std::list<LogMessage> messages_;  // oldest first
-  std::list<LogMessage> spare_;     // were popped before
-  bool overflowed_ = false;
+  Signal signal_;
+  std::list<LogMessage> messages_ GUARDED_BY(signal_.Lock());  // oldest first
+  std::list<LogMessage> spare_ GUARDED_BY(signal_.Lock());     // were popped before
+  bool overflowed_ GUARDED_BY(signal_.Lock()) = false;
 };
 
 }  // namespace qorp::log

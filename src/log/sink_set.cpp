@@ -18,16 +18,16 @@ thread_local const SinkSet* usedByThisThread = nullptr;
 class SinkSet::Use {
  public:
   explicit Use(SinkSet& set) : set_(set), outer_(std::exchange(usedByThisThread, &set)) {
-    const std::lock_guard guard(set_.lock_);
+    const os::MutexLock guard(set_.lock_);
     number_ = ++set_.usesBegun_;
     set_.usesInProgress_.push_back(number_);
     members_ = set_.members_;
   }
   ~Use() {
     usedByThisThread = outer_;
-    const std::lock_guard guard(set_.lock_);
+    const os::MutexLock guard(set_.lock_);
     std::erase(set_.usesInProgress_, number_);
-    set_.useEnded_.notify_all();
+    set_.useEnded_.NotifyAll();
   }
   Use(const Use&) = delete;
   Use& operator=(const Use&) = delete;
@@ -42,15 +42,16 @@ class SinkSet::Use {
 };
 
 void SinkSet::Change(const std::function<void(Members&)>& change, Until until) {
-  std::unique_lock guard(lock_);
+  const os::MutexLock guard(lock_);
   auto next = std::make_shared<Members>(*members_);
   change(*next);
   members_ = std::move(next);
   if (until == Until::kUnused && usedByThisThread != this) {
-    useEnded_.wait(guard, [&, last = usesBegun_] {
-      return std::none_of(usesInProgress_.begin(), usesInProgress_.end(),
-                          [&](std::uint64_t number) { return number <= last; });
-    });
+    // Uses begin in ascending order.
+    const std::uint64_t last = usesBegun_;
+    while (!usesInProgress_.empty() && usesInProgress_.front() <= last) {
+      useEnded_.Wait(lock_);
+    }
   }
 }
 
@@ -86,8 +87,8 @@ void SinkSet::CallGuarded(const void* member, Call call) {
     failure = "unknown failure";
   }
   {
-    // A failure that lasts is told once, not for every message.
-    const std::lock_guard guard(lock_);
+    // A failure that lasts is reported once, not for every message.
+    const os::MutexLock guard(lock_);
     if (std::exchange(lastFailures_[member], failure) == failure) {
       return;
     }

@@ -1,20 +1,18 @@
-// SinkSet: who is told of messages and reports.
+// SinkSet: who receives messages and reports.
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "log/i_log_sink.h"
-#include "log/i_perf_observer.h"
 #include "log/message_queue.h"
+#include "platform/os/mutex.h"
 
 namespace qorp::log {
 
@@ -36,7 +34,7 @@ class SinkSet {
   // Hands a message to every sink, in the order of their addresses.
   void Dispatch(const LogMessage& message);
   // Call the operation with the observer or the performance sink, if there is one; isFirst until
-  // one that was told so has returned, and again for a sink that is set anew.
+  // a call with it has returned, and again for a sink that is set again.
   void WithObserver(const std::function<void(IPerfObserver&)>& operation);
   void WithPerformanceSink(const std::function<void(ILogSink&, bool isFirst)>& operation);
 
@@ -60,13 +58,14 @@ class SinkSet {
   template <typename Call>
   void CallGuarded(const void* member, Call call);
 
-  std::mutex lock_;
-  // Never changed, only replaced; a use keeps its own. Guarded by lock_, as everything below.
-  std::shared_ptr<const Members> members_ = std::make_shared<Members>();
-  std::uint64_t usesBegun_ = 0;
-  std::vector<std::uint64_t> usesInProgress_;  // the numbers with which they began
-  std::condition_variable useEnded_;
-  std::map<const void*, std::string> lastFailures_;  // by member
+  os::Mutex lock_;
+  // Never changed, only replaced; a use keeps its own.
+  std::shared_ptr<const Members> members_ GUARDED_BY(lock_) = std::make_shared<Members>();
+  std::uint64_t usesBegun_ GUARDED_BY(lock_) = 0;
+  // The numbers with which they began.
+  std::vector<std::uint64_t> usesInProgress_ GUARDED_BY(lock_);
+  os::ConditionVariable useEnded_;
+  std::map<const void*, std::string> lastFailures_ GUARDED_BY(lock_);  // by member
 };
 
 }  // namespace qorp::log

@@ -8,7 +8,7 @@
 #include "pins/video_input_pins.h"
 #include "platform/dshow/reference_time.h"
 #include "platform/dshow/vfw_errors.h"
-#include "platform/os/ticks.h"
+#include "platform/os/system_time.h"
 #include "util/exceptions.h"
 
 namespace {

@@ -85,12 +85,13 @@ class CComposeInputVideoWindowPin final : public CComposeInputVideoPin {
   REFERENCE_TIME Latency() const { return latency.load(std::memory_order_relaxed); }
 
  private:
-  void ReceiveTimed(IMediaSample* sample, REFERENCE_TIME start, REFERENCE_TIME stop);
+  void ReceiveTimed(IMediaSample* sample, REFERENCE_TIME start, REFERENCE_TIME stop)
+      REQUIRES(queueLock);
   void ResetTimeOffset(IMediaSample* sample);
 
   CCritSec queueLock;
-  std::vector<ComPtr<IMediaSample>> queue;    // guarded by queueLock
-  REFERENCE_TIME nextStart = 0;               // guarded by queueLock
+  std::vector<ComPtr<IMediaSample>> queue GUARDED_BY(queueLock);
+  REFERENCE_TIME nextStart GUARDED_BY(queueLock) = 0;
   CMediaType lastType;                        // composition thread only
   std::atomic<REFERENCE_TIME> timeOffset{0};  // changed under queueLock
   std::atomic<REFERENCE_TIME> latency{0};

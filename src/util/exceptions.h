@@ -1,17 +1,17 @@
-// The exceptions of the system. Failures inside are exceptions; HRESULTs stand at the COM face
-// only.
+// The exceptions of the system, and the product line's own error codes (facility 0x25). Failures
+// inside are exceptions; HRESULTs are used at the COM boundary only.
 #pragma once
 
 #include <exception>
 #include <string>
 #include <utility>
 
-#include "platform/com/hresult.h"
+#include "platform/com/types.h"
 
 // Root of every failure of our own. Thrown by value, caught by reference, thread-neutral.
 class TavrelException : public std::exception {};
 
-// A failure of one component. Owner only tells the exception types apart: a handler can catch one
+// A failure of one component. Owner only distinguishes the exception types: a handler can catch one
 // component's failures and let the others pass.
 template <typename Owner, typename Base>
 class ExceptionTemplate : public Base {
@@ -48,3 +48,7 @@ inline void ThrowIfFailed(HRESULT hr) {
     throw COMException(hr);
   }
 }
+
+// The message of a product code, or null when the code is not one of ours. The table is constant:
+// any thread may ask.
+const char* LookupErrorMessage(HRESULT code);

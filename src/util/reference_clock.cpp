@@ -3,10 +3,18 @@
 #include <limits>
 #include <utility>
 
-#include "platform/os/ticks.h"
-#include "util/date.h"
+#include "platform/os/system_time.h"
 
 namespace qorp {
+
+std::int64_t Date::ToFileTime(const os::SystemTime& time) {
+  const std::optional<std::int64_t> fileTime = os::SystemTimeToFileTime(time);
+  if (!fileTime) {
+    throw Exception("SystemTimeToFileTime failed");
+  }
+  return *fileTime;
+}
+
 namespace {
 
 constexpr std::int64_t kUnitsPerMillisecond = 10000;
@@ -78,7 +86,7 @@ std::int64_t ReferenceClock::Adjust(std::int64_t raw) {
 }
 
 REFERENCE_TIME ReferenceClock::GetPrivateTime() {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   const std::int64_t time = Adjust(rawTime_());
   accumulated_ = Sum(accumulated_, Elapsed(last_, time));
   last_ = time;
@@ -87,7 +95,7 @@ REFERENCE_TIME ReferenceClock::GetPrivateTime() {
 
 HRESULT ReferenceClock::SetRateOffset(LONG ppm) {
   {
-    const std::lock_guard guard(lock_);
+    const os::MutexLock guard(lock_);
     if (offsetEnabled_) {
       return E_FAIL;
     }

@@ -1,12 +1,28 @@
-// qorp::ReferenceClock: the system's reference clock, and the interface that sets its rate.
+// qorp::Date: calendar times as 64-bit counts. qorp::ReferenceClock: the system's reference clock,
+// and the interface that sets its rate.
 #pragma once
 
 #include <cstdint>
 #include <functional>
-#include <mutex>
 
 #include "platform/baseclasses/base_reference_clock.h"
 #include "platform/com/com_ptr.h"
+#include "platform/os/mutex.h"
+#include "platform/os/system_time.h"
+#include "util/exceptions.h"
+
+namespace qorp {
+
+class Date {
+ public:
+  using Exception = ExceptionTemplate<Date, TavrelException>;
+
+  // 100 ns units since 1601-01-01. Throws Exception "SystemTimeToFileTime failed" for a date that
+  // does not exist or cannot be expressed.
+  static std::int64_t ToFileTime(const os::SystemTime& time);
+};
+
+}  // namespace qorp
 
 inline constexpr IID IID_IOffsettableClock{
     0x841C7DCD, 0x69DD, 0x4D28, {0xA8, 0xB5, 0xDD, 0x0B, 0xD7, 0x5F, 0x1E, 0xFF}};
@@ -30,9 +46,9 @@ namespace qorp {
 
 // A clock over the multimedia timer or over the wall clock (UTC), at a rate that can be trimmed.
 //
-// A time source that goes back, as a corrected wall clock does, makes the clock leap forward by
-// what is left of 63 bits: filters wait for times to come, and would wait for ever for one that was
-// taken back.
+// A time source that goes back, as a corrected wall clock does, makes the clock jump forward by
+// what is left of 63 bits: filters wait for times to come, and would wait indefinitely for one that
+// was taken back.
 //
 // Counted by its users; any thread may call, and so does the clock's own thread for its advises.
 class ReferenceClock final : public CBaseReferenceClock, public IOffsettableClock {
@@ -57,15 +73,15 @@ class ReferenceClock final : public CBaseReferenceClock, public IOffsettableCloc
   HRESULT SetRateOffset(LONG ppm) override;
 
  private:
-  std::int64_t Adjust(std::int64_t raw);
+  std::int64_t Adjust(std::int64_t raw) REQUIRES(lock_);
 
   const RawTime rawTime_;
-  std::mutex lock_;
-  bool offsetEnabled_ = false;   // guarded by lock_, as is all below
-  std::int64_t rateOffset_ = 0;  // ppm
-  std::int64_t base_ = 0;        // raw time from which the offset counts
-  std::int64_t last_ = 0;        // adjusted time returned last
-  std::int64_t accumulated_ = 0;
+  os::Mutex lock_;
+  bool offsetEnabled_ GUARDED_BY(lock_) = false;
+  std::int64_t rateOffset_ GUARDED_BY(lock_) = 0;  // ppm
+  std::int64_t base_ GUARDED_BY(lock_) = 0;        // raw time from which the offset counts
+  std::int64_t last_ GUARDED_BY(lock_) = 0;        // adjusted time returned last
+  std::int64_t accumulated_ GUARDED_BY(lock_) = 0;
 };
 
 }  // namespace qorp

@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include "platform/os/utf8.h"
+
 namespace qorp {
 
 namespace {
@@ -23,11 +25,6 @@ bool IsInvalidCodePoint(std::uint32_t value) {
 
 std::uint8_t LowByte(std::uint32_t value) {
   return static_cast<std::uint8_t>(value & 0xFF);
-}
-
-// 10xxxxxx with the six bits of value that start at shift.
-std::uint8_t Continuation(std::uint32_t value, unsigned shift) {
-  return static_cast<std::uint8_t>(0x80 | ((value >> shift) & 0x3F));
 }
 
 template <typename Codec, typename Derived>
@@ -115,17 +112,7 @@ TextBytes TextEmitterUTF8::Emit(const CodePoints& codePoints) const {
   TextBytes bytes;
   bytes.reserve(codePoints.size());
   for (const std::uint32_t c : codePoints) {
-    if (c <= 0x7F) {
-      bytes.push_back(LowByte(c));
-    } else if (c < 0x800) {
-      bytes.insert(bytes.end(), {LowByte(0xC0 | (c >> 6)), Continuation(c, 0)});
-    } else if (c < 0x10000) {
-      bytes.insert(bytes.end(),
-                   {LowByte(0xE0 | (c >> 12)), Continuation(c, 6), Continuation(c, 0)});
-    } else {
-      bytes.insert(bytes.end(), {LowByte(0xF0 | (c >> 18)), Continuation(c, 12), Continuation(c, 6),
-                                 Continuation(c, 0)});
-    }
+    os::AppendUtf8(c, bytes);
   }
   return bytes;
 }

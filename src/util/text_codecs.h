@@ -28,8 +28,8 @@ using TextError = ExceptionTemplate<Text, TavrelException>;
 
 // Bytes of one encoding to code points. Stateless: one object serves any number of threads.
 //
-// A parser judges the form of its encoding only; whether a value is a Unicode code point at all
-// (not a surrogate, not above U+10FFFF) is judged by Transcode.
+// A parser checks the form of its encoding only; whether a value is a Unicode code point at all
+// (not a surrogate, not above U+10FFFF) is checked by Transcode.
 class TextParser {
  public:
   // Throws TextError at the first fault unless lenient.
@@ -49,7 +49,7 @@ class TextParserUTF16LE final : public TextParser {
   CodePoints Parse(const TextBytes& bytes, bool lenient) const override;
 };
 
-// Code points to bytes of one encoding. Stateless, and without judgement: a value that is no code
+// Code points to bytes of one encoding. Stateless, and without a check: a value that is no code
 // point gets the bytes that the encoding's arithmetic gives.
 class TextEmitter {
  public:
@@ -87,7 +87,7 @@ struct EncodedText {
   TextBytes bytes;
 };
 
-// Converts length bytes of data. Between parsing and emitting every code point is judged: 0, a
+// Converts length bytes of data. Between parsing and emitting every code point is checked: 0, a
 // surrogate and a value above U+10FFFF are faults, for which lenient mode writes U+FFFD. Throws
 // TextError for the first fault in strict mode, and in either mode for an unknown encoding.
 EncodedText Transcode(const void* data, std::size_t length, std::int32_t from, std::int32_t to,

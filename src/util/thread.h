@@ -21,7 +21,7 @@ class Thread {
   Thread(const Thread&) = delete;
   Thread& operator=(const Thread&) = delete;
 
-  // Signalled for good once the body has returned.
+  // Signalled permanently once the body has returned.
   os::Waitable& Handle() { return thread_; }
   // The system's number of the thread.
   std::uint32_t Id() const { return thread_.Id(); }

@@ -8,7 +8,7 @@
 #include <sys/resource.h>
 
 #include "platform/baseclasses/class_factory.h"
-#include "platform/os/event.h"
+#include "platform/os/waitable.h"
 #include "tests/support/allocation_count.h"
 #include "tests/support/composer_fixture.h"
 #include "util/reference_clock.h"

@@ -13,7 +13,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "log/recovering_logfile_sink.h"
+#include "log/logfile_sink.h"
 #include "platform/os/error_numbers.h"
 #include "tests/support/temporary_folder.h"
 
@@ -100,7 +100,7 @@ TEST_F(LogReading, FollowsAWriterThroughWrapsAndRestarts) {
   }
 }
 
-TEST_F(LogReading, TellsHowManyLinesWereOverwrittenUnread) {
+TEST_F(LogReading, CountsTheLinesThatWereOverwrittenUnread) {
   LogFileReader reader(path);
   logfile_sink sink({3, 1000, 0});
   sink.SetPath(path);
@@ -117,14 +117,14 @@ TEST_F(LogReading, TellsHowManyLinesWereOverwrittenUnread) {
 
 TEST_F(LogReading, GivesEveryLineBesideARunningWriter) {
   constexpr int kLines = 20000;
-  constexpr std::int64_t kMostAhead = 200;  // of some 400 lines in the file
+  constexpr std::int64_t kMaxAhead = 200;  // of some 400 lines in the file
   std::atomic<bool> done{false};
   std::atomic<std::int64_t> handedOver{-1};
   std::jthread writer([&] {
     logfile_sink sink({3, 20000, 0});
     sink.SetPath(path);
     for (int i = 0; i < kLines; ++i) {
-      for (std::int64_t seen = handedOver; i - seen > kMostAhead; seen = handedOver) {
+      for (std::int64_t seen = handedOver; i - seen > kMaxAhead; seen = handedOver) {
         handedOver.wait(seen);
       }
       Write(sink, i);

@@ -1,28 +1,24 @@
 // What is left of a log file when its writer dies.
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
 #include <iterator>
 #include <new>
 #include <random>
 #include <string>
-#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "log/log_file_reader.h"
-#include "log/recovering_logfile_sink.h"
+#include "log/logfile_sink.h"
 #include "tests/support/temporary_folder.h"
 
 namespace {
@@ -30,7 +26,6 @@ namespace {
 using qorp::log::LogFileOptions;
 using qorp::log::LogHistoryEntry;
 using qorp::log::recovering_logfile_sink;
-using testing::ElementsAre;
 
 constexpr qorp::log::LogTime kTime{1763286194, 123};
 constexpr LogFileOptions kUnlimited{3, 0, 100000};
@@ -59,21 +54,8 @@ std::string WriteLines(const std::string& path, const LogFileOptions& options,
 }
 
 // Every state between two headers: the line written up to some byte, the header still the old one.
-TEST(LogFileCrash, InTheMiddleOfALineLosesThatLineOnly) {
-  const TemporaryFolder folder;
-  const std::string path = folder / "log";
-  const std::string before = WriteLines(path, kUnlimited, {"one", "two"});
-  const std::string after = WriteLines(path, kUnlimited, {"three;with;many;fields"});
-  for (std::size_t bytes = before.size(); bytes <= after.size(); ++bytes) {
-    WriteWholeFile(path, before.substr(0, 12) + after.substr(12, bytes - 12));
-    EXPECT_THAT(Reopen(path, kUnlimited, "new"), ElementsAre("one", "two", "new")) << bytes;
-    EXPECT_THAT(Reopen(path, kUnlimited, "next"), ElementsAre("one", "two", "new", "next"))
-        << bytes;
-  }
-}
-
-// The same where the line overwrites older ones: only those that it has reached are lost. The
-// oldest one tells its number and is left out in any case.
+// Only the lines that it has reached are lost. The oldest one gives its number and is left out in
+// any case.
 TEST(LogFileCrash, InTheMiddleOfALineOfAWrappedFileKeepsTheOthers) {
   const TemporaryFolder folder;
   const std::string path = folder / "log";
@@ -96,30 +78,6 @@ TEST(LogFileCrash, InTheMiddleOfALineOfAWrappedFileKeepsTheOthers) {
       left.insert(left.begin(), "2");
     }
     EXPECT_EQ(Reopen(path, {3, 0, 1000}, "new"), left) << bytes;
-  }
-}
-
-// Cut in the header itself, which takes a system that does not write twelve bytes in one piece: the
-// file opens again, and what is written then is there.
-TEST(LogFileCrash, InTheMiddleOfAHeaderLeavesAFileThatOpens) {
-  const TemporaryFolder folder;
-  const std::string path = folder / "log";
-  for (const LogFileOptions& options : {kUnlimited, LogFileOptions{3, 300, 1000}}) {
-    std::filesystem::remove(path);
-    std::string before;
-    for (int number = 0; number < 20; ++number) {
-      const std::string after = WriteLines(path, options, {"line " + std::to_string(number)});
-      for (std::size_t bytes = 0; bytes <= 12; ++bytes) {
-        // A file that is made comes into being with its header.
-        const std::string rest = before.empty() ? "" : before.substr(bytes, 12 - bytes);
-        WriteWholeFile(path,
-                       after.substr(0, bytes) + rest + (before.empty() ? "" : after.substr(12)));
-        ASSERT_EQ(Reopen(path, options, "new").back(), "new") << number << ", " << bytes;
-        ASSERT_EQ(Reopen(path, options, "next").back(), "next") << number << ", " << bytes;
-      }
-      WriteWholeFile(path, after);
-      before = after;
-    }
   }
 }
 
@@ -154,8 +112,8 @@ qorp::log::LogTime TimeOf(int number) {
   return {kTime.seconds + number / 1000, static_cast<std::uint16_t>(number % 1000)};
 }
 
-[[noreturn]] void WriteForEver(const std::string& path, const LogFileOptions& options, int first,
-                               std::atomic<int>& counted) {
+[[noreturn]] void WriteUntilKilled(const std::string& path, const LogFileOptions& options,
+                                   int first, std::atomic<int>& counted) {
   recovering_logfile_sink sink(options, [](const std::string&) {});
   sink.SetPath(path);
   for (int number = first;; ++number) {
@@ -165,13 +123,13 @@ qorp::log::LogTime TimeOf(int number) {
 }
 
 // Kills a process that writes lines from first on without a pause, some looks at the clock after
-// enough of them. The number of the last line that it told of.
+// enough of them. The number of the last line that it reported.
 int KillWriter(const std::string& path, const LogFileOptions& options, int first, int enough,
                int looks) {
   const SharedCounter counted;
   const pid_t writer = ::fork();
   if (writer == 0) {
-    WriteForEver(path, options, first, *counted);
+    WriteUntilKilled(path, options, first, *counted);
   }
   EXPECT_GT(writer, 0) << "no process for the writer";
   int status = 0;
@@ -247,7 +205,7 @@ void KillWriters(const LogFileOptions& options, int kills, std::size_t linesThat
       written.push_back(LineOf(next));
     }
     const std::vector<std::string> texts = ReadLines(path);
-    // A header may have counted one line more than its writer came to tell.
+    // A header may have counted one line more than its writer came to report.
     if (std::find(texts.begin(), texts.end(), LineOf(next)) != texts.end()) {
       written.push_back(LineOf(next));
     }

@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <stdexcept>
 #include <string>
-#include <thread>
+#include <tuple>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -22,6 +22,7 @@ namespace {
 namespace fs = std::filesystem;
 using qorp::log::logfile_sink;
 using qorp::log::LogFileOptions;
+using qorp::log::LogHistory;
 using qorp::log::LogHistoryEntry;
 using qorp::log::LogTime;
 using testing::ElementsAre;
@@ -99,7 +100,7 @@ TEST_F(LogFile, WrapsWhenALineEndsBeyondTheMaximum) {
   EXPECT_THROW(sink.SetMaxSize(-1), std::invalid_argument);
 }
 
-// The oldest line tells its number and is left out; the following lines are counted from it.
+// The oldest line gives its number and is left out; the following lines are counted from it.
 TEST_F(LogFile, RebuildsAWrappedFileOldestLineFirst) {
   const std::string start = "0x0000006E\r\n" + Line(7, "seven") + Line(8, "eight");
   WriteWholeFile(path, start + "rest of five\r\n" + Line(5, "old") + Line(6, "six"));
@@ -115,33 +116,21 @@ TEST_F(LogFile, RebuildsAWrappedFileOldestLineFirst) {
   EXPECT_EQ(Contents().substr(start.size(), Line(8, "new").size()), Line(8, "new"));
 }
 
-TEST_F(LogFile, KeepsTheNewestLinesInItsHistory) {
-  logfile_sink sink({1, 0, 2});
-  for (const char* const text : {"1", "2", "3"}) {
-    Write(sink, text);
-  }
-  EXPECT_THAT(Texts(sink), ElementsAre("2", "3")) << "a history needs no file";
-  std::int64_t first = 0;
-  std::int64_t last = 0;
-  EXPECT_THROW(logfile_sink().GetHistoryRange(0, -1, &first, &last), std::runtime_error);
-  EXPECT_THAT(logfile_sink().GetHistory(0, -1), IsEmpty());
-}
-
 TEST_F(LogFile, FollowsItsPathWithTheNextLine) {
   logfile_sink sink(unlimited);
   sink.SetPath(path);
   Write(sink, "here");
   sink.SetPath(folder / "other.log");
-  Write(sink, "there");
+  Write(sink, "the\rre");
   EXPECT_THAT(Texts(sink), ElementsAre("there"));
   sink.SetPath("");
   Write(sink, "nowhere");
   EXPECT_THAT(Texts(sink), ElementsAre("there", "nowhere"));
   sink.SetPath(path);
-  Write(sink, "back");
-  EXPECT_THAT(Texts(sink), ElementsAre("here", "back"));
+  Write(sink, "ba\nck");  // stays one line
+  EXPECT_THAT(Texts(sink), ElementsAre("here", "ba ck"));
   EXPECT_EQ(ReadWholeFile(folder / "other.log"), "0x0000003D\r\n" + Line(0, "there"));
-  EXPECT_EQ(Contents(), "0x0000006C\r\n" + Line(0, "here") + Line(1, "back"));
+  EXPECT_EQ(Contents(), "0x0000006D\r\n" + Line(0, "here") + Line(1, "ba ck"));
 }
 
 TEST_F(LogFile, TriesAgainWhenTheFileCannotBeOpened) {
@@ -166,13 +155,6 @@ TEST_F(LogFile, KeepsItsHistoryWhileNothingCanBeWritten) {
   }
 }
 
-TEST_F(LogFile, IsOneLineWhateverTheText) {
-  logfile_sink sink(unlimited);
-  sink.SetPath(path);
-  Write(sink, "two\r\nlines");
-  EXPECT_EQ(Contents().substr(12), Line(0, "two lines"));
-}
-
 TEST_F(LogFile, BeginsAtTheStartWhenTheHeaderIsDamaged) {
   const std::string lines = Line(3, "first") + Line(4, "second");
   for (const char* const header :
@@ -186,12 +168,12 @@ TEST_F(LogFile, BeginsAtTheStartWhenTheHeaderIsDamaged) {
 }
 
 TEST_F(LogFile, LeavesLinesOutThatAreTooShort) {
-  const std::string damage = "no fields\r\n" + Line(9, "tells the number") + "1;2;3\r\n" +
+  const std::string damage = "no fields\r\n" + Line(9, "gives the number") + "1;2;3\r\n" +
                              std::string("\0\0;\r\r\n", 6) + "\n" + std::string(3 << 20, 'z') +
                              "\r\n" + Line(9, "whole");
   WriteWholeFile(path, "0x0000000C\r\n" + damage);
   EXPECT_THAT(Reopen(), ElementsAre("whole", "new"));
-  // In the newest lines the first one that is too short ends the pass.
+  // Among the newest lines the first one that is too short ends the reading.
   const std::string newest = Line(0, "one") + Line(1, "two") + "too short\r\n" + Line(2, "beyond");
   char header[16];
   std::snprintf(header, sizeof(header), "0x%.8zX\r\n", 12 + newest.size());
@@ -263,23 +245,29 @@ TEST_F(LogFile, ReadsAFileThatItMayNotWrite) {
   EXPECT_EQ(Contents(), content);
 }
 
-TEST_F(LogFile, GivesItsHistoryWhileLinesAreWritten) {
-  logfile_sink sink({3, 2000, 50});
-  sink.SetPath(path);
-  std::thread writer([&] {
-    for (int i = 0; i < 3000; ++i) {
-      Write(sink, std::to_string(i));
-    }
-  });
-  int last = -1;
-  while (last < 2999) {
-    const std::vector<LogHistoryEntry> entries = sink.GetHistory(-50, -1);
-    for (std::size_t i = 1; i < entries.size(); ++i) {
-      ASSERT_EQ(std::stoi(entries[i].text), std::stoi(entries[i - 1].text) + 1);
-    }
-    last = entries.empty() ? -1 : std::stoi(entries.back().text);
+TEST(LogHistory, ClampsARangeToItsLines) {
+  const auto entry = [](int number) {
+    return LogHistoryEntry{1, 1763286194123, kTimeText, std::to_string(number)};
+  };
+  LogHistory history(3);
+  for (int number = 4; number <= 7; ++number) {
+    history.Insert(number, entry(number));
   }
-  writer.join();
+  const auto range = [&](std::int64_t first, std::int64_t last) {
+    std::int64_t outFirst = 0;
+    std::int64_t outLast = 0;
+    const bool any = history.GetRange(first, last, &outFirst, &outLast);
+    return std::tuple(any, outFirst, outLast);
+  };
+  EXPECT_EQ(range(-10, -1), std::tuple(true, 5, 7)) << "4 went when 7 came";
+  EXPECT_EQ(range(6, 100), std::tuple(true, 6, 7));
+  EXPECT_EQ(range(-2, -2), std::tuple(true, 6, 6));
+  EXPECT_EQ(range(0, 4), std::tuple(false, 5, 4));
+  EXPECT_EQ(range(8, 9), std::tuple(false, 8, 7));
+  EXPECT_EQ(range(INT64_MIN, INT64_MAX), std::tuple(true, 5, 7));
+  EXPECT_THAT(history.Get(-2, -1), ElementsAre(entry(6), entry(7)));
+  EXPECT_THAT(history.Get(7, 6), IsEmpty());
+  EXPECT_THROW(logfile_sink().GetHistoryRange(0, -1, nullptr, nullptr), std::runtime_error);
 }
 
 }  // namespace

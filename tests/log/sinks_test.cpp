@@ -1,6 +1,9 @@
+#include "log/sinks.h"
+
 #include <array>
 #include <cstdlib>
 #include <ctime>
+#include <cwchar>
 #include <sstream>
 #include <string>
 
@@ -8,9 +11,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "log/console_sink.h"
-#include "log/ostream_sink.h"
-#include "log/syslog_sink.h"
+#include "log/dummy_log_perf.h"
+#include "platform/os/debugger_output.h"
 #include "tests/support/datagram_receiver.h"
 
 namespace {
@@ -81,20 +83,19 @@ TEST_F(Sinks, SyslogSendsANumberedDatagramForEachLine) {
   expect(start + longest);
 }
 
-TEST_F(Sinks, SyslogNumbersStartAgainAfter9999) {
-  const DatagramReceiver server;
-  qorp::log::syslog_sink sink(os::DatagramSocket("127.0.0.1", server.Port()), "h");
-  for (int i = 0; i < 10000; ++i) {
-    sink.Write(1, kTime, "x");
-    ASSERT_THAT(server.Receive(), testing::StartsWith("<132>Nov 16 09:43:14 h "));
-  }
-  sink.Write(1, kTime, "again");
-  EXPECT_STREQ(server.Receive().c_str(), "<132>Nov 16 09:43:14 h 0000 again");
-}
-
-TEST_F(Sinks, SyslogDoesNothingWithoutASocket) {
-  qorp::log::syslog_sink sink(os::DatagramSocket(), "h");
-  EXPECT_NO_THROW(sink.Write(1, kTime, "nowhere"));
+TEST(DummyLogPerf, WritesTextThenLineEndWhateverTheLevel) {
+  const os::DebuggerOutputCapture output;
+  qorp::log::DummyLogPerf logger;
+  logger.log(qorp::log::kError, "[Pin #%d] %s", 3, "wrong\r\n");
+  logger.log(qorp::log::kDebug, "detail");
+  logger.WriteReport();
+  const std::string fits(260, 'a');
+  logger.log(qorp::log::kError, "%sb", fits.c_str());
+  // A message that cannot be formatted.
+  const wchar_t notACharacter[] = {static_cast<wchar_t>(0x7FFFFFFF), 0};
+  logger.log(qorp::log::kError, "bad: %ls", notACharacter);
+  EXPECT_THAT(output.Pieces(), testing::ElementsAre("[Pin #3] wrong\r\n", "\n", "detail", "\n",
+                                                    fits, "\n", "bad: %ls", "\n"));
 }
 
 }  // namespace

@@ -6,8 +6,8 @@
 #include <span>
 #include <vector>
 
-#include "log/log_clock.h"
-#include "platform/os/event.h"
+#include "log/log_time.h"
+#include "platform/os/waitable.h"
 
 // Any thread reads it; one thread, the logger's worker, waits.
 class ManualLogClock final : public qorp::log::LogClock {

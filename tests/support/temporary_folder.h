@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/os/temporary_folder.h"
+#include "platform/os/files.h"
 
 using os::TemporaryFolder;
 

@@ -1,15 +1,16 @@
 #include "util/exceptions.h"
 
+#include <string>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include "util/string_format.h"
 
 namespace {
 
 using testing::StartsWith;
 using testing::StrEq;
-
-struct Disk;
-struct Net;
 
 TEST(ComException, ReadsAProductCodeAsAProductMessage) {
   const COMException mezzanine(MakeHresult(0x80250031));
@@ -31,21 +32,11 @@ TEST(ComException, ReadsOtherCodesWithThePlatformsText) {
               StrEq("COM Error 8025ffff: Invalid error code"));
 }
 
-TEST(ExceptionTemplate, IsCaughtByItsRootsButNotByAnotherOwner) {
-  using DiskError = ExceptionTemplate<Disk, TavrelException>;
-  using NetError = ExceptionTemplate<Net, TavrelException>;
-  const auto caughtBy = [](auto thrower) -> std::string {
-    try {
-      thrower();
-    } catch (const NetError&) {
-      return "net";
-    } catch (const TavrelException& e) {
-      return std::string("root: ") + e.what();
-    }
-    return "nothing";
-  };
-  EXPECT_EQ(caughtBy([] { throw DiskError("no space"); }), "root: no space");
-  EXPECT_EQ(caughtBy([] { throw NetError("no route"); }), "net");
+TEST(StringFormat, GivesTheWholeTextHoweverLong) {
+  for (const std::size_t length : {0U, 255U, 256U, 100000U}) {
+    const std::string text(length, 'x');
+    EXPECT_EQ(qorp::StringFormat("%s %d", text.c_str(), 7), text + " 7") << length;
+  }
 }
 
 }  // namespace

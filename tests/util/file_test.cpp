@@ -12,6 +12,7 @@
 namespace {
 
 namespace fs = std::filesystem;
+using qorp::Drive;
 using qorp::File;
 using testing::ElementsAre;
 using testing::UnorderedElementsAre;
@@ -140,6 +141,22 @@ TEST_F(FileOperations, CopyRefusesWhatWouldDestroyTheOriginal) {
   EXPECT_EQ(failure("no", "d"), "cannot copy " + At("no") + " to " + At("d\\no"));
   EXPECT_EQ(ReadWholeFile(folder / "file"), "x");
   EXPECT_EQ(ReadWholeFile(folder / "d/d/d"), "inside its own target");
+}
+
+TEST_F(FileOperations, ADriveIsTheRootOfAFile) {
+  const std::string name = At("not there yet");
+  const Drive::Root root = Drive::RootOfFile(name);
+  const std::vector<std::string> all = Drive::GetDriveList();
+  ASSERT_LT(root.number, all.size());
+  EXPECT_EQ(all[root.number], root.path);
+  EXPECT_TRUE(name.starts_with(root.path));
+  EXPECT_EQ(Drive(root.path).GetTotalSpace(), fs::space(os::NativePath(root.path)).capacity);
+  const auto failure = [](auto operation) { return FailureOf<Drive::Exception>(operation); };
+  EXPECT_EQ(failure([] { Drive("\\no such volume\\"); }), "Invalid path");
+  EXPECT_EQ(failure([&] { Drive(os::SystemPath(folder.Path().string())); }),
+            "Could not create drive");
+  EXPECT_EQ(failure([] { Drive::RootOfFile("name.log"); }),
+            "Could not get drive number from file name name.log.");
 }
 
 }  // namespace

@@ -54,7 +54,7 @@ TEST(TextCodecs, Utf8ParserNamesTheFaultOrDropsIt) {
                                {{0x41, 0xC3, 0xA9, 0x7F}, nullptr, {0x41, 0xE9, 0x7F}},
                                {{0xEF, 0xBB, 0xBF, 0xE2, 0x82, 0xAC}, nullptr, {0xFEFF, 0x20AC}},
                                {{0xF0, 0x9F, 0x98, 0x80}, nullptr, {0x1F600}},
-                               // Forms that only the later judgement of code points may refuse.
+                               // Forms that only the later check of code points may refuse.
                                {{0xE0, 0x80, 0xAF, 0xED, 0xA0, 0x80}, nullptr, {0x2F, 0xD800}},
                                {{0xF4, 0x90, 0x80, 0x80}, nullptr, {0x110000}},
                                {{0xC3}, unfinished, {}},
@@ -79,7 +79,7 @@ TEST(TextCodecs, Utf16ParserPairsSurrogatesAndNamesTheFault) {
                                   {{0x41, 0x00, 0xFF, 0xFE}, nullptr, {0x41, 0xFEFF}},
                                   {{0x3D, 0xD8, 0x00, 0xDE}, nullptr, {0x1F600}},
                                   {{0xFF, 0xDB, 0xFF, 0xDF}, nullptr, {0x10FFFF}},
-                                  {{0x00, 0xDC}, nullptr, {0xDC00}},  // judged later
+                                  {{0x00, 0xDC}, nullptr, {0xDC00}},  // checked later
                                   {{0x3D, 0xD8, 0x41, 0x02}, second, {0x1F641}},
                                   {{0x3D, 0xD8}, secondAtEnd, {}},
                                   {{0x41, 0x00, 0x42}, odd, {0x41}},
@@ -105,7 +105,7 @@ TEST(TextCodecs, EmittersWriteWhatIsNoCodePointByTheSameArithmetic) {
   EXPECT_EQ(utf16->Emit({0xD800}), (TextBytes{0xF6, 0xDB, 0x00, 0xDC}));
 }
 
-TEST(TextCodecs, TranscodeJudgesEveryCodePoint) {
+TEST(TextCodecs, TranscodeChecksEveryCodePoint) {
   const std::vector<TextBytes> faulty{
       {0x41, 0x00},              // NUL
       {0x41, 0xED, 0xA0, 0x80},  // a surrogate

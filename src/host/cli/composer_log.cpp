@@ -5,7 +5,7 @@
 #include <cstdarg>
 #include <cstdio>
 
-#include "log/i_logger.h"
+#include "log/i_log_perf.h"
 
 namespace host::cli {
 namespace {

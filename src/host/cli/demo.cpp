@@ -11,7 +11,7 @@
 #include "host/wall/layout.h"
 #include "host/wall/value_text.h"
 #include "host/wall/wall.h"
-#include "platform/os/temporary_folder.h"
+#include "platform/os/files.h"
 
 namespace host::cli {
 

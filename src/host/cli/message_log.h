@@ -11,9 +11,9 @@
 #include "host/cli/progress_line.h"
 #include "host/cli/resolving_syslog.h"
 #include "host/wall/log_options.h"
-#include "log/console_sink.h"
 #include "log/log_perf.h"
-#include "log/recovering_logfile_sink.h"
+#include "log/logfile_sink.h"
+#include "log/sinks.h"
 
 namespace host::cli {
 

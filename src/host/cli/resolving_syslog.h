@@ -11,7 +11,7 @@
 
 #include "host/wall/log_options.h"
 #include "log/i_log_sink.h"
-#include "log/syslog_sink.h"
+#include "log/sinks.h"
 #include "platform/os/thread.h"
 
 namespace host::cli {

@@ -11,12 +11,13 @@
 #include "host/ffmpeg/printable.h"
 #include "log/log_file_reader.h"
 #include "platform/os/error_numbers.h"
-#include "platform/os/stop_signals.h"
+#include "platform/os/service.h"
 
 namespace host::cli {
 namespace {
 
 using qorp::log::CircularLogFile;
+using qorp::log::FormatPlainLine;
 using qorp::log::LogFileReader;
 using qorp::log::NumberedLogLine;
 
@@ -79,8 +80,7 @@ class LogPrinter {
       return;
     }
     if (!options_.json) {
-      streams_.out << "[Level " << level << "] " << timeText << ' ' << ffmpeg::Printable(text)
-                   << '\n';
+      streams_.out << FormatPlainLine(level, timeText, ffmpeg::Printable(text)) << '\n';
       return;
     }
     const nlohmann::ordered_json object = {{"number", line.number},

@@ -22,8 +22,8 @@
 #include "host/cli/snapshot_frame.h"
 #include "host/cli/wall_status.h"
 #include "host/session/wall_session.h"
+#include "platform/os/service.h"
 #include "platform/os/standard_stream.h"
-#include "platform/os/stop_signals.h"
 
 namespace host::cli {
 namespace {

@@ -10,7 +10,7 @@
 #include "host/cli/channel_board.h"
 #include "host/output/output_set.h"
 #include "host/session/wall_session.h"
-#include "platform/os/service_notifier.h"
+#include "platform/os/service.h"
 
 namespace host::cli {
 

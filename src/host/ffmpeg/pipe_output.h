@@ -6,7 +6,7 @@
 
 #include "host/ffmpeg/handles.h"
 #include "host/ffmpeg/io_deadline.h"
-#include "platform/os/byte_sink.h"
+#include "platform/os/byte_stream.h"
 
 namespace host::ffmpeg {
 

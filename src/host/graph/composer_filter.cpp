@@ -3,6 +3,7 @@
 #include <filesystem>
 
 #include "host/graph/graph_error.h"
+#include "platform/os/module.h"
 
 namespace host {
 namespace {
@@ -15,7 +16,7 @@ constexpr ULONG kAudioOutputPosition = 5;  // of the first input
 
 std::string FindComposerLibrary() {
   std::error_code ignored;
-  const std::filesystem::path program = std::filesystem::canonical("/proc/self/exe", ignored);
+  const std::filesystem::path program = os::ProgramPath();
   const std::filesystem::path beside = program.parent_path() / kLibraryName;
   if (std::filesystem::exists(beside, ignored)) {
     return beside.string();

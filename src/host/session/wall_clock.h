@@ -6,7 +6,7 @@
 
 #include "host/units.h"
 #include "platform/com/com_ptr.h"
-#include "platform/os/event.h"
+#include "platform/os/waitable.h"
 #include "util/reference_clock.h"
 
 namespace host {

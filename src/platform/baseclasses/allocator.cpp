@@ -24,7 +24,7 @@ HRESULT CBaseAllocator::SetProperties(ALLOCATOR_PROPERTIES* request, ALLOCATOR_P
   if (request == nullptr || actual == nullptr) {
     return E_POINTER;
   }
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   *actual = ALLOCATOR_PROPERTIES{};
   if (request->cBuffers < 0 || request->cbBuffer < 0 || request->cbPrefix < 0) {
     return E_INVALIDARG;
@@ -56,23 +56,26 @@ HRESULT CBaseAllocator::GetProperties(ALLOCATOR_PROPERTIES* properties) {
   if (properties == nullptr) {
     return E_POINTER;
   }
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   *properties = m_properties;
   return S_OK;
 }
 
 HRESULT CBaseAllocator::Commit() {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   if (committed_) {
     return S_OK;
   }
   if (decommitInProgress_) {
-    // Samples of the last run are still outside: the pool goes on with what it has.
+    // Samples of the last run are still outside: the pool continues with what it has.
     decommitInProgress_ = false;
     committed_ = true;
     return S_OK;
   }
-  const HRESULT hr = AtComBoundary([&] { return Alloc(); });
+  const HRESULT hr = AtComBoundary([&] {
+    lock_.AssertHeld();
+    return Alloc();
+  });
   if (FAILED(hr)) {
     // Whatever was made before it failed.
     Free();
@@ -84,7 +87,7 @@ HRESULT CBaseAllocator::Commit() {
 
 HRESULT CBaseAllocator::Decommit() {
   {
-    const std::lock_guard guard(lock_);
+    const os::MutexLock guard(lock_);
     if (!committed_) {
       return S_OK;
     }
@@ -95,7 +98,7 @@ HRESULT CBaseAllocator::Decommit() {
       Free();
     }
   }
-  freed_.notify_all();
+  freed_.NotifyAll();
   return S_OK;
 }
 
@@ -105,7 +108,7 @@ HRESULT CBaseAllocator::GetBuffer(IMediaSample** sample, REFERENCE_TIME* /*start
     return E_POINTER;
   }
   *sample = nullptr;
-  std::unique_lock guard(lock_);
+  const os::MutexLock guard(lock_);
   while (true) {
     if (!committed_) {
       return VFW_E_NOT_COMMITTED;
@@ -116,7 +119,7 @@ HRESULT CBaseAllocator::GetBuffer(IMediaSample** sample, REFERENCE_TIME* /*start
     if ((flags & AM_GBF_NOWAIT) != 0) {
       return VFW_E_TIMEOUT;
     }
-    freed_.wait(guard);
+    freed_.Wait(lock_);
   }
   CMediaSample* const taken = free_;
   free_ = taken->m_pNext;
@@ -134,7 +137,7 @@ HRESULT CBaseAllocator::ReleaseBuffer(IMediaSample* sample) {
     return E_POINTER;
   }
   {
-    const std::lock_guard guard(lock_);
+    const os::MutexLock guard(lock_);
     AddFree(static_cast<CMediaSample*>(sample));
     --outside_;
     if (decommitInProgress_ && outside_ == 0) {
@@ -142,13 +145,13 @@ HRESULT CBaseAllocator::ReleaseBuffer(IMediaSample* sample) {
       Free();
     }
   }
-  freed_.notify_one();
+  freed_.NotifyOne();
   Release();
   return S_OK;
 }
 
 LONG CBaseAllocator::GetFreeCount() {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   LONG count = 0;
   for (const CMediaSample* sample = free_; sample != nullptr; sample = sample->m_pNext) {
     ++count;

@@ -1,14 +1,13 @@
 // CBaseAllocator and CMemAllocator: pools of samples.
 #pragma once
 
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "platform/baseclasses/media_sample.h"
 #include "platform/baseclasses/unknown_base.h"
 #include "platform/com/com_ptr.h"
+#include "platform/os/mutex.h"
 
 // The pool's bookkeeping, whatever the memory behind its samples: properties that stand still while
 // the pool is committed, a list of free samples, GetBuffer that waits for one. Samples that are
@@ -38,25 +37,23 @@ class CBaseAllocator : public CUnknown, public IMemAllocator {
   LONG GetFreeCount();
 
  protected:
-  // Makes the samples (with AddFree), called with the lock held. VFW_E_SIZENOTSET without
-  // properties. May throw.
-  virtual HRESULT Alloc();
-  // Destroys them, or as many as an Alloc that failed has made; called with the lock held and every
-  // sample home.
-  virtual void Free() = 0;
+  // Makes the samples (with AddFree). VFW_E_SIZENOTSET without properties. May throw.
+  virtual HRESULT Alloc() REQUIRES(lock_);
+  // Destroys them, or as many as an Alloc that failed has made; called with every sample home.
+  virtual void Free() REQUIRES(lock_) = 0;
 
-  void AddFree(CMediaSample* sample);
-  void ForgetFree() { free_ = nullptr; }
+  void AddFree(CMediaSample* sample) REQUIRES(lock_);
+  void ForgetFree() REQUIRES(lock_) { free_ = nullptr; }
 
-  std::mutex lock_;
-  ALLOCATOR_PROPERTIES m_properties{};  // guarded by lock_
+  os::Mutex lock_;
+  ALLOCATOR_PROPERTIES m_properties GUARDED_BY(lock_){};
 
  private:
-  std::condition_variable freed_;
-  CMediaSample* free_ = nullptr;  // guarded by lock_, as is all below
-  LONG outside_ = 0;
-  bool committed_ = false;
-  bool decommitInProgress_ = false;
+  os::ConditionVariable freed_;
+  CMediaSample* free_ GUARDED_BY(lock_) = nullptr;
+  LONG outside_ GUARDED_BY(lock_) = 0;
+  bool committed_ GUARDED_BY(lock_) = false;
+  bool decommitInProgress_ GUARDED_BY(lock_) = false;
 };
 
 // Samples over plain memory, in one block.
@@ -69,8 +66,8 @@ class CMemAllocator : public CBaseAllocator {
   static ComPtr<IMemAllocator> Create();
 
  protected:
-  HRESULT Alloc() override;
-  void Free() override;
+  HRESULT Alloc() override REQUIRES(lock_);
+  void Free() override REQUIRES(lock_);
 
  private:
   struct BlockDeleter {

@@ -4,9 +4,9 @@
 #include <new>
 
 #include "platform/baseclasses/base_pin.h"
+#include "platform/baseclasses/class_factory.h"
 #include "platform/baseclasses/com_boundary.h"
 #include "platform/baseclasses/enumerators.h"
-#include "platform/baseclasses/registration.h"
 #include "platform/dshow/reference_time.h"
 #include "platform/dshow/vfw_errors.h"
 
@@ -29,7 +29,7 @@ HRESULT CBaseFilter::StreamTime(CRefTime& time) {
   ComPtr<IReferenceClock> clock;
   REFERENCE_TIME start = 0;
   {
-    const std::lock_guard guard(clockLock_);
+    const os::MutexLock guard(clockLock_);
     clock = m_pClock;
     start = m_tStart;
   }
@@ -97,7 +97,7 @@ HRESULT CBaseFilter::Pause() {
 HRESULT CBaseFilter::Run(REFERENCE_TIME start) {
   const CAutoLock guard(m_pLock);
   {
-    const std::lock_guard clockGuard(clockLock_);
+    const os::MutexLock clockGuard(clockLock_);
     m_tStart = start;
   }
   if (m_State == State_Stopped) {
@@ -133,7 +133,7 @@ HRESULT CBaseFilter::GetState(DWORD /*milliseconds*/, FILTER_STATE* state) {
 HRESULT CBaseFilter::SetSyncSource(IReferenceClock* clock) {
   // The former clock is released outside the lock: its end may wait for its own thread.
   ComPtr<IReferenceClock> other(clock);
-  const std::lock_guard guard(clockLock_);
+  const os::MutexLock guard(clockLock_);
   m_pClock.Swap(other);
   return S_OK;
 }
@@ -142,7 +142,7 @@ HRESULT CBaseFilter::GetSyncSource(IReferenceClock** clock) {
   if (clock == nullptr) {
     return E_POINTER;
   }
-  const std::lock_guard guard(clockLock_);
+  const os::MutexLock guard(clockLock_);
   *clock = ComPtr<IReferenceClock>(m_pClock).Detach();
   return S_OK;
 }

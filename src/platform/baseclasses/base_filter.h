@@ -2,14 +2,14 @@
 #pragma once
 
 #include <atomic>
-#include <mutex>
 #include <string>
 
+#include "platform/baseclasses/class_factory.h"
 #include "platform/baseclasses/critical_section.h"
-#include "platform/baseclasses/filter_setup.h"
 #include "platform/baseclasses/unknown_base.h"
 #include "platform/com/com_ptr.h"
 #include "platform/dshow/filters.h"
+#include "platform/os/mutex.h"
 
 class CBasePin;
 
@@ -64,10 +64,10 @@ class CBaseFilter : public CUnknown, public IBaseFilter, public IAMovieSetup {
   HRESULT Register() override;
   HRESULT Unregister() override;
 
-  bool IsActive() const { return m_State.load() != State_Stopped; }
   bool IsStopped() const { return m_State.load() == State_Stopped; }
-  // The graph, without a reference; null outside a graph.
-  IFilterGraph* GetFilterGraph() const { return m_pGraph; }
+  // The graph, without a reference; null outside a graph. Called with the filter's lock held, which
+  // a pin has as a lock of its own: that the two are one is beyond the checker.
+  IFilterGraph* GetFilterGraph() const NO_THREAD_SAFETY_ANALYSIS { return m_pGraph; }
   // Posts an event to the graph; E_NOTIMPL when no graph takes events.
   HRESULT NotifyEvent(LONG code, LONG_PTR parameter1, LONG_PTR parameter2);
   void IncrementPinVersion() { m_PinVersion.fetch_add(1); }
@@ -80,12 +80,12 @@ class CBaseFilter : public CUnknown, public IBaseFilter, public IAMovieSetup {
 
  private:
   const CLSID m_clsid;
-  std::mutex clockLock_;
-  ComPtr<IReferenceClock> m_pClock;  // guarded by clockLock_
-  REFERENCE_TIME m_tStart = 0;       // guarded by clockLock_
-  // A filter is always owned by its graph, so it holds no reference to it. Guarded by m_pLock.
-  IFilterGraph* m_pGraph = nullptr;
+  os::Mutex clockLock_;
+  ComPtr<IReferenceClock> m_pClock GUARDED_BY(clockLock_);
+  REFERENCE_TIME m_tStart GUARDED_BY(clockLock_) = 0;
+  // A filter is always owned by its graph, so it holds no reference to it.
+  IFilterGraph* m_pGraph GUARDED_BY(m_pLock) = nullptr;
   std::atomic<IMediaEventSink*> m_pSink{nullptr};
-  std::u16string m_pName;  // guarded by m_pLock
+  std::u16string m_pName GUARDED_BY(m_pLock);
   std::atomic<LONG> m_PinVersion{1};
 };

@@ -17,12 +17,12 @@ HRESULT CBaseInputPin::NonDelegatingQueryInterface(REFIID iid, void** object) {
 }
 
 ComPtr<IMemAllocator> CBaseInputPin::HeldAllocator() {
-  const std::lock_guard guard(allocatorLock_);
+  const os::MutexLock guard(allocatorLock_);
   return m_pAllocator;
 }
 
 ComPtr<IMemAllocator> CBaseInputPin::ReplaceAllocator(ComPtr<IMemAllocator> allocator) {
-  const std::lock_guard guard(allocatorLock_);
+  const os::MutexLock guard(allocatorLock_);
   m_pAllocator.Swap(allocator);
   return allocator;
 }
@@ -84,13 +84,12 @@ HRESULT CBaseInputPin::GetAllocator(IMemAllocator** allocator) {
   });
 }
 
-HRESULT CBaseInputPin::NotifyAllocator(IMemAllocator* allocator, BOOL readOnly) {
+HRESULT CBaseInputPin::NotifyAllocator(IMemAllocator* allocator, BOOL /*readOnly*/) {
   if (allocator == nullptr) {
     return E_POINTER;
   }
   const CAutoLock guard(m_pLock);
   ReplaceAllocator(ComPtr<IMemAllocator>(allocator));
-  m_bReadOnly = readOnly != FALSE;
   return S_OK;
 }
 

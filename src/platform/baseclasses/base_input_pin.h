@@ -3,6 +3,7 @@
 
 #include "platform/baseclasses/allocator.h"
 #include "platform/baseclasses/base_pin.h"
+#include "platform/os/mutex.h"
 
 // Base of every input pin. Receive runs on the upstream filter's streaming thread, alone of its
 // kind; the flush methods run on the application's thread.
@@ -34,8 +35,6 @@ class CBaseInputPin : public CBasePin, public IMemInputPin {
   HRESULT ReceiveMultiple(IMediaSample** samples, LONG count, LONG* processed) override;
   HRESULT ReceiveCanBlock() override;
 
-  bool IsReadOnly() const { return m_bReadOnly; }
-  bool IsFlushing() const { return m_bFlushing; }
   // The allocator agreed on, or none; safe on any thread.
   ComPtr<IMemAllocator> HeldAllocator();
 
@@ -44,8 +43,7 @@ class CBaseInputPin : public CBasePin, public IMemInputPin {
   ComPtr<IMemAllocator> ReplaceAllocator(ComPtr<IMemAllocator> allocator);
 
  private:
-  std::mutex allocatorLock_;
-  ComPtr<IMemAllocator> m_pAllocator;  // guarded by allocatorLock_
-  std::atomic<bool> m_bReadOnly{false};
+  os::Mutex allocatorLock_;
+  ComPtr<IMemAllocator> m_pAllocator GUARDED_BY(allocatorLock_);
   std::atomic<bool> m_bFlushing{false};
 };

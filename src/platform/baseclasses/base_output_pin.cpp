@@ -9,24 +9,24 @@ CBaseOutputPin::CBaseOutputPin(const char* objectName, CBaseFilter* filter, CCri
 CBaseOutputPin::~CBaseOutputPin() = default;
 
 ComPtr<IMemAllocator> CBaseOutputPin::HeldAllocator() {
-  const std::lock_guard guard(peerLock_);
+  const os::MutexLock guard(peerLock_);
   return m_pAllocator;
 }
 
 ComPtr<IMemInputPin> CBaseOutputPin::HeldInputPin() {
-  const std::lock_guard guard(peerLock_);
+  const os::MutexLock guard(peerLock_);
   return m_pInputPin;
 }
 
 void CBaseOutputPin::ReplaceAllocator(ComPtr<IMemAllocator> allocator) {
-  const std::lock_guard guard(peerLock_);
+  const os::MutexLock guard(peerLock_);
   m_pAllocator.Swap(allocator);
 }
 
 void CBaseOutputPin::ReleasePeer() {
   ComPtr<IMemInputPin> input;
   ComPtr<IMemAllocator> allocator;
-  const std::lock_guard guard(peerLock_);
+  const os::MutexLock guard(peerLock_);
   m_pInputPin.Swap(input);
   m_pAllocator.Swap(allocator);
 }
@@ -55,7 +55,7 @@ HRESULT CBaseOutputPin::CheckConnect(IPin* pin) {
   if (!transport) {
     return E_NOINTERFACE;
   }
-  const std::lock_guard guard(peerLock_);
+  const os::MutexLock guard(peerLock_);
   m_pInputPin.Swap(transport);
   return S_OK;
 }

@@ -3,6 +3,7 @@
 
 #include "platform/baseclasses/allocator.h"
 #include "platform/baseclasses/base_pin.h"
+#include "platform/os/mutex.h"
 
 // Base of every output pin. Connection, Active and Inactive run on the application's thread under
 // m_pLock; GetDeliveryBuffer, Deliver and their kin on the filter's streaming thread. The peer's
@@ -55,7 +56,7 @@ class CBaseOutputPin : public CBasePin {
  private:
   ComPtr<IPin> HeldPeer();
 
-  std::mutex peerLock_;
-  ComPtr<IMemInputPin> m_pInputPin;    // guarded by peerLock_
-  ComPtr<IMemAllocator> m_pAllocator;  // guarded by peerLock_
+  os::Mutex peerLock_;
+  ComPtr<IMemInputPin> m_pInputPin GUARDED_BY(peerLock_);
+  ComPtr<IMemAllocator> m_pAllocator GUARDED_BY(peerLock_);
 };

@@ -55,7 +55,7 @@ HRESULT CBasePin::Run(REFERENCE_TIME /*start*/) {
 }
 
 HRESULT CBasePin::SetMediaType(const CMediaType* type) {
-  const std::lock_guard guard(typeLock_);
+  const os::MutexLock guard(typeLock_);
   return m_mt.Set(*type);
 }
 
@@ -93,6 +93,7 @@ HRESULT CBasePin::Connect(IPin* receivePin, const AM_MEDIA_TYPE* type) {
     return VFW_E_NOT_STOPPED;
   }
   const HRESULT hr = AtComBoundary([&] {
+    m_pLock->AssertHeld();
     CMediaType wanted;
     HRESULT checked = CheckConnect(receivePin);
     if (SUCCEEDED(checked) && type != nullptr) {
@@ -159,7 +160,7 @@ HRESULT CBasePin::TryMediaTypes(IPin* receivePin, const CMediaType* wanted,
     if (SUCCEEDED(hr)) {
       return hr;
     }
-    // The first failure with a reason of its own tells the most.
+    // The first failure with a reason of its own is the most specific.
     if (failure == VFW_E_NO_ACCEPTABLE_TYPES && hr != VFW_E_TYPE_NOT_ACCEPTED) {
       failure = hr;
     }
@@ -273,7 +274,7 @@ HRESULT CBasePin::ConnectionMediaType(AM_MEDIA_TYPE* type) {
     *type = AM_MEDIA_TYPE{};
     return VFW_E_NOT_CONNECTED;
   }
-  const std::lock_guard guard(typeLock_);
+  const os::MutexLock guard(typeLock_);
   return CopyMediaType(type, &m_mt);
 }
 

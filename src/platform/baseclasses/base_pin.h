@@ -2,12 +2,12 @@
 #pragma once
 
 #include <atomic>
-#include <mutex>
 #include <string>
 
 #include "platform/baseclasses/base_filter.h"
 #include "platform/baseclasses/mtype.h"
 #include "platform/dshow/pins.h"
+#include "platform/os/mutex.h"
 
 // Base of every pin. A pin lives and dies with the filter that owns it: its references are
 // references of the filter. Connection methods run on the application's thread under m_pLock (the
@@ -67,36 +67,37 @@ class CBasePin : public CUnknown, public IPin, public IQualityControl {
   const std::u16string& Name() const { return m_pName; }
   // With true, the pin may be connected and disconnected while its filter is active.
   void SetReconnectWhenActive(bool allowed) { m_bCanReconnectWhenActive = allowed; }
-  bool CanReconnectWhenActive() const { return m_bCanReconnectWhenActive; }
   void IncrementTypeVersion() { m_TypeVersion.fetch_add(1); }
 
  protected:
   // Takes the pin as connected peer (one reference), or releases it with null.
-  void SetConnected(IPin* pin);
+  void SetConnected(IPin* pin) REQUIRES(m_pLock);
   // Whether a connector and the type that it proposes are taken: S_OK with a copy of the type, or
-  // why not. Under m_pLock; the caller breaks off a refused connection.
-  HRESULT CheckProposal(IPin* connector, const AM_MEDIA_TYPE& type, CMediaType* proposed);
+  // why not. The caller breaks off a refused connection.
+  HRESULT CheckProposal(IPin* connector, const AM_MEDIA_TYPE& type, CMediaType* proposed)
+      REQUIRES(m_pLock);
   // Ends a connection: BreakConnect, release. S_FALSE when there was none.
-  HRESULT DisconnectInternal();
+  HRESULT DisconnectInternal() REQUIRES(m_pLock);
 
   CBaseFilter* m_pFilter;
   CCritSec* m_pLock;
-  ComPtr<IPin> m_Connected;  // guarded by m_pLock
+  ComPtr<IPin> m_Connected GUARDED_BY(m_pLock);
   std::atomic<bool> m_bRunTimeError{false};
   bool m_bTryMyTypesFirst = false;
-  // Not counted: a sink that is downstream holds this pin already. Guarded by m_pLock.
-  IQualityControl* m_pQSink = nullptr;
+  // Not counted: a sink that is downstream holds this pin already.
+  IQualityControl* m_pQSink GUARDED_BY(m_pLock) = nullptr;
 
  private:
-  HRESULT AgreeMediaType(IPin* receivePin, const CMediaType* wanted);
-  HRESULT TryMediaTypes(IPin* receivePin, const CMediaType* wanted, IEnumMediaTypes* types);
-  HRESULT AttemptConnection(IPin* receivePin, const CMediaType& type);
+  HRESULT AgreeMediaType(IPin* receivePin, const CMediaType* wanted) REQUIRES(m_pLock);
+  HRESULT TryMediaTypes(IPin* receivePin, const CMediaType* wanted, IEnumMediaTypes* types)
+      REQUIRES(m_pLock);
+  HRESULT AttemptConnection(IPin* receivePin, const CMediaType& type) REQUIRES(m_pLock);
 
   const std::u16string m_pName;
   const PIN_DIRECTION m_dir;
   bool m_bCanReconnectWhenActive = false;
   std::atomic<bool> isConnected_{false};
   std::atomic<LONG> m_TypeVersion{1};
-  std::mutex typeLock_;
-  CMediaType m_mt;  // guarded by typeLock_: streaming threads change it with their samples
+  os::Mutex typeLock_;
+  CMediaType m_mt GUARDED_BY(typeLock_);  // streaming threads change it with their samples
 };

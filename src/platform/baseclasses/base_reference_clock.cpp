@@ -4,12 +4,52 @@
 
 #include "platform/baseclasses/com_boundary.h"
 #include "platform/dshow/reference_time.h"
+#include "platform/os/waitable.h"
+
+DWORD_PTR AdviseList::AddOnce(REFERENCE_TIME time, HEVENT event) {
+  const os::MutexLock guard(lock_);
+  entries_.emplace(time, Entry{++lastCookie_, 0, event});
+  return lastCookie_;
+}
+
+DWORD_PTR AdviseList::AddPeriodic(REFERENCE_TIME start, REFERENCE_TIME period,
+                                  HSEMAPHORE semaphore) {
+  const os::MutexLock guard(lock_);
+  entries_.emplace(start, Entry{++lastCookie_, period, semaphore});
+  return lastCookie_;
+}
+
+bool AdviseList::Remove(DWORD_PTR cookie) {
+  const os::MutexLock guard(lock_);
+  return std::erase_if(entries_, [&](const auto& item) { return item.second.cookie == cookie; }) >
+         0;
+}
+
+REFERENCE_TIME AdviseList::SignalDue(REFERENCE_TIME now) {
+  const os::MutexLock guard(lock_);
+  while (!entries_.empty() && entries_.begin()->first <= now) {
+    auto due = entries_.extract(entries_.begin());
+    const Entry& entry = due.mapped();
+    if (entry.period == 0) {
+      std::get<HEVENT>(entry.target)->Set();
+      continue;
+    }
+    // A clock that jumped forward owes one release for each period that it passed.
+    const REFERENCE_TIME passed = (now - due.key()) / entry.period + 1;
+    std::get<HSEMAPHORE>(entry.target)
+        ->Release(static_cast<LONG>(std::min<REFERENCE_TIME>(passed, INT32_MAX)));
+    // A period beyond the range of times never ends.
+    due.key() = entry.period < kNever - now ? due.key() + passed * entry.period : kNever;
+    entries_.insert(std::move(due));
+  }
+  return entries_.empty() ? kNever : entries_.begin()->first;
+}
 
 namespace {
 
 constexpr std::uint64_t kUnitsPerMillisecond = 10000;
 // The longest wait in one piece: a clock whose time jumps is looked at again by then.
-constexpr std::uint64_t kLongestWait = 10000 * kUnitsPerMillisecond;
+constexpr std::uint64_t kMaxWait = 10000 * kUnitsPerMillisecond;
 
 }  // namespace
 
@@ -31,7 +71,7 @@ HRESULT CBaseReferenceClock::GetTime(REFERENCE_TIME* time) {
   if (time == nullptr) {
     return E_POINTER;
   }
-  const std::lock_guard guard(timeLock_);
+  const os::MutexLock guard(timeLock_);
   const REFERENCE_TIME now = GetPrivateTime();
   if (now > lastGotTime_) {
     lastGotTime_ = now;
@@ -88,7 +128,7 @@ HRESULT CBaseReferenceClock::Unadvise(DWORD_PTR cookie) {
 
 void CBaseReferenceClock::StartAdvising() {
   {
-    const std::lock_guard guard(threadLock_);
+    const os::MutexLock guard(threadLock_);
     if (thread_ == nullptr && !ending_) {
       thread_ = std::make_unique<os::Thread>([this] { SignalAdvises(); }, "clock");
     }
@@ -99,7 +139,7 @@ void CBaseReferenceClock::StartAdvising() {
 void CBaseReferenceClock::EndAdvising() {
   ending_ = true;
   trigger_.Set();
-  const std::lock_guard guard(threadLock_);
+  const os::MutexLock guard(threadLock_);
   if (thread_ != nullptr) {
     thread_->Wait(os::kInfinite);
     thread_.reset();
@@ -114,7 +154,7 @@ void CBaseReferenceClock::SignalAdvises() {
       trigger_.Wait(os::kInfinite);
       continue;
     }
-    const std::uint64_t wait = std::min(TimeDistance(next, now), kLongestWait);
+    const std::uint64_t wait = std::min(TimeDistance(next, now), kMaxWait);
     trigger_.Wait(
         static_cast<std::uint32_t>((wait + kUnitsPerMillisecond - 1) / kUnitsPerMillisecond));
   }

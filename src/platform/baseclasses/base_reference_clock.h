@@ -1,13 +1,46 @@
-// CBaseReferenceClock: a clock that filters read and are woken by.
+// CBaseReferenceClock: a clock that filters read and are woken by, and the list of whom it wakes
+// when.
 #pragma once
 
+#include <cstdint>
+#include <map>
 #include <memory>
-#include <mutex>
+#include <variant>
 
-#include "platform/baseclasses/advise_list.h"
 #include "platform/baseclasses/unknown_base.h"
-#include "platform/os/event.h"
+#include "platform/dshow/filters.h"
+#include "platform/os/mutex.h"
 #include "platform/os/thread.h"
+#include "platform/os/waitable.h"
+
+// Any thread may add and remove; the clock's thread signals what is due. Once Remove has returned,
+// the event or semaphore is not touched any more: the lock is held while it is signalled, which
+// calls nothing of anybody else.
+class AdviseList {
+ public:
+  static constexpr REFERENCE_TIME kNever = INT64_MAX;
+
+  // Each returns a cookie, never 0.
+  DWORD_PTR AddOnce(REFERENCE_TIME time, HEVENT event);
+  DWORD_PTR AddPeriodic(REFERENCE_TIME start, REFERENCE_TIME period, HSEMAPHORE semaphore);
+  // False when there is no such entry (any more).
+  bool Remove(DWORD_PTR cookie);
+
+  // Signals everything that is due at now: an event once, a semaphore once for each period that has
+  // passed. Returns the time of the next entry, kNever without one.
+  REFERENCE_TIME SignalDue(REFERENCE_TIME now);
+
+ private:
+  struct Entry {
+    DWORD_PTR cookie;
+    REFERENCE_TIME period;  // 0 for an event
+    std::variant<HEVENT, HSEMAPHORE> target;
+  };
+
+  os::Mutex lock_;
+  std::multimap<REFERENCE_TIME, Entry> entries_ GUARDED_BY(lock_);
+  DWORD_PTR lastCookie_ GUARDED_BY(lock_) = 0;
+};
 
 // Base of reference clocks. The derived clock says what time it is (GetPrivateTime); what is shown
 // outside never goes back. A thread of the clock's own signals advises; it is started with the
@@ -51,12 +84,12 @@ class CBaseReferenceClock : public CUnknown, public IReferenceClock {
   void StartAdvising();
   void SignalAdvises();
 
-  std::mutex timeLock_;
-  REFERENCE_TIME lastGotTime_ = INT64_MIN;  // guarded by timeLock_
+  os::Mutex timeLock_;
+  REFERENCE_TIME lastGotTime_ GUARDED_BY(timeLock_) = INT64_MIN;
 
   AdviseList advises_;
   os::Event trigger_{os::Event::Reset::kAuto};
-  std::mutex threadLock_;
-  std::unique_ptr<os::Thread> thread_;  // guarded by threadLock_
+  os::Mutex threadLock_;
+  std::unique_ptr<os::Thread> thread_ GUARDED_BY(threadLock_);
   std::atomic<bool> ending_{false};
 };

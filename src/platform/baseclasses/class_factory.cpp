@@ -1,40 +1,32 @@
 #include "platform/baseclasses/class_factory.h"
 
-#include <atomic>
+#include <functional>
 #include <new>
+#include <stdexcept>
+#include <string>
+#include <system_error>
 
 #include "platform/baseclasses/com_boundary.h"
 #include "platform/baseclasses/unknown_base.h"
 #include "platform/com/com_ptr.h"
+#include "platform/com/wide_text.h"
+#include "platform/os/error_numbers.h"
+#include "platform/os/module.h"
+#include "platform/os/registry.h"
 
 namespace {
 
-// Keeps its module loaded while it lives. Safe on any thread.
-class ClassFactory final : public IClassFactory {
+// Keeps its module loaded while it lives, as every object does. Safe on any thread.
+class ClassFactory final : public CUnknown, public IClassFactory {
  public:
-  explicit ClassFactory(const CFactoryTemplate& entry) : entry_(entry) { LockModule(); }
-  ClassFactory(const ClassFactory&) = delete;
-  ClassFactory& operator=(const ClassFactory&) = delete;
+  DECLARE_IUNKNOWN
 
-  HRESULT QueryInterface(REFIID iid, void** object) override {
-    if (object == nullptr) {
-      return E_POINTER;
-    }
-    if (iid != IID_IUnknown && iid != IID_IClassFactory) {
-      *object = nullptr;
-      return E_NOINTERFACE;
-    }
-    *object = static_cast<IClassFactory*>(this);
-    AddRef();
-    return S_OK;
-  }
-  ULONG AddRef() override { return static_cast<ULONG>(count_.fetch_add(1) + 1); }
-  ULONG Release() override {
-    const LONG left = count_.fetch_sub(1) - 1;
-    if (left == 0) {
-      delete this;
-    }
-    return static_cast<ULONG>(left);
+  explicit ClassFactory(const CFactoryTemplate& entry)
+      : CUnknown("class factory", nullptr), entry_(entry) {}
+
+  HRESULT NonDelegatingQueryInterface(REFIID iid, void** object) override {
+    return iid == IID_IClassFactory ? GetInterface(static_cast<IClassFactory*>(this), object)
+                                    : CUnknown::NonDelegatingQueryInterface(iid, object);
   }
 
   HRESULT CreateInstance(IUnknown* outer, REFIID iid, void** object) override {
@@ -74,10 +66,7 @@ class ClassFactory final : public IClassFactory {
   }
 
  private:
-  ~ClassFactory() { UnlockModule(); }
-
   const CFactoryTemplate& entry_;
-  std::atomic<LONG> count_{0};
 };
 
 }  // namespace
@@ -92,4 +81,82 @@ HRESULT CreateClassFactory(const CFactoryTemplate& entry, REFIID iid, void** obj
   }
   const ComPtr<IClassFactory> factory(new (std::nothrow) ClassFactory(entry));
   return factory ? factory->QueryInterface(iid, object) : E_OUTOFMEMORY;
+}
+
+namespace {
+
+std::string ClassKey(const CLSID& clsid) {
+  return std::string(kClassesKey) + "\\" + GuidToString(clsid);
+}
+std::string FilterKey(const CLSID& clsid) {
+  return std::string(kFiltersKey) + "\\" + GuidToString(clsid);
+}
+
+HRESULT ChangeRegistry(const std::function<void(os::RegistryTree&)>& change) {
+  try {
+    os::Registry::OfUser().Update(change);
+    return S_OK;
+  } catch (const std::system_error&) {
+    return ResultOfException();
+  } catch (const std::runtime_error&) {
+    return HRESULT_FROM_WIN32(os::kErrorBadRegistry);
+  } catch (...) {
+    return ResultOfException();
+  }
+}
+
+void WriteFilter(os::RegistryTree& tree, const AMOVIESETUP_FILTER& setup) {
+  const std::string key = FilterKey(*setup.clsID);
+  tree.Erase(key);
+  tree.Set(key, "", NarrowToAscii(setup.strName));
+  tree.Set(key, "Merit", std::to_string(setup.dwMerit));
+  for (UINT i = 0; i < setup.nPins; ++i) {
+    const AMOVIESETUP_PIN& pin = setup.lpPin[i];
+    const std::string pinKey = key + "\\" + std::to_string(i);
+    tree.Set(pinKey, "", NarrowToAscii(pin.strName));
+    tree.Set(pinKey, "Rendered", pin.bRendered != FALSE ? "1" : "0");
+    tree.Set(pinKey, "Direction", pin.bOutput != FALSE ? "output" : "input");
+    tree.Set(pinKey, "Zero", pin.bZero != FALSE ? "1" : "0");
+    tree.Set(pinKey, "Many", pin.bMany != FALSE ? "1" : "0");
+    tree.Set(pinKey, "ConnectsToFilter", GuidToString(*pin.clsConnectsToFilter));
+    tree.Set(pinKey, "ConnectsToPin", NarrowToAscii(pin.strConnectsToPin));
+    for (UINT t = 0; t < pin.nMediaTypes; ++t) {
+      const AMOVIESETUP_MEDIATYPE& type = pin.lpMediaType[t];
+      const CLSID& minor = type.clsMinorType != nullptr ? *type.clsMinorType : GUID_NULL;
+      tree.Set(pinKey, "Type" + std::to_string(t),
+               GuidToString(*type.clsMajorType) + " " + GuidToString(minor));
+    }
+  }
+}
+
+}  // namespace
+
+HRESULT RegisterClassTemplate(const CFactoryTemplate& entry) {
+  return ChangeRegistry([&](os::RegistryTree& tree) {
+    const std::string key = ClassKey(*entry.m_ClsID);
+    const std::string server = key + "\\" + kServerKey;
+    tree.Set(key, "", NarrowToAscii(entry.m_Name));
+    tree.Set(server, "", os::ModulePathOf(reinterpret_cast<const void*>(&RegisterClassTemplate)));
+    tree.Set(server, "ThreadingModel", "Both");
+    if (entry.m_pAMovieSetup_Filter != nullptr) {
+      WriteFilter(tree, *entry.m_pAMovieSetup_Filter);
+    }
+  });
+}
+
+HRESULT UnregisterClassTemplate(const CFactoryTemplate& entry) {
+  return ChangeRegistry([&](os::RegistryTree& tree) {
+    if (entry.m_pAMovieSetup_Filter != nullptr) {
+      tree.Erase(FilterKey(*entry.m_pAMovieSetup_Filter->clsID));
+    }
+    tree.Erase(ClassKey(*entry.m_ClsID));
+  });
+}
+
+HRESULT RegisterFilterSetup(const AMOVIESETUP_FILTER& setup) {
+  return ChangeRegistry([&](os::RegistryTree& tree) { WriteFilter(tree, setup); });
+}
+
+HRESULT UnregisterFilterSetup(const CLSID& clsid) {
+  return ChangeRegistry([&](os::RegistryTree& tree) { tree.Erase(FilterKey(clsid)); });
 }

@@ -1,8 +1,36 @@
-// The class factory of a filter library, and what a library gives to have one.
+// The classes of a filter library: what it says of them, the factory that makes them, and their
+// entries in the registry.
 #pragma once
 
-#include "platform/baseclasses/filter_setup.h"
+#include "platform/com/guid.h"
 #include "platform/com/unknown.h"
+
+inline constexpr DWORD MERIT_DO_NOT_USE = 0x200000;
+
+struct AMOVIESETUP_MEDIATYPE {
+  const CLSID* clsMajorType;
+  const CLSID* clsMinorType;  // null stands for any subtype
+};
+
+struct AMOVIESETUP_PIN {
+  LPCWSTR strName;
+  BOOL bRendered;
+  BOOL bOutput;
+  BOOL bZero;
+  BOOL bMany;
+  const CLSID* clsConnectsToFilter;
+  LPCWSTR strConnectsToPin;
+  UINT nMediaTypes;
+  const AMOVIESETUP_MEDIATYPE* lpMediaType;
+};
+
+struct AMOVIESETUP_FILTER {
+  const CLSID* clsID;
+  LPCWSTR strName;
+  DWORD dwMerit;
+  UINT nPins;
+  const AMOVIESETUP_PIN* lpPin;
+};
 
 class CUnknown;
 
@@ -24,3 +52,19 @@ struct CFactoryTemplate {
 // A factory for the class of a template, with one reference; E_NOINTERFACE unless iid is IUnknown
 // or IClassFactory. The template must outlive it.
 HRESULT CreateClassFactory(const CFactoryTemplate& entry, REFIID iid, void** object);
+
+// The registry's keys. Under a class's key stand its name (default value) and the subkey
+// InprocServer32 with the library's path; under a filter's key its name, class, merit and a subkey
+// for each pin, numbered from 0.
+inline constexpr const char* kClassesKey = "CLSID";
+inline constexpr const char* kServerKey = "InprocServer32";
+inline constexpr const char* kFiltersKey = "Filters";
+
+// Enters the class (and its filter setup, when it has one) with the path of the library that holds
+// this code. Errors are those of the registry as HRESULTs of facility Win32.
+HRESULT RegisterClassTemplate(const CFactoryTemplate& entry);
+// Takes filter and class out again; what is not there is no error.
+HRESULT UnregisterClassTemplate(const CFactoryTemplate& entry);
+
+HRESULT RegisterFilterSetup(const AMOVIESETUP_FILTER& setup);
+HRESULT UnregisterFilterSetup(const CLSID& clsid);

@@ -3,7 +3,6 @@
 #include <new>
 #include <system_error>
 
-#include "platform/com/atl_exception.h"
 #include "platform/os/error_numbers.h"
 
 HRESULT ResultOfException() noexcept {

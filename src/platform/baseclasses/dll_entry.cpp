@@ -2,7 +2,6 @@
 // library defines the table of its classes.
 
 #include "platform/baseclasses/class_factory.h"
-#include "platform/baseclasses/registration.h"
 #include "platform/baseclasses/unknown_base.h"
 
 extern const CFactoryTemplate g_Templates[];

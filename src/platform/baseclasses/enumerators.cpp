@@ -7,7 +7,7 @@
 #include "platform/dshow/vfw_errors.h"
 
 CEnumPins::CEnumPins(CBaseFilter* filter, const CEnumPins* original)
-    : keepAlive_(filter), filter_(filter) {
+    : CUnknown("pin enumerator", nullptr), keepAlive_(filter), filter_(filter) {
   if (original != nullptr) {
     position_ = original->position_;
     pinCount_ = original->pinCount_;
@@ -18,29 +18,9 @@ CEnumPins::CEnumPins(CBaseFilter* filter, const CEnumPins* original)
   }
 }
 
-HRESULT CEnumPins::QueryInterface(REFIID iid, void** object) {
-  if (object == nullptr) {
-    return E_POINTER;
-  }
-  if (iid != IID_IUnknown && iid != IID_IEnumPins) {
-    *object = nullptr;
-    return E_NOINTERFACE;
-  }
-  *object = static_cast<IEnumPins*>(this);
-  AddRef();
-  return S_OK;
-}
-
-ULONG CEnumPins::AddRef() {
-  return static_cast<ULONG>(count_.fetch_add(1) + 1);
-}
-
-ULONG CEnumPins::Release() {
-  const LONG left = count_.fetch_sub(1) - 1;
-  if (left == 0) {
-    delete this;
-  }
-  return static_cast<ULONG>(left);
+HRESULT CEnumPins::NonDelegatingQueryInterface(REFIID iid, void** object) {
+  return iid == IID_IEnumPins ? GetInterface(static_cast<IEnumPins*>(this), object)
+                              : CUnknown::NonDelegatingQueryInterface(iid, object);
 }
 
 HRESULT CEnumPins::Next(ULONG count, IPin** pins, ULONG* fetched) {
@@ -99,7 +79,7 @@ HRESULT CEnumPins::Clone(IEnumPins** copy) {
 }
 
 CEnumMediaTypes::CEnumMediaTypes(CBasePin* pin, const CEnumMediaTypes* original)
-    : keepAlive_(pin), pin_(pin) {
+    : CUnknown("media type enumerator", nullptr), keepAlive_(pin), pin_(pin) {
   if (original != nullptr) {
     position_ = original->position_;
     version_ = original->version_;
@@ -108,29 +88,9 @@ CEnumMediaTypes::CEnumMediaTypes(CBasePin* pin, const CEnumMediaTypes* original)
   }
 }
 
-HRESULT CEnumMediaTypes::QueryInterface(REFIID iid, void** object) {
-  if (object == nullptr) {
-    return E_POINTER;
-  }
-  if (iid != IID_IUnknown && iid != IID_IEnumMediaTypes) {
-    *object = nullptr;
-    return E_NOINTERFACE;
-  }
-  *object = static_cast<IEnumMediaTypes*>(this);
-  AddRef();
-  return S_OK;
-}
-
-ULONG CEnumMediaTypes::AddRef() {
-  return static_cast<ULONG>(count_.fetch_add(1) + 1);
-}
-
-ULONG CEnumMediaTypes::Release() {
-  const LONG left = count_.fetch_sub(1) - 1;
-  if (left == 0) {
-    delete this;
-  }
-  return static_cast<ULONG>(left);
+HRESULT CEnumMediaTypes::NonDelegatingQueryInterface(REFIID iid, void** object) {
+  return iid == IID_IEnumMediaTypes ? GetInterface(static_cast<IEnumMediaTypes*>(this), object)
+                                    : CUnknown::NonDelegatingQueryInterface(iid, object);
 }
 
 HRESULT CEnumMediaTypes::ReadType(CMediaType* type) {

@@ -1,30 +1,26 @@
 // CEnumPins and CEnumMediaTypes: what a filter's and a pin's enumerations hand out.
 #pragma once
 
-#include <atomic>
-
 #include "platform/baseclasses/base_filter.h"
 #include "platform/baseclasses/base_pin.h"
 
 // Walks the pins of a filter by position. Out of date (VFW_E_ENUM_OUT_OF_SYNC) once the filter's
 // pin version has changed; Reset starts again with the present pins. A position whose pin is
 // missing ends nothing: it is passed over.
-class CEnumPins final : public IEnumPins {
+class CEnumPins final : public CUnknown, public IEnumPins {
  public:
-  CEnumPins(CBaseFilter* filter, const CEnumPins* original);
-  CEnumPins(const CEnumPins&) = delete;
-  CEnumPins& operator=(const CEnumPins&) = delete;
+  DECLARE_IUNKNOWN
 
-  HRESULT QueryInterface(REFIID iid, void** object) override;
-  ULONG AddRef() override;
-  ULONG Release() override;
+  CEnumPins(CBaseFilter* filter, const CEnumPins* original);
+
+  HRESULT NonDelegatingQueryInterface(REFIID iid, void** object) override;
+
   HRESULT Next(ULONG count, IPin** pins, ULONG* fetched) override;
   HRESULT Skip(ULONG count) override;
   HRESULT Reset() override;
   HRESULT Clone(IEnumPins** copy) override;
 
  private:
-  ~CEnumPins() = default;
   bool IsOutOfSync() const { return version_ != filter_->GetPinVersion(); }
 
   ComPtr<IBaseFilter> keepAlive_;
@@ -32,26 +28,23 @@ class CEnumPins final : public IEnumPins {
   int position_ = 0;
   int pinCount_ = 0;
   LONG version_ = 0;
-  std::atomic<LONG> count_{0};
 };
 
 // Walks the preferred media types of a pin by position.
-class CEnumMediaTypes final : public IEnumMediaTypes {
+class CEnumMediaTypes final : public CUnknown, public IEnumMediaTypes {
  public:
-  CEnumMediaTypes(CBasePin* pin, const CEnumMediaTypes* original);
-  CEnumMediaTypes(const CEnumMediaTypes&) = delete;
-  CEnumMediaTypes& operator=(const CEnumMediaTypes&) = delete;
+  DECLARE_IUNKNOWN
 
-  HRESULT QueryInterface(REFIID iid, void** object) override;
-  ULONG AddRef() override;
-  ULONG Release() override;
+  CEnumMediaTypes(CBasePin* pin, const CEnumMediaTypes* original);
+
+  HRESULT NonDelegatingQueryInterface(REFIID iid, void** object) override;
+
   HRESULT Next(ULONG count, AM_MEDIA_TYPE** types, ULONG* fetched) override;
   HRESULT Skip(ULONG count) override;
   HRESULT Reset() override;
   HRESULT Clone(IEnumMediaTypes** copy) override;
 
  private:
-  ~CEnumMediaTypes() = default;
   bool IsOutOfSync() const { return version_ != pin_->GetMediaTypeVersion(); }
   HRESULT ReadType(CMediaType* type);
 
@@ -59,5 +52,4 @@ class CEnumMediaTypes final : public IEnumMediaTypes {
   CBasePin* pin_;
   int position_ = 0;
   LONG version_ = 0;
-  std::atomic<LONG> count_{0};
 };

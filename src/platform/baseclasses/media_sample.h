@@ -10,8 +10,8 @@ class CBaseAllocator;
 
 // A sample belongs to its allocator for its whole life; while somebody holds a reference it is
 // outside and keeps its allocator alive. The last Release takes times, flags and type away and
-// hands the sample back. Counting is safe on any thread; everything else belongs to the thread
-// that the sample has been handed to.
+// hands the sample back, where CUnknown would delete it. Counting is safe on any thread; everything
+// else belongs to the thread that the sample has been handed to.
 class CMediaSample : public IMediaSample2 {
  public:
   // buffer has length bytes and belongs to the allocator.

@@ -157,12 +157,6 @@ BYTE* CMediaType::AllocFormatBuffer(ULONG length) {
   return pbFormat;
 }
 
-void CMediaType::ResetFormatBuffer() {
-  CoTaskMemFree(pbFormat);
-  pbFormat = nullptr;
-  cbFormat = 0;
-}
-
 bool CMediaType::IsPartiallySpecified() const {
   return majortype == GUID_NULL || formattype == GUID_NULL;
 }

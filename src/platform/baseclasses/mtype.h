@@ -22,7 +22,7 @@ struct MediaTypeDeleter {
 using OwnedMediaType = std::unique_ptr<AM_MEDIA_TYPE, MediaTypeDeleter>;
 
 // What a sample says of its type: S_OK with the type, another success code with none, or why it
-// cannot tell. A sample that claims to have one and hands out nothing gets VFW_E_INVALIDMEDIATYPE.
+// does not say. A sample that claims to have one and hands out nothing gets VFW_E_INVALIDMEDIATYPE.
 HRESULT ReadMediaType(IMediaSample* sample, OwnedMediaType* type);
 
 // The format block of a type as a structure; null when the type has none, or a shorter one.
@@ -54,19 +54,14 @@ class CMediaType : public AM_MEDIA_TYPE {
   // A type with a major type; the empty one is not valid.
   bool IsValid() const { return majortype != GUID_NULL; }
   const GUID* Type() const { return &majortype; }
-  const GUID* Subtype() const { return &subtype; }
-  const GUID* FormatType() const { return &formattype; }
   void SetType(const GUID* major) { majortype = *major; }
   void SetSubtype(const GUID* sub) { subtype = *sub; }
   void SetFormatType(const GUID* format) { formattype = *format; }
 
-  bool IsFixedSize() const { return bFixedSizeSamples != FALSE; }
-  ULONG GetSampleSize() const { return IsFixedSize() ? lSampleSize : 0; }
+  ULONG GetSampleSize() const { return bFixedSizeSamples != FALSE ? lSampleSize : 0; }
   // 0 means samples of variable size.
   void SetSampleSize(ULONG size);
   void SetVariableSize() { bFixedSizeSamples = FALSE; }
-  bool IsTemporalCompressed() const { return bTemporalCompression != FALSE; }
-  void SetTemporalCompression(BOOL compressed) { bTemporalCompression = compressed; }
 
   BYTE* Format() const { return pbFormat; }
   ULONG FormatLength() const { return cbFormat; }
@@ -74,7 +69,6 @@ class CMediaType : public AM_MEDIA_TYPE {
   // A format block of length bytes with undefined contents; null (and the old block kept) when the
   // memory is exhausted.
   BYTE* AllocFormatBuffer(ULONG length);
-  void ResetFormatBuffer();
 
   // A type that leaves its major type or format open can only be a wish, not a connection's type.
   bool IsPartiallySpecified() const;

@@ -42,12 +42,12 @@ ULONG CUnknown::NonDelegatingRelease() {
   return static_cast<ULONG>(left < 0 ? 0 : left);
 }
 
-HRESULT CUnknown::GetInterface(IUnknown* face, void** object) {
+HRESULT CUnknown::GetInterface(IUnknown* found, void** object) {
   if (object == nullptr) {
     return E_POINTER;
   }
-  *object = face;
-  face->AddRef();
+  *object = found;
+  found->AddRef();
   return S_OK;
 }
 

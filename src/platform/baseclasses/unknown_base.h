@@ -34,15 +34,13 @@ class CUnknown : public INonDelegatingUnknown {
 
   // Where the interfaces delegate; never null.
   IUnknown* GetOwner() const { return owner_; }
-  // The unknown that is the object's own even when it is aggregated.
-  IUnknown* InnerUnknown() { return &inner_; }
 
   // Objects of this module that exist now: a module with none may be unloaded.
   static LONG ObjectsActive();
 
  protected:
   // Hands out an interface with the usual reference.
-  static HRESULT GetInterface(IUnknown* face, void** object);
+  static HRESULT GetInterface(IUnknown* found, void** object);
 
  private:
   class Inner final : public IUnknown {
@@ -75,7 +73,7 @@ class CUnknown : public INonDelegatingUnknown {
     return GetOwner()->Release();                              \
   }
 
-// Counts what keeps a module loaded beside its objects: class factories and server locks.
+// Counts what keeps a module loaded beside its objects: server locks.
 void LockModule();
 void UnlockModule();
 bool IsModuleInUse();

@@ -43,7 +43,7 @@ class ComPtr {
   explicit operator bool() const { return object_ != nullptr; }
   friend bool operator==(const ComPtr& a, const ComPtr& b) { return a.object_ == b.object_; }
 
-  // Gives the reference up to the caller.
+  // Passes the reference to the caller.
   [[nodiscard]] T* Detach() { return std::exchange(object_, nullptr); }
   void Reset() {
     if (T* const old = std::exchange(object_, nullptr)) {
@@ -78,7 +78,8 @@ ComPtr<Interface> QueryFor(IUnknown* object) {
   return ComPtr<IUnknown>(object).As<Interface>();
 }
 
-// COM identity: two interface pointers belong to one object when their IUnknown faces are the same.
+// COM identity: two interface pointers belong to one object when their IUnknown interfaces are the
+// same.
 inline bool IsSameObject(IUnknown* a, IUnknown* b) {
   return a == b || (a != nullptr && b != nullptr && QueryFor<IUnknown>(a) == QueryFor<IUnknown>(b));
 }

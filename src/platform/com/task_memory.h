@@ -1,14 +1,19 @@
 // The task allocator: memory that one module allocates and another one frees.
 #pragma once
 
+#include <cstdlib>
 #include <memory>
 
 #include "platform/com/types.h"
 
-// Null when the memory is exhausted.
-void* CoTaskMemAlloc(std::size_t bytes);
+// Null when the memory is exhausted. An empty block is still a block of its own.
+inline void* CoTaskMemAlloc(std::size_t bytes) {
+  return std::malloc(bytes == 0 ? 1 : bytes);
+}
 // Null is allowed and ignored.
-void CoTaskMemFree(void* memory);
+inline void CoTaskMemFree(void* memory) {
+  std::free(memory);
+}
 
 struct TaskMemoryDeleter {
   void operator()(void* memory) const { CoTaskMemFree(memory); }

@@ -1,8 +1,11 @@
-// The basic types of the platform's interfaces, at their documented widths.
+// The basic types of the platform's interfaces at their documented widths, result codes of COM and
+// the tests on them. DirectShow's own codes: platform/dshow/vfw_errors.h.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+
+#include "platform/com/types.h"
 
 using BYTE = std::uint8_t;
 using WORD = std::uint16_t;
@@ -13,13 +16,11 @@ using ULONG = std::uint32_t;
 using UINT = std::uint32_t;
 using BOOL = std::int32_t;
 using LONGLONG = std::int64_t;
-using ULONGLONG = std::uint64_t;
 using LONG_PTR = std::intptr_t;
 // The platform's wide character is a UTF-16 code unit.
 using WCHAR = char16_t;
 using LPCWSTR = const WCHAR*;
 using LPWSTR = WCHAR*;
-using LPOLESTR = WCHAR*;
 using HRESULT = std::int32_t;
 
 inline constexpr BOOL TRUE = 1;
@@ -31,3 +32,34 @@ struct RECT {
   LONG right;
   LONG bottom;
 };
+
+constexpr HRESULT MakeHresult(std::uint32_t code) {
+  return static_cast<HRESULT>(code);
+}
+
+inline constexpr HRESULT S_OK = 0;
+inline constexpr HRESULT S_FALSE = 1;
+inline constexpr HRESULT E_NOTIMPL = MakeHresult(0x80004001);
+inline constexpr HRESULT E_NOINTERFACE = MakeHresult(0x80004002);
+inline constexpr HRESULT E_POINTER = MakeHresult(0x80004003);
+inline constexpr HRESULT E_ABORT = MakeHresult(0x80004004);
+inline constexpr HRESULT E_FAIL = MakeHresult(0x80004005);
+inline constexpr HRESULT E_UNEXPECTED = MakeHresult(0x8000FFFF);
+inline constexpr HRESULT E_ACCESSDENIED = MakeHresult(0x80070005);
+inline constexpr HRESULT E_OUTOFMEMORY = MakeHresult(0x8007000E);
+inline constexpr HRESULT E_INVALIDARG = MakeHresult(0x80070057);
+inline constexpr HRESULT CLASS_E_NOAGGREGATION = MakeHresult(0x80040110);
+inline constexpr HRESULT CLASS_E_CLASSNOTAVAILABLE = MakeHresult(0x80040111);
+inline constexpr HRESULT REGDB_E_CLASSNOTREG = MakeHresult(0x80040154);
+
+constexpr bool SUCCEEDED(HRESULT hr) {
+  return hr >= 0;
+}
+constexpr bool FAILED(HRESULT hr) {
+  return hr < 0;
+}
+
+// The HRESULT (facility Win32) of one of the system's error numbers; 0 gives S_OK.
+constexpr HRESULT HRESULT_FROM_WIN32(DWORD error) {
+  return error == 0 ? S_OK : MakeHresult((error & 0xFFFF) | 0x80070000);
+}

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "platform/com/guid.h"
-#include "platform/com/hresult.h"
+#include "platform/com/types.h"
 
 inline constexpr IID IID_IUnknown{
     0x00000000, 0x0000, 0x0000, {0xC0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x46}};

@@ -24,12 +24,8 @@ struct FILTER_INFO {
   IFilterGraph* pGraph;  // counted reference, may be null
 };
 
-inline constexpr DWORD INFINITE = 0xFFFFFFFF;
-
 // Graph events
-inline constexpr LONG EC_COMPLETE = 0x01;
 inline constexpr LONG EC_ERRORABORT = 0x03;
-inline constexpr LONG EC_QUALITY_CHANGE = 0x0B;
 inline constexpr LONG EC_USER = 0x8000;
 
 inline constexpr IID IID_IPersist{

@@ -82,7 +82,6 @@ constexpr DWORD MakeFourcc(char a, char b, char c, char d) {
          static_cast<DWORD>(static_cast<BYTE>(d)) << 24;
 }
 
-inline constexpr GUID MEDIATYPE_NULL = GUID_NULL;
 inline constexpr GUID MEDIATYPE_Video = FourccGuid(MakeFourcc('v', 'i', 'd', 's'));
 inline constexpr GUID MEDIATYPE_Audio = FourccGuid(MakeFourcc('a', 'u', 'd', 's'));
 

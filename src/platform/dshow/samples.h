@@ -22,8 +22,6 @@ inline constexpr DWORD AM_SAMPLE_STOPVALID = 0x100;
 inline constexpr DWORD AM_STREAM_MEDIA = 0;
 
 // Flags of IMemAllocator::GetBuffer
-inline constexpr DWORD AM_GBF_PREVFRAMESKIPPED = 1;
-inline constexpr DWORD AM_GBF_NOTASYNCPOINT = 2;
 inline constexpr DWORD AM_GBF_NOWAIT = 4;
 
 struct AM_SAMPLE2_PROPERTIES {

@@ -1,7 +1,7 @@
-// Result codes of DirectShow.
+// Result codes of DirectShow, and texts for result codes.
 #pragma once
 
-#include "platform/com/hresult.h"
+#include "platform/com/types.h"
 
 inline constexpr HRESULT VFW_S_NO_MORE_ITEMS = 0x00040103;
 inline constexpr HRESULT VFW_S_DUPLICATE_NAME = 0x0004022D;
@@ -38,3 +38,7 @@ inline constexpr HRESULT VFW_E_TIMEOUT = MakeHresult(0x8004022E);
 inline constexpr HRESULT VFW_E_SAMPLE_TIME_NOT_SET = MakeHresult(0x80040249);
 inline constexpr HRESULT VFW_E_MEDIA_TIME_NOT_SET = MakeHresult(0x80040251);
 inline constexpr HRESULT VFW_E_NOT_IN_GRAPH = MakeHresult(0x8004025F);
+
+// Writes the English text of hr, cut to capacity - 1 characters and terminated, into buffer and
+// returns its length; 0 (and an empty text) when no text is known. Callable from any thread.
+DWORD AMGetErrorTextA(HRESULT hr, char* buffer, DWORD capacity);

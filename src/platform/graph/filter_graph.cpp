@@ -6,14 +6,50 @@
 #include <set>
 
 #include "platform/baseclasses/com_boundary.h"
+#include "platform/dshow/pins.h"
+#include "platform/dshow/reference_time.h"
 #include "platform/dshow/vfw_errors.h"
 #include "platform/graph/filter_enumerator.h"
-#include "platform/graph/pin_walk.h"
 
 namespace {
 
 constexpr CLSID kFilterGraphClass{
     0xE436EBB3, 0x524F, 0x11CE, {0x9F, 0x53, 0x00, 0x20, 0xAF, 0x0B, 0xA7, 0x70}};
+
+// Between the call of Run and the first frame that is due, 100 ns units.
+constexpr REFERENCE_TIME kStartDelay = 100000;
+
+// Calls visit with every pin of a filter.
+void ForEachPin(IBaseFilter* filter, const std::function<void(IPin*)>& visit) {
+  ComPtr<IEnumPins> pins;
+  if (FAILED(filter->EnumPins(pins.Put()))) {
+    return;
+  }
+  ComPtr<IPin> pin;
+  while (pins->Next(1, pin.Put(), nullptr) == S_OK) {
+    visit(pin.Get());
+  }
+}
+
+// The pin at the other end; null when not connected.
+ComPtr<IPin> PeerOf(IPin* pin) {
+  ComPtr<IPin> peer;
+  pin->ConnectedTo(peer.Put());
+  return peer;
+}
+
+bool IsOutput(IPin* pin) {
+  PIN_DIRECTION direction{};
+  return SUCCEEDED(pin->QueryDirection(&direction)) && direction == PINDIR_OUTPUT;
+}
+
+// The filter that a pin belongs to; null for no pin.
+ComPtr<IBaseFilter> FilterOf(IPin* pin) {
+  PIN_INFO info{};
+  return pin != nullptr && SUCCEEDED(pin->QueryPinInfo(&info))
+             ? ComPtr<IBaseFilter>::Adopt(info.pFilter)
+             : nullptr;
+}
 
 }  // namespace
 
@@ -59,7 +95,7 @@ HRESULT FilterGraph::AddFilter(IBaseFilter* filter, LPCWSTR name) {
 }
 
 HRESULT FilterGraph::Add(IBaseFilter* filter, LPCWSTR name) {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   if (state_ != State_Stopped) {
     return VFW_E_NOT_STOPPED;
   }
@@ -68,6 +104,7 @@ HRESULT FilterGraph::Add(IBaseFilter* filter, LPCWSTR name) {
   }
   const std::u16string wanted = name != nullptr && *name != 0 ? name : u"Filter";
   const auto isTaken = [&](const std::u16string& candidate) {
+    lock_.AssertHeld();
     return std::any_of(filters_.begin(), filters_.end(),
                        [&](const Entry& entry) { return entry.name == candidate; });
   };
@@ -89,7 +126,7 @@ HRESULT FilterGraph::Add(IBaseFilter* filter, LPCWSTR name) {
 }
 
 HRESULT FilterGraph::RemoveFilter(IBaseFilter* filter) {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   if (state_ != State_Stopped) {
     return VFW_E_NOT_STOPPED;
   }
@@ -114,7 +151,7 @@ HRESULT FilterGraph::EnumFilters(IEnumFilters** enumerator) {
     return E_POINTER;
   }
   return AtComBoundary([&] {
-    const std::lock_guard guard(lock_);
+    const os::MutexLock guard(lock_);
     FilterEnumerator::Filters filters;
     for (const Entry& entry : filters_) {
       filters.push_back(entry.filter);
@@ -128,7 +165,7 @@ HRESULT FilterGraph::FindFilterByName(LPCWSTR name, IBaseFilter** filter) {
   if (name == nullptr || filter == nullptr) {
     return E_POINTER;
   }
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   for (const Entry& entry : filters_) {
     if (entry.name == name) {
       *filter = ComPtr<IBaseFilter>(entry.filter).Detach();
@@ -164,7 +201,7 @@ HRESULT FilterGraph::ConnectDirect(IPin* output, IPin* input, const AM_MEDIA_TYP
   if (output == nullptr || input == nullptr) {
     return E_POINTER;
   }
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   const ComPtr<IBaseFilter> from = FilterOf(output);
   const ComPtr<IBaseFilter> to = FilterOf(input);
   if (!from || !to || FindEntry(from.Get()) == nullptr || FindEntry(to.Get()) == nullptr) {
@@ -179,7 +216,7 @@ HRESULT FilterGraph::Reconnect(IPin* pin) {
   if (pin == nullptr) {
     return E_POINTER;
   }
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   const ComPtr<IPin> peer = PeerOf(pin);
   if (!peer) {
     return VFW_E_NOT_CONNECTED;
@@ -198,7 +235,7 @@ HRESULT FilterGraph::Disconnect(IPin* pin) {
   if (pin == nullptr) {
     return E_POINTER;
   }
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   return pin->Disconnect();
 }
 
@@ -216,23 +253,169 @@ HRESULT FilterGraph::GetClassID(CLSID* clsid) {
 
 HRESULT FilterGraph::Notify(LONG code, LONG_PTR parameter1, LONG_PTR parameter2) {
   const HRESULT hr = AtComBoundary([&] {
-    const std::lock_guard guard(eventLock_);
+    const os::MutexLock guard(eventLock_);
     events_.push_back({code, parameter1, parameter2});
     if (events_.size() > kMaxEvents) {
       events_.pop_front();
     }
     return S_OK;
   });
-  eventPosted_.notify_one();
+  eventPosted_.NotifyOne();
   return hr;
 }
 
 std::optional<GraphEvent> FilterGraph::GetEvent(std::chrono::milliseconds timeout) {
-  std::unique_lock guard(eventLock_);
-  if (!eventPosted_.wait_for(guard, timeout, [&] { return !events_.empty(); })) {
-    return std::nullopt;
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  const os::MutexLock guard(eventLock_);
+  while (events_.empty()) {
+    if (!eventPosted_.WaitUntil(eventLock_, deadline) && events_.empty()) {
+      return std::nullopt;
+    }
   }
   const GraphEvent event = events_.front();
   events_.pop_front();
   return event;
+}
+
+std::vector<ComPtr<IBaseFilter>> FilterGraph::DownstreamFirst() {
+  std::vector<ComPtr<IBaseFilter>> ordered;
+  std::set<IBaseFilter*> visited;
+  const std::function<void(const ComPtr<IBaseFilter>&)> visit =
+      [&](const ComPtr<IBaseFilter>& filter) {
+        if (!visited.insert(filter.Get()).second) {
+          return;
+        }
+        ForEachPin(filter.Get(), [&](IPin* pin) {
+          lock_.AssertHeld();
+          if (IsOutput(pin)) {
+            if (const Entry* const next = FindEntry(FilterOf(PeerOf(pin).Get()).Get())) {
+              visit(ComPtr<IBaseFilter>(next->filter));
+            }
+          }
+        });
+        ordered.push_back(filter);
+      };
+  for (const Entry& entry : filters_) {
+    visit(entry.filter);
+  }
+  return ordered;
+}
+
+template <typename Change>
+HRESULT FilterGraph::ForEachFilter(const Change& change) {
+  return AtComBoundary([&] {
+    lock_.AssertHeld();
+    for (const ComPtr<IBaseFilter>& filter : DownstreamFirst()) {
+      const HRESULT hr = change(filter.Get());
+      if (FAILED(hr)) {
+        return hr;
+      }
+    }
+    return S_OK;
+  });
+}
+
+HRESULT FilterGraph::StopAll() {
+  HRESULT result = S_OK;
+  const auto stop = [&result](IBaseFilter* filter) {
+    const HRESULT hr = filter->Stop();
+    if (FAILED(hr) && SUCCEEDED(result)) {
+      result = hr;
+    }
+    return S_OK;
+  };
+  // Without memory for the order, in any order.
+  if (FAILED(ForEachFilter(stop))) {
+    for (const Entry& entry : filters_) {
+      stop(entry.filter.Get());
+    }
+  }
+  state_ = State_Stopped;
+  pausedAt_ = 0;
+  return result;
+}
+
+HRESULT FilterGraph::StopAfter(HRESULT failure) {
+  StopAll();
+  return failure;
+}
+
+HRESULT FilterGraph::Stop() {
+  const os::MutexLock guard(lock_);
+  return StopAll();
+}
+
+HRESULT FilterGraph::Pause() {
+  const os::MutexLock guard(lock_);
+  if (state_ == State_Running && clock_) {
+    REFERENCE_TIME now = 0;
+    if (SUCCEEDED(clock_->GetTime(&now))) {
+      pausedAt_ = SubtractTimes(now, start_);
+    }
+  }
+  const HRESULT hr = ForEachFilter([](IBaseFilter* filter) { return filter->Pause(); });
+  if (FAILED(hr)) {
+    return StopAfter(hr);
+  }
+  state_ = State_Paused;
+  return S_OK;
+}
+
+HRESULT FilterGraph::Run(REFERENCE_TIME start) {
+  const os::MutexLock guard(lock_);
+  if (state_ == State_Running) {
+    return S_OK;
+  }
+  if (state_ == State_Stopped) {
+    const HRESULT hr = Pause();
+    if (FAILED(hr)) {
+      return hr;
+    }
+  }
+  start_ = start;
+  REFERENCE_TIME now = 0;
+  if (start == 0 && clock_ && SUCCEEDED(clock_->GetTime(&now))) {
+    // Stream time continues where the pause held it.
+    start_ = AddTimes(SubtractTimes(now, pausedAt_), kStartDelay);
+  }
+  const REFERENCE_TIME begin = start_;
+  const HRESULT hr = ForEachFilter([begin](IBaseFilter* filter) { return filter->Run(begin); });
+  if (FAILED(hr)) {
+    return StopAfter(hr);
+  }
+  state_ = State_Running;
+  return S_OK;
+}
+
+HRESULT FilterGraph::GetState(DWORD /*milliseconds*/, FILTER_STATE* state) {
+  if (state == nullptr) {
+    return E_POINTER;
+  }
+  const os::MutexLock guard(lock_);
+  *state = state_;
+  return S_OK;
+}
+
+HRESULT FilterGraph::SetSyncSource(IReferenceClock* clock) {
+  const os::MutexLock guard(lock_);
+  if (state_ != State_Stopped) {
+    return VFW_E_NOT_STOPPED;
+  }
+  clock_ = ComPtr<IReferenceClock>(clock);
+  for (const Entry& entry : filters_) {
+    const HRESULT hr = entry.filter->SetSyncSource(clock);
+    if (FAILED(hr)) {
+      return hr;
+    }
+  }
+  return S_OK;
+}
+
+HRESULT FilterGraph::GetSyncSource(IReferenceClock** clock) {
+  if (clock == nullptr) {
+    return E_POINTER;
+  }
+  const os::MutexLock guard(lock_);
+  *clock = ComPtr<IReferenceClock>(clock_).Detach();
+  return S_OK;
 }

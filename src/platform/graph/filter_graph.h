@@ -2,9 +2,7 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <deque>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -12,6 +10,7 @@
 #include "platform/baseclasses/unknown_base.h"
 #include "platform/com/com_ptr.h"
 #include "platform/dshow/filters.h"
+#include "platform/os/mutex.h"
 
 // An event that a filter posted.
 struct GraphEvent {
@@ -23,7 +22,7 @@ struct GraphEvent {
 // Owns its filters (one reference each) and hands them the clock and the state changes: downstream
 // filters first, so that no filter receives what it is not ready for. The graph's methods belong to
 // the application's thread; events may be posted from any thread and are kept in a queue of bounded
-// length, whose oldest entry goes first. No lock is held while a filter is called, except the
+// length, whose oldest entry is dropped first. No lock is held while a filter is called, except the
 // recursive one of the application's own calls.
 class FilterGraph final : public CUnknown,
                           public IFilterGraph,
@@ -78,25 +77,25 @@ class FilterGraph final : public CUnknown,
     ComPtr<IBaseFilter> filter;
   };
 
-  Entry* FindEntry(IUnknown* filter);
+  Entry* FindEntry(IUnknown* filter) REQUIRES(lock_);
   HRESULT Add(IBaseFilter* filter, LPCWSTR name);
   bool Reaches(IBaseFilter* from, IBaseFilter* to);
   // Filters in an order in which every filter stands after all those that it delivers to.
-  std::vector<ComPtr<IBaseFilter>> DownstreamFirst();
+  std::vector<ComPtr<IBaseFilter>> DownstreamFirst() REQUIRES(lock_);
   // Changes every filter, downstream ones first, until one fails.
   template <typename Change>
-  HRESULT ForEachFilter(const Change& change);
-  HRESULT StopAll();
-  HRESULT StopAfter(HRESULT failure);
+  HRESULT ForEachFilter(const Change& change) REQUIRES(lock_);
+  HRESULT StopAll() REQUIRES(lock_);
+  HRESULT StopAfter(HRESULT failure) REQUIRES(lock_);
 
-  std::recursive_mutex lock_;
-  std::vector<Entry> filters_;          // guarded by lock_
-  FILTER_STATE state_ = State_Stopped;  // guarded by lock_
-  ComPtr<IReferenceClock> clock_;       // guarded by lock_
-  REFERENCE_TIME start_ = 0;            // guarded by lock_
-  REFERENCE_TIME pausedAt_ = 0;         // guarded by lock_
+  os::RecursiveMutex lock_;
+  std::vector<Entry> filters_ GUARDED_BY(lock_);
+  FILTER_STATE state_ GUARDED_BY(lock_) = State_Stopped;
+  ComPtr<IReferenceClock> clock_ GUARDED_BY(lock_);
+  REFERENCE_TIME start_ GUARDED_BY(lock_) = 0;
+  REFERENCE_TIME pausedAt_ GUARDED_BY(lock_) = 0;
 
-  std::mutex eventLock_;
-  std::condition_variable eventPosted_;
-  std::deque<GraphEvent> events_;  // guarded by eventLock_
+  os::Mutex eventLock_;
+  os::ConditionVariable eventPosted_;
+  std::deque<GraphEvent> events_ GUARDED_BY(eventLock_);
 };

@@ -4,8 +4,8 @@
 #include <charconv>
 #include <stdexcept>
 
-#include "platform/baseclasses/registration.h"
-#include "platform/dshow/error_text.h"
+#include "platform/baseclasses/class_factory.h"
+#include "platform/dshow/vfw_errors.h"
 #include "platform/os/registry.h"
 
 namespace {

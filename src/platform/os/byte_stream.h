@@ -1,4 +1,5 @@
-// Pipes and devices that are read byte by byte and may stay silent.
+// Pipes and devices, read and written byte by byte, whose other end may stay silent or stop
+// reading.
 #pragma once
 
 #include <chrono>
@@ -9,8 +10,8 @@
 
 namespace os {
 
-// Reads without ever waiting longer than it is told to, also before a writer has come, where a
-// plain read would hang for good. One thread at a time.
+// Reads without ever waiting longer than its limit, also before a writer has come, where a
+// plain read would hang indefinitely. One thread at a time.
 class ByteStream {
  public:
   enum class Result {
@@ -33,6 +34,34 @@ class ByteStream {
   std::uint32_t Open(const std::string& path);
   // At least one byte with kData.
   Result Read(std::span<std::uint8_t> buffer, std::chrono::milliseconds wait, std::size_t* count);
+
+ private:
+  int descriptor_ = -1;
+};
+
+// Writes without ever waiting longer than its limit, where a plain write would hang until
+// somebody reads. A reader that has gone is a result, not a signal to the process. One thread at a
+// time.
+class ByteSink {
+ public:
+  enum class Result {
+    kWritten,
+    kFull,  // nothing could be written in time
+    kGone,  // nobody reads any more
+    kFailed,
+  };
+
+  ByteSink() = default;
+  ~ByteSink();
+  ByteSink(const ByteSink&) = delete;
+  ByteSink& operator=(const ByteSink&) = delete;
+
+  // Does not wait for a reader: a pipe without one answers kErrorNotReady. Otherwise one of the
+  // system's error numbers, 0 when it is open.
+  std::uint32_t Open(const std::string& path);
+  // At least one byte with kWritten.
+  Result Write(std::span<const std::uint8_t> bytes, std::chrono::milliseconds wait,
+               std::size_t* count);
 
  private:
   int descriptor_ = -1;

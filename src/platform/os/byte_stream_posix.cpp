@@ -1,7 +1,10 @@
 #include <cerrno>
+#include <ctime>
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -44,6 +47,67 @@ ByteStream::Result ByteStream::Read(std::span<std::uint8_t> buffer, std::chrono:
     return Result::kSilence;
   }
   return got == 0 ? Result::kEnd : Result::kFailed;
+}
+
+namespace {
+
+// A write without the signal that a pipe without a reader raises: it is held back, and taken away
+// if this write raised it.
+ssize_t WriteQuietly(int descriptor, std::span<const std::uint8_t> bytes) {
+  sigset_t pipe;
+  sigemptyset(&pipe);
+  sigaddset(&pipe, SIGPIPE);
+  sigset_t pending;
+  sigpending(&pending);
+  const bool wasPending = sigismember(&pending, SIGPIPE) == 1;
+  sigset_t former;
+  pthread_sigmask(SIG_BLOCK, &pipe, &former);
+  const ssize_t put = ::write(descriptor, bytes.data(), bytes.size());
+  const int error = errno;
+  if (put < 0 && error == EPIPE && !wasPending) {
+    const timespec now{};
+    sigtimedwait(&pipe, nullptr, &now);
+  }
+  pthread_sigmask(SIG_SETMASK, &former, nullptr);
+  errno = error;
+  return put;
+}
+
+}  // namespace
+
+ByteSink::~ByteSink() {
+  if (descriptor_ >= 0) {
+    ::close(descriptor_);
+  }
+}
+
+std::uint32_t ByteSink::Open(const std::string& path) {
+  descriptor_ = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+  if (descriptor_ < 0 && errno == ENXIO) {
+    return kErrorNotReady;
+  }
+  return descriptor_ >= 0 ? 0 : SystemErrorNumber(errno);
+}
+
+ByteSink::Result ByteSink::Write(std::span<const std::uint8_t> bytes,
+                                 std::chrono::milliseconds wait, std::size_t* count) {
+  pollfd poll{descriptor_, POLLOUT, 0};
+  const int ready = ::poll(&poll, 1, static_cast<int>(wait.count()));
+  if (ready == 0 || (ready < 0 && errno == EINTR)) {
+    return Result::kFull;
+  }
+  if (ready < 0) {
+    return Result::kFailed;
+  }
+  const ssize_t put = WriteQuietly(descriptor_, bytes);
+  if (put > 0) {
+    *count = static_cast<std::size_t>(put);
+    return Result::kWritten;
+  }
+  if (put < 0 && (errno == EAGAIN || errno == EINTR)) {
+    return Result::kFull;
+  }
+  return put < 0 && errno == EPIPE ? Result::kGone : Result::kFailed;
 }
 
 }  // namespace os

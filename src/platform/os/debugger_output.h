@@ -1,10 +1,11 @@
 // The debugger output: an unbuffered channel for diagnostics, the standard error stream.
 #pragma once
 
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "platform/os/mutex.h"
 
 namespace os {
 
@@ -29,8 +30,8 @@ class DebuggerOutputCapture {
  private:
   friend void WriteDebuggerOutput(std::string_view text);
 
-  mutable std::mutex lock_;
-  std::vector<std::string> pieces_;  // guarded by lock_
+  mutable Mutex lock_;
+  std::vector<std::string> pieces_ GUARDED_BY(lock_);
 };
 
 }  // namespace os

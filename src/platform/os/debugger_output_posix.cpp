@@ -14,7 +14,7 @@ std::atomic<DebuggerOutputCapture*> currentCapture{nullptr};
 
 void WriteDebuggerOutput(std::string_view text) {
   if (DebuggerOutputCapture* const capture = currentCapture) {
-    const std::lock_guard guard(capture->lock_);
+    const os::MutexLock guard(capture->lock_);
     capture->pieces_.emplace_back(text);
     return;
   }
@@ -37,12 +37,12 @@ DebuggerOutputCapture::~DebuggerOutputCapture() {
 }
 
 std::vector<std::string> DebuggerOutputCapture::Pieces() const {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   return pieces_;
 }
 
 std::string DebuggerOutputCapture::Text() const {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   std::string text;
   for (const std::string& piece : pieces_) {
     text += piece;

@@ -1,6 +1,8 @@
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <filesystem>
+#include <string>
 #include <system_error>
 
 #include <fcntl.h>
@@ -227,6 +229,19 @@ void FileLock::Release() {
 
 bool FileLock::IsHeldAt(std::string_view path) const {
   return descriptor_ >= 0 && LeadsTo(path, descriptor_);
+}
+
+TemporaryFolder::TemporaryFolder() {
+  std::string name = (std::filesystem::temp_directory_path() / "tavrel-XXXXXX").string();
+  if (::mkdtemp(name.data()) == nullptr) {
+    throw std::system_error(errno, std::generic_category(), "cannot make a folder like " + name);
+  }
+  path_ = name;
+}
+
+TemporaryFolder::~TemporaryFolder() {
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
 }
 
 }  // namespace os

@@ -9,14 +9,15 @@ namespace os {
 // Absolute path of the library or program that holds address; empty when none does.
 std::string ModulePathOf(const void* address);
 
-// Absolute path of the running program; empty when the system cannot tell.
+// Absolute path of the running program; empty when the system does not provide it.
 std::string ProgramPath();
 
 // Keeps the library that holds address, and with it every library that it needs, loaded until the
 // process ends. For libraries that cannot stand being unloaded.
 void KeepModuleLoaded(const void* address);
 
-// A loaded library. It is unloaded when the last holder is gone; whoever uses its code keeps one.
+// A loaded library. It is unloaded when the last holder is gone; a caller that uses its code keeps
+// one.
 class Module {
  public:
   // Throws std::runtime_error that names the file and the loader's reason.

@@ -22,7 +22,6 @@ class RegistryTree {
   bool Erase(const std::string& key);
   // Names of the keys directly under key, in order, each once.
   std::vector<std::string> Subkeys(const std::string& key) const;
-  bool Has(const std::string& key) const;
 
   // The file form: "[key]" lines, then "name=value" lines in that key; backslash escapes for line
   // ends, "=" in names and the backslash itself. Throws std::runtime_error with the line number

@@ -152,10 +152,6 @@ std::vector<std::string> RegistryTree::Subkeys(const std::string& key) const {
   return names;
 }
 
-bool RegistryTree::Has(const std::string& key) const {
-  return keys_.contains(key);
-}
-
 RegistryTree RegistryTree::Parse(const std::string& text) {
   RegistryTree tree;
   std::istringstream lines(text);

@@ -2,10 +2,11 @@
 #pragma once
 
 #include <chrono>
-#include <mutex>
 #include <ostream>
 #include <streambuf>
 #include <string>
+
+#include "platform/os/mutex.h"
 
 namespace os {
 
@@ -23,10 +24,10 @@ class StandardStream final : public std::streambuf {
   // Writes nothing.
   ~StandardStream() override;
 
-  // patience: for a flush; afterFailure: for one that follows a flush that took too long.
-  void LimitWaiting(std::chrono::milliseconds patience, std::chrono::milliseconds afterFailure);
+  // timeout: for a flush; afterFailure: for one that follows a flush that took too long.
+  void LimitWaiting(std::chrono::milliseconds timeout, std::chrono::milliseconds afterFailure);
   // The same for the buffer of a stream, if it is one of these.
-  static void LimitWaiting(std::ostream& stream, std::chrono::milliseconds patience,
+  static void LimitWaiting(std::ostream& stream, std::chrono::milliseconds timeout,
                            std::chrono::milliseconds afterFailure);
 
  protected:
@@ -38,22 +39,22 @@ class StandardStream final : public std::streambuf {
   enum class Kind { kFile, kNonBlocking, kSocket, kShared };
 
   bool Put(const char* text, std::size_t count);
-  bool WriteWaiting();
+  bool WriteWaiting() REQUIRES(lock_);
   // As write(2).
-  long WriteOnce(int* error) const;
+  long WriteOnce(int* error) const REQUIRES(lock_);
   // Until the reader takes something; no time limit for a negative one. False at the limit.
   bool WaitForReader(std::chrono::milliseconds limit) const;
 
   const int given_;
   Kind kind_ = Kind::kFile;
   int descriptor_;  // given_, or one of our own of the same pipe or terminal
-  std::mutex lock_;
-  std::string waiting_;                     // guarded by lock_, as is all below
-  std::chrono::milliseconds patience_{-1};  // negative: unlimited
-  std::chrono::milliseconds afterFailure_{-1};
-  bool isStuck_ = false;   // the latest flush took too long
-  bool isInLine_ = false;  // the latest write ended within a line
-  bool isCut_ = false;     // ... whose rest was dropped
+  Mutex lock_;
+  std::string waiting_ GUARDED_BY(lock_);
+  std::chrono::milliseconds timeout_ GUARDED_BY(lock_){-1};  // negative: unlimited
+  std::chrono::milliseconds afterFailure_ GUARDED_BY(lock_){-1};
+  bool isStuck_ GUARDED_BY(lock_) = false;   // the latest flush took too long
+  bool isInLine_ GUARDED_BY(lock_) = false;  // the latest write ended within a line
+  bool isCut_ GUARDED_BY(lock_) = false;     // ... whose rest was dropped
 };
 
 // Clears and flushes a stream again and again until everything is written, for that long at most.

@@ -46,21 +46,21 @@ StandardStream::~StandardStream() {
   }
 }
 
-void StandardStream::LimitWaiting(milliseconds patience, milliseconds afterFailure) {
-  const std::lock_guard guard(lock_);
-  patience_ = patience;
+void StandardStream::LimitWaiting(milliseconds timeout, milliseconds afterFailure) {
+  const os::MutexLock guard(lock_);
+  timeout_ = timeout;
   afterFailure_ = afterFailure;
 }
 
-void StandardStream::LimitWaiting(std::ostream& stream, milliseconds patience,
+void StandardStream::LimitWaiting(std::ostream& stream, milliseconds timeout,
                                   milliseconds afterFailure) {
   if (auto* const buffer = dynamic_cast<StandardStream*>(stream.rdbuf())) {
-    buffer->LimitWaiting(patience, afterFailure);
+    buffer->LimitWaiting(timeout, afterFailure);
   }
 }
 
 int StandardStream::sync() {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   return WriteWaiting() ? 0 : -1;
 }
 
@@ -77,7 +77,7 @@ std::streamsize StandardStream::xsputn(const char* text, std::streamsize count) 
 }
 
 bool StandardStream::Put(const char* text, std::size_t count) {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   if (waiting_.size() >= kFlushAt && !WriteWaiting() && waiting_.size() >= kMaxWaiting) {
     return false;
   }
@@ -86,8 +86,8 @@ bool StandardStream::Put(const char* text, std::size_t count) {
 }
 
 bool StandardStream::WriteWaiting() {
-  const milliseconds patience = isStuck_ ? afterFailure_ : patience_;
-  const Clock::time_point end = Clock::now() + patience;
+  const milliseconds timeout = isStuck_ ? afterFailure_ : timeout_;
+  const Clock::time_point end = Clock::now() + timeout;
   isStuck_ = false;
   if (std::exchange(isCut_, isCut_ && waiting_.empty()) && !waiting_.empty()) {
     waiting_.insert(waiting_.begin(), '\n');
@@ -100,8 +100,8 @@ bool StandardStream::WriteWaiting() {
       waiting_.erase(0, static_cast<std::size_t>(put));
     } else if (error == EAGAIN || error == EWOULDBLOCK) {
       const milliseconds left =
-          patience < milliseconds(0)
-              ? patience
+          timeout < milliseconds(0)
+              ? timeout
               : std::max(milliseconds(0),
                          std::chrono::duration_cast<milliseconds>(end - Clock::now()));
       if (!WaitForReader(left)) {

@@ -1,4 +1,4 @@
-// The wall clock and the calendar.
+// The wall clock, the calendar, and millisecond counters that never go back but wrap.
 #pragma once
 
 #include <cstdint>
@@ -46,5 +46,13 @@ LocalTime ToLocalTime(std::int64_t seconds);
 
 // The first 19 characters of the local time as ctime gives it: "Mon Nov 16 09:43:14".
 std::string LocalTimeText(std::int64_t seconds);
+
+// Milliseconds since the system started, wrapping to 0 every 2^32 (49.7 days). Compare by unsigned
+// difference.
+std::uint32_t TickCount();
+
+// The multimedia timer's milliseconds: the same kind of counter, with a start of its own and steps
+// of 1 ms.
+std::uint32_t MultimediaTimerMilliseconds();
 
 }  // namespace os

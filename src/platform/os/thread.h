@@ -4,20 +4,20 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 
+#include "platform/os/mutex.h"
 #include "platform/os/waitable.h"
 
 namespace os {
 
-// Runs a body on a thread of its own, from construction on. Signalled for good once the body has
+// Runs a body on a thread of its own, from construction on. Signalled permanently once the body has
 // returned. An exception that leaves the body ends the process.
 //
 // A wait that succeeds has joined the thread: none of its code runs any more, so that a library
 // that holds the body may be unloaded. The destructor never waits for a running body: that thread
-// goes on by itself, and keeps its body alive.
+// continues by itself, and keeps its body alive.
 class Thread final : public Waitable {
  public:
   // name: for debuggers and process listings, cut to what the system allows; empty for none.
@@ -40,8 +40,8 @@ class Thread final : public Waitable {
   Signal& GetSignal() override;
 
   std::shared_ptr<State> state_;  // shared with the running thread
-  std::mutex joinLock_;
-  std::thread thread_;  // guarded by joinLock_; not joinable once joined
+  Mutex joinLock_;
+  std::thread thread_ GUARDED_BY(joinLock_);  // not joinable once joined
 };
 
 }  // namespace os

@@ -9,7 +9,7 @@ namespace os {
 namespace {
 
 // The longest name that the system takes.
-constexpr std::size_t kLongestName = 15;
+constexpr std::size_t kMaxName = 15;
 
 std::atomic<int> running{0};
 
@@ -25,7 +25,7 @@ struct Thread::State {
 Thread::Thread(std::function<void()> body, const std::string& name)
     : state_(std::make_shared<State>()) {
   state_->body = std::move(body);
-  state_->name = name.substr(0, kLongestName);
+  state_->name = name.substr(0, kMaxName);
   ++running;
   try {
     thread_ = std::thread([state = state_] { Run(state); });
@@ -43,7 +43,7 @@ void Thread::Run(const std::shared_ptr<State>& state) {
   }
   state->body();
   --running;
-  const std::lock_guard guard(state->ended.Lock());
+  const os::MutexLock guard(state->ended.Lock());
   state->ended.Set(true);
 }
 
@@ -67,7 +67,7 @@ bool Thread::TryTake() {
     return false;
   }
   // The thread has only its last steps to do.
-  const std::lock_guard guard(joinLock_);
+  const os::MutexLock guard(joinLock_);
   if (thread_.joinable()) {
     thread_.join();
   }

@@ -25,7 +25,7 @@ std::optional<std::uint64_t> VolumeTotalSpace(std::string_view root);
 // The volume that an absolute file name lies on, whether the file exists or not; nothing for a
 // relative name.
 std::optional<Volume> VolumeOfFile(std::string_view fileName);
-// In the order of mounting, each root once; empty when the system does not tell.
+// In the order of mounting, each root once; empty when the system does not provide them.
 std::vector<std::string> VolumeRoots();
 
 // The same from a mount table of the form of /proc/self/mountinfo. Left out are file systems of the

@@ -1,11 +1,12 @@
-// Waiting for kernel objects, alone or for the first of several.
+// Kernel objects and waiting for them, alone or for the first of several: Event, Semaphore. Thread
+// has a file of its own.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 #include <span>
 
-#include "platform/os/brief_mutex.h"
+#include "platform/os/mutex.h"
 
 namespace os {
 
@@ -17,9 +18,9 @@ inline constexpr std::uint32_t kWaitFailed = 0xFFFFFFFF;  // nothing that could 
 // for it, several at the same time; it must outlive every wait.
 //
 // The state that decides a wait (is there a token?) belongs to the derived class and is guarded by
-// the lock of its Signal. The system only hears of it while somebody sleeps: Signal is raised while
+// the lock of its Signal. The system is involved only while somebody sleeps: Signal is raised while
 // there is something to take and a waiter to be woken. A waiter that was woken tries to take, and
-// goes on waiting when another was faster. Setting and taking without a sleeper costs no call of
+// continues to wait when another was faster. Setting and taking without a sleeper costs no call of
 // the system.
 class Waitable {
  public:
@@ -40,9 +41,9 @@ class Waitable {
     Signal& operator=(const Signal&) = delete;
 
     // Guards the state that the signal follows, too.
-    BriefMutex& Lock() { return lock_; }
-    // Under the lock: whether there is something to take.
-    void Set(bool signalled) noexcept;
+    SpinThenBlockMutex& Lock() RETURN_CAPABILITY(lock_) { return lock_; }
+    // Whether there is something to take.
+    void Set(bool signalled) noexcept REQUIRES(lock_);
     // Without the lock; enough to say no, not enough to take.
     bool MaySucceed() const { return signalled_.load(std::memory_order_acquire); }
 
@@ -52,13 +53,13 @@ class Waitable {
     int Descriptor() const { return descriptor_; }
 
    private:
-    void Follow() noexcept;
+    void Follow() noexcept REQUIRES(lock_);
 
     const int descriptor_;
-    BriefMutex lock_;
-    std::atomic<bool> signalled_{false};  // written under lock_
-    bool raised_ = false;                 // the descriptor is readable; guarded by lock_
-    int waiters_ = 0;                     // guarded by lock_
+    SpinThenBlockMutex lock_;
+    std::atomic<bool> signalled_{false};     // written under lock_
+    bool raised_ GUARDED_BY(lock_) = false;  // the descriptor is readable
+    int waiters_ GUARDED_BY(lock_) = 0;
   };
 
   Waitable() = default;
@@ -76,5 +77,46 @@ class Waitable {
 // consumed. kWaitTimeout when none was signalled within the time, kWaitFailed for an empty list, a
 // null in it or a failure of the system.
 std::uint32_t WaitAny(std::span<Waitable* const> objects, std::uint32_t milliseconds);
+
+// Set by any thread. An automatic event lets one wait pass and is then clear again (setting it
+// twice before that still lets one pass); a manual one lets all pass until it is cleared.
+class Event final : public Waitable {
+ public:
+  enum class Reset { kAuto, kManual };
+
+  // Throws std::system_error when the system refuses it.
+  explicit Event(Reset reset, bool initiallySet = false);
+
+  void Set();
+  void Clear();
+
+ private:
+  bool TryTake() override;
+  Signal& GetSignal() override { return signal_; }
+
+  const Reset reset_;
+  Signal signal_;  // set while set_
+  bool set_ GUARDED_BY(signal_.Lock()) = false;
+};
+
+// A count between 0 and maximum; signalled while it is above 0, each wait takes one. Released by
+// any thread.
+class Semaphore final : public Waitable {
+ public:
+  // Throws std::invalid_argument unless 0 <= initial <= maximum and 0 < maximum, std::system_error
+  // when the system refuses it.
+  explicit Semaphore(std::int32_t initial, std::int32_t maximum = 0x7FFFFFFF);
+
+  // Adds count (at least 1). False, with nothing changed, when that would pass the maximum.
+  bool Release(std::int32_t count = 1);
+
+ private:
+  bool TryTake() override;
+  Signal& GetSignal() override { return signal_; }
+
+  const std::int32_t maximum_;
+  Signal signal_;  // set while count_ is above 0
+  std::int32_t count_ GUARDED_BY(signal_.Lock());
+};
 
 }  // namespace os

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <ctime>
 #include <new>
+#include <stdexcept>
 #include <system_error>
 #include <vector>
 
@@ -42,13 +43,13 @@ void Waitable::Signal::Set(bool signalled) noexcept {
 }
 
 void Waitable::Signal::BeginWait() noexcept {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   ++waiters_;
   Follow();
 }
 
 void Waitable::Signal::EndWait() noexcept {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   --waiters_;
   Follow();
 }
@@ -130,7 +131,7 @@ std::uint32_t WaitAny(std::span<Waitable* const> objects, std::uint32_t millisec
       if (ready < 0 && errno != EINTR) {
         return kWaitFailed;
       }
-      // Another waiter may have been faster: then go on with the time that is left.
+      // Another waiter may have been faster: then wait for the time that is left.
       if (const std::uint32_t taken = tryAll(); taken != kWaitTimeout || ready == 0) {
         return taken;
       }
@@ -138,6 +139,68 @@ std::uint32_t WaitAny(std::span<Waitable* const> objects, std::uint32_t millisec
   } catch (const std::bad_alloc&) {
     return kWaitFailed;
   }
+}
+
+Event::Event(Reset reset, bool initiallySet) : reset_(reset) {
+  if (initiallySet) {
+    Set();
+  }
+}
+
+void Event::Set() {
+  const os::MutexLock guard(signal_.Lock());
+  set_ = true;
+  signal_.Set(true);
+}
+
+void Event::Clear() {
+  const os::MutexLock guard(signal_.Lock());
+  set_ = false;
+  signal_.Set(false);
+}
+
+bool Event::TryTake() {
+  if (!signal_.MaySucceed()) {
+    return false;
+  }
+  const os::MutexLock guard(signal_.Lock());
+  const bool taken = set_;
+  if (taken && reset_ == Reset::kAuto) {
+    set_ = false;
+    signal_.Set(false);
+  }
+  return taken;
+}
+
+Semaphore::Semaphore(std::int32_t initial, std::int32_t maximum)
+    : maximum_(maximum), count_(initial) {
+  if (maximum < 1 || initial < 0 || initial > maximum) {
+    throw std::invalid_argument("a semaphore counts from 0 to a maximum of at least 1");
+  }
+  signal_.Set(initial > 0);
+}
+
+bool Semaphore::Release(std::int32_t count) {
+  const os::MutexLock guard(signal_.Lock());
+  if (count < 1 || count > maximum_ - count_) {
+    return false;
+  }
+  count_ += count;
+  signal_.Set(true);
+  return true;
+}
+
+bool Semaphore::TryTake() {
+  if (!signal_.MaySucceed()) {
+    return false;
+  }
+  const os::MutexLock guard(signal_.Lock());
+  if (count_ == 0) {
+    return false;
+  }
+  --count_;
+  signal_.Set(count_ > 0);
+  return true;
 }
 
 }  // namespace os

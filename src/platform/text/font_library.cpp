@@ -1,19 +1,22 @@
 #include "platform/text/font_library.h"
 
+#include <algorithm>
+#include <cstddef>
+#include <filesystem>
 #include <map>
+#include <system_error>
 #include <utility>
 
 #include <pango/pangofc-fontmap.h>
 
 #include "platform/os/module.h"
-#include "platform/text/private_font_file.h"
 
 namespace os {
 
 namespace {
 
-// A text as large as a whole picture of 3840x2160 with colour glyphs.
-constexpr std::size_t kMostBytesKept = std::size_t{3840} * 2160 * 4;
+// A text as large as a whole frame of 3840x2160 with colour glyphs.
+constexpr std::size_t kMaxBytesKept = std::size_t{3840} * 2160 * 4;
 
 const FcChar8* FcText(const std::string& text) {
   return reinterpret_cast<const FcChar8*>(text.c_str());
@@ -30,15 +33,79 @@ std::string FirstApplicationFamily(FcConfig* config) {
   return reinterpret_cast<const char*>(family);
 }
 
+// Absolute paths of the files of that bare name, in the order in which they are to be tried: in the
+// current directory, beside the library or program that holds this code, beside the running
+// program, in the installed data folder.
+std::vector<std::string> FindPrivateFontFiles(const std::string& bareName) {
+  namespace fs = std::filesystem;
+  std::error_code ignored;
+  const std::vector<fs::path> folders{
+      fs::current_path(ignored),
+      fs::path(ModulePathOf(reinterpret_cast<const void*>(&FindPrivateFontFiles))).parent_path(),
+      fs::path(ProgramPath()).parent_path(),
+      TAVREL_DATA_DIR,
+  };
+  std::vector<std::string> files;
+  for (const fs::path& folder : folders) {
+    if (!folder.is_absolute()) {
+      continue;
+    }
+    std::string file = fs::canonical(folder / bareName, ignored).string();
+    if (ignored || !fs::is_regular_file(file, ignored)) {
+      continue;
+    }
+    if (std::find(files.begin(), files.end(), file) == files.end()) {
+      files.push_back(std::move(file));
+    }
+  }
+  return files;
+}
+
 }  // namespace
 
+void DrawingSurface::Prepare(Content content, int width, int height) {
+  if (cairo_ != nullptr && content == content_ && width == width_ && height == height_) {
+    return;
+  }
+  cairo_.reset();
+  surface_.reset();
+  const cairo_format_t format =
+      content == Content::kCoverage ? CAIRO_FORMAT_A8 : CAIRO_FORMAT_ARGB32;
+  content_ = content;
+  stride_ = cairo_format_stride_for_width(format, width);
+  width_ = width;
+  height_ = height;
+  const std::size_t bytes = static_cast<std::size_t>(stride_) * static_cast<std::size_t>(height);
+  if (bytes > bytes_.size()) {
+    bytes_.resize(bytes);
+  }
+  surface_.reset(
+      cairo_image_surface_create_for_data(bytes_.data(), format, width, height, stride_));
+  cairo_.reset(cairo_create(surface_.get()));
+}
+
+PixelBounds DrawingSurface::FindInk() const {
+  PixelBounds ink = BoundsOfInk(Rows(), width_ * BytesPerPixel(), height_);
+  ink.left /= BytesPerPixel();
+  ink.right = (ink.right + BytesPerPixel() - 1) / BytesPerPixel();
+  return ink;
+}
+
+void DrawingSurface::Clear(const PixelBounds& ink) {
+  for (int y = ink.top; y < ink.bottom; ++y) {
+    const std::ptrdiff_t left = std::ptrdiff_t{ink.left} * BytesPerPixel();
+    std::fill_n(bytes_.data() + std::ptrdiff_t{y} * stride_ + left,
+                (ink.right - ink.left) * BytesPerPixel(), std::uint8_t{0});
+  }
+}
+
 std::shared_ptr<FontLibrary> FontLibrary::Get(const std::string& privateFontFile) {
-  static std::mutex registryLock;
-  // guarded by registryLock; keyed by the files that the name stands for at the time
+  static Mutex registryLock;
+  // Keyed by the files that the name stands for at the time
   static std::map<std::vector<std::string>, std::weak_ptr<FontLibrary>> registry;
 
   const std::vector<std::string> files = FindPrivateFontFiles(privateFontFile);
-  const std::lock_guard guard(registryLock);
+  const os::MutexLock guard(registryLock);
   std::weak_ptr<FontLibrary>& known = registry[files];
   std::shared_ptr<FontLibrary> library = known.lock();
   if (library == nullptr) {
@@ -104,7 +171,7 @@ std::unique_ptr<DrawingSurface> FontLibrary::Lend() {
 }
 
 void FontLibrary::TakeBack(std::unique_ptr<DrawingSurface> surface) {
-  if (surface->Bytes() <= kMostBytesKept) {
+  if (surface->Bytes() <= kMaxBytesKept) {
     surfaces_.push_back(std::move(surface));
   }
 }

@@ -1,15 +1,50 @@
-// FontLibrary: the fonts that text is painted with.
+// FontLibrary: what painters share, the fonts and the surfaces that text is drawn into.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
-#include "platform/text/drawing_surface.h"
+#include "platform/os/mutex.h"
+#include "platform/text/composite.h"
 #include "platform/text/handles.h"
 
 namespace os {
+
+// Always all zero but for the ink of the text in it. Belongs to a font library, is lent to one text
+// at a time; made ready, drawn into and destroyed with the library's lock held, because cairo finds
+// the glyphs in its caches. The rest is done by the owner of the text, without a lock.
+class DrawingSurface {
+ public:
+  enum class Content {
+    kCoverage,  // one byte a pixel
+    kColour,    // native 32-bit pixels A, R, G, B, colours multiplied by alpha
+  };
+
+  // Allocates only for a larger text than ever before.
+  void Prepare(Content content, int width, int height);
+  cairo_t* Cairo() const { return cairo_.get(); }
+
+  PixelRows<const std::uint8_t> Rows() const { return {bytes_.data(), stride_}; }
+  PixelBounds FindInk() const;
+  // Makes it all zero again.
+  void Clear(const PixelBounds& ink);
+
+  std::size_t Bytes() const { return bytes_.size(); }
+
+ private:
+  int BytesPerPixel() const { return content_ == Content::kCoverage ? 1 : 4; }
+
+  std::vector<std::uint8_t> bytes_;
+  SurfaceHandle surface_;  // refers to bytes_
+  CairoHandle cairo_;      // refers to surface_
+  Content content_ = Content::kCoverage;
+  int stride_ = 0;
+  int width_ = 0;
+  int height_ = 0;
+};
 
 // The installed fonts and one private font file, with the font map that finds, loads and keeps
 // them. The private font is known to this library's own configuration only: neither the process's
@@ -31,28 +66,26 @@ class FontLibrary {
   FontLibrary(const FontLibrary&) = delete;
   FontLibrary& operator=(const FontLibrary&) = delete;
 
-  std::mutex& lock() { return lock_; }
-
-  // The rest is called with lock() held.
+  Mutex& lock() RETURN_CAPABILITY(lock_) { return lock_; }
 
   // Whether that very family is among the installed fonts. Letter case is no difference.
-  bool HasInstalledFamily(const std::string& family) const;
+  bool HasInstalledFamily(const std::string& family) const REQUIRES(lock_);
   // First family of the private font file; empty when there is no usable one.
   const std::string& PrivateFamily() const { return privateFamily_; }
-  PangoFontMap* Map() const { return map_.get(); }
+  PangoFontMap* Map() const REQUIRES(lock_) { return map_.get(); }
 
   // A surface to draw a text into, and its return, all zero. As many are kept as were ever lent at
   // the same time, and no large one.
-  std::unique_ptr<DrawingSurface> Lend();
-  void TakeBack(std::unique_ptr<DrawingSurface> surface);
+  std::unique_ptr<DrawingSurface> Lend() REQUIRES(lock_);
+  void TakeBack(std::unique_ptr<DrawingSurface> surface) REQUIRES(lock_);
 
  private:
-  std::mutex lock_;
-  FcConfigHandle config_;      // guarded by lock_
-  FontMapHandle map_;          // guarded by lock_
+  Mutex lock_;
+  FcConfigHandle config_ GUARDED_BY(lock_);
+  FontMapHandle map_ GUARDED_BY(lock_);
   std::string privateFamily_;  // set once
   // The last one returned is lent first: its memory is the most likely to be in the cache.
-  std::vector<std::unique_ptr<DrawingSurface>> surfaces_;  // guarded by lock_
+  std::vector<std::unique_ptr<DrawingSurface>> surfaces_ GUARDED_BY(lock_);
 };
 
 }  // namespace os

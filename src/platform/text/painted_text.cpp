@@ -3,7 +3,6 @@
 #include <utility>
 
 #include "platform/text/composite.h"
-#include "platform/text/drawing_surface.h"
 #include "platform/text/font_library.h"
 
 namespace os {
@@ -14,7 +13,7 @@ PaintedText::PaintedText(PaintedText&& other) noexcept = default;
 PaintedText::~PaintedText() {
   if (surface_ != nullptr) {
     surface_->Clear(ink_);
-    const std::lock_guard guard(library_->lock());
+    const os::MutexLock guard(library_->lock());
     library_->TakeBack(std::move(surface_));
   }
 }

@@ -29,8 +29,8 @@ using BgraPixel = std::array<std::uint8_t, 4>;
 // colour.
 using CoverageTable = std::array<BgraPixel, 256>;
 
-// A text is drawn as coverage alone, one byte a pixel, unless it has colour glyphs. Whoever can use
-// the coverage as it is spares himself the pixels; WriteArgb makes them.
+// A text is drawn as coverage alone, one byte a pixel, unless it has colour glyphs. A caller that
+// can use the coverage as it is needs no pixels; WriteArgb makes them.
 //
 // Holds memory that the painters share: it is lent to the text until it is gone, so that painters
 // that work one after the other all draw in the same few pages, which stay in the cache. Valid

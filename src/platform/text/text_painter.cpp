@@ -2,11 +2,10 @@
 
 #include <algorithm>
 
+#include "platform/os/utf8.h"
 #include "platform/text/composite.h"
-#include "platform/text/drawing_surface.h"
 #include "platform/text/font_library.h"
 #include "platform/text/handles.h"
-#include "platform/text/utf8.h"
 
 namespace os {
 
@@ -16,12 +15,37 @@ constexpr double kDotsPerInch = 96.0;
 // More than any rectangle shows; bounds the time that one hostile text can take.
 constexpr std::size_t kMaxUnits = 4096;
 
+constexpr std::uint32_t kReplacement = 0xFFFD;
+
+bool IsHighSurrogate(char16_t unit) {
+  return (unit & 0xFC00) == 0xD800;
+}
+
+bool IsLowSurrogate(char16_t unit) {
+  return (unit & 0xFC00) == 0xDC00;
+}
+
+// Replaces the content of utf8. An unpaired surrogate and a NUL, which would end the text there,
+// become U+FFFD.
+void ToUtf8(std::u16string_view text, std::string& utf8) {
+  utf8.clear();
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    std::uint32_t c = text[i];
+    if (IsHighSurrogate(text[i]) && i + 1 < text.size() && IsLowSurrogate(text[i + 1])) {
+      c = 0x10000 + ((c & 0x3FF) << 10) + (text[i + 1] & 0x3FFU);
+      ++i;
+    } else if (c == 0 || IsHighSurrogate(text[i]) || IsLowSurrogate(text[i])) {
+      c = kReplacement;
+    }
+    AppendUtf8(c, utf8);
+  }
+}
+
 std::u16string_view Visible(std::u16string_view text) {
   if (text.size() <= kMaxUnits) {
     return text;
   }
-  const bool splitsPair = (text[kMaxUnits - 1] & 0xFC00) == 0xD800;
-  return text.substr(0, splitsPair ? kMaxUnits - 1 : kMaxUnits);
+  return text.substr(0, IsHighSurrogate(text[kMaxUnits - 1]) ? kMaxUnits - 1 : kMaxUnits);
 }
 
 ContextHandle MakeContext(PangoFontMap* map) {
@@ -102,7 +126,7 @@ struct TextPainter::State {
 
 TextPainter::TextPainter(const std::string& privateFontFile) : state_(std::make_unique<State>()) {
   state_->library = FontLibrary::Get(privateFontFile);
-  const std::lock_guard guard(state_->library->lock());
+  const os::MutexLock guard(state_->library->lock());
   if (PangoFontMap* const map = state_->library->Map()) {
     state_->context = MakeContext(map);
     state_->layout.reset(pango_layout_new(state_->context.get()));
@@ -111,7 +135,7 @@ TextPainter::TextPainter(const std::string& privateFontFile) : state_(std::make_
 }
 
 TextPainter::~TextPainter() {
-  const std::lock_guard guard(state_->library->lock());
+  const os::MutexLock guard(state_->library->lock());
   state_->font.reset();
   state_->layout.reset();
   state_->context.reset();
@@ -120,7 +144,7 @@ TextPainter::~TextPainter() {
 bool TextPainter::SetFont(std::u16string_view family, int points) {
   std::string name;
   ToUtf8(family, name);
-  const std::lock_guard guard(state_->library->lock());
+  const os::MutexLock guard(state_->library->lock());
   if (state_->layout == nullptr) {
     return false;
   }
@@ -160,7 +184,7 @@ PaintedText TextPainter::Paint(const TextPainting& painting) {
   }
   ToUtf8(Visible(painting.text), state.utf8);
   {
-    const std::lock_guard guard(state.library->lock());
+    const os::MutexLock guard(state.library->lock());
     if (state.font == nullptr) {
       return painted;
     }
@@ -189,7 +213,7 @@ PaintedText TextPainter::Paint(const TextPainting& painting) {
 }
 
 int TextPainter::CountMissingGlyphs() const {
-  const std::lock_guard guard(state_->library->lock());
+  const os::MutexLock guard(state_->library->lock());
   return state_->font == nullptr ? 0 : pango_layout_get_unknown_glyphs_count(state_->layout.get());
 }
 
@@ -239,7 +263,7 @@ int TextPainter::State::BaselineShift(PangoLayoutIter* firstLine, int height) co
 }
 
 // Line by line: the layout's own alignment would change sides with the direction of the script and
-// has no meaning without wrapping. The layout is not told of the scale: it is laid out as for
+// has no meaning without wrapping. The layout does not know the scale: it is laid out as for
 // square pixels and every glyph is drawn narrower or flatter at its scaled place.
 void TextPainter::State::Draw(cairo_t* cairo, const TextPainting& painting) const {
   cairo_identity_matrix(cairo);

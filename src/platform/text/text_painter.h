@@ -36,11 +36,11 @@ struct TextPainting {
 // its font lacks, colour emoji included; glyphs are antialiased in grey. A point is 1/72 inch, at
 // 96 dots per inch: 4/3 pixels.
 //
-// Owned by whoever needs the text; used by one thread at a time, but made, used and destroyed on
-// any. Painters share the fonts and the glyphs already drawn of a process-wide font library that
-// has a lock of its own, so that any number of painters may work at the same time.
+// Owned by the caller that needs the text; used by one thread at a time, but made, used and
+// destroyed on any. Painters share the fonts and the glyphs already drawn of a process-wide font
+// library that has a lock of its own, so that any number of painters may work at the same time.
 //
-// Nothing fails but for lack of memory: what cannot be painted leaves the picture clear.
+// Nothing fails but for lack of memory: what cannot be painted leaves the text clear.
 //
 // The text libraries behind it cannot be unloaded and loaded again in one process: they are kept
 // loaded from the first use on, even when the library that holds this code is unloaded.

@@ -4,7 +4,7 @@
 
 #include "platform/baseclasses/base_reference_clock.h"
 #include "platform/com/com_ptr.h"
-#include "platform/os/semaphore.h"
+#include "platform/os/waitable.h"
 
 namespace {
 

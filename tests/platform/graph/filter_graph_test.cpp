@@ -48,21 +48,6 @@ TEST_F(FilterGraphTest, ConnectsRunsAndStopsItsFilters) {
   EXPECT_EQ(sink_->Count(), 1U);
 }
 
-TEST_F(FilterGraphTest, AFilterThatWillNotStartLeavesTheGraphStopped) {
-  // Nobody agreed on an allocator: the source cannot become active.
-  ASSERT_EQ(graph_->ConnectDirect(&source_->pin, &sink_->pin, nullptr), S_OK);
-  source_->pin.HeldAllocator()->Decommit();
-  ALLOCATOR_PROPERTIES none{0, 0, 1, 0};
-  ALLOCATOR_PROPERTIES actual{};
-  ASSERT_EQ(source_->pin.HeldAllocator()->SetProperties(&none, &actual), S_OK);
-  EXPECT_EQ(graph_->Run(0), VFW_E_SIZENOTSET);
-  FILTER_STATE state{};
-  sink_->GetState(0, &state);
-  EXPECT_EQ(state, State_Stopped);
-  graph_->GetState(0, &state);
-  EXPECT_EQ(state, State_Stopped);
-}
-
 TEST_F(FilterGraphTest, AFilterThatWillNotPauseStopsTheWholeGraph) {
   class Stubborn final : public CBaseFilter {
    public:

@@ -1,25 +1,19 @@
 #include <array>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
 #include <string>
-#include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <pty.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include "platform/os/console.h"
 #include "platform/os/datagram.h"
-#include "platform/os/process_statistics.h"
-#include "platform/os/system_time.h"
-#include "platform/os/ticks.h"
+#include "platform/os/process.h"
 #include "platform/os/volumes.h"
 #include "tests/support/datagram_receiver.h"
 
@@ -65,7 +59,7 @@ class Line {
   int write_;
 };
 
-TEST(Console, ColoursLinesOnATerminalOnly) {
+TEST(Console, ColoursLinesOnATerminalUnlessNoColorIsSet) {
   ::unsetenv("NO_COLOR");
   const Line terminal(true);
   {
@@ -81,26 +75,10 @@ TEST(Console, ColoursLinesOnATerminalOnly) {
   const Line pipe(false);
   os::Console(pipe.WriteEnd()).WriteLine(12, "bad");
   pipe.Expect("bad\n");
-}
-
-TEST(Console, HonoursNoColor) {
   ::setenv("NO_COLOR", "1", 1);
-  const Line terminal(true);
   os::Console(terminal.WriteEnd()).WriteLine(12, "bad");
   ::unsetenv("NO_COLOR");
   terminal.Expect("bad\r\n");
-}
-
-TEST(DatagramSocket, SendsEachTextAsOneDatagram) {
-  DatagramReceiver receiver;
-  os::DatagramSocket socket("127.0.0.1", receiver.Port());
-  EXPECT_TRUE(socket.Send(std::string_view("one\0", 4)));
-  EXPECT_TRUE(socket.Send("two"));
-  EXPECT_EQ(receiver.Receive(), std::string("one\0", 4));
-  EXPECT_EQ(receiver.Receive(), "two");
-  const os::DatagramSocket moved = std::move(socket);
-  EXPECT_TRUE(moved.Send("three"));
-  EXPECT_EQ(receiver.Receive(), "three");
 }
 
 TEST(DatagramSocket, SendsOnAfterADestinationThatDidNotListen) {
@@ -114,36 +92,6 @@ TEST(DatagramSocket, SendsOnAfterADestinationThatDidNotListen) {
   EXPECT_TRUE(socket.Send("also lost"));
   EXPECT_FALSE(os::DatagramSocket().Send("nowhere"));
   EXPECT_FALSE(os::DatagramSocket().IsValid());
-}
-
-TEST(DatagramSocket, NamesTheHostThatItCannotFind) {
-  try {
-    const os::DatagramSocket socket("no host.invalid", 514);
-    ADD_FAILURE() << "found a host that cannot be";
-  } catch (const std::runtime_error& failure) {
-    EXPECT_THAT(failure.what(),
-                testing::StartsWith("cannot send datagrams to no host.invalid port 514: "));
-  }
-}
-
-TEST(Ticks, GoOnWithTheTime) {
-  for (const auto ticks : {&os::TickCount, &os::MultimediaTimerMilliseconds}) {
-    const std::uint32_t start = ticks();
-    const auto begin = std::chrono::steady_clock::now();
-    while (ticks() - start < 3) {
-      std::this_thread::yield();
-    }
-    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(2));
-  }
-}
-
-TEST(LocalTime, IsWrittenAsCtimeDoes) {
-  ::setenv("TZ", "UTC", 1);
-  ::tzset();
-  EXPECT_EQ(os::LocalTimeText(1763286194), "Sun Nov 16 09:43:14");
-  EXPECT_EQ(os::LocalTimeText(0), "Thu Jan  1 00:00:00");
-  EXPECT_EQ(os::LocalTimeText(INT64_MAX).size(), 19U) << "a time beyond the calendar";
-  EXPECT_EQ(os::ToLocalTime(1763286194).month, 11);
 }
 
 // The process really uses what it is made to use.

@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/os/event.h"
+#include "platform/os/waitable.h"
 
 namespace {
 
@@ -18,7 +18,7 @@ using Reset = os::Event::Reset;
 
 constexpr std::uint32_t kLimit = 30000;  // ms
 
-// Tells when it is destroyed.
+// Calls when it is destroyed.
 class Marker {
  public:
   explicit Marker(std::function<void()> atEnd) : atEnd_(std::move(atEnd)) {}
@@ -28,7 +28,7 @@ class Marker {
   std::function<void()> atEnd_;
 };
 
-TEST(Thread, IsSignalledForGoodWhenItsBodyHasEnded) {
+TEST(Thread, IsSignalledPermanentlyWhenItsBodyHasEnded) {
   Event go(Reset::kAuto);
   Thread thread([&] { go.Wait(os::kInfinite); }, "a name that is longer than the system takes");
   EXPECT_NE(thread.Id(), 0U);
@@ -71,7 +71,7 @@ TEST(Thread, CanBeWaitedForBySeveral) {
   EXPECT_EQ(seen, 3);
 }
 
-TEST(Thread, GoesOnByItselfWhenDestroyedWhileRunning) {
+TEST(Thread, ContinuesByItselfWhenDestroyedWhileRunning) {
   Event go(Reset::kAuto);
   Event gone(Reset::kAuto);
   auto alive = std::make_shared<Marker>([&] { gone.Set(); });

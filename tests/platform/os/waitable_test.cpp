@@ -2,16 +2,12 @@
 
 #include <array>
 #include <atomic>
-#include <chrono>
 #include <memory>
 #include <stdexcept>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
-
-#include "platform/os/event.h"
-#include "platform/os/semaphore.h"
 
 namespace {
 
@@ -90,13 +86,6 @@ TEST(WaitAny, TakesAnyNumberOfObjects) {
   setter.join();
 }
 
-TEST(WaitAny, WaitsAtLeastItsTime) {
-  Event event(Reset::kAuto);
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_FALSE(event.Wait(20));
-  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(20));
-}
-
 // Every token wakes exactly one of several waiters, whatever else they wait for.
 TEST(WaitAny, GivesEachTokenToExactlyOneWaiter) {
   constexpr int kTokens = 2000;
@@ -142,7 +131,7 @@ TEST(WaitAny, GivesEachTokenToExactlyOneWaiter) {
 }
 
 // Two wait for one token: the one that misses it is not let through.
-TEST(WaitAny, GoesOnWaitingWhenAnotherWasFaster) {
+TEST(WaitAny, ContinuesToWaitWhenAnotherWasFaster) {
   for (int round = 0; round < 200; ++round) {
     Event token(Reset::kAuto);
     Event end(Reset::kManual);

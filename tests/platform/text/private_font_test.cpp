@@ -62,16 +62,6 @@ class PrivateFontTest : public testing::Test {
   fs::path folder_;
 };
 
-TEST_F(PrivateFontTest, AnInstalledFamilyIsTakenAsItIs) {
-  TextPainter painter("Lucon.ttf");
-  EXPECT_EQ(painter.FontFamily(), "");
-  EXPECT_TRUE(painter.SetFont(u"Noto Sans", 16));
-  EXPECT_EQ(painter.FontFamily(), "Noto Sans");
-  const Picture exact = PaintLine(painter, u"Exactly");
-  EXPECT_TRUE(painter.SetFont(u"noto sans", 16));
-  EXPECT_EQ(PaintLine(painter, u"Exactly"), exact);
-}
-
 TEST_F(PrivateFontTest, AnAliasOrANearMatchIsNotInstalled) {
   TextPainter painter("Lucon.ttf");
   for (const std::u16string_view family :

@@ -27,43 +27,8 @@ class TextPainterTest : public testing::Test {
     return two.right - one.right;
   }
 
-  static int Width(const Picture& picture) {
-    return picture.Bounds().right - picture.Bounds().left;
-  }
-  // The ink of some columns.
-  static Picture Columns(const Picture& picture, int left, int right) {
-    const Picture columns = picture.Crop({left, 0, right, picture.height});
-    return columns.Crop(columns.Bounds());
-  }
-
   TextPainter painter;
 };
-
-TEST_F(TextPainterTest, EveryScriptHasItsGlyphs) {
-  struct Script {
-    const char* name;
-    std::u16string_view text;
-  };
-  for (const Script& script : {
-           Script{"Latin", u"Télé Zürich Ångström Łódź"},
-           Script{"Greek", u"Ελληνική Ραδιοφωνία"},
-           Script{"Cyrillic", u"Новости Україна"},
-           Script{"Arabic", u"قناة الأخبار"},
-           Script{"Hebrew", u"ערוץ החדשות"},
-           Script{"Hindi", u"समाचार चैनल"},
-           Script{"Chinese", u"中央电视台"},
-           Script{"Japanese", u"ニュース日本"},
-           Script{"emoji", u"📺🔴"},
-           Script{"all at once", u"é Ω Ж ق ש ह 中 ニ 📺"},
-       }) {
-    SCOPED_TRACE(script.name);
-    const Picture picture = PaintLine(painter, script.text);
-    EXPECT_FALSE(picture.Bounds().Empty());
-    EXPECT_EQ(painter.CountMissingGlyphs(), 0);
-  }
-  PaintLine(painter, u"\U0010FFFD");  // a private use character
-  EXPECT_EQ(painter.CountMissingGlyphs(), 1);
-}
 
 TEST_F(TextPainterTest, APointIsFourThirdsOfAPixel) {
   // The font's characters are 1233/2048 of its size wide.
@@ -100,22 +65,6 @@ TEST_F(TextPainterTest, TextKeepsItsExactColourAtEveryOpacity) {
     most = std::max(most, pixel >> 24);
   }
   EXPECT_EQ(most, 0x40U);
-}
-
-TEST_F(TextPainterTest, AHalfTransparentClearColourIsUnderTheText) {
-  TextPainting painting;
-  painting.text = u"Under";
-  painting.width = 100;
-  painting.height = 40;
-  painting.clearColour = 0x80000000;
-  const Picture picture = Paint(painter, painting);
-  EXPECT_EQ(picture.At(99, 39), 0x80000000U);
-  std::uint32_t brightest = 0;
-  for (const std::uint32_t pixel : picture.pixels) {
-    ASSERT_GE(pixel >> 24, 0x80U);
-    brightest = std::max(brightest, pixel & 0xFFFFFF);
-  }
-  EXPECT_EQ(brightest, 0xFFFFFFU);
 }
 
 TEST_F(TextPainterTest, EmojiHaveColoursAndTheOpacityOfTheText) {
@@ -205,22 +154,6 @@ TEST_F(TextPainterTest, ATextWithoutEndShowsItsStart) {
   const Picture picture = Paint(painter, painting);
   painting.text = std::u16string_view(endless).substr(0, 1000);
   EXPECT_EQ(picture, Paint(painter, painting));
-}
-
-TEST_F(TextPainterTest, RightToLeftScriptsRunFromTheRight) {
-  // The first character of the text is the rightmost one.
-  const Picture both = PaintLine(painter, u"אב");
-  const Picture first = PaintLine(painter, u"א");
-  EXPECT_EQ(Columns(both, both.Bounds().right - Width(first), both.Bounds().right),
-            first.Crop(first.Bounds()));
-  // Arabic letters join: two of them are narrower together than apart, and not mirrored.
-  const PixelBounds joined = PaintLine(painter, u"بب").Bounds();
-  EXPECT_NE(PaintLine(painter, u"با").Crop(joined), PaintLine(painter, u"اب").Crop(joined));
-  // Digits keep their own order within a line that runs from the right, and end up on its left.
-  const Picture mixed = PaintLine(painter, u"א 12");
-  const Picture digits = PaintLine(painter, u"12");
-  EXPECT_EQ(Columns(mixed, mixed.Bounds().left, mixed.Bounds().left + Width(digits)),
-            digits.Crop(digits.Bounds()));
 }
 
 TEST_F(TextPainterTest, TextsOfEveryScriptStandOnTheBaselineOfTheFont) {

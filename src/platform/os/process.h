@@ -1,11 +1,11 @@
-// What the process and the machine use.
+// The process: what it and its machine use, and how its heap keeps what was freed.
 #pragma once
 
 #include <cstdint>
 
 namespace os {
 
-// Times in 100 ns units, memory in bytes. What the system does not tell is 0.
+// Times in 100 ns units, memory in bytes. What the system does not provide is 0.
 struct SystemStatistics {
   std::uint64_t processKernelTime = 0;  // of all threads, since the process started
   std::uint64_t processUserTime = 0;
@@ -20,5 +20,12 @@ struct SystemStatistics {
 };
 
 SystemStatistics ReadSystemStatistics();
+
+// For a program that runs for months while decoders of all sizes come and go: large blocks live
+// outside the heap and go back to the system when they are freed. Otherwise the C library raises
+// the size from which it does so with every large block that is freed, frames end up between
+// small things that stay, and the process grows for hours. Once, before the first thread; blocks of
+// 256 KB and more then cost a call of the system each, so what needs many of them pools them.
+void KeepLargeBlocksOutOfHeap();
 
 }  // namespace os

@@ -7,11 +7,12 @@
 #include <string_view>
 #include <system_error>
 
+#include <malloc.h>
 #include <sys/resource.h>
 #include <sys/time.h>
 #include <unistd.h>
 
-#include "platform/os/process_statistics.h"
+#include "platform/os/process.h"
 
 namespace os {
 namespace {
@@ -94,6 +95,13 @@ SystemStatistics ReadSystemStatistics() {
   ReadProcess(statistics);
   ReadMachine(statistics);
   return statistics;
+}
+
+void KeepLargeBlocksOutOfHeap() {
+  constexpr int kLargeBlock = 256 * 1024;
+  // To set it is to keep it: it no longer follows the blocks that are freed.
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): there is one thread yet
+  mallopt(M_MMAP_THRESHOLD, kLargeBlock);
 }
 
 }  // namespace os

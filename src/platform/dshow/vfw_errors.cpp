@@ -1,11 +1,10 @@
-#include "platform/dshow/error_text.h"
+#include "platform/dshow/vfw_errors.h"
 
 #include <algorithm>
 #include <array>
 #include <string_view>
 
-#include "platform/com/hresult.h"
-#include "platform/dshow/vfw_errors.h"
+#include "platform/com/types.h"
 
 namespace {
 

@@ -1,4 +1,5 @@
-// Telling the service manager how the program is.
+// The program as a service: it is asked to end by signals and reports its state to the service
+// manager.
 #pragma once
 
 #include <chrono>
@@ -7,6 +8,21 @@
 #include <string_view>
 
 namespace os {
+
+// While one exists, the first SIGINT or SIGTERM asks for an end and the second one ends the program
+// at once. One at a time; the application's thread.
+class StopSignals {
+ public:
+  StopSignals();
+  ~StopSignals();
+  StopSignals(const StopSignals&) = delete;
+  StopSignals& operator=(const StopSignals&) = delete;
+
+  // Somebody has asked for the end.
+  bool Requested() const;
+  // Waits for that, no longer than the limit.
+  bool WaitFor(std::chrono::milliseconds limit) const;
+};
 
 // The manager that started the program as a service names a local socket and, when it is to watch
 // the program, a period. Without a manager everything is a no-op. One thread.
@@ -22,7 +38,7 @@ class ServiceNotifier {
   ServiceNotifier& operator=(const ServiceNotifier&) = delete;
 
   bool active() const { return descriptor_ >= 0; }
-  // The manager kills a program that has said nothing for so long.
+  // The manager kills a program that has been silent for that long.
   std::optional<std::chrono::microseconds> watchdog() const { return watchdog_; }
 
   // Each false when it did not reach the manager.

@@ -1,0 +1,73 @@
+// The sinks that keep nothing: console, output stream and syslog server. The log file:
+// logfile_sink.h.
+#pragma once
+
+#include <cstdint>
+#include <iosfwd>
+#include <ostream>
+#include <string>
+
+#include "log/i_log_sink.h"
+#include "platform/os/console.h"
+#include "platform/os/datagram.h"
+#include "platform/os/mutex.h"
+
+namespace qorp::log {
+
+// Lines "Mon Nov 16 09:43:14.123 text" in the colour of their level: 0 bright red, 1 bright yellow,
+// 2 light grey, 3 bright green. Without colour where the console has none.
+class console_sink final : public ILogSink {
+ public:
+  // Messages of a greater level are left out. Writes to the standard error stream.
+  explicit console_sink(std::int32_t maxLevel) : maxLevel_(maxLevel) {}
+  // Writes to another open descriptor, not owned.
+  console_sink(std::int32_t maxLevel, int descriptor) : maxLevel_(maxLevel), console_(descriptor) {}
+
+  // Writes to a stream, not owned, in colour or not.
+  console_sink(std::int32_t maxLevel, std::ostream& stream, bool colour)
+      : maxLevel_(maxLevel), console_(stream, colour) {}
+
+  void SetMaxLevel(std::int32_t maxLevel);
+  void Write(std::int32_t level, const LogTime& time, const char* text) override;
+
+ private:
+  os::Mutex lock_;
+  std::int32_t maxLevel_ GUARDED_BY(lock_);
+  os::Console console_ GUARDED_BY(lock_);
+};
+
+// Lines "[Level 1] Mon Nov 16 09:43:14.123 text" of every level, each flushed. The stream belongs
+// to somebody else and outlives the sink; the sink has no lock.
+class ostream_sink final : public ILogSink {
+ public:
+  explicit ostream_sink(std::ostream& stream) : stream_(stream) {}
+
+  void Write(std::int32_t level, const LogTime& time, const char* text) override;
+
+ private:
+  std::ostream& stream_;
+};
+
+// One datagram for each message, of every level:
+//
+//   <132>Nov 16 09:43:14 encoder01 0042 text NUL
+//
+// 132 is 128 (facility local 0) and the severity: 3, 4, 6, 7 for levels 0 to 3. The time is the
+// local one, its day filled with a blank. The number counts from 0000 to 9999 and starts again.
+// What is longer than 1024 characters, without the NUL, is cut. Whether a datagram arrives is not
+// known.
+class syslog_sink final : public ILogSink {
+ public:
+  // An invalid socket sends nothing.
+  syslog_sink(os::DatagramSocket socket, std::string hostName);
+
+  void Write(std::int32_t level, const LogTime& time, const char* text) override;
+
+ private:
+  os::Mutex lock_;
+  const os::DatagramSocket socket_;
+  const std::string hostName_;
+  int sequenceNumber_ GUARDED_BY(lock_) = 0;
+};
+
+}  // namespace qorp::log
