@@ -1,6 +1,5 @@
 // What an output and an encoder do when they fail.
 #include <csignal>
-#include <mutex>
 #include <thread>
 
 #include <gmock/gmock.h>
@@ -10,6 +9,7 @@
 #include "host/output/output.h"
 #include "host/output/picture_encoder.h"
 #include "tests/host/clips.h"
+#include "tests/host/observers.h"
 #include "tests/host/output/pass_fixture.h"
 #include "tests/support/foreign_sample.h"
 
@@ -37,34 +37,6 @@ class FileSizeLimit {
  private:
   void (*handler_)(int);
   rlimit former_{};
-};
-
-class Observer final : public OutputObserver {
- public:
-  void OutputFailed(const std::string&, const std::string& reason,
-                    std::optional<milliseconds>) override {
-    const std::lock_guard guard(lock_);
-    failures_.push_back(reason);
-  }
-  void OutputOpened(const std::string&, const std::string&, Opening opening) override {
-    const std::lock_guard guard(lock_);
-    openings_.push_back(opening);
-  }
-  void OutputSaid(const std::string&, const std::string&) override {}
-
-  std::vector<std::string> failures() const {
-    const std::lock_guard guard(lock_);
-    return failures_;
-  }
-  std::vector<Opening> openings() const {
-    const std::lock_guard guard(lock_);
-    return openings_;
-  }
-
- private:
-  mutable std::mutex lock_;
-  std::vector<std::string> failures_;  // guarded by lock_
-  std::vector<Opening> openings_;      // guarded by lock_
 };
 
 class OutputFailureTest : public PassTest {
@@ -96,7 +68,7 @@ class OutputFailureTest : public PassTest {
         std::distance(std::filesystem::directory_iterator(folder_.Path()), {}));
   }
 
-  Observer observer_;
+  OutputLog observer_;
   int frames_ = 0;
 };
 
@@ -110,7 +82,7 @@ TEST_F(OutputFailureTest, AFullDiskLeavesNoStubsAndIsReportedOnce) {
   }
   const std::size_t before = observer_.openings().size();
   FeedUntil(output, "it is open again", [&] { return observer_.openings().size() > before; });
-  EXPECT_EQ(observer_.openings().back(), OutputObserver::Opening::kAgain);
+  EXPECT_EQ(observer_.openings().back().substr(0, 7), "again: ");
   output.Finish(std::chrono::seconds(20));
   MediaReader reader(Source(output.file()));
   reader.Open();
