@@ -7,12 +7,15 @@
 
 #include "host/cli/wall_command.h"
 #include "host/synthetic/clip_writer.h"
+#include "log/logfile_sink.h"
 #include "tests/e2e/wall_harness.h"
+#include "tests/support/child_process.h"
 
 namespace {
 
 using host::kSecond;
 using host::cli::ExitCode;
+using testing::EndsWith;
 using testing::HasSubstr;
 
 class CommandTest : public e2e::WallTest {
@@ -70,6 +73,29 @@ TEST_F(CommandTest, TheStandardOutputHoldsJsonLinesOnlyWhereTheyAreAskedFor) {
   EXPECT_EQ(events.front(), "rendered");
   EXPECT_THAT(events, testing::Contains("end"));
   EXPECT_THAT(err_.str(), HasSubstr("wall.png")) << "what a person reads";
+}
+
+TEST_F(CommandTest, ALogIsFollowedThroughItsWrapsAndIntoItsNextFileUntilASignal) {
+  const std::string path = folder_ / "log";
+  constexpr qorp::log::LogTime kTime{1763286194, 123};
+  qorp::log::logfile_sink sink({3, 300, 0});
+  sink.SetPath(path);
+  sink.Write(1, kTime, "first");
+  ChildProcess program({TAVREL_PROGRAM, "log", "--follow", path});
+  const auto next = [&] { return program.ReadLine().value_or("it has ended"); };
+  EXPECT_THAT(next(), EndsWith(" first"));
+  for (int i = 0; i < 8; ++i) {
+    const std::string line = "line " + std::to_string(i);
+    sink.Write(1, kTime, line.c_str());
+    EXPECT_THAT(next(), EndsWith(" " + line));
+  }
+  std::filesystem::remove(path);
+  qorp::log::logfile_sink other({3, 300, 0});
+  other.SetPath(path);
+  other.Write(1, kTime, "another file");
+  EXPECT_THAT(next(), EndsWith(" another file"));
+  program.Signal(SIGTERM);
+  EXPECT_EQ(program.Wait(), 0);
 }
 
 }  // namespace

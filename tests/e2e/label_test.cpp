@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <condition_variable>
 #include <fstream>
 #include <mutex>
 
@@ -7,6 +6,7 @@
 
 #include "host/synthetic/clip_writer.h"
 #include "tests/e2e/wall_harness.h"
+#include "tests/support/wait_until.h"
 
 namespace {
 
@@ -78,7 +78,6 @@ TEST_F(LabelTest, FollowsAFileThatChangesWhileTheWallRuns) {
   const std::filesystem::path file = folder_ / "label.txt";
   std::ofstream(file) << "Morgen";
   std::mutex lock;
-  std::condition_variable arrived;
   Rows shown;
   TestWall wall(kWidth, kHeight);
   AddChannel(wall, {Source::kFile, "the name", file});
@@ -87,16 +86,15 @@ TEST_F(LabelTest, FollowsAFileThatChangesWhileTheWallRuns) {
     sample->GetPointer(&pixels);
     const std::lock_guard guard(lock);
     shown = LabelRows(pixels);
-    arrived.notify_all();
   });
-  const auto waitFor = [&](const Rows& rows) {
-    std::unique_lock guard(lock);
-    return arrived.wait_for(guard, std::chrono::seconds(60), [&] { return shown == rows; });
+  const auto isShown = [&](const Rows& rows) {
+    const std::lock_guard guard(lock);
+    return shown == rows;
   };
   session->Start();
-  EXPECT_TRUE(waitFor(first)) << "the first text did not come";
+  WaitUntil("the first text is shown", [&] { return isShown(first); });
   std::ofstream(file) << "Abend\n";
-  EXPECT_TRUE(waitFor(second)) << "the label did not follow its file";
+  WaitUntil("the label follows its file", [&] { return isShown(second); });
   session->Stop();
 }
 

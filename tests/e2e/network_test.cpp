@@ -1,45 +1,25 @@
 #include <atomic>
-#include <fstream>
-#include <sstream>
 #include <thread>
 
-#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include "host/channel/source/media_reader.h"
 #include "tests/e2e/sound_harness.h"
 #include "tests/e2e/wall_harness.h"
+#include "tests/host/clips.h"
+#include "tests/support/local_socket.h"
+#include "tests/support/temporary_folder.h"
 
 namespace {
 
 using host::kSecond;
 using testing::HasSubstr;
 
-// A port of this machine that nobody uses.
-int FreePort(int type) {
-  const int descriptor = socket(AF_INET, type, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof(address);
-  const bool bound =
-      bind(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 &&
-      getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length) == 0;
-  close(descriptor);
-  EXPECT_TRUE(bound);
-  return ntohs(address.sin_port);
-}
-
 // Somebody at the other end, who reads a second of it.
 class Receiver {
  public:
   Receiver(const std::string& url, std::map<std::string, std::string> options) {
-    host::MediaReader::Settings settings;
-    settings.source = url;
+    host::MediaReader::Settings settings = host::Source(url);
     settings.options = std::move(options);
     settings.openLimit = settings.readLimit = std::chrono::seconds(50);
     reader_.emplace(settings);
@@ -145,11 +125,10 @@ TEST_F(NetworkTest, RtmpCarriesTheSoundOfTheSelectedChannelAndSaysSo) {
 
 TEST_F(NetworkTest, HlsHasARenditionWithItsNameForEveryChannel) {
   ASSERT_EQ(wall_.RenderInto({To((folder_ / "wall.m3u8").string())})[0].failure, "");
-  std::stringstream playlist;
-  playlist << std::ifstream(folder_ / "wall.m3u8").rdbuf();
-  EXPECT_THAT(playlist.str(), HasSubstr("NAME=\"clip0\",LANGUAGE=\"eng\",DEFAULT=YES"));
-  EXPECT_THAT(playlist.str(), HasSubstr("NAME=\"clip2\",DEFAULT=NO"));
-  EXPECT_THAT(playlist.str(), HasSubstr("RESOLUTION=160x48"));
+  const std::string playlist = ReadWholeFile(folder_ / "wall.m3u8");
+  EXPECT_THAT(playlist, HasSubstr("NAME=\"clip0\",LANGUAGE=\"eng\",DEFAULT=YES"));
+  EXPECT_THAT(playlist, HasSubstr("NAME=\"clip2\",DEFAULT=NO"));
+  EXPECT_THAT(playlist, HasSubstr("RESOLUTION=160x48"));
   EXPECT_EQ(e2e::DecodeWhole(folder_ / "wall.m3u8"), "");
   for (std::size_t track = 1; track <= 3; ++track) {
     EXPECT_GT(e2e::ReadPackets(folder_ / "wall.m3u8", track).size(), 100U) << track;

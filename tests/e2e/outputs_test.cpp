@@ -1,11 +1,10 @@
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "tests/e2e/sound_harness.h"
 #include "tests/e2e/wall_harness.h"
+#include "tests/host/clips.h"
+#include "tests/support/pipe.h"
 
 namespace {
 
@@ -19,23 +18,6 @@ host::wall::Output To(const std::filesystem::path& file) {
   output.keyFrameInterval = kSecond / 2;
   return output;
 }
-
-// A pipe that is open for reading and never read.
-class UnreadPipe {
- public:
-  explicit UnreadPipe(const std::filesystem::path& path) {
-    if (mkfifo(path.c_str(), 0600) != 0) {
-      ADD_FAILURE() << "no pipe at " << path;
-    }
-    descriptor_ = open(path.c_str(), O_RDONLY | O_NONBLOCK);
-  }
-  ~UnreadPipe() { close(descriptor_); }
-  UnreadPipe(const UnreadPipe&) = delete;
-  UnreadPipe& operator=(const UnreadPipe&) = delete;
-
- private:
-  int descriptor_ = -1;
-};
 
 class OutputsTest : public e2e::WallTest {
  protected:
@@ -53,7 +35,8 @@ class OutputsTest : public e2e::WallTest {
 
 TEST_F(OutputsTest, AConsumerThatStopsReadingTakesNothingFromTheOthers) {
   AddChannels(3);
-  const UnreadPipe pipe(folder_ / "unread.ts");
+  Pipe pipe(folder_ / "unread.ts");
+  pipe.OpenUnread();
   wall_.wall().outputs = {To(folder_ / "unread.ts"), To(folder_ / "wall.mkv")};
   host::WallSession::Settings settings = wall_.SessionSettings();
   settings.outputQueue.bytes = 50'000;
@@ -194,9 +177,7 @@ TEST_F(OutputsTest, AChannelThatIsNotThereAtTheStartGetsATrackAndIsEncodedIntoIt
   EXPECT_THAT(wall_.channels().Sound("late"),
               testing::Contains(HasSubstr("(ac3, 48000 Hz, 1 channel) is encoded for the outputs "
                                           "(aac, 48000 Hz, 2 channels)")));
-  host::MediaReader::Settings reading;
-  reading.source = (folder_ / "wall.mkv").string();
-  host::MediaReader reader(reading);
+  host::MediaReader reader(host::Source(folder_ / "wall.mkv"));
   reader.Open();
   ASSERT_EQ(reader.info().audioTracks.size(), 3U);
   EXPECT_EQ(reader.info().audioTracks[2].title, "late");

@@ -13,11 +13,10 @@ extern "C" {
 }
 
 #include "host/channel/sound/sample_planes.h"
-#include "host/channel/source/media_reader.h"
 #include "host/ffmpeg/error.h"
 #include "host/ffmpeg/time_unit.h"
 #include "host/output/muxer.h"
-#include "host/synthetic/clip_writer.h"
+#include "tests/host/clips.h"
 
 namespace e2e {
 namespace {
@@ -27,12 +26,6 @@ host::Ratio ParseRate(const std::string& text) {
   int denominator = 1;
   std::sscanf(text.c_str(), "%d/%d", &numerator, &denominator);
   return {numerator, denominator};
-}
-
-host::MediaReader::Settings Source(const std::filesystem::path& file) {
-  host::MediaReader::Settings settings;
-  settings.source = file.string();
-  return settings;
 }
 
 }  // namespace
@@ -91,52 +84,41 @@ void RemuxWithAudioLater(const std::filesystem::path& from, const std::filesyste
 }
 
 std::vector<host::AudioPacket> ReadPackets(const std::filesystem::path& file, std::size_t track) {
-  host::MediaReader::Settings settings = Source(file);
+  host::MediaReader::Settings settings = host::Source(file);
   settings.wantVideo = false;
   settings.decodeAudio = false;
   settings.audioTrack = track;
   host::MediaReader reader(settings);
   reader.Open();
-  std::vector<host::AudioPacket> packets;
-  for (;;) {
-    host::MediaItem item = reader.Read();
-    if (auto* const packet = std::get_if<host::AudioPacket>(&item)) {
-      packets.push_back(std::move(*packet));
-    } else if (std::holds_alternative<host::EndOfMedia>(item)) {
-      return packets;
-    }
-  }
+  return host::ReadAll(reader).packets;
 }
 
 std::vector<std::vector<host::Time>> FindFlashes(const std::filesystem::path& file,
                                                  const std::vector<Point>& points) {
-  host::MediaReader::Settings settings = Source(file);
+  host::MediaReader::Settings settings = host::Source(file);
   settings.wantAudio = false;
   host::MediaReader reader(settings);
   reader.Open();
   std::vector<std::vector<host::Time>> flashes(points.size());
   std::vector<bool> bright(points.size(), true);  // so that a start in a flash is none
-  for (;;) {
-    const host::MediaItem item = reader.Read();
-    if (const auto* const picture = std::get_if<host::VideoPicture>(&item)) {
+  host::ReadEach(reader, [&](const host::MediaItem& item) {
+    const auto* const picture = std::get_if<host::VideoPicture>(&item);
+    for (std::size_t i = 0; picture != nullptr && i < points.size(); ++i) {
       const AVFrame& frame = *picture->frame;
-      for (std::size_t i = 0; i < points.size(); ++i) {
-        const bool isBright = frame.data[0][points[i].y * frame.linesize[0] + points[i].x] > 130;
-        if (isBright && !bright[i]) {
-          flashes[i].push_back(picture->start);
-        }
-        bright[i] = isBright;
+      const bool isBright = frame.data[0][points[i].y * frame.linesize[0] + points[i].x] > 130;
+      if (isBright && !bright[i]) {
+        flashes[i].push_back(picture->start);
       }
-    } else if (std::holds_alternative<host::EndOfMedia>(item)) {
-      return flashes;
+      bright[i] = isBright;
     }
-  }
+  });
+  return flashes;
 }
 
 std::vector<host::Time> FindClicks(const std::filesystem::path& file, std::size_t track) {
   constexpr float kLoud = 0.25F;
   constexpr host::Time kSilence = 50 * host::kMillisecond;
-  host::MediaReader::Settings settings = Source(file);
+  host::MediaReader::Settings settings = host::Source(file);
   settings.wantVideo = false;
   settings.audioTrack = track;
   host::MediaReader reader(settings);
@@ -144,25 +126,25 @@ std::vector<host::Time> FindClicks(const std::filesystem::path& file, std::size_
   host::SamplePlanes planes;
   std::vector<host::Time> clicks;
   host::Time lastLoud = 0;
-  for (;;) {
-    const host::MediaItem item = reader.Read();
-    if (const auto* const samples = std::get_if<host::AudioSamples>(&item)) {
-      const AVFrame& frame = *samples->frame;
-      const float* const plane = planes.Convert(frame)[0];
-      for (int i = 0; i < frame.nb_samples; ++i) {
-        if (std::abs(plane[i]) < kLoud) {
-          continue;
-        }
-        const host::Time time = samples->start + i * host::kSecond / frame.sample_rate;
-        if (time - lastLoud > kSilence) {
-          clicks.push_back(time);
-        }
-        lastLoud = time;
-      }
-    } else if (std::holds_alternative<host::EndOfMedia>(item)) {
-      return clicks;
+  host::ReadEach(reader, [&](const host::MediaItem& item) {
+    const auto* const samples = std::get_if<host::AudioSamples>(&item);
+    if (samples == nullptr) {
+      return;
     }
-  }
+    const AVFrame& frame = *samples->frame;
+    const float* const plane = planes.Convert(frame)[0];
+    for (int i = 0; i < frame.nb_samples; ++i) {
+      if (std::abs(plane[i]) < kLoud) {
+        continue;
+      }
+      const host::Time time = samples->start + i * host::kSecond / frame.sample_rate;
+      if (time - lastLoud > kSilence) {
+        clicks.push_back(time);
+      }
+      lastLoud = time;
+    }
+  });
+  return clicks;
 }
 
 Demuxed Demux(const std::filesystem::path& file) {

@@ -3,14 +3,13 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <nlohmann/json.hpp>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -19,42 +18,12 @@
 #include "tests/e2e/sound_harness.h"
 #include "tests/e2e/wall_harness.h"
 #include "tests/support/child_process.h"
+#include "tests/support/local_socket.h"
 #include "tests/support/temporary_folder.h"
 
 namespace {
 
 using std::chrono::seconds;
-
-// Accepts connections or takes datagrams, and never answers.
-class SilentSocket {
- public:
-  // port 0: any.
-  SilentSocket(int type, const char* host, std::uint16_t port)
-      : descriptor_(socket(AF_INET, type | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    inet_pton(AF_INET, host, &address.sin_addr);
-    auto* const plain = reinterpret_cast<sockaddr*>(&address);
-    socklen_t size = sizeof(address);
-    isOpen_ = bind(descriptor_, plain, size) == 0 &&
-              (type == SOCK_DGRAM || listen(descriptor_, 16) == 0) &&
-              getsockname(descriptor_, plain, &size) == 0;
-    port_ = ntohs(address.sin_port);
-  }
-  ~SilentSocket() { close(descriptor_); }
-  SilentSocket(const SilentSocket&) = delete;
-  SilentSocket& operator=(const SilentSocket&) = delete;
-
-  bool isOpen() const { return isOpen_; }
-  std::string port() const { return std::to_string(port_); }
-  int Accept() const { return accept(descriptor_, nullptr, nullptr); }
-
- private:
-  int descriptor_;
-  bool isOpen_ = false;
-  std::uint16_t port_ = 0;
-};
 
 class StopTest : public testing::Test {
  protected:
@@ -94,24 +63,28 @@ class StopTest : public testing::Test {
 
 // The names of two are never resolved: those calls last five times 30 s, and nothing ends them.
 TEST_F(StopTest, NineDeadSourcesHoldUpNeitherTheEndNorTheRecordings) {
-  const SilentSocket server(SOCK_STREAM, "127.0.0.1", 0);
-  const SilentSocket sender(SOCK_DGRAM, "127.0.0.1", 0);
-  const SilentSocket resolver(SOCK_DGRAM, "127.0.0.77", 53);
-  ASSERT_TRUE(server.isOpen() && sender.isOpen());
+  // They never answer.
+  const LocalSocket server(SOCK_STREAM);
+  const LocalSocket sender(SOCK_DGRAM);
+  std::optional<LocalSocket> resolver;
+  try {
+    resolver.emplace(SOCK_DGRAM, "127.0.0.77", 53);
+  } catch (const std::system_error&) {
+  }
   AddSource("file:" + Pipe("one"));
   AddSource("concat:" + Pipe("two"));
   AddSource(Pipe("three"));
   for (const char* const scheme : {"http", "rtsp", "tcp"}) {
-    AddSource(std::string(scheme) + "://127.0.0.1:" + server.port());
+    AddSource(std::string(scheme) + "://" + server.address());
   }
-  AddSource("udp://127.0.0.1:" + sender.port());
+  AddSource("udp://" + sender.address());
   AddSource("http://nowhere.example/");
   AddSource("tcp://nowhere.example:1234");
   for (const char* const file : {"wall.mkv", "wall.mp4", "wall.ts"}) {
     wall_ += "[[output]]\nurl = '" + (folder_ / file).string() + "'\n";
   }
   std::vector<std::string> command = Command();
-  const bool hasResolver = resolver.isOpen() && std::system("unshare -rm true") == 0;
+  const bool hasResolver = resolver.has_value() && std::system("unshare -rm true") == 0;
   if (hasResolver) {
     WriteWholeFile(folder_ / "resolv.conf",
                    "nameserver 127.0.0.77\noptions timeout:30 attempts:5\n");
@@ -256,9 +229,9 @@ class ReopenTest : public e2e::WallTest {};
 // A camera with room for one session refuses the next one while the failed one is open.
 TEST_F(ReopenTest, AFailedConnectionIsClosedBeforeTheDelayAndNotAfterIt) {
   using Clock = std::chrono::steady_clock;
-  const SilentSocket server(SOCK_STREAM, "127.0.0.1", 0);
+  const LocalSocket server(SOCK_STREAM);
   e2e::TestWall wall(320, 240);
-  wall.AddChannel("tcp://127.0.0.1:" + server.port(), {0, 0, 64, 48});
+  wall.AddChannel("tcp://" + server.address(), {0, 0, 64, 48});
   const auto session = wall.MakeLive([](const ComPtr<IMediaSample>&, host::Time) {});
   session->Start();
   Clock::time_point failed;

@@ -1,10 +1,10 @@
 #include "tests/e2e/wall_harness.h"
 
 #include <cstdio>
-#include <thread>
 
 #include "host/synthetic/clip_writer.h"
 #include "platform/os/module.h"
+#include "tests/support/wait_until.h"
 
 namespace e2e {
 
@@ -35,135 +35,6 @@ void WriteCountingClip(const std::filesystem::path& file, int width, int height,
 
 int PictureNumber(std::uint8_t luma) {
   return luma >= 20 && luma <= 218 && luma % 2 == 0 ? (luma - 20) / 2 : -1;
-}
-
-void ChannelLog::ChannelOpened(const std::string& channel, const host::MediaInfo& /*info*/) {
-  const std::lock_guard guard(lock_);
-  ++opened_[channel];
-}
-
-void ChannelLog::ChannelEnded(const std::string& channel) {
-  const std::lock_guard guard(lock_);
-  ++ended_[channel];
-}
-
-void ChannelLog::ChannelFailed(const std::string& channel, const std::string& reason,
-                               std::optional<std::chrono::milliseconds> /*retryIn*/) {
-  const std::lock_guard guard(lock_);
-  failures_[channel] = reason;
-}
-
-void ChannelLog::ChannelChanged(const std::string& channel,
-                                const host::ChannelLife::Status& status) {
-  const std::lock_guard guard(lock_);
-  states_[channel].push_back(host::NameOf(status.state) +
-                             (status.reason.empty() ? "" : ": " + status.reason));
-  changed_.notify_all();
-}
-
-bool ChannelLog::WaitForState(const std::string& channel, std::size_t count,
-                              const std::string& state, std::chrono::seconds limit) const {
-  std::unique_lock guard(lock_);
-  return changed_.wait_for(guard, limit, [&] {
-    const auto found = states_.find(channel);
-    return found != states_.end() && found->second.size() >= count && found->second.back() == state;
-  });
-}
-
-void ChannelLog::AlarmChanged(const std::string& channel,
-                              const host::AlarmMonitor::Change& change) {
-  const std::lock_guard guard(lock_);
-  alarms_[channel].push_back(std::string(host::NameOf(change.kind)) +
-                             (change.raised ? " on" : " off"));
-}
-
-void ChannelLog::AudioChanged(const std::string& channel, const host::AudioStatus& status) {
-  const std::lock_guard guard(lock_);
-  audio_[channel].push_back(host::NameOf(status.state) +
-                            (status.reason.empty() ? "" : ": " + status.reason));
-}
-
-std::vector<std::string> ChannelLog::Audio(const std::string& channel) const {
-  const std::lock_guard guard(lock_);
-  const auto found = audio_.find(channel);
-  return found == audio_.end() ? std::vector<std::string>() : found->second;
-}
-
-std::vector<std::string> ChannelLog::States(const std::string& channel) const {
-  const std::lock_guard guard(lock_);
-  const auto found = states_.find(channel);
-  return found == states_.end() ? std::vector<std::string>() : found->second;
-}
-
-std::vector<std::string> ChannelLog::Alarms(const std::string& channel) const {
-  const std::lock_guard guard(lock_);
-  const auto found = alarms_.find(channel);
-  return found == alarms_.end() ? std::vector<std::string>() : found->second;
-}
-
-void ChannelLog::ChannelSoundChanged(const std::string& channel, const std::string& what) {
-  const std::lock_guard guard(lock_);
-  sound_[channel].push_back(what);
-}
-
-std::vector<std::string> ChannelLog::Sound(const std::string& channel) const {
-  const std::lock_guard guard(lock_);
-  const auto found = sound_.find(channel);
-  return found == sound_.end() ? std::vector<std::string>() : found->second;
-}
-
-bool ChannelLog::Opened(const std::string& channel) const {
-  const std::lock_guard guard(lock_);
-  return opened_.contains(channel);
-}
-
-bool ChannelLog::Ended(const std::string& channel) const {
-  const std::lock_guard guard(lock_);
-  return ended_.contains(channel);
-}
-
-std::string ChannelLog::Failure(const std::string& channel) const {
-  const std::lock_guard guard(lock_);
-  const auto found = failures_.find(channel);
-  return found == failures_.end() ? "" : found->second;
-}
-
-void OutputLog::OutputFailed(const std::string& output, const std::string& reason,
-                             std::optional<std::chrono::milliseconds> /*retryIn*/) {
-  const std::lock_guard guard(lock_);
-  failures_.push_back(output + ": " + reason);
-}
-
-void OutputLog::OutputOpened(const std::string& /*output*/, const std::string& target,
-                             Opening opening) {
-  const std::lock_guard guard(lock_);
-  recoveries_ += opening == Opening::kAgain ? 1 : 0;
-  targets_.push_back(target);
-}
-
-void OutputLog::OutputSaid(const std::string& output, const std::string& what) {
-  const std::lock_guard guard(lock_);
-  said_.push_back(output + ": " + what);
-}
-
-std::vector<std::string> OutputLog::failures() const {
-  const std::lock_guard guard(lock_);
-  return failures_;
-}
-
-std::vector<std::string> OutputLog::said() const {
-  const std::lock_guard guard(lock_);
-  return said_;
-}
-
-std::vector<std::string> OutputLog::targets() const {
-  const std::lock_guard guard(lock_);
-  return targets_;
-}
-
-int OutputLog::recoveries() const {
-  const std::lock_guard guard(lock_);
-  return recoveries_;
 }
 
 TestWall::TestWall(int width, int height) {
@@ -252,19 +123,14 @@ void WallTest::TearDown() {
 }
 
 std::unique_ptr<host::WallSession> WallTest::RunLiveUntil(
-    TestWall& wall, host::WallSession::Settings settings, const std::string& what,
+    TestWall& wall, host::WallSession::Settings settings, const char* what,
     const std::function<bool(host::OutputSet&)>& isSo) {
-  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   settings.live = true;
   auto session = std::make_unique<host::WallSession>(std::move(settings));
   session->Start();
-  bool so = isSo(session->outputs());
-  while (!so && std::chrono::steady_clock::now() < limit) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    so = isSo(session->outputs());
+  if (!WaitUntil(what, [&] { return isSo(session->outputs()); })) {
+    ADD_FAILURE() << testing::PrintToString(wall.outputs().failures());
   }
-  EXPECT_TRUE(so) << "never so within a minute: " << what
-                  << "; failures: " << testing::PrintToString(wall.outputs().failures());
   session->Stop();
   session->Finish();
   return session;

@@ -2,14 +2,12 @@
 // its library.
 #pragma once
 
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -18,6 +16,7 @@
 
 #include "host/session/wall_session.h"
 #include "host/wall/wall.h"
+#include "tests/host/observers.h"
 #include "tests/support/recording_logger.h"
 #include "tests/support/temporary_folder.h"
 
@@ -30,67 +29,26 @@ void WriteCountingClip(const std::filesystem::path& file, int width, int height,
 // The number of the picture that a luma tells, mod 100; -1 when it is none.
 int PictureNumber(std::uint8_t luma);
 
-// Collects what the session tells.
-class ChannelLog final : public host::ChannelObserver {
- public:
-  void ChannelOpened(const std::string& channel, const host::MediaInfo& info) override;
-  void ChannelEnded(const std::string& channel) override;
-  void ChannelFailed(const std::string& channel, const std::string& reason,
-                     std::optional<std::chrono::milliseconds> retryIn) override;
-  void ChannelChanged(const std::string& channel, const host::ChannelLife::Status& status) override;
-  void AudioChanged(const std::string& channel, const host::AudioStatus& status) override;
-  void AlarmChanged(const std::string& channel, const host::AlarmMonitor::Change& change) override;
-
-  // In their order: "live", "held: reason"; "freeze on", "freeze off".
-  std::vector<std::string> States(const std::string& channel) const;
-  // Until the channel has been in so many states and is in this one, as States has it.
-  bool WaitForState(const std::string& channel, std::size_t count, const std::string& state,
-                    std::chrono::seconds limit = std::chrono::seconds(60)) const;
-  std::vector<std::string> Alarms(const std::string& channel) const;
-  std::vector<std::string> Audio(const std::string& channel) const;  // "absent: it has no audio"
-  void ChannelSoundChanged(const std::string& channel, const std::string& what) override;
-
-  std::vector<std::string> Sound(const std::string& channel) const;  // what was said of it
-  bool Opened(const std::string& channel) const;
-  bool Ended(const std::string& channel) const;
-  std::string Failure(const std::string& channel) const;  // the latest; empty without one
-
- private:
-  mutable std::mutex lock_;
-  mutable std::condition_variable changed_;
-  std::map<std::string, int> opened_;
-  std::map<std::string, int> ended_;
-  std::map<std::string, std::string> failures_;
-  std::map<std::string, std::vector<std::string>> states_;
-  std::map<std::string, std::vector<std::string>> alarms_;
-  std::map<std::string, std::vector<std::string>> sound_;
-  std::map<std::string, std::vector<std::string>> audio_;
-};
-
-// Collects what the outputs tell.
-class OutputLog final : public host::OutputObserver {
- public:
-  void OutputFailed(const std::string& output, const std::string& reason,
-                    std::optional<std::chrono::milliseconds> retryIn) override;
-  void OutputOpened(const std::string& output, const std::string& target, Opening opening) override;
-  void OutputSaid(const std::string& output, const std::string& what) override;
-
-  std::vector<std::string> failures() const;  // "output: reason"
-  std::vector<std::string> said() const;
-  std::vector<std::string> targets() const;  // files and connections, in the order of opening
-  int recoveries() const;
-
- private:
-  mutable std::mutex lock_;
-  std::vector<std::string> failures_;
-  std::vector<std::string> said_;
-  std::vector<std::string> targets_;
-  int recoveries_ = 0;
-};
-
 struct Frame {
   host::Time time = 0;
   std::vector<std::uint8_t> pixels;
+};
+
+// Of composed frames, which the composition thread brings.
+struct FrameCounter {
+  void Take(host::Time time) {
+    first = count == 0 ? time : first.load();
+    inOrder = inOrder && time > last;
+    last = time;
+    ++count;
+  }
+  // Of the clock from the first frame to the last, at 25 frames per second.
+  std::uint64_t ticks() const { return static_cast<std::uint64_t>((last - first) / 400000 + 1); }
+
+  std::atomic<std::uint64_t> count{0};
+  std::atomic<host::Time> first{0};
+  std::atomic<host::Time> last{-1};
+  std::atomic<bool> inOrder{true};
 };
 
 // A wall of a small canvas; the test adds channels and renders.
@@ -100,8 +58,8 @@ class TestWall {
 
   void AddChannel(const std::string& source, host::wall::Window window);
   host::wall::Wall& wall() { return wall_; }
-  ChannelLog& channels() { return channels_; }
-  OutputLog& outputs() { return outputs_; }
+  host::ChannelLog& channels() { return channels_; }
+  host::OutputLog& outputs() { return outputs_; }
   RecordingLogger& logger() { return logger_; }
 
   // Renders the wall; each frame is copied. beforeFrame is called before each of them.
@@ -120,8 +78,8 @@ class TestWall {
 
  private:
   host::wall::Wall wall_;
-  ChannelLog channels_;
-  OutputLog outputs_;
+  host::ChannelLog channels_;
+  host::OutputLog outputs_;
   RecordingLogger logger_;
 };
 
@@ -134,7 +92,7 @@ class WallTest : public testing::Test {
   // Runs the wall live until something is the case with its outputs, which is asked again and
   // again, a minute at the most; then they are written to their end.
   std::unique_ptr<host::WallSession> RunLiveUntil(
-      TestWall& wall, host::WallSession::Settings settings, const std::string& what,
+      TestWall& wall, host::WallSession::Settings settings, const char* what,
       const std::function<bool(host::OutputSet&)>& isSo);
 
   TemporaryFolder folder_;

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <filesystem>
-#include <string>
 #include <vector>
 
 #include "host/channel/source/media_reader.h"
@@ -32,20 +31,27 @@ struct Content {
   std::vector<AudioSamples> samples;
 };
 
+// Reads an open source to its end.
+template <typename Take>
+void ReadEach(MediaReader& reader, Take take) {
+  for (MediaItem item = reader.Read(); !std::holds_alternative<EndOfMedia>(item);
+       item = reader.Read()) {
+    take(std::move(item));
+  }
+}
+
 inline Content ReadAll(MediaReader& reader) {
   Content content;
-  for (;;) {
-    MediaItem item = reader.Read();
-    if (auto* picture = std::get_if<VideoPicture>(&item)) {
+  ReadEach(reader, [&](MediaItem item) {
+    if (auto* const picture = std::get_if<VideoPicture>(&item)) {
       content.pictures.push_back(std::move(*picture));
-    } else if (auto* packet = std::get_if<AudioPacket>(&item)) {
+    } else if (auto* const packet = std::get_if<AudioPacket>(&item)) {
       content.packets.push_back(std::move(*packet));
-    } else if (auto* samples = std::get_if<AudioSamples>(&item)) {
+    } else if (auto* const samples = std::get_if<AudioSamples>(&item)) {
       content.samples.push_back(std::move(*samples));
-    } else {
-      return content;
     }
-  }
+  });
+  return content;
 }
 
 inline MediaReader::Settings Source(const std::filesystem::path& file) {

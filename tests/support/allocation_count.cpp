@@ -23,75 +23,40 @@ void* TryAllocate(std::size_t bytes, std::align_val_t alignment) noexcept {
   return std::aligned_alloc(boundary, (bytes + boundary - 1) / boundary * boundary);
 }
 
-void* OrThrow(void* memory) {
-  if (memory == nullptr) {
-    throw std::bad_alloc();
-  }
-  return memory;
+template <typename... Alignment>
+void* Allocate(std::size_t bytes, Alignment... alignment) {
+  void* const memory = TryAllocate(bytes, alignment...);
+  return memory != nullptr ? memory : throw std::bad_alloc();
 }
 
 }  // namespace
 
-// Every form, so that what one of them allocates is freed by its own counterpart.
+// Those of arrays call these, or are all the sanitizer's own.
 void* operator new(std::size_t bytes) {
-  return OrThrow(TryAllocate(bytes));
-}
-void* operator new[](std::size_t bytes) {
-  return OrThrow(TryAllocate(bytes));
+  return Allocate(bytes);
 }
 void* operator new(std::size_t bytes, std::align_val_t alignment) {
-  return OrThrow(TryAllocate(bytes, alignment));
-}
-void* operator new[](std::size_t bytes, std::align_val_t alignment) {
-  return OrThrow(TryAllocate(bytes, alignment));
+  return Allocate(bytes, alignment);
 }
 void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept {
-  return TryAllocate(bytes);
-}
-void* operator new[](std::size_t bytes, const std::nothrow_t&) noexcept {
   return TryAllocate(bytes);
 }
 void* operator new(std::size_t bytes, std::align_val_t alignment, const std::nothrow_t&) noexcept {
   return TryAllocate(bytes, alignment);
 }
-void* operator new[](std::size_t bytes, std::align_val_t alignment,
-                     const std::nothrow_t&) noexcept {
-  return TryAllocate(bytes, alignment);
-}
 void operator delete(void* memory, const std::nothrow_t&) noexcept {
-  std::free(memory);
-}
-void operator delete[](void* memory, const std::nothrow_t&) noexcept {
-  std::free(memory);
-}
-void operator delete(void* memory, std::align_val_t, const std::nothrow_t&) noexcept {
-  std::free(memory);
-}
-void operator delete[](void* memory, std::align_val_t, const std::nothrow_t&) noexcept {
   std::free(memory);
 }
 void operator delete(void* memory) noexcept {
   std::free(memory);
 }
-void operator delete[](void* memory) noexcept {
-  std::free(memory);
-}
 void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
-}
-void operator delete[](void* memory, std::size_t) noexcept {
   std::free(memory);
 }
 void operator delete(void* memory, std::align_val_t) noexcept {
   std::free(memory);
 }
-void operator delete[](void* memory, std::align_val_t) noexcept {
-  std::free(memory);
-}
 void operator delete(void* memory, std::size_t, std::align_val_t) noexcept {
-  std::free(memory);
-}
-void operator delete[](void* memory, std::size_t, std::align_val_t) noexcept {
   std::free(memory);
 }
 

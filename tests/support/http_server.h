@@ -6,12 +6,9 @@
 #include <thread>
 #include <utility>
 
-#include <arpa/inet.h>
-#include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
+
+#include "tests/support/local_socket.h"
 
 class HttpServer {
  public:
@@ -23,21 +20,11 @@ class HttpServer {
   };
 
   HttpServer(std::string file, Manner manner) : file_(std::move(file)), manner_(manner) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof(address);
-    auto* const generic = reinterpret_cast<sockaddr*>(&address);
-    EXPECT_EQ(::bind(listener_, generic, size), 0);
-    EXPECT_EQ(::listen(listener_, 8), 0);
-    EXPECT_EQ(::getsockname(listener_, generic, &size), 0);
-    url_ = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/clip";
     thread_ = std::thread([this] { Run(); });
   }
   ~HttpServer() {
     ends_ = true;
     thread_.join();
-    ::close(listener_);
   }
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
@@ -53,8 +40,8 @@ class HttpServer {
     return !ends_;
   }
   void Run() {
-    while (WaitFor(listener_)) {
-      const int peer = ::accept(listener_, nullptr, nullptr);
+    while (WaitFor(listener_.descriptor())) {
+      const int peer = listener_.Accept();
       Answer(peer);
       ::close(peer);
     }
@@ -93,8 +80,8 @@ class HttpServer {
 
   const std::string file_;
   const Manner manner_;
-  std::string url_;
-  const int listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const LocalSocket listener_{SOCK_STREAM};
+  const std::string url_ = "http://" + listener_.address() + "/clip";
   std::atomic<bool> ends_{false};
   std::thread thread_;
 };

@@ -4,10 +4,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <system_error>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -28,22 +25,6 @@ constexpr int kLongestPacket = 1400;  // bytes
 constexpr std::size_t kMostUnsent = 1 << 20;
 constexpr std::chrono::milliseconds kSentAtOnce(500);
 constexpr int kPatience = 5;  // milliseconds between two looks at the clock
-
-int OpenSocket(int type, std::uint16_t& port) {
-  const int descriptor = ::socket(AF_INET, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof(address);
-  if (descriptor < 0 ||
-      ::bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
-      ::getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length) != 0 ||
-      (type == SOCK_STREAM && ::listen(descriptor, 64) != 0)) {
-    throw std::system_error(errno, std::generic_category(), "no port for the camera");
-  }
-  port = ntohs(address.sin_port);
-  return descriptor;
-}
 
 // The value of a header; empty without one.
 std::string Header(const std::string& request, const std::string& name) {
@@ -117,20 +98,16 @@ struct RtspServer::Client {
 
 RtspServer::RtspServer(const std::filesystem::path& clip) {
   Pack(clip);
-  listener_ = OpenSocket(SOCK_STREAM, port_);
-  datagrams_ = OpenSocket(SOCK_DGRAM, datagramPort_);
   thread_ = std::thread([this] { Run(); });
 }
 
 RtspServer::~RtspServer() {
   ends_ = true;
   thread_.join();
-  ::close(listener_);
-  ::close(datagrams_);
 }
 
 std::string RtspServer::Url(const std::string& credentials) const {
-  return "rtsp://" + credentials + "127.0.0.1:" + std::to_string(port_) + "/camera";
+  return "rtsp://" + credentials + listener_.address() + "/camera";
 }
 
 void RtspServer::Pack(const std::filesystem::path& clip) {
@@ -173,7 +150,7 @@ void RtspServer::Pack(const std::filesystem::path& clip) {
 
 void RtspServer::Run() {
   while (!ends_) {
-    std::vector<pollfd> waits = {{listener_, POLLIN, 0}};
+    std::vector<pollfd> waits = {{listener_.descriptor(), POLLIN, 0}};
     for (const Client& client : clients_) {
       waits.push_back({client.descriptor, POLLIN, 0});
     }
@@ -195,7 +172,7 @@ void RtspServer::Run() {
 }
 
 void RtspServer::Accept() {
-  const int accepted = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+  const int accepted = listener_.Accept(SOCK_NONBLOCK);
   if (accepted >= 0) {
     clients_.emplace_back(accepted);
   }
@@ -248,7 +225,6 @@ void RtspServer::Answer(Client& client, const std::string& request) {
   } else if (method == "PLAY") {
     client.playing = true;
     client.began = Clock::now();
-    ++plays_;
   } else if (method == "TEARDOWN") {
     client.leaves = true;
   }
@@ -275,8 +251,8 @@ std::string RtspServer::SetUp(Client& client, const std::string& request) {
   number("client_port=");
   road.datagrams = static_cast<std::uint16_t>(first);
   return "RTP/AVP/UDP;unicast;client_port=" + std::to_string(first) + "-" +
-         std::to_string(first + 1) + ";server_port=" + std::to_string(datagramPort_) + "-" +
-         std::to_string(datagramPort_);
+         std::to_string(first + 1) + ";server_port=" + std::to_string(datagrams_.port()) + "-" +
+         std::to_string(datagrams_.port());
 }
 
 void RtspServer::Send(Client& client) {
@@ -300,12 +276,8 @@ void RtspServer::Send(Client& client) {
       client.unsent += packet.bytes;
       continue;
     }
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<std::uint16_t>(road.datagrams + (packet.control ? 1 : 0)));
-    ::sendto(datagrams_, packet.bytes.data(), packet.bytes.size(), 0,
-             reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    datagrams_.SendTo(static_cast<std::uint16_t>(road.datagrams + (packet.control ? 1 : 0)),
+                      packet.bytes);
   }
 }
 

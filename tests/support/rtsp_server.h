@@ -10,6 +10,8 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/local_socket.h"
+
 // Sends a clip with one video and one sound stream to everybody who plays it, from its beginning
 // and in real time but for the first half second, which comes at once, over the connection itself
 // ("interleaved") or in datagrams, as the client wishes. Like a camera it can fall silent, stop
@@ -24,7 +26,7 @@ class RtspServer {
     kMute,    // lets clients connect, and neither answers nor sends
   };
 
-  // Throws host::ffmpeg::Error (the clip) or std::system_error (no port).
+  // Throws host::ffmpeg::Error (the clip).
   explicit RtspServer(const std::filesystem::path& clip);
   ~RtspServer();
   RtspServer(const RtspServer&) = delete;
@@ -35,8 +37,6 @@ class RtspServer {
   void Become(Mood mood) { mood_ = mood; }
   // Every client is hung up on after playing for so long; 0: never.
   void HangUpAfter(std::chrono::milliseconds length) { hangUpAfter_ = length.count(); }
-  // How often a client began to play.
-  int plays() const { return plays_; }
   // Who is connected.
   int clients() const { return connected_; }
 
@@ -62,13 +62,10 @@ class RtspServer {
 
   std::vector<RtpPacket> packets_;
   std::string description_;  // SDP
-  int listener_ = -1;
-  int datagrams_ = -1;
-  std::uint16_t port_ = 0;
-  std::uint16_t datagramPort_ = 0;
+  const LocalSocket listener_{SOCK_STREAM | SOCK_NONBLOCK};
+  const LocalSocket datagrams_{SOCK_DGRAM | SOCK_NONBLOCK};
   std::atomic<Mood> mood_{Mood::kPlays};
   std::atomic<std::int64_t> hangUpAfter_{0};  // milliseconds
-  std::atomic<int> plays_{0};
   std::atomic<int> connected_{0};
   std::atomic<bool> ends_{false};
   std::list<Client> clients_;  // the thread's

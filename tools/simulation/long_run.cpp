@@ -31,7 +31,7 @@ extern "C" {
 #include "host/output/output_pass.h"
 #include "host/output/recording_files.h"
 #include "host/output/video_encoder.h"
-#include "platform/os/temporary_folder.h"
+#include "platform/os/files.h"
 #include "tools/simulation/simulated_wall.h"
 
 namespace simulation {

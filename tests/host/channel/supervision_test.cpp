@@ -201,29 +201,22 @@ class PictureMeterTest : public testing::Test {
 };
 
 TEST_F(PictureMeterTest, CallsBlackWhatIsBlackButForALogo) {
-  std::fill_n(picture_.begin(), kLuma, 30);
-  EXPECT_TRUE(Measure().black);
-  const auto brighten = [&](std::size_t oneIn) {
-    for (std::size_t i = 0; i < kLuma; i += oneIn) {
-      picture_[i] = 200;
+  const auto isBlack = [&](int luma, std::size_t brightOneIn) {
+    for (std::size_t i = 0; i < kLuma; ++i) {
+      picture_[i] = static_cast<std::uint8_t>(i % brightOneIn == 0 ? 200 : luma);
     }
+    return Measure().black;
   };
-  brighten(61);
-  EXPECT_TRUE(Measure().black);
-  brighten(31);
-  EXPECT_FALSE(Measure().black);
-  std::fill_n(picture_.begin(), kLuma, 45);
-  EXPECT_FALSE(Measure().black) << "dark grey";
-}
-
-TEST_F(PictureMeterTest, CountsToTheEndOfALongRow) {
+  EXPECT_TRUE(isBlack(30, 61));
+  EXPECT_FALSE(isBlack(30, 31));
+  EXPECT_FALSE(isBlack(45, 61)) << "dark grey";
+  // A fiftieth of a long row is bright, and one pixel more.
   constexpr int kWidth = 8200;
-  std::vector<std::uint8_t> picture(kWidth * 2 * 3 / 2, 200);
-  EXPECT_FALSE(meter_.Measure(picture.data(), kWidth, 2).black);
-  std::fill_n(picture.begin(), kWidth - 164, 16);
-  EXPECT_TRUE(meter_.Measure(picture.data(), kWidth, 2).black) << "a fiftieth of a row is bright";
-  picture[0] = 200;
-  EXPECT_FALSE(meter_.Measure(picture.data(), kWidth, 2).black);
+  std::vector<std::uint8_t> row(kWidth * 2 * 3 / 2, 200);
+  std::fill_n(row.begin(), kWidth - 164, 16);
+  EXPECT_TRUE(meter_.Measure(row.data(), kWidth, 2).black);
+  row[0] = 200;
+  EXPECT_FALSE(meter_.Measure(row.data(), kWidth, 2).black);
 }
 
 TEST_F(PictureMeterTest, CallsStillWhatDoesNotMoveAwayFromWhereItStopped) {
@@ -231,6 +224,10 @@ TEST_F(PictureMeterTest, CallsStillWhatDoesNotMoveAwayFromWhereItStopped) {
   EXPECT_TRUE(Measure().still);
   picture_[130] = 160;  // noise of one pixel
   EXPECT_TRUE(Measure().still);
+  for (const std::size_t plane : {kLuma, kLuma * 5 / 4}) {
+    std::fill_n(picture_.begin() + static_cast<std::ptrdiff_t>(plane), kLuma / 4, 129);
+    EXPECT_FALSE(Measure().still) << "a change of colour alone";
+  }
   // A fade, each step of which is below what counts.
   int changes = 0;
   for (int step = 0; step < 64 * 10; step += 8) {
@@ -241,15 +238,6 @@ TEST_F(PictureMeterTest, CallsStillWhatDoesNotMoveAwayFromWhereItStopped) {
   }
   EXPECT_GE(changes, 2);
   EXPECT_FALSE(meter_.Measure(picture_.data(), 32, 48).still) << "another size";
-}
-
-TEST_F(PictureMeterTest, AChangeOfColourAloneIsAChange) {
-  Measure();
-  std::fill_n(picture_.begin() + kLuma, kLuma / 4, 129);
-  EXPECT_FALSE(Measure().still) << "in V";
-  std::fill_n(picture_.begin() + kLuma * 5 / 4, kLuma / 4, 127);
-  EXPECT_FALSE(Measure().still) << "in U";
-  EXPECT_TRUE(Measure().still);
 }
 
 // A live source whose frames come when the test says, on the timeline of the wall.
@@ -422,32 +410,25 @@ TEST(PictureWatchTest, CountsOnlyTheTimeOfReading) {
   PictureWatch slow(seconds(5), seconds(10));
   slow.BeginReading(now);
   EXPECT_FALSE(slow.Expired(now + seconds(39))) << "one picture in ten seconds";
-  PictureWatch absurd(seconds(5), seconds(100'000));
-  absurd.BeginReading(now);
-  EXPECT_TRUE(absurd.Expired(now + seconds(40)));
 }
 
 TEST(ReopenDelayTest, GrowsWithFailuresInARowAndIsSpread) {
   ReopenDelay delay(1);
-  Time total = 0;
+  ReopenDelay other(2);
   auto longest = ReopenDelay::Milliseconds::zero();
+  bool differs = false;
   for (int i = 0; i < 10; ++i) {
     const auto each = delay.AfterFailure();
     EXPECT_GE(each, ReopenDelay::kShortest);
     EXPECT_LE(each, ReopenDelay::kLongest);
     longest = std::max(longest, each);
-    total += each.count();
+    differs = differs || each != other.AfterFailure();
   }
+  EXPECT_TRUE(differs);
   EXPECT_GE(longest.count(), 4000);
   EXPECT_LE(delay.AfterWaiting().count(), 300) << "the attempt itself has waited";
   delay.Reset();
   EXPECT_LE(delay.AfterFailure().count(), 300);
-  ReopenDelay other(2);
-  Time otherTotal = 0;
-  for (int i = 0; i < 10; ++i) {
-    otherTotal += other.AfterFailure().count();
-  }
-  EXPECT_NE(total, otherTotal);
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 #include "host/cli/wall_status.h"
 
 #include <array>
-#include <filesystem>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -14,6 +13,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "tests/host/observers.h"
 #include "tests/support/temporary_folder.h"
 
 namespace host::cli {
@@ -22,20 +22,6 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-
-// Hears what a board passes on.
-class Listener final : public ChannelObserver {
- public:
-  void ChannelOpened(const std::string& channel, const MediaInfo&) override {
-    heard.push_back(channel + " opened");
-  }
-  void ChannelEnded(const std::string& channel) override { heard.push_back(channel + " ended"); }
-  void ChannelFailed(const std::string& channel, const std::string& reason,
-                     std::optional<std::chrono::milliseconds>) override {
-    heard.push_back(channel + " " + reason);
-  }
-  std::vector<std::string> heard;
-};
 
 std::vector<wall::Channel> TwoChannels() {
   std::vector<wall::Channel> channels(2);
@@ -46,16 +32,16 @@ std::vector<wall::Channel> TwoChannels() {
 
 TEST(ChannelBoardTest, KeepsTheStatesAndWritesEachChangeAsALine) {
   std::ostringstream out;
-  Listener listener;
+  ChannelLog passedOn;
   JsonLines lines(out, true);
-  ChannelBoard board(TwoChannels(), listener, lines);
+  ChannelBoard board(TwoChannels(), passedOn, lines);
   board.ChannelFailed("A", "no data for 5 s", std::nullopt);
   board.ChannelChanged("A", {ChannelState::kHeld, "no data for 5 s", 12 * kSecond});
   board.ChannelChanged("B \xff", {ChannelState::kLive, "", kSecond});
   board.AlarmChanged("B \xff", {AlarmKind::kFreeze, true, 15 * kSecond + kMillisecond});
   board.AudioChanged("A", {AudioState::kNoTrack, "none", kSecond});
   lines.Finish();
-  EXPECT_THAT(listener.heard, ElementsAre("A no data for 5 s"));
+  EXPECT_EQ(passedOn.Failure("A"), "no data for 5 s");
 
   std::istringstream in(out.str());
   std::vector<nlohmann::json> events;

@@ -22,6 +22,7 @@ extern "C" {
 #include "host/output/output_set.h"
 #include "host/output/picture_encoder.h"
 #include "tests/host/clips.h"
+#include "tests/host/observers.h"
 #include "tests/host/output/pass_fixture.h"
 #include "tests/support/foreign_sample.h"
 
@@ -49,34 +50,6 @@ class FileSizeLimit {
  private:
   void (*handler_)(int);
   rlimit former_{};
-};
-
-class Observer final : public OutputObserver {
- public:
-  void OutputFailed(const std::string&, const std::string& reason,
-                    std::optional<milliseconds>) override {
-    const std::lock_guard guard(lock_);
-    failures_.push_back(reason);
-  }
-  void OutputOpened(const std::string&, const std::string&, Opening opening) override {
-    const std::lock_guard guard(lock_);
-    openings_.push_back(opening);
-  }
-  void OutputSaid(const std::string&, const std::string&) override {}
-
-  std::vector<std::string> failures() const {
-    const std::lock_guard guard(lock_);
-    return failures_;
-  }
-  std::vector<Opening> openings() const {
-    const std::lock_guard guard(lock_);
-    return openings_;
-  }
-
- private:
-  mutable std::mutex lock_;
-  std::vector<std::string> failures_;  // guarded by lock_
-  std::vector<Opening> openings_;      // guarded by lock_
 };
 
 class OutputFailureTest : public PassTest {
@@ -108,7 +81,7 @@ class OutputFailureTest : public PassTest {
         std::distance(std::filesystem::directory_iterator(folder_.Path()), {}));
   }
 
-  Observer observer_;
+  OutputLog observer_;
   int frames_ = 0;
 };
 
@@ -122,7 +95,7 @@ TEST_F(OutputFailureTest, AFullDiskLeavesNoStubsAndIsReportedOnce) {
   }
   const std::size_t before = observer_.openings().size();
   FeedUntil(output, "it is open again", [&] { return observer_.openings().size() > before; });
-  EXPECT_EQ(observer_.openings().back(), OutputObserver::Opening::kAgain);
+  EXPECT_EQ(observer_.openings().back().substr(0, 7), "again: ");
   output.Finish(std::chrono::seconds(20));
   MediaReader reader(Source(output.file()));
   reader.Open();
@@ -161,7 +134,7 @@ TEST_F(OutputFailureTest, AListenerKeepsItsPortHoweverLateItsViewerIs) {
     settings.pass.muxer.format = "mpegts";
     settings.pass.muxer.options = each.options;
     settings.pass.muxer.openLimit = milliseconds(30);
-    Observer observer;
+    OutputLog observer;
     Output output(settings, encoder_.parameters(), &observer, nullptr);
     FeedUntil(output, "many limits", [&, since = std::chrono::steady_clock::now()] {
       return std::chrono::steady_clock::now() - since > milliseconds(400);

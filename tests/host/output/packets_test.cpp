@@ -46,19 +46,6 @@ std::vector<Time> TimesIn(PacketQueue& queue, int track) {
   return times;
 }
 
-TEST(PacketQueue, RefusesWhatCannotBeDecodedAfterALongGroupWasDropped) {
-  OutputCounters counters{1};
-  PacketQueue queue({3'000, kSecond * 100}, counters);
-  EXPECT_EQ(queue.PushDropping(Picture(0, true)), Pushed::kKept);
-  EXPECT_EQ(queue.PushDropping(Picture(1, false)), Pushed::kKept);
-  EXPECT_EQ(queue.PushDropping(Picture(2, false)), Pushed::kKept);
-  EXPECT_EQ(queue.PushDropping(Picture(3, false)), Pushed::kOverflowed);
-  EXPECT_EQ(queue.PushDropping(Picture(4, false)), Pushed::kRefused);
-  EXPECT_EQ(queue.PushDropping(Sound(5)), Pushed::kRefused);
-  EXPECT_EQ(queue.PushDropping(Picture(5, true)), Pushed::kKept);
-  EXPECT_EQ(TimesIn(queue, TrackPacket::kVideo), (std::vector<Time>{200}));
-}
-
 TEST(PacketQueue, LetsARendererWaitUntilThereIsRoomOrItIsClosed) {
   OutputCounters counters{1};
   PacketQueue queue({2'000, kSecond * 100}, counters);
@@ -92,6 +79,21 @@ TEST(PacketQueue, MeasuresItsLengthByTheVideoAndCountsWhatItDrops) {
   queue.Abandon();
   EXPECT_EQ(counters.of(TrackPacket::kVideo).dropped, 12U);
   EXPECT_EQ(queue.bytes(), 0U);
+
+  // After a GOP that is longer than the queue, what cannot be decoded is refused.
+  PacketQueue small({3'000, kSecond * 100}, counters);
+  for (const auto& [number, pushed] : {std::pair(0, Pushed::kKept),
+                                       {1, Pushed::kKept},
+                                       {2, Pushed::kKept},
+                                       {3, Pushed::kOverflowed},
+                                       {4, Pushed::kRefused},
+                                       {5, Pushed::kKept}}) {
+    EXPECT_EQ(small.PushDropping(Picture(number, number % 5 == 0)), pushed) << number;
+    if (number == 4) {
+      EXPECT_EQ(small.PushDropping(Sound(5)), Pushed::kRefused);
+    }
+  }
+  EXPECT_EQ(TimesIn(small, TrackPacket::kVideo), (std::vector<Time>{200}));
 }
 
 TEST(PacketQueue, SkipsToTheNewestKeyframeWithItsAudio) {

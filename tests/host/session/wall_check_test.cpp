@@ -1,7 +1,6 @@
 #include "host/session/wall_check.h"
 
 #include <fstream>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -57,10 +56,7 @@ TEST_F(WallCheckTest, FindsWhatAnOutputOrASourceCannotBe) {
         {"w:4:7: error: \"url\" has no port: it is written as udp://HOST:PORT"}}},
       {kOut, {"url = 'srt://[::1]:65536'", {"has the port \"65536\", which must be 1 to 65535"}}},
       {kOut, {"url = 'rtp://:5000'", {"has no host to send to"}}},
-      {kOut, {"url = 'rtmp://user:pass/word@host/live/key'", {}}},
       {kOut, {"url = 'srt://:5000?mode=listener'", {"note: \"url\" serves one viewer at a time"}}},
-      {kOut,
-       {"url = 'srt://:5000'\noptions = { mode = 'listener' }", {"note: \"url\" serves one"}}},
       {kOut, {"url = 'a.dat'", {"w:4:7: error: \"url\" does not tell the container"}}},
       {kOut,
        {"url = 'a.mkv'\nformat = 'mkv'",
@@ -69,7 +65,6 @@ TEST_F(WallCheckTest, FindsWhatAnOutputOrASourceCannotBe) {
        {"url = 'a.mkv'\ncodec = 'h265'",
         {"w:5:9: error: \"codec\" is no video codec that can be encoded here: \"h265\"; did you "
          "mean \"hevc\"?"}}},
-      {kOut, {"url = 'a.mkv'\ncodec = 'aac'", {"\"codec\" is no video codec"}}},
       {kOut,
        {"url = 'rtmp://h/live/x'\ncodec = 'hevc'",
         {"\"codec\" does not suit: flv cannot hold hevc: it holds h264, "}}},
@@ -86,7 +81,6 @@ TEST_F(WallCheckTest, FindsWhatAnOutputOrASourceCannotBe) {
        {"url = 'a.mpd'", {"warning: \"url\" names a container, dash, which writes several files"}}},
       {kOut, {"url = 'a-%Y%m%d-%%.mkv'\nsegment = '1 h'\nsegment_size = '2 GB'", {}}},
       {kOut, {"url = 'a-%Q.mkv'", {"\"url\" has the unknown conversion \"%Q\""}}},
-      {kOut, {"url = 'a%'\nformat = 'mpegts'", {"\"url\" has the unknown conversion \"%\""}}},
       {kOut, {"url = 'a%%.m3u8'", {"where HLS cannot be written"}}},
       {kOut,
        {"url = 'udp://h:1'\nsegment = 5\nsegment_size = 5000000",
@@ -98,7 +92,6 @@ TEST_F(WallCheckTest, FindsWhatAnOutputOrASourceCannotBe) {
       {kIn,
        {"source = 'rtmp://0.0.0.0/live/key'\noptions = { listen = 1 }",
         {"note: \"source\" waits for its sender at port 1935 (rtmp)"}}},
-      {kIn, {"source = 'udp://239.1.1.1:0'", {"has the port \"0\""}}},
       {kIn,
        {"source = 'rtsp://h/x'\noptions = { rtsp_transport = 'tcp', nonsense = 1 }",
         {"w:5:48: error: \"nonsense\" is an option that no container and no protocol knows"}}},
@@ -148,14 +141,12 @@ TEST_F(WallCheckTest, FindsEveryFileThatIsUsedTwiceUnderWhateverName) {
   const Case cases[] = {
       {output("other.mkv"), nullptr},
       {output("one.mp4"), "is the same file as the source of channel \"A\" (\""},
-      {output("./sub/../one.mp4"), "one.mp4\", wall.toml:5:10)"},
       {output("link.mp4"), "same file as the source of channel \"A\""},
       {output("hard.mp4"), "same file as the source of channel \"A\""},
       {output("FILE://" + (folder_ / "one.mp4").string()),
        "same file as the source of channel \"A\""},
       {output("file:folder/two.ts"), "same file as the source of channel \"Channel 2\""},
       {output("folder/title.txt"), "same file as the label file of channel \"A\""},
-      {output("back.png"), "same file as the background"},
       {output("sub/../wall.toml"), "same file as the wall file"},
       {output("new.mkv") + output("folder/../new.mkv"), "output 2 (\""},
       {output("dangling.mkv") + output("sub/new.mkv"), "is the same file as output 1 (\""},
@@ -169,11 +160,9 @@ TEST_F(WallCheckTest, FindsEveryFileThatIsUsedTwiceUnderWhateverName) {
       {"[log]\nperf_file = 'hard.mp4'\n", "same file as the source of channel \"A\""},
       {output("udp://10.0.0.1:5000") + output("UDP://10.0.0.1:5000/"), "same address as output 1"},
       {output("udp://10.0.0.1:5000") + output("rtp://10.0.0.1:4999"), "same address as output 1"},
-      {output("udp://10.0.0.1:5000") + output("udp://10.0.0.2:5000"), nullptr},
       {output("srt://:5000?mode=listener") + output("srt://10.0.0.2:5000?mode=listener"),
        "same address as output 1"},
       {output("srt://h:5000?streamid=a") + output("srt://h:5000?streamid=b"), nullptr},
-      {output("rtmp://h/live/a") + output("rtmp://h/live/b"), nullptr},
       {output("rtmp://h/live/a") + output("rtmp://h/live/a"), "same address as output 1"},
       {"[[channel]]\nname = 'C'\nsource = 'udp://:5000'\n" + output("udp://localhost:5000"),
        "same address as the source of channel \"C\""},

@@ -11,7 +11,6 @@ namespace {
 TEST(WallClockTest, StandsStillWhileItIsStoppedAndThenGoesOn) {
   std::atomic<Time> raw{500 * kSecond};
   WallClock clock([&] { return raw.load(); }, 0);
-  EXPECT_EQ(clock.Now(), 0);
   raw += kSecond;
   clock.Start();
   EXPECT_EQ(clock.Now(), 0);
@@ -25,14 +24,10 @@ TEST(WallClockTest, StandsStillWhileItIsStoppedAndThenGoesOn) {
   raw += kSecond;
   EXPECT_EQ(clock.Now(), 4 * kSecond);
   EXPECT_TRUE(clock.WaitUntil(4 * kSecond)) << "that time has come";
-}
-
-TEST(WallClockTest, RunsAtItsOffset) {
-  std::atomic<Time> raw{500 * kSecond};
-  WallClock clock([&] { return raw.load(); }, 100);
-  clock.Start();
+  WallClock fast([&] { return raw.load(); }, 100);
+  fast.Start();
   raw += 10 * kSecond;
-  EXPECT_EQ(clock.Now(), 100'010'000);
+  EXPECT_EQ(fast.Now(), 100'010'000);
 }
 
 TEST(WallClockTest, EndsAWaitForATimeThatDoesNotCome) {

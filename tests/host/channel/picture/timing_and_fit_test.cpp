@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <array>
 #include <vector>
 
@@ -10,29 +11,12 @@
 namespace host {
 namespace {
 
-int Passed(RateLimiter& limiter, const std::vector<Time>& times) {
-  int passed = 0;
-  for (const Time time : times) {
-    passed += limiter.Pass(time) ? 1 : 0;
-  }
-  return passed;
-}
-
 std::vector<Time> Steady(Ratio rate, int count) {
   std::vector<Time> times;
   for (int i = 0; i < count; ++i) {
     times.push_back(FrameStart(i, rate));
   }
   return times;
-}
-
-TEST(RateLimiter, ThinsAFasterSourceToTheMeanRateOfTheCanvas) {
-  for (const Ratio source : {Ratio{60000, 1001}, Ratio{30, 1}, Ratio{50, 1}, Ratio{120, 1}}) {
-    RateLimiter limiter({25, 1});
-    const int seconds = 40;
-    const int passed = Passed(limiter, Steady(source, static_cast<int>(seconds * source.value())));
-    EXPECT_NEAR(passed, seconds * 25, 2) << source.num;
-  }
 }
 
 TEST(RateLimiter, PassesASourceOfTheSameOrALowerRateWholeInSpiteOfJitter) {
@@ -43,7 +27,9 @@ TEST(RateLimiter, PassesASourceOfTheSameOrALowerRateWholeInSpiteOfJitter) {
     for (std::size_t i = 0; i < times.size(); ++i) {
       times[i] += kJitter[i % kJitter.size()];
     }
-    EXPECT_EQ(Passed(limiter, times), 500) << source.num;
+    EXPECT_EQ(std::count_if(times.begin(), times.end(), [&](Time t) { return limiter.Pass(t); }),
+              500)
+        << source.num;
   }
 }
 
@@ -58,6 +44,7 @@ TEST(RateLimiter, PassesForEveryFrameOfTheCanvasThePictureThatIsNearest) {
         passed.push_back(time);
       }
     }
+    EXPECT_NEAR(static_cast<double>(passed.size()), 1000 * 25 / source.value(), 2) << source.num;
     const auto distance = [](const std::vector<Time>& times, Time frame) {
       Time least = kSecond;
       for (const Time time : times) {
@@ -126,11 +113,6 @@ TEST(Units, FramesOfAnyRateDoNotDriftOverTenYears) {
     }
     EXPECT_NEAR(passed, 50, 3) << rate.num;
   }
-}
-
-TEST(Units, PixelAspectFollowsFromCanvasAndDisplayAspect) {
-  EXPECT_EQ(PixelAspect(1920, 1080, {16, 9}), (Ratio{1, 1}));
-  EXPECT_EQ(PixelAspect(720, 576, {4, 3}), (Ratio{16, 15}));
 }
 
 }  // namespace

@@ -9,7 +9,6 @@ extern "C" {
 #include <libavutil/frame.h>
 }
 
-#include "host/channel/alarm_record.h"
 #include "host/channel/sound/level_meter.h"
 #include "host/channel/sound/sample_planes.h"
 #include "host/ffmpeg/handles.h"
@@ -130,30 +129,9 @@ TEST(LevelMeter, SurvivesBrokenSamplesGapsAndStepsBack) {
   EXPECT_EQ(readings[1].levels.levels[0], 750);
 }
 
-TEST(AlarmRecord, HasTheWireForm) {
-  AudioAlarmRecord record;
-  record.alarmEnabled = true;
-  record.condition2 = true;
-  record.levels.channelCount = 2;
-  record.levels.levels[0] = 1000;
-  record.levels.levels[9] = -2;
-  record.levels.peaks[0] = 0x01020304;
-  const auto wire = ToWire(record);
-  ASSERT_EQ(wire.size(), 85U);
-  const std::vector<std::uint8_t> head(wire.begin(), wire.begin() + 9);
-  EXPECT_EQ(head, (std::vector<std::uint8_t>{1, 0, 1, 1, 2, 0x00, 0x00, 0x03, 0xE8}));
-  const std::vector<std::uint8_t> middle(wire.begin() + 41, wire.begin() + 49);
-  EXPECT_EQ(middle, (std::vector<std::uint8_t>{0xFF, 0xFF, 0xFF, 0xFE, 1, 2, 3, 4}));
-
-  record.levels.channelCount = 0;
-  EXPECT_EQ(ToWire(record)[4], 1);
-  record.levels.channelCount = 11;
-  EXPECT_EQ(ToWire(record)[4], 10);
-  EXPECT_EQ(ToWire(VideoAlarmRecord{true, 9}), (std::array<std::uint8_t, 2>{1, 9}));
-}
-
+// One sample of -1 on the left, 0.5 on the right.
 template <typename Sample>
-void Expect(AVSampleFormat format, const std::vector<Sample>& leftRight, float left, float right) {
+void ExpectSamples(AVSampleFormat format, Sample left, Sample right) {
   ffmpeg::Frame frame = ffmpeg::MakeFrame();
   frame->format = format;
   frame->nb_samples = 1;
@@ -161,25 +139,23 @@ void Expect(AVSampleFormat format, const std::vector<Sample>& leftRight, float l
   av_channel_layout_default(&frame->ch_layout, 2);
   ASSERT_GE(av_frame_get_buffer(frame.get(), 0), 0);
   const bool planar = av_sample_fmt_is_planar(format) != 0;
-  reinterpret_cast<Sample*>(frame->data[0])[0] = leftRight[0];
-  reinterpret_cast<Sample*>(frame->data[planar ? 1 : 0])[planar ? 0 : 1] = leftRight[1];
+  reinterpret_cast<Sample*>(frame->data[0])[0] = left;
+  reinterpret_cast<Sample*>(frame->data[planar ? 1 : 0])[planar ? 0 : 1] = right;
   SamplePlanes planes;
   const auto converted = planes.Convert(*frame);
   ASSERT_EQ(converted.size(), 2U);
-  EXPECT_FLOAT_EQ(converted[0][0], left) << av_get_sample_fmt_name(format);
-  EXPECT_FLOAT_EQ(converted[1][0], right) << av_get_sample_fmt_name(format);
+  EXPECT_FLOAT_EQ(converted[0][0], -1.0F) << av_get_sample_fmt_name(format);
+  EXPECT_FLOAT_EQ(converted[1][0], 0.5F) << av_get_sample_fmt_name(format);
 }
 
 TEST(SamplePlanes, GivesTheSameValuesForEverySampleFormat) {
-  Expect<std::uint8_t>(AV_SAMPLE_FMT_U8, {0, 192}, -1.0F, 0.5F);
-  Expect<std::uint8_t>(AV_SAMPLE_FMT_U8P, {0, 192}, -1.0F, 0.5F);
-  Expect<std::int16_t>(AV_SAMPLE_FMT_S16, {-32768, 16384}, -1.0F, 0.5F);
-  Expect<std::int16_t>(AV_SAMPLE_FMT_S16P, {-32768, 16384}, -1.0F, 0.5F);
-  Expect<std::int32_t>(AV_SAMPLE_FMT_S32, {INT32_MIN, 1 << 30}, -1.0F, 0.5F);
-  Expect<std::int64_t>(AV_SAMPLE_FMT_S64P, {INT64_MIN, std::int64_t{1} << 62}, -1.0F, 0.5F);
-  Expect<float>(AV_SAMPLE_FMT_FLT, {-1.0F, 0.5F}, -1.0F, 0.5F);
-  Expect<float>(AV_SAMPLE_FMT_FLTP, {-1.0F, 0.5F}, -1.0F, 0.5F);
-  Expect<double>(AV_SAMPLE_FMT_DBL, {-1.0, 0.5}, -1.0F, 0.5F);
+  ExpectSamples<std::uint8_t>(AV_SAMPLE_FMT_U8, 0, 192);
+  ExpectSamples<std::int16_t>(AV_SAMPLE_FMT_S16, -32768, 16384);
+  ExpectSamples<std::int16_t>(AV_SAMPLE_FMT_S16P, -32768, 16384);
+  ExpectSamples<std::int32_t>(AV_SAMPLE_FMT_S32, INT32_MIN, 1 << 30);
+  ExpectSamples<std::int64_t>(AV_SAMPLE_FMT_S64P, INT64_MIN, std::int64_t{1} << 62);
+  ExpectSamples<float>(AV_SAMPLE_FMT_FLT, -1.0F, 0.5F);
+  ExpectSamples<double>(AV_SAMPLE_FMT_DBL, -1.0, 0.5);
 }
 
 }  // namespace

@@ -2,19 +2,14 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <functional>
 #include <map>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <sys/inotify.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -26,6 +21,7 @@ extern "C" {
 #include "host/ffmpeg/io_deadline.h"
 #include "tests/host/clips.h"
 #include "tests/support/http_server.h"
+#include "tests/support/local_socket.h"
 #include "tests/support/temporary_folder.h"
 
 namespace host {
@@ -41,25 +37,13 @@ class Honeypot {
   explicit Honeypot(const std::filesystem::path& file) : file_(file) {
     Write(SmallClip(), file_);
     EXPECT_GE(::inotify_add_watch(watch_, file_.c_str(), IN_OPEN), 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof(address);
-    auto* const generic = reinterpret_cast<sockaddr*>(&address);
-    EXPECT_EQ(::bind(listener_, generic, size), 0);
-    EXPECT_EQ(::listen(listener_, 64), 0);
-    EXPECT_EQ(::getsockname(listener_, generic, &size), 0);
-    address_ = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
   }
-  ~Honeypot() {
-    ::close(watch_);
-    ::close(listener_);
-  }
+  ~Honeypot() { ::close(watch_); }
   Honeypot(const Honeypot&) = delete;
   Honeypot& operator=(const Honeypot&) = delete;
 
   std::string file() const { return file_.string(); }
-  const std::string& address() const { return address_; }
+  std::string address() const { return listener_.address(); }
   // Since the latest call.
   bool touched() const {
     bool any = false;
@@ -67,7 +51,7 @@ class Honeypot {
     while (::read(watch_, events.data(), events.size()) > 0) {
       any = true;
     }
-    for (int peer = -1; (peer = ::accept(listener_, nullptr, nullptr)) >= 0; any = true) {
+    for (int peer = -1; (peer = listener_.Accept()) >= 0; any = true) {
       ::close(peer);
     }
     return any;
@@ -75,9 +59,8 @@ class Honeypot {
 
  private:
   const std::filesystem::path file_;
-  std::string address_;
   const int watch_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-  const int listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  const LocalSocket listener_{SOCK_STREAM | SOCK_NONBLOCK};
 };
 
 // Writes a text to a pipe or an address of FFmpeg's until it ends, as often as it is taken.
@@ -134,19 +117,6 @@ class Sender {
   std::atomic<int> written_{0};
   std::thread thread_;
 };
-
-int FreePort(int type) {
-  const int descriptor = ::socket(AF_INET, type, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof(address);
-  auto* const generic = reinterpret_cast<sockaddr*>(&address);
-  EXPECT_EQ(::bind(descriptor, generic, length), 0);
-  EXPECT_EQ(::getsockname(descriptor, generic, &length), 0);
-  ::close(descriptor);
-  return ntohs(address.sin_port);
-}
 
 std::string HlsOf(const std::string& target) {
   return "#EXTM3U\n#EXT-X-VERSION:3\n#EXT-X-TARGETDURATION:1\n#EXT-X-MEDIA-SEQUENCE:0\n"
