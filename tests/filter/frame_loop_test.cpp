@@ -104,16 +104,16 @@ TEST_F(FrameLoopTest, FollowsAChangeOfSizeInTheStream) {
   sample->SetMediaType(&smaller);
   std::fill_n(Pixels(sample.Get()), sample->GetSize(), BYTE{180});
   sources_[0]->Send(sample.Get());
-  const ComPtr<IMediaSample> frame = Compose(2 * kFrame + 10000000);
-  EXPECT_EQ(Luma(frame.Get(), 7, 7), 180);
-  EXPECT_EQ(Luma(frame.Get(), 8, 8), 16);
   // A type with the smaller header says nothing of the size.
   CMediaType plain = fakes::Yv12TypeWithPlainHeader(16, 16, kFrame);
   const ComPtr<IMediaSample> next = sources_[0]->NewSample(3 * kFrame, 4 * kFrame);
   next->SetMediaType(&plain);
   std::fill_n(Pixels(next.Get()), next->GetSize(), BYTE{170});
   sources_[0]->Send(next.Get());
-  const ComPtr<IMediaSample> same = Compose(3 * kFrame + 10000000);
+  const ComPtr<IMediaSample> frame = Compose(kFrame + 10000000);
+  EXPECT_EQ(Luma(frame.Get(), 7, 7), 180);
+  EXPECT_EQ(Luma(frame.Get(), 8, 8), 16);
+  const ComPtr<IMediaSample> same = Compose(2 * kFrame + 10000000);
   EXPECT_EQ(Luma(same.Get(), 7, 7), 170);
   EXPECT_EQ(Luma(same.Get(), 8, 8), 16);
 }
