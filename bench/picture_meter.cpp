@@ -1,14 +1,14 @@
 // What it costs to look whether a picture is black or frozen, beside FFmpeg's two filters for that.
 // Both look at a picture that stands still, the case in which nothing can be left out, in turns and
 // in processor time. The ratio counts.
-#include "host/channel/picture/picture_meter.h"
+#include "host/channel/video/picture_meter.h"
 
 #include <vector>
 
 #include <benchmark/benchmark.h>
 
 #include "bench/frame_of.h"
-#include "host/channel/picture/picture_filter.h"
+#include "host/channel/video/picture_filter.h"
 
 namespace {
 

@@ -6,13 +6,13 @@
 #include <string>
 
 #include "fuzz/check.h"
-#include "host/wall/wall_reader.h"
+#include "host/config/wall_reader.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);
-  const host::wall::WallFile file = host::wall::ParseWall(text, "/walls");
+  const host::config::WallFile file = host::config::ParseWall(text, "/walls");
   const auto lines = static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')) + 1;
-  for (const host::wall::Diagnostic& diagnostic : file.diagnostics.all()) {
+  for (const host::config::Diagnostic& diagnostic : file.diagnostics.all()) {
     FUZZ_CHECK(diagnostic.position.line >= 1 && diagnostic.position.line <= lines + 1);
     FUZZ_CHECK(diagnostic.position.column >= 1);
     FUZZ_CHECK(!diagnostic.message.empty());
@@ -20,13 +20,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (!file.usable()) {
     return 0;
   }
-  const host::wall::Canvas& canvas = file.wall.canvas;
+  const host::config::Canvas& canvas = file.wall.canvas;
   FUZZ_CHECK(canvas.width >= 16 && canvas.width <= 8192 && canvas.width % 2 == 0);
   FUZZ_CHECK(canvas.height >= 16 && canvas.height <= 8192 && canvas.height % 2 == 0);
   FUZZ_CHECK(canvas.frameRate.positive() && canvas.aspect.positive());
-  FUZZ_CHECK(!file.wall.channels.empty() && file.wall.channels.size() <= host::wall::kMostChannels);
-  for (const host::wall::Channel& channel : file.wall.channels) {
-    const host::wall::Window& window = channel.window;
+  FUZZ_CHECK(!file.wall.channels.empty() &&
+             file.wall.channels.size() <= host::config::kMostChannels);
+  for (const host::config::Channel& channel : file.wall.channels) {
+    const host::config::Window& window = channel.window;
     FUZZ_CHECK(window.width > 0 && window.height > 0);
     FUZZ_CHECK(window.width % 2 == 0 && window.height % 2 == 0);
     if (channel.selected) {

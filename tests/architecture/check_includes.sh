@@ -22,11 +22,18 @@ render                = render/kernels util platform/text platform/os
 render/kernels        =
 pins                  = media sync log util platform
 filter                = pins render media sync log audio util platform
-host                  = host log util audio sync platform filter/i_compose_command.h pins/streams.h
+host                  = host/cli host/ffmpeg util platform
 host/ffmpeg           = util platform/os host/units.h
-host/channel/source   = util host/ffmpeg host/units.h platform/os/thread.h
-host/channel/picture  = host/channel/source/media_info.h host/ffmpeg host/units.h
-host/channel/sound    = host/channel/source/media_info.h host/channel/alarm_record.h host/graph/audio_type.h host/ffmpeg host/units.h
+host/config           = util platform log host/units.h
+host/feed             = log util platform host/ffmpeg host/units.h pins/streams.h
+host/channel          = host/channel log util platform host/feed host/config host/ffmpeg host/units.h
+host/channel/source   = util host/ffmpeg host/config host/units.h platform/os/thread.h
+host/channel/video    = host/channel/source/media_info.h host/config host/ffmpeg host/units.h
+host/channel/audio    = host/channel/source/media_info.h host/feed audio host/ffmpeg host/units.h
+host/channel/slate    = platform/text util host/units.h
+host/output           = log util platform host/feed host/config host/ffmpeg host/units.h
+host/session          = log util platform host/channel host/output host/feed host/config host/ffmpeg host/units.h filter/i_compose_command.h pins/streams.h
+host/cli              = log util platform host/session host/channel host/output host/feed host/config host/ffmpeg host/units.h
 '
 
 git grep -nE '^#(include|if)' -- 'src/*.h' 'src/*.cpp' | awk -v rules="$rules" '
@@ -73,7 +80,9 @@ git grep -nE '^#(include|if)' -- 'src/*.h' 'src/*.cpp' | awk -v rules="$rules" '
   $3 ~ /^#include <(pango|cairo|fontconfig|glib|ft2build|freetype)/ && from != "platform/text" {
     fault("only platform/text knows the text libraries")
   }
-  $3 ~ /^#include <lib(av|sw)/ && path !~ /^host\// { fault("only host knows FFmpeg") }
+  $3 ~ /^#include <lib(av|sw)/ && path !~ /^host\/(ffmpeg|feed|channel|output|session|cli\/demo)\// {
+    fault("FFmpeg is not known here")
+  }
   $3 ~ /^#include <(sys\/|linux\/|net(db|inet)|arpa\/|(dlfcn|fcntl|poll|pthread|signal|syslog|termios|unistd)\.h)/ &&
       path !~ /^platform\// {
     fault("only src/platform knows the operating system")

@@ -5,8 +5,8 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "host/cli/demo/clip_writer.h"
 #include "host/cli/wall_command.h"
-#include "host/synthetic/clip_writer.h"
 #include "log/logfile_sink.h"
 #include "tests/e2e/wall_harness.h"
 #include "tests/support/child_process.h"

@@ -88,10 +88,10 @@ class IngestTest : public e2e::WallTest {
     host::WriteClip(Recipe(60 * kSecond), file);
     return file;
   }
-  host::wall::ChannelOptions& AddChannel(const std::string& name, const std::string& url) {
+  host::config::ChannelOptions& AddChannel(const std::string& name, const std::string& url) {
     const auto count = static_cast<int>(wall_.wall().channels.size());
     wall_.AddChannel(url, {(count % 4) * 70, count / 4 * 60, 64, 48});
-    host::wall::Channel& channel = wall_.wall().channels.back();
+    host::config::Channel& channel = wall_.wall().channels.back();
     channel.name = name;
     channel.options.openLimit = 3 * kSecond;
     channel.options.readLimit = kSecond;
@@ -289,7 +289,7 @@ TEST_F(IngestTest, AHundredReturnsOfLostSourcesCostNoFrameAndLeaveNothingBehind)
   constexpr int kChannels = 10;
   RtspServer camera(CameraClip());
   for (int i = 0; i < kChannels; ++i) {
-    host::wall::ChannelOptions& options = AddChannel("camera " + std::to_string(i), camera.Url());
+    host::config::ChannelOptions& options = AddChannel("camera " + std::to_string(i), camera.Url());
     options.options["rtsp_transport"] = "tcp";
     options.openLimit = options.readLimit = 10 * kSecond;
     options.hold = kSecond / 10;

@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "host/synthetic/clip_writer.h"
+#include "host/cli/demo/clip_writer.h"
 #include "tests/e2e/wall_harness.h"
 #include "tests/support/wait_until.h"
 
@@ -12,11 +12,11 @@ namespace {
 
 using e2e::TestWall;
 using host::kSecond;
-using Source = host::wall::Label::Source;
+using Source = host::config::Label::Source;
 
 constexpr int kWidth = 320;
 constexpr int kHeight = 240;
-constexpr host::wall::Window kWindow{20, 10, 200, 100};
+constexpr host::config::Window kWindow{20, 10, 200, 100};
 // Labels of this canvas have 8 points.
 constexpr int kLabelTop = 10 + 100 + 2;
 constexpr int kLabelRows = 32;
@@ -38,12 +38,12 @@ class LabelTest : public e2e::WallTest {
     recipe.length = kSecond;
     host::WriteClip(recipe, clip_);
   }
-  void AddChannel(TestWall& wall, const host::wall::Label& label) {
+  void AddChannel(TestWall& wall, const host::config::Label& label) {
     wall.AddChannel(clip_.string(), kWindow);
     wall.wall().channels[0].label = label;
   }
   // One in the middle of the clip.
-  std::vector<std::uint8_t> FrameOf(const host::wall::Label& label) {
+  std::vector<std::uint8_t> FrameOf(const host::config::Label& label) {
     TestWall wall(kWidth, kHeight);
     AddChannel(wall, label);
     return wall.Render().at(20).pixels;

@@ -76,8 +76,8 @@ class NetworkTest : public e2e::WallTest {
       wall_.AddChannel(file.string(), {i * 40, 0, 32, 32});
     }
   }
-  static host::wall::Output To(const std::string& url) {
-    host::wall::Output output;
+  static host::config::Output To(const std::string& url) {
+    host::config::Output output;
     output.url = url;
     output.preset = "ultrafast";
     output.lowDelay = true;
@@ -85,7 +85,7 @@ class NetworkTest : public e2e::WallTest {
     return output;
   }
   // Runs the wall live into the outputs until those at the other end have read enough.
-  void SendTo(const std::vector<host::wall::Output>& outputs,
+  void SendTo(const std::vector<host::config::Output>& outputs,
               const std::function<bool()>& allDone) {
     wall_.wall().outputs = outputs;
     RunLiveUntil(wall_, wall_.SessionSettings(), "a second of the wall has reached its receivers",

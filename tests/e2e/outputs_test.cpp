@@ -11,8 +11,8 @@ namespace {
 using host::kSecond;
 using testing::HasSubstr;
 
-host::wall::Output To(const std::filesystem::path& file) {
-  host::wall::Output output;
+host::config::Output To(const std::filesystem::path& file) {
+  host::config::Output output;
   output.url = file.string();
   output.preset = "ultrafast";
   output.keyFrameInterval = kSecond / 2;
@@ -84,7 +84,7 @@ TEST_F(OutputsTest, TheFilesOfACutRecordingHoldTogetherWhatOneFileWould) {
                         {".mp4", "h264", 2 * kSecond, 0, 3},
                         {".ts", "h264", 0, 60'000, 3},
                         {".mkv", "hevc", kSecond, 0, 6}};
-  std::vector<host::wall::Output> outputs;
+  std::vector<host::config::Output> outputs;
   for (std::size_t i = 0; i < std::size(cases); ++i) {
     const std::string name = "whole" + std::to_string(i) + cases[i].extension;
     for (const bool isCut : {false, true}) {

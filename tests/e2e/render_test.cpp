@@ -4,8 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "host/synthetic/clip_writer.h"
-#include "host/wall/value_text.h"
+#include "host/cli/demo/clip_writer.h"
+#include "host/config/value_text.h"
 #include "tests/e2e/wall_harness.h"
 #include "tests/support/pipe.h"
 #include "tests/support/temporary_folder.h"
@@ -41,7 +41,7 @@ TEST_F(RenderTest, ShowsEveryClipInItsPlaceFromItsFirstPictureOn) {
     const char* name;
     const char* rate;
     double picturesPerSecond;
-    host::wall::Window window;
+    host::config::Window window;
   };
   const Case cases[] = {
       {"slow", "10", 10, {0, 0, 64, 48}},
@@ -76,7 +76,7 @@ TEST_F(RenderTest, ShowsEveryClipInItsPlaceFromItsFirstPictureOn) {
 TEST_F(RenderTest, BeginsWithTheFirstPictureAndShowsEachOnceAtTheRateOfTheSource) {
   for (const char* const rate : {"10/1", "25/2", "24000/1001", "30000/1001", "60/1"}) {
     TestWall wall(64, 48);
-    wall.wall().canvas.frameRate = *host::wall::ParseFrameRate(rate);
+    wall.wall().canvas.frameRate = *host::config::ParseFrameRate(rate);
     const std::string name = "rate" + std::to_string(rate[0]) + std::to_string(rate[1]);
     wall.AddChannel(Clip(name, rate, 30), {0, 0, 60, 44});
     const std::vector<Frame> frames = wall.Render(kSecond);
@@ -146,21 +146,21 @@ TEST_F(RenderTest, ShowsTheAlarmsOfPictureAndSoundInTheMeterWhileTheyLast) {
     const char* name;
     const char* pictures;
     const char* sound;
-    host::wall::Alarm host::wall::AlarmOptions::*alarm;
+    host::config::Alarm host::config::AlarmOptions::*alarm;
     host::Time notBefore = 28 * kSecond / 10;
   };
   // Moving noise; the fault between the seconds 2 and 4.
   const Case cases[] = {
       {"black", "geq=lum='if(between(T,2,4),16,mod(X*N,200)+20)':cb=128:cr=128", "sine=440:d=6",
-       &host::wall::AlarmOptions::black},
+       &host::config::AlarmOptions::black},
       {"freeze", "geq=lum='mod(X*if(between(T,2,4),50,N),200)+20':cb=128:cr=128", "sine=440:d=6",
-       &host::wall::AlarmOptions::freeze},
+       &host::config::AlarmOptions::freeze},
       {"silence", "geq=lum='mod(X*N,200)+20':cb=128:cr=128",
        "aevalsrc='0.3*sin(2*PI*440*t)*not(between(t,2,4))':s=48000:d=6",
-       &host::wall::AlarmOptions::silence},
+       &host::config::AlarmOptions::silence},
       {"clipping", "geq=lum='mod(X*N,200)+20':cb=128:cr=128",
        "aevalsrc='if(between(t,2,4)*lt(mod(t,0.3),0.01),1,0.3)*sin(2*PI*440*t)':s=48000:d=6",
-       &host::wall::AlarmOptions::clipping, 23 * kSecond / 10},
+       &host::config::AlarmOptions::clipping, 23 * kSecond / 10},
   };
   int x = 0;
   for (const Case& c : cases) {
@@ -172,7 +172,7 @@ TEST_F(RenderTest, ShowsTheAlarmsOfPictureAndSoundInTheMeterWhileTheyLast) {
     recipe.length = 6 * kSecond;
     host::WriteClip(recipe, folder_ / (std::string(c.name) + ".mkv"));
     wall_.AddChannel((folder_ / (std::string(c.name) + ".mkv")).string(), {x, 0, 60, 48});
-    host::wall::ChannelOptions& options = wall_.wall().channels.back().options;
+    host::config::ChannelOptions& options = wall_.wall().channels.back().options;
     options.audio.meter = true;
     (options.alarm.*c.alarm).enabled = true;
     (options.alarm.*c.alarm).setAfter = kSecond;
@@ -239,7 +239,7 @@ TEST_F(RenderTest, SaysWhyAMeterIsEmpty) {
   EXPECT_EQ(audio("stopped"), "stopped");
   std::set<std::string> captions;
   for (std::size_t i = 0; i < wall_.wall().channels.size(); ++i) {
-    const host::wall::Channel& channel = wall_.wall().channels[i];
+    const host::config::Channel& channel = wall_.wall().channels[i];
     EXPECT_EQ(wall_.channels().Alarms(channel.name).size(), i < 3 ? 0U : 1U) << channel.name;
     std::string caption;
     for (int y = channel.window.y + 24; y < channel.window.y + 48; ++y) {
@@ -296,7 +296,7 @@ TEST_F(RenderTest, FramesThatCannotBeConvertedCostNoOthers) {
   }
   WriteWholeFile(folder_ / "parts.ts", stream);
   wall_.AddChannel(folder_ / "parts.ts", {0, 0, 64, 64});
-  wall_.wall().channels[0].options.deinterlace = host::wall::DeinterlaceMode::kFrames;
+  wall_.wall().channels[0].options.deinterlace = host::config::DeinterlaceMode::kFrames;
   std::string course;  // bright after the first half of a part, dark before
   for (const Frame& frame : wall_.Render(3 * kSecond)) {
     const int luma = wall_.Luma(frame, 32, 32);

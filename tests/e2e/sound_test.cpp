@@ -69,8 +69,8 @@ class SoundTest : public e2e::WallTest {
   }
   static int WindowX(std::size_t i) { return static_cast<int>(i) % kColumns * kPitch; }
   static int WindowY(std::size_t i) { return static_cast<int>(i) / kColumns * kPitch; }
-  host::wall::Output To(const std::string& name) const {
-    host::wall::Output output;
+  host::config::Output To(const std::string& name) const {
+    host::config::Output output;
     output.url = (folder_ / name).string();
     output.preset = "ultrafast";
     return output;

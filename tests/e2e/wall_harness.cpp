@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "host/synthetic/clip_writer.h"
+#include "host/cli/demo/clip_writer.h"
 #include "platform/os/module.h"
 #include "tests/support/wait_until.h"
 
@@ -41,18 +41,18 @@ TestWall::TestWall(int width, int height) {
   wall_.canvas.width = width;
   wall_.canvas.height = height;
   wall_.canvas.aspect = host::Reduced({width, height});  // square pixels
-  wall_.canvas.background.kind = host::wall::Background::Kind::kColour;
+  wall_.canvas.background.kind = host::config::Background::Kind::kColour;
   wall_.canvas.background.top = {0, 0, 0};  // luma 16
 }
 
-void TestWall::AddChannel(const std::string& source, host::wall::Window window) {
-  host::wall::Channel channel;
+void TestWall::AddChannel(const std::string& source, host::config::Window window) {
+  host::config::Channel channel;
   channel.name = std::filesystem::path(source).stem().string();
   channel.source = source;
   channel.window = window;
-  channel.label.source = host::wall::Label::Source::kNone;
+  channel.label.source = host::config::Label::Source::kNone;
   channel.options.audio.meter = false;
-  for (host::wall::Alarm* const alarm :
+  for (host::config::Alarm* const alarm :
        {&channel.options.alarm.loss, &channel.options.alarm.black, &channel.options.alarm.freeze,
         &channel.options.alarm.silence, &channel.options.alarm.clipping}) {
     alarm->enabled = false;
@@ -102,7 +102,7 @@ std::unique_ptr<host::WallSession> TestWall::MakeLive(host::CompositionSink::Tak
 }
 
 std::vector<host::OutputSet::Status> TestWall::RenderInto(
-    const std::vector<host::wall::Output>& outputs, std::optional<host::Time> length) {
+    const std::vector<host::config::Output>& outputs, std::optional<host::Time> length) {
   wall_.outputs = outputs;
   host::WallSession session(SessionSettings());
   host::WallSession::RenderControl control;

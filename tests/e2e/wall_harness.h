@@ -14,8 +14,8 @@
 
 #include <gtest/gtest.h>
 
+#include "host/config/wall.h"
 #include "host/session/wall_session.h"
-#include "host/wall/wall.h"
 #include "tests/host/observers.h"
 #include "tests/support/recording_logger.h"
 #include "tests/support/temporary_folder.h"
@@ -56,8 +56,8 @@ class TestWall {
  public:
   TestWall(int width, int height);
 
-  void AddChannel(const std::string& source, host::wall::Window window);
-  host::wall::Wall& wall() { return wall_; }
+  void AddChannel(const std::string& source, host::config::Window window);
+  host::config::Wall& wall() { return wall_; }
   host::ChannelLog& channels() { return channels_; }
   host::OutputLog& outputs() { return outputs_; }
   RecordingLogger& logger() { return logger_; }
@@ -67,7 +67,7 @@ class TestWall {
                             std::chrono::milliseconds stallLimit = std::chrono::seconds(20),
                             const std::function<void(host::WallSession&)>& beforeFrame = {});
   // Renders into outputs; what became of each.
-  std::vector<host::OutputSet::Status> RenderInto(const std::vector<host::wall::Output>& outputs,
+  std::vector<host::OutputSet::Status> RenderInto(const std::vector<host::config::Output>& outputs,
                                                   std::optional<host::Time> length = std::nullopt);
   // A session of the wall that runs live.
   std::unique_ptr<host::WallSession> MakeLive(host::CompositionSink::TakeFrame takeFrame);
@@ -77,7 +77,7 @@ class TestWall {
   std::uint8_t Luma(const Frame& frame, int x, int y) const;
 
  private:
-  host::wall::Wall wall_;
+  host::config::Wall wall_;
   host::ChannelLog channels_;
   host::OutputLog outputs_;
   RecordingLogger logger_;

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "host/channel/source/media_reader.h"
-#include "host/synthetic/clip_writer.h"
+#include "host/cli/demo/clip_writer.h"
 
 namespace host {
 

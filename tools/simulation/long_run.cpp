@@ -22,11 +22,11 @@ extern "C" {
 #include <libavutil/samplefmt.h>
 }
 
-#include "host/channel/sound/audio_encoder.h"
-#include "host/channel/sound/audio_format.h"
 #include "host/channel/source/media_reader.h"
+#include "host/feed/audio_encoder.h"
+#include "host/feed/audio_format.h"
+#include "host/feed/picture_type.h"
 #include "host/ffmpeg/error.h"
-#include "host/graph/picture_type.h"
 #include "host/output/muxer.h"
 #include "host/output/output_pass.h"
 #include "host/output/recording_files.h"

@@ -8,8 +8,8 @@ extern "C" {
 #include <libavcodec/packet.h>
 }
 
-#include "host/channel/sound/audio_format.h"
-#include "host/graph/picture_type.h"
+#include "host/feed/audio_format.h"
+#include "host/feed/picture_type.h"
 
 namespace simulation {
 

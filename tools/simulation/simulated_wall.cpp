@@ -13,15 +13,15 @@ extern "C" {
 #include <libavcodec/packet.h>
 }
 
-#include "host/background/background_source.h"
-#include "host/graph/composer_filter.h"
-#include "host/graph/graph_error.h"
-#include "host/graph/picture_type.h"
-#include "host/graph/wall_window.h"
+#include "host/feed/graph_error.h"
+#include "host/feed/picture_type.h"
 #include "host/output/audio_sink.h"
 #include "host/output/composition_sink.h"
 #include "host/output/interleaver.h"
 #include "host/output/packet_queue.h"
+#include "host/session/background_source.h"
+#include "host/session/composer_filter.h"
+#include "host/session/wall_window.h"
 #include "log/i_log_perf.h"
 #include "platform/com/wide_text.h"
 #include "platform/graph/filter_graph.h"

@@ -13,7 +13,7 @@
 #include "host/channel/reopen_delay.h"
 #include "host/channel/source/media_reader.h"
 #include "host/channel/source_session.h"
-#include "host/graph/feed_pin.h"
+#include "host/feed/feed_pin.h"
 
 namespace host {
 

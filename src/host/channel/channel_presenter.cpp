@@ -6,8 +6,8 @@
 #include <thread>
 #include <utility>
 
-#include "host/channel/alarm_record.h"
-#include "host/graph/picture_type.h"
+#include "host/feed/alarm_record.h"
+#include "host/feed/picture_type.h"
 
 namespace host {
 namespace {

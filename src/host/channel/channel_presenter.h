@@ -13,9 +13,9 @@
 #include "host/channel/channel_life.h"
 #include "host/channel/channel_observer.h"
 #include "host/channel/channel_queue.h"
+#include "host/channel/slate/window_text.h"
 #include "host/channel/window_fill.h"
-#include "host/graph/feed_pin.h"
-#include "host/slate/window_text.h"
+#include "host/feed/feed_pin.h"
 #include "host/units.h"
 #include "log/i_log_perf.h"
 

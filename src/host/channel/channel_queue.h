@@ -13,9 +13,9 @@
 #include <string>
 #include <variant>
 
-#include "host/channel/alarm_record.h"
-#include "host/channel/picture/picture_meter.h"
 #include "host/channel/source/media_info.h"
+#include "host/channel/video/picture_meter.h"
+#include "host/feed/alarm_record.h"
 #include "host/units.h"
 #include "platform/com/com_ptr.h"
 #include "platform/dshow/samples.h"

@@ -7,7 +7,7 @@ extern "C" {
 #include <libavcodec/packet.h>
 }
 
-#include "host/graph/picture_type.h"
+#include "host/feed/picture_type.h"
 
 namespace host {
 namespace {

@@ -9,7 +9,7 @@
 #include "host/channel/channel_ingest.h"
 #include "host/channel/channel_presenter.h"
 #include "host/channel/channel_queue.h"
-#include "host/graph/feed_pin.h"
+#include "host/feed/feed_pin.h"
 #include "platform/baseclasses/base_filter.h"
 #include "platform/os/thread.h"
 

@@ -7,14 +7,14 @@
 #include <optional>
 #include <string>
 
+#include "host/channel/audio/audio_road.h"
+#include "host/channel/audio/level_meter.h"
+#include "host/channel/audio/sample_planes.h"
 #include "host/channel/item_placer.h"
-#include "host/channel/picture/picture_converter.h"
-#include "host/channel/picture/picture_meter.h"
-#include "host/channel/sound/audio_road.h"
-#include "host/channel/sound/level_meter.h"
-#include "host/channel/sound/sample_planes.h"
 #include "host/channel/source/media_reader.h"
-#include "host/graph/feed_pin.h"
+#include "host/channel/video/picture_converter.h"
+#include "host/channel/video/picture_meter.h"
+#include "host/feed/feed_pin.h"
 #include "log/i_log_perf.h"
 
 namespace host {

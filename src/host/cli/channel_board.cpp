@@ -89,10 +89,10 @@ std::optional<double> LengthOf(const std::vector<ChannelBoard::Entry>& channels)
   return longest ? std::optional(SecondsOf(*longest)) : std::nullopt;
 }
 
-ChannelBoard::ChannelBoard(const std::vector<wall::Channel>& channels, ChannelObserver& next,
+ChannelBoard::ChannelBoard(const std::vector<config::Channel>& channels, ChannelObserver& next,
                            JsonLines& events)
     : next_(next), events_(events) {
-  for (const wall::Channel& channel : channels) {
+  for (const config::Channel& channel : channels) {
     index_[channel.name] = entries_.size();
     entries_.emplace_back().name = channel.name;
   }

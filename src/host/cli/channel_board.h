@@ -13,7 +13,7 @@
 
 #include "host/channel/channel_observer.h"
 #include "host/cli/json_lines.h"
-#include "host/wall/wall.h"
+#include "host/config/wall.h"
 
 namespace host::cli {
 
@@ -45,7 +45,7 @@ class ChannelBoard final : public ChannelObserver {
   };
 
   // next and events outlive the board.
-  ChannelBoard(const std::vector<wall::Channel>& channels, ChannelObserver& next,
+  ChannelBoard(const std::vector<config::Channel>& channels, ChannelObserver& next,
                JsonLines& events);
 
   void ChannelOpened(const std::string& channel, const MediaInfo& info) override;

@@ -13,8 +13,8 @@ namespace host::cli {
 namespace {
 
 // The severity in red, yellow or cyan, the rest as it is.
-std::string Coloured(const wall::Diagnostic& diagnostic, std::string line) {
-  using Severity = wall::Diagnostic::Severity;
+std::string Coloured(const config::Diagnostic& diagnostic, std::string line) {
+  using Severity = config::Diagnostic::Severity;
   const std::string word = std::string(NameOf(diagnostic.severity)) + ":";
   const char* const colour = diagnostic.severity == Severity::kError     ? "\x1b[1;31m"
                              : diagnostic.severity == Severity::kWarning ? "\x1b[1;33m"
@@ -28,25 +28,25 @@ std::string RateText(Ratio rate) {
   return std::to_string(rate.num) + (rate.den == 1 ? "" : "/" + std::to_string(rate.den));
 }
 
-void PrintJson(const wall::WallFile& file, const std::string& path, std::ostream& out) {
+void PrintJson(const config::WallFile& file, const std::string& path, std::ostream& out) {
   nlohmann::ordered_json report;
   report["file"] = path;
   report["ok"] = file.usable();
   report["diagnostics"] = nlohmann::ordered_json::array();
-  for (const wall::Diagnostic& diagnostic : file.diagnostics.all()) {
+  for (const config::Diagnostic& diagnostic : file.diagnostics.all()) {
     report["diagnostics"].push_back({{"line", diagnostic.position.line},
                                      {"column", diagnostic.position.column},
                                      {"severity", NameOf(diagnostic.severity)},
                                      {"message", diagnostic.message}});
   }
   if (file.usable()) {
-    const wall::Canvas& canvas = file.wall.canvas;
+    const config::Canvas& canvas = file.wall.canvas;
     report["canvas"] = {{"width", canvas.width},
                         {"height", canvas.height},
                         {"frame_rate", RateText(canvas.frameRate)}};
     report["channels"] = nlohmann::ordered_json::array();
-    for (const wall::Channel& channel : file.wall.channels) {
-      const wall::Window& window = channel.window;
+    for (const config::Channel& channel : file.wall.channels) {
+      const config::Window& window = channel.window;
       report["channels"].push_back(
           {{"name", channel.name}, {"window", {window.x, window.y, window.width, window.height}}});
     }
@@ -62,27 +62,27 @@ void DefineCheck(CLI::App& app, CheckOptions& options) {
   app.add_flag("--json", options.json, "print the result as JSON")->envname("TAVREL_JSON");
 }
 
-wall::WallFile LoadWall(const std::filesystem::path& path) {
-  wall::WallFile file = wall::ReadWall(path);
+config::WallFile LoadWall(const std::filesystem::path& path) {
+  config::WallFile file = config::ReadWall(path);
   CheckWall(file, path);
   return file;
 }
 
-bool ReportWall(const wall::WallFile& file, const std::filesystem::path& path, Streams& streams) {
-  for (const wall::Diagnostic& diagnostic : file.diagnostics.all()) {
-    const std::string line = wall::ToText(diagnostic, path.string());
+bool ReportWall(const config::WallFile& file, const std::filesystem::path& path, Streams& streams) {
+  for (const config::Diagnostic& diagnostic : file.diagnostics.all()) {
+    const std::string line = config::ToText(diagnostic, path.string());
     streams.err << (streams.colour ? Coloured(diagnostic, line) : line) << "\n";
   }
   return file.usable();
 }
 
 ExitCode Check(const CheckOptions& options, Streams& streams) {
-  wall::WallFile file = LoadWall(options.wall);
+  config::WallFile file = LoadWall(options.wall);
   CheckEncoders(file);
   if (options.json) {
     PrintJson(file, options.wall.string(), streams.out);
   } else if (ReportWall(file, options.wall, streams)) {
-    const wall::Canvas& canvas = file.wall.canvas;
+    const config::Canvas& canvas = file.wall.canvas;
     const std::size_t channels = file.wall.channels.size();
     streams.out << options.wall.string() << ": OK, " << channels
                 << (channels == 1 ? " channel on " : " channels on ") << canvas.width << "x"

@@ -4,7 +4,7 @@
 #include <filesystem>
 
 #include "host/cli/program.h"
-#include "host/wall/wall_reader.h"
+#include "host/config/wall_reader.h"
 
 namespace host::cli {
 
@@ -20,9 +20,9 @@ ExitCode Check(const CheckOptions& options, Streams& streams);
 
 // Reads a wall file and finds everything that is wrong with it without opening its sources and
 // outputs. For every command that takes a wall file.
-wall::WallFile LoadWall(const std::filesystem::path& path);
+config::WallFile LoadWall(const std::filesystem::path& path);
 
 // Prints the mistakes of a wall file to the error stream; true when the wall can be used.
-bool ReportWall(const wall::WallFile& file, const std::filesystem::path& path, Streams& streams);
+bool ReportWall(const config::WallFile& file, const std::filesystem::path& path, Streams& streams);
 
 }  // namespace host::cli

@@ -5,12 +5,12 @@
 
 #include <CLI/CLI.hpp>
 
+#include "host/cli/demo/clip_writer.h"
 #include "host/cli/wall_command.h"
-#include "host/graph/graph_error.h"
-#include "host/synthetic/clip_writer.h"
-#include "host/wall/layout.h"
-#include "host/wall/value_text.h"
-#include "host/wall/wall.h"
+#include "host/config/layout.h"
+#include "host/config/value_text.h"
+#include "host/config/wall.h"
+#include "host/feed/graph_error.h"
 #include "platform/os/files.h"
 
 namespace host::cli {
@@ -18,7 +18,7 @@ namespace host::cli {
 namespace {
 
 std::string CheckSize(const std::string& text) {
-  std::string range = CLI::Range(wall::kSmallestCanvas, wall::kLargestCanvas)(text);
+  std::string range = CLI::Range(config::kSmallestCanvas, config::kLargestCanvas)(text);
   if (!range.empty()) {
     return range;
   }
@@ -26,7 +26,7 @@ std::string CheckSize(const std::string& text) {
 }
 
 std::string CheckRate(const std::string& text) {
-  const auto rate = wall::ParseFrameRate(text);
+  const auto rate = config::ParseFrameRate(text);
   return rate && rate->value() >= 1 && rate->value() <= 120
              ? std::string()
              : "must be 1 to 120 frames per second, such as 25 or 30000/1001";
@@ -52,21 +52,21 @@ constexpr std::array kLabels{
 constexpr std::array kColours{"#FFFFFF", "#FFE08A", "#9AD8FF", "#FFFFFF", "#B8F5B0",
                               "#FFC2A8", "#FFFFFF", "#E3C8FF", "#FFFFFF"};
 
-wall::Wall DemoWall(const DemoOptions& options, const std::vector<std::filesystem::path>& clips) {
-  wall::Wall wall;
+config::Wall DemoWall(const DemoOptions& options, const std::vector<std::filesystem::path>& clips) {
+  config::Wall wall;
   wall.canvas.width = options.width;
   wall.canvas.height = options.height;
-  wall.canvas.frameRate = *wall::ParseFrameRate(options.frameRate);
+  wall.canvas.frameRate = *config::ParseFrameRate(options.frameRate);
   wall.canvas.aspect = Reduced({options.width, options.height});
   const auto count = static_cast<std::size_t>(options.channels);
-  const auto windows = wall::LayOutWindows(wall.canvas, {}, count, true);
+  const auto windows = config::LayOutWindows(wall.canvas, {}, count, true);
   if (!windows.has_value()) {
     throw GraphError("a canvas of " + std::to_string(options.width) + "x" +
                      std::to_string(options.height) + " has no room for " +
                      std::to_string(options.channels) + " channels");
   }
   for (std::size_t i = 0; i < count; ++i) {
-    wall::Channel channel;
+    config::Channel channel;
     channel.name = "Demo " + std::to_string(i + 1);
     channel.source = clips[i % clips.size()].string();
     channel.window = (*windows)[i];
@@ -109,7 +109,7 @@ void DefineDemo(CLI::App& app, DemoOptions& options) {
   app.add_option("--channels", options.channels, "number of channels")
       ->envname("TAVREL_CHANNELS")
       ->capture_default_str()
-      ->check(CLI::Range(1, static_cast<int>(wall::kMostChannels)));
+      ->check(CLI::Range(1, static_cast<int>(config::kMostChannels)));
   app.add_option("--width", options.width, "of the canvas in pixels, even")
       ->envname("TAVREL_WIDTH")
       ->capture_default_str()

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "host/wall/log_options.h"
+#include "host/config/log_options.h"
 
 namespace CLI {
 class App;
@@ -17,7 +17,7 @@ namespace host::cli {
 
 struct GraphOptions {
   std::filesystem::path library;  // of the composer; empty: beside the program
-  wall::LogOptions log;
+  config::LogOptions log;
 };
 
 // Where the mosaic goes.

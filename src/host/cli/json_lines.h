@@ -5,8 +5,8 @@
 #include <ostream>
 #include <string>
 
-#include "host/output/bounded_queue.h"
 #include "platform/os/thread.h"
+#include "util/bounded_queue.h"
 
 namespace host::cli {
 

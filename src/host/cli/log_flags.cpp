@@ -7,14 +7,14 @@
 #include <CLI/CLI.hpp>
 
 #include "host/cli/graph_options.h"
-#include "host/wall/value_text.h"
+#include "host/config/value_text.h"
 
 namespace host::cli {
 
-void DefineLog(CLI::App& app, wall::LogOptions& options) {
+void DefineLog(CLI::App& app, config::LogOptions& options) {
   constexpr const char* kGroup = "Log";
   app.add_flag_callback(
-         "-v,--verbose", [&options] { options.level = wall::kHighestLogLevel; },
+         "-v,--verbose", [&options] { options.level = config::kHighestLogLevel; },
          "the same as --log-level 3")
       ->envname("TAVREL_VERBOSE")
       ->group(kGroup);
@@ -22,7 +22,7 @@ void DefineLog(CLI::App& app, wall::LogOptions& options) {
                  "0 errors, 1 warnings as well, 2 information, 3 everything "
                  "[0 on the screen, 1 elsewhere]")
       ->envname("TAVREL_LOG_LEVEL")
-      ->check(CLI::Range(0, wall::kHighestLogLevel))
+      ->check(CLI::Range(0, config::kHighestLogLevel))
       ->group(kGroup);
   app.add_option("--log-file", options.file, "keep the messages in a circular file")
       ->envname("TAVREL_LOG_FILE")
@@ -30,9 +30,9 @@ void DefineLog(CLI::App& app, wall::LogOptions& options) {
   app.add_option_function<std::string>(
          "--log-size",
          [&options](const std::string& text) {
-           options.size = wall::ParseByteSize(text);
+           options.size = config::ParseByteSize(text);
            if (!options.size) {
-             throw CLI::ValidationError("--log-size", wall::kByteSizeForm);
+             throw CLI::ValidationError("--log-size", config::kByteSizeForm);
            }
          },
          "bytes of each circular file, 64K or 10M, 0 for no limit [10M]")
@@ -41,9 +41,9 @@ void DefineLog(CLI::App& app, wall::LogOptions& options) {
   app.add_option_function<std::string>(
          "--syslog",
          [&options](const std::string& text) {
-           options.syslog = wall::ParseEndpoint(text);
+           options.syslog = config::ParseEndpoint(text);
            if (!options.syslog) {
-             throw CLI::ValidationError("--syslog", wall::kEndpointForm);
+             throw CLI::ValidationError("--syslog", config::kEndpointForm);
            }
          },
          "send the messages to a syslog server, HOST:PORT")
@@ -59,8 +59,8 @@ void DefineLog(CLI::App& app, wall::LogOptions& options) {
          },
          "seconds between two performance records [10]")
       ->envname("TAVREL_PERF_PERIOD")
-      ->check(SecondsBetween(static_cast<double>(wall::kShortestPerfPeriod) / kSecond,
-                             static_cast<double>(wall::kLongestPerfPeriod) / kSecond))
+      ->check(SecondsBetween(static_cast<double>(config::kShortestPerfPeriod) / kSecond,
+                             static_cast<double>(config::kLongestPerfPeriod) / kSecond))
       ->group(kGroup);
 }
 

@@ -1,7 +1,7 @@
 // The options of a command about its log.
 #pragma once
 
-#include "host/wall/log_options.h"
+#include "host/config/log_options.h"
 
 namespace CLI {
 class App;
@@ -9,6 +9,6 @@ class App;
 
 namespace host::cli {
 
-void DefineLog(CLI::App& app, wall::LogOptions& options);
+void DefineLog(CLI::App& app, config::LogOptions& options);
 
 }  // namespace host::cli

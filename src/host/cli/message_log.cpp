@@ -42,14 +42,14 @@ std::string Describe(const MediaInfo& info) {
 }
 
 // A start alone makes the composer warn twice of every channel: that is for the record.
-std::int32_t ScreenLevel(const wall::LogOptions& options) {
+std::int32_t ScreenLevel(const config::LogOptions& options) {
   return options.level.value_or(qorp::log::kError);
 }
-std::int32_t RecordLevel(const wall::LogOptions& options) {
+std::int32_t RecordLevel(const config::LogOptions& options) {
   return options.level.value_or(qorp::log::kWarning);
 }
 
-qorp::log::LogPerfOptions LoggerOptions(const wall::LogOptions& options) {
+qorp::log::LogPerfOptions LoggerOptions(const config::LogOptions& options) {
   qorp::log::LogPerfOptions logger;
   if (options.perfPeriod) {
     logger.reportPeriod = static_cast<std::uint32_t>(*options.perfPeriod / kMillisecond);
@@ -92,7 +92,7 @@ std::string CheckedPath(const std::filesystem::path& path) {
 // What becomes of the file is itself a message.
 void MessageLog::Configure(std::optional<qorp::log::recovering_logfile_sink>& sink,
                            const std::optional<std::filesystem::path>& path, std::int32_t level,
-                           const wall::LogOptions& options) {
+                           const config::LogOptions& options) {
   if (!path || path->empty()) {
     return;
   }
@@ -134,7 +134,7 @@ void MessageLog::Screen::WipeProgress() {
   progress_.Wipe();
 }
 
-MessageLog::MessageLog(Streams& streams, const wall::LogOptions& options)
+MessageLog::MessageLog(Streams& streams, const config::LogOptions& options)
     : screen_(streams, ScreenLevel(options)), logger_(LoggerOptions(options)) {
   const std::int32_t level = RecordLevel(options);
   Configure(file_, options.file, level, options);

@@ -10,7 +10,7 @@
 #include "host/cli/program.h"
 #include "host/cli/progress_line.h"
 #include "host/cli/resolving_syslog.h"
-#include "host/wall/log_options.h"
+#include "host/config/log_options.h"
 #include "log/log_perf.h"
 #include "log/logfile_sink.h"
 #include "log/sinks.h"
@@ -26,7 +26,7 @@ class MessageLog final : public ChannelObserver {
  public:
   // Throws std::runtime_error when a file cannot be written, is written by another program, or is
   // something else than a log file.
-  MessageLog(Streams& streams, const wall::LogOptions& options);
+  MessageLog(Streams& streams, const config::LogOptions& options);
   // Stops.
   ~MessageLog() override;
 
@@ -72,7 +72,7 @@ class MessageLog final : public ChannelObserver {
   void RouteFfmpeg();
   void Configure(std::optional<qorp::log::recovering_logfile_sink>& sink,
                  const std::optional<std::filesystem::path>& path, std::int32_t level,
-                 const wall::LogOptions& options);
+                 const config::LogOptions& options);
 
   Screen screen_;
   std::optional<qorp::log::recovering_logfile_sink> file_;

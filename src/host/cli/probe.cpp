@@ -8,26 +8,14 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
-extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavutil/frame.h>
-#include <libavutil/pixdesc.h>
-}
-
-#include "host/channel/sound/audio_kind.h"
-#include "host/channel/sound/sample_planes.h"
 #include "host/channel/source/media_reader.h"
 #include "host/cli/graph_options.h"
+#include "host/config/value_text.h"
 #include "host/ffmpeg/mask.h"
-#include "host/wall/value_text.h"
 
 namespace host::cli {
 
 namespace {
-
-// Enough to see fields and colours, short enough for a live source.
-constexpr int kPictures = 12;
-constexpr Time kLength = 2 * kSecond;
 
 std::string Decimal(double value) {
   char text[32];
@@ -35,58 +23,6 @@ std::string Decimal(double value) {
   std::string number = text;
   number.erase(number.find_last_not_of('0') + 1);
   return number.ends_with('.') ? number.substr(0, number.size() - 1) : number;
-}
-
-std::string NameOr(const char* name) {
-  return name != nullptr ? name : "unknown";
-}
-
-void Look(const VideoPicture& picture, ProbeReport& report) {
-  const AVFrame& frame = *picture.frame;
-  ++report.pictures;
-  report.width = frame.width;
-  report.height = frame.height;
-  report.interlaced = report.interlaced || frame.interlaced_frame != 0;
-  report.topFieldFirst = frame.top_field_first != 0;
-  report.colourSpace = NameOr(av_color_space_name(frame.colorspace));
-  report.colourRange = NameOr(av_color_range_name(frame.color_range));
-  report.colourPrimaries = NameOr(av_color_primaries_name(frame.color_primaries));
-  report.colourTransfer = NameOr(av_color_transfer_name(frame.color_trc));
-  report.wideColour = WideColourOf(frame);
-  report.orientation = picture.orientation;
-}
-
-void Listen(const AudioSamples& samples, SamplePlanes& planes, ProbeReport& report) {
-  for (const float* plane : planes.Convert(*samples.frame)) {
-    for (int i = 0; i < samples.frame->nb_samples; ++i) {
-      report.loudest = std::max(report.loudest, static_cast<double>(std::fabs(plane[i])));
-    }
-  }
-}
-
-ProbeReport Examine(MediaReader& reader) {
-  ProbeReport report;
-  report.info = reader.info();
-  report.passesThrough =
-      reader.audioParameters() != nullptr && PassesThrough(reader.audioParameters()->codec_id);
-  SamplePlanes planes;
-  for (Time now = 0; now < kLength;) {
-    const MediaItem item = reader.Read();
-    if (const auto* picture = std::get_if<VideoPicture>(&item)) {
-      Look(*picture, report);
-      now = picture->start;
-      if (report.pictures >= kPictures && !report.info.audio) {
-        break;
-      }
-    } else if (const auto* samples = std::get_if<AudioSamples>(&item)) {
-      Listen(*samples, planes, report);
-      now = report.info.video ? now : samples->start;
-    } else if (std::holds_alternative<EndOfMedia>(item)) {
-      break;
-    }
-  }
-  report.damagedPackets = reader.damagedPackets();
-  return report;
 }
 
 std::string VideoText(const ProbeReport& report) {
@@ -243,7 +179,7 @@ void DefineProbe(CLI::App& app, ProbeOptions& options) {
       ->envname("TAVREL_FRAME_RATE")
       ->capture_default_str()
       ->check([](const std::string& text) {
-        const auto rate = wall::ParseFrameRate(text);
+        const auto rate = config::ParseFrameRate(text);
         return rate && rate->value() >= 1 && rate->value() <= 120
                    ? std::string()
                    : "must be 1 to 120 frames per second, such as 25 or 30000/1001";
@@ -257,7 +193,7 @@ void DefineProbe(CLI::App& app, ProbeOptions& options) {
 
 ExitCode Probe(const ProbeOptions& options, Streams& streams) {
   const std::string source = ffmpeg::MaskUrl(options.source);
-  const Ratio rate = wall::ParseFrameRate(options.frameRate).value_or(Ratio{25, 1});
+  const Ratio rate = config::ParseFrameRate(options.frameRate).value_or(Ratio{25, 1});
   MediaReader::Settings settings;
   settings.source = options.source;
   settings.openLimit = std::chrono::milliseconds(std::lround(options.limit * 1000));

@@ -7,8 +7,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include "host/config/nearest_name.h"
 #include "host/ffmpeg/mask.h"
-#include "host/wall/nearest_name.h"
 
 namespace host::cli {
 
@@ -16,7 +16,7 @@ namespace {
 
 // What was meant by an argument that nobody knows.
 std::string Suggestion(const std::string& written, const std::vector<std::string>& known) {
-  const auto nearest = wall::NearestName(written, known);
+  const auto nearest = config::NearestName(written, known);
   return nearest ? "; did you mean \"" + *nearest + "\"?" : "";
 }
 

@@ -4,9 +4,9 @@
 #include <nlohmann/json.hpp>
 
 #include "host/cli/message_log.h"
-#include "host/graph/composer_filter.h"
-#include "host/graph/graph_error.h"
-#include "host/wall/wall.h"
+#include "host/config/wall.h"
+#include "host/feed/graph_error.h"
+#include "host/session/composer_filter.h"
 #include "platform/com/wide_text.h"
 #include "platform/os/module.h"
 #include "platform/os/registry.h"
@@ -22,7 +22,7 @@ void DefineRegister(CLI::App& app, RegisterOptions& options) {
 void DefinePins(CLI::App& app, PinsOptions& options) {
   app.add_option("--inputs", options.inputs, "number of inputs")
       ->capture_default_str()
-      ->check(CLI::Range(0, static_cast<int>(wall::kMostChannels)));
+      ->check(CLI::Range(0, static_cast<int>(config::kMostChannels)));
   app.add_flag("--json", options.json, "print the result as JSON")->envname("TAVREL_JSON");
   DefineGraph(app, options.graph);
 }

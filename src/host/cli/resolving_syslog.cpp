@@ -29,7 +29,7 @@ std::size_t RoomForText() {
 
 }  // namespace
 
-ResolvingSyslog::ResolvingSyslog(wall::Endpoint server, std::int32_t maxLevel, Report report)
+ResolvingSyslog::ResolvingSyslog(config::Endpoint server, std::int32_t maxLevel, Report report)
     : maxLevel_(maxLevel), room_(RoomForText()) {
   state_->server = std::move(server);
   state_->report = std::move(report);

@@ -9,7 +9,7 @@
 #include <optional>
 #include <string>
 
-#include "host/wall/log_options.h"
+#include "host/config/log_options.h"
 #include "log/i_log_sink.h"
 #include "log/sinks.h"
 #include "platform/os/thread.h"
@@ -27,7 +27,7 @@ class ResolvingSyslog final : public qorp::log::ILogSink {
 
   // Messages beyond maxLevel are left out. report is called once, on the resolving thread, when the
   // first try fails.
-  ResolvingSyslog(wall::Endpoint server, std::int32_t maxLevel, Report report);
+  ResolvingSyslog(config::Endpoint server, std::int32_t maxLevel, Report report);
   // A thread that waits for a name server is detached.
   ~ResolvingSyslog() override;
   ResolvingSyslog(const ResolvingSyslog&) = delete;
@@ -43,7 +43,7 @@ class ResolvingSyslog final : public qorp::log::ILogSink {
   };
   // Shared with the thread.
   struct State {
-    wall::Endpoint server;
+    config::Endpoint server;
     Report report;
     std::mutex lock;
     std::condition_variable changed;

@@ -4,7 +4,7 @@
 
 #include "host/cli/check.h"
 #include "host/cli/wall_command.h"
-#include "host/wall/wall_reader.h"
+#include "host/config/wall_reader.h"
 
 namespace host::cli {
 
@@ -18,7 +18,7 @@ void DefineRun(CLI::App& app, RunOptions& options) {
 }
 
 ExitCode Run(const RunOptions& options, Streams& streams) {
-  const wall::WallFile file = LoadWall(options.wall);
+  const config::WallFile file = LoadWall(options.wall);
   if (!ReportWall(file, options.wall, streams)) {
     return ExitCode::kBadWall;
   }

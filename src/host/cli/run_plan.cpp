@@ -4,13 +4,13 @@
 #include <filesystem>
 #include <system_error>
 
+#include "host/config/file_pattern.h"
+#include "host/config/url.h"
 #include "host/ffmpeg/mask.h"
 #include "host/ffmpeg/pipe_output.h"
 #include "host/output/container.h"
 #include "host/session/wall_check.h"
 #include "host/session/wall_files.h"
-#include "host/wall/file_pattern.h"
-#include "host/wall/url.h"
 #include "platform/os/call_within.h"
 
 namespace host::cli {
@@ -27,15 +27,15 @@ std::string Named(const std::string& argument, const std::string& target) {
 void TakeArguments(const RecordOptions& record, RunPlan& plan) {
   bool formatIsUsed = false;
   for (const std::string& url : record.outputs) {
-    wall::Output output;
-    output.url = wall::LocalPath(url).value_or(url);
+    config::Output output;
+    output.url = config::LocalPath(url).value_or(url);
     if (!record.format.empty() &&
         (record.outputs.size() == 1 || FindContainer("", output.url) == nullptr)) {
       output.format = record.format;
       formatIsUsed = true;
     }
     for (const Finding& finding : CheckOutput(output)) {
-      const bool isMistake = finding.severity == wall::Diagnostic::Severity::kError;
+      const bool isMistake = finding.severity == config::Diagnostic::Severity::kError;
       const std::string text = Named("--output", output.url) + " " +
                                (finding.key == "url" ? "" : "\"" + finding.key + "\" ") +
                                finding.what;
@@ -50,14 +50,14 @@ void TakeArguments(const RecordOptions& record, RunPlan& plan) {
 }
 
 bool Exists(const std::string& url) {
-  const std::optional<std::string> path = wall::LocalPath(url);
+  const std::optional<std::string> path = config::LocalPath(url);
   std::error_code ignored;
-  return path && std::filesystem::is_regular_file(wall::ExpandFileName(*path), ignored);
+  return path && std::filesystem::is_regular_file(config::ExpandFileName(*path), ignored);
 }
 
 void KeepFiles(const WallCommand& command, RunPlan& plan) {
   constexpr const char* kHowTo = " exists; name another file, or replace it with --overwrite";
-  for (const wall::Output& output : plan.outputs) {
+  for (const config::Output& output : plan.outputs) {
     if (!output.overwrite && Exists(output.url)) {
       plan.mistakes.push_back(Named("the output", output.url) + kHowTo);
     }
@@ -78,7 +78,7 @@ RunPlan PlanRun(const WallCommand& command) {
   if (!files.outputsAreArguments) {
     plan.outputs = command.wall.outputs;
   }
-  for (wall::Output& output : plan.outputs) {
+  for (config::Output& output : plan.outputs) {
     output.overwrite = output.overwrite || record.overwrite;
     plan.toStandardOutput =
         plan.toStandardOutput || ffmpeg::PipeOutput::IsStandardOutput(output.url);
@@ -92,7 +92,7 @@ RunPlan PlanRun(const WallCommand& command) {
   files.wallFile = command.wallFile;
   files.outputs = plan.outputs;
   files.logArguments = command.graph.log;
-  files.log = wall::FirstOf(command.graph.log, command.wall.log);
+  files.log = config::FirstOf(command.graph.log, command.wall.log);
   files.snapshot = record.snapshot;
   files.library = command.graph.library;
   using Clashes = std::vector<WallFiles::Clash>;

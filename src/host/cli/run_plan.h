@@ -5,15 +5,15 @@
 #include <vector>
 
 #include "host/cli/wall_command.h"
-#include "host/wall/wall.h"
+#include "host/config/wall.h"
 
 namespace host::cli {
 
 struct RunPlan {
-  std::vector<wall::Output> outputs;  // those of the arguments, otherwise those of the wall
-  bool toStandardOutput = false;      // one of them is the standard output
-  std::vector<std::string> mistakes;  // sentences; with one, nothing may be opened
-  std::vector<std::string> remarks;   // warnings and notes about the arguments
+  std::vector<config::Output> outputs;  // those of the arguments, otherwise those of the wall
+  bool toStandardOutput = false;        // one of them is the standard output
+  std::vector<std::string> mistakes;    // sentences; with one, nothing may be opened
+  std::vector<std::string> remarks;     // warnings and notes about the arguments
 };
 
 // Looks at the arguments, at the files that exist and at all that the wall opens; opens nothing.

@@ -6,9 +6,9 @@
 #include <mutex>
 #include <optional>
 
+#include "host/config/wall.h"
 #include "host/output/snapshot.h"
 #include "host/units.h"
-#include "host/wall/wall.h"
 #include "platform/com/com_ptr.h"
 #include "platform/dshow/samples.h"
 
@@ -36,7 +36,7 @@ class SnapshotFrame {
   }
 
   // Throws when the file cannot be written; false when there never was a frame.
-  bool Write(const std::filesystem::path& file, const wall::Canvas& canvas) {
+  bool Write(const std::filesystem::path& file, const config::Canvas& canvas) {
     const std::lock_guard guard(lock_);
     BYTE* pixels = nullptr;
     if (!frame_ || FAILED(frame_->GetPointer(&pixels))) {

@@ -6,12 +6,12 @@
 
 #include "host/cli/graph_options.h"
 #include "host/cli/program.h"
-#include "host/wall/wall.h"
+#include "host/config/wall.h"
 
 namespace host::cli {
 
 struct WallCommand {
-  wall::Wall wall;
+  config::Wall wall;
   GraphOptions graph;
   RecordOptions record;
   bool live = false;

@@ -7,8 +7,8 @@ extern "C" {
 #include <libavcodec/packet.h>
 }
 
+#include "host/feed/audio_type.h"
 #include "host/ffmpeg/time_unit.h"
-#include "host/graph/audio_type.h"
 #include "platform/com/wide_text.h"
 
 namespace host {

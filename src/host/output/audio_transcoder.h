@@ -4,8 +4,8 @@
 #include <functional>
 #include <memory>
 
-#include "host/channel/sound/audio_encoder.h"
-#include "host/channel/sound/audio_format.h"
+#include "host/feed/audio_encoder.h"
+#include "host/feed/audio_format.h"
 #include "host/ffmpeg/handles.h"
 
 namespace host {

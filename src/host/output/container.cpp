@@ -11,8 +11,8 @@ extern "C" {
 #include <libavutil/opt.h>
 }
 
-#include "host/wall/nearest_name.h"
-#include "host/wall/url.h"
+#include "host/config/nearest_name.h"
+#include "host/config/url.h"
 
 namespace host {
 namespace {
@@ -56,7 +56,7 @@ void AddNames(const AVClass* const options, int flag, std::vector<std::string>& 
 
 // The protocols that one stands upon take its options, too.
 std::vector<const char*> ProtocolsOf(const std::string& url) {
-  const std::optional<wall::Url> parsed = wall::ParseUrl(url);
+  const std::optional<config::Url> parsed = config::ParseUrl(url);
   if (!parsed) {
     return {};
   }
@@ -77,7 +77,7 @@ const AVOutputFormat* FindContainer(const std::string& format, const std::string
   if (!format.empty()) {
     return av_guess_format(format.c_str(), nullptr, nullptr);
   }
-  if (const std::optional<wall::Url> parsed = wall::ParseUrl(url)) {
+  if (const std::optional<config::Url> parsed = config::ParseUrl(url)) {
     if (const char* const name = FormatOfScheme(parsed->scheme)) {
       return av_guess_format(name, nullptr, nullptr);
     }
@@ -95,7 +95,7 @@ std::optional<std::string> NearestContainer(const std::string& name) {
   while (const AVOutputFormat* const container = av_muxer_iterate(&position)) {
     names.emplace_back(container->name);
   }
-  return wall::NearestName(name, names);
+  return config::NearestName(name, names);
 }
 
 std::optional<Recording> RecordingIn(const AVOutputFormat& container) {
@@ -180,7 +180,7 @@ std::map<std::string, std::optional<std::string>> UnknownOptions(
   std::map<std::string, std::optional<std::string>> unknown;
   for (const auto& [key, value] : options) {
     if (std::find(known.begin(), known.end(), key) == known.end()) {
-      unknown[key] = wall::NearestName(key, known);
+      unknown[key] = config::NearestName(key, known);
     }
   }
   return unknown;

@@ -12,11 +12,11 @@ extern "C" {
 #include <libavutil/opt.h>
 }
 
+#include "host/config/url.h"
 #include "host/ffmpeg/error.h"
 #include "host/ffmpeg/mask.h"
 #include "host/ffmpeg/time_unit.h"
 #include "host/output/container.h"
-#include "host/wall/url.h"
 
 namespace host {
 
@@ -149,7 +149,7 @@ std::size_t Muxer::AddAudio(const AVCodecParameters& parameters, const std::stri
 }
 
 bool Muxer::writesFile() const {
-  return (output_->oformat->flags & AVFMT_NOFILE) == 0 && wall::LocalPath(settings_.url) &&
+  return (output_->oformat->flags & AVFMT_NOFILE) == 0 && config::LocalPath(settings_.url) &&
          !ffmpeg::PipeOutput::Serves(settings_.url);
 }
 
@@ -186,8 +186,8 @@ void Muxer::Open(ffmpeg::Options& options) {
 }
 
 void Muxer::Connect(ffmpeg::Options& options) {
-  const std::optional<wall::Url> url = wall::ParseUrl(settings_.url);
-  if (url && wall::Listens(*url, settings_.options)) {
+  const std::optional<config::Url> url = config::ParseUrl(settings_.url);
+  if (url && config::Listens(*url, settings_.options)) {
     // A port that is closed now and then refuses viewers that come meanwhile.
     deadline_.Disarm();
   }

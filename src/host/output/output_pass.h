@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "host/channel/sound/audio_format.h"
+#include "host/feed/audio_format.h"
 #include "host/output/audio_transcoder.h"
 #include "host/output/interleaver.h"
 #include "host/output/muxer.h"

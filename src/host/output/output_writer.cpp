@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "host/wall/url.h"
+#include "host/config/url.h"
 
 namespace host {
 
@@ -20,7 +20,7 @@ OutputWriter::OutputWriter(Output::Settings given, ffmpeg::Parameters video,
     logger_->RegisterPin(settings.pin.c_str());
   }
   const std::string& url = settings.pass.muxer.url;
-  if (wall::LocalPath(url) && !ffmpeg::PipeOutput::Serves(url)) {
+  if (config::LocalPath(url) && !ffmpeg::PipeOutput::Serves(url)) {
     recording_.emplace(url, settings.existing);
   }
 }

@@ -11,13 +11,13 @@
 #include <string>
 #include <vector>
 
-#include "host/output/bounded_queue.h"
 #include "host/output/video_encoder.h"
 #include "host/units.h"
 #include "log/i_log_perf.h"
 #include "platform/com/com_ptr.h"
 #include "platform/dshow/samples.h"
 #include "platform/os/thread.h"
+#include "util/bounded_queue.h"
 
 namespace host {
 

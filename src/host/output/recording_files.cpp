@@ -9,8 +9,8 @@ extern "C" {
 #include <libavutil/error.h>
 }
 
+#include "host/config/file_pattern.h"
 #include "host/ffmpeg/error.h"
-#include "host/wall/file_pattern.h"
 
 namespace host {
 namespace {
@@ -43,7 +43,7 @@ RecordingFiles::RecordingFiles(std::string path, Existing existing)
     : path_(std::move(path)), existing_(existing) {}
 
 std::string RecordingFiles::Name() const {
-  return wall::ExpandFileName(path_);
+  return config::ExpandFileName(path_);
 }
 
 std::string RecordingFiles::NextName() {

@@ -24,7 +24,7 @@ class RecordingFiles {
     kRefused,   // ... is a failure
   };
 
-  // path: see wall::ExpandFileName.
+  // path: see config::ExpandFileName.
   RecordingFiles(std::string path, Existing existing);
 
   // Creates the next file. Throws ffmpeg::Error.

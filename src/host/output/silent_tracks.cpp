@@ -9,7 +9,7 @@ extern "C" {
 #include <libavutil/samplefmt.h>
 }
 
-#include "host/channel/sound/audio_encoder.h"
+#include "host/feed/audio_encoder.h"
 #include "host/ffmpeg/error.h"
 
 namespace host {

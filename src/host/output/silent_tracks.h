@@ -6,7 +6,7 @@
 #include <functional>
 #include <map>
 
-#include "host/channel/sound/audio_format.h"
+#include "host/feed/audio_format.h"
 #include "host/ffmpeg/handles.h"
 #include "host/units.h"
 

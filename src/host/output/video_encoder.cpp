@@ -13,9 +13,9 @@ extern "C" {
 #include <libavutil/opt.h>
 }
 
+#include "host/config/nearest_name.h"
 #include "host/ffmpeg/error.h"
 #include "host/ffmpeg/time_unit.h"
-#include "host/wall/nearest_name.h"
 
 namespace host {
 
@@ -80,7 +80,7 @@ std::optional<std::string> NearestVideoCodec(const std::string& name) {
       names.emplace_back(codec->name);
     }
   }
-  return wall::NearestName(name, names);
+  return config::NearestName(name, names);
 }
 
 Time KeyframeInterval(const VideoEncoder::Settings& settings) {

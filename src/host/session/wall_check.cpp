@@ -11,20 +11,20 @@ extern "C" {
 #include <libavutil/opt.h>
 }
 
+#include "host/config/file_pattern.h"
+#include "host/config/nearest_name.h"
+#include "host/config/url.h"
 #include "host/ffmpeg/error.h"
 #include "host/ffmpeg/pipe_output.h"
 #include "host/output/container.h"
 #include "host/output/video_encoder.h"
 #include "host/session/wall_files.h"
 #include "host/session/wall_outputs.h"
-#include "host/wall/file_pattern.h"
-#include "host/wall/nearest_name.h"
-#include "host/wall/url.h"
 
 namespace host {
 namespace {
 
-using Severity = wall::Diagnostic::Severity;
+using Severity = config::Diagnostic::Severity;
 
 std::string Quoted(const std::string& text) {
   return "\"" + text + "\"";
@@ -63,13 +63,13 @@ std::vector<std::string> Schemes(bool isOutput) {
   return names;
 }
 
-void CheckAddress(const wall::Url& url, const std::string& key, bool isOutput, bool listens,
+void CheckAddress(const config::Url& url, const std::string& key, bool isOutput, bool listens,
                   Findings& findings) {
   static constexpr std::array kWithPort = {"udp", "udplite", "rtp", "srt", "tcp", "rist"};
   const std::vector<std::string> schemes = Schemes(isOutput);
   if (std::find(schemes.begin(), schemes.end(), url.scheme) == schemes.end()) {
     findings.Error(key, "has the unknown scheme " + Quoted(url.scheme) +
-                            DidYouMean(wall::NearestName(url.scheme, schemes)));
+                            DidYouMean(config::NearestName(url.scheme, schemes)));
     return;
   }
   const bool needsPort =
@@ -84,7 +84,7 @@ void CheckAddress(const wall::Url& url, const std::string& key, bool isOutput, b
   }
 }
 
-void CheckCodec(const wall::Output& output, const AVOutputFormat* container, Findings& findings) {
+void CheckCodec(const config::Output& output, const AVOutputFormat* container, Findings& findings) {
   const AVCodec* const encoder = FindVideoEncoder(output.codec);
   if (encoder == nullptr) {
     const std::optional<std::string> nearest = NearestVideoCodec(output.codec);
@@ -110,7 +110,8 @@ void CheckCodec(const wall::Output& output, const AVOutputFormat* container, Fin
   }
 }
 
-void CheckOptions(const wall::Output& output, const AVOutputFormat& container, Findings& findings) {
+void CheckOptions(const config::Output& output, const AVOutputFormat& container,
+                  Findings& findings) {
   for (const auto& [name, nearest] : UnknownOptions(container, output.url, output.options)) {
     findings.Error("options." + name, "is an option that neither " + std::string(container.name) +
                                           " nor its protocol knows" + DidYouMean(nearest));
@@ -118,16 +119,16 @@ void CheckOptions(const wall::Output& output, const AVOutputFormat& container, F
 }
 
 // What is for files only, and what becomes of them.
-void CheckRecording(const wall::Output& output, const AVOutputFormat* container,
+void CheckRecording(const config::Output& output, const AVOutputFormat* container,
                     Findings& findings) {
-  const std::optional<std::string> path = wall::LocalPath(output.url);
+  const std::optional<std::string> path = config::LocalPath(output.url);
   const bool isFile = path && !ffmpeg::PipeOutput::Serves(*path);
   if (isFile) {
     if (const auto mistake =
-            wall::PatternMistake(std::filesystem::path(*path).filename().string())) {
+            config::PatternMistake(std::filesystem::path(*path).filename().string())) {
       findings.Error("url", *mistake);
     } else if (container != nullptr && std::strcmp(container->name, "hls") == 0 &&
-               wall::ExpandFileName(*path).find('%') != std::string::npos) {
+               config::ExpandFileName(*path).find('%') != std::string::npos) {
       findings.Error("url", "has a percent sign in its path, where HLS cannot be written");
     }
   }
@@ -155,11 +156,11 @@ void CheckRecording(const wall::Output& output, const AVOutputFormat* container,
 
 }  // namespace
 
-std::vector<Finding> CheckOutput(const wall::Output& output) {
+std::vector<Finding> CheckOutput(const config::Output& output) {
   Findings findings;
-  const std::optional<wall::Url> url = wall::ParseUrl(output.url);
-  if (url && !wall::LocalPath(output.url)) {
-    const bool listens = wall::Listens(*url, output.options);
+  const std::optional<config::Url> url = config::ParseUrl(output.url);
+  if (url && !config::LocalPath(output.url)) {
+    const bool listens = config::Listens(*url, output.options);
     CheckAddress(*url, "url", true, listens, findings);
     if (url->scheme == "srt" && listens) {
       findings.Note("url",
@@ -182,11 +183,11 @@ std::vector<Finding> CheckOutput(const wall::Output& output) {
   return findings.Take();
 }
 
-std::vector<Finding> CheckSource(const wall::Channel& channel) {
+std::vector<Finding> CheckSource(const config::Channel& channel) {
   Findings findings;
-  const std::optional<wall::Url> url = wall::ParseUrl(channel.source);
-  if (url && !wall::LocalPath(channel.source)) {
-    const bool listens = wall::Listens(*url, channel.options.options);
+  const std::optional<config::Url> url = config::ParseUrl(channel.source);
+  if (url && !config::LocalPath(channel.source)) {
+    const bool listens = config::Listens(*url, channel.options.options);
     CheckAddress(*url, "source", false, listens, findings);
     if (listens) {
       findings.Note("source", "waits for its sender at port " +
@@ -205,10 +206,10 @@ std::vector<Finding> CheckSource(const wall::Channel& channel) {
   return findings.Take();
 }
 
-void CheckEncoders(wall::WallFile& file) {
+void CheckEncoders(config::WallFile& file) {
   const auto pixels = static_cast<std::size_t>(file.wall.canvas.width) *
                       static_cast<std::size_t>(file.wall.canvas.height);
-  for (const wall::Output& output : file.wall.outputs) {
+  for (const config::Output& output : file.wall.outputs) {
     if (FindVideoEncoder(output.codec) == nullptr) {
       continue;
     }
@@ -228,27 +229,27 @@ void CheckEncoders(wall::WallFile& file) {
   file.diagnostics.Sort();
 }
 
-void CheckWall(wall::WallFile& file, const std::filesystem::path& path) {
-  const auto add = [&](const std::vector<Finding>& findings, const wall::Places& places) {
+void CheckWall(config::WallFile& file, const std::filesystem::path& path) {
+  const auto add = [&](const std::vector<Finding>& findings, const config::Places& places) {
     for (const Finding& finding : findings) {
       const auto place = places.find(finding.key);
       // Where the key is not given, its default does not suit the one that is.
-      const wall::Position position = place != places.end()       ? place->second
-                                      : places.contains("url")    ? places.find("url")->second
-                                      : places.contains("source") ? places.find("source")->second
-                                                                  : wall::Position();
+      const config::Position position = place != places.end()       ? place->second
+                                        : places.contains("url")    ? places.find("url")->second
+                                        : places.contains("source") ? places.find("source")->second
+                                                                    : config::Position();
       const std::string key = finding.key.starts_with("options.")
                                   ? finding.key.substr(std::strlen("options."))
                                   : finding.key;
       file.diagnostics.Add({finding.severity, position, Quoted(key) + " " + finding.what});
     }
   };
-  for (const wall::Channel& channel : file.wall.channels) {
+  for (const config::Channel& channel : file.wall.channels) {
     if (!channel.source.empty()) {
       add(CheckSource(channel), channel.places);
     }
   }
-  for (const wall::Output& output : file.wall.outputs) {
+  for (const config::Output& output : file.wall.outputs) {
     if (!output.url.empty()) {
       add(CheckOutput(output), output.places);
     }
@@ -258,7 +259,7 @@ void CheckWall(wall::WallFile& file, const std::filesystem::path& path) {
   run.outputs = file.wall.outputs;
   run.log = file.wall.log;
   for (WallFiles::Clash clash : FilesOf(file.wall, run).Clashes()) {
-    const wall::Position position = clash.written.place.value_or(wall::Position());
+    const config::Position position = clash.written.place.value_or(config::Position());
     clash.written.place.reset();
     file.diagnostics.Error(position, ToText(clash, path));
   }

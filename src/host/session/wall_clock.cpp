@@ -3,7 +3,7 @@
 #include <chrono>
 #include <memory>
 
-#include "host/graph/graph_error.h"
+#include "host/feed/graph_error.h"
 
 namespace host {
 namespace {

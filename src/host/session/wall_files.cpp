@@ -5,10 +5,10 @@
 #include <string_view>
 #include <system_error>
 
+#include "host/config/file_pattern.h"
+#include "host/config/url.h"
 #include "host/ffmpeg/mask.h"
 #include "host/ffmpeg/pipe_output.h"
-#include "host/wall/file_pattern.h"
-#include "host/wall/url.h"
 
 namespace host {
 namespace {
@@ -99,7 +99,7 @@ std::string Of(const std::map<std::string, std::string>& options, const char* ke
 }
 
 std::optional<Address> AddressOf(const WallFiles::Use& use, bool isWritten) {
-  const std::optional<wall::Url> url = wall::ParseUrl(use.target);
+  const std::optional<config::Url> url = config::ParseUrl(use.target);
   const std::optional<int> port = url ? url->portNumber() : std::nullopt;
   if (!port) {
     return {};
@@ -135,7 +135,7 @@ bool IsSameAddress(const WallFiles::Use& written, const WallFiles::Use& other,
   const std::optional<Address> a = AddressOf(written, true);
   const std::optional<Address> b = AddressOf(other, otherIsWritten);
   if (!a || !b || a->kind != b->kind || a->firstPort > b->lastPort || b->firstPort > a->lastPort) {
-    return written.target == other.target && wall::ParseUrl(written.target).has_value();
+    return written.target == other.target && config::ParseUrl(written.target).has_value();
   }
   if (a->listens && b->listens) {
     return a->host == b->host || IsAnyHost(a->host) || IsAnyHost(b->host);
@@ -148,11 +148,11 @@ bool IsSameAddress(const WallFiles::Use& written, const WallFiles::Use& other,
 
 // The file that a use opens; none when it opens none.
 std::optional<fs::path> FileOf(const WallFiles::Use& use, bool isWritten) {
-  if (wall::IsProcessStream(use.target)) {
+  if (config::IsProcessStream(use.target)) {
     return isWritten ? kStandardOutput : kStandardInput;
   }
-  const std::optional<std::string> path = wall::LocalPath(use.target);
-  return path ? std::optional<fs::path>(isWritten ? wall::ExpandFileName(*path) : *path)
+  const std::optional<std::string> path = config::LocalPath(use.target);
+  return path ? std::optional<fs::path>(isWritten ? config::ExpandFileName(*path) : *path)
               : std::nullopt;
 }
 
@@ -168,7 +168,7 @@ bool IsSame(const WallFiles::Use& written, const WallFiles::Use& other, bool oth
           ffmpeg::PipeOutput::IsStandardOutput(other.target));
 }
 
-std::optional<wall::Position> PlaceOf(const wall::Places& places, const char* key) {
+std::optional<config::Position> PlaceOf(const config::Places& places, const char* key) {
   const auto place = places.find(key);
   return place == places.end() ? std::nullopt : std::optional(place->second);
 }
@@ -209,36 +209,36 @@ std::vector<WallFiles::Clash> WallFiles::Clashes() const {
   return clashes;
 }
 
-std::vector<std::string> NamesBeside(const wall::Output& output) {
-  const std::optional<std::string> path = wall::LocalPath(output.url);
+std::vector<std::string> NamesBeside(const config::Output& output) {
+  const std::optional<std::string> path = config::LocalPath(output.url);
   if (!path || (output.format.empty() ? !path->ends_with(".m3u8") : output.format != "hls")) {
     return {};
   }
-  const std::string stem = fs::path(wall::ExpandFileName(*path)).stem().string();
+  const std::string stem = fs::path(config::ExpandFileName(*path)).stem().string();
   return {stem + ".m3u8.part", stem + "_video.m3u8", stem + "_sound*.m3u8", stem + "_video_*.ts",
           stem + "_sound*_*.ts"};
 }
 
-WallFiles FilesOf(const wall::Wall& wall, const RunFiles& run) {
+WallFiles FilesOf(const config::Wall& wall, const RunFiles& run) {
   WallFiles files;
   if (!run.wallFile.empty()) {
     files.Reads({"the wall file", run.wallFile.string(), {}, {}, {}});
   }
-  if (wall.canvas.background.kind == wall::Background::Kind::kPicture) {
+  if (wall.canvas.background.kind == config::Background::Kind::kPicture) {
     files.Reads({"the background",
                  wall.canvas.background.picture.string(),
                  PlaceOf(wall.canvas.places, "background"),
                  {},
                  {}});
   }
-  for (const wall::Channel& channel : wall.channels) {
+  for (const config::Channel& channel : wall.channels) {
     const std::string name = " of channel \"" + channel.name + "\"";
     files.Reads({"the source" + name,
                  channel.source,
                  PlaceOf(channel.places, "source"),
                  channel.options.options,
                  {}});
-    if (channel.label.source == wall::Label::Source::kFile) {
+    if (channel.label.source == config::Label::Source::kFile) {
       files.Reads({"the label file" + name,
                    channel.label.file.string(),
                    PlaceOf(channel.places, "label_file"),
@@ -251,7 +251,7 @@ WallFiles FilesOf(const wall::Wall& wall, const RunFiles& run) {
   }
   bool toStandardOutput = false;
   for (std::size_t i = 0; i < run.outputs.size(); ++i) {
-    const wall::Output& output = run.outputs[i];
+    const config::Output& output = run.outputs[i];
     toStandardOutput = toStandardOutput || ffmpeg::PipeOutput::IsStandardOutput(output.url);
     files.Writes({run.outputsAreArguments ? "--output" : "output " + std::to_string(i + 1),
                   output.url, PlaceOf(output.places, "url"), output.options, NamesBeside(output)});

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "host/wall/wall.h"
+#include "host/config/wall.h"
 
 namespace host {
 
@@ -18,9 +18,9 @@ namespace host {
 class WallFiles {
  public:
   struct Use {
-    std::string what;                     // "output 1", "the source of channel \"A\"", "--log-file"
-    std::string target;                   // a path, a URL or a stream of the process
-    std::optional<wall::Position> place;  // in the wall file; none: not named there
+    std::string what;    // "output 1", "the source of channel \"A\"", "--log-file"
+    std::string target;  // a path, a URL or a stream of the process
+    std::optional<config::Position> place;       // in the wall file; none: not named there
     std::map<std::string, std::string> options;  // of the protocol
     std::vector<std::string> beside;  // names with "*" of further files in the same folder
   };
@@ -43,21 +43,21 @@ class WallFiles {
 
 // What a run is given besides its wall.
 struct RunFiles {
-  std::filesystem::path wallFile;     // empty: none
-  std::vector<wall::Output> outputs;  // those that are written
-  bool outputsAreArguments = false;   // ... and not those of the wall file
-  wall::LogOptions log;               // what is used
-  wall::LogOptions logArguments;      // ... of which these are arguments
-  std::filesystem::path snapshot;     // empty: none
-  std::filesystem::path library;      // of the composer; empty: not named
+  std::filesystem::path wallFile;       // empty: none
+  std::vector<config::Output> outputs;  // those that are written
+  bool outputsAreArguments = false;     // ... and not those of the wall file
+  config::LogOptions log;               // what is used
+  config::LogOptions logArguments;      // ... of which these are arguments
+  std::filesystem::path snapshot;       // empty: none
+  std::filesystem::path library;        // of the composer; empty: not named
 };
-WallFiles FilesOf(const wall::Wall& wall, const RunFiles& run);
+WallFiles FilesOf(const config::Wall& wall, const RunFiles& run);
 
 // "output 1 (\"rec/a.mkv\") is the same file as the source of channel \"A\" (\"a.mkv\",
 // wall.toml:5:10)"
 std::string ToText(const WallFiles::Clash& clash, const std::filesystem::path& wallFile);
 
 // Names that an HLS output writes beside its playlist, with "*" for what they count.
-std::vector<std::string> NamesBeside(const wall::Output& output);
+std::vector<std::string> NamesBeside(const config::Output& output);
 
 }  // namespace host

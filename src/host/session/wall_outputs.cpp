@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <iterator>
 
+#include "host/config/url.h"
 #include "host/ffmpeg/mask.h"
-#include "host/wall/url.h"
 
 namespace host {
 namespace {
@@ -19,7 +19,7 @@ constexpr Time kRenderedFormatLimit = 5 * kSecond;
 
 }  // namespace
 
-VideoEncoder::Settings EncoderOf(const wall::Canvas& canvas, const wall::Output& output,
+VideoEncoder::Settings EncoderOf(const config::Canvas& canvas, const config::Output& output,
                                  bool live) {
   VideoEncoder::Settings encoder;
   encoder.width = canvas.width;
@@ -38,8 +38,8 @@ VideoEncoder::Settings EncoderOf(const wall::Canvas& canvas, const wall::Output&
 
 namespace {
 
-bool LeadsIntoNetwork(const wall::Output& output) {
-  return !wall::LocalPath(output.url) || output.format == "hls" || output.url.ends_with(".m3u8");
+bool LeadsIntoNetwork(const config::Output& output) {
+  return !config::LocalPath(output.url) || output.format == "hls" || output.url.ends_with(".m3u8");
 }
 
 // One encoder for a network and a file costs half of two.
@@ -55,7 +55,7 @@ void ShareMaxRates(std::vector<OutputSet::Item>& items) {
   }
 }
 
-OutputSet::Item ItemOf(const wall::Canvas& canvas, const wall::Output& output, bool live) {
+OutputSet::Item ItemOf(const config::Canvas& canvas, const config::Output& output, bool live) {
   OutputSet::Item item;
   item.name = ffmpeg::MaskUrl(output.url);
   ffmpeg::RememberSecrets(output.url, output.options);
@@ -80,11 +80,11 @@ OutputSet::Item ItemOf(const wall::Canvas& canvas, const wall::Output& output, b
 
 }  // namespace
 
-OutputSet::Settings OutputsOfWall(const wall::Wall& wall, bool live) {
+OutputSet::Settings OutputsOfWall(const config::Wall& wall, bool live) {
   OutputSet::Settings settings;
   settings.live = live;
   settings.frameRate = wall.canvas.frameRate;
-  for (const wall::Output& output : wall.outputs) {
+  for (const config::Output& output : wall.outputs) {
     settings.outputs.push_back(ItemOf(wall.canvas, output, live));
     // What told them apart may be masked.
     const auto isNamed = [&](const OutputSet::Item& item) {
@@ -95,8 +95,8 @@ OutputSet::Settings OutputsOfWall(const wall::Wall& wall, bool live) {
     }
   }
   ShareMaxRates(settings.outputs);
-  for (const wall::Channel& channel : wall.channels) {
-    const wall::AudioOptions& audio = channel.options.audio;
+  for (const config::Channel& channel : wall.channels) {
+    const config::AudioOptions& audio = channel.options.audio;
     settings.tracks.push_back({channel.name, audio.language, channel.selected,
                                audio.enabled ? std::make_shared<AudioTrack>() : nullptr});
   }

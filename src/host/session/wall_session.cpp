@@ -6,9 +6,9 @@ extern "C" {
 #include <libavcodec/packet.h>
 }
 
-#include "host/background/background_picture.h"
 #include "host/channel/source/media_error.h"
-#include "host/graph/graph_error.h"
+#include "host/feed/graph_error.h"
+#include "host/session/background_picture.h"
 #include "host/session/wall_outputs.h"
 #include "pins/streams.h"
 #include "platform/com/wide_text.h"
@@ -29,7 +29,7 @@ constexpr std::chrono::seconds kBackgroundLimit{5};
 // How often a rendering that waits for a channel or an output asks whether it is to stop.
 constexpr std::chrono::milliseconds kStopPeriod{100};
 
-ComposerFilter::Canvas CanvasOf(const wall::Wall& wall) {
+ComposerFilter::Canvas CanvasOf(const config::Wall& wall) {
   return {static_cast<int>(wall.channels.size()),
           wall.canvas.width,
           wall.canvas.height,
@@ -38,22 +38,22 @@ ComposerFilter::Canvas CanvasOf(const wall::Wall& wall) {
           wall.canvas.preroll};
 }
 
-Deinterlace DeinterlaceOf(wall::DeinterlaceMode mode) {
+Deinterlace DeinterlaceOf(config::DeinterlaceMode mode) {
   switch (mode) {
-    case wall::DeinterlaceMode::kOff:
+    case config::DeinterlaceMode::kOff:
       return Deinterlace::kOff;
-    case wall::DeinterlaceMode::kAuto:
+    case config::DeinterlaceMode::kAuto:
       return Deinterlace::kAuto;
-    case wall::DeinterlaceMode::kFrames:
+    case config::DeinterlaceMode::kFrames:
       return Deinterlace::kFrames;
-    case wall::DeinterlaceMode::kFields:
+    case config::DeinterlaceMode::kFields:
       return Deinterlace::kFields;
   }
   return Deinterlace::kAuto;
 }
 
-AlarmSettings AlarmsOf(const wall::AlarmOptions& options) {
-  const auto times = [](const wall::Alarm& alarm) {
+AlarmSettings AlarmsOf(const config::AlarmOptions& options) {
+  const auto times = [](const config::Alarm& alarm) {
     return AlarmSettings::Times{alarm.enabled, alarm.setAfter, alarm.clearAfter};
   };
   AlarmSettings settings;
@@ -104,7 +104,7 @@ WallSession::WallSession(Settings settings)
   outputs.queue = settings_.outputQueue;
   outputs.finishLimit = settings_.finishLimit;
   outputs_ = std::make_unique<OutputSet>(outputs, settings_.outputObserver, settings_.logger);
-  const wall::Canvas& canvas = settings_.wall.canvas;
+  const config::Canvas& canvas = settings_.wall.canvas;
   background_ = BackgroundSource::Create(
       {canvas.width, canvas.height, canvas.frameRate, canvas.aspect, Background(), watch_});
   if (settings_.live) {
@@ -142,7 +142,7 @@ WallSession::WallSession(Settings settings)
 
 // A live wall does without a picture whose mount is dead.
 std::vector<std::uint8_t> WallSession::Background() const {
-  const wall::Canvas& canvas = settings_.wall.canvas;
+  const config::Canvas& canvas = settings_.wall.canvas;
   auto picture = os::CallWithin<std::vector<std::uint8_t>>(
       kBackgroundLimit, [canvas] { return MakeBackground(canvas); }, "background file");
   if (picture) {
@@ -182,10 +182,10 @@ void WallSession::Connect(FeedPin& from, IPin* to, const std::string& what) {
   Check(graph_->ConnectDirect(&from, to, nullptr), "connect " + what + " to the composer");
 }
 
-ChannelSource::Settings WallSession::ChannelSettings(const wall::Channel& channel,
+ChannelSource::Settings WallSession::ChannelSettings(const config::Channel& channel,
                                                      WallWindow* window) {
-  const wall::Canvas& canvas = settings_.wall.canvas;
-  const wall::ChannelOptions& options = channel.options;
+  const config::Canvas& canvas = settings_.wall.canvas;
+  const config::ChannelOptions& options = channel.options;
   ChannelSource::Settings source;
   source.ingest.name = channel.name;
   source.ingest.reader.source = channel.source;
@@ -212,7 +212,7 @@ ChannelSource::Settings WallSession::ChannelSettings(const wall::Channel& channe
     source.ingest.session.now = [this] { return clock_.Now(); };
   }
   source.label = LabelOf(channel.label);
-  source.labelByService = channel.label.source == wall::Label::Source::kService;
+  source.labelByService = channel.label.source == config::Label::Source::kService;
   source.canvasRate = canvas.frameRate;
   source.canvasAspect = canvas.aspect;
   ChannelPresenter::Settings& presenter = source.presenter;
@@ -231,11 +231,11 @@ ChannelSource::Settings WallSession::ChannelSettings(const wall::Channel& channe
 }
 
 // The text that a channel begins with. A rendered wall keeps it: its files are read once.
-std::string WallSession::LabelOf(const wall::Label& label) const {
-  if (label.source == wall::Label::Source::kNone) {
+std::string WallSession::LabelOf(const config::Label& label) const {
+  if (label.source == config::Label::Source::kNone) {
     return {};
   }
-  if (label.source == wall::Label::Source::kFile) {
+  if (label.source == config::Label::Source::kFile) {
     // A dead mount holds up all of them together no longer than that.
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
         labelsUntil_ - std::chrono::steady_clock::now());
@@ -248,7 +248,7 @@ std::string WallSession::LabelOf(const wall::Label& label) const {
 }
 
 void WallSession::AddChannel(std::size_t index) {
-  const wall::Channel& channel = settings_.wall.channels[index];
+  const config::Channel& channel = settings_.wall.channels[index];
   const ComPtr<WallWindow> window =
       WallWindow::Create({channel.options.enabled, channel.window.x, channel.window.y,
                           channel.options.colour, channel.selected},
@@ -271,7 +271,7 @@ void WallSession::AddChannel(std::size_t index) {
   Connect(source->textPin(), input.text, "the label of " + what);
   Connect(source->audioAlarmPin(), input.audioAlarm, "the levels of " + what);
   Connect(source->videoAlarmPin(), input.videoAlarm, "the video alarm of " + what);
-  if (settings_.live && channel.label.source == wall::Label::Source::kFile) {
+  if (settings_.live && channel.label.source == config::Label::Source::kFile) {
     labelFiles_.Add(channel.label.file,
                     [source = source.Get()](const std::string& text) { source->SetLabel(text); });
   }

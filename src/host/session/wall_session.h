@@ -8,17 +8,17 @@
 #include <optional>
 #include <vector>
 
-#include "host/background/background_source.h"
 #include "host/channel/channel_source.h"
-#include "host/graph/composer_filter.h"
-#include "host/graph/wall_window.h"
+#include "host/config/wall.h"
 #include "host/output/audio_sink.h"
 #include "host/output/composition_sink.h"
 #include "host/output/output_set.h"
+#include "host/session/background_source.h"
+#include "host/session/composer_filter.h"
 #include "host/session/label_files.h"
 #include "host/session/time_of_day.h"
 #include "host/session/wall_clock.h"
-#include "host/wall/wall.h"
+#include "host/session/wall_window.h"
 #include "platform/graph/filter_graph.h"
 
 namespace host {
@@ -36,7 +36,7 @@ namespace host {
 class WallSession {
  public:
   struct Settings {
-    wall::Wall wall;
+    config::Wall wall;
     std::string composerLibrary;
     qorp::log::ILogPerf* logger = nullptr;          // not owned; outlives the session
     qorp::log::ILogPerf* composerLogger = nullptr;  // likewise; null: the same
@@ -95,8 +95,8 @@ class WallSession {
   void AddChannel(std::size_t index);
   void ConnectSound(std::size_t index, const ComposerFilter::Input& input, const std::string& what);
   std::vector<std::uint8_t> Background() const;
-  std::string LabelOf(const wall::Label& label) const;
-  ChannelSource::Settings ChannelSettings(const wall::Channel& channel, WallWindow* window);
+  std::string LabelOf(const config::Label& label) const;
+  ChannelSource::Settings ChannelSettings(const config::Channel& channel, WallWindow* window);
   std::string TimeText(Time time);
   void Take(const ComPtr<IMediaSample>& frame, Time start);
   // False when the rendering is to end.

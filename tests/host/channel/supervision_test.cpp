@@ -12,9 +12,9 @@
 #include "host/channel/channel_life.h"
 #include "host/channel/channel_queue.h"
 #include "host/channel/live_timeline.h"
-#include "host/channel/picture/picture_meter.h"
 #include "host/channel/reopen_delay.h"
 #include "host/channel/source/picture_watch.h"
+#include "host/channel/video/picture_meter.h"
 
 namespace host {
 namespace {

@@ -26,7 +26,7 @@ using ::testing::Not;
 
 class Messages : public testing::Test {
  protected:
-  std::string FileOf(const wall::LogOptions& options, bool colour = false) {
+  std::string FileOf(const config::LogOptions& options, bool colour = false) {
     Streams streams{out, err, false, colour};
     MessageLog messages(streams, options);
     for (const int level : {kError, kWarning, kInfo, kDebug}) {
@@ -42,7 +42,7 @@ class Messages : public testing::Test {
 };
 
 TEST_F(Messages, ReachTheScreenAndTheRecordUpToTheirLevels) {
-  wall::LogOptions options;
+  config::LogOptions options;
   options.file = folder / "log";
   const std::string file = FileOf(options);
   EXPECT_THAT(err.str(), MatchesRegex(".{23} level 0\n"));
@@ -62,24 +62,24 @@ TEST_F(Messages, ReachTheScreenAndTheRecordUpToTheirLevels) {
 // A name is resolved beside the wall, which starts without it.
 TEST_F(Messages, ReachASyslogServer) {
   Streams streams{out, err};
-  wall::LogOptions options;
+  config::LogOptions options;
   for (const char* const host : {"127.0.0.1", "localhost"}) {
     const DatagramReceiver server;
-    options.syslog = wall::Endpoint{host, server.Port()};
+    options.syslog = config::Endpoint{host, server.Port()};
     MessageLog messages(streams, options);
     messages.Say(kError, "first");
     messages.Say(kWarning, "second");
     EXPECT_THAT(server.Receive(), HasSubstr(" 0000 first"));
     EXPECT_THAT(server.Receive(), HasSubstr(" 0001 second"));
   }
-  options.syslog = wall::Endpoint{"nowhere.invalid", 514};
+  options.syslog = config::Endpoint{"nowhere.invalid", 514};
   FileOf(options);
   EXPECT_THAT(err.str(), HasSubstr("level 0"));
 }
 
 TEST_F(Messages, KeepTheirFileForOneWriterAndFollowItsPath) {
   Streams streams{out, err};
-  wall::LogOptions options;
+  config::LogOptions options;
   options.file = folder / "log";
   MessageLog messages(streams, options);
   messages.Say(kError, "one");
@@ -98,9 +98,9 @@ TEST_F(Messages, KeepTheirFileForOneWriterAndFollowItsPath) {
 // What a stream says of itself is in some of them.
 TEST_F(Messages, HoldNoControlCharactersAndNoHalfOfACharacter) {
   const DatagramReceiver server;
-  wall::LogOptions options;
+  config::LogOptions options;
   options.file = folder / "log";
-  options.syslog = wall::Endpoint{"127.0.0.1", server.Port()};
+  options.syslog = config::Endpoint{"127.0.0.1", server.Port()};
   Streams streams{out, err};
   MessageLog messages(streams, options);
   messages.Say(kError,
@@ -139,7 +139,7 @@ TEST_F(Messages, RefuseFilesThatCannotBeUsed) {
                         {folder / "wall.toml", "", "is no log file"},
                         {folder / "both", folder / "both", ""},
                         {folder / "both", folder / "link", ""}}) {
-    wall::LogOptions options;
+    config::LogOptions options;
     options.file = c.file;
     options.perfFile = c.perfFile;
     EXPECT_THAT([&] { MessageLog(streams, options); },
@@ -152,7 +152,7 @@ TEST_F(Messages, ContinueInANewFileWhenTheOldOneCannotBeContinued) {
   const std::string old = "0x0000000C\r\n;Sun Nov 16 09:43:14.123;1;0;partly overwritten\r\n";
   WriteWholeFile(folder / "log", old);
   WriteWholeFile(folder / "log.damaged-1", "older");
-  wall::LogOptions options;
+  config::LogOptions options;
   options.file = folder / "log";
   const std::string file = FileOf(options);
   EXPECT_THAT(file, HasSubstr(";0;level 0\r\n"));

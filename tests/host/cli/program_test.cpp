@@ -99,14 +99,14 @@ TEST(Program, TakesArgumentsFirst) {
   const auto given = Parsed(DefineDemo, {"--log-level", "2", "--log-file", "a.log", "--syslog",
                                          "host", "--perf-period", "0.5"});
   ASSERT_TRUE(given);
-  wall::LogOptions file;
+  config::LogOptions file;
   file.level = 3;
   file.perfFile = "perf";
-  const wall::LogOptions log = FirstOf(given->graph.log, file);
+  const config::LogOptions log = FirstOf(given->graph.log, file);
   EXPECT_EQ(log.level, 2);
   EXPECT_EQ(log.file, "a.log");
   EXPECT_EQ(log.size, 65536);
-  EXPECT_EQ(log.syslog, (wall::Endpoint{"host", 514}));
+  EXPECT_EQ(log.syslog, (config::Endpoint{"host", 514}));
   EXPECT_EQ(log.perfFile, "perf");
   EXPECT_EQ(log.perfPeriod, kSecond / 2);
   EXPECT_EQ(Parsed(DefineDemo, {"-v", "--log-level", "1"})->graph.log.level, 1);

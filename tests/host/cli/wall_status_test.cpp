@@ -23,8 +23,8 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-std::vector<wall::Channel> TwoChannels() {
-  std::vector<wall::Channel> channels(2);
+std::vector<config::Channel> TwoChannels() {
+  std::vector<config::Channel> channels(2);
   channels[0].name = "A";
   channels[1].name = "B \xff";  // not UTF-8
   return channels;

@@ -10,9 +10,9 @@ extern "C" {
 #include <libavformat/avio.h>
 }
 
+#include "host/config/file_pattern.h"
 #include "host/ffmpeg/error.h"
 #include "host/output/recording_files.h"
-#include "host/wall/file_pattern.h"
 #include "tests/host/clips.h"
 #include "tests/host/output/pass_fixture.h"
 #include "tests/support/temporary_folder.h"
@@ -58,8 +58,8 @@ TEST(FilePattern, HoldsDateAndTime) {
   time.tm_mon = 10;
   time.tm_mday = 5;
   time.tm_hour = 7;
-  EXPECT_EQ(wall::ExpandPattern("w-%Y%m%d-%H%M%S-100%%.mkv", time), "w-20261105-070000-100%.mkv");
-  EXPECT_EQ(wall::PatternMistake("%F.mkv"), std::nullopt);
+  EXPECT_EQ(config::ExpandPattern("w-%Y%m%d-%H%M%S-100%%.mkv", time), "w-20261105-070000-100%.mkv");
+  EXPECT_EQ(config::PatternMistake("%F.mkv"), std::nullopt);
 }
 
 class OutputPassTest : public PassTest, public testing::WithParamInterface<const char*> {

@@ -18,9 +18,9 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
-std::vector<std::string> Texts(const wall::WallFile& file) {
+std::vector<std::string> Texts(const config::WallFile& file) {
   std::vector<std::string> texts;
-  for (const wall::Diagnostic& diagnostic : file.diagnostics.all()) {
+  for (const config::Diagnostic& diagnostic : file.diagnostics.all()) {
     texts.push_back(ToText(diagnostic, "w"));
   }
   return texts;
@@ -30,7 +30,7 @@ class WallCheckTest : public testing::Test {
  protected:
   std::vector<std::string> Complaints(const std::string& text) {
     WriteWholeFile(folder_ / "wall.toml", text);
-    wall::WallFile file = wall::ReadWall(folder_ / "wall.toml");
+    config::WallFile file = config::ReadWall(folder_ / "wall.toml");
     CheckWall(file, folder_ / "wall.toml");
     return Texts(file);
   }
@@ -107,7 +107,7 @@ TEST_F(WallCheckTest, FindsWhatAnOutputOrASourceCannotBe) {
 }
 
 TEST_F(WallCheckTest, StartsTheEncodersWhereThatIsAskedFor) {
-  wall::WallFile file = wall::ParseWall(
+  config::WallFile file = config::ParseWall(
       "wall = { width = 64, height = 64 }\n"
       "[[channel]]\nsource = 'udp://h:9'\n[[output]]\nurl = 'a.mkv'\npreset = 'hasty'\n"
       "[[output]]\nurl = 'b.mkv'\ncodec = 'libx265'\n[[output]]\nurl = 'c.mkv'\ncodec = "
@@ -186,7 +186,7 @@ TEST_F(WallCheckTest, FindsEveryFileThatIsUsedTwiceUnderWhateverName) {
 }
 
 TEST_F(WallCheckTest, FindsNothingWrongWithTheExampleOfTheManual) {
-  wall::WallFile file = wall::ReadWall(TAVREL_DOCS "/wall-example.toml");
+  config::WallFile file = config::ReadWall(TAVREL_DOCS "/wall-example.toml");
   CheckWall(file, TAVREL_DOCS "/wall-example.toml");
   EXPECT_TRUE(file.usable()) << testing::PrintToString(Texts(file));
   EXPECT_THAT(Texts(file), testing::Each(HasSubstr("names no file yet")));

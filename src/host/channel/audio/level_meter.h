@@ -1,0 +1,62 @@
+// Measures how loud a channel is, once for each frame of the canvas.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <span>
+
+#include "host/feed/alarm_record.h"
+#include "host/units.h"
+
+namespace host {
+
+// The level of a reading is the greatest magnitude of a sample within the frame's time; the peak is
+// the greatest level of the hold time, after which it falls by a fixed rate until a level reaches
+// it again. Frames lie on one grid that starts at time 0, so the readings of a channel do not
+// depend on how its decoder cuts the samples. Channels beyond the tenth are not measured.
+//
+// Pure arithmetic; owned and called by one channel on its thread.
+class LevelMeter {
+ public:
+  struct Settings {
+    Ratio frameRate{25, 1};
+    Time peakHold = 3 * kSecond / 2;
+    double peakFall = 20.0;  // decibels per second
+  };
+
+  struct Reading {
+    Time start = 0;  // of the frame
+    Time duration = 0;
+    AudioLevels levels;
+    float loudest = 0;  // greatest of the levels, full scale at 1
+  };
+  using Sink = std::function<void(const Reading&)>;
+
+  explicit LevelMeter(const Settings& settings) : settings_(settings) {}
+
+  // planes: for each channel as many samples, full scale at -1 and 1; rate in hertz; start: the
+  // time of the first sample. Gives the readings of the frames that end within these samples. A
+  // frame in which another channel count begins ends there. Samples that come late count for the
+  // frame at hand.
+  void Push(std::span<const float* const> planes, int samples, int rate, Time start,
+            const Sink& sink);
+  // The end of the sound: gives the reading of the frame that is not full yet.
+  void Finish(const Sink& sink);
+
+ private:
+  void EndFrame(const Sink& sink);
+  void StartFrame(std::int64_t frame);
+
+  const Settings settings_;
+  std::optional<std::int64_t> frame_;  // under way, counted on the grid
+  bool measured_ = false;              // samples have come in this frame
+  int channels_ = 0;
+  std::array<float, kMostMeterChannels> level_{};
+  std::array<float, kMostMeterChannels> peak_{};
+  std::array<Time, kMostMeterChannels> peakStart_{};
+  std::optional<Time> lastReading_;
+};
+
+}  // namespace host

@@ -1,0 +1,136 @@
+#include "host/channel/slate/window_text.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace host {
+namespace {
+
+struct Colour {
+  std::uint8_t y;
+  std::uint8_t v;
+  std::uint8_t u;
+};
+
+constexpr Colour kSlate{30, 128, 134};
+constexpr Colour kLine{81, 220, 100};
+constexpr int kTextLuma = 225;
+constexpr int kStripLuma = 20;
+constexpr int kSmallestFont = 7;  // points
+constexpr int kLargestFont = 48;
+// The meter takes the left tenth of a window.
+constexpr int kMeterShare = 10;
+
+struct Planes {
+  explicit Planes(const WindowPicture& picture)
+      : y(picture.pixels.data()),
+        v(y + static_cast<std::ptrdiff_t>(picture.width) * picture.height),
+        u(v + static_cast<std::ptrdiff_t>(picture.width) * picture.height / 4) {}
+  std::uint8_t* y;
+  std::uint8_t* v;
+  std::uint8_t* u;
+};
+
+// All four even; inside the picture.
+struct Area {
+  int x = 0;
+  int y = 0;
+  int width = 0;
+  int height = 0;
+};
+
+void Fill(const WindowPicture& picture, const Area& area, Colour colour) {
+  const Planes planes(picture);
+  for (int row = area.y; row < area.y + area.height; ++row) {
+    std::memset(planes.y + static_cast<std::ptrdiff_t>(row) * picture.width + area.x, colour.y,
+                static_cast<std::size_t>(area.width));
+  }
+  for (int row = area.y / 2; row < (area.y + area.height) / 2; ++row) {
+    const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(row) * (picture.width / 2) + area.x / 2;
+    std::memset(planes.v + at, colour.v, static_cast<std::size_t>(area.width / 2));
+    std::memset(planes.u + at, colour.u, static_cast<std::size_t>(area.width / 2));
+  }
+}
+
+// A quarter of the picture shines through.
+void Darken(const WindowPicture& picture, const Area& area) {
+  const Planes planes(picture);
+  for (int row = area.y; row < area.y + area.height; ++row) {
+    std::uint8_t* const line = planes.y + static_cast<std::ptrdiff_t>(row) * picture.width + area.x;
+    for (int x = 0; x < area.width; ++x) {
+      line[x] = static_cast<std::uint8_t>((line[x] + 3 * kStripLuma) / 4);
+    }
+  }
+  for (int row = area.y / 2; row < (area.y + area.height) / 2; ++row) {
+    const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(row) * (picture.width / 2) + area.x / 2;
+    for (std::uint8_t* const plane : {planes.v + at, planes.u + at}) {
+      for (int x = 0; x < area.width / 2; ++x) {
+        plane[x] = static_cast<std::uint8_t>((plane[x] + 3 * 128) / 4);
+      }
+    }
+  }
+}
+
+void DrawMask(const WindowPicture& picture, const TextMask& mask, int x, int y) {
+  std::uint8_t* const luma = picture.pixels.data();
+  for (int row = std::max(0, -y); row < mask.height && y + row < picture.height; ++row) {
+    const std::uint8_t* const coverage =
+        mask.coverage.data() + static_cast<std::ptrdiff_t>(row) * mask.width;
+    std::uint8_t* const line = luma + static_cast<std::ptrdiff_t>(y + row) * picture.width;
+    for (int column = std::max(0, -x); column < mask.width && x + column < picture.width;
+         ++column) {
+      std::uint8_t& pixel = line[x + column];
+      pixel = static_cast<std::uint8_t>(
+          (pixel * (255 - coverage[column]) + kTextLuma * coverage[column] + 127) / 255);
+    }
+  }
+}
+
+int Even(int value) {
+  return value / 2 * 2;
+}
+
+int FontFor(int height, int share) {
+  return std::clamp(height / share, kSmallestFont, kLargestFont);
+}
+
+}  // namespace
+
+void WindowText::DrawSlate(const WindowPicture& picture, const std::string& text) {
+  constexpr int kFontShare = 18;
+  constexpr int kLineDistance = 8;
+  const int left = Even(picture.width / kMeterShare + 1);
+  const int room = picture.width - 2 * left;
+  Fill(picture, {0, 0, picture.width, picture.height}, kSlate);
+  const TextMask mask =
+      setter_.Set(text, FontFor(picture.height, kFontShare), std::max(room, 1), picture.height);
+  const int top = (picture.height - mask.height) / 2;
+  for (const int line : {top - kLineDistance - 2, top + mask.height + kLineDistance}) {
+    if (line >= 0 && line + 2 <= picture.height && room >= 2) {
+      Fill(picture, {left, Even(line), Even(room), 2}, kLine);
+    }
+  }
+  DrawMask(picture, mask, (picture.width - mask.width) / 2, top);
+}
+
+void WindowText::DrawCaption(const WindowPicture& picture, const std::string& text) {
+  constexpr int kFontShare = 22;
+  constexpr int kPadding = 4;
+  const int left = Even(picture.width / kMeterShare + 2);
+  const int room = Even(picture.width - left);
+  const Layout layout{text, picture.width, picture.height};
+  if (layout != captionLayout_) {
+    const int points = FontFor(picture.height, kFontShare);
+    // Two lines of text at most.
+    caption_ = setter_.Set(text, points, std::max(room - 2 * kPadding, 1),
+                           std::min(picture.height, points * 4));
+    captionLayout_ = layout;
+  }
+  const int height = std::min(Even(caption_.height + 2 * kPadding + 1), picture.height);
+  const int top = picture.height - height;
+  Darken(picture, {left, top, room, height});
+  DrawMask(picture, caption_, left + (room - caption_.width) / 2,
+           top + (height - caption_.height) / 2);
+}
+
+}  // namespace host

@@ -1,0 +1,35 @@
+// What the beginning of a source shows.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "host/channel/source/media_reader.h"
+#include "host/channel/video/wide_colour.h"
+
+namespace host {
+
+// What the beginning of a source showed.
+struct ProbeReport {
+  MediaInfo info;
+  int pictures = 0;
+  bool interlaced = false;
+  bool topFieldFirst = false;
+  int width = 0;  // of the decoded pictures
+  int height = 0;
+  std::string colourSpace;
+  std::string colourRange;
+  std::string colourPrimaries;
+  std::string colourTransfer;
+  std::optional<WideColour> wideColour;
+  Orientation orientation;
+  bool passesThrough = false;  // the sound, as it is
+  double loudest = 0;          // greatest sample of the beginning, of full scale
+  std::uint64_t damagedPackets = 0;
+};
+
+// Decodes the beginning of a source that is open, at most two seconds of it. Throws MediaError.
+ProbeReport Examine(MediaReader& reader);
+
+}  // namespace host

@@ -1,0 +1,375 @@
+#include "host/channel/video/picture_converter.h"
+
+#include <algorithm>
+#include <cstring>
+#include <stdexcept>
+#include <utility>
+
+extern "C" {
+#include <libavutil/frame.h>
+#include <libavutil/imgutils.h>
+#include <libavutil/opt.h>
+#include <libavutil/pixdesc.h>
+#include <libswscale/swscale.h>
+}
+
+#include "host/ffmpeg/error.h"
+
+namespace host {
+
+namespace {
+
+constexpr std::uint8_t kBlackLuma = 16;
+constexpr std::uint8_t kNeutralChroma = 128;
+
+// The older names of full-range formats say by their name what the frame's range says as well.
+AVPixelFormat WithoutRange(int format) {
+  switch (format) {
+    case AV_PIX_FMT_YUVJ420P:
+      return AV_PIX_FMT_YUV420P;
+    case AV_PIX_FMT_YUVJ422P:
+      return AV_PIX_FMT_YUV422P;
+    case AV_PIX_FMT_YUVJ444P:
+      return AV_PIX_FMT_YUV444P;
+    case AV_PIX_FMT_YUVJ440P:
+      return AV_PIX_FMT_YUV440P;
+    case AV_PIX_FMT_YUVJ411P:
+      return AV_PIX_FMT_YUV411P;
+    default:
+      return static_cast<AVPixelFormat>(format);
+  }
+}
+
+bool HasLumaAndChroma(AVPixelFormat format) {
+  const AVPixFmtDescriptor* descriptor = av_pix_fmt_desc_get(format);
+  return descriptor != nullptr && descriptor->nb_components >= 3 &&
+         (descriptor->flags &
+          (AV_PIX_FMT_FLAG_RGB | AV_PIX_FMT_FLAG_PAL | AV_PIX_FMT_FLAG_BAYER)) == 0;
+}
+
+// A source that does not say is taken for what its size makes likely: high definition is BT.709.
+LumaWeights WeightsOf(int colourSpace, int height) {
+  switch (colourSpace) {
+    case AVCOL_SPC_BT709:
+      return kBt709;
+    case AVCOL_SPC_FCC:
+      return kFcc;
+    case AVCOL_SPC_BT470BG:
+    case AVCOL_SPC_SMPTE170M:
+      return kBt601;
+    case AVCOL_SPC_SMPTE240M:
+      return kSmpte240m;
+    case AVCOL_SPC_BT2020_NCL:
+    case AVCOL_SPC_BT2020_CL:
+      return kBt2020;
+    default:
+      return height > 576 ? kBt709 : kBt601;
+  }
+}
+
+void FillRect(Plane plane, int x, int y, int width, int height, std::uint8_t value) {
+  for (int row = y; width > 0 && row < y + height; ++row) {
+    std::memset(plane.data + row * plane.stride + x, value, static_cast<std::size_t>(width));
+  }
+}
+
+// Everything of a plane but the inner rectangle.
+void FillAround(Plane plane, int width, int height, const FitRect& inner, std::uint8_t value) {
+  FillRect(plane, 0, 0, width, inner.y, value);
+  FillRect(plane, 0, inner.y, inner.x, inner.height, value);
+  FillRect(plane, inner.x + inner.width, inner.y, width - inner.x - inner.width, inner.height,
+           value);
+  FillRect(plane, 0, inner.y + inner.height, width, height - inner.y - inner.height, value);
+}
+
+void CopyRows(ConstPlane from, Plane to, int width, int height) {
+  for (int row = 0; row < height; ++row) {
+    std::memcpy(to.data + row * to.stride, from.data + row * from.stride,
+                static_cast<std::size_t>(width));
+  }
+}
+
+// The chain of filters that brings a frame upright; null for none.
+const char* UprightFilter(const Orientation& orientation) {
+  switch (orientation.rotation) {
+    case 90:
+      return orientation.mirrored ? "transpose=clock_flip" : "transpose=clock";
+    case 180:
+      return orientation.mirrored ? "vflip" : "hflip,vflip";
+    case 270:
+      return orientation.mirrored ? "transpose=cclock_flip" : "transpose=cclock";
+    default:
+      return orientation.mirrored ? "hflip" : nullptr;
+  }
+}
+
+}  // namespace
+
+PictureConverter::PictureConverter(const Settings& settings)
+    : settings_(settings), limiter_(settings.canvasRate) {
+  if (settings.width < 2 || settings.height < 2 || settings.width % 2 != 0 ||
+      settings.height % 2 != 0) {
+    throw std::invalid_argument("the size of a window is even and at least 2x2");
+  }
+}
+
+PictureConverter::~PictureConverter() = default;
+
+std::size_t PictureConverter::bufferSize() const {
+  return static_cast<std::size_t>(settings_.width) * static_cast<std::size_t>(settings_.height) *
+         3 / 2;
+}
+
+PictureConverter::SourceFormat PictureConverter::FormatOf(const AVFrame& frame) {
+  SourceFormat format;
+  format.width = frame.width;
+  format.height = frame.height;
+  format.pixelFormat = frame.format;
+  if (frame.sample_aspect_ratio.num > 0 && frame.sample_aspect_ratio.den > 0) {
+    format.pixelAspect = {frame.sample_aspect_ratio.num, frame.sample_aspect_ratio.den};
+  }
+  format.colourSpace = frame.colorspace;
+  format.colourRange = frame.color_range;
+  format.wideColour = WideColourOf(frame);
+  return format;
+}
+
+const char* PictureConverter::WantedDeinterlacing(const AVFrame& frame, Time duration) const {
+  switch (settings_.deinterlace) {
+    case Deinterlace::kOff:
+      return nullptr;
+    case Deinterlace::kFrames:
+      return "bwdif=mode=send_frame:deint=all";
+    case Deinterlace::kFields:
+      return "bwdif=mode=send_field:deint=all";
+    case Deinterlace::kAuto:
+      break;
+  }
+  if (deinterlaceMode_ != nullptr) {
+    return deinterlaceMode_;  // single progressive pictures in between pass through it unchanged
+  }
+  if (frame.interlaced_frame == 0) {
+    return nullptr;
+  }
+  const bool canvasShowsFields = FrameDuration(settings_.canvasRate) * 3 < duration * 2;
+  return canvasShowsFields ? "bwdif=mode=send_field:deint=interlaced"
+                           : "bwdif=mode=send_frame:deint=interlaced";
+}
+
+void PictureConverter::UpdateFilter(const VideoPicture& picture) {
+  const AVFrame& frame = *picture.frame;
+  SourceFormat format = FormatOf(frame);
+  format.orientation = picture.orientation;
+  if (filterFormat_ != format) {
+    FinishFilter();
+    deinterlaceMode_ = nullptr;
+  }
+  const char* const deinterlace = WantedDeinterlacing(frame, picture.duration);
+  const char* const turn = UprightFilter(picture.orientation);
+  if (filterFormat_ == format && deinterlace == deinterlaceMode_) {
+    return;
+  }
+  FinishFilter();
+  filterFormat_ = format;
+  deinterlaceMode_ = deinterlace;
+  if (deinterlace != nullptr || turn != nullptr) {
+    std::string description = deinterlace != nullptr ? deinterlace : "";
+    if (turn != nullptr) {
+      description += (description.empty() ? "" : ",") + std::string(turn);
+    }
+    filter_ = std::make_unique<PictureFilter>(frame, description);
+  }
+}
+
+void PictureConverter::FinishFilter() {
+  if (filter_) {
+    const std::unique_ptr<PictureFilter> filter = std::move(filter_);
+    filter->Finish([this](ffmpeg::Frame frame) { Filtered(std::move(frame)); });
+  }
+}
+
+void PictureConverter::Push(VideoPicture picture) {
+  try {
+    Filter(std::move(picture));
+  } catch (const ffmpeg::Error&) {
+    // The next picture gets a filter of its own, and is not taken for one that needs none.
+    filter_.reset();
+    filterFormat_.reset();
+    deinterlaceMode_ = nullptr;
+    throw;
+  }
+}
+
+void PictureConverter::Filter(VideoPicture picture) {
+  if (picture.discontinuity) {
+    FinishFilter();  // whose times grow
+    filterFormat_.reset();
+  }
+  UpdateFilter(picture);
+  if (!filter_) {
+    MakeReady(std::move(picture.frame), {picture.start, picture.duration, picture.discontinuity});
+    return;
+  }
+  const bool fields =
+      deinterlaceMode_ != nullptr && std::strstr(deinterlaceMode_, "send_field") != nullptr;
+  filteredDuration_ = fields ? picture.duration / 2 : picture.duration;
+  isDiscontinuous_ = isDiscontinuous_ || picture.discontinuity;
+  picture.frame->pts = picture.start;
+  filter_->Push(std::move(picture.frame),
+                [this](ffmpeg::Frame frame) { Filtered(std::move(frame)); });
+}
+
+void PictureConverter::Finish() {
+  FinishFilter();
+  filterFormat_.reset();
+  deinterlaceMode_ = nullptr;
+}
+
+void PictureConverter::Filtered(ffmpeg::Frame frame) {
+  const Time start = frame->pts;
+  MakeReady(std::move(frame), {start, filteredDuration_, std::exchange(isDiscontinuous_, false)});
+}
+
+void PictureConverter::MakeReady(ffmpeg::Frame frame, const PictureTimes& times) {
+  if (times.discontinuity) {
+    limiter_.Restart();
+  }
+  if (limiter_.Pass(times.start)) {
+    ready_.push_back({std::move(frame), times});
+  }
+}
+
+void PictureConverter::UpdateScaler(const AVFrame& frame) {
+  const SourceFormat format = FormatOf(frame);
+  if (scalerFormat_ == format) {
+    return;
+  }
+  scalerFormat_.reset();
+  scaler_.reset();
+  scaled_.reset();
+  colourFilter_.reset();
+  fit_ = FitPicture(format.width, format.height, format.pixelAspect, settings_.width,
+                    settings_.height, settings_.canvasPixelAspect);
+  if (format.wideColour.has_value()) {
+    try {
+      colourFilter_ =
+          std::make_unique<PictureFilter>(frame, ConversionOf(*format.wideColour, fit_));
+      matrix_.emplace(kBt601, false);
+    } catch (const ffmpeg::Error&) {
+      // Not for pictures of that form: then without it, see ConvertWideColour.
+    }
+  }
+  if (!colourFilter_) {
+    MakeScaler(format);
+  }
+  scalerFormat_ = format;
+}
+
+namespace {
+
+// The scaler's filters have at most 256 taps: bicubic needs four for each sample that becomes part
+// of another one, and chroma may be reduced by twice as much.
+int FilterFor(int width, int height, const FitRect& to) {
+  const int reduction = std::max(width / to.width, height / to.height);
+  return reduction < 30 ? SWS_BICUBIC : reduction < 100 ? SWS_AREA : SWS_POINT;
+}
+
+}  // namespace
+
+void PictureConverter::MakeScaler(const SourceFormat& format) {
+  const AVPixelFormat pixels = WithoutRange(format.pixelFormat);
+  const bool ownMatrix = HasLumaAndChroma(pixels);
+  const bool fullRange =
+      format.colourRange == AVCOL_RANGE_JPEG || static_cast<int>(pixels) != format.pixelFormat;
+  // Red, green and blue, palettes and grey come out of the scaler as BT.601 studio range, black and
+  // white in full range.
+  const bool isBitmap = pixels == AV_PIX_FMT_MONOBLACK || pixels == AV_PIX_FMT_MONOWHITE;
+  matrix_.emplace(ownMatrix ? WeightsOf(format.colourSpace, format.height) : kBt601,
+                  isBitmap || (ownMatrix && fullRange));
+  const bool asItIs =
+      pixels == AV_PIX_FMT_YUV420P && format.width == fit_.width && format.height == fit_.height;
+  if (asItIs) {
+    return;
+  }
+  const int filter = FilterFor(format.width, format.height, fit_) | SWS_ACCURATE_RND;
+  scaler_.reset(sws_getContext(format.width, format.height, pixels, fit_.width, fit_.height,
+                               AV_PIX_FMT_YUV420P, filter, nullptr, nullptr, nullptr));
+  if (!scaler_) {
+    const char* name = av_get_pix_fmt_name(static_cast<AVPixelFormat>(format.pixelFormat));
+    throw ffmpeg::Error(AVERROR(ENOSYS), "cannot convert pictures of the format",
+                        name != nullptr ? name : std::to_string(format.pixelFormat));
+  }
+  const int* const coefficients = sws_getCoefficients(SWS_CS_ITU601);
+  const int sourceRange = !ownMatrix && fullRange ? 1 : 0;
+  if (!ownMatrix) {
+    sws_setColorspaceDetails(scaler_.get(), coefficients, sourceRange, coefficients, 0, 0, 1 << 16,
+                             1 << 16);
+  }
+  scaled_ = ffmpeg::MakeFrame();
+  scaled_->format = AV_PIX_FMT_YUV420P;
+  scaled_->width = fit_.width;
+  scaled_->height = fit_.height;
+  ffmpeg::Check(av_frame_get_buffer(scaled_.get(), 0), "cannot scale a picture");
+}
+
+// Where the library does not take the form of a picture, its colours are wrong, but it is seen.
+ffmpeg::Frame PictureConverter::ConvertWideColour(const AVFrame& frame) {
+  ffmpeg::Frame converted;
+  try {
+    colourFilter_->Push(ffmpeg::RefFrame(frame),
+                        [&](ffmpeg::Frame done) { converted = std::move(done); });
+  } catch (const ffmpeg::Error&) {
+    converted.reset();
+  }
+  if (!converted) {
+    colourFilter_.reset();
+    MakeScaler(*scalerFormat_);
+  }
+  return converted;
+}
+
+void PictureConverter::Write(std::span<std::uint8_t> buffer) {
+  if (ready_.empty() || buffer.size() < bufferSize()) {
+    throw std::invalid_argument("no picture is ready, or the buffer is too small");
+  }
+  const ReadyPicture picture = std::move(ready_.front());
+  ready_.pop_front();
+  UpdateScaler(*picture.frame);
+
+  const ffmpeg::Frame converted = colourFilter_ ? ConvertWideColour(*picture.frame) : nullptr;
+  const AVFrame* source = converted ? converted.get() : picture.frame.get();
+  if (scaler_) {
+    ffmpeg::Check(sws_scale(scaler_.get(), source->data, source->linesize, 0, source->height,
+                            scaled_->data, scaled_->linesize),
+                  "cannot scale a picture");
+    source = scaled_.get();
+  }
+
+  const int width = settings_.width;
+  const int height = settings_.height;
+  const std::size_t lumaSize = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
+  const Plane y{buffer.data(), width};
+  const Plane v{buffer.data() + lumaSize, width / 2};
+  const Plane u{buffer.data() + lumaSize + lumaSize / 4, width / 2};
+  const FitRect chromaFit{fit_.x / 2, fit_.y / 2, fit_.width / 2, fit_.height / 2};
+  FillAround(y, width, height, fit_, kBlackLuma);
+  FillAround(v, width / 2, height / 2, chromaFit, kNeutralChroma);
+  FillAround(u, width / 2, height / 2, chromaFit, kNeutralChroma);
+
+  const ConstPlane fromY{source->data[0], source->linesize[0]};
+  const ConstPlane fromU{source->data[1], source->linesize[1]};
+  const ConstPlane fromV{source->data[2], source->linesize[2]};
+  const auto inside = [](Plane plane, const FitRect& rect) {
+    return Plane{plane.data + rect.y * plane.stride + rect.x, plane.stride};
+  };
+  if (matrix_->identity()) {
+    CopyRows(fromY, inside(y, fit_), fit_.width, fit_.height);
+    CopyRows(fromU, inside(u, chromaFit), chromaFit.width, chromaFit.height);
+    CopyRows(fromV, inside(v, chromaFit), chromaFit.width, chromaFit.height);
+  } else {
+    matrix_->Apply(fromY, fromU, fromV, inside(y, fit_), inside(u, chromaFit), inside(v, chromaFit),
+                   fit_.width, fit_.height);
+  }
+}
+
+}  // namespace host

@@ -1,0 +1,126 @@
+// Makes the pictures of a source into the pictures of its window.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+
+#include "host/channel/source/media_info.h"
+#include "host/channel/video/colour_matrix.h"
+#include "host/channel/video/picture_filter.h"
+#include "host/channel/video/picture_fit.h"
+#include "host/channel/video/rate_limiter.h"
+#include "host/channel/video/wide_colour.h"
+#include "host/ffmpeg/handles.h"
+#include "host/units.h"
+
+namespace host {
+
+enum class Deinterlace {
+  kOff,
+  kAuto,    // pictures that are marked as interlaced; each field when the canvas is fast enough
+  kFrames,  // every picture, one for each frame
+  kFields,  // every picture, one for each field
+};
+
+// Every picture that comes out has exactly the size of the window, whatever comes in, so that a
+// source that changes its format never moves anything on the wall: the source's picture is
+// deinterlaced and turned upright where needed, thinned to the rate of the canvas, scaled with its
+// aspect kept, centred on black, and converted to BT.601 studio range, of high dynamic range and
+// wide colours too. The layout is packed YV12:
+// Y, then V, then U, the stride of each plane being its width.
+//
+// Use: Push a picture, then Write as long as Next gives one. Owned and called by one channel on its
+// thread; no lock.
+class PictureConverter {
+ public:
+  struct Settings {
+    int width = 0;  // of the window, in canvas pixels; even, at least 2
+    int height = 0;
+    Ratio canvasRate{25, 1};
+    Ratio canvasPixelAspect{1, 1};
+    Deinterlace deinterlace = Deinterlace::kAuto;
+  };
+
+  struct PictureTimes {
+    Time start = 0;
+    Time duration = 0;
+    bool discontinuity = false;
+  };
+
+  explicit PictureConverter(const Settings& settings);
+  ~PictureConverter();
+
+  // Takes the next picture of the source. Throws ffmpeg::Error when it cannot be handled; the
+  // picture is then lost, the converter stays usable.
+  void Push(VideoPicture picture);
+  // The source has ended: what the deinterlacer holds back becomes ready. A new source may follow.
+  void Finish();
+
+  // The times of the picture that Write gives next; null when there is none.
+  const PictureTimes* Next() const { return ready_.empty() ? nullptr : &ready_.front().times; }
+  // Draws that picture into the buffer (bufferSize() bytes) and drops it. Throws ffmpeg::Error when
+  // the source's format cannot be converted, after dropping it too.
+  void Write(std::span<std::uint8_t> buffer);
+  // Drops that picture undrawn, when there is no buffer for it.
+  void Drop() { ready_.pop_front(); }
+
+  std::size_t bufferSize() const;
+  // Whether pictures are being deinterlaced.
+  bool deinterlacing() const { return filter_ && deinterlaceMode_ != nullptr; }
+
+ private:
+  struct ReadyPicture {
+    ffmpeg::Frame frame;
+    PictureTimes times;
+  };
+  // What scaler and filters are built for.
+  struct SourceFormat {
+    int width = 0;
+    int height = 0;
+    int pixelFormat = -1;
+    Ratio pixelAspect{1, 1};
+    int colourSpace = 0;
+    int colourRange = 0;
+    std::optional<WideColour> wideColour{};
+    Orientation orientation{};  // of what comes in; upright for the scaler
+
+    bool operator==(const SourceFormat&) const = default;
+  };
+
+  static SourceFormat FormatOf(const AVFrame& frame);
+  const char* WantedDeinterlacing(const AVFrame& frame, Time duration) const;
+  void Filter(VideoPicture picture);
+  void UpdateFilter(const VideoPicture& picture);
+  void FinishFilter();
+  void Filtered(ffmpeg::Frame frame);
+  void MakeReady(ffmpeg::Frame frame, const PictureTimes& times);
+  void UpdateScaler(const AVFrame& frame);
+  void MakeScaler(const SourceFormat& format);
+  // The picture in the size of the fit and in the wall's colours. Null when that cannot be done:
+  // then there is a scaler instead.
+  ffmpeg::Frame ConvertWideColour(const AVFrame& frame);
+
+  const Settings settings_;
+  RateLimiter limiter_;
+  std::deque<ReadyPicture> ready_;
+
+  std::optional<SourceFormat> filterFormat_;
+  std::unique_ptr<PictureFilter> filter_;
+  const char* deinterlaceMode_ = nullptr;  // of the filter, null: none
+  Time filteredDuration_ = 0;
+  bool isDiscontinuous_ = false;  // the next frame that the filter gives
+
+  std::optional<SourceFormat> scalerFormat_;
+  FitRect fit_;
+  ffmpeg::Scaler scaler_;  // null: the picture has the right size and format already
+  ffmpeg::Frame scaled_;   // aligned rows, which the scaler needs
+  std::optional<ColourMatrix> matrix_;
+  std::unique_ptr<PictureFilter> colourFilter_;  // for wide colours, instead of these three
+};
+
+}  // namespace host

@@ -1,0 +1,55 @@
+// What is wrong with a file, and where.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace host::config {
+
+// Counted from 1, columns in characters.
+struct Position {
+  std::size_t line = 1;
+  std::size_t column = 1;
+};
+
+struct Diagnostic {
+  enum class Severity {
+    kNote,     // nothing is wrong; something that the operator should know
+    kWarning,  // it works, but hardly as it is meant
+    kError,
+  };
+  Severity severity = Severity::kError;
+  Position position;
+  std::string message;
+};
+
+// Where the keys of a table stand in the file: key to position, "options.KEY" for those of its
+// table of options. Empty for what no file gives.
+using Places = std::map<std::string, Position, std::less<>>;
+
+// All mistakes of one file, collected by its reader.
+class Diagnostics {
+ public:
+  void Error(Position position, std::string message);
+  void Warning(Position position, std::string message);
+  void Note(Position position, std::string message);
+  void Add(Diagnostic diagnostic) { all_.push_back(std::move(diagnostic)); }
+
+  bool HasErrors() const;
+  const std::vector<Diagnostic>& all() const { return all_; }
+  // Brings them into the order of the file.
+  void Sort();
+
+ private:
+  std::vector<Diagnostic> all_;
+};
+
+const char* NameOf(Diagnostic::Severity severity);
+// "wall.toml:3:9: error: ...", the form that editors and build tools read.
+std::string ToText(const Diagnostic& diagnostic, const std::string& file);
+
+}  // namespace host::config

@@ -1,0 +1,49 @@
+// The readers of the single sections of a wall file; used by ReadWall only.
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+
+#include "host/config/layout.h"
+#include "host/config/table_reader.h"
+#include "host/config/wall.h"
+
+namespace host::config {
+
+// Relative paths in a wall file start at its own folder.
+struct FileContext {
+  std::filesystem::path folder;
+  bool complete = true;  // false: what is missing may stand in a line with a mistake
+};
+
+// A URL as it is, a path joined to the folder of the wall file.
+std::string ResolveSource(const std::string& source, const FileContext& context);
+std::filesystem::path ResolvePath(const std::string& path, const FileContext& context);
+
+// [wall]
+void ReadCanvas(TableReader& reader, const FileContext& context, Canvas& canvas,
+                LayoutRules& rules);
+
+// [defaults] and what a channel shares with it.
+void ReadChannelOptions(TableReader& reader, ChannelOptions& options);
+
+// [[channel]]; number counts from 1. The window is set when the file gives one.
+struct ChannelEntry {
+  Channel channel;
+  std::optional<Window> window;
+  Position position;        // of the channel
+  Position windowPosition;  // of its window
+  Position namePosition;
+  bool named = false;  // by the file
+};
+ChannelEntry ReadChannel(TableReader& reader, const FileContext& context, std::size_t number,
+                         const ChannelOptions& defaults);
+
+// [log]
+void ReadLog(TableReader& reader, const FileContext& context, LogOptions& log);
+
+// [[output]]
+Output ReadOutput(TableReader& reader, const FileContext& context);
+
+}  // namespace host::config

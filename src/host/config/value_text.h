@@ -1,0 +1,46 @@
+// The forms in which a wall file writes values that are more than a number.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+#include "host/config/wall.h"
+#include "host/units.h"
+
+namespace host::config {
+
+// "25", "30000/1001", "29.97" (which is taken for 30000/1001); nothing for other texts. The range
+// is not checked.
+std::optional<Ratio> ParseFrameRate(std::string_view text);
+std::optional<Ratio> FrameRateOf(double framesPerSecond);
+
+// "16:9" or "16/9", reduced; both terms from 1 to 8192.
+std::optional<Ratio> ParseAspect(std::string_view text);
+
+// A number and a unit: "250 ms", "1.5s", "2 min", "1 h"; a number alone is seconds.
+std::optional<Time> ParseDuration(std::string_view text);
+
+// "800k", "6M", "6000000": bits per second.
+std::optional<std::int64_t> ParseBitRate(std::string_view text);
+
+// "500000", "64K", "10M", "1G", 1024 to the K: bytes, at most 2147483647.
+std::optional<std::int32_t> ParseByteSize(std::string_view text);
+inline constexpr const char* kByteSizeForm =
+    "must be a number of bytes, such as 500000, 64K or 10M, below 2G; 0 for no limit";
+
+// "500 MB", "2 GB", 1000 to the kB: bytes.
+std::optional<std::int64_t> ParseFileSize(std::string_view text);
+
+// "host", "host:port", "[::1]:port"; the port is that of syslog when none is given. An
+// empty text has an empty host: no endpoint.
+std::optional<Endpoint> ParseEndpoint(std::string_view text);
+inline constexpr const char* kEndpointForm = "must be HOST:PORT, the port 1 to 65535";
+
+// "#RGB", "#ARGB", "#RRGGBB" or "#AARRGGBB".
+bool IsLabelColour(std::string_view text);
+
+// "#RGB" or "#RRGGBB".
+std::optional<Rgb> ParseRgb(std::string_view text);
+
+}  // namespace host::config

@@ -1,0 +1,154 @@
+// A wall as plain data: what its file says, checked and completed.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/config/diagnostics.h"
+#include "host/config/log_options.h"
+#include "host/units.h"
+
+namespace host::config {
+
+inline constexpr std::size_t kMostChannels = 36;
+inline constexpr int kSmallestCanvas = 16;
+inline constexpr int kLargestCanvas = 8192;
+
+struct Rgb {
+  std::uint8_t red = 0;
+  std::uint8_t green = 0;
+  std::uint8_t blue = 0;
+
+  bool operator==(const Rgb&) const = default;
+};
+
+// In canvas pixels; all four even.
+struct Window {
+  int x = 0;
+  int y = 0;
+  int width = 0;
+  int height = 0;
+
+  bool operator==(const Window&) const = default;
+};
+
+struct Background {
+  enum class Kind { kColour, kGradient, kPicture };
+  Kind kind = Kind::kGradient;
+  Rgb top{0x1B, 0x22, 0x2B};     // the colour, or the gradient's upper end
+  Rgb bottom{0x0A, 0x0D, 0x11};  // the gradient's lower end
+  std::filesystem::path picture;
+};
+
+struct Canvas {
+  int width = 1920;
+  int height = 1080;
+  Ratio frameRate{25, 1};
+  Ratio aspect{16, 9};  // width to height of the shown picture, reduced
+  Background background;
+  int clockOffset = 0;  // ppm by which the wall's time runs faster than the machine's
+  Time preroll = 0;     // period of the frames that are marked as preroll; 0: none
+  Places places;
+};
+
+struct Label {
+  enum class Source {
+    kNone,
+    kText,
+    kFile,     // the text of a file that may change while the wall runs
+    kService,  // the source's own service name
+  };
+  Source source = Source::kText;
+  std::string text;            // kText; for kService what is shown until the name is known
+  std::filesystem::path file;  // kFile
+};
+
+enum class DeinterlaceMode { kOff, kAuto, kFrames, kFields };
+
+struct AudioOptions {
+  bool enabled = true;  // a track of the outputs, and levels
+  bool meter = true;    // levels are drawn
+  std::size_t track =
+      0;  // counted from 1; 0: chosen by language, otherwise the source's first choice
+  std::string language;  // ISO 639; chooses the track, and names it where the source does not
+};
+
+struct Alarm {
+  bool enabled = true;
+  double level = 0;  // see AlarmOptions
+  Time setAfter = 0;
+  Time clearAfter = kSecond;
+};
+
+struct AlarmOptions {
+  Alarm loss{true, 0, kSecond, kSecond};            // no picture; no level
+  Alarm black{true, 10, 5 * kSecond, kSecond};      // brightest percent that counts as black
+  Alarm freeze{true, -60, 5 * kSecond, kSecond};    // largest change in dB that counts as none
+  Alarm silence{true, -60, 10 * kSecond, kSecond};  // loudest peak in dBFS that counts as silence
+  // Peak in dBFS from which it counts as clipping; two a second within the time to set.
+  Alarm clipping{true, -0.1, 2 * kSecond, 2 * kSecond};
+};
+
+// What may also be set for all channels at once.
+struct ChannelOptions {
+  std::string colour = "#FFFFFF";  // of the label, in one of the composer's forms
+  bool enabled = true;
+  DeinterlaceMode deinterlace = DeinterlaceMode::kAuto;
+  bool repeat = true;       // files begin again when the wall runs live
+  Time hold = 5 * kSecond;  // the last picture stays for so long when the source stops
+  Time openLimit = 10 * kSecond;
+  Time readLimit = 5 * kSecond;
+  int decoderThreads = 1;
+  AudioOptions audio;
+  AlarmOptions alarm;
+  std::map<std::string, std::string> options;  // of FFmpeg's protocol and container
+};
+
+struct Channel {
+  std::string name;
+  std::string source;  // a URL, or a path that is absolute or relative to the working folder
+  Window window;
+  bool selected = false;
+  Label label;
+  ChannelOptions options;
+  Places places;
+};
+
+struct Output {
+  std::string url;     // as for a channel's source
+  std::string format;  // empty: by the name
+  std::string codec = "h264";
+  std::string preset = "veryfast";
+  std::int64_t bitRate = 0;       // bits per second; 0: constant quality
+  std::optional<double> quality;  // 0 (best) to 51
+  Time keyFrameInterval = 2 * kSecond;
+  bool lowDelay = false;
+  bool audio = true;
+  // How long a live output waits at its start for what is not known yet of the channels' audio.
+  Time audioWait = 700 * kMillisecond;
+  bool overwrite = false;                      // a file that exists is replaced
+  Time segment = 0;                            // length of the files of a recording; 0: one file
+  std::int64_t segmentSize = 0;                // bytes, likewise
+  std::map<std::string, std::string> options;  // of FFmpeg's container and protocol
+  Places places;
+};
+
+struct Wall {
+  Canvas canvas;
+  std::vector<Channel> channels;
+  std::vector<Output> outputs;
+  LogOptions log;
+};
+
+// The size in points of the labels that the composer draws on a canvas of so many lines.
+int LabelFontSize(int canvasHeight);
+// The lines of the canvas that a label takes under its window.
+int LabelRoom(int canvasHeight);
+
+}  // namespace host::config

@@ -1,0 +1,220 @@
+#include "host/config/wall_reader.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "host/config/layout.h"
+#include "host/config/sections.h"
+#include "host/config/table_reader.h"
+#include "host/config/toml_file.h"
+#include "host/config/url.h"
+
+namespace host::config {
+
+namespace {
+
+std::string Numbered(const char* what, std::size_t number) {
+  return std::string(what) + " " + std::to_string(number);
+}
+
+// Given windows are checked against the canvas; open ones are laid out.
+void PlaceWindows(std::vector<ChannelEntry>& entries, const Canvas& canvas,
+                  const LayoutRules& rules, Position wallPosition, Diagnostics& diagnostics) {
+  const bool given = std::any_of(entries.begin(), entries.end(), [](const ChannelEntry& entry) {
+    return entry.window.has_value();
+  });
+  if (!given) {
+    const bool labels = std::any_of(entries.begin(), entries.end(), [](const ChannelEntry& entry) {
+      return entry.channel.label.source != Label::Source::kNone;
+    });
+    const auto windows = LayOutWindows(canvas, rules, entries.size(), labels);
+    if (!windows) {
+      diagnostics.Error(wallPosition, "the canvas of " + std::to_string(canvas.width) + "x" +
+                                          std::to_string(canvas.height) + " has no room for " +
+                                          std::to_string(entries.size()) +
+                                          " windows; make it larger, or gap, margin and label_room "
+                                          "smaller, or give each channel a window");
+      return;
+    }
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+      entries[i].channel.window = (*windows)[i];
+    }
+    return;
+  }
+  for (ChannelEntry& entry : entries) {
+    if (!entry.window) {
+      continue;  // said by the caller
+    }
+    const Window& window = *entry.window;
+    entry.channel.window = window;
+    const std::string name = "the window of \"" + entry.channel.name + "\"";
+    const int right = window.x + window.width;
+    const int bottom = window.y + window.height;
+    if (right <= 0 || bottom <= 0 || window.x >= canvas.width || window.y >= canvas.height) {
+      diagnostics.Warning(entry.windowPosition,
+                          name + " lies outside the canvas and is never seen");
+    }
+    if (entry.channel.selected &&
+        (window.x < 0 || window.y < 0 || right >= canvas.width || bottom >= canvas.height)) {
+      diagnostics.Error(
+          entry.windowPosition,
+          name +
+              " is selected, so it must lie inside the canvas and keep at least one pixel from "
+              "its right and bottom edges: x and y from 0, x + width below " +
+              std::to_string(canvas.width) + " (it is " + std::to_string(right) +
+              "), y + height below " + std::to_string(canvas.height) + " (it is " +
+              std::to_string(bottom) + "); the frame of a selected window cannot be drawn there");
+    }
+  }
+}
+
+// Of two windows on one place, the later one hides the other.
+void CheckOverlaps(const std::vector<ChannelEntry>& entries, Diagnostics& diagnostics) {
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    for (std::size_t k = 0; k < i; ++k) {
+      const auto& a = entries[k].window;
+      const auto& b = entries[i].window;
+      if (a && b && entries[k].channel.options.enabled && entries[i].channel.options.enabled &&
+          a->x < b->x + b->width && b->x < a->x + a->width && a->y < b->y + b->height &&
+          b->y < a->y + a->height) {
+        diagnostics.Warning(entries[i].windowPosition,
+                            "the window of \"" + entries[i].channel.name +
+                                "\" overlaps that of \"" + entries[k].channel.name + "\"");
+        break;
+      }
+    }
+  }
+}
+
+void CheckNames(const std::vector<ChannelEntry>& entries, Diagnostics& diagnostics) {
+  std::map<std::string, std::size_t> seen;
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    const auto [first, isNew] = seen.emplace(entries[i].channel.name, i + 1);
+    if (!isNew) {
+      diagnostics.Error(entries[i].namePosition, "the name \"" + entries[i].channel.name +
+                                                     "\" is that of channel " +
+                                                     std::to_string(first->second) + " already");
+    }
+  }
+}
+
+// A channel whose window was given but wrong has its own mistake reported.
+void CheckWindowsGiven(const std::vector<const toml::table*>& tables,
+                       const std::vector<ChannelEntry>& entries, Diagnostics& diagnostics) {
+  const bool any = std::any_of(tables.begin(), tables.end(),
+                               [](const toml::table* table) { return table->contains("window"); });
+  for (std::size_t i = 0; any && i < entries.size(); ++i) {
+    if (!tables[i]->contains("window")) {
+      diagnostics.Error(entries[i].position,
+                        "\"" + entries[i].channel.name +
+                            "\" has no window, but others have: give every channel one, or none");
+    }
+  }
+}
+
+std::vector<Channel> ReadChannels(TableReader& root, const FileContext& context,
+                                  const ChannelOptions& defaults, const Canvas& canvas,
+                                  const LayoutRules& rules, Position wallPosition,
+                                  Diagnostics& diagnostics) {
+  const std::vector<const toml::table*> tables = root.Tables("channel");
+  if (root.Find("channel") == nullptr && context.complete) {
+    diagnostics.Error(wallPosition, "the wall has no channel; each is a [[channel]] with a source");
+  }
+  if (tables.size() > kMostChannels) {
+    diagnostics.Error(PositionOf(*tables[kMostChannels]),
+                      "a wall has at most " + std::to_string(kMostChannels) + " channels, not " +
+                          std::to_string(tables.size()));
+  }
+  std::vector<ChannelEntry> entries;
+  for (std::size_t i = 0; i < tables.size(); ++i) {
+    TableReader reader(*tables[i], Numbered("channel", i + 1), diagnostics);
+    entries.push_back(ReadChannel(reader, context, i + 1, defaults));
+  }
+  CheckNames(entries, diagnostics);
+  if (!entries.empty() && entries.size() <= kMostChannels) {
+    if (context.complete) {
+      CheckWindowsGiven(tables, entries, diagnostics);
+    }
+    PlaceWindows(entries, canvas, rules, wallPosition, diagnostics);
+    CheckOverlaps(entries, diagnostics);
+  }
+  std::vector<Channel> channels;
+  channels.reserve(entries.size());
+  for (ChannelEntry& entry : entries) {
+    channels.push_back(std::move(entry.channel));
+  }
+  return channels;
+}
+
+}  // namespace
+
+std::string ResolveSource(const std::string& source, const FileContext& context) {
+  const std::optional<std::string> path = LocalPath(source);
+  return path ? ResolvePath(*path, context).string() : source;
+}
+
+std::filesystem::path ResolvePath(const std::string& path, const FileContext& context) {
+  return (context.folder / path).lexically_normal();
+}
+
+WallFile ParseWall(const std::string& text, const std::filesystem::path& folder) {
+  WallFile file;
+  const TomlFile toml = ParseToml(text, file.diagnostics);
+  if (toml.table) {
+    const FileContext context{folder, toml.complete};
+    TableReader root(*toml.table, "a wall file", file.diagnostics);
+    LayoutRules rules;
+    Position wallPosition;
+    if (const toml::table* wall = root.Table("wall")) {
+      wallPosition = PositionOf(*wall);
+      TableReader reader(*wall, "[wall]", file.diagnostics);
+      ReadCanvas(reader, context, file.wall.canvas, rules);
+    }
+    ChannelOptions defaults;
+    if (const toml::table* table = root.Table("defaults")) {
+      TableReader reader(*table, "[defaults]", file.diagnostics);
+      ReadChannelOptions(reader, defaults);
+      reader.Finish();
+    }
+    file.wall.channels = ReadChannels(root, context, defaults, file.wall.canvas, rules,
+                                      wallPosition, file.diagnostics);
+    if (const toml::table* table = root.Table("log")) {
+      TableReader reader(*table, "[log]", file.diagnostics);
+      ReadLog(reader, context, file.wall.log);
+    }
+    const std::vector<const toml::table*> outputs = root.Tables("output");
+    for (std::size_t i = 0; i < outputs.size(); ++i) {
+      TableReader reader(*outputs[i], Numbered("output", i + 1), file.diagnostics);
+      file.wall.outputs.push_back(ReadOutput(reader, context));
+    }
+    root.Finish();
+  }
+  file.diagnostics.Sort();
+  return file;
+}
+
+WallFile ReadWall(const std::filesystem::path& path) {
+  const auto unreadable = [&](std::error_code reason) {
+    WallFile file;
+    file.diagnostics.Error({}, "cannot be read: " + reason.message());
+    return file;
+  };
+  std::error_code reason;
+  if (std::filesystem::is_directory(path, reason)) {
+    return unreadable(std::make_error_code(std::errc::is_a_directory));
+  }
+  std::ifstream stream(path, std::ios::binary);
+  if (!stream) {
+    return unreadable({errno, std::generic_category()});
+  }
+  const std::string text{std::istreambuf_iterator<char>(stream), {}};
+  return ParseWall(text, path.parent_path());
+}
+
+}  // namespace host::config

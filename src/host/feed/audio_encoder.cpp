@@ -1,0 +1,240 @@
+#include "host/feed/audio_encoder.h"
+
+#include <algorithm>
+#include <cmath>
+#include <new>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/audio_fifo.h>
+#include <libavutil/frame.h>
+#include <libavutil/samplefmt.h>
+#include <libswresample/swresample.h>
+}
+
+#include "host/ffmpeg/error.h"
+#include "host/ffmpeg/time_unit.h"
+
+namespace host {
+namespace {
+
+// Stamps are counted in samples, so that rounded ones do not break the sound; when both have
+// drifted apart so far, the sound follows the stamps.
+constexpr Time kTolerance = 30 * kMillisecond;
+constexpr int kDefaultFrameSize = 1024;
+
+// No decoder means a sample beyond this; encoders refuse whole frames for one that is no number.
+constexpr float kMaxSample = 1000.0F;
+
+// Of samples as floating-point numbers: whether some had to be replaced by silence.
+bool Repair(AVFrame& frame) {
+  bool found = false;
+  const int planes = frame.ch_layout.nb_channels;
+  for (int plane = 0; frame.format == AV_SAMPLE_FMT_FLTP && plane < planes; ++plane) {
+    auto* const samples = reinterpret_cast<float*>(frame.extended_data[plane]);
+    for (int i = 0; i < frame.nb_samples; ++i) {
+      if (!(std::fabs(samples[i]) <= kMaxSample)) {
+        samples[i] = 0.0F;
+        found = true;
+      }
+    }
+  }
+  return found;
+}
+
+const AVCodec& EncoderFor(AVCodecID id) {
+  const AVCodec* const encoder = avcodec_find_encoder(id == AV_CODEC_ID_MP1 ? AV_CODEC_ID_MP2 : id);
+  if (encoder == nullptr) {
+    throw ffmpeg::Error(AVERROR_ENCODER_NOT_FOUND, "cannot encode sound as", avcodec_get_name(id));
+  }
+  return *encoder;
+}
+
+}  // namespace
+
+AudioEncoder::AudioEncoder(const AVCodecParameters& target) {
+  const AVCodec& encoder = EncoderFor(target.codec_id);
+  // The encoder makes plain AAC; what else the config announces would be missing.
+  if (target.codec_id == AV_CODEC_ID_AAC && target.profile != FF_PROFILE_UNKNOWN &&
+      target.profile != FF_PROFILE_AAC_LOW) {
+    throw ffmpeg::Error(AVERROR_ENCODER_NOT_FOUND, "cannot encode this kind of AAC");
+  }
+  codec_.reset(avcodec_alloc_context3(&encoder));
+  if (!codec_) {
+    throw std::bad_alloc();
+  }
+  codec_->sample_rate = target.sample_rate;
+  codec_->sample_fmt = encoder.sample_fmts != nullptr ? encoder.sample_fmts[0] : AV_SAMPLE_FMT_FLTP;
+  ffmpeg::Check(av_channel_layout_copy(&codec_->ch_layout, &target.ch_layout),
+                "cannot encode sound");
+  if (codec_->ch_layout.order == AV_CHANNEL_ORDER_UNSPEC) {
+    av_channel_layout_default(&codec_->ch_layout, target.ch_layout.nb_channels);
+  }
+  codec_->time_base = {1, target.sample_rate};
+  codec_->bit_rate =
+      target.bit_rate > 0 ? target.bit_rate : 64'000 * std::int64_t{target.ch_layout.nb_channels};
+  codec_->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+  codec_->thread_count = 1;
+  ffmpeg::Check(avcodec_open2(codec_.get(), &encoder, nullptr), "cannot start the encoder",
+                encoder.name);
+  frameSize_ = codec_->frame_size > 0 ? codec_->frame_size : kDefaultFrameSize;
+  fifo_.reset(
+      av_audio_fifo_alloc(codec_->sample_fmt, codec_->ch_layout.nb_channels, 4 * frameSize_));
+  if (!fifo_) {
+    throw std::bad_alloc();
+  }
+}
+
+AudioEncoder::~AudioEncoder() = default;
+
+ffmpeg::Parameters AudioEncoder::parameters() const {
+  ffmpeg::Parameters parameters = ffmpeg::MakeParameters();
+  ffmpeg::Check(avcodec_parameters_from_context(parameters.get(), codec_.get()),
+                "cannot describe the encoded sound");
+  // The delay is in the stamps of the packets.
+  parameters->initial_padding = 0;
+  return parameters;
+}
+
+Time AudioEncoder::TimeOf(std::int64_t sample) const {
+  return *base_ + av_rescale(sample, kSecond, codec_->sample_rate);
+}
+
+Time AudioEncoder::Expected() const {
+  const std::int64_t held = resampler_ ? swr_get_delay(resampler_.get(), codec_->sample_rate) : 0;
+  return TimeOf(next_ + av_audio_fifo_size(fifo_.get()) + held);
+}
+
+void AudioEncoder::Push(const AVFrame& frame, Time start, const PacketSink& sink) {
+  if (frame.nb_samples <= 0 || frame.sample_rate <= 0) {
+    return;
+  }
+  if (!base_) {
+    base_ = start;
+  } else if (start < Expected() - kTolerance) {
+    return;
+  } else if (start > Expected() + kTolerance) {
+    DrainResampler();
+    EncodeFull(sink);
+    EncodeRest(sink);
+    next_ = std::max(next_, av_rescale(start - *base_, codec_->sample_rate, kSecond));
+  }
+  Resample(frame);
+  EncodeFull(sink);
+}
+
+void AudioEncoder::Resample(const AVFrame& frame) {
+  const bool fits = resampler_ && source_->sample_rate == frame.sample_rate &&
+                    source_->format == frame.format &&
+                    av_channel_layout_compare(&source_->ch_layout, &frame.ch_layout) == 0;
+  if (!fits) {
+    DrainResampler();
+    source_ = ffmpeg::MakeFrame();
+    source_->sample_rate = frame.sample_rate;
+    source_->format = frame.format;
+    ffmpeg::Check(av_channel_layout_copy(&source_->ch_layout, &frame.ch_layout),
+                  "cannot convert sound");
+    AVChannelLayout from{};
+    if (frame.ch_layout.order == AV_CHANNEL_ORDER_UNSPEC) {
+      av_channel_layout_default(&from, frame.ch_layout.nb_channels);
+    } else {
+      ffmpeg::Check(av_channel_layout_copy(&from, &frame.ch_layout), "cannot convert sound");
+    }
+    SwrContext* context = nullptr;
+    const int result = swr_alloc_set_opts2(
+        &context, &codec_->ch_layout, codec_->sample_fmt, codec_->sample_rate, &from,
+        static_cast<AVSampleFormat>(frame.format), frame.sample_rate, 0, nullptr);
+    av_channel_layout_uninit(&from);
+    resampler_.reset(context);
+    ffmpeg::Check(result, "cannot convert sound");
+    ffmpeg::Check(swr_init(resampler_.get()), "cannot convert sound");
+  }
+  const ffmpeg::Frame converted = ffmpeg::MakeFrame();
+  converted->format = codec_->sample_fmt;
+  converted->nb_samples = std::max(1, swr_get_out_samples(resampler_.get(), frame.nb_samples));
+  ffmpeg::Check(av_channel_layout_copy(&converted->ch_layout, &codec_->ch_layout),
+                "cannot convert sound");
+  ffmpeg::Check(av_frame_get_buffer(converted.get(), 0), "cannot convert sound");
+  const int count = ffmpeg::Check(
+      swr_convert(resampler_.get(), converted->extended_data, converted->nb_samples,
+                  const_cast<const std::uint8_t**>(frame.extended_data), frame.nb_samples),
+      "cannot convert sound");
+  ffmpeg::Check(
+      av_audio_fifo_write(fifo_.get(), reinterpret_cast<void**>(converted->extended_data), count),
+      "cannot convert sound");
+}
+
+// What the resampler holds back belongs to the sound before a change.
+void AudioEncoder::DrainResampler() {
+  if (!resampler_) {
+    return;
+  }
+  const ffmpeg::Frame rest = ffmpeg::MakeFrame();
+  rest->format = codec_->sample_fmt;
+  rest->nb_samples = std::max(1, swr_get_out_samples(resampler_.get(), 0));
+  ffmpeg::Check(av_channel_layout_copy(&rest->ch_layout, &codec_->ch_layout),
+                "cannot convert sound");
+  ffmpeg::Check(av_frame_get_buffer(rest.get(), 0), "cannot convert sound");
+  const int count = ffmpeg::Check(
+      swr_convert(resampler_.get(), rest->extended_data, rest->nb_samples, nullptr, 0),
+      "cannot convert sound");
+  ffmpeg::Check(
+      av_audio_fifo_write(fifo_.get(), reinterpret_cast<void**>(rest->extended_data), count),
+      "cannot convert sound");
+  resampler_.reset();
+}
+
+void AudioEncoder::EncodeFull(const PacketSink& sink) {
+  while (av_audio_fifo_size(fifo_.get()) >= frameSize_) {
+    EncodeRest(sink);
+  }
+}
+
+void AudioEncoder::EncodeRest(const PacketSink& sink) {
+  const int there = std::min(av_audio_fifo_size(fifo_.get()), frameSize_);
+  if (there == 0) {
+    return;
+  }
+  const ffmpeg::Frame frame = ffmpeg::MakeFrame();
+  frame->format = codec_->sample_fmt;
+  frame->sample_rate = codec_->sample_rate;
+  frame->nb_samples = frameSize_;
+  ffmpeg::Check(av_channel_layout_copy(&frame->ch_layout, &codec_->ch_layout),
+                "cannot encode sound");
+  ffmpeg::Check(av_frame_get_buffer(frame.get(), 0), "cannot encode sound");
+  av_samples_set_silence(frame->extended_data, there, frameSize_ - there,
+                         codec_->ch_layout.nb_channels, codec_->sample_fmt);
+  ffmpeg::Check(
+      av_audio_fifo_read(fifo_.get(), reinterpret_cast<void**>(frame->extended_data), there),
+      "cannot encode sound");
+  repaired_ += Repair(*frame) ? 1 : 0;
+  frame->pts = next_;
+  next_ += frameSize_;
+  Send(frame.get(), sink);
+}
+
+void AudioEncoder::Finish(const PacketSink& sink) {
+  DrainResampler();
+  EncodeFull(sink);
+  EncodeRest(sink);
+  Send(nullptr, sink);
+}
+
+void AudioEncoder::Send(const AVFrame* frame, const PacketSink& sink) {
+  ffmpeg::Check(avcodec_send_frame(codec_.get(), frame), "cannot encode sound");
+  for (;;) {
+    ffmpeg::Packet packet = ffmpeg::MakePacket();
+    const int result = avcodec_receive_packet(codec_.get(), packet.get());
+    if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) {
+      return;
+    }
+    ffmpeg::Check(result, "cannot encode sound");
+    packet->pts = TimeOf(packet->pts);
+    packet->dts = packet->pts;
+    packet->duration = av_rescale(frameSize_, kSecond, codec_->sample_rate);
+    packet->time_base = ffmpeg::kTimeUnit;
+    sink(std::move(packet));
+  }
+}
+
+}  // namespace host

@@ -1,0 +1,108 @@
+#include "host/feed/feed_pin.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "platform/dshow/vfw_errors.h"
+
+namespace host {
+
+FeedPin::FeedPin(CBaseFilter* filter, CCritSec* lock, LPCWSTR name, CMediaType type,
+                 Buffers buffers)
+    : CBaseOutputPin("feed pin", filter, lock, nullptr, name),
+      type_(std::move(type)),
+      buffers_(buffers) {
+  SetReconnectWhenActive(true);
+}
+
+FeedPin::~FeedPin() {
+  ReleasePeer();
+}
+
+HRESULT FeedPin::CheckMediaType(const CMediaType* type) {
+  return type->majortype == type_.majortype && type->subtype == type_.subtype ? S_OK : S_FALSE;
+}
+
+HRESULT FeedPin::GetMediaType(int position, CMediaType* type) {
+  if (position != 0) {
+    return VFW_S_NO_MORE_ITEMS;
+  }
+  *type = type_;
+  return S_OK;
+}
+
+void FeedPin::Offer(CMediaType type, Buffers buffers) {
+  type_ = std::move(type);
+  buffers_ = buffers;
+}
+
+HRESULT FeedPin::DecideAllocator(IMemInputPin* pin, IMemAllocator** allocator) {
+  ALLOCATOR_PROPERTIES request{};
+  pin->GetAllocatorRequirements(&request);
+  const ComPtr<IMemAllocator> mine = ownAllocator_ ? ownAllocator_ : CMemAllocator::Create();
+  HRESULT hr = DecideBufferSize(mine.Get(), &request);
+  if (FAILED(hr)) {
+    return hr;
+  }
+  hr = pin->NotifyAllocator(mine.Get(), FALSE);
+  if (SUCCEEDED(hr)) {
+    *allocator = ComPtr<IMemAllocator>(mine).Detach();
+  }
+  return hr;
+}
+
+HRESULT FeedPin::DecideBufferSize(IMemAllocator* allocator, ALLOCATOR_PROPERTIES* request) {
+  request->cBuffers = std::max(request->cBuffers, buffers_.count);
+  request->cbBuffer = std::max(request->cbBuffer, buffers_.bytes);
+  request->cbAlign = std::max<LONG>(request->cbAlign, 1);
+  ALLOCATOR_PROPERTIES actual{};
+  return allocator->SetProperties(request, &actual);
+}
+
+void FeedPin::ReportTo(qorp::log::ILogPerf* logger, const std::string& pinName) {
+  logger_ = logger;
+  // The name becomes that of a column in records whose fields are separated by commas.
+  pinName_ = pinName;
+  std::replace(pinName_.begin(), pinName_.end(), ',', '_');
+  logger_->RegisterPin(pinName_.c_str());
+}
+
+ComPtr<IMediaSample> FeedPin::NewSample(Time start, Time stop, bool wait) {
+  ComPtr<IMediaSample> sample;
+  HRESULT hr = GetDeliveryBuffer(sample.Put(), nullptr, nullptr, AM_GBF_NOWAIT);
+  if (hr == VFW_E_TIMEOUT) {
+    if (logger_ != nullptr) {
+      logger_->NotifyBufferFull(pinName_.c_str());
+    }
+    if (wait) {
+      hr = GetDeliveryBuffer(sample.Put(), nullptr, nullptr, 0);
+    }
+  }
+  if (hr != S_OK) {
+    return nullptr;
+  }
+  sample->SetTime(&start, &stop);
+  return sample;
+}
+
+bool FeedPin::Send(std::span<const std::uint8_t> bytes, Time start, Time stop,
+                   const CMediaType* newType) {
+  const ComPtr<IMediaSample> sample = NewSample(start, stop, false);
+  BYTE* buffer = nullptr;
+  if (!sample || FAILED(sample->GetPointer(&buffer)) ||
+      FAILED(sample->SetActualDataLength(static_cast<LONG>(bytes.size())))) {
+    return false;
+  }
+  std::memcpy(buffer, bytes.data(), bytes.size());
+  sample->SetSyncPoint(TRUE);
+  // Whoever moves the sample to another clock leaves these as they are.
+  LONGLONG mediaStart = start;
+  LONGLONG mediaStop = stop;
+  sample->SetMediaTime(&mediaStart, &mediaStop);
+  if (newType != nullptr && FAILED(sample->SetMediaType(const_cast<CMediaType*>(newType)))) {
+    return false;
+  }
+  return Deliver(sample.Get()) == S_OK;
+}
+
+}  // namespace host

@@ -1,0 +1,88 @@
+// BackgroundSource: the wall's background and clock as a source filter.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "host/feed/feed_pin.h"
+#include "host/session/frame_watch.h"
+#include "host/units.h"
+#include "platform/baseclasses/base_filter.h"
+#include "platform/os/thread.h"
+
+namespace host {
+
+// Sends copies of one picture, one for each frame of the wall, numbered from 0 and stamped on the
+// grid of the frame rate. Either the owner sends every frame (SendFrame), or the filter has a
+// thread that sends them by a clock: a frame that comes too late is skipped and counted, never made
+// up for.
+//
+// Owned by its graph and by the wall; application's thread but for the pacing thread.
+class BackgroundSource final : public CBaseFilter {
+ public:
+  struct Settings {
+    int width = 0;  // pixels
+    int height = 0;
+    Ratio frameRate{25, 1};
+    Ratio aspect{16, 9};
+    std::vector<std::uint8_t> picture;  // packed YV12 of that size
+    std::shared_ptr<FrameWatch> watch;  // may be null
+  };
+  struct Counters {
+    std::atomic<std::uint64_t> sent{0};
+    std::atomic<std::uint64_t> late{0};     // skipped: their time was over
+    std::atomic<std::uint64_t> starved{0};  // skipped: every buffer was still in use
+  };
+  // How a running wall keeps time.
+  struct Pacing {
+    std::function<Time()> now;  // the wall's time
+    // Waits until the wall's time has reached a moment; false when the wall stops.
+    std::function<bool(Time)> waitUntil;
+    std::function<void()> stopWaiting;
+  };
+
+  static ComPtr<BackgroundSource> Create(Settings settings);
+  explicit BackgroundSource(Settings settings);
+  ~BackgroundSource() override;
+
+  int GetPinCount() override { return 1; }
+  CBasePin* GetPin(int position) override { return position == 0 ? &pin_ : nullptr; }
+  HRESULT Pause() override;
+  HRESULT Run(REFERENCE_TIME start) override;
+  HRESULT Stop() override;
+
+  FeedPin& pin() { return pin_; }
+  // Before the filter runs: frames are sent by a thread of the filter, while it runs.
+  void PaceBy(Pacing pacing) { pacing_ = std::move(pacing); }
+  // Sends frame n; waits for a free buffer. False when the filter stops.
+  bool SendFrame(std::int64_t frame);
+
+  const Counters& counters() const { return counters_; }
+  // Start of the frame that is the composer's present time, 0 before the first; none while a frame
+  // is being sent. Any thread.
+  std::optional<Time> presentFrame() const {
+    const Time sent = sent_;
+    return sending_ == sent ? std::optional(sent) : std::nullopt;
+  }
+
+ private:
+  bool Send(std::int64_t frame, bool wait);
+  void Pace();
+  void EndPacing();
+
+  const Settings settings_;
+  CCritSec lock_;
+  FeedPin pin_;
+  Pacing pacing_;
+  std::unique_ptr<os::Thread> thread_;  // application's thread
+  std::atomic<bool> pacingEnds_{false};
+  std::int64_t nextFrame_ = 0;  // pacing thread; kept from run to run
+  Counters counters_;
+  std::atomic<Time> sending_{0};  // start of the frame whose sending began last ...
+  std::atomic<Time> sent_{0};     // ... and of the one whose sending ended last
+};
+
+}  // namespace host

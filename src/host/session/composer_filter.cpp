@@ -1,0 +1,67 @@
+#include "host/session/composer_filter.h"
+
+#include <filesystem>
+
+#include "host/feed/graph_error.h"
+#include "platform/os/module.h"
+
+namespace host {
+namespace {
+
+constexpr const char* kLibraryName = "QXCompose.ax";
+constexpr ULONG kPinsPerInput = 6;
+constexpr ULONG kAudioOutputPosition = 5;  // of the first input
+
+}  // namespace
+
+std::string FindComposerLibrary() {
+  std::error_code ignored;
+  const std::filesystem::path program = os::ProgramPath();
+  const std::filesystem::path beside = program.parent_path() / kLibraryName;
+  if (std::filesystem::exists(beside, ignored)) {
+    return beside.string();
+  }
+  for (const RegisteredFilter& filter : ListRegisteredFilters()) {
+    if (filter.clsid == CLSID_TavrelComposer) {
+      return filter.library;
+    }
+  }
+  throw GraphError("the composer's library " + std::string(kLibraryName) + " is neither in " +
+                   program.parent_path().string() + " nor registered: run `tavrel register PATH/" +
+                   kLibraryName + "` or name it with --library");
+}
+
+ComposerFilter::ComposerFilter(const std::string& library, const Canvas& canvas,
+                               qorp::log::ILogPerf* logger)
+    : loaded_(CreateFilter(library, CLSID_TavrelComposer)),
+      command_(loaded_.filter.As<IComposeCommand>()) {
+  if (!command_) {
+    throw GraphError(library + " is not a composer: it takes no commands");
+  }
+  Check(command_->Configure(canvas.windows, logger, canvas.width, canvas.height, canvas.aspect.num,
+                            canvas.aspect.den, canvas.prerollPeriod,
+                            {canvas.frameRate.num, canvas.frameRate.den}),
+        "configure the composer");
+}
+
+IPin* ComposerFilter::Pin(ULONG position) const {
+  ComPtr<IEnumPins> pins;
+  Check(loaded_.filter->EnumPins(pins.Put()), "enumerate the composer's pins");
+  ComPtr<IPin> pin;
+  if (pins->Skip(position) != S_OK || pins->Next(1, pin.Put(), nullptr) != S_OK) {
+    return nullptr;
+  }
+  return pin.Get();
+}
+
+ComposerFilter::Input ComposerFilter::AddInput(LONG index, IComposeWindow* window) {
+  Check(command_->AddInput(index, window), "add an input to the composer");
+  Input input;
+  Check(command_->GetInputPins(index, &input.video, &input.audio, &input.videoAlarm,
+                               &input.audioAlarm, &input.text),
+        "look up the pins of an input");
+  input.audioOutput = Pin(kAudioOutputPosition + kPinsPerInput * static_cast<ULONG>(index));
+  return input;
+}
+
+}  // namespace host

@@ -1,0 +1,162 @@
+#include <cmath>
+#include <limits>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+extern "C" {
+#include <libavutil/channel_layout.h>
+#include <libavutil/frame.h>
+}
+
+#include "host/channel/audio/level_meter.h"
+#include "host/channel/audio/sample_planes.h"
+#include "host/ffmpeg/handles.h"
+
+namespace host {
+namespace {
+
+using Readings = std::vector<LevelMeter::Reading>;
+
+void Push(LevelMeter& meter, const std::vector<std::vector<float>>& channels, int rate, Time start,
+          Readings& readings) {
+  std::vector<const float*> planes;
+  for (const auto& channel : channels) {
+    planes.push_back(channel.data());
+  }
+  meter.Push(planes, static_cast<int>(channels[0].size()), rate, start,
+             [&](const LevelMeter::Reading& reading) { readings.push_back(reading); });
+}
+
+// One channel that is silent but for one sample.
+std::vector<float> Impulse(std::size_t samples, std::size_t at, float value) {
+  std::vector<float> channel(samples, 0.0F);
+  channel[at] = value;
+  return channel;
+}
+
+TEST(LevelMeter, ShowsThePeakOfEachChannelOverTheTimeOfAFrame) {
+  LevelMeter meter({});
+  Readings readings;
+  Push(meter, {Impulse(3840, 1919, -0.5F), Impulse(3840, 1920, 0.25F)}, 48000, 0, readings);
+  ASSERT_EQ(readings.size(), 2U);
+  EXPECT_EQ(readings[0].start, 0);
+  EXPECT_EQ(readings[0].duration, 400'000);
+  EXPECT_EQ(readings[0].levels.channelCount, 2);
+  EXPECT_EQ(readings[0].levels.levels[0], 500);
+  EXPECT_EQ(readings[0].levels.levels[1], 0);
+  EXPECT_EQ(readings[1].start, 400'000);
+  EXPECT_EQ(readings[1].levels.levels[0], 0);
+  EXPECT_EQ(readings[1].levels.peaks[0], 500);
+  EXPECT_EQ(readings[1].levels.levels[1], 250);
+}
+
+TEST(LevelMeter, DoesNotDependOnHowTheSamplesAreCut) {
+  std::vector<float> sound(44100);
+  for (std::size_t i = 0; i < sound.size(); ++i) {
+    sound[i] = static_cast<float>(std::sin(0.05 * static_cast<double>(i)) * static_cast<double>(i) /
+                                  44100.0);
+  }
+  const auto measure = [&](std::size_t piece) {
+    LevelMeter::Settings settings;
+    settings.frameRate = {30000, 1001};
+    LevelMeter meter(settings);
+    Readings readings;
+    for (std::size_t at = 0; at < sound.size(); at += piece) {
+      const std::size_t end = std::min(at + piece, sound.size());
+      // Rounded down, as a decoder's stamps are.
+      Push(meter, {{sound.begin() + static_cast<long>(at), sound.begin() + static_cast<long>(end)}},
+           44100, static_cast<Time>(at) * kSecond / 44100, readings);
+    }
+    meter.Finish([&](const LevelMeter::Reading& reading) { readings.push_back(reading); });
+    return readings;
+  };
+  const Readings whole = measure(sound.size());
+  EXPECT_EQ(whole.size(), 30U);
+  for (const std::size_t piece : {std::size_t{1024}, std::size_t{441}, std::size_t{7}}) {
+    const Readings cut = measure(piece);
+    ASSERT_EQ(cut.size(), whole.size()) << piece;
+    for (std::size_t i = 0; i < cut.size(); ++i) {
+      EXPECT_EQ(cut[i].start, whole[i].start);
+      // A sample on the border may be counted to either side by the rounding of a stamp.
+      EXPECT_NEAR(cut[i].levels.levels[0], whole[i].levels.levels[0], 2) << piece << " " << i;
+    }
+  }
+}
+
+TEST(LevelMeter, HoldsAPeakAndThenLetsItFall) {
+  LevelMeter::Settings settings;
+  settings.peakHold = kSecond;
+  settings.peakFall = 20.0;
+  LevelMeter meter(settings);
+  Readings readings;
+  Push(meter, {Impulse(3 * 48000, 10, 1.0F)}, 48000, 0, readings);
+  ASSERT_EQ(readings.size(), 75U);
+  EXPECT_EQ(readings[25].levels.peaks[0], 1000);
+  EXPECT_LT(readings[26].levels.peaks[0], 1000);
+  EXPECT_NEAR(readings[50].levels.peaks[0], 100, 5);  // a second later, 20 dB less
+  // A louder sound is the new peak at once.
+  Push(meter, {Impulse(1920, 0, 0.8F)}, 48000, 3 * kSecond, readings);
+  EXPECT_EQ(readings.back().levels.peaks[0], 800);
+}
+
+TEST(LevelMeter, StartsAgainWhenTheChannelCountChangesAndMeasuresTenAtMost) {
+  LevelMeter meter({});
+  Readings readings;
+  Push(meter, {Impulse(960, 0, 0.9F)}, 48000, 0, readings);
+  EXPECT_TRUE(readings.empty());
+  Push(meter, std::vector<std::vector<float>>(16, Impulse(960, 0, 0.1F)), 48000, 200'000, readings);
+  ASSERT_EQ(readings.size(), 2U);
+  EXPECT_EQ(readings[0].levels.channelCount, 1);
+  EXPECT_EQ(readings[0].levels.levels[0], 900);
+  EXPECT_EQ(readings[1].levels.channelCount, 10);
+  EXPECT_EQ(readings[1].levels.peaks[0], 100);
+}
+
+TEST(LevelMeter, SurvivesBrokenSamplesGapsAndStepsBack) {
+  LevelMeter meter({});
+  Readings readings;
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  const float infinity = std::numeric_limits<float>::infinity();
+  Push(meter, {{nan, 0.5F, nan}, {infinity, 0.0F, 0.0F}}, 48000, 0, readings);
+  Push(meter, {{0.25F}, {0.25F}}, 48000, 10 * kSecond, readings);
+  Push(meter, {{0.75F}, {0.0F}}, 48000, 9 * kSecond, readings);
+  meter.Finish([&](const LevelMeter::Reading& reading) { readings.push_back(reading); });
+  ASSERT_EQ(readings.size(), 2U);
+  EXPECT_EQ(readings[0].levels.levels[0], 500);
+  EXPECT_EQ(readings[0].levels.levels[1], 1'000'000);
+  EXPECT_EQ(readings[1].start, 10 * kSecond);
+  EXPECT_EQ(readings[1].levels.levels[0], 750);
+}
+
+// One sample of -1 on the left, 0.5 on the right.
+template <typename Sample>
+void ExpectSamples(AVSampleFormat format, Sample left, Sample right) {
+  ffmpeg::Frame frame = ffmpeg::MakeFrame();
+  frame->format = format;
+  frame->nb_samples = 1;
+  frame->sample_rate = 48000;
+  av_channel_layout_default(&frame->ch_layout, 2);
+  ASSERT_GE(av_frame_get_buffer(frame.get(), 0), 0);
+  const bool planar = av_sample_fmt_is_planar(format) != 0;
+  reinterpret_cast<Sample*>(frame->data[0])[0] = left;
+  reinterpret_cast<Sample*>(frame->data[planar ? 1 : 0])[planar ? 0 : 1] = right;
+  SamplePlanes planes;
+  const auto converted = planes.Convert(*frame);
+  ASSERT_EQ(converted.size(), 2U);
+  EXPECT_FLOAT_EQ(converted[0][0], -1.0F) << av_get_sample_fmt_name(format);
+  EXPECT_FLOAT_EQ(converted[1][0], 0.5F) << av_get_sample_fmt_name(format);
+}
+
+TEST(SamplePlanes, GivesTheSameValuesForEverySampleFormat) {
+  ExpectSamples<std::uint8_t>(AV_SAMPLE_FMT_U8, 0, 192);
+  ExpectSamples<std::int16_t>(AV_SAMPLE_FMT_S16, -32768, 16384);
+  ExpectSamples<std::int16_t>(AV_SAMPLE_FMT_S16P, -32768, 16384);
+  ExpectSamples<std::int32_t>(AV_SAMPLE_FMT_S32, INT32_MIN, 1 << 30);
+  ExpectSamples<std::int64_t>(AV_SAMPLE_FMT_S64P, INT64_MIN, std::int64_t{1} << 62);
+  ExpectSamples<float>(AV_SAMPLE_FMT_FLT, -1.0F, 0.5F);
+  ExpectSamples<double>(AV_SAMPLE_FMT_DBL, -1.0, 0.5);
+}
+
+}  // namespace
+}  // namespace host

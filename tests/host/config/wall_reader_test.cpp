@@ -1,0 +1,229 @@
+#include "host/config/wall_reader.h"
+
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/temporary_folder.h"
+
+namespace host::config {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+// "line:column: severity: message" of every diagnostic of a text.
+std::vector<std::string> Complaints(const std::string& text) {
+  std::vector<std::string> complaints;
+  const WallFile file = ParseWall(text, "/walls");
+  for (const Diagnostic& diagnostic : file.diagnostics.all()) {
+    complaints.push_back(ToText(diagnostic, "w"));
+  }
+  return complaints;
+}
+
+constexpr const char* kChannel = "[[channel]]\nsource = 'udp://239.1.1.1:1'\n";
+
+TEST(WallReader, ReadsDefaultsFormsAndPathsInTheFolderOfTheFile) {
+  const TemporaryFolder folder;
+  WriteWholeFile(folder / "back.png", "x");
+  WriteWholeFile(folder / "one.mp4", "x");
+  WriteWholeFile(folder / "wall.toml", R"(
+[wall]
+frame_rate = 29.97
+aspect = "32:18"
+background = "back.png"
+clock_offset = -40
+[defaults]
+hold = "250 ms"
+audio = { meter = false }
+alarm.silence = { level = -40.5, after = 3 }
+options = { a = 1, b = "x" }
+[[channel]]
+source = './one.mp4'
+window = { x = -10, y = 4, width = 640, height = 360 }
+label_file = 'title.txt'
+colour = "#80FF0000"
+deinterlace = "fields"
+audio.track = 2
+alarm.loss = false
+options = { b = true }
+[[output]]
+url = "file:out.mkv"
+bitrate = "6M"
+[[output]]
+url = "-"
+[log]
+file = "logs/wall.log"
+size = "64K"
+syslog = "[::1]:5514"
+perf_period = "500 ms"
+)");
+  const WallFile file = ReadWall(folder / "wall.toml");
+  ASSERT_EQ(file.diagnostics.all().size(), 1U);
+  EXPECT_EQ(
+      ToText(file.diagnostics.all()[0], "w"),
+      "w:15:14: warning: \"label_file\" names no file yet: " + (folder / "title.txt").string());
+  const Wall& wall = file.wall;
+  EXPECT_EQ(wall.canvas.frameRate, (Ratio{30000, 1001}));
+  EXPECT_EQ(wall.canvas.aspect, (Ratio{16, 9}));
+  EXPECT_EQ(wall.canvas.background.picture, folder / "back.png");
+  EXPECT_EQ(wall.canvas.clockOffset, -40);
+  const Channel& channel = wall.channels.at(0);
+  EXPECT_EQ(channel.source, folder / "one.mp4");
+  EXPECT_EQ(channel.window, (Window{-10, 4, 640, 360}));
+  EXPECT_EQ(channel.options.colour, "#80FF0000");
+  EXPECT_EQ(channel.options.deinterlace, DeinterlaceMode::kFields);
+  EXPECT_EQ(channel.options.hold, 250 * kMillisecond);
+  EXPECT_FALSE(channel.options.audio.meter);
+  EXPECT_EQ(channel.options.audio.track, 2U);
+  EXPECT_EQ(channel.options.alarm.silence.level, -40.5);
+  EXPECT_EQ(channel.options.alarm.silence.setAfter, 3 * kSecond);
+  EXPECT_FALSE(channel.options.alarm.loss.enabled);
+  EXPECT_EQ(channel.options.options.at("a"), "1");
+  EXPECT_EQ(channel.options.options.at("b"), "1");
+  EXPECT_EQ(wall.outputs.at(0).url, folder / "out.mkv");
+  EXPECT_EQ(wall.outputs.at(0).bitRate, 6'000'000);
+  EXPECT_EQ(wall.outputs.at(1).url, "-");
+  EXPECT_EQ(wall.log.file, folder / "logs/wall.log");
+  EXPECT_EQ(wall.log.size, 65536);
+  EXPECT_EQ(wall.log.syslog, (Endpoint{"::1", 5514}));
+  EXPECT_EQ(wall.log.perfPeriod, kSecond / 2);
+  EXPECT_EQ(ReadWall(folder / "none.toml").diagnostics.all().at(0).message,
+            "cannot be read: No such file or directory");
+}
+
+TEST(WallReader, ReportsEveryMistakeInTheOrderOfTheFileWithWhatToDo) {
+  EXPECT_THAT(
+      Complaints(R"([wall]
+widht = 1280
+height = 721
+fps = 25
+aspect = "wide"
+background = "#12"
+[[channel]]
+sorce = "udp://239.1.1.1:1"
+colour = "red"
+deinterlace = "on"
+hold = "5 hours"
+[[channel]]
+source = 7
+enabled = "yes"
+selekted = true
+[[output]]
+format = "mpegts"
+bitrate = "fast"
+[outputs]
+)"),
+      ElementsAre(
+          "w:2:1: error: [wall] has no key \"widht\"; did you mean \"width\"?",
+          "w:3:10: error: \"height\" must be even, not 721",
+          "w:4:1: error: [wall] has no key \"fps\"; did you mean \"frame_rate\"?",
+          "w:5:10: error: \"aspect\" must be width to height, such as \"16:9\"",
+          "w:6:14: error: \"background\" must be a colour (\"#RRGGBB\" or \"#RGB\") or a picture "
+          "file",
+          "w:7:1: error: channel 1 has no \"source\": a file or a URL",
+          "w:8:1: error: channel 1 has no key \"sorce\"; did you mean \"source\"?",
+          "w:9:10: error: \"colour\" must be \"#RGB\", \"#ARGB\", \"#RRGGBB\" or \"#AARRGGBB\", "
+          "not \"red\"",
+          "w:10:15: error: \"deinterlace\" must be \"off\", \"auto\", \"frames\" or \"fields\", "
+          "not \"on\"",
+          "w:11:8: error: \"hold\" must be seconds, or a text with a unit: \"250 ms\", \"5 s\", "
+          "\"2 min\", \"1 h\"",
+          "w:13:10: error: \"source\" must be a text in quotes, not a number",
+          "w:14:11: error: \"enabled\" must be true or false, not a text",
+          "w:15:1: error: channel 2 has no key \"selekted\"; did you mean \"selected\"?",
+          "w:16:1: error: output 1 has no \"url\": a file or a URL",
+          "w:18:11: error: \"bitrate\" must be bits per second from 10k to 1000M: 6000000, "
+          "\"800k\" or \"6M\"",
+          "w:19:2: error: a wall file has no key \"outputs\"; did you mean \"output\"?"));
+}
+
+TEST(WallReader, ReportsMistakesOfTheSyntaxAndReadsOn) {
+  EXPECT_THAT(Complaints("[wall]\nwidth = 1280\nwidth = 640\nheight = 720p\ncolums = 2\n"
+                         "[[channel]]\nsource = \"udp://239.1.1.1:1\nhold = -1\n"),
+              ElementsAre("w:3:1: error: \"width\" is given twice",
+                          HasSubstr("w:4:13: error: not valid TOML: "),
+                          "w:5:1: error: [wall] has no key \"colums\"; did you mean \"columns\"?",
+                          "w:7:28: error: not valid TOML: the text is not closed in its line",
+                          "w:8:8: error: \"hold\" must lie between 0 s and 86400 s, not -1 s"));
+  EXPECT_THAT(Complaints("[[channel]]\nsource = 'udp://239.1.1.1:1'\nwindow = [1,\n"),
+              ElementsAre(HasSubstr("error: not valid TOML: array: ")));
+}
+
+TEST(WallReader, LimitsChannelsNamesAndKinds) {
+  EXPECT_THAT(Complaints(""), ElementsAre(HasSubstr("w:1:1: error: the wall has no channel")));
+  std::string many;
+  for (int i = 0; i < 37; ++i) {
+    many += kChannel;
+  }
+  EXPECT_THAT(Complaints(many),
+              ElementsAre("w:73:1: error: a wall has at most 36 channels, not 37"));
+  EXPECT_THAT(Complaints(std::string(kChannel) + "name = 'A'\n" + kChannel + "name = 'A'\n"),
+              ElementsAre("w:6:8: error: the name \"A\" is that of channel 1 already"));
+  EXPECT_THAT(Complaints("channel = 1\nwall = 2\n"),
+              ElementsAre(HasSubstr("\"channel\" is written as [[channel]], once for each"),
+                          HasSubstr("\"wall\" must be a table, not a number")));
+  EXPECT_THAT(Complaints(std::string(kChannel) + "label = 'A'\nlabel_service = true\n"),
+              ElementsAre(HasSubstr("w:4:17: error: \"label_service\" cannot be given together")));
+}
+
+TEST(WallReader, ExplainsWhereASelectedWindowMayNotBe) {
+  const auto with = [](const std::string& window) {
+    return Complaints(std::string(kChannel) + "name = 'A'\nselected = true\nwindow = " + window);
+  };
+  EXPECT_THAT(with("[0, 0, 1918, 1078]"), IsEmpty());
+  EXPECT_THAT(
+      with("[1280, 0, 640, 360]"),
+      ElementsAre("w:5:10: error: the window of \"A\" is selected, so it must lie inside the "
+                  "canvas and keep at least one pixel from its right and bottom edges: x "
+                  "and y from 0, x + width below 1920 (it is 1920), y + height below 1080 "
+                  "(it is 360); the frame of a selected window cannot be drawn there"));
+  EXPECT_EQ(with("[-2, 0, 640, 360]").size(), 1U);
+  EXPECT_EQ(with("[0, 720, 640, 360]").size(), 1U);
+  // One that is not selected may lie partly outside.
+  EXPECT_THAT(Complaints(std::string(kChannel) + "window = [-320, 900, 640, 360]"), IsEmpty());
+}
+
+TEST(WallReader, ChecksTheFormOfWindows) {
+  const auto with = [](const std::string& window) {
+    return Complaints(std::string(kChannel) + "window = " + window);
+  };
+  EXPECT_THAT(with("[5, -5, 641, 360]"),
+              ElementsAre("w:3:10: warning: \"window\" has odd numbers and is made even: "
+                          "[4, -4, 640, 360]"));
+  EXPECT_THAT(with("[0, 0, 640]"), ElementsAre(HasSubstr("must be four whole numbers")));
+  EXPECT_THAT(with("[0, 0, 0, 360]"),
+              ElementsAre("w:3:17: error: the window's width must lie between 2 and 8192"));
+  EXPECT_THAT(with("{ x = 0, y = 0, width = 640 }"),
+              ElementsAre("w:3:10: error: \"window\" has no height"));
+  EXPECT_THAT(with("[4000, 0, 640, 360]"), ElementsAre(HasSubstr("is never seen")));
+  EXPECT_THAT(
+      Complaints(std::string(kChannel) + "window = [0, 0, 640, 360]\n" + kChannel +
+                 "window = [640, 0, 640, 360]\n" + kChannel + "window = [600, 300, 64, 64]\n"),
+      ElementsAre("w:9:10: warning: the window of \"Channel 3\" overlaps that of "
+                  "\"Channel 1\""));
+  EXPECT_THAT(Complaints(std::string(kChannel) + kChannel + "window = [0, 0, 640, 360]"),
+              ElementsAre(HasSubstr("w:1:1: error: \"Channel 1\" has no window, but others have")));
+}
+
+TEST(WallReader, ChecksWhereTheLogGoes) {
+  EXPECT_THAT(Complaints(std::string(kChannel) + R"(
+[log]
+level = 4
+file = "a"
+size = "2G"
+syslog = "host:0"
+perf_file = "a"
+)"),
+              ElementsAre(HasSubstr("w:5:9: error: \"level\" must lie between 0 and 3"),
+                          HasSubstr("w:7:8: error: \"size\" must be a number of bytes"),
+                          HasSubstr("w:8:10: error: \"syslog\" must be HOST:PORT"),
+                          HasSubstr("w:9:13: error: \"perf_file\" is the file of the messages")));
+}
+
+}  // namespace
+}  // namespace host::config

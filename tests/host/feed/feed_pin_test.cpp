@@ -1,0 +1,104 @@
+#include "host/feed/feed_pin.h"
+
+#include <array>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "host/channel/channel_source.h"
+#include "platform/baseclasses/base_filter.h"
+#include "platform/graph/filter_graph.h"
+#include "tests/support/fake_filters.h"
+#include "tests/support/recording_logger.h"
+
+namespace host {
+namespace {
+
+// A filter with a pin of two buffers.
+class Feed final : public CBaseFilter {
+ public:
+  static ComPtr<Feed> Create() { return ComPtr<Feed>(std::make_unique<Feed>().release()); }
+  Feed() : CBaseFilter("feed", nullptr, &lock_, CLSID{}) {}
+  int GetPinCount() override { return 1; }
+  CBasePin* GetPin(int position) override { return position == 0 ? &pin : nullptr; }
+
+ private:
+  CCritSec lock_;
+
+ public:
+  FeedPin pin{this, &lock_, u"Feed", fakes::AudioType(MEDIASUBTYPE_YV12), {2, 16}};
+};
+
+TEST(FeedPin, TellsOfEveryTimeThatNoBufferIsFree) {
+  RecordingLogger logger;
+  const ComPtr<Feed> feed = Feed::Create();
+  const ComPtr<fakes::Sink> sink = fakes::Sink::Create();
+  const ComPtr<FilterGraph> graph = FilterGraph::Create();
+  ASSERT_EQ(graph->AddFilter(feed.Get(), u"feed"), S_OK);
+  ASSERT_EQ(graph->AddFilter(sink.Get(), u"sink"), S_OK);
+  ASSERT_EQ(graph->ConnectDirect(&feed->pin, &sink->pin, nullptr), S_OK);
+  feed->pin.ReportTo(&logger, "News, live");
+  const auto full = [&] { return logger.BufferFull().at("News_ live"); };
+  EXPECT_EQ(full(), 0) << "the name stands in records whose fields commas separate";
+  ASSERT_EQ(graph->Run(0), S_OK);
+
+  const std::array<std::uint8_t, 4> bytes{};
+  EXPECT_TRUE(feed->pin.Send(bytes, 0, 1));
+  EXPECT_TRUE(feed->pin.Send(bytes, 1, 2));
+  EXPECT_EQ(full(), 0);
+  EXPECT_FALSE(feed->pin.Send(bytes, 2, 3));
+  EXPECT_FALSE(feed->pin.Send(bytes, 3, 4));
+  EXPECT_EQ(full(), 2);
+  // Who waits tells once.
+  std::thread waiter([&] { EXPECT_TRUE(feed->pin.NewSample(4, 5, true)); });
+  EXPECT_TRUE(logger.WaitForBufferFull("News_ live", 3)) << "the wait was not told";
+  sink->Forget();
+  waiter.join();
+  EXPECT_EQ(full(), 3);
+  EXPECT_TRUE(feed->pin.Send(bytes, 5, 6));
+  graph->Stop();
+  EXPECT_FALSE(feed->pin.Send(bytes, 6, 7));
+  EXPECT_EQ(full(), 3) << "a pin that has stopped is not full";
+  sink->Forget();
+}
+
+struct NoObserver final : ChannelObserver {
+  void ChannelOpened(const std::string& /*channel*/, const MediaInfo& /*info*/) override {}
+  void ChannelEnded(const std::string& /*channel*/) override {}
+  void ChannelFailed(const std::string& /*channel*/, const std::string& /*reason*/,
+                     std::optional<std::chrono::milliseconds> /*retryIn*/) override {}
+};
+
+TEST(ChannelSource, SendsItsLabelUntilItIsTaken) {
+  NoObserver observer;
+  ChannelSource::Settings settings;
+  settings.ingest.session.picture.width = settings.ingest.session.picture.height = 16;
+  settings.presenter.width = settings.presenter.height = 16;
+  settings.label = "News";
+  settings.driven = true;
+  const ComPtr<ChannelSource> channel = ChannelSource::Create(settings, &observer);
+  const ComPtr<fakes::Sink> sink = fakes::Sink::Create();
+  int taken = 0;
+  int refusals = 2;
+  sink->pin.onReceive = [&](IMediaSample* sample) {
+    EXPECT_EQ(sample->GetActualDataLength(), 4);
+    taken += refusals == 0 ? 1 : 0;
+    return refusals > 0 ? (--refusals, E_FAIL) : S_OK;
+  };
+  const ComPtr<FilterGraph> graph = FilterGraph::Create();
+  ASSERT_EQ(graph->AddFilter(channel.Get(), u"channel"), S_OK);
+  ASSERT_EQ(graph->AddFilter(sink.Get(), u"sink"), S_OK);
+  ASSERT_EQ(graph->ConnectDirect(&channel->textPin(), &sink->pin, nullptr), S_OK);
+  ASSERT_EQ(graph->Run(0), S_OK);
+  Time now = 0;
+  channel->queue().FollowClock([&] { return now; });
+  for (; now < 5 * kSecond; now += kSecond) {
+    channel->DeliverUpTo(now);
+  }
+  EXPECT_EQ(refusals, 0);
+  EXPECT_EQ(taken, 1);
+  graph->Stop();
+}
+
+}  // namespace
+}  // namespace host
