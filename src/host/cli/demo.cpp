@@ -32,7 +32,7 @@ std::string CheckRate(const std::string& text) {
              : "must be 1 to 120 frames per second, such as 25 or 30000/1001";
 }
 
-constexpr double kLongestDemo = 3600;  // seconds
+constexpr double kMaxDemoLength = 3600;  // seconds
 
 // Seconds after the start when the alarm of the demo is on.
 constexpr double kAlarmIsOn = 6.5;
@@ -103,7 +103,7 @@ ExitCode Demo(const DemoOptions& options, Streams& streams) {
 void DefineDemo(CLI::App& app, DemoOptions& options) {
   DefineRecord(app, options.record);
   // Its clips are made as long as that.
-  app.get_option("--seconds")->check(SecondsBetween(0, kLongestDemo));
+  app.get_option("--seconds")->check(SecondsBetween(0, kMaxDemoLength));
   app.get_option("--snapshot-at")
       ->description("seconds after the start [6.5, when an alarm is on]");
   app.add_option("--channels", options.channels, "number of channels")

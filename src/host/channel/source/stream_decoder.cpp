@@ -15,7 +15,7 @@ namespace host {
 namespace {
 
 // A damaged header may ask for pictures of any size: nothing beyond 8K gets memory.
-constexpr std::int64_t kMostPixels = std::int64_t{8192} * 4352;
+constexpr std::int64_t kMaxPixels = std::int64_t{8192} * 4352;
 
 }  // namespace
 
@@ -26,7 +26,7 @@ StreamDecoder::StreamDecoder(const AVStream& stream, int threads) {
                         avcodec_get_name(stream.codecpar->codec_id));
   }
   const AVCodecParameters& parameters = *stream.codecpar;
-  if (std::int64_t{parameters.width} * parameters.height > kMostPixels) {
+  if (std::int64_t{parameters.width} * parameters.height > kMaxPixels) {
     throw ffmpeg::Error(AVERROR(EINVAL), "frames of " + std::to_string(parameters.width) + "x" +
                                              std::to_string(parameters.height) +
                                              " pixels are larger than 8192x4352");
@@ -39,7 +39,7 @@ StreamDecoder::StreamDecoder(const AVStream& stream, int threads) {
                 decoder->name);
   codec_->pkt_timebase = AVRational{1, static_cast<int>(kSecond)};
   codec_->thread_count = threads;
-  codec_->max_pixels = kMostPixels;
+  codec_->max_pixels = kMaxPixels;
   ffmpeg::Check(avcodec_open2(codec_.get(), decoder, nullptr), "cannot start the decoder",
                 decoder->name);
   if (decoder->type == AVMEDIA_TYPE_VIDEO) {

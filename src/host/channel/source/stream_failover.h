@@ -17,8 +17,7 @@ namespace host {
 //
 //   - when the container has withdrawn that one: after some packets;
 //   - otherwise after kSilence without a packet of it: one audio packet may last longer than many
-//   of
-//     another stream. Of several streams one in the wanted language is preferred;
+//     of another stream. Of several streams one in the wanted language is preferred;
 //   - when it is the stream that was chosen at first, and has returned for kStable.
 //
 // Silence is measured by what the other streams send meanwhile, not by a clock: sources are read
