@@ -82,7 +82,7 @@ class OutputFailureTest : public PassTest {
   }
 
   OutputLog observer_;
-  int frames_ = 0;
+  REFERENCE_TIME frames_ = 0;
 };
 
 TEST_F(OutputFailureTest, AFullDiskLeavesNoStubsAndIsReportedOnce) {
