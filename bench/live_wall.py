@@ -64,7 +64,7 @@ def main():
     live = sum(channel["state"] == "live" for channel in statuses[-1]["channels"])
     print(f"{arguments.channels} channels of {arguments.window} on {arguments.canvas}, "
           f"{'encoded ' + arguments.preset if arguments.preset else 'not encoded'}, {os.cpu_count()} processors")
-    print(f"  {live} live; {end['frames']} frames in {end['elapsed']:.1f} s, {end['late']} late, {end['starved']} starved, "
+    print(f"  {live} live; {end['frames']} frames in {end['elapsed']:.1f} s, {end['late']} late, {end['no_free_buffer']} without a free buffer, "
           f"{sum(output['dropped'] for output in end['outputs'])} dropped by the output")
     print(f"  a frame is composed in {sum(s['compose_ms'] for s in statuses) / len(statuses):.2f} ms on average, "
           f"{max(s['longest_compose_ms'] for s in statuses):.1f} ms at most")

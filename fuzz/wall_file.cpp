@@ -25,7 +25,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   FUZZ_CHECK(canvas.height >= 16 && canvas.height <= 8192 && canvas.height % 2 == 0);
   FUZZ_CHECK(canvas.frameRate.positive() && canvas.aspect.positive());
   FUZZ_CHECK(!file.wall.channels.empty() &&
-             file.wall.channels.size() <= host::config::kMostChannels);
+             file.wall.channels.size() <= host::config::kMaxChannels);
   for (const host::config::Channel& channel : file.wall.channels) {
     const host::config::Window& window = channel.window;
     FUZZ_CHECK(window.width > 0 && window.height > 0);

@@ -46,11 +46,11 @@ class CommandTest : public e2e::WallTest {
 
 TEST_F(CommandTest, AStrictRenderingFailsForAChannelThatCannotBeShown) {
   host::ClipRecipe recipe;
-  recipe.sound = "sine=440";
+  recipe.audio = "sine=440";
   recipe.length = kSecond;
-  host::WriteClip(recipe, folder_ / "sound.mkv");
+  host::WriteClip(recipe, folder_ / "audio.mkv");
   command_.strict = true;
-  EXPECT_EQ(Run({Clip(), (folder_ / "sound.mkv").string()}), ExitCode::kDone) << err_.str();
+  EXPECT_EQ(Run({Clip(), (folder_ / "audio.mkv").string()}), ExitCode::kDone) << err_.str();
   EXPECT_EQ(Run({(folder_ / "missing.mkv").string()}), ExitCode::kCouldNotStart);
   EXPECT_THAT(err_.str(), HasSubstr("channel \"missing\" could not be shown: no such file"));
   command_.strict = false;

@@ -30,7 +30,7 @@ host::ClipRecipe Recipe(host::Time length) {
   host::ClipRecipe recipe;
   recipe.name = "Camera";
   recipe.pictures = "testsrc2=size=64x48:rate=25,format=yuv420p";
-  recipe.sound = "sine=frequency=440:sample_rate=48000";
+  recipe.audio = "sine=frequency=440:sample_rate=48000";
   recipe.videoOptions = {{"preset", "ultrafast"}, {"tune", "zerolatency"}, {"g", "10"}};
   recipe.length = length;
   return recipe;
@@ -60,8 +60,8 @@ std::vector<std::size_t> Slices(const std::string& stream) {
 
 // The same with slices of which no decoder can make anything: their headers name parameters that
 // there are not. Everything around them stays as it was.
-std::string WithoutDecodablePictures(std::string stream, std::size_t from = 0,
-                                     std::size_t to = std::string::npos) {
+std::string WithoutDecodableFrames(std::string stream, std::size_t from = 0,
+                                   std::size_t to = std::string::npos) {
   constexpr std::size_t kPacket = 188;
   const std::vector<std::size_t> slices = Slices(stream);
   for (std::size_t i = from; i < std::min(to, slices.size()); ++i) {
@@ -74,7 +74,7 @@ std::string WithoutDecodablePictures(std::string stream, std::size_t from = 0,
 }
 
 // The same with stuffing in the place of slices.
-std::string WithoutPictures(std::string stream) {
+std::string WithoutFrames(std::string stream) {
   for (const std::size_t slice : Slices(stream)) {
     stream[slice] = 12;
   }
@@ -174,11 +174,11 @@ TEST_F(IngestTest, ACameraThatNeverAnswersStopsNobodyFromLeavingIt) {
   opening.join();
 }
 
-// What a decoder can make nothing of comes with sound, in order and in time.
+// What a decoder can make nothing of comes with audio, in order and in time.
 TEST_F(IngestTest, PicturesThatCannotBeDecodedAreNoticedThoughPacketsCome) {
   const std::string good = TransportStream(folder_, "good");
-  const std::string bad = WithoutDecodablePictures(good);
-  const std::string empty = WithoutPictures(good);
+  const std::string bad = WithoutDecodableFrames(good);
+  const std::string empty = WithoutFrames(good);
   e2e::PacedSender sender(good, kClipLength, 1.0);
   AddChannel("channel", sender.url()).options["analyzeduration"] = "500000";
   const auto session = MakeLive();
@@ -197,14 +197,14 @@ TEST_F(IngestTest, PicturesThatCannotBeDecodedAreNoticedThoughPacketsCome) {
   session->Stop();
 }
 
-// Of a source with 40 pictures from one key picture to the next, all that belong to one are
+// Of a source with 40 pictures from one keyframe to the next, all that belong to one are
 // damaged.
 TEST_F(IngestTest, WhatFollowsADamagedKeyPictureComesBackWithTheNext) {
   host::ClipRecipe recipe = Recipe(4 * kSecond);
   recipe.videoOptions["g"] = "40";
   const std::filesystem::path file = folder_ / "damaged.ts";
   host::WriteClip(recipe, file);
-  const std::string damaged = WithoutDecodablePictures(ReadWholeFile(file), 40, 80);
+  const std::string damaged = WithoutDecodableFrames(ReadWholeFile(file), 40, 80);
   WriteWholeFile(file, damaged);
   host::MediaReader reader(host::Source(file));
   reader.Open();
@@ -212,7 +212,7 @@ TEST_F(IngestTest, WhatFollowsADamagedKeyPictureComesBackWithTheNext) {
   EXPECT_GE(reader.damagedPackets(), 40U);
 }
 
-// It is not to be read further: that would fail again, at once and for ever.
+// It is not to be read further: that would fail again, at once and indefinitely.
 TEST_F(IngestTest, ASenderThatReturnsFromSilenceInAnotherFormIsOpenedAgain) {
   const std::string silence;
   host::ClipRecipe other = Recipe(2 * kSecond);
@@ -275,7 +275,7 @@ TEST_F(IngestTest, ADescriptionOfWhatIsSentIsASource) {
                       << " RTP/AVP 33\n";
   host::MediaReader reader(host::Source(file));
   reader.Open();
-  EXPECT_EQ(reader.info().pace, host::Pace::kPushed);
+  EXPECT_EQ(reader.info().kind, host::SourceKind::kPush);
   EXPECT_EQ(reader.info().video->codec, "h264");
   EXPECT_EQ(reader.info().audio->codec, "aac");
 }
@@ -331,7 +331,7 @@ TEST_F(IngestTest, AHundredReturnsOfLostSourcesCostNoFrameAndLeaveNothingBehind)
   session->Stop();
   EXPECT_EQ(session->Finish(), 0);
   const host::WallSession::Counters after = session->counters();
-  EXPECT_GE(frames.count + after.late + after.starved - before.late - before.starved,
+  EXPECT_GE(frames.count + after.late + after.noFreeBuffer - before.late - before.noFreeBuffer,
             frames.ticks());
   EXPECT_EQ(Count("/proc/self/task"), threads);
   EXPECT_EQ(openFiles(), descriptors);

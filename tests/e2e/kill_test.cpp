@@ -10,7 +10,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "tests/e2e/sound_harness.h"
+#include "tests/e2e/audio_harness.h"
 #include "tests/support/child_process.h"
 #include "tests/support/temporary_folder.h"
 

@@ -28,7 +28,7 @@ TEST_F(LiveTest, OneStalledChannelTakesNoFrameFromTheWall) {
   silent.Open();
   silent.Write(ReadWholeFile(Clip("start.ts", 25)));  // and nothing more
   wall_.AddChannel(pipe.string(), {0, 0, 64, 48});
-  wall_.wall().channels[0].options.readLimit = 3600 * kSecond;  // nobody gives up on it
+  wall_.wall().channels[0].options.readLimit = 3600 * kSecond;  // nobody drops on it
   for (int i = 0; i < 3; ++i) {
     wall_.AddChannel(Clip("alive" + std::to_string(i) + ".mkv", 25), {100 + 70 * i, 0, 64, 48});
   }
@@ -39,7 +39,7 @@ TEST_F(LiveTest, OneStalledChannelTakesNoFrameFromTheWall) {
   session->Stop();
   const host::WallSession::Counters counters = session->counters();
   EXPECT_TRUE(frames_.inOrder.load());
-  EXPECT_EQ(counters.starved, 0U) << "no frame waits for a channel";
+  EXPECT_EQ(counters.noFreeBuffer, 0U) << "no frame waits for a channel";
   EXPECT_EQ(wall_.logger().BufferFull().at("background"), 0);
   EXPECT_EQ(wall_.logger().BufferFull().count(wall_.wall().channels[3].name + " video"), 1U);
   // Every tick of the clock gave a frame or was counted as late (a busy machine).
@@ -72,7 +72,7 @@ TEST_F(LiveTest, AChannelIsLostUntilItsSourceIsThereAndHeldWhenItGoes) {
   EXPECT_TRUE(wall_.channels().WaitForState("pipe", 4, "live"));
   session->Stop();
   EXPECT_THAT(wall_.channels().States("alive"), testing::ElementsAre("live"));
-  EXPECT_GE(frames_.count + session->counters().late + session->counters().starved,
+  EXPECT_GE(frames_.count + session->counters().late + session->counters().noFreeBuffer,
             frames_.ticks());
 }
 

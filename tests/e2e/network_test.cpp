@@ -4,7 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/e2e/sound_harness.h"
+#include "tests/e2e/audio_harness.h"
 #include "tests/e2e/wall_harness.h"
 #include "tests/host/clips.h"
 #include "tests/support/local_socket.h"
@@ -45,7 +45,7 @@ class Receiver {
       int packets = 0;
       while (pictures < 25 || packets < 25) {
         const host::MediaItem item = reader_->Read();
-        pictures += std::holds_alternative<host::VideoPicture>(item) ? 1 : 0;
+        pictures += std::holds_alternative<host::DecodedFrame>(item) ? 1 : 0;
         packets += std::holds_alternative<host::AudioPacket>(item) ? 1 : 0;
         if (std::holds_alternative<host::EndOfMedia>(item)) {
           failure_ = "it ended";
@@ -96,7 +96,7 @@ class NetworkTest : public e2e::WallTest {
   e2e::TestWall wall_{160, 48};
 };
 
-TEST_F(NetworkTest, TransportStreamsOverUdpAndSrtCarryEveryChannelsSound) {
+TEST_F(NetworkTest, TransportStreamsOverUdpAndSrtCarryEveryChannelsAudio) {
   const std::string udp = "udp://127.0.0.1:" + std::to_string(FreePort(SOCK_DGRAM));
   const std::string srt = "srt://127.0.0.1:" + std::to_string(FreePort(SOCK_DGRAM));
   const Receiver overUdp(udp, {});
@@ -110,7 +110,7 @@ TEST_F(NetworkTest, TransportStreamsOverUdpAndSrtCarryEveryChannelsSound) {
   }
 }
 
-TEST_F(NetworkTest, RtmpCarriesTheSoundOfTheSelectedChannelAndSaysSo) {
+TEST_F(NetworkTest, RtmpCarriesTheAudioOfTheSelectedChannelAndSaysSo) {
   wall_.wall().channels[2].selected = true;
   const std::string url =
       "rtmp://127.0.0.1:" + std::to_string(FreePort(SOCK_STREAM)) + "/live/wall";
@@ -120,7 +120,7 @@ TEST_F(NetworkTest, RtmpCarriesTheSoundOfTheSelectedChannelAndSaysSo) {
   ASSERT_EQ(receiver.info().audioTracks.size(), 1U);
   EXPECT_EQ(receiver.info().audioTracks[0].codec, "aac") << "FLV holds no MP2";
   EXPECT_THAT(wall_.outputs().said(),
-              testing::Contains(HasSubstr("flv holds one track of sound: that of \"clip2\"")));
+              testing::Contains(HasSubstr("flv holds one track of audio: that of \"clip2\"")));
 }
 
 TEST_F(NetworkTest, HlsHasARenditionWithItsNameForEveryChannel) {

@@ -1,7 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/e2e/sound_harness.h"
+#include "tests/e2e/audio_harness.h"
 #include "tests/e2e/wall_harness.h"
 #include "tests/host/clips.h"
 #include "tests/support/pipe.h"
@@ -59,7 +59,7 @@ TEST_F(OutputsTest, AConsumerThatStopsReadingTakesNothingFromTheOthers) {
   EXPECT_EQ(status[1].video.written + status[1].video.dropped, session->counters().composed);
   EXPECT_EQ(status[1].failure, "");
   EXPECT_EQ(e2e::DecodeWhole(folder_ / "wall.mkv"), "");
-  // 25 pictures and nearly 47 packets of sound in a second; the sound begins later.
+  // 25 pictures and nearly 47 packets of audio in a second; the audio begins later.
   EXPECT_GT(2 * e2e::ReadPackets(folder_ / "wall.mkv", 3).size(),
             status[1].video.written * 47 / 25);
 }
@@ -174,7 +174,7 @@ TEST_F(OutputsTest, AChannelThatIsNotThereAtTheStartGetsATrackAndIsEncodedIntoIt
   EXPECT_EQ(e2e::DecodeWhole(folder_ / "wall.mkv"), "");
   const auto packets = e2e::ReadPackets(folder_ / "wall.mkv", 3);
   EXPECT_GT(packets.size(), 20U);
-  EXPECT_THAT(wall_.channels().Sound("late"),
+  EXPECT_THAT(wall_.channels().AudioPaths("late"),
               testing::Contains(HasSubstr("(ac3, 48000 Hz, 1 channel) is encoded for the outputs "
                                           "(aac, 48000 Hz, 2 channels)")));
   host::MediaReader reader(host::Source(folder_ / "wall.mkv"));

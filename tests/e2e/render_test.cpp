@@ -27,9 +27,9 @@ constexpr int kAlarmLuma = 76;
 class RenderTest : public e2e::WallTest {
  protected:
   std::string Clip(const std::string& name, const std::string& rate, int pictures,
-                   const std::string& sound = {}) {
+                   const std::string& audio = {}) {
     const std::filesystem::path file = folder_ / (name + ".mkv");
-    WriteCountingClip(file, 64, 48, rate, pictures, sound);
+    WriteCountingClip(file, 64, 48, rate, pictures, audio);
     return file.string();
   }
 
@@ -40,7 +40,7 @@ TEST_F(RenderTest, ShowsEveryClipInItsPlaceFromItsFirstPictureOn) {
   struct Case {
     const char* name;
     const char* rate;
-    double picturesPerSecond;
+    double framesPerSecond;
     host::config::Window window;
   };
   const Case cases[] = {
@@ -52,7 +52,7 @@ TEST_F(RenderTest, ShowsEveryClipInItsPlaceFromItsFirstPictureOn) {
       {"edge", "25", 25, {290, 210, 64, 48}},
   };
   for (const Case& c : cases) {
-    wall_.AddChannel(Clip(c.name, c.rate, static_cast<int>(3 * c.picturesPerSecond)), c.window);
+    wall_.AddChannel(Clip(c.name, c.rate, static_cast<int>(3 * c.framesPerSecond)), c.window);
   }
   const std::vector<Frame> frames = wall_.Render(2 * kSecond);
   ASSERT_EQ(frames.size(), 50U);
@@ -61,10 +61,10 @@ TEST_F(RenderTest, ShowsEveryClipInItsPlaceFromItsFirstPictureOn) {
     for (const Case& c : cases) {
       const int number = PictureNumber(wall_.Luma(frames[n], c.window.x + 2, c.window.y + 2));
       ASSERT_GE(number, 0) << c.name << " in frame " << n;
-      const double shown = number / c.picturesPerSecond;
+      const double shown = number / c.framesPerSecond;
       const double due = static_cast<double>(frames[n].time) / kSecond;
       // The nearest picture; of a source that is faster than the canvas, one of those left.
-      const double pictures = c.picturesPerSecond > 25 ? 25 / 1.3 : c.picturesPerSecond;
+      const double pictures = c.framesPerSecond > 25 ? 25 / 1.3 : c.framesPerSecond;
       EXPECT_NEAR(shown, due, 0.5 / pictures + 0.001) << c.name << " in frame " << n;
     }
     EXPECT_EQ(wall_.Luma(frames[n], 80, 10), 16) << "nothing between the windows";
@@ -110,16 +110,16 @@ TEST_F(RenderTest, GivesTheSamePicturesEachTime) {
 TEST_F(RenderTest, GoesOnWhenChannelsEndOrCannotBeUsed) {
   WriteWholeFile(folder_ / "notes.mp4", "these are not pictures\n");
   host::ClipRecipe recipe;
-  recipe.sound = "sine=440";
+  recipe.audio = "sine=440";
   recipe.length = kSecond;
-  host::WriteClip(recipe, folder_ / "sound.mkv");
+  host::WriteClip(recipe, folder_ / "audio.mkv");
   wall_.AddChannel(Clip("short", "25", 10), {0, 0, 64, 48});
   wall_.AddChannel(Clip("brief", "25", 10), {200, 0, 64, 48});
   wall_.wall().channels[1].options.hold = kSecond;
   wall_.AddChannel(Clip("long", "25", 60), {100, 0, 64, 48});
   wall_.AddChannel((folder_ / "notes.mp4").string(), {0, 100, 64, 48});
   wall_.AddChannel((folder_ / "missing.mp4").string(), {100, 100, 64, 48});
-  wall_.AddChannel((folder_ / "sound.mkv").string(), {200, 100, 64, 48});
+  wall_.AddChannel((folder_ / "audio.mkv").string(), {200, 100, 64, 48});
   const std::vector<Frame> frames = wall_.Render();
   // To the end of the longest.
   ASSERT_GE(frames.size(), 59U);
@@ -137,15 +137,15 @@ TEST_F(RenderTest, GoesOnWhenChannelsEndOrCannotBeUsed) {
   EXPECT_TRUE(channels.Ended("short"));
   EXPECT_FALSE(channels.Failure("notes").empty());
   EXPECT_EQ(channels.Failure("missing"), "no such file");
-  EXPECT_TRUE(channels.Opened("sound")) << "a channel may be heard only";
+  EXPECT_TRUE(channels.Opened("audio")) << "a channel may be heard only";
 }
 
 // A picture that is black from its second second to its fourth, and one that stands still then.
-TEST_F(RenderTest, ShowsTheAlarmsOfPictureAndSoundInTheMeterWhileTheyLast) {
+TEST_F(RenderTest, ShowsTheAlarmsOfPictureAndAudioInTheMeterWhileTheyLast) {
   struct Case {
     const char* name;
     const char* pictures;
-    const char* sound;
+    const char* audio;
     host::config::Alarm host::config::AlarmOptions::*alarm;
     host::Time notBefore = 28 * kSecond / 10;
   };
@@ -167,7 +167,7 @@ TEST_F(RenderTest, ShowsTheAlarmsOfPictureAndSoundInTheMeterWhileTheyLast) {
     host::ClipRecipe recipe;
     recipe.pictures = std::string("color=black:size=40x48:rate=25,format=yuv420p,") + c.pictures;
     recipe.videoOptions = {{"qp", "0"}, {"preset", "ultrafast"}};
-    recipe.sound = c.sound;
+    recipe.audio = c.audio;
     recipe.audioCodec = "pcm_s16le";
     recipe.length = 6 * kSecond;
     host::WriteClip(recipe, folder_ / (std::string(c.name) + ".mkv"));
@@ -198,11 +198,11 @@ TEST_F(RenderTest, ShowsTheAlarmsOfPictureAndSoundInTheMeterWhileTheyLast) {
 }
 
 TEST_F(RenderTest, SaysWhyAMeterIsEmpty) {
-  const auto clip = [&](const std::string& name, const std::string& sound, const std::string& codec,
+  const auto clip = [&](const std::string& name, const std::string& audio, const std::string& codec,
                         const std::string& announced) {
     host::ClipRecipe recipe;
     recipe.pictures = "testsrc2=size=64x48:rate=25,format=yuv420p";
-    recipe.sound = sound;
+    recipe.audio = audio;
     recipe.audioCodec = codec;
     recipe.length = 5 * kSecond;
     const std::filesystem::path file = folder_ / (name + ".mkv");

@@ -15,7 +15,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "tests/e2e/sound_harness.h"
+#include "tests/e2e/audio_harness.h"
 #include "tests/e2e/wall_harness.h"
 #include "tests/support/child_process.h"
 #include "tests/support/local_socket.h"

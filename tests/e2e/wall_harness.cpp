@@ -19,13 +19,13 @@ bool NothingIsLeft() {
 }  // namespace
 
 void WriteCountingClip(const std::filesystem::path& file, int width, int height,
-                       const std::string& rate, int pictures, const std::string& sound) {
+                       const std::string& rate, int pictures, const std::string& audio) {
   host::ClipRecipe recipe;
   recipe.name = file.stem().string();
   recipe.pictures = "color=black:size=" + std::to_string(width) + "x" + std::to_string(height) +
                     ":rate=" + rate + ",format=yuv420p,geq=lum='20+2*mod(N,100)':cb=128:cr=128";
   recipe.videoOptions = {{"qp", "0"}, {"preset", "ultrafast"}};
-  recipe.sound = sound;
+  recipe.audio = audio;
   int numerator = 0;
   int denominator = 1;
   std::sscanf(rate.c_str(), "%d/%d", &numerator, &denominator);

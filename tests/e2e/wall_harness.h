@@ -23,9 +23,9 @@
 namespace e2e {
 
 // A clip whose pictures are flat and tell their number: luma 20 + 2 * (number mod 100), coded
-// without loss. sound: an FFmpeg source, empty for none.
+// without loss. audio: an FFmpeg source, empty for none.
 void WriteCountingClip(const std::filesystem::path& file, int width, int height,
-                       const std::string& rate, int pictures, const std::string& sound = {});
+                       const std::string& rate, int pictures, const std::string& audio = {});
 // The number of the picture that a luma tells, mod 100; -1 when it is none.
 int PictureNumber(std::uint8_t luma);
 

@@ -14,7 +14,7 @@ inline ClipRecipe SmallClip() {
   ClipRecipe recipe;
   recipe.name = "Small";
   recipe.pictures = "testsrc2=size=160x90:rate=25,format=yuv420p";
-  recipe.sound = "sine=frequency=440:sample_rate=48000,aformat=channel_layouts=stereo";
+  recipe.audio = "sine=frequency=440:sample_rate=48000,aformat=channel_layouts=stereo";
   recipe.length = kSecond;
   return recipe;
 }
@@ -26,7 +26,7 @@ inline std::filesystem::path Write(const ClipRecipe& recipe, const std::filesyst
 
 // Everything that a source gives.
 struct Content {
-  std::vector<VideoPicture> pictures;
+  std::vector<DecodedFrame> pictures;
   std::vector<AudioPacket> packets;
   std::vector<AudioSamples> samples;
 };
@@ -43,7 +43,7 @@ void ReadEach(MediaReader& reader, Take take) {
 inline Content ReadAll(MediaReader& reader) {
   Content content;
   ReadEach(reader, [&](MediaItem item) {
-    if (auto* const picture = std::get_if<VideoPicture>(&item)) {
+    if (auto* const picture = std::get_if<DecodedFrame>(&item)) {
       content.pictures.push_back(std::move(*picture));
     } else if (auto* const packet = std::get_if<AudioPacket>(&item)) {
       content.packets.push_back(std::move(*packet));

@@ -54,15 +54,15 @@ class ChannelLog final : public LineRecorder, public ChannelObserver {
   void AlarmChanged(const std::string& channel, const AlarmMonitor::Change& change) override {
     Add("alarm " + channel, std::string(NameOf(change.kind)) + (change.raised ? " on" : " off"));
   }
-  void ChannelSoundChanged(const std::string& channel, const std::string& what) override {
-    Add("sound " + channel, what);
+  void AudioPathChanged(const std::string& channel, const std::string& what) override {
+    Add("audio path " + channel, what);
   }
 
   // In their order: "live", "held: reason"; "freeze on"; "absent: it has no audio".
   Lines States(const std::string& channel) const { return Of("state " + channel); }
   Lines Alarms(const std::string& channel) const { return Of("alarm " + channel); }
   Lines Audio(const std::string& channel) const { return Of("audio " + channel); }
-  Lines Sound(const std::string& channel) const { return Of("sound " + channel); }
+  Lines AudioPaths(const std::string& channel) const { return Of("audio path " + channel); }
   bool Opened(const std::string& channel) const { return !Of("opened " + channel).empty(); }
   bool Ended(const std::string& channel) const { return !Of("ended " + channel).empty(); }
   // The latest; empty without one.

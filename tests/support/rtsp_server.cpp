@@ -21,10 +21,10 @@ namespace {
 
 namespace ffmpeg = host::ffmpeg;
 
-constexpr int kLongestPacket = 1400;  // bytes
-constexpr std::size_t kMostUnsent = 1 << 20;
+constexpr int kMaxPacket = 1400;  // bytes
+constexpr std::size_t kMaxUnsent = 1 << 20;
 constexpr std::chrono::milliseconds kSentAtOnce(500);
-constexpr int kPatience = 5;  // milliseconds between two looks at the clock
+constexpr int kTimeout = 5;  // milliseconds between two looks at the clock
 
 // The value of a header; empty without one.
 std::string Header(const std::string& request, const std::string& name) {
@@ -49,9 +49,9 @@ struct Packer {
     AVStream* const packed = avformat_new_stream(context, nullptr);
     ffmpeg::Check(avcodec_parameters_copy(packed->codecpar, stream.codecpar), "pack", "rtp");
     packed->codecpar->codec_tag = 0;
-    auto* const buffer = static_cast<unsigned char*>(av_malloc(kLongestPacket));
-    io.reset(avio_alloc_context(buffer, kLongestPacket, 1, this, nullptr, &Take, nullptr));
-    io->max_packet_size = kLongestPacket;
+    auto* const buffer = static_cast<unsigned char*>(av_malloc(kMaxPacket));
+    io.reset(avio_alloc_context(buffer, kMaxPacket, 1, this, nullptr, &Take, nullptr));
+    io->max_packet_size = kMaxPacket;
   }
   Packer(const Packer&) = delete;
   Packer& operator=(const Packer&) = delete;
@@ -155,13 +155,13 @@ void RtspServer::Run() {
       waits.push_back({client.descriptor, POLLIN, 0});
     }
     // A mute server leaves the requests where they are, which would end the wait at once.
-    ::poll(waits.data(), mood_ == Mood::kMute ? 1 : waits.size(), kPatience);
+    ::poll(waits.data(), mood_ == Mood::kMute ? 1 : waits.size(), kTimeout);
     Accept();
     if (mood_ == Mood::kMute) {
       continue;
     }
     for (auto client = clients_.begin(); client != clients_.end();) {
-      const bool stays = Hear(*client);
+      const bool stays = OnSourceEvent(*client);
       Send(*client);
       client =
           stays && Flush(*client) && !client->leaves ? std::next(client) : clients_.erase(client);
@@ -179,7 +179,7 @@ void RtspServer::Accept() {
 }
 
 // False when the client has gone.
-bool RtspServer::Hear(Client& client) {
+bool RtspServer::OnSourceEvent(Client& client) {
   std::array<char, 4096> bytes;
   const ssize_t count = ::recv(client.descriptor, bytes.data(), bytes.size(), 0);
   if (count == 0 || (count < 0 && errno != EAGAIN)) {
@@ -266,7 +266,7 @@ void RtspServer::Send(Client& client) {
        ++client.next) {
     const RtpPacket& packet = packets_[client.next];
     const Client::Road& road = client.roads.at(static_cast<std::size_t>(packet.track));
-    if (mood_ != Mood::kPlays || !road.open || client.unsent.size() > kMostUnsent) {
+    if (mood_ != Mood::kPlays || !road.open || client.unsent.size() > kMaxUnsent) {
       continue;
     }
     if (road.datagrams == 0) {

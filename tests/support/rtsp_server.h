@@ -12,7 +12,7 @@
 
 #include "tests/support/local_socket.h"
 
-// Sends a clip with one video and one sound stream to everybody who plays it, from its beginning
+// Sends a clip with one video and one audio stream to everybody who plays it, from its beginning
 // and in real time but for the first half second, which comes at once, over the connection itself
 // ("interleaved") or in datagrams, as the client wishes. Like a camera it can fall silent, stop
 // answering or hang up.
@@ -35,7 +35,7 @@ class RtspServer {
   // credentials: "user:password@" or nothing; anything is let in.
   std::string Url(const std::string& credentials = {}) const;
   void Become(Mood mood) { mood_ = mood; }
-  // Every client is hung up on after playing for so long; 0: never.
+  // Every client is hung up on after playing for that long; 0: never.
   void HangUpAfter(std::chrono::milliseconds length) { hangUpAfter_ = length.count(); }
   // Who is connected.
   int clients() const { return connected_; }
@@ -54,7 +54,7 @@ class RtspServer {
   void Pack(const std::filesystem::path& clip);
   void Run();
   void Accept();
-  bool Hear(Client& client);
+  bool OnSourceEvent(Client& client);
   void Answer(Client& client, const std::string& request);
   std::string SetUp(Client& client, const std::string& request);
   void Send(Client& client);

@@ -25,10 +25,10 @@ extern "C" {
 #include "host/channel/source/media_reader.h"
 #include "host/feed/audio_encoder.h"
 #include "host/feed/audio_format.h"
-#include "host/feed/picture_type.h"
+#include "host/feed/video_type.h"
 #include "host/ffmpeg/error.h"
 #include "host/output/muxer.h"
-#include "host/output/output_pass.h"
+#include "host/output/output_session.h"
 #include "host/output/recording_files.h"
 #include "host/output/video_encoder.h"
 #include "platform/os/files.h"
@@ -55,7 +55,7 @@ constexpr std::size_t kAllowedOfStream = 1 << 20;  // an index may be full or em
 // Two keyframes, which take turns.
 std::vector<host::ffmpeg::Packet> Keyframes(host::VideoEncoder& encoder) {
   std::vector<host::ffmpeg::Packet> packets;
-  const std::vector<std::uint8_t> picture(static_cast<std::size_t>(host::PictureSize(kSize, kSize)),
+  const std::vector<std::uint8_t> picture(static_cast<std::size_t>(host::FrameBytes(kSize, kSize)),
                                           128);
   for (int i = 0; i < 3; ++i) {
     encoder.Encode(picture, i * kSecond,
@@ -199,14 +199,14 @@ std::vector<std::string> LongStream(Time length, const std::string& format) {
     host::MediaReader::Settings settings;
     settings.source = pipe;
     settings.readLimit = std::chrono::minutes(1);
-    settings.mostIndexEntries = kMaxIndexEntries;
+    settings.maxIndexEntries = kMaxIndexEntries;
     host::MediaReader reader(settings);
     reader.Open();
     std::optional<Time> first;
     std::optional<Time> firstAudio;
     const auto check = [&](std::optional<Time>& begin, std::int64_t n, Time start,
                            const char* kind) {
-      // At its begin nobody knows the rhythm of a stream so slow: its first step may be a jump.
+      // At its begin nobody knows the interval of a stream so slow: its first step may be a jump.
       if (n < kSettling) {
         begin = start - n * kStep;
         return;
@@ -220,7 +220,7 @@ std::vector<std::string> LongStream(Time length, const std::string& format) {
     for (host::MediaItem item = reader.Read();
          !std::holds_alternative<host::EndOfMedia>(item) && violations.empty();
          item = reader.Read()) {
-      if (const auto* const picture = std::get_if<host::VideoPicture>(&item)) {
+      if (const auto* const picture = std::get_if<host::DecodedFrame>(&item)) {
         check(first, frames, picture->start, "video");
         if (frames++ % kNoteEvery == 0) {
           heap.Note(frames * kStep);
@@ -256,7 +256,7 @@ std::vector<std::string> LongRecording(Time length) {
   const os::TemporaryFolder folder;
   host::VideoEncoder encoder(TinyVideo());
   const std::vector<host::ffmpeg::Packet> keyframes = Keyframes(encoder);
-  host::OutputPass::Settings settings;
+  host::OutputSession::Settings settings;
   settings.muxer.url = (folder / "year.flv").string();
   settings.muxer.survivesKill = true;
   settings.frameRate = {1, 1};
@@ -280,12 +280,12 @@ std::vector<std::string> LongRecording(Time length) {
   const auto video = encoder.parameters();
   HeapTrend heap(length, kAllowedOfWall);
   {
-    host::OutputPass pass(settings, *video, counters,
-                          {&files, [](const std::string&) {},
-                           [&](const host::OutputPass&, const std::string& file) {
-                             readLatest();
-                             names.push_back(file);
-                           }});
+    host::OutputSession pass(settings, *video, counters,
+                             {&files, [](const std::string&) {},
+                              [&](const host::OutputSession&, const std::string& file) {
+                                readLatest();
+                                names.push_back(file);
+                              }});
     for (Time time = 0; time < length; time += kMinute) {
       pass.Take({host::TrackPacket::kVideo,
                  At(*keyframes[static_cast<std::size_t>(time / kMinute % 2)], time), 0});

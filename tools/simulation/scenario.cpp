@@ -41,7 +41,7 @@ const char* NameOf(Kind kind) {
     case Kind::kHidden:
       return "hidden";
     case Kind::kStarved:
-      return "starved";
+      return "no_free_buffer";
     case Kind::kAsleep:
       return "asleep";
   }
@@ -49,14 +49,14 @@ const char* NameOf(Kind kind) {
 }
 
 Fault MakeFault(Dice& dice, const SourceModel& source) {
-  static const std::vector<Kind> kPushed{
+  static const std::vector<Kind> kPush{
       Kind::kStall,     Kind::kPause,     Kind::kRestart, Kind::kReplaced, Kind::kJump,
       Kind::kAudioAway, Kind::kVideoAway, Kind::kDamage,  Kind::kLoss,     Kind::kReopened,
       Kind::kStarved,   Kind::kHidden,    Kind::kRemuxed};
-  static const std::vector<Kind> kPulled{Kind::kStall, Kind::kPause, Kind::kAudioAway,
-                                         Kind::kReopened, Kind::kStarved};
+  static const std::vector<Kind> kPull{Kind::kStall, Kind::kPause, Kind::kAudioAway,
+                                       Kind::kReopened, Kind::kStarved};
   Fault fault;
-  fault.kind = dice.Of(source.pace == host::Pace::kPushed ? kPushed : kPulled);
+  fault.kind = dice.Of(source.kind == host::SourceKind::kPush ? kPush : kPull);
   switch (fault.kind) {
     case Kind::kStall:
     case Kind::kPause:
@@ -106,7 +106,7 @@ SourceModel MakeSource(Dice& dice, Time begin, Time length) {
   static const std::vector<Audio> kAudio{
       {48'000, 1024}, {48'000, 1152}, {48'000, 1536}, {44'100, 1024}, {32'000, 1152}};
   SourceModel source;
-  source.pace = dice.OneIn(5) ? host::Pace::kPulled : host::Pace::kPushed;
+  source.kind = dice.OneIn(5) ? host::SourceKind::kPull : host::SourceKind::kPush;
   source.frameRate = dice.Of(kRates);
   source.reorder = static_cast<int>(dice.Between(0, 3));
   if (source.frameRate.value() < 10) {
@@ -116,7 +116,7 @@ SourceModel MakeSource(Dice& dice, Time begin, Time length) {
   const Audio audio = dice.Of(kAudio);
   source.sampleRate = audio.rate;
   source.samplesPerPacket = audio.samples;
-  source.wrapPeriod = source.pace == host::Pace::kPushed ? kTransportStreamPeriod : 0;
+  source.wrapPeriod = source.kind == host::SourceKind::kPush ? kTransportStreamPeriod : 0;
   source.firstTimestamp = dice.Between(0, kTransportStreamPeriod / 2);
   if (source.wrapPeriod > 0 && dice.OneIn(3)) {
     source.firstTimestamp = source.wrapPeriod - dice.Between(0, length);
@@ -205,7 +205,7 @@ Scenario MakeLongScenario(Time length) {
   scenario.length = length;
   scenario.canvasRate = {60000, 1001};
   SourceModel source;
-  source.pace = host::Pace::kPushed;
+  source.kind = host::SourceKind::kPush;
   source.frameRate = {60000, 1001};
   source.reorder = 2;
   source.wrapPeriod = kTransportStreamPeriod;
@@ -216,7 +216,7 @@ Scenario MakeLongScenario(Time length) {
   source.reorder = 0;
   source.firstTimestamp += 4 * kSecond;
   scenario.sources.push_back(source);
-  source.pace = host::Pace::kPulled;
+  source.kind = host::SourceKind::kPull;
   source.frameRate = {25, 1};
   source.samplesPerPacket = 1024;
   source.wrapPeriod = kMilliseconds32;
@@ -254,7 +254,7 @@ std::string Describe(const Scenario& scenario) {
   for (std::size_t i = 0; i < scenario.sources.size(); ++i) {
     const SourceModel& source = scenario.sources[i];
     text += "  source " + std::to_string(i) +
-            (source.pace == host::Pace::kPushed ? ", pushed" : ", pulled") + ", " +
+            (source.kind == host::SourceKind::kPush ? ", pushed" : ", pulled") + ", " +
             std::to_string(source.frameRate.num) + "/" + std::to_string(source.frameRate.den) +
             " frames, reorder " + std::to_string(source.reorder);
     if (source.audio) {

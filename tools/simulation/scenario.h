@@ -17,7 +17,7 @@ using host::Time;
 struct Fault {
   enum class Kind {
     kStall,      // the network stops; what was sent meanwhile comes in a burst
-    kPause,      // the sender stops and goes on where it was
+    kPause,      // the sender stops and continues where it was
     kRestart,    // the sender is away and comes back with other timestamps
     kRemuxed,    // ... and with its audio muxed later by `amount` than before
     kReplaced,   // by a sender without audio, and at the end by one with audio again
@@ -38,7 +38,7 @@ struct Fault {
 };
 
 struct SourceModel {
-  host::Pace pace = host::Pace::kPushed;
+  host::SourceKind kind = host::SourceKind::kPush;
   Ratio frameRate{25, 1};
   int reorder = 0;  // B-frames between two frames that refer to each other
   bool audio = true;

@@ -9,7 +9,7 @@ extern "C" {
 }
 
 #include "host/feed/audio_format.h"
-#include "host/feed/picture_type.h"
+#include "host/feed/video_type.h"
 
 namespace simulation {
 
@@ -55,7 +55,7 @@ SimulatedChannel::Session::Session(const SimulatedChannel& channel)
       audioStream(clock.AddStream(channel.model_->wrapPeriod)),
       limiter(channel.canvasRate_),
       meter({channel.canvasRate_}),
-      placer({channel.model_->pace, true, channel.model_->audio, 0, channel.canvasRate_,
+      placer({channel.model_->kind, true, channel.model_->audio, 0, channel.canvasRate_,
               channel.services_.now},
              channel.channel_->queue()) {}
 
@@ -86,7 +86,7 @@ SimulatedChannel::SimulatedChannel(std::size_t index, const SourceModel* model, 
   settings.presenter.timeText = [](Time) { return std::string("12:00:00"); };
   settings.presenter.presentFrame = services.presentFrame;
   settings.presenter.wantsType = [window = services.window] { return window->WantsType(); };
-  settings.presenter.pictureSent = [window = services.window] { window->SetPictureSent(); };
+  settings.presenter.frameSent = [window = services.window] { window->SetFrameSent(); };
   settings.driven = true;
   channel_ = host::ChannelSource::Create(std::move(settings), this);
   channel_->queue().FollowClock(services.now);
@@ -100,7 +100,7 @@ Time SimulatedChannel::nextRead() const {
   if (session_ == nullptr) {
     return opensAt_;
   }
-  if (model_->pace == host::Pace::kPulled) {
+  if (model_->kind == host::SourceKind::kPull) {
     next = std::max(next, channel_->queue().roomAt());
   }
   if (!silent_) {
@@ -127,12 +127,12 @@ void SimulatedChannel::ReadAt(Time now) {
   }
   const SimulatedPacket packet = packets_->Next();
   if (packet.arrival > now ||
-      (model_->pace == host::Pace::kPulled && channel_->queue().roomAt() > now)) {
+      (model_->kind == host::SourceKind::kPull && channel_->queue().roomAt() > now)) {
     if (!silent_ && latestPacket_ + kReadLimit <= now) {
-      if (model_->pace == host::Pace::kPushed) {
-        // Datagrams have no connection that could have broken: reading goes on.
+      if (model_->kind == host::SourceKind::kPush) {
+        // Datagrams have no connection that could have broken: reading continues.
         silent_ = true;
-        Announce(host::SourceNews::Kind::kFailed);
+        Announce(host::SourceEvent::Kind::kFailed);
       } else {
         Fail(now);
         opensAt_ = now + kSecond / 4;
@@ -154,24 +154,24 @@ void SimulatedChannel::Open(Time now) {
   session_ = std::make_unique<Session>(*this);
   latestPacket_ = now;
   silent_ = false;
-  Announce(host::SourceNews::Kind::kOpened);
+  Announce(host::SourceEvent::Kind::kOpened);
 }
 
 void SimulatedChannel::Fail(Time /*now*/) {
   shown_ = std::max(shown_, session_->placer.latest());
   session_.reset();
-  Announce(host::SourceNews::Kind::kFailed);
+  Announce(host::SourceEvent::Kind::kFailed);
 }
 
-void SimulatedChannel::Announce(host::SourceNews::Kind kind) {
+void SimulatedChannel::Announce(host::SourceEvent::Kind kind) {
   if (session_ != nullptr) {
     shown_ = std::max(shown_, session_->placer.latest());
   }
   shown_ = std::max(shown_, services_.now());
-  host::SourceNews news;
+  host::SourceEvent news;
   news.kind = kind;
-  news.hasPictures = true;
-  news.hasSound = model_->audio;
+  news.hasVideo = true;
+  news.hasAudio = model_->audio;
   // A caption about audio that is missing would hide what the window shows.
   news.audioAbsence = model_->audio ? host::AudioAbsence::kNone : host::AudioAbsence::kOff;
   news.reason = "no data";
@@ -219,27 +219,26 @@ void SimulatedChannel::Show(const Frame& frame) {
     services_.violated(channel_->name() + " has no buffer for a frame");
     return;
   }
-  const LONG size = host::PictureSize(WindowLayout::kWidth, WindowLayout::kHeight);
+  const LONG size = host::FrameBytes(WindowLayout::kWidth, WindowLayout::kHeight);
   std::memset(pixels, 128, static_cast<std::size_t>(size));
   WindowLayout::Write(pixels, WindowLayout::kWidth, frame.id);
   sample->SetActualDataLength(size);
-  session_->placer.Add(span.start, span.duration, span.discontinuity,
-                       host::ReadyPicture{sample, {}});
+  session_->placer.Add(span.start, span.duration, span.discontinuity, host::ReadyFrame{sample, {}});
   WatchLead(services_.now());
 }
 
 // The lead of a source that is pushed shrinks while it is longer than needed.
 void SimulatedChannel::WatchLead(Time now) {
   constexpr Time kAmple = host::kSecond / 2;
-  constexpr Time kLongest = 60 * host::kSecond;
+  constexpr Time kMax = 60 * host::kSecond;
   Session& session = *session_;
   const Time spare =
       session.placer.lead() - session.placer.jitter() - host::LiveTimeline::Settings{}.lead;
-  if (spare <= kAmple || model_->pace != host::Pace::kPushed) {
+  if (spare <= kAmple || model_->kind != host::SourceKind::kPush) {
     session.ampleSince.reset();
   } else if (!session.ampleSince) {
     session.ampleSince = now;
-  } else if (now - *session.ampleSince > kLongest) {
+  } else if (now - *session.ampleSince > kMax) {
     services_.violated(channel_->name() + " keeps a lead longer than it needs");
     session.ampleSince = now;
   }
@@ -279,7 +278,7 @@ bool SimulatedChannel::Suffers(Fault::Kind kind, Time now) const {
 
 void SimulatedChannel::WakeAt(Time now) {
   latestPacket_ = now;
-  if (session_ != nullptr && model_->pace == host::Pace::kPushed) {
+  if (session_ != nullptr && model_->kind == host::SourceKind::kPush) {
     session_->clock.ReplaceStream(session_->videoStream, model_->wrapPeriod);
   }
 }

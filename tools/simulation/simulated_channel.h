@@ -94,7 +94,7 @@ class SimulatedChannel final : public host::ChannelObserver {
   void Show(const Frame& frame);
   void WatchLead(Time now);
   void HandleAudio(const SimulatedPacket& packet, const host::SourceClock::Mapped& mapped);
-  void Announce(host::SourceNews::Kind kind);
+  void Announce(host::SourceEvent::Kind kind);
 
   const SourceModel* const model_;
   const host::Ratio canvasRate_;

@@ -14,7 +14,7 @@ extern "C" {
 }
 
 #include "host/feed/graph_error.h"
-#include "host/feed/picture_type.h"
+#include "host/feed/video_type.h"
 #include "host/output/audio_sink.h"
 #include "host/output/composition_sink.h"
 #include "host/output/interleaver.h"
@@ -179,7 +179,7 @@ class SimulatedWall {
     background.width = width_;
     background.height = height_;
     background.frameRate = scenario.canvasRate;
-    background.picture.assign(static_cast<std::size_t>(host::PictureSize(width_, height_)), 16);
+    background.picture.assign(static_cast<std::size_t>(host::FrameBytes(width_, height_)), 16);
     background.watch = watch_;
     background_ = host::BackgroundSource::Create(std::move(background));
     sink_ = host::CompositionSink::Create(

@@ -18,9 +18,9 @@ using Kind = Fault::Kind;
 // second once in a long while, which a stretch has to bear.
 constexpr Time kStretch = 20 * kSecond;
 constexpr Time kMaxOffset = 40 * kMillisecond;
-constexpr double kLeastNewFrames = 0.98;
-constexpr double kMostSilent = 0.02;
-constexpr double kMostWrongMeters = 0.03;
+constexpr double kMinNewFrames = 0.98;
+constexpr double kMaxSilent = 0.02;
+constexpr double kMaxWrongMeters = 0.03;
 
 // How long after a fault the channel may need to be itself again.
 Time SettleTime(Kind kind, const SourceModel& model) {
@@ -124,14 +124,14 @@ void Watcher::FrameWritten(Time time) {
     while (audio_.size() > 1 && audio_[1].time <= shown.time) {
       audio_.pop_front();
     }
-    const bool sounds = !audio_.empty() && audio_.front().time <= shown.time &&
-                        shown.time < audio_.front().time + audio_.front().duration + kMillisecond;
-    stretch_.silentFrames += sounds ? 0 : 1;
+    const bool audio = !audio_.empty() && audio_.front().time <= shown.time &&
+                       shown.time < audio_.front().time + audio_.front().duration + kMillisecond;
+    stretch_.silentFrames += audio ? 0 : 1;
     if (!shown.id) {
       continue;
     }
     const Time frameTime = SimulatedSource::VideoTime(*model_, shown.id->number);
-    if (sounds && audio_.front().id.epoch == shown.id->epoch) {
+    if (audio && audio_.front().id.epoch == shown.id->epoch) {
       const Time audioTime = SimulatedSource::AudioTime(*model_, audio_.front().id.number) +
                              shown.time - audio_.front().time;
       stretch_.offset += frameTime - audioTime;
@@ -149,7 +149,7 @@ void Watcher::Judge(Time time) {
   const std::string where = name_ + " in the " + Text(kStretch) + " before " + Text(time) + ": ";
   const double seconds = static_cast<double>(stretch_.frames) / canvasRate_.value();
   const double expected =
-      seconds * std::min(model_->frameRate.value(), canvasRate_.value()) * kLeastNewFrames - 1;
+      seconds * std::min(model_->frameRate.value(), canvasRate_.value()) * kMinNewFrames - 1;
   if (stretch_.newFrames < expected) {
     violated_(where + std::to_string(stretch_.newFrames) + " new frames instead of " +
               std::to_string(static_cast<int>(expected) + 1));
@@ -157,7 +157,7 @@ void Watcher::Judge(Time time) {
   if (!IsHeard()) {
     return;
   }
-  if (stretch_.silentFrames > kMostSilent * stretch_.frames + 1) {
+  if (stretch_.silentFrames > kMaxSilent * stretch_.frames + 1) {
     violated_(where + std::to_string(stretch_.silentFrames) + " frames without audio");
   }
   const Time offset = stretch_.offsets > 0 ? stretch_.offset / stretch_.offsets : 0;
@@ -168,7 +168,7 @@ void Watcher::Judge(Time time) {
     violated_(where + "video is " + std::to_string(offset / kMillisecond) + " ms off its audio (" +
               std::to_string(stretch_.offsets) + " frames)");
   }
-  if (stretch_.wrongMeters > kMostWrongMeters * stretch_.frames + 2) {
+  if (stretch_.wrongMeters > kMaxWrongMeters * stretch_.frames + 2) {
     violated_(where + "the meter is wrong on " + std::to_string(stretch_.wrongMeters) + " frames");
   }
 }

@@ -5,7 +5,7 @@ Senders of FFmpeg's tools send small clips over loopback (UDP, RTP, and SRT from
 `tavrel run`, whose status and events are read, as are its two outputs: a recording and a pipe. A seeded script for
 each channel injects the faults. The verdict:
 
-  frames    every tick of the wall's clock gave a frame or was counted as late or starved; every frame is in each
+  frames    every tick of the wall's clock gave a frame or was counted as late or as without a free buffer; every frame is in each
             output or counted as dropped, and the timestamps have no other gaps
   return    each channel is live again within the limit after the first packet of its source
   alarms    a lost, a frozen, a black and a silent channel raised their alarms in time

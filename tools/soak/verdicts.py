@@ -23,11 +23,11 @@ def judge_clock(wall):
     # A machine that stood for some seconds counts what it missed when it continues: the count may be off for a
     # moment, but it comes back to the clock.
     statuses = [status for _, status in wall.statuses]
-    off = [abs(s["frames"] + s["late"] + s["starved"] - s["clock"] * FRAME_RATE) for s in statuses]
+    off = [abs(s["frames"] + s["late"] + s["no_free_buffer"] - s["clock"] * FRAME_RATE) for s in statuses]
     worst = max((min(off[i:i + 5]) for i in range(max(1, len(off) - 4))), default=float("inf")) if off else float("inf")
     worst = max(worst, off[-1]) if off else worst
     last = statuses[-1] if statuses else {}
-    print(f"frames: {last.get('frames')} composed, {last.get('late')} late, {last.get('starved')} starved in "
+    print(f"frames: {last.get('frames')} composed, {last.get('late')} late, {last.get('no_free_buffer')} without a free buffer in "
           f"{last.get('clock')} s; the count stays off the clock by {worst:.1f} frames at most")
     longest = max((s["longest_compose_ms"] for s in statuses), default=0)
     mean = sum(s["compose_ms"] for s in statuses) / max(1, len(statuses))
@@ -41,7 +41,7 @@ class Lateness:
     def __init__(self, statuses):
         self.spans = []  # (begin, end, seconds of late frames), on the monotonic clock
         for (begin, before), (end, after) in zip(statuses, statuses[1:]):
-            if late := sum(after[kind] - before[kind] for kind in ("late", "starved", "dropped")):
+            if late := sum(after[kind] - before[kind] for kind in ("late", "no_free_buffer", "dropped")):
                 self.spans.append((begin - LATE_AROUND, end + LATE_AROUND, late * FRAME))
 
     def seconds(self, begin, end):
@@ -111,7 +111,7 @@ def judge_output(name, report, end, times, video):
     stamps = sorted(times.get(video, []))
     ticks = [round(time * FRAME_RATE) for time in stamps]
     gaps = ticks[-1] - ticks[0] + 1 - len(ticks) if ticks else 0
-    missed = end["late"] + end["starved"] + report["dropped"]
+    missed = end["late"] + end["no_free_buffer"] + report["dropped"]
     print(f"{name}: {len(stamps)} frames, {report['frames']} written, {report['dropped']} dropped of {end['frames']}; "
           f"{gaps} frames long gaps, {missed} counted; audio dropped "
           f"{sum(track['dropped'] for track in report['audio'])}, left out "
@@ -142,6 +142,6 @@ def judge_tracks(name, report, times, streams):
 def recording_start(wall, times):
     """The monotonic time of the first frame in the recording."""
     end = wall.end_report
-    ticks = end["frames"] + end["late"] + end["starved"]
+    ticks = end["frames"] + end["late"] + end["no_free_buffer"]
     before = (ticks - round(times[-1] * FRAME_RATE) - 1) * FRAME  # until the recording began
     return min(arrival - status["clock"] for arrival, status in wall.statuses) + before

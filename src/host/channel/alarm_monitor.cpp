@@ -6,8 +6,8 @@
 namespace host {
 namespace {
 
-// Longer than the sound packets of any codec, and than what sound and picture lie apart.
-constexpr Time kSoundMissing = kSecond;
+// Longer than the audio packets of any codec, and than what audio and video lie apart.
+constexpr Time kAudioMissing = kSecond;
 
 float Magnitude(double decibels) {
   return static_cast<float>(std::pow(10.0, decibels / 20));
@@ -62,7 +62,7 @@ void AlarmMonitor::Opened(AudioAbsence absence, Time now) {
   missing_ = false;
   quietSince_.reset();
   silent_ = false;
-  lastSound_ = now;
+  lastAudio_ = now;
 }
 
 AudioState AlarmMonitor::audio() const {
@@ -94,16 +94,16 @@ AudioState AlarmMonitor::audio() const {
 void AlarmMonitor::Picture(bool black, bool still, Time now) {
   Found(now);
   Update(AlarmKind::kBlack, black, now);
-  // A black picture does not change either: one fault, one alarm.
+  // A black frame does not change either: one fault, one alarm.
   Update(AlarmKind::kFreeze, still && !black, now);
   Tick(now);
 }
 
-void AlarmMonitor::Sound(float loudest, Time now, Time late) {
-  if (late >= kSoundMissing) {
+void AlarmMonitor::Audio(float loudest, Time now, Time late) {
+  if (late >= kAudioMissing) {
     return;  // says nothing of the present
   }
-  lastSound_ = std::max(lastSound_, now - late);
+  lastAudio_ = std::max(lastAudio_, now - late);
   heard_ = true;
   missing_ = false;
   if (lost_) {
@@ -138,7 +138,7 @@ void AlarmMonitor::Lost(Time since, Time now) {
 
 void AlarmMonitor::Found(Time now) {
   if (lost_) {
-    lastSound_ = now;
+    lastAudio_ = now;
     missing_ = false;
   }
   lost_ = false;
@@ -149,7 +149,7 @@ void AlarmMonitor::Tick(Time now) {
   if (lost_) {
     return;
   }
-  missing_ = now - lastSound_ >= kSoundMissing;
+  missing_ = now - lastAudio_ >= kAudioMissing;
   const AudioAbsence absence = absence_.value_or(AudioAbsence::kOff);
   if (absence != AudioAbsence::kNone || missing_) {
     quietSince_.reset();

@@ -22,7 +22,7 @@ inline constexpr std::array<AlarmKind, kAlarmKinds> kAllAlarms{
 // As in the wall file: "loss", "black", "freeze", "silence", "clipping".
 const char* NameOf(AlarmKind kind);
 
-// When each alarm is raised; what counts as black and as unchanged is the PictureMeter's.
+// When each alarm is raised; what counts as black and as unchanged is the FrameMeter's.
 struct AlarmSettings {
   struct Times {
     bool enabled = true;
@@ -35,8 +35,8 @@ struct AlarmSettings {
 };
 
 // What is seen and heard of the channel comes in with its time on the wall's clock; each alarm has
-// a time to set and a time to clear; for clipping, peaks are counted. While no picture comes,
-// nothing is known of the others: their conditions count as gone. Sound that stops while pictures
+// a time to set and a time to clear; for clipping, peaks are counted. While no frame comes,
+// nothing is known of the others: their conditions count as gone. Audio that stops while frames
 // go on counts as silence, and so does audio that is wanted and not to be had; a source that has
 // none at all is not silent.
 //
@@ -58,11 +58,11 @@ class AlarmMonitor {
   void Decodable(bool isDecodable) { isDecodable_ = isDecodable; }
   void Picture(bool black, bool still, Time now);
   // loudest: greatest magnitude of a sample, full scale at 1; late: how long ago that was.
-  void Sound(float loudest, Time now, Time late = 0);
-  // No picture is there (since the given time), or pictures come again.
+  void Audio(float loudest, Time now, Time late = 0);
+  // No frame is there (since the given time), or frames come again.
   void Lost(Time since, Time now);
   void Found(Time now);
-  // Time has passed: sound that is missing counts as silence.
+  // Time has passed: audio that is missing counts as silence.
   void Tick(Time now);
 
   bool raised(AlarmKind kind) const {
@@ -73,8 +73,8 @@ class AlarmMonitor {
   }
   AudioState audio() const;
   // When the latest levels came, and since when they are those of silence.
-  Time lastSound() const { return lastSound_; }
-  Time silentSince() const { return quietSince_.value_or(lastSound_); }
+  Time lastAudio() const { return lastAudio_; }
+  Time silentSince() const { return quietSince_.value_or(lastAudio_); }
   bool pictureAlarm() const {
     return raised(AlarmKind::kLoss) || raised(AlarmKind::kBlack) || raised(AlarmKind::kFreeze);
   }
@@ -97,7 +97,7 @@ class AlarmMonitor {
   std::optional<Time> quietSince_;
   bool silent_ = false;  // what is heard is why the alarm for silence is raised
   bool lost_ = false;
-  Time lastSound_ = 0;
+  Time lastAudio_ = 0;
 };
 
 }  // namespace host

@@ -8,7 +8,7 @@
 namespace host {
 
 enum class AudioState {
-  kUnknown,      // nothing is open, or no picture comes
+  kUnknown,      // nothing is open, or no frame comes
   kOff,          // switched off in the wall file
   kPresent,      // it is heard
   kSilent,       // it comes, and the alarm for silence is raised

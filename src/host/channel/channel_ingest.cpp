@@ -19,7 +19,7 @@ ChannelIngest::ChannelIngest(Settings settings, FeedPin& videoPin, ChannelQueue&
     : settings_([&] {
         settings.session.audioLanguage = settings.reader.audioLanguage;
         settings.session.audioChanged = [observer, name = settings.name](const std::string& what) {
-          observer->ChannelSoundChanged(name, what);
+          observer->AudioPathChanged(name, what);
         };
         return std::move(settings);
       }()),
@@ -137,7 +137,7 @@ std::optional<milliseconds> ChannelIngest::Attempt(MediaReader& reader) {
   };
   const auto failed = [&](const std::string& reason, std::optional<milliseconds> delay) {
     observer_->ChannelFailed(settings_.name, reason, delay);
-    return Announce({SourceNews::Kind::kFailed, false, false, reason}) ? delay : std::nullopt;
+    return Announce({SourceEvent::Kind::kFailed, false, false, reason}) ? delay : std::nullopt;
   };
   const auto begun = std::chrono::steady_clock::now();
   const auto afterError = [&] {
@@ -147,7 +147,7 @@ std::optional<milliseconds> ChannelIngest::Attempt(MediaReader& reader) {
   try {
     InSource([&] { reader.Open(); });
     observer_->ChannelOpened(settings_.name, reader.info());
-    if (!Announce({SourceNews::Kind::kOpened, reader.info().video.has_value(),
+    if (!Announce({SourceEvent::Kind::kOpened, reader.info().video.has_value(),
                    reader.info().audio.has_value(), reader.info().noVideoReason,
                    reader.info().serviceName, reader.info().audioAbsence,
                    reader.info().noAudioReason}) ||
@@ -155,9 +155,9 @@ std::optional<milliseconds> ChannelIngest::Attempt(MediaReader& reader) {
       return std::nullopt;
     }
     observer_->ChannelEnded(settings_.name);
-    const bool endsForGood = reader.info().pace == Pace::kStored;
-    const auto delay = endsForGood ? std::nullopt : after(delay_.AfterFailure());
-    return Announce({SourceNews::Kind::kEnded, false, false, "ended"}) ? delay : std::nullopt;
+    const bool endsFinally = reader.info().kind == SourceKind::kFile;
+    const auto delay = endsFinally ? std::nullopt : after(delay_.AfterFailure());
+    return Announce({SourceEvent::Kind::kEnded, false, false, "ended"}) ? delay : std::nullopt;
   } catch (const MediaError& error) {
     if (cancelled()) {
       return std::nullopt;
@@ -168,11 +168,11 @@ std::optional<milliseconds> ChannelIngest::Attempt(MediaReader& reader) {
   }
 }
 
-bool ChannelIngest::Announce(SourceNews news) {
+bool ChannelIngest::Announce(SourceEvent event) {
   if (settings_.session.now) {
     latest_ = std::max(latest_, settings_.session.now());
   }
-  return queue_.Push({latest_, latest_, 0, std::move(news)});
+  return queue_.Push({latest_, latest_, 0, std::move(event)});
 }
 
 bool ChannelIngest::ReadToEnd(MediaReader& reader) {
@@ -191,7 +191,7 @@ bool ChannelIngest::ReadToEnd(MediaReader& reader) {
 
 bool ChannelIngest::ReadToEnd(MediaReader& reader, SourceSession& session) {
   // What is pushed has to be read in time: it would overflow in the buffers of the network.
-  const bool waits = reader.info().pace != Pace::kPushed || !settings_.session.now;
+  const bool waits = reader.info().kind != SourceKind::kPush || !settings_.session.now;
   bool silent = false;
   for (;;) {
     if (waits && !queue_.WaitForRoom()) {
@@ -224,7 +224,7 @@ bool ChannelIngest::ReadToEnd(MediaReader& reader, SourceSession& session) {
       silent = true;
       latest_ = std::max(latest_, session.placer().latest());
       observer_->ChannelFailed(settings_.name, error.reason(), milliseconds(0));
-      if (!Announce({SourceNews::Kind::kFailed, false, false, error.reason()})) {
+      if (!Announce({SourceEvent::Kind::kFailed, false, false, error.reason()})) {
         return false;
       }
     }

@@ -42,7 +42,7 @@ class ChannelIngest {
 
   // Until the source has ended finally, or Cancel. Leaves the queue's horizon at forever.
   void Run();
-  // Ends Run soon, whatever it waits for but a buffer of the picture pin and a stuck source.
+  // Ends Run soon, whatever it waits for but a buffer of the frame pin and a stuck source.
   void Cancel();
   // After Cancel, and once the pin gives no buffers: true when Run has ended. False when it has
   // been abandoned because it was inside a call of the source at the deadline.
@@ -71,7 +71,7 @@ class ChannelIngest {
   bool ReadToEnd(MediaReader& reader, SourceSession& session);
   void Report(const SourceSession& session);
   // False once the queue is closed.
-  bool Announce(SourceNews news);
+  bool Announce(SourceEvent event);
 
   const Settings settings_;
   FeedPin& videoPin_;

@@ -5,16 +5,16 @@
 namespace host {
 namespace {
 
-// A source may be that much later than its frame rate says before its picture counts as missing.
-constexpr Time kLeastPatience = kSecond / 2;
-constexpr Time kMostPatience = 60 * kSecond;
-constexpr Time kPatienceInPictures = 3;
-// Pictures in a row that make a channel live again: of a slow source, of another one.
+// A source may be that much later than its frame rate says before its frame counts as missing.
+constexpr Time kMinFrameTimeout = kSecond / 2;
+constexpr Time kMaxFrameTimeout = 60 * kSecond;
+constexpr Time kTimeoutInFrames = 3;
+// Frames in a row that make a channel live again: of a slow source, of another one.
 constexpr int kSlowOnes = 1;
 constexpr int kOnes = 2;
 
-Time Patience(Time duration) {
-  return std::clamp(kPatienceInPictures * duration, kLeastPatience, kMostPatience);
+Time FrameTimeout(Time duration) {
+  return std::clamp(kTimeoutInFrames * duration, kMinFrameTimeout, kMaxFrameTimeout);
 }
 
 }  // namespace
@@ -45,15 +45,15 @@ bool ChannelLife::Become(ChannelState state, const std::string& reason, Time sin
 bool ChannelLife::Shown(Time now, Time duration) {
   const bool isAway = status_.state == ChannelState::kHeld || status_.state == ChannelState::kLost;
   if (isAway) {
-    const bool follows = straggler_.has_value() && now - *straggler_ < Patience(duration);
+    const bool follows = straggler_.has_value() && now - *straggler_ < FrameTimeout(duration);
     stragglers_ = follows ? stragglers_ + 1 : 1;
     straggler_ = now;
-    if (stragglers_ < (duration < kLeastPatience ? kOnes : kSlowOnes)) {
+    if (stragglers_ < (duration < kMinFrameTimeout ? kOnes : kSlowOnes)) {
       return false;
     }
   }
   straggler_.reset();
-  lastPicture_ = now;
+  lastFrame_ = now;
   lastDuration_ = duration;
   return status_.state != ChannelState::kLive && Become(ChannelState::kLive, {}, now);
 }
@@ -63,7 +63,7 @@ bool ChannelLife::Failed(const std::string& reason, Time now) {
     case ChannelState::kOpening:
       return Become(ChannelState::kLost, reason, status_.since);
     case ChannelState::kLive:
-      Become(ChannelState::kHeld, reason, lastPicture_.value_or(now));
+      Become(ChannelState::kHeld, reason, lastFrame_.value_or(now));
       Tick(now);
       return true;
     case ChannelState::kHeld:
@@ -74,10 +74,10 @@ bool ChannelLife::Failed(const std::string& reason, Time now) {
 }
 
 bool ChannelLife::Tick(Time now) {
-  const Time missing = now - lastPicture_.value_or(now);
+  const Time missing = now - lastFrame_.value_or(now);
   bool changed = false;
-  if (status_.state == ChannelState::kLive && missing >= Patience(lastDuration_)) {
-    changed = Become(ChannelState::kHeld, "no picture comes", *lastPicture_);
+  if (status_.state == ChannelState::kLive && missing >= FrameTimeout(lastDuration_)) {
+    changed = Become(ChannelState::kHeld, "no picture comes", *lastFrame_);
   }
   if (status_.state == ChannelState::kHeld && missing >= hold_) {
     changed = Become(ChannelState::kLost, status_.reason, status_.since) || changed;

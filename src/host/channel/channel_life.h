@@ -10,8 +10,8 @@ namespace host {
 
 enum class ChannelState {
   kOpening,  // nothing was shown yet, and nothing has failed
-  kLive,     // pictures come
-  kHeld,     // no picture comes; the last one stands
+  kLive,     // frames come
+  kHeld,     // no frame comes; the last one stands
   kLost,     // there is nothing to stand any more
 };
 
@@ -20,17 +20,17 @@ const char* NameOf(ChannelState state);
 
 // The state of one channel:
 //
-//                 failed                    picture
+//                 failed                    frame
 //      opening ------------> lost <------------------------+
 //         |                    ^  |                         |
-// picture |        hold is over|  |picture                  |
+// frame |        hold is over|  |frame                  |
 //         v                    |  v                         |
 //       live <---------------- held                         |
-//         |       picture       ^                           |
+//         |       frame       ^                           |
 //         +---------------------+
-//           failed, or no picture for a while
+//           failed, or no frame for a while
 //
-// Held or lost, one picture is not enough: what was still under way from a source that has gone may
+// Held or lost, one frame is not enough: what was still under way from a source that has gone may
 // come late. Two that follow each other are (of slow sources, one).
 //
 // A new reason while held or lost changes the reason only: since stays the time of the trouble.
@@ -40,16 +40,16 @@ class ChannelLife {
   struct Status {
     ChannelState state = ChannelState::kOpening;
     std::string reason;  // of held and lost: one sentence, no full stop
-    Time since = 0;      // of held and lost: when the last picture was there
+    Time since = 0;      // of held and lost: when the last frame was there
     bool operator==(const Status&) const = default;
   };
 
-  // hold: how long the last picture stands. now: when the channel started.
+  // hold: how long the last frame stands. now: when the channel started.
   ChannelLife(Time hold, Time now) : hold_(hold), status_{ChannelState::kOpening, {}, now} {}
 
   // Each returns whether the status is another one now.
   //
-  // A picture is shown that lasts so long (what a frame of the source lasts).
+  // A frame is shown that lasts so long (what a frame of the source lasts).
   bool Shown(Time now, Time duration);
   // The source failed or ended; whatever it gave before has been shown.
   bool Failed(const std::string& reason, Time now);
@@ -63,9 +63,9 @@ class ChannelLife {
 
   Time hold_;
   Status status_;
-  std::optional<Time> lastPicture_;
+  std::optional<Time> lastFrame_;
   Time lastDuration_ = 0;
-  std::optional<Time> straggler_;  // the latest picture while held or lost
+  std::optional<Time> straggler_;  // the latest frame while held or lost
   int stragglers_ = 0;             // in a row
 };
 

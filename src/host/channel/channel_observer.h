@@ -40,8 +40,8 @@ class ChannelObserver {
   virtual void ChannelTimed(const std::string& channel, const SourceTiming& timing) {
     (void)channel, (void)timing;
   }
-  // What becomes of the channel's sound on its way to the outputs, as a sentence.
-  virtual void ChannelSoundChanged(const std::string& channel, const std::string& what) {
+  // What becomes of the channel's audio on its way to the outputs, as a sentence.
+  virtual void AudioPathChanged(const std::string& channel, const std::string& what) {
     (void)channel, (void)what;
   }
 

@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "host/feed/alarm_record.h"
-#include "host/feed/picture_type.h"
+#include "host/feed/video_type.h"
 
 namespace host {
 namespace {
@@ -17,7 +17,7 @@ constexpr Time kLookEvery = kSecond / 5;
 // Tries to anchor the channel's time between two background frames.
 constexpr int kAnchorTries = 4;
 // A source that opens at once never shows a slate.
-constexpr Time kOpeningPatience = kSecond;
+constexpr Time kOpeningTimeout = kSecond;
 
 // Of what makes a meter empty.
 const char* CaptionOf(AudioState state) {
@@ -83,8 +83,8 @@ void ChannelPresenter::Begin(Time now) {
   frames_.Clear();
   levels_.Clear();
   looks_.clear();
-  hasPictures_ = true;
-  hasSound_ = false;
+  hasVideo_ = true;
+  hasAudio_ = false;
   audio_ = {};
 }
 
@@ -107,7 +107,7 @@ void ChannelPresenter::ReportAudio() {
   const bool isHeard = status.state == AudioState::kPresent || status.state == AudioState::kSilent;
   status.reason = isHeard || status.state == AudioState::kUnknown ? std::string() : audioReason_;
   status.since = status.state == AudioState::kSilent    ? alarms_.silentSince()
-                 : status.state == AudioState::kStopped ? alarms_.lastSound()
+                 : status.state == AudioState::kStopped ? alarms_.lastAudio()
                                                         : now_;
   audio_ = std::move(status);
   observer_->AudioChanged(settings_.name, audio_);
@@ -126,26 +126,26 @@ void ChannelPresenter::Watch(Time now) {
   NoteLook();
 }
 
-void ChannelPresenter::Hear(const SourceNews& news, Time now) {
+void ChannelPresenter::OnSourceEvent(const SourceEvent& event, Time now) {
   now_ = std::max(now_, now);
-  if (news.kind == SourceNews::Kind::kOpened) {
-    hasPictures_ = news.hasPictures;
-    hasSound_ = news.hasSound;
-    noPictureReason_ = news.reason;
-    audioReason_ = news.audioReason;
-    alarms_.Opened(news.audioAbsence, now_);
+  if (event.kind == SourceEvent::Kind::kOpened) {
+    hasVideo_ = event.hasVideo;
+    hasAudio_ = event.hasAudio;
+    noVideoReason_ = event.reason;
+    audioReason_ = event.audioReason;
+    alarms_.Opened(event.audioAbsence, now_);
     return;
   }
-  if (news.kind == SourceNews::Kind::kAudio) {
-    audioReason_ = news.audioReason;
-    alarms_.Decodable(news.audioAbsence == AudioAbsence::kNone);
+  if (event.kind == SourceEvent::Kind::kAudio) {
+    audioReason_ = event.audioReason;
+    alarms_.Decodable(event.audioAbsence == AudioAbsence::kNone);
     return;
   }
-  Report(life_.Failed(news.reason, now_));
+  Report(life_.Failed(event.reason, now_));
   NoteLook();
 }
 
-void ChannelPresenter::Show(const ReadyPicture& picture, Time start, Time duration) {
+void ChannelPresenter::Show(const ReadyFrame& picture, Time start, Time duration) {
   duration = std::max<Time>(duration, 1);
   now_ = std::max(now_, start);
   if (!frames_.Takes(start)) {
@@ -161,20 +161,20 @@ void ChannelPresenter::Show(const ReadyPicture& picture, Time start, Time durati
   const std::string caption = CaptionText();
   pristine_.clear();
   if (!caption.empty()) {
-    pristine_.assign(pixels, pixels + PictureSize(settings_.width, settings_.height));
+    pristine_.assign(pixels, pixels + FrameBytes(settings_.width, settings_.height));
     text_.DrawCaption(Window(pixels), caption);
   }
   kept_ = picture.sample;
-  SendPicture(picture.sample.Get(), start, start + duration);
+  SendFrame(picture.sample.Get(), start, start + duration);
 }
 
 void ChannelPresenter::Show(const ReadyLevels& levels, Time start, Time duration) {
   now_ = std::max(now_, start);
-  if (!hasPictures_) {
+  if (!hasVideo_) {
     Report(life_.Shown(now_, duration));
     alarms_.Found(now_);
   }
-  alarms_.Sound(levels.loudest, now_, now_ - start);
+  alarms_.Audio(levels.loudest, now_, now_ - start);
   ReportAudio();
   SendLevels(start, duration, levels.levels);
 }
@@ -208,9 +208,9 @@ void ChannelPresenter::Tick(Time now) {
 bool ChannelPresenter::showsSlate() const {
   switch (life_.status().state) {
     case ChannelState::kOpening:
-      return now_ - life_.status().since >= kOpeningPatience;
+      return now_ - life_.status().since >= kOpeningTimeout;
     case ChannelState::kLive:
-      return !hasPictures_;
+      return !hasVideo_;
     case ChannelState::kHeld:
       return kept_ == nullptr;
     case ChannelState::kLost:
@@ -225,7 +225,7 @@ std::string ChannelPresenter::SlateText() const {
     case ChannelState::kOpening:
       return settings_.name + "\nopening";
     case ChannelState::kLive:
-      return settings_.name + "\nSound only: " + noPictureReason_;
+      return settings_.name + "\nSound only: " + noVideoReason_;
     case ChannelState::kHeld:
     case ChannelState::kLost:
       break;
@@ -259,8 +259,8 @@ std::string ChannelPresenter::AudioCaption() const {
   return !text.empty() && hasBegun ? text + " since " + settings_.timeText(audio_.since) : text;
 }
 
-WindowPicture ChannelPresenter::Window(BYTE* pixels) const {
-  return {{pixels, static_cast<std::size_t>(PictureSize(settings_.width, settings_.height))},
+WindowPixels ChannelPresenter::Window(BYTE* pixels) const {
+  return {{pixels, static_cast<std::size_t>(FrameBytes(settings_.width, settings_.height))},
           settings_.width,
           settings_.height};
 }
@@ -294,7 +294,7 @@ void ChannelPresenter::Repeat(Time start) {
   const Look& look = LookAt(start);
   if (look.slate) {
     if (slate_.empty() || look.text != slateText_) {
-      slate_.resize(static_cast<std::size_t>(PictureSize(settings_.width, settings_.height)));
+      slate_.resize(static_cast<std::size_t>(FrameBytes(settings_.width, settings_.height)));
       text_.DrawSlate(Window(slate_.data()), look.text);
       slateText_ = look.text;
     }
@@ -314,17 +314,17 @@ void ChannelPresenter::SendCopy(const std::uint8_t* pixels, const std::string& c
   if (!sample || FAILED(sample->GetPointer(&to))) {
     return;
   }
-  const LONG size = PictureSize(settings_.width, settings_.height);
+  const LONG size = FrameBytes(settings_.width, settings_.height);
   std::memcpy(to, pixels, static_cast<std::size_t>(size));
   sample->SetActualDataLength(size);
   sample->SetSyncPoint(TRUE);
   if (!caption.empty()) {
     text_.DrawCaption(Window(to), caption);
   }
-  SendPicture(sample.Get(), start, stop);
+  SendFrame(sample.Get(), start, stop);
 }
 
-void ChannelPresenter::SendPicture(IMediaSample* sample, Time start, Time stop) {
+void ChannelPresenter::SendFrame(IMediaSample* sample, Time start, Time stop) {
   BYTE* pixels = nullptr;
   sample->GetPointer(&pixels);
   if (AnchorClock(pixels, start)) {
@@ -334,7 +334,7 @@ void ChannelPresenter::SendPicture(IMediaSample* sample, Time start, Time stop) 
   }
   pins_.videoAlarm.Send(ToWire(VideoAlarmRecord{alarms_.pictureAlarm(), 0}), start, stop);
   // The alarms of a channel show only where it has a meter.
-  if (!hasSound_) {
+  if (!hasAudio_) {
     SendLevels(start, stop - start, AudioLevels{});
   }
 }
@@ -350,7 +350,7 @@ bool ChannelPresenter::AnchorClock(const BYTE* pixels, Time start) {
   if (frames_.begun() && settings_.logger != nullptr) {
     settings_.logger->IncrementResync();
   }
-  const LONG size = PictureSize(settings_.width, settings_.height);
+  const LONG size = FrameBytes(settings_.width, settings_.height);
   std::optional<Time> anchored;
   for (int tries = 0; tries < kAnchorTries && anchored != present; ++tries) {
     if (!present) {
@@ -381,8 +381,8 @@ void ChannelPresenter::Deliver(IMediaSample* sample) {
     pins_.video.AttachType(*sample);
   }
   pins_.video.Deliver(sample);
-  if (settings_.pictureSent) {
-    settings_.pictureSent();
+  if (settings_.frameSent) {
+    settings_.frameSent();
   }
 }
 

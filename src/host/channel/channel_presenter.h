@@ -21,13 +21,13 @@
 
 namespace host {
 
-// Feeds the composer with the pictures and alarm records of one channel without a gap:
+// Feeds the composer with the frames and alarm records of one channel without a gap:
 //
 //   state     in the window                                     records
 //   opening   nothing; a slate after a second                   alarms, a silent meter
-//   live      the source's pictures, repeated when they are     levels and alarms
+//   live      the source's frames, repeated when they are     levels and alarms
 //             rare; a caption names the alarms that are raised
-//   held      the last picture, repeated; caption               alarms, a silent meter
+//   held      the last frame, repeated; caption               alarms, a silent meter
 //   lost      a slate: channel, reason, since when              alarms, a silent meter
 //
 // What is sent has ever later times: a frame or level that comes after a later one was sent is
@@ -45,8 +45,8 @@ class ChannelPresenter {
     Time hold = 5 * kSecond;
     AlarmSettings alarms;
     std::function<std::string(Time)> timeText;  // of the wall's time, as an operator reads it
-    std::function<bool()> wantsType;            // whether a picture is to carry its media type
-    std::function<void()> pictureSent;          // called after each picture
+    std::function<bool()> wantsType;            // whether a frame is to carry its media type
+    std::function<void()> frameSent;            // called after each frame
     // Start of the latest background frame in the composer; none while one is being sent.
     std::function<std::optional<Time>()> presentFrame;
     qorp::log::ILogPerf* logger = nullptr;  // counts resynchronisations; may be null
@@ -62,9 +62,9 @@ class ChannelPresenter {
   // Before the first item. now: the wall's time.
   void Begin(Time now);
   // start, duration: of the item, on the wall's clock.
-  void Show(const ReadyPicture& picture, Time start, Time duration);
+  void Show(const ReadyFrame& picture, Time start, Time duration);
   void Show(const ReadyLevels& levels, Time start, Time duration);
-  void Hear(const SourceNews& news, Time now);
+  void OnSourceEvent(const SourceEvent& event, Time now);
   // When Tick is wanted, unless something is delivered before.
   Time nextTick() const;
   void Tick(Time now);
@@ -92,13 +92,13 @@ class ChannelPresenter {
   void NoteLook();
   const Look& LookAt(Time time);
   void Repeat(Time start);
-  void SendPicture(IMediaSample* sample, Time start, Time stop);
+  void SendFrame(IMediaSample* sample, Time start, Time stop);
   void SendCopy(const std::uint8_t* pixels, const std::string& caption, Time start, Time stop);
   // False when the frame that was to be sent at start has been anchored over.
   bool AnchorClock(const BYTE* pixels, Time start);
   void Deliver(IMediaSample* sample);
   void SendLevels(Time start, Time duration, const AudioLevels& levels);
-  WindowPicture Window(BYTE* pixels) const;
+  WindowPixels Window(BYTE* pixels) const;
 
   const Settings settings_;
   const Pins pins_;
@@ -106,9 +106,9 @@ class ChannelPresenter {
 
   ChannelLife life_;
   AlarmMonitor alarms_;
-  bool hasPictures_ = true;  // the source has; until it is known, it is taken to have
-  bool hasSound_ = false;
-  std::string noPictureReason_;
+  bool hasVideo_ = true;  // the source has; until it is known, it is taken to have
+  bool hasAudio_ = false;
+  std::string noVideoReason_;
   std::string audioReason_;  // why there is no audio
   AudioStatus audio_;
   Time now_ = 0;  // latest time that was seen
@@ -121,7 +121,7 @@ class ChannelPresenter {
   std::deque<std::pair<Time, Look>> looks_;
 
   WindowText text_;
-  ComPtr<IMediaSample> kept_;           // latest picture of the source as it was sent
+  ComPtr<IMediaSample> kept_;           // latest frame of the source as it was sent
   std::vector<std::uint8_t> pristine_;  // the same without its caption, if it has one
   std::vector<std::uint8_t> slate_;
   std::string slateText_;  // of slate_

@@ -6,9 +6,9 @@ namespace host {
 namespace {
 
 constexpr Time kNever = std::numeric_limits<Time>::min();
-constexpr std::size_t kNewsLane = std::variant_size_v<decltype(ChannelItem::content)> - 1;
-static_assert(std::is_same_v<std::variant_alternative_t<kNewsLane, decltype(ChannelItem::content)>,
-                             SourceNews>);
+constexpr std::size_t kEventLane = std::variant_size_v<decltype(ChannelItem::content)> - 1;
+static_assert(std::is_same_v<std::variant_alternative_t<kEventLane, decltype(ChannelItem::content)>,
+                             SourceEvent>);
 
 }  // namespace
 
@@ -37,7 +37,7 @@ void ChannelQueue::Close() {
   }
   roomMade_.notify_all();
   changed_.notify_all();
-  settled_.notify_all();
+  fixed_.notify_all();
 }
 
 bool ChannelQueue::closed() const {
@@ -91,7 +91,7 @@ void ChannelQueue::ForgetFrom(Time time) {
   const std::lock_guard guard(lock_);
   for (std::size_t i = 0; i < lanes_.size(); ++i) {
     Lane& lane = lanes_[i];
-    if (i == kNewsLane) {
+    if (i == kEventLane) {
       for (Entry& entry : lane) {
         entry.item.due = std::min(entry.item.due, time);
       }
@@ -113,7 +113,7 @@ void ChannelQueue::ForgetFrom(Time time) {
 void ChannelQueue::Move(Time by) {
   {
     const std::lock_guard guard(lock_);
-    for (std::size_t i = 0; i < kNewsLane; ++i) {
+    for (std::size_t i = 0; i < kEventLane; ++i) {
       for (Entry& entry : lanes_[i]) {
         entry.item.due += by;
         entry.item.start += by;
@@ -172,7 +172,7 @@ std::optional<ChannelItem> ChannelQueue::Take(Time deadline) {
     }
     waiting_ = true;
     waitsUntil_ = deadline;
-    settled_.notify_all();
+    fixed_.notify_all();
     const Time until = std::min(next, deadline);
     if (clock_ && until != kForever) {
       changed_.wait_for(guard, std::chrono::nanoseconds(100) * (until - now));
@@ -182,7 +182,7 @@ std::optional<ChannelItem> ChannelQueue::Take(Time deadline) {
   }
   waiting_ = true;
   waitsUntil_ = kForever;
-  settled_.notify_all();
+  fixed_.notify_all();
   return std::nullopt;
 }
 
@@ -202,7 +202,7 @@ void ChannelQueue::AdvanceTo(Time time) {
 
 bool ChannelQueue::WaitUntilTaken(std::chrono::milliseconds limit) {
   std::unique_lock guard(lock_);
-  return settled_.wait_for(guard, limit, [&] {
+  return fixed_.wait_for(guard, limit, [&] {
     const Time target = Now();
     const Lane* const lane = Earliest();
     const bool nothingDue = lane == nullptr || lane->front().item.due > target;
@@ -210,7 +210,7 @@ bool ChannelQueue::WaitUntilTaken(std::chrono::milliseconds limit) {
   });
 }
 
-void ChannelQueue::LeaveReaderBehind() {
+void ChannelQueue::DetachReader() {
   {
     const std::lock_guard guard(lock_);
     readerLeft_ = true;

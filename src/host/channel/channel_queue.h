@@ -14,7 +14,7 @@
 #include <variant>
 
 #include "host/channel/source/media_info.h"
-#include "host/channel/video/picture_meter.h"
+#include "host/channel/video/frame_meter.h"
 #include "host/feed/alarm_record.h"
 #include "host/units.h"
 #include "platform/com/com_ptr.h"
@@ -23,9 +23,9 @@
 namespace host {
 
 // A frame in a buffer of the channel's video pin.
-struct ReadyPicture {
+struct ReadyFrame {
   ComPtr<IMediaSample> sample;
-  PictureCondition condition;
+  FrameCondition condition;
 };
 // The levels of one frame's time.
 struct ReadyLevels {
@@ -33,12 +33,12 @@ struct ReadyLevels {
   float loudest = 0;  // greatest magnitude in all channels, full scale at 1
 };
 // What became of the source, after everything that it gave before.
-struct SourceNews {
+struct SourceEvent {
   enum class Kind { kOpened, kEnded, kFailed, kAudio };
   Kind kind = Kind::kOpened;
-  bool hasPictures = false;     // kOpened
-  bool hasSound = false;        // kOpened
-  std::string reason;           // kEnded and kFailed: one sentence; kOpened: why it has no pictures
+  bool hasVideo = false;        // kOpened
+  bool hasAudio = false;        // kOpened
+  std::string reason;           // kEnded and kFailed: one sentence; kOpened: why it has no frames
   std::string serviceName{};    // kOpened: of its programme, otherwise its title; may be empty
   AudioAbsence audioAbsence{};  // kOpened and kAudio
   std::string audioReason{};    // why there is no audio
@@ -47,11 +47,11 @@ struct ChannelItem {
   Time due = 0;    // when it is handed on, on the wall's clock
   Time start = 0;  // what it belongs to, on the wall's clock: earlier than due when it came late
   Time duration = 0;
-  std::variant<ReadyPicture, AudioPacket, ReadyLevels, SourceNews> content;
+  std::variant<ReadyFrame, AudioPacket, ReadyLevels, SourceEvent> content;
 };
 
 // A bounded queue between one reader and one streaming thread. Frames, audio packets, levels and
-// news are each in their order and wait for each other only by their times: one kind that comes
+// event are each in their order and wait for each other only by their times: one kind that comes
 // late or in lumps delays no other. An item may be taken once its time has come: when the wall's
 // time has reached it. The wall's time is either a running clock, or it is moved step by step with
 // AdvanceTo, and then every step can be waited for.
@@ -78,9 +78,9 @@ class ChannelQueue {
   // Reader: adds an item; never waits. paces: the reader waits for it (WaitForRoom). False once the
   // queue is closed. An item of a kind of which the queue is full is dropped and counted.
   bool Push(ChannelItem item, bool paces = true);
-  // Reader: what is due at this time or later is left out, but for news, which come then.
+  // Reader: what is due at this time or later is left out, but for event, which come then.
   void ForgetFrom(Time time);
-  // Reader: everything that waits, but for news, belongs to a time that is later by that much.
+  // Reader: everything that waits, but for event, belongs to a time that is later by that much.
   void Move(Time by);
   // Reader: everything before this time has been pushed. kForever: nothing more will come.
   void SetHorizon(Time horizon);
@@ -99,7 +99,7 @@ class ChannelQueue {
   // takes longer than the limit.
   bool WaitUntilTaken(std::chrono::milliseconds limit);
   // Stops waiting for the reader until Open: nothing more is added.
-  void LeaveReaderBehind();
+  void DetachReader();
   // Nothing is left, and nothing more will come.
   bool ended() const;
   // When the item that was pushed last is due; none before the first.
@@ -124,7 +124,7 @@ class ChannelQueue {
   mutable std::mutex lock_;
   std::condition_variable roomMade_;
   std::condition_variable changed_;  // for the streaming thread
-  std::condition_variable settled_;  // for the driver of the wall's time
+  std::condition_variable fixed_;    // for the driver of the wall's time
   // One for each kind of content; guarded by lock_, as is all below.
   std::array<Lane, std::variant_size_v<decltype(ChannelItem::content)>> lanes_;
   std::uint64_t pushed_ = 0;

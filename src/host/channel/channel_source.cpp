@@ -7,7 +7,7 @@ extern "C" {
 #include <libavcodec/packet.h>
 }
 
-#include "host/feed/picture_type.h"
+#include "host/feed/video_type.h"
 
 namespace host {
 namespace {
@@ -22,8 +22,8 @@ constexpr Time kMaxAhead = kSecond;
 // The composer and the sink copy packets at once.
 constexpr LONG kAudioBuffers = 8;
 // E-AC-3 with several substreams has the longest: 4096 bytes in each.
-constexpr LONG kLongestAudioPacket = 32'768;
-constexpr LONG kLongestLabel = 4096;  // bytes
+constexpr LONG kMaxAudioPacket = 32'768;
+constexpr LONG kMaxLabel = 4096;  // bytes
 // A label that was not taken, as when no buffer was free, is sent again after that time.
 constexpr Time kLabelRetry = kSecond / 10;
 // FFmpeg asks at least ten times a second whether its call is cancelled.
@@ -45,15 +45,15 @@ ComPtr<ChannelSource> ChannelSource::Create(Settings settings, ChannelObserver* 
 ChannelSource::ChannelSource(Settings settings, ChannelObserver* observer)
     : CBaseFilter("channel source", nullptr, &lock_, kChannelSourceClass),
       settings_(std::move(settings)),
-      video_(this, &lock_, u"Video",
-             PictureType(settings_.ingest.session.picture.width,
-                         settings_.ingest.session.picture.height, settings_.canvasRate,
-                         settings_.canvasAspect),
-             {BuffersFor(settings_.canvasRate, settings_.ingest),
-              PictureSize(settings_.ingest.session.picture.width,
-                          settings_.ingest.session.picture.height)}),
-      audio_(this, &lock_, u"Audio", AudioType({}), {kAudioBuffers, kLongestAudioPacket}),
-      text_(this, &lock_, u"Text", LabelType(), {4, kLongestLabel}),
+      video_(
+          this, &lock_, u"Video",
+          VideoType(settings_.ingest.session.picture.width, settings_.ingest.session.picture.height,
+                    settings_.canvasRate, settings_.canvasAspect),
+          {BuffersFor(settings_.canvasRate, settings_.ingest),
+           FrameBytes(settings_.ingest.session.picture.width,
+                      settings_.ingest.session.picture.height)}),
+      audio_(this, &lock_, u"Audio", AudioType({}), {kAudioBuffers, kMaxAudioPacket}),
+      text_(this, &lock_, u"Text", LabelType(), {4, kMaxLabel}),
       audioAlarm_(this, &lock_, u"Audio Alarm", AudioAlarmType(),
                   {4, static_cast<LONG>(kAudioAlarmSize)}),
       videoAlarm_(this, &lock_, u"Video Alarm", VideoAlarmType(),
@@ -92,7 +92,7 @@ HRESULT ChannelSource::Pause() {
   }
   EndReader(std::chrono::steady_clock::now() + kReaderLimit);
   queue_.Open();
-  soundFormat_.reset();
+  audioFormat_.reset();
   nextLabel_ = std::numeric_limits<Time>::min();
   {
     const std::lock_guard guard(labelLock_);
@@ -186,33 +186,33 @@ void ChannelSource::DeliverTick(Time tick) {
 }
 
 void ChannelSource::Deliver(ChannelItem& item) {
-  const auto* const opened = std::get_if<SourceNews>(&item.content);
+  const auto* const opened = std::get_if<SourceEvent>(&item.content);
   if (settings_.labelByService && opened != nullptr && !opened->serviceName.empty()) {
     SetLabel(opened->serviceName);
   }
   DeliverLabel(item.due);
-  if (const auto* const picture = std::get_if<ReadyPicture>(&item.content)) {
+  if (const auto* const picture = std::get_if<ReadyFrame>(&item.content)) {
     presenter_.Show(*picture, item.start, item.duration);
   } else if (const auto* const levels = std::get_if<ReadyLevels>(&item.content)) {
     presenter_.Show(*levels, item.start, item.duration);
-  } else if (const auto* const news = std::get_if<SourceNews>(&item.content)) {
-    presenter_.Hear(*news, item.due);
+  } else if (const auto* const event = std::get_if<SourceEvent>(&item.content)) {
+    presenter_.OnSourceEvent(*event, item.due);
   } else if (const auto* const packet = std::get_if<AudioPacket>(&item.content)) {
-    DeliverSound(*packet, item.start, item.duration);
+    DeliverAudio(*packet, item.start, item.duration);
   }
 }
 
-// The pins are connected before the form of the sound is known: it comes with the first packet.
-void ChannelSource::DeliverSound(const AudioPacket& packet, Time start, Time duration) {
+// The pins are connected before the form of the audio is known: it comes with the first packet.
+void ChannelSource::DeliverAudio(const AudioPacket& packet, Time start, Time duration) {
   std::optional<CMediaType> type;
-  if (packet.format != soundFormat_) {
+  if (packet.format != audioFormat_) {
     type.emplace(AudioType(Describe(*packet.format)));
   }
   const bool sent =
       audio_.Send({packet.packet->data, static_cast<std::size_t>(packet.packet->size)}, start,
                   start + duration, type ? &*type : nullptr);
   if (sent) {
-    soundFormat_ = packet.format;
+    audioFormat_ = packet.format;
   }
 }
 
@@ -226,7 +226,7 @@ void ChannelSource::DeliverLabel(Time time) {
     labelChanged_ = false;
     text = label_;
   }
-  text.resize(std::min<std::size_t>(text.size(), kLongestLabel));
+  text.resize(std::min<std::size_t>(text.size(), kMaxLabel));
   if (text_.Send({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}, time,
                  time + 1)) {
     return;

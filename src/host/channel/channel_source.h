@@ -15,9 +15,9 @@
 
 namespace host {
 
-// Offers five pins: pictures, compressed audio, label text, audio alarm (levels) and video alarm.
+// Offers five pins: frames, compressed audio, label text, audio alarm (levels) and video alarm.
 // Active, it has two threads: the reader (ChannelIngest) opens, reads and decodes into the buffers
-// of the picture pin's own allocator; the streaming thread hands everything on when its time has
+// of the frame pin's own allocator; the streaming thread hands everything on when its time has
 // come, and keeps the window filled when nothing comes (ChannelPresenter). Neither ever waits for
 // another channel, and the wall waits for neither.
 //
@@ -76,7 +76,7 @@ class ChannelSource final : public CBaseFilter {
   void Stream();
   void DeliverTick(Time tick);
   void Deliver(ChannelItem& item);
-  void DeliverSound(const AudioPacket& packet, Time start, Time duration);
+  void DeliverAudio(const AudioPacket& packet, Time start, Time duration);
   void DeliverLabel(Time time);
   void EndStreaming();
 
@@ -99,7 +99,7 @@ class ChannelSource final : public CBaseFilter {
   std::string label_;                               // guarded by labelLock_
   bool labelChanged_ = true;                        // guarded by labelLock_
   Time nextLabel_ = 0;                              // not before; streaming thread only
-  std::shared_ptr<const AudioFormat> soundFormat_;  // announced last; streaming thread only
+  std::shared_ptr<const AudioFormat> audioFormat_;  // announced last; streaming thread only
 };
 
 }  // namespace host

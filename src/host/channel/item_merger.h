@@ -12,7 +12,7 @@
 
 namespace host {
 
-// For a rendered wall: a container's frames and audio come interleaved, and a decoder holds frames
+// For a rendered wall: a container's video and audio come interleaved, and a decoder holds frames
 // back. Items are kept until everything that may belong before them has come, which is when an item
 // has come that lies a window later. What comes later than that is late: it is due at the time
 // reached. The order that comes out is a function of the order that goes in, and of nothing else.

@@ -9,12 +9,12 @@ ItemPlacer::ItemPlacer(Settings settings, ChannelQueue& queue)
     : settings_(std::move(settings)),
       queue_(queue),
       // Frames are thinned by the frames of the canvas before they are placed.
-      timeline_(LiveTimeline::For(settings_.pace, settings_.frameRate)),
+      timeline_(LiveTimeline::For(settings_.kind, settings_.frameRate)),
       // One kind of items is in order by itself.
       merger_(settings_.hasVideo && settings_.hasAudio ? settings_.mergeWindow : 0) {}
 
 bool ItemPlacer::WaitsForFrame() const {
-  return settings_.now && settings_.hasVideo && settings_.pace != Pace::kStored &&
+  return settings_.now && settings_.hasVideo && settings_.kind != SourceKind::kFile &&
          !timeline_.started();
 }
 
@@ -23,7 +23,7 @@ Time ItemPlacer::Place(Time start, bool jumped) {
     return start;
   }
   const Time placed = timeline_.Place(start, jumped, settings_.now());
-  if (timeline_.leapt()) {
+  if (timeline_.jumped()) {
     queue_.ForgetFrom(placed);
     latest_ = std::min(latest_, placed);
   } else if (timeline_.moved() != 0) {
@@ -32,7 +32,7 @@ Time ItemPlacer::Place(Time start, bool jumped) {
   return placed;
 }
 
-bool ItemPlacer::Add(Time start, Time duration, bool jumped, ReadyPicture picture) {
+bool ItemPlacer::Add(Time start, Time duration, bool jumped, ReadyFrame picture) {
   return Put(Place(start, jumped), duration, std::move(picture));
 }
 
@@ -86,7 +86,7 @@ bool ItemPlacer::Put(Time start, Time duration, decltype(ChannelItem::content) c
 }
 
 bool ItemPlacer::HandOn(ChannelItem item) {
-  const bool isFrame = std::holds_alternative<ReadyPicture>(item.content);
+  const bool isFrame = std::holds_alternative<ReadyFrame>(item.content);
   if (isFrame || !audioSinceFrame_) {
     audioSinceFrame_ = isFrame ? std::nullopt : std::optional(item.start);
   }

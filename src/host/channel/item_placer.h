@@ -23,7 +23,7 @@ namespace host {
 class ItemPlacer {
  public:
   struct Settings {
-    Pace pace = Pace::kStored;
+    SourceKind kind = SourceKind::kFile;
     bool hasVideo = false;
     bool hasAudio = false;
     Time mergeWindow = 3 * kSecond / 2;  // rendered: how far audio and video may lie apart
@@ -41,12 +41,12 @@ class ItemPlacer {
 
   // Times of the source, in 100 ns. Each returns false once the queue is closed. jumped: the
   // source's timestamps jumped before it.
-  bool Add(Time start, Time duration, bool jumped, ReadyPicture picture);
+  bool Add(Time start, Time duration, bool jumped, ReadyFrame picture);
   bool Add(Time start, Time duration, AudioPacket packet);
   bool Add(Time start, Time duration, ReadyLevels levels);
   // What became of the audio at that time of the source; none where that has no place on the wall.
   std::optional<Time> PlaceOfAudio(Time start);
-  bool AddNews(Time placed, SourceNews news) { return Put(placed, 0, std::move(news)); }
+  bool AddEvent(Time placed, SourceEvent event) { return Put(placed, 0, std::move(event)); }
   // Nothing more comes from this source.
   bool Finish();
 

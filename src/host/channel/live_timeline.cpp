@@ -72,7 +72,7 @@ Time LiveTimeline::Correction() const {
 
 Time LiveTimeline::Place(Time start, bool jumped, Time now) {
   moved_ = 0;
-  leapt_ = false;
+  jumped_ = false;
   if (!shift_) {
     Anchor(start, now);
     changes_ = 0;
@@ -85,8 +85,8 @@ Time LiveTimeline::Place(Time start, bool jumped, Time now) {
   if (late || (jumped && behind > 0) || -behind > settings_.aheadLimit) {
     const Time before = *shift_;
     Anchor(start, now);
-    leapt_ = *shift_ < before;
-    moved_ = leapt_ || jumped ? 0 : *shift_ - before;
+    jumped_ = *shift_ < before;
+    moved_ = jumped_ || jumped ? 0 : *shift_ - before;
   } else if (growth_ > 0) {
     Move(std::min(growth_, std::max<Time>(settings_.maxLead - lead(), 0)));
   } else if (full) {

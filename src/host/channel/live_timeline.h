@@ -66,7 +66,7 @@ class RecentRange {
 //
 //   later    - frames come too late again and again (bursts that are longer than the room): the
 //              lead grows by what is missing, up to maxLead;
-//            - frames have come too late for so long that the source will not catch up;
+//            - frames have come too late for that long that the source will not catch up;
 //            - even the earliest frames of ten seconds came after their time: the source's clock is
 //              slow, or it paused and did not catch up. It keeps its whole lead;
 //            - the source's timestamps jumped, and its frames now come after their time;
@@ -95,11 +95,11 @@ class LiveTimeline {
   };
 
   // For a source of that kind; frameRate: of the canvas.
-  static Settings For(Pace pace, Ratio frameRate) {
+  static Settings For(SourceKind kind, Ratio frameRate) {
     Settings settings;
     settings.frameRate = frameRate;
-    settings.heldBack = pace != Pace::kPushed;
-    if (pace == Pace::kStored) {
+    settings.heldBack = kind != SourceKind::kPush;
+    if (kind == SourceKind::kFile) {
       // What lies far ahead in a file follows a long frame.
       settings.aheadLimit = std::numeric_limits<Time>::max();
       settings.followAhead = std::numeric_limits<Time>::max();
@@ -116,7 +116,7 @@ class LiveTimeline {
   Time moved() const { return moved_; }
   // The latest Place put its item before some that had been placed earlier: they have lost their
   // place.
-  bool leapt() const { return leapt_; }
+  bool jumped() const { return jumped_; }
 
   enum class Fit { kFits, kTooEarly, kTooLate };
   // The wall's time for everything else of the source, and whether there is a use for it then.
@@ -148,7 +148,7 @@ class LiveTimeline {
   Time excessBefore_ = 0;
   Time growth_ = 0;  // due to both
   Time moved_ = 0;
-  bool leapt_ = false;
+  bool jumped_ = false;
   int changes_ = 0;
 };
 

@@ -15,30 +15,30 @@ namespace host {
 class ReopenDelay {
  public:
   using Milliseconds = std::chrono::milliseconds;
-  static constexpr Milliseconds kShortest{250};
-  static constexpr Milliseconds kLongest{5000};
+  static constexpr Milliseconds kMin{250};
+  static constexpr Milliseconds kMax{5000};
 
   explicit ReopenDelay(std::uint32_t seed) : random_(seed) {}
 
-  // The source has given pictures or sound.
-  void Reset() { next_ = kShortest; }
+  // The source has given video or audio.
+  void Reset() { next_ = kMin; }
   Milliseconds AfterFailure() {
     const Milliseconds delay = next_;
-    next_ = std::min(next_ * 2, kLongest);
+    next_ = std::min(next_ * 2, kMax);
     return Spread(delay);
   }
-  Milliseconds AfterWaiting() { return Spread(kShortest); }
+  Milliseconds AfterWaiting() { return Spread(kMin); }
 
  private:
   Milliseconds Spread(Milliseconds delay) {
     const auto fifth = static_cast<std::uint32_t>(delay.count() / 5);
     // Not a distribution of the library: the same seed is to give the same delays everywhere.
-    return std::clamp(delay - Milliseconds(fifth) + Milliseconds(random_() % (2 * fifth + 1)),
-                      kShortest, kLongest);
+    return std::clamp(delay - Milliseconds(fifth) + Milliseconds(random_() % (2 * fifth + 1)), kMin,
+                      kMax);
   }
 
   std::mt19937 random_;
-  Milliseconds next_ = kShortest;
+  Milliseconds next_ = kMin;
 };
 
 }  // namespace host

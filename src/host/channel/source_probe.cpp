@@ -23,7 +23,7 @@ std::string NameOr(const char* name) {
   return name != nullptr ? name : "unknown";
 }
 
-void Look(const VideoPicture& picture, ProbeReport& report) {
+void Look(const DecodedFrame& picture, ProbeReport& report) {
   const AVFrame& frame = *picture.frame;
   ++report.pictures;
   report.width = frame.width;
@@ -56,7 +56,7 @@ ProbeReport Examine(MediaReader& reader) {
   SamplePlanes planes;
   for (Time now = 0; now < kLength;) {
     const MediaItem item = reader.Read();
-    if (const auto* picture = std::get_if<VideoPicture>(&item)) {
+    if (const auto* picture = std::get_if<DecodedFrame>(&item)) {
       Look(*picture, report);
       now = picture->start;
       if (report.pictures >= kPictures && !report.info.audio) {

@@ -16,7 +16,7 @@ struct ProbeReport {
   int pictures = 0;
   bool interlaced = false;
   bool topFieldFirst = false;
-  int width = 0;  // of the decoded pictures
+  int width = 0;  // of the decoded frames
   int height = 0;
   std::string colourSpace;
   std::string colourRange;
@@ -24,7 +24,7 @@ struct ProbeReport {
   std::string colourTransfer;
   std::optional<WideColour> wideColour;
   Orientation orientation;
-  bool passesThrough = false;  // the sound, as it is
+  bool passesThrough = false;  // the audio, as it is
   double loudest = 0;          // greatest sample of the beginning, of full scale
   std::uint64_t damagedPackets = 0;
 };

@@ -19,7 +19,7 @@ constexpr int kMaxLostInARow = 50;
 ItemPlacer::Settings PlacerSettings(const SourceSession::Settings& settings,
                                     const MediaInfo& info) {
   ItemPlacer::Settings placer;
-  placer.pace = info.pace;
+  placer.kind = info.kind;
   placer.hasVideo = info.video.has_value();
   placer.hasAudio = info.audio.has_value();
   placer.mergeWindow = settings.mergeWindow;
@@ -42,7 +42,7 @@ SourceSession::SourceSession(const Settings& settings, const MediaReader& reader
         return placer_.Add(start, duration, std::move(packet));
       }),
       converter_(settings.picture),
-      pictureMeter_(settings.pictureMeter),
+      frameMeter_(settings.frameMeter),
       meter_(settings.meter) {
   if (settings_.audioTrack) {
     audio_.emplace(settings_.audioTrack, settings_.audioLanguage, settings_.audioChanged);
@@ -52,7 +52,7 @@ SourceSession::SourceSession(const Settings& settings, const MediaReader& reader
 }
 
 bool SourceSession::Handle(MediaItem item) {
-  if (auto* const picture = std::get_if<VideoPicture>(&item)) {
+  if (auto* const picture = std::get_if<DecodedFrame>(&item)) {
     Count(true, picture->discontinuity);
     try {
       converter_.Push(std::move(*picture));
@@ -99,11 +99,11 @@ bool SourceSession::NoteAudio(Time start, AudioAbsence absence, const std::strin
     return true;  // next time
   }
   isUndecodable_ = absence == AudioAbsence::kUndecodable;
-  SourceNews news;
-  news.kind = SourceNews::Kind::kAudio;
-  news.audioAbsence = absence;
-  news.audioReason = reason;
-  return placer_.AddNews(*placed, std::move(news));
+  SourceEvent event;
+  event.kind = SourceEvent::Kind::kAudio;
+  event.audioAbsence = absence;
+  event.audioReason = reason;
+  return placer_.AddEvent(*placed, std::move(event));
 }
 
 bool SourceSession::Finish() {
@@ -139,8 +139,8 @@ void SourceSession::LoseFrame() {
 }
 
 bool SourceSession::DrainConverter() {
-  while (const PictureConverter::PictureTimes* const next = converter_.Next()) {
-    const PictureConverter::PictureTimes times = *next;
+  while (const FrameConverter::FrameTimes* const next = converter_.Next()) {
+    const FrameConverter::FrameTimes times = *next;
     // The wait for a buffer, which a slow wall makes long, counts as lateness of the frame: it is
     // placed afterwards.
     const ComPtr<IMediaSample> sample = videoPin_.NewSample(0, times.duration, true);
@@ -157,10 +157,10 @@ bool SourceSession::DrainConverter() {
     lostInARow_ = 0;
     sample->SetActualDataLength(static_cast<LONG>(converter_.bufferSize()));
     sample->SetSyncPoint(TRUE);
-    const PictureCondition condition =
-        pictureMeter_.Measure(buffer, settings_.picture.width, settings_.picture.height);
+    const FrameCondition condition =
+        frameMeter_.Measure(buffer, settings_.picture.width, settings_.picture.height);
     if (!placer_.Add(times.start, times.duration, times.discontinuity,
-                     ReadyPicture{sample, condition})) {
+                     ReadyFrame{sample, condition})) {
       return false;
     }
   }

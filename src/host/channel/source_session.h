@@ -7,28 +7,28 @@
 #include <optional>
 #include <string>
 
-#include "host/channel/audio/audio_road.h"
+#include "host/channel/audio/audio_passthrough.h"
 #include "host/channel/audio/level_meter.h"
 #include "host/channel/audio/sample_planes.h"
 #include "host/channel/item_placer.h"
 #include "host/channel/source/media_reader.h"
-#include "host/channel/video/picture_converter.h"
-#include "host/channel/video/picture_meter.h"
+#include "host/channel/video/frame_converter.h"
+#include "host/channel/video/frame_meter.h"
 #include "host/feed/feed_pin.h"
 #include "log/i_log_perf.h"
 
 namespace host {
 
-// Converts frames into the buffers of the video pin, measures frames and audio, brings compressed
+// Converts frames into the buffers of the video pin, measures video and audio, brings compressed
 // audio into the form of the channel's track, and has everything placed and queued (ItemPlacer).
 //
 // Owned and called by the channel's reader thread.
 class SourceSession {
  public:
   struct Settings {
-    PictureConverter::Settings picture;
+    FrameConverter::Settings picture;
     LevelMeter::Settings meter;
-    PictureMeter::Settings pictureMeter;
+    FrameMeter::Settings frameMeter;
     Time mergeWindow = 3 * kSecond / 2;  // see ItemPlacer
     std::string audioLanguage;           // of the track, where the source does not say
     // The wall's time, which live sources are fitted to; null: sources start at 0.
@@ -73,10 +73,10 @@ class SourceSession {
   const MediaReader& reader_;
   FeedPin& videoPin_;
   ItemPlacer placer_;
-  std::optional<AudioRoad> audio_;
-  const AudioRoad::Sink audioSink_;
-  PictureConverter converter_;
-  PictureMeter pictureMeter_;
+  std::optional<AudioPassthrough> audio_;
+  const AudioPassthrough::Sink audioSink_;
+  FrameConverter converter_;
+  FrameMeter frameMeter_;
   SamplePlanes planes_;
   LevelMeter meter_;
   std::optional<Time> undecodedSince_;  // start of the first packet after the latest samples

@@ -9,7 +9,7 @@
 namespace host {
 
 // The composer shows a frame one second after its time and keeps the frames from the one on show
-// onwards. With every frame that finds fewer than two waiting it sets the channel's time anew,
+// onwards. With every frame that finds fewer than two waiting it sets the channel's time again,
 // whatever moment that frame belongs to, and it shows a record (levels, alarms) only while a later
 // one waits. So a source whose frames are rare, late or gone is filled up with repeats, just before
 // the composer's second runs out and no earlier: until then the real ones may still come.

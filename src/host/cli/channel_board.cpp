@@ -127,8 +127,8 @@ void ChannelBoard::ChannelTimed(const std::string& channel, const SourceTiming& 
   entries_[index_.at(channel)].timing = timing;
 }
 
-void ChannelBoard::ChannelSoundChanged(const std::string& channel, const std::string& what) {
-  next_.ChannelSoundChanged(channel, what);
+void ChannelBoard::AudioPathChanged(const std::string& channel, const std::string& what) {
+  next_.AudioPathChanged(channel, what);
 }
 
 void ChannelBoard::ChannelChanged(const std::string& channel, const ChannelLife::Status& status) {

@@ -17,7 +17,7 @@
 
 namespace host::cli {
 
-// Keeps what the channels tell, tells it on to another observer, and writes each change of a
+// Keeps what the channels tell, passes it on to another observer, and writes each change of a
 // channel or an alarm as a line of JSON:
 //
 //   {"event":"channel","time":"2026-11-25T01:02:03.456Z","channel":"A","state":"held",
@@ -53,7 +53,7 @@ class ChannelBoard final : public ChannelObserver {
   void ChannelFailed(const std::string& channel, const std::string& reason,
                      std::optional<std::chrono::milliseconds> retryIn) override;
   void ChannelTimed(const std::string& channel, const SourceTiming& timing) override;
-  void ChannelSoundChanged(const std::string& channel, const std::string& what) override;
+  void AudioPathChanged(const std::string& channel, const std::string& what) override;
   void ChannelChanged(const std::string& channel, const ChannelLife::Status& status) override;
   void AudioChanged(const std::string& channel, const AudioStatus& status) override;
   void AlarmChanged(const std::string& channel, const AlarmMonitor::Change& change) override;

@@ -72,7 +72,7 @@ config::Wall DemoWall(const DemoOptions& options, const std::vector<std::filesys
     channel.window = (*windows)[i];
     channel.selected = i == 1;
     channel.label.text = kLabels[i % kLabels.size()];
-    // So that the sound that stops for four of ten seconds raises its alarm in a short demo.
+    // So that the audio that stops for four of ten seconds raises its alarm in a short demo.
     channel.options.alarm.silence = {true, -60, kSecond, kSecond / 2};
     channel.options.colour = kColours[i % kColours.size()];
     wall.channels.push_back(channel);
@@ -109,7 +109,7 @@ void DefineDemo(CLI::App& app, DemoOptions& options) {
   app.add_option("--channels", options.channels, "number of channels")
       ->envname("TAVREL_CHANNELS")
       ->capture_default_str()
-      ->check(CLI::Range(1, static_cast<int>(config::kMostChannels)));
+      ->check(CLI::Range(1, static_cast<int>(config::kMaxChannels)));
   app.add_option("--width", options.width, "of the canvas in pixels, even")
       ->envname("TAVREL_WIDTH")
       ->capture_default_str()

@@ -17,8 +17,8 @@ void DefineGraph(CLI::App& app, GraphOptions& options) {
 
 namespace {
 
-constexpr double kShortest = 0.001;  // seconds
-constexpr double kLongest = 1e9;
+constexpr double kMin = 0.001;  // seconds
+constexpr double kMax = 1e9;
 
 std::string Plain(double number) {
   char text[32];
@@ -55,10 +55,10 @@ void DefineRecord(CLI::App& app, RecordOptions& options) {
       ->envname("TAVREL_SNAPSHOT");
   app.add_option("--snapshot-at", options.snapshotAt, "seconds after the start [the last frame]")
       ->envname("TAVREL_SNAPSHOT_AT")
-      ->check(SecondsBetween(0, kLongest));
+      ->check(SecondsBetween(0, kMax));
   app.add_option("--seconds", options.seconds, "stop after so many seconds")
       ->envname("TAVREL_SECONDS")
-      ->check(SecondsBetween(kShortest, kLongest));
+      ->check(SecondsBetween(kMin, kMax));
 }
 
 }  // namespace host::cli

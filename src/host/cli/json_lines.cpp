@@ -8,12 +8,12 @@
 namespace host::cli {
 namespace {
 
-constexpr std::size_t kMostWaiting = 1024;
-constexpr std::chrono::milliseconds kPatience{500};
+constexpr std::size_t kMaxWaiting = 1024;
+constexpr std::chrono::milliseconds kTimeout{500};
 
 }  // namespace
 
-JsonLines::JsonLines(std::ostream& stream, bool enabled) : stream_(stream), queue_(kMostWaiting) {
+JsonLines::JsonLines(std::ostream& stream, bool enabled) : stream_(stream), queue_(kMaxWaiting) {
   if (enabled) {
     thread_ = std::make_unique<os::Thread>([this] { Run(); }, "json lines");
   }
@@ -47,7 +47,7 @@ void JsonLines::Run() {
     text += *line + "\n";
     stream_.clear();
     stream_.write(text.data(), static_cast<std::streamsize>(text.size()));
-    while (!os::FlushWithin(stream_, kPatience)) {
+    while (!os::FlushWithin(stream_, kTimeout)) {
       if (finishing_) {
         return;
       }

@@ -59,8 +59,8 @@ void DefineLog(CLI::App& app, config::LogOptions& options) {
          },
          "seconds between two performance records [10]")
       ->envname("TAVREL_PERF_PERIOD")
-      ->check(SecondsBetween(static_cast<double>(config::kShortestPerfPeriod) / kSecond,
-                             static_cast<double>(config::kLongestPerfPeriod) / kSecond))
+      ->check(SecondsBetween(static_cast<double>(config::kMinPerfPeriod) / kSecond,
+                             static_cast<double>(config::kMaxPerfPeriod) / kSecond))
       ->group(kGroup);
 }
 

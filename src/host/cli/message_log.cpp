@@ -57,8 +57,8 @@ qorp::log::LogPerfOptions LoggerOptions(const config::LogOptions& options) {
   return logger;
 }
 
-// A sink tries again for ever; who starts a wall wants to know of a wrong path at once, and wants
-// no other file overwritten.
+// A sink tries again indefinitely; who starts a wall wants to know of a wrong path at once, and
+// wants no other file overwritten.
 std::string CheckedPath(const std::filesystem::path& path) {
   std::string name = path.string();
   CircularLogFile file;
@@ -218,19 +218,19 @@ void MessageLog::ChannelEnded(const std::string& channel) {
 
 void MessageLog::ChannelFailed(const std::string& channel, const std::string& reason,
                                std::optional<std::chrono::milliseconds> retryIn) {
-  bool isNews = false;
+  bool isEvent = false;
   {
     const std::lock_guard guard(lock_);
     const auto [failure, isNew] = failures_.try_emplace(channel, reason);
-    isNews = isNew || failure->second != reason;
+    isEvent = isNew || failure->second != reason;
     failure->second = reason;
   }
-  Say(isNews ? qorp::log::kError : qorp::log::kDebug,
+  Say(isEvent ? qorp::log::kError : qorp::log::kDebug,
       "channel \"" + channel + "\": " + reason +
           (retryIn.has_value() ? "; it is tried again" : ""));
 }
 
-void MessageLog::ChannelSoundChanged(const std::string& channel, const std::string& what) {
+void MessageLog::AudioPathChanged(const std::string& channel, const std::string& what) {
   Say(qorp::log::kWarning, "channel \"" + channel + "\": " + what);
 }
 

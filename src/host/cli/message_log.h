@@ -18,7 +18,7 @@
 namespace host::cli {
 
 // The logger of a command with its sinks, and what becomes of the channels, which goes through it.
-// A channel's failure is told when its reason changes, not on every attempt.
+// A channel's failure is reported when its reason changes, not on every attempt.
 //
 // Any thread logs, and tells of channels. The lines appear on the logger's own thread; nobody waits
 // for the error stream or a disk, but whoever shows the progress.
@@ -44,7 +44,7 @@ class MessageLog final : public ChannelObserver {
   void ChannelEnded(const std::string& channel) override;
   void ChannelFailed(const std::string& channel, const std::string& reason,
                      std::optional<std::chrono::milliseconds> retryIn) override;
-  void ChannelSoundChanged(const std::string& channel, const std::string& what) override;
+  void AudioPathChanged(const std::string& channel, const std::string& what) override;
   void AudioChanged(const std::string& channel, const AudioStatus& status) override;
 
   // How far the command has come, where somebody watches.

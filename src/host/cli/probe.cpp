@@ -164,10 +164,10 @@ std::vector<std::string> WallTreatment(const ProbeReport& report, Ratio canvasRa
     sentences.emplace_back("its window stays black");
   }
   if (info.audio) {
-    sentences.emplace_back(report.passesThrough ? "sound passes through as it is"
-                                                : "sound is encoded to AAC for the outputs");
+    sentences.emplace_back(report.passesThrough ? "audio passes through as it is"
+                                                : "audio is encoded to AAC for the outputs");
     if (info.audio->channels > 10) {
-      sentences.emplace_back("meters show the first ten channels of the sound");
+      sentences.emplace_back("meters show the first ten channels of the audio");
     }
   }
   return sentences;

@@ -22,7 +22,7 @@ void DefineRegister(CLI::App& app, RegisterOptions& options) {
 void DefinePins(CLI::App& app, PinsOptions& options) {
   app.add_option("--inputs", options.inputs, "number of inputs")
       ->capture_default_str()
-      ->check(CLI::Range(0, static_cast<int>(config::kMostChannels)));
+      ->check(CLI::Range(0, static_cast<int>(config::kMaxChannels)));
   app.add_flag("--json", options.json, "print the result as JSON")->envname("TAVREL_JSON");
   DefineGraph(app, options.graph);
 }

@@ -30,12 +30,12 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// A wall goes on while nobody reads what it says. Of the lines for programs the oldest are dropped
-// then, by their queue; messages do not wait for a reader twice.
-constexpr milliseconds kOutPatience{250};
-constexpr milliseconds kErrPatience{250};
+// A wall continues while nobody reads what it says. Of the lines for programs the oldest are
+// dropped then, by their queue; messages do not wait for a reader twice.
+constexpr milliseconds kOutTimeout{250};
+constexpr milliseconds kErrTimeout{250};
 // For the report at the end.
-constexpr milliseconds kReportPatience{1000};
+constexpr milliseconds kReportTimeout{1000};
 
 std::string Seconds(double seconds) {
   char text[32];
@@ -62,8 +62,8 @@ class WallCommandRun {
         snapshot_(command.record.snapshotAt) {}
 
   ExitCode Run() {
-    os::StandardStream::LimitWaiting(streams_.out, kOutPatience, kOutPatience);
-    os::StandardStream::LimitWaiting(streams_.err, kErrPatience, milliseconds(0));
+    os::StandardStream::LimitWaiting(streams_.out, kOutTimeout, kOutTimeout);
+    os::StandardStream::LimitWaiting(streams_.err, kErrTimeout, milliseconds(0));
     WallSession session(SessionSettings());
     outputs_ = &session.outputs();
     if (outputs_->allFailed()) {
@@ -82,8 +82,8 @@ class WallCommandRun {
     if (command_.strict && ReportNotShown()) {
       code = ExitCode::kCouldNotStart;
     }
-    if (command_.live && counters_.late + counters_.starved > 0) {
-      messages_.Say(qorp::log::kWarning, std::to_string(counters_.late + counters_.starved) +
+    if (command_.live && counters_.late + counters_.noFreeBuffer > 0) {
+      messages_.Say(qorp::log::kWarning, std::to_string(counters_.late + counters_.noFreeBuffer) +
                                              " frames were skipped because they came too late");
     }
     messages_.WipeProgress();
@@ -93,7 +93,7 @@ class WallCommandRun {
     }
     lines_.Finish();
     command_.json ? PrintJson() : PrintSummary();
-    os::FlushWithin(streams_.out, kReportPatience);
+    os::FlushWithin(streams_.out, kReportTimeout);
     return code;
   }
 
@@ -265,7 +265,7 @@ class WallCommandRun {
     report["seconds"] = ComposedSeconds();
     report["elapsed"] = std::round(Elapsed() * 1000) / 1000;
     report["late"] = counters_.late;
-    report["starved"] = counters_.starved;
+    report["no_free_buffer"] = counters_.noFreeBuffer;
     report["outputs"] = nlohmann::ordered_json::array();
     const std::vector<ChannelBoard::Entry> channels = board_.entries();
     for (const OutputSet::Status& status : outputs_->status()) {

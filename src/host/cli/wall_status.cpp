@@ -41,12 +41,13 @@ std::string WallStatus::ChannelsText() const {
 }
 
 std::string WallStatus::LiveLine() const {
-  std::string line = StringFormat("%.1f s, %llu frames, ", seconds,
-                                  static_cast<unsigned long long>(counters.composed)) +
-                     ChannelsText() +
-                     StringFormat("; late %llu, dropped %llu",
-                                  static_cast<unsigned long long>(counters.late + counters.starved),
-                                  static_cast<unsigned long long>(dropped));
+  std::string line =
+      StringFormat("%.1f s, %llu frames, ", seconds,
+                   static_cast<unsigned long long>(counters.composed)) +
+      ChannelsText() +
+      StringFormat("; late %llu, dropped %llu",
+                   static_cast<unsigned long long>(counters.late + counters.noFreeBuffer),
+                   static_cast<unsigned long long>(dropped));
   if (timing.frames > 0) {
     line += StringFormat("; composed in %.1f ms (longest %.1f)", Milliseconds(timing.mean()),
                          Milliseconds(timing.longest));
@@ -78,7 +79,7 @@ std::string WallStatus::JsonLine() const {
                                  {"frames", counters.composed},
                                  {"seconds", std::round(seconds * 1000) / 1000},
                                  {"late", counters.late},
-                                 {"starved", counters.starved},
+                                 {"no_free_buffer", counters.noFreeBuffer},
                                  {"dropped", dropped},
                                  {"compose_ms", Milliseconds(timing.mean())},
                                  {"longest_compose_ms", Milliseconds(timing.longest)}};

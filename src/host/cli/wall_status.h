@@ -18,7 +18,7 @@ struct WallStatus {
   double seconds = 0;  // of composed frames
   Time clock = 0;      // the wall's time
   WallSession::Counters counters;
-  std::uint64_t dropped = 0;  // frames that the slowest output has given up
+  std::uint64_t dropped = 0;  // frames that the slowest output has dropped
   FrameWatch::Timing timing;  // of composing, since the status before
   std::vector<ChannelBoard::Entry> channels;
   std::vector<OutputSet::Status> outputs;

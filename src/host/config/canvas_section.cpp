@@ -139,12 +139,12 @@ void ReadCanvas(TableReader& reader, const FileContext& context, Canvas& canvas,
   ReadFrameRate(reader, canvas.frameRate);
   canvas.aspect = ReadAspect(reader, "aspect").value_or(Reduced({canvas.width, canvas.height}));
   ReadBackground(reader, context, canvas.background);
-  constexpr int kMostDrift = 1000;
+  constexpr int kMaxDrift = 1000;
   canvas.clockOffset =
-      static_cast<int>(reader.Integer("clock_offset", -kMostDrift, kMostDrift).value_or(0));
+      static_cast<int>(reader.Integer("clock_offset", -kMaxDrift, kMaxDrift).value_or(0));
   canvas.preroll = reader.Duration("preroll", 0, 3600 * kSecond).value_or(0);
 
-  if (const auto columns = reader.Integer("columns", 1, static_cast<int>(kMostChannels))) {
+  if (const auto columns = reader.Integer("columns", 1, static_cast<int>(kMaxChannels))) {
     rules.columns = static_cast<int>(*columns);
   }
   rules.gap = ReadPixels(reader, "gap");

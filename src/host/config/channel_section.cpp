@@ -11,7 +11,7 @@ namespace host::config {
 
 namespace {
 
-constexpr Time kLongest = 24 * (3600 * kSecond);
+constexpr Time kMax = 24 * (3600 * kSecond);
 
 struct AlarmKey {
   const char* name;
@@ -49,8 +49,8 @@ void ReadAlarm(TableReader& reader, const AlarmKey& key, Alarm& alarm) {
   if (key.hasLevel) {
     alarm.level = inner.Number("level", key.least, key.most).value_or(alarm.level);
   }
-  alarm.setAfter = inner.Duration("after", 0, kLongest).value_or(alarm.setAfter);
-  alarm.clearAfter = inner.Duration("clear_after", 0, kLongest).value_or(alarm.clearAfter);
+  alarm.setAfter = inner.Duration("after", 0, kMax).value_or(alarm.setAfter);
+  alarm.clearAfter = inner.Duration("clear_after", 0, kMax).value_or(alarm.clearAfter);
   inner.Finish();
 }
 
@@ -216,12 +216,10 @@ void ReadChannelOptions(TableReader& reader, ChannelOptions& options) {
     options.deinterlace = static_cast<DeinterlaceMode>(*mode);
   }
   options.repeat = reader.Boolean("repeat").value_or(options.repeat);
-  options.hold = reader.Duration("hold", 0, kLongest).value_or(options.hold);
-  constexpr Time kShortest = 100 * kMillisecond;
-  options.openLimit =
-      reader.Duration("open_limit", kShortest, kLongest).value_or(options.openLimit);
-  options.readLimit =
-      reader.Duration("read_limit", kShortest, kLongest).value_or(options.readLimit);
+  options.hold = reader.Duration("hold", 0, kMax).value_or(options.hold);
+  constexpr Time kMin = 100 * kMillisecond;
+  options.openLimit = reader.Duration("open_limit", kMin, kMax).value_or(options.openLimit);
+  options.readLimit = reader.Duration("read_limit", kMin, kMax).value_or(options.readLimit);
   if (const auto threads = reader.Integer("decoder_threads", 1, 64)) {
     options.decoderThreads = static_cast<int>(*threads);
   }

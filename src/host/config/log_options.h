@@ -31,8 +31,8 @@ struct LogOptions {
 };
 
 inline constexpr int kHighestLogLevel = 3;
-inline constexpr Time kShortestPerfPeriod = kSecond / 10;
-inline constexpr Time kLongestPerfPeriod = 86'400 * kSecond;
+inline constexpr Time kMinPerfPeriod = kSecond / 10;
+inline constexpr Time kMaxPerfPeriod = 86'400 * kSecond;
 
 // Of each option the first one that is given.
 inline LogOptions FirstOf(LogOptions first, const LogOptions& second) {

@@ -44,7 +44,7 @@ void ReadLog(TableReader& reader, const FileContext& context, LogOptions& log) {
     }
   }
   log.perfFile = ReadFile(reader, "perf_file", context);
-  log.perfPeriod = reader.Duration("perf_period", kShortestPerfPeriod, kLongestPerfPeriod);
+  log.perfPeriod = reader.Duration("perf_period", kMinPerfPeriod, kMaxPerfPeriod);
   if (log.file && log.file == log.perfFile && !log.file->empty()) {
     reader.Error("perf_file", "is the file of the messages already; give it a file of its own");
   }

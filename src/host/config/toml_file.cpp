@@ -7,7 +7,7 @@ namespace host::config {
 
 namespace {
 
-constexpr int kMostMistakes = 20;
+constexpr int kMaxMistakes = 20;
 
 struct LineRange {
   std::size_t begin = 0;
@@ -71,7 +71,7 @@ bool IsKeyValueLine(std::string_view line) {
 TomlFile ParseToml(const std::string& text, Diagnostics& diagnostics) {
   TomlFile file;
   std::string remaining = text;
-  for (int mistakes = 0; mistakes < kMostMistakes; ++mistakes) {
+  for (int mistakes = 0; mistakes < kMaxMistakes; ++mistakes) {
     try {
       file.table = toml::parse(std::string_view(remaining));
       return file;

@@ -16,7 +16,7 @@
 
 namespace host::config {
 
-inline constexpr std::size_t kMostChannels = 36;
+inline constexpr std::size_t kMaxChannels = 36;
 inline constexpr int kSmallestCanvas = 16;
 inline constexpr int kLargestCanvas = 8192;
 
@@ -101,7 +101,7 @@ struct ChannelOptions {
   bool enabled = true;
   DeinterlaceMode deinterlace = DeinterlaceMode::kAuto;
   bool repeat = true;       // files begin again when the wall runs live
-  Time hold = 5 * kSecond;  // the last picture stays for so long when the source stops
+  Time hold = 5 * kSecond;  // the last picture stays for that long when the source stops
   Time openLimit = 10 * kSecond;
   Time readLimit = 5 * kSecond;
   int decoderThreads = 1;

@@ -126,9 +126,9 @@ std::vector<Channel> ReadChannels(TableReader& root, const FileContext& context,
   if (root.Find("channel") == nullptr && context.complete) {
     diagnostics.Error(wallPosition, "the wall has no channel; each is a [[channel]] with a source");
   }
-  if (tables.size() > kMostChannels) {
-    diagnostics.Error(PositionOf(*tables[kMostChannels]),
-                      "a wall has at most " + std::to_string(kMostChannels) + " channels, not " +
+  if (tables.size() > kMaxChannels) {
+    diagnostics.Error(PositionOf(*tables[kMaxChannels]),
+                      "a wall has at most " + std::to_string(kMaxChannels) + " channels, not " +
                           std::to_string(tables.size()));
   }
   std::vector<ChannelEntry> entries;
@@ -137,7 +137,7 @@ std::vector<Channel> ReadChannels(TableReader& root, const FileContext& context,
     entries.push_back(ReadChannel(reader, context, i + 1, defaults));
   }
   CheckNames(entries, diagnostics);
-  if (!entries.empty() && entries.size() <= kMostChannels) {
+  if (!entries.empty() && entries.size() <= kMaxChannels) {
     if (context.complete) {
       CheckWindowsGiven(tables, entries, diagnostics);
     }

@@ -1,4 +1,4 @@
-// The records that tell the composer about a channel's sound and alarms.
+// The records that tell the composer about a channel's audio and alarms.
 #pragma once
 
 #include <array>
@@ -7,19 +7,19 @@
 
 namespace host {
 
-inline constexpr int kMostMeterChannels = 10;
+inline constexpr int kMaxMeterChannels = 10;
 
 // Levels and peaks of up to ten audio channels, in thousandths of full scale.
 struct AudioLevels {
   int channelCount = 1;
-  std::array<std::int32_t, kMostMeterChannels> levels{};
-  std::array<std::int32_t, kMostMeterChannels> peaks{};
+  std::array<std::int32_t, kMaxMeterChannels> levels{};
+  std::array<std::int32_t, kMaxMeterChannels> peaks{};
 
   bool operator==(const AudioLevels&) const = default;
 };
 
 // The composer raises the alarm when it is enabled and either condition holds. Default: what a
-// channel without sound sends, one silent channel with its meter on, because alarms of the picture
+// channel without audio sends, one silent channel with its meter on, because alarms of the frame
 // show only where there is a meter.
 struct AudioAlarmRecord {
   bool alarmEnabled = false;

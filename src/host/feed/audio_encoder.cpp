@@ -18,8 +18,8 @@ extern "C" {
 namespace host {
 namespace {
 
-// Stamps are counted in samples, so that rounded ones do not break the sound; when both have
-// drifted apart so far, the sound follows the stamps.
+// Timestamps are counted in samples, so that rounded ones do not break the audio; when both have
+// drifted apart so far, the audio follows the timestamps.
 constexpr Time kTolerance = 30 * kMillisecond;
 constexpr int kDefaultFrameSize = 1024;
 
@@ -45,7 +45,7 @@ bool Repair(AVFrame& frame) {
 const AVCodec& EncoderFor(AVCodecID id) {
   const AVCodec* const encoder = avcodec_find_encoder(id == AV_CODEC_ID_MP1 ? AV_CODEC_ID_MP2 : id);
   if (encoder == nullptr) {
-    throw ffmpeg::Error(AVERROR_ENCODER_NOT_FOUND, "cannot encode sound as", avcodec_get_name(id));
+    throw ffmpeg::Error(AVERROR_ENCODER_NOT_FOUND, "cannot encode audio as", avcodec_get_name(id));
   }
   return *encoder;
 }
@@ -66,7 +66,7 @@ AudioEncoder::AudioEncoder(const AVCodecParameters& target) {
   codec_->sample_rate = target.sample_rate;
   codec_->sample_fmt = encoder.sample_fmts != nullptr ? encoder.sample_fmts[0] : AV_SAMPLE_FMT_FLTP;
   ffmpeg::Check(av_channel_layout_copy(&codec_->ch_layout, &target.ch_layout),
-                "cannot encode sound");
+                "cannot encode audio");
   if (codec_->ch_layout.order == AV_CHANNEL_ORDER_UNSPEC) {
     av_channel_layout_default(&codec_->ch_layout, target.ch_layout.nb_channels);
   }
@@ -90,8 +90,8 @@ AudioEncoder::~AudioEncoder() = default;
 ffmpeg::Parameters AudioEncoder::parameters() const {
   ffmpeg::Parameters parameters = ffmpeg::MakeParameters();
   ffmpeg::Check(avcodec_parameters_from_context(parameters.get(), codec_.get()),
-                "cannot describe the encoded sound");
-  // The delay is in the stamps of the packets.
+                "cannot describe the encoded audio");
+  // The delay is in the timestamps of the packets.
   parameters->initial_padding = 0;
   return parameters;
 }
@@ -133,12 +133,12 @@ void AudioEncoder::Resample(const AVFrame& frame) {
     source_->sample_rate = frame.sample_rate;
     source_->format = frame.format;
     ffmpeg::Check(av_channel_layout_copy(&source_->ch_layout, &frame.ch_layout),
-                  "cannot convert sound");
+                  "cannot convert audio");
     AVChannelLayout from{};
     if (frame.ch_layout.order == AV_CHANNEL_ORDER_UNSPEC) {
       av_channel_layout_default(&from, frame.ch_layout.nb_channels);
     } else {
-      ffmpeg::Check(av_channel_layout_copy(&from, &frame.ch_layout), "cannot convert sound");
+      ffmpeg::Check(av_channel_layout_copy(&from, &frame.ch_layout), "cannot convert audio");
     }
     SwrContext* context = nullptr;
     const int result = swr_alloc_set_opts2(
@@ -146,25 +146,25 @@ void AudioEncoder::Resample(const AVFrame& frame) {
         static_cast<AVSampleFormat>(frame.format), frame.sample_rate, 0, nullptr);
     av_channel_layout_uninit(&from);
     resampler_.reset(context);
-    ffmpeg::Check(result, "cannot convert sound");
-    ffmpeg::Check(swr_init(resampler_.get()), "cannot convert sound");
+    ffmpeg::Check(result, "cannot convert audio");
+    ffmpeg::Check(swr_init(resampler_.get()), "cannot convert audio");
   }
   const ffmpeg::Frame converted = ffmpeg::MakeFrame();
   converted->format = codec_->sample_fmt;
   converted->nb_samples = std::max(1, swr_get_out_samples(resampler_.get(), frame.nb_samples));
   ffmpeg::Check(av_channel_layout_copy(&converted->ch_layout, &codec_->ch_layout),
-                "cannot convert sound");
-  ffmpeg::Check(av_frame_get_buffer(converted.get(), 0), "cannot convert sound");
+                "cannot convert audio");
+  ffmpeg::Check(av_frame_get_buffer(converted.get(), 0), "cannot convert audio");
   const int count = ffmpeg::Check(
       swr_convert(resampler_.get(), converted->extended_data, converted->nb_samples,
                   const_cast<const std::uint8_t**>(frame.extended_data), frame.nb_samples),
-      "cannot convert sound");
+      "cannot convert audio");
   ffmpeg::Check(
       av_audio_fifo_write(fifo_.get(), reinterpret_cast<void**>(converted->extended_data), count),
-      "cannot convert sound");
+      "cannot convert audio");
 }
 
-// What the resampler holds back belongs to the sound before a change.
+// What the resampler holds back belongs to the audio before a change.
 void AudioEncoder::DrainResampler() {
   if (!resampler_) {
     return;
@@ -173,14 +173,14 @@ void AudioEncoder::DrainResampler() {
   rest->format = codec_->sample_fmt;
   rest->nb_samples = std::max(1, swr_get_out_samples(resampler_.get(), 0));
   ffmpeg::Check(av_channel_layout_copy(&rest->ch_layout, &codec_->ch_layout),
-                "cannot convert sound");
-  ffmpeg::Check(av_frame_get_buffer(rest.get(), 0), "cannot convert sound");
+                "cannot convert audio");
+  ffmpeg::Check(av_frame_get_buffer(rest.get(), 0), "cannot convert audio");
   const int count = ffmpeg::Check(
       swr_convert(resampler_.get(), rest->extended_data, rest->nb_samples, nullptr, 0),
-      "cannot convert sound");
+      "cannot convert audio");
   ffmpeg::Check(
       av_audio_fifo_write(fifo_.get(), reinterpret_cast<void**>(rest->extended_data), count),
-      "cannot convert sound");
+      "cannot convert audio");
   resampler_.reset();
 }
 
@@ -200,13 +200,13 @@ void AudioEncoder::EncodeRest(const PacketSink& sink) {
   frame->sample_rate = codec_->sample_rate;
   frame->nb_samples = frameSize_;
   ffmpeg::Check(av_channel_layout_copy(&frame->ch_layout, &codec_->ch_layout),
-                "cannot encode sound");
-  ffmpeg::Check(av_frame_get_buffer(frame.get(), 0), "cannot encode sound");
+                "cannot encode audio");
+  ffmpeg::Check(av_frame_get_buffer(frame.get(), 0), "cannot encode audio");
   av_samples_set_silence(frame->extended_data, there, frameSize_ - there,
                          codec_->ch_layout.nb_channels, codec_->sample_fmt);
   ffmpeg::Check(
       av_audio_fifo_read(fifo_.get(), reinterpret_cast<void**>(frame->extended_data), there),
-      "cannot encode sound");
+      "cannot encode audio");
   repaired_ += Repair(*frame) ? 1 : 0;
   frame->pts = next_;
   next_ += frameSize_;
@@ -221,14 +221,14 @@ void AudioEncoder::Finish(const PacketSink& sink) {
 }
 
 void AudioEncoder::Send(const AVFrame* frame, const PacketSink& sink) {
-  ffmpeg::Check(avcodec_send_frame(codec_.get(), frame), "cannot encode sound");
+  ffmpeg::Check(avcodec_send_frame(codec_.get(), frame), "cannot encode audio");
   for (;;) {
     ffmpeg::Packet packet = ffmpeg::MakePacket();
     const int result = avcodec_receive_packet(codec_.get(), packet.get());
     if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) {
       return;
     }
-    ffmpeg::Check(result, "cannot encode sound");
+    ffmpeg::Check(result, "cannot encode audio");
     packet->pts = TimeOf(packet->pts);
     packet->dts = packet->pts;
     packet->duration = av_rescale(frameSize_, kSecond, codec_->sample_rate);

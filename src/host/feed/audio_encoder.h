@@ -1,4 +1,4 @@
-// Encodes decoded sound into the format of a track.
+// Encodes decoded audio into the format of a track.
 #pragma once
 
 #include <cstdint>
@@ -13,11 +13,11 @@ struct AVCodecParameters;
 namespace host {
 
 // Takes frames of any format, rate and layout, resamples and mixes them, and encodes. The packets
-// are stamped by the frames they are made of: a gap in the sound stays a gap, sound that overlaps
-// what came before is left out. Owned and called by one channel or output on its thread.
+// are timestamped by the frames they are made of: a gap in the audio stays a gap, audio that
+// overlaps what came before is left out. Owned and called by one channel or output on its thread.
 class AudioEncoder {
  public:
-  // The packet's stamps and duration are in units of 100 ns.
+  // The packet's timestamps and duration are in units of 100 ns.
   using PacketSink = std::function<void(ffmpeg::Packet)>;
 
   // target: codec, sample rate and layout. Throws ffmpeg::Error when there is no encoder for it.

@@ -19,7 +19,7 @@ namespace host {
 namespace {
 
 constexpr int kAdtsHeaderSize = 7;
-constexpr int kMostAacChannels = 8;
+constexpr int kMaxAacChannels = 8;
 
 void SetExtraData(AVCodecParameters& parameters, const std::uint8_t* data, std::size_t size) {
   av_freep(&parameters.extradata);
@@ -183,7 +183,7 @@ std::shared_ptr<const AudioFormat> AacFormat(int sampleRate, int channels,
       [&](int a, int b) { return std::abs(a - sampleRate) < std::abs(b - sampleRate); });
   av_channel_layout_default(
       &parameters.ch_layout,
-      channels >= 1 && channels <= kMostAacChannels && channels != 7 ? channels : 2);
+      channels >= 1 && channels <= kMaxAacChannels && channels != 7 ? channels : 2);
   format->parameters = AudioEncoder(parameters).parameters();
   format->language = language;
   return format;
@@ -195,9 +195,9 @@ std::shared_ptr<const AudioFormat> PassedFormat(const AVCodecParameters& paramet
   auto format = std::make_shared<AudioFormat>();
   format->parameters = ffmpeg::CopyParameters(parameters);
   format->language = language;
-  // Sound in another container's wrapping has that container's tag.
+  // Audio in another container's wrapping has that container's tag.
   format->parameters->codec_tag = 0;
-  // The stamps that travel are those of the source, whose delay is in them.
+  // The timestamps that travel are those of the source, whose delay is in them.
   format->parameters->initial_padding = 0;
   if (IsMpegAudio(parameters.codec_id)) {
     // Transport streams have one name for all layers: the packet tells.
@@ -213,8 +213,8 @@ std::shared_ptr<const AudioFormat> PassedFormat(const AVCodecParameters& paramet
   if (parameters.codec_id != AV_CODEC_ID_AAC) {
     return format;
   }
-  format->framed = packet != nullptr && AdtsHeader(*packet) != 0;
-  if (format->framed && !TakeConfig(*packet, *format->parameters)) {
+  format->hasAdtsHeaders = packet != nullptr && AdtsHeader(*packet) != 0;
+  if (format->hasAdtsHeaders && !TakeConfig(*packet, *format->parameters)) {
     return nullptr;
   }
   return format->parameters->extradata_size > 0 ? format : nullptr;
@@ -228,7 +228,7 @@ bool SameTrack(const AudioFormat& a, const AudioFormat& b) {
   }
   // The other kinds describe themselves in every packet.
   return one.codec_id != AV_CODEC_ID_AAC ||
-         (a.framed == b.framed && one.extradata_size == other.extradata_size &&
+         (a.hasAdtsHeaders == b.hasAdtsHeaders && one.extradata_size == other.extradata_size &&
           std::equal(one.extradata, one.extradata + one.extradata_size, other.extradata));
 }
 
@@ -261,11 +261,11 @@ AudioDescription Describe(const AudioFormat& format) {
   return description;
 }
 
-std::shared_ptr<const AudioFormat> AudioTrack::Settle(std::shared_ptr<const AudioFormat> proposed) {
+std::shared_ptr<const AudioFormat> AudioTrack::Fix(std::shared_ptr<const AudioFormat> proposed) {
   const std::lock_guard guard(lock_);
   if (!format_) {
     format_ = std::move(proposed);
-    state_ = State::kSettled;
+    state_ = State::kFixed;
   }
   return format_;
 }
@@ -280,10 +280,10 @@ AudioTrack::State AudioTrack::state() const {
   return state_;
 }
 
-void AudioTrack::Announce(bool hasSound) {
+void AudioTrack::Announce(bool hasAudio) {
   const std::lock_guard guard(lock_);
-  if (state_ != State::kSettled) {
-    state_ = hasSound ? State::kExpected : State::kSilent;
+  if (state_ != State::kFixed) {
+    state_ = hasAudio ? State::kExpected : State::kSilent;
   }
 }
 

@@ -1,4 +1,4 @@
-// The form of the sound of one channel in the outputs.
+// The form of the audio of one channel in the outputs.
 #pragma once
 
 #include <cstdint>
@@ -15,10 +15,10 @@ struct AVPacket;
 namespace host {
 
 // What a track of an output is made of. AAC always has its AudioSpecificConfig as extra data, also
-// when its packets carry ADTS headers (framed), so that every container can describe it.
+// when its packets carry ADTS headers (hasAdtsHeaders), so that every container can describe it.
 struct AudioFormat {
   ffmpeg::Parameters parameters;
-  bool framed = false;
+  bool hasAdtsHeaders = false;
   std::string language;  // ISO 639, empty when not known
 };
 
@@ -51,19 +51,19 @@ std::uint32_t AdtsHeader(const AVPacket& packet);
 class AudioTrack {
  public:
   // The proposed format if nothing was decided before, otherwise what was.
-  std::shared_ptr<const AudioFormat> Settle(std::shared_ptr<const AudioFormat> proposed);
+  std::shared_ptr<const AudioFormat> Fix(std::shared_ptr<const AudioFormat> proposed);
   // Null while nothing is decided.
   std::shared_ptr<const AudioFormat> format() const;
 
   enum class State {
     kUnknown,   // no source has been opened
-    kSilent,    // the source that was opened has no sound
-    kExpected,  // it has sound, whose format its first packet will tell
-    kSettled,   // the format is decided, for good
+    kSilent,    // the source that was opened has no audio
+    kExpected,  // it has audio, whose format its first packet will tell
+    kFixed,     // the format is decided, permanently
   };
   State state() const;
   // A source has been opened.
-  void Announce(bool hasSound);
+  void Announce(bool hasAudio);
 
  private:
   mutable std::mutex lock_;

@@ -1,4 +1,4 @@
-// Which compressed sound goes through the composer as it is.
+// Which compressed audio goes through the composer as it is.
 #pragma once
 
 extern "C" {

@@ -1,4 +1,4 @@
-// Media types of compressed sound.
+// Media types of compressed audio.
 #pragma once
 
 #include <cstdint>
@@ -26,7 +26,7 @@ struct AudioDescription {
 //   MP3                MEDIASUBTYPE_MPEG1Payload with the wave format tag 0x0055
 //   AC-3, E-AC-3       MEDIASUBTYPE_DOLBY_AC3, MEDIASUBTYPE_DOLBY_DDPLUS
 CMediaType AudioType(const AudioDescription& description);
-// Whether compressed sound of one of these kinds can be told from the type.
+// Whether compressed audio of one of these kinds can be told from the type.
 bool IsAudioType(const AM_MEDIA_TYPE& type);
 
 }  // namespace host

@@ -52,7 +52,7 @@ class FeedPin final : public CBaseOutputPin {
   CMediaType type_;
   Buffers buffers_;
   ComPtr<IMemAllocator> ownAllocator_;
-  qorp::log::ILogPerf* logger_ = nullptr;  // null: nobody is told
+  qorp::log::ILogPerf* logger_ = nullptr;  // null: nobody is notified
   std::string pinName_;
 };
 

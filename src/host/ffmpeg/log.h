@@ -1,4 +1,4 @@
-// The road of FFmpeg's own log lines.
+// The path of FFmpeg's own log lines.
 #pragma once
 
 #include <functional>

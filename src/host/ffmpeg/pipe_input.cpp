@@ -14,7 +14,7 @@ namespace host::ffmpeg {
 namespace {
 
 // How long a cancelled read may take to notice.
-constexpr std::chrono::milliseconds kPatience(20);
+constexpr std::chrono::milliseconds kTimeout(20);
 
 bool IsStandardInput(const std::string& source) {
   return source == "-" || source == "pipe:" || source == "pipe:0";
@@ -53,7 +53,7 @@ int PipeInput::ReadCallback(void* input, std::uint8_t* buffer, int size) {
 int PipeInput::Read(std::uint8_t* buffer, int size) {
   while (!deadline_.ShouldStop()) {
     std::size_t count = 0;
-    switch (stream_.Read({buffer, static_cast<std::size_t>(size)}, kPatience, &count)) {
+    switch (stream_.Read({buffer, static_cast<std::size_t>(size)}, kTimeout, &count)) {
       case os::ByteStream::Result::kData:
         return static_cast<int>(count);
       case os::ByteStream::Result::kSilence:

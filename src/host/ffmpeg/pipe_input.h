@@ -11,7 +11,8 @@
 namespace host::ffmpeg {
 
 // FFmpeg reads files with calls that block, which is fine for a disk; a pipe that stays open and
-// silent would hold its reader for ever. This input waits for data and asks its deadline meanwhile.
+// silent would hold its reader indefinitely. This input waits for data and asks its deadline
+// meanwhile.
 //
 // Owned by its reader, and must outlive the format context that reads through io().
 class PipeInput {

@@ -20,7 +20,7 @@ namespace host::ffmpeg {
 namespace {
 
 // How long a cancelled write may take to notice.
-constexpr std::chrono::milliseconds kPatience(20);
+constexpr std::chrono::milliseconds kTimeout(20);
 constexpr const char* kStandardOutput = "/dev/stdout";
 
 }  // namespace
@@ -44,7 +44,7 @@ PipeOutput::PipeOutput(const std::string& target, IoDeadline& deadline) : deadli
   const std::string path = IsStandardOutput(target) ? kStandardOutput : target;
   std::uint32_t error = sink_.Open(path);
   while (error == os::kErrorNotReady && !deadline_.ShouldStop()) {
-    std::this_thread::sleep_for(kPatience);
+    std::this_thread::sleep_for(kTimeout);
     error = sink_.Open(path);
   }
   if (error != 0) {
@@ -67,7 +67,7 @@ int PipeOutput::Write(const std::uint8_t* bytes, int size) {
       return AVERROR_EXIT;
     }
     std::size_t count = 0;
-    switch (sink_.Write({bytes + done, static_cast<std::size_t>(size) - done}, kPatience, &count)) {
+    switch (sink_.Write({bytes + done, static_cast<std::size_t>(size) - done}, kTimeout, &count)) {
       case os::ByteSink::Result::kWritten:
         done += count;
         break;

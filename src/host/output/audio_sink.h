@@ -19,7 +19,7 @@ namespace host {
 class AudioSink final : public CBaseFilter {
  public:
   // Called on the streaming thread of the channel with the composer's lock held while the graph is
-  // active: returns at once. The packet's stamps are on the wall's clock, in units of 100 ns; a
+  // active: returns at once. The packet's timestamps are on the wall's clock, in units of 100 ns; a
   // packet without times does not come here. shift: by how much the composer has moved it against
   // the channel's own clock; another one than before when the channel has re-synchronised.
   using TakePacket = std::function<void(std::size_t channel, ffmpeg::Packet packet, Time shift)>;

@@ -15,12 +15,12 @@ extern "C" {
 namespace host {
 namespace {
 
-constexpr std::int64_t kSoundRate = 256'000;
+constexpr std::int64_t kAudioRate = 256'000;
 
 // Segments are as long as the first multiple of the keyframe interval from there on.
 constexpr Time kMinSegment = 19 * kSecond / 10;
 
-std::string SoundName(std::size_t number) {
+std::string AudioName(std::size_t number) {
   return "sound" + std::to_string(number + 1);
 }
 
@@ -48,15 +48,15 @@ HlsLayout::HlsLayout(const Muxer::Settings& settings, Kind kind, Time keyframes)
   }
 }
 
-void HlsLayout::AddSound(const std::string& name, const std::string& language) {
-  sounds_.push_back({name, language});
+void HlsLayout::AddAudio(const std::string& name, const std::string& language) {
+  audios_.push_back({name, language});
 }
 
 void HlsLayout::Apply(Muxer& muxer) const {
   const std::string stem = (playlist_.parent_path() / playlist_.stem()).string();
   std::string map = "v:0,name:video";
-  for (std::size_t i = 0; i < sounds_.size(); ++i) {
-    map += " a:" + std::to_string(i) + ",name:" + SoundName(i);
+  for (std::size_t i = 0; i < audios_.size(); ++i) {
+    map += " a:" + std::to_string(i) + ",name:" + AudioName(i);
   }
   muxer.SetUrl(stem + "_%v.m3u8");
   const auto choose = [&](const std::string& key, const std::string& value) {
@@ -95,23 +95,23 @@ void HlsLayout::Apply(Muxer& muxer) const {
 std::string HlsLayout::Playlist(const AVCodecParameters& video, Ratio frameRate) const {
   const std::string stem = playlist_.stem().string();
   std::string text = "#EXTM3U\n#EXT-X-VERSION:6\n#EXT-X-INDEPENDENT-SEGMENTS\n";
-  for (std::size_t i = 0; i < sounds_.size(); ++i) {
-    text += "#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"sound\",NAME=" + Quoted(sounds_[i].name);
-    if (!sounds_[i].language.empty()) {
-      text += ",LANGUAGE=" + Quoted(sounds_[i].language);
+  for (std::size_t i = 0; i < audios_.size(); ++i) {
+    text += "#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"sound\",NAME=" + Quoted(audios_[i].name);
+    if (!audios_[i].language.empty()) {
+      text += ",LANGUAGE=" + Quoted(audios_[i].language);
     }
     text += std::string(",DEFAULT=") + (i == 0 ? "YES" : "NO") +
-            ",AUTOSELECT=YES,URI=" + Quoted(stem + "_" + SoundName(i) + ".m3u8") + "\n";
+            ",AUTOSELECT=YES,URI=" + Quoted(stem + "_" + AudioName(i) + ".m3u8") + "\n";
   }
   // An encoder of constant quality does not know its rate; players only compare it.
   const auto guess = static_cast<std::int64_t>(video.width * video.height * frameRate.value() / 10);
   char rate[32];
   std::snprintf(rate, sizeof(rate), "%.3f", frameRate.value());
   text += "#EXT-X-STREAM-INF:BANDWIDTH=" +
-          std::to_string((video.bit_rate > 0 ? video.bit_rate : guess) + kSoundRate) +
+          std::to_string((video.bit_rate > 0 ? video.bit_rate : guess) + kAudioRate) +
           ",RESOLUTION=" + std::to_string(video.width) + "x" + std::to_string(video.height) +
           ",FRAME-RATE=" + rate;
-  if (!sounds_.empty()) {
+  if (!audios_.empty()) {
     text += ",AUDIO=\"sound\"";
   }
   return text + "\n" + stem + "_video.m3u8\n";

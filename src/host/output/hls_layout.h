@@ -31,14 +31,14 @@ class HlsLayout {
   HlsLayout(const Muxer::Settings& settings, Kind kind, Time keyframes);
 
   // In the order of the muxer's tracks.
-  void AddSound(const std::string& name, const std::string& language);
+  void AddAudio(const std::string& name, const std::string& language);
   // Tells the muxer; before it starts.
   void Apply(Muxer& muxer) const;
   // Throws ffmpeg::Error when it cannot be written.
   void WritePlaylist(const AVCodecParameters& video, Ratio frameRate) const;
 
  private:
-  struct Sound {
+  struct Audio {
     std::string name;
     std::string language;
   };
@@ -49,7 +49,7 @@ class HlsLayout {
   const std::filesystem::path playlist_;
   const Kind kind_;
   const Time keyframes_;
-  std::vector<Sound> sounds_;
+  std::vector<Audio> audios_;
 };
 
 }  // namespace host

@@ -121,7 +121,7 @@ std::size_t Muxer::AddVideo(const AVCodecParameters& parameters, Ratio frameRate
   stream->r_frame_rate = stream->avg_frame_rate;
   stream->sample_aspect_ratio = parameters.sample_aspect_ratio;
   stream->disposition |= AV_DISPOSITION_DEFAULT;
-  // A stream that can be joined anywhere repeats what decoders need at its key pictures.
+  // A stream that can be joined anywhere repeats what decoders need at its keyframes.
   if (!wantsGlobalHeader() && parameters.extradata_size > 0) {
     tracks_[track].filter = ffmpeg::MakePacketFilter("dump_extra", parameters);
   }

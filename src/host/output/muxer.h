@@ -72,13 +72,13 @@ class Muxer {
 
   // Opens the file or connection and writes the header. Throws ffmpeg::Error.
   void Start();
-  // The packet's stamps are in units of 100 ns. Its data are not copied. A packet that the
+  // The packet's timestamps are in units of 100 ns. Its data are not copied. A packet that the
   // container cannot take because it is damaged is left out: false. Throws ffmpeg::Error.
   bool Write(std::size_t track, ffmpeg::Packet packet);
   // Writes what is still held back and the end of the file; nothing may follow. Throws
   // ffmpeg::Error.
   void Finish();
-  // Ends a blocking call, from any thread, for good.
+  // Ends a blocking call, from any thread, permanently.
   void Cancel() {
     deadline_.Cancel();
     pacing_.Cancel();

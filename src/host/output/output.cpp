@@ -37,8 +37,8 @@ void Output::TakeVideo(const AVPacket& packet) {
   }
 }
 
-void Output::TakeSound(std::size_t channel, const AVPacket& packet, Time shift) {
-  if (channel >= writer_->settings.pass.tracks.size()) {
+void Output::TakeAudio(std::size_t channel, const AVPacket& packet, Time shift) {
+  if (channel >= writer_->settings.session.tracks.size()) {
     return;
   }
   ++writer_->counters.of(static_cast<int>(channel)).received;

@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "host/output/output_pass.h"
+#include "host/output/output_session.h"
 #include "host/output/packet_queue.h"
 #include "host/output/recording_files.h"
 #include "log/i_log_perf.h"
@@ -37,26 +37,26 @@ class OutputObserver {
 
 class OutputWriter;
 
-// Takes the packets of the mosaic and of all channels' sound into a bounded queue; its thread opens
+// Takes the packets of the mosaic and of all channels' audio into a bounded queue; its thread opens
 // the file or connection and writes. Live, nobody ever waits for it: when its consumer is slow, the
-// oldest group of pictures that waits is dropped and reported to the logger as a full buffer; when
+// oldest GOP that waits is dropped and reported to the logger as a full buffer; when
 // it fails, it is opened again after a growing delay. Rendering, whoever fills it waits for room,
-// and a failure is for good.
+// and a failure is permanently.
 //
-// Threads: TakeVideo is the encoder's, TakeSound the channels' streaming threads', Finish and the
+// Threads: TakeVideo is the encoder's, TakeAudio the channels' streaming threads', Finish and the
 // constructor the application's; the counters are anybody's.
 class Output {
  public:
   struct Settings {
     std::string name;            // for people: the URL without credentials
     std::string pin = "output";  // for the logger's reports about full buffers
-    OutputPass::Settings pass;
+    OutputSession::Settings session;
     bool live = false;
     PacketQueue::Limits queue;
     // Of files: what becomes of one that is there already.
     RecordingFiles::Existing existing = RecordingFiles::Existing::kKept;
-    std::chrono::milliseconds firstDelay{250};  // until it is opened again; doubles each time
-    std::chrono::milliseconds longestDelay{5'000};
+    std::chrono::milliseconds minDelay{250};  // until it is opened again; doubles each time
+    std::chrono::milliseconds maxDelay{5'000};
     // After a failure: so much must be written until the output counts as open again.
     Time openAfter = 2 * kSecond;
   };
@@ -70,12 +70,12 @@ class Output {
   Output& operator=(const Output&) = delete;
 
   void TakeVideo(const AVPacket& packet);
-  void TakeSound(std::size_t channel, const AVPacket& packet, Time shift);
+  void TakeAudio(std::size_t channel, const AVPacket& packet, Time shift);
   // The encoder has failed. retryIn: until it is opened again; none: there is nothing more to
   // write.
   void EncoderFailed(const std::string& reason, std::optional<std::chrono::milliseconds> retryIn);
   void EncoderRecovered();
-  // Waits until the next pictures find room; false when that takes longer than the limit.
+  // Waits until the next frames find room; false when that takes longer than the limit.
   bool WaitForRoom(std::chrono::milliseconds limit);
   // Nothing more comes.
   void Close();

@@ -58,7 +58,7 @@ OutputSet::~OutputSet() {
 }
 
 void OutputSet::Add(const Item& item, const Settings& settings) {
-  // What is wrong for good is told before the wall starts.
+  // What is wrong permanently is told before the wall starts.
   const AVOutputFormat* const container = FindContainer(item.muxer.format, item.muxer.url);
   const AVCodec* const codec = FindVideoEncoder(item.encoder.codec);
   if (container == nullptr) {
@@ -67,30 +67,30 @@ void OutputSet::Add(const Item& item, const Settings& settings) {
   if (codec != nullptr && !Holds(*container, codec->id)) {
     throw ffmpeg::Error(AVERROR(ENOSYS), CannotHold(*container, codec->id));
   }
-  PictureEncoder& encoder = EncoderFor(item, settings.live);
+  EncoderThread& encoder = EncoderFor(item, settings.live);
   Output::Settings output;
   output.name = item.name;
   output.pin = "output " + std::to_string(entries_.size());
   output.live = settings.live;
   output.queue = settings.queue;
   output.existing = item.existing;
-  output.pass.muxer = item.muxer;
-  output.pass.frameRate = settings.frameRate;
-  output.pass.formatLimit = item.formatLimit;
-  output.pass.waitForSources = settings.live;
-  output.pass.segments = item.segments;
-  output.pass.keyFrameInterval = KeyframeInterval(item.encoder);
-  output.pass.muxer.survivesKill = settings.live;
+  output.session.muxer = item.muxer;
+  output.session.frameRate = settings.frameRate;
+  output.session.formatLimit = item.formatLimit;
+  output.session.waitForSources = settings.live;
+  output.session.segments = item.segments;
+  output.session.keyFrameInterval = KeyframeInterval(item.encoder);
+  output.session.muxer.survivesKill = settings.live;
   if (!settings.live) {
-    output.pass.muxer.writeLimit = kForever;
+    output.session.muxer.writeLimit = kForever;
   }
-  output.pass.muxer.isPaced = settings.live;
-  output.pass.muxer.lowDelay = item.encoder.lowDelay;
+  output.session.muxer.isPaced = settings.live;
+  output.session.muxer.lowDelay = item.encoder.lowDelay;
   if (settings.live) {
-    output.pass.sinceStart = [startedAt = startedAt_] { return SinceStart(*startedAt); };
+    output.session.sinceStart = [startedAt = startedAt_] { return SinceStart(*startedAt); };
   }
-  if (item.sound) {
-    output.pass.tracks = settings.tracks;
+  if (item.audio) {
+    output.session.tracks = settings.tracks;
   }
   Entry& entry = entries_.back();
   entry.encoder = &encoder;
@@ -104,7 +104,7 @@ void OutputSet::Add(const Item& item, const Settings& settings) {
        [output = entry.output] { output->EncoderRecovered(); }});
 }
 
-PictureEncoder& OutputSet::EncoderFor(const Item& item, bool live) {
+EncoderThread& OutputSet::EncoderFor(const Item& item, bool live) {
   VideoEncoder::Settings wanted = item.encoder;
   // Where a container wants the headers in the stream, its muxer repeats them there.
   wanted.globalHeader = true;
@@ -114,11 +114,11 @@ PictureEncoder& OutputSet::EncoderFor(const Item& item, bool live) {
   if (found != encoders_.end()) {
     return *found->encoder;
   }
-  PictureEncoder::Settings settings;
+  EncoderThread::Settings settings;
   settings.name = "encoder " + std::to_string(encoders_.size() + 1);
   settings.encoder = wanted;
   settings.live = live;
-  encoders_.push_back({wanted, std::make_unique<PictureEncoder>(settings, logger_)});
+  encoders_.push_back({wanted, std::make_unique<EncoderThread>(settings, logger_)});
   return *encoders_.back().encoder;
 }
 
@@ -139,10 +139,10 @@ void OutputSet::Take(const ComPtr<IMediaSample>& picture, Time start) {
   }
 }
 
-void OutputSet::TakeSound(std::size_t channel, const AVPacket& packet, Time shift) {
+void OutputSet::TakeAudio(std::size_t channel, const AVPacket& packet, Time shift) {
   for (const Entry& entry : entries_) {
     if (entry.output) {
-      entry.output->TakeSound(channel, packet, shift);
+      entry.output->TakeAudio(channel, packet, shift);
     }
   }
 }

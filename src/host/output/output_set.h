@@ -9,15 +9,15 @@
 #include <string>
 #include <vector>
 
+#include "host/output/encoder_thread.h"
 #include "host/output/output.h"
-#include "host/output/picture_encoder.h"
 
 namespace host {
 
-// Makes one encoder for all outputs that want the same and hands it every picture; the outputs get
-// the encoders' packets and all channels' sound. None of them disturbs another, nor the wall.
+// Makes one encoder for all outputs that want the same and hands it every frame; the outputs get
+// the encoders' packets and all channels' audio. None of them disturbs another, nor the wall.
 //
-// Owned by whoever runs the wall. Take is the composition thread's, TakeSound the channels'
+// Owned by whoever runs the wall. Take is the composition thread's, TakeAudio the channels'
 // streaming threads'; both return at once. The rest is the application's.
 class OutputSet {
  public:
@@ -25,14 +25,14 @@ class OutputSet {
     std::string name;  // for people: the URL without credentials
     VideoEncoder::Settings encoder;
     Muxer::Settings muxer;
-    bool sound = true;
+    bool audio = true;
     RecordingFiles::Existing existing = RecordingFiles::Existing::kKept;
     SegmentLimits segments;
-    Time formatLimit = 5 * kSecond;  // see OutputPass
+    Time formatLimit = 5 * kSecond;  // see OutputSession
   };
   struct Settings {
     std::vector<Item> outputs;
-    std::vector<OutputPass::Track> tracks;  // one for each channel of the wall
+    std::vector<OutputSession::Track> tracks;  // one for each channel of the wall
     Ratio frameRate{25, 1};
     bool live = false;
     PacketQueue::Limits queue;
@@ -53,11 +53,11 @@ class OutputSet {
     std::vector<TrackStatus> audio;  // of every channel; empty for an output without audio
     std::uint64_t overflows = 0;     // how often its queue was full
     std::string failure;             // empty while it works
-    bool failed = false;             // for good
+    bool failed = false;             // permanently
   };
 
   // observer and logger outlive the set; logger may be null. An output whose encoder or container
-  // is not to be had has failed from the start, and the observer is told.
+  // is not to be had has failed from the start, and the observer is called.
   OutputSet(const Settings& settings, OutputObserver* observer, qorp::log::ILogPerf* logger);
   ~OutputSet();
   OutputSet(const OutputSet&) = delete;
@@ -65,7 +65,7 @@ class OutputSet {
 
   void Take(const ComPtr<IMediaSample>& picture, Time start);
   // shift: see AudioSink.
-  void TakeSound(std::size_t channel, const AVPacket& packet, Time shift);
+  void TakeAudio(std::size_t channel, const AVPacket& packet, Time shift);
   // For a rendered wall, before each frame: whether everything has room for it; waits that long.
   bool WaitForRoom(std::chrono::milliseconds limit);
   // The wall has ended: everything is written to its end. hurried: whether somebody waits for the
@@ -82,11 +82,11 @@ class OutputSet {
  private:
   struct Encoder {
     VideoEncoder::Settings settings;
-    std::unique_ptr<PictureEncoder> encoder;
+    std::unique_ptr<EncoderThread> encoder;
   };
   struct Entry {
     std::string name;
-    PictureEncoder* encoder = nullptr;
+    EncoderThread* encoder = nullptr;
     std::shared_ptr<Output> output;  // null: it failed from the start
     std::string failure;
   };
@@ -96,7 +96,7 @@ class OutputSet {
   static Time SinceStart(const StartedAt& startedAt);
   void FinishEncoder(Encoder& encoder, const std::function<std::chrono::milliseconds()>& left);
   void Add(const Item& item, const Settings& settings);
-  PictureEncoder& EncoderFor(const Item& item, bool live);
+  EncoderThread& EncoderFor(const Item& item, bool live);
 
   OutputObserver* const observer_;
   qorp::log::ILogPerf* const logger_;

@@ -11,7 +11,7 @@ using std::chrono::milliseconds;
 OutputWriter::OutputWriter(Output::Settings given, ffmpeg::Parameters video,
                            OutputObserver* observer, qorp::log::ILogPerf* logger)
     : settings(std::move(given)),
-      counters(settings.pass.tracks.size()),
+      counters(settings.session.tracks.size()),
       queue(settings.queue, counters),
       video_(std::move(video)),
       observer_(observer),
@@ -19,7 +19,7 @@ OutputWriter::OutputWriter(Output::Settings given, ffmpeg::Parameters video,
   if (logger_ != nullptr) {
     logger_->RegisterPin(settings.pin.c_str());
   }
-  const std::string& url = settings.pass.muxer.url;
+  const std::string& url = settings.session.muxer.url;
   if (config::LocalPath(url) && !ffmpeg::PipeOutput::Serves(url)) {
     recording_.emplace(url, settings.existing);
   }
@@ -36,8 +36,8 @@ void OutputWriter::NoteOverflow() {
 void OutputWriter::Cancel() {
   const std::lock_guard guard(lock_);
   cancelled_ = true;
-  if (pass_ != nullptr) {
-    pass_->Cancel();
+  if (session_ != nullptr) {
+    session_->Cancel();
   }
 }
 
@@ -56,11 +56,11 @@ void OutputWriter::Fail(const std::string& reason) {
   });
 }
 
-// Called by each pass when a target of it is open, the first and every further segment.
-void OutputWriter::Opened(const OutputPass& pass, const std::string& file) {
+// Called by each session when a target of it is open, the first and every further segment.
+void OutputWriter::Opened(const OutputSession& session, const std::string& file) {
   using Opening = OutputObserver::Opening;
   Opening opening = Opening::kNext;
-  if (pass.targets() == 1) {
+  if (session.targets() == 1) {
     const bool again = ++openings > 1 || !failure().empty();
     const bool beside = !file.empty() && recording_->avoided();
     opening = again ? Opening::kAgain : beside ? Opening::kBeside : Opening::kFirst;
@@ -81,9 +81,9 @@ std::string OutputWriter::file() const {
   return file_;
 }
 
-bool OutputWriter::SetPass(OutputPass* pass) {
+bool OutputWriter::SetSession(OutputSession* session) {
   const std::lock_guard guard(lock_);
-  pass_ = pass;
+  session_ = session;
   return !cancelled_;
 }
 
@@ -124,12 +124,12 @@ void OutputWriter::EncoderRecovered() {
   });
 }
 
-std::string OutputWriter::RunPass(OutputPass& pass) {
+std::string OutputWriter::RunSession(OutputSession& session) {
   try {
     while (std::optional<TrackPacket> packet = queue.Pop()) {
-      pass.Take(std::move(*packet));
+      session.Take(std::move(*packet));
     }
-    pass.Finish();
+    session.Finish();
     return {};
   } catch (const std::exception& error) {
     return error.what();
@@ -137,39 +137,39 @@ std::string OutputWriter::RunPass(OutputPass& pass) {
 }
 
 void OutputWriter::Run() {
-  milliseconds delay = settings.firstDelay;
+  milliseconds delay = settings.minDelay;
   for (bool hasFailed = false;; hasFailed = true) {
-    std::optional<OutputPass> pass;
-    pass.emplace(
-        settings.pass, *video_, counters,
-        OutputPass::Owner{
+    std::optional<OutputSession> session;
+    session.emplace(
+        settings.session, *video_, counters,
+        OutputSession::Owner{
             recording_ ? &*recording_ : nullptr,
             [this](const std::string& what) {
               Tell([&](OutputObserver& observer) { observer.OutputSaid(settings.name, what); });
             },
-            [this](const OutputPass& open, const std::string& file) { Opened(open, file); },
+            [this](const OutputSession& open, const std::string& file) { Opened(open, file); },
             !recording_ && settings.live ? [this] { return queue.SkipToNewestKeyframe(); }
                                          : std::function<bool()>(),
             hasFailed ? settings.openAfter : 0});
-    const std::string reason = SetPass(&*pass) ? RunPass(*pass) : "stopped";
-    const bool goesOn = SetPass(nullptr) && settings.live && !failed;
+    const std::string reason = SetSession(&*session) ? RunSession(*session) : "stopped";
+    const bool goesOn = SetSession(nullptr) && settings.live && !failed;
     if (reason.empty() || failed) {
       return;
     }
     SetFailure(reason);
-    if (pass->length() >= settings.longestDelay.count() * kMillisecond) {
-      delay = settings.firstDelay;
+    if (session->length() >= settings.maxDelay.count() * kMillisecond) {
+      delay = settings.minDelay;
     }
     // A consumer that serves one connection has room for the next one, and a disk for the next
     // file.
-    pass.reset();
+    session.reset();
     Tell([&](OutputObserver& observer) {
       observer.OutputFailed(settings.name, reason, goesOn ? std::optional(delay) : std::nullopt);
     });
     if (!goesOn || !queue.DiscardFor(delay)) {
       break;
     }
-    delay = std::min(delay * 2, settings.longestDelay);
+    delay = std::min(delay * 2, settings.maxDelay);
   }
   failed = true;
   queue.Abandon();
@@ -177,7 +177,7 @@ void OutputWriter::Run() {
 
 std::int64_t OutputWriter::FileBytes() {
   const std::lock_guard guard(lock_);
-  return recording_ && pass_ != nullptr ? pass_->fileBytes() : 0;
+  return recording_ && session_ != nullptr ? session_->fileBytes() : 0;
 }
 
 }  // namespace host

@@ -58,10 +58,10 @@ class OutputWriter {
 
  private:
   // One opening, to the end of what comes; empty, or why it failed.
-  std::string RunPass(OutputPass& pass);
-  void Opened(const OutputPass& pass, const std::string& file);
+  std::string RunSession(OutputSession& session);
+  void Opened(const OutputSession& session, const std::string& file);
   // What Cancel ends; false when it was called already.
-  bool SetPass(OutputPass* pass);
+  bool SetSession(OutputSession* session);
   void SetFailure(const std::string& reason);
 
   const ffmpeg::Parameters video_;
@@ -70,11 +70,11 @@ class OutputWriter {
   OutputObserver* observer_;     // guarded by contactsLock_; null once detached
   qorp::log::ILogPerf* logger_;  // likewise; may be null
   mutable std::mutex lock_;
-  std::string failure_;         // guarded by lock_
-  std::string encoderFailure_;  // guarded by lock_
-  std::string file_;            // guarded by lock_
-  OutputPass* pass_ = nullptr;  // guarded by lock_; what Cancel ends
-  bool cancelled_ = false;      // guarded by lock_
+  std::string failure_;               // guarded by lock_
+  std::string encoderFailure_;        // guarded by lock_
+  std::string file_;                  // guarded by lock_
+  OutputSession* session_ = nullptr;  // guarded by lock_; what Cancel ends
+  bool cancelled_ = false;            // guarded by lock_
 };
 
 }  // namespace host

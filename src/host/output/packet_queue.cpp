@@ -56,8 +56,8 @@ void PacketQueue::Clear() {
   bytes_ = 0;
 }
 
-// The pictures before the second one that can be decoded alone, and the sound that goes with them.
-void PacketQueue::DropOldestPictures() {
+// The frames before the second one that can be decoded alone, and the audio that goes with them.
+void PacketQueue::DropOldestFrames() {
   const auto first = std::find_if(packets_.begin(), packets_.end(), [](const TrackPacket& packet) {
     return packet.track == TrackPacket::kVideo;
   });
@@ -78,8 +78,8 @@ void PacketQueue::DropBefore(const TrackPacket& keyframe) {
   bool reached = false;
   for (TrackPacket& packet : packets_) {
     reached = reached || &packet == &keyframe;
-    const bool isSound = packet.track != TrackPacket::kVideo;
-    if (isSound ? packet.packet->dts >= from : reached) {
+    const bool isAudio = packet.track != TrackPacket::kVideo;
+    if (isAudio ? packet.packet->dts >= from : reached) {
       kept.push_back(std::move(packet));
     } else {
       Forget(packet);
@@ -101,7 +101,7 @@ PacketQueue::Pushed PacketQueue::PushDropping(TrackPacket packet) {
     waitsForKey_ = waitsForKey_ && !isKey;
     if (!waitsForKey_ && Full()) {
       result = Pushed::kOverflowed;
-      DropOldestPictures();
+      DropOldestFrames();
       waitsForKey_ = waitsForKey_ && !isKey;
     }
     if (waitsForKey_) {

@@ -14,13 +14,13 @@
 
 namespace host {
 
-// A packet of the mosaic's video, or of the sound of a channel.
+// A packet of the mosaic's video, or of the audio of a channel.
 struct TrackPacket {
   static constexpr int kVideo = OutputCounters::kVideo;
 
   int track = kVideo;     // kVideo or the number of the channel
-  ffmpeg::Packet packet;  // stamps in units of 100 ns, on the wall's clock
-  Time shift = 0;         // of sound: the wall's time minus the channel's own
+  ffmpeg::Packet packet;  // timestamps in units of 100 ns, on the wall's clock
+  Time shift = 0;         // of audio: the wall's time minus the channel's own
 };
 
 // Bounded by bytes and by the time of the video that waits. A full queue drops whole GOPs, the
@@ -43,14 +43,14 @@ class PacketQueue {
   enum class Pushed {
     kKept,
     kOverflowed,  // others were dropped for it, or it with them
-    kRefused,     // after a drop, until a picture comes that can be decoded alone
+    kRefused,     // after a drop, until a frame comes that can be decoded alone
   };
 
   // Returns at once. A closed queue takes everything and keeps nothing.
   Pushed PushDropping(TrackPacket packet);
   // Waits for room; false once the queue is closed.
   bool PushWaiting(TrackPacket packet);
-  // Adds it however full the queue is; for sound, where whoever drives the wall waits for room.
+  // Adds it however full the queue is; for audio, where whoever drives the wall waits for room.
   void Push(TrackPacket packet);
   // Waits until the queue has room; false when that takes longer than the limit. A closed queue has
   // room: it takes nothing.
@@ -76,7 +76,7 @@ class PacketQueue {
   void Add(TrackPacket packet);
   void Forget(const TrackPacket& packet);
   void Drop(const TrackPacket& packet);
-  void DropOldestPictures();
+  void DropOldestFrames();
   void DropBefore(const TrackPacket& keyframe);
   void Clear();
 
@@ -88,7 +88,7 @@ class PacketQueue {
   std::deque<TrackPacket> packets_;  // guarded by lock_, as is all below
   std::size_t bytes_ = 0;
   std::deque<Time> pictures_;  // decoding times of the frames that wait
-  bool waitsForKey_ = false;   // after a drop that left no picture
+  bool waitsForKey_ = false;   // after a drop that left no frame
   bool closed_ = false;
 };
 

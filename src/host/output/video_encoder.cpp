@@ -217,7 +217,7 @@ void VideoEncoder::Encode(std::span<const std::uint8_t> yv12, Time start, const 
   if (yv12.size() < lumaSize * 3 / 2) {
     throw std::invalid_argument("the picture is smaller than the canvas");
   }
-  // The encoder may still hold the former picture: then this gives a new buffer.
+  // The encoder may still hold the former frame: then this gives a new buffer.
   ffmpeg::Check(av_frame_make_writable(frame_.get()), "cannot make a picture to encode");
   CopyPlane(yv12.data(), frame_->data[0], frame_->linesize[0], width, height);
   CopyPlane(yv12.data() + lumaSize, frame_->data[2], frame_->linesize[2], width / 2, height / 2);

@@ -19,8 +19,8 @@ const AVCodec* FindVideoEncoder(const std::string& name);
 // The name of an encoder or codec that a wrong one resembles.
 std::optional<std::string> NearestVideoCodec(const std::string& name);
 
-// YV12 pictures (packed: Y, V, U, stride = width, BT.601 studio range) into compressed packets. The
-// picture is copied before Encode returns, so the caller's buffer is free again. Owned and called
+// YV12 frames (packed: Y, V, U, stride = width, BT.601 studio range) into compressed packets. The
+// frame is copied before Encode returns, so the caller's buffer is free again. Owned and called
 // by one output on its thread; no lock. Encoders use threads of their own inside.
 class VideoEncoder {
  public:
@@ -58,7 +58,7 @@ class VideoEncoder {
   void BeginGrid(Time start) { gridStart_ = start; }
   // start: on the output's clock. Frames may be left out, but all starts lie on the grid of the
   // frame rate that the first one opens; others are moved to the nearest later free place on it.
-  // The sink gets the packets that are ready, stamped in units of 100 ns. Throws ffmpeg::Error.
+  // The sink gets the packets that are ready, timestamped in units of 100 ns. Throws ffmpeg::Error.
   void Encode(std::span<const std::uint8_t> yv12, Time start, const PacketSink& sink);
   // Hands over what is still inside; nothing may be encoded afterwards.
   void Finish(const PacketSink& sink);

@@ -10,7 +10,7 @@ extern "C" {
 #include <optional>
 
 #include "host/channel/source/media_reader.h"
-#include "host/channel/video/picture_converter.h"
+#include "host/channel/video/frame_converter.h"
 #include "host/ffmpeg/error.h"
 
 namespace host {
@@ -122,18 +122,18 @@ std::vector<std::uint8_t> FileBackground(int width, int height, Ratio pixelAspec
   MediaReader reader(settings);
   reader.Open();
   MediaItem item = reader.Read();
-  while (!std::holds_alternative<VideoPicture>(item)) {
+  while (!std::holds_alternative<DecodedFrame>(item)) {
     if (std::holds_alternative<EndOfMedia>(item)) {
       throw MediaError(MediaError::Kind::kNoStreams, "it holds no picture", file.string());
     }
     item = reader.Read();
   }
-  auto& picture = std::get<VideoPicture>(item);
+  auto& picture = std::get<DecodedFrame>(item);
   AVFrame& frame = *picture.frame;
   const bool swapsSides = picture.orientation.swapsSides();
   const double wanted = pixelAspect.value() * width / height;
   std::vector<std::uint8_t> whole;
-  PictureConverter::Settings cover;
+  FrameConverter::Settings cover;
   try {
     const double stored =
         CropToAspect(frame, reader.info().video->pixelAspect, swapsSides ? 1 / wanted : wanted);
@@ -144,7 +144,7 @@ std::vector<std::uint8_t> FileBackground(int width, int height, Ratio pixelAspec
     cover.height = std::max(height, EvenAtLeast(width / aspect));
     cover.canvasPixelAspect = pixelAspect;
     cover.deinterlace = Deinterlace::kOff;
-    PictureConverter converter(cover);
+    FrameConverter converter(cover);
     converter.Push(std::move(picture));
     converter.Finish();
     whole.resize(converter.bufferSize());

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "host/feed/picture_type.h"
+#include "host/feed/video_type.h"
 #include "platform/baseclasses/allocator.h"
 
 namespace host {
@@ -39,8 +39,8 @@ BackgroundSource::BackgroundSource(Settings settings)
     : CBaseFilter("background source", nullptr, &lock_, kBackgroundSourceClass),
       settings_(std::move(settings)),
       pin_(this, &lock_, u"Background",
-           PictureType(settings_.width, settings_.height, settings_.frameRate, settings_.aspect),
-           {1, PictureSize(settings_.width, settings_.height)}) {
+           VideoType(settings_.width, settings_.height, settings_.frameRate, settings_.aspect),
+           {1, FrameBytes(settings_.width, settings_.height)}) {
   if (settings_.watch != nullptr) {
     pin_.UseAllocator(
         ComPtr<IMemAllocator>(std::make_unique<WatchedAllocator>(settings_.watch).release()));
@@ -97,7 +97,7 @@ void BackgroundSource::Pace() {
       continue;
     }
     if (!Send(nextFrame_, false)) {
-      ++counters_.starved;
+      ++counters_.noFreeBuffer;
     }
     ++nextFrame_;
   }
@@ -115,7 +115,7 @@ bool BackgroundSource::Send(std::int64_t frame, bool wait) {
   if (!sample || FAILED(sample->GetPointer(&canvas))) {
     return false;
   }
-  // Drawn over in place by the composer: every frame starts from the picture anew.
+  // Drawn over in place by the composer: every frame starts from the picture again.
   std::memcpy(canvas, settings_.picture.data(), settings_.picture.size());
   sample->SetActualDataLength(static_cast<LONG>(settings_.picture.size()));
   sample->SetSyncPoint(TRUE);

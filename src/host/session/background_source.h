@@ -15,8 +15,8 @@
 
 namespace host {
 
-// Sends copies of one picture, one for each frame of the wall, numbered from 0 and stamped on the
-// grid of the frame rate. Either the owner sends every frame (SendFrame), or the filter has a
+// Sends copies of one picture, one for each frame of the wall, numbered from 0 and timestamped on
+// the grid of the frame rate. Either the owner sends every frame (SendFrame), or the filter has a
 // thread that sends them by a clock: a frame that comes too late is skipped and counted, never made
 // up for.
 //
@@ -33,8 +33,8 @@ class BackgroundSource final : public CBaseFilter {
   };
   struct Counters {
     std::atomic<std::uint64_t> sent{0};
-    std::atomic<std::uint64_t> late{0};     // skipped: their time was over
-    std::atomic<std::uint64_t> starved{0};  // skipped: every buffer was still in use
+    std::atomic<std::uint64_t> late{0};          // skipped: their time was over
+    std::atomic<std::uint64_t> noFreeBuffer{0};  // skipped: every buffer was still in use
   };
   // How a running wall keeps time.
   struct Pacing {

@@ -12,7 +12,7 @@ namespace host {
 
 // A frame is dealt with when it has come out of the composer, or when its buffer has come back
 // because the frame was dropped. One frame is watched at a time. The driver expects and waits; the
-// composition thread and whoever lets go of buffers report. Any thread may ask how long the frames
+// composition thread and whoever releases buffers report. Any thread may ask how long the frames
 // took.
 class FrameWatch {
  public:

@@ -23,7 +23,7 @@ std::optional<std::string> LabelFile::Read() const {
   if (!file) {
     return std::nullopt;
   }
-  std::string text(kLongest, '\0');
+  std::string text(kMax, '\0');
   file.read(text.data(), static_cast<std::streamsize>(text.size()));
   text.resize(static_cast<std::size_t>(file.gcount()));
   if (text.starts_with(kByteOrderMark)) {

@@ -19,7 +19,7 @@ namespace host {
 class LabelFile {
  public:
   // More than any label shows.
-  static constexpr std::size_t kLongest = 4096;  // bytes
+  static constexpr std::size_t kMax = 4096;  // bytes
 
   explicit LabelFile(std::filesystem::path path) : path_(std::move(path)) {}
 
@@ -27,7 +27,7 @@ class LabelFile {
   std::optional<std::string> Read() const;
 
   // The text once it is another one than before and stands: programs empty a file before they write
-  // it anew, so a text counts when two looks in a row have found it. None when there is nothing
+  // it again, so a text counts when two looks in a row have found it. None when there is nothing
   // new; a file that is gone changes nothing.
   std::optional<std::string> Look();
 

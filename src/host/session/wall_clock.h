@@ -11,11 +11,11 @@
 
 namespace host {
 
-// Runs from 0 with the system's reference clock once it is started, and goes on from where it was
+// Runs from 0 with the system's reference clock once it is started, and continues from where it was
 // when it is started again. Any thread may ask; each wait is one advise of the clock.
 //
 // The reference clock stands over the steady clock: the multimedia timer wraps after 49.7 days, at
-// which a clock over it leaps, and a wall runs longer than that.
+// which a clock over it jumps, and a wall runs longer than that.
 class WallClock {
  public:
   // rateOffset: millionths by which the wall's time runs faster (or, negative, slower) than the

@@ -67,7 +67,7 @@ OutputSet::Item ItemOf(const config::Canvas& canvas, const config::Output& outpu
   item.muxer.url = output.url;
   item.muxer.format = output.format;
   item.muxer.options = output.options;
-  item.sound = output.audio;
+  item.audio = output.audio;
   using Existing = RecordingFiles::Existing;
   // Who renders waits for the file of that name; a wall that runs records, wherever there is room.
   item.existing = output.overwrite ? Existing::kReplaced

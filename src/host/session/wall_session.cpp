@@ -64,12 +64,12 @@ AlarmSettings AlarmsOf(const config::AlarmOptions& options) {
   return settings;
 }
 
-// The composer's window pins give up a queue of 78 pictures, and keep a second's worth.
-constexpr double kMostPicturesPerSecond = 70;
+// The composer's window pins give up a queue of 78 frames, and keep a second's worth.
+constexpr double kMaxFrameRate = 70;
 
-Ratio PictureRate(Ratio canvasRate) {
+Ratio WindowFrameRate(Ratio canvasRate) {
   Ratio rate = canvasRate;
-  for (int each = 2; rate.value() > kMostPicturesPerSecond; ++each) {
+  for (int each = 2; rate.value() > kMaxFrameRate; ++each) {
     rate = {canvasRate.num, canvasRate.den * each};
   }
   return rate;
@@ -120,7 +120,7 @@ WallSession::WallSession(Settings settings)
   Check(graph_->AddFilter(background_.Get(), u"background"), "add the background to the graph");
   Check(graph_->AddFilter(sink_.Get(), u"composition"), "add the sink to the graph");
   if (!outputs_->empty()) {
-    for (const OutputPass::Track& track : outputs.tracks) {
+    for (const OutputSession::Track& track : outputs.tracks) {
       audioTracks_.push_back(track.audio);
     }
     audioSink_ = AudioSink::Create(settings_.wall.channels.size(),
@@ -128,9 +128,9 @@ WallSession::WallSession(Settings settings)
                                      const Time latency = settings_.live ? 0 : kWindowLatency;
                                      packet->pts -= latency;
                                      packet->dts -= latency;
-                                     outputs_->TakeSound(channel, *packet, shift - latency);
+                                     outputs_->TakeAudio(channel, *packet, shift - latency);
                                    });
-    Check(graph_->AddFilter(audioSink_.Get(), u"sound"), "add the sink of the sound to the graph");
+    Check(graph_->AddFilter(audioSink_.Get(), u"audio"), "add the sink of the audio to the graph");
   }
   for (std::size_t i = 0; i < settings_.wall.channels.size(); ++i) {
     AddChannel(i);
@@ -140,7 +140,7 @@ WallSession::WallSession(Settings settings)
         "connect the composer's output");
 }
 
-// A live wall does without a picture whose mount is dead.
+// A live wall does without a frame whose mount is dead.
 std::vector<std::uint8_t> WallSession::Background() const {
   const config::Canvas& canvas = settings_.wall.canvas;
   auto picture = os::CallWithin<std::vector<std::uint8_t>>(
@@ -200,13 +200,13 @@ ChannelSource::Settings WallSession::ChannelSettings(const config::Channel& chan
   source.ingest.reader.options = options.options;
   source.ingest.session.picture.width = channel.window.width;
   source.ingest.session.picture.height = channel.window.height;
-  source.ingest.session.picture.canvasRate = PictureRate(canvas.frameRate);
+  source.ingest.session.picture.canvasRate = WindowFrameRate(canvas.frameRate);
   source.ingest.session.picture.canvasPixelAspect =
       PixelAspect(canvas.width, canvas.height, canvas.aspect);
   source.ingest.session.picture.deinterlace = DeinterlaceOf(options.deinterlace);
   source.ingest.session.meter.frameRate = canvas.frameRate;
   source.ingest.session.logger = settings_.logger;
-  source.ingest.session.pictureMeter = {options.alarm.black.level, options.alarm.freeze.level};
+  source.ingest.session.frameMeter = {options.alarm.black.level, options.alarm.freeze.level};
   source.ingest.reopen = settings_.live;
   if (settings_.live) {
     source.ingest.session.now = [this] { return clock_.Now(); };
@@ -224,7 +224,7 @@ ChannelSource::Settings WallSession::ChannelSettings(const config::Channel& chan
   presenter.alarms = AlarmsOf(options.alarm);
   presenter.timeText = [this](Time time) { return TimeText(time); };
   presenter.wantsType = [window] { return window->WantsType(); };
-  presenter.pictureSent = [window] { window->SetPictureSent(); };
+  presenter.frameSent = [window] { window->SetFrameSent(); };
   presenter.logger = settings_.logger;
   presenter.presentFrame = [this] { return background_->presentFrame(); };
   return source;
@@ -277,19 +277,19 @@ void WallSession::AddChannel(std::size_t index) {
   }
   windows_.push_back(window);
   channels_.push_back(source);
-  leftBehind_.push_back(false);
-  ConnectSound(index, input, what);
+  detached_.push_back(false);
+  ConnectAudio(index, input, what);
 }
 
-void WallSession::ConnectSound(std::size_t index, const ComposerFilter::Input& input,
+void WallSession::ConnectAudio(std::size_t index, const ComposerFilter::Input& input,
                                const std::string& what) {
   if (!audioSink_ || !audioTracks_.at(index)) {
     return;
   }
-  Connect(channels_[index]->audioPin(), input.audio, "the sound of " + what);
+  Connect(channels_[index]->audioPin(), input.audio, "the audio of " + what);
   // The output takes its type and buffers from the input, which therefore comes first.
   Check(graph_->ConnectDirect(input.audioOutput, audioSink_->pin(index), nullptr),
-        "connect the composer's sound of " + what);
+        "connect the composer's audio of " + what);
 }
 
 // The time of day of a live wall; of a rendered one, the time in the output.
@@ -315,7 +315,7 @@ std::optional<bool> WallSession::AdvanceChannels(Time time, const RenderControl&
   }
   bool ended = true;
   for (std::size_t i = 0; i < channels_.size(); ++i) {
-    if (leftBehind_[i]) {
+    if (detached_[i]) {
       continue;
     }
     ChannelQueue& queue = channels_[i]->queue();
@@ -328,8 +328,8 @@ std::optional<bool> WallSession::AdvanceChannels(Time time, const RenderControl&
       }
     } while (!taken && Clock::now() < limit);
     if (!taken) {
-      leftBehind_[i] = true;
-      queue.LeaveReaderBehind();
+      detached_[i] = true;
+      queue.DetachReader();
       settings_.observer->ChannelFailed(channels_[i]->name(),
                                         "it gives nothing any more; the wall goes on without it",
                                         std::nullopt);
@@ -340,7 +340,7 @@ std::optional<bool> WallSession::AdvanceChannels(Time time, const RenderControl&
   return ended;
 }
 
-Time WallSession::LastFrameWithNews(std::int64_t frame) {
+Time WallSession::LastFrameWithContent(std::int64_t frame) {
   Time last = 0;
   for (const ComPtr<ChannelSource>& channel : channels_) {
     last = std::max(last, channel->queue().lastPushed().value_or(0));
@@ -378,7 +378,7 @@ void WallSession::Render(const RenderControl& control) {
       break;
     }
     if (*ended && !endsAt) {
-      endsAt = LastFrameWithNews(frame) + kWindowLatency;
+      endsAt = LastFrameWithContent(frame) + kWindowLatency;
     }
     if (!background_->SendFrame(frame) || !watch_->Wait(kFrameLimit)) {
       throw GraphError("frame " + std::to_string(frame) + " never came out of the composer");
@@ -406,7 +406,7 @@ int WallSession::Finish(const std::function<bool()>& hurried) {
 
 WallSession::Counters WallSession::counters() const {
   const BackgroundSource::Counters& counters = background_->counters();
-  return {counters.sent, composed_, counters.late, counters.starved};
+  return {counters.sent, composed_, counters.late, counters.noFreeBuffer};
 }
 
 }  // namespace host

@@ -1,4 +1,4 @@
-// WallSession: a wall at work, from its channels to the composed pictures.
+// WallSession: a wall at work, from its channels to the composed frames.
 #pragma once
 
 #include <atomic>
@@ -59,10 +59,10 @@ class WallSession {
         10'000};  // a channel that gives nothing for longer is left behind
   };
   struct Counters {
-    std::uint64_t sent = 0;      // background frames that went into the composer
-    std::uint64_t composed = 0;  // frames that came out and were handed out
-    std::uint64_t late = 0;      // skipped because their time was over
-    std::uint64_t starved = 0;   // skipped because every buffer was in use
+    std::uint64_t sent = 0;          // background frames that went into the composer
+    std::uint64_t composed = 0;      // frames that came out and were handed out
+    std::uint64_t late = 0;          // skipped because their time was over
+    std::uint64_t noFreeBuffer = 0;  // skipped because every buffer was in use
   };
 
   // Throws GraphError, MediaError or ffmpeg::Error (the background's picture), std::runtime_error
@@ -93,7 +93,7 @@ class WallSession {
 
  private:
   void AddChannel(std::size_t index);
-  void ConnectSound(std::size_t index, const ComposerFilter::Input& input, const std::string& what);
+  void ConnectAudio(std::size_t index, const ComposerFilter::Input& input, const std::string& what);
   std::vector<std::uint8_t> Background() const;
   std::string LabelOf(const config::Label& label) const;
   ChannelSource::Settings ChannelSettings(const config::Channel& channel, WallWindow* window);
@@ -106,7 +106,7 @@ class WallSession {
   std::optional<bool> AdvanceChannels(Time time, const RenderControl& control);
   // Start of the first frame, up to `frame`, by which everything that the channels gave was due.
   // Readers may say some frames later that nothing more will come; this does not depend on it.
-  Time LastFrameWithNews(std::int64_t frame);
+  Time LastFrameWithContent(std::int64_t frame);
 
   const Settings settings_;
   const std::int64_t firstFrame_;                            // that is handed out
@@ -118,16 +118,16 @@ class WallSession {
   // Outlives the graph, whose threads hand on to it.
   std::vector<std::shared_ptr<AudioTrack>> audioTracks_;  // one for each channel
   std::unique_ptr<OutputSet> outputs_;
-  // The graph goes first and with it every filter; then the composer's library.
+  // The graph is destroyed first and with it every filter; then the composer's library.
   ComposerFilter composer_;
   std::vector<ComPtr<WallWindow>> windows_;
   std::vector<ComPtr<ChannelSource>> channels_;
-  std::vector<bool> leftBehind_;  // channels that a rendering no longer waits for
+  std::vector<bool> detached_;  // channels that a rendering no longer waits for
   ComPtr<BackgroundSource> background_;
   ComPtr<CompositionSink> sink_;
   ComPtr<AudioSink> audioSink_;  // null of a wall without outputs
   ComPtr<FilterGraph> graph_;
-  LabelFiles labelFiles_;  // goes first: it hands texts to the channels
+  LabelFiles labelFiles_;  // is destroyed first: it hands texts to the channels
 };
 
 }  // namespace host

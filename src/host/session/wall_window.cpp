@@ -7,9 +7,9 @@
 namespace host {
 namespace {
 
-// Pictures wait in the composer for a second, so that those of the other second were all sent with
+// Frames wait in the composer for a second, so that those of the other second were all sent with
 // their type and have all been considered.
-constexpr double kSettledSeconds = 2;
+constexpr double kStableSeconds = 2;
 
 }  // namespace
 
@@ -20,7 +20,7 @@ ComPtr<WallWindow> WallWindow::Create(Placement placement, Ratio frameRate) {
 
 WallWindow::WallWindow(Placement placement, Ratio frameRate)
     : CUnknown("wall window", nullptr),
-      settledFrames_(static_cast<int>(std::ceil(kSettledSeconds * frameRate.value()))),
+      stableFrames_(static_cast<int>(std::ceil(kStableSeconds * frameRate.value()))),
       placement_(std::move(placement)) {}
 
 void WallWindow::Place(Placement placement) {
@@ -35,12 +35,12 @@ WallWindow::Placement WallWindow::placement() const {
 
 bool WallWindow::WantsType() const {
   const std::lock_guard guard(lock_);
-  return shownFrames_ < settledFrames_;
+  return shownFrames_ < stableFrames_;
 }
 
-void WallWindow::SetPictureSent() {
+void WallWindow::SetFrameSent() {
   const std::lock_guard guard(lock_);
-  pictureSent_ = true;
+  frameSent_ = true;
 }
 
 HRESULT WallWindow::GetWindowState(BYTE* enabled, LONG* x, LONG* y, const char** colour,
@@ -49,8 +49,7 @@ HRESULT WallWindow::GetWindowState(BYTE* enabled, LONG* x, LONG* y, const char**
   askedColour_ = placement_.colour;
   // The frame before this one has been composed.
   sizeKnown_ = sizeKnown_ || shownFrames_ > 0;
-  shownFrames_ =
-      placement_.enabled && pictureSent_ ? std::min(shownFrames_ + 1, settledFrames_) : 0;
+  shownFrames_ = placement_.enabled && frameSent_ ? std::min(shownFrames_ + 1, stableFrames_) : 0;
   *enabled = placement_.enabled ? 1 : 0;
   *x = placement_.x;
   *y = placement_.y;

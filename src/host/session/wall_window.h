@@ -11,9 +11,9 @@
 
 namespace host {
 
-// The composer looks at the media type of a picture only in frames in which the window is shown,
-// and never again at a picture that it has released. So that it learns the size at whatever moment
-// the window is shown, the pictures that are sent carry their type as long as the window is hidden
+// The composer looks at the media type of a frame only in frames in which the window is shown,
+// and never again at a frame that it has released. So that it learns the size at whatever moment
+// the window is shown, the frames that are sent carry their type as long as the window is hidden
 // and until it has been shown without a break for some time; all others go without, because looking
 // at the types of a whole queue costs the composer time in every frame.
 //
@@ -37,23 +37,23 @@ class WallWindow final : public CUnknown, public IComposeWindow {
 
   void Place(Placement placement);
   Placement placement() const;
-  // Whether the next picture is to carry its media type.
+  // Whether the next frame is to carry its media type.
   bool WantsType() const;
-  // A picture has reached the composer: it knows the window's size once it has composed a frame in
+  // A frame has reached the composer: it knows the window's size once it has composed a frame in
   // which the window is enabled. Until then nothing is selected.
-  void SetPictureSent();
+  void SetFrameSent();
 
   HRESULT GetWindowState(BYTE* enabled, LONG* x, LONG* y, const char** colour,
                          BYTE* selected) override;
 
  private:
-  const int settledFrames_;
+  const int stableFrames_;
   mutable std::mutex lock_;
-  Placement placement_;       // guarded by lock_
-  bool pictureSent_ = false;  // guarded by lock_
-  int shownFrames_ = 0;       // guarded by lock_; in a row, with pictures to be shown
-  bool sizeKnown_ = false;    // composition thread only
-  std::string askedColour_;   // composition thread only: what the last answer points to
+  Placement placement_;      // guarded by lock_
+  bool frameSent_ = false;   // guarded by lock_
+  int shownFrames_ = 0;      // guarded by lock_; in a row, with frames to be shown
+  bool sizeKnown_ = false;   // composition thread only
+  std::string askedColour_;  // composition thread only: what the last answer points to
 };
 
 }  // namespace host

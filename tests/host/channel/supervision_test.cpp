@@ -13,8 +13,8 @@
 #include "host/channel/channel_queue.h"
 #include "host/channel/live_timeline.h"
 #include "host/channel/reopen_delay.h"
-#include "host/channel/source/picture_watch.h"
-#include "host/channel/video/picture_meter.h"
+#include "host/channel/source/video_watch.h"
+#include "host/channel/video/frame_meter.h"
 
 namespace host {
 namespace {
@@ -107,7 +107,7 @@ class AlarmMonitorTest : public testing::Test {
     for (const Time end = now_ + length; now_ < end; now_ += kFrame) {
       monitor_.Picture(black, still, now_);
       if (loudest.has_value()) {
-        monitor_.Sound(*loudest, now_);
+        monitor_.Audio(*loudest, now_);
       }
     }
   }
@@ -152,7 +152,7 @@ TEST_F(AlarmMonitorTest, TellsOneFaultByOneAlarm) {
   EXPECT_EQ(changes_.back(), "loss-9000");
 }
 
-TEST_F(AlarmMonitorTest, HearsSilenceAlsoWhenNoSoundComes) {
+TEST_F(AlarmMonitorTest, HearsSilenceAlsoWhenNoAudioComes) {
   monitor_.Opened(AudioAbsence::kNone, now_);
   Run(2 * kSecond, false, false, 0.0011F);
   EXPECT_THAT(changes_, ElementsAre());
@@ -169,15 +169,15 @@ TEST_F(AlarmMonitorTest, HearsSilenceAlsoWhenNoSoundComes) {
   EXPECT_EQ(monitor_.audio(), AudioState::kSilent);
   monitor_.Opened(AudioAbsence::kNotInSource, now_);
   Run(4 * kSecond, false, false, std::nullopt);
-  EXPECT_EQ(changes_.back().substr(0, 8), "silence-") << "a source without sound is not silent";
+  EXPECT_EQ(changes_.back().substr(0, 8), "silence-") << "a source without audio is not silent";
 }
 
-TEST_F(AlarmMonitorTest, CountsPeaksInsteadOfWaitingForSoundThatClipsWithoutABreak) {
+TEST_F(AlarmMonitorTest, CountsPeaksInsteadOfWaitingForAudioThatClipsWithoutABreak) {
   monitor_.Opened(AudioAbsence::kNone, now_);
   const auto peaks = [&](Time length, Time distance, Time each) {
     const Time begun = now_;
     for (const Time end = now_ + length; now_ < end; now_ += kFrame) {
-      monitor_.Sound((now_ - begun) % distance < each ? 1.02F : 0.4F, now_);
+      monitor_.Audio((now_ - begun) % distance < each ? 1.02F : 0.4F, now_);
     }
   };
   peaks(10 * kSecond, kSecond, 5 * kFrame);
@@ -190,17 +190,17 @@ TEST_F(AlarmMonitorTest, CountsPeaksInsteadOfWaitingForSoundThatClipsWithoutABre
 }
 
 // A YV12 picture of 64x48 samples.
-class PictureMeterTest : public testing::Test {
+class FrameMeterTest : public testing::Test {
  protected:
   static constexpr std::size_t kLuma = std::size_t{64} * 48;
 
-  PictureCondition Measure() { return meter_.Measure(picture_.data(), 64, 48); }
+  FrameCondition Measure() { return meter_.Measure(picture_.data(), 64, 48); }
 
-  PictureMeter meter_{{10, -60}};
+  FrameMeter meter_{{10, -60}};
   std::vector<std::uint8_t> picture_ = std::vector<std::uint8_t>(kLuma * 3 / 2, 128);
 };
 
-TEST_F(PictureMeterTest, CallsBlackWhatIsBlackButForALogo) {
+TEST_F(FrameMeterTest, CallsBlackWhatIsBlackButForALogo) {
   const auto isBlack = [&](int luma, std::size_t brightOneIn) {
     for (std::size_t i = 0; i < kLuma; ++i) {
       picture_[i] = static_cast<std::uint8_t>(i % brightOneIn == 0 ? 200 : luma);
@@ -219,7 +219,7 @@ TEST_F(PictureMeterTest, CallsBlackWhatIsBlackButForALogo) {
   EXPECT_FALSE(meter_.Measure(row.data(), kWidth, 2).black);
 }
 
-TEST_F(PictureMeterTest, CallsStillWhatDoesNotMoveAwayFromWhereItStopped) {
+TEST_F(FrameMeterTest, CallsStillWhatDoesNotMoveAwayFromWhereItStopped) {
   EXPECT_FALSE(Measure().still) << "the first one";
   EXPECT_TRUE(Measure().still);
   picture_[130] = 160;  // noise of one pixel
@@ -266,7 +266,7 @@ class LiveTimelineTest : public testing::Test {
     return latest;
   }
 
-  LiveTimeline timeline_{LiveTimeline::For(Pace::kPushed, {25, 1})};
+  LiveTimeline timeline_{LiveTimeline::For(SourceKind::kPush, {25, 1})};
   Time start_ = 7 * kSecond;
   Time now_ = 50 * kSecond;
   Time placed_ = 0;
@@ -311,8 +311,8 @@ TEST_F(LiveTimelineTest, AnchorsASourceAgainWhoseDistanceDoesNotFitAnyMore) {
   start_ += 8 * kSecond;
   Frame(now_);
   EXPECT_NEAR(placed_ - now_, kSecond / 4, kFrame) << "its timestamps leapt";
-  EXPECT_TRUE(timeline_.leapt());
-  LiveTimeline ofFile(LiveTimeline::For(Pace::kStored, LiveTimeline::Settings().frameRate));
+  EXPECT_TRUE(timeline_.jumped());
+  LiveTimeline ofFile(LiveTimeline::For(SourceKind::kFile, LiveTimeline::Settings().frameRate));
   ofFile.Place(0, false, now_);
   EXPECT_EQ(ofFile.Place(8 * kSecond, false, now_), now_ + kSecond / 4 + 8 * kSecond);
 }
@@ -344,12 +344,12 @@ class ChannelQueueTest : public testing::Test {
     queue_.Open();
   }
   void Levels(Time due) { queue_.Push({due, due, 0, ReadyLevels{}}); }
-  void News(Time due) { queue_.Push({due, due, 0, SourceNews{}}); }
+  void News(Time due) { queue_.Push({due, due, 0, SourceEvent{}}); }
   // "40" for levels or frames due at 40, "news 40".
   std::vector<std::string> Taken() {
     std::vector<std::string> taken;
     while (const auto item = queue_.Take(0)) {
-      taken.push_back((std::holds_alternative<SourceNews>(item->content) ? "news " : "") +
+      taken.push_back((std::holds_alternative<SourceEvent>(item->content) ? "news " : "") +
                       std::to_string(item->due));
     }
     return taken;
@@ -361,10 +361,10 @@ class ChannelQueueTest : public testing::Test {
 
 TEST_F(ChannelQueueTest, NoKindWaitsForAnother) {
   Levels(90);
-  queue_.Push({10, 10, 0, ReadyPicture{}});
+  queue_.Push({10, 10, 0, ReadyFrame{}});
   now_ = 20;
   EXPECT_THAT(Taken(), ElementsAre("10"));
-  queue_.Push({15, 15, 0, ReadyPicture{}});
+  queue_.Push({15, 15, 0, ReadyFrame{}});
   News(15);
   EXPECT_THAT(Taken(), ElementsAre("15", "news 15")) << "in the order in which they came";
 }
@@ -395,10 +395,10 @@ TEST_F(ChannelQueueTest, ABoundOnEveryKindAndAReaderThatWaits) {
   EXPECT_TRUE(queue_.WaitForRoom());
 }
 
-TEST(PictureWatchTest, CountsOnlyTheTimeOfReading) {
+TEST(VideoWatchTest, CountsOnlyTheTimeOfReading) {
   using std::chrono::seconds;
-  PictureWatch watch(seconds(5), std::chrono::milliseconds(40));
-  PictureWatch::Clock::time_point now{};
+  VideoWatch watch(seconds(5), std::chrono::milliseconds(40));
+  VideoWatch::Clock::time_point now{};
   watch.BeginReading(now);
   EXPECT_FALSE(watch.Expired(now + seconds(4)));
   watch.EndReading(now += seconds(4));
@@ -407,7 +407,7 @@ TEST(PictureWatchTest, CountsOnlyTheTimeOfReading) {
   EXPECT_TRUE(watch.Expired(now + seconds(1)));
   watch.Picture(now);
   EXPECT_FALSE(watch.Expired(now + seconds(4)));
-  PictureWatch slow(seconds(5), seconds(10));
+  VideoWatch slow(seconds(5), seconds(10));
   slow.BeginReading(now);
   EXPECT_FALSE(slow.Expired(now + seconds(39))) << "one picture in ten seconds";
 }
@@ -419,8 +419,8 @@ TEST(ReopenDelayTest, GrowsWithFailuresInARowAndIsSpread) {
   bool differs = false;
   for (int i = 0; i < 10; ++i) {
     const auto each = delay.AfterFailure();
-    EXPECT_GE(each, ReopenDelay::kShortest);
-    EXPECT_LE(each, ReopenDelay::kLongest);
+    EXPECT_GE(each, ReopenDelay::kMin);
+    EXPECT_LE(each, ReopenDelay::kMax);
     longest = std::max(longest, each);
     differs = differs || each != other.AfterFailure();
   }

@@ -154,7 +154,7 @@ TEST(Probe, SaysWhatASourceCarriesAndWhatAWallDoesWithIt) {
   EXPECT_THAT(text.out, HasSubstr("(PQ, BT.2020)"));
   EXPECT_THAT(text.out, HasSubstr("is tone-mapped to BT.709, from 1000 cd/m2"));
   EXPECT_THAT(text.out, HasSubstr("pictures are thinned to 25 a second"));
-  EXPECT_THAT(text.out, HasSubstr("sound is encoded to AAC"));
+  EXPECT_THAT(text.out, HasSubstr("audio is encoded to AAC"));
   EXPECT_THAT(text.out, HasSubstr("black bars left and right"));
 
   const auto json = nlohmann::json::parse(RunReal({"probe", folder / "a.mkv", "--json"}).out);

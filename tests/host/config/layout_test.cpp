@@ -15,7 +15,7 @@ TEST(Layout, KeepsWindowsAndLabelsApartInsideTheCanvasForEveryCount) {
     canvas.width = width;
     canvas.height = height;
     canvas.aspect = Reduced({width, height});
-    for (std::size_t count = 1; count <= kMostChannels; ++count) {
+    for (std::size_t count = 1; count <= kMaxChannels; ++count) {
       const auto windows = LayOutWindows(canvas, {}, count, true);
       ASSERT_TRUE(windows) << width << " " << count;
       ASSERT_EQ(windows->size(), count);

@@ -18,12 +18,12 @@ extern "C" {
 #include <libavformat/avio.h>
 }
 
+#include "host/output/encoder_thread.h"
 #include "host/output/output.h"
 #include "host/output/output_set.h"
-#include "host/output/picture_encoder.h"
 #include "tests/host/clips.h"
 #include "tests/host/observers.h"
-#include "tests/host/output/pass_fixture.h"
+#include "tests/host/output/output_session_fixture.h"
 #include "tests/support/foreign_sample.h"
 
 namespace host {
@@ -52,17 +52,17 @@ class FileSizeLimit {
   rlimit former_{};
 };
 
-class OutputFailureTest : public PassTest {
+class OutputFailureTest : public OutputSessionTest {
  protected:
-  OutputFailureTest() : PassTest("wall.ts") {}
+  OutputFailureTest() : OutputSessionTest("wall.ts") {}
 
   Output::Settings Settings(const std::string& url = "") {
     Output::Settings settings;
-    settings.pass = settings_;
-    settings.pass.formatLimit = 0;
-    settings.pass.muxer.url = url.empty() ? settings_.muxer.url : url;
-    settings.pass.muxer.isPaced = settings.live = true;
-    settings.firstDelay = settings.longestDelay = milliseconds(2);
+    settings.session = settings_;
+    settings.session.formatLimit = 0;
+    settings.session.muxer.url = url.empty() ? settings_.muxer.url : url;
+    settings.session.muxer.isPaced = settings.live = true;
+    settings.minDelay = settings.maxDelay = milliseconds(2);
     return settings;
   }
   // Frames, until something is the case.
@@ -112,7 +112,7 @@ TEST_F(OutputFailureTest, AnAddressThatCannotBeReachedIsNotOpenBetweenTwoFailure
 
 TEST_F(OutputFailureTest, DatagramsMayLeaveWhenTheLimitOfTheirWriteIsOver) {
   Output::Settings settings = Settings("udp://127.0.0.1:9");
-  settings.pass.muxer.writeLimit = milliseconds(0);
+  settings.session.muxer.writeLimit = milliseconds(0);
   Output output(settings, encoder_.parameters(), &observer_, nullptr);
   FeedUntil(output, "a second is written", [&] { return output.counters().of(-1).written > 25; });
   EXPECT_THAT(observer_.failures(), testing::IsEmpty());
@@ -131,9 +131,9 @@ TEST_F(OutputFailureTest, AListenerKeepsItsPortHoweverLateItsViewerIs) {
       {"srt://127.0.0.1:18733?mode=listener", "srt://127.0.0.1:18733", {}}};
   for (const Case& each : cases) {
     Output::Settings settings = Settings(each.url);
-    settings.pass.muxer.format = "mpegts";
-    settings.pass.muxer.options = each.options;
-    settings.pass.muxer.openLimit = milliseconds(30);
+    settings.session.muxer.format = "mpegts";
+    settings.session.muxer.options = each.options;
+    settings.session.muxer.openLimit = milliseconds(30);
     OutputLog observer;
     Output output(settings, encoder_.parameters(), &observer, nullptr);
     FeedUntil(output, "many limits", [&, since = std::chrono::steady_clock::now()] {
@@ -202,15 +202,15 @@ TEST(VideoEncoder, CanBeClosedWithoutAFrame) {
   }
 }
 
-TEST(PictureEncoder, IsOpenedAgainAfterAFailureAndBeginsWithAKeyframe) {
+TEST(EncoderThread, IsOpenedAgainAfterAFailureAndBeginsWithAKeyframe) {
   for (const bool live : {true, false}) {
-    PictureEncoder::Settings settings;
+    EncoderThread::Settings settings;
     settings.encoder.width = 96;
     settings.encoder.height = 64;
     settings.encoder.lowDelay = true;
     settings.live = live;
-    settings.firstDelay = milliseconds(0);
-    PictureEncoder encoder(settings, nullptr);
+    settings.minDelay = milliseconds(0);
+    EncoderThread encoder(settings, nullptr);
     std::vector<std::string> heard;  // of the encoder's thread
     encoder.Add({[&](const AVPacket& packet) {
                    heard.emplace_back((packet.flags & AV_PKT_FLAG_KEY) != 0 ? "key" : "frame");

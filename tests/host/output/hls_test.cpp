@@ -5,16 +5,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/host/output/pass_fixture.h"
+#include "tests/host/output/output_session_fixture.h"
 
 namespace host {
 namespace {
 
 using testing::HasSubstr;
 
-class HlsTest : public PassTest {
+class HlsTest : public OutputSessionTest {
  protected:
-  HlsTest() : PassTest("wall.m3u8") {
+  HlsTest() : OutputSessionTest("wall.m3u8") {
     settings_.keyFrameInterval = kSecond / 5;
     sinceStart_ = kSecond;
   }
@@ -37,7 +37,7 @@ class HlsTest : public PassTest {
     return playlist;
   }
   // Frames, with audio of the first channel from one of them to another.
-  void Feed(OutputPass& pass, int frames, int firstSilent, int lastSilent) {
+  void Feed(OutputSession& session, int frames, int firstSilent, int lastSilent) {
     constexpr Time kPacket = 1024 * kSecond / 48'000;
     for (int i = 0; i < frames; ++i) {
       for (; audio_ < i * 400'000; audio_ += kPacket) {
@@ -46,10 +46,10 @@ class HlsTest : public PassTest {
           av_new_packet(packet.get(), 300);
           packet->pts = packet->dts = audio_;
           packet->duration = kPacket;
-          pass.Take({0, std::move(packet), 0});
+          session.Take({0, std::move(packet), 0});
         }
       }
-      TakeFrame(pass, i);
+      TakeFrame(session, i);
     }
   }
 
@@ -58,9 +58,9 @@ class HlsTest : public PassTest {
 
 TEST_F(HlsTest, GapsOfAChannelLeaveNoShortSegments) {
   OutputCounters counters(2);
-  OutputPass pass(settings_, *video_, counters, Owner());
-  Feed(pass, 20 * 25, 3 * 25 + 10, 12 * 25);
-  pass.Finish();
+  OutputSession session(settings_, *video_, counters, Owner());
+  Feed(session, 20 * 25, 3 * 25 + 10, 12 * 25);
+  session.Finish();
   for (const char* const name : {"wall_video.m3u8", "wall_sound1.m3u8", "wall_sound2.m3u8"}) {
     SCOPED_TRACE(name);
     Playlist playlist = Read(name);
@@ -74,7 +74,7 @@ TEST_F(HlsTest, APlaylistThatFailedIsContinuedUnderOtherNames) {
   const std::vector<std::string> names = {"wall_video.m3u8", "wall_sound1.m3u8"};
   OutputCounters counters(2);
   {
-    OutputPass failed(settings_, *video_, counters, Owner());
+    OutputSession failed(settings_, *video_, counters, Owner());
     Feed(failed, 7 * 25, 0, -1);
   }
   for (const std::string& name : names) {
@@ -83,7 +83,7 @@ TEST_F(HlsTest, APlaylistThatFailedIsContinuedUnderOtherNames) {
     EXPECT_THAT(before.back().text, testing::Not(HasSubstr("ENDLIST"))) << name;
   }
   VideoEncoder next(Video(kSecond / 5));
-  OutputPass again(settings_, *video_, counters, Owner());
+  OutputSession again(settings_, *video_, counters, Owner());
   for (int i = 0; i < 5 * 25; ++i) {
     const support::Yv12Buffer picture(96, 64);
     next.Encode(picture.bytes(), i * 400'000, [&](ffmpeg::Packet packet) {

@@ -71,7 +71,7 @@ TEST(VideoEncoder, KeepsPicturesTimesAndColoursThroughAFile) {
   ASSERT_EQ(content.pictures.size(), 29U);
   for (int i = 0; i < 29; ++i) {
     const int step = i < 11 ? i : i + 1;
-    const VideoPicture& picture = content.pictures[static_cast<std::size_t>(i)];
+    const DecodedFrame& picture = content.pictures[static_cast<std::size_t>(i)];
     EXPECT_EQ(picture.start - content.pictures[0].start, step * 400'000);
     const support::Colour colour = Moment(step).At(48, 32);
     EXPECT_NEAR(picture.frame->data[0][32 * picture.frame->linesize[0] + 48], colour.y, 2) << i;

@@ -31,7 +31,7 @@ TrackPacket Picture(int number, bool key) {
   return {TrackPacket::kVideo, PacketAt(number * 40 * kMillisecond, 40 * kMillisecond, 1000, key),
           0};
 }
-TrackPacket Sound(Time time) {
+TrackPacket Audio(Time time) {
   return {0, PacketAt(time), 0};
 }
 
@@ -66,7 +66,7 @@ TEST(PacketQueue, LetsARendererWaitUntilThereIsRoomOrItIsClosed) {
 TEST(PacketQueue, MeasuresItsLengthByTheVideoAndCountsWhatItDrops) {
   OutputCounters counters{1};
   PacketQueue queue({1'000'000, 10 * 40 * kMillisecond}, counters);
-  queue.PushDropping(Sound(-20 * kSecond));
+  queue.PushDropping(Audio(-20 * kSecond));
   for (int i = 0; i < 9; ++i) {
     EXPECT_EQ(queue.PushDropping(Picture(i, i % 5 == 0)), Pushed::kKept);
   }
@@ -90,7 +90,7 @@ TEST(PacketQueue, MeasuresItsLengthByTheVideoAndCountsWhatItDrops) {
                                        {5, Pushed::kKept}}) {
     EXPECT_EQ(small.PushDropping(Picture(number, number % 5 == 0)), pushed) << number;
     if (number == 4) {
-      EXPECT_EQ(small.PushDropping(Sound(5)), Pushed::kRefused);
+      EXPECT_EQ(small.PushDropping(Audio(5)), Pushed::kRefused);
     }
   }
   EXPECT_EQ(TimesIn(small, TrackPacket::kVideo), (std::vector<Time>{200}));
@@ -101,7 +101,7 @@ TEST(PacketQueue, SkipsToTheNewestKeyframeWithItsAudio) {
   PacketQueue queue({1'000'000, 8 * kSecond}, counters);
   EXPECT_FALSE(queue.SkipToNewestKeyframe());
   for (int i = 0; i < 12; ++i) {
-    queue.PushDropping(Sound(i * 40 * kMillisecond + kSecond / 5));
+    queue.PushDropping(Audio(i * 40 * kMillisecond + kSecond / 5));
     queue.PushDropping(Picture(i, i % 5 == 0));
   }
   EXPECT_TRUE(queue.SkipToNewestKeyframe());

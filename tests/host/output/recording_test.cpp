@@ -14,7 +14,7 @@ extern "C" {
 #include "host/ffmpeg/error.h"
 #include "host/output/recording_files.h"
 #include "tests/host/clips.h"
-#include "tests/host/output/pass_fixture.h"
+#include "tests/host/output/output_session_fixture.h"
 #include "tests/support/temporary_folder.h"
 
 namespace host {
@@ -62,27 +62,27 @@ TEST(FilePattern, HoldsDateAndTime) {
   EXPECT_EQ(config::PatternMistake("%F.mkv"), std::nullopt);
 }
 
-class OutputPassTest : public PassTest, public testing::WithParamInterface<const char*> {
+class ContainerTest : public OutputSessionTest, public testing::WithParamInterface<const char*> {
  protected:
-  OutputPassTest() : PassTest(std::string("wall.") + GetParam()) {}
+  ContainerTest() : OutputSessionTest(std::string("wall.") + GetParam()) {}
 };
 
 // In every container, so that players find in each track what was announced.
-TEST_P(OutputPassTest, BeginsInTimeWithoutAChannelWhoseTrackIsSilentUntilItComes) {
+TEST_P(ContainerTest, BeginsInTimeWithoutAChannelWhoseTrackIsSilentUntilItComes) {
   OutputCounters counters(2);
-  OutputPass pass(settings_, *video_, counters, Owner());
-  TakeFrame(pass, 0);
+  OutputSession session(settings_, *video_, counters, Owner());
+  TakeFrame(session, 0);
   sinceStart_ = 650 * kMillisecond;
-  TakeFrame(pass, 1);
-  EXPECT_FALSE(pass.started()) << "the next frame is in time as well";
+  TakeFrame(session, 1);
+  EXPECT_FALSE(session.started()) << "the next frame is in time as well";
   sinceStart_ = 670 * kMillisecond;
-  TakeFrame(pass, 2);
-  EXPECT_TRUE(pass.started()) << "the next frame would be late";
-  EXPECT_EQ(settings_.tracks[1].audio->state(), AudioTrack::State::kSettled);
+  TakeFrame(session, 2);
+  EXPECT_TRUE(session.started()) << "the next frame would be late";
+  EXPECT_EQ(settings_.tracks[1].audio->state(), AudioTrack::State::kFixed);
   for (int i = 3; i < 50; ++i) {
-    TakeFrame(pass, i);
+    TakeFrame(session, i);
   }
-  pass.Finish();
+  session.Finish();
   EXPECT_EQ(opened_, 1);
 
   const bool isHls = GetParam() == std::string("m3u8");
@@ -110,23 +110,23 @@ TEST_P(OutputPassTest, BeginsInTimeWithoutAChannelWhoseTrackIsSilentUntilItComes
   }
 }
 
-class FlvTest : public PassTest {
+class FlvTest : public OutputSessionTest {
  protected:
-  FlvTest() : PassTest("wall.flv") { settings_.tracks.clear(); }
+  FlvTest() : OutputSessionTest("wall.flv") { settings_.tracks.clear(); }
 };
 
 TEST_F(FlvTest, BeginsAgainBeforeItsTimestampsEnd) {
   constexpr int kDay = 24 * 3600 * 25;  // frames
   RecordingFiles files(settings_.muxer.url, Existing::kKept);
-  OutputPass::Owner owner = Owner();
+  OutputSession::Owner owner = Owner();
   owner.files = &files;
   OutputCounters counters(0);
-  OutputPass pass(settings_, *video_, counters, owner);
+  OutputSession session(settings_, *video_, counters, owner);
   for (int day = 0; day < 50; ++day) {
-    TakeFrame(pass, day * kDay);
-    TakeFrame(pass, day * kDay + 1);
+    TakeFrame(session, day * kDay);
+    TakeFrame(session, day * kDay + 1);
   }
-  pass.Finish();
+  session.Finish();
   EXPECT_EQ(opened_, 3);
   EXPECT_EQ(counters.of(OutputCounters::kVideo).written, 100U);
   for (const char* const name : {"wall.flv", "wall-2.flv"}) {
@@ -138,7 +138,7 @@ TEST_F(FlvTest, BeginsAgainBeforeItsTimestampsEnd) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Containers, OutputPassTest, testing::Values("mkv", "mp4", "ts", "m3u8"),
+INSTANTIATE_TEST_SUITE_P(Containers, ContainerTest, testing::Values("mkv", "mp4", "ts", "m3u8"),
                          [](const auto& test) { return std::string(test.param); });
 
 }  // namespace

@@ -1,7 +1,7 @@
 // What stream analysers ask of a transport stream, by the project's own.
 #include <gtest/gtest.h>
 
-#include "tests/host/output/pass_fixture.h"
+#include "tests/host/output/output_session_fixture.h"
 #include "tests/support/child_process.h"
 
 namespace host {
@@ -13,18 +13,18 @@ std::string Analyse(const std::string& source) {
   return analyser.ReadLine().value_or("the analyser did not run");
 }
 
-class TransportStreamTest : public PassTest,
+class TransportStreamTest : public OutputSessionTest,
                             public testing::WithParamInterface<std::pair<bool, int>> {
  protected:
   static constexpr std::size_t kChannels = 36;
 
-  TransportStreamTest() : PassTest("wall.ts", 2 * kSecond) {
+  TransportStreamTest() : OutputSessionTest("wall.ts", 2 * kSecond) {
     settings_.muxer.lowDelay = GetParam().first;
     settings_.frameRate = {25, GetParam().second};
     settings_.tracks.clear();
     for (std::size_t i = 0; i < kChannels; ++i) {
       settings_.tracks.push_back({"channel", "deu", false, std::make_shared<AudioTrack>()});
-      settings_.tracks[i].audio->Settle(AacFormat(48'000, 2, ""));
+      settings_.tracks[i].audio->Fix(AacFormat(48'000, 2, ""));
     }
   }
 };
@@ -37,10 +37,10 @@ TEST_P(TransportStreamTest, HasTimeForItsDecodersAndItsTablesAndClocksInTime) {
                     : GetParam().first ? 90 * kMillisecond
                                        : 490 * kMillisecond;
   OutputCounters counters(kChannels);
-  OutputPass pass(settings_, *video_, counters, Owner());
+  OutputSession session(settings_, *video_, counters, Owner());
   std::int64_t audio = 0;
   for (int i = 0; i < 150; ++i) {
-    TakeFrame(pass, i * frames);
+    TakeFrame(session, i * frames);
     for (; audio * kFrame < Time{i} * frames * 400'000; ++audio) {
       for (const int channel : {0, 1}) {
         ffmpeg::Packet packet = ffmpeg::MakePacket();
@@ -48,11 +48,11 @@ TEST_P(TransportStreamTest, HasTimeForItsDecodersAndItsTablesAndClocksInTime) {
         packet->pts = packet->dts =
             audio * kFrame + (channel == 0 ? 40 * kMillisecond - late : kSecond);
         packet->duration = kFrame;
-        pass.Take({channel, std::move(packet), 0});
+        session.Take({channel, std::move(packet), 0});
       }
     }
   }
-  pass.Finish();
+  session.Finish();
   EXPECT_GT(counters.of(0).written, 100U);
   const std::string findings = Analyse(settings_.muxer.url);
   EXPECT_NE(findings.find("\"streams\": 37,"), std::string::npos) << findings;

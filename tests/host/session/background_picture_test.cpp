@@ -20,7 +20,7 @@ TEST(BackgroundPicture, CoversTheCanvasWithAFileOfAnyShape) {
        {"1:1", "1:6000", "30000:1", "3:2", "333:217", "2:16000", "40:30,setsar=10000",
         "30:40,setsar=1/10000", "65000:2,format=pal8", "51:33,format=monob"}) {
     ClipRecipe recipe = SmallClip();
-    recipe.sound.clear();
+    recipe.audio.clear();
     recipe.pictures = "color=white:size=64x64:rate=1,format=rgb24,scale=" + std::string(shape);
     recipe.videoCodec = "png";
     const auto picture =

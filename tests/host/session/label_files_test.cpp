@@ -25,9 +25,9 @@ TEST_F(LabelFileTest, GivesEachTextOnceItStands) {
   EXPECT_EQ(file_.Look(), std::nullopt);
   Write("");
   EXPECT_EQ(file_.Look(), std::nullopt) << "emptied, to be written again";
-  Write(std::string(10 * host::LabelFile::kLongest, 'x'));
+  Write(std::string(10 * host::LabelFile::kMax, 'x'));
   EXPECT_EQ(file_.Look(), std::nullopt);
-  EXPECT_EQ(file_.Look()->size(), host::LabelFile::kLongest);
+  EXPECT_EQ(file_.Look()->size(), host::LabelFile::kMax);
   std::filesystem::remove(path_);
   EXPECT_EQ(file_.Look(), std::nullopt);
   EXPECT_EQ(file_.Look(), std::nullopt) << "the last text stays";

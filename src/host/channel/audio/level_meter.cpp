@@ -58,7 +58,7 @@ void LevelMeter::EndFrame(const Sink& sink) {
 
 void LevelMeter::Push(std::span<const float* const> planes, int samples, int rate, Time start,
                       const Sink& sink) {
-  const int channels = std::min(static_cast<int>(planes.size()), kMostMeterChannels);
+  const int channels = std::min(static_cast<int>(planes.size()), kMaxMeterChannels);
   if (channels < 1 || samples < 1 || rate < 1) {
     return;
   }

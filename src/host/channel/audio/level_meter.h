@@ -42,7 +42,7 @@ class LevelMeter {
   // frame at hand.
   void Push(std::span<const float* const> planes, int samples, int rate, Time start,
             const Sink& sink);
-  // The end of the sound: gives the reading of the frame that is not full yet.
+  // The end of the audio: gives the reading of the frame that is not full yet.
   void Finish(const Sink& sink);
 
  private:
@@ -53,9 +53,9 @@ class LevelMeter {
   std::optional<std::int64_t> frame_;  // under way, counted on the grid
   bool measured_ = false;              // samples have come in this frame
   int channels_ = 0;
-  std::array<float, kMostMeterChannels> level_{};
-  std::array<float, kMostMeterChannels> peak_{};
-  std::array<Time, kMostMeterChannels> peakStart_{};
+  std::array<float, kMaxMeterChannels> level_{};
+  std::array<float, kMaxMeterChannels> peak_{};
+  std::array<Time, kMaxMeterChannels> peakStart_{};
   std::optional<Time> lastReading_;
 };
 

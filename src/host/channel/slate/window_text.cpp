@@ -22,7 +22,7 @@ constexpr int kLargestFont = 48;
 constexpr int kMeterShare = 10;
 
 struct Planes {
-  explicit Planes(const WindowPicture& picture)
+  explicit Planes(const WindowPixels& picture)
       : y(picture.pixels.data()),
         v(y + static_cast<std::ptrdiff_t>(picture.width) * picture.height),
         u(v + static_cast<std::ptrdiff_t>(picture.width) * picture.height / 4) {}
@@ -39,7 +39,7 @@ struct Area {
   int height = 0;
 };
 
-void Fill(const WindowPicture& picture, const Area& area, Colour colour) {
+void Fill(const WindowPixels& picture, const Area& area, Colour colour) {
   const Planes planes(picture);
   for (int row = area.y; row < area.y + area.height; ++row) {
     std::memset(planes.y + static_cast<std::ptrdiff_t>(row) * picture.width + area.x, colour.y,
@@ -53,7 +53,7 @@ void Fill(const WindowPicture& picture, const Area& area, Colour colour) {
 }
 
 // A quarter of the picture shines through.
-void Darken(const WindowPicture& picture, const Area& area) {
+void Darken(const WindowPixels& picture, const Area& area) {
   const Planes planes(picture);
   for (int row = area.y; row < area.y + area.height; ++row) {
     std::uint8_t* const line = planes.y + static_cast<std::ptrdiff_t>(row) * picture.width + area.x;
@@ -71,7 +71,7 @@ void Darken(const WindowPicture& picture, const Area& area) {
   }
 }
 
-void DrawMask(const WindowPicture& picture, const TextMask& mask, int x, int y) {
+void DrawMask(const WindowPixels& picture, const TextCoverage& mask, int x, int y) {
   std::uint8_t* const luma = picture.pixels.data();
   for (int row = std::max(0, -y); row < mask.height && y + row < picture.height; ++row) {
     const std::uint8_t* const coverage =
@@ -96,13 +96,13 @@ int FontFor(int height, int share) {
 
 }  // namespace
 
-void WindowText::DrawSlate(const WindowPicture& picture, const std::string& text) {
+void WindowText::DrawSlate(const WindowPixels& picture, const std::string& text) {
   constexpr int kFontShare = 18;
   constexpr int kLineDistance = 8;
   const int left = Even(picture.width / kMeterShare + 1);
   const int room = picture.width - 2 * left;
   Fill(picture, {0, 0, picture.width, picture.height}, kSlate);
-  const TextMask mask =
+  const TextCoverage mask =
       setter_.Set(text, FontFor(picture.height, kFontShare), std::max(room, 1), picture.height);
   const int top = (picture.height - mask.height) / 2;
   for (const int line : {top - kLineDistance - 2, top + mask.height + kLineDistance}) {
@@ -113,7 +113,7 @@ void WindowText::DrawSlate(const WindowPicture& picture, const std::string& text
   DrawMask(picture, mask, (picture.width - mask.width) / 2, top);
 }
 
-void WindowText::DrawCaption(const WindowPicture& picture, const std::string& text) {
+void WindowText::DrawCaption(const WindowPixels& picture, const std::string& text) {
   constexpr int kFontShare = 22;
   constexpr int kPadding = 4;
   const int left = Even(picture.width / kMeterShare + 2);

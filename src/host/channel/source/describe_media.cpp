@@ -54,7 +54,7 @@ std::string NameOrUnknown(const char* name) {
   return name != nullptr ? name : "unknown";
 }
 
-Pace PaceOf(const AVFormatContext& input) {
+SourceKind SourceKindOf(const AVFormatContext& input) {
   // These keep their sockets to themselves; "rtp" and "sdp" are the same without a session.
   static constexpr std::array<std::string_view, 3> kOwnSockets = {"rtsp", "rtp", "sdp"};
   static constexpr std::array<std::string_view, 5> kDatagrams = {"udp", "udplite", "rtp", "srtp",
@@ -65,12 +65,12 @@ Pace PaceOf(const AVFormatContext& input) {
   const char* const protocol = input.url != nullptr ? avio_find_protocol_name(input.url) : nullptr;
   if (contains(kOwnSockets, input.iformat->name) ||
       (protocol != nullptr && contains(kDatagrams, protocol))) {
-    return Pace::kPushed;
+    return SourceKind::kPush;
   }
   // The list of a live HLS source is a file that can be sought in; the source is not.
   const bool isFile = input.pb != nullptr && (input.pb->seekable & AVIO_SEEKABLE_NORMAL) != 0 &&
                       (input.ctx_flags & AVFMTCTX_UNSEEKABLE) == 0;
-  return isFile ? Pace::kStored : Pace::kPulled;
+  return isFile ? SourceKind::kFile : SourceKind::kPull;
 }
 
 }  // namespace
@@ -81,7 +81,7 @@ MediaInfo DescribeMedia(const AVFormatContext& input) {
   if (input.duration != AV_NOPTS_VALUE && input.duration > 0) {
     info.length = av_rescale(input.duration, kSecond, AV_TIME_BASE);
   }
-  info.pace = PaceOf(input);
+  info.kind = SourceKindOf(input);
   info.serviceName = ServiceName(input);
   for (unsigned i = 0; i < input.nb_streams; ++i) {
     if (input.streams[i]->codecpar->codec_type == AVMEDIA_TYPE_AUDIO) {

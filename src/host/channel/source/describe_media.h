@@ -20,7 +20,7 @@ MediaInfo DescribeMedia(const AVFormatContext& input);
 VideoInfo DescribeVideo(AVFormatContext& input, AVStream& stream);
 AudioInfo DescribeAudio(const AVStream& stream);
 
-// A picture that a file carries for its list of contents: no video, although FFmpeg counts it as
+// A frame that a file carries for its list of contents: no video, although FFmpeg counts it as
 // some.
 bool IsCoverArt(const AVStream& stream);
 
@@ -36,7 +36,7 @@ int ChooseAudioStream(const AVFormatContext& input, std::size_t track, const std
 std::optional<Orientation> AnnouncedOrientation(const AVFrame& frame);
 std::optional<Orientation> AnnouncedOrientation(const AVStream& stream);
 
-// After how long the time stamps of the stream begin again from 0; 0: never.
+// After how long the timestamps of the stream begin again from 0; 0: never.
 Time WrapPeriod(const AVStream& stream);
 
 }  // namespace host

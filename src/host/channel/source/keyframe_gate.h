@@ -23,13 +23,13 @@ namespace host {
 //    can begin with are good.
 //  - Other codecs are judged by their packets in the same way.
 // Streams that have neither keyframes nor recovery points are refreshed all the same: after
-// kLongestWait of them (or kMostPackets, when their timestamps stand still) everything is shown.
+// kMaxWait of them (or kMaxPackets, when their timestamps stand still) everything is shown.
 //
 // Owned by one decoder; its thread.
 class KeyframeGate {
  public:
-  static constexpr Time kLongestWait = 12 * kSecond;  // keyframes are up to ten seconds apart
-  static constexpr int kMostPackets = 1500;
+  static constexpr Time kMaxWait = 12 * kSecond;  // keyframes are up to ten seconds apart
+  static constexpr int kMaxPackets = 1500;
 
   explicit KeyframeGate(AVCodecID codec) : marksKeyframes_(MarksKeyframes(codec)) {}
 
@@ -45,7 +45,7 @@ class KeyframeGate {
     ++packets_;
     std::int64_t waited = 0;
     const bool isAbsurd = __builtin_sub_overflow(time, first_, &waited);
-    isOverdue_ = packets_ >= kMostPackets || isAbsurd || waited >= kLongestWait;
+    isOverdue_ = packets_ >= kMaxPackets || isAbsurd || waited >= kMaxWait;
     if (!key_ && (packet.flags & AV_PKT_FLAG_KEY) != 0) {
       key_ = packet.pts != AV_NOPTS_VALUE ? packet.pts : time;
     }

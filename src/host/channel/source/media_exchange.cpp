@@ -17,7 +17,7 @@ extern "C" {
 namespace host {
 namespace {
 
-// A successor begins with the oldest segment of a list: the reader is somewhere in it.
+// A replacement begins with the oldest segment of a list: the reader is somewhere in it.
 constexpr const char* kFirstSegment = "live_start_index";
 constexpr const char* kOldest = "-1000";
 
@@ -39,22 +39,22 @@ bool IsFromMp4(const AVStream& stream) {
 // FFmpeg's demuxer of MP4 keeps an index entry of every packet.
 void MediaReader::WatchIndex() {
   ++packetsOfInput_;
-  if (info_.pace == Pace::kStored || successor_) {
+  if (info_.kind == SourceKind::kFile || replacement_) {
     return;
   }
   if (fragments_) {
     const auto entries = [this](const std::optional<Track>& track) {
       return track ? avformat_index_get_entries_count(input_->streams[track->streamIndex]) : 0;
     };
-    if (std::max(entries(video_), entries(audio_)) >= settings_.mostIndexEntries) {
+    if (std::max(entries(video_), entries(audio_)) >= settings_.maxIndexEntries) {
       fragments_->EndBeforeNextFragment();
     }
     return;
   }
   const Track& track = video_ ? *video_ : *audio_;
-  if (packetsOfInput_ >= settings_.mostIndexEntries && track.latest && HasSegments(*input_) &&
+  if (packetsOfInput_ >= settings_.maxIndexEntries && track.latest && HasSegments(*input_) &&
       IsFromMp4(*input_->streams[track.streamIndex])) {
-    SuccessorInput::Settings settings;
+    ReplacementInput::Settings settings;
     settings.name = address_.name();
     settings.options = address_.OpenOptions(settings_.options);
     if (input_->iformat->name == std::string_view("hls")) {
@@ -67,7 +67,7 @@ void MediaReader::WatchIndex() {
                                       OrdinalOf(*input_, index), *(*each)->latest});
       }
     }
-    successor_.emplace(std::move(settings));
+    replacement_.emplace(std::move(settings));
   }
 }
 
@@ -85,12 +85,12 @@ void MediaReader::ReadOnWithNextDemuxer() {
   }
 }
 
-void MediaReader::AdoptSuccessor() {
-  if (!successor_ || !successor_->ready()) {
+void MediaReader::AdoptReplacement() {
+  if (!replacement_ || !replacement_->ready()) {
     return;
   }
-  std::optional<SuccessorInput::Opened> opened = successor_->Take();
-  successor_.reset();
+  std::optional<ReplacementInput::Opened> opened = replacement_->Take();
+  replacement_.reset();
   packetsOfInput_ = 0;
   if (!opened) {
     return;  // tried again when as many packets have come

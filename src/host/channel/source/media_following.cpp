@@ -40,8 +40,9 @@ void MediaReader::FollowOther(const AVPacket& packet) {
     return;
   }
   if (std::optional<Track>& track = isVideo ? video_ : audio_) {
-    FollowSuccessor(*track, packet);
-  } else if ((isVideo ? settings_.wantVideo : settings_.wantAudio) && info_.pace != Pace::kStored) {
+    FollowReplacement(*track, packet);
+  } else if ((isVideo ? settings_.wantVideo : settings_.wantAudio) &&
+             info_.kind != SourceKind::kFile) {
     AwaitBeginning(stream, packet);
   }
 }
@@ -61,7 +62,7 @@ bool MediaReader::IsWithdrawn(const Track& track) const {
 
 // A stream that the source begins after the opening may take the place of the one that is read, and
 // that one may return.
-void MediaReader::FollowSuccessor(Track& track, const AVPacket& packet) {
+void MediaReader::FollowReplacement(Track& track, const AVPacket& packet) {
   constexpr Time kDefaultPacketDuration = kSecond / 50;
   const int index = packet.stream_index;
   if (static_cast<unsigned>(index) < knownStreams_ && !track.failover.IsChosen(index)) {
@@ -71,7 +72,7 @@ void MediaReader::FollowSuccessor(Track& track, const AVPacket& packet) {
   StreamFailover::Candidacy candidacy;
   candidacy.duration = DurationOf(packet);
   if (candidacy.duration == 0) {
-    candidacy.duration = track.pictureDuration > 0 ? track.pictureDuration : kDefaultPacketDuration;
+    candidacy.duration = track.frameDuration > 0 ? track.frameDuration : kDefaultPacketDuration;
   }
   candidacy.isInWantedLanguage =
       !track.language.empty() && DescribeAudio(stream).language == track.language;
@@ -100,7 +101,7 @@ void MediaReader::AwaitBeginning(AVStream& stream, const AVPacket& packet) {
   if (begins) {
     const bool isVideo = stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
     throw MediaError(MediaError::Kind::kFailed,
-                     std::string(isVideo ? "its video" : "its sound") + " begins", maskedSource_);
+                     std::string(isVideo ? "its video" : "its audio") + " begins", maskedSource_);
   }
 }
 

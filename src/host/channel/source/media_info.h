@@ -18,7 +18,7 @@ struct AudioFormat;
 struct VideoInfo {
   int streamIndex = 0;
   std::string codec;  // FFmpeg's name, for example "h264"
-  int width = 0;      // pixels, as announced; a picture may differ
+  int width = 0;      // pixels, as announced; a frame may differ
   int height = 0;
   Ratio pixelAspect{1, 1};
   Ratio frameRate{0, 1};  // 0/1 when not known
@@ -47,16 +47,16 @@ enum class AudioAbsence {
 };
 
 // Who decides when the next part of a source comes.
-enum class Pace {
-  kStored,  // a file: everything is there already, and it can be sought in
-  kPulled,  // live, but it waits for its reader: HLS, HTTP, RTMP, pipes
-  kPushed,  // live, and lost when it is not read in time: UDP, RTP, RTSP, SRT
+enum class SourceKind {
+  kFile,  // a file: everything is there already, and it can be sought in
+  kPull,  // live, but it waits for its reader: HLS, HTTP, RTMP, pipes
+  kPush,  // live, and lost when it is not read in time: UDP, RTP, RTSP, SRT
 };
 
 struct MediaInfo {
   std::string format;          // FFmpeg's name of the container
   std::optional<Time> length;  // of files
-  Pace pace = Pace::kPulled;
+  SourceKind kind = SourceKind::kPull;
   std::string serviceName;  // of a transport stream's programme, otherwise the title; may be empty
   std::optional<VideoInfo> video;
   std::string noVideoReason;  // why there is no video, otherwise empty
@@ -66,17 +66,17 @@ struct MediaInfo {
   std::vector<AudioInfo> audioTracks;  // all that the source offers
 };
 
-// One decoded picture; its duration is that of a frame of the source.
-struct VideoPicture {
+// One decoded frame; its duration is that of a frame of the source.
+struct DecodedFrame {
   ffmpeg::Frame frame;
   Time start = 0;
   Time duration = 0;
-  bool discontinuity = false;  // the source's time stamps jumped before it
+  bool discontinuity = false;  // the source's timestamps jumped before it
   Orientation orientation;     // of its display matrix
 };
 
-// One compressed audio packet as the source has it. Its own stamps are those of start and duration,
-// in units of 100 ns.
+// One compressed audio packet as the source has it. Its own timestamps are those of start and
+// duration, in units of 100 ns.
 struct AudioPacket {
   ffmpeg::Packet packet;
   Time start = 0;
@@ -95,6 +95,6 @@ struct AudioSamples {
 // The source has ended. Nothing follows.
 struct EndOfMedia {};
 
-using MediaItem = std::variant<VideoPicture, AudioPacket, AudioSamples, EndOfMedia>;
+using MediaItem = std::variant<DecodedFrame, AudioPacket, AudioSamples, EndOfMedia>;
 
 }  // namespace host

@@ -22,9 +22,9 @@ namespace host {
 
 namespace {
 
-constexpr Time kDefaultPictureDuration = 400'000;
-// A longer step forwards in a source whose stamps are known to jump is no gap.
-constexpr Time kLongestGap = 10 * kSecond;
+constexpr Time kDefaultFrameDuration = 400'000;
+// A longer step forwards in a source whose timestamps are known to jump is no gap.
+constexpr Time kMaxGap = 10 * kSecond;
 // To see why a file on a server did not open in time.
 constexpr std::chrono::milliseconds kSecondLook{2000};
 constexpr const char* kSeekable = "seekable";
@@ -133,7 +133,7 @@ void MediaReader::Open() {
     }
     Fail(isLate ? AVERROR_EXIT : error.code(), true);
   }
-  // FFmpeg draws any text file as a terminal would: for a wall that is a wrong path, not a picture.
+  // FFmpeg draws any text file as a terminal would: for a wall that is a wrong path, not a frame.
   if (std::string_view(input_->iformat->name) == "tty") {
     Fail(AVERROR_INVALIDDATA, true);
   }
@@ -203,7 +203,7 @@ void MediaReader::OpenConnection() {
   }
 }
 
-// Sound or video by itself: FFmpeg's own receiver knows some of it without a description.
+// Audio or video by itself: FFmpeg's own receiver knows some of it without a description.
 void MediaReader::OpenOtherRtp() {
   if (address_.isRtp()) {
     try {
@@ -232,12 +232,12 @@ std::optional<ffmpeg::TappedInput::Bytes> MediaReader::Tap(ffmpeg::TappedInput::
 
 void MediaReader::SetOptions(ffmpeg::Options& options, const SourceAddress::Options& wanted) const {
   if (settings_.quick) {
-    // Instead of twenty pictures, which is most of a second.
+    // Instead of twenty frames, which is most of a second.
     options.Set("fpsprobesize", "3");
   }
   if (settings_.quick && address_.isRemote()) {
     // Instead of five seconds or seven, when a stream is announced of which nothing comes; longer
-    // than mostly between two pictures that one can begin with.
+    // than mostly between two frames that one can begin with.
     options.Set("analyzeduration", "2500000");  // microseconds
   }
   for (const auto& [key, value] : wanted) {
@@ -271,9 +271,9 @@ void MediaReader::StartTrack(std::optional<Track>& track, int streamIndex, std::
   stream.discard = AVDISCARD_DEFAULT;
 }
 
-// Sound of a live source of which nothing has come yet that would show its form.
+// Audio of a live source of which nothing has come yet that would show its form.
 bool MediaReader::IsAwaited(const AVStream& stream) const {
-  return info_.pace != Pace::kStored && stream.codecpar->codec_type == AVMEDIA_TYPE_AUDIO &&
+  return info_.kind != SourceKind::kFile && stream.codecpar->codec_type == AVMEDIA_TYPE_AUDIO &&
          stream.codecpar->sample_rate <= 0;
 }
 
@@ -281,8 +281,8 @@ void MediaReader::ChooseTracks() {
   info_ = DescribeMedia(*input_);
   knownStreams_ = input_->nb_streams;
   const bool mayJump =
-      (input_->iformat->flags & AVFMT_TS_DISCONT) != 0 || info_.pace != Pace::kStored;
-  clock_.emplace(mayJump ? std::optional(kLongestGap) : std::nullopt,
+      (input_->iformat->flags & AVFMT_TS_DISCONT) != 0 || info_.kind != SourceKind::kFile;
+  clock_.emplace(mayJump ? std::optional(kMaxGap) : std::nullopt,
                  ffmpeg::ToTime(input_->start_time, AV_TIME_BASE_Q));
   for (unsigned i = 0; i < input_->nb_streams; ++i) {
     input_->streams[i]->discard = AVDISCARD_ALL;
@@ -296,9 +296,9 @@ void MediaReader::ChooseTracks() {
     if (video_) {
       info_.noVideoReason.clear();
       info_.video = DescribeVideo(*input_, stream);
-      video_->pictureDuration = info_.video->frameRate.positive()
-                                    ? FrameDuration(info_.video->frameRate)
-                                    : kDefaultPictureDuration;
+      video_->frameDuration = info_.video->frameRate.positive()
+                                  ? FrameDuration(info_.video->frameRate)
+                                  : kDefaultFrameDuration;
     }
   }
 
@@ -325,13 +325,13 @@ void MediaReader::ChooseTracks() {
   for (unsigned i = 0; i < input_->nb_streams && settings_.wantAudio && !audio_; ++i) {
     if (IsAwaited(*input_->streams[i])) {
       input_->streams[i]->discard = AVDISCARD_DEFAULT;
-      info_.noAudioReason = "its sound has not begun";
+      info_.noAudioReason = "its audio has not begun";
       info_.audioAbsence = AudioAbsence::kNotStarted;
     }
   }
 
-  if (video_ && info_.pace != Pace::kStored) {
-    watch_.emplace(settings_.readLimit, std::chrono::microseconds(video_->pictureDuration / 10));
+  if (video_ && info_.kind != SourceKind::kFile) {
+    watch_.emplace(settings_.readLimit, std::chrono::microseconds(video_->frameDuration / 10));
   }
 
   if (!video_ && !audio_) {

@@ -15,14 +15,14 @@
 #include "host/channel/source/item_times.h"
 #include "host/channel/source/media_error.h"
 #include "host/channel/source/media_info.h"
-#include "host/channel/source/picture_watch.h"
-#include "host/channel/source/program_map_watch.h"
+#include "host/channel/source/pmt_monitor.h"
+#include "host/channel/source/replacement_input.h"
 #include "host/channel/source/rtp_receiver.h"
 #include "host/channel/source/source_address.h"
 #include "host/channel/source/source_clock.h"
 #include "host/channel/source/stream_decoder.h"
 #include "host/channel/source/stream_failover.h"
-#include "host/channel/source/successor_input.h"
+#include "host/channel/source/video_watch.h"
 #include "host/ffmpeg/fragmented_input.h"
 #include "host/ffmpeg/handles.h"
 #include "host/ffmpeg/io_deadline.h"
@@ -33,8 +33,8 @@
 namespace host {
 
 // Gives the best video and the wanted audio of a source, item by item, in the order of the source:
-// decoded pictures, compressed audio packets, and after each packet its decoded samples. All times
-// are on one clock that starts near 0 and goes on through wraps, jumps and repeats (SourceClock).
+// decoded frames, compressed audio packets, and after each packet its decoded samples. All times
+// are on one clock that starts near 0 and continues through wraps, jumps and repeats (SourceClock).
 //
 // Owned by its channel. Open and Read block, up to the limits of the settings, and belong to one
 // thread; Cancel may be called by any thread at any time, also during Open, and makes the blocking
@@ -44,7 +44,7 @@ class MediaReader {
   struct Settings {
     std::string source;  // path or URL; "-": the standard input
     std::chrono::milliseconds openLimit{10'000};
-    std::chrono::milliseconds readLimit{5'000};  // for each packet; live, for each picture
+    std::chrono::milliseconds readLimit{5'000};  // for each packet; live, for each frame
     bool quick = false;      // is to be shown soon: what it carries is looked at briefly
     int decoderThreads = 1;  // 1: everything on the reading thread
     bool repeat = false;     // begin again at the end of a file
@@ -54,7 +54,7 @@ class MediaReader {
     std::size_t audioTrack = 0;  // counted from 1; 0: the one that FFmpeg prefers
     // A demuxer that remembers every packet is exchanged after so many of a stream; about 50 bytes
     // each.
-    int mostIndexEntries = 200'000;
+    int maxIndexEntries = 200'000;
     std::string audioLanguage;  // ISO 639; preferred when there is such a track
     SourceAddress::Options options;
   };
@@ -93,7 +93,7 @@ class MediaReader {
 
  private:
   // Then it is opened again after all: a router may have forgotten us.
-  static constexpr int kMostSilences = 10;
+  static constexpr int kMaxSilences = 10;
 
   // What tells that a file was written again.
   struct FileState {
@@ -109,7 +109,7 @@ class MediaReader {
     StreamFailover failover;
     std::string language;  // that is wanted: of the settings, or of the stream that was chosen
     std::optional<StreamDecoder> decoder;
-    Time pictureDuration = 0;
+    Time frameDuration = 0;
     std::optional<Orientation> orientation;  // as its frames say
     ItemTimes times;
     std::int64_t jumps = 0;           // of its timestamps
@@ -132,7 +132,7 @@ class MediaReader {
   void ReadPacket();
   void WatchIndex();
   void ReadOnWithNextDemuxer();
-  void AdoptSuccessor();
+  void AdoptReplacement();
   // Where the track's stream is in another demuxer of the same source; throws where it is not.
   int StreamIn(const AVFormatContext& input, const Track& track) const;
   void Exchange(ffmpeg::InputFormat next);
@@ -142,10 +142,10 @@ class MediaReader {
   void FollowOther(const AVPacket& packet);
   Time DurationOf(const AVPacket& packet) const;
   bool IsWithdrawn(const Track& track) const;
-  void FollowSuccessor(Track& track, const AVPacket& packet);
+  void FollowReplacement(Track& track, const AVPacket& packet);
   void AwaitBeginning(AVStream& stream, const AVPacket& packet);
   void Replace(Track& track, int streamIndex);
-  void FinishPass();
+  void FinishRepetition();
   std::optional<FileState> ReadFileState() const;
   void Rewind();
   void GiveAudioPacket(const AVPacket& packet, bool discontinuity);
@@ -165,18 +165,18 @@ class MediaReader {
   std::optional<ffmpeg::PipeInput> pipe_;              // what input_ reads, when that is a pipe
   std::optional<ffmpeg::TappedInput> connection_;      // or that, of a live transport stream
   RtpReceiver rtp_;                                    // for its datagrams
-  ProgramMapWatch programs_;                           // for all that comes over it
+  PmtMonitor programs_;                                // for all that comes over it
   std::optional<ffmpeg::FragmentedInput> fragments_;   // of either, when it may be fragmented MP4
-  std::shared_ptr<ffmpeg::IoDeadline> inputDeadline_;  // of an input that was a successor
+  std::shared_ptr<ffmpeg::IoDeadline> inputDeadline_;  // of an input that was a replacement
   ffmpeg::InputFormat input_;
-  std::optional<SuccessorInput> successor_;
+  std::optional<ReplacementInput> replacement_;
   int packetsOfInput_ = 0;
   std::int64_t headerEnd_ = 0;  // bytes read before the first packet
   MediaInfo info_;
   ffmpeg::Parameters audioParameters_;
   std::vector<std::string> unknownOptions_;
   std::optional<SourceClock> clock_;
-  std::optional<PictureWatch> watch_;  // of a live source with video
+  std::optional<VideoWatch> watch_;  // of a live source with video
   std::optional<Track> video_;
   std::optional<Track> audio_;
   std::map<int, StreamDecoder> awaited_;  // by index: streams of a kind that has no track
@@ -185,7 +185,7 @@ class MediaReader {
   int silences_ = 0;               // read limits in a row without data, of datagrams only
   unsigned knownStreams_ = 0;      // when the source was opened
   std::optional<FileState> file_;  // of a repeated one, when it was opened
-  bool gaveInPass_ = false;
+  bool gaveInRepetition_ = false;
   bool ended_ = false;
   std::uint64_t repeats_ = 0;
   std::uint64_t replacements_ = 0;

@@ -17,7 +17,7 @@ extern "C" {
 namespace host {
 namespace {
 
-constexpr std::chrono::milliseconds kKeyframePatience(KeyframeGate::kLongestWait / kMillisecond);
+constexpr std::chrono::milliseconds kKeyframeTimeout(KeyframeGate::kMaxWait / kMillisecond);
 
 std::optional<Time> GivenTime(std::int64_t timestamp) {
   return timestamp != AV_NOPTS_VALUE ? std::optional<Time>(timestamp) : std::nullopt;
@@ -26,7 +26,7 @@ std::optional<Time> GivenTime(std::int64_t timestamp) {
 }  // namespace
 
 MediaItem MediaReader::Read() {
-  using Clock = PictureWatch::Clock;
+  using Clock = VideoWatch::Clock;
   if (watch_) {
     watch_->BeginReading(Clock::now());
   }
@@ -37,7 +37,7 @@ MediaItem MediaReader::Read() {
     ReadPacket();
     const bool awaitsKeyframe = video_ && video_->decoder->awaitsKeyframe();
     if (watch_ && watch_->Expired(Clock::now(),
-                                  awaitsKeyframe ? kKeyframePatience : Clock::duration::zero())) {
+                                  awaitsKeyframe ? kKeyframeTimeout : Clock::duration::zero())) {
       throw MediaError(MediaError::Kind::kTimedOut, "it sends, but no picture that can be decoded",
                        maskedSource_);
     }
@@ -55,7 +55,7 @@ void MediaReader::ReadPacket() {
     Fail(AVERROR_EXIT, false);
   }
   canGoOn_ = false;
-  AdoptSuccessor();
+  AdoptReplacement();
   ffmpeg::Packet packet = ffmpeg::MakePacket();
   deadline_.Arm(settings_.readLimit);
   const int result = av_read_frame(input_.get(), packet.get());
@@ -71,7 +71,7 @@ void MediaReader::ReadPacket() {
   if (const Track* const changed = ChangedTrack()) {
     const bool isVideo = video_ && changed == &*video_;
     throw MediaError(MediaError::Kind::kFailed,
-                     std::string(isVideo ? "its video" : "its sound") + " has changed its form",
+                     std::string(isVideo ? "its video" : "its audio") + " has changed its form",
                      maskedSource_);
   }
   // The demuxer may have given what it still had since the call that was ended.
@@ -80,7 +80,7 @@ void MediaReader::ReadPacket() {
   if (wasEnded && !deadline_.cancelled() && isDatagrams) {
     connection_->Resume();
     ++silences_;
-    canGoOn_ = silences_ <= kMostSilences;
+    canGoOn_ = silences_ <= kMaxSilences;
     Fail(result, false);
   }
   silences_ = 0;
@@ -88,7 +88,7 @@ void MediaReader::ReadPacket() {
     ReadOnWithNextDemuxer();
     return;
   }
-  if (!gaveInPass_ && repeats_ == 0 && !deadline_.ShouldStop() && LiesBehindItsData()) {
+  if (!gaveInRepetition_ && repeats_ == 0 && !deadline_.ShouldStop() && LiesBehindItsData()) {
     FailForItsIndex();
   }
   // Containers report the end of a connection that broke as an ordinary end.
@@ -98,7 +98,7 @@ void MediaReader::ReadPacket() {
   if (input_->pb != nullptr && input_->pb->error < 0 && input_->pb->error != AVERROR_EOF) {
     Fail(input_->pb->error, false);
   }
-  FinishPass();
+  FinishRepetition();
 }
 
 // The one whose stream is announced in another form than the one it was opened in.
@@ -143,7 +143,7 @@ void MediaReader::HandlePacket(ffmpeg::Packet packet) {
   }
   if (track.decoder->lost()) {
     throw MediaError(MediaError::Kind::kFailed,
-                     std::string(isVideo ? "its video" : "its sound") +
+                     std::string(isVideo ? "its video" : "its audio") +
                          " can no longer be decoded; it may have changed its form",
                      maskedSource_);
   }
@@ -175,17 +175,17 @@ void MediaReader::GivePicture(ffmpeg::Frame frame) {
       av_guess_sample_aspect_ratio(input_.get(), input_->streams[video_->streamIndex], frame.get());
   const ItemTimes::Span span =
       video_->times.Frame(GivenTime(frame->best_effort_timestamp),
-                          frame->pkt_duration > 0 ? frame->pkt_duration : video_->pictureDuration,
+                          frame->pkt_duration > 0 ? frame->pkt_duration : video_->frameDuration,
                           frame->pkt_pos >= 0 ? frame->pkt_pos : video_->jumps);
-  VideoPicture picture;
+  DecodedFrame picture;
   picture.start = span.start;
   picture.duration = span.duration;
   picture.discontinuity = span.discontinuity;
   picture.orientation = OrientationOf(*frame);
   picture.frame = std::move(frame);
-  gaveInPass_ = true;
+  gaveInRepetition_ = true;
   if (watch_) {
-    watch_->Picture(PictureWatch::Clock::now());
+    watch_->Picture(VideoWatch::Clock::now());
   }
   ready_.emplace_back(std::move(picture));
 }
@@ -210,7 +210,7 @@ void MediaReader::GiveAudioPacket(const AVPacket& packet, bool discontinuity) {
   item.packet->dts = item.start;
   item.duration = packet.duration;
   item.discontinuity = discontinuity;
-  gaveInPass_ = true;
+  gaveInRepetition_ = true;
   ready_.emplace_back(std::move(item));
 }
 
@@ -229,14 +229,14 @@ void MediaReader::GiveSamples(ffmpeg::Frame frame) {
 }
 
 // The end of the source: what the decoders still hold comes out, then it ends or begins again.
-void MediaReader::FinishPass() {
+void MediaReader::FinishRepetition() {
   if (video_) {
     video_->decoder->Drain([this](ffmpeg::Frame frame) { GivePicture(std::move(frame)); });
   }
   if (audio_ && settings_.decodeAudio) {
     audio_->decoder->Drain([this](ffmpeg::Frame frame) { GiveSamples(std::move(frame)); });
   }
-  if (!settings_.repeat || (!gaveInPass_ && info_.pace != Pace::kStored)) {
+  if (!settings_.repeat || (!gaveInRepetition_ && info_.kind != SourceKind::kFile)) {
     ended_ = true;
     return;
   }
@@ -246,7 +246,7 @@ void MediaReader::FinishPass() {
     throw MediaError(MediaError::Kind::kFailed, "the file was written again", maskedSource_);
   }
   // A source that gave nothing would begin again without end.
-  if (!gaveInPass_) {
+  if (!gaveInRepetition_) {
     throw MediaError(MediaError::Kind::kFailed, "nothing in it can be read", maskedSource_);
   }
   Rewind();
@@ -289,7 +289,7 @@ void MediaReader::Rewind() {
     audio_->decoder->Reset();
   }
   clock_->Restart();
-  gaveInPass_ = false;
+  gaveInRepetition_ = false;
   ++repeats_;
 }
 

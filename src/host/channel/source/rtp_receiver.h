@@ -24,7 +24,7 @@ namespace host {
 //            [extension]; payload; [padding and its length]
 //
 // Raw datagrams come out as they are. RTP packets are sorted by their sequence number, duplicates
-// are left out, and what is lost is passed over once its successors have waited for
+// are left out, and what is lost is passed over once its replacements have waited for
 // kReorderTimeout. A sender that restarts, with another sequence number or another SSRC, is
 // followed from its second packet on; one stray packet of another sender changes nothing. Packets
 // that carry something else (control, error correction) are left out. Anything may come in. Owned

@@ -18,7 +18,7 @@ constexpr const char* kRtpLocalPort = "local_rtpport";
 constexpr const char* kUdpLocalPort = "localport";
 // A longer datagram would be cut off.
 constexpr const char* kPacketSize = "pkt_size";
-constexpr const char* kLongestDatagram = "65507";  // bytes
+constexpr const char* kMaxDatagram = "65507";  // bytes
 
 constexpr const char* kFormats = "format_whitelist";
 constexpr const char* kProtocols = "protocol_whitelist";
@@ -30,7 +30,7 @@ constexpr const char* kProtocols = "protocol_whitelist";
   "aac,loas,ac3,eac3,dts,truehd,mp3,flac,amr,h264,hevc,m4v,mpegvideo,vc1,mjpeg,mpjpeg,"           \
   "yuv4mpegpipe"
 constexpr const char* kContainers = TAVREL_CONTAINERS;
-// Over HTTP there are playlists, with subtitles beside their segments, and single pictures, too.
+// Over HTTP there are playlists, with subtitles beside their segments, and single frames, too.
 constexpr const char* kHttpFormats =
     TAVREL_CONTAINERS ",hls,dash,webvtt,jpeg_pipe,png_pipe,webp_pipe,bmp_pipe,gif";
 #undef TAVREL_CONTAINERS
@@ -176,7 +176,7 @@ SourceAddress::Options SourceAddress::ReceiverOptions(Options options) const {
     }
   }
   if (datagrams_) {
-    options.try_emplace(kPacketSize, kLongestDatagram);
+    options.try_emplace(kPacketSize, kMaxDatagram);
   }
   return options;
 }

@@ -18,8 +18,8 @@ class SourceAddress {
 
   // Comes over the network, as far as the text says.
   bool isRemote() const { return isRemote_; }
-  // Sent for ever, a service in a transport stream, which may change on the way. Of an RTP address
-  // it is what is mostly there: whether it is so is seen when packets come.
+  // Sent indefinitely, a service in a transport stream, which may change on the way. Of an RTP
+  // address it is what is mostly there: whether it is so is seen when packets come.
   bool carriesTransportStream() const { return datagrams_ || isConnected_; }
   // Nobody is connected to anybody: a sender that goes away and returns is heard again.
   bool isDatagrams() const { return datagrams_; }

@@ -23,7 +23,7 @@ void SourceClock::ReplaceStream(std::size_t index, Time wrapPeriod) {
   Stream& stream = streams_.at(index);
   stream.wrapPeriod = wrapPeriod;
   stream.lastStep = stream.claimed = 0;
-  stream.doubtful.reset();
+  stream.suspect.reset();
   stream.doubts = 0;
 }
 
@@ -62,10 +62,10 @@ SourceClock::Verdict SourceClock::Judge(const Stream& stream, Time raw) const {
   if (due != stream.expected && std::abs(time - due) <= kAdoptionLimit) {
     return Verdict::kFollows;  // it was away, and is back beside the others
   }
-  // Without a rhythm there is nothing to doubt.
-  const bool borneOut = !forwardLimit_ || stream.lastStep <= 0 || stream.doubts >= kMostDoubts ||
-                        (stream.doubtful && goesOn(*stream.doubtful));
-  return borneOut ? Verdict::kBorneOut : Verdict::kDoubtful;
+  // Without a frame interval there is nothing to doubt.
+  const bool isConfirmed = !forwardLimit_ || stream.lastStep <= 0 || stream.doubts >= kMaxDoubts ||
+                           (stream.suspect && goesOn(*stream.suspect));
+  return isConfirmed ? Verdict::kConfirmed : Verdict::kSuspect;
 }
 
 const SourceClock::Stream* SourceClock::Companion(const Stream& stream) const {
@@ -128,7 +128,7 @@ void SourceClock::BelieveGap(const Offset& gap) {
   }
 }
 
-bool SourceClock::FollowLeap(Stream& stream, Time raw) {
+bool SourceClock::FollowJump(Stream& stream, Time raw) {
   const Time step = raw + stream.offset.value - stream.expected;
   const bool isGap = step >= -kBackLimit && (!forwardLimit_ || step <= *forwardLimit_);
   const Stream* const companion = Companion(stream);
@@ -150,7 +150,7 @@ bool SourceClock::FollowLeap(Stream& stream, Time raw) {
   return true;
 }
 
-SourceClock::Mapped SourceClock::Map(std::size_t index, Stamps stamps) {
+SourceClock::Mapped SourceClock::Map(std::size_t index, Timestamps timestamps) {
   Stream& stream = streams_.at(index);
   if (restarting_) {
     restarting_ = false;
@@ -160,7 +160,7 @@ SourceClock::Mapped SourceClock::Map(std::size_t index, Stamps stamps) {
     }
   }
 
-  const std::optional<Time> given = stamps.dts ? stamps.dts : stamps.pts;
+  const std::optional<Time> given = timestamps.dts ? timestamps.dts : timestamps.pts;
   Mapped mapped;
   if (!given) {
     mapped.dts = stream.started ? stream.expected : end_;
@@ -179,33 +179,33 @@ SourceClock::Mapped SourceClock::Map(std::size_t index, Stamps stamps) {
       if (JoinCompanion(stream, raw)) {
         verdict = Verdict::kFollows;
         mapped.discontinuity = true;
-      } else if (verdict == Verdict::kBorneOut) {
-        mapped.discontinuity = FollowLeap(stream, raw);
+      } else if (verdict == Verdict::kConfirmed) {
+        mapped.discontinuity = FollowJump(stream, raw);
       }
     }
-    mapped.dts = verdict == Verdict::kDoubtful ? Due(stream) : raw + stream.offset.value;
-    if (stamps.pts) {
+    mapped.dts = verdict == Verdict::kSuspect ? Due(stream) : raw + stream.offset.value;
+    if (timestamps.pts) {
       // The presentation time stays as far from the decoding time as the source has it, a wrap
       // between the two undone.
-      Time ahead = *stamps.pts - *given;
+      Time ahead = *timestamps.pts - *given;
       if (stream.wrapPeriod > 0) {
         ahead -= static_cast<Time>(std::llround(static_cast<double>(ahead) /
                                                 static_cast<double>(stream.wrapPeriod))) *
                  stream.wrapPeriod;
       }
-      // Damaged stamps would throw the picture, and all that follow it, to anywhere.
-      const Time rhythm = stream.lastStep > 0 ? stream.lastStep : stamps.duration;
-      const Time most = rhythm > 0 ? std::max(kMostPicturesAhead * rhythm, kBackLimit) : kMostAhead;
+      // Damaged timestamps would throw the frame, and all that follow it, to anywhere.
+      const Time interval = stream.lastStep > 0 ? stream.lastStep : timestamps.duration;
+      const Time most = interval > 0 ? std::max(kMaxFramesAhead * interval, kBackLimit) : kMaxAhead;
       if (ahead >= -kBackLimit && ahead <= most) {
         mapped.pts = mapped.dts + ahead;
       }
     }
-    if (verdict == Verdict::kDoubtful) {
-      stream.doubtful = raw;
+    if (verdict == Verdict::kSuspect) {
+      stream.suspect = raw;
       ++stream.doubts;
     } else {
-      if (verdict == Verdict::kBorneOut && stream.doubtful) {
-        stream.lastStep = std::max<Time>(raw - *stream.doubtful, 0);
+      if (verdict == Verdict::kConfirmed && stream.suspect) {
+        stream.lastStep = std::max<Time>(raw - *stream.suspect, 0);
       } else if (stream.started && !mapped.discontinuity && stream.doubts == 0) {
         stream.lastStep = std::max<Time>(raw - stream.lastRaw, 0);
       }
@@ -215,19 +215,19 @@ SourceClock::Mapped SourceClock::Map(std::size_t index, Stamps stamps) {
         stream.ahead = mapped.dts - companion->expected;
       }
       stream.lastRaw = raw;
-      stream.doubtful.reset();
+      stream.suspect.reset();
       stream.doubts = 0;
     }
   }
   stream.started = stream.started || given.has_value();
   // A damaged header says anything about durations, too.
-  const bool isPlausible =
-      stamps.duration > 0 && (stream.lastStep <= 0 || stamps.duration <= 2 * stream.lastStep);
-  stream.expected = mapped.dts + (isPlausible ? stamps.duration : stream.lastStep);
-  stream.claimed = stamps.duration;
+  const bool isPlausible = timestamps.duration > 0 &&
+                           (stream.lastStep <= 0 || timestamps.duration <= 2 * stream.lastStep);
+  stream.expected = mapped.dts + (isPlausible ? timestamps.duration : stream.lastStep);
+  stream.claimed = timestamps.duration;
   stream.turn = ++turn_;
   end_ = std::max(end_, mapped.pts.value_or(mapped.dts) +
-                            (stamps.duration > 0 ? stamps.duration : stream.lastStep));
+                            (timestamps.duration > 0 ? timestamps.duration : stream.lastStep));
   return mapped;
 }
 

@@ -1,4 +1,4 @@
-// Turns the time stamps of a source into one clock that starts near 0 and never jumps.
+// Turns the timestamps of a source into one clock that starts near 0 and never jumps.
 #pragma once
 
 #include <cstddef>
@@ -10,34 +10,36 @@
 
 namespace host {
 
-// A source's time stamps start anywhere, wrap (26.5 hours in MPEG-TS), jump when the sender
+// A source's timestamps start anywhere, wrap (26.5 hours in MPEG-TS), jump when the sender
 // restarts or splices, and begin again when a file is repeated. Each kind of jump needs another
 // answer:
 //  - a wrap is undone exactly, with the stream's known wrap period, so nothing is seen of it;
 //  - a jump (backwards by more than kBackLimit, or forwards by more than the forward limit) gets a
-//    new offset with which the stream goes on where it was; a shorter step forwards is a real gap;
+//    new offset with which the stream continues where it was; a shorter step forwards is a real
+//    gap;
 //  - the other streams of the source jump a few packets earlier or later: each keeps its own offset
-//    until its own stamps jump, and then takes that of another stream if it lies beside that one
-//    with it. Sound and picture thus stay together, and no packet from before the jump is thrown to
-//    the other side;
+//    until its own timestamps jump, and then takes that of another stream if it lies beside that
+//    one with it. Audio and video thus stay together, and no packet from before the jump is thrown
+//    to the other side;
 //  - a stream that was away (a sender without audio for a while) is expected where the others have
 //    gone meanwhile, not where it stopped; one that does not come back is no measure for them;
-//  - damaged stamps say anything, also of all the packets that a container gives one stamp. A lone
-//    one of a source that may jump moves nothing, its packet follows the one before it; a leap
-//    counts from the second packet on that bears it out. What leaps by itself goes on where it was,
-//    and comes back beside the other streams as soon as its stamps do; a gap is one when all have
-//    it, or when the others went on meanwhile.
+//  - damaged timestamps say anything, also of all the packets that a container gives one timestamp.
+//  A lone
+//    one of a source that may jump moves nothing, its packet follows the one before it; a jump
+//    counts from the second packet on that confirms it. What jumps by itself continues where it
+//    was, and comes back beside the other streams as soon as its timestamps do; a gap is one when
+//    all have it, or when the others went on meanwhile.
 //
 // Owned and called by one reader on its thread; no lock.
 class SourceClock {
  public:
   static constexpr Time kBackLimit = kSecond / 2;
-  // A picture is shown at most so long after it is decoded: as many pictures as any codec reorders,
+  // A frame is shown at most so long after it is decoded: as many frames as any codec reorders,
   // or that time while it is not known how long they are.
-  static constexpr Time kMostAhead = 5 * kSecond;
-  static constexpr Time kMostPicturesAhead = 16;
-  // Damaged stamps one after the other, of which each tells something else. More are believed.
-  static constexpr int kMostDoubts = 3;
+  static constexpr Time kMaxAhead = 5 * kSecond;
+  static constexpr Time kMaxFramesAhead = 16;
+  // Damaged timestamps one after the other, of which each tells something else. More are believed.
+  static constexpr int kMaxDoubts = 3;
   // How far the streams of one source may be apart when they jump together.
   static constexpr Time kAdoptionLimit = 2 * kSecond;
   // A stream that is behind the others by more was away, and one that is behind by the second has
@@ -45,7 +47,7 @@ class SourceClock {
   static constexpr Time kAway = kSecond;
   static constexpr Time kGone = 4 * kSecond;
 
-  struct Stamps {
+  struct Timestamps {
     std::optional<Time> dts;
     std::optional<Time> pts;
     Time duration = 0;  // 0 when not known
@@ -58,18 +60,18 @@ class SourceClock {
   };
 
   // forwardLimit: the longest step forwards that still counts as a gap; none for a source whose
-  // stamps do not leap, of which every step forwards is a gap. origin: the source time that becomes
-  // 0; by default that of the first packet.
+  // timestamps do not jump, of which every step forwards is a gap. origin: the source time that
+  // becomes 0; by default that of the first packet.
   explicit SourceClock(std::optional<Time> forwardLimit, std::optional<Time> origin = {});
 
-  // Adds a stream and returns its number, counted from 0. wrapPeriod 0: the stamps never wrap.
+  // Adds a stream and returns its number, counted from 0. wrapPeriod 0: the timestamps never wrap.
   std::size_t AddStream(Time wrapPeriod);
-  // The service goes on with another codec or rhythm, in the place of that stream.
+  // The service continues with another codec or interval, in the place of that stream.
   void ReplaceStream(std::size_t stream, Time wrapPeriod);
 
-  // The stamps of the next packet of a stream, on the continuous clock. A packet without any stamp
-  // follows the one before it.
-  Mapped Map(std::size_t stream, Stamps stamps);
+  // The timestamps of the next packet of a stream, on the continuous clock. A packet without any
+  // timestamp follows the one before it.
+  Mapped Map(std::size_t stream, Timestamps timestamps);
 
   // The source begins again from its origin: what follows is placed after everything given so far.
   void Restart();
@@ -96,14 +98,14 @@ class SourceClock {
     Time claimed = 0;        // duration that the latest one is said to have
     Time ahead = 0;          // of its companion, on the clock, when a packet of that came before
     std::uint64_t turn = 0;  // counts the packets of all streams
-    std::optional<Time> doubtful{};  // source time of the latest packet, which was not believed
-    int doubts = 0;                  // packets in a row of that kind
+    std::optional<Time> suspect{};  // source time of the latest packet, which was not believed
+    int doubts = 0;                 // packets in a row of that kind
   };
 
   Time Unwrap(const Stream& stream, Time raw) const;
-  // What to think of a packet's stamp: that it follows the one before it, that it goes on from one
-  // that was doubtful, or that the next one is to bear it out first.
-  enum class Verdict { kFollows, kBorneOut, kDoubtful };
+  // What to think of a packet's timestamp: that it follows the one before it, that it continues
+  // from one that was suspect, or that the next one is to confirm it first.
+  enum class Verdict { kFollows, kConfirmed, kSuspect };
   Verdict Judge(const Stream& stream, Time raw) const;
   // The other stream of which a packet came last; null without one that is still there.
   const Stream* Companion(const Stream& stream) const;
@@ -111,10 +113,10 @@ class SourceClock {
   Time Due(const Stream& stream) const;
   // Takes the offset of its companion if it lies beside that with it; false if not.
   bool JoinCompanion(Stream& stream, Time raw);
-  // Gives the stream another offset when its stamps jumped; true when they did.
-  bool FollowLeap(Stream& stream, Time raw);
-  // A slow stream shows by its rhythm that the gap that its companion seemed to have is one of the
-  // source.
+  // Gives the stream another offset when its timestamps jumped; true when they did.
+  bool FollowJump(Stream& stream, Time raw);
+  // A slow stream shows by its interval that the gap that its companion seemed to have is one of
+  // the source.
   void ConfirmGap(const Stream& stream, Time raw);
   // The gap that one stream seemed to have is one of the source.
   void BelieveGap(const Offset& gap);

@@ -14,7 +14,7 @@ extern "C" {
 namespace host {
 namespace {
 
-// A damaged header may ask for pictures of any size: nothing beyond 8K gets memory.
+// A damaged header may ask for frames of any size: nothing beyond 8K gets memory.
 constexpr std::int64_t kMaxPixels = std::int64_t{8192} * 4352;
 
 }  // namespace
@@ -60,8 +60,8 @@ void StreamDecoder::CountDamage() {
 
 void StreamDecoder::Receive(const FrameSink& sink) {
   // One packet can be damaged in several places, with good frames between them.
-  constexpr int kMostErrors = 64;
-  for (int errors = 0; errors < kMostErrors;) {
+  constexpr int kMaxErrors = 64;
+  for (int errors = 0; errors < kMaxErrors;) {
     ffmpeg::Frame frame = ffmpeg::MakeFrame();
     const int result = avcodec_receive_frame(codec_.get(), frame.get());
     if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) {

@@ -12,9 +12,9 @@ struct AVStream;
 
 namespace host {
 
-// Decodes packets whose stamps are in units of 100 ns; frames have the same unit. A damaged packet
-// is counted and skipped, as a monitor must: it never ends the stream. Frames of video begin with a
-// keyframe (KeyframeGate). Owned and called by one reader on its thread.
+// Decodes packets whose timestamps are in units of 100 ns; frames have the same unit. A damaged
+// packet is counted and skipped, as a monitor must: it never ends the stream. Frames of video begin
+// with a keyframe (KeyframeGate). Owned and called by one reader on its thread.
 class StreamDecoder {
  public:
   using FrameSink = std::function<void(ffmpeg::Frame)>;
@@ -37,7 +37,7 @@ class StreamDecoder {
   bool awaitsKeyframe() const { return gate_.has_value() && gate_->waits(); }
   std::uint64_t damagedPackets() const { return damagedPackets_; }
   // It gave frames once, and has given none but errors for many packets: what comes is no longer
-  // what the decoder was made for. What follows one damaged key picture comes back with the next
+  // what the decoder was made for. What follows one damaged keyframe comes back with the next
   // one, and is waited for longer.
   bool lost() const {
     const int most = damagedKeysInARow_ > 1 ? kDamagedUntilLost : kDamagedWithoutKeysUntilLost;
@@ -46,7 +46,7 @@ class StreamDecoder {
 
  private:
   static constexpr int kDamagedUntilLost = 25;
-  // More than lie between two key pictures of most senders: two seconds.
+  // More than lie between two keyframes of most senders: two seconds.
   static constexpr int kDamagedWithoutKeysUntilLost = 64;
 
   void Receive(const FrameSink& sink);

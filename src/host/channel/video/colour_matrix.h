@@ -1,4 +1,4 @@
-// Converts pictures of other colour matrices and ranges to BT.601 studio range.
+// Converts frames of other colour matrices and ranges to BT.601 studio range.
 #pragma once
 
 #include <cstddef>
@@ -31,7 +31,7 @@ struct Plane {
   std::ptrdiff_t stride = 0;
 };
 
-// A linear map of (Y, U, V), applied to 4:2:0 pictures without the way over RGB: the correction of
+// A linear map of (Y, U, V), applied to 4:2:0 frames without the way over RGB: the correction of
 // luma by chroma is worked out once for each chroma sample and added to its four pixels. Going
 // through RGB with the scaler costs several times as much and clips colours that are legal in
 // between. Fixed point with 14 fractional bits: within one step of the exact value.

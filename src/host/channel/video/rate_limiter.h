@@ -1,4 +1,4 @@
-// Thins pictures to at most the rate of the canvas.
+// Drops frames to at most the rate of the canvas.
 #pragma once
 
 #include <algorithm>
@@ -9,11 +9,11 @@
 
 namespace host {
 
-// Of a source that is faster than the canvas one picture passes for each frame of the canvas: the
+// Of a source that is faster than the canvas one frame passes for each frame of the canvas: the
 // one nearest to it, which is the one that the composer would choose among all. Frames start at
 // multiples of their length, so whoever places the source on the wall's clock shifts it by whole
-// frames. The length of the source's own frames is learnt from its stamps; a source of the canvas's
-// rate or slower passes whole, in spite of jitter. No lock: one thread.
+// frames. The length of the source's own frames is learnt from its timestamps; a source of the
+// canvas's rate or slower passes whole, in spite of jitter. No lock: one thread.
 class RateLimiter {
  public:
   explicit RateLimiter(Ratio canvasRate)
@@ -36,7 +36,7 @@ class RateLimiter {
     return passes;
   }
 
-  // The next picture passes.
+  // The next frame passes.
   void Restart() {
     started_ = false;
     served_ = std::numeric_limits<std::int64_t>::min();
@@ -45,7 +45,7 @@ class RateLimiter {
  private:
   const Ratio rate_;
   const Time period_;
-  Time step_;  // from picture to picture of the source, at most the period
+  Time step_;  // from frame to frame of the source, at most the period
   bool started_ = false;
   Time last_ = 0;
   std::int64_t served_ =

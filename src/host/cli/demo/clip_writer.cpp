@@ -63,9 +63,9 @@ class ClipStream {
       if (!ahead_) {
         throw ffmpeg::Error(AVERROR_EOF, "nothing comes out of", chain);
       }
-      DescribePictures();
+      DescribeFrames();
     } else {
-      source_.DescribeSound(*codec_);
+      source_.DescribeAudio(*codec_);
     }
     codec_->thread_count = 1;
     if (globalHeader) {
@@ -77,7 +77,7 @@ class ClipStream {
     }
     ffmpeg::Check(avcodec_open2(codec_.get(), encoder_, dictionary.Exchange()),
                   "cannot start the encoder", encoder_->name);
-    if (kind == FilterSource::Kind::kSound) {
+    if (kind == FilterSource::Kind::kAudio) {
       if (codec_->frame_size > 0) {
         source_.SetSamplesPerFrame(codec_->frame_size);
       }
@@ -116,7 +116,7 @@ class ClipStream {
   }
 
  private:
-  void DescribePictures() {
+  void DescribeFrames() {
     codec_->width = ahead_->width;
     codec_->height = ahead_->height;
     codec_->pix_fmt = static_cast<AVPixelFormat>(ahead_->format);
@@ -170,8 +170,8 @@ void WriteClip(const ClipRecipe& recipe, const std::filesystem::path& file) {
                   muxer.wantsGlobalHeader());
     videoTrack = muxer.AddVideo(*video->parameters(), video->frameRate());
   }
-  if (!recipe.sound.empty()) {
-    audio.emplace(FilterSource::Kind::kSound, recipe.sound, recipe.audioCodec, recipe.audioOptions,
+  if (!recipe.audio.empty()) {
+    audio.emplace(FilterSource::Kind::kAudio, recipe.audio, recipe.audioCodec, recipe.audioOptions,
                   muxer.wantsGlobalHeader());
     audioTrack = muxer.AddAudio(*audio->parameters(), recipe.name, recipe.language);
   }

@@ -60,11 +60,11 @@ AVRational FilterSource::frameRate() const {
   return av_buffersink_get_frame_rate(sink_);
 }
 
-void FilterSource::DescribeSound(AVCodecContext& codec) const {
+void FilterSource::DescribeAudio(AVCodecContext& codec) const {
   codec.sample_fmt = static_cast<AVSampleFormat>(av_buffersink_get_format(sink_));
   codec.sample_rate = av_buffersink_get_sample_rate(sink_);
   codec.time_base = {1, codec.sample_rate};
-  ffmpeg::Check(av_buffersink_get_ch_layout(sink_, &codec.ch_layout), "cannot describe the sound");
+  ffmpeg::Check(av_buffersink_get_ch_layout(sink_, &codec.ch_layout), "cannot describe the audio");
 }
 
 void FilterSource::SetSamplesPerFrame(int samples) {

@@ -1,4 +1,4 @@
-// A chain of FFmpeg's filters that makes pictures or sound from nothing.
+// A chain of FFmpeg's filters that makes pictures or audio from nothing.
 #pragma once
 
 #include <string>
@@ -14,7 +14,7 @@ namespace host {
 // Owned and called by one clip writer on its thread; works on that thread alone.
 class FilterSource {
  public:
-  enum class Kind { kPictures, kSound };
+  enum class Kind { kPictures, kAudio };
 
   // Throws ffmpeg::Error when the chain is not valid.
   FilterSource(Kind kind, const std::string& chain);
@@ -24,9 +24,9 @@ class FilterSource {
   ffmpeg::Frame Next();
   AVRational timeBase() const;
   AVRational frameRate() const;  // of pictures
-  // Gives an encoder the sample format, rate and layout of the sound.
-  void DescribeSound(AVCodecContext& codec) const;
-  // Sound frames from now on have this many samples, as many encoders demand.
+  // Gives an encoder the sample format, rate and layout of the audio.
+  void DescribeAudio(AVCodecContext& codec) const;
+  // Audio frames from now on have this many samples, as many encoders demand.
   void SetSamplesPerFrame(int samples);
 
  private:

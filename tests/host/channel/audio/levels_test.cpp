@@ -52,9 +52,9 @@ TEST(LevelMeter, ShowsThePeakOfEachChannelOverTheTimeOfAFrame) {
 }
 
 TEST(LevelMeter, DoesNotDependOnHowTheSamplesAreCut) {
-  std::vector<float> sound(44100);
-  for (std::size_t i = 0; i < sound.size(); ++i) {
-    sound[i] = static_cast<float>(std::sin(0.05 * static_cast<double>(i)) * static_cast<double>(i) /
+  std::vector<float> audio(44100);
+  for (std::size_t i = 0; i < audio.size(); ++i) {
+    audio[i] = static_cast<float>(std::sin(0.05 * static_cast<double>(i)) * static_cast<double>(i) /
                                   44100.0);
   }
   const auto measure = [&](std::size_t piece) {
@@ -62,23 +62,23 @@ TEST(LevelMeter, DoesNotDependOnHowTheSamplesAreCut) {
     settings.frameRate = {30000, 1001};
     LevelMeter meter(settings);
     Readings readings;
-    for (std::size_t at = 0; at < sound.size(); at += piece) {
-      const std::size_t end = std::min(at + piece, sound.size());
-      // Rounded down, as a decoder's stamps are.
-      Push(meter, {{sound.begin() + static_cast<long>(at), sound.begin() + static_cast<long>(end)}},
+    for (std::size_t at = 0; at < audio.size(); at += piece) {
+      const std::size_t end = std::min(at + piece, audio.size());
+      // Rounded down, as a decoder's timestamps are.
+      Push(meter, {{audio.begin() + static_cast<long>(at), audio.begin() + static_cast<long>(end)}},
            44100, static_cast<Time>(at) * kSecond / 44100, readings);
     }
     meter.Finish([&](const LevelMeter::Reading& reading) { readings.push_back(reading); });
     return readings;
   };
-  const Readings whole = measure(sound.size());
+  const Readings whole = measure(audio.size());
   EXPECT_EQ(whole.size(), 30U);
   for (const std::size_t piece : {std::size_t{1024}, std::size_t{441}, std::size_t{7}}) {
     const Readings cut = measure(piece);
     ASSERT_EQ(cut.size(), whole.size()) << piece;
     for (std::size_t i = 0; i < cut.size(); ++i) {
       EXPECT_EQ(cut[i].start, whole[i].start);
-      // A sample on the border may be counted to either side by the rounding of a stamp.
+      // A sample on the border may be counted to either side by the rounding of a timestamp.
       EXPECT_NEAR(cut[i].levels.levels[0], whole[i].levels.levels[0], 2) << piece << " " << i;
     }
   }
@@ -95,7 +95,7 @@ TEST(LevelMeter, HoldsAPeakAndThenLetsItFall) {
   EXPECT_EQ(readings[25].levels.peaks[0], 1000);
   EXPECT_LT(readings[26].levels.peaks[0], 1000);
   EXPECT_NEAR(readings[50].levels.peaks[0], 100, 5);  // a second later, 20 dB less
-  // A louder sound is the new peak at once.
+  // A louder audio is the new peak at once.
   Push(meter, {Impulse(1920, 0, 0.8F)}, 48000, 3 * kSecond, readings);
   EXPECT_EQ(readings.back().levels.peaks[0], 800);
 }

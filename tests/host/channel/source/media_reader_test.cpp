@@ -34,7 +34,7 @@ std::optional<std::pair<MediaError::Kind, std::string>> OpenFailure(
   return {};
 }
 
-void ExpectSteady(const std::vector<VideoPicture>& pictures, Time tolerance) {
+void ExpectSteady(const std::vector<DecodedFrame>& pictures, Time tolerance) {
   for (std::size_t i = 1; i < pictures.size(); ++i) {
     EXPECT_NEAR(static_cast<double>(pictures[i].start - pictures[i - 1].start), 400'000,
                 static_cast<double>(tolerance))
@@ -149,7 +149,7 @@ TEST(MediaReader, ChangesTheDemuxerOfAnEndlessSourceWithoutAGap) {
       reader.Open();
       for (MediaItem item = reader.Read(); !std::holds_alternative<EndOfMedia>(item);
            item = reader.Read()) {
-        if (const auto* const picture = std::get_if<VideoPicture>(&item)) {
+        if (const auto* const picture = std::get_if<DecodedFrame>(&item)) {
           times.push_back(picture->start);
           // A list is read as fast as it can be: the next demuxer has to come beside it.
           std::this_thread::sleep_for(std::chrono::milliseconds(4));
@@ -173,7 +173,7 @@ TEST(MediaReader, ChangesTheDemuxerOfAnEndlessSourceWithoutAGap) {
           std::ofstream(source, std::ios::binary) << clip;
         }
       });
-      settings.mostIndexEntries = most;
+      settings.maxIndexEntries = most;
       MediaReader reader(settings);
       const std::vector<Time> times = read(reader);
       writing.join();
@@ -197,20 +197,20 @@ TEST(MediaReader, BeginsAFileAgainWithoutAGapOnTheClock) {
     settings.repeat = true;
     MediaReader reader(settings);
     reader.Open();
-    std::vector<VideoPicture> pictures;
-    Time lastSound = -kSecond;
+    std::vector<DecodedFrame> pictures;
+    Time lastAudio = -kSecond;
     while (pictures.size() < 80) {
       MediaItem item = reader.Read();
-      if (auto* picture = std::get_if<VideoPicture>(&item)) {
+      if (auto* picture = std::get_if<DecodedFrame>(&item)) {
         EXPECT_FALSE(picture->discontinuity);
         pictures.push_back(std::move(*picture));
       } else if (auto* packet = std::get_if<AudioPacket>(&item)) {
-        EXPECT_GE(packet->start, lastSound);
-        lastSound = packet->start;
+        EXPECT_GE(packet->start, lastAudio);
+        lastAudio = packet->start;
       }
     }
     EXPECT_EQ(reader.repeats(), 3U) << name;
-    // The sound may be longer than the picture by a packet: the file is as long as the longer.
+    // The audio may be longer than the picture by a packet: the file is as long as the longer.
     ExpectSteady(pictures, 500'000);
     EXPECT_NEAR(static_cast<double>(pictures.back().start), 79 * 400'000, 1'500'000) << name;
   }
@@ -268,7 +268,8 @@ TEST(MediaReader, GoesOnThroughAWrapAndAJumpOfTheTimeStamps) {
   ASSERT_EQ(wrapped.pictures.size(), 25U);
   ExpectSteady(wrapped.pictures, 200);
 
-  // A sender that starts again: the same stream with stamps of two hours earlier, without a pause.
+  // A sender that starts again: the same stream with timestamps of two hours earlier, without a
+  // pause.
   recipe.containerOptions = {{"output_ts_offset", "9000"}};
   const std::string later = ReadWholeFile(Write(recipe, folder / "later.ts"));
   recipe.containerOptions = {{"output_ts_offset", "1800"}};
@@ -288,8 +289,8 @@ TEST(MediaReader, GoesOnThroughAWrapAndAJumpOfTheTimeStamps) {
   }
 }
 
-// Sound and picture are as far apart after damage as they were before it.
-TEST(MediaReader, DamageDoesNotTearSoundFromPicture) {
+// Audio and picture are as far apart after damage as they were before it.
+TEST(MediaReader, DamageDoesNotTearAudioFromPicture) {
   const TemporaryFolder folder;
   ClipRecipe recipe = SmallClip();
   recipe.length = 16 * kSecond;
@@ -335,7 +336,7 @@ TEST(MediaReader, GivesEachFrameItsOwnOrientation) {
   constexpr char kQuarterTurn[] = "\0\0\0\x01\x06\x2F\x03\x08\0\x09\x80";
   const TemporaryFolder folder;
   ClipRecipe recipe = SmallClip();
-  recipe.sound.clear();
+  recipe.audio.clear();
   const std::string stream = ReadWholeFile(Write(recipe, folder / "a.h264"));
   WriteWholeFile(folder / "b.h264",
                  stream + std::string(kQuarterTurn, sizeof kQuarterTurn - 1) + stream + stream);
@@ -352,7 +353,7 @@ TEST(MediaReader, GivesEachFrameItsOwnOrientation) {
 ClipRecipe OtherClip() {
   ClipRecipe recipe = SmallClip();
   recipe.pictures = "testsrc2=size=240x180:rate=25,format=yuv420p";
-  recipe.sound = "sine=frequency=300:sample_rate=44100,aformat=channel_layouts=mono";
+  recipe.audio = "sine=frequency=300:sample_rate=44100,aformat=channel_layouts=mono";
   recipe.videoCodec = "mpeg2video";
   recipe.videoOptions = {{"g", "12"}};
   recipe.audioCodec = "mp2";
@@ -398,7 +399,7 @@ TEST(MediaReader, ReadsASecondAudioStreamWhileTheChosenOneIsSilentForSeconds) {
     ClipRecipe recipe = SmallClip();
     recipe.pictures.clear();
     recipe.audioCodec = codec;
-    recipe.sound = "sine=frequency=440:sample_rate=44100,aformat=channel_layouts=stereo";
+    recipe.audio = "sine=frequency=440:sample_rate=44100,aformat=channel_layouts=stereo";
     recipe.length = seconds * kSecond;
     recipe.containerOptions = {{"output_ts_offset", std::to_string(from)}};
     constexpr std::size_t kFlvHeader = 13;
@@ -450,13 +451,13 @@ TEST(StreamFailover, PrefersTheWantedLanguageAndReturnsToTheChosenStream) {
   EXPECT_TRUE(other(0, true));
 }
 
-// A channel is not to stay mute because it was opened before its sound began.
-TEST(MediaReader, FailsForReopeningWhenSoundBegins) {
+// A channel is not to stay mute because it was opened before its audio began.
+TEST(MediaReader, FailsForReopeningWhenAudioBegins) {
   const TemporaryFolder folder;
   ClipRecipe recipe = SmallClip();
   recipe.length = 3 * kSecond;
   const std::string whole = ReadWholeFile(Write(recipe, folder / "whole.ts"));
-  // The same without the packets of its sound: it is announced only.
+  // The same without the packets of its audio: it is announced only.
   std::string mute;
   for (std::size_t at = 0; at < whole.size(); at += 188) {
     const int pid = (whole[at + 1] & 0x1F) << 8 | static_cast<std::uint8_t>(whole[at + 2]);
@@ -464,7 +465,7 @@ TEST(MediaReader, FailsForReopeningWhenSoundBegins) {
       mute += whole.substr(at, 188);
     }
   }
-  recipe.sound.clear();
+  recipe.audio.clear();
   const std::string alone = ReadWholeFile(Write(recipe, folder / "alone.ts"));
   recipe = SmallClip();
   recipe.containerOptions = {{"tables_version", "3"}};
@@ -482,18 +483,18 @@ TEST(MediaReader, FailsForReopeningWhenSoundBegins) {
     EXPECT_EQ(reader.info().audioAbsence,
               stream.starts_with(alone) ? AudioAbsence::kNotInSource : AudioAbsence::kNotStarted);
     EXPECT_EQ(reader.info().noAudioReason,
-              stream.starts_with(alone) ? "it has no audio" : "its sound has not begun");
+              stream.starts_with(alone) ? "it has no audio" : "its audio has not begun");
     try {
       ReadAll(reader);
       ADD_FAILURE() << "stays mute";
     } catch (const MediaError& error) {
-      EXPECT_EQ(error.reason(), "its sound begins");
+      EXPECT_EQ(error.reason(), "its audio begins");
     }
   }
 }
 
 // The luma of the rows that the picture has.
-std::string LumaOf(const VideoPicture& picture) {
+std::string LumaOf(const DecodedFrame& picture) {
   const AVFrame& frame = *picture.frame;
   std::string luma;
   for (int y = 0; y < frame.height; ++y) {
@@ -515,7 +516,7 @@ TEST(MediaReader, BeginsInTheMiddleOfAGopWithTheNextKeyframe) {
       {"libx264", {{"g", "40"}, {"x264-params", "intra-refresh=1:bframes=0"}}}};
   for (const auto& [codec, options] : codecs) {
     ClipRecipe recipe = SmallClip();
-    recipe.sound.clear();
+    recipe.audio.clear();
     recipe.videoCodec = codec;
     recipe.videoOptions = options;
     recipe.length = 5 * kSecond;
@@ -527,8 +528,8 @@ TEST(MediaReader, BeginsInTheMiddleOfAGopWithTheNextKeyframe) {
     MediaReader cut(Source(folder / "cut.ts"));
     whole.Open();
     cut.Open();
-    const std::vector<VideoPicture> all = ReadAll(whole).pictures;
-    const std::vector<VideoPicture> shown = ReadAll(cut).pictures;
+    const std::vector<DecodedFrame> all = ReadAll(whole).pictures;
+    const std::vector<DecodedFrame> shown = ReadAll(cut).pictures;
     ASSERT_GE(shown.size(), 40U) << codec << " " << shown.size();
     ASSERT_LT(shown.size(), all.size() * 4 / 5) << codec;
     for (std::size_t n = 1; n <= shown.size(); ++n) {
@@ -543,7 +544,7 @@ TEST(KeyframeGate, OpensForAStreamThatHasNoKeyframesAfterSomeTime) {
   const ffmpeg::Packet packet = ffmpeg::MakePacket();
   const ffmpeg::Frame frame = ffmpeg::MakeFrame();
   frame->key_frame = 0;
-  for (packet->dts = 0; packet->dts < KeyframeGate::kLongestWait; packet->dts += kSecond / 25) {
+  for (packet->dts = 0; packet->dts < KeyframeGate::kMaxWait; packet->dts += kSecond / 25) {
     gate.Packet(*packet);
     ASSERT_TRUE(gate.waits());
     ASSERT_FALSE(gate.Lets(*frame));
@@ -553,7 +554,7 @@ TEST(KeyframeGate, OpensForAStreamThatHasNoKeyframesAfterSomeTime) {
   EXPECT_TRUE(gate.Lets(*frame));
   gate.Close();
   EXPECT_FALSE(gate.Lets(*frame));
-  for (int i = 0; i < KeyframeGate::kMostPackets; ++i) {
+  for (int i = 0; i < KeyframeGate::kMaxPackets; ++i) {
     packet->dts = i % 2 == 0 ? 0 : INT64_MIN;
     gate.Packet(*packet);
   }

@@ -12,7 +12,7 @@ namespace {
 constexpr Time kFrame = 400'000;
 constexpr std::optional<Time> kNoLimit;
 
-SourceClock::Stamps At(Time time, Time duration = kFrame) {
+SourceClock::Timestamps At(Time time, Time duration = kFrame) {
   return {time, time, duration};
 }
 
@@ -35,7 +35,7 @@ TEST(SourceClock, KeepsPresentationTimesAsFarFromDecodingTimesAsTheSource) {
   EXPECT_EQ(mapped.dts, 0);
   EXPECT_EQ(mapped.pts, 2 * kFrame);
   EXPECT_EQ(clock.end(), 3 * kFrame);
-  // A flipped bit of the stamp: as if there were none.
+  // A flipped bit of the timestamp: as if there were none.
   EXPECT_FALSE(clock.Map(video, {1000 + kFrame, 1000 + 3600 * kSecond, kFrame}).pts.has_value());
   EXPECT_FALSE(clock.Map(video, {1000 + 2 * kFrame, 1000 - kSecond, kFrame}).pts.has_value());
   EXPECT_EQ(clock.Map(video, {1000 + 3 * kFrame, 1000 + 4 * kFrame, kFrame}).pts, 4 * kFrame);
@@ -60,7 +60,7 @@ TEST(SourceClock, UndoesAWrapExactlyAndWithoutAFlag) {
   EXPECT_EQ(clock.Map(clock.AddStream(kPeriod), At(kFrame)).dts, 4 * kFrame);
 }
 
-// A short clip that is sent again and again: the leaps are smaller than streams may lie apart.
+// A short clip that is sent again and again: the jumps are smaller than streams may lie apart.
 TEST(SourceClock, GoesOnThroughShortRepeats) {
   SourceClock clock(10 * kSecond);
   const auto video = clock.AddStream(0);
@@ -105,7 +105,7 @@ TEST(SourceClock, KeepsAGapThatIsShorterThanTheLimitAndSmallStepsBack) {
   EXPECT_EQ(file.Map(slides, At(3600 * kSecond)).dts, 3600 * kSecond);
 }
 
-TEST(SourceClock, KeepsSoundAndPictureTogetherWhenTheyJumpOneAfterTheOther) {
+TEST(SourceClock, KeepsAudioAndPictureTogetherWhenTheyJumpOneAfterTheOther) {
   SourceClock clock(10 * kSecond);
   const auto video = clock.AddStream(0);
   const auto audio = clock.AddStream(0);
@@ -115,7 +115,7 @@ TEST(SourceClock, KeepsSoundAndPictureTogetherWhenTheyJumpOneAfterTheOther) {
     clock.Map(video, At(before + i * kFrame));
     clock.Map(audio, At(before + i * kFrame));
   }
-  // The sound of the old part still comes while the picture has jumped.
+  // The audio of the old part still comes while the picture has jumped.
   EXPECT_EQ(clock.Map(video, At(after)).dts, 10 * kFrame);
   const auto old = clock.Map(audio, At(before + 10 * kFrame));
   EXPECT_EQ(old.dts, 10 * kFrame);
@@ -127,7 +127,7 @@ TEST(SourceClock, KeepsSoundAndPictureTogetherWhenTheyJumpOneAfterTheOther) {
   EXPECT_TRUE(adopted.discontinuity);
 }
 
-// A bit of a stamp that flips is a leap there and back; here every bit that a stamp has.
+// A bit of a timestamp that flips is a jump there and back; here every bit that a timestamp has.
 TEST(SourceClock, DamagedStampsMoveNothing) {
   for (int bit = 10; bit < 33; ++bit) {
     for (const int inARow : {1, 2}) {
@@ -139,9 +139,9 @@ TEST(SourceClock, DamagedStampsMoveNothing) {
         const Time time = base + i * kFrame;
         const bool damaged = i == 50 || (inARow == 2 && i == 51);
         const Time flip = (std::int64_t{1} << bit) * 1000 / 9;
-        const Time stamp = !damaged ? time : i == 50 ? time + flip : time - flip;
-        const auto picture = clock.Map(video, At(stamp));
-        const auto sound = clock.Map(audio, At(i == 70 ? time - flip : time));
+        const Time timestamp = !damaged ? time : i == 50 ? time + flip : time - flip;
+        const auto picture = clock.Map(video, At(timestamp));
+        const auto heard = clock.Map(audio, At(i == 70 ? time - flip : time));
         if (!damaged) {
           EXPECT_EQ(picture.dts, i * kFrame) << "bit " << bit << ", packet " << i;
           EXPECT_FALSE(picture.discontinuity);
@@ -149,16 +149,16 @@ TEST(SourceClock, DamagedStampsMoveNothing) {
           EXPECT_NEAR(picture.dts, i * kFrame, SourceClock::kBackLimit);
         }
         if (i != 70) {
-          EXPECT_EQ(sound.dts, i * kFrame) << "bit " << bit << ", packet " << i;
+          EXPECT_EQ(heard.dts, i * kFrame) << "bit " << bit << ", packet " << i;
         }
       }
     }
   }
 }
 
-// One damaged stamp moves all packets of sound that a container gave it together.
-TEST(SourceClock, WhatLeapsAloneComesBackBesideTheOthers) {
-  for (const Time leap : {-6 * kSecond, -kSecond, kSecond, 6 * kSecond, 6000 * kSecond}) {
+// One damaged timestamp moves all packets of audio that a container gave it together.
+TEST(SourceClock, WhatJumpsAloneComesBackBesideTheOthers) {
+  for (const Time jump : {-6 * kSecond, -kSecond, kSecond, 6 * kSecond, 6000 * kSecond}) {
     SourceClock clock(10 * kSecond);
     const auto video = clock.AddStream(0);
     const auto audio = clock.AddStream(0);
@@ -167,8 +167,8 @@ TEST(SourceClock, WhatLeapsAloneComesBackBesideTheOthers) {
       const Time time = base + i * kFrame;
       const bool damaged = i >= 50 && i < 58;
       EXPECT_EQ(clock.Map(video, At(time)).dts, i * kFrame);
-      const auto sound = clock.Map(audio, At(damaged ? time + leap : time));
-      EXPECT_EQ(sound.dts, i * kFrame) << "leap " << leap << ", packet " << i;
+      const auto heard = clock.Map(audio, At(damaged ? time + jump : time));
+      EXPECT_EQ(heard.dts, i * kFrame) << "leap " << jump << ", packet " << i;
     }
   }
 }
@@ -186,7 +186,7 @@ TEST(SourceClock, KeepsAGapThatAllStreamsHaveAndOneThatASingleOneHasBesideTheOth
   }
   EXPECT_EQ(clock.Map(audio, At(5 * kSecond)).dts, 5 * kSecond);
   EXPECT_EQ(clock.Map(video, At(5 * kSecond + 5 * kFrame)).dts, 5 * kSecond + 5 * kFrame);
-  // The sound pauses.
+  // The audio pauses.
   for (int i = 6; i < 100; ++i) {
     EXPECT_EQ(clock.Map(video, At(5 * kSecond + i * kFrame)).dts, 5 * kSecond + i * kFrame);
   }
@@ -212,8 +212,8 @@ TEST(SourceClock, AudioThatWasAwayComesBackBesideItsVideo) {
     for (int i = 0; i < frames; ++i, ++frame) {
       const Time picture = clock.Map(video, At(base + i * kFrame)).dts;
       if (hasAudio) {
-        const Time sound = clock.Map(audio, At(base + i * kFrame)).dts;
-        apart = i >= 5 ? std::max(apart, std::abs(picture - sound)) : 0;
+        const Time heard = clock.Map(audio, At(base + i * kFrame)).dts;
+        apart = i >= 5 ? std::max(apart, std::abs(picture - heard)) : 0;
       }
     }
     return apart;
@@ -225,17 +225,17 @@ TEST(SourceClock, AudioThatWasAwayComesBackBesideItsVideo) {
   EXPECT_LE(run(2000 * kSecond + 400 * kFrame, 100, true), SourceClock::kBackLimit);
 }
 
-// A frame a second follows through a step that is a leap for its audio, which comes first.
-TEST(SourceClock, ALeapThatASlowStreamTakesForItsRhythmMovesBoth) {
+// A frame a second follows through a step that is a jump for its audio, which comes first.
+TEST(SourceClock, AJumpThatASlowStreamTakesForItsRhythmMovesBoth) {
   SourceClock clock(10 * kSecond);
   const auto video = clock.AddStream(0);
   const auto audio = clock.AddStream(0);
   Time apart = 0;
   for (int i = 0; i < 500; ++i) {
     const Time time = i * kFrame + (i < 240 ? 0 : 104 * kSecond / 100);
-    const Time sound = clock.Map(audio, At(time)).dts;
+    const Time heard = clock.Map(audio, At(time)).dts;
     if (i % 25 == 0) {
-      apart = sound - clock.Map(video, At(time, kSecond)).dts;
+      apart = heard - clock.Map(video, At(time, kSecond)).dts;
     }
   }
   EXPECT_EQ(apart, 0);
@@ -254,7 +254,7 @@ TEST(SourceClock, FollowsAGapAndASlowRhythmOnceTheyAreBorneOut) {
     dts = clock.Map(video, At(4 * kSecond + i * kSecond)).dts;
   }
   EXPECT_EQ(dts, 11 * kSecond);
-  // Stamps without any sense are believed in the end.
+  // Timestamps without any sense are believed in the end.
   bool believed = false;
   for (int i = 1; i < 8; ++i) {
     believed = believed || clock.Map(video, At(i * i * 1000 * kSecond)).discontinuity;

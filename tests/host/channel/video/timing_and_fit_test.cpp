@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "host/channel/video/picture_fit.h"
+#include "host/channel/video/frame_fit.h"
 #include "host/channel/video/rate_limiter.h"
 #include "host/units.h"
 
@@ -71,21 +71,21 @@ TEST(RateLimiter, SavesAtMostOneFrameUpDuringAGap) {
   EXPECT_LE(passed, 27);
 }
 
-TEST(FitPicture, KeepsTheShapeCentresItAndStaysEven) {
+TEST(FitFrame, KeepsTheShapeCentresItAndStaysEven) {
   // Source, shape of its pixels, window, shape of the canvas's pixels.
-  EXPECT_EQ(FitPicture(1920, 1080, {1, 1}, 640, 360, {1, 1}), (FitRect{0, 0, 640, 360}));
-  EXPECT_EQ(FitPicture(720, 576, {16, 15}, 640, 360, {1, 1}), (FitRect{80, 0, 480, 360}));
-  EXPECT_EQ(FitPicture(720, 576, {64, 45}, 640, 360, {1, 1}), (FitRect{0, 0, 640, 360}));
-  EXPECT_EQ(FitPicture(1080, 1920, {1, 1}, 640, 360, {1, 1}), (FitRect{218, 0, 202, 360}));
-  EXPECT_EQ(FitPicture(2048, 858, {1, 1}, 640, 360, {1, 1}), (FitRect{0, 46, 640, 268}));
+  EXPECT_EQ(FitFrame(1920, 1080, {1, 1}, 640, 360, {1, 1}), (FitRect{0, 0, 640, 360}));
+  EXPECT_EQ(FitFrame(720, 576, {16, 15}, 640, 360, {1, 1}), (FitRect{80, 0, 480, 360}));
+  EXPECT_EQ(FitFrame(720, 576, {64, 45}, 640, 360, {1, 1}), (FitRect{0, 0, 640, 360}));
+  EXPECT_EQ(FitFrame(1080, 1920, {1, 1}, 640, 360, {1, 1}), (FitRect{218, 0, 202, 360}));
+  EXPECT_EQ(FitFrame(2048, 858, {1, 1}, 640, 360, {1, 1}), (FitRect{0, 46, 640, 268}));
   // On a canvas of wide pixels the same picture takes fewer of them.
-  EXPECT_EQ(FitPicture(720, 576, {16, 15}, 720, 576, {16, 15}), (FitRect{0, 0, 720, 576}));
-  EXPECT_EQ(FitPicture(1024, 576, {1, 1}, 720, 576, {64, 45}), (FitRect{0, 0, 720, 576}));
+  EXPECT_EQ(FitFrame(720, 576, {16, 15}, 720, 576, {16, 15}), (FitRect{0, 0, 720, 576}));
+  EXPECT_EQ(FitFrame(1024, 576, {1, 1}, 720, 576, {64, 45}), (FitRect{0, 0, 720, 576}));
 }
 
-TEST(FitPicture, LeavesNoBarsOfAPixelOrTwoAndNeverVanishes) {
-  EXPECT_EQ(FitPicture(854, 480, {1, 1}, 640, 360, {1, 1}), (FitRect{0, 0, 640, 360}));
-  const FitRect line = FitPicture(8192, 2, {1, 1}, 64, 36, {1, 1});
+TEST(FitFrame, LeavesNoBarsOfAPixelOrTwoAndNeverVanishes) {
+  EXPECT_EQ(FitFrame(854, 480, {1, 1}, 640, 360, {1, 1}), (FitRect{0, 0, 640, 360}));
+  const FitRect line = FitFrame(8192, 2, {1, 1}, 64, 36, {1, 1});
   EXPECT_EQ(line.width, 64);
   EXPECT_EQ(line.height, 2);
   EXPECT_EQ(line.y % 2, 0);

@@ -1,4 +1,4 @@
-// The sound of one opening of a source, on its way to the outputs.
+// The audio of one opening of a source, on its way to the outputs.
 #pragma once
 
 #include <cstdint>
@@ -14,25 +14,25 @@
 
 namespace host {
 
-// Packets of a kind that passes through go on untouched, if they fit into the channel's track. All
-// others are left out, and the track's format is encoded from the decoded samples instead: sound of
-// another kind, sound whose form differs from that with which the track began (the source was
-// opened again, or changed while it ran, as its packets say or only the decoder shows), and sound
+// Packets of a kind that passes through pass untouched, if they fit into the channel's track. All
+// others are left out, and the track's format is encoded from the decoded samples instead: audio of
+// another kind, audio whose form differs from that with which the track began (the source was
+// opened again, or changed while it ran, as its packets say or only the decoder shows), and audio
 // that came too late for the track to begin with its form. What happens is said once for each
 // cause.
 //
 // Owned and called by one reader on its thread.
-class AudioRoad {
+class AudioPassthrough {
  public:
   // False when nothing more can be taken.
   using Sink = std::function<bool(AudioPacket)>;
   using Say = std::function<void(const std::string&)>;
 
   // track is shared with the outputs; fallbackLanguage names the track where the source does not.
-  AudioRoad(std::shared_ptr<AudioTrack> track, std::string fallbackLanguage, Say say);
+  AudioPassthrough(std::shared_ptr<AudioTrack> track, std::string fallbackLanguage, Say say);
 
   // The source is open: the track may begin in its form, where that is known before a packet has
-  // come. parameters and info are null without sound.
+  // come. parameters and info are null without audio.
   void Announce(const AVCodecParameters* parameters, const AudioInfo* info);
   // Both in the order in which the reader gives them; the samples of a packet come after it.
   // parameters, info: of the stream that the packet belongs to.
@@ -47,7 +47,7 @@ class AudioRoad {
   std::uint64_t lost() const { return lost_ + (encoder_ ? encoder_->repaired() : 0); }
 
  private:
-  // What tells that the form of the sound has changed.
+  // What tells that the form of the audio has changed.
   struct Form {
     int codec = 0;
     int sampleRate = 0;
@@ -89,7 +89,7 @@ class AudioRoad {
   bool isDecodedOtherwise_ = false;
   int framesAgainst_ = 0;
   std::shared_ptr<const AudioFormat> format_;  // of the packets that go out; null: none do
-  std::unique_ptr<AudioEncoder> encoder_;      // while the sound is encoded
+  std::unique_ptr<AudioEncoder> encoder_;      // while the audio is encoded
   std::uint64_t lost_ = 0;                     // with former encoders
   std::string said_;
 };

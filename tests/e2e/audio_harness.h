@@ -12,7 +12,7 @@ namespace e2e {
 
 struct FlashClip {
   std::string rate = "25";    // pictures per second, "30000/1001"
-  std::string codec = "aac";  // of the sound
+  std::string codec = "aac";  // of the audio
   std::string sampleRate = "48000";
   int flashEvery = 25;  // pictures; the third fifth of each time is a flash and a click
   int pictures = 150;
@@ -29,7 +29,7 @@ void WriteFlashClip(const FlashClip& clip, const std::filesystem::path& file);
 void RemuxWithAudioLater(const std::filesystem::path& from, const std::filesystem::path& to,
                          host::Time later);
 
-// The compressed packets of a track of sound, counted from 1; times from the start of the file.
+// The compressed packets of a track of audio, counted from 1; times from the start of the file.
 std::vector<host::AudioPacket> ReadPackets(const std::filesystem::path& file, std::size_t track);
 // Moments at which the picture becomes bright around each of the points.
 struct Point {
@@ -38,7 +38,7 @@ struct Point {
 };
 std::vector<std::vector<host::Time>> FindFlashes(const std::filesystem::path& file,
                                                  const std::vector<Point>& points);
-// Moments at which the sound of a track sets in after silence.
+// Moments at which the audio of a track sets in after silence.
 std::vector<host::Time> FindClicks(const std::filesystem::path& file, std::size_t track);
 
 // All packets of a file as they are in it, for each of its streams: time of presentation in units

@@ -1,4 +1,4 @@
-#include "host/feed/picture_type.h"
+#include "host/feed/video_type.h"
 
 #include "pins/streams.h"
 
@@ -15,7 +15,7 @@ CMediaType SideType(const GUID& major) {
 
 }  // namespace
 
-CMediaType PictureType(int width, int height, Ratio frameRate, Ratio aspect) {
+CMediaType VideoType(int width, int height, Ratio frameRate, Ratio aspect) {
   VIDEOINFOHEADER2 format{};
   format.rcSource = format.rcTarget = {0, 0, width, height};
   format.AvgTimePerFrame = FrameDuration(frameRate);
@@ -27,7 +27,7 @@ CMediaType PictureType(int width, int height, Ratio frameRate, Ratio aspect) {
   format.bmiHeader.biPlanes = 1;
   format.bmiHeader.biBitCount = 12;
   format.bmiHeader.biCompression = MakeFourcc('Y', 'V', '1', '2');
-  format.bmiHeader.biSizeImage = static_cast<DWORD>(PictureSize(width, height));
+  format.bmiHeader.biSizeImage = static_cast<DWORD>(FrameBytes(width, height));
   CMediaType type(&MEDIATYPE_Video);
   type.SetSubtype(&MEDIASUBTYPE_YV12);
   type.SetFormatType(&FORMAT_VideoInfo2);

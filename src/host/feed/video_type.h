@@ -6,16 +6,16 @@
 
 namespace host {
 
-// YV12 pictures with a VIDEOINFOHEADER2. width, height in pixels, even; aspect is the display
+// YV12 frames with a VIDEOINFOHEADER2. width, height in pixels, even; aspect is the display
 // aspect.
-CMediaType PictureType(int width, int height, Ratio frameRate, Ratio aspect);
+CMediaType VideoType(int width, int height, Ratio frameRate, Ratio aspect);
 // The three side streams of a channel.
 CMediaType LabelType();
 CMediaType AudioAlarmType();
 CMediaType VideoAlarmType();
 
-// Bytes of a packed YV12 picture.
-constexpr LONG PictureSize(int width, int height) {
+// Bytes of a packed YV12 frame.
+constexpr LONG FrameBytes(int width, int height) {
   return width * height / 2 * 3;
 }
 

@@ -1,4 +1,4 @@
-#include "tests/e2e/sound_harness.h"
+#include "tests/e2e/audio_harness.h"
 
 #include <algorithm>
 #include <array>
@@ -42,7 +42,7 @@ void WriteFlashClip(const FlashClip& clip, const std::filesystem::path& file) {
                     ",format=yuv420p,geq=lum='if(between(mod(N," + every + ")*5,2*" + every +
                     ",3*" + every + "-1),220,40)':cb=128:cr=128";
   recipe.videoOptions = {{"preset", "ultrafast"}, {"qp", "10"}};
-  recipe.sound = "aevalsrc='if(between(mod(t," + period + ")*5,2*" + period + ",3*" + period +
+  recipe.audio = "aevalsrc='if(between(mod(t," + period + ")*5,2*" + period + ",3*" + period +
                  "),0.5*sin(2*PI*1000*t),0)':s=" + clip.sampleRate + ":c=mono";
   recipe.audioCodec = clip.codec;
   recipe.language = clip.language;
@@ -102,7 +102,7 @@ std::vector<std::vector<host::Time>> FindFlashes(const std::filesystem::path& fi
   std::vector<std::vector<host::Time>> flashes(points.size());
   std::vector<bool> bright(points.size(), true);  // so that a start in a flash is none
   host::ReadEach(reader, [&](const host::MediaItem& item) {
-    const auto* const picture = std::get_if<host::VideoPicture>(&item);
+    const auto* const picture = std::get_if<host::DecodedFrame>(&item);
     for (std::size_t i = 0; picture != nullptr && i < points.size(); ++i) {
       const AVFrame& frame = *picture->frame;
       const bool isBright = frame.data[0][points[i].y * frame.linesize[0] + points[i].x] > 130;

@@ -1,4 +1,4 @@
-#include "host/output/picture_encoder.h"
+#include "host/output/encoder_thread.h"
 
 #include <algorithm>
 #include <cstring>
@@ -21,19 +21,19 @@ constexpr int kCancelLimit = 500;  // milliseconds
 
 using Clock = std::chrono::steady_clock;
 
-struct PictureEncoder::Picture {
+struct EncoderThread::Picture {
   ComPtr<IMediaSample> sample;
   Time start = 0;
 };
 
-struct PictureEncoder::Work {
+struct EncoderThread::Work {
   explicit Work(const Settings& given)
       : settings(given),
         encoder(settings.encoder),
         parameters(encoder->parameters()),
-        delay(settings.firstDelay),
+        delay(settings.minDelay),
         openedAt(Clock::now()),
-        queue(settings.queuedPictures) {}
+        queue(settings.queuedFrames) {}
 
   void Run();
   void Hand(const ffmpeg::Packet& packet);
@@ -58,26 +58,26 @@ struct PictureEncoder::Work {
   std::atomic<bool> ended{false};
 };
 
-PictureEncoder::PictureEncoder(const Settings& settings, qorp::log::ILogPerf* logger)
+EncoderThread::EncoderThread(const Settings& settings, qorp::log::ILogPerf* logger)
     : work_(std::make_shared<Work>(settings)), logger_(logger) {
   if (logger_ != nullptr) {
     logger_->RegisterPin(settings.name.c_str());
   }
 }
 
-PictureEncoder::~PictureEncoder() {
+EncoderThread::~EncoderThread() {
   Finish(std::chrono::milliseconds(kCancelLimit));
 }
 
-void PictureEncoder::Add(Consumer consumer) {
+void EncoderThread::Add(Consumer consumer) {
   work_->consumers.push_back(std::move(consumer));
 }
 
-void PictureEncoder::Start() {
+void EncoderThread::Start() {
   thread_ = std::make_unique<os::Thread>([work = work_] { work->Run(); }, "encoder");
 }
 
-void PictureEncoder::Take(const ComPtr<IMediaSample>& picture, Time start) {
+void EncoderThread::Take(const ComPtr<IMediaSample>& picture, Time start) {
   if (work_->queue.PushDroppingOldest({picture, start}).has_value() && !work_->ended) {
     ++work_->dropped;
     if (logger_ != nullptr) {
@@ -86,34 +86,34 @@ void PictureEncoder::Take(const ComPtr<IMediaSample>& picture, Time start) {
   }
 }
 
-bool PictureEncoder::WaitForRoom(std::chrono::milliseconds limit) {
+bool EncoderThread::WaitForRoom(std::chrono::milliseconds limit) {
   return work_->ended || work_->queue.WaitForRoom(limit) || work_->ended;
 }
 
-std::uint64_t PictureEncoder::dropped() const {
+std::uint64_t EncoderThread::dropped() const {
   return work_->dropped;
 }
 
-std::uint64_t PictureEncoder::handed() const {
+std::uint64_t EncoderThread::handed() const {
   return work_->handed;
 }
 
-ffmpeg::Parameters PictureEncoder::parameters() const {
+ffmpeg::Parameters EncoderThread::parameters() const {
   ffmpeg::Parameters parameters = ffmpeg::MakeParameters();
   ffmpeg::Check(avcodec_parameters_copy(parameters.get(), work_->parameters.get()),
                 "cannot describe the encoded video");
   return parameters;
 }
 
-void PictureEncoder::Close() {
+void EncoderThread::Close() {
   work_->queue.Close();
 }
 
-bool PictureEncoder::WaitForEnd(std::chrono::milliseconds limit) {
+bool EncoderThread::WaitForEnd(std::chrono::milliseconds limit) {
   return thread_ == nullptr || thread_->Wait(static_cast<std::uint32_t>(limit.count()));
 }
 
-bool PictureEncoder::Finish(std::chrono::milliseconds limit) {
+bool EncoderThread::Finish(std::chrono::milliseconds limit) {
   Close();
   const bool ended = WaitForEnd(limit);
   if (!ended) {
@@ -125,7 +125,7 @@ bool PictureEncoder::Finish(std::chrono::milliseconds limit) {
   return ended;
 }
 
-void PictureEncoder::Work::Open() {
+void EncoderThread::Work::Open() {
   openedAt = Clock::now();
   encoder.emplace(settings.encoder);
   const ffmpeg::Parameters now = encoder->parameters();
@@ -138,7 +138,7 @@ void PictureEncoder::Work::Open() {
   }
 }
 
-void PictureEncoder::Work::Encode(const Picture& picture) {
+void EncoderThread::Work::Encode(const Picture& picture) {
   ++inside;
   if (!encoder) {
     Open();
@@ -151,7 +151,7 @@ void PictureEncoder::Work::Encode(const Picture& picture) {
                   picture.start, [this](const ffmpeg::Packet& packet) { Hand(packet); });
 }
 
-void PictureEncoder::Work::Hand(const ffmpeg::Packet& packet) {
+void EncoderThread::Work::Hand(const ffmpeg::Packet& packet) {
   --inside;
   ++handed;
   const bool recovers = std::exchange(failed, false);
@@ -163,21 +163,21 @@ void PictureEncoder::Work::Hand(const ffmpeg::Packet& packet) {
   }
 }
 
-void PictureEncoder::Work::OnFailure(const std::string& reason) {
+void EncoderThread::Work::OnFailure(const std::string& reason) {
   encoder.reset();
   failed = true;
   dropped += static_cast<std::uint64_t>(std::exchange(inside, 0));
-  if (Clock::now() - openedAt >= settings.longestDelay) {
-    delay = settings.firstDelay;
+  if (Clock::now() - openedAt >= settings.maxDelay) {
+    delay = settings.minDelay;
   }
   openAgainAt = Clock::now() + delay;
   for (const Consumer& consumer : consumers) {
     consumer.fail(reason, settings.live ? std::optional(delay) : std::nullopt);
   }
-  delay = std::min(delay * 2, settings.longestDelay);
+  delay = std::min(delay * 2, settings.maxDelay);
 }
 
-void PictureEncoder::Work::Run() {
+void EncoderThread::Work::Run() {
   while (std::optional<Picture> picture = queue.Pop()) {
     if (!encoder && Clock::now() < openAgainAt) {
       ++dropped;

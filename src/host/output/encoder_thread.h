@@ -1,4 +1,4 @@
-// PictureEncoder: encodes the composed pictures for all outputs of one setting.
+// EncoderThread: encodes the composed frames for all outputs of one setting.
 #pragma once
 
 #include <atomic>
@@ -21,23 +21,23 @@
 
 namespace host {
 
-// Takes references to composed pictures into a bounded queue; its thread encodes them and hands
+// Takes references to composed frames into a bounded queue; its thread encodes them and hands
 // every packet to each of its outputs. A live wall never waits: when the encoder is behind, the
-// oldest picture that waits is dropped, counted and reported to the logger as a full buffer. An
+// oldest frame that waits is dropped, counted and reported to the logger as a full buffer. An
 // encoder that fails is opened again after a growing delay, in which frames are dropped; it begins
 // again with a keyframe and with the same headers, so that its outputs continue. A wall that is
 // rendered waits for room before it sends the next frame, and a failure is final.
 //
 // Owned by the set of outputs. Take is the composition thread's, the rest the application's.
-class PictureEncoder {
+class EncoderThread {
  public:
   struct Settings {
     std::string name = "encoder";  // for the reports about full buffers
     VideoEncoder::Settings encoder;
-    std::size_t queuedPictures = 16;
+    std::size_t queuedFrames = 16;
     bool live = false;
-    std::chrono::milliseconds firstDelay{250};  // until it is opened again; doubles each time
-    std::chrono::milliseconds longestDelay{5'000};
+    std::chrono::milliseconds minDelay{250};  // until it is opened again; doubles each time
+    std::chrono::milliseconds maxDelay{5'000};
   };
   // Called by the encoder's thread.
   struct Consumer {
@@ -49,10 +49,10 @@ class PictureEncoder {
   };
 
   // Opens the encoder. Throws ffmpeg::Error. logger may be null; it outlives the encoder.
-  PictureEncoder(const Settings& settings, qorp::log::ILogPerf* logger);
-  ~PictureEncoder();
-  PictureEncoder(const PictureEncoder&) = delete;
-  PictureEncoder& operator=(const PictureEncoder&) = delete;
+  EncoderThread(const Settings& settings, qorp::log::ILogPerf* logger);
+  ~EncoderThread();
+  EncoderThread(const EncoderThread&) = delete;
+  EncoderThread& operator=(const EncoderThread&) = delete;
 
   // Before Start. A consumer owns what it calls: the thread may have to be detached.
   void Add(Consumer consumer);

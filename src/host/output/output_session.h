@@ -1,4 +1,4 @@
-// OutputPass: one opening of an output.
+// OutputSession: one opening of an output.
 #pragma once
 
 #include <deque>
@@ -37,7 +37,7 @@ namespace host {
 // A file into which nothing of use was written when the output fails is removed.
 //
 // Owned and called by an output on its thread, except Cancel.
-class OutputPass {
+class OutputSession {
  public:
   struct Track {
     std::string name;
@@ -55,14 +55,14 @@ class OutputPass {
     std::function<Time()> sinceStart;  // live: the time since the wall's first frame
     SegmentLimits segments;            // of a file
     Time keyFrameInterval = 2 * kSecond;
-    std::vector<Track> tracks;  // one for each channel; none: no sound is written
+    std::vector<Track> tracks;  // one for each channel; none: no audio is written
   };
-  // What belongs to the output and outlives its passes.
+  // What belongs to the output and outlives its sessions.
   struct Owner {
     RecordingFiles* files = nullptr;              // null: the output is no file
     std::function<void(const std::string&)> say;  // gets sentences for the operator
     // Something has reached a target; file: its name, empty where it is none.
-    std::function<void(const OutputPass& pass, const std::string& file)> opened;
+    std::function<void(const OutputSession& session, const std::string& file)> opened;
     // What is queued behind a keyframe is skipped up to the newest one; false: there is none. Null
     // where everything is to be written.
     std::function<bool()> skipToNewestKeyframe = nullptr;
@@ -72,9 +72,9 @@ class OutputPass {
   };
 
   // video: of the encoder. counters: what is written and left out.
-  OutputPass(const Settings& settings, const AVCodecParameters& video, OutputCounters& counters,
-             Owner owner);
-  ~OutputPass();
+  OutputSession(const Settings& settings, const AVCodecParameters& video, OutputCounters& counters,
+                Owner owner);
+  ~OutputSession();
 
   // Opens the output when it is time. Throws ffmpeg::Error.
   void Take(TrackPacket packet);
@@ -82,7 +82,7 @@ class OutputPass {
   void Finish();
   // Any thread: bytes in the file that is written.
   std::int64_t fileBytes();
-  // Any thread: ends a blocking call for good.
+  // Any thread: ends a blocking call permanently.
   void Cancel();
 
   bool started() const { return muxer_ != nullptr; }
@@ -105,7 +105,7 @@ class OutputPass {
   // The file ends before the keyframe, and the next one begins with it.
   void Cut(const AVPacket& keyframe);
   void Write(TrackPacket packet);
-  void WriteSound(TrackPacket packet);
+  void WriteAudio(TrackPacket packet);
   void Mux(int track, ffmpeg::Packet packet);
   void WriteSilence(std::size_t channel, ffmpeg::Packet packet);
   void NoteOpen();
@@ -116,8 +116,8 @@ class OutputPass {
   OutputCounters& counters_;
   const Owner owner_;
   std::deque<TrackPacket> held_;
-  std::optional<Time> firstPicture_;  // of those held
-  std::unique_ptr<Muxer> muxer_;      // exchanged under cancelLock_
+  std::optional<Time> firstFrame_;  // of those held
+  std::unique_ptr<Muxer> muxer_;    // exchanged under cancelLock_
   std::mutex cancelLock_;
   bool cancelled_ = false;  // guarded by cancelLock_
   std::string file_;        // that is written, or a playlist; empty where it is none
@@ -126,7 +126,7 @@ class OutputPass {
   bool isOpen_ = false;     // the owner has heard of the target
   std::size_t videoTrack_ = 0;
   std::vector<std::size_t> channels_;                    // that have a track, in their order
-  std::vector<std::optional<std::size_t>> soundTracks_;  // of the muxer, for each channel
+  std::vector<std::optional<std::size_t>> audioTracks_;  // of the muxer, for each channel
   std::map<std::size_t, AudioTranscoder> transcoders_;   // of channels in formats that do not fit
   Interleaver interleaver_;
   SilentTracks silence_;

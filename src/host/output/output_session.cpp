@@ -1,4 +1,4 @@
-#include "host/output/output_pass.h"
+#include "host/output/output_session.h"
 
 #include <algorithm>
 #include <limits>
@@ -19,8 +19,8 @@ constexpr int kUnknownRate = 48'000;
 constexpr int kUnknownChannels = 2;
 // Its timestamps have 31 bits of milliseconds: 24.8 days.
 constexpr Time kMaxFlvLength = 24 * 24 * 3600 * kSecond;
-// FLV, and RTMP with it, has one track of sound.
-std::size_t MostSoundTracks(const std::string& format) {
+// FLV, and RTMP with it, has one track of audio.
+std::size_t MaxAudioTracks(const std::string& format) {
   return format == "flv" ? 1 : std::numeric_limits<std::size_t>::max();
 }
 
@@ -42,18 +42,18 @@ bool KeepsSegments(const Muxer::Settings& settings) {
 
 }  // namespace
 
-OutputPass::OutputPass(const Settings& settings, const AVCodecParameters& video,
-                       OutputCounters& counters, Owner owner)
+OutputSession::OutputSession(const Settings& settings, const AVCodecParameters& video,
+                             OutputCounters& counters, Owner owner)
     : settings_(settings),
       video_(video),
       counters_(counters),
       owner_(std::move(owner)),
-      soundTracks_(settings.tracks.size()),
+      audioTracks_(settings.tracks.size()),
       interleaver_(counters, LatenessIn(settings.muxer)),
       silence_(LatenessIn(settings.muxer)),
       cutter_(settings.segments) {}
 
-OutputPass::~OutputPass() {
+OutputSession::~OutputSession() {
   for (const TrackPacket& held : held_) {
     ++counters_.of(held.track).leftOut;
   }
@@ -66,7 +66,7 @@ OutputPass::~OutputPass() {
   }
 }
 
-void OutputPass::Cancel() {
+void OutputSession::Cancel() {
   const std::lock_guard guard(cancelLock_);
   cancelled_ = true;
   if (muxer_) {
@@ -74,12 +74,12 @@ void OutputPass::Cancel() {
   }
 }
 
-std::int64_t OutputPass::fileBytes() {
+std::int64_t OutputSession::fileBytes() {
   const std::lock_guard guard(cancelLock_);
   return muxer_ ? muxer_->fileBytes() : 0;
 }
 
-bool OutputPass::IsWaitedFor(const Track& track) const {
+bool OutputSession::IsWaitedFor(const Track& track) const {
   if (!track.audio) {
     return false;
   }
@@ -88,24 +88,24 @@ bool OutputPass::IsWaitedFor(const Track& track) const {
          (state == AudioTrack::State::kUnknown && settings_.waitForSources);
 }
 
-bool OutputPass::CanStart(const TrackPacket& packet) {
+bool OutputSession::CanStart(const TrackPacket& packet) {
   if (packet.track != TrackPacket::kVideo) {
     return false;
   }
-  if (!firstPicture_) {
-    firstPicture_ = packet.packet->dts;
+  if (!firstFrame_) {
+    firstFrame_ = packet.packet->dts;
   }
   // Live, the next frame would come too late to say so.
   const Time waited = settings_.sinceStart
                           ? settings_.sinceStart() + FrameDuration(settings_.frameRate)
-                          : packet.packet->dts - *firstPicture_;
+                          : packet.packet->dts - *firstFrame_;
   return waited >= settings_.formatLimit ||
          std::none_of(settings_.tracks.begin(), settings_.tracks.end(),
                       [this](const Track& track) { return IsWaitedFor(track); });
 }
 
-void OutputPass::Hold(TrackPacket packet) {
-  while (!firstPicture_ && !held_.empty() &&
+void OutputSession::Hold(TrackPacket packet) {
+  while (!firstFrame_ && !held_.empty() &&
          packet.packet->dts - held_.front().packet->dts > Interleaver::kMaxLead) {
     ++counters_.of(held_.front().track).leftOut;
     held_.pop_front();
@@ -113,13 +113,13 @@ void OutputPass::Hold(TrackPacket packet) {
   held_.push_back(std::move(packet));
 }
 
-void OutputPass::WriteHeld() {
+void OutputSession::WriteHeld() {
   for (TrackPacket& held : std::exchange(held_, {})) {
     Write(std::move(held));
   }
 }
 
-void OutputPass::SkipHeld() {
+void OutputSession::SkipHeld() {
   const auto drop = [this](auto begin, auto end) {
     std::for_each(begin, end,
                   [this](const TrackPacket& held) { ++counters_.of(held.track).dropped; });
@@ -143,7 +143,7 @@ void OutputPass::SkipHeld() {
   drop(held_.begin(), rest);
 }
 
-void OutputPass::Take(TrackPacket packet) {
+void OutputSession::Take(TrackPacket packet) {
   if (started()) {
     Write(std::move(packet));
     return;
@@ -159,7 +159,7 @@ void OutputPass::Take(TrackPacket packet) {
   }
 }
 
-void OutputPass::Start() {
+void OutputSession::Start() {
   Muxer::Settings settings = settings_.muxer;
   settings.interleaves = false;
   auto muxer = std::make_unique<Muxer>(settings);
@@ -185,10 +185,10 @@ void OutputPass::Start() {
   videoTrack_ = muxer->AddVideo(video_, settings_.frameRate);
   AddTracks(*muxer);
   if (hls) {
-    for (std::size_t i = 0; i < soundTracks_.size(); ++i) {
-      if (soundTracks_[i]) {
+    for (std::size_t i = 0; i < audioTracks_.size(); ++i) {
+      if (audioTracks_[i]) {
         const std::string& own = settings_.tracks[i].audio->format()->language;
-        hls->AddSound(settings_.tracks[i].name, own.empty() ? settings_.tracks[i].language : own);
+        hls->AddAudio(settings_.tracks[i].name, own.empty() ? settings_.tracks[i].language : own);
       }
     }
     hls->Apply(*muxer);
@@ -210,19 +210,19 @@ void OutputPass::Start() {
   ++targets_;
 }
 
-void OutputPass::NoteOpen() {
+void OutputSession::NoteOpen() {
   isOpen_ = true;
   owner_.opened(*this, file_);
 }
 
-void OutputPass::FinishTarget() {
+void OutputSession::FinishTarget() {
   muxer_->Finish();
   if (!isOpen_) {
     NoteOpen();
   }
 }
 
-void OutputPass::AddTracks(Muxer& muxer) {
+void OutputSession::AddTracks(Muxer& muxer) {
   // All files of a recording have the same tracks, so that they can be put together.
   if (targets_ > 0) {
     for (const std::size_t i : channels_) {
@@ -234,7 +234,7 @@ void OutputPass::AddTracks(Muxer& muxer) {
   for (std::size_t i = 0; i < order.size(); ++i) {
     order[i] = i;
   }
-  const std::size_t most = MostSoundTracks(muxer.formatName());
+  const std::size_t most = MaxAudioTracks(muxer.formatName());
   if (most < order.size()) {
     std::stable_partition(order.begin(), order.end(),
                           [&](std::size_t i) { return settings_.tracks[i].preferred; });
@@ -246,13 +246,13 @@ void OutputPass::AddTracks(Muxer& muxer) {
     }
     std::shared_ptr<const AudioFormat> format = track.audio->format();
     if (!format && IsWaitedFor(track)) {
-      format = track.audio->Settle(AacFormat(kUnknownRate, kUnknownChannels, track.language));
+      format = track.audio->Fix(AacFormat(kUnknownRate, kUnknownChannels, track.language));
     }
     if (!format) {
       continue;
     }
     if (channels_.size() == most) {
-      owner_.say(muxer.formatName() + " holds one track of sound: that of \"" +
+      owner_.say(muxer.formatName() + " holds one track of audio: that of \"" +
                  settings_.tracks[channels_[0]].name + "\"");
       break;
     }
@@ -260,29 +260,29 @@ void OutputPass::AddTracks(Muxer& muxer) {
       AddTrack(muxer, i, *format);
       channels_.push_back(i);
     } catch (const ffmpeg::Error& error) {
-      owner_.say("the sound of \"" + track.name + "\" is left out: " + error.what());
+      owner_.say("the audio of \"" + track.name + "\" is left out: " + error.what());
     }
   }
 }
 
-void OutputPass::AddTrack(Muxer& muxer, std::size_t channel, const AudioFormat& own) {
+void OutputSession::AddTrack(Muxer& muxer, std::size_t channel, const AudioFormat& own) {
   const Track& track = settings_.tracks[channel];
   if (WantsAac(muxer.format(), own.parameters->codec_id) &&
       transcoders_.try_emplace(channel, own).second) {
-    owner_.say("the sound of \"" + track.name + "\" (" +
+    owner_.say("the audio of \"" + track.name + "\" (" +
                avcodec_get_name(own.parameters->codec_id) + ") is encoded to AAC for " +
                muxer.formatName());
   }
   const auto transcoder = transcoders_.find(channel);
   const AudioFormat& format = transcoder != transcoders_.end() ? transcoder->second.format() : own;
-  soundTracks_[channel] = muxer.AddAudio(
+  audioTracks_[channel] = muxer.AddAudio(
       *format.parameters, track.name, format.language.empty() ? track.language : format.language);
   silence_.Add(channel, format);
 }
 
-void OutputPass::WriteSound(TrackPacket item) {
+void OutputSession::WriteAudio(TrackPacket item) {
   const auto channel = static_cast<std::size_t>(item.track);
-  if (!soundTracks_.at(channel)) {
+  if (!audioTracks_.at(channel)) {
     ++counters_.of(item.track).leftOut;
     return;
   }
@@ -299,14 +299,14 @@ void OutputPass::WriteSound(TrackPacket item) {
   });
 }
 
-bool OutputPass::CutsBefore(const AVPacket& keyframe) {
+bool OutputSession::CutsBefore(const AVPacket& keyframe) {
   if (muxer_->formatName() == "flv" && interleaver_.InFile(keyframe.pts) >= kMaxFlvLength) {
     return true;
   }
   return isOneFile_ && cutter_.CutsBefore(keyframe.pts, FrameDuration(settings_.frameRate));
 }
 
-void OutputPass::Cut(const AVPacket& keyframe) {
+void OutputSession::Cut(const AVPacket& keyframe) {
   const Time length = interleaver_.Restart(keyframe.pts, mux_);
   silence_.FillToEnd(length, writeSilence_);
   FinishTarget();
@@ -315,7 +315,7 @@ void OutputPass::Cut(const AVPacket& keyframe) {
   Start();
 }
 
-void OutputPass::Write(TrackPacket item) {
+void OutputSession::Write(TrackPacket item) {
   if (item.track == TrackPacket::kVideo) {
     if ((item.packet->flags & AV_PKT_FLAG_KEY) != 0 && CutsBefore(*item.packet)) {
       Cut(*item.packet);
@@ -326,17 +326,17 @@ void OutputPass::Write(TrackPacket item) {
     }
     return;
   }
-  WriteSound(std::move(item));
+  WriteAudio(std::move(item));
 }
 
-void OutputPass::WriteSilence(std::size_t channel, ffmpeg::Packet packet) {
+void OutputSession::WriteSilence(std::size_t channel, ffmpeg::Packet packet) {
   cutter_.Add(packet->size);
-  if (muxer_->Write(*soundTracks_[channel], std::move(packet))) {
+  if (muxer_->Write(*audioTracks_[channel], std::move(packet))) {
     ++counters_.of(static_cast<int>(channel)).silence;
   }
 }
 
-void OutputPass::Mux(int track, ffmpeg::Packet packet) {
+void OutputSession::Mux(int track, ffmpeg::Packet packet) {
   TrackCounters& counters = counters_.of(track);
   // Counted first: a failure of the output takes the packet with it.
   ++counters.leftOut;
@@ -348,7 +348,7 @@ void OutputPass::Mux(int track, ffmpeg::Packet packet) {
     if (!silence_.EndBefore(channel, *packet, writeSilence_)) {
       return;
     }
-    number = *soundTracks_[channel];
+    number = *audioTracks_[channel];
   }
   cutter_.Add(packet->size);
   if (muxer_->Write(number, std::move(packet))) {
@@ -357,9 +357,9 @@ void OutputPass::Mux(int track, ffmpeg::Packet packet) {
   }
 }
 
-void OutputPass::Finish() {
+void OutputSession::Finish() {
   if (!started()) {
-    if (!firstPicture_) {
+    if (!firstFrame_) {
       return;
     }
     Start();

@@ -1,4 +1,4 @@
-#include "host/channel/source/successor_input.h"
+#include "host/channel/source/replacement_input.h"
 
 #include <algorithm>
 #include <exception>
@@ -23,13 +23,14 @@ int OrdinalOf(const AVFormatContext& input, int index) {
 
 namespace {
 
-bool IsAt(const AVFormatContext& input, int index, const SuccessorInput::Position& position) {
+bool IsAt(const AVFormatContext& input, int index, const ReplacementInput::Position& position) {
   return input.streams[index]->codecpar->codec_type == position.kind &&
          OrdinalOf(input, index) == position.ordinal;
 }
 
 // What nobody reads is not fetched.
-void DiscardOthers(AVFormatContext& input, const std::vector<SuccessorInput::Position>& positions) {
+void DiscardOthers(AVFormatContext& input,
+                   const std::vector<ReplacementInput::Position>& positions) {
   for (unsigned i = 0; i < input.nb_streams; ++i) {
     const bool isRead = std::any_of(positions.begin(), positions.end(), [&](const auto& position) {
       return IsAt(input, static_cast<int>(i), position);
@@ -40,28 +41,28 @@ void DiscardOthers(AVFormatContext& input, const std::vector<SuccessorInput::Pos
 
 }  // namespace
 
-struct SuccessorInput::State {
+struct ReplacementInput::State {
   Settings settings;
   std::shared_ptr<ffmpeg::IoDeadline> deadline = std::make_shared<ffmpeg::IoDeadline>();
   std::optional<Opened> opened{};
 };
 
-SuccessorInput::SuccessorInput(Settings settings)
+ReplacementInput::ReplacementInput(Settings settings)
     : state_(std::make_shared<State>(State{std::move(settings)})),
       thread_([state = state_] { Run(*state); }, "successor") {}
 
-SuccessorInput::~SuccessorInput() {
+ReplacementInput::~ReplacementInput() {
   if (state_->deadline) {
     state_->deadline->Cancel();
   }
 }
 
-std::optional<SuccessorInput::Opened> SuccessorInput::Take() {
+std::optional<ReplacementInput::Opened> ReplacementInput::Take() {
   state_->deadline.reset();  // goes with what was opened
   return std::exchange(state_->opened, std::nullopt);
 }
 
-void SuccessorInput::Run(State& state) {
+void ReplacementInput::Run(State& state) {
   const Settings& settings = state.settings;
   try {
     Opened opened{state.deadline, nullptr, {}};

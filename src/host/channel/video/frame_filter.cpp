@@ -1,4 +1,4 @@
-#include "host/channel/video/picture_filter.h"
+#include "host/channel/video/frame_filter.h"
 
 #include <new>
 
@@ -47,7 +47,7 @@ void Parse(AVFilterGraph* graph, const std::string& description, AVFilterContext
 
 }  // namespace
 
-PictureFilter::PictureFilter(const AVFrame& like, const std::string& description)
+FrameFilter::FrameFilter(const AVFrame& like, const std::string& description)
     : graph_(avfilter_graph_alloc()) {
   if (!graph_) {
     throw std::bad_alloc();
@@ -77,9 +77,9 @@ PictureFilter::PictureFilter(const AVFrame& like, const std::string& description
                 description);
 }
 
-PictureFilter::~PictureFilter() = default;
+FrameFilter::~FrameFilter() = default;
 
-void PictureFilter::Receive(const FrameSink& sink) {
+void FrameFilter::Receive(const FrameSink& sink) {
   for (;;) {
     ffmpeg::Frame frame = ffmpeg::MakeFrame();
     const int result = av_buffersink_get_frame(sink_, frame.get());
@@ -92,12 +92,12 @@ void PictureFilter::Receive(const FrameSink& sink) {
   }
 }
 
-void PictureFilter::Push(ffmpeg::Frame frame, const FrameSink& sink) {
+void FrameFilter::Push(ffmpeg::Frame frame, const FrameSink& sink) {
   ffmpeg::Check(av_buffersrc_add_frame(source_, frame.get()), "cannot filter a picture");
   Receive(sink);
 }
 
-void PictureFilter::Finish(const FrameSink& sink) {
+void FrameFilter::Finish(const FrameSink& sink) {
   ffmpeg::Check(av_buffersrc_add_frame(source_, nullptr), "cannot filter a picture");
   Receive(sink);
 }

@@ -1,4 +1,4 @@
-#include "host/channel/video/picture_converter.h"
+#include "host/channel/video/frame_converter.h"
 
 #include <algorithm>
 #include <array>
@@ -27,15 +27,15 @@ constexpr Time kFrame = 400'000;
 constexpr Colour kBlack = {16, 128, 128};
 constexpr Colour kGreen = {145, 54, 34};
 
-PictureConverter::Settings Window(int width, int height) {
-  PictureConverter::Settings settings;
+FrameConverter::Settings Window(int width, int height) {
+  FrameConverter::Settings settings;
   settings.width = width;
   settings.height = height;
   return settings;
 }
 
-VideoPicture Picture(ffmpeg::Frame frame, Time start = 0) {
-  VideoPicture picture;
+DecodedFrame Picture(ffmpeg::Frame frame, Time start = 0) {
+  DecodedFrame picture;
   picture.frame = std::move(frame);
   picture.start = start;
   picture.duration = kFrame;
@@ -49,7 +49,7 @@ void ExpectColour(Colour actual, Colour expected, int tolerance = 2) {
 }
 
 // The picture of a window for one frame of a source.
-Yv12Buffer Shown(PictureConverter& converter, const PictureConverter::Settings& settings,
+Yv12Buffer Shown(FrameConverter& converter, const FrameConverter::Settings& settings,
                  ffmpeg::Frame frame, Time start = 0) {
   Yv12Buffer buffer(settings.width, settings.height);
   buffer.Fill({99, 99, 99});
@@ -83,9 +83,9 @@ ffmpeg::Frame MakeTenBits(int width, int height, Triple yuv) {
   return frame;
 }
 
-TEST(PictureConverter, CopiesFramesThatFitAtTheRateOfTheCanvas) {
+TEST(FrameConverter, CopiesFramesThatFitAtTheRateOfTheCanvas) {
   const auto settings = Window(32, 16);
-  PictureConverter converter(settings);
+  FrameConverter converter(settings);
   const auto colourAt = [](int x, int y) { return Colour{16 + x + 4 * y, 100 + x, 140 - y}; };
   const Yv12Buffer shown = Shown(converter, settings, MakeFrame(32, 16, colourAt));
   for (int y = 0; y < 16; ++y) {
@@ -98,16 +98,16 @@ TEST(PictureConverter, CopiesFramesThatFitAtTheRateOfTheCanvas) {
   }
   converter.Push(Picture(MakeFrame(32, 16, kGreen), kFrame / 2));
   EXPECT_EQ(converter.Next(), nullptr) << "the canvas has 25 a second";
-  VideoPicture jumped = Picture(MakeFrame(32, 16, kGreen), kFrame);
+  DecodedFrame jumped = Picture(MakeFrame(32, 16, kGreen), kFrame);
   jumped.discontinuity = true;
   converter.Push(std::move(jumped));
   ASSERT_NE(converter.Next(), nullptr);
   EXPECT_TRUE(converter.Next()->discontinuity);
 }
 
-TEST(PictureConverter, CentresAPictureOfAnotherShapeOnBlackWhateverWasInTheBuffer) {
+TEST(FrameConverter, CentresAPictureOfAnotherShapeOnBlackWhateverWasInTheBuffer) {
   const auto settings = Window(320, 180);
-  PictureConverter converter(settings);
+  FrameConverter converter(settings);
   ffmpeg::Frame frame = MakeFrame(72, 58, kGreen);
   frame->sample_aspect_ratio = {16, 15};  // 1.324 wide: 238 of 320 pixels
   const Yv12Buffer shown = Shown(converter, settings, std::move(frame));
@@ -120,7 +120,7 @@ TEST(PictureConverter, CentresAPictureOfAnotherShapeOnBlackWhateverWasInTheBuffe
   ExpectColour(shown.At(281, 90), kBlack, 0);
 }
 
-TEST(PictureConverter, ConvertsMatrixAndRangeToBt601StudioRange) {
+TEST(FrameConverter, ConvertsMatrixAndRangeToBt601StudioRange) {
   const auto settings = Window(32, 18);
   const struct {
     Colour from;
@@ -134,7 +134,7 @@ TEST(PictureConverter, ConvertsMatrixAndRangeToBt601StudioRange) {
       {{0, 128, 128}, AVCOL_SPC_UNSPECIFIED, AVCOL_RANGE_JPEG, {16, 128, 128}},
       {{63, 102, 240}, AVCOL_SPC_UNSPECIFIED, AVCOL_RANGE_UNSPECIFIED, {63, 102, 240}},
   };
-  PictureConverter converter(settings);
+  FrameConverter converter(settings);
   Time start = 0;
   for (const auto& each : cases) {
     // At the window's size and scaled.
@@ -253,9 +253,9 @@ Colour OnTheWall(Triple light, bool isHdr) {
 }
 
 // Within 5 of 219 steps of the curve of BT.2390 in greys, 8 in colours.
-TEST(PictureConverter, MapsHighDynamicRangeAndWideColoursToTheWall) {
+TEST(FrameConverter, MapsHighDynamicRangeAndWideColoursToTheWall) {
   const auto settings = Window(32, 32);
-  PictureConverter converter(settings);
+  FrameConverter converter(settings);
   const Triple lights[] = {{26, 26, 26},    {90, 90, 90},       {203, 203, 203},
                            {375, 375, 375}, {1000, 1000, 1000}, {203, 0, 0},
                            {0, 150, 0},     {20, 30, 200},      {120, 80, 60}};
@@ -318,9 +318,9 @@ int Combing(const Yv12Buffer& picture) {
   return combing;
 }
 
-std::vector<PictureConverter::PictureTimes> ConvertInterlaced(PictureConverter& converter,
-                                                              std::vector<int>& combing) {
-  std::vector<PictureConverter::PictureTimes> times;
+std::vector<FrameConverter::FrameTimes> ConvertInterlaced(FrameConverter& converter,
+                                                          std::vector<int>& combing) {
+  std::vector<FrameConverter::FrameTimes> times;
   Yv12Buffer buffer(64, 48);
   const auto drain = [&] {
     while (const auto* next = converter.Next()) {
@@ -338,18 +338,18 @@ std::vector<PictureConverter::PictureTimes> ConvertInterlaced(PictureConverter& 
   return times;
 }
 
-TEST(PictureConverter, DeinterlacesWhatIsMarkedAsInterlacedAndKeepsItsTimes) {
+TEST(FrameConverter, DeinterlacesWhatIsMarkedAsInterlacedAndKeepsItsTimes) {
   auto settings = Window(64, 48);
   settings.deinterlace = Deinterlace::kOff;
-  PictureConverter off(settings);
+  FrameConverter off(settings);
   std::vector<int> woven;
   ASSERT_EQ(ConvertInterlaced(off, woven).size(), 5U);
   EXPECT_GT(woven[2], 300);
-  settings.deinterlace = PictureConverter::Settings().deinterlace;
+  settings.deinterlace = FrameConverter::Settings().deinterlace;
   // A canvas that is fast enough shows each field.
   for (const int fields : {1, 2}) {
     settings.canvasRate = {25 * fields, 1};
-    PictureConverter converter(settings);
+    FrameConverter converter(settings);
     std::vector<int> combing;
     const auto times = ConvertInterlaced(converter, combing);
     ASSERT_EQ(times.size(), static_cast<std::size_t>(5 * fields));
@@ -362,15 +362,15 @@ TEST(PictureConverter, DeinterlacesWhatIsMarkedAsInterlacedAndKeepsItsTimes) {
 }
 
 // All eight, one after the other in one source, against what the matrix says of the corners.
-TEST(PictureConverter, FollowsTheDisplayMatrixOfEachFrame) {
+TEST(FrameConverter, FollowsTheDisplayMatrixOfEachFrame) {
   const auto settings = Window(32, 32);
-  PictureConverter converter(settings);
+  FrameConverter converter(settings);
   const auto luma = [](int right, int down) { return 40 + 50 * right + 110 * down; };
   for (int i = 0; i < 8; ++i) {
     std::int32_t matrix[9];
     av_display_rotation_set(matrix, i / 2 * 90);
     av_display_matrix_flip(matrix, i % 2, 0);
-    VideoPicture picture = Picture(MakeFrame(64, 32,
+    DecodedFrame picture = Picture(MakeFrame(64, 32,
                                              [&](int x, int y) {
                                                return Colour{luma(x / 32, y / 16), 128, 128};
                                              }),

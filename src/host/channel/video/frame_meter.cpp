@@ -1,4 +1,4 @@
-#include "host/channel/video/picture_meter.h"
+#include "host/channel/video/frame_meter.h"
 
 #include <algorithm>
 #include <array>
@@ -12,7 +12,7 @@ namespace {
 constexpr int kBlack = 16;
 constexpr int kRange = 219;
 constexpr int kRowStep = 2;
-// One in so many samples may be brighter in a black picture.
+// One in so many samples may be brighter in a black frame.
 constexpr std::int64_t kBrightShare = 50;
 
 // What is looked at of one plane: every other of its rows.
@@ -41,14 +41,14 @@ std::array<Plane, 3> PlanesOf(const std::uint8_t* picture, int width, int height
 using Lanes __attribute__((vector_size(16))) = std::uint8_t;
 constexpr int kLanes = sizeof(Lanes);
 // A lane counts no further.
-constexpr int kMostCounted = 255;
+constexpr int kMaxCounted = 255;
 
-// Rows of the lengths that pictures have overflow no sum of 32 bits.
+// Rows of the lengths that frames have overflow no sum of 32 bits.
 std::uint32_t CountBrighter(const std::uint8_t* row, int width, std::uint8_t threshold) {
   std::uint32_t count = 0;
   int x = 0;
   while (x + kLanes <= width) {
-    const int blocks = std::min((width - x) / kLanes, kMostCounted);
+    const int blocks = std::min((width - x) / kLanes, kMaxCounted);
     Lanes counts{};
     for (int block = 0; block < blocks; ++block, x += kLanes) {
       Lanes samples;
@@ -83,13 +83,13 @@ bool IsBlack(const Plane& luma, std::uint8_t threshold) {
 
 }  // namespace
 
-PictureMeter::PictureMeter(const Settings& settings)
+FrameMeter::FrameMeter(const Settings& settings)
     : blackLuma_(static_cast<std::uint8_t>(
           kBlack + std::lround(kRange * std::clamp(settings.blackLevel, 0.0, 100.0) / 100))),
       stillDifference_(kRange * std::pow(10.0, settings.stillLevel / 20)) {}
 
-PictureCondition PictureMeter::Measure(const std::uint8_t* picture, int width, int height) {
-  PictureCondition condition;
+FrameCondition FrameMeter::Measure(const std::uint8_t* picture, int width, int height) {
+  FrameCondition condition;
   condition.black = IsBlack(PlaneOf(picture, width, height), blackLuma_);
   condition.still = IsStill(picture, width, height);
   if (!condition.still) {
@@ -98,7 +98,7 @@ PictureCondition PictureMeter::Measure(const std::uint8_t* picture, int width, i
   return condition;
 }
 
-bool PictureMeter::IsStill(const std::uint8_t* picture, int width, int height) const {
+bool FrameMeter::IsStill(const std::uint8_t* picture, int width, int height) const {
   const std::array<Plane, 3> planes = PlanesOf(picture, width, height);
   std::int64_t all = 0;
   for (const Plane& plane : planes) {
@@ -122,7 +122,7 @@ bool PictureMeter::IsStill(const std::uint8_t* picture, int width, int height) c
   return true;
 }
 
-void PictureMeter::Keep(const std::uint8_t* picture, int width, int height) {
+void FrameMeter::Keep(const std::uint8_t* picture, int width, int height) {
   kept_.clear();
   for (const Plane& plane : PlanesOf(picture, width, height)) {
     for (int row = 0; row < plane.rows; ++row) {

@@ -1,4 +1,4 @@
-#include "host/channel/source/program_map_watch.h"
+#include "host/channel/source/pmt_monitor.h"
 
 #include <algorithm>
 
@@ -13,7 +13,7 @@ using Bytes = std::span<const std::uint8_t>;
 
 constexpr std::uint8_t kSync = 0x47;
 constexpr int kAssociationPid = 0;
-constexpr std::size_t kMostPrograms = 256;
+constexpr std::size_t kMaxPrograms = 256;
 constexpr std::uint8_t kAssociationTable = 0;
 constexpr std::uint8_t kMapTable = 2;
 constexpr std::uint8_t kPrivateData = 6;
@@ -30,7 +30,7 @@ std::size_t Length(Bytes bytes, std::size_t at) {
 }
 
 // The descriptors that name a codec: registration, and the broadcasters' for AC-3, E-AC-3, DTS, AAC
-// and for what is no sound at all.
+// and for what is no audio at all.
 bool NamesCodec(std::uint8_t tag) {
   constexpr std::array<std::uint8_t, 8> kTags{0x05, 0x56, 0x59, 0x6A, 0x7A, 0x7B, 0x7C, 0x7F};
   return std::find(kTags.begin(), kTags.end(), tag) != kTags.end();
@@ -38,7 +38,7 @@ bool NamesCodec(std::uint8_t tag) {
 
 }  // namespace
 
-void ProgramMapWatch::Feed(Bytes bytes) {
+void PmtMonitor::Feed(Bytes bytes) {
   while (!bytes.empty()) {
     if (filled_ == 0) {
       const auto sync = std::find(bytes.begin(), bytes.end(), kSync);
@@ -55,7 +55,7 @@ void ProgramMapWatch::Feed(Bytes bytes) {
   }
 }
 
-void ProgramMapWatch::Packet(Bytes packet) {
+void PmtMonitor::Packet(Bytes packet) {
   const bool damaged = (packet[1] & 0x80) != 0;
   const bool startsSection = (packet[1] & 0x40) != 0;
   const bool hasAdaptation = (packet[3] & 0x20) != 0;
@@ -70,7 +70,7 @@ void ProgramMapWatch::Packet(Bytes packet) {
   }
 }
 
-void ProgramMapWatch::Payload(int pid, Bytes payload, bool startsSection) {
+void PmtMonitor::Payload(int pid, Bytes payload, bool startsSection) {
   // A packet that got lost in between is found by the CRC.
   Section& bytes = sections_[pid];
   if (!startsSection) {
@@ -94,7 +94,7 @@ void ProgramMapWatch::Payload(int pid, Bytes payload, bool startsSection) {
   TakeSections(pid, bytes);
 }
 
-void ProgramMapWatch::TakeSections(int pid, Section& bytes) {
+void PmtMonitor::TakeSections(int pid, Section& bytes) {
   constexpr std::uint8_t kStuffing = 0xFF;
   while (bytes.size() >= kSectionHeader && bytes[0] != kStuffing) {
     const std::size_t size = kSectionHeader + Length(bytes, 1);
@@ -119,16 +119,16 @@ void ProgramMapWatch::TakeSections(int pid, Section& bytes) {
   }
 }
 
-void ProgramMapWatch::ProgramAssociation(Bytes section) {
+void PmtMonitor::ProgramAssociation(Bytes section) {
   for (std::size_t at = kTableHeader; at + 4 <= section.size(); at += 4) {
     const bool isProgram = (section[at] | section[at + 1]) != 0;  // 0: the network's table
-    if (isProgram && sections_.size() < kMostPrograms) {
+    if (isProgram && sections_.size() < kMaxPrograms) {
       sections_.try_emplace(Pid(section, at + 2));
     }
   }
 }
 
-void ProgramMapWatch::ProgramMap(Bytes section) {
+void PmtMonitor::ProgramMap(Bytes section) {
   std::size_t at = kTableHeader + 4;
   if (at > section.size()) {
     return;

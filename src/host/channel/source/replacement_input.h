@@ -1,4 +1,4 @@
-// SuccessorInput: opens a source once more while it is being read.
+// ReplacementInput: opens a source once more while it is being read.
 #pragma once
 
 #include <chrono>
@@ -22,7 +22,7 @@ int OrdinalOf(const AVFormatContext& input, int index);
 // Opens it on a thread of its own and reads up to where the first one is, so that its reader can
 // change over without a gap. Owned and called by one reader on its thread; one that is destroyed
 // before it is ready ends by itself.
-class SuccessorInput {
+class ReplacementInput {
  public:
   // A stream that is read: the how-many-th of its kind, and what has been read of it.
   struct Position {
@@ -42,10 +42,10 @@ class SuccessorInput {
     std::vector<ffmpeg::Packet> packets;  // that it gave, which come after the positions
   };
 
-  explicit SuccessorInput(Settings settings);
-  ~SuccessorInput();
-  SuccessorInput(const SuccessorInput&) = delete;
-  SuccessorInput& operator=(const SuccessorInput&) = delete;
+  explicit ReplacementInput(Settings settings);
+  ~ReplacementInput();
+  ReplacementInput(const ReplacementInput&) = delete;
+  ReplacementInput& operator=(const ReplacementInput&) = delete;
 
   // It has been opened, or could not be.
   bool ready() { return thread_.Wait(0); }

@@ -1,4 +1,4 @@
-// Where a picture goes inside its window.
+// Where a frame goes inside its window.
 #pragma once
 
 #include "host/units.h"
@@ -15,11 +15,11 @@ struct FitRect {
   bool operator==(const FitRect&) const = default;
 };
 
-// The largest centred rectangle in a window (even size, at least 2x2) that shows a picture of
+// The largest centred rectangle in a window (even size, at least 2x2) that shows a frame of
 // width x height samples, each of the shape pictureAspect, undistorted on canvas pixels of the
-// shape canvasAspect. A picture that misses the window by two pixels or less fills it: bars that
+// shape canvasAspect. A frame that misses the window by two pixels or less fills it: bars that
 // thin look like faults.
-FitRect FitPicture(int width, int height, Ratio pictureAspect, int windowWidth, int windowHeight,
-                   Ratio canvasAspect);
+FitRect FitFrame(int width, int height, Ratio pictureAspect, int windowWidth, int windowHeight,
+                 Ratio canvasAspect);
 
 }  // namespace host

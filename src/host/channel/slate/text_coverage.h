@@ -13,7 +13,7 @@ class TextPainter;
 namespace host {
 
 // How much of each pixel the text covers, 0 to 255, cropped to what is not empty.
-struct TextMask {
+struct TextCoverage {
   int width = 0;  // pixels
   int height = 0;
   std::vector<std::uint8_t> coverage;  // rows of width bytes
@@ -27,7 +27,7 @@ class TextSetter {
   ~TextSetter();
 
   // text: UTF-8, faults replaced; points: size of the font; width, height: room in pixels.
-  TextMask Set(const std::string& text, int points, int width, int height);
+  TextCoverage Set(const std::string& text, int points, int width, int height);
 
  private:
   std::unique_ptr<os::TextPainter> painter_;

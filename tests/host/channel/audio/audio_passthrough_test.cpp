@@ -8,7 +8,7 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 }
 
-#include "host/channel/audio/audio_road.h"
+#include "host/channel/audio/audio_passthrough.h"
 #include "tests/host/clips.h"
 #include "tests/support/temporary_folder.h"
 
@@ -17,15 +17,15 @@ namespace {
 
 using testing::HasSubstr;
 
-// A clip with sound of this kind, read whole through a road.
-class AudioRoadTest : public testing::Test {
+// A clip with audio of this kind, read whole through a path.
+class AudioPassthroughTest : public testing::Test {
  protected:
   std::vector<AudioPacket> Take(const std::string& codec, const std::string& extension,
-                                const std::string& rate = "48000", const std::string& sound = {}) {
+                                const std::string& rate = "48000", const std::string& audio = {}) {
     ClipRecipe recipe = SmallClip();
     recipe.pictures.clear();
-    recipe.sound = "sine=frequency=440:sample_rate=" + rate + ",aformat=channel_layouts=stereo";
-    recipe.sound = sound.empty() ? recipe.sound : sound;
+    recipe.audio = "sine=frequency=440:sample_rate=" + rate + ",aformat=channel_layouts=stereo";
+    recipe.audio = audio.empty() ? recipe.audio : audio;
     recipe.audioCodec = codec;
     recipe.language = "deu";
     return TakeFile(Write(recipe, folder_ / (codec + rate + extension)));
@@ -33,7 +33,8 @@ class AudioRoadTest : public testing::Test {
   std::vector<AudioPacket> TakeFile(const std::filesystem::path& file) {
     MediaReader reader(Source(file));
     reader.Open();
-    AudioRoad road(track_, "eng", [this](const std::string& what) { said_.push_back(what); });
+    AudioPassthrough road(track_, "eng",
+                          [this](const std::string& what) { said_.push_back(what); });
     road.Announce(reader.audioParameters(), &*reader.info().audio);
     std::vector<AudioPacket> packets;
     const auto sink = [&](AudioPacket packet) {
@@ -68,7 +69,7 @@ class AudioRoadTest : public testing::Test {
   std::uint64_t lost_ = 0;
 };
 
-TEST_F(AudioRoadTest, SamplesThatAreNoNumbersCostTheirFramesOnly) {
+TEST_F(AudioPassthroughTest, SamplesThatAreNoNumbersCostTheirFramesOnly) {
   const auto packets = Take("pcm_f32le", ".mkv", "48000",
                             "aevalsrc=exprs='if(eq(n,9000),0/0,if(eq(n,20000),1e30,sin(n/9)))|0':"
                             "sample_rate=48000");
@@ -77,7 +78,7 @@ TEST_F(AudioRoadTest, SamplesThatAreNoNumbersCostTheirFramesOnly) {
   EXPECT_EQ(lost_, 2U);
 }
 
-TEST_F(AudioRoadTest, EncodesIntoTheTrackWhenTheSourceComesBackInAnotherForm) {
+TEST_F(AudioPassthroughTest, EncodesIntoTheTrackWhenTheSourceComesBackInAnotherForm) {
   ASSERT_EQ(Take("ac3", ".mkv").size(), source_);
   const auto format = track_->format();
   for (const auto& [codec, rate] : {std::pair{"aac", "44100"}, {"mp2", "48000"}}) {
@@ -99,7 +100,7 @@ TEST_F(AudioRoadTest, EncodesIntoTheTrackWhenTheSourceComesBackInAnotherForm) {
 
 // The demuxer looks at the beginning of a stream only: without more the track would carry packets
 // that it does not describe. E-AC-3 tells its channels to the decoder only.
-TEST_F(AudioRoadTest, NoticesAnotherFormWithinOneStreamAndItsReturn) {
+TEST_F(AudioPassthroughTest, NoticesAnotherFormWithinOneStreamAndItsReturn) {
   struct Case {
     const char* codec;
     const char* extension;

@@ -1,4 +1,4 @@
-#include "host/channel/video/picture_fit.h"
+#include "host/channel/video/frame_fit.h"
 
 #include <algorithm>
 #include <cmath>
@@ -14,9 +14,9 @@ int EvenNear(double value, int limit) {
 
 }  // namespace
 
-FitRect FitPicture(int width, int height, Ratio pictureAspect, int windowWidth, int windowHeight,
-                   Ratio canvasAspect) {
-  // Width of the picture in canvas pixels for each canvas pixel of its height.
+FitRect FitFrame(int width, int height, Ratio pictureAspect, int windowWidth, int windowHeight,
+                 Ratio canvasAspect) {
+  // Width of the frame in canvas pixels for each canvas pixel of its height.
   const double shape = static_cast<double>(width) * pictureAspect.value() /
                        (static_cast<double>(height) * canvasAspect.value());
   FitRect rect;

@@ -1,4 +1,4 @@
-// Makes the pictures of a source into the pictures of its window.
+// Makes the frames of a source into the frames of its window.
 #pragma once
 
 #include <cstddef>
@@ -11,8 +11,8 @@
 
 #include "host/channel/source/media_info.h"
 #include "host/channel/video/colour_matrix.h"
-#include "host/channel/video/picture_filter.h"
-#include "host/channel/video/picture_fit.h"
+#include "host/channel/video/frame_filter.h"
+#include "host/channel/video/frame_fit.h"
 #include "host/channel/video/rate_limiter.h"
 #include "host/channel/video/wide_colour.h"
 #include "host/ffmpeg/handles.h"
@@ -22,21 +22,21 @@ namespace host {
 
 enum class Deinterlace {
   kOff,
-  kAuto,    // pictures that are marked as interlaced; each field when the canvas is fast enough
-  kFrames,  // every picture, one for each frame
-  kFields,  // every picture, one for each field
+  kAuto,    // frames that are marked as interlaced; each field when the canvas is fast enough
+  kFrames,  // every frame, one for each frame
+  kFields,  // every frame, one for each field
 };
 
-// Every picture that comes out has exactly the size of the window, whatever comes in, so that a
-// source that changes its format never moves anything on the wall: the source's picture is
+// Every frame that comes out has exactly the size of the window, whatever comes in, so that a
+// source that changes its format never moves anything on the wall: the source's frame is
 // deinterlaced and turned upright where needed, thinned to the rate of the canvas, scaled with its
 // aspect kept, centred on black, and converted to BT.601 studio range, of high dynamic range and
 // wide colours too. The layout is packed YV12:
 // Y, then V, then U, the stride of each plane being its width.
 //
-// Use: Push a picture, then Write as long as Next gives one. Owned and called by one channel on its
+// Use: Push a frame, then Write as long as Next gives one. Owned and called by one channel on its
 // thread; no lock.
-class PictureConverter {
+class FrameConverter {
  public:
   struct Settings {
     int width = 0;  // of the window, in canvas pixels; even, at least 2
@@ -46,37 +46,37 @@ class PictureConverter {
     Deinterlace deinterlace = Deinterlace::kAuto;
   };
 
-  struct PictureTimes {
+  struct FrameTimes {
     Time start = 0;
     Time duration = 0;
     bool discontinuity = false;
   };
 
-  explicit PictureConverter(const Settings& settings);
-  ~PictureConverter();
+  explicit FrameConverter(const Settings& settings);
+  ~FrameConverter();
 
-  // Takes the next picture of the source. Throws ffmpeg::Error when it cannot be handled; the
-  // picture is then lost, the converter stays usable.
-  void Push(VideoPicture picture);
+  // Takes the next frame of the source. Throws ffmpeg::Error when it cannot be handled; the
+  // frame is then lost, the converter stays usable.
+  void Push(DecodedFrame picture);
   // The source has ended: what the deinterlacer holds back becomes ready. A new source may follow.
   void Finish();
 
-  // The times of the picture that Write gives next; null when there is none.
-  const PictureTimes* Next() const { return ready_.empty() ? nullptr : &ready_.front().times; }
-  // Draws that picture into the buffer (bufferSize() bytes) and drops it. Throws ffmpeg::Error when
+  // The times of the frame that Write gives next; null when there is none.
+  const FrameTimes* Next() const { return ready_.empty() ? nullptr : &ready_.front().times; }
+  // Draws that frame into the buffer (bufferSize() bytes) and drops it. Throws ffmpeg::Error when
   // the source's format cannot be converted, after dropping it too.
   void Write(std::span<std::uint8_t> buffer);
-  // Drops that picture undrawn, when there is no buffer for it.
+  // Drops that frame undrawn, when there is no buffer for it.
   void Drop() { ready_.pop_front(); }
 
   std::size_t bufferSize() const;
-  // Whether pictures are being deinterlaced.
+  // Whether frames are being deinterlaced.
   bool deinterlacing() const { return filter_ && deinterlaceMode_ != nullptr; }
 
  private:
-  struct ReadyPicture {
+  struct ConvertedFrame {
     ffmpeg::Frame frame;
-    PictureTimes times;
+    FrameTimes times;
   };
   // What scaler and filters are built for.
   struct SourceFormat {
@@ -94,33 +94,33 @@ class PictureConverter {
 
   static SourceFormat FormatOf(const AVFrame& frame);
   const char* WantedDeinterlacing(const AVFrame& frame, Time duration) const;
-  void Filter(VideoPicture picture);
-  void UpdateFilter(const VideoPicture& picture);
+  void Filter(DecodedFrame picture);
+  void UpdateFilter(const DecodedFrame& picture);
   void FinishFilter();
   void Filtered(ffmpeg::Frame frame);
-  void MakeReady(ffmpeg::Frame frame, const PictureTimes& times);
+  void MakeReady(ffmpeg::Frame frame, const FrameTimes& times);
   void UpdateScaler(const AVFrame& frame);
   void MakeScaler(const SourceFormat& format);
-  // The picture in the size of the fit and in the wall's colours. Null when that cannot be done:
+  // The frame in the size of the fit and in the wall's colours. Null when that cannot be done:
   // then there is a scaler instead.
   ffmpeg::Frame ConvertWideColour(const AVFrame& frame);
 
   const Settings settings_;
   RateLimiter limiter_;
-  std::deque<ReadyPicture> ready_;
+  std::deque<ConvertedFrame> ready_;
 
   std::optional<SourceFormat> filterFormat_;
-  std::unique_ptr<PictureFilter> filter_;
+  std::unique_ptr<FrameFilter> filter_;
   const char* deinterlaceMode_ = nullptr;  // of the filter, null: none
   Time filteredDuration_ = 0;
   bool isDiscontinuous_ = false;  // the next frame that the filter gives
 
   std::optional<SourceFormat> scalerFormat_;
   FitRect fit_;
-  ffmpeg::Scaler scaler_;  // null: the picture has the right size and format already
+  ffmpeg::Scaler scaler_;  // null: the frame has the right size and format already
   ffmpeg::Frame scaled_;   // aligned rows, which the scaler needs
   std::optional<ColourMatrix> matrix_;
-  std::unique_ptr<PictureFilter> colourFilter_;  // for wide colours, instead of these three
+  std::unique_ptr<FrameFilter> colourFilter_;  // for wide colours, instead of these three
 };
 
 }  // namespace host

@@ -1,4 +1,4 @@
-// ProgramMapWatch: does an elementary stream of a transport stream change its form?
+// PmtMonitor: does an elementary stream of a transport stream change its form?
 #pragma once
 
 #include <array>
@@ -12,17 +12,17 @@
 namespace host {
 
 // A service that changes its codec while it is sent may keep the PID of the stream and even the
-// version of its tables. A demuxer then goes on cutting packets as before, from what is now another
-// codec's data: some come out damaged, often none at all. The program map says it at once.
+// version of its tables. A demuxer then continues cutting packets as before, from what is now
+// another codec's data: some come out damaged, often none at all. The PMT says it at once.
 //
 //   transport packet   188 bytes: 0x47, flags and PID, flags and counter, [adaptation], payload
 //   program
 //     association      sections of PID 0: the PID of each program's map
-//   program map        sections of that PID: type, PID and descriptors of each elementary stream
+//   PMT        sections of that PID: type, PID and descriptors of each elementary stream
 //
 // Anything may come in: what is not a transport stream, is damaged (CRC) or not yet in force says
 // nothing. Owned and called by one reader.
-class ProgramMapWatch {
+class PmtMonitor {
  public:
   void Feed(std::span<const std::uint8_t> bytes);
 
@@ -45,7 +45,7 @@ class ProgramMapWatch {
 
   std::array<std::uint8_t, kPacketSize> packet_{};  // the one that is coming in
   std::size_t filled_ = 0;
-  std::map<int, Section> sections_;  // being put together, by PID: of PID 0 and of program maps
+  std::map<int, Section> sections_;  // being put together, by PID: of PID 0 and of PMTs
   std::map<int, Form> forms_;        // as first announced, by PID
   std::set<int> changed_;            // PIDs
 };

@@ -1,4 +1,4 @@
-#include "host/channel/audio/audio_road.h"
+#include "host/channel/audio/audio_passthrough.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -20,23 +20,24 @@ std::string Name(const AVCodecParameters& parameters) {
 
 }  // namespace
 
-AudioRoad::AudioRoad(std::shared_ptr<AudioTrack> track, std::string fallbackLanguage, Say say)
+AudioPassthrough::AudioPassthrough(std::shared_ptr<AudioTrack> track, std::string fallbackLanguage,
+                                   Say say)
     : track_(std::move(track)),
       fallbackLanguage_(std::move(fallbackLanguage)),
       say_(std::move(say)) {}
 
-void AudioRoad::SayOnce(const std::string& text) {
+void AudioPassthrough::SayOnce(const std::string& text) {
   if (text != said_ && say_) {
     say_(text);
   }
   said_ = text;
 }
 
-const std::string& AudioRoad::LanguageOf(const AudioInfo& info) const {
+const std::string& AudioPassthrough::LanguageOf(const AudioInfo& info) const {
   return info.language.empty() ? fallbackLanguage_ : info.language;
 }
 
-void AudioRoad::Announce(const AVCodecParameters* parameters, const AudioInfo* info) {
+void AudioPassthrough::Announce(const AVCodecParameters* parameters, const AudioInfo* info) {
   track_->Announce(parameters != nullptr);
   if (parameters == nullptr) {
     return;
@@ -49,11 +50,12 @@ void AudioRoad::Announce(const AVCodecParameters* parameters, const AudioInfo* i
     format = PassedFormat(*parameters, nullptr, LanguageOf(*info));
   }
   if (format) {
-    track_->Settle(std::move(format));
+    track_->Fix(std::move(format));
   }
 }
 
-AudioRoad::Form AudioRoad::FormOf(const AVCodecParameters& parameters, std::uint32_t header) {
+AudioPassthrough::Form AudioPassthrough::FormOf(const AVCodecParameters& parameters,
+                                                std::uint32_t header) {
   Form form{
       parameters.codec_id, parameters.sample_rate, parameters.ch_layout.nb_channels, header, {}};
   if (parameters.codec_id == AV_CODEC_ID_AAC && parameters.extradata_size > 0) {
@@ -62,8 +64,8 @@ AudioRoad::Form AudioRoad::FormOf(const AVCodecParameters& parameters, std::uint
   return form;
 }
 
-bool AudioRoad::Take(AudioPacket packet, const AVCodecParameters& announced, const AudioInfo& info,
-                     const Sink& sink) {
+bool AudioPassthrough::Take(AudioPacket packet, const AVCodecParameters& announced,
+                            const AudioInfo& info, const Sink& sink) {
   if (Form form = FormOf(announced, 0); form != announced_) {
     announced_ = std::move(form);
     parameters_ = ffmpeg::CopyParameters(announced);
@@ -73,7 +75,7 @@ bool AudioRoad::Take(AudioPacket packet, const AVCodecParameters& announced, con
   const bool isAac = parameters.codec_id == AV_CODEC_ID_AAC;
   Form form = FormOf(parameters, isAac ? AdtsHeader(*packet.packet) : 0);
   if (form != form_) {
-    // What the former encoder holds is given up with it: less than two of its frames.
+    // What the former encoder holds is dropped with it: less than two of its frames.
     ForgetEncoder();
     format_.reset();
     Decide(packet, parameters, form, info);
@@ -86,14 +88,14 @@ bool AudioRoad::Take(AudioPacket packet, const AVCodecParameters& announced, con
   return sink(std::move(packet));
 }
 
-bool AudioRoad::PassesAs(const Form& form) const {
+bool AudioPassthrough::PassesAs(const Form& form) const {
   return !passedForm_ ||
          (form.channels == passedForm_->channels && !(isDecodedOtherwise_ && form == *passedForm_));
 }
 
 // AAC may turn to spectral band replication, and E-AC-3 to more channels, without a word in the
 // headers that are read here. A damaged frame says anything, and the first ones are incomplete.
-void AudioRoad::NoteDecoded(const AudioSamples& samples) {
+void AudioPassthrough::NoteDecoded(const AudioSamples& samples) {
   constexpr Time kFirst = kSecond / 2;
   constexpr int kFramesOfChange = 5;
   if (!form_ || form_ != passedForm_) {
@@ -114,8 +116,8 @@ void AudioRoad::NoteDecoded(const AudioSamples& samples) {
   }
 }
 
-void AudioRoad::Decide(const AudioPacket& packet, const AVCodecParameters& parameters,
-                       const Form& form, const AudioInfo& info) {
+void AudioPassthrough::Decide(const AudioPacket& packet, const AVCodecParameters& parameters,
+                              const Form& form, const AudioInfo& info) {
   const std::string& language = LanguageOf(info);
   try {
     std::shared_ptr<const AudioFormat> own;
@@ -123,7 +125,7 @@ void AudioRoad::Decide(const AudioPacket& packet, const AVCodecParameters& param
       own = PassedFormat(parameters, packet.packet.get(), language);
     }
     const bool passes = own != nullptr;
-    const auto track = track_->Settle(
+    const auto track = track_->Fix(
         passes ? own
                : AacFormat(parameters.sample_rate, parameters.ch_layout.nb_channels, language));
     if (passes && SameTrack(*own, *track) && PassesAs(form)) {
@@ -135,20 +137,20 @@ void AudioRoad::Decide(const AudioPacket& packet, const AVCodecParameters& param
       }
     } else {
       encoder_ = std::make_unique<AudioEncoder>(*track->parameters);
-      SayOnce("its sound (" + Name(parameters) + ") is encoded for the outputs (" +
+      SayOnce("its audio (" + Name(parameters) + ") is encoded for the outputs (" +
               Name(*track->parameters) + ")");
     }
     format_ = track;
   } catch (const ffmpeg::Error& error) {
     encoder_.reset();
-    SayOnce("its sound (" + Name(parameters) +
+    SayOnce("its audio (" + Name(parameters) +
             ") is not in the outputs: it differs from what their track began with, and " +
             error.what());
   }
 }
 
-bool AudioRoad::Encode(const std::function<void(const AudioEncoder::PacketSink&)>& work,
-                       const Sink& sink) {
+bool AudioPassthrough::Encode(const std::function<void(const AudioEncoder::PacketSink&)>& work,
+                              const Sink& sink) {
   if (!encoder_) {
     return true;
   }
@@ -170,7 +172,7 @@ bool AudioRoad::Encode(const std::function<void(const AudioEncoder::PacketSink&)
 }
 
 // What an encoder still holds is lost with it.
-void AudioRoad::RestartEncoder(const std::string& reason) {
+void AudioPassthrough::RestartEncoder(const std::string& reason) {
   ForgetEncoder();
   SayOnce("a part of its audio is not in the outputs: " + reason);
   try {
@@ -181,12 +183,12 @@ void AudioRoad::RestartEncoder(const std::string& reason) {
   }
 }
 
-void AudioRoad::ForgetEncoder() {
+void AudioPassthrough::ForgetEncoder() {
   lost_ += encoder_ ? encoder_->repaired() : 0;
   encoder_.reset();
 }
 
-bool AudioRoad::Take(const AudioSamples& samples, const Sink& sink) {
+bool AudioPassthrough::Take(const AudioSamples& samples, const Sink& sink) {
   NoteDecoded(samples);
   return Encode(
       [&](const AudioEncoder::PacketSink& take) {
@@ -195,7 +197,7 @@ bool AudioRoad::Take(const AudioSamples& samples, const Sink& sink) {
       sink);
 }
 
-bool AudioRoad::Finish(const Sink& sink) {
+bool AudioPassthrough::Finish(const Sink& sink) {
   const bool taken =
       Encode([&](const AudioEncoder::PacketSink& take) { encoder_->Finish(take); }, sink);
   ForgetEncoder();

@@ -10,7 +10,7 @@ extern "C" {
 #include <libavcodec/packet.h>
 }
 
-#include "tests/e2e/sound_harness.h"
+#include "tests/e2e/audio_harness.h"
 #include "tests/e2e/wall_harness.h"
 #include "tests/host/clips.h"
 
@@ -31,7 +31,7 @@ struct Source {
   const char* codec;
 };
 
-// All that the wall is to keep in step: four picture rates, every kind of sound that passes
+// All that the wall is to keep in step: four picture rates, every kind of audio that passes
 // through, and kinds that are encoded.
 constexpr Source kSources[] = {
     {"aac25", ".mkv", "25", 25, "aac"},
@@ -48,7 +48,7 @@ constexpr int kColumns = 3;
 constexpr int kWindow = 32;
 constexpr int kPitch = 48;
 
-class SoundTest : public e2e::WallTest {
+class AudioTest : public e2e::WallTest {
  protected:
   std::filesystem::path FileOf(const Source& source) const {
     return folder_ / (std::string(source.name) + source.extension);
@@ -92,7 +92,7 @@ double SecondsOfSync() {
   return minutes == nullptr ? 8 : std::atof(minutes) * 60;
 }
 
-TEST_F(SoundTest, FlashAndClickOfEveryChannelStayTogetherFromStartToEnd) {
+TEST_F(AudioTest, FlashAndClickOfEveryChannelStayTogetherFromStartToEnd) {
   const double seconds = SecondsOfSync();
   AddSources(seconds);
   const auto statuses = wall_.RenderInto({To("wall.mkv")});
@@ -123,7 +123,7 @@ TEST_F(SoundTest, FlashAndClickOfEveryChannelStayTogetherFromStartToEnd) {
 }
 
 // Transport streams may carry audio up to a second after the video of the same time, or before it.
-TEST_F(SoundTest, TheMeterMovesWithAudioThatIsMuxedLaterOrEarlier) {
+TEST_F(AudioTest, TheMeterMovesWithAudioThatIsMuxedLaterOrEarlier) {
   constexpr int kSize = 70;
   FlashClip clip;
   clip.pictures = 100;
@@ -175,7 +175,7 @@ std::vector<std::string> Payloads(const std::filesystem::path& file, std::size_t
   return payloads;
 }
 
-TEST_F(SoundTest, ARecordingHasEveryChannelsAudioByteForByteInNamedTracks) {
+TEST_F(AudioTest, ARecordingHasEveryChannelsAudioByteForByteInNamedTracks) {
   AddSources(3);
   const std::vector<std::string> names = {"wall.mkv", "wall.mp4", "wall.ts"};
   const auto statuses = wall_.RenderInto({To(names[0]), To(names[1]), To(names[2])}, 3 * kSecond);
@@ -188,32 +188,33 @@ TEST_F(SoundTest, ARecordingHasEveryChannelsAudioByteForByteInNamedTracks) {
     reader.Open();
     EXPECT_NEAR(static_cast<double>(*reader.info().length), 3.0 * kSecond, 0.1 * kSecond);
     ASSERT_EQ(reader.info().audioTracks.size(), std::size(kSources));
-    const bool framed = names[n] == "wall.ts";
+    const bool hasAdtsHeaders = names[n] == "wall.ts";
     for (std::size_t i = 0; i < std::size(kSources); ++i) {
       const Source& source = kSources[i];
       SCOPED_TRACE(source.name);
       const host::AudioInfo& track = reader.info().audioTracks[i];
-      EXPECT_TRUE(framed || track.title == source.name) << track.title;  // TS has no names
+      EXPECT_TRUE(hasAdtsHeaders || track.title == source.name) << track.title;  // TS has no names
       EXPECT_EQ(track.language == "eng", i % 2 == 0) << track.language;
-      if (!wall_.channels().Sound(source.name).empty()) {
+      if (!wall_.channels().AudioPaths(source.name).empty()) {
         continue;  // encoded
       }
       const bool hadHeader = std::string(source.name) == "adts2997";
       const bool isAac = std::string(source.codec) == "aac";
       // A transport stream needs headers: raw AAC gets them, and is the same behind them.
-      const std::vector<std::string> before = Payloads(FileOf(source), 1, hadHeader && !framed);
+      const std::vector<std::string> before =
+          Payloads(FileOf(source), 1, hadHeader && !hasAdtsHeaders);
       const std::vector<std::string> after =
-          Payloads(folder_ / names[n], i + 1, isAac && !hadHeader && framed);
+          Payloads(folder_ / names[n], i + 1, isAac && !hadHeader && hasAdtsHeaders);
       ASSERT_LE(before.size() - after.size(), 2U) << "of " << before.size();
       EXPECT_NE(std::search(before.begin(), before.end(), after.begin(), after.end()),
                 before.end());
     }
   }
   for (const char* const encoded : {"opus2997", "pcm30", "vorbis25"}) {
-    EXPECT_THAT(wall_.channels().Sound(encoded),
+    EXPECT_THAT(wall_.channels().AudioPaths(encoded),
                 testing::ElementsAre(testing::HasSubstr("is encoded for the outputs (aac")));
   }
-  EXPECT_TRUE(wall_.channels().Sound("mp3at5994").empty());
+  EXPECT_TRUE(wall_.channels().AudioPaths("mp3at5994").empty());
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include "host/channel/video/picture_converter.h"
+#include "host/channel/video/frame_converter.h"
 
 #include <algorithm>
 #include <cstring>
@@ -105,7 +105,7 @@ const char* UprightFilter(const Orientation& orientation) {
 
 }  // namespace
 
-PictureConverter::PictureConverter(const Settings& settings)
+FrameConverter::FrameConverter(const Settings& settings)
     : settings_(settings), limiter_(settings.canvasRate) {
   if (settings.width < 2 || settings.height < 2 || settings.width % 2 != 0 ||
       settings.height % 2 != 0) {
@@ -113,14 +113,14 @@ PictureConverter::PictureConverter(const Settings& settings)
   }
 }
 
-PictureConverter::~PictureConverter() = default;
+FrameConverter::~FrameConverter() = default;
 
-std::size_t PictureConverter::bufferSize() const {
+std::size_t FrameConverter::bufferSize() const {
   return static_cast<std::size_t>(settings_.width) * static_cast<std::size_t>(settings_.height) *
          3 / 2;
 }
 
-PictureConverter::SourceFormat PictureConverter::FormatOf(const AVFrame& frame) {
+FrameConverter::SourceFormat FrameConverter::FormatOf(const AVFrame& frame) {
   SourceFormat format;
   format.width = frame.width;
   format.height = frame.height;
@@ -134,7 +134,7 @@ PictureConverter::SourceFormat PictureConverter::FormatOf(const AVFrame& frame) 
   return format;
 }
 
-const char* PictureConverter::WantedDeinterlacing(const AVFrame& frame, Time duration) const {
+const char* FrameConverter::WantedDeinterlacing(const AVFrame& frame, Time duration) const {
   switch (settings_.deinterlace) {
     case Deinterlace::kOff:
       return nullptr;
@@ -146,7 +146,7 @@ const char* PictureConverter::WantedDeinterlacing(const AVFrame& frame, Time dur
       break;
   }
   if (deinterlaceMode_ != nullptr) {
-    return deinterlaceMode_;  // single progressive pictures in between pass through it unchanged
+    return deinterlaceMode_;  // single progressive frames in between pass through it unchanged
   }
   if (frame.interlaced_frame == 0) {
     return nullptr;
@@ -156,7 +156,7 @@ const char* PictureConverter::WantedDeinterlacing(const AVFrame& frame, Time dur
                            : "bwdif=mode=send_frame:deint=interlaced";
 }
 
-void PictureConverter::UpdateFilter(const VideoPicture& picture) {
+void FrameConverter::UpdateFilter(const DecodedFrame& picture) {
   const AVFrame& frame = *picture.frame;
   SourceFormat format = FormatOf(frame);
   format.orientation = picture.orientation;
@@ -177,22 +177,22 @@ void PictureConverter::UpdateFilter(const VideoPicture& picture) {
     if (turn != nullptr) {
       description += (description.empty() ? "" : ",") + std::string(turn);
     }
-    filter_ = std::make_unique<PictureFilter>(frame, description);
+    filter_ = std::make_unique<FrameFilter>(frame, description);
   }
 }
 
-void PictureConverter::FinishFilter() {
+void FrameConverter::FinishFilter() {
   if (filter_) {
-    const std::unique_ptr<PictureFilter> filter = std::move(filter_);
+    const std::unique_ptr<FrameFilter> filter = std::move(filter_);
     filter->Finish([this](ffmpeg::Frame frame) { Filtered(std::move(frame)); });
   }
 }
 
-void PictureConverter::Push(VideoPicture picture) {
+void FrameConverter::Push(DecodedFrame picture) {
   try {
     Filter(std::move(picture));
   } catch (const ffmpeg::Error&) {
-    // The next picture gets a filter of its own, and is not taken for one that needs none.
+    // The next frame gets a filter of its own, and is not taken for one that needs none.
     filter_.reset();
     filterFormat_.reset();
     deinterlaceMode_ = nullptr;
@@ -200,7 +200,7 @@ void PictureConverter::Push(VideoPicture picture) {
   }
 }
 
-void PictureConverter::Filter(VideoPicture picture) {
+void FrameConverter::Filter(DecodedFrame picture) {
   if (picture.discontinuity) {
     FinishFilter();  // whose times grow
     filterFormat_.reset();
@@ -219,18 +219,18 @@ void PictureConverter::Filter(VideoPicture picture) {
                 [this](ffmpeg::Frame frame) { Filtered(std::move(frame)); });
 }
 
-void PictureConverter::Finish() {
+void FrameConverter::Finish() {
   FinishFilter();
   filterFormat_.reset();
   deinterlaceMode_ = nullptr;
 }
 
-void PictureConverter::Filtered(ffmpeg::Frame frame) {
+void FrameConverter::Filtered(ffmpeg::Frame frame) {
   const Time start = frame->pts;
   MakeReady(std::move(frame), {start, filteredDuration_, std::exchange(isDiscontinuous_, false)});
 }
 
-void PictureConverter::MakeReady(ffmpeg::Frame frame, const PictureTimes& times) {
+void FrameConverter::MakeReady(ffmpeg::Frame frame, const FrameTimes& times) {
   if (times.discontinuity) {
     limiter_.Restart();
   }
@@ -239,7 +239,7 @@ void PictureConverter::MakeReady(ffmpeg::Frame frame, const PictureTimes& times)
   }
 }
 
-void PictureConverter::UpdateScaler(const AVFrame& frame) {
+void FrameConverter::UpdateScaler(const AVFrame& frame) {
   const SourceFormat format = FormatOf(frame);
   if (scalerFormat_ == format) {
     return;
@@ -248,15 +248,14 @@ void PictureConverter::UpdateScaler(const AVFrame& frame) {
   scaler_.reset();
   scaled_.reset();
   colourFilter_.reset();
-  fit_ = FitPicture(format.width, format.height, format.pixelAspect, settings_.width,
-                    settings_.height, settings_.canvasPixelAspect);
+  fit_ = FitFrame(format.width, format.height, format.pixelAspect, settings_.width,
+                  settings_.height, settings_.canvasPixelAspect);
   if (format.wideColour.has_value()) {
     try {
-      colourFilter_ =
-          std::make_unique<PictureFilter>(frame, ConversionOf(*format.wideColour, fit_));
+      colourFilter_ = std::make_unique<FrameFilter>(frame, ConversionOf(*format.wideColour, fit_));
       matrix_.emplace(kBt601, false);
     } catch (const ffmpeg::Error&) {
-      // Not for pictures of that form: then without it, see ConvertWideColour.
+      // Not for frames of that form: then without it, see ConvertWideColour.
     }
   }
   if (!colourFilter_) {
@@ -276,7 +275,7 @@ int FilterFor(int width, int height, const FitRect& to) {
 
 }  // namespace
 
-void PictureConverter::MakeScaler(const SourceFormat& format) {
+void FrameConverter::MakeScaler(const SourceFormat& format) {
   const AVPixelFormat pixels = WithoutRange(format.pixelFormat);
   const bool ownMatrix = HasLumaAndChroma(pixels);
   const bool fullRange =
@@ -312,8 +311,8 @@ void PictureConverter::MakeScaler(const SourceFormat& format) {
   ffmpeg::Check(av_frame_get_buffer(scaled_.get(), 0), "cannot scale a picture");
 }
 
-// Where the library does not take the form of a picture, its colours are wrong, but it is seen.
-ffmpeg::Frame PictureConverter::ConvertWideColour(const AVFrame& frame) {
+// Where the library does not take the form of a frame, its colours are wrong, but it is seen.
+ffmpeg::Frame FrameConverter::ConvertWideColour(const AVFrame& frame) {
   ffmpeg::Frame converted;
   try {
     colourFilter_->Push(ffmpeg::RefFrame(frame),
@@ -328,11 +327,11 @@ ffmpeg::Frame PictureConverter::ConvertWideColour(const AVFrame& frame) {
   return converted;
 }
 
-void PictureConverter::Write(std::span<std::uint8_t> buffer) {
+void FrameConverter::Write(std::span<std::uint8_t> buffer) {
   if (ready_.empty() || buffer.size() < bufferSize()) {
     throw std::invalid_argument("no picture is ready, or the buffer is too small");
   }
-  const ReadyPicture picture = std::move(ready_.front());
+  const ConvertedFrame picture = std::move(ready_.front());
   ready_.pop_front();
   UpdateScaler(*picture.frame);
 

@@ -1,5 +1,5 @@
 // A transport stream that is fed in pieces, whole and damaged.
-#include "host/channel/source/program_map_watch.h"
+#include "host/channel/source/pmt_monitor.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -59,7 +59,7 @@ Bytes Association() {
   return Packets(0, Section(0, {0, 1, 0xE0 | kMapPid >> 8, Low(kMapPid)}));
 }
 
-// descriptors: of the sound; padding: bytes of a descriptor of the program that says nothing.
+// descriptors: of the audio; padding: bytes of a descriptor of the program that says nothing.
 Bytes Map(std::uint8_t video, std::uint8_t audio, const Bytes& descriptors = {},
           std::uint8_t padding = 0) {
   Bytes body{0xE1, 0x00, 0xF0, Low(2U + padding), 0x0A, padding};
@@ -78,11 +78,11 @@ Bytes Join(std::initializer_list<Bytes> parts) {
   return all;
 }
 
-TEST(ProgramMapWatch, TellsTheStreamThatGoesOnInAnotherFormHoweverTheBytesAreCut) {
+TEST(PmtMonitor, TellsTheStreamThatGoesOnInAnotherFormHoweverTheBytesAreCut) {
   const Bytes stream = Join({Association(), Map(kMpeg2, 0x0F, {}, 200), Map(kMpeg2, 0x0F, {}, 200),
                              Association(), Map(kH264, 0x0F, {}, 200)});
   for (const std::size_t piece : {1U, 7U, 188U, 189U, 1316U, 10'000U}) {
-    host::ProgramMapWatch watch;
+    host::PmtMonitor watch;
     for (std::size_t at = 0; at < stream.size(); at += piece) {
       EXPECT_FALSE(watch.HasChanged(kVideoPid)) << "before the map was whole, at " << at;
       watch.Feed({stream.data() + at, std::min(piece, stream.size() - at)});
@@ -92,11 +92,11 @@ TEST(ProgramMapWatch, TellsTheStreamThatGoesOnInAnotherFormHoweverTheBytesAreCut
   }
 }
 
-TEST(ProgramMapWatch, KnowsPrivateDataByTheDescriptorThatNamesItsCodec) {
+TEST(PmtMonitor, KnowsPrivateDataByTheDescriptorThatNamesItsCodec) {
   const Bytes language{0x0A, 4, 'e', 'n', 'g', 0};
   const Bytes ac3{0x6A, 1, 0};
   const Bytes eac3{0x7A, 1, 0};
-  host::ProgramMapWatch watch;
+  host::PmtMonitor watch;
   watch.Feed(Join(
       {Association(), Map(kH264, kPrivate, ac3), Map(kH264, kPrivate, Join({language, ac3}))}));
   EXPECT_FALSE(watch.HasChanged(kAudioPid)) << "another language is the same codec";
@@ -104,8 +104,8 @@ TEST(ProgramMapWatch, KnowsPrivateDataByTheDescriptorThatNamesItsCodec) {
   EXPECT_TRUE(watch.HasChanged(kAudioPid));
 }
 
-TEST(ProgramMapWatch, BelievesNothingThatIsDamagedOrNoTransportStream) {
-  host::ProgramMapWatch watch;
+TEST(PmtMonitor, BelievesNothingThatIsDamagedOrNoTransportStream) {
+  host::PmtMonitor watch;
   watch.Feed(Join({Association(), Map(kMpeg2, 0x0F)}));
   const Bytes changed = Map(kH264, 0x0F);
   // Each byte of the section damaged, its CRC's too.

@@ -1,14 +1,14 @@
 // What it costs to look whether a picture is black or frozen, beside FFmpeg's two filters for that.
 // Both look at a picture that stands still, the case in which nothing can be left out, in turns and
 // in processor time. The ratio counts.
-#include "host/channel/video/picture_meter.h"
+#include "host/channel/video/frame_meter.h"
 
 #include <vector>
 
 #include <benchmark/benchmark.h>
 
 #include "bench/frame_of.h"
-#include "host/channel/video/picture_filter.h"
+#include "host/channel/video/frame_filter.h"
 
 namespace {
 
@@ -23,13 +23,13 @@ bench::Nanoseconds TimeOfPicture(Body body) {
   return (bench::Now() - start) / kBurst;
 }
 
-void PictureMeter(benchmark::State& state) {
+void FrameMeter(benchmark::State& state) {
   bench::PictureRing ring(512, 288, 1, 1);
   const Yv12Picture picture = ring.At(0);
-  host::PictureMeter meter({});
+  host::FrameMeter meter({});
 
   const host::ffmpeg::Frame frame = bench::FrameOf(picture);
-  host::PictureFilter filter(*frame, "blackdetect,freezedetect");
+  host::FrameFilter filter(*frame, "blackdetect,freezedetect");
   std::int64_t pts = 0;
 
   std::vector<bench::Nanoseconds> ours;
@@ -51,6 +51,6 @@ void PictureMeter(benchmark::State& state) {
   state.counters["ratio"] = bench::Median(theirs) / bench::Median(ours);
 }
 
-BENCHMARK(PictureMeter)->UseManualTime();
+BENCHMARK(FrameMeter)->UseManualTime();
 
 }  // namespace

@@ -1,4 +1,4 @@
-// A chain of FFmpeg's picture filters: deinterlacing and turning upright.
+// A chain of FFmpeg's frame filters: deinterlacing and turning upright.
 #pragma once
 
 #include <functional>
@@ -11,17 +11,17 @@ struct AVFilterContext;
 
 namespace host {
 
-// Takes pictures of one size, format and shape; frames carry their start in pts, in units of 100
-// ns. Works on the calling thread alone. Owned by one PictureConverter.
-class PictureFilter {
+// Takes frames of one size, format and shape; frames carry their start in pts, in units of 100
+// ns. Works on the calling thread alone. Owned by one FrameConverter.
+class FrameFilter {
  public:
   using FrameSink = std::function<void(ffmpeg::Frame)>;
 
   // description: FFmpeg's notation, for example "bwdif=mode=send_frame". Throws ffmpeg::Error.
-  PictureFilter(const AVFrame& like, const std::string& description);
-  ~PictureFilter();
+  FrameFilter(const AVFrame& like, const std::string& description);
+  ~FrameFilter();
 
-  // Hands every picture that is ready to the sink. Throws ffmpeg::Error.
+  // Hands every frame that is ready to the sink. Throws ffmpeg::Error.
   void Push(ffmpeg::Frame frame, const FrameSink& sink);
   // Hands over what the filters hold back; nothing may be pushed afterwards.
   void Finish(const FrameSink& sink);

@@ -13,7 +13,7 @@ extern "C" {
 #include <libavcodec/packet.h>
 }
 
-#include "host/output/output_pass.h"
+#include "host/output/output_session.h"
 #include "host/output/video_encoder.h"
 #include "tests/support/frames.h"
 #include "tests/support/temporary_folder.h"
@@ -22,9 +22,9 @@ namespace host {
 
 // 25 frames per second without B-frames, a keyframe in every fifth, and an output that takes them.
 // There are two channels: one whose format is known, and one that is not there.
-class PassTest : public testing::Test {
+class OutputSessionTest : public testing::Test {
  protected:
-  explicit PassTest(const std::string& file, Time keyframes = kSecond / 5)
+  explicit OutputSessionTest(const std::string& file, Time keyframes = kSecond / 5)
       : encoder_(Video(keyframes)) {
     settings_.muxer.url = (folder_ / file).string();
     settings_.muxer.survivesKill = true;
@@ -34,7 +34,7 @@ class PassTest : public testing::Test {
     for (const char* const name : {"here", "away"}) {
       settings_.tracks.push_back({name, "", false, std::make_shared<AudioTrack>()});
     }
-    settings_.tracks[0].audio->Settle(AacFormat(48'000, 2, ""));
+    settings_.tracks[0].audio->Fix(AacFormat(48'000, 2, ""));
   }
   static VideoEncoder::Settings Video(Time keyframes) {
     VideoEncoder::Settings settings;
@@ -45,21 +45,21 @@ class PassTest : public testing::Test {
     settings.keyFrameInterval = keyframes;
     return settings;
   }
-  OutputPass::Owner Owner() {
+  OutputSession::Owner Owner() {
     return {nullptr, [](const std::string&) {},
-            [this](const OutputPass&, const std::string&) { ++opened_; }};
+            [this](const OutputSession&, const std::string&) { ++opened_; }};
   }
-  void TakeFrame(OutputPass& pass, int number) {
+  void TakeFrame(OutputSession& session, int number) {
     const support::Yv12Buffer picture(96, 64);
     encoder_.Encode(picture.bytes(), Time{number} * 400'000, [&](ffmpeg::Packet packet) {
-      pass.Take({TrackPacket::kVideo, std::move(packet), 0});
+      session.Take({TrackPacket::kVideo, std::move(packet), 0});
     });
   }
 
   const TemporaryFolder folder_;
   VideoEncoder encoder_;
   const ffmpeg::Parameters video_ = encoder_.parameters();
-  OutputPass::Settings settings_;
+  OutputSession::Settings settings_;
   Time sinceStart_ = 0;
   int opened_ = 0;
 };

@@ -1,4 +1,4 @@
-#include "host/channel/slate/text_mask.h"
+#include "host/channel/slate/text_coverage.h"
 
 #include "platform/text/text_painter.h"
 #include "util/text_codecs.h"
@@ -14,7 +14,7 @@ constexpr std::u16string_view kFamily = u"DejaVu Sans";
 TextSetter::TextSetter() = default;
 TextSetter::~TextSetter() = default;
 
-TextMask TextSetter::Set(const std::string& text, int points, int width, int height) {
+TextCoverage TextSetter::Set(const std::string& text, int points, int width, int height) {
   if (painter_ == nullptr) {
     painter_ = std::make_unique<os::TextPainter>(kPrivateFontFile);
   }
@@ -27,7 +27,7 @@ TextMask TextSetter::Set(const std::string& text, int points, int width, int hei
   painting.alignment = os::TextAlignment::kCentre;
   const os::PaintedText painted = painter_->Paint(painting);
   const os::PixelBounds ink = painted.Ink();
-  TextMask mask;
+  TextCoverage mask;
   if (ink.Empty()) {
     return mask;
   }
