@@ -203,7 +203,7 @@ void MeterDrawer::DrawMeterPanel(const MeterPanel& panel) {
                       columns.Count(), rows.Count(), chromaColumns.Count(), chromaRows.Count()});
   CurrentKernels().blendValue(
       canvas.Y() + std::ptrdiff_t{rows.first} * canvas.width + columns.first, canvas.width,
-      columns.Count(), rows.Count(), kPanelLuma, vignette.Luma());
+      columns.Count(), rows.Count(), kPanelLuma, vignette.Luma(), columns.Count());
   // Once for each luma pixel: a chroma sample is blended up to four times, which takes more colour
   // away than a single blend would.
   const std::ptrdiff_t chroma =

@@ -60,17 +60,40 @@ Placement Narrow(Placement place, const PlaneBounds& ink) {
   return place;
 }
 
-void BlendPlane(const Placement& place, const std::uint8_t* over, const std::uint8_t* alpha,
-                std::int32_t overlayStride, std::uint8_t* canvas, std::int32_t canvasStride) {
-  const std::int64_t from = place.overlayY * overlayStride + place.overlayX;
+// The samples of a plane and their opacities; without samples all have the one value.
+struct Source {
+  const std::uint8_t* samples;
+  std::uint8_t value;
+  const std::uint8_t* alpha;
+  std::int32_t stride;
+};
+
+void BlendPlane(const Placement& place, const Source& over, std::uint8_t* canvas,
+                std::int32_t canvasStride) {
+  const std::int64_t from = place.overlayY * over.stride + place.overlayX;
   std::uint8_t* const to = canvas + place.canvasY * canvasStride + place.canvasX;
   // Nothing has touched the canvas under a label yet.
   for (std::int64_t row = 0; row < place.rows; ++row) {
     PrefetchRow(to + row * canvasStride, place.columns);
   }
-  kernels::CurrentKernels().blend(to, canvasStride, static_cast<std::int32_t>(place.columns),
-                                  static_cast<std::int32_t>(place.rows), over + from, alpha + from,
-                                  overlayStride);
+  const auto columns = static_cast<std::int32_t>(place.columns);
+  const auto rows = static_cast<std::int32_t>(place.rows);
+  const kernels::DrawingKernels& kernel = kernels::CurrentKernels();
+  if (over.samples == nullptr) {
+    kernel.blendValue(to, canvasStride, columns, rows, over.value, over.alpha + from, over.stride);
+  } else {
+    kernel.blend(to, canvasStride, columns, rows, over.samples + from, over.alpha + from,
+                 over.stride);
+  }
+}
+
+// The mean of one colour's chroma over any pixels is that colour's, whatever their weights.
+Yv12Overlay::Colour ColourOf(const CoverageBitmap& bitmap) {
+  const Ycbcr88 colour = RgbToYcbcr601(bitmap.colour[0], bitmap.colour[1], bitmap.colour[2]);
+  const auto byte = [](std::int32_t value, std::int32_t most) {
+    return static_cast<std::uint8_t>(std::clamp((value + 128) >> 8, 16, most));
+  };
+  return {byte(colour.y, 235), byte(colour.p, 240), byte(colour.q, 240)};
 }
 
 }  // namespace
@@ -82,6 +105,7 @@ void Yv12Overlay::Resize(std::int32_t w, std::int32_t h) {
   width_ = w;
   height_ = h;
   bytes_.assign(2 * LumaBytes() + 3 * ChromaBytes(), 0);
+  colour_.reset();
   lumaInk_ = {0, 0, w, h};
   chromaInk_ = {0, 0, w / 2, h / 2};
 }
@@ -89,11 +113,13 @@ void Yv12Overlay::Resize(std::int32_t w, std::int32_t h) {
 void Yv12Overlay::MeasureInk() {
   lumaInk_ = InkOf(Alpha(), width_, height_);
   chromaInk_ = InkOf(ChromaAlpha(), width_ / 2, height_ / 2);
+  colour_.reset();
 }
 
-void Yv12Overlay::SetInk(const PlaneBounds& luma, const PlaneBounds& chroma) {
+void Yv12Overlay::SetInk(const PlaneBounds& luma, const PlaneBounds& chroma, const Colour& colour) {
   lumaInk_ = luma;
   chromaInk_ = chroma;
+  colour_ = colour;
 }
 
 void ConvertArgbToOverlay(const std::uint8_t* pixels, std::ptrdiff_t stride, Yv12Overlay& overlay) {
@@ -108,7 +134,7 @@ void ConvertArgbToOverlay(const std::uint8_t* pixels, std::ptrdiff_t stride, Yv1
 void ConvertCoverageToOverlay(const CoverageBitmap& bitmap, Yv12Overlay& overlay) {
   const PlaneBounds& ink = bitmap.ink;
   if (ink.left >= ink.right || ink.top >= ink.bottom || overlay.height() < 2) {
-    overlay.SetInk({}, {});
+    overlay.SetInk({}, {}, {});
     return;
   }
   // The blocks with ink in the 4x4 pixels around them.
@@ -117,7 +143,7 @@ void ConvertCoverageToOverlay(const CoverageBitmap& bitmap, Yv12Overlay& overlay
                            std::min(ink.bottom / 2 + 1, overlay.height() / 2)};
   kernels::CurrentKernels().convertCoverage(bitmap, PlanesOf(overlay),
                                             {blocks.left, blocks.top, blocks.right, blocks.bottom});
-  overlay.SetInk(ink, blocks);
+  overlay.SetInk(ink, blocks, ColourOf(bitmap));
 }
 
 void BlendOverlay(const Yv12Overlay& overlay, std::int32_t left, std::int32_t top,
@@ -132,13 +158,24 @@ void BlendOverlay(const Yv12Overlay& overlay, std::int32_t left, std::int32_t to
     return;
   }
   const Placement luma{x0, y0, x0 - left, y0 - top, x1 - x0, y1 - y0};
-  BlendPlane(Narrow(luma, overlay.lumaInk()), overlay.Luma(), overlay.Alpha(), overlay.width(),
-             canvas.Y(), canvas.width);
   const Placement chroma =
       Narrow({x0 / 2, y0 / 2, (x0 - left) / 2, (y0 - top) / 2, (x1 - x0) / 2, (y1 - y0) / 2},
              overlay.chromaInk());
-  BlendPlane(chroma, overlay.FirstChroma(), overlay.ChromaAlpha(), overlay.width() / 2, canvas.V(),
-             canvas.ChromaWidth());
-  BlendPlane(chroma, overlay.SecondChroma(), overlay.ChromaAlpha(), overlay.width() / 2, canvas.U(),
-             canvas.ChromaWidth());
+  const Yv12Overlay::Colour* const one = overlay.colour();
+  const Yv12Overlay::Colour colour = one != nullptr ? *one : Yv12Overlay::Colour();
+  const auto source = [&](const std::uint8_t* samples, std::uint8_t value,
+                          const std::uint8_t* alpha, std::int32_t stride) {
+    return Source{one != nullptr ? nullptr : samples, value, alpha, stride};
+  };
+  BlendPlane(Narrow(luma, overlay.lumaInk()),
+             source(overlay.Luma(), colour.luma, overlay.Alpha(), overlay.width()), canvas.Y(),
+             canvas.width);
+  const std::int32_t chromaStride = overlay.width() / 2;
+  BlendPlane(chroma,
+             source(overlay.FirstChroma(), colour.firstChroma, overlay.ChromaAlpha(), chromaStride),
+             canvas.V(), canvas.ChromaWidth());
+  BlendPlane(
+      chroma,
+      source(overlay.SecondChroma(), colour.secondChroma, overlay.ChromaAlpha(), chromaStride),
+      canvas.U(), canvas.ChromaWidth());
 }

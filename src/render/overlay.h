@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include "render/kernels/drawing_kernels.h"
@@ -18,9 +19,19 @@
 //   second chroma   (w/2)*(h/2)   w/2      blended into the canvas's U plane
 //   chroma alpha    (w/2)*(h/2)   w/2      opacity of the chroma samples
 //
+// A text in one colour has no planes but the two opacities: its colour is that of the whole
+// overlay. Blending it reads half as much memory, which is most of what a label costs.
+//
 // Owned by its text renderer, which keeps it between frames; used by the drawing thread only.
 class Yv12Overlay {
  public:
+  // One colour in studio range.
+  struct Colour {
+    std::uint8_t luma = 16;
+    std::uint8_t firstChroma = 128;
+    std::uint8_t secondChroma = 128;
+  };
+
   // Takes the size of w x h pixels. Allocates only when the size changes; the planes are then zero
   // (transparent).
   void Resize(std::int32_t w, std::int32_t h);
@@ -41,11 +52,15 @@ class Yv12Overlay {
 
   // The parts of the planes that are blended: most of a label's bitmap is empty. Outside of them
   // nothing is opaque, and the planes hold what earlier texts have left. After Resize they are the
-  // whole planes; MeasureInk narrows them to what is there, SetInk to what its caller knows.
+  // whole planes; MeasureInk narrows them to what is there, in the colours of the planes, SetInk to
+  // what its caller knows, in one colour.
   const kernels::PlaneBounds& lumaInk() const { return lumaInk_; }
   const kernels::PlaneBounds& chromaInk() const { return chromaInk_; }
   void MeasureInk();
-  void SetInk(const kernels::PlaneBounds& luma, const kernels::PlaneBounds& chroma);
+  void SetInk(const kernels::PlaneBounds& luma, const kernels::PlaneBounds& chroma,
+              const Colour& colour);
+  // Null: the planes have the colours.
+  const Colour* colour() const { return colour_ ? &*colour_ : nullptr; }
 
  private:
   std::size_t LumaBytes() const { return static_cast<std::size_t>(width_) * height_; }
@@ -55,6 +70,7 @@ class Yv12Overlay {
   std::int32_t height_ = 0;
   kernels::PlaneBounds lumaInk_;
   kernels::PlaneBounds chromaInk_;
+  std::optional<Colour> colour_;
   std::vector<std::uint8_t> bytes_;
 };
 
@@ -63,8 +79,8 @@ class Yv12Overlay {
 // less than two pixels high converts nothing.
 void ConvertArgbToOverlay(const std::uint8_t* pixels, std::ptrdiff_t stride, Yv12Overlay& overlay);
 
-// Gives the ink that ConvertArgbToOverlay makes of the same picture, for a fraction of its time:
-// the pixels' colour is known and only their opacities are averaged.
+// Gives what blends like the overlay that ConvertArgbToOverlay makes of the same picture, for a
+// fraction of its time: the pixels' colour is known and only their opacities are averaged.
 void ConvertCoverageToOverlay(const kernels::CoverageBitmap& bitmap, Yv12Overlay& overlay);
 
 // Blends the overlay into the canvas, its top left pixel at (left, top), as far as it lies inside.

@@ -19,7 +19,6 @@ void ConvertCoverage(const os::PaintedText& painted, Yv12Overlay& overlay) {
   bitmap.stride = painted.Stride();
   bitmap.ink = {painted.Ink().left, painted.Ink().top, painted.Ink().right, painted.Ink().bottom};
   std::copy_n(colours.back().begin(), 3, bitmap.colour.begin());
-  std::copy_n(colours.front().begin(), 3, bitmap.clear.begin());
   for (std::size_t i = 0; i < colours.size(); ++i) {
     bitmap.opacities[i] = colours[i][3];
   }

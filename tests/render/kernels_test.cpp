@@ -98,7 +98,8 @@ TEST_P(KernelVersions, EqualTheReference) {
                                                static_cast<std::uint8_t>(alignment * 8));
                        },
                        [&](const auto& version, auto* to, auto columns, auto) {
-                         version.blendValue(to, kStride, columns, kRows, 16, alpha.data());
+                         version.blendValue(to, kStride, columns, kRows, 16, alpha.data(),
+                                            columns + 3);
                        },
                        [&](const auto& version, auto* to, auto columns, auto) {
                          version.fade(to, kStride, columns, kRows, factors.data());
@@ -174,8 +175,9 @@ struct Coverage {
     bitmap.ink = ink;
     for (std::size_t i = 0; i < 3; ++i) {
       bitmap.colour[i] = static_cast<std::uint8_t>(random());
-      bitmap.clear[i] = static_cast<std::uint8_t>(random());
     }
+    // Of transparent pixels, which have no weight.
+    const auto clear = static_cast<std::uint8_t>(random());
     const std::array<std::size_t, 4> alphas{255, 255, 128, 1};
     const std::size_t alpha = alphas[random() % alphas.size()];
     for (std::size_t i = 0; i < bitmap.opacities.size(); ++i) {
@@ -190,8 +192,10 @@ struct Coverage {
                                                                             : random());
         bytes[static_cast<std::size_t>(y * (w + 5) + x)] = coverage;
         const std::uint8_t opacity = bitmap.opacities[coverage];
-        const auto& colour = opacity == 0 ? bitmap.clear : bitmap.colour;
-        pixels.insert(pixels.end(), {colour[0], colour[1], colour[2], opacity});
+        for (const std::uint8_t byte : bitmap.colour) {
+          pixels.push_back(opacity == 0 ? clear : byte);
+        }
+        pixels.push_back(opacity);
       }
     }
     bitmap.coverage = bytes.data();
@@ -204,10 +208,16 @@ TEST_P(KernelVersions, ConvertBitmapsAsTheReferenceDoes) {
   for (std::int32_t w = 2; w <= 600; w += w < 70 ? 1 : 61) {
     for (const std::int32_t h : {2, 3, 4, 7, 12}) {
       const PlaneBounds blocks = SomeBlocks(w, h, random);
-      const auto check = [&](const std::vector<std::uint8_t>& pixels, auto convert) {
+      std::vector<std::uint8_t> colours(static_cast<std::size_t>(w) * h);
+      const auto check = [&](const std::vector<std::uint8_t>& pixels, bool hasColours,
+                             auto convert) {
         GuardedPlanes expected(w, h);
         GuardedPlanes actual(w, h);
-        scalar.convertPixels({pixels.data(), w * 4}, expected.Planes(), blocks);
+        kernels::OverlayPlanes reference = expected.Planes();
+        if (!hasColours) {
+          reference.luma = reference.firstChroma = reference.secondChroma = colours.data();
+        }
+        scalar.convertPixels({pixels.data(), w * 4}, reference, blocks);
         convert(actual.Planes());
         ASSERT_EQ(actual.bytes, expected.bytes)
             << w << "x" << h << " from block " << blocks.left << ", " << blocks.top << " to "
@@ -215,11 +225,11 @@ TEST_P(KernelVersions, ConvertBitmapsAsTheReferenceDoes) {
       };
       const std::vector<std::uint8_t> pixels =
           Scattered(static_cast<std::size_t>(w) * h * 4, static_cast<std::uint32_t>(w * 100 + h));
-      check(pixels, [&](const kernels::OverlayPlanes& to) {
+      check(pixels, true, [&](const kernels::OverlayPlanes& to) {
         GetParam()->convertPixels({pixels.data(), w * 4}, to, blocks);
       });
       const Coverage coverage(w, h, {0, 0, w, h}, random);
-      check(coverage.pixels, [&](const kernels::OverlayPlanes& to) {
+      check(coverage.pixels, false, [&](const kernels::OverlayPlanes& to) {
         GetParam()->convertCoverage(coverage.bitmap, to, blocks);
       });
     }

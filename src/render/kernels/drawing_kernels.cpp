@@ -36,10 +36,11 @@ void BlendConstant(std::uint8_t* to, std::ptrdiff_t stride, std::int32_t columns
 }
 
 void BlendValue(std::uint8_t* to, std::ptrdiff_t stride, std::int32_t columns, std::int32_t rows,
-                std::uint8_t over, const std::uint8_t* alphas) {
-  ForEachSample(to, stride, columns, rows, [&](std::uint8_t sample, std::int32_t, std::int32_t) {
-    return Blend255(sample, over, *alphas++);
-  });
+                std::uint8_t over, const std::uint8_t* alphas, std::ptrdiff_t alphaStride) {
+  ForEachSample(to, stride, columns, rows,
+                [=](std::uint8_t sample, std::int32_t row, std::int32_t column) {
+                  return Blend255(sample, over, alphas[row * alphaStride + column]);
+                });
 }
 
 void FadeRows(std::uint8_t* to, std::ptrdiff_t stride, std::int32_t columns, std::int32_t rows,
@@ -102,11 +103,13 @@ void ConvertCoverage(const CoverageBitmap& bitmap, const OverlayPlanes& to,
   for (std::int32_t y = 0; y < to.height; ++y) {
     for (std::int32_t x = 0; x < to.width; ++x) {
       const std::uint8_t opacity = bitmap.opacities[bitmap.coverage[y * bitmap.stride + x]];
-      const auto& colour = opacity == 0 ? bitmap.clear : bitmap.colour;
-      pixels.insert(pixels.end(), {colour[0], colour[1], colour[2], opacity});
+      pixels.insert(pixels.end(), {0, 0, 0, opacity});
     }
   }
-  ConvertPixels({pixels.data(), std::ptrdiff_t{to.width} * 4}, to, blocks);
+  std::vector<std::uint8_t> colours(static_cast<std::size_t>(to.width) * to.height);
+  OverlayPlanes opacities = to;
+  opacities.luma = opacities.firstChroma = opacities.secondChroma = colours.data();
+  ConvertPixels({pixels.data(), std::ptrdiff_t{to.width} * 4}, opacities, blocks);
 }
 
 struct Versions {

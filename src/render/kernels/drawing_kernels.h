@@ -42,12 +42,12 @@ struct ArgbRows {
 };
 
 // A bitmap in one colour: of a pixel only the coverage is known, 0 where there is no text.
+// Transparent pixels may have another colour, which has no weight.
 struct CoverageBitmap {
   const std::uint8_t* coverage = nullptr;  // the top left pixel
   std::ptrdiff_t stride = 0;               // bytes from row to row
   PlaneBounds ink;                         // outside every coverage is 0
   std::array<std::uint8_t, 3> colour{};    // blue, green, red
-  std::array<std::uint8_t, 3> clear{};     // of pixels that are transparent
   // Opacity of each coverage; the first is 0.
   std::array<std::uint8_t, 256> opacities{};
 };
@@ -64,9 +64,8 @@ struct OverlayPlanes {
 };
 
 // One version of all loops. The first four work on a rectangle of one plane, in place: `columns`
-// samples in each of `rows` rows (either may be 0), the rows `stride` bytes apart. Tables lie row
-// behind row without padding unless a stride is given. No sample outside the rectangle is read or
-// written.
+// samples in each of `rows` rows (either may be 0), the rows `stride` bytes apart. No sample
+// outside the rectangle is read or written.
 struct DrawingKernels {
   const char* name;
 
@@ -79,9 +78,11 @@ struct DrawingKernels {
   void (*blendConstant)(std::uint8_t* to, std::ptrdiff_t stride, std::int32_t columns,
                         std::int32_t rows, std::uint8_t over, std::uint8_t alpha);
 
-  // Blends one value over the rectangle, with the opacity that `alphas` has for each sample.
+  // Blends one value over the rectangle, with the opacity that `alphas` has for each sample, its
+  // rows alphaStride bytes apart.
   void (*blendValue)(std::uint8_t* to, std::ptrdiff_t stride, std::int32_t columns,
-                     std::int32_t rows, std::uint8_t over, const std::uint8_t* alphas);
+                     std::int32_t rows, std::uint8_t over, const std::uint8_t* alphas,
+                     std::ptrdiff_t alphaStride);
 
   // Blends chroma samples kFadeLayers times in sequence towards neutral, each time with an opacity
   // of its own. `factors` has, for each row, `columns` factors of the first layer, then those of
@@ -91,7 +92,7 @@ struct DrawingKernels {
 
   // Convert columns [left, right) and rows [top, bottom) of blocks of 2x2 pixels of a bitmap. A
   // block's chroma is made of the 4x4 pixels around it; at the edges of the bitmap the outermost
-  // pixels repeat.
+  // pixels repeat. Of a bitmap in one colour only the opacities are written.
   void (*convertPixels)(const ArgbRows& bitmap, const OverlayPlanes& to, const PlaneBounds& blocks);
   void (*convertCoverage)(const CoverageBitmap& bitmap, const OverlayPlanes& to,
                           const PlaneBounds& blocks);

@@ -167,31 +167,18 @@ TAVREL_INLINE void ConvertPixelStrip(const ArgbRows& bitmap, const OverlayPlanes
   ForEachBlockRow(to.height, blocks, rows, convertRow, sumRows);
 }
 
-// The mean of one colour's chroma is that colour's, whatever the weights: only opacities are
-// summed, at most 20 * 255.
+// Only opacities are summed, at most 20 * 255.
 using OpacityRow = std::array<std::uint16_t, kStrip + 2>;
 
-struct OneColour {
-  std::uint8_t luma;
-  std::uint8_t clearLuma;
-  std::uint8_t firstChroma;
-  std::uint8_t secondChroma;
-  bool opacityIsCoverage;
-};
-
-TAVREL_INLINE OneColour ColourOf(const CoverageBitmap& bitmap) {
-  const Ycbcr88 colour = RgbToYcbcr601(bitmap.colour[0], bitmap.colour[1], bitmap.colour[2]);
-  const Ycbcr88 clear = RgbToYcbcr601(bitmap.clear[0], bitmap.clear[1], bitmap.clear[2]);
-  bool opacityIsCoverage = true;
+TAVREL_INLINE bool OpacityIsCoverage(const CoverageBitmap& bitmap) {
+  bool isSame = true;
   for (std::size_t i = 0; i < bitmap.opacities.size(); ++i) {
-    opacityIsCoverage &= bitmap.opacities[i] == i;
+    isSame &= bitmap.opacities[i] == i;
   }
-  return {static_cast<std::uint8_t>((colour.y + 128) >> 8),
-          static_cast<std::uint8_t>((clear.y + 128) >> 8), MeanChroma(colour.p, 1),
-          MeanChroma(colour.q, 1), opacityIsCoverage};
+  return isSame;
 }
 
-TAVREL_INLINE void ConvertCoverageStrip(const CoverageBitmap& bitmap, const OneColour& colour,
+TAVREL_INLINE void ConvertCoverageStrip(const CoverageBitmap& bitmap, bool opacityIsCoverage,
                                         const OverlayPlanes& to, const PlaneBounds& blocks,
                                         const Strip& strip) {
   RowRing<OpacityRow> rows;
@@ -205,8 +192,7 @@ TAVREL_INLINE void ConvertCoverageStrip(const CoverageBitmap& bitmap, const OneC
     const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(y) * to.width + first;
     const bool own = IsOwnRow(y, blocks);
     std::uint8_t* __restrict const alpha = own ? to.alpha + at : spare.alpha.data();
-    std::uint8_t* __restrict const luma = own ? to.luma + at : spare.luma.data();
-    if (colour.opacityIsCoverage) {
+    if (opacityIsCoverage) {
       std::memcpy(alpha, coverage + first, static_cast<std::size_t>(count));
     } else {
       for (std::int32_t i = 0; i < count; ++i) {
@@ -217,9 +203,6 @@ TAVREL_INLINE void ConvertCoverageStrip(const CoverageBitmap& bitmap, const OneC
     std::uint16_t* __restrict const opacities = row.data() + 1;
     for (std::int32_t i = 0; i < count; ++i) {
       opacities[i] = alpha[i];
-    }
-    for (std::int32_t i = 0; i < count; ++i) {
-      luma[i] = alpha[i] == 0 ? colour.clearLuma : colour.luma;
     }
     row[static_cast<std::size_t>(count) + 1] = bitmap.opacities[coverage[strip.after]];
   };
@@ -241,13 +224,9 @@ TAVREL_INLINE void ConvertCoverageStrip(const CoverageBitmap& bitmap, const OneC
                                            inner[i + 3] + outer[i + 1] + outer[i + 2]);
     }
     const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(by) * (to.width / 2) + first / 2;
-    std::uint8_t* __restrict const firstChroma = to.firstChroma + at;
-    std::uint8_t* __restrict const secondChroma = to.secondChroma + at;
     std::uint8_t* __restrict const chromaAlpha = to.chromaAlpha + at;
     for (std::int32_t j = 0; j < count / 2; ++j) {
       const std::uint16_t sum = sums[std::size_t{2} * static_cast<std::size_t>(j)];
-      firstChroma[j] = sum == 0 ? 128 : colour.firstChroma;
-      secondChroma[j] = sum == 0 ? 128 : colour.secondChroma;
       chromaAlpha[j] = static_cast<std::uint8_t>(static_cast<std::uint16_t>(sum + 10) / 20);
     }
   };
@@ -275,10 +254,10 @@ TAVREL_INLINE void ConvertPixelsInStrips(const ArgbRows& bitmap, const OverlayPl
 
 TAVREL_INLINE void ConvertCoverageInStrips(const CoverageBitmap& bitmap, const OverlayPlanes& to,
                                            const PlaneBounds& blocks) {
-  const OneColour colour = ColourOf(bitmap);
+  const bool opacityIsCoverage = OpacityIsCoverage(bitmap);
   ForEachStrip(
       to.width, blocks, [&](const Strip& strip) __attribute__((always_inline)) {
-        ConvertCoverageStrip(bitmap, colour, to, blocks, strip);
+        ConvertCoverageStrip(bitmap, opacityIsCoverage, to, blocks, strip);
       });
 }
 

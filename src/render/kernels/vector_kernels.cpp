@@ -171,8 +171,8 @@ void BlendConstant(std::uint8_t* to, std::ptrdiff_t stride, std::int32_t columns
 }
 
 void BlendValue(std::uint8_t* to, std::ptrdiff_t stride, std::int32_t columns, std::int32_t rows,
-                std::uint8_t over, const std::uint8_t* alphas) {
-  ForRows<16>(to, stride, columns, rows, BlendValueWith{over, alphas, columns});
+                std::uint8_t over, const std::uint8_t* alphas, std::ptrdiff_t alphaStride) {
+  ForRows<16>(to, stride, columns, rows, BlendValueWith{over, alphas, alphaStride});
 }
 
 // A plain loop that the compiler turns into vectors by itself.
@@ -203,8 +203,9 @@ TAVREL_AVX2 void BlendConstantAvx2(std::uint8_t* to, std::ptrdiff_t stride, std:
 }
 
 TAVREL_AVX2 void BlendValueAvx2(std::uint8_t* to, std::ptrdiff_t stride, std::int32_t columns,
-                                std::int32_t rows, std::uint8_t over, const std::uint8_t* alphas) {
-  ForRows<32>(to, stride, columns, rows, BlendValueWith{over, alphas, columns});
+                                std::int32_t rows, std::uint8_t over, const std::uint8_t* alphas,
+                                std::ptrdiff_t alphaStride) {
+  ForRows<32>(to, stride, columns, rows, BlendValueWith{over, alphas, alphaStride});
 }
 
 // 16 samples of a row through all layers: the rounded product of 16-bit lanes is one instruction.
