@@ -3,7 +3,7 @@
 #include <cstdio>
 
 #include "host/cli/demo/clip_writer.h"
-#include "platform/os/module.h"
+#include "platform/os/process.h"
 #include "tests/support/wait_until.h"
 
 namespace e2e {

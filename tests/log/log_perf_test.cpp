@@ -12,7 +12,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "platform/os/debugger_output.h"
+#include "platform/os/console.h"
 #include "tests/support/manual_log_clock.h"
 #include "tests/support/recording_sink.h"
 

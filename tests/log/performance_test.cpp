@@ -13,7 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "log/log_perf.h"
-#include "platform/os/debugger_output.h"
+#include "platform/os/console.h"
 #include "tests/support/manual_log_clock.h"
 #include "tests/support/recording_sink.h"
 

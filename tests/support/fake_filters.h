@@ -8,8 +8,7 @@
 #include <optional>
 #include <vector>
 
-#include "platform/baseclasses/base_input_pin.h"
-#include "platform/baseclasses/base_output_pin.h"
+#include "platform/baseclasses/io_pins.h"
 
 namespace fakes {
 

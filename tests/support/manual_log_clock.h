@@ -6,7 +6,7 @@
 #include <span>
 #include <vector>
 
-#include "log/log_time.h"
+#include "log/log_line.h"
 #include "platform/os/waitable.h"
 
 // Any thread reads it; one thread, the logger's worker, waits.

@@ -1,11 +1,10 @@
-#include "sync/sync_input_pin.h"
-
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "platform/dshow/vfw_errors.h"
 #include "platform/graph/filter_graph.h"
+#include "sync/synchronizer.h"
 #include "tests/support/fake_filters.h"
 
 namespace {

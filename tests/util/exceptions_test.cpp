@@ -5,7 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "util/string_format.h"
+#include "util/text_codecs.h"
 
 namespace {
 

@@ -13,8 +13,8 @@
 
 #include "platform/os/console.h"
 #include "platform/os/datagram.h"
+#include "platform/os/files.h"
 #include "platform/os/process.h"
-#include "platform/os/volumes.h"
 #include "tests/support/datagram_receiver.h"
 
 namespace {

@@ -7,7 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "picture.h"
-#include "platform/os/module.h"
+#include "platform/os/process.h"
 #include "platform/text/text_painter.h"
 
 namespace {
