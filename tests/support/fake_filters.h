@@ -18,6 +18,11 @@ CMediaType Yv12TypeWithPlainHeader(LONG width, LONG height, REFERENCE_TIME frame
 CMediaType AudioType(const GUID& subtype);
 CMediaType TypeOf(const GUID& major, const GUID& subtype);
 
+// The type that a sample brings; not valid without one.
+CMediaType TypeOf(IMediaSample* sample);
+// Start and stop, as far as it has them; -1 without.
+std::pair<REFERENCE_TIME, REFERENCE_TIME> TimesOf(IMediaSample* sample);
+
 class SourcePin final : public CBaseOutputPin {
  public:
   SourcePin(CBaseFilter* filter, CCritSec* lock, HRESULT* hr);
@@ -105,7 +110,7 @@ class Sink final : public CBaseFilter {
 };
 
 // Grants at most a number of buffers, or refuses the request with an error.
-class StingyAllocator final : public CUnknown, public IMemAllocator {
+class StingyAllocator : public CUnknown, public IMemAllocator {
  public:
   DECLARE_IUNKNOWN
   static ComPtr<StingyAllocator> Create(LONG mostBuffers, HRESULT refusal = S_OK);
