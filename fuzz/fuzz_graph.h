@@ -9,8 +9,7 @@
 
 #include "fuzz/check.h"
 #include "log/i_log_perf.h"
-#include "platform/baseclasses/base_input_pin.h"
-#include "platform/baseclasses/base_output_pin.h"
+#include "platform/baseclasses/io_pins.h"
 
 namespace fuzz {
 

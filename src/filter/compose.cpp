@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "filter/frame_composer.h"
-#include "platform/baseclasses/com_boundary.h"
+#include "platform/baseclasses/unknown_base.h"
 #include "platform/com/wide_text.h"
 #include "platform/dshow/vfw_errors.h"
 #include "util/exceptions.h"

@@ -10,7 +10,7 @@
 
 #include "filter/composition.h"
 #include "filter/i_compose_command.h"
-#include "log/dummy_log_perf.h"
+#include "log/log_perf.h"
 #include "pins/pin_owner.h"
 #include "pins/video_output_pin.h"
 #include "platform/os/waitable.h"

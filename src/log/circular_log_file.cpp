@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "util/string_format.h"
+#include "util/text_codecs.h"
 
 namespace qorp::log {
 namespace {

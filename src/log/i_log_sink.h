@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "log/log_time.h"
+#include "log/log_line.h"
 
 namespace qorp::log {
 

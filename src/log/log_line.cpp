@@ -11,7 +11,13 @@
 #include <system_error>
 #include <utility>
 
+#include "util/text_codecs.h"
+
 namespace qorp::log {
+
+std::string FormatLogTime(const LogTime& time) {
+  return StringFormat("%.19s.%03d", os::LocalTimeText(time.seconds).c_str(), time.milliseconds);
+}
 
 void LogHistory::Insert(std::int64_t number, LogHistoryEntry entry) {
   const os::MutexLock guard(lock_);

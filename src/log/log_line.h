@@ -1,4 +1,5 @@
-// The lines of a log: LogHistory keeps the most recent ones in memory, and a log file has them as
+// The lines of a log: LogTime is the timestamp of a message, LogClock all that the logger takes
+// from time; LogHistory keeps the most recent lines in memory, and a log file has them as
 //
 //   42;Mon Nov 16 09:43:14.123;1763286194123;1;Composer audio/video #2 resynchronizes (-)
 //   number;local time;milliseconds since 1970-01-01 UTC;level;text, which may itself hold ";"
@@ -8,13 +9,43 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "platform/os/mutex.h"
+#include "platform/os/system_time.h"
+#include "platform/os/waitable.h"
 
 namespace qorp::log {
+
+using LogTime = os::WallTime;
+
+// Since 1970-01-01 UTC.
+inline std::int64_t MillisecondsOf(const LogTime& time) {
+  return time.seconds * 1000 + time.milliseconds;
+}
+
+// Local time, 23 characters: "Mon Nov 16 09:43:14.123".
+std::string FormatLogTime(const LogTime& time);
+
+// The system's own clocks; tests derive one that they move by hand. Any thread.
+class LogClock {
+ public:
+  virtual ~LogClock() = default;
+
+  virtual LogTime Now() { return os::CurrentWallTime(); }
+  // Milliseconds; wraps.
+  virtual std::uint32_t Ticks() { return os::TickCount(); }
+  // os::WaitAny, until the ticks are milliseconds beyond start; then kWaitTimeout, unless an object
+  // is signalled.
+  virtual std::uint32_t WaitAny(std::span<os::Waitable* const> objects, std::uint32_t start,
+                                std::uint32_t milliseconds) {
+    const std::uint32_t elapsed = Ticks() - start;
+    return os::WaitAny(objects, elapsed < milliseconds ? milliseconds - elapsed : 0);
+  }
+};
 
 struct LogHistoryEntry {
   std::int32_t level = 0;

@@ -8,10 +8,22 @@
 #include <thread>
 #include <utility>
 
+#include "log/message_queue.h"
 #include "log/performance.h"
-#include "platform/os/debugger_output.h"
+#include "platform/os/console.h"
 
 namespace qorp::log {
+
+void DummyLogPerf::log(std::int32_t, const char* format, ...) {
+  FormatBuffer<260> buffer;
+  va_list arguments;
+  va_start(arguments, format);
+  const std::size_t length = buffer.Format(format, arguments);
+  va_end(arguments);
+  os::WriteDebuggerOutput({buffer.Data(), length});
+  os::WriteDebuggerOutput("\n");
+}
+
 namespace {
 
 constexpr std::size_t kMaxMessage = 1040;

@@ -1,4 +1,5 @@
-// LogPerf: the asynchronous logger and performance reporter.
+// LogPerf, the asynchronous logger and performance reporter, and DummyLogPerf, the logger that
+// every composer filter starts with.
 #pragma once
 
 #include <cstdint>
@@ -7,16 +8,32 @@
 #include <optional>
 
 #include "log/i_log_perf.h"
-#include "log/log_time.h"
+#include "log/log_line.h"
 #include "log/message_queue.h"
 #include "log/performance.h"
-#include "log/sink_set.h"
+#include "log/sinks.h"
 #include "platform/os/mutex.h"
 #include "platform/os/process.h"
 #include "platform/os/waitable.h"
 #include "util/thread.h"
 
 namespace qorp::log {
+
+// Sends every message, whatever its level, to the debugger output; the rest does nothing. Without
+// state: any thread, no lock.
+class DummyLogPerf : public ILogPerf {
+ public:
+  // A text of more than 260 characters is cut. The line end is a write of its own: the lines of two
+  // threads may interleave before it.
+  [[gnu::format(printf, 3, 4)]] void log(std::int32_t level, const char* format, ...) override;
+  void WriteReport() override {}
+  void IncrementResync() override {}
+  void IncrementTsDiscontinuity() override {}
+  void IncrementDecodedPictures() override {}
+  void AddPoliticChoices(std::int32_t) override {}
+  void RegisterPin(const char*) override {}
+  void NotifyBufferFull(const char*) override {}
+};
 
 struct LogPerfOptions {
   std::uint32_t reportPeriod = 10000;       // ms between performance reports, 1 to 2^31 - 1

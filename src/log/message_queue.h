@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "log/log_time.h"
+#include "log/log_line.h"
 #include "platform/os/waitable.h"
 
 namespace qorp::log {

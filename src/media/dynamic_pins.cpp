@@ -1,7 +1,7 @@
 #include "media/dynamic_pins.h"
 
 #include "media/external_metadata_media_sample.h"
-#include "platform/baseclasses/com_boundary.h"
+#include "platform/baseclasses/unknown_base.h"
 #include "platform/dshow/vfw_errors.h"
 #include "util/exceptions.h"
 

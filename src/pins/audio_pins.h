@@ -4,7 +4,7 @@
 #include <atomic>
 
 #include "media/dynamic_pins.h"
-#include "platform/baseclasses/base_output_pin.h"
+#include "platform/baseclasses/io_pins.h"
 
 class CComposeOutputAudioCompressedPin;
 class PinOwner;

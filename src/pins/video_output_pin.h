@@ -1,7 +1,7 @@
 // CComposeOutputVideoPin: where composed frames leave.
 #pragma once
 
-#include "platform/baseclasses/base_output_pin.h"
+#include "platform/baseclasses/io_pins.h"
 
 class PinOwner;
 

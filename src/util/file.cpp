@@ -6,8 +6,7 @@
 
 #include "platform/os/error_numbers.h"
 #include "platform/os/files.h"
-#include "platform/os/volumes.h"
-#include "util/string_format.h"
+#include "util/text_codecs.h"
 
 namespace qorp {
 namespace {

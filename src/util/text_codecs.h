@@ -1,4 +1,5 @@
-// Text between byte sequences and Unicode code points: UTF-8 and UTF-16 little-endian.
+// Text between byte sequences and Unicode code points, UTF-8 and UTF-16 little-endian, and texts by
+// the rules of printf.
 #pragma once
 
 #include <cstddef>
@@ -95,5 +96,8 @@ EncodedText Transcode(const void* data, std::size_t length, std::int32_t from, s
 
 // UTF-8, leniently, to what text is painted from: any byte string can be shown.
 std::u16string WidenLeniently(std::string_view utf8);
+
+// The formatted text, however long; empty for a null format.
+[[gnu::format(printf, 1, 2)]] std::string StringFormat(const char* format, ...);
 
 }  // namespace qorp

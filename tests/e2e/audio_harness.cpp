@@ -1,11 +1,8 @@
 #include "tests/e2e/audio_harness.h"
 
 #include <algorithm>
-#include <array>
 #include <cmath>
-#include <cstdio>
-#include <cstdlib>
-#include <memory>
+#include <optional>
 
 extern "C" {
 #include <libavformat/avformat.h>
@@ -13,25 +10,17 @@ extern "C" {
 }
 
 #include "host/channel/audio/sample_planes.h"
+#include "host/config/value_text.h"
 #include "host/ffmpeg/error.h"
 #include "host/ffmpeg/time_unit.h"
 #include "host/output/muxer.h"
 #include "tests/host/clips.h"
+#include "tests/support/child_process.h"
 
 namespace e2e {
-namespace {
-
-host::Ratio ParseRate(const std::string& text) {
-  int numerator = 0;
-  int denominator = 1;
-  std::sscanf(text.c_str(), "%d/%d", &numerator, &denominator);
-  return {numerator, denominator};
-}
-
-}  // namespace
 
 void WriteFlashClip(const FlashClip& clip, const std::filesystem::path& file) {
-  const host::Ratio rate = ParseRate(clip.rate);
+  const host::Ratio rate = *host::config::ParseFrameRate(clip.rate);
   const std::string size = std::to_string(clip.size);
   const std::string every = std::to_string(clip.flashEvery);
   const std::string period =
@@ -170,16 +159,12 @@ Demuxed Demux(const std::filesystem::path& file) {
 std::string DecodeWhole(const std::filesystem::path& file) {
   const std::string command =
       "ffmpeg -nostdin -v error -xerror -i '" + file.string() + "' -map 0 -f null - 2>&1";
-  std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), &pclose);
-  if (pipe == nullptr) {
-    return "cannot run ffmpeg";
-  }
+  ChildProcess decoder({"/bin/sh", "-c", command});
   std::string said;
-  std::array<char, 256> buffer{};
-  while (std::fgets(buffer.data(), buffer.size(), pipe.get()) != nullptr) {
-    said += buffer.data();
+  while (const std::optional<std::string> line = decoder.ReadLine()) {
+    said += *line + "\n";
   }
-  const int status = pclose(pipe.release());
+  const int status = decoder.Wait();
   return status == 0 ? said : "ffmpeg ended with " + std::to_string(status) + ": " + said;
 }
 

@@ -48,34 +48,6 @@ TEST_F(LiveTest, OneStalledChannelTakesNoFrameFromTheWall) {
   EXPECT_EQ(frames_.count.load(), counters.composed);
 }
 
-// A pipe that its writer closes: an end of the source, after which it is opened again.
-TEST_F(LiveTest, AChannelIsLostUntilItsSourceIsThereAndHeldWhenItGoes) {
-  const std::string clip = ReadWholeFile(Clip("clip.ts", 25));
-  const std::filesystem::path pipe = folder_ / "pipe.ts";
-  wall_.AddChannel(pipe.string(), {0, 0, 64, 48});
-  wall_.AddChannel(Clip("alive.mkv", 25), {100, 0, 64, 48});
-  const auto session =
-      wall_.MakeLive([&](const ComPtr<IMediaSample>&, host::Time time) { frames_.Take(time); });
-  session->Start();
-  ASSERT_TRUE(wall_.channels().WaitForState("pipe", 1, "lost: no such file"));
-  {
-    Pipe source(pipe);
-    source.Open();
-    source.Write(clip);
-    ASSERT_TRUE(wall_.channels().WaitForState("pipe", 2, "live"));
-  }
-  ASSERT_TRUE(WaitUntil("its end", [&] { return wall_.channels().States("pipe").size() >= 3; }));
-  EXPECT_EQ(wall_.channels().States("pipe")[2], "held: ended");
-  Pipe again(pipe);
-  again.Open();
-  again.Write(clip);
-  EXPECT_TRUE(wall_.channels().WaitForState("pipe", 4, "live"));
-  session->Stop();
-  EXPECT_THAT(wall_.channels().States("alive"), testing::ElementsAre("live"));
-  EXPECT_GE(frames_.count + session->counters().late + session->counters().noFreeBuffer,
-            frames_.ticks());
-}
-
 TEST_F(LiveTest, StartsAndStopsAHundredTimesWithNineChannels) {
   for (int i = 0; i < 9; ++i) {
     wall_.AddChannel(Clip("clip" + std::to_string(i) + ".mkv", 25),

@@ -1,9 +1,8 @@
 #include "tests/e2e/wall_harness.h"
 
-#include <cstdio>
-
 #include "host/cli/demo/clip_writer.h"
-#include "platform/os/module.h"
+#include "host/config/value_text.h"
+#include "platform/os/process.h"
 #include "tests/support/wait_until.h"
 
 namespace e2e {
@@ -26,10 +25,7 @@ void WriteCountingClip(const std::filesystem::path& file, int width, int height,
                     ":rate=" + rate + ",format=yuv420p,geq=lum='20+2*mod(N,100)':cb=128:cr=128";
   recipe.videoOptions = {{"qp", "0"}, {"preset", "ultrafast"}};
   recipe.audio = audio;
-  int numerator = 0;
-  int denominator = 1;
-  std::sscanf(rate.c_str(), "%d/%d", &numerator, &denominator);
-  recipe.length = host::FrameStart(pictures, {numerator, denominator});
+  recipe.length = host::FrameStart(pictures, *host::config::ParseFrameRate(rate));
   host::WriteClip(recipe, file);
 }
 

@@ -3,11 +3,11 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include "filter/i_compose_command.h"
 #include "platform/graph/filter_registry.h"
-#include "platform/os/registry.h"
+#include "platform/os/process.h"
+#include "tests/support/temporary_folder.h"
 
 namespace {
 
@@ -83,8 +83,8 @@ TEST_F(LibraryTest, AnAggregatedComposerShowsItsCommandsToItsOwnerOnly) {
 }
 
 TEST_F(LibraryTest, RegistersItselfAndItsKindsOfPins) {
-  const std::filesystem::path file =
-      std::filesystem::temp_directory_path() / ("tavrel-registry-" + std::to_string(getpid()));
+  const TemporaryFolder folder;
+  const std::filesystem::path file = folder / "registry";
   setenv("TAVREL_REGISTRY", file.c_str(), 1);
   ASSERT_EQ(Entry<HRESULT()>("DllRegisterServer")(), S_OK);
   const std::vector<RegisteredFilter> filters = ListRegisteredFilters();
@@ -103,9 +103,12 @@ TEST_F(LibraryTest, RegistersItselfAndItsKindsOfPins) {
   EXPECT_TRUE(loaded.filter);
   ASSERT_EQ(Entry<HRESULT()>("DllUnregisterServer")(), S_OK);
   EXPECT_TRUE(ListRegisteredFilters().empty());
+  WriteWholeFile(file, "damaged");
+  EXPECT_TRUE(FAILED(Entry<HRESULT()>("DllRegisterServer")()));
+  EXPECT_EQ(ReadWholeFile(file), "damaged") << "it is left as it is";
+  setenv("TAVREL_REGISTRY", "/proc/nowhere/registry", 1);
+  EXPECT_TRUE(FAILED(Entry<HRESULT()>("DllRegisterServer")()));
   unsetenv("TAVREL_REGISTRY");
-  std::filesystem::remove(file);
-  std::filesystem::remove(file.string() + ".lock");
 }
 
 }  // namespace

@@ -70,13 +70,6 @@ class ChannelLog final : public LineRecorder, public ChannelObserver {
     const Lines failures = Of("failed " + channel);
     return failures.empty() ? "" : failures.back();
   }
-  // Until the channel has been in so many states and is in this one.
-  bool WaitForState(const std::string& channel, std::size_t count, const std::string& state) const {
-    return WaitUntil((channel + " is " + state).c_str(), [&] {
-      const Lines states = States(channel);
-      return states.size() >= count && states.back() == state;
-    });
-  }
 
  private:
   static std::string WithReason(const std::string& state, const std::string& reason) {

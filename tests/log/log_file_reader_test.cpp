@@ -151,18 +151,6 @@ TEST_F(LogReading, GivesEveryLineBesideARunningWriter) {
   EXPECT_EQ(last, kLines - 1);
 }
 
-TEST_F(LogReading, BeginsAgainWithAnotherFile) {
-  LogFileReader reader(path);
-  Write(0, 5, 1000);
-  EXPECT_EQ(Read(reader), Texts(0, 5));
-  std::filesystem::rename(path, path + ".old");
-  EXPECT_THAT(Read(reader), IsEmpty());
-  EXPECT_EQ(result.state, LogFileReader::State::kUnreadable);
-  Write(6, 7, 1000);
-  EXPECT_EQ(Read(reader), Texts(6, 7));
-  EXPECT_EQ(result.lost, 0);
-}
-
 TEST_F(LogReading, LeavesOutALineThatNoHeaderCounts) {
   for (const int last : {3, 18, 19, 30}) {
     std::filesystem::remove(path);

@@ -11,8 +11,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "log/dummy_log_perf.h"
-#include "platform/os/debugger_output.h"
+#include "log/log_perf.h"
+#include "platform/os/console.h"
 #include "tests/support/datagram_receiver.h"
 
 namespace {

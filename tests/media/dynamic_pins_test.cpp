@@ -17,6 +17,7 @@ namespace {
 
 using fakes::Sink;
 using fakes::Source;
+using fakes::TypeOf;
 using testing::ElementsAre;
 
 constexpr CLSID kClass{7, 7, 7, {7, 7, 7, 7, 7, 7, 7, 7}};
@@ -52,17 +53,9 @@ class WatchedPin final : public CInputPinWithDynamicMediaType {
     received = ComPtr<IMediaSample>(sample);
     return onReceive();
   }
-  HRESULT GetAllocatorRequirements(ALLOCATOR_PROPERTIES* properties) override {
-    if (!requirements.has_value()) {
-      return E_NOTIMPL;
-    }
-    *properties = *requirements;
-    return S_OK;
-  }
 
   std::function<HRESULT(const CMediaType&)> accepts = [](const CMediaType&) { return S_OK; };
   std::function<HRESULT()> onReceive = [] { return S_OK; };
-  std::optional<ALLOCATOR_PROPERTIES> requirements;
   std::function<void()> meanwhile;  // done once, when the type has been set or read
   std::vector<std::string> steps;
   ComPtr<IMediaSample> received;
@@ -94,15 +87,6 @@ class WatchedFilter final : public CBaseFilter {
  public:
   WatchedPin pin;
 };
-
-CMediaType TypeOf(IMediaSample* sample) {
-  AM_MEDIA_TYPE* type = nullptr;
-  if (sample->GetMediaType(&type) != S_OK) {
-    return {};
-  }
-  const OwnedMediaType owned(type);
-  return CMediaType(*owned);
-}
 
 class DynamicInputPinTest : public testing::Test {
  protected:
@@ -216,18 +200,6 @@ TEST_F(DynamicInputPinTest, AnswersExceptionsWithResultCodes) {
   EXPECT_EQ(source_->Send(source_->NewSample(0, 1).Get()), E_FAIL);
 }
 
-TEST_F(DynamicInputPinTest, ChecksWhatAnAllocatorOffers) {
-  ALLOCATOR_PROPERTIES offered{4, 100, 1, 0};
-  ALLOCATOR_PROPERTIES actual{};
-  const ComPtr<IMemAllocator> allocator = CMemAllocator::Create();
-  allocator->SetProperties(&offered, &actual);
-  for (const auto& [buffers, bytes, answer] :
-       {std::tuple<LONG, LONG, HRESULT>{4, 100, S_OK}, {5, 100, E_FAIL}, {4, 101, E_FAIL}}) {
-    pin().requirements = ALLOCATOR_PROPERTIES{buffers, bytes, 1, 0};
-    EXPECT_EQ(pin().NotifyAllocator(allocator.Get(), FALSE), answer);
-  }
-}
-
 class ChangingPin final : public COutputPinWithDynamicMediaType {
  public:
   ChangingPin(CBaseFilter* filter, CCritSec* lock)
@@ -254,46 +226,36 @@ class ChangingFilter final : public CBaseFilter {
   ChangingPin pin;
 };
 
-class DynamicOutputPinTest : public testing::Test {
- protected:
-  void SetUp() override {
-    ASSERT_EQ(filter_->pin.Connect(&sink_->pin, &small_), S_OK);
-    ASSERT_EQ(sink_->Run(0), S_OK);
-    ASSERT_EQ(filter_->Run(0), S_OK);
-  }
-  void TearDown() override {
-    sink_->Forget();
-    filter_->Stop();
-    sink_->Stop();
-    filter_->pin.Disconnect();
-    sink_->pin.Disconnect();
-  }
-  CMediaType SendAndGetType() {
+TEST(DynamicOutputPin, MarksTheFirstSampleOfAConnectionAndOfAChange) {
+  const CMediaType small = fakes::Yv12Type(16, 16);
+  const CMediaType large = fakes::Yv12Type(32, 32);
+  const ComPtr<ChangingFilter> filter(std::make_unique<ChangingFilter>().release());
+  const ComPtr<Sink> sink = Sink::Create();
+  ASSERT_EQ(filter->pin.Connect(&sink->pin, &small), S_OK);
+  ASSERT_EQ(sink->Run(0), S_OK);
+  ASSERT_EQ(filter->Run(0), S_OK);
+  const auto sendAndGetType = [&] {
     ComPtr<IMediaSample> sample;
-    EXPECT_EQ(filter_->pin.GetDeliveryBuffer(sample.Put(), nullptr, nullptr, AM_GBF_NOWAIT), S_OK);
-    EXPECT_EQ(filter_->pin.Deliver(sample.Get()), S_OK);
+    EXPECT_EQ(filter->pin.GetDeliveryBuffer(sample.Put(), nullptr, nullptr, AM_GBF_NOWAIT), S_OK);
+    EXPECT_EQ(filter->pin.Deliver(sample.Get()), S_OK);
     sample.Reset();
-    const CMediaType type = TypeOf(sink_->Samples().back().Get());
-    sink_->Forget();
+    const CMediaType type = TypeOf(sink->Samples().back().Get());
+    sink->Forget();
     return type;
-  }
-
-  const CMediaType small_ = fakes::Yv12Type(16, 16);
-  const CMediaType large_ = fakes::Yv12Type(32, 32);
-  ComPtr<ChangingFilter> filter_{std::make_unique<ChangingFilter>().release()};
-  ComPtr<Sink> sink_ = Sink::Create();
-};
-
-TEST_F(DynamicOutputPinTest, MarksTheFirstSampleOfAConnectionAndOfAChange) {
-  EXPECT_TRUE(SendAndGetType() == small_);
-  EXPECT_FALSE(SendAndGetType().IsValid());
-  ASSERT_EQ(filter_->pin.ChangeMediaType(large_, false), S_OK);
-  EXPECT_TRUE(SendAndGetType() == large_);
-  EXPECT_FALSE(SendAndGetType().IsValid());
-  ASSERT_EQ(filter_->pin.ChangeMediaType(large_, false), S_OK) << "nothing changes";
-  sink_->pin.accepts = [](const CMediaType&) { return S_FALSE; };
-  EXPECT_EQ(filter_->pin.ChangeMediaType(small_, false), VFW_E_TYPE_NOT_ACCEPTED);
-  EXPECT_FALSE(SendAndGetType().IsValid());
+  };
+  EXPECT_TRUE(sendAndGetType() == small);
+  EXPECT_FALSE(sendAndGetType().IsValid());
+  ASSERT_EQ(filter->pin.ChangeMediaType(large, false), S_OK);
+  EXPECT_TRUE(sendAndGetType() == large);
+  EXPECT_FALSE(sendAndGetType().IsValid());
+  ASSERT_EQ(filter->pin.ChangeMediaType(large, false), S_OK) << "nothing changes";
+  sink->pin.accepts = [](const CMediaType&) { return S_FALSE; };
+  EXPECT_EQ(filter->pin.ChangeMediaType(small, false), VFW_E_TYPE_NOT_ACCEPTED);
+  EXPECT_FALSE(sendAndGetType().IsValid());
+  filter->Stop();
+  sink->Stop();
+  filter->pin.Disconnect();
+  sink->pin.Disconnect();
 }
 
 }  // namespace

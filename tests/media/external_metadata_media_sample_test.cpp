@@ -8,10 +8,15 @@
 #include "media/media_data.h"
 #include "platform/baseclasses/allocator.h"
 #include "platform/dshow/vfw_errors.h"
+#include "tests/support/fake_filters.h"
 #include "tests/support/foreign_sample.h"
 #include "util/exceptions.h"
 
 namespace {
+
+using fakes::TimesOf;
+using fakes::TypeOf;
+using testing::Pair;
 
 constexpr LONG kBytes = 64;
 
@@ -32,17 +37,6 @@ class WrappedSampleTest : public testing::Test {
         S_OK);
     return all;
   }
-  static GUID TypeOf(IMediaSample* of) {
-    OwnedMediaType type;
-    EXPECT_TRUE(SUCCEEDED(ReadMediaType(of, &type)));
-    return type == nullptr ? GUID_NULL : type->majortype;
-  }
-  static std::vector<REFERENCE_TIME> TimesOf(IMediaSample* of, HRESULT expected = S_OK) {
-    REFERENCE_TIME start = -1;
-    REFERENCE_TIME stop = -1;
-    EXPECT_EQ(of->GetTime(&start, &stop), expected);
-    return {start, stop};
-  }
 
   ComPtr<IMemAllocator> allocator = CMemAllocator::Create();
   ComPtr<IMediaSample> sample;
@@ -58,13 +52,13 @@ TEST_F(WrappedSampleTest, SharesItsDataAndHasAllElseOfItsOwn) {
   sample->SetDiscontinuity(TRUE);
   sample->SetMediaType(&type);
   auto wrapper = CExternalMetaDataMediaSample::Create(sample.Get());
-  EXPECT_EQ(TimesOf(wrapper.Get()), (std::vector<REFERENCE_TIME>{100, 200}));
+  EXPECT_THAT(TimesOf(wrapper.Get()), Pair(100, 200));
   EXPECT_EQ(wrapper->GetMediaTime(&start, &stop), S_OK);
   EXPECT_EQ(wrapper->IsSyncPoint(), S_OK);
   EXPECT_EQ(wrapper->IsPreroll(), S_FALSE);
   EXPECT_EQ(wrapper->IsDiscontinuity(), S_OK);
   // The wrapped sample's type shows in the structure of all properties only, until one is attached.
-  EXPECT_EQ(TypeOf(wrapper.Get()), GUID_NULL);
+  EXPECT_EQ(TypeOf(wrapper.Get()).majortype, GUID_NULL);
   EXPECT_EQ(PropertiesOf(wrapper.Get()).pMediaType->majortype, MEDIATYPE_Audio);
 
   type.SetType(&MEDIATYPE_Video);
@@ -75,15 +69,15 @@ TEST_F(WrappedSampleTest, SharesItsDataAndHasAllElseOfItsOwn) {
   wrapper->SetSyncPoint(FALSE);
   wrapper->SetPreroll(TRUE);
   wrapper->SetDiscontinuity(FALSE);
-  EXPECT_EQ(TypeOf(wrapper.Get()), MEDIATYPE_Video);
+  EXPECT_EQ(TypeOf(wrapper.Get()).majortype, MEDIATYPE_Video);
   EXPECT_EQ(PropertiesOf(wrapper.Get()).pMediaType->majortype, MEDIATYPE_Video);
-  EXPECT_EQ(TimesOf(wrapper.Get(), VFW_S_NO_STOP_TIME), (std::vector<REFERENCE_TIME>{300, 301}));
+  EXPECT_THAT(TimesOf(wrapper.Get()), Pair(300, 301));
   EXPECT_EQ(wrapper->GetMediaTime(&start, &stop), VFW_E_MEDIA_TIME_NOT_SET);
   EXPECT_EQ(wrapper->IsSyncPoint(), S_FALSE);
   EXPECT_EQ(wrapper->IsPreroll(), S_OK);
   EXPECT_EQ(wrapper->IsDiscontinuity(), S_FALSE);
-  EXPECT_EQ(TypeOf(sample.Get()), MEDIATYPE_Audio);
-  EXPECT_EQ(TimesOf(sample.Get()), (std::vector<REFERENCE_TIME>{100, 200}));
+  EXPECT_EQ(TypeOf(sample.Get()).majortype, MEDIATYPE_Audio);
+  EXPECT_THAT(TimesOf(sample.Get()), Pair(100, 200));
   EXPECT_EQ(sample->GetMediaTime(&start, &stop), S_OK);
   EXPECT_EQ(sample->IsSyncPoint(), S_OK);
 
@@ -105,7 +99,7 @@ TEST_F(WrappedSampleTest, ReadsAndWritesAllOfItsPropertiesAtOnce) {
   CMediaType type(&MEDIATYPE_Video);
   sample->SetMediaType(&type);
   const auto wrapper = CExternalMetaDataMediaSample::Create(sample.Get());
-  TimesOf(wrapper.Get(), VFW_E_SAMPLE_TIME_NOT_SET);
+  EXPECT_THAT(TimesOf(wrapper.Get()), Pair(-1, -1));
   const auto write = [&](const AM_SAMPLE2_PROPERTIES& all, DWORD size = sizeof(all)) {
     return wrapper.As<IMediaSample2>()->SetProperties(size, reinterpret_cast<const BYTE*>(&all));
   };
@@ -118,19 +112,20 @@ TEST_F(WrappedSampleTest, ReadsAndWritesAllOfItsPropertiesAtOnce) {
   all.dwStreamId = 3;
   all.dwSampleFlags = AM_SAMPLE_TIMEVALID | AM_SAMPLE_STOPVALID | AM_SAMPLE_PREROLL;
   ASSERT_EQ(write(all), S_OK);
-  EXPECT_EQ(TypeOf(wrapper.Get()), GUID_NULL) << "the type of the wrapped sample stays its own";
-  EXPECT_EQ(TimesOf(wrapper.Get()), (std::vector<REFERENCE_TIME>{10, 20}));
+  EXPECT_EQ(TypeOf(wrapper.Get()).majortype, GUID_NULL)
+      << "the type of the wrapped sample stays its own";
+  EXPECT_THAT(TimesOf(wrapper.Get()), Pair(10, 20));
   EXPECT_EQ(wrapper->IsPreroll(), S_OK);
   EXPECT_EQ(sample->GetActualDataLength(), 5);
   type.SetType(&MEDIATYPE_Audio);
   all.pMediaType = &type;
   ASSERT_EQ(write(all), S_OK);
-  EXPECT_EQ(TypeOf(wrapper.Get()), MEDIATYPE_Audio);
+  EXPECT_EQ(TypeOf(wrapper.Get()).majortype, MEDIATYPE_Audio);
   all = PropertiesOf(wrapper.Get());
   EXPECT_EQ(all.dwStreamId, 3U);
   EXPECT_NE(all.pMediaType, &type);
   ASSERT_EQ(write(all, 16), S_OK) << "the first bytes of it alone";
-  EXPECT_EQ(TypeOf(wrapper.Get()), MEDIATYPE_Audio);
+  EXPECT_EQ(TypeOf(wrapper.Get()).majortype, MEDIATYPE_Audio);
   all.pbBuffer += 1;
   EXPECT_EQ(write(all), E_INVALIDARG);
 }

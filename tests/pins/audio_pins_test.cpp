@@ -63,19 +63,15 @@ TEST_F(AudioPinsTest, APacketLeavesWithItsBytesInStepWithThePictures) {
   ASSERT_EQ(packets_->Send(Packet(std::nullopt, std::nullopt, "untimed").Get()), S_OK);
   ASSERT_EQ(audioSink_->Count(), 2U);
   const auto samples = audioSink_->Samples();
-  REFERENCE_TIME start = 0;
-  REFERENCE_TIME stop = 0;
-  EXPECT_EQ(samples[0]->GetTime(&start, &stop), S_OK);
-  EXPECT_EQ(start, 16000000);
-  EXPECT_EQ(stop, 16200000);
+  EXPECT_THAT(fakes::TimesOf(samples[0].Get()), testing::Pair(16000000, 16200000));
   EXPECT_EQ(Bytes(samples[0].Get()), "compressed");
   EXPECT_EQ(samples[0]->IsSyncPoint(), S_OK);
   EXPECT_EQ(samples[0]->IsPreroll(), S_OK);
   EXPECT_EQ(samples[0]->IsDiscontinuity(), S_FALSE);
-  EXPECT_EQ(samples[0]->GetMediaTime(&start, &stop), S_OK);
-  EXPECT_EQ(stop, 4);
+  EXPECT_EQ(samples[0]->GetMediaTime(&mediaStart, &mediaStop), S_OK);
+  EXPECT_EQ(mediaStop, 4);
   EXPECT_NE(Pixels(samples[0].Get()), Pixels(packet.Get())) << "a copy of its own";
-  EXPECT_EQ(samples[1]->GetTime(&start, &stop), VFW_E_SAMPLE_TIME_NOT_SET);
+  EXPECT_THAT(fakes::TimesOf(samples[1].Get()), testing::Pair(-1, -1));
   EXPECT_EQ(Bytes(samples[1].Get()), "untimed");
 }
 
@@ -85,34 +81,22 @@ TEST_F(AudioPinsTest, TimesAtTheEndsOfTheirRangeWrapAround) {
   ASSERT_EQ(graph_->Run(0), S_OK);
   SendPicture(0, Times::min(), 0);
   ASSERT_EQ(packets_->Send(Packet(Times::max(), Times::min(), "packet").Get()), S_OK);
-  REFERENCE_TIME start = 0;
-  REFERENCE_TIME stop = 0;
-  EXPECT_EQ(audioSink_->Samples().at(0)->GetTime(&start, &stop), S_OK);
-  EXPECT_EQ(start, 10000000 - 1);
-  EXPECT_EQ(stop, 10000000);
+  EXPECT_THAT(fakes::TimesOf(audioSink_->Samples().at(0).Get()), testing::Pair(9999999, 10000000));
 }
 
 // Grants whatever it is asked for, and hands out buffers of four bytes.
-class LyingAllocator final : public CUnknown, public IMemAllocator {
+class LyingAllocator final : public fakes::StingyAllocator {
  public:
-  DECLARE_IUNKNOWN
-  LyingAllocator() : CUnknown("lying allocator", nullptr) {}
-  HRESULT NonDelegatingQueryInterface(REFIID iid, void** object) override {
-    return iid == IID_IMemAllocator ? GetInterface(static_cast<IMemAllocator*>(this), object)
-                                    : CUnknown::NonDelegatingQueryInterface(iid, object);
-  }
+  LyingAllocator() : StingyAllocator(0, S_OK) {}
   HRESULT SetProperties(ALLOCATOR_PROPERTIES* request, ALLOCATOR_PROPERTIES* actual) override {
     *actual = *request;
     return S_OK;
   }
-  HRESULT GetProperties(ALLOCATOR_PROPERTIES*) override { return S_OK; }
   HRESULT Commit() override { return S_OK; }
-  HRESULT Decommit() override { return S_OK; }
   HRESULT GetBuffer(IMediaSample** sample, REFERENCE_TIME*, REFERENCE_TIME*, DWORD) override {
     *sample = handsOut ? fakes::ForeignSample::Create(4).Detach() : nullptr;
     return S_OK;
   }
-  HRESULT ReleaseBuffer(IMediaSample*) override { return S_OK; }
 
   bool handsOut = true;
 };

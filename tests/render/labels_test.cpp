@@ -196,11 +196,13 @@ TEST_F(TextRendererTest, SetsTextByAlignmentAspectAndFont) {
   renderer.SetPixelAspect({2, 1});
   const support::Area wide = Draw(u"ab");
   EXPECT_NEAR(wide.right - wide.left, (right.right - right.left) / 2, 2);
+  EXPECT_NEAR(wide.right, 100 + (right.right - 100) / 2, 2) << "about the centre";
   EXPECT_NEAR(wide.bottom - wide.top, right.bottom - right.top, 1);
   renderer.SetPixelAspect({1, 2});
   const support::Area tall = Draw(u"ab");
   EXPECT_NEAR(tall.right - tall.left, right.right - right.left, 1);
   EXPECT_NEAR(tall.bottom - tall.top, (right.bottom - right.top) / 2, 2);
+  EXPECT_NEAR(tall.top, 35 + (right.top - 35) / 2, 2);
   renderer.SetFontName(u"No such family");
   Draw(u"ab");
   EXPECT_EQ(renderer.Painter().FontFamily(), "DejaVu Sans Mono") << "the private font";

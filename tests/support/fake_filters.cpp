@@ -61,6 +61,17 @@ CMediaType AudioType(const GUID& subtype) {
   return TypeOf(MEDIATYPE_Audio, subtype);
 }
 
+CMediaType TypeOf(IMediaSample* sample) {
+  OwnedMediaType type;
+  return ReadMediaType(sample, &type) == S_OK && type ? CMediaType(*type) : CMediaType();
+}
+
+std::pair<REFERENCE_TIME, REFERENCE_TIME> TimesOf(IMediaSample* sample) {
+  std::pair<REFERENCE_TIME, REFERENCE_TIME> times(-1, -1);
+  sample->GetTime(&times.first, &times.second);
+  return times;
+}
+
 SourcePin::SourcePin(CBaseFilter* filter, CCritSec* lock, HRESULT* hr)
     : CBaseOutputPin("source pin", filter, lock, hr, u"Output") {}
 

@@ -8,8 +8,7 @@
 #include <optional>
 #include <vector>
 
-#include "platform/baseclasses/base_input_pin.h"
-#include "platform/baseclasses/base_output_pin.h"
+#include "platform/baseclasses/io_pins.h"
 
 namespace fakes {
 
@@ -18,6 +17,11 @@ CMediaType Yv12Type(LONG width, LONG height, REFERENCE_TIME frameDuration = 4000
 CMediaType Yv12TypeWithPlainHeader(LONG width, LONG height, REFERENCE_TIME frameDuration = 400000);
 CMediaType AudioType(const GUID& subtype);
 CMediaType TypeOf(const GUID& major, const GUID& subtype);
+
+// The type that a sample brings; not valid without one.
+CMediaType TypeOf(IMediaSample* sample);
+// Start and stop, as far as it has them; -1 without.
+std::pair<REFERENCE_TIME, REFERENCE_TIME> TimesOf(IMediaSample* sample);
 
 class SourcePin final : public CBaseOutputPin {
  public:
@@ -106,7 +110,7 @@ class Sink final : public CBaseFilter {
 };
 
 // Grants at most a number of buffers, or refuses the request with an error.
-class StingyAllocator final : public CUnknown, public IMemAllocator {
+class StingyAllocator : public CUnknown, public IMemAllocator {
  public:
   DECLARE_IUNKNOWN
   static ComPtr<StingyAllocator> Create(LONG mostBuffers, HRESULT refusal = S_OK);

@@ -1,7 +1,8 @@
-// RecordingLogger: an ILogPerf that keeps what it is told.
+// RecordingLogger: an ILogPerf that keeps what is reported to it.
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <condition_variable>
 #include <cstdarg>
@@ -23,32 +24,25 @@ class RecordingLogger final : public qorp::log::ILogPerf {
     bool operator==(const Line&) const = default;
   };
   struct Counters {
-    int reports = 0;
-    int resyncs = 0;
     int discontinuities = 0;
     int decodedPictures = 0;
-    int politicChoices = 0;
-    bool operator==(const Counters&) const = default;
   };
 
   [[gnu::format(printf, 3, 4)]] void log(std::int32_t level, const char* format, ...) override {
     va_list arguments;
     va_start(arguments, format);
-    va_list again;
-    va_copy(again, arguments);
-    std::string text(static_cast<std::size_t>(std::vsnprintf(nullptr, 0, format, arguments)), '\0');
-    std::vsnprintf(text.data(), text.size() + 1, format, again);
-    va_end(again);
+    std::array<char, 4096> text{};
+    std::vsnprintf(text.data(), text.size(), format, arguments);
     va_end(arguments);
     const std::lock_guard guard(lock_);
-    lines_.push_back({level, std::move(text)});
+    lines_.push_back({level, text.data()});
     changed_.notify_all();
   }
-  void WriteReport() override { Add(&Counters::reports, 1); }
-  void IncrementResync() override { Add(&Counters::resyncs, 1); }
-  void IncrementTsDiscontinuity() override { Add(&Counters::discontinuities, 1); }
-  void IncrementDecodedPictures() override { Add(&Counters::decodedPictures, 1); }
-  void AddPoliticChoices(std::int32_t count) override { Add(&Counters::politicChoices, count); }
+  void WriteReport() override {}
+  void IncrementResync() override {}
+  void IncrementTsDiscontinuity() override { Add(&Counters::discontinuities); }
+  void IncrementDecodedPictures() override { Add(&Counters::decodedPictures); }
+  void AddPoliticChoices(std::int32_t /*count*/) override {}
   void RegisterPin(const char* pinName) override {
     const std::lock_guard guard(lock_);
     bufferFull_[pinName] = 0;
@@ -80,41 +74,33 @@ class RecordingLogger final : public qorp::log::ILogPerf {
     const std::lock_guard guard(lock_);
     return bufferFull_;
   }
-  void Forget() {
-    const std::lock_guard guard(lock_);
-    lines_.clear();
+  // Each waits for 30 s at most and says whether it has come: so many lines in all; a line of that
+  // text; so many calls of NotifyBufferFull for a pin in all.
+  bool WaitForLines(std::size_t count) const {
+    return Wait([&] { return lines_.size() >= count; });
   }
-  // Waits until at least count lines were logged; false when that takes longer than the limit.
-  bool WaitForLines(std::size_t count,
-                    std::chrono::milliseconds limit = std::chrono::seconds(30)) const {
-    std::unique_lock guard(lock_);
-    return changed_.wait_for(guard, limit, [&] { return lines_.size() >= count; });
-  }
-  // Waits until a pin was told to be full that many times in all; false when that takes longer than
-  // the limit.
-  bool WaitForBufferFull(const std::string& pinName, int count,
-                         std::chrono::milliseconds limit = std::chrono::seconds(30)) const {
-    std::unique_lock guard(lock_);
-    return changed_.wait_for(guard, limit, [&] {
-      const auto pin = bufferFull_.find(pinName);
-      return pin != bufferFull_.end() && pin->second >= count;
-    });
-  }
-  // Waits until a line of that text was logged; false when that takes longer than the limit.
-  bool WaitForLine(const std::string& text,
-                   std::chrono::milliseconds limit = std::chrono::seconds(30)) const {
-    std::unique_lock guard(lock_);
-    return changed_.wait_for(guard, limit, [&] {
+  bool WaitForLine(const std::string& text) const {
+    return Wait([&] {
       return std::any_of(lines_.begin(), lines_.end(),
                          [&](const Line& line) { return line.text == text; });
     });
   }
+  bool WaitForBufferFull(const std::string& pinName, int count) const {
+    return Wait([&] {
+      const auto pin = bufferFull_.find(pinName);
+      return pin != bufferFull_.end() && pin->second >= count;
+    });
+  }
 
  private:
-  void Add(int Counters::*counter, int count) {
+  void Add(int Counters::*counter) {
     const std::lock_guard guard(lock_);
-    counters_.*counter += count;
-    changed_.notify_all();
+    ++(counters_.*counter);
+  }
+  template <typename Condition>
+  bool Wait(Condition isSo) const {
+    std::unique_lock guard(lock_);
+    return changed_.wait_for(guard, std::chrono::seconds(30), isSo);
   }
 
   mutable std::mutex lock_;

@@ -4,7 +4,10 @@
 #include <string>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include "util/exceptions.h"
 
 namespace {
 
@@ -123,20 +126,6 @@ TEST(TextCodecs, TranscodeChecksEveryCodePoint) {
   }
 }
 
-TEST(TextCodecs, TranscodeKeepsEveryCodePointThereAndBack) {
-  TextBytes utf8;
-  for (std::uint32_t c = 1; c <= 0x10FFFF; c += c < 0x3000 ? 1 : 13) {
-    if (c < 0xD800 || c > 0xDFFF) {
-      const TextBytes one = qorp::TextEmitterUTF8().Emit({c});
-      utf8.insert(utf8.end(), one.begin(), one.end());
-    }
-  }
-  const auto wide = qorp::Transcode(utf8.data(), utf8.size(), qorp::kUtf8, qorp::kUtf16LE, kStrict);
-  const auto back =
-      qorp::Transcode(wide.bytes.data(), wide.bytes.size(), qorp::kUtf16LE, qorp::kUtf8, kStrict);
-  EXPECT_EQ(back.bytes, utf8);
-}
-
 TEST(TextCodecs, UnknownEncodingsHaveNoCodecAndAreNamed) {
   for (const std::int32_t unknown : {0, 3, -1}) {
     EXPECT_EQ(qorp::CreateTextParser(unknown), nullptr);
@@ -144,6 +133,36 @@ TEST(TextCodecs, UnknownEncodingsHaveNoCodecAndAreNamed) {
   }
   EXPECT_EQ(ErrorOf([] { qorp::Transcode("A", 1, qorp::kUtf8, 3, kLenient); }),
             "unknown text encoding 3, known are 1 (UTF-8) and 2 (UTF-16 little-endian)");
+}
+
+using testing::StartsWith;
+using testing::StrEq;
+
+TEST(ComException, ReadsAProductCodeAsAProductMessage) {
+  const COMException mezzanine(MakeHresult(0x80250031));
+  EXPECT_THAT(mezzanine.what(),
+              StrEq("Tavrel Error 80250031: Input streams are not in mezzanine format. You shall "
+                    "configure fallback settings manually."));
+  EXPECT_THAT(COMException(MakeHresult(0x80250000)).what(),
+              StrEq("Tavrel Error 80250000: No error"));
+  EXPECT_THAT(mezzanine.what(), StrEq(mezzanine.what()));
+}
+
+TEST(ComException, ReadsOtherCodesWithThePlatformsText) {
+  EXPECT_THAT(COMException(E_FAIL).what(), StartsWith("COM Error 80004005: "));
+  EXPECT_GT(COMException(E_FAIL).BuildMessage().size(), 0U);
+  // A gap in the product's table and a code that nobody knows.
+  EXPECT_THAT(COMException(MakeHresult(0x80250009)).what(),
+              StrEq("COM Error 80250009: Invalid error code"));
+  EXPECT_THAT(COMException(MakeHresult(0x8025FFFF)).what(),
+              StrEq("COM Error 8025ffff: Invalid error code"));
+}
+
+TEST(StringFormat, GivesTheWholeTextHoweverLong) {
+  for (const std::size_t length : {0U, 255U, 256U, 100000U}) {
+    const std::string text(length, 'x');
+    EXPECT_EQ(qorp::StringFormat("%s %d", text.c_str(), 7), text + " 7") << length;
+  }
 }
 
 }  // namespace

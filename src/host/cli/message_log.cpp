@@ -8,10 +8,10 @@
 #include "host/ffmpeg/printable.h"
 #include "log/circular_log_file.h"
 #include "log/log_line.h"
-#include "platform/os/call_within.h"
 #include "platform/os/console.h"
 #include "platform/os/error_numbers.h"
 #include "platform/os/files.h"
+#include "platform/os/thread.h"
 
 namespace host::cli {
 namespace {

@@ -8,7 +8,7 @@
 #include "host/feed/graph_error.h"
 #include "host/session/composer_filter.h"
 #include "platform/com/wide_text.h"
-#include "platform/os/module.h"
+#include "platform/os/process.h"
 #include "platform/os/registry.h"
 
 namespace host::cli {

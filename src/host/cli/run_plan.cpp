@@ -11,7 +11,7 @@
 #include "host/output/container.h"
 #include "host/session/wall_check.h"
 #include "host/session/wall_files.h"
-#include "platform/os/call_within.h"
+#include "platform/os/thread.h"
 
 namespace host::cli {
 namespace {

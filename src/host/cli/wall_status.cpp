@@ -6,7 +6,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "util/string_format.h"
+#include "util/text_codecs.h"
 
 namespace host::cli {
 namespace {

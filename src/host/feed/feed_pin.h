@@ -7,7 +7,7 @@
 
 #include "host/units.h"
 #include "log/i_log_perf.h"
-#include "platform/baseclasses/base_output_pin.h"
+#include "platform/baseclasses/io_pins.h"
 
 namespace host {
 

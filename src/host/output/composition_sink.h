@@ -5,7 +5,7 @@
 
 #include "host/units.h"
 #include "platform/baseclasses/base_filter.h"
-#include "platform/baseclasses/base_input_pin.h"
+#include "platform/baseclasses/io_pins.h"
 
 namespace host {
 

@@ -3,7 +3,7 @@
 #include <filesystem>
 
 #include "host/feed/graph_error.h"
-#include "platform/os/module.h"
+#include "platform/os/process.h"
 
 namespace host {
 namespace {

@@ -4,7 +4,7 @@
 #include <ratio>
 
 #include "platform/os/system_time.h"
-#include "util/string_format.h"
+#include "util/text_codecs.h"
 
 namespace host {
 namespace {

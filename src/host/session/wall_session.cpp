@@ -12,8 +12,8 @@ extern "C" {
 #include "host/session/wall_outputs.h"
 #include "pins/streams.h"
 #include "platform/com/wide_text.h"
-#include "platform/os/call_within.h"
-#include "util/string_format.h"
+#include "platform/os/thread.h"
+#include "util/text_codecs.h"
 
 namespace host {
 namespace {

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <limits>
 
-#include "platform/baseclasses/com_boundary.h"
+#include "platform/baseclasses/unknown_base.h"
 #include "platform/dshow/vfw_errors.h"
 
 CBaseAllocator::CBaseAllocator(const char* name, IUnknown* outer, HRESULT* /*hr*/)

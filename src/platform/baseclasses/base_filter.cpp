@@ -5,9 +5,9 @@
 
 #include "platform/baseclasses/base_pin.h"
 #include "platform/baseclasses/class_factory.h"
-#include "platform/baseclasses/com_boundary.h"
 #include "platform/baseclasses/enumerators.h"
-#include "platform/dshow/reference_time.h"
+#include "platform/baseclasses/unknown_base.h"
+#include "platform/dshow/media_types.h"
 #include "platform/dshow/vfw_errors.h"
 
 CBaseFilter::CBaseFilter(const char* name, IUnknown* outer, CCritSec* lock, REFCLSID clsid)

@@ -5,7 +5,6 @@
 #include <string>
 
 #include "platform/baseclasses/class_factory.h"
-#include "platform/baseclasses/critical_section.h"
 #include "platform/baseclasses/unknown_base.h"
 #include "platform/com/com_ptr.h"
 #include "platform/dshow/filters.h"

@@ -4,8 +4,8 @@
 #include <cstring>
 #include <new>
 
-#include "platform/baseclasses/com_boundary.h"
 #include "platform/baseclasses/enumerators.h"
+#include "platform/baseclasses/unknown_base.h"
 #include "platform/dshow/vfw_errors.h"
 
 namespace {

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "platform/baseclasses/com_boundary.h"
-#include "platform/dshow/reference_time.h"
+#include "platform/baseclasses/unknown_base.h"
+#include "platform/dshow/media_types.h"
 #include "platform/os/waitable.h"
 
 DWORD_PTR AdviseList::AddOnce(REFERENCE_TIME time, HEVENT event) {

@@ -6,12 +6,11 @@
 #include <string>
 #include <system_error>
 
-#include "platform/baseclasses/com_boundary.h"
 #include "platform/baseclasses/unknown_base.h"
 #include "platform/com/com_ptr.h"
 #include "platform/com/wide_text.h"
 #include "platform/os/error_numbers.h"
-#include "platform/os/module.h"
+#include "platform/os/process.h"
 #include "platform/os/registry.h"
 
 namespace {

@@ -2,8 +2,8 @@
 // entries in the registry.
 #pragma once
 
-#include "platform/com/guid.h"
-#include "platform/com/unknown.h"
+#include "platform/com/com_ptr.h"
+#include "platform/com/types.h"
 
 inline constexpr DWORD MERIT_DO_NOT_USE = 0x200000;
 

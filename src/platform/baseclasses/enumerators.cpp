@@ -3,7 +3,7 @@
 #include <memory>
 #include <new>
 
-#include "platform/baseclasses/com_boundary.h"
+#include "platform/baseclasses/unknown_base.h"
 #include "platform/dshow/vfw_errors.h"
 
 CEnumPins::CEnumPins(CBaseFilter* filter, const CEnumPins* original)

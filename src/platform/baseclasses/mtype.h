@@ -1,7 +1,7 @@
 // CMediaType and the functions on plain media types.
 #pragma once
 
-#include "platform/com/task_memory.h"
+#include "platform/com/types.h"
 #include "platform/dshow/media_types.h"
 #include "platform/dshow/samples.h"
 

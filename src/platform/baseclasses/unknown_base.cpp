@@ -1,5 +1,10 @@
 #include "platform/baseclasses/unknown_base.h"
 
+#include <new>
+#include <system_error>
+
+#include "platform/os/error_numbers.h"
+
 namespace {
 
 std::atomic<LONG> activeObjects{0};
@@ -63,4 +68,18 @@ void UnlockModule() {
 }
 bool IsModuleInUse() {
   return moduleLocks.load() > 0 || CUnknown::ObjectsActive() > 0;
+}
+
+HRESULT ResultOfException() noexcept {
+  try {
+    throw;
+  } catch (const std::bad_alloc&) {
+    return E_OUTOFMEMORY;
+  } catch (const std::system_error& refused) {
+    return HRESULT_FROM_WIN32(os::SystemErrorNumber(refused.code().value()));
+  } catch (const CAtlException& refused) {
+    return refused.m_hr;
+  } catch (...) {
+    return E_FAIL;
+  }
 }

@@ -1,9 +1,16 @@
-// CUnknown: reference counting and aggregation for every object of the graph.
+// What every object of the graph stands on: CUnknown with reference counting and aggregation, the
+// COM boundary, which no exception passes, and the critical section.
 #pragma once
 
 #include <atomic>
+#include <memory>
+#include <system_error>
+#include <utility>
 
-#include "platform/com/unknown.h"
+#include "platform/com/com_ptr.h"
+#include "platform/com/types.h"
+#include "platform/os/error_numbers.h"
+#include "platform/os/mutex.h"
 
 // The object's own unknown, as an outer object that aggregates it sees it.
 class INonDelegatingUnknown {
@@ -77,3 +84,66 @@ class CUnknown : public INonDelegatingUnknown {
 void LockModule();
 void UnlockModule();
 bool IsModuleInUse();
+
+// Thrown when the platform refuses a kernel object.
+class CAtlException {
+ public:
+  explicit CAtlException(HRESULT hr) : m_hr(hr) {}
+  operator HRESULT() const { return m_hr; }
+
+  HRESULT m_hr;
+};
+
+// The result code of the exception that is being handled: E_OUTOFMEMORY for exhausted memory, the
+// system's number (facility Win32) for a refused system object, the code of a CAtlException, E_FAIL
+// for all others.
+HRESULT ResultOfException() noexcept;
+
+// Runs the body of a COM method, or a part of it after which the method has to tidy up.
+template <typename Operation>
+HRESULT AtComBoundary(const Operation& operation) noexcept {
+  try {
+    return operation();
+  } catch (...) {
+    return ResultOfException();
+  }
+}
+
+// A new event, semaphore or the like. Throws CAtlException with the system's error (facility Win32)
+// when the platform refuses it.
+template <typename Object, typename... Arguments>
+std::unique_ptr<Object> MakeKernelObject(Arguments&&... arguments) {
+  try {
+    return std::make_unique<Object>(std::forward<Arguments>(arguments)...);
+  } catch (const std::system_error& refused) {
+    throw CAtlException(HRESULT_FROM_WIN32(os::SystemErrorNumber(refused.code().value())));
+  }
+}
+
+// A recursive lock. Lock and Unlock stand by their documented names.
+class CAPABILITY("mutex") CCritSec {
+ public:
+  CCritSec() = default;
+  CCritSec(const CCritSec&) = delete;
+  CCritSec& operator=(const CCritSec&) = delete;
+
+  void Lock() ACQUIRE() { mutex_.lock(); }
+  void Unlock() RELEASE() { mutex_.unlock(); }
+  // For the checker, in a lambda that runs while the lock is held.
+  void AssertHeld() const ASSERT_CAPABILITY(this) {}
+
+ private:
+  os::RecursiveMutex mutex_;
+};
+
+// Holds a critical section for its own lifetime.
+class SCOPED_CAPABILITY CAutoLock {
+ public:
+  explicit CAutoLock(CCritSec* lock) ACQUIRE(lock) : lock_(lock) { lock_->Lock(); }
+  ~CAutoLock() RELEASE() { lock_->Unlock(); }
+  CAutoLock(const CAutoLock&) = delete;
+  CAutoLock& operator=(const CAutoLock&) = delete;
+
+ private:
+  CCritSec* lock_;
+};

@@ -1,11 +1,16 @@
-// The basic types of the platform's interfaces at their documented widths, result codes of COM and
-// the tests on them. DirectShow's own codes: platform/dshow/vfw_errors.h.
+// The basic types of the platform's interfaces at their documented widths, GUIDs, result codes of
+// COM with the tests on them, and the task allocator. DirectShow's own codes:
+// platform/dshow/vfw_errors.h.
 #pragma once
 
+#include <compare>
 #include <cstddef>
 #include <cstdint>
-
-#include "platform/com/types.h"
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <string_view>
 
 using BYTE = std::uint8_t;
 using WORD = std::uint16_t;
@@ -63,3 +68,48 @@ constexpr bool FAILED(HRESULT hr) {
 constexpr HRESULT HRESULT_FROM_WIN32(DWORD error) {
   return error == 0 ? S_OK : MakeHresult((error & 0xFFFF) | 0x80070000);
 }
+
+struct GUID {
+  std::uint32_t Data1;
+  std::uint16_t Data2;
+  std::uint16_t Data3;
+  std::uint8_t Data4[8];
+
+  friend bool operator==(const GUID& a, const GUID& b) {
+    return std::memcmp(&a, &b, sizeof(GUID)) == 0;
+  }
+  // Orders GUIDs for containers; the order has no meaning of its own.
+  friend bool operator<(const GUID& a, const GUID& b) {
+    return std::memcmp(&a, &b, sizeof(GUID)) < 0;
+  }
+};
+static_assert(sizeof(GUID) == 16);
+
+using IID = GUID;
+using CLSID = GUID;
+using REFIID = const IID&;
+using REFCLSID = const CLSID&;
+
+inline constexpr GUID GUID_NULL{0, 0, 0, {0, 0, 0, 0, 0, 0, 0, 0}};
+inline constexpr CLSID CLSID_NULL = GUID_NULL;
+
+// "{AEC64A13-679E-41A5-830B-9CC2914A9269}": braces, upper-case digits.
+std::string GuidToString(const GUID& guid);
+// Reads the form above (digits of either case); false when the text is anything else.
+bool GuidFromString(std::string_view text, GUID* guid);
+
+// Null when the memory is exhausted. An empty block is still a block of its own.
+inline void* CoTaskMemAlloc(std::size_t bytes) {
+  return std::malloc(bytes == 0 ? 1 : bytes);
+}
+// Null is allowed and ignored.
+inline void CoTaskMemFree(void* memory) {
+  std::free(memory);
+}
+
+struct TaskMemoryDeleter {
+  void operator()(void* memory) const { CoTaskMemFree(memory); }
+};
+// Owns memory of the task allocator.
+template <typename T>
+using TaskMemory = std::unique_ptr<T, TaskMemoryDeleter>;

@@ -4,7 +4,7 @@
 #include <memory>
 #include <utility>
 
-#include "platform/baseclasses/com_boundary.h"
+#include "platform/baseclasses/unknown_base.h"
 
 ComPtr<IEnumFilters> FilterEnumerator::Create(Filters filters, std::size_t position) {
   return ComPtr<IEnumFilters>(

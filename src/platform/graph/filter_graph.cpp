@@ -5,9 +5,9 @@
 #include <memory>
 #include <set>
 
-#include "platform/baseclasses/com_boundary.h"
+#include "platform/baseclasses/unknown_base.h"
+#include "platform/dshow/media_types.h"
 #include "platform/dshow/pins.h"
-#include "platform/dshow/reference_time.h"
 #include "platform/dshow/vfw_errors.h"
 #include "platform/graph/filter_enumerator.h"
 

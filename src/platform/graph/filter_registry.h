@@ -7,7 +7,7 @@
 
 #include "platform/com/com_ptr.h"
 #include "platform/dshow/filters.h"
-#include "platform/os/module.h"
+#include "platform/os/process.h"
 
 // A pin kind of a registered filter.
 struct RegisteredPin {

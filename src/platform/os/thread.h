@@ -1,11 +1,15 @@
-// A thread whose end can be waited for.
+// A thread whose end can be waited for, and calls that may never return with a limit for them.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "platform/os/mutex.h"
 #include "platform/os/waitable.h"
@@ -43,5 +47,34 @@ class Thread final : public Waitable {
   Mutex joinLock_;
   std::thread thread_ GUARDED_BY(joinLock_);  // not joinable once joined
 };
+
+// Makes the call on a thread of its own and gives its result; none when the call takes longer than
+// the limit. Its thread is then detached: the call owns everything that it touches. What it throws
+// is thrown here.
+template <typename T>
+std::optional<T> CallWithin(std::chrono::milliseconds limit, std::function<T()> call,
+                            const std::string& name) {
+  struct Outcome {
+    std::optional<T> value;
+    std::exception_ptr failure;
+  };
+  const auto outcome = std::make_shared<Outcome>();
+  Thread thread(
+      [outcome, call = std::move(call)] {
+        try {
+          outcome->value.emplace(call());
+        } catch (...) {
+          outcome->failure = std::current_exception();
+        }
+      },
+      name);
+  if (!thread.Wait(static_cast<std::uint32_t>(limit.count()))) {
+    return std::nullopt;
+  }
+  if (outcome->failure) {
+    std::rethrow_exception(outcome->failure);
+  }
+  return std::move(outcome->value);
+}
 
 }  // namespace os

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "platform/text/painted_text.h"
+#include "platform/text/text_painter.h"
 
 namespace os {
 

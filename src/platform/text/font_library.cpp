@@ -9,7 +9,7 @@
 
 #include <pango/pangofc-fontmap.h>
 
-#include "platform/os/module.h"
+#include "platform/os/process.h"
 
 namespace os {
 

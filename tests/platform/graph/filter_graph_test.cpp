@@ -33,21 +33,6 @@ class FilterGraphTest : public testing::Test {
   ComPtr<Sink> sink_ = Sink::Create();
 };
 
-TEST_F(FilterGraphTest, ConnectsRunsAndStopsItsFilters) {
-  ASSERT_EQ(graph_->ConnectDirect(&source_->pin, &sink_->pin, nullptr), S_OK);
-  ASSERT_EQ(graph_->Run(0), S_OK);
-  FILTER_STATE state{};
-  sink_->GetState(0, &state);
-  EXPECT_EQ(state, State_Running);
-  EXPECT_EQ(source_->Send(source_->NewSample(0, 1).Get()), S_OK);
-  EXPECT_EQ(graph_->RemoveFilter(sink_.Get()), VFW_E_NOT_STOPPED);
-  ASSERT_EQ(graph_->Pause(), S_OK);
-  ASSERT_EQ(graph_->Stop(), S_OK);
-  source_->GetState(0, &state);
-  EXPECT_EQ(state, State_Stopped);
-  EXPECT_EQ(sink_->Count(), 1U);
-}
-
 TEST_F(FilterGraphTest, AFilterThatWillNotPauseStopsTheWholeGraph) {
   class Stubborn final : public CBaseFilter {
    public:
@@ -92,6 +77,7 @@ TEST_F(FilterGraphTest, MakesNamesUniqueAndFindsFiltersByThem) {
 TEST_F(FilterGraphTest, EndsARunningGraphWithItsLastReference) {
   ASSERT_EQ(graph_->ConnectDirect(&source_->pin, &sink_->pin, nullptr), S_OK);
   ASSERT_EQ(graph_->Run(0), S_OK);
+  EXPECT_EQ(graph_->RemoveFilter(sink_.Get()), VFW_E_NOT_STOPPED);
 }  // the fixture counts what is left
 
 TEST_F(FilterGraphTest, QueuesEventsInOrderAndForgetsTheOldestOfTooMany) {

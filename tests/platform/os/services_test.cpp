@@ -1,40 +1,41 @@
 #include <array>
+#include <csignal>
 #include <cstdlib>
 #include <fstream>
+#include <ostream>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "platform/os/console.h"
 #include "platform/os/datagram.h"
+#include "platform/os/files.h"
 #include "platform/os/process.h"
-#include "platform/os/volumes.h"
+#include "platform/os/standard_stream.h"
 #include "tests/support/datagram_receiver.h"
+#include "tests/support/temporary_folder.h"
 
 namespace {
 
 using testing::ElementsAre;
 
-// Both ends of a pipe or of a terminal.
-class Line {
+// A terminal.
+class Terminal {
  public:
-  explicit Line(bool terminal) {
-    int ends[2];
-    const int result = terminal ? ::openpty(&ends[0], &ends[1], nullptr, nullptr, nullptr)
-                                : ::pipe(static_cast<int*>(ends));
-    if (result != 0) {
-      throw std::runtime_error("no pipe or terminal for the test");
+  Terminal() {
+    if (::openpty(&read_, &write_, nullptr, nullptr, nullptr) != 0) {
+      throw std::runtime_error("no terminal for the test");
     }
-    read_ = ends[0];
-    write_ = ends[1];
   }
-  ~Line() {
+  ~Terminal() {
     ::close(read_);
     ::close(write_);
   }
@@ -43,25 +44,22 @@ class Line {
   void Expect(const std::string& expected, const std::string& what = {}) const {
     std::string got;
     pollfd waiting{read_, POLLIN, 0};
-    while (got.size() < expected.size() && ::poll(&waiting, 1, 10'000) > 0) {
-      std::array<char, 1000> buffer;
-      const ssize_t count = ::read(read_, buffer.data(), buffer.size());
-      if (count <= 0) {
-        break;
-      }
-      got.append(buffer.data(), static_cast<std::size_t>(count));
+    char c = 0;
+    while (got.size() < expected.size() && ::poll(&waiting, 1, 10'000) > 0 &&
+           ::read(read_, &c, 1) == 1) {
+      got += c;
     }
     EXPECT_EQ(got, expected) << what;
   }
 
  private:
-  int read_;
-  int write_;
+  int read_ = -1;
+  int write_ = -1;
 };
 
 TEST(Console, ColoursLinesOnATerminalUnlessNoColorIsSet) {
   ::unsetenv("NO_COLOR");
-  const Line terminal(true);
+  const Terminal terminal;
   {
     os::Console console(terminal.WriteEnd());
     console.WriteLine(12, "bad");
@@ -72,9 +70,6 @@ TEST(Console, ColoursLinesOnATerminalUnlessNoColorIsSet) {
     terminal.Expect("\x1b[93modd\r\n\x1b[37mplain\r\n\x1b[92mdetail\r\n");
   }
   terminal.Expect("\x1b[0m", "the terminal's own colour was not restored");
-  const Line pipe(false);
-  os::Console(pipe.WriteEnd()).WriteLine(12, "bad");
-  pipe.Expect("bad\n");
   ::setenv("NO_COLOR", "1", 1);
   os::Console(terminal.WriteEnd()).WriteLine(12, "bad");
   ::unsetenv("NO_COLOR");
@@ -92,6 +87,19 @@ TEST(DatagramSocket, SendsOnAfterADestinationThatDidNotListen) {
   EXPECT_TRUE(socket.Send("also lost"));
   EXPECT_FALSE(os::DatagramSocket().Send("nowhere"));
   EXPECT_FALSE(os::DatagramSocket().IsValid());
+}
+
+TEST(Volumes, AreTheMountedFileSystemsThatHoldFiles) {
+  std::istringstream table(
+      "21 1 8:1 / / rw,relatime shared:1 - ext4 /dev/sda1 rw\n"
+      "22 21 0:5 / /proc rw - proc proc rw\n"
+      "23 21 0:6 / /dev rw - devtmpfs udev rw\n"
+      "24 21 8:2 / /media/my\\040disc\\134x rw shared:2 master:3 - vfat /dev/sdb1 rw\n"
+      "25 21 8:3 / /media/odd\\9 rw - xfs /dev/sdc1 rw\n"
+      "a damaged line\n"
+      "26 21 8:1 /x / rw - ext4 /dev/sda1 rw\n");
+  EXPECT_THAT(os::ParseVolumeRoots(table),
+              ElementsAre("\\", "\\media\\my disc\\x\\", "\\media\\odd\\9\\"));
 }
 
 // The process really uses what it is made to use.
@@ -119,17 +127,67 @@ TEST(SystemStatistics, FollowWhatTheProcessDoes) {
   EXPECT_GT(after.commitAvailable, 0U);
 }
 
-TEST(Volumes, AreTheMountedFileSystemsThatHoldFiles) {
-  std::istringstream table(
-      "21 1 8:1 / / rw,relatime shared:1 - ext4 /dev/sda1 rw\n"
-      "22 21 0:5 / /proc rw - proc proc rw\n"
-      "23 21 0:6 / /dev rw - devtmpfs udev rw\n"
-      "24 21 8:2 / /media/my\\040disc\\134x rw shared:2 master:3 - vfat /dev/sdb1 rw\n"
-      "25 21 8:3 / /media/odd\\9 rw - xfs /dev/sdc1 rw\n"
-      "a damaged line\n"
-      "26 21 8:1 /x / rw - ext4 /dev/sda1 rw\n");
-  EXPECT_THAT(os::ParseVolumeRoots(table),
-              ElementsAre("\\", "\\media\\my disc\\x\\", "\\media\\odd\\9\\"));
+using std::chrono::milliseconds;
+
+std::string ReadWhatIsThere(int descriptor) {
+  std::string text;
+  char buffer[4096];
+  for (ssize_t count = 0; (count = read(descriptor, buffer, sizeof(buffer))) > 0;) {
+    text.append(buffer, static_cast<std::size_t>(count));
+  }
+  return text;
+}
+
+// A pipe with a name, so that a reader can go and another one come.
+TEST(StandardStream, WaitsForAReaderForALimitedTimeAndTriesAgain) {
+  std::signal(SIGPIPE, SIG_IGN);
+  const TemporaryFolder folder;
+  const std::string path = folder / "pipe";
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  int reader = open(path.c_str(), O_RDONLY | O_NONBLOCK);
+  const int writer = open(path.c_str(), O_WRONLY);
+  const auto capacity = static_cast<std::size_t>(fcntl(writer, F_SETPIPE_SZ, 4096));
+  os::StandardStream buffer(writer);
+  std::ostream stream(&buffer);
+  os::StandardStream::LimitWaiting(stream, milliseconds(10), milliseconds(0));
+
+  const std::string line(capacity + 1000, 'x');
+  stream << line << "\n";
+  EXPECT_FALSE(os::FlushWithin(stream, milliseconds(0))) << "it is stuck in the middle";
+  stream.clear();
+  stream << "next\n" << std::flush;
+  std::string got = ReadWhatIsThere(reader);
+  EXPECT_TRUE(os::FlushWithin(stream, milliseconds(0)));
+  got += ReadWhatIsThere(reader);
+  EXPECT_EQ(got, line + "\nnext\n") << "nothing is lost that was waiting";
+
+  // A stuck reader costs whole pieces of text only.
+  std::string all;
+  const std::string piece = std::string(9999, 'y') + "\n";
+  for (int i = 0; i < 100; ++i) {
+    stream.clear();
+    stream << piece << std::flush;
+  }
+  for (bool done = false; !done; all += ReadWhatIsThere(reader)) {
+    done = os::FlushWithin(stream, milliseconds(0));
+  }
+  EXPECT_LT(all.size(), 100 * piece.size());
+  EXPECT_EQ(all.size() % piece.size(), 0U);
+
+  stream << line;
+  EXPECT_FALSE(os::FlushWithin(stream, milliseconds(0)));
+  close(reader);
+  stream.clear();
+  EXPECT_FALSE(stream.flush().good()) << "nobody reads";
+  reader = open(path.c_str(), O_RDONLY | O_NONBLOCK);
+  std::string last = ReadWhatIsThere(reader);
+  stream.clear();
+  stream << "again\n" << std::flush;
+  EXPECT_TRUE(stream.good());
+  last += ReadWhatIsThere(reader);
+  EXPECT_TRUE(last.ends_with("x\nagain\n")) << "on a line of its own";
+  close(reader);
+  close(writer);
 }
 
 }  // namespace

@@ -2,12 +2,15 @@
 
 #include <array>
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include "platform/os/thread.h"
 
 namespace {
 
@@ -130,30 +133,70 @@ TEST(WaitAny, GivesEachTokenToExactlyOneWaiter) {
   EXPECT_EQ(taken, kTokens);
 }
 
-// Two wait for one token: the one that misses it is not let through.
-TEST(WaitAny, ContinuesToWaitWhenAnotherWasFaster) {
-  for (int round = 0; round < 200; ++round) {
-    Event token(Reset::kAuto);
-    Event end(Reset::kManual);
-    std::atomic<int> winners{0};
-    std::atomic<int> others{0};
-    const auto wait = [&] {
-      const std::array<Waitable*, 2> both{&token, &end};
-      const std::uint32_t index = os::WaitAny(both, kLimit);
-      (index == 0 ? winners : others) += 1;
-    };
-    std::thread one(wait);
-    std::thread two(wait);
-    token.Set();
-    while (winners == 0 && others == 0) {
-      std::this_thread::yield();
-    }
-    end.Set();
-    one.join();
-    two.join();
-    EXPECT_EQ(winners, 1);
-    EXPECT_EQ(others, 1);
+using os::Thread;
+
+// Calls when it is destroyed.
+class Marker {
+ public:
+  explicit Marker(std::function<void()> atEnd) : atEnd_(std::move(atEnd)) {}
+  ~Marker() { atEnd_(); }
+
+ private:
+  std::function<void()> atEnd_;
+};
+
+TEST(Thread, HasLeftAllItsCodeWhenAWaitSucceeds) {
+  for (int round = 0; round < 50; ++round) {
+    std::atomic<bool> last{false};
+    Thread thread([&] {
+      thread_local std::unique_ptr<Marker> atThreadEnd;
+      atThreadEnd = std::make_unique<Marker>([&] {
+        for (int i = 0; i < 100; ++i) {
+          std::this_thread::yield();
+        }
+        last = true;
+      });
+    });
+    Event never(Reset::kAuto);
+    const std::array<os::Waitable*, 2> both{&never, &thread};
+    ASSERT_EQ(os::WaitAny(both, kLimit), 1U) << "the body did not end";
+    EXPECT_TRUE(last) << "code of the thread ran on after the wait";
   }
+}
+
+TEST(Thread, IsSignalledToAllAndPermanentlyWhenItsBodyHasEnded) {
+  Event go(Reset::kAuto);
+  Thread thread([&] { go.Wait(os::kInfinite); }, "a name that is longer than the system takes");
+  EXPECT_NE(thread.Id(), 0U);
+  EXPECT_FALSE(thread.Wait(0));
+  std::atomic<int> seen{0};
+  const auto wait = [&] { seen += thread.Wait(kLimit) ? 1 : 0; };
+  std::thread one(wait);
+  std::thread two(wait);
+  go.Set();
+  wait();
+  one.join();
+  two.join();
+  EXPECT_EQ(seen, 3);
+  EXPECT_TRUE(thread.Wait(0));
+}
+
+TEST(Thread, ContinuesByItselfWhenDestroyedWhileRunning) {
+  Event go(Reset::kAuto);
+  Event gone(Reset::kAuto);
+  auto alive = std::make_shared<Marker>([&] { gone.Set(); });
+  {
+    Thread thread([alive, &go] { go.Wait(os::kInfinite); });
+    alive.reset();
+  }
+  EXPECT_FALSE(gone.Wait(0)) << "the body was destroyed under a running thread";
+  go.Set();
+  EXPECT_TRUE(gone.Wait(kLimit)) << "the body was not destroyed at its end";
+}
+
+TEST(ThreadDeathTest, EndsTheProcessWhenItsBodyThrows) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(Thread(std::function<void()>()).Wait(os::kInfinite), "bad_function_call");
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include "platform/com/guid.h"
+#include "platform/com/types.h"
 
 #include <array>
 #include <cstdio>
