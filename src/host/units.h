@@ -1,6 +1,7 @@
 // The units that all rooms of the host share.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <numeric>
 
@@ -11,6 +12,11 @@ using Time = std::int64_t;
 
 inline constexpr Time kMillisecond = 10'000;
 inline constexpr Time kSecond = 10'000'000;
+
+// Rounded towards 0.
+inline std::chrono::milliseconds Milliseconds(Time time) {
+  return std::chrono::milliseconds(time / kMillisecond);
+}
 
 // A fraction: a frame rate in frames per second, or the width-to-height shape of a picture or
 // pixel.

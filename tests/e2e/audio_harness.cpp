@@ -76,7 +76,7 @@ std::vector<host::AudioPacket> ReadPackets(const std::filesystem::path& file, st
   host::MediaReader::Settings settings = host::Source(file);
   settings.wantVideo = false;
   settings.decodeAudio = false;
-  settings.audioTrack = track;
+  settings.options.audio.track = track;
   host::MediaReader reader(settings);
   reader.Open();
   return host::ReadAll(reader).packets;
@@ -85,7 +85,7 @@ std::vector<host::AudioPacket> ReadPackets(const std::filesystem::path& file, st
 std::vector<std::vector<host::Time>> FindFlashes(const std::filesystem::path& file,
                                                  const std::vector<Point>& points) {
   host::MediaReader::Settings settings = host::Source(file);
-  settings.wantAudio = false;
+  settings.options.audio.enabled = false;
   host::MediaReader reader(settings);
   reader.Open();
   std::vector<std::vector<host::Time>> flashes(points.size());
@@ -109,7 +109,7 @@ std::vector<host::Time> FindClicks(const std::filesystem::path& file, std::size_
   constexpr host::Time kSilence = 50 * host::kMillisecond;
   host::MediaReader::Settings settings = host::Source(file);
   settings.wantVideo = false;
-  settings.audioTrack = track;
+  settings.options.audio.track = track;
   host::MediaReader reader(settings);
   reader.Open();
   host::SamplePlanes planes;

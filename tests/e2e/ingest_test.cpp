@@ -155,7 +155,7 @@ TEST_F(IngestTest, ACameraThatFallsSilentIsHeldThenLostAndReturnsByItself) {
 TEST_F(IngestTest, ACameraThatNeverAnswersStopsNobodyFromLeavingIt) {
   RtspServer camera(CameraClip());
   host::MediaReader::Settings settings = host::Source(camera.Url());
-  settings.openLimit = std::chrono::hours(1);
+  settings.options.openLimit = 3600 * kSecond;
   // Open, and then the camera is mute while it is left.
   auto left = std::async(std::launch::async, [&] {
     host::MediaReader reader(settings);
@@ -222,7 +222,7 @@ TEST_F(IngestTest, ASenderThatReturnsFromSilenceInAnotherFormIsOpenedAgain) {
   const std::string otherForm = ReadWholeFile(folder_ / "other.ts");
   e2e::PacedSender sender(TransportStream(folder_, "first"), kClipLength, 1.0);
   host::MediaReader::Settings settings = host::Source(sender.url());
-  settings.readLimit = milliseconds(500);
+  settings.options.readLimit = kSecond / 2;
   host::MediaReader reader(settings);
   reader.Open();
   const auto failure = [&] {

@@ -20,8 +20,8 @@ class Receiver {
  public:
   Receiver(const std::string& url, std::map<std::string, std::string> options) {
     host::MediaReader::Settings settings = host::Source(url);
-    settings.options = std::move(options);
-    settings.openLimit = settings.readLimit = std::chrono::seconds(50);
+    settings.options.options = std::move(options);
+    settings.options.openLimit = settings.options.readLimit = 50 * kSecond;
     reader_.emplace(settings);
     thread_ = std::thread([this] { Read(); });
   }

@@ -198,7 +198,7 @@ std::vector<std::string> LongStream(Time length, const std::string& format) {
   try {
     host::MediaReader::Settings settings;
     settings.source = pipe;
-    settings.readLimit = std::chrono::minutes(1);
+    settings.options.readLimit = 60 * kSecond;
     settings.maxIndexEntries = kMaxIndexEntries;
     host::MediaReader reader(settings);
     reader.Open();

@@ -55,7 +55,7 @@ SimulatedChannel::Session::Session(const SimulatedChannel& channel)
       audioStream(clock.AddStream(channel.model_->wrapPeriod)),
       limiter(channel.canvasRate_),
       meter({channel.canvasRate_}),
-      placer({channel.model_->kind, true, channel.model_->audio, 0, channel.canvasRate_,
+      placer({channel.model_->kind, true, channel.model_->audio, channel.canvasRate_,
               channel.services_.now},
              channel.channel_->queue()) {}
 
@@ -69,24 +69,21 @@ SimulatedChannel::SimulatedChannel(std::size_t index, const SourceModel* model, 
   if (model_ != nullptr) {
     packets_.emplace(*model_, seed, begin);
   }
-  host::ChannelSource::Settings settings;
-  settings.ingest.name = "channel " + std::to_string(index);
-  settings.ingest.session.picture.width = WindowLayout::kWidth;
-  settings.ingest.session.picture.height = WindowLayout::kHeight;
-  settings.ingest.session.picture.canvasRate = canvasRate;
-  settings.ingest.session.now = services.now;
-  settings.canvasRate = canvasRate;
-  settings.presenter.name = settings.ingest.name;
-  settings.presenter.width = WindowLayout::kWidth;
-  settings.presenter.height = WindowLayout::kHeight;
+  host::ChannelSettings settings;
+  settings.channel.name = "channel " + std::to_string(index);
+  settings.channel.window = {0, 0, WindowLayout::kWidth, WindowLayout::kHeight};
+  settings.canvas.frameRate = canvasRate;
   // A caption would hide what the window shows.
-  for (host::AlarmSettings::Times& times : settings.presenter.alarms.times) {
-    times.enabled = false;
+  host::config::AlarmOptions& alarm = settings.channel.options.alarm;
+  for (host::config::Alarm* each :
+       {&alarm.loss, &alarm.black, &alarm.freeze, &alarm.silence, &alarm.clipping}) {
+    each->enabled = false;
   }
-  settings.presenter.timeText = [](Time) { return std::string("12:00:00"); };
-  settings.presenter.presentFrame = services.presentFrame;
-  settings.presenter.wantsType = [window = services.window] { return window->WantsType(); };
-  settings.presenter.frameSent = [window = services.window] { window->SetFrameSent(); };
+  settings.now = services.now;
+  settings.timeText = [](Time) { return std::string("12:00:00"); };
+  settings.presentFrame = services.presentFrame;
+  settings.wantsType = [window = services.window] { return window->WantsType(); };
+  settings.frameSent = [window = services.window] { window->SetFrameSent(); };
   settings.driven = true;
   channel_ = host::ChannelSource::Create(std::move(settings), this);
   channel_->queue().FollowClock(services.now);

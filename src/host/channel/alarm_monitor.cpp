@@ -15,12 +15,6 @@ float Magnitude(double decibels) {
 
 }  // namespace
 
-const char* NameOf(AlarmKind kind) {
-  constexpr std::array<const char*, kAlarmKinds> kNames{"loss", "black", "freeze", "silence",
-                                                        "clipping"};
-  return kNames[static_cast<std::size_t>(kind)];
-}
-
 const char* NameOf(AudioState state) {
   constexpr std::array<const char*, 9> kNames{"unknown",     "off",         "present",
                                               "silent",      "absent",      "no_track",
@@ -28,30 +22,27 @@ const char* NameOf(AudioState state) {
   return kNames[static_cast<std::size_t>(state)];
 }
 
-AlarmMonitor::AlarmMonitor(const AlarmSettings& settings, Sink sink)
-    : settings_(settings),
+AlarmMonitor::AlarmMonitor(const config::AlarmOptions& options, Sink sink)
+    : options_(options),
       sink_(std::move(sink)),
-      silence_(Magnitude(settings.silenceLevel)),
-      clipping_(Magnitude(settings.clippingLevel)) {
-  for (std::size_t i = 0; i < kAlarmKinds; ++i) {
-    timers_[i] = AlarmTimer(settings.times[i].setAfter, settings.times[i].clearAfter);
+      silence_(Magnitude(options.silence.level)),
+      clipping_(Magnitude(options.clipping.level)) {
+  for (const AlarmKind kind : kAllAlarms) {
+    timers_[static_cast<std::size_t>(kind)] =
+        AlarmTimer(options[kind].setAfter, options[kind].clearAfter);
   }
-  const AlarmSettings::Times& peaks =
-      settings.times[static_cast<std::size_t>(AlarmKind::kClipping)];
-  peaks_ = PeakTimer(peaks.setAfter, peaks.clearAfter);
+  peaks_ = PeakTimer(options.clipping.setAfter, options.clipping.clearAfter);
 }
 
 void AlarmMonitor::Update(AlarmKind kind, bool condition, Time now) {
-  const auto index = static_cast<std::size_t>(kind);
-  if (!settings_.times[index].enabled) {
+  if (!options_[kind].enabled) {
     return;
   }
-  const std::optional<bool> changed = kind == AlarmKind::kClipping
-                                          ? peaks_.Update(condition, now)
-                                          : timers_[index].Update(condition, now);
+  const std::optional<bool> changed =
+      kind == AlarmKind::kClipping ? peaks_.Update(condition, now)
+                                   : timers_[static_cast<std::size_t>(kind)].Update(condition, now);
   if (changed.has_value()) {
-    const AlarmSettings::Times& times = settings_.times[index];
-    sink_({kind, *changed, *changed ? raisedSince(kind) : now - times.clearAfter});
+    sink_({kind, *changed, *changed ? raisedSince(kind) : now - options_[kind].clearAfter});
   }
 }
 
@@ -117,8 +108,7 @@ void AlarmMonitor::Audio(float loudest, Time now, Time late) {
 // Audio that returns from having stopped finds the alarm raised still, and may be silent then.
 void AlarmMonitor::Heard(bool isQuiet, Time now) {
   quietSince_ = isQuiet ? std::optional(quietSince_.value_or(now)) : std::nullopt;
-  const AlarmSettings::Times& times =
-      settings_.times[static_cast<std::size_t>(AlarmKind::kSilence)];
+  const config::Alarm& times = options_.silence;
   const bool isLong =
       quietSince_.has_value() && now - *quietSince_ >= std::min(times.setAfter, times.clearAfter);
   silent_ = raised(AlarmKind::kSilence) && (silent_ || isLong);

@@ -9,30 +9,14 @@
 #include "host/channel/alarm_timer.h"
 #include "host/channel/audio_status.h"
 #include "host/channel/source/media_info.h"
+#include "host/config/wall.h"
 #include "host/units.h"
 
 namespace host {
 
-enum class AlarmKind { kLoss, kBlack, kFreeze, kSilence, kClipping };
-inline constexpr std::size_t kAlarmKinds = 5;
-inline constexpr std::array<AlarmKind, kAlarmKinds> kAllAlarms{
-    AlarmKind::kLoss, AlarmKind::kBlack, AlarmKind::kFreeze, AlarmKind::kSilence,
-    AlarmKind::kClipping};
-
-// As in the wall file: "loss", "black", "freeze", "silence", "clipping".
-const char* NameOf(AlarmKind kind);
-
-// When each alarm is raised; what counts as black and as unchanged is the FrameMeter's.
-struct AlarmSettings {
-  struct Times {
-    bool enabled = true;
-    Time setAfter = 0;
-    Time clearAfter = kSecond;
-  };
-  std::array<Times, kAlarmKinds> times;  // by AlarmKind
-  double silenceLevel = -60;             // loudest peak in dBFS that counts as silence
-  double clippingLevel = -0.1;           // peak in dBFS from which it counts as clipping
-};
+using config::AlarmKind;
+using config::kAlarmKinds;
+using config::kAllAlarms;
 
 // What is seen and heard of the channel comes in with its time on the wall's clock; each alarm has
 // a time to set and a time to clear; for clipping, peaks are counted. While no frame comes,
@@ -50,7 +34,8 @@ class AlarmMonitor {
   };
   using Sink = std::function<void(const Change&)>;
 
-  AlarmMonitor(const AlarmSettings& settings, Sink sink);
+  // The levels of black and of freeze are the FrameMeter's.
+  AlarmMonitor(const config::AlarmOptions& options, Sink sink);
 
   // A source was opened: why it gives no audio, or that it does.
   void Opened(AudioAbsence absence, Time now);
@@ -84,7 +69,7 @@ class AlarmMonitor {
   void Update(AlarmKind kind, bool condition, Time now);
   void Heard(bool isQuiet, Time now);
 
-  const AlarmSettings settings_;
+  const config::AlarmOptions options_;
   const Sink sink_;
   const float silence_;                         // greatest magnitude that counts as silence
   const float clipping_;                        // least magnitude that counts as clipping

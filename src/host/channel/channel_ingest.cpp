@@ -14,19 +14,14 @@ constexpr milliseconds kWaited{1000};
 
 }  // namespace
 
-ChannelIngest::ChannelIngest(Settings settings, FeedPin& videoPin, ChannelQueue& queue,
-                             ChannelObserver* observer)
-    : settings_([&] {
-        settings.session.audioLanguage = settings.reader.audioLanguage;
-        settings.session.audioChanged = [observer, name = settings.name](const std::string& what) {
-          observer->AudioPathChanged(name, what);
-        };
-        return std::move(settings);
-      }()),
+ChannelIngest::ChannelIngest(std::shared_ptr<const ChannelSettings> settings, FeedPin& videoPin,
+                             ChannelQueue& queue, ChannelObserver* observer)
+    : shared_(std::move(settings)),
+      settings_(*shared_),
       videoPin_(videoPin),
       queue_(queue),
       observer_(observer),
-      delay_(static_cast<std::uint32_t>(std::hash<std::string>()(settings_.name))) {}
+      delay_(static_cast<std::uint32_t>(std::hash<std::string>()(settings_.channel.name))) {}
 
 void ChannelIngest::Cancel() {
   {
@@ -113,7 +108,10 @@ void ChannelIngest::ReadSource() {
 }
 
 std::optional<milliseconds> ChannelIngest::RunOnce() {
-  auto reader = InSource([&] { return std::make_shared<MediaReader>(settings_.reader); });
+  auto reader = InSource([&] {
+    return std::make_shared<MediaReader>(MediaReader::Settings{
+        settings_.channel.source, settings_.channel.options, settings_.isLive()});
+  });
   {
     const std::lock_guard guard(lock_);
     if (cancelled_) {
@@ -133,10 +131,10 @@ std::optional<milliseconds> ChannelIngest::RunOnce() {
 
 std::optional<milliseconds> ChannelIngest::Attempt(MediaReader& reader) {
   const auto after = [&](milliseconds delay) {
-    return settings_.reopen ? std::optional(delay) : std::nullopt;
+    return settings_.isLive() ? std::optional(delay) : std::nullopt;
   };
   const auto failed = [&](const std::string& reason, std::optional<milliseconds> delay) {
-    observer_->ChannelFailed(settings_.name, reason, delay);
+    observer_->ChannelFailed(settings_.channel.name, reason, delay);
     return Announce({SourceEvent::Kind::kFailed, false, false, reason}) ? delay : std::nullopt;
   };
   const auto begun = std::chrono::steady_clock::now();
@@ -146,7 +144,7 @@ std::optional<milliseconds> ChannelIngest::Attempt(MediaReader& reader) {
   };
   try {
     InSource([&] { reader.Open(); });
-    observer_->ChannelOpened(settings_.name, reader.info());
+    observer_->ChannelOpened(settings_.channel.name, reader.info());
     if (!Announce({SourceEvent::Kind::kOpened, reader.info().video.has_value(),
                    reader.info().audio.has_value(), reader.info().noVideoReason,
                    reader.info().serviceName, reader.info().audioAbsence,
@@ -154,7 +152,7 @@ std::optional<milliseconds> ChannelIngest::Attempt(MediaReader& reader) {
         !ReadToEnd(reader)) {
       return std::nullopt;
     }
-    observer_->ChannelEnded(settings_.name);
+    observer_->ChannelEnded(settings_.channel.name);
     const bool endsFinally = reader.info().kind == SourceKind::kFile;
     const auto delay = endsFinally ? std::nullopt : after(delay_.AfterFailure());
     return Announce({SourceEvent::Kind::kEnded, false, false, "ended"}) ? delay : std::nullopt;
@@ -169,14 +167,16 @@ std::optional<milliseconds> ChannelIngest::Attempt(MediaReader& reader) {
 }
 
 bool ChannelIngest::Announce(SourceEvent event) {
-  if (settings_.session.now) {
-    latest_ = std::max(latest_, settings_.session.now());
+  if (settings_.now) {
+    latest_ = std::max(latest_, settings_.now());
   }
   return queue_.Push({latest_, latest_, 0, std::move(event)});
 }
 
 bool ChannelIngest::ReadToEnd(MediaReader& reader) {
-  SourceSession session(settings_.session, reader, videoPin_, queue_);
+  SourceSession session(settings_, reader, videoPin_, queue_, [this](const std::string& what) {
+    observer_->AudioPathChanged(settings_.channel.name, what);
+  });
   const Time before = latest_;
   const auto note = [&] { latest_ = std::max(before, session.placer().latest()); };
   try {
@@ -191,7 +191,7 @@ bool ChannelIngest::ReadToEnd(MediaReader& reader) {
 
 bool ChannelIngest::ReadToEnd(MediaReader& reader, SourceSession& session) {
   // What is pushed has to be read in time: it would overflow in the buffers of the network.
-  const bool waits = reader.info().kind != SourceKind::kPush || !settings_.session.now;
+  const bool waits = reader.info().kind != SourceKind::kPush || !settings_.now;
   bool silent = false;
   for (;;) {
     if (waits && !queue_.WaitForRoom()) {
@@ -200,7 +200,7 @@ bool ChannelIngest::ReadToEnd(MediaReader& reader, SourceSession& session) {
     try {
       MediaItem item = InSource([&] { return reader.Read(); });
       if (silent) {
-        observer_->ChannelOpened(settings_.name, reader.info());
+        observer_->ChannelOpened(settings_.channel.name, reader.info());
         silent = false;
       }
       if (std::holds_alternative<EndOfMedia>(item)) {
@@ -214,16 +214,16 @@ bool ChannelIngest::ReadToEnd(MediaReader& reader, SourceSession& session) {
       }
       Report(session);
     } catch (const MediaError& error) {
-      if (!settings_.session.now) {
+      if (!settings_.now) {
         // What was read before the failure is still shown, but not after a limit of a live wall.
         session.Finish();
       }
-      if (!settings_.reopen || !reader.canGoOn()) {
+      if (!settings_.isLive() || !reader.canGoOn()) {
         throw;
       }
       silent = true;
       latest_ = std::max(latest_, session.placer().latest());
-      observer_->ChannelFailed(settings_.name, error.reason(), milliseconds(0));
+      observer_->ChannelFailed(settings_.channel.name, error.reason(), milliseconds(0));
       if (!Announce({SourceEvent::Kind::kFailed, false, false, error.reason()})) {
         return false;
       }
@@ -233,17 +233,17 @@ bool ChannelIngest::ReadToEnd(MediaReader& reader, SourceSession& session) {
 
 // Once a second.
 void ChannelIngest::Report(const SourceSession& session) {
-  if (!settings_.session.now) {
+  if (!settings_.now) {
     return;
   }
-  const Time now = settings_.session.now();
+  const Time now = settings_.now();
   if (now - reportedAt_ < kSecond) {
     return;
   }
   reportedAt_ = now;
   const ItemPlacer& placer = session.placer();
   observer_->ChannelTimed(
-      settings_.name,
+      settings_.channel.name,
       {placer.jitter(), placer.lead(), placer.leftOut().tooEarly, placer.leftOut().tooLate,
        session.lostFrames(), session.lostAudio(), queue_.dropped()});
 }

@@ -10,6 +10,7 @@
 
 #include "host/channel/channel_observer.h"
 #include "host/channel/channel_queue.h"
+#include "host/channel/channel_settings.h"
 #include "host/channel/reopen_delay.h"
 #include "host/channel/source/media_reader.h"
 #include "host/channel/source_session.h"
@@ -28,17 +29,9 @@ namespace host {
 // Run belongs to the reader's thread; Cancel and EndBy to the application's.
 class ChannelIngest {
  public:
-  struct Settings {
-    std::string name;
-    MediaReader::Settings reader;
-    SourceSession::Settings session;
-    Time span = kSecond;  // how far the reader runs ahead of the wall
-    bool reopen = false;  // after a failure, or the end of a source that is no file
-  };
-
   // Pin, queue and observer outlive Run, or the abandonment of it.
-  ChannelIngest(Settings settings, FeedPin& videoPin, ChannelQueue& queue,
-                ChannelObserver* observer);
+  ChannelIngest(std::shared_ptr<const ChannelSettings> settings, FeedPin& videoPin,
+                ChannelQueue& queue, ChannelObserver* observer);
 
   // Until the source has ended finally, or Cancel. Leaves the queue's horizon at forever.
   void Run();
@@ -73,7 +66,8 @@ class ChannelIngest {
   // False once the queue is closed.
   bool Announce(SourceEvent event);
 
-  const Settings settings_;
+  const std::shared_ptr<const ChannelSettings> shared_;
+  const ChannelSettings& settings_;
   FeedPin& videoPin_;
   ChannelQueue& queue_;
   ChannelObserver* const observer_;

@@ -67,17 +67,18 @@ std::string Capitalised(std::string text) {
 
 }  // namespace
 
-ChannelPresenter::ChannelPresenter(Settings settings, Pins pins, ChannelObserver* observer)
-    : settings_(std::move(settings)),
+ChannelPresenter::ChannelPresenter(const ChannelSettings& settings, Pins pins,
+                                   ChannelObserver* observer)
+    : settings_(settings),
       pins_(pins),
       observer_(observer),
-      life_(settings_.hold, 0),
-      alarms_(settings_.alarms, [this](const AlarmMonitor::Change& change) {
-        observer_->AlarmChanged(settings_.name, change);
+      life_(settings_.channel.options.hold, 0),
+      alarms_(settings_.channel.options.alarm, [this](const AlarmMonitor::Change& change) {
+        observer_->AlarmChanged(settings_.channel.name, change);
       }) {}
 
 void ChannelPresenter::Begin(Time now) {
-  life_ = ChannelLife(settings_.hold, now);
+  life_ = ChannelLife(settings_.channel.options.hold, now);
   now_ = now;
   looked_ = now;
   frames_.Clear();
@@ -94,7 +95,7 @@ void ChannelPresenter::End() {
 
 void ChannelPresenter::Report(bool changed) {
   if (changed) {
-    observer_->ChannelChanged(settings_.name, life_.status());
+    observer_->ChannelChanged(settings_.channel.name, life_.status());
   }
 }
 
@@ -110,7 +111,7 @@ void ChannelPresenter::ReportAudio() {
                  : status.state == AudioState::kStopped ? alarms_.lastAudio()
                                                         : now_;
   audio_ = std::move(status);
-  observer_->AudioChanged(settings_.name, audio_);
+  observer_->AudioChanged(settings_.channel.name, audio_);
 }
 
 // What follows from the time alone.
@@ -161,7 +162,7 @@ void ChannelPresenter::Show(const ReadyFrame& picture, Time start, Time duration
   const std::string caption = CaptionText();
   pristine_.clear();
   if (!caption.empty()) {
-    pristine_.assign(pixels, pixels + FrameBytes(settings_.width, settings_.height));
+    pristine_.assign(pixels, pixels + frameBytes());
     text_.DrawCaption(Window(pixels), caption);
   }
   kept_ = picture.sample;
@@ -223,14 +224,14 @@ std::string ChannelPresenter::SlateText() const {
   const ChannelLife::Status& status = life_.status();
   switch (status.state) {
     case ChannelState::kOpening:
-      return settings_.name + "\nopening";
+      return settings_.channel.name + "\nopening";
     case ChannelState::kLive:
-      return settings_.name + "\nSound only: " + noVideoReason_;
+      return settings_.channel.name + "\nSound only: " + noVideoReason_;
     case ChannelState::kHeld:
     case ChannelState::kLost:
       break;
   }
-  return settings_.name + "\n" + Capitalised(status.reason) + "\nsince " +
+  return settings_.channel.name + "\n" + Capitalised(status.reason) + "\nsince " +
          settings_.timeText(status.since);
 }
 
@@ -252,17 +253,20 @@ std::string ChannelPresenter::CaptionText() const {
 // What an empty meter means: at once where there is a meter, otherwise when the alarm is raised.
 std::string ChannelPresenter::AudioCaption() const {
   std::string text;
-  if (settings_.meter || alarms_.raised(AlarmKind::kSilence)) {
+  if (settings_.channel.options.audio.meter || alarms_.raised(AlarmKind::kSilence)) {
     text = CaptionOf(audio_.state);
   }
   const bool hasBegun = audio_.state == AudioState::kSilent || audio_.state == AudioState::kStopped;
   return !text.empty() && hasBegun ? text + " since " + settings_.timeText(audio_.since) : text;
 }
 
+LONG ChannelPresenter::frameBytes() const {
+  return FrameBytes(settings_.channel.window.width, settings_.channel.window.height);
+}
+
 WindowPixels ChannelPresenter::Window(BYTE* pixels) const {
-  return {{pixels, static_cast<std::size_t>(FrameBytes(settings_.width, settings_.height))},
-          settings_.width,
-          settings_.height};
+  const config::Window& window = settings_.channel.window;
+  return {{pixels, static_cast<std::size_t>(frameBytes())}, window.width, window.height};
 }
 
 void ChannelPresenter::NoteLook() {
@@ -294,7 +298,7 @@ void ChannelPresenter::Repeat(Time start) {
   const Look& look = LookAt(start);
   if (look.slate) {
     if (slate_.empty() || look.text != slateText_) {
-      slate_.resize(static_cast<std::size_t>(FrameBytes(settings_.width, settings_.height)));
+      slate_.resize(static_cast<std::size_t>(frameBytes()));
       text_.DrawSlate(Window(slate_.data()), look.text);
       slateText_ = look.text;
     }
@@ -314,7 +318,7 @@ void ChannelPresenter::SendCopy(const std::uint8_t* pixels, const std::string& c
   if (!sample || FAILED(sample->GetPointer(&to))) {
     return;
   }
-  const LONG size = FrameBytes(settings_.width, settings_.height);
+  const LONG size = frameBytes();
   std::memcpy(to, pixels, static_cast<std::size_t>(size));
   sample->SetActualDataLength(size);
   sample->SetSyncPoint(TRUE);
@@ -350,7 +354,7 @@ bool ChannelPresenter::AnchorClock(const BYTE* pixels, Time start) {
   if (frames_.begun() && settings_.logger != nullptr) {
     settings_.logger->IncrementResync();
   }
-  const LONG size = FrameBytes(settings_.width, settings_.height);
+  const LONG size = frameBytes();
   std::optional<Time> anchored;
   for (int tries = 0; tries < kAnchorTries && anchored != present; ++tries) {
     if (!present) {
@@ -395,7 +399,7 @@ void ChannelPresenter::SendLevels(Time start, Time duration, const AudioLevels& 
   record.alarmEnabled = true;
   record.condition1 = alarms_.raised(AlarmKind::kSilence);
   record.condition2 = alarms_.raised(AlarmKind::kClipping);
-  record.metersEnabled = settings_.meter;
+  record.metersEnabled = settings_.channel.options.audio.meter;
   record.levels = levels;
   pins_.audioAlarm.Send(ToWire(record), start, start + duration);
 }

@@ -3,7 +3,6 @@
 
 #include <cstdint>
 #include <deque>
-#include <functional>
 #include <optional>
 #include <string>
 #include <utility>
@@ -13,11 +12,11 @@
 #include "host/channel/channel_life.h"
 #include "host/channel/channel_observer.h"
 #include "host/channel/channel_queue.h"
+#include "host/channel/channel_settings.h"
 #include "host/channel/slate/window_text.h"
 #include "host/channel/window_fill.h"
 #include "host/feed/feed_pin.h"
 #include "host/units.h"
-#include "log/i_log_perf.h"
 
 namespace host {
 
@@ -37,27 +36,14 @@ namespace host {
 // Owned by the channel's source; streaming thread only.
 class ChannelPresenter {
  public:
-  struct Settings {
-    std::string name;
-    int width = 0;  // of the window, pixels
-    int height = 0;
-    bool meter = true;  // levels (and the alarm box) are drawn
-    Time hold = 5 * kSecond;
-    AlarmSettings alarms;
-    std::function<std::string(Time)> timeText;  // of the wall's time, as an operator reads it
-    std::function<bool()> wantsType;            // whether a frame is to carry its media type
-    std::function<void()> frameSent;            // called after each frame
-    // Start of the latest background frame in the composer; none while one is being sent.
-    std::function<std::optional<Time>()> presentFrame;
-    qorp::log::ILogPerf* logger = nullptr;  // counts resynchronisations; may be null
-  };
   struct Pins {
     FeedPin& video;
     FeedPin& audioAlarm;
     FeedPin& videoAlarm;
   };
 
-  ChannelPresenter(Settings settings, Pins pins, ChannelObserver* observer);
+  // settings and observer outlive the presenter.
+  ChannelPresenter(const ChannelSettings& settings, Pins pins, ChannelObserver* observer);
 
   // Before the first item. now: the wall's time.
   void Begin(Time now);
@@ -98,9 +84,10 @@ class ChannelPresenter {
   bool AnchorClock(const BYTE* pixels, Time start);
   void Deliver(IMediaSample* sample);
   void SendLevels(Time start, Time duration, const AudioLevels& levels);
+  LONG frameBytes() const;  // of the window
   WindowPixels Window(BYTE* pixels) const;
 
-  const Settings settings_;
+  const ChannelSettings& settings_;
   const Pins pins_;
   ChannelObserver* const observer_;
 

@@ -29,29 +29,31 @@ constexpr Time kLabelRetry = kSecond / 10;
 // FFmpeg asks at least ten times a second whether its call is cancelled.
 constexpr std::chrono::seconds kReaderLimit{2};
 
-LONG BuffersFor(Ratio canvasRate, const ChannelIngest::Settings& ingest) {
-  const Time ahead = ingest.span + (ingest.session.now ? kMaxAhead : ingest.session.mergeWindow);
+// How far the reader runs ahead of the wall.
+constexpr Time kReadAhead = kSecond;
+
+LONG BuffersFor(const ChannelSettings& settings) {
+  const Time ahead = kReadAhead + (settings.isLive() ? kMaxAhead : ItemPlacer::kMergeWindow);
   return kBuffersAtComposer + kSpareBuffers +
-         static_cast<LONG>(canvasRate.value() * static_cast<double>(ahead) / kSecond);
+         static_cast<LONG>(settings.canvas.frameRate.value() * static_cast<double>(ahead) /
+                           kSecond);
 }
 
 }  // namespace
 
-ComPtr<ChannelSource> ChannelSource::Create(Settings settings, ChannelObserver* observer) {
+ComPtr<ChannelSource> ChannelSource::Create(ChannelSettings settings, ChannelObserver* observer) {
   return ComPtr<ChannelSource>(
       std::make_unique<ChannelSource>(std::move(settings), observer).release());
 }
 
-ChannelSource::ChannelSource(Settings settings, ChannelObserver* observer)
+ChannelSource::ChannelSource(ChannelSettings settings, ChannelObserver* observer)
     : CBaseFilter("channel source", nullptr, &lock_, kChannelSourceClass),
-      settings_(std::move(settings)),
-      video_(
-          this, &lock_, u"Video",
-          VideoType(settings_.ingest.session.picture.width, settings_.ingest.session.picture.height,
-                    settings_.canvasRate, settings_.canvasAspect),
-          {BuffersFor(settings_.canvasRate, settings_.ingest),
-           FrameBytes(settings_.ingest.session.picture.width,
-                      settings_.ingest.session.picture.height)}),
+      settings_(std::make_shared<const ChannelSettings>(std::move(settings))),
+      video_(this, &lock_, u"Video",
+             VideoType(settings_->channel.window.width, settings_->channel.window.height,
+                       settings_->canvas.frameRate, settings_->canvas.aspect),
+             {BuffersFor(*settings_),
+              FrameBytes(settings_->channel.window.width, settings_->channel.window.height)}),
       audio_(this, &lock_, u"Audio", AudioType({}), {kAudioBuffers, kMaxAudioPacket}),
       text_(this, &lock_, u"Text", LabelType(), {4, kMaxLabel}),
       audioAlarm_(this, &lock_, u"Audio Alarm", AudioAlarmType(),
@@ -59,9 +61,9 @@ ChannelSource::ChannelSource(Settings settings, ChannelObserver* observer)
       videoAlarm_(this, &lock_, u"Video Alarm", VideoAlarmType(),
                   {4, static_cast<LONG>(kVideoAlarmSize)}),
       observer_(observer),
-      queue_(settings_.ingest.span),
-      presenter_(settings_.presenter, {video_, audioAlarm_, videoAlarm_}, observer),
-      label_(settings_.label) {}
+      queue_(kReadAhead),
+      presenter_(*settings_, {video_, audioAlarm_, videoAlarm_}, observer),
+      label_(settings_->label) {}
 
 void ChannelSource::ReportFullBuffersTo(qorp::log::ILogPerf* logger) {
   const std::string prefix = name() + " ";
@@ -99,10 +101,10 @@ HRESULT ChannelSource::Pause() {
     labelChanged_ = true;
   }
   presenter_.Begin(Now().value_or(0));
-  if (settings_.driven) {
+  if (settings_->driven) {
     return hr;
   }
-  ingest_ = std::make_shared<ChannelIngest>(settings_.ingest, video_, queue_, observer_);
+  ingest_ = std::make_shared<ChannelIngest>(settings_, video_, queue_, observer_);
   reader_ = std::make_unique<os::Thread>([ingest = ingest_] { ingest->Run(); }, "reader");
   streaming_ = std::make_unique<os::Thread>([this] { Stream(); }, "streaming");
   return hr;
@@ -151,8 +153,7 @@ void ChannelSource::SetLabel(const std::string& text) {
 }
 
 std::optional<Time> ChannelSource::Now() const {
-  const std::function<Time()>& now = settings_.ingest.session.now;
-  return now ? std::optional(now()) : std::nullopt;
+  return settings_->isLive() ? std::optional(settings_->now()) : std::nullopt;
 }
 
 void ChannelSource::Stream() {
@@ -187,7 +188,8 @@ void ChannelSource::DeliverTick(Time tick) {
 
 void ChannelSource::Deliver(ChannelItem& item) {
   const auto* const opened = std::get_if<SourceEvent>(&item.content);
-  if (settings_.labelByService && opened != nullptr && !opened->serviceName.empty()) {
+  const bool labelByService = settings_->channel.label.source == config::Label::Source::kService;
+  if (labelByService && opened != nullptr && !opened->serviceName.empty()) {
     SetLabel(opened->serviceName);
   }
   DeliverLabel(item.due);

@@ -9,6 +9,7 @@
 #include "host/channel/channel_ingest.h"
 #include "host/channel/channel_presenter.h"
 #include "host/channel/channel_queue.h"
+#include "host/channel/channel_settings.h"
 #include "host/feed/feed_pin.h"
 #include "platform/baseclasses/base_filter.h"
 #include "platform/os/thread.h"
@@ -26,19 +27,8 @@ namespace host {
 // then can be written to its end first. EndReader, the next Pause or the destructor wait.
 class ChannelSource final : public CBaseFilter {
  public:
-  struct Settings {
-    ChannelIngest::Settings ingest;
-    std::string label;            // UTF-8; may be empty
-    bool labelByService = false;  // the source's service name takes its place once it is known
-    Ratio canvasRate{25, 1};
-    Ratio canvasAspect{16, 9};
-    ChannelPresenter::Settings presenter;
-    // No threads: its owner fills the queue and calls DeliverUpTo (simulations).
-    bool driven = false;
-  };
-
-  static ComPtr<ChannelSource> Create(Settings settings, ChannelObserver* observer);
-  ChannelSource(Settings settings, ChannelObserver* observer);
+  static ComPtr<ChannelSource> Create(ChannelSettings settings, ChannelObserver* observer);
+  ChannelSource(ChannelSettings settings, ChannelObserver* observer);
   ~ChannelSource() override;
 
   int GetPinCount() override { return 5; }
@@ -62,7 +52,7 @@ class ChannelSource final : public CBaseFilter {
 
   // The wall's time, for this channel.
   ChannelQueue& queue() { return queue_; }
-  const std::string& name() const { return settings_.ingest.name; }
+  const std::string& name() const { return settings_->channel.name; }
 
   // Of a driven channel: hands on everything that is due by the wall's time, which is `now`.
   void DeliverUpTo(Time now);
@@ -80,7 +70,7 @@ class ChannelSource final : public CBaseFilter {
   void DeliverLabel(Time time);
   void EndStreaming();
 
-  const Settings settings_;
+  const std::shared_ptr<const ChannelSettings> settings_;
   CCritSec lock_;
   FeedPin video_;
   FeedPin audio_;

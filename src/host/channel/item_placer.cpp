@@ -11,7 +11,7 @@ ItemPlacer::ItemPlacer(Settings settings, ChannelQueue& queue)
       // Frames are thinned by the frames of the canvas before they are placed.
       timeline_(LiveTimeline::For(settings_.kind, settings_.frameRate)),
       // One kind of items is in order by itself.
-      merger_(settings_.hasVideo && settings_.hasAudio ? settings_.mergeWindow : 0) {}
+      merger_(settings_.hasVideo && settings_.hasAudio ? kMergeWindow : 0) {}
 
 bool ItemPlacer::WaitsForFrame() const {
   return settings_.now && settings_.hasVideo && settings_.kind != SourceKind::kFile &&

@@ -22,13 +22,15 @@ namespace host {
 // Owned and called by one reader on its thread.
 class ItemPlacer {
  public:
+  static constexpr Time kMergeWindow =
+      3 * kSecond / 2;  // rendered: how far audio and video may lie apart
+
   struct Settings {
     SourceKind kind = SourceKind::kFile;
     bool hasVideo = false;
     bool hasAudio = false;
-    Time mergeWindow = 3 * kSecond / 2;  // rendered: how far audio and video may lie apart
-    Ratio frameRate{25, 1};              // of the canvas
-    std::function<Time()> now;           // the wall's time; null: a rendered wall
+    Ratio frameRate{25, 1};     // of the canvas
+    std::function<Time()> now;  // the wall's time; null: a rendered wall
   };
   // Audio packets that have no place in the outputs.
   struct LeftOut {

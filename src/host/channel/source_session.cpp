@@ -16,22 +16,46 @@ constexpr Time kUndecodable = kSecond;
 // Frames that cannot be converted; then the source is opened again, and the window says why.
 constexpr int kMaxLostInARow = 50;
 
-ItemPlacer::Settings PlacerSettings(const SourceSession::Settings& settings,
-                                    const MediaInfo& info) {
+// The composer's window pins drop a queue of 78 frames, and keep a second's worth.
+constexpr double kMaxFrameRate = 70;
+
+Ratio WindowFrameRate(Ratio canvasRate) {
+  Ratio rate = canvasRate;
+  for (int each = 2; rate.value() > kMaxFrameRate; ++each) {
+    rate = {canvasRate.num, canvasRate.den * each};
+  }
+  return rate;
+}
+
+FrameConverter::Settings ConverterSettings(const ChannelSettings& settings) {
+  const config::Canvas& canvas = settings.canvas;
+  return {settings.channel.window.width, settings.channel.window.height,
+          WindowFrameRate(canvas.frameRate),
+          PixelAspect(canvas.width, canvas.height, canvas.aspect),
+          settings.channel.options.deinterlace};
+}
+
+LevelMeter::Settings MeterSettings(const ChannelSettings& settings) {
+  LevelMeter::Settings meter;
+  meter.frameRate = settings.canvas.frameRate;
+  return meter;
+}
+
+ItemPlacer::Settings PlacerSettings(const ChannelSettings& settings, const MediaInfo& info) {
   ItemPlacer::Settings placer;
   placer.kind = info.kind;
   placer.hasVideo = info.video.has_value();
   placer.hasAudio = info.audio.has_value();
-  placer.mergeWindow = settings.mergeWindow;
-  placer.frameRate = settings.picture.canvasRate;
+  placer.frameRate = WindowFrameRate(settings.canvas.frameRate);
   placer.now = settings.now;
   return placer;
 }
 
 }  // namespace
 
-SourceSession::SourceSession(const Settings& settings, const MediaReader& reader, FeedPin& videoPin,
-                             ChannelQueue& queue)
+SourceSession::SourceSession(const ChannelSettings& settings, const MediaReader& reader,
+                             FeedPin& videoPin, ChannelQueue& queue,
+                             std::function<void(const std::string&)> audioChanged)
     : settings_(settings),
       reader_(reader),
       videoPin_(videoPin),
@@ -41,11 +65,12 @@ SourceSession::SourceSession(const Settings& settings, const MediaReader& reader
         const Time duration = packet.duration;
         return placer_.Add(start, duration, std::move(packet));
       }),
-      converter_(settings.picture),
-      frameMeter_(settings.frameMeter),
-      meter_(settings.meter) {
+      converter_(ConverterSettings(settings)),
+      frameMeter_(settings.channel.options.alarm),
+      meter_(MeterSettings(settings)) {
   if (settings_.audioTrack) {
-    audio_.emplace(settings_.audioTrack, settings_.audioLanguage, settings_.audioChanged);
+    audio_.emplace(settings_.audioTrack, settings_.channel.options.audio.language,
+                   std::move(audioChanged));
     audio_->Announce(reader.audioParameters(),
                      reader.info().audio ? &*reader.info().audio : nullptr);
   }
@@ -157,8 +182,8 @@ bool SourceSession::DrainConverter() {
     lostInARow_ = 0;
     sample->SetActualDataLength(static_cast<LONG>(converter_.bufferSize()));
     sample->SetSyncPoint(TRUE);
-    const FrameCondition condition =
-        frameMeter_.Measure(buffer, settings_.picture.width, settings_.picture.height);
+    const config::Window& window = settings_.channel.window;
+    const FrameCondition condition = frameMeter_.Measure(buffer, window.width, window.height);
     if (!placer_.Add(times.start, times.duration, times.discontinuity,
                      ReadyFrame{sample, condition})) {
       return false;

@@ -3,19 +3,18 @@
 
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <optional>
 #include <string>
 
 #include "host/channel/audio/audio_passthrough.h"
 #include "host/channel/audio/level_meter.h"
 #include "host/channel/audio/sample_planes.h"
+#include "host/channel/channel_settings.h"
 #include "host/channel/item_placer.h"
 #include "host/channel/source/media_reader.h"
 #include "host/channel/video/frame_converter.h"
 #include "host/channel/video/frame_meter.h"
 #include "host/feed/feed_pin.h"
-#include "log/i_log_perf.h"
 
 namespace host {
 
@@ -25,25 +24,10 @@ namespace host {
 // Owned and called by the channel's reader thread.
 class SourceSession {
  public:
-  struct Settings {
-    FrameConverter::Settings picture;
-    LevelMeter::Settings meter;
-    FrameMeter::Settings frameMeter;
-    Time mergeWindow = 3 * kSecond / 2;  // see ItemPlacer
-    std::string audioLanguage;           // of the track, where the source does not say
-    // The wall's time, which live sources are fitted to; null: sources start at 0.
-    std::function<Time()> now;
-    // Counts frames and discontinuities; not owned, may be null.
-    qorp::log::ILogPerf* logger = nullptr;
-    // The channel's track in the outputs; null: compressed audio does not leave the channel.
-    std::shared_ptr<AudioTrack> audioTrack;
-    // What becomes of the audio on its way to the outputs, as a sentence; may be null.
-    std::function<void(const std::string&)> audioChanged;
-  };
-
-  // reader is open, and outlives the session, as do the pin and the queue.
-  SourceSession(const Settings& settings, const MediaReader& reader, FeedPin& videoPin,
-                ChannelQueue& queue);
+  // reader is open, and outlives the session, as do the settings, the pin and the queue.
+  // audioChanged: what becomes of the audio on its way to the outputs, as a sentence; may be null.
+  SourceSession(const ChannelSettings& settings, const MediaReader& reader, FeedPin& videoPin,
+                ChannelQueue& queue, std::function<void(const std::string&)> audioChanged);
 
   // The next item of the reader, but for its end. False once the queue is closed. A frame that
   // cannot be converted is left out; throws ffmpeg::Error when that is so of many in a row.
@@ -69,7 +53,7 @@ class SourceSession {
   bool NoteDecoded(Time start);
   bool NoteAudio(Time start, AudioAbsence absence, const std::string& reason);
 
-  const Settings& settings_;
+  const ChannelSettings& settings_;
   const MediaReader& reader_;
   FeedPin& videoPin_;
   ItemPlacer placer_;

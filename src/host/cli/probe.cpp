@@ -196,7 +196,7 @@ ExitCode Probe(const ProbeOptions& options, Streams& streams) {
   const Ratio rate = config::ParseFrameRate(options.frameRate).value_or(Ratio{25, 1});
   MediaReader::Settings settings;
   settings.source = options.source;
-  settings.openLimit = std::chrono::milliseconds(std::lround(options.limit * 1000));
+  settings.options.openLimit = std::lround(options.limit * 1000) * kMillisecond;
   MediaReader reader(settings);
   try {
     reader.Open();

@@ -14,7 +14,7 @@ namespace {
 constexpr Time kMax = 24 * (3600 * kSecond);
 
 struct AlarmKey {
-  const char* name;
+  AlarmKind kind;
   Alarm AlarmOptions::*alarm;
   bool hasLevel;
   double least;
@@ -22,16 +22,17 @@ struct AlarmKey {
 };
 
 constexpr std::array<AlarmKey, 5> kAlarms = {{
-    {"loss", &AlarmOptions::loss, false, 0, 0},
-    {"black", &AlarmOptions::black, true, 0, 100},
-    {"freeze", &AlarmOptions::freeze, true, -120, 0},
-    {"silence", &AlarmOptions::silence, true, -120, 0},
-    {"clipping", &AlarmOptions::clipping, true, -40, 0},
+    {AlarmKind::kLoss, &AlarmOptions::loss, false, 0, 0},
+    {AlarmKind::kBlack, &AlarmOptions::black, true, 0, 100},
+    {AlarmKind::kFreeze, &AlarmOptions::freeze, true, -120, 0},
+    {AlarmKind::kSilence, &AlarmOptions::silence, true, -120, 0},
+    {AlarmKind::kClipping, &AlarmOptions::clipping, true, -40, 0},
 }};
 
 // true, false, or a table with the details.
 void ReadAlarm(TableReader& reader, const AlarmKey& key, Alarm& alarm) {
-  const toml::node* const node = reader.Find(key.name);
+  const std::string name = NameOf(key.kind);
+  const toml::node* const node = reader.Find(name);
   if (node == nullptr) {
     return;
   }
@@ -41,10 +42,10 @@ void ReadAlarm(TableReader& reader, const AlarmKey& key, Alarm& alarm) {
   }
   const toml::table* const table = node->as_table();
   if (table == nullptr) {
-    reader.Error(key.name, "must be true, false or a table such as { after = 5, clear_after = 1 }");
+    reader.Error(name, "must be true, false or a table such as { after = 5, clear_after = 1 }");
     return;
   }
-  TableReader inner(*table, "\"" + std::string(key.name) + "\"", reader.diagnostics());
+  TableReader inner(*table, "\"" + name + "\"", reader.diagnostics());
   alarm.enabled = inner.Boolean("enabled").value_or(true);
   if (key.hasLevel) {
     alarm.level = inner.Number("level", key.least, key.most).value_or(alarm.level);
@@ -201,6 +202,12 @@ void ReadSource(TableReader& reader, const FileContext& context, Channel& channe
 }
 
 }  // namespace
+
+const char* NameOf(AlarmKind kind) {
+  constexpr std::array<const char*, kAlarmKinds> kNames{"loss", "black", "freeze", "silence",
+                                                        "clipping"};
+  return kNames[static_cast<std::size_t>(kind)];
+}
 
 void ReadChannelOptions(TableReader& reader, ChannelOptions& options) {
   if (const auto colour = reader.Text("colour")) {

@@ -69,7 +69,12 @@ struct Label {
   std::filesystem::path file;  // kFile
 };
 
-enum class DeinterlaceMode { kOff, kAuto, kFrames, kFields };
+enum class DeinterlaceMode {
+  kOff,
+  kAuto,    // frames that are marked as interlaced; each field when the canvas is fast enough
+  kFrames,  // every frame, one for each frame
+  kFields,  // every frame, one for each field
+};
 
 struct AudioOptions {
   bool enabled = true;  // a track of the outputs, and levels
@@ -79,6 +84,16 @@ struct AudioOptions {
   std::string language;  // ISO 639; chooses the track, and names it where the source does not
 };
 
+enum class AlarmKind { kLoss, kBlack, kFreeze, kSilence, kClipping };
+inline constexpr std::size_t kAlarmKinds = 5;
+inline constexpr std::array<AlarmKind, kAlarmKinds> kAllAlarms{
+    AlarmKind::kLoss, AlarmKind::kBlack, AlarmKind::kFreeze, AlarmKind::kSilence,
+    AlarmKind::kClipping};
+
+// As in the wall file: "loss", "black", "freeze", "silence", "clipping".
+const char* NameOf(AlarmKind kind);
+
+// When a condition raises its alarm and when the alarm is cleared.
 struct Alarm {
   bool enabled = true;
   double level = 0;  // see AlarmOptions
@@ -93,6 +108,11 @@ struct AlarmOptions {
   Alarm silence{true, -60, 10 * kSecond, kSecond};  // loudest peak in dBFS that counts as silence
   // Peak in dBFS from which it counts as clipping; two a second within the time to set.
   Alarm clipping{true, -0.1, 2 * kSecond, 2 * kSecond};
+
+  const Alarm& operator[](AlarmKind kind) const {
+    const std::array<const Alarm*, kAlarmKinds> all{&loss, &black, &freeze, &silence, &clipping};
+    return *all[static_cast<std::size_t>(kind)];
+  }
 };
 
 // What may also be set for all channels at once.
@@ -101,10 +121,10 @@ struct ChannelOptions {
   bool enabled = true;
   DeinterlaceMode deinterlace = DeinterlaceMode::kAuto;
   bool repeat = true;       // files begin again when the wall runs live
-  Time hold = 5 * kSecond;  // the last picture stays for that long when the source stops
+  Time hold = 5 * kSecond;  // the last frame stays for that long when the source stops
   Time openLimit = 10 * kSecond;
-  Time readLimit = 5 * kSecond;
-  int decoderThreads = 1;
+  Time readLimit = 5 * kSecond;  // for each packet; live, for each frame
+  int decoderThreads = 1;        // 1: decodes on the reading thread
   AudioOptions audio;
   AlarmOptions alarm;
   std::map<std::string, std::string> options;  // of FFmpeg's protocol and container

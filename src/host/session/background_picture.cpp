@@ -118,7 +118,7 @@ std::vector<std::uint8_t> FileBackground(int width, int height, Ratio pixelAspec
                                          const std::filesystem::path& file) {
   MediaReader::Settings settings;
   settings.source = file.string();
-  settings.wantAudio = false;
+  settings.options.audio.enabled = false;
   MediaReader reader(settings);
   reader.Open();
   MediaItem item = reader.Read();
@@ -143,7 +143,6 @@ std::vector<std::uint8_t> FileBackground(int width, int height, Ratio pixelAspec
     cover.width = std::max(width, EvenAtLeast(height * aspect));
     cover.height = std::max(height, EvenAtLeast(width / aspect));
     cover.canvasPixelAspect = pixelAspect;
-    cover.deinterlace = Deinterlace::kOff;
     FrameConverter converter(cover);
     converter.Push(std::move(picture));
     converter.Finish();

@@ -38,43 +38,6 @@ ComposerFilter::Canvas CanvasOf(const config::Wall& wall) {
           wall.canvas.preroll};
 }
 
-Deinterlace DeinterlaceOf(config::DeinterlaceMode mode) {
-  switch (mode) {
-    case config::DeinterlaceMode::kOff:
-      return Deinterlace::kOff;
-    case config::DeinterlaceMode::kAuto:
-      return Deinterlace::kAuto;
-    case config::DeinterlaceMode::kFrames:
-      return Deinterlace::kFrames;
-    case config::DeinterlaceMode::kFields:
-      return Deinterlace::kFields;
-  }
-  return Deinterlace::kAuto;
-}
-
-AlarmSettings AlarmsOf(const config::AlarmOptions& options) {
-  const auto times = [](const config::Alarm& alarm) {
-    return AlarmSettings::Times{alarm.enabled, alarm.setAfter, alarm.clearAfter};
-  };
-  AlarmSettings settings;
-  settings.times = {times(options.loss), times(options.black), times(options.freeze),
-                    times(options.silence), times(options.clipping)};  // as AlarmKind has them
-  settings.silenceLevel = options.silence.level;
-  settings.clippingLevel = options.clipping.level;
-  return settings;
-}
-
-// The composer's window pins give up a queue of 78 frames, and keep a second's worth.
-constexpr double kMaxFrameRate = 70;
-
-Ratio WindowFrameRate(Ratio canvasRate) {
-  Ratio rate = canvasRate;
-  for (int each = 2; rate.value() > kMaxFrameRate; ++each) {
-    rate = {canvasRate.num, canvasRate.den * each};
-  }
-  return rate;
-}
-
 // The first frame that is handed out: the one that is nearest to the moment at which the composer
 // shows a source's time 0. That is it at whole rates; at others it may lie half a frame off.
 std::int64_t FirstFrame(Ratio rate) {
@@ -84,10 +47,6 @@ std::int64_t FirstFrame(Ratio rate) {
     ++first;
   }
   return first;
-}
-
-std::chrono::milliseconds Milliseconds(Time time) {
-  return std::chrono::milliseconds(time / kMillisecond);
 }
 
 }  // namespace
@@ -182,52 +141,23 @@ void WallSession::Connect(FeedPin& from, IPin* to, const std::string& what) {
   Check(graph_->ConnectDirect(&from, to, nullptr), "connect " + what + " to the composer");
 }
 
-ChannelSource::Settings WallSession::ChannelSettings(const config::Channel& channel,
-                                                     WallWindow* window) {
-  const config::Canvas& canvas = settings_.wall.canvas;
-  const config::ChannelOptions& options = channel.options;
-  ChannelSource::Settings source;
-  source.ingest.name = channel.name;
-  source.ingest.reader.source = channel.source;
-  source.ingest.reader.openLimit = Milliseconds(options.openLimit);
-  source.ingest.reader.readLimit = Milliseconds(options.readLimit);
-  source.ingest.reader.quick = settings_.live;
-  source.ingest.reader.decoderThreads = options.decoderThreads;
-  source.ingest.reader.repeat = settings_.live && options.repeat;
-  source.ingest.reader.wantAudio = options.audio.enabled;
-  source.ingest.reader.audioTrack = options.audio.track;
-  source.ingest.reader.audioLanguage = options.audio.language;
-  source.ingest.reader.options = options.options;
-  source.ingest.session.picture.width = channel.window.width;
-  source.ingest.session.picture.height = channel.window.height;
-  source.ingest.session.picture.canvasRate = WindowFrameRate(canvas.frameRate);
-  source.ingest.session.picture.canvasPixelAspect =
-      PixelAspect(canvas.width, canvas.height, canvas.aspect);
-  source.ingest.session.picture.deinterlace = DeinterlaceOf(options.deinterlace);
-  source.ingest.session.meter.frameRate = canvas.frameRate;
-  source.ingest.session.logger = settings_.logger;
-  source.ingest.session.frameMeter = {options.alarm.black.level, options.alarm.freeze.level};
-  source.ingest.reopen = settings_.live;
+ChannelSettings WallSession::SettingsOf(std::size_t index, WallWindow* window) {
+  ChannelSettings settings;
+  settings.channel = settings_.wall.channels[index];
+  settings.canvas = settings_.wall.canvas;
+  settings.label = LabelOf(settings.channel.label);
   if (settings_.live) {
-    source.ingest.session.now = [this] { return clock_.Now(); };
+    settings.now = [this] { return clock_.Now(); };
   }
-  source.label = LabelOf(channel.label);
-  source.labelByService = channel.label.source == config::Label::Source::kService;
-  source.canvasRate = canvas.frameRate;
-  source.canvasAspect = canvas.aspect;
-  ChannelPresenter::Settings& presenter = source.presenter;
-  presenter.name = channel.name;
-  presenter.width = channel.window.width;
-  presenter.height = channel.window.height;
-  presenter.meter = options.audio.meter;
-  presenter.hold = options.hold;
-  presenter.alarms = AlarmsOf(options.alarm);
-  presenter.timeText = [this](Time time) { return TimeText(time); };
-  presenter.wantsType = [window] { return window->WantsType(); };
-  presenter.frameSent = [window] { window->SetFrameSent(); };
-  presenter.logger = settings_.logger;
-  presenter.presentFrame = [this] { return background_->presentFrame(); };
-  return source;
+  settings.timeText = [this](Time time) { return TimeText(time); };
+  settings.wantsType = [window] { return window->WantsType(); };
+  settings.frameSent = [window] { window->SetFrameSent(); };
+  settings.presentFrame = [this] { return background_->presentFrame(); };
+  if (audioSink_) {
+    settings.audioTrack = audioTracks_.at(index);
+  }
+  settings.logger = settings_.logger;
+  return settings;
 }
 
 // The text that a channel begins with. A rendered wall keeps it: its files are read once.
@@ -253,12 +183,8 @@ void WallSession::AddChannel(std::size_t index) {
       WallWindow::Create({channel.options.enabled, channel.window.x, channel.window.y,
                           channel.options.colour, channel.selected},
                          settings_.wall.canvas.frameRate);
-  ChannelSource::Settings settings = ChannelSettings(channel, window.Get());
-  if (audioSink_) {
-    settings.ingest.session.audioTrack = audioTracks_.at(index);
-  }
   const ComPtr<ChannelSource> source =
-      ChannelSource::Create(std::move(settings), settings_.observer);
+      ChannelSource::Create(SettingsOf(index, window.Get()), settings_.observer);
   if (settings_.live) {
     source->ReportFullBuffersTo(settings_.logger);
     source->queue().FollowClock([this] { return clock_.Now(); });

@@ -96,7 +96,7 @@ class WallSession {
   void ConnectAudio(std::size_t index, const ComposerFilter::Input& input, const std::string& what);
   std::vector<std::uint8_t> Background() const;
   std::string LabelOf(const config::Label& label) const;
-  ChannelSource::Settings ChannelSettings(const config::Channel& channel, WallWindow* window);
+  ChannelSettings SettingsOf(std::size_t index, WallWindow* window);
   std::string TimeText(Time time);
   void Take(const ComPtr<IMediaSample>& frame, Time start);
   // False when the rendering is to end.

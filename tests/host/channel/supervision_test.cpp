@@ -94,14 +94,12 @@ TEST_F(ChannelLifeTest, HasPatienceWithSlowSources) {
 
 class AlarmMonitorTest : public testing::Test {
  protected:
-  static AlarmSettings Settings() {
-    AlarmSettings settings;
-    settings.times = {{{true, kSecond, kSecond},
-                       {true, 5 * kSecond, kSecond},
-                       {true, 3 * kSecond, 2 * kSecond},
-                       {true, 2 * kSecond, kSecond},
-                       {true, 2 * kSecond, 2 * kSecond}}};
-    return settings;
+  static config::AlarmOptions Options() {
+    config::AlarmOptions options;
+    options.freeze.setAfter = 3 * kSecond;
+    options.freeze.clearAfter = 2 * kSecond;
+    options.silence.setAfter = 2 * kSecond;
+    return options;
   }
   void Run(Time length, bool black, bool still, std::optional<float> loudest) {
     for (const Time end = now_ + length; now_ < end; now_ += kFrame) {
@@ -120,7 +118,7 @@ class AlarmMonitorTest : public testing::Test {
 
   Time now_ = 0;
   std::vector<std::string> changes_;
-  AlarmMonitor monitor_{Settings(), [this](const AlarmMonitor::Change& change) {
+  AlarmMonitor monitor_{Options(), [this](const AlarmMonitor::Change& change) {
                           changes_.push_back(std::string(NameOf(change.kind)) +
                                              (change.raised ? "+" : "-") +
                                              std::to_string(change.since / kMillisecond));
@@ -196,7 +194,7 @@ class FrameMeterTest : public testing::Test {
 
   FrameCondition Measure() { return meter_.Measure(picture_.data(), 64, 48); }
 
-  FrameMeter meter_{{10, -60}};
+  FrameMeter meter_{config::AlarmOptions()};
   std::vector<std::uint8_t> picture_ = std::vector<std::uint8_t>(kLuma * 3 / 2, 128);
 };
 

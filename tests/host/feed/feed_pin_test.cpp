@@ -71,9 +71,8 @@ struct NoObserver final : ChannelObserver {
 
 TEST(ChannelSource, SendsItsLabelUntilItIsTaken) {
   NoObserver observer;
-  ChannelSource::Settings settings;
-  settings.ingest.session.picture.width = settings.ingest.session.picture.height = 16;
-  settings.presenter.width = settings.presenter.height = 16;
+  ChannelSettings settings;
+  settings.channel.window = {0, 0, 16, 16};
   settings.label = "News";
   settings.driven = true;
   const ComPtr<ChannelSource> channel = ChannelSource::Create(settings, &observer);

@@ -91,7 +91,7 @@ TEST_P(ContainerTest, BeginsInTimeWithoutAChannelWhoseTrackIsSilentUntilItComes)
     reading.source = (folder_ / (isHls ? "wall_sound" + std::to_string(track) + ".m3u8"
                                        : std::string("wall.") + GetParam()))
                          .string();
-    reading.audioTrack = isHls ? 1 : static_cast<std::size_t>(track);
+    reading.options.audio.track = isHls ? 1 : static_cast<std::size_t>(track);
     reading.wantVideo = false;
     MediaReader reader(reading);
     reader.Open();

@@ -56,7 +56,7 @@ void MediaReader::WatchIndex() {
       IsFromMp4(*input_->streams[track.streamIndex])) {
     ReplacementInput::Settings settings;
     settings.name = address_.name();
-    settings.options = address_.OpenOptions(settings_.options);
+    settings.options = address_.OpenOptions(settings_.options.options);
     if (input_->iformat->name == std::string_view("hls")) {
       settings.options[kFirstSegment] = kOldest;
     }
@@ -73,11 +73,11 @@ void MediaReader::WatchIndex() {
 
 void MediaReader::ReadOnWithNextDemuxer() {
   // Until the next fragment has come.
-  deadline_.Arm(settings_.readLimit);
+  deadline_.Arm(Milliseconds(settings_.options.readLimit));
   fragments_->Restart();
   ffmpeg::Options options;
-  SetOptions(options, pipe_ ? SourceAddress::PipeOptions(settings_.options)
-                            : address_.OpenOptions(settings_.options));
+  SetOptions(options, pipe_ ? SourceAddress::PipeOptions(settings_.options.options)
+                            : address_.OpenOptions(settings_.options.options));
   try {
     Exchange(ffmpeg::OpenInput(address_.name(), fragments_->io(), options, deadline_));
   } catch (const ffmpeg::Error& error) {

@@ -41,7 +41,7 @@ void MediaReader::FollowOther(const AVPacket& packet) {
   }
   if (std::optional<Track>& track = isVideo ? video_ : audio_) {
     FollowReplacement(*track, packet);
-  } else if ((isVideo ? settings_.wantVideo : settings_.wantAudio) &&
+  } else if ((isVideo ? settings_.wantVideo : settings_.options.audio.enabled) &&
              info_.kind != SourceKind::kFile) {
     AwaitBeginning(stream, packet);
   }
@@ -112,7 +112,7 @@ void MediaReader::Replace(Track& track, int streamIndex) {
     track.decoder->Drain([this](ffmpeg::Frame frame) { GivePicture(std::move(frame)); });
   }
   try {
-    track.decoder.emplace(stream, settings_.decoderThreads);
+    track.decoder.emplace(stream, settings_.options.decoderThreads);
   } catch (const ffmpeg::Error& error) {
     throw MediaError(MediaError::Kind::kFailed, error.what(), maskedSource_);
   }

@@ -47,7 +47,7 @@ MediaReader::MediaReader(Settings settings)
     : settings_(std::move(settings)),
       maskedSource_(ffmpeg::MaskUrl(settings_.source)),
       address_(settings_.source) {
-  ffmpeg::RememberSecrets(settings_.source, settings_.options);
+  ffmpeg::RememberSecrets(settings_.source, settings_.options.options);
 }
 
 MediaReader::~MediaReader() = default;
@@ -66,10 +66,11 @@ void MediaReader::Fail(int code, bool opening) const {
   }
   // The packet that the ended call still gave may have come before its failure.
   if (deadline_.expired() || code == AVERROR_EXIT) {
-    throw MediaError(Kind::kTimedOut,
-                     opening ? "did not open within " + Seconds(settings_.openLimit)
-                             : "no data for " + Seconds(settings_.readLimit),
-                     maskedSource_);
+    throw MediaError(
+        Kind::kTimedOut,
+        opening ? "did not open within " + Seconds(Milliseconds(settings_.options.openLimit))
+                : "no data for " + Seconds(Milliseconds(settings_.options.readLimit)),
+        maskedSource_);
   }
   const std::string text = ffmpeg::ErrorText(code);
   if (opening && code == AVERROR(ENOENT)) {
@@ -114,8 +115,8 @@ void MediaReader::FailForItsIndex() const {
 }
 
 void MediaReader::Open() {
-  deadline_.Arm(settings_.openLimit);
-  if (settings_.repeat) {
+  deadline_.Arm(Milliseconds(settings_.options.openLimit));
+  if (mayRepeat()) {
     file_ = ReadFileState();
   }
   try {
@@ -126,7 +127,7 @@ void MediaReader::Open() {
       // Without ranges a whole file is read before its index comes.
       deadline_.Arm(kSecondLook);
       ffmpeg::Options options;
-      SetOptions(options, settings_.options);
+      SetOptions(options, settings_.options.options);
       if (ServesDataFirst(address_.name(), options, deadline_)) {
         FailForItsIndex();
       }
@@ -149,18 +150,18 @@ void MediaReader::OpenInput() {
   if (ffmpeg::PipeInput::Serves(settings_.source)) {
     pipe_.emplace(settings_.source, deadline_);
     fragments_.emplace(pipe_->io());
-    OpenInput(fragments_->io(), SourceAddress::PipeOptions(settings_.options));
+    OpenInput(fragments_->io(), SourceAddress::PipeOptions(settings_.options.options));
   } else if (address_.carriesTransportStream()) {
     OpenConnection();
   } else if (address_.isHttp()) {
     OpenHttp();
   } else {
-    OpenInput(nullptr, address_.OpenOptions(settings_.options));
+    OpenInput(nullptr, address_.OpenOptions(settings_.options.options));
   }
 }
 
 void MediaReader::OpenHttp() {
-  SourceAddress::Options options = address_.OpenOptions(settings_.options);
+  SourceAddress::Options options = address_.OpenOptions(settings_.options.options);
   try {
     OpenInput(nullptr, options);
   } catch (const ffmpeg::Error& error) {
@@ -180,7 +181,7 @@ void MediaReader::OpenHttp() {
 
 void MediaReader::OpenConnection() {
   ffmpeg::Options options;
-  SetOptions(options, address_.ReceiverOptions(settings_.options));
+  SetOptions(options, address_.ReceiverOptions(settings_.options.options));
   const auto tap = [this](ffmpeg::TappedInput::Bytes bytes) { return Tap(bytes); };
   connection_.emplace(address_.ReceiverUrl(), deadline_, options, tap);
   AVIOContext* io = connection_->io();
@@ -189,8 +190,8 @@ void MediaReader::OpenConnection() {
   }
   // What the protocol has used is not the demuxer's.
   for (const auto& [key, value] : address_.OpenOptions({})) {
-    const auto given = settings_.options.find(key);
-    options.Set(key.c_str(), given != settings_.options.end() ? given->second : value);
+    const auto given = settings_.options.options.find(key);
+    options.Set(key.c_str(), given != settings_.options.options.end() ? given->second : value);
   }
   try {
     OpenInput(io, options);
@@ -207,7 +208,7 @@ void MediaReader::OpenConnection() {
 void MediaReader::OpenOtherRtp() {
   if (address_.isRtp()) {
     try {
-      OpenInput(nullptr, SourceAddress::RtpOptions(settings_.options));
+      OpenInput(nullptr, SourceAddress::RtpOptions(settings_.options.options));
       return;
     } catch (const ffmpeg::Error&) {
       if (deadline_.cancelled() || deadline_.expired()) {
@@ -231,11 +232,11 @@ std::optional<ffmpeg::TappedInput::Bytes> MediaReader::Tap(ffmpeg::TappedInput::
 }
 
 void MediaReader::SetOptions(ffmpeg::Options& options, const SourceAddress::Options& wanted) const {
-  if (settings_.quick) {
+  if (settings_.live) {
     // Instead of twenty frames, which is most of a second.
     options.Set("fpsprobesize", "3");
   }
-  if (settings_.quick && address_.isRemote()) {
+  if (settings_.live && address_.isRemote()) {
     // Instead of five seconds or seven, when a stream is announced of which nothing comes; longer
     // than mostly between two frames that one can begin with.
     options.Set("analyzeduration", "2500000");  // microseconds
@@ -261,7 +262,7 @@ void MediaReader::StartTrack(std::optional<Track>& track, int streamIndex, std::
   AVStream& stream = *input_->streams[streamIndex];
   track.emplace(streamIndex);
   try {
-    track->decoder.emplace(stream, settings_.decoderThreads);
+    track->decoder.emplace(stream, settings_.options.decoderThreads);
   } catch (const ffmpeg::Error& error) {
     track.reset();
     whyNot = error.what();
@@ -302,27 +303,30 @@ void MediaReader::ChooseTracks() {
     }
   }
 
-  const int audio =
-      ChooseAudioStream(*input_, settings_.audioTrack, settings_.audioLanguage, video);
-  info_.noAudioReason = settings_.wantAudio ? "it has no audio" : "audio is switched off";
-  info_.audioAbsence = settings_.wantAudio ? AudioAbsence::kNotInSource : AudioAbsence::kOff;
-  if (settings_.wantAudio && settings_.audioTrack > info_.audioTracks.size()) {
-    info_.noAudioReason = "it has no audio track " + std::to_string(settings_.audioTrack) +
+  const int audio = ChooseAudioStream(*input_, settings_.options.audio.track,
+                                      settings_.options.audio.language, video);
+  info_.noAudioReason =
+      settings_.options.audio.enabled ? "it has no audio" : "audio is switched off";
+  info_.audioAbsence =
+      settings_.options.audio.enabled ? AudioAbsence::kNotInSource : AudioAbsence::kOff;
+  if (settings_.options.audio.enabled && settings_.options.audio.track > info_.audioTracks.size()) {
+    info_.noAudioReason = "it has no audio track " + std::to_string(settings_.options.audio.track) +
                           " (of " + std::to_string(info_.audioTracks.size()) + ")";
     info_.audioAbsence = AudioAbsence::kNoTrack;
-  } else if (settings_.wantAudio && audio >= 0 && !IsAwaited(*input_->streams[audio])) {
+  } else if (settings_.options.audio.enabled && audio >= 0 && !IsAwaited(*input_->streams[audio])) {
     StartTrack(audio_, audio, info_.noAudioReason);
     info_.audioAbsence = audio_ ? AudioAbsence::kNone : AudioAbsence::kUndecodable;
     if (audio_) {
       info_.noAudioReason.clear();
       info_.audio = DescribeAudio(*input_->streams[audio]);
-      audio_->language =
-          settings_.audioLanguage.empty() ? info_.audio->language : settings_.audioLanguage;
+      audio_->language = settings_.options.audio.language.empty()
+                             ? info_.audio->language
+                             : settings_.options.audio.language;
       audioParameters_ = ffmpeg::CopyParameters(*input_->streams[audio]->codecpar);
     }
   }
 
-  for (unsigned i = 0; i < input_->nb_streams && settings_.wantAudio && !audio_; ++i) {
+  for (unsigned i = 0; i < input_->nb_streams && settings_.options.audio.enabled && !audio_; ++i) {
     if (IsAwaited(*input_->streams[i])) {
       input_->streams[i]->discard = AVDISCARD_DEFAULT;
       info_.noAudioReason = "its audio has not begun";
@@ -331,7 +335,8 @@ void MediaReader::ChooseTracks() {
   }
 
   if (video_ && info_.kind != SourceKind::kFile) {
-    watch_.emplace(settings_.readLimit, std::chrono::microseconds(video_->frameDuration / 10));
+    watch_.emplace(Milliseconds(settings_.options.readLimit),
+                   std::chrono::microseconds(video_->frameDuration / 10));
   }
 
   if (!video_ && !audio_) {

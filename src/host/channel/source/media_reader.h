@@ -23,6 +23,7 @@
 #include "host/channel/source/stream_decoder.h"
 #include "host/channel/source/stream_failover.h"
 #include "host/channel/source/video_watch.h"
+#include "host/config/wall.h"
 #include "host/ffmpeg/fragmented_input.h"
 #include "host/ffmpeg/handles.h"
 #include "host/ffmpeg/io_deadline.h"
@@ -43,20 +44,14 @@ class MediaReader {
  public:
   struct Settings {
     std::string source;  // path or URL; "-": the standard input
-    std::chrono::milliseconds openLimit{10'000};
-    std::chrono::milliseconds readLimit{5'000};  // for each packet; live, for each frame
-    bool quick = false;      // is to be shown soon: what it carries is looked at briefly
-    int decoderThreads = 1;  // 1: everything on the reading thread
-    bool repeat = false;     // begin again at the end of a file
+    config::ChannelOptions options;
+    // Is shown in a live wall: a fast probe, and a file is repeated if its options say so.
+    bool live = false;
     bool wantVideo = true;
-    bool wantAudio = true;
-    bool decodeAudio = true;     // false: packets only
-    std::size_t audioTrack = 0;  // counted from 1; 0: the one that FFmpeg prefers
+    bool decodeAudio = true;  // false: packets only
     // A demuxer that remembers every packet is exchanged after so many of a stream; about 50 bytes
     // each.
     int maxIndexEntries = 200'000;
-    std::string audioLanguage;  // ISO 639; preferred when there is such a track
-    SourceAddress::Options options;
   };
 
   explicit MediaReader(Settings settings);
@@ -117,6 +112,7 @@ class MediaReader {
     std::optional<Time> resumeAfter;  // what comes of the source up to that time has been given
   };
 
+  bool mayRepeat() const { return settings_.live && settings_.options.repeat; }
   // Throw ffmpeg::Error, or MediaError with more to say.
   void OpenInput();
   void OpenConnection();

@@ -57,7 +57,7 @@ void MediaReader::ReadPacket() {
   canGoOn_ = false;
   AdoptReplacement();
   ffmpeg::Packet packet = ffmpeg::MakePacket();
-  deadline_.Arm(settings_.readLimit);
+  deadline_.Arm(Milliseconds(settings_.options.readLimit));
   const int result = av_read_frame(input_.get(), packet.get());
   if (result >= 0) {
     silences_ = 0;
@@ -155,7 +155,7 @@ void MediaReader::DecodeVideo(const AVPacket& packet) {
   if (!video_->decoder->Fits(stream)) {
     video_->decoder->Drain(sink);
     try {
-      video_->decoder.emplace(stream, settings_.decoderThreads);
+      video_->decoder.emplace(stream, settings_.options.decoderThreads);
     } catch (const ffmpeg::Error& error) {
       throw MediaError(MediaError::Kind::kFailed, error.what(), maskedSource_);
     }
@@ -236,7 +236,7 @@ void MediaReader::FinishRepetition() {
   if (audio_ && settings_.decodeAudio) {
     audio_->decoder->Drain([this](ffmpeg::Frame frame) { GiveSamples(std::move(frame)); });
   }
-  if (!settings_.repeat || (!gaveInRepetition_ && info_.kind != SourceKind::kFile)) {
+  if (!mayRepeat() || (!gaveInRepetition_ && info_.kind != SourceKind::kFile)) {
     ended_ = true;
     return;
   }

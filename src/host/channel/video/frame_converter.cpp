@@ -136,13 +136,13 @@ FrameConverter::SourceFormat FrameConverter::FormatOf(const AVFrame& frame) {
 
 const char* FrameConverter::WantedDeinterlacing(const AVFrame& frame, Time duration) const {
   switch (settings_.deinterlace) {
-    case Deinterlace::kOff:
+    case config::DeinterlaceMode::kOff:
       return nullptr;
-    case Deinterlace::kFrames:
+    case config::DeinterlaceMode::kFrames:
       return "bwdif=mode=send_frame:deint=all";
-    case Deinterlace::kFields:
+    case config::DeinterlaceMode::kFields:
       return "bwdif=mode=send_field:deint=all";
-    case Deinterlace::kAuto:
+    case config::DeinterlaceMode::kAuto:
       break;
   }
   if (deinterlaceMode_ != nullptr) {

@@ -15,17 +15,11 @@
 #include "host/channel/video/frame_fit.h"
 #include "host/channel/video/rate_limiter.h"
 #include "host/channel/video/wide_colour.h"
+#include "host/config/wall.h"
 #include "host/ffmpeg/handles.h"
 #include "host/units.h"
 
 namespace host {
-
-enum class Deinterlace {
-  kOff,
-  kAuto,    // frames that are marked as interlaced; each field when the canvas is fast enough
-  kFrames,  // every frame, one for each frame
-  kFields,  // every frame, one for each field
-};
 
 // Every frame that comes out has exactly the size of the window, whatever comes in, so that a
 // source that changes its format never moves anything on the wall: the source's frame is
@@ -43,7 +37,7 @@ class FrameConverter {
     int height = 0;
     Ratio canvasRate{25, 1};
     Ratio canvasPixelAspect{1, 1};
-    Deinterlace deinterlace = Deinterlace::kAuto;
+    config::DeinterlaceMode deinterlace = config::DeinterlaceMode::kOff;
   };
 
   struct FrameTimes {

@@ -83,10 +83,10 @@ bool IsBlack(const Plane& luma, std::uint8_t threshold) {
 
 }  // namespace
 
-FrameMeter::FrameMeter(const Settings& settings)
+FrameMeter::FrameMeter(const config::AlarmOptions& options)
     : blackLuma_(static_cast<std::uint8_t>(
-          kBlack + std::lround(kRange * std::clamp(settings.blackLevel, 0.0, 100.0) / 100))),
-      stillDifference_(kRange * std::pow(10.0, settings.stillLevel / 20)) {}
+          kBlack + std::lround(kRange * std::clamp(options.black.level, 0.0, 100.0) / 100))),
+      stillDifference_(kRange * std::pow(10.0, options.freeze.level / 20)) {}
 
 FrameCondition FrameMeter::Measure(const std::uint8_t* picture, int width, int height) {
   FrameCondition condition;

@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "host/config/wall.h"
+
 namespace host {
 
 struct FrameCondition {
@@ -20,12 +22,8 @@ struct FrameCondition {
 // rows. Owned and called by one channel's reader; no lock.
 class FrameMeter {
  public:
-  struct Settings {
-    double blackLevel = 10;   // percent of the luma range, 0 to 100
-    double stillLevel = -60;  // dB of the luma range
-  };
-
-  explicit FrameMeter(const Settings& settings);
+  // The levels of black and of freeze count.
+  explicit FrameMeter(const config::AlarmOptions& options);
 
   // A YV12 frame in studio range without padding; width and height are even.
   FrameCondition Measure(const std::uint8_t* picture, int width, int height);

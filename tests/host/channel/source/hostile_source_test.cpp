@@ -168,8 +168,8 @@ class HostileSourceTest : public testing::Test {
   static std::string Open(const std::string& source, SourceAddress::Options options = {}) {
     MediaReader::Settings settings;
     settings.source = source;
-    settings.openLimit = std::chrono::milliseconds(2000);
-    settings.options = std::move(options);
+    settings.options.openLimit = 2 * kSecond;
+    settings.options.options = std::move(options);
     MediaReader reader(settings);
     try {
       reader.Open();

@@ -88,7 +88,7 @@ TEST(MediaReader, SaysWhyASourceCannotBeOpened) {
   }
   MediaReader::Settings settings = Source(folder / "whole.mp4");
   settings.wantVideo = false;
-  settings.audioTrack = 3;
+  settings.options.audio.track = 3;
   EXPECT_EQ(
       OpenFailure(settings),
       std::pair(Kind::kNoStreams, std::string("nothing to show: video is switched off, and it "
@@ -125,7 +125,7 @@ TEST(MediaReader, ReadsFilesOfServersThatKnowNoByteRangesAsStreams) {
   }
   const HttpServer large(indexLast, Manner::kStalls);
   MediaReader::Settings settings = Source(large.url());
-  settings.openLimit = std::chrono::milliseconds(300);
+  settings.options.openLimit = 300 * kMillisecond;
   EXPECT_EQ(OpenFailure(settings)->second, remedy);
 }
 
@@ -164,8 +164,8 @@ TEST(MediaReader, ChangesTheDemuxerOfAnEndlessSourceWithoutAGap) {
   };
   for (const std::filesystem::path& source : {folder / "pipe", list}) {
     MediaReader::Settings settings = Source(source);
-    settings.readLimit = std::chrono::milliseconds(700);
-    settings.options = {{"live_start_index", "0"}};
+    settings.options.readLimit = 700 * kMillisecond;
+    settings.options.options = {{"live_start_index", "0"}};
     std::vector<Time> expected;
     for (const int most : {1'000'000, 60}) {
       std::thread writing([&] {
@@ -194,7 +194,7 @@ TEST(MediaReader, BeginsAFileAgainWithoutAGapOnTheClock) {
   const TemporaryFolder folder;
   for (const char* name : {"a.mkv", "a.ts", "a.mp4"}) {
     MediaReader::Settings settings = Source(Write(SmallClip(), folder / name));
-    settings.repeat = true;
+    settings.live = true;
     MediaReader reader(settings);
     reader.Open();
     std::vector<DecodedFrame> pictures;
@@ -222,7 +222,7 @@ TEST(MediaReader, FailsForReopeningWhenARepeatedFileWasWrittenAgainOrGivesNothin
   const TemporaryFolder folder;
   const auto failure = [](const std::filesystem::path& file, const std::string& overwriteBy) {
     MediaReader::Settings settings = Source(file);
-    settings.repeat = true;
+    settings.live = true;
     MediaReader reader(settings);
     reader.Open();
     if (!overwriteBy.empty()) {
@@ -372,7 +372,7 @@ TEST(MediaReader, FollowsAServiceThatGoesOnInOtherStreams) {
   const Pipe pipe(folder / "pipe");
   std::thread writing([&] { std::ofstream(folder / "pipe", std::ios::binary) << before << after; });
   MediaReader::Settings settings = Source(folder / "pipe");
-  settings.options = {{"probesize", "40000"}};
+  settings.options.options = {{"probesize", "40000"}};
   MediaReader reader(settings);
   reader.Open();
   EXPECT_EQ(reader.info().video->codec, "h264");
@@ -476,7 +476,7 @@ TEST(MediaReader, FailsForReopeningWhenAudioBegins) {
     pipe.Open();
     pipe.Write(stream);
     MediaReader::Settings settings = Source(path);
-    settings.options = {{"probesize", "40000"}};
+    settings.options.options = {{"probesize", "40000"}};
     MediaReader reader(settings);
     reader.Open();
     pipe.Close();

@@ -340,12 +340,12 @@ std::vector<FrameConverter::FrameTimes> ConvertInterlaced(FrameConverter& conver
 
 TEST(FrameConverter, DeinterlacesWhatIsMarkedAsInterlacedAndKeepsItsTimes) {
   auto settings = Window(64, 48);
-  settings.deinterlace = Deinterlace::kOff;
+  settings.deinterlace = config::DeinterlaceMode::kOff;
   FrameConverter off(settings);
   std::vector<int> woven;
   ASSERT_EQ(ConvertInterlaced(off, woven).size(), 5U);
   EXPECT_GT(woven[2], 300);
-  settings.deinterlace = FrameConverter::Settings().deinterlace;
+  settings.deinterlace = config::DeinterlaceMode::kAuto;
   // A canvas that is fast enough shows each field.
   for (const int fields : {1, 2}) {
     settings.canvasRate = {25 * fields, 1};

@@ -1,0 +1,40 @@
+// ChannelSettings: what one channel takes from the wall file and from its wall.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "host/config/wall.h"
+#include "host/feed/audio_format.h"
+#include "host/units.h"
+#include "log/i_log_perf.h"
+
+namespace host {
+
+// The settings of the wall file are used as they were read: no part of a channel copies them into
+// structs of its own. Immutable once the channel is made. Shared by the channel and its reader,
+// which may outlive it.
+struct ChannelSettings {
+  config::Channel channel;
+  config::Canvas canvas;
+  std::string label;  // at the start, UTF-8; may be empty
+  // The wall's time, which live sources are fitted to. Null: the wall is rendered, and sources
+  // start at its time 0.
+  std::function<Time()> now;
+  std::function<std::string(Time)> timeText;  // the wall's time as an operator reads it
+  std::function<bool()> wantsType;            // whether a frame is to carry its media type
+  std::function<void()> frameSent;            // called after each frame
+  // Start of the latest background frame in the composer; none while one is being sent.
+  std::function<std::optional<Time>()> presentFrame;
+  // The channel's track in the outputs; null: compressed audio does not leave the channel.
+  std::shared_ptr<AudioTrack> audioTrack;
+  qorp::log::ILogPerf* logger = nullptr;  // not owned, may be null
+  // No threads: the owner fills the queue and calls DeliverUpTo (simulations).
+  bool driven = false;
+
+  bool isLive() const { return now != nullptr; }
+};
+
+}  // namespace host
