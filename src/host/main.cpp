@@ -9,7 +9,6 @@
 #include "host/cli/probe.h"
 #include "host/cli/program.h"
 #include "host/cli/registry.h"
-#include "host/cli/render.h"
 #include "host/cli/run.h"
 #include "host/cli/show_log.h"
 #include "host/ffmpeg/log.h"
@@ -37,8 +36,8 @@ int main(int argc, char** argv) {
   program.Add<DemoOptions>("demo", "a wall of built-in channels, as fast as the machine can",
                            DefineDemo, Demo);
   program.Add<RunOptions>("run", "run a wall live", DefineRun, Run);
-  program.Add<RenderOptions>("render", "make a file of a wall of files, as fast as the machine can",
-                             DefineRender, Render);
+  program.Add<RunOptions>("render", "make a file of a wall of files, as fast as the machine can",
+                          DefineRender, Render);
   program.Add<ShowLogOptions>("log", "print a circular log file in order, or follow it",
                               DefineShowLog, ShowLog);
   program.Add<RegisterOptions>("register", "enter a filter library into the registry of filters",

@@ -9,7 +9,7 @@ extern "C" {
 }
 
 #include "host/feed/audio_format.h"
-#include "host/feed/video_type.h"
+#include "host/feed/feed_pin.h"
 
 namespace simulation {
 

@@ -13,7 +13,7 @@
 #include "host/channel/source/item_times.h"
 #include "host/channel/source/source_clock.h"
 #include "host/channel/video/rate_limiter.h"
-#include "host/session/wall_window.h"
+#include "host/session/composer_filter.h"
 #include "tools/simulation/simulated_source.h"
 
 namespace simulation {

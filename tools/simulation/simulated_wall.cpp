@@ -13,15 +13,12 @@ extern "C" {
 #include <libavcodec/packet.h>
 }
 
-#include "host/feed/graph_error.h"
-#include "host/feed/video_type.h"
-#include "host/output/audio_sink.h"
-#include "host/output/composition_sink.h"
+#include "host/feed/feed_pin.h"
 #include "host/output/interleaver.h"
 #include "host/output/packet_queue.h"
+#include "host/output/sinks.h"
 #include "host/session/background_source.h"
 #include "host/session/composer_filter.h"
-#include "host/session/wall_window.h"
 #include "log/i_log_perf.h"
 #include "platform/com/wide_text.h"
 #include "platform/graph/filter_graph.h"

@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "host/feed/alarm_record.h"
-#include "host/feed/video_type.h"
+#include "host/feed/feed_pin.h"
 
 namespace host {
 namespace {

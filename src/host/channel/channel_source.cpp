@@ -7,7 +7,7 @@ extern "C" {
 #include <libavcodec/packet.h>
 }
 
-#include "host/feed/video_type.h"
+#include "host/feed/feed_pin.h"
 
 namespace host {
 namespace {

@@ -10,7 +10,7 @@ extern "C" {
 }
 
 #include "host/channel/audio/sample_planes.h"
-#include "host/feed/audio_kind.h"
+#include "host/feed/audio_format.h"
 
 namespace host {
 namespace {

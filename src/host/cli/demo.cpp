@@ -10,7 +10,7 @@
 #include "host/config/layout.h"
 #include "host/config/value_text.h"
 #include "host/config/wall.h"
-#include "host/feed/graph_error.h"
+#include "host/feed/feed_pin.h"
 #include "platform/os/files.h"
 
 namespace host::cli {

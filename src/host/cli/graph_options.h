@@ -1,4 +1,4 @@
-// What the commands that build a graph have in common.
+// The options that several commands have.
 #pragma once
 
 #include <filesystem>
@@ -12,6 +12,7 @@
 namespace CLI {
 class App;
 }
+namespace CLI {}
 
 namespace host::cli {
 

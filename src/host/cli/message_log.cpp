@@ -1,12 +1,16 @@
 #include "host/cli/message_log.h"
 
 #include <algorithm>
+#include <array>
+#include <cstdarg>
+#include <cstdio>
 #include <stdexcept>
 #include <string_view>
 
 #include "host/ffmpeg/log.h"
-#include "host/ffmpeg/printable.h"
+#include "host/ffmpeg/mask.h"
 #include "log/circular_log_file.h"
+#include "log/i_log_perf.h"
 #include "log/log_line.h"
 #include "platform/os/console.h"
 #include "platform/os/error_numbers.h"
@@ -24,22 +28,6 @@ constexpr std::int32_t kDefaultSize = 10 << 20;
 constexpr std::uint32_t kFlushLimit = 3000;  // ms
 // Where the logger cuts, by bytes: here it is done first, between characters.
 constexpr std::size_t kMaxMessage = 1040;
-
-std::string Describe(const MediaInfo& info) {
-  std::string text = info.format;
-  if (info.video.has_value()) {
-    text += ", " + info.video->codec + " " + std::to_string(info.video->width) + "x" +
-            std::to_string(info.video->height);
-  } else {
-    text += ", no video (" + info.noVideoReason + ")";
-  }
-  if (info.audio.has_value()) {
-    text += ", " + info.audio->codec;
-  } else {
-    text += ", no audio (" + info.noAudioReason + ")";
-  }
-  return text;
-}
 
 // A start alone makes the composer warn twice of every channel: that is for the record.
 std::int32_t ScreenLevel(const config::LogOptions& options) {
@@ -86,6 +74,10 @@ std::string CheckedPath(const std::filesystem::path& path) {
   }
   return name;
 }
+
+constexpr int kFixesAtStart = 2;
+// The longest message of the logger, and what ends it.
+constexpr std::size_t kMaxText = 1041;
 
 }  // namespace
 
@@ -197,50 +189,25 @@ void MessageLog::Say(std::int32_t level, const std::string& line) {
   logger_.log(level, "%s", std::string(ffmpeg::CutToBytes(text, kMaxMessage)).c_str());
 }
 
-void MessageLog::ChannelOpened(const std::string& channel, const MediaInfo& info) {
-  bool wasLost = false;
-  {
-    const std::lock_guard guard(lock_);
-    wasLost = failures_.erase(channel) > 0;
+bool ComposerLog::BelongsToStart(const char* text) {
+  int channel = 0;
+  char sign = '\0';
+  if (std::sscanf(text, "Composer audio/video #%d resynchronizes (%c)", &channel, &sign) != 2 ||
+      sign != '-') {
+    return false;
   }
-  // The end of a failure is for everybody who was told of the failure.
-  Say(wasLost || !info.video.has_value() ? qorp::log::kError : qorp::log::kInfo,
-      "channel \"" + channel + "\": opened (" + Describe(info) + ")");
+  const std::lock_guard guard(lock_);
+  return ++fixed_[channel] <= kFixesAtStart;
 }
 
-void MessageLog::ChannelEnded(const std::string& channel) {
-  {
-    const std::lock_guard guard(lock_);
-    failures_.erase(channel);
-  }
-  Say(qorp::log::kInfo, "channel \"" + channel + "\": ended");
-}
-
-void MessageLog::ChannelFailed(const std::string& channel, const std::string& reason,
-                               std::optional<std::chrono::milliseconds> retryIn) {
-  bool isEvent = false;
-  {
-    const std::lock_guard guard(lock_);
-    const auto [failure, isNew] = failures_.try_emplace(channel, reason);
-    isEvent = isNew || failure->second != reason;
-    failure->second = reason;
-  }
-  Say(isEvent ? qorp::log::kError : qorp::log::kDebug,
-      "channel \"" + channel + "\": " + reason +
-          (retryIn.has_value() ? "; it is tried again" : ""));
-}
-
-void MessageLog::AudioPathChanged(const std::string& channel, const std::string& what) {
-  Say(qorp::log::kWarning, "channel \"" + channel + "\": " + what);
-}
-
-void MessageLog::AudioChanged(const std::string& channel, const AudioStatus& status) {
-  const bool isFault = status.state > AudioState::kAbsent;
-  std::string state = NameOf(status.state);
-  std::replace(state.begin(), state.end(), '_', ' ');
-  Say(isFault ? qorp::log::kWarning : qorp::log::kInfo,
-      "channel \"" + channel + "\": audio is " + state +
-          (status.reason.empty() ? "" : " (" + status.reason + ")"));
+void ComposerLog::log(std::int32_t level, const char* format, ...) {
+  std::array<char, kMaxText> text{};
+  va_list arguments;
+  va_start(arguments, format);
+  std::vsnprintf(text.data(), text.size(), format, arguments);
+  va_end(arguments);
+  next_.log(BelongsToStart(text.data()) ? std::max(level, qorp::log::kInfo) : level, "%s",
+            text.data());
 }
 
 }  // namespace host::cli

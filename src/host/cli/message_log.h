@@ -1,34 +1,69 @@
 // What a running wall says: to the person who watches it, to its log file, to a syslog server.
 #pragma once
 
+#include <algorithm>
+#include <chrono>
 #include <map>
 #include <mutex>
 #include <optional>
+#include <ostream>
 #include <string>
 
-#include "host/channel/channel_observer.h"
 #include "host/cli/program.h"
-#include "host/cli/progress_line.h"
 #include "host/cli/resolving_syslog.h"
 #include "host/config/log_options.h"
+#include "host/ffmpeg/mask.h"
+#include "host/output/output.h"
+#include "log/i_log_perf.h"
 #include "log/log_perf.h"
 #include "log/logfile_sink.h"
 #include "log/sinks.h"
 
 namespace host::cli {
 
-// The logger of a command with its sinks, and what becomes of the channels, which goes through it.
-// A channel's failure is reported when its reason changes, not on every attempt.
-//
-// Any thread logs, and tells of channels. The lines appear on the logger's own thread; nobody waits
-// for the error stream or a disk, but whoever shows the progress.
-class MessageLog final : public ChannelObserver {
+// Shown on a terminal only; the line is rewritten in place and wiped before anything else
+// is printed. One thread.
+class ProgressLine {
+ public:
+  ProgressLine(std::ostream& stream, bool shown) : stream_(stream), shown_(shown) {}
+  ~ProgressLine() { Wipe(); }
+  ProgressLine(const ProgressLine&) = delete;
+  ProgressLine& operator=(const ProgressLine&) = delete;
+
+  // columns: of the terminal; a longer line would stay there when it is rewritten.
+  void Show(const std::string& line, int columns) {
+    const std::string text(
+        ffmpeg::CutToColumns(line, static_cast<std::size_t>(std::max(columns, 0))));
+    if (shown_ && text != text_) {
+      stream_.clear();  // one that failed is tried again
+      stream_ << "\r\x1b[K" << text << std::flush;
+      text_ = text;
+    }
+  }
+  void Wipe() {
+    if (!text_.empty()) {
+      stream_ << "\r\x1b[K" << std::flush;
+      text_.clear();
+    }
+  }
+
+ private:
+  std::ostream& stream_;
+  const bool shown_;
+  std::string text_;
+};
+
+// The logger of a command with its sinks. Any thread logs. The lines appear on the logger's own
+// thread; only the thread that shows the progress waits for the error stream.
+class MessageLog {
  public:
   // Throws std::runtime_error when a file cannot be written, is written by another program, or is
   // something else than a log file.
   MessageLog(Streams& streams, const config::LogOptions& options);
   // Stops.
-  ~MessageLog() override;
+  ~MessageLog();
+  MessageLog(const MessageLog&) = delete;
+  MessageLog& operator=(const MessageLog&) = delete;
 
   // For the composer and the host's own components.
   qorp::log::LogPerf& logger() { return logger_; }
@@ -40,14 +75,7 @@ class MessageLog final : public ChannelObserver {
   // still uses this object then, which must not be destroyed any more.
   bool Flush();
 
-  void ChannelOpened(const std::string& channel, const MediaInfo& info) override;
-  void ChannelEnded(const std::string& channel) override;
-  void ChannelFailed(const std::string& channel, const std::string& reason,
-                     std::optional<std::chrono::milliseconds> retryIn) override;
-  void AudioPathChanged(const std::string& channel, const std::string& what) override;
-  void AudioChanged(const std::string& channel, const AudioStatus& status) override;
-
-  // How far the command has come, where somebody watches.
+  // How far the command has come; on a terminal only.
   void ShowProgress(const std::string& text) { screen_.ShowProgress(text); }
   void WipeProgress() { screen_.WipeProgress(); }
   // A line of the command's own.
@@ -79,10 +107,80 @@ class MessageLog final : public ChannelObserver {
   std::optional<qorp::log::recovering_logfile_sink> perfFile_;
   std::optional<ResolvingSyslog> syslog_;
   qorp::log::LogPerf logger_;  // ends before its sinks
+};
 
+// A failure is reported when its reason changes, not on every attempt. The outputs' threads call;
+// one lock.
+class OutputMessages final : public OutputObserver {
+ public:
+  explicit OutputMessages(MessageLog& messages) : messages_(messages) {}
+
+  void OutputFailed(const std::string& output, const std::string& reason,
+                    std::optional<std::chrono::milliseconds> retryIn) override {
+    const std::string text = reason + (retryIn.has_value() ? "; it is tried again" : "");
+    {
+      const std::lock_guard guard(lock_);
+      if (std::exchange(said_[output], text) == text) {
+        return;
+      }
+    }
+    messages_.Say(qorp::log::kError, "output " + output + ": " + text);
+  }
+  void OutputOpened(const std::string& output, const std::string& target,
+                    Opening opening) override {
+    {
+      const std::lock_guard guard(lock_);
+      said_.erase(output);
+    }
+    const std::string written = target == output ? "" : "; written is " + target;
+    switch (opening) {
+      case Opening::kFirst:
+        return messages_.Say(qorp::log::kInfo, "output " + output + ": open" + written);
+      case Opening::kBeside:
+        return messages_.Say(
+            qorp::log::kError,
+            "output " + output + ": a file of that name exists and is kept" + written);
+      case Opening::kAgain:
+        return messages_.Say(qorp::log::kError, "output " + output + ": open again" + written);
+      case Opening::kNext:
+        return messages_.Say(qorp::log::kInfo, "output " + output + ": continues" + written);
+    }
+  }
+  void OutputSaid(const std::string& output, const std::string& what) override {
+    messages_.Say(qorp::log::kWarning, "output " + output + ": " + what);
+  }
+
+ private:
+  MessageLog& messages_;
   std::mutex lock_;
-  // Why a channel fails, by its name, while it does.
-  std::map<std::string, std::string> failures_;  // guarded by lock_
+  std::map<std::string, std::string> said_;  // guarded by lock_
+};
+
+// Hands everything on to another logger. A channel's first two frames always make the composer fix
+// the channel's time and warn of it: these lines are information, and later ones warnings, as the
+// composer has them.
+//
+// Any thread; one lock, which guards the counts and is not held while the other logger is called.
+class ComposerLog final : public qorp::log::ILogPerf {
+ public:
+  // next outlives this.
+  explicit ComposerLog(qorp::log::ILogPerf& next) : next_(next) {}
+
+  [[gnu::format(printf, 3, 4)]] void log(std::int32_t level, const char* format, ...) override;
+  void WriteReport() override { next_.WriteReport(); }
+  void IncrementResync() override { next_.IncrementResync(); }
+  void IncrementTsDiscontinuity() override { next_.IncrementTsDiscontinuity(); }
+  void IncrementDecodedPictures() override { next_.IncrementDecodedPictures(); }
+  void AddPoliticChoices(std::int32_t count) override { next_.AddPoliticChoices(count); }
+  void RegisterPin(const char* pinName) override { next_.RegisterPin(pinName); }
+  void NotifyBufferFull(const char* pinName) override { next_.NotifyBufferFull(pinName); }
+
+ private:
+  bool BelongsToStart(const char* text);
+
+  qorp::log::ILogPerf& next_;
+  std::mutex lock_;
+  std::map<int, int> fixed_;  // guarded by lock_; how often each channel was
 };
 
 }  // namespace host::cli

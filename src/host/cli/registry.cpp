@@ -5,7 +5,7 @@
 
 #include "host/cli/message_log.h"
 #include "host/config/wall.h"
-#include "host/feed/graph_error.h"
+#include "host/feed/feed_pin.h"
 #include "host/session/composer_filter.h"
 #include "platform/com/wide_text.h"
 #include "platform/os/process.h"

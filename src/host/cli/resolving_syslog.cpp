@@ -6,7 +6,7 @@
 #include <string_view>
 #include <utility>
 
-#include "host/ffmpeg/printable.h"
+#include "host/ffmpeg/mask.h"
 #include "platform/os/datagram.h"
 
 namespace host::cli {

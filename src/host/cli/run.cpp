@@ -7,6 +7,26 @@
 #include "host/config/wall_reader.h"
 
 namespace host::cli {
+namespace {
+
+ExitCode RunWall(const RunOptions& options, bool live, Streams& streams) {
+  const config::WallFile file = LoadWall(options.wall);
+  if (!ReportWall(file, options.wall, streams)) {
+    return ExitCode::kBadWall;
+  }
+  WallCommand command;
+  command.wall = file.wall;
+  command.wallFile = options.wall;
+  command.graph = options.graph;
+  command.record = options.record;
+  command.live = live;
+  command.json = options.json;
+  command.events = options.events;
+  command.strict = options.strict;
+  return RunWallCommand(command, streams);
+}
+
+}  // namespace
 
 void DefineRun(CLI::App& app, RunOptions& options) {
   app.add_option("WALL", options.wall, "the wall file")->required();
@@ -17,20 +37,22 @@ void DefineRun(CLI::App& app, RunOptions& options) {
   DefineGraph(app, options.graph);
 }
 
+void DefineRender(CLI::App& app, RunOptions& options) {
+  app.add_option("WALL", options.wall, "the wall file")->required();
+  DefineRecord(app, options.record);
+  app.add_flag("--strict", options.strict, "fail when a channel could not be shown")
+      ->envname("TAVREL_STRICT");
+  app.add_flag("--json", options.json, "print the result as a line of JSON")
+      ->envname("TAVREL_JSON");
+  DefineGraph(app, options.graph);
+}
+
 ExitCode Run(const RunOptions& options, Streams& streams) {
-  const config::WallFile file = LoadWall(options.wall);
-  if (!ReportWall(file, options.wall, streams)) {
-    return ExitCode::kBadWall;
-  }
-  WallCommand command;
-  command.wall = file.wall;
-  command.wallFile = options.wall;
-  command.graph = options.graph;
-  command.record = options.record;
-  command.live = true;
-  command.json = options.json;
-  command.events = options.events;
-  return RunWallCommand(command, streams);
+  return RunWall(options, true, streams);
+}
+
+ExitCode Render(const RunOptions& options, Streams& streams) {
+  return RunWall(options, false, streams);
 }
 
 }  // namespace host::cli

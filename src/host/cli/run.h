@@ -1,4 +1,4 @@
-// `tavrel run WALL.toml`
+// `tavrel run WALL.toml` and `tavrel render WALL.toml -o FILE`
 #pragma once
 
 #include <filesystem>
@@ -11,14 +11,18 @@ namespace host::cli {
 struct RunOptions {
   std::filesystem::path wall;
   GraphOptions graph;
-  RecordOptions record;
-  bool json = false;    // the status as lines of JSON on the output stream
-  bool events = false;  // alarms and changes of channels as lines of JSON on the output stream
+  RecordOptions record;  // of render: at least one output or a snapshot
+  bool json = false;     // the result as a line of JSON; of run, also the status
+  bool events = false;   // run: changes of channels and alarms as lines of JSON
+  bool strict = false;   // render: kCouldNotStart when a channel was not shown to its end
 };
 
 void DefineRun(CLI::App& app, RunOptions& options);
+void DefineRender(CLI::App& app, RunOptions& options);
 
 // Runs a wall live, paced by the clock, until stopped or for the given time.
 ExitCode Run(const RunOptions& options, Streams& streams);
+// Renders a wall of files as fast as the machine can; the same files give the same frames.
+ExitCode Render(const RunOptions& options, Streams& streams);
 
 }  // namespace host::cli

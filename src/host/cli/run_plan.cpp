@@ -7,7 +7,7 @@
 #include "host/config/file_pattern.h"
 #include "host/config/url.h"
 #include "host/ffmpeg/mask.h"
-#include "host/ffmpeg/pipe_output.h"
+#include "host/ffmpeg/outputs.h"
 #include "host/output/container.h"
 #include "host/session/wall_check.h"
 #include "host/session/wall_files.h"

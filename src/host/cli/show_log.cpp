@@ -8,7 +8,7 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
-#include "host/ffmpeg/printable.h"
+#include "host/ffmpeg/mask.h"
 #include "log/log_file_reader.h"
 #include "platform/os/error_numbers.h"
 #include "platform/os/service.h"

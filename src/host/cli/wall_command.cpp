@@ -13,14 +13,11 @@
 
 #include <nlohmann/json.hpp>
 
-#include "host/cli/channel_board.h"
-#include "host/cli/composer_log.h"
 #include "host/cli/json_lines.h"
 #include "host/cli/message_log.h"
-#include "host/cli/output_messages.h"
 #include "host/cli/run_plan.h"
-#include "host/cli/snapshot_frame.h"
 #include "host/cli/wall_status.h"
+#include "host/output/snapshot.h"
 #include "host/session/wall_session.h"
 #include "platform/os/service.h"
 #include "platform/os/standard_stream.h"

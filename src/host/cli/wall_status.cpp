@@ -2,22 +2,221 @@
 
 #include <algorithm>
 #include <cmath>
-#include <map>
+#include <cstdio>
 
 #include <nlohmann/json.hpp>
 
+#include "platform/os/system_time.h"
 #include "util/text_codecs.h"
 
 namespace host::cli {
+
+using Json = nlohmann::ordered_json;
+
 namespace {
 
 using qorp::StringFormat;
+
+// The reason that a reader gives for a source of audio only, which is complete without video.
+constexpr const char* kNoVideo = "it has no video";
 
 double Milliseconds(std::chrono::nanoseconds time) {
   return std::round(static_cast<double>(time.count()) / 1e4) / 100;
 }
 
+std::string Describe(const MediaInfo& info) {
+  std::string text = info.format;
+  if (info.video.has_value()) {
+    text += ", " + info.video->codec + " " + std::to_string(info.video->width) + "x" +
+            std::to_string(info.video->height);
+  } else {
+    text += ", no video (" + info.noVideoReason + ")";
+  }
+  if (info.audio.has_value()) {
+    text += ", " + info.audio->codec;
+  } else {
+    text += ", no audio (" + info.noAudioReason + ")";
+  }
+  return text;
+}
+
+// "state", "reason" (if there is one), "since".
+template <typename Status>
+void Add(const Status& status, Json& json) {
+  json["state"] = NameOf(status.state);
+  if (!status.reason.empty()) {
+    json["reason"] = status.reason;
+  }
+  json["since"] = SecondsOf(status.since);
+}
+
 }  // namespace
+
+std::string TimestampUtc() {
+  const os::SystemTime now = os::CurrentSystemTime();
+  char text[64];
+  std::snprintf(text, sizeof(text), "%04u-%02u-%02uT%02u:%02u:%02u.%03uZ", now.year, now.month,
+                now.day, now.hour, now.minute, now.second, now.milliseconds);
+  return text;
+}
+
+double SecondsOf(Time time) {
+  return std::round(static_cast<double>(time) / kMillisecond) / 1000;
+}
+
+std::string OneLine(const Json& json) {
+  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+Json ToJson(const ChannelBoard::Entry& entry) {
+  Json json = {{"name", entry.name}};
+  Add(entry.status, json);
+  Add(entry.audio, json["audio"]);
+  json["alarms"] = Json::array();
+  for (const AlarmKind kind : kAllAlarms) {
+    if (entry.alarms[static_cast<std::size_t>(kind)]) {
+      json["alarms"].push_back(NameOf(kind));
+    }
+  }
+  if (entry.timing) {
+    json["jitter"] = SecondsOf(entry.timing->jitter);
+    json["lead"] = SecondsOf(entry.timing->lead);
+    json["audio_too_early"] = entry.timing->audioTooEarly;
+    json["audio_too_late"] = entry.timing->audioTooLate;
+    json["frames_lost"] = entry.timing->framesLost;
+    json["audio_lost"] = entry.timing->audioLost;
+    json["overflowed"] = entry.timing->overflowed;
+  }
+  return json;
+}
+
+std::string ChannelBoard::Entry::NotShown() const {
+  if (!failure.empty() || wasLive) {
+    return failure;
+  }
+  return status.reason.empty() ? "nothing came of it" : status.reason;
+}
+
+std::optional<double> LengthOf(const std::vector<ChannelBoard::Entry>& channels) {
+  std::optional<Time> longest;
+  for (const ChannelBoard::Entry& channel : channels) {
+    if (channel.opened ? !channel.length.has_value() : channel.failure.empty()) {
+      return {};
+    }
+    longest = std::max(longest, channel.length);
+  }
+  return longest ? std::optional(SecondsOf(*longest)) : std::nullopt;
+}
+
+ChannelBoard::ChannelBoard(const std::vector<config::Channel>& channels, MessageLog& messages,
+                           JsonLines& events)
+    : messages_(messages), events_(events) {
+  for (const config::Channel& channel : channels) {
+    index_[channel.name] = entries_.size();
+    entries_.emplace_back().name = channel.name;
+  }
+}
+
+void ChannelBoard::Say(std::int32_t level, const std::string& channel, const std::string& what) {
+  messages_.Say(level, "channel \"" + channel + "\": " + what);
+}
+
+void ChannelBoard::ChannelOpened(const std::string& channel, const MediaInfo& info) {
+  bool wasLost = false;
+  {
+    const os::MutexLock guard(lock_);
+    Entry& entry = Of(channel);
+    entry.opened = true;
+    entry.length = info.length;
+    entry.failure = info.video || info.noVideoReason == kNoVideo ? "" : info.noVideoReason;
+    wasLost = failures_.erase(channel) > 0;
+  }
+  // Where the failure was reported, its end is, too.
+  Say(wasLost || !info.video.has_value() ? qorp::log::kError : qorp::log::kInfo, channel,
+      "opened (" + Describe(info) + ")");
+}
+
+void ChannelBoard::ChannelEnded(const std::string& channel) {
+  {
+    const os::MutexLock guard(lock_);
+    failures_.erase(channel);
+  }
+  Say(qorp::log::kInfo, channel, "ended");
+}
+
+void ChannelBoard::ChannelFailed(const std::string& channel, const std::string& reason,
+                                 std::optional<std::chrono::milliseconds> retryIn) {
+  bool isNew = false;
+  {
+    const os::MutexLock guard(lock_);
+    Of(channel).failure = reason;
+    const auto [failure, isFirst] = failures_.try_emplace(channel, reason);
+    isNew = isFirst || failure->second != reason;
+    failure->second = reason;
+  }
+  Say(isNew ? qorp::log::kError : qorp::log::kDebug, channel,
+      reason + (retryIn.has_value() ? "; it is tried again" : ""));
+}
+
+void ChannelBoard::ChannelTimed(const std::string& channel, const SourceTiming& timing) {
+  const os::MutexLock guard(lock_);
+  Of(channel).timing = timing;
+}
+
+void ChannelBoard::AudioPathChanged(const std::string& channel, const std::string& what) {
+  Say(qorp::log::kWarning, channel, what);
+}
+
+void ChannelBoard::ChannelChanged(const std::string& channel, const ChannelLife::Status& status) {
+  {
+    const os::MutexLock guard(lock_);
+    Entry& entry = Of(channel);
+    entry.status = status;
+    entry.wasLive = entry.wasLive || status.state == ChannelState::kLive;
+  }
+  if (events_.enabled()) {
+    Json line = {{"event", "channel"}, {"time", TimestampUtc()}, {"channel", channel}};
+    Add(status, line);
+    events_.Write(OneLine(line));
+  }
+}
+
+void ChannelBoard::AudioChanged(const std::string& channel, const AudioStatus& status) {
+  {
+    const os::MutexLock guard(lock_);
+    Of(channel).audio = status;
+  }
+  if (events_.enabled()) {
+    Json line = {{"event", "audio"}, {"time", TimestampUtc()}, {"channel", channel}};
+    Add(status, line);
+    events_.Write(OneLine(line));
+  }
+  const bool isFault = status.state > AudioState::kAbsent;
+  std::string state = NameOf(status.state);
+  std::replace(state.begin(), state.end(), '_', ' ');
+  Say(isFault ? qorp::log::kWarning : qorp::log::kInfo, channel,
+      "audio is " + state + (status.reason.empty() ? "" : " (" + status.reason + ")"));
+}
+
+void ChannelBoard::AlarmChanged(const std::string& channel, const AlarmMonitor::Change& change) {
+  {
+    const os::MutexLock guard(lock_);
+    Of(channel).alarms[static_cast<std::size_t>(change.kind)] = change.raised;
+  }
+  if (events_.enabled()) {
+    events_.Write(OneLine({{"event", "alarm"},
+                           {"time", TimestampUtc()},
+                           {"channel", channel},
+                           {"alarm", NameOf(change.kind)},
+                           {"raised", change.raised},
+                           {"since", SecondsOf(change.since)}}));
+  }
+}
+
+std::vector<ChannelBoard::Entry> ChannelBoard::entries() const {
+  const os::MutexLock guard(lock_);
+  return entries_;
+}
 
 // How many are live, and which are not; a line has room for the first ones of each state.
 std::string WallStatus::ChannelsText() const {

@@ -1,10 +1,12 @@
-// Encodes decoded audio into the format of a track.
+// AudioEncoder: encodes the audio of a channel; AudioTranscoder: decodes it first.
 #pragma once
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 
+#include "host/feed/audio_format.h"
 #include "host/ffmpeg/handles.h"
 #include "host/units.h"
 
@@ -54,6 +56,27 @@ class AudioEncoder {
   std::optional<Time> base_;  // time of sample 0
   std::uint64_t repaired_ = 0;
   std::int64_t next_ = 0;  // number of the next sample that goes to the encoder
+};
+
+// FLV, and RTMP with it, holds AAC only of what channels send. Decodes a track and encodes it in
+// one or two channels. Owned and called by one output on its thread.
+class AudioTranscoder {
+ public:
+  using Sink = std::function<void(ffmpeg::Packet)>;
+
+  // Throws ffmpeg::Error when the format cannot be decoded.
+  explicit AudioTranscoder(const AudioFormat& from);
+
+  const AudioFormat& format() const { return *format_; }
+  // Timestamps in units of 100 ns. A packet that cannot be decoded leaves a gap. Throws
+  // ffmpeg::Error when the encoder fails.
+  void Push(const AVPacket& packet, const Sink& sink);
+
+ private:
+  const std::shared_ptr<const AudioFormat> format_;
+  ffmpeg::Codec decoder_;
+  AudioEncoder encoder_;
+  ffmpeg::Frame frame_;
 };
 
 }  // namespace host

@@ -1,4 +1,4 @@
-// The form of the audio of one channel in the outputs.
+// The formats of compressed audio: what an audio track of the outputs carries, and its media type.
 #pragma once
 
 #include <cstdint>
@@ -7,12 +7,53 @@
 #include <string>
 #include <vector>
 
-#include "host/feed/audio_type.h"
+extern "C" {
+#include <libavcodec/codec_id.h>
+}
+
 #include "host/ffmpeg/handles.h"
+#include "host/units.h"
+#include "platform/baseclasses/mtype.h"
 
 struct AVPacket;
 
 namespace host {
+
+// AAC, MPEG audio, AC-3 and E-AC-3 pass through untouched; everything else is encoded to AAC for
+// the outputs.
+inline bool PassesThrough(AVCodecID codec) {
+  switch (codec) {
+    case AV_CODEC_ID_AAC:
+    case AV_CODEC_ID_MP1:
+    case AV_CODEC_ID_MP2:
+    case AV_CODEC_ID_MP3:
+    case AV_CODEC_ID_AC3:
+    case AV_CODEC_ID_EAC3:
+      return true;
+    default:
+      return false;
+  }
+}
+
+// The kinds that the composer's audio pins take.
+enum class AudioKind { kAac, kMpeg1Or2, kMp3, kAc3, kEac3 };
+
+struct AudioDescription {
+  AudioKind kind = AudioKind::kAac;
+  int sampleRate = 48'000;  // hertz
+  int channels = 2;
+  int bytesPerSecond = 0;            // 0 when not known
+  std::vector<std::uint8_t> config;  // of AAC: its AudioSpecificConfig
+};
+
+// A WAVEFORMATEX, followed by the config:
+//   AAC                raw AAC (0x00FF); packets with or without their ADTS headers
+//   MPEG layers I, II  MPEG-1 audio payload (0x0050)
+//   MP3                MEDIASUBTYPE_MPEG1Payload with the wave format tag 0x0055
+//   AC-3, E-AC-3       MEDIASUBTYPE_DOLBY_AC3, MEDIASUBTYPE_DOLBY_DDPLUS
+CMediaType AudioType(const AudioDescription& description);
+// Whether compressed audio of one of these kinds can be told from the type.
+bool IsAudioType(const AM_MEDIA_TYPE& type);
 
 // What a track of an output is made of. AAC always has its AudioSpecificConfig as extra data, also
 // when its packets carry ADTS headers (hasAdtsHeaders), so that every container can describe it.

@@ -1,15 +1,36 @@
-// FeedPin: an output pin of one of the host's sources.
+// FeedPin: an output pin of the host that feeds the composer.
 #pragma once
 
 #include <cstdint>
 #include <span>
 #include <string>
+#include <string_view>
 
 #include "host/units.h"
 #include "log/i_log_perf.h"
 #include "platform/baseclasses/io_pins.h"
+#include "platform/baseclasses/mtype.h"
+#include "util/exceptions.h"
 
 namespace host {
+
+// What could not be done in the graph, and why.
+class GraphError : public TavrelException {
+ public:
+  GraphError(std::string_view what, HRESULT hr);
+  explicit GraphError(std::string message) : message_(std::move(message)) {}
+  const char* what() const noexcept override { return message_.c_str(); }
+
+ private:
+  std::string message_;
+};
+
+// Throws GraphError for a failed result; what says what was being done ("connect ...").
+inline void Check(HRESULT hr, std::string_view what) {
+  if (FAILED(hr)) {
+    throw GraphError(what, hr);
+  }
+}
 
 // Offers one media type and brings its own allocator. Owned by its filter; connected on the
 // application's thread, fed by the filter's streaming thread.
@@ -55,5 +76,18 @@ class FeedPin final : public CBaseOutputPin {
   qorp::log::ILogPerf* logger_ = nullptr;  // null: nobody is notified
   std::string pinName_;
 };
+
+// YV12 frames with a VIDEOINFOHEADER2. width, height in pixels, even; aspect is the display
+// aspect.
+CMediaType VideoType(int width, int height, Ratio frameRate, Ratio aspect);
+// The three side streams of a channel.
+CMediaType LabelType();
+CMediaType AudioAlarmType();
+CMediaType VideoAlarmType();
+
+// Bytes of a packed YV12 frame.
+constexpr LONG FrameBytes(int width, int height) {
+  return width * height / 2 * 3;
+}
 
 }  // namespace host

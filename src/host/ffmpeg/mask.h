@@ -1,6 +1,7 @@
-// Keeps secrets out of messages.
+// Keeps secrets and control characters out of messages.
 #pragma once
 
+#include <cstddef>
 #include <map>
 #include <string>
 #include <string_view>
@@ -21,5 +22,16 @@ std::string MaskUrl(std::string_view url);
 // that hold secrets, for MaskCredentials: FFmpeg's own lines name parts of a URL. Texts of less
 // than four bytes are not remembered, because they are parts of many words. Any thread.
 void RememberSecrets(std::string_view url, const std::map<std::string, std::string>& options);
+
+// UTF-8 without control characters (C0, DEL, C1), line and paragraph separators and the characters
+// that change the direction of the text around them: each becomes a blank. What is not UTF-8
+// becomes U+FFFD.
+std::string Printable(std::string_view text);
+
+// The longest beginning of at most so many bytes that ends between two characters.
+std::string_view CutToBytes(std::string_view text, std::size_t bytes);
+
+// The same by columns of a terminal, one for each character.
+std::string_view CutToColumns(std::string_view text, std::size_t columns);
 
 }  // namespace host::ffmpeg

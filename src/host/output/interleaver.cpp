@@ -4,14 +4,52 @@
 #include <utility>
 
 extern "C" {
+#include <libavcodec/avcodec.h>
 #include <libavcodec/packet.h>
+#include <libavutil/frame.h>
+#include <libavutil/mathematics.h>
+#include <libavutil/samplefmt.h>
 }
+
+#include "host/feed/audio_encoder.h"
+#include "host/ffmpeg/error.h"
 
 namespace host {
 namespace {
 
 Time Middle(const AVPacket& packet) {
   return packet.dts + packet.duration / 2;
+}
+
+// The first packets of an encoder hold its delay; the fourth is like all that follow.
+constexpr int kSteadyPacket = 3;
+constexpr int kSamples = 8 * 1536;
+// The machine may have slept for days.
+constexpr Time kMaxFilled = 60 * kSecond;
+
+ffmpeg::Frame Silence(const AVCodecParameters& parameters, int samples) {
+  ffmpeg::Frame frame = ffmpeg::MakeFrame();
+  frame->format = AV_SAMPLE_FMT_FLTP;
+  frame->nb_samples = samples;
+  frame->sample_rate = parameters.sample_rate;
+  av_channel_layout_default(&frame->ch_layout, parameters.ch_layout.nb_channels);
+  ffmpeg::Check(av_frame_get_buffer(frame.get(), 0), "cannot make silence");
+  av_samples_set_silence(frame->extended_data, 0, samples, frame->ch_layout.nb_channels,
+                         AV_SAMPLE_FMT_FLTP);
+  return frame;
+}
+
+ffmpeg::Packet EncodeSilence(const AudioFormat& format) {
+  const AVCodecParameters& parameters = *format.parameters;
+  AudioEncoder encoder(parameters);
+  ffmpeg::Packet steady;
+  int count = 0;
+  encoder.Push(*Silence(parameters, kSamples), 0, [&](ffmpeg::Packet packet) {
+    if (count++ == kSteadyPacket) {
+      steady = std::move(packet);
+    }
+  });
+  return steady;
 }
 
 }  // namespace
@@ -115,6 +153,86 @@ void Interleaver::Finish(const Write& write) {
   if (base_) {
     Release(end_, write);
   }
+}
+
+void SilentTracks::Restart(Time length) {
+  for (auto& [channel, track] : tracks_) {
+    track.from = track.end = std::max<Time>(0, track.isSilent ? 0 : track.end - length);
+    track.count = 0;
+  }
+}
+
+void SilentTracks::Add(std::size_t channel, const AudioFormat& format) {
+  if (tracks_.contains(channel)) {
+    return;
+  }
+  try {
+    Track track;
+    track.packet = EncodeSilence(format);
+    if (track.packet) {
+      track.sampleRate = format.parameters->sample_rate;
+      track.samples =
+          av_rescale_rnd(track.packet->duration, track.sampleRate, kSecond, AV_ROUND_NEAR_INF);
+      tracks_[channel] = std::move(track);
+    }
+  } catch (const ffmpeg::Error&) {
+    tracks_.erase(channel);
+  }
+}
+
+void SilentTracks::Fill(std::size_t channel, Track& track, Time before, const Write& write) {
+  for (;;) {
+    const Time end =
+        track.from + av_rescale((track.count + 1) * track.samples, kSecond, track.sampleRate);
+    if (end > before) {
+      return;
+    }
+    ffmpeg::Packet packet = ffmpeg::RefPacket(*track.packet);
+    packet->pts = packet->dts = track.end;
+    packet->duration = end - track.end;
+    ++track.count;
+    track.end = end;
+    write(channel, std::move(packet));
+  }
+}
+
+void SilentTracks::FillTo(Time video, const Write& write) {
+  for (auto& [channel, track] : tracks_) {
+    if (!track.isSilent && video - track.end > lateness_) {
+      track.isSilent = true;
+      track.from = track.end = std::max(track.end, video - lateness_ - kMaxFilled);
+      track.count = 0;
+    }
+    if (track.isSilent) {
+      Fill(channel, track, track.hasBegun ? video - lateness_ : video, write);
+    }
+  }
+}
+
+void SilentTracks::FillToEnd(Time end, const Write& write) {
+  for (auto& [channel, track] : tracks_) {
+    if (track.isSilent) {
+      Fill(channel, track, end, write);
+    }
+  }
+}
+
+bool SilentTracks::EndBefore(std::size_t channel, const AVPacket& packet, const Write& write) {
+  const auto found = tracks_.find(channel);
+  if (found == tracks_.end()) {
+    return true;
+  }
+  Track& track = found->second;
+  if (track.isSilent) {
+    track.hasBegun = true;  // the silence waits for audio that is late from now on
+    Fill(channel, track, packet.dts, write);
+    if (packet.dts + packet.duration / 2 < track.end) {
+      return false;
+    }
+    track.isSilent = false;
+  }
+  track.end = std::max(track.end, packet.dts + packet.duration);
+  return true;
 }
 
 }  // namespace host

@@ -14,12 +14,10 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
-#include "host/ffmpeg/file_output.h"
 #include "host/ffmpeg/handles.h"
 #include "host/ffmpeg/io_deadline.h"
-#include "host/ffmpeg/pipe_output.h"
-#include "host/output/paced_output.h"
-#include "host/output/pcr_filler.h"
+#include "host/ffmpeg/outputs.h"
+#include "host/output/transport_stream.h"
 #include "host/units.h"
 
 struct AVCodecParameters;

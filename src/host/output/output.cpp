@@ -1,12 +1,18 @@
 #include "host/output/output.h"
 
-#include "host/output/output_writer.h"
+#include <algorithm>
+#include <atomic>
+#include <functional>
+
+#include "host/config/url.h"
+#include "platform/os/mutex.h"
 #include "platform/os/waitable.h"
 
 namespace host {
-namespace {
 
 using std::chrono::milliseconds;
+
+namespace {
 
 // A file that does not grow for that long while it is being finished is left as it is.
 constexpr std::uint32_t kFileStall = 2'000;
@@ -14,6 +20,242 @@ constexpr std::uint32_t kFileStall = 2'000;
 constexpr std::uint32_t kCancelLimit = 500;
 
 }  // namespace
+
+// Writes what waits in its queue, and opens its file or connection again after failures. A write
+// into a dead mount may never return: the writer owns everything that its thread touches, and after
+// Detach calls nobody.
+//
+// Shared by an Output and its thread. Run is the thread's, the rest anybody's.
+class OutputWriter {
+ public:
+  OutputWriter(Output::Settings settings, ffmpeg::Parameters video, OutputObserver* observer,
+               qorp::log::ILogPerf* logger);
+
+  void Run();
+  // Ends blocking calls, as far as something can end them.
+  void Cancel();
+  // Observer and logger may be destroyed afterwards.
+  void Detach();
+  // It has failed and is not opened again.
+  void Fail(const std::string& reason);
+
+  // The observer and the logger are called with the lock of both held, and return at once.
+  template <typename Call>
+  void Tell(Call call) {
+    const std::lock_guard guard(contactsLock_);
+    if (observer_ != nullptr) {
+      call(*observer_);
+    }
+  }
+  void NoteOverflow();
+
+  std::string failure() const;
+  std::string file() const;
+  // Bytes that have reached the file that is written; 0 where there is none.
+  std::int64_t FileBytes();
+  void EncoderFailed(const std::string& reason, std::optional<std::chrono::milliseconds> retryIn);
+  void EncoderRecovered();
+
+  const Output::Settings settings;
+  OutputCounters counters;
+  PacketQueue queue;
+  std::atomic<std::uint64_t> overflows{0};
+  std::atomic<std::uint64_t> openings{0};
+  std::atomic<std::uint64_t> fileCount{0};
+  std::atomic<bool> failed{false};
+
+ private:
+  // One opening, to the end of what comes; empty, or why it failed.
+  std::string RunSession(OutputSession& session);
+  void Opened(const OutputSession& session, const std::string& file);
+  // What Cancel ends; false when it was called already.
+  bool SetSession(OutputSession* session);
+  void SetFailure(const std::string& reason);
+
+  const ffmpeg::Parameters video_;
+  std::optional<RecordingFiles> recording_;  // the thread's own
+  std::mutex contactsLock_;
+  OutputObserver* observer_;     // guarded by contactsLock_; null once detached
+  qorp::log::ILogPerf* logger_;  // likewise; may be null
+  mutable std::mutex lock_;
+  std::string failure_;               // guarded by lock_
+  std::string encoderFailure_;        // guarded by lock_
+  std::string file_;                  // guarded by lock_
+  OutputSession* session_ = nullptr;  // guarded by lock_; what Cancel ends
+  bool cancelled_ = false;            // guarded by lock_
+};
+
+OutputWriter::OutputWriter(Output::Settings given, ffmpeg::Parameters video,
+                           OutputObserver* observer, qorp::log::ILogPerf* logger)
+    : settings(std::move(given)),
+      counters(settings.session.tracks.size()),
+      queue(settings.queue, counters),
+      video_(std::move(video)),
+      observer_(observer),
+      logger_(logger) {
+  if (logger_ != nullptr) {
+    logger_->RegisterPin(settings.pin.c_str());
+  }
+  const std::string& url = settings.session.muxer.url;
+  if (config::LocalPath(url) && !ffmpeg::PipeOutput::Serves(url)) {
+    recording_.emplace(url, settings.existing);
+  }
+}
+
+void OutputWriter::NoteOverflow() {
+  ++overflows;
+  const std::lock_guard guard(contactsLock_);
+  if (logger_ != nullptr) {
+    logger_->NotifyBufferFull(settings.pin.c_str());
+  }
+}
+
+void OutputWriter::Cancel() {
+  const std::lock_guard guard(lock_);
+  cancelled_ = true;
+  if (session_ != nullptr) {
+    session_->Cancel();
+  }
+}
+
+void OutputWriter::Detach() {
+  const std::lock_guard guard(contactsLock_);
+  observer_ = nullptr;
+  logger_ = nullptr;
+}
+
+void OutputWriter::Fail(const std::string& reason) {
+  SetFailure(reason);
+  failed = true;
+  queue.Abandon();
+  Tell([&](OutputObserver& observer) {
+    observer.OutputFailed(settings.name, reason, std::nullopt);
+  });
+}
+
+// Called by each session when a target of it is open, the first and every further segment.
+void OutputWriter::Opened(const OutputSession& session, const std::string& file) {
+  using Opening = OutputObserver::Opening;
+  Opening opening = Opening::kNext;
+  if (session.targets() == 1) {
+    const bool again = ++openings > 1 || !failure().empty();
+    const bool beside = !file.empty() && recording_->avoided();
+    opening = again ? Opening::kAgain : beside ? Opening::kBeside : Opening::kFirst;
+    SetFailure("");
+  }
+  if (!file.empty()) {
+    ++fileCount;
+    const std::lock_guard guard(lock_);
+    file_ = file;
+  }
+  Tell([&](OutputObserver& observer) {
+    observer.OutputOpened(settings.name, file.empty() ? settings.name : file, opening);
+  });
+}
+
+std::string OutputWriter::file() const {
+  const std::lock_guard guard(lock_);
+  return file_;
+}
+
+bool OutputWriter::SetSession(OutputSession* session) {
+  const std::lock_guard guard(lock_);
+  session_ = session;
+  return !cancelled_;
+}
+
+void OutputWriter::SetFailure(const std::string& reason) {
+  const std::lock_guard guard(lock_);
+  failure_ = reason;
+}
+
+std::string OutputWriter::failure() const {
+  const std::lock_guard guard(lock_);
+  return failure_.empty() ? encoderFailure_ : failure_;
+}
+
+void OutputWriter::EncoderFailed(const std::string& reason, std::optional<milliseconds> retryIn) {
+  {
+    const std::lock_guard guard(lock_);
+    encoderFailure_ = reason;
+  }
+  if (!retryIn) {
+    failed = true;
+    queue.Abandon();
+  }
+  Tell([&](OutputObserver& observer) { observer.OutputFailed(settings.name, reason, retryIn); });
+}
+
+void OutputWriter::EncoderRecovered() {
+  {
+    const std::lock_guard guard(lock_);
+    encoderFailure_.clear();
+    if (!failure_.empty()) {
+      return;  // reported when it is open
+    }
+  }
+  const std::string target = file();
+  Tell([&](OutputObserver& observer) {
+    observer.OutputOpened(settings.name, target.empty() ? settings.name : target,
+                          OutputObserver::Opening::kAgain);
+  });
+}
+
+std::string OutputWriter::RunSession(OutputSession& session) {
+  try {
+    while (std::optional<TrackPacket> packet = queue.Pop()) {
+      session.Take(std::move(*packet));
+    }
+    session.Finish();
+    return {};
+  } catch (const std::exception& error) {
+    return error.what();
+  }
+}
+
+void OutputWriter::Run() {
+  milliseconds delay = settings.minDelay;
+  for (bool hasFailed = false;; hasFailed = true) {
+    std::optional<OutputSession> session;
+    session.emplace(
+        settings.session, *video_, counters,
+        OutputSession::Owner{
+            recording_ ? &*recording_ : nullptr,
+            [this](const std::string& what) {
+              Tell([&](OutputObserver& observer) { observer.OutputSaid(settings.name, what); });
+            },
+            [this](const OutputSession& open, const std::string& file) { Opened(open, file); },
+            !recording_ && settings.live ? [this] { return queue.SkipToNewestKeyframe(); }
+                                         : std::function<bool()>(),
+            hasFailed ? settings.openAfter : 0});
+    const std::string reason = SetSession(&*session) ? RunSession(*session) : "stopped";
+    const bool goesOn = SetSession(nullptr) && settings.live && !failed;
+    if (reason.empty() || failed) {
+      return;
+    }
+    SetFailure(reason);
+    if (session->length() >= settings.maxDelay.count() * kMillisecond) {
+      delay = settings.minDelay;
+    }
+    // A consumer that serves one connection has room for the next one, and a disk for the next
+    // file.
+    session.reset();
+    Tell([&](OutputObserver& observer) {
+      observer.OutputFailed(settings.name, reason, goesOn ? std::optional(delay) : std::nullopt);
+    });
+    if (!goesOn || !queue.DiscardFor(delay)) {
+      break;
+    }
+    delay = std::min(delay * 2, settings.maxDelay);
+  }
+  failed = true;
+  queue.Abandon();
+}
+
+std::int64_t OutputWriter::FileBytes() {
+  const std::lock_guard guard(lock_);
+  return recording_ && session_ != nullptr ? session_->fileBytes() : 0;
+}
 
 Output::Output(Settings settings, ffmpeg::Parameters video, OutputObserver* observer,
                qorp::log::ILogPerf* logger)

@@ -9,7 +9,7 @@
 
 #include "host/output/output_session.h"
 #include "host/output/packet_queue.h"
-#include "host/output/recording_files.h"
+#include "host/output/recording.h"
 #include "log/i_log_perf.h"
 #include "platform/os/thread.h"
 

@@ -10,14 +10,12 @@
 #include <string>
 #include <vector>
 
+#include "host/feed/audio_encoder.h"
 #include "host/feed/audio_format.h"
-#include "host/output/audio_transcoder.h"
 #include "host/output/interleaver.h"
 #include "host/output/muxer.h"
 #include "host/output/packet_queue.h"
-#include "host/output/recording_files.h"
-#include "host/output/segment_cutter.h"
-#include "host/output/silent_tracks.h"
+#include "host/output/recording.h"
 
 namespace host {
 

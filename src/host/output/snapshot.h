@@ -1,11 +1,17 @@
-// Pictures of single frames.
+// PNG files of single frames.
 #pragma once
 
+#include <cmath>
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <span>
 
+#include "host/config/wall.h"
 #include "host/units.h"
+#include "platform/com/com_ptr.h"
+#include "platform/dshow/samples.h"
+#include "platform/os/mutex.h"
 
 namespace host {
 
@@ -15,5 +21,46 @@ namespace host {
 // Throws ffmpeg::Error, or std::filesystem::filesystem_error when the file cannot be written.
 void WriteSnapshot(const std::filesystem::path& file, std::span<const std::uint8_t> yv12, int width,
                    int height, Ratio pixelAspect = {1, 1});
+
+// The last frame, or the first one at or after a moment. Taken on the composition thread, written
+// by the application's; one lock.
+class SnapshotFrame {
+ public:
+  // at: seconds after the start.
+  explicit SnapshotFrame(std::optional<double> at) {
+    if (at.has_value()) {
+      at_ = static_cast<Time>(std::llround(*at * kSecond));
+    }
+  }
+
+  void Take(const ComPtr<IMediaSample>& frame, Time start) {
+    ComPtr<IMediaSample> former;  // released without the lock
+    const os::MutexLock guard(lock_);
+    if (!at_.has_value() || !frame_ || taken_ < *at_) {
+      former = frame_;
+      frame_ = frame;
+      taken_ = start;
+    }
+  }
+
+  // Throws when the file cannot be written; false when there never was a frame.
+  bool Write(const std::filesystem::path& file, const config::Canvas& canvas) {
+    const os::MutexLock guard(lock_);
+    BYTE* pixels = nullptr;
+    if (!frame_ || FAILED(frame_->GetPointer(&pixels))) {
+      return false;
+    }
+    WriteSnapshot(file, {pixels, static_cast<std::size_t>(frame_->GetActualDataLength())},
+                  canvas.width, canvas.height,
+                  PixelAspect(canvas.width, canvas.height, canvas.aspect));
+    return true;
+  }
+
+ private:
+  std::optional<Time> at_;
+  os::Mutex lock_;
+  ComPtr<IMediaSample> frame_ GUARDED_BY(lock_);
+  Time taken_ GUARDED_BY(lock_) = 0;
+};
 
 }  // namespace host

@@ -1,19 +1,58 @@
-// BackgroundSource: the wall's background and clock as a source filter.
+// BackgroundSource: the wall's background and clock as a source filter; FrameWatch: whether a frame
+// has left the composer.
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <vector>
 
 #include "host/feed/feed_pin.h"
-#include "host/session/frame_watch.h"
 #include "host/units.h"
 #include "platform/baseclasses/base_filter.h"
 #include "platform/os/thread.h"
 
 namespace host {
+
+// A frame is dealt with when it has come out of the composer, or when its buffer has come back
+// because the frame was dropped. One frame is watched at a time. The driver expects and waits; the
+// composition thread and whoever releases buffers report. Any thread may ask how long the frames
+// took.
+class FrameWatch {
+ public:
+  // From going into the composer to coming out of it.
+  struct Timing {
+    std::uint64_t frames = 0;
+    std::chrono::nanoseconds total{0};
+    std::chrono::nanoseconds longest{0};
+    std::chrono::nanoseconds mean() const {
+      return frames > 0 ? total / static_cast<std::int64_t>(frames) : total;
+    }
+  };
+
+  // buffer: the identity of the frame's buffer.
+  void Expect(const void* buffer, Time start);
+  void Delivered(Time start);
+  void Returned(const void* buffer);
+  // False when it takes longer than the limit.
+  bool Wait(std::chrono::milliseconds limit);
+  // Of the frames since it was asked last.
+  Timing TakeTiming();
+
+ private:
+  std::mutex lock_;
+  std::condition_variable done_;
+  const void* buffer_ = nullptr;  // guarded by lock_, as is all below
+  Time start_ = 0;
+  bool pending_ = false;
+  std::chrono::steady_clock::time_point expectedAt_;
+  Timing timing_;
+};
 
 // Sends copies of one picture, one for each frame of the wall, numbered from 0 and timestamped on
 // the grid of the frame rate. Either the owner sends every frame (SendFrame), or the filter has a

@@ -1,10 +1,12 @@
-// ComposerFilter: the composer as the host sees it.
+// The composer as the host sees it, and a window as the composer sees it.
 #pragma once
 
+#include <mutex>
 #include <string>
 
 #include "filter/i_compose_command.h"
 #include "host/units.h"
+#include "platform/baseclasses/unknown_base.h"
 #include "platform/com/com_ptr.h"
 #include "platform/graph/filter_registry.h"
 
@@ -50,6 +52,51 @@ class ComposerFilter {
  private:
   LoadedFilter loaded_;
   ComPtr<IComposeCommand> command_;
+};
+
+// The composer looks at the media type of a frame only in frames in which the window is shown,
+// and never again at a frame that it has released. So that it learns the size at whatever moment
+// the window is shown, the frames that are sent carry their type as long as the window is hidden
+// and until it has been shown without a break for some time; all others go without, because looking
+// at the types of a whole queue costs the composer time in every frame.
+//
+// Placed by the application's thread, asked by the composition thread and, about types, by the
+// channel's streaming thread; one lock.
+class WallWindow final : public CUnknown, public IComposeWindow {
+ public:
+  DECLARE_IUNKNOWN
+
+  struct Placement {
+    bool enabled = true;
+    int x = 0;  // canvas pixels
+    int y = 0;
+    std::string colour;  // of the label, in one of the composer's forms; empty: as it is
+    bool selected = false;
+  };
+
+  // frameRate: of the wall.
+  static ComPtr<WallWindow> Create(Placement placement, Ratio frameRate);
+  WallWindow(Placement placement, Ratio frameRate);
+
+  void Place(Placement placement);
+  Placement placement() const;
+  // Whether the next frame is to carry its media type.
+  bool WantsType() const;
+  // A frame has reached the composer: it knows the window's size once it has composed a frame in
+  // which the window is enabled. Until then nothing is selected.
+  void SetFrameSent();
+
+  HRESULT GetWindowState(BYTE* enabled, LONG* x, LONG* y, const char** colour,
+                         BYTE* selected) override;
+
+ private:
+  const int stableFrames_;
+  mutable std::mutex lock_;
+  Placement placement_;      // guarded by lock_
+  bool frameSent_ = false;   // guarded by lock_
+  int shownFrames_ = 0;      // guarded by lock_; in a row, with frames to be shown
+  bool sizeKnown_ = false;   // composition thread only
+  std::string askedColour_;  // composition thread only: what the last answer points to
 };
 
 }  // namespace host

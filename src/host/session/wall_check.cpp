@@ -15,7 +15,7 @@ extern "C" {
 #include "host/config/nearest_name.h"
 #include "host/config/url.h"
 #include "host/ffmpeg/error.h"
-#include "host/ffmpeg/pipe_output.h"
+#include "host/ffmpeg/outputs.h"
 #include "host/output/container.h"
 #include "host/output/video_encoder.h"
 #include "host/session/wall_files.h"

@@ -1,8 +1,12 @@
-// WallClock: the time of a running wall.
+// The time of a running wall, and the time of day that belongs to it.
 #pragma once
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <limits>
 #include <mutex>
+#include <string>
 
 #include "host/units.h"
 #include "platform/com/com_ptr.h"
@@ -43,6 +47,24 @@ class WallClock {
   bool running_ = false;  // guarded by lock_, as is all below
   Time base_ = 0;         // the reference clock's time at the wall's time 0
   Time stoppedAt_ = 0;
+};
+
+// Converts by the present difference between the wall's clock and the time of day: the latter is
+// set, the wall's may run at another rate, and stands still while the machine is suspended. The
+// difference that is used follows in steps, so that a text does not flicker between two seconds.
+// Any thread.
+class TimeOfDay {
+ public:
+  using SystemTime = std::chrono::system_clock::time_point;
+
+  // The local time "23:59:01"; with its date, "Nov 24 23:59:01", when that is not today's. now: the
+  // wall's time at the moment systemNow.
+  std::string Text(Time time, Time now, SystemTime systemNow);
+
+ private:
+  static constexpr std::int64_t kNone = std::numeric_limits<std::int64_t>::min();
+
+  std::atomic<std::int64_t> difference_{kNone};  // 100 ns since 1970 at the wall's time 0
 };
 
 }  // namespace host

@@ -8,7 +8,7 @@
 #include "host/config/file_pattern.h"
 #include "host/config/url.h"
 #include "host/ffmpeg/mask.h"
-#include "host/ffmpeg/pipe_output.h"
+#include "host/ffmpeg/outputs.h"
 
 namespace host {
 namespace {

@@ -7,7 +7,7 @@ extern "C" {
 }
 
 #include "host/channel/source/media_error.h"
-#include "host/feed/graph_error.h"
+#include "host/feed/feed_pin.h"
 #include "host/session/background_picture.h"
 #include "host/session/wall_outputs.h"
 #include "pins/streams.h"

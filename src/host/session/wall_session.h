@@ -10,15 +10,12 @@
 
 #include "host/channel/channel_source.h"
 #include "host/config/wall.h"
-#include "host/output/audio_sink.h"
-#include "host/output/composition_sink.h"
 #include "host/output/output_set.h"
+#include "host/output/sinks.h"
 #include "host/session/background_source.h"
 #include "host/session/composer_filter.h"
 #include "host/session/label_files.h"
-#include "host/session/time_of_day.h"
 #include "host/session/wall_clock.h"
-#include "host/session/wall_window.h"
 #include "platform/graph/filter_graph.h"
 
 namespace host {

@@ -7,7 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "host/cli/output_messages.h"
+#include "host/cli/wall_status.h"
 #include "tests/support/datagram_receiver.h"
 #include "tests/support/temporary_folder.h"
 
@@ -166,18 +166,23 @@ TEST_F(Messages, ContinueInANewFileWhenTheOldOneCannotBeContinued) {
 TEST_F(Messages, TellOfAChannelAndAnOutputWhenSomethingChanges) {
   Streams streams{out, err};
   MessageLog messages(streams, {});
+  JsonLines events(out, false);
+  std::vector<config::Channel> channels(2);
+  channels[0].name = "A";
+  channels[1].name = "B";
+  ChannelBoard board(channels, messages, events);
   OutputMessages outputs(messages);
   const std::chrono::milliseconds soon(250);
   MediaInfo info;
   info.format = "mpegts";
   info.video = VideoInfo{};
   for (int attempt = 0; attempt < 3; ++attempt) {
-    messages.ChannelFailed("A", "connection refused", soon);
+    board.ChannelFailed("A", "connection refused", soon);
     outputs.OutputFailed("a.mkv", "no space", soon);
   }
-  messages.ChannelOpened("B", info);
-  messages.ChannelOpened("A", info);
-  messages.ChannelFailed("A", "no data for 5 s", std::nullopt);
+  board.ChannelOpened("B", info);
+  board.ChannelOpened("A", info);
+  board.ChannelFailed("A", "no data for 5 s", std::nullopt);
   outputs.OutputOpened("a.mkv", "a-3.mkv", OutputObserver::Opening::kAgain);
   messages.Flush();
   EXPECT_THAT(err.str(), MatchesRegex(".{23} channel \"A\": connection refused; it is tried again\n"

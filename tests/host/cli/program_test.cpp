@@ -12,8 +12,8 @@
 
 #include "host/cli/check.h"
 #include "host/cli/demo.h"
+#include "host/cli/message_log.h"
 #include "host/cli/probe.h"
-#include "host/cli/progress_line.h"
 #include "host/cli/show_log.h"
 #include "log/logfile_sink.h"
 #include "tests/host/clips.h"

@@ -6,9 +6,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "host/cli/composer_log.h"
+#include "host/cli/message_log.h"
 #include "host/cli/program.h"
-#include "host/cli/render.h"
 #include "host/cli/run.h"
 #include "tests/support/recording_logger.h"
 #include "tests/support/temporary_folder.h"
@@ -69,7 +68,7 @@ TEST(RunPlan, RefusesWhatWouldLoseAFileOrMixTwoStreams) {
     std::ostringstream err;
     Program program({out, err});
     program.Add<RunOptions>("run", "", DefineRun, cli::Run);
-    program.Add<RenderOptions>("render", "", DefineRender, cli::Render);
+    program.Add<RunOptions>("render", "", DefineRender, cli::Render);
     std::vector<std::string> arguments = {c.command, wall};
     arguments.insert(arguments.end(), c.arguments.begin(), c.arguments.end());
     EXPECT_EQ(program.Run(arguments), ExitCode::kUsage) << c.said;

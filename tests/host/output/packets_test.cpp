@@ -10,7 +10,7 @@ extern "C" {
 
 #include "host/output/interleaver.h"
 #include "host/output/packet_queue.h"
-#include "host/output/transport_pacer.h"
+#include "host/output/transport_stream.h"
 
 namespace host {
 namespace {

@@ -12,7 +12,7 @@ extern "C" {
 
 #include "host/config/file_pattern.h"
 #include "host/ffmpeg/error.h"
-#include "host/output/recording_files.h"
+#include "host/output/recording.h"
 #include "tests/host/clips.h"
 #include "tests/host/output/output_session_fixture.h"
 #include "tests/support/temporary_folder.h"

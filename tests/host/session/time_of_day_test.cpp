@@ -1,9 +1,9 @@
-#include "host/session/time_of_day.h"
-
 #include <cstdlib>
 #include <ctime>
 
 #include <gtest/gtest.h>
+
+#include "host/session/wall_clock.h"
 
 namespace host {
 namespace {

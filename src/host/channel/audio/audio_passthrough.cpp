@@ -5,7 +5,7 @@ extern "C" {
 #include <libavutil/frame.h>
 }
 
-#include "host/feed/audio_kind.h"
+#include "host/feed/audio_format.h"
 #include "host/ffmpeg/error.h"
 
 namespace host {

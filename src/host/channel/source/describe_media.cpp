@@ -13,7 +13,7 @@ extern "C" {
 #include <libavutil/pixdesc.h>
 }
 
-#include "host/ffmpeg/printable.h"
+#include "host/ffmpeg/mask.h"
 #include "host/ffmpeg/time_unit.h"
 
 namespace host {

@@ -11,7 +11,7 @@ extern "C" {
 #include "host/channel/source/describe_media.h"
 #include "host/channel/source/media_reader.h"
 #include "host/ffmpeg/error.h"
-#include "host/ffmpeg/open_input.h"
+#include "host/ffmpeg/inputs.h"
 #include "host/ffmpeg/time_unit.h"
 
 namespace host {

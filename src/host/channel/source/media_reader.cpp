@@ -14,8 +14,8 @@ extern "C" {
 #include "host/channel/source/describe_media.h"
 #include "host/channel/source/http_source.h"
 #include "host/ffmpeg/error.h"
+#include "host/ffmpeg/inputs.h"
 #include "host/ffmpeg/mask.h"
-#include "host/ffmpeg/open_input.h"
 #include "host/ffmpeg/time_unit.h"
 
 namespace host {

@@ -26,9 +26,8 @@
 #include "host/config/wall.h"
 #include "host/ffmpeg/fragmented_input.h"
 #include "host/ffmpeg/handles.h"
+#include "host/ffmpeg/inputs.h"
 #include "host/ffmpeg/io_deadline.h"
-#include "host/ffmpeg/pipe_input.h"
-#include "host/ffmpeg/tapped_input.h"
 #include "host/units.h"
 
 namespace host {

@@ -9,7 +9,7 @@ extern "C" {
 }
 
 #include "host/ffmpeg/error.h"
-#include "host/ffmpeg/open_input.h"
+#include "host/ffmpeg/inputs.h"
 #include "host/ffmpeg/time_unit.h"
 
 namespace host {

@@ -1,4 +1,4 @@
-#include "host/cli/demo/clip_recipe.h"
+#include "host/cli/demo/clip_writer.h"
 
 namespace host {
 

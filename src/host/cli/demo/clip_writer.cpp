@@ -22,7 +22,6 @@ extern "C" {
 #include "host/output/muxer.h"
 
 namespace host {
-
 namespace {
 
 const AVCodec* FindEncoder(const std::string& name) {

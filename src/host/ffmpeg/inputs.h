@@ -1,4 +1,4 @@
-// TappedInput: a connection whose bytes go through somebody else's hands as they come.
+// How sources are opened and read where FFmpeg's own input is not enough.
 #pragma once
 
 #include <cstdint>
@@ -10,8 +10,40 @@
 
 #include "host/ffmpeg/handles.h"
 #include "host/ffmpeg/io_deadline.h"
+#include "platform/os/byte_stream.h"
 
 namespace host::ffmpeg {
+
+// name: path or URL. io: what is read in its place, null for none; outlives the context, as does
+// the deadline, which ends blocking calls. Takes out of the options what was used. Throws Error.
+InputFormat OpenInput(const std::string& name, AVIOContext* io, Options& options,
+                      IoDeadline& deadline);
+
+// FFmpeg reads files with calls that block, which is fine for a disk; a pipe that stays open and
+// silent would hold its reader indefinitely. This input waits for data and asks its deadline
+// meanwhile.
+//
+// Owned by its reader, and must outlive the format context that reads through io().
+class PipeInput {
+ public:
+  // Whether a source is a pipe, a device or the standard input ("-" or "pipe:").
+  static bool Serves(const std::string& source);
+
+  // Throws Error when the pipe cannot be opened.
+  PipeInput(const std::string& source, IoDeadline& deadline);
+  PipeInput(const PipeInput&) = delete;
+  PipeInput& operator=(const PipeInput&) = delete;
+
+  AVIOContext* io() const { return io_.get(); }
+
+ private:
+  static int ReadCallback(void* input, std::uint8_t* buffer, int size);
+  int Read(std::uint8_t* buffer, int size);
+
+  IoDeadline& deadline_;
+  os::ByteStream stream_;
+  CallbackIo io_;
+};
 
 // A demuxer tells less of its source than the source says. The tap sees every byte before the
 // demuxer does, and decides what the demuxer is to get.

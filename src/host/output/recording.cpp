@@ -1,4 +1,4 @@
-#include "host/output/recording_files.h"
+#include "host/output/recording.h"
 
 #include <cerrno>
 #include <filesystem>
