@@ -54,6 +54,12 @@ class WatchedPin final : public CInputPinWithDynamicMediaType {
     return onReceive();
   }
 
+  HRESULT GetAllocatorRequirements(ALLOCATOR_PROPERTIES* properties) override {
+    *properties = requirements;
+    return S_OK;
+  }
+
+  ALLOCATOR_PROPERTIES requirements{};
   std::function<HRESULT(const CMediaType&)> accepts = [](const CMediaType&) { return S_OK; };
   std::function<HRESULT()> onReceive = [] { return S_OK; };
   std::function<void()> meanwhile;  // done once, when the type has been set or read
@@ -198,6 +204,18 @@ TEST_F(DynamicInputPinTest, AnswersExceptionsWithResultCodes) {
   EXPECT_EQ(source_->Send(source_->NewSample(0, 1).Get()), VFW_E_SAMPLE_TIME_NOT_SET);
   pin().onReceive = []() -> HRESULT { throw std::bad_alloc(); };
   EXPECT_EQ(source_->Send(source_->NewSample(0, 1).Get()), E_FAIL);
+}
+
+TEST_F(DynamicInputPinTest, ChecksWhatAnAllocatorOffers) {
+  ALLOCATOR_PROPERTIES offered{4, 100, 1, 0};
+  ALLOCATOR_PROPERTIES actual{};
+  const ComPtr<IMemAllocator> allocator = CMemAllocator::Create();
+  allocator->SetProperties(&offered, &actual);
+  for (const auto& [buffers, bytes, answer] :
+       {std::tuple<LONG, LONG, HRESULT>{4, 100, S_OK}, {5, 100, E_FAIL}, {4, 101, E_FAIL}}) {
+    pin().requirements = {buffers, bytes, 1, 0};
+    EXPECT_EQ(pin().NotifyAllocator(allocator.Get(), FALSE), answer);
+  }
 }
 
 class ChangingPin final : public COutputPinWithDynamicMediaType {

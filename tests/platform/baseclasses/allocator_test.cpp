@@ -80,15 +80,26 @@ TEST_F(AllocatorTest, BlocksUntilASampleComesHome) {
 
 TEST_F(AllocatorTest, DecommitEndsAWait) {
   Set(1, 16);
-  ASSERT_EQ(allocator_->Commit(), S_OK);
-  const ComPtr<IMediaSample> first = Get();
-  auto waiting = std::async(std::launch::async, [&] {
-    ComPtr<IMediaSample> second;
-    return allocator_->GetBuffer(second.Put(), nullptr, nullptr, 0);
-  });
-  allocator_->Decommit();
-  ASSERT_EQ(waiting.wait_for(std::chrono::seconds(10)), std::future_status::ready);
-  EXPECT_EQ(waiting.get(), VFW_E_NOT_COMMITTED);
+  // Sooner or later after the wait has begun.
+  for (int round = 0; round < 50; ++round) {
+    ASSERT_EQ(allocator_->Commit(), S_OK);
+    ComPtr<IMediaSample> first = Get();
+    std::promise<void> started;
+    auto waiting = std::async(std::launch::async, [&] {
+      started.set_value();
+      ComPtr<IMediaSample> second;
+      return allocator_->GetBuffer(second.Put(), nullptr, nullptr, 0);
+    });
+    started.get_future().wait();
+    for (int i = 0; i < 10 * round; ++i) {
+      std::this_thread::yield();
+    }
+    allocator_->Decommit();
+    const std::future_status status = waiting.wait_for(std::chrono::seconds(10));
+    first.Reset();
+    ASSERT_EQ(status, std::future_status::ready) << "the wait has not ended";
+    EXPECT_EQ(waiting.get(), VFW_E_NOT_COMMITTED);
+  }
 }
 
 TEST_F(AllocatorTest, ASampleOutlivesDecommitAndTheLastReferenceToItsAllocator) {

@@ -83,12 +83,15 @@ TEST_F(PinConnectionTest, UsesThePeersAllocatorAndItsWishes) {
   source_->pin.types = {large_};
   source_->pin.wanted = {2, 100, 1, 0};
   sink_->pin.requirements = ALLOCATOR_PROPERTIES{6, 10, 16, 0};
+  sink_->pin.ownAllocator = CMemAllocator::Create();
   ASSERT_EQ(Connect(), S_OK);
   ALLOCATOR_PROPERTIES agreed{};
   source_->pin.HeldAllocator()->GetProperties(&agreed);
   EXPECT_EQ(agreed.cBuffers, 6);
   EXPECT_GE(agreed.cbBuffer, 100);
-  EXPECT_EQ(source_->pin.HeldAllocator(), sink_->pin.HeldAllocator());
+  EXPECT_EQ(source_->pin.HeldAllocator(), sink_->pin.ownAllocator);
+  EXPECT_EQ(sink_->pin.HeldAllocator(), sink_->pin.ownAllocator);
+  sink_->pin.ownAllocator.Reset();
 }
 
 TEST_F(PinConnectionTest, BringsAnAllocatorWhenThePeerHasNone) {

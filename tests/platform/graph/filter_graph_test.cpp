@@ -78,6 +78,7 @@ TEST_F(FilterGraphTest, EndsARunningGraphWithItsLastReference) {
   ASSERT_EQ(graph_->ConnectDirect(&source_->pin, &sink_->pin, nullptr), S_OK);
   ASSERT_EQ(graph_->Run(0), S_OK);
   EXPECT_EQ(graph_->RemoveFilter(sink_.Get()), VFW_E_NOT_STOPPED);
+  EXPECT_EQ(graph_->AddFilter(Sink::Create().Get(), u"late"), VFW_E_NOT_STOPPED);
 }  // the fixture counts what is left
 
 TEST_F(FilterGraphTest, QueuesEventsInOrderAndForgetsTheOldestOfTooMany) {

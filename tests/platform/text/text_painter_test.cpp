@@ -110,14 +110,20 @@ TEST_F(TextPainterTest, WhatDoesNotFitEndsInAnEllipsisOrIsCut) {
   TextPainting painting;
   painting.width = 10 * advance;
   painting.height = 52;  // two lines of 24 pixels
-  painting.text = u"first line second line third line";
+  painting.text = u"first li second line third line";
   const Picture wrapped = Paint(painter, painting);
   painting.wrap = false;
-  painting.text = u"first line\nsecond li…";
-  EXPECT_EQ(wrapped, Paint(painter, painting));
+  painting.text = u"first li\nsecond li…";
+  EXPECT_EQ(wrapped, Paint(painter, painting)) << "between words";
 
   painting.text = u"abcdefghijklmno";
   const Picture cut = Paint(painter, painting);
+  painting.wrap = true;
+  const Picture broken = Paint(painter, painting);
+  painting.wrap = false;
+  painting.text = u"abcdefghij\nklmno";
+  EXPECT_EQ(broken, Paint(painter, painting)) << "within a word that is too long";
+  painting.text = u"abcdefghijklmno";
   painting.width = 20 * advance;
   EXPECT_EQ(cut, Paint(painter, painting).Crop({0, 0, 10 * advance, 52}));
 }
