@@ -91,6 +91,10 @@ MediaInfo DescribeMedia(const AVFormatContext& input) {
   return info;
 }
 
+bool IsMp4(const AVFormatContext& input) {
+  return std::string_view(input.iformat->name).find("mp4") != std::string_view::npos;
+}
+
 VideoInfo DescribeVideo(AVFormatContext& input, AVStream& stream) {
   const AVCodecParameters& parameters = *stream.codecpar;
   VideoInfo info;

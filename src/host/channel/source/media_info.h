@@ -1,6 +1,7 @@
 // What a source carries and what comes out of it, as plain data.
 #pragma once
 
+#include <array>
 #include <memory>
 #include <optional>
 #include <string>
@@ -14,6 +15,14 @@
 namespace host {
 
 struct AudioFormat;
+
+// What of a source is shown and heard.
+enum class TrackKind { kVideo, kAudio };
+inline constexpr std::array<TrackKind, 2> kTrackKinds{TrackKind::kVideo, TrackKind::kAudio};
+
+inline const char* NameOf(TrackKind kind) {
+  return kind == TrackKind::kVideo ? "video" : "audio";
+}
 
 struct VideoInfo {
   int streamIndex = 0;
