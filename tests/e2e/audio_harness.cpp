@@ -12,7 +12,7 @@ extern "C" {
 #include <libavutil/frame.h>
 }
 
-#include "host/channel/audio/sample_planes.h"
+#include "host/channel/audio/level_meter.h"
 #include "host/ffmpeg/error.h"
 #include "host/ffmpeg/time_unit.h"
 #include "host/output/muxer.h"

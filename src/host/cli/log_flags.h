@@ -1,7 +1,7 @@
 // The options of a command about its log.
 #pragma once
 
-#include "host/config/log_options.h"
+#include "host/config/wall.h"
 
 namespace CLI {
 class App;

@@ -10,7 +10,7 @@
 #include "host/cli/program.h"
 #include "host/cli/progress_line.h"
 #include "host/cli/resolving_syslog.h"
-#include "host/config/log_options.h"
+#include "host/config/wall.h"
 #include "log/log_perf.h"
 #include "log/logfile_sink.h"
 #include "log/sinks.h"

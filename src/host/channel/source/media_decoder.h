@@ -8,7 +8,6 @@
 #include <optional>
 #include <utility>
 
-#include "host/channel/source/item_times.h"
 #include "host/channel/source/media_info.h"
 #include "host/channel/source/media_input.h"
 #include "host/channel/source/source_clock.h"

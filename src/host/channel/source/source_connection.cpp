@@ -1,16 +1,20 @@
 #include "host/channel/source/source_connection.h"
 
+#include <array>
 #include <chrono>
+#include <cstdint>
 #include <new>
+#include <span>
 #include <string_view>
 #include <utility>
 
 extern "C" {
 #include <libavformat/avformat.h>
+#include <libavformat/avio.h>
+#include <libavutil/error.h>
 }
 
 #include "host/channel/source/describe_media.h"
-#include "host/channel/source/http_source.h"
 #include "host/ffmpeg/error.h"
 #include "host/ffmpeg/mask.h"
 #include "host/ffmpeg/open_input.h"
@@ -21,6 +25,61 @@ namespace {
 // To see why a file on a server did not open in time.
 constexpr std::chrono::milliseconds kSecondLook{2000};
 constexpr const char* kSeekable = "seekable";
+constexpr std::size_t kBeginning = 4096;  // bytes
+constexpr std::size_t kMaxBoxHeader = 16;
+
+std::uint64_t BigEndian(std::span<const std::uint8_t> bytes) {
+  std::uint64_t number = 0;
+  for (const std::uint8_t byte : bytes) {
+    number = number << 8 | byte;
+  }
+  return number;
+}
+
+// Whether a source that did not open, with this AVERROR code, may open as a stream from its
+// beginning: some servers refuse a request for a range of bytes, others promise ranges and do not
+// keep to them.
+bool MayKnowNoRanges(int code) {
+  return code == AVERROR_HTTP_BAD_REQUEST || code == AVERROR_HTTP_OTHER_4XX ||
+         code == AVERROR_HTTP_SERVER_ERROR || code == AVERROR_INVALIDDATA;
+}
+
+// Whether the beginning of a file in the MP4 family shows that its data come before the index that
+// is needed to read them. Boxes: four bytes of size, four of type, and eight more of size where the
+// first says 1.
+bool DataComesFirst(std::span<const std::uint8_t> beginning) {
+  while (beginning.size() >= kMaxBoxHeader) {
+    std::uint64_t size = BigEndian(beginning.first(4));
+    const std::string_view type(reinterpret_cast<const char*>(beginning.data()) + 4, 4);
+    if (type == "mdat" || type == "moov") {
+      return type == "mdat";
+    }
+    if (size == 1) {
+      size = BigEndian(beginning.subspan(8, 8));
+    }
+    if (size < 8 || size > beginning.size()) {
+      return false;
+    }
+    beginning = beginning.subspan(static_cast<std::size_t>(size));
+  }
+  return false;
+}
+
+// The same of a file on a server that knows no byte ranges, from a connection of its own. False
+// when the deadline ends it first.
+bool ServesDataFirst(const std::string& url, ffmpeg::Options& options,
+                     ffmpeg::IoDeadline& deadline) {
+  const AVIOInterruptCB interrupt{&ffmpeg::IoDeadline::Callback, &deadline};
+  AVIOContext* opened = nullptr;
+  if (avio_open2(&opened, url.c_str(), AVIO_FLAG_READ, &interrupt, options.Exchange()) < 0) {
+    return false;
+  }
+  const ffmpeg::Connection connection(opened);
+  std::array<std::uint8_t, kBeginning> bytes{};
+  const int count = avio_read(connection.get(), bytes.data(), static_cast<int>(bytes.size()));
+  return count > 0 && (connection->seekable & AVIO_SEEKABLE_NORMAL) == 0 &&
+         DataComesFirst(std::span(bytes).first(static_cast<std::size_t>(count)));
+}
 
 std::string Seconds(std::chrono::milliseconds limit) {
   std::string text = std::to_string(limit.count() / 1000);

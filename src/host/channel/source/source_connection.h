@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "host/channel/source/media_error.h"
+#include "host/channel/source/media_info.h"
 #include "host/channel/source/pmt_monitor.h"
 #include "host/channel/source/rtp_receiver.h"
 #include "host/channel/source/source_address.h"
