@@ -9,7 +9,7 @@ extern "C" {
 #include <libavutil/frame.h>
 }
 
-#include "host/channel/audio/sample_planes.h"
+#include "host/channel/audio/level_meter.h"
 #include "host/config/value_text.h"
 #include "host/ffmpeg/error.h"
 #include "host/ffmpeg/time_unit.h"

@@ -10,9 +10,8 @@
 #include "host/channel/audio/level_meter.h"
 #include "host/channel/channel_source.h"
 #include "host/channel/item_placer.h"
-#include "host/channel/source/item_times.h"
 #include "host/channel/source/source_clock.h"
-#include "host/channel/video/rate_limiter.h"
+#include "host/channel/video/frame_converter.h"
 #include "host/session/composer_filter.h"
 #include "tools/simulation/simulated_source.h"
 

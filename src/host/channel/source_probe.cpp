@@ -9,7 +9,7 @@ extern "C" {
 #include <libavutil/pixdesc.h>
 }
 
-#include "host/channel/audio/sample_planes.h"
+#include "host/channel/audio/level_meter.h"
 #include "host/feed/audio_format.h"
 
 namespace host {

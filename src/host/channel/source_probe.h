@@ -6,7 +6,7 @@
 #include <string>
 
 #include "host/channel/source/media_reader.h"
-#include "host/channel/video/wide_colour.h"
+#include "host/channel/video/colour.h"
 
 namespace host {
 

@@ -8,7 +8,6 @@
 
 #include "host/channel/audio/audio_passthrough.h"
 #include "host/channel/audio/level_meter.h"
-#include "host/channel/audio/sample_planes.h"
 #include "host/channel/channel_settings.h"
 #include "host/channel/item_placer.h"
 #include "host/channel/source/media_reader.h"

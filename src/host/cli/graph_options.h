@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "host/config/log_options.h"
+#include "host/config/wall.h"
 
 namespace CLI {
 class App;

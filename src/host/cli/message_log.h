@@ -11,7 +11,7 @@
 
 #include "host/cli/program.h"
 #include "host/cli/resolving_syslog.h"
-#include "host/config/log_options.h"
+#include "host/config/wall.h"
 #include "host/ffmpeg/mask.h"
 #include "host/output/output.h"
 #include "log/i_log_perf.h"

@@ -7,7 +7,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "host/config/nearest_name.h"
+#include "host/config/diagnostics.h"
 #include "host/ffmpeg/mask.h"
 
 namespace host::cli {

@@ -9,7 +9,7 @@
 #include <optional>
 #include <string>
 
-#include "host/config/log_options.h"
+#include "host/config/wall.h"
 #include "log/i_log_sink.h"
 #include "log/sinks.h"
 #include "platform/os/thread.h"

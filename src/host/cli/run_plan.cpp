@@ -4,8 +4,8 @@
 #include <filesystem>
 #include <system_error>
 
-#include "host/config/file_pattern.h"
 #include "host/config/url.h"
+#include "host/config/value_text.h"
 #include "host/ffmpeg/mask.h"
 #include "host/ffmpeg/outputs.h"
 #include "host/output/container.h"

@@ -1,10 +1,12 @@
-// What is wrong with a file, and where.
+// What is wrong with a file, where, and what somebody meant to write.
 #pragma once
 
 #include <cstddef>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -51,5 +53,10 @@ class Diagnostics {
 const char* NameOf(Diagnostic::Severity severity);
 // "wall.toml:3:9: error: ...", the form that editors and build tools read.
 std::string ToText(const Diagnostic& diagnostic, const std::string& file);
+
+// The known name that the written one most resembles: a common other word for it ("fps" for
+// "frame_rate"), or one that a few slips away give; nothing when none is near.
+std::optional<std::string> NearestName(std::string_view written,
+                                       const std::vector<std::string>& known);
 
 }  // namespace host::config

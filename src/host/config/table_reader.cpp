@@ -4,7 +4,7 @@
 #include <cmath>
 #include <sstream>
 
-#include "host/config/nearest_name.h"
+#include "host/config/diagnostics.h"
 #include "host/config/value_text.h"
 
 namespace host::config {

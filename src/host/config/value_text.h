@@ -1,8 +1,10 @@
-// The forms in which a wall file writes values that are more than a number.
+// The forms in which a wall file writes values that are more than a number, file names included.
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 #include <optional>
+#include <string>
 #include <string_view>
 
 #include "host/config/wall.h"
@@ -42,5 +44,16 @@ bool IsLabelColour(std::string_view text);
 
 // "#RGB" or "#RRGGBB".
 std::optional<Rgb> ParseRgb(std::string_view text);
+
+// The conversions that a file name may hold, as strftime has them, and "%%" for a percent sign.
+inline constexpr const char* kPatternForms =
+    "%Y, %m, %d, %H, %M, %S, %j, %y, %F, %a, %b, and %% for a percent sign";
+
+// What is wrong with a pattern, as what follows its name in a sentence; none when nothing is.
+std::optional<std::string> PatternMistake(const std::string& pattern);
+// The name at that moment. The pattern has no mistake.
+std::string ExpandPattern(const std::string& pattern, const std::tm& time);
+// A path whose last part is a pattern, at this moment in local time.
+std::string ExpandFileName(const std::string& path);
 
 }  // namespace host::config

@@ -11,7 +11,7 @@ extern "C" {
 #include <libavutil/opt.h>
 }
 
-#include "host/config/nearest_name.h"
+#include "host/config/diagnostics.h"
 #include "host/config/url.h"
 
 namespace host {

@@ -9,7 +9,7 @@ extern "C" {
 #include <libavutil/error.h>
 }
 
-#include "host/config/file_pattern.h"
+#include "host/config/value_text.h"
 #include "host/ffmpeg/error.h"
 
 namespace host {

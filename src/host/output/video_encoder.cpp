@@ -13,7 +13,7 @@ extern "C" {
 #include <libavutil/opt.h>
 }
 
-#include "host/config/nearest_name.h"
+#include "host/config/diagnostics.h"
 #include "host/ffmpeg/error.h"
 #include "host/ffmpeg/time_unit.h"
 

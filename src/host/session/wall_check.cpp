@@ -11,9 +11,9 @@ extern "C" {
 #include <libavutil/opt.h>
 }
 
-#include "host/config/file_pattern.h"
-#include "host/config/nearest_name.h"
+#include "host/config/diagnostics.h"
 #include "host/config/url.h"
+#include "host/config/value_text.h"
 #include "host/ffmpeg/error.h"
 #include "host/ffmpeg/outputs.h"
 #include "host/output/container.h"

@@ -5,8 +5,8 @@
 #include <string_view>
 #include <system_error>
 
-#include "host/config/file_pattern.h"
 #include "host/config/url.h"
+#include "host/config/value_text.h"
 #include "host/ffmpeg/mask.h"
 #include "host/ffmpeg/outputs.h"
 

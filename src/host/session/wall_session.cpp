@@ -6,7 +6,7 @@ extern "C" {
 #include <libavcodec/packet.h>
 }
 
-#include "host/channel/source/media_error.h"
+#include "host/channel/source/media_info.h"
 #include "host/feed/feed_pin.h"
 #include "host/session/background_picture.h"
 #include "host/session/wall_outputs.h"

@@ -9,11 +9,11 @@
 #include <gtest/gtest.h>
 
 #include "host/channel/alarm_monitor.h"
+#include "host/channel/channel_ingest.h"
 #include "host/channel/channel_life.h"
 #include "host/channel/channel_queue.h"
 #include "host/channel/live_timeline.h"
-#include "host/channel/reopen_delay.h"
-#include "host/channel/source/video_watch.h"
+#include "host/channel/source/media_reader.h"
 #include "host/channel/video/frame_meter.h"
 
 namespace host {

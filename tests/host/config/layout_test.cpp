@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "host/config/nearest_name.h"
+#include "host/config/diagnostics.h"
 #include "host/config/value_text.h"
 
 namespace host::config {

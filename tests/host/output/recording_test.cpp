@@ -10,7 +10,7 @@ extern "C" {
 #include <libavformat/avio.h>
 }
 
-#include "host/config/file_pattern.h"
+#include "host/config/value_text.h"
 #include "host/ffmpeg/error.h"
 #include "host/output/recording.h"
 #include "tests/host/clips.h"

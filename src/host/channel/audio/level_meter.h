@@ -1,4 +1,4 @@
-// Measures how loud a channel is, once for each frame of the canvas.
+// LevelMeter: how loud a channel is, once for each frame of the canvas.
 #pragma once
 
 #include <array>
@@ -6,11 +6,28 @@
 #include <functional>
 #include <optional>
 #include <span>
+#include <vector>
 
 #include "host/feed/alarm_record.h"
 #include "host/units.h"
 
+struct AVFrame;
+
 namespace host {
+
+// SamplePlanes: the samples of a frame as planes of floats. Layout and rate stay those of the
+// source: nothing is mixed or resampled, so a level that is measured here is that of the source's
+// own channel. Keeps its buffers from call to call; one thread.
+class SamplePlanes {
+ public:
+  // For each channel a plane of frame.nb_samples floats, full scale at -1 and 1; valid until the
+  // next call. Empty for a sample format that is not known.
+  std::span<const float* const> Convert(const AVFrame& frame);
+
+ private:
+  std::vector<float> samples_;
+  std::vector<const float*> planes_;
+};
 
 // The level of a reading is the greatest magnitude of a sample within the frame's time; the peak is
 // the greatest level of the hold time, after which it falls by a fixed rate until a level reaches

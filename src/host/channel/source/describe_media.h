@@ -17,11 +17,12 @@ namespace host {
 // Container, length, service name and all audio tracks; which video and audio are used is left
 // open.
 MediaInfo DescribeMedia(const AVFormatContext& input);
+// Whether its container is of the MP4 family.
+bool IsMp4(const AVFormatContext& input);
 VideoInfo DescribeVideo(AVFormatContext& input, AVStream& stream);
 AudioInfo DescribeAudio(const AVStream& stream);
 
-// A frame that a file carries for its list of contents: no video, although FFmpeg counts it as
-// some.
+// Cover art of a file: FFmpeg counts it as video, but it is none.
 bool IsCoverArt(const AVStream& stream);
 
 // Index of the best video stream, or a negative AVERROR.

@@ -1,19 +1,45 @@
-// What a source carries and what comes out of it, as plain data.
+// What a source carries, what comes out of it, and why it fails, as plain data.
 #pragma once
 
+#include <array>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <variant>
 #include <vector>
 
-#include "host/channel/source/orientation.h"
 #include "host/ffmpeg/handles.h"
 #include "host/units.h"
+#include "util/exceptions.h"
 
 namespace host {
 
 struct AudioFormat;
+
+// One of the eight that keep the edges of a frame upright or level: mirrored left to right first,
+// then turned clockwise.
+struct Orientation {
+  int rotation = 0;  // degrees: 0, 90, 180 or 270
+  bool mirrored = false;
+
+  // Its width becomes its height.
+  bool swapsSides() const { return rotation % 180 != 0; }
+  bool operator==(const Orientation&) const = default;
+};
+
+// The one nearest to a display matrix of nine numbers (libavutil/display.h), of which only the
+// signs and the order of size count; upright where they say nothing. matrix may be null.
+Orientation OrientationOf(const std::int32_t* matrix);
+
+// What of a source is shown and heard.
+enum class TrackKind { kVideo, kAudio };
+inline constexpr std::array<TrackKind, 2> kTrackKinds{TrackKind::kVideo, TrackKind::kAudio};
+
+inline const char* NameOf(TrackKind kind) {
+  return kind == TrackKind::kVideo ? "video" : "audio";
+}
 
 struct VideoInfo {
   int streamIndex = 0;
@@ -96,5 +122,31 @@ struct AudioSamples {
 struct EndOfMedia {};
 
 using MediaItem = std::variant<DecodedFrame, AudioPacket, AudioSamples, EndOfMedia>;
+
+class MediaError : public TavrelException {
+ public:
+  enum class Kind {
+    kNotFound,   // no such file
+    kNotMedia,   // opened, but nothing that FFmpeg knows
+    kNoStreams,  // neither video nor audio that can be decoded
+    kTimedOut,   // no data within the limit
+    kCancelled,  // the reader was told to stop
+    kFailed,     // anything else: refused, unreachable, broken connection, ...
+  };
+
+  // reason: one short sentence without the source, fit for a slate. source: masked already.
+  MediaError(Kind kind, std::string reason, const std::string& source)
+      : kind_(kind), reason_(std::move(reason)), message_("\"" + source + "\": " + reason_) {}
+
+  Kind kind() const { return kind_; }
+  const std::string& reason() const { return reason_; }
+  // The source in quotes and the reason.
+  const char* what() const noexcept override { return message_.c_str(); }
+
+ private:
+  Kind kind_;
+  std::string reason_;
+  std::string message_;
+};
 
 }  // namespace host

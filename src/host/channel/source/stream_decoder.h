@@ -5,12 +5,94 @@
 #include <functional>
 #include <optional>
 
-#include "host/channel/source/keyframe_gate.h"
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/frame.h>
+}
+
 #include "host/ffmpeg/handles.h"
+#include "host/units.h"
 
 struct AVStream;
 
 namespace host {
+
+// A decoder that begins in the middle of a GOP makes frames from references that it never had, and
+// fills those with grey. Nothing is shown before the first keyframe, nor what the decoder itself
+// calls corrupt before then.
+//  - Most decoders mark the frames that are keyframes.
+//  - The one for H.264 holds its frames back by itself, also for streams that are refreshed slice
+//  by
+//    slice and have recovery points but no keyframes: frames from the first packet on that decoding
+//    can begin with are good.
+//  - Other codecs are judged by their packets in the same way.
+// Streams that have neither keyframes nor recovery points are refreshed all the same: after
+// kMaxWait of them (or kMaxPackets, when their timestamps stand still) everything is shown.
+//
+// Owned by one decoder; its thread.
+class KeyframeGate {
+ public:
+  static constexpr Time kMaxWait = 12 * kSecond;  // keyframes are up to ten seconds apart
+  static constexpr int kMaxPackets = 1500;
+
+  explicit KeyframeGate(AVCodecID codec) : marksKeyframes_(MarksKeyframes(codec)) {}
+
+  // The next packet is unrelated to those before it.
+  void Close() { *this = KeyframeGate(marksKeyframes_); }
+  // Before the packet is decoded.
+  void Packet(const AVPacket& packet) {
+    if (open_) {
+      return;
+    }
+    const std::int64_t time = packet.dts != AV_NOPTS_VALUE ? packet.dts : packet.pts;
+    first_ = packets_ == 0 ? time : first_;
+    ++packets_;
+    std::int64_t waited = 0;
+    const bool isAbsurd = __builtin_sub_overflow(time, first_, &waited);
+    isOverdue_ = packets_ >= kMaxPackets || isAbsurd || waited >= kMaxWait;
+    if (!key_ && (packet.flags & AV_PKT_FLAG_KEY) != 0) {
+      key_ = packet.pts != AV_NOPTS_VALUE ? packet.pts : time;
+    }
+  }
+  // Whether the frame may be shown.
+  bool Lets(const AVFrame& frame) {
+    if (!open_) {
+      const bool isGood = frame.key_frame != 0 || (!marksKeyframes_ && key_.has_value() &&
+                                                   frame.best_effort_timestamp >= *key_);
+      open_ = isOverdue_ || (isGood && (frame.flags & AV_FRAME_FLAG_CORRUPT) == 0);
+    }
+    return open_;
+  }
+
+  // Packets come, but none that decoding could begin with.
+  bool waits() const { return !open_ && packets_ > 0 && !key_ && !isOverdue_; }
+  bool isOverdue() const { return !open_ && isOverdue_; }
+
+ private:
+  explicit KeyframeGate(bool marksKeyframes) : marksKeyframes_(marksKeyframes) {}
+
+  static bool MarksKeyframes(AVCodecID codec) {
+    switch (codec) {
+      case AV_CODEC_ID_HEVC:
+      case AV_CODEC_ID_MPEG1VIDEO:
+      case AV_CODEC_ID_MPEG2VIDEO:
+      case AV_CODEC_ID_MPEG4:
+      case AV_CODEC_ID_VP8:
+      case AV_CODEC_ID_VP9:
+      case AV_CODEC_ID_AV1:
+        return true;
+      default:
+        return false;
+    }
+  }
+
+  bool marksKeyframes_;
+  bool open_ = false;
+  bool isOverdue_ = false;
+  int packets_ = 0;
+  std::int64_t first_ = 0;           // decoding time of the first packet
+  std::optional<std::int64_t> key_;  // time of the first that decoding can begin with
+};
 
 // Decodes packets whose timestamps are in units of 100 ns; frames have the same unit. A damaged
 // packet is counted and skipped, as a monitor must: it never ends the stream. Frames of video begin

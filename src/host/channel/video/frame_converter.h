@@ -1,25 +1,84 @@
-// Makes the frames of a source into the frames of its window.
+// FrameConverter: the frames of a source as the frames of its window.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <span>
 #include <string>
 
 #include "host/channel/source/media_info.h"
-#include "host/channel/video/colour_matrix.h"
+#include "host/channel/video/colour.h"
 #include "host/channel/video/frame_filter.h"
-#include "host/channel/video/frame_fit.h"
-#include "host/channel/video/rate_limiter.h"
-#include "host/channel/video/wide_colour.h"
 #include "host/config/wall.h"
 #include "host/ffmpeg/handles.h"
 #include "host/units.h"
 
 namespace host {
+
+// In pixels of the window; all four are even.
+struct FitRect {
+  int x = 0;
+  int y = 0;
+  int width = 0;
+  int height = 0;
+
+  bool operator==(const FitRect&) const = default;
+};
+
+// The largest centred rectangle in a window (even size, at least 2x2) that shows a frame of
+// width x height samples, each of the shape pictureAspect, undistorted on canvas pixels of the
+// shape canvasAspect. A frame that misses the window by two pixels or less fills it: bars that
+// thin look like faults.
+FitRect FitFrame(int width, int height, Ratio pictureAspect, int windowWidth, int windowHeight,
+                 Ratio canvasAspect);
+
+// Of a source that is faster than the canvas one frame passes for each frame of the canvas: the
+// one nearest to it, which is the one that the composer would choose among all. Frames start at
+// multiples of their length, so whoever places the source on the wall's clock shifts it by whole
+// frames. The length of the source's own frames is learnt from its timestamps; a source of the
+// canvas's rate or slower passes whole, in spite of jitter. No lock: one thread.
+class RateLimiter {
+ public:
+  explicit RateLimiter(Ratio canvasRate)
+      : rate_(canvasRate), period_(FrameDuration(canvasRate)), step_(period_) {}
+
+  // Times never decrease, except after Restart.
+  bool Pass(Time start) {
+    if (started_) {
+      step_ += (std::min(start - last_, period_) - step_) / 4;
+    }
+    const std::int64_t frame = NearestFrame(start, rate_);
+    const bool slow = step_ >= period_ * 9 / 10;
+    const bool nearest = frame > served_ && start - FrameStart(frame, rate_) >= -step_ / 2;
+    const bool passes = !started_ || slow || nearest;
+    started_ = true;
+    last_ = start;
+    if (passes) {
+      served_ = std::max(served_, frame);
+    }
+    return passes;
+  }
+
+  // The next frame passes.
+  void Restart() {
+    started_ = false;
+    served_ = std::numeric_limits<std::int64_t>::min();
+  }
+
+ private:
+  const Ratio rate_;
+  const Time period_;
+  Time step_;  // from frame to frame of the source, at most the period
+  bool started_ = false;
+  Time last_ = 0;
+  std::int64_t served_ =
+      std::numeric_limits<std::int64_t>::min();  // frame of the latest one passed
+};
 
 // Every frame that comes out has exactly the size of the window, whatever comes in, so that a
 // source that changes its format never moves anything on the wall: the source's frame is

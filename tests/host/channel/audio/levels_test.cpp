@@ -10,7 +10,6 @@ extern "C" {
 }
 
 #include "host/channel/audio/level_meter.h"
-#include "host/channel/audio/sample_planes.h"
 #include "host/ffmpeg/handles.h"
 
 namespace host {

@@ -13,7 +13,7 @@ extern "C" {
 #include <libavutil/display.h>
 }
 
-#include "host/channel/video/colour_matrix.h"
+#include "host/channel/video/colour.h"
 #include "tests/support/frames.h"
 
 namespace host {

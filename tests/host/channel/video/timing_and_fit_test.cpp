@@ -4,8 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "host/channel/video/frame_fit.h"
-#include "host/channel/video/rate_limiter.h"
+#include "host/channel/video/frame_converter.h"
 #include "host/units.h"
 
 namespace host {

@@ -1,0 +1,91 @@
+// MediaDecoder: makes items of the packets of a source's tracks.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <optional>
+#include <utility>
+
+#include "host/channel/source/media_info.h"
+#include "host/channel/source/media_input.h"
+#include "host/channel/source/source_clock.h"
+#include "host/channel/source/stream_decoder.h"
+#include "host/ffmpeg/handles.h"
+#include "host/units.h"
+
+namespace host {
+
+// Brings the timestamps of all packets onto one clock that starts near 0 and continues through
+// wraps, jumps and repeats (SourceClock), decodes them and gives the items in the order of the
+// source: decoded frames, compressed audio packets, and after each packet its decoded samples.
+//
+// Owned and called by one reader on its thread.
+class MediaDecoder {
+ public:
+  // Both outlive the decoder.
+  MediaDecoder(const MediaSettings& settings, const MediaInput& input)
+      : settings_(settings), input_(input) {}
+
+  // Once the input is open.
+  void StartClock();
+  // Starts the track of that kind, which reads that stream. frameDuration: for frames that do not
+  // give theirs; 0 for audio. Throws ffmpeg::Error when there is no decoder for it.
+  void Start(TrackKind kind, const AVStream& stream, Time frameDuration);
+  // The track continues with another stream of the input. Throws MediaError.
+  void Replace(TrackKind kind, const AVStream& stream);
+  bool has(TrackKind kind) const { return track(kind).has_value(); }
+  Time frameDuration(TrackKind kind) const { return track(kind)->frameDuration; }
+
+  // A packet of the stream that the track reads, in the units of its stream. duration: 0 when not
+  // known. Throws MediaError when what comes can no longer be decoded.
+  void Decode(TrackKind kind, ffmpeg::Packet packet, Time duration);
+  // The source is at its end: takes out what the decoders still hold.
+  void Drain();
+  // The source begins again.
+  void Restart();
+
+  bool empty() const { return ready_.empty(); }
+  MediaItem Take();
+  // Frames or audio packets were given since the source began.
+  bool hasGiven() const { return hasGiven_; }
+  // Frames were given since the last call.
+  bool TakeFrameGiven() { return std::exchange(frameGiven_, false); }
+  // Video comes, but its first keyframe is still to come.
+  bool awaitsKeyframe() const;
+  // Of the source, damaged packets that the decoders skipped.
+  std::uint64_t damagedPackets() const;
+
+ private:
+  struct Track {
+    std::size_t clockStream = 0;
+    std::optional<StreamDecoder> decoder;
+    Time frameDuration = 0;
+    std::optional<Orientation> orientation;  // as its frames say
+    ItemTimes times;
+    std::int64_t jumps = 0;  // of its timestamps
+  };
+
+  std::optional<Track>& track(TrackKind kind) { return tracks_[static_cast<std::size_t>(kind)]; }
+  const std::optional<Track>& track(TrackKind kind) const {
+    return tracks_[static_cast<std::size_t>(kind)];
+  }
+  void MakeDecoder(Track& track, const AVStream& stream);
+  void DecodeVideo(Track& track, const AVPacket& packet);
+  void DecodeAudio(Track& track, const AVPacket& packet);
+  void GiveFrame(Track& track, ffmpeg::Frame frame);
+  void GivePacket(Track& track, const AVPacket& packet, bool discontinuity);
+  void GiveSamples(Track& track, ffmpeg::Frame frame);
+  Orientation OrientationOf(Track& track, const AVFrame& frame) const;
+
+  const MediaSettings& settings_;
+  const MediaInput& input_;
+  std::optional<SourceClock> clock_;
+  std::array<std::optional<Track>, kTrackKinds.size()> tracks_;  // by TrackKind
+  std::deque<MediaItem> ready_;                                  // what one packet gave, at most
+  bool hasGiven_ = false;
+  bool frameGiven_ = false;
+};
+
+}  // namespace host

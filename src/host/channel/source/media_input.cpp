@@ -1,0 +1,389 @@
+#include "host/channel/source/media_input.h"
+
+#include <algorithm>
+#include <exception>
+#include <iterator>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+}
+
+#include "host/channel/source/describe_media.h"
+#include "host/ffmpeg/error.h"
+#include "host/ffmpeg/inputs.h"
+#include "host/ffmpeg/time_unit.h"
+
+namespace host {
+
+int OrdinalOf(const AVFormatContext& input, int index) {
+  const AVMediaType kind = input.streams[index]->codecpar->codec_type;
+  return static_cast<int>(
+      std::count_if(input.streams, input.streams + index,
+                    [&](const AVStream* other) { return other->codecpar->codec_type == kind; }));
+}
+
+namespace {
+
+bool IsAt(const AVFormatContext& input, int index, const ReplacementInput::Position& position) {
+  return input.streams[index]->codecpar->codec_type == position.kind &&
+         OrdinalOf(input, index) == position.ordinal;
+}
+
+// What nobody reads is not fetched.
+void DiscardOthers(AVFormatContext& input,
+                   const std::vector<ReplacementInput::Position>& positions) {
+  for (unsigned i = 0; i < input.nb_streams; ++i) {
+    const bool isRead = std::any_of(positions.begin(), positions.end(), [&](const auto& position) {
+      return IsAt(input, static_cast<int>(i), position);
+    });
+    input.streams[i]->discard = isRead ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
+  }
+}
+
+}  // namespace
+
+struct ReplacementInput::State {
+  Settings settings;
+  std::shared_ptr<ffmpeg::IoDeadline> deadline = std::make_shared<ffmpeg::IoDeadline>();
+  std::optional<Opened> opened{};
+};
+
+ReplacementInput::ReplacementInput(Settings settings)
+    : state_(std::make_shared<State>(State{std::move(settings)})),
+      thread_([state = state_] { Run(*state); }, "successor") {}
+
+ReplacementInput::~ReplacementInput() {
+  if (state_->deadline) {
+    state_->deadline->Cancel();
+  }
+}
+
+std::optional<ReplacementInput::Opened> ReplacementInput::Take() {
+  state_->deadline.reset();  // goes with what was opened
+  return std::exchange(state_->opened, std::nullopt);
+}
+
+void ReplacementInput::Run(State& state) {
+  const Settings& settings = state.settings;
+  try {
+    Opened opened{state.deadline, nullptr, {}};
+    ffmpeg::Options options;
+    for (const auto& [key, value] : settings.options) {
+      options.Set(key.c_str(), value);
+    }
+    opened.deadline->Arm(settings.limit);
+    opened.input = ffmpeg::OpenInput(settings.name, nullptr, options, *opened.deadline);
+    DiscardOthers(*opened.input, settings.positions);
+    for (bool reached = false; !reached;) {
+      ffmpeg::Packet packet = ffmpeg::MakePacket();
+      ffmpeg::Check(av_read_frame(opened.input.get(), packet.get()), "cannot read");
+      const AVStream& stream = *opened.input->streams[packet->stream_index];
+      const std::optional<Time> time = ffmpeg::ToTime(packet->dts, stream.time_base);
+      for (const Position& position : settings.positions) {
+        if (time && *time > position.latest && IsAt(*opened.input, stream.index, position)) {
+          opened.packets.push_back(std::move(packet));
+          reached = &position == &settings.positions.front();
+          break;
+        }
+      }
+    }
+    opened.deadline->Disarm();
+    state.opened = std::move(opened);
+  } catch (const std::exception&) {
+    // The first one is read on.
+  }
+}
+
+namespace {
+
+// A replacement begins with the oldest segment of a list: the reader is somewhere in it.
+constexpr const char* kFirstSegment = "live_start_index";
+constexpr const char* kOldest = "-1000";
+
+bool HasSegments(const AVFormatContext& input) {
+  const std::string_view name = input.iformat->name;
+  return name == "hls" || name == "dash";
+}
+
+// In the form that MP4 has, with a configuration of its own before the packets.
+bool IsFromMp4(const AVStream& stream) {
+  const AVCodecParameters& parameters = *stream.codecpar;
+  const bool isVideo =
+      parameters.codec_id == AV_CODEC_ID_H264 || parameters.codec_id == AV_CODEC_ID_HEVC;
+  return !isVideo || (parameters.extradata_size > 0 && parameters.extradata[0] == 1);
+}
+
+}  // namespace
+
+MediaInput::MediaInput(const MediaSettings& settings)
+    : settings_(settings), connection_(settings_, [this] { return ChangedKind().has_value(); }) {}
+
+void MediaInput::Open() {
+  if (repeats()) {
+    file_ = ReadFileState();
+  }
+  input_ = connection_.Open();
+  headerEnd_ = input_->pb != nullptr ? avio_tell(input_->pb) : 0;
+  // FFmpeg renders any text file as a terminal would; here it is a wrong path.
+  if (std::string_view(input_->iformat->name) == "tty") {
+    connection_.FailFor(AVERROR_INVALIDDATA, true);
+  }
+  const int result = avformat_find_stream_info(input_.get(), nullptr);
+  if (result < 0 || connection_.deadline().cancelled()) {
+    connection_.FailFor(result, true);
+  }
+  connection_.deadline().Disarm();
+  kind_ = DescribeMedia(*input_).kind;
+}
+
+// The index of a file in the MP4 family came behind the data, which cannot be gone back to. A
+// server may have promised that they can.
+bool MediaInput::LiesBehindItsData() const {
+  if (input_->pb == nullptr ||
+      ((input_->pb->seekable & AVIO_SEEKABLE_NORMAL) != 0 && !connection_.address().isHttp()) ||
+      !IsMp4(*input_)) {
+    return false;
+  }
+  for (unsigned i = 0; i < input_->nb_streams; ++i) {
+    const AVIndexEntry* const first = avformat_index_get_entry(input_->streams[i], 0);
+    if (first != nullptr && first->pos < headerEnd_) {
+      return true;
+    }
+  }
+  return false;
+}
+
+void MediaInput::Select(TrackKind kind, int index) {
+  std::optional<Selected>& selected = selected_[static_cast<std::size_t>(kind)];
+  if (!selected) {
+    selected.emplace();
+  }
+  selected->index = index;
+  input_->streams[index]->discard = AVDISCARD_DEFAULT;
+}
+
+AVStream& MediaInput::stream(TrackKind kind) const {
+  return *input_->streams[selected(kind)->index];
+}
+
+std::optional<TrackKind> MediaInput::KindOf(int index) const {
+  for (const TrackKind kind : kTrackKinds) {
+    if (selected(kind) && selected(kind)->index == index) {
+      return kind;
+    }
+  }
+  return std::nullopt;
+}
+
+std::optional<TrackKind> MediaInput::ChangedKind() const {
+  for (const TrackKind kind : kTrackKinds) {
+    // Of a transport stream a stream's id is its PID.
+    if (selected(kind) && connection_.HasChanged(stream(kind).id)) {
+      return kind;
+    }
+  }
+  return std::nullopt;
+}
+
+MediaInput::Outcome MediaInput::Read(ffmpeg::Packet& packet, bool isUnused) {
+  if (connection_.deadline().cancelled()) {
+    connection_.FailFor(AVERROR_EXIT, false);
+  }
+  canGoOn_ = false;
+  if (AdoptReplacement()) {
+    return Outcome::kReplaced;
+  }
+  if (!pending_.empty()) {
+    packet = std::move(pending_.front());
+    pending_.pop_front();
+    return Outcome::kPacket;
+  }
+  connection_.deadline().Arm(Milliseconds(settings_.options.readLimit));
+  const int result = av_read_frame(input_.get(), packet.get());
+  if (result >= 0) {
+    silences_ = 0;
+    WatchIndex();
+    return Outcome::kPacket;
+  }
+  return result == AVERROR(EAGAIN) ? Outcome::kNothing : HandleFailure(result, isUnused);
+}
+
+MediaInput::Outcome MediaInput::HandleFailure(int code, bool isUnused) {
+  if (const std::optional<TrackKind> changed = ChangedKind()) {
+    Fail(MediaError::Kind::kFailed,
+         std::string("its ") + NameOf(*changed) + " has changed its form");
+  }
+  // The demuxer may have given what it still had since the call that was ended.
+  const bool wasEnded = connection_.deadline().expired() || code == AVERROR_EXIT;
+  if (wasEnded && !connection_.deadline().cancelled() && connection_.ReceiveOn()) {
+    ++silences_;
+    canGoOn_ = silences_ <= kMaxSilences;
+    connection_.FailFor(code, false);
+  }
+  silences_ = 0;
+  if (code == AVERROR_EOF && connection_.fragments() && connection_.fragments()->ended()) {
+    Exchange(connection_.OpenAtNextFragment());
+    return Outcome::kReplaced;
+  }
+  if (isUnused && !connection_.deadline().ShouldStop() && LiesBehindItsData()) {
+    connection_.FailForItsIndex();
+  }
+  // Containers report the end of a connection that broke as an ordinary end.
+  if (code != AVERROR_EOF || connection_.deadline().expired() ||
+      connection_.deadline().cancelled()) {
+    connection_.FailFor(code, false);
+  }
+  if (input_->pb != nullptr && input_->pb->error < 0 && input_->pb->error != AVERROR_EOF) {
+    connection_.FailFor(input_->pb->error, false);
+  }
+  return Outcome::kEnd;
+}
+
+void MediaInput::CheckUnchanged() const {
+  const std::optional<FileState> now = ReadFileState();
+  if (file_ && now && *now != *file_) {
+    Fail(MediaError::Kind::kFailed, "the file was written again");
+  }
+}
+
+std::optional<MediaInput::FileState> MediaInput::ReadFileState() const {
+  constexpr std::string_view kScheme = "file:";
+  const std::string_view name = connection_.address().name();
+  const std::filesystem::path path = name.substr(name.starts_with(kScheme) ? kScheme.size() : 0);
+  std::error_code failure;
+  if (connection_.address().isRemote() || !std::filesystem::is_regular_file(path, failure)) {
+    return std::nullopt;
+  }
+  FileState state;
+  state.written = std::filesystem::last_write_time(path, failure);
+  if (!failure) {
+    state.size = std::filesystem::file_size(path, failure);
+  }
+  return failure ? std::nullopt : std::optional(state);
+}
+
+void MediaInput::Rewind() {
+  // A transport stream has no index: its beginning is found by position, not by time.
+  const bool byPosition = (input_->iformat->flags & AVFMT_TS_DISCONT) != 0;
+  const Time start = input_->start_time != AV_NOPTS_VALUE ? input_->start_time : 0;
+  int result = byPosition ? av_seek_frame(input_.get(), -1, 0, AVSEEK_FLAG_BYTE)
+                          : av_seek_frame(input_.get(), -1, start, AVSEEK_FLAG_BACKWARD);
+  if (result < 0) {
+    result = av_seek_frame(input_.get(), -1, byPosition ? start : 0,
+                           byPosition ? AVSEEK_FLAG_BACKWARD : AVSEEK_FLAG_BYTE);
+  }
+  if (result < 0) {
+    Fail(MediaError::Kind::kFailed, "cannot begin again: " + ffmpeg::ErrorText(result));
+  }
+}
+
+// FFmpeg's demuxer of MP4 keeps an index entry of every packet.
+void MediaInput::WatchIndex() {
+  ++packetsOfInput_;
+  if (kind_ == SourceKind::kFile || replacement_) {
+    return;
+  }
+  if (connection_.fragments()) {
+    for (const TrackKind kind : kTrackKinds) {
+      if (selected(kind) &&
+          avformat_index_get_entries_count(&stream(kind)) >= settings_.maxIndexEntries) {
+        connection_.fragments()->EndBeforeNextFragment();
+      }
+    }
+    return;
+  }
+  const TrackKind first = selected(TrackKind::kVideo) ? TrackKind::kVideo : TrackKind::kAudio;
+  if (packetsOfInput_ >= settings_.maxIndexEntries && selected(first)->latest &&
+      HasSegments(*input_) && IsFromMp4(stream(first))) {
+    OpenReplacement();
+  }
+}
+
+void MediaInput::OpenReplacement() {
+  ReplacementInput::Settings settings;
+  settings.name = connection_.address().name();
+  settings.options = connection_.address().OpenOptions(settings_.options.options);
+  if (input_->iformat->name == std::string_view("hls")) {
+    settings.options[kFirstSegment] = kOldest;
+  }
+  for (const TrackKind kind : kTrackKinds) {
+    if (selected(kind) && selected(kind)->latest) {
+      settings.positions.push_back({stream(kind).codecpar->codec_type,
+                                    OrdinalOf(*input_, selected(kind)->index),
+                                    *selected(kind)->latest});
+    }
+  }
+  replacement_.emplace(std::move(settings));
+}
+
+bool MediaInput::AdoptReplacement() {
+  if (!replacement_ || !replacement_->ready()) {
+    return false;
+  }
+  std::optional<ReplacementInput::Opened> opened = replacement_->Take();
+  replacement_.reset();
+  packetsOfInput_ = 0;
+  if (!opened) {
+    return false;  // tried again when as many packets have come
+  }
+  opened->deadline->Follow(connection_.deadline());
+  for (std::optional<Selected>& each : selected_) {
+    if (each) {
+      each->resumeAfter = each->latest;
+    }
+  }
+  Exchange(std::move(opened->input));
+  inputDeadline_ = std::move(opened->deadline);
+  std::move(opened->packets.begin(), opened->packets.end(), std::back_inserter(pending_));
+  return true;
+}
+
+int MediaInput::StreamIn(const AVFormatContext& input, TrackKind kind) const {
+  const AVStream& now = stream(kind);
+  const int ordinal = OrdinalOf(*input_, now.index);
+  for (int i = 0; i < static_cast<int>(input.nb_streams); ++i) {
+    const AVCodecParameters& other = *input.streams[i]->codecpar;
+    if (other.codec_type == now.codecpar->codec_type && OrdinalOf(input, i) == ordinal &&
+        other.codec_id == now.codecpar->codec_id) {
+      return i;
+    }
+  }
+  Fail(MediaError::Kind::kFailed, "its streams have changed");
+}
+
+void MediaInput::Exchange(ffmpeg::InputFormat next) {
+  for (unsigned i = 0; i < next->nb_streams; ++i) {
+    next->streams[i]->discard = AVDISCARD_ALL;
+  }
+  for (const TrackKind kind : kTrackKinds) {
+    if (selected(kind)) {
+      const int index = StreamIn(*next, kind);
+      next->streams[index]->discard = AVDISCARD_DEFAULT;
+      selected_[static_cast<std::size_t>(kind)]->index = index;
+    }
+  }
+  input_ = std::move(next);
+  inputDeadline_.reset();
+  headerEnd_ = input_->pb != nullptr ? avio_tell(input_->pb) : 0;
+  packetsOfInput_ = 0;
+  ++exchanges_;
+}
+
+bool MediaInput::IsRepeated(TrackKind kind, const AVPacket& packet) {
+  Selected& selected = *selected_[static_cast<std::size_t>(kind)];
+  const std::optional<Time> dts = ffmpeg::ToTime(packet.dts, stream(kind).time_base);
+  if (selected.resumeAfter && dts && *dts <= *selected.resumeAfter) {
+    return true;
+  }
+  selected.resumeAfter.reset();
+  if (dts) {
+    selected.latest = dts;
+  }
+  return false;
+}
+
+}  // namespace host

@@ -1,0 +1,96 @@
+// SourceConnection: opens the demuxer of a source over the right protocol.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/channel/source/media_info.h"
+#include "host/channel/source/pmt_monitor.h"
+#include "host/channel/source/rtp_receiver.h"
+#include "host/channel/source/source_address.h"
+#include "host/config/wall.h"
+#include "host/ffmpeg/fragmented_input.h"
+#include "host/ffmpeg/handles.h"
+#include "host/ffmpeg/io_deadline.h"
+#include "host/ffmpeg/inputs.h"
+
+namespace host {
+
+// How a source is read.
+struct MediaSettings {
+  std::string source;  // path or URL; "-": the standard input
+  config::ChannelOptions options;
+  // Is shown in a live wall: a fast probe, and a file is repeated if its options say so.
+  bool live = false;
+  bool wantVideo = true;
+  bool decodeAudio = true;  // false: packets only
+  // The demuxer of a live source that keeps an index entry of every packet, about 50 bytes each,
+  // is replaced after that many packets of a stream.
+  int maxIndexEntries = 200'000;
+};
+
+// Decides by the address what is under the demuxer:
+//
+//   pipe             PipeInput, FragmentedInput
+//   datagrams        TappedInput: RTP in order, PMT monitor
+//   endless HTTP     TappedInput, FragmentedInput
+//   everything else  FFmpeg's own protocols
+//
+// and explains what fails. Owned by a MediaInput, whose demuxers it outlives; its thread, but for
+// the deadline's Cancel.
+class SourceConnection {
+ public:
+  // settings outlive the connection. isChanged: asked after each block of a transport stream; the
+  // stream ends there when a stream that is read has changed its form.
+  SourceConnection(const MediaSettings& settings, std::function<bool()> isChanged);
+
+  // Within the open limit. Throws MediaError.
+  ffmpeg::InputFormat Open();
+  // Of fragmented MP4 that has ended before a fragment: another demuxer, which continues with that
+  // one. Throws MediaError.
+  ffmpeg::InputFormat OpenAtNextFragment();
+  // Datagrams that did not come within the limit: the next call receives on. False when there is a
+  // connection that may have broken.
+  bool ReceiveOn();
+
+  // Throw an error about this source: one that says all, one for a call that ended with an AVERROR
+  // code, and one about a file of the MP4 family that cannot be sought in.
+  [[noreturn]] void Fail(MediaError::Kind kind, const std::string& reason) const;
+  [[noreturn]] void FailFor(int code, bool opening) const;
+  [[noreturn]] void FailForItsIndex() const;
+
+  const SourceAddress& address() const { return address_; }
+  ffmpeg::IoDeadline& deadline() { return deadline_; }
+  // None unless the source may be fragmented MP4.
+  std::optional<ffmpeg::FragmentedInput>& fragments() { return fragments_; }
+  // Whether the PMT first announced the stream of that PID in another form.
+  bool HasChanged(int pid) const { return programs_.HasChanged(pid); }
+  const std::vector<std::string>& unknownOptions() const { return unknownOptions_; }
+
+ private:
+  // Throw ffmpeg::Error, or MediaError with more to say.
+  ffmpeg::InputFormat OpenSource();
+  ffmpeg::InputFormat OpenTapped();
+  ffmpeg::InputFormat OpenOtherRtp();
+  ffmpeg::InputFormat OpenHttp();
+  ffmpeg::InputFormat OpenDemuxer(AVIOContext* io, const SourceAddress::Options& wanted);
+  ffmpeg::InputFormat OpenDemuxer(AVIOContext* io, ffmpeg::Options& options);
+  void SetOptions(ffmpeg::Options& options, const SourceAddress::Options& wanted) const;
+  std::optional<ffmpeg::TappedInput::Bytes> Tap(ffmpeg::TappedInput::Bytes bytes);
+
+  const MediaSettings& settings_;
+  const std::string maskedSource_;
+  const SourceAddress address_;
+  const std::function<bool()> isChanged_;
+  ffmpeg::IoDeadline deadline_;
+  std::optional<ffmpeg::PipeInput> pipe_;             // what is under the demuxer
+  std::optional<ffmpeg::TappedInput> connection_;     // or that
+  RtpReceiver rtp_;                                   // for its datagrams
+  PmtMonitor programs_;                               // for all that comes over it
+  std::optional<ffmpeg::FragmentedInput> fragments_;  // of either
+  std::vector<std::string> unknownOptions_;
+};
+
+}  // namespace host

@@ -1,0 +1,226 @@
+#include "host/channel/source/media_input.h"
+
+#include <fstream>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "host/channel/source/media_reader.h"
+#include "tests/host/clips.h"
+#include "tests/support/http_server.h"
+#include "tests/support/pipe.h"
+#include "tests/support/temporary_folder.h"
+
+namespace host {
+namespace {
+
+// The kind of failure and the reason; none when the source opens.
+std::optional<std::pair<MediaError::Kind, std::string>> OpenFailure(
+    MediaReader::Settings settings) {
+  MediaReader reader(std::move(settings));
+  try {
+    reader.Open();
+  } catch (const MediaError& error) {
+    return std::make_pair(error.kind(), error.reason());
+  }
+  return {};
+}
+
+void ExpectSteady(const std::vector<DecodedFrame>& pictures, Time tolerance) {
+  for (std::size_t i = 1; i < pictures.size(); ++i) {
+    EXPECT_NEAR(static_cast<double>(pictures[i].start - pictures[i - 1].start), 400'000,
+                static_cast<double>(tolerance))
+        << i;
+  }
+}
+
+TEST(MediaInput, SaysWhyASourceCannotBeOpened) {
+  const TemporaryFolder folder;
+  using Kind = MediaError::Kind;
+  WriteWholeFile(folder / "notes.txt", std::string(5000, 'x'));
+  WriteWholeFile(folder / "empty.mp4", "");
+  const std::string whole = ReadWholeFile(Write(SmallClip(), folder / "whole.mp4"));
+  WriteWholeFile(folder / "cut.mp4", whole.substr(0, whole.size() / 2));
+  for (const auto& [name, kind] : {std::pair("nothing.mp4", Kind::kNotFound),
+                                   {"notes.txt", Kind::kNotMedia},
+                                   {"empty.mp4", Kind::kNotMedia},
+                                   {"cut.mp4", Kind::kNotMedia},
+                                   {".", Kind::kFailed}}) {
+    EXPECT_EQ(OpenFailure(Source(folder / name))->first, kind) << name;
+  }
+  MediaReader::Settings settings = Source(folder / "whole.mp4");
+  settings.wantVideo = false;
+  settings.options.audio.track = 3;
+  EXPECT_EQ(
+      OpenFailure(settings),
+      std::pair(Kind::kNoStreams, std::string("nothing to show: video is switched off, and it "
+                                              "has no audio track 3 (of 1)")));
+}
+
+TEST(MediaInput, ReadsFilesOfServersThatKnowNoByteRangesAsStreams) {
+  using Manner = HttpServer::Manner;
+  const TemporaryFolder folder;
+  ClipRecipe recipe = SmallClip();
+  recipe.length = 8 * kSecond;  // more than what is kept of the past
+  const std::string indexLast = ReadWholeFile(Write(recipe, folder / "last.mp4"));
+  recipe.containerOptions = {{"movflags", "+faststart"}};
+  const std::string indexFirst = ReadWholeFile(Write(recipe, folder / "first.mp4"));
+  const std::string remedy =
+      "its index comes behind its data, but it can only be read from its beginning: write it with "
+      "the index first (ffmpeg: -movflags +faststart) or use a server with byte ranges";
+  const auto failureOf = [](const std::string& url) {
+    MediaReader reader(Source(url));
+    try {
+      reader.Open();
+      EXPECT_EQ(ReadAll(reader).pictures.size(), 200U);
+      return std::string("none");
+    } catch (const MediaError& error) {
+      return error.reason();
+    }
+  };
+  for (const Manner manner :
+       {Manner::kIgnoresRanges, Manner::kPromisesRanges, Manner::kRefusesRanges}) {
+    const HttpServer plays(indexFirst, manner);
+    EXPECT_EQ(failureOf(plays.url()), "none") << static_cast<int>(manner);
+    const HttpServer cannot(indexLast, manner);
+    EXPECT_EQ(failureOf(cannot.url()), remedy) << static_cast<int>(manner);
+  }
+  const HttpServer large(indexLast, Manner::kStalls);
+  MediaReader::Settings settings = Source(large.url());
+  settings.options.openLimit = 300 * kMillisecond;
+  EXPECT_EQ(OpenFailure(settings)->second, remedy);
+}
+
+// FFmpeg's demuxer of MP4 remembers every packet: over months others take its place.
+TEST(MediaInput, ChangesTheDemuxerOfAnEndlessSourceWithoutAGap) {
+  const TemporaryFolder folder;
+  ClipRecipe recipe = SmallClip();
+  recipe.length = 12 * kSecond;
+  recipe.containerOptions = {{"movflags", "frag_keyframe+empty_moov+default_base_moof"}};
+  const std::string clip = ReadWholeFile(Write(recipe, folder / "a.mp4"));
+  recipe.containerOptions = {{"hls_segment_type", "fmp4"},
+                             {"hls_time", "1"},
+                             {"hls_list_size", "0"},
+                             {"hls_flags", "omit_endlist"}};
+  const std::filesystem::path list = Write(recipe, folder / "a.m3u8");
+  Pipe pipe(folder / "pipe");
+  // Times of pictures and packets, in their order.
+  const auto read = [](MediaReader& reader) {
+    std::vector<Time> times;
+    try {
+      reader.Open();
+      for (MediaItem item = reader.Read(); !std::holds_alternative<EndOfMedia>(item);
+           item = reader.Read()) {
+        if (const auto* const picture = std::get_if<DecodedFrame>(&item)) {
+          times.push_back(picture->start);
+          // A list is read as fast as it can be: the next demuxer has to come beside it.
+          std::this_thread::sleep_for(std::chrono::milliseconds(4));
+        } else if (const auto* const packet = std::get_if<AudioPacket>(&item)) {
+          times.push_back(packet->start);
+        }
+      }
+    } catch (const MediaError& error) {
+      EXPECT_EQ(error.kind(), MediaError::Kind::kTimedOut) << error.what();
+    }
+    return times;
+  };
+  for (const std::filesystem::path& source : {folder / "pipe", list}) {
+    MediaReader::Settings settings = Source(source);
+    settings.options.readLimit = 700 * kMillisecond;
+    settings.options.options = {{"live_start_index", "0"}};
+    std::vector<Time> expected;
+    for (const int most : {1'000'000, 60}) {
+      std::thread writing([&] {
+        if (source != list) {
+          std::ofstream(source, std::ios::binary) << clip;
+        }
+      });
+      settings.maxIndexEntries = most;
+      MediaReader reader(settings);
+      const std::vector<Time> times = read(reader);
+      writing.join();
+      EXPECT_EQ(reader.damagedPackets(), 0U);
+      if (expected.empty()) {
+        EXPECT_EQ(reader.exchanges(), 0U);
+        EXPECT_GE(times.size(), 298U + 560U);
+        expected = times;
+      } else {
+        EXPECT_GE(reader.exchanges(), source == list ? 1U : 2U) << source;
+        EXPECT_EQ(times, expected) << source;
+      }
+    }
+  }
+}
+
+TEST(MediaInput, BeginsAFileAgainWithoutAGapOnTheClock) {
+  const TemporaryFolder folder;
+  for (const char* name : {"a.mkv", "a.ts", "a.mp4"}) {
+    MediaReader::Settings settings = Source(Write(SmallClip(), folder / name));
+    settings.live = true;
+    MediaReader reader(settings);
+    reader.Open();
+    std::vector<DecodedFrame> pictures;
+    Time lastAudio = -kSecond;
+    while (pictures.size() < 80) {
+      MediaItem item = reader.Read();
+      if (auto* picture = std::get_if<DecodedFrame>(&item)) {
+        EXPECT_FALSE(picture->discontinuity);
+        pictures.push_back(std::move(*picture));
+      } else if (auto* packet = std::get_if<AudioPacket>(&item)) {
+        EXPECT_GE(packet->start, lastAudio);
+        lastAudio = packet->start;
+      }
+    }
+    EXPECT_EQ(reader.repeats(), 3U) << name;
+    // The audio may be longer than the picture by a packet: the file is as long as the longer.
+    ExpectSteady(pictures, 500'000);
+    EXPECT_NEAR(static_cast<double>(pictures.back().start), 79 * 400'000, 1'500'000) << name;
+  }
+}
+
+// Both fail, so that the source is opened again: what is there now may be another clip, or become
+// one.
+TEST(MediaInput, FailsForReopeningWhenARepeatedFileWasWrittenAgainOrGivesNothing) {
+  const TemporaryFolder folder;
+  const auto failure = [](const std::filesystem::path& file, const std::string& overwriteBy) {
+    MediaReader::Settings settings = Source(file);
+    settings.live = true;
+    MediaReader reader(settings);
+    reader.Open();
+    if (!overwriteBy.empty()) {
+      reader.Read();
+      WriteWholeFile(file, overwriteBy);
+    }
+    try {
+      // It may still give what was read ahead, of the former content.
+      for (int items = 0; items < 1000; ++items) {
+        if (std::holds_alternative<EndOfMedia>(reader.Read())) {
+          return std::string("ended");
+        }
+      }
+      return std::string("repeats");
+    } catch (const MediaError& error) {
+      return error.reason();
+    }
+  };
+  ClipRecipe longer = SmallClip();
+  longer.length = 3 * kSecond;
+  for (const std::string extension : {".ts", ".mkv", ".mp4"}) {
+    const std::string other = ReadWholeFile(Write(longer, folder / ("other" + extension)));
+    const auto file = folder / ("a" + extension);
+    for (const std::string& content : {other, std::string("no clip")}) {
+      const std::string reason = failure(Write(SmallClip(), file), content);
+      EXPECT_TRUE(reason != "ended" && reason != "repeats") << extension << " " << reason;
+    }
+  }
+  const std::string whole = ReadWholeFile(folder / "other.mkv");
+  WriteWholeFile(folder / "empty.mkv", whole.substr(0, whole.find("\x1F\x43\xB6\x75") + 12));
+  EXPECT_EQ(failure(folder / "empty.mkv", ""), "nothing in it can be read");
+}
+
+}  // namespace
+}  // namespace host
