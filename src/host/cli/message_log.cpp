@@ -109,20 +109,20 @@ MessageLog::Screen::Screen(Streams& streams, std::int32_t maxLevel)
 void MessageLog::Screen::Write(std::int32_t level, const qorp::log::LogTime& time,
                                const char* text) {
   if (level <= maxLevel_) {
-    const std::lock_guard guard(lock_);
+    const os::MutexLock guard(lock_);
     progress_.Wipe();
     console_.Write(level, time, text);
   }
 }
 
 void MessageLog::Screen::ShowProgress(const std::string& text) {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   // One column is the cursor's.
   progress_.Show(ffmpeg::Printable(text), std::max(os::ConsoleColumns(2), 2) - 1);
 }
 
 void MessageLog::Screen::WipeProgress() {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   progress_.Wipe();
 }
 
@@ -196,7 +196,7 @@ bool ComposerLog::BelongsToStart(const char* text) {
       sign != '-') {
     return false;
   }
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   return ++fixed_[channel] <= kFixesAtStart;
 }
 

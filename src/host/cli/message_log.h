@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <chrono>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -18,6 +17,7 @@
 #include "log/log_perf.h"
 #include "log/logfile_sink.h"
 #include "log/sinks.h"
+#include "platform/os/mutex.h"
 
 namespace host::cli {
 
@@ -93,9 +93,9 @@ class MessageLog {
 
    private:
     const std::int32_t maxLevel_;
-    std::mutex lock_;
-    qorp::log::console_sink console_;  // guarded by lock_
-    ProgressLine progress_;            // guarded by lock_
+    os::Mutex lock_;
+    qorp::log::console_sink console_ GUARDED_BY(lock_);
+    ProgressLine progress_ GUARDED_BY(lock_);
   };
   void RouteFfmpeg();
   void Configure(std::optional<qorp::log::recovering_logfile_sink>& sink,
@@ -119,7 +119,7 @@ class OutputMessages final : public OutputObserver {
                     std::optional<std::chrono::milliseconds> retryIn) override {
     const std::string text = reason + (retryIn.has_value() ? "; it is tried again" : "");
     {
-      const std::lock_guard guard(lock_);
+      const os::MutexLock guard(lock_);
       if (std::exchange(said_[output], text) == text) {
         return;
       }
@@ -129,7 +129,7 @@ class OutputMessages final : public OutputObserver {
   void OutputOpened(const std::string& output, const std::string& target,
                     Opening opening) override {
     {
-      const std::lock_guard guard(lock_);
+      const os::MutexLock guard(lock_);
       said_.erase(output);
     }
     const std::string written = target == output ? "" : "; written is " + target;
@@ -152,8 +152,8 @@ class OutputMessages final : public OutputObserver {
 
  private:
   MessageLog& messages_;
-  std::mutex lock_;
-  std::map<std::string, std::string> said_;  // guarded by lock_
+  os::Mutex lock_;
+  std::map<std::string, std::string> said_ GUARDED_BY(lock_);
 };
 
 // Hands everything on to another logger. A channel's first two frames always make the composer fix
@@ -179,8 +179,8 @@ class ComposerLog final : public qorp::log::ILogPerf {
   bool BelongsToStart(const char* text);
 
   qorp::log::ILogPerf& next_;
-  std::mutex lock_;
-  std::map<int, int> fixed_;  // guarded by lock_; how often each channel was
+  os::Mutex lock_;
+  std::map<int, int> fixed_ GUARDED_BY(lock_);  // how often each channel was
 };
 
 }  // namespace host::cli

@@ -41,9 +41,9 @@ ResolvingSyslog::ResolvingSyslog(config::Endpoint server, std::int32_t maxLevel,
 }
 
 ResolvingSyslog::~ResolvingSyslog() {
-  const std::lock_guard guard(state_->lock);
+  const os::MutexLock guard(state_->lock);
   state_->stopped = true;
-  state_->changed.notify_all();
+  state_->changed.NotifyAll();
 }
 
 void ResolvingSyslog::Write(std::int32_t level, const qorp::log::LogTime& time, const char* text) {
@@ -51,7 +51,7 @@ void ResolvingSyslog::Write(std::int32_t level, const qorp::log::LogTime& time, 
     return;
   }
   std::string line(ffmpeg::CutToBytes(text, room_));
-  const std::lock_guard guard(state_->lock);
+  const os::MutexLock guard(state_->lock);
   if (state_->sink) {
     state_->sink->Write(level, time, line.c_str());
     return;
@@ -65,7 +65,7 @@ void ResolvingSyslog::Write(std::int32_t level, const qorp::log::LogTime& time, 
 bool ResolvingSyslog::State::Resolve(std::string* failure) {
   try {
     os::DatagramSocket socket(server.host, server.port);
-    const std::lock_guard guard(lock);
+    const os::MutexLock guard(lock);
     sink.emplace(std::move(socket), os::HostName());
     for (const Message& message : std::exchange(waiting, {})) {
       sink->Write(message.level, message.time, message.text.c_str());
@@ -81,12 +81,15 @@ void ResolvingSyslog::State::ResolveUntilStopped() {
   seconds delay = kFirstDelay;
   std::string failure;
   while (!Resolve(&failure)) {
-    std::unique_lock guard(lock);
-    // Under the lock: whom it is reported to lives until it has set stopped.
+    const os::MutexLock guard(lock);
+    // Under the lock: the object that is reported to lives until it has set stopped.
     if (delay == kFirstDelay && !stopped) {
       report("syslog: " + failure + "; it is tried again");
     }
-    if (changed.wait_for(guard, delay, [this] { return stopped; })) {
+    const auto next = std::chrono::steady_clock::now() + delay;
+    while (!stopped && changed.WaitUntil(lock, next)) {
+    }
+    if (stopped) {
       return;
     }
     delay = std::min(delay * 2, kMaxDelay);

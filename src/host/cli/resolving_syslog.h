@@ -1,17 +1,16 @@
 // ResolvingSyslog: messages for a syslog server whose name may not be known yet.
 #pragma once
 
-#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
 #include "host/config/wall.h"
 #include "log/i_log_sink.h"
 #include "log/sinks.h"
+#include "platform/os/mutex.h"
 #include "platform/os/thread.h"
 
 namespace host::cli {
@@ -45,11 +44,11 @@ class ResolvingSyslog final : public qorp::log::ILogSink {
   struct State {
     config::Endpoint server;
     Report report;
-    std::mutex lock;
-    std::condition_variable changed;
-    bool stopped = false;         // guarded by lock, as is all below
-    std::deque<Message> waiting;  // until there is a sink
-    std::optional<qorp::log::syslog_sink> sink;
+    os::Mutex lock;
+    os::ConditionVariable changed;
+    bool stopped GUARDED_BY(lock) = false;
+    std::deque<Message> waiting GUARDED_BY(lock);  // until there is a sink
+    std::optional<qorp::log::syslog_sink> sink GUARDED_BY(lock);
 
     bool Resolve(std::string* failure);
     void ResolveUntilStopped();

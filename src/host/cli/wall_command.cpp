@@ -5,7 +5,6 @@
 #include <cmath>
 #include <cstdio>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <ostream>
 #include <utility>

@@ -303,7 +303,7 @@ AudioDescription Describe(const AudioFormat& format) {
 }
 
 std::shared_ptr<const AudioFormat> AudioTrack::Fix(std::shared_ptr<const AudioFormat> proposed) {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   if (!format_) {
     format_ = std::move(proposed);
     state_ = State::kFixed;
@@ -312,17 +312,17 @@ std::shared_ptr<const AudioFormat> AudioTrack::Fix(std::shared_ptr<const AudioFo
 }
 
 std::shared_ptr<const AudioFormat> AudioTrack::format() const {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   return format_;
 }
 
 AudioTrack::State AudioTrack::state() const {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   return state_;
 }
 
 void AudioTrack::Announce(bool hasAudio) {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   if (state_ != State::kFixed) {
     state_ = hasAudio ? State::kExpected : State::kSilent;
   }

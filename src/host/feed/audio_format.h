@@ -3,7 +3,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -14,6 +13,7 @@ extern "C" {
 #include "host/ffmpeg/handles.h"
 #include "host/units.h"
 #include "platform/baseclasses/mtype.h"
+#include "platform/os/mutex.h"
 
 struct AVPacket;
 
@@ -107,9 +107,9 @@ class AudioTrack {
   void Announce(bool hasAudio);
 
  private:
-  mutable std::mutex lock_;
-  std::shared_ptr<const AudioFormat> format_;  // guarded by lock_
-  State state_ = State::kUnknown;              // guarded by lock_
+  mutable os::Mutex lock_;
+  std::shared_ptr<const AudioFormat> format_ GUARDED_BY(lock_);
+  State state_ GUARDED_BY(lock_) = State::kUnknown;
 };
 
 }  // namespace host

@@ -3,7 +3,6 @@
 #include <array>
 #include <cstdarg>
 #include <memory>
-#include <mutex>
 #include <utility>
 
 extern "C" {
@@ -11,16 +10,17 @@ extern "C" {
 }
 
 #include "host/ffmpeg/mask.h"
+#include "platform/os/mutex.h"
 
 namespace host::ffmpeg {
 
 namespace {
 
-std::mutex sinkLock;
-std::shared_ptr<const LogSink> currentSink;  // guarded by sinkLock
+os::Mutex sinkLock;
+std::shared_ptr<const LogSink> currentSink GUARDED_BY(sinkLock);
 
 std::shared_ptr<const LogSink> Sink() {
-  const std::lock_guard<std::mutex> lock(sinkLock);
+  const os::MutexLock guard(sinkLock);
   return currentSink;
 }
 
@@ -78,7 +78,7 @@ void Callback(void* object, int level, const char* format, va_list arguments) {
 void RouteLog(LogLevel upTo, LogSink sink) {
   auto next = std::make_shared<const LogSink>(std::move(sink));
   {
-    const std::lock_guard<std::mutex> lock(sinkLock);
+    const os::MutexLock guard(sinkLock);
     currentSink.swap(next);
   }
   av_log_set_level(ToAvLevel(upTo));

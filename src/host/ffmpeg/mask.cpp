@@ -6,9 +6,10 @@
 #include <charconv>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <set>
 #include <vector>
+
+#include "platform/os/mutex.h"
 
 namespace host::ffmpeg {
 namespace {
@@ -212,15 +213,15 @@ struct LongestFirst {
     return a.size() != b.size() ? a.size() > b.size() : a < b;
   }
 };
-std::mutex secretsLock;
-std::set<std::string, LongestFirst>& Secrets() {  // guarded by secretsLock
+os::Mutex secretsLock;
+std::set<std::string, LongestFirst>& Secrets() REQUIRES(secretsLock) {
   static std::set<std::string, LongestFirst> secrets;
   return secrets;
 }
 
 void Remember(std::string_view secret) {
   constexpr std::size_t kMinLength = 4;  // bytes
-  const std::lock_guard guard(secretsLock);
+  const os::MutexLock guard(secretsLock);
   for (const std::string& form : {std::string(secret), Unescaped(secret)}) {
     if (form.size() >= kMinLength && form != kMask) {
       Secrets().insert(form);
@@ -229,7 +230,7 @@ void Remember(std::string_view secret) {
 }
 
 std::string WithoutSecrets(std::string text) {
-  const std::lock_guard guard(secretsLock);
+  const os::MutexLock guard(secretsLock);
   for (const std::string& secret : Secrets()) {
     for (std::size_t at = text.find(secret); at != std::string::npos;
          at = text.find(secret, at + kMask.size())) {

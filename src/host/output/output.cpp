@@ -42,7 +42,7 @@ class OutputWriter {
   // The observer and the logger are called with the lock of both held, and return at once.
   template <typename Call>
   void Tell(Call call) {
-    const std::lock_guard guard(contactsLock_);
+    const os::MutexLock guard(contactsLock_);
     if (observer_ != nullptr) {
       call(*observer_);
     }
@@ -74,15 +74,15 @@ class OutputWriter {
 
   const ffmpeg::Parameters video_;
   std::optional<RecordingFiles> recording_;  // the thread's own
-  std::mutex contactsLock_;
-  OutputObserver* observer_;     // guarded by contactsLock_; null once detached
-  qorp::log::ILogPerf* logger_;  // likewise; may be null
-  mutable std::mutex lock_;
-  std::string failure_;               // guarded by lock_
-  std::string encoderFailure_;        // guarded by lock_
-  std::string file_;                  // guarded by lock_
-  OutputSession* session_ = nullptr;  // guarded by lock_; what Cancel ends
-  bool cancelled_ = false;            // guarded by lock_
+  os::Mutex contactsLock_;
+  OutputObserver* observer_ GUARDED_BY(contactsLock_);     // null once detached
+  qorp::log::ILogPerf* logger_ GUARDED_BY(contactsLock_);  // likewise; may be null
+  mutable os::Mutex lock_;
+  std::string failure_ GUARDED_BY(lock_);
+  std::string encoderFailure_ GUARDED_BY(lock_);
+  std::string file_ GUARDED_BY(lock_);
+  OutputSession* session_ GUARDED_BY(lock_) = nullptr;  // what Cancel ends
+  bool cancelled_ GUARDED_BY(lock_) = false;
 };
 
 OutputWriter::OutputWriter(Output::Settings given, ffmpeg::Parameters video,
@@ -104,14 +104,14 @@ OutputWriter::OutputWriter(Output::Settings given, ffmpeg::Parameters video,
 
 void OutputWriter::NoteOverflow() {
   ++overflows;
-  const std::lock_guard guard(contactsLock_);
+  const os::MutexLock guard(contactsLock_);
   if (logger_ != nullptr) {
     logger_->NotifyBufferFull(settings.pin.c_str());
   }
 }
 
 void OutputWriter::Cancel() {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   cancelled_ = true;
   if (session_ != nullptr) {
     session_->Cancel();
@@ -119,7 +119,7 @@ void OutputWriter::Cancel() {
 }
 
 void OutputWriter::Detach() {
-  const std::lock_guard guard(contactsLock_);
+  const os::MutexLock guard(contactsLock_);
   observer_ = nullptr;
   logger_ = nullptr;
 }
@@ -145,7 +145,7 @@ void OutputWriter::Opened(const OutputSession& session, const std::string& file)
   }
   if (!file.empty()) {
     ++fileCount;
-    const std::lock_guard guard(lock_);
+    const os::MutexLock guard(lock_);
     file_ = file;
   }
   Tell([&](OutputObserver& observer) {
@@ -154,29 +154,29 @@ void OutputWriter::Opened(const OutputSession& session, const std::string& file)
 }
 
 std::string OutputWriter::file() const {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   return file_;
 }
 
 bool OutputWriter::SetSession(OutputSession* session) {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   session_ = session;
   return !cancelled_;
 }
 
 void OutputWriter::SetFailure(const std::string& reason) {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   failure_ = reason;
 }
 
 std::string OutputWriter::failure() const {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   return failure_.empty() ? encoderFailure_ : failure_;
 }
 
 void OutputWriter::EncoderFailed(const std::string& reason, std::optional<milliseconds> retryIn) {
   {
-    const std::lock_guard guard(lock_);
+    const os::MutexLock guard(lock_);
     encoderFailure_ = reason;
   }
   if (!retryIn) {
@@ -188,7 +188,7 @@ void OutputWriter::EncoderFailed(const std::string& reason, std::optional<millis
 
 void OutputWriter::EncoderRecovered() {
   {
-    const std::lock_guard guard(lock_);
+    const os::MutexLock guard(lock_);
     encoderFailure_.clear();
     if (!failure_.empty()) {
       return;  // reported when it is open
@@ -253,7 +253,7 @@ void OutputWriter::Run() {
 }
 
 std::int64_t OutputWriter::FileBytes() {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   return recording_ && session_ != nullptr ? session_->fileBytes() : 0;
 }
 

@@ -67,7 +67,7 @@ OutputSession::~OutputSession() {
 }
 
 void OutputSession::Cancel() {
-  const std::lock_guard guard(cancelLock_);
+  const os::MutexLock guard(cancelLock_);
   cancelled_ = true;
   if (muxer_) {
     muxer_->Cancel();
@@ -75,7 +75,7 @@ void OutputSession::Cancel() {
 }
 
 std::int64_t OutputSession::fileBytes() {
-  const std::lock_guard guard(cancelLock_);
+  const os::MutexLock guard(cancelLock_);
   return muxer_ ? muxer_->fileBytes() : 0;
 }
 
@@ -194,7 +194,7 @@ void OutputSession::Start() {
     hls->Apply(*muxer);
   }
   {
-    const std::lock_guard guard(cancelLock_);
+    const os::MutexLock guard(cancelLock_);
     std::swap(muxer_, muxer);  // the former one may have something to wait for at its end
     if (cancelled_) {
       opening->Cancel();

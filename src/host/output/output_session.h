@@ -5,7 +5,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -16,6 +15,7 @@
 #include "host/output/muxer.h"
 #include "host/output/packet_queue.h"
 #include "host/output/recording.h"
+#include "platform/os/mutex.h"
 
 namespace host {
 
@@ -115,9 +115,10 @@ class OutputSession {
   const Owner owner_;
   std::deque<TrackPacket> held_;
   std::optional<Time> firstFrame_;  // of those held
-  std::unique_ptr<Muxer> muxer_;    // exchanged under cancelLock_
-  std::mutex cancelLock_;
-  bool cancelled_ = false;  // guarded by cancelLock_
+  // Exchanged by the output's thread under cancelLock_, which others take to use it.
+  std::unique_ptr<Muxer> muxer_;
+  os::Mutex cancelLock_;
+  bool cancelled_ GUARDED_BY(cancelLock_) = false;
   std::string file_;        // that is written, or a playlist; empty where it is none
   bool isOneFile_ = false;  // ... and no playlist
   bool isNamed_ = false;    // the file has its name from the owner's files

@@ -24,13 +24,13 @@ bool PacketQueue::IsKey(const TrackPacket& packet) {
 
 bool PacketQueue::Full() const {
   return bytes_ >= limits_.bytes ||
-         (!pictures_.empty() && pictures_.back() - pictures_.front() >= limits_.span);
+         (!frames_.empty() && frames_.back() - frames_.front() >= limits_.span);
 }
 
 void PacketQueue::Add(TrackPacket packet) {
   bytes_ += BytesOf(packet);
   if (packet.track == TrackPacket::kVideo) {
-    pictures_.push_back(packet.packet->dts);
+    frames_.push_back(packet.packet->dts);
   }
   packets_.push_back(std::move(packet));
 }
@@ -39,7 +39,7 @@ void PacketQueue::Add(TrackPacket packet) {
 void PacketQueue::Forget(const TrackPacket& packet) {
   bytes_ -= BytesOf(packet);
   if (packet.track == TrackPacket::kVideo) {
-    pictures_.pop_front();
+    frames_.pop_front();
   }
 }
 
@@ -52,7 +52,7 @@ void PacketQueue::Clear() {
     Drop(packet);
   }
   packets_.clear();
-  pictures_.clear();
+  frames_.clear();
   bytes_ = 0;
 }
 
@@ -92,7 +92,7 @@ void PacketQueue::DropBefore(const TrackPacket& keyframe) {
 PacketQueue::Pushed PacketQueue::PushDropping(TrackPacket packet) {
   Pushed result = Pushed::kKept;
   {
-    const std::lock_guard guard(lock_);
+    const os::MutexLock guard(lock_);
     if (closed_) {
       Drop(packet);
       return Pushed::kKept;
@@ -110,57 +110,66 @@ PacketQueue::Pushed PacketQueue::PushDropping(TrackPacket packet) {
     }
     Add(std::move(packet));
   }
-  filled_.notify_one();
+  filled_.NotifyOne();
   return result;
 }
 
 bool PacketQueue::PushWaiting(TrackPacket packet) {
   {
-    std::unique_lock guard(lock_);
-    roomMade_.wait(guard, [&] { return closed_ || !Full(); });
+    const os::MutexLock guard(lock_);
+    while (!closed_ && Full()) {
+      roomMade_.Wait(lock_);
+    }
     if (closed_) {
       Drop(packet);
       return false;
     }
     Add(std::move(packet));
   }
-  filled_.notify_one();
+  filled_.NotifyOne();
   return true;
 }
 
 void PacketQueue::Push(TrackPacket packet) {
   {
-    const std::lock_guard guard(lock_);
+    const os::MutexLock guard(lock_);
     if (closed_) {
       Drop(packet);
       return;
     }
     Add(std::move(packet));
   }
-  filled_.notify_one();
+  filled_.NotifyOne();
 }
 
 bool PacketQueue::WaitForRoom(std::chrono::milliseconds limit) {
-  std::unique_lock guard(lock_);
-  return roomMade_.wait_for(guard, limit, [&] { return closed_ || !Full(); });
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  const os::MutexLock guard(lock_);
+  while (!closed_ && Full() && roomMade_.WaitUntil(lock_, deadline)) {
+  }
+  return closed_ || !Full();
 }
 
 std::optional<TrackPacket> PacketQueue::Pop() {
-  std::unique_lock guard(lock_);
-  filled_.wait(guard, [&] { return closed_ || !packets_.empty(); });
-  if (packets_.empty()) {
-    return std::nullopt;
+  TrackPacket packet;
+  {
+    const os::MutexLock guard(lock_);
+    while (!closed_ && packets_.empty()) {
+      filled_.Wait(lock_);
+    }
+    if (packets_.empty()) {
+      return std::nullopt;
+    }
+    packet = std::move(packets_.front());
+    packets_.pop_front();
+    Forget(packet);
   }
-  TrackPacket packet = std::move(packets_.front());
-  packets_.pop_front();
-  Forget(packet);
-  guard.unlock();
-  roomMade_.notify_all();
+  roomMade_.NotifyAll();
   return packet;
 }
 
 bool PacketQueue::SkipToNewestKeyframe() {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   const auto key = std::find_if(packets_.rbegin(), packets_.rend(), &PacketQueue::IsKey);
   if (key == packets_.rend()) {
     return false;
@@ -171,10 +180,11 @@ bool PacketQueue::SkipToNewestKeyframe() {
 
 bool PacketQueue::DiscardFor(std::chrono::milliseconds time) {
   const auto end = std::chrono::steady_clock::now() + time;
-  std::unique_lock guard(lock_);
+  const os::MutexLock guard(lock_);
   while (!closed_ && std::chrono::steady_clock::now() < end) {
     Clear();
-    filled_.wait_until(guard, end, [&] { return closed_ || !packets_.empty(); });
+    while (!closed_ && packets_.empty() && filled_.WaitUntil(lock_, end)) {
+    }
   }
   Clear();
   waitsForKey_ = true;
@@ -183,25 +193,25 @@ bool PacketQueue::DiscardFor(std::chrono::milliseconds time) {
 
 void PacketQueue::Close() {
   {
-    const std::lock_guard guard(lock_);
+    const os::MutexLock guard(lock_);
     closed_ = true;
   }
-  filled_.notify_all();
-  roomMade_.notify_all();
+  filled_.NotifyAll();
+  roomMade_.NotifyAll();
 }
 
 void PacketQueue::Abandon() {
   {
-    const std::lock_guard guard(lock_);
+    const os::MutexLock guard(lock_);
     closed_ = true;
     Clear();
   }
-  filled_.notify_all();
-  roomMade_.notify_all();
+  filled_.NotifyAll();
+  roomMade_.NotifyAll();
 }
 
 std::size_t PacketQueue::bytes() const {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   return bytes_;
 }
 

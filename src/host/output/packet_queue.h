@@ -3,16 +3,15 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <optional>
 
 #include "host/ffmpeg/handles.h"
 #include "host/units.h"
+#include "platform/os/mutex.h"
 
 namespace host {
 
@@ -54,8 +53,8 @@ struct TrackPacket {
 
 // Bounded by bytes and by the time of the video that waits. A full queue drops whole GOPs, the
 // oldest first, and the audio of that time: what is left always begins with a keyframe. Or, where
-// nothing may be lost, whoever fills the queue waits for room. What is dropped is counted for each
-// track.
+// nothing may be lost, the thread that fills the queue waits for room. What is dropped is counted
+// for each track.
 //
 // Filled by the encoder's thread and the channels' streaming threads, emptied by the output's
 // thread, closed by any; one lock.
@@ -79,7 +78,8 @@ class PacketQueue {
   Pushed PushDropping(TrackPacket packet);
   // Waits for room; false once the queue is closed.
   bool PushWaiting(TrackPacket packet);
-  // Adds it however full the queue is; for audio, where whoever drives the wall waits for room.
+  // Adds it however full the queue is; for audio, where the thread that drives the wall waits for
+  // room.
   void Push(TrackPacket packet);
   // Waits until the queue has room; false when that takes longer than the limit. A closed queue has
   // room: it takes nothing.
@@ -94,31 +94,31 @@ class PacketQueue {
 
   // No more packets come; those that wait are still popped.
   void Close();
-  // The same, and nobody pops any more.
+  // The same, and nothing is popped any more.
   void Abandon();
 
   std::size_t bytes() const;
 
  private:
   static bool IsKey(const TrackPacket& packet);
-  bool Full() const;
-  void Add(TrackPacket packet);
-  void Forget(const TrackPacket& packet);
+  bool Full() const REQUIRES(lock_);
+  void Add(TrackPacket packet) REQUIRES(lock_);
+  void Forget(const TrackPacket& packet) REQUIRES(lock_);
   void Drop(const TrackPacket& packet);
-  void DropOldestFrames();
-  void DropBefore(const TrackPacket& keyframe);
-  void Clear();
+  void DropOldestFrames() REQUIRES(lock_);
+  void DropBefore(const TrackPacket& keyframe) REQUIRES(lock_);
+  void Clear() REQUIRES(lock_);
 
   const Limits limits_;
   OutputCounters& counters_;
-  mutable std::mutex lock_;
-  std::condition_variable filled_;
-  std::condition_variable roomMade_;
-  std::deque<TrackPacket> packets_;  // guarded by lock_, as is all below
-  std::size_t bytes_ = 0;
-  std::deque<Time> pictures_;  // decoding times of the frames that wait
-  bool waitsForKey_ = false;   // after a drop that left no frame
-  bool closed_ = false;
+  mutable os::Mutex lock_;
+  os::ConditionVariable filled_;
+  os::ConditionVariable roomMade_;
+  std::deque<TrackPacket> packets_ GUARDED_BY(lock_);
+  std::size_t bytes_ GUARDED_BY(lock_) = 0;
+  std::deque<Time> frames_ GUARDED_BY(lock_);   // decoding times of the frames that wait
+  bool waitsForKey_ GUARDED_BY(lock_) = false;  // after a drop that left no frame
+  bool closed_ GUARDED_BY(lock_) = false;
 };
 
 }  // namespace host

@@ -105,10 +105,10 @@ PacedOutput::PacedOutput(ffmpeg::Connection connection, ffmpeg::IoDeadline& dead
 
 PacedOutput::~PacedOutput() {
   {
-    const std::lock_guard guard(lock_);
+    const os::MutexLock guard(lock_);
     ends_ = true;
   }
-  changed_.notify_all();
+  changed_.NotifyAll();
   thread_->Wait(os::kInfinite);
 }
 
@@ -119,12 +119,12 @@ int PacedOutput::OnWrite(void* output, std::uint8_t* bytes, int size) {
 int PacedOutput::Write(const std::uint8_t* bytes, int size) {
   partial_.insert(partial_.end(), bytes, bytes + size);
   {
-    std::unique_lock guard(lock_);
+    const os::MutexLock guard(lock_);
     while (error_ == 0 && pacer_.bytes() > kMaxBytes) {
       if (deadline_.ShouldStop()) {
         return AVERROR_EXIT;
       }
-      changed_.wait_for(guard, kCancelInterval);
+      changed_.WaitUntil(lock_, Clock::now() + kCancelInterval);
     }
     if (error_ != 0) {
       return error_;
@@ -136,44 +136,52 @@ int PacedOutput::Write(const std::uint8_t* bytes, int size) {
     }
     partial_.erase(partial_.begin(), partial_.begin() + static_cast<std::ptrdiff_t>(at));
   }
-  changed_.notify_all();
+  changed_.NotifyAll();
   return size;
 }
 
 int PacedOutput::Drain() {
-  std::unique_lock guard(lock_);
+  const os::MutexLock guard(lock_);
   while (error_ == 0 && (!pacer_.empty() || isSending_)) {
     if (deadline_.ShouldStop()) {
       return AVERROR_EXIT;
     }
-    changed_.wait_for(guard, kCancelInterval);
+    changed_.WaitUntil(lock_, Clock::now() + kCancelInterval);
   }
   return error_;
 }
 
+std::vector<std::uint8_t> PacedOutput::NextDatagram() {
+  const os::MutexLock guard(lock_);
+  while (!ends_ && (error_ != 0 || pacer_.empty())) {
+    changed_.Wait(lock_);
+  }
+  const Time due = pacer_.due();
+  while (!ends_ && due > Now() && changed_.WaitUntil(lock_, At(due))) {
+  }
+  if (ends_) {
+    return {};
+  }
+  isSending_ = true;
+  return pacer_.Take(packetsInOne_, std::max(due, Now() - kMillisecond));
+}
+
 void PacedOutput::Run() {
-  std::unique_lock guard(lock_);
   for (;;) {
-    changed_.wait(guard, [this] { return ends_ || (error_ == 0 && !pacer_.empty()); });
-    const Time due = pacer_.due();
-    if (!ends_ && due > Now()) {
-      changed_.wait_until(guard, At(due), [this] { return ends_; });
-    }
-    if (ends_) {
+    const std::vector<std::uint8_t> datagram = NextDatagram();
+    if (datagram.empty()) {
       return;
     }
-    const std::vector<std::uint8_t> datagram =
-        pacer_.Take(packetsInOne_, std::max(due, Now() - kMillisecond));
-    isSending_ = true;
-    guard.unlock();
     avio_write(connection_.get(), datagram.data(), static_cast<int>(datagram.size()));
     avio_flush(connection_.get());
     const int error = connection_->error;
     hasSent_ = hasSent_ || error == 0;
-    guard.lock();
-    isSending_ = false;
-    error_ = error;
-    changed_.notify_all();
+    {
+      const os::MutexLock guard(lock_);
+      isSending_ = false;
+      error_ = error;
+    }
+    changed_.NotifyAll();
   }
 }
 

@@ -3,12 +3,10 @@
 
 #include <array>
 #include <atomic>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <span>
 #include <vector>
@@ -16,6 +14,7 @@
 #include "host/ffmpeg/handles.h"
 #include "host/ffmpeg/io_deadline.h"
 #include "host/units.h"
+#include "platform/os/mutex.h"
 #include "platform/os/thread.h"
 
 namespace host {
@@ -71,6 +70,8 @@ class PacedOutput {
  private:
   static int OnWrite(void* output, std::uint8_t* bytes, int size);
   int Write(const std::uint8_t* bytes, int size);
+  // Waits until the next packets are due; empty when the output ends.
+  std::vector<std::uint8_t> NextDatagram();
   void Run();
 
   const ffmpeg::Connection connection_;  // the thread's once it runs
@@ -79,12 +80,12 @@ class PacedOutput {
   ffmpeg::CallbackIo io_;
   std::vector<std::uint8_t> partial_;  // of a packet; the muxer's thread
   std::atomic<bool> hasSent_{false};
-  std::mutex lock_;
-  std::condition_variable changed_;
-  TransportPacer pacer_;    // guarded by lock_
-  bool isSending_ = false;  // guarded by lock_
-  int error_ = 0;           // guarded by lock_
-  bool ends_ = false;       // guarded by lock_
+  os::Mutex lock_;
+  os::ConditionVariable changed_;
+  TransportPacer pacer_ GUARDED_BY(lock_);
+  bool isSending_ GUARDED_BY(lock_) = false;
+  int error_ GUARDED_BY(lock_) = 0;
+  bool ends_ GUARDED_BY(lock_) = false;
   std::unique_ptr<os::Thread> thread_;
 };
 

@@ -32,7 +32,7 @@ class WatchedAllocator final : public CMemAllocator {
 }  // namespace
 
 void FrameWatch::Expect(const void* buffer, Time start) {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   buffer_ = buffer;
   start_ = start;
   pending_ = true;
@@ -41,7 +41,7 @@ void FrameWatch::Expect(const void* buffer, Time start) {
 
 void FrameWatch::Delivered(Time start) {
   {
-    const std::lock_guard guard(lock_);
+    const os::MutexLock guard(lock_);
     if (!pending_ || start != start_) {
       return;
     }
@@ -51,28 +51,31 @@ void FrameWatch::Delivered(Time start) {
     timing_.total += took;
     timing_.longest = std::max(timing_.longest, took);
   }
-  done_.notify_all();
+  done_.NotifyAll();
 }
 
 FrameWatch::Timing FrameWatch::TakeTiming() {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   return std::exchange(timing_, Timing());
 }
 
 void FrameWatch::Returned(const void* buffer) {
   {
-    const std::lock_guard guard(lock_);
+    const os::MutexLock guard(lock_);
     if (!pending_ || buffer != buffer_) {
       return;
     }
     pending_ = false;
   }
-  done_.notify_all();
+  done_.NotifyAll();
 }
 
 bool FrameWatch::Wait(std::chrono::milliseconds limit) {
-  std::unique_lock guard(lock_);
-  return done_.wait_for(guard, limit, [&] { return !pending_; });
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  const os::MutexLock guard(lock_);
+  while (pending_ && done_.WaitUntil(lock_, deadline)) {
+  }
+  return !pending_;
 }
 
 ComPtr<BackgroundSource> BackgroundSource::Create(Settings settings) {

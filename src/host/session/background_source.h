@@ -4,17 +4,16 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <vector>
 
 #include "host/feed/feed_pin.h"
 #include "host/units.h"
 #include "platform/baseclasses/base_filter.h"
+#include "platform/os/mutex.h"
 #include "platform/os/thread.h"
 
 namespace host {
@@ -45,13 +44,13 @@ class FrameWatch {
   Timing TakeTiming();
 
  private:
-  std::mutex lock_;
-  std::condition_variable done_;
-  const void* buffer_ = nullptr;  // guarded by lock_, as is all below
-  Time start_ = 0;
-  bool pending_ = false;
-  std::chrono::steady_clock::time_point expectedAt_;
-  Timing timing_;
+  os::Mutex lock_;
+  os::ConditionVariable done_;
+  const void* buffer_ GUARDED_BY(lock_) = nullptr;
+  Time start_ GUARDED_BY(lock_) = 0;
+  bool pending_ GUARDED_BY(lock_) = false;
+  std::chrono::steady_clock::time_point expectedAt_ GUARDED_BY(lock_);
+  Timing timing_ GUARDED_BY(lock_);
 };
 
 // Sends copies of one picture, one for each frame of the wall, numbered from 0 and timestamped on

@@ -82,28 +82,28 @@ WallWindow::WallWindow(Placement placement, Ratio frameRate)
       placement_(std::move(placement)) {}
 
 void WallWindow::Place(Placement placement) {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   placement_ = std::move(placement);
 }
 
 WallWindow::Placement WallWindow::placement() const {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   return placement_;
 }
 
 bool WallWindow::WantsType() const {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   return shownFrames_ < stableFrames_;
 }
 
 void WallWindow::SetFrameSent() {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   frameSent_ = true;
 }
 
 HRESULT WallWindow::GetWindowState(BYTE* enabled, LONG* x, LONG* y, const char** colour,
                                    BYTE* selected) {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   askedColour_ = placement_.colour;
   // The frame before this one has been composed.
   sizeKnown_ = sizeKnown_ || shownFrames_ > 0;

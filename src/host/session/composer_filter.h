@@ -1,7 +1,6 @@
 // The composer as the host sees it, and a window as the composer sees it.
 #pragma once
 
-#include <mutex>
 #include <string>
 
 #include "filter/i_compose_command.h"
@@ -9,6 +8,7 @@
 #include "platform/baseclasses/unknown_base.h"
 #include "platform/com/com_ptr.h"
 #include "platform/graph/filter_registry.h"
+#include "platform/os/mutex.h"
 
 namespace host {
 
@@ -91,11 +91,11 @@ class WallWindow final : public CUnknown, public IComposeWindow {
 
  private:
   const int stableFrames_;
-  mutable std::mutex lock_;
-  Placement placement_;      // guarded by lock_
-  bool frameSent_ = false;   // guarded by lock_
-  int shownFrames_ = 0;      // guarded by lock_; in a row, with frames to be shown
-  bool sizeKnown_ = false;   // composition thread only
+  mutable os::Mutex lock_;
+  Placement placement_ GUARDED_BY(lock_);
+  bool frameSent_ GUARDED_BY(lock_) = false;
+  int shownFrames_ GUARDED_BY(lock_) = 0;  // in a row, with frames to be shown
+  bool sizeKnown_ = false;                 // composition thread only
   std::string askedColour_;  // composition thread only: what the last answer points to
 };
 

@@ -61,10 +61,13 @@ void LabelFiles::Stop() {
   }
   bool ended = false;
   {
-    std::unique_lock guard(run_->lock);
+    const auto deadline = std::chrono::steady_clock::now() + kStopLimit;
+    const os::MutexLock guard(run_->lock);
     run_->stopped = true;
-    run_->changed.notify_all();
-    ended = run_->changed.wait_for(guard, kStopLimit, [&] { return run_->ended; });
+    run_->changed.NotifyAll();
+    while (!run_->ended && run_->changed.WaitUntil(run_->lock, deadline)) {
+    }
+    ended = run_->ended;
   }
   if (ended) {
     thread_->Wait(os::kInfinite);
@@ -74,23 +77,32 @@ void LabelFiles::Stop() {
 }
 
 void LabelFiles::Run::LookUntilStopped() {
-  std::unique_lock guard(lock);
-  while (!stopped) {
+  bool goesOn = true;
+  while (goesOn) {
     for (Entry& entry : entries) {
-      guard.unlock();
-      const std::optional<std::string> text = entry.file.Look();
-      guard.lock();
-      if (stopped) {
-        break;
-      }
-      if (text) {
-        entry.take(*text);
-      }
+      goesOn = goesOn && Give(entry, entry.file.Look());
     }
-    changed.wait_for(guard, kBetweenLooks, [this] { return stopped; });
+    goesOn = goesOn && WaitForNextLook();
   }
+  const os::MutexLock guard(lock);
   ended = true;
-  changed.notify_all();
+  changed.NotifyAll();
+}
+
+bool LabelFiles::Run::Give(const Entry& entry, const std::optional<std::string>& text) {
+  const os::MutexLock guard(lock);
+  if (!stopped && text) {
+    entry.take(*text);
+  }
+  return !stopped;
+}
+
+bool LabelFiles::Run::WaitForNextLook() {
+  const auto next = std::chrono::steady_clock::now() + kBetweenLooks;
+  const os::MutexLock guard(lock);
+  while (!stopped && changed.WaitUntil(lock, next)) {
+  }
+  return !stopped;
 }
 
 }  // namespace host

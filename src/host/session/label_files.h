@@ -1,16 +1,15 @@
 // LabelFiles: labels whose texts stand in files that change while the wall runs.
 #pragma once
 
-#include <condition_variable>
 #include <filesystem>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "platform/os/mutex.h"
 #include "platform/os/thread.h"
 
 namespace host {
@@ -66,12 +65,16 @@ class LabelFiles {
   // over, but not while a file is read.
   struct Run {
     std::vector<Entry> entries;  // the thread's own
-    std::mutex lock;
-    std::condition_variable changed;
-    bool stopped = false;  // guarded by lock, as is the next
-    bool ended = false;
+    os::Mutex lock;
+    os::ConditionVariable changed;
+    bool stopped GUARDED_BY(lock) = false;
+    bool ended GUARDED_BY(lock) = false;
 
     void LookUntilStopped();
+    // Hands a new text over. False once stopped.
+    bool Give(const Entry& entry, const std::optional<std::string>& text);
+    // False once stopped.
+    bool WaitForNextLook();
   };
 
   std::vector<Entry> entries_;

@@ -57,14 +57,14 @@ Time WallClock::Reading() const {
 }
 
 void WallClock::Start() {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   base_ = Reading() - stoppedAt_;
   running_ = true;
   stopping_.Clear();
 }
 
 void WallClock::Stop() {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   if (running_) {
     stoppedAt_ = Reading() - base_;
     running_ = false;
@@ -73,14 +73,14 @@ void WallClock::Stop() {
 }
 
 Time WallClock::Now() const {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   return running_ ? Reading() - base_ : stoppedAt_;
 }
 
 bool WallClock::WaitUntil(Time time) {
   Time base = 0;
   {
-    const std::lock_guard guard(lock_);
+    const os::MutexLock guard(lock_);
     if (!running_) {
       return false;
     }

@@ -5,11 +5,11 @@
 #include <chrono>
 #include <cstdint>
 #include <limits>
-#include <mutex>
 #include <string>
 
 #include "host/units.h"
 #include "platform/com/com_ptr.h"
+#include "platform/os/mutex.h"
 #include "platform/os/waitable.h"
 #include "util/reference_clock.h"
 
@@ -43,10 +43,10 @@ class WallClock {
 
   const ComPtr<qorp::ReferenceClock> clock_;
   os::Event stopping_{os::Event::Reset::kManual, true};
-  mutable std::mutex lock_;
-  bool running_ = false;  // guarded by lock_, as is all below
-  Time base_ = 0;         // the reference clock's time at the wall's time 0
-  Time stoppedAt_ = 0;
+  mutable os::Mutex lock_;
+  bool running_ GUARDED_BY(lock_) = false;
+  Time base_ GUARDED_BY(lock_) = 0;  // the reference clock's time at the wall's time 0
+  Time stoppedAt_ GUARDED_BY(lock_) = 0;
 };
 
 // Converts by the present difference between the wall's clock and the time of day: the latter is

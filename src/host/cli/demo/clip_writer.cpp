@@ -4,7 +4,6 @@
 #include <atomic>
 #include <exception>
 #include <functional>
-#include <mutex>
 #include <new>
 #include <optional>
 #include <string>
@@ -20,6 +19,7 @@ extern "C" {
 #include "host/ffmpeg/error.h"
 #include "host/ffmpeg/time_unit.h"
 #include "host/output/muxer.h"
+#include "platform/os/mutex.h"
 
 namespace host {
 namespace {
@@ -206,14 +206,14 @@ std::vector<std::filesystem::path> WriteClips(const std::vector<ClipRecipe>& rec
   }
 
   std::atomic<std::size_t> next{0};
-  std::mutex failureLock;
-  std::exception_ptr failure;  // guarded by failureLock
+  os::Mutex failureLock;
+  std::exception_ptr failure;  // under failureLock
   const auto work = [&] {
     for (std::size_t i = next++; i < recipes.size(); i = next++) {
       try {
         WriteClip(recipes[i], files[i]);
       } catch (...) {
-        const std::lock_guard<std::mutex> lock(failureLock);
+        const os::MutexLock guard(failureLock);
         failure = failure ? failure : std::current_exception();
       }
     }
