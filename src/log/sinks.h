@@ -43,8 +43,8 @@ class console_sink final : public ILogSink {
   os::Console console_ GUARDED_BY(lock_);
 };
 
-// Lines "[Level 1] Mon Nov 16 09:43:14.123 text" of every level, each flushed. The stream belongs
-// to somebody else and outlives the sink; the sink has no lock.
+// Lines "[Level 1] Mon Nov 16 09:43:14.123 text" of every level, each flushed. The stream is not
+// owned and outlives the sink; the sink has no lock.
 class ostream_sink final : public ILogSink {
  public:
   explicit ostream_sink(std::ostream& stream) : stream_(stream) {}

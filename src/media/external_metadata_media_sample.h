@@ -58,7 +58,7 @@ inline constexpr MediaProperty kMediaProperties[] = {
     kCuePointProperty,      kSampleDateProperty,     kDataIdProperty,
     kDolbyMetadataProperty, kParentalRatingProperty, kRecordingEventProperty};
 
-// Wraps a sample that belongs to somebody else, so that a media type can be attached to it (or its
+// Wraps a sample of another owner, so that a media type can be attached to it (or its
 // times changed) without touching it. Buffer, size and length of the data are the wrapped sample's,
 // read and set there; times, flags, the known properties and the stream are copied once and then
 // the wrapper's own; the media type starts empty.
@@ -121,7 +121,7 @@ class CExternalMetaDataMediaSample final : public CUnknown, public IMediaSample3
 
   const ComPtr<IMediaSample> sample_;
   // The wrapper's own times, flags, stream and type: a sample without a buffer or an allocator,
-  // whose references nobody counts.
+  // whose references are not counted.
   CMediaSample own_{nullptr, nullptr, nullptr, nullptr, 0};
   OwnedMediaType wrappedType_;  // until SetMediaType is called
   std::map<LONG, std::vector<BYTE>> properties_;

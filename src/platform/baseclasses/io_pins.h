@@ -82,7 +82,7 @@ class CBaseOutputPin : public CBasePin {
   virtual HRESULT DeliverEndFlush();
   virtual HRESULT DeliverNewSegment(REFERENCE_TIME start, REFERENCE_TIME stop, double rate);
 
-  // An output pin is asked for neither.
+  // Calls of an input pin, which an output pin refuses.
   HRESULT BeginFlush() override { return E_UNEXPECTED; }
   HRESULT EndFlush() override { return E_UNEXPECTED; }
   HRESULT EndOfStream() override { return E_UNEXPECTED; }

@@ -1,4 +1,4 @@
-// The console, lines for a person who watches, and the debugger output, an unbuffered channel for
+// The console, for lines that an operator reads, and the debugger output, an unbuffered channel for
 // diagnostics: both end in the standard error stream.
 #pragma once
 
@@ -12,7 +12,7 @@
 
 namespace os {
 
-// Whether somebody watches: the descriptor (1 output, 2 errors) is a terminal.
+// Whether the descriptor (1 output, 2 errors) is a terminal.
 bool IsTerminal(int descriptor);
 // The present width of a terminal in characters; 80 when it is not known.
 int ConsoleColumns(int descriptor);

@@ -89,8 +89,8 @@ class FileLock {
   FileLock& operator=(const FileLock&) = delete;
 
   // Takes the lock of a file, which is created when there is none; never waits.
-  // kErrorSharingViolation when somebody else has it. A file system without locks grants it to
-  // everybody.
+  // kErrorSharingViolation when another process has it. A file system without locks grants it to
+  // every caller.
   std::uint32_t Take(std::string_view path);
   void Release();
   // It is held, and the path still leads to its file: not to none, nor to another one.

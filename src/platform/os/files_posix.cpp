@@ -29,7 +29,7 @@ bool ParentExists(const std::string& nativePath) {
   return parent.empty() || ::stat(parent.c_str(), &ignored) == 0;
 }
 
-// The system tells a missing file from a missing path to it.
+// The system distinguishes a missing file from a missing path to it.
 std::uint32_t PathError(const std::string& nativePath, int error) {
   return error == ENOENT && !ParentExists(nativePath) ? kErrorPathNotFound
                                                       : SystemErrorNumber(error);
