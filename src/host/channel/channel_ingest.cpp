@@ -25,42 +25,48 @@ ChannelIngest::ChannelIngest(std::shared_ptr<const ChannelSettings> settings, Fe
 
 void ChannelIngest::Cancel() {
   {
-    const std::lock_guard guard(lock_);
+    const os::MutexLock guard(lock_);
     cancelled_ = true;
     if (reader_ != nullptr) {
       reader_->Cancel();
     }
   }
-  cancelling_.notify_all();
+  cancelling_.NotifyAll();
 }
 
 bool ChannelIngest::cancelled() const {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   return cancelled_;
 }
 
 bool ChannelIngest::WaitBeforeReopening(milliseconds delay) {
-  std::unique_lock guard(lock_);
-  return !cancelling_.wait_for(guard, delay, [&] { return cancelled_; });
+  const auto deadline = std::chrono::steady_clock::now() + delay;
+  const os::MutexLock guard(lock_);
+  while (!cancelled_ && cancelling_.WaitUntil(lock_, deadline)) {
+  }
+  return !cancelled_;
 }
 
 bool ChannelIngest::EndBy(std::chrono::steady_clock::time_point deadline) {
-  std::unique_lock guard(lock_);
-  left_.wait_until(guard, deadline, [&] { return ended_; });
+  const os::MutexLock guard(lock_);
+  while (!ended_ && left_.WaitUntil(lock_, deadline)) {
+  }
   // Outside the source it is only slow, and uses what an abandoned run must not.
-  left_.wait(guard, [&] { return ended_ || inSource_; });
+  while (!ended_ && !inSource_) {
+    left_.Wait(lock_);
+  }
   abandoned_ = !ended_;
   return ended_;
 }
 
 void ChannelIngest::EnterSource() {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   inSource_ = true;
-  left_.notify_all();
+  left_.NotifyAll();
 }
 
 void ChannelIngest::LeaveSource() {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   if (abandoned_) {
     throw Abandoned();
   }
@@ -93,9 +99,9 @@ void ChannelIngest::Run() {
     queue_.SetHorizon(ChannelQueue::kForever);
   } catch (const Abandoned&) {
   }
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   ended_ = true;
-  left_.notify_all();
+  left_.NotifyAll();
 }
 
 void ChannelIngest::ReadSource() {
@@ -113,7 +119,7 @@ std::optional<milliseconds> ChannelIngest::RunOnce() {
         settings_.channel.source, settings_.channel.options, settings_.isLive()});
   });
   {
-    const std::lock_guard guard(lock_);
+    const os::MutexLock guard(lock_);
     if (cancelled_) {
       return std::nullopt;
     }
@@ -121,7 +127,7 @@ std::optional<milliseconds> ChannelIngest::RunOnce() {
   }
   const std::optional<milliseconds> delay = Attempt(*reader);
   {
-    const std::lock_guard guard(lock_);
+    const os::MutexLock guard(lock_);
     reader_.reset();
   }
   // A camera with room for one session refuses the next while this one is open.

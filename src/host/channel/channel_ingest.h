@@ -3,11 +3,9 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <random>
 #include <string>
 
@@ -17,6 +15,7 @@
 #include "host/channel/source/media_reader.h"
 #include "host/channel/source_session.h"
 #include "host/feed/feed_pin.h"
+#include "platform/os/mutex.h"
 
 namespace host {
 
@@ -107,14 +106,14 @@ class ChannelIngest {
   ChannelQueue& queue_;
   ChannelObserver* const observer_;
 
-  mutable std::mutex lock_;
-  std::condition_variable cancelling_;
-  std::condition_variable left_;  // the source, or Run
-  bool cancelled_ = false;        // guarded by lock_, as is all below
-  bool inSource_ = false;         // a call of the source is being made
-  bool ended_ = false;            // Run has
-  bool abandoned_ = false;
-  std::shared_ptr<MediaReader> reader_;  // what Cancel has to cancel
+  mutable os::Mutex lock_;
+  os::ConditionVariable cancelling_;
+  os::ConditionVariable left_;  // the source, or Run
+  bool cancelled_ GUARDED_BY(lock_) = false;
+  bool inSource_ GUARDED_BY(lock_) = false;  // a call of the source is being made
+  bool ended_ GUARDED_BY(lock_) = false;     // Run has
+  bool abandoned_ GUARDED_BY(lock_) = false;
+  std::shared_ptr<MediaReader> reader_ GUARDED_BY(lock_);  // what Cancel has to cancel
 
   // The reader's thread only.
   ReopenDelay delay_;

@@ -13,7 +13,7 @@ static_assert(std::is_same_v<std::variant_alternative_t<kEventLane, decltype(Cha
 }  // namespace
 
 void ChannelQueue::Open() {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   for (Lane& lane : lanes_) {
     lane.clear();
   }
@@ -29,19 +29,19 @@ void ChannelQueue::Open() {
 
 void ChannelQueue::Close() {
   {
-    const std::lock_guard guard(lock_);
+    const os::MutexLock guard(lock_);
     closed_ = true;
     for (Lane& lane : lanes_) {
       lane.clear();
     }
   }
-  roomMade_.notify_all();
-  changed_.notify_all();
-  fixed_.notify_all();
+  roomMade_.NotifyAll();
+  changed_.NotifyAll();
+  fixed_.NotifyAll();
 }
 
 bool ChannelQueue::closed() const {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   return closed_;
 }
 
@@ -50,18 +50,19 @@ bool ChannelQueue::HasRoom() const {
 }
 
 Time ChannelQueue::roomAt() const {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   return paced_ ? *paced_ - span_ + 1 : kNever;
 }
 
 bool ChannelQueue::WaitForRoom() {
-  std::unique_lock guard(lock_);
+  const os::MutexLock guard(lock_);
   while (!closed_ && !readerLeft_ && !HasRoom()) {
     if (clock_) {
       const Time left = *paced_ - clock_() - span_ + 1;
-      roomMade_.wait_for(guard, std::chrono::nanoseconds(100) * std::max<Time>(left, 1));
+      roomMade_.WaitUntil(lock_, std::chrono::steady_clock::now() +
+                                     std::chrono::nanoseconds(100) * std::max<Time>(left, 1));
     } else {
-      roomMade_.wait(guard);
+      roomMade_.Wait(lock_);
     }
   }
   return !closed_ && !readerLeft_;
@@ -69,7 +70,7 @@ bool ChannelQueue::WaitForRoom() {
 
 bool ChannelQueue::Push(ChannelItem item, bool paces) {
   {
-    const std::lock_guard guard(lock_);
+    const os::MutexLock guard(lock_);
     if (closed_ || readerLeft_) {
       return false;
     }
@@ -82,13 +83,13 @@ bool ChannelQueue::Push(ChannelItem item, bool paces) {
     paced_ = paces ? item.due : paced_;
     lane.push_back({pushed_++, std::move(item)});
   }
-  changed_.notify_one();
+  changed_.NotifyOne();
   return true;
 }
 
 void ChannelQueue::ForgetFrom(Time time) {
   std::deque<Lane> forgotten;  // its buffers go back without the lock
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   for (std::size_t i = 0; i < lanes_.size(); ++i) {
     Lane& lane = lanes_[i];
     if (i == kEventLane) {
@@ -112,7 +113,7 @@ void ChannelQueue::ForgetFrom(Time time) {
 
 void ChannelQueue::Move(Time by) {
   {
-    const std::lock_guard guard(lock_);
+    const os::MutexLock guard(lock_);
     for (std::size_t i = 0; i < kEventLane; ++i) {
       for (Entry& entry : lanes_[i]) {
         entry.item.due += by;
@@ -125,15 +126,15 @@ void ChannelQueue::Move(Time by) {
       }
     }
   }
-  changed_.notify_one();
+  changed_.NotifyOne();
 }
 
 void ChannelQueue::SetHorizon(Time horizon) {
   {
-    const std::lock_guard guard(lock_);
+    const os::MutexLock guard(lock_);
     horizon_ = std::max(horizon_, horizon);
   }
-  changed_.notify_one();
+  changed_.NotifyOne();
 }
 
 Time ChannelQueue::Now() const {
@@ -154,7 +155,7 @@ ChannelQueue::Lane* ChannelQueue::Earliest() {
 }
 
 std::optional<ChannelItem> ChannelQueue::Take(Time deadline) {
-  std::unique_lock guard(lock_);
+  const os::MutexLock guard(lock_);
   while (!closed_) {
     const Time now = Now();
     Lane* const lane = Earliest();
@@ -172,66 +173,72 @@ std::optional<ChannelItem> ChannelQueue::Take(Time deadline) {
     }
     waiting_ = true;
     waitsUntil_ = deadline;
-    fixed_.notify_all();
+    fixed_.NotifyAll();
     const Time until = std::min(next, deadline);
     if (clock_ && until != kForever) {
-      changed_.wait_for(guard, std::chrono::nanoseconds(100) * (until - now));
+      changed_.WaitUntil(
+          lock_, std::chrono::steady_clock::now() + std::chrono::nanoseconds(100) * (until - now));
     } else {
-      changed_.wait(guard);
+      changed_.Wait(lock_);
     }
   }
   waiting_ = true;
   waitsUntil_ = kForever;
-  fixed_.notify_all();
+  fixed_.NotifyAll();
   return std::nullopt;
 }
 
 void ChannelQueue::FollowClock(std::function<Time()> now) {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   clock_ = std::move(now);
 }
 
 void ChannelQueue::AdvanceTo(Time time) {
   {
-    const std::lock_guard guard(lock_);
+    const os::MutexLock guard(lock_);
     target_ = std::max(target_.value_or(time), time);
   }
-  changed_.notify_one();
-  roomMade_.notify_one();
+  changed_.NotifyOne();
+  roomMade_.NotifyOne();
 }
 
 bool ChannelQueue::WaitUntilTaken(std::chrono::milliseconds limit) {
-  std::unique_lock guard(lock_);
-  return fixed_.wait_for(guard, limit, [&] {
-    const Time target = Now();
-    const Lane* const lane = Earliest();
-    const bool nothingDue = lane == nullptr || lane->front().item.due > target;
-    return closed_ || (waiting_ && nothingDue && waitsUntil_ > target && horizon_ > target);
-  });
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  const os::MutexLock guard(lock_);
+  while (!IsTaken() && fixed_.WaitUntil(lock_, deadline)) {
+  }
+  return IsTaken();
+}
+
+bool ChannelQueue::IsTaken() const {
+  const Time target = Now();
+  const Lane* const lane = Earliest();
+  const bool nothingDue = lane == nullptr || lane->front().item.due > target;
+  return closed_ || (waiting_ && nothingDue && waitsUntil_ > target && horizon_ > target);
 }
 
 void ChannelQueue::DetachReader() {
   {
-    const std::lock_guard guard(lock_);
+    const os::MutexLock guard(lock_);
     readerLeft_ = true;
     horizon_ = kForever;
   }
-  roomMade_.notify_all();
-  changed_.notify_all();
+  roomMade_.NotifyAll();
+  changed_.NotifyAll();
 }
 
 bool ChannelQueue::ended() const {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   return closed_ || (Earliest() == nullptr && horizon_ == kForever);
 }
 
 std::optional<Time> ChannelQueue::lastPushed() const {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   return lastPushed_;
 }
 
 std::uint64_t ChannelQueue::dropped() const {
-  const std::lock_guard guard(lock_);
+  const os::MutexLock guard(lock_);
   return dropped_;
 }
 

@@ -3,12 +3,10 @@
 
 #include <array>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <limits>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <variant>
@@ -19,6 +17,7 @@
 #include "host/units.h"
 #include "platform/com/com_ptr.h"
 #include "platform/dshow/samples.h"
+#include "platform/os/mutex.h"
 
 namespace host {
 
@@ -114,30 +113,36 @@ class ChannelQueue {
   };
   using Lane = std::deque<Entry>;
 
-  Time Now() const;
-  bool HasRoom() const;
+  Time Now() const REQUIRES(lock_);
+  bool HasRoom() const REQUIRES(lock_);
   // The lane whose first item is due first; null when all are empty.
-  Lane* Earliest();
-  const Lane* Earliest() const { return const_cast<ChannelQueue*>(this)->Earliest(); }
+  Lane* Earliest() REQUIRES(lock_);
+  const Lane* Earliest() const REQUIRES(lock_) {
+    return const_cast<ChannelQueue*>(this)->Earliest();
+  }
+  // Everything up to the time set last has been taken and dealt with.
+  bool IsTaken() const REQUIRES(lock_);
 
   const Time span_;
-  mutable std::mutex lock_;
-  std::condition_variable roomMade_;
-  std::condition_variable changed_;  // for the streaming thread
-  std::condition_variable fixed_;    // for the driver of the wall's time
-  // One for each kind of content; guarded by lock_, as is all below.
-  std::array<Lane, std::variant_size_v<decltype(ChannelItem::content)>> lanes_;
-  std::uint64_t pushed_ = 0;
-  std::uint64_t dropped_ = 0;
-  std::optional<Time> lastPushed_;
-  std::optional<Time> paced_;  // due time of the latest item that paces the reader
-  std::function<Time()> clock_;
-  std::optional<Time> target_;  // the wall's time, moved step by step
-  Time horizon_ = std::numeric_limits<Time>::min();
-  bool waiting_ = false;        // the streaming thread has nothing left to deal with ...
-  Time waitsUntil_ = kForever;  // ... before this time
-  bool readerLeft_ = false;     // behind
-  bool closed_ = true;
+  mutable os::Mutex lock_;
+  os::ConditionVariable roomMade_;
+  os::ConditionVariable changed_;  // for the streaming thread
+  os::ConditionVariable fixed_;    // for the driver of the wall's time
+  // One for each kind of content.
+  std::array<Lane, std::variant_size_v<decltype(ChannelItem::content)>> lanes_ GUARDED_BY(lock_);
+  std::uint64_t pushed_ GUARDED_BY(lock_) = 0;
+  std::uint64_t dropped_ GUARDED_BY(lock_) = 0;
+  std::optional<Time> lastPushed_ GUARDED_BY(lock_);
+  std::optional<Time> paced_
+      GUARDED_BY(lock_);  // due time of the latest item that paces the reader
+  std::function<Time()> clock_ GUARDED_BY(lock_);
+  std::optional<Time> target_ GUARDED_BY(lock_);  // the wall's time, moved step by step
+  Time horizon_ GUARDED_BY(lock_) = std::numeric_limits<Time>::min();
+  bool waiting_ GUARDED_BY(lock_) =
+      false;  // the streaming thread has nothing left to deal with ...
+  Time waitsUntil_ GUARDED_BY(lock_) = kForever;  // ... before this time
+  bool readerLeft_ GUARDED_BY(lock_) = false;
+  bool closed_ GUARDED_BY(lock_) = true;
 };
 
 }  // namespace host

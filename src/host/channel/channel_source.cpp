@@ -97,7 +97,7 @@ HRESULT ChannelSource::Pause() {
   audioFormat_.reset();
   nextLabel_ = std::numeric_limits<Time>::min();
   {
-    const std::lock_guard guard(labelLock_);
+    const os::MutexLock guard(labelLock_);
     labelChanged_ = true;
   }
   presenter_.Begin(Now().value_or(0));
@@ -147,7 +147,7 @@ bool ChannelSource::EndReader(std::chrono::steady_clock::time_point deadline) {
 }
 
 void ChannelSource::SetLabel(const std::string& text) {
-  const std::lock_guard guard(labelLock_);
+  const os::MutexLock guard(labelLock_);
   labelChanged_ = labelChanged_ || text != label_;
   label_ = text;
 }
@@ -221,7 +221,7 @@ void ChannelSource::DeliverAudio(const AudioPacket& packet, Time start, Time dur
 void ChannelSource::DeliverLabel(Time time) {
   std::string text;
   {
-    const std::lock_guard guard(labelLock_);
+    const os::MutexLock guard(labelLock_);
     if (!labelChanged_ || time < nextLabel_) {
       return;
     }
@@ -234,7 +234,7 @@ void ChannelSource::DeliverLabel(Time time) {
     return;
   }
   nextLabel_ = time + kLabelRetry;
-  const std::lock_guard guard(labelLock_);
+  const os::MutexLock guard(labelLock_);
   labelChanged_ = true;
 }
 

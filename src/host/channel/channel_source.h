@@ -12,6 +12,7 @@
 #include "host/channel/channel_settings.h"
 #include "host/feed/feed_pin.h"
 #include "platform/baseclasses/base_filter.h"
+#include "platform/os/mutex.h"
 #include "platform/os/thread.h"
 
 namespace host {
@@ -85,9 +86,9 @@ class ChannelSource final : public CBaseFilter {
   std::unique_ptr<os::Thread> reader_;     // application's thread
   std::unique_ptr<os::Thread> streaming_;  // application's thread
 
-  std::mutex labelLock_;
-  std::string label_;                               // guarded by labelLock_
-  bool labelChanged_ = true;                        // guarded by labelLock_
+  os::Mutex labelLock_;
+  std::string label_ GUARDED_BY(labelLock_);
+  bool labelChanged_ GUARDED_BY(labelLock_) = true;
   Time nextLabel_ = 0;                              // not before; streaming thread only
   std::shared_ptr<const AudioFormat> audioFormat_;  // announced last; streaming thread only
 };

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "host/feed/alarm_record.h"
+#include "host/ffmpeg/handles.h"
 #include "host/units.h"
 
 struct AVFrame;
@@ -21,12 +22,15 @@ namespace host {
 class SamplePlanes {
  public:
   // For each channel a plane of frame.nb_samples floats, full scale at -1 and 1; valid until the
-  // next call. Empty for a sample format that is not known.
+  // next call. Empty for a sample format that is not known, and for more than 64 channels.
   std::span<const float* const> Convert(const AVFrame& frame);
 
  private:
+  ffmpeg::Resampler converter_;  // null: there is none for the format
+  int format_ = -1;              // what it is made for
+  int channels_ = 0;
   std::vector<float> samples_;
-  std::vector<const float*> planes_;
+  std::vector<float*> planes_;
 };
 
 // The level of a reading is the greatest magnitude of a sample within the frame's time; the peak is
