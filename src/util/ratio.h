@@ -10,6 +10,9 @@ template <typename Term>
 struct RatioOf {
   bool operator==(const RatioOf&) const = default;
 
+  constexpr bool positive() const { return num > 0 && den > 0; }
+  constexpr double value() const { return static_cast<double>(num) / static_cast<double>(den); }
+
   Term num = 1;
   Term den = 1;
 };

@@ -36,7 +36,7 @@ int PictureNumber(std::uint8_t luma) {
 TestWall::TestWall(int width, int height) {
   wall_.canvas.width = width;
   wall_.canvas.height = height;
-  wall_.canvas.aspect = host::Reduced({width, height});  // square pixels
+  wall_.canvas.aspect = host::Reduced(host::Ratio{width, height});  // square pixels
   wall_.canvas.background.kind = host::config::Background::Kind::kColour;
   wall_.canvas.background.top = {0, 0, 0};  // luma 16
 }

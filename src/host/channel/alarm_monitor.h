@@ -18,7 +18,7 @@ namespace host {
 enum class AudioState {
   kUnknown,      // nothing is open, or no frame comes
   kOff,          // switched off in the wall file
-  kPresent,      // it is heard
+  kPresent,      // it comes and is decoded
   kSilent,       // it comes, and the alarm for silence is raised
   kAbsent,       // the source has none
   kNoTrack,      // the source has none of the number that was chosen
@@ -127,7 +127,7 @@ using config::AlarmKind;
 using config::kAlarmKinds;
 using config::kAllAlarms;
 
-// What is seen and heard of the channel comes in with its time on the wall's clock; each alarm has
+// Conditions and levels of the channel come in with their time on the wall's clock; each alarm has
 // a time to set and a time to clear; for clipping, peaks are counted. While no frame comes,
 // nothing is known of the others: their conditions count as gone. Audio that stops while frames
 // go on counts as silence, and so does audio that is wanted and not to be had; a source that has
@@ -187,9 +187,9 @@ class AlarmMonitor {
   std::optional<AudioAbsence> absence_;         // none before the first opening
   bool isDecodable_ = true;
   bool heard_ = false;    // since the opening
-  bool missing_ = false;  // nothing was heard for some time
+  bool missing_ = false;  // no levels came for some time
   std::optional<Time> quietSince_;
-  bool silent_ = false;  // what is heard is why the alarm for silence is raised
+  bool silent_ = false;  // the levels are why the alarm for silence is raised
   bool lost_ = false;
   Time lastAudio_ = 0;
 };

@@ -76,7 +76,7 @@ class ChannelIngest {
   bool EndBy(std::chrono::steady_clock::time_point deadline);
 
  private:
-  // Thrown through an abandoned run. No std::exception: nobody handles it but Run.
+  // Thrown through an abandoned run. No std::exception: only Run handles it.
   struct Abandoned {};
 
   // Runs a call that may be stuck in the source. Throws Abandoned when the run was abandoned

@@ -11,8 +11,8 @@ namespace host {
 enum class ChannelState {
   kOpening,  // nothing was shown yet, and nothing has failed
   kLive,     // frames come
-  kHeld,     // no frame comes; the last one stands
-  kLost,     // there is nothing to stand any more
+  kHeld,     // no frame comes; holding the last frame
+  kLost,     // no frame left to hold
 };
 
 // "opening", "live", "held", "lost".
@@ -30,8 +30,8 @@ const char* NameOf(ChannelState state);
 //         +---------------------+
 //           failed, or no frame for a while
 //
-// Held or lost, one frame is not enough: what was still under way from a source that has gone may
-// come late. Two that follow each other are (of slow sources, one).
+// Held or lost, one frame is not enough: frames of a source that has ended may still come late. Two
+// that follow each other are (of slow sources, one).
 //
 // A new reason while held or lost changes the reason only: since stays the time of the trouble.
 // Time comes in from outside (the wall's clock) and never runs here. No lock: one thread.
@@ -44,12 +44,12 @@ class ChannelLife {
     bool operator==(const Status&) const = default;
   };
 
-  // hold: how long the last frame stands. now: when the channel started.
+  // hold: how long the last frame is shown. now: when the channel started.
   ChannelLife(Time hold, Time now) : hold_(hold), status_{ChannelState::kOpening, {}, now} {}
 
   // Each returns whether the status is another one now.
   //
-  // A frame is shown that lasts so long (what a frame of the source lasts).
+  // A frame of the source is shown, of that duration.
   bool Shown(Time now, Time duration);
   // The source failed or ended; whatever it gave before has been shown.
   bool Failed(const std::string& reason, Time now);

@@ -1,4 +1,4 @@
-// ChannelObserver: hears what becomes of a channel.
+// ChannelObserver: what a channel reports.
 #pragma once
 
 #include <chrono>
@@ -22,7 +22,7 @@ struct SourceTiming {
   // What could not be converted, since the source was opened.
   std::uint64_t framesLost = 0;
   std::uint64_t audioLost = 0;   // frames of audio
-  std::uint64_t overflowed = 0;  // items for which the queue had no room, since the wall started
+  std::uint64_t overflowed = 0;  // items that found the queue full, since the wall started
 };
 
 // Called by the two threads of every channel, at any time; returns soon.
@@ -40,7 +40,7 @@ class ChannelObserver {
   virtual void ChannelTimed(const std::string& channel, const SourceTiming& timing) {
     (void)channel, (void)timing;
   }
-  // What becomes of the channel's audio on its way to the outputs, as a sentence.
+  // How the channel's audio reaches the outputs, as a sentence.
   virtual void AudioPathChanged(const std::string& channel, const std::string& what) {
     (void)channel, (void)what;
   }

@@ -31,7 +31,7 @@ namespace host {
 class WindowFill {
  public:
   static constexpr Time kLatency = kSecond;
-  // A repeat is sent so long before it is needed, and this far after the latest one.
+  // How long before it is needed a repeat is sent, and how far after the latest one it lies.
   static constexpr Time kStep = kSecond / 10;
 
   // enough: how many have to wait in the composer, 1 or 2.

@@ -1,4 +1,4 @@
-// What a channel's reader has ready for its streaming thread.
+// ChannelQueue: what a channel's reader has ready for its streaming thread.
 #pragma once
 
 #include <array>
@@ -51,7 +51,7 @@ struct ChannelItem {
 
 // A bounded queue between one reader and one streaming thread. Frames, audio packets, levels and
 // event are each in their order and wait for each other only by their times: one kind that comes
-// late or in lumps delays no other. An item may be taken once its time has come: when the wall's
+// late or in bursts delays no other. An item may be taken once its time has come: when the wall's
 // time has reached it. The wall's time is either a running clock, or it is moved step by step with
 // AdvanceTo, and then every step can be waited for.
 //

@@ -90,7 +90,7 @@ bool ItemPlacer::HandOn(ChannelItem item) {
   if (isFrame || !audioSinceFrame_) {
     audioSinceFrame_ = isFrame ? std::nullopt : std::optional(item.start);
   }
-  // Audio that is far ahead of the video holds nobody up, unless it comes alone.
+  // Audio that is far ahead of the video delays nothing, unless no frame has come for a second.
   const bool leads =
       isFrame || !settings_.now || !settings_.hasVideo || item.start - *audioSinceFrame_ > kSecond;
   if (leads) {

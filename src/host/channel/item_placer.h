@@ -1,4 +1,4 @@
-// ItemPlacer: what one opening of a source gives, on its way into the channel's queue.
+// ItemPlacer: gives the items of a source their time on the wall's clock.
 #pragma once
 
 #include <algorithm>
@@ -68,8 +68,8 @@ class ItemMerger {
 };
 
 // Gives every frame, audio packet and level its time on the wall's clock and puts it into the
-// queue. Live, the frames decide (LiveTimeline), each kind goes its own way, and audio that is too
-// early or too late for its time is left out and counted. Rendered, the source's times are the
+// queue. Live, the frames decide (LiveTimeline), each kind is queued by itself, and audio that is
+// too early or too late for its time is left out and counted. Rendered, the source's times are the
 // wall's, and everything is put in the order of time first (ItemMerger).
 //
 // Owned and called by one reader on its thread.

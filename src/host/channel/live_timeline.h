@@ -61,17 +61,17 @@ class RecentRange {
 
 // The first frame of a source is due a lead after it came; everything else keeps its distance from
 // it. The composer shows a frame one second after it was due, so what comes up to `slack` after its
-// time is still shown at its time: that is the room for jitter and for bursts. The distance changes
-// only when that serves the channel:
+// time is still shown at its time: that is the margin for jitter and for bursts. The distance
+// changes only when that serves the channel:
 //
-//   later    - frames come too late again and again (bursts that are longer than the room): the
+//   later    - frames come too late again and again (bursts that are longer than the margin): the
 //              lead grows by what is missing, up to maxLead;
 //            - frames have come too late for that long that the source will not catch up;
 //            - even the earliest frames of ten seconds came after their time: the source's clock is
 //              slow, or it paused and did not catch up. It keeps its whole lead;
 //            - the source's timestamps jumped, and its frames now come after their time;
 //   earlier  - even the latest frames of ten seconds have more lead than they need: it shrinks in
-//              small steps. Only of a source that nobody holds back;
+//              small steps. Only of a source that is not held back;
 //            - frames lie too far ahead: the timestamps jumped.
 //
 // A source that stalled and sends what is missing in a burst is back at its former distance by

@@ -30,8 +30,7 @@ Ratio WindowFrameRate(Ratio canvasRate) {
 FrameConverter::Settings ConverterSettings(const ChannelSettings& settings) {
   const config::Canvas& canvas = settings.canvas;
   return {settings.channel.window.width, settings.channel.window.height,
-          WindowFrameRate(canvas.frameRate),
-          PixelAspect(canvas.width, canvas.height, canvas.aspect),
+          WindowFrameRate(canvas.frameRate), canvas.pixelAspect(),
           settings.channel.options.deinterlace};
 }
 

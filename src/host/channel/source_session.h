@@ -24,7 +24,8 @@ namespace host {
 class SourceSession {
  public:
   // reader is open, and outlives the session, as do the settings, the pin and the queue.
-  // audioChanged: what becomes of the audio on its way to the outputs, as a sentence; may be null.
+  // audioChanged: gets a sentence whenever the audio reaches the outputs in another way; may be
+  // null.
   SourceSession(const ChannelSettings& settings, const MediaReader& reader, FeedPin& videoPin,
                 ChannelQueue& queue, std::function<void(const std::string&)> audioChanged);
 

@@ -57,7 +57,7 @@ config::Wall DemoWall(const DemoOptions& options, const std::vector<std::filesys
   wall.canvas.width = options.width;
   wall.canvas.height = options.height;
   wall.canvas.frameRate = *config::ParseFrameRate(options.frameRate);
-  wall.canvas.aspect = Reduced({options.width, options.height});
+  wall.canvas.aspect = Reduced(Ratio{options.width, options.height});
   const auto count = static_cast<std::size_t>(options.channels);
   const auto windows = config::LayOutWindows(wall.canvas, {}, count, true);
   if (!windows.has_value()) {

@@ -1,4 +1,4 @@
-// What is wrong with a file, where, and what somebody meant to write.
+// What is wrong with a file, where, and which name was probably meant.
 #pragma once
 
 #include <cstddef>
@@ -29,7 +29,7 @@ struct Diagnostic {
   std::string message;
 };
 
-// Where the keys of a table stand in the file: key to position, "options.KEY" for those of its
+// The positions of the keys of a table in the file: key to position, "options.KEY" for those of its
 // table of options. Empty for what no file gives.
 using Places = std::map<std::string, Position, std::less<>>;
 
@@ -55,7 +55,7 @@ const char* NameOf(Diagnostic::Severity severity);
 std::string ToText(const Diagnostic& diagnostic, const std::string& file);
 
 // The known name that the written one most resembles: a common other word for it ("fps" for
-// "frame_rate"), or one that a few slips away give; nothing when none is near.
+// "frame_rate"), or one that differs by a few typing errors; nothing when none is near.
 std::optional<std::string> NearestName(std::string_view written,
                                        const std::vector<std::string>& known);
 

@@ -53,8 +53,8 @@ std::optional<std::vector<Window>> LayOutWindows(const Canvas& canvas, const Lay
   const int labelRoom = rules.labelRoom.value_or(labels ? LabelRoom(canvas.height) : 0);
   const int width = canvas.width - margin - std::max(margin, kEdge);
   const int height = canvas.height - margin - std::max(margin, kEdge);
-  const double shape = rules.windowAspect.value_or(canvas.aspect).value() /
-                       PixelAspect(canvas.width, canvas.height, canvas.aspect).value();
+  const double shape =
+      rules.windowAspect.value_or(canvas.aspect).value() / canvas.pixelAspect().value();
 
   Grid best;
   const int channels = static_cast<int>(count);

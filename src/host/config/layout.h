@@ -19,7 +19,7 @@ struct LayoutRules {
 };
 
 // Windows of one size in rows, from the top left, in the order of the channels; each is centred in
-// its cell with the room for its label under it. Sizes and places are even, and every window keeps
+// its cell with the lines for its label under it. Sizes and places are even, and every window keeps
 // at least two pixels away from the right and bottom edges of the canvas, so that each may be
 // selected. Nothing when the windows would be smaller than 16x16.
 std::optional<std::vector<Window>> LayOutWindows(const Canvas& canvas, const LayoutRules& rules,

@@ -1,4 +1,4 @@
-// Reads the keys of one TOML table and complains about the rest.
+// Reads the keys of one TOML table and reports the rest.
 #pragma once
 
 #include <cstdint>
@@ -20,7 +20,7 @@ Position PositionOf(const toml::node& node);
 
 // Each operation looks one key up, checks its type and range, and gives nothing, with a diagnostic
 // where there is a mistake, when the value cannot be used. Finish then reports every key that
-// nobody asked for. One table, one reader.
+// was not looked up. One table, one reader.
 class TableReader {
  public:
   // title: how messages call the table, for example "[wall]".

@@ -1,20 +1,14 @@
 #include "host/config/url.h"
 
 #include <algorithm>
-#include <cctype>
 #include <charconv>
+
+#include "util/url_parts.h"
 
 namespace host::config {
 namespace {
 
-constexpr std::string_view kMark = "://";
-
-std::string LowerCase(std::string_view text) {
-  std::string lower(text);
-  std::transform(lower.begin(), lower.end(), lower.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return lower;
-}
+using qorp::LowerCase;
 
 std::map<std::string, std::string> ParseQuery(std::string_view text) {
   std::map<std::string, std::string> query;
@@ -40,29 +34,15 @@ std::optional<int> Url::portNumber() const {
 }
 
 std::optional<Url> ParseUrl(std::string_view text) {
-  const std::size_t mark = text.find(kMark);
-  if (mark == std::string_view::npos) {
+  const std::optional<qorp::UrlParts> parts = qorp::SplitUrl(text);
+  if (!parts) {
     return {};
   }
   Url url;
-  url.scheme = LowerCase(text.substr(0, mark));
-  text.remove_prefix(mark + kMark.size());
-  if (const std::size_t query = text.find('?'); query != std::string_view::npos) {
-    url.query = ParseQuery(text.substr(query + 1));
-    text = text.substr(0, query);
-  }
-  std::size_t slash = std::min(text.find('/'), text.size());
-  // A password may hold a slash that its owner did not escape: the last "@" then ends it.
-  if (const std::size_t at = text.rfind('@'); at != std::string_view::npos && at > slash &&
-                                              text.substr(0, slash).find('@') >= slash &&
-                                              text.substr(0, slash).find(':') < slash) {
-    slash = std::min(text.find('/', at), text.size());
-  }
-  url.path = text.substr(slash);
-  std::string_view authority = text.substr(0, slash);
-  if (const std::size_t at = authority.rfind('@'); at != std::string_view::npos) {
-    authority.remove_prefix(at + 1);
-  }
+  url.scheme = LowerCase(parts->scheme);
+  url.path = parts->path;
+  url.query = ParseQuery(parts->query.value_or(std::string_view()));
+  const std::string_view authority = parts->address;
   // An IPv6 address stands in brackets, because it holds colons itself.
   const std::size_t bracket = authority.starts_with('[') ? authority.find(']') : 0;
   const std::size_t colon = authority.find(':', std::min(bracket, authority.size()));
@@ -97,7 +77,7 @@ std::optional<std::string> LocalPath(std::string_view text) {
     return {};
   }
   if (LowerCase(text.substr(0, kFile.size())) != kFile) {
-    return text.find(kMark) == std::string_view::npos ? std::optional<std::string>(text)
+    return text.find("://") == std::string_view::npos ? std::optional<std::string>(text)
                                                       : std::nullopt;
   }
   text.remove_prefix(kFile.size());

@@ -1,4 +1,4 @@
-// Url: the parts of an address, by its text alone.
+// Url: the parts of an address, from its text alone.
 #pragma once
 
 #include <map>

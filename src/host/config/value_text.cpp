@@ -80,12 +80,12 @@ std::optional<Ratio> FrameRateOf(double framesPerSecond) {
       std::abs(rounded - framesPerSecond * 1000.0) > 1e-6) {
     return {};
   }
-  return Reduced({static_cast<std::int32_t>(rounded), 1000});
+  return Reduced(Ratio{static_cast<std::int32_t>(rounded), 1000});
 }
 
 std::optional<Ratio> ParseFrameRate(std::string_view text) {
   if (const auto fraction = TwoNumbers(text, "/")) {
-    return Reduced({fraction->first, fraction->second});
+    return Reduced(Ratio{fraction->first, fraction->second});
   }
   const auto number = NumberAndUnit(text);
   return number && number->second.empty() ? FrameRateOf(number->first) : std::nullopt;
@@ -96,7 +96,7 @@ std::optional<Ratio> ParseAspect(std::string_view text) {
   if (!terms || terms->first > kLargestCanvas || terms->second > kLargestCanvas) {
     return {};
   }
-  return Reduced({terms->first, terms->second});
+  return Reduced(Ratio{terms->first, terms->second});
 }
 
 std::optional<Time> ParseDuration(std::string_view text) {

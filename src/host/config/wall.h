@@ -89,11 +89,17 @@ struct Canvas {
   int width = 1920;
   int height = 1080;
   Ratio frameRate{25, 1};
-  Ratio aspect{16, 9};  // width to height of the shown picture, reduced
+  Ratio aspect{16, 9};  // width to height of the shown frame, reduced
   Background background;
   int clockOffset = 0;  // ppm by which the wall's time runs faster than the machine's
   Time preroll = 0;     // period of the frames that are marked as preroll; 0: none
   Places places;
+
+  // Width to height of one pixel, reduced.
+  Ratio pixelAspect() const {
+    const qorp::WideRatio shape = qorp::PixelAspect(width, height, aspect);
+    return {static_cast<std::int32_t>(shape.num), static_cast<std::int32_t>(shape.den)};
+  }
 };
 
 struct Label {
@@ -141,7 +147,7 @@ struct Alarm {
 };
 
 struct AlarmOptions {
-  Alarm loss{true, 0, kSecond, kSecond};            // no picture; no level
+  Alarm loss{true, 0, kSecond, kSecond};            // no frame; no level
   Alarm black{true, 10, 5 * kSecond, kSecond};      // brightest percent that counts as black
   Alarm freeze{true, -60, 5 * kSecond, kSecond};    // largest change in dB that counts as none
   Alarm silence{true, -60, 10 * kSecond, kSecond};  // loudest peak in dBFS that counts as silence

@@ -139,7 +139,8 @@ void ReadCanvas(TableReader& reader, const FileContext& context, Canvas& canvas,
   ReadSize(reader, "width", canvas.width);
   ReadSize(reader, "height", canvas.height);
   ReadFrameRate(reader, canvas.frameRate);
-  canvas.aspect = ReadAspect(reader, "aspect").value_or(Reduced({canvas.width, canvas.height}));
+  canvas.aspect =
+      ReadAspect(reader, "aspect").value_or(Reduced(Ratio{canvas.width, canvas.height}));
   ReadBackground(reader, context, canvas.background);
   constexpr int kMaxDrift = 1000;
   canvas.clockOffset =

@@ -6,22 +6,19 @@
 #include <charconv>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <set>
 #include <vector>
 
 #include "platform/os/mutex.h"
+#include "util/url_parts.h"
 
 namespace host::ffmpeg {
 namespace {
 
-constexpr std::string_view kMask = "***";
+using qorp::LowerCase;
 
-std::string LowerCase(std::string_view text) {
-  std::string lower(text);
-  std::transform(lower.begin(), lower.end(), lower.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return lower;
-}
+constexpr std::string_view kMask = "***";
 
 bool IsSchemeCharacter(char c) {
   return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '+' || c == '-' || c == '.';
@@ -151,38 +148,6 @@ std::string MaskPath(std::string_view scheme, std::string_view path, const Found
   return std::string(path.substr(0, last + 1)).append(kMask);
 }
 
-// What follows "scheme://" up to the end of the URL.
-std::string MaskAfterScheme(std::string_view scheme, std::string_view rest, const Found& found) {
-  const std::size_t authorityEnd = std::min(rest.find_first_of("/?#"), rest.size());
-  std::string_view authority = rest.substr(0, authorityEnd);
-  rest.remove_prefix(authorityEnd);
-  // A password may hold a slash that its owner did not escape: then the last "@" before the query
-  // still ends it.
-  const std::string_view beforeQuery =
-      rest.substr(0, std::min(rest.find_first_of("?#"), rest.size()));
-  const std::size_t lateAt = beforeQuery.rfind('@');
-  std::string masked;
-  if (authority.find('@') == std::string_view::npos && lateAt != std::string_view::npos &&
-      authority.find(':') != std::string_view::npos) {
-    const std::size_t hostEnd = std::min(rest.find_first_of("/?#", lateAt), rest.size());
-    found(std::string(authority).append(rest.substr(0, lateAt)));
-    masked.append(kMask).append(rest.substr(lateAt, hostEnd - lateAt));
-    rest.remove_prefix(hostEnd);
-  } else if (const std::size_t at = authority.rfind('@'); at != std::string_view::npos && at > 0) {
-    found(authority.substr(0, at));
-    masked.append(kMask).append(authority.substr(at));
-  } else {
-    masked.append(authority);
-  }
-  const std::size_t query = std::min(rest.find('?'), rest.size());
-  masked += MaskPath(scheme, rest.substr(0, query), found);
-  if (query < rest.size()) {
-    masked.push_back('?');
-    masked += MaskQuery(rest.substr(query + 1), found);
-  }
-  return masked;
-}
-
 std::size_t SchemeStart(std::string_view text, std::size_t mark, std::size_t from) {
   while (mark > from && IsSchemeCharacter(text[mark - 1])) {
     --mark;
@@ -241,13 +206,27 @@ std::string WithoutSecrets(std::string text) {
 }
 
 std::string MaskWhole(std::string_view url, const Found& found) {
-  const std::size_t mark = url.find("://");
-  if (mark == std::string_view::npos) {
+  const std::optional<qorp::UrlParts> parts = qorp::SplitUrl(url);
+  if (!parts) {
     return std::string(url);
   }
-  const std::size_t start = SchemeStart(url, mark, 0);
-  return std::string(url.substr(0, mark + 3)) +
-         MaskAfterScheme(LowerCase(url.substr(start, mark - start)), url.substr(mark + 3), found);
+  std::string masked(parts->scheme);
+  masked += "://";
+  if (parts->credentials) {
+    if (!parts->credentials->empty()) {
+      found(*parts->credentials);
+      masked += kMask;
+    }
+    masked += '@';
+  }
+  masked += parts->address;
+  const std::size_t start = SchemeStart(url, parts->scheme.size(), 0);
+  masked += MaskPath(LowerCase(parts->scheme.substr(start)), parts->path, found);
+  if (parts->query) {
+    masked += '?';
+    masked += MaskQuery(*parts->query, found);
+  }
+  return masked;
 }
 
 bool IsContinuation(char c) {

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "host/config/wall.h"
 #include "host/feed/audio_encoder.h"
 #include "host/feed/audio_format.h"
 #include "host/output/interleaver.h"
@@ -52,7 +53,7 @@ class OutputSession {
     bool waitForSources = false;       // also for those that are not open yet
     std::function<Time()> sinceStart;  // live: the time since the wall's first frame
     SegmentLimits segments;            // of a file
-    Time keyFrameInterval = 2 * kSecond;
+    Time keyFrameInterval = config::Output().keyFrameInterval;
     std::vector<Track> tracks;  // one for each channel; none: no audio is written
   };
   // What belongs to the output and outlives its sessions.

@@ -51,8 +51,7 @@ class SnapshotFrame {
       return false;
     }
     WriteSnapshot(file, {pixels, static_cast<std::size_t>(frame_->GetActualDataLength())},
-                  canvas.width, canvas.height,
-                  PixelAspect(canvas.width, canvas.height, canvas.aspect));
+                  canvas.width, canvas.height, canvas.pixelAspect());
     return true;
   }
 

@@ -7,6 +7,7 @@
 #include <span>
 #include <string>
 
+#include "host/config/wall.h"
 #include "host/ffmpeg/handles.h"
 #include "host/units.h"
 
@@ -29,14 +30,14 @@ class VideoEncoder {
     int height = 0;
     Ratio frameRate{25, 1};
     Ratio pixelAspect{1, 1};
-    std::string codec = "h264";  // FFmpeg's name of a codec or of an encoder
-    std::string preset = "veryfast";
+    std::string codec = config::Output().codec;  // FFmpeg's name of a codec or of an encoder
+    std::string preset = config::Output().preset;
     std::int64_t bitRate = 0;  // bits per second; 0: constant quality
     // Bits per second that constant quality does not exceed over a second, where the encoder can
     // hold to it; 0: no limit.
     std::int64_t maxRate = 0;
     std::optional<double> quality;  // of libx264's scale, 0 (best) to 51; used without bit rate
-    Time keyFrameInterval = 2 * kSecond;
+    Time keyFrameInterval = config::Output().keyFrameInterval;
     bool lowDelay = false;  // no reordering, no look-ahead
     // How late the first packet may leave the encoder, as far as the number of its threads decides
     // about that and its preset is the default one; 0: no limit.

@@ -83,9 +83,7 @@ std::vector<std::uint8_t> MakeBackground(const config::Canvas& canvas) {
     case config::Background::Kind::kPicture:
       break;
   }
-  return FileBackground(canvas.width, canvas.height,
-                        PixelAspect(canvas.width, canvas.height, canvas.aspect),
-                        background.picture);
+  return FileBackground(canvas.width, canvas.height, canvas.pixelAspect(), background.picture);
 }
 
 std::vector<std::uint8_t> ColourBackground(int width, int height, config::Rgb colour) {

@@ -25,7 +25,7 @@ VideoEncoder::Settings EncoderOf(const config::Canvas& canvas, const config::Out
   encoder.width = canvas.width;
   encoder.height = canvas.height;
   encoder.frameRate = canvas.frameRate;
-  encoder.pixelAspect = PixelAspect(canvas.width, canvas.height, canvas.aspect);
+  encoder.pixelAspect = canvas.pixelAspect();
   encoder.codec = output.codec;
   encoder.preset = output.preset;
   encoder.bitRate = output.bitRate;

@@ -14,7 +14,7 @@ TEST(Layout, KeepsWindowsAndLabelsApartInsideTheCanvasForEveryCount) {
     Canvas canvas;
     canvas.width = width;
     canvas.height = height;
-    canvas.aspect = Reduced({width, height});
+    canvas.aspect = Reduced(Ratio{width, height});
     for (std::size_t count = 1; count <= kMaxChannels; ++count) {
       const auto windows = LayOutWindows(canvas, {}, count, true);
       ASSERT_TRUE(windows) << width << " " << count;

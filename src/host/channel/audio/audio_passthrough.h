@@ -47,7 +47,7 @@ class AudioPassthrough {
   std::uint64_t lost() const { return lost_ + (encoder_ ? encoder_->repaired() : 0); }
 
  private:
-  // What tells that the form of the audio has changed.
+  // Changes with the form of the audio.
   struct Form {
     int codec = 0;
     int sampleRate = 0;

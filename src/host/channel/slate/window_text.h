@@ -1,4 +1,4 @@
-// Slates and captions, drawn into the pictures of a window.
+// Slates and captions, drawn into the frames of a window.
 #pragma once
 
 #include <cstdint>
@@ -27,14 +27,14 @@ class TextSetter {
   TextSetter();
   ~TextSetter();
 
-  // text: UTF-8, faults replaced; points: size of the font; width, height: room in pixels.
+  // text: UTF-8, invalid bytes replaced; points: size of the font; width, height: limits in pixels.
   TextCoverage Set(const std::string& text, int points, int width, int height);
 
  private:
   std::unique_ptr<os::TextPainter> painter_;
 };
 
-// A packed YV12 picture: Y, V, U, rows without padding; width and height even.
+// A packed YV12 frame: Y, V, U, rows without padding; width and height even.
 struct WindowPixels {
   std::span<std::uint8_t> pixels;
   int width = 0;
@@ -45,7 +45,7 @@ struct WindowPixels {
 // channel on its streaming thread.
 class WindowText {
  public:
-  // Fills the picture: dark, the text in the middle between two red lines.
+  // Fills the frame: dark, the text in the middle between two red lines.
   void DrawSlate(const WindowPixels& picture, const std::string& text);
   // Draws a dark strip with the text over the lower edge, clear of the meter at the left.
   void DrawCaption(const WindowPixels& picture, const std::string& text);

@@ -26,7 +26,7 @@ void MediaDecoder::StartClock() {
   const bool mayJump =
       (context.iformat->flags & AVFMT_TS_DISCONT) != 0 || input_.kind() != SourceKind::kFile;
   clock_.emplace(mayJump ? std::optional(kMaxGap) : std::nullopt,
-                 ffmpeg::ToTime(context.start_time, AV_TIME_BASE_Q));
+                 ffmpeg::ToTime(context.start_time, AVRational{1, AV_TIME_BASE}));
 }
 
 void MediaDecoder::Start(TrackKind kind, const AVStream& stream, Time frameDuration) {

@@ -33,7 +33,7 @@ struct Orientation {
 // signs and the order of size count; upright where they say nothing. matrix may be null.
 Orientation OrientationOf(const std::int32_t* matrix);
 
-// What of a source is shown and heard.
+// The tracks of a source that a channel uses.
 enum class TrackKind { kVideo, kAudio };
 inline constexpr std::array<TrackKind, 2> kTrackKinds{TrackKind::kVideo, TrackKind::kAudio};
 
@@ -65,7 +65,7 @@ struct AudioInfo {
 // Why a source gives no audio.
 enum class AudioAbsence {
   kNone,         // it does
-  kOff,          // nobody wants it
+  kOff,          // switched off
   kNotInSource,  // no track
   kNoTrack,      // tracks, but not the chosen one
   kNotStarted,   // announced, but nothing has come yet

@@ -33,7 +33,7 @@ bool IsAt(const AVFormatContext& input, int index, const ReplacementInput::Posit
          OrdinalOf(input, index) == position.ordinal;
 }
 
-// What nobody reads is not fetched.
+// Streams that are not read are not fetched.
 void DiscardOthers(AVFormatContext& input,
                    const std::vector<ReplacementInput::Position>& positions) {
   for (unsigned i = 0; i < input.nb_streams; ++i) {

@@ -127,7 +127,7 @@ class MediaInput {
   // After that many, a source of datagrams is opened again after all: a router may have dropped it.
   static constexpr int kMaxSilences = 10;
 
-  // What tells that a file was written again.
+  // Changes when a file is written again.
   struct FileState {
     std::filesystem::file_time_type written;
     std::uintmax_t size = 0;

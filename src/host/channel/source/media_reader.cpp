@@ -6,7 +6,7 @@
 namespace host {
 namespace {
 
-constexpr std::chrono::milliseconds kKeyframeTimeout(KeyframeGate::kMaxWait / kMillisecond);
+constexpr std::chrono::milliseconds kKeyframeTimeout = Milliseconds(KeyframeGate::kMaxWait);
 
 }  // namespace
 

@@ -1,4 +1,4 @@
-// Reads and decodes one source: a file or any URL that FFmpeg opens.
+// MediaReader: reads and decodes one source, a file or any URL that FFmpeg opens.
 #pragma once
 
 #include <algorithm>
@@ -15,10 +15,10 @@
 
 namespace host {
 
-// A source may go on sending what nobody can decode: another service, damaged beyond use, or audio
-// only. Expired says so once it has been read for the limit without a frame, which is at least
-// some frames' time, for slow sources. Only time spent reading counts: a reader that waits for
-// room in its queue reads nothing. Owned and called by one reader.
+// A source may continue to send what cannot be decoded: another service, damaged beyond use, or
+// audio only. Expired says so once it has been read for the limit without a frame, which is at
+// least some frames' time, for slow sources. Only time spent reading counts: a reader that waits
+// for free space in its queue reads nothing. Owned and called by one reader.
 class VideoWatch {
  public:
   using Clock = std::chrono::steady_clock;
@@ -61,7 +61,7 @@ class VideoWatch {
 //
 // Owned by its channel. Open and Read block, up to the limits of the settings, and belong to one
 // thread; Cancel may be called by any thread at any time, also during Open, and makes the blocking
-// call end within some milliseconds. A failed reader is thrown away; reopening makes a new one.
+// call end within some milliseconds. A failed reader is not used again; reopening makes a new one.
 class MediaReader {
  public:
   using Settings = MediaSettings;

@@ -1,11 +1,12 @@
 #include "host/channel/source/source_address.h"
 
-#include <algorithm>
 #include <cctype>
 #include <filesystem>
 #include <string_view>
 #include <system_error>
 #include <utility>
+
+#include "util/url_parts.h"
 
 namespace host {
 namespace {
@@ -69,10 +70,7 @@ std::string SchemeOf(std::string_view name) {
   if (end == std::string_view::npos || name[end] != ':') {
     return {};
   }
-  std::string scheme(name.substr(0, end));
-  std::transform(scheme.begin(), scheme.end(), scheme.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return scheme;
+  return qorp::LowerCase(name.substr(0, end));
 }
 
 // Protocols that read another address, such as "async:http://...": every name before a colon

@@ -18,10 +18,10 @@ class SourceAddress {
 
   // Comes over the network, as far as the text says.
   bool isRemote() const { return isRemote_; }
-  // Sent indefinitely, a service in a transport stream, which may change on the way. Of an RTP
+  // Sent indefinitely, a service in a transport stream, which may change. Of an RTP
   // address it is what is mostly there: whether it is so is seen when packets come.
   bool carriesTransportStream() const { return datagrams_ || isConnected_; }
-  // Nobody is connected to anybody: a sender that goes away and returns is heard again.
+  // Has no connection: a sender that stops and returns is received again.
   bool isDatagrams() const { return datagrams_; }
   bool isRtp() const { return isRtp_; }
   bool isHttp() const { return isHttp_; }

@@ -193,7 +193,7 @@ SourceClock::Mapped SourceClock::Map(std::size_t index, Timestamps timestamps) {
                                                 static_cast<double>(stream.wrapPeriod))) *
                  stream.wrapPeriod;
       }
-      // Damaged timestamps would throw the frame, and all that follow it, to anywhere.
+      // Damaged timestamps would place the frame, and all that follow it, at any time.
       const Time interval = stream.lastStep > 0 ? stream.lastStep : timestamps.duration;
       const Time most = interval > 0 ? std::max(kMaxFramesAhead * interval, kBackLimit) : kMaxAhead;
       if (ahead >= -kBackLimit && ahead <= most) {

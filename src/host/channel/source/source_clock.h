@@ -39,7 +39,8 @@ class SourceClock {
   // or that time while it is not known how long they are.
   static constexpr Time kMaxAhead = 5 * kSecond;
   static constexpr Time kMaxFramesAhead = 16;
-  // Damaged timestamps one after the other, of which each tells something else. More are believed.
+  // Damaged timestamps one after the other, each different from the others. After more they are
+  // accepted.
   static constexpr int kMaxDoubts = 3;
   // How far the streams of one source may be apart when they jump together.
   static constexpr Time kAdoptionLimit = 2 * kSecond;

@@ -25,7 +25,7 @@ namespace host {
 //  by
 //    slice and have recovery points but no keyframes: frames from the first packet on that decoding
 //    can begin with are good.
-//  - Other codecs are judged by their packets in the same way.
+//  - Other codecs are classified by their packets in the same way.
 // Streams that have neither keyframes nor recovery points are refreshed all the same: after
 // kMaxWait of them (or kMaxPackets, when their timestamps stand still) everything is shown.
 //

@@ -43,13 +43,13 @@ bool StreamFailover::IsPreceded(const Candidate& candidate) const {
     const auto& [stream, other] = entry;
     return &other != &candidate &&
            (IsChosen(stream) || (other.isInWantedLanguage && !candidate.isInWantedLanguage)) &&
-           other.heard >= candidate.heard / 2;
+           other.received >= candidate.received / 2;
   });
 }
 
 bool StreamFailover::OnOther(const AVPacket& packet, const Candidacy& candidacy) {
   Candidate& candidate = candidates_[packet.stream_index];
-  candidate.heard += candidacy.duration;
+  candidate.received += candidacy.duration;
   candidate.read = 0;
   ++candidate.packets;
   candidate.isInWantedLanguage = candidacy.isInWantedLanguage;
@@ -64,9 +64,9 @@ bool StreamFailover::OnOther(const AVPacket& packet, const Candidacy& candidacy)
   }
   if (IsChosen(packet.stream_index)) {
     const bool isKeyframe = (packet.flags & AV_PKT_FLAG_KEY) != 0;
-    return candidate.heard >= (isKeyframe ? kStable : kMaxWaitForKeyframe);
+    return candidate.received >= (isKeyframe ? kStable : kMaxWaitForKeyframe);
   }
-  return candidate.heard >= kSilence && !IsPreceded(candidate);
+  return candidate.received >= kSilence && !IsPreceded(candidate);
 }
 
 std::vector<ffmpeg::Packet> StreamFailover::TakeKept(int stream) {

@@ -59,8 +59,9 @@ class StreamFailover {
 
  private:
   struct Candidate {
-    Time heard = 0;  // of the chosen stream: since it returned; otherwise: in the present silence
-    Time read = 0;   // what was read of the present stream since the latest packet
+    Time received =
+        0;          // of the chosen stream: since it returned; otherwise: in the present silence
+    Time read = 0;  // what was read of the present stream since the latest packet
     int packets = 0;
     bool isInWantedLanguage = false;
     std::deque<ffmpeg::Packet> kept;

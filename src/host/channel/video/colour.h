@@ -35,7 +35,7 @@ struct Plane {
   std::ptrdiff_t stride = 0;
 };
 
-// A linear map of (Y, U, V), applied to 4:2:0 frames without the way over RGB: the correction of
+// A linear map of (Y, U, V), applied to 4:2:0 frames without RGB in between: the correction of
 // luma by chroma is worked out once for each chroma sample and added to its four pixels. Going
 // through RGB with the scaler costs several times as much and clips colours that are legal in
 // between. Fixed point with 14 fractional bits: within one step of the exact value.
@@ -87,8 +87,8 @@ struct WideColour {
 };
 
 // Of high dynamic range (PQ, HLG), and of primaries wider than those of BT.709 (BT.2020, P3). None
-// for everything else. The peak is what the frame says of its content or, of that, its mastering
-// display; 1000 cd/m2 when it says nothing.
+// for everything else. The peak is what the frame announces for its content or, of that, its
+// mastering display; 1000 cd/m2 when it says nothing.
 std::optional<WideColour> WideColourOf(const AVFrame& frame);
 
 // For people: "PQ, BT.2020", "BT.2020".

@@ -39,9 +39,9 @@ FitRect FitFrame(int width, int height, Ratio pictureAspect, int windowWidth, in
 
 // Of a source that is faster than the canvas one frame passes for each frame of the canvas: the
 // one nearest to it, which is the one that the composer would choose among all. Frames start at
-// multiples of their length, so whoever places the source on the wall's clock shifts it by whole
-// frames. The length of the source's own frames is learnt from its timestamps; a source of the
-// canvas's rate or slower passes whole, in spite of jitter. No lock: one thread.
+// multiples of their length, so the placing on the wall's clock shifts the source by whole frames.
+// The length of the source's own frames is learnt from its timestamps; a source of the canvas's
+// rate or slower passes whole, in spite of jitter. No lock: one thread.
 class RateLimiter {
  public:
   explicit RateLimiter(Ratio canvasRate)
