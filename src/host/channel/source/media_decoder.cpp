@@ -21,6 +21,8 @@ std::optional<Time> GivenTime(std::int64_t timestamp) {
 
 }  // namespace
 
+MediaDecoder::Track::Track() = default;
+
 void MediaDecoder::StartClock() {
   const AVFormatContext& context = input_.context();
   const bool mayJump =

@@ -59,6 +59,8 @@ class MediaDecoder {
 
  private:
   struct Track {
+    Track();
+
     std::size_t clockStream = 0;
     std::optional<StreamDecoder> decoder;
     Time frameDuration = 0;

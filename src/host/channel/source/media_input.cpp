@@ -160,7 +160,7 @@ bool MediaInput::LiesBehindItsData() const {
 void MediaInput::Select(TrackKind kind, int index) {
   std::optional<Selected>& selected = selected_[static_cast<std::size_t>(kind)];
   if (!selected) {
-    selected.emplace();
+    selected.emplace(Selected{});
   }
   selected->index = index;
   input_->streams[index]->discard = AVDISCARD_DEFAULT;
