@@ -11,6 +11,8 @@ using std::chrono::milliseconds;
 
 // An attempt of that length has itself waited for the source.
 constexpr milliseconds kWaited{1000};
+// A rate that rounding keeps below twice another one.
+constexpr double kTwice = 1.99;
 
 }  // namespace
 
@@ -21,7 +23,8 @@ ChannelIngest::ChannelIngest(std::shared_ptr<const ChannelSettings> settings, Fe
       videoPin_(videoPin),
       queue_(queue),
       observer_(observer),
-      delay_(static_cast<std::uint32_t>(std::hash<std::string>()(settings_.channel.name))) {}
+      delay_(static_cast<std::uint32_t>(std::hash<std::string>()(settings_.channel.name))),
+      policy_(settings_.channel.options.decode) {}
 
 void ChannelIngest::Cancel() {
   {
@@ -199,10 +202,15 @@ bool ChannelIngest::ReadToEnd(MediaReader& reader, SourceSession& session) {
   // What is pushed has to be read in time: it would overflow in the buffers of the network.
   const bool waits = reader.info().kind != SourceKind::kPush || !settings_.now;
   bool silent = false;
+  if (!BeginDecoding(reader)) {
+    return false;
+  }
   for (;;) {
+    const auto begun = std::chrono::steady_clock::now();
     if (waits && !queue_.WaitForRoom()) {
       return false;
     }
+    waitedForRoom_ += std::chrono::steady_clock::now() - begun;
     try {
       MediaItem item = InSource([&] { return reader.Read(); });
       if (silent) {
@@ -219,6 +227,9 @@ bool ChannelIngest::ReadToEnd(MediaReader& reader, SourceSession& session) {
         delay_.Reset();
       }
       Report(session);
+      if (!FollowLoad(reader, session)) {
+        return false;
+      }
     } catch (const MediaError& error) {
       if (!settings_.now) {
         // What was read before the failure is still shown, but not after a limit of a live wall.
@@ -235,6 +246,55 @@ bool ChannelIngest::ReadToEnd(MediaReader& reader, SourceSession& session) {
       }
     }
   }
+}
+
+bool ChannelIngest::BeginDecoding(MediaReader& reader) {
+  observedAt_ = std::chrono::steady_clock::now();
+  const std::optional<VideoInfo>& video = reader.info().video;
+  if (!settings_.pressure || !video) {
+    return true;
+  }
+  const config::Window& window = settings_.channel.window;
+  const Time now = settings_.now();
+  policy_.Opened({video->width >= 2 * window.width && video->height >= 2 * window.height,
+                  video->frameRate.value() >= kTwice * settings_.canvas.frameRate.value()},
+                 now);
+  DecodePolicy::Load load;
+  load.frames = 1;
+  return Decide(reader, now, load);
+}
+
+bool ChannelIngest::FollowLoad(MediaReader& reader, SourceSession& session) {
+  const auto now = std::chrono::steady_clock::now();
+  const double elapsed = std::chrono::duration<double>(now - observedAt_).count();
+  if (!settings_.pressure || !reader.info().video || elapsed < 1) {
+    return true;
+  }
+  observedAt_ = now;
+  const double waited = std::chrono::duration<double>(std::exchange(waitedForRoom_, {}) +
+                                                      reader.TakeWaited() + session.TakeWaited())
+                            .count();
+  DecodePolicy::Load load;
+  load.busy = std::clamp(1 - waited / elapsed, 0.0, 1.0);
+  load.frames = reader.TakeFrames() / elapsed / settings_.canvas.frameRate.value();
+  return Decide(reader, settings_.now(), load);
+}
+
+bool ChannelIngest::Decide(MediaReader& reader, Time now, DecodePolicy::Load load) {
+  load.pressure = settings_.pressure->level();
+  load.isImportant = settings_.channel.selected;
+  load.isShown = settings_.channel.options.enabled;
+  const bool wasKeyframesOnly = policy_.step() == DecodeStep::kKeyframesOnly;
+  const bool hasChanged = policy_.Observe(now, load);
+  reader.SetStep(policy_.step());
+  if (!hasChanged) {
+    return true;
+  }
+  observer_->DecodingChanged(settings_.channel.name, policy_.step(), policy_.reason());
+  SourceEvent event;
+  event.kind = SourceEvent::Kind::kDecoding;
+  event.keyframesOnly = policy_.step() == DecodeStep::kKeyframesOnly;
+  return event.keyframesOnly == wasKeyframesOnly || Announce(std::move(event));
 }
 
 // Once a second.

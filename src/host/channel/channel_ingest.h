@@ -12,6 +12,7 @@
 #include "host/channel/channel_observer.h"
 #include "host/channel/channel_queue.h"
 #include "host/channel/channel_settings.h"
+#include "host/channel/decode_policy.h"
 #include "host/channel/source/media_reader.h"
 #include "host/channel/source_session.h"
 #include "host/feed/feed_pin.h"
@@ -97,6 +98,11 @@ class ChannelIngest {
   bool ReadToEnd(MediaReader& reader);
   bool ReadToEnd(MediaReader& reader, SourceSession& session);
   void Report(const SourceSession& session);
+  // How much is decoded; once when the source is opened, and about once a second. False once the
+  // queue is closed.
+  bool BeginDecoding(MediaReader& reader);
+  bool FollowLoad(MediaReader& reader, SourceSession& session);
+  bool Decide(MediaReader& reader, Time now, DecodePolicy::Load load);
   // False once the queue is closed.
   bool Announce(SourceEvent event);
 
@@ -117,6 +123,9 @@ class ChannelIngest {
 
   // The reader's thread only.
   ReopenDelay delay_;
+  DecodePolicy policy_;
+  std::chrono::nanoseconds waitedForRoom_{};
+  std::chrono::steady_clock::time_point observedAt_;
   Time latest_ = 0;      // when everything that was queued is shown
   Time reportedAt_ = 0;  // the timing of the source, on the wall's clock
 };

@@ -8,6 +8,7 @@
 
 #include "host/channel/alarm_monitor.h"
 #include "host/channel/channel_life.h"
+#include "host/channel/decode_policy.h"
 #include "host/channel/source/media_info.h"
 
 namespace host {
@@ -39,6 +40,11 @@ class ChannelObserver {
   // About once a second while it is read.
   virtual void ChannelTimed(const std::string& channel, const SourceTiming& timing) {
     (void)channel, (void)timing;
+  }
+  // How much of the video is decoded from now on, and why it is not all of it.
+  virtual void DecodingChanged(const std::string& channel, DecodeStep step,
+                               const std::string& reason) {
+    (void)channel, (void)step, (void)reason;
   }
   // How the channel's audio reaches the outputs, as a sentence.
   virtual void AudioPathChanged(const std::string& channel, const std::string& what) {

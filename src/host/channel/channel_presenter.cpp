@@ -137,6 +137,11 @@ void ChannelPresenter::OnSourceEvent(const SourceEvent& event, Time now) {
     alarms_.Opened(event.audioAbsence, now_);
     return;
   }
+  if (event.kind == SourceEvent::Kind::kDecoding) {
+    keyframesOnly_ = event.keyframesOnly;
+    NoteLook();
+    return;
+  }
   if (event.kind == SourceEvent::Kind::kAudio) {
     audioReason_ = event.audioReason;
     alarms_.Decodable(event.audioAbsence == AudioAbsence::kNone);
@@ -246,6 +251,9 @@ std::string ChannelPresenter::CaptionText() const {
     } else if (alarms_.raised(kind)) {
       add(std::string(CaptionOf(kind)) + " since " + settings_.timeText(alarms_.raisedSince(kind)));
     }
+  }
+  if (keyframesOnly_) {
+    add("KEYFRAMES ONLY");
   }
   return text;
 }

@@ -138,6 +138,7 @@ class ChannelPresenter {
   AlarmMonitor alarms_;
   bool hasVideo_ = true;  // the source has; until it is known, it is taken to have
   bool hasAudio_ = false;
+  bool keyframesOnly_ = false;  // of the source; it is to be seen that it does not move by itself
   std::string noVideoReason_;
   std::string audioReason_;  // why there is no audio
   AudioStatus audio_;

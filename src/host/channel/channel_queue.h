@@ -33,7 +33,7 @@ struct ReadyLevels {
 };
 // What became of the source, after everything that it gave before.
 struct SourceEvent {
-  enum class Kind { kOpened, kEnded, kFailed, kAudio };
+  enum class Kind { kOpened, kEnded, kFailed, kAudio, kDecoding };
   Kind kind = Kind::kOpened;
   bool hasVideo = false;        // kOpened
   bool hasAudio = false;        // kOpened
@@ -41,6 +41,7 @@ struct SourceEvent {
   std::string serviceName{};    // kOpened: of its programme, otherwise its title; may be empty
   AudioAbsence audioAbsence{};  // kOpened and kAudio
   std::string audioReason{};    // why there is no audio
+  bool keyframesOnly = false;   // kDecoding: no other frames are shown from now on
 };
 struct ChannelItem {
   Time due = 0;    // when it is handed on, on the wall's clock

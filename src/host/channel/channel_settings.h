@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "host/channel/decode_policy.h"
 #include "host/config/wall.h"
 #include "host/feed/audio_format.h"
 #include "host/units.h"
@@ -31,6 +32,9 @@ struct ChannelSettings {
   // The channel's track in the outputs; null: compressed audio does not leave the channel.
   std::shared_ptr<AudioTrack> audioTrack;
   qorp::log::ILogPerf* logger = nullptr;  // not owned, may be null
+  // What asks for less decoding besides the channel's own load; null of a rendered wall, which
+  // decodes everything.
+  std::shared_ptr<const WallPressure> pressure;
   // No threads: the owner fills the queue and calls DeliverUpTo (simulations).
   bool driven = false;
 

@@ -105,7 +105,8 @@ HRESULT ChannelSource::Pause() {
     return hr;
   }
   ingest_ = std::make_shared<ChannelIngest>(settings_, video_, queue_, observer_);
-  reader_ = std::make_unique<os::Thread>([ingest = ingest_] { ingest->Run(); }, "reader");
+  reader_ = std::make_unique<os::Thread>([ingest = ingest_] { ingest->Run(); }, "reader",
+                                         os::Thread::Priority::kLow);
   streaming_ = std::make_unique<os::Thread>([this] { Stream(); }, "streaming");
   return hr;
 }

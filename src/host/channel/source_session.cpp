@@ -167,7 +167,9 @@ bool SourceSession::DrainConverter() {
     const FrameConverter::FrameTimes times = *next;
     // The wait for a buffer, which a slow wall makes long, counts as lateness of the frame: it is
     // placed afterwards.
+    const auto begun = std::chrono::steady_clock::now();
     const ComPtr<IMediaSample> sample = videoPin_.NewSample(0, times.duration, true);
+    waited_ += std::chrono::steady_clock::now() - begun;
     BYTE* buffer = nullptr;
     if (!sample || FAILED(sample->GetPointer(&buffer))) {
       return false;

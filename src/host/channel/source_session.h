@@ -1,10 +1,12 @@
 // SourceSession: one opening of a channel's source, from its first item to its last.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "host/channel/audio/audio_passthrough.h"
 #include "host/channel/audio/level_meter.h"
@@ -34,6 +36,9 @@ class SourceSession {
   bool Handle(MediaItem item);
   // Hands on what converters, meters and encoders still hold.
   bool Finish();
+
+  // How long it was waited for buffers since the last call.
+  std::chrono::nanoseconds TakeWaited() { return std::exchange(waited_, {}); }
 
   // What could not be converted and was left out.
   std::uint64_t lostFrames() const { return lostFrames_; }
@@ -68,6 +73,7 @@ class SourceSession {
   std::uint64_t lostFrames_ = 0;
   int lostInARow_ = 0;
   bool open_ = true;  // the queue is
+  std::chrono::nanoseconds waited_{};
 };
 
 }  // namespace host

@@ -50,6 +50,13 @@ void Add(const Status& status, Json& json) {
   json["since"] = SecondsOf(status.since);
 }
 
+void Add(DecodeStep step, const std::string& reason, Json& json) {
+  json["step"] = NameOf(step);
+  if (!reason.empty()) {
+    json["reason"] = reason;
+  }
+}
+
 }  // namespace
 
 std::string TimestampUtc() {
@@ -78,6 +85,7 @@ Json ToJson(const ChannelBoard::Entry& entry) {
       json["alarms"].push_back(NameOf(kind));
     }
   }
+  Add(entry.decoding, entry.decodingReason, json["decoding"]);
   if (entry.timing) {
     json["jitter"] = SecondsOf(entry.timing->jitter);
     json["lead"] = SecondsOf(entry.timing->lead);
@@ -163,6 +171,25 @@ void ChannelBoard::ChannelTimed(const std::string& channel, const SourceTiming& 
   Of(channel).timing = timing;
 }
 
+void ChannelBoard::DecodingChanged(const std::string& channel, DecodeStep step,
+                                   const std::string& reason) {
+  {
+    const os::MutexLock guard(lock_);
+    Entry& entry = Of(channel);
+    entry.decoding = step;
+    entry.decodingReason = reason;
+  }
+  if (events_.enabled()) {
+    Json line = {{"event", "decoding"}, {"time", TimestampUtc()}, {"channel", channel}};
+    Add(step, reason, line);
+    events_.Write(OneLine(line));
+  }
+  std::string name = NameOf(step);
+  std::replace(name.begin(), name.end(), '_', ' ');
+  Say(step >= DecodeStep::kReferencedOnly ? qorp::log::kWarning : qorp::log::kInfo, channel,
+      "decoding is " + name + (reason.empty() ? "" : ": " + reason));
+}
+
 void ChannelBoard::AudioPathChanged(const std::string& channel, const std::string& what) {
   Say(qorp::log::kWarning, channel, what);
 }
@@ -235,6 +262,12 @@ std::string WallStatus::ChannelsText() const {
     if (list.size() > kMaxNames) {
       text += " and " + std::to_string(list.size() - kMaxNames) + " more";
     }
+  }
+  const auto reduced = std::count_if(channels.begin(), channels.end(), [](const auto& entry) {
+    return entry.decoding >= DecodeStep::kReferencedOnly;
+  });
+  if (reduced > 0) {
+    text += "; decoded in part: " + std::to_string(reduced);
   }
   return text;
 }

@@ -40,8 +40,10 @@ class ChannelBoard final : public ChannelObserver {
     ChannelLife::Status status;
     AudioStatus audio;
     std::array<bool, kAlarmKinds> alarms{};  // by AlarmKind
-    std::optional<SourceTiming> timing{};    // of a live source that is being read
-    std::optional<Time> length;              // of the source, once it is known
+    DecodeStep decoding = DecodeStep::kFull;
+    std::string decodingReason;            // why it is not decoded fully
+    std::optional<SourceTiming> timing{};  // of a live source that is being read
+    std::optional<Time> length;            // of the source, once it is known
     bool opened = false;
     bool wasLive = false;
     std::string failure;  // why the source is of no use, or was to the end; may be empty
@@ -60,6 +62,8 @@ class ChannelBoard final : public ChannelObserver {
   void ChannelFailed(const std::string& channel, const std::string& reason,
                      std::optional<std::chrono::milliseconds> retryIn) override;
   void ChannelTimed(const std::string& channel, const SourceTiming& timing) override;
+  void DecodingChanged(const std::string& channel, DecodeStep step,
+                       const std::string& reason) override;
   void AudioPathChanged(const std::string& channel, const std::string& what) override;
   void ChannelChanged(const std::string& channel, const ChannelLife::Status& status) override;
   void AudioChanged(const std::string& channel, const AudioStatus& status) override;
@@ -83,8 +87,8 @@ class ChannelBoard final : public ChannelObserver {
 
 // How long a wall of these sources is; none while a source that has not failed has no length.
 std::optional<double> LengthOf(const std::vector<ChannelBoard::Entry>& channels);
-// A channel in a status report: name, state, reason, since, audio, alarms; jitter and lead of a
-// live source in seconds, and what was left out of it.
+// A channel in a status report: name, state, reason, since, audio, alarms, decoding; jitter and
+// lead of a live source in seconds, and what was left out of it.
 nlohmann::ordered_json ToJson(const ChannelBoard::Entry& entry);
 // "2026-11-25T01:02:03.456Z": now.
 std::string TimestampUtc();

@@ -219,6 +219,9 @@ void ReadChannelOptions(TableReader& reader, ChannelOptions& options) {
     }
   }
   options.enabled = reader.Boolean("enabled").value_or(options.enabled);
+  if (const auto decode = reader.Choice("decode", {"auto", "full", "economy", "keyframes"})) {
+    options.decode = static_cast<Decode>(*decode);
+  }
   if (const auto mode = reader.Choice("deinterlace", {"off", "auto", "frames", "fields"})) {
     options.deinterlace = static_cast<DeinterlaceMode>(*mode);
   }

@@ -114,6 +114,9 @@ struct Label {
   std::filesystem::path file;  // kFile
 };
 
+// How much of a live channel's video is decoded; see DecodePolicy.
+enum class Decode { kAuto, kFull, kEconomy, kKeyframes };
+
 enum class DeinterlaceMode {
   kOff,
   kAuto,    // frames that are marked as interlaced; each field when the canvas is fast enough
@@ -165,6 +168,7 @@ struct ChannelOptions {
   std::string colour = "#FFFFFF";  // of the label, in one of the composer's forms
   bool enabled = true;
   DeinterlaceMode deinterlace = DeinterlaceMode::kAuto;
+  Decode decode = Decode::kAuto;
   bool repeat = true;       // files begin again when the wall runs live
   Time hold = 5 * kSecond;  // the last frame stays for that long when the source stops
   Time openLimit = 10 * kSecond;

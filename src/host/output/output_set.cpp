@@ -256,6 +256,14 @@ bool OutputSet::allFailed() const {
   });
 }
 
+std::uint64_t OutputSet::droppedBeforeEncoding() const {
+  std::uint64_t dropped = 0;
+  for (const Encoder& encoder : encoders_) {
+    dropped += encoder.encoder->dropped();
+  }
+  return dropped;
+}
+
 std::size_t OutputSet::queuedBytes() const {
   std::size_t bytes = 0;
   for (const Entry& entry : entries_) {

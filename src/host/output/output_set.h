@@ -76,6 +76,8 @@ class OutputSet {
   bool empty() const { return entries_.empty(); }
   bool allFailed() const;
   std::vector<Status> status() const;
+  // Frames that found an encoder too slow.
+  std::uint64_t droppedBeforeEncoding() const;
   // Bytes of packets that wait for the outputs.
   std::size_t queuedBytes() const;
 

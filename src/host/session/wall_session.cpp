@@ -56,6 +56,7 @@ WallSession::WallSession(Settings settings)
       firstFrame_(settings_.live ? 0 : FirstFrame(settings_.wall.canvas.frameRate)),
       labelsUntil_(std::chrono::steady_clock::now() + kLabelsLimit),
       clock_(settings_.wall.canvas.clockOffset),
+      pressure_(settings_.live ? std::make_shared<WallPressure>() : nullptr),
       composer_(settings_.composerLibrary, CanvasOf(settings_.wall),
                 settings_.composerLogger != nullptr ? settings_.composerLogger : settings_.logger),
       graph_(FilterGraph::Create()) {
@@ -126,6 +127,7 @@ WallSession::~WallSession() {
 }
 
 void WallSession::Take(const ComPtr<IMediaSample>& frame, Time start) {
+  NotePressure(start);
   const Time first = FrameStart(firstFrame_, settings_.wall.canvas.frameRate);
   if (start >= first) {
     ++composed_;
@@ -139,6 +141,14 @@ void WallSession::Take(const ComPtr<IMediaSample>& frame, Time start) {
 
 void WallSession::Connect(FeedPin& from, IPin* to, const std::string& what) {
   Check(graph_->ConnectDirect(&from, to, nullptr), "connect " + what + " to the composer");
+}
+
+// Once a second: what the wall loses when decoding takes too much of the machine.
+void WallSession::NotePressure(Time start) {
+  if (pressure_ && start - pressureAt_ >= kSecond) {
+    pressureAt_ = start;
+    pressure_->Observe(start, counters().late + outputs_->droppedBeforeEncoding());
+  }
 }
 
 ChannelSettings WallSession::SettingsOf(std::size_t index, WallWindow* window) {
@@ -157,6 +167,7 @@ ChannelSettings WallSession::SettingsOf(std::size_t index, WallWindow* window) {
     settings.audioTrack = audioTracks_.at(index);
   }
   settings.logger = settings_.logger;
+  settings.pressure = pressure_;
   return settings;
 }
 

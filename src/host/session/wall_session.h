@@ -96,6 +96,7 @@ class WallSession {
   ChannelSettings SettingsOf(std::size_t index, WallWindow* window);
   std::string TimeText(Time time);
   void Take(const ComPtr<IMediaSample>& frame, Time start);
+  void NotePressure(Time start);
   // False when the rendering is to end.
   bool WaitForOutputs(const RenderControl& control);
   void Connect(FeedPin& from, IPin* to, const std::string& what);
@@ -112,6 +113,8 @@ class WallSession {
   TimeOfDay timeOfDay_;
   std::shared_ptr<FrameWatch> watch_ = std::make_shared<FrameWatch>();
   std::atomic<std::uint64_t> composed_{0};
+  const std::shared_ptr<WallPressure> pressure_;  // null of a rendered wall
+  Time pressureAt_ = 0;                           // the composition thread's
   // Outlives the graph, whose threads hand on to it.
   std::vector<std::shared_ptr<AudioTrack>> audioTracks_;  // one for each channel
   std::unique_ptr<OutputSet> outputs_;

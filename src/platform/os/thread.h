@@ -24,9 +24,14 @@ namespace os {
 // continues by itself, and keeps its body alive.
 class Thread final : public Waitable {
  public:
+  // Low: runs when threads of normal priority leave time, as do all threads that it starts. No
+  // privilege is needed.
+  enum class Priority { kNormal, kLow };
+
   // name: for debuggers and process listings, cut to what the system allows; empty for none.
   // Throws std::system_error when the system refuses the thread.
-  explicit Thread(std::function<void()> body, const std::string& name = {});
+  explicit Thread(std::function<void()> body, const std::string& name = {},
+                  Priority priority = Priority::kNormal);
   ~Thread() override;
 
   // The system's number of the thread.

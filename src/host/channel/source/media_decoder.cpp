@@ -1,5 +1,7 @@
 #include "host/channel/source/media_decoder.h"
 
+#include <algorithm>
+
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
@@ -14,6 +16,8 @@ namespace {
 
 // A longer step forwards in a source whose timestamps are known to jump is no gap.
 constexpr Time kMaxGap = 10 * kSecond;
+// At least for that long a keyframe stands when nothing else is decoded.
+constexpr Time kKeyframeDuration = 4 * kSecond;
 
 std::optional<Time> GivenTime(std::int64_t timestamp) {
   return timestamp != AV_NOPTS_VALUE ? std::optional<Time>(timestamp) : std::nullopt;
@@ -53,9 +57,19 @@ void MediaDecoder::Replace(TrackKind kind, const AVStream& stream) {
   clock_->ReplaceStream(replaced.clockStream, WrapPeriod(stream));
 }
 
+void MediaDecoder::SetStep(DecodeStep step) {
+  step_ = step;
+  if (std::optional<Track>& video = track(TrackKind::kVideo)) {
+    video->decoder->SetStep(step);
+  }
+}
+
 void MediaDecoder::MakeDecoder(Track& track, const AVStream& stream) {
   try {
     track.decoder.emplace(stream, settings_.options.decoderThreads);
+    if (stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO) {
+      track.decoder->SetStep(step_);
+    }
   } catch (const ffmpeg::Error& error) {
     input_.Fail(MediaError::Kind::kFailed, error.what());
   }
@@ -115,11 +129,18 @@ void MediaDecoder::GiveFrame(Track& track, ffmpeg::Frame frame) {
   DecodedFrame item;
   item.start = span.start;
   item.duration = span.duration;
+  if (track.decoder->step() == DecodeStep::kKeyframesOnly) {
+    // Until the next one, however far away: keyframes come irregularly.
+    const Time gap = track.latest ? span.start - *track.latest : 0;
+    item.duration = std::clamp(gap, kKeyframeDuration, kMaxGap);
+  }
+  track.latest = span.start;
   item.discontinuity = span.discontinuity;
   item.orientation = OrientationOf(track, *frame);
   item.frame = std::move(frame);
   hasGiven_ = true;
   frameGiven_ = true;
+  ++frames_;
   ready_.emplace_back(std::move(item));
 }
 
@@ -186,9 +207,9 @@ MediaItem MediaDecoder::Take() {
   return item;
 }
 
-bool MediaDecoder::awaitsKeyframe() const {
+bool MediaDecoder::waitsForKeyframes() const {
   const std::optional<Track>& video = track(TrackKind::kVideo);
-  return video && video->decoder->awaitsKeyframe();
+  return video && (video->decoder->awaitsKeyframe() || step_ == DecodeStep::kKeyframesOnly);
 }
 
 std::uint64_t MediaDecoder::damagedPackets() const {

@@ -52,10 +52,15 @@ class MediaDecoder {
   bool hasGiven() const { return hasGiven_; }
   // Frames were given since the last call.
   bool TakeFrameGiven() { return std::exchange(frameGiven_, false); }
-  // Video comes, but its first keyframe is still to come.
-  bool awaitsKeyframe() const;
+  // Since the last call.
+  int TakeFrames() { return std::exchange(frames_, 0); }
+  // Video comes, but its first keyframe is still to come, or nothing but keyframes is wanted.
+  bool waitsForKeyframes() const;
   // Of the source, damaged packets that the decoders skipped.
   std::uint64_t damagedPackets() const;
+
+  // How much of the video is decoded from now on, whichever decoder it has; see StreamDecoder.
+  void SetStep(DecodeStep step);
 
  private:
   struct Track {
@@ -66,13 +71,15 @@ class MediaDecoder {
     Time frameDuration = 0;
     std::optional<Orientation> orientation;  // as its frames say
     ItemTimes times;
-    std::int64_t jumps = 0;  // of its timestamps
+    std::int64_t jumps = 0;      // of its timestamps
+    std::optional<Time> latest;  // start of the latest frame
   };
 
   std::optional<Track>& track(TrackKind kind) { return tracks_[static_cast<std::size_t>(kind)]; }
   const std::optional<Track>& track(TrackKind kind) const {
     return tracks_[static_cast<std::size_t>(kind)];
   }
+  // A decoder for the stream, at the step that is set.
   void MakeDecoder(Track& track, const AVStream& stream);
   void DecodeVideo(Track& track, const AVPacket& packet);
   void DecodeAudio(Track& track, const AVPacket& packet);
@@ -86,8 +93,10 @@ class MediaDecoder {
   std::optional<SourceClock> clock_;
   std::array<std::optional<Track>, kTrackKinds.size()> tracks_;  // by TrackKind
   std::deque<MediaItem> ready_;                                  // what one packet gave, at most
+  DecodeStep step_ = DecodeStep::kFull;                          // of the video
   bool hasGiven_ = false;
   bool frameGiven_ = false;
+  int frames_ = 0;
 };
 
 }  // namespace host

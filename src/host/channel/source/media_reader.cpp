@@ -41,8 +41,8 @@ MediaItem MediaReader::Read() {
     if (decoder_.TakeFrameGiven()) {
       watch_->Picture(Clock::now());
     }
-    if (watch_->Expired(Clock::now(),
-                        decoder_.awaitsKeyframe() ? kKeyframeTimeout : Clock::duration::zero())) {
+    if (watch_->Expired(Clock::now(), decoder_.waitsForKeyframes() ? kKeyframeTimeout
+                                                                   : Clock::duration::zero())) {
       input_.Fail(MediaError::Kind::kTimedOut, "it sends, but no picture that can be decoded");
     }
   }
@@ -54,7 +54,10 @@ MediaItem MediaReader::Read() {
 
 void MediaReader::ReadPacket() {
   ffmpeg::Packet packet = ffmpeg::MakePacket();
-  switch (input_.Read(packet, !decoder_.hasGiven() && repeats_ == 0)) {
+  const auto begun = std::chrono::steady_clock::now();
+  const MediaInput::Outcome outcome = input_.Read(packet, !decoder_.hasGiven() && repeats_ == 0);
+  waited_ += std::chrono::steady_clock::now() - begun;
+  switch (outcome) {
     case MediaInput::Outcome::kPacket:
       tracks_.Handle(std::move(packet));
       break;

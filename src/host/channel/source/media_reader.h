@@ -89,6 +89,11 @@ class MediaReader {
   const std::vector<std::string>& unknownOptions() const { return input_.unknownOptions(); }
   // Packets that a decoder found damaged and skipped.
   std::uint64_t damagedPackets() const { return decoder_.damagedPackets(); }
+  // How much of the video is decoded from now on.
+  void SetStep(DecodeStep step) { decoder_.SetStep(step); }
+  // Frames that were decoded since the last call, and how long it was waited for packets.
+  int TakeFrames() { return decoder_.TakeFrames(); }
+  std::chrono::nanoseconds TakeWaited() { return std::exchange(waited_, {}); }
   // How often another stream has replaced one that ended, as when a service changes its codec, or
   // the one that was chosen has returned.
   std::uint64_t replacements() const { return tracks_.replacements(); }
@@ -106,6 +111,7 @@ class MediaReader {
   MediaDecoder decoder_;
   TrackSelector tracks_;
   std::optional<VideoWatch> watch_;  // of a live source with video
+  std::chrono::nanoseconds waited_{};
   bool ended_ = false;
   std::uint64_t repeats_ = 0;
 };

@@ -84,7 +84,41 @@ void StreamDecoder::Receive(const FrameSink& sink) {
   }
 }
 
+void StreamDecoder::FollowStep(bool isKeyframe, const FrameSink& sink) {
+  const bool toKeyframes = wanted_ == DecodeStep::kKeyframesOnly;
+  const bool fromKeyframes = step_ == DecodeStep::kKeyframesOnly;
+  if (wanted_ == step_ || (fromKeyframes && !isKeyframe)) {
+    return;
+  }
+  if (toKeyframes) {
+    Drain(sink);
+    avcodec_flush_buffers(codec_.get());
+  } else if (fromKeyframes && gate_) {
+    gate_->Close();
+  }
+  step_ = wanted_;
+  codec_->skip_loop_filter = step_ == DecodeStep::kFull                     ? AVDISCARD_DEFAULT
+                             : step_ == DecodeStep::kUnreferencedUnfiltered ? AVDISCARD_NONREF
+                                                                            : AVDISCARD_NONKEY;
+  codec_->skip_frame = step_ == DecodeStep::kReferencedOnly ? AVDISCARD_NONREF : AVDISCARD_DEFAULT;
+}
+
 void StreamDecoder::Decode(const AVPacket& packet, const FrameSink& sink) {
+  const bool isKeyframe = (packet.flags & AV_PKT_FLAG_KEY) != 0;
+  FollowStep(isKeyframe, sink);
+  if (step_ != DecodeStep::kKeyframesOnly) {
+    Send(packet, sink);
+    return;
+  }
+  if (isKeyframe) {
+    // Each is a stream of its own: none waits in the decoder for frames that come before it.
+    Send(packet, sink);
+    Drain(sink);
+    avcodec_flush_buffers(codec_.get());
+  }
+}
+
+void StreamDecoder::Send(const AVPacket& packet, const FrameSink& sink) {
   const std::uint64_t damagedBefore = damagedPackets_;
   if (gate_) {
     gate_->Packet(packet);

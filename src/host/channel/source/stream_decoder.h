@@ -94,6 +94,16 @@ class KeyframeGate {
   std::optional<std::int64_t> key_;  // time of the first that decoding can begin with
 };
 
+// How much is decoded. Each step saves what the ones before it save, and more.
+enum class DecodeStep {
+  kFull,
+  kUnreferencedUnfiltered,  // no deblocking of frames that no other frame refers to
+  kUnfiltered,              // deblocking of keyframes only
+  kReferencedOnly,          // frames that no other frame refers to are dropped as well
+  kKeyframesOnly,
+};
+inline constexpr int kDecodeSteps = 5;
+
 // Decodes packets whose timestamps are in units of 100 ns; frames have the same unit. A damaged
 // packet is counted and skipped, as a monitor must: it never ends the stream. Frames of video begin
 // with a keyframe (KeyframeGate). Owned and called by one reader on its thread.
@@ -105,6 +115,12 @@ class StreamDecoder {
   // stream or it does not start.
   StreamDecoder(const AVStream& stream, int threads);
   ~StreamDecoder();
+
+  // From the next packet on; up from keyframes only from the next keyframe on, since what follows
+  // refers to frames that were dropped.
+  void SetStep(DecodeStep step) { wanted_ = step; }
+  // The step at which the latest packet was decoded.
+  DecodeStep step() const { return step_; }
 
   // Hands every frame that is ready to the sink.
   void Decode(const AVPacket& packet, const FrameSink& sink);
@@ -132,10 +148,14 @@ class StreamDecoder {
   static constexpr int kDamagedWithoutKeysUntilLost = 64;
 
   void Receive(const FrameSink& sink);
+  void Send(const AVPacket& packet, const FrameSink& sink);
+  void FollowStep(bool isKeyframe, const FrameSink& sink);
   void CountDamage();
 
   ffmpeg::Codec codec_;
   std::optional<KeyframeGate> gate_;  // of video
+  DecodeStep wanted_ = DecodeStep::kFull;
+  DecodeStep step_ = DecodeStep::kFull;
   std::uint64_t damagedPackets_ = 0;
   int damagedInARow_ = 0;
   int damagedKeysInARow_ = 0;  // of these, packets that decoding could begin with
