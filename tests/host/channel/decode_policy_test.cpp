@@ -1,9 +1,18 @@
 #include "host/channel/decode_policy.h"
 
 #include <algorithm>
+#include <map>
 #include <string>
 
 #include <gtest/gtest.h>
+
+extern "C" {
+#include <libavutil/adler32.h>
+#include <libavutil/frame.h>
+}
+
+#include "tests/host/clips.h"
+#include "tests/support/temporary_folder.h"
 
 namespace host {
 namespace {
@@ -112,6 +121,67 @@ TEST_F(DecodePolicyTest, LeavesAStepThatGivesTooLittle) {
   EXPECT_EQ(Run(keyframes, 14, 0.5), "44444444444333");
   keyframes.Opened({}, now_);
   EXPECT_EQ(Run(keyframes, 1, 0.5), "4") << "another source may have some";
+}
+
+// Each frame's luma, by its number.
+using Frames = std::map<Time, AVAdler>;
+
+// change(n, reader): before the n-th item is read.
+template <typename Change>
+Frames ReadFrames(const std::filesystem::path& clip, Change change) {
+  MediaReader reader(Source(clip));
+  reader.Open();
+  Frames frames;
+  int item = 0;
+  change(item, reader);
+  ReadEach(reader, [&](MediaItem read) {
+    if (const auto* const frame = std::get_if<DecodedFrame>(&read)) {
+      AVAdler sum = 1;
+      for (int row = 0; row < frame->frame->height; ++row) {
+        sum = av_adler32_update(sum, frame->frame->data[0] + row * frame->frame->linesize[0],
+                                static_cast<std::size_t>(frame->frame->width));
+      }
+      frames[NearestFrame(frame->start, {25, 1})] = sum;
+    }
+    change(++item, reader);
+  });
+  return frames;
+}
+
+TEST(DecodeStep, LeavesOutWholeFramesAndComesBackAtAKeyframe) {
+  const TemporaryFolder folder;
+  ClipRecipe recipe = SmallClip();
+  recipe.audio.clear();
+  recipe.length = 4 * kSecond;
+  recipe.videoOptions = {
+      {"g", "25"}, {"bf", "2"}, {"b_strategy", "0"}, {"x264-params", "open-gop=1:scenecut=0"}};
+  for (const char* const name : {"clip.mkv", "clip.ts"}) {
+    const std::filesystem::path clip = Write(recipe, folder / name);
+    const Frames all = ReadFrames(clip, [](int, MediaReader&) {});
+    ASSERT_EQ(all.size(), 100U);
+    const auto expectSame = [&](const Frames& some) {
+      for (const auto& [number, sum] : some) {
+        EXPECT_EQ(sum, all.at(number)) << name << ", frame " << number;
+      }
+    };
+
+    const Frames referenced = ReadFrames(clip, [](int item, MediaReader& reader) {
+      reader.SetStep(item < 40 ? DecodeStep::kReferencedOnly : DecodeStep::kKeyframesOnly);
+    });
+    EXPECT_GT(referenced.size(), 30U) << name;
+    EXPECT_LT(referenced.size(), 60U) << name;
+    // Deblocking is left out of what others refer to as well.
+    EXPECT_EQ(referenced.at(75), all.at(75)) << name << ": a keyframe";
+
+    // Up from keyframes in the midst of a GOP: nothing that refers to what was left out is shown.
+    const Frames keyframes = ReadFrames(clip, [](int item, MediaReader& reader) {
+      reader.SetStep(item < 2 ? DecodeStep::kKeyframesOnly : DecodeStep::kFull);
+    });
+    expectSame(keyframes);
+    EXPECT_TRUE(keyframes.contains(0) && keyframes.contains(25)) << name;
+    EXPECT_FALSE(keyframes.contains(10)) << name;
+    EXPECT_GE(keyframes.size(), 45U) << name;
+  }
 }
 
 TEST(WallPressure, RisesWithEachLossAndFallsAfterQuietTimes) {
