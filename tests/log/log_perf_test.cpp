@@ -61,31 +61,24 @@ class Logging : public testing::Test {
   LogPerf logger{WithClock(clock)};
 };
 
-TEST_F(Logging, TakesTimestampAndTextOnTheCallersThread) {
+TEST_F(Logging, MakesOneLineOfEveryMessageOnTheCallersThread) {
   logger.AddSink(&sink);
+  const std::string longest(1040, 'x');
   std::string changing = "before";
   logger.log(qorp::log::kWarning, "%s %d", changing.c_str(), 7);
   changing = "after";
   clock->Advance(5);
-  logger.log(-3, "later");
+  logger.log(-3, "two\r\nwords\n");
+  logger.log(-3, "%s and what is cut", longest.c_str());
+  logger.log(-3, "\r\r");
   clock->Advance(1000);
   logger.Start();
   logger.Stop();
   const std::int64_t start = 1763286194123;
-  EXPECT_THAT(sink.Lines(), ElementsAre(RecordingSink::Line{1, start, "before 7"},
-                                        RecordingSink::Line{-3, start + 5, "later"}));
-}
-
-TEST_F(Logging, MakesOneLineOfEveryMessage) {
-  logger.AddSink(&sink);
-  const std::string longest(1040, 'x');
-  logger.log(qorp::log::kInfo, "two\r\nwords\n");
-  logger.log(qorp::log::kInfo, "%s", longest.c_str());
-  logger.log(qorp::log::kInfo, "%s and what is cut", longest.c_str());
-  logger.log(qorp::log::kInfo, "\r\r");
-  logger.Start();
-  logger.Stop();
-  EXPECT_THAT(sink.Texts(), ElementsAre("two words ", longest, longest, ""));
+  using Line = RecordingSink::Line;
+  EXPECT_THAT(sink.Lines(),
+              ElementsAre(Line{1, start, "before 7"}, Line{-3, start + 5, "two words "},
+                          Line{-3, start + 5, longest}, Line{-3, start + 5, ""}));
 }
 
 TEST_F(Logging, StopHandsOverEverythingThatWaits) {
