@@ -1,7 +1,6 @@
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <functional>
 #include <future>
 
 #include <gmock/gmock.h>

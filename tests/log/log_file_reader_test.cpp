@@ -21,12 +21,10 @@ namespace {
 
 using qorp::log::CircularLogFile;
 using qorp::log::logfile_sink;
-using qorp::log::LogFileOptions;
 using qorp::log::LogFileReader;
 using qorp::log::LogTime;
 using qorp::log::NumberedLogLine;
 using qorp::log::recovering_logfile_sink;
-using testing::ElementsAre;
 using testing::IsEmpty;
 
 class LogReading : public testing::Test {
@@ -70,7 +68,6 @@ class LogReading : public testing::Test {
 
 TEST_F(LogReading, GivesWholeLinesOldestFirstWhereverTheHeadStands) {
   // Each line is 53 bytes long or a little longer; about 18 fit.
-  std::optional<int> oldest;
   for (int last = 1; last <= 100; ++last) {
     std::filesystem::remove(path);
     Write(1, last, 1000);
