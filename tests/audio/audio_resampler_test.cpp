@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <numeric>
 #include <random>
 #include <stdexcept>
 
@@ -188,50 +189,33 @@ using qorp::kFilterScale;
 
 constexpr std::int32_t kPhases = 1024;
 
-TEST(FilterBank, HasUnitGainAndBoundedSumsInEveryPhase) {
-  struct Case {
-    double factor;
-    std::int32_t taps;
-  };
+TEST(FilterBank, HasUnitGainAndBoundedSumsInEveryPhaseAndPassesASampleOnItsPlace) {
   // The second one is where magnitudes grow largest.
-  for (const Case& c : {Case{1.0, 16},
-                        {0.99999, 17},
-                        {44100.0 / 48000, 18},
-                        {0.5, 32},
-                        {11025.0 / 48000, 70},
-                        {1.0 / 24, 384},
-                        {1.0, 1},
-                        {1.0, 2}}) {
-    const auto bank = BuildFilter(c.factor, c.taps, kPhases);
-    ASSERT_EQ(bank.size(), static_cast<std::size_t>(c.taps) * (kPhases + 1));
-    for (std::int32_t phase = 0; phase <= kPhases; ++phase) {
-      std::int32_t sum = 0;
-      std::int32_t magnitude = 0;
-      for (std::int32_t i = 0; i < c.taps; ++i) {
-        const std::int32_t coefficient = bank[static_cast<std::size_t>(phase * c.taps + i)];
-        sum += coefficient;
-        magnitude += std::abs(coefficient);
-      }
-      ASSERT_NEAR(sum, kFilterScale, 1) << "factor " << c.factor << ", phase " << phase;
-      ASSERT_LT(magnitude, 2 * kFilterScale) << "factor " << c.factor << ", phase " << phase;
+  for (const auto& [factor, taps] : {std::pair(1.0, 16),
+                                     {0.99999, 17},
+                                     {44100.0 / 48000, 18},
+                                     {0.5, 32},
+                                     {11025.0 / 48000, 70},
+                                     {1.0 / 24, 384},
+                                     {1.0, 1},
+                                     {1.0, 2}}) {
+    const auto bank = BuildFilter(factor, taps, kPhases);
+    ASSERT_EQ(bank.size(), static_cast<std::size_t>(taps) * (kPhases + 1));
+    for (auto filter = bank.begin(); filter != bank.end(); filter += taps) {
+      const auto magnitude = [](std::int32_t sum, std::int16_t each) {
+        return sum + std::abs(each);
+      };
+      ASSERT_NEAR(std::accumulate(filter, filter + taps, 0), kFilterScale, 1) << factor;
+      ASSERT_LT(std::accumulate(filter, filter + taps, 0, magnitude), 2 * kFilterScale) << factor;
     }
   }
-}
-
-TEST(FilterBank, PassesASampleOnItsPlace) {
-  constexpr std::int32_t kTaps = 16;
-  const auto bank = BuildFilter(1.0, kTaps, kPhases);
-  const auto at = [&](std::int32_t phase, std::int32_t tap) {
-    return bank[static_cast<std::size_t>(phase * kTaps + tap)];
-  };
-  // Phase 0 is the sample at the centre; what 16 bits cannot hold of it went to the next tap.
-  for (std::int32_t tap = 0; tap < kTaps; ++tap) {
-    EXPECT_EQ(at(0, tap), tap == 7 ? 32767 : tap == 8 ? 1 : 0) << tap;
-  }
-  // The guard filter is phase 0 of the next sample.
-  for (std::int32_t tap = 0; tap < kTaps; ++tap) {
-    EXPECT_EQ(at(kPhases, tap), at(0, (tap + kTaps - 1) % kTaps));
-  }
+  // Phase 0 is the sample at the centre; what 16 bits cannot hold of it went to the next tap. The
+  // guard filter is phase 0 of the next sample.
+  const auto bank = BuildFilter(1.0, 16, kPhases);
+  const Samples first{0, 0, 0, 0, 0, 0, 0, 32767, 1, 0, 0, 0, 0, 0, 0, 0};
+  const Samples guard{0, 0, 0, 0, 0, 0, 0, 0, 32767, 1, 0, 0, 0, 0, 0, 0};
+  EXPECT_EQ(Samples(bank.begin(), bank.begin() + 16), first);
+  EXPECT_EQ(Samples(bank.end() - 16, bank.end()), guard);
 }
 
 TEST(InnerProduct, IsTheScalarSumForEveryLengthAndAlignment) {

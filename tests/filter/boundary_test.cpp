@@ -2,7 +2,6 @@
 // codes only.
 #include <array>
 #include <functional>
-#include <memory>
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>

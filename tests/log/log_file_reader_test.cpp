@@ -21,12 +21,10 @@ namespace {
 
 using qorp::log::CircularLogFile;
 using qorp::log::logfile_sink;
-using qorp::log::LogFileOptions;
 using qorp::log::LogFileReader;
 using qorp::log::LogTime;
 using qorp::log::NumberedLogLine;
 using qorp::log::recovering_logfile_sink;
-using testing::ElementsAre;
 using testing::IsEmpty;
 
 class LogReading : public testing::Test {
@@ -70,7 +68,6 @@ class LogReading : public testing::Test {
 
 TEST_F(LogReading, GivesWholeLinesOldestFirstWhereverTheHeadStands) {
   // Each line is 53 bytes long or a little longer; about 18 fit.
-  std::optional<int> oldest;
   for (int last = 1; last <= 100; ++last) {
     std::filesystem::remove(path);
     Write(1, last, 1000);
@@ -181,17 +178,17 @@ TEST_F(LogReading, PutsLinesFromBeforeTheFileWasMadeSmallerFirst) {
 }
 
 TEST_F(LogReading, SaysWhatIsWrongWithAHeaderAndCanSalvageTheLines) {
+  using State = LogFileReader::State;
+  using Header = CircularLogFile::Header;
   Write(0, 30, 1000);
   const std::string good = ReadWholeFile(path);
   const std::vector<std::string> lines = ReadAll();
-  for (const auto& [header, what] :
-       {std::pair("garbage!!!\r\n", CircularLogFile::Header::kNoNumber),
-        std::pair("0xFFFFFFFF\r\n", CircularLogFile::Header::kElsewhere),
-        std::pair("0x00000003\r\n", CircularLogFile::Header::kElsewhere)}) {
+  for (const auto& [header, what] : {std::pair("garbage!!!\r\n", Header::kNoNumber),
+                                     {"0xFFFFFFFF\r\n", Header::kElsewhere},
+                                     {"0x00000003\r\n", Header::kElsewhere}}) {
     WriteWholeFile(path, header + good.substr(12));
     EXPECT_THAT(ReadAll(), IsEmpty());
-    EXPECT_EQ(result.state, LogFileReader::State::kDamaged);
-    EXPECT_EQ(result.header, what);
+    EXPECT_EQ(std::pair(result.state, result.header), std::pair(State::kDamaged, what));
     std::vector<std::string> salvaged;
     LogFileReader(path).Salvage(
         [&](const NumberedLogLine& line) { salvaged.push_back(line.entry.text); });
@@ -199,7 +196,7 @@ TEST_F(LogReading, SaysWhatIsWrongWithAHeaderAndCanSalvageTheLines) {
   }
   WriteWholeFile(path, "");
   ReadAll();
-  EXPECT_EQ(result.state, LogFileReader::State::kEmpty);
+  EXPECT_EQ(result.state, State::kEmpty);
 }
 
 TEST_F(LogReading, TakesNoRestOfALineForALine) {

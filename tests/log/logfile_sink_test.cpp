@@ -173,35 +173,27 @@ TEST_F(LogFile, LeavesLinesOutThatAreTooShort) {
 }
 
 TEST_F(LogFile, TouchesNoFileWhoseNumbersAreNone) {
-  const auto failure = [&](const std::string& lines) -> std::string {
+  for (const auto& [lines, failure] :
+       {std::pair(std::string("x;t;1;1;no number\r\n"), "invalid stoll argument"),
+        {"99999999999999999999;t;1;1;beyond 64 bits\r\n", "stoll argument out of range"},
+        {Line(9, "number") + "9;t;x;1;no time\r\n", "invalid stoll argument"},
+        {Line(9, "number") + "9;t;1;y;no level\r\n", "invalid stoi argument"},
+        {Line(9, "number") + "9;t;1;99999999999;a level\r\n", "stoi argument out of range"}}) {
     WriteWholeFile(path, "0x0000000C\r\n" + lines);
     logfile_sink sink(unlimited);
     sink.SetPath(path);
-    std::string first;
     for (int attempt = 0; attempt < 2; ++attempt) {  // every line tries again
-      try {
-        Write(sink, "new");
-        return "none";
-      } catch (const std::logic_error& error) {
-        EXPECT_TRUE(attempt == 0 || first == error.what());
-        first = error.what();
-      }
+      EXPECT_THAT([&] { Write(sink, "new"); },
+                  testing::ThrowsMessage<std::logic_error>(testing::StrEq(failure)));
     }
     EXPECT_EQ(Contents(), "0x0000000C\r\n" + lines);
     fs::rename(path, folder / "moved");
     Write(sink, "new");
     EXPECT_EQ(Contents().substr(12), Line(0, "new"));
-    return first;
-  };
-  EXPECT_EQ(failure("x;t;1;1;no number\r\n"), "invalid stoll argument");
-  EXPECT_EQ(failure("99999999999999999999;t;1;1;beyond 64 bits\r\n"),
-            "stoll argument out of range");
-  EXPECT_EQ(failure(Line(9, "number") + "9;t;x;1;no time\r\n"), "invalid stoll argument");
-  EXPECT_EQ(failure(Line(9, "number") + "9;t;1;y;no level\r\n"), "invalid stoi argument");
-  EXPECT_EQ(failure(Line(9, "number") + "9;t;1;99999999999;a level\r\n"),
-            "stoi argument out of range");
+  }
   // Any number counts on, round the end of the range too.
-  EXPECT_EQ(failure("9223372036854775807;t;1;1;number\r\n" + Line(0, "one")), "none");
+  WriteWholeFile(path, "0x0000000C\r\n9223372036854775807;t;1;1;number\r\n" + Line(0, "one"));
+  EXPECT_NO_THROW(Reopen());
 }
 
 TEST_F(LogFile, ReadsAFileThatItMayNotWrite) {
@@ -217,26 +209,26 @@ TEST_F(LogFile, ReadsAFileThatItMayNotWrite) {
 }
 
 TEST(LogHistory, ClampsARangeToItsLines) {
-  const auto entry = [](int number) {
-    return LogHistoryEntry{1, 1763286194123, kTimeText, std::to_string(number)};
-  };
   LogHistory history(3);
-  for (int number = 4; number <= 7; ++number) {
-    history.Insert(number, entry(number));
+  for (int number = 4; number <= 7; ++number) {  // 4 goes when 7 comes
+    history.Insert(number, {1, 1763286194123, kTimeText, std::to_string(number)});
   }
-  const auto range = [&](std::int64_t first, std::int64_t last) {
-    std::int64_t outFirst = 0;
-    std::int64_t outLast = 0;
-    const bool any = history.GetRange(first, last, &outFirst, &outLast);
-    return std::tuple(any, outFirst, outLast);
-  };
-  EXPECT_EQ(range(-10, -1), std::tuple(true, 5, 7)) << "4 went when 7 came";
-  EXPECT_EQ(range(6, 100), std::tuple(true, 6, 7));
-  EXPECT_EQ(range(-2, -2), std::tuple(true, 6, 6));
-  EXPECT_EQ(range(0, 4), std::tuple(false, 5, 4));
-  EXPECT_EQ(range(8, 9), std::tuple(false, 8, 7));
-  EXPECT_EQ(range(INT64_MIN, INT64_MAX), std::tuple(true, 5, 7));
-  EXPECT_THAT(history.Get(-2, -1), ElementsAre(entry(6), entry(7)));
+  for (const auto& [first, last, any, clampedFirst, clampedLast] :
+       {std::tuple<std::int64_t, std::int64_t, bool, int, int>{-10, -1, true, 5, 7},
+        {6, 100, true, 6, 7},
+        {-2, -2, true, 6, 6},
+        {0, 4, false, 5, 4},
+        {8, 9, false, 8, 7},
+        {INT64_MIN, INT64_MAX, true, 5, 7}}) {
+    std::int64_t from = 0;
+    std::int64_t to = 0;
+    EXPECT_EQ(history.GetRange(first, last, &from, &to), any);
+    EXPECT_EQ(std::pair(from, to),
+              (std::pair<std::int64_t, std::int64_t>(clampedFirst, clampedLast)))
+        << first;
+  }
+  EXPECT_THAT(history.Get(-2, -1), ElementsAre(LogHistoryEntry{1, 1763286194123, kTimeText, "6"},
+                                               LogHistoryEntry{1, 1763286194123, kTimeText, "7"}));
   EXPECT_THAT(history.Get(7, 6), IsEmpty());
   EXPECT_THROW(logfile_sink().GetHistoryRange(0, -1, nullptr, nullptr), std::runtime_error);
 }

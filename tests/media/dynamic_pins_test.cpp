@@ -81,9 +81,10 @@ class WatchedPin final : public CInputPinWithDynamicMediaType {
   std::mutex stepsLock_;
 };
 
-class WatchedFilter final : public CBaseFilter {
+template <typename Pin>
+class FilterWith final : public CBaseFilter {
  public:
-  WatchedFilter() : CBaseFilter("watched", nullptr, &lock_, kClass), pin(this, &lock_) {}
+  FilterWith() : CBaseFilter("filter", nullptr, &lock_, kClass), pin(this, &lock_) {}
   int GetPinCount() override { return 1; }
   CBasePin* GetPin(int position) override { return position == 0 ? &pin : nullptr; }
 
@@ -91,7 +92,7 @@ class WatchedFilter final : public CBaseFilter {
   CCritSec lock_;
 
  public:
-  WatchedPin pin;
+  Pin pin;
 };
 
 class DynamicInputPinTest : public testing::Test {
@@ -116,10 +117,10 @@ class DynamicInputPinTest : public testing::Test {
   const CMediaType large_ = fakes::Yv12Type(32, 32);
   ComPtr<Source> source_ = Source::Create();
   ComPtr<Source> other_ = Source::Create();
-  ComPtr<WatchedFilter> filter_{std::make_unique<WatchedFilter>().release()};
+  ComPtr<FilterWith<WatchedPin>> filter_{new FilterWith<WatchedPin>};
 };
 
-TEST_F(DynamicInputPinTest, TheFirstSampleCarriesTheTypeOfTheConnection) {
+TEST_F(DynamicInputPinTest, ATypeIsAnnouncedByTheFirstSampleAfterItOnly) {
   const ComPtr<IMediaSample> first = source_->NewSample(0, 1);
   ASSERT_EQ(source_->Send(first.Get()), S_OK);
   EXPECT_TRUE(TypeOf(pin().received.Get()) == small_);
@@ -127,28 +128,22 @@ TEST_F(DynamicInputPinTest, TheFirstSampleCarriesTheTypeOfTheConnection) {
   const ComPtr<IMediaSample> second = source_->NewSample(1, 2);
   ASSERT_EQ(source_->Send(second.Get()), S_OK);
   EXPECT_EQ(pin().received, second) << "handed on as it is";
-}
-
-TEST_F(DynamicInputPinTest, ATypeInTheStreamIsSetBeforeItsSample) {
-  const ComPtr<IMediaSample> sample = source_->NewSample(0, 1);
+  pin().steps.clear();
   CMediaType type = large_;
-  sample->SetMediaType(&type);
-  ASSERT_EQ(source_->Send(sample.Get()), S_OK);
+  second->SetMediaType(&type);
+  ASSERT_EQ(source_->Send(second.Get()), S_OK);
   EXPECT_THAT(pin().steps, ElementsAre("type", "sample"));
-  EXPECT_EQ(pin().received, sample);
+  EXPECT_EQ(pin().received, second);
   CMediaType now;
   pin().ConnectionMediaType(&now);
   EXPECT_TRUE(now == large_);
-}
-
-TEST_F(DynamicInputPinTest, TheSamePinReconnectsWhileTheGraphRuns) {
-  ASSERT_EQ(source_->Send(source_->NewSample(0, 1).Get()), S_OK);
+  // The same pin reconnects while the graph runs.
   ASSERT_EQ(filter_->Run(0), S_OK);
   pin().steps.clear();
-  ASSERT_EQ(pin().ReceiveConnection(&source_->pin, &large_), S_OK);
+  ASSERT_EQ(pin().ReceiveConnection(&source_->pin, &small_), S_OK);
   EXPECT_THAT(pin().steps, ElementsAre("type", "reconnect"));
-  ASSERT_EQ(source_->Send(source_->NewSample(1, 2).Get()), S_OK);
-  EXPECT_TRUE(TypeOf(pin().received.Get()) == large_) << "the next sample announces the new type";
+  ASSERT_EQ(source_->Send(first.Get()), S_OK);
+  EXPECT_TRUE(TypeOf(pin().received.Get()) == small_) << "the next sample announces the new type";
 }
 
 TEST_F(DynamicInputPinTest, AConnectionMadeWhileASampleIsReceivedIsNotLost) {
@@ -171,39 +166,35 @@ TEST_F(DynamicInputPinTest, AConnectionMadeWhileASampleIsReceivedIsNotLost) {
   }
 }
 
-TEST_F(DynamicInputPinTest, ASampleThatCannotBeWrappedLeavesItsTypeToTheNext) {
+TEST_F(DynamicInputPinTest, AnswersFailuresWithResultCodesAndKeepsTheTypeForTheNext) {
   const ComPtr<fakes::ForeignSample> timeless = fakes::ForeignSample::Create(4);
   timeless->time = E_UNEXPECTED;
   EXPECT_EQ(source_->Send(timeless.Get()), E_UNEXPECTED);
   ASSERT_EQ(source_->Send(source_->NewSample(1, 2).Get()), S_OK);
   EXPECT_TRUE(TypeOf(pin().received.Get()) == small_);
+  pin().onReceive = []() -> HRESULT { throw COMException(VFW_E_SAMPLE_TIME_NOT_SET); };
+  EXPECT_EQ(source_->Send(source_->NewSample(0, 1).Get()), VFW_E_SAMPLE_TIME_NOT_SET);
+  pin().onReceive = []() -> HRESULT { throw std::bad_alloc(); };
+  EXPECT_EQ(source_->Send(source_->NewSample(0, 1).Get()), E_FAIL);
 }
 
-TEST_F(DynamicInputPinTest, AnotherPinTakesTheConnectionOver) {
+TEST_F(DynamicInputPinTest, AnotherPinTakesTheConnectionOverUnlessItsTypeIsRefused) {
+  EXPECT_EQ(pin().ReceiveConnection(nullptr, &large_), E_POINTER);
+  EXPECT_EQ(pin().ReceiveConnection(&other_->pin, nullptr), E_POINTER);
+  EXPECT_EQ(pin().ReceiveConnection(&pin(), &large_), VFW_E_INVALID_DIRECTION);
+  for (const auto& [refusal, answer] : {std::pair(S_FALSE, VFW_E_TYPE_NOT_ACCEPTED),
+                                        {E_FAIL, VFW_E_TYPE_NOT_ACCEPTED},
+                                        {E_INVALIDARG, VFW_E_TYPE_NOT_ACCEPTED},
+                                        {E_OUTOFMEMORY, E_OUTOFMEMORY}}) {
+    pin().accepts = [&, given = refusal](const CMediaType&) { return given; };
+    EXPECT_EQ(pin().ReceiveConnection(&other_->pin, &large_), answer);
+  }
+  pin().accepts = [](const CMediaType&) { return S_OK; };
   ASSERT_EQ(pin().ReceiveConnection(&other_->pin, &large_), S_OK);
   EXPECT_THAT(pin().steps, ElementsAre("type", "connect"));
   ComPtr<IPin> peer;
   ASSERT_EQ(pin().ConnectedTo(peer.Put()), S_OK);
   EXPECT_EQ(peer.Get(), static_cast<IPin*>(&other_->pin));
-}
-
-TEST_F(DynamicInputPinTest, RefusesTypesWithTheRightReason) {
-  EXPECT_EQ(pin().ReceiveConnection(nullptr, &large_), E_POINTER);
-  EXPECT_EQ(pin().ReceiveConnection(&other_->pin, nullptr), E_POINTER);
-  for (const HRESULT refusal : {S_FALSE, E_FAIL, E_INVALIDARG}) {
-    pin().accepts = [&](const CMediaType&) { return refusal; };
-    EXPECT_EQ(pin().ReceiveConnection(&other_->pin, &large_), VFW_E_TYPE_NOT_ACCEPTED);
-  }
-  pin().accepts = [](const CMediaType&) { return E_OUTOFMEMORY; };
-  EXPECT_EQ(pin().ReceiveConnection(&other_->pin, &large_), E_OUTOFMEMORY);
-  EXPECT_EQ(pin().ReceiveConnection(&pin(), &large_), VFW_E_INVALID_DIRECTION);
-}
-
-TEST_F(DynamicInputPinTest, AnswersExceptionsWithResultCodes) {
-  pin().onReceive = []() -> HRESULT { throw COMException(VFW_E_SAMPLE_TIME_NOT_SET); };
-  EXPECT_EQ(source_->Send(source_->NewSample(0, 1).Get()), VFW_E_SAMPLE_TIME_NOT_SET);
-  pin().onReceive = []() -> HRESULT { throw std::bad_alloc(); };
-  EXPECT_EQ(source_->Send(source_->NewSample(0, 1).Get()), E_FAIL);
 }
 
 TEST_F(DynamicInputPinTest, ChecksWhatAnAllocatorOffers) {
@@ -231,23 +222,10 @@ class ChangingPin final : public COutputPinWithDynamicMediaType {
   }
 };
 
-class ChangingFilter final : public CBaseFilter {
- public:
-  ChangingFilter() : CBaseFilter("changing", nullptr, &lock_, kClass), pin(this, &lock_) {}
-  int GetPinCount() override { return 1; }
-  CBasePin* GetPin(int position) override { return position == 0 ? &pin : nullptr; }
-
- private:
-  CCritSec lock_;
-
- public:
-  ChangingPin pin;
-};
-
 TEST(DynamicOutputPin, MarksTheFirstSampleOfAConnectionAndOfAChange) {
   const CMediaType small = fakes::Yv12Type(16, 16);
   const CMediaType large = fakes::Yv12Type(32, 32);
-  const ComPtr<ChangingFilter> filter(std::make_unique<ChangingFilter>().release());
+  const ComPtr<FilterWith<ChangingPin>> filter(new FilterWith<ChangingPin>);
   const ComPtr<Sink> sink = Sink::Create();
   ASSERT_EQ(filter->pin.Connect(&sink->pin, &small), S_OK);
   ASSERT_EQ(sink->Run(0), S_OK);

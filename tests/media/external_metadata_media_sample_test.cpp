@@ -52,11 +52,15 @@ TEST_F(WrappedSampleTest, SharesItsDataAndHasAllElseOfItsOwn) {
   sample->SetDiscontinuity(TRUE);
   sample->SetMediaType(&type);
   auto wrapper = CExternalMetaDataMediaSample::Create(sample.Get());
+  // Sync point, preroll, discontinuity, media time.
+  const auto answersOf = [](IMediaSample* of) {
+    LONGLONG from = 0;
+    LONGLONG to = 0;
+    return std::vector{of->IsSyncPoint(), of->IsPreroll(), of->IsDiscontinuity(),
+                       of->GetMediaTime(&from, &to)};
+  };
   EXPECT_THAT(TimesOf(wrapper.Get()), Pair(100, 200));
-  EXPECT_EQ(wrapper->GetMediaTime(&start, &stop), S_OK);
-  EXPECT_EQ(wrapper->IsSyncPoint(), S_OK);
-  EXPECT_EQ(wrapper->IsPreroll(), S_FALSE);
-  EXPECT_EQ(wrapper->IsDiscontinuity(), S_OK);
+  EXPECT_EQ(answersOf(wrapper.Get()), (std::vector{S_OK, S_FALSE, S_OK, S_OK}));
   // The wrapped sample's type shows in the structure of all properties only, until one is attached.
   EXPECT_EQ(TypeOf(wrapper.Get()).majortype, GUID_NULL);
   EXPECT_EQ(PropertiesOf(wrapper.Get()).pMediaType->majortype, MEDIATYPE_Audio);
@@ -72,14 +76,11 @@ TEST_F(WrappedSampleTest, SharesItsDataAndHasAllElseOfItsOwn) {
   EXPECT_EQ(TypeOf(wrapper.Get()).majortype, MEDIATYPE_Video);
   EXPECT_EQ(PropertiesOf(wrapper.Get()).pMediaType->majortype, MEDIATYPE_Video);
   EXPECT_THAT(TimesOf(wrapper.Get()), Pair(300, 301));
-  EXPECT_EQ(wrapper->GetMediaTime(&start, &stop), VFW_E_MEDIA_TIME_NOT_SET);
-  EXPECT_EQ(wrapper->IsSyncPoint(), S_FALSE);
-  EXPECT_EQ(wrapper->IsPreroll(), S_OK);
-  EXPECT_EQ(wrapper->IsDiscontinuity(), S_FALSE);
+  EXPECT_EQ(answersOf(wrapper.Get()),
+            (std::vector{S_FALSE, S_OK, S_FALSE, VFW_E_MEDIA_TIME_NOT_SET}));
   EXPECT_EQ(TypeOf(sample.Get()).majortype, MEDIATYPE_Audio);
   EXPECT_THAT(TimesOf(sample.Get()), Pair(100, 200));
-  EXPECT_EQ(sample->GetMediaTime(&start, &stop), S_OK);
-  EXPECT_EQ(sample->IsSyncPoint(), S_OK);
+  EXPECT_EQ(answersOf(sample.Get()), (std::vector{S_OK, S_FALSE, S_OK, S_OK}));
 
   BYTE* data = nullptr;
   BYTE* wrapped = nullptr;
@@ -89,10 +90,11 @@ TEST_F(WrappedSampleTest, SharesItsDataAndHasAllElseOfItsOwn) {
   EXPECT_EQ(wrapper->GetSize(), kBytes);
   ASSERT_EQ(wrapper->SetActualDataLength(17), S_OK);
   EXPECT_EQ(sample->GetActualDataLength(), 17);
-  sample.Reset();
-  EXPECT_EQ(allocator->GetBuffer(sample.Put(), nullptr, nullptr, AM_GBF_NOWAIT), VFW_E_TIMEOUT);
-  wrapper.Reset();
-  EXPECT_EQ(allocator->GetBuffer(sample.Put(), nullptr, nullptr, AM_GBF_NOWAIT), S_OK);
+  for (const HRESULT found : {VFW_E_TIMEOUT, S_OK}) {
+    sample.Reset();
+    EXPECT_EQ(allocator->GetBuffer(sample.Put(), nullptr, nullptr, AM_GBF_NOWAIT), found);
+    wrapper.Reset();
+  }
 }
 
 TEST_F(WrappedSampleTest, ReadsAndWritesAllOfItsPropertiesAtOnce) {
@@ -135,8 +137,7 @@ TEST_F(WrappedSampleTest, KeepsEachPropertyUnderItsNumberAndHandsItToItsOwnWrapp
   const auto data = MediaData::Create(wrapper.Get());
   EXPECT_FALSE(data->GetCuePoint());
   CuePoint cue{1};
-  ParentalRating rating{2};
-  rating.back() = 3;
+  const ParentalRating rating{2};
   data->SetCuePoint(cue);
   data->SetParentalRating(rating);
   data->SetRecordingEvent({4, 5});
@@ -151,17 +152,12 @@ TEST_F(WrappedSampleTest, KeepsEachPropertyUnderItsNumberAndHandsItToItsOwnWrapp
   ULONG length = 0;
   EXPECT_EQ(store->GetProperty(5, &bytes, &length), S_OK);
   EXPECT_EQ(length, 2U);
-  EXPECT_EQ(store->GetProperty(1, &bytes, &length), E_FAIL);
   // Somebody else's idea of a property is not read as ours.
-  const BYTE odd[] = {1, 2, 3};
-  store->SetProperty(1, odd, 3);
+  EXPECT_EQ(store->SetProperty(1, bytes, 2), S_OK);
   EXPECT_THROW(data->GetSampleDate(), MediaDataError);
-  try {
-    MediaData2::Create(sample.Get())->SetParentalRating(rating);
-    ADD_FAILURE() << "no exception for a sample without properties";
-  } catch (const std::exception& error) {
-    EXPECT_STREQ(error.what(), "\"Parental Rating\" management needs IMediaSample3 interface");
-  }
+  EXPECT_THAT([&] { MediaData2::Create(sample.Get())->SetParentalRating(rating); },
+              testing::ThrowsMessage<std::exception>(
+                  testing::StrEq("\"Parental Rating\" management needs IMediaSample3 interface")));
 }
 
 TEST(ForeignWrappedSample, IsReportedWithTheCodeOfItsAccessor) {

@@ -38,16 +38,13 @@ class WindowPinTest : public ComposerFixture {
   }
 };
 
-TEST_F(WindowPinTest, TheFirstSampleFixesItsTimeToTheComposersClock) {
+TEST_F(WindowPinTest, KeepsTheOffsetOfItsFirstSampleUntilADiscontinuity) {
   SetPresent(50 * kFrame);
   ASSERT_EQ(SendPicture(0, 7 * kFrame, 0), S_OK);
   EXPECT_EQ(Pin().TimeOffset(), 43 * kFrame);
   EXPECT_EQ(Pin().Latency(), 10000000);
   EXPECT_THAT(logger_.Texts(), ElementsAre("Composer audio/video #0 resynchronizes (-)"));
-}
-
-TEST_F(WindowPinTest, KeepsItsOffsetUntilADiscontinuity) {
-  Send(10);
+  ASSERT_EQ(SendPicture(0, 8 * kFrame, 0), S_OK);
   const REFERENCE_TIME offset = Pin().TimeOffset();
   SetPresent(-30 * kFrame);  // long before any picture is due: nothing is released
   ASSERT_EQ(SendPicture(0, 100 * kFrame, 0), S_OK);
@@ -100,9 +97,6 @@ TEST_F(WindowPinTest, PicksTheNearestSampleAndTheEarlierOfTwo) {
   EXPECT_EQ(PickedStart(0), 3 * kFrame) << "never the last one";
   Pin().FlushSamples();
   EXPECT_EQ(PickedStart(shown), -1);
-}
-
-TEST_F(WindowPinTest, EmptiesItsQueueInTheStepThatFindsNothingToShow) {
   // Farther from the frame than the largest time: no picture for anybody, ever.
   Send(3);
   constexpr REFERENCE_TIME kFar = std::numeric_limits<REFERENCE_TIME>::max();
@@ -140,48 +134,41 @@ TEST_F(WindowPinTest, AcceptsYv12InEitherHeaderAndReadsTheSizeOfOne) {
   LONG width = -1;
   LONG height = -1;
   EXPECT_EQ(Pin().CheckVideoFormat(plain, &width, &height), S_FALSE);
-  EXPECT_EQ(width, -1);
   EXPECT_TRUE(logger_.Texts().empty());
   EXPECT_EQ(Pin().CheckVideoFormat(fakes::AudioType(MEDIASUBTYPE_PCM), &width, &height), S_FALSE);
   EXPECT_THAT(logger_.Texts(), ElementsAre("[Pin #0] Trying to set a wrong media type"));
+  EXPECT_EQ(std::pair(width, height), std::pair(LONG{-1}, LONG{-1}));
   EXPECT_EQ(Pin().CheckVideoFormat(fakes::Yv12Type(64, 48), &width, &height), S_OK);
-  EXPECT_EQ(width, 64);
-  EXPECT_EQ(height, 48);
+  EXPECT_EQ(std::pair(width, height), std::pair(LONG{64}, LONG{48}));
 }
 
-class AllocatorDemandTest : public ComposerFixture {
- protected:
-  HRESULT ConnectWith(ComPtr<IMemAllocator> allocator, LONG buffers) {
-    fakes::SourcePin& pin = sources_[0]->pin;
-    pin.types = {fakes::Yv12Type(16, 16)};
-    pin.allocator = std::move(allocator);
-    pin.wanted = {buffers, 384, 32, 0};
-    return pin.Connect(composer_->GetPin(2), nullptr);
-  }
-};
-
-TEST_F(AllocatorDemandTest, AllocatorsHaveEightyBuffersOrMoreOrAreRefused) {
-  const auto stingy = [](LONG most, HRESULT refusal = S_OK) {
-    return ComPtr<IMemAllocator>(fakes::StingyAllocator::Create(most, refusal).Get());
-  };
+TEST_F(ComposerFixture, AllocatorsOfWindowsHaveEightyBuffersOrMoreOrAreRefused) {
   Make(1);
-  EXPECT_EQ(ConnectWith(stingy(79), 3), E_FAIL);
-  EXPECT_FALSE(composer_->GetPin(2)->IsConnected());
-  EXPECT_EQ(ConnectWith(stingy(0, VFW_E_ALREADY_COMMITTED), 3), VFW_E_ALREADY_COMMITTED);
-  for (const auto& [offered, agreed] : {std::pair<LONG, LONG>{3, 80}, {120, 120}}) {
-    ASSERT_EQ(ConnectWith(CMemAllocator::Create(), offered), S_OK);
-    ALLOCATOR_PROPERTIES properties{};
-    sources_[0]->pin.HeldAllocator()->GetProperties(&properties);
-    EXPECT_EQ(properties.cBuffers, agreed);
-    EXPECT_GE(properties.cbBuffer, 384);
-    graph_->Disconnect(&sources_[0]->pin);
-    graph_->Disconnect(composer_->GetPin(2));
+  fakes::SourcePin& pin = sources_[0]->pin;
+  pin.types = {fakes::Yv12Type(16, 16)};
+  using Allocator = ComPtr<IMemAllocator>;
+  for (const auto& [allocator, offered, result, agreed] :
+       {std::tuple(Allocator(fakes::StingyAllocator::Create(79).Get()), 3, E_FAIL, 0),
+        {Allocator(fakes::StingyAllocator::Create(0, VFW_E_ALREADY_COMMITTED).Get()), 3,
+         VFW_E_ALREADY_COMMITTED, 0},
+        {CMemAllocator::Create(), 3, S_OK, 80},
+        {CMemAllocator::Create(), 120, S_OK, 120}}) {
+    pin.allocator = allocator;
+    pin.wanted = {offered, 384, 32, 0};
+    EXPECT_EQ(pin.Connect(composer_->GetPin(2), nullptr), result);
+    EXPECT_EQ(composer_->GetPin(2)->IsConnected(), result == S_OK);
+    if (result == S_OK) {
+      ALLOCATOR_PROPERTIES properties{};
+      pin.HeldAllocator()->GetProperties(&properties);
+      EXPECT_EQ(properties.cBuffers, agreed);
+      EXPECT_GE(properties.cbBuffer, 384);
+      graph_->Disconnect(&pin);
+      graph_->Disconnect(composer_->GetPin(2));
+    }
   }
 }
 
-class BackgroundPinTest : public ComposerFixture {};
-
-TEST_F(BackgroundPinTest, StampsWhatComesWithoutATimeAndTakesAStartAlone) {
+TEST_F(ComposerFixture, ABackgroundStampsWhatComesWithoutATimeAndTakesAStartAlone) {
   MakeRunning(0, 0, 0);
   ASSERT_EQ(SendBackground(10 * kFrame), S_OK);
   ASSERT_EQ(SendBackground(std::nullopt), S_OK);
@@ -198,23 +185,29 @@ TEST_F(BackgroundPinTest, StampsWhatComesWithoutATimeAndTakesAStartAlone) {
 
 class OutputPinTest : public ComposerFixture {
  protected:
+  void SetUp() override { Make(0); }
   CBaseOutputPin& Pin() { return *static_cast<CBaseOutputPin*>(composer_->GetPin(1)); }
-  VIDEOINFOHEADER2 Offered(CMediaType* type) {
-    EXPECT_EQ(Pin().GetMediaType(0, type), S_OK);
-    EXPECT_EQ(type->formattype, FORMAT_VideoInfo2);
-    EXPECT_EQ(type->cbFormat, sizeof(VIDEOINFOHEADER2));
+  // With a background of a type; none when the output offers nothing.
+  VIDEOINFOHEADER2 Offered(const CMediaType& background, HRESULT result = S_OK) {
+    graph_->Disconnect(&background_->pin);
+    graph_->Disconnect(composer_->GetPin(0));
+    ConnectBackground(background);
+    EXPECT_EQ(Pin().GetMediaType(0, &type_), result);
     VIDEOINFOHEADER2 format{};
-    std::memcpy(&format, type->pbFormat, sizeof(format));
+    if (result == S_OK) {
+      EXPECT_EQ(type_.formattype, FORMAT_VideoInfo2);
+      EXPECT_EQ(type_.cbFormat, sizeof(format));
+      std::memcpy(&format, type_.pbFormat, sizeof(format));
+    }
     return format;
   }
+
+  CMediaType type_;
 };
 
-TEST_F(OutputPinTest, TurnsAPlainHeaderIntoTheLargerOne) {
-  Make(0);
+TEST_F(OutputPinTest, TurnsAPlainHeaderIntoTheLargerOneAndKeepsALargerOneButForTheAspect) {
   EXPECT_TRUE(FAILED(Pin().Connect(&sink_->pin, nullptr))) << "there is no background";
-  ConnectBackground(fakes::Yv12TypeWithPlainHeader(720, 576, 333667));
-  CMediaType type;
-  const VIDEOINFOHEADER2 format = Offered(&type);
+  VIDEOINFOHEADER2 format = Offered(fakes::Yv12TypeWithPlainHeader(720, 576, 333667));
   EXPECT_EQ(format.AvgTimePerFrame, 333667);
   EXPECT_EQ(format.dwPictAspectRatioX, 4U);
   EXPECT_EQ(format.dwPictAspectRatioY, 3U);
@@ -222,79 +215,72 @@ TEST_F(OutputPinTest, TurnsAPlainHeaderIntoTheLargerOne) {
   EXPECT_EQ(format.bmiHeader.biPlanes, 3);
   EXPECT_EQ(format.bmiHeader.biCompression, 0x32315659U);
   EXPECT_EQ(format.bmiHeader.biSizeImage, 622080U);
-  EXPECT_EQ(type.GetSampleSize(), 622080U);
+  EXPECT_EQ(type_.GetSampleSize(), 622080U);
+
+  CMediaType background = fakes::Yv12Type(kWidth, kHeight);
+  auto* const header = reinterpret_cast<VIDEOINFOHEADER2*>(background.pbFormat);
+  header->dwInterlaceFlags = 0x85;
+  header->dwPictAspectRatioX = 1;
+  format = Offered(background);
+  EXPECT_EQ(format.dwInterlaceFlags, 0x85U);
+  header->dwPictAspectRatioX = 4;
+  header->dwPictAspectRatioY = 3;
+  EXPECT_TRUE(type_ == background);
+  // The aspect is kept in its lowest terms.
+  for (const auto& [numerator, denominator, x, y] :
+       {std::tuple<LONG, LONG, int, int>{32, 18, 16, 9},
+        {4, 0, 1, 0},
+        {0, 5, 0, 1},
+        {-16, 9, 16, -9}}) {
+    EXPECT_EQ(
+        composer_->Configure(0, &logger_, kWidth, kHeight, numerator, denominator, 0, {25, 1}),
+        S_OK);
+    format = Offered(background);
+    EXPECT_EQ(std::pair(static_cast<int>(format.dwPictAspectRatioX),
+                        static_cast<int>(format.dwPictAspectRatioY)),
+              std::pair(x, y));
+  }
 }
 
 TEST_F(OutputPinTest, AnnouncesSizesInWrappedArithmeticAndAlwaysFixed) {
-  Make(0);
-  struct Size {
-    LONG width;
-    LONG height;
-    LONG bytes;
-  };
-  for (const Size& size :
-       {Size{0, 576, 0}, {-5, 3, -22}, {40000, 40000, 252516352}, {65536, 32768, -1073741824}}) {
-    ConnectBackground(fakes::Yv12TypeWithPlainHeader(size.width, size.height));
-    CMediaType type;
-    const VIDEOINFOHEADER2 format = Offered(&type);
-    EXPECT_EQ(format.bmiHeader.biSizeImage, static_cast<DWORD>(size.bytes));
-    EXPECT_NE(type.bFixedSizeSamples, FALSE);
-    EXPECT_EQ(type.lSampleSize, static_cast<ULONG>(size.bytes));
-    composer_->Configure(0, &logger_, size.width, size.height, 4, 3, 0, {25, 1});
+  for (const auto& [width, height, bytes] : {std::tuple<LONG, LONG, LONG>{0, 576, 0},
+                                             {-5, 3, -22},
+                                             {40000, 40000, 252516352},
+                                             {65536, 32768, -1073741824}}) {
+    const VIDEOINFOHEADER2 format = Offered(fakes::Yv12TypeWithPlainHeader(width, height));
+    EXPECT_EQ(format.bmiHeader.biSizeImage, static_cast<DWORD>(bytes));
+    EXPECT_NE(type_.bFixedSizeSamples, FALSE);
+    EXPECT_EQ(type_.lSampleSize, static_cast<ULONG>(bytes));
+    composer_->Configure(0, &logger_, width, height, 4, 3, 0, {25, 1});
     ALLOCATOR_PROPERTIES request{};
     Pin().DecideBufferSize(CMemAllocator::Create().Get(), &request);
-    EXPECT_EQ(request.cbBuffer, size.bytes);
-    graph_->Disconnect(&background_->pin);
-    graph_->Disconnect(composer_->GetPin(0));
+    EXPECT_EQ(request.cbBuffer, bytes);
   }
 }
 
 TEST_F(OutputPinTest, OffersNothingForABackgroundWithoutAWholeFormatBlock) {
-  Make(0);
   for (const GUID& format : {FORMAT_VideoInfo, FORMAT_VideoInfo2}) {
     for (const ULONG length : {0U, 87U}) {
       CMediaType background = fakes::TypeOf(MEDIATYPE_Video, MEDIASUBTYPE_YV12);
       background.SetFormatType(&format);
       std::fill_n(background.AllocFormatBuffer(length), length, BYTE{1});
-      ConnectBackground(background);
-      CMediaType type;
-      EXPECT_EQ(Pin().GetMediaType(0, &type), VFW_E_INVALIDMEDIATYPE);
+      Offered(background, VFW_E_INVALIDMEDIATYPE);
       EXPECT_TRUE(FAILED(Pin().Connect(&sink_->pin, nullptr)));
-      graph_->Disconnect(&background_->pin);
-      graph_->Disconnect(composer_->GetPin(0));
     }
   }
 }
 
-TEST_F(OutputPinTest, KeepsALargerHeaderButForTheAspect) {
-  Make(0);
-  CMediaType background = fakes::Yv12Type(kWidth, kHeight);
-  auto* const header = reinterpret_cast<VIDEOINFOHEADER2*>(background.pbFormat);
-  header->dwInterlaceFlags = 0x85;
-  header->dwPictAspectRatioX = 1;
-  ConnectBackground(background);
-  CMediaType type;
-  const VIDEOINFOHEADER2 format = Offered(&type);
-  header->dwPictAspectRatioX = 4;
-  header->dwPictAspectRatioY = 3;
-  EXPECT_EQ(format.dwInterlaceFlags, 0x85U);
-  EXPECT_TRUE(type == background);
-}
-
 TEST_F(OutputPinTest, AsksForThirtyBuffersOrAsManyAsThePeerWants) {
-  Make(0);
   for (const auto& [wanted, agreed] : {std::pair<LONG, LONG>{4, 30}, {40, 40}}) {
     const ComPtr<IMemAllocator> allocator = CMemAllocator::Create();
     ALLOCATOR_PROPERTIES request{wanted, 1, 16, 8};
-    ASSERT_EQ(Pin().DecideBufferSize(allocator.Get(), &request), S_OK);
     ALLOCATOR_PROPERTIES actual{};
+    ASSERT_EQ(Pin().DecideBufferSize(allocator.Get(), &request), S_OK);
     allocator->GetProperties(&actual);
-    EXPECT_EQ(actual.cBuffers, agreed);
-    EXPECT_EQ(actual.cbAlign, 1);
+    EXPECT_EQ(std::pair(actual.cBuffers, actual.cbAlign), std::pair(agreed, LONG{1}));
   }
-  const auto stingy = fakes::StingyAllocator::Create(29);
   ALLOCATOR_PROPERTIES request{};
-  EXPECT_EQ(Pin().DecideBufferSize(stingy.Get(), &request), E_FAIL);
+  EXPECT_EQ(Pin().DecideBufferSize(fakes::StingyAllocator::Create(29).Get(), &request), E_FAIL);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <numeric>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -23,23 +24,15 @@ using kernels::DrawingKernels;
 using kernels::PlaneBounds;
 using support::GuardedPicture;
 
-TEST(Blend255, IsTheExactMeanRoundedToNearestForEveryInput) {
-  for (int s = 0; s < 256; ++s) {
+TEST(Blend255, IsTheExactMeanRoundedToNearestForEveryInputAndFadeTheOneTowardsNeutral) {
+  for (int a = 0; a < 256; ++a) {
+    const std::int16_t factor = kernels::FadeFactor(static_cast<std::uint8_t>(a));
     for (int d = 0; d < 256; ++d) {
-      for (int a = 0; a < 256; ++a) {
+      for (int s = 0; s < 256; ++s) {
         const int exact = (2 * (s * a + d * (255 - a)) + 255) / 510;
         ASSERT_EQ(Blend255(d, s, a), exact) << "d " << d << " s " << s << " a " << a;
       }
-    }
-  }
-}
-
-TEST(Fade, IsTheBlendTowardsNeutralForEverySampleAndOpacity) {
-  for (int alpha = 0; alpha < 256; ++alpha) {
-    const std::int16_t factor = kernels::FadeFactor(static_cast<std::uint8_t>(alpha));
-    for (int sample = 0; sample < 256; ++sample) {
-      ASSERT_EQ(kernels::Fade(sample, factor), Blend255(sample, 128, alpha))
-          << "sample " << sample << " alpha " << alpha;
+      ASSERT_EQ(kernels::Fade(d, factor), Blend255(d, 128, a)) << "d " << d << " a " << a;
     }
   }
 }
@@ -261,20 +254,16 @@ Yv12Overlay Convert(const std::vector<std::uint8_t>& pixels, std::int32_t w, std
 }
 
 TEST(ConvertArgbToOverlay, GivesWhiteAndRedTheirStudioValues) {
-  const Yv12Overlay white = Convert(Bitmap(4, 4, {255, 255, 255, 255}), 4, 4);
-  const Yv12Overlay red = Convert(Bitmap(4, 4, {0, 0, 255, 255}), 4, 4);
-  for (int i = 0; i < 16; ++i) {
-    EXPECT_EQ(white.Luma()[i], 235);
-    EXPECT_EQ(white.Alpha()[i], 255);
-    // The weight of blue falls on red in luma only.
-    EXPECT_EQ(red.Luma()[i], 41);
-  }
-  for (int i = 0; i < 4; ++i) {
-    EXPECT_EQ(white.FirstChroma()[i], 128);
-    EXPECT_EQ(white.SecondChroma()[i], 128);
-    EXPECT_EQ(white.ChromaAlpha()[i], 255);
-    EXPECT_EQ(red.FirstChroma()[i], 240);
-    EXPECT_EQ(red.SecondChroma()[i], 110);
+  // The weight of blue falls on red in luma only.
+  for (const auto& [colour, y, v, u] : {std::tuple(Bgra{255, 255, 255, 255}, 235, 128, 128),
+                                        {Bgra{0, 0, 255, 255}, 41, 240, 110}}) {
+    const Yv12Overlay overlay = Convert(Bitmap(4, 4, colour), 4, 4);
+    for (int i = 0; i < 16; ++i) {
+      EXPECT_EQ(std::pair(+overlay.Luma()[i], +overlay.Alpha()[i]), std::pair(y, 255));
+      EXPECT_EQ(std::tuple(+overlay.FirstChroma()[i / 4], +overlay.SecondChroma()[i / 4],
+                           +overlay.ChromaAlpha()[i / 4]),
+                std::tuple(v, u, 255));
+    }
   }
 }
 

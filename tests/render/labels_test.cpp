@@ -1,4 +1,5 @@
 // Labels: where they lie, what they show, and when they are made again.
+#include <functional>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -14,20 +15,21 @@ namespace {
 using support::GuardedPicture;
 
 TEST(Layout, FollowsTheCanvas) {
-  EXPECT_EQ(LabelFontSize(1080), 16);
-  EXPECT_EQ(LabelFontSize(720), 11);
-  EXPECT_EQ(LabelFontSize(0), 8);
-  EXPECT_EQ(LabelFontSize(4320), 48);
+  for (const auto& [height, size] : {std::pair(1080, 16), {720, 11}, {0, 8}, {4320, 48}}) {
+    EXPECT_EQ(LabelFontSize(height), size) << height;
+  }
   EXPECT_EQ(qorp::PixelAspect(1920, 1080, {16, 9}), (qorp::WideRatio{1, 1}));
   EXPECT_EQ(qorp::PixelAspect(720, 576, {4, 3}), (qorp::WideRatio{16, 15}));
   EXPECT_EQ(qorp::PixelAspect(1920, 1080, {0, 9}), (qorp::WideRatio{1, 1}));
 }
 
 TEST(LabelColour, ReadsFourFormsAndNothingElse) {
-  EXPECT_EQ(ReadLabelColour("#F80"), (LabelColour{255, 136, 0, 255}));
-  EXPECT_EQ(ReadLabelColour("#8F80"), (LabelColour{255, 136, 0, 136}));
-  EXPECT_EQ(ReadLabelColour("#00ff7F"), (LabelColour{0, 255, 127, 255}));
-  EXPECT_EQ(ReadLabelColour("#aBc09e1D")->Argb(), 0xABC09E1DU);
+  for (const auto& [text, argb] : {std::pair("#F80", 0xFFFF8800U),
+                                   {"#8F80", 0x88FF8800U},
+                                   {"#00ff7F", 0xFF00FF7FU},
+                                   {"#aBc09e1D", 0xABC09E1DU}}) {
+    EXPECT_EQ(ReadLabelColour(text)->Argb(), argb) << text;
+  }
   for (const char* text : {"", "#", "#12", "#12345", "#123456789", "FF0000", "#GG0000", "# 80",
                            " #F80", "#0x0", "#FF00\xC3\xA9"}) {
     EXPECT_FALSE(ReadLabelColour(text).has_value()) << text;
@@ -133,42 +135,43 @@ class TextRendererTest : public testing::Test {
     renderer.Draw(rect, text);
     return ChangedArea(canvas, GuardedPicture(200, 80));
   }
-  // Whether the change made last costs one rendering, and only one.
-  bool RendersOnce(std::u16string_view text, const LabelRect& rect = {20, 10, 180, 60}) {
-    const std::uint64_t before = renderer.RenderCount();
-    Draw(text, rect);
-    Draw(text, rect);
-    return renderer.RenderCount() == before + 1;
-  }
-
   GuardedPicture canvas{200, 80};
   TextRenderer renderer;
 };
 
 TEST_F(TextRendererTest, RendersOnlyWhenSomethingThatShowsHasChanged) {
-  EXPECT_TRUE(RendersOnce(u"Label"));
-  EXPECT_TRUE(RendersOnce(u"Labels"));
-  renderer.SetFontName(u"DejaVu Sans");
-  EXPECT_TRUE(RendersOnce(u"Labels"));
-  renderer.SetFontSize(13);
-  EXPECT_TRUE(RendersOnce(u"Labels"));
-  renderer.SetTextColour({255, 128, 0, 255});
-  EXPECT_TRUE(RendersOnce(u"Labels"));
-  renderer.SetBackgroundColour({0, 0, 0, 255});
-  EXPECT_TRUE(RendersOnce(u"Labels"));
-  renderer.SetAlignment(0);
-  EXPECT_TRUE(RendersOnce(u"Labels"));
-  renderer.SetPixelAspect({16, 15});
-  EXPECT_TRUE(RendersOnce(u"Labels"));
-  EXPECT_TRUE(RendersOnce(u"Labels", {20, 10, 190, 60})) << "another size";
-
-  const std::uint64_t rendered = renderer.RenderCount();
+  std::u16string text = u"Label";
+  LabelRect rect{20, 10, 180, 60};
+  const std::function<void()> changes[] = {
+      [] {},
+      [&] { text = u"Labels"; },
+      [&] { renderer.SetFontName(u"DejaVu Sans"); },
+      [&] { renderer.SetFontSize(13); },
+      [&] {
+        renderer.SetTextColour({255, 128, 0, 255});
+      },
+      [&] {
+        renderer.SetBackgroundColour({0, 0, 0, 255});
+      },
+      [&] { renderer.SetAlignment(0); },
+      [&] {
+        renderer.SetPixelAspect({16, 15});
+      },
+      [&] { rect.right = 190; },
+  };
+  for (std::uint64_t i = 0; i < std::size(changes); ++i) {
+    changes[i]();
+    Draw(text, rect);
+    Draw(text, rect);
+    EXPECT_EQ(renderer.RenderCount(), i + 1);
+  }
+  // The same ratio, colour and size.
   renderer.SetPixelAspect({32, 30});
   renderer.SetTextColour({255, 128, 0, 255});
-  Draw(u"Labels", {-90, -20, 80, 30});
+  Draw(text, {-90, -20, 80, 30});
   renderer.SetNoWrap(true);
-  Draw(u"Labels", {20, 10, 190, 60});
-  EXPECT_EQ(renderer.RenderCount(), rendered) << "the same ratio, colour and size";
+  Draw(text, rect);
+  EXPECT_EQ(renderer.RenderCount(), std::size(changes));
 }
 
 TEST_F(TextRendererTest, DrawsIntoRectanglesOfAnySize) {

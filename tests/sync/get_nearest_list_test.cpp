@@ -12,7 +12,6 @@
 namespace {
 
 using testing::Pair;
-using testing::StrEq;
 
 using IntList = GetNearestList<std::int32_t>;
 
@@ -75,27 +74,15 @@ TEST(GetNearestList, IsAListOfPairsInTheOrderOfTime) {
 TEST(GetNearestList, MeasuresDistancesThatDoNotFitASignedNumber) {
   IntList list;
   list.push(kEarliest, 1);
-  list.push(5, 2);
-  EXPECT_THAT(Nearest(list, kLatest), Pair(2, 5));
-  list.push(kLatest, 3);
-  EXPECT_THAT(Nearest(list, kLatest), Pair(3, kLatest));
-  // Everything is out of reach: the first one is as good as any.
-  IntList far;
-  far.push(kEarliest, 1);
-  far.push(kEarliest + 1, 2);
-  EXPECT_THAT(Nearest(far, kLatest), Pair(1, kEarliest));
+  list.push(kEarliest + 1, 2);
+  EXPECT_THAT(Nearest(list, kLatest), Pair(1, kEarliest)) << "both out of reach: the first";
+  list.push(5, 3);
+  EXPECT_THAT(Nearest(list, kLatest), Pair(3, 5));
+  list.push(kLatest, 4);
+  EXPECT_THAT(Nearest(list, kLatest), Pair(4, kLatest));
 }
 
-TEST(GetNearestList, SaysThatAnEmptyListHasNothingToLookUp) {
-  try {
-    Nearest(IntList(), 0);
-    FAIL() << "no exception";
-  } catch (const IntList::EmptyError& error) {
-    EXPECT_THAT(error.what(), StrEq("Trying getNearest in an empty list does not make sense"));
-  }
-}
-
-TEST(GetNearestList, TrimsTheOldestBeyondItsCapacity) {
+TEST(GetNearestList, TrimsTheOldestBeyondItsCapacityAndSaysThatItIsEmpty) {
   IntList list;
   list.setCapacity(3);
   for (std::int32_t i = 0; i < 10; ++i) {
@@ -106,6 +93,12 @@ TEST(GetNearestList, TrimsTheOldestBeyondItsCapacity) {
   list.setCapacity(-5);
   list.push(10, 10);
   EXPECT_EQ(list.count(), 0U);
+  try {
+    Nearest(list, 0);
+    FAIL() << "no exception";
+  } catch (const IntList::EmptyError& error) {
+    EXPECT_STREQ(error.what(), "Trying getNearest in an empty list does not make sense");
+  }
 }
 
 }  // namespace

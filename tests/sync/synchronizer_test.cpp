@@ -12,53 +12,45 @@
 
 namespace {
 
-constexpr std::uint64_t kVideoClock = 90000;
 constexpr std::uint64_t kVideoWrap = std::uint64_t{1} << 33;
 
-TEST(Synchronizer, CountsFromItsReferenceBothWaysAndKeepsItOverAReset) {
-  CSynchronizer sync(kVideoClock, kVideoWrap);
-  EXPECT_FALSE(sync.IsSynchronized());
-  EXPECT_EQ(sync.wrapTime(), 954437176889U);
-  sync.SetReference(1000, 5000000);
-  EXPECT_TRUE(sync.IsSynchronized());
-  EXPECT_EQ(sync.ToReferenceTime(1090), 5010000);
-  // 1 tick is 111.1 units; 5 are 555.6.
-  EXPECT_EQ(sync.ToReferenceTime(1005), 5000556);
-  EXPECT_EQ(sync.ToReferenceTime(995), 4999444);
-  sync.ResetReference();
-  EXPECT_FALSE(sync.IsSynchronized());
-  EXPECT_EQ(sync.ToReferenceTime(1090), 5010000);
-}
-
-TEST(Synchronizer, RoundsHalvesAwayFromZeroAndGoesTheShorterWayRound) {
-  CSynchronizer half(20'000'000, 1001);  // a tick is half a unit
-  EXPECT_EQ(half.wrapTime(), 501U);
-  half.SetReference(500, 100);
-  EXPECT_EQ(half.ToReferenceTime(501), 101);
-  EXPECT_EQ(half.ToReferenceTime(499), 99);
-  EXPECT_THROW(CSynchronizer(0, 1000), std::invalid_argument);
-
-  CSynchronizer clock(10'000'000, 1000);
-  clock.SetReference(0, 5000);
-  EXPECT_EQ(clock.ToReferenceTime(500), 5500) << "just as far both ways: forward";
-  EXPECT_EQ(clock.ToReferenceTime(501), 4501);
-  clock.SetReference(990, 5);
-  EXPECT_EQ(clock.ToReferenceTime(0), 15);
-  EXPECT_EQ(clock.ToReferenceTime(980), 995) << "before stream time 0: the next round";
-}
-
-TEST(Synchronizer, CarriesProductsThatNeedMoreThanSixtyFourBits) {
+// From a reference, at a rate of ticks per second and a modulus.
+TEST(Synchronizer, GoesTheShorterWayRoundAndRoundsHalvesAwayFromZero) {
   // A prime rate reduces nothing: a quarter of the round times 10^7 is far beyond 2^64.
-  constexpr std::uint64_t kRate = 999'999'937;
-  constexpr std::uint64_t kRound = kRate * 4'000'000'000;
-  CSynchronizer sync(kRate, kRound);
-  EXPECT_EQ(sync.wrapTime(), 40'000'000'000'000'000U);
-  sync.SetReference(0, 0);
-  EXPECT_EQ(sync.ToReferenceTime(kRound / 4), 10'000'000'000'000'000);
-  // A counter of full 64 bits, whose modulus does not fit.
-  CSynchronizer full(10'000'000, 0);
-  full.SetReference(std::numeric_limits<std::uint64_t>::max() - 9, 1000);
-  EXPECT_EQ(full.ToReferenceTime(10), 1020);
+  constexpr std::uint64_t kPrime = 999'999'937;
+  constexpr std::uint64_t kPrimeRound = kPrime * 4'000'000'000;
+  constexpr std::uint64_t kLast = std::numeric_limits<std::uint64_t>::max();
+  struct Row {
+    std::uint64_t rate, modulus, from;
+    REFERENCE_TIME at;
+    std::uint64_t stream;
+    REFERENCE_TIME time;
+  };
+  for (const Row& row : {
+           Row{90000, kVideoWrap, 1000, 5000000, 1090, 5010000},
+           Row{90000, kVideoWrap, 1000, 5000000, 1005, 5000556},  // 1 tick is 111.1 units
+           Row{90000, kVideoWrap, 1000, 5000000, 995, 4999444},
+           Row{20'000'000, 1001, 500, 100, 501, 101},  // a tick is half a unit
+           Row{20'000'000, 1001, 500, 100, 499, 99},
+           Row{10'000'000, 1000, 0, 5000, 500, 5500},  // just as far both ways: forward
+           Row{10'000'000, 1000, 0, 5000, 501, 4501}, Row{10'000'000, 1000, 990, 5, 0, 15},
+           Row{10'000'000, 1000, 990, 5, 980, 995},  // before stream time 0: the next round
+           Row{kPrime, kPrimeRound, 0, 0, kPrimeRound / 4, 10'000'000'000'000'000},
+           Row{10'000'000, 0, kLast - 9, 1000, 10, 1020},  // full 64 bits
+       }) {
+    CSynchronizer sync(row.rate, row.modulus);
+    EXPECT_FALSE(sync.IsSynchronized());
+    sync.SetReference(row.from, row.at);
+    EXPECT_TRUE(sync.IsSynchronized());
+    EXPECT_EQ(sync.ToReferenceTime(row.stream), row.time);
+    sync.ResetReference();
+    EXPECT_FALSE(sync.IsSynchronized());
+    EXPECT_EQ(sync.ToReferenceTime(row.stream), row.time) << "kept over a reset";
+  }
+  EXPECT_EQ(CSynchronizer(90000, kVideoWrap).wrapTime(), 954437176889U);
+  EXPECT_EQ(CSynchronizer(20'000'000, 1001).wrapTime(), 501U);
+  EXPECT_EQ(CSynchronizer(kPrime, kPrimeRound).wrapTime(), 40'000'000'000'000'000U);
+  EXPECT_THROW(CSynchronizer(0, 1000), std::invalid_argument);
 }
 
 class SyncFilter : public CBaseFilter {
@@ -110,9 +102,12 @@ class SyncInputPin : public testing::Test {
 };
 
 TEST_F(SyncInputPin, TakesItsReferenceFromSamplesAndPostsTheFirst) {
+  EXPECT_EQ(Deliver({1, 2, 3, 4, 5, 6, 7}, 0), E_FAIL);
+  EXPECT_EQ(Deliver({1, 2, 3, 4, 5, 6, 7, 8, 9}, 0), E_FAIL);
+  EXPECT_EQ(Deliver({1, 2, 3, 4, 5, 6, 7, 8}, 0, false), VFW_E_SAMPLE_TIME_NOT_SET);
   EXPECT_FALSE(in->IsSynchronized());
+  EXPECT_EQ(TakeEvents(), 0U);
   EXPECT_EQ(Deliver({0xE8, 0x03, 0, 0, 0, 0, 0, 0}, 5000000), S_OK);  // 1000
-  EXPECT_TRUE(in->IsSynchronized());
   EXPECT_EQ(TakeEvents(), 1U);
   EXPECT_EQ(in->ToReferenceTime(1090), 5010000);
   EXPECT_EQ(Deliver({0, 0, 0, 0, 1, 0, 0, 0}, 7000000), S_OK);  // 2^32
@@ -121,14 +116,6 @@ TEST_F(SyncInputPin, TakesItsReferenceFromSamplesAndPostsTheFirst) {
   in->ResetReference();
   EXPECT_EQ(Deliver({0, 0, 0, 0, 1, 0, 0, 0}, 7000000), S_OK);
   EXPECT_EQ(TakeEvents(), 1U);
-}
-
-TEST_F(SyncInputPin, RefusesWhatIsNoReference) {
-  EXPECT_EQ(Deliver({1, 2, 3, 4, 5, 6, 7}, 0), E_FAIL);
-  EXPECT_EQ(Deliver({1, 2, 3, 4, 5, 6, 7, 8, 9}, 0), E_FAIL);
-  EXPECT_EQ(Deliver({1, 2, 3, 4, 5, 6, 7, 8}, 0, false), VFW_E_SAMPLE_TIME_NOT_SET);
-  EXPECT_FALSE(in->IsSynchronized());
-  EXPECT_EQ(TakeEvents(), 0U);
   const CMediaType foreign(&MEDIATYPE_Video);
   EXPECT_EQ(in->CheckMediaType(&foreign), S_FALSE);
 }

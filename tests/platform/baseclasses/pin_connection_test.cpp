@@ -25,11 +25,6 @@ class PinConnectionTest : public testing::Test {
   HRESULT Connect(const AM_MEDIA_TYPE* type = nullptr) {
     return source_->pin.Connect(&sink_->pin, type);
   }
-  CMediaType Agreed() {
-    CMediaType type;
-    EXPECT_EQ(sink_->pin.ConnectionMediaType(&type), S_OK);
-    return type;
-  }
 
   ComPtr<Source> source_ = Source::Create();
   ComPtr<Sink> sink_ = Sink::Create();
@@ -37,123 +32,100 @@ class PinConnectionTest : public testing::Test {
   const CMediaType large_ = fakes::Yv12Type(640, 360);
 };
 
-TEST_F(PinConnectionTest, PrefersATypeOfTheReceivingPin) {
-  source_->pin.types = {large_, small_};
-  sink_->pin.types = {small_};
-  ASSERT_EQ(Connect(), S_OK);
-  EXPECT_TRUE(Agreed() == small_);
-  ComPtr<IPin> peer;
-  EXPECT_EQ(sink_->pin.ConnectedTo(peer.Put()), S_OK);
-  EXPECT_TRUE(peer.Get() == static_cast<IPin*>(&source_->pin));
-}
-
-TEST_F(PinConnectionTest, TakesWhatAPartialTypeLeavesOpenFromAList) {
+TEST_F(PinConnectionTest, AgreesOnATypeThatBothAccept) {
   source_->pin.types = {large_, small_};
   CMediaType partial(&MEDIATYPE_Video);
   partial.SetSubtype(&MEDIASUBTYPE_PCM);
-  EXPECT_EQ(Connect(&partial), VFW_E_NO_ACCEPTABLE_TYPES);
-  partial.SetSubtype(&MEDIASUBTYPE_YV12);
-  ASSERT_EQ(Connect(&partial), S_OK);
-  EXPECT_TRUE(Agreed() == large_);
+  CMediaType open(&MEDIATYPE_Video);
+  open.SetSubtype(&MEDIASUBTYPE_YV12);
+  struct Row {
+    const CMediaType* asked;
+    std::vector<CMediaType> offered;  // by the receiving pin, which comes first
+    HRESULT accepts, result;
+    const CMediaType* agreed;
+  };
+  for (const Row& row : {Row{nullptr, {small_}, S_OK, S_OK, &small_},
+                         {&open, {}, S_OK, S_OK, &large_},
+                         {&small_, {}, S_OK, S_OK, &small_},  // a complete type is taken or nothing
+                         {&partial, {}, S_OK, VFW_E_NO_ACCEPTABLE_TYPES, nullptr},
+                         {nullptr, {}, S_FALSE, VFW_E_NO_ACCEPTABLE_TYPES, nullptr},
+                         {&large_, {}, E_FAIL, VFW_E_TYPE_NOT_ACCEPTED, nullptr}}) {
+    sink_->pin.types = row.offered;
+    sink_->pin.accepts = [&](const CMediaType&) { return row.accepts; };
+    ASSERT_EQ(Connect(row.asked), row.result);
+    CMediaType agreed;
+    ComPtr<IPin> peer;
+    if (row.agreed != nullptr) {
+      EXPECT_EQ(sink_->pin.ConnectionMediaType(&agreed), S_OK);
+      EXPECT_TRUE(agreed == *row.agreed);
+      EXPECT_EQ(sink_->pin.ConnectedTo(peer.Put()), S_OK);
+      EXPECT_EQ(peer.Get(), static_cast<IPin*>(&source_->pin));
+      EXPECT_EQ(Connect(row.asked), VFW_E_ALREADY_CONNECTED);
+      EXPECT_EQ(source_->pin.Disconnect(), S_OK);
+      EXPECT_EQ(sink_->pin.Disconnect(), S_OK);
+    }
+    EXPECT_EQ(source_->pin.Disconnect(), S_FALSE);
+    EXPECT_FALSE(sink_->pin.IsConnected());
+    EXPECT_FALSE(source_->pin.HeldInputPin());
+    EXPECT_FALSE(sink_->pin.HeldAllocator());
+  }
 }
 
-TEST_F(PinConnectionTest, LeavesBothSidesFreeWhenNoTypeFits) {
-  source_->pin.types = {large_};
-  sink_->pin.accepts = [](const CMediaType&) { return S_FALSE; };
-  EXPECT_EQ(Connect(), VFW_E_NO_ACCEPTABLE_TYPES);
-  EXPECT_FALSE(source_->pin.IsConnected());
-  EXPECT_FALSE(sink_->pin.IsConnected());
-  EXPECT_FALSE(source_->pin.HeldInputPin());
-  EXPECT_FALSE(sink_->pin.HeldAllocator());
-}
-
-TEST_F(PinConnectionTest, TakesACompleteTypeOrNothing) {
-  source_->pin.acceptAny = true;
-  ASSERT_EQ(Connect(&large_), S_OK);
-  EXPECT_TRUE(Agreed() == large_);
-  EXPECT_EQ(Connect(&large_), VFW_E_ALREADY_CONNECTED);
-  EXPECT_EQ(source_->pin.Disconnect(), S_OK);
-  EXPECT_EQ(source_->pin.Disconnect(), S_FALSE);
-  EXPECT_EQ(sink_->pin.Disconnect(), S_OK);
-  sink_->pin.accepts = [](const CMediaType&) { return E_FAIL; };
-  EXPECT_EQ(Connect(&large_), VFW_E_TYPE_NOT_ACCEPTED);
-}
-
-TEST_F(PinConnectionTest, UsesThePeersAllocatorAndItsWishes) {
+TEST_F(PinConnectionTest, UsesThePeersAllocatorAndItsWishesOrBringsOne) {
   source_->pin.types = {large_};
   source_->pin.wanted = {2, 100, 1, 0};
   sink_->pin.requirements = ALLOCATOR_PROPERTIES{6, 10, 16, 0};
   sink_->pin.ownAllocator = CMemAllocator::Create();
-  ASSERT_EQ(Connect(), S_OK);
-  ALLOCATOR_PROPERTIES agreed{};
-  source_->pin.HeldAllocator()->GetProperties(&agreed);
-  EXPECT_EQ(agreed.cBuffers, 6);
-  EXPECT_GE(agreed.cbBuffer, 100);
-  EXPECT_EQ(source_->pin.HeldAllocator(), sink_->pin.ownAllocator);
-  EXPECT_EQ(sink_->pin.HeldAllocator(), sink_->pin.ownAllocator);
+  for (const bool refuse : {false, true}) {
+    sink_->pin.refuseOwnAllocator = refuse;
+    ASSERT_EQ(Connect(), S_OK);
+    ALLOCATOR_PROPERTIES agreed{};
+    source_->pin.HeldAllocator()->GetProperties(&agreed);
+    EXPECT_EQ(agreed.cBuffers, 6);
+    EXPECT_GE(agreed.cbBuffer, 100);
+    EXPECT_EQ(source_->pin.HeldAllocator() == sink_->pin.ownAllocator, !refuse);
+    EXPECT_EQ(source_->pin.HeldAllocator(), sink_->pin.HeldAllocator());
+    source_->pin.Disconnect();
+    sink_->pin.Disconnect();
+  }
   sink_->pin.ownAllocator.Reset();
 }
 
-TEST_F(PinConnectionTest, BringsAnAllocatorWhenThePeerHasNone) {
-  source_->pin.types = {large_};
-  sink_->pin.refuseOwnAllocator = true;
-  ASSERT_EQ(Connect(), S_OK);
-  EXPECT_TRUE(source_->pin.HeldAllocator());
-  EXPECT_EQ(source_->pin.HeldAllocator(), sink_->pin.HeldAllocator());
-}
-
-TEST_F(PinConnectionTest, IsNotChangedWhileAFilterRuns) {
+TEST_F(PinConnectionTest, FollowsTheStatesOfItsFilters) {
   source_->pin.types = {large_};
   ASSERT_EQ(Connect(), S_OK);
+  const auto buffer = [&] {
+    ComPtr<IMediaSample> sample;
+    return source_->pin.GetDeliveryBuffer(sample.Put(), nullptr, nullptr, AM_GBF_NOWAIT);
+  };
+  EXPECT_EQ(buffer(), VFW_E_NOT_COMMITTED);
   ASSERT_EQ(source_->Pause(), S_OK);
-  EXPECT_EQ(source_->pin.Disconnect(), VFW_E_NOT_STOPPED);
-  source_->pin.SetReconnectWhenActive(true);
-  EXPECT_EQ(source_->pin.Disconnect(), S_OK);
-}
-
-TEST_F(PinConnectionTest, StateChangesCommitAndDecommitTheAllocator) {
-  source_->pin.types = {large_};
-  ASSERT_EQ(Connect(), S_OK);
-  ComPtr<IMediaSample> sample;
-  EXPECT_EQ(source_->pin.GetDeliveryBuffer(sample.Put(), nullptr, nullptr, AM_GBF_NOWAIT),
-            VFW_E_NOT_COMMITTED);
-  ASSERT_EQ(sink_->Pause(), S_OK);
-  ASSERT_EQ(source_->Pause(), S_OK);
-  ASSERT_EQ(source_->Run(0), S_OK);
-  EXPECT_EQ(source_->pin.GetDeliveryBuffer(sample.Put(), nullptr, nullptr, AM_GBF_NOWAIT), S_OK);
-  sample.Reset();
-  ASSERT_EQ(source_->Stop(), S_OK);
-  EXPECT_EQ(source_->pin.GetDeliveryBuffer(sample.Put(), nullptr, nullptr, AM_GBF_NOWAIT),
-            VFW_E_NOT_COMMITTED);
-}
-
-TEST_F(PinConnectionTest, AnInputPinTakesSamplesOnlyWhileItStreams) {
-  source_->pin.types = {large_};
-  ASSERT_EQ(Connect(), S_OK);
+  EXPECT_EQ(buffer(), S_OK);
   const ComPtr<IMediaSample> sample = source_->NewSample(0, 1);
   EXPECT_EQ(source_->Send(sample.Get()), VFW_E_WRONG_STATE);
-  sink_->Pause();
+  ASSERT_EQ(sink_->Pause(), S_OK);
+  ASSERT_EQ(source_->Run(0), S_OK);
   EXPECT_EQ(source_->Send(sample.Get()), S_OK);
   sink_->pin.BeginFlush();
   EXPECT_EQ(source_->Send(sample.Get()), S_FALSE);
   sink_->pin.EndFlush();
   EXPECT_EQ(source_->Send(sample.Get()), S_OK);
   EXPECT_EQ(sink_->Count(), 2U);
-  sink_->Forget();
-}
-
-TEST_F(PinConnectionTest, ARefusedTypeInTheStreamEndsIt) {
-  source_->pin.types = {large_};
-  ASSERT_EQ(Connect(), S_OK);
-  sink_->Pause();
+  EXPECT_EQ(source_->pin.Disconnect(), VFW_E_NOT_STOPPED);
+  // A type in the stream that is refused ends it.
   sink_->pin.accepts = [&](const CMediaType& type) { return type == large_ ? S_OK : S_FALSE; };
-  const ComPtr<IMediaSample> sample = source_->NewSample(0, 1);
   CMediaType wrong = small_;
   sample->SetMediaType(&wrong);
   EXPECT_EQ(source_->Send(sample.Get()), VFW_E_INVALIDMEDIATYPE);
   EXPECT_EQ(sink_->pin.endsOfStream, 1);
-  const ComPtr<IMediaSample> next = source_->NewSample(1, 2);
-  EXPECT_EQ(source_->Send(next.Get()), VFW_E_RUNTIME_ERROR);
+  sample->SetMediaType(nullptr);
+  EXPECT_EQ(source_->Send(sample.Get()), VFW_E_RUNTIME_ERROR);
+  sink_->Forget();
+  ASSERT_EQ(source_->Stop(), S_OK);
+  EXPECT_EQ(buffer(), VFW_E_NOT_COMMITTED);
+  ASSERT_EQ(source_->Pause(), S_OK);
+  source_->pin.SetReconnectWhenActive(true);
+  EXPECT_EQ(source_->pin.Disconnect(), S_OK);
 }
 
 TEST_F(PinConnectionTest, EnumeratorsNoticeThatTheirListChanged) {

@@ -1,7 +1,5 @@
 #include "platform/graph/filter_graph.h"
 
-#include <thread>
-
 #include <gtest/gtest.h>
 
 #include "platform/dshow/vfw_errors.h"
@@ -44,13 +42,13 @@ TEST_F(FilterGraphTest, AFilterThatWillNotPauseStopsTheWholeGraph) {
    private:
     CCritSec lock_;
   };
-  const ComPtr<Stubborn> stubborn(std::make_unique<Stubborn>().release());
-  graph_->AddFilter(stubborn.Get(), u"stubborn");
+  graph_->AddFilter(ComPtr<Stubborn>(new Stubborn).Get(), u"stubborn");
   ASSERT_EQ(graph_->Run(0), S_OK);
   EXPECT_EQ(graph_->Pause(), E_FAIL);
-  for (IMediaFilter* const filter :
-       {static_cast<IMediaFilter*>(graph_.Get()), static_cast<IMediaFilter*>(source_.Get()),
-        static_cast<IMediaFilter*>(sink_.Get()), static_cast<IMediaFilter*>(stubborn.Get())}) {
+  ComPtr<IBaseFilter> stubborn;
+  graph_->FindFilterByName(u"stubborn", stubborn.Put());
+  for (IMediaFilter* const filter : std::initializer_list<IMediaFilter*>{
+           graph_.Get(), source_.Get(), sink_.Get(), stubborn.Get()}) {
     FILTER_STATE state{};
     filter->GetState(0, &state);
     EXPECT_EQ(state, State_Stopped);
@@ -83,12 +81,9 @@ TEST_F(FilterGraphTest, EndsARunningGraphWithItsLastReference) {
 
 TEST_F(FilterGraphTest, QueuesEventsInOrderAndForgetsTheOldestOfTooMany) {
   EXPECT_FALSE(graph_->GetEvent(0ms).has_value());
-  std::thread poster([&] {
-    for (LONG i = 0; i < static_cast<LONG>(FilterGraph::kMaxEvents) + 5; ++i) {
-      sink_->NotifyEvent(EC_USER + 1, i, 0);
-    }
-  });
-  poster.join();
+  for (LONG i = 0; i < static_cast<LONG>(FilterGraph::kMaxEvents) + 5; ++i) {
+    sink_->NotifyEvent(EC_USER + 1, i, 0);
+  }
   EXPECT_EQ(graph_->GetEvent(10s)->parameter1, 5);
   EXPECT_EQ(graph_->GetEvent(10s)->parameter1, 6);
   graph_->RemoveFilter(sink_.Get());

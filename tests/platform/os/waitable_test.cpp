@@ -21,24 +21,21 @@ using Reset = os::Event::Reset;
 
 constexpr std::uint32_t kLimit = 30000;  // ms; far beyond what any of these waits needs
 
-TEST(Event, AutomaticLetsOneWaitPassForEachTimeItIsSet) {
-  Event event(Reset::kAuto);
-  EXPECT_FALSE(event.Wait(0));
-  event.Set();
-  event.Set();
-  EXPECT_TRUE(event.Wait(0));
-  EXPECT_FALSE(event.Wait(0));
-  event.Set();
-  event.Clear();
-  EXPECT_FALSE(event.Wait(1));
-}
-
-TEST(Event, ManualStaysSetUntilCleared) {
-  Event event(Reset::kManual, true);
-  EXPECT_TRUE(event.Wait(0));
-  EXPECT_TRUE(event.Wait(os::kInfinite));
-  event.Clear();
-  EXPECT_FALSE(event.Wait(0));
+TEST(Event, AutomaticLetsOneWaitPassAndManualStaysSet) {
+  Event once(Reset::kAuto);
+  Event always(Reset::kManual, true);
+  EXPECT_FALSE(once.Wait(0));
+  once.Set();
+  once.Set();
+  EXPECT_TRUE(once.Wait(0));
+  EXPECT_FALSE(once.Wait(1));
+  EXPECT_TRUE(always.Wait(0));
+  EXPECT_TRUE(always.Wait(os::kInfinite));
+  for (Event* const event : {&once, &always}) {
+    event->Set();
+    event->Clear();
+    EXPECT_FALSE(event->Wait(0));
+  }
 }
 
 TEST(Semaphore, CountsUpToItsMaximum) {
@@ -55,38 +52,25 @@ TEST(Semaphore, CountsUpToItsMaximum) {
   EXPECT_THROW(Semaphore(0, 0), std::invalid_argument);
 }
 
-TEST(WaitAny, TakesTheLowestSignalledIndexAndThatOneOnly) {
-  Event first(Reset::kAuto);
-  Semaphore second(1);
-  Event third(Reset::kAuto, true);
-  const std::array<Waitable*, 3> all{&first, &second, &third};
-  EXPECT_EQ(os::WaitAny(all, os::kInfinite), 1U);
-  EXPECT_EQ(os::WaitAny(all, os::kInfinite), 2U);
-  EXPECT_EQ(os::WaitAny(all, 0), os::kWaitTimeout);
-  third.Set();
-  first.Set();
-  EXPECT_EQ(os::WaitAny(all, 0), 0U);
-  EXPECT_TRUE(third.Wait(0));
-}
-
-TEST(WaitAny, FailsOnWhatCannotBeWaitedFor) {
-  Event event(Reset::kAuto, true);
-  const std::array<Waitable*, 2> withNull{&event, nullptr};
-  EXPECT_EQ(os::WaitAny({}, os::kInfinite), os::kWaitFailed);
-  EXPECT_EQ(os::WaitAny(withNull, os::kInfinite), os::kWaitFailed);
-  EXPECT_TRUE(event.Wait(0)) << "nothing was consumed";
-}
-
-TEST(WaitAny, TakesAnyNumberOfObjects) {
+TEST(WaitAny, TakesTheLowestSignalledIndexOfAnyNumberAndThatOneOnly) {
   std::vector<std::unique_ptr<Event>> events;
   std::vector<Waitable*> all;
   for (int i = 0; i < 100; ++i) {
-    events.push_back(std::make_unique<Event>(Reset::kAuto));
+    events.push_back(std::make_unique<Event>(Reset::kAuto, i == 7 || i == 3));
     all.push_back(events.back().get());
   }
+  EXPECT_EQ(os::WaitAny(all, os::kInfinite), 3U);
+  EXPECT_EQ(os::WaitAny(all, os::kInfinite), 7U);
+  EXPECT_EQ(os::WaitAny(all, 0), os::kWaitTimeout);
   std::thread setter([&] { events.back()->Set(); });
   EXPECT_EQ(os::WaitAny(all, kLimit), 99U);
   setter.join();
+  // What cannot be waited for.
+  events[0]->Set();
+  all[1] = nullptr;
+  EXPECT_EQ(os::WaitAny({}, os::kInfinite), os::kWaitFailed);
+  EXPECT_EQ(os::WaitAny(all, os::kInfinite), os::kWaitFailed);
+  EXPECT_TRUE(events[0]->Wait(0)) << "nothing was consumed";
 }
 
 // Every token wakes exactly one of several waiters, whatever else they wait for.
@@ -136,55 +120,47 @@ TEST(WaitAny, GivesEachTokenToExactlyOneWaiter) {
 using os::Thread;
 
 // Calls when it is destroyed.
-class Marker {
- public:
-  explicit Marker(std::function<void()> atEnd) : atEnd_(std::move(atEnd)) {}
-  ~Marker() { atEnd_(); }
-
- private:
-  std::function<void()> atEnd_;
+struct Marker {
+  ~Marker() { atEnd(); }
+  std::function<void()> atEnd;
 };
 
-TEST(Thread, HasLeftAllItsCodeWhenAWaitSucceeds) {
-  for (int round = 0; round < 50; ++round) {
+TEST(Thread, HasLeftAllItsCodeWhenAWaitSucceedsForAllAndPermanently) {
+  for (int round = 0; round < 30; ++round) {
     std::atomic<bool> last{false};
-    Thread thread([&] {
-      thread_local std::unique_ptr<Marker> atThreadEnd;
-      atThreadEnd = std::make_unique<Marker>([&] {
-        for (int i = 0; i < 100; ++i) {
-          std::this_thread::yield();
-        }
-        last = true;
-      });
-    });
+    Event go(Reset::kAuto);
+    Thread thread(
+        [&] {
+          go.Wait(os::kInfinite);
+          thread_local std::unique_ptr<Marker> atThreadEnd;
+          atThreadEnd.reset(new Marker{[&] {
+            for (int i = 0; i < 20; ++i) {
+              std::this_thread::yield();
+            }
+            last = true;
+          }});
+        },
+        "a name that is longer than the system takes");
+    EXPECT_NE(thread.Id(), 0U);
+    EXPECT_FALSE(thread.Wait(0));
     Event never(Reset::kAuto);
-    const std::array<os::Waitable*, 2> both{&never, &thread};
-    ASSERT_EQ(os::WaitAny(both, kLimit), 1U) << "the body did not end";
-    EXPECT_TRUE(last) << "code of the thread ran on after the wait";
+    const auto wait = [&] {
+      const std::array<os::Waitable*, 2> both{&never, &thread};
+      EXPECT_EQ(os::WaitAny(both, kLimit), 1U) << "the body did not end";
+      EXPECT_TRUE(last) << "code of the thread ran on after the wait";
+    };
+    std::thread other(wait);
+    go.Set();
+    wait();
+    other.join();
+    wait();
   }
-}
-
-TEST(Thread, IsSignalledToAllAndPermanentlyWhenItsBodyHasEnded) {
-  Event go(Reset::kAuto);
-  Thread thread([&] { go.Wait(os::kInfinite); }, "a name that is longer than the system takes");
-  EXPECT_NE(thread.Id(), 0U);
-  EXPECT_FALSE(thread.Wait(0));
-  std::atomic<int> seen{0};
-  const auto wait = [&] { seen += thread.Wait(kLimit) ? 1 : 0; };
-  std::thread one(wait);
-  std::thread two(wait);
-  go.Set();
-  wait();
-  one.join();
-  two.join();
-  EXPECT_EQ(seen, 3);
-  EXPECT_TRUE(thread.Wait(0));
 }
 
 TEST(Thread, ContinuesByItselfWhenDestroyedWhileRunning) {
   Event go(Reset::kAuto);
   Event gone(Reset::kAuto);
-  auto alive = std::make_shared<Marker>([&] { gone.Set(); });
+  std::shared_ptr<Marker> alive(new Marker{[&] { gone.Set(); }});
   {
     Thread thread([alive, &go] { go.Wait(os::kInfinite); });
     alive.reset();
