@@ -1,7 +1,6 @@
 #include "host/channel/source/media_input.h"
 
 #include <fstream>
-#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -18,29 +17,24 @@
 namespace host {
 namespace {
 
-// The kind of failure and the reason; none when the source opens.
-std::optional<std::pair<MediaError::Kind, std::string>> OpenFailure(
-    MediaReader::Settings settings) {
-  MediaReader reader(std::move(settings));
-  try {
-    reader.Open();
-  } catch (const MediaError& error) {
-    return std::make_pair(error.kind(), error.reason());
-  }
-  return {};
-}
+using Kind = MediaError::Kind;
 
-void ExpectSteady(const std::vector<DecodedFrame>& pictures, Time tolerance) {
-  for (std::size_t i = 1; i < pictures.size(); ++i) {
-    EXPECT_NEAR(static_cast<double>(pictures[i].start - pictures[i - 1].start), 400'000,
-                static_cast<double>(tolerance))
-        << i;
+// Of a source that cannot be opened, or of which a failure in reading ends `read`.
+template <typename Read>
+std::pair<Kind, std::string> Failure(MediaReader::Settings settings, Read read) {
+  try {
+    read(*Opened(std::move(settings)));
+  } catch (const MediaError& error) {
+    return {error.kind(), error.reason()};
   }
+  return {Kind::kFailed, "none"};
+}
+std::pair<Kind, std::string> OpenFailure(MediaReader::Settings settings) {
+  return Failure(std::move(settings), [](MediaReader&) {});
 }
 
 TEST(MediaInput, SaysWhyASourceCannotBeOpened) {
   const TemporaryFolder folder;
-  using Kind = MediaError::Kind;
   WriteWholeFile(folder / "notes.txt", std::string(5000, 'x'));
   WriteWholeFile(folder / "empty.mp4", "");
   const std::string whole = ReadWholeFile(Write(SmallClip(), folder / "whole.mp4"));
@@ -50,15 +44,14 @@ TEST(MediaInput, SaysWhyASourceCannotBeOpened) {
                                    {"empty.mp4", Kind::kNotMedia},
                                    {"cut.mp4", Kind::kNotMedia},
                                    {".", Kind::kFailed}}) {
-    EXPECT_EQ(OpenFailure(Source(folder / name))->first, kind) << name;
+    const auto failure = OpenFailure(Source(folder / name));
+    EXPECT_TRUE(failure.first == kind && failure.second != "none") << name;
   }
   MediaReader::Settings settings = Source(folder / "whole.mp4");
   settings.wantVideo = false;
   settings.options.audio.track = 3;
-  EXPECT_EQ(
-      OpenFailure(settings),
-      std::pair(Kind::kNoStreams, std::string("nothing to show: video is switched off, and it "
-                                              "has no audio track 3 (of 1)")));
+  EXPECT_EQ(OpenFailure(settings).second,
+            "nothing to show: video is switched off, and it has no audio track 3 (of 1)");
 }
 
 TEST(MediaInput, ReadsFilesOfServersThatKnowNoByteRangesAsStreams) {
@@ -72,27 +65,20 @@ TEST(MediaInput, ReadsFilesOfServersThatKnowNoByteRangesAsStreams) {
   const std::string remedy =
       "its index comes behind its data, but it can only be read from its beginning: write it with "
       "the index first (ffmpeg: -movflags +faststart) or use a server with byte ranges";
-  const auto failureOf = [](const std::string& url) {
-    MediaReader reader(Source(url));
-    try {
-      reader.Open();
-      EXPECT_EQ(ReadAll(reader).pictures.size(), 200U);
-      return std::string("none");
-    } catch (const MediaError& error) {
-      return error.reason();
-    }
+  const auto failureOf = [](const HttpServer& server) {
+    return Failure(Source(server.url()),
+                   [](MediaReader& reader) { EXPECT_EQ(ReadAll(reader).pictures.size(), 200U); })
+        .second;
   };
   for (const Manner manner :
        {Manner::kIgnoresRanges, Manner::kPromisesRanges, Manner::kRefusesRanges}) {
-    const HttpServer plays(indexFirst, manner);
-    EXPECT_EQ(failureOf(plays.url()), "none") << static_cast<int>(manner);
-    const HttpServer cannot(indexLast, manner);
-    EXPECT_EQ(failureOf(cannot.url()), remedy) << static_cast<int>(manner);
+    EXPECT_EQ(failureOf({indexFirst, manner}), "none") << static_cast<int>(manner);
+    EXPECT_EQ(failureOf({indexLast, manner}), remedy) << static_cast<int>(manner);
   }
   const HttpServer large(indexLast, Manner::kStalls);
   MediaReader::Settings settings = Source(large.url());
   settings.options.openLimit = 300 * kMillisecond;
-  EXPECT_EQ(OpenFailure(settings)->second, remedy);
+  EXPECT_EQ(OpenFailure(settings).second, remedy);
 }
 
 // FFmpeg's demuxer of MP4 remembers every packet: over months others take its place.
@@ -113,8 +99,7 @@ TEST(MediaInput, ChangesTheDemuxerOfAnEndlessSourceWithoutAGap) {
     std::vector<Time> times;
     try {
       reader.Open();
-      for (MediaItem item = reader.Read(); !std::holds_alternative<EndOfMedia>(item);
-           item = reader.Read()) {
+      ReadEach(reader, [&](const MediaItem& item) {
         if (const auto* const picture = std::get_if<DecodedFrame>(&item)) {
           times.push_back(picture->start);
           // A list is read as fast as it can be: the next demuxer has to come beside it.
@@ -122,9 +107,9 @@ TEST(MediaInput, ChangesTheDemuxerOfAnEndlessSourceWithoutAGap) {
         } else if (const auto* const packet = std::get_if<AudioPacket>(&item)) {
           times.push_back(packet->start);
         }
-      }
+      });
     } catch (const MediaError& error) {
-      EXPECT_EQ(error.kind(), MediaError::Kind::kTimedOut) << error.what();
+      EXPECT_EQ(error.kind(), Kind::kTimedOut) << error.what();
     }
     return times;
   };
@@ -161,12 +146,11 @@ TEST(MediaInput, BeginsAFileAgainWithoutAGapOnTheClock) {
   for (const char* name : {"a.mkv", "a.ts", "a.mp4"}) {
     MediaReader::Settings settings = Source(Write(SmallClip(), folder / name));
     settings.live = true;
-    MediaReader reader(settings);
-    reader.Open();
+    const auto reader = Opened(settings);
     std::vector<DecodedFrame> pictures;
     Time lastAudio = -kSecond;
     while (pictures.size() < 80) {
-      MediaItem item = reader.Read();
+      MediaItem item = reader->Read();
       if (auto* picture = std::get_if<DecodedFrame>(&item)) {
         EXPECT_FALSE(picture->discontinuity);
         pictures.push_back(std::move(*picture));
@@ -175,10 +159,10 @@ TEST(MediaInput, BeginsAFileAgainWithoutAGapOnTheClock) {
         lastAudio = packet->start;
       }
     }
-    EXPECT_EQ(reader.repeats(), 3U) << name;
+    EXPECT_EQ(reader->repeats(), 3U) << name;
     // The audio may be longer than the picture by a packet: the file is as long as the longer.
     ExpectSteady(pictures, 500'000);
-    EXPECT_NEAR(static_cast<double>(pictures.back().start), 79 * 400'000, 1'500'000) << name;
+    EXPECT_NEAR(pictures.back().start, 79 * 400'000, 1'500'000) << name;
   }
 }
 
@@ -189,23 +173,20 @@ TEST(MediaInput, FailsForReopeningWhenARepeatedFileWasWrittenAgainOrGivesNothing
   const auto failure = [](const std::filesystem::path& file, const std::string& overwriteBy) {
     MediaReader::Settings settings = Source(file);
     settings.live = true;
-    MediaReader reader(settings);
-    reader.Open();
-    if (!overwriteBy.empty()) {
-      reader.Read();
-      WriteWholeFile(file, overwriteBy);
-    }
-    try {
-      // It may still give what was read ahead, of the former content.
-      for (int items = 0; items < 1000; ++items) {
-        if (std::holds_alternative<EndOfMedia>(reader.Read())) {
-          return std::string("ended");
-        }
-      }
-      return std::string("repeats");
-    } catch (const MediaError& error) {
-      return error.reason();
-    }
+    return Failure(settings,
+                   [&](MediaReader& reader) {
+                     if (!overwriteBy.empty()) {
+                       reader.Read();
+                       WriteWholeFile(file, overwriteBy);
+                     }
+                     // It may still give what was read ahead, of the former content.
+                     for (int items = 0; items < 1000; ++items) {
+                       if (std::holds_alternative<EndOfMedia>(reader.Read())) {
+                         return;
+                       }
+                     }
+                   })
+        .second;
   };
   ClipRecipe longer = SmallClip();
   longer.length = 3 * kSecond;
@@ -213,8 +194,7 @@ TEST(MediaInput, FailsForReopeningWhenARepeatedFileWasWrittenAgainOrGivesNothing
     const std::string other = ReadWholeFile(Write(longer, folder / ("other" + extension)));
     const auto file = folder / ("a" + extension);
     for (const std::string& content : {other, std::string("no clip")}) {
-      const std::string reason = failure(Write(SmallClip(), file), content);
-      EXPECT_TRUE(reason != "ended" && reason != "repeats") << extension << " " << reason;
+      EXPECT_NE(failure(Write(SmallClip(), file), content), "none") << extension;
     }
   }
   const std::string whole = ReadWholeFile(folder / "other.mkv");
