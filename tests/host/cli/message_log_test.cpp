@@ -18,6 +18,7 @@ using qorp::log::kDebug;
 using qorp::log::kError;
 using qorp::log::kInfo;
 using qorp::log::kWarning;
+using ::testing::AllOf;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -26,8 +27,9 @@ using ::testing::Not;
 
 class Messages : public testing::Test {
  protected:
-  std::string FileOf(const config::LogOptions& options, bool colour = false) {
-    Streams streams{out, err, false, colour};
+  Messages() { options.file = folder / "log"; }
+  // The log file after a line of every level.
+  std::string Written() {
     MessageLog messages(streams, options);
     for (const int level : {kError, kWarning, kInfo, kDebug}) {
       messages.Say(level, "level " + std::to_string(level));
@@ -39,30 +41,25 @@ class Messages : public testing::Test {
   const TemporaryFolder folder;
   std::ostringstream out;
   std::ostringstream err;
+  Streams streams{out, err};
+  config::LogOptions options;
 };
 
 TEST_F(Messages, ReachTheScreenAndTheRecordUpToTheirLevels) {
-  config::LogOptions options;
-  options.file = folder / "log";
-  const std::string file = FileOf(options);
+  EXPECT_THAT(Written(), AllOf(HasSubstr(";0;level 0\r\n"), HasSubstr(";1;level 1\r\n"),
+                               Not(HasSubstr("level 2"))));
   EXPECT_THAT(err.str(), MatchesRegex(".{23} level 0\n"));
-  EXPECT_THAT(file, HasSubstr(";0;level 0\r\n"));
-  EXPECT_THAT(file, HasSubstr(";1;level 1\r\n"));
-  EXPECT_THAT(file, Not(HasSubstr("level 2")));
-
   err.str("");
   options.level = kInfo;
-  EXPECT_THAT(FileOf(options, true), EndsWith(";2;level 2\r\n"));
-  EXPECT_THAT(err.str(), HasSubstr("\x1b[91m"));
-  EXPECT_THAT(err.str(), HasSubstr("level 2\n"));
-  EXPECT_THAT(err.str(), Not(HasSubstr("level 3")));
+  streams.colour = true;
+  EXPECT_THAT(Written(), EndsWith(";2;level 2\r\n"));
+  EXPECT_THAT(err.str(),
+              AllOf(HasSubstr("\x1b[91m"), HasSubstr("level 2\n"), Not(HasSubstr("level 3"))));
   EXPECT_THAT(out.str(), IsEmpty());
 }
 
 // A name is resolved beside the wall, which starts without it.
 TEST_F(Messages, ReachASyslogServer) {
-  Streams streams{out, err};
-  config::LogOptions options;
   for (const char* const host : {"127.0.0.1", "localhost"}) {
     const DatagramReceiver server;
     options.syslog = config::Endpoint{host, server.Port()};
@@ -73,14 +70,11 @@ TEST_F(Messages, ReachASyslogServer) {
     EXPECT_THAT(server.Receive(), HasSubstr(" 0001 second"));
   }
   options.syslog = config::Endpoint{"nowhere.invalid", 514};
-  FileOf(options);
+  Written();
   EXPECT_THAT(err.str(), HasSubstr("level 0"));
 }
 
 TEST_F(Messages, KeepTheirFileForOneWriterAndFollowItsPath) {
-  Streams streams{out, err};
-  config::LogOptions options;
-  options.file = folder / "log";
   MessageLog messages(streams, options);
   messages.Say(kError, "one");
   messages.Flush();
@@ -98,10 +92,7 @@ TEST_F(Messages, KeepTheirFileForOneWriterAndFollowItsPath) {
 // What a stream says of itself is in some of them.
 TEST_F(Messages, HoldNoControlCharactersAndNoHalfOfACharacter) {
   const DatagramReceiver server;
-  config::LogOptions options;
-  options.file = folder / "log";
   options.syslog = config::Endpoint{"127.0.0.1", server.Port()};
-  Streams streams{out, err};
   MessageLog messages(streams, options);
   messages.Say(kError,
                "a\x1b]0;title\a\r\nb\xC2\x9B"
@@ -113,8 +104,7 @@ TEST_F(Messages, HoldNoControlCharactersAndNoHalfOfACharacter) {
   messages.Say(kError, umlauts);
   messages.Flush();
   for (const std::string& text : {err.str(), ReadWholeFile(folder / "log"), server.Receive()}) {
-    EXPECT_THAT(text, HasSubstr("a ]0;title   b 31m \uFFFD"));
-    EXPECT_THAT(text, Not(HasSubstr("\x1b")));
+    EXPECT_THAT(text, AllOf(HasSubstr("a ]0;title   b 31m \uFFFD"), Not(HasSubstr("\x1b"))));
   }
   EXPECT_THAT(err.str(), HasSubstr("\u00fc\n"));
   EXPECT_THAT(ReadWholeFile(folder / "log"), HasSubstr("\u00fc\r\n"));
@@ -124,26 +114,20 @@ TEST_F(Messages, HoldNoControlCharactersAndNoHalfOfACharacter) {
 }
 
 TEST_F(Messages, RefuseFilesThatCannotBeUsed) {
-  Streams streams{out, err};
   const std::string wall = "[wall]\nwidth = 640\n";
   WriteWholeFile(folder / "wall.toml", wall);
   WriteWholeFile(folder / "both", "");
   std::filesystem::create_hard_link(folder / "both", folder / "link");
-  struct Case {
-    std::filesystem::path file;
-    std::filesystem::path perfFile;
-    const char* why;
-  };
-  for (const Case& c : {Case{folder / "none/log", "", "its folder does not exist"},
-                        {folder.Path(), "", "cannot be written: access denied"},
-                        {folder / "wall.toml", "", "is no log file"},
-                        {folder / "both", folder / "both", ""},
-                        {folder / "both", folder / "link", ""}}) {
-    config::LogOptions options;
-    options.file = c.file;
-    options.perfFile = c.perfFile;
+  for (const auto& [file, perfFile, why] :
+       {std::tuple(folder / "none/log", std::filesystem::path(), "its folder does not exist"),
+        {folder.Path(), "", "cannot be written: access denied"},
+        {folder / "wall.toml", "", "is no log file"},
+        {folder / "both", folder / "both", ""},
+        {folder / "both", folder / "link", ""}}) {
+    options.file = file;
+    options.perfFile = perfFile;
     EXPECT_THAT([&] { MessageLog(streams, options); },
-                testing::ThrowsMessage<std::runtime_error>(HasSubstr(c.why)));
+                testing::ThrowsMessage<std::runtime_error>(HasSubstr(why)));
   }
   EXPECT_EQ(ReadWholeFile(folder / "wall.toml"), wall);
 }
@@ -152,19 +136,15 @@ TEST_F(Messages, ContinueInANewFileWhenTheOldOneCannotBeContinued) {
   const std::string old = "0x0000000C\r\n;Sun Nov 16 09:43:14.123;1;0;partly overwritten\r\n";
   WriteWholeFile(folder / "log", old);
   WriteWholeFile(folder / "log.damaged-1", "older");
-  config::LogOptions options;
-  options.file = folder / "log";
-  const std::string file = FileOf(options);
-  EXPECT_THAT(file, HasSubstr(";0;level 0\r\n"));
-  EXPECT_THAT(file, HasSubstr("cannot be continued (invalid stoll argument): it was moved to"));
-  EXPECT_THAT(file, HasSubstr(";1;level 1\r\n"));
+  EXPECT_THAT(Written(),
+              AllOf(HasSubstr(";0;level 0\r\n"), HasSubstr(";1;level 1\r\n"),
+                    HasSubstr("cannot be continued (invalid stoll argument): it was moved to")));
   EXPECT_THAT(err.str(), HasSubstr("log.damaged-2, and a new one was begun\n"));
   EXPECT_EQ(ReadWholeFile(folder / "log.damaged-1"), "older");
   EXPECT_EQ(ReadWholeFile(folder / "log.damaged-2"), old);
 }
 
 TEST_F(Messages, TellOfAChannelAndAnOutputWhenSomethingChanges) {
-  Streams streams{out, err};
   MessageLog messages(streams, {});
   JsonLines events(out, false);
   std::vector<config::Channel> channels(2);
@@ -193,15 +173,26 @@ TEST_F(Messages, TellOfAChannelAndAnOutputWhenSomethingChanges) {
 }
 
 TEST_F(Messages, WipeTheProgressLineTheyStandIn) {
-  Streams streams{out, err, true};
-  MessageLog messages(streams, {});
-  messages.ShowProgress("10 %");
-  messages.Say(kWarning, "not shown, so nothing is wiped");
-  messages.Flush();
-  EXPECT_EQ(err.str(), "\r\x1b[K10 %");
-  messages.Say(kError, "shown");
-  messages.Flush();
-  EXPECT_THAT(err.str(), MatchesRegex("\r\x1b.K10 %\r\x1b.K.{23} shown\n"));
+  streams.progress = true;
+  {
+    MessageLog messages(streams, {});
+    messages.ShowProgress("10 %");
+    messages.ShowProgress("10 %");
+    messages.Say(kWarning, "not shown, so nothing is wiped");
+    messages.Flush();
+    EXPECT_EQ(err.str(), "\r\x1b[K10 %");
+    messages.Say(kError, "shown");
+    messages.Flush();
+    EXPECT_THAT(err.str(), MatchesRegex("\r\x1b.K10 %\r\x1b.K.{23} shown\n"));
+    err.str("");
+    messages.ShowProgress("20 %");
+  }
+  EXPECT_EQ(err.str(), "\r\x1b[K20 %\r\x1b[K");
+  ProgressLine(err, true).Show("\u00fc0 %", 2);
+  EXPECT_THAT(err.str(), EndsWith("\r\x1b[K\u00fc0\r\x1b[K"));
+  err.str("");
+  ProgressLine(err, false).Show("10 %", 79);
+  EXPECT_THAT(err.str(), IsEmpty()) << "nobody watches";
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include "host/cli/wall_status.h"
 
 #include <array>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -22,43 +23,32 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-std::vector<config::Channel> TwoChannels() {
-  std::vector<config::Channel> channels(2);
-  channels[0].name = "A";
-  channels[1].name = "B \xff";  // not UTF-8
-  return channels;
-}
-
 TEST(ChannelBoardTest, KeepsTheStatesAndWritesEachChangeAsALine) {
   std::ostringstream out;
   std::ostringstream err;
   Streams streams{out, err};
   MessageLog messages(streams, {});
   JsonLines lines(out, true);
-  ChannelBoard board(TwoChannels(), messages, lines);
+  const std::string b = "B \xff";  // not UTF-8
+  std::vector<config::Channel> channels(2);
+  channels[0].name = "A";
+  channels[1].name = b;
+  ChannelBoard board(channels, messages, lines);
   board.ChannelFailed("A", "no data for 5 s", std::nullopt);
   board.ChannelChanged("A", {ChannelState::kHeld, "no data for 5 s", 12 * kSecond});
-  board.ChannelChanged("B \xff", {ChannelState::kLive, "", kSecond});
-  board.AlarmChanged("B \xff", {AlarmKind::kFreeze, true, 15 * kSecond + kMillisecond});
+  board.ChannelChanged(b, {ChannelState::kLive, "", kSecond});
+  board.AlarmChanged(b, {AlarmKind::kFreeze, true, 15 * kSecond + kMillisecond});
   board.AudioChanged("A", {AudioState::kNoTrack, "none", kSecond});
   lines.Finish();
 
-  std::istringstream in(out.str());
-  std::vector<nlohmann::json> events;
-  for (std::string line; std::getline(in, line);) {
-    events.push_back(nlohmann::json::parse(line));
-    events.back().erase("time");
-  }
-  EXPECT_THAT(
-      events,
-      ElementsAre(nlohmann::json::parse(R"({"event":"channel","channel":"A","state":"held",
-                                            "reason":"no data for 5 s","since":12.0})"),
-                  nlohmann::json::parse(R"({"event":"channel","channel":"B \ufffd","state":"live",
-                                            "since":1.0})"),
-                  nlohmann::json::parse(R"({"event":"alarm","channel":"B \ufffd",
-                                            "alarm":"freeze","raised":true,"since":15.001})"),
-                  nlohmann::json::parse(R"({"event":"audio","channel":"A","state":"no_track",
-                                            "reason":"none","since":1.0})")));
+  const std::regex time(R"("time":[^,}]*,?)");
+  EXPECT_EQ(
+      std::regex_replace(out.str(), time, ""),
+      R"({"event":"channel","channel":"A","state":"held","reason":"no data for 5 s","since":12.0}
+{"event":"channel","channel":"B �","state":"live","since":1.0}
+{"event":"alarm","channel":"B �","alarm":"freeze","raised":true,"since":15.001}
+{"event":"audio","channel":"A","state":"no_track","reason":"none","since":1.0}
+)");
 
   WallStatus status;
   status.seconds = 12;
@@ -95,7 +85,6 @@ class Manager {
   ~Manager() { close(descriptor_); }
   Manager(const Manager&) = delete;
   Manager& operator=(const Manager&) = delete;
-
   // What has come; a datagram on a local socket is there once it was sent.
   std::vector<std::string> Messages() const {
     std::vector<std::string> messages;

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "host/config/diagnostics.h"
 #include "host/config/value_text.h"
 
 namespace host::config {
@@ -56,36 +55,18 @@ TEST(Layout, FollowsItsRules) {
   EXPECT_FALSE(LayOutWindows(canvas, {}, 9, true));
 }
 
-TEST(NearestName, FindsSlipsAndOtherWordsButNotStrangers) {
-  const std::vector<std::string> known = {"width", "height", "frame_rate", "source", "window"};
-  EXPECT_EQ(NearestName("heigth", known), "height");
-  EXPECT_EQ(NearestName("FrameRate", known), "frame_rate");
-  EXPECT_EQ(NearestName("fps", known), "frame_rate");
-  EXPECT_EQ(NearestName("url", known), "source");
-  EXPECT_EQ(NearestName("windows", known), "window");
-  EXPECT_EQ(NearestName("bandwidth_limit", known), std::nullopt);
-  EXPECT_EQ(NearestName("x", known), std::nullopt);
-}
-
 TEST(ValueText, ReadsRatesDurationsBitRatesAndColours) {
   EXPECT_EQ(ParseFrameRate("60000/1001"), (Ratio{60000, 1001}));
   EXPECT_EQ(ParseFrameRate("23.976"), (Ratio{24000, 1001}));
   EXPECT_EQ(ParseFrameRate("12.5"), (Ratio{25, 2}));
-  for (const char* const wrong : {"25/0", "-25", "25 fps"}) {
-    EXPECT_EQ(ParseFrameRate(wrong), std::nullopt) << wrong;
-  }
-  EXPECT_EQ(ParseAspect("16:0"), std::nullopt);
   EXPECT_EQ(ParseDuration("1.5"), 15'000'000);
-  EXPECT_EQ(ParseDuration("5 minutes"), std::nullopt);
-  EXPECT_EQ(ParseDuration("1e400"), std::nullopt);
   EXPECT_EQ(ParseBitRate("2.5M"), 2'500'000);
-  EXPECT_EQ(ParseBitRate("6m"), std::nullopt);
-  EXPECT_TRUE(IsLabelColour("#8F80"));
-  for (const char* const wrong : {"#12345", "FF0000", "#GG0000"}) {
-    EXPECT_FALSE(IsLabelColour(wrong)) << wrong;
-  }
   EXPECT_EQ(ParseRgb("#F80"), (Rgb{255, 136, 0}));
-  EXPECT_EQ(ParseRgb("#8F80"), std::nullopt);
+  EXPECT_TRUE(IsLabelColour("#8F80"));
+  EXPECT_FALSE(ParseFrameRate("25/0") || ParseFrameRate("-25") || ParseFrameRate("25 fps") ||
+               ParseAspect("16:0") || ParseDuration("5 minutes") || ParseDuration("1e400") ||
+               ParseBitRate("6m") || ParseRgb("#8F80") || IsLabelColour("#12345") ||
+               IsLabelColour("FF0000") || IsLabelColour("#GG0000"));
 }
 
 }  // namespace

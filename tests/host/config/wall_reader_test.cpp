@@ -117,6 +117,9 @@ selekted = true
 format = "mpegts"
 bitrate = "fast"
 [outputs]
+[log]
+PerfFile = 1
+bandwidth = 2
 )"),
       ElementsAre(
           "w:2:1: error: [wall] has no key \"widht\"; did you mean \"width\"?",
@@ -139,7 +142,10 @@ bitrate = "fast"
           "w:16:1: error: output 1 has no \"url\": a file or a URL",
           "w:18:11: error: \"bitrate\" must be bits per second from 10k to 1000M: 6000000, "
           "\"800k\" or \"6M\"",
-          "w:19:2: error: a wall file has no key \"outputs\"; did you mean \"output\"?"));
+          "w:19:2: error: a wall file has no key \"outputs\"; did you mean \"output\"?",
+          "w:21:1: error: [log] has no key \"PerfFile\"; did you mean \"perf_file\"?",
+          "w:22:1: error: [log] has no key \"bandwidth\"; it knows level, file, size, syslog, "
+          "perf_file, perf_period"));
 }
 
 TEST(WallReader, ReportsMistakesOfTheSyntaxAndReadsOn) {

@@ -93,10 +93,9 @@ TEST_P(ContainerTest, BeginsInTimeWithoutAChannelWhoseTrackIsSilentUntilItComes)
                          .string();
     reading.options.audio.track = isHls ? 1 : static_cast<std::size_t>(track);
     reading.wantVideo = false;
-    MediaReader reader(reading);
-    reader.Open();
-    EXPECT_EQ(reader.info().audio->sampleRate, 48'000);
-    const Content content = ReadAll(reader);
+    const auto reader = Opened(reading);
+    EXPECT_EQ(reader->info().audio->sampleRate, 48'000);
+    const Content content = ReadAll(*reader);
     ASSERT_GE(content.packets.size(), 90U) << "two seconds of 1024 samples each";
     for (std::size_t i = 1; i < content.packets.size(); ++i) {
       EXPECT_NEAR(content.packets[i].start - content.packets[i - 1].start, 213'333,
@@ -130,10 +129,8 @@ TEST_F(FlvTest, BeginsAgainBeforeItsTimestampsEnd) {
   EXPECT_EQ(opened_, 3);
   EXPECT_EQ(counters.of(OutputCounters::kVideo).written, 100U);
   for (const char* const name : {"wall.flv", "wall-2.flv"}) {
-    MediaReader reader(Source(folder_ / name));
-    reader.Open();
-    const Content content = ReadAll(reader);
-    EXPECT_NEAR(static_cast<double>(content.pictures.back().start) / kSecond, 23 * 24 * 3600, 1)
+    EXPECT_NEAR(static_cast<double>(ReadFile(folder_ / name).pictures.back().start) / kSecond,
+                23 * 24 * 3600, 1)
         << name;
   }
 }
