@@ -72,25 +72,26 @@ void RemuxWithAudioLater(const std::filesystem::path& from, const std::filesyste
   muxer.Finish();
 }
 
-std::vector<host::AudioPacket> ReadPackets(const std::filesystem::path& file, std::size_t track) {
+static host::MediaReader::Settings AudioOf(const std::filesystem::path& file, std::size_t track) {
   host::MediaReader::Settings settings = host::Source(file);
   settings.wantVideo = false;
-  settings.decodeAudio = false;
   settings.options.audio.track = track;
-  host::MediaReader reader(settings);
-  reader.Open();
-  return host::ReadAll(reader).packets;
+  return settings;
+}
+
+std::vector<host::AudioPacket> ReadPackets(const std::filesystem::path& file, std::size_t track) {
+  host::MediaReader::Settings settings = AudioOf(file, track);
+  settings.decodeAudio = false;
+  return host::ReadAll(*host::Opened(settings)).packets;
 }
 
 std::vector<std::vector<host::Time>> FindFlashes(const std::filesystem::path& file,
                                                  const std::vector<Point>& points) {
   host::MediaReader::Settings settings = host::Source(file);
   settings.options.audio.enabled = false;
-  host::MediaReader reader(settings);
-  reader.Open();
   std::vector<std::vector<host::Time>> flashes(points.size());
   std::vector<bool> bright(points.size(), true);  // so that a start in a flash is none
-  host::ReadEach(reader, [&](const host::MediaItem& item) {
+  host::ReadEach(*host::Opened(settings), [&](const host::MediaItem& item) {
     const auto* const picture = std::get_if<host::DecodedFrame>(&item);
     for (std::size_t i = 0; picture != nullptr && i < points.size(); ++i) {
       const AVFrame& frame = *picture->frame;
@@ -107,15 +108,10 @@ std::vector<std::vector<host::Time>> FindFlashes(const std::filesystem::path& fi
 std::vector<host::Time> FindClicks(const std::filesystem::path& file, std::size_t track) {
   constexpr float kLoud = 0.25F;
   constexpr host::Time kSilence = 50 * host::kMillisecond;
-  host::MediaReader::Settings settings = host::Source(file);
-  settings.wantVideo = false;
-  settings.options.audio.track = track;
-  host::MediaReader reader(settings);
-  reader.Open();
   host::SamplePlanes planes;
   std::vector<host::Time> clicks;
   host::Time lastLoud = 0;
-  host::ReadEach(reader, [&](const host::MediaItem& item) {
+  host::ReadEach(*host::Opened(AudioOf(file, track)), [&](const host::MediaItem& item) {
     const auto* const samples = std::get_if<host::AudioSamples>(&item);
     if (samples == nullptr) {
       return;

@@ -29,6 +29,15 @@ void WriteCountingClip(const std::filesystem::path& file, int width, int height,
 // The number of the picture that a luma tells, mod 100; -1 when it is none.
 int PictureNumber(std::uint8_t luma);
 
+// An output that is quickly encoded, with two keyframes a second.
+inline host::config::Output To(const std::filesystem::path& url) {
+  host::config::Output output;
+  output.url = url.string();
+  output.preset = "ultrafast";
+  output.keyFrameInterval = host::kSecond / 2;
+  return output;
+}
+
 struct Frame {
   host::Time time = 0;
   std::vector<std::uint8_t> pixels;
@@ -70,7 +79,12 @@ class TestWall {
   std::vector<host::OutputSet::Status> RenderInto(const std::vector<host::config::Output>& outputs,
                                                   std::optional<host::Time> length = std::nullopt);
   // A session of the wall that runs live.
-  std::unique_ptr<host::WallSession> MakeLive(host::CompositionSink::TakeFrame takeFrame);
+  std::unique_ptr<host::WallSession> MakeLive(host::CompositionSink::TakeFrame takeFrame =
+                                                  [](const ComPtr<IMediaSample>&, host::Time) {});
+  // The same; its frames are counted.
+  std::unique_ptr<host::WallSession> MakeLive(FrameCounter& frames) {
+    return MakeLive([&](const ComPtr<IMediaSample>&, host::Time time) { frames.Take(time); });
+  }
   // Of a session that renders; the wall's outputs are its own.
   host::WallSession::Settings SessionSettings();
 
