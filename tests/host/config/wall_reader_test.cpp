@@ -1,6 +1,7 @@
 #include "host/config/wall_reader.h"
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -15,14 +16,16 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
-// "line:column: severity: message" of every diagnostic of a text.
-std::vector<std::string> Complaints(const std::string& text) {
-  std::vector<std::string> complaints;
-  const WallFile file = ParseWall(text, "/walls");
+// "line:column: severity: message" of every diagnostic.
+std::vector<std::string> Texts(const WallFile& file) {
+  std::vector<std::string> texts;
   for (const Diagnostic& diagnostic : file.diagnostics.all()) {
-    complaints.push_back(ToText(diagnostic, "w"));
+    texts.push_back(ToText(diagnostic, "w"));
   }
-  return complaints;
+  return texts;
+}
+std::vector<std::string> Complaints(const std::string& text) {
+  return Texts(ParseWall(text, "/walls"));
 }
 
 constexpr const char* kChannel = "[[channel]]\nsource = 'udp://239.1.1.1:1'\n";
@@ -63,10 +66,8 @@ syslog = "[::1]:5514"
 perf_period = "500 ms"
 )");
   const WallFile file = ReadWall(folder / "wall.toml");
-  ASSERT_EQ(file.diagnostics.all().size(), 1U);
-  EXPECT_EQ(
-      ToText(file.diagnostics.all()[0], "w"),
-      "w:15:14: warning: \"label_file\" names no file yet: " + (folder / "title.txt").string());
+  EXPECT_THAT(Texts(file), ElementsAre("w:15:14: warning: \"label_file\" names no file yet: " +
+                                       (folder / "title.txt").string()));
   const Wall& wall = file.wall;
   EXPECT_EQ(wall.canvas.frameRate, (Ratio{30000, 1001}));
   EXPECT_EQ(wall.canvas.aspect, (Ratio{16, 9}));
@@ -75,23 +76,19 @@ perf_period = "500 ms"
   const Channel& channel = wall.channels.at(0);
   EXPECT_EQ(channel.source, folder / "one.mp4");
   EXPECT_EQ(channel.window, (Window{-10, 4, 640, 360}));
-  EXPECT_EQ(channel.options.colour, "#80FF0000");
-  EXPECT_EQ(channel.options.deinterlace, DeinterlaceMode::kFields);
-  EXPECT_EQ(channel.options.hold, 250 * kMillisecond);
-  EXPECT_FALSE(channel.options.audio.meter);
-  EXPECT_EQ(channel.options.audio.track, 2U);
-  EXPECT_EQ(channel.options.alarm.silence.level, -40.5);
-  EXPECT_EQ(channel.options.alarm.silence.setAfter, 3 * kSecond);
-  EXPECT_FALSE(channel.options.alarm.loss.enabled);
-  EXPECT_EQ(channel.options.options.at("a"), "1");
-  EXPECT_EQ(channel.options.options.at("b"), "1");
+  const ChannelOptions& options = channel.options;
+  EXPECT_EQ(
+      std::tie(options.colour, options.deinterlace, options.hold, options.audio.meter,
+               options.audio.track, options.alarm.loss.enabled),
+      std::tuple("#80FF0000", DeinterlaceMode::kFields, 250 * kMillisecond, false, 2U, false));
+  EXPECT_EQ(std::tie(options.alarm.silence.level, options.alarm.silence.setAfter),
+            std::tuple(-40.5, 3 * kSecond));
+  EXPECT_THAT(options.options, ElementsAre(std::pair("a", "1"), std::pair("b", "1")));
   EXPECT_EQ(wall.outputs.at(0).url, folder / "out.mkv");
   EXPECT_EQ(wall.outputs.at(0).bitRate, 6'000'000);
   EXPECT_EQ(wall.outputs.at(1).url, "-");
-  EXPECT_EQ(wall.log.file, folder / "logs/wall.log");
-  EXPECT_EQ(wall.log.size, 65536);
-  EXPECT_EQ(wall.log.syslog, (Endpoint{"::1", 5514}));
-  EXPECT_EQ(wall.log.perfPeriod, kSecond / 2);
+  EXPECT_EQ(std::tie(wall.log.file, wall.log.size, wall.log.perfPeriod, wall.log.syslog),
+            std::tuple(folder / "logs/wall.log", 65536, kSecond / 2, Endpoint{"::1", 5514}));
   EXPECT_EQ(ReadWall(folder / "none.toml").diagnostics.all().at(0).message,
             "cannot be read: No such file or directory");
 }
