@@ -73,50 +73,38 @@ TEST(ChannelBoardTest, KeepsTheStatesAndWritesEachChangeAsALine) {
   EXPECT_EQ(json["channels"][1]["alarms"][0], "freeze");
 }
 
-// The socket of a service manager.
-class Manager {
- public:
-  explicit Manager(const std::string& path) : descriptor_(socket(AF_UNIX, SOCK_DGRAM, 0)) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-    EXPECT_EQ(bind(descriptor_, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-  }
-  ~Manager() { close(descriptor_); }
-  Manager(const Manager&) = delete;
-  Manager& operator=(const Manager&) = delete;
-  // What has come; a datagram on a local socket is there once it was sent.
-  std::vector<std::string> Messages() const {
-    std::vector<std::string> messages;
-    std::array<char, 256> buffer{};
-    ssize_t size = 0;
-    while ((size = recv(descriptor_, buffer.data(), buffer.size(), MSG_DONTWAIT)) > 0) {
-      messages.emplace_back(buffer.data(), static_cast<std::size_t>(size));
-    }
-    return messages;
-  }
-
- private:
-  const int descriptor_;
-};
-
 TEST(ServiceStatusTest, IsReadyWithTheFirstFrameAndAliveAsLongAsFramesAreComposed) {
   const TemporaryFolder folder;
   const std::string path = folder / "notify";
-  const Manager manager(path);
+  const int manager = socket(AF_UNIX, SOCK_DGRAM, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+  ASSERT_EQ(bind(manager, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+  // What has come; a datagram on a local socket is there once it was sent.
+  const auto messages = [&] {
+    std::vector<std::string> all;
+    std::array<char, 256> buffer{};
+    for (ssize_t size = 0;
+         (size = recv(manager, buffer.data(), buffer.size(), MSG_DONTWAIT)) > 0;) {
+      all.emplace_back(buffer.data(), static_cast<std::size_t>(size));
+    }
+    return all;
+  };
   {
     ServiceStatus service(os::ServiceNotifier(path, std::chrono::seconds(2)));
     service.Report(0);
-    EXPECT_THAT(manager.Messages(), IsEmpty());
+    EXPECT_THAT(messages(), IsEmpty());
     service.Report(1);
-    EXPECT_THAT(manager.Messages(), ElementsAre("READY=1", "WATCHDOG=1"));
+    EXPECT_THAT(messages(), ElementsAre("READY=1", "WATCHDOG=1"));
     service.Report(1);
-    EXPECT_THAT(manager.Messages(), IsEmpty()) << "a wall that stands is not alive";
+    EXPECT_THAT(messages(), IsEmpty()) << "a wall that stands is not alive";
     service.Report(7);
     service.Say("9 live");
-    EXPECT_THAT(manager.Messages(), ElementsAre("WATCHDOG=1", "STATUS=9 live"));
+    EXPECT_THAT(messages(), ElementsAre("WATCHDOG=1", "STATUS=9 live"));
   }
-  EXPECT_THAT(manager.Messages(), ElementsAre("STOPPING=1"));
+  EXPECT_THAT(messages(), ElementsAre("STOPPING=1"));
+  close(manager);
 }
 
 }  // namespace

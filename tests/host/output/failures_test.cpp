@@ -188,19 +188,16 @@ TEST(VideoEncoder, CanBeClosedWithoutAFrame) {
     settings.width = 320;
     settings.height = 180;
     settings.codec = codec;
-    if (avcodec_find_encoder_by_name(codec) == nullptr) {
-      continue;
+    if (avcodec_find_encoder_by_name(codec) != nullptr) {
+      VideoEncoder(settings).Finish([](const ffmpeg::Packet&) { ADD_FAILURE(); });
     }
-    VideoEncoder encoder(settings);
-    encoder.Finish([](const ffmpeg::Packet&) { ADD_FAILURE(); });
   }
 }
 
 TEST(EncoderThread, IsOpenedAgainAfterAFailureAndBeginsWithAKeyframe) {
   for (const bool live : {true, false}) {
     EncoderThread::Settings settings;
-    settings.encoder.width = 96;
-    settings.encoder.height = 64;
+    settings.encoder = SmallVideo();
     settings.encoder.lowDelay = true;
     settings.live = live;
     settings.minDelay = milliseconds(0);

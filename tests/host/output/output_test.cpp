@@ -10,8 +10,8 @@ extern "C" {
 
 #include "host/output/muxer.h"
 #include "host/output/snapshot.h"
-#include "host/output/video_encoder.h"
 #include "tests/host/clips.h"
+#include "tests/host/output/output_session_fixture.h"
 #include "tests/support/frames.h"
 #include "tests/support/temporary_folder.h"
 
@@ -23,14 +23,6 @@ using support::Yv12Buffer;
 Muxer::Settings To(const std::filesystem::path& file) {
   Muxer::Settings settings;
   settings.url = file.string();
-  return settings;
-}
-
-VideoEncoder::Settings SmallVideo() {
-  VideoEncoder::Settings settings;
-  settings.width = 96;
-  settings.height = 64;
-  settings.preset = "ultrafast";
   return settings;
 }
 
