@@ -116,7 +116,7 @@ format = "mpegts"
 bitrate = "fast"
 [outputs]
 [log]
-PerfFile = 1
+PERF_FILE = 1
 bandwidth = 2
 )"),
       ElementsAre(
@@ -141,7 +141,7 @@ bandwidth = 2
           "w:18:11: error: \"bitrate\" must be bits per second from 10k to 1000M: 6000000, "
           "\"800k\" or \"6M\"",
           "w:19:2: error: a wall file has no key \"outputs\"; did you mean \"output\"?",
-          "w:21:1: error: [log] has no key \"PerfFile\"; did you mean \"perf_file\"?",
+          "w:21:1: error: [log] has no key \"PERF_FILE\"; did you mean \"perf_file\"?",
           "w:22:1: error: [log] has no key \"bandwidth\"; it knows level, file, size, syslog, "
           "perf_file, perf_period"));
 }

@@ -12,6 +12,7 @@
 #include "host/session/wall_clock.h"
 #include "tests/host/clips.h"
 #include "tests/support/temporary_folder.h"
+#include "tests/support/wait_until.h"
 
 namespace host {
 namespace {
@@ -80,13 +81,16 @@ TEST(TimeOfDay, FollowsTheTimeOfDayAndTellsAnotherDay) {
 
 TEST(WallClock, StandsStillWhileItIsStoppedAndEndsAWaitForATimeThatDoesNotCome) {
   std::atomic<Time> raw{500 * kSecond};
-  WallClock clock([&] { return raw.load(); }, 0);
+  std::atomic<int> reads{0};
+  WallClock clock([&] { return ++reads, raw.load(); }, 0);
   raw += kSecond;
   clock.Start();
   EXPECT_EQ(clock.Now(), 0);
   raw += 3 * kSecond;
   EXPECT_EQ(clock.Now(), 3 * kSecond);
+  reads = 0;
   std::thread waiter([&] { EXPECT_FALSE(clock.WaitUntil(60 * kSecond)); });
+  WaitUntil("the wait has begun", [&] { return reads > 0; });
   clock.Stop();
   waiter.join();
   raw += 10 * kSecond;
