@@ -69,12 +69,6 @@ class AudioTest : public e2e::WallTest {
   }
   static int WindowX(std::size_t i) { return static_cast<int>(i) % kColumns * kPitch; }
   static int WindowY(std::size_t i) { return static_cast<int>(i) / kColumns * kPitch; }
-  host::config::Output To(const std::string& name) const {
-    host::config::Output output;
-    output.url = (folder_ / name).string();
-    output.preset = "ultrafast";
-    return output;
-  }
 
   e2e::TestWall wall_{216, 144};
 };
@@ -95,7 +89,7 @@ double SecondsOfSync() {
 TEST_F(AudioTest, FlashAndClickOfEveryChannelStayTogetherFromStartToEnd) {
   const double seconds = SecondsOfSync();
   AddSources(seconds);
-  const auto statuses = wall_.RenderInto({To("wall.mkv")});
+  const auto statuses = wall_.RenderInto({e2e::To(folder_ / "wall.mkv")});
   ASSERT_EQ(statuses[0].failure, "");
 
   std::vector<e2e::Point> centres;
@@ -178,21 +172,22 @@ std::vector<std::string> Payloads(const std::filesystem::path& file, std::size_t
 TEST_F(AudioTest, ARecordingHasEveryChannelsAudioByteForByteInNamedTracks) {
   AddSources(3);
   const std::vector<std::string> names = {"wall.mkv", "wall.mp4", "wall.ts"};
-  const auto statuses = wall_.RenderInto({To(names[0]), To(names[1]), To(names[2])}, 3 * kSecond);
+  const auto statuses = wall_.RenderInto(
+      {e2e::To(folder_ / names[0]), e2e::To(folder_ / names[1]), e2e::To(folder_ / names[2])},
+      3 * kSecond);
   for (std::size_t n = 0; n < names.size(); ++n) {
     SCOPED_TRACE(names[n]);
     EXPECT_EQ(statuses[n].failure, "");
     EXPECT_EQ(statuses[n].video.written, 75U);
     EXPECT_EQ(e2e::DecodeWhole(folder_ / names[n]), "");
-    host::MediaReader reader(host::Source(folder_ / names[n]));
-    reader.Open();
-    EXPECT_NEAR(static_cast<double>(*reader.info().length), 3.0 * kSecond, 0.1 * kSecond);
-    ASSERT_EQ(reader.info().audioTracks.size(), std::size(kSources));
+    const host::MediaInfo info = host::Opened(host::Source(folder_ / names[n]))->info();
+    EXPECT_NEAR(*info.length, 3 * kSecond, kSecond / 10);
+    ASSERT_EQ(info.audioTracks.size(), std::size(kSources));
     const bool hasAdtsHeaders = names[n] == "wall.ts";
     for (std::size_t i = 0; i < std::size(kSources); ++i) {
       const Source& source = kSources[i];
       SCOPED_TRACE(source.name);
-      const host::AudioInfo& track = reader.info().audioTracks[i];
+      const host::AudioInfo& track = info.audioTracks[i];
       EXPECT_TRUE(hasAdtsHeaders || track.title == source.name) << track.title;  // TS has no names
       EXPECT_EQ(track.language == "eng", i % 2 == 0) << track.language;
       if (!wall_.channels().AudioPaths(source.name).empty()) {

@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <future>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -21,6 +20,7 @@ namespace {
 
 using host::kSecond;
 using std::chrono::milliseconds;
+using support::RtspServer;
 using testing::Each;
 using testing::HasSubstr;
 using testing::Not;
@@ -98,9 +98,6 @@ class IngestTest : public e2e::WallTest {
     channel.options.hold = 4 * kSecond;
     return channel.options;
   }
-  std::unique_ptr<host::WallSession> MakeLive() {
-    return wall_.MakeLive([](const ComPtr<IMediaSample>&, host::Time) {});
-  }
   // Until one of the channel's states, from the given one on, is as wanted.
   bool WaitFor(const std::string& channel, std::size_t from,
                const testing::Matcher<std::string>& wanted) {
@@ -127,23 +124,20 @@ TEST_F(IngestTest, ACameraThatFallsSilentIsHeldThenLostAndReturnsByItself) {
   RtspServer camera(CameraClip());
   AddChannel("tcp", camera.Url("viewer:s3cret@")).options["rtsp_transport"] = "tcp";
   AddChannel("udp", camera.Url("viewer:s3cret@")).options["rtsp_transport"] = "udp";
-  const auto session = MakeLive();
+  const auto session = wall_.MakeLive();
   session->Start();
-  for (const char* const channel : {"tcp", "udp"}) {
-    ASSERT_TRUE(WaitFor(channel, 0, "live"));
-  }
+  const auto bothWaitFor = [&](std::size_t from, const testing::Matcher<std::string>& wanted) {
+    return WaitFor("tcp", from, wanted) && WaitFor("udp", from, wanted);
+  };
+  ASSERT_TRUE(bothWaitFor(0, "live"));
   camera.Become(RtspServer::Mood::kSilent);
-  for (const char* const channel : {"tcp", "udp"}) {
-    ASSERT_TRUE(WaitFor(channel, 1, HasSubstr("no data for 1 s")));
-    ASSERT_TRUE(WaitFor(channel, 1, StartsWith("lost: ")));
-  }
+  ASSERT_TRUE(bothWaitFor(1, HasSubstr("no data for 1 s")));
+  ASSERT_TRUE(bothWaitFor(1, StartsWith("lost: ")));
   camera.Become(RtspServer::Mood::kMute);
-  for (const char* const channel : {"tcp", "udp"}) {
-    ASSERT_TRUE(WaitFor(channel, 1, "lost: did not open within 3 s"));
-  }
+  ASSERT_TRUE(bothWaitFor(1, "lost: did not open within 3 s"));
   camera.Become(RtspServer::Mood::kPlays);
+  ASSERT_TRUE(bothWaitFor(1, "live"));
   for (const char* const channel : {"tcp", "udp"}) {
-    ASSERT_TRUE(WaitFor(channel, 1, "live"));
     EXPECT_THAT(wall_.channels().States(channel)[1], StartsWith("held: "));
     EXPECT_THAT(wall_.channels().States(channel), Each(Not(HasSubstr("s3cret"))));
   }
@@ -156,17 +150,9 @@ TEST_F(IngestTest, ACameraThatNeverAnswersStopsNobodyFromLeavingIt) {
   RtspServer camera(CameraClip());
   host::MediaReader::Settings settings = host::Source(camera.Url());
   settings.options.openLimit = 3600 * kSecond;
-  // Open, and then the camera is mute while it is left.
-  auto left = std::async(std::launch::async, [&] {
-    host::MediaReader reader(settings);
-    reader.Open();
-    camera.Become(RtspServer::Mood::kMute);
-  });
-  if (left.wait_for(std::chrono::seconds(60)) != std::future_status::ready) {
-    camera.Become(RtspServer::Mood::kPlays);  // otherwise the test would hang as well
-    FAIL() << "closing waits for an answer";
-  }
-  left.get();
+  auto open = host::Opened(settings);
+  camera.Become(RtspServer::Mood::kMute);
+  open.reset();
   host::MediaReader reader(settings);
   std::thread opening([&] { EXPECT_THROW(reader.Open(), host::MediaError); });
   std::this_thread::sleep_for(milliseconds(50));  // mostly in the middle of it
@@ -181,7 +167,7 @@ TEST_F(IngestTest, PicturesThatCannotBeDecodedAreNoticedThoughPacketsCome) {
   const std::string empty = WithoutFrames(good);
   e2e::PacedSender sender(good, kClipLength, 1.0);
   AddChannel("channel", sender.url()).options["analyzeduration"] = "500000";
-  const auto session = MakeLive();
+  const auto session = wall_.MakeLive();
   session->Start();
   ASSERT_TRUE(WaitFor("channel", 0, "live"));
   sender.SendFromNowOn(bad);
@@ -204,12 +190,10 @@ TEST_F(IngestTest, WhatFollowsADamagedKeyPictureComesBackWithTheNext) {
   recipe.videoOptions["g"] = "40";
   const std::filesystem::path file = folder_ / "damaged.ts";
   host::WriteClip(recipe, file);
-  const std::string damaged = WithoutDecodableFrames(ReadWholeFile(file), 40, 80);
-  WriteWholeFile(file, damaged);
-  host::MediaReader reader(host::Source(file));
-  reader.Open();
-  EXPECT_EQ(host::ReadAll(reader).pictures.size(), 60U);
-  EXPECT_GE(reader.damagedPackets(), 40U);
+  WriteWholeFile(file, WithoutDecodableFrames(ReadWholeFile(file), 40, 80));
+  const auto reader = host::Opened(host::Source(file));
+  EXPECT_EQ(host::ReadAll(*reader).pictures.size(), 60U);
+  EXPECT_GE(reader->damagedPackets(), 40U);
 }
 
 // It is not to be read further: that would fail again, at once and indefinitely.
@@ -223,24 +207,21 @@ TEST_F(IngestTest, ASenderThatReturnsFromSilenceInAnotherFormIsOpenedAgain) {
   e2e::PacedSender sender(TransportStream(folder_, "first"), kClipLength, 1.0);
   host::MediaReader::Settings settings = host::Source(sender.url());
   settings.options.readLimit = kSecond / 2;
-  host::MediaReader reader(settings);
-  reader.Open();
+  const auto reader = host::Opened(settings);
   const auto failure = [&] {
-    for (int items = 0; items < 1000; ++items) {
-      try {
-        reader.Read();
-      } catch (const host::MediaError& error) {
-        return error.reason();
+    try {
+      for (int items = 0; items < 1000; ++items) {
+        reader->Read();
       }
+      return std::string("none");
+    } catch (const host::MediaError& error) {
+      return error.reason() + (reader->canGoOn() ? "" : ", finally");
     }
-    return std::string("none");
   };
   sender.SendFromNowOn(silence);
   EXPECT_EQ(failure(), "no data for 0.5 s");
-  EXPECT_TRUE(reader.canGoOn());
   sender.SendFromNowOn(otherForm);
-  EXPECT_EQ(failure(), "its video has changed its form");
-  EXPECT_FALSE(reader.canGoOn());
+  EXPECT_EQ(failure(), "its video has changed its form, finally");
 }
 
 // The buffer of the protocol holds less than half a second of the fast stream: were the reader to
@@ -251,7 +232,7 @@ TEST_F(IngestTest, FastSendersAndThoseThatBeginAgainInterruptNothing) {
   e2e::PacedSender changing(clip, kClipLength, 1.0, e2e::PacedSender::Framing::kRtp);
   AddChannel("fast", fast.url() + "?fifo_size=60");
   AddChannel("rtp", changing.url());
-  const auto session = MakeLive();
+  const auto session = wall_.MakeLive();
   session->Start();
   ASSERT_TRUE(WaitFor("fast", 0, "live"));
   ASSERT_TRUE(WaitFor("rtp", 0, "live"));
@@ -273,11 +254,9 @@ TEST_F(IngestTest, ADescriptionOfWhatIsSentIsASource) {
   const std::filesystem::path file = folder_ / "camera.sdp";
   std::ofstream(file) << "v=0\nc=IN IP4 127.0.0.1\nm=video " << url.substr(url.rfind(':') + 1)
                       << " RTP/AVP 33\n";
-  host::MediaReader reader(host::Source(file));
-  reader.Open();
-  EXPECT_EQ(reader.info().kind, host::SourceKind::kPush);
-  EXPECT_EQ(reader.info().video->codec, "h264");
-  EXPECT_EQ(reader.info().audio->codec, "aac");
+  const host::MediaInfo info = host::Opened(host::Source(file))->info();
+  EXPECT_EQ(info.kind, host::SourceKind::kPush);
+  EXPECT_EQ(info.video->codec + info.audio->codec, "h264aac");
 }
 
 // The entries of a folder of the process's own: its descriptors, its threads.
@@ -295,8 +274,7 @@ TEST_F(IngestTest, AHundredReturnsOfLostSourcesCostNoFrameAndLeaveNothingBehind)
     options.hold = kSecond / 10;
   }
   e2e::FrameCounter frames;
-  const auto session =
-      wall_.MakeLive([&](const ComPtr<IMediaSample>&, host::Time time) { frames.Take(time); });
+  const auto session = wall_.MakeLive(frames);
   const auto returns = [&] {
     int sum = 0;
     for (int i = 0; i < kChannels; ++i) {

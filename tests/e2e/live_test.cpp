@@ -32,8 +32,7 @@ TEST_F(LiveTest, OneStalledChannelTakesNoFrameFromTheWall) {
   for (int i = 0; i < 3; ++i) {
     wall_.AddChannel(Clip("alive" + std::to_string(i) + ".mkv", 25), {100 + 70 * i, 0, 64, 48});
   }
-  const auto session =
-      wall_.MakeLive([&](const ComPtr<IMediaSample>&, host::Time time) { frames_.Take(time); });
+  const auto session = wall_.MakeLive(frames_);
   session->Start();
   ASSERT_TRUE(WaitUntil("four seconds", [&] { return frames_.last >= 4 * kSecond; }));
   session->Stop();
@@ -53,8 +52,7 @@ TEST_F(LiveTest, StartsAndStopsAHundredTimesWithNineChannels) {
     wall_.AddChannel(Clip("clip" + std::to_string(i) + ".mkv", 25),
                      {(i % 3) * 100, (i / 3) * 80, 64, 48});
   }
-  const auto session =
-      wall_.MakeLive([&](const ComPtr<IMediaSample>&, host::Time time) { frames_.Take(time); });
+  const auto session = wall_.MakeLive(frames_);
   for (int i = 0; i < 100; ++i) {
     session->Start();
     if (i % 20 == 0) {

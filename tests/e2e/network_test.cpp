@@ -29,9 +29,6 @@ class Receiver {
     reader_->Cancel();
     thread_.join();
   }
-  Receiver(const Receiver&) = delete;
-  Receiver& operator=(const Receiver&) = delete;
-
   bool done() const { return done_; }
   // Valid once it is done.
   const host::MediaInfo& info() const { return reader_->info(); }
@@ -67,21 +64,20 @@ class Receiver {
 class NetworkTest : public e2e::WallTest {
  protected:
   void SetUp() override {
-    for (int i = 0; i < 3; ++i) {
+    int x = 0;
+    for (const auto& [codec, language] : {std::pair("ac3", "eng"), {"aac", ""}, {"mp2", ""}}) {
       e2e::FlashClip clip;
-      clip.codec = i == 0 ? "ac3" : i == 1 ? "aac" : "mp2";
-      clip.language = i == 0 ? "eng" : "";
-      const std::filesystem::path file = folder_ / ("clip" + std::to_string(i) + ".mkv");
+      clip.codec = codec;
+      clip.language = language;
+      const std::string file = folder_ / (clip.codec + ".mkv");
       e2e::WriteFlashClip(clip, file);
-      wall_.AddChannel(file.string(), {i * 40, 0, 32, 32});
+      wall_.AddChannel(file, {x, 0, 32, 32});
+      x += 40;
     }
   }
   static host::config::Output To(const std::string& url) {
-    host::config::Output output;
-    output.url = url;
-    output.preset = "ultrafast";
+    host::config::Output output = e2e::To(url);
     output.lowDelay = true;
-    output.keyFrameInterval = kSecond / 2;
     return output;
   }
   // Runs the wall live into the outputs until those at the other end have read enough.
@@ -104,9 +100,9 @@ TEST_F(NetworkTest, TransportStreamsOverUdpAndSrtCarryEveryChannelsAudio) {
   SendTo({To(udp), To(srt)}, [&] { return overUdp.done() && overSrt.done(); });
   for (const Receiver* const receiver : {&overUdp, &overSrt}) {
     ASSERT_EQ(receiver->failure(), "");
-    ASSERT_EQ(receiver->info().audioTracks.size(), 3U);
-    EXPECT_EQ(receiver->info().audioTracks[0].codec, "ac3");
-    EXPECT_EQ(receiver->info().audioTracks[0].language, "eng");
+    const auto& tracks = receiver->info().audioTracks;
+    ASSERT_EQ(tracks.size(), 3U);
+    EXPECT_TRUE(tracks[0].codec == "ac3" && tracks[0].language == "eng");
   }
 }
 
@@ -120,24 +116,21 @@ TEST_F(NetworkTest, RtmpCarriesTheAudioOfTheSelectedChannelAndSaysSo) {
   ASSERT_EQ(receiver.info().audioTracks.size(), 1U);
   EXPECT_EQ(receiver.info().audioTracks[0].codec, "aac") << "FLV holds no MP2";
   EXPECT_THAT(wall_.outputs().said(),
-              testing::Contains(HasSubstr("flv holds one track of audio: that of \"clip2\"")));
+              testing::Contains(HasSubstr("flv holds one track of audio: that of \"mp2\"")));
 }
 
 TEST_F(NetworkTest, HlsHasARenditionWithItsNameForEveryChannel) {
   ASSERT_EQ(wall_.RenderInto({To((folder_ / "wall.m3u8").string())})[0].failure, "");
   const std::string playlist = ReadWholeFile(folder_ / "wall.m3u8");
-  EXPECT_THAT(playlist, HasSubstr("NAME=\"clip0\",LANGUAGE=\"eng\",DEFAULT=YES"));
-  EXPECT_THAT(playlist, HasSubstr("NAME=\"clip2\",DEFAULT=NO"));
+  EXPECT_THAT(playlist, HasSubstr("NAME=\"ac3\",LANGUAGE=\"eng\",DEFAULT=YES"));
+  EXPECT_THAT(playlist, HasSubstr("NAME=\"mp2\",DEFAULT=NO"));
   EXPECT_THAT(playlist, HasSubstr("RESOLUTION=160x48"));
   EXPECT_EQ(e2e::DecodeWhole(folder_ / "wall.m3u8"), "");
   for (std::size_t track = 1; track <= 3; ++track) {
     EXPECT_GT(e2e::ReadPackets(folder_ / "wall.m3u8", track).size(), 100U) << track;
   }
-  host::MediaReader::Settings source;
-  source.source = (folder_ / "wall.m3u8").string();
-  host::MediaReader reader(source);
-  reader.Open();
-  for (const host::AudioInfo& track : reader.info().audioTracks) {
+  const auto reader = host::Opened(host::Source(folder_ / "wall.m3u8"));
+  for (const host::AudioInfo& track : reader->info().audioTracks) {
     EXPECT_EQ(track.codec, "aac") << "browsers play neither AC-3 nor MP2";
   }
 }

@@ -8,33 +8,27 @@
 
 namespace {
 
+using e2e::To;
 using host::kSecond;
 using testing::HasSubstr;
 
-host::config::Output To(const std::filesystem::path& file) {
-  host::config::Output output;
-  output.url = file.string();
-  output.preset = "ultrafast";
-  output.keyFrameInterval = kSecond / 2;
-  return output;
-}
-
 class OutputsTest : public e2e::WallTest {
  protected:
-  void AddChannels(int count) {
-    for (int i = 0; i < count; ++i) {
-      const std::filesystem::path file = folder_ / ("clip" + std::to_string(i) + ".mkv");
-      e2e::WriteFlashClip({}, file);
-      wall_.AddChannel(file.string(), {i * 40, 0, 32, 32});
+  void AddChannels(const std::vector<std::string>& codecs, const std::string& extension = ".mkv") {
+    for (const std::string& codec : codecs) {
+      const auto i = static_cast<int>(wall_.wall().channels.size());
+      const std::string file = folder_ / ("clip" + std::to_string(i) + extension);
+      e2e::FlashClip clip;
+      clip.codec = codec;
+      e2e::WriteFlashClip(clip, file);
+      wall_.AddChannel(file, {i * 40, 0, 32, 32});
     }
   }
-  int BufferFullReports(const std::string& pin) { return wall_.logger().BufferFull()[pin]; }
-
   e2e::TestWall wall_{160, 32};
 };
 
 TEST_F(OutputsTest, AConsumerThatStopsReadingTakesNothingFromTheOthers) {
-  AddChannels(3);
+  AddChannels({"aac", "aac", "aac"});
   Pipe pipe(folder_ / "unread.ts");
   pipe.OpenUnread();
   wall_.wall().outputs = {To(folder_ / "unread.ts"), To(folder_ / "wall.mkv")};
@@ -51,8 +45,8 @@ TEST_F(OutputsTest, AConsumerThatStopsReadingTakesNothingFromTheOthers) {
 
   const std::vector<host::OutputSet::Status> status = session->outputs().status();
   EXPECT_EQ(status[1].overflows, 0U);
-  EXPECT_GE(BufferFullReports("output 1"), 3);
-  EXPECT_EQ(BufferFullReports("output 2"), 0);
+  EXPECT_GE(wall_.logger().BufferFull()["output 1"], 3);
+  EXPECT_EQ(wall_.logger().BufferFull()["output 2"], 0);
   // A queue is full once it has reached its limit: one picture more is in it.
   EXPECT_LT(mostBytes, 2 * 50'000U);
   // Full rate: every picture that was composed and for which the encoder had time.
@@ -66,13 +60,7 @@ TEST_F(OutputsTest, AConsumerThatStopsReadingTakesNothingFromTheOthers) {
 
 // The same encoders feed them all: what one file holds has to be in the others, cut or not.
 TEST_F(OutputsTest, TheFilesOfACutRecordingHoldTogetherWhatOneFileWould) {
-  constexpr const char* kCodecs[] = {"aac", "ac3", "mp2"};
-  for (int i = 0; i < 3; ++i) {
-    e2e::FlashClip clip;
-    clip.codec = kCodecs[i];
-    e2e::WriteFlashClip(clip, folder_ / (std::string(kCodecs[i]) + ".ts"));
-    wall_.AddChannel((folder_ / (std::string(kCodecs[i]) + ".ts")).string(), {i * 40, 0, 32, 32});
-  }
+  AddChannels({"aac", "ac3", "mp2"}, ".ts");
   struct Case {
     const char* extension;
     const char* codec;
@@ -138,7 +126,7 @@ TEST_F(OutputsTest, TheFilesOfACutRecordingHoldTogetherWhatOneFileWould) {
 }
 
 TEST_F(OutputsTest, AFailedOutputOfARenderingEndsAndTheOthersAreWhole) {
-  AddChannels(2);
+  AddChannels({"aac", "aac"});
   const auto status =
       wall_.RenderInto({To(folder_ / "no/folder.mkv"), To(folder_ / "wall.mkv")}, 2 * kSecond);
   EXPECT_TRUE(status[0].failed);
@@ -148,7 +136,7 @@ TEST_F(OutputsTest, AFailedOutputOfARenderingEndsAndTheOthersAreWhole) {
 }
 
 TEST_F(OutputsTest, AChannelThatIsNotThereAtTheStartGetsATrackAndIsEncodedIntoIt) {
-  AddChannels(2);
+  AddChannels({"aac", "aac"});
   const std::filesystem::path late = folder_ / "late.mkv";
   wall_.AddChannel(late.string(), {80, 0, 32, 32});
   wall_.wall().channels[2].options.audio.language = "deu";
@@ -172,16 +160,14 @@ TEST_F(OutputsTest, AChannelThatIsNotThereAtTheStartGetsATrackAndIsEncodedIntoIt
   RunLiveUntil(wall_, wall_.SessionSettings(), "three seconds were written since the channel came",
                wasWritten);
   EXPECT_EQ(e2e::DecodeWhole(folder_ / "wall.mkv"), "");
-  const auto packets = e2e::ReadPackets(folder_ / "wall.mkv", 3);
-  EXPECT_GT(packets.size(), 20U);
+  EXPECT_GT(e2e::ReadPackets(folder_ / "wall.mkv", 3).size(), 20U);
   EXPECT_THAT(wall_.channels().AudioPaths("late"),
               testing::Contains(HasSubstr("(ac3, 48000 Hz, 1 channel) is encoded for the outputs "
                                           "(aac, 48000 Hz, 2 channels)")));
-  host::MediaReader reader(host::Source(folder_ / "wall.mkv"));
-  reader.Open();
-  ASSERT_EQ(reader.info().audioTracks.size(), 3U);
-  EXPECT_EQ(reader.info().audioTracks[2].title, "late");
-  EXPECT_EQ(reader.info().audioTracks[2].language, "deu");
+  const auto tracks = host::Opened(host::Source(folder_ / "wall.mkv"))->info().audioTracks;
+  ASSERT_EQ(tracks.size(), 3U);
+  EXPECT_EQ(tracks[2].title, "late");
+  EXPECT_EQ(tracks[2].language, "deu");
 }
 
 }  // namespace

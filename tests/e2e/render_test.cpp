@@ -18,7 +18,6 @@ using e2e::TestWall;
 using e2e::WriteCountingClip;
 using host::kSecond;
 using testing::ElementsAre;
-using testing::HasSubstr;
 
 constexpr host::Time kFrame = 400000;
 constexpr int kSlateLuma = 30;
@@ -218,6 +217,14 @@ TEST_F(RenderTest, SaysWhyAMeterIsEmpty) {
     wall_.wall().channels.back().options.alarm.silence = {true, -60, kSecond, kSecond};
     return &wall_.wall().channels.back().options.audio;
   };
+  constexpr const char* kStates[] = {"present",
+                                     "off: audio is switched off",
+                                     "absent: it has no audio",
+                                     "no_track: it has no audio track 3 (of 1)",
+                                     "undecodable: cannot decode",
+                                     "undecodable: it cannot be decoded",
+                                     "silent",
+                                     "stopped"};
   const std::string tone = "sine=440:sample_rate=48000";
   clip("present", tone, "ac3", "");
   clip("off", tone, "ac3", "")->enabled = false;
@@ -228,18 +235,10 @@ TEST_F(RenderTest, SaysWhyAMeterIsEmpty) {
   clip("silent", "anullsrc=sample_rate=48000", "ac3", "");
   clip("stopped", tone + ":d=1", "ac3", "");
   const std::vector<Frame> frames = wall_.Render(4 * kSecond);
-  const auto audio = [&](const char* channel) { return wall_.channels().Audio(channel).back(); };
-  EXPECT_EQ(audio("present"), "present");
-  EXPECT_EQ(audio("off"), "off: audio is switched off");
-  EXPECT_EQ(audio("absent"), "absent: it has no audio");
-  EXPECT_EQ(audio("third"), "no_track: it has no audio track 3 (of 1)");
-  EXPECT_THAT(audio("unknown"), HasSubstr("undecodable: cannot decode"));
-  EXPECT_EQ(audio("false"), "undecodable: it cannot be decoded");
-  EXPECT_EQ(audio("silent"), "silent");
-  EXPECT_EQ(audio("stopped"), "stopped");
   std::set<std::string> captions;
   for (std::size_t i = 0; i < wall_.wall().channels.size(); ++i) {
     const host::config::Channel& channel = wall_.wall().channels[i];
+    EXPECT_THAT(wall_.channels().Audio(channel.name).back(), testing::StartsWith(kStates[i]));
     EXPECT_EQ(wall_.channels().Alarms(channel.name).size(), i < 3 ? 0U : 1U) << channel.name;
     std::string caption;
     for (int y = channel.window.y + 24; y < channel.window.y + 48; ++y) {

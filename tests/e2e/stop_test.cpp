@@ -27,26 +27,31 @@ using std::chrono::seconds;
 
 class StopTest : public testing::Test {
  protected:
-  void SetUp() override {
-    e2e::WriteFlashClip({}, folder_ / "alive.mkv");
-    wall_ = "[wall]\nwidth = 320\nheight = 320\n[[channel]]\nsource = 'alive.mkv'\n";
-  }
+  void SetUp() override { e2e::WriteFlashClip({}, folder_ / "alive.mkv"); }
   std::string Pipe(const std::string& name) {
     const std::string path = folder_ / name;
     EXPECT_EQ(mkfifo(path.c_str(), 0600), 0);
     return path;
   }
   void AddSource(const std::string& url) { wall_ += "[[channel]]\nsource = '" + url + "'\n"; }
+  void AddOutput(const std::string& file) {
+    wall_ += "[[output]]\nurl = '" + (folder_ / file).string() + "'\n";
+  }
   std::vector<std::string> Command() {
     WriteWholeFile(folder_ / "wall.toml", wall_);
     return {TAVREL_PROGRAM, "run", folder_ / "wall.toml", "--json"};
   }
-  static std::uint64_t Written(const nlohmann::json& status) {
-    std::uint64_t least = UINT64_MAX;
-    for (const nlohmann::json& output : status["outputs"]) {
-      least = std::min(least, output["frames"].get<std::uint64_t>());
+  // Until the first of its outputs, or all of them, have two seconds.
+  static void WaitForFrames(ChildProcess& program, std::size_t outputs) {
+    for (std::uint64_t least = 0; least < 50;) {
+      const std::optional<std::string> line = program.ReadLine();
+      ASSERT_TRUE(line.has_value()) << "it ended by itself";
+      const auto status = nlohmann::json::parse(*line)["outputs"];
+      least = UINT64_MAX;
+      for (std::size_t i = 0; i < outputs; ++i) {
+        least = std::min(least, status[i]["frames"].get<std::uint64_t>());
+      }
     }
-    return least;
   }
   // What would hold the end up does so indefinitely.
   static void ExpectEnd(ChildProcess& program) {
@@ -58,7 +63,9 @@ class StopTest : public testing::Test {
   }
 
   const TemporaryFolder folder_;
-  std::string wall_;
+  static constexpr const char* kWall =
+      "[wall]\nwidth = 320\nheight = 320\n[[channel]]\nsource = 'alive.mkv'\n";
+  std::string wall_ = kWall;
 };
 
 // The names of two are never resolved: those calls last five times 30 s, and nothing ends them.
@@ -81,7 +88,7 @@ TEST_F(StopTest, NineDeadSourcesHoldUpNeitherTheEndNorTheRecordings) {
   AddSource("http://nowhere.example/");
   AddSource("tcp://nowhere.example:1234");
   for (const char* const file : {"wall.mkv", "wall.mp4", "wall.ts"}) {
-    wall_ += "[[output]]\nurl = '" + (folder_ / file).string() + "'\n";
+    AddOutput(file);
   }
   std::vector<std::string> command = Command();
   const bool hasResolver = resolver.has_value() && std::system("unshare -rm true") == 0;
@@ -95,11 +102,7 @@ TEST_F(StopTest, NineDeadSourcesHoldUpNeitherTheEndNorTheRecordings) {
     std::printf("without rights for a silent resolver, names fail at once\n");
   }
   ChildProcess program(command);
-  for (std::uint64_t written = 0; written < 50;) {
-    const std::optional<std::string> line = program.ReadLine();
-    ASSERT_TRUE(line.has_value()) << "it ended by itself";
-    written = Written(nlohmann::json::parse(*line));
-  }
+  ASSERT_NO_FATAL_FAILURE(WaitForFrames(program, 3));
   ExpectEnd(program);
   for (const char* const file : {"wall.mkv", "wall.mp4", "wall.ts"}) {
     EXPECT_EQ(e2e::DecodeWhole(folder_ / file), "") << file;
@@ -110,7 +113,7 @@ TEST_F(StopTest, NineDeadSourcesHoldUpNeitherTheEndNorTheRecordings) {
 // Messages and lines for programs go into one pipe that nobody reads after the first line.
 TEST_F(StopTest, AReaderThatIsStuckHoldsUpNothing) {
   AddSource("missing.mkv");
-  wall_ += "[[output]]\nurl = '" + (folder_ / "wall.mkv").string() + "'\n";
+  AddOutput("wall.mkv");
   std::vector<std::string> command = Command();
   command.emplace_back("-v");
   command.insert(command.begin(), {"/bin/sh", "-c", "exec \"$@\" 2>&1", "sh"});
@@ -172,21 +175,17 @@ TEST_F(StopTest, DeadMountsKeepAWallNeitherFromStartingNorFromEnding) {
           "[[channel]]\nsource = 'alive.mkv'\nlabel_file = '" + path + "/open.txt'\n" +
           "[log]\nfile = '" + path + "/open.log'\n";
   AddSource(path + "/open.mkv");
-  wall_ += "[[output]]\nurl = '" + (folder_ / "wall.mkv").string() + "'\n";
-  for (const char* const file : {"create.mkv", "write.mkv", "close.mkv"}) {
-    wall_ += "[[output]]\nurl = '" + path + "/" + file + "'\n";
+  AddOutput("wall.mkv");
+  for (const char* const file : {"dead/create.mkv", "dead/write.mkv", "dead/close.mkv"}) {
+    AddOutput(file);
   }
   ChildProcess program(Command());
-  for (std::uint64_t written = 0; written < 50;) {
-    const std::optional<std::string> line = program.ReadLine();
-    ASSERT_TRUE(line.has_value()) << "it ended by itself";
-    written = nlohmann::json::parse(*line)["outputs"][0]["frames"].get<std::uint64_t>();
-  }
+  ASSERT_NO_FATAL_FAILURE(WaitForFrames(program, 1));
   ExpectEnd(program);
   EXPECT_EQ(e2e::DecodeWhole(folder_ / "wall.mkv"), "");
 
   // A rendering waits for its outputs, but not when it is to stop.
-  wall_ = "[wall]\nwidth = 320\nheight = 320\n[[channel]]\nsource = 'alive.mkv'\n";
+  wall_ = kWall;
   std::vector<std::string> command = Command();
   command[1] = "render";
   command.pop_back();
@@ -232,7 +231,7 @@ TEST_F(ReopenTest, AFailedConnectionIsClosedBeforeTheDelayAndNotAfterIt) {
   const LocalSocket server(SOCK_STREAM);
   e2e::TestWall wall(320, 240);
   wall.AddChannel("tcp://" + server.address(), {0, 0, 64, 48});
-  const auto session = wall.MakeLive([](const ComPtr<IMediaSample>&, host::Time) {});
+  const auto session = wall.MakeLive();
   session->Start();
   Clock::time_point failed;
   Clock::time_point closed;

@@ -2,7 +2,10 @@
 #pragma once
 
 #include <filesystem>
+#include <memory>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "host/channel/source/media_reader.h"
 #include "host/cli/demo/clip_writer.h"
@@ -24,7 +27,6 @@ inline std::filesystem::path Write(const ClipRecipe& recipe, const std::filesyst
   return file;
 }
 
-// Everything that a source gives.
 struct Content {
   std::vector<DecodedFrame> pictures;
   std::vector<AudioPacket> packets;
@@ -58,6 +60,23 @@ inline MediaReader::Settings Source(const std::filesystem::path& file) {
   MediaReader::Settings settings;
   settings.source = file.string();
   return settings;
+}
+
+inline std::unique_ptr<MediaReader> Opened(MediaReader::Settings settings) {
+  auto reader = std::make_unique<MediaReader>(std::move(settings));
+  reader->Open();
+  return reader;
+}
+
+inline Content ReadFile(const std::filesystem::path& file) {
+  return ReadAll(*Opened(Source(file)));
+}
+
+// A frame every 40 ms.
+inline void ExpectSteady(const std::vector<DecodedFrame>& pictures, Time tolerance) {
+  for (std::size_t i = 1; i < pictures.size(); ++i) {
+    EXPECT_NEAR(pictures[i].start - pictures[i - 1].start, 400'000, tolerance) << i;
+  }
 }
 
 }  // namespace host

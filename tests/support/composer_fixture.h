@@ -1,6 +1,7 @@
 // A composer between scripted filters.
 #pragma once
 
+#include <algorithm>
 #include <functional>
 #include <map>
 #include <memory>
@@ -72,40 +73,128 @@ class ComposerFixture : public testing::Test {
 
   // Makes the composer with that many inputs; the windows' sources offer windowWidth x
   // windowHeight.
-  void Make(LONG inputs, REFERENCE_TIME prerollPeriod = 0);
-  void ConnectBackground(const CMediaType& type);
+  void Make(LONG inputs, REFERENCE_TIME prerollPeriod = 0) {
+    HRESULT hr = S_OK;
+    auto composer = std::make_unique<CCompose>(nullptr, &hr);
+    composer_ = composer.get();
+    filter_ = ComPtr<IBaseFilter>(composer.release());
+    ASSERT_EQ(composer_->Configure(inputs, &logger_, kWidth, kHeight, 4, 3, prerollPeriod, {25, 1}),
+              S_OK);
+    graph_->AddFilter(filter_.Get(), u"composer");
+    graph_->AddFilter(background_.Get(), u"background");
+    graph_->AddFilter(sink_.Get(), u"sink");
+    for (LONG i = 0; i < inputs; ++i) {
+      windows_.push_back(fakes::Window::Create());
+      sources_.push_back(fakes::Source::Create());
+      graph_->AddFilter(sources_.back().Get(), u"channel");
+      ASSERT_EQ(composer_->AddInput(i, static_cast<IComposeWindow*>(windows_.back().Get())), S_OK);
+    }
+  }
+  void ConnectBackground(const CMediaType& type) {
+    background_->pin.types = {type};
+    background_->pin.wanted = {80, static_cast<LONG>(PictureBytes(kWidth, kHeight)), 32, 0};
+    ASSERT_EQ(graph_->ConnectDirect(&background_->pin, composer_->GetPin(0), nullptr), S_OK);
+  }
   void ConnectBackground() { ConnectBackground(fakes::Yv12Type(kWidth, kHeight, kFrame)); }
-  void ConnectWindow(LONG index, LONG width, LONG height);
-  void ConnectSink();
+  void ConnectWindow(LONG index, LONG width, LONG height) {
+    fakes::Source& source = *sources_[static_cast<std::size_t>(index)];
+    source.pin.types = {fakes::Yv12Type(width, height, kFrame)};
+    source.pin.wanted = {100, static_cast<LONG>(PictureBytes(width, height)), 32, 0};
+    ASSERT_EQ(graph_->ConnectDirect(&source.pin, composer_->GetPin(2 + 6 * index), nullptr), S_OK);
+  }
+  void ConnectSink() {
+    ASSERT_EQ(graph_->ConnectDirect(composer_->GetPin(1), &sink_->pin, nullptr), S_OK);
+  }
   // All of the above for every input, and the graph running.
-  void MakeRunning(LONG inputs, LONG width, LONG height);
+  void MakeRunning(LONG inputs, LONG width, LONG height) {
+    Make(inputs);
+    ConnectBackground();
+    for (LONG i = 0; i < inputs; ++i) {
+      ConnectWindow(i, width, height);
+    }
+    ConnectSink();
+    ASSERT_EQ(graph_->Run(0), S_OK);
+  }
 
   // A source connected to the pin at a position of the composer's enumeration.
-  ComPtr<fakes::Source> ConnectSide(int position, const CMediaType& type, LONG bytes = 4096);
+  ComPtr<fakes::Source> ConnectSide(int position, const CMediaType& type, LONG bytes = 4096) {
+    ComPtr<fakes::Source> source = fakes::Source::Create();
+    source->pin.types = {type};
+    source->pin.wanted = {100, bytes, 1, 0};
+    EXPECT_GE(graph_->AddFilter(source.Get(), u"side"), 0);
+    EXPECT_EQ(graph_->ConnectDirect(&source->pin, composer_->GetPin(position), nullptr), S_OK);
+    sides_.push_back(source);
+    return source;
+  }
   // With the type that the pin itself proposes.
-  ComPtr<fakes::Source> ConnectSide(int position);
+  ComPtr<fakes::Source> ConnectSide(int position) {
+    CMediaType type;
+    EXPECT_EQ(composer_->GetPin(position)->GetMediaType(0, &type), S_OK);
+    return ConnectSide(position, type);
+  }
   static int PositionOfText(LONG index) { return 4 + 6 * index; }
   static int PositionOfVideoAlarm(LONG index) { return 6 + 6 * index; }
   static int PositionOfAudioAlarm(LONG index) { return 7 + 6 * index; }
 
   // Sends a background picture filled with one luma (chroma 128) and waits until it has left.
   // Returns the delivered sample.
-  ComPtr<IMediaSample> Compose(REFERENCE_TIME start, BYTE luma = 16);
+  ComPtr<IMediaSample> Compose(REFERENCE_TIME start, BYTE luma = 16) {
+    sink_->Forget();
+    EXPECT_EQ(SendBackground(start, luma), S_OK);
+    EXPECT_TRUE(sink_->WaitForSamples(1)) << "no composed frame has left for " << start;
+    const std::vector<ComPtr<IMediaSample>> samples = sink_->Samples();
+    return samples.empty() ? nullptr : samples.front();
+  }
   // Sends one without waiting.
-  HRESULT SendBackground(std::optional<REFERENCE_TIME> start, BYTE luma = 16);
+  HRESULT SendBackground(std::optional<REFERENCE_TIME> start, BYTE luma = 16) {
+    const ComPtr<IMediaSample> sample = start.has_value()
+                                            ? background_->NewSample(start, *start + kFrame)
+                                            : background_->NewSample();
+    std::fill_n(Pixels(sample.Get()), kWidth * kHeight, luma);
+    std::fill_n(Pixels(sample.Get()) + kWidth * kHeight, kWidth * kHeight / 2, BYTE{128});
+    return background_->Send(sample.Get());
+  }
   // Makes a moment the composer's present time, and returns when nothing is being composed any
   // more. The filter is paused then.
-  void SetPresent(REFERENCE_TIME start);
+  void SetPresent(REFERENCE_TIME start) {
+    if (composer_->IsStopped()) {
+      ASSERT_EQ(filter_->Pause(), S_OK);
+    }
+    ASSERT_EQ(SendBackground(start), S_OK);
+    ASSERT_EQ(filter_->Pause(), S_OK);
+  }
   // Sends a window picture of one luma.
-  HRESULT SendPicture(LONG index, REFERENCE_TIME start, BYTE luma);
+  HRESULT SendPicture(LONG index, REFERENCE_TIME start, BYTE luma) {
+    fakes::Source& source = *sources_[static_cast<std::size_t>(index)];
+    const ComPtr<IMediaSample> sample = source.NewSample(start, start + kFrame);
+    std::fill_n(Pixels(sample.Get()), sample->GetSize(), luma);
+    return source.Send(sample.Get());
+  }
   // Waits until a background frame has been composed or dropped: all its references are gone but
   // those of the sink.
-  void WaitForLine(const std::string& text);
+  void WaitForLine(const std::string& text) {
+    EXPECT_TRUE(logger_.WaitForLine(text)) << "never logged: " << text;
+  }
 
-  static BYTE* Pixels(IMediaSample* sample);
+  static BYTE* Pixels(IMediaSample* sample) {
+    BYTE* pixels = nullptr;
+    sample->GetPointer(&pixels);
+    return pixels;
+  }
   static BYTE Luma(IMediaSample* sample, LONG x, LONG y) { return Pixels(sample)[y * kWidth + x]; }
 
-  void TearDown() override;
+  void TearDown() override {
+    sink_->Forget();
+    graph_->Stop();
+    graph_.Reset();
+    filter_.Reset();
+    background_.Reset();
+    sink_.Reset();
+    sources_.clear();
+    windows_.clear();
+    sides_.clear();
+    EXPECT_EQ(CUnknown::ObjectsActive(), 0) << "an object of the graph was leaked";
+  }
 
   RecordingLogger logger_;
   ComPtr<FilterGraph> graph_ = FilterGraph::Create();

@@ -8,6 +8,7 @@
 #include "host/channel/channel_source.h"
 #include "platform/baseclasses/base_filter.h"
 #include "platform/graph/filter_graph.h"
+#include "tests/host/observers.h"
 #include "tests/support/fake_filters.h"
 #include "tests/support/recording_logger.h"
 
@@ -29,14 +30,19 @@ class Feed final : public CBaseFilter {
   FeedPin pin{this, &lock_, u"Feed", fakes::AudioType(MEDIASUBTYPE_YV12), {2, 16}};
 };
 
+ComPtr<FilterGraph> Graph(IBaseFilter& source, IPin& pin, fakes::Sink& sink) {
+  ComPtr<FilterGraph> graph = FilterGraph::Create();
+  EXPECT_EQ(graph->AddFilter(&source, u"source"), S_OK);
+  EXPECT_EQ(graph->AddFilter(&sink, u"sink"), S_OK);
+  EXPECT_EQ(graph->ConnectDirect(&pin, &sink.pin, nullptr), S_OK);
+  return graph;
+}
+
 TEST(FeedPin, TellsOfEveryTimeThatNoBufferIsFree) {
   RecordingLogger logger;
   const ComPtr<Feed> feed = Feed::Create();
   const ComPtr<fakes::Sink> sink = fakes::Sink::Create();
-  const ComPtr<FilterGraph> graph = FilterGraph::Create();
-  ASSERT_EQ(graph->AddFilter(feed.Get(), u"feed"), S_OK);
-  ASSERT_EQ(graph->AddFilter(sink.Get(), u"sink"), S_OK);
-  ASSERT_EQ(graph->ConnectDirect(&feed->pin, &sink->pin, nullptr), S_OK);
+  const ComPtr<FilterGraph> graph = Graph(*feed, feed->pin, *sink);
   feed->pin.ReportTo(&logger, "News, live");
   const auto full = [&] { return logger.BufferFull().at("News_ live"); };
   EXPECT_EQ(full(), 0) << "the name stands in records whose fields commas separate";
@@ -62,15 +68,8 @@ TEST(FeedPin, TellsOfEveryTimeThatNoBufferIsFree) {
   sink->Forget();
 }
 
-struct NoObserver final : ChannelObserver {
-  void ChannelOpened(const std::string& /*channel*/, const MediaInfo& /*info*/) override {}
-  void ChannelEnded(const std::string& /*channel*/) override {}
-  void ChannelFailed(const std::string& /*channel*/, const std::string& /*reason*/,
-                     std::optional<std::chrono::milliseconds> /*retryIn*/) override {}
-};
-
 TEST(ChannelSource, SendsItsLabelUntilItIsTaken) {
-  NoObserver observer;
+  ChannelLog observer;
   ChannelSettings settings;
   settings.channel.window = {0, 0, 16, 16};
   settings.label = "News";
@@ -84,10 +83,7 @@ TEST(ChannelSource, SendsItsLabelUntilItIsTaken) {
     taken += refusals == 0 ? 1 : 0;
     return refusals > 0 ? (--refusals, E_FAIL) : S_OK;
   };
-  const ComPtr<FilterGraph> graph = FilterGraph::Create();
-  ASSERT_EQ(graph->AddFilter(channel.Get(), u"channel"), S_OK);
-  ASSERT_EQ(graph->AddFilter(sink.Get(), u"sink"), S_OK);
-  ASSERT_EQ(graph->ConnectDirect(&channel->textPin(), &sink->pin, nullptr), S_OK);
+  const ComPtr<FilterGraph> graph = Graph(*channel, channel->textPin(), *sink);
   ASSERT_EQ(graph->Run(0), S_OK);
   Time now = 0;
   channel->queue().FollowClock([&] { return now; });

@@ -97,9 +97,7 @@ TEST_F(OutputFailureTest, AFullDiskLeavesNoStubsAndIsReportedOnce) {
   FeedUntil(output, "it is open again", [&] { return observer_.openings().size() > before; });
   EXPECT_EQ(observer_.openings().back().substr(0, 7), "again: ");
   output.Finish(std::chrono::seconds(20));
-  MediaReader reader(Source(output.file()));
-  reader.Open();
-  EXPECT_GE(ReadAll(reader).pictures.size(), 50U);
+  EXPECT_GE(ReadFile(output.file()).pictures.size(), 50U);
 }
 
 TEST_F(OutputFailureTest, AnAddressThatCannotBeReachedIsNotOpenBetweenTwoFailures) {
@@ -120,29 +118,25 @@ TEST_F(OutputFailureTest, DatagramsMayLeaveWhenTheLimitOfTheirWriteIsOver) {
 
 // Viewers come when they come: a port that is closed now and then would refuse some of them.
 TEST_F(OutputFailureTest, AListenerKeepsItsPortHoweverLateItsViewerIs) {
-  struct Case {
-    const char* url;
-    const char* viewer;
-    std::map<std::string, std::string> options;
-  };
-  const std::vector<Case> cases{
-      {"tcp://127.0.0.1:18731?listen=1", "tcp://127.0.0.1:18731", {}},
-      {"http://127.0.0.1:18732", "http://127.0.0.1:18732", {{"listen", "1"}}},
-      {"srt://127.0.0.1:18733?mode=listener", "srt://127.0.0.1:18733", {}}};
-  for (const Case& each : cases) {
-    Output::Settings settings = Settings(each.url);
+  for (const auto& [url, query] :
+       {std::pair<std::string, const char*>("tcp://127.0.0.1:18731", "?listen=1"),
+        {"http://127.0.0.1:18732", ""},
+        {"srt://127.0.0.1:18733", "?mode=listener"}}) {
+    Output::Settings settings = Settings(url + query);
     settings.session.muxer.format = "mpegts";
-    settings.session.muxer.options = each.options;
+    if (*query == '\0') {
+      settings.session.muxer.options = {{"listen", "1"}};
+    }
     settings.session.muxer.openLimit = milliseconds(30);
     OutputLog observer;
     Output output(settings, encoder_.parameters(), &observer, nullptr);
     FeedUntil(output, "many limits", [&, since = std::chrono::steady_clock::now()] {
       return std::chrono::steady_clock::now() - since > milliseconds(400);
     });
-    EXPECT_THAT(observer.failures(), testing::IsEmpty()) << each.url;
+    EXPECT_THAT(observer.failures(), testing::IsEmpty()) << url;
     AVIOContext* viewer = nullptr;
-    EXPECT_EQ(avio_open(&viewer, each.viewer, AVIO_FLAG_READ), 0) << each.viewer;
-    FeedUntil(output, each.url, [&] { return output.openings() == 1; });
+    EXPECT_EQ(avio_open(&viewer, url.c_str(), AVIO_FLAG_READ), 0) << url;
+    FeedUntil(output, url.c_str(), [&] { return output.openings() == 1; });
     avio_closep(&viewer);
   }
 }
@@ -194,19 +188,16 @@ TEST(VideoEncoder, CanBeClosedWithoutAFrame) {
     settings.width = 320;
     settings.height = 180;
     settings.codec = codec;
-    if (avcodec_find_encoder_by_name(codec) == nullptr) {
-      continue;
+    if (avcodec_find_encoder_by_name(codec) != nullptr) {
+      VideoEncoder(settings).Finish([](const ffmpeg::Packet&) { ADD_FAILURE(); });
     }
-    VideoEncoder encoder(settings);
-    encoder.Finish([](const ffmpeg::Packet&) { ADD_FAILURE(); });
   }
 }
 
 TEST(EncoderThread, IsOpenedAgainAfterAFailureAndBeginsWithAKeyframe) {
   for (const bool live : {true, false}) {
     EncoderThread::Settings settings;
-    settings.encoder.width = 96;
-    settings.encoder.height = 64;
+    settings.encoder = SmallVideo();
     settings.encoder.lowDelay = true;
     settings.live = live;
     settings.minDelay = milliseconds(0);

@@ -20,6 +20,14 @@ extern "C" {
 
 namespace host {
 
+inline VideoEncoder::Settings SmallVideo() {
+  VideoEncoder::Settings settings;
+  settings.width = 96;
+  settings.height = 64;
+  settings.preset = "ultrafast";
+  return settings;
+}
+
 // 25 frames per second without B-frames, a keyframe in every fifth, and an output that takes them.
 // There are two channels: one whose format is known, and one that is not there.
 class OutputSessionTest : public testing::Test {
@@ -37,10 +45,7 @@ class OutputSessionTest : public testing::Test {
     settings_.tracks[0].audio->Fix(AacFormat(48'000, 2, ""));
   }
   static VideoEncoder::Settings Video(Time keyframes) {
-    VideoEncoder::Settings settings;
-    settings.width = 96;
-    settings.height = 64;
-    settings.preset = "ultrafast";
+    VideoEncoder::Settings settings = SmallVideo();
     settings.lowDelay = true;
     settings.keyFrameInterval = keyframes;
     return settings;

@@ -1,4 +1,5 @@
 #include <filesystem>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -9,8 +10,8 @@ extern "C" {
 
 #include "host/output/muxer.h"
 #include "host/output/snapshot.h"
-#include "host/output/video_encoder.h"
 #include "tests/host/clips.h"
+#include "tests/host/output/output_session_fixture.h"
 #include "tests/support/frames.h"
 #include "tests/support/temporary_folder.h"
 
@@ -22,14 +23,6 @@ using support::Yv12Buffer;
 Muxer::Settings To(const std::filesystem::path& file) {
   Muxer::Settings settings;
   settings.url = file.string();
-  return settings;
-}
-
-VideoEncoder::Settings SmallVideo() {
-  VideoEncoder::Settings settings;
-  settings.width = 96;
-  settings.height = 64;
-  settings.preset = "ultrafast";
   return settings;
 }
 
@@ -63,10 +56,9 @@ TEST(VideoEncoder, KeepsPicturesTimesAndColoursThroughAFile) {
 
   MediaReader reader(Source(folder / "a.mkv"));
   reader.Open();
-  EXPECT_EQ(reader.info().video->pixelAspect, (Ratio{16, 15}));
-  EXPECT_EQ(reader.info().video->frameRate, (Ratio{25, 1}));
-  EXPECT_EQ(reader.info().video->colourSpace, "smpte170m");
-  EXPECT_EQ(reader.info().video->colourRange, "tv");
+  const VideoInfo& video = *reader.info().video;
+  EXPECT_EQ(std::tie(video.pixelAspect, video.frameRate, video.colourSpace, video.colourRange),
+            std::tuple(Ratio{16, 15}, Ratio{25, 1}, "smpte170m", "tv"));
   const Content content = ReadAll(reader);
   ASSERT_EQ(content.pictures.size(), 29U);
   for (int i = 0; i < 29; ++i) {
@@ -117,9 +109,7 @@ TEST(Muxer, LeavesADamagedPacketOut) {
     EXPECT_EQ(muxer.Write(track, std::move(packet)), i != 7);
   }
   muxer.Finish();
-  MediaReader again(Source(folder / "b.mkv"));
-  again.Open();
-  EXPECT_EQ(ReadAll(again).packets.size(), content.packets.size() - 1);
+  EXPECT_EQ(ReadFile(folder / "b.mkv").packets.size(), content.packets.size() - 1);
 }
 
 TEST(Snapshot, IsAPictureOfTheRightColoursAndShapeAndLeavesNothingElse) {
@@ -129,18 +119,13 @@ TEST(Snapshot, IsAPictureOfTheRightColoursAndShapeAndLeavesNothingElse) {
   const std::filesystem::path file = folder / "a.png";
   WriteSnapshot(file, picture.bytes(), 96, 64, {16, 15});
 
-  MediaReader reader(Source(file));
-  reader.Open();
-  const Content content = ReadAll(reader);
+  const Content content = ReadFile(file);
   ASSERT_EQ(content.pictures.size(), 1U);
   const AVFrame& frame = *content.pictures[0].frame;
-  EXPECT_EQ(frame.width, 102);
-  EXPECT_EQ(frame.height, 64);
-  ASSERT_EQ(frame.format, AV_PIX_FMT_RGB24);
+  ASSERT_EQ(std::tie(frame.width, frame.height, frame.format),
+            std::tuple(102, 64, AV_PIX_FMT_RGB24));
   const std::uint8_t* const pixel = frame.data[0] + 20 * frame.linesize[0] + 3 * 50;
-  EXPECT_NEAR(pixel[0], 255, 3);
-  EXPECT_NEAR(pixel[1], 0, 3);
-  EXPECT_NEAR(pixel[2], 0, 3);
+  EXPECT_TRUE(pixel[0] >= 252 && pixel[1] <= 3 && pixel[2] <= 3);
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.Path()), {}), 1);
 
   EXPECT_THROW(WriteSnapshot(folder / "no/a.png", picture.bytes(), 96, 64),

@@ -52,8 +52,15 @@ TEST(PacketQueue, LetsARendererWaitUntilThereIsRoomOrItIsClosed) {
   queue.Push(Picture(0, true));
   queue.Push(Picture(1, false));
   EXPECT_FALSE(queue.WaitForRoom(std::chrono::milliseconds(1)));
-  std::thread pusher([&] { EXPECT_TRUE(queue.PushWaiting(Picture(2, false))); });
-  EXPECT_TRUE(queue.Pop().has_value());
+  std::thread pusher([&] {
+    for (int i = 2; i < 1000; ++i) {
+      EXPECT_TRUE(queue.PushWaiting(Picture(i, false)));
+    }
+  });
+  for (int i = 2; i < 1000; ++i) {
+    EXPECT_LT(queue.bytes(), 3'000U) << "two fill it";
+    EXPECT_TRUE(queue.Pop().has_value());
+  }
   pusher.join();
   std::thread stuck([&] { EXPECT_FALSE(queue.PushWaiting(Picture(3, false))); });
   queue.Abandon();

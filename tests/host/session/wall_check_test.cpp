@@ -1,6 +1,5 @@
 #include "host/session/wall_check.h"
 
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -41,64 +40,68 @@ class WallCheckTest : public testing::Test {
 // One table of an output or a channel, and what is said of it.
 TEST_F(WallCheckTest, FindsWhatAnOutputOrASourceCannotBe) {
   struct Case {
+    const char* header;
     const char* table;
     std::vector<const char*> said;
   };
   constexpr const char* kOut = "[[output]]\n";
   constexpr const char* kIn = "[[channel]]\n";
-  const std::pair<const char*, Case> cases[] = {
-      {kOut, {"url = 'udp://10.0.0.1:5000'", {}}},
+  const Case cases[] = {
+      {kOut, "url = 'udp://10.0.0.1:5000'", {}},
       {kOut,
-       {"url = 'htp://h/x.ts'",
-        {"w:4:7: error: \"url\" has the unknown scheme \"htp\"; did you mean \"http\"?"}}},
+       "url = 'htp://h/x.ts'",
+       {"w:4:7: error: \"url\" has the unknown scheme \"htp\"; did you mean \"http\"?"}},
       {kOut,
-       {"url = 'udp://10.0.0.1'",
-        {"w:4:7: error: \"url\" has no port: it is written as udp://HOST:PORT"}}},
-      {kOut, {"url = 'srt://[::1]:65536'", {"has the port \"65536\", which must be 1 to 65535"}}},
-      {kOut, {"url = 'rtp://:5000'", {"has no host to send to"}}},
-      {kOut, {"url = 'srt://:5000?mode=listener'", {"note: \"url\" serves one viewer at a time"}}},
-      {kOut, {"url = 'a.dat'", {"w:4:7: error: \"url\" does not tell the container"}}},
+       "url = 'udp://10.0.0.1'",
+       {"w:4:7: error: \"url\" has no port: it is written as udp://HOST:PORT"}},
+      {kOut, "url = 'srt://[::1]:65536'", {"has the port \"65536\", which must be 1 to 65535"}},
+      {kOut, "url = 'rtp://:5000'", {"has no host to send to"}},
+      {kOut, "url = 'srt://:5000?mode=listener'", {"note: \"url\" serves one viewer at a time"}},
+      {kOut, "url = 'a.dat'", {"w:4:7: error: \"url\" does not tell the container"}},
       {kOut,
-       {"url = 'a.mkv'\nformat = 'mkv'",
-        {"w:5:10: error: \"format\" is no container: \"mkv\"; did you mean \"matroska\"?"}}},
+       "url = 'a.mkv'\nformat = 'mkv'",
+       {"w:5:10: error: \"format\" is no container: \"mkv\"; did you mean \"matroska\"?"}},
       {kOut,
-       {"url = 'a.mkv'\ncodec = 'h265'",
-        {"w:5:9: error: \"codec\" is no video codec that can be encoded here: \"h265\"; did you "
-         "mean \"hevc\"?"}}},
+       "url = 'a.mkv'\ncodec = 'h265'",
+       {"w:5:9: error: \"codec\" is no video codec that can be encoded here: \"h265\"; did you "
+        "mean \"hevc\"?"}},
       {kOut,
-       {"url = 'rtmp://h/live/x'\ncodec = 'hevc'",
-        {"\"codec\" does not suit: flv cannot hold hevc: it holds h264, "}}},
+       "url = 'rtmp://h/live/x'\ncodec = 'hevc'",
+       {"\"codec\" does not suit: flv cannot hold hevc: it holds h264, "}},
       {kOut,
-       {"url = 'a.mkv'\ncodec = 'mpeg2video'\nquality = 9\npreset = 'slow'",
-        {"\"quality\" is not used: mpeg2video has no constant quality", "\"preset\" is not used"}}},
+       "url = 'a.mkv'\ncodec = 'mpeg2video'\nquality = 9\npreset = 'slow'",
+       {"\"quality\" is not used: mpeg2video has no constant quality", "\"preset\" is not used"}},
       {kOut,
-       {"url = 'a.mp4'\noptions = { movflag = 'x' }",
-        {"w:5:23: error: \"movflag\" is an option that neither mp4 nor its protocol knows; did you "
-         "mean \"movflags\"?"}}},
-      {kOut, {"url = 'srt://h:1'\noptions = { passphrase = 'x', mpegts_flags = 'y' }", {}}},
-      {kOut, {"url = 'a.avi'", {"warning: \"url\" names a container, avi, whose files are lost"}}},
+       "url = 'a.mp4'\noptions = { movflag = 'x' }",
+       {"w:5:23: error: \"movflag\" is an option that neither mp4 nor its protocol knows; did you "
+        "mean \"movflags\"?"}},
+      {kOut, "url = 'srt://h:1'\noptions = { passphrase = 'x', mpegts_flags = 'y' }", {}},
+      {kOut, "url = 'a.avi'", {"warning: \"url\" names a container, avi, whose files are lost"}},
       {kOut,
-       {"url = 'a.mpd'", {"warning: \"url\" names a container, dash, which writes several files"}}},
-      {kOut, {"url = 'a-%Y%m%d-%%.mkv'\nsegment = '1 h'\nsegment_size = '2 GB'", {}}},
-      {kOut, {"url = 'a-%Q.mkv'", {"\"url\" has the unknown conversion \"%Q\""}}},
-      {kOut, {"url = 'a%%.m3u8'", {"where HLS cannot be written"}}},
+       "url = 'a.mpd'",
+       {"warning: \"url\" names a container, dash, which writes several files"}},
+      {kOut, "url = 'a-%Y%m%d-%%.mkv'\nsegment = '1 h'\nsegment_size = '2 GB'", {}},
+      {kOut, "url = 'a-%Q.mkv'", {"\"url\" has the unknown conversion \"%Q\""}},
+      {kOut, "url = 'a%%.m3u8'", {"where HLS cannot be written"}},
       {kOut,
-       {"url = 'udp://h:1'\nsegment = 5\nsegment_size = 5000000",
-        {"\"segment\" is for files only", "\"segment_size\" is for files only"}}},
+       "url = 'udp://h:1'\nsegment = 5\nsegment_size = 5000000",
+       {"\"segment\" is for files only", "\"segment_size\" is for files only"}},
       {kOut,
-       {"url = 'a.m3u8'\nsegment = 5", {"\"segment\" cannot be given: hls cuts its files itself"}}},
+       "url = 'a.m3u8'\nsegment = 5",
+       {"\"segment\" cannot be given: hls cuts its files itself"}},
       {kOut,
-       {"url = 'a.mkv'\nsegment_size = '5 kB'", {"\"segment_size\" must be bytes, 1 MB at least"}}},
+       "url = 'a.mkv'\nsegment_size = '5 kB'",
+       {"\"segment_size\" must be bytes, 1 MB at least"}},
       {kIn,
-       {"source = 'rtmp://0.0.0.0/live/key'\noptions = { listen = 1 }",
-        {"note: \"source\" waits for its sender at port 1935 (rtmp)"}}},
+       "source = 'rtmp://0.0.0.0/live/key'\noptions = { listen = 1 }",
+       {"note: \"source\" waits for its sender at port 1935 (rtmp)"}},
       {kIn,
-       {"source = 'rtsp://h/x'\noptions = { rtsp_transport = 'tcp', nonsense = 1 }",
-        {"w:5:48: error: \"nonsense\" is an option that no container and no protocol knows"}}},
+       "source = 'rtsp://h/x'\noptions = { rtsp_transport = 'tcp', nonsense = 1 }",
+       {"w:5:48: error: \"nonsense\" is an option that no container and no protocol knows"}},
   };
-  for (const auto& [header, c] : cases) {
-    const std::string channel = header == kIn ? "\n\n" : "[[channel]]\nsource = 'udp://h:9'\n";
-    const std::vector<std::string> said = Complaints(channel + header + c.table + "\n");
+  for (const Case& c : cases) {
+    const std::string channel = c.header == kIn ? "\n\n" : "[[channel]]\nsource = 'udp://h:9'\n";
+    const std::vector<std::string> said = Complaints(channel + c.header + c.table + "\n");
     ASSERT_EQ(said.size(), c.said.size()) << c.table << testing::PrintToString(said);
     for (std::size_t i = 0; i < said.size(); ++i) {
       EXPECT_THAT(said[i], HasSubstr(c.said[i])) << c.table;
@@ -118,11 +121,10 @@ TEST_F(WallCheckTest, StartsTheEncodersWhereThatIsAskedFor) {
 }
 
 TEST_F(WallCheckTest, FindsEveryFileThatIsUsedTwiceUnderWhateverName) {
-  const auto make = [&](const char* name) { std::ofstream(folder_ / name) << "x"; };
   std::filesystem::create_directory(folder_ / "sub");
-  make("one.mp4");
-  make("sub/two.ts");
-  make("back.png");
+  for (const char* const name : {"one.mp4", "sub/two.ts", "back.png"}) {
+    WriteWholeFile(folder_ / name, "x");
+  }
   std::filesystem::create_symlink("one.mp4", folder_ / "link.mp4");
   std::filesystem::create_symlink("sub", folder_ / "folder");
   std::filesystem::create_symlink("sub/new.mkv", folder_ / "dangling.mkv");
@@ -171,12 +173,10 @@ TEST_F(WallCheckTest, FindsEveryFileThatIsUsedTwiceUnderWhateverName) {
        nullptr},
   };
   for (const Case& c : cases) {
-    std::vector<std::string> clashes;
-    for (const std::string& text : Complaints(wall + c.more)) {
-      if (text.find(" is the same ") != std::string::npos) {
-        clashes.push_back(text);
-      }
-    }
+    std::vector<std::string> clashes = Complaints(wall + c.more);
+    std::erase_if(clashes, [](const std::string& text) {
+      return text.find(" is the same ") == std::string::npos;
+    });
     if (c.said == nullptr) {
       EXPECT_THAT(clashes, IsEmpty()) << c.more;
     } else {

@@ -37,6 +37,7 @@ class Honeypot {
   explicit Honeypot(const std::filesystem::path& file) : file_(file) {
     Write(SmallClip(), file_);
     EXPECT_GE(::inotify_add_watch(watch_, file_.c_str(), IN_OPEN), 0);
+    touched();
   }
   ~Honeypot() { ::close(watch_); }
   Honeypot(const Honeypot&) = delete;
@@ -133,10 +134,6 @@ std::string DashOf(const std::string& target) {
          std::string(3000, ' ');
 }
 
-std::string SdpOf(const std::string& session) {
-  return "v=0\r\no=- 0 0 IN IP4 127.0.0.1\r\ns=x\r\nc=IN IP4 127.0.0.1\r\nt=0 0\r\n" + session;
-}
-
 class HostileSourceTest : public testing::Test {
  protected:
   // Texts that lead to the honeypot's file; over HTTP, an address is what a playlist is expected
@@ -179,12 +176,26 @@ class HostileSourceTest : public testing::Test {
     return "opened";
   }
 
+  void ExpectRefused(const std::string& result, const std::string& source,
+                     const std::string& text) const {
+    EXPECT_NE(result, "opened") << source << "\n" << text.substr(0, 300);
+    EXPECT_FALSE(honeypot_.touched()) << source << ": " << result << "\n" << text.substr(0, 300);
+  }
+  // Who sends it may not listen yet.
+  void ExpectRefused(const Sender& sender, const std::string& source,
+                     const std::string& text) const {
+    std::string result;
+    do {
+      result = Open(source);
+    } while (sender.written() == 0);
+    ExpectRefused(result, source, text);
+  }
+
   const TemporaryFolder folder_;
   const Honeypot honeypot_{folder_ / "honeypot.ts"};
 };
 
 TEST_F(HostileSourceTest, WhatComesOverTheNetworkOpensNothingElse) {
-  honeypot_.touched();
   const std::string host = "127.0.0.1:";
   const auto run = [&](const std::string& source, const std::string& sends,
                        const std::map<std::string, std::string>& options = {},
@@ -192,14 +203,7 @@ TEST_F(HostileSourceTest, WhatComesOverTheNetworkOpensNothingElse) {
     std::vector<std::string> texts = Texts(false);
     texts.resize(std::min(texts.size(), most));
     for (const std::string& text : texts) {
-      const Sender sender(sends, text, options);
-      // The sender may not listen yet.
-      std::string result;
-      do {
-        result = Open(source);
-      } while (sender.written() == 0);
-      EXPECT_NE(result, "opened") << source << "\n" << text.substr(0, 300);
-      EXPECT_FALSE(honeypot_.touched()) << source << ": " << result << "\n" << text.substr(0, 300);
+      ExpectRefused(Sender(sends, text, options), source, text);
     }
   };
   const std::string tcp = "tcp://" + host + std::to_string(FreePort(SOCK_STREAM));
@@ -219,26 +223,24 @@ TEST_F(HostileSourceTest, WhatComesOverTheNetworkOpensNothingElse) {
 }
 
 TEST_F(HostileSourceTest, WhatAServerAnswersOpensNoFile) {
-  honeypot_.touched();
-  std::vector<std::string> texts = Texts(true);
-  for (const std::string& text : texts) {
+  for (const std::string& text : Texts(true)) {
     const HttpServer server(text, HttpServer::Manner::kIgnoresRanges);
     for (const std::string& source :
          {server.url(), server.url() + ".sdp", server.url() + ".sdp?a=b", "async:" + server.url(),
           "cache:" + server.url(), "hls+" + server.url()}) {
-      EXPECT_NE(Open(source), "opened") << source << "\n" << text.substr(0, 300);
-      EXPECT_FALSE(honeypot_.touched()) << source << "\n" << text.substr(0, 300);
+      ExpectRefused(Open(source), source, text);
     }
   }
   // A description that nobody asked for opens no port.
-  const int port = FreePort(SOCK_DGRAM);
-  const HttpServer server(SdpOf("m=video " + std::to_string(port) + " RTP/AVP 33\r\n"),
-                          HttpServer::Manner::kIgnoresRanges);
+  const std::string port = std::to_string(FreePort(SOCK_DGRAM));
+  const HttpServer server(
+      "v=0\r\no=- 0 0 IN IP4 127.0.0.1\r\ns=x\r\nc=IN IP4 127.0.0.1\r\nt=0 0\r\nm=video " + port +
+          " RTP/AVP 33\r\n",
+      HttpServer::Manner::kIgnoresRanges);
   EXPECT_NE(Open(server.url()).find("format_whitelist"), std::string::npos) << Open(server.url());
 }
 
 TEST_F(HostileSourceTest, NoAnswerOfAServerOfSessionsOpensAFileOrLastsOrFillsTheMemory) {
-  honeypot_.touched();
   const std::string ok = "RTSP/1.0 200 OK\r\nCSeq: 1\r\n";
   const std::string described =
       ok + "\r\nRTSP/1.0 200 OK\r\nCSeq: 2\r\nContent-Type: application/sdp\r\nContent-Length: ";
@@ -253,13 +255,7 @@ TEST_F(HostileSourceTest, NoAnswerOfAServerOfSessionsOpensAFileOrLastsOrFillsThe
            {"rtmp", "\3" + std::string(3072, '\0') +
                         std::string("\2\0\0\0\0\0\4\1\0\0\0\0\x7F\xFF\xFF\xFF", 16) +
                         std::string(10'000'000, '\2')}}) {
-    const Sender sender("tcp" + address + "?listen=1", text);
-    std::string result;
-    do {
-      result = Open(scheme + address + "/a/b");
-    } while (sender.written() == 0);
-    EXPECT_NE(result, "opened") << text.substr(0, 300);
-    EXPECT_FALSE(honeypot_.touched()) << text.substr(0, 300);
+    ExpectRefused(Sender("tcp" + address + "?listen=1", text), scheme + address + "/a/b", text);
   }
 }
 

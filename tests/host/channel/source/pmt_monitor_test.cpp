@@ -64,8 +64,8 @@ Bytes Map(std::uint8_t video, std::uint8_t audio, const Bytes& descriptors = {},
           std::uint8_t padding = 0) {
   Bytes body{0xE1, 0x00, 0xF0, Low(2U + padding), 0x0A, padding};
   body.insert(body.end(), padding, 0);
-  body.insert(body.end(), {video, 0xE1, 0x00, 0xF0, 0});
-  body.insert(body.end(), {audio, 0xE1, 0x01, 0xF0, Low(descriptors.size())});
+  body.insert(body.end(),
+              {video, 0xE1, 0x00, 0xF0, 0, audio, 0xE1, 0x01, 0xF0, Low(descriptors.size())});
   body.insert(body.end(), descriptors.begin(), descriptors.end());
   return Packets(kMapPid, Section(2, body));
 }

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <numeric>
 #include <random>
 #include <vector>
 
@@ -33,18 +34,7 @@ Bytes Payload(std::uint32_t name) {
 
 Bytes Packet(std::uint32_t sender, std::uint32_t number, const Bytes& payload,
              std::uint8_t type = kTransportStream) {
-  Bytes packet{0x80,
-               type,
-               Low(number >> 8),
-               Low(number),
-               0,
-               0,
-               0,
-               0,
-               Low(sender >> 24),
-               Low(sender >> 16),
-               Low(sender >> 8),
-               Low(sender)};
+  Bytes packet{0x80, type, Low(number >> 8), Low(number), 0, 0, 0, 0, 0, 0, 0, Low(sender)};
   packet.insert(packet.end(), payload.begin(), payload.end());
   return packet;
 }
@@ -69,10 +59,8 @@ class RtpReceiverTest : public testing::Test {
     }
   }
   static std::vector<std::uint32_t> Row(std::uint32_t first, std::uint32_t end) {
-    std::vector<std::uint32_t> row;
-    for (; first < end; ++first) {
-      row.push_back(first);
-    }
+    std::vector<std::uint32_t> row(end - first);
+    std::iota(row.begin(), row.end(), first);
     return row;
   }
 
@@ -180,12 +168,9 @@ TEST_F(RtpReceiverTest, UnderstandsEveryHeaderAndWhatHasNone) {
 }
 
 TEST_F(RtpReceiverTest, SaysWhenThereIsNoTransportStream) {
-  for (std::uint32_t number = 0; number < 20; ++number) {
-    EXPECT_FALSE(receiver_.carriesOther()) << number;
-    Send(Packet(7, number, {}, 200));
-  }
-  for (std::uint32_t number = 0; number < 20; ++number) {
-    Send(Packet(7, number, Bytes(100), 96));
+  for (std::uint32_t number = 0; number < 40; ++number) {
+    EXPECT_FALSE(receiver_.carriesOther() && number <= 20) << number;
+    Send(number < 20 ? Packet(7, number, {}, 200) : Packet(7, number, Bytes(100), 96));
   }
   EXPECT_TRUE(receiver_.carriesOther());
 }
@@ -223,8 +208,8 @@ TEST_F(RtpReceiverTest, ADecisionIsRevisedWhenTheSenderChangesItsFraming) {
     for (std::uint32_t number = 0; number < 100; ++number) {
       Bytes raw = Payload(number);
       raw.insert(raw.begin(), 20, 0x80);  // begins like RTP, in the middle of a packet
-      for (std::uint32_t i = 1; i < 4; ++i) {
-        const Bytes next = Payload(number);
+      const Bytes next = Payload(number);
+      for (int i = 1; i < 4; ++i) {
         raw.insert(raw.end(), next.begin(), next.end());
       }
       const RtpReceiver::Bytes given = receiver_.Take(raw, now_);

@@ -53,11 +53,10 @@ TEST(TrackSelector, TakesCoverArtForNoVideo) {
   // Nor does it begin later, which would open a radio again and again.
   const HttpServer server(file, HttpServer::Manner::kIgnoresRanges);
   for (const std::string& source : {(folder / "cover.aac").string(), server.url()}) {
-    MediaReader reader(Source(source));
-    reader.Open();
-    EXPECT_FALSE(reader.info().video) << source;
-    EXPECT_EQ(reader.info().noVideoReason, "it has no video");
-    const Content content = ReadAll(reader);
+    const auto reader = Opened(Source(source));
+    EXPECT_FALSE(reader->info().video) << source;
+    EXPECT_EQ(reader->info().noVideoReason, "it has no video");
+    const Content content = ReadAll(*reader);
     EXPECT_TRUE(content.pictures.empty());
     EXPECT_GE(content.packets.size(), 40U);
   }
@@ -109,25 +108,23 @@ TEST(TrackSelector, ReadsASecondAudioStreamWhileTheChosenOneIsSilentForSeconds) 
     stream +=
         ReadWholeFile(Write(recipe, folder / "part.flv")).substr(stream.empty() ? 0 : kFlvHeader);
   };
-  append("aac", 0, 12);
-  append("libmp3lame", 12, 1);
-  append("aac", 13, 1);
-  append("libmp3lame", 14, 4);
-  append("aac", 18, 4);
+  int from = 0;
+  for (const auto& [codec, seconds] :
+       {std::pair("aac", 12), {"libmp3lame", 1}, {"aac", 1}, {"libmp3lame", 4}, {"aac", 4}}) {
+    append(codec, from, seconds);
+    from += seconds;
+  }
   WriteWholeFile(folder / "all.flv", stream);
-  MediaReader reader(Source(folder / "all.flv"));
-  reader.Open();
+  const auto reader = Opened(Source(folder / "all.flv"));
   // Seconds at which another codec is read.
   std::vector<std::pair<std::string, int>> changes;
-  for (MediaItem item = reader.Read(); !std::holds_alternative<EndOfMedia>(item);
-       item = reader.Read()) {
+  ReadEach(*reader, [&](const MediaItem& item) {
     const auto* const packet = std::get_if<AudioPacket>(&item);
-    if (packet != nullptr &&
-        (changes.empty() || changes.back().first != reader.info().audio->codec)) {
-      changes.emplace_back(reader.info().audio->codec,
-                           static_cast<int>((packet->start + kSecond / 2) / kSecond));
+    const std::string codec = reader->info().audio->codec;
+    if (packet != nullptr && (changes.empty() || changes.back().first != codec)) {
+      changes.emplace_back(codec, static_cast<int>((packet->start + kSecond / 2) / kSecond));
     }
-  }
+  });
   EXPECT_THAT(changes, testing::ElementsAre(std::pair("aac", 0), std::pair("mp3", 14),
                                             std::pair("aac", 18)));
 }
@@ -183,16 +180,12 @@ TEST(TrackSelector, FailsForReopeningWhenAudioBegins) {
     MediaReader reader(settings);
     reader.Open();
     pipe.Close();
+    const bool isAlone = stream.starts_with(alone);
     EXPECT_EQ(reader.info().audioAbsence,
-              stream.starts_with(alone) ? AudioAbsence::kNotInSource : AudioAbsence::kNotStarted);
-    EXPECT_EQ(reader.info().noAudioReason,
-              stream.starts_with(alone) ? "it has no audio" : "its audio has not begun");
-    try {
-      ReadAll(reader);
-      ADD_FAILURE() << "stays mute";
-    } catch (const MediaError& error) {
-      EXPECT_EQ(error.reason(), "its audio begins");
-    }
+              isAlone ? AudioAbsence::kNotInSource : AudioAbsence::kNotStarted);
+    EXPECT_EQ(reader.info().noAudioReason, isAlone ? "it has no audio" : "its audio has not begun");
+    EXPECT_THAT([&] { ReadAll(reader); }, testing::Throws<MediaError>(testing::Property(
+                                              &MediaError::reason, "its audio begins")));
   }
 }
 

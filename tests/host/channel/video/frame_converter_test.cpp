@@ -90,10 +90,8 @@ TEST(FrameConverter, CopiesFramesThatFitAtTheRateOfTheCanvas) {
   const Yv12Buffer shown = Shown(converter, settings, MakeFrame(32, 16, colourAt));
   for (int y = 0; y < 16; ++y) {
     for (int x = 0; x < 32; ++x) {
-      const Colour expected = colourAt(x, y);
-      EXPECT_EQ(shown.At(x, y).y, expected.y);
-      EXPECT_EQ(shown.At(x, y).u, colourAt(x / 2 * 2, y / 2 * 2).u);
-      EXPECT_EQ(shown.At(x, y).v, colourAt(x / 2 * 2, y / 2 * 2).v);
+      const Colour chroma = colourAt(x / 2 * 2, y / 2 * 2);
+      ExpectColour(shown.At(x, y), {colourAt(x, y).y, chroma.u, chroma.v}, 0);
     }
   }
   converter.Push(Picture(MakeFrame(32, 16, kGreen), kFrame / 2));
@@ -111,13 +109,12 @@ TEST(FrameConverter, CentresAPictureOfAnotherShapeOnBlackWhateverWasInTheBuffer)
   ffmpeg::Frame frame = MakeFrame(72, 58, kGreen);
   frame->sample_aspect_ratio = {16, 15};  // 1.324 wide: 238 of 320 pixels
   const Yv12Buffer shown = Shown(converter, settings, std::move(frame));
-  ExpectColour(shown.At(0, 0), kBlack, 0);
-  ExpectColour(shown.At(38, 90), kBlack, 0);
-  ExpectColour(shown.At(41, 90), kGreen);
-  ExpectColour(shown.At(160, 0), kGreen);
-  ExpectColour(shown.At(160, 179), kGreen);
-  ExpectColour(shown.At(277, 90), kGreen);
-  ExpectColour(shown.At(281, 90), kBlack, 0);
+  for (const auto& [x, y] : {std::pair(0, 0), {38, 90}, {281, 90}}) {
+    ExpectColour(shown.At(x, y), kBlack, 0);
+  }
+  for (const auto& [x, y] : {std::pair(41, 90), {160, 0}, {160, 179}, {277, 90}}) {
+    ExpectColour(shown.At(x, y), kGreen);
+  }
 }
 
 TEST(FrameConverter, ConvertsMatrixAndRangeToBt601StudioRange) {

@@ -21,14 +21,11 @@ std::vector<Time> Steady(Ratio rate, int count) {
 TEST(RateLimiter, PassesASourceOfTheSameOrALowerRateWholeInSpiteOfJitter) {
   for (const Ratio source : {Ratio{25, 1}, Ratio{24, 1}, Ratio{2, 1}}) {
     RateLimiter limiter({25, 1});
-    std::vector<Time> times = Steady(source, 500);
+    const std::vector<Time> times = Steady(source, 500);
     constexpr std::array<Time, 5> kJitter = {0, 30'000, -40'000, 45'000, -20'000};
     for (std::size_t i = 0; i < times.size(); ++i) {
-      times[i] += kJitter[i % kJitter.size()];
+      EXPECT_TRUE(limiter.Pass(times[i] + kJitter[i % 5])) << source.num;
     }
-    EXPECT_EQ(std::count_if(times.begin(), times.end(), [&](Time t) { return limiter.Pass(t); }),
-              500)
-        << source.num;
   }
 }
 
@@ -72,7 +69,6 @@ TEST(RateLimiter, SavesAtMostOneFrameUpDuringAGap) {
 
 TEST(FitFrame, KeepsTheShapeCentresItAndStaysEven) {
   // Source, shape of its pixels, window, shape of the canvas's pixels.
-  EXPECT_EQ(FitFrame(1920, 1080, {1, 1}, 640, 360, {1, 1}), (FitRect{0, 0, 640, 360}));
   EXPECT_EQ(FitFrame(720, 576, {16, 15}, 640, 360, {1, 1}), (FitRect{80, 0, 480, 360}));
   EXPECT_EQ(FitFrame(720, 576, {64, 45}, 640, 360, {1, 1}), (FitRect{0, 0, 640, 360}));
   EXPECT_EQ(FitFrame(1080, 1920, {1, 1}, 640, 360, {1, 1}), (FitRect{218, 0, 202, 360}));
@@ -80,14 +76,10 @@ TEST(FitFrame, KeepsTheShapeCentresItAndStaysEven) {
   // On a canvas of wide pixels the same picture takes fewer of them.
   EXPECT_EQ(FitFrame(720, 576, {16, 15}, 720, 576, {16, 15}), (FitRect{0, 0, 720, 576}));
   EXPECT_EQ(FitFrame(1024, 576, {1, 1}, 720, 576, {64, 45}), (FitRect{0, 0, 720, 576}));
-}
-
-TEST(FitFrame, LeavesNoBarsOfAPixelOrTwoAndNeverVanishes) {
+  // No bars of a pixel or two, and it never vanishes.
   EXPECT_EQ(FitFrame(854, 480, {1, 1}, 640, 360, {1, 1}), (FitRect{0, 0, 640, 360}));
   const FitRect line = FitFrame(8192, 2, {1, 1}, 64, 36, {1, 1});
-  EXPECT_EQ(line.width, 64);
-  EXPECT_EQ(line.height, 2);
-  EXPECT_EQ(line.y % 2, 0);
+  EXPECT_TRUE(line.width == 64 && line.height == 2 && line.y % 2 == 0);
 }
 
 TEST(Units, FramesOfAnyRateDoNotDriftOverTenYears) {

@@ -1,4 +1,7 @@
+#include <algorithm>
 #include <array>
+#include <cmath>
+#include <limits>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -6,16 +9,149 @@
 
 extern "C" {
 #include <libavcodec/avcodec.h>
+#include <libavutil/channel_layout.h>
+#include <libavutil/frame.h>
 }
 
 #include "host/channel/audio/audio_passthrough.h"
+#include "host/channel/audio/level_meter.h"
+#include "host/ffmpeg/handles.h"
 #include "tests/host/clips.h"
 #include "tests/support/temporary_folder.h"
 
 namespace host {
 namespace {
 
+using Readings = std::vector<LevelMeter::Reading>;
 using testing::HasSubstr;
+
+void Push(LevelMeter& meter, const std::vector<std::vector<float>>& channels, int rate, Time start,
+          Readings& readings) {
+  std::vector<const float*> planes;
+  for (const auto& channel : channels) {
+    planes.push_back(channel.data());
+  }
+  meter.Push(planes, static_cast<int>(channels[0].size()), rate, start,
+             [&](const LevelMeter::Reading& reading) { readings.push_back(reading); });
+}
+
+// Start and the levels of the first two channels.
+std::vector<std::array<Time, 3>> Summary(const Readings& readings) {
+  std::vector<std::array<Time, 3>> summary;
+  for (const LevelMeter::Reading& reading : readings) {
+    summary.push_back({reading.start, reading.levels.levels[0], reading.levels.levels[1]});
+  }
+  return summary;
+}
+
+// One channel that is silent but for one sample.
+std::vector<float> Impulse(std::size_t samples, std::size_t at, float value) {
+  std::vector<float> channel(samples, 0.0F);
+  channel[at] = value;
+  return channel;
+}
+
+TEST(LevelMeter, ShowsThePeakOfEachChannelOverTheTimeOfAFrame) {
+  LevelMeter meter({});
+  Readings readings;
+  Push(meter, {Impulse(3840, 1919, -0.5F), Impulse(3840, 1920, 0.25F)}, 48000, 0, readings);
+  ASSERT_EQ(readings.size(), 2U);
+  EXPECT_EQ(readings[0].duration, 400'000);
+  EXPECT_EQ(readings[0].levels.channelCount, 2);
+  EXPECT_EQ(readings[1].levels.peaks[0], 500);
+  EXPECT_EQ(Summary(readings), (std::vector<std::array<Time, 3>>{{0, 500, 0}, {400'000, 0, 250}}));
+}
+
+TEST(LevelMeter, DoesNotDependOnHowTheSamplesAreCut) {
+  std::vector<float> audio(44100);
+  for (std::size_t i = 0; i < audio.size(); ++i) {
+    audio[i] = static_cast<float>(std::sin(0.05 * static_cast<double>(i)) * static_cast<double>(i) /
+                                  44100.0);
+  }
+  const auto measure = [&](std::size_t piece) {
+    LevelMeter::Settings settings;
+    settings.frameRate = {30000, 1001};
+    LevelMeter meter(settings);
+    Readings readings;
+    for (std::size_t at = 0; at < audio.size(); at += piece) {
+      const std::size_t end = std::min(at + piece, audio.size());
+      // Rounded down, as a decoder's timestamps are.
+      Push(meter, {{audio.begin() + static_cast<long>(at), audio.begin() + static_cast<long>(end)}},
+           44100, static_cast<Time>(at) * kSecond / 44100, readings);
+    }
+    meter.Finish([&](const LevelMeter::Reading& reading) { readings.push_back(reading); });
+    return readings;
+  };
+  const Readings whole = measure(audio.size());
+  EXPECT_EQ(whole.size(), 30U);
+  for (const std::size_t piece : {std::size_t{1024}, std::size_t{441}, std::size_t{7}}) {
+    const Readings cut = measure(piece);
+    ASSERT_EQ(cut.size(), whole.size()) << piece;
+    for (std::size_t i = 0; i < cut.size(); ++i) {
+      EXPECT_EQ(cut[i].start, whole[i].start);
+      // A sample on the border may be counted to either side by the rounding of a timestamp.
+      EXPECT_NEAR(cut[i].levels.levels[0], whole[i].levels.levels[0], 2) << piece << " " << i;
+    }
+  }
+}
+
+TEST(LevelMeter, HoldsAPeakAndThenLetsItFall) {
+  LevelMeter::Settings settings;
+  settings.peakHold = kSecond;
+  settings.peakFall = 20.0;
+  LevelMeter meter(settings);
+  Readings readings;
+  Push(meter, {Impulse(3 * 48000, 10, 1.0F)}, 48000, 0, readings);
+  ASSERT_EQ(readings.size(), 75U);
+  EXPECT_EQ(readings[25].levels.peaks[0], 1000);
+  EXPECT_LT(readings[26].levels.peaks[0], 1000);
+  EXPECT_NEAR(readings[50].levels.peaks[0], 100, 5);  // a second later, 20 dB less
+  // A louder audio is the new peak at once.
+  Push(meter, {Impulse(1920, 0, 0.8F)}, 48000, 3 * kSecond, readings);
+  EXPECT_EQ(readings.back().levels.peaks[0], 800);
+}
+
+TEST(LevelMeter, StartsAgainWhenTheChannelCountChangesAndMeasuresTenAtMost) {
+  LevelMeter meter({});
+  Readings readings;
+  Push(meter, {Impulse(960, 0, 0.9F)}, 48000, 0, readings);
+  EXPECT_TRUE(readings.empty());
+  Push(meter, std::vector<std::vector<float>>(16, Impulse(960, 0, 0.1F)), 48000, 200'000, readings);
+  ASSERT_EQ(readings.size(), 2U);
+  EXPECT_EQ(readings[0].levels.channelCount, 1);
+  EXPECT_EQ(readings[0].levels.levels[0], 900);
+  EXPECT_EQ(readings[1].levels.channelCount, 10);
+  EXPECT_EQ(readings[1].levels.peaks[0], 100);
+}
+
+TEST(LevelMeter, SurvivesBrokenSamplesGapsAndStepsBack) {
+  LevelMeter meter({});
+  Readings readings;
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  const float infinity = std::numeric_limits<float>::infinity();
+  Push(meter, {{nan, 0.5F, nan}, {infinity, 0.0F, 0.0F}}, 48000, 0, readings);
+  Push(meter, {{0.25F}, {0.25F}}, 48000, 10 * kSecond, readings);
+  Push(meter, {{0.75F}, {0.0F}}, 48000, 9 * kSecond, readings);
+  meter.Finish([&](const LevelMeter::Reading& reading) { readings.push_back(reading); });
+  EXPECT_EQ(Summary(readings),
+            (std::vector<std::array<Time, 3>>{{0, 500, 1'000'000}, {10 * kSecond, 750, 250}}));
+}
+
+TEST(SamplePlanes, KeepTheChannelsApart) {
+  const ffmpeg::Frame frame = ffmpeg::MakeFrame();
+  frame->format = AV_SAMPLE_FMT_S16;
+  frame->nb_samples = 2;
+  frame->sample_rate = 48000;
+  av_channel_layout_default(&frame->ch_layout, 2);
+  ASSERT_GE(av_frame_get_buffer(frame.get(), 0), 0);
+  std::ranges::copy(std::array<std::int16_t, 4>{-32768, 16384, 8192, 0},
+                    reinterpret_cast<std::int16_t*>(frame->data[0]));
+  SamplePlanes planes;
+  const auto converted = planes.Convert(*frame);
+  ASSERT_EQ(converted.size(), 2U);
+  EXPECT_EQ((std::vector<float>{converted[0], converted[0] + 2}), (std::vector{-1.0F, 0.25F}));
+  EXPECT_EQ((std::vector<float>{converted[1], converted[1] + 2}), (std::vector{0.5F, 0.0F}));
+}
 
 // A clip with audio of this kind, read whole through a path.
 class AudioPassthroughTest : public testing::Test {

@@ -1,11 +1,13 @@
-#include "host/config/wall_reader.h"
-
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "host/config/layout.h"
+#include "host/config/value_text.h"
+#include "host/config/wall_reader.h"
 #include "tests/support/temporary_folder.h"
 
 namespace host::config {
@@ -15,14 +17,16 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
-// "line:column: severity: message" of every diagnostic of a text.
-std::vector<std::string> Complaints(const std::string& text) {
-  std::vector<std::string> complaints;
-  const WallFile file = ParseWall(text, "/walls");
+// "line:column: severity: message" of every diagnostic.
+std::vector<std::string> Texts(const WallFile& file) {
+  std::vector<std::string> texts;
   for (const Diagnostic& diagnostic : file.diagnostics.all()) {
-    complaints.push_back(ToText(diagnostic, "w"));
+    texts.push_back(ToText(diagnostic, "w"));
   }
-  return complaints;
+  return texts;
+}
+std::vector<std::string> Complaints(const std::string& text) {
+  return Texts(ParseWall(text, "/walls"));
 }
 
 constexpr const char* kChannel = "[[channel]]\nsource = 'udp://239.1.1.1:1'\n";
@@ -63,10 +67,8 @@ syslog = "[::1]:5514"
 perf_period = "500 ms"
 )");
   const WallFile file = ReadWall(folder / "wall.toml");
-  ASSERT_EQ(file.diagnostics.all().size(), 1U);
-  EXPECT_EQ(
-      ToText(file.diagnostics.all()[0], "w"),
-      "w:15:14: warning: \"label_file\" names no file yet: " + (folder / "title.txt").string());
+  EXPECT_THAT(Texts(file), ElementsAre("w:15:14: warning: \"label_file\" names no file yet: " +
+                                       (folder / "title.txt").string()));
   const Wall& wall = file.wall;
   EXPECT_EQ(wall.canvas.frameRate, (Ratio{30000, 1001}));
   EXPECT_EQ(wall.canvas.aspect, (Ratio{16, 9}));
@@ -75,23 +77,19 @@ perf_period = "500 ms"
   const Channel& channel = wall.channels.at(0);
   EXPECT_EQ(channel.source, folder / "one.mp4");
   EXPECT_EQ(channel.window, (Window{-10, 4, 640, 360}));
-  EXPECT_EQ(channel.options.colour, "#80FF0000");
-  EXPECT_EQ(channel.options.deinterlace, DeinterlaceMode::kFields);
-  EXPECT_EQ(channel.options.hold, 250 * kMillisecond);
-  EXPECT_FALSE(channel.options.audio.meter);
-  EXPECT_EQ(channel.options.audio.track, 2U);
-  EXPECT_EQ(channel.options.alarm.silence.level, -40.5);
-  EXPECT_EQ(channel.options.alarm.silence.setAfter, 3 * kSecond);
-  EXPECT_FALSE(channel.options.alarm.loss.enabled);
-  EXPECT_EQ(channel.options.options.at("a"), "1");
-  EXPECT_EQ(channel.options.options.at("b"), "1");
+  const ChannelOptions& options = channel.options;
+  EXPECT_EQ(
+      std::tie(options.colour, options.deinterlace, options.hold, options.audio.meter,
+               options.audio.track, options.alarm.loss.enabled),
+      std::tuple("#80FF0000", DeinterlaceMode::kFields, 250 * kMillisecond, false, 2U, false));
+  EXPECT_EQ(std::tie(options.alarm.silence.level, options.alarm.silence.setAfter),
+            std::tuple(-40.5, 3 * kSecond));
+  EXPECT_THAT(options.options, ElementsAre(std::pair("a", "1"), std::pair("b", "1")));
   EXPECT_EQ(wall.outputs.at(0).url, folder / "out.mkv");
   EXPECT_EQ(wall.outputs.at(0).bitRate, 6'000'000);
   EXPECT_EQ(wall.outputs.at(1).url, "-");
-  EXPECT_EQ(wall.log.file, folder / "logs/wall.log");
-  EXPECT_EQ(wall.log.size, 65536);
-  EXPECT_EQ(wall.log.syslog, (Endpoint{"::1", 5514}));
-  EXPECT_EQ(wall.log.perfPeriod, kSecond / 2);
+  EXPECT_EQ(std::tie(wall.log.file, wall.log.size, wall.log.perfPeriod, wall.log.syslog),
+            std::tuple(folder / "logs/wall.log", 65536, kSecond / 2, Endpoint{"::1", 5514}));
   EXPECT_EQ(ReadWall(folder / "none.toml").diagnostics.all().at(0).message,
             "cannot be read: No such file or directory");
 }
@@ -117,6 +115,9 @@ selekted = true
 format = "mpegts"
 bitrate = "fast"
 [outputs]
+[log]
+PERF_FILE = 1
+bandwidth = 2
 )"),
       ElementsAre(
           "w:2:1: error: [wall] has no key \"widht\"; did you mean \"width\"?",
@@ -139,7 +140,10 @@ bitrate = "fast"
           "w:16:1: error: output 1 has no \"url\": a file or a URL",
           "w:18:11: error: \"bitrate\" must be bits per second from 10k to 1000M: 6000000, "
           "\"800k\" or \"6M\"",
-          "w:19:2: error: a wall file has no key \"outputs\"; did you mean \"output\"?"));
+          "w:19:2: error: a wall file has no key \"outputs\"; did you mean \"output\"?",
+          "w:21:1: error: [log] has no key \"PERF_FILE\"; did you mean \"perf_file\"?",
+          "w:22:1: error: [log] has no key \"bandwidth\"; it knows level, file, size, syslog, "
+          "perf_file, perf_period"));
 }
 
 TEST(WallReader, ReportsMistakesOfTheSyntaxAndReadsOn) {
@@ -223,6 +227,68 @@ perf_file = "a"
                           HasSubstr("w:7:8: error: \"size\" must be a number of bytes"),
                           HasSubstr("w:8:10: error: \"syslog\" must be HOST:PORT"),
                           HasSubstr("w:9:13: error: \"perf_file\" is the file of the messages")));
+}
+
+TEST(Layout, KeepsWindowsAndLabelsApartInsideTheCanvasForEveryCount) {
+  for (const auto& [width, height] :
+       {std::pair{1920, 1080}, {3840, 2160}, {720, 576}, {1080, 1920}}) {
+    Canvas canvas;
+    canvas.width = width;
+    canvas.height = height;
+    canvas.aspect = Reduced(Ratio{width, height});
+    for (std::size_t count = 1; count <= kMaxChannels; ++count) {
+      const auto windows = LayOutWindows(canvas, {}, count, true);
+      ASSERT_TRUE(windows) << width << " " << count;
+      ASSERT_EQ(windows->size(), count);
+      for (std::size_t i = 0; i < count; ++i) {
+        const Window& window = (*windows)[i];
+        EXPECT_TRUE(window.x % 2 == 0 && window.y % 2 == 0 && window.width % 2 == 0 &&
+                    window.height % 2 == 0);
+        EXPECT_GE(window.x, 0);
+        EXPECT_GE(window.y, 0);
+        EXPECT_LT(window.x + window.width, width);
+        EXPECT_LE(window.y + window.height + LabelRoom(height), height);
+        for (std::size_t j = 0; j < i; ++j) {
+          const Window& other = (*windows)[j];
+          EXPECT_TRUE(other.x + other.width <= window.x || window.x + window.width <= other.x ||
+                      other.y + other.height + LabelRoom(height) <= window.y)
+              << i << " " << j;
+        }
+      }
+    }
+  }
+}
+
+TEST(Layout, FollowsItsRules) {
+  Canvas canvas;
+  LayoutRules rules;
+  rules.gap = rules.margin = rules.labelRoom = 0;
+  EXPECT_EQ(LayOutWindows(canvas, rules, 4, true)->at(3).width, 958) << "the largest";
+  rules.columns = 3;
+  rules.windowAspect = Ratio{4, 3};
+  const auto windows = LayOutWindows(canvas, rules, 5, false);
+  ASSERT_TRUE(windows);
+  EXPECT_EQ((*windows)[0].y, (*windows)[2].y);
+  EXPECT_LT((*windows)[2].y, (*windows)[3].y);
+  EXPECT_NEAR((*windows)[0].width * 3.0 / 4.0, (*windows)[0].height, 2);
+
+  canvas.width = 64;
+  canvas.height = 36;
+  EXPECT_FALSE(LayOutWindows(canvas, {}, 9, true));
+}
+
+TEST(ValueText, ReadsRatesDurationsBitRatesAndColours) {
+  EXPECT_EQ(ParseFrameRate("60000/1001"), (Ratio{60000, 1001}));
+  EXPECT_EQ(ParseFrameRate("23.976"), (Ratio{24000, 1001}));
+  EXPECT_EQ(ParseFrameRate("12.5"), (Ratio{25, 2}));
+  EXPECT_EQ(ParseDuration("1.5"), 15'000'000);
+  EXPECT_EQ(ParseBitRate("2.5M"), 2'500'000);
+  EXPECT_EQ(ParseRgb("#F80"), (Rgb{255, 136, 0}));
+  EXPECT_TRUE(IsLabelColour("#8F80"));
+  EXPECT_FALSE(ParseFrameRate("25/0") || ParseFrameRate("-25") || ParseFrameRate("25 fps") ||
+               ParseAspect("16:0") || ParseDuration("5 minutes") || ParseDuration("1e400") ||
+               ParseBitRate("6m") || ParseRgb("#8F80") || IsLabelColour("#12345") ||
+               IsLabelColour("FF0000") || IsLabelColour("#GG0000"));
 }
 
 }  // namespace
