@@ -16,8 +16,8 @@ extern "C" {
 
 #include "host/channel/source/describe_media.h"
 #include "host/ffmpeg/error.h"
-#include "host/ffmpeg/mask.h"
 #include "host/ffmpeg/inputs.h"
+#include "host/ffmpeg/mask.h"
 
 namespace host {
 namespace {

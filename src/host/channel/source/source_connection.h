@@ -13,8 +13,8 @@
 #include "host/config/wall.h"
 #include "host/ffmpeg/fragmented_input.h"
 #include "host/ffmpeg/handles.h"
-#include "host/ffmpeg/io_deadline.h"
 #include "host/ffmpeg/inputs.h"
+#include "host/ffmpeg/io_deadline.h"
 
 namespace host {
 
