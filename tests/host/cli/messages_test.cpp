@@ -1,6 +1,5 @@
 // What a running wall tells persons, programs and the service manager.
 #include <array>
-#include <regex>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -221,9 +220,12 @@ TEST(ChannelBoardTest, KeepsTheStatesAndWritesEachChangeAsALine) {
   board.AudioChanged("A", {AudioState::kNoTrack, "none", kSecond});
   lines.Finish();
 
-  const std::regex time(R"("time":[^,}]*,?)");
+  std::string events = out.str();
+  for (std::size_t at = 0; (at = events.find("\"time\":")) != std::string::npos;) {
+    events.erase(at, events.find(',', at) + 1 - at);
+  }
   EXPECT_EQ(
-      std::regex_replace(out.str(), time, ""),
+      events,
       R"({"event":"channel","channel":"A","state":"held","reason":"no data for 5 s","since":12.0}
 {"event":"channel","channel":"B �","state":"live","since":1.0}
 {"event":"alarm","channel":"B �","alarm":"freeze","raised":true,"since":15.001}
