@@ -15,8 +15,8 @@ constexpr std::array<double, kDecodeSteps> kCosts{1.0, 0.95, 0.86, 0.60, 0.12};
 constexpr double kOverload = 0.92;  // of the time
 constexpr double kRelaxed = 0.65;   // expected at the lower step
 constexpr int kOverloadedUntilNext = 2;
-constexpr Time kShortestRelief = 10 * kSecond;
-constexpr Time kLongestRelief = 160 * kSecond;
+constexpr Time kMinRelief = 10 * kSecond;
+constexpr Time kMaxRelief = 160 * kSecond;
 // A lower step that lasts for that long has lasted.
 constexpr Time kLasting = 30 * kSecond;
 // Of the wall without a loss, until it asks for less.
@@ -54,7 +54,7 @@ void DecodePolicy::Opened(const Source& source, Time now) {
   most_ = DecodeStep::kKeyframesOnly;
   overloaded_ = 0;
   relaxedSince_ = framesAt_ = now;
-  relief_ = std::max(relief_, kShortestRelief);
+  relief_ = std::max(relief_, kMinRelief);
 }
 
 void DecodePolicy::FollowLoad(Time now, double busy) {
@@ -67,12 +67,15 @@ void DecodePolicy::FollowLoad(Time now, double busy) {
     own_ = std::max(own_, static_cast<int>(step_)) + 1;
     own_ = std::min(own_, kMax);
     if (wasLowered_ && now - loweredAt_ < kLasting) {
-      relief_ = std::min(2 * relief_, kLongestRelief);
+      relief_ = std::min(2 * relief_, kMaxRelief);
     }
     wasLowered_ = false;
     return;
   }
   overloaded_ = 0;
+  if (wasLowered_ && now - loweredAt_ >= kLasting) {
+    relief_ = kMinRelief;
+  }
   if (own_ == 0) {
     return;
   }
@@ -84,9 +87,6 @@ void DecodePolicy::FollowLoad(Time now, double busy) {
     --own_;
     relaxedSince_ = loweredAt_ = now;
     wasLowered_ = true;
-  }
-  if (wasLowered_ && now - loweredAt_ >= kLasting) {
-    relief_ = kShortestRelief;
   }
 }
 

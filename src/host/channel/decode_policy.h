@@ -70,7 +70,7 @@ class DecodePolicy {
 
   explicit DecodePolicy(config::Decode setting) : setting_(setting) {}
 
-  // A source was opened; what was learnt of the one before is forgotten.
+  // A source was opened. What the load asks for stays: it is that of the machine.
   void Opened(const Source& source, Time now);
   // True when the step has changed. now: of a clock that runs evenly, from call to call 0.5 s to
   // 2 s later.

@@ -10,7 +10,7 @@
 
 namespace host::cli {
 
-// Writes lines to a stream from a thread of its own, so that whoever reads them slowly holds up
+// Writes lines to a stream from a thread of its own, so that a slow reader holds up
 // nobody: of the lines that wait, the oldest are dropped then, and the next line that is written
 // says how many. A stream that failed is tried again with each line. Any thread adds lines.
 class JsonLines {

@@ -85,10 +85,10 @@ AudioDescription Describe(const AudioFormat& format);
 // packet without one.
 std::uint32_t AdtsHeader(const AVPacket& packet);
 
-// The format of a channel's track, decided once for a whole run by whoever has to know it first:
-// the channel when its source is open, or an output that can wait no longer and begins. What the
-// channel sends afterwards is in this format, however its source changes. Shared by the channel and
-// the outputs; any thread, one lock.
+// The format of a channel's track, decided once for a whole run by the one that has to know it
+// first: the channel when its source is open, or an output that can wait no longer and begins. What
+// the channel sends afterwards is in this format, however its source changes. Shared by the channel
+// and the outputs; any thread, one lock.
 class AudioTrack {
  public:
   // The proposed format if nothing was decided before, otherwise what was.

@@ -110,7 +110,7 @@ bool FeedPin::Send(std::span<const std::uint8_t> bytes, Time start, Time stop,
   }
   std::memcpy(buffer, bytes.data(), bytes.size());
   sample->SetSyncPoint(TRUE);
-  // Whoever moves the sample to another clock leaves these as they are.
+  // They stay as they are when the sample is moved to another clock.
   LONGLONG mediaStart = start;
   LONGLONG mediaStop = stop;
   sample->SetMediaTime(&mediaStart, &mediaStop);

@@ -1,4 +1,4 @@
-// Ends a blocking call of FFmpeg when its time is over or its caller is told to stop.
+// Ends a blocking call of FFmpeg when its time is over or its caller is cancelled.
 #pragma once
 
 #include <atomic>

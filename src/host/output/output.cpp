@@ -286,7 +286,7 @@ void Output::TakeAudio(std::size_t channel, const AVPacket& packet, Time shift) 
   ++writer_->counters.of(static_cast<int>(channel)).received;
   TrackPacket item{static_cast<int>(channel), ffmpeg::RefPacket(packet), shift};
   if (!writer_->settings.live) {
-    // Whoever drives the wall waits for room.
+    // The wall itself waits for room.
     writer_->queue.Push(std::move(item));
   } else if (writer_->queue.PushDropping(std::move(item)) == PacketQueue::Pushed::kOverflowed) {
     writer_->NoteOverflow();

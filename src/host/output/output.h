@@ -40,7 +40,7 @@ class OutputWriter;
 // Takes the packets of the mosaic and of all channels' audio into a bounded queue; its thread opens
 // the file or connection and writes. Live, nobody ever waits for it: when its consumer is slow, the
 // oldest GOP that waits is dropped and reported to the logger as a full buffer; when
-// it fails, it is opened again after a growing delay. Rendering, whoever fills it waits for room,
+// it fails, it is opened again after a growing delay. Rendering, the caller waits for room,
 // and a failure is permanently.
 //
 // Threads: TakeVideo is the encoder's, TakeAudio the channels' streaming threads', Finish and the

@@ -58,7 +58,7 @@ OutputSet::~OutputSet() {
 }
 
 void OutputSet::Add(const Item& item, const Settings& settings) {
-  // What is wrong permanently is told before the wall starts.
+  // What is wrong permanently is reported before the wall starts.
   const AVOutputFormat* const container = FindContainer(item.muxer.format, item.muxer.url);
   const AVCodec* const codec = FindVideoEncoder(item.encoder.codec);
   if (container == nullptr) {

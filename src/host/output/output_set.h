@@ -17,7 +17,7 @@ namespace host {
 // Makes one encoder for all outputs that want the same and hands it every frame; the outputs get
 // the encoders' packets and all channels' audio. None of them disturbs another, nor the wall.
 //
-// Owned by whoever runs the wall. Take is the composition thread's, TakeAudio the channels'
+// Owned by the wall's session. Take is the composition thread's, TakeAudio the channels'
 // streaming threads'; both return at once. The rest is the application's.
 class OutputSet {
  public:

@@ -13,8 +13,8 @@
 
 namespace host {
 
-// Hands every composed frame on by reference. Delivery holds the composer's lock: whoever takes
-// the frame returns at once and leaves the pixels as they are.
+// Hands every composed frame on by reference. Delivery holds the composer's lock: the one that
+// takes the frame returns at once and leaves the pixels as they are.
 class CompositionSink final : public CBaseFilter {
  public:
   // Called on the composition thread while the graph is active; start on the wall's clock.

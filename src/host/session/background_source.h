@@ -20,8 +20,8 @@ namespace host {
 
 // A frame is dealt with when it has come out of the composer, or when its buffer has come back
 // because the frame was dropped. One frame is watched at a time. The driver expects and waits; the
-// composition thread and whoever releases buffers report. Any thread may ask how long the frames
-// took.
+// composition thread and the threads that release buffers report. Any thread may ask how long the
+// frames took.
 class FrameWatch {
  public:
   // From going into the composer to coming out of it.

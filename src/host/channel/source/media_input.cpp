@@ -54,7 +54,7 @@ struct ReplacementInput::State {
 
 ReplacementInput::ReplacementInput(Settings settings)
     : state_(std::make_shared<State>(State{std::move(settings)})),
-      thread_([state = state_] { Run(*state); }, "successor") {}
+      thread_([state = state_] { Run(*state); }, "replacement") {}
 
 ReplacementInput::~ReplacementInput() {
   if (state_->deadline) {
