@@ -1,13 +1,14 @@
 #include "host/cli/wall_status.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 
 #include <nlohmann/json.hpp>
 
-#include "platform/os/system_time.h"
 #include "util/text_codecs.h"
+#include "util/time_text.h"
 
 namespace host::cli {
 
@@ -60,11 +61,7 @@ void Add(DecodeStep step, const std::string& reason, Json& json) {
 }  // namespace
 
 std::string TimestampUtc() {
-  const os::SystemTime now = os::CurrentSystemTime();
-  char text[64];
-  std::snprintf(text, sizeof(text), "%04u-%02u-%02uT%02u:%02u:%02u.%03uZ", now.year, now.month,
-                now.day, now.hour, now.minute, now.second, now.milliseconds);
-  return text;
+  return qorp::TimestampUtc(std::chrono::system_clock::now());
 }
 
 double SecondsOf(Time time) {

@@ -6,6 +6,7 @@
 #include "host/config/sections.h"
 #include "host/config/url.h"
 #include "host/config/value_text.h"
+#include "host/config/wall_reader.h"
 
 namespace host::config {
 
@@ -156,6 +157,7 @@ std::optional<Window> ReadWindow(TableReader& reader) {
   return window;
 }
 
+// What is not given stays as it is.
 void ReadLabel(TableReader& reader, const FileContext& context, const std::string& name,
                Label& label) {
   const auto text = reader.Text("label");
@@ -168,8 +170,8 @@ void ReadLabel(TableReader& reader, const FileContext& context, const std::strin
         reader.Find("label_file") != nullptr ? "label_file" : "label_service";
     reader.Error(second, "cannot be given together with another source of the label");
   }
-  label.text = name;
   if (file) {
+    label.text = name;
     label.source = Label::Source::kFile;
     label.file = ResolvePath(*file, context);
     std::error_code ignored;
@@ -177,6 +179,7 @@ void ReadLabel(TableReader& reader, const FileContext& context, const std::strin
       reader.Warning("label_file", "names no file yet: " + label.file.string());
     }
   } else if (service == true) {
+    label.text = name;
     label.source = Label::Source::kService;
   } else if (text) {
     label.source = text->empty() ? Label::Source::kNone : Label::Source::kText;
@@ -188,7 +191,7 @@ void ReadSource(TableReader& reader, const FileContext& context, Channel& channe
   constexpr const char* kKey = "source";
   const auto source = reader.FilledText(kKey);
   if (!source) {
-    if (reader.Find(kKey) == nullptr && context.complete) {
+    if (reader.Find(kKey) == nullptr && context.complete && channel.source.empty()) {
       reader.diagnostics().Error(reader.position(),
                                  reader.title() + " has no \"source\": a file or a URL");
     }
@@ -248,20 +251,32 @@ void ReadChannelOptions(TableReader& reader, ChannelOptions& options) {
   }
 }
 
-ChannelEntry ReadChannel(TableReader& reader, const FileContext& context, std::size_t number,
-                         const ChannelOptions& defaults) {
+Channel NewChannel(std::size_t number, const ChannelOptions& defaults) {
+  Channel channel;
+  channel.name = "Channel " + std::to_string(number);
+  channel.label.text = channel.name;
+  channel.options = defaults;
+  return channel;
+}
+
+ChannelEntry ReadChannel(TableReader& reader, const FileContext& context, Channel base) {
   ChannelEntry entry;
   entry.position = reader.position();
+  entry.channel = std::move(base);
   Channel& channel = entry.channel;
-  channel.options = defaults;
   ReadSource(reader, context, channel);
   const auto name = reader.FilledText("name");
   entry.named = name.has_value();
   entry.namePosition = reader.PositionOf("name");
-  channel.name = name.value_or("Channel " + std::to_string(number));
+  const bool isLabelledByName =
+      channel.label.source == Label::Source::kText && channel.label.text == channel.name;
+  channel.name = name.value_or(channel.name);
+  if (isLabelledByName) {
+    channel.label.text = channel.name;
+  }
   entry.window = ReadWindow(reader);
   entry.windowPosition = reader.PositionOf("window");
-  channel.selected = reader.Boolean("selected").value_or(false);
+  channel.selected = reader.Boolean("selected").value_or(channel.selected);
   ReadLabel(reader, context, channel.name, channel.label);
   ReadChannelOptions(reader, channel.options);
   channel.places = reader.AllPlaces();

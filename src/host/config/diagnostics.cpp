@@ -9,12 +9,12 @@
 
 namespace host::config {
 
-void Diagnostics::Error(Position position, std::string message) {
-  all_.push_back({Diagnostic::Severity::kError, position, std::move(message)});
+void Diagnostics::Error(Position position, std::string message, std::string key) {
+  all_.push_back({Diagnostic::Severity::kError, position, std::move(message), std::move(key)});
 }
 
-void Diagnostics::Warning(Position position, std::string message) {
-  all_.push_back({Diagnostic::Severity::kWarning, position, std::move(message)});
+void Diagnostics::Warning(Position position, std::string message, std::string key) {
+  all_.push_back({Diagnostic::Severity::kWarning, position, std::move(message), std::move(key)});
 }
 
 void Diagnostics::Note(Position position, std::string message) {

@@ -16,6 +16,7 @@ namespace host::config {
 struct Position {
   std::size_t line = 1;
   std::size_t column = 1;
+  bool operator==(const Position&) const = default;
 };
 
 struct Diagnostic {
@@ -27,17 +28,21 @@ struct Diagnostic {
   Severity severity = Severity::kError;
   Position position;
   std::string message;
+  std::string key{};  // whose value it is about, where that is known
 };
 
 // The positions of the keys of a table in the file: key to position, "options.KEY" for those of its
-// table of options. Empty for what no file gives.
-using Places = std::map<std::string, Position, std::less<>>;
+// table of options. Empty for what no file gives. Settings that differ in nothing else are equal.
+struct Places : std::map<std::string, Position, std::less<>> {
+  using map::map;
+  bool operator==(const Places&) const { return true; }
+};
 
 // All mistakes of one file, collected by its reader.
 class Diagnostics {
  public:
-  void Error(Position position, std::string message);
-  void Warning(Position position, std::string message);
+  void Error(Position position, std::string message, std::string key = {});
+  void Warning(Position position, std::string message, std::string key = {});
   void Note(Position position, std::string message);
   void Add(Diagnostic diagnostic) { all_.push_back(std::move(diagnostic)); }
 

@@ -10,19 +10,34 @@
 
 namespace host::config {
 
-struct LayoutRules {
-  std::optional<int> columns;    // none: as many as give the largest windows
-  std::optional<int> gap;        // pixels between windows; none: a ninetieth of the canvas's height
-  std::optional<int> margin;     // pixels around them all; none: twice that
-  std::optional<int> labelRoom;  // pixels under each window; none: LabelRoom, or 0 without labels
-  std::optional<Ratio> windowAspect;  // as shown; none: that of the canvas
-};
-
 // Windows of one size in rows, from the top left, in the order of the channels; each is centred in
-// its cell with the lines for its label under it. Sizes and places are even, and every window keeps
-// at least two pixels away from the right and bottom edges of the canvas, so that each may be
-// selected. Nothing when the windows would be smaller than 16x16.
+// its cell with the lines for its label under it, and so is the last row, if it is not full. Sizes
+// and places are even, and every window keeps at least two pixels away from the right and bottom
+// edges of the canvas, so that each may be selected. Nothing when the windows would be smaller than
+// 16x16.
 std::optional<std::vector<Window>> LayOutWindows(const Canvas& canvas, const LayoutRules& rules,
                                                  std::size_t count, bool labels);
+
+// The layouts that every wall has: "1", "2x2" to "6x6", "1+5", "1+7" and "2+8" (large windows, then
+// small ones).
+const std::vector<std::string>& BuiltInLayouts();
+
+// A label, a file name and a part of a URL: up to 64 letters, digits, blanks, "_-+.".
+bool IsLayoutName(const std::string& name);
+// Of those that every wall has, or one of the names that mean something else: "file", "auto",
+// "solo".
+bool IsReservedLayout(const std::string& name);
+
+// The places of a built-in layout, in the order in which channels fill them, with the same
+// properties as above. Nothing for another name, and when a window would be smaller than 16x16.
+std::optional<std::vector<Window>> BuiltInPlaces(const std::string& name, const Canvas& canvas,
+                                                 const LayoutRules& rules, bool labels);
+
+// One window that is as large as the canvas allows with the label's room under it.
+Window SoloWindow(const Canvas& canvas, const LayoutRules& rules, bool label);
+
+// Lies inside the canvas, a pixel away from its right and bottom edges at least: its selection
+// border can be drawn.
+bool CanBeSelected(const Window& window, const Canvas& canvas);
 
 }  // namespace host::config

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "host/config/layout.h"
 #include "host/config/table_reader.h"
@@ -22,13 +23,13 @@ std::string ResolveSource(const std::string& source, const FileContext& context)
 std::filesystem::path ResolvePath(const std::string& path, const FileContext& context);
 
 // [wall]
-void ReadCanvas(TableReader& reader, const FileContext& context, Canvas& canvas,
-                LayoutRules& rules);
+void ReadCanvas(TableReader& reader, const FileContext& context, Wall& wall);
 
 // [defaults] and what a channel shares with it.
 void ReadChannelOptions(TableReader& reader, ChannelOptions& options);
 
-// [[channel]]; number counts from 1. The window is set when the file gives one.
+// [[channel]], or the keys of one that change. The window is set when it is given; everything else
+// that is not given is as in base, whose source may be empty for a new channel.
 struct ChannelEntry {
   Channel channel;
   std::optional<Window> window;
@@ -37,8 +38,10 @@ struct ChannelEntry {
   Position namePosition;
   bool named = false;  // by the file
 };
-ChannelEntry ReadChannel(TableReader& reader, const FileContext& context, std::size_t number,
-                         const ChannelOptions& defaults);
+ChannelEntry ReadChannel(TableReader& reader, const FileContext& context, Channel base);
+
+// [layout.NAME], each with its windows and, if some places belong to certain channels, their names.
+std::vector<Layout> ReadLayouts(TableReader& root, const Canvas& canvas);
 
 // [log]
 void ReadLog(TableReader& reader, const FileContext& context, LogOptions& log);

@@ -63,11 +63,11 @@ Position TableReader::PositionOf(std::string_view key) const {
 }
 
 void TableReader::Error(std::string_view key, const std::string& what) {
-  diagnostics_.Error(PositionOf(key), Quoted(key) + " " + what);
+  diagnostics_.Error(PositionOf(key), Quoted(key) + " " + what, std::string(key));
 }
 
 void TableReader::Warning(std::string_view key, const std::string& what) {
-  diagnostics_.Warning(PositionOf(key), Quoted(key) + " " + what);
+  diagnostics_.Warning(PositionOf(key), Quoted(key) + " " + what, std::string(key));
 }
 
 void TableReader::WrongType(std::string_view key, const std::string& wanted,

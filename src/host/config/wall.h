@@ -32,6 +32,8 @@ struct LogOptions {
   std::optional<std::filesystem::path> perfFile;  // circular file of records; empty: none
   std::optional<Time> perfPeriod;                 // between two records
   Places places;                                  // of what a wall file gives
+
+  bool operator==(const LogOptions&) const = default;
 };
 
 inline constexpr int kHighestLogLevel = 3;
@@ -77,12 +79,35 @@ struct Window {
   bool operator==(const Window&) const = default;
 };
 
+// How windows are placed that the wall file leaves open, and those of the built-in layouts.
+struct LayoutRules {
+  std::optional<int> columns;    // none: as many as give the largest windows
+  std::optional<int> gap;        // pixels between windows; none: a 135th of the canvas's height
+  std::optional<int> margin;     // pixels around them all; none: the same
+  std::optional<int> labelRoom;  // pixels under each window; none: LabelRoom, or 0 without labels
+  std::optional<Ratio> windowAspect;  // as shown; none: that of the canvas
+  bool operator==(const LayoutRules&) const = default;
+};
+
+// Places for the channels of a wall, under a name.
+struct Layout {
+  struct Place {
+    Window window;
+    std::string channel;  // that is shown there; empty: the next one in order
+    bool operator==(const Place&) const = default;
+  };
+  std::string name;
+  std::vector<Place> places;
+  bool operator==(const Layout&) const = default;
+};
+
 struct Background {
   enum class Kind { kColour, kGradient, kPicture };
   Kind kind = Kind::kGradient;
   Rgb top{0x1B, 0x22, 0x2B};     // the colour, or the gradient's upper end
   Rgb bottom{0x0A, 0x0D, 0x11};  // the gradient's lower end
   std::filesystem::path picture;
+  bool operator==(const Background&) const = default;
 };
 
 struct Canvas {
@@ -95,6 +120,7 @@ struct Canvas {
   Time preroll = 0;     // period of the frames that are marked as preroll; 0: none
   Places places;
 
+  bool operator==(const Canvas&) const = default;
   // Width to height of one pixel, reduced.
   Ratio pixelAspect() const {
     const qorp::WideRatio shape = qorp::PixelAspect(width, height, aspect);
@@ -112,6 +138,7 @@ struct Label {
   Source source = Source::kText;
   std::string text;            // kText; for kService what is shown until the name is known
   std::filesystem::path file;  // kFile
+  bool operator==(const Label&) const = default;
 };
 
 // How much of a live channel's video is decoded; see DecodePolicy.
@@ -130,6 +157,7 @@ struct AudioOptions {
   std::size_t track =
       0;  // counted from 1; 0: chosen by language, otherwise the source's first choice
   std::string language;  // ISO 639; chooses the track, and names it where the source does not
+  bool operator==(const AudioOptions&) const = default;
 };
 
 enum class AlarmKind { kLoss, kBlack, kFreeze, kSilence, kClipping };
@@ -147,6 +175,7 @@ struct Alarm {
   double level = 0;  // see AlarmOptions
   Time setAfter = 0;
   Time clearAfter = kSecond;
+  bool operator==(const Alarm&) const = default;
 };
 
 struct AlarmOptions {
@@ -161,6 +190,7 @@ struct AlarmOptions {
     const std::array<const Alarm*, kAlarmKinds> all{&loss, &black, &freeze, &silence, &clipping};
     return *all[static_cast<std::size_t>(kind)];
   }
+  bool operator==(const AlarmOptions&) const = default;
 };
 
 // What may also be set for all channels at once.
@@ -177,6 +207,7 @@ struct ChannelOptions {
   AudioOptions audio;
   AlarmOptions alarm;
   std::map<std::string, std::string> options;  // of FFmpeg's protocol and container
+  bool operator==(const ChannelOptions&) const = default;
 };
 
 struct Channel {
@@ -187,6 +218,7 @@ struct Channel {
   Label label;
   ChannelOptions options;
   Places places;
+  bool operator==(const Channel&) const = default;
 };
 
 struct Output {
@@ -206,6 +238,7 @@ struct Output {
   std::int64_t segmentSize = 0;                // bytes, likewise
   std::map<std::string, std::string> options;  // of FFmpeg's container and protocol
   Places places;
+  bool operator==(const Output&) const = default;
 };
 
 struct Wall {
@@ -213,11 +246,16 @@ struct Wall {
   std::vector<Channel> channels;
   std::vector<Output> outputs;
   LogOptions log;
+  LayoutRules rules;
+  bool placesWindows = false;   // no channel gives its window: the rules place them
+  ChannelOptions defaults;      // of channels that are added
+  std::vector<Layout> layouts;  // the file's own
+  int spare = 0;                // channels that can be added while the wall runs
 };
 
 // The size in points of the labels that the composer draws on a canvas of so many lines.
 int LabelFontSize(int canvasHeight);
-// The lines of the canvas that a label takes under its window.
+// The lines of the canvas that a label of one line takes under its window.
 int LabelRoom(int canvasHeight);
 
 }  // namespace host::config

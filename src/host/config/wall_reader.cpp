@@ -127,8 +127,8 @@ std::string Numbered(const char* what, std::size_t number) {
   return std::string(what) + " " + std::to_string(number);
 }
 
-// Given windows are checked against the canvas; open ones are laid out.
-void PlaceWindows(std::vector<ChannelEntry>& entries, const Canvas& canvas,
+// Given windows are checked against the canvas; open ones are laid out. True when none is given.
+bool PlaceWindows(std::vector<ChannelEntry>& entries, const Canvas& canvas,
                   const LayoutRules& rules, Position wallPosition, Diagnostics& diagnostics) {
   const bool given = std::any_of(entries.begin(), entries.end(), [](const ChannelEntry& entry) {
     return entry.window.has_value();
@@ -144,12 +144,12 @@ void PlaceWindows(std::vector<ChannelEntry>& entries, const Canvas& canvas,
                                           std::to_string(entries.size()) +
                                           " windows; make it larger, or gap, margin and label_room "
                                           "smaller, or give each channel a window");
-      return;
+      return true;
     }
     for (std::size_t i = 0; i < entries.size(); ++i) {
       entries[i].channel.window = (*windows)[i];
     }
-    return;
+    return true;
   }
   for (ChannelEntry& entry : entries) {
     if (!entry.window) {
@@ -164,8 +164,7 @@ void PlaceWindows(std::vector<ChannelEntry>& entries, const Canvas& canvas,
       diagnostics.Warning(entry.windowPosition,
                           name + " lies outside the canvas and is never seen");
     }
-    if (entry.channel.selected &&
-        (window.x < 0 || window.y < 0 || right >= canvas.width || bottom >= canvas.height)) {
+    if (entry.channel.selected && !CanBeSelected(window, canvas)) {
       diagnostics.Error(
           entry.windowPosition,
           name +
@@ -176,6 +175,7 @@ void PlaceWindows(std::vector<ChannelEntry>& entries, const Canvas& canvas,
               std::to_string(bottom) + "); the frame of a selected window cannot be drawn there");
     }
   }
+  return false;
 }
 
 // Of two windows on one place, the later one hides the other.
@@ -222,10 +222,8 @@ void CheckWindowsGiven(const std::vector<const toml::table*>& tables,
   }
 }
 
-std::vector<Channel> ReadChannels(TableReader& root, const FileContext& context,
-                                  const ChannelOptions& defaults, const Canvas& canvas,
-                                  const LayoutRules& rules, Position wallPosition,
-                                  Diagnostics& diagnostics) {
+void ReadChannels(TableReader& root, const FileContext& context, const ChannelOptions& defaults,
+                  Position wallPosition, Wall& wall, Diagnostics& diagnostics) {
   const std::vector<const toml::table*> tables = root.Tables("channel");
   if (root.Find("channel") == nullptr && context.complete) {
     diagnostics.Error(wallPosition, "the wall has no channel; each is a [[channel]] with a source");
@@ -238,22 +236,25 @@ std::vector<Channel> ReadChannels(TableReader& root, const FileContext& context,
   std::vector<ChannelEntry> entries;
   for (std::size_t i = 0; i < tables.size(); ++i) {
     TableReader reader(*tables[i], Numbered("channel", i + 1), diagnostics);
-    entries.push_back(ReadChannel(reader, context, i + 1, defaults));
+    entries.push_back(ReadChannel(reader, context, NewChannel(i + 1, defaults)));
   }
   CheckNames(entries, diagnostics);
   if (!entries.empty() && entries.size() <= kMaxChannels) {
     if (context.complete) {
       CheckWindowsGiven(tables, entries, diagnostics);
     }
-    PlaceWindows(entries, canvas, rules, wallPosition, diagnostics);
+    wall.placesWindows = PlaceWindows(entries, wall.canvas, wall.rules, wallPosition, diagnostics);
     CheckOverlaps(entries, diagnostics);
   }
-  std::vector<Channel> channels;
-  channels.reserve(entries.size());
   for (ChannelEntry& entry : entries) {
-    channels.push_back(std::move(entry.channel));
+    wall.channels.push_back(std::move(entry.channel));
   }
-  return channels;
+  const std::size_t slots = wall.channels.size() + static_cast<std::size_t>(wall.spare);
+  if (tables.size() <= kMaxChannels && slots > kMaxChannels) {
+    diagnostics.Error(wall.canvas.places.at("spare"),
+                      "\"spare\" and the channels of the file are " + std::to_string(slots) +
+                          " together; a wall has at most " + std::to_string(kMaxChannels));
+  }
 }
 
 }  // namespace
@@ -273,21 +274,20 @@ WallFile ParseWall(const std::string& text, const std::filesystem::path& folder)
   if (toml.table) {
     const FileContext context{folder, toml.complete};
     TableReader root(*toml.table, "a wall file", file.diagnostics);
-    LayoutRules rules;
     Position wallPosition;
     if (const toml::table* wall = root.Table("wall")) {
       wallPosition = PositionOf(*wall);
       TableReader reader(*wall, "[wall]", file.diagnostics);
-      ReadCanvas(reader, context, file.wall.canvas, rules);
+      ReadCanvas(reader, context, file.wall);
     }
-    ChannelOptions defaults;
+    ChannelOptions& defaults = file.wall.defaults;
     if (const toml::table* table = root.Table("defaults")) {
       TableReader reader(*table, "[defaults]", file.diagnostics);
       ReadChannelOptions(reader, defaults);
       reader.Finish();
     }
-    file.wall.channels = ReadChannels(root, context, defaults, file.wall.canvas, rules,
-                                      wallPosition, file.diagnostics);
+    ReadChannels(root, context, defaults, wallPosition, file.wall, file.diagnostics);
+    file.wall.layouts = ReadLayouts(root, file.wall.canvas);
     if (const toml::table* table = root.Table("log")) {
       TableReader reader(*table, "[log]", file.diagnostics);
       ReadLog(reader, context, file.wall.log);
@@ -301,6 +301,50 @@ WallFile ParseWall(const std::string& text, const std::filesystem::path& folder)
   }
   file.diagnostics.Sort();
   return file;
+}
+
+ChannelText ParseChannel(const std::string& text, const std::filesystem::path& folder,
+                         Channel base) {
+  ChannelText result;
+  const TomlFile toml = ParseToml(text, result.diagnostics);
+  if (toml.table) {
+    TableReader reader(*toml.table, "the channel", result.diagnostics);
+    ChannelEntry entry = ReadChannel(reader, {folder, toml.complete}, std::move(base));
+    result.channel = std::move(entry.channel);
+    result.window = entry.window;
+    result.isNamed = entry.named;
+  }
+  return result;
+}
+
+std::string QuotedToml(const std::string& text) {
+  constexpr std::string_view kHex = "0123456789ABCDEF";
+  std::string quoted = "\"";
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (c == '"' || c == '\\') {
+      quoted += '\\';
+      quoted += c;
+    } else if (byte < 0x20 || byte == 0x7F) {
+      quoted += "\\u00";
+      quoted += kHex[byte >> 4];
+      quoted += kHex[byte & 15];
+    } else {
+      quoted += c;
+    }
+  }
+  return quoted + '"';
+}
+
+LayoutsText ParseLayouts(const std::string& text, const Canvas& canvas) {
+  LayoutsText result;
+  const TomlFile toml = ParseToml(text, result.diagnostics);
+  if (toml.table) {
+    TableReader root(*toml.table, "a book of layouts", result.diagnostics);
+    result.layouts = ReadLayouts(root, canvas);
+    root.Finish();
+  }
+  return result;
 }
 
 WallFile ReadWall(const std::filesystem::path& path) {

@@ -2,7 +2,9 @@
 #pragma once
 
 #include <filesystem>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "host/config/diagnostics.h"
 #include "host/config/wall.h"
@@ -20,7 +22,31 @@ struct WallFile {
 // usable.
 WallFile ParseWall(const std::string& text, const std::filesystem::path& folder);
 
-// The same for a file. A file that cannot be read is an error at its first line.
+// What a channel is of which nothing is said; number counts from 1.
+Channel NewChannel(std::size_t number, const ChannelOptions& defaults);
+
+// A channel of a running wall, or what changes of it: the keys of a [[channel]] as TOML.
+struct ChannelText {
+  Channel channel;  // of use only without errors
+  std::optional<Window> window;
+  bool isNamed = false;
+  Diagnostics diagnostics;
+};
+// What the text does not give is as in base; the source of a new channel is empty there.
+ChannelText ParseChannel(const std::string& text, const std::filesystem::path& folder,
+                         Channel base);
+
+// Layouts that were saved while a wall was running: sections [layout.NAME], as in a wall file.
+struct LayoutsText {
+  std::vector<Layout> layouts;
+  Diagnostics diagnostics;
+};
+LayoutsText ParseLayouts(const std::string& text, const Canvas& canvas);
+
+// A text in quotes, as TOML writes it.
+std::string QuotedToml(const std::string& text);
+
+// The same as ParseWall for a file. A file that cannot be read is an error at its first line.
 WallFile ReadWall(const std::filesystem::path& file);
 
 }  // namespace host::config

@@ -134,8 +134,9 @@ std::optional<int> ReadPixels(TableReader& reader, const char* key) {
 
 }  // namespace
 
-void ReadCanvas(TableReader& reader, const FileContext& context, Canvas& canvas,
-                LayoutRules& rules) {
+void ReadCanvas(TableReader& reader, const FileContext& context, Wall& wall) {
+  Canvas& canvas = wall.canvas;
+  LayoutRules& rules = wall.rules;
   ReadSize(reader, "width", canvas.width);
   ReadSize(reader, "height", canvas.height);
   ReadFrameRate(reader, canvas.frameRate);
@@ -154,6 +155,8 @@ void ReadCanvas(TableReader& reader, const FileContext& context, Canvas& canvas,
   rules.margin = ReadPixels(reader, "margin");
   rules.labelRoom = ReadPixels(reader, "label_room");
   rules.windowAspect = ReadAspect(reader, "window_aspect");
+  wall.spare =
+      static_cast<int>(reader.Integer("spare", 0, static_cast<int>(kMaxChannels)).value_or(0));
   canvas.places = reader.AllPlaces();
   reader.Finish();
 }

@@ -43,6 +43,9 @@ std::uint32_t DeleteFile(std::string_view path);
 std::uint32_t DeleteDirectory(std::string_view path);
 // Replaces an existing file, keeps the permissions of the source.
 std::uint32_t CopyFileOver(std::string_view from, std::string_view to);
+// The file has this text afterwards, or is as it was: the text is written beside it, to the disk,
+// and takes its name then. Keeps the permissions of a file that exists. Native path.
+std::uint32_t ReplaceFile(const std::filesystem::path& path, std::string_view text);
 // Calls callback(name, isDirectory) for every entry but "." and "..", in the system's order.
 // Entries whose names hold a backslash are left out. What the callback throws passes.
 std::uint32_t ListDirectory(std::string_view path,

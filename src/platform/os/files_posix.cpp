@@ -115,6 +115,38 @@ std::uint32_t CopyFileOver(std::string_view from, std::string_view to) {
   return PathError(target, failure.value());
 }
 
+std::uint32_t ReplaceFile(const std::filesystem::path& path, std::string_view text) {
+  // A link stays, and what it points to is replaced.
+  std::error_code ignored;
+  std::filesystem::path target = std::filesystem::weakly_canonical(path, ignored);
+  target = target.empty() ? path : target;
+  const std::string partial = target.string() + ".part";
+  struct stat former {};
+  const bool exists = ::stat(target.c_str(), &former) == 0;
+  const int descriptor = ::open(partial.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  if (descriptor < 0) {
+    return PathError(partial, errno);
+  }
+  int error = exists && ::fchmod(descriptor, former.st_mode & 07777) != 0 ? errno : 0;
+  while (error == 0 && !text.empty()) {
+    const ssize_t count = ::write(descriptor, text.data(), text.size());
+    if (count >= 0) {
+      text.remove_prefix(static_cast<std::size_t>(count));
+    } else if (errno != EINTR) {
+      error = errno;
+    }
+  }
+  error = error == 0 && ::fsync(descriptor) != 0 ? errno : error;
+  ::close(descriptor);
+  if (error == 0 && ::rename(partial.c_str(), target.c_str()) != 0) {
+    error = errno;
+  }
+  if (error != 0) {
+    ::unlink(partial.c_str());
+  }
+  return SystemErrorNumber(error);
+}
+
 std::uint32_t ListDirectory(std::string_view path,
                             const std::function<void(const std::string&, bool)>& callback) {
   std::error_code failure;

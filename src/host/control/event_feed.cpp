@@ -1,0 +1,92 @@
+#include "host/control/event_feed.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace host::control {
+
+std::vector<EventFeed::Event> EventFeed::Subscription::Take() {
+  const os::MutexLock guard(lock_);
+  std::vector<Event> events(std::make_move_iterator(waiting_.begin()),
+                            std::make_move_iterator(waiting_.end()));
+  waiting_.clear();
+  bytes_ = 0;
+  return events;
+}
+
+bool EventFeed::Subscription::isDropped() const {
+  const os::MutexLock guard(lock_);
+  return dropped_;
+}
+
+bool EventFeed::Subscription::Add(const Event& event) {
+  bool wakes = false;
+  bool isDropped = false;
+  {
+    const os::MutexLock guard(lock_);
+    if (dropped_) {
+      return false;
+    }
+    wakes = waiting_.empty();
+    waiting_.push_back(event);
+    bytes_ += event.line->size();
+    if (waiting_.size() > limits_.events || bytes_ > limits_.bytes) {
+      waiting_.clear();
+      bytes_ = 0;
+      dropped_ = isDropped = wakes = true;
+    }
+  }
+  if (wakes && wake_) {
+    wake_();
+  }
+  return !isDropped;
+}
+
+void EventFeed::Publish(std::string line) {
+  // Under the lock, so that every client gets the events in their order.
+  const os::MutexLock guard(lock_);
+  const Event event{++latest_, std::make_shared<const std::string>(std::move(line))};
+  events_.push_back(event);
+  if (events_.size() > kept_) {
+    events_.pop_front();
+  }
+  std::erase_if(clients_, [&](const std::weak_ptr<Subscription>& client) {
+    const std::shared_ptr<Subscription> alive = client.lock();
+    if (alive == nullptr) {
+      return true;
+    }
+    const bool isDropped = !alive->Add(event);
+    dropped_ += isDropped ? 1 : 0;
+    return isDropped;
+  });
+}
+
+std::shared_ptr<EventFeed::Subscription> EventFeed::Subscribe(std::optional<std::uint64_t> after,
+                                                              Limits limits,
+                                                              std::function<void()> wake) {
+  const os::MutexLock guard(lock_);
+  const std::uint64_t first = events_.empty() ? latest_ + 1 : events_.front().number;
+  if (after && (*after + 1 < first || *after > latest_)) {
+    return nullptr;
+  }
+  auto client = std::make_shared<Subscription>(limits, std::move(wake));
+  for (const Event& event : events_) {
+    if (after && event.number > *after) {
+      client->Add(event);
+    }
+  }
+  clients_.push_back(client);
+  return client;
+}
+
+std::uint64_t EventFeed::latest() const {
+  const os::MutexLock guard(lock_);
+  return latest_;
+}
+
+std::uint64_t EventFeed::dropped() const {
+  const os::MutexLock guard(lock_);
+  return dropped_;
+}
+
+}  // namespace host::control

@@ -1,0 +1,107 @@
+// WallControl: the one owner of a running wall's state.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <variant>
+
+#include <nlohmann/json.hpp>
+
+#include "host/config/wall.h"
+#include "host/control/command.h"
+#include "host/control/event_feed.h"
+#include "host/control/wall_state.h"
+#include "platform/os/mutex.h"
+#include "platform/os/waitable.h"
+
+namespace host::control {
+
+// A request: one command or a list, carried out as a whole or refused as a whole.
+struct Request {
+  nlohmann::json commands;
+  std::string from;                        // who asks, for messages: "socket", "10.0.0.7", "wall file"
+  std::optional<std::uint64_t> ifVersion;  // only if the state has this version
+};
+// What became of it.
+struct Accepted {
+  std::uint64_t version = 0;  // of the state after it
+  std::int64_t frame = 0;     // the first composed frame that shows all of it
+  bool hasChanged = false;
+  nlohmann::ordered_json more = nlohmann::ordered_json::object();  // of reload: what needs a restart, ...
+};
+using Result = std::variant<Accepted, CommandError>;
+
+// What the state is carried out on.
+class WallExecutor {
+ public:
+  virtual ~WallExecutor() = default;
+  // Makes the wall as the next state says; called by the thread that runs the requests. Returns the
+  // first composed frame that shows all of it.
+  virtual std::int64_t Execute(const WallState& before, const WallState& next) = 0;
+};
+
+// Everything that wants something of a running wall (wall file, HTTP, socket, tally) puts requests
+// into one bounded queue, which the application's thread carries out one by one: against a copy of
+// the state, which becomes the state, and the wall, when every command of the request is good.
+class WallControl {
+ public:
+  struct Settings {
+    std::filesystem::path wallFile;  // empty: none to reload or save to
+    // What channels and outputs do at this moment, besides the state: merged into the channels of
+    // the snapshot by their names. {"channels":{"A":{"state":"live",...}},"frames":...}
+    std::function<nlohmann::ordered_json()> live;
+    std::function<void(const std::string&)> say;  // a message for the log
+  };
+  static constexpr std::size_t kMaxWaiting = 64;
+
+  // executor outlives it.
+  WallControl(const config::Wall& wall, WallExecutor& executor, Settings settings);
+
+  // Any thread. done: called once, by the application's thread or, when too many requests wait or
+  // the wall ends, by this one; returns at once, and may be empty.
+  void Submit(Request request, std::function<void(const Result&)> done);
+  // The whole state with what is live of it. Any thread.
+  nlohmann::ordered_json Snapshot() const;
+  std::uint64_t version() const;
+  EventFeed& events() { return events_; }
+
+  // Application's thread: carries out what waits.
+  void Run();
+  // Is signalled while something waits.
+  os::Event& waiting() { return waiting_; }
+  // Refuses what waits and what comes.
+  void Close();
+
+ private:
+  struct Waiting {
+    Request request;
+    std::function<void(const Result&)> done;
+  };
+  std::shared_ptr<const WallState> state() const;
+  Result CarryOut(const Request& request);
+  Accepted CarryOut(const Request& request, const WallState& before);
+  void Report(const Request& request, const Result& result);
+  config::Wall ReadWallFile() const;
+  void SaveBook(const WallState& state) const;
+  // Returns the file that was written.
+  std::string SaveWall(const WallState& state) const;
+  void Say(const std::string& what) const;
+
+  WallExecutor& executor_;
+  const Settings settings_;
+  EventFeed events_;
+  os::Event waiting_;
+  config::Wall running_;  // as the file gave it when it was read last; application's thread
+  mutable os::Mutex lock_;
+  std::shared_ptr<const WallState> state_ GUARDED_BY(lock_);
+  std::deque<Waiting> queue_ GUARDED_BY(lock_);
+  bool closed_ GUARDED_BY(lock_) = false;
+};
+
+}  // namespace host::control
