@@ -33,7 +33,7 @@ host/channel/audio    = host/channel/source/media_info.h host/feed audio host/ff
 host/channel/slate    = platform/text util host/units.h
 host/output           = log util platform host/feed host/config host/ffmpeg host/units.h
 host/session          = log util platform host/channel host/output host/feed host/config host/ffmpeg host/units.h filter/i_compose_command.h pins/streams.h
-host/control          = util platform/os host/config host/ffmpeg host/units.h
+host/control          = util platform/os host/session host/channel host/config host/ffmpeg host/units.h
 host/cli              = log util platform host/control host/session host/channel host/output host/feed host/config host/ffmpeg host/units.h
 '
 

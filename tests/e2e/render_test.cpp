@@ -1,3 +1,4 @@
+#include <map>
 #include <random>
 #include <set>
 
@@ -262,25 +263,83 @@ TEST_F(RenderTest, ShowsTheSizeOfAWindowAtWhateverMomentItIsShown) {
   constexpr std::size_t kKeptBack = 25;  // frames before the first one that is handed out
   for (int round = 0; round < 6; ++round) {
     wall_.wall().channels[0].options.enabled = round % 2 == 1;
-    std::vector<bool> shown;
+    std::size_t sent = 0;
+    std::map<std::int64_t, bool> shown{{0, round % 2 == 1}};  // by the first frame
     std::size_t changeAt = kKeptBack + 20 + 12 * static_cast<std::size_t>(round);
     bool enabled = round % 2 == 1;
     const std::vector<Frame> frames =
         wall_.Render(4 * kSecond, std::chrono::seconds(20), [&](host::WallSession& session) {
-          if (shown.size() == changeAt) {
+          if (sent == changeAt) {
             enabled = !enabled;
             changeAt += 1 + random() % (random() % 2 == 0 ? 4 : 40);
-            host::WallWindow::Placement placement = session.window(0).placement();
-            placement.enabled = enabled;
-            session.window(0).Place(placement);
+            const auto& channels = wall_.wall().channels;
+            const auto from =
+                session.Place({{enabled, channels[0].window, channels[0].options.colour, true},
+                               {true, channels[1].window, channels[1].options.colour, false}});
+            shown[from.value()] = enabled;
           }
-          shown.push_back(enabled);
+          ++sent;
         });
     ASSERT_EQ(frames.size(), 100U) << "a selected window of unknown size stops the wall";
     for (std::size_t n = 2; n < frames.size(); ++n) {
       ASSERT_EQ(PictureNumber(wall_.Luma(frames[n], 132, 24)),
-                shown[n + kKeptBack] ? PictureNumber(wall_.Luma(frames[n], 32, 124)) : -1)
+                std::prev(shown.upper_bound(static_cast<std::int64_t>(n + kKeptBack)))->second
+                    ? PictureNumber(wall_.Luma(frames[n], 32, 124))
+                    : -1)
           << "frame " << n << " of round " << round;
+    }
+  }
+}
+
+// Sizes, places and showing of all windows change on one composed frame, whatever the rates of
+// their sources: neither an old size at a new place, nor one window before another.
+TEST_F(RenderTest, ChangesTheWholeLayoutOnOneFrame) {
+  for (const char* const rate : {"25", "2", "50", "30000/1001"}) {
+    wall_.AddChannel(Clip("rate" + std::to_string(wall_.wall().channels.size()), rate, 400),
+                     {0, 0, 64, 48});
+  }
+  std::mt19937 random(11);
+  const auto layout = [&] {
+    std::vector<host::WindowState> windows;
+    for (int i = 0; i < 4; ++i) {
+      const int size = 2 + static_cast<int>(random() % 16);
+      windows.push_back({random() % 4 != 0,
+                         {i % 2 * 160 + 4, i / 2 * 120 + 4, 8 * size, 6 * size},
+                         "#FFFFFF",
+                         false});
+    }
+    return windows;
+  };
+  std::map<std::int64_t, std::vector<host::WindowState>> layouts{{0, layout()}};
+  for (std::size_t i = 0; i < 4; ++i) {
+    wall_.wall().channels[i].window = layouts[0][i].place;
+    wall_.wall().channels[i].options.enabled = layouts[0][i].isShown;
+  }
+  std::size_t sent = 0;
+  const std::vector<Frame> frames =
+      wall_.Render(7 * kSecond, std::chrono::seconds(20), [&](host::WallSession& session) {
+        if (sent++ % 7 == 6 && random() % 2 == 0) {
+          const std::vector<host::WindowState> next = layout();
+          layouts[session.Place(next).value()] = next;
+        }
+      });
+  ASSERT_EQ(frames.size(), 175U);
+  ASSERT_GT(layouts.size(), 8U);
+  for (std::size_t n = 2; n < frames.size(); ++n) {
+    constexpr std::int64_t kKeptBack = 25;  // frames before the first one that is handed out
+    const auto in = std::prev(layouts.upper_bound(static_cast<std::int64_t>(n) + kKeptBack));
+    for (const host::WindowState& window : in->second) {
+      const auto& [x, y, width, height] = window.place;
+      for (const auto& [left, top] : {std::pair(x, y),
+                                      {x + width - 2, y},
+                                      {x, y + height - 2},
+                                      {x + width - 2, y + height - 2}}) {
+        const int number = PictureNumber(wall_.Luma(frames[n], left, top));
+        ASSERT_EQ(number >= 0, window.isShown)
+            << "frame " << n << " of " << in->first << " at " << left << ", " << top;
+      }
+      ASSERT_EQ(wall_.Luma(frames[n], x + width, y + height / 2), 16) << "frame " << n;
+      ASSERT_EQ(wall_.Luma(frames[n], x + width / 2, y + height), 16) << "frame " << n;
     }
   }
 }

@@ -281,11 +281,10 @@ void SimulatedChannel::WakeAt(Time now) {
 }
 
 void SimulatedChannel::PlaceAt(Time now) {
-  host::WallWindow::Placement placement = services_.window->placement();
-  const bool enabled = !Suffers(Fault::Kind::kHidden, now);
-  if (enabled != placement.enabled) {
-    placement.enabled = enabled;
-    services_.window->Place(placement);
+  const bool isShown = !Suffers(Fault::Kind::kHidden, now);
+  if (isShown != isShown_) {
+    isShown_ = isShown;
+    services_.show(isShown);
   }
 }
 

@@ -38,6 +38,7 @@ class SimulatedChannel final : public host::ChannelObserver {
     std::function<std::optional<Time>()> presentFrame;
     std::function<void(const std::string&)> violated;
     ComPtr<host::WallWindow> window;
+    std::function<void(bool)> show;
   };
 
   // model outlives it; null: a channel whose source is never there.
@@ -98,6 +99,7 @@ class SimulatedChannel final : public host::ChannelObserver {
   const SourceModel* const model_;
   const host::Ratio canvasRate_;
   const Services services_;
+  bool isShown_ = true;
   std::optional<SimulatedSource> packets_;
   ComPtr<host::ChannelSource> channel_;
   std::shared_ptr<const host::AudioFormat> format_;

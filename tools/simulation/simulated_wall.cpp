@@ -178,6 +178,16 @@ class SimulatedWall {
     background.frameRate = scenario.canvasRate;
     background.picture.assign(static_cast<std::size_t>(host::FrameBytes(width_, height_)), 16);
     background.watch = watch_;
+    for (std::size_t i = 0; i < scenario_.sources.size(); ++i) {
+      shown_.push_back({true,
+                        {static_cast<int>(i) * (WindowLayout::kWidth + kMargin), 0,
+                         WindowLayout::kWidth, WindowLayout::kHeight},
+                        "",
+                        false});
+    }
+    schedule_ = std::make_shared<host::WindowSchedule>(shown_, scenario_.canvasRate,
+                                                       host::WindowFill::kLatency);
+    background.sending = [this](host::Time start) { schedule_->FrameSent(start); };
     background_ = host::BackgroundSource::Create(std::move(background));
     sink_ = host::CompositionSink::Create(
         [this](const ComPtr<IMediaSample>& frame, Time start) { Composed(frame, start); });
@@ -278,14 +288,16 @@ class SimulatedWall {
   }
 
   void AddChannel(std::size_t index, const SourceModel* model) {
-    windows_.push_back(host::WallWindow::Create(
-        {true, static_cast<int>(index) * (WindowLayout::kWidth + kMargin), 0, "", false},
-        scenario_.canvasRate));
+    windows_.push_back(host::WallWindow::Create(schedule_, index, scenario_.canvasRate));
     channels_.push_back(std::make_unique<SimulatedChannel>(
         index, model, scenario_.seed * 31 + index, scenario_.begin, scenario_.canvasRate,
         SimulatedChannel::Services{
             [this] { return now_; }, [this] { return background_->presentFrame(); },
-            [this](const std::string& what) { Violated(what); }, windows_.back()}));
+            [this](const std::string& what) { Violated(what); }, windows_.back(),
+            [this, index](bool isShown) {
+              shown_[index].isShown = isShown;
+              schedule_->Change(shown_, background_->latestFrame());
+            }}));
     watchers_.emplace_back("channel " + std::to_string(index), model, scenario_.canvasRate,
                            scenario_.begin, [this](const std::string& what) { Violated(what); });
     host::ChannelSource& source = channels_.back()->source();
@@ -342,6 +354,7 @@ class SimulatedWall {
     for (const auto& output : outputs_) {
       output->TakeFrame(start);
     }
+    schedule_->FrameComposed(start);
     watch_->Delivered(start);
   }
 
@@ -390,6 +403,8 @@ class SimulatedWall {
   std::vector<std::unique_ptr<SimulatedOutput>> outputs_;
   // The graph is destroyed first and with it every filter; then the composer's library.
   host::ComposerFilter composer_;
+  std::vector<host::WindowState> shown_;
+  std::shared_ptr<host::WindowSchedule> schedule_;
   std::vector<ComPtr<host::WallWindow>> windows_;
   std::vector<std::unique_ptr<SimulatedChannel>> channels_;
   ComPtr<host::BackgroundSource> background_;

@@ -23,15 +23,28 @@ const char* NameOf(AudioState state) {
 }
 
 AlarmMonitor::AlarmMonitor(const config::AlarmOptions& options, Sink sink)
-    : options_(options),
-      sink_(std::move(sink)),
-      silence_(Magnitude(options.silence.level)),
-      clipping_(Magnitude(options.clipping.level)) {
+    : sink_(std::move(sink)) {
+  SetOptions(options, 0);
+}
+
+void AlarmMonitor::SetOptions(const config::AlarmOptions& options, Time now) {
+  options_ = options;
+  silence_ = Magnitude(options.silence.level);
+  clipping_ = Magnitude(options.clipping.level);
   for (const AlarmKind kind : kAllAlarms) {
-    timers_[static_cast<std::size_t>(kind)] =
-        AlarmTimer(options[kind].setAfter, options[kind].clearAfter);
+    const bool isOver = !options[kind].enabled && raised(kind);
+    if (kind == AlarmKind::kClipping) {
+      peaks_ = isOver ? PeakTimer() : peaks_;
+      peaks_.SetTimes(options[kind].setAfter, options[kind].clearAfter);
+    } else {
+      AlarmTimer& own = timers_[static_cast<std::size_t>(kind)];
+      own = isOver ? AlarmTimer() : own;
+      own.SetTimes(options[kind].setAfter, options[kind].clearAfter);
+    }
+    if (isOver) {
+      sink_({kind, false, now});
+    }
   }
-  peaks_ = PeakTimer(options.clipping.setAfter, options.clipping.clearAfter);
 }
 
 void AlarmMonitor::Update(AlarmKind kind, bool condition, Time now) {

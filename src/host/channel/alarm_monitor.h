@@ -47,6 +47,12 @@ class AlarmTimer {
   AlarmTimer() = default;
   AlarmTimer(Time setAfter, Time clearAfter) : setAfter_(setAfter), clearAfter_(clearAfter) {}
 
+  // Other times from now on; what is raised stays so until it is over.
+  void SetTimes(Time setAfter, Time clearAfter) {
+    setAfter_ = setAfter;
+    clearAfter_ = clearAfter;
+  }
+
   // What the condition is at a time; times never decrease. The new state when it changes.
   std::optional<bool> Update(bool condition, Time now) {
     if (!since_.has_value() || condition != condition_) {
@@ -86,6 +92,14 @@ class PeakTimer {
       : setAfter_(setAfter),
         clearAfter_(clearAfter),
         needed_(static_cast<std::size_t>(std::max<Time>(2 * setAfter / kSecond, 1))) {}
+
+  // As AlarmTimer.
+  void SetTimes(Time setAfter, Time clearAfter) {
+    const PeakTimer other(setAfter, clearAfter);
+    setAfter_ = setAfter;
+    clearAfter_ = clearAfter;
+    needed_ = other.needed_;
+  }
 
   // Whether there is a peak at a time; times never decrease. The new state when it changes.
   std::optional<bool> Update(bool isPeak, Time now) {
@@ -146,6 +160,8 @@ class AlarmMonitor {
   // The levels of black and of freeze are the FrameMeter's.
   AlarmMonitor(const config::AlarmOptions& options, Sink sink);
 
+  // Other alarms, times and levels from now on. One that is raised and no longer wanted is over.
+  void SetOptions(const config::AlarmOptions& options, Time now);
   // A source was opened: why it gives no audio, or that it does.
   void Opened(AudioAbsence absence, Time now);
   // Whether its audio, which comes, can be decoded.
@@ -178,10 +194,10 @@ class AlarmMonitor {
   void Update(AlarmKind kind, bool condition, Time now);
   void Heard(bool isQuiet, Time now);
 
-  const config::AlarmOptions options_;
+  config::AlarmOptions options_;
   const Sink sink_;
-  const float silence_;                         // greatest magnitude that counts as silence
-  const float clipping_;                        // least magnitude that counts as clipping
+  float silence_ = 0;                           // greatest magnitude that counts as silence
+  float clipping_ = 0;                          // least magnitude that counts as clipping
   std::array<AlarmTimer, kAlarmKinds> timers_;  // of all but clipping
   PeakTimer peaks_;                             // of clipping
   std::optional<AudioAbsence> absence_;         // none before the first opening

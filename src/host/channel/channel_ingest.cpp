@@ -23,6 +23,7 @@ ChannelIngest::ChannelIngest(std::shared_ptr<const ChannelSettings> settings, Fe
       videoPin_(videoPin),
       queue_(queue),
       observer_(observer),
+      decode_(settings_.channel.options.decode),
       delay_(static_cast<std::uint32_t>(std::hash<std::string>()(settings_.channel.name))),
       policy_(settings_.channel.options.decode) {}
 
@@ -250,18 +251,26 @@ bool ChannelIngest::ReadToEnd(MediaReader& reader, SourceSession& session) {
 
 bool ChannelIngest::BeginDecoding(MediaReader& reader) {
   observedAt_ = std::chrono::steady_clock::now();
+  decodedFor_ = {};
   const std::optional<VideoInfo>& video = reader.info().video;
   if (!settings_.pressure || !video) {
     return true;
   }
-  const config::Window& window = settings_.channel.window;
   const Time now = settings_.now();
-  policy_.Opened({video->width >= 2 * window.width && video->height >= 2 * window.height,
-                  video->frameRate.value() >= kTwice * settings_.canvas.frameRate.value()},
-                 now);
+  FollowWindow(*video, now);
   DecodePolicy::Load load;
   load.frames = 1;
   return Decide(reader, now, load);
+}
+
+void ChannelIngest::FollowWindow(const VideoInfo& video, Time now) {
+  const WindowSize size = settings_.SizeAt(now);
+  if (decodedFor_ != size) {
+    decodedFor_ = size;
+    policy_.Opened({video.width >= 2 * size.width && video.height >= 2 * size.height,
+                    video.frameRate.value() >= kTwice * settings_.canvas.frameRate.value()},
+                   now);
+  }
 }
 
 bool ChannelIngest::FollowLoad(MediaReader& reader, SourceSession& session) {
@@ -277,13 +286,26 @@ bool ChannelIngest::FollowLoad(MediaReader& reader, SourceSession& session) {
   DecodePolicy::Load load;
   load.busy = std::clamp(1 - waited / elapsed, 0.0, 1.0);
   load.frames = reader.TakeFrames() / elapsed / settings_.canvas.frameRate.value();
+  FollowWindow(*reader.info().video, settings_.now());
   return Decide(reader, settings_.now(), load);
+}
+
+// Nothing else is seen beside it.
+bool ChannelIngest::FillsCanvas(const config::Window& window) const {
+  return window.width * 10 >= settings_.canvas.width * 9 ||
+         window.height * 10 >= settings_.canvas.height * 9;
 }
 
 bool ChannelIngest::Decide(MediaReader& reader, Time now, DecodePolicy::Load load) {
   load.pressure = settings_.pressure->level();
   load.isImportant = settings_.channel.selected;
   load.isShown = settings_.channel.options.enabled;
+  if (settings_.windows) {
+    const WindowState window = settings_.windows->At(settings_.slot, now + kSecond);
+    load.isImportant = window.isSelected || FillsCanvas(window.place);
+    load.isShown = window.isShown;
+  }
+  policy_.SetSetting(decode_);
   const bool wasKeyframesOnly = policy_.step() == DecodeStep::kKeyframesOnly;
   const bool hasChanged = policy_.Observe(now, load);
   reader.SetStep(policy_.step());

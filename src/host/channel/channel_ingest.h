@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -72,6 +73,8 @@ class ChannelIngest {
   void Run();
   // Ends Run soon, whatever it waits for but a buffer of the frame pin and a stuck source.
   void Cancel();
+  // How much is decoded from now on. Any thread.
+  void SetDecode(config::Decode decode) { decode_ = decode; }
   // After Cancel, and once the pin gives no buffers: true when Run has ended. False when it has
   // been abandoned because it was inside a call of the source at the deadline.
   bool EndBy(std::chrono::steady_clock::time_point deadline);
@@ -103,6 +106,8 @@ class ChannelIngest {
   bool BeginDecoding(MediaReader& reader);
   bool FollowLoad(MediaReader& reader, SourceSession& session);
   bool Decide(MediaReader& reader, Time now, DecodePolicy::Load load);
+  void FollowWindow(const VideoInfo& video, Time now);
+  bool FillsCanvas(const config::Window& window) const;
   // False once the queue is closed.
   bool Announce(SourceEvent event);
 
@@ -121,9 +126,12 @@ class ChannelIngest {
   bool abandoned_ GUARDED_BY(lock_) = false;
   std::shared_ptr<MediaReader> reader_ GUARDED_BY(lock_);  // what Cancel has to cancel
 
+  std::atomic<config::Decode> decode_;
+
   // The reader's thread only.
   ReopenDelay delay_;
   DecodePolicy policy_;
+  WindowSize decodedFor_;
   std::chrono::nanoseconds waitedForRoom_{};
   std::chrono::steady_clock::time_point observedAt_;
   Time latest_ = 0;      // when everything that was queued is shown

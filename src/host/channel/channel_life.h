@@ -56,6 +56,7 @@ class ChannelLife {
   // Time has passed.
   bool Tick(Time now);
 
+  void SetHold(Time hold) { hold_ = hold; }
   const Status& status() const { return status_; }
 
  private:

@@ -8,12 +8,15 @@
 
 #include "host/feed/alarm_record.h"
 #include "host/feed/feed_pin.h"
+#include "host/ffmpeg/error.h"
 
 namespace host {
 namespace {
 
 // States and alarms follow the time in steps of that length.
 constexpr Time kLookEvery = kSecond / 5;
+// The composer looks at a type only while it considers a frame that carries it.
+constexpr Time kTypedFor = 2 * kSecond;
 // Tries to anchor the channel's time between two background frames.
 constexpr int kAnchorTries = 4;
 // A source that opens at once never shows a slate.
@@ -72,18 +75,31 @@ ChannelPresenter::ChannelPresenter(const ChannelSettings& settings, Pins pins,
     : settings_(settings),
       pins_(pins),
       observer_(observer),
-      life_(settings_.channel.options.hold, 0),
-      alarms_(settings_.channel.options.alarm, [this](const AlarmMonitor::Change& change) {
+      controls_(ChannelControls::Of(settings_.channel)),
+      life_(controls_.hold, 0),
+      alarms_(controls_.alarm, [this](const AlarmMonitor::Change& change) {
+        acknowledged_[static_cast<std::size_t>(change.kind)] = false;
         observer_->AlarmChanged(settings_.channel.name, change);
       }) {}
 
-void ChannelPresenter::Begin(Time now) {
-  life_ = ChannelLife(settings_.channel.options.hold, now);
+void ChannelPresenter::Begin(Time now, Handover before) {
+  frames_ = before.frames;
+  levels_ = before.levels;
+  kept_ = std::move(before.kept);
+  size_ = before.size.width > 0 ? before.size : settings_.SizeAt(now);
+  sizedAt_ = now;
+  // The window's frames may come for the first time.
+  typedUntil_ = now + kTypedFor;
+  pins_.video.ChangeType(
+      VideoType(size_.width, size_.height, settings_.canvas.frameRate, settings_.canvas.aspect),
+      frameBytes());
+  life_ = ChannelLife(controls_.hold, now);
   now_ = now;
   looked_ = now;
-  frames_.Clear();
-  levels_.Clear();
   looks_.clear();
+  pristine_.clear();
+  slateText_.clear();
+  slate_.clear();
   hasVideo_ = true;
   hasAudio_ = false;
   audio_ = {};
@@ -91,6 +107,99 @@ void ChannelPresenter::Begin(Time now) {
 
 void ChannelPresenter::End() {
   kept_ = nullptr;
+}
+
+ChannelPresenter::Handover ChannelPresenter::HandOver() {
+  return {frames_, levels_, std::exchange(kept_, nullptr), size_};
+}
+
+void ChannelPresenter::FollowSize(Time time) {
+  while (settings_.windows) {
+    const auto change = settings_.windows->NextResize(settings_.slot, sizedAt_);
+    if (!change || change->at > time) {
+      break;
+    }
+    sizedAt_ = change->at;
+    ChangeSize(*change);
+  }
+  sizedAt_ = std::max(sizedAt_, time);
+}
+
+// No composed frame may find a frame of the other size nearer than one of its own: there is one of
+// the former size at the time of the last composed frame that has it, and one of the new size at
+// that of the first.
+void ChannelPresenter::ChangeSize(const WindowSchedule::Resize& change) {
+  const Time last = change.at - FrameDuration(settings_.canvas.frameRate);
+  const bool repeats = frames_.begun();
+  if (repeats && frames_.Takes(last)) {
+    Repeat(last);
+  }
+  const WindowSize former = std::exchange(size_, change.size);
+  pins_.video.ChangeType(
+      VideoType(size_.width, size_.height, settings_.canvas.frameRate, settings_.canvas.aspect),
+      frameBytes());
+  typedUntil_ = change.at + kTypedFor;
+  slate_.clear();
+  slateText_.clear();
+  BYTE* pixels = nullptr;
+  if (kept_ != nullptr && !pristine_.empty() && SUCCEEDED(kept_->GetPointer(&pixels))) {
+    // It is in the composer: its caption stays in that copy.
+    const ComPtr<IMediaSample> clean =
+        pins_.video.NewFrame(change.at, change.at + 1, false, static_cast<LONG>(pristine_.size()));
+    BYTE* to = nullptr;
+    if (clean && SUCCEEDED(clean->GetPointer(&to))) {
+      std::memcpy(to, pristine_.data(), pristine_.size());
+      kept_ = clean;
+    }
+  }
+  pristine_.clear();
+  kept_ = kept_ != nullptr ? Resized(kept_.Get(), former) : nullptr;
+  if (repeats && frames_.Takes(change.at)) {
+    Repeat(change.at);
+  }
+}
+
+ComPtr<IMediaSample> ChannelPresenter::Resized(IMediaSample* sample, const WindowSize& size) {
+  Time start = 0;
+  Time stop = 0;
+  sample->GetTime(&start, &stop);
+  const ComPtr<IMediaSample> resized = pins_.video.NewFrame(start, stop, false, frameBytes());
+  BYTE* from = nullptr;
+  BYTE* to = nullptr;
+  if (!resized || FAILED(sample->GetPointer(&from)) || FAILED(resized->GetPointer(&to))) {
+    return nullptr;
+  }
+  try {
+    scaler_.Scale({from, static_cast<std::size_t>(FrameBytes(size.width, size.height))}, size.width,
+                  size.height, {to, static_cast<std::size_t>(frameBytes())}, size_.width,
+                  size_.height);
+  } catch (const ffmpeg::Error&) {
+    return nullptr;
+  }
+  resized->SetSyncPoint(TRUE);
+  return resized;
+}
+
+void ChannelPresenter::SetControls(const ChannelControls& controls) {
+  for (const AlarmKind kind : kAllAlarms) {
+    const auto i = static_cast<std::size_t>(kind);
+    const bool isNew = controls.acknowledged[i] != controls_.acknowledged[i];
+    acknowledged_[i] = alarms_.raised(kind) && (isNew || acknowledged_[i]);
+  }
+  life_.SetHold(controls.hold);
+  if (!(controls.alarm == controls_.alarm)) {
+    alarms_.SetOptions(controls.alarm, now_);
+  }
+  controls_ = controls;
+  NoteLook();
+}
+
+bool ChannelPresenter::isMasked() const {
+  return controls_.maskedUntil && std::chrono::system_clock::now() < *controls_.maskedUntil;
+}
+
+bool ChannelPresenter::isUrgent(AlarmKind kind) const {
+  return alarms_.raised(kind) && !acknowledged_[static_cast<std::size_t>(kind)] && !isMasked();
 }
 
 void ChannelPresenter::Report(bool changed) {
@@ -154,7 +263,12 @@ void ChannelPresenter::OnSourceEvent(const SourceEvent& event, Time now) {
 void ChannelPresenter::Show(const ReadyFrame& picture, Time start, Time duration) {
   duration = std::max<Time>(duration, 1);
   now_ = std::max(now_, start);
-  if (!frames_.Takes(start)) {
+  FollowSize(start);
+  // Made before the window had the size that it has at that time.
+  const bool hasSize = picture.size == size_ || picture.size.width == 0;
+  const ComPtr<IMediaSample> frame =
+      hasSize ? picture.sample : Resized(picture.sample.Get(), picture.size);
+  if (!frames_.Takes(start) || !frame) {
     ++late_;
     return;
   }
@@ -163,15 +277,15 @@ void ChannelPresenter::Show(const ReadyFrame& picture, Time start, Time duration
   ReportAudio();
   NoteLook();
   BYTE* pixels = nullptr;
-  picture.sample->GetPointer(&pixels);
+  frame->GetPointer(&pixels);
   const std::string caption = CaptionText();
   pristine_.clear();
   if (!caption.empty()) {
     pristine_.assign(pixels, pixels + frameBytes());
     text_.DrawCaption(Window(pixels), caption);
   }
-  kept_ = picture.sample;
-  SendFrame(picture.sample.Get(), start, start + duration);
+  kept_ = frame;
+  SendFrame(frame.Get(), start, start + duration);
 }
 
 void ChannelPresenter::Show(const ReadyLevels& levels, Time start, Time duration) {
@@ -187,6 +301,11 @@ void ChannelPresenter::Show(const ReadyLevels& levels, Time start, Time duration
 
 Time ChannelPresenter::nextTick() const {
   Time next = looked_ + kLookEvery;
+  if (settings_.windows) {
+    if (const auto change = settings_.windows->NextResize(settings_.slot, sizedAt_)) {
+      next = std::min(next, change->at);
+    }
+  }
   if (frames_.begun()) {
     next = std::min({next, frames_.nextRepeat(), levels_.nextRepeat()});
   }
@@ -194,6 +313,7 @@ Time ChannelPresenter::nextTick() const {
 }
 
 void ChannelPresenter::Tick(Time now) {
+  FollowSize(now);
   if (now - looked_ >= kLookEvery) {
     looked_ = now;
     Watch(now);
@@ -214,7 +334,8 @@ void ChannelPresenter::Tick(Time now) {
 bool ChannelPresenter::showsSlate() const {
   switch (life_.status().state) {
     case ChannelState::kOpening:
-      return now_ - life_.status().since >= kOpeningTimeout;
+      return now_ - life_.status().since >= kOpeningTimeout ||
+             (kept_ == nullptr && frames_.begun());
     case ChannelState::kLive:
       return !hasVideo_;
     case ChannelState::kHeld:
@@ -246,11 +367,20 @@ std::string ChannelPresenter::CaptionText() const {
     text += (text.empty() || part.empty() ? "" : " \u00b7 ") + part;
   };
   for (const AlarmKind kind : kAllAlarms) {
-    if (kind == AlarmKind::kSilence) {
-      add(AudioCaption());
-    } else if (alarms_.raised(kind)) {
-      add(std::string(CaptionOf(kind)) + " since " + settings_.timeText(alarms_.raisedSince(kind)));
+    if (isMasked()) {
+      break;
     }
+    const char* const note = acknowledged_[static_cast<std::size_t>(kind)] ? " (acknowledged)" : "";
+    if (kind == AlarmKind::kSilence) {
+      const std::string caption = AudioCaption();
+      add(caption.empty() ? caption : caption + note);
+    } else if (alarms_.raised(kind)) {
+      add(std::string(CaptionOf(kind)) + " since " + settings_.timeText(alarms_.raisedSince(kind)) +
+          note);
+    }
+  }
+  if (isMasked()) {
+    add("ALARMS MASKED");
   }
   if (keyframesOnly_) {
     add("KEYFRAMES ONLY");
@@ -261,20 +391,15 @@ std::string ChannelPresenter::CaptionText() const {
 // What an empty meter means: at once where there is a meter, otherwise when the alarm is raised.
 std::string ChannelPresenter::AudioCaption() const {
   std::string text;
-  if (settings_.channel.options.audio.meter || alarms_.raised(AlarmKind::kSilence)) {
+  if (controls_.hasMeter || alarms_.raised(AlarmKind::kSilence)) {
     text = CaptionOf(audio_.state);
   }
   const bool hasBegun = audio_.state == AudioState::kSilent || audio_.state == AudioState::kStopped;
   return !text.empty() && hasBegun ? text + " since " + settings_.timeText(audio_.since) : text;
 }
 
-LONG ChannelPresenter::frameBytes() const {
-  return FrameBytes(settings_.channel.window.width, settings_.channel.window.height);
-}
-
 WindowPixels ChannelPresenter::Window(BYTE* pixels) const {
-  const config::Window& window = settings_.channel.window;
-  return {{pixels, static_cast<std::size_t>(frameBytes())}, window.width, window.height};
+  return {{pixels, static_cast<std::size_t>(frameBytes())}, size_.width, size_.height};
 }
 
 void ChannelPresenter::NoteLook() {
@@ -304,7 +429,7 @@ const ChannelPresenter::Look& ChannelPresenter::LookAt(Time time) {
 void ChannelPresenter::Repeat(Time start) {
   const Time stop = start + WindowFill::kStep;
   const Look& look = LookAt(start);
-  if (look.slate) {
+  if (look.slate || (kept_ == nullptr && frames_.begun())) {
     if (slate_.empty() || look.text != slateText_) {
       slate_.resize(static_cast<std::size_t>(frameBytes()));
       text_.DrawSlate(Window(slate_.data()), look.text);
@@ -321,7 +446,7 @@ void ChannelPresenter::Repeat(Time start) {
 
 void ChannelPresenter::SendCopy(const std::uint8_t* pixels, const std::string& caption, Time start,
                                 Time stop) {
-  const ComPtr<IMediaSample> sample = pins_.video.NewSample(start, stop, false);
+  const ComPtr<IMediaSample> sample = pins_.video.NewFrame(start, stop, false, frameBytes());
   BYTE* to = nullptr;
   if (!sample || FAILED(sample->GetPointer(&to))) {
     return;
@@ -344,7 +469,7 @@ void ChannelPresenter::SendFrame(IMediaSample* sample, Time start, Time stop) {
     Deliver(sample);
     frames_.Sent(start);
   }
-  pins_.videoAlarm.Send(ToWire(VideoAlarmRecord{alarms_.pictureAlarm(), 0}), start, stop);
+  pins_.videoAlarm.Send(ToWire(VideoAlarmRecord{hasPictureAlarm(), 0}), start, stop);
   // The alarms of a channel show only where it has a meter.
   if (!hasAudio_) {
     SendLevels(start, stop - start, AudioLevels{});
@@ -371,7 +496,7 @@ bool ChannelPresenter::AnchorClock(const BYTE* pixels, Time start) {
       continue;
     }
     for (int copies = 0; copies < 2; ++copies) {
-      const ComPtr<IMediaSample> copy = pins_.video.NewSample(*present, *present + 1, false);
+      const ComPtr<IMediaSample> copy = pins_.video.NewFrame(*present, *present + 1, false, size);
       BYTE* to = nullptr;
       if (!copy || FAILED(copy->GetPointer(&to))) {
         return true;
@@ -389,7 +514,7 @@ bool ChannelPresenter::AnchorClock(const BYTE* pixels, Time start) {
 }
 
 void ChannelPresenter::Deliver(IMediaSample* sample) {
-  if (settings_.wantsType && settings_.wantsType()) {
+  if (now_ < typedUntil_ || (settings_.wantsType && settings_.wantsType())) {
     pins_.video.AttachType(*sample);
   }
   pins_.video.Deliver(sample);
@@ -405,9 +530,9 @@ void ChannelPresenter::SendLevels(Time start, Time duration, const AudioLevels& 
   levels_.Sent(start);
   AudioAlarmRecord record;
   record.alarmEnabled = true;
-  record.condition1 = alarms_.raised(AlarmKind::kSilence);
-  record.condition2 = alarms_.raised(AlarmKind::kClipping);
-  record.metersEnabled = settings_.channel.options.audio.meter;
+  record.condition1 = isUrgent(AlarmKind::kSilence);
+  record.condition2 = isUrgent(AlarmKind::kClipping);
+  record.metersEnabled = controls_.hasMeter;
   record.levels = levels;
   pins_.audioAlarm.Send(ToWire(record), start, start + duration);
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <deque>
 #include <limits>
@@ -11,11 +12,14 @@
 #include <vector>
 
 #include "host/channel/alarm_monitor.h"
+#include "host/channel/channel_controls.h"
 #include "host/channel/channel_life.h"
 #include "host/channel/channel_observer.h"
 #include "host/channel/channel_queue.h"
 #include "host/channel/channel_settings.h"
 #include "host/channel/slate/window_text.h"
+#include "host/channel/video/frame_scaler.h"
+#include "host/channel/window_schedule.h"
 #include "host/feed/feed_pin.h"
 #include "host/units.h"
 
@@ -88,8 +92,22 @@ class ChannelPresenter {
   // settings and observer outlive the presenter.
   ChannelPresenter(const ChannelSettings& settings, Pins pins, ChannelObserver* observer);
 
-  // Before the first item. now: the wall's time.
-  void Begin(Time now);
+  // What the composer has of a channel and its window shows, for the next one in the same window.
+  struct Handover {
+    WindowFill frames{2};
+    WindowFill levels{1};
+    ComPtr<IMediaSample> kept{};
+    WindowSize size{};
+  };
+
+  // Before the first item. now: the wall's time. before: of the channel that the window showed; its
+  // last frame stays until there is something else to show.
+  void Begin(Time now, Handover before);
+  void Begin(Time now) { Begin(now, Handover()); }
+  // After End.
+  Handover HandOver();
+  // What operators changed. Before Begin, or between two items.
+  void SetControls(const ChannelControls& controls);
   // start, duration: of the item, on the wall's clock.
   void Show(const ReadyFrame& picture, Time start, Time duration);
   void Show(const ReadyLevels& levels, Time start, Time duration);
@@ -113,6 +131,13 @@ class ChannelPresenter {
     bool operator==(const Look&) const = default;
   };
 
+  // Is raised, and neither masked nor acknowledged.
+  bool isUrgent(AlarmKind kind) const;
+  bool isMasked() const;
+  bool hasPictureAlarm() const {
+    return isUrgent(AlarmKind::kLoss) || isUrgent(AlarmKind::kBlack) ||
+           isUrgent(AlarmKind::kFreeze);
+  }
   void ReportAudio();
   bool showsSlate() const;
   std::string SlateText() const;
@@ -127,13 +152,20 @@ class ChannelPresenter {
   bool AnchorClock(const BYTE* pixels, Time start);
   void Deliver(IMediaSample* sample);
   void SendLevels(Time start, Time duration, const AudioLevels& levels);
-  LONG frameBytes() const;  // of the window
+  // Sizes that have changed by that time.
+  void FollowSize(Time time);
+  void ChangeSize(const WindowSchedule::Resize& change);
+  // In the size that the window has now; null when there is no buffer or it cannot be done.
+  ComPtr<IMediaSample> Resized(IMediaSample* sample, const WindowSize& size);
+  LONG frameBytes() const { return FrameBytes(size_.width, size_.height); }  // of the window
   WindowPixels Window(BYTE* pixels) const;
 
   const ChannelSettings& settings_;
   const Pins pins_;
   ChannelObserver* const observer_;
 
+  ChannelControls controls_;
+  std::array<bool, kAlarmKinds> acknowledged_{};  // while the alarm is raised
   ChannelLife life_;
   AlarmMonitor alarms_;
   bool hasVideo_ = true;  // the source has; until it is known, it is taken to have
@@ -151,6 +183,10 @@ class ChannelPresenter {
   // Repeats belong to a time that is almost a second ago: from when on the channel looked how.
   std::deque<std::pair<Time, Look>> looks_;
 
+  WindowSize size_;      // of what is sent
+  Time sizedAt_ = 0;     // up to that time of the wall
+  Time typedUntil_ = 0;  // frames carry their type after a change
+  FrameScaler scaler_;
   WindowText text_;
   ComPtr<IMediaSample> kept_;           // latest frame of the source as it was sent
   std::vector<std::uint8_t> pristine_;  // the same without its caption, if it has one

@@ -13,6 +13,7 @@
 
 #include "host/channel/source/media_info.h"
 #include "host/channel/video/frame_meter.h"
+#include "host/channel/window_schedule.h"
 #include "host/feed/alarm_record.h"
 #include "host/units.h"
 #include "platform/com/com_ptr.h"
@@ -25,6 +26,7 @@ namespace host {
 struct ReadyFrame {
   ComPtr<IMediaSample> sample;
   FrameCondition condition;
+  WindowSize size{};
 };
 // The levels of one frame's time.
 struct ReadyLevels {

@@ -1,12 +1,14 @@
 // ChannelSettings: what one channel takes from the wall file and from its wall.
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 
 #include "host/channel/decode_policy.h"
+#include "host/channel/window_schedule.h"
 #include "host/config/wall.h"
 #include "host/feed/audio_format.h"
 #include "host/units.h"
@@ -21,6 +23,9 @@ struct ChannelSettings {
   config::Channel channel;
   config::Canvas canvas;
   std::string label;  // at the start, UTF-8; may be empty
+  // Where the channel's window is, and under which number; null: where the wall file puts it.
+  std::shared_ptr<const WindowSchedule> windows;
+  std::size_t slot = 0;
   // The wall's time, which live sources are fitted to. Null: the wall is rendered, and sources
   // start at its time 0.
   std::function<Time()> now;
@@ -39,6 +44,11 @@ struct ChannelSettings {
   bool driven = false;
 
   bool isLive() const { return now != nullptr; }
+  // What frames of that time of the wall have to have.
+  WindowSize SizeAt(Time time) const {
+    return windows ? windows->SizeAt(slot, time)
+                   : WindowSize{channel.window.width, channel.window.height};
+  }
 };
 
 }  // namespace host

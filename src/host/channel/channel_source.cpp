@@ -2,12 +2,15 @@
 
 #include <algorithm>
 #include <limits>
+#include <utility>
 
 extern "C" {
 #include <libavcodec/packet.h>
 }
 
+#include "host/feed/audio_encoder.h"
 #include "host/feed/feed_pin.h"
+#include "host/ffmpeg/error.h"
 
 namespace host {
 namespace {
@@ -32,41 +35,135 @@ constexpr std::chrono::seconds kReaderLimit{2};
 // How far the reader runs ahead of the wall.
 constexpr Time kReadAhead = kSecond;
 
-LONG BuffersFor(const ChannelSettings& settings) {
-  const Time ahead = kReadAhead + (settings.isLive() ? kMaxAhead : ItemPlacer::kMergeWindow);
+// A packet of silence; null where there is no encoder for the format.
+ffmpeg::Packet SilenceOf(const AudioFormat& format) {
+  try {
+    return EncodeSilence(format);
+  } catch (const ffmpeg::Error&) {
+    return nullptr;
+  }
+}
+
+LONG BuffersFor(const ChannelSource::Place& place) {
+  const Time ahead = kReadAhead + (place.isLive ? kMaxAhead : ItemPlacer::kMergeWindow);
   return kBuffersAtComposer + kSpareBuffers +
-         static_cast<LONG>(settings.canvas.frameRate.value() * static_cast<double>(ahead) /
-                           kSecond);
+         static_cast<LONG>(place.canvas.frameRate.value() * static_cast<double>(ahead) / kSecond);
 }
 
 }  // namespace
 
 ComPtr<ChannelSource> ChannelSource::Create(ChannelSettings settings, ChannelObserver* observer) {
+  const Place place{settings.canvas, settings.isLive(), settings.SizeAt(0)};
   return ComPtr<ChannelSource>(
-      std::make_unique<ChannelSource>(std::move(settings), observer).release());
+      std::make_unique<ChannelSource>(place, std::move(settings), observer).release());
 }
 
-ChannelSource::ChannelSource(ChannelSettings settings, ChannelObserver* observer)
+ComPtr<ChannelSource> ChannelSource::CreateSpare(const Place& place, ChannelObserver* observer) {
+  return ComPtr<ChannelSource>(
+      std::make_unique<ChannelSource>(place, std::nullopt, observer).release());
+}
+
+ChannelSource::ChannelSource(const Place& place, std::optional<ChannelSettings> settings,
+                             ChannelObserver* observer)
     : CBaseFilter("channel source", nullptr, &lock_, kChannelSourceClass),
-      settings_(std::make_shared<const ChannelSettings>(std::move(settings))),
       video_(this, &lock_, u"Video",
-             VideoType(settings_->channel.window.width, settings_->channel.window.height,
-                       settings_->canvas.frameRate, settings_->canvas.aspect),
-             {BuffersFor(*settings_),
-              FrameBytes(settings_->channel.window.width, settings_->channel.window.height)}),
+             VideoType(place.window.width, place.window.height, place.canvas.frameRate,
+                       place.canvas.aspect),
+             {BuffersFor(place), FrameBytes(place.window.width, place.window.height)}),
       audio_(this, &lock_, u"Audio", AudioType({}), {kAudioBuffers, kMaxAudioPacket}),
       text_(this, &lock_, u"Text", LabelType(), {4, kMaxLabel}),
       audioAlarm_(this, &lock_, u"Audio Alarm", AudioAlarmType(),
                   {4, static_cast<LONG>(kAudioAlarmSize)}),
       videoAlarm_(this, &lock_, u"Video Alarm", VideoAlarmType(),
                   {4, static_cast<LONG>(kVideoAlarmSize)}),
-      observer_(observer),
-      queue_(kReadAhead),
-      presenter_(*settings_, {video_, audioAlarm_, videoAlarm_}, observer),
-      label_(settings_->label) {}
+      observer_(observer) {
+  video_.UseFrames(FrameAllocator::Create());
+  const ChannelControls controls =
+      settings ? ChannelControls::Of(settings->channel) : ChannelControls();
+  Assign(std::move(settings), controls);
+}
 
-void ChannelSource::ReportFullBuffersTo(qorp::log::ILogPerf* logger) {
-  const std::string prefix = name() + " ";
+// Everything that the threads of the former channel use stays until they have ended.
+void ChannelSource::Assign(std::optional<ChannelSettings> settings,
+                           const ChannelControls& controls) {
+  EndRun();
+  queue_ = std::make_shared<ChannelQueue>(kReadAhead);
+  if (!settings) {
+    settings_.reset();
+    return;
+  }
+  settings_ = std::make_shared<const ChannelSettings>(std::move(*settings));
+  if (settings_->isLive() && !settings_->driven) {
+    queue_->FollowClock(settings_->now);
+  }
+  presenter_.emplace(*settings_, ChannelPresenter::Pins{video_, audioAlarm_, videoAlarm_},
+                     observer_);
+  {
+    const os::MutexLock guard(labelLock_);
+    label_ = settings_->label;
+    controls_ = controls;
+  }
+  if (!IsStopped()) {
+    StartRun();
+  }
+}
+
+void ChannelSource::SetControls(const ChannelControls& controls) {
+  const os::MutexLock guard(labelLock_);
+  controls_ = controls;
+}
+
+void ChannelSource::ApplyControls() {
+  std::optional<ChannelControls> controls;
+  {
+    const os::MutexLock guard(labelLock_);
+    controls.swap(controls_);
+  }
+  if (controls) {
+    presenter_->SetControls(*controls);
+    mute_ = controls->mute;
+    if (ingest_) {
+      ingest_->SetDecode(controls->decode);
+    }
+  }
+}
+
+void ChannelSource::EndRun() {
+  CancelReader();
+  if (queue_) {
+    queue_->Close();
+  }
+  EndStreaming();
+  if (presenter_) {
+    handover_ = presenter_->HandOver();
+    presenter_.reset();
+  }
+  if (reader_ != nullptr) {
+    retired_.push_back({settings_, queue_, std::move(ingest_), std::move(reader_),
+                        std::chrono::steady_clock::now() + kReaderLimit});
+  }
+  ingest_.reset();
+}
+
+int ChannelSource::EndRetired() {
+  int detached = 0;
+  std::erase_if(retired_, [&](Retired& one) {
+    const bool isOver = std::chrono::steady_clock::now() >= one.deadline;
+    if (!isOver && !one.reader->Wait(0)) {
+      return false;
+    }
+    const bool ended = one.ingest->EndBy(one.deadline);
+    if (ended) {
+      one.reader->Wait(os::kInfinite);
+    }
+    detached += ended ? 0 : 1;
+    return true;
+  });
+  return detached;
+}
+
+void ChannelSource::ReportFullBuffersTo(qorp::log::ILogPerf* logger, const std::string& name) {
+  const std::string prefix = name + " ";
   video_.ReportTo(logger, prefix + "video");
   audio_.ReportTo(logger, prefix + "audio");
   text_.ReportTo(logger, prefix + "label");
@@ -76,7 +173,7 @@ void ChannelSource::ReportFullBuffersTo(qorp::log::ILogPerf* logger) {
 
 ChannelSource::~ChannelSource() {
   CancelReader();
-  queue_.Close();
+  queue_->Close();
   EndStreaming();
   EndReader(std::chrono::steady_clock::now() + kReaderLimit);
 }
@@ -93,31 +190,40 @@ HRESULT ChannelSource::Pause() {
     return hr;
   }
   EndReader(std::chrono::steady_clock::now() + kReaderLimit);
-  queue_.Open();
+  if (settings_ != nullptr) {
+    StartRun();
+  }
+  return hr;
+}
+
+void ChannelSource::StartRun() {
+  queue_->Open();
   audioFormat_.reset();
   nextLabel_ = std::numeric_limits<Time>::min();
   {
     const os::MutexLock guard(labelLock_);
     labelChanged_ = true;
   }
-  presenter_.Begin(Now().value_or(0));
+  presenter_->Begin(Now().value_or(0), std::exchange(handover_, {}));
   if (settings_->driven) {
-    return hr;
+    return;
   }
-  ingest_ = std::make_shared<ChannelIngest>(settings_, video_, queue_, observer_);
+  ingest_ = std::make_shared<ChannelIngest>(settings_, video_, *queue_, observer_);
   reader_ = std::make_unique<os::Thread>([ingest = ingest_] { ingest->Run(); }, "reader",
                                          os::Thread::Priority::kLow);
   streaming_ = std::make_unique<os::Thread>([this] { Stream(); }, "streaming");
-  return hr;
 }
 
 HRESULT ChannelSource::Stop() {
   // Ends every wait of the two threads: for the source, for room, for a buffer.
   CancelReader();
-  queue_.Close();
+  queue_->Close();
   const HRESULT hr = CBaseFilter::Stop();
   EndStreaming();
-  presenter_.End();
+  if (presenter_) {
+    presenter_->End();
+  }
+  handover_ = {};
   return hr;
 }
 
@@ -135,6 +241,13 @@ void ChannelSource::EndStreaming() {
 }
 
 bool ChannelSource::EndReader(std::chrono::steady_clock::time_point deadline) {
+  for (Retired& one : retired_) {
+    one.deadline = std::min(one.deadline, deadline);
+    if (one.ingest->EndBy(one.deadline)) {
+      one.reader->Wait(os::kInfinite);
+    }
+  }
+  retired_.clear();
   if (reader_ == nullptr) {
     return true;
   }
@@ -158,11 +271,11 @@ std::optional<Time> ChannelSource::Now() const {
 }
 
 void ChannelSource::Stream() {
-  while (!queue_.closed()) {
-    const Time tick = presenter_.nextTick();
-    if (std::optional<ChannelItem> item = queue_.Take(tick)) {
+  while (!queue_->closed()) {
+    const Time tick = presenter_->nextTick();
+    if (std::optional<ChannelItem> item = queue_->Take(tick)) {
       Deliver(*item);
-    } else if (!queue_.closed()) {
+    } else if (!queue_->closed()) {
       // A streaming thread that was kept from running has nothing to make up for.
       DeliverTick(std::max(tick, Now().value_or(tick)));
     }
@@ -171,8 +284,8 @@ void ChannelSource::Stream() {
 
 void ChannelSource::DeliverUpTo(Time now) {
   for (;;) {
-    const Time tick = presenter_.nextTick();
-    if (std::optional<ChannelItem> item = queue_.Take(std::min(tick, now))) {
+    const Time tick = presenter_->nextTick();
+    if (std::optional<ChannelItem> item = queue_->Take(std::min(tick, now))) {
       Deliver(*item);
     } else if (tick <= now) {
       DeliverTick(now);
@@ -183,8 +296,9 @@ void ChannelSource::DeliverUpTo(Time now) {
 }
 
 void ChannelSource::DeliverTick(Time tick) {
+  ApplyControls();
   DeliverLabel(tick);
-  presenter_.Tick(tick);
+  presenter_->Tick(tick);
 }
 
 void ChannelSource::Deliver(ChannelItem& item) {
@@ -193,13 +307,14 @@ void ChannelSource::Deliver(ChannelItem& item) {
   if (labelByService && opened != nullptr && !opened->serviceName.empty()) {
     SetLabel(opened->serviceName);
   }
+  ApplyControls();
   DeliverLabel(item.due);
   if (const auto* const picture = std::get_if<ReadyFrame>(&item.content)) {
-    presenter_.Show(*picture, item.start, item.duration);
+    presenter_->Show(*picture, item.start, item.duration);
   } else if (const auto* const levels = std::get_if<ReadyLevels>(&item.content)) {
-    presenter_.Show(*levels, item.start, item.duration);
+    presenter_->Show(*levels, item.start, item.duration);
   } else if (const auto* const event = std::get_if<SourceEvent>(&item.content)) {
-    presenter_.OnSourceEvent(*event, item.due);
+    presenter_->OnSourceEvent(*event, item.due);
   } else if (const auto* const packet = std::get_if<AudioPacket>(&item.content)) {
     DeliverAudio(*packet, item.start, item.duration);
   }
@@ -207,13 +322,24 @@ void ChannelSource::Deliver(ChannelItem& item) {
 
 // The pins are connected before the form of the audio is known: it comes with the first packet.
 void ChannelSource::DeliverAudio(const AudioPacket& packet, Time start, Time duration) {
+  if (mute_ == ChannelControls::Mute::kNothing) {
+    return;
+  }
   std::optional<CMediaType> type;
   if (packet.format != audioFormat_) {
     type.emplace(AudioType(Describe(*packet.format)));
+    silence_.reset();
   }
-  const bool sent =
-      audio_.Send({packet.packet->data, static_cast<std::size_t>(packet.packet->size)}, start,
-                  start + duration, type ? &*type : nullptr);
+  const AVPacket* bytes = packet.packet.get();
+  if (mute_ == ChannelControls::Mute::kSilence) {
+    silence_ = silence_ ? std::move(silence_) : SilenceOf(*packet.format);
+    if (!silence_) {
+      return;  // the outputs put silence into the gap
+    }
+    bytes = silence_.get();
+  }
+  const bool sent = audio_.Send({bytes->data, static_cast<std::size_t>(bytes->size)}, start,
+                                start + duration, type ? &*type : nullptr);
   if (sent) {
     audioFormat_ = packet.format;
   }

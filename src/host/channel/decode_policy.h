@@ -70,6 +70,7 @@ class DecodePolicy {
 
   explicit DecodePolicy(config::Decode setting) : setting_(setting) {}
 
+  void SetSetting(config::Decode setting) { setting_ = setting; }
   // A source was opened. What the load asks for stays: it is that of the machine.
   void Opened(const Source& source, Time now);
   // True when the step has changed. now: of a clock that runs evenly, from call to call 0.5 s to
@@ -84,7 +85,7 @@ class DecodePolicy {
   void FollowLoad(Time now, double busy);
   bool Take(DecodeStep step, std::string reason);
 
-  const config::Decode setting_;
+  config::Decode setting_;
   Source source_;
   DecodeStep step_ = DecodeStep::kFull;
   std::string reason_;

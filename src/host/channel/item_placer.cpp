@@ -36,6 +36,10 @@ bool ItemPlacer::Add(Time start, Time duration, bool jumped, ReadyFrame picture)
   return Put(Place(start, jumped), duration, std::move(picture));
 }
 
+std::optional<Time> ItemPlacer::PlaceOfFrame(Time start) const {
+  return settings_.now ? timeline_.Expected(start) : std::optional(start);
+}
+
 std::optional<Time> ItemPlacer::PlaceOfAudio(Time start) {
   if (WaitsForFrame() || (settings_.now && timeline_.Follow(start, settings_.now(), &start) !=
                                                LiveTimeline::Fit::kFits)) {

@@ -99,6 +99,9 @@ class ItemPlacer {
   bool Add(Time start, Time duration, bool jumped, ReadyFrame picture);
   bool Add(Time start, Time duration, AudioPacket packet);
   bool Add(Time start, Time duration, ReadyLevels levels);
+  // Where a frame of that time of the source would come to lie by what is known; none where nothing
+  // is yet.
+  std::optional<Time> PlaceOfFrame(Time start) const;
   // What became of the audio at that time of the source; none where that has no place on the wall.
   std::optional<Time> PlaceOfAudio(Time start);
   bool AddEvent(Time placed, SourceEvent event) { return Put(placed, 0, std::move(event)); }

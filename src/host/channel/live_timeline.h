@@ -122,6 +122,10 @@ class LiveTimeline {
   // The wall's time for everything else of the source, and whether there is a use for it then.
   Fit Follow(Time start, Time now, Time* placed);
 
+  // The wall's time of an item by what is known; none before the first.
+  std::optional<Time> Expected(Time start) const {
+    return shift_ ? std::optional(start + *shift_) : std::nullopt;
+  }
   // Something was placed.
   bool started() const { return shift_.has_value(); }
   // How often the distance changed.

@@ -168,7 +168,10 @@ bool SourceSession::DrainConverter() {
     // The wait for a buffer, which a slow wall makes long, counts as lateness of the frame: it is
     // placed afterwards.
     const auto begun = std::chrono::steady_clock::now();
-    const ComPtr<IMediaSample> sample = videoPin_.NewSample(0, times.duration, true);
+    const WindowSize size = settings_.SizeAt(placer_.PlaceOfFrame(times.start).value_or(Now()));
+    converter_.Resize(size.width, size.height);
+    const ComPtr<IMediaSample> sample =
+        videoPin_.NewFrame(0, times.duration, true, static_cast<LONG>(converter_.bufferSize()));
     waited_ += std::chrono::steady_clock::now() - begun;
     BYTE* buffer = nullptr;
     if (!sample || FAILED(sample->GetPointer(&buffer))) {
@@ -181,12 +184,10 @@ bool SourceSession::DrainConverter() {
       continue;
     }
     lostInARow_ = 0;
-    sample->SetActualDataLength(static_cast<LONG>(converter_.bufferSize()));
     sample->SetSyncPoint(TRUE);
-    const config::Window& window = settings_.channel.window;
-    const FrameCondition condition = frameMeter_.Measure(buffer, window.width, window.height);
+    const FrameCondition condition = frameMeter_.Measure(buffer, size.width, size.height);
     if (!placer_.Add(times.start, times.duration, times.discontinuity,
-                     ReadyFrame{sample, condition})) {
+                     ReadyFrame{sample, condition, size})) {
       return false;
     }
   }

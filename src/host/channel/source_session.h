@@ -52,6 +52,7 @@ class SourceSession {
   void LoseFrame();
   void Count(bool isFrame, bool isDiscontinuity);
   bool DrainConverter();
+  Time Now() const { return settings_.now ? settings_.now() : 0; }
   bool AddReading(const LevelMeter::Reading& reading);
   // Packets come, but no samples of them, or samples again. Both false once the queue is closed.
   bool NoteUndecoded(Time start);

@@ -16,6 +16,7 @@ ExitCode RunWall(const RunOptions& options, bool live, Streams& streams) {
   }
   WallCommand command;
   command.wall = file.wall;
+  command.wall.spare = live ? command.wall.spare : 0;
   command.wallFile = options.wall;
   command.graph = options.graph;
   command.record = options.record;

@@ -53,7 +53,7 @@ class WallCommandRun {
         composerLog_(messages_.logger()),
         lines_(streams.out, command.live && (command.json || command.events)),
         noLines_(streams.out, false),
-        board_(command.wall.channels, messages_, command.events ? lines_ : noLines_),
+        board_(command.wall, messages_, command.events ? lines_ : noLines_),
         outputMessages_(messages_),
         snapshot_(command.record.snapshotAt) {}
 
@@ -269,7 +269,9 @@ class WallCommandRun {
     }
     report["channels"] = nlohmann::ordered_json::array();
     for (const ChannelBoard::Entry& entry : channels) {
-      report["channels"].push_back(ToJson(entry));
+      if (entry.isAssigned) {
+        report["channels"].push_back(ToJson(entry));
+      }
     }
     streams_.out << OneLine(report) << "\n";
   }

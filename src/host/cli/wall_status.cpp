@@ -105,7 +105,8 @@ std::string ChannelBoard::Entry::NotShown() const {
 std::optional<double> LengthOf(const std::vector<ChannelBoard::Entry>& channels) {
   std::optional<Time> longest;
   for (const ChannelBoard::Entry& channel : channels) {
-    if (channel.opened ? !channel.length.has_value() : channel.failure.empty()) {
+    if (channel.isAssigned &&
+        (channel.opened ? !channel.length.has_value() : channel.failure.empty())) {
       return {};
     }
     longest = std::max(longest, channel.length);
@@ -113,12 +114,26 @@ std::optional<double> LengthOf(const std::vector<ChannelBoard::Entry>& channels)
   return longest ? std::optional(SecondsOf(*longest)) : std::nullopt;
 }
 
-ChannelBoard::ChannelBoard(const std::vector<config::Channel>& channels, MessageLog& messages,
-                           JsonLines& events)
+ChannelBoard::ChannelBoard(const config::Wall& wall, MessageLog& messages, JsonLines& events)
     : messages_(messages), events_(events) {
-  for (const config::Channel& channel : channels) {
-    index_[channel.name] = entries_.size();
-    entries_.emplace_back().name = channel.name;
+  entries_.resize(wall.channels.size() + static_cast<std::size_t>(wall.spare));
+  for (std::size_t slot = 0; slot < entries_.size(); ++slot) {
+    Assign(slot, slot < wall.channels.size() ? wall.channels[slot].name : "");
+  }
+}
+
+void ChannelBoard::Assign(std::size_t slot, const std::string& name) {
+  const os::MutexLock guard(lock_);
+  Entry& entry = entries_[slot];
+  if (entry.isAssigned) {
+    index_.erase(entry.name);
+    failures_.erase(entry.name);
+  }
+  entry = Entry();
+  entry.isAssigned = !name.empty();
+  entry.name = entry.isAssigned ? name : "Spare " + std::to_string(slot + 1);
+  if (entry.isAssigned) {
+    index_[name] = slot;
   }
 }
 
@@ -247,7 +262,9 @@ std::string WallStatus::ChannelsText() const {
   constexpr std::size_t kMaxNames = 3;
   std::map<ChannelState, std::vector<std::string>> names;
   for (const ChannelBoard::Entry& entry : channels) {
-    names[entry.status.state].push_back(entry.name);
+    if (entry.isAssigned) {
+      names[entry.status.state].push_back(entry.name);
+    }
   }
   std::string text = "channels: " + std::to_string(names[ChannelState::kLive].size()) + " live";
   names.erase(ChannelState::kLive);
@@ -314,7 +331,9 @@ std::string WallStatus::JsonLine() const {
                                  {"longest_compose_ms", Milliseconds(timing.longest)}};
   json["channels"] = nlohmann::ordered_json::array();
   for (const ChannelBoard::Entry& entry : channels) {
-    json["channels"].push_back(ToJson(entry));
+    if (entry.isAssigned) {
+      json["channels"].push_back(ToJson(entry));
+    }
   }
   json["outputs"] = nlohmann::ordered_json::array();
   for (const OutputSet::Status& output : outputs) {

@@ -46,16 +46,20 @@ class ChannelBoard final : public ChannelObserver {
     std::optional<Time> length;            // of the source, once it is known
     bool opened = false;
     bool wasLive = false;
-    std::string failure;  // why the source is of no use, or was to the end; may be empty
+    std::string failure;     // why the source is of no use, or was to the end; may be empty
+    bool isAssigned = true;  // false: a spare slot
 
     // Why a channel whose source is not opened again was not shown, or not to its end; empty when
     // it was.
     std::string NotShown() const;
   };
 
-  // messages and events outlive the board.
-  ChannelBoard(const std::vector<config::Channel>& channels, MessageLog& messages,
-               JsonLines& events);
+  // An entry for each slot of the wall. messages and events outlive the board.
+  ChannelBoard(const config::Wall& wall, MessageLog& messages, JsonLines& events);
+
+  // The channel in a slot from now on; empty: the slot is spare. What a former channel still
+  // reports is nobody's any more. Application's thread.
+  void Assign(std::size_t slot, const std::string& name);
 
   void ChannelOpened(const std::string& channel, const MediaInfo& info) override;
   void ChannelEnded(const std::string& channel) override;
@@ -69,17 +73,22 @@ class ChannelBoard final : public ChannelObserver {
   void AudioChanged(const std::string& channel, const AudioStatus& status) override;
   void AlarmChanged(const std::string& channel, const AlarmMonitor::Change& change) override;
 
-  // In the order of the wall.
+  // In the order of the slots, spare ones included.
   std::vector<Entry> entries() const;
 
  private:
-  Entry& Of(const std::string& channel) REQUIRES(lock_) { return entries_[index_.at(channel)]; }
+  // Of a channel that is not there, or not any more, one that nobody reads.
+  Entry& Of(const std::string& channel) REQUIRES(lock_) {
+    const auto slot = index_.find(channel);
+    return slot == index_.end() ? former_ : entries_[slot->second];
+  }
   void Say(std::int32_t level, const std::string& channel, const std::string& what);
 
   MessageLog& messages_;
   JsonLines& events_;
-  std::map<std::string, std::size_t> index_;  // of the entries, by name
   mutable os::Mutex lock_;
+  std::map<std::string, std::size_t> index_ GUARDED_BY(lock_);  // of the entries, by name
+  Entry former_ GUARDED_BY(lock_);
   std::vector<Entry> entries_ GUARDED_BY(lock_);
   // Why a channel fails, by its name, while it does.
   std::map<std::string, std::string> failures_ GUARDED_BY(lock_);

@@ -13,15 +13,16 @@ std::optional<Window> WindowOf(const toml::node& node, const Canvas& canvas,
                                Diagnostics& diagnostics) {
   const toml::array* const array = node.as_array();
   if (array == nullptr || array->size() != 4 || !array->is_homogeneous<std::int64_t>()) {
-    diagnostics.Error(PositionOf(node), "a window must be four whole numbers: [x, y, width, height]");
+    diagnostics.Error(PositionOf(node),
+                      "a window must be four whole numbers: [x, y, width, height]");
     return {};
   }
   std::array<std::int64_t, 4> numbers{};
   for (std::size_t i = 0; i < numbers.size(); ++i) {
     numbers[i] = array->get(i)->value<std::int64_t>().value_or(0);
     if (numbers[i] < 0 || numbers[i] > kLargestCanvas || numbers[i] % 2 != 0) {
-      diagnostics.Error(PositionOf(*array->get(i)), "must be an even number from 0 to " +
-                                                        std::to_string(kLargestCanvas));
+      diagnostics.Error(PositionOf(*array->get(i)),
+                        "must be an even number from 0 to " + std::to_string(kLargestCanvas));
       return {};
     }
   }
@@ -43,10 +44,10 @@ Layout ReadLayout(TableReader& reader, const std::string& name, const Canvas& ca
   const toml::node* const windows = reader.Find("windows");
   const toml::array* const places = windows != nullptr ? windows->as_array() : nullptr;
   if (places == nullptr || places->empty() || places->size() > kMaxChannels) {
-    reader.diagnostics().Error(
-        windows != nullptr ? PositionOf(*windows) : reader.position(),
-        reader.title() + " needs \"windows\": 1 to " + std::to_string(kMaxChannels) +
-            " places, each [x, y, width, height]");
+    reader.diagnostics().Error(windows != nullptr ? PositionOf(*windows) : reader.position(),
+                               reader.title() + " needs \"windows\": 1 to " +
+                                   std::to_string(kMaxChannels) +
+                                   " places, each [x, y, width, height]");
   } else {
     for (const toml::node& node : *places) {
       if (const auto window = WindowOf(node, canvas, reader.diagnostics())) {

@@ -20,10 +20,10 @@ using Json = nlohmann::json;
 using Kind = CommandError::Kind;
 using Type = CommandField::Type;
 
-constexpr std::size_t kMaxCommands = 256;    // in one request
-constexpr std::size_t kMaxText = 4096;       // bytes of a field
-constexpr std::size_t kMaxLayouts = 256;     // that can be saved
-constexpr int kMaxChannelKeys = 64;          // of one command
+constexpr std::size_t kMaxCommands = 256;        // in one request
+constexpr std::size_t kMaxText = 4096;           // bytes of a field
+constexpr std::size_t kMaxLayouts = 256;         // that can be saved
+constexpr int kMaxChannelKeys = 64;              // of one command
 constexpr double kLongestMask = 366 * 86'400.0;  // seconds
 
 std::string Quoted(const std::string& text) {
@@ -76,7 +76,8 @@ void WriteToml(const Json& value, const std::string& pointer, std::string& text,
   } else if (value.is_number_integer() && !value.is_number_unsigned()) {
     text += std::to_string(value.get<std::int64_t>());
   } else if (value.is_number_unsigned() &&
-             value.get<std::uint64_t>() <= std::uint64_t{std::numeric_limits<std::int64_t>::max()}) {
+             value.get<std::uint64_t>() <=
+                 std::uint64_t{std::numeric_limits<std::int64_t>::max()}) {
     text += std::to_string(value.get<std::uint64_t>());
   } else if (value.is_number_float() && std::isfinite(value.get<double>())) {
     text += Json(value.get<double>()).dump();
@@ -144,8 +145,8 @@ void CheckSelection(const ChannelEntry& entry, const WallState& state) {
 void CheckName(const std::string& name, const WallState& state, const ChannelEntry* own) {
   const ChannelEntry* const other = state.Find(name);
   if (other != nullptr && other != own) {
-    throw CommandError(Kind::kConflict, "the name " + Quoted(name) + " is that of a channel already",
-                       "/name");
+    throw CommandError(Kind::kConflict,
+                       "the name " + Quoted(name) + " is that of a channel already", "/name");
   }
 }
 
@@ -154,9 +155,10 @@ void Add(const Json& command, CommandContext& context) {
   const auto free = std::find_if(state.slots.begin(), state.slots.end(),
                                  [](const auto& slot) { return !slot.has_value(); });
   if (free == state.slots.end()) {
-    throw CommandError(Kind::kConflict,
-                       "there is no spare channel: all " + std::to_string(state.slots.size()) +
-                           " are in use; \"spare\" in [wall] makes room for more at the next start");
+    throw CommandError(
+        Kind::kConflict,
+        "there is no spare channel: all " + std::to_string(state.slots.size()) +
+            " are in use; \"spare\" in [wall] makes room for more at the next start");
   }
   config::Channel base;
   for (std::size_t number = 1; base.name.empty() || state.Find(base.name) != nullptr; ++number) {
@@ -204,8 +206,9 @@ void Set(const Json& command, CommandContext& context) {
   state.follow = state.follow == former ? name : state.follow;
   if (moves && !state.solo.empty()) {
     throw CommandError(Kind::kConflict,
-                       Quoted(state.solo) + " is shown alone; give windows their places after "
-                                            "\"solo_off\"",
+                       Quoted(state.solo) +
+                           " is shown alone; give windows their places after "
+                           "\"solo_off\"",
                        "/window");
   }
   if (moves) {
@@ -278,7 +281,8 @@ void MuteChannel(const Json& command, CommandContext& context) {
 }
 
 void Follow(const Json& command, CommandContext& context) {
-  context.state.follow = command.contains("channel") ? ChannelOf(command, context).settings.name : "";
+  context.state.follow =
+      command.contains("channel") ? ChannelOf(command, context).settings.name : "";
 }
 
 void Acknowledge(const Json& command, CommandContext& context) {
@@ -294,7 +298,8 @@ void Acknowledge(const Json& command, CommandContext& context) {
 void Mask(const Json& command, CommandContext& context) {
   ChannelEntry& entry = ChannelOf(command, context);
   if (command.contains("until") == command.contains("for")) {
-    throw CommandError(Kind::kMalformed, "needs \"until\", a moment, or \"for\", seconds", "/until");
+    throw CommandError(Kind::kMalformed, "needs \"until\", a moment, or \"for\", seconds",
+                       "/until");
   }
   if (command.contains("for")) {
     const double seconds = command["for"].get<double>();
@@ -352,7 +357,8 @@ void SaveLayout(const Json& command, CommandContext& context) {
   const std::string name = TextOf(command, "layout");
   if (!config::IsLayoutName(name)) {
     throw CommandError(Kind::kMalformed,
-                       "a layout's name has up to 64 letters, digits, blanks, _ - + or .", "/layout");
+                       "a layout's name has up to 64 letters, digits, blanks, _ - + or .",
+                       "/layout");
   }
   const bool isOfFile = state.layouts.contains(name) && !state.saved.contains(name);
   if (config::IsReservedLayout(name) || isOfFile) {
@@ -362,8 +368,8 @@ void SaveLayout(const Json& command, CommandContext& context) {
                        "/layout");
   }
   if (state.saved.size() >= kMaxLayouts && !state.saved.contains(name)) {
-    throw CommandError(Kind::kConflict, "the book is full: it holds " + std::to_string(kMaxLayouts) +
-                                            " layouts",
+    throw CommandError(Kind::kConflict,
+                       "the book is full: it holds " + std::to_string(kMaxLayouts) + " layouts",
                        "/layout");
   }
   if (!state.solo.empty()) {
@@ -391,7 +397,8 @@ void DeleteLayout(const Json& command, CommandContext& context) {
   const std::string name = TextOf(command, "layout");
   if (!state.saved.contains(name)) {
     if (state.layouts.contains(name) || config::IsReservedLayout(name)) {
-      throw CommandError(Kind::kConflict, Quoted(name) + " was not saved live and stays", "/layout");
+      throw CommandError(Kind::kConflict, Quoted(name) + " was not saved live and stays",
+                         "/layout");
     }
     FailUnknown("layout", "layout", name, state.LayoutNames());
   }
@@ -481,9 +488,9 @@ void CheckFields(const Json& command, const CommandKind& kind) {
     const std::string pointer = std::string("/") + field.name;
     if (value == command.end()) {
       if (field.isRequired) {
-        throw CommandError(Kind::kMalformed,
-                           Quoted(kind.name) + " needs " + Quoted(field.name) + ": " + field.meaning,
-                           pointer);
+        throw CommandError(
+            Kind::kMalformed,
+            Quoted(kind.name) + " needs " + Quoted(field.name) + ": " + field.meaning, pointer);
       }
     } else if (!HasType(*value, field.type)) {
       throw CommandError(Kind::kMalformed, std::string("must be ") + NameOf(field.type), pointer);
@@ -562,7 +569,11 @@ std::span<const CommandKind> CommandKinds() {
         {"by_name", Type::kBoolean, false, "Each place keeps its channel."}},
        false,
        &SaveLayout},
-      {"delete_layout", "Deletes a layout that was saved live.", {kLayoutName}, false, &DeleteLayout},
+      {"delete_layout",
+       "Deletes a layout that was saved live.",
+       {kLayoutName},
+       false,
+       &DeleteLayout},
       {"reload", "Reads the wall file again and changes what differs.", {}, false, &Reload},
       {"save", "Writes the state into the wall file.", {}, false, &Save},
   };

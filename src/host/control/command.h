@@ -18,13 +18,13 @@ namespace host::control {
 class CommandError : public TavrelException {
  public:
   enum class Kind {
-    kMalformed,   // is no command, or a field has the wrong type or an impossible value
-    kUnknown,     // names a channel or layout that is not there
-    kConflict,    // cannot be done as the wall is: no spare slot, the name is taken, ...
-    kRestart,     // what only a restart changes: canvas, frame rate, codecs
-    kStale,       // the wall is no longer as the request expects it (If-Match)
-    kBusy,        // too many requests wait
-    kFailed,      // could not be carried out: a file could not be written, ...
+    kMalformed,  // is no command, or a field has the wrong type or an impossible value
+    kUnknown,    // names a channel or layout that is not there
+    kConflict,   // cannot be done as the wall is: no spare slot, the name is taken, ...
+    kRestart,    // what only a restart changes: canvas, frame rate, codecs
+    kStale,      // the wall is no longer as the request expects it (If-Match)
+    kBusy,       // too many requests wait
+    kFailed,     // could not be carried out: a file could not be written, ...
   };
 
   // pointer: to the field within the request as a JSON pointer ("/0/channel"), may be empty.

@@ -20,8 +20,8 @@ std::string TextOf(const std::map<std::string, config::Layout>& layouts) {
     text << "\n[layout.\"" << name << "\"]\nwindows = [\n";
     bool isByName = false;
     for (const config::Layout::Place& place : layout.places) {
-      text << "  [" << place.window.x << ", " << place.window.y << ", " << place.window.width << ", "
-           << place.window.height << "],\n";
+      text << "  [" << place.window.x << ", " << place.window.y << ", " << place.window.width
+           << ", " << place.window.height << "],\n";
       isByName = isByName || !place.channel.empty();
     }
     text << "]\n";
@@ -55,8 +55,7 @@ std::map<std::string, config::Layout> LayoutBook::Read(const config::Canvas& can
   const config::LayoutsText book = config::ParseLayouts(text, canvas);
   for (const config::Diagnostic& diagnostic : book.diagnostics.all()) {
     if (diagnostic.severity == config::Diagnostic::Severity::kError) {
-      throw CommandError(CommandError::Kind::kFailed,
-                         config::ToText(diagnostic, file_.string()));
+      throw CommandError(CommandError::Kind::kFailed, config::ToText(diagnostic, file_.string()));
     }
   }
   for (const config::Layout& layout : book.layouts) {
@@ -67,8 +66,8 @@ std::map<std::string, config::Layout> LayoutBook::Read(const config::Canvas& can
 
 void LayoutBook::Write(const std::map<std::string, config::Layout>& layouts) const {
   if (const std::uint32_t error = os::ReplaceFile(file_, TextOf(layouts)); error != 0) {
-    throw CommandError(CommandError::Kind::kFailed, file_.string() + " cannot be written: " +
-                                                        os::FileErrorText(error));
+    throw CommandError(CommandError::Kind::kFailed,
+                       file_.string() + " cannot be written: " + os::FileErrorText(error));
   }
 }
 

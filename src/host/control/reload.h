@@ -11,8 +11,9 @@ namespace host::control {
 
 struct Reloaded {
   WallState state;
-  std::vector<std::string> changed;       // channels, by name: added, removed or with other settings
-  std::vector<std::string> needsRestart;  // a sentence each: what the file asks for and stays as it is
+  std::vector<std::string> changed;  // channels, by name: added, removed or with other settings
+  std::vector<std::string>
+      needsRestart;  // a sentence each: what the file asks for and stays as it is
 };
 
 // running: the wall as its file gave it when it was read last. Channels are compared by name: one

@@ -40,9 +40,8 @@ WallControl::WallControl(const config::Wall& wall, WallExecutor& executor, Setti
       state.saved = book.Read(state.canvas);
       // The wall file's own come first.
       state.layouts.insert(state.saved.begin(), state.saved.end());
-      std::erase_if(state.saved, [&](const auto& one) {
-        return state.layouts.at(one.first) != one.second;
-      });
+      std::erase_if(state.saved,
+                    [&](const auto& one) { return state.layouts.at(one.first) != one.second; });
     } catch (const CommandError& error) {
       Say(error.detail() + "; the wall goes on without its saved layouts");
     }
@@ -133,8 +132,7 @@ Accepted WallControl::CarryOut(const Request& request, const WallState& before) 
                                          " by now, not " + std::to_string(*request.ifVersion));
   }
   WallState next = before;
-  CommandContext context{next, settings_.wallFile.parent_path(),
-                         std::chrono::system_clock::now()};
+  CommandContext context{next, settings_.wallFile.parent_path(), std::chrono::system_clock::now()};
   Accepted accepted;
   Carry(request.commands, context);
   std::optional<config::Wall> file;
@@ -205,12 +203,9 @@ void WallControl::Report(const Request& request, const Result& result) {
       return;
     }
     const std::shared_ptr<const WallState> now = state();
-    line = {{"event", "changed"},
-            {"from", request.from},
-            {"version", accepted->version},
-            {"frame", accepted->frame},
-            {"commands", request.commands},
-            {"state", ToJson(*now)}};
+    line = {{"event", "changed"},           {"from", request.from},
+            {"version", accepted->version}, {"frame", accepted->frame},
+            {"commands", request.commands}, {"state", ToJson(*now)}};
   } else {
     const auto& error = std::get<CommandError>(result);
     line = {{"event", "refused"}, {"from", request.from}, {"reason", error.detail()}};

@@ -25,7 +25,7 @@ namespace host::control {
 // A request: one command or a list, carried out as a whole or refused as a whole.
 struct Request {
   nlohmann::json commands;
-  std::string from;                        // who asks, for messages: "socket", "10.0.0.7", "wall file"
+  std::string from;  // who asks, for messages: "socket", "10.0.0.7", "wall file"
   std::optional<std::uint64_t> ifVersion;  // only if the state has this version
 };
 // What became of it.
@@ -33,7 +33,8 @@ struct Accepted {
   std::uint64_t version = 0;  // of the state after it
   std::int64_t frame = 0;     // the first composed frame that shows all of it
   bool hasChanged = false;
-  nlohmann::ordered_json more = nlohmann::ordered_json::object();  // of reload: what needs a restart, ...
+  nlohmann::ordered_json more =
+      nlohmann::ordered_json::object();  // of reload: what needs a restart, ...
 };
 using Result = std::variant<Accepted, CommandError>;
 

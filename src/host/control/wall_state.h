@@ -34,12 +34,12 @@ struct Acknowledgement {
 
 // A channel of the wall and the slot that it fills.
 struct ChannelEntry {
-  config::Channel settings;    // its window is where the layout in force shows it
-  config::Window fileWindow;   // its own, for the layout "file"
-  bool isPlaced = true;        // the layout has a place for it
+  config::Channel settings;   // its window is where the layout in force shows it
+  config::Window fileWindow;  // its own, for the layout "file"
+  bool isPlaced = true;       // the layout has a place for it
   Mute mute = Mute::kOff;
   std::uint64_t reconnects = 0;  // how often it was asked to open its source again
-  std::optional<std::chrono::system_clock::time_point> maskedUntil{};  // its alarms are
+  std::optional<std::chrono::system_clock::time_point> maskedUntil{};              // its alarms are
   std::array<std::optional<Acknowledgement>, config::kAlarmKinds> acknowledged{};  // by AlarmKind
 
   // An operator sees it: enabled, and placed by the layout.

@@ -256,6 +256,39 @@ void AudioEncoder::Send(const AVFrame* frame, const PacketSink& sink) {
   }
 }
 
+namespace {
+
+// The first packets of an encoder hold its delay; the fourth is like all that follow.
+constexpr int kSteadyPacket = 3;
+constexpr int kSilentSamples = 8 * 1536;
+
+ffmpeg::Frame Silence(const AVCodecParameters& parameters, int samples) {
+  ffmpeg::Frame frame = ffmpeg::MakeFrame();
+  frame->format = AV_SAMPLE_FMT_FLTP;
+  frame->nb_samples = samples;
+  frame->sample_rate = parameters.sample_rate;
+  av_channel_layout_default(&frame->ch_layout, parameters.ch_layout.nb_channels);
+  ffmpeg::Check(av_frame_get_buffer(frame.get(), 0), "cannot make silence");
+  av_samples_set_silence(frame->extended_data, 0, samples, frame->ch_layout.nb_channels,
+                         AV_SAMPLE_FMT_FLTP);
+  return frame;
+}
+
+}  // namespace
+
+ffmpeg::Packet EncodeSilence(const AudioFormat& format) {
+  const AVCodecParameters& parameters = *format.parameters;
+  AudioEncoder encoder(parameters);
+  ffmpeg::Packet steady;
+  int count = 0;
+  encoder.Push(*Silence(parameters, kSilentSamples), 0, [&](ffmpeg::Packet packet) {
+    if (count++ == kSteadyPacket) {
+      steady = std::move(packet);
+    }
+  });
+  return steady;
+}
+
 AudioTranscoder::AudioTranscoder(const AudioFormat& from)
     : format_(AacFormat(from.parameters->sample_rate,
                         std::clamp(from.parameters->ch_layout.nb_channels, 1, kMaxChannels),

@@ -58,6 +58,10 @@ class AudioEncoder {
   std::int64_t next_ = 0;  // number of the next sample that goes to the encoder
 };
 
+// A packet of silence as it comes in the middle of a stream of that format, in units of 100 ns;
+// null when the encoder gives none. Throws ffmpeg::Error when the format cannot be encoded.
+ffmpeg::Packet EncodeSilence(const AudioFormat& format);
+
 // FLV, and RTMP with it, holds AAC only of what channels send. Decodes a track and encodes it in
 // one or two channels. Owned and called by one output on its thread.
 class AudioTranscoder {

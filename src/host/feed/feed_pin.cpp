@@ -100,6 +100,20 @@ ComPtr<IMediaSample> FeedPin::NewSample(Time start, Time stop, bool wait) {
   return sample;
 }
 
+ComPtr<IMediaSample> FeedPin::NewFrame(Time start, Time stop, bool wait, LONG bytes) {
+  ComPtr<IMediaSample> sample = NewSample(start, stop, wait);
+  const bool fits =
+      sample && (frames_ ? frames_->Fit(*sample.Get(), bytes) : sample->GetSize() >= bytes);
+  return fits && SUCCEEDED(sample->SetActualDataLength(bytes)) ? sample : nullptr;
+}
+
+void FeedPin::ChangeType(CMediaType type, LONG bytes) {
+  type_ = std::move(type);
+  if (frames_) {
+    frames_->Expect(bytes);
+  }
+}
+
 bool FeedPin::Send(std::span<const std::uint8_t> bytes, Time start, Time stop,
                    const CMediaType* newType) {
   const ComPtr<IMediaSample> sample = NewSample(start, stop, false);

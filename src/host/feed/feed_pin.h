@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "host/feed/frame_allocator.h"
 #include "host/units.h"
 #include "log/i_log_perf.h"
 #include "platform/baseclasses/io_pins.h"
@@ -53,6 +54,14 @@ class FeedPin final : public CBaseOutputPin {
   void Offer(CMediaType type, Buffers buffers);
   // The allocator for the next connection; without it the pin makes one of plain memory.
   void UseAllocator(ComPtr<IMemAllocator> allocator) { ownAllocator_ = std::move(allocator); }
+  // The same for frames, whose size may change: see NewFrame.
+  void UseFrames(ComPtr<FrameAllocator> frames) {
+    frames_ = std::move(frames);
+    ownAllocator_ = ComPtr<IMemAllocator>(frames_.Get());
+  }
+  // Frames of the type and size that follow, while the pin is connected: what AttachType attaches.
+  // Streaming thread.
+  void ChangeType(CMediaType type, LONG bytes);
 
   // Registers the pin with a logger, not owned, and from now on tells it of every time that no
   // buffer is free: what comes after the pin is full. Before the filter runs.
@@ -63,6 +72,8 @@ class FeedPin final : public CBaseOutputPin {
   ComPtr<IMediaSample> NewSample(Time start, Time stop, bool wait);
   // Makes a sample carry the type that the pin offers.
   void AttachType(IMediaSample& sample) { sample.SetMediaType(&type_); }
+  // The same for a frame of that many bytes, whose buffer has exactly that size.
+  ComPtr<IMediaSample> NewFrame(Time start, Time stop, bool wait, LONG bytes);
   // Sends a copy of the bytes as one sample, with its times as its media times, too; false when
   // there is no buffer for it, or the receiver refuses it. Never waits. newType: the type of this
   // sample and those that follow, where it differs from that of the connection.
@@ -73,6 +84,7 @@ class FeedPin final : public CBaseOutputPin {
   CMediaType type_;
   Buffers buffers_;
   ComPtr<IMemAllocator> ownAllocator_;
+  ComPtr<FrameAllocator> frames_;          // the same one, of a pin for frames
   qorp::log::ILogPerf* logger_ = nullptr;  // null: nobody is notified
   std::string pinName_;
 };

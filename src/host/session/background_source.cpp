@@ -170,6 +170,9 @@ bool BackgroundSource::Send(std::int64_t frame, bool wait) {
   if (settings_.watch != nullptr) {
     settings_.watch->Expect(sample.Get(), start);
   }
+  if (settings_.sending) {
+    settings_.sending(start);
+  }
   sending_ = start;
   const bool sent = SUCCEEDED(pin_.Deliver(sample.Get()));
   sent_ = start;

@@ -68,6 +68,7 @@ class BackgroundSource final : public CBaseFilter {
     Ratio aspect{16, 9};
     std::vector<std::uint8_t> picture;  // packed YV12 of that size
     std::shared_ptr<FrameWatch> watch;  // may be null
+    std::function<void(Time)> sending;  // before each frame goes into the composer; may be null
   };
   struct Counters {
     std::atomic<std::uint64_t> sent{0};
@@ -99,6 +100,8 @@ class BackgroundSource final : public CBaseFilter {
   bool SendFrame(std::int64_t frame);
 
   const Counters& counters() const { return counters_; }
+  // Start of the frame that was sent last; 0 before the first. Any thread.
+  Time latestFrame() const { return sending_; }
   // Start of the frame that is the composer's present time, 0 before the first; none while a frame
   // is being sent. Any thread.
   std::optional<Time> presentFrame() const {

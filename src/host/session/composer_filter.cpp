@@ -71,25 +71,17 @@ ComposerFilter::Input ComposerFilter::AddInput(LONG index, IComposeWindow* windo
   return input;
 }
 
-ComPtr<WallWindow> WallWindow::Create(Placement placement, Ratio frameRate) {
+ComPtr<WallWindow> WallWindow::Create(std::shared_ptr<WindowSchedule> schedule, std::size_t index,
+                                      Ratio frameRate) {
   return ComPtr<WallWindow>(
-      std::make_unique<WallWindow>(std::move(placement), frameRate).release());
+      std::make_unique<WallWindow>(std::move(schedule), index, frameRate).release());
 }
 
-WallWindow::WallWindow(Placement placement, Ratio frameRate)
+WallWindow::WallWindow(std::shared_ptr<WindowSchedule> schedule, std::size_t index, Ratio frameRate)
     : CUnknown("wall window", nullptr),
-      stableFrames_(static_cast<int>(std::ceil(kStableSeconds * frameRate.value()))),
-      placement_(std::move(placement)) {}
-
-void WallWindow::Place(Placement placement) {
-  const os::MutexLock guard(lock_);
-  placement_ = std::move(placement);
-}
-
-WallWindow::Placement WallWindow::placement() const {
-  const os::MutexLock guard(lock_);
-  return placement_;
-}
+      schedule_(std::move(schedule)),
+      index_(index),
+      stableFrames_(static_cast<int>(std::ceil(kStableSeconds * frameRate.value()))) {}
 
 bool WallWindow::WantsType() const {
   const os::MutexLock guard(lock_);
@@ -103,16 +95,17 @@ void WallWindow::SetFrameSent() {
 
 HRESULT WallWindow::GetWindowState(BYTE* enabled, LONG* x, LONG* y, const char** colour,
                                    BYTE* selected) {
+  // Stays as it is until the next frame.
+  const WindowState& state = schedule_->Ask(index_);
   const os::MutexLock guard(lock_);
-  askedColour_ = placement_.colour;
   // The frame before this one has been composed.
   sizeKnown_ = sizeKnown_ || shownFrames_ > 0;
-  shownFrames_ = placement_.enabled && frameSent_ ? std::min(shownFrames_ + 1, stableFrames_) : 0;
-  *enabled = placement_.enabled ? 1 : 0;
-  *x = placement_.x;
-  *y = placement_.y;
-  *colour = askedColour_.empty() ? nullptr : askedColour_.c_str();
-  *selected = placement_.selected && sizeKnown_ ? 1 : 0;
+  shownFrames_ = state.isShown && frameSent_ ? std::min(shownFrames_ + 1, stableFrames_) : 0;
+  *enabled = state.isShown ? 1 : 0;
+  *x = state.place.x;
+  *y = state.place.y;
+  *colour = state.colour.empty() ? nullptr : state.colour.c_str();
+  *selected = state.isSelected && state.isShown && sizeKnown_ ? 1 : 0;
   return S_OK;
 }
 

@@ -1,9 +1,12 @@
 // The composer as the host sees it, and a window as the composer sees it.
 #pragma once
 
+#include <cstddef>
+#include <memory>
 #include <string>
 
 #include "filter/i_compose_command.h"
+#include "host/channel/window_schedule.h"
 #include "host/units.h"
 #include "platform/baseclasses/unknown_base.h"
 #include "platform/com/com_ptr.h"
@@ -60,26 +63,17 @@ class ComposerFilter {
 // and until it has been shown without a break for some time; all others go without, because looking
 // at the types of a whole queue costs the composer time in every frame.
 //
-// Placed by the application's thread, asked by the composition thread and, about types, by the
-// channel's streaming thread; one lock.
+// Answers by the schedule of the wall, for the frame that is being composed. Asked by the
+// composition thread and, about types, by the channel's streaming thread; one lock.
 class WallWindow final : public CUnknown, public IComposeWindow {
  public:
   DECLARE_IUNKNOWN
 
-  struct Placement {
-    bool enabled = true;
-    int x = 0;  // canvas pixels
-    int y = 0;
-    std::string colour;  // of the label, in one of the composer's forms; empty: as it is
-    bool selected = false;
-  };
+  // index: of the window in the schedule, and of its input. frameRate: of the wall.
+  static ComPtr<WallWindow> Create(std::shared_ptr<WindowSchedule> schedule, std::size_t index,
+                                   Ratio frameRate);
+  WallWindow(std::shared_ptr<WindowSchedule> schedule, std::size_t index, Ratio frameRate);
 
-  // frameRate: of the wall.
-  static ComPtr<WallWindow> Create(Placement placement, Ratio frameRate);
-  WallWindow(Placement placement, Ratio frameRate);
-
-  void Place(Placement placement);
-  Placement placement() const;
   // Whether the next frame is to carry its media type.
   bool WantsType() const;
   // A frame has reached the composer: it knows the window's size once it has composed a frame in
@@ -90,13 +84,13 @@ class WallWindow final : public CUnknown, public IComposeWindow {
                          BYTE* selected) override;
 
  private:
+  const std::shared_ptr<WindowSchedule> schedule_;
+  const std::size_t index_;
   const int stableFrames_;
   mutable os::Mutex lock_;
-  Placement placement_ GUARDED_BY(lock_);
   bool frameSent_ GUARDED_BY(lock_) = false;
   int shownFrames_ GUARDED_BY(lock_) = 0;  // in a row, with frames to be shown
   bool sizeKnown_ = false;                 // composition thread only
-  std::string askedColour_;  // composition thread only: what the last answer points to
 };
 
 }  // namespace host

@@ -42,17 +42,39 @@ std::optional<std::string> LabelFile::Look() {
   return given_;
 }
 
-void LabelFiles::Add(std::filesystem::path path, TakeText take) {
-  entries_.push_back({LabelFile(std::move(path)), std::move(take)});
+void LabelFiles::Add(std::size_t key, std::filesystem::path path, TakeText take) {
+  {
+    const os::MutexLock guard(run_->lock);
+    run_->entries.push_back(
+        std::make_shared<Entry>(Entry{key, LabelFile(std::move(path)), std::move(take)}));
+  }
+  if (isStarted_) {
+    StartThread();
+  }
+}
+
+void LabelFiles::Remove(std::size_t key) {
+  const os::MutexLock guard(run_->lock);
+  std::erase_if(run_->entries, [&](const std::shared_ptr<Entry>& entry) {
+    entry->removed = entry->removed || entry->key == key;
+    return entry->removed;
+  });
 }
 
 void LabelFiles::Start() {
-  if (entries_.empty() || thread_ != nullptr) {
-    return;
+  isStarted_ = true;
+  StartThread();
+}
+
+void LabelFiles::StartThread() {
+  bool isEmpty = false;
+  {
+    const os::MutexLock guard(run_->lock);
+    isEmpty = run_->entries.empty();
   }
-  run_ = std::make_shared<Run>();
-  run_->entries = entries_;
-  thread_ = std::make_unique<os::Thread>([run = run_] { run->LookUntilStopped(); }, "labels");
+  if (thread_ == nullptr && !isEmpty) {
+    thread_ = std::make_unique<os::Thread>([run = run_] { run->LookUntilStopped(); }, "labels");
+  }
 }
 
 void LabelFiles::Stop() {
@@ -73,14 +95,29 @@ void LabelFiles::Stop() {
     thread_->Wait(os::kInfinite);
   }
   thread_.reset();
-  run_.reset();
+  // The thread may still be stuck in the former one.
+  auto next = std::make_shared<Run>();
+  {
+    const os::MutexLock guard(run_->lock);
+    for (const std::shared_ptr<Entry>& entry : run_->entries) {
+      next->entries.push_back(
+          std::make_shared<Entry>(Entry{entry->key, LabelFile(entry->file.path()), entry->take}));
+    }
+  }
+  run_ = std::move(next);
+  isStarted_ = false;
 }
 
 void LabelFiles::Run::LookUntilStopped() {
   bool goesOn = true;
   while (goesOn) {
-    for (Entry& entry : entries) {
-      goesOn = goesOn && Give(entry, entry.file.Look());
+    std::vector<std::shared_ptr<Entry>> now;
+    {
+      const os::MutexLock guard(lock);
+      now = entries;
+    }
+    for (const std::shared_ptr<Entry>& entry : now) {
+      goesOn = goesOn && Give(entry, entry->file.Look());
     }
     goesOn = goesOn && WaitForNextLook();
   }
@@ -89,10 +126,11 @@ void LabelFiles::Run::LookUntilStopped() {
   changed.NotifyAll();
 }
 
-bool LabelFiles::Run::Give(const Entry& entry, const std::optional<std::string>& text) {
+bool LabelFiles::Run::Give(const std::shared_ptr<Entry>& entry,
+                           const std::optional<std::string>& text) {
   const os::MutexLock guard(lock);
-  if (!stopped && text) {
-    entry.take(*text);
+  if (!stopped && !entry->removed && text) {
+    entry->take(*text);
   }
   return !stopped;
 }

@@ -1,6 +1,7 @@
 // LabelFiles: labels whose texts stand in files that change while the wall runs.
 #pragma once
 
+#include <cstddef>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -29,9 +30,10 @@ class LabelFile {
   // it again, so a text counts when two looks in a row have found it. None when there is nothing
   // new; a file that is gone changes nothing.
   std::optional<std::string> Look();
+  const std::filesystem::path& path() const { return path_; }
 
  private:
-  std::filesystem::path path_;
+  const std::filesystem::path path_;
   std::optional<std::string> found_;  // at the last look
   std::optional<std::string> given_;  // by the last look that had something new
 };
@@ -48,9 +50,11 @@ class LabelFiles {
   LabelFiles(const LabelFiles&) = delete;
   LabelFiles& operator=(const LabelFiles&) = delete;
 
-  // Before Start. take gets every new text, on the thread of the files; it returns at once.
-  void Add(std::filesystem::path path, TakeText take);
-  // Does nothing without a file.
+  // take gets every new text, on the thread of the files; it returns at once. key: for Remove.
+  void Add(std::size_t key, std::filesystem::path path, TakeText take);
+  // No text of that file is handed over any more.
+  void Remove(std::size_t key);
+  // From now on the files are looked at.
   void Start();
   // No text is handed over any more. A thread that is stuck in a file, as on a dead mount, is
   // detached.
@@ -58,27 +62,32 @@ class LabelFiles {
 
  private:
   struct Entry {
-    LabelFile file;
+    std::size_t key = 0;
+    LabelFile file;  // the thread's own
     TakeText take;
+    bool removed = false;  // under the lock
   };
   // What the thread touches. The lock guards the request to stop and is held while a text is handed
   // over, but not while a file is read.
   struct Run {
-    std::vector<Entry> entries;  // the thread's own
     os::Mutex lock;
     os::ConditionVariable changed;
+    std::vector<std::shared_ptr<Entry>> entries GUARDED_BY(lock);
     bool stopped GUARDED_BY(lock) = false;
     bool ended GUARDED_BY(lock) = false;
 
     void LookUntilStopped();
     // Hands a new text over. False once stopped.
-    bool Give(const Entry& entry, const std::optional<std::string>& text);
+    bool Give(const std::shared_ptr<Entry>& entry, const std::optional<std::string>& text);
     // False once stopped.
     bool WaitForNextLook();
   };
 
-  std::vector<Entry> entries_;
-  std::shared_ptr<Run> run_;  // shared with the thread; null while none runs
+  // Starts the thread once there is a file to look at.
+  void StartThread();
+
+  std::shared_ptr<Run> run_ = std::make_shared<Run>();  // shared with the thread
+  bool isStarted_ = false;
   std::unique_ptr<os::Thread> thread_;
 };
 

@@ -100,6 +100,10 @@ OutputSet::Settings OutputsOfWall(const config::Wall& wall, bool live) {
     settings.tracks.push_back({channel.name, audio.language, channel.selected,
                                audio.enabled ? std::make_shared<AudioTrack>() : nullptr});
   }
+  for (int i = 0; i < wall.spare; ++i) {
+    settings.tracks.push_back(
+        {"Spare " + std::to_string(i + 1), "", false, std::make_shared<AudioTrack>()});
+  }
   return settings;
 }
 

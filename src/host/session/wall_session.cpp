@@ -29,13 +29,28 @@ constexpr std::chrono::seconds kBackgroundLimit{5};
 // How often a rendering that waits for a channel or an output asks whether it is to stop.
 constexpr std::chrono::milliseconds kStopPeriod{100};
 
+std::size_t SlotsOf(const config::Wall& wall) {
+  return wall.channels.size() + static_cast<std::size_t>(wall.spare);
+}
+
+// Of the wall file: spare slots are not shown.
+std::vector<WindowState> WindowsOf(const config::Wall& wall) {
+  std::vector<WindowState> windows;
+  for (const config::Channel& channel : wall.channels) {
+    windows.push_back(
+        {channel.options.enabled, channel.window, channel.options.colour, channel.selected});
+  }
+  WindowState spare;
+  spare.isShown = false;
+  spare.place = {0, 0, config::kSmallestCanvas, config::kSmallestCanvas};
+  windows.resize(SlotsOf(wall), spare);
+  return windows;
+}
+
 ComposerFilter::Canvas CanvasOf(const config::Wall& wall) {
-  return {static_cast<int>(wall.channels.size()),
-          wall.canvas.width,
-          wall.canvas.height,
-          wall.canvas.aspect,
-          wall.canvas.frameRate,
-          wall.canvas.preroll};
+  return {
+      static_cast<int>(SlotsOf(wall)), wall.canvas.width,  wall.canvas.height, wall.canvas.aspect,
+      wall.canvas.frameRate,           wall.canvas.preroll};
 }
 
 // The first frame that is handed out: the one that is nearest to the moment at which the composer
@@ -57,6 +72,8 @@ WallSession::WallSession(Settings settings)
       labelsUntil_(std::chrono::steady_clock::now() + kLabelsLimit),
       clock_(settings_.wall.canvas.clockOffset),
       pressure_(settings_.live ? std::make_shared<WallPressure>() : nullptr),
+      schedule_(std::make_shared<WindowSchedule>(WindowsOf(settings_.wall),
+                                                 settings_.wall.canvas.frameRate, kWindowLatency)),
       composer_(settings_.composerLibrary, CanvasOf(settings_.wall),
                 settings_.composerLogger != nullptr ? settings_.composerLogger : settings_.logger),
       graph_(FilterGraph::Create()) {
@@ -65,8 +82,9 @@ WallSession::WallSession(Settings settings)
   outputs.finishLimit = settings_.finishLimit;
   outputs_ = std::make_unique<OutputSet>(outputs, settings_.outputObserver, settings_.logger);
   const config::Canvas& canvas = settings_.wall.canvas;
-  background_ = BackgroundSource::Create(
-      {canvas.width, canvas.height, canvas.frameRate, canvas.aspect, Background(), watch_});
+  background_ = BackgroundSource::Create({canvas.width, canvas.height, canvas.frameRate,
+                                          canvas.aspect, Background(), watch_,
+                                          [this](Time start) { schedule_->FrameSent(start); }});
   if (settings_.live) {
     // A wall that is rendered waits for buffers all the time: that is its pace.
     background_->pin().ReportTo(settings_.logger, "background");
@@ -83,7 +101,7 @@ WallSession::WallSession(Settings settings)
     for (const OutputSession::Track& track : outputs.tracks) {
       audioTracks_.push_back(track.audio);
     }
-    audioSink_ = AudioSink::Create(settings_.wall.channels.size(),
+    audioSink_ = AudioSink::Create(SlotsOf(settings_.wall),
                                    [this](std::size_t channel, ffmpeg::Packet packet, Time shift) {
                                      const Time latency = settings_.live ? 0 : kWindowLatency;
                                      packet->pts -= latency;
@@ -92,8 +110,8 @@ WallSession::WallSession(Settings settings)
                                    });
     Check(graph_->AddFilter(audioSink_.Get(), u"audio"), "add the sink of the audio to the graph");
   }
-  for (std::size_t i = 0; i < settings_.wall.channels.size(); ++i) {
-    AddChannel(i);
+  for (std::size_t i = 0; i < SlotsOf(settings_.wall); ++i) {
+    AddSlot(i);
   }
   Connect(background_->pin(), composer_.backgroundPin(), "the background");
   Check(graph_->ConnectDirect(composer_.compositionPin(), sink_->pin(), nullptr),
@@ -136,6 +154,7 @@ void WallSession::Take(const ComPtr<IMediaSample>& frame, Time start) {
       settings_.takeFrame(frame, start - first);
     }
   }
+  schedule_->FrameComposed(start);
   watch_->Delivered(start);
 }
 
@@ -151,20 +170,22 @@ void WallSession::NotePressure(Time start) {
   }
 }
 
-ChannelSettings WallSession::SettingsOf(std::size_t index, WallWindow* window) {
+ChannelSettings WallSession::SettingsOf(std::size_t slot, const config::Channel& channel) {
   ChannelSettings settings;
-  settings.channel = settings_.wall.channels[index];
+  settings.channel = channel;
   settings.canvas = settings_.wall.canvas;
-  settings.label = LabelOf(settings.channel.label);
+  settings.windows = schedule_;
+  settings.slot = slot;
   if (settings_.live) {
     settings.now = [this] { return clock_.Now(); };
   }
+  WallWindow* const window = windows_[slot].Get();
   settings.timeText = [this](Time time) { return TimeText(time); };
   settings.wantsType = [window] { return window->WantsType(); };
   settings.frameSent = [window] { window->SetFrameSent(); };
   settings.presentFrame = [this] { return background_->presentFrame(); };
   if (audioSink_) {
-    settings.audioTrack = audioTracks_.at(index);
+    settings.audioTrack = audioTracks_.at(slot);
   }
   settings.logger = settings_.logger;
   settings.pressure = pressure_;
@@ -172,11 +193,12 @@ ChannelSettings WallSession::SettingsOf(std::size_t index, WallWindow* window) {
 }
 
 // The text that a channel begins with. A rendered wall keeps it: its files are read once.
-std::string WallSession::LabelOf(const config::Label& label) const {
+std::string WallSession::LabelOf(const config::Label& label, bool isStarting) const {
   if (label.source == config::Label::Source::kNone) {
     return {};
   }
-  if (label.source == config::Label::Source::kFile) {
+  // The file of a channel that is added is read by the thread that follows it.
+  if (label.source == config::Label::Source::kFile && isStarting) {
     // A dead mount holds up all of them together no longer than that.
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
         labelsUntil_ - std::chrono::steady_clock::now());
@@ -188,34 +210,83 @@ std::string WallSession::LabelOf(const config::Label& label) const {
   return label.text;
 }
 
-void WallSession::AddChannel(std::size_t index) {
-  const config::Channel& channel = settings_.wall.channels[index];
-  const ComPtr<WallWindow> window =
-      WallWindow::Create({channel.options.enabled, channel.window.x, channel.window.y,
-                          channel.options.colour, channel.selected},
-                         settings_.wall.canvas.frameRate);
-  const ComPtr<ChannelSource> source =
-      ChannelSource::Create(SettingsOf(index, window.Get()), settings_.observer);
-  if (settings_.live) {
-    source->ReportFullBuffersTo(settings_.logger);
-    source->queue().FollowClock([this] { return clock_.Now(); });
+void WallSession::AddSlot(std::size_t slot) {
+  const auto& channels = settings_.wall.channels;
+  windows_.push_back(WallWindow::Create(schedule_, slot, settings_.wall.canvas.frameRate));
+  const std::string name =
+      slot < channels.size() ? channels[slot].name : "Spare " + std::to_string(slot + 1);
+  ComPtr<ChannelSource> source;
+  if (slot < channels.size()) {
+    ChannelSettings settings = SettingsOf(slot, channels[slot]);
+    settings.label = LabelOf(channels[slot].label, true);
+    source = ChannelSource::Create(std::move(settings), settings_.observer);
+  } else {
+    source =
+        ChannelSource::CreateSpare({settings_.wall.canvas, settings_.live}, settings_.observer);
   }
-  Check(graph_->AddFilter(source.Get(), WidenAscii("channel " + std::to_string(index)).c_str()),
-        "add channel \"" + channel.name + "\" to the graph");
-  const ComposerFilter::Input input = composer_.AddInput(static_cast<LONG>(index), window.Get());
-  const std::string what = "channel \"" + channel.name + "\"";
+  if (settings_.live) {
+    source->ReportFullBuffersTo(settings_.logger, name);
+  }
+  Check(graph_->AddFilter(source.Get(), WidenAscii("channel " + std::to_string(slot)).c_str()),
+        "add channel \"" + name + "\" to the graph");
+  const ComposerFilter::Input input =
+      composer_.AddInput(static_cast<LONG>(slot), windows_[slot].Get());
+  const std::string what = "channel \"" + name + "\"";
   Connect(source->videoPin(), input.video, what);
   Connect(source->textPin(), input.text, "the label of " + what);
   Connect(source->audioAlarmPin(), input.audioAlarm, "the levels of " + what);
   Connect(source->videoAlarmPin(), input.videoAlarm, "the video alarm of " + what);
-  if (settings_.live && channel.label.source == config::Label::Source::kFile) {
-    labelFiles_.Add(channel.label.file,
-                    [source = source.Get()](const std::string& text) { source->SetLabel(text); });
-  }
-  windows_.push_back(window);
   channels_.push_back(source);
-  detached_.push_back(false);
-  ConnectAudio(index, input, what);
+  detached_.push_back(slot >= channels.size());
+  if (slot < channels.size()) {
+    FollowLabel(slot, channels[slot].label);
+  }
+  ConnectAudio(slot, input, what);
+}
+
+void WallSession::FollowLabel(std::size_t slot, const config::Label& label) {
+  labelFiles_.Remove(slot);
+  if (settings_.live && label.source == config::Label::Source::kFile) {
+    labelFiles_.Add(slot, label.file, [source = channels_[slot].Get()](const std::string& text) {
+      source->SetLabel(text);
+    });
+  }
+}
+
+void WallSession::Assign(std::size_t slot, const config::Channel* channel,
+                         const ChannelControls& controls) {
+  ChannelSource& source = *channels_.at(slot);
+  if (channel == nullptr) {
+    labelFiles_.Remove(slot);
+    source.Assign(std::nullopt, controls);
+    return;
+  }
+  ChannelSettings settings = SettingsOf(slot, *channel);
+  settings.label = LabelOf(channel->label, false);
+  source.Assign(std::move(settings), controls);
+  FollowLabel(slot, channel->label);
+}
+
+void WallSession::SetControls(std::size_t slot, const ChannelControls& controls) {
+  channels_.at(slot)->SetControls(controls);
+}
+
+void WallSession::SetLabel(std::size_t slot, const config::Label& label) {
+  channels_.at(slot)->SetLabel(LabelOf(label, false));
+  FollowLabel(slot, label);
+}
+
+std::optional<std::int64_t> WallSession::Place(const std::vector<WindowState>& windows) {
+  const std::optional<Time> start =
+      schedule_->Change(windows, settings_.live ? clock_.Now() : background_->latestFrame());
+  const Ratio rate = settings_.wall.canvas.frameRate;
+  return start ? std::optional(FrameAt(*start, rate)) : std::nullopt;
+}
+
+void WallSession::Tidy() {
+  for (const ComPtr<ChannelSource>& channel : channels_) {
+    channel->EndRetired();
+  }
 }
 
 void WallSession::ConnectAudio(std::size_t index, const ComposerFilter::Input& input,

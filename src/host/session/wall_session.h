@@ -80,20 +80,34 @@ class WallSession {
   // Returns how many. The destructor does the same.
   int Finish(const std::function<bool()>& hurried = {});
 
+  // While a live wall runs. A slot is an input of the composer with its track; channels of the wall
+  // file fill the first ones, the others are spare.
+  std::size_t slots() const { return channels_.size(); }
+  // Another channel in the slot, or none; its window is where Place says. Waits for none of the
+  // sources.
+  void Assign(std::size_t slot, const config::Channel* channel, const ChannelControls& controls);
+  void SetControls(std::size_t slot, const ChannelControls& controls);
+  void SetLabel(std::size_t slot, const config::Label& label);
+  // All windows. Returns the number of the first composed frame that shows them so; none when too
+  // many changes are pending.
+  std::optional<std::int64_t> Place(const std::vector<WindowState>& windows);
+  // Ends what is left of former channels; now and then.
+  void Tidy();
+
   OutputSet& outputs() { return *outputs_; }
   Counters counters() const;
   // How long composing took, since it was asked last.
   FrameWatch::Timing TakeTiming() { return watch_->TakeTiming(); }
   Time now() const { return clock_.Now(); }
   ChannelSource& channel(std::size_t index) { return *channels_[index]; }
-  WallWindow& window(std::size_t index) { return *windows_[index]; }
 
  private:
-  void AddChannel(std::size_t index);
+  void AddSlot(std::size_t slot);
   void ConnectAudio(std::size_t index, const ComposerFilter::Input& input, const std::string& what);
   std::vector<std::uint8_t> Background() const;
-  std::string LabelOf(const config::Label& label) const;
-  ChannelSettings SettingsOf(std::size_t index, WallWindow* window);
+  std::string LabelOf(const config::Label& label, bool isStarting) const;
+  ChannelSettings SettingsOf(std::size_t slot, const config::Channel& channel);
+  void FollowLabel(std::size_t slot, const config::Label& label);
   std::string TimeText(Time time);
   void Take(const ComPtr<IMediaSample>& frame, Time start);
   void NotePressure(Time start);
@@ -115,6 +129,7 @@ class WallSession {
   std::atomic<std::uint64_t> composed_{0};
   const std::shared_ptr<WallPressure> pressure_;  // null of a rendered wall
   Time pressureAt_ = 0;                           // the composition thread's
+  const std::shared_ptr<WindowSchedule> schedule_;
   // Outlives the graph, whose threads hand on to it.
   std::vector<std::shared_ptr<AudioTrack>> audioTracks_;  // one for each channel
   std::unique_ptr<OutputSet> outputs_;

@@ -44,6 +44,13 @@ class CBaseAllocator : public CUnknown, public IMemAllocator {
 
   void AddFree(CMediaSample* sample) REQUIRES(lock_);
   void ForgetFree() REQUIRES(lock_) { free_ = nullptr; }
+  // Calls visit(CMediaSample&) for every free sample.
+  template <typename Visit>
+  void VisitFree(const Visit& visit) REQUIRES(lock_) {
+    for (CMediaSample* sample = free_; sample != nullptr; sample = sample->m_pNext) {
+      visit(*sample);
+    }
+  }
 
   os::Mutex lock_;
   ALLOCATOR_PROPERTIES m_properties GUARDED_BY(lock_){};

@@ -48,6 +48,13 @@ void CMediaSample::Forget() {
   m_hasMediaTime = false;
 }
 
+HRESULT CMediaSample::SetPointer(BYTE* buffer, LONG length) {
+  m_pBuffer = buffer;
+  m_cbBuffer = length;
+  m_lActual = length;
+  return S_OK;
+}
+
 HRESULT CMediaSample::GetPointer(BYTE** buffer) {
   if (buffer == nullptr) {
     return E_POINTER;

@@ -24,6 +24,9 @@ class CMediaSample : public IMediaSample2 {
   ULONG AddRef() override;
   ULONG Release() override;
 
+  // Another buffer of the allocator's, while the sample is free or has just been given out.
+  HRESULT SetPointer(BYTE* buffer, LONG length);
+
   HRESULT GetPointer(BYTE** buffer) override;
   LONG GetSize() override;
   HRESULT GetTime(REFERENCE_TIME* start, REFERENCE_TIME* stop) override;

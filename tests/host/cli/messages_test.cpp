@@ -154,10 +154,11 @@ TEST_F(Messages, ContinueInANewFileWhenTheOldOneCannotBeContinued) {
 TEST_F(Messages, TellOfAChannelAndAnOutputWhenSomethingChanges) {
   MessageLog messages(streams, {});
   JsonLines events(out, false);
-  std::vector<config::Channel> channels(2);
-  channels[0].name = "A";
-  channels[1].name = "B";
-  ChannelBoard board(channels, messages, events);
+  config::Wall wall;
+  wall.channels.resize(2);
+  wall.channels[0].name = "A";
+  wall.channels[1].name = "B";
+  ChannelBoard board(wall, messages, events);
   OutputMessages outputs(messages);
   const std::chrono::milliseconds soon(250);
   MediaInfo info;
@@ -209,10 +210,11 @@ TEST(ChannelBoardTest, KeepsTheStatesAndWritesEachChangeAsALine) {
   MessageLog messages(streams, {});
   JsonLines lines(out, true);
   const std::string b = "B \xff";  // not UTF-8
-  std::vector<config::Channel> channels(2);
-  channels[0].name = "A";
-  channels[1].name = b;
-  ChannelBoard board(channels, messages, lines);
+  config::Wall wall;
+  wall.channels.resize(2);
+  wall.channels[0].name = "A";
+  wall.channels[1].name = b;
+  ChannelBoard board(wall, messages, lines);
   board.ChannelFailed("A", "no data for 5 s", std::nullopt);
   board.ChannelChanged("A", {ChannelState::kHeld, "no data for 5 s", 12 * kSecond});
   board.ChannelChanged(b, {ChannelState::kLive, "", kSecond});

@@ -144,6 +144,14 @@ FrameConverter::FrameConverter(const Settings& settings)
 
 FrameConverter::~FrameConverter() = default;
 
+void FrameConverter::Resize(int width, int height) {
+  if (width != settings_.width || height != settings_.height) {
+    settings_.width = width;
+    settings_.height = height;
+    scalerFormat_.reset();
+  }
+}
+
 std::size_t FrameConverter::bufferSize() const {
   return static_cast<std::size_t>(settings_.width) * static_cast<std::size_t>(settings_.height) *
          3 / 2;

@@ -122,6 +122,8 @@ class FrameConverter {
   // Drops that frame undrawn, when there is no buffer for it.
   void Drop() { ready_.pop_front(); }
 
+  // The window has another size from the next frame on; even, at least 2x2.
+  void Resize(int width, int height);
   std::size_t bufferSize() const;
   // Whether frames are being deinterlaced.
   bool deinterlacing() const { return filter_ && deinterlaceMode_ != nullptr; }
@@ -158,7 +160,7 @@ class FrameConverter {
   // then there is a scaler instead.
   ffmpeg::Frame ConvertWideColour(const AVFrame& frame);
 
-  const Settings settings_;
+  Settings settings_;
   RateLimiter limiter_;
   std::deque<ConvertedFrame> ready_;
 

@@ -1,0 +1,102 @@
+// WindowSchedule: where the windows of a running wall are, frame by frame.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/config/wall.h"
+#include "host/units.h"
+#include "platform/os/mutex.h"
+
+namespace host {
+
+// A window in composed frames.
+struct WindowState {
+  bool isShown = true;
+  config::Window place;
+  std::string colour = "#FFFFFF";  // of the label, in one of the composer's forms
+  bool isSelected = false;
+  bool operator==(const WindowState&) const = default;
+};
+
+struct WindowSize {
+  int width = 0;  // canvas pixels, even
+  int height = 0;
+  bool operator==(const WindowSize&) const = default;
+};
+
+// A change takes effect with one composed frame, for all windows: places, colours, selection and
+// showing by what the composer is answered for that frame, sizes by the frames that the channels
+// have sent for it. Those have waited in the composer for its latency, so a change of a size is set
+// further ahead than that: no frame that a channel has sent yet belongs to it.
+//
+//   application's thread   Change
+//   background's thread    FrameSent
+//   composition thread     Ask, for every window of a frame in their order; FrameComposed
+//   channels' threads      SizeAt, NextResize, At
+//
+// One lock, never held while calling out. Composing allocates nothing.
+class WindowSchedule {
+ public:
+  // How far ahead of what the channels send a change of a size is set.
+  static constexpr Time kResizeLead = 300 * kMillisecond;
+  static constexpr std::size_t kMaxPending = 32;
+
+  // latency: from a frame's source time to the composed frame that shows it.
+  WindowSchedule(std::vector<WindowState> windows, Ratio frameRate, Time latency);
+
+  // All windows as they are to be. present: the wall's time, not before that of any frame that a
+  // channel has sent. Returns the start of the first composed frame that shows them so; none when
+  // too many changes are pending.
+  std::optional<Time> Change(const std::vector<WindowState>& windows, Time present);
+
+  // A frame goes into the composer.
+  void FrameSent(Time start);
+  // The window in the frame being composed. The first window is asked first.
+  const WindowState& Ask(std::size_t window);
+  // That frame has been composed.
+  void FrameComposed(Time start);
+
+  // The window in the composed frame of that time.
+  WindowState At(std::size_t window, Time composed) const;
+  // What frames of that source time have to have.
+  WindowSize SizeAt(std::size_t window, Time source) const;
+  struct Resize {
+    Time at = 0;  // source time of the first frame that has it
+    WindowSize size;
+  };
+  // The first change of the size after that source time.
+  std::optional<Resize> NextResize(std::size_t window, Time source) const;
+
+ private:
+  struct Plan {
+    Time from = 0;  // composed frames
+    std::vector<WindowState> windows;
+  };
+  using Plans = std::deque<std::shared_ptr<const Plan>>;
+
+  const std::shared_ptr<const Plan>& PlanAt(Time composed) const REQUIRES(lock_);
+  // Start of the first frame at that time or later.
+  Time OnGrid(Time time) const;
+  void ChangeLook(const std::vector<WindowState>& windows, Time from) REQUIRES(lock_);
+
+  const Ratio rate_;
+  const Time latency_;
+  mutable os::Mutex lock_;
+  // In the order of time; the first one is in force, or just was.
+  Plans plans_ GUARDED_BY(lock_);
+  // Starts of the frames in the composer, oldest first; when full, the oldest are forgotten.
+  std::array<Time, 128> sent_ GUARDED_BY(lock_){};
+  std::size_t sentFirst_ GUARDED_BY(lock_) = 0;
+  std::size_t sentCount_ GUARDED_BY(lock_) = 0;
+  // Of the frame being composed; composition thread only.
+  std::shared_ptr<const Plan> asked_;
+};
+
+}  // namespace host
