@@ -357,7 +357,7 @@ nlohmann::ordered_json ToJson(const OutputSet::Status& output,
   }
   for (std::size_t i = 0; i < output.audio.size(); ++i) {
     const OutputSet::TrackStatus& audio = output.audio[i];
-    json["audio"].push_back({{"channel", channels[i].name},
+    json["audio"].push_back({{"channel", i < channels.size() ? channels[i].name : "Follow"},
                              {"packets", audio.written},
                              {"dropped", audio.dropped},
                              {"left_out", audio.leftOut},

@@ -251,6 +251,7 @@ struct Wall {
   ChannelOptions defaults;      // of channels that are added
   std::vector<Layout> layouts;  // the file's own
   int spare = 0;                // channels that can be added while the wall runs
+  bool follow = false;          // outputs have one more track: the audio of the channel followed
 };
 
 // The size in points of the labels that the composer draws on a canvas of so many lines.

@@ -155,6 +155,7 @@ void ReadCanvas(TableReader& reader, const FileContext& context, Wall& wall) {
   rules.margin = ReadPixels(reader, "margin");
   rules.labelRoom = ReadPixels(reader, "label_room");
   rules.windowAspect = ReadAspect(reader, "window_aspect");
+  wall.follow = reader.Boolean("follow").value_or(false);
   wall.spare =
       static_cast<int>(reader.Integer("spare", 0, static_cast<int>(kMaxChannels)).value_or(0));
   canvas.places = reader.AllPlaces();

@@ -1,5 +1,6 @@
 #include "host/control/session_executor.h"
 
+#include <algorithm>
 #include <chrono>
 
 #include "host/config/layout.h"
@@ -39,8 +40,8 @@ ChannelControls ControlsOf(const ChannelEntry& entry) {
                                                  : ChannelControls::Mute::kNothing;
   controls.maskedUntil = entry.maskedUntil;
   for (std::size_t i = 0; i < config::kAlarmKinds; ++i) {
-    controls.acknowledged[i] = entry.acknowledged[i] ? std::optional(entry.acknowledged[i]->at)
-                                                     : std::nullopt;
+    controls.acknowledged[i] =
+        entry.acknowledged[i] ? std::optional(entry.acknowledged[i]->at) : std::nullopt;
   }
   return controls;
 }
@@ -56,8 +57,8 @@ std::vector<WindowState> WindowsOf(const WallState& state) {
     if (entry) {
       window.place = entry->settings.window;
       window.colour = entry->settings.options.colour;
-      window.isSelected = entry->settings.selected &&
-                          config::CanBeSelected(entry->settings.window, state.canvas);
+      window.isSelected =
+          entry->settings.selected && config::CanBeSelected(entry->settings.window, state.canvas);
     }
     windows.push_back(window);
   }
@@ -72,6 +73,9 @@ std::int64_t SessionExecutor::Execute(const WallState& before, const WallState& 
   }
   for (std::size_t slot = 0; slot < next.slots.size(); ++slot) {
     ChangeSlot(slot, before.slots[slot], next.slots[slot]);
+  }
+  if (before.follow != next.follow) {
+    return std::max(*frame, session_.Follow(next.SlotOf(next.follow)));
   }
   return *frame;
 }

@@ -10,8 +10,8 @@
 
 namespace host::control {
 
-// Compares two states slot by slot and does what differs, and nothing to what does not. Application's
-// thread.
+// Compares two states slot by slot and does what differs, and nothing to what does not.
+// Application's thread.
 class SessionExecutor final : public WallExecutor {
  public:
   // session outlives it, and runs live.

@@ -52,7 +52,9 @@ const AVCodec& EncoderFor(AVCodecID id) {
 
 constexpr int kMaxChannels = 2;
 
-ffmpeg::Codec OpenDecoder(const AVCodecParameters& parameters) {
+}  // namespace
+
+ffmpeg::Codec OpenAudioDecoder(const AVCodecParameters& parameters) {
   const AVCodec* const codec = avcodec_find_decoder(parameters.codec_id);
   if (codec == nullptr) {
     throw ffmpeg::Error(AVERROR_DECODER_NOT_FOUND, "cannot decode",
@@ -68,8 +70,6 @@ ffmpeg::Codec OpenDecoder(const AVCodecParameters& parameters) {
   ffmpeg::Check(avcodec_open2(decoder.get(), codec, nullptr), "cannot decode", codec->name);
   return decoder;
 }
-
-}  // namespace
 
 AudioEncoder::AudioEncoder(const AVCodecParameters& target) {
   const AVCodec& encoder = EncoderFor(target.codec_id);
@@ -293,7 +293,7 @@ AudioTranscoder::AudioTranscoder(const AudioFormat& from)
     : format_(AacFormat(from.parameters->sample_rate,
                         std::clamp(from.parameters->ch_layout.nb_channels, 1, kMaxChannels),
                         from.language)),
-      decoder_(OpenDecoder(*from.parameters)),
+      decoder_(OpenAudioDecoder(*from.parameters)),
       encoder_(*format_->parameters),
       frame_(ffmpeg::MakeFrame()) {}
 

@@ -58,6 +58,9 @@ class AudioEncoder {
   std::int64_t next_ = 0;  // number of the next sample that goes to the encoder
 };
 
+// For compressed packets in units of 100 ns. Throws ffmpeg::Error when the codec cannot be decoded.
+ffmpeg::Codec OpenAudioDecoder(const AVCodecParameters& parameters);
+
 // A packet of silence as it comes in the middle of a stream of that format, in units of 100 ns;
 // null when the encoder gives none. Throws ffmpeg::Error when the format cannot be encoded.
 ffmpeg::Packet EncodeSilence(const AudioFormat& format);

@@ -26,6 +26,7 @@ constexpr std::chrono::seconds kLabelsLimit{2};
 constexpr std::chrono::milliseconds kLabelLimit{100};
 // For the background picture.
 constexpr std::chrono::seconds kBackgroundLimit{5};
+constexpr Time kFollowLead = 200 * kMillisecond;
 // How often a rendering that waits for a channel or an output asks whether it is to stop.
 constexpr std::chrono::milliseconds kStopPeriod{100};
 
@@ -80,6 +81,17 @@ WallSession::WallSession(Settings settings)
   OutputSet::Settings outputs = OutputsOfWall(settings_.wall, settings_.live);
   outputs.queue = settings_.outputQueue;
   outputs.finishLimit = settings_.finishLimit;
+  if (settings_.wall.follow && !outputs.outputs.empty()) {
+    const std::size_t track = outputs.tracks.size();
+    std::vector<std::shared_ptr<AudioTrack>> tracks;
+    for (const OutputSession::Track& channel : outputs.tracks) {
+      tracks.push_back(channel.audio);
+    }
+    follow_ = std::make_unique<FollowTrack>(
+        std::move(tracks),
+        [this, track](const AVPacket& packet) { outputs_->TakeAudio(track, packet, 0); });
+    outputs.tracks.push_back({"Follow", "", false, follow_->audio()});
+  }
   outputs_ = std::make_unique<OutputSet>(outputs, settings_.outputObserver, settings_.logger);
   const config::Canvas& canvas = settings_.wall.canvas;
   background_ = BackgroundSource::Create({canvas.width, canvas.height, canvas.frameRate,
@@ -107,6 +119,9 @@ WallSession::WallSession(Settings settings)
                                      packet->pts -= latency;
                                      packet->dts -= latency;
                                      outputs_->TakeAudio(channel, *packet, shift - latency);
+                                     if (follow_) {
+                                       follow_->Take(channel, *packet);
+                                     }
                                    });
     Check(graph_->AddFilter(audioSink_.Get(), u"audio"), "add the sink of the audio to the graph");
   }
@@ -283,6 +298,15 @@ std::optional<std::int64_t> WallSession::Place(const std::vector<WindowState>& w
   return start ? std::optional(FrameAt(*start, rate)) : std::nullopt;
 }
 
+std::int64_t WallSession::Follow(std::optional<std::size_t> slot) {
+  // What comes from now on; the decoder has some packets to begin with.
+  const Time from = clock_.Now() + kWindowLatency + kFollowLead;
+  if (follow_) {
+    follow_->Follow(slot, from);
+  }
+  return FrameAt(from, settings_.wall.canvas.frameRate);
+}
+
 void WallSession::Tidy() {
   for (const ComPtr<ChannelSource>& channel : channels_) {
     channel->EndRetired();
@@ -405,6 +429,7 @@ void WallSession::Stop() {
 }
 
 int WallSession::Finish(const std::function<bool()>& hurried) {
+  follow_.reset();
   outputs_->Finish(hurried);
   const auto deadline = std::chrono::steady_clock::now() + kReadersLimit;
   return static_cast<int>(std::count_if(

@@ -10,6 +10,7 @@
 
 #include "host/channel/channel_source.h"
 #include "host/config/wall.h"
+#include "host/output/follow_track.h"
 #include "host/output/output_set.h"
 #include "host/output/sinks.h"
 #include "host/session/background_source.h"
@@ -91,6 +92,9 @@ class WallSession {
   // All windows. Returns the number of the first composed frame that shows them so; none when too
   // many changes are pending.
   std::optional<std::int64_t> Place(const std::vector<WindowState>& windows);
+  // The channel whose audio the follow track carries, or none. Returns the number of the first
+  // composed frame with it.
+  std::int64_t Follow(std::optional<std::size_t> slot);
   // Ends what is left of former channels; now and then.
   void Tidy();
 
@@ -133,6 +137,7 @@ class WallSession {
   // Outlives the graph, whose threads hand on to it.
   std::vector<std::shared_ptr<AudioTrack>> audioTracks_;  // one for each channel
   std::unique_ptr<OutputSet> outputs_;
+  std::unique_ptr<FollowTrack> follow_;  // null of a wall without
   // The graph is destroyed first and with it every filter; then the composer's library.
   ComposerFilter composer_;
   std::vector<ComPtr<WallWindow>> windows_;
