@@ -16,13 +16,16 @@ constexpr double kTwice = 1.99;
 
 }  // namespace
 
-ChannelIngest::ChannelIngest(std::shared_ptr<const ChannelSettings> settings, FeedPin& videoPin,
+ChannelIngest::ChannelIngest(std::shared_ptr<const ChannelSettings> settings,
+                             std::shared_ptr<WantedSize> wanted, FeedPin& videoPin,
                              ChannelQueue& queue, ChannelObserver* observer)
     : shared_(std::move(settings)),
       settings_(*shared_),
+      wanted_(std::move(wanted)),
       videoPin_(videoPin),
       queue_(queue),
       observer_(observer),
+      renditions_(settings_.canvas.pixelAspect()),
       delay_(static_cast<std::uint32_t>(std::hash<std::string>()(settings_.channel.name))),
       policy_(settings_.channel.options.decode) {}
 
@@ -118,8 +121,8 @@ void ChannelIngest::ReadSource() {
 
 std::optional<milliseconds> ChannelIngest::RunOnce() {
   auto reader = InSource([&] {
-    return std::make_shared<MediaReader>(MediaReader::Settings{
-        settings_.channel.source, settings_.channel.options, settings_.isLive()});
+    return std::make_shared<RenditionReader>(
+        RenditionReader::Settings{settings_.channel, settings_.isLive()}, wanted_, renditions_);
   });
   {
     const os::MutexLock guard(lock_);
@@ -129,6 +132,7 @@ std::optional<milliseconds> ChannelIngest::RunOnce() {
     reader_ = reader;
   }
   const std::optional<milliseconds> delay = Attempt(*reader);
+  formerBytes_ += reader->bytes();
   {
     const os::MutexLock guard(lock_);
     reader_.reset();
@@ -138,7 +142,7 @@ std::optional<milliseconds> ChannelIngest::RunOnce() {
   return delay;
 }
 
-std::optional<milliseconds> ChannelIngest::Attempt(MediaReader& reader) {
+std::optional<milliseconds> ChannelIngest::Attempt(RenditionReader& reader) {
   const auto after = [&](milliseconds delay) {
     return settings_.isLive() ? std::optional(delay) : std::nullopt;
   };
@@ -154,6 +158,10 @@ std::optional<milliseconds> ChannelIngest::Attempt(MediaReader& reader) {
   try {
     InSource([&] { reader.Open(); });
     observer_->ChannelOpened(settings_.channel.name, reader.info());
+    audioAbsence_ = reader.info().audioAbsence;
+    if (const std::optional<RenditionStatus> first = reader.TakeChange()) {
+      observer_->RenditionChanged(settings_.channel.name, *first);
+    }
     if (!Announce({SourceEvent::Kind::kOpened, reader.info().video.has_value(),
                    reader.info().audio.has_value(), reader.info().noVideoReason,
                    reader.info().serviceName, reader.info().audioAbsence,
@@ -182,7 +190,22 @@ bool ChannelIngest::Announce(SourceEvent event) {
   return queue_.Push({latest_, latest_, 0, std::move(event)});
 }
 
-bool ChannelIngest::ReadToEnd(MediaReader& reader) {
+bool ChannelIngest::NoteChange(RenditionReader& reader) {
+  const std::optional<RenditionStatus> change = reader.TakeChange();
+  if (!change) {
+    return true;
+  }
+  observer_->RenditionChanged(settings_.channel.name, *change);
+  const MediaInfo& info = reader.info();
+  if (std::exchange(audioAbsence_, info.audioAbsence) != info.audioAbsence &&
+      !Announce({SourceEvent::Kind::kOpened, info.video.has_value(), info.audio.has_value(),
+                 info.noVideoReason, info.serviceName, info.audioAbsence, info.noAudioReason})) {
+    return false;
+  }
+  return BeginDecoding(reader);
+}
+
+bool ChannelIngest::ReadToEnd(RenditionReader& reader) {
   SourceSession session(settings_, reader, videoPin_, queue_, [this](const std::string& what) {
     observer_->AudioPathChanged(settings_.channel.name, what);
   });
@@ -198,7 +221,7 @@ bool ChannelIngest::ReadToEnd(MediaReader& reader) {
   }
 }
 
-bool ChannelIngest::ReadToEnd(MediaReader& reader, SourceSession& session) {
+bool ChannelIngest::ReadToEnd(RenditionReader& reader, SourceSession& session) {
   // What is pushed has to be read in time: it would overflow in the buffers of the network.
   const bool waits = reader.info().kind != SourceKind::kPush || !settings_.now;
   bool silent = false;
@@ -226,8 +249,8 @@ bool ChannelIngest::ReadToEnd(MediaReader& reader, SourceSession& session) {
       if (session.placer().TakeProgress()) {
         delay_.Reset();
       }
-      Report(session);
-      if (!FollowLoad(reader, session)) {
+      Report(session, reader);
+      if (!NoteChange(reader) || !FollowLoad(reader, session)) {
         return false;
       }
     } catch (const MediaError& error) {
@@ -248,13 +271,13 @@ bool ChannelIngest::ReadToEnd(MediaReader& reader, SourceSession& session) {
   }
 }
 
-bool ChannelIngest::BeginDecoding(MediaReader& reader) {
+bool ChannelIngest::BeginDecoding(RenditionReader& reader) {
   observedAt_ = std::chrono::steady_clock::now();
   const std::optional<VideoInfo>& video = reader.info().video;
   if (!settings_.pressure || !video) {
     return true;
   }
-  const config::Window& window = settings_.channel.window;
+  const WindowSize window = wanted_->Get();
   const Time now = settings_.now();
   policy_.Opened({video->width >= 2 * window.width && video->height >= 2 * window.height,
                   video->frameRate.value() >= kTwice * settings_.canvas.frameRate.value()},
@@ -264,7 +287,7 @@ bool ChannelIngest::BeginDecoding(MediaReader& reader) {
   return Decide(reader, now, load);
 }
 
-bool ChannelIngest::FollowLoad(MediaReader& reader, SourceSession& session) {
+bool ChannelIngest::FollowLoad(RenditionReader& reader, SourceSession& session) {
   const auto now = std::chrono::steady_clock::now();
   const double elapsed = std::chrono::duration<double>(now - observedAt_).count();
   if (!settings_.pressure || !reader.info().video || elapsed < 1) {
@@ -280,7 +303,7 @@ bool ChannelIngest::FollowLoad(MediaReader& reader, SourceSession& session) {
   return Decide(reader, settings_.now(), load);
 }
 
-bool ChannelIngest::Decide(MediaReader& reader, Time now, DecodePolicy::Load load) {
+bool ChannelIngest::Decide(RenditionReader& reader, Time now, DecodePolicy::Load load) {
   load.pressure = settings_.pressure->level();
   load.isImportant = settings_.channel.selected;
   load.isShown = settings_.channel.options.enabled;
@@ -298,7 +321,7 @@ bool ChannelIngest::Decide(MediaReader& reader, Time now, DecodePolicy::Load loa
 }
 
 // Once a second.
-void ChannelIngest::Report(const SourceSession& session) {
+void ChannelIngest::Report(const SourceSession& session, const RenditionReader& reader) {
   if (!settings_.now) {
     return;
   }
@@ -311,7 +334,7 @@ void ChannelIngest::Report(const SourceSession& session) {
   observer_->ChannelTimed(
       settings_.channel.name,
       {placer.jitter(), placer.lead(), placer.leftOut().tooEarly, placer.leftOut().tooLate,
-       session.lostFrames(), session.lostAudio(), queue_.dropped()});
+       session.lostFrames(), session.lostAudio(), queue_.dropped(), formerBytes_ + reader.bytes()});
 }
 
 }  // namespace host

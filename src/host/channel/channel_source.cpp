@@ -49,6 +49,8 @@ ComPtr<ChannelSource> ChannelSource::Create(ChannelSettings settings, ChannelObs
 ChannelSource::ChannelSource(ChannelSettings settings, ChannelObserver* observer)
     : CBaseFilter("channel source", nullptr, &lock_, kChannelSourceClass),
       settings_(std::make_shared<const ChannelSettings>(std::move(settings))),
+      wanted_(std::make_shared<WantedSize>(
+          WindowSize{settings_->channel.window.width, settings_->channel.window.height})),
       video_(this, &lock_, u"Video",
              VideoType(settings_->channel.window.width, settings_->channel.window.height,
                        settings_->canvas.frameRate, settings_->canvas.aspect),
@@ -104,7 +106,7 @@ HRESULT ChannelSource::Pause() {
   if (settings_->driven) {
     return hr;
   }
-  ingest_ = std::make_shared<ChannelIngest>(settings_, video_, queue_, observer_);
+  ingest_ = std::make_shared<ChannelIngest>(settings_, wanted_, video_, queue_, observer_);
   reader_ = std::make_unique<os::Thread>([ingest = ingest_] { ingest->Run(); }, "reader",
                                          os::Thread::Priority::kLow);
   streaming_ = std::make_unique<os::Thread>([this] { Stream(); }, "streaming");

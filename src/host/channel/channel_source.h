@@ -58,6 +58,8 @@ class ChannelSource final : public CBaseFilter {
   // Of a driven channel: hands on everything that is due by the wall's time, which is `now`.
   void DeliverUpTo(Time now);
 
+  // See ChannelIngest; any thread.
+  void WantSize(int width, int height) { wanted_->Set({width, height}); }
   // Another text for the label; any thread.
   void SetLabel(const std::string& text);
 
@@ -72,6 +74,7 @@ class ChannelSource final : public CBaseFilter {
   void EndStreaming();
 
   const std::shared_ptr<const ChannelSettings> settings_;
+  const std::shared_ptr<WantedSize> wanted_;
   CCritSec lock_;
   FeedPin video_;
   FeedPin audio_;

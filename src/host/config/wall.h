@@ -179,9 +179,17 @@ struct ChannelOptions {
   std::map<std::string, std::string> options;  // of FFmpeg's protocol and container
 };
 
+// One of several sizes of the same content.
+struct RenditionSource {
+  std::string source;
+  int width = 0;  // pixels; 0: learnt when it is opened
+  int height = 0;
+};
+
 struct Channel {
   std::string name;
   std::string source;  // a URL, or a path that is absolute or relative to the working folder
+  std::vector<RenditionSource> sources;  // where there are several; source is the first one then
   Window window;
   bool selected = false;
   Label label;
