@@ -16,14 +16,17 @@ constexpr double kTwice = 1.99;
 
 }  // namespace
 
-ChannelIngest::ChannelIngest(std::shared_ptr<const ChannelSettings> settings, FeedPin& videoPin,
+ChannelIngest::ChannelIngest(std::shared_ptr<const ChannelSettings> settings,
+                             std::shared_ptr<WantedSize> wanted, FeedPin& videoPin,
                              ChannelQueue& queue, ChannelObserver* observer)
     : shared_(std::move(settings)),
       settings_(*shared_),
+      wanted_(std::move(wanted)),
       videoPin_(videoPin),
       queue_(queue),
       observer_(observer),
       decode_(settings_.channel.options.decode),
+      renditions_(settings_.canvas.pixelAspect()),
       delay_(static_cast<std::uint32_t>(std::hash<std::string>()(settings_.channel.name))),
       policy_(settings_.channel.options.decode) {}
 
@@ -119,8 +122,8 @@ void ChannelIngest::ReadSource() {
 
 std::optional<milliseconds> ChannelIngest::RunOnce() {
   auto reader = InSource([&] {
-    return std::make_shared<MediaReader>(MediaReader::Settings{
-        settings_.channel.source, settings_.channel.options, settings_.isLive()});
+    return std::make_shared<RenditionReader>(
+        RenditionReader::Settings{settings_.channel, settings_.isLive()}, wanted_, renditions_);
   });
   {
     const os::MutexLock guard(lock_);
@@ -130,6 +133,7 @@ std::optional<milliseconds> ChannelIngest::RunOnce() {
     reader_ = reader;
   }
   const std::optional<milliseconds> delay = Attempt(*reader);
+  formerBytes_ += reader->bytes();
   {
     const os::MutexLock guard(lock_);
     reader_.reset();
@@ -139,7 +143,7 @@ std::optional<milliseconds> ChannelIngest::RunOnce() {
   return delay;
 }
 
-std::optional<milliseconds> ChannelIngest::Attempt(MediaReader& reader) {
+std::optional<milliseconds> ChannelIngest::Attempt(RenditionReader& reader) {
   const auto after = [&](milliseconds delay) {
     return settings_.isLive() ? std::optional(delay) : std::nullopt;
   };
@@ -155,6 +159,10 @@ std::optional<milliseconds> ChannelIngest::Attempt(MediaReader& reader) {
   try {
     InSource([&] { reader.Open(); });
     observer_->ChannelOpened(settings_.channel.name, reader.info());
+    audioAbsence_ = reader.info().audioAbsence;
+    if (const std::optional<RenditionStatus> first = reader.TakeChange()) {
+      observer_->RenditionChanged(settings_.channel.name, *first);
+    }
     if (!Announce({SourceEvent::Kind::kOpened, reader.info().video.has_value(),
                    reader.info().audio.has_value(), reader.info().noVideoReason,
                    reader.info().serviceName, reader.info().audioAbsence,
@@ -183,7 +191,22 @@ bool ChannelIngest::Announce(SourceEvent event) {
   return queue_.Push({latest_, latest_, 0, std::move(event)});
 }
 
-bool ChannelIngest::ReadToEnd(MediaReader& reader) {
+bool ChannelIngest::NoteChange(RenditionReader& reader) {
+  const std::optional<RenditionStatus> change = reader.TakeChange();
+  if (!change) {
+    return true;
+  }
+  observer_->RenditionChanged(settings_.channel.name, *change);
+  const MediaInfo& info = reader.info();
+  if (std::exchange(audioAbsence_, info.audioAbsence) != info.audioAbsence &&
+      !Announce({SourceEvent::Kind::kOpened, info.video.has_value(), info.audio.has_value(),
+                 info.noVideoReason, info.serviceName, info.audioAbsence, info.noAudioReason})) {
+    return false;
+  }
+  return BeginDecoding(reader);
+}
+
+bool ChannelIngest::ReadToEnd(RenditionReader& reader) {
   SourceSession session(settings_, reader, videoPin_, queue_, [this](const std::string& what) {
     observer_->AudioPathChanged(settings_.channel.name, what);
   });
@@ -199,7 +222,7 @@ bool ChannelIngest::ReadToEnd(MediaReader& reader) {
   }
 }
 
-bool ChannelIngest::ReadToEnd(MediaReader& reader, SourceSession& session) {
+bool ChannelIngest::ReadToEnd(RenditionReader& reader, SourceSession& session) {
   // What is pushed has to be read in time: it would overflow in the buffers of the network.
   const bool waits = reader.info().kind != SourceKind::kPush || !settings_.now;
   bool silent = false;
@@ -227,8 +250,8 @@ bool ChannelIngest::ReadToEnd(MediaReader& reader, SourceSession& session) {
       if (session.placer().TakeProgress()) {
         delay_.Reset();
       }
-      Report(session);
-      if (!FollowLoad(reader, session)) {
+      Report(session, reader);
+      if (!NoteChange(reader) || !FollowLoad(reader, session)) {
         return false;
       }
     } catch (const MediaError& error) {
@@ -249,7 +272,7 @@ bool ChannelIngest::ReadToEnd(MediaReader& reader, SourceSession& session) {
   }
 }
 
-bool ChannelIngest::BeginDecoding(MediaReader& reader) {
+bool ChannelIngest::BeginDecoding(RenditionReader& reader) {
   observedAt_ = std::chrono::steady_clock::now();
   decodedFor_ = {};
   const std::optional<VideoInfo>& video = reader.info().video;
@@ -273,7 +296,7 @@ void ChannelIngest::FollowWindow(const VideoInfo& video, Time now) {
   }
 }
 
-bool ChannelIngest::FollowLoad(MediaReader& reader, SourceSession& session) {
+bool ChannelIngest::FollowLoad(RenditionReader& reader, SourceSession& session) {
   const auto now = std::chrono::steady_clock::now();
   const double elapsed = std::chrono::duration<double>(now - observedAt_).count();
   if (!settings_.pressure || !reader.info().video || elapsed < 1) {
@@ -296,7 +319,7 @@ bool ChannelIngest::FillsCanvas(const config::Window& window) const {
          window.height * 10 >= settings_.canvas.height * 9;
 }
 
-bool ChannelIngest::Decide(MediaReader& reader, Time now, DecodePolicy::Load load) {
+bool ChannelIngest::Decide(RenditionReader& reader, Time now, DecodePolicy::Load load) {
   load.pressure = settings_.pressure->level();
   load.isImportant = settings_.channel.selected;
   load.isShown = settings_.channel.options.enabled;
@@ -320,7 +343,7 @@ bool ChannelIngest::Decide(MediaReader& reader, Time now, DecodePolicy::Load loa
 }
 
 // Once a second.
-void ChannelIngest::Report(const SourceSession& session) {
+void ChannelIngest::Report(const SourceSession& session, const RenditionReader& reader) {
   if (!settings_.now) {
     return;
   }
@@ -333,7 +356,7 @@ void ChannelIngest::Report(const SourceSession& session) {
   observer_->ChannelTimed(
       settings_.channel.name,
       {placer.jitter(), placer.lead(), placer.leftOut().tooEarly, placer.leftOut().tooLate,
-       session.lostFrames(), session.lostAudio(), queue_.dropped()});
+       session.lostFrames(), session.lostAudio(), queue_.dropped(), formerBytes_ + reader.bytes()});
 }
 
 }  // namespace host

@@ -14,7 +14,8 @@
 #include "host/channel/channel_queue.h"
 #include "host/channel/channel_settings.h"
 #include "host/channel/decode_policy.h"
-#include "host/channel/source/media_reader.h"
+#include "host/channel/rendition/rendition_reader.h"
+#include "host/channel/rendition/rendition_set.h"
 #include "host/channel/source_session.h"
 #include "host/feed/feed_pin.h"
 #include "platform/os/mutex.h"
@@ -65,9 +66,10 @@ class ReopenDelay {
 // Run belongs to the reader's thread; Cancel and EndBy to the application's.
 class ChannelIngest {
  public:
-  // Pin, queue and observer outlive Run, or the abandonment of it.
-  ChannelIngest(std::shared_ptr<const ChannelSettings> settings, FeedPin& videoPin,
-                ChannelQueue& queue, ChannelObserver* observer);
+  // wanted: the size in which the channel is shown. Pin, queue and observer outlive Run, or the
+  // abandonment of it.
+  ChannelIngest(std::shared_ptr<const ChannelSettings> settings, std::shared_ptr<WantedSize> wanted,
+                FeedPin& videoPin, ChannelQueue& queue, ChannelObserver* observer);
 
   // Until the source has ended finally, or Cancel. Leaves the queue's horizon at forever.
   void Run();
@@ -75,6 +77,9 @@ class ChannelIngest {
   void Cancel();
   // How much is decoded from now on. Any thread.
   void SetDecode(config::Decode decode) { decode_ = decode; }
+  // The channel is shown in that size from now on (canvas pixels, at least 1): of a source with
+  // several renditions the right one is read. Any thread.
+  void WantSize(int width, int height) { wanted_->Set({width, height}); }
   // After Cancel, and once the pin gives no buffers: true when Run has ended. False when it has
   // been abandoned because it was inside a call of the source at the deadline.
   bool EndBy(std::chrono::steady_clock::time_point deadline);
@@ -96,16 +101,18 @@ class ChannelIngest {
   // False once cancelled.
   bool WaitBeforeReopening(std::chrono::milliseconds delay);
   // One opening of the source. How long to wait before the next one; none when there is none.
-  std::optional<std::chrono::milliseconds> Attempt(MediaReader& reader);
+  std::optional<std::chrono::milliseconds> Attempt(RenditionReader& reader);
   // Reads to the end; false when the wall stopped first.
-  bool ReadToEnd(MediaReader& reader);
-  bool ReadToEnd(MediaReader& reader, SourceSession& session);
-  void Report(const SourceSession& session);
+  bool ReadToEnd(RenditionReader& reader);
+  bool ReadToEnd(RenditionReader& reader, SourceSession& session);
+  void Report(const SourceSession& session, const RenditionReader& reader);
+  // The rendition may be another one now. False once the queue is closed.
+  bool NoteChange(RenditionReader& reader);
   // How much is decoded; once when the source is opened, and about once a second. False once the
   // queue is closed.
-  bool BeginDecoding(MediaReader& reader);
-  bool FollowLoad(MediaReader& reader, SourceSession& session);
-  bool Decide(MediaReader& reader, Time now, DecodePolicy::Load load);
+  bool BeginDecoding(RenditionReader& reader);
+  bool FollowLoad(RenditionReader& reader, SourceSession& session);
+  bool Decide(RenditionReader& reader, Time now, DecodePolicy::Load load);
   void FollowWindow(const VideoInfo& video, Time now);
   bool FillsCanvas(const config::Window& window) const;
   // False once the queue is closed.
@@ -113,6 +120,7 @@ class ChannelIngest {
 
   const std::shared_ptr<const ChannelSettings> shared_;
   const ChannelSettings& settings_;
+  const std::shared_ptr<WantedSize> wanted_;
   FeedPin& videoPin_;
   ChannelQueue& queue_;
   ChannelObserver* const observer_;
@@ -124,18 +132,21 @@ class ChannelIngest {
   bool inSource_ GUARDED_BY(lock_) = false;  // a call of the source is being made
   bool ended_ GUARDED_BY(lock_) = false;     // Run has
   bool abandoned_ GUARDED_BY(lock_) = false;
-  std::shared_ptr<MediaReader> reader_ GUARDED_BY(lock_);  // what Cancel has to cancel
+  std::shared_ptr<RenditionReader> reader_ GUARDED_BY(lock_);  // what Cancel has to cancel
 
   std::atomic<config::Decode> decode_;
 
   // The reader's thread only.
+  RenditionSet renditions_;
   ReopenDelay delay_;
   DecodePolicy policy_;
   WindowSize decodedFor_;
   std::chrono::nanoseconds waitedForRoom_{};
   std::chrono::steady_clock::time_point observedAt_;
-  Time latest_ = 0;      // when everything that was queued is shown
-  Time reportedAt_ = 0;  // the timing of the source, on the wall's clock
+  Time latest_ = 0;                // when everything that was queued is shown
+  Time reportedAt_ = 0;            // the timing of the source, on the wall's clock
+  std::uint64_t formerBytes_ = 0;  // read in former openings
+  AudioAbsence audioAbsence_{};    // of the rendition that is read
 };
 
 }  // namespace host

@@ -9,6 +9,7 @@
 #include "host/channel/alarm_monitor.h"
 #include "host/channel/channel_life.h"
 #include "host/channel/decode_policy.h"
+#include "host/channel/rendition/rendition_reader.h"
 #include "host/channel/source/media_info.h"
 
 namespace host {
@@ -24,6 +25,7 @@ struct SourceTiming {
   std::uint64_t framesLost = 0;
   std::uint64_t audioLost = 0;   // frames of audio
   std::uint64_t overflowed = 0;  // items that found the queue full, since the wall started
+  std::uint64_t bytesRead = 0;   // of the source, since the wall started
 };
 
 // Called by the two threads of every channel, at any time; returns soon.
@@ -45,6 +47,10 @@ class ChannelObserver {
   virtual void DecodingChanged(const std::string& channel, DecodeStep step,
                                const std::string& reason) {
     (void)channel, (void)step, (void)reason;
+  }
+  // Of a source with several renditions, which one is read from now on.
+  virtual void RenditionChanged(const std::string& channel, const RenditionStatus& status) {
+    (void)channel, (void)status;
   }
   // How the channel's audio reaches the outputs, as a sentence.
   virtual void AudioPathChanged(const std::string& channel, const std::string& what) {

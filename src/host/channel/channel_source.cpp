@@ -66,6 +66,7 @@ ComPtr<ChannelSource> ChannelSource::CreateSpare(const Place& place, ChannelObse
 ChannelSource::ChannelSource(const Place& place, std::optional<ChannelSettings> settings,
                              ChannelObserver* observer)
     : CBaseFilter("channel source", nullptr, &lock_, kChannelSourceClass),
+      wanted_(std::make_shared<WantedSize>(place.window)),
       video_(this, &lock_, u"Video",
              VideoType(place.window.width, place.window.height, place.canvas.frameRate,
                        place.canvas.aspect),
@@ -208,7 +209,7 @@ void ChannelSource::StartRun() {
   if (settings_->driven) {
     return;
   }
-  ingest_ = std::make_shared<ChannelIngest>(settings_, video_, *queue_, observer_);
+  ingest_ = std::make_shared<ChannelIngest>(settings_, wanted_, video_, *queue_, observer_);
   reader_ = std::make_unique<os::Thread>([ingest = ingest_] { ingest->Run(); }, "reader",
                                          os::Thread::Priority::kLow);
   streaming_ = std::make_unique<os::Thread>([this] { Stream(); }, "streaming");

@@ -82,6 +82,8 @@ class ChannelSource final : public CBaseFilter {
   // Of a driven channel: hands on everything that is due by the wall's time, which is `now`.
   void DeliverUpTo(Time now);
 
+  // See ChannelIngest; any thread.
+  void WantSize(int width, int height) { wanted_->Set({width, height}); }
   // Another text for the label; any thread.
   void SetLabel(const std::string& text);
 
@@ -109,6 +111,7 @@ class ChannelSource final : public CBaseFilter {
   };
 
   std::shared_ptr<const ChannelSettings> settings_;  // null: a spare one
+  const std::shared_ptr<WantedSize> wanted_;
   CCritSec lock_;
   FeedPin video_;
   FeedPin audio_;

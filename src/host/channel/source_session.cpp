@@ -52,7 +52,7 @@ ItemPlacer::Settings PlacerSettings(const ChannelSettings& settings, const Media
 
 }  // namespace
 
-SourceSession::SourceSession(const ChannelSettings& settings, const MediaReader& reader,
+SourceSession::SourceSession(const ChannelSettings& settings, const RenditionReader& reader,
                              FeedPin& videoPin, ChannelQueue& queue,
                              std::function<void(const std::string&)> audioChanged)
     : settings_(settings),

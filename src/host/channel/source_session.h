@@ -12,7 +12,7 @@
 #include "host/channel/audio/level_meter.h"
 #include "host/channel/channel_settings.h"
 #include "host/channel/item_placer.h"
-#include "host/channel/source/media_reader.h"
+#include "host/channel/rendition/rendition_reader.h"
 #include "host/channel/video/frame_converter.h"
 #include "host/channel/video/frame_meter.h"
 #include "host/feed/feed_pin.h"
@@ -28,7 +28,7 @@ class SourceSession {
   // reader is open, and outlives the session, as do the settings, the pin and the queue.
   // audioChanged: gets a sentence whenever the audio reaches the outputs in another way; may be
   // null.
-  SourceSession(const ChannelSettings& settings, const MediaReader& reader, FeedPin& videoPin,
+  SourceSession(const ChannelSettings& settings, const RenditionReader& reader, FeedPin& videoPin,
                 ChannelQueue& queue, std::function<void(const std::string&)> audioChanged);
 
   // The next item of the reader, but for its end. False once the queue is closed. A frame that
@@ -60,7 +60,7 @@ class SourceSession {
   bool NoteAudio(Time start, AudioAbsence absence, const std::string& reason);
 
   const ChannelSettings& settings_;
-  const MediaReader& reader_;
+  const RenditionReader& reader_;
   FeedPin& videoPin_;
   ItemPlacer placer_;
   std::optional<AudioPassthrough> audio_;

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <utility>
 
 #include <nlohmann/json.hpp>
 
@@ -58,6 +59,15 @@ void Add(DecodeStep step, const std::string& reason, Json& json) {
   }
 }
 
+void Add(const RenditionStatus& status, Json& json) {
+  json["number"] = status.number;
+  json["of"] = status.count;
+  json["width"] = status.width;
+  json["height"] = status.height;
+  json["source"] = status.source;
+  json["reason"] = status.reason;
+}
+
 }  // namespace
 
 std::string TimestampUtc() {
@@ -91,6 +101,10 @@ Json ToJson(const ChannelBoard::Entry& entry) {
     json["frames_lost"] = entry.timing->framesLost;
     json["audio_lost"] = entry.timing->audioLost;
     json["overflowed"] = entry.timing->overflowed;
+    json["bytes_read"] = entry.timing->bytesRead;
+  }
+  if (entry.rendition) {
+    Add(*entry.rendition, json["rendition"]);
   }
   return json;
 }
@@ -202,6 +216,22 @@ void ChannelBoard::DecodingChanged(const std::string& channel, DecodeStep step,
       "decoding is " + name + (reason.empty() ? "" : ": " + reason));
 }
 
+void ChannelBoard::RenditionChanged(const std::string& channel, const RenditionStatus& status) {
+  {
+    const os::MutexLock guard(lock_);
+    Of(channel).rendition = status;
+  }
+  if (events_.enabled()) {
+    Json line = {{"event", "rendition"}, {"time", TimestampUtc()}, {"channel", channel}};
+    Add(status, line);
+    events_.Write(OneLine(line));
+  }
+  Say(qorp::log::kInfo, channel,
+      "reads rendition " + std::to_string(status.number) + " of " + std::to_string(status.count) +
+          " (" + std::to_string(status.width) + "x" + std::to_string(status.height) +
+          "): " + status.reason);
+}
+
 void ChannelBoard::AudioPathChanged(const std::string& channel, const std::string& what) {
   Say(qorp::log::kWarning, channel, what);
 }
@@ -286,6 +316,27 @@ std::string WallStatus::ChannelsText() const {
   return text;
 }
 
+// "; read 12.3 MB; renditions: 12 of 854x480, 4 of 1920x1080"
+std::string WallStatus::ReadText() const {
+  std::uint64_t bytes = 0;
+  std::map<std::pair<int, int>, int> renditions;  // channels by size
+  for (const ChannelBoard::Entry& entry : channels) {
+    bytes += entry.timing ? entry.timing->bytesRead : 0;
+    if (entry.rendition) {
+      ++renditions[{entry.rendition->width, entry.rendition->height}];
+    }
+  }
+  std::string text;
+  if (bytes > 0) {
+    text = StringFormat("; read %.1f MB", static_cast<double>(bytes) / 1e6);
+  }
+  for (const auto& [size, count] : renditions) {
+    text += (size == renditions.begin()->first ? "; renditions: " : ", ") +
+            StringFormat("%d of %dx%d", count, size.first, size.second);
+  }
+  return text;
+}
+
 std::string WallStatus::LiveLine() const {
   std::string line =
       StringFormat("%.1f s, %llu frames, ", seconds,
@@ -293,7 +344,8 @@ std::string WallStatus::LiveLine() const {
       ChannelsText() +
       StringFormat("; late %llu, dropped %llu",
                    static_cast<unsigned long long>(counters.late + counters.noFreeBuffer),
-                   static_cast<unsigned long long>(dropped));
+                   static_cast<unsigned long long>(dropped)) +
+      ReadText();
   if (timing.frames > 0) {
     line += StringFormat("; composed in %.1f ms (longest %.1f)", Milliseconds(timing.mean()),
                          Milliseconds(timing.longest));

@@ -187,20 +187,69 @@ void ReadLabel(TableReader& reader, const FileContext& context, const std::strin
   }
 }
 
+std::string UseSource(TableReader& reader, const FileContext& context, const char* key,
+                      const std::string& source) {
+  const std::string resolved = ResolveSource(source, context);
+  std::error_code ignored;
+  if (LocalPath(source) && !std::filesystem::exists(resolved, ignored)) {
+    reader.Warning(key, "names no file yet: " + resolved);
+  }
+  return resolved;
+}
+
+constexpr const char* kSources = "sources";
+
+// A text, or a table that says the size, too.
+void ReadRendition(TableReader& reader, const FileContext& context, const toml::node& node,
+                   Channel& channel) {
+  RenditionSource rendition;
+  std::string source = node.value<std::string>().value_or("");
+  if (const toml::table* const table = node.as_table()) {
+    TableReader inner(*table, "\"sources\"", reader.diagnostics());
+    source = inner.FilledText("url").value_or("");
+    const auto side = [&](const char* key) {
+      return static_cast<int>(inner.Integer(key, 2, 16384).value_or(0));
+    };
+    rendition.width = side("width");
+    rendition.height = side("height");
+    inner.Finish();
+    if (source.empty() || (rendition.width > 0) != (rendition.height > 0)) {
+      reader.Error(kSources, "needs a url in each table, and width with height");
+    }
+  } else if (source.empty()) {
+    reader.Error(kSources,
+                 "must be texts or tables such as { url = \"...\", width = 640, "
+                 "height = 360 }");
+  }
+  if (!source.empty()) {
+    rendition.source = UseSource(reader, context, kSources, source);
+    channel.sources.push_back(std::move(rendition));
+  }
+}
+
 void ReadSource(TableReader& reader, const FileContext& context, Channel& channel) {
   constexpr const char* kKey = "source";
-  const auto source = reader.FilledText(kKey);
-  if (!source) {
-    if (reader.Find(kKey) == nullptr && context.complete && channel.source.empty()) {
-      reader.diagnostics().Error(reader.position(),
-                                 reader.title() + " has no \"source\": a file or a URL");
+  constexpr std::size_t kMaxSources = 16;
+  const toml::node* const several = reader.Find(kSources);
+  if (several != nullptr && reader.Find(kKey) != nullptr) {
+    reader.Error(kSources, "cannot be given together with \"source\"");
+  } else if (several != nullptr) {
+    const toml::array* const array = several->as_array();
+    if (array == nullptr || array->empty() || array->size() > kMaxSources) {
+      reader.Error(kSources, "must be a list of 1 to 16 files or URLs");
+      return;
     }
-    return;
-  }
-  channel.source = ResolveSource(*source, context);
-  std::error_code ignored;
-  if (LocalPath(*source) && !std::filesystem::exists(channel.source, ignored)) {
-    reader.Warning(kKey, "names no file yet: " + channel.source);
+    channel.sources.clear();
+    for (const toml::node& node : *array) {
+      ReadRendition(reader, context, node, channel);
+    }
+    channel.source = channel.sources.empty() ? "" : channel.sources.front().source;
+  } else if (const auto source = reader.FilledText(kKey)) {
+    channel.source = UseSource(reader, context, kKey, *source);
+    channel.sources.clear();
+  } else if (reader.Find(kKey) == nullptr && context.complete && channel.source.empty()) {
+    reader.diagnostics().Error(reader.position(),
+                               reader.title() + " has no \"source\": a file or a URL");
   }
 }
 

@@ -210,9 +210,18 @@ struct ChannelOptions {
   bool operator==(const ChannelOptions&) const = default;
 };
 
+// One of several sizes of the same content.
+struct RenditionSource {
+  std::string source;
+  int width = 0;  // pixels; 0: learnt when it is opened
+  int height = 0;
+  bool operator==(const RenditionSource&) const = default;
+};
+
 struct Channel {
   std::string name;
   std::string source;  // a URL, or a path that is absolute or relative to the working folder
+  std::vector<RenditionSource> sources;  // where there are several; source is the first one then
   Window window;
   bool selected = false;
   Label label;

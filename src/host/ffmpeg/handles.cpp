@@ -20,10 +20,6 @@ extern "C" {
 
 namespace host::ffmpeg {
 
-void CloseInput::operator()(AVFormatContext* context) const noexcept {
-  avformat_close_input(&context);
-}
-
 void FreeOutput::operator()(AVFormatContext* context) const noexcept {
   if (context != nullptr && context->oformat != nullptr &&
       (context->oformat->flags & AVFMT_NOFILE) == 0 &&
@@ -134,8 +130,8 @@ Parameters CopyParameters(const AVCodecParameters& parameters) {
   return copy;
 }
 
-CallbackIo MakeReadingIo(void* self, IoCallback read) {
-  return MakeIo(0, self, read, nullptr, nullptr, kIoBufferSize);
+CallbackIo MakeReadingIo(void* self, IoCallback read, SeekCallback seek) {
+  return MakeIo(0, self, read, nullptr, seek, kIoBufferSize);
 }
 
 CallbackIo MakeWritingIo(void* self, IoCallback write, SeekCallback seek, int bufferSize) {

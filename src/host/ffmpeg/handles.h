@@ -98,7 +98,7 @@ Parameters CopyParameters(const AVCodecParameters& parameters);
 inline constexpr int kIoBufferSize = 64 << 10;  // bytes
 // A context that reads, or one that writes, through callbacks; self goes back into each call.
 // Without a callback to seek it is a stream. Throw std::bad_alloc.
-CallbackIo MakeReadingIo(void* self, IoCallback read);
+CallbackIo MakeReadingIo(void* self, IoCallback read, SeekCallback seek = nullptr);
 CallbackIo MakeWritingIo(void* self, IoCallback write, SeekCallback seek = nullptr,
                          int bufferSize = kIoBufferSize);
 

@@ -1,8 +1,11 @@
 #include "host/ffmpeg/inputs.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstddef>
+#include <cstdio>
+#include <memory>
 #include <new>
 #include <utility>
 
@@ -11,6 +14,7 @@ extern "C" {
 #include <libavformat/avio.h>
 #include <libavutil/error.h>
 #include <libavutil/mem.h>
+#include <libavutil/opt.h>
 }
 
 #include "host/ffmpeg/error.h"
@@ -52,7 +56,119 @@ int ToAvError(std::uint32_t systemError) {
 
 constexpr std::size_t kMaxPiece = 65'536;  // no datagram is longer
 
+// What the demuxer of an input opens, and how much was read of it. Owned by the input's context
+// (its opaque pointer), see CloseInput.
+class OpenedFiles {
+ public:
+  explicit OpenedFiles(AVFormatContext& context)
+      : open_(context.io_open), close_(context.io_close2) {
+    context.opaque = this;
+    context.io_open = &Open;
+    context.io_close2 = &Close;
+  }
+  static OpenedFiles& Of(const AVFormatContext& context) {
+    return *static_cast<OpenedFiles*>(context.opaque);
+  }
+
+  std::uint64_t bytes() const {
+    std::int64_t sum = closed_;
+    for (const AVIOContext* const io : opened_) {
+      sum += io->bytes_read;
+    }
+    return static_cast<std::uint64_t>(sum);
+  }
+
+ private:
+  static int Open(AVFormatContext* context, AVIOContext** io, const char* url, int flags,
+                  AVDictionary** options) {
+    OpenedFiles& self = Of(*context);
+    const int result = self.open_(context, io, url, flags, options);
+    if (result >= 0) {
+      self.opened_.push_back(*io);
+    }
+    return result;
+  }
+  static int Close(AVFormatContext* context, AVIOContext* io) {
+    OpenedFiles& self = Of(*context);
+    if (std::erase(self.opened_, io) > 0) {
+      self.closed_ += io->bytes_read;
+    }
+    return self.close_(context, io);
+  }
+
+  const decltype(AVFormatContext::io_open) open_;
+  const decltype(AVFormatContext::io_close2) close_;
+  std::vector<const AVIOContext*> opened_;
+  std::int64_t closed_ = 0;  // bytes of those that are closed
+};
+
 }  // namespace
+
+void CloseInput::operator()(AVFormatContext* context) const noexcept {
+  const std::unique_ptr<OpenedFiles> files(
+      context != nullptr ? static_cast<OpenedFiles*>(context->opaque) : nullptr);
+  avformat_close_input(&context);
+}
+
+std::uint64_t BytesRead(const AVFormatContext& input) {
+  const bool isOurs = (input.flags & AVFMT_FLAG_CUSTOM_IO) != 0 && input.pb != nullptr;
+  return OpenedFiles::Of(input).bytes() +
+         (isOurs ? static_cast<std::uint64_t>(input.pb->bytes_read) : 0);
+}
+
+FoundText ReadText(const std::string& name, std::size_t maxBytes, Options& options,
+                   IoDeadline& deadline) {
+  const AVIOInterruptCB interrupt{&IoDeadline::Callback, &deadline};
+  AVIOContext* opened = nullptr;
+  Check(avio_open2(&opened, name.c_str(), AVIO_FLAG_READ, &interrupt, options.Exchange()),
+        "cannot open");
+  const Connection connection(opened);
+  FoundText found{std::string(maxBytes + 1, '\0'), name};
+  const int count = avio_read(opened, reinterpret_cast<unsigned char*>(found.text.data()),
+                              static_cast<int>(found.text.size()));
+  if (count != AVERROR_EOF) {
+    Check(count, "cannot read");
+  }
+  found.text.resize(static_cast<std::size_t>(std::max(count, 0)));
+  if (found.text.size() > maxBytes) {
+    throw Error(AVERROR(EFBIG), "cannot read");
+  }
+  std::uint8_t* location = nullptr;
+  if (av_opt_get(opened, "location", AV_OPT_SEARCH_CHILDREN, &location) >= 0 &&
+      location != nullptr) {
+    found.location = reinterpret_cast<const char*>(location);
+    av_free(location);
+  }
+  return found;
+}
+
+TextInput::TextInput(std::string text)
+    : text_(std::move(text)), io_(MakeReadingIo(this, &ReadCallback, &SeekCallback)) {}
+
+int TextInput::ReadCallback(void* input, std::uint8_t* buffer, int size) {
+  auto& self = *static_cast<TextInput*>(input);
+  const std::size_t count =
+      std::min(self.text_.size() - self.position_, static_cast<std::size_t>(size));
+  std::copy_n(self.text_.begin() + static_cast<std::ptrdiff_t>(self.position_), count, buffer);
+  self.position_ += count;
+  return count > 0 ? static_cast<int>(count) : AVERROR_EOF;
+}
+
+std::int64_t TextInput::SeekCallback(void* input, std::int64_t offset, int whence) {
+  auto& self = *static_cast<TextInput*>(input);
+  const auto size = static_cast<std::int64_t>(self.text_.size());
+  if ((whence & AVSEEK_SIZE) != 0) {
+    return size;
+  }
+  const std::int64_t base = whence == SEEK_CUR   ? static_cast<std::int64_t>(self.position_)
+                            : whence == SEEK_END ? size
+                                                 : 0;
+  if (base + offset < 0 || base + offset > size) {
+    return AVERROR(EINVAL);
+  }
+  self.position_ = static_cast<std::size_t>(base + offset);
+  return base + offset;
+}
 
 InputFormat OpenInput(const std::string& name, AVIOContext* io, Options& options,
                       IoDeadline& deadline) {
@@ -63,8 +179,10 @@ InputFormat OpenInput(const std::string& name, AVIOContext* io, Options& options
   }
   context->interrupt_callback = {&IoDeadline::Callback, &deadline};
   context->pb = io;
+  auto files = std::make_unique<OpenedFiles>(*context);
   // On failure this frees the context itself.
   Check(avformat_open_input(&context, name.c_str(), nullptr, options.Exchange()), "cannot open");
+  static_cast<void>(files.release());  // goes with the context
   return InputFormat(context);
 }
 

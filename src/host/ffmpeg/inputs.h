@@ -19,6 +19,38 @@ namespace host::ffmpeg {
 InputFormat OpenInput(const std::string& name, AVIOContext* io, Options& options,
                       IoDeadline& deadline);
 
+// Bytes that an open input has read so far, those of the segments of a playlist included; 0 where
+// its demuxer keeps its sockets to itself. By the thread that reads it.
+std::uint64_t BytesRead(const AVFormatContext& input);
+
+// A small text, and where it was found: a server may have led to another address.
+struct FoundText {
+  std::string text;
+  std::string location;
+};
+// The text behind a path or URL. Throws Error, also when it is longer than so many bytes.
+FoundText ReadText(const std::string& name, std::size_t maxBytes, Options& options,
+                   IoDeadline& deadline);
+
+// A text that is read in the place of a file. Owned by its reader, and must outlive the format
+// context that reads through io(). One thread.
+class TextInput {
+ public:
+  explicit TextInput(std::string text);
+  TextInput(const TextInput&) = delete;
+  TextInput& operator=(const TextInput&) = delete;
+
+  AVIOContext* io() const { return io_.get(); }
+
+ private:
+  static int ReadCallback(void* input, std::uint8_t* buffer, int size);
+  static std::int64_t SeekCallback(void* input, std::int64_t offset, int whence);
+
+  const std::string text_;
+  std::size_t position_ = 0;
+  CallbackIo io_;
+};
+
 // FFmpeg reads files with calls that block, which is fine for a disk; a pipe that stays open and
 // silent would hold its reader indefinitely. This input waits for data and asks its deadline
 // meanwhile.

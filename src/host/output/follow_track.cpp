@@ -63,10 +63,10 @@ ffmpeg::Frame Part(const AVFrame& frame, int first, int last) {
   part->nb_samples = last - first;
   ffmpeg::Check(av_channel_layout_copy(&part->ch_layout, &frame.ch_layout), "cannot cut audio");
   ffmpeg::Check(av_frame_get_buffer(part.get(), 0), "cannot cut audio");
-  ffmpeg::Check(av_samples_copy(part->extended_data, frame.extended_data, 0, first, last - first,
-                                frame.ch_layout.nb_channels,
-                                static_cast<AVSampleFormat>(frame.format)),
-                "cannot cut audio");
+  ffmpeg::Check(
+      av_samples_copy(part->extended_data, frame.extended_data, 0, first, last - first,
+                      frame.ch_layout.nb_channels, static_cast<AVSampleFormat>(frame.format)),
+      "cannot cut audio");
   return part;
 }
 
@@ -94,8 +94,8 @@ void FollowMixer::Cut(const Piece& piece, std::size_t stretch, const Sink& sink)
   const Time end = EndOf(stretch);
   const auto sampleAt = [&](Time time) {
     const Time inside = std::clamp<Time>(time - piece.start, 0, LengthOf(frame));
-    return static_cast<int>(std::clamp<std::int64_t>(av_rescale(inside, rate, kSecond), 0,
-                                                     frame.nb_samples));
+    return static_cast<int>(
+        std::clamp<std::int64_t>(av_rescale(inside, rate, kSecond), 0, frame.nb_samples));
   };
   const int first = sampleAt(begin);
   const int last = end > piece.start + LengthOf(frame) ? frame.nb_samples : sampleAt(end);
@@ -144,8 +144,8 @@ void FollowMixer::Emit(const Sink& sink) {
         waiting.pop_front();
       }
     }
-    const bool isOver = latest_ >= end && (!channel || reached_[*channel] >= end ||
-                                           latest_ >= end + kPatience);
+    const bool isOver =
+        latest_ >= end && (!channel || reached_[*channel] >= end || latest_ >= end + kPatience);
     if (!isOver) {
       break;
     }
@@ -161,9 +161,7 @@ void FollowMixer::Emit(const Sink& sink) {
 }
 
 FollowTrack::FollowTrack(std::vector<std::shared_ptr<AudioTrack>> tracks, TakePacket take)
-    : tracks_(std::move(tracks)),
-      take_(std::move(take)),
-      thread_([this] { Run(); }, "follow") {}
+    : tracks_(std::move(tracks)), take_(std::move(take)), thread_([this] { Run(); }, "follow") {}
 
 FollowTrack::~FollowTrack() {
   queue_.Close();

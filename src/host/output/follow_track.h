@@ -22,8 +22,8 @@
 namespace host {
 
 // Cuts and joins the decoded audio of channels that are followed one after the other, in the order
-// of time, whatever the order in which their packets come. Both sides of a change are faded for five
-// milliseconds, so that it does not click. Owned and called by one thread.
+// of time, whatever the order in which their packets come. Both sides of a change are faded for
+// five milliseconds, so that it does not click. Owned and called by one thread.
 class FollowMixer {
  public:
   static constexpr Time kFade = 5 * kMillisecond;
@@ -53,10 +53,10 @@ class FollowMixer {
   void Cut(const Piece& piece, std::size_t stretch, const Sink& sink) const;
   void Emit(const Sink& sink);
 
-  std::deque<Stretch> stretches_;                       // the first one is being emitted
-  std::map<std::size_t, std::deque<Piece>> waiting_;    // by channel
-  std::map<std::size_t, Time> reached_;                 // end of the latest frame, by channel
-  Time latest_ = 0;                                     // of all channels
+  std::deque<Stretch> stretches_;                     // the first one is being emitted
+  std::map<std::size_t, std::deque<Piece>> waiting_;  // by channel
+  std::map<std::size_t, Time> reached_;               // end of the latest frame, by channel
+  Time latest_ = 0;                                   // of all channels
   std::uint64_t stretchCount_ = 0;
 };
 
@@ -84,7 +84,7 @@ class FollowTrack {
 
   struct Item {
     std::size_t channel = 0;
-    ffmpeg::Packet packet;      // null: a change of the channel that is followed
+    ffmpeg::Packet packet;  // null: a change of the channel that is followed
     std::optional<std::size_t> follow{};
     Time from = 0;
   };

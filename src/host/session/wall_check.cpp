@@ -185,15 +185,23 @@ std::vector<Finding> CheckOutput(const config::Output& output) {
 
 std::vector<Finding> CheckSource(const config::Channel& channel) {
   Findings findings;
-  const std::optional<config::Url> url = config::ParseUrl(channel.source);
-  if (url && !config::LocalPath(channel.source)) {
-    const bool listens = config::Listens(*url, channel.options.options);
-    CheckAddress(*url, "source", false, listens, findings);
-    if (listens) {
-      findings.Note("source", "waits for its sender at port " +
-                                  (url->port.empty() ? "1935" : url->port) + " (" + url->scheme +
-                                  ")");
+  const auto check = [&](const std::string& source, const char* key) {
+    const std::optional<config::Url> url = config::ParseUrl(source);
+    if (!url || config::LocalPath(source)) {
+      return;
     }
+    const bool listens = config::Listens(*url, channel.options.options);
+    CheckAddress(*url, key, false, listens, findings);
+    if (listens) {
+      findings.Note(key, "waits for its sender at port " +
+                             (url->port.empty() ? "1935" : url->port) + " (" + url->scheme + ")");
+    }
+  };
+  for (const config::RenditionSource& each : channel.sources) {
+    check(each.source, "sources");
+  }
+  if (channel.sources.empty()) {
+    check(channel.source, "source");
   }
   // Which container a source has is seen when it is opened: all are asked.
   const AVClass* const everything = avformat_get_class();

@@ -233,11 +233,16 @@ WallFiles FilesOf(const config::Wall& wall, const RunFiles& run) {
   }
   for (const config::Channel& channel : wall.channels) {
     const std::string name = " of channel \"" + channel.name + "\"";
-    files.Reads({"the source" + name,
-                 channel.source,
-                 PlaceOf(channel.places, "source"),
-                 channel.options.options,
-                 {}});
+    const auto reads = [&](const std::string& source, const char* key) {
+      files.Reads(
+          {"the source" + name, source, PlaceOf(channel.places, key), channel.options.options, {}});
+    };
+    for (const config::RenditionSource& each : channel.sources) {
+      reads(each.source, "sources");
+    }
+    if (channel.sources.empty()) {
+      reads(channel.source, "source");
+    }
     if (channel.label.source == config::Label::Source::kFile) {
       files.Reads({"the label file" + name,
                    channel.label.file.string(),

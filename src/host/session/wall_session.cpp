@@ -295,6 +295,9 @@ std::optional<std::int64_t> WallSession::Place(const std::vector<WindowState>& w
   const std::optional<Time> start =
       schedule_->Change(windows, settings_.live ? clock_.Now() : background_->latestFrame());
   const Ratio rate = settings_.wall.canvas.frameRate;
+  for (std::size_t slot = 0; start && slot < windows.size(); ++slot) {
+    channels_[slot]->WantSize(windows[slot].place.width, windows[slot].place.height);
+  }
   return start ? std::optional(FrameAt(*start, rate)) : std::nullopt;
 }
 

@@ -27,6 +27,15 @@ std::optional<Time> GivenTime(std::int64_t timestamp) {
 
 MediaDecoder::Track::Track() = default;
 
+Time MediaDecoder::origin() const {
+  return ffmpeg::ToTime(input_.context().start_time, AVRational{1, AV_TIME_BASE}).value_or(0);
+}
+
+Time MediaDecoder::wrapPeriod() const {
+  const bool hasVideo = has(TrackKind::kVideo);
+  return WrapPeriod(input_.stream(hasVideo ? TrackKind::kVideo : TrackKind::kAudio));
+}
+
 void MediaDecoder::StartClock() {
   const AVFormatContext& context = input_.context();
   const bool mayJump =

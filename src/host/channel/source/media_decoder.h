@@ -52,6 +52,10 @@ class MediaDecoder {
   bool hasGiven() const { return hasGiven_; }
   // Frames were given since the last call.
   bool TakeFrameGiven() { return std::exchange(frameGiven_, false); }
+  // See MediaReader. The kind has a track.
+  Time clockOffset(TrackKind kind) const { return clock_->offset(track(kind)->clockStream); }
+  Time origin() const;
+  Time wrapPeriod() const;
   // Since the last call.
   int TakeFrames() { return std::exchange(frames_, 0); }
   // Video comes, but its first keyframe is still to come, or nothing but keyframes is wanted.

@@ -70,13 +70,18 @@ std::optional<ReplacementInput::Opened> ReplacementInput::Take() {
 void ReplacementInput::Run(State& state) {
   const Settings& settings = state.settings;
   try {
-    Opened opened{state.deadline, nullptr, {}};
+    Opened opened{state.deadline, nullptr, nullptr, {}};
+    if (!settings.playlist.empty()) {
+      opened.playlist = std::make_shared<ffmpeg::TextInput>(settings.playlist);
+    }
     ffmpeg::Options options;
     for (const auto& [key, value] : settings.options) {
       options.Set(key.c_str(), value);
     }
     opened.deadline->Arm(settings.limit);
-    opened.input = ffmpeg::OpenInput(settings.name, nullptr, options, *opened.deadline);
+    opened.input =
+        ffmpeg::OpenInput(settings.name, opened.playlist ? opened.playlist->io() : nullptr, options,
+                          *opened.deadline);
     DiscardOthers(*opened.input, settings.positions);
     for (bool reached = false; !reached;) {
       ffmpeg::Packet packet = ffmpeg::MakePacket();
@@ -206,6 +211,7 @@ MediaInput::Outcome MediaInput::Read(ffmpeg::Packet& packet, bool isUnused) {
   const int result = av_read_frame(input_.get(), packet.get());
   if (result >= 0) {
     silences_ = 0;
+    packetBytes_ += static_cast<std::uint64_t>(packet->size);
     WatchIndex();
     return Outcome::kPacket;
   }
@@ -266,6 +272,23 @@ std::optional<MediaInput::FileState> MediaInput::ReadFileState() const {
   return failure ? std::nullopt : std::optional(state);
 }
 
+bool MediaInput::SkipTo(Time timestamp) {
+  if ((input_->ctx_flags & AVFMTCTX_UNSEEKABLE) != 0 ||
+      (kind_ != SourceKind::kFile && !HasSegments(*input_))) {
+    return false;
+  }
+  connection_.deadline().Arm(Milliseconds(settings_.options.readLimit));
+  const std::int64_t position = av_rescale_q(timestamp, ffmpeg::kTimeUnit, AV_TIME_BASE_Q);
+  const int result = av_seek_frame(input_.get(), -1, position, AVSEEK_FLAG_BACKWARD);
+  connection_.deadline().Disarm();
+  return result >= 0;
+}
+
+std::uint64_t MediaInput::bytes() const {
+  const std::uint64_t counted = formerBytes_ + (input_ ? ffmpeg::BytesRead(*input_) : 0);
+  return counted > 0 ? counted : packetBytes_;
+}
+
 void MediaInput::Rewind() {
   // A transport stream has no index: its beginning is found by position, not by time.
   const bool byPosition = (input_->iformat->flags & AVFMT_TS_DISCONT) != 0;
@@ -306,6 +329,7 @@ void MediaInput::WatchIndex() {
 void MediaInput::OpenReplacement() {
   ReplacementInput::Settings settings;
   settings.name = connection_.address().name();
+  settings.playlist = settings_.playlist;
   settings.options = connection_.address().OpenOptions(settings_.options.options);
   if (input_->iformat->name == std::string_view("hls")) {
     settings.options[kFirstSegment] = kOldest;
@@ -338,6 +362,7 @@ bool MediaInput::AdoptReplacement() {
   }
   Exchange(std::move(opened->input));
   inputDeadline_ = std::move(opened->deadline);
+  inputPlaylist_ = std::move(opened->playlist);
   std::move(opened->packets.begin(), opened->packets.end(), std::back_inserter(pending_));
   return true;
 }
@@ -366,8 +391,10 @@ void MediaInput::Exchange(ffmpeg::InputFormat next) {
       selected_[static_cast<std::size_t>(kind)]->index = index;
     }
   }
+  formerBytes_ += ffmpeg::BytesRead(*input_);
   input_ = std::move(next);
   inputDeadline_.reset();
+  inputPlaylist_.reset();
   headerEnd_ = input_->pb != nullptr ? avio_tell(input_->pb) : 0;
   packetsOfInput_ = 0;
   ++exchanges_;

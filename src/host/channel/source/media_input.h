@@ -16,6 +16,7 @@
 #include "host/channel/source/media_info.h"
 #include "host/channel/source/source_connection.h"
 #include "host/ffmpeg/handles.h"
+#include "host/ffmpeg/inputs.h"
 #include "host/ffmpeg/io_deadline.h"
 #include "host/units.h"
 #include "platform/os/thread.h"
@@ -41,13 +42,15 @@ class ReplacementInput {
     Time latest = 0;  // source time of its latest packet
   };
   struct Settings {
-    std::string name;  // path or URL
+    std::string name;      // path or URL
+    std::string playlist;  // see MediaSettings
     std::map<std::string, std::string> options;
     std::chrono::milliseconds limit{20'000};  // to open it and to read up to the positions
     std::vector<Position> positions;          // the first one decides
   };
   struct Opened {
     std::shared_ptr<ffmpeg::IoDeadline> deadline;  // of the input; outlives it
+    std::shared_ptr<ffmpeg::TextInput> playlist;   // likewise
     ffmpeg::InputFormat input;
     std::vector<ffmpeg::Packet> packets;  // that it gave, which come after the positions
   };
@@ -93,6 +96,9 @@ class MediaInput {
   // The next packet of any stream that is not discarded. isUnused: nothing of the source could be
   // used since it was opened. Throws MediaError.
   Outcome Read(ffmpeg::Packet& packet, bool isUnused);
+  // Before the first packet: what comes begins near that timestamp. False where the source cannot
+  // be sought in.
+  bool SkipTo(Time timestamp);
   // To the beginning of a file. Throws MediaError.
   void Rewind();
   // Throws MediaError when the file was written again since it was opened: the demuxer knows its
@@ -106,6 +112,8 @@ class MediaInput {
   SourceKind kind() const { return kind_; }
   bool repeats() const { return settings_.live && settings_.options.repeat; }
   const std::vector<std::string>& unknownOptions() const { return connection_.unknownOptions(); }
+  // That were read of the source, or of its packets where its demuxer keeps its sockets to itself.
+  std::uint64_t bytes() const;
   // How often the demuxer was replaced.
   std::uint64_t exchanges() const { return exchanges_; }
   // Throws an error about this source.
@@ -159,13 +167,16 @@ class MediaInput {
   const MediaSettings& settings_;
   SourceConnection connection_;
   std::shared_ptr<ffmpeg::IoDeadline> inputDeadline_;  // of an input that was a replacement
+  std::shared_ptr<ffmpeg::TextInput> inputPlaylist_;   // likewise
   ffmpeg::InputFormat input_;
   std::optional<ReplacementInput> replacement_;
   std::deque<ffmpeg::Packet> pending_;  // that the replacement has read
   SourceKind kind_ = SourceKind::kPull;
   std::array<std::optional<Selected>, kTrackKinds.size()> selected_;  // by TrackKind
   int packetsOfInput_ = 0;
-  std::int64_t headerEnd_ = 0;  // bytes read before the first packet
+  std::uint64_t packetBytes_ = 0;
+  std::uint64_t formerBytes_ = 0;  // of demuxers that were replaced
+  std::int64_t headerEnd_ = 0;     // bytes read before the first packet
   bool canGoOn_ = false;
   int silences_ = 0;               // read limits in a row without data, of datagrams only
   std::optional<FileState> file_;  // of a repeated one, when it was opened

@@ -94,6 +94,16 @@ class MediaReader {
   // Frames that were decoded since the last call, and how long it was waited for packets.
   int TakeFrames() { return decoder_.TakeFrames(); }
   std::chrono::nanoseconds TakeWaited() { return std::exchange(waited_, {}); }
+  // What lies between the times of the items of that kind and the timestamps of the source, since
+  // these jumped last; when those begin, and after how long they come back (0: never).
+  Time clockOffset(TrackKind kind) const { return decoder_.clockOffset(kind); }
+  Time origin() const { return decoder_.origin(); }
+  Time wrapPeriod() const { return decoder_.wrapPeriod(); }
+  // Before the first Read: what comes begins near that timestamp, where the source can be sought
+  // in.
+  void SkipTo(Time timestamp) { input_.SkipTo(timestamp); }
+  // See MediaInput.
+  std::uint64_t bytes() const { return input_.bytes(); }
   // How often another stream has replaced one that ended, as when a service changes its codec, or
   // the one that was chosen has returned.
   std::uint64_t replacements() const { return tracks_.replacements(); }

@@ -78,6 +78,8 @@ class SourceClock {
   // The source begins again from its origin: what follows is placed after everything given so far.
   void Restart();
 
+  // Clock time minus source time, of the latest packet of a stream.
+  Time offset(std::size_t stream) const { return streams_.at(stream).offset.value; }
   // End of the latest packet so far.
   Time end() const { return end_; }
 

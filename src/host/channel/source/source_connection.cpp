@@ -162,6 +162,10 @@ ffmpeg::InputFormat SourceConnection::Open() {
 }
 
 ffmpeg::InputFormat SourceConnection::OpenSource() {
+  if (!settings_.playlist.empty()) {
+    playlist_.emplace(settings_.playlist);
+    return OpenDemuxer(playlist_->io(), address_.OpenOptions(settings_.options.options));
+  }
   if (ffmpeg::PipeInput::Serves(settings_.source)) {
     pipe_.emplace(settings_.source, deadline_);
     fragments_.emplace(pipe_->io());

@@ -21,6 +21,8 @@ namespace host {
 // How a source is read.
 struct MediaSettings {
   std::string source;  // path or URL; "-": the standard input
+  // A playlist that is read in place of what lies there, and leads to it; empty: none does.
+  std::string playlist;
   config::ChannelOptions options;
   // Is shown in a live wall: a fast probe, and a file is repeated if its options say so.
   bool live = false;
@@ -33,6 +35,7 @@ struct MediaSettings {
 
 // Decides by the address what is under the demuxer:
 //
+//   playlist given   TextInput
 //   pipe             PipeInput, FragmentedInput
 //   datagrams        TappedInput: RTP in order, PMT monitor
 //   endless HTTP     TappedInput, FragmentedInput
@@ -85,7 +88,8 @@ class SourceConnection {
   const SourceAddress address_;
   const std::function<bool()> isChanged_;
   ffmpeg::IoDeadline deadline_;
-  std::optional<ffmpeg::PipeInput> pipe_;             // what is under the demuxer
+  std::optional<ffmpeg::TextInput> playlist_;         // what is under the demuxer
+  std::optional<ffmpeg::PipeInput> pipe_;             // or that
   std::optional<ffmpeg::TappedInput> connection_;     // or that
   RtpReceiver rtp_;                                   // for its datagrams
   PmtMonitor programs_;                               // for all that comes over it

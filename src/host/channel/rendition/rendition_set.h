@@ -1,0 +1,92 @@
+// RenditionSet: the same content in several sizes, and which of them is right for a window.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/channel/rendition/master_playlist.h"
+#include "host/channel/window_schedule.h"
+#include "host/units.h"
+
+namespace host {
+
+// The size in which a channel is shown. Any thread sets and reads it.
+class WantedSize {
+ public:
+  explicit WantedSize(WindowSize size) { Set(size); }
+
+  // Each side 1 to 65535.
+  void Set(WindowSize size) {
+    packed_.store(static_cast<std::uint32_t>(size.width) << 16 |
+                      (static_cast<std::uint32_t>(size.height) & 0xFFFF),
+                  std::memory_order_relaxed);
+  }
+  WindowSize Get() const {
+    const std::uint32_t packed = packed_.load(std::memory_order_relaxed);
+    return {static_cast<int>(packed >> 16), static_cast<int>(packed & 0xFFFF)};
+  }
+
+ private:
+  std::atomic<std::uint32_t> packed_{0};
+};
+
+// The right one is the smallest that is at least as large as it is shown, and the largest where
+// none is; of one size that of the greatest bit rate. Then come, in this order, the next larger
+// ones, the next smaller ones and those whose size is not known. One that failed is left out for a
+// while, which doubles with every failure. Sizes and failures are remembered by address, however
+// often the set is assigned.
+//
+// Owned by a channel's reader and used on its thread.
+class RenditionSet {
+ public:
+  using Clock = std::chrono::steady_clock;
+  static constexpr std::chrono::seconds kMinPause{2};
+  static constexpr std::chrono::seconds kMaxPause{120};
+
+  // pixelAspect: of the canvas.
+  explicit RenditionSet(Ratio pixelAspect) : pixelAspect_(pixelAspect) {}
+
+  // What the source offers, at least one.
+  void Assign(std::vector<PlaylistVariant> renditions);
+  std::size_t size() const { return renditions_.size(); }
+  const PlaylistVariant& operator[](std::size_t index) const { return renditions_[index]; }
+
+  // Its frames have that size; 0: it has no video, and is not asked for again.
+  void Learn(std::size_t index, int width, int height);
+  void Failed(std::size_t index, Clock::time_point now);
+  // It has been read for long enough.
+  void Succeeded(std::size_t index);
+
+  // All, the right one first; those that are left out now come last.
+  std::vector<std::size_t> Order(WindowSize window, Clock::time_point now) const;
+  bool IsLeftOut(std::size_t index, Clock::time_point now) const;
+  // The right one of those that are not left out; none when all are.
+  std::optional<std::size_t> Best(WindowSize window, Clock::time_point now) const;
+  // One whose size is still to be learnt.
+  std::optional<std::size_t> Unknown(Clock::time_point now) const;
+
+ private:
+  struct Memory {
+    std::optional<WindowSize> size{};  // as it was found
+    bool hasNoVideo = false;
+    int failures = 0;  // in a row
+    Clock::time_point leftOutUntil{};
+  };
+
+  bool IsKnown(std::size_t index) const { return renditions_[index].width > 0; }
+  bool Suffices(std::size_t index, WindowSize window) const;
+  Memory& Of(std::size_t index) { return memory_[renditions_[index].source]; }
+  const Memory* Find(std::size_t index) const;
+
+  const Ratio pixelAspect_;
+  std::vector<PlaylistVariant> renditions_;
+  std::map<std::string, Memory> memory_;  // by source
+};
+
+}  // namespace host
