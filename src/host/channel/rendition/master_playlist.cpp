@@ -128,7 +128,7 @@ std::optional<std::string> ResolveUrl(std::string_view uri, std::string_view loc
   const std::string_view folder = path.substr(0, path.rfind('/') + 1);
   const std::string whole = uri.starts_with('/') ? std::string(uri.substr(0, query))
                             : folder.empty()     ? "/" + std::string(uri.substr(0, query))
-                                             : std::string(folder).append(uri.substr(0, query));
+                                                 : std::string(folder).append(uri.substr(0, query));
   return server + Normalized(whole) + std::string(uri.substr(query));
 }
 

@@ -33,15 +33,15 @@ Time CommonTime(const MediaReader& reader, Alignment alignment, TrackKind kind, 
 }
 
 Time NearestTurn(Time time, Time period, Time near) {
-  return period <= 0 ? time
-                     : time + period * static_cast<Time>(std::llround(
-                                           static_cast<double>(near - time) /
-                                           static_cast<double>(period)));
+  return period <= 0
+             ? time
+             : time + period * static_cast<Time>(std::llround(static_cast<double>(near - time) /
+                                                              static_cast<double>(period)));
 }
 
 RenditionOpener::RenditionOpener(Settings settings)
-    : state_(std::make_shared<State>(
-          State{settings, std::make_shared<MediaReader>(settings.media)})),
+    : state_(
+          std::make_shared<State>(State{settings, std::make_shared<MediaReader>(settings.media)})),
       reader_(state_->reader),
       thread_([state = state_] { Run(*state); }, "rendition", os::Thread::Priority::kLow) {}
 

@@ -250,8 +250,7 @@ std::optional<MediaItem> RenditionReader::Pass(MediaItem item) {
   const Kind kind = KindOf(item);
   if (kind == kFrames) {
     const Time start = SpanOf(item).start;
-    position_->timestamp =
-        CommonTime(*reader_, Alignment::kTimestamps, TrackKind::kVideo, start);
+    position_->timestamp = CommonTime(*reader_, Alignment::kTimestamps, TrackKind::kVideo, start);
     position_->sinceBeginning =
         CommonTime(*reader_, Alignment::kBeginning, TrackKind::kVideo, start);
   }
@@ -402,9 +401,8 @@ RenditionReader::Next RenditionReader::Align(RenditionOpener::Opened opened) con
 
 // Its first frame that is not over yet follows the latest one of the other without a gap.
 void RenditionReader::AlignByArrival(Next& next, const Given& last) const {
-  const auto frame =
-      std::find_if(next.opened.items.begin(), next.opened.items.end(),
-                   [](const MediaItem& item) { return KindOf(item) == kFrames; });
+  const auto frame = std::find_if(next.opened.items.begin(), next.opened.items.end(),
+                                  [](const MediaItem& item) { return KindOf(item) == kFrames; });
   const Time step = std::clamp<Time>(SpanOf(*frame).duration, kMillisecond, kMaxStep);
   Time from = last.start + ToTime(next.opened.arrival - last.arrival);
   if (from < last.end()) {
@@ -421,7 +419,8 @@ bool RenditionReader::IsReached(const Next& next) const {
   const bool hasAudio =
       !audio || !next.audioFrom || audio->end() + audio->duration / 2 >= *next.audioFrom;
   const std::optional<Given>& frame = given_[kFrames];
-  const bool hasFrames = next.framesReached || !frame || frame->end() + frame->duration / 2 >= next.from;
+  const bool hasFrames =
+      next.framesReached || !frame || frame->end() + frame->duration / 2 >= next.from;
   return (hasFrames && hasAudio) || Clock::now() >= next.latest;
 }
 
