@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "host/feed/alarm_record.h"
+#include "host/feed/anchor_sample.h"
 #include "host/feed/feed_pin.h"
 
 namespace host {
@@ -73,9 +74,12 @@ ChannelPresenter::ChannelPresenter(const ChannelSettings& settings, Pins pins,
       pins_(pins),
       observer_(observer),
       life_(settings_.channel.options.hold, 0),
-      alarms_(settings_.channel.options.alarm, [this](const AlarmMonitor::Change& change) {
-        observer_->AlarmChanged(settings_.channel.name, change);
-      }) {}
+      alarms_(settings_.channel.options.alarm,
+              [this](const AlarmMonitor::Change& change) {
+                observer_->AlarmChanged(settings_.channel.name, change);
+              }),
+      frames_(2, settings_.delay()),
+      levels_(1, settings_.delay()) {}
 
 void ChannelPresenter::Begin(Time now) {
   life_ = ChannelLife(settings_.channel.options.hold, now);
@@ -207,7 +211,7 @@ void ChannelPresenter::Tick(Time now) {
   }
   if (frames_.begun() && levels_.nextRepeat() <= now_) {
     const Time start = levels_.RepeatAt(now_);
-    SendLevels(start, WindowFill::kStep, AudioLevels{});
+    SendLevels(start, levels_.step(), AudioLevels{});
   }
 }
 
@@ -284,7 +288,7 @@ void ChannelPresenter::NoteLook() {
   if (looks_.empty() || looks_.back().second != look) {
     looks_.emplace_back(now_, std::move(look));
   }
-  while (looks_.size() > 1 && looks_[1].first <= now_ - WindowFill::kLatency) {
+  while (looks_.size() > 1 && looks_[1].first <= now_ - settings_.delay()) {
     looks_.pop_front();
   }
 }
@@ -302,7 +306,7 @@ const ChannelPresenter::Look& ChannelPresenter::LookAt(Time time) {
 
 // Sends again what the window shows.
 void ChannelPresenter::Repeat(Time start) {
-  const Time stop = start + WindowFill::kStep;
+  const Time stop = start + frames_.step();
   const Look& look = LookAt(start);
   if (look.slate) {
     if (slate_.empty() || look.text != slateText_) {
@@ -352,8 +356,9 @@ void ChannelPresenter::SendFrame(IMediaSample* sample, Time start, Time stop) {
 }
 
 // The composer sets a channel's time to its own with a frame that finds fewer than two others
-// waiting. Copies of it that carry the composer's present time go first, so that the channel's
-// times are the wall's exactly.
+// waiting, and shows everything its own latency later. Copies of it go first that carry the
+// composer's present time, plus what the wall's delay is shorter than that latency: so the
+// channel's times are the wall's exactly, and its frames are shown the delay after them.
 bool ChannelPresenter::AnchorClock(const BYTE* pixels, Time start) {
   std::optional<Time> present = settings_.presentFrame();
   if (present && frames_.begun() && !frames_.IsDry(*present)) {
@@ -362,6 +367,7 @@ bool ChannelPresenter::AnchorClock(const BYTE* pixels, Time start) {
   if (frames_.begun() && settings_.logger != nullptr) {
     settings_.logger->IncrementResync();
   }
+  const Time saved = config::kMaxDelay - settings_.delay();
   const LONG size = frameBytes();
   std::optional<Time> anchored;
   for (int tries = 0; tries < kAnchorTries && anchored != present; ++tries) {
@@ -379,7 +385,11 @@ bool ChannelPresenter::AnchorClock(const BYTE* pixels, Time start) {
       std::memcpy(to, pixels, static_cast<std::size_t>(size));
       copy->SetActualDataLength(size);
       copy->SetDiscontinuity(TRUE);
-      Deliver(copy.Get());
+      // With a type of its own it is not wrapped by the composer's pin, and stays movable.
+      pins_.video.AttachType(*copy);
+      const ComPtr<AnchorSample> anchor = AnchorSample::Create(copy, *present + saved);
+      Deliver(anchor.Get());
+      anchor->MoveTo(*present);
       frames_.Sent(*present);
     }
     anchored = present;

@@ -39,6 +39,8 @@ struct ChannelSettings {
   bool driven = false;
 
   bool isLive() const { return now != nullptr; }
+  // How long after its time a frame is shown.
+  Time delay() const { return isLive() ? canvas.delay : config::kMaxDelay; }
 };
 
 }  // namespace host
