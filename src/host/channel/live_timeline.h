@@ -87,7 +87,7 @@ class RecentRange {
 class LiveTimeline {
  public:
   struct Settings {
-    Time lead = kSecond / 50;
+    Time lead = 0;
     Time maxLead = kSecond;
     Time slack = 3 * kSecond / 4;
     Time lateLimit = kSecond / 2;   // too late without a break for that long: no catching up
