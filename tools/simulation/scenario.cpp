@@ -4,6 +4,8 @@
 #include <cmath>
 #include <cstdio>
 
+#include "host/config/wall.h"
+
 namespace simulation {
 
 namespace {
@@ -168,6 +170,30 @@ std::string Seconds(Time time) {
   return text;
 }
 
+// A wall with a shorter delay has so much less room for what its sources do.
+void Shorten(Time& time, Time delay) {
+  time = time * (delay / kMillisecond) / (kSecond / kMillisecond);
+}
+
+void TakeDelay(Scenario& scenario) {
+  Dice dice(scenario.seed + 1'000'000);
+  if (dice.OneIn(2)) {
+    return;
+  }
+  scenario.delay = dice.OneIn(2) ? host::config::kMinDelay : dice.Between(200, 999) * kMillisecond;
+  for (SourceModel& source : scenario.sources) {
+    for (Time* const time : {&source.audioSkew, &source.burst, &source.jitter}) {
+      Shorten(*time, scenario.delay);
+    }
+    source.drift *= static_cast<double>(scenario.delay) / kSecond;
+    for (Fault& fault : source.faults) {
+      if (fault.kind == Kind::kRemuxed) {
+        Shorten(fault.amount, scenario.delay);
+      }
+    }
+  }
+}
+
 }  // namespace
 
 Scenario MakeScenario(std::uint64_t seed, Time length) {
@@ -192,6 +218,7 @@ Scenario MakeScenario(std::uint64_t seed, Time length) {
     at += slow.stalls.back().length;
   }
   scenario.outputs.push_back(slow);
+  TakeDelay(scenario);
   return scenario;
 }
 
@@ -247,10 +274,10 @@ Scenario MakeLongScenario(Time length) {
 }
 
 std::string Describe(const Scenario& scenario) {
-  std::string text = "seed " + std::to_string(scenario.seed) + ": " + Seconds(scenario.length) +
-                     " from " + Seconds(scenario.begin) + " on, at " +
-                     std::to_string(scenario.canvasRate.num) + "/" +
-                     std::to_string(scenario.canvasRate.den) + "\n";
+  std::string text =
+      "seed " + std::to_string(scenario.seed) + ": " + Seconds(scenario.length) + " from " +
+      Seconds(scenario.begin) + " on, at " + std::to_string(scenario.canvasRate.num) + "/" +
+      std::to_string(scenario.canvasRate.den) + ", delay " + Seconds(scenario.delay) + "\n";
   for (std::size_t i = 0; i < scenario.sources.size(); ++i) {
     const SourceModel& source = scenario.sources[i];
     text += "  source " + std::to_string(i) +

@@ -62,7 +62,8 @@ struct OutputModel {
 struct Scenario {
   std::uint64_t seed = 0;
   Ratio canvasRate{25, 1};
-  Time begin = 0;  // the wall has been running for that long
+  Time delay = host::kSecond;  // of the wall
+  Time begin = 0;              // the wall has been running for that long
   Time length = 0;
   std::vector<SourceModel> sources;
   std::vector<OutputModel> outputs;  // the first one never stalls

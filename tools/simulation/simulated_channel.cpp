@@ -53,26 +53,23 @@ bool WindowLayout::MeterIsLit(const std::uint8_t* luma, int stride) {
 SimulatedChannel::Session::Session(const SimulatedChannel& channel)
     : videoStream(clock.AddStream(channel.model_->wrapPeriod)),
       audioStream(clock.AddStream(channel.model_->wrapPeriod)),
-      limiter(channel.canvasRate_),
-      meter({channel.canvasRate_}),
-      placer({channel.model_->kind, true, channel.model_->audio, channel.canvasRate_,
-              channel.services_.now},
+      limiter(channel.canvas_.frameRate),
+      meter({channel.canvas_.frameRate}),
+      placer({channel.model_->kind, true, channel.model_->audio, channel.canvas_.frameRate,
+              channel.services_.now, channel.canvas_.delay},
              channel.channel_->queue()) {}
 
 SimulatedChannel::SimulatedChannel(std::size_t index, const SourceModel* model, std::uint64_t seed,
-                                   Time begin, host::Ratio canvasRate, const Services& services)
-    : model_(model),
-      canvasRate_(canvasRate),
-      services_(services),
-      format_(Format()),
-      opensAt_(begin) {
+                                   Time begin, const host::config::Canvas& canvas,
+                                   const Services& services)
+    : model_(model), canvas_(canvas), services_(services), format_(Format()), opensAt_(begin) {
   if (model_ != nullptr) {
     packets_.emplace(*model_, seed, begin);
   }
   host::ChannelSettings settings;
   settings.channel.name = "channel " + std::to_string(index);
   settings.channel.window = {0, 0, WindowLayout::kWidth, WindowLayout::kHeight};
-  settings.canvas.frameRate = canvasRate;
+  settings.canvas = canvas_;
   // A caption would hide what the window shows.
   host::config::AlarmOptions& alarm = settings.channel.options.alarm;
   for (host::config::Alarm* each :
@@ -221,6 +218,7 @@ void SimulatedChannel::Show(const Frame& frame) {
   WindowLayout::Write(pixels, WindowLayout::kWidth, frame.id);
   sample->SetActualDataLength(size);
   session_->placer.Add(span.start, span.duration, span.discontinuity, host::ReadyFrame{sample, {}});
+  services_.placed(frame.id, channel_->queue().lastPushed().value_or(0));
   WatchLead(services_.now());
 }
 

@@ -37,13 +37,15 @@ class SimulatedChannel final : public host::ChannelObserver {
     std::function<Time()> now;
     std::function<std::optional<Time>()> presentFrame;
     std::function<void(const std::string&)> violated;
+    // When a frame is due.
+    std::function<void(ContentId, Time)> placed;
     ComPtr<host::WallWindow> window;
     std::function<void(bool)> show;
   };
 
   // model outlives it; null: a channel whose source is never there.
   SimulatedChannel(std::size_t index, const SourceModel* model, std::uint64_t seed, Time begin,
-                   host::Ratio canvasRate, const Services& services);
+                   const host::config::Canvas& canvas, const Services& services);
 
   host::ChannelSource& source() { return *channel_; }
   // When something is to be done: a packet that can be read, the end of a limit.
@@ -97,7 +99,7 @@ class SimulatedChannel final : public host::ChannelObserver {
   void Announce(host::SourceEvent::Kind kind);
 
   const SourceModel* const model_;
-  const host::Ratio canvasRate_;
+  const host::config::Canvas canvas_;
   const Services services_;
   bool isShown_ = true;
   std::optional<SimulatedSource> packets_;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdarg>
 #include <cstring>
 #include <deque>
 #include <functional>
@@ -39,9 +40,21 @@ constexpr int kMargin = 4;
 constexpr std::size_t kMaxViolations = 5;
 constexpr int kGop = 25;  // frames
 
-class SilentLogger final : public qorp::log::ILogPerf {
+// Hears when the composer sets the time of a channel.
+class Logger final : public qorp::log::ILogPerf {
  public:
-  void log(std::int32_t, const char*, ...) override {}
+  using Resynchronized = std::function<void(std::size_t channel)>;
+
+  explicit Logger(Resynchronized resynchronized) : resynchronized_(std::move(resynchronized)) {}
+
+  void log(std::int32_t, const char* format, ...) override {
+    if (std::strstr(format, "resynchronizes") != nullptr) {
+      va_list arguments;
+      va_start(arguments, format);
+      resynchronized_(static_cast<std::size_t>(va_arg(arguments, int)));
+      va_end(arguments);
+    }
+  }
   void RegisterPin(const char*) override {}
   void NotifyBufferFull(const char*) override {}
   void WriteReport() override {}
@@ -49,6 +62,9 @@ class SilentLogger final : public qorp::log::ILogPerf {
   void IncrementTsDiscontinuity() override {}
   void IncrementDecodedPictures() override {}
   void AddPoliticChoices(std::int32_t) override {}
+
+ private:
+  const Resynchronized resynchronized_;
 };
 
 host::ffmpeg::Packet VideoPacket(Time time, Time duration, bool key) {
@@ -171,6 +187,8 @@ class SimulatedWall {
                    0},
                   &logger_),
         graph_(FilterGraph::Create()) {
+    canvas_.frameRate = scenario.canvasRate;
+    canvas_.delay = scenario.delay;
     const std::size_t count = scenario.sources.size();
     host::BackgroundSource::Settings background;
     background.width = width_;
@@ -186,7 +204,7 @@ class SimulatedWall {
                         false});
     }
     schedule_ = std::make_shared<host::WindowSchedule>(shown_, scenario_.canvasRate,
-                                                       host::WindowFill::kLatency);
+                                                       canvas_.delay);
     background.sending = [this](host::Time start) { schedule_->FrameSent(start); };
     background_ = host::BackgroundSource::Create(std::move(background));
     sink_ = host::CompositionSink::Create(
@@ -289,17 +307,19 @@ class SimulatedWall {
 
   void AddChannel(std::size_t index, const SourceModel* model) {
     windows_.push_back(host::WallWindow::Create(schedule_, index, scenario_.canvasRate));
+    Watcher& watcher =
+        watchers_.emplace_back("channel " + std::to_string(index), model, canvas_, scenario_.begin,
+                               [this](const std::string& what) { Violated(what); });
     channels_.push_back(std::make_unique<SimulatedChannel>(
-        index, model, scenario_.seed * 31 + index, scenario_.begin, scenario_.canvasRate,
+        index, model, scenario_.seed * 31 + index, scenario_.begin, canvas_,
         SimulatedChannel::Services{
             [this] { return now_; }, [this] { return background_->presentFrame(); },
-            [this](const std::string& what) { Violated(what); }, windows_.back(),
+            [this](const std::string& what) { Violated(what); },
+            [&watcher](ContentId id, Time due) { watcher.Placed(id, due); }, windows_.back(),
             [this, index](bool isShown) {
               shown_[index].isShown = isShown;
               schedule_->Change(shown_, background_->latestFrame());
             }}));
-    watchers_.emplace_back("channel " + std::to_string(index), model, scenario_.canvasRate,
-                           scenario_.begin, [this](const std::string& what) { Violated(what); });
     host::ChannelSource& source = channels_.back()->source();
     Add(&source);
     const host::ComposerFilter::Input input =
@@ -389,7 +409,8 @@ class SimulatedWall {
   const int width_;
   const int height_;
   Time now_ = scenario_.begin;
-  SilentLogger logger_;
+  host::config::Canvas canvas_;
+  Logger logger_{[this](std::size_t channel) { watchers_[channel].Resynchronized(now_); }};
   std::vector<std::string> violations_;
   std::size_t sleep_ = 0;  // the next one
   std::uint64_t sent_ = 0;

@@ -47,11 +47,11 @@ std::string Text(Time time) {
 
 }  // namespace
 
-Watcher::Watcher(std::string name, const SourceModel* model, host::Ratio canvasRate, Time begin,
-                 Violated violated)
+Watcher::Watcher(std::string name, const SourceModel* model, const host::config::Canvas& canvas,
+                 Time begin, Violated violated)
     : name_(std::move(name)),
       model_(model),
-      canvasRate_(canvasRate),
+      canvas_(canvas),
       begin_(begin),
       violated_(std::move(violated)) {}
 
@@ -72,6 +72,16 @@ bool Watcher::IsCalm(Time time) const {
     return time >= fault.at - kSecond &&
            time < fault.at + fault.length + extra + SettleTime(fault.kind, *model_);
   });
+}
+
+void Watcher::Placed(ContentId id, Time due) {
+  due_[id] = due;
+}
+
+void Watcher::Resynchronized(Time time) {
+  if (model_ != nullptr && IsCalm(time)) {
+    violated_(name_ + " is resynchronized at " + Text(time));
+  }
 }
 
 bool Watcher::IsHeard() const {
@@ -117,6 +127,11 @@ void Watcher::FrameWritten(Time time) {
     if (shown.id && shown.id != counted_) {
       ++stretch_.newFrames;
       counted_ = shown.id;
+      if (const auto due = due_.find(*shown.id); due != due_.end()) {
+        stretch_.lateness += shown.time - due->second - canvas_.delay;
+        ++stretch_.latenesses;
+        due_.erase(due_.begin(), due);
+      }
     }
     if (!IsHeard()) {
       continue;
@@ -147,12 +162,20 @@ void Watcher::FrameWritten(Time time) {
 
 void Watcher::Judge(Time time) {
   const std::string where = name_ + " in the " + Text(kStretch) + " before " + Text(time) + ": ";
-  const double seconds = static_cast<double>(stretch_.frames) / canvasRate_.value();
+  const double seconds = static_cast<double>(stretch_.frames) / canvas_.frameRate.value();
   const double expected =
-      seconds * std::min(model_->frameRate.value(), canvasRate_.value()) * kMinNewFrames - 1;
+      seconds * std::min(model_->frameRate.value(), canvas_.frameRate.value()) * kMinNewFrames - 1;
   if (stretch_.newFrames < expected) {
     violated_(where + std::to_string(stretch_.newFrames) + " new frames instead of " +
               std::to_string(static_cast<int>(expected) + 1));
+  }
+  // A slow source's frame stands for the time around it or after it.
+  const Time frameTime = host::FrameDuration(model_->frameRate);
+  const Time mostOffset = kMaxOffset + std::max<Time>(frameTime - kMaxOffset, 0) / 2;
+  const Time lateness = stretch_.latenesses > 0 ? stretch_.lateness / stretch_.latenesses : 0;
+  if (std::abs(lateness) > mostOffset || stretch_.latenesses < stretch_.newFrames / 2) {
+    violated_(where + "video is shown " + std::to_string(lateness / kMillisecond) +
+              " ms after the delay (" + std::to_string(stretch_.latenesses) + " frames)");
   }
   if (!IsHeard()) {
     return;
@@ -161,9 +184,6 @@ void Watcher::Judge(Time time) {
     violated_(where + std::to_string(stretch_.silentFrames) + " frames without audio");
   }
   const Time offset = stretch_.offsets > 0 ? stretch_.offset / stretch_.offsets : 0;
-  // A slow source's frame stands for the time around it or after it.
-  const Time frameTime = host::FrameDuration(model_->frameRate);
-  const Time mostOffset = kMaxOffset + std::max<Time>(frameTime - kMaxOffset, 0) / 2;
   if (std::abs(offset) > mostOffset || stretch_.offsets < stretch_.frames / 2) {
     violated_(where + "video is " + std::to_string(offset / kMillisecond) + " ms off its audio (" +
               std::to_string(stretch_.offsets) + " frames)");

@@ -4,16 +4,20 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 
+#include "host/config/wall.h"
 #include "tools/simulation/simulated_source.h"
 
 namespace simulation {
 
 // Of one channel, in an output that keeps up. While nothing disturbs the source and has not for a
 // while, and its delivery stays within the second that a wall has for it:
-//  - the window shows new frames at the source's rate, or the canvas's if that is lower;
+//  - the window shows new frames at the source's rate, or the canvas's if that is lower, and each
+//    of them the wall's delay after it was due, within a frame;
+//  - the composer never has to set the channel's time again: two frames wait there at least;
 //  - audio is there and lies within 40 ms of the frames;
 //  - the meter moves with the audio.
 // And at any time, no frame is shown after a later one.
@@ -22,8 +26,13 @@ class Watcher {
   using Violated = std::function<void(const std::string&)>;
 
   // model, as the other arguments, outlives it; null: nothing is expected.
-  Watcher(std::string name, const SourceModel* model, host::Ratio canvasRate, Time begin,
-          Violated violated);
+  Watcher(std::string name, const SourceModel* model, const host::config::Canvas& canvas,
+          Time begin, Violated violated);
+
+  // When a frame of the source is due; in order.
+  void Placed(ContentId id, Time due);
+  // The composer has set the channel's time.
+  void Resynchronized(Time time);
 
   // A composed frame, in order; id: what its window shows, if that is a frame of the source.
   void Frame(Time time, std::optional<ContentId> id, bool meterIsLit);
@@ -53,6 +62,8 @@ class Watcher {
     int wrongMeters = 0;
     Time offset = 0;
     int offsets = 0;
+    Time lateness = 0;  // of new frames, against the wall's delay
+    int latenesses = 0;
   };
 
   // Its audio has a place beside its video.
@@ -63,11 +74,12 @@ class Watcher {
 
   const std::string name_;
   const SourceModel* const model_;
-  const host::Ratio canvasRate_;
+  const host::config::Canvas canvas_;
   const Time begin_;
   const Violated violated_;
   std::deque<Shown> shown_;           // not written yet
   std::deque<Sounding> audio_;        // of the last seconds
+  std::map<ContentId, Time> due_;     // of what may still be shown
   std::optional<ContentId> latest_;   // shown
   std::optional<ContentId> counted_;  // of the stretch
   std::optional<Time> calmSince_;

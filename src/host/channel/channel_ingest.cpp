@@ -324,7 +324,7 @@ bool ChannelIngest::Decide(RenditionReader& reader, Time now, DecodePolicy::Load
   load.isImportant = settings_.channel.selected;
   load.isShown = settings_.channel.options.enabled;
   if (settings_.windows) {
-    const WindowState window = settings_.windows->At(settings_.slot, now + kSecond);
+    const WindowState window = settings_.windows->At(settings_.slot, now + settings_.delay());
     load.isImportant = window.isSelected || FillsCanvas(window.place);
     load.isShown = window.isShown;
   }

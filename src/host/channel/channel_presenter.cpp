@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "host/feed/alarm_record.h"
+#include "host/feed/anchor_sample.h"
 #include "host/feed/feed_pin.h"
 #include "host/ffmpeg/error.h"
 
@@ -77,14 +78,21 @@ ChannelPresenter::ChannelPresenter(const ChannelSettings& settings, Pins pins,
       observer_(observer),
       controls_(ChannelControls::Of(settings_.channel)),
       life_(controls_.hold, 0),
-      alarms_(controls_.alarm, [this](const AlarmMonitor::Change& change) {
-        acknowledged_[static_cast<std::size_t>(change.kind)] = false;
-        observer_->AlarmChanged(settings_.channel.name, change);
-      }) {}
+      alarms_(controls_.alarm,
+              [this](const AlarmMonitor::Change& change) {
+                acknowledged_[static_cast<std::size_t>(change.kind)] = false;
+                observer_->AlarmChanged(settings_.channel.name, change);
+              }),
+      frames_(2, settings_.delay()),
+      levels_(1, settings_.delay()) {}
 
 void ChannelPresenter::Begin(Time now, Handover before) {
-  frames_ = before.frames;
-  levels_ = before.levels;
+  frames_.Clear();
+  levels_.Clear();
+  if (before.frames && before.levels) {
+    frames_ = *before.frames;
+    levels_ = *before.levels;
+  }
   kept_ = std::move(before.kept);
   size_ = before.size.width > 0 ? before.size : settings_.SizeAt(now);
   sizedAt_ = now;
@@ -327,7 +335,7 @@ void ChannelPresenter::Tick(Time now) {
   }
   if (frames_.begun() && levels_.nextRepeat() <= now_) {
     const Time start = levels_.RepeatAt(now_);
-    SendLevels(start, WindowFill::kStep, AudioLevels{});
+    SendLevels(start, levels_.step(), AudioLevels{});
   }
 }
 
@@ -409,7 +417,7 @@ void ChannelPresenter::NoteLook() {
   if (looks_.empty() || looks_.back().second != look) {
     looks_.emplace_back(now_, std::move(look));
   }
-  while (looks_.size() > 1 && looks_[1].first <= now_ - WindowFill::kLatency) {
+  while (looks_.size() > 1 && looks_[1].first <= now_ - settings_.delay()) {
     looks_.pop_front();
   }
 }
@@ -427,7 +435,7 @@ const ChannelPresenter::Look& ChannelPresenter::LookAt(Time time) {
 
 // Sends again what the window shows.
 void ChannelPresenter::Repeat(Time start) {
-  const Time stop = start + WindowFill::kStep;
+  const Time stop = start + frames_.step();
   const Look& look = LookAt(start);
   if (look.slate || (kept_ == nullptr && frames_.begun())) {
     if (slate_.empty() || look.text != slateText_) {
@@ -477,8 +485,9 @@ void ChannelPresenter::SendFrame(IMediaSample* sample, Time start, Time stop) {
 }
 
 // The composer sets a channel's time to its own with a frame that finds fewer than two others
-// waiting. Copies of it that carry the composer's present time go first, so that the channel's
-// times are the wall's exactly.
+// waiting, and shows everything its own latency later. Copies of it go first that carry the
+// composer's present time, plus what the wall's delay is shorter than that latency: so the
+// channel's times are the wall's exactly, and its frames are shown the delay after them.
 bool ChannelPresenter::AnchorClock(const BYTE* pixels, Time start) {
   std::optional<Time> present = settings_.presentFrame();
   if (present && frames_.begun() && !frames_.IsDry(*present)) {
@@ -487,6 +496,7 @@ bool ChannelPresenter::AnchorClock(const BYTE* pixels, Time start) {
   if (frames_.begun() && settings_.logger != nullptr) {
     settings_.logger->IncrementResync();
   }
+  const Time saved = config::kMaxDelay - settings_.delay();
   const LONG size = frameBytes();
   std::optional<Time> anchored;
   for (int tries = 0; tries < kAnchorTries && anchored != present; ++tries) {
@@ -504,7 +514,11 @@ bool ChannelPresenter::AnchorClock(const BYTE* pixels, Time start) {
       std::memcpy(to, pixels, static_cast<std::size_t>(size));
       copy->SetActualDataLength(size);
       copy->SetDiscontinuity(TRUE);
-      Deliver(copy.Get());
+      // With a type of its own it is not wrapped by the composer's pin, and stays movable.
+      pins_.video.AttachType(*copy);
+      const ComPtr<AnchorSample> anchor = AnchorSample::Create(copy, *present + saved);
+      Deliver(anchor.Get());
+      anchor->MoveTo(*present);
       frames_.Sent(*present);
     }
     anchored = present;

@@ -25,21 +25,21 @@
 
 namespace host {
 
-// The composer shows a frame one second after its time and keeps the frames from the one on show
-// onwards. With every frame that finds fewer than two waiting it sets the channel's time again,
-// whatever moment that frame belongs to, and it shows a record (levels, alarms) only while a later
-// one waits. So a source whose frames are rare, late or gone is filled up with repeats, just before
-// the composer's second runs out and no earlier: until then the real ones may still come.
+// The composer shows a frame the wall's delay after its time and keeps the frames from the one on
+// show onwards. With every frame that finds fewer than two waiting it sets the channel's time
+// again, whatever moment that frame belongs to, and it shows a record (levels, alarms) only while a
+// later one waits. So a source whose frames are rare, late or gone is filled up with repeats, just
+// before the delay is over and no earlier: until then the real ones may still come.
 //
 // Of frames or records of one channel, whose times only grow. No lock: one thread.
 class WindowFill {
  public:
-  static constexpr Time kLatency = kSecond;
-  // How long before it is needed a repeat is sent, and how far after the latest one it lies.
-  static constexpr Time kStep = kSecond / 10;
+  // enough: how many have to wait in the composer, 1 or 2. delay: of the wall.
+  WindowFill(int enough, Time delay) : enough_(enough), delay_(delay), step_(StepOf(delay)) {}
 
-  // enough: how many have to wait in the composer, 1 or 2.
-  explicit WindowFill(int enough) : enough_(enough) {}
+  // How long before it is needed a repeat is sent, and how far after the latest one it lies.
+  static Time StepOf(Time delay) { return std::min(kSecond / 10, delay / 5); }
+  Time step() const { return step_; }
 
   void Clear() { latest_ = former_ = kNone; }
   void Sent(Time time) {
@@ -51,18 +51,20 @@ class WindowFill {
   // Whether anything of that time can still be sent.
   bool Takes(Time time) const { return time > latest_; }
   // When a repeat has to be sent, unless something else is sent before.
-  Time nextRepeat() const { return Enough() + kLatency - kStep; }
+  Time nextRepeat() const { return Enough() + delay_ - step_; }
   // The time of that repeat.
-  Time RepeatAt(Time now) const { return std::max(latest_, now - kLatency) + kStep; }
+  Time RepeatAt(Time now) const { return std::max(latest_, now - delay_) + step_; }
   // At the composer's present time it has fewer than enough.
-  bool IsDry(Time present) const { return Enough() < present - kLatency; }
+  bool IsDry(Time present) const { return Enough() < present - delay_; }
 
  private:
   static constexpr Time kNone = std::numeric_limits<Time>::min() / 2;
 
   Time Enough() const { return enough_ == 1 ? latest_ : former_; }
 
-  int enough_;
+  const int enough_;
+  const Time delay_;
+  const Time step_;
   Time latest_ = kNone;
   Time former_ = kNone;
 };
@@ -94,8 +96,8 @@ class ChannelPresenter {
 
   // What the composer has of a channel and its window shows, for the next one in the same window.
   struct Handover {
-    WindowFill frames{2};
-    WindowFill levels{1};
+    std::optional<WindowFill> frames{};
+    std::optional<WindowFill> levels{};
     ComPtr<IMediaSample> kept{};
     WindowSize size{};
   };
@@ -175,12 +177,12 @@ class ChannelPresenter {
   std::string audioReason_;  // why there is no audio
   AudioStatus audio_;
   Time now_ = 0;  // latest time that was seen
-  WindowFill frames_{2};
-  WindowFill levels_{1};
+  WindowFill frames_;
+  WindowFill levels_;
   Time looked_ = 0;         // Tick looked at what follows from the time alone
   std::uint64_t late_ = 0;  // frames of the source that came too late to be shown
 
-  // Repeats belong to a time that is almost a second ago: from when on the channel looked how.
+  // Repeats belong to a time that is almost the delay ago: from when on the channel looked how.
   std::deque<std::pair<Time, Look>> looks_;
 
   WindowSize size_;      // of what is sent

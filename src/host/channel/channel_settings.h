@@ -49,6 +49,8 @@ struct ChannelSettings {
     return windows ? windows->SizeAt(slot, time)
                    : WindowSize{channel.window.width, channel.window.height};
   }
+  // How long after its time a frame is shown.
+  Time delay() const { return isLive() ? canvas.delay : config::kMaxDelay; }
 };
 
 }  // namespace host

@@ -9,7 +9,7 @@ ItemPlacer::ItemPlacer(Settings settings, ChannelQueue& queue)
     : settings_(std::move(settings)),
       queue_(queue),
       // Frames are thinned by the frames of the canvas before they are placed.
-      timeline_(LiveTimeline::For(settings_.kind, settings_.frameRate)),
+      timeline_(LiveTimeline::For(settings_.kind, settings_.frameRate, settings_.delay)),
       // One kind of items is in order by itself.
       merger_(settings_.hasVideo && settings_.hasAudio ? kMergeWindow : 0) {}
 

@@ -84,6 +84,7 @@ class ItemPlacer {
     bool hasAudio = false;
     Ratio frameRate{25, 1};     // of the canvas
     std::function<Time()> now;  // the wall's time; null: a rendered wall
+    Time delay = kSecond;       // of the wall
   };
   // Audio packets that have no place in the outputs.
   struct LeftOut {

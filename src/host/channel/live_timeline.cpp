@@ -6,8 +6,9 @@ namespace {
 // Frames that come too late twice within this time are no single stall.
 constexpr Time kAgainWithin = 10 * kSecond;
 constexpr Time kReserve = kSecond / 20;
-// More lead than needed, at which it shrinks, and the most by which it does so at once.
-constexpr Time kTooMuchLead = kSecond / 5;
+// More lead than needed, at which it shrinks unless a frame is longer, and the most by which it
+// does so at once.
+constexpr Time kTooMuchLead = kSecond / 50;
 constexpr Time kShrinkStep = kSecond / 5;
 
 }  // namespace
@@ -61,13 +62,16 @@ bool LiveTimeline::IsLateForLong(Time behind, Time now) {
   return false;
 }
 
-// What the last ten seconds say about the distance.
+// What the range says about the distance.
 Time LiveTimeline::Correction() const {
   if (range_.least() > 0) {
     return range_.least() + settings_.lead;
   }
   const Time spare = -range_.greatest() - settings_.lead;
-  return !settings_.heldBack && spare >= kTooMuchLead ? -std::min(spare, kShrinkStep) : 0;
+  if (settings_.heldBack || spare < std::max(kTooMuchLead, FrameDuration(settings_.frameRate))) {
+    return 0;
+  }
+  return -(range_.isYoung() ? spare : std::min(spare, kShrinkStep));
 }
 
 Time LiveTimeline::Place(Time start, bool jumped, Time now) {

@@ -10,16 +10,18 @@
 
 namespace host {
 
-// Smallest and greatest of the values of the last five to ten seconds.
+// Smallest and greatest of the values of the last five to ten seconds; at first, of shorter times.
 class RecentRange {
  public:
+  static constexpr Time kFirstHalf = kSecond / 2;
   static constexpr Time kHalf = 5 * kSecond;
 
-  // True when another five seconds are full: the range then covers ten, and it is a new one.
+  // True when another half is full: the range then covers two, and it is a new one.
   bool Note(Time value, Time now) {
     bool turned = false;
-    if (!since_ || now - *since_ >= kHalf) {
+    if (!since_ || now - *since_ >= half_) {
       turned = full_ && since_.has_value();
+      half_ = turned ? std::min(2 * half_, kHalf) : half_;
       full_ = since_.has_value();
       former_ = latest_;
       latest_ = {};
@@ -36,6 +38,8 @@ class RecentRange {
   }
 
   bool empty() const { return !since_.has_value(); }
+  // It does not cover ten seconds yet.
+  bool isYoung() const { return half_ < kHalf; }
   Time least() const { return std::min(former_.least, latest_.least); }
   Time greatest() const { return std::max(former_.greatest, latest_.greatest); }
 
@@ -53,6 +57,7 @@ class RecentRange {
     }
   };
 
+  Time half_ = kFirstHalf;
   std::optional<Time> since_;  // begin of the latest half
   bool full_ = false;          // the former half counts
   Range former_;
@@ -60,9 +65,9 @@ class RecentRange {
 };
 
 // The first frame of a source is due a lead after it came; everything else keeps its distance from
-// it. The composer shows a frame one second after it was due, so what comes up to `slack` after its
-// time is still shown at its time: that is the margin for jitter and for bursts. The distance
-// changes only when that serves the channel:
+// it. The composer shows a frame the wall's delay after it was due, so what comes up to `slack`
+// after its time is still shown at its time: that is the margin for jitter and for bursts. The
+// distance changes only when that serves the channel:
 //
 //   later    - frames come too late again and again (bursts that are longer than the margin): the
 //              lead grows by what is missing, up to maxLead;
@@ -71,7 +76,8 @@ class RecentRange {
 //              slow, or it paused and did not catch up. It keeps its whole lead;
 //            - the source's timestamps jumped, and its frames now come after their time;
 //   earlier  - even the latest frames of ten seconds have more lead than they need: it shrinks in
-//              small steps. Only of a source that is not held back;
+//              small steps, or at once in the first seconds: a source that is opened gives what was
+//              read meanwhile in a burst. Only of a source that is not held back;
 //            - frames lie too far ahead: the timestamps jumped.
 //
 // A source that stalled and sends what is missing in a burst is back at its former distance by
@@ -81,7 +87,7 @@ class RecentRange {
 class LiveTimeline {
  public:
   struct Settings {
-    Time lead = kSecond / 4;
+    Time lead = 0;
     Time maxLead = kSecond;
     Time slack = 3 * kSecond / 4;
     Time lateLimit = kSecond / 2;   // too late without a break for that long: no catching up
@@ -94,11 +100,15 @@ class LiveTimeline {
     Ratio frameRate{10'000'000, 1};
   };
 
-  // For a source of that kind; frameRate: of the canvas.
-  static Settings For(SourceKind kind, Ratio frameRate) {
+  // For a source of that kind; frameRate: of the canvas; delay: of the wall.
+  static Settings For(SourceKind kind, Ratio frameRate, Time delay) {
     Settings settings;
     settings.frameRate = frameRate;
     settings.heldBack = kind != SourceKind::kPush;
+    settings.lead = settings.heldBack ? delay / 4 : settings.lead;
+    // Just before the delay is over, repeats take the place of what has not come.
+    settings.slack = std::max(delay - kSecond / 4, delay * 3 / 10);
+    settings.followBehind = delay + kSecond / 2;
     if (kind == SourceKind::kFile) {
       // What lies far ahead in a file follows a long frame.
       settings.aheadLimit = std::numeric_limits<Time>::max();

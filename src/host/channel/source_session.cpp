@@ -47,6 +47,7 @@ ItemPlacer::Settings PlacerSettings(const ChannelSettings& settings, const Media
   placer.hasAudio = info.audio.has_value();
   placer.frameRate = WindowFrameRate(settings.canvas.frameRate);
   placer.now = settings.now;
+  placer.delay = settings.delay();
   return placer;
 }
 

@@ -60,6 +60,8 @@ inline LogOptions FirstOf(LogOptions first, const LogOptions& second) {
 inline constexpr std::size_t kMaxChannels = 36;
 inline constexpr int kSmallestCanvas = 16;
 inline constexpr int kLargestCanvas = 8192;
+inline constexpr Time kMinDelay = kSecond / 5;
+inline constexpr Time kMaxDelay = kSecond;  // the latency of the composer's windows
 
 struct Rgb {
   std::uint8_t red = 0;
@@ -116,8 +118,9 @@ struct Canvas {
   Ratio frameRate{25, 1};
   Ratio aspect{16, 9};  // width to height of the shown frame, reduced
   Background background;
-  int clockOffset = 0;  // ppm by which the wall's time runs faster than the machine's
-  Time preroll = 0;     // period of the frames that are marked as preroll; 0: none
+  int clockOffset = 0;     // ppm by which the wall's time runs faster than the machine's
+  Time preroll = 0;        // period of the frames that are marked as preroll; 0: none
+  Time delay = kMaxDelay;  // of a live wall: how long after its time a frame is shown
   Places places;
 
   bool operator==(const Canvas&) const = default;

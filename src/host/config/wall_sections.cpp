@@ -127,6 +127,18 @@ void ReadBackground(TableReader& reader, const FileContext& context, Background&
   inner.Finish();
 }
 
+// Besides the frame on show the composer needs two that wait.
+void ReadDelay(TableReader& reader, Canvas& canvas) {
+  constexpr const char* kKey = "delay";
+  const Time least = std::min(FrameStart(3, canvas.frameRate), kMaxDelay);
+  const auto delay = reader.Duration(kKey, kMinDelay, kMaxDelay);
+  if (delay && *delay < least) {
+    reader.Error(kKey, "must be three frames at least, which take " +
+                           std::to_string(least / kMillisecond) + " ms at this frame rate");
+  }
+  canvas.delay = delay.value_or(canvas.delay);
+}
+
 std::optional<int> ReadPixels(TableReader& reader, const char* key) {
   const auto value = reader.Integer(key, 0, 1000);
   return value ? std::optional<int>(static_cast<int>(*value)) : std::nullopt;
@@ -147,6 +159,7 @@ void ReadCanvas(TableReader& reader, const FileContext& context, Wall& wall) {
   canvas.clockOffset =
       static_cast<int>(reader.Integer("clock_offset", -kMaxDrift, kMaxDrift).value_or(0));
   canvas.preroll = reader.Duration("preroll", 0, 3600 * kSecond).value_or(0);
+  ReadDelay(reader, canvas);
 
   if (const auto columns = reader.Integer("columns", 1, static_cast<int>(kMaxChannels))) {
     rules.columns = static_cast<int>(*columns);

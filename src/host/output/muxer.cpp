@@ -204,7 +204,8 @@ void Muxer::Connect(ffmpeg::Options& options) {
   }
   ffmpeg::Check(result, "cannot write", settings_.url);
   if (isPaced) {
-    paced_.emplace(ffmpeg::Connection(std::exchange(output_->pb, nullptr)), deadline_);
+    paced_.emplace(ffmpeg::Connection(std::exchange(output_->pb, nullptr)), deadline_,
+                   settings_.lowDelay ? TransportPacer::kLowDelayShare : TransportPacer::kShare);
     output_->pb = paced_->io();
     output_->flags |= AVFMT_FLAG_CUSTOM_IO;
   }

@@ -46,7 +46,8 @@ class Muxer {
     bool survivesKill = false;
     // A transport stream over UDP leaves evenly, unless the options give it a rate.
     bool isPaced = false;
-    // A transport stream leaves its decoders less time (see DecoderDelay).
+    // A transport stream leaves its decoders less time (see DecoderDelay), and each of its frames
+    // is sent faster.
     bool lowDelay = false;
     // A track that is silent for longer no longer holds the others back.
     Time interleaveLimit = 10 * kSecond;

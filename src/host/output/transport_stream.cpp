@@ -71,8 +71,8 @@ void TransportPacer::Push(std::span<const std::uint8_t, kPacketSize> bytes) {
 std::vector<std::uint8_t> TransportPacer::Take(std::size_t most, Time now) {
   const std::size_t waiting = packets_.size();
   const std::size_t count = std::min(most, waiting);
-  // A tenth of the time is left, so that jitter of the encoder does not add up.
-  const Time allWithin = interval_ * 9 / 10 * static_cast<Time>(std::max(clocks_, kMaxHurry)) /
+  const Time allWithin = interval_ * share_ / 100 *
+                         static_cast<Time>(std::max(clocks_, kMaxHurry)) /
                          static_cast<Time>(kMaxHurry);
   if (now >= end_) {
     end_ = now + allWithin / 4;
@@ -93,13 +93,14 @@ std::vector<std::uint8_t> TransportPacer::Take(std::size_t most, Time now) {
   return datagram;
 }
 
-PacedOutput::PacedOutput(ffmpeg::Connection connection, ffmpeg::IoDeadline& deadline)
+PacedOutput::PacedOutput(ffmpeg::Connection connection, ffmpeg::IoDeadline& deadline, int share)
     : connection_(std::move(connection)),
       deadline_(deadline),
       packetsInOne_(std::max<std::size_t>(
           1, static_cast<std::size_t>(std::max(0, connection_->max_packet_size)) /
                  TransportPacer::kPacketSize)),
-      io_(ffmpeg::MakeWritingIo(this, &OnWrite)) {
+      io_(ffmpeg::MakeWritingIo(this, &OnWrite)),
+      pacer_(share) {
   thread_ = std::make_unique<os::Thread>([this] { Run(); }, "pacer");
 }
 

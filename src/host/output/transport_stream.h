@@ -21,11 +21,17 @@ namespace host {
 
 // An encoder gives a whole frame at once. Sent like that, a keyframe is a burst of a thousand
 // packets at line rate, more than switches and receivers have room for. So what waits leaves evenly
-// within the time from one PCR to the next, and what has piled up four times as fast. One thread at
-// a time; it asks no clock.
+// within a share of the time from one PCR to the next, and what has piled up four times as fast.
+// One thread at a time; it asks no clock.
 class TransportPacer {
  public:
   static constexpr std::size_t kPacketSize = 188;  // bytes
+  // Of the time from one PCR to the next, in percent: all of it would add up with the jitter of the
+  // encoder, and it is a part of the delay.
+  static constexpr int kShare = 60;
+  static constexpr int kLowDelayShare = 25;
+
+  explicit TransportPacer(int share = kShare) : share_(share) {}
 
   void Push(std::span<const std::uint8_t, kPacketSize> packet);
   bool empty() const { return packets_.empty(); }
@@ -41,6 +47,7 @@ class TransportPacer {
     bool hasPcr = false;
   };
 
+  const int share_;
   std::deque<Packet> packets_;
   std::optional<std::int64_t> pcr_;    // the latest, 90 kHz
   Time interval_ = 40 * kMillisecond;  // between the latest two
@@ -54,8 +61,9 @@ class TransportPacer {
 // muxer and called on its thread; outlives the format context that writes through io().
 class PacedOutput {
  public:
-  // connection: of datagrams. Whatever waits here ends when the deadline is cancelled.
-  PacedOutput(ffmpeg::Connection connection, ffmpeg::IoDeadline& deadline);
+  // connection: of datagrams. share: of TransportPacer. Whatever waits here ends when the deadline
+  // is cancelled.
+  PacedOutput(ffmpeg::Connection connection, ffmpeg::IoDeadline& deadline, int share);
   // What was not sent is lost.
   ~PacedOutput();
   PacedOutput(const PacedOutput&) = delete;

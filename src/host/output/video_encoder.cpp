@@ -185,17 +185,28 @@ VideoEncoder::~VideoEncoder() {
   }
 }
 
-// libx264 holds back what it looks ahead and reorders, and one frame for each further thread; on a
-// machine with many processors these are most of a second.
+// libx264 holds back the longer of what it looks ahead and what it reorders, one frame more before
+// a frame that refers to the next one, and one for each further thread unless all work on the same
+// frame; on a machine with many processors these are most of a second.
 void VideoEncoder::LimitDelay(const Settings& settings, ffmpeg::Options& options) {
   constexpr int kLookAhead = 10;  // of the preset "veryfast"
   constexpr int kReordered = 3;
   const int frames = static_cast<int>(settings.maxDelay / frameDuration_);
   const int processors = std::max(1, static_cast<int>(std::thread::hardware_concurrency()));
-  codec_->thread_count = std::clamp(frames - kLookAhead - kReordered + 1, 1, processors * 3 / 2);
-  options.Set("x264-params", "sync-lookahead=0");
-  if (frames < kLookAhead + kReordered && settings.preset == Settings().preset) {
-    options.Set("rc-lookahead", std::to_string(std::max(0, frames - kReordered)));
+  if (frames >= kLookAhead + kReordered) {
+    options.Set("x264-params", "sync-lookahead=0");
+    codec_->thread_count = std::clamp(frames - kLookAhead - kReordered + 1, 1, processors * 3 / 2);
+    return;
+  }
+  codec_->thread_type = FF_THREAD_SLICE;
+  const bool isDefault = settings.preset == Settings().preset;
+  const int held = std::max(0, frames - 1);
+  // What it learns of the future from so few frames makes it choose a lower quality for all.
+  options.Set("x264-params",
+              isDefault && held <= kReordered ? "sync-lookahead=0:mbtree=0" : "sync-lookahead=0");
+  if (isDefault) {
+    codec_->max_b_frames = std::min(held, kReordered);
+    options.Set("rc-lookahead", std::to_string(held));
   }
 }
 

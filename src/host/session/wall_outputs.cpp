@@ -11,11 +11,25 @@ namespace {
 
 // The first packet of a live output leaves within a second of the wall's start.
 constexpr Time kMaxEncoderDelay = 800 * kMillisecond;
+// Of what somebody watches live: a wall with the default delay is seen within 1.25 s.
+constexpr Time kMaxNetworkDelay = 80 * kMillisecond;
 // Of constant quality over a network, where nobody has chosen a rate: 10 Mbit/s for 1080p at 25
 // frames per second.
 constexpr double kMaxBitsPerPixel = 0.2;
 // Of a rendered wall, whose sources are read as fast as they give: all are known long before.
 constexpr Time kRenderedFormatLimit = 5 * kSecond;
+
+}  // namespace
+
+namespace {
+
+bool IsHls(const config::Output& output) {
+  return output.format == "hls" || output.url.ends_with(".m3u8");
+}
+
+bool IsWatchedLive(const config::Output& output) {
+  return !config::LocalPath(output.url) && !IsHls(output);
+}
 
 }  // namespace
 
@@ -32,23 +46,22 @@ VideoEncoder::Settings EncoderOf(const config::Canvas& canvas, const config::Out
   encoder.quality = output.quality;
   encoder.keyFrameInterval = output.keyFrameInterval;
   encoder.lowDelay = output.lowDelay;
-  encoder.maxDelay = live ? kMaxEncoderDelay : 0;
+  if (live) {
+    encoder.maxDelay = IsWatchedLive(output) ? kMaxNetworkDelay : kMaxEncoderDelay;
+  }
   return encoder;
 }
 
 namespace {
 
-bool LeadsIntoNetwork(const config::Output& output) {
-  return !config::LocalPath(output.url) || output.format == "hls" || output.url.ends_with(".m3u8");
-}
-
-// One encoder for a network and a file costs half of two.
-void ShareMaxRates(std::vector<OutputSet::Item>& items) {
+// One encoder for a network and a file costs half of two: the file takes what the network needs.
+void ShareEncoders(std::vector<OutputSet::Item>& items) {
   for (OutputSet::Item& item : items) {
     for (const OutputSet::Item& other : items) {
       VideoEncoder::Settings shared = item.encoder;
-      shared.maxRate = other.encoder.maxRate;
-      if (item.encoder.maxRate == 0 && shared == other.encoder) {
+      shared.maxRate = shared.maxRate == 0 ? other.encoder.maxRate : shared.maxRate;
+      shared.maxDelay = std::min(shared.maxDelay, other.encoder.maxDelay);
+      if (shared == other.encoder) {
         item.encoder = shared;
       }
     }
@@ -60,7 +73,7 @@ OutputSet::Item ItemOf(const config::Canvas& canvas, const config::Output& outpu
   item.name = ffmpeg::MaskUrl(output.url);
   ffmpeg::RememberSecrets(output.url, output.options);
   item.encoder = EncoderOf(canvas, output, live);
-  if (live && output.bitRate == 0 && LeadsIntoNetwork(output)) {
+  if (live && output.bitRate == 0 && (IsWatchedLive(output) || IsHls(output))) {
     item.encoder.maxRate = static_cast<std::int64_t>(canvas.width * canvas.height *
                                                      canvas.frameRate.value() * kMaxBitsPerPixel);
   }
@@ -94,7 +107,7 @@ OutputSet::Settings OutputsOfWall(const config::Wall& wall, bool live) {
       settings.outputs.back().name += " (" + std::to_string(settings.outputs.size()) + ")";
     }
   }
-  ShareMaxRates(settings.outputs);
+  ShareEncoders(settings.outputs);
   for (const config::Channel& channel : wall.channels) {
     const config::AudioOptions& audio = channel.options.audio;
     settings.tracks.push_back({channel.name, audio.language, channel.selected,

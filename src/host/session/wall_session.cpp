@@ -18,6 +18,8 @@ extern "C" {
 namespace host {
 namespace {
 
+static_assert(config::kMaxDelay == kWindowLatency);
+
 constexpr std::chrono::milliseconds kFrameLimit{60'000};
 // For all readers together to notice that they are cancelled, and to close their connections.
 constexpr std::chrono::seconds kReadersLimit{2};

@@ -253,7 +253,9 @@ class LiveTimelineTest : public testing::Test {
     return latest;
   }
 
-  LiveTimeline timeline_{LiveTimeline::For(SourceKind::kPush, {25, 1})};
+  static constexpr Time kLead = LiveTimeline::Settings().lead;
+
+  LiveTimeline timeline_{LiveTimeline::For(SourceKind::kPush, {25, 1}, kSecond)};
   Time start_ = 7 * kSecond;
   Time now_ = 50 * kSecond;
   Time placed_ = 0;
@@ -268,7 +270,7 @@ TEST_F(LiveTimelineTest, KeepsItsDistanceThroughAStallThatIsCaughtUpAndThroughBu
   }
   EXPECT_EQ(timeline_.changes(), 0);
   EXPECT_NEAR(timeline_.jitter(), 6 * kSecond / 10, 2 * kFrame);
-  EXPECT_NEAR(timeline_.lead(), kSecond / 4, kFrame);
+  EXPECT_NEAR(timeline_.lead(), kLead, kFrame);
 }
 
 TEST_F(LiveTimelineTest, TheLeadGrowsWithBurstsThatComeTooLateAndShrinksAfterThem) {
@@ -282,24 +284,25 @@ TEST_F(LiveTimelineTest, TheLeadGrowsWithBurstsThatComeTooLateAndShrinksAfterThe
   EXPECT_GT(timeline_.lead(), kSecond / 2);
   Regular(60 * kSecond);
   EXPECT_LE(timeline_.lead(), kSecond / 2);
-  EXPECT_GE(timeline_.lead(), kSecond / 4);
+  EXPECT_GE(timeline_.lead(), kLead);
 }
 
 TEST_F(LiveTimelineTest, AnchorsASourceAgainWhoseDistanceDoesNotFitAnyMore) {
   Regular(kSecond);
   Frame(now_ + 4 * kSecond, true);
-  EXPECT_NEAR(placed_ - now_, kSecond / 4, kFrame) << "a sender that was restarted";
+  EXPECT_NEAR(placed_ - now_, kLead, kFrame) << "a sender that was restarted";
   now_ += 2 * kSecond;
   Regular(kSecond);
   EXPECT_GE(placed_, now_) << "it did not catch up";
   now_ += 6 * kSecond / 10;
   Regular(20 * kSecond);
-  EXPECT_GE(placed_, now_ + kSecond / 10) << "it paused for less than the room and keeps its lead";
+  EXPECT_GE(placed_, now_ + kLead) << "it paused for less than the room and keeps its lead";
   start_ += 8 * kSecond;
   Frame(now_);
-  EXPECT_NEAR(placed_ - now_, kSecond / 4, kFrame) << "its timestamps leapt";
+  EXPECT_NEAR(placed_ - now_, kLead, kFrame) << "its timestamps leapt";
   EXPECT_TRUE(timeline_.jumped());
-  LiveTimeline ofFile(LiveTimeline::For(SourceKind::kFile, LiveTimeline::Settings().frameRate));
+  LiveTimeline ofFile(
+      LiveTimeline::For(SourceKind::kFile, LiveTimeline::Settings().frameRate, kSecond));
   ofFile.Place(0, false, now_);
   EXPECT_EQ(ofFile.Place(8 * kSecond, false, now_), now_ + kSecond / 4 + 8 * kSecond);
 }

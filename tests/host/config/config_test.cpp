@@ -41,6 +41,7 @@ frame_rate = 29.97
 aspect = "32:18"
 background = "back.png"
 clock_offset = -40
+delay = "250 ms"
 [defaults]
 hold = "250 ms"
 audio = { meter = false }
@@ -67,13 +68,14 @@ syslog = "[::1]:5514"
 perf_period = "500 ms"
 )");
   const WallFile file = ReadWall(folder / "wall.toml");
-  EXPECT_THAT(Texts(file), ElementsAre("w:15:14: warning: \"label_file\" names no file yet: " +
+  EXPECT_THAT(Texts(file), ElementsAre("w:16:14: warning: \"label_file\" names no file yet: " +
                                        (folder / "title.txt").string()));
   const Wall& wall = file.wall;
   EXPECT_EQ(wall.canvas.frameRate, (Ratio{30000, 1001}));
   EXPECT_EQ(wall.canvas.aspect, (Ratio{16, 9}));
   EXPECT_EQ(wall.canvas.background.picture, folder / "back.png");
   EXPECT_EQ(wall.canvas.clockOffset, -40);
+  EXPECT_EQ(wall.canvas.delay, kSecond / 4);
   const Channel& channel = wall.channels.at(0);
   EXPECT_EQ(channel.source, folder / "one.mp4");
   EXPECT_EQ(channel.window, (Window{-10, 4, 640, 360}));
@@ -168,6 +170,10 @@ TEST(WallReader, LimitsChannelsNamesAndKinds) {
               ElementsAre("w:73:1: error: a wall has at most 36 channels, not 37"));
   EXPECT_THAT(Complaints(std::string(kChannel) + "name = 'A'\n" + kChannel + "name = 'A'\n"),
               ElementsAre("w:6:8: error: the name \"A\" is that of channel 1 already"));
+  EXPECT_THAT(
+      Complaints(std::string("[wall]\nframe_rate = 10\ndelay = 0.25\n") + kChannel),
+      ElementsAre("w:3:9: error: \"delay\" must be three frames at least, which take 300 ms "
+                  "at this frame rate"));
   EXPECT_THAT(Complaints("channel = 1\nwall = 2\n"),
               ElementsAre(HasSubstr("\"channel\" is written as [[channel]], once for each"),
                           HasSubstr("\"wall\" must be a table, not a number")));

@@ -155,7 +155,7 @@ TEST(TransportPacer, SpreadsEachFrameOverItsTimeAndCatchesUpSlowly) {
           static_cast<int>(pacer.Take(7, std::max(pacer.due(), now - kMillisecond)).size() /
                            TransportPacer::kPacketSize);
     }
-    const int most = drained > 0 ? 700 / 36 + 14 : 4 * 700 / 36 + 14;
+    const int most = drained > 0 ? 700 / 24 + 14 : 4 * 700 / 24 + 14;
     ASSERT_LE(inMillisecond, most) << now;
     drained = drained == 0 && pacer.empty() ? now : drained;
   }
