@@ -117,10 +117,13 @@ void ChannelIngest::ReadSource() {
 }
 
 std::optional<milliseconds> ChannelIngest::RunOnce() {
-  auto reader = InSource([&] {
-    return std::make_shared<MediaReader>(MediaReader::Settings{
-        settings_.channel.source, settings_.channel.options, settings_.isLive()});
-  });
+  MediaReader::Settings source;
+  source.source = settings_.channel.source;
+  source.options = settings_.channel.options;
+  source.program = settings_.channel.program;
+  source.receivers = settings_.receivers;
+  source.live = settings_.isLive();
+  auto reader = InSource([&] { return std::make_shared<MediaReader>(source); });
   {
     const os::MutexLock guard(lock_);
     if (cancelled_) {
@@ -182,6 +185,13 @@ bool ChannelIngest::Announce(SourceEvent event) {
   return queue_.Push({latest_, latest_, 0, std::move(event)});
 }
 
+bool ChannelIngest::AnnounceName(const MediaReader& reader) {
+  SourceEvent event;
+  event.kind = SourceEvent::Kind::kRenamed;
+  event.serviceName = reader.info().serviceName;
+  return Announce(std::move(event));
+}
+
 bool ChannelIngest::ReadToEnd(MediaReader& reader) {
   SourceSession session(settings_, reader, videoPin_, queue_, [this](const std::string& what) {
     observer_->AudioPathChanged(settings_.channel.name, what);
@@ -202,6 +212,7 @@ bool ChannelIngest::ReadToEnd(MediaReader& reader, SourceSession& session) {
   // What is pushed has to be read in time: it would overflow in the buffers of the network.
   const bool waits = reader.info().kind != SourceKind::kPush || !settings_.now;
   bool silent = false;
+  std::uint64_t renames = reader.renames();
   if (!BeginDecoding(reader)) {
     return false;
   }
@@ -216,6 +227,12 @@ bool ChannelIngest::ReadToEnd(MediaReader& reader, SourceSession& session) {
       if (silent) {
         observer_->ChannelOpened(settings_.channel.name, reader.info());
         silent = false;
+      }
+      if (reader.renames() != renames) {
+        renames = reader.renames();
+        if (!AnnounceName(reader)) {
+          return false;
+        }
       }
       if (std::holds_alternative<EndOfMedia>(item)) {
         return session.Finish();

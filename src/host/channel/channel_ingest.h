@@ -105,6 +105,8 @@ class ChannelIngest {
   bool Decide(MediaReader& reader, Time now, DecodePolicy::Load load);
   // False once the queue is closed.
   bool Announce(SourceEvent event);
+  // That the service of the source has another name.
+  bool AnnounceName(const MediaReader& reader);
 
   const std::shared_ptr<const ChannelSettings> shared_;
   const ChannelSettings& settings_;

@@ -57,6 +57,7 @@ WallSession::WallSession(Settings settings)
       labelsUntil_(std::chrono::steady_clock::now() + kLabelsLimit),
       clock_(settings_.wall.canvas.clockOffset),
       pressure_(settings_.live ? std::make_shared<WallPressure>() : nullptr),
+      receivers_(settings_.live ? std::make_shared<SharedReceivers>() : nullptr),
       composer_(settings_.composerLibrary, CanvasOf(settings_.wall),
                 settings_.composerLogger != nullptr ? settings_.composerLogger : settings_.logger),
       graph_(FilterGraph::Create()) {
@@ -168,6 +169,7 @@ ChannelSettings WallSession::SettingsOf(std::size_t index, WallWindow* window) {
   }
   settings.logger = settings_.logger;
   settings.pressure = pressure_;
+  settings.receivers = receivers_;
   return settings;
 }
 
