@@ -123,7 +123,8 @@ void ChannelIngest::ReadSource() {
 std::optional<milliseconds> ChannelIngest::RunOnce() {
   auto reader = InSource([&] {
     return std::make_shared<RenditionReader>(
-        RenditionReader::Settings{settings_.channel, settings_.isLive()}, wanted_, renditions_);
+        RenditionReader::Settings{settings_.channel, settings_.receivers, settings_.isLive()},
+        wanted_, renditions_);
   });
   {
     const os::MutexLock guard(lock_);
@@ -206,6 +207,13 @@ bool ChannelIngest::NoteChange(RenditionReader& reader) {
   return BeginDecoding(reader);
 }
 
+bool ChannelIngest::AnnounceName(const RenditionReader& reader) {
+  SourceEvent event;
+  event.kind = SourceEvent::Kind::kRenamed;
+  event.serviceName = reader.info().serviceName;
+  return Announce(std::move(event));
+}
+
 bool ChannelIngest::ReadToEnd(RenditionReader& reader) {
   SourceSession session(settings_, reader, videoPin_, queue_, [this](const std::string& what) {
     observer_->AudioPathChanged(settings_.channel.name, what);
@@ -226,6 +234,7 @@ bool ChannelIngest::ReadToEnd(RenditionReader& reader, SourceSession& session) {
   // What is pushed has to be read in time: it would overflow in the buffers of the network.
   const bool waits = reader.info().kind != SourceKind::kPush || !settings_.now;
   bool silent = false;
+  std::uint64_t renames = reader.renames();
   if (!BeginDecoding(reader)) {
     return false;
   }
@@ -240,6 +249,12 @@ bool ChannelIngest::ReadToEnd(RenditionReader& reader, SourceSession& session) {
       if (silent) {
         observer_->ChannelOpened(settings_.channel.name, reader.info());
         silent = false;
+      }
+      if (reader.renames() != renames) {
+        renames = reader.renames();
+        if (!AnnounceName(reader)) {
+          return false;
+        }
       }
       if (std::holds_alternative<EndOfMedia>(item)) {
         return session.Finish();

@@ -117,6 +117,8 @@ class ChannelIngest {
   bool FillsCanvas(const config::Window& window) const;
   // False once the queue is closed.
   bool Announce(SourceEvent event);
+  // That the service of the source has another name.
+  bool AnnounceName(const MediaReader& reader);
 
   const std::shared_ptr<const ChannelSettings> shared_;
   const ChannelSettings& settings_;

@@ -264,6 +264,9 @@ void ChannelPresenter::OnSourceEvent(const SourceEvent& event, Time now) {
     alarms_.Decodable(event.audioAbsence == AudioAbsence::kNone);
     return;
   }
+  if (event.kind == SourceEvent::Kind::kRenamed) {
+    return;
+  }
   Report(life_.Failed(event.reason, now_));
   NoteLook();
 }

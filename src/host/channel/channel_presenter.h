@@ -62,9 +62,9 @@ class WindowFill {
 
   Time Enough() const { return enough_ == 1 ? latest_ : former_; }
 
-  const int enough_;
-  const Time delay_;
-  const Time step_;
+  int enough_;
+  Time delay_;
+  Time step_;
   Time latest_ = kNone;
   Time former_ = kNone;
 };

@@ -35,12 +35,13 @@ struct ReadyLevels {
 };
 // What became of the source, after everything that it gave before.
 struct SourceEvent {
-  enum class Kind { kOpened, kEnded, kFailed, kAudio, kDecoding };
+  enum class Kind { kOpened, kEnded, kFailed, kAudio, kDecoding, kRenamed };
   Kind kind = Kind::kOpened;
-  bool hasVideo = false;        // kOpened
-  bool hasAudio = false;        // kOpened
-  std::string reason;           // kEnded and kFailed: one sentence; kOpened: why it has no frames
-  std::string serviceName{};    // kOpened: of its programme, otherwise its title; may be empty
+  bool hasVideo = false;  // kOpened
+  bool hasAudio = false;  // kOpened
+  std::string reason;     // kEnded and kFailed: one sentence; kOpened: why it has no frames
+  // kOpened and kRenamed: of the program that is shown, otherwise its title; may be empty.
+  std::string serviceName{};
   AudioAbsence audioAbsence{};  // kOpened and kAudio
   std::string audioReason{};    // why there is no audio
   bool keyframesOnly = false;   // kDecoding: no other frames are shown from now on

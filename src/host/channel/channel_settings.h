@@ -9,6 +9,7 @@
 
 #include "host/channel/decode_policy.h"
 #include "host/channel/window_schedule.h"
+#include "host/channel/source/shared_receiver.h"
 #include "host/config/wall.h"
 #include "host/feed/audio_format.h"
 #include "host/units.h"
@@ -40,6 +41,9 @@ struct ChannelSettings {
   // What asks for less decoding besides the channel's own load; null of a rendered wall, which
   // decodes everything.
   std::shared_ptr<const WallPressure> pressure;
+  // Connections that the channel shares with others of the wall; null of a rendered wall, whose
+  // channels open their own.
+  std::shared_ptr<SharedReceivers> receivers;
   // No threads: the owner fills the queue and calls DeliverUpTo (simulations).
   bool driven = false;
 

@@ -51,6 +51,58 @@ std::string AudioText(const AudioInfo& audio) {
   return text + (audio.title.empty() ? "" : ", \"" + audio.title + "\"");
 }
 
+std::string StreamText(const StreamInfo& stream) {
+  std::string text = "PID " + std::to_string(stream.pid) + "  " + stream.kind + ": " + stream.codec;
+  if (stream.width > 0) {
+    text += ", " + std::to_string(stream.width) + "x" + std::to_string(stream.height);
+  }
+  if (stream.frameRate.positive()) {
+    text += ", " + Decimal(stream.frameRate.value()) + " frames per second";
+  }
+  if (stream.sampleRate > 0) {
+    text += ", " + std::to_string(stream.sampleRate) + " Hz, " + std::to_string(stream.channels) +
+            (stream.channels == 1 ? " channel" : " channels");
+  }
+  return text + (stream.language.empty() ? "" : ", " + stream.language);
+}
+
+void PrintPrograms(const MediaInfo& info, std::ostream& out) {
+  for (const ProgramInfo& program : info.programs) {
+    out << "program  " << program.number
+        << (program.name.empty() ? "" : " \"" + program.name + "\"")
+        << (program.provider.empty() ? "" : " of " + program.provider) << "\n";
+    for (const StreamInfo& stream : program.streams) {
+      out << "           " << StreamText(stream) << "\n";
+    }
+  }
+}
+
+nlohmann::ordered_json ProgramsAsJson(const MediaInfo& info) {
+  auto programs = nlohmann::ordered_json::array();
+  for (const ProgramInfo& program : info.programs) {
+    auto streams = nlohmann::ordered_json::array();
+    for (const StreamInfo& stream : program.streams) {
+      nlohmann::ordered_json each = {
+          {"pid", stream.pid}, {"kind", stream.kind}, {"codec", stream.codec}};
+      if (stream.kind == NameOf(TrackKind::kVideo)) {
+        each["width"] = stream.width;
+        each["height"] = stream.height;
+        each["frame_rate"] = {stream.frameRate.num, stream.frameRate.den};
+      } else if (stream.kind == NameOf(TrackKind::kAudio)) {
+        each["sample_rate"] = stream.sampleRate;
+        each["channels"] = stream.channels;
+      }
+      each["language"] = stream.language;
+      streams.push_back(std::move(each));
+    }
+    programs.push_back({{"number", program.number},
+                        {"service_name", program.name},
+                        {"provider", program.provider},
+                        {"streams", std::move(streams)}});
+  }
+  return programs;
+}
+
 void PrintText(const ProbeReport& report, const std::string& source, Ratio rate,
                std::ostream& out) {
   const MediaInfo& info = report.info;
@@ -69,6 +121,7 @@ void PrintText(const ProbeReport& report, const std::string& source, Ratio rate,
     const bool used = info.audio && info.audio->streamIndex == track.streamIndex;
     out << "audio " << i + 1 << (used ? "* " : "  ") << AudioText(track) << "\n";
   }
+  PrintPrograms(info, out);
   for (const std::string& sentence : WallTreatment(report, rate)) {
     out << "wall     " << sentence << "\n";
   }
@@ -109,6 +162,9 @@ void PrintJson(const ProbeReport& report, const std::string& source, Ratio rate,
                              {"language", track.language},
                              {"title", track.title},
                              {"used", info.audio && info.audio->streamIndex == track.streamIndex}});
+  }
+  if (!info.programs.empty()) {
+    json["programs"] = ProgramsAsJson(info);
   }
   json["passes_through"] = report.passesThrough;
   json["loudest"] = report.loudest;
@@ -188,6 +244,9 @@ void DefineProbe(CLI::App& app, ProbeOptions& options) {
       ->envname("TAVREL_LIMIT")
       ->capture_default_str()
       ->check(SecondsBetween(0.1, 3600));
+  app.add_option("--program", options.program,
+                 "number or service name: of a multiplex, what is shown of it")
+      ->envname("TAVREL_PROGRAM");
   app.add_flag("--json", options.json, "print the result as JSON")->envname("TAVREL_JSON");
 }
 
@@ -196,6 +255,7 @@ ExitCode Probe(const ProbeOptions& options, Streams& streams) {
   const Ratio rate = config::ParseFrameRate(options.frameRate).value_or(Ratio{25, 1});
   MediaReader::Settings settings;
   settings.source = options.source;
+  settings.program = config::ParseProgram(options.program);
   settings.options.openLimit = std::lround(options.limit * 1000) * kMillisecond;
   MediaReader reader(settings);
   try {

@@ -13,6 +13,7 @@ namespace host::cli {
 struct ProbeOptions {
   std::string source;
   std::string frameRate = "25";  // of the canvas that the source would be shown on
+  std::string program;           // number or service name; empty: none
   double limit = 10;             // seconds for opening
   bool json = false;
 };

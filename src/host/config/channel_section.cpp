@@ -253,6 +253,19 @@ void ReadSource(TableReader& reader, const FileContext& context, Channel& channe
   }
 }
 
+// A number, or the name of a service.
+void ReadProgram(TableReader& reader, ProgramChoice& program) {
+  constexpr const char* kKey = "program";
+  const toml::node* const node = reader.Find(kKey);
+  if (node != nullptr && node->is_string()) {
+    program.name = reader.FilledText(kKey).value_or("");
+  } else if (node != nullptr && node->is_integer()) {
+    program.number = static_cast<int>(reader.Integer(kKey, 1, kMaxProgram).value_or(0));
+  } else if (node != nullptr) {
+    reader.Error(kKey, "must be the number of a program, or the name of its service in quotes");
+  }
+}
+
 }  // namespace
 
 const char* NameOf(AlarmKind kind) {
@@ -314,6 +327,7 @@ ChannelEntry ReadChannel(TableReader& reader, const FileContext& context, Channe
   entry.channel = std::move(base);
   Channel& channel = entry.channel;
   ReadSource(reader, context, channel);
+  ReadProgram(reader, channel.program);
   const auto name = reader.FilledText("name");
   entry.named = name.has_value();
   entry.namePosition = reader.PositionOf("name");

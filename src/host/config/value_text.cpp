@@ -123,6 +123,14 @@ std::optional<Time> ParseDuration(std::string_view text) {
   return static_cast<Time>(std::llround(seconds * kSecond));
 }
 
+ProgramChoice ParseProgram(const std::string& text) {
+  int number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  const bool isNumber = error == std::errc() && end == text.data() + text.size() && number >= 1 &&
+                        number <= kMaxProgram;
+  return isNumber ? ProgramChoice{number, {}} : ProgramChoice{0, text};
+}
+
 std::optional<std::int64_t> ParseBitRate(std::string_view text) {
   const auto number = NumberAndUnit(text);
   if (!number || number->first > 1e12) {

@@ -23,6 +23,9 @@ std::optional<Ratio> ParseAspect(std::string_view text);
 // A number and a unit: "250 ms", "1.5s", "2 min", "1 h"; a number alone is seconds.
 std::optional<Time> ParseDuration(std::string_view text);
 
+// The number of a program from 1 to 65535, or otherwise the name of a service.
+ProgramChoice ParseProgram(const std::string& text);
+
 // "800k", "6M", "6000000": bits per second.
 std::optional<std::int64_t> ParseBitRate(std::string_view text);
 

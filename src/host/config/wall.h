@@ -221,10 +221,21 @@ struct RenditionSource {
   bool operator==(const RenditionSource&) const = default;
 };
 
+// Which program of a multiplex: by number or by the name of its service; neither: as it comes.
+struct ProgramChoice {
+  int number = 0;  // 1 to 65535; 0: by name
+  std::string name;
+
+  bool isGiven() const { return number != 0 || !name.empty(); }
+  bool operator==(const ProgramChoice&) const = default;
+};
+inline constexpr int kMaxProgram = 65'535;
+
 struct Channel {
   std::string name;
   std::string source;  // a URL, or a path that is absolute or relative to the working folder
   std::vector<RenditionSource> sources;  // where there are several; source is the first one then
+  ProgramChoice program;
   Window window;
   bool selected = false;
   Label label;

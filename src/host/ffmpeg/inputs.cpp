@@ -54,8 +54,6 @@ int ToAvError(std::uint32_t systemError) {
   }
 }
 
-constexpr std::size_t kMaxPiece = 65'536;  // no datagram is longer
-
 // What the demuxer of an input opens, and how much was read of it. Owned by the input's context
 // (its opaque pointer), see CloseInput.
 class OpenedFiles {
@@ -219,21 +217,39 @@ int PipeInput::Read(std::uint8_t* buffer, int size) {
   return AVERROR_EXIT;
 }
 
-TappedInput::TappedInput(const std::string& url, IoDeadline& deadline, Options& options, Tap tap)
-    : tap_(std::move(tap)), deadline_(deadline), piece_(kMaxPiece) {
+Connection OpenConnection(const std::string& url, IoDeadline& deadline, Options& options) {
+  LimitAllocations();
   const AVIOInterruptCB interrupt{&IoDeadline::Callback, &deadline};
   AVIOContext* connection = nullptr;
   Check(avio_open2(&connection, url.c_str(), AVIO_FLAG_READ, &interrupt, options.Exchange()),
         "cannot open");
-  connection_.reset(connection);
-  io_ = MakeReadingIo(this, &ReadCallback);
+  return Connection(connection);
 }
+
+TappedInput::TappedInput(const std::string& url, IoDeadline& deadline, Options& options, Tap tap)
+    : tap_(std::move(tap)),
+      deadline_(deadline),
+      piece_(kMaxPiece),
+      connection_(OpenConnection(url, deadline, options)),
+      source_([this](std::span<std::uint8_t> buffer) {
+        return avio_read_partial(connection_.get(), buffer.data(), static_cast<int>(buffer.size()));
+      }),
+      io_(MakeReadingIo(this, &ReadCallback)) {}
+
+TappedInput::TappedInput(Source source, IoDeadline& deadline, Tap tap)
+    : tap_(std::move(tap)),
+      deadline_(deadline),
+      piece_(kMaxPiece),
+      source_(std::move(source)),
+      io_(MakeReadingIo(this, &ReadCallback)) {}
 
 void TappedInput::Resume() {
   enough_ = false;
   for (AVIOContext* const io : {connection_.get(), io_.get()}) {
-    io->eof_reached = 0;  // where the call that was ended has left it
-    io->error = 0;
+    if (io != nullptr) {
+      io->eof_reached = 0;  // where the call that was ended has left it
+      io->error = 0;
+    }
   }
 }
 
@@ -246,8 +262,7 @@ int TappedInput::Read(std::uint8_t* buffer, int size) {
     if (enough_) {
       return AVERROR_EXIT;
     }
-    const int count =
-        avio_read_partial(connection_.get(), piece_.data(), static_cast<int>(piece_.size()));
+    const int count = source_(piece_);
     if (count < 0) {
       return count;
     }

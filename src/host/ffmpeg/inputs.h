@@ -1,6 +1,7 @@
 // How sources are opened and read where FFmpeg's own input is not enough.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -50,6 +51,11 @@ class TextInput {
   std::size_t position_ = 0;
   CallbackIo io_;
 };
+// Connects; the deadline outlives the connection. Takes out of the options what the protocol used.
+// Throws Error, after the deadline at the latest.
+Connection OpenConnection(const std::string& url, IoDeadline& deadline, Options& options);
+// What is read at once: no datagram is longer.
+inline constexpr std::size_t kMaxPiece = 65'536;  // bytes
 
 // FFmpeg reads files with calls that block, which is fine for a disk; a pipe that stays open and
 // silent would hold its reader indefinitely. This input waits for data and asks its deadline
@@ -87,10 +93,15 @@ class TappedInput {
   // Of each piece that comes (of datagrams, each datagram): what is read in its place, valid until
   // the next call. None: that was enough, reading ends here with AVERROR_EXIT.
   using Tap = std::function<std::optional<Bytes>(Bytes bytes)>;
+  // Puts the next piece into the buffer: its bytes, 0 when none came for a moment, or an AVERROR
+  // code.
+  using Source = std::function<int(std::span<std::uint8_t> buffer)>;
 
   // Connects. Takes out of the options what the protocol used. Throws Error when there is no
   // connection, after the deadline at the latest.
   TappedInput(const std::string& url, IoDeadline& deadline, Options& options, Tap tap);
+  // Of what another reader has received.
+  TappedInput(Source source, IoDeadline& deadline, Tap tap);
   TappedInput(const TappedInput&) = delete;
   TappedInput& operator=(const TappedInput&) = delete;
 
@@ -107,8 +118,9 @@ class TappedInput {
   IoDeadline& deadline_;
   bool enough_ = false;
   std::vector<std::uint8_t> piece_;
-  Bytes rest_;  // that the tap gave and nobody has read yet
-  Connection connection_;
+  Bytes rest_;             // that the tap gave and nobody has read yet
+  Connection connection_;  // null with a source of its own
+  const Source source_;
   CallbackIo io_;
 };
 

@@ -18,6 +18,7 @@ extern "C" {
 #include "host/ffmpeg/outputs.h"
 #include "host/output/container.h"
 #include "host/output/video_encoder.h"
+#include "host/session/source_sharing.h"
 #include "host/session/wall_files.h"
 #include "host/session/wall_outputs.h"
 
@@ -256,6 +257,9 @@ void CheckWall(config::WallFile& file, const std::filesystem::path& path) {
     if (!channel.source.empty()) {
       add(CheckSource(channel), channel.places);
     }
+  }
+  for (const SharingMistake& mistake : FindSharingMistakes(file.wall)) {
+    add({{Severity::kError, "source", mistake.what}}, file.wall.channels[mistake.channel].places);
   }
   for (const config::Output& output : file.wall.outputs) {
     if (!output.url.empty()) {

@@ -75,8 +75,10 @@ WallSession::WallSession(Settings settings)
       labelsUntil_(std::chrono::steady_clock::now() + kLabelsLimit),
       clock_(settings_.wall.canvas.clockOffset),
       pressure_(settings_.live ? std::make_shared<WallPressure>() : nullptr),
-      schedule_(std::make_shared<WindowSchedule>(WindowsOf(settings_.wall),
-                                                 settings_.wall.canvas.frameRate, kWindowLatency)),
+      receivers_(settings_.live ? std::make_shared<SharedReceivers>() : nullptr),
+      schedule_(std::make_shared<WindowSchedule>(
+          WindowsOf(settings_.wall), settings_.wall.canvas.frameRate,
+          settings_.live ? settings_.wall.canvas.delay : kWindowLatency)),
       composer_(settings_.composerLibrary, CanvasOf(settings_.wall),
                 settings_.composerLogger != nullptr ? settings_.composerLogger : settings_.logger),
       graph_(FilterGraph::Create()) {
@@ -206,6 +208,7 @@ ChannelSettings WallSession::SettingsOf(std::size_t slot, const config::Channel&
   }
   settings.logger = settings_.logger;
   settings.pressure = pressure_;
+  settings.receivers = receivers_;
   return settings;
 }
 
@@ -305,7 +308,7 @@ std::optional<std::int64_t> WallSession::Place(const std::vector<WindowState>& w
 
 std::int64_t WallSession::Follow(std::optional<std::size_t> slot) {
   // What comes from now on; the decoder has some packets to begin with.
-  const Time from = clock_.Now() + kWindowLatency + kFollowLead;
+  const Time from = clock_.Now() + settings_.wall.canvas.delay + kFollowLead;
   if (follow_) {
     follow_->Follow(slot, from);
   }

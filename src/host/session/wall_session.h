@@ -131,8 +131,9 @@ class WallSession {
   TimeOfDay timeOfDay_;
   std::shared_ptr<FrameWatch> watch_ = std::make_shared<FrameWatch>();
   std::atomic<std::uint64_t> composed_{0};
-  const std::shared_ptr<WallPressure> pressure_;  // null of a rendered wall
-  Time pressureAt_ = 0;                           // the composition thread's
+  const std::shared_ptr<WallPressure> pressure_;      // null of a rendered wall
+  const std::shared_ptr<SharedReceivers> receivers_;  // null of a rendered wall
+  Time pressureAt_ = 0;                               // the composition thread's
   const std::shared_ptr<WindowSchedule> schedule_;
   // Outlives the graph, whose threads hand on to it.
   std::vector<std::shared_ptr<AudioTrack>> audioTracks_;  // one for each channel

@@ -5,6 +5,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include "host/session/wall_files.h"
 #include "tests/support/temporary_folder.h"
@@ -106,6 +107,44 @@ TEST_F(WallCheckTest, FindsWhatAnOutputOrASourceCannotBe) {
     for (std::size_t i = 0; i < said.size(); ++i) {
       EXPECT_THAT(said[i], HasSubstr(c.said[i])) << c.table;
     }
+  }
+}
+
+TEST_F(WallCheckTest, ChannelsShareASourceOrAreRefused) {
+  struct Case {
+    const char* first;
+    const char* second;
+    const char* said;  // of the second; null: nothing
+  };
+  const std::string fifo = folder_ / "fifo";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  const std::string pipe = "source = '" + fifo + "'";
+  const std::string pipeProgram = pipe + "\nprogram = 'News'";
+  constexpr const char* kPort = "\"source\" takes the port of channel \"Channel 1\" in another way";
+  const Case cases[] = {
+      {"source = 'udp://:5000'\nprogram = 1", "source = 'udp://:5000'\nprogram = 'Two'", nullptr},
+      {"source = 'udp://h:5000'", "source = 'udp://:5000?fifo_size=9'", kPort},
+      {"source = 'rtp://:5000'", "source = 'udp://:5000'\noptions = { reuse = 0 }", kPort},
+      // Of the demuxer alone.
+      {"source = 'udp://:5000'", "source = 'udp://:5000'\noptions = { probesize = 99999 }",
+       nullptr},
+      {"source = 'udp://239.1.1.1:5000'", "source = 'udp://239.1.1.2:5000'", nullptr},
+      {"source = 'rtmp://:1935/a'\noptions = { listen = 1 }",
+       "source = 'rtmp://0.0.0.0/b'\noptions = { listen = 1 }",
+       "\"source\" waits for its sender at the port of channel \"Channel 1\""},
+      {"source = 'srt://:9000?mode=listener'", "source = 'srt://:9000?mode=listener'", nullptr},
+      {pipeProgram.c_str(), pipeProgram.c_str(), nullptr},
+      {pipeProgram.c_str(), pipe.c_str(), "\"source\" is a pipe that channel \"Channel 1\" reads"},
+      {"source = 'udp://:5000'", "source = 'udp://:5001'\nprogram = [1]",
+       "\"program\" must be the number of a program, or the name of its service in quotes"},
+  };
+  for (const Case& c : cases) {
+    std::vector<std::string> said =
+        Complaints("[[channel]]\n" + std::string(c.first) + "\n[[channel]]\n" + c.second + "\n");
+    std::erase_if(
+        said, [](const std::string& each) { return each.find("error: ") == std::string::npos; });
+    ASSERT_EQ(said.size(), c.said != nullptr ? 1U : 0U) << c.second << testing::PrintToString(said);
+    EXPECT_TRUE(c.said == nullptr || said[0].find(c.said) != std::string::npos) << said[0];
   }
 }
 

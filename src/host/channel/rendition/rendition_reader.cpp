@@ -142,6 +142,8 @@ MediaSettings RenditionReader::SettingsOf(std::size_t index) const {
   settings.source = renditions_[index].source;
   settings.playlist = renditions_[index].playlist;
   settings.options = settings_.channel.options;
+  settings.program = settings_.channel.program;
+  settings.receivers = settings_.receivers;
   settings.live = settings_.isLive;
   return settings;
 }

@@ -52,6 +52,7 @@ class RenditionReader {
  public:
   struct Settings {
     config::Channel channel;
+    std::shared_ptr<SharedReceivers> receivers;  // null: every source has a connection of its own
     bool isLive = false;  // otherwise the rendition never changes but by failure
   };
 
@@ -70,6 +71,7 @@ class RenditionReader {
   const MediaInfo& info() const { return reader_->info(); }
   const AVCodecParameters* audioParameters() const { return reader_->audioParameters(); }
   bool canGoOn() const { return reader_->canGoOn(); }
+  std::uint64_t renames() const { return reader_->renames(); }
   void SetStep(DecodeStep step);
   int TakeFrames() { return reader_->TakeFrames(); }
   std::chrono::nanoseconds TakeWaited() { return reader_->TakeWaited(); }

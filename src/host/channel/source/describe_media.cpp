@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdlib>
 #include <cstring>
+#include <span>
 #include <string_view>
 #include <utility>
 
@@ -49,14 +50,16 @@ Orientation OrientationOf(const std::int32_t* matrix) {
 
 namespace {
 
+constexpr const char* kServiceName = "service_name";
+
 std::string Entry(const AVDictionary* metadata, const char* key) {
   const AVDictionaryEntry* entry = av_dict_get(metadata, key, nullptr, 0);
   return entry != nullptr ? ffmpeg::Printable(entry->value) : "";
 }
 
-std::string ServiceName(const AVFormatContext& input) {
+std::string ServiceNameIn(const AVFormatContext& input) {
   for (unsigned i = 0; i < input.nb_programs; ++i) {
-    if (std::string name = Entry(input.programs[i]->metadata, "service_name"); !name.empty()) {
+    if (std::string name = Entry(input.programs[i]->metadata, kServiceName); !name.empty()) {
       return name;
     }
   }
@@ -111,7 +114,7 @@ MediaInfo DescribeMedia(const AVFormatContext& input) {
     info.length = av_rescale(input.duration, kSecond, AV_TIME_BASE);
   }
   info.kind = SourceKindOf(input);
-  info.serviceName = ServiceName(input);
+  info.serviceName = ServiceNameIn(input);
   for (unsigned i = 0; i < input.nb_streams; ++i) {
     if (input.streams[i]->codecpar->codec_type == AVMEDIA_TYPE_AUDIO) {
       info.audioTracks.push_back(DescribeAudio(*input.streams[i]));
@@ -167,9 +170,114 @@ bool IsCoverArt(const AVStream& stream) {
          0;
 }
 
-int ChooseVideoStream(const AVFormatContext& input) {
-  const int best = av_find_best_stream(const_cast<AVFormatContext*>(&input), AVMEDIA_TYPE_VIDEO, -1,
-                                       -1, nullptr, 0);
+namespace {
+
+// Index of a stream that shows which program is meant: of no other one, where there is such.
+int RelatedStream(const AVFormatContext& input, const AVProgram& program) {
+  for (unsigned i = 0; i < program.nb_stream_indexes; ++i) {
+    const int index = static_cast<int>(program.stream_index[i]);
+    if (av_find_program_from_stream(const_cast<AVFormatContext*>(&input), nullptr, index) ==
+        &program) {
+      return index;
+    }
+  }
+  return -1;
+}
+
+int BestStream(const AVFormatContext& input, AVMediaType type, int related,
+               const AVProgram* program) {
+  if (program != nullptr && related < 0) {
+    related = RelatedStream(input, *program);
+  }
+  const int best =
+      av_find_best_stream(const_cast<AVFormatContext*>(&input), type, -1, related, nullptr, 0);
+  if (program == nullptr || (best >= 0 && IsIn(*program, best))) {
+    return best;
+  }
+  for (unsigned i = 0; i < program->nb_stream_indexes; ++i) {
+    const unsigned index = program->stream_index[i];
+    if (input.streams[index]->codecpar->codec_type == type) {
+      return static_cast<int>(index);
+    }
+  }
+  return AVERROR_STREAM_NOT_FOUND;
+}
+
+}  // namespace
+
+const char* ServiceName(const AVProgram* program) {
+  const AVDictionaryEntry* const entry =
+      program != nullptr ? av_dict_get(program->metadata, kServiceName, nullptr, 0) : nullptr;
+  return entry != nullptr ? entry->value : nullptr;
+}
+
+bool IsIn(const AVProgram& program, int stream) {
+  const std::span<const unsigned> streams(program.stream_index, program.nb_stream_indexes);
+  return std::find(streams.begin(), streams.end(), static_cast<unsigned>(stream)) != streams.end();
+}
+
+std::map<int, std::string> ProgramNames(const AVFormatContext& input) {
+  std::map<int, std::string> names;
+  for (unsigned i = 0; i < input.nb_programs; ++i) {
+    const AVProgram& program = *input.programs[i];
+    if (program.nb_stream_indexes > 0) {
+      names[program.id] = Entry(program.metadata, kServiceName);
+    }
+  }
+  return names;
+}
+
+const AVProgram* FindProgram(const AVFormatContext& input, const config::ProgramChoice& wanted) {
+  for (unsigned i = 0; i < input.nb_programs; ++i) {
+    const AVProgram& program = *input.programs[i];
+    if (program.nb_stream_indexes > 0 &&
+        (wanted.number != 0 ? program.id == wanted.number
+                            : Entry(program.metadata, kServiceName) == wanted.name)) {
+      return &program;
+    }
+  }
+  return nullptr;
+}
+
+std::vector<ProgramInfo> DescribePrograms(AVFormatContext& input) {
+  std::vector<ProgramInfo> programs;
+  if (std::string_view(input.iformat->name) != "mpegts") {
+    return programs;
+  }
+  for (unsigned i = 0; i < input.nb_programs; ++i) {
+    const AVProgram& program = *input.programs[i];
+    if (program.nb_stream_indexes == 0) {
+      continue;
+    }
+    ProgramInfo info{program.id,
+                     Entry(program.metadata, kServiceName),
+                     Entry(program.metadata, "service_provider"),
+                     {}};
+    for (unsigned k = 0; k < program.nb_stream_indexes; ++k) {
+      AVStream& stream = *input.streams[program.stream_index[k]];
+      const AVCodecParameters& parameters = *stream.codecpar;
+      StreamInfo each;
+      const char* const kind = av_get_media_type_string(parameters.codec_type);
+      each.pid = stream.id;
+      each.kind = kind != nullptr ? kind : "data";
+      each.codec = avcodec_get_name(parameters.codec_id);
+      each.width = parameters.width;
+      each.height = parameters.height;
+      if (parameters.codec_type == AVMEDIA_TYPE_VIDEO) {
+        each.frameRate = ToRatio(av_guess_frame_rate(&input, &stream, nullptr));
+      }
+      each.sampleRate = parameters.sample_rate;
+      each.channels = parameters.ch_layout.nb_channels;
+      each.language = Entry(stream.metadata, "language");
+      info.streams.push_back(std::move(each));
+    }
+    programs.push_back(std::move(info));
+  }
+  return programs;
+}
+
+int ChooseVideoStream(const AVFormatContext& input, const AVProgram* program) {
+  const int best = BestStream(input, AVMEDIA_TYPE_VIDEO, -1, program);
   if (best < 0 || !IsCoverArt(*input.streams[best])) {
     return best;
   }
@@ -183,10 +291,11 @@ int ChooseVideoStream(const AVFormatContext& input) {
 }
 
 int ChooseAudioStream(const AVFormatContext& input, std::size_t track, const std::string& language,
-                      int videoStream) {
+                      int videoStream, const AVProgram* program) {
   std::size_t seen = 0;
   for (unsigned i = 0; i < input.nb_streams; ++i) {
-    if (input.streams[i]->codecpar->codec_type != AVMEDIA_TYPE_AUDIO) {
+    if (input.streams[i]->codecpar->codec_type != AVMEDIA_TYPE_AUDIO ||
+        (program != nullptr && !IsIn(*program, static_cast<int>(i)))) {
       continue;
     }
     ++seen;
@@ -198,8 +307,7 @@ int ChooseAudioStream(const AVFormatContext& input, std::size_t track, const std
   if (track != 0) {
     return AVERROR_STREAM_NOT_FOUND;
   }
-  return av_find_best_stream(const_cast<AVFormatContext*>(&input), AVMEDIA_TYPE_AUDIO, -1,
-                             videoStream, nullptr, 0);
+  return BestStream(input, AVMEDIA_TYPE_AUDIO, videoStream, program);
 }
 
 std::optional<Orientation> AnnouncedOrientation(const AVFrame& frame) {

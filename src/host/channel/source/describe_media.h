@@ -2,14 +2,18 @@
 #pragma once
 
 #include <cstddef>
+#include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "host/channel/source/media_info.h"
+#include "host/config/wall.h"
 #include "host/units.h"
 
 struct AVFormatContext;
 struct AVFrame;
+struct AVProgram;
 struct AVStream;
 
 namespace host {
@@ -25,13 +29,24 @@ AudioInfo DescribeAudio(const AVStream& stream);
 // Cover art of a file: FFmpeg counts it as video, but it is none.
 bool IsCoverArt(const AVStream& stream);
 
-// Index of the best video stream, or a negative AVERROR.
-int ChooseVideoStream(const AVFormatContext& input);
+// Those of a transport stream that have streams; others have none.
+std::vector<ProgramInfo> DescribePrograms(AVFormatContext& input);
+// The names of their services, by number.
+std::map<int, std::string> ProgramNames(const AVFormatContext& input);
+// Null when it is not there, or has no streams.
+const AVProgram* FindProgram(const AVFormatContext& input, const config::ProgramChoice& wanted);
+bool IsIn(const AVProgram& program, int stream);
+// As the container has it; null when it has none. program may be null.
+const char* ServiceName(const AVProgram* program);
+
+// Index of the best video stream, of the program unless that is null, or a negative AVERROR.
+int ChooseVideoStream(const AVFormatContext& input, const AVProgram* program = nullptr);
 
 // Index of the audio stream that the wishes of a channel select, or a negative AVERROR. track is
-// counted from 1, 0 for no wish; videoStream (or -1) decides between equal ones.
+// counted from 1, 0 for no wish; videoStream (or -1) decides between equal ones. Of the program
+// alone unless that is null.
 int ChooseAudioStream(const AVFormatContext& input, std::size_t track, const std::string& language,
-                      int videoStream);
+                      int videoStream, const AVProgram* program = nullptr);
 
 // Of their display matrix, where there is one.
 std::optional<Orientation> AnnouncedOrientation(const AVFrame& frame);

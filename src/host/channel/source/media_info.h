@@ -62,6 +62,27 @@ struct AudioInfo {
   std::string title;     // empty when not known
 };
 
+// One elementary stream of a program. What is not known is 0 or empty.
+struct StreamInfo {
+  int pid = 0;
+  std::string kind;  // "video", "audio", "subtitle", "data"
+  std::string codec;
+  int width = 0;  // pixels
+  int height = 0;
+  Ratio frameRate{0, 1};
+  int sampleRate = 0;  // hertz
+  int channels = 0;
+  std::string language;  // ISO 639
+};
+
+// A program of a transport stream.
+struct ProgramInfo {
+  int number = 0;
+  std::string name;      // of the service, may be empty
+  std::string provider;  // likewise
+  std::vector<StreamInfo> streams;
+};
+
 // Why a source gives no audio.
 enum class AudioAbsence {
   kNone,         // it does
@@ -83,13 +104,14 @@ struct MediaInfo {
   std::string format;          // FFmpeg's name of the container
   std::optional<Time> length;  // of files
   SourceKind kind = SourceKind::kPull;
-  std::string serviceName;  // of a transport stream's programme, otherwise the title; may be empty
+  std::string serviceName;  // of the program that is shown, otherwise the title; may be empty
   std::optional<VideoInfo> video;
   std::string noVideoReason;  // why there is no video, otherwise empty
   std::optional<AudioInfo> audio;
   AudioAbsence audioAbsence = AudioAbsence::kNone;
   std::string noAudioReason;
-  std::vector<AudioInfo> audioTracks;  // all that the source offers
+  std::vector<AudioInfo> audioTracks;  // all that the source, or the wanted program, offers
+  std::vector<ProgramInfo> programs;   // of a transport stream, when it was opened
 };
 
 // One decoded frame; its duration is that of a frame of the source.

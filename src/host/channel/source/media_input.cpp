@@ -223,6 +223,9 @@ MediaInput::Outcome MediaInput::HandleFailure(int code, bool isUnused) {
     Fail(MediaError::Kind::kFailed,
          std::string("its ") + NameOf(*changed) + " has changed its form");
   }
+  if (connection_.missingProgram()) {
+    connection_.FailFor(code, false);
+  }
   // The demuxer may have given what it still had since the call that was ended.
   const bool wasEnded = connection_.deadline().expired() || code == AVERROR_EXIT;
   if (wasEnded && !connection_.deadline().cancelled() && connection_.ReceiveOn()) {

@@ -114,6 +114,11 @@ class MediaInput {
   const std::vector<std::string>& unknownOptions() const { return connection_.unknownOptions(); }
   // That were read of the source, or of its packets where its demuxer keeps its sockets to itself.
   std::uint64_t bytes() const;
+  // The program that is wanted, by its number where the name is known already.
+  config::ProgramChoice program() const {
+    const int number = connection_.onlyProgram();
+    return number != 0 ? config::ProgramChoice{number, {}} : settings_.program;
+  }
   // How often the demuxer was replaced.
   std::uint64_t exchanges() const { return exchanges_; }
   // Throws an error about this source.
@@ -132,9 +137,6 @@ class MediaInput {
   bool IsRepeated(TrackKind kind, const AVPacket& packet);
 
  private:
-  // After that many, a source of datagrams is opened again after all: a router may have dropped it.
-  static constexpr int kMaxSilences = 10;
-
   // Changes when a file is written again.
   struct FileState {
     std::filesystem::file_time_type written;

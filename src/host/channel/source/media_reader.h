@@ -81,7 +81,8 @@ class MediaReader {
   bool canGoOn() const { return input_.canGoOn(); }
   void Cancel() { input_.Cancel(); }
 
-  // What follows is valid after Open. A replacement of a stream changes the first two.
+  // What follows is valid after Open. A replacement of a stream changes the first two, and the
+  // service may be renamed.
   const MediaInfo& info() const { return tracks_.info(); }
   // Of the chosen audio stream, as the container announces it; null without audio.
   const AVCodecParameters* audioParameters() const { return tracks_.audioParameters(); }
@@ -107,6 +108,8 @@ class MediaReader {
   // How often another stream has replaced one that ended, as when a service changes its codec, or
   // the one that was chosen has returned.
   std::uint64_t replacements() const { return tracks_.replacements(); }
+  // How often info().serviceName has changed since the source was opened.
+  std::uint64_t renames() const { return tracks_.renames(); }
   // How often the source began again.
   std::uint64_t repeats() const { return repeats_; }
   // How often another demuxer took over in the midst of an endless source.

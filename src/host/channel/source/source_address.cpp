@@ -6,6 +6,11 @@
 #include <system_error>
 #include <utility>
 
+extern "C" {
+#include <libavformat/avio.h>
+#include <libavutil/opt.h>
+}
+
 #include "util/url_parts.h"
 
 namespace host {
@@ -20,6 +25,10 @@ constexpr const char* kUdpLocalPort = "localport";
 // A longer datagram would be cut off.
 constexpr const char* kPacketSize = "pkt_size";
 constexpr const char* kMaxDatagram = "65507";  // bytes
+// Of every protocol.
+constexpr const char* kReadTimeout = "rw_timeout";
+// A receiver that was kept from running loses datagrams, and not the connection of all its readers.
+constexpr const char* kOverrun = "overrun_nonfatal";
 
 constexpr const char* kFormats = "format_whitelist";
 constexpr const char* kProtocols = "protocol_whitelist";
@@ -101,6 +110,12 @@ bool IsDescription(std::string_view name, bool isRemote) {
   return (isRemote ? name.substr(0, name.find_first_of("?#")) : name).ends_with(".sdp");
 }
 
+// Of other addresses, which are opened one after the other.
+bool IsList(std::string_view name) {
+  const std::string_view path = name.substr(0, name.find_first_of("?#"));
+  return path.ends_with(".m3u8") || path.ends_with(".m3u") || path.ends_with(".mpd");
+}
+
 SourceAddress::Options Allowing(SourceAddress::Options options, const char* formats,
                                 const std::string& protocols) {
   options.try_emplace(kFormats, formats);
@@ -118,7 +133,12 @@ SourceAddress::SourceAddress(const std::string& source)
       isHttp_(name_.starts_with("http:") || name_.starts_with("https:")),
       datagrams_(isRtp_ || name_.starts_with(kUdpScheme)),
       isConnected_(name_.starts_with("srt:") || name_.starts_with("tcp:")),
-      isDescription_(IsDescription(name_, isRemote_)) {}
+      isDescription_(IsDescription(name_, isRemote_)),
+      isList_(IsList(name_)) {}
+
+bool SourceAddress::isShareable(bool hasProgram) const {
+  return isPushed() || (hasProgram && (isConnected_ || (isHttp_ && !isList_)));
+}
 
 SourceAddress::Options SourceAddress::OpenOptions(Options options) const {
   if (datagrams_) {
@@ -177,6 +197,23 @@ SourceAddress::Options SourceAddress::ReceiverOptions(Options options) const {
     options.try_emplace(kPacketSize, kMaxDatagram);
   }
   return options;
+}
+
+ReceiverAddress SourceAddress::Receiver(const Options& options) const {
+  ReceiverAddress receiver{ReceiverUrl(), {}};
+  if (datagrams_) {
+    receiver.options[kOverrun] = "1";
+  }
+  const char* const name = avio_find_protocol_name(receiver.url.c_str());
+  const AVClass* const protocol = name != nullptr ? avio_protocol_get_class(name) : nullptr;
+  for (const auto& [key, value] : ReceiverOptions(options)) {
+    if (key == kReadTimeout ||
+        (protocol != nullptr && av_opt_find(const_cast<const AVClass**>(&protocol), key.c_str(),
+                                            nullptr, 0, AV_OPT_SEARCH_FAKE_OBJ) != nullptr)) {
+      receiver.options[key] = value;
+    }
+  }
+  return receiver;
 }
 
 }  // namespace host

@@ -1,10 +1,19 @@
 // SourceAddress: what is behind the path or URL of a source, and how it is to be opened.
 #pragma once
 
+#include <compare>
 #include <map>
 #include <string>
 
 namespace host {
+
+// A connection over which a transport stream comes. Readers share one when theirs are equal.
+struct ReceiverAddress {
+  std::string url;
+  std::map<std::string, std::string> options;  // of the protocol
+  bool isPipe = false;                         // the URL is the path of one
+  auto operator<=>(const ReceiverAddress&) const = default;
+};
 
 // By the text alone, but for a file that has the form of a URL. Immutable.
 class SourceAddress {
@@ -26,6 +35,13 @@ class SourceAddress {
   bool isRtp() const { return isRtp_; }
   bool isHttp() const { return isHttp_; }
 
+  // Several readers may take it from one connection, because what comes can be joined at any time:
+  // a transport stream by what the address says, or, with the program that is wanted of it, by what
+  // the operator says.
+  bool isShareable(bool hasProgram) const;
+  // Comes in time, whether it is read or not.
+  bool isPushed() const { return datagrams_ || scheme_ == "srt"; }
+
   // The given options, and what opening name() needs besides: above all, which formats and
   // protocols it may lead to (format_whitelist, protocol_whitelist). What comes from the network
   // never leads to a local file, and nothing but what an operator expects behind such an address
@@ -39,6 +55,8 @@ class SourceAddress {
   // Where and with which options a transport stream is received. The whitelists are its demuxer's.
   std::string ReceiverUrl() const;
   Options ReceiverOptions(Options options) const;
+  // The same without what only the demuxer knows: sources with equal ones share a connection.
+  ReceiverAddress Receiver(const Options& options) const;
 
  private:
   bool IsLocal() const { return scheme_.empty() || scheme_ == "file"; }
@@ -51,6 +69,7 @@ class SourceAddress {
   bool datagrams_ = false;
   bool isConnected_ = false;
   bool isDescription_ = false;
+  bool isList_ = false;
 };
 
 }  // namespace host

@@ -113,6 +113,9 @@ void SourceConnection::FailFor(int code, bool opening) const {
   if (deadline_.cancelled()) {
     Fail(MediaError::Kind::kCancelled, "stopped");
   }
+  if (const std::optional<std::string> reason = missingProgram()) {
+    Fail(MediaError::Kind::kNoStreams, *reason);
+  }
   // The packet that the ended call still gave may have come before its failure.
   if (deadline_.expired() || code == AVERROR_EXIT) {
     Fail(MediaError::Kind::kTimedOut,
@@ -166,7 +169,10 @@ ffmpeg::InputFormat SourceConnection::OpenSource() {
     playlist_.emplace(settings_.playlist);
     return OpenDemuxer(playlist_->io(), address_.OpenOptions(settings_.options.options));
   }
-  if (ffmpeg::PipeInput::Serves(settings_.source)) {
+  if (isShared()) {
+    return OpenTapped();
+  }
+  if (isPipe()) {
     pipe_.emplace(settings_.source, deadline_);
     fragments_.emplace(pipe_->io());
     return OpenDemuxer(fragments_->io(), SourceAddress::PipeOptions(settings_.options.options));
@@ -199,27 +205,87 @@ ffmpeg::InputFormat SourceConnection::OpenHttp() {
   return input;
 }
 
+bool SourceConnection::isPipe() const {
+  return ffmpeg::PipeInput::Serves(settings_.source);
+}
+
+bool SourceConnection::isShared() const {
+  const bool hasProgram = settings_.program.isGiven();
+  return settings_.receivers != nullptr &&
+         (isPipe() ? hasProgram : address_.isShareable(hasProgram));
+}
+
+void SourceConnection::Connect(ffmpeg::Options& options) {
+  const auto tap = [this](ffmpeg::TappedInput::Bytes bytes) { return Tap(bytes); };
+  const SourceAddress::Options& wanted = settings_.options.options;
+  if (!isShared()) {
+    if (settings_.program.isGiven()) {
+      program_.emplace(settings_.program);
+    }
+    SetOptions(options, address_.ReceiverOptions(wanted));
+    connection_.emplace(address_.ReceiverUrl(), deadline_, options, tap);
+    return;
+  }
+  const ReceiverAddress receiver =
+      isPipe() ? ReceiverAddress{settings_.source, {}, true} : address_.Receiver(wanted);
+  subscription_ = settings_.receivers->Subscribe(
+      receiver, kMaxSilences * Milliseconds(settings_.options.readLimit), settings_.program,
+      deadline_);
+  ffmpeg::Check(subscription_ != nullptr ? subscription_->WaitUntilOpen(deadline_) : AVERROR_EXIT,
+                "cannot open");
+  SourceAddress::Options others = address_.ReceiverOptions(wanted);
+  for (const auto& [key, value] : receiver.options) {
+    others.erase(key);
+  }
+  SetOptions(options, others);
+  connection_.emplace(
+      [this](std::span<std::uint8_t> buffer) { return subscription_->Read(buffer); }, deadline_,
+      tap);
+}
+
+void SourceConnection::Disconnect() {
+  connection_.reset();
+  subscription_.reset();
+}
+
+bool SourceConnection::carriesOtherRtp() const {
+  return subscription_ ? subscription_->carriesOther() : rtp_.carriesOther();
+}
+
+std::optional<std::string> SourceConnection::missingProgram() const {
+  if (subscription_) {
+    return subscription_->missingProgram();
+  }
+  return program_ ? program_->missing() : std::nullopt;
+}
+
+int SourceConnection::onlyProgram() const {
+  if (subscription_) {
+    return subscription_->programNumber();
+  }
+  return program_ ? program_->number() : 0;
+}
+
 ffmpeg::InputFormat SourceConnection::OpenTapped() {
   ffmpeg::Options options;
-  SetOptions(options, address_.ReceiverOptions(settings_.options.options));
-  const auto tap = [this](ffmpeg::TappedInput::Bytes bytes) { return Tap(bytes); };
-  connection_.emplace(address_.ReceiverUrl(), deadline_, options, tap);
+  Connect(options);
   AVIOContext* io = connection_->io();
   if (!address_.isDatagrams()) {
     io = fragments_.emplace(io).io();
   }
   // What the protocol has used is not the demuxer's.
-  for (const auto& [key, value] : address_.OpenOptions({})) {
+  for (const auto& [key, value] :
+       isPipe() ? SourceAddress::PipeOptions({}) : address_.OpenOptions({})) {
     const auto given = settings_.options.options.find(key);
     options.Set(key.c_str(), given != settings_.options.options.end() ? given->second : value);
   }
   try {
     return OpenDemuxer(io, options);
   } catch (const ffmpeg::Error&) {
-    if (!rtp_.carriesOther()) {
+    if (!carriesOtherRtp()) {
       throw;
     }
-    connection_.reset();
+    Disconnect();
     return OpenOtherRtp();
   }
 }
@@ -241,11 +307,14 @@ ffmpeg::InputFormat SourceConnection::OpenOtherRtp() {
 }
 
 std::optional<ffmpeg::TappedInput::Bytes> SourceConnection::Tap(ffmpeg::TappedInput::Bytes bytes) {
-  if (address_.isDatagrams()) {
+  if (address_.isDatagrams() && !subscription_) {
     bytes = rtp_.Take(bytes, RtpReceiver::Clock::now());
   }
+  if (program_) {
+    bytes = program_->Take(bytes);
+  }
   programs_.Feed(bytes);
-  const bool ends = isChanged_() || rtp_.carriesOther();
+  const bool ends = isChanged_() || rtp_.carriesOther() || (program_ && program_->missing());
   return ends ? std::nullopt : std::optional(bytes);
 }
 

@@ -2,13 +2,16 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "host/channel/source/media_info.h"
 #include "host/channel/source/pmt_monitor.h"
+#include "host/channel/source/program_filter.h"
 #include "host/channel/source/rtp_receiver.h"
+#include "host/channel/source/shared_receiver.h"
 #include "host/channel/source/source_address.h"
 #include "host/config/wall.h"
 #include "host/ffmpeg/fragmented_input.h"
@@ -24,6 +27,9 @@ struct MediaSettings {
   // A playlist that is read in place of what lies there, and leads to it; empty: none does.
   std::string playlist;
   config::ChannelOptions options;
+  config::ProgramChoice program;
+  // Null: the source has a connection of its own.
+  std::shared_ptr<SharedReceivers> receivers;
   // Is shown in a live wall: a fast probe, and a file is repeated if its options say so.
   bool live = false;
   bool wantVideo = true;
@@ -33,11 +39,16 @@ struct MediaSettings {
   int maxIndexEntries = 200'000;
 };
 
+// After that many read limits in a row without data, a source of datagrams is opened again after
+// all: a router may have dropped it.
+inline constexpr int kMaxSilences = 10;
+
 // Decides by the address what is under the demuxer:
 //
 //   playlist given   TextInput
 //   pipe             PipeInput, FragmentedInput
-//   datagrams        TappedInput: RTP in order, PMT monitor
+//   datagrams        TappedInput: RTP in order, one program, PMT monitor
+//   shared           SharedReceiver: RTP in order, one program; TappedInput: PMT monitor
 //   endless HTTP     TappedInput, FragmentedInput
 //   everything else  FFmpeg's own protocols
 //
@@ -70,12 +81,21 @@ class SourceConnection {
   std::optional<ffmpeg::FragmentedInput>& fragments() { return fragments_; }
   // Whether the PMT first announced the stream of that PID in another form.
   bool HasChanged(int pid) const { return programs_.HasChanged(pid); }
+  // Why nothing of the wanted program comes any more; none as long as it may.
+  std::optional<std::string> missingProgram() const;
+  // Of the program that alone comes over the connection; 0: all that there are.
+  int onlyProgram() const;
   const std::vector<std::string>& unknownOptions() const { return unknownOptions_; }
 
  private:
   // Throw ffmpeg::Error, or MediaError with more to say.
   ffmpeg::InputFormat OpenSource();
   ffmpeg::InputFormat OpenTapped();
+  bool isPipe() const;
+  bool isShared() const;
+  void Connect(ffmpeg::Options& options);
+  void Disconnect();
+  bool carriesOtherRtp() const;
   ffmpeg::InputFormat OpenOtherRtp();
   ffmpeg::InputFormat OpenHttp();
   ffmpeg::InputFormat OpenDemuxer(AVIOContext* io, const SourceAddress::Options& wanted);
@@ -88,11 +108,14 @@ class SourceConnection {
   const SourceAddress address_;
   const std::function<bool()> isChanged_;
   ffmpeg::IoDeadline deadline_;
-  std::optional<ffmpeg::TextInput> playlist_;         // what is under the demuxer
-  std::optional<ffmpeg::PipeInput> pipe_;             // or that
-  std::optional<ffmpeg::TappedInput> connection_;     // or that
-  RtpReceiver rtp_;                                   // for its datagrams
-  PmtMonitor programs_;                               // for all that comes over it
+  std::optional<ffmpeg::TextInput> playlist_;      // what is under the demuxer
+  std::optional<ffmpeg::PipeInput> pipe_;          // or that
+  std::optional<ffmpeg::TappedInput> connection_;  // or that
+  RtpReceiver rtp_;                                // for its datagrams
+  std::optional<ProgramReader> program_;           // that is wanted of it
+  // In place of the three: what another thread receives, for this source and others.
+  std::unique_ptr<SharedReceiver::Subscription> subscription_;
+  PmtMonitor programs_;                               // for all that comes over the connection
   std::optional<ffmpeg::FragmentedInput> fragments_;  // of either
   std::vector<std::string> unknownOptions_;
 };

@@ -12,7 +12,9 @@ extern "C" {
 }
 
 #include "host/channel/source/describe_media.h"
+#include "host/channel/source/program_filter.h"
 #include "host/ffmpeg/error.h"
+#include "host/ffmpeg/mask.h"
 #include "host/ffmpeg/time_unit.h"
 
 namespace host {
@@ -124,7 +126,10 @@ void TrackSelector::Choose() {
   for (unsigned i = 0; i < context.nb_streams; ++i) {
     context.streams[i]->discard = AVDISCARD_ALL;
   }
-  const int video = ChooseVideoStream(context);
+  info_.programs = DescribePrograms(context);
+  ChooseProgram();
+  const AVProgram* const program = program_.isGiven() ? FindProgram(context, program_) : nullptr;
+  const int video = ChooseVideoStream(context, program);
   if (!settings_.wantVideo) {
     info_.noVideoReason = "video is switched off";
   } else {
@@ -135,11 +140,62 @@ void TrackSelector::Choose() {
     info_.noAudioReason = "audio is switched off";
     info_.audioAbsence = AudioAbsence::kOff;
   } else {
-    ChooseAudio(ChooseAudioStream(context, audio.track, audio.language, video));
+    ChooseAudio(ChooseAudioStream(context, audio.track, audio.language, video, program));
+  }
+  if (std::string name = CurrentServiceName(); !name.empty()) {
+    info_.serviceName = std::move(name);
   }
   if (!decoder_.has(TrackKind::kVideo) && !decoder_.has(TrackKind::kAudio)) {
     input_.Fail(MediaError::Kind::kNoStreams,
                 "nothing to show: " + info_.noVideoReason + ", and " + info_.noAudioReason);
+  }
+}
+
+void TrackSelector::ChooseProgram() {
+  const config::ProgramChoice wanted = input_.program();
+  if (!wanted.isGiven()) {
+    return;
+  }
+  const AVFormatContext& context = input_.context();
+  const AVProgram* const program = FindProgram(context, wanted);
+  if (program == nullptr) {
+    input_.Fail(MediaError::Kind::kNoStreams, NoProgram(settings_.program, ProgramNames(context)));
+  }
+  program_.number = program->id;
+  std::erase_if(info_.audioTracks,
+                [&](const AudioInfo& each) { return !IsIn(*program, each.streamIndex); });
+  info_.serviceName.clear();
+}
+
+bool TrackSelector::IsWanted(int index) const {
+  const AVProgram* const program =
+      program_.isGiven() ? FindProgram(input_.context(), program_) : nullptr;
+  return !program_.isGiven() || (program != nullptr && IsIn(*program, index));
+}
+
+std::string TrackSelector::CurrentServiceName() const {
+  AVFormatContext& context = input_.context();
+  const AVProgram* program = nullptr;
+  if (program_.isGiven()) {
+    program = FindProgram(context, program_);
+  } else if (decoder_.has(TrackKind::kVideo) || decoder_.has(TrackKind::kAudio)) {
+    const TrackKind kind = decoder_.has(TrackKind::kVideo) ? TrackKind::kVideo : TrackKind::kAudio;
+    program = av_find_program_from_stream(&context, nullptr, input_.stream(kind).index);
+  }
+  const char* const name = ServiceName(program);
+  return name != nullptr ? ffmpeg::Printable(name) : "";
+}
+
+// It comes with a table of its own, often after the source is open, and may change.
+void TrackSelector::FollowServiceName() {
+  constexpr int kPeriod = 32;
+  if (--packetsToName_ > 0 || input_.context().nb_programs == 0) {
+    return;
+  }
+  packetsToName_ = kPeriod;
+  if (std::string name = CurrentServiceName(); !name.empty() && name != info_.serviceName) {
+    info_.serviceName = std::move(name);
+    ++renames_;
   }
 }
 
@@ -179,7 +235,7 @@ void TrackSelector::ChooseAudio(int index) {
     }
   }
   for (unsigned i = 0; i < context.nb_streams; ++i) {
-    if (IsAwaited(*context.streams[i])) {
+    if (IsAwaited(*context.streams[i]) && IsWanted(static_cast<int>(i))) {
       context.streams[i]->discard = AVDISCARD_DEFAULT;
       info_.noAudioReason = "its audio has not begun";
       info_.audioAbsence = AudioAbsence::kNotStarted;
@@ -188,6 +244,7 @@ void TrackSelector::ChooseAudio(int index) {
 }
 
 void TrackSelector::Handle(ffmpeg::Packet packet) {
+  FollowServiceName();
   const std::optional<TrackKind> kind = input_.KindOf(packet->stream_index);
   if (!kind) {
     HandleOther(*packet);
@@ -215,6 +272,10 @@ void TrackSelector::HandleOther(const AVPacket& packet) {
   AVStream& stream = *input_.context().streams[packet.stream_index];
   const bool isVideo = stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
   if ((!isVideo && stream.codecpar->codec_type != AVMEDIA_TYPE_AUDIO) || IsCoverArt(stream)) {
+    return;
+  }
+  if (!IsWanted(stream.index)) {
+    stream.discard = AVDISCARD_ALL;
     return;
   }
   const TrackKind kind = isVideo ? TrackKind::kVideo : TrackKind::kAudio;

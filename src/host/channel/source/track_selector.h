@@ -74,7 +74,8 @@ class StreamFailover {
   std::map<int, Candidate> candidates_;  // by stream index
 };
 
-// Chooses the best video and the wanted audio when the source is open, and watches the other
+// Chooses the best video and the wanted audio when the source is open, both of the wanted program
+// where one is wanted, and watches the other
 // streams from then on: a new stream may replace the one that is read, and one of a kind that the
 // source did not have begins.
 //
@@ -98,6 +99,8 @@ class TrackSelector {
   const AVCodecParameters* audioParameters() const { return audioParameters_.get(); }
   // How often another stream has replaced the one that was read.
   std::uint64_t replacements() const { return replacements_; }
+  // How often the name of the service has changed since the source was opened.
+  std::uint64_t renames() const { return renames_; }
 
  private:
   struct Track {
@@ -105,6 +108,12 @@ class TrackSelector {
     std::string language{};  // that is wanted: of the settings, or of the stream that was chosen
   };
 
+  void ChooseProgram();
+  // Whether it may be a track: of the wanted program.
+  bool IsWanted(int index) const;
+  // As the container has it at present: of the wanted program, or of the one that the track is in.
+  std::string CurrentServiceName() const;
+  void FollowServiceName();
   std::optional<Track>& track(TrackKind kind) { return tracks_[static_cast<std::size_t>(kind)]; }
   void ChooseVideo(int index);
   void ChooseAudio(int index);
@@ -127,6 +136,9 @@ class TrackSelector {
   unsigned knownStreams_ = 0;                                    // when the source was opened
   std::map<int, StreamDecoder> awaited_;  // by index: streams of a kind that has no track
   std::uint64_t replacements_ = 0;
+  config::ProgramChoice program_;  // that is wanted, by its number
+  std::uint64_t renames_ = 0;
+  int packetsToName_ = 0;  // until the name of the service is looked at again
 };
 
 }  // namespace host

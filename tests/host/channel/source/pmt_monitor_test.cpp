@@ -8,13 +8,15 @@
 
 #include <gtest/gtest.h>
 
-extern "C" {
-#include <libavutil/crc.h>
-}
+#include "tests/support/transport_stream.h"
 
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
+using transport::Bytes;
+using transport::Join;
+using transport::Low;
+using transport::Packets;
+using transport::Section;
 
 constexpr int kMapPid = 0x1000;
 constexpr int kVideoPid = 0x100;
@@ -22,38 +24,6 @@ constexpr int kAudioPid = 0x101;
 constexpr std::uint8_t kMpeg2 = 0x02;
 constexpr std::uint8_t kH264 = 0x1B;
 constexpr std::uint8_t kPrivate = 0x06;
-
-std::uint8_t Low(std::size_t value) {
-  return static_cast<std::uint8_t>(value & 0xFF);
-}
-
-Bytes Section(std::uint8_t table, const Bytes& body) {
-  const std::size_t length = 5 + body.size() + 4;
-  Bytes section{table, Low(0xB0 | length >> 8), Low(length), 0, 1, 0xC1, 0, 0};
-  section.insert(section.end(), body.begin(), body.end());
-  const std::uint32_t crc =
-      av_crc(av_crc_get_table(AV_CRC_32_IEEE), ~0U, section.data(), section.size());
-  for (unsigned shift = 0; shift < 32; shift += 8) {
-    section.push_back(Low(crc >> shift));
-  }
-  return section;
-}
-
-// The section in as many transport packets as it needs.
-Bytes Packets(int pid, const Bytes& section) {
-  Bytes payload{0};
-  payload.insert(payload.end(), section.begin(), section.end());
-  Bytes packets;
-  for (std::size_t at = 0; at < payload.size(); at += 184) {
-    packets.insert(packets.end(),
-                   {0x47, Low((at == 0 ? 0x40U : 0U) | static_cast<unsigned>(pid) >> 8),
-                    Low(static_cast<unsigned>(pid)), 0x10});
-    for (std::size_t i = at; i < at + 184; ++i) {
-      packets.push_back(i < payload.size() ? payload[i] : 0xFF);
-    }
-  }
-  return packets;
-}
 
 Bytes Association() {
   return Packets(0, Section(0, {0, 1, 0xE0 | kMapPid >> 8, Low(kMapPid)}));
@@ -68,14 +38,6 @@ Bytes Map(std::uint8_t video, std::uint8_t audio, const Bytes& descriptors = {},
               {video, 0xE1, 0x00, 0xF0, 0, audio, 0xE1, 0x01, 0xF0, Low(descriptors.size())});
   body.insert(body.end(), descriptors.begin(), descriptors.end());
   return Packets(kMapPid, Section(2, body));
-}
-
-Bytes Join(std::initializer_list<Bytes> parts) {
-  Bytes all;
-  for (const Bytes& part : parts) {
-    all.insert(all.end(), part.begin(), part.end());
-  }
-  return all;
 }
 
 TEST(PmtMonitor, TellsTheStreamThatGoesOnInAnotherFormHoweverTheBytesAreCut) {

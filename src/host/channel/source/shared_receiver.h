@@ -1,0 +1,138 @@
+// SharedReceivers: one connection for all readers of a transport stream.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "host/channel/source/program_filter.h"
+#include "host/channel/source/source_address.h"
+#include "host/config/wall.h"
+#include "host/ffmpeg/io_deadline.h"
+#include "platform/os/mutex.h"
+
+namespace host {
+
+// Receives a transport stream once and takes it apart once, however many read it: each reader gets
+// the packets of its program, or everything, in a bounded queue of its own. A reader that is too
+// slow loses the oldest part of its queue up to where a decoder may begin again. What is pushed
+// (datagrams, SRT) is received without a pause; everything else waits for the slowest reader, but
+// not for one that has read nothing for kMaxPause.
+//
+// The connection is opened for the first reader, by a thread of its own, and closed when the last
+// one leaves, when it fails, or when nothing has come for longer than any reader waits; all readers
+// fail with it then. A reader waits in Read only; one that leaves last waits until the connection
+// is closed, so that its port can be taken again.
+//
+// The thread may be stuck where nothing ends it, as in the resolution of a name. It touches nothing
+// but what it shares with its readers, and ends as soon as the call returns.
+class SharedReceiver : public std::enable_shared_from_this<SharedReceiver> {
+ public:
+  using Bytes = std::span<const std::uint8_t>;
+
+  // Of one reader, which may be destroyed on any one thread after its last call.
+  class Subscription {
+   public:
+    ~Subscription();
+    Subscription(const Subscription&) = delete;
+    Subscription& operator=(const Subscription&) = delete;
+
+    // Until the connection is there. 0, or an AVERROR code: AVERROR_EXIT after the deadline.
+    int WaitUntilOpen(ffmpeg::IoDeadline& deadline);
+    // The next piece: its bytes, 0 when none came for a moment, or an AVERROR code.
+    int Read(std::span<std::uint8_t> buffer);
+    // Why nothing of the program comes any more, for a slate.
+    std::optional<std::string> missingProgram() const;
+    // Of the wanted program; 0 when none is wanted, or until it is found.
+    int programNumber() const;
+    // RTP packets come, but none with a transport stream.
+    bool carriesOther() const;
+    // How often its queue was full.
+    std::uint64_t overflows() const;
+
+   private:
+    friend class SharedReceiver;
+    struct Piece {
+      std::vector<std::uint8_t> bytes;
+      bool isRandomAccess = false;  // a decoder may begin in it
+    };
+
+    Subscription(std::shared_ptr<SharedReceiver> receiver, const config::ProgramChoice& program);
+
+    const std::shared_ptr<SharedReceiver> receiver_;
+    // The following under the receiver's lock.
+    os::ConditionVariable came_;
+    std::optional<ProgramFilter> filter_;  // none: everything
+    Piece next_;                           // of what is being taken apart
+    std::deque<Piece> queue_;
+    std::size_t taken_ = 0;   // bytes of the first piece
+    std::size_t queued_ = 0;  // bytes
+    std::uint64_t overflows_ = 0;
+    std::chrono::steady_clock::time_point readAt_ = std::chrono::steady_clock::now();
+  };
+
+  explicit SharedReceiver(ReceiverAddress address, std::chrono::milliseconds silenceLimit)
+      : address_(std::move(address)), silenceLimit_(silenceLimit) {}
+
+ private:
+  friend class SharedReceivers;
+  enum class Phase { kOpening, kOpen, kEnded };
+
+  static constexpr std::size_t kMaxQueued = std::size_t{8} << 20;  // bytes
+  static constexpr std::chrono::milliseconds kMaxPause{1000};
+
+  // None once the last reader has left, or the connection has ended.
+  std::unique_ptr<Subscription> Subscribe(const config::ProgramChoice& program);
+  void Leave(Subscription& reader);
+  // False at the deadline.
+  bool WaitUntilEnded(ffmpeg::IoDeadline& deadline);
+  void Run();
+  int Receive();
+  void End(int failure);
+  void WaitForReaders();
+  void Distribute(Bytes bytes);
+  static void Push(Subscription& reader);
+
+  const ReceiverAddress address_;
+  const std::chrono::milliseconds silenceLimit_;
+  ffmpeg::IoDeadline deadline_;
+
+  os::Mutex lock_;
+  os::ConditionVariable changed_;  // the phase
+  os::ConditionVariable read_;     // a reader has, or has left
+  Phase phase_ GUARDED_BY(lock_) = Phase::kOpening;
+  int failure_ GUARDED_BY(lock_) = 0;  // AVERROR code that it ended with
+  bool carriesOther_ GUARDED_BY(lock_) = false;
+  bool isLeft_ GUARDED_BY(lock_) = false;  // by the last reader
+  std::vector<Subscription*> readers_ GUARDED_BY(lock_);
+
+  // The thread's only.
+  TransportPackets packets_;
+  ProgramTables tables_;
+};
+
+// The connections of one wall. Any thread; readers may outlive it.
+class SharedReceivers {
+ public:
+  // silenceLimit: after which a connection without data is closed. Waits while the same connection
+  // is being closed; none at the deadline. Throws std::system_error when there is no thread for it.
+  std::unique_ptr<SharedReceiver::Subscription> Subscribe(const ReceiverAddress& address,
+                                                          std::chrono::milliseconds silenceLimit,
+                                                          const config::ProgramChoice& program,
+                                                          ffmpeg::IoDeadline& deadline);
+
+ private:
+  os::Mutex lock_;
+  std::map<ReceiverAddress, std::weak_ptr<SharedReceiver>> receivers_ GUARDED_BY(lock_);
+};
+
+}  // namespace host
