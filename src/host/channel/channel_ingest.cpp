@@ -13,6 +13,10 @@ using std::chrono::milliseconds;
 constexpr milliseconds kWaited{1000};
 // A rate that rounding keeps below twice another one.
 constexpr double kTwice = 1.99;
+// Of frames, after their time: well before they are too late to be shown.
+constexpr Time kLate = 3 * kSecond / 10;
+// How soon it is asked again then, in seconds.
+constexpr double kSoon = 0.4;
 
 }  // namespace
 
@@ -127,6 +131,9 @@ std::optional<milliseconds> ChannelIngest::RunOnce() {
       return std::nullopt;
     }
     reader_ = reader;
+  }
+  if (settings_.decodeSeat) {
+    reader->TakeTurns([seat = settings_.decodeSeat] { return seat->TakeTurn(); });
   }
   const std::optional<milliseconds> delay = Attempt(*reader);
   {
@@ -252,12 +259,14 @@ bool ChannelIngest::BeginDecoding(MediaReader& reader) {
   observedAt_ = std::chrono::steady_clock::now();
   const std::optional<VideoInfo>& video = reader.info().video;
   if (!settings_.pressure || !video) {
+    reader.SetStep(settings_.renderStep);
     return true;
   }
   const config::Window& window = settings_.channel.window;
   const Time now = settings_.now();
   policy_.Opened({video->width >= 2 * window.width && video->height >= 2 * window.height,
-                  video->frameRate.value() >= kTwice * settings_.canvas.frameRate.value()},
+                  video->frameRate.value() >= kTwice * settings_.canvas.frameRate.value(),
+                  video->frameRate.value() / settings_.canvas.frameRate.value()},
                  now);
   DecodePolicy::Load load;
   load.frames = 1;
@@ -267,14 +276,15 @@ bool ChannelIngest::BeginDecoding(MediaReader& reader) {
 bool ChannelIngest::FollowLoad(MediaReader& reader, SourceSession& session) {
   const auto now = std::chrono::steady_clock::now();
   const double elapsed = std::chrono::duration<double>(now - observedAt_).count();
-  if (!settings_.pressure || !reader.info().video || elapsed < 1) {
+  DecodePolicy::Load load;
+  load.isLate = session.placer().behind() > kLate;
+  if (!settings_.pressure || !reader.info().video || elapsed < (load.isLate ? kSoon : 1.0)) {
     return true;
   }
   observedAt_ = now;
   const double waited = std::chrono::duration<double>(std::exchange(waitedForRoom_, {}) +
                                                       reader.TakeWaited() + session.TakeWaited())
                             .count();
-  DecodePolicy::Load load;
   load.busy = std::clamp(1 - waited / elapsed, 0.0, 1.0);
   load.frames = reader.TakeFrames() / elapsed / settings_.canvas.frameRate.value();
   return Decide(reader, settings_.now(), load);
@@ -284,9 +294,20 @@ bool ChannelIngest::Decide(MediaReader& reader, Time now, DecodePolicy::Load loa
   load.pressure = settings_.pressure->level();
   load.isImportant = settings_.channel.selected;
   load.isShown = settings_.channel.options.enabled;
+  if (settings_.decodeSeat) {
+    load.admits = [&](double processors) {
+      return settings_.decodeSeat->Admit(now, processors, policy_.step());
+    };
+  }
   const bool wasKeyframesOnly = policy_.step() == DecodeStep::kKeyframesOnly;
   const bool hasChanged = policy_.Observe(now, load);
   reader.SetStep(policy_.step());
+  if (policy_.complains()) {
+    settings_.pressure->Complain(now);
+  }
+  if (settings_.decodeSeat && (policy_.complains() || policy_.isOverloaded())) {
+    settings_.decodeSeat->NoteOverload(now);
+  }
   if (!hasChanged) {
     return true;
   }

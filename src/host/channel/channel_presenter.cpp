@@ -117,6 +117,9 @@ void ChannelPresenter::ReportAudio() {
 // What follows from the time alone.
 void ChannelPresenter::Watch(Time now) {
   now_ = std::max(now_, now);
+  if (settings_.decodeSeat && settings_.decodeSeat->waits()) {
+    life_.CameLate(now_);
+  }
   Report(life_.Tick(now_));
   if (life_.status().state == ChannelState::kLive) {
     alarms_.Tick(now_);
@@ -139,6 +142,7 @@ void ChannelPresenter::OnSourceEvent(const SourceEvent& event, Time now) {
   }
   if (event.kind == SourceEvent::Kind::kDecoding) {
     keyframesOnly_ = event.keyframesOnly;
+    life_.Expect(keyframesOnly_ ? kKeyframeDuration : 0);
     NoteLook();
     return;
   }
@@ -156,6 +160,7 @@ void ChannelPresenter::Show(const ReadyFrame& picture, Time start, Time duration
   now_ = std::max(now_, start);
   if (!frames_.Takes(start)) {
     ++late_;
+    life_.CameLate(now_);
     return;
   }
   Report(life_.Shown(now_, duration));

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "host/channel/decode_budget.h"
 #include "host/channel/decode_policy.h"
 #include "host/config/wall.h"
 #include "host/feed/audio_format.h"
@@ -31,10 +32,12 @@ struct ChannelSettings {
   std::function<std::optional<Time>()> presentFrame;
   // The channel's track in the outputs; null: compressed audio does not leave the channel.
   std::shared_ptr<AudioTrack> audioTrack;
-  qorp::log::ILogPerf* logger = nullptr;  // not owned, may be null
+  qorp::log::ILogPerf* logger = nullptr;      // not owned, may be null
+  DecodeStep renderStep = DecodeStep::kFull;  // of a rendered wall
   // What asks for less decoding besides the channel's own load; null of a rendered wall, which
   // decodes everything.
-  std::shared_ptr<const WallPressure> pressure;
+  std::shared_ptr<WallPressure> pressure;
+  std::shared_ptr<DecodeSeat> decodeSeat;  // null of a rendered wall, too
   // No threads: the owner fills the queue and calls DeliverUpTo (simulations).
   bool driven = false;
 

@@ -79,6 +79,7 @@ bool SourceSession::Handle(MediaItem item) {
   if (auto* const picture = std::get_if<DecodedFrame>(&item)) {
     Count(true, picture->discontinuity);
     try {
+      const DecodeBudget::Turn turn = TakeTurn();
       converter_.Push(std::move(*picture));
     } catch (const ffmpeg::Error&) {
       LoseFrame();
@@ -162,6 +163,10 @@ void SourceSession::LoseFrame() {
   }
 }
 
+DecodeBudget::Turn SourceSession::TakeTurn() const {
+  return settings_.decodeSeat ? settings_.decodeSeat->TakeTurn() : DecodeBudget::Turn();
+}
+
 bool SourceSession::DrainConverter() {
   while (const FrameConverter::FrameTimes* const next = converter_.Next()) {
     const FrameConverter::FrameTimes times = *next;
@@ -174,8 +179,12 @@ bool SourceSession::DrainConverter() {
     if (!sample || FAILED(sample->GetPointer(&buffer))) {
       return false;
     }
+    FrameCondition condition;
     try {
+      const DecodeBudget::Turn turn = TakeTurn();
       converter_.Write({buffer, converter_.bufferSize()});
+      const config::Window& window = settings_.channel.window;
+      condition = frameMeter_.Measure(buffer, window.width, window.height);
     } catch (const ffmpeg::Error&) {
       LoseFrame();
       continue;
@@ -183,8 +192,6 @@ bool SourceSession::DrainConverter() {
     lostInARow_ = 0;
     sample->SetActualDataLength(static_cast<LONG>(converter_.bufferSize()));
     sample->SetSyncPoint(TRUE);
-    const config::Window& window = settings_.channel.window;
-    const FrameCondition condition = frameMeter_.Measure(buffer, window.width, window.height);
     if (!placer_.Add(times.start, times.duration, times.discontinuity,
                      ReadyFrame{sample, condition})) {
       return false;

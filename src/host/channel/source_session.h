@@ -50,6 +50,8 @@ class SourceSession {
  private:
   // Throws the error again when it is one of many in a row.
   void LoseFrame();
+  // For what computes; see DecodeBudget.
+  DecodeBudget::Turn TakeTurn() const;
   void Count(bool isFrame, bool isDiscontinuity);
   bool DrainConverter();
   bool AddReading(const LevelMeter::Reading& reading);

@@ -57,6 +57,7 @@ WallSession::WallSession(Settings settings)
       labelsUntil_(std::chrono::steady_clock::now() + kLabelsLimit),
       clock_(settings_.wall.canvas.clockOffset),
       pressure_(settings_.live ? std::make_shared<WallPressure>() : nullptr),
+      budget_(settings_.live ? std::make_shared<DecodeBudget>(DecodeBudget::Machine()) : nullptr),
       composer_(settings_.composerLibrary, CanvasOf(settings_.wall),
                 settings_.composerLogger != nullptr ? settings_.composerLogger : settings_.logger),
       graph_(FilterGraph::Create()) {
@@ -167,7 +168,11 @@ ChannelSettings WallSession::SettingsOf(std::size_t index, WallWindow* window) {
     settings.audioTrack = audioTracks_.at(index);
   }
   settings.logger = settings_.logger;
+  settings.renderStep = settings_.renderStep;
   settings.pressure = pressure_;
+  if (budget_) {
+    settings.decodeSeat = std::make_shared<DecodeSeat>(budget_, settings.channel.selected);
+  }
   return settings;
 }
 
