@@ -203,8 +203,7 @@ class SimulatedWall {
                         "",
                         false});
     }
-    schedule_ = std::make_shared<host::WindowSchedule>(shown_, scenario_.canvasRate,
-                                                       canvas_.delay);
+    schedule_ = std::make_shared<host::WindowSchedule>(shown_, scenario_.canvasRate, canvas_.delay);
     background.sending = [this](host::Time start) { schedule_->FrameSent(start); };
     background_ = host::BackgroundSource::Create(std::move(background));
     sink_ = host::CompositionSink::Create(

@@ -13,6 +13,10 @@ using std::chrono::milliseconds;
 constexpr milliseconds kWaited{1000};
 // A rate that rounding keeps below twice another one.
 constexpr double kTwice = 1.99;
+// Of frames, after their time: well before they are too late to be shown.
+constexpr Time kLate = 3 * kSecond / 10;
+// How soon it is asked again then, in seconds.
+constexpr double kSoon = 0.4;
 
 }  // namespace
 
@@ -132,6 +136,9 @@ std::optional<milliseconds> ChannelIngest::RunOnce() {
       return std::nullopt;
     }
     reader_ = reader;
+  }
+  if (settings_.decodeSeat) {
+    reader->TakeTurns([seat = settings_.decodeSeat] { return seat->TakeTurn(); });
   }
   const std::optional<milliseconds> delay = Attempt(*reader);
   formerBytes_ += reader->bytes();
@@ -292,6 +299,7 @@ bool ChannelIngest::BeginDecoding(RenditionReader& reader) {
   decodedFor_ = {};
   const std::optional<VideoInfo>& video = reader.info().video;
   if (!settings_.pressure || !video) {
+    reader.SetStep(settings_.renderStep);
     return true;
   }
   const Time now = settings_.now();
@@ -306,7 +314,8 @@ void ChannelIngest::FollowWindow(const VideoInfo& video, Time now) {
   if (decodedFor_ != size) {
     decodedFor_ = size;
     policy_.Opened({video.width >= 2 * size.width && video.height >= 2 * size.height,
-                    video.frameRate.value() >= kTwice * settings_.canvas.frameRate.value()},
+                    video.frameRate.value() >= kTwice * settings_.canvas.frameRate.value(),
+                    video.frameRate.value() / settings_.canvas.frameRate.value()},
                    now);
   }
 }
@@ -314,14 +323,15 @@ void ChannelIngest::FollowWindow(const VideoInfo& video, Time now) {
 bool ChannelIngest::FollowLoad(RenditionReader& reader, SourceSession& session) {
   const auto now = std::chrono::steady_clock::now();
   const double elapsed = std::chrono::duration<double>(now - observedAt_).count();
-  if (!settings_.pressure || !reader.info().video || elapsed < 1) {
+  DecodePolicy::Load load;
+  load.isLate = session.placer().behind() > kLate;
+  if (!settings_.pressure || !reader.info().video || elapsed < (load.isLate ? kSoon : 1.0)) {
     return true;
   }
   observedAt_ = now;
   const double waited = std::chrono::duration<double>(std::exchange(waitedForRoom_, {}) +
                                                       reader.TakeWaited() + session.TakeWaited())
                             .count();
-  DecodePolicy::Load load;
   load.busy = std::clamp(1 - waited / elapsed, 0.0, 1.0);
   load.frames = reader.TakeFrames() / elapsed / settings_.canvas.frameRate.value();
   FollowWindow(*reader.info().video, settings_.now());
@@ -344,9 +354,21 @@ bool ChannelIngest::Decide(RenditionReader& reader, Time now, DecodePolicy::Load
     load.isShown = window.isShown;
   }
   policy_.SetSetting(decode_);
+  if (settings_.decodeSeat) {
+    settings_.decodeSeat->SetImportant(load.isImportant);
+    load.admits = [&](double processors) {
+      return settings_.decodeSeat->Admit(now, processors, policy_.step());
+    };
+  }
   const bool wasKeyframesOnly = policy_.step() == DecodeStep::kKeyframesOnly;
   const bool hasChanged = policy_.Observe(now, load);
   reader.SetStep(policy_.step());
+  if (policy_.complains()) {
+    settings_.pressure->Complain(now);
+  }
+  if (settings_.decodeSeat && (policy_.complains() || policy_.isOverloaded())) {
+    settings_.decodeSeat->NoteOverload(now);
+  }
   if (!hasChanged) {
     return true;
   }

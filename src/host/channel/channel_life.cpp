@@ -58,6 +58,12 @@ bool ChannelLife::Shown(Time now, Time duration) {
   return status_.state != ChannelState::kLive && Become(ChannelState::kLive, {}, now);
 }
 
+void ChannelLife::CameLate(Time now) {
+  if (status_.state == ChannelState::kLive) {
+    lastFrame_ = now;
+  }
+}
+
 bool ChannelLife::Failed(const std::string& reason, Time now) {
   switch (status_.state) {
     case ChannelState::kOpening:
@@ -76,7 +82,8 @@ bool ChannelLife::Failed(const std::string& reason, Time now) {
 bool ChannelLife::Tick(Time now) {
   const Time missing = now - lastFrame_.value_or(now);
   bool changed = false;
-  if (status_.state == ChannelState::kLive && missing >= FrameTimeout(lastDuration_)) {
+  if (status_.state == ChannelState::kLive &&
+      missing >= FrameTimeout(std::max(lastDuration_, expected_))) {
     changed = Become(ChannelState::kHeld, "no picture comes", *lastFrame_);
   }
   if (status_.state == ChannelState::kHeld && missing >= hold_) {

@@ -1,6 +1,7 @@
 // ChannelLife: what state a channel is in.
 #pragma once
 
+#include <algorithm>
 #include <optional>
 #include <string>
 
@@ -51,6 +52,11 @@ class ChannelLife {
   //
   // A frame of the source is shown, of that duration.
   bool Shown(Time now, Time duration);
+  // A frame came, too late to be shown or to be decoded: the machine is slow, not the source. Keeps
+  // a live channel live, and makes none live.
+  void CameLate(Time now);
+  // From now on frames may be so long, whatever those say that still come.
+  void Expect(Time duration) { expected_ = duration; }
   // The source failed or ended; whatever it gave before has been shown.
   bool Failed(const std::string& reason, Time now);
   // Time has passed.
@@ -66,6 +72,7 @@ class ChannelLife {
   Status status_;
   std::optional<Time> lastFrame_;
   Time lastDuration_ = 0;
+  Time expected_ = 0;
   std::optional<Time> straggler_;  // the latest frame while held or lost
   int stragglers_ = 0;             // in a row
 };

@@ -234,6 +234,9 @@ void ChannelPresenter::ReportAudio() {
 // What follows from the time alone.
 void ChannelPresenter::Watch(Time now) {
   now_ = std::max(now_, now);
+  if (settings_.decodeSeat && settings_.decodeSeat->waits()) {
+    life_.CameLate(now_);
+  }
   Report(life_.Tick(now_));
   if (life_.status().state == ChannelState::kLive) {
     alarms_.Tick(now_);
@@ -256,6 +259,7 @@ void ChannelPresenter::OnSourceEvent(const SourceEvent& event, Time now) {
   }
   if (event.kind == SourceEvent::Kind::kDecoding) {
     keyframesOnly_ = event.keyframesOnly;
+    life_.Expect(keyframesOnly_ ? kKeyframeDuration : 0);
     NoteLook();
     return;
   }
@@ -281,6 +285,7 @@ void ChannelPresenter::Show(const ReadyFrame& picture, Time start, Time duration
       hasSize ? picture.sample : Resized(picture.sample.Get(), picture.size);
   if (!frames_.Takes(start) || !frame) {
     ++late_;
+    life_.CameLate(now_);
     return;
   }
   Report(life_.Shown(now_, duration));

@@ -7,9 +7,10 @@
 #include <optional>
 #include <string>
 
+#include "host/channel/decode_budget.h"
 #include "host/channel/decode_policy.h"
-#include "host/channel/window_schedule.h"
 #include "host/channel/source/shared_receiver.h"
+#include "host/channel/window_schedule.h"
 #include "host/config/wall.h"
 #include "host/feed/audio_format.h"
 #include "host/units.h"
@@ -37,10 +38,12 @@ struct ChannelSettings {
   std::function<std::optional<Time>()> presentFrame;
   // The channel's track in the outputs; null: compressed audio does not leave the channel.
   std::shared_ptr<AudioTrack> audioTrack;
-  qorp::log::ILogPerf* logger = nullptr;  // not owned, may be null
+  qorp::log::ILogPerf* logger = nullptr;      // not owned, may be null
+  DecodeStep renderStep = DecodeStep::kFull;  // of a rendered wall
   // What asks for less decoding besides the channel's own load; null of a rendered wall, which
   // decodes everything.
-  std::shared_ptr<const WallPressure> pressure;
+  std::shared_ptr<WallPressure> pressure;
+  std::shared_ptr<DecodeSeat> decodeSeat;  // null of a rendered wall, too
   // Connections that the channel shares with others of the wall; null of a rendered wall, whose
   // channels open their own.
   std::shared_ptr<SharedReceivers> receivers;

@@ -21,9 +21,14 @@ constexpr Time kMaxRelief = 160 * kSecond;
 constexpr Time kLasting = 30 * kSecond;
 // Of the wall without a loss, until it asks for less.
 constexpr Time kQuiet = 10 * kSecond;
+// Until a channel that was slowed down has given way.
+constexpr Time kYielding = 3 * kSecond;
 // Longer than the distance of keyframes of nearly all senders.
 constexpr Time kWithoutKeyframes = 12 * kSecond;
 constexpr double kEnoughFrames = 0.9;
+
+constexpr const char* kCannotKeepUp = "decoding cannot keep up with the source";
+constexpr const char* kWallLacks = "the wall is late or its outputs drop frames";
 
 DecodeStep StepOf(int number) {
   return static_cast<DecodeStep>(std::clamp(number, 0, kMax));
@@ -37,15 +42,30 @@ const char* NameOf(DecodeStep step) {
   return kNames[static_cast<std::size_t>(step)];
 }
 
+void WallPressure::Raise(Time now) {
+  changedAt_.store(now, std::memory_order_relaxed);
+  int level = this->level();
+  while (level < kMaxLevel &&
+         !level_.compare_exchange_weak(level, level + 1, std::memory_order_relaxed)) {
+  }
+}
+
+// Once the others have yielded, that has to show first.
+void WallPressure::Complain(Time now) {
+  if (level() < kMax || now - changedAt_.load(std::memory_order_relaxed) >= kYielding) {
+    Raise(now);
+  }
+}
+
 void WallPressure::Observe(Time now, std::uint64_t losses) {
-  const int level = this->level();
+  int level = this->level();
   if (losses > losses_) {
     losses_ = losses;
-    changedAt_ = now;
-    level_.store(std::min(level + 1, kMaxLevel), std::memory_order_relaxed);
-  } else if (level > 0 && now - changedAt_ >= kQuiet) {
-    changedAt_ = now;
-    level_.store(level - 1, std::memory_order_relaxed);
+    Raise(now);
+  } else if (level > 0 && now - changedAt_.load(std::memory_order_relaxed) >= kQuiet) {
+    changedAt_.store(now, std::memory_order_relaxed);
+    // Not where it was raised meanwhile.
+    level_.compare_exchange_strong(level, level - 1, std::memory_order_relaxed);
   }
 }
 
@@ -57,33 +77,60 @@ void DecodePolicy::Opened(const Source& source, Time now) {
   relief_ = std::max(relief_, kMinRelief);
 }
 
-void DecodePolicy::FollowLoad(Time now, double busy) {
-  if (busy >= kOverload) {
+void DecodePolicy::Raise(Time now, int step, const char* reason) {
+  step = std::min(step, kMax);
+  if (step <= own_) {
+    return;
+  }
+  own_ = step;
+  overloaded_ = 0;
+  relaxedSince_ = now;
+  isRaised_ = true;
+  ownReason_ = reason;
+  if (wasLowered_ && now - loweredAt_ < kLasting) {
+    relief_ = std::min(2 * relief_, kMaxRelief);
+  }
+  wasLowered_ = false;
+}
+
+void DecodePolicy::FollowLoad(Time now, const Load& load, int pressed) {
+  const int at = static_cast<int>(step_);
+  const auto cost = [](int step) { return kCosts[static_cast<std::size_t>(step)]; };
+  complains_ = isRaised_ = false;
+  Raise(now, pressed, kWallLacks);
+  if (load.busy >= kOverload) {
     relaxedSince_ = now;
-    if (++overloaded_ < kOverloadedUntilNext || own_ >= kMax) {
+    if (load.isImportant) {
+      complains_ = load.isLate || ++overloaded_ >= kOverloadedUntilNext;
+      overloaded_ = complains_ ? 0 : overloaded_;
       return;
     }
-    overloaded_ = 0;
-    own_ = std::max(own_, static_cast<int>(step_)) + 1;
-    own_ = std::min(own_, kMax);
-    if (wasLowered_ && now - loweredAt_ < kLasting) {
-      relief_ = std::min(2 * relief_, kMaxRelief);
+    const bool isLate = load.isLate && at < static_cast<int>(DecodeStep::kReferencedOnly);
+    if (isLate) {
+      // What it managed of the source.
+      const double pace = load.frames / source_.frameRate;
+      int step = at + 1;
+      while (step < kMax && cost(step) > pace * cost(at)) {
+        ++step;
+      }
+      Raise(now, step, kCannotKeepUp);
+    } else if (load.isLate || ++overloaded_ >= kOverloadedUntilNext) {
+      Raise(now, std::max(own_, at) + 1, kCannotKeepUp);
     }
-    wasLowered_ = false;
     return;
   }
   overloaded_ = 0;
   if (wasLowered_ && now - loweredAt_ >= kLasting) {
     relief_ = kMinRelief;
   }
-  if (own_ == 0) {
+  if (own_ <= pressed) {
     return;
   }
-  const auto at = static_cast<std::size_t>(step_);
-  const double expected = busy / kCosts[at] * kCosts[static_cast<std::size_t>(own_ - 1)];
+  const double expected = load.busy / cost(at) * cost(own_ - 1);
   if (expected > kRelaxed) {
     relaxedSince_ = now;
-  } else if (now - relaxedSince_ >= relief_) {
+  } else if (now - relaxedSince_ >= relief_ &&
+             (!load.admits || load.admits(std::max(expected - load.busy, 0.0)))) {
     --own_;
     relaxedSince_ = loweredAt_ = now;
     wasLowered_ = true;
@@ -109,13 +156,13 @@ bool DecodePolicy::Observe(Time now, const Load& load) {
   if (step_ == DecodeStep::kKeyframesOnly && now - framesAt_ >= kWithoutKeyframes) {
     most_ = DecodeStep::kReferencedOnly;
   }
-  FollowLoad(now, load.busy);
+  const int pressed = load.isImportant ? load.pressure - kMax : load.pressure;
+  FollowLoad(now, load, pressed);
 
   struct Wish {
     DecodeStep step;
     const char* reason;
   };
-  const int pressed = load.isImportant ? load.pressure - kMax : load.pressure;
   Wish wish{DecodeStep::kFull, ""};
   const auto ask = [&wish](DecodeStep step, const char* reason) {
     if (step > wish.step) {
@@ -137,8 +184,7 @@ bool DecodePolicy::Observe(Time now, const Load& load) {
   if (source_.isReduced) {
     ask(DecodeStep::kUnreferencedUnfiltered, "the window is at most half as large as the source");
   }
-  ask(StepOf(own_), "decoding cannot keep up with the source");
-  ask(StepOf(pressed), "the wall is late or its outputs drop frames");
+  ask(StepOf(own_), ownReason_);
   return Take(std::min(wish.step, most_), wish.reason);
 }
 

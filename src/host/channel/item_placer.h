@@ -116,6 +116,8 @@ class ItemPlacer {
   const LeftOut& leftOut() const { return leftOut_; }
   Time jitter() const { return timeline_.jitter(); }
   Time lead() const { return timeline_.lead(); }
+  // How long after its time the latest frame came; negative: before it.
+  Time behind() const { return timeline_.behind(); }
 
  private:
   // The first frame places a live source: it may come in the middle of a GOP, and audio that was

@@ -143,6 +143,7 @@ class LiveTimeline {
   // Of the last ten seconds: how far apart the earliest and the latest arrivals lie, and how long
   // before their time the earliest come.
   Time jitter() const { return range_.empty() ? 0 : range_.greatest() - range_.least(); }
+  Time behind() const { return behind_; }  // the latest item came that long after its time
   Time lead() const { return range_.empty() ? settings_.lead : -range_.least(); }
 
  private:

@@ -80,6 +80,7 @@ bool SourceSession::Handle(MediaItem item) {
   if (auto* const picture = std::get_if<DecodedFrame>(&item)) {
     Count(true, picture->discontinuity);
     try {
+      const DecodeBudget::Turn turn = TakeTurn();
       converter_.Push(std::move(*picture));
     } catch (const ffmpeg::Error&) {
       LoseFrame();
@@ -163,6 +164,10 @@ void SourceSession::LoseFrame() {
   }
 }
 
+DecodeBudget::Turn SourceSession::TakeTurn() const {
+  return settings_.decodeSeat ? settings_.decodeSeat->TakeTurn() : DecodeBudget::Turn();
+}
+
 bool SourceSession::DrainConverter() {
   while (const FrameConverter::FrameTimes* const next = converter_.Next()) {
     const FrameConverter::FrameTimes times = *next;
@@ -178,15 +183,17 @@ bool SourceSession::DrainConverter() {
     if (!sample || FAILED(sample->GetPointer(&buffer))) {
       return false;
     }
+    FrameCondition condition;
     try {
+      const DecodeBudget::Turn turn = TakeTurn();
       converter_.Write({buffer, converter_.bufferSize()});
+      condition = frameMeter_.Measure(buffer, size.width, size.height);
     } catch (const ffmpeg::Error&) {
       LoseFrame();
       continue;
     }
     lostInARow_ = 0;
     sample->SetSyncPoint(TRUE);
-    const FrameCondition condition = frameMeter_.Measure(buffer, size.width, size.height);
     if (!placer_.Add(times.start, times.duration, times.discontinuity,
                      ReadyFrame{sample, condition, size})) {
       return false;

@@ -50,6 +50,8 @@ class SourceSession {
  private:
   // Throws the error again when it is one of many in a row.
   void LoseFrame();
+  // For what computes; see DecodeBudget.
+  DecodeBudget::Turn TakeTurn() const;
   void Count(bool isFrame, bool isDiscontinuity);
   bool DrainConverter();
   Time Now() const { return settings_.now ? settings_.now() : 0; }

@@ -75,6 +75,7 @@ WallSession::WallSession(Settings settings)
       labelsUntil_(std::chrono::steady_clock::now() + kLabelsLimit),
       clock_(settings_.wall.canvas.clockOffset),
       pressure_(settings_.live ? std::make_shared<WallPressure>() : nullptr),
+      budget_(settings_.live ? std::make_shared<DecodeBudget>(DecodeBudget::Machine()) : nullptr),
       receivers_(settings_.live ? std::make_shared<SharedReceivers>() : nullptr),
       schedule_(std::make_shared<WindowSchedule>(
           WindowsOf(settings_.wall), settings_.wall.canvas.frameRate,
@@ -207,8 +208,12 @@ ChannelSettings WallSession::SettingsOf(std::size_t slot, const config::Channel&
     settings.audioTrack = audioTracks_.at(slot);
   }
   settings.logger = settings_.logger;
+  settings.renderStep = settings_.renderStep;
   settings.pressure = pressure_;
   settings.receivers = receivers_;
+  if (budget_) {
+    settings.decodeSeat = std::make_shared<DecodeSeat>(budget_, settings.channel.selected);
+  }
   return settings;
 }
 

@@ -44,6 +44,8 @@ class WallSession {
     // May be null.
     CompositionSink::TakeFrame takeFrame;
     bool live = false;
+    // At which a rendered wall decodes all its channels; everything but in measurements.
+    DecodeStep renderStep = DecodeStep::kFull;
     PacketQueue::Limits outputQueue;
     std::chrono::milliseconds finishLimit{5'000};  // of the outputs of a live wall
   };
@@ -132,7 +134,8 @@ class WallSession {
   std::shared_ptr<FrameWatch> watch_ = std::make_shared<FrameWatch>();
   std::atomic<std::uint64_t> composed_{0};
   const std::shared_ptr<WallPressure> pressure_;      // null of a rendered wall
-  const std::shared_ptr<SharedReceivers> receivers_;  // null of a rendered wall
+  const std::shared_ptr<DecodeBudget> budget_;        // likewise
+  const std::shared_ptr<SharedReceivers> receivers_;  // likewise
   Time pressureAt_ = 0;                               // the composition thread's
   const std::shared_ptr<WindowSchedule> schedule_;
   // Outlives the graph, whose threads hand on to it.

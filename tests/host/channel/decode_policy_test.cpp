@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <map>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -11,6 +13,8 @@ extern "C" {
 #include <libavutil/frame.h>
 }
 
+#include "host/channel/channel_life.h"
+#include "host/channel/decode_budget.h"
 #include "tests/host/clips.h"
 #include "tests/support/temporary_folder.h"
 
@@ -121,6 +125,128 @@ TEST_F(DecodePolicyTest, LeavesAStepThatGivesTooLittle) {
   EXPECT_EQ(Run(keyframes, 14, 0.5), "44444444444333");
   keyframes.Opened({}, now_);
   EXPECT_EQ(Run(keyframes, 1, 0.5), "4") << "another source may have some";
+}
+
+TEST_F(DecodePolicyTest, ALateChannelTakesAtOnceTheStepThatKeepsUp) {
+  struct Case {
+    double frames;  // that it managed, of the canvas's rate
+    double rate;    // of the source, likewise
+    const char* step;
+  };
+  for (const Case& each :
+       {Case{0.97, 1, "unreferenced_unfiltered"}, Case{0.7, 1, "referenced_only"},
+        Case{0.7, 2, "keyframes_only"}, Case{0.45, 1, "keyframes_only"}}) {
+    DecodePolicy policy(config::Decode::kAuto);
+    policy.Opened({false, false, each.rate}, now_);
+    load_ = {1, each.frames, 0, false, true, true, nullptr};
+    EXPECT_TRUE(policy.Observe(now_ += kSecond / 2, load_) && policy.isOverloaded());
+    EXPECT_STREQ(NameOf(policy.step()), each.step) << each.frames << " of " << each.rate;
+  }
+
+  // A selected one lets the others yield first.
+  DecodePolicy selected(config::Decode::kAuto);
+  selected.Opened({}, now_);
+  WallPressure pressure;
+  load_ = {1, 0.5, 0, true, true, true, nullptr};
+  std::string levels;
+  for (int i = 0; i < 14; ++i) {
+    selected.Observe(now_ += kSecond / 2, load_);
+    EXPECT_TRUE(selected.complains());
+    pressure.Complain(now_);
+    load_.pressure = pressure.level();
+    levels += static_cast<char>('0' + pressure.level());
+  }
+  EXPECT_EQ(levels, "12344444455555");
+  EXPECT_EQ(selected.step(), DecodeStep::kUnreferencedUnfiltered);
+}
+
+TEST_F(DecodePolicyTest, ComesDownWhenTheMachineHasRoomForIt) {
+  std::uint64_t idle = 0;
+  DecodeBudget budget({4, [&] { return idle; }});
+  std::vector<DecodePolicy> channels(8, DecodePolicy(config::Decode::kAuto));
+  for (DecodePolicy& each : channels) {
+    each.Opened({}, now_);
+    load_ = {1, 0.1, 0, false, true, true, nullptr};
+    each.Observe(now_ + kSecond, load_);
+    budget.NoteOverload(now_ + kSecond);
+  }
+  now_ += kSecond;
+  // How many decode more than keyframes after each second: a full channel takes half a processor.
+  const auto run = [&](int seconds, double idleProcessors) {
+    std::string counts;
+    for (int i = 0; i < seconds; ++i) {
+      now_ += kSecond;
+      idle += static_cast<std::uint64_t>(idleProcessors * kSecond);
+      for (DecodePolicy& each : channels) {
+        load_ = {each.step() == DecodeStep::kKeyframesOnly ? 0.06 : 0.3, 1, 0, false, true};
+        load_.admits = [&](double processors) {
+          return budget.Admit(now_, processors, each.step(), false);
+        };
+        each.Observe(now_, load_);
+      }
+      counts +=
+          static_cast<char>('0' + std::count_if(channels.begin(), channels.end(), [](auto& each) {
+                              return each.step() != DecodeStep::kKeyframesOnly;
+                            }));
+    }
+    return counts;
+  };
+  // One processor is idle, and 0.4 of the four stay so: two find room, each for a quarter of one.
+  EXPECT_EQ(run(12, 1), "000000000122");
+  EXPECT_EQ(run(2, 1), "23") << "what was granted counts until it shows";
+  // None is idle: one after the other tries, and none takes a further step before.
+  EXPECT_EQ(run(11, 0), "44444555556");
+  budget.NoteOverload(now_);
+  EXPECT_EQ(run(18, 0), "666666666777777777")
+      << "after an overload later, and after a failure half as often";
+}
+
+TEST(DecodeBudget, GivesTurnsToTheImportantFirst) {
+  DecodeBudget budget({1, [] { return std::uint64_t{0}; }});
+  DecodeSeat others(std::shared_ptr<DecodeBudget>(&budget, [](DecodeBudget*) {}), false);
+  DecodeSeat selected(std::shared_ptr<DecodeBudget>(&budget, [](DecodeBudget*) {}), true);
+  std::string order;  // guarded by the turn
+  std::vector<std::thread> threads;
+  {
+    const DecodeBudget::Turn turn = others.TakeTurn();
+    const auto start = [&](DecodeSeat& seat, char name) {
+      threads.emplace_back([&order, &seat, name] {
+        const DecodeBudget::Turn mine = seat.TakeTurn();
+        order += name;
+      });
+      while (!seat.waits()) {
+        std::this_thread::yield();
+      }
+    };
+    start(others, 'o');
+    start(selected, 's');
+    while (budget.waiting() < 2) {
+      std::this_thread::yield();
+    }
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(order, "so");
+  EXPECT_FALSE(others.waits() || selected.waits());
+}
+
+TEST(ChannelLife, IsNotHeldWhileOnlyTheMachineIsSlow) {
+  ChannelLife life(5 * kSecond, 0);
+  life.Shown(kSecond, kSecond / 25);
+  for (Time now = kSecond; now < 4 * kSecond; now += kSecond / 5) {
+    life.CameLate(now);
+    EXPECT_FALSE(life.Tick(now + kSecond / 10));
+  }
+  // Keyframes only, while frames that were decoded before still come.
+  life.Expect(kKeyframeDuration);
+  life.Shown(4 * kSecond, kSecond / 25);
+  EXPECT_FALSE(life.Tick(12 * kSecond));
+  EXPECT_TRUE(life.Tick(17 * kSecond));
+  EXPECT_EQ(life.status().state, ChannelState::kLost);
+  life.CameLate(17 * kSecond);
+  EXPECT_EQ(life.status().state, ChannelState::kLost)
+      << "a frame that is not shown makes none live";
 }
 
 // Each frame's luma, by its number.

@@ -182,6 +182,9 @@ void RenditionReader::OpenFirst(std::size_t index, std::string reason) {
     }
   }
   reader.reset();
+  if (turns_) {
+    reader_->TakeTurns(turns_);
+  }
   reader_->Open();
   index_ = index;
   openedAt_ = Clock::now();
@@ -447,6 +450,9 @@ void RenditionReader::ChangeOver() {
   from_ = next.from;
   follows_.fill(true);
   reader_->SetStep(step_);
+  if (turns_) {
+    reader_->TakeTurns(turns_);
+  }
   Note(std::move(next.reason));
 }
 

@@ -16,8 +16,6 @@ namespace {
 
 // A longer step forwards in a source whose timestamps are known to jump is no gap.
 constexpr Time kMaxGap = 10 * kSecond;
-// At least for that long a keyframe stands when nothing else is decoded.
-constexpr Time kKeyframeDuration = 4 * kSecond;
 
 std::optional<Time> GivenTime(std::int64_t timestamp) {
   return timestamp != AV_NOPTS_VALUE ? std::optional<Time>(timestamp) : std::nullopt;
@@ -117,6 +115,10 @@ void MediaDecoder::DecodeVideo(Track& track, const AVPacket& packet) {
     track.decoder->Drain(sink);
     MakeDecoder(track, stream);
   }
+  if (track.decoder->Leaves(packet)) {
+    return;
+  }
+  const DecodeBudget::Turn turn = turns_ ? turns_() : DecodeBudget::Turn();
   track.decoder->Decode(packet, sink);
 }
 

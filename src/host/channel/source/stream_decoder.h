@@ -103,6 +103,8 @@ enum class DecodeStep {
   kKeyframesOnly,
 };
 inline constexpr int kDecodeSteps = 5;
+// At least for that long a keyframe stands when nothing else is decoded.
+inline constexpr Time kKeyframeDuration = 4 * kSecond;
 
 // Decodes packets whose timestamps are in units of 100 ns; frames have the same unit. A damaged
 // packet is counted and skipped, as a monitor must: it never ends the stream. Frames of video begin
@@ -122,6 +124,11 @@ class StreamDecoder {
   // The step at which the latest packet was decoded.
   DecodeStep step() const { return step_; }
 
+  // Decode would do nothing with the packet.
+  bool Leaves(const AVPacket& packet) const {
+    return step_ == DecodeStep::kKeyframesOnly && wanted_ == step_ &&
+           (packet.flags & AV_PKT_FLAG_KEY) == 0;
+  }
   // Hands every frame that is ready to the sink.
   void Decode(const AVPacket& packet, const FrameSink& sink);
   // The stream is at its end: hands over what the decoder still holds.
