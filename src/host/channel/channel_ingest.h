@@ -118,7 +118,7 @@ class ChannelIngest {
   // False once the queue is closed.
   bool Announce(SourceEvent event);
   // That the service of the source has another name.
-  bool AnnounceName(const MediaReader& reader);
+  bool AnnounceName(const RenditionReader& reader);
 
   const std::shared_ptr<const ChannelSettings> shared_;
   const ChannelSettings& settings_;
