@@ -202,21 +202,20 @@ void SimulatedChannel::Show(const Frame& frame) {
   if (!session_->limiter.Pass(span.start)) {
     return;
   }
-  ComPtr<IMediaSample> sample = channel_->videoPin().NewSample(0, span.duration, false);
+  const LONG size = host::FrameBytes(WindowLayout::kWidth, WindowLayout::kHeight);
+  ComPtr<IMediaSample> sample = channel_->videoPin().NewFrame(0, span.duration, false, size);
   if (!sample) {
     // A reader waits here until the streaming thread has handed on what is late.
     StreamAt(services_.now());
-    sample = channel_->videoPin().NewSample(0, span.duration, false);
+    sample = channel_->videoPin().NewFrame(0, span.duration, false, size);
   }
   BYTE* pixels = nullptr;
   if (!sample || FAILED(sample->GetPointer(&pixels))) {
     services_.violated(channel_->name() + " has no buffer for a frame");
     return;
   }
-  const LONG size = host::FrameBytes(WindowLayout::kWidth, WindowLayout::kHeight);
   std::memset(pixels, 128, static_cast<std::size_t>(size));
   WindowLayout::Write(pixels, WindowLayout::kWidth, frame.id);
-  sample->SetActualDataLength(size);
   session_->placer.Add(span.start, span.duration, span.discontinuity, host::ReadyFrame{sample, {}});
   services_.placed(frame.id, channel_->queue().lastPushed().value_or(0));
   WatchLead(services_.now());
