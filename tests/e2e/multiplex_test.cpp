@@ -197,7 +197,7 @@ TEST_F(MultiplexTest, IsReceivedOnceAndAServiceThatGoesAndReturnsDisturbsNoOther
     // By number and by name.
     readers.push_back(std::make_unique<ServiceReader>(
         url, receivers,
-        i % 2 == 0 ? host::config::ProgramChoice{0, kServices[i]}
+        i % 2 == 1 ? host::config::ProgramChoice{0, kServices[i]}
                    : host::config::ProgramChoice{static_cast<int>(i) + 1, {}}));
   }
   const auto port = static_cast<std::uint16_t>(std::stoi(url.substr(url.rfind(':') + 1)));

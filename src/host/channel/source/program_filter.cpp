@@ -3,20 +3,25 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <string_view>
 
 extern "C" {
 #include <libavutil/crc.h>
 }
+
+#include "host/ffmpeg/mask.h"
 
 namespace host {
 namespace {
 
 // More do not fit on a slate.
 constexpr std::size_t kMaxNamed = 12;
+constexpr std::size_t kMaxName = 48;  // bytes
 constexpr std::size_t kStuffingPid = 0x1FFF;
 
 std::string Named(int number, const std::string& name) {
-  return std::to_string(number) + (name.empty() ? "" : " (" + name + ")");
+  const std::string_view shown = ffmpeg::CutToBytes(name, kMaxName);
+  return std::to_string(number) + (shown.empty() ? "" : " (" + std::string(shown) + ")");
 }
 
 std::string List(const std::map<int, std::string>& names) {
@@ -83,6 +88,7 @@ void ProgramFilter::Follow(const ProgramTables& tables) {
   const auto program = tables.programs().find(number_);
   if (program != tables.programs().end()) {
     mapPid_ = program->second.mapPid;
+    name_ = program->second.name;
     pids_.set(ProgramTables::kServicePid);
     pids_.set(static_cast<std::size_t>(mapPid_));
     for (const int pid : program->second.pids) {
@@ -90,8 +96,8 @@ void ProgramFilter::Follow(const ProgramTables& tables) {
     }
     pids_.reset(kStuffingPid);  // where a program has no PCR
   } else if (number_ != 0) {
-    missing_ = "its program " + Named(number_, wanted_.name) + " has ended; it has " +
-               List(NamesOf(tables));
+    missing_ =
+        "its program " + Named(number_, name_) + " has ended; it has " + List(NamesOf(tables));
   }
 }
 

@@ -51,6 +51,7 @@ class ProgramFilter {
   std::optional<Clock::time_point> begun_;
   std::uint64_t version_ = 0;  // of the tables
   int number_ = 0;             // of the program; 0: not found yet
+  std::string name_;           // of its service, as far as it is known
   int mapPid_ = 0;
   std::bitset<8192> pids_;    // that belong to it, but for the PAT
   std::uint8_t counter_ = 0;  // of its own PAT's packets

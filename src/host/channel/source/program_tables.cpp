@@ -19,6 +19,7 @@ constexpr std::uint8_t kServiceDescriptor = 0x48;
 // Programs, streams of a program: no real multiplex comes near.
 constexpr std::size_t kMaxPrograms = 200;
 constexpr std::size_t kMaxStreams = 64;
+constexpr std::size_t kMaxServices = 1000;
 
 }  // namespace
 
@@ -158,7 +159,8 @@ void ProgramTables::ReadNames() {
             Bytes(section).subspan(at + 2, std::min<std::size_t>(section[at + 1], end - at - 2));
         // Type of the service, length and name of the provider, length and name of the service.
         const std::size_t provider = descriptor.size() > 1 ? descriptor[1] : 0;
-        if (section[at] == kServiceDescriptor && descriptor.size() > provider + 2) {
+        if (section[at] == kServiceDescriptor && descriptor.size() > provider + 2 &&
+            names_.size() < kMaxServices) {
           const Bytes name = descriptor.subspan(provider + 3);
           names_[number] = BroadcastText(
               name.first(std::min<std::size_t>(descriptor[provider + 2], name.size())));

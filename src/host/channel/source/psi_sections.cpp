@@ -9,12 +9,14 @@ namespace {
 
 constexpr std::size_t kLengthEnd = 3;  // table, flags and length
 constexpr std::size_t kCrc = 4;
+constexpr std::size_t kParity = 16;  // of a Reed-Solomon code, behind a packet
 
 }  // namespace
 
 std::size_t TransportPackets::NextSync(Bytes bytes) {
+  const auto isSync = [&](std::size_t at) { return at >= bytes.size() || bytes[at] == kSync; };
   for (std::size_t at = 0; at < bytes.size(); ++at) {
-    if (bytes[at] == kSync && (at + kSize >= bytes.size() || bytes[at + kSize] == kSync)) {
+    if (bytes[at] == kSync && (isSync(at + kSize) || isSync(at + kSize + kParity))) {
       return at;
     }
   }

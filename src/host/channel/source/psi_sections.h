@@ -50,7 +50,8 @@ class TransportPackets {
   }
 
  private:
-  // Of the first sync byte that another one follows after a packet, as far as the bytes go.
+  // Of the first sync byte that another one follows after a packet, with or without 16 bytes of
+  // error correction between them, as far as the bytes go.
   static std::size_t NextSync(Bytes bytes);
 
   std::array<std::uint8_t, kSize> packet_{};  // the one that is coming in
