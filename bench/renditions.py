@@ -43,17 +43,18 @@ def run(arguments, folder, url):
         lines += ["[[channel]]", f'source = "{url}"', f"window = [{i % 4 * 480}, {i // 4 % 4 * 270}, 480, 270]", 'label = ""']
     wall = folder / "wall.toml"
     wall.write_text("\n".join(lines) + "\n")
-    process = subprocess.Popen([arguments.program, "run", wall, "--json", "--seconds", str(arguments.seconds)],
+    command = ["render", wall, "--snapshot", folder / "last.png", "--overwrite"] if arguments.render else ["run", wall]
+    process = subprocess.Popen([arguments.program, *command, "--json", "--seconds", str(arguments.seconds)],
                                stdout=subprocess.PIPE, text=True)
     events = [json.loads(line) for line in process.stdout]
     _, _, usage = os.wait4(process.pid, 0)
-    statuses = [event for event in events if event["event"] == "status"]
-    channels = statuses[-1]["channels"]
+    statuses = [event for event in events if event.get("event") == "status"] or events
+    channels = statuses[-1].get("channels", [])
     cpu = (usage.ru_utime + usage.ru_stime) / events[-1]["frames"]
-    size = channels[0].get("rendition", {})
-    read = [channel.get("bytes_read", 0) for channel in channels]
-    live = sum(channel["state"] == "live" for channel in channels)
-    print(f"  {cpu * 1000:6.1f} ms of CPU a frame; {events[-1]['frames']} frames, {events[-1]['late']} late; {live} live; "
+    size = channels[0].get("rendition", {}) if channels else {}
+    read = [channel.get("bytes_read", 0) for channel in channels] or [0]
+    live = sum(channel.get("state") == "live" for channel in channels)
+    print(f"  {cpu * 1000:6.1f} ms of CPU a frame; {events[-1]['frames']} frames, {events[-1].get('late', 0)} late; {live} live; "
           f"read for each source {min(read) / 1e6:.1f} to {max(read) / 1e6:.1f} MB"
           + (f"; {size['width']}x{size['height']}" if size else ""))
     return cpu
@@ -64,11 +65,13 @@ def main():
     parser.add_argument("--program", default="build/release/bin/tavrel")
     parser.add_argument("--channels", type=int, default=16)
     parser.add_argument("--seconds", type=float, default=20)
+    parser.add_argument("--render", action="store_true", help="as fast as the machine can, for one that is too small or busy "
+                        "to run the larger wall live; says nothing of the bytes")
     parser.add_argument("--clip", help="a clip to make the renditions of, instead of a test picture")
     arguments = parser.parse_args()
     with tempfile.TemporaryDirectory(prefix="tavrel-renditions-") as name:
         folder = pathlib.Path(name)
-        make(folder, arguments.seconds + 10, arguments.clip)
+        make(folder, arguments.seconds + (2 if arguments.render else 10), arguments.clip)
         handler = functools.partial(Handler, directory=name)
         with http.server.ThreadingHTTPServer(("127.0.0.1", 0), handler) as server:
             threading.Thread(target=server.serve_forever, daemon=True).start()

@@ -54,6 +54,9 @@ class ChannelLog final : public LineRecorder, public ChannelObserver {
   void AlarmChanged(const std::string& channel, const AlarmMonitor::Change& change) override {
     Add("alarm " + channel, std::string(NameOf(change.kind)) + (change.raised ? " on" : " off"));
   }
+  void RenditionChanged(const std::string& channel, const RenditionStatus& status) override {
+    Add("rendition " + channel, std::to_string(status.width));
+  }
   void AudioPathChanged(const std::string& channel, const std::string& what) override {
     Add("audio path " + channel, what);
   }
@@ -62,6 +65,7 @@ class ChannelLog final : public LineRecorder, public ChannelObserver {
   Lines States(const std::string& channel) const { return Of("state " + channel); }
   Lines Alarms(const std::string& channel) const { return Of("alarm " + channel); }
   Lines Audio(const std::string& channel) const { return Of("audio " + channel); }
+  Lines Renditions(const std::string& channel) const { return Of("rendition " + channel); }
   Lines AudioPaths(const std::string& channel) const { return Of("audio path " + channel); }
   bool Opened(const std::string& channel) const { return !Of("opened " + channel).empty(); }
   bool Ended(const std::string& channel) const { return !Of("ended " + channel).empty(); }

@@ -1,7 +1,9 @@
-// HttpServer: serves one file over HTTP, and knows no byte ranges.
+// HttpServer: serves one file, or several, over HTTP, and knows no byte ranges.
 #pragma once
 
 #include <atomic>
+#include <functional>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -19,7 +21,13 @@ class HttpServer {
     kStalls,  // after the first half
   };
 
-  HttpServer(std::string file, Manner manner) : file_(std::move(file)), manner_(manner) {
+  // What lies at a path; none: 404. By the server's thread.
+  using Find = std::function<std::optional<std::string>(const std::string& path)>;
+
+  HttpServer(std::string file, Manner manner)
+      : HttpServer([file = std::move(file)](const std::string&) { return file; }, manner) {}
+  explicit HttpServer(Find find, Manner manner = Manner::kIgnoresRanges)
+      : find_(std::move(find)), manner_(manner) {
     thread_ = std::thread([this] { Run(); });
   }
   ~HttpServer() {
@@ -30,6 +38,9 @@ class HttpServer {
   HttpServer& operator=(const HttpServer&) = delete;
 
   const std::string& url() const { return url_; }
+  std::string UrlOf(const std::string& name) const {
+    return "http://" + listener_.address() + "/" + name;
+  }
 
  private:
   // False at the end.
@@ -56,16 +67,23 @@ class HttpServer {
       }
       request.append(part, static_cast<std::size_t>(count));
     }
+    const std::size_t path = request.find(' ') + 1;
+    const std::optional<std::string> found =
+        find_(request.substr(path, request.find(' ', path) - path));
+    const std::string file = found.value_or("");
     const bool refused =
         manner_ == Manner::kRefusesRanges && request.find("Range:") != std::string::npos;
     const std::string head =
-        std::string(refused ? "HTTP/1.1 416 No" : "HTTP/1.1 200 OK") + "\r\nConnection: close\r\n" +
+        std::string(!found    ? "HTTP/1.1 404 No"
+                    : refused ? "HTTP/1.1 416 No"
+                              : "HTTP/1.1 200 OK") +
+        "\r\nConnection: close\r\n" +
         (manner_ == Manner::kPromisesRanges ? "Accept-Ranges: bytes\r\n" : "") +
-        "Content-Length: " + std::to_string(refused ? 0 : file_.size()) + "\r\n\r\n";
+        "Content-Length: " + std::to_string(refused ? 0 : file.size()) + "\r\n\r\n";
     const bool stalls = manner_ == Manner::kStalls;
-    const std::string answer = head + file_.substr(0, refused  ? 0
-                                                      : stalls ? file_.size() / 2
-                                                               : std::string::npos);
+    const std::string answer = head + file.substr(0, refused  ? 0
+                                                     : stalls ? file.size() / 2
+                                                              : std::string::npos);
     for (std::size_t sent = 0; sent < answer.size() && !ends_;) {
       const ssize_t count = ::send(peer, answer.data() + sent, answer.size() - sent, MSG_NOSIGNAL);
       if (count <= 0) {
@@ -78,7 +96,7 @@ class HttpServer {
     }
   }
 
-  const std::string file_;
+  const Find find_;
   const Manner manner_;
   const LocalSocket listener_{SOCK_STREAM};
   const std::string url_ = "http://" + listener_.address() + "/clip";
