@@ -123,6 +123,10 @@ std::optional<Time> ParseDuration(std::string_view text) {
   return static_cast<Time>(std::llround(seconds * kSecond));
 }
 
+Time DelayInFrames(Time delay, Ratio frameRate) {
+  return kMaxDelay - FrameStart(NearestFrame(kMaxDelay - delay, frameRate), frameRate);
+}
+
 std::optional<std::int64_t> ParseBitRate(std::string_view text) {
   const auto number = NumberAndUnit(text);
   if (!number || number->first > 1e12) {

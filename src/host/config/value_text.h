@@ -23,6 +23,10 @@ std::optional<Ratio> ParseAspect(std::string_view text);
 // A number and a unit: "250 ms", "1.5s", "2 min", "1 h"; a number alone is seconds.
 std::optional<Time> ParseDuration(std::string_view text);
 
+// The delay of a wall that is shorter than the longest one by whole frames and nearest to this one:
+// frames that were chosen for the grid of the canvas stay on it.
+Time DelayInFrames(Time delay, Ratio frameRate);
+
 // "800k", "6M", "6000000": bits per second.
 std::optional<std::int64_t> ParseBitRate(std::string_view text);
 
