@@ -174,7 +174,7 @@ std::string Seconds(Time time) {
 // A wall with a shorter delay has less room for what its sources do: a part of it goes for the
 // frames that wait.
 void Shorten(Time& time, Time delay) {
-  constexpr Time kUsed = kSecond / 10;
+  constexpr Time kUsed = 3 * kSecond / 20;
   time = time * ((delay - kUsed) / kMillisecond) / ((kSecond - kUsed) / kMillisecond);
 }
 
@@ -190,10 +190,13 @@ void TakeDelay(Scenario& scenario) {
     for (Time* const time : {&source.audioSkew, &source.burst, &source.jitter}) {
       Shorten(*time, scenario.delay);
     }
+    // The levels of late audio need some of it, too.
+    source.audioSkew = source.audioSkew * 3 / 4;
     source.drift *= static_cast<double>(scenario.delay) / kSecond;
     for (Fault& fault : source.faults) {
       if (fault.kind == Kind::kRemuxed) {
         Shorten(fault.amount, scenario.delay);
+        fault.amount = fault.amount * 3 / 4;
       }
     }
   }
