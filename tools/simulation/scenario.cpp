@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 
+#include "host/config/value_text.h"
 #include "host/config/wall.h"
 
 namespace simulation {
@@ -170,9 +171,11 @@ std::string Seconds(Time time) {
   return text;
 }
 
-// A wall with a shorter delay has so much less room for what its sources do.
+// A wall with a shorter delay has less room for what its sources do: a part of it goes for the
+// frames that wait.
 void Shorten(Time& time, Time delay) {
-  time = time * (delay / kMillisecond) / (kSecond / kMillisecond);
+  constexpr Time kUsed = 3 * kSecond / 20;
+  time = time * ((delay - kUsed) / kMillisecond) / ((kSecond - kUsed) / kMillisecond);
 }
 
 void TakeDelay(Scenario& scenario) {
@@ -180,15 +183,20 @@ void TakeDelay(Scenario& scenario) {
   if (dice.OneIn(2)) {
     return;
   }
-  scenario.delay = dice.OneIn(2) ? host::config::kMinDelay : dice.Between(200, 999) * kMillisecond;
+  scenario.delay = host::config::DelayInFrames(
+      dice.OneIn(2) ? host::config::kMinDelay : dice.Between(200, 999) * kMillisecond,
+      scenario.canvasRate);
   for (SourceModel& source : scenario.sources) {
     for (Time* const time : {&source.audioSkew, &source.burst, &source.jitter}) {
       Shorten(*time, scenario.delay);
     }
+    // The levels of late audio need some of it, too.
+    source.audioSkew = source.audioSkew * 3 / 4;
     source.drift *= static_cast<double>(scenario.delay) / kSecond;
     for (Fault& fault : source.faults) {
       if (fault.kind == Kind::kRemuxed) {
         Shorten(fault.amount, scenario.delay);
+        fault.amount = fault.amount * 3 / 4;
       }
     }
   }

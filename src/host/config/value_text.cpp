@@ -131,6 +131,10 @@ ProgramChoice ParseProgram(const std::string& text) {
   return isNumber ? ProgramChoice{number, {}} : ProgramChoice{0, text};
 }
 
+Time DelayInFrames(Time delay, Ratio frameRate) {
+  return kMaxDelay - FrameStart(NearestFrame(kMaxDelay - delay, frameRate), frameRate);
+}
+
 std::optional<std::int64_t> ParseBitRate(std::string_view text) {
   const auto number = NumberAndUnit(text);
   if (!number || number->first > 1e12) {

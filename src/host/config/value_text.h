@@ -26,6 +26,10 @@ std::optional<Time> ParseDuration(std::string_view text);
 // The number of a program from 1 to 65535, or otherwise the name of a service.
 ProgramChoice ParseProgram(const std::string& text);
 
+// The delay of a wall that is shorter than the longest one by whole frames and nearest to this one:
+// frames that were chosen for the grid of the canvas stay on it.
+Time DelayInFrames(Time delay, Ratio frameRate);
+
 // "800k", "6M", "6000000": bits per second.
 std::optional<std::int64_t> ParseBitRate(std::string_view text);
 

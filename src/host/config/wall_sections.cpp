@@ -136,7 +136,7 @@ void ReadDelay(TableReader& reader, Canvas& canvas) {
     reader.Error(kKey, "must be three frames at least, which take " +
                            std::to_string(least / kMillisecond) + " ms at this frame rate");
   }
-  canvas.delay = delay.value_or(canvas.delay);
+  canvas.delay = DelayInFrames(delay.value_or(canvas.delay), canvas.frameRate);
 }
 
 std::optional<int> ReadPixels(TableReader& reader, const char* key) {

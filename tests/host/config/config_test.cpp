@@ -75,7 +75,7 @@ perf_period = "500 ms"
   EXPECT_EQ(wall.canvas.aspect, (Ratio{16, 9}));
   EXPECT_EQ(wall.canvas.background.picture, folder / "back.png");
   EXPECT_EQ(wall.canvas.clockOffset, -40);
-  EXPECT_EQ(wall.canvas.delay, kSecond / 4);
+  EXPECT_EQ(wall.canvas.delay, kSecond - FrameStart(22, {30000, 1001}));
   const Channel& channel = wall.channels.at(0);
   EXPECT_EQ(channel.source, folder / "one.mp4");
   EXPECT_EQ(channel.window, (Window{-10, 4, 640, 360}));
