@@ -1,9 +1,9 @@
 // A whole wall: 16 channels demultiplexed, decoded, scaled, composed and encoded with the preset
-// "veryfast", audio passed on, in processor time for each composed frame. Beside it, in turns in one
-// run and with the same settings of the encoder: FFmpeg's graph for the same wall (scale, drawtext,
-// xstack, audio copied), GStreamer's compositor where it is installed, and the floor, which is the
-// same streams decoded and the same mosaic encoded with nothing between. Each is a process of its
-// own and runs several times; the median counts.
+// "veryfast", audio passed on, in processor time for each composed frame. Beside it, in turns in
+// one run and with the same settings of the encoder: FFmpeg's graph for the same wall (scale,
+// drawtext, xstack, audio copied), GStreamer's compositor where it is installed, and the floor,
+// which is the same streams decoded and the same mosaic encoded with nothing between. Each is a
+// process of its own and runs several times; the median counts.
 //
 //   pipeline [--runs N] [--channels N] [--ffmpeg COMMAND] CLIP ...
 //
@@ -177,8 +177,7 @@ void Floor(const Options& options, const std::string& raw) {
     const ffmpeg::Codec codec(avcodec_alloc_context3(decoder));
     avcodec_parameters_to_context(codec.get(), parameters);
     codec->thread_count = 1;
-    ffmpeg::Check(avcodec_open2(codec.get(), decoder, nullptr), "cannot decode",
-                  options.ClipOf(i));
+    ffmpeg::Check(avcodec_open2(codec.get(), decoder, nullptr), "cannot decode", options.ClipOf(i));
     const ffmpeg::Packet packet = ffmpeg::MakePacket();
     const ffmpeg::Frame frame = ffmpeg::MakeFrame();
     bool more = true;
@@ -224,17 +223,19 @@ std::string FfmpegCommand(const Options& options) {
     const std::string number = std::to_string(i);
     inputs += " -i " + Quoted(options.ClipOf(i));
     graph += "[" + number + ":v]scale=" + std::to_string(window.width) + ":" +
-             std::to_string(window.height) + ",drawtext=fontfile=" TAVREL_LABEL_FONT
-             ":text=Channel" + number + ":fontsize=24:fontcolor=white:x=(w-tw)/2:y=h-th-8[w" +
-             number + "];";
+             std::to_string(window.height) +
+             ",drawtext=fontfile=" TAVREL_LABEL_FONT ":text=Channel" + number +
+             ":fontsize=24:fontcolor=white:x=(w-tw)/2:y=h-th-8[w" + number + "];";
     stack += "[w" + number + "]";
     layout += (i == 0 ? "" : "|") + std::to_string(window.x) + "_" + std::to_string(window.y);
     maps += " -map " + number + ":a";
   }
-  graph += stack + "xstack=inputs=" + std::to_string(options.channels) + ":layout=" + layout + "[out]";
+  graph +=
+      stack + "xstack=inputs=" + std::to_string(options.channels) + ":layout=" + layout + "[out]";
   return options.ffmpeg + " -v error -y" + inputs + " -filter_complex " + Quoted(graph) +
          " -map '[out]'" + maps +
-         " -c:a copy -c:v libx264 -preset veryfast -crf 20 -g 50 -flags +cgop -r 25 -f mpegts /dev/null";
+         " -c:a copy -c:v libx264 -preset veryfast -crf 20 -g 50 -flags +cgop -r 25 -f mpegts "
+         "/dev/null";
 }
 
 std::string GstreamerCommand(const Options& options) {
@@ -246,13 +247,15 @@ std::string GstreamerCommand(const Options& options) {
                pad + "width=" + std::to_string(window.width) + pad +
                "height=" + std::to_string(window.height);
   }
-  command += " ! video/x-raw,format=I420,width=1920,height=1080,framerate=25/1"
-             " ! x264enc speed-preset=veryfast pass=qual quantizer=20 key-int-max=50"
-             " ! mpegtsmux ! fakesink sync=false";
+  command +=
+      " ! video/x-raw,format=I420,width=1920,height=1080,framerate=25/1"
+      " ! x264enc speed-preset=veryfast pass=qual quantizer=20 key-int-max=50"
+      " ! mpegtsmux ! fakesink sync=false";
   for (int i = 0; i < options.channels; ++i) {
-    command += " filesrc location=" + Quoted(options.ClipOf(i)) +
-               " ! qtdemux ! h264parse ! avdec_h264 max-threads=1 ! textoverlay text=Channel ! c.sink_" +
-               std::to_string(i);
+    command +=
+        " filesrc location=" + Quoted(options.ClipOf(i)) +
+        " ! qtdemux ! h264parse ! avdec_h264 max-threads=1 ! textoverlay text=Channel ! c.sink_" +
+        std::to_string(i);
   }
   return command;
 }
@@ -465,7 +468,8 @@ void Measure(const Options& options) {
       full = stages.windows;
     }
     const double all = costOf(setting.name) * frames / options.channels;
-    const double sum = stages.demultiplex + stages.decode + stages.scale + stages.meter + stages.levels;
+    const double sum =
+        stages.demultiplex + stages.decode + stages.scale + stages.meter + stages.levels;
     const auto percent = [&](double part) { return 100 * part / all; };
     std::printf("%-10s %11.1f%% %7.1f%% %7.1f%% %7.1f%% %7.1f%% %9.1f%% %10.1f\n", setting.name,
                 percent(stages.demultiplex), percent(stages.decode), percent(stages.scale),
@@ -495,7 +499,8 @@ Options Parse(int count, char** words) {
     }
   }
   if (options.clips.empty()) {
-    throw std::invalid_argument("usage: pipeline [--runs N] [--channels N] [--ffmpeg COMMAND] CLIP ...");
+    throw std::invalid_argument(
+        "usage: pipeline [--runs N] [--channels N] [--ffmpeg COMMAND] CLIP ...");
   }
   return options;
 }
