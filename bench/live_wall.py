@@ -117,7 +117,6 @@ def run(arguments, folder):
     lines = ["[wall]", f"width = {width}", f"height = {height}"]
     for i, (file, port) in enumerate(zip(files, ports)):
         url = f"udp://127.0.0.1:{port}" if is_udp else file.resolve()
-        # The first is one pixel smaller: a selected window keeps away from the edge of the canvas.
         lines += ["[[channel]]", f'source = "{url}"', f"window = {list(windows[i])}",
                   f"selected = {'true' if i == 0 else 'false'}"]
         lines += [f'decode = "{arguments.decode}"'] if arguments.decode else []

@@ -138,7 +138,10 @@ std::optional<milliseconds> ChannelIngest::RunOnce() {
     reader_ = reader;
   }
   if (settings_.decodeSeat) {
-    reader->TakeTurns([seat = settings_.decodeSeat] { return seat->TakeTurn(); });
+    reader->TakeTurns([seat = settings_.decodeSeat](const std::function<void()>& decode) {
+      const DecodeBudget::Turn turn = seat->TakeTurn();
+      decode();
+    });
   }
   const std::optional<milliseconds> delay = Attempt(*reader);
   formerBytes_ += reader->bytes();

@@ -150,7 +150,9 @@ bool DecodePolicy::Observe(Time now, const Load& load) {
     return false;
   }
   // Dropping has to leave enough of a fast source, and keyframes have to come.
-  if (step_ == DecodeStep::kReferencedOnly && load.frames < kEnoughFrames) {
+  // A channel that is slow says nothing of it.
+  const bool isSlow = load.isLate || load.busy >= kOverload;
+  if (step_ == DecodeStep::kReferencedOnly && load.frames < kEnoughFrames && !isSlow) {
     source_.isTwiceAsFast = false;
   }
   if (step_ == DecodeStep::kKeyframesOnly && now - framesAt_ >= kWithoutKeyframes) {

@@ -118,8 +118,12 @@ void MediaDecoder::DecodeVideo(Track& track, const AVPacket& packet) {
   if (track.decoder->Leaves(packet)) {
     return;
   }
-  const DecodeBudget::Turn turn = turns_ ? turns_() : DecodeBudget::Turn();
-  track.decoder->Decode(packet, sink);
+  const auto decode = [&] { track.decoder->Decode(packet, sink); };
+  if (inTurn_) {
+    inTurn_(decode);
+  } else {
+    decode();
+  }
 }
 
 void MediaDecoder::DecodeAudio(Track& track, const AVPacket& packet) {

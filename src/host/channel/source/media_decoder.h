@@ -9,7 +9,6 @@
 #include <optional>
 #include <utility>
 
-#include "host/channel/decode_budget.h"
 #include "host/channel/source/media_info.h"
 #include "host/channel/source/media_input.h"
 #include "host/channel/source/source_clock.h"
@@ -67,8 +66,9 @@ class MediaDecoder {
 
   // How much of the video is decoded from now on, whichever decoder it has; see StreamDecoder.
   void SetStep(DecodeStep step);
-  // Is called before video is decoded, whose turn it is until then; null: none is waited for.
-  void TakeTurns(std::function<DecodeBudget::Turn()> turns) { turns_ = std::move(turns); }
+  // Calls the decoding of each packet of video when its turn comes; null: it is called at once.
+  using InTurn = std::function<void(const std::function<void()>& decode)>;
+  void TakeTurns(InTurn inTurn) { inTurn_ = std::move(inTurn); }
 
  private:
   struct Track {
@@ -102,7 +102,7 @@ class MediaDecoder {
   std::array<std::optional<Track>, kTrackKinds.size()> tracks_;  // by TrackKind
   std::deque<MediaItem> ready_;                                  // what one packet gave, at most
   DecodeStep step_ = DecodeStep::kFull;                          // of the video
-  std::function<DecodeBudget::Turn()> turns_;
+  InTurn inTurn_;
   bool hasGiven_ = false;
   bool frameGiven_ = false;
   int frames_ = 0;

@@ -92,10 +92,8 @@ class MediaReader {
   std::uint64_t damagedPackets() const { return decoder_.damagedPackets(); }
   // How much of the video is decoded from now on.
   void SetStep(DecodeStep step) { decoder_.SetStep(step); }
-  // Waits for a turn before video is decoded; see DecodeBudget.
-  void TakeTurns(std::function<DecodeBudget::Turn()> turns) {
-    decoder_.TakeTurns(std::move(turns));
-  }
+  // See MediaDecoder.
+  void TakeTurns(MediaDecoder::InTurn inTurn) { decoder_.TakeTurns(std::move(inTurn)); }
   // Frames that were decoded since the last call, and how long it was waited for packets.
   int TakeFrames() { return decoder_.TakeFrames(); }
   std::chrono::nanoseconds TakeWaited() { return std::exchange(waited_, {}); }

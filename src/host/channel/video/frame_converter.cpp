@@ -283,6 +283,7 @@ void FrameConverter::UpdateScaler(const AVFrame& frame) {
   }
   scalerFormat_.reset();
   scaler_.reset();
+  box_.reset();
   scaled_.reset();
   colourFilter_.reset();
   fit_ = FitFrame(format.width, format.height, format.pixelAspect, settings_.width,
@@ -330,6 +331,21 @@ void FrameConverter::MakeScaler(const SourceFormat& format) {
   if (asItIs) {
     return;
   }
+  box_ = BoxScaler::For(pixels, format.width, format.height, fit_.width, fit_.height);
+  if (!box_) {
+    MakeGeneralScaler(format, pixels, !ownMatrix && fullRange);
+  } else if (matrix_->identity()) {
+    return;  // straight into the window
+  }
+  scaled_ = ffmpeg::MakeFrame();
+  scaled_->format = AV_PIX_FMT_YUV420P;
+  scaled_->width = fit_.width;
+  scaled_->height = fit_.height;
+  ffmpeg::Check(av_frame_get_buffer(scaled_.get(), 0), "cannot scale a picture");
+}
+
+void FrameConverter::MakeGeneralScaler(const SourceFormat& format, AVPixelFormat pixels,
+                                       bool isFullRangeBitmap) {
   const int filter = FilterFor(format.width, format.height, fit_) | SWS_ACCURATE_RND;
   scaler_.reset(sws_getContext(format.width, format.height, pixels, fit_.width, fit_.height,
                                AV_PIX_FMT_YUV420P, filter, nullptr, nullptr, nullptr));
@@ -339,16 +355,10 @@ void FrameConverter::MakeScaler(const SourceFormat& format) {
                         name != nullptr ? name : std::to_string(format.pixelFormat));
   }
   const int* const coefficients = sws_getCoefficients(SWS_CS_ITU601);
-  const int sourceRange = !ownMatrix && fullRange ? 1 : 0;
-  if (!ownMatrix) {
-    sws_setColorspaceDetails(scaler_.get(), coefficients, sourceRange, coefficients, 0, 0, 1 << 16,
-                             1 << 16);
+  if (!HasLumaAndChroma(pixels)) {
+    sws_setColorspaceDetails(scaler_.get(), coefficients, isFullRangeBitmap ? 1 : 0, coefficients,
+                             0, 0, 1 << 16, 1 << 16);
   }
-  scaled_ = ffmpeg::MakeFrame();
-  scaled_->format = AV_PIX_FMT_YUV420P;
-  scaled_->width = fit_.width;
-  scaled_->height = fit_.height;
-  ffmpeg::Check(av_frame_get_buffer(scaled_.get(), 0), "cannot scale a picture");
 }
 
 // Where the library does not take the form of a frame, its colours are wrong, but it is seen.
@@ -377,7 +387,11 @@ void FrameConverter::Write(std::span<std::uint8_t> buffer) {
 
   const ffmpeg::Frame converted = colourFilter_ ? ConvertWideColour(*picture.frame) : nullptr;
   const AVFrame* source = converted ? converted.get() : picture.frame.get();
-  if (scaler_) {
+  if (box_ && !matrix_->identity()) {
+    box_->Scale(*source, {scaled_->data[0], scaled_->linesize[0]},
+                {scaled_->data[1], scaled_->linesize[1]}, {scaled_->data[2], scaled_->linesize[2]});
+    source = scaled_.get();
+  } else if (scaler_) {
     ffmpeg::Check(sws_scale(scaler_.get(), source->data, source->linesize, 0, source->height,
                             scaled_->data, scaled_->linesize),
                   "cannot scale a picture");
@@ -401,7 +415,9 @@ void FrameConverter::Write(std::span<std::uint8_t> buffer) {
   const auto inside = [](Plane plane, const FitRect& rect) {
     return Plane{plane.data + rect.y * plane.stride + rect.x, plane.stride};
   };
-  if (matrix_->identity()) {
+  if (box_ && matrix_->identity()) {
+    box_->Scale(*source, inside(y, fit_), inside(u, chromaFit), inside(v, chromaFit));
+  } else if (matrix_->identity()) {
     CopyRows(fromY, inside(y, fit_), fit_.width, fit_.height);
     CopyRows(fromU, inside(u, chromaFit), chromaFit.width, chromaFit.height);
     CopyRows(fromV, inside(v, chromaFit), chromaFit.width, chromaFit.height);

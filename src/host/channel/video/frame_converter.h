@@ -12,6 +12,7 @@
 #include <string>
 
 #include "host/channel/source/media_info.h"
+#include "host/channel/video/box_scaler.h"
 #include "host/channel/video/colour.h"
 #include "host/channel/video/frame_filter.h"
 #include "host/config/wall.h"
@@ -156,6 +157,7 @@ class FrameConverter {
   void MakeReady(ffmpeg::Frame frame, const FrameTimes& times);
   void UpdateScaler(const AVFrame& frame);
   void MakeScaler(const SourceFormat& format);
+  void MakeGeneralScaler(const SourceFormat& format, AVPixelFormat pixels, bool isFullRangeBitmap);
   // The frame in the size of the fit and in the wall's colours. Null when that cannot be done:
   // then there is a scaler instead.
   ffmpeg::Frame ConvertWideColour(const AVFrame& frame);
@@ -172,10 +174,11 @@ class FrameConverter {
 
   std::optional<SourceFormat> scalerFormat_;
   FitRect fit_;
-  ffmpeg::Scaler scaler_;  // null: the frame has the right size and format already
-  ffmpeg::Frame scaled_;   // aligned rows, which the scaler needs
+  ffmpeg::Scaler scaler_;         // null: the frame has the right size and format already, or ...
+  std::optional<BoxScaler> box_;  // ... this one is there instead
+  ffmpeg::Frame scaled_;          // aligned rows, which the scaler needs
   std::optional<ColourMatrix> matrix_;
-  std::unique_ptr<FrameFilter> colourFilter_;  // for wide colours, instead of these three
+  std::unique_ptr<FrameFilter> colourFilter_;  // for wide colours, instead of these four
 };
 
 }  // namespace host

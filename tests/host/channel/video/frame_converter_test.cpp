@@ -103,6 +103,41 @@ TEST(FrameConverter, CopiesFramesThatFitAtTheRateOfTheCanvas) {
   EXPECT_TRUE(converter.Next()->discontinuity);
 }
 
+TEST(FrameConverter, ReducesByTwoAndFourToTheRoundedMean) {
+  for (const int factor : {2, 4}) {
+    const auto settings = Window(60, 34);
+    FrameConverter converter(settings);
+    std::mt19937 random(5);
+    std::vector<Colour> source(static_cast<std::size_t>(60 * 34 * factor * factor));
+    for (Colour& colour : source) {
+      colour = {static_cast<int>(16 + random() % 220), static_cast<int>(16 + random() % 225),
+                static_cast<int>(16 + random() % 225)};
+    }
+    const int width = 60 * factor;
+    const auto at = [&](int x, int y) { return source[static_cast<std::size_t>(y * width + x)]; };
+    ffmpeg::Frame frame = MakeFrame(width, 34 * factor, at);
+    frame->colorspace = AVCOL_SPC_SMPTE170M;
+    const Yv12Buffer shown = Shown(converter, settings, std::move(frame));
+    const auto mean = [&](int left, int top, int step, int Colour::*part) {
+      int sum = 0;
+      for (int i = 0; i < factor * factor; ++i) {
+        sum += at(left + i % factor * step, top + i / factor * step).*part;
+      }
+      return (sum + factor * factor / 2) / (factor * factor);
+    };
+    for (int y = 0; y < 34; ++y) {
+      for (int x = 0; x < 60; ++x) {
+        const int left = x / 2 * 2 * factor;
+        const int top = y / 2 * 2 * factor;
+        ExpectColour(shown.At(x, y),
+                     {mean(x * factor, y * factor, 1, &Colour::y), mean(left, top, 2, &Colour::u),
+                      mean(left, top, 2, &Colour::v)},
+                     0);
+      }
+    }
+  }
+}
+
 TEST(FrameConverter, CentresAPictureOfAnotherShapeOnBlackWhateverWasInTheBuffer) {
   const auto settings = Window(320, 180);
   FrameConverter converter(settings);
