@@ -36,7 +36,8 @@ host::ClipRecipe Counting(int width, const std::string& audio) {
   host::ClipRecipe recipe;
   recipe.name = "Counting";
   recipe.pictures =
-      "color=black:size=16x16:rate=25,format=yuv420p,geq=lum='20+2*mod(N,100)':cb=128:cr=128,scale=" +
+      "color=black:size=16x16:rate=25,format=yuv420p,geq=lum='20+2*mod(N,100)':cb=128:cr=128,"
+      "scale=" +
       std::to_string(width) + ":" + std::to_string(width * 9 / 16);
   recipe.videoOptions = {{"qp", "0"}, {"preset", "ultrafast"}, {"g", "25"}};
   recipe.audio = audio;
@@ -124,8 +125,8 @@ struct Reading {
     for (const std::string& each : sources.size() > 1 ? sources : std::vector<std::string>()) {
       channel.sources.push_back({each});
     }
-    reader = std::make_unique<RenditionReader>(RenditionReader::Settings{channel, true}, wanted,
-                                               renditions);
+    reader = std::make_unique<RenditionReader>(RenditionReader::Settings{channel, nullptr, true},
+                                               wanted, renditions);
     reader->Open();
     NoteChange();
   }
@@ -187,9 +188,8 @@ TEST(Renditions, AHostilePlaylistLeadsNowhereElse) {
   const std::string kUrl = "http://user:pw@host:81/a/b/master.m3u8?token=/x";
   const auto addresses = [&](const std::string& lines, const std::string& location) {
     std::vector<std::string> found;
-    for (const host::PlaylistVariant& each :
-         host::ReadVariants("#EXTM3U\n" + lines, location).value_or(
-             std::vector<host::PlaylistVariant>())) {
+    for (const host::PlaylistVariant& each : host::ReadVariants("#EXTM3U\n" + lines, location)
+                                                 .value_or(std::vector<host::PlaylistVariant>())) {
       found.push_back(each.source + each.playlist);
     }
     return found;
@@ -265,9 +265,9 @@ TEST(Renditions, OneThatFailsIsReplacedAndComesBack) {
   playlists.Break("256", true);
   playlists.Break("128", true);
   reading.ReadUntil(512);
-  EXPECT_THAT(reading.changes, ElementsAre(HasSubstr("256: another one failed"),
-                                           "128: for a window of 120x68",
-                                           HasSubstr("512: another one failed")));
+  EXPECT_THAT(reading.changes,
+              ElementsAre(HasSubstr("256: another one failed"), "128: for a window of 120x68",
+                          HasSubstr("512: another one failed")));
 }
 
 class RenditionWallTest : public e2e::WallTest {};
@@ -289,9 +289,9 @@ TEST_F(RenditionWallTest, AWindowShowsEveryFrameWhenItsSizeChanges) {
        {std::pair(128, host::Lines{"128"}), {512, {"128", "512"}}, {64, {"128", "512", "64"}}}) {
     session->channel(0).WantSize(width, width * 9 / 16);
     const host::Lines expected = read;
-    ASSERT_TRUE(WaitUntil("another rendition is read",
-                          [&] { return wall.channels().Renditions("master") == expected; }))
-        << testing::PrintToString(wall.channels().Renditions("master"));
+    ASSERT_TRUE(WaitUntil("another rendition is read", [&] {
+      return wall.channels().Renditions("master") == expected;
+    })) << testing::PrintToString(wall.channels().Renditions("master"));
     const Time end = session->now() + 2 * kSecond;
     ASSERT_TRUE(WaitUntil("it is shown", [&] { return session->now() >= end; }));
   }

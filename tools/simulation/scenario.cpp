@@ -171,6 +171,8 @@ std::string Seconds(Time time) {
   return text;
 }
 
+constexpr Time kMaxAudioSkew = 9 * kSecond / 10;
+
 // A wall with a shorter delay has less room for what its sources do: a part of it goes for the
 // frames that wait.
 void Shorten(Time& time, Time delay) {
@@ -195,8 +197,13 @@ void TakeDelay(Scenario& scenario) {
     source.drift *= static_cast<double>(scenario.delay) / kSecond;
     for (Fault& fault : source.faults) {
       if (fault.kind == Kind::kRemuxed) {
+        // As the source is muxed afterwards.
+        Time most = kMaxAudioSkew;
+        Shorten(most, scenario.delay);
+        most = most * 3 / 4;
         Shorten(fault.amount, scenario.delay);
-        fault.amount = fault.amount * 3 / 4;
+        fault.amount =
+            std::clamp(source.audioSkew + fault.amount * 3 / 4, -most, most) - source.audioSkew;
       }
     }
   }

@@ -73,7 +73,7 @@ class RenditionReader {
   bool canGoOn() const { return reader_->canGoOn(); }
   std::uint64_t renames() const { return reader_->renames(); }
   void SetStep(DecodeStep step);
-  void TakeTurns(std::function<DecodeBudget::Turn()> turns) { turns_ = std::move(turns); }
+  void TakeTurns(MediaDecoder::InTurn turns) { turns_ = std::move(turns); }
   int TakeFrames() { return reader_->TakeFrames(); }
   std::chrono::nanoseconds TakeWaited() { return reader_->TakeWaited(); }
   // That were read of all renditions.
@@ -154,7 +154,7 @@ class RenditionReader {
   std::array<bool, kKinds> follows_{};  // what comes has to lie behind what was given
   std::shared_ptr<RenditionOpener::Position> position_;
   DecodeStep step_ = DecodeStep::kFull;
-  std::function<DecodeBudget::Turn()> turns_;
+  MediaDecoder::InTurn turns_;
   WindowSize window_;
   Clock::time_point considerAt_{};
   Clock::time_point openedAt_{};
