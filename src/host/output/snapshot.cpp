@@ -45,25 +45,30 @@ ffmpeg::Frame ToRgb(std::span<const std::uint8_t> yv12, int width, int height, i
   return rgb;
 }
 
-ffmpeg::Packet EncodePng(const AVFrame& rgb) {
-  const AVCodec* encoder = avcodec_find_encoder(AV_CODEC_ID_PNG);
+// One picture by itself; quality is that of the encoder, if it has one.
+ffmpeg::Packet Encode(AVFrame& picture, AVCodecID id, int quality, const char* what) {
+  const AVCodec* encoder = avcodec_find_encoder(id);
   if (encoder == nullptr) {
-    throw ffmpeg::Error(AVERROR_ENCODER_NOT_FOUND, "cannot make a PNG file");
+    throw ffmpeg::Error(AVERROR_ENCODER_NOT_FOUND, what);
   }
   const ffmpeg::Codec codec(avcodec_alloc_context3(encoder));
   if (!codec) {
     throw std::bad_alloc();
   }
-  codec->width = rgb.width;
-  codec->height = rgb.height;
-  codec->pix_fmt = AV_PIX_FMT_RGB24;
+  codec->width = picture.width;
+  codec->height = picture.height;
+  codec->pix_fmt = static_cast<AVPixelFormat>(picture.format);
   codec->time_base = {1, 25};
   codec->thread_count = 1;
-  ffmpeg::Check(avcodec_open2(codec.get(), encoder, nullptr), "cannot make a PNG file");
-  ffmpeg::Check(avcodec_send_frame(codec.get(), &rgb), "cannot make a PNG file");
-  ffmpeg::Check(avcodec_send_frame(codec.get(), nullptr), "cannot make a PNG file");
+  if (quality > 0) {
+    codec->flags |= AV_CODEC_FLAG_QSCALE;
+    codec->global_quality = picture.quality = quality * FF_QP2LAMBDA;
+  }
+  ffmpeg::Check(avcodec_open2(codec.get(), encoder, nullptr), what);
+  ffmpeg::Check(avcodec_send_frame(codec.get(), &picture), what);
+  ffmpeg::Check(avcodec_send_frame(codec.get(), nullptr), what);
   ffmpeg::Packet packet = ffmpeg::MakePacket();
-  ffmpeg::Check(avcodec_receive_packet(codec.get(), packet.get()), "cannot make a PNG file");
+  ffmpeg::Check(avcodec_receive_packet(codec.get(), packet.get()), what);
   return packet;
 }
 
@@ -92,8 +97,45 @@ void WriteSnapshot(const std::filesystem::path& file, std::span<const std::uint8
     throw std::invalid_argument("a snapshot needs a whole YV12 picture");
   }
   const int shownWidth = std::max(1, static_cast<int>(std::lround(width * pixelAspect.value())));
-  const ffmpeg::Packet png = EncodePng(*ToRgb(yv12, width, height, shownWidth));
+  const ffmpeg::Packet png =
+      Encode(*ToRgb(yv12, width, height, shownWidth), AV_CODEC_ID_PNG, 0, "cannot make a PNG file");
   WriteWhole(file, png->data, static_cast<std::size_t>(png->size));
+}
+
+std::string EncodeJpeg(std::span<const std::uint8_t> yv12, int width, int height,
+                       const config::Window& part, Ratio pixelAspect) {
+  constexpr const char* kWhat = "cannot make a JPEG picture";
+  constexpr int kQuality = 4;
+  const std::size_t lumaSize = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
+  const int left = std::max(part.x, 0);
+  const int top = std::max(part.y, 0);
+  const int partWidth = std::min(part.x + part.width, width) - left;
+  const int partHeight = std::min(part.y + part.height, height) - top;
+  if (partWidth < 2 || partHeight < 2 || left % 2 != 0 || top % 2 != 0 ||
+      yv12.size() < lumaSize * 3 / 2 || !pixelAspect.positive()) {
+    throw std::invalid_argument("a JPEG picture needs a part of a whole YV12 picture");
+  }
+  ffmpeg::Frame picture = ffmpeg::MakeFrame();
+  picture->format = AV_PIX_FMT_YUVJ420P;
+  picture->width = std::max(2, static_cast<int>(std::lround(partWidth * pixelAspect.value())));
+  picture->height = partHeight;
+  ffmpeg::Check(av_frame_get_buffer(picture.get(), 0), kWhat);
+  const ffmpeg::Scaler scaler(sws_getContext(partWidth, partHeight, AV_PIX_FMT_YUV420P,
+                                             picture->width, partHeight, AV_PIX_FMT_YUVJ420P,
+                                             SWS_BICUBIC, nullptr, nullptr, nullptr));
+  if (!scaler) {
+    throw std::bad_alloc();
+  }
+  const std::uint8_t* const luma = yv12.data() + static_cast<std::ptrdiff_t>(top) * width + left;
+  const std::ptrdiff_t chroma = static_cast<std::ptrdiff_t>(top / 2) * (width / 2) + left / 2;
+  const std::uint8_t* const planes[4] = {luma, yv12.data() + lumaSize + lumaSize / 4 + chroma,
+                                         yv12.data() + lumaSize + chroma, nullptr};
+  const int strides[4] = {width, width / 2, width / 2, 0};
+  ffmpeg::Check(
+      sws_scale(scaler.get(), planes, strides, 0, partHeight, picture->data, picture->linesize),
+      kWhat);
+  const ffmpeg::Packet jpeg = Encode(*picture, AV_CODEC_ID_MJPEG, kQuality, kWhat);
+  return {reinterpret_cast<const char*>(jpeg->data), static_cast<std::size_t>(jpeg->size)};
 }
 
 }  // namespace host
