@@ -7,10 +7,12 @@
 #include <new>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavutil/frame.h>
+#include <libavutil/opt.h>
 #include <libswscale/swscale.h>
 }
 
@@ -58,6 +60,7 @@ ffmpeg::Packet Encode(AVFrame& picture, AVCodecID id, int quality, const char* w
   codec->width = picture.width;
   codec->height = picture.height;
   codec->pix_fmt = static_cast<AVPixelFormat>(picture.format);
+  codec->color_range = picture.color_range;
   codec->time_base = {1, 25};
   codec->thread_count = 1;
   if (quality > 0) {
@@ -116,16 +119,28 @@ std::string EncodeJpeg(std::span<const std::uint8_t> yv12, int width, int height
     throw std::invalid_argument("a JPEG picture needs a part of a whole YV12 picture");
   }
   ffmpeg::Frame picture = ffmpeg::MakeFrame();
-  picture->format = AV_PIX_FMT_YUVJ420P;
+  picture->format = AV_PIX_FMT_YUV420P;
+  picture->color_range = AVCOL_RANGE_JPEG;
   picture->width = std::max(2, static_cast<int>(std::lround(partWidth * pixelAspect.value())));
   picture->height = partHeight;
   ffmpeg::Check(av_frame_get_buffer(picture.get(), 0), kWhat);
-  const ffmpeg::Scaler scaler(sws_getContext(partWidth, partHeight, AV_PIX_FMT_YUV420P,
-                                             picture->width, partHeight, AV_PIX_FMT_YUVJ420P,
-                                             SWS_BICUBIC, nullptr, nullptr, nullptr));
+  const ffmpeg::Scaler scaler(sws_alloc_context());
   if (!scaler) {
     throw std::bad_alloc();
   }
+  // The ranges are given before it is made ready: afterwards they would be taken for equal.
+  for (const auto& [option, value] : {std::pair{"srcw", partWidth},
+                                      {"srch", partHeight},
+                                      {"src_format", int{AV_PIX_FMT_YUV420P}},
+                                      {"src_range", 0},
+                                      {"dstw", picture->width},
+                                      {"dsth", partHeight},
+                                      {"dst_format", int{AV_PIX_FMT_YUV420P}},
+                                      {"dst_range", 1},
+                                      {"sws_flags", SWS_BICUBIC}}) {
+    ffmpeg::Check(av_opt_set_int(scaler.get(), option, value, 0), kWhat);
+  }
+  ffmpeg::Check(sws_init_context(scaler.get(), nullptr, nullptr), kWhat);
   const std::uint8_t* const luma = yv12.data() + static_cast<std::ptrdiff_t>(top) * width + left;
   const std::ptrdiff_t chroma = static_cast<std::ptrdiff_t>(top / 2) * (width / 2) + left / 2;
   const std::uint8_t* const planes[4] = {luma, yv12.data() + lumaSize + lumaSize / 4 + chroma,

@@ -86,7 +86,7 @@ asio::awaitable<void> ServeWebSocket(HttpServer::Core& core, Stream stream, Upgr
     co_return;
   }
   socket.text(true);
-  asio::co_spawn(core.loop(), ReadMessages(core, session, std::move(head)), asio::detached);
+  asio::co_spawn(core.loop(), ReadMessages(core, session, head), asio::detached);
   Follower& follower = session->follower;
   while (!follower.hasEnded() && !error) {
     if (follower.events().isDropped()) {
