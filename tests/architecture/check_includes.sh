@@ -34,6 +34,7 @@ host/channel/slate    = platform/text util host/units.h
 host/output           = log util platform host/feed host/config host/ffmpeg host/units.h
 host/session          = log util platform host/channel host/output host/feed host/config host/ffmpeg host/units.h filter/i_compose_command.h pins/streams.h
 host/control          = util platform/os host/session host/channel host/config host/ffmpeg host/units.h
+host/control/http     = util platform/os host/control host/config host/ffmpeg host/units.h
 host/cli              = log util platform host/control host/session host/channel host/output host/feed host/config host/ffmpeg host/units.h
 '
 
@@ -83,6 +84,9 @@ git grep -nE '^#(include|if)' -- 'src/*.h' 'src/*.cpp' | awk -v rules="$rules" '
   }
   $3 ~ /^#include <lib(av|sw)/ && path !~ /^host\/(ffmpeg|feed|channel|output|session|cli\/demo)\// {
     fault("FFmpeg is not known here")
+  }
+  $3 ~ /^#include <(boost|openssl)\// && from != "host/control/http" {
+    fault("Boost and OpenSSL are known in host/control/http only")
   }
   $3 ~ /^#include <(sys\/|linux\/|net(db|inet)|arpa\/|(dlfcn|fcntl|poll|pthread|signal|syslog|termios|unistd)\.h)/ &&
       path !~ /^platform\// {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <filesystem>
+#include <string>
 
 #include "host/cli/graph_options.h"
 #include "host/cli/program.h"
@@ -14,7 +15,8 @@ struct RunOptions {
   RecordOptions record;  // of render: at least one output or a snapshot
   bool json = false;     // the result as a line of JSON; of run, also the status
   bool events = false;   // run: changes of channels and alarms as lines of JSON
-  bool strict = false;   // render: kCouldNotStart when a channel was not shown to its end
+  std::string http;  // run: address of the HTTP API, in place of the wall file's; empty: that one
+  bool strict = false;  // render: kCouldNotStart when a channel was not shown to its end
 };
 
 void DefineRun(CLI::App& app, RunOptions& options);

@@ -46,6 +46,9 @@ std::vector<Layout> ReadLayouts(TableReader& root, const Canvas& canvas);
 // [log]
 void ReadLog(TableReader& reader, const FileContext& context, LogOptions& log);
 
+// [http]
+void ReadHttp(TableReader& reader, const FileContext& context, Http& http);
+
 // [[output]]
 Output ReadOutput(TableReader& reader, const FileContext& context);
 

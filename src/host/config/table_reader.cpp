@@ -281,7 +281,7 @@ void TableReader::Finish() {
       }
     }
     const toml::source_position begin = key.source().begin;
-    diagnostics_.Error({begin.line, begin.column}, message);
+    diagnostics_.Error({begin.line, begin.column}, message, std::string(key.str()));
   }
 }
 

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "host/config/wall.h"
 #include "host/units.h"
@@ -45,6 +46,14 @@ std::optional<std::int64_t> ParseFileSize(std::string_view text);
 // empty text has an empty host: no endpoint.
 std::optional<Endpoint> ParseEndpoint(std::string_view text);
 inline constexpr const char* kEndpointForm = "must be HOST:PORT, the port 1 to 65535";
+
+// "127.0.0.1:8080", "[::1]:8080", "localhost:8080" (which is 127.0.0.1): an address of this machine
+// and a port, 0 for any that is free.
+std::optional<Endpoint> ParseListenAddress(std::string_view text);
+inline constexpr const char* kListenForm =
+    "must be ADDRESS:PORT with an address of this machine: \"127.0.0.1:8080\", \"[::]:8080\"";
+// What is wrong with the settings as a whole: a key, and what follows it in a sentence.
+std::optional<std::pair<std::string, std::string>> HttpMistake(const Http& http);
 
 // "#RGB", "#ARGB", "#RRGGBB" or "#AARRGGBB".
 bool IsLabelColour(std::string_view text);

@@ -264,11 +264,24 @@ struct Output {
   bool operator==(const Output&) const = default;
 };
 
+// The HTTP API of a running wall.
+struct Http {
+  std::optional<Endpoint> listen;     // an address of this machine; none: no server
+  std::filesystem::path tokenFile;    // empty: none, which an address on loopback may do without
+  std::filesystem::path certificate;  // chain, PEM; with a key: TLS
+  std::filesystem::path key;
+  std::vector<std::string> hosts;  // further names by which clients address the wall
+  Places places;
+
+  bool operator==(const Http&) const = default;
+};
+
 struct Wall {
   Canvas canvas;
   std::vector<Channel> channels;
   std::vector<Output> outputs;
   LogOptions log;
+  Http http;
   LayoutRules rules;
   bool placesWindows = false;   // no channel gives its window: the rules place them
   ChannelOptions defaults;      // of channels that are added

@@ -292,6 +292,10 @@ WallFile ParseWall(const std::string& text, const std::filesystem::path& folder)
       TableReader reader(*table, "[log]", file.diagnostics);
       ReadLog(reader, context, file.wall.log);
     }
+    if (const toml::table* table = root.Table("http")) {
+      TableReader reader(*table, "[http]", file.diagnostics);
+      ReadHttp(reader, context, file.wall.http);
+    }
     const std::vector<const toml::table*> outputs = root.Tables("output");
     for (std::size_t i = 0; i < outputs.size(); ++i) {
       TableReader reader(*outputs[i], Numbered("output", i + 1), file.diagnostics);

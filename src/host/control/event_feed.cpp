@@ -75,6 +75,9 @@ std::shared_ptr<EventFeed::Subscription> EventFeed::Subscribe(std::optional<std:
       client->Add(event);
     }
   }
+  if (client->isDropped()) {
+    return nullptr;  // more than it may have waiting
+  }
   clients_.push_back(client);
   return client;
 }

@@ -59,7 +59,7 @@ class EventFeed {
   void Publish(std::string line);
   // after: number of the last event that the client has; what is kept of the later ones waits at
   // once. None: only what comes from now on. Null when events after that number are no longer kept
-  // (or never were): the client needs a snapshot.
+  // (or never were), or are more than the limits allow: the client needs a snapshot.
   std::shared_ptr<Subscription> Subscribe(std::optional<std::uint64_t> after, Limits limits,
                                           std::function<void()> wake);
   std::uint64_t latest() const;

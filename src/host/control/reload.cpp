@@ -32,6 +32,7 @@ std::vector<std::string> NeedsRestart(const config::Wall& running, const config:
   compare(running.spare == file.spare, "the number of spare channels");
   compare(running.outputs == file.outputs, "the outputs");
   compare(running.log == file.log, "the log");
+  compare(running.http == file.http, "the HTTP server");
   return needs;
 }
 

@@ -157,6 +157,7 @@ Accepted WallControl::CarryOut(const Request& request, const WallState& before) 
     file->canvas = running_.canvas;
     file->outputs = running_.outputs;
     file->log = running_.log;
+    file->http = running_.http;
     file->spare = running_.spare;
     running_ = std::move(*file);
   }

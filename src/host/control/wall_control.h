@@ -69,6 +69,8 @@ class WallControl {
   void Submit(Request request, std::function<void(const Result&)> done);
   // The whole state with what is live of it. Any thread.
   nlohmann::ordered_json Snapshot() const;
+  // What it is made from, as it is at this moment. Any thread.
+  std::shared_ptr<const WallState> state() const;
   std::uint64_t version() const;
   EventFeed& events() { return events_; }
 
@@ -84,7 +86,6 @@ class WallControl {
     Request request;
     std::function<void(const Result&)> done;
   };
-  std::shared_ptr<const WallState> state() const;
   Result CarryOut(const Request& request);
   Accepted CarryOut(const Request& request, const WallState& before);
   void Report(const Request& request, const Result& result);

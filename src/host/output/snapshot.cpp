@@ -7,10 +7,12 @@
 #include <new>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavutil/frame.h>
+#include <libavutil/opt.h>
 #include <libswscale/swscale.h>
 }
 
@@ -45,25 +47,31 @@ ffmpeg::Frame ToRgb(std::span<const std::uint8_t> yv12, int width, int height, i
   return rgb;
 }
 
-ffmpeg::Packet EncodePng(const AVFrame& rgb) {
-  const AVCodec* encoder = avcodec_find_encoder(AV_CODEC_ID_PNG);
+// One picture by itself; quality is that of the encoder, if it has one.
+ffmpeg::Packet Encode(AVFrame& picture, AVCodecID id, int quality, const char* what) {
+  const AVCodec* encoder = avcodec_find_encoder(id);
   if (encoder == nullptr) {
-    throw ffmpeg::Error(AVERROR_ENCODER_NOT_FOUND, "cannot make a PNG file");
+    throw ffmpeg::Error(AVERROR_ENCODER_NOT_FOUND, what);
   }
   const ffmpeg::Codec codec(avcodec_alloc_context3(encoder));
   if (!codec) {
     throw std::bad_alloc();
   }
-  codec->width = rgb.width;
-  codec->height = rgb.height;
-  codec->pix_fmt = AV_PIX_FMT_RGB24;
+  codec->width = picture.width;
+  codec->height = picture.height;
+  codec->pix_fmt = static_cast<AVPixelFormat>(picture.format);
+  codec->color_range = picture.color_range;
   codec->time_base = {1, 25};
   codec->thread_count = 1;
-  ffmpeg::Check(avcodec_open2(codec.get(), encoder, nullptr), "cannot make a PNG file");
-  ffmpeg::Check(avcodec_send_frame(codec.get(), &rgb), "cannot make a PNG file");
-  ffmpeg::Check(avcodec_send_frame(codec.get(), nullptr), "cannot make a PNG file");
+  if (quality > 0) {
+    codec->flags |= AV_CODEC_FLAG_QSCALE;
+    codec->global_quality = picture.quality = quality * FF_QP2LAMBDA;
+  }
+  ffmpeg::Check(avcodec_open2(codec.get(), encoder, nullptr), what);
+  ffmpeg::Check(avcodec_send_frame(codec.get(), &picture), what);
+  ffmpeg::Check(avcodec_send_frame(codec.get(), nullptr), what);
   ffmpeg::Packet packet = ffmpeg::MakePacket();
-  ffmpeg::Check(avcodec_receive_packet(codec.get(), packet.get()), "cannot make a PNG file");
+  ffmpeg::Check(avcodec_receive_packet(codec.get(), packet.get()), what);
   return packet;
 }
 
@@ -92,8 +100,57 @@ void WriteSnapshot(const std::filesystem::path& file, std::span<const std::uint8
     throw std::invalid_argument("a snapshot needs a whole YV12 picture");
   }
   const int shownWidth = std::max(1, static_cast<int>(std::lround(width * pixelAspect.value())));
-  const ffmpeg::Packet png = EncodePng(*ToRgb(yv12, width, height, shownWidth));
+  const ffmpeg::Packet png =
+      Encode(*ToRgb(yv12, width, height, shownWidth), AV_CODEC_ID_PNG, 0, "cannot make a PNG file");
   WriteWhole(file, png->data, static_cast<std::size_t>(png->size));
+}
+
+std::string EncodeJpeg(std::span<const std::uint8_t> yv12, int width, int height,
+                       const config::Window& part, Ratio pixelAspect) {
+  constexpr const char* kWhat = "cannot make a JPEG picture";
+  constexpr int kQuality = 4;
+  const std::size_t lumaSize = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
+  const int left = std::max(part.x, 0);
+  const int top = std::max(part.y, 0);
+  const int partWidth = std::min(part.x + part.width, width) - left;
+  const int partHeight = std::min(part.y + part.height, height) - top;
+  if (partWidth < 2 || partHeight < 2 || left % 2 != 0 || top % 2 != 0 ||
+      yv12.size() < lumaSize * 3 / 2 || !pixelAspect.positive()) {
+    throw std::invalid_argument("a JPEG picture needs a part of a whole YV12 picture");
+  }
+  ffmpeg::Frame picture = ffmpeg::MakeFrame();
+  picture->format = AV_PIX_FMT_YUV420P;
+  picture->color_range = AVCOL_RANGE_JPEG;
+  picture->width = std::max(2, static_cast<int>(std::lround(partWidth * pixelAspect.value())));
+  picture->height = partHeight;
+  ffmpeg::Check(av_frame_get_buffer(picture.get(), 0), kWhat);
+  const ffmpeg::Scaler scaler(sws_alloc_context());
+  if (!scaler) {
+    throw std::bad_alloc();
+  }
+  // The ranges are given before it is made ready: afterwards they would be taken for equal.
+  for (const auto& [option, value] : {std::pair{"srcw", partWidth},
+                                      {"srch", partHeight},
+                                      {"src_format", int{AV_PIX_FMT_YUV420P}},
+                                      {"src_range", 0},
+                                      {"dstw", picture->width},
+                                      {"dsth", partHeight},
+                                      {"dst_format", int{AV_PIX_FMT_YUV420P}},
+                                      {"dst_range", 1},
+                                      {"sws_flags", SWS_BICUBIC}}) {
+    ffmpeg::Check(av_opt_set_int(scaler.get(), option, value, 0), kWhat);
+  }
+  ffmpeg::Check(sws_init_context(scaler.get(), nullptr, nullptr), kWhat);
+  const std::uint8_t* const luma = yv12.data() + static_cast<std::ptrdiff_t>(top) * width + left;
+  const std::ptrdiff_t chroma = static_cast<std::ptrdiff_t>(top / 2) * (width / 2) + left / 2;
+  const std::uint8_t* const planes[4] = {luma, yv12.data() + lumaSize + lumaSize / 4 + chroma,
+                                         yv12.data() + lumaSize + chroma, nullptr};
+  const int strides[4] = {width, width / 2, width / 2, 0};
+  ffmpeg::Check(
+      sws_scale(scaler.get(), planes, strides, 0, partHeight, picture->data, picture->linesize),
+      kWhat);
+  const ffmpeg::Packet jpeg = Encode(*picture, AV_CODEC_ID_MJPEG, kQuality, kWhat);
+  return {reinterpret_cast<const char*>(jpeg->data), static_cast<std::size_t>(jpeg->size)};
 }
 
 }  // namespace host

@@ -1,4 +1,4 @@
-// PNG files of single frames.
+// PNG files of single frames, and JPEG.
 #pragma once
 
 #include <cmath>
@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <optional>
 #include <span>
+#include <string>
 
 #include "host/config/wall.h"
 #include "host/units.h"
@@ -21,6 +22,11 @@ namespace host {
 // Throws ffmpeg::Error, or std::filesystem::filesystem_error when the file cannot be written.
 void WriteSnapshot(const std::filesystem::path& file, std::span<const std::uint8_t> yv12, int width,
                    int height, Ratio pixelAspect = {1, 1});
+
+// A part of such a picture, as far as it lies inside, as the bytes of a JPEG file. Throws
+// ffmpeg::Error, and std::invalid_argument when nothing of the part lies inside.
+std::string EncodeJpeg(std::span<const std::uint8_t> yv12, int width, int height,
+                       const config::Window& part, Ratio pixelAspect = {1, 1});
 
 // The last frame, or the first one at or after a moment. Taken on the composition thread, written
 // by the application's; one lock.

@@ -235,6 +235,23 @@ perf_file = "a"
                           HasSubstr("w:9:13: error: \"perf_file\" is the file of the messages")));
 }
 
+TEST(WallReader, ChecksWhoMayReachTheHttpServer) {
+  const auto with = [](const std::string& lines) {
+    return Complaints(std::string(kChannel) + "[http]\n" + lines);
+  };
+  EXPECT_THAT(with("listen = '127.0.0.1:8080'\nhosts = ['wall.example', '::1']"), IsEmpty());
+  EXPECT_THAT(with("listen = '[::]:80'\nhosts = ['http://a']\nkey = 'no'\n"),
+              ElementsAre(HasSubstr("w:5:10: error: must be the name of a host alone"),
+                          HasSubstr("w:6:7: error: \"key\" names no file"),
+                          HasSubstr("w:6:7: error: \"key\" needs \"cert\"")));
+  EXPECT_THAT(
+      with("listen = '192.168.1.5:80'"),
+      ElementsAre(HasSubstr("w:4:10: error: \"listen\" is an address that other machines")));
+  for (const char* const wrong : {"8080", "127.0.0.1", "127.1:80", "::1:80", "wall:80", "::", ""}) {
+    EXPECT_FALSE(ParseListenAddress(wrong)) << wrong;
+  }
+}
+
 TEST(Layout, KeepsWindowsAndLabelsApartInsideTheCanvasForEveryCount) {
   for (const auto& [width, height] :
        {std::pair{1920, 1080}, {3840, 2160}, {720, 576}, {1080, 1920}}) {

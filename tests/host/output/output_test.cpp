@@ -128,6 +128,15 @@ TEST(Snapshot, IsAPictureOfTheRightColoursAndShapeAndLeavesNothingElse) {
   EXPECT_TRUE(pixel[0] >= 252 && pixel[1] <= 3 && pixel[2] <= 3);
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.Path()), {}), 1);
 
+  // The same as JPEG, of what lies inside.
+  WriteWholeFile(folder / "a.jpg",
+                 EncodeJpeg(picture.bytes(), 96, 64, {-10, 32, 40, 48}, {16, 15}));
+  const Content jpeg = ReadFile(folder / "a.jpg");
+  ASSERT_EQ(jpeg.pictures.size(), 1U);
+  const AVFrame& part = *jpeg.pictures[0].frame;
+  EXPECT_EQ(std::tie(part.width, part.height), std::tuple(32, 32));
+  EXPECT_NEAR(part.data[0][0], 76, 2) << "brightness of red over the full range";
+
   EXPECT_THROW(WriteSnapshot(folder / "no/a.png", picture.bytes(), 96, 64),
                std::filesystem::filesystem_error);
 }

@@ -1,0 +1,166 @@
+#include "host/control/http/access.h"
+
+#include <algorithm>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <string_view>
+#include <utility>
+
+#include <openssl/crypto.h>
+#include <openssl/sha.h>
+
+#include "host/config/value_text.h"
+
+namespace host::control::http {
+
+namespace {
+
+constexpr std::size_t kMinToken = 16;  // characters
+constexpr std::size_t kMaxTokens = 1024;
+constexpr std::string_view kBearer = "bearer ";
+
+// Of the name and port in Host and Origin, the name: "[::1]:8080" is "::1".
+std::string NameOf(const std::string& authority) {
+  if (authority.starts_with('[')) {
+    return authority.substr(1, authority.find(']') - 1);
+  }
+  return authority.substr(0, authority.find(':'));
+}
+
+// "wall:80" over HTTP and "wall:443" over HTTPS are "wall".
+std::string WithoutDefaultPort(const std::string& authority, std::string_view port) {
+  return authority.ends_with(port) ? authority.substr(0, authority.size() - port.size())
+                                   : authority;
+}
+
+bool IsSameOrigin(const std::string& origin, const std::string& host) {
+  for (const auto& [scheme, port] :
+       {std::pair<std::string_view, std::string_view>{"http://", ":80"}, {"https://", ":443"}}) {
+    if (origin.starts_with(scheme)) {
+      return EqualsIgnoringCase(WithoutDefaultPort(origin.substr(scheme.size()), port),
+                                WithoutDefaultPort(host, port));
+    }
+  }
+  return false;
+}
+
+bool IsLoopbackName(const std::string& name) {
+  return EqualsIgnoringCase(name, "localhost") || name == "127.0.0.1" || name == "::1";
+}
+
+}  // namespace
+
+Access::Access(const config::Http& http)
+    : asksForToken_(!http.tokenFile.empty()), hosts_(http.hosts) {
+  if (const auto mistake = config::HttpMistake(http)) {
+    throw std::runtime_error("[http] \"" + mistake->first + "\" " + mistake->second);
+  }
+  if (http.listen) {
+    hosts_.push_back(http.listen->host);
+  }
+  if (asksForToken_) {
+    ReadTokens(http.tokenFile);
+  }
+}
+
+void Access::ReadTokens(const std::filesystem::path& file) {
+  const auto fail = [&](const std::string& why) {
+    throw std::runtime_error("the file of tokens " + file.string() + " " + why);
+  };
+  using std::filesystem::perms;
+  std::error_code reason;
+  const perms permissions = std::filesystem::status(file, reason).permissions();
+  if (reason) {
+    fail("cannot be read: " + reason.message());
+  }
+  if ((permissions & (perms::others_all | perms::group_write)) != perms::none) {
+    fail("is open to other users; make it readable by its owner alone: chmod 600 " + file.string());
+  }
+  std::ifstream stream(file);
+  if (!stream) {
+    fail("cannot be read");
+  }
+  std::string line;
+  for (int number = 1; std::getline(stream, line); ++number) {
+    std::istringstream words(line);
+    std::string role;
+    std::string token;
+    std::string more;
+    words >> role >> token >> more;
+    if (role.empty() || role.starts_with('#')) {
+      continue;
+    }
+    if ((role != "view" && role != "operate") || token.size() < kMinToken || !more.empty() ||
+        tokens_.size() == kMaxTokens) {
+      fail("has a mistake in line " + std::to_string(number) +
+           ": each is \"view TOKEN\" or \"operate TOKEN\", a token of " +
+           std::to_string(kMinToken) + " characters at least");
+    }
+    Token one{{}, role == "view" ? Role::kView : Role::kOperate};
+    SHA256(reinterpret_cast<const std::uint8_t*>(token.data()), token.size(), one.digest.data());
+    tokens_.push_back(one);
+  }
+  if (tokens_.empty()) {
+    fail("has no token");
+  }
+}
+
+std::optional<Role> Access::RoleOf(const Head& head) const {
+  if (!asksForToken_) {
+    return Role::kOperate;
+  }
+  const std::string& field = head.authorization;
+  if (!EqualsIgnoringCase(field.substr(0, kBearer.size()), std::string(kBearer))) {
+    return std::nullopt;
+  }
+  // Digests have one length, and each is compared to its end: the time says nothing of a token.
+  Digest digest{};
+  const std::string token = field.substr(kBearer.size());
+  SHA256(reinterpret_cast<const std::uint8_t*>(token.data()), token.size(), digest.data());
+  std::optional<Role> role;
+  for (const Token& one : tokens_) {
+    if (CRYPTO_memcmp(one.digest.data(), digest.data(), digest.size()) == 0) {
+      role = std::max(role.value_or(Role::kView), one.role);
+    }
+  }
+  return role;
+}
+
+bool Access::IsOwnHost(const std::string& host, const Head& head) const {
+  const std::string name = NameOf(host);
+  // The address at which the client has come in is no name that somebody else could have chosen.
+  return IsLoopbackName(name) || name == head.local ||
+         std::any_of(hosts_.begin(), hosts_.end(),
+                     [&](const std::string& own) { return EqualsIgnoringCase(name, own); });
+}
+
+void Access::Check(const Head& head, const Route& route) const {
+  if (!head.hasOneHost) {
+    throw Problem(400, "no-host", "The request has no host", "a request has one Host field");
+  }
+  if (!IsOwnHost(head.host, head)) {
+    throw Problem(421, "unknown-host", "The request is for another host",
+                  "\"" + head.host + "\" is no name of this wall; \"hosts\" in [http] adds names");
+  }
+  const bool keeps = route.what == Route::What::kEvents || route.what == Route::What::kWebSocket;
+  const bool isForeign = (!head.origin.empty() && !IsSameOrigin(head.origin, head.host)) ||
+                         head.fetchSite == "cross-site" || head.fetchSite == "same-site";
+  if ((route.changes() || keeps) && isForeign) {
+    throw Problem(403, "foreign-origin", "The request comes from another site",
+                  "a page of another site may neither change nor follow the wall");
+  }
+  const std::optional<Role> role = RoleOf(head);
+  if (!role) {
+    throw Problem(401, "token", "The request needs a token",
+                  head.authorization.empty() ? "send \"Authorization: Bearer TOKEN\""
+                                             : "the token is not known")
+        .With("WWW-Authenticate", "Bearer realm=\"wall\"");
+  }
+  if (*role < route.role()) {
+    throw Problem(403, "role", "The token may only look",
+                  "changing the wall needs a token of the role \"operate\"");
+  }
+}
+
+}  // namespace host::control::http

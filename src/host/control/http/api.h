@@ -1,0 +1,52 @@
+// Api: what the routes answer from, and make of, a running wall.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "host/control/http/message.h"
+#include "host/control/http/routes.h"
+#include "host/control/wall_control.h"
+
+namespace host::control::http {
+
+// Belongs to the server and is called on its thread; nothing here waits.
+class Api {
+ public:
+  // control outlives it.
+  explicit Api(WallControl& control);
+
+  // Of a route that reads. Throws Problem.
+  Answer Read(const Match& match, const Head& head) const;
+  // Of a route that changes the wall. Throws Problem.
+  Request RequestOf(const Match& match, const Head& head, const std::string& body) const;
+  Answer AnswerOf(const Match& match, const Result& result) const;
+
+  // A message of a WebSocket: {"commands":...,"id":...,"if_version":...}. Throws Problem.
+  struct Message {
+    Request request;
+    nlohmann::json id;  // comes back with the answer
+  };
+  Message MessageOf(const std::string& text, const std::string& peer) const;
+  static std::string ReplyTo(const nlohmann::json& id, const Result& result);
+  static std::string ReplyTo(const nlohmann::json& id, const Problem& problem);
+
+  // The channel's window, for a picture of it; none for the whole canvas. Throws Problem.
+  std::optional<config::Window> WindowFor(const std::string& query) const;
+  // {"event":"snapshot","number":N,"wall":{...}}: the state with all events up to that number, and
+  // perhaps some later ones.
+  std::string Snapshot(std::uint64_t number) const;
+  // The line of an event with its running number in it.
+  static std::string Numbered(const EventFeed::Event& event);
+
+  WallControl& control() const { return control_; }
+
+ private:
+  nlohmann::ordered_json Layouts() const;
+
+  WallControl& control_;
+  const std::string description_;
+};
+
+}  // namespace host::control::http

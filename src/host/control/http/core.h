@@ -1,0 +1,85 @@
+// HttpServer::Core: what all connections of the server share.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <boost/asio/awaitable.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/redirect_error.hpp>
+#include <boost/asio/ssl/context.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <boost/system/error_code.hpp>
+
+#include "host/control/http/access.h"
+#include "host/control/http/api.h"
+#include "host/control/http/connections.h"
+#include "host/control/http/http_server.h"
+#include "host/control/http/mailbox.h"
+#include "host/control/http/snapshots.h"
+#include "platform/os/thread.h"
+
+namespace host::control::http {
+
+namespace asio = boost::asio;
+using boost::system::error_code;
+
+// For co_await: what fails goes into the error, and nothing is thrown.
+inline auto Into(error_code& error) {
+  return asio::redirect_error(asio::use_awaitable, error);
+}
+
+// An address of IPv4 as such, also where it came in at a socket of IPv6.
+inline asio::ip::address Plain(const asio::ip::address& address) {
+  return address.is_v6() && address.to_v6().is_v4_mapped()
+             ? asio::ip::make_address_v4(asio::ip::v4_mapped, address.to_v6())
+             : address;
+}
+
+// Its members are used on the server's thread, once that runs.
+class HttpServer::Core {
+ public:
+  Core(Settings serverSettings, WallControl& control);
+  ~Core();
+
+  const Limits& limits() const { return settings_.limits; }
+  const Access& access() const { return access_; }
+  const Api& api() const { return api_; }
+  asio::io_context& loop() { return loop_; }
+  const std::shared_ptr<Mailbox>& mailbox() const { return mailbox_; }
+  std::string url() const;
+
+  // Of a request whose body has come.
+  asio::awaitable<Answer> Respond(const Match& match, const Head& head, const std::string& body);
+  // Of a message of a WebSocket.
+  asio::awaitable<std::string> Reply(const std::string& text, const Head& head);
+
+ private:
+  void Listen();
+  asio::awaitable<void> Accept();
+  void Begin(asio::ip::tcp::socket socket);
+  // None when the wall takes too long.
+  asio::awaitable<std::optional<Result>> Submit(Request request);
+  asio::awaitable<Answer> Picture(const Head& head);
+
+  const Settings settings_;
+  const Access access_;
+  const Api api_;
+  Connections connections_;
+  std::optional<asio::ssl::context> tls_;
+  const std::shared_ptr<Mailbox> mailbox_;
+  Snapshots snapshots_;
+  // Is destroyed before all of the above, and with it what still waits in it.
+  asio::io_context loop_;
+  std::optional<asio::ip::tcp::acceptor> acceptor_;
+  std::unique_ptr<os::Thread> thread_;
+};
+
+// Serves one connection to its end; tls is null for plain HTTP.
+asio::awaitable<void> ServeConnection(HttpServer::Core& core, asio::ip::tcp::socket socket,
+                                      asio::ssl::context* tls, Connections::Ticket ticket);
+
+}  // namespace host::control::http

@@ -1,0 +1,74 @@
+// Follower: one client that follows the events of a wall.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "host/control/http/core.h"
+
+namespace host::control::http {
+
+// Server's thread; only its wake-up comes from others.
+class Follower {
+ public:
+  // after: the last event that the client has; without it, or when later ones are no longer kept,
+  // the client gets a snapshot first.
+  Follower(HttpServer::Core& core, std::optional<std::uint64_t> after)
+      : waking_(std::make_shared<asio::steady_timer>(core.loop())) {
+    EventFeed& feed = core.api().control().events();
+    const auto wake = [mailbox = core.mailbox(), weak = std::weak_ptr(waking_)] {
+      mailbox->Post([weak] {
+        if (const auto waking = weak.lock()) {
+          waking->cancel();
+        }
+      });
+    };
+    if (after) {
+      events_ = feed.Subscribe(*after, core.limits().waiting, wake);
+    }
+    while (!events_) {
+      // Events before this number are in the snapshot, which is taken afterwards.
+      snapshotNumber_ = feed.latest();
+      events_ = feed.Subscribe(snapshotNumber_, core.limits().waiting, wake);
+    }
+    if (snapshotNumber_) {
+      snapshot_ = core.api().Snapshot(*snapshotNumber_);
+    }
+  }
+
+  EventFeed::Subscription& events() { return *events_; }
+  // The number of its last event, and its text; none when the client needs none.
+  std::optional<std::pair<std::uint64_t, std::string>> TakeSnapshot() {
+    if (!snapshotNumber_) {
+      return std::nullopt;
+    }
+    return std::pair(*std::exchange(snapshotNumber_, std::nullopt), std::move(snapshot_));
+  }
+  // Until something is there to be sent, or the time is over: then it is false.
+  asio::awaitable<bool> Wait(std::chrono::milliseconds limit) {
+    error_code error;
+    waking_->expires_after(limit);
+    co_await waking_->async_wait(Into(error));
+    co_return error == asio::error::operation_aborted;
+  }
+  void Wake() { waking_->cancel(); }
+  // The client is gone.
+  void End() {
+    hasEnded_ = true;
+    Wake();
+  }
+  bool hasEnded() const { return hasEnded_; }
+
+ private:
+  const std::shared_ptr<asio::steady_timer> waking_;
+  std::shared_ptr<EventFeed::Subscription> events_;
+  std::optional<std::uint64_t> snapshotNumber_;
+  std::string snapshot_;
+  bool hasEnded_ = false;
+};
+
+}  // namespace host::control::http

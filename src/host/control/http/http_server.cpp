@@ -1,0 +1,255 @@
+#include "host/control/http/http_server.h"
+
+#include <algorithm>
+#include <exception>
+#include <stdexcept>
+#include <utility>
+
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/detached.hpp>
+#include <boost/asio/post.hpp>
+
+#include "host/control/http/core.h"
+
+namespace host::control::http {
+
+namespace {
+
+using asio::ip::tcp;
+
+constexpr std::chrono::milliseconds kAcceptPause{100};  // after a failure, as without descriptors
+constexpr std::uint32_t kEndLimit = 1000;               // milliseconds
+
+std::string TextOf(const config::Endpoint& endpoint, std::uint16_t port) {
+  const bool isV6 = endpoint.host.find(':') != std::string::npos;
+  return (isV6 ? "[" + endpoint.host + "]" : endpoint.host) + ":" + std::to_string(port);
+}
+
+// Who counts as one: an address, or a network of 64 bits of IPv6, which one machine has whole.
+std::string CountedAs(const asio::ip::address& address) {
+  if (address.is_v4()) {
+    return address.to_string();
+  }
+  asio::ip::address_v6::bytes_type bytes = address.to_v6().to_bytes();
+  std::fill(bytes.begin() + 8, bytes.end(), std::uint8_t{0});
+  return asio::ip::address_v6(bytes).to_string();
+}
+
+asio::ssl::context MakeTls(const config::Http& http) {
+  asio::ssl::context tls(asio::ssl::context::tls_server);
+  tls.set_options(asio::ssl::context::default_workarounds | asio::ssl::context::no_tlsv1 |
+                  asio::ssl::context::no_tlsv1_1 | asio::ssl::context::no_compression);
+  error_code error;
+  tls.use_certificate_chain_file(http.certificate.string(), error);
+  if (error) {
+    throw std::runtime_error("the certificate " + http.certificate.string() +
+                             " cannot be used: " + error.message());
+  }
+  tls.use_private_key_file(http.key.string(), asio::ssl::context::pem, error);
+  if (error) {
+    throw std::runtime_error("the key " + http.key.string() +
+                             " cannot be used with the certificate: " + error.message());
+  }
+  SSL_CTX_set_mode(tls.native_handle(), SSL_MODE_RELEASE_BUFFERS);
+  return tls;
+}
+
+}  // namespace
+
+HttpServer::HttpServer(Settings settings, WallControl& control)
+    : core_(std::make_unique<Core>(std::move(settings), control)), url_(core_->url()) {}
+
+HttpServer::~HttpServer() = default;
+
+HttpServer::Core::Core(Settings serverSettings, WallControl& control)
+    : settings_(std::move(serverSettings)),
+      access_(settings_.http),
+      api_(control),
+      connections_(limits().connections, limits().fromOneAddress),
+      mailbox_(std::make_shared<Mailbox>(
+          [this](Mailbox::Work work) { asio::post(loop_, std::move(work)); })),
+      snapshots_(settings_.snapshot, mailbox_),
+      loop_(1) {
+  if (!settings_.http.certificate.empty()) {
+    tls_.emplace(MakeTls(settings_.http));
+  }
+  Listen();
+  asio::co_spawn(loop_, Accept(), asio::detached);
+  thread_ = std::make_unique<os::Thread>([this] { loop_.run(); }, "http");
+}
+
+HttpServer::Core::~Core() {
+  mailbox_->Post([this] {
+    acceptor_->close();
+    connections_.CloseAll();
+  });
+  if (!thread_->Wait(kEndLimit)) {
+    loop_.stop();
+    thread_->Wait(os::kInfinite);
+  }
+  mailbox_->Close();
+}
+
+void HttpServer::Core::Listen() {
+  if (!settings_.http.listen) {
+    throw std::runtime_error("the HTTP server has no address");
+  }
+  const config::Endpoint& listen = *settings_.http.listen;
+  error_code error;
+  const auto address = asio::ip::make_address(listen.host, error);
+  const tcp::endpoint endpoint(address, listen.port);
+  const auto then = [&](auto step) {
+    if (!error) {
+      step();
+    }
+  };
+  acceptor_.emplace(loop_);
+  then([&] { acceptor_->open(endpoint.protocol(), error); });
+  then([&] { acceptor_->set_option(tcp::acceptor::reuse_address(true), error); });
+  then([&] { acceptor_->bind(endpoint, error); });
+  then([&] { acceptor_->listen(asio::socket_base::max_listen_connections, error); });
+  if (error) {
+    throw std::runtime_error("cannot listen on " + TextOf(listen, listen.port) + ": " +
+                             error.message());
+  }
+}
+
+std::string HttpServer::Core::url() const {
+  return (tls_ ? "https://" : "http://") +
+         TextOf(*settings_.http.listen, acceptor_->local_endpoint().port());
+}
+
+asio::awaitable<void> HttpServer::Core::Accept() {
+  asio::steady_timer pause(loop_);
+  while (acceptor_->is_open()) {
+    error_code error;
+    tcp::socket socket = co_await acceptor_->async_accept(Into(error));
+    if (!error) {
+      Begin(std::move(socket));
+    } else if (acceptor_->is_open()) {
+      pause.expires_after(kAcceptPause);
+      co_await pause.async_wait(Into(error));
+    }
+  }
+}
+
+void HttpServer::Core::Begin(tcp::socket socket) {
+  error_code error;
+  const tcp::endpoint peer = socket.remote_endpoint(error);
+  Connections::Ticket ticket =
+      error ? nullptr : connections_.Admit(CountedAs(Plain(peer.address())));
+  if (!ticket) {
+    return;
+  }
+  socket.set_option(tcp::no_delay(true), error);
+  socket.set_option(asio::socket_base::keep_alive(true), error);
+  asio::co_spawn(
+      loop_, ServeConnection(*this, std::move(socket), tls_ ? &*tls_ : nullptr, std::move(ticket)),
+      [this](std::exception_ptr failure) {
+        try {
+          if (failure) {
+            std::rethrow_exception(failure);
+          }
+        } catch (const std::exception& what) {
+          if (settings_.say) {
+            settings_.say(std::string("HTTP: a connection ended: ") + what.what());
+          }
+        }
+      });
+}
+
+asio::awaitable<std::optional<Result>> HttpServer::Core::Submit(Request request) {
+  struct Pending {
+    asio::steady_timer deadline;
+    std::optional<Result> result;
+  };
+  const auto pending = std::make_shared<Pending>(Pending{asio::steady_timer(loop_), {}});
+  pending->deadline.expires_after(limits().answer);
+  api_.control().Submit(std::move(request),
+                        [mailbox = mailbox_, weak = std::weak_ptr(pending)](const Result& result) {
+                          mailbox->Post([weak, result] {
+                            if (const auto waiting = weak.lock()) {
+                              waiting->result = result;
+                              waiting->deadline.cancel();
+                            }
+                          });
+                        });
+  error_code ended;
+  co_await pending->deadline.async_wait(Into(ended));
+  co_return std::move(pending->result);
+}
+
+asio::awaitable<Answer> HttpServer::Core::Picture(const Head& head) {
+  struct Pending {
+    asio::steady_timer deadline;
+    Snapshots::Picture picture;
+  };
+  const std::optional<config::Window> window = api_.WindowFor(head.query);
+  const auto pending = std::make_shared<Pending>(Pending{asio::steady_timer(loop_), {}});
+  pending->deadline.expires_after(limits().answer);
+  snapshots_.Get(window, [this, weak = std::weak_ptr(pending)](Snapshots::Picture picture) {
+    // Queued, because it may be called before the wait begins.
+    asio::post(loop_, [weak, picture = std::move(picture)] {
+      if (const auto waiting = weak.lock()) {
+        waiting->picture = picture;
+        waiting->deadline.cancel();
+      }
+    });
+  });
+  error_code ended;
+  co_await pending->deadline.async_wait(Into(ended));
+  if (!pending->picture) {
+    throw Problem(503, "no-frame", "There is no frame", "the wall has composed no frame in time")
+        .With("Retry-After", "1");
+  }
+  Answer answer;
+  answer.contentType = "image/jpeg";
+  answer.body = *pending->picture;
+  co_return answer;
+}
+
+asio::awaitable<Answer> HttpServer::Core::Respond(const Match& match, const Head& head,
+                                                  const std::string& body) {
+  try {
+    if (match.route->what == Route::What::kSnapshot) {
+      co_return co_await Picture(head);
+    }
+    if (!match.route->changes()) {
+      co_return api_.Read(match, head);
+    }
+    const std::optional<Result> result = co_await Submit(api_.RequestOf(match, head, body));
+    if (!result) {
+      throw Problem(504, "late", "The wall did not answer",
+                    "the wall has not carried out the request in time; it may still do so");
+    }
+    co_return api_.AnswerOf(match, *result);
+  } catch (const Problem& problem) {
+    co_return problem.ToAnswer();
+  } catch (const std::exception& error) {
+    co_return Problem(500, "failed", "The request failed", error.what()).ToAnswer();
+  }
+}
+
+asio::awaitable<std::string> HttpServer::Core::Reply(const std::string& text, const Head& head) {
+  nlohmann::json id;
+  try {
+    Api::Message message = api_.MessageOf(text, head.peer);
+    id = message.id;
+    if (access_.RoleOf(head) != Role::kOperate) {
+      throw Problem(403, "role", "The token may only look",
+                    "changing the wall needs a token of the role \"operate\"");
+    }
+    const std::optional<Result> result = co_await Submit(std::move(message.request));
+    if (!result) {
+      throw Problem(504, "late", "The wall did not answer",
+                    "the wall has not carried out the request in time; it may still do so");
+    }
+    co_return Api::ReplyTo(id, *result);
+  } catch (const Problem& problem) {
+    co_return Api::ReplyTo(id, problem);
+  } catch (const std::exception& error) {
+    co_return Api::ReplyTo(id, Problem(500, "failed", "The request failed", error.what()));
+  }
+}
+
+}  // namespace host::control::http

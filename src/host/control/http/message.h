@@ -1,0 +1,80 @@
+// What the API reads of a request and what it answers, apart from how they travel.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <nlohmann/json_fwd.hpp>
+
+#include "host/control/command.h"
+#include "util/exceptions.h"
+
+namespace host::control::http {
+
+// Of a request, all that stands before its body. Header fields are empty when they are missing.
+struct Head {
+  std::string method;
+  std::string path;   // still encoded
+  std::string query;  // likewise, without "?"
+  std::string host;
+  std::string origin;
+  std::string fetchSite;
+  std::string authorization;
+  std::string contentType;
+  std::string ifMatch;
+  std::string ifNoneMatch;
+  std::string lastEventId;
+  bool hasOneHost = false;
+  bool hasBody = false;
+  bool isUpgrade = false;  // to a WebSocket
+  std::string peer;        // address of the client
+  std::string local;       // address at which it came in
+};
+
+struct Answer {
+  int status = 200;
+  std::string contentType = "application/json";
+  std::string body{};
+  std::vector<std::pair<std::string, std::string>> fields{};  // of the header, besides
+};
+
+// A refusal, as application/problem+json. Thrown by whatever looks at a request.
+class Problem : public TavrelException {
+ public:
+  // type: the last part of its URN, such as "unknown-host".
+  Problem(int status, std::string type, std::string title, std::string detail)
+      : status_(status),
+        type_(std::move(type)),
+        title_(std::move(title)),
+        detail_(std::move(detail)) {}
+  // fromPath: the field of the command, if any, that the path of the request gives.
+  static Problem Of(const CommandError& error, const std::string& fromPath);
+
+  Problem& With(std::string field, std::string value) {
+    fields_.emplace_back(std::move(field), std::move(value));
+    return *this;
+  }
+  int status() const { return status_; }
+  nlohmann::ordered_json ToJson() const;
+  Answer ToAnswer() const;
+  const char* what() const noexcept override { return detail_.c_str(); }
+
+ private:
+  int status_;
+  std::string type_;
+  std::string title_;
+  std::string detail_;
+  std::string pointer_;
+  std::optional<std::string> nearest_;
+  std::vector<std::pair<std::string, std::string>> fields_;
+};
+
+// Bytes that are no UTF-8 become replacement characters.
+std::string Dump(const nlohmann::ordered_json& json);
+// Without "%41"; none when it is not encoded as it must be.
+std::optional<std::string> PercentDecoded(const std::string& text);
+bool EqualsIgnoringCase(const std::string& one, const std::string& other);
+
+}  // namespace host::control::http

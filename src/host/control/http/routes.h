@@ -1,0 +1,56 @@
+// The routes of the API: what is served where, and what the description of the API is made from.
+#pragma once
+
+#include <map>
+#include <span>
+#include <string>
+
+#include "host/control/http/message.h"
+
+namespace host::control::http {
+
+enum class Role {
+  kView,     // may look
+  kOperate,  // and change the wall
+};
+
+struct Route {
+  enum class What {
+    kCommand,   // one command, whose fields are those of the body and of the path
+    kCommands,  // one command or a list, as the body has them
+    kWall,
+    kChannels,
+    kChannel,
+    kLayouts,
+    kLayout,
+    kEvents,
+    kWebSocket,
+    kSnapshot,
+    kDescription,
+  };
+  enum class Body { kNone, kOptional, kRequired };
+
+  const char* method;
+  const char* path;  // "/api/v1/channels/{channel}"; what stands for a name is that field's name
+  What what;
+  const char* command;  // kCommand: its name; otherwise null
+  Body body;
+  int status;           // of the answer when all is well
+  const char* summary;  // a sentence
+
+  bool changes() const { return what == What::kCommand || what == What::kCommands; }
+  Role role() const { return changes() ? Role::kOperate : Role::kView; }
+  // The name in the path, without braces; empty when there is none.
+  std::string parameter() const;
+};
+
+std::span<const Route> Routes();
+
+struct Match {
+  const Route* route = nullptr;
+  std::string name;  // what the path has for the route's parameter
+};
+// HEAD is served as GET. Throws Problem: 404, or 405 with the methods that the path allows.
+Match FindRoute(const Head& head);
+
+}  // namespace host::control::http

@@ -1,0 +1,102 @@
+#include "host/control/http/snapshots.h"
+
+#include <exception>
+#include <utility>
+
+namespace host::control::http {
+
+namespace {
+
+constexpr std::chrono::milliseconds kFresh{250};
+constexpr std::chrono::milliseconds kBetween{100};
+constexpr std::chrono::seconds kKept{10};
+
+}  // namespace
+
+Snapshots::Snapshots(Encode encode, std::shared_ptr<Mailbox> mailbox)
+    : encode_(std::move(encode)), mailbox_(std::move(mailbox)) {
+  if (encode_) {
+    thread_ =
+        std::make_unique<os::Thread>([this] { Run(); }, "snapshots", os::Thread::Priority::kLow);
+  }
+}
+
+Snapshots::~Snapshots() {
+  {
+    const os::MutexLock guard(lock_);
+    ends_ = true;
+  }
+  changed_.NotifyAll();
+  if (thread_) {
+    thread_->Wait(os::kInfinite);
+  }
+}
+
+void Snapshots::Get(const std::optional<config::Window>& window, Done done) {
+  if (!encode_) {
+    done(nullptr);
+    return;
+  }
+  const Clock::time_point now = Clock::now();
+  std::erase_if(entries_, [&](const auto& one) {
+    return one.second.waiting.empty() && now - one.second.at > kKept;
+  });
+  const Key key = window ? Key{window->x, window->y, window->width, window->height} : Key{};
+  Entry& entry = entries_[key];
+  if (entry.picture && now - entry.at < kFresh) {
+    done(entry.picture);
+    return;
+  }
+  entry.waiting.push_back(std::move(done));
+  if (entry.waiting.size() == 1) {
+    {
+      const os::MutexLock guard(lock_);
+      queue_.push_back(key);
+    }
+    changed_.NotifyAll();
+  }
+}
+
+void Snapshots::Run() {
+  for (;;) {
+    Key key{};
+    {
+      const os::MutexLock guard(lock_);
+      while (queue_.empty() && !ends_) {
+        changed_.Wait(lock_);
+      }
+      if (ends_) {
+        return;
+      }
+      key = queue_.front();
+      queue_.pop_front();
+    }
+    const Clock::time_point begun = Clock::now();
+    Picture picture;
+    try {
+      const auto window = key == Key{}
+                              ? std::nullopt
+                              : std::optional(config::Window{key[0], key[1], key[2], key[3]});
+      if (std::optional<std::string> jpeg = encode_(window)) {
+        picture = std::make_shared<const std::string>(std::move(*jpeg));
+      }
+    } catch (const std::exception&) {
+      // No picture; the client is told so.
+    }
+    mailbox_->Post([this, key, picture] { Deliver(key, picture); });
+    const os::MutexLock guard(lock_);
+    while (!ends_ && changed_.WaitUntil(lock_, begun + kBetween)) {
+    }
+  }
+}
+
+void Snapshots::Deliver(const Key& key, const Picture& picture) {
+  Entry& entry = entries_[key];
+  entry.picture = picture;
+  entry.at = Clock::now();
+  for (const Done& done : std::exchange(entry.waiting, {})) {
+    done(picture);
+  }
+}
+
+}  // namespace host::control::http

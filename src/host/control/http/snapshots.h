@@ -1,0 +1,59 @@
+// Snapshots: pictures of the wall, encoded on a thread of their own when somebody asks for them.
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/config/wall.h"
+#include "host/control/http/mailbox.h"
+#include "platform/os/mutex.h"
+#include "platform/os/thread.h"
+
+namespace host::control::http {
+
+// One picture serves all who ask for it within a quarter of a second, and no more than ten in a
+// second are encoded, however many clients ask.
+class Snapshots {
+ public:
+  using Encode = std::function<std::optional<std::string>(const std::optional<config::Window>&)>;
+  using Picture = std::shared_ptr<const std::string>;
+  using Done = std::function<void(Picture)>;
+
+  // encode may be empty.
+  Snapshots(Encode encode, std::shared_ptr<Mailbox> mailbox);
+  // Waits for the picture that is being encoded.
+  ~Snapshots();
+
+  // Server's thread, which calls done, perhaps at once; null when there is no picture.
+  void Get(const std::optional<config::Window>& window, Done done);
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  using Key = std::array<int, 4>;  // the window
+  struct Entry {
+    Picture picture;
+    Clock::time_point at{};
+    std::vector<Done> waiting;
+  };
+
+  void Run();
+  void Deliver(const Key& key, const Picture& picture);
+
+  const Encode encode_;
+  const std::shared_ptr<Mailbox> mailbox_;
+  std::map<Key, Entry> entries_;  // server's thread
+  os::Mutex lock_;
+  os::ConditionVariable changed_;
+  std::deque<Key> queue_ GUARDED_BY(lock_);
+  bool ends_ GUARDED_BY(lock_) = false;
+  std::unique_ptr<os::Thread> thread_;
+};
+
+}  // namespace host::control::http

@@ -1,0 +1,36 @@
+// LatestFrame: composed frames as JPEG for whoever asks, while the wall runs.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <optional>
+#include <string>
+
+#include "host/config/wall.h"
+#include "platform/com/com_ptr.h"
+#include "platform/dshow/samples.h"
+#include "platform/os/mutex.h"
+
+namespace host {
+
+// Keeps no frame that nobody asks for, and none for longer than it takes to copy it: the buffers of
+// the canvas are few.
+class LatestFrame {
+ public:
+  // Composition thread; returns at once.
+  void Take(const ComPtr<IMediaSample>& frame);
+  // The next frame, or a part of it in canvas pixels; none when there is no frame within a second.
+  // One thread at a time. Throws ffmpeg::Error.
+  std::optional<std::string> Jpeg(const config::Canvas& canvas,
+                                  const std::optional<config::Window>& part);
+
+ private:
+  ComPtr<IMediaSample> Next();
+
+  std::atomic<bool> isWanted_{false};
+  os::Mutex lock_;
+  os::ConditionVariable taken_;
+  ComPtr<IMediaSample> frame_ GUARDED_BY(lock_);
+};
+
+}  // namespace host

@@ -1,0 +1,330 @@
+#include <array>
+#include <atomic>
+#include <cstdio>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/read.hpp>
+#include <boost/asio/read_until.hpp>
+#include <boost/asio/write.hpp>
+#include <boost/beast/core/buffers_to_string.hpp>
+#include <boost/beast/websocket.hpp>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include "host/config/wall_reader.h"
+#include "host/control/http/http_server.h"
+#include "host/control/http/openapi.h"
+#include "tests/support/temporary_folder.h"
+#include "tests/support/wait_until.h"
+
+namespace host::control::http {
+namespace {
+
+namespace asio = boost::asio;
+using asio::ip::tcp;
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using WebSocket = boost::beast::websocket::stream<tcp::socket>;
+using Json = nlohmann::json;
+
+// Stands for the session: everything is shown from frame 42 on.
+class FakeExecutor final : public WallExecutor {
+  std::int64_t Execute(const WallState&, const WallState&) override { return 42; }
+};
+
+// A wall of two channels and a slot, the thread that carries out its requests, and its server.
+class HttpTest : public ::testing::Test {
+ protected:
+  HttpTest() { settings_.http.listen = config::Endpoint{"127.0.0.1", 0}; }
+  ~HttpTest() override {
+    ends_ = true;
+    control_.waiting().Set();
+    thread_.join();
+  }
+  void Start() {
+    settings_.snapshot = [](const std::optional<config::Window>& window) {
+      return std::optional<std::string>(window ? "JPEG of a window" : "JPEG of all");
+    };
+    server_ = std::make_unique<HttpServer>(settings_, control_);
+    port_ = server_->url().substr(server_->url().rfind(':') + 1);
+  }
+  tcp::socket Connect() {
+    tcp::socket socket(io_);
+    socket.connect(
+        {asio::ip::make_address("127.0.0.1"), static_cast<std::uint16_t>(std::stoi(port_))});
+    return socket;
+  }
+  static std::string ReadAll(tcp::socket& socket) {
+    std::string text;
+    boost::system::error_code end;
+    asio::read(socket, asio::dynamic_buffer(text), end);
+    return text;
+  }
+  // The answer to a request that names the wall as its host, unless its fields say otherwise.
+  std::string Ask(const std::string& line, const std::string& body = {}, std::string fields = {}) {
+    tcp::socket socket = Connect();
+    if (fields.find("Host:") == std::string::npos) {
+      fields += "Host: 127.0.0.1:" + port_ + "\r\n";
+    }
+    if (!body.empty() && fields.find("Content-Type:") == std::string::npos) {
+      fields += "Content-Type: application/json\r\n";
+    }
+    if (!body.empty()) {
+      fields += "Content-Length: " + std::to_string(body.size()) + "\r\n";
+    }
+    boost::system::error_code ignored;  // of a server that does not want all of it
+    asio::write(socket,
+                asio::buffer(line + " HTTP/1.1\r\nConnection: close\r\n" + fields + "\r\n" + body),
+                ignored);
+    return ReadAll(socket);
+  }
+  std::unique_ptr<WebSocket> OpenWebSocket() {
+    auto socket = std::make_unique<WebSocket>(Connect());
+    socket->handshake("127.0.0.1:" + port_, "/ws");
+    return socket;
+  }
+  static Json ReadMessage(WebSocket& socket) {
+    boost::beast::flat_buffer message;
+    socket.read(message);
+    return Json::parse(boost::beast::buffers_to_string(message.data()));
+  }
+
+  const TemporaryFolder folder_;
+  FakeExecutor executor_;
+  WallControl control_{
+      config::ParseWall("[wall]\nspare = 1\n"
+                        "[[channel]]\nname = 'Cam 1'\nsource = 'udp://239.1.1.1:1'\n"
+                        "[[channel]]\nname = 'Cam 2'\nsource = 'udp://239.1.1.2:1'\n",
+                        "/walls")
+          .wall,
+      executor_,
+      {.wallFile = folder_ / "wall.toml", .live = {}, .say = {}}};
+  std::atomic<bool> ends_{false};
+  std::thread thread_{[this] {
+    while (!ends_) {
+      control_.waiting().Wait(os::kInfinite);
+      control_.Run();
+    }
+  }};
+  HttpServer::Settings settings_;
+  std::unique_ptr<HttpServer> server_;
+  std::string port_;
+  asio::io_context io_;
+};
+
+TEST_F(HttpTest, ServesTheStateAndCarriesOutCommands) {
+  Start();
+  const std::string api = " /api/v1/";
+  const std::string cam = api + "channels/Cam%201";
+  const std::string udp = R"({"source":"udp://239.1.1.3:1"})";
+  const std::string two =
+      R"([{"command":"solo","channel":"Cam 1"},{"command":"solo","channel":"C"}])";
+  struct Case {
+    std::string line, body, fields, status, says;
+  };
+  for (const Case& one : std::vector<Case>{
+           {"GET" + api + "wall", "", "", "200", "\"version\":1"},
+           {"GET" + api + "wall", "", "If-None-Match: \"7\", W/\"1\"\r\n", "304", "ETag: \"1\""},
+           {"PATCH" + cam, R"({"label":"A"})", "", "200", R"("frame":42)"},
+           {"GET" + cam, "", "", "200", R"("label":"A")"},
+           {"PATCH" + cam, R"({"label":"B"})", "If-Match: \"1\"\r\n", "412", "version 2"},
+           {"PATCH" + cam, R"({"lable":"B"})", "", "422", R"("pointer":"/lable")"},
+           {"PATCH" + cam, R"({"channel":"Cam 2"})", "", "422", "no keys of the body"},
+           {"DELETE" + api + "channels/Cam1", "", "", "404", R"("nearest":"Cam 1")"},
+           {"POST" + api + "commands", two, "", "422", R"("pointer":"/1/channel")"},
+           {"POST" + api + "commands", R"({"command":"solo",)", "", "400", "no JSON"},
+           {"POST" + api + "commands", std::string(100'000, '['), "", "400", "deep"},
+           {"POST" + api + "channels", udp, "", "201", R"("version":3)"},
+           {"POST" + api + "channels", udp, "", "409", "spare"},
+           {"DELETE" + api + "channels/%43hannel%201", "", "", "200", R"("version":4)"},
+           {"PUT" + api + "layouts/evening", R"({"by_name":true})", "", "200", R"("version":5)"},
+           {"POST" + api + "layouts/evening/apply", "", "", "200", R"("version":6)"},
+           {"GET" + api + "layouts/evening", "", "", "200", R"("saved":true,"places":[{"window")"},
+           {"POST" + api + "alarms/Cam%202/mask", "", "", "400", "needs a body"},
+           {"GET /snapshot.jpg?channel=Cam+2", "", "", "200", "JPEG of a window"},
+           {"HEAD /snapshot.jpg", "", "", "200", "Content-Length: 11"},
+           {"DELETE" + api + "wall", "", "", "405", "Allow: GET, HEAD"},
+           {"GET /.." + api.substr(1), "", "", "404", "problem+json"},
+           {"GET /ws", "", "", "426", "Upgrade: websocket"}}) {
+    EXPECT_THAT(
+        Ask(one.line, one.body, one.fields),
+        AllOf(HasSubstr("HTTP/1.1 " + one.status), HasSubstr(one.says), HasSubstr("nosniff")))
+        << one.line << one.body.substr(0, 99);
+  }
+}
+
+TEST_F(HttpTest, RefusesForeignRequestsAndTooLargeOnesAndLeavesTheWallAsItIs) {
+  WriteWholeFile(folder_ / "tokens",
+                 "# who may\nview 0123456789abcdef\noperate 0123456789ABCDEF\n");
+  settings_.http.listen->host = "0.0.0.0";
+  EXPECT_THROW(Start(), std::runtime_error) << "reachable without a token";
+  settings_.http.tokenFile = folder_ / "tokens";
+  std::filesystem::permissions(folder_ / "tokens", std::filesystem::perms(0644));
+  EXPECT_THROW(Start(), std::runtime_error) << "tokens that everybody reads";
+  std::filesystem::permissions(folder_ / "tokens", std::filesystem::perms(0600));
+  settings_.http.hosts = {"wall.example"};
+  Start();
+  const std::string may = "Authorization: Bearer 0123456789ABCDEF\r\n";
+  const std::string own = "Origin: http://127.0.0.1:" + port_ + "\r\n";
+  const std::string solo = R"({"command":"solo","channel":"Cam 1"})";
+  const std::string post = "POST /api/v1/commands";
+  struct Case {
+    std::string line, body, fields, status;
+  };
+  for (const Case& one : std::vector<Case>{
+           {post, solo, "", "401"},
+           {post, solo, "Authorization: Bearer 0123456789ABCDEf\r\n", "401"},
+           {post, solo, "Authorization: Bearer 0123456789abcdef\r\n", "403"},
+           {"GET /api/v1/wall?token=0123456789ABCDEF", "", "", "401"},
+           {"GET /api/v1/wall", "", "authorization: bearer 0123456789abcdef\r\n", "200"},
+           {post, solo, may + "Origin: http://evil.example\r\n", "403"},
+           {post, solo, may + "Origin: http://127.0.0.1:1\r\n", "403"},  // another port
+           {post, solo, may + "Origin: null\r\n", "403"},
+           {post, solo, may + "Sec-Fetch-Site: cross-site\r\n", "403"},
+           {"GET /events", "", may + "Origin: http://evil.example\r\n", "403"},
+           {"GET /ws", "", may + "Origin: http://evil.example\r\n", "403"},
+           {post, solo, may + "Host: evil.example\r\n", "421"},
+           {post, solo, may + "Host: evil.example\r\n" + own, "421"},
+           {post, solo, may + "Host: 127.0.0.1\r\nHost: evil.example\r\n", "400"},
+           {post, solo, may + "Content-Type: text/plain\r\n", "415"},
+           {post, "", may + "Content-Type: application/json\r\nContent-Length: 1000000000\r\n",
+            "413"},
+           {post, std::string(1'100'000, ' '), may, "413"},
+           {"GET /api/v1/wall", "", may + "X: " + std::string(20'000, 'x') + "\r\n", "431"},
+           {"GET /api/v1/wall", "", may + "Content-Length: x\r\n", "400"},
+           {"GET /api/v1/wall", "", may + "Host: WALL.example:9\r\n", "200"}}) {
+    EXPECT_THAT(Ask(one.line, one.body, one.fields), HasSubstr("HTTP/1.1 " + one.status))
+        << one.line << one.fields.substr(0, 100);
+  }
+  EXPECT_EQ(control_.version(), 1U);
+  EXPECT_THAT(Ask(post, solo, may + own), HasSubstr("HTTP/1.1 200"));
+}
+
+TEST_F(HttpTest, ServesWhileAThousandOthersSayNothingOrHalfOfSomething) {
+  rlimit files{};
+  getrlimit(RLIMIT_NOFILE, &files);
+  files.rlim_cur = files.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &files);
+  settings_.limits.header = std::chrono::milliseconds(300);
+  Start();
+  std::vector<tcp::socket> others;
+  for (int i = 0; i < 1000; ++i) {
+    others.push_back(Connect());
+    boost::system::error_code gone;
+    asio::write(others.back(), asio::buffer(std::string(i % 2 == 0 ? "" : "GET /api")), gone);
+  }
+  EXPECT_THAT(Ask("GET /api/v1/wall"), HasSubstr("HTTP/1.1 200"));
+  EXPECT_EQ(ReadAll(others.back()), "") << "half of a header ends the connection";
+  server_.reset();  // with the rest of them connected
+  EXPECT_EQ(control_.version(), 1U);
+}
+
+TEST_F(HttpTest, FollowersGetASnapshotAndThenNumberedEventsAndASlowOneIsDropped) {
+  Start();
+  const auto slow = OpenWebSocket();
+  const auto fast = OpenWebSocket();
+  EXPECT_EQ(ReadMessage(*fast)["wall"]["version"], 1);
+  fast->write(
+      asio::buffer(std::string(R"({"id":7,"commands":{"command":"solo","channel":"Cam 1"}})")));
+  fast->write(asio::buffer(std::string(R"({"id":8,"commands":[]})")));
+  for (const Json& expected :
+       {Json{{"event", "changed"}, {"number", 1}}, Json{{"event", "reply"}, {"id", 7}},
+        Json{{"event", "refused"}, {"number", 2}},
+        Json{{"event", "reply"}, {"id", 8}, {"problem", {{"status", 422}}}}}) {
+    const Json message = ReadMessage(*fast);
+    Json merged = message;
+    merged.merge_patch(expected);
+    EXPECT_EQ(message, merged);
+  }
+
+  // One that comes back continues, and one that has missed more than there is gets a snapshot.
+  control_.events().Publish(R"({"event":"third"})");
+  for (const auto& [last, first] :
+       {std::pair{"2", "\r\n\r\nid: 3\ndata: {\"number\":3,\"event\":\"third\"}\n\n"},
+        std::pair{"99", "\r\n\r\nid: 3\ndata: {\"event\":\"snapshot\""}}) {
+    tcp::socket socket = Connect();
+    asio::write(socket, asio::buffer("GET /events HTTP/1.1\r\nHost: localhost\r\nLast-Event-ID: " +
+                                     std::string(last) + "\r\n\r\n"));
+    std::string text;
+    asio::read_until(socket, asio::dynamic_buffer(text), first);
+  }
+
+  const std::string large = R"({"event":"large","text":")" + std::string(400'000, 'x') + "\"}";
+  for (int i = 0; i < 60; ++i) {
+    control_.events().Publish(large);
+  }
+  EXPECT_GE(control_.events().dropped(), 1U);
+  boost::system::error_code closed;
+  for (boost::beast::flat_buffer message; !closed; message.clear()) {
+    slow->read(message, closed);
+  }
+  EXPECT_EQ(slow->reason().code, boost::beast::websocket::close_code::try_again_later) << closed;
+  EXPECT_THAT(Ask("GET /api/v1/wall"), HasSubstr("\"dropped_clients\":"));
+}
+
+// The output of a command of the shell, and its exit code.
+std::pair<std::string, int> Shell(const std::string& command) {
+  FILE* const pipe = popen(command.c_str(), "r");
+  std::string output;
+  std::array<char, 4096> part;
+  while (const std::size_t count = std::fread(part.data(), 1, part.size(), pipe)) {
+    output.append(part.data(), count);
+  }
+  return {output, pclose(pipe)};
+}
+
+TEST_F(HttpTest, TheExamplesOfTheDocumentWorkAlsoOverTls) {
+  const std::string certificate = (folder_ / "cert").string();
+  const std::string key = (folder_ / "key").string();
+  ASSERT_EQ(Shell("openssl req -x509 -nodes -days 2 -subj /CN=localhost -addext "
+                  "subjectAltName=IP:127.0.0.1 "
+                  "-newkey ec -pkeyopt ec_paramgen_curve:P-256 -keyout " +
+                  key + " -out " + certificate + " 2>/dev/null")
+                .second,
+            0);
+  settings_.http.certificate = certificate;
+  settings_.http.key = key;
+  settings_.limits.keepAlive = std::chrono::milliseconds(100);  // `head` ends what it reads from
+  Start();
+  std::istringstream document(ReadWholeFile(TAVREL_DOCS "/control.md"));
+  int examples = 0;
+  for (std::string line; std::getline(document, line);) {
+    const auto replace = [&](const std::string& what, const std::string& with) {
+      if (const std::size_t at = line.find(what); at != std::string::npos) {
+        line.replace(at, what.size(), with);
+      }
+    };
+    if (line.starts_with("    curl ")) {
+      replace("curl ", "curl --silent --cacert " + certificate + " ");
+      replace("http://127.0.0.1:8080", server_->url());
+      replace("If-Match: \"1\"", "If-Match: \"" + std::to_string(control_.version()) + "\"");
+      const auto [output, code] = Shell(line);
+      EXPECT_EQ(code, 0) << line << "\n" << output;
+      ++examples;
+    }
+  }
+  EXPECT_GE(examples, 14);
+}
+
+TEST(OpenApi, DescribesEveryCommandAndRefersToNothingThatIsMissing) {
+  const nlohmann::ordered_json api = DescribeApi();
+  std::istringstream words(api.dump(1));
+  int references = 0;
+  for (std::string line; std::getline(words, line);) {
+    if (const std::size_t at = line.find("\"#/"); at != std::string::npos) {
+      const std::string pointer = line.substr(at + 2, line.rfind('"') - at - 2);
+      EXPECT_TRUE(api.contains(nlohmann::ordered_json::json_pointer(pointer))) << pointer;
+      ++references;
+    }
+  }
+  EXPECT_GE(references, 2 * static_cast<int>(CommandKinds().size()));
+}
+
+}  // namespace
+}  // namespace host::control::http
