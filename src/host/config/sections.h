@@ -46,6 +46,12 @@ std::vector<Layout> ReadLayouts(TableReader& root, const Canvas& canvas);
 // [log]
 void ReadLog(TableReader& reader, const FileContext& context, LogOptions& log);
 
+inline constexpr int kMaxTallyIndex = 65534;
+
+// [control] and [tally]
+void ReadControl(TableReader& reader, const FileContext& context, ControlOptions& control);
+void ReadTally(TableReader& reader, TallyOptions& tally);
+
 // [[output]]
 Output ReadOutput(TableReader& reader, const FileContext& context);
 

@@ -157,6 +157,7 @@ void ReadCanvas(TableReader& reader, const FileContext& context, Wall& wall) {
   rules.windowAspect = ReadAspect(reader, "window_aspect");
   wall.spare =
       static_cast<int>(reader.Integer("spare", 0, static_cast<int>(kMaxChannels)).value_or(0));
+  wall.layout = reader.FilledText("layout").value_or("");
   canvas.places = reader.AllPlaces();
   reader.Finish();
 }

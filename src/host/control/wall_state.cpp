@@ -18,20 +18,6 @@ using Json = nlohmann::ordered_json;
 constexpr const char* kAuto = "auto";
 constexpr const char* kFile = "file";
 
-const char* NameOf(config::Decode decode) {
-  switch (decode) {
-    case config::Decode::kAuto:
-      return "auto";
-    case config::Decode::kFull:
-      return "full";
-    case config::Decode::kEconomy:
-      return "economy";
-    case config::Decode::kKeyframes:
-      return "keyframes";
-  }
-  return "";
-}
-
 bool HasLabels(const WallState& state) {
   return std::any_of(state.order.begin(), state.order.end(), [&](std::size_t slot) {
     return state.slots[slot]->settings.label.source != config::Label::Source::kNone;
@@ -56,8 +42,8 @@ std::vector<config::Layout::Place> PlacesOf(const WallState& state) {
   }
   const auto windows =
       state.layout == kAuto
-          ? config::LayOutWindows(state.canvas, state.rules, std::max<std::size_t>(state.order.size(), 1),
-                                  HasLabels(state))
+          ? config::LayOutWindows(state.canvas, state.rules,
+                                  std::max<std::size_t>(state.order.size(), 1), HasLabels(state))
           : config::BuiltInPlaces(state.layout, state.canvas, state.rules, HasLabels(state));
   if (!windows) {
     throw CommandError(CommandError::Kind::kConflict,
@@ -164,7 +150,8 @@ void WallState::PlaceWindows() {
   std::vector<config::Layout::Place> places = PlacesOf(*this);
   std::vector<std::optional<config::Window>> windows(slots.size());
   for (config::Layout::Place& place : places) {
-    const std::optional<std::size_t> slot = place.channel.empty() ? std::nullopt : SlotOf(place.channel);
+    const std::optional<std::size_t> slot =
+        place.channel.empty() ? std::nullopt : SlotOf(place.channel);
     if (slot && !windows[*slot]) {
       windows[*slot] = place.window;
       place.window = {};  // is taken
@@ -173,7 +160,8 @@ void WallState::PlaceWindows() {
   // A place whose channel is not there is filled in order, as all others.
   auto place = places.begin();
   for (const std::size_t slot : order) {
-    place = std::find_if(place, places.end(), [](const auto& free) { return free.window.width > 0; });
+    place =
+        std::find_if(place, places.end(), [](const auto& free) { return free.window.width > 0; });
     if (!windows[slot] && place != places.end()) {
       windows[slot] = place->window;
       ++place;
