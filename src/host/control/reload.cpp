@@ -40,8 +40,8 @@ std::vector<std::string> NeedsRestart(const config::Wall& running, const config:
 Reloaded Reload(const WallState& state, const config::Wall& running, const config::Wall& file) {
   Reloaded reloaded{state, {}, NeedsRestart(running, file)};
   WallState& next = reloaded.state;
-  const bool hasSameCanvas = running.canvas.width == file.canvas.width &&
-                             running.canvas.height == file.canvas.height;
+  const bool hasSameCanvas =
+      running.canvas.width == file.canvas.width && running.canvas.height == file.canvas.height;
   for (std::optional<ChannelEntry>& entry : next.slots) {
     if (entry && Find(running, entry->settings.name) != nullptr &&
         Find(file, entry->settings.name) == nullptr) {
@@ -93,6 +93,7 @@ Reloaded Reload(const WallState& state, const config::Wall& running, const confi
   for (const config::Layout& layout : file.layouts) {
     next.layouts[layout.name] = layout;
   }
+  next.layout = running.layout != file.layout && !file.layout.empty() ? file.layout : next.layout;
   const std::vector<std::string> layouts = next.LayoutNames();
   if (running.placesWindows != file.placesWindows ||
       std::find(layouts.begin(), layouts.end(), next.layout) == layouts.end()) {

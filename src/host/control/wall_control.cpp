@@ -40,14 +40,17 @@ WallControl::WallControl(const config::Wall& wall, WallExecutor& executor, Setti
       state.saved = book.Read(state.canvas);
       // The wall file's own come first.
       state.layouts.insert(state.saved.begin(), state.saved.end());
-      std::erase_if(state.saved, [&](const auto& one) {
-        return state.layouts.at(one.first) != one.second;
-      });
+      std::erase_if(state.saved,
+                    [&](const auto& one) { return state.layouts.at(one.first) != one.second; });
     } catch (const CommandError& error) {
       Say(error.detail() + "; the wall goes on without its saved layouts");
     }
   }
+  const std::string layout = state.layout;
   state_ = std::make_shared<const WallState>(std::move(state));
+  if (!wall.layout.empty() && wall.layout != layout) {
+    Submit({{{"command", "layout"}, {"layout", wall.layout}}, "wall file", {}}, {});
+  }
 }
 
 void WallControl::Say(const std::string& what) const {
@@ -133,8 +136,7 @@ Accepted WallControl::CarryOut(const Request& request, const WallState& before) 
                                          " by now, not " + std::to_string(*request.ifVersion));
   }
   WallState next = before;
-  CommandContext context{next, settings_.wallFile.parent_path(),
-                         std::chrono::system_clock::now()};
+  CommandContext context{next, settings_.wallFile.parent_path(), std::chrono::system_clock::now()};
   Accepted accepted;
   Carry(request.commands, context);
   std::optional<config::Wall> file;
@@ -152,6 +154,13 @@ Accepted WallControl::CarryOut(const Request& request, const WallState& before) 
     if (context.savesBook) {
       SaveBook(next);
     }
+  }
+  std::optional<config::Wall> written;
+  if (context.saves) {
+    written = SaveWall(next, file ? *file : running_);
+    accepted.more["saved"] = settings_.wallFile.string();
+  }
+  if (accepted.hasChanged) {
     accepted.frame = executor_.Execute(before, next);
   }
   if (file) {
@@ -162,8 +171,10 @@ Accepted WallControl::CarryOut(const Request& request, const WallState& before) 
     file->spare = running_.spare;
     running_ = std::move(*file);
   }
-  if (context.saves) {
-    accepted.more["saved"] = SaveWall(next);
+  if (written) {
+    running_.channels = std::move(written->channels);
+    running_.placesWindows = written->placesWindows;
+    running_.layout = std::move(written->layout);
   }
   accepted.version = next.version;
   const os::MutexLock guard(lock_);
@@ -189,12 +200,11 @@ void WallControl::SaveBook(const WallState& state) const {
   LayoutBook(settings_.wallFile).Write(state.saved);
 }
 
-std::string WallControl::SaveWall(const WallState& state) const {
+config::Wall WallControl::SaveWall(const WallState& state, const config::Wall& known) const {
   if (settings_.wallFile.empty()) {
     throw CommandError(Kind::kConflict, "the wall has no file to save to");
   }
-  WriteWallFile(settings_.wallFile, state);
-  return settings_.wallFile.string();
+  return WriteWallFile(settings_.wallFile, known, state);
 }
 
 // A line of events for every change and every refusal.
@@ -205,12 +215,9 @@ void WallControl::Report(const Request& request, const Result& result) {
       return;
     }
     const std::shared_ptr<const WallState> now = state();
-    line = {{"event", "changed"},
-            {"from", request.from},
-            {"version", accepted->version},
-            {"frame", accepted->frame},
-            {"commands", request.commands},
-            {"state", ToJson(*now)}};
+    line = {{"event", "changed"},           {"from", request.from},
+            {"version", accepted->version}, {"frame", accepted->frame},
+            {"commands", request.commands}, {"state", ToJson(*now)}};
   } else {
     const auto& error = std::get<CommandError>(result);
     line = {{"event", "refused"}, {"from", request.from}, {"reason", error.detail()}};

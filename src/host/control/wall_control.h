@@ -25,7 +25,7 @@ namespace host::control {
 // A request: one command or a list, carried out as a whole or refused as a whole.
 struct Request {
   nlohmann::json commands;
-  std::string from;                        // who asks, for messages: "socket", "10.0.0.7", "wall file"
+  std::string from;  // who asks, for messages: "socket", "10.0.0.7", "wall file"
   std::optional<std::uint64_t> ifVersion;  // only if the state has this version
 };
 // What became of it.
@@ -33,7 +33,8 @@ struct Accepted {
   std::uint64_t version = 0;  // of the state after it
   std::int64_t frame = 0;     // the first composed frame that shows all of it
   bool hasChanged = false;
-  nlohmann::ordered_json more = nlohmann::ordered_json::object();  // of reload: what needs a restart, ...
+  nlohmann::ordered_json more =
+      nlohmann::ordered_json::object();  // of reload: what needs a restart, ...
 };
 using Result = std::variant<Accepted, CommandError>;
 
@@ -60,7 +61,7 @@ class WallControl {
   };
   static constexpr std::size_t kMaxWaiting = 64;
 
-  // executor outlives it.
+  // executor outlives it. A layout that the wall begins in is the first request.
   WallControl(const config::Wall& wall, WallExecutor& executor, Settings settings);
 
   // Any thread. done: called once, by the application's thread or, when too many requests wait or
@@ -68,6 +69,8 @@ class WallControl {
   void Submit(Request request, std::function<void(const Result&)> done);
   // The whole state with what is live of it. Any thread.
   nlohmann::ordered_json Snapshot() const;
+  // What it is made from, as it is at this moment. Any thread.
+  std::shared_ptr<const WallState> state() const;
   std::uint64_t version() const;
   EventFeed& events() { return events_; }
 
@@ -83,14 +86,13 @@ class WallControl {
     Request request;
     std::function<void(const Result&)> done;
   };
-  std::shared_ptr<const WallState> state() const;
   Result CarryOut(const Request& request);
   Accepted CarryOut(const Request& request, const WallState& before);
   void Report(const Request& request, const Result& result);
   config::Wall ReadWallFile() const;
   void SaveBook(const WallState& state) const;
-  // Returns the file that was written.
-  std::string SaveWall(const WallState& state) const;
+  // Returns what the file says now. known: as it was read last.
+  config::Wall SaveWall(const WallState& state, const config::Wall& known) const;
   void Say(const std::string& what) const;
 
   WallExecutor& executor_;
