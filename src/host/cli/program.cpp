@@ -57,7 +57,9 @@ Program::Program(Streams streams)
   app_->set_version_flag("--version", "tavrel " TAVREL_VERSION, "print the version");
   app_->get_formatter()->column_width(34);
   app_->footer(
-      "Exit codes: 0 done, 64 wrong arguments, 75 could not start, 78 mistakes in the wall file.");
+      "Exit codes: 0 done, 64 wrong arguments, 75 could not start, 78 mistakes in the wall file; "
+      "of "
+      "ctl also 1 refused, 69 no wall answers.");
 }
 
 Program::~Program() = default;

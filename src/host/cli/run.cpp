@@ -17,6 +17,9 @@ ExitCode RunWall(const RunOptions& options, bool live, Streams& streams) {
   WallCommand command;
   command.wall = file.wall;
   command.wallFile = options.wall;
+  if (options.socket) {
+    command.wall.control.socket = options.socket;
+  }
   command.graph = options.graph;
   command.record = options.record;
   command.live = live;
@@ -34,6 +37,11 @@ void DefineRun(CLI::App& app, RunOptions& options) {
   app.add_flag("--json", options.json, "print the status as lines of JSON")->envname("TAVREL_JSON");
   app.add_flag("--events", options.events, "print alarms and changes as lines of JSON")
       ->envname("TAVREL_EVENTS");
+  app.add_option(
+         "--socket", options.socket,
+         "where `tavrel ctl` reaches the wall; \"\" for nowhere [NAME.sock in the folder of "
+         "running programs]")
+      ->envname("TAVREL_SOCKET");
   DefineGraph(app, options.graph);
 }
 

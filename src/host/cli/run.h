@@ -2,6 +2,7 @@
 #pragma once
 
 #include <filesystem>
+#include <optional>
 
 #include "host/cli/graph_options.h"
 #include "host/cli/program.h"
@@ -14,7 +15,8 @@ struct RunOptions {
   RecordOptions record;  // of render: at least one output or a snapshot
   bool json = false;     // the result as a line of JSON; of run, also the status
   bool events = false;   // run: changes of channels and alarms as lines of JSON
-  bool strict = false;   // render: kCouldNotStart when a channel was not shown to its end
+  std::optional<std::filesystem::path> socket;  // run: instead of the wall file's; empty: none
+  bool strict = false;  // render: kCouldNotStart when a channel was not shown to its end
 };
 
 void DefineRun(CLI::App& app, RunOptions& options);

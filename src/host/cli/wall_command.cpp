@@ -12,6 +12,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "host/cli/control_links.h"
 #include "host/cli/json_lines.h"
 #include "host/cli/message_log.h"
 #include "host/cli/run_plan.h"
@@ -39,6 +40,16 @@ std::string Seconds(double seconds) {
   return text;
 }
 
+// Where the session's own way of changing a running wall comes in: until it has one, what would
+// change the wall is refused.
+class SessionExecutor final : public control::WallExecutor {
+ public:
+  std::int64_t Execute(const control::WallState&, const control::WallState&) override {
+    throw control::CommandError(control::CommandError::Kind::kConflict,
+                                "this wall cannot be changed while it runs");
+  }
+};
+
 // The wall at work, from its start to its end.
 class WallCommandRun {
  public:
@@ -47,6 +58,7 @@ class WallCommandRun {
         record_(command.record),
         streams_(streams),
         plan_(std::move(plan)),
+        signals_(command.live && !command.wallFile.empty()),
         messageLog_(
             std::make_unique<MessageLog>(streams, FirstOf(command.graph.log, command.wall.log))),
         messages_(*messageLog_),
@@ -55,7 +67,12 @@ class WallCommandRun {
         noLines_(streams.out, false),
         board_(command.wall.channels, messages_, command.events ? lines_ : noLines_),
         outputMessages_(messages_),
-        snapshot_(command.record.snapshotAt) {}
+        snapshot_(command.record.snapshotAt) {
+    if (command.live) {
+      links_ = std::make_unique<ControlLinks>(executor_, LinkSettings());
+      board_.PublishTo(links_->events());
+    }
+  }
 
   ExitCode Run() {
     os::StandardStream::LimitWaiting(streams_.out, kOutTimeout, kOutTimeout);
@@ -113,6 +130,22 @@ class WallCommandRun {
     return settings;
   }
 
+  ControlLinks::Settings LinkSettings() {
+    ControlLinks::Settings settings;
+    settings.wall = command_.wall;
+    settings.wallFile = command_.wallFile;
+    settings.say = [this](const std::string& what) { messages_.Say(qorp::log::kWarning, what); };
+    settings.complain = [this](const std::string& what) { messages_.Say(qorp::log::kError, what); };
+    settings.live = [this] {
+      nlohmann::ordered_json live;
+      for (const ChannelBoard::Entry& entry : board_.entries()) {
+        live["channels"][entry.name] = ToJson(entry);
+      }
+      return live;
+    };
+    return settings;
+  }
+
   void RunLive(WallSession& session) {
     ServiceStatus service(os::ServiceNotifier::FromEnvironment());
     session.Start();
@@ -123,7 +156,11 @@ class WallCommandRun {
       if (now >= end) {
         break;
       }
-      signals_.WaitFor(milliseconds(std::clamp<Time>((end - now) / kMillisecond + 1, 1, 200)));
+      if (signals_.TakeReload()) {
+        links_->Reload();
+      }
+      links_->RunFor(
+          static_cast<std::uint32_t>(std::clamp<Time>((end - now) / kMillisecond + 1, 1, 200)));
       service.Report(session.counters().composed);
       ShowProgress(session);
       if (Elapsed() - lastStatus >= 1) {
@@ -285,6 +322,7 @@ class WallCommandRun {
   JsonLines lines_;
   JsonLines noLines_;
   ChannelBoard board_;
+  SessionExecutor executor_;
   OutputMessages outputMessages_;
   OutputSet* outputs_ = nullptr;  // of the session
   SnapshotFrame snapshot_;
@@ -293,6 +331,8 @@ class WallCommandRun {
   double lastProgress_ = -1;
   WallSession::Counters counters_;
   FrameWatch::Timing timing_;
+  // Its threads ask the board, and end before it.
+  std::unique_ptr<ControlLinks> links_;
 };
 
 }  // namespace

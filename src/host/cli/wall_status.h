@@ -16,6 +16,7 @@
 #include "host/cli/json_lines.h"
 #include "host/cli/message_log.h"
 #include "host/config/wall.h"
+#include "host/control/event_feed.h"
 #include "host/output/output_set.h"
 #include "host/session/wall_session.h"
 #include "platform/os/mutex.h"
@@ -69,17 +70,23 @@ class ChannelBoard final : public ChannelObserver {
   void AudioChanged(const std::string& channel, const AudioStatus& status) override;
   void AlarmChanged(const std::string& channel, const AlarmMonitor::Change& change) override;
 
-  // In the order of the wall.
+  // Everything that is an event goes there as well; it outlives the board. Before any channel runs.
+  void PublishTo(control::EventFeed& feed) { feed_ = &feed; }
+
+  // In the order of the wall, then channels that were added.
   std::vector<Entry> entries() const;
 
  private:
-  Entry& Of(const std::string& channel) REQUIRES(lock_) { return entries_[index_.at(channel)]; }
+  Entry& Of(const std::string& channel) REQUIRES(lock_);
+  bool hasReaders() const { return events_.enabled() || feed_ != nullptr; }
+  void Publish(const nlohmann::ordered_json& event);
   void Say(std::int32_t level, const std::string& channel, const std::string& what);
 
   MessageLog& messages_;
   JsonLines& events_;
-  std::map<std::string, std::size_t> index_;  // of the entries, by name
+  control::EventFeed* feed_ = nullptr;
   mutable os::Mutex lock_;
+  std::map<std::string, std::size_t> index_ GUARDED_BY(lock_);  // of the entries, by name
   std::vector<Entry> entries_ GUARDED_BY(lock_);
   // Why a channel fails, by its name, while it does.
   std::map<std::string, std::string> failures_ GUARDED_BY(lock_);

@@ -119,7 +119,7 @@ TEST(WallFileWriter, SaysWhatTheStateIsWhateverItIs) {
                                        "spare = 4 # é\npreroll");
   std::mt19937 random(1);
   config::Wall known;
-  for (int step = 0; step < 90; ++step) {
+  for (int step = 0; step < 300; ++step) {
     if (step % 15 == 0) {
       WriteWholeFile(path, example);
       known = config::ReadWall(path).wall;
