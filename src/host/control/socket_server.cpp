@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <deque>
 #include <map>
 #include <optional>
@@ -21,7 +22,8 @@ using Kind = CommandError::Kind;
 
 constexpr std::size_t kMaxUnsent = 262'144;  // bytes of answers, beyond which no request is read
 constexpr std::size_t kMaxRequests = 16;     // of one client that wait for their results
-constexpr int kMaxDepth = 16;                // of a request
+constexpr std::chrono::milliseconds kAcceptPause{100};
+constexpr int kMaxDepth = 16;  // of a request
 constexpr const char* kTooLong = "a request has at most 1000000 bytes in its line";
 
 // Throws CommandError.
@@ -105,13 +107,14 @@ class SocketServer::Clients : public std::enable_shared_from_this<Clients> {
 
   // The serving thread, until Stop.
   void Run() {
+    bool isPaused = false;  // nothing could be accepted: perhaps too many files are open
     while (!stopping_) {
       const bool isFull = clients_.size() >= kMaxClients;
-      std::vector<os::SocketPoll::Item> items{{&listener_, !isFull}};
+      std::vector<os::SocketPoll::Item> items{{&listener_, !isFull && !isPaused}};
       for (auto& [number, client] : clients_) {
         items.push_back({&client.socket, client.MayRead(), !client.unsent.empty()});
       }
-      poll_.Wait(items, std::chrono::milliseconds(-1));
+      poll_.Wait(items, isPaused ? kAcceptPause : std::chrono::milliseconds(-1));
       TakeAnswers();
       auto item = items.begin() + 1;
       for (auto client = clients_.begin(); client != clients_.end(); ++item) {
@@ -119,9 +122,13 @@ class SocketServer::Clients : public std::enable_shared_from_this<Clients> {
                                                              : clients_.erase(client);
       }
       if (items.front().canReceive) {
-        if (os::Socket socket = listener_.Accept(); socket.IsValid()) {
+        os::Socket socket = listener_.Accept();
+        isPaused = !socket.IsValid();
+        if (!isPaused) {
           clients_[++latest_].socket = std::move(socket);
         }
+      } else {
+        isPaused = false;
       }
     }
   }

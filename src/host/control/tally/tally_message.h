@@ -58,7 +58,7 @@ class TallyParser {
 
   const Protocol protocol_;
   std::vector<std::uint8_t> waiting_;  // of a stream
-  bool awaitsEnd_ = false;             // a packet's end mark may come, which its length makes needless
+  bool awaitsEnd_ = false;  // a packet's end mark may come, which its length makes needless
   std::uint64_t skipped_ = 0;
 };
 

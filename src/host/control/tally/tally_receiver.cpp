@@ -59,13 +59,14 @@ class TallyReceiver::Receiving : public std::enable_shared_from_this<Receiving> 
   void Run() {
     while (!stopping_) {
       std::vector<os::SocketPoll::Item> items;
-      for (const os::Socket& socket : sockets_) {
-        items.push_back({&socket});
+      for (std::size_t i = 0; i < sockets_.size(); ++i) {
+        items.push_back({&sockets_[i], !(isPaused_ && options_.listen[i].isTcp)});
       }
       for (const Connection& connection : connections_) {
         items.push_back({&connection.socket});
       }
-      poll_.Wait(items, isRetrying_ ? kRetry : kMaxSilence);
+      poll_.Wait(items, isRetrying_ || isPaused_ ? kRetry : kMaxSilence);
+      isPaused_ = false;
       TakeFinished();
       auto item = items.begin() + std::ssize(sockets_);
       for (auto connection = connections_.begin(); connection != connections_.end(); ++item) {
@@ -112,6 +113,7 @@ class TallyReceiver::Receiving : public std::enable_shared_from_this<Receiving> 
   void Accept(os::Socket& listener) {
     std::string sender;
     os::Socket socket = listener.Accept(&sender);
+    isPaused_ = isPaused_ || !socket.IsValid();
     if (socket.IsValid() && IsAllowed(sender) && connections_.size() < kMaxConnections) {
       connections_.push_back({std::move(socket), TallyParser(options_.protocol), Clock::now()});
     }
@@ -269,6 +271,7 @@ class TallyReceiver::Receiving : public std::enable_shared_from_this<Receiving> 
   std::list<Connection> connections_;
   std::map<std::string, Channel> channels_;  // by name
   bool isRetrying_ = false;
+  bool isPaused_ = false;  // nothing could be accepted: perhaps too many files are open
   std::array<char, kMaxBuffer> buffer_{};
   os::Mutex lock_;
   std::map<std::string, bool> finished_ GUARDED_BY(lock_);
