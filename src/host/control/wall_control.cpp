@@ -1,5 +1,6 @@
 #include "host/control/wall_control.h"
 
+#include <algorithm>
 #include <chrono>
 #include <exception>
 #include <utility>
@@ -8,6 +9,7 @@
 #include "host/control/layout_book.h"
 #include "host/control/reload.h"
 #include "host/control/wall_file_writer.h"
+#include "host/ffmpeg/mask.h"
 
 namespace host::control {
 namespace {
@@ -24,6 +26,28 @@ CommandError MistakesOf(const config::WallFile& file, const std::filesystem::pat
     }
   }
   return {Kind::kMalformed, text};
+}
+
+// For those who only watch: a source's address and options may hold passwords.
+nlohmann::json WithoutSecrets(nlohmann::json commands) {
+  const auto mask = [](nlohmann::json& command) {
+    if (const auto source = command.find("source");
+        source != command.end() && source->is_string()) {
+      *source = ffmpeg::MaskUrl(source->get<std::string>());
+    }
+    if (const auto options = command.find("options");
+        options != command.end() && options->is_object()) {
+      for (nlohmann::json& value : *options) {
+        value = "***";
+      }
+    }
+  };
+  if (commands.is_array()) {
+    std::for_each(commands.begin(), commands.end(), mask);
+  } else {
+    mask(commands);
+  }
+  return commands;
 }
 
 }  // namespace
@@ -215,9 +239,12 @@ void WallControl::Report(const Request& request, const Result& result) {
       return;
     }
     const std::shared_ptr<const WallState> now = state();
-    line = {{"event", "changed"},           {"from", request.from},
-            {"version", accepted->version}, {"frame", accepted->frame},
-            {"commands", request.commands}, {"state", ToJson(*now)}};
+    line = {{"event", "changed"},
+            {"from", request.from},
+            {"version", accepted->version},
+            {"frame", accepted->frame},
+            {"commands", WithoutSecrets(request.commands)},
+            {"state", ToJson(*now)}};
   } else {
     const auto& error = std::get<CommandError>(result);
     line = {{"event", "refused"}, {"from", request.from}, {"reason", error.detail()}};

@@ -26,7 +26,9 @@ namespace host::control {
 namespace {
 
 using nlohmann::json;
+using ::testing::AllOf;
 using ::testing::HasSubstr;
+using ::testing::Not;
 using Protocol = TallyParser::Protocol;
 
 class RecordingExecutor final : public WallExecutor {
@@ -107,6 +109,9 @@ TEST(SocketServer, AnswersEveryRequestAndBoundsEveryClient) {
   EXPECT_EQ(client.Ask(solo("B")),
             json::parse(R"({"id":5,"ok":true,"version":2,"frame":1,"changed":true})"));
   EXPECT_THAT(watcher.Line(), HasSubstr(R"("solo":"B")"));
+  client.Ask(json::parse(R"({"commands":[{"command":"set","channel":"A","options":{"k":"hidden"},
+                                          "source":"rtsp://u:hidden@h/1"}]})"));
+  EXPECT_THAT(watcher.Line(), AllOf(HasSubstr("rtsp://***@h/1"), Not(HasSubstr("hidden"))));
   EXPECT_EQ(
       client.Ask(solo("b"))["error"],
       json::parse(R"({"kind":"unknown","detail":"there is no channel \"b\"; did you mean \"B\"?",
@@ -158,6 +163,8 @@ TEST(Ctl, SaysWhatBecameOfItInTextsAndExitCodes) {
       {{"solo", "b"}, 1, "there is no channel \"b\"; did you mean \"B\"?\n"},
       {{"set", "A", "label"}, 64, "must be KEY=VALUE"},
       {{"solo"}, 64, "channel is required"},
+      {{"slo"}, 64, "`tavrel ctl` has no command \"slo\"; did you mean \"solo\"?"},
+      {{"solo", "--help"}, 0, "Usage: tavrel ctl solo"},
       {{"order", "B", "A", "--json"}, 0, R"("version":5,"frame":4)"},
       {{"list"}, 0, "B\tudp://239.1.1.1:2\nA\tudp://239.1.1.1:1\n"},
       {{"list"}, 69, "no wall answers at"},
