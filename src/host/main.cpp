@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "host/cli/check.h"
+#include "host/cli/ctl.h"
 #include "host/cli/demo.h"
 #include "host/cli/probe.h"
 #include "host/cli/program.h"
@@ -38,6 +39,7 @@ int main(int argc, char** argv) {
   program.Add<RunOptions>("run", "run a wall live", DefineRun, Run);
   program.Add<RunOptions>("render", "make a file of a wall of files, as fast as the machine can",
                           DefineRender, Render);
+  program.Add<CtlOptions>("ctl", "drive a running wall", DefineCtl, Ctl);
   program.Add<ShowLogOptions>("log", "print a circular log file in order, or follow it",
                               DefineShowLog, ShowLog);
   program.Add<RegisterOptions>("register", "enter a filter library into the registry of filters",

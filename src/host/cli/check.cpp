@@ -1,11 +1,16 @@
 #include "host/cli/check.h"
 
+#include <algorithm>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include "host/control/command.h"
+#include "host/control/layout_book.h"
+#include "host/control/wall_state.h"
 #include "host/session/wall_check.h"
 
 namespace host::cli {
@@ -55,6 +60,29 @@ void PrintJson(const config::WallFile& file, const std::string& path, std::ostre
   out << report.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << "\n";
 }
 
+// The layout that a wall begins in may be one of the book beside its file.
+void CheckLayout(config::WallFile& file, const std::filesystem::path& path) {
+  const auto place = file.wall.canvas.places.find("layout");
+  if (!file.usable() || place == file.wall.canvas.places.end()) {
+    return;
+  }
+  control::WallState state = control::WallState::Of(file.wall);
+  const control::LayoutBook book(path);
+  try {
+    state.layouts.merge(book.Read(file.wall.canvas));
+  } catch (const control::CommandError&) {
+    // Said when the wall starts.
+  }
+  const std::vector<std::string> known = state.LayoutNames();
+  if (std::find(known.begin(), known.end(), file.wall.layout) == known.end()) {
+    const auto nearest = config::NearestName(file.wall.layout, known);
+    file.diagnostics.Warning(place->second, "there is no layout \"" + file.wall.layout + "\"" +
+                                                (nearest ? "; did you mean \"" + *nearest + "\"?"
+                                                         : ", nor in " + book.file().string()));
+    file.diagnostics.Sort();
+  }
+}
+
 }  // namespace
 
 void DefineCheck(CLI::App& app, CheckOptions& options) {
@@ -65,6 +93,7 @@ void DefineCheck(CLI::App& app, CheckOptions& options) {
 config::WallFile LoadWall(const std::filesystem::path& path) {
   config::WallFile file = config::ReadWall(path);
   CheckWall(file, path);
+  CheckLayout(file, path);
   return file;
 }
 

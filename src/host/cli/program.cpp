@@ -57,7 +57,9 @@ Program::Program(Streams streams)
   app_->set_version_flag("--version", "tavrel " TAVREL_VERSION, "print the version");
   app_->get_formatter()->column_width(34);
   app_->footer(
-      "Exit codes: 0 done, 64 wrong arguments, 75 could not start, 78 mistakes in the wall file.");
+      "Exit codes: 0 done, 64 wrong arguments, 75 could not start, 78 mistakes in the wall file; "
+      "of "
+      "ctl also 1 refused, 69 no wall answers.");
 }
 
 Program::~Program() = default;
@@ -98,8 +100,14 @@ ExitCode Program::Run(const std::vector<std::string>& arguments) {
     std::reverse(joined.begin(), joined.end());
     app_->parse(std::move(joined));
   } catch (const CLI::CallForHelp&) {
-    const auto parsed = app_->get_subcommands();
-    streams_.out << (parsed.empty() ? app_->help() : parsed[0]->help("tavrel"));
+    std::string words = "tavrel";
+    const CLI::App* asked = app_.get();
+    for (auto parsed = asked->get_subcommands(); !parsed.empty();
+         parsed = asked->get_subcommands()) {
+      words += asked == app_.get() ? "" : " " + asked->get_name();
+      asked = parsed[0];
+    }
+    streams_.out << (asked == app_.get() ? app_->help() : asked->help(words));
     return ExitCode::kDone;
   } catch (const CLI::CallForVersion& version) {
     streams_.out << version.what() << "\n";
@@ -113,6 +121,18 @@ ExitCode Program::Run(const std::vector<std::string>& arguments) {
     return UsageError("`tavrel " + parsed[0]->get_name() + "` knows no \"" +
                       ffmpeg::MaskUrl(extras[0]) + "\"" +
                       Suggestion(extras[0], OptionNames(*parsed[0])));
+  } catch (const CLI::RequiredError& error) {
+    const auto parsed = app_->get_subcommands();
+    const auto extras = app_->remaining(true);
+    if (!parsed.empty() && !extras.empty() && parsed[0]->get_require_subcommand_min() > 0) {
+      std::vector<std::string> known;
+      for (const CLI::App* command : parsed[0]->get_subcommands([](CLI::App*) { return true; })) {
+        known.push_back(command->get_name());
+      }
+      return UsageError("`tavrel " + parsed[0]->get_name() + "` has no command \"" + extras[0] +
+                        "\"" + Suggestion(extras[0], known));
+    }
+    return UsageError(ffmpeg::MaskCredentials(error.what()));
   } catch (const CLI::ParseError& error) {
     return UsageError(ffmpeg::MaskCredentials(error.what()));
   }

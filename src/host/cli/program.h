@@ -16,7 +16,9 @@ namespace host::cli {
 
 enum class ExitCode {
   kDone = 0,
+  kRefused = 1,         // a running wall has refused what it was asked for
   kUsage = 64,          // the arguments make no sense
+  kNoWall = 69,         // no running wall answers
   kCouldNotStart = 75,  // a source, an output or the filter library is not to be had
   kBadWall = 78,        // the wall file has mistakes
 };

@@ -26,6 +26,9 @@ ExitCode RunWall(const RunOptions& options, bool live, Streams& streams) {
     }
   }
   command.wallFile = options.wall;
+  if (options.socket) {
+    command.wall.control.socket = options.socket;
+  }
   command.graph = options.graph;
   command.record = options.record;
   command.live = live;
@@ -48,6 +51,11 @@ void DefineRun(CLI::App& app, RunOptions& options) {
       ->check([](const std::string& text) -> std::string {
         return config::ParseListenAddress(text) ? "" : config::kListenForm;
       });
+  app.add_option(
+         "--socket", options.socket,
+         "where `tavrel ctl` reaches the wall; \"\" for nowhere [NAME.sock in the folder of "
+         "running programs]")
+      ->envname("TAVREL_SOCKET");
   DefineGraph(app, options.graph);
 }
 

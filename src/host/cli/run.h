@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <string>
+#include <optional>
 
 #include "host/cli/graph_options.h"
 #include "host/cli/program.h"
@@ -16,6 +17,7 @@ struct RunOptions {
   bool json = false;     // the result as a line of JSON; of run, also the status
   bool events = false;   // run: changes of channels and alarms as lines of JSON
   std::string http;  // run: address of the HTTP API, in place of the wall file's; empty: that one
+  std::optional<std::filesystem::path> socket;  // run: instead of the wall file's; empty: none
   bool strict = false;  // render: kCouldNotStart when a channel was not shown to its end
 };
 

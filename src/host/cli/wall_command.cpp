@@ -12,10 +12,13 @@
 
 #include <nlohmann/json.hpp>
 
+#include "host/cli/control_links.h"
 #include "host/cli/json_lines.h"
 #include "host/cli/message_log.h"
 #include "host/cli/run_plan.h"
 #include "host/cli/wall_status.h"
+#include "host/control/session_executor.h"
+#include "host/output/latest_frame.h"
 #include "host/output/snapshot.h"
 #include "host/session/wall_session.h"
 #include "platform/os/service.h"
@@ -39,6 +42,33 @@ std::string Seconds(double seconds) {
   return text;
 }
 
+// The session makes the wall as its state says; the board learns first whose reports will come.
+class Executor final : public control::WallExecutor {
+ public:
+  explicit Executor(ChannelBoard& board) : board_(board) {}
+
+  // Before the first request.
+  void Use(WallSession& session) { executor_.emplace(session); }
+
+  std::int64_t Execute(const control::WallState& before, const control::WallState& next) override {
+    for (std::size_t slot = 0; slot < next.slots.size(); ++slot) {
+      const std::string former = NameIn(before, slot);
+      if (const std::string name = NameIn(next, slot); name != former) {
+        board_.Assign(slot, name);
+      }
+    }
+    return executor_.value().Execute(before, next);
+  }
+
+ private:
+  static std::string NameIn(const control::WallState& state, std::size_t slot) {
+    return state.slots[slot] ? state.slots[slot]->settings.name : "";
+  }
+
+  ChannelBoard& board_;
+  std::optional<control::SessionExecutor> executor_;
+};
+
 // The wall at work, from its start to its end.
 class WallCommandRun {
  public:
@@ -47,6 +77,7 @@ class WallCommandRun {
         record_(command.record),
         streams_(streams),
         plan_(std::move(plan)),
+        signals_(command.live && !command.wallFile.empty()),
         messageLog_(
             std::make_unique<MessageLog>(streams, FirstOf(command.graph.log, command.wall.log))),
         messages_(*messageLog_),
@@ -55,7 +86,12 @@ class WallCommandRun {
         noLines_(streams.out, false),
         board_(command.wall, messages_, command.events ? lines_ : noLines_),
         outputMessages_(messages_),
-        snapshot_(command.record.snapshotAt) {}
+        snapshot_(command.record.snapshotAt) {
+    if (command.live) {
+      links_ = std::make_unique<ControlLinks>(executor_, LinkSettings());
+      board_.PublishTo(links_->events());
+    }
+  }
 
   ExitCode Run() {
     os::StandardStream::LimitWaiting(streams_.out, kOutTimeout, kOutTimeout);
@@ -105,16 +141,42 @@ class WallCommandRun {
     settings.observer = &board_;
     settings.outputObserver = &outputMessages_;
     settings.live = command_.live;
-    if (!record_.snapshot.empty()) {
-      settings.takeFrame = [this](const ComPtr<IMediaSample>& frame, Time start) {
-        snapshot_.Take(frame, start);
+    const bool takesSnapshot = !record_.snapshot.empty();
+    if (takesSnapshot || command_.wall.http.listen) {
+      settings.takeFrame = [this, takesSnapshot](const ComPtr<IMediaSample>& frame, Time start) {
+        if (takesSnapshot) {
+          snapshot_.Take(frame, start);
+        }
+        latestFrame_.Take(frame);
       };
     }
     return settings;
   }
 
+  ControlLinks::Settings LinkSettings() {
+    ControlLinks::Settings settings;
+    settings.wall = command_.wall;
+    settings.wallFile = command_.wallFile;
+    settings.snapshot = [this](const std::optional<config::Window>& window) {
+      return latestFrame_.Jpeg(command_.wall.canvas, window);
+    };
+    settings.say = [this](const std::string& what) { messages_.Say(qorp::log::kInfo, what); };
+    settings.complain = [this](const std::string& what) { messages_.Say(qorp::log::kError, what); };
+    settings.live = [this] {
+      nlohmann::ordered_json live;
+      for (const ChannelBoard::Entry& entry : board_.entries()) {
+        if (entry.isAssigned) {
+          live["channels"][entry.name] = ToJson(entry);
+        }
+      }
+      return live;
+    };
+    return settings;
+  }
+
   void RunLive(WallSession& session) {
     ServiceStatus service(os::ServiceNotifier::FromEnvironment());
+    executor_.Use(session);
     session.Start();
     double lastStatus = 0;
     while (!signals_.Requested() && !outputs_->allFailed()) {
@@ -123,7 +185,12 @@ class WallCommandRun {
       if (now >= end) {
         break;
       }
-      signals_.WaitFor(milliseconds(std::clamp<Time>((end - now) / kMillisecond + 1, 1, 200)));
+      if (signals_.TakeReload()) {
+        links_->Reload();
+      }
+      links_->RunFor(
+          static_cast<std::uint32_t>(std::clamp<Time>((end - now) / kMillisecond + 1, 1, 200)));
+      session.Tidy();
       service.Report(session.counters().composed);
       ShowProgress(session);
       if (Elapsed() - lastStatus >= 1) {
@@ -287,6 +354,8 @@ class WallCommandRun {
   JsonLines lines_;
   JsonLines noLines_;
   ChannelBoard board_;
+  Executor executor_{board_};
+  LatestFrame latestFrame_;
   OutputMessages outputMessages_;
   OutputSet* outputs_ = nullptr;  // of the session
   SnapshotFrame snapshot_;
@@ -295,6 +364,8 @@ class WallCommandRun {
   double lastProgress_ = -1;
   WallSession::Counters counters_;
   FrameWatch::Timing timing_;
+  // Its threads ask the board, and end before it.
+  std::unique_ptr<ControlLinks> links_;
 };
 
 }  // namespace

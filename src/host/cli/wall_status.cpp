@@ -155,6 +155,14 @@ void ChannelBoard::Say(std::int32_t level, const std::string& channel, const std
   messages_.Say(level, "channel \"" + channel + "\": " + what);
 }
 
+void ChannelBoard::Publish(const Json& event) {
+  const std::string line = OneLine(event);
+  events_.Write(line);
+  if (feed_ != nullptr) {
+    feed_->Publish(line);
+  }
+}
+
 void ChannelBoard::ChannelOpened(const std::string& channel, const MediaInfo& info) {
   bool wasLost = false;
   {
@@ -205,10 +213,10 @@ void ChannelBoard::DecodingChanged(const std::string& channel, DecodeStep step,
     entry.decoding = step;
     entry.decodingReason = reason;
   }
-  if (events_.enabled()) {
+  if (hasReaders()) {
     Json line = {{"event", "decoding"}, {"time", TimestampUtc()}, {"channel", channel}};
     Add(step, reason, line);
-    events_.Write(OneLine(line));
+    Publish(line);
   }
   std::string name = NameOf(step);
   std::replace(name.begin(), name.end(), '_', ' ');
@@ -243,10 +251,10 @@ void ChannelBoard::ChannelChanged(const std::string& channel, const ChannelLife:
     entry.status = status;
     entry.wasLive = entry.wasLive || status.state == ChannelState::kLive;
   }
-  if (events_.enabled()) {
+  if (hasReaders()) {
     Json line = {{"event", "channel"}, {"time", TimestampUtc()}, {"channel", channel}};
     Add(status, line);
-    events_.Write(OneLine(line));
+    Publish(line);
   }
 }
 
@@ -255,10 +263,10 @@ void ChannelBoard::AudioChanged(const std::string& channel, const AudioStatus& s
     const os::MutexLock guard(lock_);
     Of(channel).audio = status;
   }
-  if (events_.enabled()) {
+  if (hasReaders()) {
     Json line = {{"event", "audio"}, {"time", TimestampUtc()}, {"channel", channel}};
     Add(status, line);
-    events_.Write(OneLine(line));
+    Publish(line);
   }
   const bool isFault = status.state > AudioState::kAbsent;
   std::string state = NameOf(status.state);
@@ -272,13 +280,13 @@ void ChannelBoard::AlarmChanged(const std::string& channel, const AlarmMonitor::
     const os::MutexLock guard(lock_);
     Of(channel).alarms[static_cast<std::size_t>(change.kind)] = change.raised;
   }
-  if (events_.enabled()) {
-    events_.Write(OneLine({{"event", "alarm"},
-                           {"time", TimestampUtc()},
-                           {"channel", channel},
-                           {"alarm", NameOf(change.kind)},
-                           {"raised", change.raised},
-                           {"since", SecondsOf(change.since)}}));
+  if (hasReaders()) {
+    Publish({{"event", "alarm"},
+             {"time", TimestampUtc()},
+             {"channel", channel},
+             {"alarm", NameOf(change.kind)},
+             {"raised", change.raised},
+             {"since", SecondsOf(change.since)}});
   }
 }
 

@@ -16,6 +16,7 @@
 #include "host/cli/json_lines.h"
 #include "host/cli/message_log.h"
 #include "host/config/wall.h"
+#include "host/control/event_feed.h"
 #include "host/output/output_set.h"
 #include "host/session/wall_session.h"
 #include "platform/os/mutex.h"
@@ -75,6 +76,9 @@ class ChannelBoard final : public ChannelObserver {
   void AudioChanged(const std::string& channel, const AudioStatus& status) override;
   void AlarmChanged(const std::string& channel, const AlarmMonitor::Change& change) override;
 
+  // Everything that is an event goes there as well; it outlives the board. Before any channel runs.
+  void PublishTo(control::EventFeed& feed) { feed_ = &feed; }
+
   // In the order of the slots, spare ones included.
   std::vector<Entry> entries() const;
 
@@ -84,10 +88,13 @@ class ChannelBoard final : public ChannelObserver {
     const auto slot = index_.find(channel);
     return slot == index_.end() ? former_ : entries_[slot->second];
   }
+  bool hasReaders() const { return events_.enabled() || feed_ != nullptr; }
+  void Publish(const nlohmann::ordered_json& event);
   void Say(std::int32_t level, const std::string& channel, const std::string& what);
 
   MessageLog& messages_;
   JsonLines& events_;
+  control::EventFeed* feed_ = nullptr;
   mutable os::Mutex lock_;
   std::map<std::string, std::size_t> index_ GUARDED_BY(lock_);  // of the entries, by name
   Entry former_ GUARDED_BY(lock_);

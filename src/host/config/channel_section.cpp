@@ -14,6 +14,8 @@ namespace {
 
 constexpr Time kMax = 24 * (3600 * kSecond);
 
+constexpr std::array<const char*, 4> kDecodeNames{"auto", "full", "economy", "keyframes"};
+
 struct AlarmKey {
   AlarmKind kind;
   Alarm AlarmOptions::*alarm;
@@ -179,11 +181,9 @@ void ReadLabel(TableReader& reader, const FileContext& context, const std::strin
       reader.Warning("label_file", "names no file yet: " + label.file.string());
     }
   } else if (service == true) {
-    label.text = name;
-    label.source = Label::Source::kService;
+    label = {Label::Source::kService, name, {}};
   } else if (text) {
-    label.source = text->empty() ? Label::Source::kNone : Label::Source::kText;
-    label.text = *text;
+    label = {text->empty() ? Label::Source::kNone : Label::Source::kText, *text, {}};
   }
 }
 
@@ -274,6 +274,10 @@ const char* NameOf(AlarmKind kind) {
   return kNames[static_cast<std::size_t>(kind)];
 }
 
+const char* NameOf(Decode decode) {
+  return kDecodeNames.at(static_cast<std::size_t>(decode));
+}
+
 void ReadChannelOptions(TableReader& reader, ChannelOptions& options) {
   if (const auto colour = reader.Text("colour")) {
     if (IsLabelColour(*colour)) {
@@ -284,7 +288,7 @@ void ReadChannelOptions(TableReader& reader, ChannelOptions& options) {
     }
   }
   options.enabled = reader.Boolean("enabled").value_or(options.enabled);
-  if (const auto decode = reader.Choice("decode", {"auto", "full", "economy", "keyframes"})) {
+  if (const auto decode = reader.Choice("decode", {kDecodeNames.begin(), kDecodeNames.end()})) {
     options.decode = static_cast<Decode>(*decode);
   }
   if (const auto mode = reader.Choice("deinterlace", {"off", "auto", "frames", "fields"})) {
@@ -331,8 +335,8 @@ ChannelEntry ReadChannel(TableReader& reader, const FileContext& context, Channe
   const auto name = reader.FilledText("name");
   entry.named = name.has_value();
   entry.namePosition = reader.PositionOf("name");
-  const bool isLabelledByName =
-      channel.label.source == Label::Source::kText && channel.label.text == channel.name;
+  // Also where the name stands in for a text that is not known yet.
+  const bool isLabelledByName = channel.label.text == channel.name;
   channel.name = name.value_or(channel.name);
   if (isLabelledByName) {
     channel.label.text = channel.name;
@@ -340,6 +344,9 @@ ChannelEntry ReadChannel(TableReader& reader, const FileContext& context, Channe
   entry.window = ReadWindow(reader);
   entry.windowPosition = reader.PositionOf("window");
   channel.selected = reader.Boolean("selected").value_or(channel.selected);
+  if (const auto index = reader.Integer("tally_index", 0, kMaxTallyIndex)) {
+    channel.tallyIndex = static_cast<int>(*index);
+  }
   ReadLabel(reader, context, channel.name, channel.label);
   ReadChannelOptions(reader, channel.options);
   channel.places = reader.AllPlaces();

@@ -49,6 +49,12 @@ void ReadLog(TableReader& reader, const FileContext& context, LogOptions& log);
 // [http]
 void ReadHttp(TableReader& reader, const FileContext& context, Http& http);
 
+inline constexpr int kMaxTallyIndex = 65534;
+
+// [control] and [tally]
+void ReadControl(TableReader& reader, const FileContext& context, ControlOptions& control);
+void ReadTally(TableReader& reader, TallyOptions& tally);
+
 // [[output]]
 Output ReadOutput(TableReader& reader, const FileContext& context);
 

@@ -146,6 +146,7 @@ struct Label {
 
 // How much of a live channel's video is decoded; see DecodePolicy.
 enum class Decode { kAuto, kFull, kEconomy, kKeyframes };
+const char* NameOf(Decode decode);  // as in the wall file
 
 enum class DeinterlaceMode {
   kOff,
@@ -238,6 +239,7 @@ struct Channel {
   ProgramChoice program;
   Window window;
   bool selected = false;
+  std::optional<int> tallyIndex{};  // number of the display that tally messages are about
   Label label;
   ChannelOptions options;
   Places places;
@@ -276,6 +278,30 @@ struct Http {
   bool operator==(const Http&) const = default;
 };
 
+// Where a running wall takes commands from programs of this machine.
+struct ControlOptions {
+  std::optional<std::filesystem::path> socket;  // none: the usual place; empty: none at all
+  bool operator==(const ControlOptions&) const = default;
+};
+
+// Tally and texts from switchers and controllers.
+struct TallyOptions {
+  enum class Protocol { kAuto, kV31, kV40, kV50 };
+  struct Listen {
+    bool isTcp = false;
+    Endpoint at;
+    bool operator==(const Listen&) const = default;
+  };
+  std::vector<Listen> listen;  // empty: no tally
+  Protocol protocol = Protocol::kAuto;
+  std::vector<std::string> senders;     // addresses, or networks such as 10.0.0.0/24; empty: all
+  std::map<int, std::string> displays;  // display number to channel, before the channels' own
+  std::vector<int> red{1};              // tally bits of version 3.1, 1 to 4
+  std::vector<int> green{2};
+  bool text = true;  // texts become labels
+  bool operator==(const TallyOptions&) const = default;
+};
+
 struct Wall {
   Canvas canvas;
   std::vector<Channel> channels;
@@ -288,6 +314,13 @@ struct Wall {
   std::vector<Layout> layouts;  // the file's own
   int spare = 0;                // channels that can be added while the wall runs
   bool follow = false;          // outputs have one more track: the audio of the channel followed
+  // In which a running wall begins: "auto", "file" (the windows of the file), a built-in one, or
+  // one of the file or of the book beside it. Empty: "auto" or "file", by placesWindows.
+  std::string layout;
+  ControlOptions control;
+  TallyOptions tally;
+
+  bool operator==(const Wall&) const = default;
 };
 
 // The size in points of the labels that the composer draws on a canvas of so many lines.

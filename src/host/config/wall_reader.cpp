@@ -128,8 +128,9 @@ std::string Numbered(const char* what, std::size_t number) {
 }
 
 // Given windows are checked against the canvas; open ones are laid out. True when none is given.
-bool PlaceWindows(std::vector<ChannelEntry>& entries, const Canvas& canvas,
-                  const LayoutRules& rules, Position wallPosition, Diagnostics& diagnostics) {
+bool PlaceWindows(std::vector<ChannelEntry>& entries, const Wall& wall, Position wallPosition,
+                  Diagnostics& diagnostics) {
+  const Canvas& canvas = wall.canvas;
   const bool given = std::any_of(entries.begin(), entries.end(), [](const ChannelEntry& entry) {
     return entry.window.has_value();
   });
@@ -137,7 +138,7 @@ bool PlaceWindows(std::vector<ChannelEntry>& entries, const Canvas& canvas,
     const bool labels = std::any_of(entries.begin(), entries.end(), [](const ChannelEntry& entry) {
       return entry.channel.label.source != Label::Source::kNone;
     });
-    const auto windows = LayOutWindows(canvas, rules, entries.size(), labels);
+    const auto windows = LayOutWindows(canvas, wall.rules, entries.size(), labels);
     if (!windows) {
       diagnostics.Error(wallPosition, "the canvas of " + std::to_string(canvas.width) + "x" +
                                           std::to_string(canvas.height) + " has no room for " +
@@ -164,7 +165,8 @@ bool PlaceWindows(std::vector<ChannelEntry>& entries, const Canvas& canvas,
       diagnostics.Warning(entry.windowPosition,
                           name + " lies outside the canvas and is never seen");
     }
-    if (entry.channel.selected && !CanBeSelected(window, canvas)) {
+    const bool isInForce = wall.layout.empty() || wall.layout == "file";
+    if (entry.channel.selected && isInForce && !CanBeSelected(window, canvas)) {
       diagnostics.Error(
           entry.windowPosition,
           name +
@@ -243,7 +245,7 @@ void ReadChannels(TableReader& root, const FileContext& context, const ChannelOp
     if (context.complete) {
       CheckWindowsGiven(tables, entries, diagnostics);
     }
-    wall.placesWindows = PlaceWindows(entries, wall.canvas, wall.rules, wallPosition, diagnostics);
+    wall.placesWindows = PlaceWindows(entries, wall, wallPosition, diagnostics);
     CheckOverlaps(entries, diagnostics);
   }
   for (ChannelEntry& entry : entries) {
@@ -254,6 +256,24 @@ void ReadChannels(TableReader& root, const FileContext& context, const ChannelOp
     diagnostics.Error(wall.canvas.places.at("spare"),
                       "\"spare\" and the channels of the file are " + std::to_string(slots) +
                           " together; a wall has at most " + std::to_string(kMaxChannels));
+  }
+}
+
+// Which layouts the book beside the file holds is not known here.
+void CheckLayout(Wall& wall, Diagnostics& diagnostics) {
+  const auto place = wall.canvas.places.find("layout");
+  if (wall.layout == "solo" || (wall.layout == "file" && wall.placesWindows)) {
+    diagnostics.Error(place->second, "\"layout\" cannot be \"" + wall.layout + "\"" +
+                                         (wall.placesWindows && wall.layout == "file"
+                                              ? ": no channel gives its window"
+                                              : ": a wall begins with all of its channels"));
+  } else if (!wall.layout.empty() && !IsLayoutName(wall.layout)) {
+    diagnostics.Error(place->second,
+                      "\"layout\" must be a layout's name: up to 64 letters, digits, blanks, _ - + "
+                      "or .");
+  }
+  if (wall.layout.empty()) {
+    wall.layout = wall.placesWindows ? "auto" : "file";
   }
 }
 
@@ -288,6 +308,7 @@ WallFile ParseWall(const std::string& text, const std::filesystem::path& folder)
     }
     ReadChannels(root, context, defaults, wallPosition, file.wall, file.diagnostics);
     file.wall.layouts = ReadLayouts(root, file.wall.canvas);
+    CheckLayout(file.wall, file.diagnostics);
     if (const toml::table* table = root.Table("log")) {
       TableReader reader(*table, "[log]", file.diagnostics);
       ReadLog(reader, context, file.wall.log);
@@ -295,6 +316,14 @@ WallFile ParseWall(const std::string& text, const std::filesystem::path& folder)
     if (const toml::table* table = root.Table("http")) {
       TableReader reader(*table, "[http]", file.diagnostics);
       ReadHttp(reader, context, file.wall.http);
+    }
+    if (const toml::table* table = root.Table("control")) {
+      TableReader reader(*table, "[control]", file.diagnostics);
+      ReadControl(reader, context, file.wall.control);
+    }
+    if (const toml::table* table = root.Table("tally")) {
+      TableReader reader(*table, "[tally]", file.diagnostics);
+      ReadTally(reader, file.wall.tally);
     }
     const std::vector<const toml::table*> outputs = root.Tables("output");
     for (std::size_t i = 0; i < outputs.size(); ++i) {

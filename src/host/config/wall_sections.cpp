@@ -171,6 +171,7 @@ void ReadCanvas(TableReader& reader, const FileContext& context, Wall& wall) {
   wall.follow = reader.Boolean("follow").value_or(false);
   wall.spare =
       static_cast<int>(reader.Integer("spare", 0, static_cast<int>(kMaxChannels)).value_or(0));
+  wall.layout = reader.FilledText("layout").value_or("");
   canvas.places = reader.AllPlaces();
   reader.Finish();
 }

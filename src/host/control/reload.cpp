@@ -94,6 +94,7 @@ Reloaded Reload(const WallState& state, const config::Wall& running, const confi
   for (const config::Layout& layout : file.layouts) {
     next.layouts[layout.name] = layout;
   }
+  next.layout = running.layout != file.layout && !file.layout.empty() ? file.layout : next.layout;
   const std::vector<std::string> layouts = next.LayoutNames();
   if (running.placesWindows != file.placesWindows ||
       std::find(layouts.begin(), layouts.end(), next.layout) == layouts.end()) {

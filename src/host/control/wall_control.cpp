@@ -1,5 +1,6 @@
 #include "host/control/wall_control.h"
 
+#include <algorithm>
 #include <chrono>
 #include <exception>
 #include <utility>
@@ -8,6 +9,7 @@
 #include "host/control/layout_book.h"
 #include "host/control/reload.h"
 #include "host/control/wall_file_writer.h"
+#include "host/ffmpeg/mask.h"
 
 namespace host::control {
 namespace {
@@ -24,6 +26,28 @@ CommandError MistakesOf(const config::WallFile& file, const std::filesystem::pat
     }
   }
   return {Kind::kMalformed, text};
+}
+
+// For those who only watch: a source's address and options may hold passwords.
+nlohmann::json WithoutSecrets(nlohmann::json commands) {
+  const auto mask = [](nlohmann::json& command) {
+    if (const auto source = command.find("source");
+        source != command.end() && source->is_string()) {
+      *source = ffmpeg::MaskUrl(source->get<std::string>());
+    }
+    if (const auto options = command.find("options");
+        options != command.end() && options->is_object()) {
+      for (nlohmann::json& value : *options) {
+        value = "***";
+      }
+    }
+  };
+  if (commands.is_array()) {
+    std::for_each(commands.begin(), commands.end(), mask);
+  } else {
+    mask(commands);
+  }
+  return commands;
 }
 
 }  // namespace
@@ -46,7 +70,11 @@ WallControl::WallControl(const config::Wall& wall, WallExecutor& executor, Setti
       Say(error.detail() + "; the wall goes on without its saved layouts");
     }
   }
+  const std::string layout = state.layout;
   state_ = std::make_shared<const WallState>(std::move(state));
+  if (!wall.layout.empty() && wall.layout != layout) {
+    Submit({{{"command", "layout"}, {"layout", wall.layout}}, "wall file", {}}, {});
+  }
 }
 
 void WallControl::Say(const std::string& what) const {
@@ -150,6 +178,13 @@ Accepted WallControl::CarryOut(const Request& request, const WallState& before) 
     if (context.savesBook) {
       SaveBook(next);
     }
+  }
+  std::optional<config::Wall> written;
+  if (context.saves) {
+    written = SaveWall(next, file ? *file : running_);
+    accepted.more["saved"] = settings_.wallFile.string();
+  }
+  if (accepted.hasChanged) {
     accepted.frame = executor_.Execute(before, next);
   }
   if (file) {
@@ -161,8 +196,10 @@ Accepted WallControl::CarryOut(const Request& request, const WallState& before) 
     file->spare = running_.spare;
     running_ = std::move(*file);
   }
-  if (context.saves) {
-    accepted.more["saved"] = SaveWall(next);
+  if (written) {
+    running_.channels = std::move(written->channels);
+    running_.placesWindows = written->placesWindows;
+    running_.layout = std::move(written->layout);
   }
   accepted.version = next.version;
   const os::MutexLock guard(lock_);
@@ -188,12 +225,11 @@ void WallControl::SaveBook(const WallState& state) const {
   LayoutBook(settings_.wallFile).Write(state.saved);
 }
 
-std::string WallControl::SaveWall(const WallState& state) const {
+config::Wall WallControl::SaveWall(const WallState& state, const config::Wall& known) const {
   if (settings_.wallFile.empty()) {
     throw CommandError(Kind::kConflict, "the wall has no file to save to");
   }
-  WriteWallFile(settings_.wallFile, state);
-  return settings_.wallFile.string();
+  return WriteWallFile(settings_.wallFile, known, state);
 }
 
 // A line of events for every change and every refusal.
@@ -204,9 +240,12 @@ void WallControl::Report(const Request& request, const Result& result) {
       return;
     }
     const std::shared_ptr<const WallState> now = state();
-    line = {{"event", "changed"},           {"from", request.from},
-            {"version", accepted->version}, {"frame", accepted->frame},
-            {"commands", request.commands}, {"state", ToJson(*now)}};
+    line = {{"event", "changed"},
+            {"from", request.from},
+            {"version", accepted->version},
+            {"frame", accepted->frame},
+            {"commands", WithoutSecrets(request.commands)},
+            {"state", ToJson(*now)}};
   } else {
     const auto& error = std::get<CommandError>(result);
     line = {{"event", "refused"}, {"from", request.from}, {"reason", error.detail()}};

@@ -61,7 +61,7 @@ class WallControl {
   };
   static constexpr std::size_t kMaxWaiting = 64;
 
-  // executor outlives it.
+  // executor outlives it. A layout that the wall begins in is the first request.
   WallControl(const config::Wall& wall, WallExecutor& executor, Settings settings);
 
   // Any thread. done: called once, by the application's thread or, when too many requests wait or
@@ -91,8 +91,8 @@ class WallControl {
   void Report(const Request& request, const Result& result);
   config::Wall ReadWallFile() const;
   void SaveBook(const WallState& state) const;
-  // Returns the file that was written.
-  std::string SaveWall(const WallState& state) const;
+  // Returns what the file says now. known: as it was read last.
+  config::Wall SaveWall(const WallState& state, const config::Wall& known) const;
   void Say(const std::string& what) const;
 
   WallExecutor& executor_;

@@ -18,20 +18,6 @@ using Json = nlohmann::ordered_json;
 constexpr const char* kAuto = "auto";
 constexpr const char* kFile = "file";
 
-const char* NameOf(config::Decode decode) {
-  switch (decode) {
-    case config::Decode::kAuto:
-      return "auto";
-    case config::Decode::kFull:
-      return "full";
-    case config::Decode::kEconomy:
-      return "economy";
-    case config::Decode::kKeyframes:
-      return "keyframes";
-  }
-  return "";
-}
-
 bool HasLabels(const WallState& state) {
   return std::any_of(state.order.begin(), state.order.end(), [&](std::size_t slot) {
     return state.slots[slot]->settings.label.source != config::Label::Source::kNone;

@@ -13,7 +13,8 @@ namespace os {
 // at once. One at a time; the application's thread.
 class StopSignals {
  public:
-  StopSignals();
+  // reloads: SIGHUP asks for a reload instead of ending the program.
+  explicit StopSignals(bool reloads = false);
   ~StopSignals();
   StopSignals(const StopSignals&) = delete;
   StopSignals& operator=(const StopSignals&) = delete;
@@ -22,6 +23,11 @@ class StopSignals {
   bool Requested() const;
   // Waits for that, no longer than the limit.
   bool WaitFor(std::chrono::milliseconds limit) const;
+  // Somebody has asked for a reload since the last call.
+  bool TakeReload();
+
+ private:
+  const bool reloads_;
 };
 
 // The manager that started the program as a service names a local socket and, when it is to watch

@@ -23,9 +23,11 @@ namespace {
 // a handler that has begun on another thread may write to it later than everybody expects.
 std::atomic<int> requests{0};
 std::atomic<int> wakeUp{-1};
+std::atomic<bool> reload{false};
 struct sigaction formerInterrupt;
 struct sigaction formerTerminate;
 struct sigaction formerPipe;
+struct sigaction formerHangUp;
 
 void HandleSignal(int signal) {
   const int savedErrno = errno;
@@ -37,9 +39,13 @@ void HandleSignal(int signal) {
   errno = savedErrno;
 }
 
+void HandleReload(int) {
+  reload = true;
+}
+
 }  // namespace
 
-StopSignals::StopSignals() {
+StopSignals::StopSignals(bool reloads) : reloads_(reloads) {
   if (wakeUp < 0) {
     wakeUp = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (wakeUp < 0) {
@@ -58,12 +64,24 @@ StopSignals::StopSignals() {
   struct sigaction ignore {};
   ignore.sa_handler = SIG_IGN;
   sigaction(SIGPIPE, &ignore, &formerPipe);
+  if (reloads_) {
+    reload = false;
+    action.sa_handler = &HandleReload;
+    sigaction(SIGHUP, &action, &formerHangUp);
+  }
 }
 
 StopSignals::~StopSignals() {
   sigaction(SIGINT, &formerInterrupt, nullptr);
   sigaction(SIGTERM, &formerTerminate, nullptr);
   sigaction(SIGPIPE, &formerPipe, nullptr);
+  if (reloads_) {
+    sigaction(SIGHUP, &formerHangUp, nullptr);
+  }
+}
+
+bool StopSignals::TakeReload() {
+  return reload.exchange(false);
 }
 
 bool StopSignals::Requested() const {

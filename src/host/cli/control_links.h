@@ -1,0 +1,63 @@
+// ControlLinks: what drives a running wall from outside of its program.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <nlohmann/json_fwd.hpp>
+
+#include "host/config/wall.h"
+#include "host/control/http/http_server.h"
+#include "host/control/socket_server.h"
+#include "host/control/tally/tally_receiver.h"
+#include "host/control/wall_control.h"
+
+namespace host::cli {
+
+// The owner of the wall's state with its socket, its HTTP server and its tally receiver, as the wall
+// asks for them.
+// Application's thread.
+class ControlLinks {
+ public:
+  struct Settings {
+    config::Wall wall;
+    std::filesystem::path wallFile;                    // empty: the wall has none
+    std::function<nlohmann::ordered_json()> live;      // as of WallControl
+    // As of HttpServer; empty: no pictures are served.
+    std::function<std::optional<std::string>(const std::optional<config::Window>&)> snapshot;
+    std::function<void(const std::string&)> say;       // a message for the log
+    std::function<void(const std::string&)> complain;  // something has failed
+  };
+
+  // executor outlives it. Throws std::runtime_error when the socket that the wall names, its HTTP
+  // server or its tally is not to be had. Without a name the socket is where programs look for it; when that is
+  // not to be had, the wall runs without, and says so.
+  ControlLinks(control::WallExecutor& executor, Settings settings);
+  ~ControlLinks();
+  ControlLinks(const ControlLinks&) = delete;
+  ControlLinks& operator=(const ControlLinks&) = delete;
+
+  control::EventFeed& events() { return control_.events(); }
+  control::WallControl& control() { return control_; }
+
+  // Asks for a reload of the wall file.
+  void Reload();
+  // Waits for requests, no longer than the limit, and carries out what waits.
+  void RunFor(std::uint32_t milliseconds);
+
+ private:
+  void Serve(const config::Wall& wall, const std::filesystem::path& wallFile);
+
+  const std::function<void(const std::string&)> say_;
+  const std::function<void(const std::string&)> complain_;
+  control::WallControl control_;
+  std::optional<control::SocketServer> socket_;
+  std::optional<control::TallyReceiver> tally_;
+  std::optional<control::http::HttpServer> http_;
+};
+
+}  // namespace host::cli

@@ -1,0 +1,43 @@
+// TallyReceiver: tally and texts from switchers and controllers, as commands.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/config/wall.h"
+#include "host/control/wall_control.h"
+#include "platform/os/thread.h"
+
+namespace host::control {
+
+// Receives over UDP and TCP on a thread of its own and submits what changes: red is the selection
+// border, green and amber the colour of the label (its own otherwise), a text that is not blank the
+// label. Of each channel one request at most is on its way, and only the latest state waits:
+// however much comes, nothing piles up. Messages about displays that no channel has are ignored, as
+// are senders that are not allowed.
+//
+// Made and destroyed by the application's thread; control outlives it, and is closed before it is
+// destroyed.
+class TallyReceiver {
+ public:
+  static constexpr std::size_t kMaxConnections = 16;
+
+  // Throws std::runtime_error that says where nothing can be received.
+  TallyReceiver(const config::TallyOptions& options, WallControl& control);
+  ~TallyReceiver();
+  TallyReceiver(const TallyReceiver&) = delete;
+  TallyReceiver& operator=(const TallyReceiver&) = delete;
+
+  // In the order of the options.
+  std::vector<std::uint16_t> ports() const;
+
+ private:
+  class Receiving;
+
+  const std::shared_ptr<Receiving> receiving_;  // shared with what answers
+  std::unique_ptr<os::Thread> thread_;
+};
+
+}  // namespace host::control
