@@ -44,7 +44,7 @@ void ControlLinks::Serve(const config::Wall& wall, const std::filesystem::path& 
     if (named) {
       throw std::runtime_error(what);
     }
-    say_(what);
+    complain_(what);
   }
 }
 

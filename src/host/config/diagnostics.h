@@ -28,7 +28,8 @@ struct Diagnostic {
   Severity severity = Severity::kError;
   Position position;
   std::string message;
-  std::string key{};  // whose value it is about, where that is known
+  std::string key{};                     // whose value it is about, where that is known
+  std::optional<std::string> nearest{};  // a known name that was probably meant
 };
 
 // The positions of the keys of a table in the file: key to position, "options.KEY" for those of its

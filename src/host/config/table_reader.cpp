@@ -272,7 +272,8 @@ void TableReader::Finish() {
       continue;
     }
     std::string message = title_ + " has no key " + Quoted(key.str());
-    if (const auto nearest = NearestName(key.str(), known_)) {
+    const auto nearest = NearestName(key.str(), known_);
+    if (nearest) {
       message += "; did you mean " + Quoted(*nearest) + "?";
     } else {
       message += "; it knows";
@@ -281,7 +282,11 @@ void TableReader::Finish() {
       }
     }
     const toml::source_position begin = key.source().begin;
-    diagnostics_.Error({begin.line, begin.column}, message, std::string(key.str()));
+    diagnostics_.Add({.severity = Diagnostic::Severity::kError,
+                      .position = {begin.line, begin.column},
+                      .message = std::move(message),
+                      .key = std::string(key.str()),
+                      .nearest = nearest});
   }
 }
 

@@ -126,7 +126,7 @@ config::ChannelText ReadChannelKeys(const Json& command, const std::vector<std::
   for (const config::Diagnostic& diagnostic : channel.diagnostics.all()) {
     if (diagnostic.severity == config::Diagnostic::Severity::kError) {
       throw CommandError(Kind::kMalformed, diagnostic.message,
-                         diagnostic.key.empty() ? "" : "/" + diagnostic.key);
+                         diagnostic.key.empty() ? "" : "/" + diagnostic.key, diagnostic.nearest);
     }
   }
   return channel;

@@ -127,7 +127,7 @@ Json Schemas() {
               {"spare", Typed("integer", "Channels that can be added.")},
               {"channels", ListOf(Ref("Channel"))},
               {"dropped_clients", Typed("integer", "Followers that were too slow.")},
-       {"live", Typed("object", "What the wall does at this moment.")}},
+              {"live", Typed("object", "What the wall does at this moment.")}},
              {"version", "canvas", "layout", "channels"});
   schemas["Layout"] =
       Object({{"name", text},
