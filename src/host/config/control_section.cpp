@@ -74,7 +74,23 @@ void ReadBits(TableReader& reader, const char* key, std::vector<int>& bits) {
   bits = given;
 }
 
-void ReadDisplays(TableReader& reader, TallyOptions& tally) {
+// It may be added while the wall runs.
+void CheckChannel(Position position, const std::string& name, const Wall& wall,
+                  Diagnostics& diagnostics) {
+  std::vector<std::string> known;
+  for (const Channel& channel : wall.channels) {
+    known.push_back(channel.name);
+  }
+  if (std::find(known.begin(), known.end(), name) == known.end()) {
+    const auto nearest = NearestName(name, known);
+    diagnostics.Warning(position,
+                        "the file has no channel \"" + name + "\"" +
+                            (nearest ? "; did you mean \"" + *nearest + "\"?" : ""),
+                        "display");
+  }
+}
+
+void ReadDisplays(TableReader& reader, Wall& wall) {
   const toml::table* const table = reader.Table("display");
   if (table == nullptr) {
     return;
@@ -91,7 +107,8 @@ void ReadDisplays(TableReader& reader, TallyOptions& tally) {
           "\"display\" gives display numbers their channels: { 1 = \"Cam 1\", 2 = \"Cam 2\" }",
           "display");
     } else {
-      tally.displays[display] = *channel;
+      wall.tally.displays[display] = *channel;
+      CheckChannel(PositionOf(node), *channel, wall, reader.diagnostics());
     }
   }
 }
@@ -105,7 +122,8 @@ void ReadControl(TableReader& reader, const FileContext& context, ControlOptions
   reader.Finish();
 }
 
-void ReadTally(TableReader& reader, TallyOptions& tally) {
+void ReadTally(TableReader& reader, Wall& wall) {
+  TallyOptions& tally = wall.tally;
   ReadListen(reader, tally);
   if (const auto protocol = reader.Choice("protocol", {"auto", "3.1", "4.0", "5.0"})) {
     tally.protocol = static_cast<TallyOptions::Protocol>(*protocol);
@@ -120,7 +138,7 @@ void ReadTally(TableReader& reader, TallyOptions& tally) {
           "senders");
     }
   }
-  ReadDisplays(reader, tally);
+  ReadDisplays(reader, wall);
   ReadBits(reader, "red", tally.red);
   ReadBits(reader, "green", tally.green);
   tally.text = reader.Boolean("text").value_or(tally.text);

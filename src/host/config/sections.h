@@ -53,7 +53,8 @@ inline constexpr int kMaxTallyIndex = 65534;
 
 // [control] and [tally]
 void ReadControl(TableReader& reader, const FileContext& context, ControlOptions& control);
-void ReadTally(TableReader& reader, TallyOptions& tally);
+// Channels of the wall that displays name are there already.
+void ReadTally(TableReader& reader, Wall& wall);
 
 // [[output]]
 Output ReadOutput(TableReader& reader, const FileContext& context);

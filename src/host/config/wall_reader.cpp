@@ -323,7 +323,7 @@ WallFile ParseWall(const std::string& text, const std::filesystem::path& folder)
     }
     if (const toml::table* table = root.Table("tally")) {
       TableReader reader(*table, "[tally]", file.diagnostics);
-      ReadTally(reader, file.wall.tally);
+      ReadTally(reader, file.wall);
     }
     const std::vector<const toml::table*> outputs = root.Tables("output");
     for (std::size_t i = 0; i < outputs.size(); ++i) {

@@ -148,6 +148,24 @@ bandwidth = 2
           "perf_file, perf_period"));
 }
 
+TEST(WallReader, ReadsWhatDrivesARunningWall) {
+  EXPECT_THAT(
+      Complaints("[wall]\nlayout = \"solo\"\n[[channel]]\nsource = 'udp://239.1.1.1:1'\n"
+                 "name = \"Cam 1\"\ntally_index = 65535\n[control]\nsoket = \"x\"\n[tally]\n"
+                 "listen = [\"udp://0.0.0.0:4003\", \"rtp://0.0.0.0:1\"]\nprotocol = \"5\"\n"
+                 "senders = [\"10.0.0.0/33\"]\ndisplay = { 1 = \"Cam1\", x = \"Cam 1\" }\n"
+                 "red = 5\n"),
+      ElementsAre(HasSubstr("w:2:10: error: \"layout\" cannot be \"solo\""),
+                  HasSubstr("w:6:15: error: \"tally_index\" must lie between 0 and 65534"),
+                  HasSubstr("w:8:1: error: [control] has no key \"soket\"; did you mean"),
+                  HasSubstr("w:10:33: error: \"listen\" must be \"udp://ADDRESS:PORT\""),
+                  HasSubstr("w:11:12: error: \"protocol\" must be \"auto\", \"3.1\""),
+                  HasSubstr("w:12:12: error: \"10.0.0.0/33\" is no address"),
+                  HasSubstr("w:13:17: warning: the file has no channel \"Cam1\"; did you"),
+                  HasSubstr("w:13:29: error: \"display\" gives display numbers"),
+                  HasSubstr("w:14:7: error: \"red\" must be a tally of version 3.1")));
+}
+
 TEST(WallReader, ReportsMistakesOfTheSyntaxAndReadsOn) {
   EXPECT_THAT(Complaints("[wall]\nwidth = 1280\nwidth = 640\nheight = 720p\ncolums = 2\n"
                          "[[channel]]\nsource = \"udp://239.1.1.1:1\nhold = -1\n"),
