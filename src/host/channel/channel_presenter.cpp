@@ -18,6 +18,8 @@ namespace {
 constexpr Time kLookEvery = kSecond / 5;
 // The composer looks at a type only while it considers a frame that carries it.
 constexpr Time kTypedFor = 2 * kSecond;
+// Frames that follow each other like that are not only keyframes.
+constexpr Time kFrequent = 300 * kMillisecond;
 // Tries to anchor the channel's time between two background frames.
 constexpr int kAnchorTries = 4;
 // A source that opens at once never shows a slate.
@@ -131,6 +133,10 @@ void ChannelPresenter::FollowSize(Time time) {
     ChangeSize(*change);
   }
   sizedAt_ = std::max(sizedAt_, time);
+  // A hidden window takes another size at once.
+  if (const WindowSize size = settings_.SizeAt(sizedAt_); size != size_) {
+    ChangeSize({sizedAt_, size});
+  }
 }
 
 // No composed frame may find a frame of the other size nearer than one of its own: there is one of
@@ -258,8 +264,12 @@ void ChannelPresenter::OnSourceEvent(const SourceEvent& event, Time now) {
     return;
   }
   if (event.kind == SourceEvent::Kind::kDecoding) {
+    // The frames between keyframes come again behind the next one only.
+    awaitsFrames_ = !event.keyframesOnly;
     keyframesOnly_ = event.keyframesOnly;
-    life_.Expect(keyframesOnly_ ? kKeyframeDuration : 0);
+    if (keyframesOnly_) {
+      life_.Expect(kKeyframeDuration);
+    }
     NoteLook();
     return;
   }
@@ -288,6 +298,11 @@ void ChannelPresenter::Show(const ReadyFrame& picture, Time start, Time duration
     life_.CameLate(now_);
     return;
   }
+  if (awaitsFrames_ && start - shownAt_ < kFrequent) {
+    awaitsFrames_ = false;
+    life_.Expect(0);
+  }
+  shownAt_ = start;
   Report(life_.Shown(now_, duration));
   alarms_.Picture(picture.condition.black, picture.condition.still, now_);
   ReportAudio();

@@ -172,6 +172,8 @@ class ChannelPresenter {
   AlarmMonitor alarms_;
   bool hasVideo_ = true;  // the source has; until it is known, it is taken to have
   bool hasAudio_ = false;
+  bool awaitsFrames_ = false;   // between keyframes
+  Time shownAt_ = 0;            // the latest frame of the source
   bool keyframesOnly_ = false;  // of the source; it is to be seen that it does not move by itself
   std::string noVideoReason_;
   std::string audioReason_;  // why there is no audio

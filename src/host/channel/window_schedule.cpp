@@ -40,7 +40,8 @@ std::optional<Time> WindowSchedule::Change(const std::vector<WindowState>& windo
   if (plans_.size() > kMaxPending) {
     return std::nullopt;
   }
-  const std::vector<WindowState>& last = plans_.back()->windows;
+  // As they are before hidden ones are made ready.
+  const std::vector<WindowState> last = plans_.back()->windows;
   const auto all = [&](auto same) {
     return std::equal(last.begin(), last.end(), windows.begin(), windows.end(), same);
   };
@@ -49,11 +50,30 @@ std::optional<Time> WindowSchedule::Change(const std::vector<WindowState>& windo
     ChangeLook(windows, soon);
     return soon;
   }
+  ResizeHidden(windows, present);
   const Time from = all(HasSameSize) ? soon : OnGrid(present + latency_ + kResizeLead);
   // One after the other: the places of a change are those of all that came before it.
   const Time effective = std::max(from, plans_.back()->from);
   plans_.push_back(std::make_shared<const Plan>(Plan{effective, windows}));
   return effective;
+}
+
+// Nobody sees what a hidden window has meanwhile: its channel makes frames of the next size from
+// now on, and has them when it is shown.
+void WindowSchedule::ResizeHidden(const std::vector<WindowState>& windows, Time present) {
+  const auto first = std::find(plans_.begin(), plans_.end(), PlanAt(present));
+  for (std::size_t i = 0; i < windows.size(); ++i) {
+    const bool isHidden = std::none_of(first, plans_.end(),
+                                       [&](const auto& plan) { return plan->windows[i].isShown; });
+    if (!isHidden || HasSameSize(plans_.back()->windows[i], windows[i])) {
+      continue;
+    }
+    for (auto plan = first; plan != plans_.end(); ++plan) {
+      Plan changed = **plan;
+      changed.windows[i].place = windows[i].place;
+      *plan = std::make_shared<const Plan>(std::move(changed));
+    }
+  }
 }
 
 // Colours and selection do not wait for a change of places that is pending.

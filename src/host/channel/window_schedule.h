@@ -84,6 +84,7 @@ class WindowSchedule {
   const std::shared_ptr<const Plan>& PlanAt(Time composed) const REQUIRES(lock_);
   // Start of the first frame at that time or later.
   Time OnGrid(Time time) const;
+  void ResizeHidden(const std::vector<WindowState>& windows, Time present) REQUIRES(lock_);
   void ChangeLook(const std::vector<WindowState>& windows, Time from) REQUIRES(lock_);
 
   const Ratio rate_;

@@ -18,15 +18,14 @@
 
 namespace host::cli {
 
-// The owner of the wall's state with its socket, its HTTP server and its tally receiver, as the wall
-// asks for them.
-// Application's thread.
+// The owner of the wall's state with its socket, its HTTP server and its tally receiver, as the
+// wall asks for them. Application's thread.
 class ControlLinks {
  public:
   struct Settings {
     config::Wall wall;
-    std::filesystem::path wallFile;                    // empty: the wall has none
-    std::function<nlohmann::ordered_json()> live;      // as of WallControl
+    std::filesystem::path wallFile;                // empty: the wall has none
+    std::function<nlohmann::ordered_json()> live;  // as of WallControl
     // As of HttpServer; empty: no pictures are served.
     std::function<std::optional<std::string>(const std::optional<config::Window>&)> snapshot;
     std::function<void(const std::string&)> say;       // a message for the log
@@ -34,8 +33,8 @@ class ControlLinks {
   };
 
   // executor outlives it. Throws std::runtime_error when the socket that the wall names, its HTTP
-  // server or its tally is not to be had. Without a name the socket is where programs look for it; when that is
-  // not to be had, the wall runs without, and says so.
+  // server or its tally is not to be had. Without a name the socket is where programs look for it;
+  // when that is not to be had, the wall runs without, and says so.
   ControlLinks(control::WallExecutor& executor, Settings settings);
   ~ControlLinks();
   ControlLinks(const ControlLinks&) = delete;

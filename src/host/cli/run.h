@@ -2,8 +2,8 @@
 #pragma once
 
 #include <filesystem>
-#include <string>
 #include <optional>
+#include <string>
 
 #include "host/cli/graph_options.h"
 #include "host/cli/program.h"
