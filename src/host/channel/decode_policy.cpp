@@ -123,7 +123,7 @@ void DecodePolicy::FollowLoad(Time now, const Load& load, int pressed) {
   if (wasLowered_ && now - loweredAt_ >= kLasting) {
     relief_ = kMinRelief;
   }
-  if (own_ <= pressed) {
+  if (own_ <= std::max(pressed, 0)) {
     return;
   }
   const double expected = load.busy / cost(at) * cost(own_ - 1);

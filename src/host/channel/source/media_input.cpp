@@ -235,6 +235,9 @@ MediaInput::Outcome MediaInput::HandleFailure(int code, bool isUnused) {
   }
   silences_ = 0;
   if (code == AVERROR_EOF && connection_.fragments() && connection_.fragments()->ended()) {
+    formerBytes_ += ffmpeg::BytesRead(*input_);
+    // Goes when the next demuxer is opened.
+    input_->pb = nullptr;
     Exchange(connection_.OpenAtNextFragment());
     return Outcome::kReplaced;
   }
@@ -363,6 +366,7 @@ bool MediaInput::AdoptReplacement() {
       each->resumeAfter = each->latest;
     }
   }
+  formerBytes_ += ffmpeg::BytesRead(*input_);
   Exchange(std::move(opened->input));
   inputDeadline_ = std::move(opened->deadline);
   inputPlaylist_ = std::move(opened->playlist);
@@ -394,7 +398,6 @@ void MediaInput::Exchange(ffmpeg::InputFormat next) {
       selected_[static_cast<std::size_t>(kind)]->index = index;
     }
   }
-  formerBytes_ += ffmpeg::BytesRead(*input_);
   input_ = std::move(next);
   inputDeadline_.reset();
   inputPlaylist_.reset();
