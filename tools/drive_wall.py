@@ -249,14 +249,20 @@ def main():
                 versions[inner["version"]] = (inner["frame"], inner["state"])
     if "start" in versions:
         states[-1] = versions.pop("start")
-    # A selection takes effect before a change of places that is pending; places keep their order.
-    latest = 0
+    # What moves no window (a selection, the audio that is followed) takes effect at another time than
+    # a change of places that is pending; those keep their order.
+    def places(state):
+        return sorted((c["name"], c["shown"], c["window"] if c["shown"] else 0) for c in state["channels"])
+
+    latest, before = 0, places(states[-1]) if states else None
     for version in sorted(versions):
         frame, state = versions[version]
-        latest = max(latest, frame)
-        states[latest] = state
+        if places(state) != before:
+            latest, before = max(latest, frame), places(state)
+            states[latest] = state
     if not states:
         sys.exit("no listener heard of the wall's state: " + str(listeners[6].events[:2])[:600])
+    Path(folder, "states.json").write_text(json.dumps(states))
     frames = check(folder, states)
     bad = [number for number, faults in frames.items() if faults]
     print(f"{driver.accepted} commands accepted, {driver.refused} refused, {driver.wrong} malformed ones accepted")
