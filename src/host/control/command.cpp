@@ -496,7 +496,8 @@ void CheckFields(const Json& command, const CommandKind& kind) {
       throw CommandError(Kind::kMalformed, std::string("must be ") + NameOf(field.type), pointer);
     }
   }
-  for (const auto& [key, value] : command.items()) {
+  for (const auto& item : command.items()) {
+    const std::string& key = item.key();
     const bool isKnown = key == "command" || kind.takesChannelKeys ||
                          std::any_of(kind.fields.begin(), kind.fields.end(),
                                      [&](const CommandField& field) { return key == field.name; });

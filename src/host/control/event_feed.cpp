@@ -51,6 +51,7 @@ void EventFeed::Publish(std::string line) {
     events_.pop_front();
   }
   std::erase_if(clients_, [&](const std::weak_ptr<Subscription>& client) {
+    lock_.AssertHeld();
     const std::shared_ptr<Subscription> alive = client.lock();
     if (alive == nullptr) {
       return true;

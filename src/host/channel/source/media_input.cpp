@@ -284,7 +284,7 @@ bool MediaInput::SkipTo(Time timestamp) {
     return false;
   }
   connection_.deadline().Arm(Milliseconds(settings_.options.readLimit));
-  const std::int64_t position = av_rescale_q(timestamp, ffmpeg::kTimeUnit, AV_TIME_BASE_Q);
+  const std::int64_t position = av_rescale(timestamp, AV_TIME_BASE, kSecond);
   const int result = av_seek_frame(input_.get(), -1, position, AVSEEK_FLAG_BACKWARD);
   connection_.deadline().Disarm();
   return result >= 0;
