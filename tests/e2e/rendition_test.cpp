@@ -329,7 +329,7 @@ TEST(Renditions, TwoStreamsOfACameraFollowEachOtherWithoutAGap) {
   reading.wanted->Set({256, 144});
   read(256);
   for (std::size_t i = 1; i < reading.starts.size(); ++i) {
-    ASSERT_NEAR(reading.starts[i] - reading.starts[i - 1], kFrame, kFrame / 100) << i;
+    ASSERT_NEAR(reading.starts[i] - reading.starts[i - 1], kFrame, kFrame / 10) << i;
   }
   reading.ExpectWholeAudio();
 }

@@ -93,11 +93,11 @@ void WallControl::Submit(Request request, std::function<void(const Result&)> don
       refusal = "too many requests wait; try again in a moment";
     } else {
       queue_.push_back({std::move(request), std::move(done)});
+      waiting_.Set();
+      return;
     }
   }
-  if (refusal == nullptr) {
-    waiting_.Set();
-  } else if (done) {
+  if (done) {
     done(CommandError(Kind::kBusy, refusal));
   }
 }

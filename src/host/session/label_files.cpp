@@ -99,6 +99,7 @@ void LabelFiles::Stop() {
   auto next = std::make_shared<Run>();
   {
     const os::MutexLock guard(run_->lock);
+    const os::MutexLock own(next->lock);
     for (const std::shared_ptr<Entry>& entry : run_->entries) {
       next->entries.push_back(
           std::make_shared<Entry>(Entry{entry->key, LabelFile(entry->file.path()), entry->take}));

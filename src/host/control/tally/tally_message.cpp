@@ -15,7 +15,6 @@ constexpr std::uint8_t kDle = 0xFE;
 constexpr std::uint8_t kStx = 0x02;
 constexpr std::uint8_t kEtx = 0x03;
 constexpr std::size_t kOldSize = 18;      // of 3.1: address, control, 16 characters
-constexpr std::size_t kOldTrailer = 4;    // of 4.0: checksum, count, left, right
 constexpr std::size_t kPacketHeader = 6;  // of 5.0: length, version, flags, screen
 constexpr std::size_t kMessageHeader = 4;
 constexpr int kAllDisplays = 0xFFFF;
