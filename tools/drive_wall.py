@@ -27,7 +27,6 @@ WIDTH, HEIGHT, RATE = 1280, 720, 25
 COLOURS = [(200, 40, 40), (40, 200, 40), (60, 60, 220), (200, 200, 40), (200, 40, 200),
            (40, 200, 200), (230, 130, 30), (140, 90, 220), (220, 220, 220)]
 PORT, TALLY = 18080, 18081
-FIRST = 1  # number of the recording's first frame on the wall's grid
 
 
 def make_wall(folder):
@@ -178,7 +177,7 @@ def check(folder, states):
         frame = process.stdout.read(size)
         # At the start no channel has a frame yet.
         if number >= 3 * RATE:
-            frames[number] = frame_faults(frame, states, number + FIRST)
+            frames[number] = frame_faults(frame, states, number)
     return frames
 
 

@@ -168,6 +168,9 @@ void WallSession::Take(const ComPtr<IMediaSample>& frame, Time start) {
   NotePressure(start);
   const Time first = FrameStart(firstFrame_, settings_.wall.canvas.frameRate);
   if (start >= first) {
+    if (composed_ == 0 && settings_.live) {
+      firstComposed_ = start;
+    }
     ++composed_;
     outputs_->Take(frame, start - first);
     if (settings_.takeFrame) {
@@ -304,11 +307,10 @@ void WallSession::SetLabel(std::size_t slot, const config::Label& label) {
 std::optional<std::int64_t> WallSession::Place(const std::vector<WindowState>& windows) {
   const std::optional<Time> start =
       schedule_->Change(windows, settings_.live ? clock_.Now() : background_->latestFrame());
-  const Ratio rate = settings_.wall.canvas.frameRate;
   for (std::size_t slot = 0; start && slot < windows.size(); ++slot) {
     channels_[slot]->WantSize(windows[slot].place.width, windows[slot].place.height);
   }
-  return start ? std::optional(FrameAt(*start, rate)) : std::nullopt;
+  return start ? std::optional(NumberOf(*start)) : std::nullopt;
 }
 
 std::int64_t WallSession::Follow(std::optional<std::size_t> slot) {
@@ -317,7 +319,12 @@ std::int64_t WallSession::Follow(std::optional<std::size_t> slot) {
   if (follow_) {
     follow_->Follow(slot, from);
   }
-  return FrameAt(from, settings_.wall.canvas.frameRate);
+  return NumberOf(from);
+}
+
+std::int64_t WallSession::NumberOf(Time start) const {
+  const Ratio rate = settings_.wall.canvas.frameRate;
+  return FrameAt(start, rate) - FrameAt(firstComposed_, rate);
 }
 
 void WallSession::Tidy() {

@@ -91,8 +91,8 @@ class WallSession {
   void Assign(std::size_t slot, const config::Channel* channel, const ChannelControls& controls);
   void SetControls(std::size_t slot, const ChannelControls& controls);
   void SetLabel(std::size_t slot, const config::Label& label);
-  // All windows. Returns the number of the first composed frame that shows them so; none when too
-  // many changes are pending.
+  // All windows. Returns the number of the first composed frame that shows them so, counted from
+  // the wall's first one at the canvas's rate; none when too many changes are pending.
   std::optional<std::int64_t> Place(const std::vector<WindowState>& windows);
   // The channel whose audio the follow track carries, or none. Returns the number of the first
   // composed frame with it.
@@ -109,6 +109,7 @@ class WallSession {
 
  private:
   void AddSlot(std::size_t slot);
+  std::int64_t NumberOf(Time start) const;
   void ConnectAudio(std::size_t index, const ComposerFilter::Input& input, const std::string& what);
   std::vector<std::uint8_t> Background() const;
   std::string LabelOf(const config::Label& label, bool isStarting) const;
@@ -133,6 +134,7 @@ class WallSession {
   TimeOfDay timeOfDay_;
   std::shared_ptr<FrameWatch> watch_ = std::make_shared<FrameWatch>();
   std::atomic<std::uint64_t> composed_{0};
+  std::atomic<Time> firstComposed_{0};                // start of the first frame of a live wall
   const std::shared_ptr<WallPressure> pressure_;      // null of a rendered wall
   const std::shared_ptr<DecodeBudget> budget_;        // likewise
   const std::shared_ptr<SharedReceivers> receivers_;  // likewise
