@@ -155,8 +155,7 @@ void ChannelPresenter::ChangeSize(const WindowSchedule::Resize& change) {
   typedUntil_ = change.at + kTypedFor;
   slate_.clear();
   slateText_.clear();
-  BYTE* pixels = nullptr;
-  if (kept_ != nullptr && !pristine_.empty() && SUCCEEDED(kept_->GetPointer(&pixels))) {
+  if (kept_ != nullptr && !pristine_.empty()) {
     // It is in the composer: its caption stays in that copy.
     const ComPtr<IMediaSample> clean =
         pins_.video.NewFrame(change.at, change.at + 1, false, static_cast<LONG>(pristine_.size()));

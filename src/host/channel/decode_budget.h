@@ -21,8 +21,8 @@ namespace host {
 //
 // Turns: no more readers decode and scale at the same time than there are processors. All others
 // wait here rather than in the system's scheduler, where sixteen of them together would outweigh
-// one encoder however low their priority; and here the selected channels come first, then whoever
-// has waited longest. Nothing but computing is done in a turn.
+// one encoder however low their priority; and here the selected channels come first, then the one
+// that has waited longest. Nothing but computing is done in a turn.
 //
 // Admission: a channel that wants to decode more than it does asks first. It is granted as long as
 // the machine has idle time for it, less what was granted lately and does not show yet. So channels

@@ -10,7 +10,7 @@ namespace host::config {
 
 // The text of a wall file without mistakes so that its channels are those of the wall, in their
 // order, and its layout is the wall's; everything else stays, and what says the same already is
-// copied byte for byte. Channels are told apart by name, a renamed one by its source. Without
+// copied byte for byte. Channels are identified by name, a renamed one by its source. Without
 // windows when the wall places them itself.
 //
 // folder: of the file. Throws std::runtime_error when the text cannot be edited so that it says

@@ -1,4 +1,4 @@
-// LatestFrame: composed frames as JPEG for whoever asks, while the wall runs.
+// LatestFrame: composed frames as JPEG on request, while the wall runs.
 #pragma once
 
 #include <atomic>

@@ -299,7 +299,7 @@ TEST_F(LiveTimelineTest, AnchorsASourceAgainWhoseDistanceDoesNotFitAnyMore) {
   EXPECT_GE(placed_, now_ + kLead) << "it paused for less than the room and keeps its lead";
   start_ += 8 * kSecond;
   Frame(now_);
-  EXPECT_NEAR(placed_ - now_, kLead, kFrame) << "its timestamps leapt";
+  EXPECT_NEAR(placed_ - now_, kLead, kFrame) << "its timestamps jumped";
   EXPECT_TRUE(timeline_.jumped());
   LiveTimeline ofFile(
       LiveTimeline::For(SourceKind::kFile, LiveTimeline::Settings().frameRate, kSecond));

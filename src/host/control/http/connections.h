@@ -11,7 +11,8 @@
 namespace host::control::http {
 
 // Server's thread. When there is no room, the connection that has waited for a request for the
-// longest time makes it: whoever opens connections and asks nothing keeps nobody out.
+// longest time makes it: a client that opens connections without requests keeps no other client
+// out.
 class Connections {
  public:
   struct Entry {
