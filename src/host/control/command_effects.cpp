@@ -138,7 +138,7 @@ void CheckName(const std::string& name, const WallState& state, const ChannelEnt
 }  // namespace
 
 void FailUnknown(const char* what, const char* field, const std::string& name,
-                              const std::vector<std::string>& known) {
+                 const std::vector<std::string>& known) {
   const std::optional<std::string> nearest = config::NearestName(name, known);
   throw CommandError(Kind::kUnknown,
                      std::string("there is no ") + what + " " + Quoted(name) +
