@@ -22,7 +22,7 @@ endif()
 # of them read. What stands in an unnamed namespace must differ within a library then.
 if(CMAKE_UNITY_BUILD)
   # Of one source within another one; each has been compiled alone by the preset dev.
-  add_compile_options(-Wno-shadow -Wno-subobject-linkage)
+  add_compile_options(-Wno-shadow $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage>)
 endif()
 
 find_program(CCACHE ccache)
