@@ -287,8 +287,19 @@ std::filesystem::path RuntimeFolder(std::string_view program) {
   if (::geteuid() == 0) {
     return std::filesystem::path("/run") / program;
   }
-  return std::filesystem::temp_directory_path() /
-         (std::string(program) + "-" + std::to_string(::geteuid()));
+  // Everybody may have made it: whoever owns the folder can put a socket of his own into it.
+  const std::filesystem::path own = std::filesystem::temp_directory_path() /
+                                    (std::string(program) + "-" + std::to_string(::geteuid()));
+  struct stat found {};
+  if ((::mkdir(own.c_str(), 0700) != 0 && errno != EEXIST) || ::lstat(own.c_str(), &found) != 0) {
+    throw std::runtime_error(own.string() + ": " + ErrorText(errno));
+  }
+  if (!S_ISDIR(found.st_mode) || found.st_uid != ::geteuid() || (found.st_mode & 0077) != 0) {
+    throw std::runtime_error(own.string() +
+                             ": is no folder that is this user's alone; remove it, or set "
+                             "XDG_RUNTIME_DIR");
+  }
+  return own;
 }
 
 }  // namespace os
