@@ -36,9 +36,8 @@ void ControlLinks::Serve(const config::Wall& wall, const std::filesystem::path& 
   if (named ? named->empty() : wallFile.empty()) {
     return;
   }
-  const std::filesystem::path path = named ? *named : control::UsualSocket(wallFile);
   try {
-    socket_.emplace(path, control_);
+    socket_.emplace(named ? *named : control::UsualSocket(wallFile), control_);
   } catch (const std::runtime_error& error) {
     const std::string what =
         std::string("the wall cannot be driven through its socket: ") + error.what();

@@ -15,7 +15,7 @@ namespace host {
 namespace {
 
 // For a thread whose consumers take nothing any more.
-constexpr int kCancelLimit = 500;  // milliseconds
+constexpr int kFinishLimit = 500;  // milliseconds
 
 }  // namespace
 
@@ -66,7 +66,7 @@ EncoderThread::EncoderThread(const Settings& settings, qorp::log::ILogPerf* logg
 }
 
 EncoderThread::~EncoderThread() {
-  Finish(std::chrono::milliseconds(kCancelLimit));
+  Finish(std::chrono::milliseconds(kFinishLimit));
 }
 
 void EncoderThread::Add(Consumer consumer) {

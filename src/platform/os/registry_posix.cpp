@@ -14,7 +14,7 @@
 namespace os {
 namespace {
 
-constexpr char kSeparator = '\\';
+constexpr char kKeySeparator = '\\';
 
 std::string Escape(const std::string& text) {
   std::string escaped;
@@ -149,19 +149,19 @@ std::optional<std::string> RegistryTree::Get(const std::string& key,
 }
 
 bool RegistryTree::Erase(const std::string& key) {
-  const std::string below = key + kSeparator;
+  const std::string below = key + kKeySeparator;
   return std::erase_if(keys_, [&](const auto& entry) {
            return entry.first == key || entry.first.starts_with(below);
          }) > 0;
 }
 
 std::vector<std::string> RegistryTree::Subkeys(const std::string& key) const {
-  const std::string below = key + kSeparator;
+  const std::string below = key + kKeySeparator;
   std::vector<std::string> names;
   for (const auto& [path, values] : keys_) {
     if (path.starts_with(below)) {
       const std::string name =
-          path.substr(below.size(), path.find(kSeparator, below.size()) - below.size());
+          path.substr(below.size(), path.find(kKeySeparator, below.size()) - below.size());
       if (names.empty() || names.back() != name) {
         names.push_back(name);
       }
