@@ -60,11 +60,11 @@ _tavrel() {
     help//*) words=$(_tavrel_commands "$program") ;;
     ctl//*) words=$(_tavrel_commands "$program" ctl) ;;
     ctl/layout/0 | ctl/save-layout/0 | ctl/delete-layout/0)
-      words=$("${wall[@]}" --json --timeout 1 status 2>/dev/null | _tavrel_names layouts)
+      words=$("${wall[@]}" --json --timeout ${TAVREL_COMPLETION_TIMEOUT:-2} status 2>/dev/null | _tavrel_names layouts)
       ;;
     ctl/order/* | ctl/swap/[01] | ctl/ack/0 | ctl/mask/0 | ctl/solo/0 | ctl/select/0 | ctl/mute/0 | ctl/follow/0 | \
       ctl/reconnect/0 | ctl/remove/0 | ctl/set/0 | ctl/label/0)
-      words=$("${wall[@]}" --timeout 1 list 2>/dev/null | cut -f 1)
+      words=$("${wall[@]}" --timeout ${TAVREL_COMPLETION_TIMEOUT:-2} list 2>/dev/null | cut -f 1)
       ;;
     check//* | run//* | render//* | log//* | register//* | unregister//* | probe//*)
       compopt -o filenames 2>/dev/null

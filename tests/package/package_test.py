@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """The Debian package: made of a build, looked at by lintian, installed in a clean root, used there, upgraded and purged.
 
-package_test.py BUILD [--debootstrap]: with the latter the root comes from the archive, and what the package needs with it.
+package_test.py BUILD [ROOT]: with the latter in a root that `debootstrap --variant=minbase bookworm ROOT` has made, in which apt
+installs what the package needs; the root is changed.
 """
 import json
 import os
@@ -85,7 +86,7 @@ class Root:
             folders[:] = [one for one in folders if not VOLATILE.match(os.path.normpath(f"{below}/{one}"))]
             found |= {os.path.normpath(f"{below}/{one}") for one in folders + files}
         return {one for one in found if not VOLATILE.match(one)} | {
-            "user " + line for line in (self.folder / "etc/passwd").read_text().splitlines()}
+            f"{name} {line}" for name in ("passwd", "group") for line in (self.folder / "etc" / name).read_text().splitlines()}
 
 
 def free_port():
@@ -151,20 +152,18 @@ def main():
     check_package(first, content)
     step("checked")
     depends = re.search(r"^Depends: (.*)", (content / "DEBIAN/control").read_text(), re.M)[1]
-    if "--debootstrap" in sys.argv:
-        run("debootstrap", "--variant=minbase", "bookworm", folder / "root")
-        root = Root(folder / "root")
-        for package in (first, second):
-            shutil.copy2(package, root.folder / "tmp")
-        root.run("apt-get", "update", "-qq")
-        root.run("env", "DEBIAN_FRONTEND=noninteractive", "apt-get", "install", "-y", "--no-install-recommends", "-qq",
-                 f"/tmp/{first.name}")
-        root.run("dpkg", "--purge", "tavrel")
+    if len(sys.argv) > 2:
+        root = Root(pathlib.Path(sys.argv[2]).resolve())
     else:
         clean_root.make(folder / "root", depends)
         root = Root(folder / "root")
-        for package in (first, second):
-            shutil.copy2(package, root.folder / "tmp")
+    for package in (first, second):
+        shutil.copy2(package, root.folder / "tmp")
+    if len(sys.argv) > 2:
+        root.run("apt-get", "update", "-qq")
+        root.run("env", "DEBIAN_FRONTEND=noninteractive", "apt-get", "install", "-y", "-qq", "--no-install-recommends",
+                 f"/tmp/{first.name}")
+        root.run("dpkg", "--purge", "tavrel")
     before = root.files()
     step("has a clean root")
     root.run("dpkg", "--force-unsafe-io", "-i", f"/tmp/{first.name}")

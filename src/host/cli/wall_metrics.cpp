@@ -14,7 +14,7 @@ namespace {
 
 using control::MetricsText;
 using Entry = ChannelBoard::Entry;
-using Output = OutputSet::Status;
+using OutputStatus = OutputSet::Status;
 
 constexpr std::array kStates{ChannelState::kOpening, ChannelState::kLive, ChannelState::kHeld,
                              ChannelState::kLost};
@@ -139,7 +139,7 @@ void AddSources(const WallFigures& wall, MetricsText& text) {
 }
 
 // How it is reached, without where.
-std::string KindOf(const Output& output) {
+std::string KindOf(const OutputStatus& output) {
   const std::size_t colon = output.name.find("://");
   return colon != std::string::npos ? output.name.substr(0, colon)
          : output.name == "-"       ? "pipe"
@@ -158,15 +158,15 @@ void AddOutputs(const WallFigures& wall, MetricsText& text) {
              {{"output", std::to_string(i + 1)}, {"kind", KindOf(wall.outputs[i])}});
   }
   text.Gauge("tavrel_output_up", "1 while the output works.");
-  add([](const Output& one) { return std::uint64_t{!one.failed && one.failure.empty()}; });
+  add([](const OutputStatus& one) { return std::uint64_t{!one.failed && one.failure.empty()}; });
   text.Counter("tavrel_output_openings_total", "How often the output was opened.");
-  add([](const Output& one) { return one.openings; });
+  add([](const OutputStatus& one) { return one.openings; });
   text.Counter("tavrel_output_frames_total", "Frames that were written.");
-  add([](const Output& one) { return one.video.written; });
+  add([](const OutputStatus& one) { return one.video.written; });
   text.Counter("tavrel_output_frames_dropped_total",
                "Frames that the output or its encoder were too slow for, or had no place for.");
-  add([](const Output& one) { return one.video.dropped + one.video.leftOut; });
-  const auto sum = [](const Output& one, std::uint64_t OutputSet::TrackStatus::*member) {
+  add([](const OutputStatus& one) { return one.video.dropped + one.video.leftOut; });
+  const auto sum = [](const OutputStatus& one, std::uint64_t OutputSet::TrackStatus::*member) {
     std::uint64_t packets = 0;
     for (const OutputSet::TrackStatus& track : one.audio) {
       packets += track.*member;
@@ -175,16 +175,18 @@ void AddOutputs(const WallFigures& wall, MetricsText& text) {
   };
   using Track = OutputSet::TrackStatus;
   text.Counter("tavrel_output_audio_packets_total", "Audio packets of all channels, written.");
-  add([&](const Output& one) { return sum(one, &Track::written); });
+  add([&](const OutputStatus& one) { return sum(one, &Track::written); });
   text.Counter("tavrel_output_audio_packets_dropped_total",
                "Audio packets that the output was too slow for, or had no place for.");
-  add([&](const Output& one) { return sum(one, &Track::dropped) + sum(one, &Track::leftOut); });
+  add([&](const OutputStatus& one) {
+    return sum(one, &Track::dropped) + sum(one, &Track::leftOut);
+  });
   text.Counter("tavrel_output_overflows_total", "How often the output's queue was full.");
-  add([](const Output& one) { return one.overflows; });
+  add([](const OutputStatus& one) { return one.overflows; });
   text.Gauge("tavrel_output_queue_bytes", "Bytes of packets that wait for the output.");
-  add([](const Output& one) { return std::uint64_t{one.queuedBytes}; });
+  add([](const OutputStatus& one) { return std::uint64_t{one.queuedBytes}; });
   text.Gauge("tavrel_output_encoder_queue_frames", "Frames that wait for the output's encoder.");
-  add([](const Output& one) { return std::uint64_t{one.queuedFrames}; });
+  add([](const OutputStatus& one) { return std::uint64_t{one.queuedFrames}; });
 }
 
 }  // namespace
@@ -198,7 +200,7 @@ void WriteMetrics(const WallFigures& wall, MetricsText& text) {
 }
 
 std::string WhyNoOutput(const std::vector<OutputSet::Status>& outputs) {
-  const bool works = std::any_of(outputs.begin(), outputs.end(), [](const Output& one) {
+  const bool works = std::any_of(outputs.begin(), outputs.end(), [](const OutputStatus& one) {
     return !one.failed && one.failure.empty();
   });
   return works || outputs.empty() ? "" : "no output works";

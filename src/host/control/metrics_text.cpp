@@ -10,7 +10,7 @@ namespace host::control {
 
 namespace {
 
-std::string TextOf(double value) {
+std::string NumberText(double value) {
   if (!std::isfinite(value)) {
     return std::isnan(value) ? "NaN" : value > 0 ? "+Inf" : "-Inf";
   }
@@ -46,7 +46,7 @@ void MetricsText::Begin(std::string name, const char* type, const char* help) {
 }
 
 void MetricsText::Add(double value, Labels labels) {
-  AddLine("", TextOf(value), labels);
+  AddLine("", NumberText(value), labels);
 }
 
 void MetricsText::AddLine(const char* suffix, const std::string& value, Labels labels) {
@@ -65,10 +65,10 @@ void MetricsText::Histogram(std::string name, const char* help, std::span<const 
   std::uint64_t total = 0;
   for (std::size_t i = 0; i < counts.size(); ++i) {
     total += counts[i];
-    const std::string bound = i < bounds.size() ? TextOf(bounds[i]) : "+Inf";
+    const std::string bound = i < bounds.size() ? NumberText(bounds[i]) : "+Inf";
     AddLine("_bucket", std::to_string(total), {{"le", bound}});
   }
-  AddLine("_sum", TextOf(sum), {});
+  AddLine("_sum", NumberText(sum), {});
   AddLine("_count", std::to_string(total), {});
 }
 
