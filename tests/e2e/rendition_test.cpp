@@ -251,7 +251,7 @@ TEST(Renditions, OfAPlaylistTheRightOneIsReadAndChangesWithoutAGap) {
     EXPECT_THAT(reading.changes,
                 ElementsAre("128: for a window of 120x68", "512: for a window of 2000x1000",
                             "64: for a window of 64x64"));
-    EXPECT_GT(reading.reader->bytes(), 100'000U);
+    EXPECT_GT(reading.reader->counts().bytes, 100'000U);
   }
 }
 

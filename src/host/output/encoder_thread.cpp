@@ -94,6 +94,10 @@ std::uint64_t EncoderThread::dropped() const {
   return work_->dropped;
 }
 
+std::size_t EncoderThread::queued() const {
+  return work_->queue.size();
+}
+
 std::uint64_t EncoderThread::handed() const {
   return work_->handed;
 }

@@ -172,6 +172,8 @@ void WallSession::Take(const ComPtr<IMediaSample>& frame, Time start) {
       firstComposed_ = start;
     }
     ++composed_;
+    composedAt_.store(std::chrono::steady_clock::now().time_since_epoch().count(),
+                      std::memory_order_relaxed);
     outputs_->Take(frame, start - first);
     if (settings_.takeFrame) {
       settings_.takeFrame(frame, start - first);

@@ -233,6 +233,7 @@ void RtpReceiver::Release(Clock::time_point now) {
       return;
     }
     Append(first->second.payload);
+    lost_ += static_cast<std::uint64_t>(first->first - next_);
     next_ = first->first + 1;
     reordered_.erase(first);
   }
