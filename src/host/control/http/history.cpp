@@ -36,9 +36,8 @@ void History::Collect() {
   for (const EventFeed::Event& event : events_->Take()) {
     Add(event);
   }
-  while (!entries_.empty() &&
-         (entries_.size() > limits_.entries || bytes_ > limits_.bytes ||
-          now_() - entries_.front().time > limits_.age)) {
+  while (!entries_.empty() && (entries_.size() > limits_.entries || bytes_ > limits_.bytes ||
+                               now_() - entries_.front().time > limits_.age)) {
     bytes_ -= entries_.front().line.size();
     entries_.pop_front();
   }

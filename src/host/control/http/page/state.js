@@ -4,7 +4,8 @@
 // the history).
 
 const kMaxPending = 64;
-const kPlacesLimit = 5000;  // milliseconds until places take effect without a frame that says so
+const kPlacesLimit = 5000;       // milliseconds until places take effect without a frame that says so
+const kPlacesLimitBlind = 1500;  // likewise, of a picture whose frames have no number
 
 const placesOf = (channels) => JSON.stringify(
     channels.map((channel) => [channel.name, channel.shown, channel.window]));
@@ -23,7 +24,7 @@ export class Wall extends EventTarget {
   places = [];
   // What this page looks at; the wall's own selection is in the channels.
   chosen = null;
-  #pending = [];  // places that take effect with a later frame: {frame, until, channels}
+  #pending = [];  // places that take effect with a later frame: {frame, at, channels}
   #raisedAt = new Map();  // "channel\nalarm" -> when it was raised, where that is known
   #scheduled = false;
 
@@ -104,7 +105,9 @@ export class Wall extends EventTarget {
     let changed = false;
     while (this.#pending.length > 0) {
       const next = this.#pending[0];
-      if ((frame === null || frame < next.frame) && now < next.until) {
+      const isDue = frame === null ? now - next.at >= kPlacesLimitBlind
+                                   : frame >= next.frame || now - next.at >= kPlacesLimit;
+      if (!isDue) {
         break;
       }
       this.places = next.channels;
@@ -167,8 +170,7 @@ export class Wall extends EventTarget {
     this.#keepChosen();
     const last = this.#pending.length > 0 ? this.#pending.at(-1).channels : this.places;
     if (placesOf(last) !== placesOf(this.channels) && this.#pending.length < kMaxPending) {
-      this.#pending.push({frame: event.frame, until: Date.now() + kPlacesLimit,
-                          channels: this.channels});
+      this.#pending.push({frame: event.frame, at: Date.now(), channels: this.channels});
     } else if (this.#pending.length === 0) {
       this.places = this.channels;
     }
