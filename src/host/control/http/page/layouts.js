@@ -4,6 +4,17 @@ import {byId, el, field, openDialog} from "./ui.js";
 
 const kSvg = "http://www.w3.org/2000/svg";
 
+// Rows of as many windows as there are channels, for layouts whose places follow from them.
+function rows(count, canvas) {
+  const columns = Math.ceil(Math.sqrt(count));
+  const width = canvas.width / columns;
+  const height = canvas.height / columns;
+  const top = (canvas.height - Math.ceil(count / columns) * height) / 2;
+  return Array.from({length: count}, (_, at) => ({window: [
+    (at % columns) * width + width / 20, top + Math.floor(at / columns) * height + height / 20,
+    width * 0.9, height * 0.9]}));
+}
+
 function drawing(layout, canvas) {
   const svg = document.createElementNS(kSvg, "svg");
   svg.setAttribute("viewBox", `0 0 ${canvas.width} ${canvas.height}`);
@@ -33,10 +44,16 @@ export async function openLayouts(wall, run) {
     } catch {
       error.textContent = "The layouts could not be read from the wall.";
     }
-    // One that the canvas has no room for has no places, except those that have them from elsewhere.
-    const usable = layouts.filter((layout) => layout.places.length > 0 || ["auto", "file"].includes(layout.name));
+    for (const layout of layouts) {
+      if (["auto", "file"].includes(layout.name) && layout.places.length === 0) {
+        layout.places = rows(wall.channels.length, wall.canvas);
+      }
+    }
+    // The canvas has no room for one without places.
+    const usable = layouts.filter((layout) => layout.places.length > 0);
     list.replaceChildren(...usable.map((layout) => {
       const apply = el("button", {type: "button", class: "layout",
+          autofocus: layout.name === wall.layout,
           "aria-current": layout.name === wall.layout ? "true" : null}, drawing(layout, wall.canvas),
           el("span", {dir: "auto"}, layout.name));
       apply.addEventListener("click", async () => {
