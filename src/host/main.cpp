@@ -34,8 +34,8 @@ int main(int argc, char** argv) {
   program.Add<CheckOptions>("check", "say what is wrong with a wall file", DefineCheck, CheckFile);
   program.Add<ProbeOptions>("probe", "say what a source carries, and what a wall does with it",
                             DefineProbe, Probe);
-  program.Add<DemoOptions>("demo", "a wall of built-in channels, as fast as the machine can",
-                           DefineDemo, Demo);
+  program.Add<DemoOptions>(
+      "demo", "a wall of built-in channels, as fast as the machine can, or live", DefineDemo, Demo);
   program.Add<RunOptions>("run", "run a wall live", DefineRun, Run);
   program.Add<RunOptions>("render", "make a file of a wall of files, as fast as the machine can",
                           DefineRender, Render);

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <ostream>
 #include <string>
 
 #include <CLI/CLI.hpp>
@@ -119,6 +120,26 @@ void DefineRecord(CLI::App& app, RecordOptions& options) {
   app.add_option("--seconds", options.seconds, "stop after so many seconds")
       ->envname("TAVREL_SECONDS")
       ->check(SecondsBetween(kMin, kMax));
+}
+
+void DefineHttp(CLI::App& app, std::string& address, const std::string& meaning) {
+  app.add_option("--http", address, meaning)
+      ->envname("TAVREL_HTTP")
+      ->check([](const std::string& text) -> std::string {
+        return config::ParseListenAddress(text) ? "" : config::kListenForm;
+      });
+}
+
+bool UseHttp(const std::string& address, config::Http& http, Streams& streams) {
+  if (address.empty()) {
+    return true;
+  }
+  http.listen = config::ParseListenAddress(address);
+  const auto mistake = config::HttpMistake(http);
+  if (mistake) {
+    streams.err << "tavrel: --http " << address << " " << mistake->second << "\n";
+  }
+  return !mistake;
 }
 
 }  // namespace host::cli
