@@ -37,7 +37,7 @@ int main(int argc, char** argv) {
   std::ostream err(&errors);
   err.setf(std::ios::unitbuf);
   Program program({out, err, os::IsTerminal(kErrors), os::Console().HasColour()});
-  program.Add<CheckOptions>("check", "say what is wrong with a wall file", DefineCheck, Check);
+  program.Add<CheckOptions>("check", "say what is wrong with a wall file", DefineCheck, CheckFile);
   program.Add<ProbeOptions>("probe", "say what a source carries, and what a wall does with it",
                             DefineProbe, Probe);
   program.Add<DemoOptions>("demo", "a wall of built-in channels, as fast as the machine can",

@@ -20,9 +20,10 @@ ControlLinks::ControlLinks(control::WallExecutor& executor, Settings settings)
     tally_.emplace(settings.wall.tally, control_);
   }
   if (settings.wall.http.listen) {
-    http_.emplace(control::http::HttpServer::Settings{settings.wall.http,
-                                                      std::move(settings.snapshot), settings.say},
-                  control_);
+    http_.emplace(
+        control::http::HttpServer::Settings{settings.wall.http, std::move(settings.snapshot),
+                                            std::move(settings.monitoring), settings.say},
+        control_);
     say_("serves the HTTP API at " + http_->url());
   }
 }
@@ -37,9 +38,8 @@ void ControlLinks::Serve(const config::Wall& wall, const std::filesystem::path& 
   if (named ? named->empty() : wallFile.empty()) {
     return;
   }
-  const std::filesystem::path path = named ? *named : control::UsualSocket(wallFile);
   try {
-    socket_.emplace(path, control_);
+    socket_.emplace(named ? *named : control::UsualSocket(wallFile), control_);
   } catch (const std::runtime_error& error) {
     const std::string what =
         std::string("the wall cannot be driven through its socket: ") + error.what();

@@ -29,6 +29,7 @@ class ControlLinks {
     std::function<nlohmann::ordered_json()> live;  // as of WallControl
     // As of HttpServer; empty: no pictures are served.
     std::function<std::optional<std::string>(const std::optional<config::Window>&)> snapshot;
+    control::http::Monitoring monitoring;
     std::function<void(const std::string&)> say;       // a message for the log
     std::function<void(const std::string&)> complain;  // something has failed
   };

@@ -16,6 +16,7 @@
 #include "host/cli/json_lines.h"
 #include "host/cli/message_log.h"
 #include "host/cli/run_plan.h"
+#include "host/cli/wall_metrics.h"
 #include "host/cli/wall_status.h"
 #include "host/control/session_executor.h"
 #include "host/output/latest_frame.h"
@@ -170,6 +171,7 @@ class WallCommandRun {
     settings.snapshot = [this](const std::optional<config::Window>& window) {
       return latestFrame_.Jpeg(command_.wall.canvas, window);
     };
+    settings.monitoring = watch_.Monitoring();
     settings.say = [this](const std::string& what) { messages_.Say(qorp::log::kInfo, what); };
     settings.complain = [this](const std::string& what) { messages_.Say(qorp::log::kError, what); };
     settings.live = [this] {
@@ -189,6 +191,7 @@ class WallCommandRun {
     ServiceStatus service(os::ServiceNotifier::FromEnvironment());
     executor_.Use(session);
     session.Start();
+    const WallWatch::Running running(watch_, session);
     double lastStatus = 0;
     while (!signals_.Requested() && !outputs_->allFailed()) {
       const Time now = session.now();
@@ -391,6 +394,7 @@ class WallCommandRun {
   JsonLines noLines_;
   ChannelBoard board_;
   Executor executor_{board_};
+  WallWatch watch_{board_};
   LatestFrame latestFrame_;
   OutputMessages outputMessages_;
   OutputSet* outputs_ = nullptr;               // of the session

@@ -46,7 +46,9 @@ class ChannelBoard final : public ChannelObserver {
     std::optional<SourceTiming> timing{};        // of a live source that is being read
     std::optional<RenditionStatus> rendition{};  // of a source that has several
     std::optional<Time> length;                  // of the source, once it is known
-    bool opened = false;
+    std::uint64_t openings = 0;
+    std::uint64_t failures = 0;                             // of opening and of reading
+    std::array<std::uint64_t, kAlarmKinds> alarmsRaised{};  // by AlarmKind: how often
     bool wasLive = false;
     std::string failure;     // why the source is of no use, or was to the end; may be empty
     bool isAssigned = true;  // false: a spare slot

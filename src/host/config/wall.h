@@ -246,15 +246,21 @@ struct Channel {
   bool operator==(const Channel&) const = default;
 };
 
-struct Output {
-  std::string url;     // as for a channel's source
-  std::string format;  // empty: by the name
-  std::string codec = "h264";
+// How the mosaic is encoded.
+struct Encoding {
+  std::string codec = "h264";  // FFmpeg's name of a codec or of an encoder
   std::string preset = "veryfast";
   std::int64_t bitRate = 0;       // bits per second; 0: constant quality
-  std::optional<double> quality;  // 0 (best) to 51
+  std::optional<double> quality;  // of libx264's scale, 0 (best) to 51; used without bit rate
   Time keyFrameInterval = 2 * kSecond;
-  bool lowDelay = false;
+  bool lowDelay = false;  // no reordering, no look-ahead
+
+  bool operator==(const Encoding&) const = default;
+};
+
+struct Output : Encoding {
+  std::string url;     // as for a channel's source
+  std::string format;  // empty: by the name
   bool audio = true;
   // How long a live output waits at its start for what is not known yet of the channels' audio.
   Time audioWait = 700 * kMillisecond;

@@ -177,6 +177,8 @@ void WallSession::Take(const ComPtr<IMediaSample>& frame, Time start) {
       firstComposed_ = start;
     }
     ++composed_;
+    composedAt_.store(std::chrono::steady_clock::now().time_since_epoch().count(),
+                      std::memory_order_relaxed);
     outputs_->Take(frame, start - first);
     screens_->Take(frame, start);
     if (settings_.takeFrame) {

@@ -109,6 +109,12 @@ class WallSession {
   Counters counters() const;
   // How long composing took, since it was asked last.
   FrameWatch::Timing TakeTiming() { return watch_->TakeTiming(); }
+  // The same since the start, and when the latest frame was composed (long ago: none was). Any
+  // thread, as counters.
+  FrameWatch::Totals composing() const { return watch_->totals(); }
+  std::chrono::steady_clock::time_point composedAt() const {
+    return std::chrono::steady_clock::time_point(std::chrono::steady_clock::duration(composedAt_));
+  }
   Time now() const { return clock_.Now(); }
   ChannelSource& channel(std::size_t index) { return *channels_[index]; }
 
@@ -139,6 +145,7 @@ class WallSession {
   TimeOfDay timeOfDay_;
   std::shared_ptr<FrameWatch> watch_ = std::make_shared<FrameWatch>();
   std::atomic<std::uint64_t> composed_{0};
+  std::atomic<std::chrono::steady_clock::rep> composedAt_{0};
   std::atomic<Time> firstComposed_{0};                // start of the first frame of a live wall
   const std::shared_ptr<WallPressure> pressure_;      // null of a rendered wall
   const std::shared_ptr<DecodeBudget> budget_;        // likewise

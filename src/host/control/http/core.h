@@ -64,6 +64,9 @@ class HttpServer::Core {
   // None when the wall takes too long.
   asio::awaitable<std::optional<Result>> Submit(Request request);
   asio::awaitable<Answer> Picture(const Head& head);
+  Answer Metrics() const;
+  // Throws Problem when it is not as it should be.
+  Answer Health(Route::What what) const;
 
   const Settings settings_;
   const Access access_;

@@ -208,11 +208,52 @@ asio::awaitable<Answer> HttpServer::Core::Picture(const Head& head) {
   co_return answer;
 }
 
+Answer HttpServer::Core::Metrics() const {
+  MetricsText text;
+  if (settings_.monitoring.metrics) {
+    settings_.monitoring.metrics(text);
+  }
+  WallControl& control = api_.control();
+  const WallControl::Counters& requests = control.counters();
+  text.Counter("tavrel_requests_total", "Requests to change the wall, by what became of them.");
+  text.Add(requests.accepted, {{"result", "accepted"}});
+  text.Add(requests.refused, {{"result", "refused"}});
+  text.Counter("tavrel_reloads_total", "Reloads of the wall file, by what became of them.");
+  text.Add(requests.reloadsAccepted, {{"result", "accepted"}});
+  text.Add(requests.reloadsRefused, {{"result", "refused"}});
+  text.Gauge("tavrel_state_version", "Version of the wall's state.");
+  text.Add(control.version());
+  text.Gauge("tavrel_http_connections", "Connections that are open.");
+  text.Add(std::uint64_t{connections_.count()});
+  text.Gauge("tavrel_followers", "Clients that follow the events of the wall.");
+  text.Add(std::uint64_t{control.events().clients()});
+  text.Counter("tavrel_followers_dropped_total", "Followers that were too slow.");
+  text.Add(control.events().dropped());
+  return {.contentType = MetricsText::kContentType, .body = text.text()};
+}
+
+Answer HttpServer::Core::Health(Route::What what) const {
+  const bool isLive = what == Route::What::kLive;
+  const auto& whyNot = isLive ? settings_.monitoring.whyNotAlive : settings_.monitoring.whyNotReady;
+  if (const std::string why = whyNot ? whyNot() : ""; !why.empty()) {
+    throw Problem(503, isLive ? "not-alive" : "not-ready",
+                  isLive ? "The wall is not alive" : "The wall is not ready", why)
+        .With("Retry-After", "1");
+  }
+  return {.contentType = "text/plain; charset=utf-8", .body = "ok\n"};
+}
+
 asio::awaitable<Answer> HttpServer::Core::Respond(const Match& match, const Head& head,
                                                   const std::string& body) {
   try {
     if (match.route->what == Route::What::kSnapshot) {
       co_return co_await Picture(head);
+    }
+    if (match.route->what == Route::What::kMetrics) {
+      co_return Metrics();
+    }
+    if (match.route->what == Route::What::kLive || match.route->what == Route::What::kReady) {
+      co_return Health(match.route->what);
     }
     if (!match.route->changes()) {
       co_return api_.Read(match, head);

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "host/config/wall.h"
+#include "host/control/http/monitoring.h"
 #include "host/control/wall_control.h"
 
 namespace host::control::http {
@@ -37,6 +38,7 @@ class HttpServer {
     // The composed frame, or a window of it, as JPEG; none while there is no frame. Called on a
     // thread of the server's own that may wait a second. Empty: no pictures are served.
     std::function<std::optional<std::string>(const std::optional<config::Window>&)> snapshot;
+    Monitoring monitoring{};
     std::function<void(const std::string&)> say;  // a message for the log; server's thread
     Limits limits{};
   };

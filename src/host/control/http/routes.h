@@ -27,6 +27,9 @@ struct Route {
     kWebSocket,
     kSnapshot,
     kDescription,
+    kMetrics,
+    kLive,
+    kReady,
   };
   enum class Body { kNone, kOptional, kRequired };
 
