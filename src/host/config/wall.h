@@ -272,6 +272,16 @@ struct Output : Encoding {
   bool operator==(const Output&) const = default;
 };
 
+// An output that shows a running wall on a display of this machine, without encoding it.
+struct Screen {
+  int display = 0;  // counted from 0
+  int width = 0;    // of the window, in the display's units; 0: full screen
+  int height = 0;
+  bool audio = false;  // of the channel that is followed, otherwise of the one that is selected
+  Places places;
+  bool operator==(const Screen&) const = default;
+};
+
 // The HTTP API of a running wall.
 struct Http {
   std::optional<Endpoint> listen;     // an address of this machine; none: no server
@@ -312,6 +322,7 @@ struct Wall {
   Canvas canvas;
   std::vector<Channel> channels;
   std::vector<Output> outputs;
+  std::vector<Screen> screens;
   LogOptions log;
   Http http;
   LayoutRules rules;
