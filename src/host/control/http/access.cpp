@@ -143,7 +143,8 @@ void Access::Check(const Head& head, const Route& route) const {
     throw Problem(421, "unknown-host", "The request is for another host",
                   "\"" + head.host + "\" is no name of this wall; \"hosts\" in [http] adds names");
   }
-  const bool keeps = route.what == Route::What::kEvents || route.what == Route::What::kWebSocket;
+  const bool keeps = route.what == Route::What::kEvents || route.what == Route::What::kWebSocket ||
+                     route.what == Route::What::kPictures;
   const bool isForeign = (!head.origin.empty() && !IsSameOrigin(head.origin, head.host)) ||
                          head.fetchSite == "cross-site" || head.fetchSite == "same-site";
   if ((route.changes() || keeps) && isForeign) {

@@ -181,6 +181,8 @@ Json Success(const Route& route) {
       return Content("text/event-stream", {{"type", "string"}});
     case What::kSnapshot:
       return {{"image/jpeg", Json::object()}};
+    case What::kPictures:
+      return {{"multipart/x-mixed-replace", Json::object()}};
     case What::kDescription:
       return Content("application/json", {{"type", "object"}});
     case What::kWebSocket:

@@ -26,6 +26,7 @@ struct Route {
     kEvents,
     kWebSocket,
     kSnapshot,
+    kPictures,
     kDescription,
   };
   enum class Body { kNone, kOptional, kRequired };
