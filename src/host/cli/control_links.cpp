@@ -18,9 +18,11 @@ ControlLinks::ControlLinks(control::WallExecutor& executor, Settings settings)
     tally_.emplace(settings.wall.tally, control_);
   }
   if (settings.wall.http.listen) {
-    http_.emplace(control::http::HttpServer::Settings{settings.wall.http,
-                                                      std::move(settings.snapshot), settings.say},
-                  control_);
+    http_.emplace(
+        control::http::HttpServer::Settings{settings.wall.http, std::move(settings.snapshot),
+                                            std::move(settings.preview), std::move(settings.audio),
+                                            settings.say},
+        control_);
     say_("serves the HTTP API at " + http_->url());
   }
 }

@@ -32,12 +32,14 @@ class VideoEncoder {
     Ratio pixelAspect{1, 1};
     std::string codec = config::Output().codec;  // FFmpeg's name of a codec or of an encoder
     std::string preset = config::Output().preset;
+    std::string profile;       // of the encoder's names; empty: its choice
     std::int64_t bitRate = 0;  // bits per second; 0: constant quality
     // Bits per second that constant quality does not exceed over a second, where the encoder can
     // hold to it; 0: no limit.
     std::int64_t maxRate = 0;
     std::optional<double> quality;  // of libx264's scale, 0 (best) to 51; used without bit rate
     Time keyFrameInterval = config::Output().keyFrameInterval;
+    bool sceneCuts = true;  // more keyframes where the encoder finds the picture changed
     bool lowDelay = false;  // no reordering, no look-ahead
     // How late the first packet may leave the encoder, as far as the number of its threads decides
     // about that and its preset is the default one; 0: no limit.
@@ -61,6 +63,11 @@ class VideoEncoder {
   // frame rate that the first one opens; others are moved to the nearest later free place on it.
   // The sink gets the packets that are ready, timestamped in units of 100 ns. Throws ffmpeg::Error.
   void Encode(std::span<const std::uint8_t> yv12, Time start, const PacketSink& sink);
+  // The same of a picture in planes, which has the encoder's size and format and whose timestamp is
+  // set here. The encoder may keep a reference to its buffers.
+  void Encode(AVFrame& picture, Time start, const PacketSink& sink);
+  // The next frame becomes a keyframe.
+  void ForceKeyframe() { isForced_ = true; }
   // Hands over what is still inside; nothing may be encoded afterwards.
   void Finish(const PacketSink& sink);
 
@@ -79,7 +86,8 @@ class VideoEncoder {
   std::optional<Time> firstStart_;
   std::optional<Time> gridStart_;
   std::optional<std::int64_t> interval_;  // of the latest frame, counted from there
-  std::int64_t lastFrame_ = -1;           // counted from the first, in frames
+  bool isForced_ = false;
+  std::int64_t lastFrame_ = -1;  // counted from the first, in frames
 };
 
 // The time between two keyframes in whole frames.

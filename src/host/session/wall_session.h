@@ -43,6 +43,11 @@ class WallSession {
     // Gets every composed frame besides the outputs, on the composition thread; returns at once.
     // May be null.
     CompositionSink::TakeFrame takeFrame;
+    // Gets every audio packet of a slot besides the outputs, with the track whose format it has, on
+    // the channel's streaming thread; returns at once. May be null.
+    std::function<void(std::size_t slot, const AVPacket& packet,
+                       const std::shared_ptr<AudioTrack>& track)>
+        takeAudio;
     bool live = false;
     // At which a rendered wall decodes all its channels; everything but in measurements.
     DecodeStep renderStep = DecodeStep::kFull;
@@ -151,7 +156,7 @@ class WallSession {
   std::vector<bool> detached_;  // channels that a rendering no longer waits for
   ComPtr<BackgroundSource> background_;
   ComPtr<CompositionSink> sink_;
-  ComPtr<AudioSink> audioSink_;  // null of a wall without outputs
+  ComPtr<AudioSink> audioSink_;  // null of a wall whose audio nobody takes
   ComPtr<FilterGraph> graph_;
   LabelFiles labelFiles_;  // is destroyed first: it hands texts to the channels
 };
