@@ -30,15 +30,18 @@ const video = document.getElementById("video"), stage = document.getElementById(
 const canvas = document.createElement("canvas");
 [canvas.width, canvas.height] = [arguments[0], 2];
 const drawing = canvas.getContext("2d", {willReadFrequently: true});
-window.samples = [];
+const samples = window.samples = [];
 const take = () => {
+  if (samples !== window.samples) {
+    return;  // another measurement has begun
+  }
   drawing.drawImage(video, 0, video.videoHeight * 0.5, video.videoWidth, 4, 0, 0, canvas.width, 2);
   const row = drawing.getImageData(0, 1, canvas.width, 1).data;
   let number = 0;
   for (let bit = 0; bit < canvas.width / 10; ++bit) {
     number += row[4 * (bit * 10 + 5)] > 128 ? 2 ** bit : 0;
   }
-  window.samples.push([Date.now(), Number(stage.dataset.frame), number]);
+  samples.push([Date.now(), Number(stage.dataset.frame), number]);
   video.requestVideoFrameCallback(take);
 };
 video.requestVideoFrameCallback(take);
@@ -55,6 +58,9 @@ class Viewer(threading.Thread):
         key = base64.b64encode(os.urandom(16)).decode()
         self.socket.sendall(f"GET /ws HTTP/1.1\r\nHost: 127.0.0.1:{port}\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
                             f"Sec-WebSocket-Key: {key}\r\nSec-WebSocket-Version: 13\r\n\r\n".encode())
+        answer = b""
+        while b"\r\n\r\n" not in answer:
+            answer += self.socket.recv(1024)
         text = b'{"preview":true,"id":1}'
         mask = os.urandom(4)
         self.socket.sendall(bytes([0x81, 0x80 | len(text)]) + mask + bytes(c ^ mask[i % 4] for i, c in enumerate(text)))
