@@ -204,7 +204,7 @@ Answer Api::AnswerOf(const Match& match, const Result& result) const {
 }
 
 std::string Api::TokenIn(const std::string& body) {
-  const nlohmann::json json = ParseJson(body);
+  const nlohmann::json json = Parse(body);
   if (!json.is_object() || json.size() != 1 || !json.contains("token") ||
       !json["token"].is_string()) {
     throw Malformed("the body is {\"token\": \"...\"}");
