@@ -18,6 +18,13 @@ if(TAVREL_SANITIZE)
   add_link_options(-fsanitize=${TAVREL_SANITIZE})
 endif()
 
+# Several sources are compiled together: with sanitizers most of the time is spent on headers that all
+# of them read. What stands in an unnamed namespace must differ within a library then.
+if(CMAKE_UNITY_BUILD)
+  # Of one source within another one; each has been compiled alone by the preset dev.
+  add_compile_options(-Wno-shadow $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage>)
+endif()
+
 find_program(CCACHE ccache)
 if(CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
   set(CMAKE_CXX_COMPILER_LAUNCHER "${CCACHE}")

@@ -1,20 +1,29 @@
 #!/usr/bin/env python3
-"""Drives a running wall at random and checks every frame that it wrote.
+"""Drives a running wall and checks every frame that it wrote.
 
-Nine channels of one colour each run live for a while, while random commands come over HTTP, the
-socket and tally, a third of them malformed, and WebSocket clients listen of which some never read.
-Afterwards each frame of the recording is compared with the state that was in force: every window is
-where its layout puts it, in its size and colour, and nothing of another layout is seen.
+Channels of one colour each run live for a while. Afterwards each frame of the recording is compared
+with the state that was in force: every window is where its layout puts it, in its size and colour,
+and nothing of another layout is seen. While the wall runs,
+
+  random   random commands come over HTTP, the socket and tally, a third of them malformed, and
+           WebSocket clients listen of which some never read
+  solo     one channel after the other is shown alone, and all of them again
+  reload   the wall file is broken, then has another source for one channel, and SIGHUP comes each
+           time; the audio of all other channels must be that of their files, without a gap
 
     tools/drive_wall.py --tavrel build/release/bin/tavrel --seconds 60 --commands 500
+    tools/drive_wall.py --tavrel build/release/bin/tavrel --scenario solo --channels 36 \\
+        --canvas 1920x1080 --commands 200 --seconds 300
 """
 import argparse
 import base64
+import colorsys
 import http.client
 import json
 import os
 import random
 import re
+import signal
 import socket
 import subprocess
 import sys
@@ -23,27 +32,60 @@ import threading
 import time
 from pathlib import Path
 
-WIDTH, HEIGHT, RATE = 1280, 720, 25
-COLOURS = [(200, 40, 40), (40, 200, 40), (60, 60, 220), (200, 200, 40), (200, 40, 200),
-           (40, 200, 200), (230, 130, 30), (140, 90, 220), (220, 220, 220)]
-PORT, TALLY = 18080, 18081
+RATE = 25
+BACKGROUND = (16, 16, 16)
 
 
-def make_wall(folder):
-    lines = [f'[wall]\nwidth = {WIDTH}\nheight = {HEIGHT}\nspare = 2\nfollow = true\nbackground = "#101010"\n'
-             f'[http]\nlisten = "127.0.0.1:{PORT}"\n'
-             f'[control]\nsocket = "{folder}/wall.sock"\n'
-             f'[tally]\nlisten = "udp://127.0.0.1:{TALLY}"\nprotocol = "3.1"\ntext = false\n'
-             f'[[output]]\nurl = "{folder}/wall.mkv"\npreset = "ultrafast"\nquality = 12\noverwrite = true\n'
-             '[defaults]\ndecode = "full"\naudio = { meter = false }\nalarm = { freeze = false, silence = false }\n']
-    for i, (r, g, b) in enumerate(COLOURS):
-        clip = f"{folder}/c{i}.mkv"
+def free_port(kind):
+    with socket.socket(socket.AF_INET, kind) as taken:
+        taken.bind(("127.0.0.1", 0))
+        return taken.getsockname()[1]
+
+
+PORT, TALLY = free_port(socket.SOCK_STREAM), free_port(socket.SOCK_DGRAM)
+
+
+class Wall:
+    """The wall file and the clips of its channels, in a folder."""
+
+    def __init__(self, folder, channels, canvas, seconds):
+        self.folder, self.seconds = folder, seconds
+        self.width, self.height = (int(part) for part in canvas.split("x"))
+        self.colours = {f"C{i}": self.colour(i, channels) for i in range(channels)}
+        self.file = Path(folder, "wall.toml")
+        self.recording = Path(folder, "wall.mkv")
+        for name in self.colours:
+            self.make_clip(name, 300 + 20 * int(name[1:]))
+        self.write({})
+
+    @staticmethod
+    def colour(i, count):
+        return tuple(round(255 * part) for part in colorsys.hsv_to_rgb(i / count, 0.75, 0.5 + 0.4 * (i % 2)))
+
+    def clip(self, name):
+        return f"{self.folder}/{name}.mkv"
+
+    # Longer than the wall runs: at the end of a file the audio has a gap.
+    def make_clip(self, name, pitch, colour=None):
+        red, green, blue = colour or self.colours[name]
         subprocess.run(["ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i",
-                        f"color=0x{r:02X}{g:02X}{b:02X}:size=320x180:rate=25:duration=8", "-f", "lavfi",
-                        "-i", f"sine={300 + 50 * i}:duration=8", "-c:v", "libx264", "-g", "25",
-                        "-preset", "ultrafast", "-c:a", "aac", clip], check=True)
-        lines.append(f'[[channel]]\nname = "C{i}"\nsource = "{clip}"\nlabel = ""\ntally_index = {i}\n')
-    Path(folder, "wall.toml").write_text("\n".join(lines))
+                        f"color=0x{red:02X}{green:02X}{blue:02X}:size=320x180:rate={RATE}", "-f", "lavfi",
+                        "-i", f"sine={pitch}", "-t", str(self.seconds + 40), "-c:v", "libx264", "-g", "25",
+                        "-preset", "ultrafast", "-c:a", "aac", self.clip(name)], check=True)
+
+    def write(self, sources):
+        lines = [f'[wall]\nwidth = {self.width}\nheight = {self.height}\nspare = {min(2, 36 - len(self.colours))}\nfollow = true\n'
+                 'background = "#101010"\n'
+                 f'[http]\nlisten = "127.0.0.1:{PORT}"\n'
+                 f'[control]\nsocket = "{self.folder}/wall.sock"\n'
+                 f'[tally]\nlisten = "udp://127.0.0.1:{TALLY}"\nprotocol = "3.1"\ntext = false\n'
+                 f'[[output]]\nurl = "{self.recording}"\npreset = "ultrafast"\nquality = 12\noverwrite = true\n'
+                 '[defaults]\ndecode = "full"\naudio = { meter = false }\n'
+                 'alarm = { freeze = false, silence = false }\n']
+        for i, name in enumerate(self.colours):
+            source = self.clip(sources.get(name, name))
+            lines.append(f'[[channel]]\nname = "{name}"\nsource = "{source}"\nlabel = ""\ntally_index = {i}\n')
+        self.file.write_text("\n".join(lines))
 
 
 class Listener(threading.Thread):
@@ -123,9 +165,9 @@ def malformed(dice, names):
 
 
 class Driver:
-    def __init__(self, folder, seed):
-        self.folder, self.dice = folder, random.Random(seed)
-        self.names = [f"C{i}" for i in range(len(COLOURS))]
+    def __init__(self, wall, process, seed):
+        self.wall, self.process, self.dice = wall, process, random.Random(seed)
+        self.names = list(wall.colours)
         self.refused = self.accepted = self.wrong = 0
 
     def over_http(self, command):
@@ -139,7 +181,7 @@ class Driver:
     def over_socket(self, command):
         with socket.socket(socket.AF_UNIX) as link:
             link.settimeout(20)
-            link.connect(f"{self.folder}/wall.sock")
+            link.connect(f"{self.wall.folder}/wall.sock")
             link.sendall(json.dumps({"id": 1, "commands": command}).encode() + b"\n")
             answer = link.makefile().readline()
             return 400 if "error" in json.loads(answer) else 200
@@ -152,40 +194,94 @@ class Driver:
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as link:
             link.sendto(message, ("127.0.0.1", TALLY))
 
-    def step(self):
-        if self.dice.random() < 0.1:
-            return self.tally()
-        bad = self.dice.random() < 0.33
-        command = (malformed if bad else random_command)(self.dice, self.names)
+    def send(self, command):
         status = (self.over_http if self.dice.random() < 0.6 else self.over_socket)(command)
         self.refused += status >= 400
         self.accepted += status < 400
-        self.wrong += bad and status < 400
-        return None
+        return status < 400
+
+    def random(self, _number, _count):
+        if self.dice.random() < 0.1:
+            self.tally()
+            return
+        if self.dice.random() < 0.33:
+            self.wrong += self.send(malformed(self.dice, self.names))
+        else:
+            self.send(random_command(self.dice, self.names))
+
+    def solo(self, number, _count):
+        name = self.names[number // 2 % len(self.names)]
+        self.wrong += not self.send({"command": "solo_off"} if number % 2 else {"command": "solo", "channel": name})
+
+    def reload(self, number, count):
+        if number == count // 3:
+            self.wall.file.write_text(self.wall.file.read_text().replace("spare = ", "spare = no"))
+        elif number == count // 2:
+            self.wall.write({"C1": "other"})
+        else:
+            return
+        self.process.send_signal(signal.SIGHUP)
 
 
-def check(folder, states):
+def check(wall, states):
     """What is wrong with each recorded frame, by the number of the composed frame."""
-    size = WIDTH * HEIGHT * 3
+    size = wall.width * wall.height * 3
     times = subprocess.run(["ffprobe", "-v", "error", "-select_streams", "v", "-show_entries", "packet=pts_time",
-                            "-of", "csv=p=0", f"{folder}/wall.mkv"], capture_output=True, text=True, check=True)
+                            "-of", "csv=p=0", wall.recording], capture_output=True, text=True, check=True)
     numbers = sorted(round(float(time.strip(",")) * RATE) for time in times.stdout.split())
-    process = subprocess.Popen(["ffmpeg", "-v", "error", "-i", f"{folder}/wall.mkv", "-map", "0:v", "-fps_mode",
+    process = subprocess.Popen(["ffmpeg", "-v", "error", "-i", wall.recording, "-map", "0:v", "-fps_mode",
                                 "passthrough", "-f", "rawvideo", "-pix_fmt", "rgb24", "-"], stdout=subprocess.PIPE)
     frames = {}
     for number in numbers:
         frame = process.stdout.read(size)
         # At the start no channel has a frame yet.
         if number >= 3 * RATE:
-            frames[number] = frame_faults(frame, states, number)
+            frames[number] = frame_faults(wall, frame, states, number)
     return frames
 
 
-def frame_faults(frame, states, number):
+def audio_packets(file, track):
+    """(time, hash) of each packet of an audio track."""
+    listed = subprocess.run(["ffmpeg", "-v", "error", "-i", file, "-map", f"0:a:{track}", "-c", "copy", "-f",
+                             "framehash", "-hash", "md5", "-"], capture_output=True, text=True, check=True)
+    rows = [line.split(",") for line in listed.stdout.splitlines() if not line.startswith("#")]
+    return [(int(row[2]), row[5].strip()) for row in rows]
+
+
+def audio_faults(wall, reloaded):
+    """Of each channel: whether its track is its file's audio without a gap from the time in
+    ms on at which the wall was told to read its file again; of C1, of both files."""
+    faults = []
+    for track, name in enumerate(wall.colours):
+        if name == "C1":
+            carried = {packet for _, packet in audio_packets(wall.recording, track)}
+            for file in ("C1", "other"):
+                if len(carried.intersection(p for _, p in audio_packets(wall.clip(file), 0))) < 50:
+                    faults.append(f"C1: nothing of {file} in its track")
+            continue
+        recorded, original = audio_packets(wall.recording, track), audio_packets(wall.clip(name), 0)
+        hashes = [packet for _, packet in original]
+        # A machine that is too slow for all channels at once reads them late at the start.
+        recorded = [(time, packet) for time, packet in recorded if time > reloaded - 1000]
+        if not recorded or recorded[0][1] not in hashes:
+            faults.append(f"{name}: nothing of its file in its track")
+            continue
+        at = hashes.index(recorded[0][1])
+        run = [packet for _, packet in recorded]
+        if run != hashes[at:at + len(run)]:
+            faults.append(f"{name}: its track is not its file's audio")
+        times = [time for time, _ in recorded]
+        faults += [f"{name}: a gap of {b - a} ms at {a} ms" for a, b in zip(times, times[1:]) if b - a > 25]
+        if len(run) < (wall.seconds * 1000 - reloaded) / 1000 * 48000 / 1024 * 0.9:
+            faults.append(f"{name}: only {len(run)} packets")
+    return faults
+
+
+def frame_faults(wall, frame, states, number):
     state = states[max((n for n in states if n <= number), default=min(states))]
 
     def pixel(x, y):
-        at = (y * WIDTH + x) * 3
+        at = (y * wall.width + x) * 3
         return frame[at:at + 3]
 
     def near(x, y, colour):
@@ -195,83 +291,116 @@ def frame_faults(frame, states, number):
     shown = [c for c in state["channels"] if c["shown"]]
     for channel in shown:
         x, y, w, h = channel["window"]
-        colour = COLOURS[int(channel["name"][1:])]
+        colour = wall.colours[channel["name"]]
         for px, py in ((x + 14, y + 14), (x + w - 16, y + 14), (x + w // 2, y + h // 3)):
             if not near(px, py, colour):
                 faults.append(f"{channel['name']} at {px},{py}: {tuple(pixel(px, py))}")
         for px, py in ((x + w + 3, y + h // 2), (x + w // 2, y - 4), (x - 4, y + h // 2)):
             inside = any(a <= px < a + c and b <= py < b + d for a, b, c, d in (o["window"] for o in shown))
-            if 0 <= px < WIDTH and 0 <= py < HEIGHT and not inside and not near(px, py, (16, 16, 16)):
+            if 0 <= px < wall.width and 0 <= py < wall.height and not inside and not near(px, py, BACKGROUND):
                 faults.append(f"beside {channel['name']} at {px},{py}: {tuple(pixel(px, py))}")
     return faults
 
 
-def main():
-    options = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawTextHelpFormatter)
-    options.add_argument("--tavrel", required=True)
-    options.add_argument("--seconds", type=int, default=60)
-    options.add_argument("--commands", type=int, default=500)
-    options.add_argument("--seed", type=int, default=1)
-    given = options.parse_args()
-    folder = tempfile.mkdtemp(prefix="drive-")
-    make_wall(folder)
-    wall = subprocess.Popen([given.tavrel, "run", f"{folder}/wall.toml", "--json", "--seconds",
-                             str(given.seconds + 6)], stdout=open(f"{folder}/out", "w"),
-                            stderr=open(f"{folder}/err", "w"))
-    for _ in range(100):
-        time.sleep(0.2)
-        try:
-            listeners = [Listener(i >= 5) for i in range(20)]
-            break
-        except OSError:
-            pass
-    for listener in listeners:
-        listener.start()
-    time.sleep(4)
-    driver = Driver(folder, given.seed)
-    begun, sizes = time.time(), []
-    for i in range(given.commands):
-        time.sleep(max(0.0, begun + i * (given.seconds - 6) / given.commands - time.time()))
-        driver.step()
-        if i % 50 == 49:
-            status = Path(f"/proc/{wall.pid}/status").read_text()
-            sizes.append(int(re.search(r"VmRSS:\s+(\d+)", status)[1]) // 1024)
-    wall.wait(timeout=given.seconds + 120)
-    report = json.loads(Path(folder, "out").read_text().strip().splitlines()[-1])
-    states, versions = {}, {}
+def states_by_frame(listeners):
+    """The state that each frame has to show, from the frame of the change on."""
+    versions, start = {}, None
     for listener in listeners:
         for event in listener.events:
             inner = event.get("data", event)
             if inner.get("event") == "snapshot":
-                versions.setdefault("start", inner["wall"])
+                start = start or inner["wall"]
             if inner.get("event") == "changed":
                 versions[inner["version"]] = (inner["frame"], inner["state"])
-    if "start" in versions:
-        states[-1] = versions.pop("start")
+    if start is None:
+        sys.exit("no listener heard of the wall's state")
+
     # What moves no window (a selection, the audio that is followed) takes effect at another time than
     # a change of places that is pending; those keep their order.
     def places(state):
         return sorted((c["name"], c["shown"], c["window"] if c["shown"] else 0) for c in state["channels"])
 
-    latest, before = 0, places(states[-1]) if states else None
+    states, latest, before = {-1: start}, 0, places(start)
     for version in sorted(versions):
         frame, state = versions[version]
         if places(state) != before:
             latest, before = max(latest, frame), places(state)
             states[latest] = state
-    if not states:
-        sys.exit("no listener heard of the wall's state: " + str(listeners[6].events[:2])[:600])
-    Path(folder, "states.json").write_text(json.dumps(states))
-    frames = check(folder, states)
+    return states
+
+
+def listen(count):
+    for _ in range(300):
+        time.sleep(0.2)
+        try:
+            listeners = [Listener(i >= count // 4) for i in range(count)]
+        except OSError:
+            continue
+        for listener in listeners:
+            listener.start()
+        return listeners
+    return None
+
+
+def main():
+    options = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawTextHelpFormatter)
+    options.add_argument("--tavrel", required=True)
+    options.add_argument("--scenario", choices=["random", "solo", "reload"], default="random")
+    options.add_argument("--seconds", type=int, default=60)
+    options.add_argument("--commands", type=int, default=500)
+    options.add_argument("--channels", type=int, default=9)
+    options.add_argument("--canvas", default="1280x720")
+    options.add_argument("--seed", type=int, default=1)
+    options.add_argument("--may-be-late", action="store_true", help="late frames are reported only")
+    given = options.parse_args()
+    with tempfile.TemporaryDirectory(prefix="drive-") as folder:
+        sys.exit(drive(given, folder))
+
+
+def drive(given, folder):
+    wall = Wall(folder, given.channels, given.canvas, given.seconds)
+    wall.make_clip("other", 1000, wall.colours["C1"])
+    with open(f"{folder}/out", "w") as out, open(f"{folder}/err", "w") as err:
+        process = subprocess.Popen([given.tavrel, "run", wall.file, "--json", "--seconds", str(given.seconds + 6)],
+                                   stdout=out, stderr=err)
+    listeners = listen(20)
+    if listeners is None:
+        sys.exit("the wall does not start: " + Path(folder, "err").read_text()[-2000:])
+    time.sleep(4)
+    driver = Driver(wall, process, given.seed)
+    step = getattr(driver, given.scenario)
+    begun, sizes = time.time(), []
+    for i in range(given.commands):
+        time.sleep(max(0.0, begun + i * (given.seconds - 6) / given.commands - time.time()))
+        step(i, given.commands)
+        if i % max(1, given.commands // 10) == 0:
+            status = Path(f"/proc/{process.pid}/status").read_text()
+            sizes.append(int(re.search(r"VmRSS:\s+(\d+)", status)[1]) // 1024)
+    process.wait(timeout=given.seconds + 240)
+    report = json.loads(Path(folder, "out").read_text().strip().splitlines()[-1])
+    states = states_by_frame(listeners)
+    frames = check(wall, states)
     bad = [number for number, faults in frames.items() if faults]
-    print(f"{driver.accepted} commands accepted, {driver.refused} refused, {driver.wrong} malformed ones accepted")
-    print(f"{report['frames']} frames composed, late {report['late']}, checked {len(frames)}; "
-          f"resident MB {sizes}; exit {wall.returncode}")
-    print(f"{len(versions)} states; frames that show something else: {len(bad)}")
+    print(f"{driver.accepted} commands accepted, {driver.refused} refused, {driver.wrong} answered otherwise "
+          "than they should have been")
+    print(f"{report['frames']} frames composed, late {report['late']}, recorded and checked {len(frames)}; "
+          f"resident MB {sizes}; exit {process.returncode}")
+    print(f"{len(states)} states; frames that show something else: {len(bad)}")
     for i in bad[:12]:
         print(f"  frame {i}: {frames[i][:3]}")
-    print(folder)
-    sys.exit(1 if bad or driver.wrong or report["late"] or wall.returncode else 0)
+    if process.returncode != 0:
+        print(Path(folder, "err").read_text()[-20000:])
+    faults = bool(bad) or driver.wrong > 0 or process.returncode != 0
+    faults |= report["late"] > 0 and not given.may_be_late
+    if given.scenario == "reload":
+        messages = Path(folder, "err").read_text()
+        # What runs before the first command is the start: four seconds, and until the wall answers.
+        wrong = audio_faults(wall, 4000 + (given.seconds - 6) * 1000 // 3)
+        if not re.search(r"the wall stays as it is: .*wall\.toml:4:\d+: ", messages):
+            wrong.append("no message with the place of the mistake: " + messages[-500:])
+        print(f"audio of all channels and the message: {wrong or 'as they should be'}")
+        faults |= bool(wrong)
+    return 1 if faults else 0
 
 
 if __name__ == "__main__":

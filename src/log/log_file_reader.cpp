@@ -8,7 +8,7 @@ namespace qorp::log {
 namespace {
 
 constexpr int kTries = 100;
-constexpr std::uint64_t kLineEnd = 2;
+constexpr std::uint64_t kLineEndBytes = 2;
 // A line that is being written reaches no further beyond the head than this, but for texts that no
 // logger writes.
 constexpr std::uint64_t kLineMargin = 4096;
@@ -76,8 +76,8 @@ LogFileReader::Lines LogFileReader::Collect(std::uint64_t begin, std::uint64_t e
   file_.ReadLines(begin, end, [&](std::string_view text, std::uint64_t place) {
     auto line = ReadLogLine(text);
     // A line that has no end yet is being written.
-    if (line && place + text.size() + kLineEnd <= file_.size()) {
-      lines.push_back({std::move(*line), place, place + text.size() + kLineEnd});
+    if (line && place + text.size() + kLineEndBytes <= file_.size()) {
+      lines.push_back({std::move(*line), place, place + text.size() + kLineEndBytes});
     }
     return true;
   });

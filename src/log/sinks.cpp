@@ -44,7 +44,7 @@ constexpr std::array<int, 4> kSeverities{3, 4, 6, 7};
 constexpr int kFacilityLocal0 = 16 * 8;
 constexpr std::array kMonths{"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                              "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-constexpr std::size_t kMaxLine = 1024;
+constexpr std::size_t kMaxSyslogLine = 1024;
 
 }  // namespace
 
@@ -65,7 +65,7 @@ void syslog_sink::Write(std::int32_t level, const LogTime& time, const char* tex
                    kMonths[static_cast<std::size_t>(local.month - 1)], local.day, local.hour,
                    local.minute, local.second, hostName_.c_str(), sequenceNumber_);
   line += text;
-  line.resize(std::min(line.size(), kMaxLine));
+  line.resize(std::min(line.size(), kMaxSyslogLine));
   line += '\0';
   socket_.Send(line);
   sequenceNumber_ = (sequenceNumber_ + 1) % 10000;

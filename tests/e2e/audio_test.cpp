@@ -23,7 +23,7 @@ using host::Time;
 
 constexpr Time kOneFrame = 40 * kMillisecond;
 
-struct Source {
+struct AudioSource {
   const char* name;
   const char* extension;
   const char* rate;
@@ -33,7 +33,7 @@ struct Source {
 
 // All that the wall is to keep in step: four picture rates, every kind of audio that passes
 // through, and kinds that are encoded.
-constexpr Source kSources[] = {
+constexpr AudioSource kSources[] = {
     {"aac25", ".mkv", "25", 25, "aac"},
     {"adts2997", ".ts", "30000/1001", 30, "aac"},
     {"mp2at30", ".ts", "30", 30, "mp2"},
@@ -45,26 +45,26 @@ constexpr Source kSources[] = {
     {"vorbis25", ".mkv", "25", 25, "libvorbis"},
 };
 constexpr int kColumns = 3;
-constexpr int kWindow = 32;
+constexpr int kWindowSide = 32;
 constexpr int kPitch = 48;
 
 class AudioTest : public e2e::WallTest {
  protected:
-  std::filesystem::path FileOf(const Source& source) const {
+  std::filesystem::path FileOf(const AudioSource& source) const {
     return folder_ / (std::string(source.name) + source.extension);
   }
   void AddSources(double seconds) {
     for (std::size_t i = 0; i < std::size(kSources); ++i) {
-      const Source& source = kSources[i];
+      const AudioSource& source = kSources[i];
       FlashClip clip;
       clip.rate = source.rate;
       clip.codec = source.codec;
       clip.flashEvery = source.flashEvery;
       clip.pictures = static_cast<int>(seconds * source.flashEvery);
-      clip.size = kWindow;
+      clip.size = kWindowSide;
       clip.language = i % 2 == 0 ? "eng" : "";
       e2e::WriteFlashClip(clip, FileOf(source));
-      wall_.AddChannel(FileOf(source).string(), {WindowX(i), WindowY(i), kWindow, kWindow});
+      wall_.AddChannel(FileOf(source).string(), {WindowX(i), WindowY(i), kWindowSide, kWindowSide});
     }
   }
   static int WindowX(std::size_t i) { return static_cast<int>(i) % kColumns * kPitch; }
@@ -94,7 +94,7 @@ TEST_F(AudioTest, FlashAndClickOfEveryChannelStayTogetherFromStartToEnd) {
 
   std::vector<e2e::Point> centres;
   for (std::size_t i = 0; i < std::size(kSources); ++i) {
-    centres.push_back({WindowX(i) + kWindow / 2, WindowY(i) + kWindow / 2});
+    centres.push_back({WindowX(i) + kWindowSide / 2, WindowY(i) + kWindowSide / 2});
   }
   const auto flashes = e2e::FindFlashes(folder_ / "wall.mkv", centres);
   for (std::size_t i = 0; i < std::size(kSources); ++i) {
@@ -185,7 +185,7 @@ TEST_F(AudioTest, ARecordingHasEveryChannelsAudioByteForByteInNamedTracks) {
     ASSERT_EQ(info.audioTracks.size(), std::size(kSources));
     const bool hasAdtsHeaders = names[n] == "wall.ts";
     for (std::size_t i = 0; i < std::size(kSources); ++i) {
-      const Source& source = kSources[i];
+      const AudioSource& source = kSources[i];
       SCOPED_TRACE(source.name);
       const host::AudioInfo& track = info.audioTracks[i];
       EXPECT_TRUE(hasAdtsHeaders || track.title == source.name) << track.title;  // TS has no names

@@ -20,7 +20,7 @@ using e2e::WriteCountingClip;
 using host::kSecond;
 using testing::ElementsAre;
 
-constexpr host::Time kFrame = 400000;
+constexpr host::Time kFrameTime = 400000;
 constexpr int kSlateLuma = 30;
 constexpr int kAlarmLuma = 76;
 
@@ -57,7 +57,7 @@ TEST_F(RenderTest, ShowsEveryClipInItsPlaceFromItsFirstPictureOn) {
   const std::vector<Frame> frames = wall_.Render(2 * kSecond);
   ASSERT_EQ(frames.size(), 50U);
   for (std::size_t n = 0; n < frames.size(); ++n) {
-    ASSERT_EQ(frames[n].time, static_cast<host::Time>(n) * kFrame) << "every frame, in order";
+    ASSERT_EQ(frames[n].time, static_cast<host::Time>(n) * kFrameTime) << "every frame, in order";
     for (const Case& c : cases) {
       const int number = PictureNumber(wall_.Luma(frames[n], c.window.x + 2, c.window.y + 2));
       ASSERT_GE(number, 0) << c.name << " in frame " << n;
@@ -182,7 +182,7 @@ TEST_F(RenderTest, ShowsTheAlarmsOfPictureAndAudioInTheMeterWhileTheyLast) {
   const std::vector<Frame> frames = wall_.Render(6 * kSecond);
   // The box in the top band of the meter: 6 x 4 pixels of panel, 3 x 2 of alarm.
   const auto alarm = [&](std::size_t index, host::Time due) {
-    const Frame& frame = frames[static_cast<std::size_t>(due / kFrame)];
+    const Frame& frame = frames[static_cast<std::size_t>(due / kFrameTime)];
     return wall_.Luma(frame, static_cast<int>(index) * 80 + 3, 3) == kAlarmLuma;
   };
   for (std::size_t i = 0; i < std::size(cases); ++i) {

@@ -29,7 +29,7 @@ using host::Time;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-constexpr int kFrames = 1000;
+constexpr int kRenderedFrames = 1000;
 constexpr Time kFrame = 400'000;
 
 host::ClipRecipe Counting(int width, const std::string& audio) {
@@ -41,7 +41,7 @@ host::ClipRecipe Counting(int width, const std::string& audio) {
       std::to_string(width) + ":" + std::to_string(width * 9 / 16);
   recipe.videoOptions = {{"qp", "0"}, {"preset", "ultrafast"}, {"g", "25"}};
   recipe.audio = audio;
-  recipe.length = kFrames * kFrame;
+  recipe.length = kRenderedFrames * kFrame;
   return recipe;
 }
 
@@ -139,7 +139,7 @@ struct Reading {
   }
   // Reads until frames come that are as wide; pace: after each frame, as a wall would.
   void ReadUntil(int width, std::chrono::milliseconds pace = std::chrono::milliseconds(5)) {
-    for (int frames = 0, right = 0; frames < kFrames;) {
+    for (int frames = 0, right = 0; frames < kRenderedFrames;) {
       const host::MediaItem item = reader->Read();
       NoteChange();
       if (const auto* const frame = std::get_if<host::DecodedFrame>(&item)) {
@@ -251,7 +251,7 @@ TEST(Renditions, OfAPlaylistTheRightOneIsReadAndChangesWithoutAGap) {
     EXPECT_THAT(reading.changes,
                 ElementsAre("128: for a window of 120x68", "512: for a window of 2000x1000",
                             "64: for a window of 64x64"));
-    EXPECT_GT(reading.reader->bytes(), 100'000U);
+    EXPECT_GT(reading.reader->counts().bytes, 100'000U);
   }
 }
 

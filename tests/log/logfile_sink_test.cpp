@@ -26,7 +26,7 @@ using qorp::log::LogTime;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr LogTime kTime{1763286194, 123};
+constexpr LogTime kLogTime{1763286194, 123};
 constexpr const char* kTimeText = "Sun Nov 16 09:43:14.123";
 
 std::string Line(int number, const std::string& text) {
@@ -40,7 +40,7 @@ class LogFile : public testing::Test {
     ::tzset();
   }
   static void Write(logfile_sink& sink, const std::string& text) {
-    sink.Write(1, kTime, text.c_str());
+    sink.Write(1, kLogTime, text.c_str());
   }
   static std::vector<std::string> Texts(const logfile_sink& sink) {
     std::vector<std::string> texts;

@@ -19,7 +19,7 @@ namespace {
 using qorp::log::LogTime;
 
 // 09:43:14.123 on Sunday 16 November, and on the 6th.
-constexpr LogTime kTime{1763286194, 123};
+constexpr LogTime kSinkTime{1763286194, 123};
 constexpr LogTime kEarlier{1763286194 - 10 * 86400, 5};
 
 class Sinks : public testing::Test {
@@ -34,10 +34,10 @@ TEST_F(Sinks, ConsoleLeavesOutGreaterLevelsWhichAStreamHas) {
   std::ostringstream stream;
   qorp::log::console_sink console(1, stream, false);
   for (const int level : {0, 1, 2, 3, -5}) {
-    console.Write(level, kTime, std::to_string(level).c_str());
+    console.Write(level, kSinkTime, std::to_string(level).c_str());
   }
   console.SetMaxLevel(3);
-  console.Write(3, kTime, "now");
+  console.Write(3, kSinkTime, "now");
   qorp::log::ostream_sink(stream).Write(99, kEarlier, "");
   EXPECT_EQ(stream.str(),
             "Sun Nov 16 09:43:14.123 0\n"
@@ -52,10 +52,10 @@ TEST_F(Sinks, SyslogSendsANumberedDatagramForEachLine) {
   qorp::log::syslog_sink sink(os::DatagramSocket("127.0.0.1", server.Port()), "encoder01");
   const std::string longest(1024 - 36, 'x');
   for (const auto& [level, time, text, line] :
-       {std::tuple(0, kTime, std::string("bad"), "<131>Nov 16 09:43:14 encoder01 0000 bad"),
+       {std::tuple(0, kSinkTime, std::string("bad"), "<131>Nov 16 09:43:14 encoder01 0000 bad"),
         {1, kEarlier, "odd", "<132>Nov  6 09:43:14 encoder01 0001 odd"},
-        {2, kTime, "%s", "<134>Nov 16 09:43:14 encoder01 0002 %s"},
-        {3, kTime, longest + "cut", "<135>Nov 16 09:43:14 encoder01 0003 "}}) {
+        {2, kSinkTime, "%s", "<134>Nov 16 09:43:14 encoder01 0002 %s"},
+        {3, kSinkTime, longest + "cut", "<135>Nov 16 09:43:14 encoder01 0003 "}}) {
     sink.Write(level, time, text.c_str());
     EXPECT_EQ(server.Receive(), line + (level == 3 ? longest : "") + '\0');
   }

@@ -33,9 +33,8 @@ namespace {
 using host::kMillisecond;
 using host::kSecond;
 
-constexpr Time kNever = std::numeric_limits<Time>::max();
 // A streaming thread wakes up that often at least.
-constexpr Time kStep = 10 * kMillisecond;
+constexpr Time kFeedStep = 10 * kMillisecond;
 constexpr int kMargin = 4;
 constexpr std::size_t kMaxViolations = 5;
 constexpr int kGop = 25;  // frames
@@ -344,8 +343,8 @@ class SimulatedWall {
     for (const auto& channel : channels_) {
       for (now_ = from;;) {
         const Time next = std::min(std::max(channel->nextRead(), now_), until);
-        while (now_ + kStep <= next) {
-          now_ += kStep;
+        while (now_ + kFeedStep <= next) {
+          now_ += kFeedStep;
           channel->StreamAt(now_);
         }
         now_ = next;

@@ -144,7 +144,7 @@ std::optional<milliseconds> ChannelIngest::RunOnce() {
     });
   }
   const std::optional<milliseconds> delay = Attempt(*reader);
-  formerBytes_ += reader->bytes();
+  formerCounts_ += reader->counts();
   {
     const os::MutexLock guard(lock_);
     reader_.reset();
@@ -229,7 +229,10 @@ bool ChannelIngest::ReadToEnd(RenditionReader& reader) {
     observer_->AudioPathChanged(settings_.channel.name, what);
   });
   const Time before = latest_;
-  const auto note = [&] { latest_ = std::max(before, session.placer().latest()); };
+  const auto note = [&] {
+    latest_ = std::max(before, session.placer().latest());
+    formerJumps_ += session.jumps();
+  };
   try {
     const bool ended = ReadToEnd(reader, session);
     note();
@@ -396,7 +399,8 @@ void ChannelIngest::Report(const SourceSession& session, const RenditionReader& 
   observer_->ChannelTimed(
       settings_.channel.name,
       {placer.jitter(), placer.lead(), placer.leftOut().tooEarly, placer.leftOut().tooLate,
-       session.lostFrames(), session.lostAudio(), queue_.dropped(), formerBytes_ + reader.bytes()});
+       session.lostFrames(), session.lostAudio(), queue_.dropped(), formerJumps_ + session.jumps(),
+       SourceCounts(formerCounts_) += reader.counts()});
 }
 
 }  // namespace host

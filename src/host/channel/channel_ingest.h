@@ -145,10 +145,12 @@ class ChannelIngest {
   WindowSize decodedFor_;
   std::chrono::nanoseconds waitedForRoom_{};
   std::chrono::steady_clock::time_point observedAt_;
-  Time latest_ = 0;                // when everything that was queued is shown
-  Time reportedAt_ = 0;            // the timing of the source, on the wall's clock
-  std::uint64_t formerBytes_ = 0;  // read in former openings
-  AudioAbsence audioAbsence_{};    // of the rendition that is read
+  Time latest_ = 0;      // when everything that was queued is shown
+  Time reportedAt_ = 0;  // the timing of the source, on the wall's clock
+  // Of former openings.
+  SourceCounts formerCounts_;
+  std::uint64_t formerJumps_ = 0;
+  AudioAbsence audioAbsence_{};  // of the rendition that is read
 };
 
 }  // namespace host

@@ -25,7 +25,9 @@ struct SourceTiming {
   std::uint64_t framesLost = 0;
   std::uint64_t audioLost = 0;   // frames of audio
   std::uint64_t overflowed = 0;  // items that found the queue full, since the wall started
-  std::uint64_t bytesRead = 0;   // of the source, since the wall started
+  // Since the wall started.
+  std::uint64_t timestampJumps = 0;  // of the video, or of the audio of a source without
+  SourceCounts counts;
 };
 
 // Called by the two threads of every channel, at any time; returns soon.

@@ -123,6 +123,9 @@ void ChannelSource::ApplyControls() {
   if (controls) {
     presenter_->SetControls(*controls);
     mute_ = controls->mute;
+    if (settings_->audioTrack) {
+      settings_->audioTrack->LeaveEmpty(mute_ == ChannelControls::Mute::kNothing);
+    }
     if (ingest_) {
       ingest_->SetDecode(controls->decode);
     }

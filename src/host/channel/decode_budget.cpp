@@ -14,13 +14,13 @@ constexpr Time kMeasureEvery = kSecond;
 // its next keyframe.
 constexpr Time kGrantShowsAfter = 4 * kSecond;
 // Stays idle, as a share of the machine.
-constexpr double kReserve = 0.1;
+constexpr double kIdleReserve = 0.1;
 // Between two tries without idle time.
 constexpr Time kMinTry = 5 * kSecond;
 constexpr Time kMaxTry = 160 * kSecond;
 // Without an overload for that long, a try has succeeded; and one is made.
-constexpr Time kLasting = 30 * kSecond;
-constexpr Time kQuiet = 10 * kSecond;
+constexpr Time kTrialPeriod = 30 * kSecond;
+constexpr Time kQuietPeriod = 10 * kSecond;
 // A channel asks about once a second.
 constexpr Time kAsksAgain = 5 * kSecond / 2;
 
@@ -97,13 +97,13 @@ bool DecodeBudget::HasRoom(Time now, double processors) {
   const double granted =
       std::accumulate(grants_.begin(), grants_.end(), 0.0,
                       [](double sum, const Grant& grant) { return sum + grant.processors; });
-  if (idle_ - granted - kReserve * settings_.processors >= processors) {
+  if (idle_ - granted - kIdleReserve * settings_.processors >= processors) {
     return true;
   }
-  if (now - overloadedAt_ < kQuiet || now - triedAt_ < tryEvery_) {
+  if (now - overloadedAt_ < kQuietPeriod || now - triedAt_ < tryEvery_) {
     return false;
   }
-  if (isTrying_ && now - triedAt_ >= kLasting) {
+  if (isTrying_ && now - triedAt_ >= kTrialPeriod) {
     tryEvery_ = kMinTry;
   }
   isTrying_ = true;
@@ -129,7 +129,7 @@ bool DecodeBudget::Admit(Time now, double processors, DecodeStep from, bool isIm
 
 void DecodeBudget::NoteOverload(Time now) {
   const os::MutexLock guard(lock_);
-  if (isTrying_ && now - triedAt_ < kLasting) {
+  if (isTrying_ && now - triedAt_ < kTrialPeriod) {
     tryEvery_ = std::min(2 * tryEvery_, kMaxTry);
   }
   isTrying_ = false;

@@ -152,6 +152,9 @@ void SourceSession::Count(bool isFrame, bool isDiscontinuity) {
   if (settings_.logger != nullptr && isFrame) {
     settings_.logger->IncrementDecodedPictures();
   }
+  if (isDiscontinuity && isFrame == reader_.info().video.has_value()) {
+    ++jumps_;
+  }
   if (settings_.logger != nullptr && isDiscontinuity) {
     settings_.logger->IncrementTsDiscontinuity();
   }

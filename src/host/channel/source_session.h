@@ -44,6 +44,9 @@ class SourceSession {
   std::uint64_t lostFrames() const { return lostFrames_; }
   std::uint64_t lostAudio() const { return audio_ ? audio_->lost() : 0; }
 
+  // How often the timestamps of the video, or of audio without video, have jumped.
+  std::uint64_t jumps() const { return jumps_; }
+
   const ItemPlacer& placer() const { return placer_; }
   ItemPlacer& placer() { return placer_; }
 
@@ -74,6 +77,7 @@ class SourceSession {
   std::optional<Time> undecodedSince_;  // start of the first packet after the latest samples
   bool isUndecodable_ = false;
   std::uint64_t lostFrames_ = 0;
+  std::uint64_t jumps_ = 0;
   int lostInARow_ = 0;
   bool open_ = true;  // the queue is
   std::chrono::nanoseconds waited_{};

@@ -102,7 +102,7 @@ bool ReportWall(const config::WallFile& file, const std::filesystem::path& path,
   return file.usable();
 }
 
-ExitCode Check(const CheckOptions& options, Streams& streams) {
+ExitCode CheckFile(const CheckOptions& options, Streams& streams) {
   config::WallFile file = LoadWall(options.wall);
   CheckEncoders(file);
   if (options.json) {

@@ -16,7 +16,7 @@ struct CheckOptions {
 void DefineCheck(CLI::App& app, CheckOptions& options);
 
 // Prints every mistake of the wall file, or one line that it is in order.
-ExitCode Check(const CheckOptions& options, Streams& streams);
+ExitCode CheckFile(const CheckOptions& options, Streams& streams);
 
 // Reads a wall file and finds everything that is wrong with it without opening its sources and
 // outputs. For every command that takes a wall file.

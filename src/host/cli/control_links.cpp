@@ -6,6 +6,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "host/control/screen_commands.h"
+
 namespace host::cli {
 
 ControlLinks::ControlLinks(control::WallExecutor& executor, Settings settings)
@@ -21,7 +23,7 @@ ControlLinks::ControlLinks(control::WallExecutor& executor, Settings settings)
     http_.emplace(
         control::http::HttpServer::Settings{settings.wall.http, std::move(settings.snapshot),
                                             std::move(settings.preview), std::move(settings.audio),
-                                            settings.say},
+                                            std::move(settings.monitoring), settings.say},
         control_);
     say_("serves the HTTP API at " + http_->url());
   }
@@ -37,9 +39,8 @@ void ControlLinks::Serve(const config::Wall& wall, const std::filesystem::path& 
   if (named ? named->empty() : wallFile.empty()) {
     return;
   }
-  const std::filesystem::path path = named ? *named : control::UsualSocket(wallFile);
   try {
-    socket_.emplace(path, control_);
+    socket_.emplace(named ? *named : control::UsualSocket(wallFile), control_);
   } catch (const std::runtime_error& error) {
     const std::string what =
         std::string("the wall cannot be driven through its socket: ") + error.what();
@@ -47,6 +48,13 @@ void ControlLinks::Serve(const config::Wall& wall, const std::filesystem::path& 
       throw std::runtime_error(what);
     }
     complain_(what);
+  }
+}
+
+void ControlLinks::TakeInput(const std::string& screen, const ScreenInput& input) {
+  nlohmann::json command = control::CommandOf(input, *control_.state());
+  if (!command.is_null()) {
+    control_.Submit({std::move(command), screen, {}}, {});
   }
 }
 

@@ -16,6 +16,7 @@
 #include "host/control/socket_server.h"
 #include "host/control/tally/tally_receiver.h"
 #include "host/control/wall_control.h"
+#include "host/output/screen/screen_input.h"
 
 namespace host::cli {
 
@@ -31,6 +32,7 @@ class ControlLinks {
     control::http::Snapshots::Encode snapshot;
     std::shared_ptr<FragmentFeed> preview;             // as of HttpServer
     std::vector<std::shared_ptr<FragmentFeed>> audio;  // likewise
+    control::http::Monitoring monitoring;
     std::function<void(const std::string&)> say;       // a message for the log
     std::function<void(const std::string&)> complain;  // something has failed
   };
@@ -46,6 +48,8 @@ class ControlLinks {
   control::EventFeed& events() { return control_.events(); }
   control::WallControl& control() { return control_; }
 
+  // What an operator does at a screen, by its name; any thread.
+  void TakeInput(const std::string& screen, const ScreenInput& input);
   // Asks for a reload of the wall file.
   void Reload();
   // Waits for requests, no longer than the limit, and carries out what waits.

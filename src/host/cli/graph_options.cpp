@@ -103,8 +103,10 @@ void DefineGraph(CLI::App& app, GraphOptions& options) {
 }
 
 void DefineRecord(CLI::App& app, RecordOptions& options) {
-  app.add_option("-o,--output", options.outputs,
-                 "write the mosaic to a file, a URL or - for the standard output; may be repeated")
+  app.add_option(
+         "-o,--output", options.outputs,
+         "write the mosaic to a file, a URL, - for the standard output, or show it on a screen: "
+         "(screen:1, ...); may be repeated")
       ->envname("TAVREL_OUTPUT")
       ->allow_extra_args(false);
   app.add_option("--format", options.format,

@@ -16,6 +16,7 @@
 #include "host/cli/json_lines.h"
 #include "host/cli/message_log.h"
 #include "host/cli/run_plan.h"
+#include "host/cli/wall_metrics.h"
 #include "host/cli/wall_status.h"
 #include "host/control/session_executor.h"
 #include "host/output/latest_frame.h"
@@ -23,6 +24,8 @@
 #include "host/output/preview.h"
 #include "host/output/snapshot.h"
 #include "host/session/wall_session.h"
+#include "platform/os/mutex.h"
+#include "platform/os/process.h"
 #include "platform/os/service.h"
 #include "platform/os/standard_stream.h"
 
@@ -114,6 +117,7 @@ class WallCommandRun {
     startedAt_ = std::chrono::steady_clock::now();
     command_.live ? RunLive(session) : RunRendering(session);
     counters_ = session.counters();
+    screens_ = session.screens();
     if (const int stuck = session.Finish([this] { return signals_.Requested(); }); stuck > 0) {
       messages_.Say(qorp::log::kWarning,
                     std::to_string(stuck) + " sources did not end in time and were abandoned");
@@ -143,6 +147,13 @@ class WallCommandRun {
     WallSession::Settings settings;
     settings.wall = command_.wall;
     settings.wall.outputs = plan_.outputs;
+    settings.wall.screens = plan_.screens;
+    settings.screen.program = os::ProgramPath();
+    settings.screen.title =
+        command_.wallFile.empty() ? "Tavrel" : command_.wallFile.stem().string();
+    settings.screen.takeInput = [this](const std::string& screen, const ScreenInput& input) {
+      links_->TakeInput(screen, input);
+    };
     settings.composerLibrary =
         command_.graph.library.empty() ? FindComposerLibrary() : command_.graph.library.string();
     settings.logger = &messages_.logger();
@@ -181,6 +192,7 @@ class WallCommandRun {
                                               PreviewSize(canvas, command_.wall.http.preview))
                           : latestFrame_.Jpeg(canvas, view.window);
     };
+    settings.monitoring = watch_.Monitoring();
     if (preview_) {
       settings.preview = preview_->feed();
       settings.audio = listening_->feeds();
@@ -194,6 +206,7 @@ class WallCommandRun {
           live["channels"][entry.name] = ToJson(entry);
         }
       }
+      live["outputs"] = outputsLive();
       if (preview_) {
         const Preview::Status status = preview_->status();
         live["preview"] = {{"viewers", status.viewers},
@@ -212,6 +225,7 @@ class WallCommandRun {
     ServiceStatus service(os::ServiceNotifier::FromEnvironment());
     executor_.Use(session);
     session.Start();
+    const WallWatch::Running running(watch_, session);
     double lastStatus = 0;
     while (!signals_.Requested() && !outputs_->allFailed()) {
       const Time now = session.now();
@@ -230,6 +244,7 @@ class WallCommandRun {
       if (Elapsed() - lastStatus >= 1) {
         lastStatus = Elapsed();
         const WallStatus status = Status(session);
+        NoteOutputs(status);
         service.Say(status.LiveLine());
         if (command_.json) {
           lines_.Write(status.JsonLine());
@@ -270,6 +285,23 @@ class WallCommandRun {
     messages_.ShowProgress(command_.live ? status.LiveLine() : status.RenderingLine());
   }
 
+  // For requests, which any thread makes at any time.
+  void NoteOutputs(const WallStatus& status) {
+    nlohmann::ordered_json outputs = nlohmann::ordered_json::array();
+    for (const OutputSet::Status& output : status.outputs) {
+      outputs.push_back(ToJson(output, status.channels));
+    }
+    for (const ScreenOutput::Status& screen : status.screens) {
+      outputs.push_back(ToJson(screen));
+    }
+    const os::MutexLock guard(liveLock_);
+    outputsLive_ = std::move(outputs);
+  }
+  nlohmann::ordered_json outputsLive() {
+    const os::MutexLock guard(liveLock_);
+    return outputsLive_;
+  }
+
   WallStatus Status(WallSession& session) {
     counters_ = session.counters();
     WallStatus status;
@@ -277,6 +309,7 @@ class WallCommandRun {
     status.clock = session.now();
     status.counters = counters_;
     status.outputs = outputs_->status();
+    status.screens = session.screens();
     for (const OutputSet::Status& output : status.outputs) {
       status.dropped = std::max(status.dropped, output.video.dropped + output.video.leftOut);
     }
@@ -346,6 +379,9 @@ class WallCommandRun {
         out << "\n";
       }
     }
+    for (const ScreenOutput::Status& screen : screens_) {
+      out << screen.name << ": " << screen.shown << " frames shown\n";
+    }
     if (!snapshotFile_.empty()) {
       out << snapshotFile_ << "\n";
     }
@@ -368,6 +404,9 @@ class WallCommandRun {
     for (const OutputSet::Status& status : outputs_->status()) {
       report["outputs"].push_back(ToJson(status, channels));
     }
+    for (const ScreenOutput::Status& screen : screens_) {
+      report["outputs"].push_back(ToJson(screen));
+    }
     report["channels"] = nlohmann::ordered_json::array();
     for (const ChannelBoard::Entry& entry : channels) {
       if (entry.isAssigned) {
@@ -389,11 +428,15 @@ class WallCommandRun {
   JsonLines noLines_;
   ChannelBoard board_;
   Executor executor_{board_};
+  WallWatch watch_{board_};
   LatestFrame latestFrame_;
   std::unique_ptr<Preview> preview_;      // null: none is served
   std::unique_ptr<Listening> listening_;  // with the preview
   OutputMessages outputMessages_;
-  OutputSet* outputs_ = nullptr;  // of the session
+  OutputSet* outputs_ = nullptr;               // of the session
+  std::vector<ScreenOutput::Status> screens_;  // at its end
+  os::Mutex liveLock_;
+  nlohmann::ordered_json outputsLive_ GUARDED_BY(liveLock_) = nlohmann::ordered_json::array();
   SnapshotFrame snapshot_;
   std::string snapshotFile_;  // that was written
   std::chrono::steady_clock::time_point startedAt_;

@@ -101,7 +101,10 @@ Json ToJson(const ChannelBoard::Entry& entry) {
     json["frames_lost"] = entry.timing->framesLost;
     json["audio_lost"] = entry.timing->audioLost;
     json["overflowed"] = entry.timing->overflowed;
-    json["bytes_read"] = entry.timing->bytesRead;
+    json["bytes_read"] = entry.timing->counts.bytes;
+    json["timestamp_jumps"] = entry.timing->timestampJumps;
+    json["packets_lost"] = entry.timing->counts.packetsLost;
+    json["packets_damaged"] = entry.timing->counts.packetsDamaged;
   }
   if (entry.rendition) {
     Add(*entry.rendition, json["rendition"]);
@@ -120,7 +123,7 @@ std::optional<double> LengthOf(const std::vector<ChannelBoard::Entry>& channels)
   std::optional<Time> longest;
   for (const ChannelBoard::Entry& channel : channels) {
     if (channel.isAssigned &&
-        (channel.opened ? !channel.length.has_value() : channel.failure.empty())) {
+        (channel.openings > 0 ? !channel.length.has_value() : channel.failure.empty())) {
       return {};
     }
     longest = std::max(longest, channel.length);
@@ -168,7 +171,7 @@ void ChannelBoard::ChannelOpened(const std::string& channel, const MediaInfo& in
   {
     const os::MutexLock guard(lock_);
     Entry& entry = Of(channel);
-    entry.opened = true;
+    ++entry.openings;
     entry.length = info.length;
     entry.failure = info.video || info.noVideoReason == kNoVideo ? "" : info.noVideoReason;
     wasLost = failures_.erase(channel) > 0;
@@ -191,7 +194,9 @@ void ChannelBoard::ChannelFailed(const std::string& channel, const std::string& 
   bool isNew = false;
   {
     const os::MutexLock guard(lock_);
-    Of(channel).failure = reason;
+    Entry& entry = Of(channel);
+    entry.failure = reason;
+    ++entry.failures;
     const auto [failure, isFirst] = failures_.try_emplace(channel, reason);
     isNew = isFirst || failure->second != reason;
     failure->second = reason;
@@ -278,7 +283,10 @@ void ChannelBoard::AudioChanged(const std::string& channel, const AudioStatus& s
 void ChannelBoard::AlarmChanged(const std::string& channel, const AlarmMonitor::Change& change) {
   {
     const os::MutexLock guard(lock_);
-    Of(channel).alarms[static_cast<std::size_t>(change.kind)] = change.raised;
+    Entry& entry = Of(channel);
+    const auto kind = static_cast<std::size_t>(change.kind);
+    entry.alarms[kind] = change.raised;
+    entry.alarmsRaised[kind] += change.raised ? 1 : 0;
   }
   if (hasReaders()) {
     Publish({{"event", "alarm"},
@@ -329,7 +337,7 @@ std::string WallStatus::ReadText() const {
   std::uint64_t bytes = 0;
   std::map<std::pair<int, int>, int> renditions;  // channels by size
   for (const ChannelBoard::Entry& entry : channels) {
-    bytes += entry.timing ? entry.timing->bytesRead : 0;
+    bytes += entry.timing ? entry.timing->counts.bytes : 0;
     if (entry.rendition) {
       ++renditions[{entry.rendition->width, entry.rendition->height}];
     }
@@ -399,6 +407,9 @@ std::string WallStatus::JsonLine() const {
   for (const OutputSet::Status& output : outputs) {
     json["outputs"].push_back(ToJson(output, channels));
   }
+  for (const ScreenOutput::Status& screen : screens) {
+    json["outputs"].push_back(ToJson(screen));
+  }
   return OneLine(json);
 }
 
@@ -422,6 +433,16 @@ nlohmann::ordered_json ToJson(const OutputSet::Status& output,
                              {"dropped", audio.dropped},
                              {"left_out", audio.leftOut},
                              {"silence", audio.silence}});
+  }
+  return json;
+}
+
+nlohmann::ordered_json ToJson(const ScreenOutput::Status& screen) {
+  nlohmann::ordered_json json = {{"url", screen.name},      {"state", NameOf(screen.state)},
+                                 {"frames", screen.shown},  {"skipped", screen.skipped},
+                                 {"behind", screen.behind}, {"failures", screen.failures}};
+  if (!screen.failure.empty()) {
+    json["failure"] = screen.failure;
   }
   return json;
 }

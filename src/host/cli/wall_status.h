@@ -46,7 +46,9 @@ class ChannelBoard final : public ChannelObserver {
     std::optional<SourceTiming> timing{};        // of a live source that is being read
     std::optional<RenditionStatus> rendition{};  // of a source that has several
     std::optional<Time> length;                  // of the source, once it is known
-    bool opened = false;
+    std::uint64_t openings = 0;
+    std::uint64_t failures = 0;                             // of opening and of reading
+    std::array<std::uint64_t, kAlarmKinds> alarmsRaised{};  // by AlarmKind: how often
     bool wasLive = false;
     std::string failure;     // why the source is of no use, or was to the end; may be empty
     bool isAssigned = true;  // false: a spare slot
@@ -123,6 +125,7 @@ struct WallStatus {
   FrameWatch::Timing timing;  // of composing, since the status before
   std::vector<ChannelBoard::Entry> channels;
   std::vector<OutputSet::Status> outputs;
+  std::vector<ScreenOutput::Status> screens;
   double elapsed = 0;           // seconds that a rendering has taken
   std::optional<double> total;  // seconds that it makes, where that is known
 
@@ -142,6 +145,7 @@ struct WallStatus {
 // An output in a report.
 nlohmann::ordered_json ToJson(const OutputSet::Status& output,
                               const std::vector<ChannelBoard::Entry>& channels);
+nlohmann::ordered_json ToJson(const ScreenOutput::Status& screen);
 
 // Tells the service manager: ready once the first frame is composed, alive as long as frames are,
 // and the status line now and then. Application's thread.

@@ -88,6 +88,12 @@ std::uint64_t EventFeed::latest() const {
   return latest_;
 }
 
+std::size_t EventFeed::clients() const {
+  const os::MutexLock guard(lock_);
+  return static_cast<std::size_t>(std::count_if(
+      clients_.begin(), clients_.end(), [](const auto& client) { return !client.expired(); }));
+}
+
 std::uint64_t EventFeed::dropped() const {
   const os::MutexLock guard(lock_);
   return dropped_;

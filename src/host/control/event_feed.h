@@ -63,6 +63,8 @@ class EventFeed {
   std::shared_ptr<Subscription> Subscribe(std::optional<std::uint64_t> after, Limits limits,
                                           std::function<void()> wake);
   std::uint64_t latest() const;
+  // Clients that follow.
+  std::size_t clients() const;
   // Clients that were dropped because they were too slow.
   std::uint64_t dropped() const;
 

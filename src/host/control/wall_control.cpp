@@ -50,6 +50,15 @@ nlohmann::json WithoutSecrets(nlohmann::json commands) {
   return commands;
 }
 
+bool HasReload(const nlohmann::json& commands) {
+  const auto isReload = [](const nlohmann::json& command) {
+    const auto name = command.find("command");
+    return name != command.end() && *name == "reload";
+  };
+  return commands.is_array() ? std::any_of(commands.begin(), commands.end(), isReload)
+                             : isReload(commands);
+}
+
 }  // namespace
 
 WallControl::WallControl(const config::Wall& wall, WallExecutor& executor, Settings settings)
@@ -191,6 +200,7 @@ Accepted WallControl::CarryOut(const Request& request, const WallState& before) 
     // What stays as it was until a restart is compared with the next time, too.
     file->canvas = running_.canvas;
     file->outputs = running_.outputs;
+    file->screens = running_.screens;
     file->log = running_.log;
     file->http = running_.http;
     file->spare = running_.spare;
@@ -234,6 +244,11 @@ config::Wall WallControl::SaveWall(const WallState& state, const config::Wall& k
 
 // A line of events for every change and every refusal.
 void WallControl::Report(const Request& request, const Result& result) {
+  const bool isAccepted = std::holds_alternative<Accepted>(result);
+  ++(isAccepted ? counters_.accepted : counters_.refused);
+  if (HasReload(request.commands)) {
+    ++(isAccepted ? counters_.reloadsAccepted : counters_.reloadsRefused);
+  }
   Json line;
   if (const auto* const accepted = std::get_if<Accepted>(&result)) {
     if (!accepted->hasChanged) {

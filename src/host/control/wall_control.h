@@ -1,6 +1,7 @@
 // WallControl: the one owner of a running wall's state.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -73,6 +74,14 @@ class WallControl {
   std::shared_ptr<const WallState> state() const;
   std::uint64_t version() const;
   EventFeed& events() { return events_; }
+  // Requests, by what became of them; reloads besides. Any thread.
+  struct Counters {
+    std::atomic<std::uint64_t> accepted{0};
+    std::atomic<std::uint64_t> refused{0};
+    std::atomic<std::uint64_t> reloadsAccepted{0};
+    std::atomic<std::uint64_t> reloadsRefused{0};
+  };
+  const Counters& counters() const { return counters_; }
 
   // Application's thread: carries out what waits.
   void Run();
@@ -98,6 +107,7 @@ class WallControl {
   WallExecutor& executor_;
   const Settings settings_;
   EventFeed events_;
+  Counters counters_;
   os::Event waiting_;
   config::Wall running_;  // as the file gave it when it was read last; application's thread
   mutable os::Mutex lock_;

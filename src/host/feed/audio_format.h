@@ -1,6 +1,7 @@
 // The formats of compressed audio: what an audio track of the outputs carries, and its media type.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -105,8 +106,12 @@ class AudioTrack {
   State state() const;
   // A source has been opened.
   void Announce(bool hasAudio);
+  // While the channel is muted with nothing: the outputs put no silence into the track either.
+  void LeaveEmpty(bool leave) { isLeftEmpty_.store(leave, std::memory_order_relaxed); }
+  bool isLeftEmpty() const { return isLeftEmpty_.load(std::memory_order_relaxed); }
 
  private:
+  std::atomic<bool> isLeftEmpty_{false};
   mutable os::Mutex lock_;
   std::shared_ptr<const AudioFormat> format_ GUARDED_BY(lock_);
   State state_ GUARDED_BY(lock_) = State::kUnknown;

@@ -36,7 +36,7 @@ void LimitAllocations() {
 }
 
 // How long a cancelled read may take to notice.
-constexpr std::chrono::milliseconds kTimeout(20);
+constexpr std::chrono::milliseconds kReadTimeout(20);
 
 bool IsStandardInput(const std::string& source) {
   return source == "-" || source == "pipe:" || source == "pipe:0";
@@ -203,7 +203,7 @@ int PipeInput::ReadCallback(void* input, std::uint8_t* buffer, int size) {
 int PipeInput::Read(std::uint8_t* buffer, int size) {
   while (!deadline_.ShouldStop()) {
     std::size_t count = 0;
-    switch (stream_.Read({buffer, static_cast<std::size_t>(size)}, kTimeout, &count)) {
+    switch (stream_.Read({buffer, static_cast<std::size_t>(size)}, kReadTimeout, &count)) {
       case os::ByteStream::Result::kData:
         return static_cast<int>(count);
       case os::ByteStream::Result::kSilence:

@@ -25,7 +25,7 @@ namespace {
 constexpr int kBufferSize = 2 << 20;
 
 // How long a cancelled write may take to notice.
-constexpr std::chrono::milliseconds kTimeout(20);
+constexpr std::chrono::milliseconds kWriteTimeout(20);
 constexpr const char* kStandardOutput = "/dev/stdout";
 
 }  // namespace
@@ -116,7 +116,7 @@ PipeOutput::PipeOutput(const std::string& target, IoDeadline& deadline) : deadli
   const std::string path = IsStandardOutput(target) ? kStandardOutput : target;
   std::uint32_t error = sink_.Open(path);
   while (error == os::kErrorNotReady && !deadline_.ShouldStop()) {
-    std::this_thread::sleep_for(kTimeout);
+    std::this_thread::sleep_for(kWriteTimeout);
     error = sink_.Open(path);
   }
   if (error != 0) {
@@ -139,7 +139,8 @@ int PipeOutput::Write(const std::uint8_t* bytes, int size) {
       return AVERROR_EXIT;
     }
     std::size_t count = 0;
-    switch (sink_.Write({bytes + done, static_cast<std::size_t>(size) - done}, kTimeout, &count)) {
+    switch (
+        sink_.Write({bytes + done, static_cast<std::size_t>(size) - done}, kWriteTimeout, &count)) {
       case os::ByteSink::Result::kWritten:
         done += count;
         break;

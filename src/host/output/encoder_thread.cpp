@@ -15,7 +15,7 @@ namespace host {
 namespace {
 
 // For a thread whose consumers take nothing any more.
-constexpr int kCancelLimit = 500;  // milliseconds
+constexpr int kFinishLimit = 500;  // milliseconds
 
 }  // namespace
 
@@ -66,7 +66,7 @@ EncoderThread::EncoderThread(const Settings& settings, qorp::log::ILogPerf* logg
 }
 
 EncoderThread::~EncoderThread() {
-  Finish(std::chrono::milliseconds(kCancelLimit));
+  Finish(std::chrono::milliseconds(kFinishLimit));
 }
 
 void EncoderThread::Add(Consumer consumer) {
@@ -92,6 +92,10 @@ bool EncoderThread::WaitForRoom(std::chrono::milliseconds limit) {
 
 std::uint64_t EncoderThread::dropped() const {
   return work_->dropped;
+}
+
+std::size_t EncoderThread::queued() const {
+  return work_->queue.size();
 }
 
 std::uint64_t EncoderThread::handed() const {

@@ -76,6 +76,8 @@ class EncoderThread {
 
   ffmpeg::Parameters parameters() const;
   std::uint64_t dropped() const;
+  // Frames that wait for being encoded. Any thread.
+  std::size_t queued() const;
 
  private:
   struct Picture;

@@ -170,6 +170,10 @@ void SilentTracks::Fill(std::size_t channel, Track& track, Time before, const Wr
 
 void SilentTracks::FillTo(Time video, const Write& write) {
   for (auto& [channel, track] : tracks_) {
+    if (track.hasBegun && isLeftEmpty_(channel)) {
+      track.isSilent = false;
+      track.end = std::max(track.end, video - lateness_);
+    }
     if (!track.isSilent && video - track.end > lateness_) {
       track.isSilent = true;
       track.from = track.end = std::max(track.end, video - lateness_ - kMaxFilled);

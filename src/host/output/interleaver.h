@@ -9,6 +9,7 @@
 #include <limits>
 #include <map>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "host/feed/audio_format.h"
@@ -91,7 +92,7 @@ class Interleaver {
 // learn what it is, a rendition of HLS has no playlist, or segments of one packet, MP4 cannot
 // describe AC-3 without a packet of it. So silence in the track's own format goes into it from the
 // start of the file or connection to the channel's first packet, and into every gap for which audio
-// would come too late now. Shorter gaps stay as they are.
+// would come too late now. Shorter gaps stay as they are, and so do those that a person asked for.
 //
 // Owned and called by one output on its thread.
 class SilentTracks {
@@ -99,8 +100,12 @@ class SilentTracks {
   // Times are those of the file or connection, which begins at 0.
   using Write = std::function<void(std::size_t channel, ffmpeg::Packet packet)>;
 
-  // lateness: how far audio may stand behind the video that was written before it.
-  explicit SilentTracks(Time lateness) : lateness_(lateness) {}
+  using IsLeftEmpty = std::function<bool(std::size_t channel)>;
+
+  // lateness: how far audio may stand behind the video that was written before it. isLeftEmpty: of
+  // a track that has begun, whether it carries nothing for now.
+  SilentTracks(Time lateness, IsLeftEmpty isLeftEmpty)
+      : lateness_(lateness), isLeftEmpty_(std::move(isLeftEmpty)) {}
 
   // The next file begins after so much of the one before.
   void Restart(Time length);
@@ -129,6 +134,7 @@ class SilentTracks {
   static void Fill(std::size_t channel, Track& track, Time before, const Write& write);
 
   const Time lateness_;
+  const IsLeftEmpty isLeftEmpty_;
   std::map<std::size_t, Track> tracks_;  // by channel
 };
 

@@ -17,7 +17,7 @@ namespace {
 // A file that does not grow for that long while it is being finished is left as it is.
 constexpr std::uint32_t kFileStall = 2'000;
 // For calls that were cancelled to end. What is not over then never ends.
-constexpr std::uint32_t kCancelLimit = 500;
+constexpr std::uint32_t kAbandonLimit = 500;
 
 }  // namespace
 
@@ -368,7 +368,7 @@ void Output::Finish(milliseconds limit) {
   }
   if (!ended) {
     writer_->Cancel();
-    if (!thread_->Wait(kCancelLimit)) {
+    if (!thread_->Wait(kAbandonLimit)) {
       writer_->Fail("it does not answer and was abandoned");
       writer_->Detach();
     }

@@ -50,7 +50,9 @@ OutputSession::OutputSession(const Settings& settings, const AVCodecParameters& 
       owner_(std::move(owner)),
       audioTracks_(settings.tracks.size()),
       interleaver_(counters, LatenessIn(settings.muxer)),
-      silence_(LatenessIn(settings.muxer)),
+      silence_(
+          LatenessIn(settings.muxer),
+          [this](std::size_t channel) { return settings_.tracks[channel].audio->isLeftEmpty(); }),
       cutter_(settings.segments) {}
 
 OutputSession::~OutputSession() {

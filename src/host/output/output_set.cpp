@@ -290,6 +290,9 @@ std::vector<OutputSet::Status> OutputSet::status() const {
         status.audio.push_back(StatusOf(counters.of(static_cast<int>(i))));
       }
       status.overflows = entry.output->overflows();
+      status.openings = entry.output->openings();
+      status.queuedBytes = entry.output->queuedBytes();
+      status.queuedFrames = entry.encoder->queued();
     }
     all.push_back(std::move(status));
   }

@@ -52,8 +52,11 @@ class OutputSet {
     TrackStatus video;
     std::vector<TrackStatus> audio;  // of every channel; empty for an output without audio
     std::uint64_t overflows = 0;     // how often its queue was full
-    std::string failure;             // empty while it works
-    bool failed = false;             // permanently
+    std::uint64_t openings = 0;
+    std::size_t queuedBytes = 0;   // packets that wait for it
+    std::size_t queuedFrames = 0;  // frames that wait for its encoder
+    std::string failure;           // empty while it works
+    bool failed = false;           // permanently
   };
 
   // observer and logger outlive the set; logger may be null. An output whose encoder or container

@@ -47,7 +47,7 @@ Clock::time_point At(Time time) {
 constexpr std::int64_t kMaxGap = 80 * 90;
 constexpr std::int64_t kStep = 40 * 90;
 // A longer gap is a pause of the source.
-constexpr std::int64_t kMaxFilled = 10 * 90'000;
+constexpr std::int64_t kMaxFilledTicks = 10 * 90'000;
 constexpr std::int64_t kPeriod = std::int64_t{1} << 33;
 constexpr int kPacket = TransportPacer::kPacketSize;
 constexpr int kBuffer = kPacket * 348;
@@ -223,7 +223,7 @@ void PcrFiller::Announce(std::int64_t dts, bool carriesPcr) {
   if (latest_ && offset_) {
     // Both wrap around.
     const std::int64_t gap = ((dts + *offset_ - *latest_) % kPeriod + kPeriod) % kPeriod;
-    if (gap <= kMaxFilled) {
+    if (gap <= kMaxFilledTicks) {
       const std::int64_t from = *latest_;
       for (std::int64_t filled = kStep; gap - filled > kMaxGap - kStep; filled += kStep) {
         Insert((from + filled) % kPeriod);

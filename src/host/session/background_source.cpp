@@ -50,6 +50,10 @@ void FrameWatch::Delivered(Time start) {
     ++timing_.frames;
     timing_.total += took;
     timing_.longest = std::max(timing_.longest, took);
+    const auto bound = std::lower_bound(kBounds.begin(), kBounds.end(),
+                                        std::chrono::duration<double>(took).count());
+    ++totals_.buckets[static_cast<std::size_t>(bound - kBounds.begin())];
+    totals_.total += took;
   }
   done_.NotifyAll();
 }
@@ -57,6 +61,11 @@ void FrameWatch::Delivered(Time start) {
 FrameWatch::Timing FrameWatch::TakeTiming() {
   const os::MutexLock guard(lock_);
   return std::exchange(timing_, Timing());
+}
+
+FrameWatch::Totals FrameWatch::totals() const {
+  const os::MutexLock guard(lock_);
+  return totals_;
 }
 
 void FrameWatch::Returned(const void* buffer) {

@@ -2,6 +2,7 @@
 // has left the composer.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -34,6 +35,15 @@ class FrameWatch {
     }
   };
 
+  // Upper bounds of all buckets but the last, in seconds.
+  static constexpr std::array kBounds{0.0005, 0.001, 0.0025, 0.005, 0.01,
+                                      0.02,   0.04,  0.1,    0.25,  1.0};
+  // Since the start.
+  struct Totals {
+    std::array<std::uint64_t, kBounds.size() + 1> buckets{};  // frames by how long they took
+    std::chrono::nanoseconds total{0};
+  };
+
   // buffer: the identity of the frame's buffer.
   void Expect(const void* buffer, Time start);
   void Delivered(Time start);
@@ -42,15 +52,17 @@ class FrameWatch {
   bool Wait(std::chrono::milliseconds limit);
   // Of the frames since it was asked last.
   Timing TakeTiming();
+  Totals totals() const;
 
  private:
-  os::Mutex lock_;
+  mutable os::Mutex lock_;
   os::ConditionVariable done_;
   const void* buffer_ GUARDED_BY(lock_) = nullptr;
   Time start_ GUARDED_BY(lock_) = 0;
   bool pending_ GUARDED_BY(lock_) = false;
   std::chrono::steady_clock::time_point expectedAt_ GUARDED_BY(lock_);
   Timing timing_ GUARDED_BY(lock_);
+  Totals totals_ GUARDED_BY(lock_);
 };
 
 // Sends copies of one picture, one for each frame of the wall, numbered from 0 and timestamped on

@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "host/feed/feed_pin.h"
+#include "platform/os/installed.h"
 #include "platform/os/process.h"
 
 namespace host {
@@ -24,9 +25,11 @@ constexpr double kStableSeconds = 2;
 std::string FindComposerLibrary() {
   std::error_code ignored;
   const std::filesystem::path program = os::ProgramPath();
-  const std::filesystem::path beside = program.parent_path() / kLibraryName;
-  if (std::filesystem::exists(beside, ignored)) {
-    return beside.string();
+  const std::filesystem::path installed = os::LibraryFolder();
+  for (const std::filesystem::path& folder : {program.parent_path(), installed}) {
+    if (std::filesystem::exists(folder / kLibraryName, ignored)) {
+      return (folder / kLibraryName).string();
+    }
   }
   for (const RegisteredFilter& filter : ListRegisteredFilters()) {
     if (filter.clsid == CLSID_TavrelComposer) {
@@ -34,8 +37,9 @@ std::string FindComposerLibrary() {
     }
   }
   throw GraphError("the composer's library " + std::string(kLibraryName) + " is neither in " +
-                   program.parent_path().string() + " nor registered: run `tavrel register PATH/" +
-                   kLibraryName + "` or name it with --library");
+                   program.parent_path().string() + " or " + installed.string() +
+                   " nor registered: run `tavrel register PATH/" + kLibraryName +
+                   "` or name it with --library");
 }
 
 ComposerFilter::ComposerFilter(const std::string& library, const Canvas& canvas,

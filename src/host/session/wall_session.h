@@ -17,6 +17,7 @@
 #include "host/session/composer_filter.h"
 #include "host/session/label_files.h"
 #include "host/session/wall_clock.h"
+#include "host/session/wall_screens.h"
 #include "platform/graph/filter_graph.h"
 
 namespace host {
@@ -43,6 +44,7 @@ class WallSession {
     // Gets every composed frame besides the outputs, on the composition thread; returns at once.
     // May be null.
     CompositionSink::TakeFrame takeFrame;
+    ScreenLinks screen;  // of a live wall with screens, whose program is given
     // Gets every audio packet of a slot besides the outputs, with the track whose format it has, on
     // the channel's streaming thread; returns at once. May be null.
     std::function<void(std::size_t slot, const AVPacket& packet,
@@ -102,13 +104,22 @@ class WallSession {
   // The channel whose audio the follow track carries, or none. Returns the number of the first
   // composed frame with it.
   std::int64_t Follow(std::optional<std::size_t> slot);
+  // The channel that is heard at the screens, or none.
+  void Listen(std::optional<std::size_t> slot);
   // Ends what is left of former channels; now and then.
   void Tidy();
 
   OutputSet& outputs() { return *outputs_; }
+  std::vector<ScreenOutput::Status> screens() const { return screens_->status(); }
   Counters counters() const;
   // How long composing took, since it was asked last.
   FrameWatch::Timing TakeTiming() { return watch_->TakeTiming(); }
+  // The same since the start, and when the latest frame was composed (long ago: none was). Any
+  // thread, as counters.
+  FrameWatch::Totals composing() const { return watch_->totals(); }
+  std::chrono::steady_clock::time_point composedAt() const {
+    return std::chrono::steady_clock::time_point(std::chrono::steady_clock::duration(composedAt_));
+  }
   Time now() const { return clock_.Now(); }
   ChannelSource& channel(std::size_t index) { return *channels_[index]; }
 
@@ -139,6 +150,7 @@ class WallSession {
   TimeOfDay timeOfDay_;
   std::shared_ptr<FrameWatch> watch_ = std::make_shared<FrameWatch>();
   std::atomic<std::uint64_t> composed_{0};
+  std::atomic<std::chrono::steady_clock::rep> composedAt_{0};
   std::atomic<Time> firstComposed_{0};                // start of the first frame of a live wall
   const std::shared_ptr<WallPressure> pressure_;      // null of a rendered wall
   const std::shared_ptr<DecodeBudget> budget_;        // likewise
@@ -149,6 +161,7 @@ class WallSession {
   std::vector<std::shared_ptr<AudioTrack>> audioTracks_;  // one for each channel
   std::unique_ptr<OutputSet> outputs_;
   std::unique_ptr<FollowTrack> follow_;  // null of a wall without
+  std::unique_ptr<WallScreens> screens_;
   // The graph is destroyed first and with it every filter; then the composer's library.
   ComposerFilter composer_;
   std::vector<ComPtr<WallWindow>> windows_;

@@ -1,22 +1,17 @@
 #include <array>
 #include <cerrno>
-#include <memory>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
 
-#include <netdb.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include "platform/os/datagram.h"
+#include "platform/os/host_addresses_posix.h"
 
 namespace os {
 namespace {
-
-struct FreeAddresses {
-  void operator()(addrinfo* list) const { ::freeaddrinfo(list); }
-};
 
 [[noreturn]] void ThrowCannotReach(const std::string& host, std::uint16_t port,
                                    const std::string& reason) {
@@ -29,14 +24,14 @@ struct FreeAddresses {
 DatagramSocket::DatagramSocket(const std::string& host, std::uint16_t port) {
   addrinfo wanted{};
   wanted.ai_socktype = SOCK_DGRAM;
-  addrinfo* found = nullptr;
-  const int result = ::getaddrinfo(host.c_str(), std::to_string(port).c_str(), &wanted, &found);
-  if (result != 0) {
-    ThrowCannotReach(host, port, ::gai_strerror(result));
+  int unknown = 0;
+  const HostAddresses addresses =
+      FindHost(host.c_str(), std::to_string(port).c_str(), wanted, &unknown);
+  if (addresses == nullptr) {
+    ThrowCannotReach(host, port, ::gai_strerror(unknown));
   }
-  const std::unique_ptr<addrinfo, FreeAddresses> addresses(found);
   int error = 0;
-  for (const addrinfo* address = found; address != nullptr; address = address->ai_next) {
+  for (const addrinfo* address = addresses.get(); address != nullptr; address = address->ai_next) {
     const int candidate =
         ::socket(address->ai_family, address->ai_socktype | SOCK_CLOEXEC, address->ai_protocol);
     if (candidate < 0) {
@@ -86,12 +81,8 @@ bool DatagramSocket::Send(std::string_view bytes) const {
 bool IsAddress(const std::string& host) {
   addrinfo wanted{};
   wanted.ai_flags = AI_NUMERICHOST;
-  addrinfo* found = nullptr;
-  const bool isAddress = ::getaddrinfo(host.c_str(), nullptr, &wanted, &found) == 0;
-  if (isAddress) {
-    ::freeaddrinfo(found);
-  }
-  return isAddress;
+  int error = 0;
+  return FindHost(host.c_str(), nullptr, wanted, &error) != nullptr;
 }
 
 std::string HostName() {

@@ -22,6 +22,8 @@ class RegistryTree {
   bool Erase(const std::string& key);
   // Names of the keys directly under key, in order, each once.
   std::vector<std::string> Subkeys(const std::string& key) const;
+  // Adds the keys that this tree does not have.
+  void AddMissing(const RegistryTree& other);
 
   // The file form: "[key]" lines, then "name=value" lines in that key; backslash escapes for line
   // ends, "=" in names and the backslash itself. Throws std::runtime_error with the line number
@@ -33,21 +35,27 @@ class RegistryTree {
   std::map<std::string, std::map<std::string, std::string>> keys_;
 };
 
-// The registry's file. Update is safe against other threads and processes: the file is locked,
-// changed in a copy and replaced in one step, so that a reader sees the old state or the new one.
+// The registry's file, over that of the installation. Update is safe against other threads and
+// processes: the file is locked, changed in a copy and replaced in one step, so that a reader sees
+// the old state or the new one.
 class Registry {
  public:
-  explicit Registry(std::filesystem::path file);
-  // The user's own: $TAVREL_REGISTRY, else tavrel/registry in the XDG data folder.
+  // file: empty when there is none, and nothing can be registered. installed: read besides, for
+  // keys that the file does not have; those that are missing are no mistake.
+  explicit Registry(std::filesystem::path file, std::vector<std::filesystem::path> installed = {});
+  // $TAVREL_REGISTRY alone, if it is given; else the user's own, tavrel/registry in the XDG data
+  // folder, over "registry" in the installed data folders.
   static Registry OfUser();
 
   const std::filesystem::path& File() const { return file_; }
   // A missing file is an empty registry. Throws std::system_error or std::runtime_error.
   RegistryTree Read() const;
+  // Changes the file alone. Throws likewise.
   void Update(const std::function<void(RegistryTree&)>& change);
 
  private:
   std::filesystem::path file_;
+  std::vector<std::filesystem::path> installed_;
 };
 
 }  // namespace os

@@ -8,12 +8,13 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include "platform/os/installed.h"
 #include "platform/os/registry.h"
 
 namespace os {
 namespace {
 
-constexpr char kSeparator = '\\';
+constexpr char kKeySeparator = '\\';
 
 std::string Escape(const std::string& text) {
   std::string escaped;
@@ -114,6 +115,23 @@ void WriteAll(int fd, const std::string& text, const std::filesystem::path& file
   }
 }
 
+RegistryTree ReadFile(const std::filesystem::path& path) {
+  const Descriptor file(path, O_RDONLY);
+  if (!file.IsOpen()) {
+    if (errno == ENOENT || errno == ENOTDIR) {
+      return {};
+    }
+    ThrowErrno("cannot open the registry " + path.string());
+  }
+  try {
+    return RegistryTree::Parse(ReadAll(file.Get(), path));
+  } catch (const std::system_error&) {
+    throw;
+  } catch (const std::runtime_error& error) {
+    throw std::runtime_error("the registry " + path.string() + " is damaged: " + error.what());
+  }
+}
+
 }  // namespace
 
 void RegistryTree::Set(const std::string& key, const std::string& name, const std::string& value) {
@@ -131,25 +149,29 @@ std::optional<std::string> RegistryTree::Get(const std::string& key,
 }
 
 bool RegistryTree::Erase(const std::string& key) {
-  const std::string below = key + kSeparator;
+  const std::string below = key + kKeySeparator;
   return std::erase_if(keys_, [&](const auto& entry) {
            return entry.first == key || entry.first.starts_with(below);
          }) > 0;
 }
 
 std::vector<std::string> RegistryTree::Subkeys(const std::string& key) const {
-  const std::string below = key + kSeparator;
+  const std::string below = key + kKeySeparator;
   std::vector<std::string> names;
   for (const auto& [path, values] : keys_) {
     if (path.starts_with(below)) {
       const std::string name =
-          path.substr(below.size(), path.find(kSeparator, below.size()) - below.size());
+          path.substr(below.size(), path.find(kKeySeparator, below.size()) - below.size());
       if (names.empty() || names.back() != name) {
         names.push_back(name);
       }
     }
   }
   return names;
+}
+
+void RegistryTree::AddMissing(const RegistryTree& other) {
+  keys_.insert(other.keys_.begin(), other.keys_.end());
 }
 
 RegistryTree RegistryTree::Parse(const std::string& text) {
@@ -190,7 +212,8 @@ std::string RegistryTree::Format() const {
   return text;
 }
 
-Registry::Registry(std::filesystem::path file) : file_(std::move(file)) {}
+Registry::Registry(std::filesystem::path file, std::vector<std::filesystem::path> installed)
+    : file_(std::move(file)), installed_(std::move(installed)) {}
 
 Registry Registry::OfUser() {
   const auto variable = [](const char* name) -> std::string {
@@ -201,31 +224,31 @@ Registry Registry::OfUser() {
   if (const std::string own = variable("TAVREL_REGISTRY"); !own.empty()) {
     return Registry(own);
   }
-  std::filesystem::path data = variable("XDG_DATA_HOME");
-  if (data.empty() || !data.is_absolute()) {
-    data = std::filesystem::path(variable("HOME")) / ".local" / "share";
+  std::vector<std::filesystem::path> installed = DataFolders();
+  for (std::filesystem::path& folder : installed) {
+    folder /= "registry";
   }
-  return Registry(data / "tavrel" / "registry");
+  std::filesystem::path data = variable("XDG_DATA_HOME");
+  if (const std::filesystem::path home = variable("HOME"); !data.is_absolute()) {
+    data = home.is_absolute() ? home / ".local" / "share" : std::filesystem::path();
+  }
+  // A service may have no home.
+  return Registry(data.empty() ? data : data / "tavrel" / "registry", std::move(installed));
 }
 
 RegistryTree Registry::Read() const {
-  const Descriptor file(file_, O_RDONLY);
-  if (!file.IsOpen()) {
-    if (errno == ENOENT) {
-      return {};
-    }
-    ThrowErrno("cannot open the registry " + file_.string());
+  RegistryTree tree = file_.empty() ? RegistryTree() : ReadFile(file_);
+  for (const std::filesystem::path& file : installed_) {
+    tree.AddMissing(ReadFile(file));
   }
-  try {
-    return RegistryTree::Parse(ReadAll(file.Get(), file_));
-  } catch (const std::system_error&) {
-    throw;
-  } catch (const std::runtime_error& error) {
-    throw std::runtime_error("the registry " + file_.string() + " is damaged: " + error.what());
-  }
+  return tree;
 }
 
 void Registry::Update(const std::function<void(RegistryTree&)>& change) {
+  if (file_.empty()) {
+    throw std::runtime_error(
+        "there is no home folder for the registry: set HOME, or TAVREL_REGISTRY to a file");
+  }
   std::filesystem::create_directories(file_.parent_path());
   const std::filesystem::path lockFile = file_.string() + ".lock";
   const Descriptor lock(lockFile, O_RDWR | O_CREAT);
@@ -238,7 +261,7 @@ void Registry::Update(const std::function<void(RegistryTree&)>& change) {
       ThrowErrno("cannot lock " + lockFile.string());
     }
   }
-  RegistryTree tree = Read();
+  RegistryTree tree = ReadFile(file_);
   change(tree);
   const std::filesystem::path next = file_.string() + ".new";
   {

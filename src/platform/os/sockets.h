@@ -87,7 +87,8 @@ bool IsNetwork(const std::string& text);
 bool IsInNetwork(const std::string& address, const std::string& network);
 
 // Where programs that run now keep their sockets: $XDG_RUNTIME_DIR, or /run for the superuser, or
-// the folder of temporary files with the user's number.
+// the folder of temporary files with the user's number, which is made when it is missing. Throws
+// std::runtime_error when that is not the user's alone.
 std::filesystem::path RuntimeFolder(std::string_view program);
 
 }  // namespace os

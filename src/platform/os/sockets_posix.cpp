@@ -9,7 +9,6 @@
 #include <system_error>
 
 #include <arpa/inet.h>
-#include <netdb.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -17,6 +16,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "platform/os/host_addresses_posix.h"
 #include "platform/os/sockets.h"
 
 namespace os {
@@ -53,10 +53,6 @@ std::string AddressText(const sockaddr_storage& address) {
   return text.data();
 }
 
-struct FreeAddresses {
-  void operator()(addrinfo* list) const { ::freeaddrinfo(list); }
-};
-
 // A bound socket that never blocks, or -1 with errno.
 int OpenBound(const addrinfo& address) {
   const int descriptor =
@@ -83,14 +79,14 @@ int Bind(int type, const std::string& host, std::uint16_t port) {
   addrinfo wanted{};
   wanted.ai_socktype = type;
   wanted.ai_flags = AI_PASSIVE;
-  addrinfo* found = nullptr;
-  const int result = ::getaddrinfo(host.c_str(), std::to_string(port).c_str(), &wanted, &found);
+  int error = 0;
+  const HostAddresses addresses =
+      FindHost(host.c_str(), std::to_string(port).c_str(), wanted, &error);
   const std::string where = "cannot listen at " + host + " port " + std::to_string(port) + ": ";
-  if (result != 0) {
-    throw std::runtime_error(where + ::gai_strerror(result));
+  if (addresses == nullptr) {
+    throw std::runtime_error(where + ::gai_strerror(error));
   }
-  const std::unique_ptr<addrinfo, FreeAddresses> addresses(found);
-  for (const addrinfo* address = found; address != nullptr; address = address->ai_next) {
+  for (const addrinfo* address = addresses.get(); address != nullptr; address = address->ai_next) {
     if (const int descriptor = OpenBound(*address); descriptor >= 0) {
       return descriptor;
     }
@@ -291,8 +287,19 @@ std::filesystem::path RuntimeFolder(std::string_view program) {
   if (::geteuid() == 0) {
     return std::filesystem::path("/run") / program;
   }
-  return std::filesystem::temp_directory_path() /
-         (std::string(program) + "-" + std::to_string(::geteuid()));
+  // Everybody may have made it: whoever owns the folder can put a socket of his own into it.
+  const std::filesystem::path own = std::filesystem::temp_directory_path() /
+                                    (std::string(program) + "-" + std::to_string(::geteuid()));
+  struct stat found {};
+  if ((::mkdir(own.c_str(), 0700) != 0 && errno != EEXIST) || ::lstat(own.c_str(), &found) != 0) {
+    throw std::runtime_error(own.string() + ": " + ErrorText(errno));
+  }
+  if (!S_ISDIR(found.st_mode) || found.st_uid != ::geteuid() || (found.st_mode & 0077) != 0) {
+    throw std::runtime_error(own.string() +
+                             ": is no folder that is this user's alone; remove it, or set "
+                             "XDG_RUNTIME_DIR");
+  }
+  return own;
 }
 
 }  // namespace os

@@ -9,6 +9,7 @@
 
 #include <pango/pangofc-fontmap.h>
 
+#include "platform/os/installed.h"
 #include "platform/os/process.h"
 
 namespace os {
@@ -35,16 +36,17 @@ std::string FirstApplicationFamily(FcConfig* config) {
 
 // Absolute paths of the files of that bare name, in the order in which they are to be tried: in the
 // current directory, beside the library or program that holds this code, beside the running
-// program, in the installed data folder.
+// program, in the folders of installed data.
 std::vector<std::string> FindPrivateFontFiles(const std::string& bareName) {
   namespace fs = std::filesystem;
   std::error_code ignored;
-  const std::vector<fs::path> folders{
+  std::vector<fs::path> folders{
       fs::current_path(ignored),
       fs::path(ModulePathOf(reinterpret_cast<const void*>(&FindPrivateFontFiles))).parent_path(),
       fs::path(ProgramPath()).parent_path(),
-      TAVREL_DATA_DIR,
   };
+  const std::vector<fs::path> installed = DataFolders();
+  folders.insert(folders.end(), installed.begin(), installed.end());
   std::vector<std::string> files;
   for (const fs::path& folder : folders) {
     if (!folder.is_absolute()) {

@@ -21,18 +21,18 @@ namespace {
 
 using testing::ElementsAre;
 
-constexpr Time kFrame = kSecond / 25;
+constexpr Time kFrameTime = kSecond / 25;
 
 // A channel whose clock the test moves in steps of a frame.
 class ChannelLifeTest : public testing::Test {
  protected:
-  void Pictures(Time length, Time duration = kFrame) {
+  void Pictures(Time length, Time duration = kFrameTime) {
     for (const Time end = now_ + length; now_ < end; now_ += duration) {
       Note(life_.Shown(now_, duration));
     }
   }
   void Nothing(Time length) {
-    for (const Time end = now_ + length; now_ < end; now_ += kFrame) {
+    for (const Time end = now_ + length; now_ < end; now_ += kFrameTime) {
       Note(life_.Tick(now_));
     }
   }
@@ -55,24 +55,24 @@ class ChannelLifeTest : public testing::Test {
 
 TEST_F(ChannelLifeTest, IsHeldWhenPicturesStopAndLostWhenTheHoldIsOver) {
   Pictures(kSecond);
-  const Time last = now_ - kFrame;
+  const Time last = now_ - kFrameTime;
   Nothing(4 * kSecond + 9 * kSecond / 10);
   EXPECT_THAT(history_, ElementsAre("live", "held (no picture comes)"));
   Nothing(kSecond / 5);
   EXPECT_EQ(life_.status(), (ChannelLife::Status{ChannelState::kLost, "no picture comes", last}));
-  Pictures(kFrame);
+  Pictures(kFrameTime);
   Nothing(kSecond);
-  Pictures(kFrame);
+  Pictures(kFrameTime);
   EXPECT_EQ(life_.status().state, ChannelState::kLost) << "stragglers, one by one";
-  Pictures(kFrame);
-  EXPECT_EQ(life_.status(), (ChannelLife::Status{ChannelState::kLive, "", now_ - kFrame}));
+  Pictures(kFrameTime);
+  EXPECT_EQ(life_.status(), (ChannelLife::Status{ChannelState::kLive, "", now_ - kFrameTime}));
 }
 
 TEST_F(ChannelLifeTest, AFailureIsKnownAtOnceAndALaterReasonKeepsTheTimeOfTheFirst) {
   Fail("connection refused");
   EXPECT_THAT(history_, ElementsAre("lost (connection refused)")) << "nothing to hold";
   Pictures(kSecond);
-  const Time last = now_ - kFrame;
+  const Time last = now_ - kFrameTime;
   Fail("no data for 5 s");
   Fail("no data for 5 s");
   Nothing(kSecond);
@@ -105,7 +105,7 @@ class AlarmMonitorTest : public testing::Test {
   }
   void Run(Time length, Picture picture, std::optional<float> loudest = 0.5F) {
     const Time since = now_;
-    for (const Time end = now_ + length; now_ < end; now_ += kFrame) {
+    for (const Time end = now_ + length; now_ < end; now_ += kFrameTime) {
       picture == kNone ? monitor_.Lost(since, now_)
                        : monitor_.Picture(picture == kBlack, picture != kMoves, now_);
       if (loudest.has_value() && picture != kNone) {
@@ -129,7 +129,7 @@ TEST_F(AlarmMonitorTest, RaisesAfterTheTimeToSetAndClearsAfterTheTimeToClear) {
   EXPECT_THAT(changes_, ElementsAre()) << "not long enough";
   Run(4 * kSecond, kStill);
   Run(kSecond, kMoves);
-  Run(kFrame, kStill);
+  Run(kFrameTime, kStill);
   Run(kSecond, kMoves);
   EXPECT_THAT(changes_, ElementsAre("freeze+4000")) << "not gone for long enough";
   Run(2 * kSecond, kMoves);
@@ -152,7 +152,7 @@ TEST_F(AlarmMonitorTest, HearsSilenceAlsoWhenNoAudioComes) {
   Run(4 * kSecond, kMoves, std::nullopt);
   EXPECT_EQ(changes_.back(), "silence+7960");
   EXPECT_EQ(monitor_.audio(), AudioState::kStopped);
-  Run(kFrame, kMoves);
+  Run(kFrameTime, kMoves);
   EXPECT_EQ(monitor_.audio(), AudioState::kPresent) << "before the alarm is over";
   Run(2 * kSecond, kMoves, 0.0F);
   EXPECT_EQ(monitor_.audio(), AudioState::kSilent);
@@ -164,13 +164,13 @@ TEST_F(AlarmMonitorTest, HearsSilenceAlsoWhenNoAudioComes) {
 TEST_F(AlarmMonitorTest, CountsPeaksInsteadOfWaitingForAudioThatClipsWithoutABreak) {
   const auto peaks = [&](Time length, Time distance, Time each) {
     const Time begun = now_;
-    for (const Time end = now_ + length; now_ < end; now_ += kFrame) {
+    for (const Time end = now_ + length; now_ < end; now_ += kFrameTime) {
       monitor_.Audio((now_ - begun) % distance < each ? 1.02F : 0.4F, now_);
     }
   };
-  peaks(10 * kSecond, kSecond, 5 * kFrame);
+  peaks(10 * kSecond, kSecond, 5 * kFrameTime);
   EXPECT_THAT(changes_, ElementsAre()) << "one loud moment a second";
-  peaks(10 * kSecond, kSecond / 2, kFrame);
+  peaks(10 * kSecond, kSecond / 2, kFrameTime);
   EXPECT_EQ(monitor_.raisedSince(AlarmKind::kClipping), 9 * kSecond);
   peaks(4 * kSecond, 10 * kSecond, 0);
   EXPECT_THAT(changes_, ElementsAre("clipping+9000", "clipping-19520"));
@@ -233,21 +233,21 @@ class LiveTimelineTest : public testing::Test {
   // The next frame comes when the wall's time is `now`; how late it is for its time.
   Time Frame(Time now, bool jumped = false) {
     now_ = now;
-    start_ += kFrame;
+    start_ += kFrameTime;
     placed_ = timeline_.Place(start_, jumped, now_);
     return now_ - placed_;
   }
   // Frames at their rate, from now on.
   void Regular(Time length, double rate = 1.0) {
     for (const Time end = now_ + length; now_ < end;) {
-      Frame(now_ + static_cast<Time>(static_cast<double>(kFrame) / rate));
+      Frame(now_ + static_cast<Time>(static_cast<double>(kFrameTime) / rate));
     }
   }
   // Frames that come together, after a gap that they fill.
   Time Burst(Time gap) {
     Time latest = 0;
     now_ += gap;
-    for (Time left = gap; left >= kFrame; left -= kFrame) {
+    for (Time left = gap; left >= kFrameTime; left -= kFrameTime) {
       latest = std::max(latest, Frame(now_));
     }
     return latest;
@@ -269,8 +269,8 @@ TEST_F(LiveTimelineTest, KeepsItsDistanceThroughAStallThatIsCaughtUpAndThroughBu
     EXPECT_LE(Burst(6 * kSecond / 10), 3 * kSecond / 4);
   }
   EXPECT_EQ(timeline_.changes(), 0);
-  EXPECT_NEAR(timeline_.jitter(), 6 * kSecond / 10, 2 * kFrame);
-  EXPECT_NEAR(timeline_.lead(), kLead, kFrame);
+  EXPECT_NEAR(timeline_.jitter(), 6 * kSecond / 10, 2 * kFrameTime);
+  EXPECT_NEAR(timeline_.lead(), kLead, kFrameTime);
 }
 
 TEST_F(LiveTimelineTest, TheLeadGrowsWithBurstsThatComeTooLateAndShrinksAfterThem) {
@@ -290,7 +290,7 @@ TEST_F(LiveTimelineTest, TheLeadGrowsWithBurstsThatComeTooLateAndShrinksAfterThe
 TEST_F(LiveTimelineTest, AnchorsASourceAgainWhoseDistanceDoesNotFitAnyMore) {
   Regular(kSecond);
   Frame(now_ + 4 * kSecond, true);
-  EXPECT_NEAR(placed_ - now_, kLead, kFrame) << "a sender that was restarted";
+  EXPECT_NEAR(placed_ - now_, kLead, kFrameTime) << "a sender that was restarted";
   now_ += 2 * kSecond;
   Regular(kSecond);
   EXPECT_GE(placed_, now_) << "it did not catch up";
@@ -299,7 +299,7 @@ TEST_F(LiveTimelineTest, AnchorsASourceAgainWhoseDistanceDoesNotFitAnyMore) {
   EXPECT_GE(placed_, now_ + kLead) << "it paused for less than the room and keeps its lead";
   start_ += 8 * kSecond;
   Frame(now_);
-  EXPECT_NEAR(placed_ - now_, kLead, kFrame) << "its timestamps jumped";
+  EXPECT_NEAR(placed_ - now_, kLead, kFrameTime) << "its timestamps jumped";
   EXPECT_TRUE(timeline_.jumped());
   LiveTimeline ofFile(
       LiveTimeline::For(SourceKind::kFile, LiveTimeline::Settings().frameRate, kSecond));

@@ -46,7 +46,7 @@ Outcome RunProgram(const std::vector<std::string>& arguments, AddCommands addCom
 
 Outcome RunReal(const std::vector<std::string>& arguments) {
   return RunProgram(arguments, [](Program& program) {
-    program.Add<CheckOptions>("check", "check", DefineCheck, Check);
+    program.Add<CheckOptions>("check", "check", DefineCheck, CheckFile);
     program.Add<ProbeOptions>("probe", "probe", DefineProbe, Probe);
     program.Add<ShowLogOptions>("log", "log", DefineShowLog, ShowLog);
     program.Add<RunOptions>("run", "", DefineRun, cli::Run);

@@ -9,7 +9,9 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include "host/config/wall_reader.h"
 #include "host/control/http/history.h"
+#include "host/control/http/http_server.h"
 #include "host/control/http/openapi.h"
 #include "tests/host/control/http_fixture.h"
 #include "tests/support/wait_until.h"
@@ -256,6 +258,45 @@ std::pair<std::string, int> Shell(const std::string& command) {
     output.append(part.data(), count);
   }
   return {output, pclose(pipe)};
+}
+
+TEST_F(HttpTest, SaysWhatItCountsAndWhetherItIsAliveAndReady) {
+  std::string dead;
+  std::string unready = "no frame has been composed yet";
+  settings_.monitoring = {[](MetricsText& text) {
+                            text.Gauge("tavrel_test", "What a name may hold.");
+                            text.Add(0.25, {{"channel", "a\"b\\c\nd\xFF\xC3\xA9"}});
+                            text.Histogram("tavrel_test_seconds", "Observed.",
+                                           std::array{0.01, 1.0},
+                                           std::array<std::uint64_t, 3>{5, 0, 2}, 12.5);
+                          },
+                          [&] { return dead; }, [&] { return unready; }};
+  Start();
+  EXPECT_THAT(Ask("GET /livez"), HasSubstr(" 200 "));
+  EXPECT_THAT(Ask("GET /readyz"), AllOf(HasSubstr(" 503 "), HasSubstr(unready)));
+  unready.clear();
+  dead = "no frame was composed for 5.1 s";
+  EXPECT_THAT(Ask("GET /readyz"), HasSubstr(" 200 "));
+  EXPECT_THAT(Ask("GET /livez"), AllOf(HasSubstr(" 503 "), HasSubstr(dead)));
+
+  ASSERT_THAT(Ask("POST /api/v1/commands", R"({"command":"solo","channel":"Cam 1"})"),
+              HasSubstr(" 200 "));
+  ASSERT_THAT(Ask("POST /api/v1/commands", R"([{"command":"reload"}])"), HasSubstr(" 4"));
+  const auto socket = OpenWebSocket();
+  ReadMessage(*socket);
+  const std::string text = Ask("GET /metrics");
+  for (const char* const line :
+       {"Content-Type: text/plain; version=0.0.4; charset=utf-8\r\n",
+        "# HELP tavrel_test What a name may hold.\n# TYPE tavrel_test gauge\n",
+        "\ntavrel_test{channel=\"a\\\"b\\\\c\\nd\xEF\xBF\xBD\xC3\xA9\"} 0.25\n",
+        "\ntavrel_test_seconds_bucket{le=\"0.01\"} 5\ntavrel_test_seconds_bucket{le=\"1\"} 5\n"
+        "tavrel_test_seconds_bucket{le=\"+Inf\"} 7\ntavrel_test_seconds_sum 12.5\n"
+        "tavrel_test_seconds_count 7\n",
+        "\ntavrel_requests_total{result=\"accepted\"} 1\n",
+        "\ntavrel_reloads_total{result=\"refused\"} 1\n", "\ntavrel_state_version 2\n",
+        "\ntavrel_followers 1\n"}) {
+    EXPECT_THAT(text, HasSubstr(line));
+  }
 }
 
 TEST_F(HttpTest, TheExamplesOfTheDocumentWorkAlsoOverTls) {

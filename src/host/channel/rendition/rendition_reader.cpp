@@ -354,7 +354,7 @@ void RenditionReader::OnOpened(bool isNeeded) {
   renditions_.Learn(openingIndex_, video ? video->width : 0, video ? video->height : 0);
   // It may have been opened to learn its size.
   if (!video || (!isNeeded && renditions_.Best(window_, now) != openingIndex_)) {
-    formerBytes_ += opened->reader->bytes();
+    former_ += opened->reader->counts();
     opened->items.clear();
     CloseBeside(std::move(opened->reader));
     return;
@@ -432,7 +432,7 @@ bool RenditionReader::IsReached(const Next& next) const {
 void RenditionReader::ChangeOver() {
   Next next = std::move(*next_);
   next_.reset();
-  formerBytes_ += reader_->bytes();
+  former_ += reader_->counts();
   {
     const os::MutexLock guard(lock_);
     std::swap(reader_, next.opened.reader);

@@ -76,8 +76,10 @@ class RenditionReader {
   void TakeTurns(MediaDecoder::InTurn turns) { turns_ = std::move(turns); }
   int TakeFrames() { return reader_->TakeFrames(); }
   std::chrono::nanoseconds TakeWaited() { return reader_->TakeWaited(); }
-  // That were read of all renditions.
-  std::uint64_t bytes() const { return formerBytes_ + (reader_ ? reader_->bytes() : 0); }
+  // Of all renditions.
+  SourceCounts counts() const {
+    return reader_ ? SourceCounts(former_) += reader_->counts() : former_;
+  }
 
   // Once after each change of the rendition, the first one included; none of a source with one.
   std::optional<RenditionStatus> TakeChange() { return std::exchange(change_, std::nullopt); }
@@ -158,7 +160,7 @@ class RenditionReader {
   WindowSize window_;
   Clock::time_point considerAt_{};
   Clock::time_point openedAt_{};
-  std::uint64_t formerBytes_ = 0;
+  SourceCounts former_;
   std::optional<RenditionStatus> change_;
 };
 

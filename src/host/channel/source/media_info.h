@@ -145,6 +145,20 @@ struct EndOfMedia {};
 
 using MediaItem = std::variant<DecodedFrame, AudioPacket, AudioSamples, EndOfMedia>;
 
+// What came over the connection of a source.
+struct SourceCounts {
+  std::uint64_t bytes = 0;
+  std::uint64_t packetsLost = 0;     // RTP packets that never came
+  std::uint64_t packetsDamaged = 0;  // of which the demuxer says that parts are missing
+
+  SourceCounts& operator+=(const SourceCounts& other) {
+    bytes += other.bytes;
+    packetsLost += other.packetsLost;
+    packetsDamaged += other.packetsDamaged;
+    return *this;
+  }
+};
+
 class MediaError : public TavrelException {
  public:
   enum class Kind {

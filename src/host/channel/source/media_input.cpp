@@ -212,6 +212,7 @@ MediaInput::Outcome MediaInput::Read(ffmpeg::Packet& packet, bool isUnused) {
   if (result >= 0) {
     silences_ = 0;
     packetBytes_ += static_cast<std::uint64_t>(packet->size);
+    packetsDamaged_ += (packet->flags & AV_PKT_FLAG_CORRUPT) != 0 ? 1 : 0;
     WatchIndex();
     return Outcome::kPacket;
   }
@@ -290,9 +291,9 @@ bool MediaInput::SkipTo(Time timestamp) {
   return result >= 0;
 }
 
-std::uint64_t MediaInput::bytes() const {
+SourceCounts MediaInput::counts() const {
   const std::uint64_t counted = formerBytes_ + (input_ ? ffmpeg::BytesRead(*input_) : 0);
-  return counted > 0 ? counted : packetBytes_;
+  return {counted > 0 ? counted : packetBytes_, connection_.packetsLost(), packetsDamaged_};
 }
 
 void MediaInput::Rewind() {

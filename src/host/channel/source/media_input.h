@@ -112,8 +112,9 @@ class MediaInput {
   SourceKind kind() const { return kind_; }
   bool repeats() const { return settings_.live && settings_.options.repeat; }
   const std::vector<std::string>& unknownOptions() const { return connection_.unknownOptions(); }
-  // That were read of the source, or of its packets where its demuxer keeps its sockets to itself.
-  std::uint64_t bytes() const;
+  // Bytes: that were read of the source, or of its packets where its demuxer keeps its sockets to
+  // itself.
+  SourceCounts counts() const;
   // The program that is wanted, by its number where the name is known already.
   config::ProgramChoice program() const {
     const int number = connection_.onlyProgram();
@@ -177,6 +178,7 @@ class MediaInput {
   std::array<std::optional<Selected>, kTrackKinds.size()> selected_;  // by TrackKind
   int packetsOfInput_ = 0;
   std::uint64_t packetBytes_ = 0;
+  std::uint64_t packetsDamaged_ = 0;
   std::uint64_t formerBytes_ = 0;  // of demuxers that were replaced
   std::int64_t headerEnd_ = 0;     // bytes read before the first packet
   bool canGoOn_ = false;

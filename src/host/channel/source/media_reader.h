@@ -106,7 +106,7 @@ class MediaReader {
   // in.
   void SkipTo(Time timestamp) { input_.SkipTo(timestamp); }
   // See MediaInput.
-  std::uint64_t bytes() const { return input_.bytes(); }
+  SourceCounts counts() const { return input_.counts(); }
   // How often another stream has replaced one that ended, as when a service changes its codec, or
   // the one that was chosen has returned.
   std::uint64_t replacements() const { return tracks_.replacements(); }

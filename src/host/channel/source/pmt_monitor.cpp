@@ -7,9 +7,6 @@
 namespace host {
 namespace {
 
-constexpr int kAssociationPid = 0;
-constexpr std::uint8_t kAssociationTable = 0;
-constexpr std::uint8_t kMapTable = 2;
 constexpr std::uint8_t kPrivateData = 6;
 
 // The descriptors that name a codec: registration, and the broadcasters' for AC-3, E-AC-3, DTS, AAC
@@ -22,15 +19,15 @@ bool NamesCodec(std::uint8_t tag) {
 }  // namespace
 
 PmtMonitor::PmtMonitor() {
-  sections_.Follow(kAssociationPid);
+  sections_.Follow(SectionReader::kPatPid);
 }
 
 void PmtMonitor::Feed(Bytes bytes) {
   packets_.Feed(bytes, [this](Bytes packet) {
     sections_.Packet(packet, [this](int pid, Bytes section) {
-      if (pid == kAssociationPid && section[0] == kAssociationTable) {
+      if (pid == SectionReader::kPatPid && section[0] == SectionReader::kPatTable) {
         ProgramAssociation(section);
-      } else if (pid != kAssociationPid && section[0] == kMapTable) {
+      } else if (pid != SectionReader::kPatPid && section[0] == SectionReader::kPmtTable) {
         ProgramMap(section);
       }
     });

@@ -70,7 +70,7 @@ void ProgramFilter::Packet(Bytes packet, const ProgramTables& tables, Clock::tim
     return;
   }
   const int pid = TransportPackets::PidOf(packet);
-  if (pid == ProgramTables::kAssociationPid) {
+  if (pid == SectionReader::kPatPid) {
     const bool startsSection = (packet[1] & 0x40) != 0;
     if (startsSection) {
       AppendAssociation(tables, out);

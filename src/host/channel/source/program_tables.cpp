@@ -12,8 +12,6 @@
 namespace host {
 namespace {
 
-constexpr std::uint8_t kAssociationTable = 0x00;
-constexpr std::uint8_t kMapTable = 0x02;
 constexpr std::uint8_t kServiceTable = 0x42;  // of this transport stream
 constexpr std::uint8_t kServiceDescriptor = 0x48;
 // Programs, streams of a program: no real multiplex comes near.
@@ -78,7 +76,7 @@ bool ProgramTables::Table::Add(Bytes section) {
 }
 
 ProgramTables::ProgramTables() {
-  sections_.Follow(kAssociationPid);
+  sections_.Follow(SectionReader::kPatPid);
   sections_.Follow(kServicePid);
 }
 
@@ -87,15 +85,15 @@ void ProgramTables::Packet(Bytes packet) {
 }
 
 void ProgramTables::OnSection(int pid, Bytes section) {
-  if (pid == kAssociationPid) {
-    if (section[0] == kAssociationTable && association_.Add(section)) {
+  if (pid == SectionReader::kPatPid) {
+    if (section[0] == SectionReader::kPatTable && association_.Add(section)) {
       ReadPrograms();
     }
   } else if (pid == kServicePid) {
     if (section[0] == kServiceTable && services_.Add(section)) {
       ReadNames();
     }
-  } else if (section[0] == kMapTable) {
+  } else if (section[0] == SectionReader::kPmtTable) {
     ReadMap(pid, section);
   }
 }
@@ -107,7 +105,7 @@ void ProgramTables::ReadPrograms() {
     for (std::size_t at = SectionReader::kHeader; at + 4 <= section.size(); at += 4) {
       const int number = SectionReader::NumberAt(section, at);
       const int mapPid = SectionReader::PidAt(section, at + 2);
-      if (number == 0 || mapPid == kAssociationPid || mapPid == kServicePid ||
+      if (number == 0 || mapPid == SectionReader::kPatPid || mapPid == kServicePid ||
           programs.size() >= kMaxPrograms) {  // 0: the network's table
         continue;
       }

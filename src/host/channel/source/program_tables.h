@@ -27,7 +27,6 @@ struct TransportProgram {
 class ProgramTables {
  public:
   using Bytes = std::span<const std::uint8_t>;
-  static constexpr int kAssociationPid = 0;
   static constexpr int kServicePid = 0x11;
 
   ProgramTables();

@@ -71,6 +71,9 @@ class SectionReader {
   // further PIDs.
   using Sink = std::function<void(int pid, Bytes section)>;
 
+  static constexpr int kPatPid = 0;
+  static constexpr std::uint8_t kPatTable = 0x00;
+  static constexpr std::uint8_t kPmtTable = 0x02;
   static constexpr std::size_t kHeader = 8;
   static constexpr std::size_t kMaxPids = 256;
 

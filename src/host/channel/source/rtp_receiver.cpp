@@ -9,7 +9,7 @@ namespace {
 constexpr std::size_t kHeader = 12;
 constexpr std::size_t kTransportPacket = 188;
 constexpr std::uint8_t kSync = 0x47;
-constexpr int kTransportStream = 33;  // its payload type
+constexpr int kTransportStreamType = 33;
 
 bool IsRtp(RtpReceiver::Bytes datagram) {
   return datagram.size() >= kHeader && datagram[0] >> 6 == 2;
@@ -58,7 +58,7 @@ std::optional<RtpReceiver::Packet> RtpReceiver::ParsePacket(Bytes datagram) {
   packet.payload = datagram.subspan(begin, datagram.size() - begin - padding);
   const bool looksLikeIt = !packet.payload.empty() && packet.payload[0] == kSync &&
                            packet.payload.size() % kTransportPacket == 0;
-  packet.carriesTransportStream = (datagram[1] & 0x7F) == kTransportStream || looksLikeIt;
+  packet.carriesTransportStream = (datagram[1] & 0x7F) == kTransportStreamType || looksLikeIt;
   packet.sequenceNumber = static_cast<std::uint16_t>(Number(datagram, 2));
   packet.ssrc = static_cast<std::uint32_t>(Number(datagram, 8) << 16 | Number(datagram, 10));
   return packet;
@@ -233,6 +233,7 @@ void RtpReceiver::Release(Clock::time_point now) {
       return;
     }
     Append(first->second.payload);
+    lost_ += static_cast<std::uint64_t>(first->first - next_);
     next_ = first->first + 1;
     reordered_.erase(first);
   }

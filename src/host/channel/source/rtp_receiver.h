@@ -39,6 +39,8 @@ class RtpReceiver {
 
   // Whether RTP packets came, but none with a transport stream: audio or video by itself.
   bool carriesOther() const { return framing_ == Framing::kUnknown && others_ >= kMinOthers; }
+  // RTP packets that were passed over.
+  std::uint64_t lost() const { return lost_; }
 
  private:
   static constexpr std::chrono::milliseconds kReorderTimeout{50};
@@ -107,6 +109,7 @@ class RtpReceiver {
   std::uint32_t ssrc_ = 0;
   std::int64_t next_ = 0;  // position that is due: sequence numbers, counted on through wraps
   int lateInARow_ = 0;
+  std::uint64_t lost_ = 0;
   std::optional<Candidate> candidate_;
   std::map<std::int64_t, Reordered> reordered_;  // came before their turn, by position
   std::vector<std::uint8_t> out_;

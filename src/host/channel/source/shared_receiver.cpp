@@ -182,6 +182,7 @@ int SharedReceiver::Receive() {
     Bytes bytes = Bytes(buffer).first(static_cast<std::size_t>(count));
     if (isDatagrams) {
       bytes = rtp.Take(bytes, RtpReceiver::Clock::now());
+      packetsLost_ = rtp.lost();
       if (rtp.carriesOther()) {
         const os::MutexLock guard(lock_);
         carriesOther_ = true;

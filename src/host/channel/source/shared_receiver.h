@@ -1,6 +1,7 @@
 // SharedReceivers: one connection for all readers of a transport stream.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -56,6 +57,8 @@ class SharedReceiver : public std::enable_shared_from_this<SharedReceiver> {
     int programNumber() const;
     // RTP packets come, but none with a transport stream.
     bool carriesOther() const;
+    // RTP packets that never came, since the connection was opened.
+    std::uint64_t packetsLost() const { return receiver_->packetsLost_; }
     // How often its queue was full.
     std::uint64_t overflows() const;
 
@@ -114,6 +117,8 @@ class SharedReceiver : public std::enable_shared_from_this<SharedReceiver> {
   bool carriesOther_ GUARDED_BY(lock_) = false;
   bool isLeft_ GUARDED_BY(lock_) = false;  // by the last reader
   std::vector<Subscription*> readers_ GUARDED_BY(lock_);
+
+  std::atomic<std::uint64_t> packetsLost_{0};
 
   // The thread's only.
   TransportPackets packets_;

@@ -86,6 +86,10 @@ class SourceConnection {
   // Of the program that alone comes over the connection; 0: all that there are.
   int onlyProgram() const;
   const std::vector<std::string>& unknownOptions() const { return unknownOptions_; }
+  // RTP packets that never came.
+  std::uint64_t packetsLost() const {
+    return subscription_ ? subscription_->packetsLost() : rtp_.lost();
+  }
 
  private:
   // Throw ffmpeg::Error, or MediaError with more to say.

@@ -28,6 +28,7 @@ class Api {
   static std::string TokenIn(const std::string& body);
   // The number in the query "before=N", of the history; none without a query. Throws Problem.
   static std::optional<std::uint64_t> BeforeIn(const std::string& query);
+
   // Throws Problem when it is no JSON or nested too deeply.
   static nlohmann::json Parse(const std::string& text);
   // A message of a WebSocket: {"commands":...,"id":...,"if_version":...}. Throws Problem.

@@ -38,6 +38,11 @@ bool Connections::MakeRoom(const std::string* address) {
   return true;
 }
 
+std::size_t Connections::count() const {
+  return static_cast<std::size_t>(std::count_if(
+      entries_.begin(), entries_.end(), [](const Ticket& entry) { return entry.use_count() > 1; }));
+}
+
 void Connections::CloseAll() {
   for (const Ticket& entry : entries_) {
     if (entry->close) {

@@ -34,6 +34,8 @@ class Connections {
   // Null when there is no room.
   Ticket Admit(const std::string& address);
   void CloseAll();
+  // Connections that are open.
+  std::size_t count() const;
 
  private:
   // Closes the one that is idle for the longest time, of that address or, without one, of all.

@@ -73,6 +73,9 @@ class HttpServer::Core {
   void Begin(asio::ip::tcp::socket socket);
   // None when the wall takes too long.
   asio::awaitable<std::optional<Result>> Submit(Request request);
+  Answer Metrics() const;
+  // Throws Problem when it is not as it should be.
+  Answer Health(Route::What what) const;
   // Who the client is, perhaps from now on.
   Answer Session(const Match& match, const Head& head, const std::string& body);
 

@@ -209,6 +209,42 @@ asio::awaitable<Snapshots::Picture> HttpServer::Core::TakePicture(Snapshots::Vie
   co_return pending->picture;
 }
 
+Answer HttpServer::Core::Metrics() const {
+  MetricsText text;
+  if (settings_.monitoring.metrics) {
+    settings_.monitoring.metrics(text);
+  }
+  WallControl& control = api_.control();
+  const WallControl::Counters& requests = control.counters();
+  text.Counter("tavrel_requests_total", "Requests to change the wall, by what became of them.");
+  text.Add(requests.accepted, {{"result", "accepted"}});
+  text.Add(requests.refused, {{"result", "refused"}});
+  text.Counter("tavrel_reloads_total", "Reloads of the wall file, by what became of them.");
+  text.Add(requests.reloadsAccepted, {{"result", "accepted"}});
+  text.Add(requests.reloadsRefused, {{"result", "refused"}});
+  text.Gauge("tavrel_state_version", "Version of the wall's state.");
+  text.Add(control.version());
+  text.Gauge("tavrel_http_connections", "Connections that are open.");
+  text.Add(std::uint64_t{connections_.count()});
+  text.Gauge("tavrel_followers", "Clients that follow the events of the wall.");
+  // The history of the last day is one, and no client.
+  text.Add(std::uint64_t{control.events().clients()} - 1);
+  text.Counter("tavrel_followers_dropped_total", "Followers that were too slow.");
+  text.Add(control.events().dropped());
+  return {.contentType = MetricsText::kContentType, .body = text.text()};
+}
+
+Answer HttpServer::Core::Health(Route::What what) const {
+  const bool isLive = what == Route::What::kLive;
+  const auto& whyNot = isLive ? settings_.monitoring.whyNotAlive : settings_.monitoring.whyNotReady;
+  if (const std::string why = whyNot ? whyNot() : ""; !why.empty()) {
+    throw Problem(503, isLive ? "not-alive" : "not-ready",
+                  isLive ? "The wall is not alive" : "The wall is not ready", why)
+        .With("Retry-After", "1");
+  }
+  return {.contentType = "text/plain; charset=utf-8", .body = "ok\n"};
+}
+
 Answer HttpServer::Core::Session(const Match& match, const Head& head, const std::string& body) {
   const auto answer = [&](std::optional<Role> role) {
     nlohmann::ordered_json json;
@@ -238,6 +274,12 @@ asio::awaitable<Answer> HttpServer::Core::Respond(const Match& match, const Head
     if (match.route->what == Route::What::kSnapshot) {
       const Snapshots::Picture picture = co_await TakePicture({api_.WindowFor(head.query)});
       co_return Answer{.contentType = "image/jpeg", .body = *picture};
+    }
+    if (match.route->what == Route::What::kMetrics) {
+      co_return Metrics();
+    }
+    if (match.route->what == Route::What::kLive || match.route->what == Route::What::kReady) {
+      co_return Health(match.route->what);
     }
     if (match.route->isOpen()) {
       co_return match.route->what == Route::What::kPage ? PageAnswer(match.name, head)

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "host/config/wall.h"
+#include "host/control/http/monitoring.h"
 #include "host/control/http/snapshots.h"
 #include "host/control/wall_control.h"
 #include "host/output/fragment_feed.h"
@@ -45,7 +46,8 @@ class HttpServer {
     Snapshots::Encode snapshot;
     std::shared_ptr<FragmentFeed> preview;             // null: none is served
     std::vector<std::shared_ptr<FragmentFeed>> audio;  // of each slot; empty: none is served
-    std::function<void(const std::string&)> say;       // a message for the log; server's thread
+    Monitoring monitoring{};
+    std::function<void(const std::string&)> say;  // a message for the log; server's thread
     Limits limits{};
   };
 

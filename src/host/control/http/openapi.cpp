@@ -197,6 +197,10 @@ Json Success(const Route& route) {
       return {{"multipart/x-mixed-replace", Json::object()}};
     case What::kDescription:
       return Content("application/json", {{"type", "object"}});
+    case What::kMetrics:
+    case What::kLive:
+    case What::kReady:
+      return Content("text/plain", {{"type", "string"}});
     case What::kWebSocket:
       break;
   }

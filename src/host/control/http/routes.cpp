@@ -61,6 +61,12 @@ constexpr std::array kRoutes{
           "The composed frames in the size of the preview, five a second at most, as JPEG."},
     Route{"GET", "/openapi.json", What::kDescription, nullptr, Body::kNone, 200,
           "This description."},
+    Route{"GET", "/metrics", What::kMetrics, nullptr, Body::kNone, 200,
+          "Figures of the wall, its channels and outputs, as Prometheus reads them."},
+    Route{"GET", "/livez", What::kLive, nullptr, Body::kNone, 200,
+          "Whether frames are composed; otherwise 503 says since when not."},
+    Route{"GET", "/readyz", What::kReady, nullptr, Body::kNone, 200,
+          "Whether a frame was composed and an output works; otherwise 503 says why not."},
 };
 
 // The name in the path; empty for a path without one, none when the path is another one.

@@ -28,6 +28,9 @@ struct Route {
     kSnapshot,
     kPictures,
     kDescription,
+    kMetrics,
+    kLive,
+    kReady,
     kHistory,
     kSession,       // who the client is
     kBeginSession,  // with a token

@@ -86,6 +86,7 @@ TEST_F(RtpReceiverTest, SortsWhatIsExchangedAndLeavesOutWhatCameTwice) {
     }
   }
   EXPECT_EQ(names_, Row(65'000, 70'000));
+  EXPECT_EQ(receiver_.lost(), 0U);
 }
 
 TEST_F(RtpReceiverTest, PassesOverWhatIsLostAfterAShortWait) {
@@ -98,6 +99,7 @@ TEST_F(RtpReceiverTest, PassesOverWhatIsLostAfterAShortWait) {
   std::vector<std::uint32_t> there = Row(0, 540);
   std::erase_if(there, [](std::uint32_t n) { return n % 100 == 50 || n % 100 == 53; });
   EXPECT_EQ(names_, there);
+  EXPECT_EQ(receiver_.lost(), 540 - there.size());
   // What comes in a burst is not kept without limit either.
   for (std::uint32_t number = 541; number < 1500; ++number) {
     now_ -= milliseconds(1);

@@ -23,7 +23,7 @@ using support::Colour;
 using support::MakeFrame;
 using support::Yv12Buffer;
 
-constexpr Time kFrame = 400'000;
+constexpr Time kFramePeriod = 400'000;
 constexpr Colour kBlack = {16, 128, 128};
 constexpr Colour kGreen = {145, 54, 34};
 
@@ -38,7 +38,7 @@ DecodedFrame Picture(ffmpeg::Frame frame, Time start = 0) {
   DecodedFrame picture;
   picture.frame = std::move(frame);
   picture.start = start;
-  picture.duration = kFrame;
+  picture.duration = kFramePeriod;
   return picture;
 }
 
@@ -94,9 +94,9 @@ TEST(FrameConverter, CopiesFramesThatFitAtTheRateOfTheCanvas) {
       ExpectColour(shown.At(x, y), {colourAt(x, y).y, chroma.u, chroma.v}, 0);
     }
   }
-  converter.Push(Picture(MakeFrame(32, 16, kGreen), kFrame / 2));
+  converter.Push(Picture(MakeFrame(32, 16, kGreen), kFramePeriod / 2));
   EXPECT_EQ(converter.Next(), nullptr) << "the canvas has 25 a second";
-  DecodedFrame jumped = Picture(MakeFrame(32, 16, kGreen), kFrame);
+  DecodedFrame jumped = Picture(MakeFrame(32, 16, kGreen), kFramePeriod);
   jumped.discontinuity = true;
   converter.Push(std::move(jumped));
   ASSERT_NE(converter.Next(), nullptr);
@@ -176,7 +176,7 @@ TEST(FrameConverter, ConvertsMatrixAndRangeToBt601StudioRange) {
       frame->color_range = each.range;
       const Yv12Buffer shown = Shown(converter, settings, std::move(frame), start);
       ExpectColour(shown.At(16, 8), each.to, 1);
-      start += kFrame;
+      start += kFramePeriod;
     }
   }
   ffmpeg::Frame red = ffmpeg::MakeFrame();
@@ -187,7 +187,7 @@ TEST(FrameConverter, ConvertsMatrixAndRangeToBt601StudioRange) {
     red->data[0][i] = i % red->linesize[0] % 3 == 0 ? 255 : 0;
   }
   ExpectColour(Shown(converter, settings, std::move(red), start).At(16, 9), {82, 90, 240});
-  start += kFrame;
+  start += kFramePeriod;
   // High definition that does not say what it is.
   ffmpeg::Frame frame = MakeFrame(1280, 720, {63, 102, 240});
   ExpectColour(Shown(converter, settings, std::move(frame), start).At(16, 8), {82, 90, 240}, 1);
@@ -315,7 +315,7 @@ TEST(FrameConverter, MapsHighDynamicRangeAndWideColoursToTheWall) {
         frame->colorspace = AVCOL_SPC_BT2020_NCL;
         const bool isGrey = light[0] == light[1] && light[1] == light[2];
         SCOPED_TRACE(testing::PrintToString(light) + " by " + std::to_string(transfer));
-        ExpectColour(Shown(converter, settings, std::move(frame), start += kFrame).At(16, 16),
+        ExpectColour(Shown(converter, settings, std::move(frame), start += kFramePeriod).At(16, 16),
                      OnTheWall(light, isHdr),
                      !isHdr   ? 2
                      : isGrey ? 5
@@ -323,8 +323,9 @@ TEST(FrameConverter, MapsHighDynamicRangeAndWideColoursToTheWall) {
       }
     }
     // In between, something that is for the wall as it is.
-    ExpectColour(Shown(converter, settings, MakeFrame(32, 32, kGreen), start += kFrame).At(16, 16),
-                 kGreen);
+    ExpectColour(
+        Shown(converter, settings, MakeFrame(32, 32, kGreen), start += kFramePeriod).At(16, 16),
+        kGreen);
   }
 }
 
@@ -362,7 +363,7 @@ std::vector<FrameConverter::FrameTimes> ConvertInterlaced(FrameConverter& conver
     }
   };
   for (int i = 0; i < 5; ++i) {
-    converter.Push(Picture(Interlaced(i), i * kFrame));
+    converter.Push(Picture(Interlaced(i), i * kFramePeriod));
     drain();
   }
   converter.Finish();
@@ -387,8 +388,8 @@ TEST(FrameConverter, DeinterlacesWhatIsMarkedAsInterlacedAndKeepsItsTimes) {
     ASSERT_EQ(times.size(), static_cast<std::size_t>(5 * fields));
     EXPECT_LT(combing[2], woven[2] / 5);
     for (std::size_t i = 0; i < times.size(); ++i) {
-      EXPECT_EQ(times[i].start, static_cast<Time>(i) * kFrame / fields);
-      EXPECT_EQ(times[i].duration, kFrame / fields);
+      EXPECT_EQ(times[i].start, static_cast<Time>(i) * kFramePeriod / fields);
+      EXPECT_EQ(times[i].duration, kFramePeriod / fields);
     }
   }
 }
@@ -406,7 +407,7 @@ TEST(FrameConverter, FollowsTheDisplayMatrixOfEachFrame) {
                                              [&](int x, int y) {
                                                return Colour{luma(x / 32, y / 16), 128, 128};
                                              }),
-                                   i * kFrame);
+                                   i * kFramePeriod);
     picture.orientation = OrientationOf(matrix);
     picture.discontinuity = i == 5;
     converter.Push(std::move(picture));
