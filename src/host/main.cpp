@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <ostream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "host/cli/check.h"
@@ -13,6 +14,8 @@
 #include "host/cli/run.h"
 #include "host/cli/show_log.h"
 #include "host/ffmpeg/log.h"
+#include "host/output/screen/screen_protocol.h"
+#include "host/output/screen/window/screen_window.h"
 #include "platform/os/console.h"
 #include "platform/os/process.h"
 #include "platform/os/standard_stream.h"
@@ -20,6 +23,9 @@
 
 int main(int argc, char** argv) {
   using namespace host::cli;
+  if (argc == 2 && std::string_view(argv[1]) == host::kScreenWindowCommand) {
+    return host::ShowScreenWindow();
+  }
   constexpr int kOutput = 1;
   constexpr int kErrors = 2;
   os::KeepLargeBlocksOutOfHeap();
@@ -34,8 +40,8 @@ int main(int argc, char** argv) {
   program.Add<CheckOptions>("check", "say what is wrong with a wall file", DefineCheck, CheckFile);
   program.Add<ProbeOptions>("probe", "say what a source carries, and what a wall does with it",
                             DefineProbe, Probe);
-  program.Add<DemoOptions>("demo", "a wall of built-in channels, as fast as the machine can",
-                           DefineDemo, Demo);
+  program.Add<DemoOptions>(
+      "demo", "a wall of built-in channels, as fast as the machine can, or live", DefineDemo, Demo);
   program.Add<RunOptions>("run", "run a wall live", DefineRun, Run);
   program.Add<RunOptions>("render", "make a file of a wall of files, as fast as the machine can",
                           DefineRender, Render);

@@ -22,7 +22,7 @@ render                = render/kernels util platform/text platform/os
 render/kernels        =
 pins                  = media sync log util platform
 filter                = pins render media sync log audio util platform
-host                  = host/cli host/ffmpeg util platform
+host                  = host/cli host/output/screen host/ffmpeg util platform
 host/ffmpeg           = util platform/os host/units.h
 host/config           = util platform log host/units.h
 host/feed             = log util platform host/ffmpeg host/units.h pins/streams.h
@@ -32,8 +32,9 @@ host/channel/video    = host/channel/source/media_info.h host/config host/ffmpeg
 host/channel/audio    = host/channel/source/media_info.h host/feed audio host/ffmpeg host/units.h
 host/channel/slate    = platform/text util host/units.h
 host/output           = log util platform host/feed host/config host/ffmpeg host/units.h
+host/output/screen/window = platform/os host/output/screen host/ffmpeg host/units.h
 host/session          = log util platform host/channel host/output host/feed host/config host/ffmpeg host/units.h filter/i_compose_command.h pins/streams.h
-host/control          = util platform/os host/session host/channel host/config host/ffmpeg host/units.h
+host/control          = util platform/os host/session host/output/screen/screen_input.h host/channel host/config host/ffmpeg host/units.h
 host/control/http     = util platform/os host/control host/config host/ffmpeg host/units.h
 host/cli              = log util platform host/control host/session host/channel host/output host/feed host/config host/ffmpeg host/units.h
 '
@@ -84,6 +85,9 @@ git grep -nE '^#(include|if)' -- 'src/*.h' 'src/*.cpp' | awk -v rules="$rules" '
   }
   $3 ~ /^#include <lib(av|sw)/ && path !~ /^host\/(ffmpeg|feed|channel|output|session|cli\/demo)\// {
     fault("FFmpeg is not known here")
+  }
+  $3 ~ /^#include <SDL/ && from != "host/output/screen/window" {
+    fault("the display is known in host/output/screen/window only")
   }
   $3 ~ /^#include <(boost|openssl)\// && from != "host/control/http" {
     fault("Boost and OpenSSL are known in host/control/http only")

@@ -6,6 +6,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "host/control/screen_commands.h"
+
 namespace host::cli {
 
 ControlLinks::ControlLinks(control::WallExecutor& executor, Settings settings)
@@ -45,6 +47,13 @@ void ControlLinks::Serve(const config::Wall& wall, const std::filesystem::path& 
       throw std::runtime_error(what);
     }
     complain_(what);
+  }
+}
+
+void ControlLinks::TakeInput(const std::string& screen, const ScreenInput& input) {
+  nlohmann::json command = control::CommandOf(input, *control_.state());
+  if (!command.is_null()) {
+    control_.Submit({std::move(command), screen, {}}, {});
   }
 }
 

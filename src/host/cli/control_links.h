@@ -15,6 +15,7 @@
 #include "host/control/socket_server.h"
 #include "host/control/tally/tally_receiver.h"
 #include "host/control/wall_control.h"
+#include "host/output/screen/screen_input.h"
 
 namespace host::cli {
 
@@ -44,6 +45,8 @@ class ControlLinks {
   control::EventFeed& events() { return control_.events(); }
   control::WallControl& control() { return control_; }
 
+  // What an operator does at a screen, by its name; any thread.
+  void TakeInput(const std::string& screen, const ScreenInput& input);
   // Asks for a reload of the wall file.
   void Reload();
   // Waits for requests, no longer than the limit, and carries out what waits.

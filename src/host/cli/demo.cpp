@@ -2,6 +2,7 @@
 
 #include <array>
 #include <filesystem>
+#include <ostream>
 
 #include <CLI/CLI.hpp>
 
@@ -33,6 +34,7 @@ std::string CheckRate(const std::string& text) {
 }
 
 constexpr double kMaxDemoLength = 3600;  // seconds
+constexpr int kLiveSpare = 4;            // channels that can be added to a live one
 
 // Seconds after the start when the alarm of the demo is on.
 constexpr double kAlarmIsOn = 6.5;
@@ -83,20 +85,36 @@ config::Wall DemoWall(const DemoOptions& options, const std::vector<std::filesys
 }  // namespace
 
 ExitCode Demo(const DemoOptions& options, Streams& streams) {
-  constexpr double kLength = 10;  // seconds
+  constexpr double kLength = 10;  // seconds; what the clips show repeats after them
+  config::Http http;
+  if (!UseHttp(options.http, http, streams)) {
+    return ExitCode::kUsage;
+  }
   WallCommand command;
   command.graph = options.graph;
   command.record = options.record;
-  command.record.seconds = options.record.seconds.value_or(kLength);
-  if (!command.record.snapshotAt && *command.record.seconds > kAlarmIsOn) {
-    command.record.snapshotAt = kAlarmIsOn;
-  }
   command.json = options.json;
+  command.live = !options.http.empty();
+  if (!command.live) {
+    command.record.seconds = options.record.seconds.value_or(kLength);
+    if (!command.record.snapshotAt && *command.record.seconds > kAlarmIsOn) {
+      command.record.snapshotAt = kAlarmIsOn;
+    }
+  }
   const os::TemporaryFolder folder;
-  const Time length = static_cast<Time>(*command.record.seconds * kSecond) + kSecond;
+  const Time length = command.live ? static_cast<Time>(kLength * kSecond)
+                                   : static_cast<Time>(*command.record.seconds * kSecond) + kSecond;
   const std::vector<std::filesystem::path> clips =
       WriteClips(BuiltInChannels(length), folder.Path());
   command.wall = DemoWall(options, clips);
+  if (command.live) {
+    command.wall.placesWindows = true;
+    command.wall.spare = kLiveSpare;
+    command.wall.http = http;
+    streams.err << "tavrel: open http://" << options.http
+                << "/ in a browser; Ctrl-C ends the wall\n"
+                << std::flush;
+  }
   return RunWallCommand(command, streams);
 }
 
@@ -122,6 +140,8 @@ void DefineDemo(CLI::App& app, DemoOptions& options) {
       ->envname("TAVREL_FRAME_RATE")
       ->capture_default_str()
       ->check(CheckRate);
+  DefineHttp(app, options.http,
+             "run it live, with the operator's page at ADDRESS:PORT, until Ctrl-C");
   app.add_flag("--json", options.json, "print the result as a line of JSON")
       ->envname("TAVREL_JSON");
   DefineGraph(app, options.graph);

@@ -10,17 +10,18 @@ namespace host::cli {
 
 struct DemoOptions {
   GraphOptions graph;
-  RecordOptions record;  // ten seconds, when not said otherwise
+  RecordOptions record;  // ten seconds, when not said otherwise; live until stopped
   int channels = 9;
   int width = 1920;
   int height = 1080;
   std::string frameRate = "25";
+  std::string http;  // address of the operator's page; empty: rendered, not live
   bool json = false;
 };
 
 void DefineDemo(CLI::App& app, DemoOptions& options);
 
-// A wall of built-in channels, rendered as fast as the machine can.
+// A wall of built-in channels, rendered as fast as the machine can, or live with the page.
 ExitCode Demo(const DemoOptions& options, Streams& streams);
 
 }  // namespace host::cli

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <ostream>
 #include <string>
 
 #include <CLI/CLI.hpp>
@@ -102,8 +103,10 @@ void DefineGraph(CLI::App& app, GraphOptions& options) {
 }
 
 void DefineRecord(CLI::App& app, RecordOptions& options) {
-  app.add_option("-o,--output", options.outputs,
-                 "write the mosaic to a file, a URL or - for the standard output; may be repeated")
+  app.add_option(
+         "-o,--output", options.outputs,
+         "write the mosaic to a file, a URL, - for the standard output, or show it on a screen: "
+         "(screen:1, ...); may be repeated")
       ->envname("TAVREL_OUTPUT")
       ->allow_extra_args(false);
   app.add_option("--format", options.format,
@@ -119,6 +122,26 @@ void DefineRecord(CLI::App& app, RecordOptions& options) {
   app.add_option("--seconds", options.seconds, "stop after so many seconds")
       ->envname("TAVREL_SECONDS")
       ->check(SecondsBetween(kMin, kMax));
+}
+
+void DefineHttp(CLI::App& app, std::string& address, const std::string& meaning) {
+  app.add_option("--http", address, meaning)
+      ->envname("TAVREL_HTTP")
+      ->check([](const std::string& text) -> std::string {
+        return config::ParseListenAddress(text) ? "" : config::kListenForm;
+      });
+}
+
+bool UseHttp(const std::string& address, config::Http& http, Streams& streams) {
+  if (address.empty()) {
+    return true;
+  }
+  http.listen = config::ParseListenAddress(address);
+  const auto mistake = config::HttpMistake(http);
+  if (mistake) {
+    streams.err << "tavrel: --http " << address << " " << mistake->second << "\n";
+  }
+  return !mistake;
 }
 
 }  // namespace host::cli

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "host/cli/program.h"
 #include "host/config/wall.h"
 
 namespace CLI {
@@ -37,5 +38,10 @@ std::function<std::string(const std::string&)> SecondsBetween(double least, doub
 
 void DefineGraph(CLI::App& app, GraphOptions& options);
 void DefineRecord(CLI::App& app, RecordOptions& options);
+// --http ADDRESS:PORT.
+void DefineHttp(CLI::App& app, std::string& address, const std::string& meaning);
+// Serves at that address, unless it is empty. False when the wall does not allow it there, which
+// has been reported.
+bool UseHttp(const std::string& address, config::Http& http, Streams& streams);
 
 }  // namespace host::cli

@@ -4,7 +4,6 @@
 
 #include "host/cli/check.h"
 #include "host/cli/wall_command.h"
-#include "host/config/value_text.h"
 #include "host/config/wall_reader.h"
 
 namespace host::cli {
@@ -18,12 +17,8 @@ ExitCode RunWall(const RunOptions& options, bool live, Streams& streams) {
   WallCommand command;
   command.wall = file.wall;
   command.wall.spare = live ? command.wall.spare : 0;
-  if (!options.http.empty()) {
-    command.wall.http.listen = config::ParseListenAddress(options.http);
-    if (const auto mistake = config::HttpMistake(command.wall.http)) {
-      streams.err << "tavrel: --http " << options.http << " " << mistake->second << "\n";
-      return ExitCode::kUsage;
-    }
+  if (!UseHttp(options.http, command.wall.http, streams)) {
+    return ExitCode::kUsage;
   }
   command.wallFile = options.wall;
   if (options.socket) {
@@ -46,11 +41,7 @@ void DefineRun(CLI::App& app, RunOptions& options) {
   app.add_flag("--json", options.json, "print the status as lines of JSON")->envname("TAVREL_JSON");
   app.add_flag("--events", options.events, "print alarms and changes as lines of JSON")
       ->envname("TAVREL_EVENTS");
-  app.add_option("--http", options.http, "serve the HTTP API at ADDRESS:PORT")
-      ->envname("TAVREL_HTTP")
-      ->check([](const std::string& text) -> std::string {
-        return config::ParseListenAddress(text) ? "" : config::kListenForm;
-      });
+  DefineHttp(app, options.http, "serve the operator's page and the HTTP API at ADDRESS:PORT");
   app.add_option(
          "--socket", options.socket,
          "where `tavrel ctl` reaches the wall; \"\" for nowhere [NAME.sock in the folder of "

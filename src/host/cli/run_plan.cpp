@@ -27,6 +27,16 @@ std::string Named(const std::string& argument, const std::string& target) {
 void TakeArguments(const RecordOptions& record, RunPlan& plan) {
   bool formatIsUsed = false;
   for (const std::string& url : record.outputs) {
+    if (config::IsScreen(url)) {
+      config::Screen screen;
+      const std::optional<int> display = config::DisplayOf(url);
+      screen.display = display.value_or(0);
+      if (!display) {
+        plan.mistakes.push_back(Named("--output", url) + " " + config::kDisplayForm);
+      }
+      plan.screens.push_back(screen);
+      continue;
+    }
     config::Output output;
     output.url = config::LocalPath(url).value_or(url);
     if (!record.format.empty() &&
@@ -77,6 +87,11 @@ RunPlan PlanRun(const WallCommand& command) {
   files.outputsAreArguments = !record.outputs.empty();
   if (!files.outputsAreArguments) {
     plan.outputs = command.wall.outputs;
+    plan.screens = command.wall.screens;
+  }
+  if (!command.live && !plan.screens.empty()) {
+    plan.mistakes.emplace_back(
+        "a screen shows a wall that runs live; use `tavrel run`, or name a file with --output");
   }
   for (config::Output& output : plan.outputs) {
     output.overwrite = output.overwrite || record.overwrite;

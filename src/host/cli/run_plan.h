@@ -11,6 +11,7 @@ namespace host::cli {
 
 struct RunPlan {
   std::vector<config::Output> outputs;  // those of the arguments, otherwise those of the wall
+  std::vector<config::Screen> screens;  // likewise
   bool toStandardOutput = false;        // one of them is the standard output
   std::vector<std::string> mistakes;    // sentences; with one, nothing may be opened
   std::vector<std::string> remarks;     // warnings and notes about the arguments

@@ -22,6 +22,8 @@
 #include "host/output/latest_frame.h"
 #include "host/output/snapshot.h"
 #include "host/session/wall_session.h"
+#include "platform/os/mutex.h"
+#include "platform/os/process.h"
 #include "platform/os/service.h"
 #include "platform/os/standard_stream.h"
 
@@ -106,6 +108,7 @@ class WallCommandRun {
     startedAt_ = std::chrono::steady_clock::now();
     command_.live ? RunLive(session) : RunRendering(session);
     counters_ = session.counters();
+    screens_ = session.screens();
     if (const int stuck = session.Finish([this] { return signals_.Requested(); }); stuck > 0) {
       messages_.Say(qorp::log::kWarning,
                     std::to_string(stuck) + " sources did not end in time and were abandoned");
@@ -135,6 +138,13 @@ class WallCommandRun {
     WallSession::Settings settings;
     settings.wall = command_.wall;
     settings.wall.outputs = plan_.outputs;
+    settings.wall.screens = plan_.screens;
+    settings.screen.program = os::ProgramPath();
+    settings.screen.title =
+        command_.wallFile.empty() ? "Tavrel" : command_.wallFile.stem().string();
+    settings.screen.takeInput = [this](const std::string& screen, const ScreenInput& input) {
+      links_->TakeInput(screen, input);
+    };
     settings.composerLibrary =
         command_.graph.library.empty() ? FindComposerLibrary() : command_.graph.library.string();
     settings.logger = &messages_.logger();
@@ -171,6 +181,7 @@ class WallCommandRun {
           live["channels"][entry.name] = ToJson(entry);
         }
       }
+      live["outputs"] = outputsLive();
       return live;
     };
     return settings;
@@ -199,6 +210,7 @@ class WallCommandRun {
       if (Elapsed() - lastStatus >= 1) {
         lastStatus = Elapsed();
         const WallStatus status = Status(session);
+        NoteOutputs(status);
         service.Say(status.LiveLine());
         if (command_.json) {
           lines_.Write(status.JsonLine());
@@ -239,6 +251,23 @@ class WallCommandRun {
     messages_.ShowProgress(command_.live ? status.LiveLine() : status.RenderingLine());
   }
 
+  // For requests, which any thread makes at any time.
+  void NoteOutputs(const WallStatus& status) {
+    nlohmann::ordered_json outputs = nlohmann::ordered_json::array();
+    for (const OutputSet::Status& output : status.outputs) {
+      outputs.push_back(ToJson(output, status.channels));
+    }
+    for (const ScreenOutput::Status& screen : status.screens) {
+      outputs.push_back(ToJson(screen));
+    }
+    const os::MutexLock guard(liveLock_);
+    outputsLive_ = std::move(outputs);
+  }
+  nlohmann::ordered_json outputsLive() {
+    const os::MutexLock guard(liveLock_);
+    return outputsLive_;
+  }
+
   WallStatus Status(WallSession& session) {
     counters_ = session.counters();
     WallStatus status;
@@ -246,6 +275,7 @@ class WallCommandRun {
     status.clock = session.now();
     status.counters = counters_;
     status.outputs = outputs_->status();
+    status.screens = session.screens();
     for (const OutputSet::Status& output : status.outputs) {
       status.dropped = std::max(status.dropped, output.video.dropped + output.video.leftOut);
     }
@@ -315,6 +345,9 @@ class WallCommandRun {
         out << "\n";
       }
     }
+    for (const ScreenOutput::Status& screen : screens_) {
+      out << screen.name << ": " << screen.shown << " frames shown\n";
+    }
     if (!snapshotFile_.empty()) {
       out << snapshotFile_ << "\n";
     }
@@ -336,6 +369,9 @@ class WallCommandRun {
     const std::vector<ChannelBoard::Entry> channels = board_.entries();
     for (const OutputSet::Status& status : outputs_->status()) {
       report["outputs"].push_back(ToJson(status, channels));
+    }
+    for (const ScreenOutput::Status& screen : screens_) {
+      report["outputs"].push_back(ToJson(screen));
     }
     report["channels"] = nlohmann::ordered_json::array();
     for (const ChannelBoard::Entry& entry : channels) {
@@ -361,7 +397,10 @@ class WallCommandRun {
   WallWatch watch_{board_};
   LatestFrame latestFrame_;
   OutputMessages outputMessages_;
-  OutputSet* outputs_ = nullptr;  // of the session
+  OutputSet* outputs_ = nullptr;               // of the session
+  std::vector<ScreenOutput::Status> screens_;  // at its end
+  os::Mutex liveLock_;
+  nlohmann::ordered_json outputsLive_ GUARDED_BY(liveLock_) = nlohmann::ordered_json::array();
   SnapshotFrame snapshot_;
   std::string snapshotFile_;  // that was written
   std::chrono::steady_clock::time_point startedAt_;

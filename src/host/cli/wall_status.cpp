@@ -407,6 +407,9 @@ std::string WallStatus::JsonLine() const {
   for (const OutputSet::Status& output : outputs) {
     json["outputs"].push_back(ToJson(output, channels));
   }
+  for (const ScreenOutput::Status& screen : screens) {
+    json["outputs"].push_back(ToJson(screen));
+  }
   return OneLine(json);
 }
 
@@ -430,6 +433,16 @@ nlohmann::ordered_json ToJson(const OutputSet::Status& output,
                              {"dropped", audio.dropped},
                              {"left_out", audio.leftOut},
                              {"silence", audio.silence}});
+  }
+  return json;
+}
+
+nlohmann::ordered_json ToJson(const ScreenOutput::Status& screen) {
+  nlohmann::ordered_json json = {{"url", screen.name},      {"state", NameOf(screen.state)},
+                                 {"frames", screen.shown},  {"skipped", screen.skipped},
+                                 {"behind", screen.behind}, {"failures", screen.failures}};
+  if (!screen.failure.empty()) {
+    json["failure"] = screen.failure;
   }
   return json;
 }

@@ -125,6 +125,7 @@ struct WallStatus {
   FrameWatch::Timing timing;  // of composing, since the status before
   std::vector<ChannelBoard::Entry> channels;
   std::vector<OutputSet::Status> outputs;
+  std::vector<ScreenOutput::Status> screens;
   double elapsed = 0;           // seconds that a rendering has taken
   std::optional<double> total;  // seconds that it makes, where that is known
 
@@ -144,6 +145,7 @@ struct WallStatus {
 // An output in a report.
 nlohmann::ordered_json ToJson(const OutputSet::Status& output,
                               const std::vector<ChannelBoard::Entry>& channels);
+nlohmann::ordered_json ToJson(const ScreenOutput::Status& screen);
 
 // Tells the service manager: ready once the first frame is composed, alive as long as frames are,
 // and the status line now and then. Application's thread.

@@ -58,5 +58,8 @@ void ReadTally(TableReader& reader, Wall& wall);
 
 // [[output]]
 Output ReadOutput(TableReader& reader, const FileContext& context);
+// [[output]] whose url is a screen.
+bool IsScreen(const toml::table& output);
+Screen ReadScreen(TableReader& reader);
 
 }  // namespace host::config

@@ -10,6 +10,9 @@ namespace {
 
 using qorp::LowerCase;
 
+constexpr std::string_view kScreen = "screen:";
+constexpr int kMaxDisplays = 16;
+
 std::map<std::string, std::string> ParseQuery(std::string_view text) {
   std::map<std::string, std::string> query;
   while (!text.empty()) {
@@ -69,6 +72,21 @@ bool Listens(const Url& url, const std::map<std::string, std::string>& options) 
 
 bool IsProcessStream(std::string_view text) {
   return text == "-" || text.starts_with("pipe:");
+}
+
+bool IsScreen(std::string_view text) {
+  return LowerCase(text.substr(0, kScreen.size())) == kScreen;
+}
+
+std::optional<int> DisplayOf(std::string_view screen) {
+  screen.remove_prefix(std::min(kScreen.size(), screen.size()));
+  int number = 0;
+  const auto [end, error] = std::from_chars(screen.data(), screen.data() + screen.size(), number);
+  const bool isNumber = error == std::errc() && end == screen.data() + screen.size();
+  if (!screen.empty() && (!isNumber || number < 0 || number >= kMaxDisplays)) {
+    return {};
+  }
+  return number;
 }
 
 std::optional<std::string> LocalPath(std::string_view text) {

@@ -30,6 +30,14 @@ bool Listens(const Url& url, const std::map<std::string, std::string>& options);
 // "-", "pipe:" and "pipe:N": a stream of the process itself.
 bool IsProcessStream(std::string_view text);
 
+// "screen:" and "screen:N": a display of this machine.
+bool IsScreen(std::string_view text);
+// The display's number, 0 without one; none when it is none from 0 to 15.
+std::optional<int> DisplayOf(std::string_view screen);
+
+inline constexpr const char* kDisplayForm =
+    "names no display: it is written as \"screen:\", or \"screen:1\" for the second of up to 16";
+
 // The path that a text names: the text itself, or what follows "file:" (in any case, with or
 // without
 // "//" and "localhost"). None for other URLs and for streams of the process.

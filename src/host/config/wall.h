@@ -246,15 +246,21 @@ struct Channel {
   bool operator==(const Channel&) const = default;
 };
 
-struct Output {
-  std::string url;     // as for a channel's source
-  std::string format;  // empty: by the name
-  std::string codec = "h264";
+// How the mosaic is encoded.
+struct Encoding {
+  std::string codec = "h264";  // FFmpeg's name of a codec or of an encoder
   std::string preset = "veryfast";
   std::int64_t bitRate = 0;       // bits per second; 0: constant quality
-  std::optional<double> quality;  // 0 (best) to 51
+  std::optional<double> quality;  // of libx264's scale, 0 (best) to 51; used without bit rate
   Time keyFrameInterval = 2 * kSecond;
-  bool lowDelay = false;
+  bool lowDelay = false;  // no reordering, no look-ahead
+
+  bool operator==(const Encoding&) const = default;
+};
+
+struct Output : Encoding {
+  std::string url;     // as for a channel's source
+  std::string format;  // empty: by the name
   bool audio = true;
   // How long a live output waits at its start for what is not known yet of the channels' audio.
   Time audioWait = 700 * kMillisecond;
@@ -264,6 +270,16 @@ struct Output {
   std::map<std::string, std::string> options;  // of FFmpeg's container and protocol
   Places places;
   bool operator==(const Output&) const = default;
+};
+
+// An output that shows a running wall on a display of this machine, without encoding it.
+struct Screen {
+  int display = 0;  // counted from 0
+  int width = 0;    // of the window, in the display's units; 0: full screen
+  int height = 0;
+  bool audio = false;  // of the channel that is followed, otherwise of the one that is selected
+  Places places;
+  bool operator==(const Screen&) const = default;
 };
 
 // The HTTP API of a running wall.
@@ -306,6 +322,7 @@ struct Wall {
   Canvas canvas;
   std::vector<Channel> channels;
   std::vector<Output> outputs;
+  std::vector<Screen> screens;
   LogOptions log;
   Http http;
   LayoutRules rules;

@@ -328,7 +328,11 @@ WallFile ParseWall(const std::string& text, const std::filesystem::path& folder)
     const std::vector<const toml::table*> outputs = root.Tables("output");
     for (std::size_t i = 0; i < outputs.size(); ++i) {
       TableReader reader(*outputs[i], Numbered("output", i + 1), file.diagnostics);
-      file.wall.outputs.push_back(ReadOutput(reader, context));
+      if (IsScreen(*outputs[i])) {
+        file.wall.screens.push_back(ReadScreen(reader));
+      } else {
+        file.wall.outputs.push_back(ReadOutput(reader, context));
+      }
     }
     root.Finish();
   }

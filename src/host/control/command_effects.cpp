@@ -12,6 +12,7 @@
 #include "host/config/layout.h"
 #include "host/config/value_text.h"
 #include "host/config/wall_reader.h"
+#include "host/session/wall_check.h"
 #include "util/time_text.h"
 
 namespace host::control {
@@ -91,6 +92,16 @@ void WriteToml(const Json& value, const std::string& pointer, std::string& text,
 
 // The keys of the command that are those of a channel. Throws CommandError that points to the first
 // one that is wrong.
+// What the checker of wall files finds wrong with an address.
+void CheckNewSource(const config::Channel& channel) {
+  for (const Finding& finding : CheckSource(channel)) {
+    if (finding.severity == config::Diagnostic::Severity::kError &&
+        finding.key.starts_with("source")) {
+      throw CommandError(Kind::kMalformed, finding.what, "/" + finding.key);
+    }
+  }
+}
+
 config::ChannelText ReadChannelKeys(const Json& command, const std::vector<std::string>& others,
                                     const CommandContext& context, config::Channel base) {
   std::string text;
@@ -107,12 +118,16 @@ config::ChannelText ReadChannelKeys(const Json& command, const std::vector<std::
     WriteToml(value, "/" + key, text, 0);
     text += '\n';
   }
+  const std::string formerSource = base.source;
   config::ChannelText channel = config::ParseChannel(text, context.folder, std::move(base));
   for (const config::Diagnostic& diagnostic : channel.diagnostics.all()) {
     if (diagnostic.severity == config::Diagnostic::Severity::kError) {
       throw CommandError(Kind::kMalformed, diagnostic.message,
                          diagnostic.key.empty() ? "" : "/" + diagnostic.key, diagnostic.nearest);
     }
+  }
+  if (channel.channel.source != formerSource) {
+    CheckNewSource(channel.channel);
   }
   return channel;
 }

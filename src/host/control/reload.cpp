@@ -31,7 +31,7 @@ std::vector<std::string> NeedsRestart(const config::Wall& running, const config:
   compare(a.clockOffset == b.clockOffset && a.preroll == b.preroll, "the clock");
   compare(a.delay == b.delay, "the delay");
   compare(running.spare == file.spare, "the number of spare channels");
-  compare(running.outputs == file.outputs, "the outputs");
+  compare(running.outputs == file.outputs && running.screens == file.screens, "the outputs");
   compare(running.log == file.log, "the log");
   compare(running.http == file.http, "the HTTP server");
   compare(running.control == file.control, "the control socket");

@@ -48,6 +48,16 @@ ChannelControls ControlsOf(const ChannelEntry& entry) {
 
 }  // namespace
 
+std::optional<std::size_t> HeardSlot(const WallState& state) {
+  if (!state.follow.empty()) {
+    return state.SlotOf(state.follow);
+  }
+  const auto selected = std::find_if(state.order.begin(), state.order.end(), [&](std::size_t slot) {
+    return state.slots[slot]->settings.selected;
+  });
+  return selected == state.order.end() ? std::nullopt : std::optional(*selected);
+}
+
 std::vector<WindowState> WindowsOf(const WallState& state) {
   std::vector<WindowState> windows;
   for (const std::optional<ChannelEntry>& entry : state.slots) {
@@ -73,6 +83,9 @@ std::int64_t SessionExecutor::Execute(const WallState& before, const WallState& 
   }
   for (std::size_t slot = 0; slot < next.slots.size(); ++slot) {
     ChangeSlot(slot, before.slots[slot], next.slots[slot]);
+  }
+  if (const auto heard = HeardSlot(next); heard != HeardSlot(before)) {
+    session_.Listen(heard);
   }
   if (before.follow != next.follow) {
     return std::max(*frame, session_.Follow(next.SlotOf(next.follow)));

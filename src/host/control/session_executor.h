@@ -1,7 +1,9 @@
 // SessionExecutor: makes a running wall as its state says.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include "host/channel/window_schedule.h"
@@ -25,6 +27,10 @@ class SessionExecutor final : public WallExecutor {
 
   WallSession& session_;
 };
+
+// The channel that is heard at the screens: the one that is followed, otherwise the one that is
+// selected, or none.
+std::optional<std::size_t> HeardSlot(const WallState& state);
 
 // What the composer is answered for a wall of that state; slots without a channel are hidden.
 std::vector<WindowState> WindowsOf(const WallState& state);

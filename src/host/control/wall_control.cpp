@@ -200,6 +200,7 @@ Accepted WallControl::CarryOut(const Request& request, const WallState& before) 
     // What stays as it was until a restart is compared with the next time, too.
     file->canvas = running_.canvas;
     file->outputs = running_.outputs;
+    file->screens = running_.screens;
     file->log = running_.log;
     file->http = running_.http;
     file->spare = running_.spare;

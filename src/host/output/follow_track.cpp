@@ -163,6 +163,11 @@ void FollowMixer::Emit(const Sink& sink) {
 FollowTrack::FollowTrack(std::vector<std::shared_ptr<AudioTrack>> tracks, TakePacket take)
     : tracks_(std::move(tracks)), take_(std::move(take)), thread_([this] { Run(); }, "follow") {}
 
+FollowTrack::FollowTrack(std::vector<std::shared_ptr<AudioTrack>> tracks, TakeSamples takeSamples)
+    : tracks_(std::move(tracks)),
+      takeSamples_(std::move(takeSamples)),
+      thread_([this] { Run(); }, "follow") {}
+
 FollowTrack::~FollowTrack() {
   queue_.Close();
   thread_.Wait(os::kInfinite);
@@ -187,8 +192,10 @@ void FollowTrack::Take(std::size_t channel, const AVPacket& packet) {
 
 void FollowTrack::Run() {
   try {
-    audio_->Fix(AacFormat(kSampleRate, kChannels, {}));
-    encoder_ = std::make_unique<AudioEncoder>(*audio_->format()->parameters);
+    if (take_) {
+      audio_->Fix(AacFormat(kSampleRate, kChannels, {}));
+      encoder_ = std::make_unique<AudioEncoder>(*audio_->format()->parameters);
+    }
   } catch (const ffmpeg::Error&) {
     return;  // no encoder for AAC: the track stays silent
   }
@@ -226,7 +233,11 @@ void FollowTrack::Decode(const Item& item) {
     }
     const Time start = frame->pts != AV_NOPTS_VALUE ? frame->pts : item.packet->pts;
     mixer_.Push(item.channel, std::move(frame), start, [this](const AVFrame& part, Time at) {
-      encoder_->Push(part, at, [this](ffmpeg::Packet packet) { take_(*packet); });
+      if (encoder_) {
+        encoder_->Push(part, at, [this](ffmpeg::Packet packet) { take_(*packet); });
+      } else {
+        takeSamples_(part, at);
+      }
     });
   }
 }

@@ -65,10 +65,13 @@ class FollowMixer {
 class FollowTrack {
  public:
   using TakePacket = std::function<void(const AVPacket& packet)>;
+  using TakeSamples = FollowMixer::Sink;
 
   // tracks: of the channels, whose formats their packets have. take: called by the track's thread;
   // outlives it.
   FollowTrack(std::vector<std::shared_ptr<AudioTrack>> tracks, TakePacket take);
+  // Without encoding: takeSamples gets what is decoded; likewise.
+  FollowTrack(std::vector<std::shared_ptr<AudioTrack>> tracks, TakeSamples takeSamples);
   ~FollowTrack();
   FollowTrack(const FollowTrack&) = delete;
   FollowTrack& operator=(const FollowTrack&) = delete;
@@ -93,7 +96,8 @@ class FollowTrack {
   void Decode(const Item& item);
 
   const std::vector<std::shared_ptr<AudioTrack>> tracks_;
-  const TakePacket take_;
+  const TakePacket take_;          // empty: nothing is encoded
+  const TakeSamples takeSamples_;  // empty: it is
   const std::shared_ptr<AudioTrack> audio_ = std::make_shared<AudioTrack>();
   // Packets of these are wanted: of the one that is followed and of the one before it.
   std::atomic<std::size_t> wanted_{kNone};
@@ -106,7 +110,7 @@ class FollowTrack {
   };
   std::map<std::size_t, Decoder> decoders_;
   FollowMixer mixer_;
-  std::unique_ptr<AudioEncoder> encoder_;
+  std::unique_ptr<AudioEncoder> encoder_;  // null: nothing is encoded
   os::Thread thread_;
 };
 

@@ -25,20 +25,14 @@ std::optional<std::string> NearestVideoCodec(const std::string& name);
 // by one output on its thread; no lock. Encoders use threads of their own inside.
 class VideoEncoder {
  public:
-  struct Settings {
+  struct Settings : config::Encoding {
     int width = 0;  // pixels, even
     int height = 0;
     Ratio frameRate{25, 1};
     Ratio pixelAspect{1, 1};
-    std::string codec = config::Output().codec;  // FFmpeg's name of a codec or of an encoder
-    std::string preset = config::Output().preset;
-    std::int64_t bitRate = 0;  // bits per second; 0: constant quality
     // Bits per second that constant quality does not exceed over a second, where the encoder can
     // hold to it; 0: no limit.
     std::int64_t maxRate = 0;
-    std::optional<double> quality;  // of libx264's scale, 0 (best) to 51; used without bit rate
-    Time keyFrameInterval = config::Output().keyFrameInterval;
-    bool lowDelay = false;  // no reordering, no look-ahead
     // How late the first packet may leave the encoder, as far as the number of its threads decides
     // about that and its preset is the default one; 0: no limit.
     Time maxDelay = 0;

@@ -35,17 +35,11 @@ bool IsWatchedLive(const config::Output& output) {
 
 VideoEncoder::Settings EncoderOf(const config::Canvas& canvas, const config::Output& output,
                                  bool live) {
-  VideoEncoder::Settings encoder;
+  VideoEncoder::Settings encoder{output};
   encoder.width = canvas.width;
   encoder.height = canvas.height;
   encoder.frameRate = canvas.frameRate;
   encoder.pixelAspect = canvas.pixelAspect();
-  encoder.codec = output.codec;
-  encoder.preset = output.preset;
-  encoder.bitRate = output.bitRate;
-  encoder.quality = output.quality;
-  encoder.keyFrameInterval = output.keyFrameInterval;
-  encoder.lowDelay = output.lowDelay;
   if (live) {
     encoder.maxDelay = IsWatchedLive(output) ? kMaxNetworkDelay : kMaxEncoderDelay;
   }

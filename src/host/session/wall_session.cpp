@@ -86,12 +86,16 @@ WallSession::WallSession(Settings settings)
   OutputSet::Settings outputs = OutputsOfWall(settings_.wall, settings_.live);
   outputs.queue = settings_.outputQueue;
   outputs.finishLimit = settings_.finishLimit;
+  std::vector<std::shared_ptr<AudioTrack>> tracks;
+  for (const OutputSession::Track& channel : outputs.tracks) {
+    tracks.push_back(channel.audio);
+  }
+  config::Wall shown = settings_.wall;
+  shown.screens.resize(settings_.live ? shown.screens.size() : 0);
+  screens_ =
+      std::make_unique<WallScreens>(shown, tracks, settings_.screen, settings_.outputObserver);
   if (settings_.wall.follow && !outputs.outputs.empty()) {
     const std::size_t track = outputs.tracks.size();
-    std::vector<std::shared_ptr<AudioTrack>> tracks;
-    for (const OutputSession::Track& channel : outputs.tracks) {
-      tracks.push_back(channel.audio);
-    }
     follow_ = std::make_unique<FollowTrack>(
         std::move(tracks),
         [this, track](const AVPacket& packet) { outputs_->TakeAudio(track, packet, 0); });
@@ -114,7 +118,7 @@ WallSession::WallSession(Settings settings)
   Check(graph_->AddFilter(composer_.filter(), u"composer"), "add the composer to the graph");
   Check(graph_->AddFilter(background_.Get(), u"background"), "add the background to the graph");
   Check(graph_->AddFilter(sink_.Get(), u"composition"), "add the sink to the graph");
-  if (!outputs_->empty()) {
+  if (!outputs_->empty() || screens_->hasAudio()) {
     for (const OutputSession::Track& track : outputs.tracks) {
       audioTracks_.push_back(track.audio);
     }
@@ -124,6 +128,7 @@ WallSession::WallSession(Settings settings)
                                      packet->pts -= latency;
                                      packet->dts -= latency;
                                      outputs_->TakeAudio(channel, *packet, shift - latency);
+                                     screens_->TakeAudio(channel, *packet);
                                      if (follow_) {
                                        follow_->Take(channel, *packet);
                                      }
@@ -175,6 +180,7 @@ void WallSession::Take(const ComPtr<IMediaSample>& frame, Time start) {
     composedAt_.store(std::chrono::steady_clock::now().time_since_epoch().count(),
                       std::memory_order_relaxed);
     outputs_->Take(frame, start - first);
+    screens_->Take(frame, start);
     if (settings_.takeFrame) {
       settings_.takeFrame(frame, start - first);
     }
@@ -324,6 +330,10 @@ std::int64_t WallSession::Follow(std::optional<std::size_t> slot) {
   return NumberOf(from);
 }
 
+void WallSession::Listen(std::optional<std::size_t> slot) {
+  screens_->Listen(slot, clock_.Now() + settings_.wall.canvas.delay + kFollowLead);
+}
+
 std::int64_t WallSession::NumberOf(Time start) const {
   const Ratio rate = settings_.wall.canvas.frameRate;
   return FrameAt(start, rate) - FrameAt(firstComposed_, rate);
@@ -452,6 +462,7 @@ void WallSession::Stop() {
 
 int WallSession::Finish(const std::function<bool()>& hurried) {
   follow_.reset();
+  screens_->Finish();
   outputs_->Finish(hurried);
   const auto deadline = std::chrono::steady_clock::now() + kReadersLimit;
   return static_cast<int>(std::count_if(

@@ -17,6 +17,7 @@
 #include "host/session/composer_filter.h"
 #include "host/session/label_files.h"
 #include "host/session/wall_clock.h"
+#include "host/session/wall_screens.h"
 #include "platform/graph/filter_graph.h"
 
 namespace host {
@@ -43,6 +44,7 @@ class WallSession {
     // Gets every composed frame besides the outputs, on the composition thread; returns at once.
     // May be null.
     CompositionSink::TakeFrame takeFrame;
+    ScreenLinks screen;  // of a live wall with screens, whose program is given
     bool live = false;
     // At which a rendered wall decodes all its channels; everything but in measurements.
     DecodeStep renderStep = DecodeStep::kFull;
@@ -97,10 +99,13 @@ class WallSession {
   // The channel whose audio the follow track carries, or none. Returns the number of the first
   // composed frame with it.
   std::int64_t Follow(std::optional<std::size_t> slot);
+  // The channel that is heard at the screens, or none.
+  void Listen(std::optional<std::size_t> slot);
   // Ends what is left of former channels; now and then.
   void Tidy();
 
   OutputSet& outputs() { return *outputs_; }
+  std::vector<ScreenOutput::Status> screens() const { return screens_->status(); }
   Counters counters() const;
   // How long composing took, since it was asked last.
   FrameWatch::Timing TakeTiming() { return watch_->TakeTiming(); }
@@ -151,6 +156,7 @@ class WallSession {
   std::vector<std::shared_ptr<AudioTrack>> audioTracks_;  // one for each channel
   std::unique_ptr<OutputSet> outputs_;
   std::unique_ptr<FollowTrack> follow_;  // null of a wall without
+  std::unique_ptr<WallScreens> screens_;
   // The graph is destroyed first and with it every filter; then the composer's library.
   ComposerFilter composer_;
   std::vector<ComPtr<WallWindow>> windows_;

@@ -18,6 +18,7 @@
 #include <sys/resource.h>
 
 #include "host/config/wall_reader.h"
+#include "host/control/http/history.h"
 #include "host/control/http/http_server.h"
 #include "host/control/http/openapi.h"
 #include "tests/support/temporary_folder.h"
@@ -205,6 +206,82 @@ TEST_F(HttpTest, RefusesForeignRequestsAndTooLargeOnesAndLeavesTheWallAsItIs) {
   }
   EXPECT_EQ(control_.version(), 1U);
   EXPECT_THAT(Ask(post, solo, may + own), HasSubstr("HTTP/1.1 200"));
+}
+
+TEST_F(HttpTest, ASessionStandsForItsTokenInABrowserAndThePageIsServedToAnybody) {
+  WriteWholeFile(folder_ / "tokens", "view 0123456789abcdef\noperate 0123456789ABCDEF\n");
+  std::filesystem::permissions(folder_ / "tokens", std::filesystem::perms(0600));
+  settings_.http.tokenFile = folder_ / "tokens";
+  Start();
+  const std::string own = "Origin: http://127.0.0.1:" + port_ + "\r\n";
+  const std::string session = "POST /api/v1/session";
+  const auto cookieOf = [&](const std::string& token) {
+    const std::string answer = Ask(session, R"({"token":")" + token + "\"}", own);
+    const std::size_t at = answer.find("tavrel_session=");
+    EXPECT_THAT(answer, HasSubstr("; Path=/; HttpOnly; SameSite=Strict\r\n"));
+    return at == std::string::npos ? "" : "Cookie: a=b; " + answer.substr(at, 47) + "\r\n";
+  };
+  const std::string view = cookieOf("0123456789abcdef");
+  const std::string operate = cookieOf("0123456789ABCDEF");
+  const std::string solo = R"({"command":"solo","channel":"Cam 1"})";
+  const std::string post = "POST /api/v1/commands";
+  struct Case {
+    std::string line, body, fields, status, says;
+  };
+  for (const Case& one : std::vector<Case>{
+           {"GET /", "", "", "200", "default-src 'self'; media-src 'self' blob:;"},
+           {"GET /page/main.js", "", "", "200", "text/javascript"},
+           {"GET /page/none.js", "", "", "404", "problem+json"},
+           {"GET /api/v1/session", "", "", "200", R"({"role":null,"asks_for_token":true})"},
+           {session, R"({"token":"0123456789ABCDEf"})", own, "401", "token"},
+           {session, R"({"token":"0123456789ABCDEF"})", "Origin: http://evil.example\r\n", "403",
+            ""},
+           {session, R"({"token":7})", own, "422", ""},
+           {"GET /api/v1/session", "", view, "200", R"({"role":"view","asks_for_token":true})"},
+           {"GET /api/v1/history", "", view, "200", "[]"},
+           {"GET /api/v1/history", "", "Cookie: tavrel_session=\r\n", "401", ""},
+           {post, solo, own + view, "403", "role"},
+           {post, solo, operate, "403", "foreign"},
+           {post, solo, operate + "Origin: http://evil.example\r\n", "403", "foreign"},
+           {post, solo, own + operate, "200", R"("version":2)"},
+           {"GET /api/v1/history", "", operate, "200",
+            R"("commands":{"channel":"Cam 1","command":"solo"},"number":1,"time":"2)"},
+           {"GET /api/v1/history?before=1", "", operate, "200", "\r\n\r\n[]"},
+           {"DELETE /api/v1/session", "", own + operate, "200", "Max-Age=0"},
+           {post, solo, own + operate, "401", ""}}) {
+    EXPECT_THAT(Ask(one.line, one.body, one.fields),
+                AllOf(HasSubstr("HTTP/1.1 " + one.status), HasSubstr(one.says)))
+        << one.line << one.body << one.fields;
+  }
+  const std::string page = Ask("GET /");
+  const std::string tag = page.substr(page.find("ETag: ") + 6, 34);
+  EXPECT_THAT(Ask("GET /", "", "If-None-Match: " + tag + "\r\n"), HasSubstr("HTTP/1.1 304"));
+  // The oldest of too many sessions ends.
+  for (int i = 0; i < 256; ++i) {
+    cookieOf("0123456789ABCDEF");
+  }
+  EXPECT_THAT(Ask("GET /api/v1/wall", "", view), HasSubstr("HTTP/1.1 401"));
+}
+
+TEST(History, KeepsWhatHappenedWithinItsBoundsWithoutTheWholeState) {
+  EventFeed feed(16);
+  std::chrono::system_clock::time_point now{};
+  feed.Publish(R"({"event":"changed","state":{"version":2}})");
+  History history(feed, {}, [&] { return now; },
+                  {.age = std::chrono::hours(1), .entries = 30, .bytes = 3000, .entryBytes = 200});
+  feed.Publish(R"({"event":"channel","state":"live","time":"T"})");
+  EXPECT_EQ(history.Json(), R"([{"event":"channel","state":"live","time":"T","number":2},)"
+                            R"({"event":"changed","number":1,"time":"1970-01-01T00:00:00.000Z"}])");
+  feed.Publish(R"({"event":"changed","commands":")" + std::string(300, 'x') + "\"}");
+  EXPECT_THAT(history.Json(), HasSubstr(R"([{"event":"changed","number":3)"));
+  for (int i = 0; i < 2000; ++i) {  // more than may wait: it continues with what is still there
+    feed.Publish(R"({"event":"audio","time":"T"})");
+  }
+  EXPECT_LT(history.Json().size(), 3000U);
+  feed.Publish(R"({"event":"last","time":"T"})");
+  EXPECT_THAT(history.Json(), HasSubstr(R"([{"event":"last")"));
+  now += std::chrono::hours(2);
+  EXPECT_EQ(history.Json(), "[]");
 }
 
 TEST_F(HttpTest, ServesWhileAThousandOthersSayNothingOrHalfOfSomething) {

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include <openssl/crypto.h>
+#include <openssl/rand.h>
 #include <openssl/sha.h>
 
 #include "host/config/value_text.h"
@@ -19,6 +20,8 @@ namespace {
 constexpr std::size_t kMinToken = 16;  // characters
 constexpr std::size_t kMaxTokens = 1024;
 constexpr std::string_view kBearer = "bearer ";
+constexpr std::string_view kCookie = "tavrel_session=";
+constexpr std::string_view kHexDigits = "0123456789abcdef";
 
 // Of the name and port in Host and Origin, the name: "[::1]:8080" is "::1".
 std::string NameOf(const std::string& authority) {
@@ -43,6 +46,26 @@ bool IsSameOrigin(const std::string& origin, const std::string& host) {
     }
   }
   return false;
+}
+
+// The value of the session's cookie; empty when there is none.
+std::string SessionCookieIn(const std::string& cookies) {
+  for (std::size_t at = 0; at < cookies.size();) {
+    const std::size_t end = std::min(cookies.find(';', at), cookies.size());
+    const std::string_view one = std::string_view(cookies).substr(at, end - at);
+    if (one.starts_with(kCookie)) {
+      return std::string(one.substr(kCookie.size()));
+    }
+    at = end + 1;
+    while (at < cookies.size() && cookies[at] == ' ') {
+      ++at;
+    }
+  }
+  return {};
+}
+
+std::string CookieAttributes(const Head& head) {
+  return std::string("; Path=/; HttpOnly; SameSite=Strict") + (head.isTls ? "; Secure" : "");
 }
 
 bool IsLoopbackName(const std::string& name) {
@@ -97,13 +120,28 @@ void Access::ReadTokens(const std::filesystem::path& file) {
            ": each is \"view TOKEN\" or \"operate TOKEN\", a token of " +
            std::to_string(kMinToken) + " characters at least");
     }
-    Token one{{}, role == "view" ? Role::kView : Role::kOperate};
-    SHA256(reinterpret_cast<const std::uint8_t*>(token.data()), token.size(), one.digest.data());
-    tokens_.push_back(one);
+    tokens_.push_back({DigestOf(token), role == "view" ? Role::kView : Role::kOperate});
   }
   if (tokens_.empty()) {
     fail("has no token");
   }
+}
+
+Access::Digest Access::DigestOf(const std::string& secret) {
+  Digest digest{};
+  SHA256(reinterpret_cast<const std::uint8_t*>(secret.data()), secret.size(), digest.data());
+  return digest;
+}
+
+std::optional<Role> Access::RoleIn(const std::deque<Token>& tokens, const std::string& secret) {
+  const Digest digest = DigestOf(secret);
+  std::optional<Role> role;
+  for (const Token& one : tokens) {
+    if (CRYPTO_memcmp(one.digest.data(), digest.data(), digest.size()) == 0) {
+      role = std::max(role.value_or(Role::kView), one.role);
+    }
+  }
+  return role;
 }
 
 std::optional<Role> Access::RoleOf(const Head& head) const {
@@ -111,20 +149,41 @@ std::optional<Role> Access::RoleOf(const Head& head) const {
     return Role::kOperate;
   }
   const std::string& field = head.authorization;
-  if (!EqualsIgnoringCase(field.substr(0, kBearer.size()), std::string(kBearer))) {
-    return std::nullopt;
+  if (EqualsIgnoringCase(field.substr(0, kBearer.size()), std::string(kBearer))) {
+    return RoleIn(tokens_, field.substr(kBearer.size()));
   }
-  // Digests have one length, and each is compared to its end: the time says nothing of a token.
-  Digest digest{};
-  const std::string token = field.substr(kBearer.size());
-  SHA256(reinterpret_cast<const std::uint8_t*>(token.data()), token.size(), digest.data());
-  std::optional<Role> role;
-  for (const Token& one : tokens_) {
-    if (CRYPTO_memcmp(one.digest.data(), digest.data(), digest.size()) == 0) {
-      role = std::max(role.value_or(Role::kView), one.role);
-    }
+  const std::string cookie = SessionCookieIn(head.cookie);
+  return cookie.empty() ? std::nullopt : RoleIn(sessions_, cookie);
+}
+
+std::string Access::BeginSession(const Head& head, const std::string& token) {
+  const std::optional<Role> role = RoleIn(tokens_, token);
+  if (!role) {
+    throw Problem(401, "token", "The token is not known",
+                  "the token is none of those of this wall");
   }
-  return role;
+  std::array<std::uint8_t, 16> random{};
+  if (RAND_bytes(random.data(), static_cast<int>(random.size())) != 1) {
+    throw std::runtime_error("the system has no random numbers for a session");
+  }
+  std::string cookie;
+  for (const std::uint8_t byte : random) {
+    cookie += kHexDigits[byte >> 4];
+    cookie += kHexDigits[byte & 15];
+  }
+  sessions_.push_back({DigestOf(cookie), *role});
+  if (sessions_.size() > kMaxSessions) {
+    sessions_.pop_front();
+  }
+  return std::string(kCookie) + cookie + CookieAttributes(head);
+}
+
+std::string Access::EndSession(const Head& head) {
+  const Digest digest = DigestOf(SessionCookieIn(head.cookie));
+  std::erase_if(sessions_, [&](const Token& one) {
+    return CRYPTO_memcmp(one.digest.data(), digest.data(), digest.size()) == 0;
+  });
+  return std::string(kCookie) + CookieAttributes(head) + "; Max-Age=0";
 }
 
 bool Access::IsOwnHost(const std::string& host, const Head& head) const {
@@ -143,18 +202,25 @@ void Access::Check(const Head& head, const Route& route) const {
     throw Problem(421, "unknown-host", "The request is for another host",
                   "\"" + head.host + "\" is no name of this wall; \"hosts\" in [http] adds names");
   }
-  const bool keeps = route.what == Route::What::kEvents || route.what == Route::What::kWebSocket;
+  // Browsers send cookies by themselves, and with them where a changing request comes from.
+  const bool hasNoOrigin = head.origin.empty() && head.authorization.empty() && asksForToken_ &&
+                           (route.changes() || route.what == Route::What::kWebSocket);
   const bool isForeign = (!head.origin.empty() && !IsSameOrigin(head.origin, head.host)) ||
-                         head.fetchSite == "cross-site" || head.fetchSite == "same-site";
-  if ((route.changes() || keeps) && isForeign) {
+                         head.fetchSite == "cross-site" || head.fetchSite == "same-site" ||
+                         (hasNoOrigin && !SessionCookieIn(head.cookie).empty());
+  if (route.isOwnOnly() && isForeign) {
     throw Problem(403, "foreign-origin", "The request comes from another site",
                   "a page of another site may neither change nor follow the wall");
+  }
+  if (route.isOpen()) {
+    return;
   }
   const std::optional<Role> role = RoleOf(head);
   if (!role) {
     throw Problem(401, "token", "The request needs a token",
-                  head.authorization.empty() ? "send \"Authorization: Bearer TOKEN\""
-                                             : "the token is not known")
+                  head.authorization.empty()
+                      ? "send \"Authorization: Bearer TOKEN\", or begin a session"
+                      : "the token is not known")
         .With("WWW-Authenticate", "Bearer realm=\"wall\"");
   }
   if (*role < route.role()) {

@@ -2,7 +2,9 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -16,7 +18,7 @@ namespace host::control::http {
 
 // A browser runs what any site sends it, on a machine that may reach the wall: so a request must
 // name the wall as its host, and one that changes it or keeps a connection must come from a page of
-// the wall, or from no page at all. Immutable: any thread.
+// the wall, or from no page at all. Server's thread.
 class Access {
  public:
   // Throws std::runtime_error, for a person, when the settings or the file of tokens cannot be
@@ -25,22 +27,37 @@ class Access {
 
   // Throws Problem: 400, 401, 403 or 421.
   void Check(const Head& head, const Route& route) const;
-  // What the credentials of the request allow; none when there are none that are known. Other kinds
-  // of credentials, such as a cookie, would be looked at here.
+  // What the credentials of the request allow, a token or the cookie of a session; none when there
+  // are none that are known.
   std::optional<Role> RoleOf(const Head& head) const;
+  // None when it is not known.
+  std::optional<Role> RoleOfToken(const std::string& token) const { return RoleIn(tokens_, token); }
+  bool asksForToken() const { return asksForToken_; }
+
+  // Returns the cookie of a session with the role of the token, as a field Set-Cookie has it. The
+  // oldest of too many sessions ends. Throws Problem 401 when the token is not known, and
+  // std::runtime_error when there is no randomness.
+  std::string BeginSession(const Head& head, const std::string& token);
+  // Returns the field Set-Cookie that removes the cookie. Harmless without a session.
+  std::string EndSession(const Head& head);
 
  private:
+  static constexpr std::size_t kMaxSessions = 256;
   using Digest = std::array<std::uint8_t, 32>;
+  // Digests have one length, and each is compared to its end: the time says nothing of a secret.
   struct Token {
     Digest digest;
     Role role;
   };
 
+  static Digest DigestOf(const std::string& secret);
+  static std::optional<Role> RoleIn(const std::deque<Token>& tokens, const std::string& secret);
   void ReadTokens(const std::filesystem::path& file);
   bool IsOwnHost(const std::string& host, const Head& head) const;
 
   bool asksForToken_ = false;
-  std::vector<Token> tokens_;
+  std::deque<Token> tokens_;
+  std::deque<Token> sessions_;  // by their cookies, oldest first
   std::vector<std::string> hosts_;
 };
 

@@ -203,6 +203,29 @@ Answer Api::AnswerOf(const Match& match, const Result& result) const {
           .fields = {{"ETag", Tag(accepted.version)}}};
 }
 
+std::string Api::TokenIn(const std::string& body) {
+  const nlohmann::json json = ParseJson(body);
+  if (!json.is_object() || json.size() != 1 || !json.contains("token") ||
+      !json["token"].is_string()) {
+    throw Malformed("the body is {\"token\": \"...\"}");
+  }
+  return json["token"].get<std::string>();
+}
+
+std::optional<std::uint64_t> Api::BeforeIn(const std::string& query) {
+  constexpr std::string_view kBefore = "before=";
+  if (query.empty()) {
+    return std::nullopt;
+  }
+  std::uint64_t number = 0;
+  const char* const last = query.data() + query.size();
+  if (!query.starts_with(kBefore) || query.size() == kBefore.size() ||
+      std::from_chars(query.data() + kBefore.size(), last, number).ptr != last) {
+    throw Malformed("the query is nothing or \"before=NUMBER\"", 400);
+  }
+  return number;
+}
+
 Api::Message Api::MessageOf(const std::string& text, const std::string& peer) const {
   nlohmann::json json = ParseJson(text);
   if (!json.is_object() || !json.contains("commands")) {

@@ -1,6 +1,7 @@
 // Api: what the routes answer from, and make of, a running wall.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -22,6 +23,11 @@ class Api {
   // Of a route that changes the wall. Throws Problem.
   Request RequestOf(const Match& match, const Head& head, const std::string& body) const;
   Answer AnswerOf(const Match& match, const Result& result) const;
+
+  // The token in the body {"token":"..."}. Throws Problem.
+  static std::string TokenIn(const std::string& body);
+  // The number in the query "before=N", of the history; none without a query. Throws Problem.
+  static std::optional<std::uint64_t> BeforeIn(const std::string& query);
 
   // A message of a WebSocket: {"commands":...,"id":...,"if_version":...}. Throws Problem.
   struct Message {

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 #include <boost/asio/co_spawn.hpp>
@@ -64,6 +65,7 @@ Head HeadOf(const Parser& parser, const asio::ip::tcp::socket& socket) {
   head.origin = text(Field::origin);
   head.fetchSite = std::string(request["Sec-Fetch-Site"]);
   head.authorization = text(Field::authorization);
+  head.cookie = text(Field::cookie);
   head.contentType = text(Field::content_type);
   head.ifMatch = text(Field::if_match);
   head.ifNoneMatch = text(Field::if_none_match);
@@ -150,7 +152,8 @@ class Connection {
       co_await Refuse(error);
       co_return false;
     }
-    const Head head = HeadOf(parser, lowest().socket());
+    Head head = HeadOf(parser, lowest().socket());
+    head.isTls = std::is_same_v<Stream, TlsStream>;
     Match match;
     std::optional<Answer> answer = Look(core_, head, match);
     if (answer) {

@@ -17,6 +17,7 @@
 #include "host/control/http/access.h"
 #include "host/control/http/api.h"
 #include "host/control/http/connections.h"
+#include "host/control/http/history.h"
 #include "host/control/http/http_server.h"
 #include "host/control/http/mailbox.h"
 #include "host/control/http/snapshots.h"
@@ -46,7 +47,7 @@ class HttpServer::Core {
   ~Core();
 
   const Limits& limits() const { return settings_.limits; }
-  const Access& access() const { return access_; }
+  Access& access() { return access_; }
   const Api& api() const { return api_; }
   asio::io_context& loop() { return loop_; }
   const std::shared_ptr<Mailbox>& mailbox() const { return mailbox_; }
@@ -67,10 +68,13 @@ class HttpServer::Core {
   Answer Metrics() const;
   // Throws Problem when it is not as it should be.
   Answer Health(Route::What what) const;
+  // Who the client is, perhaps from now on.
+  Answer Session(const Match& match, const Head& head, const std::string& body);
 
   const Settings settings_;
-  const Access access_;
+  Access access_;
   const Api api_;
+  std::unique_ptr<History> history_;
   Connections connections_;
   std::optional<asio::ssl::context> tls_;
   const std::shared_ptr<Mailbox> mailbox_;

@@ -10,6 +10,7 @@
 #include <boost/asio/post.hpp>
 
 #include "host/control/http/core.h"
+#include "host/control/http/page_files.h"
 
 namespace host::control::http {
 
@@ -73,6 +74,9 @@ HttpServer::Core::Core(Settings serverSettings, WallControl& control)
   if (!settings_.http.certificate.empty()) {
     tls_.emplace(MakeTls(settings_.http));
   }
+  history_ = std::make_unique<History>(control.events(), [this, mailbox = mailbox_] {
+    mailbox->Post([this] { history_->Collect(); });
+  });
   Listen();
   asio::co_spawn(loop_, Accept(), asio::detached);
   thread_ = std::make_unique<os::Thread>([this] { loop_.run(); }, "http");
@@ -243,6 +247,29 @@ Answer HttpServer::Core::Health(Route::What what) const {
   return {.contentType = "text/plain; charset=utf-8", .body = "ok\n"};
 }
 
+Answer HttpServer::Core::Session(const Match& match, const Head& head, const std::string& body) {
+  const auto answer = [&](std::optional<Role> role) {
+    nlohmann::ordered_json json;
+    json["role"] = role ? nlohmann::ordered_json(role == Role::kView ? "view" : "operate")
+                        : nlohmann::ordered_json();
+    json["asks_for_token"] = access_.asksForToken();
+    return Answer{.body = Dump(json)};
+  };
+  if (match.route->what == Route::What::kSession || !access_.asksForToken()) {
+    return answer(access_.RoleOf(head));
+  }
+  if (match.route->what == Route::What::kEndSession) {
+    Answer ended = answer(std::nullopt);
+    ended.fields.emplace_back("Set-Cookie", access_.EndSession(head));
+    return ended;
+  }
+  const std::string token = Api::TokenIn(body);
+  const std::string cookie = access_.BeginSession(head, token);
+  Answer begun = answer(access_.RoleOfToken(token));
+  begun.fields.emplace_back("Set-Cookie", cookie);
+  return begun;
+}
+
 asio::awaitable<Answer> HttpServer::Core::Respond(const Match& match, const Head& head,
                                                   const std::string& body) {
   try {
@@ -254,6 +281,14 @@ asio::awaitable<Answer> HttpServer::Core::Respond(const Match& match, const Head
     }
     if (match.route->what == Route::What::kLive || match.route->what == Route::What::kReady) {
       co_return Health(match.route->what);
+    }
+    if (match.route->isOpen()) {
+      co_return match.route->what == Route::What::kPage ? PageAnswer(match.name, head)
+                                                        : Session(match, head, body);
+    }
+    if (match.route->what == Route::What::kHistory) {
+      const auto before = Api::BeforeIn(head.query);
+      co_return Answer{.body = before ? history_->Json(*before) : history_->Json()};
     }
     if (!match.route->changes()) {
       co_return api_.Read(match, head);

@@ -22,6 +22,7 @@ struct Head {
   std::string origin;
   std::string fetchSite;
   std::string authorization;
+  std::string cookie;
   std::string contentType;
   std::string ifMatch;
   std::string ifNoneMatch;
@@ -29,8 +30,9 @@ struct Head {
   bool hasOneHost = false;
   bool hasBody = false;
   bool isUpgrade = false;  // to a WebSocket
-  std::string peer;        // address of the client
-  std::string local;       // address at which it came in
+  bool isTls = false;
+  std::string peer;   // address of the client
+  std::string local;  // address at which it came in
 };
 
 struct Answer {

@@ -140,6 +140,10 @@ Json Schemas() {
               {"changed", {{"type", "boolean"}}},
               {"frame", Typed("integer", "The first composed frame that shows all of it.")}},
              {"version", "changed"});
+  schemas["Session"] =
+      Object({{"role", {{"enum", {"view", "operate", nullptr}}}},
+              {"asks_for_token", Typed("boolean", "Without one, nothing of the wall is served.")}},
+             {"role", "asks_for_token"});
   schemas["Problem"] =
       Object({{"type", text},
               {"title", text},
@@ -181,6 +185,14 @@ Json Success(const Route& route) {
       return Content("text/event-stream", {{"type", "string"}});
     case What::kSnapshot:
       return {{"image/jpeg", Json::object()}};
+    case What::kHistory:
+      return Content("application/json", ListOf({{"type", "object"}}));
+    case What::kSession:
+    case What::kBeginSession:
+    case What::kEndSession:
+      return Content("application/json", Ref("Session"));
+    case What::kPage:
+      return {{"*/*", Json::object()}};
     case What::kDescription:
       return Content("application/json", {{"type", "object"}});
     case What::kMetrics:
@@ -213,6 +225,9 @@ Json Operation(const Route& route) {
         Parameter("header", "If-Match", false, "Only if the wall has this version: its ETag."));
   } else if (route.what == What::kSnapshot) {
     parameters.push_back(Parameter("query", "channel", false, "Its window alone."));
+  } else if (route.what == What::kHistory) {
+    parameters.push_back(
+        Parameter("query", "before", false, "Only what has a smaller number than this one."));
   } else if (route.what == What::kEvents) {
     parameters.push_back(
         Parameter("header", "Last-Event-ID", false, "The last one that the client has."));
@@ -220,9 +235,14 @@ Json Operation(const Route& route) {
   operation["parameters"] = std::move(parameters);
   if (route.body != Route::Body::kNone) {
     const Json command = Ref("Command");
-    Json schema = route.what == What::kCommands
-                      ? Json{{"oneOf", {command, ListOf(command)}}}
-                      : CommandSchema(KindNamed(route.command), parameter, false);
+    Json schema;
+    if (route.what == What::kCommands) {
+      schema = {{"oneOf", {command, ListOf(command)}}};
+    } else if (route.what == What::kBeginSession) {
+      schema = Object({{"token", {{"type", "string"}}}}, {"token"});
+    } else {
+      schema = CommandSchema(KindNamed(route.command), parameter, false);
+    }
     operation["requestBody"] = {{"required", route.body == Route::Body::kRequired},
                                 {"content", Content("application/json", std::move(schema))}};
   }

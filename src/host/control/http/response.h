@@ -18,7 +18,8 @@ using TlsStream = boost::beast::ssl_stream<boost::beast::tcp_stream>;
 // Nothing that a page could bring with it, in case that a browser shows an answer.
 inline void SetSecurityFields(bhttp::fields& fields) {
   fields.set("Content-Security-Policy",
-             "default-src 'self'; base-uri 'none'; frame-ancestors 'none'");
+             "default-src 'self'; media-src 'self' blob:; base-uri 'none'; frame-ancestors 'none'; "
+             "form-action 'self'");
   fields.set("X-Content-Type-Options", "nosniff");
   fields.set("Referrer-Policy", "no-referrer");
   fields.set("Cross-Origin-Resource-Policy", "same-origin");

@@ -30,6 +30,11 @@ struct Route {
     kMetrics,
     kLive,
     kReady,
+    kHistory,
+    kSession,       // who the client is
+    kBeginSession,  // with a token
+    kEndSession,
+    kPage,  // the operator's page and its files
   };
   enum class Body { kNone, kOptional, kRequired };
 
@@ -43,6 +48,16 @@ struct Route {
 
   bool changes() const { return what == What::kCommand || what == What::kCommands; }
   Role role() const { return changes() ? Role::kOperate : Role::kView; }
+  // Also without a token: nothing of the wall is in it.
+  bool isOpen() const {
+    return what == What::kPage || what == What::kSession || what == What::kBeginSession ||
+           what == What::kEndSession;
+  }
+  // What a page of another site may not send, although it changes nothing.
+  bool isOwnOnly() const {
+    return changes() || what == What::kEvents || what == What::kWebSocket ||
+           what == What::kBeginSession || what == What::kEndSession;
+  }
   // The name in the path, without braces; empty when there is none.
   std::string parameter() const;
 };

@@ -1,0 +1,70 @@
+// Commands on their way: each shows at once that it is under way, and then since which frame it is
+// in effect, or why not.
+
+import {byId, el, setText, timeOf} from "./ui.js";
+import {describeCommands} from "./words.js";
+
+const kMaxShown = 30;
+
+export class Actions {
+  #connection;
+  #picture;
+  #list = byId("action-list");
+  #accepted = [];  // that the picture does not show yet: {frame, show}
+
+  constructor(connection, picture) {
+    this.#connection = connection;
+    this.#picture = picture;
+  }
+
+  // Returns {result} or {problem}.
+  async run(commands) {
+    const status = el("span", {class: "status"}, "under way");
+    const detail = el("span", {class: "detail"});
+    const entry = el("li", {class: "busy"},
+        el("span", {class: "what"}, describeCommands(commands)), status, detail);
+    this.#list.prepend(entry);
+    while (this.#list.childElementCount > kMaxShown) {
+      this.#list.lastElementChild.remove();
+    }
+    const show = (kind, text, more = "") => {
+      entry.className = kind;
+      setText(status, text);
+      setText(detail, more);
+    };
+    document.body.toggleAttribute("data-busy", true);
+    const reply = await this.#connection.ask({commands});
+    const {result, problem} = reply;
+    if (problem) {
+      show("refused", "not done", problem.detail +
+          (problem.nearest && !problem.detail.includes(problem.nearest)
+              ? ` (did you mean “${problem.nearest}”?)` : ""));
+    } else if (!result.changed) {
+      show("done", "nothing to change", "");
+    } else {
+      const now = timeOf(new Date());
+      const effect = () => show("done", "in effect", `since frame ${result.frame}, ${now}`);
+      const shown = this.#picture.frame;
+      if (shown === null || shown >= result.frame) {
+        effect();
+      } else {
+        show("busy", "accepted", `from frame ${result.frame} on`);
+        this.#accepted.push({frame: result.frame, effect, until: Date.now() + 10000});
+      }
+    }
+    document.body.toggleAttribute("data-busy", this.#list.querySelector(".busy") !== null);
+    return reply;
+  }
+
+  // Whenever the picture shows another frame, and now and then without one.
+  advanceTo(frame) {
+    this.#accepted = this.#accepted.filter((one) => {
+      if ((frame !== null && frame >= one.frame) || Date.now() > one.until) {
+        one.effect();
+        return false;
+      }
+      return true;
+    });
+    document.body.toggleAttribute("data-busy", this.#list.querySelector(".busy") !== null);
+  }
+}
