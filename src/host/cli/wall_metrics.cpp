@@ -221,6 +221,15 @@ void WriteMetrics(const WallFigures& wall, MetricsText& text) {
   AddScreens(wall, text);
 }
 
+void WriteMetrics(const Preview::Status& preview, std::size_t listeners, MetricsText& text) {
+  text.Gauge("tavrel_preview_viewers", "Clients that watch the preview.");
+  text.Add(std::uint64_t{preview.viewers});
+  text.Gauge("tavrel_preview_listeners", "Clients that listen to a channel.");
+  text.Add(std::uint64_t{listeners});
+  text.Counter("tavrel_preview_frames_total", "Frames that were encoded for the preview.");
+  text.Add(preview.frames);
+}
+
 std::string WhyNoOutput(const WallFigures& wall) {
   const bool works =
       std::any_of(wall.outputs.begin(), wall.outputs.end(),

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <vector>
@@ -11,6 +12,7 @@
 #include "host/control/http/monitoring.h"
 #include "host/control/metrics_text.h"
 #include "host/output/output_set.h"
+#include "host/output/preview.h"
 #include "host/output/screen/screen_output.h"
 #include "host/session/wall_session.h"
 #include "platform/os/mutex.h"
@@ -32,6 +34,10 @@ struct WallFigures {
 // Channels are named by their names, outputs and screens by their number, from 1; no address is
 // told.
 void WriteMetrics(const WallFigures& wall, control::MetricsText& text);
+
+// Of the preview; listeners: of audio.
+void WriteMetrics(const Preview::Status& preview, std::size_t listeners,
+                  control::MetricsText& text);
 
 // Why nobody gets the frames; empty when an output or a screen works, or there are none.
 std::string WhyNoOutput(const WallFigures& wall);
