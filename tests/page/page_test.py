@@ -60,6 +60,7 @@ class PageTest(unittest.TestCase):
         cls.folder.cleanup()
 
     def setUp(self):
+        self.browser.get_log("browser")  # of the test before
         self.open(self.wall)
 
     def open(self, wall):

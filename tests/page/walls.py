@@ -10,6 +10,7 @@ import urllib.request
 from pathlib import Path
 
 from selenium import webdriver
+from selenium.common.exceptions import StaleElementReferenceException
 from selenium.webdriver.chrome.service import Service
 
 WIDTH, HEIGHT = 640, 360
@@ -121,7 +122,10 @@ def centre(window):
 def wait_for(condition, what, limit=15):
     end = time.monotonic() + limit
     while True:
-        value = condition()
+        try:
+            value = condition()
+        except StaleElementReferenceException:  # the page has replaced it meanwhile
+            value = None
         if value:
             return value
         if time.monotonic() > end:
