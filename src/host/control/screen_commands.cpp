@@ -17,18 +17,26 @@ namespace {
 using Command = nlohmann::json;
 using InputKind = ScreenInput::Kind;
 
+// None is null. No list of an initializer stands beside ":": the compiler ends its life too early.
 Command Select(const ChannelEntry* entry) {
-  return entry == nullptr || entry->settings.selected
-             ? Command()
-             : Command{{"command", "select"}, {"channel", entry->settings.name}};
+  if (entry == nullptr || entry->settings.selected) {
+    return nullptr;
+  }
+  return {{"command", "select"}, {"channel", entry->settings.name}};
+}
+
+Command SoloOff(const WallState& state) {
+  if (state.solo.empty()) {
+    return nullptr;
+  }
+  return {{"command", "solo_off"}};
 }
 
 Command Solo(const ChannelEntry* entry, const WallState& state) {
-  if (!state.solo.empty()) {
-    return {{"command", "solo_off"}};
+  if (!state.solo.empty() || entry == nullptr) {
+    return SoloOff(state);
   }
-  return entry == nullptr ? Command()
-                          : Command{{"command", "solo"}, {"channel", entry->settings.name}};
+  return {{"command", "solo"}, {"channel", entry->settings.name}};
 }
 
 const ChannelEntry* Selected(const WallState& state) {
@@ -116,7 +124,7 @@ Command CommandOf(const ScreenInput& input, const WallState& state) {
     case InputKind::kEnter:
       return Solo(Selected(state), state);
     case InputKind::kEscape:
-      return state.solo.empty() ? Command() : Command{{"command", "solo_off"}};
+      return SoloOff(state);
     case InputKind::kLeft:
       return Select(Beside(state, -1, 0));
     case InputKind::kRight:

@@ -50,9 +50,13 @@ Json Viewer::Take(const nlohmann::json& message) {
   if (message.contains("commands") || (message.contains(kPreview) && message.contains(kListen))) {
     throw Problem::Malformed("a message has one of \"commands\", \"preview\" and \"listen\"");
   }
-  const auto isOn = message.find(kPreview);
-  return isOn != message.end() ? Json{{kPreview, Watch(*isOn)}}
-                               : Json{{kListen, Listen(message.at(kListen))}};
+  Json result;
+  if (const auto isOn = message.find(kPreview); isOn != message.end()) {
+    result[kPreview] = Watch(*isOn);
+  } else {
+    result[kListen] = Listen(message.at(kListen));
+  }
+  return result;
 }
 
 bool Viewer::Watch(const nlohmann::json& isOn) {
