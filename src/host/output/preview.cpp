@@ -146,11 +146,12 @@ void Preview::Take(const ComPtr<IMediaSample>& frame, Time start) {
 }
 
 std::optional<Preview::Picture> Preview::Next() {
+  Picture picture;
   const os::MutexLock guard(lock_);
   while (!waiting_.sample && !ends_ && feed_->viewers() > 0) {
     changed_.WaitUntil(lock_, Clock::now() + kLookPeriod);
   }
-  Picture picture = std::exchange(waiting_, {});
+  std::swap(picture, waiting_);
   return ends_ || feed_->viewers() == 0 ? std::nullopt : std::optional(std::move(picture));
 }
 
@@ -166,31 +167,44 @@ void Preview::Run() {
     return ends_;
   };
   while (!hasEnded()) {
-    const std::optional<Picture> picture = Next();
+    std::optional<Picture> picture = Next();
     if (picture) {
       try {
         Encode(*picture);
         continue;
       } catch (const std::exception& error) {
+        picture->sample = nullptr;
         Say(std::string("the preview has failed and begins again: ") + error.what());
       }
     }
     encoding_.reset();
     isEncoding_ = false;
     feed_->Forget();
-    const os::MutexLock guard(lock_);
     if (picture) {
+      const os::MutexLock guard(lock_);
       const Clock::time_point until = Clock::now() + kRetry;
       while (!ends_ && changed_.WaitUntil(lock_, until)) {
       }
     }
-    while (!ends_ && feed_->viewers() == 0) {
+    WaitForViewer();
+  }
+}
+
+void Preview::WaitForViewer() {
+  for (;;) {
+    Picture unseen;  // of a viewer that has just left; released without the lock
+    const os::MutexLock guard(lock_);
+    if (ends_ || feed_->viewers() > 0) {
+      return;
+    }
+    std::swap(unseen, waiting_);
+    if (!unseen.sample) {
       changed_.Wait(lock_);
     }
   }
 }
 
-void Preview::Encode(const Picture& picture) {
+void Preview::Encode(Picture& picture) {
   if (!encoding_) {
     const auto [width, height] = PreviewSize(settings_.canvas, settings_.options);
     encoding_ = std::make_unique<Encoding>(
@@ -204,7 +218,9 @@ void Preview::Encode(const Picture& picture) {
          .bytes = description,
          .format = FragmentFormat{codec.value_or("avc1"), width, height, frameRate_, 0, 0}});
   }
-  if (!encoding_->Scale(picture.sample)) {
+  const bool isScaled = encoding_->Scale(picture.sample);
+  picture.sample = nullptr;  // the buffers of the canvas are few
+  if (!isScaled) {
     return;
   }
   const Time start = picture.start;

@@ -48,7 +48,8 @@ class Preview {
   Preview(const Preview&) = delete;
   Preview& operator=(const Preview&) = delete;
 
-  // Of every frame that is composed; returns at once. Keeps no more than one reference.
+  // Of every frame that is composed; returns at once. No more than two are kept, the
+  // one that waits and the one that is being scaled.
   void Take(const ComPtr<IMediaSample>& frame, Time start);
   // Nobody subscribes any more when the preview is destroyed.
   const std::shared_ptr<FragmentFeed>& feed() const { return feed_; }
@@ -67,9 +68,11 @@ class Preview {
   void Join();
   void Say(const std::string& what) const;
   void Run();
+  void WaitForViewer();
   // None when the preview ends or nobody looks any more.
   std::optional<Picture> Next();
-  void Encode(const Picture& picture);
+  // Releases the frame as soon as it is scaled.
+  void Encode(Picture& picture);
 
   const Settings settings_;
   const Ratio frameRate_;

@@ -25,7 +25,7 @@ namespace websocket = boost::beast::websocket;
 
 // What the system holds for a client that takes nothing is as old as it is long: more than a
 // second of video would only be shown late.
-constexpr int kSendBuffer = 256 << 10;  // bytes
+constexpr int kSendBuffer = 128 << 10;  // bytes
 
 // Shared by the coroutine that writes and the one that reads; ends with the later of them.
 template <typename Stream>
