@@ -196,6 +196,10 @@ class WallCommandRun {
     if (preview_) {
       settings.preview = preview_->feed();
       settings.audio = listening_->feeds();
+      settings.monitoring.metrics = [this, wall = settings.monitoring.metrics](auto& text) {
+        wall(text);
+        WriteMetrics(preview_->status(), listening_->listeners(), text);
+      };
     }
     settings.say = [this](const std::string& what) { messages_.Say(qorp::log::kInfo, what); };
     settings.complain = [this](const std::string& what) { messages_.Say(qorp::log::kError, what); };

@@ -9,9 +9,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include "host/config/wall_reader.h"
 #include "host/control/http/history.h"
-#include "host/control/http/http_server.h"
 #include "host/control/http/openapi.h"
 #include "tests/host/control/http_fixture.h"
 #include "tests/support/wait_until.h"

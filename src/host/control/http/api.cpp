@@ -19,10 +19,6 @@ using What = Route::What;
 
 constexpr int kMaxDepth = 16;  // of lists and objects within each other
 
-Problem Malformed(std::string detail, int status = 422) {
-  return {status, "malformed-request", "The request is malformed", std::move(detail)};
-}
-
 std::string Tag(std::uint64_t version) {
   return "\"" + std::to_string(version) + "\"";
 }
@@ -74,16 +70,16 @@ Api::Api(WallControl& control) : control_(control), description_(Dump(DescribeAp
 nlohmann::json Api::Parse(const std::string& text) {
   const auto callback = [](int depth, nlohmann::json::parse_event_t, nlohmann::json&) {
     if (depth > kMaxDepth) {
-      throw Malformed("lists and objects lie more than " + std::to_string(kMaxDepth) +
-                          " deep within each other",
-                      400);
+      throw Problem::Malformed("lists and objects lie more than " + std::to_string(kMaxDepth) +
+                                   " deep within each other",
+                               400);
     }
     return true;
   };
   try {
     return nlohmann::json::parse(text, callback);
   } catch (const nlohmann::json::exception& error) {
-    throw Malformed(std::string("the body is no JSON: ") + error.what(), 400);
+    throw Problem::Malformed(std::string("the body is no JSON: ") + error.what(), 400);
   }
 }
 
@@ -171,7 +167,7 @@ Request Api::RequestOf(const Match& match, const Head& head, const std::string& 
                             : expected[0];
   }
   if (body.empty() && match.route->body == Route::Body::kRequired) {
-    throw Malformed("the request needs a body", 400);
+    throw Problem::Malformed("the request needs a body", 400);
   }
   nlohmann::json json = body.empty() ? nlohmann::json::object() : Parse(body);
   if (match.route->what == What::kCommands) {
@@ -179,11 +175,11 @@ Request Api::RequestOf(const Match& match, const Head& head, const std::string& 
     return request;
   }
   if (!json.is_object()) {
-    throw Malformed("the body must be an object");
+    throw Problem::Malformed("the body must be an object");
   }
   const std::string parameter = match.route->parameter();
   if (json.contains("command") || (!parameter.empty() && json.contains(parameter))) {
-    throw Malformed("\"command\" and the name in the path are no keys of the body");
+    throw Problem::Malformed("\"command\" and the name in the path are no keys of the body");
   }
   json["command"] = match.route->command;
   if (!parameter.empty()) {
@@ -207,7 +203,7 @@ std::string Api::TokenIn(const std::string& body) {
   const nlohmann::json json = Parse(body);
   if (!json.is_object() || json.size() != 1 || !json.contains("token") ||
       !json["token"].is_string()) {
-    throw Malformed("the body is {\"token\": \"...\"}");
+    throw Problem::Malformed("the body is {\"token\": \"...\"}");
   }
   return json["token"].get<std::string>();
 }
@@ -221,14 +217,14 @@ std::optional<std::uint64_t> Api::BeforeIn(const std::string& query) {
   const char* const last = query.data() + query.size();
   if (!query.starts_with(kBefore) || query.size() == kBefore.size() ||
       std::from_chars(query.data() + kBefore.size(), last, number).ptr != last) {
-    throw Malformed("the query is nothing or \"before=NUMBER\"", 400);
+    throw Problem::Malformed("the query is nothing or \"before=NUMBER\"", 400);
   }
   return number;
 }
 
 Request Api::RequestOf(nlohmann::json message, const std::string& peer) {
   if (!message.is_object() || !message.contains("commands")) {
-    throw Malformed(
+    throw Problem::Malformed(
         "a message is {\"commands\": a command or a list, \"id\": ..., "
         "\"if_version\": ...}, {\"preview\": true or false, \"id\": ...} or {\"listen\": "
         "a channel or null, \"id\": ...}");
@@ -238,7 +234,7 @@ Request Api::RequestOf(nlohmann::json message, const std::string& peer) {
   request.commands = std::move(message["commands"]);
   if (const auto version = message.find("if_version"); version != message.end()) {
     if (!version->is_number_unsigned()) {
-      throw Malformed("\"if_version\" must be a version");
+      throw Problem::Malformed("\"if_version\" must be a version");
     }
     request.ifVersion = version->get<std::uint64_t>();
   }
@@ -271,7 +267,7 @@ std::optional<config::Window> Api::WindowFor(const std::string& query) const {
                         ? PercentDecoded(encoded.substr(kChannel.size()))
                         : std::nullopt;
   if (!name) {
-    throw Malformed("the query is nothing or \"channel=NAME\"", 400);
+    throw Problem::Malformed("the query is nothing or \"channel=NAME\"", 400);
   }
   const std::shared_ptr<const WallState> state = control_.state();
   const ChannelEntry* const entry = state->Find(*name);

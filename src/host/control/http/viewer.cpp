@@ -15,14 +15,14 @@ using Json = nlohmann::ordered_json;
 constexpr const char* kPreview = "preview";
 constexpr const char* kListen = "listen";
 
-enum class Kind : std::uint8_t {
+enum class MessageKind : std::uint8_t {
   kVideoDescription = 1,
   kVideo = 2,
   kAudioDescription = 3,
   kAudio = 4,
 };
 
-std::array<std::uint8_t, 16> HeaderOf(Kind kind, const Fragment& fragment) {
+std::array<std::uint8_t, 16> HeaderOf(MessageKind kind, const Fragment& fragment) {
   std::array<std::uint8_t, 16> header{};
   header[0] = static_cast<std::uint8_t>(kind);
   header[1] = fragment.isKey ? 1 : 0;
@@ -30,10 +30,6 @@ std::array<std::uint8_t, 16> HeaderOf(Kind kind, const Fragment& fragment) {
     header[8 + i] = static_cast<std::uint8_t>(fragment.frame >> (8 * i));
   }
   return header;
-}
-
-Problem Malformed(const std::string& detail) {
-  return {422, "malformed-request", "The request is malformed", detail};
 }
 
 // Why the channel cannot be heard as the wall is; empty when it can.
@@ -52,7 +48,7 @@ bool Viewer::IsFor(const nlohmann::json& message) {
 
 Json Viewer::Take(const nlohmann::json& message) {
   if (message.contains("commands") || (message.contains(kPreview) && message.contains(kListen))) {
-    throw Malformed("a message has one of \"commands\", \"preview\" and \"listen\"");
+    throw Problem::Malformed("a message has one of \"commands\", \"preview\" and \"listen\"");
   }
   const auto isOn = message.find(kPreview);
   return isOn != message.end() ? Json{{kPreview, Watch(*isOn)}}
@@ -61,7 +57,7 @@ Json Viewer::Take(const nlohmann::json& message) {
 
 bool Viewer::Watch(const nlohmann::json& isOn) {
   if (!isOn.is_boolean()) {
-    throw Malformed("\"preview\" must be true or false");
+    throw Problem::Malformed("\"preview\" must be true or false");
   }
   if (!isOn.get<bool>()) {
     video_ = nullptr;
@@ -82,7 +78,7 @@ nlohmann::json Viewer::Listen(const nlohmann::json& channel) {
     return nullptr;
   }
   if (!channel.is_string()) {
-    throw Malformed("\"listen\" must be the name of a channel, or null");
+    throw Problem::Malformed("\"listen\" must be the name of a channel, or null");
   }
   const auto name = channel.get<std::string>();
   const std::shared_ptr<const WallState> state = core_.api().control().state();
@@ -164,7 +160,8 @@ std::optional<Viewer::Outgoing> Viewer::NextAudio() {
                            {"channels", format->channels}});
   }
   outgoing.header =
-      HeaderOf(outgoing.piece->format ? Kind::kAudioDescription : Kind::kAudio, *outgoing.piece);
+      HeaderOf(outgoing.piece->format ? MessageKind::kAudioDescription : MessageKind::kAudio,
+               *outgoing.piece);
   return outgoing;
 }
 
@@ -183,7 +180,8 @@ std::optional<Viewer::Outgoing> Viewer::NextVideo() {
                            {"rate", config::TextOf(format->frameRate)}});
   }
   outgoing.header =
-      HeaderOf(outgoing.piece->format ? Kind::kVideoDescription : Kind::kVideo, *outgoing.piece);
+      HeaderOf(outgoing.piece->format ? MessageKind::kVideoDescription : MessageKind::kVideo,
+               *outgoing.piece);
   return outgoing;
 }
 
