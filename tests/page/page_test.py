@@ -30,7 +30,7 @@ return [...drawing.getImageData(0, 0, 1, 1).data];
 
 
 def wall_text(folder):
-    text = (f"[wall]\nwidth = {WIDTH}\nheight = {HEIGHT}\nspare = 1\nbackground = \"#101010\"\ndelay = 0.3\n"
+    text = (f"[wall]\nwidth = {WIDTH}\nheight = {HEIGHT}\nframe_rate = 10\nspare = 1\nbackground = \"#101010\"\ndelay = 0.3\n"
             "[defaults]\nalarm = { freeze = false, silence = { after = 1 } }\n")
     for number, (name, (colour, _)) in enumerate(COLOURS.items()):
         clip = os.path.join(folder, f"{number}.mkv")
@@ -150,7 +150,7 @@ class PageTest(unittest.TestCase):
         wait_for(lambda: self.find("#picture-state").text == "Live", "video")
         frame = lambda: int(self.find("#stage").get_attribute("data-frame") or 0)
         first = wait_for(frame, "the number of a frame")
-        wait_for(lambda: frame() > first + 50, "frames")
+        wait_for(lambda: frame() > first + 20, "frames")
         pixel = self.browser.execute_script(PIXEL_OF_VIDEO, *[side / size for side, size in zip(
             centre(self.window("Yellow")), (WIDTH, HEIGHT))])
         self.assertTrue(is_colour(pixel[:3], "Yellow"), pixel)
@@ -158,7 +158,7 @@ class PageTest(unittest.TestCase):
         self.press("l")
         level = lambda: int(self.browser.execute_script("return document.getElementById('heard-level').value"))
         wait_for(lambda: self.find("#heard-name").text == "Yellow" and level() > -40, "the tone of what is heard", 20)
-        wait_for(lambda: frame() > first + 100 and self.find("#picture-state").text == "Live", "frames with audio")
+        wait_for(lambda: frame() > first + 60 and self.find("#picture-state").text == "Live", "frames with audio")
         self.press("l")
         wait_for(lambda: not self.find("#heard").is_displayed(), "nothing is heard")
         self.assertEqual(console_errors(self.browser), [])

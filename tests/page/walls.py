@@ -38,7 +38,7 @@ class WallProcess:
 
     def __init__(self, program, folder, text, tokens=False, port=None):
         self.program, self.folder, self.port = program, Path(folder), port or free_port()
-        http = f'[http]\nlisten = "127.0.0.1:{self.port}"\n'
+        http = f'[http]\nlisten = "127.0.0.1:{self.port}"\npreview = {{ size = "320x180" }}\n'
         if tokens:
             file = self.folder / "tokens"
             file.write_text(f"operate {OPERATE}\nview {VIEW}\n")
