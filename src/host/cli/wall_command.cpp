@@ -22,7 +22,6 @@
 #include "host/output/latest_frame.h"
 #include "host/output/snapshot.h"
 #include "host/session/wall_session.h"
-#include "platform/os/mutex.h"
 #include "platform/os/process.h"
 #include "platform/os/service.h"
 #include "platform/os/standard_stream.h"
@@ -90,6 +89,8 @@ class WallCommandRun {
         board_(command.wall, messages_, command.events ? lines_ : noLines_),
         outputMessages_(messages_),
         snapshot_(command.record.snapshotAt) {
+    outputMessages_.PublishTo(
+        [this](const nlohmann::ordered_json& event) { board_.Publish(event); });
     if (command.live) {
       links_ = std::make_unique<ControlLinks>(executor_, LinkSettings());
       board_.PublishTo(links_->events());
@@ -181,7 +182,7 @@ class WallCommandRun {
           live["channels"][entry.name] = ToJson(entry);
         }
       }
-      live["outputs"] = outputsLive();
+      live["outputs"] = watch_.Outputs();
       return live;
     };
     return settings;
@@ -210,7 +211,6 @@ class WallCommandRun {
       if (Elapsed() - lastStatus >= 1) {
         lastStatus = Elapsed();
         const WallStatus status = Status(session);
-        NoteOutputs(status);
         service.Say(status.LiveLine());
         if (command_.json) {
           lines_.Write(status.JsonLine());
@@ -249,23 +249,6 @@ class WallCommandRun {
     lastProgress_ = Elapsed();
     const WallStatus status = Status(session);
     messages_.ShowProgress(command_.live ? status.LiveLine() : status.RenderingLine());
-  }
-
-  // For requests, which any thread makes at any time.
-  void NoteOutputs(const WallStatus& status) {
-    nlohmann::ordered_json outputs = nlohmann::ordered_json::array();
-    for (const OutputSet::Status& output : status.outputs) {
-      outputs.push_back(ToJson(output, status.channels));
-    }
-    for (const ScreenOutput::Status& screen : status.screens) {
-      outputs.push_back(ToJson(screen));
-    }
-    const os::MutexLock guard(liveLock_);
-    outputsLive_ = std::move(outputs);
-  }
-  nlohmann::ordered_json outputsLive() {
-    const os::MutexLock guard(liveLock_);
-    return outputsLive_;
   }
 
   WallStatus Status(WallSession& session) {
@@ -399,8 +382,6 @@ class WallCommandRun {
   OutputMessages outputMessages_;
   OutputSet* outputs_ = nullptr;               // of the session
   std::vector<ScreenOutput::Status> screens_;  // at its end
-  os::Mutex liveLock_;
-  nlohmann::ordered_json outputsLive_ GUARDED_BY(liveLock_) = nlohmann::ordered_json::array();
   SnapshotFrame snapshot_;
   std::string snapshotFile_;  // that was written
   std::chrono::steady_clock::time_point startedAt_;

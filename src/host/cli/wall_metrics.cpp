@@ -5,6 +5,9 @@
 #include <string_view>
 #include <utility>
 
+#include <nlohmann/json.hpp>
+
+#include "host/config/url.h"
 #include "platform/os/process.h"
 #include "util/text_codecs.h"
 
@@ -141,9 +144,10 @@ void AddSources(const WallFigures& wall, MetricsText& text) {
 // How it is reached, without where.
 std::string KindOf(const OutputStatus& output) {
   const std::size_t colon = output.name.find("://");
-  return colon != std::string::npos ? output.name.substr(0, colon)
-         : output.name == "-"       ? "pipe"
-                                    : "file";
+  return colon != std::string::npos      ? output.name.substr(0, colon)
+         : output.name == "-"            ? "pipe"
+         : config::IsScreen(output.name) ? "screen"
+                                         : "file";
 }
 
 void AddOutputs(const WallFigures& wall, MetricsText& text) {
@@ -189,6 +193,21 @@ void AddOutputs(const WallFigures& wall, MetricsText& text) {
   add([](const OutputStatus& one) { return std::uint64_t{one.queuedFrames}; });
 }
 
+// Screens come last, with what is shown as written.
+std::vector<OutputStatus> AllOutputs(WallSession& session) {
+  std::vector<OutputStatus> outputs = session.outputs().status();
+  for (const ScreenOutput::Status& screen : session.screens()) {
+    OutputStatus output;
+    output.name = screen.name;
+    output.failure = screen.failure;
+    output.openings = screen.openings;
+    output.video.written = screen.shown;
+    output.video.dropped = screen.skipped;
+    outputs.push_back(std::move(output));
+  }
+  return outputs;
+}
+
 }  // namespace
 
 void WriteMetrics(const WallFigures& wall, MetricsText& text) {
@@ -222,6 +241,21 @@ control::http::Monitoring WallWatch::Monitoring() const {
           [this] { return WhyNotAlive(); }, [this] { return WhyNotReady(); }};
 }
 
+nlohmann::ordered_json WallWatch::Outputs() const {
+  const std::vector<ChannelBoard::Entry> channels = board_.entries();
+  nlohmann::ordered_json outputs = nlohmann::ordered_json::array();
+  const os::MutexLock guard(lock_);
+  if (session_ != nullptr) {
+    for (const OutputStatus& output : session_->outputs().status()) {
+      outputs.push_back(ToJson(output, channels));
+    }
+    for (const ScreenOutput::Status& screen : session_->screens()) {
+      outputs.push_back(ToJson(screen));
+    }
+  }
+  return outputs;
+}
+
 WallFigures WallWatch::Figures() const {
   WallFigures figures;
   figures.channels = board_.entries();
@@ -229,7 +263,7 @@ WallFigures WallWatch::Figures() const {
   if (session_ != nullptr) {
     figures.counters = session_->counters();
     figures.composing = session_->composing();
-    figures.outputs = session_->outputs().status();
+    figures.outputs = AllOutputs(*session_);
   }
   return figures;
 }
@@ -254,7 +288,7 @@ std::string WallWatch::WhyNotReady() const {
   if (session_ == nullptr || session_->counters().composed == 0) {
     return "no frame has been composed yet";
   }
-  return WhyNoOutput(session_->outputs().status());
+  return WhyNoOutput(AllOutputs(*session_));
 }
 
 }  // namespace host::cli

@@ -53,6 +53,8 @@ class WallWatch {
   };
 
   control::http::Monitoring Monitoring() const;
+  // What they do at this moment, screens included; any thread.
+  nlohmann::ordered_json Outputs() const;
 
  private:
   using Clock = std::chrono::steady_clock;
