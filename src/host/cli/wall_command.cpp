@@ -24,7 +24,6 @@
 #include "host/output/preview.h"
 #include "host/output/snapshot.h"
 #include "host/session/wall_session.h"
-#include "platform/os/mutex.h"
 #include "platform/os/process.h"
 #include "platform/os/service.h"
 #include "platform/os/standard_stream.h"
@@ -99,6 +98,8 @@ class WallCommandRun {
       listening_ = std::make_unique<Listening>(command.wall.channels.size() +
                                                static_cast<std::size_t>(command.wall.spare));
     }
+    outputMessages_.PublishTo(
+        [this](const nlohmann::ordered_json& event) { board_.Publish(event); });
     if (command.live) {
       links_ = std::make_unique<ControlLinks>(executor_, LinkSettings());
       board_.PublishTo(links_->events());
@@ -210,7 +211,7 @@ class WallCommandRun {
           live["channels"][entry.name] = ToJson(entry);
         }
       }
-      live["outputs"] = outputsLive();
+      live["outputs"] = watch_.Outputs();
       if (preview_) {
         const Preview::Status status = preview_->status();
         live["preview"] = {{"viewers", status.viewers},
@@ -248,7 +249,6 @@ class WallCommandRun {
       if (Elapsed() - lastStatus >= 1) {
         lastStatus = Elapsed();
         const WallStatus status = Status(session);
-        NoteOutputs(status);
         service.Say(status.LiveLine());
         if (command_.json) {
           lines_.Write(status.JsonLine());
@@ -287,23 +287,6 @@ class WallCommandRun {
     lastProgress_ = Elapsed();
     const WallStatus status = Status(session);
     messages_.ShowProgress(command_.live ? status.LiveLine() : status.RenderingLine());
-  }
-
-  // For requests, which any thread makes at any time.
-  void NoteOutputs(const WallStatus& status) {
-    nlohmann::ordered_json outputs = nlohmann::ordered_json::array();
-    for (const OutputSet::Status& output : status.outputs) {
-      outputs.push_back(ToJson(output, status.channels));
-    }
-    for (const ScreenOutput::Status& screen : status.screens) {
-      outputs.push_back(ToJson(screen));
-    }
-    const os::MutexLock guard(liveLock_);
-    outputsLive_ = std::move(outputs);
-  }
-  nlohmann::ordered_json outputsLive() {
-    const os::MutexLock guard(liveLock_);
-    return outputsLive_;
   }
 
   WallStatus Status(WallSession& session) {
@@ -439,8 +422,6 @@ class WallCommandRun {
   OutputMessages outputMessages_;
   OutputSet* outputs_ = nullptr;               // of the session
   std::vector<ScreenOutput::Status> screens_;  // at its end
-  os::Mutex liveLock_;
-  nlohmann::ordered_json outputsLive_ GUARDED_BY(liveLock_) = nlohmann::ordered_json::array();
   SnapshotFrame snapshot_;
   std::string snapshotFile_;  // that was written
   std::chrono::steady_clock::time_point startedAt_;

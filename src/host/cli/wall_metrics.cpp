@@ -5,6 +5,9 @@
 #include <string_view>
 #include <utility>
 
+#include <nlohmann/json.hpp>
+
+#include "host/config/url.h"
 #include "platform/os/process.h"
 #include "util/text_codecs.h"
 
@@ -141,9 +144,10 @@ void AddSources(const WallFigures& wall, MetricsText& text) {
 // How it is reached, without where.
 std::string KindOf(const OutputStatus& output) {
   const std::size_t colon = output.name.find("://");
-  return colon != std::string::npos ? output.name.substr(0, colon)
-         : output.name == "-"       ? "pipe"
-                                    : "file";
+  return colon != std::string::npos      ? output.name.substr(0, colon)
+         : output.name == "-"            ? "pipe"
+         : config::IsScreen(output.name) ? "screen"
+                                         : "file";
 }
 
 void AddOutputs(const WallFigures& wall, MetricsText& text) {
@@ -189,25 +193,22 @@ void AddOutputs(const WallFigures& wall, MetricsText& text) {
   add([](const OutputStatus& one) { return std::uint64_t{one.queuedFrames}; });
 }
 
-bool IsOpen(const ScreenOutput::Status& screen) {
-  return screen.state == ScreenOutput::State::kOpen;
-}
-
-void AddScreens(const WallFigures& wall, MetricsText& text) {
-  const auto add = [&](auto value) {
-    for (std::size_t i = 0; i < wall.screens.size(); ++i) {
-      text.Add(value(wall.screens[i]), {{"screen", std::to_string(i + 1)}});
+// Screens come last, with what is shown as written.
+std::vector<OutputStatus> AllOutputs(WallSession& session) {
+  std::vector<OutputStatus> outputs = session.outputs().status();
+  for (const ScreenOutput::Status& screen : session.screens()) {
+    OutputStatus output;
+    output.name = screen.name;
+    output.failure = screen.failure;
+    if (output.failure.empty() && screen.state != ScreenOutput::State::kOpen) {
+      output.failure = "its window is being opened";
     }
-  };
-  using Screen = ScreenOutput::Status;
-  text.Gauge("tavrel_screen_up", "1 while the window is open.");
-  add([](const Screen& one) { return std::uint64_t{IsOpen(one)}; });
-  text.Counter("tavrel_screen_failures_total", "How often the window had to be opened again.");
-  add([](const Screen& one) { return one.failures; });
-  text.Counter("tavrel_screen_frames_total", "Frames that were shown.");
-  add([](const Screen& one) { return one.shown; });
-  text.Counter("tavrel_screen_frames_skipped_total", "Frames for which the display was too slow.");
-  add([](const Screen& one) { return one.skipped; });
+    output.openings = screen.openings;
+    output.video.written = screen.shown;
+    output.video.dropped = screen.skipped;
+    outputs.push_back(std::move(output));
+  }
+  return outputs;
 }
 
 }  // namespace
@@ -218,7 +219,6 @@ void WriteMetrics(const WallFigures& wall, MetricsText& text) {
   AddStates(wall, text);
   AddSources(wall, text);
   AddOutputs(wall, text);
-  AddScreens(wall, text);
 }
 
 void WriteMetrics(const Preview::Status& preview, std::size_t listeners, MetricsText& text) {
@@ -230,12 +230,11 @@ void WriteMetrics(const Preview::Status& preview, std::size_t listeners, Metrics
   text.Add(preview.frames);
 }
 
-std::string WhyNoOutput(const WallFigures& wall) {
-  const bool works =
-      std::any_of(wall.outputs.begin(), wall.outputs.end(),
-                  [](const OutputStatus& one) { return !one.failed && one.failure.empty(); }) ||
-      std::any_of(wall.screens.begin(), wall.screens.end(), IsOpen);
-  return works || (wall.outputs.empty() && wall.screens.empty()) ? "" : "no output works";
+std::string WhyNoOutput(const std::vector<OutputSet::Status>& outputs) {
+  const bool works = std::any_of(outputs.begin(), outputs.end(), [](const OutputStatus& one) {
+    return !one.failed && one.failure.empty();
+  });
+  return works || outputs.empty() ? "" : "no output works";
 }
 
 WallWatch::Running::Running(WallWatch& watch, WallSession& session) : watch_(watch) {
@@ -254,6 +253,21 @@ control::http::Monitoring WallWatch::Monitoring() const {
           [this] { return WhyNotAlive(); }, [this] { return WhyNotReady(); }};
 }
 
+nlohmann::ordered_json WallWatch::Outputs() const {
+  const std::vector<ChannelBoard::Entry> channels = board_.entries();
+  nlohmann::ordered_json outputs = nlohmann::ordered_json::array();
+  const os::MutexLock guard(lock_);
+  if (session_ != nullptr) {
+    for (const OutputStatus& output : session_->outputs().status()) {
+      outputs.push_back(ToJson(output, channels));
+    }
+    for (const ScreenOutput::Status& screen : session_->screens()) {
+      outputs.push_back(ToJson(screen));
+    }
+  }
+  return outputs;
+}
+
 WallFigures WallWatch::Figures() const {
   WallFigures figures;
   figures.channels = board_.entries();
@@ -261,8 +275,7 @@ WallFigures WallWatch::Figures() const {
   if (session_ != nullptr) {
     figures.counters = session_->counters();
     figures.composing = session_->composing();
-    figures.outputs = session_->outputs().status();
-    figures.screens = session_->screens();
+    figures.outputs = AllOutputs(*session_);
   }
   return figures;
 }
@@ -283,8 +296,11 @@ std::string WallWatch::WhyNotReady() const {
   if (std::string dead = WhyNotAlive(); !dead.empty()) {
     return dead;
   }
-  const WallFigures figures = Figures();
-  return figures.counters.composed == 0 ? "no frame has been composed yet" : WhyNoOutput(figures);
+  const os::MutexLock guard(lock_);
+  if (session_ == nullptr || session_->counters().composed == 0) {
+    return "no frame has been composed yet";
+  }
+  return WhyNoOutput(AllOutputs(*session_));
 }
 
 }  // namespace host::cli

@@ -28,19 +28,18 @@ struct WallFigures {
   FrameWatch::Totals composing;
   std::vector<ChannelBoard::Entry> channels;
   std::vector<OutputSet::Status> outputs;
-  std::vector<ScreenOutput::Status> screens;
 };
 
-// Channels are named by their names, outputs and screens by their number, from 1; no address is
-// told.
+// Channels are named by their names, outputs by their number, from 1, screens after the others;
+// no address is told.
 void WriteMetrics(const WallFigures& wall, control::MetricsText& text);
 
 // Of the preview; listeners: of audio.
 void WriteMetrics(const Preview::Status& preview, std::size_t listeners,
                   control::MetricsText& text);
 
-// Why nobody gets the frames; empty when an output or a screen works, or there are none.
-std::string WhyNoOutput(const WallFigures& wall);
+// Why nobody gets the frames; empty when an output works, or there are none.
+std::string WhyNoOutput(const std::vector<OutputSet::Status>& outputs);
 
 // The session of a wall, as far as others than its own thread look at it. Belongs to the command
 // that runs the wall; board outlives it. The application's thread says while there is a session,
@@ -62,6 +61,8 @@ class WallWatch {
   };
 
   control::http::Monitoring Monitoring() const;
+  // What they do at this moment, screens included; any thread.
+  nlohmann::ordered_json Outputs() const;
 
  private:
   using Clock = std::chrono::steady_clock;

@@ -440,7 +440,7 @@ nlohmann::ordered_json ToJson(const OutputSet::Status& output,
 nlohmann::ordered_json ToJson(const ScreenOutput::Status& screen) {
   nlohmann::ordered_json json = {{"url", screen.name},      {"state", NameOf(screen.state)},
                                  {"frames", screen.shown},  {"skipped", screen.skipped},
-                                 {"behind", screen.behind}, {"failures", screen.failures}};
+                                 {"behind", screen.behind}, {"openings", screen.openings}};
   if (!screen.failure.empty()) {
     json["failure"] = screen.failure;
   }

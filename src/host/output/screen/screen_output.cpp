@@ -200,7 +200,6 @@ void ScreenOutput::Run() {
       const os::MutexLock guard(lock_);
       status_.state = isClosed ? State::kClosed : State::kFailed;
       status_.failure = reason;
-      status_.failures += isClosed ? 0 : 1;
     }
     observer_->OutputFailed(settings_.name, reason, isClosed ? std::nullopt : std::optional(delay));
     stop_.Wait(isClosed ? os::kInfinite : static_cast<std::uint32_t>(delay.count()));
@@ -273,6 +272,7 @@ void ScreenOutput::Handle(Session& session, std::span<const std::uint8_t> bytes)
       {
         const os::MutexLock guard(lock_);
         status_.state = State::kOpen;
+        ++status_.openings;
         status_.failure.clear();
       }
       SetSocket(&session.process.socket());

@@ -52,10 +52,10 @@ class ScreenOutput {
   struct Status {
     std::string name;
     State state = State::kOpening;
-    std::string failure;         // why it is not open; empty when it is
-    std::uint64_t shown = 0;     // frames
-    std::uint64_t skipped = 0;   // frames for which the display was too slow, while it was open
-    std::uint64_t failures = 0;  // how often it had to be opened again
+    std::string failure;        // why it is not open; empty when it is
+    std::uint64_t shown = 0;    // frames
+    std::uint64_t skipped = 0;  // frames for which the display was too slow, while it was open
+    std::uint64_t openings = 0;
     std::int64_t behind = 0;  // frames composed since the one that was shown last, at that moment
   };
 
