@@ -30,6 +30,9 @@ export function labelOf(channel) {
   return channel.label_file ? `(from ${channel.label_file})` : channel.label || "";
 }
 
+// A name inside a sentence must not turn the direction of what follows it.
+const withoutDirections = (text) => text.replace(/[\u202a-\u202e\u2066-\u2069]/g, "");
+
 function keysOf(command) {
   return Object.keys(command).filter((key) => key !== "command" && key !== "channel");
 }
@@ -73,11 +76,16 @@ export function describeCommand(command) {
 export function describeCommands(commands) {
   const list = Array.isArray(commands) ? commands : [commands];
   const texts = list.slice(0, 3).map(describeCommand).filter(Boolean);
-  return texts.join("; ") + (list.length > 3 ? ` and ${list.length - 3} more` : "");
+  return withoutDirections(texts.join("; ")) + (list.length > 3 ? ` and ${list.length - 3} more` : "");
 }
 
 // An event of the history: its kind for the filter, a level for its colour, and its text.
 export function describeEvent(event) {
+  const described = describe(event);
+  return {...described, text: withoutDirections(described.text)};
+}
+
+function describe(event) {
   const why = event.reason ? `: ${event.reason}` : "";
   switch (event.event) {
     case "channel":
