@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
 """The wall on a screen: a virtual X display is looked at, clicked into, and taken away."""
+import array
 import json
 import os
 import pathlib
@@ -14,6 +15,7 @@ LIMIT = 60  # seconds for whatever is waited for
 COLOURS = {"A": (200, 40, 40), "B": (40, 180, 40), "C": (40, 40, 200), "D": (200, 200, 40)}
 WINDOWS = {"A": (10, 10), "B": (330, 10), "C": (10, 190), "D": (330, 190)}
 SIZE = (300, 160)
+TONES = {"A": 300, "B": 500, "C": 700, "D": 900}  # Hz
 GREY = (90, 90, 90)
 BORDER = (255, 0, 0)
 
@@ -69,8 +71,10 @@ class Wall:
         self.log = open(folder / "wall.log", "w+", encoding="utf-8")
         self.process = subprocess.Popen(
             [program, "run", folder / "wall.toml", "--socket", self.socket, "--json"],
-            env=display.environment, stdout=open(folder / "wall.json", "w"), stderr=self.log)
+            env={**display.environment, "SDL_AUDIODRIVER": "disk",
+                 "SDL_DISKAUDIOFILE": str(folder / "heard.raw")}, stdout=open(folder / "wall.json", "w"), stderr=self.log)
         self.lines = folder / "wall.json"
+        self.audio = folder / "heard.raw"
 
     def said(self, text):
         self.log.seek(0)
@@ -81,6 +85,16 @@ class Wall:
             [self.program, "ctl", "--socket", self.socket, "--json", "status"],
             capture_output=True, text=True)
         return json.loads(answer.stdout)["wall"]
+
+    def tone(self):
+        """Frequency of the last quarter of a second that was played, in Hz; 0 for silence."""
+        samples = array.array("f")  # stereo, 48 kHz
+        with open(self.audio, "rb") as file:
+            frames = file.seek(0, os.SEEK_END) // 8
+            file.seek(max(frames - 12000, 0) * 8)
+            samples.frombytes(file.read(12000 * 8))
+        left = samples[::2]
+        return 4 * sum(a < 0 <= b for a, b in zip(left, left[1:]))
 
     def screen(self):
         """What the wall reports of its screen, once a second."""
@@ -134,8 +148,9 @@ def write_wall(folder):
     text = '[wall]\nwidth = 640\nheight = 360\nbackground = "#5A5A5A"\ndelay = 0.2\n'
     for name, (red, green, blue) in COLOURS.items():
         subprocess.run(["ffmpeg", "-v", "error", "-f", "lavfi", "-i",
-                        f"color=0x{red:02x}{green:02x}{blue:02x}:size=300x160:rate=25", "-t", "4",
-                        "-c:v", "ffv1", "-pix_fmt", "yuv420p", folder / f"{name}.mkv"], check=True)
+                        f"color=0x{red:02x}{green:02x}{blue:02x}:size=300x160:rate=25", "-f", "lavfi",
+                        "-i", f"sine={TONES[name]}:sample_rate=48000", "-t", "20", "-c:v", "ffv1",
+                        "-pix_fmt", "yuv420p", folder / f"{name}.mkv"], check=True)
         x, y = WINDOWS[name]
         text += (f'[[channel]]\nname = "{name}"\nsource = "{name}.mkv"\nlabel = ""\n'
                  f"window = [{x}, {y}, {SIZE[0]}, {SIZE[1]}]\n"
@@ -149,6 +164,9 @@ def main(program, picture=None):
     with tempfile.TemporaryDirectory() as name:
         folder = pathlib.Path(name)
         write_wall(folder)
+        render = subprocess.run([program, "render", folder / "wall.toml"], capture_output=True,
+                                text=True)
+        assert render.returncode == 64 and "a screen shows a wall that runs live" in render.stderr
         display = Display()
         wall = Wall(program, folder, display)
         try:
@@ -163,7 +181,9 @@ def main(program, picture=None):
             while not is_right() and time.monotonic() < end:
                 time.sleep(0.1)
             assert not mistakes, mistakes
-            assert wall.screen()["state"] == "open"
+            wait_until("the state of the output", lambda: [
+                one["state"] for one in wall.state()["live"]["outputs"]] == ["open"])
+            assert wall.tone() == 0, "nothing is selected"
 
             # A click selects, a key selects, a double click shows one alone, Escape all again.
             def click(name, count=1):
@@ -177,6 +197,7 @@ def main(program, picture=None):
             display.do("key", "Right")
             wait_until("D is selected", lambda: [
                 c["name"] for c in wall.state()["channels"] if c["selected"]] == ["D"])
+            wait_until("D is heard", lambda: abs(wall.tone() - TONES["D"]) <= 8)
             click("A", 2)
             wait_until("A alone", lambda: is_near(Shown(display).at(500, 300), COLOURS["A"]))
             if picture:

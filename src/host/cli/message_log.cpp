@@ -7,6 +7,8 @@
 #include <stdexcept>
 #include <string_view>
 
+#include <nlohmann/json.hpp>
+
 #include "host/ffmpeg/log.h"
 #include "host/ffmpeg/mask.h"
 #include "log/circular_log_file.h"
@@ -16,6 +18,7 @@
 #include "platform/os/error_numbers.h"
 #include "platform/os/files.h"
 #include "platform/os/thread.h"
+#include "util/time_text.h"
 
 namespace host::cli {
 namespace {
@@ -208,6 +211,66 @@ void ComposerLog::log(std::int32_t level, const char* format, ...) {
   va_end(arguments);
   next_.log(BelongsToStart(text.data()) ? std::max(level, qorp::log::kInfo) : level, "%s",
             text.data());
+}
+
+namespace {
+
+nlohmann::ordered_json OutputEvent(const std::string& output, const char* state) {
+  return {{"event", "output"},
+          {"time", qorp::TimestampUtc(std::chrono::system_clock::now())},
+          {"output", output},
+          {"state", state}};
+}
+
+}  // namespace
+
+void OutputMessages::OutputFailed(const std::string& output, const std::string& reason,
+                                  std::optional<std::chrono::milliseconds> retryIn) {
+  const std::string text = reason + (retryIn.has_value() ? "; it is tried again" : "");
+  {
+    const os::MutexLock guard(lock_);
+    if (std::exchange(said_[output], text) == text) {
+      return;
+    }
+  }
+  messages_.Say(qorp::log::kError, "output " + output + ": " + text);
+  if (publish_) {
+    nlohmann::ordered_json event = OutputEvent(output, "failed");
+    event["reason"] = reason;
+    event["retries"] = retryIn.has_value();
+    publish_(event);
+  }
+}
+
+void OutputMessages::OutputOpened(const std::string& output, const std::string& target,
+                                  Opening opening) {
+  {
+    const os::MutexLock guard(lock_);
+    said_.erase(output);
+  }
+  const std::string what = "output " + output + ": ";
+  const std::string written = target == output ? "" : "; written is " + target;
+  switch (opening) {
+    case Opening::kFirst:
+      messages_.Say(qorp::log::kInfo, what + "open" + written);
+      break;
+    case Opening::kBeside:
+      messages_.Say(qorp::log::kError, what + "a file of that name exists and is kept" + written);
+      break;
+    case Opening::kAgain:
+      messages_.Say(qorp::log::kError, what + "open again" + written);
+      break;
+    case Opening::kNext:
+      messages_.Say(qorp::log::kInfo, what + "continues" + written);
+      break;
+  }
+  if (publish_) {
+    publish_(OutputEvent(output, "open"));
+  }
+}
+
+void OutputMessages::OutputSaid(const std::string& output, const std::string& what) {
+  messages_.Say(qorp::log::kWarning, "output " + output + ": " + what);
 }
 
 }  // namespace host::cli

@@ -3,10 +3,14 @@
 
 #include <algorithm>
 #include <chrono>
+#include <functional>
 #include <map>
 #include <optional>
 #include <ostream>
 #include <string>
+#include <utility>
+
+#include <nlohmann/json_fwd.hpp>
 
 #include "host/cli/program.h"
 #include "host/cli/resolving_syslog.h"
@@ -109,49 +113,30 @@ class MessageLog {
   qorp::log::LogPerf logger_;  // ends before its sinks
 };
 
-// A failure is reported when its reason changes, not on every attempt. The outputs' threads call;
-// one lock.
+// A failure is reported when its reason changes, not on every attempt; as a message and as an
+// event:
+//
+//   {"event":"output","time":"...","output":"screen:0","state":"failed","reason":"...","retries":true}
+//   {"event":"output","time":"...","output":"screen:0","state":"open"}
+//
+// The outputs' threads call; one lock.
 class OutputMessages final : public OutputObserver {
  public:
   explicit OutputMessages(MessageLog& messages) : messages_(messages) {}
 
+  // Before any output is there. publish: called by the outputs' threads; returns at once.
+  void PublishTo(std::function<void(const nlohmann::ordered_json& event)> publish) {
+    publish_ = std::move(publish);
+  }
+
   void OutputFailed(const std::string& output, const std::string& reason,
-                    std::optional<std::chrono::milliseconds> retryIn) override {
-    const std::string text = reason + (retryIn.has_value() ? "; it is tried again" : "");
-    {
-      const os::MutexLock guard(lock_);
-      if (std::exchange(said_[output], text) == text) {
-        return;
-      }
-    }
-    messages_.Say(qorp::log::kError, "output " + output + ": " + text);
-  }
-  void OutputOpened(const std::string& output, const std::string& target,
-                    Opening opening) override {
-    {
-      const os::MutexLock guard(lock_);
-      said_.erase(output);
-    }
-    const std::string written = target == output ? "" : "; written is " + target;
-    switch (opening) {
-      case Opening::kFirst:
-        return messages_.Say(qorp::log::kInfo, "output " + output + ": open" + written);
-      case Opening::kBeside:
-        return messages_.Say(
-            qorp::log::kError,
-            "output " + output + ": a file of that name exists and is kept" + written);
-      case Opening::kAgain:
-        return messages_.Say(qorp::log::kError, "output " + output + ": open again" + written);
-      case Opening::kNext:
-        return messages_.Say(qorp::log::kInfo, "output " + output + ": continues" + written);
-    }
-  }
-  void OutputSaid(const std::string& output, const std::string& what) override {
-    messages_.Say(qorp::log::kWarning, "output " + output + ": " + what);
-  }
+                    std::optional<std::chrono::milliseconds> retryIn) override;
+  void OutputOpened(const std::string& output, const std::string& target, Opening opening) override;
+  void OutputSaid(const std::string& output, const std::string& what) override;
 
  private:
   MessageLog& messages_;
+  std::function<void(const nlohmann::ordered_json& event)> publish_;
   os::Mutex lock_;
   std::map<std::string, std::string> said_ GUARDED_BY(lock_);
 };

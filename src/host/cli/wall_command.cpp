@@ -90,6 +90,8 @@ class WallCommandRun {
         board_(command.wall, messages_, command.events ? lines_ : noLines_),
         outputMessages_(messages_),
         snapshot_(command.record.snapshotAt) {
+    outputMessages_.PublishTo(
+        [this](const nlohmann::ordered_json& event) { board_.Publish(event); });
     if (command.live) {
       links_ = std::make_unique<ControlLinks>(executor_, LinkSettings());
       board_.PublishTo(links_->events());

@@ -81,6 +81,9 @@ class ChannelBoard final : public ChannelObserver {
   // Everything that is an event goes there as well; it outlives the board. Before any channel runs.
   void PublishTo(control::EventFeed& feed) { feed_ = &feed; }
 
+  // An event of something else of the wall. Any thread.
+  void Publish(const nlohmann::ordered_json& event);
+
   // In the order of the slots, spare ones included.
   std::vector<Entry> entries() const;
 
@@ -91,7 +94,6 @@ class ChannelBoard final : public ChannelObserver {
     return slot == index_.end() ? former_ : entries_[slot->second];
   }
   bool hasReaders() const { return events_.enabled() || feed_ != nullptr; }
-  void Publish(const nlohmann::ordered_json& event);
   void Say(std::int32_t level, const std::string& channel, const std::string& what);
 
   MessageLog& messages_;
