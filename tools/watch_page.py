@@ -11,6 +11,7 @@ import argparse
 import base64
 import json
 import os
+import re
 import signal
 import socket
 import subprocess
@@ -18,7 +19,12 @@ import sys
 import tempfile
 import threading
 import time
+import urllib.request
 from pathlib import Path
+
+from selenium.webdriver.common.action_chains import ActionChains
+from selenium.webdriver.common.by import By
+from selenium.webdriver.common.keys import Keys
 
 sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "tests" / "page"))
 from walls import free_port, open_browser, wait_for  # noqa: E402
@@ -30,15 +36,18 @@ const video = document.getElementById("video"), stage = document.getElementById(
 const canvas = document.createElement("canvas");
 [canvas.width, canvas.height] = [arguments[0], 2];
 const drawing = canvas.getContext("2d", {willReadFrequently: true});
-window.samples = [];
+const samples = window.samples = [];
 const take = () => {
+  if (samples !== window.samples) {
+    return;  // another measurement has begun
+  }
   drawing.drawImage(video, 0, video.videoHeight * 0.5, video.videoWidth, 4, 0, 0, canvas.width, 2);
   const row = drawing.getImageData(0, 1, canvas.width, 1).data;
   let number = 0;
   for (let bit = 0; bit < canvas.width / 10; ++bit) {
     number += row[4 * (bit * 10 + 5)] > 128 ? 2 ** bit : 0;
   }
-  window.samples.push([Date.now(), Number(stage.dataset.frame), number]);
+  samples.push([Date.now(), Number(stage.dataset.frame), number]);
   video.requestVideoFrameCallback(take);
 };
 video.requestVideoFrameCallback(take);
@@ -55,6 +64,9 @@ class Viewer(threading.Thread):
         key = base64.b64encode(os.urandom(16)).decode()
         self.socket.sendall(f"GET /ws HTTP/1.1\r\nHost: 127.0.0.1:{port}\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
                             f"Sec-WebSocket-Key: {key}\r\nSec-WebSocket-Version: 13\r\n\r\n".encode())
+        answer = b""
+        while b"\r\n\r\n" not in answer:
+            answer += self.socket.recv(1024)
         text = b'{"preview":true,"id":1}'
         mask = os.urandom(4)
         self.socket.sendall(bytes([0x81, 0x80 | len(text)]) + mask + bytes(c ^ mask[i % 4] for i, c in enumerate(text)))
@@ -99,13 +111,21 @@ class Wall:
             status["at"] = time.time()
             self.composed.append(status)
 
+    def composed_at(self, now):
+        """Frames that were composed by then, from the wall's own count, a line of which comes each second."""
+        before = [status for status in self.composed if status.get("event") == "status" and status["at"] <= now]
+        return before[-1]["frames"] + (now - before[-1]["at"]) * RATE if before else None
+
     def live(self):
-        import urllib.request
         try:
             with urllib.request.urlopen(f"http://127.0.0.1:{self.port}/api/v1/wall", timeout=5) as answer:
                 return json.load(answer).get("live", {})
         except OSError:
             return None
+
+    def channel(self):
+        with urllib.request.urlopen(f"http://127.0.0.1:{self.port}/api/v1/channels/Numbers", timeout=5) as answer:
+            return json.load(answer)
 
     def preview(self):
         return (self.live() or {}).get("preview", {})
@@ -131,13 +151,11 @@ def measure(browser, wall, seconds):
     browser.execute_script(SAMPLER, BITS * 10)
     time.sleep(seconds)
     samples = browser.execute_script("return window.samples")[5:]
-    # A frame was composed at most that long ago by the wall's own count, a line of which comes each second.
     ages, steps, offsets = [], [], set()
-    statuses = [status for status in wall.composed if status.get("event") == "status"]
     for now, frame, number in samples:
-        before = [status for status in statuses if status["at"] * 1000 <= now]
-        if before:
-            ages.append((before[-1]["frames"] + (now / 1000 - before[-1]["at"]) * RATE - frame) / RATE)
+        composed = wall.composed_at(now / 1000)
+        if composed is not None:
+            ages.append((composed - frame) / RATE)
         offsets.add((frame - number) % 2 ** BITS)
     for (earlier, _, _), (later, _, _) in zip(samples, samples[1:]):
         steps.append((later - earlier) / 1000)
@@ -149,6 +167,24 @@ def measure(browser, wall, seconds):
             "age_median_s": round(ages[len(ages) // 2], 2) if ages else None,
             "age_95_s": round(ages[int(len(ages) * 0.95)], 2) if ages else None,
             "age_max_s": round(ages[-1], 2) if ages else None}
+
+
+def click(browser, wall, times):
+    """Seconds from a click to the composed frame that has the selection border."""
+    delays = []
+    for _ in range(times):
+        ActionChains(browser).send_keys(Keys.ESCAPE).perform()
+        wait_for(lambda: not wall.channel()["selected"], "nothing is selected")
+        done = len(browser.find_elements(By.CSS_SELECTOR, "#action-list .done"))
+        box = browser.find_element(By.CSS_SELECTOR, ".box")
+        # As the page has it, because the driver takes its time.
+        browser.execute_script("arguments[0].addEventListener('pointerdown', () => { window.clicked = Date.now(); })", box)
+        box.click()
+        wait_for(lambda: len(browser.find_elements(By.CSS_SELECTOR, "#action-list .done")) > done, "it is in effect")
+        text = browser.find_element(By.CSS_SELECTOR, "#action-list .done .detail").text
+        frame = int(re.search(r"frame (\d+)", text).group(1))
+        delays.append((frame - wall.composed_at(browser.execute_script("return window.clicked") / 1000)) / RATE)
+    return [round(delay, 2) for delay in sorted(delays)]
 
 
 def main():
@@ -164,6 +200,8 @@ def main():
         browser.get(url)
         wait_for(lambda: browser.execute_script("return document.getElementById('stage').dataset.frame"), "video", 30)
         print("one viewer:", json.dumps(measure(browser, wall, options.seconds)), flush=True)
+
+        print("from clicks to the border, s:", click(browser, wall, 10), flush=True)
 
         viewers = [Viewer(wall.port, reads=number % 10 != 0) for number in range(options.viewers)]
         print(f"with {options.viewers} more:", json.dumps(measure(browser, wall, 20)), wall.preview(), flush=True)

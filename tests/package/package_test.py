@@ -123,6 +123,8 @@ def use(root):
             except OSError as error:  # a dead source is no reason to wait for long
                 assert time.monotonic() < end and service.poll() is None, f"the wall is not ready: {error}"
                 time.sleep(0.1)
+        with urllib.request.urlopen(f"http://127.0.0.1:{port}/", timeout=60) as page:
+            assert b"<!doctype html" in page.read(100).lower()
         assert "nothing has changed" in root.run("tavrel", "ctl", "--socket", "/run/tavrel/studio.sock", "reload")
         assert "Gone" in root.run("tavrel", "ctl", "list")  # finds the only wall that runs
         root.run("tavrel", "ctl", "save-layout", "evening")

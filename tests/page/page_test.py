@@ -22,9 +22,15 @@ HOSTILE = '<script>document.title="taken"</script>\'"&\u202e\u2066drow'
 COLOURS = {"Green": ("0x20A040", (32, 160, 64)), "Blue": ("0x3050D0", (48, 80, 208)), "Yellow": ("0xD0C030", (208, 192, 48)),
            HOSTILE: ("0x20B0B0", (32, 176, 176))}
 
+PIXEL_OF_VIDEO = """
+const video = document.getElementById("video"), drawing = document.createElement("canvas").getContext("2d");
+drawing.drawImage(video, -arguments[0] * video.videoWidth, -arguments[1] * video.videoHeight);
+return [...drawing.getImageData(0, 0, 1, 1).data];
+"""
+
 
 def wall_text(folder):
-    text = (f"[wall]\nwidth = {WIDTH}\nheight = {HEIGHT}\nspare = 1\nbackground = \"#101010\"\ndelay = 0.3\n"
+    text = (f"[wall]\nwidth = {WIDTH}\nheight = {HEIGHT}\nframe_rate = 10\nspare = 1\nbackground = \"#101010\"\ndelay = 0.3\n"
             "[defaults]\nalarm = { freeze = false, silence = { after = 1 } }\n")
     for number, (name, (colour, _)) in enumerate(COLOURS.items()):
         clip = os.path.join(folder, f"{number}.mkv")
@@ -54,6 +60,7 @@ class PageTest(unittest.TestCase):
         cls.folder.cleanup()
 
     def setUp(self):
+        self.browser.get_log("browser")  # of the test before
         self.open(self.wall)
 
     def open(self, wall):
@@ -136,6 +143,24 @@ class PageTest(unittest.TestCase):
                  "a layout of the menu")
         self.wall.command({"command": "layout", "layout": "auto"})
         self.assertIn("in effect", wait_for(lambda: self.find("#action-list .done").text, "what became of it"))
+        self.assertEqual(console_errors(self.browser), [])
+
+    def test_the_wall_plays_as_video_and_a_channel_is_heard(self):
+        self.boxes()
+        wait_for(lambda: self.find("#picture-state").text == "Live", "video")
+        frame = lambda: int(self.find("#stage").get_attribute("data-frame") or 0)
+        first = wait_for(frame, "the number of a frame")
+        wait_for(lambda: frame() > first + 20, "frames")
+        pixel = self.browser.execute_script(PIXEL_OF_VIDEO, *[side / size for side, size in zip(
+            centre(self.window("Yellow")), (WIDTH, HEIGHT))])
+        self.assertTrue(is_colour(pixel[:3], "Yellow"), pixel)
+        self.box("Yellow").click()
+        self.press("l")
+        level = lambda: int(self.browser.execute_script("return document.getElementById('heard-level').value"))
+        wait_for(lambda: self.find("#heard-name").text == "Yellow" and level() > -40, "the tone of what is heard", 20)
+        wait_for(lambda: frame() > first + 60 and self.find("#picture-state").text == "Live", "frames with audio")
+        self.press("l")
+        wait_for(lambda: not self.find("#heard").is_displayed(), "nothing is heard")
         self.assertEqual(console_errors(self.browser), [])
 
     def test_alarms_are_acknowledged_in_the_composed_frame_and_stay_in_the_history(self):

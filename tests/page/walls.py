@@ -10,6 +10,7 @@ import urllib.request
 from pathlib import Path
 
 from selenium import webdriver
+from selenium.common.exceptions import StaleElementReferenceException
 from selenium.webdriver.chrome.service import Service
 
 WIDTH, HEIGHT = 640, 360
@@ -37,7 +38,7 @@ class WallProcess:
 
     def __init__(self, program, folder, text, tokens=False, port=None):
         self.program, self.folder, self.port = program, Path(folder), port or free_port()
-        http = f'[http]\nlisten = "127.0.0.1:{self.port}"\n'
+        http = f'[http]\nlisten = "127.0.0.1:{self.port}"\npreview = {{ size = "320x180" }}\n'
         if tokens:
             file = self.folder / "tokens"
             file.write_text(f"operate {OPERATE}\nview {VIEW}\n")
@@ -121,7 +122,10 @@ def centre(window):
 def wait_for(condition, what, limit=15):
     end = time.monotonic() + limit
     while True:
-        value = condition()
+        try:
+            value = condition()
+        except StaleElementReferenceException:  # the page has replaced it meanwhile
+            value = None
         if value:
             return value
         if time.monotonic() > end:

@@ -8,6 +8,7 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include "host/config/value_text.h"
 #include "host/control/command.h"
 #include "host/control/layout_book.h"
 #include "host/control/wall_state.h"
@@ -29,10 +30,6 @@ std::string Coloured(const config::Diagnostic& diagnostic, std::string line) {
                                  : line.replace(at + 1, word.size(), colour + word + "\x1b[0m");
 }
 
-std::string RateText(Ratio rate) {
-  return std::to_string(rate.num) + (rate.den == 1 ? "" : "/" + std::to_string(rate.den));
-}
-
 void PrintJson(const config::WallFile& file, const std::string& path, std::ostream& out) {
   nlohmann::ordered_json report;
   report["file"] = path;
@@ -48,7 +45,7 @@ void PrintJson(const config::WallFile& file, const std::string& path, std::ostre
     const config::Canvas& canvas = file.wall.canvas;
     report["canvas"] = {{"width", canvas.width},
                         {"height", canvas.height},
-                        {"frame_rate", RateText(canvas.frameRate)}};
+                        {"frame_rate", config::TextOf(canvas.frameRate)}};
     report["channels"] = nlohmann::ordered_json::array();
     for (const config::Channel& channel : file.wall.channels) {
       const config::Window& window = channel.window;
@@ -115,7 +112,8 @@ ExitCode CheckFile(const CheckOptions& options, Streams& streams) {
     const std::size_t channels = file.wall.channels.size();
     streams.out << options.wall.string() << ": OK, " << channels
                 << (channels == 1 ? " channel on " : " channels on ") << canvas.width << "x"
-                << canvas.height << " at " << RateText(canvas.frameRate) << " frames per second\n";
+                << canvas.height << " at " << config::TextOf(canvas.frameRate)
+                << " frames per second\n";
   }
   return file.usable() ? ExitCode::kDone : ExitCode::kBadWall;
 }

@@ -22,6 +22,7 @@ ControlLinks::ControlLinks(control::WallExecutor& executor, Settings settings)
   if (settings.wall.http.listen) {
     http_.emplace(
         control::http::HttpServer::Settings{settings.wall.http, std::move(settings.snapshot),
+                                            std::move(settings.preview), std::move(settings.audio),
                                             std::move(settings.monitoring), settings.say},
         control_);
     say_("serves the HTTP API at " + http_->url());

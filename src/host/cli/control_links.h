@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <nlohmann/json_fwd.hpp>
 
@@ -28,7 +29,9 @@ class ControlLinks {
     std::filesystem::path wallFile;                // empty: the wall has none
     std::function<nlohmann::ordered_json()> live;  // as of WallControl
     // As of HttpServer; empty: no pictures are served.
-    std::function<std::optional<std::string>(const std::optional<config::Window>&)> snapshot;
+    control::http::Snapshots::Encode snapshot;
+    std::shared_ptr<FragmentFeed> preview;             // as of HttpServer
+    std::vector<std::shared_ptr<FragmentFeed>> audio;  // likewise
     control::http::Monitoring monitoring;
     std::function<void(const std::string&)> say;       // a message for the log
     std::function<void(const std::string&)> complain;  // something has failed

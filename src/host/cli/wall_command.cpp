@@ -20,6 +20,8 @@
 #include "host/cli/wall_status.h"
 #include "host/control/session_executor.h"
 #include "host/output/latest_frame.h"
+#include "host/output/listening.h"
+#include "host/output/preview.h"
 #include "host/output/snapshot.h"
 #include "host/session/wall_session.h"
 #include "platform/os/mutex.h"
@@ -92,6 +94,13 @@ class WallCommandRun {
         snapshot_(command.record.snapshotAt) {
     outputMessages_.PublishTo(
         [this](const nlohmann::ordered_json& event) { board_.Publish(event); });
+    if (command.live && command.wall.http.listen && command.wall.http.preview.enabled) {
+      preview_ = std::make_unique<Preview>(
+          Preview::Settings{command.wall.canvas, command.wall.http.preview,
+                            [this](const std::string& what) { Warn(what); }});
+      listening_ = std::make_unique<Listening>(command.wall.channels.size() +
+                                               static_cast<std::size_t>(command.wall.spare));
+    }
     if (command.live) {
       links_ = std::make_unique<ControlLinks>(executor_, LinkSettings());
       board_.PublishTo(links_->events());
@@ -161,6 +170,15 @@ class WallCommandRun {
           snapshot_.Take(frame, start);
         }
         latestFrame_.Take(frame);
+        if (preview_) {
+          preview_->Take(frame, start);
+        }
+      };
+    }
+    if (listening_) {
+      settings.takeAudio = [this](std::size_t slot, const AVPacket& packet,
+                                  const std::shared_ptr<AudioTrack>& track) {
+        listening_->Take(slot, packet, track);
       };
     }
     return settings;
@@ -170,10 +188,21 @@ class WallCommandRun {
     ControlLinks::Settings settings;
     settings.wall = command_.wall;
     settings.wallFile = command_.wallFile;
-    settings.snapshot = [this](const std::optional<config::Window>& window) {
-      return latestFrame_.Jpeg(command_.wall.canvas, window);
+    settings.snapshot = [this](const control::http::Snapshots::View& view) {
+      const config::Canvas& canvas = command_.wall.canvas;
+      return view.isSmall ? latestFrame_.Jpeg(canvas, view.window,
+                                              PreviewSize(canvas, command_.wall.http.preview))
+                          : latestFrame_.Jpeg(canvas, view.window);
     };
     settings.monitoring = watch_.Monitoring();
+    if (preview_) {
+      settings.preview = preview_->feed();
+      settings.audio = listening_->feeds();
+      settings.monitoring.metrics = [this, wall = settings.monitoring.metrics](auto& text) {
+        wall(text);
+        WriteMetrics(preview_->status(), listening_->listeners(), text);
+      };
+    }
     settings.say = [this](const std::string& what) { messages_.Say(qorp::log::kInfo, what); };
     settings.complain = [this](const std::string& what) { messages_.Say(qorp::log::kError, what); };
     settings.live = [this] {
@@ -184,10 +213,19 @@ class WallCommandRun {
         }
       }
       live["outputs"] = outputsLive();
+      if (preview_) {
+        const Preview::Status status = preview_->status();
+        live["preview"] = {{"viewers", status.viewers},
+                           {"encoding", status.isEncoding},
+                           {"frames", status.frames},
+                           {"listeners", listening_->listeners()}};
+      }
       return live;
     };
     return settings;
   }
+
+  void Warn(const std::string& what) { messages_.Say(qorp::log::kWarning, what); }
 
   void RunLive(WallSession& session) {
     ServiceStatus service(os::ServiceNotifier::FromEnvironment());
@@ -398,6 +436,8 @@ class WallCommandRun {
   Executor executor_{board_};
   WallWatch watch_{board_};
   LatestFrame latestFrame_;
+  std::unique_ptr<Preview> preview_;      // null: none is served
+  std::unique_ptr<Listening> listening_;  // with the preview
   OutputMessages outputMessages_;
   OutputSet* outputs_ = nullptr;               // of the session
   std::vector<ScreenOutput::Status> screens_;  // at its end

@@ -189,6 +189,27 @@ void AddOutputs(const WallFigures& wall, MetricsText& text) {
   add([](const OutputStatus& one) { return std::uint64_t{one.queuedFrames}; });
 }
 
+bool IsOpen(const ScreenOutput::Status& screen) {
+  return screen.state == ScreenOutput::State::kOpen;
+}
+
+void AddScreens(const WallFigures& wall, MetricsText& text) {
+  const auto add = [&](auto value) {
+    for (std::size_t i = 0; i < wall.screens.size(); ++i) {
+      text.Add(value(wall.screens[i]), {{"screen", std::to_string(i + 1)}});
+    }
+  };
+  using Screen = ScreenOutput::Status;
+  text.Gauge("tavrel_screen_up", "1 while the window is open.");
+  add([](const Screen& one) { return std::uint64_t{IsOpen(one)}; });
+  text.Counter("tavrel_screen_failures_total", "How often the window had to be opened again.");
+  add([](const Screen& one) { return one.failures; });
+  text.Counter("tavrel_screen_frames_total", "Frames that were shown.");
+  add([](const Screen& one) { return one.shown; });
+  text.Counter("tavrel_screen_frames_skipped_total", "Frames for which the display was too slow.");
+  add([](const Screen& one) { return one.skipped; });
+}
+
 }  // namespace
 
 void WriteMetrics(const WallFigures& wall, MetricsText& text) {
@@ -197,13 +218,24 @@ void WriteMetrics(const WallFigures& wall, MetricsText& text) {
   AddStates(wall, text);
   AddSources(wall, text);
   AddOutputs(wall, text);
+  AddScreens(wall, text);
 }
 
-std::string WhyNoOutput(const std::vector<OutputSet::Status>& outputs) {
-  const bool works = std::any_of(outputs.begin(), outputs.end(), [](const OutputStatus& one) {
-    return !one.failed && one.failure.empty();
-  });
-  return works || outputs.empty() ? "" : "no output works";
+void WriteMetrics(const Preview::Status& preview, std::size_t listeners, MetricsText& text) {
+  text.Gauge("tavrel_preview_viewers", "Clients that watch the preview.");
+  text.Add(std::uint64_t{preview.viewers});
+  text.Gauge("tavrel_preview_listeners", "Clients that listen to a channel.");
+  text.Add(std::uint64_t{listeners});
+  text.Counter("tavrel_preview_frames_total", "Frames that were encoded for the preview.");
+  text.Add(preview.frames);
+}
+
+std::string WhyNoOutput(const WallFigures& wall) {
+  const bool works =
+      std::any_of(wall.outputs.begin(), wall.outputs.end(),
+                  [](const OutputStatus& one) { return !one.failed && one.failure.empty(); }) ||
+      std::any_of(wall.screens.begin(), wall.screens.end(), IsOpen);
+  return works || (wall.outputs.empty() && wall.screens.empty()) ? "" : "no output works";
 }
 
 WallWatch::Running::Running(WallWatch& watch, WallSession& session) : watch_(watch) {
@@ -230,6 +262,7 @@ WallFigures WallWatch::Figures() const {
     figures.counters = session_->counters();
     figures.composing = session_->composing();
     figures.outputs = session_->outputs().status();
+    figures.screens = session_->screens();
   }
   return figures;
 }
@@ -250,11 +283,8 @@ std::string WallWatch::WhyNotReady() const {
   if (std::string dead = WhyNotAlive(); !dead.empty()) {
     return dead;
   }
-  const os::MutexLock guard(lock_);
-  if (session_ == nullptr || session_->counters().composed == 0) {
-    return "no frame has been composed yet";
-  }
-  return WhyNoOutput(session_->outputs().status());
+  const WallFigures figures = Figures();
+  return figures.counters.composed == 0 ? "no frame has been composed yet" : WhyNoOutput(figures);
 }
 
 }  // namespace host::cli

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <vector>
@@ -11,6 +12,8 @@
 #include "host/control/http/monitoring.h"
 #include "host/control/metrics_text.h"
 #include "host/output/output_set.h"
+#include "host/output/preview.h"
+#include "host/output/screen/screen_output.h"
 #include "host/session/wall_session.h"
 #include "platform/os/mutex.h"
 
@@ -25,13 +28,19 @@ struct WallFigures {
   FrameWatch::Totals composing;
   std::vector<ChannelBoard::Entry> channels;
   std::vector<OutputSet::Status> outputs;
+  std::vector<ScreenOutput::Status> screens;
 };
 
-// Channels are named by their names, outputs by their number, from 1; no address is told.
+// Channels are named by their names, outputs and screens by their number, from 1; no address is
+// told.
 void WriteMetrics(const WallFigures& wall, control::MetricsText& text);
 
-// Why no output of several works; empty when one does or there are none to work.
-std::string WhyNoOutput(const std::vector<OutputSet::Status>& outputs);
+// Of the preview; listeners: of audio.
+void WriteMetrics(const Preview::Status& preview, std::size_t listeners,
+                  control::MetricsText& text);
+
+// Why nobody gets the frames; empty when an output or a screen works, or there are none.
+std::string WhyNoOutput(const WallFigures& wall);
 
 // The session of a wall, as far as others than its own thread look at it. Belongs to the command
 // that runs the wall; board outlives it. The application's thread says while there is a session,

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <string>
 #include <system_error>
+#include <tuple>
 
 #include "host/config/sections.h"
 #include "host/config/value_text.h"
@@ -13,6 +14,8 @@ namespace host::config {
 namespace {
 
 constexpr std::size_t kMaxHosts = 32;
+constexpr int kSmallestPreview = 64;  // pixels
+constexpr int kLargestPreview = 3840;
 
 bool IsLoopback(const std::string& host) {
   return host == "::1" || host.starts_with("127.");
@@ -51,6 +54,42 @@ void ReadHosts(TableReader& reader, std::vector<std::string>& hosts) {
                                  "must be the name of a host alone, without a scheme or a port");
     }
   }
+}
+
+// true, false, or a table with the details.
+void ReadPreview(TableReader& reader, const Canvas& canvas, PreviewOptions& preview) {
+  constexpr const char* kKey = "preview";
+  const toml::node* const node = reader.Find(kKey);
+  if (node == nullptr) {
+    return;
+  }
+  if (node->is_boolean()) {
+    preview.enabled = *node->value<bool>();
+    return;
+  }
+  const toml::table* const table = node->as_table();
+  if (table == nullptr) {
+    reader.Error(kKey,
+                 "must be true, false or a table such as { size = \"960x540\", rate = 12.5 }");
+    return;
+  }
+  TableReader inner(*table, "\"preview\"", reader.diagnostics());
+  if (const auto text = inner.Text("size")) {
+    if (const auto size = ParseSize(*text);
+        size && std::min(size->first, size->second) >= kSmallestPreview &&
+        std::max(size->first, size->second) <= kLargestPreview) {
+      std::tie(preview.width, preview.height) = *size;
+    } else {
+      inner.Error("size", "must be a width and a height in pixels from 64 to 3840: \"960x540\"");
+    }
+  }
+  preview.frameRate = ReadFrameRate(inner, "rate");
+  if (preview.frameRate && preview.frameRate->value() > canvas.frameRate.value()) {
+    inner.Error("rate", "must not be above the frame rate of the canvas, " +
+                            TextOf(canvas.frameRate) + " frames per second");
+  }
+  preview.bitRate = ReadBitRate(inner).value_or(preview.bitRate);
+  inner.Finish();
 }
 
 }  // namespace
@@ -95,7 +134,7 @@ std::optional<std::pair<std::string, std::string>> HttpMistake(const Http& http)
   return {};
 }
 
-void ReadHttp(TableReader& reader, const FileContext& context, Http& http) {
+void ReadHttp(TableReader& reader, const FileContext& context, const Canvas& canvas, Http& http) {
   bool isReadable = true;
   if (const auto listen = reader.Text("listen")) {
     http.listen = ParseListenAddress(*listen);
@@ -108,6 +147,7 @@ void ReadHttp(TableReader& reader, const FileContext& context, Http& http) {
   ReadFileName(reader, "cert", context, http.certificate);
   ReadFileName(reader, "key", context, http.key);
   ReadHosts(reader, http.hosts);
+  ReadPreview(reader, canvas, http.preview);
   if (const auto mistake = HttpMistake(http); mistake && isReadable && context.complete) {
     reader.Error(mistake->first, mistake->second);
   }

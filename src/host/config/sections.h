@@ -1,6 +1,7 @@
 // The readers of the single sections of a wall file; used by ReadWall only.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -21,6 +22,10 @@ struct FileContext {
 // A URL as it is, a path joined to the folder of the wall file.
 std::string ResolveSource(const std::string& source, const FileContext& context);
 std::filesystem::path ResolvePath(const std::string& path, const FileContext& context);
+
+// Frames per second, and the bits per second of "bitrate"; none when they are not given or wrong.
+std::optional<Ratio> ReadFrameRate(TableReader& reader, const char* key);
+std::optional<std::int64_t> ReadBitRate(TableReader& reader);
 
 // [wall]
 void ReadCanvas(TableReader& reader, const FileContext& context, Wall& wall);
@@ -47,7 +52,7 @@ std::vector<Layout> ReadLayouts(TableReader& root, const Canvas& canvas);
 void ReadLog(TableReader& reader, const FileContext& context, LogOptions& log);
 
 // [http]
-void ReadHttp(TableReader& reader, const FileContext& context, Http& http);
+void ReadHttp(TableReader& reader, const FileContext& context, const Canvas& canvas, Http& http);
 
 inline constexpr int kMaxTallyIndex = 65534;
 

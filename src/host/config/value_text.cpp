@@ -91,6 +91,15 @@ std::optional<Ratio> ParseFrameRate(std::string_view text) {
   return number && number->second.empty() ? FrameRateOf(number->first) : std::nullopt;
 }
 
+std::string TextOf(Ratio ratio) {
+  const std::string text = std::to_string(ratio.num);
+  return ratio.den == 1 ? text : text + "/" + std::to_string(ratio.den);
+}
+
+std::optional<std::pair<int, int>> ParseSize(std::string_view text) {
+  return TwoNumbers(text, "x");
+}
+
 std::optional<Ratio> ParseAspect(std::string_view text) {
   const auto terms = TwoNumbers(text, ":/");
   if (!terms || terms->first > kLargestCanvas || terms->second > kLargestCanvas) {

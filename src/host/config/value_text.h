@@ -18,6 +18,12 @@ namespace host::config {
 std::optional<Ratio> ParseFrameRate(std::string_view text);
 std::optional<Ratio> FrameRateOf(double framesPerSecond);
 
+// "25", "30000/1001".
+std::string TextOf(Ratio ratio);
+
+// "960x540": width and height.
+std::optional<std::pair<int, int>> ParseSize(std::string_view text);
+
 // "16:9" or "16/9", reduced; both terms from 1 to 8192.
 std::optional<Ratio> ParseAspect(std::string_view text);
 

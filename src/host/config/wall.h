@@ -282,6 +282,16 @@ struct Screen {
   bool operator==(const Screen&) const = default;
 };
 
+// What is sent to those who look at the running wall over HTTP.
+struct PreviewOptions {
+  bool enabled = true;
+  int width = 960;  // pixels; the largest size of the canvas's shape that fits is sent
+  int height = 540;
+  std::optional<Ratio> frameRate;    // none: that of the canvas
+  std::int64_t bitRate = 1'500'000;  // bits per second at most
+  bool operator==(const PreviewOptions&) const = default;
+};
+
 // The HTTP API of a running wall.
 struct Http {
   std::optional<Endpoint> listen;     // an address of this machine; none: no server
@@ -289,6 +299,7 @@ struct Http {
   std::filesystem::path certificate;  // chain, PEM; with a key: TLS
   std::filesystem::path key;
   std::vector<std::string> hosts;  // further names by which clients address the wall
+  PreviewOptions preview;
   Places places;
 
   bool operator==(const Http&) const = default;

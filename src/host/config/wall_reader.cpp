@@ -315,7 +315,7 @@ WallFile ParseWall(const std::string& text, const std::filesystem::path& folder)
     }
     if (const toml::table* table = root.Table("http")) {
       TableReader reader(*table, "[http]", file.diagnostics);
-      ReadHttp(reader, context, file.wall.http);
+      ReadHttp(reader, context, file.wall.canvas, file.wall.http);
     }
     if (const toml::table* table = root.Table("control")) {
       TableReader reader(*table, "[control]", file.diagnostics);

@@ -22,27 +22,6 @@ void ReadSize(TableReader& reader, const char* key, int& size) {
   }
 }
 
-void ReadFrameRate(TableReader& reader, Ratio& rate) {
-  constexpr const char* kKey = "frame_rate";
-  const toml::node* const node = reader.Find(kKey);
-  if (node == nullptr) {
-    return;
-  }
-  std::optional<Ratio> given;
-  if (node->is_number()) {
-    given = FrameRateOf(node->value<double>().value_or(0));
-  } else if (node->is_string()) {
-    given = ParseFrameRate(*node->value<std::string>());
-  }
-  if (!given) {
-    reader.Error(kKey, "must be frames per second: 25, 29.97 or \"30000/1001\"");
-  } else if (given->value() < kSlowestRate || given->value() > kFastestRate) {
-    reader.Error(kKey, "must lie between 1 and 120 frames per second");
-  } else {
-    rate = *given;
-  }
-}
-
 std::optional<Ratio> ReadAspect(TableReader& reader, const char* key) {
   const auto text = reader.Text(key);
   if (!text) {
@@ -146,12 +125,51 @@ std::optional<int> ReadPixels(TableReader& reader, const char* key) {
 
 }  // namespace
 
+std::optional<Ratio> ReadFrameRate(TableReader& reader, const char* key) {
+  const toml::node* const node = reader.Find(key);
+  if (node == nullptr) {
+    return {};
+  }
+  std::optional<Ratio> given;
+  if (node->is_number()) {
+    given = FrameRateOf(node->value<double>().value_or(0));
+  } else if (node->is_string()) {
+    given = ParseFrameRate(*node->value<std::string>());
+  }
+  if (!given) {
+    reader.Error(key, "must be frames per second: 25, 29.97 or \"30000/1001\"");
+  } else if (given->value() < kSlowestRate || given->value() > kFastestRate) {
+    reader.Error(key, "must lie between 1 and 120 frames per second");
+    return {};
+  }
+  return given;
+}
+
+std::optional<std::int64_t> ReadBitRate(TableReader& reader) {
+  constexpr const char* kKey = "bitrate";
+  const toml::node* const node = reader.Find(kKey);
+  if (node == nullptr) {
+    return {};
+  }
+  std::optional<std::int64_t> given;
+  if (node->is_integer()) {
+    given = node->value<std::int64_t>();
+  } else if (node->is_string()) {
+    given = ParseBitRate(*node->value<std::string>());
+  }
+  if (!given || *given < 10'000 || *given > 1'000'000'000) {
+    reader.Error(kKey, "must be bits per second from 10k to 1000M: 6000000, \"800k\" or \"6M\"");
+    return {};
+  }
+  return given;
+}
+
 void ReadCanvas(TableReader& reader, const FileContext& context, Wall& wall) {
   Canvas& canvas = wall.canvas;
   LayoutRules& rules = wall.rules;
   ReadSize(reader, "width", canvas.width);
   ReadSize(reader, "height", canvas.height);
-  ReadFrameRate(reader, canvas.frameRate);
+  canvas.frameRate = ReadFrameRate(reader, "frame_rate").value_or(canvas.frameRate);
   canvas.aspect =
       ReadAspect(reader, "aspect").value_or(Reduced(Ratio{canvas.width, canvas.height}));
   ReadBackground(reader, context, canvas.background);
@@ -180,25 +198,6 @@ namespace {
 
 constexpr Time kMaxSegment = 366 * 24 * (3600 * kSecond);
 constexpr std::int64_t kSmallestSegment = 1'000'000;  // bytes
-
-void ReadBitRate(TableReader& reader, std::int64_t& bitRate) {
-  constexpr const char* kKey = "bitrate";
-  const toml::node* const node = reader.Find(kKey);
-  if (node == nullptr) {
-    return;
-  }
-  std::optional<std::int64_t> given;
-  if (node->is_integer()) {
-    given = node->value<std::int64_t>();
-  } else if (node->is_string()) {
-    given = ParseBitRate(*node->value<std::string>());
-  }
-  if (!given || *given < 10'000 || *given > 1'000'000'000) {
-    reader.Error(kKey, "must be bits per second from 10k to 1000M: 6000000, \"800k\" or \"6M\"");
-    return;
-  }
-  bitRate = *given;
-}
 
 void ReadSegmentSize(TableReader& reader, std::int64_t& size) {
   constexpr const char* kKey = "segment_size";
@@ -229,7 +228,7 @@ Output ReadOutput(TableReader& reader, const FileContext& context) {
   output.format = reader.FilledText("format").value_or("");
   output.codec = reader.FilledText("codec").value_or(output.codec);
   output.preset = reader.FilledText("preset").value_or(output.preset);
-  ReadBitRate(reader, output.bitRate);
+  output.bitRate = ReadBitRate(reader).value_or(output.bitRate);
   output.quality = reader.Number("quality", 0, 51);
   if (output.quality && output.bitRate > 0) {
     reader.Error("quality", "cannot be given together with \"bitrate\"");

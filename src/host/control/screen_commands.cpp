@@ -14,20 +14,29 @@
 namespace host::control {
 namespace {
 
-using Json = nlohmann::json;
-using Kind = ScreenInput::Kind;
+using Command = nlohmann::json;
+using InputKind = ScreenInput::Kind;
 
-Json Select(const ChannelEntry* entry) {
-  return entry == nullptr || entry->settings.selected
-             ? Json()
-             : Json{{"command", "select"}, {"channel", entry->settings.name}};
+// None is null. No list of an initializer stands beside ":": the compiler ends its life too early.
+Command Select(const ChannelEntry* entry) {
+  if (entry == nullptr || entry->settings.selected) {
+    return nullptr;
+  }
+  return {{"command", "select"}, {"channel", entry->settings.name}};
 }
 
-Json Solo(const ChannelEntry* entry, const WallState& state) {
-  if (!state.solo.empty()) {
-    return {{"command", "solo_off"}};
+Command SoloOff(const WallState& state) {
+  if (state.solo.empty()) {
+    return nullptr;
   }
-  return entry == nullptr ? Json() : Json{{"command", "solo"}, {"channel", entry->settings.name}};
+  return {{"command", "solo_off"}};
+}
+
+Command Solo(const ChannelEntry* entry, const WallState& state) {
+  if (!state.solo.empty() || entry == nullptr) {
+    return SoloOff(state);
+  }
+  return {{"command", "solo"}, {"channel", entry->settings.name}};
 }
 
 const ChannelEntry* Selected(const WallState& state) {
@@ -81,11 +90,11 @@ const ChannelEntry* Beside(const WallState& state, int directionX, int direction
   return best;
 }
 
-Json Layout(const std::string& name) {
+Command Layout(const std::string& name) {
   return {{"command", "layout"}, {"layout", name}};
 }
 
-Json NextLayout(const WallState& state) {
+Command NextLayout(const WallState& state) {
   const std::vector<std::string> names = state.LayoutNames();
   const auto now = std::find(names.begin(), names.end(), state.layout);
   const auto at = static_cast<std::size_t>(now - names.begin());
@@ -105,32 +114,32 @@ Json NextLayout(const WallState& state) {
 
 }  // namespace
 
-Json CommandOf(const ScreenInput& input, const WallState& state) {
+Command CommandOf(const ScreenInput& input, const WallState& state) {
   const auto digit = static_cast<std::size_t>(std::clamp(input.digit, 1, 9)) - 1;
   switch (input.kind) {
-    case Kind::kClick:
+    case InputKind::kClick:
       return Select(At(state, input.x, input.y));
-    case Kind::kDoubleClick:
+    case InputKind::kDoubleClick:
       return Solo(At(state, input.x, input.y), state);
-    case Kind::kEnter:
+    case InputKind::kEnter:
       return Solo(Selected(state), state);
-    case Kind::kEscape:
-      return state.solo.empty() ? Json() : Json{{"command", "solo_off"}};
-    case Kind::kLeft:
+    case InputKind::kEscape:
+      return SoloOff(state);
+    case InputKind::kLeft:
       return Select(Beside(state, -1, 0));
-    case Kind::kRight:
+    case InputKind::kRight:
       return Select(Beside(state, 1, 0));
-    case Kind::kUp:
+    case InputKind::kUp:
       return Select(Beside(state, 0, -1));
-    case Kind::kDown:
+    case InputKind::kDown:
       return Select(Beside(state, 0, 1));
-    case Kind::kChannel:
-      return digit < state.order.size() ? Select(&*state.slots[state.order[digit]]) : Json();
-    case Kind::kLayout: {
+    case InputKind::kChannel:
+      return digit < state.order.size() ? Select(&*state.slots[state.order[digit]]) : Command();
+    case InputKind::kLayout: {
       const std::vector<std::string> names = state.LayoutNames();
-      return digit < names.size() ? Layout(names[digit]) : Json();
+      return digit < names.size() ? Layout(names[digit]) : Command();
     }
-    case Kind::kNextLayout:
+    case InputKind::kNextLayout:
       return NextLayout(state);
   }
   return {};

@@ -41,7 +41,8 @@ ComPtr<IMediaSample> LatestFrame::Next() {
 }
 
 std::optional<std::string> LatestFrame::Jpeg(const config::Canvas& canvas,
-                                             const std::optional<config::Window>& part) {
+                                             const std::optional<config::Window>& part,
+                                             std::optional<std::pair<int, int>> size) {
   std::vector<std::uint8_t> pixels;
   {
     const ComPtr<IMediaSample> frame = Next();
@@ -53,7 +54,7 @@ std::optional<std::string> LatestFrame::Jpeg(const config::Canvas& canvas,
   }
   return EncodeJpeg(pixels, canvas.width, canvas.height,
                     part.value_or(config::Window{0, 0, canvas.width, canvas.height}),
-                    canvas.pixelAspect());
+                    canvas.pixelAspect(), size);
 }
 
 }  // namespace host

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "host/config/wall.h"
 #include "platform/com/com_ptr.h"
@@ -19,10 +20,12 @@ class LatestFrame {
  public:
   // Composition thread; returns at once.
   void Take(const ComPtr<IMediaSample>& frame);
-  // The next frame, or a part of it in canvas pixels; none when there is no frame within a second.
-  // One thread at a time. Throws ffmpeg::Error.
+  // The next frame, or a part of it in canvas pixels, in its own size or the one that is given as
+  // width and height; none when there is no frame within a second. One thread at a time. Throws
+  // ffmpeg::Error.
   std::optional<std::string> Jpeg(const config::Canvas& canvas,
-                                  const std::optional<config::Window>& part);
+                                  const std::optional<config::Window>& part,
+                                  std::optional<std::pair<int, int>> size = {});
 
  private:
   ComPtr<IMediaSample> Next();

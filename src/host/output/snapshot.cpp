@@ -106,7 +106,8 @@ void WriteSnapshot(const std::filesystem::path& file, std::span<const std::uint8
 }
 
 std::string EncodeJpeg(std::span<const std::uint8_t> yv12, int width, int height,
-                       const config::Window& part, Ratio pixelAspect) {
+                       const config::Window& part, Ratio pixelAspect,
+                       std::optional<std::pair<int, int>> size) {
   constexpr const char* kWhat = "cannot make a JPEG picture";
   constexpr int kQuality = 4;
   const std::size_t lumaSize = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
@@ -121,8 +122,10 @@ std::string EncodeJpeg(std::span<const std::uint8_t> yv12, int width, int height
   ffmpeg::Frame picture = ffmpeg::MakeFrame();
   picture->format = AV_PIX_FMT_YUV420P;
   picture->color_range = AVCOL_RANGE_JPEG;
-  picture->width = std::max(2, static_cast<int>(std::lround(partWidth * pixelAspect.value())));
-  picture->height = partHeight;
+  picture->width =
+      size ? size->first
+           : std::max(2, static_cast<int>(std::lround(partWidth * pixelAspect.value())));
+  picture->height = size ? size->second : partHeight;
   ffmpeg::Check(av_frame_get_buffer(picture.get(), 0), kWhat);
   const ffmpeg::Scaler scaler(sws_alloc_context());
   if (!scaler) {
@@ -134,7 +137,7 @@ std::string EncodeJpeg(std::span<const std::uint8_t> yv12, int width, int height
                                       {"src_format", int{AV_PIX_FMT_YUV420P}},
                                       {"src_range", 0},
                                       {"dstw", picture->width},
-                                      {"dsth", partHeight},
+                                      {"dsth", picture->height},
                                       {"dst_format", int{AV_PIX_FMT_YUV420P}},
                                       {"dst_range", 1},
                                       {"sws_flags", SWS_BICUBIC}}) {

@@ -7,6 +7,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <utility>
 
 #include "host/config/wall.h"
 #include "host/units.h"
@@ -23,10 +24,12 @@ namespace host {
 void WriteSnapshot(const std::filesystem::path& file, std::span<const std::uint8_t> yv12, int width,
                    int height, Ratio pixelAspect = {1, 1});
 
-// A part of such a picture, as far as it lies inside, as the bytes of a JPEG file. Throws
-// ffmpeg::Error, and std::invalid_argument when nothing of the part lies inside.
+// A part of such a picture, as far as it lies inside, as the bytes of a JPEG file, in its own size
+// or the one that is given as width and height. Throws ffmpeg::Error, and std::invalid_argument
+// when nothing of the part lies inside.
 std::string EncodeJpeg(std::span<const std::uint8_t> yv12, int width, int height,
-                       const config::Window& part, Ratio pixelAspect = {1, 1});
+                       const config::Window& part, Ratio pixelAspect = {1, 1},
+                       std::optional<std::pair<int, int>> size = {});
 
 // The last frame, or the first one at or after a moment. Taken on the composition thread, written
 // by the application's; one lock.

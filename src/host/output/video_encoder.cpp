@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 extern "C" {
@@ -135,6 +136,9 @@ VideoEncoder::VideoEncoder(const Settings& settings)
     throw ffmpeg::Error(AVERROR_OPTION_NOT_FOUND,
                         std::string(encoder->name) + " has no preset \"" + settings.preset + "\"");
   }
+  if (!settings.profile.empty()) {
+    options.Set("profile", settings.profile);
+  }
   if (Offers(*codec_, "crf") && settings.bitRate <= 0) {
     options.Set("crf", std::to_string(settings.quality.value_or(20.0)));
     if (std::string_view(encoder->name).starts_with("libx26")) {
@@ -150,6 +154,9 @@ VideoEncoder::VideoEncoder(const Settings& settings)
   }
   if (settings.lowDelay && OffersValue(*codec_, "tune", "zerolatency")) {
     options.Set("tune", "zerolatency");
+  }
+  if (!settings.sceneCuts && Offers(*codec_, "sc_threshold")) {
+    options.Set("sc_threshold", "0");
   }
   if (Offers(*codec_, "forced-idr")) {
     options.Set("forced-idr", "1");
@@ -234,12 +241,16 @@ void VideoEncoder::Encode(std::span<const std::uint8_t> yv12, Time start, const 
   CopyPlane(yv12.data() + lumaSize, frame_->data[2], frame_->linesize[2], width / 2, height / 2);
   CopyPlane(yv12.data() + lumaSize + lumaSize / 4, frame_->data[1], frame_->linesize[1], width / 2,
             height / 2);
+  Encode(*frame_, start, sink);
+}
+
+void VideoEncoder::Encode(AVFrame& picture, Time start, const PacketSink& sink) {
   if (!firstStart_) {
     firstStart_ = start;
   }
   lastFrame_ = std::max(av_rescale_q(start - *firstStart_, ffmpeg::kTimeUnit, codec_->time_base),
                         lastFrame_ + 1);
-  frame_->pts = lastFrame_;
+  picture.pts = lastFrame_;
   // Counted in frames that were encoded, keyframes would move with every frame that was left out.
   if (!gridStart_) {
     gridStart_ = start;
@@ -247,10 +258,10 @@ void VideoEncoder::Encode(std::span<const std::uint8_t> yv12, Time start, const 
   const std::int64_t interval = (lastFrame_ + av_rescale_q(*firstStart_ - *gridStart_,
                                                            ffmpeg::kTimeUnit, codec_->time_base)) /
                                 codec_->gop_size;
-  const bool isKey = interval_ != interval;
+  const bool isKey = std::exchange(isForced_, false) || interval_ != interval;
   interval_ = interval;
-  frame_->pict_type = isKey ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
-  ffmpeg::Check(avcodec_send_frame(codec_.get(), frame_.get()), "cannot encode a picture");
+  picture.pict_type = isKey ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
+  ffmpeg::Check(avcodec_send_frame(codec_.get(), &picture), "cannot encode a picture");
   Receive(sink);
 }
 

@@ -30,9 +30,11 @@ class VideoEncoder {
     int height = 0;
     Ratio frameRate{25, 1};
     Ratio pixelAspect{1, 1};
+    std::string profile;  // of the encoder's names; empty: its choice
     // Bits per second that constant quality does not exceed over a second, where the encoder can
     // hold to it; 0: no limit.
     std::int64_t maxRate = 0;
+    bool sceneCuts = true;  // more keyframes where the encoder finds the picture changed
     // How late the first packet may leave the encoder, as far as the number of its threads decides
     // about that and its preset is the default one; 0: no limit.
     Time maxDelay = 0;
@@ -55,6 +57,11 @@ class VideoEncoder {
   // frame rate that the first one opens; others are moved to the nearest later free place on it.
   // The sink gets the packets that are ready, timestamped in units of 100 ns. Throws ffmpeg::Error.
   void Encode(std::span<const std::uint8_t> yv12, Time start, const PacketSink& sink);
+  // The same of a picture in planes, which has the encoder's size and format and whose timestamp is
+  // set here. The encoder may keep a reference to its buffers.
+  void Encode(AVFrame& picture, Time start, const PacketSink& sink);
+  // The next frame becomes a keyframe.
+  void ForceKeyframe() { isForced_ = true; }
   // Hands over what is still inside; nothing may be encoded afterwards.
   void Finish(const PacketSink& sink);
 
@@ -73,7 +80,8 @@ class VideoEncoder {
   std::optional<Time> firstStart_;
   std::optional<Time> gridStart_;
   std::optional<std::int64_t> interval_;  // of the latest frame, counted from there
-  std::int64_t lastFrame_ = -1;           // counted from the first, in frames
+  bool isForced_ = false;
+  std::int64_t lastFrame_ = -1;  // counted from the first, in frames
 };
 
 // The time between two keyframes in whole frames.

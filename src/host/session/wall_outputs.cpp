@@ -35,7 +35,8 @@ bool IsWatchedLive(const config::Output& output) {
 
 VideoEncoder::Settings EncoderOf(const config::Canvas& canvas, const config::Output& output,
                                  bool live) {
-  VideoEncoder::Settings encoder{output};
+  VideoEncoder::Settings encoder;
+  static_cast<config::Encoding&>(encoder) = output;
   encoder.width = canvas.width;
   encoder.height = canvas.height;
   encoder.frameRate = canvas.frameRate;

@@ -118,7 +118,7 @@ WallSession::WallSession(Settings settings)
   Check(graph_->AddFilter(composer_.filter(), u"composer"), "add the composer to the graph");
   Check(graph_->AddFilter(background_.Get(), u"background"), "add the background to the graph");
   Check(graph_->AddFilter(sink_.Get(), u"composition"), "add the sink to the graph");
-  if (!outputs_->empty() || screens_->hasAudio()) {
+  if (!outputs_->empty() || screens_->hasAudio() || settings_.takeAudio) {
     for (const OutputSession::Track& track : outputs.tracks) {
       audioTracks_.push_back(track.audio);
     }
@@ -131,6 +131,9 @@ WallSession::WallSession(Settings settings)
                                      screens_->TakeAudio(channel, *packet);
                                      if (follow_) {
                                        follow_->Take(channel, *packet);
+                                     }
+                                     if (settings_.takeAudio) {
+                                       settings_.takeAudio(channel, *packet, audioTracks_[channel]);
                                      }
                                    });
     Check(graph_->AddFilter(audioSink_.Get(), u"audio"), "add the sink of the audio to the graph");

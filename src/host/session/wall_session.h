@@ -45,6 +45,11 @@ class WallSession {
     // May be null.
     CompositionSink::TakeFrame takeFrame;
     ScreenLinks screen;  // of a live wall with screens, whose program is given
+    // Gets every audio packet of a slot besides the outputs, with the track whose format it has, on
+    // the channel's streaming thread; returns at once. May be null.
+    std::function<void(std::size_t slot, const AVPacket& packet,
+                       const std::shared_ptr<AudioTrack>& track)>
+        takeAudio;
     bool live = false;
     // At which a rendered wall decodes all its channels; everything but in measurements.
     DecodeStep renderStep = DecodeStep::kFull;
@@ -164,7 +169,7 @@ class WallSession {
   std::vector<bool> detached_;  // channels that a rendering no longer waits for
   ComPtr<BackgroundSource> background_;
   ComPtr<CompositionSink> sink_;
-  ComPtr<AudioSink> audioSink_;  // null of a wall without outputs
+  ComPtr<AudioSink> audioSink_;  // null of a wall whose audio nobody takes
   ComPtr<FilterGraph> graph_;
   LabelFiles labelFiles_;  // is destroyed first: it hands texts to the channels
 };

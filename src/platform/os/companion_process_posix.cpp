@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include "platform/os/companion_process.h"
+#include "platform/os/descriptor_posix.h"
 
 namespace os {
 namespace {
@@ -40,25 +41,6 @@ int Checked(int result, const char* what) {
   }
   return result;
 }
-
-// Closes the descriptor unless it is taken.
-class Descriptor {
- public:
-  explicit Descriptor(int number) : number_(number) {}
-  ~Descriptor() {
-    if (number_ >= 0) {
-      ::close(number_);
-    }
-  }
-  Descriptor(Descriptor&& other) noexcept : number_(other.Take()) {}
-  Descriptor& operator=(Descriptor&&) = delete;
-
-  int get() const { return number_; }
-  int Take() { return std::exchange(number_, -1); }
-
- private:
-  int number_;
-};
 
 class SpawnActions {
  public:

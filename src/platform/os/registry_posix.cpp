@@ -8,6 +8,7 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include "platform/os/descriptor_posix.h"
 #include "platform/os/installed.h"
 #include "platform/os/registry.h"
 
@@ -67,26 +68,6 @@ std::string Unescape(const std::string& text) {
   throw std::system_error(errno, std::generic_category(), what);
 }
 
-// A descriptor that is closed with its holder.
-class Descriptor {
- public:
-  Descriptor(const std::filesystem::path& file, int flags)
-      : fd_(::open(file.c_str(), flags | O_CLOEXEC, 0644)) {}
-  ~Descriptor() {
-    if (fd_ >= 0) {
-      ::close(fd_);
-    }
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-
-  bool IsOpen() const { return fd_ >= 0; }
-  int Get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
 std::string ReadAll(int fd, const std::filesystem::path& file) {
   std::string text;
   char buffer[4096];
@@ -124,7 +105,7 @@ RegistryTree ReadFile(const std::filesystem::path& path) {
     ThrowErrno("cannot open the registry " + path.string());
   }
   try {
-    return RegistryTree::Parse(ReadAll(file.Get(), path));
+    return RegistryTree::Parse(ReadAll(file.get(), path));
   } catch (const std::system_error&) {
     throw;
   } catch (const std::runtime_error& error) {
@@ -256,7 +237,7 @@ void Registry::Update(const std::function<void(RegistryTree&)>& change) {
     ThrowErrno("cannot open " + lockFile.string());
   }
   // Held until the descriptor is closed.
-  while (::flock(lock.Get(), LOCK_EX) != 0) {
+  while (::flock(lock.get(), LOCK_EX) != 0) {
     if (errno != EINTR) {
       ThrowErrno("cannot lock " + lockFile.string());
     }
@@ -269,8 +250,8 @@ void Registry::Update(const std::function<void(RegistryTree&)>& change) {
     if (!file.IsOpen()) {
       ThrowErrno("cannot write " + next.string());
     }
-    WriteAll(file.Get(), tree.Format(), next);
-    if (::fsync(file.Get()) != 0) {
+    WriteAll(file.get(), tree.Format(), next);
+    if (::fsync(file.get()) != 0) {
       ThrowErrno("cannot write " + next.string());
     }
   }

@@ -262,6 +262,11 @@ TEST(WallReader, ChecksWhoMayReachTheHttpServer) {
               ElementsAre(HasSubstr("w:5:10: error: must be the name of a host alone"),
                           HasSubstr("w:6:7: error: \"key\" names no file"),
                           HasSubstr("w:6:7: error: \"key\" needs \"cert\"")));
+  EXPECT_THAT(with("preview = { size = '960', rate = 50, bitrate = '1', fps = 1 }"),
+              ElementsAre(HasSubstr("w:4:20: error: \"size\" must be a width and a height"),
+                          HasSubstr("w:4:34: error: \"rate\" must not be above the frame rate"),
+                          HasSubstr("w:4:48: error: \"bitrate\" must be bits per second"),
+                          HasSubstr("w:4:53: error: \"preview\" has no key \"fps\"")));
   EXPECT_THAT(
       with("listen = '192.168.1.5:80'"),
       ElementsAre(HasSubstr("w:4:10: error: \"listen\" is an address that other machines")));

@@ -86,7 +86,11 @@ TEST(ScreenOutput, ComesBackWhateverBecomesOfItsWindowAndNobodyWaitsForIt) {
   EXPECT_EQ(screen.status().failures, 2U);
   screen.Finish();
   EXPECT_TRUE(Children().empty());
-  WaitUntil("the last reference to a frame", [&] { return frame->AddRef() == 2; });
+  WaitUntil("the last reference to a frame", [&] {
+    const ULONG references = frame->AddRef();
+    frame->Release();
+    return references == 2;
+  });
 }
 
 TEST(ScreenOutput, SaysWhyADisplayIsNotThereAndTriesAgain) {

@@ -19,26 +19,6 @@ using What = Route::What;
 
 constexpr int kMaxDepth = 16;  // of lists and objects within each other
 
-Problem Malformed(std::string detail, int status = 422) {
-  return {status, "malformed-request", "The request is malformed", std::move(detail)};
-}
-
-nlohmann::json ParseJson(const std::string& text) {
-  const auto callback = [](int depth, nlohmann::json::parse_event_t, nlohmann::json&) {
-    if (depth > kMaxDepth) {
-      throw Malformed("lists and objects lie more than " + std::to_string(kMaxDepth) +
-                          " deep within each other",
-                      400);
-    }
-    return true;
-  };
-  try {
-    return nlohmann::json::parse(text, callback);
-  } catch (const nlohmann::json::exception& error) {
-    throw Malformed(std::string("the body is no JSON: ") + error.what(), 400);
-  }
-}
-
 std::string Tag(std::uint64_t version) {
   return "\"" + std::to_string(version) + "\"";
 }
@@ -86,6 +66,22 @@ Json ResultJson(const Accepted& accepted) {
 }  // namespace
 
 Api::Api(WallControl& control) : control_(control), description_(Dump(DescribeApi())) {}
+
+nlohmann::json Api::Parse(const std::string& text) {
+  const auto callback = [](int depth, nlohmann::json::parse_event_t, nlohmann::json&) {
+    if (depth > kMaxDepth) {
+      throw Problem::Malformed("lists and objects lie more than " + std::to_string(kMaxDepth) +
+                                   " deep within each other",
+                               400);
+    }
+    return true;
+  };
+  try {
+    return nlohmann::json::parse(text, callback);
+  } catch (const nlohmann::json::exception& error) {
+    throw Problem::Malformed(std::string("the body is no JSON: ") + error.what(), 400);
+  }
+}
 
 Json Api::Layouts() const {
   const std::shared_ptr<const WallState> state = control_.state();
@@ -171,19 +167,19 @@ Request Api::RequestOf(const Match& match, const Head& head, const std::string& 
                             : expected[0];
   }
   if (body.empty() && match.route->body == Route::Body::kRequired) {
-    throw Malformed("the request needs a body", 400);
+    throw Problem::Malformed("the request needs a body", 400);
   }
-  nlohmann::json json = body.empty() ? nlohmann::json::object() : ParseJson(body);
+  nlohmann::json json = body.empty() ? nlohmann::json::object() : Parse(body);
   if (match.route->what == What::kCommands) {
     request.commands = std::move(json);
     return request;
   }
   if (!json.is_object()) {
-    throw Malformed("the body must be an object");
+    throw Problem::Malformed("the body must be an object");
   }
   const std::string parameter = match.route->parameter();
   if (json.contains("command") || (!parameter.empty() && json.contains(parameter))) {
-    throw Malformed("\"command\" and the name in the path are no keys of the body");
+    throw Problem::Malformed("\"command\" and the name in the path are no keys of the body");
   }
   json["command"] = match.route->command;
   if (!parameter.empty()) {
@@ -204,10 +200,10 @@ Answer Api::AnswerOf(const Match& match, const Result& result) const {
 }
 
 std::string Api::TokenIn(const std::string& body) {
-  const nlohmann::json json = ParseJson(body);
+  const nlohmann::json json = Parse(body);
   if (!json.is_object() || json.size() != 1 || !json.contains("token") ||
       !json["token"].is_string()) {
-    throw Malformed("the body is {\"token\": \"...\"}");
+    throw Problem::Malformed("the body is {\"token\": \"...\"}");
   }
   return json["token"].get<std::string>();
 }
@@ -221,36 +217,39 @@ std::optional<std::uint64_t> Api::BeforeIn(const std::string& query) {
   const char* const last = query.data() + query.size();
   if (!query.starts_with(kBefore) || query.size() == kBefore.size() ||
       std::from_chars(query.data() + kBefore.size(), last, number).ptr != last) {
-    throw Malformed("the query is nothing or \"before=NUMBER\"", 400);
+    throw Problem::Malformed("the query is nothing or \"before=NUMBER\"", 400);
   }
   return number;
 }
 
-Api::Message Api::MessageOf(const std::string& text, const std::string& peer) const {
-  nlohmann::json json = ParseJson(text);
-  if (!json.is_object() || !json.contains("commands")) {
-    throw Malformed(
+Request Api::RequestOf(nlohmann::json message, const std::string& peer) {
+  if (!message.is_object() || !message.contains("commands")) {
+    throw Problem::Malformed(
         "a message is {\"commands\": a command or a list, \"id\": ..., "
-        "\"if_version\": ...}");
+        "\"if_version\": ...}, {\"preview\": true or false, \"id\": ...} or {\"listen\": "
+        "a channel or null, \"id\": ...}");
   }
-  Message message;
-  message.request.from = "http " + peer;
-  message.request.commands = std::move(json["commands"]);
-  message.id = json.value("id", nlohmann::json());
-  if (const auto version = json.find("if_version"); version != json.end()) {
+  Request request;
+  request.from = "http " + peer;
+  request.commands = std::move(message["commands"]);
+  if (const auto version = message.find("if_version"); version != message.end()) {
     if (!version->is_number_unsigned()) {
-      throw Malformed("\"if_version\" must be a version");
+      throw Problem::Malformed("\"if_version\" must be a version");
     }
-    message.request.ifVersion = version->get<std::uint64_t>();
+    request.ifVersion = version->get<std::uint64_t>();
   }
-  return message;
+  return request;
 }
 
 std::string Api::ReplyTo(const nlohmann::json& id, const Result& result) {
   if (const auto* const error = std::get_if<CommandError>(&result)) {
     return ReplyTo(id, Problem::Of(*error, ""));
   }
-  return Dump({{"event", "reply"}, {"id", id}, {"result", ResultJson(std::get<Accepted>(result))}});
+  return ReplyTo(id, ResultJson(std::get<Accepted>(result)));
+}
+
+std::string Api::ReplyTo(const nlohmann::json& id, const Json& result) {
+  return Dump({{"event", "reply"}, {"id", id}, {"result", result}});
 }
 
 std::string Api::ReplyTo(const nlohmann::json& id, const Problem& problem) {
@@ -268,7 +267,7 @@ std::optional<config::Window> Api::WindowFor(const std::string& query) const {
                         ? PercentDecoded(encoded.substr(kChannel.size()))
                         : std::nullopt;
   if (!name) {
-    throw Malformed("the query is nothing or \"channel=NAME\"", 400);
+    throw Problem::Malformed("the query is nothing or \"channel=NAME\"", 400);
   }
   const std::shared_ptr<const WallState> state = control_.state();
   const ChannelEntry* const entry = state->Find(*name);

@@ -29,13 +29,13 @@ class Api {
   // The number in the query "before=N", of the history; none without a query. Throws Problem.
   static std::optional<std::uint64_t> BeforeIn(const std::string& query);
 
+  // Throws Problem when it is no JSON or nested too deeply.
+  static nlohmann::json Parse(const std::string& text);
   // A message of a WebSocket: {"commands":...,"id":...,"if_version":...}. Throws Problem.
-  struct Message {
-    Request request;
-    nlohmann::json id;  // comes back with the answer
-  };
-  Message MessageOf(const std::string& text, const std::string& peer) const;
+  static Request RequestOf(nlohmann::json message, const std::string& peer);
+  // id: of the message.
   static std::string ReplyTo(const nlohmann::json& id, const Result& result);
+  static std::string ReplyTo(const nlohmann::json& id, const nlohmann::ordered_json& result);
   static std::string ReplyTo(const nlohmann::json& id, const Problem& problem);
 
   // The channel's window, for a picture of it; none for the whole canvas. Throws Problem.

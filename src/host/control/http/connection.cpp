@@ -31,6 +31,8 @@ using Parser = bhttp::request_parser<bhttp::string_body>;
 constexpr std::size_t kReadSize = 4096;             // bytes at least before a header
 constexpr std::chrono::milliseconds kLinger{2000};  // while a client may still be sending
 constexpr std::size_t kMaxIgnored = 4 << 20;        // bytes, likewise
+constexpr std::chrono::milliseconds kBetweenPictures{200};
+constexpr std::string_view kLineEnd = "\r\n";
 constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
 
 // What is answered to a request that cannot be read; none when nobody would read it.
@@ -168,6 +170,10 @@ class Connection {
       co_await SendEvents(head);
       co_return false;
     }
+    if (match.route->what == Route::What::kPictures) {
+      co_await SendPictures(head.method == "HEAD");
+      co_return false;
+    }
     if (match.route->what == Route::What::kWebSocket) {
       isHandedOn_ = true;
       co_await ServeWebSocket(core_, std::move(*stream_), parser.release(), head, ticket_);
@@ -277,6 +283,50 @@ class Connection {
       if (error || isDropped) {
         break;
       }
+    }
+    lowest().close();
+  }
+
+  // The first one decides whether there are any; without more of them it ends.
+  asio::awaitable<void> SendPictures(bool isHead) {
+    std::optional<Problem> problem;
+    Snapshots::Picture last;
+    asio::steady_timer pause(core_.loop());
+    for (error_code error; !error && !problem;) {
+      pause.expires_after(kBetweenPictures);
+      Snapshots::Picture picture;
+      try {
+        if (core_.preview() == nullptr) {
+          throw Problem::NoPreview();
+        }
+        picture = co_await core_.TakePicture({std::nullopt, true});
+      } catch (const Problem& what) {
+        problem = what;
+        break;
+      }
+      lowest().expires_after(core_.limits().write);
+      if (!last) {
+        bhttp::response<bhttp::empty_body> response;
+        SetFields(response, {.contentType = "multipart/x-mixed-replace; boundary=picture"});
+        response.keep_alive(false);
+        bhttp::response_serializer<bhttp::empty_body> serializer(response);
+        co_await bhttp::async_write_header(*stream_, serializer, Into(error));
+      }
+      if (error || isHead) {
+        break;
+      }
+      const std::string fields = "--picture\r\nContent-Type: image/jpeg\r\nContent-Length: " +
+                                 std::to_string(picture->size()) + "\r\n\r\n";
+      if (picture != last) {
+        const std::array part{asio::buffer(fields), asio::buffer(*picture), asio::buffer(kLineEnd)};
+        co_await asio::async_write(*stream_, part, Into(error));
+        last = picture;
+      }
+      error_code ignored;
+      co_await pause.async_wait(Into(ignored));
+    }
+    if (problem && !last) {
+      co_await Write(problem->ToAnswer(), false, isHead);
     }
     lowest().close();
   }

@@ -25,6 +25,8 @@
 
 namespace host::control::http {
 
+class Viewer;
+
 namespace asio = boost::asio;
 using boost::system::error_code;
 
@@ -51,12 +53,19 @@ class HttpServer::Core {
   const Api& api() const { return api_; }
   asio::io_context& loop() { return loop_; }
   const std::shared_ptr<Mailbox>& mailbox() const { return mailbox_; }
+  // Null when none is served.
+  const std::shared_ptr<FragmentFeed>& preview() const { return settings_.preview; }
+  std::shared_ptr<FragmentFeed> audio(std::size_t slot) const {
+    return slot < settings_.audio.size() ? settings_.audio[slot] : nullptr;
+  }
   std::string url() const;
 
   // Of a request whose body has come.
   asio::awaitable<Answer> Respond(const Match& match, const Head& head, const std::string& body);
+  // Throws Problem.
+  asio::awaitable<Snapshots::Picture> TakePicture(Snapshots::View view);
   // Of a message of a WebSocket.
-  asio::awaitable<std::string> Reply(const std::string& text, const Head& head);
+  asio::awaitable<std::string> Reply(const std::string& text, const Head& head, Viewer& viewer);
 
  private:
   void Listen();
@@ -64,7 +73,6 @@ class HttpServer::Core {
   void Begin(asio::ip::tcp::socket socket);
   // None when the wall takes too long.
   asio::awaitable<std::optional<Result>> Submit(Request request);
-  asio::awaitable<Answer> Picture(const Head& head);
   Answer Metrics() const;
   // Throws Problem when it is not as it should be.
   Answer Health(Route::What what) const;

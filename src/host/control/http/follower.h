@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -20,7 +21,7 @@ class Follower {
   Follower(HttpServer::Core& core, std::optional<std::uint64_t> after)
       : waking_(std::make_shared<asio::steady_timer>(core.loop())) {
     EventFeed& feed = core.api().control().events();
-    const auto wake = [mailbox = core.mailbox(), weak = std::weak_ptr(waking_)] {
+    wake_ = [mailbox = core.mailbox(), weak = std::weak_ptr(waking_)] {
       mailbox->Post([weak] {
         if (const auto waking = weak.lock()) {
           waking->cancel();
@@ -28,12 +29,12 @@ class Follower {
       });
     };
     if (after) {
-      events_ = feed.Subscribe(*after, core.limits().waiting, wake);
+      events_ = feed.Subscribe(*after, core.limits().waiting, wake_);
     }
     while (!events_) {
       // Events before this number are in the snapshot, which is taken afterwards.
       snapshotNumber_ = feed.latest();
-      events_ = feed.Subscribe(snapshotNumber_, core.limits().waiting, wake);
+      events_ = feed.Subscribe(snapshotNumber_, core.limits().waiting, wake_);
     }
     if (snapshotNumber_) {
       snapshot_ = core.api().Snapshot(*snapshotNumber_);
@@ -56,6 +57,8 @@ class Follower {
     co_return error == asio::error::operation_aborted;
   }
   void Wake() { waking_->cancel(); }
+  // The same for any thread, also when the follower is gone.
+  const std::function<void()>& wake() const { return wake_; }
   // The client is gone.
   void End() {
     hasEnded_ = true;
@@ -65,6 +68,7 @@ class Follower {
 
  private:
   const std::shared_ptr<asio::steady_timer> waking_;
+  std::function<void()> wake_;
   std::shared_ptr<EventFeed::Subscription> events_;
   std::optional<std::uint64_t> snapshotNumber_;
   std::string snapshot_;

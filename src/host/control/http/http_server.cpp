@@ -11,6 +11,7 @@
 
 #include "host/control/http/core.h"
 #include "host/control/http/page_files.h"
+#include "host/control/http/viewer.h"
 
 namespace host::control::http {
 
@@ -183,15 +184,14 @@ asio::awaitable<std::optional<Result>> HttpServer::Core::Submit(Request request)
   co_return std::move(pending->result);
 }
 
-asio::awaitable<Answer> HttpServer::Core::Picture(const Head& head) {
+asio::awaitable<Snapshots::Picture> HttpServer::Core::TakePicture(Snapshots::View view) {
   struct Pending {
     asio::steady_timer deadline;
     Snapshots::Picture picture;
   };
-  const std::optional<config::Window> window = api_.WindowFor(head.query);
   const auto pending = std::make_shared<Pending>(Pending{asio::steady_timer(loop_), {}});
   pending->deadline.expires_after(limits().answer);
-  snapshots_.Get(window, [this, weak = std::weak_ptr(pending)](Snapshots::Picture picture) {
+  snapshots_.Get(view, [this, weak = std::weak_ptr(pending)](Snapshots::Picture picture) {
     // Queued, because it may be called before the wait begins.
     asio::post(loop_, [weak, picture = std::move(picture)] {
       if (const auto waiting = weak.lock()) {
@@ -206,10 +206,7 @@ asio::awaitable<Answer> HttpServer::Core::Picture(const Head& head) {
     throw Problem(503, "no-frame", "There is no frame", "the wall has composed no frame in time")
         .With("Retry-After", "1");
   }
-  Answer answer;
-  answer.contentType = "image/jpeg";
-  answer.body = *pending->picture;
-  co_return answer;
+  co_return pending->picture;
 }
 
 Answer HttpServer::Core::Metrics() const {
@@ -230,7 +227,8 @@ Answer HttpServer::Core::Metrics() const {
   text.Gauge("tavrel_http_connections", "Connections that are open.");
   text.Add(std::uint64_t{connections_.count()});
   text.Gauge("tavrel_followers", "Clients that follow the events of the wall.");
-  text.Add(std::uint64_t{control.events().clients()});
+  // The history of the last day is one, and no client.
+  text.Add(std::uint64_t{control.events().clients()} - 1);
   text.Counter("tavrel_followers_dropped_total", "Followers that were too slow.");
   text.Add(control.events().dropped());
   return {.contentType = MetricsText::kContentType, .body = text.text()};
@@ -274,7 +272,8 @@ asio::awaitable<Answer> HttpServer::Core::Respond(const Match& match, const Head
                                                   const std::string& body) {
   try {
     if (match.route->what == Route::What::kSnapshot) {
-      co_return co_await Picture(head);
+      const Snapshots::Picture picture = co_await TakePicture({api_.WindowFor(head.query)});
+      co_return Answer{.contentType = "image/jpeg", .body = *picture};
     }
     if (match.route->what == Route::What::kMetrics) {
       co_return Metrics();
@@ -306,16 +305,21 @@ asio::awaitable<Answer> HttpServer::Core::Respond(const Match& match, const Head
   }
 }
 
-asio::awaitable<std::string> HttpServer::Core::Reply(const std::string& text, const Head& head) {
+asio::awaitable<std::string> HttpServer::Core::Reply(const std::string& text, const Head& head,
+                                                     Viewer& viewer) {
   nlohmann::json id;
   try {
-    Api::Message message = api_.MessageOf(text, head.peer);
-    id = message.id;
+    nlohmann::json json = Api::Parse(text);
+    id = json.is_object() ? json.value("id", nlohmann::json()) : nlohmann::json();
+    if (Viewer::IsFor(json)) {
+      co_return Api::ReplyTo(id, viewer.Take(json));
+    }
+    Request request = Api::RequestOf(std::move(json), head.peer);
     if (access_.RoleOf(head) != Role::kOperate) {
       throw Problem(403, "role", "The token may only look",
                     "changing the wall needs a token of the role \"operate\"");
     }
-    const std::optional<Result> result = co_await Submit(std::move(message.request));
+    const std::optional<Result> result = co_await Submit(std::move(request));
     if (!result) {
       throw Problem(504, "late", "The wall did not answer",
                     "the wall has not carried out the request in time; it may still do so");

@@ -7,10 +7,13 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "host/config/wall.h"
 #include "host/control/http/monitoring.h"
+#include "host/control/http/snapshots.h"
 #include "host/control/wall_control.h"
+#include "host/output/fragment_feed.h"
 
 namespace host::control::http {
 
@@ -22,22 +25,27 @@ class HttpServer {
   struct Limits {
     std::size_t headerBytes = 16 << 10;
     std::size_t bodyBytes = 1 << 20;
-    std::size_t messageBytes = 64 << 10;          // of a WebSocket
-    std::size_t connections = 256;                // in all
-    std::size_t fromOneAddress = 64;              // of them; one of IPv6 is a network of 64 bits
-    EventFeed::Limits waiting{};                  // events of one client
-    std::chrono::milliseconds header{10'000};     // until a request's header has come
-    std::chrono::milliseconds body{30'000};       // likewise
-    std::chrono::milliseconds idle{30'000};       // between two requests
-    std::chrono::milliseconds write{30'000};      // until an answer or some events have been taken
-    std::chrono::milliseconds answer{10'000};     // until the wall has carried out a request
-    std::chrono::milliseconds keepAlive{15'000};  // between two signs of life for a follower
+    std::size_t messageBytes = 64 << 10;           // of a WebSocket
+    std::size_t connections = 256;                 // in all
+    std::size_t fromOneAddress = 64;               // of them; one of IPv6 is a network of 64 bits
+    EventFeed::Limits waiting{};                   // events of one client
+    FragmentFeed::Limits video{};                  // of the preview, that wait for one client
+    FragmentFeed::Limits audio{.fragments = 250};  // of a channel, likewise
+    std::chrono::milliseconds silence{5'000};      // until a channel that is to be heard has audio
+    std::chrono::milliseconds header{10'000};      // until a request's header has come
+    std::chrono::milliseconds body{30'000};        // likewise
+    std::chrono::milliseconds idle{30'000};        // between two requests
+    std::chrono::milliseconds write{30'000};       // until an answer or some events have been taken
+    std::chrono::milliseconds answer{10'000};      // until the wall has carried out a request
+    std::chrono::milliseconds keepAlive{15'000};   // between two signs of life for a follower
   };
   struct Settings {
     config::Http http;  // with an address
     // The composed frame, or a window of it, as JPEG; none while there is no frame. Called on a
     // thread of the server's own that may wait a second. Empty: no pictures are served.
-    std::function<std::optional<std::string>(const std::optional<config::Window>&)> snapshot;
+    Snapshots::Encode snapshot;
+    std::shared_ptr<FragmentFeed> preview;             // null: none is served
+    std::vector<std::shared_ptr<FragmentFeed>> audio;  // of each slot; empty: none is served
     Monitoring monitoring{};
     std::function<void(const std::string&)> say;  // a message for the log; server's thread
     Limits limits{};

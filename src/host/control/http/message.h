@@ -53,6 +53,13 @@ class Problem : public TavrelException {
         detail_(std::move(detail)) {}
   // fromPath: the field of the command, if any, that the path of the request gives.
   static Problem Of(const CommandError& error, const std::string& fromPath);
+  static Problem Malformed(std::string detail, int status = 422) {
+    return {status, "malformed-request", "The request is malformed", std::move(detail)};
+  }
+  static Problem NoPreview() {
+    return {409, "no-preview", "The wall has no preview",
+            "\"preview\" in [http] of the wall file is false"};
+  }
 
   Problem& With(std::string field, std::string value) {
     fields_.emplace_back(std::move(field), std::move(value));

@@ -193,6 +193,8 @@ Json Success(const Route& route) {
       return Content("application/json", Ref("Session"));
     case What::kPage:
       return {{"*/*", Json::object()}};
+    case What::kPictures:
+      return {{"multipart/x-mixed-replace", Json::object()}};
     case What::kDescription:
       return Content("application/json", {{"type", "object"}});
     case What::kMetrics:

@@ -57,6 +57,8 @@ constexpr std::array kRoutes{
           "The same over a WebSocket, which takes commands, too."},
     Route{"GET", "/snapshot.jpg", What::kSnapshot, nullptr, Body::kNone, 200,
           "The composed frame, or the window of one channel, as JPEG."},
+    Route{"GET", "/preview.mjpg", What::kPictures, nullptr, Body::kNone, 200,
+          "The composed frames in the size of the preview, five a second at most, as JPEG."},
     Route{"GET", "/openapi.json", What::kDescription, nullptr, Body::kNone, 200,
           "This description."},
     Route{"GET", "/metrics", What::kMetrics, nullptr, Body::kNone, 200,

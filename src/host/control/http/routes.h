@@ -26,6 +26,7 @@ struct Route {
     kEvents,
     kWebSocket,
     kSnapshot,
+    kPictures,
     kDescription,
     kMetrics,
     kLive,
@@ -56,7 +57,7 @@ struct Route {
   // What a page of another site may not send, although it changes nothing.
   bool isOwnOnly() const {
     return changes() || what == What::kEvents || what == What::kWebSocket ||
-           what == What::kBeginSession || what == What::kEndSession;
+           what == What::kPictures || what == What::kBeginSession || what == What::kEndSession;
   }
   // The name in the path, without braces; empty when there is none.
   std::string parameter() const;

@@ -8,6 +8,7 @@ namespace host::control::http {
 namespace {
 
 constexpr std::chrono::milliseconds kFresh{250};
+constexpr std::chrono::milliseconds kFreshSmall{150};  // of those that follow one another
 constexpr std::chrono::milliseconds kBetween{100};
 constexpr std::chrono::seconds kKept{10};
 
@@ -32,7 +33,7 @@ Snapshots::~Snapshots() {
   }
 }
 
-void Snapshots::Get(const std::optional<config::Window>& window, Done done) {
+void Snapshots::Get(const View& view, Done done) {
   if (!encode_) {
     done(nullptr);
     return;
@@ -41,9 +42,10 @@ void Snapshots::Get(const std::optional<config::Window>& window, Done done) {
   std::erase_if(entries_, [&](const auto& one) {
     return one.second.waiting.empty() && now - one.second.at > kKept;
   });
-  const Key key = window ? Key{window->x, window->y, window->width, window->height} : Key{};
+  const config::Window window = view.window.value_or(config::Window{});
+  const Key key{window.x, window.y, window.width, window.height, view.isSmall ? 1 : 0};
   Entry& entry = entries_[key];
-  if (entry.picture && now - entry.at < kFresh) {
+  if (entry.picture && now - entry.at < (view.isSmall ? kFreshSmall : kFresh)) {
     done(entry.picture);
     return;
   }
@@ -74,10 +76,11 @@ void Snapshots::Run() {
     const Clock::time_point begun = Clock::now();
     Picture picture;
     try {
-      const auto window = key == Key{}
-                              ? std::nullopt
-                              : std::optional(config::Window{key[0], key[1], key[2], key[3]});
-      if (std::optional<std::string> jpeg = encode_(window)) {
+      View view{std::nullopt, key[4] != 0};
+      if (key[2] > 0) {
+        view.window = config::Window{key[0], key[1], key[2], key[3]};
+      }
+      if (std::optional<std::string> jpeg = encode_(view)) {
         picture = std::make_shared<const std::string>(std::move(*jpeg));
       }
     } catch (const std::exception&) {

@@ -18,11 +18,16 @@
 
 namespace host::control::http {
 
-// One picture serves all who ask for it within a quarter of a second, and no more than ten in a
-// second are encoded, however many clients ask.
+// One picture serves all who ask for it within a quarter of a second (a small one 150 ms), and no
+// more than ten in a second are encoded, however many clients ask.
 class Snapshots {
  public:
-  using Encode = std::function<std::optional<std::string>(const std::optional<config::Window>&)>;
+  // Of all or a part of the canvas; isSmall: in the size of the preview.
+  struct View {
+    std::optional<config::Window> window{};
+    bool isSmall = false;
+  };
+  using Encode = std::function<std::optional<std::string>(const View&)>;
   using Picture = std::shared_ptr<const std::string>;
   using Done = std::function<void(Picture)>;
 
@@ -32,11 +37,11 @@ class Snapshots {
   ~Snapshots();
 
   // Server's thread, which calls done, perhaps at once; null when there is no picture.
-  void Get(const std::optional<config::Window>& window, Done done);
+  void Get(const View& view, Done done);
 
  private:
   using Clock = std::chrono::steady_clock;
-  using Key = std::array<int, 4>;  // the window
+  using Key = std::array<int, 5>;  // the window, and whether it is small
   struct Entry {
     Picture picture;
     Clock::time_point at{};

@@ -1,5 +1,6 @@
 #include "host/control/http/web_socket.h"
 
+#include <array>
 #include <optional>
 #include <string>
 #include <utility>
@@ -14,6 +15,7 @@
 #include <boost/beast/websocket/ssl.hpp>
 
 #include "host/control/http/follower.h"
+#include "host/control/http/viewer.h"
 
 namespace host::control::http {
 
@@ -21,14 +23,22 @@ namespace {
 
 namespace websocket = boost::beast::websocket;
 
+// What the system holds for a client that takes nothing is as old as it is long: more than a
+// second of video would only be shown late.
+constexpr int kSendBuffer = 128 << 10;  // bytes
+
 // Shared by the coroutine that writes and the one that reads; ends with the later of them.
 template <typename Stream>
 struct Session {
   Session(HttpServer::Core& core, Stream stream)
-      : socket(std::move(stream)), follower(core, std::nullopt), replied(core.loop()) {}
+      : socket(std::move(stream)),
+        follower(core, std::nullopt),
+        viewer(core, follower.wake()),
+        replied(core.loop()) {}
 
   websocket::stream<Stream> socket;
   Follower follower;
+  Viewer viewer;
   std::string reply;  // that waits; the next message is read when it is being sent
   asio::steady_timer replied;
   std::optional<websocket::close_reason> closing;
@@ -49,7 +59,8 @@ asio::awaitable<void> ReadMessages(HttpServer::Core& core, std::shared_ptr<Sessi
       session->follower.Wake();
       co_return;
     }
-    std::string reply = co_await core.Reply(boost::beast::buffers_to_string(message.data()), head);
+    std::string reply =
+        co_await core.Reply(boost::beast::buffers_to_string(message.data()), head, session->viewer);
     session->reply = std::move(reply);
     session->follower.Wake();
     // A client that sends without taking its replies fills its own buffers in the end.
@@ -85,7 +96,9 @@ asio::awaitable<void> ServeWebSocket(HttpServer::Core& core, Stream stream, Upgr
   if (error) {
     co_return;
   }
-  socket.text(true);
+  // One message is one frame, written from where it lies.
+  socket.auto_fragment(false);
+  lowest.socket().set_option(asio::socket_base::send_buffer_size(kSendBuffer), error);
   asio::co_spawn(core.loop(), ReadMessages(core, session, head), asio::detached);
   Follower& follower = session->follower;
   while (!follower.hasEnded() && !error) {
@@ -107,14 +120,30 @@ asio::awaitable<void> ServeWebSocket(HttpServer::Core& core, Stream stream, Upgr
       texts.push_back(std::exchange(session->reply, {}));
       session->replied.cancel();
     }
+    // Events go before video, which may wait and be skipped.
+    std::optional<Viewer::Outgoing> outgoing;
     if (texts.empty()) {
-      co_await follower.Wait(core.limits().idle);
+      outgoing = session->viewer.Next();
+      if (!outgoing) {
+        co_await follower.Wait(session->viewer.Wait(core.limits().idle));
+        continue;
+      }
+      if (!outgoing->event.empty()) {
+        texts.push_back(std::move(outgoing->event));
+      }
     }
+    socket.text(true);
     for (const std::string& text : texts) {
       co_await socket.async_write(asio::buffer(text), Into(error));
       if (error || follower.events().isDropped()) {
         break;
       }
+    }
+    if (outgoing && outgoing->piece && !error) {
+      socket.binary(true);
+      const std::array<asio::const_buffer, 2> message{asio::buffer(outgoing->header),
+                                                      asio::buffer(outgoing->piece->bytes)};
+      co_await socket.async_write(message, Into(error));
     }
   }
   follower.End();

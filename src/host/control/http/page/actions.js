@@ -32,7 +32,6 @@ export class Actions {
       setText(status, text);
       setText(detail, more);
     };
-    document.body.toggleAttribute("data-busy", true);
     const reply = await this.#connection.ask({commands});
     const {result, problem} = reply;
     if (problem) {
@@ -52,7 +51,6 @@ export class Actions {
         this.#accepted.push({frame: result.frame, effect, until: Date.now() + 10000});
       }
     }
-    document.body.toggleAttribute("data-busy", this.#list.querySelector(".busy") !== null);
     return reply;
   }
 
@@ -65,6 +63,5 @@ export class Actions {
       }
       return true;
     });
-    document.body.toggleAttribute("data-busy", this.#list.querySelector(".busy") !== null);
   }
 }

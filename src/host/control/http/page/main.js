@@ -22,6 +22,7 @@ const picture = new Picture(connection);
 const actions = new Actions(connection, picture);
 let role = null;
 let retryAt = null;
+let selecting = null;  // what is being selected
 
 const mayChange = () => role === "operate";
 const run = (commands) => actions.run(commands);
@@ -31,10 +32,12 @@ const ifMay = (action) => (...parameters) => (mayChange() ? action(...parameters
 const hands = {
   isOperator: mayChange,
   canSwap: mayChange,
-  select(name) {
+  async select(name) {
     wall.choose(name);
-    if (mayChange() && (wall.selected.length !== 1 || wall.selected[0] !== name)) {
-      run({command: "select", channel: name});
+    if (mayChange() && selecting !== name && (wall.selected.length !== 1 || wall.selected[0] !== name)) {
+      selecting = name;
+      await run({command: "select", channel: name});
+      selecting = selecting === name ? null : selecting;
     }
   },
   solo: ifMay((name) => run(wall.solo === name ? {command: "solo_off"} : {command: "solo", channel: name})),

@@ -47,8 +47,8 @@ export class Picture extends EventTarget {
     connection.addEventListener("signed-out", () => this.#stop());
     document.addEventListener("visibilitychange", () => {
       if (document.hidden) {
-        this.#pause();
-      } else if (connection.isOpen) {
+        this.#pauseUnlessHeard();
+      } else if (connection.isOpen && this.mode === "none") {
         this.#start();
       }
     });
@@ -146,6 +146,9 @@ export class Picture extends EventTarget {
     if (channel === null) {
       this.#element.muted = true;
     }
+    if (channel === null && document.hidden) {
+      this.#pauseUnlessHeard();
+    }
     if (former !== channel || why) {
       this.dispatchEvent(new CustomEvent("listening", {detail: {channel, why}}));
     }
@@ -183,12 +186,13 @@ export class Picture extends EventTarget {
     this.#setMode("none");
   }
 
-  #pause() {
+  // What is heard continues in the background; nothing else costs the wall anything there.
+  #pauseUnlessHeard() {
+    if (this.heard !== null) {
+      return;
+    }
     if (this.#connection.isOpen && this.mode === "video") {
       this.#connection.ask({preview: false});
-      if (this.heard !== null) {
-        this.#connection.ask({listen: null});
-      }
     }
     this.#stop();
   }

@@ -15,7 +15,7 @@ function sourceFields(channel) {
 // Puts what the wall says to the field that it points at, and returns what belongs to none.
 function showProblem(problem, fields) {
   const key = (problem.pointer || "").split("/")[1];
-  if (key in fields) {
+  if (Object.hasOwn(fields, key)) {
     fields[key].fail(problem.detail);
     return true;
   }

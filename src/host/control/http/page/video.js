@@ -7,6 +7,7 @@ const kFaster = 1.05;      // playback rate that catches up
 const kChaseFrom = 0.4;    // seconds behind what has come
 const kChaseTo = 0.25;
 const kSeekFrom = 2;
+const kAhead = 0.1;        // seconds that playback may be ahead of what has come
 const kKeep = 10;          // seconds behind the current one that stay in the buffers
 const kMaxTimes = 1000;
 const kMaxWaiting = 500;   // fragments that wait for a buffer
@@ -90,6 +91,7 @@ export class Video extends EventTarget {
   #isAudioLate = false;
   #times = [];      // of the fragments that came: {time, frame}
   #lastTime = -1;
+  #lastEnd = 0;     // of what could be played, a moment ago
   #timer = null;
 
   constructor(element) {
@@ -256,7 +258,10 @@ export class Video extends EventTarget {
     const start = buffered.start(buffered.length - 1);
     const end = buffered.end(buffered.length - 1);
     const behind = end - element.currentTime;
-    if (element.currentTime < start || behind < -0.5 || behind > kSeekFrom) {
+    // One that ran ahead of what has come would take all of it for late.
+    const isAhead = behind < -kAhead && end > this.#lastEnd;
+    this.#lastEnd = end;
+    if (element.currentTime < start || isAhead || behind > kSeekFrom) {
       element.currentTime = Math.max(start, end - kChaseTo);
     } else if (behind > kChaseFrom) {
       element.playbackRate = kFaster;

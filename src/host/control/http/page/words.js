@@ -21,7 +21,7 @@ const kDecoding = {
 export const stateWord = (state) => kStates[state] || state || "not known yet";
 export const audioWord = (state) => kAudio[state] || state || "audio not known yet";
 export const alarmWord = (alarm) => kAlarms[alarm] || alarm;
-export const decodingWord = (step) => (step in kDecoding ? kDecoding[step] : step || "");
+export const decodingWord = (step) => (Object.hasOwn(kDecoding, step) ? kDecoding[step] : step || "");
 
 export function labelOf(channel) {
   if (channel.label_service) {
