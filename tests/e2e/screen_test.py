@@ -181,7 +181,8 @@ def main(program, picture=None):
             while not is_right() and time.monotonic() < end:
                 time.sleep(0.1)
             assert not mistakes, mistakes
-            assert wall.state()["live"]["outputs"][0]["state"] == "open"
+            wait_until("the state of the output", lambda: [
+                one["state"] for one in wall.state()["live"]["outputs"]] == ["open"])
             assert wall.tone() == 0, "nothing is selected"
 
             # A click selects, a key selects, a double click shows one alone, Escape all again.

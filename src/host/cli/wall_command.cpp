@@ -91,6 +91,8 @@ class WallCommandRun {
         board_(command.wall, messages_, command.events ? lines_ : noLines_),
         outputMessages_(messages_),
         snapshot_(command.record.snapshotAt) {
+    outputMessages_.PublishTo(
+        [this](const nlohmann::ordered_json& event) { board_.Publish(event); });
     if (command.live && command.wall.http.listen && command.wall.http.preview.enabled) {
       preview_ = std::make_unique<Preview>(
           Preview::Settings{command.wall.canvas, command.wall.http.preview,
