@@ -6,6 +6,7 @@
 #include <thread>
 #include <utility>
 
+#include "host/channel/captions.h"
 #include "host/feed/alarm_record.h"
 #include "host/feed/anchor_sample.h"
 #include "host/feed/feed_pin.h"
@@ -16,53 +17,12 @@ namespace {
 
 // States and alarms follow the time in steps of that length.
 constexpr Time kLookEvery = kSecond / 5;
-// The composer looks at a type only while it considers a frame that carries it.
-constexpr Time kTypedFor = 2 * kSecond;
 // Frames that follow each other like that are not only keyframes.
 constexpr Time kFrequent = 300 * kMillisecond;
 // Tries to anchor the channel's time between two background frames.
 constexpr int kAnchorTries = 4;
 // A source that opens at once never shows a slate.
 constexpr Time kOpeningTimeout = kSecond;
-
-// Of what makes a meter empty.
-const char* CaptionOf(AudioState state) {
-  switch (state) {
-    case AudioState::kUnknown:
-    case AudioState::kOff:
-    case AudioState::kPresent:
-      return "";
-    case AudioState::kSilent:
-      return "SILENT";
-    case AudioState::kAbsent:
-      return "NO AUDIO";
-    case AudioState::kNoTrack:
-      return "AUDIO TRACK MISSING";
-    case AudioState::kNotStarted:
-      return "AUDIO NOT STARTED";
-    case AudioState::kUndecodable:
-      return "AUDIO NOT DECODABLE";
-    case AudioState::kStopped:
-      return "AUDIO STOPPED";
-  }
-  return "";
-}
-
-const char* CaptionOf(AlarmKind kind) {
-  switch (kind) {
-    case AlarmKind::kLoss:
-      return "NO PICTURE";
-    case AlarmKind::kBlack:
-      return "BLACK";
-    case AlarmKind::kFreeze:
-      return "FROZEN";
-    case AlarmKind::kSilence:
-      break;  // says which kind, see above
-    case AlarmKind::kClipping:
-      return "CLIPPING";
-  }
-  return "";
-}
 
 std::string Capitalised(std::string text) {
   if (!text.empty()) {
@@ -86,7 +46,8 @@ ChannelPresenter::ChannelPresenter(const ChannelSettings& settings, Pins pins,
                 observer_->AlarmChanged(settings_.channel.name, change);
               }),
       frames_(2, settings_.delay()),
-      levels_(1, settings_.delay()) {}
+      levels_(1, settings_.delay()),
+      size_(settings_, pins_.video) {}
 
 void ChannelPresenter::Begin(Time now, Handover before) {
   frames_.Clear();
@@ -96,13 +57,7 @@ void ChannelPresenter::Begin(Time now, Handover before) {
     levels_ = *before.levels;
   }
   kept_ = std::move(before.kept);
-  size_ = before.size.width > 0 ? before.size : settings_.SizeAt(now);
-  sizedAt_ = now;
-  // The window's frames may come for the first time.
-  typedUntil_ = now + kTypedFor;
-  pins_.video.ChangeType(
-      VideoType(size_.width, size_.height, settings_.canvas.frameRate, settings_.canvas.aspect),
-      frameBytes());
+  size_.Begin(now, before.size);
   life_ = ChannelLife(controls_.hold, now);
   now_ = now;
   looked_ = now;
@@ -120,22 +75,12 @@ void ChannelPresenter::End() {
 }
 
 ChannelPresenter::Handover ChannelPresenter::HandOver() {
-  return {frames_, levels_, std::exchange(kept_, nullptr), size_};
+  return {frames_, levels_, std::exchange(kept_, nullptr), size_.size()};
 }
 
 void ChannelPresenter::FollowSize(Time time) {
-  while (settings_.windows) {
-    const auto change = settings_.windows->NextResize(settings_.slot, sizedAt_);
-    if (!change || change->at > time) {
-      break;
-    }
-    sizedAt_ = change->at;
+  while (const auto change = size_.Next(time)) {
     ChangeSize(*change);
-  }
-  sizedAt_ = std::max(sizedAt_, time);
-  // A hidden window takes another size at once.
-  if (const WindowSize size = settings_.SizeAt(sizedAt_); size != size_) {
-    ChangeSize({sizedAt_, size});
   }
 }
 
@@ -148,11 +93,7 @@ void ChannelPresenter::ChangeSize(const WindowSchedule::Resize& change) {
   if (repeats && frames_.Takes(last)) {
     Repeat(last);
   }
-  const WindowSize former = std::exchange(size_, change.size);
-  pins_.video.ChangeType(
-      VideoType(size_.width, size_.height, settings_.canvas.frameRate, settings_.canvas.aspect),
-      frameBytes());
-  typedUntil_ = change.at + kTypedFor;
+  const WindowSize former = size_.Change(change);
   slate_.clear();
   slateText_.clear();
   if (kept_ != nullptr && !pristine_.empty()) {
@@ -166,31 +107,10 @@ void ChannelPresenter::ChangeSize(const WindowSchedule::Resize& change) {
     }
   }
   pristine_.clear();
-  kept_ = kept_ != nullptr ? Resized(kept_.Get(), former) : nullptr;
+  kept_ = kept_ != nullptr ? size_.Resized(kept_.Get(), former) : nullptr;
   if (repeats && frames_.Takes(change.at)) {
     Repeat(change.at);
   }
-}
-
-ComPtr<IMediaSample> ChannelPresenter::Resized(IMediaSample* sample, const WindowSize& size) {
-  Time start = 0;
-  Time stop = 0;
-  sample->GetTime(&start, &stop);
-  const ComPtr<IMediaSample> resized = pins_.video.NewFrame(start, stop, false, frameBytes());
-  BYTE* from = nullptr;
-  BYTE* to = nullptr;
-  if (!resized || FAILED(sample->GetPointer(&from)) || FAILED(resized->GetPointer(&to))) {
-    return nullptr;
-  }
-  try {
-    scaler_.Scale({from, static_cast<std::size_t>(FrameBytes(size.width, size.height))}, size.width,
-                  size.height, {to, static_cast<std::size_t>(frameBytes())}, size_.width,
-                  size_.height);
-  } catch (const ffmpeg::Error&) {
-    return nullptr;
-  }
-  resized->SetSyncPoint(TRUE);
-  return resized;
 }
 
 void ChannelPresenter::SetControls(const ChannelControls& controls) {
@@ -289,9 +209,9 @@ void ChannelPresenter::Show(const ReadyFrame& picture, Time start, Time duration
   now_ = std::max(now_, start);
   FollowSize(start);
   // Made before the window had the size that it has at that time.
-  const bool hasSize = picture.size == size_ || picture.size.width == 0;
+  const bool hasSize = picture.size == size_.size() || picture.size.width == 0;
   const ComPtr<IMediaSample> frame =
-      hasSize ? picture.sample : Resized(picture.sample.Get(), picture.size);
+      hasSize ? picture.sample : size_.Resized(picture.sample.Get(), picture.size);
   if (!frames_.Takes(start) || !frame) {
     ++late_;
     life_.CameLate(now_);
@@ -331,10 +251,8 @@ void ChannelPresenter::Show(const ReadyLevels& levels, Time start, Time duration
 
 Time ChannelPresenter::nextTick() const {
   Time next = looked_ + kLookEvery;
-  if (settings_.windows) {
-    if (const auto change = settings_.windows->NextResize(settings_.slot, sizedAt_)) {
-      next = std::min(next, change->at);
-    }
+  if (const std::optional<Time> change = size_.nextChange()) {
+    next = std::min(next, *change);
   }
   if (frames_.begun()) {
     next = std::min({next, frames_.nextRepeat(), levels_.nextRepeat()});
@@ -429,7 +347,8 @@ std::string ChannelPresenter::AudioCaption() const {
 }
 
 WindowPixels ChannelPresenter::Window(BYTE* pixels) const {
-  return {{pixels, static_cast<std::size_t>(frameBytes())}, size_.width, size_.height};
+  return {
+      {pixels, static_cast<std::size_t>(frameBytes())}, size_.size().width, size_.size().height};
 }
 
 void ChannelPresenter::NoteLook() {
@@ -550,7 +469,7 @@ bool ChannelPresenter::AnchorClock(const BYTE* pixels, Time start) {
 }
 
 void ChannelPresenter::Deliver(IMediaSample* sample) {
-  if (now_ < typedUntil_ || (settings_.wantsType && settings_.wantsType())) {
+  if (size_.needsType(now_) || (settings_.wantsType && settings_.wantsType())) {
     pins_.video.AttachType(*sample);
   }
   pins_.video.Deliver(sample);

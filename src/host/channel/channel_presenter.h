@@ -1,11 +1,9 @@
 // ChannelPresenter: what a channel shows, whatever its source does.
 #pragma once
 
-#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <deque>
-#include <limits>
 #include <optional>
 #include <string>
 #include <utility>
@@ -18,56 +16,13 @@
 #include "host/channel/channel_queue.h"
 #include "host/channel/channel_settings.h"
 #include "host/channel/slate/window_text.h"
-#include "host/channel/video/frame_scaler.h"
+#include "host/channel/window_fill.h"
 #include "host/channel/window_schedule.h"
+#include "host/channel/window_size_follower.h"
 #include "host/feed/feed_pin.h"
 #include "host/units.h"
 
 namespace host {
-
-// The composer shows a frame the wall's delay after its time and keeps the frames from the one on
-// show onwards. With every frame that finds fewer than two waiting it sets the channel's time
-// again, whatever moment that frame belongs to, and it shows a record (levels, alarms) only while a
-// later one waits. So a source whose frames are rare, late or gone is filled up with repeats, just
-// before the delay is over and no earlier: until then the real ones may still come.
-//
-// Of frames or records of one channel, whose times only grow. No lock: one thread.
-class WindowFill {
- public:
-  // enough: how many have to wait in the composer, 1 or 2. delay: of the wall.
-  WindowFill(int enough, Time delay) : enough_(enough), delay_(delay), step_(StepOf(delay)) {}
-
-  // How long before it is needed a repeat is sent, and how far after the latest one it lies.
-  static Time StepOf(Time delay) { return std::min(kSecond / 10, delay / 5); }
-  Time step() const { return step_; }
-
-  void Clear() { latest_ = former_ = kNone; }
-  void Sent(Time time) {
-    former_ = latest_;
-    latest_ = time;
-  }
-  // Something was sent.
-  bool begun() const { return latest_ != kNone; }
-  // Whether anything of that time can still be sent.
-  bool Takes(Time time) const { return time > latest_; }
-  // When a repeat has to be sent, unless something else is sent before.
-  Time nextRepeat() const { return Enough() + delay_ - step_; }
-  // The time of that repeat.
-  Time RepeatAt(Time now) const { return std::max(latest_, now - delay_) + step_; }
-  // At the composer's present time it has fewer than enough.
-  bool IsDry(Time present) const { return Enough() < present - delay_; }
-
- private:
-  static constexpr Time kNone = std::numeric_limits<Time>::min() / 2;
-
-  Time Enough() const { return enough_ == 1 ? latest_ : former_; }
-
-  int enough_;
-  Time delay_;
-  Time step_;
-  Time latest_ = kNone;
-  Time former_ = kNone;
-};
 
 // Feeds the composer with the frames and alarm records of one channel without a gap:
 //
@@ -157,9 +112,7 @@ class ChannelPresenter {
   // Sizes that have changed by that time.
   void FollowSize(Time time);
   void ChangeSize(const WindowSchedule::Resize& change);
-  // In the size that the window has now; null when there is no buffer or it cannot be done.
-  ComPtr<IMediaSample> Resized(IMediaSample* sample, const WindowSize& size);
-  LONG frameBytes() const { return FrameBytes(size_.width, size_.height); }  // of the window
+  LONG frameBytes() const { return size_.frameBytes(); }
   WindowPixels Window(BYTE* pixels) const;
 
   const ChannelSettings& settings_;
@@ -187,10 +140,7 @@ class ChannelPresenter {
   // Repeats belong to a time that is almost the delay ago: from when on the channel looked how.
   std::deque<std::pair<Time, Look>> looks_;
 
-  WindowSize size_;      // of what is sent
-  Time sizedAt_ = 0;     // up to that time of the wall
-  Time typedUntil_ = 0;  // frames carry their type after a change
-  FrameScaler scaler_;
+  WindowSizeFollower size_;  // of what is sent
   WindowText text_;
   ComPtr<IMediaSample> kept_;           // latest frame of the source as it was sent
   std::vector<std::uint8_t> pristine_;  // the same without its caption, if it has one
