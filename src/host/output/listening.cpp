@@ -20,7 +20,7 @@ namespace host {
 namespace {
 
 // How long a listener that has left may be unnoticed.
-constexpr std::chrono::milliseconds kLookPeriod{500};
+constexpr std::chrono::milliseconds kQueuePeriod{500};
 // Timestamps of sources are rounded; what lies further back was moved.
 constexpr Time kTolerance = 20 * kMillisecond;
 constexpr int kUsualFrameSize = 1024;  // samples of a packet of AAC
@@ -126,7 +126,7 @@ void Listening::Take(std::size_t slot, const AVPacket& packet,
 
 void Listening::Run() {
   while (!queue_.closed()) {
-    std::optional<Item> item = tracks_.empty() ? queue_.Pop() : queue_.PopFor(kLookPeriod);
+    std::optional<Item> item = tracks_.empty() ? queue_.Pop() : queue_.PopFor(kQueuePeriod);
     for (auto track = tracks_.begin(); track != tracks_.end();) {
       const std::size_t slot = (track++)->first;
       if (feeds_[slot]->viewers() == 0) {
