@@ -14,7 +14,7 @@ namespace {
 
 using std::chrono::seconds;
 
-constexpr std::size_t kMaxWaiting = 1000;
+constexpr std::size_t kMaxWaitingLines = 1000;
 constexpr seconds kFirstDelay{1};
 constexpr seconds kMaxDelay{60};
 
@@ -56,7 +56,7 @@ void ResolvingSyslog::Write(std::int32_t level, const qorp::log::LogTime& time, 
     state_->sink->Write(level, time, line.c_str());
     return;
   }
-  if (state_->waiting.size() >= kMaxWaiting) {
+  if (state_->waiting.size() >= kMaxWaitingLines) {
     state_->waiting.pop_front();
   }
   state_->waiting.push_back({level, time, std::move(line)});

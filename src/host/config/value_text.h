@@ -21,6 +21,11 @@ std::optional<Ratio> FrameRateOf(double framesPerSecond);
 // "25", "30000/1001".
 std::string TextOf(Ratio ratio);
 
+// A name within a sentence.
+inline std::string Quoted(const std::string& text) {
+  return "\"" + text + "\"";
+}
+
 // "960x540": width and height.
 std::optional<std::pair<int, int>> ParseSize(std::string_view text);
 

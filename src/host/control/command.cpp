@@ -8,7 +8,6 @@
 namespace host::control {
 namespace {
 
-using Json = nlohmann::json;
 using Kind = CommandError::Kind;
 using Type = CommandField::Type;
 
@@ -37,11 +36,11 @@ const char* NameOf(Type type) {
   return "";
 }
 
-bool IsText(const Json& value) {
+bool IsText(const nlohmann::json& value) {
   return value.is_string() && value.get_ref<const std::string&>().size() <= kMaxText;
 }
 
-bool HasType(const Json& value, Type type) {
+bool HasType(const nlohmann::json& value, Type type) {
   switch (type) {
     case Type::kText:
     case Type::kChannel:
@@ -60,7 +59,7 @@ bool HasType(const Json& value, Type type) {
   return false;
 }
 
-const CommandKind& KindOf(const Json& command) {
+const CommandKind& KindOf(const nlohmann::json& command) {
   if (!command.is_object()) {
     throw CommandError(Kind::kMalformed,
                        "must be an object such as {\"command\": \"solo\", \"channel\": \"NAME\"}");
@@ -79,7 +78,7 @@ const CommandKind& KindOf(const Json& command) {
   FailUnknown("command", "command", name->get<std::string>(), known);
 }
 
-void CheckFields(const Json& command, const CommandKind& kind) {
+void CheckFields(const nlohmann::json& command, const CommandKind& kind) {
   for (const CommandField& field : kind.fields) {
     const auto value = command.find(field.name);
     const std::string pointer = std::string("/") + field.name;
@@ -178,8 +177,8 @@ std::span<const CommandKind> CommandKinds() {
   return kinds;
 }
 
-void Carry(const Json& request, CommandContext& context) {
-  const auto one = [&](const Json& command) {
+void Carry(const nlohmann::json& request, CommandContext& context) {
+  const auto one = [&](const nlohmann::json& command) {
     const CommandKind& kind = KindOf(command);
     CheckFields(command, kind);
     kind.apply(command, context);

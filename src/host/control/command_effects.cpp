@@ -18,19 +18,18 @@
 namespace host::control {
 namespace {
 
-using Json = nlohmann::json;
 using Kind = CommandError::Kind;
 
 constexpr std::size_t kMaxLayouts = 256;         // that can be saved
 constexpr int kMaxChannelKeys = 64;              // of one command
 constexpr double kLongestMask = 366 * 86'400.0;  // seconds
 
-std::string TextOf(const Json& command, const char* field) {
+std::string TextOf(const nlohmann::json& command, const char* field) {
   const auto value = command.find(field);
   return value == command.end() ? std::string() : value->get<std::string>();
 }
 
-ChannelEntry& ChannelOf(const Json& command, CommandContext& context,
+ChannelEntry& ChannelOf(const nlohmann::json& command, CommandContext& context,
                         const char* field = "channel") {
   const std::string name = TextOf(command, field);
   ChannelEntry* const entry = context.state.Find(name);
@@ -40,7 +39,7 @@ ChannelEntry& ChannelOf(const Json& command, CommandContext& context,
   return *entry;
 }
 
-config::AlarmKind AlarmOf(const Json& command) {
+config::AlarmKind AlarmOf(const nlohmann::json& command) {
   const std::string name = TextOf(command, "alarm");
   std::vector<std::string> known;
   for (const config::AlarmKind kind : config::kAllAlarms) {
@@ -54,7 +53,8 @@ config::AlarmKind AlarmOf(const Json& command) {
 
 // A value of the request as TOML, so that the keys of a channel are read and checked by the reader
 // of wall files.
-void WriteToml(const Json& value, const std::string& pointer, std::string& text, int depth) {
+void WriteToml(const nlohmann::json& value, const std::string& pointer, std::string& text,
+               int depth) {
   if (value.is_string()) {
     text += config::QuotedToml(value.get<std::string>());
   } else if (value.is_boolean()) {
@@ -66,7 +66,7 @@ void WriteToml(const Json& value, const std::string& pointer, std::string& text,
                  std::uint64_t{std::numeric_limits<std::int64_t>::max()}) {
     text += std::to_string(value.get<std::uint64_t>());
   } else if (value.is_number_float() && std::isfinite(value.get<double>())) {
-    text += Json(value.get<double>()).dump();
+    text += nlohmann::json(value.get<double>()).dump();
   } else if (value.is_array() && depth < 3) {
     text += '[';
     for (std::size_t i = 0; i < value.size(); ++i) {
@@ -80,7 +80,7 @@ void WriteToml(const Json& value, const std::string& pointer, std::string& text,
     for (const auto& [key, inner] : value.items()) {
       text += isFirst ? "" : ", ";
       isFirst = false;
-      WriteToml(Json(key), pointer, text, depth);
+      WriteToml(nlohmann::json(key), pointer, text, depth);
       text += " = ";
       WriteToml(inner, pointer + "/" + key, text, depth + 1);
     }
@@ -102,7 +102,8 @@ void CheckNewSource(const config::Channel& channel) {
   }
 }
 
-config::ChannelText ReadChannelKeys(const Json& command, const std::vector<std::string>& others,
+config::ChannelText ReadChannelKeys(const nlohmann::json& command,
+                                    const std::vector<std::string>& others,
                                     const CommandContext& context, config::Channel base) {
   std::string text;
   int keys = 0;
@@ -113,7 +114,7 @@ config::ChannelText ReadChannelKeys(const Json& command, const std::vector<std::
     if (++keys > kMaxChannelKeys) {
       throw CommandError(Kind::kMalformed, "has more keys than a channel knows");
     }
-    WriteToml(Json(key), "/" + key, text, 0);
+    WriteToml(nlohmann::json(key), "/" + key, text, 0);
     text += " = ";
     WriteToml(value, "/" + key, text, 0);
     text += '\n';
@@ -161,7 +162,7 @@ void FailUnknown(const char* what, const char* field, const std::string& name,
                      std::string("/") + field, nearest);
 }
 
-void Add(const Json& command, CommandContext& context) {
+void Add(const nlohmann::json& command, CommandContext& context) {
   WallState& state = context.state;
   const auto free = std::find_if(state.slots.begin(), state.slots.end(),
                                  [](const auto& slot) { return !slot.has_value(); });
@@ -191,7 +192,7 @@ void Add(const Json& command, CommandContext& context) {
   CheckSelection(**free, state);
 }
 
-void Remove(const Json& command, CommandContext& context) {
+void Remove(const nlohmann::json& command, CommandContext& context) {
   WallState& state = context.state;
   const std::string name = ChannelOf(command, context).settings.name;
   const std::size_t slot = *state.SlotOf(name);
@@ -202,7 +203,7 @@ void Remove(const Json& command, CommandContext& context) {
   state.PlaceWindows();
 }
 
-void Set(const Json& command, CommandContext& context) {
+void Set(const nlohmann::json& command, CommandContext& context) {
   WallState& state = context.state;
   ChannelEntry& entry = ChannelOf(command, context);
   const std::string former = entry.settings.name;
@@ -236,12 +237,12 @@ void Set(const Json& command, CommandContext& context) {
   CheckSelection(entry, state);
 }
 
-void Reconnect(const Json& command, CommandContext& context) {
+void Reconnect(const nlohmann::json& command, CommandContext& context) {
   ++ChannelOf(command, context).reconnects;
 }
 
 // One channel and no other, or none.
-void Select(const Json& command, CommandContext& context) {
+void Select(const nlohmann::json& command, CommandContext& context) {
   const bool none = !command.contains("channel");
   const ChannelEntry* const chosen = none ? nullptr : &ChannelOf(command, context);
   const bool adds = command.value("add", false);
@@ -253,10 +254,10 @@ void Select(const Json& command, CommandContext& context) {
   }
 }
 
-void Order(const Json& command, CommandContext& context) {
+void Order(const nlohmann::json& command, CommandContext& context) {
   WallState& state = context.state;
   std::vector<std::size_t> order;
-  const Json& names = command.at("channels");
+  const nlohmann::json& names = command.at("channels");
   for (std::size_t i = 0; i < names.size(); ++i) {
     const std::string name = names[i].get<std::string>();
     const std::optional<std::size_t> slot = state.SlotOf(name);
@@ -279,7 +280,7 @@ void Order(const Json& command, CommandContext& context) {
   state.PlaceWindows();
 }
 
-void MuteChannel(const Json& command, CommandContext& context) {
+void MuteChannel(const nlohmann::json& command, CommandContext& context) {
   ChannelEntry& entry = ChannelOf(command, context);
   const std::string with = command.value("with", "silence");
   for (const Mute mute : {Mute::kOff, Mute::kSilence, Mute::kNothing}) {
@@ -291,12 +292,12 @@ void MuteChannel(const Json& command, CommandContext& context) {
   throw CommandError(Kind::kMalformed, "must be \"silence\", \"nothing\" or \"off\"", "/with");
 }
 
-void Follow(const Json& command, CommandContext& context) {
+void Follow(const nlohmann::json& command, CommandContext& context) {
   context.state.follow =
       command.contains("channel") ? ChannelOf(command, context).settings.name : "";
 }
 
-void Acknowledge(const Json& command, CommandContext& context) {
+void Acknowledge(const nlohmann::json& command, CommandContext& context) {
   ChannelEntry& entry = ChannelOf(command, context);
   const Acknowledgement one{TextOf(command, "who"), TextOf(command, "note"), context.now};
   if (command.contains("alarm")) {
@@ -306,7 +307,7 @@ void Acknowledge(const Json& command, CommandContext& context) {
   }
 }
 
-void Mask(const Json& command, CommandContext& context) {
+void Mask(const nlohmann::json& command, CommandContext& context) {
   ChannelEntry& entry = ChannelOf(command, context);
   if (command.contains("until") == command.contains("for")) {
     throw CommandError(Kind::kMalformed, "needs \"until\", a moment, or \"for\", seconds",
@@ -330,7 +331,7 @@ void Mask(const Json& command, CommandContext& context) {
   }
 }
 
-void ApplyLayout(const Json& command, CommandContext& context) {
+void ApplyLayout(const nlohmann::json& command, CommandContext& context) {
   WallState& state = context.state;
   const std::string name = TextOf(command, "layout");
   const std::vector<std::string> known = state.LayoutNames();
@@ -342,18 +343,18 @@ void ApplyLayout(const Json& command, CommandContext& context) {
   state.PlaceWindows();
 }
 
-void Solo(const Json& command, CommandContext& context) {
+void Solo(const nlohmann::json& command, CommandContext& context) {
   context.state.solo = ChannelOf(command, context).settings.name;
   context.state.Find(context.state.solo)->settings.options.enabled = true;
   context.state.PlaceWindows();
 }
 
-void SoloOff(const Json&, CommandContext& context) {
+void SoloOff(const nlohmann::json&, CommandContext& context) {
   context.state.solo.clear();
   context.state.PlaceWindows();
 }
 
-void Swap(const Json& command, CommandContext& context) {
+void Swap(const nlohmann::json& command, CommandContext& context) {
   WallState& state = context.state;
   const std::size_t first = *state.SlotOf(ChannelOf(command, context).settings.name);
   const std::size_t second = *state.SlotOf(ChannelOf(command, context, "with").settings.name);
@@ -363,7 +364,7 @@ void Swap(const Json& command, CommandContext& context) {
   state.PlaceWindows();
 }
 
-void SaveLayout(const Json& command, CommandContext& context) {
+void SaveLayout(const nlohmann::json& command, CommandContext& context) {
   WallState& state = context.state;
   const std::string name = TextOf(command, "layout");
   if (!config::IsLayoutName(name)) {
@@ -403,7 +404,7 @@ void SaveLayout(const Json& command, CommandContext& context) {
   context.savesBook = true;
 }
 
-void DeleteLayout(const Json& command, CommandContext& context) {
+void DeleteLayout(const nlohmann::json& command, CommandContext& context) {
   WallState& state = context.state;
   const std::string name = TextOf(command, "layout");
   if (!state.saved.contains(name)) {
@@ -421,11 +422,11 @@ void DeleteLayout(const Json& command, CommandContext& context) {
   context.savesBook = true;
 }
 
-void Reload(const Json&, CommandContext& context) {
+void Reload(const nlohmann::json&, CommandContext& context) {
   context.reloads = true;
 }
 
-void Save(const Json&, CommandContext& context) {
+void Save(const nlohmann::json&, CommandContext& context) {
   context.saves = true;
 }
 

@@ -7,13 +7,12 @@
 
 #include <nlohmann/json.hpp>
 
+#include "host/config/value_text.h"
 #include "host/control/command.h"
 
 namespace host::control {
 
-inline std::string Quoted(const std::string& text) {
-  return "\"" + text + "\"";
-}
+using config::Quoted;
 
 // Throws CommandError about a name that is not known. field: of the command.
 [[noreturn]] void FailUnknown(const char* what, const char* field, const std::string& name,

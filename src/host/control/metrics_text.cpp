@@ -22,8 +22,8 @@ std::string NumberText(double value) {
 
 // The replacement of bytes that are no UTF-8 is that of the wall's JSON.
 std::string ValidUtf8(std::string_view text) {
-  using Json = nlohmann::json;
-  return Json::parse(Json(text).dump(-1, ' ', false, Json::error_handler_t::replace))
+  return nlohmann::json::parse(
+             nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace))
       .get<std::string>();
 }
 

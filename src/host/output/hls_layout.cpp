@@ -25,7 +25,7 @@ std::string AudioName(std::size_t number) {
 }
 
 // The quoted strings of a playlist hold neither quotes nor line ends.
-std::string Quoted(std::string text) {
+std::string QuotedAttribute(std::string text) {
   std::replace_if(
       text.begin(), text.end(), [](char c) { return c == '"' || c == '\n' || c == '\r'; }, '\'');
   return "\"" + text + "\"";
@@ -96,12 +96,12 @@ std::string HlsLayout::Playlist(const AVCodecParameters& video, Ratio frameRate)
   const std::string stem = playlist_.stem().string();
   std::string text = "#EXTM3U\n#EXT-X-VERSION:6\n#EXT-X-INDEPENDENT-SEGMENTS\n";
   for (std::size_t i = 0; i < audios_.size(); ++i) {
-    text += "#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"sound\",NAME=" + Quoted(audios_[i].name);
+    text += "#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"sound\",NAME=" + QuotedAttribute(audios_[i].name);
     if (!audios_[i].language.empty()) {
-      text += ",LANGUAGE=" + Quoted(audios_[i].language);
+      text += ",LANGUAGE=" + QuotedAttribute(audios_[i].language);
     }
     text += std::string(",DEFAULT=") + (i == 0 ? "YES" : "NO") +
-            ",AUTOSELECT=YES,URI=" + Quoted(stem + "_" + AudioName(i) + ".m3u8") + "\n";
+            ",AUTOSELECT=YES,URI=" + QuotedAttribute(stem + "_" + AudioName(i) + ".m3u8") + "\n";
   }
   // An encoder of constant quality does not know its rate; players only compare it.
   const auto guess = static_cast<std::int64_t>(video.width * video.height * frameRate.value() / 10);

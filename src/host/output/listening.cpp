@@ -22,7 +22,7 @@ namespace {
 // How long a listener that has left may be unnoticed.
 constexpr std::chrono::milliseconds kQueuePeriod{500};
 // Timestamps of sources are rounded; what lies further back was moved.
-constexpr Time kTolerance = 20 * kMillisecond;
+constexpr Time kTimestampTolerance = 20 * kMillisecond;
 constexpr int kUsualFrameSize = 1024;  // samples of a packet of AAC
 
 // Of AAC, the kinds that players of MP4 know: LC and HE.
@@ -60,7 +60,9 @@ struct Listening::Track {
                                            parameters->ch_layout.nb_channels}});
   }
 
-  bool GoesBack(const AVPacket& packet) const { return end && packet.pts < *end - kTolerance; }
+  bool GoesBack(const AVPacket& packet) const {
+    return end && packet.pts < *end - kTimestampTolerance;
+  }
 
   void Take(ffmpeg::Packet packet) {
     end = packet->pts + packet->duration;

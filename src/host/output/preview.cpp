@@ -25,7 +25,8 @@ constexpr std::chrono::milliseconds kRetry{1000};  // after a failure of the enc
 constexpr std::chrono::milliseconds kLookPeriod{500};
 constexpr int kPixelsForOneThread = 1280 * 720;
 
-VideoEncoder::Settings EncoderOf(int width, int height, Ratio frameRate, std::int64_t bitRate) {
+VideoEncoder::Settings PreviewEncoder(int width, int height, Ratio frameRate,
+                                      std::int64_t bitRate) {
   VideoEncoder::Settings encoder;
   encoder.width = width;
   encoder.height = height;
@@ -208,7 +209,7 @@ void Preview::Encode(Picture& picture) {
   if (!encoding_) {
     const auto [width, height] = PreviewSize(settings_.canvas, settings_.options);
     encoding_ = std::make_unique<Encoding>(
-        settings_.canvas, EncoderOf(width, height, frameRate_, settings_.options.bitRate));
+        settings_.canvas, PreviewEncoder(width, height, frameRate_, settings_.options.bitRate));
     isEncoding_ = true;
     const std::string& description = encoding_->writer.description();
     const std::optional<std::string> codec = CodecText(*encoding_->encoder.parameters());

@@ -44,11 +44,11 @@ Clock::time_point At(Time time) {
 }
 
 // Of the PCR, in units of 1/90,000 s.
-constexpr std::int64_t kMaxGap = 80 * 90;
-constexpr std::int64_t kStep = 40 * 90;
+constexpr std::int64_t kMaxGapTicks = 80 * 90;
+constexpr std::int64_t kStepTicks = 40 * 90;
 // A longer gap is a pause of the source.
 constexpr std::int64_t kMaxFilledTicks = 10 * 90'000;
-constexpr std::int64_t kPeriod = std::int64_t{1} << 33;
+constexpr std::int64_t kWrapTicks = std::int64_t{1} << 33;
 constexpr int kPacket = TransportPacer::kPacketSize;
 constexpr int kBuffer = kPacket * 348;
 
@@ -222,11 +222,12 @@ void PcrFiller::Announce(std::int64_t dts, bool carriesPcr) {
   announced_.reset();  // that packet had none
   if (latest_ && offset_) {
     // Both wrap around.
-    const std::int64_t gap = ((dts + *offset_ - *latest_) % kPeriod + kPeriod) % kPeriod;
+    const std::int64_t gap = ((dts + *offset_ - *latest_) % kWrapTicks + kWrapTicks) % kWrapTicks;
     if (gap <= kMaxFilledTicks) {
       const std::int64_t from = *latest_;
-      for (std::int64_t filled = kStep; gap - filled > kMaxGap - kStep; filled += kStep) {
-        Insert((from + filled) % kPeriod);
+      for (std::int64_t filled = kStepTicks; gap - filled > kMaxGapTicks - kStepTicks;
+           filled += kStepTicks) {
+        Insert((from + filled) % kWrapTicks);
       }
       Flush();
     }

@@ -27,9 +27,7 @@ namespace {
 
 using Severity = config::Diagnostic::Severity;
 
-std::string Quoted(const std::string& text) {
-  return "\"" + text + "\"";
-}
+using config::Quoted;
 
 std::string DidYouMean(const std::optional<std::string>& name) {
   return name ? "; did you mean " + Quoted(*name) + "?" : "";

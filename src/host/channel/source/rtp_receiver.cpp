@@ -6,13 +6,13 @@
 namespace host {
 namespace {
 
-constexpr std::size_t kHeader = 12;
+constexpr std::size_t kRtpHeader = 12;
 constexpr std::size_t kTransportPacket = 188;
 constexpr std::uint8_t kSync = 0x47;
 constexpr int kTransportStreamType = 33;
 
 bool IsRtp(RtpReceiver::Bytes datagram) {
-  return datagram.size() >= kHeader && datagram[0] >> 6 == 2;
+  return datagram.size() >= kRtpHeader && datagram[0] >> 6 == 2;
 }
 
 // Types that a sender's and a receiver's reports would have, were they packets.
@@ -44,7 +44,7 @@ bool HasSync(RtpReceiver::Bytes bytes) {
 }  // namespace
 
 std::optional<RtpReceiver::Packet> RtpReceiver::ParsePacket(Bytes datagram) {
-  std::size_t begin = kHeader + std::size_t{4} * (datagram[0] & 0x0F);
+  std::size_t begin = kRtpHeader + std::size_t{4} * (datagram[0] & 0x0F);
   const bool extended = (datagram[0] & 0x10) != 0;
   if (extended && begin + 4 <= datagram.size()) {
     begin += 4 + 4 * Number(datagram, begin + 2);

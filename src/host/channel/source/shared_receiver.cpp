@@ -19,7 +19,7 @@ namespace host {
 namespace {
 
 // How long a reader that is cancelled may take to notice.
-constexpr std::chrono::milliseconds kPeriod{20};
+constexpr std::chrono::milliseconds kReceivePeriod{20};
 
 }  // namespace
 
@@ -41,7 +41,8 @@ int SharedReceiver::Subscription::WaitUntilOpen(ffmpeg::IoDeadline& deadline) {
     if (deadline.ShouldStop()) {
       return AVERROR_EXIT;
     }
-    receiver_->changed_.WaitUntil(receiver_->lock_, std::chrono::steady_clock::now() + kPeriod);
+    receiver_->changed_.WaitUntil(receiver_->lock_,
+                                  std::chrono::steady_clock::now() + kReceivePeriod);
   }
   return receiver_->failure_;
 }
@@ -49,7 +50,7 @@ int SharedReceiver::Subscription::WaitUntilOpen(ffmpeg::IoDeadline& deadline) {
 int SharedReceiver::Subscription::Read(std::span<std::uint8_t> buffer) {
   const os::MutexLock guard(receiver_->lock_);
   if (queue_.empty() && receiver_->phase_ != Phase::kEnded && !(filter_ && filter_->missing())) {
-    came_.WaitUntil(receiver_->lock_, std::chrono::steady_clock::now() + kPeriod);
+    came_.WaitUntil(receiver_->lock_, std::chrono::steady_clock::now() + kReceivePeriod);
   }
   if (queue_.empty()) {
     if (filter_ && filter_->missing()) {
@@ -121,7 +122,7 @@ bool SharedReceiver::WaitUntilEnded(ffmpeg::IoDeadline& deadline) {
     if (deadline.ShouldStop()) {
       return false;
     }
-    changed_.WaitUntil(lock_, std::chrono::steady_clock::now() + kPeriod);
+    changed_.WaitUntil(lock_, std::chrono::steady_clock::now() + kReceivePeriod);
   }
   return true;
 }
@@ -205,7 +206,7 @@ void SharedReceiver::WaitForReaders() {
            std::chrono::steady_clock::now() - reader->readAt_ < kMaxPause;
   };
   while (!isLeft_ && std::any_of(readers_.begin(), readers_.end(), isWaitedFor)) {
-    read_.WaitUntil(lock_, std::chrono::steady_clock::now() + kPeriod);
+    read_.WaitUntil(lock_, std::chrono::steady_clock::now() + kReceivePeriod);
   }
 }
 

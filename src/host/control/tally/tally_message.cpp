@@ -18,7 +18,7 @@ constexpr std::size_t kOldSize = 18;      // of 3.1: address, control, 16 charac
 constexpr std::size_t kPacketHeader = 6;  // of 5.0: length, version, flags, screen
 constexpr std::size_t kMessageHeader = 4;
 constexpr int kAllDisplays = 0xFFFF;
-constexpr std::size_t kMaxText = 256;  // bytes of a label
+constexpr std::size_t kMaxTallyText = 256;  // bytes of a label
 
 unsigned Word(std::span<const std::uint8_t> bytes, std::size_t offset) {
   return bytes[offset] + 256U * bytes[offset + 1];
@@ -44,7 +44,7 @@ std::string TextOf(std::span<const std::uint8_t> bytes, bool isUtf16) {
   }
   points.erase(points.begin(),
                std::find_if(points.begin(), points.end(), [](auto point) { return point != ' '; }));
-  points.resize(std::min(points.size(), kMaxText / 4));
+  points.resize(std::min(points.size(), kMaxTallyText / 4));
   const qorp::TextBytes text = qorp::TextEmitterUTF8().Emit(points);
   return {text.begin(), text.end()};
 }

@@ -21,9 +21,9 @@ namespace {
 
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
-using Kind = ScreenMessage::Kind;
+using MessageKind = ScreenMessage::Kind;
 
-constexpr int kSampleRate = 48'000;
+constexpr int kScreenRate = 48'000;
 constexpr int kStereo = 2;
 constexpr int kSamplesInMessage = 2'048;
 // How often what has stopped is looked for.
@@ -142,7 +142,7 @@ void ScreenOutput::TakeAudio(const AVFrame& samples, Time start) {
       return;
     }
     SwrContext* context = nullptr;
-    const int result = swr_alloc_set_opts2(&context, &stereo, AV_SAMPLE_FMT_FLT, kSampleRate, &from,
+    const int result = swr_alloc_set_opts2(&context, &stereo, AV_SAMPLE_FMT_FLT, kScreenRate, &from,
                                            static_cast<AVSampleFormat>(samples.format),
                                            samples.sample_rate, 0, nullptr);
     av_channel_layout_uninit(&from);
@@ -162,13 +162,13 @@ void ScreenOutput::TakeAudio(const AVFrame& samples, Time start) {
   for (int first = 0; first < count; first += kSamplesInMessage) {
     SendSamples(converted.data() + static_cast<std::ptrdiff_t>(first) * kStereo,
                 std::min(kSamplesInMessage, count - first),
-                start - held + kSecond * first / kSampleRate);
+                start - held + kSecond * first / kScreenRate);
   }
 }
 
 void ScreenOutput::SendSamples(const float* samples, int count, Time start) {
   ScreenMessage message;
-  message.kind = Kind::kAudio;
+  message.kind = MessageKind::kAudio;
   message.start = start;
   const std::span<const float> all(samples, static_cast<std::size_t>(count) * kStereo);
   const os::MutexLock guard(lock_);
@@ -226,7 +226,7 @@ std::string ScreenOutput::RunSession(bool& wasOpen, bool& isClosed) {
   setup.hasAudio = settings_.screen.audio ? 1 : 0;
   settings_.title.copy(setup.title, sizeof(setup.title) - 1);
   ScreenMessage message;
-  message.kind = Kind::kSetup;
+  message.kind = MessageKind::kSetup;
   static_cast<void>(Send(socket, message, BytesOf(setup)));
   const auto end = [&](const std::string& reason) {
     SetSocket(nullptr);
@@ -253,7 +253,7 @@ std::string ScreenOutput::RunSession(bool& wasOpen, bool& isClosed) {
     }
   }
   // A console gets its text back only from a window that closes by itself.
-  message.kind = Kind::kQuit;
+  message.kind = MessageKind::kQuit;
   static_cast<void>(Send(socket, message));
   end({});
   static_cast<void>(session->process.WaitForEnd(kQuitLimit));
@@ -266,7 +266,7 @@ void ScreenOutput::Handle(Session& session, std::span<const std::uint8_t> bytes)
     return;
   }
   switch (message->head.kind) {
-    case Kind::kOpened: {
+    case MessageKind::kOpened: {
       session.isOpen = true;
       session.asked.reset();
       {
@@ -281,32 +281,32 @@ void ScreenOutput::Handle(Session& session, std::span<const std::uint8_t> bytes)
                                                              : OutputObserver::Opening::kAgain);
       return;
     }
-    case Kind::kShown: {
+    case MessageKind::kShown: {
       session.asked.reset();
       const os::MutexLock guard(lock_);
       ++status_.shown;
       status_.behind = taken_ - message->head.number;
       return;
     }
-    case Kind::kInput:
+    case MessageKind::kInput:
       if (settings_.takeInput) {
         settings_.takeInput(settings_.name, message->Read<ScreenInput>());
       }
       return;
-    case Kind::kClosed:
+    case MessageKind::kClosed:
       session.isClosed = true;
       session.failure = "its window was closed; it is opened again when the wall is started again";
       return;
-    case Kind::kSaid:
+    case MessageKind::kSaid:
       observer_->OutputSaid(settings_.name, message->Text());
       return;
-    case Kind::kFailed:
+    case MessageKind::kFailed:
       session.failure = message->Text();
       return;
-    case Kind::kSetup:
-    case Kind::kFrame:
-    case Kind::kAudio:
-    case Kind::kQuit:
+    case MessageKind::kSetup:
+    case MessageKind::kFrame:
+    case MessageKind::kAudio:
+    case MessageKind::kQuit:
       return;  // are sent by this side
   }
 }
@@ -331,7 +331,7 @@ void ScreenOutput::Copy(Session& session) {
     ++status_.skipped;
   } else {
     ScreenMessage message;
-    message.kind = Kind::kFrame;
+    message.kind = MessageKind::kFrame;
     // A window that is not woken looks by itself.
     static_cast<void>(Send(session.process.socket(), message));
   }
