@@ -175,6 +175,7 @@ def click(browser, wall, times):
     for _ in range(times):
         ActionChains(browser).send_keys(Keys.ESCAPE).perform()
         wait_for(lambda: not wall.channel()["selected"], "nothing is selected")
+        time.sleep(0.5)  # until the page, too, has heard that
         done = len(browser.find_elements(By.CSS_SELECTOR, "#action-list .done"))
         box = browser.find_element(By.CSS_SELECTOR, ".box")
         # As the page has it, because the driver takes its time.
