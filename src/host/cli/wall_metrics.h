@@ -31,7 +31,7 @@ struct WallFigures {
 };
 
 // Channels are named by their names, outputs by their number, from 1, screens after the others;
-// no address is told.
+// none carries an address.
 void WriteMetrics(const WallFigures& wall, control::MetricsText& text);
 
 // Of the preview; listeners: of audio.
