@@ -1,5 +1,5 @@
 // Any lines as requests to a running wall: each is refused with a reason or carried out, and the
-// state is sound afterwards: names are told apart, windows lie on the canvas, what the state names
+// state is sound afterwards: names differ, windows lie on the canvas, what the state names
 // is there, and it can be shown.
 
 #include <algorithm>

@@ -287,7 +287,7 @@ std::filesystem::path RuntimeFolder(std::string_view program) {
   if (::geteuid() == 0) {
     return std::filesystem::path("/run") / program;
   }
-  // Everybody may have made it: whoever owns the folder can put a socket of his own into it.
+  // Any user may have made it, and its owner could put another socket into it.
   const std::filesystem::path own = std::filesystem::temp_directory_path() /
                                     (std::string(program) + "-" + std::to_string(::geteuid()));
   struct stat found {};

@@ -271,23 +271,29 @@ Answer HttpServer::Core::Session(const Match& match, const Head& head, const std
 asio::awaitable<Answer> HttpServer::Core::Respond(const Match& match, const Head& head,
                                                   const std::string& body) {
   try {
-    if (match.route->what == Route::What::kSnapshot) {
-      const Snapshots::Picture picture = co_await TakePicture({api_.WindowFor(head.query)});
-      co_return Answer{.contentType = "image/jpeg", .body = *picture};
-    }
-    if (match.route->what == Route::What::kMetrics) {
-      co_return Metrics();
-    }
-    if (match.route->what == Route::What::kLive || match.route->what == Route::What::kReady) {
-      co_return Health(match.route->what);
-    }
-    if (match.route->isOpen()) {
-      co_return match.route->what == Route::What::kPage ? PageAnswer(match.name, head)
-                                                        : Session(match, head, body);
-    }
-    if (match.route->what == Route::What::kHistory) {
-      const auto before = Api::BeforeIn(head.query);
-      co_return Answer{.body = before ? history_->Json(*before) : history_->Json()};
+    using What = Route::What;
+    switch (match.route->what) {
+      case What::kSnapshot: {
+        const Snapshots::Picture picture = co_await TakePicture({api_.WindowFor(head.query)});
+        co_return Answer{.contentType = "image/jpeg", .body = *picture};
+      }
+      case What::kMetrics:
+        co_return Metrics();
+      case What::kLive:
+      case What::kReady:
+        co_return Health(match.route->what);
+      case What::kPage:
+        co_return PageAnswer(match.name, head);
+      case What::kSession:
+      case What::kBeginSession:
+      case What::kEndSession:
+        co_return Session(match, head, body);
+      case What::kHistory: {
+        const auto before = Api::BeforeIn(head.query);
+        co_return Answer{.body = before ? history_->Json(*before) : history_->Json()};
+      }
+      default:
+        break;  // the state is read or changed
     }
     if (!match.route->changes()) {
       co_return api_.Read(match, head);

@@ -44,33 +44,18 @@ class WindowError : public std::runtime_error {
   throw WindowError(what + (reason.empty() ? "" : ": " + reason));
 }
 
+constexpr std::pair<SDL_Keycode, Key> kKeys[] = {
+    {SDLK_RETURN, Key::kEnter}, {SDLK_KP_ENTER, Key::kEnter}, {SDLK_ESCAPE, Key::kEscape},
+    {SDLK_LEFT, Key::kLeft},    {SDLK_RIGHT, Key::kRight},    {SDLK_UP, Key::kUp},
+    {SDLK_DOWN, Key::kDown},    {SDLK_l, Key::kNextLayout}};
+
 std::optional<ScreenInput> InputOf(const SDL_KeyboardEvent& key) {
   ScreenInput input;
-  switch (key.keysym.sym) {
-    case SDLK_RETURN:
-    case SDLK_KP_ENTER:
-      input.kind = Key::kEnter;
+  for (const auto& [code, kind] : kKeys) {
+    if (key.keysym.sym == code) {
+      input.kind = kind;
       return input;
-    case SDLK_ESCAPE:
-      input.kind = Key::kEscape;
-      return input;
-    case SDLK_LEFT:
-      input.kind = Key::kLeft;
-      return input;
-    case SDLK_RIGHT:
-      input.kind = Key::kRight;
-      return input;
-    case SDLK_UP:
-      input.kind = Key::kUp;
-      return input;
-    case SDLK_DOWN:
-      input.kind = Key::kDown;
-      return input;
-    case SDLK_l:
-      input.kind = Key::kNextLayout;
-      return input;
-    default:
-      break;
+    }
   }
   // By their place on the keyboard: on some a digit needs the shift key.
   const SDL_Scancode code = key.keysym.scancode;
