@@ -24,6 +24,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -343,7 +344,9 @@ Stages TakeApart(const Options& options, DecodeStep step) {
 
   const config::Wall wall = WallOf(options);
   const config::Window window = options.WindowOf(0);
-  MediaReader reader(MediaReader::Settings{options.ClipOf(0), {}, false});
+  MediaSettings settings;
+  settings.source = options.ClipOf(0);
+  MediaReader reader(std::move(settings));
   reader.Open();
   reader.SetStep(step);
   FrameConverter converter({window.width, window.height, kRate, wall.canvas.pixelAspect(), {}});
