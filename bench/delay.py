@@ -209,7 +209,7 @@ def write_wall(path, arguments, source, output):
     lines = ["[wall]", f"width = {width}", f"height = {height}"]
     if arguments.delay:
         lines.append(f'delay = "{arguments.delay}"')
-    lines += ["[[channel]]", f'source = "udp://127.0.0.1:{source}"', f"window = [0, 0, {width}, {height}]", 'label = ""',
+    lines += ["[control]", 'socket = ""', "[[channel]]", f'source = "udp://127.0.0.1:{source}"', f"window = [0, 0, {width}, {height}]", 'label = ""',
               f"alarm = {{ {alarms} }}", "audio = { meter = false }",
               "[[output]]", f'url = "udp://127.0.0.1:{output}"', f"low_delay = {str(arguments.low_delay).lower()}"]
     if arguments.preset:
