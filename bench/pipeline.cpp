@@ -2,8 +2,9 @@
 // "veryfast", audio passed on, in processor time for each composed frame. Beside it, in turns in
 // one run and with the same settings of the encoder: FFmpeg's graph for the same wall (scale,
 // drawtext, xstack, audio copied), GStreamer's compositor where it is installed, and the floor,
-// which is the same streams decoded and the same mosaic encoded with nothing between. Each is a
-// process of its own and runs several times; the median counts.
+// which is the same streams decoded and the same mosaic encoded with nothing between, the streams
+// side by side as in a wall, and once one by one. Each is a process of its own and runs several
+// times; the median counts.
 //
 //   pipeline [--runs N] [--channels N] [--ffmpeg COMMAND] CLIP ...
 //
@@ -20,6 +21,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <map>
 #include <memory>
 #include <stdexcept>
@@ -161,36 +163,47 @@ void Render(const Options& options, DecodeStep step, const std::string& raw) {
   session.Finish();
 }
 
-// The decoders as they are, then the encoder on the mosaic of a full wall. Reading that is not
-// part of it: what it costs is printed, to be taken off.
-void Floor(const Options& options, const std::string& raw) {
-  for (int i = 0; i < options.channels; ++i) {
-    AVFormatContext* opened = nullptr;
-    ffmpeg::Check(avformat_open_input(&opened, options.ClipOf(i).c_str(), nullptr, nullptr),
-                  "cannot open", options.ClipOf(i));
-    const std::unique_ptr<AVFormatContext, void (*)(AVFormatContext*)> input(
-        opened, [](AVFormatContext* context) { avformat_close_input(&context); });
-    ffmpeg::Check(avformat_find_stream_info(opened, nullptr), "cannot read", options.ClipOf(i));
-    const int stream = av_find_best_stream(opened, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
-    ffmpeg::Check(stream, "no video in", options.ClipOf(i));
-    const AVCodecParameters* const parameters = opened->streams[stream]->codecpar;
-    const AVCodec* const decoder = avcodec_find_decoder(parameters->codec_id);
-    const ffmpeg::Codec codec(avcodec_alloc_context3(decoder));
-    avcodec_parameters_to_context(codec.get(), parameters);
-    codec->thread_count = 1;
-    ffmpeg::Check(avcodec_open2(codec.get(), decoder, nullptr), "cannot decode", options.ClipOf(i));
-    const ffmpeg::Packet packet = ffmpeg::MakePacket();
-    const ffmpeg::Frame frame = ffmpeg::MakeFrame();
-    bool more = true;
-    while (more) {
-      more = av_read_frame(opened, packet.get()) >= 0;
-      if (!more || packet->stream_index == stream) {
-        avcodec_send_packet(codec.get(), more ? packet.get() : nullptr);
-        while (avcodec_receive_frame(codec.get(), frame.get()) >= 0) {
-        }
+// One clip, as its decoder is.
+void DecodeAlone(const std::string& clip) {
+  AVFormatContext* opened = nullptr;
+  ffmpeg::Check(avformat_open_input(&opened, clip.c_str(), nullptr, nullptr), "cannot open", clip);
+  const std::unique_ptr<AVFormatContext, void (*)(AVFormatContext*)> input(
+      opened, [](AVFormatContext* context) { avformat_close_input(&context); });
+  ffmpeg::Check(avformat_find_stream_info(opened, nullptr), "cannot read", clip);
+  const int stream = av_find_best_stream(opened, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+  ffmpeg::Check(stream, "no video in", clip);
+  const AVCodecParameters* const parameters = opened->streams[stream]->codecpar;
+  const AVCodec* const decoder = avcodec_find_decoder(parameters->codec_id);
+  const ffmpeg::Codec codec(avcodec_alloc_context3(decoder));
+  avcodec_parameters_to_context(codec.get(), parameters);
+  codec->thread_count = 1;
+  ffmpeg::Check(avcodec_open2(codec.get(), decoder, nullptr), "cannot decode", clip);
+  const ffmpeg::Packet packet = ffmpeg::MakePacket();
+  const ffmpeg::Frame frame = ffmpeg::MakeFrame();
+  bool more = true;
+  while (more) {
+    more = av_read_frame(opened, packet.get()) >= 0;
+    if (!more || packet->stream_index == stream) {
+      avcodec_send_packet(codec.get(), more ? packet.get() : nullptr);
+      while (avcodec_receive_frame(codec.get(), frame.get()) >= 0) {
       }
-      av_packet_unref(packet.get());
     }
+    av_packet_unref(packet.get());
+  }
+}
+
+// The decoders as they are, then the encoder on the mosaic of a full wall. Reading that is not
+// part of it: what it costs is printed, to be taken off. sideBySide: all at the same time, as a
+// wall has to decode them; otherwise one after the other, each with the processor's caches for
+// itself.
+void Floor(const Options& options, const std::string& raw, bool sideBySide) {
+  std::vector<std::future<void>> decoders;
+  for (int i = 0; i < options.channels; ++i) {
+    decoders.push_back(std::async(sideBySide ? std::launch::async : std::launch::deferred,
+                                  DecodeAlone, options.ClipOf(i)));
+  }
+  for (std::future<void>& each : decoders) {
+    each.get();
   }
   const config::Wall wall = WallOf(options);
   VideoEncoder encoder(EncoderOf(wall.canvas, wall.outputs[0], false));
@@ -429,7 +442,8 @@ void Measure(const Options& options) {
     std::vector<double> faults;
   };
   std::vector<Variant> variants;
-  variants.push_back({"floor", [&] { Floor(options, raw); }, {}, {}});
+  variants.push_back({"floor", [&] { Floor(options, raw, true); }, {}, {}});
+  variants.push_back({"one by one", [&] { Floor(options, raw, false); }, {}, {}});
   for (const Setting& setting : kSettings) {
     variants.push_back({setting.name, [&, setting] { Render(options, setting.step, {}); }, {}, {}});
   }
