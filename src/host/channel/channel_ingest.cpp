@@ -11,8 +11,6 @@ using std::chrono::milliseconds;
 
 // An attempt of that length has itself waited for the source.
 constexpr milliseconds kWaited{1000};
-// A rate that rounding keeps below twice another one.
-constexpr double kTwice = 1.99;
 // Of frames, after their time: well before they are too late to be shown.
 constexpr Time kLate = 3 * kSecond / 10;
 // How soon it is asked again then, in seconds.
@@ -125,9 +123,12 @@ void ChannelIngest::ReadSource() {
 }
 
 std::optional<milliseconds> ChannelIngest::RunOnce() {
+  const bool isThinned = settings_.isLive() && decode_ != config::Decode::kFull;
   auto reader = InSource([&] {
     return std::make_shared<RenditionReader>(
-        RenditionReader::Settings{settings_.channel, settings_.receivers, settings_.isLive()},
+        RenditionReader::Settings{
+            settings_.channel, settings_.receivers, settings_.isLive(),
+            isThinned ? std::optional(settings_.canvas.frameRate) : std::nullopt},
         wanted_, renditions_);
   });
   {
@@ -246,6 +247,8 @@ bool ChannelIngest::ReadToEnd(RenditionReader& reader) {
 bool ChannelIngest::ReadToEnd(RenditionReader& reader, SourceSession& session) {
   // What is pushed has to be read in time: it would overflow in the buffers of the network.
   const bool waits = reader.info().kind != SourceKind::kPush || !settings_.now;
+  const bool inBatches = settings_.decodeBatches && reader.info().kind == SourceKind::kFile;
+  DecodeBatches::Turn turn;
   bool silent = false;
   std::uint64_t renames = reader.renames();
   if (!BeginDecoding(reader)) {
@@ -253,8 +256,14 @@ bool ChannelIngest::ReadToEnd(RenditionReader& reader, SourceSession& session) {
   }
   for (;;) {
     const auto begun = std::chrono::steady_clock::now();
+    if (turn && !queue_.hasRoom()) {
+      turn.End();
+    }
     if (waits && !queue_.WaitForRoom()) {
       return false;
+    }
+    if (inBatches && !turn) {
+      turn = settings_.decodeBatches->Take();
     }
     waitedForRoom_ += std::chrono::steady_clock::now() - begun;
     try {
@@ -320,7 +329,6 @@ void ChannelIngest::FollowWindow(const VideoInfo& video, Time now) {
   if (decodedFor_ != size) {
     decodedFor_ = size;
     policy_.Opened({video.width >= 2 * size.width && video.height >= 2 * size.height,
-                    video.frameRate.value() >= kTwice * settings_.canvas.frameRate.value(),
                     video.frameRate.value() / settings_.canvas.frameRate.value()},
                    now);
   }
@@ -339,6 +347,8 @@ bool ChannelIngest::FollowLoad(RenditionReader& reader, SourceSession& session) 
                                                       reader.TakeWaited() + session.TakeWaited())
                             .count();
   load.busy = std::clamp(1 - waited / elapsed, 0.0, 1.0);
+  const Time lead = session.placer().latest() - settings_.now();
+  load.gains = reader.info().kind != SourceKind::kPush && lead > std::exchange(lead_, lead);
   load.frames = reader.TakeFrames() / elapsed / settings_.canvas.frameRate.value();
   FollowWindow(*reader.info().video, settings_.now());
   return Decide(reader, settings_.now(), load);

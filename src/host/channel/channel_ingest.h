@@ -145,6 +145,7 @@ class ChannelIngest {
   WindowSize decodedFor_;
   std::chrono::nanoseconds waitedForRoom_{};
   std::chrono::steady_clock::time_point observedAt_;
+  Time lead_ = 0;        // of the latest frame, when the load was looked at
   Time latest_ = 0;      // when everything that was queued is shown
   Time reportedAt_ = 0;  // the timing of the source, on the wall's clock
   // Of former openings.

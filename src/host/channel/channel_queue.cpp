@@ -23,6 +23,7 @@ void ChannelQueue::Open() {
   horizon_ = kNever;
   waiting_ = false;
   waitsUntil_ = kForever;
+  wasFull_ = false;
   readerLeft_ = false;
   closed_ = false;
 }
@@ -45,8 +46,21 @@ bool ChannelQueue::closed() const {
   return closed_;
 }
 
-bool ChannelQueue::HasRoom() const {
-  return !paced_ || *paced_ - (clock_ ? clock_() : target_.value_or(0)) < span_;
+bool ChannelQueue::HasRoom() {
+  if (!paced_) {
+    return true;
+  }
+  if (clock_) {
+    return *paced_ - clock_() < span_;
+  }
+  const Time ahead = *paced_ - target_.value_or(0);
+  wasFull_ = ahead >= (wasFull_ ? span_ / 2 : span_);
+  return !wasFull_;
+}
+
+bool ChannelQueue::hasRoom() {
+  const os::MutexLock guard(lock_);
+  return HasRoom();
 }
 
 Time ChannelQueue::roomAt() const {

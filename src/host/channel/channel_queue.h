@@ -75,8 +75,11 @@ class ChannelQueue {
 
   // When that is so.
   Time roomAt() const;
-  // Reader: waits until what was pushed last and paces it lies less than the span ahead. False once
-  // the queue is closed.
+  // Reader: whether what was pushed last and paces it lies less than the span ahead. Moved step by
+  // step, a queue that was full has room again when half of the span is used up: its reader decodes
+  // many frames in a row.
+  bool hasRoom();
+  // Reader: waits for that. False once the queue is closed.
   bool WaitForRoom();
   // Reader: adds an item; never waits. paces: the reader waits for it (WaitForRoom). False once the
   // queue is closed. An item of a kind of which the queue is full is dropped and counted.
@@ -118,7 +121,7 @@ class ChannelQueue {
   using Lane = std::deque<Entry>;
 
   Time Now() const REQUIRES(lock_);
-  bool HasRoom() const REQUIRES(lock_);
+  bool HasRoom() REQUIRES(lock_);
   // The lane whose first item is due first; null when all are empty.
   Lane* Earliest() REQUIRES(lock_);
   const Lane* Earliest() const REQUIRES(lock_) {
@@ -145,6 +148,7 @@ class ChannelQueue {
   bool waiting_ GUARDED_BY(lock_) =
       false;  // the streaming thread has nothing left to deal with ...
   Time waitsUntil_ GUARDED_BY(lock_) = kForever;  // ... before this time
+  bool wasFull_ GUARDED_BY(lock_) = false;        // and has no room again
   bool readerLeft_ GUARDED_BY(lock_) = false;
   bool closed_ GUARDED_BY(lock_) = true;
 };

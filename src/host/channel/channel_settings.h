@@ -43,7 +43,8 @@ struct ChannelSettings {
   // What asks for less decoding besides the channel's own load; null of a rendered wall, which
   // decodes everything.
   std::shared_ptr<WallPressure> pressure;
-  std::shared_ptr<DecodeSeat> decodeSeat;  // null of a rendered wall, too
+  std::shared_ptr<DecodeSeat> decodeSeat;        // null of a rendered wall, too
+  std::shared_ptr<DecodeBatches> decodeBatches;  // of a rendered wall only
   // Connections that the channel shares with others of the wall; null of a rendered wall, whose
   // channels open their own.
   std::shared_ptr<SharedReceivers> receivers;

@@ -136,4 +136,21 @@ void DecodeBudget::NoteOverload(Time now) {
   overloadedAt_ = now;
 }
 
+DecodeBatches::Turn DecodeBatches::Take() {
+  const auto deadline = std::chrono::steady_clock::now() + kMaxWait;
+  const os::MutexLock guard(lock_);
+  while (free_ <= 0 && ended_.WaitUntil(lock_, deadline)) {
+  }
+  --free_;
+  return Turn(*this);
+}
+
+void DecodeBatches::EndTurn() {
+  {
+    const os::MutexLock guard(lock_);
+    ++free_;
+  }
+  ended_.NotifyOne();
+}
+
 }  // namespace host

@@ -1,8 +1,9 @@
-// DecodeBudget: what decoding may take of the machine.
+// DecodeBudget and DecodeBatches: what decoding may take of the machine, live and rendered.
 #pragma once
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -136,6 +137,55 @@ class DecodeSeat {
   const std::shared_ptr<DecodeBudget> budget_;
   std::atomic<bool> isImportant_;
   std::atomic<bool> waits_{false};
+};
+
+// A rendered wall reads its files as fast as the machine can. Were all its readers to decode a
+// frame in turns, each frame would have left the processor's caches when it is scaled, and the
+// frames that it refers to when it is decoded. So a reader decodes many frames in one turn, and no
+// more readers have a turn than there are processors.
+//
+// Shared by the readers of one wall. Any thread.
+class DecodeBatches {
+ public:
+  explicit DecodeBatches(int processors) : free_(processors) {}
+  DecodeBatches(const DecodeBatches&) = delete;
+  DecodeBatches& operator=(const DecodeBatches&) = delete;
+
+  // Ends with its life; does not outlive the batches.
+  class [[nodiscard]] Turn {
+   public:
+    Turn() = default;
+    explicit Turn(DecodeBatches& batches) : batches_(&batches) {}
+    Turn(Turn&& other) noexcept : batches_(std::exchange(other.batches_, nullptr)) {}
+    Turn& operator=(Turn&& other) noexcept {
+      End();
+      batches_ = std::exchange(other.batches_, nullptr);
+      return *this;
+    }
+    ~Turn() { End(); }
+
+    explicit operator bool() const { return batches_ != nullptr; }
+    void End() {
+      if (DecodeBatches* const batches = std::exchange(batches_, nullptr)) {
+        batches->EndTurn();
+      }
+    }
+
+   private:
+    DecodeBatches* batches_ = nullptr;
+  };
+  // Waits for another to end, but not for one that lasts: it may wait itself, for its disk or for
+  // what this reader has to give first.
+  Turn Take();
+
+ private:
+  static constexpr std::chrono::milliseconds kMaxWait{1000};
+
+  void EndTurn();
+
+  os::Mutex lock_;
+  os::ConditionVariable ended_;
+  int free_ GUARDED_BY(lock_);  // negative: some were not waited for
 };
 
 }  // namespace host

@@ -25,7 +25,6 @@ constexpr Time kQuiet = 10 * kSecond;
 constexpr Time kYielding = 3 * kSecond;
 // Longer than the distance of keyframes of nearly all senders.
 constexpr Time kWithoutKeyframes = 12 * kSecond;
-constexpr double kEnoughFrames = 0.9;
 
 constexpr const char* kCannotKeepUp = "decoding cannot keep up with the source";
 constexpr const char* kWallLacks = "the wall is late or its outputs drop frames";
@@ -100,6 +99,10 @@ void DecodePolicy::FollowLoad(Time now, const Load& load, int pressed) {
   Raise(now, pressed, kWallLacks);
   if (load.busy >= kOverload) {
     relaxedSince_ = now;
+    if (load.gains && !load.isLate) {
+      overloaded_ = 0;
+      return;
+    }
     if (load.isImportant) {
       complains_ = load.isLate || ++overloaded_ >= kOverloadedUntilNext;
       overloaded_ = complains_ ? 0 : overloaded_;
@@ -149,12 +152,6 @@ bool DecodePolicy::Observe(Time now, const Load& load) {
   if (setting_ == config::Decode::kFull) {
     return false;
   }
-  // Dropping has to leave enough of a fast source, and keyframes have to come.
-  // A channel that is slow says nothing of it.
-  const bool isSlow = load.isLate || load.busy >= kOverload;
-  if (step_ == DecodeStep::kReferencedOnly && load.frames < kEnoughFrames && !isSlow) {
-    source_.isTwiceAsFast = false;
-  }
   if (step_ == DecodeStep::kKeyframesOnly && now - framesAt_ >= kWithoutKeyframes) {
     most_ = DecodeStep::kReferencedOnly;
   }
@@ -179,9 +176,6 @@ bool DecodePolicy::Observe(Time now, const Load& load) {
   }
   if (!load.isShown) {
     ask(DecodeStep::kKeyframesOnly, "its window is not shown");
-  }
-  if (source_.isTwiceAsFast) {
-    ask(DecodeStep::kReferencedOnly, "the source has twice the rate of the canvas");
   }
   if (source_.isReduced) {
     ask(DecodeStep::kUnreferencedUnfiltered, "the window is at most half as large as the source");

@@ -53,9 +53,7 @@ class WallPressure {
 //   setting     least                                                  most
 //   full        full                                                   full
 //   auto        full; unreferenced unfiltered where the window is      keyframes only
-//               at most half the source in both directions; referenced
-//               only where the source has twice the canvas's rate and
-//               that leaves enough
+//               at most half the source in both directions
 //   economy     referenced only                                        keyframes only
 //   keyframes   keyframes only                                         keyframes only
 //
@@ -66,9 +64,8 @@ class WallPressure {
 class DecodePolicy {
  public:
   struct Source {
-    bool isReduced = false;      // the window is at most half of it in both directions
-    bool isTwiceAsFast = false;  // its frame rate is at least twice the canvas's
-    double frameRate = 1;        // as a share of the canvas's
+    bool isReduced = false;  // the window is at most half of it in both directions
+    double frameRate = 1;    // as a share of the canvas's
   };
   struct Load {
     double busy = 0;           // share of the time that was not spent waiting, 0 to 1
@@ -77,6 +74,7 @@ class DecodePolicy {
     bool isImportant = false;  // a selected channel
     bool isShown = true;
     bool isLate = false;  // frames come noticeably after their time
+    bool gains = false;   // the reader is busy reading ahead, faster than the source plays
     // Whether that much of a processor may be used besides; null: it may.
     std::function<bool(double processors)> admits{};
   };

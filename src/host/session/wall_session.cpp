@@ -76,6 +76,9 @@ WallSession::WallSession(Settings settings)
       clock_(settings_.wall.canvas.clockOffset),
       pressure_(settings_.live ? std::make_shared<WallPressure>() : nullptr),
       budget_(settings_.live ? std::make_shared<DecodeBudget>(DecodeBudget::Machine()) : nullptr),
+      batches_(settings_.live
+                   ? nullptr
+                   : std::make_shared<DecodeBatches>(DecodeBudget::Machine().processors)),
       receivers_(settings_.live ? std::make_shared<SharedReceivers>() : nullptr),
       schedule_(std::make_shared<WindowSchedule>(
           WindowsOf(settings_.wall), settings_.wall.canvas.frameRate,
@@ -224,6 +227,7 @@ ChannelSettings WallSession::SettingsOf(std::size_t slot, const config::Channel&
   settings.logger = settings_.logger;
   settings.renderStep = settings_.renderStep;
   settings.pressure = pressure_;
+  settings.decodeBatches = batches_;
   settings.receivers = receivers_;
   if (budget_) {
     settings.decodeSeat = std::make_shared<DecodeSeat>(budget_, settings.channel.selected);

@@ -154,7 +154,8 @@ class WallSession {
   std::atomic<Time> firstComposed_{0};                // start of the first frame of a live wall
   const std::shared_ptr<WallPressure> pressure_;      // null of a rendered wall
   const std::shared_ptr<DecodeBudget> budget_;        // likewise
-  const std::shared_ptr<SharedReceivers> receivers_;  // likewise
+  const std::shared_ptr<DecodeBatches> batches_;      // null of a live wall
+  const std::shared_ptr<SharedReceivers> receivers_;  // null of a rendered one
   Time pressureAt_ = 0;                               // the composition thread's
   const std::shared_ptr<WindowSchedule> schedule_;
   // Outlives the graph, whose threads hand on to it.

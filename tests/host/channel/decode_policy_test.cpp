@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -15,6 +16,7 @@ extern "C" {
 
 #include "host/channel/channel_life.h"
 #include "host/channel/decode_budget.h"
+#include "host/channel/video/frame_converter.h"
 #include "tests/host/clips.h"
 #include "tests/support/temporary_folder.h"
 
@@ -39,13 +41,16 @@ class DecodePolicyTest : public testing::Test {
   }
 
   Time now_ = 0;
-  DecodePolicy::Load load_{0, 1, 0, false, true};
+  DecodePolicy::Load load_{0, 1, 0, false, true, false, false, {}};
 };
 
 TEST_F(DecodePolicyTest, GoesUpUntilItKeepsUpAndComesDownWithoutSwinging) {
   DecodePolicy policy(config::Decode::kAuto);
   policy.Opened({}, now_);
   EXPECT_EQ(Run(policy, 10, 0.8), "0000000000");
+  load_.gains = true;  // its queue is still filling
+  EXPECT_EQ(Run(policy, 4, 1.5), "0000");
+  load_.gains = false;
   EXPECT_EQ(Run(policy, 8, 1.5), "01122333");  // two seconds each; 0.9 of the time at the third
   EXPECT_EQ(Run(policy, 60, 1.5), std::string(60, '3'));
   // The load is gone: a step every ten seconds.
@@ -67,22 +72,15 @@ TEST_F(DecodePolicyTest, TakesWhatIsAskedForMostWithinTheBoundsOfItsSetting) {
     const char* reason;
   };
   const Case cases[] = {
-      {config::Decode::kFull, {true, true}, false, false, 8, "full", ""},
+      {config::Decode::kFull, {true, 2}, false, false, 8, "full", ""},
       {config::Decode::kAuto, {}, false, true, 0, "full", ""},
       {config::Decode::kAuto,
-       {true, false},
+       {true, 1},
        false,
        true,
        0,
        "unreferenced_unfiltered",
        "the window is at most half as large as the source"},
-      {config::Decode::kAuto,
-       {true, true},
-       false,
-       true,
-       0,
-       "referenced_only",
-       "the source has twice the rate of the canvas"},
       {config::Decode::kAuto, {}, false, false, 0, "keyframes_only", "its window is not shown"},
       {config::Decode::kAuto,
        {},
@@ -113,12 +111,6 @@ TEST_F(DecodePolicyTest, TakesWhatIsAskedForMostWithinTheBoundsOfItsSetting) {
 }
 
 TEST_F(DecodePolicyTest, LeavesAStepThatGivesTooLittle) {
-  DecodePolicy fast(config::Decode::kAuto);
-  fast.Opened({false, true}, now_);
-  EXPECT_EQ(Run(fast, 2, 0.5), "33");
-  load_.frames = 0.5;  // of a source in which most frames are unreferenced
-  EXPECT_EQ(Run(fast, 2, 0.5), "00");
-
   DecodePolicy keyframes(config::Decode::kKeyframes);
   keyframes.Opened({}, now_);
   load_.frames = 0;
@@ -137,8 +129,8 @@ TEST_F(DecodePolicyTest, ALateChannelTakesAtOnceTheStepThatKeepsUp) {
        {Case{0.97, 1, "unreferenced_unfiltered"}, Case{0.7, 1, "referenced_only"},
         Case{0.7, 2, "keyframes_only"}, Case{0.45, 1, "keyframes_only"}}) {
     DecodePolicy policy(config::Decode::kAuto);
-    policy.Opened({false, false, each.rate}, now_);
-    load_ = {1, each.frames, 0, false, true, true, nullptr};
+    policy.Opened({false, each.rate}, now_);
+    load_ = {1, each.frames, 0, false, true, true, false, nullptr};
     EXPECT_TRUE(policy.Observe(now_ += kSecond / 2, load_) && policy.isOverloaded());
     EXPECT_STREQ(NameOf(policy.step()), each.step) << each.frames << " of " << each.rate;
   }
@@ -147,7 +139,7 @@ TEST_F(DecodePolicyTest, ALateChannelTakesAtOnceTheStepThatKeepsUp) {
   DecodePolicy selected(config::Decode::kAuto);
   selected.Opened({}, now_);
   WallPressure pressure;
-  load_ = {1, 0.5, 0, true, true, true, nullptr};
+  load_ = {1, 0.5, 0, true, true, true, false, nullptr};
   std::string levels;
   for (int i = 0; i < 14; ++i) {
     selected.Observe(now_ += kSecond / 2, load_);
@@ -166,7 +158,7 @@ TEST_F(DecodePolicyTest, ComesDownWhenTheMachineHasRoomForIt) {
   std::vector<DecodePolicy> channels(8, DecodePolicy(config::Decode::kAuto));
   for (DecodePolicy& each : channels) {
     each.Opened({}, now_);
-    load_ = {1, 0.1, 0, false, true, true, nullptr};
+    load_ = {1, 0.1, 0, false, true, true, false, nullptr};
     each.Observe(now_ + kSecond, load_);
     budget.NoteOverload(now_ + kSecond);
   }
@@ -178,7 +170,14 @@ TEST_F(DecodePolicyTest, ComesDownWhenTheMachineHasRoomForIt) {
       now_ += kSecond;
       idle += static_cast<std::uint64_t>(idleProcessors * kSecond);
       for (DecodePolicy& each : channels) {
-        load_ = {each.step() == DecodeStep::kKeyframesOnly ? 0.06 : 0.3, 1, 0, false, true};
+        load_ = {each.step() == DecodeStep::kKeyframesOnly ? 0.06 : 0.3,
+                 1,
+                 0,
+                 false,
+                 true,
+                 false,
+                 false,
+                 {}};
         load_.admits = [&](double processors) {
           return budget.Admit(now_, processors, each.step(), false);
         };
@@ -308,6 +307,42 @@ TEST(DecodeStep, LeavesOutWholeFramesAndComesBackAtAKeyframe) {
     EXPECT_FALSE(keyframes.contains(10)) << name;
     EXPECT_GE(keyframes.size(), 45U) << name;
   }
+}
+
+TEST(FrameThinner, LeavesOutWhatTheCanvasWouldNotShow) {
+  const TemporaryFolder folder;
+  ClipRecipe recipe = SmallClip();
+  recipe.audio.clear();
+  recipe.pictures = "testsrc2=size=160x90:rate=50,format=yuv420p";
+  recipe.length = 4 * kSecond;
+  recipe.videoOptions = {
+      {"g", "100"}, {"bf", "2"}, {"b_strategy", "0"}, {"x264-params", "b-pyramid=none:scenecut=0"}};
+  const std::filesystem::path clip = Write(recipe, folder / "clip.ts");
+  // Frames of the source, and the starts of those that a canvas of 25 frames per second shows.
+  const auto read = [&](std::optional<Ratio> canvasRate) {
+    MediaSettings settings = Source(clip);
+    settings.canvasRate = canvasRate;
+    MediaReader reader(settings);
+    reader.Open();
+    RateLimiter limiter({25, 1});
+    std::pair<int, std::vector<Time>> result;
+    ReadEach(reader, [&](MediaItem item) {
+      if (const auto* const frame = std::get_if<DecodedFrame>(&item)) {
+        ++result.first;
+        if (limiter.Pass(frame->start)) {
+          result.second.push_back(frame->start);
+        }
+      }
+    });
+    return result;
+  };
+  const auto all = read({});
+  const auto thinned = read(Ratio{25, 1});
+  EXPECT_EQ(all.first, 200);
+  // Of three frames two are unreferenced, and every second one of these has no place.
+  EXPECT_LE(thinned.first, 140);
+  EXPECT_EQ(thinned.second, all.second);
+  EXPECT_EQ(read(Ratio{50, 1}).first, 200);
 }
 
 TEST(WallPressure, RisesWithEachLossAndFallsAfterQuietTimes) {

@@ -385,6 +385,24 @@ TEST_F(ChannelQueueTest, ABoundOnEveryKindAndAReaderThatWaits) {
   EXPECT_TRUE(queue_.WaitForRoom());
 }
 
+TEST(DecodeBatchesTest, ManyFramesInARowAndNobodyWaitsForWhoIsStuck) {
+  ChannelQueue queue(kSecond);
+  queue.Open();
+  const auto push = [&](Time due) { queue.Push({due, due, 0, ReadyLevels{}}); };
+  push(kSecond);
+  EXPECT_FALSE(queue.hasRoom());
+  queue.AdvanceTo(kSecond / 4);
+  EXPECT_FALSE(queue.hasRoom()) << "before half of it is used up";
+  queue.AdvanceTo(kSecond / 2 + 1);
+  EXPECT_TRUE(queue.hasRoom());
+  push(5 * kSecond / 4);
+  EXPECT_TRUE(queue.hasRoom()) << "until it is full";
+
+  DecodeBatches batches(1);
+  const DecodeBatches::Turn stuck = batches.Take();
+  const DecodeBatches::Turn next = batches.Take();  // returns while the first lasts
+}
+
 TEST(VideoWatchTest, CountsOnlyTheTimeOfReading) {
   using std::chrono::seconds;
   VideoWatch watch(seconds(5), std::chrono::milliseconds(40));

@@ -5,6 +5,11 @@
 #include <map>
 #include <utility>
 
+#include "host/channel/source/media_info.h"
+#include "host/channel/source/source_address.h"
+#include "host/ffmpeg/error.h"
+#include "host/ffmpeg/inputs.h"
+#include "host/ffmpeg/mask.h"
 #include "util/url_parts.h"
 
 namespace host {
@@ -281,6 +286,44 @@ std::optional<std::vector<PlaylistVariant>> ReadVariants(std::string_view text,
     }
   }
   return parser.Finish();
+}
+
+std::vector<PlaylistVariant> FindVariants(const config::Channel& channel,
+                                          ffmpeg::IoDeadline& deadline) {
+  if (!channel.sources.empty()) {
+    std::vector<PlaylistVariant> variants;
+    for (const config::RenditionSource& each : channel.sources) {
+      variants.push_back({each.source, each.width, each.height, 0, {}});
+    }
+    return variants;
+  }
+  if (MayBePlaylist(channel.source) && !ffmpeg::PipeInput::Serves(channel.source)) {
+    const SourceAddress address(channel.source);
+    ffmpeg::RememberSecrets(channel.source, channel.options.options);
+    ffmpeg::Options options;
+    for (const auto& [key, value] : address.OpenOptions(channel.options.options)) {
+      options.Set(key.c_str(), value);
+    }
+    deadline.Arm(Milliseconds(channel.options.openLimit));
+    try {
+      const ffmpeg::FoundText found =
+          ffmpeg::ReadText(address.name(), kMaxPlaylistBytes, options, deadline);
+      auto variants = SourceAddress(found.location).isHttp() == address.isHttp()
+                          ? ReadVariants(found.text, found.location)
+                          : std::nullopt;
+      if (variants && variants->size() > 1) {
+        return std::move(*variants);
+      }
+    } catch (const ffmpeg::Error&) {
+      // What else is wrong with it FFmpeg says when it opens it.
+      if (deadline.ShouldStop()) {
+        throw MediaError(
+            deadline.cancelled() ? MediaError::Kind::kCancelled : MediaError::Kind::kTimedOut,
+            "its playlist did not come in time", ffmpeg::MaskUrl(channel.source));
+      }
+    }
+  }
+  return {{channel.source, 0, 0, 0, {}}};
 }
 
 }  // namespace host

@@ -1,4 +1,4 @@
-// MasterPlaylist: the variants that an HLS master playlist offers.
+// Variants: the same content in several sizes, by an HLS master playlist or by the wall file.
 #pragma once
 
 #include <cstddef>
@@ -7,6 +7,9 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "host/config/wall.h"
+#include "host/ffmpeg/io_deadline.h"
 
 namespace host {
 
@@ -35,5 +38,11 @@ bool MayBePlaylist(std::string_view source);
 // deals with it.
 std::optional<std::vector<PlaylistVariant>> ReadVariants(std::string_view text,
                                                          std::string_view location);
+
+// The variants of a channel, at least one: its several sources, or those of its master playlist,
+// which is fetched for that within the open limit. Blocks; the deadline may be cancelled by any
+// thread. Throws MediaError when the playlist does not come in time.
+std::vector<PlaylistVariant> FindVariants(const config::Channel& channel,
+                                          ffmpeg::IoDeadline& deadline);
 
 }  // namespace host

@@ -1,15 +1,7 @@
 #include "host/channel/rendition/rendition_reader.h"
 
 #include <algorithm>
-#include <type_traits>
 
-extern "C" {
-#include <libavcodec/packet.h>
-}
-
-#include "host/channel/source/source_address.h"
-#include "host/ffmpeg/error.h"
-#include "host/ffmpeg/inputs.h"
 #include "host/ffmpeg/mask.h"
 #include "platform/os/thread.h"
 
@@ -42,38 +34,6 @@ std::string SizeText(int width, int height) {
   return std::to_string(width) + "x" + std::to_string(height);
 }
 
-void Shift(MediaItem& item, Time by) {
-  std::visit(
-      [by](auto& each) {
-        using Item = std::decay_t<decltype(each)>;
-        if constexpr (!std::is_same_v<Item, EndOfMedia>) {
-          each.start += by;
-        }
-        if constexpr (std::is_same_v<Item, AudioPacket>) {
-          each.packet->pts = each.start;
-          each.packet->dts = each.start;
-        }
-      },
-      item);
-}
-
-struct Span {
-  Time start = 0;
-  Time duration = 0;
-};
-
-Span SpanOf(const MediaItem& item) {
-  return std::visit(
-      [](const auto& each) -> Span {
-        if constexpr (std::is_same_v<std::decay_t<decltype(each)>, EndOfMedia>) {
-          return {};
-        } else {
-          return {each.start, each.duration};
-        }
-      },
-      item);
-}
-
 }  // namespace
 
 RenditionReader::RenditionReader(Settings settings, std::shared_ptr<const WantedSize> wanted,
@@ -100,43 +60,6 @@ bool RenditionReader::cancelled() const {
   return cancelled_;
 }
 
-std::vector<PlaylistVariant> RenditionReader::FindRenditions() {
-  const config::Channel& channel = settings_.channel;
-  if (!channel.sources.empty()) {
-    std::vector<PlaylistVariant> renditions;
-    for (const config::RenditionSource& each : channel.sources) {
-      renditions.push_back({each.source, each.width, each.height, 0, {}});
-    }
-    return renditions;
-  }
-  if (MayBePlaylist(channel.source) && !ffmpeg::PipeInput::Serves(channel.source)) {
-    const SourceAddress address(channel.source);
-    ffmpeg::RememberSecrets(channel.source, channel.options.options);
-    ffmpeg::Options options;
-    for (const auto& [key, value] : address.OpenOptions(channel.options.options)) {
-      options.Set(key.c_str(), value);
-    }
-    playlistDeadline_.Arm(Milliseconds(channel.options.openLimit));
-    try {
-      const ffmpeg::FoundText found =
-          ffmpeg::ReadText(address.name(), kMaxPlaylistBytes, options, playlistDeadline_);
-      auto variants = SourceAddress(found.location).isHttp() == address.isHttp()
-                          ? ReadVariants(found.text, found.location)
-                          : std::nullopt;
-      if (variants && variants->size() > 1) {
-        return std::move(*variants);
-      }
-    } catch (const ffmpeg::Error&) {
-      // What else is wrong with it FFmpeg says when it opens it.
-      if (playlistDeadline_.ShouldStop()) {
-        throw MediaError(cancelled() ? MediaError::Kind::kCancelled : MediaError::Kind::kTimedOut,
-                         "its playlist did not come in time", ffmpeg::MaskUrl(channel.source));
-      }
-    }
-  }
-  return {{channel.source, 0, 0, 0, {}}};
-}
-
 MediaSettings RenditionReader::SettingsOf(std::size_t index) const {
   MediaSettings settings;
   settings.source = renditions_[index].source;
@@ -145,12 +68,13 @@ MediaSettings RenditionReader::SettingsOf(std::size_t index) const {
   settings.program = settings_.channel.program;
   settings.receivers = settings_.receivers;
   settings.live = settings_.isLive;
+  settings.canvasRate = settings_.canvasRate;
   return settings;
 }
 
 void RenditionReader::Open() {
   window_ = wanted_->Get();
-  renditions_.Assign(FindRenditions());
+  renditions_.Assign(FindVariants(settings_.channel, playlistDeadline_));
   std::optional<MediaError> failure;
   std::string reason = Purpose();
   const std::vector<std::size_t> order = renditions_.Order(window_, Clock::now());
@@ -254,37 +178,37 @@ std::optional<MediaItem> RenditionReader::Pass(MediaItem item) {
   }
   const Kind kind = KindOf(item);
   if (kind == kFrames) {
-    const Time start = SpanOf(item).start;
-    position_->timestamp = CommonTime(*reader_, Alignment::kTimestamps, TrackKind::kVideo, start);
+    const Time unshifted = StartOf(item);
+    position_->timestamp =
+        CommonTime(*reader_, Alignment::kTimestamps, TrackKind::kVideo, unshifted);
     position_->sinceBeginning =
-        CommonTime(*reader_, Alignment::kBeginning, TrackKind::kVideo, start);
+        CommonTime(*reader_, Alignment::kBeginning, TrackKind::kVideo, unshifted);
   }
   Shift(item, kind == kFrames ? shift_ : audioShift_ + audioSnap_);
-  Span span = SpanOf(item);
+  Time start = StartOf(item);
   std::optional<Given>& given = given_[kind];
   if (follows_[kind]) {
-    if (given ? !given->IsBefore(span.start) : span.start < from_) {
+    if (given ? !given->IsBefore(start) : start < from_) {
       return std::nullopt;
     }
     follows_[kind] = false;
-    if (kind == kPackets && given && std::abs(given->end() - span.start) <= given->duration / 2) {
-      audioSnap_ = given->end() - span.start;
+    if (kind == kPackets && given && std::abs(given->end() - start) <= given->duration / 2) {
+      audioSnap_ = given->end() - start;
       Shift(item, audioSnap_);
-      span.start += audioSnap_;
+      start += audioSnap_;
     }
   }
-  const Time step = std::min(span.duration, kMaxStep);
+  const Time step = std::min(DurationOf(item), kMaxStep);
   if (next_) {
     // Frames that do not come, as where keyframes only are decoded, are not waited for.
-    const bool isBehind = span.start + step / 2 >= next_->from;
-    next_->framesReached =
-        next_->framesReached ||
-        (isBehind && (kind == kFrames || span.start >= next_->from + kSecond / 2));
+    const bool isBehind = start + step / 2 >= next_->from;
+    next_->framesReached = next_->framesReached ||
+                           (isBehind && (kind == kFrames || start >= next_->from + kSecond / 2));
     if (isBehind && kind == kFrames) {
       return std::nullopt;
     }
   }
-  given = Given{span.start, step, Clock::now()};
+  given = Given{start, step, Clock::now()};
   return item;
 }
 
@@ -394,7 +318,7 @@ RenditionReader::Next RenditionReader::Align(RenditionOpener::Opened opened) con
   next.from = next.opened.frameStart + next.shift;
   for (const MediaItem& item : next.opened.items) {
     if (KindOf(item) == kPackets) {
-      next.audioFrom = SpanOf(item).start + next.audioShift;
+      next.audioFrom = StartOf(item) + next.audioShift;
       break;
     }
   }
@@ -408,7 +332,7 @@ RenditionReader::Next RenditionReader::Align(RenditionOpener::Opened opened) con
 void RenditionReader::AlignByArrival(Next& next, const Given& last) const {
   const auto frame = std::find_if(next.opened.items.begin(), next.opened.items.end(),
                                   [](const MediaItem& item) { return KindOf(item) == kFrames; });
-  const Time step = std::clamp<Time>(SpanOf(*frame).duration, kMillisecond, kMaxStep);
+  const Time step = std::clamp<Time>(DurationOf(*frame), kMillisecond, kMaxStep);
   Time from = last.start + ToTime(next.opened.arrival - last.arrival);
   if (from < last.end()) {
     const Time behind = std::max<Time>(last.start + last.duration / 2 - from, 0);

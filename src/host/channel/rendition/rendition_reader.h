@@ -53,7 +53,8 @@ class RenditionReader {
   struct Settings {
     config::Channel channel;
     std::shared_ptr<SharedReceivers> receivers;  // null: every source has a connection of its own
-    bool isLive = false;  // otherwise the rendition never changes but by failure
+    bool isLive = false;                // otherwise the rendition never changes but by failure
+    std::optional<Ratio> canvasRate{};  // see MediaSettings
   };
 
   // wanted: the size in which it is shown. renditions outlives the reader, but not an end of its
@@ -111,7 +112,6 @@ class RenditionReader {
   };
 
   static Kind KindOf(const MediaItem& item);
-  std::vector<PlaylistVariant> FindRenditions();
   MediaSettings SettingsOf(std::size_t index) const;
   void OpenFirst(std::size_t index, std::string reason);
   bool cancelled() const;

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <span>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 extern "C" {
@@ -327,6 +328,45 @@ Time WrapPeriod(const AVStream& stream) {
     return 0;
   }
   return av_rescale_q(std::int64_t{1} << stream.pts_wrap_bits, stream.time_base, ffmpeg::kTimeUnit);
+}
+
+Time StartOf(const MediaItem& item) {
+  return std::visit(
+      [](const auto& each) -> Time {
+        if constexpr (std::is_same_v<std::decay_t<decltype(each)>, EndOfMedia>) {
+          return 0;
+        } else {
+          return each.start;
+        }
+      },
+      item);
+}
+
+Time DurationOf(const MediaItem& item) {
+  return std::visit(
+      [](const auto& each) -> Time {
+        if constexpr (std::is_same_v<std::decay_t<decltype(each)>, EndOfMedia>) {
+          return 0;
+        } else {
+          return each.duration;
+        }
+      },
+      item);
+}
+
+void Shift(MediaItem& item, Time by) {
+  std::visit(
+      [by](auto& each) {
+        using Item = std::decay_t<decltype(each)>;
+        if constexpr (!std::is_same_v<Item, EndOfMedia>) {
+          each.start += by;
+        }
+        if constexpr (std::is_same_v<Item, AudioPacket>) {
+          each.packet->pts = each.start;
+          each.packet->dts = each.start;
+        }
+      },
+      item);
 }
 
 }  // namespace host

@@ -46,7 +46,7 @@ void MediaDecoder::Start(TrackKind kind, const AVStream& stream, Time frameDurat
   std::optional<Track>& started = track(kind);
   started.emplace();
   try {
-    started->decoder.emplace(stream, settings_.options.decoderThreads);
+    started->decoder.emplace(stream, settings_.options.decoderThreads, settings_.canvasRate);
   } catch (...) {
     started.reset();
     throw;
@@ -73,7 +73,7 @@ void MediaDecoder::SetStep(DecodeStep step) {
 
 void MediaDecoder::MakeDecoder(Track& track, const AVStream& stream) {
   try {
-    track.decoder.emplace(stream, settings_.options.decoderThreads);
+    track.decoder.emplace(stream, settings_.options.decoderThreads, settings_.canvasRate);
     if (stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO) {
       track.decoder->SetStep(step_);
     }

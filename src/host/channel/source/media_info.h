@@ -145,6 +145,12 @@ struct EndOfMedia {};
 
 using MediaItem = std::variant<DecodedFrame, AudioPacket, AudioSamples, EndOfMedia>;
 
+// 0 of the end.
+Time StartOf(const MediaItem& item);
+Time DurationOf(const MediaItem& item);
+// It begins later by that much.
+void Shift(MediaItem& item, Time by);
+
 // What came over the connection of a source.
 struct SourceCounts {
   std::uint64_t bytes = 0;

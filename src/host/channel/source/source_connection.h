@@ -34,6 +34,8 @@ struct MediaSettings {
   bool live = false;
   bool wantVideo = true;
   bool decodeAudio = true;  // false: packets only
+  // Frames for which a canvas of that rate has no place need not be decoded; none: all are.
+  std::optional<Ratio> canvasRate{};
   // The demuxer of a live source that keeps an index entry of every packet, about 50 bytes each,
   // is replaced after that many packets of a stream.
   int maxIndexEntries = 200'000;

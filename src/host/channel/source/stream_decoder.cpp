@@ -1,5 +1,7 @@
 #include "host/channel/source/stream_decoder.h"
 
+#include <algorithm>
+#include <cstdlib>
 #include <new>
 #include <string>
 
@@ -19,7 +21,25 @@ constexpr std::int64_t kMaxPixels = std::int64_t{8192} * 4352;
 
 }  // namespace
 
-StreamDecoder::StreamDecoder(const AVStream& stream, int threads) {
+FrameThinner::FrameThinner(Ratio canvasRate)
+    : rate_(canvasRate), period_(FrameDuration(canvasRate)), step_(period_) {}
+
+bool FrameThinner::HasPlace(const AVPacket& packet) {
+  if (packet.dts == AV_NOPTS_VALUE || packet.pts == AV_NOPTS_VALUE) {
+    return true;
+  }
+  if (latest_) {
+    const Time step = packet.dts - *latest_;
+    step_ += ((step > 0 ? std::min(step, period_) : period_) - step_) / 4;
+  }
+  latest_ = packet.dts;
+  // Halves are rounded, and timestamps too.
+  const bool isTwiceAsFast = step_ <= period_ * 11 / 20;
+  const Time offset = packet.pts - FrameStart(NearestFrame(packet.pts, rate_), rate_);
+  return !isTwiceAsFast || std::abs(offset) <= step_ * 5 / 8;
+}
+
+StreamDecoder::StreamDecoder(const AVStream& stream, int threads, std::optional<Ratio> canvasRate) {
   const AVCodec* decoder = avcodec_find_decoder(stream.codecpar->codec_id);
   if (decoder == nullptr) {
     throw ffmpeg::Error(AVERROR_DECODER_NOT_FOUND, "cannot decode",
@@ -44,6 +64,9 @@ StreamDecoder::StreamDecoder(const AVStream& stream, int threads) {
                 decoder->name);
   if (decoder->type == AVMEDIA_TYPE_VIDEO) {
     gate_.emplace(decoder->id);
+    if (canvasRate) {
+      thinner_.emplace(*canvasRate);
+    }
   }
 }
 
@@ -100,7 +123,6 @@ void StreamDecoder::FollowStep(bool isKeyframe, const FrameSink& sink) {
   codec_->skip_loop_filter = step_ == DecodeStep::kFull                     ? AVDISCARD_DEFAULT
                              : step_ == DecodeStep::kUnreferencedUnfiltered ? AVDISCARD_NONREF
                                                                             : AVDISCARD_NONKEY;
-  codec_->skip_frame = step_ == DecodeStep::kReferencedOnly ? AVDISCARD_NONREF : AVDISCARD_DEFAULT;
 }
 
 void StreamDecoder::Decode(const AVPacket& packet, const FrameSink& sink) {
@@ -128,6 +150,9 @@ void StreamDecoder::Send(const AVPacket& packet, const FrameSink& sink) {
       codec_->flags2 |= AV_CODEC_FLAG2_SHOW_ALL;
     }
   }
+  const bool isLeftOut = thinner_ && !thinner_->HasPlace(packet);
+  codec_->skip_frame =
+      isLeftOut || step_ == DecodeStep::kReferencedOnly ? AVDISCARD_NONREF : AVDISCARD_DEFAULT;
   int result = avcodec_send_packet(codec_.get(), &packet);
   if (result == AVERROR(EAGAIN)) {
     // Not taken before the frames that are ready are fetched.

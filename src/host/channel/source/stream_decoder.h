@@ -94,6 +94,22 @@ class KeyframeGate {
   std::optional<std::int64_t> key_;  // time of the first that decoding can begin with
 };
 
+// Of a source with at least twice the rate of the canvas, the frames for which the canvas has no
+// place: those that are not nearest to one of its frames. Owned by one decoder; its thread.
+class FrameThinner {
+ public:
+  explicit FrameThinner(Ratio canvasRate);
+
+  // Of each packet, in decoding order.
+  bool HasPlace(const AVPacket& packet);
+
+ private:
+  const Ratio rate_;
+  const Time period_;
+  Time step_;  // from frame to frame of the source, at most the period
+  std::optional<Time> latest_;
+};
+
 // How much is decoded. Each step saves what the ones before it save, and more.
 enum class DecodeStep {
   kFull,
@@ -113,9 +129,10 @@ class StreamDecoder {
  public:
   using FrameSink = std::function<void(ffmpeg::Frame)>;
 
-  // threads: 1 decodes on the calling thread. Throws ffmpeg::Error when there is no decoder for the
-  // stream or it does not start.
-  StreamDecoder(const AVStream& stream, int threads);
+  // threads: 1 decodes on the calling thread. canvasRate: frames that no other frame refers to and
+  // for which a canvas of that rate has no place are not decoded; none: all are. Throws
+  // ffmpeg::Error when there is no decoder for the stream or it does not start.
+  StreamDecoder(const AVStream& stream, int threads, std::optional<Ratio> canvasRate = {});
   ~StreamDecoder();
 
   // From the next packet on; up from keyframes only from the next keyframe on, since what follows
@@ -161,6 +178,7 @@ class StreamDecoder {
 
   ffmpeg::Codec codec_;
   std::optional<KeyframeGate> gate_;  // of video
+  std::optional<FrameThinner> thinner_;
   DecodeStep wanted_ = DecodeStep::kFull;
   DecodeStep step_ = DecodeStep::kFull;
   std::uint64_t damagedPackets_ = 0;
