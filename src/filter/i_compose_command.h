@@ -2,7 +2,7 @@
 #pragma once
 
 #include "log/i_log_perf.h"
-#include "platform/com/com_ptr.h"
+#include "platform/com/com.h"
 #include "platform/dshow/pins.h"
 #include "util/ratio.h"
 

@@ -8,7 +8,7 @@
 #include "platform/baseclasses/media_sample.h"
 #include "platform/baseclasses/mtype.h"
 #include "platform/baseclasses/unknown_base.h"
-#include "platform/com/com_ptr.h"
+#include "platform/com/com.h"
 #include "platform/dshow/samples.h"
 
 inline constexpr IID IID_IMediaSample3{

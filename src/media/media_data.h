@@ -8,7 +8,7 @@
 
 #include "media/external_metadata_media_sample.h"
 #include "platform/baseclasses/io_pins.h"
-#include "platform/com/com_ptr.h"
+#include "platform/com/com.h"
 #include "util/exceptions.h"
 
 // The bytes of a property, laid out by those who write and read it.

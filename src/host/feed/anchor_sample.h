@@ -6,7 +6,7 @@
 
 #include "host/units.h"
 #include "platform/baseclasses/unknown_base.h"
-#include "platform/com/com_ptr.h"
+#include "platform/com/com.h"
 #include "platform/dshow/samples.h"
 
 namespace host {

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "platform/baseclasses/allocator.h"
-#include "platform/com/com_ptr.h"
+#include "platform/com/com.h"
 
 namespace host {
 

@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "host/config/wall.h"
-#include "platform/com/com_ptr.h"
+#include "platform/com/com.h"
 #include "platform/dshow/samples.h"
 #include "platform/os/mutex.h"
 

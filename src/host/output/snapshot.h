@@ -11,7 +11,7 @@
 
 #include "host/config/wall.h"
 #include "host/units.h"
-#include "platform/com/com_ptr.h"
+#include "platform/com/com.h"
 #include "platform/dshow/samples.h"
 #include "platform/os/mutex.h"
 

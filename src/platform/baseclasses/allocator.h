@@ -6,7 +6,7 @@
 
 #include "platform/baseclasses/media_sample.h"
 #include "platform/baseclasses/unknown_base.h"
-#include "platform/com/com_ptr.h"
+#include "platform/com/com.h"
 #include "platform/os/mutex.h"
 
 // The pool's bookkeeping, whatever the memory behind its samples: properties that stand still while

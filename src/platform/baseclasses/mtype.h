@@ -1,7 +1,7 @@
 // CMediaType and the functions on plain media types.
 #pragma once
 
-#include "platform/com/types.h"
+#include "platform/com/com.h"
 #include "platform/dshow/media_types.h"
 #include "platform/dshow/samples.h"
 

@@ -1,7 +1,7 @@
 // Filters, reference clocks and the graph that holds them.
 #pragma once
 
-#include "platform/com/com_ptr.h"
+#include "platform/com/com.h"
 #include "platform/dshow/pins.h"
 
 namespace os {

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "platform/com/com_ptr.h"
+#include "platform/com/com.h"
 
 using REFERENCE_TIME = std::int64_t;  // 100 ns units
 

@@ -1,7 +1,7 @@
 // Pins, their enumerators, and what travels between two connected pins.
 #pragma once
 
-#include "platform/com/com_ptr.h"
+#include "platform/com/com.h"
 #include "platform/dshow/media_types.h"
 #include "platform/dshow/samples.h"
 

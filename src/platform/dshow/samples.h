@@ -1,7 +1,7 @@
 // Media samples and the allocators that own their buffers.
 #pragma once
 
-#include "platform/com/com_ptr.h"
+#include "platform/com/com.h"
 #include "platform/dshow/media_types.h"
 
 struct ALLOCATOR_PROPERTIES {

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "platform/baseclasses/unknown_base.h"
-#include "platform/com/com_ptr.h"
+#include "platform/com/com.h"
 #include "platform/dshow/filters.h"
 
 // Keeps a reference to each filter of the snapshot. References may be counted on any thread; the

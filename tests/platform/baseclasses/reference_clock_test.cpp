@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/baseclasses/base_reference_clock.h"
-#include "platform/com/com_ptr.h"
+#include "platform/com/com.h"
 #include "platform/os/waitable.h"
 
 namespace {

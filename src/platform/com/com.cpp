@@ -1,4 +1,4 @@
-#include "platform/com/types.h"
+#include "platform/com/com.h"
 
 #include <array>
 #include <cstdio>
