@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "platform/dshow/media_types.h"
+#include "platform/dshow/media.h"
 #include "platform/dshow/vfw_errors.h"
 #include "render/label_colour.h"
 #include "util/exceptions.h"

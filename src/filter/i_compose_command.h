@@ -3,7 +3,7 @@
 
 #include "log/i_log_perf.h"
 #include "platform/com/com.h"
-#include "platform/dshow/pins.h"
+#include "platform/dshow/filters.h"
 #include "util/ratio.h"
 
 inline constexpr CLSID CLSID_TavrelComposer{

@@ -9,7 +9,7 @@
 #include "platform/baseclasses/mtype.h"
 #include "platform/baseclasses/unknown_base.h"
 #include "platform/com/com.h"
-#include "platform/dshow/samples.h"
+#include "platform/dshow/media.h"
 
 inline constexpr IID IID_IMediaSample3{
     0x5D8CEC5F, 0x63DA, 0x46A1, {0x92, 0x37, 0xA2, 0xF3, 0x58, 0x7B, 0x32, 0x3C}};

@@ -5,7 +5,7 @@
 #include "pins/pin_owner.h"
 #include "pins/streams.h"
 #include "pins/video_input_pins.h"
-#include "platform/dshow/media_types.h"
+#include "platform/dshow/media.h"
 #include "platform/dshow/vfw_errors.h"
 
 namespace {

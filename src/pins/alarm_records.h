@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "platform/dshow/samples.h"
+#include "platform/dshow/media.h"
 
 // A label's text, UTF-8 as received: no terminator, not validated.
 using UTF8TextSampleType = std::vector<std::uint8_t>;

@@ -3,7 +3,7 @@
 #include <limits>
 
 #include "pins/pin_owner.h"
-#include "platform/dshow/media_types.h"
+#include "platform/dshow/media.h"
 #include "platform/dshow/vfw_errors.h"
 #include "util/ratio.h"
 

@@ -6,7 +6,7 @@
 #include <mutex>
 
 #include "platform/baseclasses/io_pins.h"
-#include "platform/dshow/media_types.h"
+#include "platform/dshow/media.h"
 
 // Where stream times come from. Not a COM interface: the holder of the object owns it.
 class ISyncSource {

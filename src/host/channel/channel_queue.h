@@ -17,7 +17,7 @@
 #include "host/feed/alarm_record.h"
 #include "host/units.h"
 #include "platform/com/com.h"
-#include "platform/dshow/samples.h"
+#include "platform/dshow/media.h"
 #include "platform/os/mutex.h"
 
 namespace host {

@@ -7,7 +7,7 @@
 #include "host/units.h"
 #include "platform/baseclasses/unknown_base.h"
 #include "platform/com/com.h"
-#include "platform/dshow/samples.h"
+#include "platform/dshow/media.h"
 
 namespace host {
 

@@ -15,7 +15,7 @@
 #include "host/units.h"
 #include "log/i_log_perf.h"
 #include "platform/com/com.h"
-#include "platform/dshow/samples.h"
+#include "platform/dshow/media.h"
 #include "platform/os/thread.h"
 #include "util/bounded_queue.h"
 

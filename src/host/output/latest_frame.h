@@ -9,7 +9,7 @@
 
 #include "host/config/wall.h"
 #include "platform/com/com.h"
-#include "platform/dshow/samples.h"
+#include "platform/dshow/media.h"
 #include "platform/os/mutex.h"
 
 namespace host {

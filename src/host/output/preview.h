@@ -17,7 +17,7 @@
 #include "host/output/video_encoder.h"
 #include "host/units.h"
 #include "platform/com/com.h"
-#include "platform/dshow/samples.h"
+#include "platform/dshow/media.h"
 #include "platform/os/mutex.h"
 #include "platform/os/thread.h"
 

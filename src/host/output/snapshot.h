@@ -12,7 +12,7 @@
 #include "host/config/wall.h"
 #include "host/units.h"
 #include "platform/com/com.h"
-#include "platform/dshow/samples.h"
+#include "platform/dshow/media.h"
 #include "platform/os/mutex.h"
 
 namespace host {

@@ -6,7 +6,7 @@
 
 #include "platform/baseclasses/base_filter.h"
 #include "platform/baseclasses/mtype.h"
-#include "platform/dshow/pins.h"
+#include "platform/dshow/filters.h"
 #include "platform/os/mutex.h"
 
 // Base of every pin. A pin lives and dies with the filter that owns it: its references are

@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "platform/baseclasses/unknown_base.h"
-#include "platform/dshow/media_types.h"
+#include "platform/dshow/media.h"
 #include "platform/os/waitable.h"
 
 DWORD_PTR AdviseList::AddOnce(REFERENCE_TIME time, HEVENT event) {

@@ -4,7 +4,7 @@
 #include <atomic>
 
 #include "platform/baseclasses/mtype.h"
-#include "platform/dshow/samples.h"
+#include "platform/dshow/media.h"
 
 class CBaseAllocator;
 

@@ -2,8 +2,7 @@
 #pragma once
 
 #include "platform/com/com.h"
-#include "platform/dshow/media_types.h"
-#include "platform/dshow/samples.h"
+#include "platform/dshow/media.h"
 
 // Deep copy into *target, whose former contents are not freed. E_OUTOFMEMORY leaves it without a
 // format block.

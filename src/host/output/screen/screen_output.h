@@ -15,7 +15,7 @@
 #include "host/output/screen/screen_input.h"
 #include "host/units.h"
 #include "platform/com/com.h"
-#include "platform/dshow/samples.h"
+#include "platform/dshow/media.h"
 #include "platform/os/companion_process.h"
 #include "platform/os/mutex.h"
 #include "platform/os/thread.h"
