@@ -6,7 +6,7 @@
 #include <cstdint>
 
 #include "fuzz/check.h"
-#include "platform/baseclasses/allocator.h"
+#include "platform/baseclasses/media_sample.h"
 
 namespace {
 

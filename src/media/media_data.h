@@ -7,7 +7,7 @@
 #include <optional>
 
 #include "media/external_metadata_media_sample.h"
-#include "platform/baseclasses/io_pins.h"
+#include "platform/baseclasses/base_pin.h"
 #include "platform/com/com.h"
 #include "util/exceptions.h"
 

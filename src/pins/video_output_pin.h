@@ -1,7 +1,7 @@
 // CComposeOutputVideoPin: where composed frames leave.
 #pragma once
 
-#include "platform/baseclasses/io_pins.h"
+#include "platform/baseclasses/base_pin.h"
 
 class PinOwner;
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <mutex>
 
-#include "platform/baseclasses/io_pins.h"
+#include "platform/baseclasses/base_pin.h"
 #include "platform/dshow/media.h"
 
 // Where stream times come from. Not a COM interface: the holder of the object owns it.

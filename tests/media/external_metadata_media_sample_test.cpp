@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "media/media_data.h"
-#include "platform/baseclasses/allocator.h"
+#include "platform/baseclasses/media_sample.h"
 #include "platform/dshow/vfw_errors.h"
 #include "tests/support/fake_filters.h"
 #include "tests/support/foreign_sample.h"

@@ -9,7 +9,7 @@
 #include "host/feed/frame_allocator.h"
 #include "host/units.h"
 #include "log/i_log_perf.h"
-#include "platform/baseclasses/io_pins.h"
+#include "platform/baseclasses/base_pin.h"
 #include "platform/baseclasses/mtype.h"
 #include "util/exceptions.h"
 

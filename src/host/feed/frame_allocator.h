@@ -5,7 +5,7 @@
 #include <memory>
 #include <vector>
 
-#include "platform/baseclasses/allocator.h"
+#include "platform/baseclasses/media_sample.h"
 #include "platform/com/com.h"
 
 namespace host {

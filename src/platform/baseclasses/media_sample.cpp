@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstring>
 
-#include "platform/baseclasses/allocator.h"
 #include "platform/dshow/media.h"
 #include "platform/dshow/vfw_errors.h"
 

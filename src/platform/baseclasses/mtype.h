@@ -63,7 +63,6 @@ class CMediaType : public AM_MEDIA_TYPE {
   void SetVariableSize() { bFixedSizeSamples = FALSE; }
 
   BYTE* Format() const { return pbFormat; }
-  ULONG FormatLength() const { return cbFormat; }
   bool SetFormat(const BYTE* format, ULONG length);
   // A format block of length bytes with undefined contents; null (and the old block kept) when the
   // memory is exhausted.
