@@ -13,7 +13,7 @@
 #include "log/log_perf.h"
 #include "pins/pin_owner.h"
 #include "pins/video_output_pin.h"
-#include "platform/os/waitable.h"
+#include "platform/os/thread.h"
 #include "util/thread.h"
 
 class FrameComposer;

@@ -18,7 +18,6 @@
 #include "host/output/screen/window/screen_window.h"
 #include "platform/os/console.h"
 #include "platform/os/process.h"
-#include "platform/os/standard_stream.h"
 #include "platform/os/thread.h"
 
 int main(int argc, char** argv) {

@@ -16,7 +16,7 @@
 
 #include "platform/os/mutex.h"
 #include "platform/os/system_time.h"
-#include "platform/os/waitable.h"
+#include "platform/os/thread.h"
 
 namespace qorp::log {
 

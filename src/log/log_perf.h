@@ -14,7 +14,7 @@
 #include "log/sinks.h"
 #include "platform/os/mutex.h"
 #include "platform/os/process.h"
-#include "platform/os/waitable.h"
+#include "platform/os/thread.h"
 #include "util/thread.h"
 
 namespace qorp::log {

@@ -11,7 +11,7 @@
 #include <string_view>
 
 #include "log/log_line.h"
-#include "platform/os/waitable.h"
+#include "platform/os/thread.h"
 
 namespace qorp::log {
 

@@ -16,8 +16,8 @@
 #include "log/i_log_sink.h"
 #include "log/message_queue.h"
 #include "platform/os/console.h"
-#include "platform/os/datagram.h"
 #include "platform/os/mutex.h"
+#include "platform/os/sockets.h"
 
 namespace qorp::log {
 

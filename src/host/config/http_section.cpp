@@ -7,7 +7,7 @@
 
 #include "host/config/sections.h"
 #include "host/config/value_text.h"
-#include "platform/os/datagram.h"
+#include "platform/os/sockets.h"
 
 namespace host::config {
 

@@ -10,7 +10,7 @@
 #include "host/units.h"
 #include "platform/com/com.h"
 #include "platform/os/mutex.h"
-#include "platform/os/waitable.h"
+#include "platform/os/thread.h"
 #include "util/reference_clock.h"
 
 namespace host {

@@ -4,7 +4,7 @@
 
 #include "platform/baseclasses/base_reference_clock.h"
 #include "platform/com/com.h"
-#include "platform/os/waitable.h"
+#include "platform/os/thread.h"
 
 namespace {
 

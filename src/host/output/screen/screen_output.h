@@ -19,7 +19,6 @@
 #include "platform/os/companion_process.h"
 #include "platform/os/mutex.h"
 #include "platform/os/thread.h"
-#include "platform/os/waitable.h"
 
 namespace host {
 
