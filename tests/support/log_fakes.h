@@ -11,7 +11,6 @@
 #include <string>
 #include <vector>
 
-#include "log/i_log_sink.h"
 #include "log/log_line.h"
 #include "platform/os/thread.h"
 
