@@ -4,7 +4,7 @@
 
 #include "platform/dshow/media.h"
 #include "platform/dshow/vfw_errors.h"
-#include "render/label_colour.h"
+#include "render/text_renderer.h"
 #include "util/exceptions.h"
 
 namespace {

@@ -6,8 +6,7 @@
 #include <vector>
 
 #include "filter/composition.h"
-#include "render/mosaic_drawer.h"
-#include "render/window_state.h"
+#include "render/drawing_engine.h"
 
 // True for the one frame of each period that is marked as not to be presented downstream: time lies
 // within half a frame of a multiple of the period. Times in 100 ns units; a period of 0, or a rate
