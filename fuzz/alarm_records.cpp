@@ -1,11 +1,10 @@
 // Any payload on a side stream: a record or a refusal, never a read beyond the payload.
 
-#include "pins/alarm_records.h"
-
 #include <algorithm>
 #include <cstdint>
 
 #include "fuzz/check.h"
+#include "pins/alarm_pins.h"
 #include "platform/baseclasses/media_sample.h"
 
 namespace {

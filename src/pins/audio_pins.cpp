@@ -5,7 +5,7 @@
 #include <iterator>
 
 #include "pins/pin_owner.h"
-#include "pins/video_input_pins.h"
+#include "pins/video_pins.h"
 #include "platform/dshow/media.h"
 #include "platform/dshow/vfw_errors.h"
 #include "platform/os/system_time.h"

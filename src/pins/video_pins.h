@@ -1,4 +1,5 @@
-// The pins that take pictures: one for the background, one for the window of each channel.
+// The pins that take pictures, one for the background and one for the window of each channel, and
+// the pin where composed frames leave.
 #pragma once
 
 #include <atomic>
@@ -6,6 +7,7 @@
 
 #include "media/dynamic_pins.h"
 #include "pins/streams.h"
+#include "platform/baseclasses/base_pin.h"
 
 class PinOwner;
 
@@ -107,4 +109,25 @@ class CComposeInputVideoBackgroundPin final : public CComposeInputVideoPin {
 
   HRESULT OnReceive(IMediaSample* sample) override;
   HRESULT CheckVideoFormat(const CMediaType& type, LONG* width, LONG* height) override;
+};
+
+// Pin "Composition". Offers the background's format as YV12 with a VIDEOINFOHEADER2 and the wall's
+// aspect ratio. The frames that it delivers are the background's own samples, on the composition
+// thread under the filter's lock; the allocator that it negotiates serves no frame.
+class CComposeOutputVideoPin final : public CBaseOutputPin {
+ public:
+  static constexpr LONG kMinOutputBuffers = 30;
+
+  CComposeOutputVideoPin(PinOwner* filter, CCritSec* lock, HRESULT* hr, LPCWSTR name);
+  ~CComposeOutputVideoPin() override;
+
+  HRESULT CheckMediaType(const CMediaType* type) override;
+  // Fails as the background pin does while that is not connected.
+  HRESULT GetMediaType(int position, CMediaType* type) override;
+  HRESULT DecideBufferSize(IMemAllocator* allocator, ALLOCATOR_PROPERTIES* request) override;
+  // Quality messages from downstream are taken and dropped: the background sets the pace.
+  HRESULT Notify(IBaseFilter* self, Quality quality) override;
+
+ private:
+  PinOwner* const filter;
 };
