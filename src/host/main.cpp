@@ -13,7 +13,7 @@
 #include "host/cli/registry.h"
 #include "host/cli/run.h"
 #include "host/cli/show_log.h"
-#include "host/ffmpeg/log.h"
+#include "host/ffmpeg/error.h"
 #include "host/output/screen/screen_protocol.h"
 #include "host/output/screen/window/screen_window.h"
 #include "platform/os/console.h"

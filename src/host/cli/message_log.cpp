@@ -9,7 +9,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "host/ffmpeg/log.h"
+#include "host/ffmpeg/error.h"
 #include "host/ffmpeg/mask.h"
 #include "log/i_log_perf.h"
 #include "log/log_file.h"
