@@ -1,11 +1,10 @@
 // A sample's data under times, flags, a type and properties of the wrapper's own, and the typed
 // access to those properties.
-#include "media/external_metadata_media_sample.h"
+#include "media/metadata_samples.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "media/media_data.h"
 #include "platform/baseclasses/media_sample.h"
 #include "platform/dshow/vfw_errors.h"
 #include "tests/support/fake_filters.h"
