@@ -13,7 +13,7 @@
 #include <string_view>
 #include <vector>
 
-#include "render/mosaic_drawer.h"
+#include "render/drawing_engine.h"
 #include "render/yv12.h"
 
 namespace bench {

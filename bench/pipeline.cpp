@@ -44,7 +44,6 @@ extern "C" {
 #include "host/channel/video/frame_converter.h"
 #include "host/channel/video/frame_meter.h"
 #include "host/ffmpeg/error.h"
-#include "host/ffmpeg/log.h"
 #include "host/output/video_encoder.h"
 #include "host/session/wall_outputs.h"
 #include "host/session/wall_session.h"

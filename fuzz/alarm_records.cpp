@@ -1,12 +1,11 @@
 // Any payload on a side stream: a record or a refusal, never a read beyond the payload.
 
-#include "pins/alarm_records.h"
-
 #include <algorithm>
 #include <cstdint>
 
 #include "fuzz/check.h"
-#include "platform/baseclasses/allocator.h"
+#include "pins/alarm_pins.h"
+#include "platform/baseclasses/media_sample.h"
 
 namespace {
 

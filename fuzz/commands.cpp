@@ -14,7 +14,7 @@
 #include <nlohmann/json.hpp>
 
 #include "fuzz/check.h"
-#include "host/config/wall_reader.h"
+#include "host/config/wall_file.h"
 #include "host/control/command.h"
 #include "host/session/wall_check.h"
 

@@ -9,7 +9,7 @@
 
 #include "fuzz/check.h"
 #include "log/i_log_perf.h"
-#include "platform/baseclasses/io_pins.h"
+#include "platform/baseclasses/base_pin.h"
 
 namespace fuzz {
 

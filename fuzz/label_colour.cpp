@@ -1,14 +1,13 @@
 // Any text as a label's colour: only the four forms are colours, and each gives what its digits
 // say.
 
-#include "render/label_colour.h"
-
 #include <algorithm>
 #include <cctype>
 #include <cstdint>
 #include <string_view>
 
 #include "fuzz/check.h"
+#include "render/text_renderer.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(data), size);

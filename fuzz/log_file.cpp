@@ -2,6 +2,8 @@
 // written, and a reader finds it; or the sink refuses numbers that are none and leaves the file
 // alone.
 
+#include "log/log_file.h"
+
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -14,7 +16,6 @@
 
 #include "fuzz/check.h"
 #include "log/log_file_reader.h"
-#include "log/logfile_sink.h"
 
 namespace {
 

@@ -1,12 +1,13 @@
 // Any text as a wall file: never an exception, every diagnostic inside the text, and a wall that is
 // declared usable keeps what the composer demands.
 
+#include "host/config/wall_file.h"
+
 #include <algorithm>
 #include <cstdint>
 #include <string>
 
 #include "fuzz/check.h"
-#include "host/config/wall_reader.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);

@@ -1,11 +1,81 @@
-// AudioResampler: 16-bit audio from one sampling rate to another.
+// AudioResampler: 16-bit audio from one sampling rate to another. Its filters: their coefficients,
+// one short low-pass filter for each fraction of a sample, and the loop that applies them.
 #pragma once
 
 #include <cstdint>
 #include <memory>
 #include <vector>
 
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
 namespace qorp {
+
+// A sum of coefficients of this size is a gain of 1.
+inline constexpr int kFilterScale = 32768;
+
+// Builds phases + 1 filters of taps coefficients each, one after the other.
+//
+// Filter p is a sinc that is cut off at factor (of half the source's rate, at most 1), shifted by
+// p / phases of a sample, and faded out by a Blackman-Nuttall window. Each filter's coefficients
+// add up to kFilterScale within 1: what rounding takes from one tap is given to the next one. With
+// taps of at most 16 / factor, rounded up, the magnitudes of one filter add up to less than
+// 2 * kFilterScale, so that its products with 16-bit samples add up within 32 bits. The last filter
+// is the first one moved on by one tap: the neighbour of filter phases - 1 when neighbours are
+// interpolated.
+std::vector<std::int16_t> BuildFilter(double factor, std::int32_t taps, std::int32_t phases);
+
+// The inner loop: samples times coefficients, added up. This is its reference implementation. The
+// caller's coefficients keep the sum, and each part of it, within 32 bits.
+inline std::int32_t InnerProductScalar(const std::int16_t* samples,
+                                       const std::int16_t* coefficients, std::int32_t taps) {
+  std::int32_t sum = 0;
+  for (std::int32_t i = 0; i < taps; ++i) {
+    sum += std::int32_t{samples[i]} * coefficients[i];
+  }
+  return sum;
+}
+
+#ifdef __SSE2__
+
+// Eight products at a time, which measured 1.5 times what the compiler makes of the loop above.
+// Taps beyond the last whole eight are taken from the end, with those that are counted already
+// masked out: nothing outside the two arrays is read.
+inline std::int32_t InnerProduct(const std::int16_t* samples, const std::int16_t* coefficients,
+                                 std::int32_t taps) {
+  constexpr std::int32_t kLanes = 8;
+  static constexpr std::int16_t kMasks[2 * kLanes] = {0,  0,  0,  0,  0,  0,  0,  0,
+                                                      -1, -1, -1, -1, -1, -1, -1, -1};
+  if (taps < kLanes) {
+    return InnerProductScalar(samples, coefficients, taps);
+  }
+  const auto load = [](const std::int16_t* from) {
+    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(from));
+  };
+  __m128i sums = _mm_setzero_si128();
+  std::int32_t done = 0;
+  for (; done + kLanes <= taps; done += kLanes) {
+    sums = _mm_add_epi32(sums, _mm_madd_epi16(load(samples + done), load(coefficients + done)));
+  }
+  if (const std::int32_t rest = taps - done; rest > 0) {
+    const __m128i lastCoefficients =
+        _mm_and_si128(load(coefficients + taps - kLanes), load(kMasks + rest));
+    sums = _mm_add_epi32(sums, _mm_madd_epi16(load(samples + taps - kLanes), lastCoefficients));
+  }
+  sums = _mm_add_epi32(sums, _mm_shuffle_epi32(sums, _MM_SHUFFLE(1, 0, 3, 2)));
+  sums = _mm_add_epi32(sums, _mm_shuffle_epi32(sums, _MM_SHUFFLE(2, 3, 0, 1)));
+  return _mm_cvtsi128_si32(sums);
+}
+
+#else
+
+inline std::int32_t InnerProduct(const std::int16_t* samples, const std::int16_t* coefficients,
+                                 std::int32_t taps) {
+  return InnerProductScalar(samples, coefficients, taps);
+}
+
+#endif
 
 // How a resampler trades time for accuracy.
 struct ResamplingQuality {

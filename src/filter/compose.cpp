@@ -7,7 +7,7 @@
 
 #include "filter/frame_composer.h"
 #include "platform/baseclasses/unknown_base.h"
-#include "platform/com/wide_text.h"
+#include "platform/com/com.h"
 #include "platform/dshow/vfw_errors.h"
 #include "util/exceptions.h"
 

@@ -8,15 +8,13 @@
 #include <utility>
 #include <vector>
 
-#include "filter/composition.h"
+#include "filter/frame_composer.h"
 #include "filter/i_compose_command.h"
 #include "log/log_perf.h"
 #include "pins/pin_owner.h"
-#include "pins/video_output_pin.h"
-#include "platform/os/waitable.h"
+#include "pins/video_pins.h"
+#include "platform/os/thread.h"
 #include "util/thread.h"
-
-class FrameComposer;
 
 // The one filter of the system. Owns every pin, the queue of background frames, the drawing engine
 // and the composition thread, on which all drawing and all delivery of pictures happen. Its clock

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 
-#include "platform/dshow/media_types.h"
+#include "platform/dshow/media.h"
 #include "platform/dshow/vfw_errors.h"
-#include "render/label_colour.h"
+#include "render/text_renderer.h"
 #include "util/exceptions.h"
 
 namespace {

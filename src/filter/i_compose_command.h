@@ -2,8 +2,8 @@
 #pragma once
 
 #include "log/i_log_perf.h"
-#include "platform/com/com_ptr.h"
-#include "platform/dshow/pins.h"
+#include "platform/com/com.h"
+#include "platform/dshow/filters.h"
 #include "util/ratio.h"
 
 inline constexpr CLSID CLSID_TavrelComposer{

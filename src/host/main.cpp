@@ -13,12 +13,11 @@
 #include "host/cli/registry.h"
 #include "host/cli/run.h"
 #include "host/cli/show_log.h"
-#include "host/ffmpeg/log.h"
+#include "host/ffmpeg/error.h"
 #include "host/output/screen/screen_protocol.h"
 #include "host/output/screen/window/screen_window.h"
 #include "platform/os/console.h"
 #include "platform/os/process.h"
-#include "platform/os/standard_stream.h"
 #include "platform/os/thread.h"
 
 int main(int argc, char** argv) {

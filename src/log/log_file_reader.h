@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "log/circular_log_file.h"
+#include "log/log_file.h"
 #include "log/log_line.h"
 
 namespace qorp::log {

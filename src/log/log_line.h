@@ -1,5 +1,6 @@
 // The lines of a log: LogTime is the timestamp of a message, LogClock all that the logger takes
-// from time; LogHistory keeps the most recent lines in memory, and a log file has them as
+// from time; ILogSink takes the messages of a logger, IPerfObserver the main figures of every
+// performance report; LogHistory keeps the most recent lines in memory, and a log file has them as
 //
 //   42;Mon Nov 16 09:43:14.123;1763286194123;1;Composer audio/video #2 resynchronizes (-)
 //   number;local time;milliseconds since 1970-01-01 UTC;level;text, which may itself hold ";"
@@ -16,7 +17,7 @@
 
 #include "platform/os/mutex.h"
 #include "platform/os/system_time.h"
-#include "platform/os/waitable.h"
+#include "platform/os/thread.h"
 
 namespace qorp::log {
 
@@ -111,5 +112,33 @@ struct NumberedLogLine {
   bool operator==(const NumberedLogLine&) const = default;
 };
 std::optional<NumberedLogLine> ReadLogLine(std::string_view line);
+
+// On its way to the sinks.
+struct LogMessage {
+  std::int32_t level = 0;
+  std::string text;
+  LogTime time;
+};
+
+// Not owned by the logger. Called from the logger's worker thread, one message at a time, with no
+// lock of the logger held: it may be slow, and it may throw, which loses this message for this sink
+// only. The order of the operations is part of the interface.
+class ILogSink {
+ public:
+  virtual ~ILogSink() = default;
+  // text is one line, without its end.
+  virtual void Write(std::int32_t level, const LogTime& time, const char* text) = 0;
+};
+
+// Not owned by the logger; called on its worker thread. The order of the operations is part of the
+// interface.
+class IPerfObserver {
+ public:
+  virtual ~IPerfObserver() = default;
+  // cpuPercent: the process's share of the whole machine; commitPercent: committed memory of the
+  // machine; workingSetBytes: of the process.
+  virtual void OnReport(std::uint32_t cpuPercent, std::uint32_t commitPercent,
+                        std::uint64_t workingSetBytes, std::int32_t politicChoicesPerSecond) = 0;
+};
 
 }  // namespace qorp::log

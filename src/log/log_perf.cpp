@@ -2,17 +2,42 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdarg>
+#include <cstdio>
 #include <cstring>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
 
-#include "log/message_queue.h"
 #include "log/performance.h"
 #include "platform/os/console.h"
 
 namespace qorp::log {
+
+namespace {
+
+// Room for Size characters; longer texts are cut to it.
+template <std::size_t Size>
+class FormatBuffer {
+ public:
+  // The length of the text that stands in the buffer then. A format that cannot be carried out is
+  // kept as its own text: the message is not lost.
+  [[gnu::format(printf, 2, 0)]] std::size_t Format(const char* format, va_list arguments) {
+    const int length = std::vsnprintf(text_.data(), text_.size(), format, arguments);
+    if (length < 0) {
+      return std::string_view(format).copy(text_.data(), Size);
+    }
+    return std::min(static_cast<std::size_t>(length), Size);
+  }
+
+  char* Data() { return text_.data(); }
+
+ private:
+  std::array<char, Size + 1> text_;
+};
+
+}  // namespace
 
 void DummyLogPerf::log(std::int32_t, const char* format, ...) {
   FormatBuffer<260> buffer;
@@ -45,6 +70,36 @@ std::size_t CleanLine(char* text, std::size_t length) {
 }
 
 }  // namespace
+
+void MessageQueue::Push(std::int32_t level, std::string_view text, const LogTime& time) {
+  const os::MutexLock guard(signal_.Lock());
+  if (overflowed_) {
+    return;
+  }
+  const bool full = messages_.size() >= kCapacity;
+  if (spare_.empty()) {
+    spare_.emplace_back();
+  }
+  LogMessage& message = spare_.front();
+  message.level = full ? kError : level;
+  message.text = full ? "Overflowed message queue." : text;
+  message.time = time;  // the refused message's is the current time
+  messages_.splice(messages_.end(), spare_, spare_.begin());
+  overflowed_ = full;
+  signal_.Set(true);
+}
+
+bool MessageQueue::Pop(Popped& message) {
+  const os::MutexLock guard(signal_.Lock());
+  spare_.splice(spare_.begin(), message.node_);
+  if (messages_.empty()) {
+    return false;
+  }
+  message.node_.splice(message.node_.begin(), messages_, messages_.begin());
+  overflowed_ = overflowed_ && !messages_.empty();
+  signal_.Set(!messages_.empty());
+  return true;
+}
 
 LogPerf::LogPerf(LogPerfOptions options)
     : options_(std::move(options)), clock_(*options_.clock), restartMonitor_(options_.restart) {

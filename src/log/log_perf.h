@@ -4,17 +4,19 @@
 
 #include <cstdint>
 #include <functional>
+#include <list>
 #include <memory>
 #include <optional>
+#include <string>
+#include <string_view>
 
 #include "log/i_log_perf.h"
 #include "log/log_line.h"
-#include "log/message_queue.h"
 #include "log/performance.h"
 #include "log/sinks.h"
 #include "platform/os/mutex.h"
 #include "platform/os/process.h"
-#include "platform/os/waitable.h"
+#include "platform/os/thread.h"
 #include "util/thread.h"
 
 namespace qorp::log {
@@ -33,6 +35,45 @@ class DummyLogPerf : public ILogPerf {
   void AddPoliticChoices(std::int32_t) override {}
   void RegisterPin(const char*) override {}
   void NotifyBufferFull(const char*) override {}
+};
+
+// A message's way from its caller to the logger's worker. Any thread pushes, never waiting for the
+// worker; the worker alone pops.
+//
+// The queue is bounded. The message that finds it full is replaced by one notice, and everything
+// after it is dropped until the worker has emptied the queue: one notice stands for all that one
+// episode lost. Its elements are made once and then go round, so that pushing and popping allocate
+// nothing in the long run.
+//
+// Signalled while it holds a message; a wait consumes nothing, Pop does.
+class MessageQueue final : public os::Waitable {
+ public:
+  static constexpr std::size_t kCapacity = 1000;  // the notice comes on top
+
+  // A message in the worker's hands; its memory is used again for later messages.
+  class Popped {
+   public:
+    const LogMessage& operator*() const { return node_.front(); }
+    const LogMessage* operator->() const { return &node_.front(); }
+
+   private:
+    friend class MessageQueue;
+    std::list<LogMessage> node_;
+  };
+
+  // Throws std::bad_alloc without memory.
+  void Push(std::int32_t level, std::string_view text, const LogTime& time);
+  // Replaces message by the oldest one; false when there is none.
+  bool Pop(Popped& message);
+
+ private:
+  bool TryTake() override { return signal_.MaySucceed(); }
+  Signal& GetSignal() override { return signal_; }
+
+  Signal signal_;
+  std::list<LogMessage> messages_ GUARDED_BY(signal_.Lock());  // oldest first
+  std::list<LogMessage> spare_ GUARDED_BY(signal_.Lock());     // were popped before
+  bool overflowed_ GUARDED_BY(signal_.Lock()) = false;
 };
 
 struct LogPerfOptions {

@@ -1,5 +1,5 @@
-// The sinks that keep nothing: console, output stream and syslog server (the log file:
-// logfile_sink.h); and SinkSet, the sinks of one logger.
+// The sinks that keep nothing: console, output stream and syslog server (log files:
+// log_file.h); and SinkSet, the sinks of one logger.
 #pragma once
 
 #include <atomic>
@@ -13,11 +13,10 @@
 #include <string>
 #include <vector>
 
-#include "log/i_log_sink.h"
-#include "log/message_queue.h"
+#include "log/log_line.h"
 #include "platform/os/console.h"
-#include "platform/os/datagram.h"
 #include "platform/os/mutex.h"
+#include "platform/os/sockets.h"
 
 namespace qorp::log {
 

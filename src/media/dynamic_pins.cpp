@@ -1,6 +1,6 @@
 #include "media/dynamic_pins.h"
 
-#include "media/external_metadata_media_sample.h"
+#include "media/metadata_samples.h"
 #include "platform/baseclasses/unknown_base.h"
 #include "platform/dshow/vfw_errors.h"
 #include "util/exceptions.h"

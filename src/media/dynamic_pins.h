@@ -1,7 +1,7 @@
 // The pin bases whose format may change while the graph runs.
 #pragma once
 
-#include "platform/baseclasses/io_pins.h"
+#include "platform/baseclasses/base_pin.h"
 
 // Base of every input pin of the composer. It takes a new connection or a reconnection at any time,
 // hands the connection's media type to the first sample after it, applies a type that a sample

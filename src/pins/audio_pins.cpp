@@ -5,8 +5,8 @@
 #include <iterator>
 
 #include "pins/pin_owner.h"
-#include "pins/video_input_pins.h"
-#include "platform/dshow/media_types.h"
+#include "pins/video_pins.h"
+#include "platform/dshow/media.h"
 #include "platform/dshow/vfw_errors.h"
 #include "platform/os/system_time.h"
 #include "util/exceptions.h"

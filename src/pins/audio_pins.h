@@ -4,7 +4,7 @@
 #include <atomic>
 
 #include "media/dynamic_pins.h"
-#include "platform/baseclasses/io_pins.h"
+#include "platform/baseclasses/base_pin.h"
 
 class CComposeOutputAudioCompressedPin;
 class PinOwner;

@@ -1,7 +1,7 @@
 // What hosts and pins know of the composer's streams in common.
 #pragma once
 
-#include "platform/dshow/media_types.h"
+#include "platform/dshow/media.h"
 
 // Major types of the side streams, private to the product; the subtype is MEDIASUBTYPE_None.
 inline constexpr GUID MEDIATYPE_LabelText{

@@ -1,15 +1,53 @@
-// The drawing engine: the labels of a wall, and the drawing of its windows.
+// The drawing engine: windows with their labels and selection frames, and MosaicDrawer, which draws
+// all that is in one frame.
 #pragma once
 
+#include <algorithm>
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "render/meters.h"
 #include "render/text_renderer.h"
-#include "render/window_state.h"
+#include "render/yv12.h"
+#include "util/exceptions.h"
+
+// What one input contributes to the picture of a frame. Collected for every frame by the frame
+// loop; the picture belongs to a sample that is held until the frame is done.
+struct WindowState {
+  const std::uint8_t* picture = nullptr;  // YV12 of w x h pixels; null: not drawn
+  bool enabled = false;
+  std::int32_t x = 0;  // top left corner in the canvas, pixels, even
+  std::int32_t y = 0;
+  std::int32_t w = 0;  // pixels
+  std::int32_t h = 0;
+
+  bool IsDrawn() const { return enabled && picture != nullptr; }
+};
+
+// What is drawn over a window's picture.
+struct WindowOverlays {
+  static constexpr std::int32_t kMaxChannels = 10;
+
+  bool selected = false;
+  bool metered = false;                      // the rest counts only then
+  std::int32_t channels = 0;                 // 0 to kMaxChannels
+  std::array<float, kMaxChannels> levels{};  // 1 is full scale
+  std::array<float, kMaxChannels> peaks{};
+  bool alarm = false;
+
+  std::size_t Channels() const {
+    return static_cast<std::size_t>(std::clamp(channels, 0, kMaxChannels));
+  }
+  std::span<const float> Levels() const { return std::span(levels).first(Channels()); }
+  std::span<const float> Peaks() const { return std::span(peaks).first(Channels()); }
+};
 
 // Font size of the labels of a canvas, in points: 16 for 1080 lines, in proportion for others,
 // between 8 and 48.
@@ -70,3 +108,99 @@ void ParseLabelColour(Compose& labels, std::int32_t windowIndex, const char* tex
 // it; does nothing for one that is not enabled or has no picture.
 void DrawWindow(Label& label, const WindowState& window, const Yv12Picture& canvas,
                 const qorp::WideRatio& pixelAspect);
+
+// A bar of a selector frame does not lie inside the canvas.
+class BadConfigException : public TavrelException {
+ public:
+  const char* what() const noexcept override { return "Cannot draw selector: bad config"; }
+};
+
+// Fills the w x h pixels at (x, y) of the W x H canvas with opaque red. Throws BadConfigException,
+// with nothing drawn, for a negative position or size and for a bar that reaches the last column or
+// row of the canvas: a frame keeps one pixel away from the right and bottom edges. The chroma
+// samples that an odd bar shares with its neighbours turn red as well.
+void DrawSelectorBar(std::uint8_t* canvas, std::int32_t W, std::int32_t H, std::int32_t x,
+                     std::int32_t y, std::int32_t w, std::int32_t h);
+
+// One bar of a frame, in canvas pixels.
+struct SelectorBar {
+  std::int32_t x;
+  std::int32_t y;
+  std::int32_t w;
+  std::int32_t h;
+};
+
+// The top, bottom, left and right bar of the frame inside a window, a 150th of the canvas's height
+// thick. A window may be anywhere: what is far outside the canvas stays there.
+std::array<SelectorBar, 4> SelectorFrame(const WindowState& window, std::int32_t canvasHeight);
+
+// Whether all bars of the window's frame can be drawn.
+bool SelectorFits(const WindowState& window, const Yv12Picture& canvas);
+
+// Draws the four bars in their order. Throws BadConfigException at the first one that does not fit;
+// those before it stay drawn.
+void DrawSelector(const WindowState& window, const Yv12Picture& canvas);
+
+// Whether the selection borders of all selected windows lie inside the canvas. overlays has one for
+// each of windows.
+bool SelectionsFit(std::span<const WindowState> windows, std::span<const WindowOverlays> overlays,
+                   const Yv12Picture& canvas);
+
+// The picture of a mosaic is what these passes leave behind, one after the other:
+//
+//   1. the windows in their order, each with its label
+//   2. the borders of the selected windows
+//   3. the meters
+//
+// By the time of the last pass the rows of the first windows have left the processor's caches, and
+// reading them again costs more than drawing on them. So the overlays of a window are drawn
+// together with it wherever that gives the same bytes: where they touch no sample of a picture or
+// label that is drawn later, nor of another window's overlays. That is every window of a mosaic
+// whose windows do not overlap, adjoining ones included, unless a peak marker hangs out of it. The
+// overlays of the others wait for the passes, as all do when a frame cannot be drawn.
+//
+// Owned by what composes the frames; one thread at a time. Allocates nothing while the windows
+// stay where they are and the labels what they are.
+class MosaicDrawer {
+ public:
+  // The canvas is shown at the display aspect. The first window takes the first label, and so on;
+  // windows beyond the last label are not drawn, but their overlays are. overlays has one for each
+  // window. Throws BadConfigException when the border of a selected window does not lie inside the
+  // canvas: the windows are drawn then, the borders up to that one, and no meter.
+  void Draw(Compose& labels, std::span<const WindowState> windows,
+            std::span<const WindowOverlays> overlays, const Yv12Picture& canvas,
+            const qorp::Ratio& displayAspect);
+
+ private:
+  // Samples of the canvas, from even ones on; right and bottom exclusive. Nothing when all are 0.
+  struct Area {
+    std::int64_t left = 0;
+    std::int64_t top = 0;
+    std::int64_t right = 0;
+    std::int64_t bottom = 0;
+
+    // What of a rectangle lies inside the canvas, with all pixels that share its chroma.
+    static Area Of(std::int64_t left, std::int64_t top, std::int64_t right, std::int64_t bottom,
+                   const Yv12Picture& canvas);
+    bool IsEmpty() const { return right == 0; }
+    void Include(const Area& other);
+    bool Meets(const Area& other) const {
+      return left < other.right && other.left < right && top < other.bottom && other.top < bottom;
+    }
+  };
+  // What a window touches.
+  struct Footprint {
+    Area picture;
+    Area label;
+    Area overlays;
+    bool isSeparate = false;  // whether its overlays are drawn together with it
+  };
+
+  static Area OverlayArea(const WindowState& window, const WindowOverlays& overlays,
+                          const Yv12Picture& canvas);
+  void FindSeparateWindows(Compose& labels, std::span<const WindowState> windows,
+                           std::span<const WindowOverlays> overlays, const Yv12Picture& canvas);
+
+  MeterDrawer meters_;
+  std::vector<Footprint> footprints_;  // one for each window of the frame
+};

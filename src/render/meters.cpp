@@ -4,7 +4,6 @@
 #include <cassert>
 #include <cmath>
 
-#include "render/kernels/bar_kernels.h"
 #include "render/kernels/drawing_kernels.h"
 
 namespace {

@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "platform/dshow/media_types.h"
+#include "platform/dshow/media.h"
 #include "util/exceptions.h"
 
 // What happens to a value that leaves the list: nothing more than its destruction with the element.

@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <mutex>
 
-#include "platform/baseclasses/io_pins.h"
-#include "platform/dshow/media_types.h"
+#include "platform/baseclasses/base_pin.h"
+#include "platform/dshow/media.h"
 
 // Where stream times come from. Not a COM interface: the holder of the object owns it.
 class ISyncSource {

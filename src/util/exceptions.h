@@ -6,7 +6,7 @@
 #include <string>
 #include <utility>
 
-#include "platform/com/types.h"
+#include "platform/com/com.h"
 
 // Root of every failure of our own. Thrown by value, caught by reference, thread-neutral.
 class TavrelException : public std::exception {};

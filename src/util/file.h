@@ -70,7 +70,6 @@ class Drive {
   // "Could not create drive".
   explicit Drive(std::string root);
 
-  const std::string& GetRoot() const { return root_; }
   // Bytes.
   std::uint64_t GetTotalSpace() const;
 

@@ -6,7 +6,7 @@
 #include <functional>
 
 #include "platform/baseclasses/base_reference_clock.h"
-#include "platform/com/com_ptr.h"
+#include "platform/com/com.h"
 #include "platform/os/mutex.h"
 #include "platform/os/system_time.h"
 #include "util/exceptions.h"

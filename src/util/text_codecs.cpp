@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <string>
 
-#include "platform/os/utf8.h"
+#include "platform/os/charset.h"
 
 namespace qorp {
 

@@ -74,7 +74,7 @@ git grep -nE '^#(include|if)' -- 'src/*.h' 'src/*.cpp' | awk -v rules="$rules" '
     target = $3
     sub(/^#include "/, "", target)
     sub(/".*/, "", target)
-    if (path ~ /^filter\/(frame_composer|composition)\./ && target == "filter/compose.h") {
+    if (path ~ /^filter\/frame_composer\./ && target == "filter/compose.h") {
       fault("what a frame is composed with does not know the filter")
     }
     if (folder(target) == from) next

@@ -10,9 +10,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "audio/filter_bank.h"
-#include "audio/inner_product.h"
-
 namespace {
 
 using qorp::AudioResampler;

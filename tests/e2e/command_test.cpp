@@ -7,7 +7,7 @@
 
 #include "host/cli/demo/clip_writer.h"
 #include "host/cli/wall_command.h"
-#include "log/logfile_sink.h"
+#include "log/log_file.h"
 #include "tests/e2e/wall_harness.h"
 #include "tests/support/child_process.h"
 

@@ -7,7 +7,7 @@
 #include <sys/resource.h>
 
 #include "platform/baseclasses/class_factory.h"
-#include "platform/os/waitable.h"
+#include "platform/os/thread.h"
 #include "tests/support/allocation_count.h"
 #include "tests/support/composer_fixture.h"
 #include "util/reference_clock.h"

@@ -13,7 +13,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "log/logfile_sink.h"
+#include "log/log_file.h"
 #include "platform/os/error_numbers.h"
 #include "tests/support/temporary_folder.h"
 

@@ -17,8 +17,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "log/log_file.h"
 #include "log/log_file_reader.h"
-#include "log/logfile_sink.h"
 #include "tests/support/temporary_folder.h"
 
 namespace {

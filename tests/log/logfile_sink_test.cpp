@@ -1,5 +1,3 @@
-#include "log/logfile_sink.h"
-
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
@@ -12,6 +10,7 @@
 #include <gtest/gtest.h>
 #include <sys/fsuid.h>
 
+#include "log/log_file.h"
 #include "platform/os/files.h"
 #include "tests/support/temporary_folder.h"
 

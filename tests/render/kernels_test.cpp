@@ -15,7 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "render/kernels/drawing_kernels.h"
-#include "render/overlay.h"
+#include "render/text_renderer.h"
 #include "tests/render/guarded_picture.h"
 
 namespace {

@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include "render/mosaic_drawer.h"
+#include "render/drawing_engine.h"
 #include "tests/render/guarded_picture.h"
 
 namespace {

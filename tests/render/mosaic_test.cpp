@@ -9,8 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include "render/drawing_engine.h"
 #include "render/kernels/drawing_kernels.h"
-#include "render/selector_drawer.h"
 #include "tests/render/guarded_picture.h"
 #include "tests/render/reference_mosaic.h"
 

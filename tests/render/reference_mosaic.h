@@ -8,8 +8,6 @@
 #include <span>
 
 #include "render/drawing_engine.h"
-#include "render/mosaic_drawer.h"
-#include "render/window_state.h"
 
 namespace reference {
 

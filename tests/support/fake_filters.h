@@ -13,7 +13,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/baseclasses/io_pins.h"
+#include "platform/baseclasses/base_pin.h"
 #include "platform/dshow/vfw_errors.h"
 
 namespace fakes {

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "platform/baseclasses/media_sample.h"
-#include "platform/com/com_ptr.h"
+#include "platform/com/com.h"
 
 namespace fakes {
 

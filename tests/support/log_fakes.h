@@ -11,9 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "log/i_log_sink.h"
 #include "log/log_line.h"
-#include "platform/os/waitable.h"
+#include "platform/os/thread.h"
 
 // Any thread reads it; one thread, the logger's worker, waits.
 class ManualLogClock final : public qorp::log::LogClock {

@@ -14,7 +14,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "host/ffmpeg/log.h"
+#include "host/ffmpeg/error.h"
 #include "host/session/composer_filter.h"
 #include "tools/simulation/long_run.h"
 #include "tools/simulation/simulated_wall.h"

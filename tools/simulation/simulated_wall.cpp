@@ -21,7 +21,7 @@ extern "C" {
 #include "host/session/background_source.h"
 #include "host/session/composer_filter.h"
 #include "log/i_log_perf.h"
-#include "platform/com/wide_text.h"
+#include "platform/com/com.h"
 #include "platform/graph/filter_graph.h"
 #include "tools/simulation/simulated_channel.h"
 #include "tools/simulation/watcher.h"

@@ -16,8 +16,8 @@
 #include "host/channel/window_schedule.h"
 #include "host/feed/alarm_record.h"
 #include "host/units.h"
-#include "platform/com/com_ptr.h"
-#include "platform/dshow/samples.h"
+#include "platform/com/com.h"
+#include "platform/dshow/media.h"
 #include "platform/os/mutex.h"
 
 namespace host {

@@ -4,7 +4,7 @@
 #include <filesystem>
 
 #include "host/cli/program.h"
-#include "host/config/wall_reader.h"
+#include "host/config/wall_file.h"
 
 namespace host::cli {
 

@@ -3,7 +3,7 @@
 #include <chrono>
 #include <utility>
 
-#include "platform/os/standard_stream.h"
+#include "platform/os/console.h"
 
 namespace host::cli {
 namespace {

@@ -9,10 +9,10 @@
 
 #include <nlohmann/json.hpp>
 
-#include "host/ffmpeg/log.h"
+#include "host/ffmpeg/error.h"
 #include "host/ffmpeg/mask.h"
-#include "log/circular_log_file.h"
 #include "log/i_log_perf.h"
+#include "log/log_file.h"
 #include "log/log_line.h"
 #include "platform/os/console.h"
 #include "platform/os/error_numbers.h"

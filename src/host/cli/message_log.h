@@ -18,8 +18,8 @@
 #include "host/ffmpeg/mask.h"
 #include "host/output/output.h"
 #include "log/i_log_perf.h"
+#include "log/log_file.h"
 #include "log/log_perf.h"
-#include "log/logfile_sink.h"
 #include "log/sinks.h"
 #include "platform/os/mutex.h"
 

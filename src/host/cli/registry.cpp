@@ -7,7 +7,7 @@
 #include "host/config/wall.h"
 #include "host/feed/feed_pin.h"
 #include "host/session/composer_filter.h"
-#include "platform/com/wide_text.h"
+#include "platform/com/com.h"
 #include "platform/os/process.h"
 #include "platform/os/registry.h"
 

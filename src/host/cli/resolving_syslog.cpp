@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "host/ffmpeg/mask.h"
-#include "platform/os/datagram.h"
+#include "platform/os/sockets.h"
 
 namespace host::cli {
 namespace {

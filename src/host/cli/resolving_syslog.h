@@ -8,7 +8,7 @@
 #include <string>
 
 #include "host/config/wall.h"
-#include "log/i_log_sink.h"
+#include "log/log_line.h"
 #include "log/sinks.h"
 #include "platform/os/mutex.h"
 #include "platform/os/thread.h"

@@ -4,7 +4,7 @@
 
 #include "host/cli/check.h"
 #include "host/cli/wall_command.h"
-#include "host/config/wall_reader.h"
+#include "host/config/wall_file.h"
 
 namespace host::cli {
 namespace {

@@ -24,9 +24,9 @@
 #include "host/output/preview.h"
 #include "host/output/snapshot.h"
 #include "host/session/wall_session.h"
+#include "platform/os/console.h"
 #include "platform/os/process.h"
 #include "platform/os/service.h"
-#include "platform/os/standard_stream.h"
 
 namespace host::cli {
 namespace {

@@ -6,7 +6,7 @@
 #include "host/config/sections.h"
 #include "host/config/url.h"
 #include "host/config/value_text.h"
-#include "host/config/wall_reader.h"
+#include "host/config/wall_file.h"
 
 namespace host::config {
 

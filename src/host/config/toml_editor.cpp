@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "host/config/value_text.h"
-#include "host/config/wall_reader.h"
+#include "host/config/wall_file.h"
 
 namespace host::config {
 namespace {

@@ -1,5 +1,3 @@
-#include "host/config/wall_editor.h"
-
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -11,7 +9,7 @@
 #include "host/config/sections.h"
 #include "host/config/toml_editor.h"
 #include "host/config/url.h"
-#include "host/config/wall_reader.h"
+#include "host/config/wall_file.h"
 
 namespace host::config {
 namespace {

@@ -1,5 +1,3 @@
-#include "host/config/wall_reader.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
@@ -16,6 +14,7 @@
 #include "host/config/sections.h"
 #include "host/config/table_reader.h"
 #include "host/config/url.h"
+#include "host/config/wall_file.h"
 
 namespace host::config {
 

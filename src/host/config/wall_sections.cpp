@@ -1,6 +1,10 @@
-#include <cmath>
+#include <algorithm>
+#include <array>
+#include <filesystem>
 #include <optional>
 #include <string>
+#include <system_error>
+#include <vector>
 
 #include "host/config/sections.h"
 #include "host/config/value_text.h"
@@ -196,59 +200,6 @@ void ReadCanvas(TableReader& reader, const FileContext& context, Wall& wall) {
 
 namespace {
 
-constexpr Time kMaxSegment = 366 * 24 * (3600 * kSecond);
-constexpr std::int64_t kSmallestSegment = 1'000'000;  // bytes
-
-void ReadSegmentSize(TableReader& reader, std::int64_t& size) {
-  constexpr const char* kKey = "segment_size";
-  const toml::node* const node = reader.Find(kKey);
-  if (node == nullptr) {
-    return;
-  }
-  const auto given = node->is_integer()  ? node->value<std::int64_t>()
-                     : node->is_string() ? ParseFileSize(*node->value<std::string>())
-                                         : std::nullopt;
-  if (!given || *given < kSmallestSegment) {
-    reader.Error(kKey, "must be bytes, 1 MB at least: 2000000000, \"500 MB\" or \"2 GB\"");
-    return;
-  }
-  size = *given;
-}
-
-}  // namespace
-
-Output ReadOutput(TableReader& reader, const FileContext& context) {
-  Output output;
-  if (const auto url = reader.FilledText("url")) {
-    output.url = ResolveSource(*url, context);
-  } else if (reader.Find("url") == nullptr && context.complete) {
-    reader.diagnostics().Error(reader.position(),
-                               reader.title() + " has no \"url\": a file or a URL");
-  }
-  output.format = reader.FilledText("format").value_or("");
-  output.codec = reader.FilledText("codec").value_or(output.codec);
-  output.preset = reader.FilledText("preset").value_or(output.preset);
-  output.bitRate = ReadBitRate(reader).value_or(output.bitRate);
-  output.quality = reader.Number("quality", 0, 51);
-  if (output.quality && output.bitRate > 0) {
-    reader.Error("quality", "cannot be given together with \"bitrate\"");
-  }
-  output.keyFrameInterval =
-      reader.Duration("keyframe_interval", 0, 600 * kSecond).value_or(output.keyFrameInterval);
-  output.lowDelay = reader.Boolean("low_delay").value_or(output.lowDelay);
-  output.audio = reader.Boolean("audio").value_or(output.audio);
-  output.audioWait = reader.Duration("audio_wait", 0, 60 * kSecond).value_or(output.audioWait);
-  output.segment = reader.Duration("segment", kSecond, kMaxSegment).value_or(output.segment);
-  ReadSegmentSize(reader, output.segmentSize);
-  output.overwrite = reader.Boolean("overwrite").value_or(output.overwrite);
-  output.options = reader.Options("options").value_or(output.options);
-  output.places = reader.AllPlaces();
-  reader.Finish();
-  return output;
-}
-
-namespace {
-
 std::optional<std::int32_t> ReadSize(TableReader& reader, const char* key) {
   const toml::node* const node = reader.Find(key);
   if (node == nullptr) {
@@ -294,6 +245,97 @@ void ReadLog(TableReader& reader, const FileContext& context, LogOptions& log) {
   }
   log.places = reader.AllPlaces();
   reader.Finish();
+}
+
+namespace {
+
+std::optional<Window> WindowOf(const toml::node& node, const Canvas& canvas,
+                               Diagnostics& diagnostics) {
+  const toml::array* const array = node.as_array();
+  if (array == nullptr || array->size() != 4 || !array->is_homogeneous<std::int64_t>()) {
+    diagnostics.Error(PositionOf(node),
+                      "a window must be four whole numbers: [x, y, width, height]");
+    return {};
+  }
+  std::array<std::int64_t, 4> numbers{};
+  for (std::size_t i = 0; i < numbers.size(); ++i) {
+    numbers[i] = array->get(i)->value<std::int64_t>().value_or(0);
+    if (numbers[i] < 0 || numbers[i] > kLargestCanvas || numbers[i] % 2 != 0) {
+      diagnostics.Error(PositionOf(*array->get(i)),
+                        "must be an even number from 0 to " + std::to_string(kLargestCanvas));
+      return {};
+    }
+  }
+  const Window window{static_cast<int>(numbers[0]), static_cast<int>(numbers[1]),
+                      static_cast<int>(numbers[2]), static_cast<int>(numbers[3])};
+  if (window.width < kSmallestCanvas || window.height < kSmallestCanvas ||
+      !CanBeSelected(window, canvas)) {
+    diagnostics.Error(PositionOf(node),
+                      "a window of a layout has 16x16 pixels at least and lies inside the canvas, "
+                      "one pixel away from its right and bottom edges");
+    return {};
+  }
+  return window;
+}
+
+Layout ReadLayout(TableReader& reader, const std::string& name, const Canvas& canvas) {
+  Layout layout;
+  layout.name = name;
+  const toml::node* const windows = reader.Find("windows");
+  const toml::array* const places = windows != nullptr ? windows->as_array() : nullptr;
+  if (places == nullptr || places->empty() || places->size() > kMaxChannels) {
+    reader.diagnostics().Error(windows != nullptr ? PositionOf(*windows) : reader.position(),
+                               reader.title() + " needs \"windows\": 1 to " +
+                                   std::to_string(kMaxChannels) +
+                                   " places, each [x, y, width, height]");
+  } else {
+    for (const toml::node& node : *places) {
+      if (const auto window = WindowOf(node, canvas, reader.diagnostics())) {
+        layout.places.push_back({*window, {}});
+      }
+    }
+  }
+  if (const toml::node* const channels = reader.Find("channels")) {
+    const toml::array* const names = channels->as_array();
+    if (names == nullptr || !names->is_homogeneous<std::string>() ||
+        names->size() > layout.places.size()) {
+      reader.Error("channels",
+                   "must be names of channels, at most one for each window; \"\" for the next one "
+                   "in order");
+    } else {
+      for (std::size_t i = 0; i < names->size(); ++i) {
+        layout.places[i].channel = names->get(i)->value<std::string>().value_or("");
+      }
+    }
+  }
+  reader.Finish();
+  return layout;
+}
+
+}  // namespace
+
+std::vector<Layout> ReadLayouts(TableReader& root, const Canvas& canvas) {
+  std::vector<Layout> layouts;
+  const toml::table* const table = root.Table("layout");
+  if (table == nullptr) {
+    return layouts;
+  }
+  for (const auto& [key, node] : *table) {
+    const std::string name(key.str());
+    const Position position{key.source().begin.line, key.source().begin.column};
+    const toml::table* const layout = node.as_table();
+    if (layout == nullptr || !IsLayoutName(name) || IsReservedLayout(name)) {
+      root.diagnostics().Error(
+          position, layout == nullptr ? "a layout is a section [layout.NAME]"
+                    : IsReservedLayout(name)
+                        ? "\"" + name + "\" is the name of a layout that every wall has"
+                        : "a layout's name has up to 64 letters, digits, blanks, _ - + or .");
+      continue;
+    }
+    TableReader reader(*layout, "[layout." + name + "]", root.diagnostics());
+    layouts.push_back(ReadLayout(reader, name, canvas));
+  }
+  return layouts;
 }
 
 }  // namespace host::config

@@ -11,7 +11,7 @@
 #include "host/config/diagnostics.h"
 #include "host/config/layout.h"
 #include "host/config/value_text.h"
-#include "host/config/wall_reader.h"
+#include "host/config/wall_file.h"
 #include "host/session/wall_check.h"
 #include "util/time_text.h"
 

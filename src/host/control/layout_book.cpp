@@ -5,7 +5,7 @@
 #include <sstream>
 #include <system_error>
 
-#include "host/config/wall_reader.h"
+#include "host/config/wall_file.h"
 #include "host/control/command.h"
 #include "platform/os/error_numbers.h"
 #include "platform/os/files.h"

@@ -5,7 +5,7 @@
 #include <exception>
 #include <utility>
 
-#include "host/config/wall_reader.h"
+#include "host/config/wall_file.h"
 #include "host/control/layout_book.h"
 #include "host/control/reload.h"
 #include "host/control/wall_file_writer.h"

@@ -19,7 +19,7 @@
 #include "host/control/event_feed.h"
 #include "host/control/wall_state.h"
 #include "platform/os/mutex.h"
-#include "platform/os/waitable.h"
+#include "platform/os/thread.h"
 
 namespace host::control {
 

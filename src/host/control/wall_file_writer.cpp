@@ -7,8 +7,7 @@
 #include <string>
 #include <utility>
 
-#include "host/config/wall_editor.h"
-#include "host/config/wall_reader.h"
+#include "host/config/wall_file.h"
 #include "host/control/command.h"
 #include "platform/os/error_numbers.h"
 #include "platform/os/files.h"

@@ -2,12 +2,13 @@
 #pragma once
 
 #include <atomic>
+#include <memory>
 #include <utility>
 
 #include "host/units.h"
 #include "platform/baseclasses/unknown_base.h"
-#include "platform/com/com_ptr.h"
-#include "platform/dshow/samples.h"
+#include "platform/com/com.h"
+#include "platform/dshow/media.h"
 
 namespace host {
 
@@ -25,15 +26,27 @@ class AnchorSample final : public CUnknown, public IMediaSample {
   DECLARE_IUNKNOWN
 
   // start: the timestamp at first. Null when there is no memory for it.
-  static ComPtr<AnchorSample> Create(ComPtr<IMediaSample> frame, Time start);
+  static ComPtr<AnchorSample> Create(ComPtr<IMediaSample> frame, Time start) {
+    return ComPtr<AnchorSample>(std::make_unique<AnchorSample>(std::move(frame), start).release());
+  }
   AnchorSample(ComPtr<IMediaSample> frame, Time start)
       : CUnknown("anchor sample", nullptr), frame_(std::move(frame)), start_(start) {}
 
   void MoveTo(Time start) { start_ = start; }
 
-  HRESULT NonDelegatingQueryInterface(REFIID iid, void** object) override;
+  HRESULT NonDelegatingQueryInterface(REFIID iid, void** object) override {
+    return iid == IID_IMediaSample ? GetInterface(static_cast<IMediaSample*>(this), object)
+                                   : CUnknown::NonDelegatingQueryInterface(iid, object);
+  }
 
-  HRESULT GetTime(REFERENCE_TIME* start, REFERENCE_TIME* stop) override;
+  HRESULT GetTime(REFERENCE_TIME* start, REFERENCE_TIME* stop) override {
+    if (start == nullptr || stop == nullptr) {
+      return E_POINTER;
+    }
+    *start = start_;
+    *stop = *start + 1;
+    return S_OK;
+  }
   HRESULT SetTime(REFERENCE_TIME* /*start*/, REFERENCE_TIME* /*stop*/) override {
     return E_NOTIMPL;
   }

@@ -14,8 +14,8 @@
 #include "host/output/video_encoder.h"
 #include "host/units.h"
 #include "log/i_log_perf.h"
-#include "platform/com/com_ptr.h"
-#include "platform/dshow/samples.h"
+#include "platform/com/com.h"
+#include "platform/dshow/media.h"
 #include "platform/os/thread.h"
 #include "util/bounded_queue.h"
 

@@ -8,8 +8,8 @@
 #include <utility>
 
 #include "host/config/wall.h"
-#include "platform/com/com_ptr.h"
-#include "platform/dshow/samples.h"
+#include "platform/com/com.h"
+#include "platform/dshow/media.h"
 #include "platform/os/mutex.h"
 
 namespace host {

@@ -6,7 +6,7 @@
 
 #include "host/config/url.h"
 #include "platform/os/mutex.h"
-#include "platform/os/waitable.h"
+#include "platform/os/thread.h"
 
 namespace host {
 

@@ -16,8 +16,8 @@
 #include "host/output/fragment_writer.h"
 #include "host/output/video_encoder.h"
 #include "host/units.h"
-#include "platform/com/com_ptr.h"
-#include "platform/dshow/samples.h"
+#include "platform/com/com.h"
+#include "platform/dshow/media.h"
 #include "platform/os/mutex.h"
 #include "platform/os/thread.h"
 

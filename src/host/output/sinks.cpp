@@ -10,7 +10,7 @@ extern "C" {
 
 #include "host/feed/audio_format.h"
 #include "host/ffmpeg/time_unit.h"
-#include "platform/com/wide_text.h"
+#include "platform/com/com.h"
 
 namespace host {
 namespace {

@@ -9,7 +9,7 @@
 #include "host/ffmpeg/handles.h"
 #include "host/units.h"
 #include "platform/baseclasses/base_filter.h"
-#include "platform/baseclasses/io_pins.h"
+#include "platform/baseclasses/base_pin.h"
 
 namespace host {
 

@@ -9,7 +9,7 @@ extern "C" {
 #include <libavutil/error.h>
 }
 
-#include "platform/os/waitable.h"
+#include "platform/os/thread.h"
 
 namespace host {
 namespace {

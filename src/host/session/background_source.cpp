@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "host/feed/feed_pin.h"
-#include "platform/baseclasses/allocator.h"
+#include "platform/baseclasses/media_sample.h"
 
 namespace host {
 namespace {

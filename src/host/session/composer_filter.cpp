@@ -6,7 +6,6 @@
 #include <memory>
 
 #include "host/feed/feed_pin.h"
-#include "platform/os/installed.h"
 #include "platform/os/process.h"
 
 namespace host {

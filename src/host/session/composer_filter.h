@@ -9,7 +9,7 @@
 #include "host/channel/window_schedule.h"
 #include "host/units.h"
 #include "platform/baseclasses/unknown_base.h"
-#include "platform/com/com_ptr.h"
+#include "platform/com/com.h"
 #include "platform/graph/filter_registry.h"
 #include "platform/os/mutex.h"
 

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "host/config/wall.h"
-#include "host/config/wall_reader.h"
+#include "host/config/wall_file.h"
 
 namespace host {
 

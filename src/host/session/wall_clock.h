@@ -8,9 +8,9 @@
 #include <string>
 
 #include "host/units.h"
-#include "platform/com/com_ptr.h"
+#include "platform/com/com.h"
 #include "platform/os/mutex.h"
-#include "platform/os/waitable.h"
+#include "platform/os/thread.h"
 #include "util/reference_clock.h"
 
 namespace host {

@@ -11,7 +11,7 @@ extern "C" {
 #include "host/session/background_picture.h"
 #include "host/session/wall_outputs.h"
 #include "pins/streams.h"
-#include "platform/com/wide_text.h"
+#include "platform/com/com.h"
 #include "platform/os/thread.h"
 #include "util/text_codecs.h"
 

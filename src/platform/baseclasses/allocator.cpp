@@ -1,10 +1,9 @@
-#include "platform/baseclasses/allocator.h"
-
 #include <algorithm>
 #include <bit>
 #include <cstdlib>
 #include <limits>
 
+#include "platform/baseclasses/media_sample.h"
 #include "platform/baseclasses/unknown_base.h"
 #include "platform/dshow/vfw_errors.h"
 

@@ -7,7 +7,7 @@
 #include "platform/baseclasses/class_factory.h"
 #include "platform/baseclasses/enumerators.h"
 #include "platform/baseclasses/unknown_base.h"
-#include "platform/dshow/media_types.h"
+#include "platform/dshow/media.h"
 #include "platform/dshow/vfw_errors.h"
 
 CBaseFilter::CBaseFilter(const char* name, IUnknown* outer, CCritSec* lock, REFCLSID clsid)

@@ -6,7 +6,7 @@
 
 #include "platform/baseclasses/class_factory.h"
 #include "platform/baseclasses/unknown_base.h"
-#include "platform/com/com_ptr.h"
+#include "platform/com/com.h"
 #include "platform/dshow/filters.h"
 #include "platform/os/mutex.h"
 

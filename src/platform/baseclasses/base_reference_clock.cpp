@@ -3,8 +3,8 @@
 #include <algorithm>
 
 #include "platform/baseclasses/unknown_base.h"
-#include "platform/dshow/media_types.h"
-#include "platform/os/waitable.h"
+#include "platform/dshow/media.h"
+#include "platform/os/thread.h"
 
 DWORD_PTR AdviseList::AddOnce(REFERENCE_TIME time, HEVENT event) {
   const os::MutexLock guard(lock_);

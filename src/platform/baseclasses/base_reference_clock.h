@@ -11,7 +11,6 @@
 #include "platform/dshow/filters.h"
 #include "platform/os/mutex.h"
 #include "platform/os/thread.h"
-#include "platform/os/waitable.h"
 
 // Any thread may add and remove; the clock's thread signals what is due. Once Remove has returned,
 // the event or semaphore is not touched any more: the lock is held while it is signalled, which

@@ -7,8 +7,7 @@
 #include <system_error>
 
 #include "platform/baseclasses/unknown_base.h"
-#include "platform/com/com_ptr.h"
-#include "platform/com/wide_text.h"
+#include "platform/com/com.h"
 #include "platform/os/error_numbers.h"
 #include "platform/os/process.h"
 #include "platform/os/registry.h"

@@ -2,8 +2,7 @@
 // entries in the registry.
 #pragma once
 
-#include "platform/com/com_ptr.h"
-#include "platform/com/types.h"
+#include "platform/com/com.h"
 
 inline constexpr DWORD MERIT_DO_NOT_USE = 0x200000;
 

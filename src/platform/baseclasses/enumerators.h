@@ -1,8 +1,15 @@
-// CEnumPins and CEnumMediaTypes: what a filter's and a pin's enumerations hand out.
+// CEnumPins, CEnumMediaTypes and FilterEnumerator: what the enumerations of a filter, of a pin and
+// of a graph hand out.
 #pragma once
+
+#include <cstddef>
+#include <vector>
 
 #include "platform/baseclasses/base_filter.h"
 #include "platform/baseclasses/base_pin.h"
+#include "platform/baseclasses/unknown_base.h"
+#include "platform/com/com.h"
+#include "platform/dshow/filters.h"
 
 // Walks the pins of a filter by position. Out of date (VFW_E_ENUM_OUT_OF_SYNC) once the filter's
 // pin version has changed; Reset starts again with the present pins. A position whose pin is
@@ -52,4 +59,29 @@ class CEnumMediaTypes final : public CUnknown, public IEnumMediaTypes {
   CBasePin* pin_;
   int position_ = 0;
   LONG version_ = 0;
+};
+
+// Keeps a reference to each filter of the snapshot. References may be counted on any thread; the
+// walk belongs to one.
+class FilterEnumerator final : public CUnknown, public IEnumFilters {
+ public:
+  DECLARE_IUNKNOWN
+
+  using Filters = std::vector<ComPtr<IBaseFilter>>;
+
+  // A new enumerator with one reference that stands before the filter at `position`.
+  static ComPtr<IEnumFilters> Create(Filters filters, std::size_t position = 0);
+  FilterEnumerator(Filters filters, std::size_t position);
+
+  HRESULT NonDelegatingQueryInterface(REFIID iid, void** object) override;
+
+  // S_FALSE when fewer than that many were left. fetched may be null.
+  HRESULT Next(ULONG count, IBaseFilter** filters, ULONG* fetched) override;
+  HRESULT Skip(ULONG count) override;
+  HRESULT Reset() override;
+  HRESULT Clone(IEnumFilters** copy) override;
+
+ private:
+  const Filters filters_;
+  std::size_t position_;
 };

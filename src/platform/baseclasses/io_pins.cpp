@@ -1,5 +1,4 @@
-#include "platform/baseclasses/io_pins.h"
-
+#include "platform/baseclasses/base_pin.h"
 #include "platform/baseclasses/unknown_base.h"
 #include "platform/dshow/vfw_errors.h"
 

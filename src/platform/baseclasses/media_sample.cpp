@@ -3,8 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "platform/baseclasses/allocator.h"
-#include "platform/dshow/media_types.h"
+#include "platform/dshow/media.h"
 #include "platform/dshow/vfw_errors.h"
 
 CMediaSample::CMediaSample(const char* /*name*/, CBaseAllocator* allocator, HRESULT* /*hr*/,

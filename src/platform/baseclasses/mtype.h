@@ -1,9 +1,8 @@
 // CMediaType and the functions on plain media types.
 #pragma once
 
-#include "platform/com/types.h"
-#include "platform/dshow/media_types.h"
-#include "platform/dshow/samples.h"
+#include "platform/com/com.h"
+#include "platform/dshow/media.h"
 
 // Deep copy into *target, whose former contents are not freed. E_OUTOFMEMORY leaves it without a
 // format block.
@@ -64,7 +63,6 @@ class CMediaType : public AM_MEDIA_TYPE {
   void SetVariableSize() { bFixedSizeSamples = FALSE; }
 
   BYTE* Format() const { return pbFormat; }
-  ULONG FormatLength() const { return cbFormat; }
   bool SetFormat(const BYTE* format, ULONG length);
   // A format block of length bytes with undefined contents; null (and the old block kept) when the
   // memory is exhausted.

@@ -7,8 +7,7 @@
 #include <system_error>
 #include <utility>
 
-#include "platform/com/com_ptr.h"
-#include "platform/com/types.h"
+#include "platform/com/com.h"
 #include "platform/os/error_numbers.h"
 #include "platform/os/mutex.h"
 

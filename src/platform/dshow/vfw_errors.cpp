@@ -4,7 +4,7 @@
 #include <array>
 #include <string_view>
 
-#include "platform/com/types.h"
+#include "platform/com/com.h"
 
 namespace {
 

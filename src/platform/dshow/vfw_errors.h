@@ -1,7 +1,7 @@
 // Result codes of DirectShow, and texts for result codes.
 #pragma once
 
-#include "platform/com/types.h"
+#include "platform/com/com.h"
 
 inline constexpr HRESULT VFW_S_NO_MORE_ITEMS = 0x00040103;
 inline constexpr HRESULT VFW_S_DUPLICATE_NAME = 0x0004022D;

@@ -5,11 +5,11 @@
 #include <memory>
 #include <set>
 
+#include "platform/baseclasses/enumerators.h"
 #include "platform/baseclasses/unknown_base.h"
-#include "platform/dshow/media_types.h"
-#include "platform/dshow/pins.h"
+#include "platform/dshow/filters.h"
+#include "platform/dshow/media.h"
 #include "platform/dshow/vfw_errors.h"
-#include "platform/graph/filter_enumerator.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "platform/baseclasses/unknown_base.h"
-#include "platform/com/com_ptr.h"
+#include "platform/com/com.h"
 #include "platform/dshow/filters.h"
 #include "platform/os/mutex.h"
 

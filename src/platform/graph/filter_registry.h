@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/com/com_ptr.h"
+#include "platform/com/com.h"
 #include "platform/dshow/filters.h"
 #include "platform/os/process.h"
 

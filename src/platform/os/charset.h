@@ -1,6 +1,7 @@
-// Text of other character sets.
+// UTF-8, from text of other character sets and from code points.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -10,5 +11,30 @@ namespace os {
 // The bytes, in the character set of that name ("ISO-8859-5", "UCS-2BE"), as UTF-8. None when the
 // system does not know it, or the bytes are no text of it. Any thread.
 std::optional<std::string> ToUtf8(std::string_view bytes, const std::string& charset);
+
+// Appends the bytes of a code point, in UTF-8. A value that is none gets the bytes that the
+// arithmetic gives.
+template <typename Bytes>
+void AppendUtf8(std::uint32_t codePoint, Bytes& bytes) {
+  const auto append = [&bytes](std::uint32_t byte) {
+    bytes.push_back(static_cast<typename Bytes::value_type>(byte & 0xFF));
+  };
+  const auto continuation = [&](unsigned shift) { append(0x80 | ((codePoint >> shift) & 0x3F)); };
+  if (codePoint < 0x80) {
+    append(codePoint);
+  } else if (codePoint < 0x800) {
+    append(0xC0 | (codePoint >> 6));
+    continuation(0);
+  } else if (codePoint < 0x10000) {
+    append(0xE0 | (codePoint >> 12));
+    continuation(6);
+    continuation(0);
+  } else {
+    append(0xF0 | (codePoint >> 18));
+    continuation(12);
+    continuation(6);
+    continuation(0);
+  }
+}
 
 }  // namespace os

@@ -1,10 +1,12 @@
-// The process: its program and libraries, what it and its machine use, and how its heap keeps what
-// was freed.
+// The process: its program and libraries, where the installed parts of the program are, what it and
+// its machine use, and how its heap keeps what was freed.
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace os {
 
@@ -65,5 +67,16 @@ class Module {
   void* handle_;
   std::string path_;
 };
+
+// Installed parts are found from where the program runs, so that a tree that is installed may be
+// moved as a whole.
+
+// Folders of installed data, in the order in which they are to be searched: as the running program
+// and the library that holds this code are installed, as was configured when they were built, and
+// those of all users (XDG_DATA_DIRS). Absolute; they may not exist, and may be the same.
+std::vector<std::filesystem::path> DataFolders();
+
+// Where the program's filter libraries are installed; empty when it is not known where it runs.
+std::filesystem::path LibraryFolder();
 
 }  // namespace os

@@ -9,7 +9,7 @@
 #include <unistd.h>
 
 #include "platform/os/descriptor_posix.h"
-#include "platform/os/installed.h"
+#include "platform/os/process.h"
 #include "platform/os/registry.h"
 
 namespace os {

@@ -9,7 +9,6 @@
 
 #include <pango/pangofc-fontmap.h>
 
-#include "platform/os/installed.h"
 #include "platform/os/process.h"
 
 namespace os {

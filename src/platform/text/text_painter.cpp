@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "platform/os/utf8.h"
+#include "platform/os/charset.h"
 #include "platform/text/composite.h"
 #include "platform/text/font_library.h"
 

@@ -1,10 +1,8 @@
-#include "render/kernels/bar_kernels.h"
-
 #include <algorithm>
 #include <array>
 #include <cstring>
 
-#include "render/kernels/inlining.h"
+#include "render/kernels/drawing_kernels.h"
 #include "render/kernels/samples.h"
 
 namespace kernels {

@@ -5,7 +5,7 @@
 #include <bit>
 #include <cstring>
 
-#include "render/kernels/inlining.h"
+#include "render/kernels/samples.h"
 
 namespace kernels {
 

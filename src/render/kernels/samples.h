@@ -1,4 +1,5 @@
-// The arithmetic of one sample, shared by the kernels and by what draws with them.
+// The arithmetic of one sample, shared by the kernels and by what draws with them, and how kernels
+// are compiled.
 #pragma once
 
 #include <cstdint>
@@ -28,6 +29,11 @@ constexpr Ycbcr88 RgbToYcbcr601(std::int32_t c0, std::int32_t c1, std::int32_t c
       static_cast<std::int32_t>((-2483028 * b - 4882170 * g + 7365198 * r + 32768) >> 16) + 32768,
       static_cast<std::int32_t>((7365198 * b - 6174015 * g - 1191182 * r + 32768) >> 16) + 32768};
 }
+
+// Kernels are compiled for several instruction sets.
+// Into every caller: what several versions share takes the instruction set of each.
+#define TAVREL_INLINE inline __attribute__((always_inline))
+#define TAVREL_AVX2 __attribute__((target("avx2")))
 
 // Asks for the samples of a row that is about to be written.
 inline void PrefetchRow(const std::uint8_t* row, std::int64_t bytes) {

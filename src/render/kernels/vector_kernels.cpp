@@ -11,8 +11,8 @@
 #include <cstring>
 
 #include "render/kernels/drawing_kernels.h"
-#include "render/kernels/inlining.h"
 #include "render/kernels/overlay_kernels.h"
+#include "render/kernels/samples.h"
 
 #if defined(__x86_64__)
 #include <immintrin.h>

@@ -16,7 +16,7 @@
 #include "host/cli/probe.h"
 #include "host/cli/run.h"
 #include "host/cli/show_log.h"
-#include "log/logfile_sink.h"
+#include "log/log_file.h"
 #include "tests/host/clips.h"
 #include "tests/support/recording_logger.h"
 #include "tests/support/temporary_folder.h"

@@ -7,7 +7,7 @@
 
 #include "host/config/layout.h"
 #include "host/config/value_text.h"
-#include "host/config/wall_reader.h"
+#include "host/config/wall_file.h"
 #include "tests/support/temporary_folder.h"
 
 namespace host::config {

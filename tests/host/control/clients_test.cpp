@@ -12,7 +12,7 @@
 
 #include "host/cli/control_links.h"
 #include "host/cli/ctl.h"
-#include "host/config/wall_reader.h"
+#include "host/config/wall_file.h"
 #include "host/control/socket_server.h"
 #include "host/control/tally/tally_message.h"
 #include "host/control/tally/tally_receiver.h"

@@ -15,7 +15,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "host/config/wall_reader.h"
+#include "host/config/wall_file.h"
 #include "host/control/http/http_server.h"
 #include "tests/support/temporary_folder.h"
 

@@ -10,7 +10,7 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
-#include "host/ffmpeg/log.h"
+#include "host/ffmpeg/error.h"
 
 namespace host::ffmpeg {
 namespace {

@@ -12,7 +12,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "host/config/wall_reader.h"
+#include "host/config/wall_file.h"
 #include "host/control/screen_commands.h"
 #include "host/output/screen/audio_sync.h"
 #include "host/output/screen/screen_output.h"

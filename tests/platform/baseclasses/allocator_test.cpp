@@ -1,10 +1,9 @@
-#include "platform/baseclasses/allocator.h"
-
 #include <future>
 #include <thread>
 
 #include <gtest/gtest.h>
 
+#include "platform/baseclasses/media_sample.h"
 #include "platform/dshow/vfw_errors.h"
 
 namespace {

@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 
 #include "platform/baseclasses/base_reference_clock.h"
-#include "platform/com/com_ptr.h"
-#include "platform/os/waitable.h"
+#include "platform/com/com.h"
+#include "platform/os/thread.h"
 
 namespace {
 

@@ -15,10 +15,9 @@
 #include <unistd.h>
 
 #include "platform/os/console.h"
-#include "platform/os/datagram.h"
 #include "platform/os/files.h"
 #include "platform/os/process.h"
-#include "platform/os/standard_stream.h"
+#include "platform/os/sockets.h"
 #include "tests/support/datagram_receiver.h"
 #include "tests/support/temporary_folder.h"
 

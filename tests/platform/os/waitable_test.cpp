@@ -1,5 +1,3 @@
-#include "platform/os/waitable.h"
-
 #include <array>
 #include <atomic>
 #include <functional>

@@ -14,7 +14,6 @@
 #include "host/channel/source/shared_receiver.h"
 #include "host/channel/source/source_address.h"
 #include "host/config/wall.h"
-#include "host/ffmpeg/fragmented_input.h"
 #include "host/ffmpeg/handles.h"
 #include "host/ffmpeg/inputs.h"
 #include "host/ffmpeg/io_deadline.h"

@@ -14,12 +14,11 @@
 #include "host/output/output.h"
 #include "host/output/screen/screen_input.h"
 #include "host/units.h"
-#include "platform/com/com_ptr.h"
-#include "platform/dshow/samples.h"
+#include "platform/com/com.h"
+#include "platform/dshow/media.h"
 #include "platform/os/companion_process.h"
 #include "platform/os/mutex.h"
 #include "platform/os/thread.h"
-#include "platform/os/waitable.h"
 
 namespace host {
 
