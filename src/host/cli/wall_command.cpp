@@ -19,7 +19,6 @@
 #include "host/cli/wall_metrics.h"
 #include "host/cli/wall_status.h"
 #include "host/control/session_executor.h"
-#include "host/output/latest_frame.h"
 #include "host/output/listening.h"
 #include "host/output/preview.h"
 #include "host/output/snapshot.h"

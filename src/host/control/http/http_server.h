@@ -13,7 +13,7 @@
 #include "host/control/http/monitoring.h"
 #include "host/control/http/snapshots.h"
 #include "host/control/wall_control.h"
-#include "host/output/fragment_feed.h"
+#include "host/output/fragments.h"
 
 namespace host::control::http {
 
