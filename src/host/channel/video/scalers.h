@@ -1,13 +1,17 @@
-// BoxScaler: frames at half or a quarter of their size.
+// Frames in another size: at exactly half or a quarter (BoxScaler), and those of a window that has
+// changed its size (FrameScaler).
 #pragma once
 
+#include <cstdint>
 #include <optional>
+#include <span>
 
 extern "C" {
 #include <libavutil/pixfmt.h>
 }
 
 #include "host/channel/video/colour.h"
+#include "host/ffmpeg/handles.h"
 
 struct AVFrame;
 
@@ -30,6 +34,23 @@ class BoxScaler {
 
   int width_;
   int height_;
+};
+
+// For the frames of a channel that were made before its window changed its size. Packed YV12, sizes
+// in pixels, even. One thread.
+class FrameScaler {
+ public:
+  // The whole frame, stretched: both windows have fitted the source into themselves. Throws
+  // ffmpeg::Error.
+  void Scale(std::span<const std::uint8_t> from, int width, int height, std::span<std::uint8_t> to,
+             int toWidth, int toHeight);
+
+ private:
+  ffmpeg::Scaler scaler_;
+  int width_ = 0;
+  int height_ = 0;
+  int toWidth_ = 0;
+  int toHeight_ = 0;
 };
 
 }  // namespace host

@@ -1,10 +1,13 @@
-#include "host/channel/video/frame_scaler.h"
+#include "host/channel/video/scalers.h"
 
 #include <array>
 #include <cstddef>
 #include <stdexcept>
 
+#include <libyuv/scale.h>
+
 extern "C" {
+#include <libavutil/frame.h>
 #include <libavutil/pixfmt.h>
 #include <libswscale/swscale.h>
 }
@@ -12,6 +15,7 @@ extern "C" {
 #include "host/ffmpeg/error.h"
 
 namespace host {
+
 namespace {
 
 template <typename Byte>
@@ -25,6 +29,27 @@ std::array<Byte*, 3> PlanesOf(std::span<Byte> frame, int width, int height) {
 }
 
 }  // namespace
+
+std::optional<BoxScaler> BoxScaler::For(AVPixelFormat format, int width, int height, int toWidth,
+                                        int toHeight) {
+  // At other reductions the library does not round, which darkens.
+  const auto isBy = [&](int factor) {
+    return width == factor * toWidth && height == factor * toHeight;
+  };
+  const bool isExact = format == AV_PIX_FMT_YUV420P && (isBy(2) || isBy(4));
+  return isExact ? std::optional(BoxScaler(toWidth, toHeight)) : std::nullopt;
+}
+
+void BoxScaler::Scale(const AVFrame& frame, Plane y, Plane u, Plane v) const {
+  const auto scale = [&](int plane, Plane to, int subsampling) {
+    libyuv::ScalePlane(frame.data[plane], frame.linesize[plane], frame.width / subsampling,
+                       frame.height / subsampling, to.data, static_cast<int>(to.stride),
+                       width_ / subsampling, height_ / subsampling, libyuv::kFilterBox);
+  };
+  scale(0, y, 1);
+  scale(1, u, 2);
+  scale(2, v, 2);
+}
 
 void FrameScaler::Scale(std::span<const std::uint8_t> from, int width, int height,
                         std::span<std::uint8_t> to, int toWidth, int toHeight) {
