@@ -10,7 +10,6 @@
 #include "host/ffmpeg/outputs.h"
 #include "host/output/container.h"
 #include "host/session/wall_check.h"
-#include "host/session/wall_files.h"
 #include "platform/os/thread.h"
 
 namespace host::cli {

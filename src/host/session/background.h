@@ -1,23 +1,45 @@
-// BackgroundSource: the wall's background and clock as a source filter; FrameWatch: whether a frame
-// has left the composer.
+// What stands behind the windows, and the wall's clock in the graph: the picture (MakeBackground),
+// the source filter that sends it for every frame (BackgroundSource), and whether a frame has left
+// the composer (FrameWatch).
 #pragma once
 
 #include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <vector>
 
+#include "host/config/wall.h"
 #include "host/feed/feed_pin.h"
 #include "host/units.h"
+#include "log/i_log_perf.h"
 #include "platform/baseclasses/base_filter.h"
 #include "platform/os/mutex.h"
 #include "platform/os/thread.h"
 
 namespace host {
+
+// Whatever the wall's file asks for, as a packed YV12 picture of the canvas's size. Throws
+// MediaError or ffmpeg::Error when a picture file cannot be used.
+std::vector<std::uint8_t> MakeBackground(const config::Canvas& canvas);
+// The same within a limited time. A live wall does without a picture whose mount is dead, and says
+// so; a rendered one throws MediaError. logger may be null.
+std::vector<std::uint8_t> LoadBackground(const config::Canvas& canvas, bool live,
+                                         qorp::log::ILogPerf* logger);
+
+// Packed YV12 pictures in BT.601 studio range, width and height even.
+std::vector<std::uint8_t> ColourBackground(int width, int height, config::Rgb colour);
+// From top at the first row to bottom at the last one.
+std::vector<std::uint8_t> GradientBackground(int width, int height, config::Rgb top,
+                                             config::Rgb bottom);
+// A picture file, scaled over the whole canvas with its aspect kept, cut at the edges; of a moving
+// one the first frame. Throws MediaError.
+std::vector<std::uint8_t> FileBackground(int width, int height, Ratio pixelAspect,
+                                         const std::filesystem::path& file);
 
 // A frame is dealt with when it has come out of the composer, or when its buffer has come back
 // because the frame was dropped. One frame is watched at a time. The driver expects and waits; the
