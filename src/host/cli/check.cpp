@@ -10,7 +10,7 @@
 
 #include "host/config/value_text.h"
 #include "host/control/command.h"
-#include "host/control/layout_book.h"
+#include "host/control/wall_file.h"
 #include "host/control/wall_state.h"
 #include "host/session/wall_check.h"
 

@@ -248,7 +248,7 @@ WallWatch::Running::~Running() {
   watch_.session_ = nullptr;
 }
 
-control::http::Monitoring WallWatch::Monitoring() const {
+control::Monitoring WallWatch::Monitoring() const {
   return {[this](MetricsText& text) { WriteMetrics(Figures(), text); },
           [this] { return WhyNotAlive(); }, [this] { return WhyNotReady(); }};
 }

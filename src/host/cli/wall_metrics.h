@@ -9,8 +9,7 @@
 #include <vector>
 
 #include "host/cli/wall_status.h"
-#include "host/control/http/monitoring.h"
-#include "host/control/metrics_text.h"
+#include "host/control/monitoring.h"
 #include "host/output/output_set.h"
 #include "host/output/preview.h"
 #include "host/output/screen/screen_output.h"
@@ -60,7 +59,7 @@ class WallWatch {
     WallWatch& watch_;
   };
 
-  control::http::Monitoring Monitoring() const;
+  control::Monitoring Monitoring() const;
   // What they do at this moment, screens included; any thread.
   nlohmann::ordered_json Outputs() const;
 

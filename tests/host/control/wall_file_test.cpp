@@ -1,3 +1,5 @@
+#include "host/control/wall_file.h"
+
 #include <random>
 #include <string>
 #include <vector>
@@ -9,7 +11,6 @@
 #include "host/config/wall_editor.h"
 #include "host/config/wall_reader.h"
 #include "host/control/command.h"
-#include "host/control/wall_file_writer.h"
 #include "tests/support/temporary_folder.h"
 
 namespace host::control {

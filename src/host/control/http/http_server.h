@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "host/config/wall.h"
-#include "host/control/http/monitoring.h"
 #include "host/control/http/snapshots.h"
+#include "host/control/monitoring.h"
 #include "host/control/wall_control.h"
 #include "host/output/fragments.h"
 

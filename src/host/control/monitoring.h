@@ -1,7 +1,9 @@
-// MetricsText: figures in the text format that Prometheus scrapes (version 0.0.4).
+// What those who watch a wall as a service get of it: figures in the text format that Prometheus
+// scrapes, version 0.0.4 (MetricsText), and whether it is alive and ready (Monitoring).
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <initializer_list>
 #include <span>
 #include <string>
@@ -43,6 +45,15 @@ class MetricsText {
 
   std::string name_;
   std::string text_;
+};
+
+// Called on the server's thread; each returns at once. One that is empty has nothing to say.
+struct Monitoring {
+  std::function<void(MetricsText&)> metrics;
+  // Why the composition does not go on, as a sentence; empty while it does.
+  std::function<std::string()> whyNotAlive;
+  // Why nobody gets the wall's frames; empty while somebody may.
+  std::function<std::string()> whyNotReady;
 };
 
 }  // namespace host::control

@@ -1,10 +1,12 @@
-#include "host/control/metrics_text.h"
+#include "host/control/monitoring.h"
 
 #include <array>
 #include <charconv>
 #include <cmath>
 
 #include <nlohmann/json.hpp>
+
+#include "host/control/event_feed.h"
 
 namespace host::control {
 
@@ -22,9 +24,7 @@ std::string NumberText(double value) {
 
 // The replacement of bytes that are no UTF-8 is that of the wall's JSON.
 std::string ValidUtf8(std::string_view text) {
-  return nlohmann::json::parse(
-             nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace))
-      .get<std::string>();
+  return nlohmann::json::parse(OneLine(nlohmann::ordered_json(text))).get<std::string>();
 }
 
 std::string Escaped(std::string_view value) {
