@@ -1,5 +1,3 @@
-#include "host/cli/check.h"
-
 #include <algorithm>
 #include <ostream>
 #include <string>
@@ -8,6 +6,7 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include "host/cli/commands.h"
 #include "host/config/value_text.h"
 #include "host/control/command.h"
 #include "host/control/wall_file.h"

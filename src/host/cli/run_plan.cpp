@@ -1,9 +1,8 @@
-#include "host/cli/run_plan.h"
-
 #include <chrono>
 #include <filesystem>
 #include <system_error>
 
+#include "host/cli/wall_command.h"
 #include "host/config/url.h"
 #include "host/config/value_text.h"
 #include "host/ffmpeg/mask.h"

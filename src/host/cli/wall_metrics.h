@@ -60,8 +60,8 @@ class WallWatch {
   };
 
   control::Monitoring Monitoring() const;
-  // What they do at this moment, screens included; any thread.
-  nlohmann::ordered_json Outputs() const;
+  // What channels, by their names, and outputs, screens included, do at this moment; any thread.
+  nlohmann::ordered_json Live() const;
 
  private:
   using Clock = std::chrono::steady_clock;

@@ -1,8 +1,7 @@
-#include "host/cli/registry.h"
-
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include "host/cli/commands.h"
 #include "host/cli/message_log.h"
 #include "host/config/wall.h"
 #include "host/feed/feed_pin.h"

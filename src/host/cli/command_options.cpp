@@ -1,5 +1,3 @@
-#include "host/cli/graph_options.h"
-
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -9,6 +7,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "host/cli/commands.h"
 #include "host/config/value_text.h"
 
 namespace host::cli {
