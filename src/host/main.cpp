@@ -5,14 +5,8 @@
 #include <string_view>
 #include <vector>
 
-#include "host/cli/check.h"
-#include "host/cli/ctl.h"
-#include "host/cli/demo.h"
-#include "host/cli/probe.h"
+#include "host/cli/commands.h"
 #include "host/cli/program.h"
-#include "host/cli/registry.h"
-#include "host/cli/run.h"
-#include "host/cli/show_log.h"
 #include "host/ffmpeg/error.h"
 #include "host/output/screen/screen_protocol.h"
 #include "host/output/screen/window/screen_window.h"

@@ -35,7 +35,7 @@ host/output           = log util platform host/feed host/config host/ffmpeg host
 host/output/screen/window = platform/os host/output/screen host/ffmpeg host/units.h
 host/session          = log util platform host/channel host/output host/feed host/config host/ffmpeg host/units.h filter/i_compose_command.h pins/streams.h
 host/control          = util platform/os host/session host/output/screen/screen_input.h host/channel host/config host/ffmpeg host/units.h
-host/control/http     = util platform/os host/control host/config host/output/fragment_feed.h host/ffmpeg host/units.h
+host/control/http     = util platform/os host/control host/config host/output/fragments.h host/ffmpeg host/units.h
 host/cli              = log util platform host/control host/session host/channel host/output host/feed host/config host/ffmpeg host/units.h
 '
 

@@ -18,7 +18,7 @@ extern "C" {
 #include "host/output/interleaver.h"
 #include "host/output/packet_queue.h"
 #include "host/output/sinks.h"
-#include "host/session/background_source.h"
+#include "host/session/background.h"
 #include "host/session/composer_filter.h"
 #include "log/i_log_perf.h"
 #include "platform/com/com.h"

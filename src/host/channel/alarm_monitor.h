@@ -185,9 +185,6 @@ class AlarmMonitor {
   // When the latest levels came, and since when they are those of silence.
   Time lastAudio() const { return lastAudio_; }
   Time silentSince() const { return quietSince_.value_or(lastAudio_); }
-  bool pictureAlarm() const {
-    return raised(AlarmKind::kLoss) || raised(AlarmKind::kBlack) || raised(AlarmKind::kFreeze);
-  }
 
  private:
   const AlarmTimer& timer(AlarmKind kind) const { return timers_[static_cast<std::size_t>(kind)]; }

@@ -1,7 +1,6 @@
 // ChannelPresenter: what a channel shows, whatever its source does.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <deque>
 #include <optional>
@@ -9,17 +8,14 @@
 #include <utility>
 #include <vector>
 
-#include "host/channel/alarm_monitor.h"
-#include "host/channel/channel_controls.h"
+#include "host/channel/channel_alarms.h"
 #include "host/channel/channel_life.h"
 #include "host/channel/channel_observer.h"
 #include "host/channel/channel_queue.h"
 #include "host/channel/channel_settings.h"
 #include "host/channel/slate/window_text.h"
-#include "host/channel/window_fill.h"
+#include "host/channel/window_feed.h"
 #include "host/channel/window_schedule.h"
-#include "host/channel/window_size_follower.h"
-#include "host/feed/feed_pin.h"
 #include "host/units.h"
 
 namespace host {
@@ -40,19 +36,13 @@ namespace host {
 // Owned by the channel's source; streaming thread only.
 class ChannelPresenter {
  public:
-  struct Pins {
-    FeedPin& video;
-    FeedPin& audioAlarm;
-    FeedPin& videoAlarm;
-  };
-
   // settings and observer outlive the presenter.
-  ChannelPresenter(const ChannelSettings& settings, Pins pins, ChannelObserver* observer);
+  ChannelPresenter(const ChannelSettings& settings, WindowFeed::Pins pins,
+                   ChannelObserver* observer);
 
   // What the composer has of a channel and its window shows, for the next one in the same window.
   struct Handover {
-    std::optional<WindowFill> frames{};
-    std::optional<WindowFill> levels{};
+    std::optional<WindowFeed::Sent> sent{};
     ComPtr<IMediaSample> kept{};
     WindowSize size{};
   };
@@ -74,8 +64,6 @@ class ChannelPresenter {
   void Tick(Time now);
   // After the last item: releases the frame that it keeps.
   void End();
-  // Frames of the source that came too late to be shown.
-  std::uint64_t lateFrames() const { return late_; }
 
  private:
   void Watch(Time now);
@@ -88,59 +76,39 @@ class ChannelPresenter {
     bool operator==(const Look&) const = default;
   };
 
-  // Is raised, and neither masked nor acknowledged.
-  bool isUrgent(AlarmKind kind) const;
-  bool isMasked() const;
-  bool hasPictureAlarm() const {
-    return isUrgent(AlarmKind::kLoss) || isUrgent(AlarmKind::kBlack) ||
-           isUrgent(AlarmKind::kFreeze);
-  }
-  void ReportAudio();
   bool showsSlate() const;
   std::string SlateText() const;
   std::string CaptionText() const;
-  std::string AudioCaption() const;
   void NoteLook();
   const Look& LookAt(Time time);
   void Repeat(Time start);
   void SendFrame(IMediaSample* sample, Time start, Time stop);
   void SendCopy(const std::uint8_t* pixels, const std::string& caption, Time start, Time stop);
-  // False when the frame that was to be sent at start has been anchored over.
-  bool AnchorClock(const BYTE* pixels, Time start);
-  void Deliver(IMediaSample* sample);
   void SendLevels(Time start, Time duration, const AudioLevels& levels);
   // Sizes that have changed by that time.
   void FollowSize(Time time);
   void ChangeSize(const WindowSchedule::Resize& change);
-  LONG frameBytes() const { return size_.frameBytes(); }
+  LONG frameBytes() const { return feed_.size().frameBytes(); }
   WindowPixels Window(BYTE* pixels) const;
 
   const ChannelSettings& settings_;
-  const Pins pins_;
   ChannelObserver* const observer_;
 
-  ChannelControls controls_;
-  std::array<bool, kAlarmKinds> acknowledged_{};  // while the alarm is raised
+  ChannelAlarms alarms_;
   ChannelLife life_;
-  AlarmMonitor alarms_;
   bool hasVideo_ = true;  // the source has; until it is known, it is taken to have
   bool hasAudio_ = false;
   bool awaitsFrames_ = false;   // between keyframes
   Time shownAt_ = 0;            // the latest frame of the source
   bool keyframesOnly_ = false;  // of the source; it is to be seen that it does not move by itself
   std::string noVideoReason_;
-  std::string audioReason_;  // why there is no audio
-  AudioStatus audio_;
-  Time now_ = 0;  // latest time that was seen
-  WindowFill frames_;
-  WindowFill levels_;
-  Time looked_ = 0;         // Tick looked at what follows from the time alone
-  std::uint64_t late_ = 0;  // frames of the source that came too late to be shown
+  Time now_ = 0;     // latest time that was seen
+  Time looked_ = 0;  // Tick looked at what follows from the time alone
 
   // Repeats belong to a time that is almost the delay ago: from when on the channel looked how.
   std::deque<std::pair<Time, Look>> looks_;
 
-  WindowSizeFollower size_;  // of what is sent
+  WindowFeed feed_;
   WindowText text_;
   ComPtr<IMediaSample> kept_;           // latest frame of the source as it was sent
   std::vector<std::uint8_t> pristine_;  // the same without its caption, if it has one

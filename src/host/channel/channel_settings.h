@@ -1,6 +1,9 @@
-// ChannelSettings: what one channel takes from the wall file and from its wall.
+// What one channel takes from the wall file and from its wall (ChannelSettings), and what operators
+// change of it while its source goes on (ChannelControls).
 #pragma once
 
+#include <array>
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -17,6 +20,31 @@
 #include "log/i_log_perf.h"
 
 namespace host {
+
+struct ChannelControls {
+  enum class Mute { kOff, kSilence, kNothing };
+
+  config::AlarmOptions alarm;
+  bool hasMeter = true;
+  Time hold = 5 * kSecond;
+  config::Decode decode = config::Decode::kAuto;
+  Mute mute = Mute::kOff;
+  // Until then alarms are neither drawn nor captioned.
+  std::optional<std::chrono::system_clock::time_point> maskedUntil{};
+  // When an alarm was acknowledged: it is not drawn until it is raised again. By AlarmKind.
+  std::array<std::optional<std::chrono::system_clock::time_point>, config::kAlarmKinds>
+      acknowledged{};
+
+  static ChannelControls Of(const config::Channel& channel) {
+    ChannelControls controls;
+    controls.alarm = channel.options.alarm;
+    controls.hasMeter = channel.options.audio.meter;
+    controls.hold = channel.options.hold;
+    controls.decode = channel.options.decode;
+    return controls;
+  }
+  bool operator==(const ChannelControls&) const = default;
+};
 
 // The settings of the wall file are used as they were read: no part of a channel copies them into
 // structs of its own. Immutable once the channel is made. Shared by the channel and its reader,

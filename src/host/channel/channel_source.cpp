@@ -97,8 +97,7 @@ void ChannelSource::Assign(std::optional<ChannelSettings> settings,
   if (settings_->isLive() && !settings_->driven) {
     queue_->FollowClock(settings_->now);
   }
-  presenter_.emplace(*settings_, ChannelPresenter::Pins{video_, audioAlarm_, videoAlarm_},
-                     observer_);
+  presenter_.emplace(*settings_, WindowFeed::Pins{video_, audioAlarm_, videoAlarm_}, observer_);
   {
     const os::MutexLock guard(labelLock_);
     label_ = settings_->label;

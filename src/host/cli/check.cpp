@@ -1,5 +1,3 @@
-#include "host/cli/check.h"
-
 #include <algorithm>
 #include <ostream>
 #include <string>
@@ -8,9 +6,10 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include "host/cli/commands.h"
 #include "host/config/value_text.h"
 #include "host/control/command.h"
-#include "host/control/layout_book.h"
+#include "host/control/saved_wall.h"
 #include "host/control/wall_state.h"
 #include "host/session/wall_check.h"
 

@@ -32,7 +32,7 @@ class ControlLinks {
     control::http::Snapshots::Encode snapshot;
     std::shared_ptr<FragmentFeed> preview;             // as of HttpServer
     std::vector<std::shared_ptr<FragmentFeed>> audio;  // likewise
-    control::http::Monitoring monitoring;
+    control::Monitoring monitoring;
     std::function<void(const std::string&)> say;       // a message for the log
     std::function<void(const std::string&)> complain;  // something has failed
   };

@@ -1,5 +1,3 @@
-#include "host/cli/ctl.h"
-
 #include <algorithm>
 #include <array>
 #include <chrono>
@@ -15,7 +13,9 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include "host/cli/commands.h"
 #include "host/control/command.h"
+#include "host/control/event_feed.h"
 #include "host/control/socket_server.h"
 #include "platform/os/sockets.h"
 
@@ -318,9 +318,7 @@ ExitCode Watch(Connection& connection, bool json, Streams& streams) {
       streams.err << "tavrel: events came faster than they were read\n";
       return ExitCode::kNoWall;
     }
-    streams.out << (json ? line : line.value("event", Json()))
-                       .dump(-1, ' ', false, Json::error_handler_t::replace)
-                << std::endl;
+    streams.out << control::OneLine(json ? line : line.value("event", Json())) << std::endl;
     if (!streams.out) {
       return ExitCode::kDone;  // nobody reads any more
     }
@@ -350,12 +348,12 @@ ExitCode Converse(const CtlOptions& options, Streams& streams) {
     asked = {{"get", "wall"}};
   }
   Connection connection(SocketOf(options));
-  connection.Send(asked.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n");
+  connection.Send(control::OneLine(asked) + "\n");
   const Json answer = connection.Receive(
       std::chrono::milliseconds(static_cast<std::int64_t>(options.timeout * 1000)));
   const bool isGood = answer.is_object() && answer.value("ok", false);
   if (options.json) {
-    streams.out << answer.dump(-1, ' ', false, Json::error_handler_t::replace) << std::endl;
+    streams.out << control::OneLine(answer) << std::endl;
   }
   if (!isGood) {
     const Json error = answer.is_object() ? answer.value("error", Json::object()) : Json::object();

@@ -1,11 +1,10 @@
-#include "host/cli/demo.h"
-
 #include <array>
 #include <filesystem>
 #include <ostream>
 
 #include <CLI/CLI.hpp>
 
+#include "host/cli/commands.h"
 #include "host/cli/demo/clip_writer.h"
 #include "host/cli/wall_command.h"
 #include "host/config/layout.h"

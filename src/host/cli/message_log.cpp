@@ -2,12 +2,12 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <stdexcept>
 #include <string_view>
-
-#include <nlohmann/json.hpp>
+#include <utility>
 
 #include "host/ffmpeg/error.h"
 #include "host/ffmpeg/mask.h"
@@ -17,11 +17,27 @@
 #include "platform/os/console.h"
 #include "platform/os/error_numbers.h"
 #include "platform/os/files.h"
+#include "platform/os/sockets.h"
 #include "platform/os/thread.h"
-#include "util/time_text.h"
 
 namespace host::cli {
+
 namespace {
+
+using std::chrono::seconds;
+
+constexpr std::size_t kMaxWaitingLines = 1000;
+constexpr seconds kFirstDelay{1};
+constexpr seconds kMaxDelay{60};
+
+// The sink cuts the line by bytes, header included: "<131>Nov 16 09:43:14 host 0000 text". Here it
+// is done first, between characters.
+std::size_t RoomForText() {
+  constexpr std::size_t kMaxLine = 1024;
+  const std::size_t header =
+      std::string_view("<131>Nov 16 09:43:14  0000 ").size() + os::HostName().size();
+  return kMaxLine - std::min(header, kMaxLine);
+}
 
 using qorp::log::CircularLogFile;
 
@@ -83,6 +99,73 @@ constexpr int kFixesAtStart = 2;
 constexpr std::size_t kMaxText = 1041;
 
 }  // namespace
+
+ResolvingSyslog::ResolvingSyslog(config::Endpoint server, std::int32_t maxLevel, Report report)
+    : maxLevel_(maxLevel), room_(RoomForText()) {
+  state_->server = std::move(server);
+  state_->report = std::move(report);
+  std::string failure;
+  if (!os::IsAddress(state_->server.host) || !state_->Resolve(&failure)) {
+    thread_ = std::make_unique<os::Thread>([state = state_] { state->ResolveUntilStopped(); },
+                                           "syslog name");
+  }
+}
+
+ResolvingSyslog::~ResolvingSyslog() {
+  const os::MutexLock guard(state_->lock);
+  state_->stopped = true;
+  state_->changed.NotifyAll();
+}
+
+void ResolvingSyslog::Write(std::int32_t level, const qorp::log::LogTime& time, const char* text) {
+  if (level > maxLevel_) {
+    return;
+  }
+  std::string line(ffmpeg::CutToBytes(text, room_));
+  const os::MutexLock guard(state_->lock);
+  if (state_->sink) {
+    state_->sink->Write(level, time, line.c_str());
+    return;
+  }
+  if (state_->waiting.size() >= kMaxWaitingLines) {
+    state_->waiting.pop_front();
+  }
+  state_->waiting.push_back({level, time, std::move(line)});
+}
+
+bool ResolvingSyslog::State::Resolve(std::string* failure) {
+  try {
+    os::DatagramSocket socket(server.host, server.port);
+    const os::MutexLock guard(lock);
+    sink.emplace(std::move(socket), os::HostName());
+    for (const Message& message : std::exchange(waiting, {})) {
+      sink->Write(message.level, message.time, message.text.c_str());
+    }
+    return true;
+  } catch (const std::runtime_error& error) {
+    *failure = error.what();
+    return false;
+  }
+}
+
+void ResolvingSyslog::State::ResolveUntilStopped() {
+  seconds delay = kFirstDelay;
+  std::string failure;
+  while (!Resolve(&failure)) {
+    const os::MutexLock guard(lock);
+    // Under the lock: the object that is reported to lives until it has set stopped.
+    if (delay == kFirstDelay && !stopped) {
+      report("syslog: " + failure + "; it is tried again");
+    }
+    const auto next = std::chrono::steady_clock::now() + delay;
+    while (!stopped && changed.WaitUntil(lock, next)) {
+    }
+    if (stopped) {
+      return;
+    }
+    delay = std::min(delay * 2, kMaxDelay);
+  }
+}
 
 // What becomes of the file is itself a message.
 void MessageLog::Configure(std::optional<qorp::log::recovering_logfile_sink>& sink,
@@ -211,66 +294,6 @@ void ComposerLog::log(std::int32_t level, const char* format, ...) {
   va_end(arguments);
   next_.log(BelongsToStart(text.data()) ? std::max(level, qorp::log::kInfo) : level, "%s",
             text.data());
-}
-
-namespace {
-
-nlohmann::ordered_json OutputEvent(const std::string& output, const char* state) {
-  return {{"event", "output"},
-          {"time", qorp::TimestampUtc(std::chrono::system_clock::now())},
-          {"output", output},
-          {"state", state}};
-}
-
-}  // namespace
-
-void OutputMessages::OutputFailed(const std::string& output, const std::string& reason,
-                                  std::optional<std::chrono::milliseconds> retryIn) {
-  const std::string text = reason + (retryIn.has_value() ? "; it is tried again" : "");
-  {
-    const os::MutexLock guard(lock_);
-    if (std::exchange(said_[output], text) == text) {
-      return;
-    }
-  }
-  messages_.Say(qorp::log::kError, "output " + output + ": " + text);
-  if (publish_) {
-    nlohmann::ordered_json event = OutputEvent(output, "failed");
-    event["reason"] = reason;
-    event["retries"] = retryIn.has_value();
-    publish_(event);
-  }
-}
-
-void OutputMessages::OutputOpened(const std::string& output, const std::string& target,
-                                  Opening opening) {
-  {
-    const os::MutexLock guard(lock_);
-    said_.erase(output);
-  }
-  const std::string what = "output " + output + ": ";
-  const std::string written = target == output ? "" : "; written is " + target;
-  switch (opening) {
-    case Opening::kFirst:
-      messages_.Say(qorp::log::kInfo, what + "open" + written);
-      break;
-    case Opening::kBeside:
-      messages_.Say(qorp::log::kError, what + "a file of that name exists and is kept" + written);
-      break;
-    case Opening::kAgain:
-      messages_.Say(qorp::log::kError, what + "open again" + written);
-      break;
-    case Opening::kNext:
-      messages_.Say(qorp::log::kInfo, what + "continues" + written);
-      break;
-  }
-  if (publish_) {
-    publish_(OutputEvent(output, "open"));
-  }
-}
-
-void OutputMessages::OutputSaid(const std::string& output, const std::string& what) {
-  messages_.Say(qorp::log::kWarning, "output " + output + ": " + what);
 }
 
 }  // namespace host::cli

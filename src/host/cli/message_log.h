@@ -3,27 +3,72 @@
 
 #include <algorithm>
 #include <chrono>
+#include <deque>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <ostream>
 #include <string>
 #include <utility>
 
-#include <nlohmann/json_fwd.hpp>
-
 #include "host/cli/program.h"
-#include "host/cli/resolving_syslog.h"
 #include "host/config/wall.h"
 #include "host/ffmpeg/mask.h"
-#include "host/output/output.h"
 #include "log/i_log_perf.h"
 #include "log/log_file.h"
+#include "log/log_line.h"
 #include "log/log_perf.h"
 #include "log/sinks.h"
 #include "platform/os/mutex.h"
+#include "platform/os/thread.h"
 
 namespace host::cli {
+
+// A sink that resolves the server's name on a thread of its own, again and again until that
+// succeeds, with a growing delay of up to a minute. Until then the latest thousand messages wait.
+// Addresses are used at once.
+//
+// Owned by the host; the logger's worker writes.
+class ResolvingSyslog final : public qorp::log::ILogSink {
+ public:
+  using Report = std::function<void(const std::string& what)>;
+
+  // Messages beyond maxLevel are left out. report is called once, on the resolving thread, when the
+  // first try fails.
+  ResolvingSyslog(config::Endpoint server, std::int32_t maxLevel, Report report);
+  // A thread that waits for a name server is detached.
+  ~ResolvingSyslog() override;
+  ResolvingSyslog(const ResolvingSyslog&) = delete;
+  ResolvingSyslog& operator=(const ResolvingSyslog&) = delete;
+
+  void Write(std::int32_t level, const qorp::log::LogTime& time, const char* text) override;
+
+ private:
+  struct Message {
+    std::int32_t level = 0;
+    qorp::log::LogTime time;
+    std::string text;
+  };
+  // Shared with the thread.
+  struct State {
+    config::Endpoint server;
+    Report report;
+    os::Mutex lock;
+    os::ConditionVariable changed;
+    bool stopped GUARDED_BY(lock) = false;
+    std::deque<Message> waiting GUARDED_BY(lock);  // until there is a sink
+    std::optional<qorp::log::syslog_sink> sink GUARDED_BY(lock);
+
+    bool Resolve(std::string* failure);
+    void ResolveUntilStopped();
+  };
+
+  const std::int32_t maxLevel_;
+  const std::size_t room_;  // bytes of a message
+  const std::shared_ptr<State> state_ = std::make_shared<State>();
+  std::unique_ptr<os::Thread> thread_;
+};
 
 // Shown on a terminal only; the line is rewritten in place and wiped before anything else
 // is printed. One thread.
@@ -111,34 +156,6 @@ class MessageLog {
   std::optional<qorp::log::recovering_logfile_sink> perfFile_;
   std::optional<ResolvingSyslog> syslog_;
   qorp::log::LogPerf logger_;  // ends before its sinks
-};
-
-// A failure is reported when its reason changes, not on every attempt; as a message and as an
-// event:
-//
-//   {"event":"output","time":"...","output":"screen:0","state":"failed","reason":"...","retries":true}
-//   {"event":"output","time":"...","output":"screen:0","state":"open"}
-//
-// The outputs' threads call; one lock.
-class OutputMessages final : public OutputObserver {
- public:
-  explicit OutputMessages(MessageLog& messages) : messages_(messages) {}
-
-  // Before any output is there. publish: called by the outputs' threads; returns at once.
-  void PublishTo(std::function<void(const nlohmann::ordered_json& event)> publish) {
-    publish_ = std::move(publish);
-  }
-
-  void OutputFailed(const std::string& output, const std::string& reason,
-                    std::optional<std::chrono::milliseconds> retryIn) override;
-  void OutputOpened(const std::string& output, const std::string& target, Opening opening) override;
-  void OutputSaid(const std::string& output, const std::string& what) override;
-
- private:
-  MessageLog& messages_;
-  std::function<void(const nlohmann::ordered_json& event)> publish_;
-  os::Mutex lock_;
-  std::map<std::string, std::string> said_ GUARDED_BY(lock_);
 };
 
 // Hands everything on to another logger. A channel's first two frames always make the composer fix

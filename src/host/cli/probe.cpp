@@ -1,5 +1,3 @@
-#include "host/cli/probe.h"
-
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -9,7 +7,8 @@
 #include <nlohmann/json.hpp>
 
 #include "host/channel/source/media_reader.h"
-#include "host/cli/graph_options.h"
+#include "host/channel/source_probe.h"
+#include "host/cli/commands.h"
 #include "host/config/value_text.h"
 #include "host/ffmpeg/mask.h"
 
@@ -103,6 +102,62 @@ nlohmann::ordered_json ProgramsAsJson(const MediaInfo& info) {
   return programs;
 }
 
+// What a wall does with such a source, a sentence for each thing that differs from showing it as it
+// is.
+std::vector<std::string> WallTreatment(const ProbeReport& report, Ratio canvasRate) {
+  std::vector<std::string> sentences;
+  const MediaInfo& info = report.info;
+  if (info.video) {
+    const VideoInfo& video = *info.video;
+    if (report.pictures == 0) {
+      sentences.emplace_back("no picture could be decoded at its beginning");
+    }
+    if (report.interlaced) {
+      const bool fields = video.frameRate.positive() &&
+                          FrameDuration(canvasRate) * 3 < FrameDuration(video.frameRate) * 2;
+      sentences.emplace_back(fields ? "pictures are deinterlaced, one for each field"
+                                    : "pictures are deinterlaced");
+    }
+    if (report.wideColour) {
+      const std::string name = NameOf(*report.wideColour);
+      sentences.push_back(report.wideColour->isHdr()
+                              ? "high dynamic range (" + name +
+                                    ") is tone-mapped to BT.709, from " +
+                                    std::to_string(report.wideColour->peak) + " cd/m2"
+                              : "wide colours (" + name + ") are converted to BT.709");
+    }
+    if (report.orientation.mirrored) {
+      sentences.emplace_back("frames are mirrored");
+    }
+    if (report.orientation.rotation != 0) {
+      sentences.push_back("frames are turned by " + std::to_string(report.orientation.rotation) +
+                          " degrees");
+    }
+    if (video.frameRate.positive() && video.frameRate.value() > canvasRate.value() * 1.001) {
+      sentences.push_back("pictures are thinned to " + Decimal(canvasRate.value()) + " a second");
+    }
+    double shape = report.height > 0 ? report.width * video.pixelAspect.value() / report.height : 0;
+    if (shape > 0 && report.orientation.swapsSides()) {
+      shape = 1 / shape;
+    }
+    if (shape > 0 && std::abs(shape - 16.0 / 9.0) > 0.02) {
+      sentences.push_back("its shape is " + Decimal(shape) +
+                          " to 1: a window of 16:9 has black bars " +
+                          (shape < 16.0 / 9.0 ? "left and right" : "above and below"));
+    }
+  } else {
+    sentences.emplace_back("its window stays black");
+  }
+  if (info.audio) {
+    sentences.emplace_back(report.passesThrough ? "audio passes through as it is"
+                                                : "audio is encoded to AAC for the outputs");
+    if (info.audio->channels > 10) {
+      sentences.emplace_back("meters show the first ten channels of the audio");
+    }
+  }
+  return sentences;
+}
+
 void PrintText(const ProbeReport& report, const std::string& source, Ratio rate,
                std::ostream& out) {
   const MediaInfo& info = report.info;
@@ -174,60 +229,6 @@ void PrintJson(const ProbeReport& report, const std::string& source, Ratio rate,
 }
 
 }  // namespace
-
-std::vector<std::string> WallTreatment(const ProbeReport& report, Ratio canvasRate) {
-  std::vector<std::string> sentences;
-  const MediaInfo& info = report.info;
-  if (info.video) {
-    const VideoInfo& video = *info.video;
-    if (report.pictures == 0) {
-      sentences.emplace_back("no picture could be decoded at its beginning");
-    }
-    if (report.interlaced) {
-      const bool fields = video.frameRate.positive() &&
-                          FrameDuration(canvasRate) * 3 < FrameDuration(video.frameRate) * 2;
-      sentences.emplace_back(fields ? "pictures are deinterlaced, one for each field"
-                                    : "pictures are deinterlaced");
-    }
-    if (report.wideColour) {
-      const std::string name = NameOf(*report.wideColour);
-      sentences.push_back(report.wideColour->isHdr()
-                              ? "high dynamic range (" + name +
-                                    ") is tone-mapped to BT.709, from " +
-                                    std::to_string(report.wideColour->peak) + " cd/m2"
-                              : "wide colours (" + name + ") are converted to BT.709");
-    }
-    if (report.orientation.mirrored) {
-      sentences.emplace_back("frames are mirrored");
-    }
-    if (report.orientation.rotation != 0) {
-      sentences.push_back("frames are turned by " + std::to_string(report.orientation.rotation) +
-                          " degrees");
-    }
-    if (video.frameRate.positive() && video.frameRate.value() > canvasRate.value() * 1.001) {
-      sentences.push_back("pictures are thinned to " + Decimal(canvasRate.value()) + " a second");
-    }
-    double shape = report.height > 0 ? report.width * video.pixelAspect.value() / report.height : 0;
-    if (shape > 0 && report.orientation.swapsSides()) {
-      shape = 1 / shape;
-    }
-    if (shape > 0 && std::abs(shape - 16.0 / 9.0) > 0.02) {
-      sentences.push_back("its shape is " + Decimal(shape) +
-                          " to 1: a window of 16:9 has black bars " +
-                          (shape < 16.0 / 9.0 ? "left and right" : "above and below"));
-    }
-  } else {
-    sentences.emplace_back("its window stays black");
-  }
-  if (info.audio) {
-    sentences.emplace_back(report.passesThrough ? "audio passes through as it is"
-                                                : "audio is encoded to AAC for the outputs");
-    if (info.audio->channels > 10) {
-      sentences.emplace_back("meters show the first ten channels of the audio");
-    }
-  }
-  return sentences;
-}
 
 void DefineProbe(CLI::App& app, ProbeOptions& options) {
   app.add_option("SOURCE", options.source, "a file or a URL")->required();

@@ -1,8 +1,6 @@
-#include "host/cli/run.h"
-
 #include <CLI/CLI.hpp>
 
-#include "host/cli/check.h"
+#include "host/cli/commands.h"
 #include "host/cli/wall_command.h"
 #include "host/config/wall_file.h"
 

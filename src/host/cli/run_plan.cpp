@@ -1,16 +1,14 @@
-#include "host/cli/run_plan.h"
-
 #include <chrono>
 #include <filesystem>
 #include <system_error>
 
+#include "host/cli/wall_command.h"
 #include "host/config/url.h"
 #include "host/config/value_text.h"
 #include "host/ffmpeg/mask.h"
 #include "host/ffmpeg/outputs.h"
 #include "host/output/container.h"
 #include "host/session/wall_check.h"
-#include "host/session/wall_files.h"
 #include "platform/os/thread.h"
 
 namespace host::cli {

@@ -1,5 +1,3 @@
-#include "host/cli/show_log.h"
-
 #include <chrono>
 #include <limits>
 #include <ostream>
@@ -8,6 +6,8 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include "host/cli/commands.h"
+#include "host/control/event_feed.h"
 #include "host/ffmpeg/mask.h"
 #include "log/log_file_reader.h"
 #include "platform/os/error_numbers.h"
@@ -88,8 +88,7 @@ class LogPrinter {
                                            {"milliseconds", milliseconds},
                                            {"level", level},
                                            {"text", text}};
-    streams_.out << object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace)
-                 << '\n';
+    streams_.out << control::OneLine(object) << '\n';
   }
 
   std::string Explain(const LogFileReader::Result& result) const {

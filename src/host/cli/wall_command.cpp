@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <cstdio>
 #include <memory>
 #include <optional>
 #include <ostream>
@@ -13,13 +12,11 @@
 #include <nlohmann/json.hpp>
 
 #include "host/cli/control_links.h"
-#include "host/cli/json_lines.h"
 #include "host/cli/message_log.h"
-#include "host/cli/run_plan.h"
+#include "host/cli/wall_events.h"
 #include "host/cli/wall_metrics.h"
 #include "host/cli/wall_status.h"
 #include "host/control/session_executor.h"
-#include "host/output/latest_frame.h"
 #include "host/output/listening.h"
 #include "host/output/preview.h"
 #include "host/output/snapshot.h"
@@ -39,12 +36,6 @@ constexpr milliseconds kOutTimeout{250};
 constexpr milliseconds kErrTimeout{250};
 // For the report at the end.
 constexpr milliseconds kReportTimeout{1000};
-
-std::string Seconds(double seconds) {
-  char text[32];
-  std::snprintf(text, sizeof(text), "%.1f s", seconds);
-  return text;
-}
 
 // The session makes the wall as its state says; the board learns first whose reports will come.
 class Executor final : public control::WallExecutor {
@@ -100,8 +91,6 @@ class WallCommandRun {
       listening_ = std::make_unique<Listening>(command.wall.channels.size() +
                                                static_cast<std::size_t>(command.wall.spare));
     }
-    outputMessages_.PublishTo(
-        [this](const nlohmann::ordered_json& event) { board_.Publish(event); });
     if (command.live) {
       links_ = std::make_unique<ControlLinks>(executor_, LinkSettings());
       board_.PublishTo(links_->events());
@@ -140,7 +129,7 @@ class WallCommandRun {
       static_cast<void>(messageLog_.release());
     }
     lines_.Finish();
-    command_.json ? PrintJson() : PrintSummary();
+    PrintEnd();
     os::FlushWithin(streams_.out, kReportTimeout);
     return code;
   }
@@ -207,13 +196,7 @@ class WallCommandRun {
     settings.say = [this](const std::string& what) { messages_.Say(qorp::log::kInfo, what); };
     settings.complain = [this](const std::string& what) { messages_.Say(qorp::log::kError, what); };
     settings.live = [this] {
-      nlohmann::ordered_json live;
-      for (const ChannelBoard::Entry& entry : board_.entries()) {
-        if (entry.isAssigned) {
-          live["channels"][entry.name] = ToJson(entry);
-        }
-      }
-      live["outputs"] = watch_.Outputs();
+      nlohmann::ordered_json live = watch_.Live();
       if (preview_) {
         const Preview::Status status = preview_->status();
         live["preview"] = {{"viewers", status.viewers},
@@ -354,55 +337,26 @@ class WallCommandRun {
     }
   }
 
-  // For a person; where the standard output has other readers, on the error stream.
-  void PrintSummary() {
+  // For a program, or a person; where the standard output has other readers, on the error stream.
+  void PrintEnd() {
+    WallStatus status;
+    status.seconds = ComposedSeconds();
+    status.counters = counters_;
+    status.channels = board_.entries();
+    status.outputs = outputs_->status();
+    status.screens = screens_;
+    status.elapsed = Elapsed();
+    if (command_.json) {
+      streams_.out.clear();
+      streams_.out << status.EndLine(command_.live) << "\n";
+      return;
+    }
     std::ostream& out = plan_.toStandardOutput || command_.events ? streams_.err : streams_.out;
     out.clear();
-    for (const OutputSet::Status& output : outputs_->status()) {
-      if (!output.failed) {
-        out << (output.files > 0 ? output.file : output.name) << ": " << output.video.written
-            << " frames, " << Seconds(ComposedSeconds());
-        if (output.files > 1) {
-          out << ", the last of " << output.files << " files";
-        }
-        out << "\n";
-      }
-    }
-    for (const ScreenOutput::Status& screen : screens_) {
-      out << screen.name << ": " << screen.shown << " frames shown\n";
-    }
+    out << status.Summary();
     if (!snapshotFile_.empty()) {
       out << snapshotFile_ << "\n";
     }
-  }
-
-  void PrintJson() {
-    streams_.out.clear();
-    nlohmann::ordered_json report;
-    if (command_.live) {
-      report["event"] = "end";
-      report["time"] = TimestampUtc();
-    }
-    report["frames"] = counters_.composed;
-    report["seconds"] = ComposedSeconds();
-    report["elapsed"] = std::round(Elapsed() * 1000) / 1000;
-    report["late"] = counters_.late;
-    report["no_free_buffer"] = counters_.noFreeBuffer;
-    report["outputs"] = nlohmann::ordered_json::array();
-    const std::vector<ChannelBoard::Entry> channels = board_.entries();
-    for (const OutputSet::Status& status : outputs_->status()) {
-      report["outputs"].push_back(ToJson(status, channels));
-    }
-    for (const ScreenOutput::Status& screen : screens_) {
-      report["outputs"].push_back(ToJson(screen));
-    }
-    report["channels"] = nlohmann::ordered_json::array();
-    for (const ChannelBoard::Entry& entry : channels) {
-      if (entry.isAssigned) {
-        report["channels"].push_back(ToJson(entry));
-      }
-    }
-    streams_.out << OneLine(report) << "\n";
   }
 
   const WallCommand& command_;

@@ -1,10 +1,11 @@
-// What run, render and demo have in common: a wall at work, its outputs, its end.
+// What run, render and demo have in common: what is to be written, a wall at work, its end.
 #pragma once
 
 #include <filesystem>
 #include <string>
+#include <vector>
 
-#include "host/cli/graph_options.h"
+#include "host/cli/commands.h"
 #include "host/cli/program.h"
 #include "host/config/wall.h"
 
@@ -26,5 +27,17 @@ struct WallCommand {
 // that exist: then nothing was opened. kCouldNotStart when an output or the composer is not to be
 // had; a channel that cannot be used is reported and does not stop the wall.
 ExitCode RunWallCommand(const WallCommand& command, Streams& streams);
+
+// What a run is to write, and what forbids it.
+struct RunPlan {
+  std::vector<config::Output> outputs;  // those of the arguments, otherwise those of the wall
+  std::vector<config::Screen> screens;  // likewise
+  bool toStandardOutput = false;        // one of them is the standard output
+  std::vector<std::string> mistakes;    // sentences; with one, nothing may be opened
+  std::vector<std::string> remarks;     // warnings and notes about the arguments
+};
+
+// Looks at the arguments, at the files that exist and at all that the wall opens; opens nothing.
+RunPlan PlanRun(const WallCommand& command);
 
 }  // namespace host::cli

@@ -248,14 +248,20 @@ WallWatch::Running::~Running() {
   watch_.session_ = nullptr;
 }
 
-control::http::Monitoring WallWatch::Monitoring() const {
+control::Monitoring WallWatch::Monitoring() const {
   return {[this](MetricsText& text) { WriteMetrics(Figures(), text); },
           [this] { return WhyNotAlive(); }, [this] { return WhyNotReady(); }};
 }
 
-nlohmann::ordered_json WallWatch::Outputs() const {
+nlohmann::ordered_json WallWatch::Live() const {
   const std::vector<ChannelBoard::Entry> channels = board_.entries();
-  nlohmann::ordered_json outputs = nlohmann::ordered_json::array();
+  nlohmann::ordered_json live;
+  for (const ChannelBoard::Entry& channel : channels) {
+    if (channel.isAssigned) {
+      live["channels"][channel.name] = ToJson(channel);
+    }
+  }
+  nlohmann::ordered_json& outputs = live["outputs"] = nlohmann::ordered_json::array();
   const os::MutexLock guard(lock_);
   if (session_ != nullptr) {
     for (const OutputStatus& output : session_->outputs().status()) {
@@ -265,7 +271,7 @@ nlohmann::ordered_json WallWatch::Outputs() const {
       outputs.push_back(ToJson(screen));
     }
   }
-  return outputs;
+  return live;
 }
 
 WallFigures WallWatch::Figures() const {

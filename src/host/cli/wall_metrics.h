@@ -9,8 +9,7 @@
 #include <vector>
 
 #include "host/cli/wall_status.h"
-#include "host/control/http/monitoring.h"
-#include "host/control/metrics_text.h"
+#include "host/control/monitoring.h"
 #include "host/output/output_set.h"
 #include "host/output/preview.h"
 #include "host/output/screen/screen_output.h"
@@ -60,9 +59,9 @@ class WallWatch {
     WallWatch& watch_;
   };
 
-  control::http::Monitoring Monitoring() const;
-  // What they do at this moment, screens included; any thread.
-  nlohmann::ordered_json Outputs() const;
+  control::Monitoring Monitoring() const;
+  // What channels, by their names, and outputs, screens included, do at this moment; any thread.
+  nlohmann::ordered_json Live() const;
 
  private:
   using Clock = std::chrono::steady_clock;

@@ -1,123 +1,20 @@
-// What a running wall tells programs and persons: its channels, its outputs, its figures.
+// What a wall tells programs and persons of itself, while it runs and at its end.
 #pragma once
 
-#include <array>
-#include <chrono>
-#include <cstddef>
 #include <cstdint>
-#include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <nlohmann/json_fwd.hpp>
 
-#include "host/channel/channel_observer.h"
-#include "host/cli/json_lines.h"
-#include "host/cli/message_log.h"
-#include "host/config/wall.h"
-#include "host/control/event_feed.h"
+#include "host/cli/wall_events.h"
 #include "host/output/output_set.h"
 #include "host/session/wall_session.h"
-#include "platform/os/mutex.h"
 #include "platform/os/service.h"
 
 namespace host::cli {
-
-// Keeps the state of each channel, reports its changes as messages, and writes those of channels
-// and alarms as lines of JSON:
-//
-//   {"event":"channel","time":"2026-11-25T01:02:03.456Z","channel":"A","state":"held",
-//    "reason":"no data for 5 s","since":12.04}
-//   {"event":"audio","time":"...","channel":"A","state":"stopped","since":12.04}
-//   {"event":"alarm","time":"...","channel":"A","alarm":"freeze","raised":true,"since":15.2}
-//
-// since: seconds of the wall's time. A failure is a message when its reason changes, not on every
-// attempt. Called by the channels' threads, read by the application's; one lock.
-class ChannelBoard final : public ChannelObserver {
- public:
-  struct Entry {
-    std::string name;
-    ChannelLife::Status status;
-    AudioStatus audio;
-    std::array<bool, kAlarmKinds> alarms{};  // by AlarmKind
-    DecodeStep decoding = DecodeStep::kFull;
-    std::string decodingReason;                  // why it is not decoded fully
-    std::optional<SourceTiming> timing{};        // of a live source that is being read
-    std::optional<RenditionStatus> rendition{};  // of a source that has several
-    std::optional<Time> length;                  // of the source, once it is known
-    std::uint64_t openings = 0;
-    std::uint64_t failures = 0;                             // of opening and of reading
-    std::array<std::uint64_t, kAlarmKinds> alarmsRaised{};  // by AlarmKind: how often
-    bool wasLive = false;
-    std::string failure;     // why the source is of no use, or was to the end; may be empty
-    bool isAssigned = true;  // false: a spare slot
-
-    // Why a channel whose source is not opened again was not shown, or not to its end; empty when
-    // it was.
-    std::string NotShown() const;
-  };
-
-  // An entry for each slot of the wall. messages and events outlive the board.
-  ChannelBoard(const config::Wall& wall, MessageLog& messages, JsonLines& events);
-
-  // The channel in a slot from now on; empty: the slot is spare. What a former channel still
-  // reports is nobody's any more. Application's thread.
-  void Assign(std::size_t slot, const std::string& name);
-
-  void ChannelOpened(const std::string& channel, const MediaInfo& info) override;
-  void ChannelEnded(const std::string& channel) override;
-  void ChannelFailed(const std::string& channel, const std::string& reason,
-                     std::optional<std::chrono::milliseconds> retryIn) override;
-  void ChannelTimed(const std::string& channel, const SourceTiming& timing) override;
-  void DecodingChanged(const std::string& channel, DecodeStep step,
-                       const std::string& reason) override;
-  void RenditionChanged(const std::string& channel, const RenditionStatus& status) override;
-  void AudioPathChanged(const std::string& channel, const std::string& what) override;
-  void ChannelChanged(const std::string& channel, const ChannelLife::Status& status) override;
-  void AudioChanged(const std::string& channel, const AudioStatus& status) override;
-  void AlarmChanged(const std::string& channel, const AlarmMonitor::Change& change) override;
-
-  // Everything that is an event goes there as well; it outlives the board. Before any channel runs.
-  void PublishTo(control::EventFeed& feed) { feed_ = &feed; }
-
-  // An event of something else of the wall. Any thread.
-  void Publish(const nlohmann::ordered_json& event);
-
-  // In the order of the slots, spare ones included.
-  std::vector<Entry> entries() const;
-
- private:
-  // Of a channel that is not there, or not any more, one that nobody reads.
-  Entry& Of(const std::string& channel) REQUIRES(lock_) {
-    const auto slot = index_.find(channel);
-    return slot == index_.end() ? former_ : entries_[slot->second];
-  }
-  bool hasReaders() const { return events_.enabled() || feed_ != nullptr; }
-  void Say(std::int32_t level, const std::string& channel, const std::string& what);
-
-  MessageLog& messages_;
-  JsonLines& events_;
-  control::EventFeed* feed_ = nullptr;
-  mutable os::Mutex lock_;
-  std::map<std::string, std::size_t> index_ GUARDED_BY(lock_);  // of the entries, by name
-  Entry former_ GUARDED_BY(lock_);
-  std::vector<Entry> entries_ GUARDED_BY(lock_);
-  // Why a channel fails, by its name, while it does.
-  std::map<std::string, std::string> failures_ GUARDED_BY(lock_);
-};
-
-// How long a wall of these sources is; none while a source that has not failed has no length.
-std::optional<double> LengthOf(const std::vector<ChannelBoard::Entry>& channels);
-// A channel in a status report: name, state, reason, since, audio, alarms, decoding, rendition;
-// jitter and lead of a live source in seconds, what was left out of it and how much was read.
-nlohmann::ordered_json ToJson(const ChannelBoard::Entry& entry);
-// "2026-11-25T01:02:03.456Z": now.
-std::string TimestampUtc();
-// Seconds with milliseconds.
-double SecondsOf(Time time);
-// One line; what is not UTF-8 in names and reasons is replaced.
-std::string OneLine(const nlohmann::ordered_json& json);
 
 struct WallStatus {
   double seconds = 0;  // of composed frames
@@ -138,8 +35,14 @@ struct WallStatus {
   std::string RenderingLine() const;
   // {"event":"status","time":...,"frames":...,"channels":[...]}
   std::string JsonLine() const;
+  // What became of it, at its end: a line for each output.
+  std::string Summary() const;
+  // The same for programs, of a live wall {"event":"end",...}.
+  std::string EndLine(bool live) const;
 
  private:
+  nlohmann::ordered_json ChannelsJson() const;
+  nlohmann::ordered_json OutputsJson() const;
   std::string ChannelsText() const;
   std::string ReadText() const;
 };

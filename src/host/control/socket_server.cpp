@@ -61,7 +61,7 @@ const char* NameOf(Kind kind) {
 }
 
 std::string LineOf(const Json& json) {
-  return json.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+  return OneLine(json) + "\n";
 }
 
 Json Refusal(const Json& id, const CommandError& error) {

@@ -6,9 +6,7 @@
 #include <utility>
 
 #include "host/config/wall_file.h"
-#include "host/control/layout_book.h"
-#include "host/control/reload.h"
-#include "host/control/wall_file_writer.h"
+#include "host/control/saved_wall.h"
 #include "host/ffmpeg/mask.h"
 
 namespace host::control {
@@ -266,7 +264,7 @@ void WallControl::Report(const Request& request, const Result& result) {
     line = {{"event", "refused"}, {"from", request.from}, {"reason", error.detail()}};
     Say("a request of " + request.from + " was refused: " + error.detail());
   }
-  events_.Publish(line.dump(-1, ' ', false, Json::error_handler_t::replace));
+  events_.Publish(OneLine(line));
 }
 
 Json WallControl::Snapshot() const {

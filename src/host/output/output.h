@@ -7,9 +7,9 @@
 #include <optional>
 #include <string>
 
+#include "host/output/output_files.h"
 #include "host/output/output_session.h"
 #include "host/output/packet_queue.h"
-#include "host/output/recording.h"
 #include "log/i_log_perf.h"
 #include "platform/os/thread.h"
 

@@ -10,7 +10,7 @@ extern "C" {
 
 #include "host/ffmpeg/error.h"
 #include "host/output/container.h"
-#include "host/output/hls_layout.h"
+#include "host/output/output_files.h"
 
 namespace host {
 namespace {

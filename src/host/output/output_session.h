@@ -14,8 +14,8 @@
 #include "host/feed/audio_format.h"
 #include "host/output/interleaver.h"
 #include "host/output/muxer.h"
+#include "host/output/output_files.h"
 #include "host/output/packet_queue.h"
-#include "host/output/recording.h"
 #include "platform/os/mutex.h"
 
 namespace host {

@@ -12,8 +12,7 @@
 
 #include "host/config/wall.h"
 #include "host/ffmpeg/handles.h"
-#include "host/output/fragment_feed.h"
-#include "host/output/fragment_writer.h"
+#include "host/output/fragments.h"
 #include "host/output/video_encoder.h"
 #include "host/units.h"
 #include "platform/com/com.h"

@@ -1,5 +1,6 @@
 #include "host/session/label_files.h"
 
+#include <algorithm>
 #include <chrono>
 #include <fstream>
 #include <string_view>
@@ -40,6 +41,22 @@ std::optional<std::string> LabelFile::Look() {
   }
   given_ = found_;
   return given_;
+}
+
+std::string GivenText(const config::Label& label) {
+  return label.source == config::Label::Source::kNone ? "" : label.text;
+}
+
+std::string FirstLabels::TextOf(const config::Label& label) const {
+  if (label.source != config::Label::Source::kFile) {
+    return GivenText(label);
+  }
+  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+      until_ - std::chrono::steady_clock::now());
+  const auto text = os::CallWithin<std::optional<std::string>>(
+      std::max(left, kLimitOfEach), [file = LabelFile(label.file)] { return file.Read(); },
+      "label");
+  return text.value_or(std::nullopt).value_or(label.text);
 }
 
 void LabelFiles::Add(std::size_t key, std::filesystem::path path, TakeText take) {

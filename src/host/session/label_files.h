@@ -1,6 +1,8 @@
-// LabelFiles: labels whose texts stand in files that change while the wall runs.
+// Labels whose texts stand in files: read when the wall starts (FirstLabels), and again and again
+// while it runs (LabelFiles).
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <filesystem>
 #include <functional>
@@ -10,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "host/config/wall.h"
 #include "platform/os/mutex.h"
 #include "platform/os/thread.h"
 
@@ -36,6 +39,24 @@ class LabelFile {
   const std::filesystem::path path_;
   std::optional<std::string> found_;  // at the last look
   std::optional<std::string> given_;  // by the last look that had something new
+};
+
+// The text that a label has at once; that of its file, or of the source's service, comes later.
+std::string GivenText(const config::Label& label);
+
+// The texts that the channels of a wall begin with. A rendered wall keeps them: its files are read
+// once. Application's thread.
+class FirstLabels {
+ public:
+  // Reads the label's file, if it has one. A dead mount holds up all of them together for a few
+  // seconds at most.
+  std::string TextOf(const config::Label& label) const;
+
+ private:
+  static constexpr std::chrono::seconds kLimit{2};               // for all, from here on
+  static constexpr std::chrono::milliseconds kLimitOfEach{100};  // at least
+
+  const std::chrono::steady_clock::time_point until_ = std::chrono::steady_clock::now() + kLimit;
 };
 
 // Looks at all label files of a wall from a thread of its own, four times a second, so that a file

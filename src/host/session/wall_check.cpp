@@ -19,7 +19,6 @@ extern "C" {
 #include "host/output/container.h"
 #include "host/output/video_encoder.h"
 #include "host/session/source_sharing.h"
-#include "host/session/wall_files.h"
 #include "host/session/wall_outputs.h"
 
 namespace host {

@@ -1,8 +1,10 @@
 // What is wrong with a wall that only the media library, the network's rules and the file system
-// know.
+// know; what it reads and writes at once (WallFiles).
 #pragma once
 
 #include <filesystem>
+#include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,5 +29,54 @@ std::vector<Finding> CheckSource(const config::Channel& channel);
 void CheckWall(config::WallFile& file, const std::filesystem::path& path);
 // Starts every encoder once, which takes a moment each: those that cannot be had are errors.
 void CheckEncoders(config::WallFile& file);
+
+// Knows everything that a run opens, so that nothing that is written is at the same time something
+// else: a file is the same under every spelling, through links and as a hard link; an address under
+// every spelling, and where two would take the same port. Looks at the file system, opens nothing.
+// One thread.
+class WallFiles {
+ public:
+  struct Use {
+    std::string what;    // "output 1", "the source of channel \"A\"", "--log-file"
+    std::string target;  // a path, a URL or a stream of the process
+    std::optional<config::Position> place;       // in the wall file; none: not named there
+    std::map<std::string, std::string> options;  // of the protocol
+    std::vector<std::string> beside;  // names with "*" of further files in the same folder
+  };
+  // what is written is what other reads or writes.
+  struct Clash {
+    Use written;
+    Use other;
+  };
+
+  void Reads(Use use);
+  void Writes(Use use);
+
+  // Each pair once.
+  std::vector<Clash> Clashes() const;
+
+ private:
+  std::vector<Use> read_;
+  std::vector<Use> written_;
+};
+
+// What a run is given besides its wall.
+struct RunFiles {
+  std::filesystem::path wallFile;       // empty: none
+  std::vector<config::Output> outputs;  // those that are written
+  bool outputsAreArguments = false;     // ... and not those of the wall file
+  config::LogOptions log;               // what is used
+  config::LogOptions logArguments;      // ... of which these are arguments
+  std::filesystem::path snapshot;       // empty: none
+  std::filesystem::path library;        // of the composer; empty: not named
+};
+WallFiles FilesOf(const config::Wall& wall, const RunFiles& run);
+
+// "output 1 (\"rec/a.mkv\") is the same file as the source of channel \"A\" (\"a.mkv\",
+// wall.toml:5:10)"
+std::string ToText(const WallFiles::Clash& clash, const std::filesystem::path& wallFile);
+
+// Names that an HLS output writes beside its playlist, with "*" for what they count.
+std::vector<std::string> NamesBeside(const config::Output& output);
 
 }  // namespace host

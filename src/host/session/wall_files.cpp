@@ -1,5 +1,3 @@
-#include "host/session/wall_files.h"
-
 #include <algorithm>
 #include <array>
 #include <string_view>
@@ -9,6 +7,7 @@
 #include "host/config/value_text.h"
 #include "host/ffmpeg/mask.h"
 #include "host/ffmpeg/outputs.h"
+#include "host/session/wall_check.h"
 
 namespace host {
 namespace {

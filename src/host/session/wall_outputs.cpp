@@ -1,12 +1,14 @@
 #include "host/session/wall_outputs.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <iterator>
 
 #include "host/config/url.h"
 #include "host/ffmpeg/mask.h"
 
 namespace host {
+
 namespace {
 
 // The first packet of a live output leaves within a second of the wall's start.
@@ -113,6 +115,130 @@ OutputSet::Settings OutputsOfWall(const config::Wall& wall, bool live) {
         {"Spare " + std::to_string(i + 1), "", false, std::make_shared<AudioTrack>()});
   }
   return settings;
+}
+
+WallScreens::WallScreens(const config::Wall& wall,
+                         const std::vector<std::shared_ptr<AudioTrack>>& tracks,
+                         const ScreenLinks& links, OutputObserver* observer) {
+  const config::Canvas& canvas = wall.canvas;
+  for (const config::Screen& screen : wall.screens) {
+    ScreenOutput::Settings settings;
+    settings.name = "screen:" + std::to_string(screen.display);
+    const auto first =
+        std::find_if(wall.screens.begin(), wall.screens.end(),
+                     [&](const config::Screen& other) { return other.display == screen.display; });
+    if (first - wall.screens.begin() != std::ssize(screens_)) {
+      settings.name += " (" + std::to_string(screens_.size() + 1) + ")";
+    }
+    settings.program = links.program;
+    settings.title = links.title;
+    settings.screen = screen;
+    settings.width = canvas.width;
+    settings.height = canvas.height;
+    settings.pixelAspect = canvas.pixelAspect();
+    settings.takeInput = links.takeInput;
+    screens_.push_back(std::make_unique<ScreenOutput>(std::move(settings), observer));
+    if (screen.audio) {
+      audible_.push_back(screens_.back().get());
+    }
+  }
+  if (audible_.empty()) {
+    return;
+  }
+  heard_ = std::make_unique<FollowTrack>(tracks, [this](const AVFrame& samples, Time start) {
+    for (ScreenOutput* const screen : audible_) {
+      screen->TakeAudio(samples, start);
+    }
+  });
+  const auto selected =
+      std::find_if(wall.channels.begin(), wall.channels.end(),
+                   [](const config::Channel& channel) { return channel.selected; });
+  if (selected != wall.channels.end()) {
+    Listen(selected - wall.channels.begin(), 0);
+  }
+}
+
+void WallScreens::Take(const ComPtr<IMediaSample>& frame, Time start) {
+  for (const std::unique_ptr<ScreenOutput>& screen : screens_) {
+    screen->Take(frame, start);
+  }
+}
+
+void WallScreens::TakeAudio(std::size_t slot, const AVPacket& packet) {
+  if (heard_) {
+    heard_->Take(slot, packet);
+  }
+}
+
+void WallScreens::Listen(std::optional<std::size_t> slot, Time from) {
+  if (heard_) {
+    heard_->Follow(slot, from);
+  }
+}
+
+void WallScreens::Finish() {
+  heard_.reset();
+  for (const std::unique_ptr<ScreenOutput>& screen : screens_) {
+    screen->Finish();
+  }
+}
+
+std::vector<ScreenOutput::Status> WallScreens::status() const {
+  std::vector<ScreenOutput::Status> all;
+  for (const std::unique_ptr<ScreenOutput>& screen : screens_) {
+    all.push_back(screen->status());
+  }
+  return all;
+}
+
+WallOutputs::WallOutputs(const config::Wall& wall, const Settings& settings,
+                         OutputObserver* observer, qorp::log::ILogPerf* logger)
+    : takeAudio_(settings.takeAudio) {
+  OutputSet::Settings outputs = OutputsOfWall(wall, settings.live);
+  outputs.queue = settings.queue;
+  outputs.finishLimit = settings.finishLimit;
+  for (const OutputSession::Track& channel : outputs.tracks) {
+    tracks_.push_back(channel.audio);
+  }
+  config::Wall shown = wall;
+  shown.screens.resize(settings.live ? shown.screens.size() : 0);
+  screens_ = std::make_unique<WallScreens>(shown, tracks_, settings.screen, observer);
+  if (wall.follow && !outputs.outputs.empty()) {
+    const std::size_t track = outputs.tracks.size();
+    follow_ = std::make_unique<FollowTrack>(
+        tracks_, [this, track](const AVPacket& packet) { set_->TakeAudio(track, packet, 0); });
+    outputs.tracks.push_back({"Follow", "", false, follow_->audio()});
+    tracks_.push_back(follow_->audio());
+  }
+  set_ = std::make_unique<OutputSet>(outputs, observer, logger);
+}
+
+void WallOutputs::Take(const ComPtr<IMediaSample>& frame, Time start, Time begin) {
+  set_->Take(frame, start - begin);
+  screens_->Take(frame, start);
+}
+
+void WallOutputs::TakeAudio(std::size_t slot, const AVPacket& packet, Time shift) {
+  set_->TakeAudio(slot, packet, shift);
+  screens_->TakeAudio(slot, packet);
+  if (follow_) {
+    follow_->Take(slot, packet);
+  }
+  if (takeAudio_) {
+    takeAudio_(slot, packet, tracks_[slot]);
+  }
+}
+
+void WallOutputs::Follow(std::optional<std::size_t> slot, Time from) {
+  if (follow_) {
+    follow_->Follow(slot, from);
+  }
+}
+
+void WallOutputs::Finish(const std::function<bool()>& hurried) {
+  follow_.reset();
+  screens_->Finish();
+  set_->Finish(hurried);
 }
 
 }  // namespace host

@@ -8,11 +8,8 @@ extern "C" {
 
 #include "host/channel/source/media_info.h"
 #include "host/feed/feed_pin.h"
-#include "host/session/background_picture.h"
-#include "host/session/wall_outputs.h"
 #include "pins/streams.h"
 #include "platform/com/com.h"
-#include "platform/os/thread.h"
 #include "util/text_codecs.h"
 
 namespace host {
@@ -23,11 +20,6 @@ static_assert(config::kMaxDelay == kWindowLatency);
 constexpr std::chrono::milliseconds kFrameLimit{60'000};
 // For all readers together to notice that they are cancelled, and to close their connections.
 constexpr std::chrono::seconds kReadersLimit{2};
-// For all label files together when the wall starts, and at least for each of them.
-constexpr std::chrono::seconds kLabelsLimit{2};
-constexpr std::chrono::milliseconds kLabelLimit{100};
-// For the background picture.
-constexpr std::chrono::seconds kBackgroundLimit{5};
 constexpr Time kFollowLead = 200 * kMillisecond;
 // How often a rendering that waits for a channel or an output asks whether it is to stop.
 constexpr std::chrono::milliseconds kStopPeriod{100};
@@ -72,7 +64,6 @@ std::int64_t FirstFrame(Ratio rate) {
 WallSession::WallSession(Settings settings)
     : settings_(std::move(settings)),
       firstFrame_(settings_.live ? 0 : FirstFrame(settings_.wall.canvas.frameRate)),
-      labelsUntil_(std::chrono::steady_clock::now() + kLabelsLimit),
       clock_(settings_.wall.canvas.clockOffset),
       pressure_(settings_.live ? std::make_shared<WallPressure>() : nullptr),
       budget_(settings_.live ? std::make_shared<DecodeBudget>(DecodeBudget::Machine()) : nullptr),
@@ -86,29 +77,16 @@ WallSession::WallSession(Settings settings)
       composer_(settings_.composerLibrary, CanvasOf(settings_.wall),
                 settings_.composerLogger != nullptr ? settings_.composerLogger : settings_.logger),
       graph_(FilterGraph::Create()) {
-  OutputSet::Settings outputs = OutputsOfWall(settings_.wall, settings_.live);
-  outputs.queue = settings_.outputQueue;
-  outputs.finishLimit = settings_.finishLimit;
-  std::vector<std::shared_ptr<AudioTrack>> tracks;
-  for (const OutputSession::Track& channel : outputs.tracks) {
-    tracks.push_back(channel.audio);
-  }
-  config::Wall shown = settings_.wall;
-  shown.screens.resize(settings_.live ? shown.screens.size() : 0);
-  screens_ =
-      std::make_unique<WallScreens>(shown, tracks, settings_.screen, settings_.outputObserver);
-  if (settings_.wall.follow && !outputs.outputs.empty()) {
-    const std::size_t track = outputs.tracks.size();
-    follow_ = std::make_unique<FollowTrack>(
-        std::move(tracks),
-        [this, track](const AVPacket& packet) { outputs_->TakeAudio(track, packet, 0); });
-    outputs.tracks.push_back({"Follow", "", false, follow_->audio()});
-  }
-  outputs_ = std::make_unique<OutputSet>(outputs, settings_.outputObserver, settings_.logger);
+  outputs_ = std::make_unique<WallOutputs>(
+      settings_.wall,
+      WallOutputs::Settings{settings_.live, settings_.outputQueue, settings_.finishLimit,
+                            settings_.screen, settings_.takeAudio},
+      settings_.outputObserver, settings_.logger);
   const config::Canvas& canvas = settings_.wall.canvas;
-  background_ = BackgroundSource::Create({canvas.width, canvas.height, canvas.frameRate,
-                                          canvas.aspect, Background(), watch_,
-                                          [this](Time start) { schedule_->FrameSent(start); }});
+  background_ =
+      BackgroundSource::Create({canvas.width, canvas.height, canvas.frameRate, canvas.aspect,
+                                LoadBackground(canvas, settings_.live, settings_.logger), watch_,
+                                [this](Time start) { schedule_->FrameSent(start); }});
   if (settings_.live) {
     // A wall that is rendered waits for buffers all the time: that is its pace.
     background_->pin().ReportTo(settings_.logger, "background");
@@ -121,23 +99,13 @@ WallSession::WallSession(Settings settings)
   Check(graph_->AddFilter(composer_.filter(), u"composer"), "add the composer to the graph");
   Check(graph_->AddFilter(background_.Get(), u"background"), "add the background to the graph");
   Check(graph_->AddFilter(sink_.Get(), u"composition"), "add the sink to the graph");
-  if (!outputs_->empty() || screens_->hasAudio() || settings_.takeAudio) {
-    for (const OutputSession::Track& track : outputs.tracks) {
-      audioTracks_.push_back(track.audio);
-    }
+  if (outputs_->takesAudio()) {
     audioSink_ = AudioSink::Create(SlotsOf(settings_.wall),
                                    [this](std::size_t channel, ffmpeg::Packet packet, Time shift) {
                                      const Time latency = settings_.live ? 0 : kWindowLatency;
                                      packet->pts -= latency;
                                      packet->dts -= latency;
                                      outputs_->TakeAudio(channel, *packet, shift - latency);
-                                     screens_->TakeAudio(channel, *packet);
-                                     if (follow_) {
-                                       follow_->Take(channel, *packet);
-                                     }
-                                     if (settings_.takeAudio) {
-                                       settings_.takeAudio(channel, *packet, audioTracks_[channel]);
-                                     }
                                    });
     Check(graph_->AddFilter(audioSink_.Get(), u"audio"), "add the sink of the audio to the graph");
   }
@@ -147,27 +115,6 @@ WallSession::WallSession(Settings settings)
   Connect(background_->pin(), composer_.backgroundPin(), "the background");
   Check(graph_->ConnectDirect(composer_.compositionPin(), sink_->pin(), nullptr),
         "connect the composer's output");
-}
-
-// A live wall does without a frame whose mount is dead.
-std::vector<std::uint8_t> WallSession::Background() const {
-  const config::Canvas& canvas = settings_.wall.canvas;
-  auto picture = os::CallWithin<std::vector<std::uint8_t>>(
-      kBackgroundLimit, [canvas] { return MakeBackground(canvas); }, "background file");
-  if (picture) {
-    return std::move(*picture);
-  }
-  const std::string file = canvas.background.picture.string();
-  if (!settings_.live) {
-    throw MediaError(MediaError::Kind::kTimedOut, "no answer from its file system", file);
-  }
-  if (settings_.logger != nullptr) {
-    settings_.logger->log(qorp::log::kError,
-                          "no answer from the file system of the background picture %s; the wall "
-                          "goes on without it",
-                          file.c_str());
-  }
-  return ColourBackground(canvas.width, canvas.height, {});
 }
 
 WallSession::~WallSession() {
@@ -185,8 +132,7 @@ void WallSession::Take(const ComPtr<IMediaSample>& frame, Time start) {
     ++composed_;
     composedAt_.store(std::chrono::steady_clock::now().time_since_epoch().count(),
                       std::memory_order_relaxed);
-    outputs_->Take(frame, start - first);
-    screens_->Take(frame, start);
+    outputs_->Take(frame, start, first);
     if (settings_.takeFrame) {
       settings_.takeFrame(frame, start - first);
     }
@@ -203,7 +149,7 @@ void WallSession::Connect(FeedPin& from, IPin* to, const std::string& what) {
 void WallSession::NotePressure(Time start) {
   if (pressure_ && start - pressureAt_ >= kSecond) {
     pressureAt_ = start;
-    pressure_->Observe(start, counters().late + outputs_->droppedBeforeEncoding());
+    pressure_->Observe(start, counters().late + outputs_->set().droppedBeforeEncoding());
   }
 }
 
@@ -222,7 +168,7 @@ ChannelSettings WallSession::SettingsOf(std::size_t slot, const config::Channel&
   settings.frameSent = [window] { window->SetFrameSent(); };
   settings.presentFrame = [this] { return background_->presentFrame(); };
   if (audioSink_) {
-    settings.audioTrack = audioTracks_.at(slot);
+    settings.audioTrack = outputs_->track(slot);
   }
   settings.logger = settings_.logger;
   settings.renderStep = settings_.renderStep;
@@ -235,24 +181,6 @@ ChannelSettings WallSession::SettingsOf(std::size_t slot, const config::Channel&
   return settings;
 }
 
-// The text that a channel begins with. A rendered wall keeps it: its files are read once.
-std::string WallSession::LabelOf(const config::Label& label, bool isStarting) const {
-  if (label.source == config::Label::Source::kNone) {
-    return {};
-  }
-  // The file of a channel that is added is read by the thread that follows it.
-  if (label.source == config::Label::Source::kFile && isStarting) {
-    // A dead mount holds up all of them together no longer than that.
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        labelsUntil_ - std::chrono::steady_clock::now());
-    const auto text = os::CallWithin<std::optional<std::string>>(
-        std::max(left, kLabelLimit), [file = LabelFile(label.file)] { return file.Read(); },
-        "label");
-    return text.value_or(std::nullopt).value_or(label.text);
-  }
-  return label.text;
-}
-
 void WallSession::AddSlot(std::size_t slot) {
   const auto& channels = settings_.wall.channels;
   windows_.push_back(WallWindow::Create(schedule_, slot, settings_.wall.canvas.frameRate));
@@ -261,7 +189,7 @@ void WallSession::AddSlot(std::size_t slot) {
   ComPtr<ChannelSource> source;
   if (slot < channels.size()) {
     ChannelSettings settings = SettingsOf(slot, channels[slot]);
-    settings.label = LabelOf(channels[slot].label, true);
+    settings.label = firstLabels_.TextOf(channels[slot].label);
     source = ChannelSource::Create(std::move(settings), settings_.observer);
   } else {
     source =
@@ -305,7 +233,7 @@ void WallSession::Assign(std::size_t slot, const config::Channel* channel,
     return;
   }
   ChannelSettings settings = SettingsOf(slot, *channel);
-  settings.label = LabelOf(channel->label, false);
+  settings.label = GivenText(channel->label);
   source.Assign(std::move(settings), controls);
   FollowLabel(slot, channel->label);
 }
@@ -315,7 +243,7 @@ void WallSession::SetControls(std::size_t slot, const ChannelControls& controls)
 }
 
 void WallSession::SetLabel(std::size_t slot, const config::Label& label) {
-  channels_.at(slot)->SetLabel(LabelOf(label, false));
+  channels_.at(slot)->SetLabel(GivenText(label));
   FollowLabel(slot, label);
 }
 
@@ -331,14 +259,12 @@ std::optional<std::int64_t> WallSession::Place(const std::vector<WindowState>& w
 std::int64_t WallSession::Follow(std::optional<std::size_t> slot) {
   // What comes from now on; the decoder has some packets to begin with.
   const Time from = clock_.Now() + settings_.wall.canvas.delay + kFollowLead;
-  if (follow_) {
-    follow_->Follow(slot, from);
-  }
+  outputs_->Follow(slot, from);
   return NumberOf(from);
 }
 
 void WallSession::Listen(std::optional<std::size_t> slot) {
-  screens_->Listen(slot, clock_.Now() + settings_.wall.canvas.delay + kFollowLead);
+  outputs_->Listen(slot, clock_.Now() + settings_.wall.canvas.delay + kFollowLead);
 }
 
 std::int64_t WallSession::NumberOf(Time start) const {
@@ -354,7 +280,7 @@ void WallSession::Tidy() {
 
 void WallSession::ConnectAudio(std::size_t index, const ComposerFilter::Input& input,
                                const std::string& what) {
-  if (!audioSink_ || !audioTracks_.at(index)) {
+  if (!audioSink_ || !outputs_->track(index)) {
     return;
   }
   Connect(channels_[index]->audioPin(), input.audio, "the audio of " + what);
@@ -424,12 +350,12 @@ Time WallSession::LastFrameWithContent(std::int64_t frame) {
 }
 
 bool WallSession::WaitForOutputs(const RenderControl& control) {
-  while (!outputs_->WaitForRoom(kStopPeriod)) {
+  while (!outputs_->set().WaitForRoom(kStopPeriod)) {
     if (control.cancelled && control.cancelled()) {
       return false;
     }
   }
-  return !outputs_->allFailed();
+  return !outputs_->set().allFailed();
 }
 
 void WallSession::Render(const RenderControl& control) {
@@ -468,8 +394,6 @@ void WallSession::Stop() {
 }
 
 int WallSession::Finish(const std::function<bool()>& hurried) {
-  follow_.reset();
-  screens_->Finish();
   outputs_->Finish(hurried);
   const auto deadline = std::chrono::steady_clock::now() + kReadersLimit;
   return static_cast<int>(std::count_if(

@@ -10,14 +10,12 @@
 
 #include "host/channel/channel_source.h"
 #include "host/config/wall.h"
-#include "host/output/follow_track.h"
-#include "host/output/output_set.h"
 #include "host/output/sinks.h"
-#include "host/session/background_source.h"
+#include "host/session/background.h"
 #include "host/session/composer_filter.h"
 #include "host/session/label_files.h"
 #include "host/session/wall_clock.h"
-#include "host/session/wall_screens.h"
+#include "host/session/wall_outputs.h"
 #include "platform/graph/filter_graph.h"
 
 namespace host {
@@ -47,9 +45,7 @@ class WallSession {
     ScreenLinks screen;  // of a live wall with screens, whose program is given
     // Gets every audio packet of a slot besides the outputs, with the track whose format it has, on
     // the channel's streaming thread; returns at once. May be null.
-    std::function<void(std::size_t slot, const AVPacket& packet,
-                       const std::shared_ptr<AudioTrack>& track)>
-        takeAudio;
+    WallOutputs::TakePacket takeAudio;
     bool live = false;
     // At which a rendered wall decodes all its channels; everything but in measurements.
     DecodeStep renderStep = DecodeStep::kFull;
@@ -109,8 +105,8 @@ class WallSession {
   // Ends what is left of former channels; now and then.
   void Tidy();
 
-  OutputSet& outputs() { return *outputs_; }
-  std::vector<ScreenOutput::Status> screens() const { return screens_->status(); }
+  OutputSet& outputs() { return outputs_->set(); }
+  std::vector<ScreenOutput::Status> screens() const { return outputs_->screens(); }
   Counters counters() const;
   // How long composing took, since it was asked last.
   FrameWatch::Timing TakeTiming() { return watch_->TakeTiming(); }
@@ -127,8 +123,6 @@ class WallSession {
   void AddSlot(std::size_t slot);
   std::int64_t NumberOf(Time start) const;
   void ConnectAudio(std::size_t index, const ComposerFilter::Input& input, const std::string& what);
-  std::vector<std::uint8_t> Background() const;
-  std::string LabelOf(const config::Label& label, bool isStarting) const;
   ChannelSettings SettingsOf(std::size_t slot, const config::Channel& channel);
   void FollowLabel(std::size_t slot, const config::Label& label);
   std::string TimeText(Time time);
@@ -144,8 +138,8 @@ class WallSession {
   Time LastFrameWithContent(std::int64_t frame);
 
   const Settings settings_;
-  const std::int64_t firstFrame_;                            // that is handed out
-  const std::chrono::steady_clock::time_point labelsUntil_;  // for reading them at the start
+  const std::int64_t firstFrame_;  // that is handed out
+  const FirstLabels firstLabels_;
   WallClock clock_;
   TimeOfDay timeOfDay_;
   std::shared_ptr<FrameWatch> watch_ = std::make_shared<FrameWatch>();
@@ -159,10 +153,7 @@ class WallSession {
   Time pressureAt_ = 0;                               // the composition thread's
   const std::shared_ptr<WindowSchedule> schedule_;
   // Outlives the graph, whose threads hand on to it.
-  std::vector<std::shared_ptr<AudioTrack>> audioTracks_;  // one for each channel
-  std::unique_ptr<OutputSet> outputs_;
-  std::unique_ptr<FollowTrack> follow_;  // null of a wall without
-  std::unique_ptr<WallScreens> screens_;
+  std::unique_ptr<WallOutputs> outputs_;
   // The graph is destroyed first and with it every filter; then the composer's library.
   ComposerFilter composer_;
   std::vector<ComPtr<WallWindow>> windows_;

@@ -12,7 +12,7 @@
 #include "host/channel/channel_ingest.h"
 #include "host/channel/channel_life.h"
 #include "host/channel/channel_queue.h"
-#include "host/channel/live_timeline.h"
+#include "host/channel/item_placer.h"
 #include "host/channel/source/media_reader.h"
 #include "host/channel/video/frame_meter.h"
 

@@ -10,12 +10,8 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "host/cli/check.h"
-#include "host/cli/demo.h"
+#include "host/cli/commands.h"
 #include "host/cli/message_log.h"
-#include "host/cli/probe.h"
-#include "host/cli/run.h"
-#include "host/cli/show_log.h"
 #include "log/log_file.h"
 #include "tests/host/clips.h"
 #include "tests/support/recording_logger.h"

@@ -10,8 +10,8 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "host/cli/commands.h"
 #include "host/cli/control_links.h"
-#include "host/cli/ctl.h"
 #include "host/config/wall_file.h"
 #include "host/control/socket_server.h"
 #include "host/control/tally/tally_message.h"

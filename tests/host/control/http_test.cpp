@@ -9,8 +9,8 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include "host/control/http/history.h"
-#include "host/control/http/openapi.h"
+#include "host/control/event_feed.h"
+#include "host/control/http/routes.h"
 #include "tests/host/control/http_fixture.h"
 #include "tests/support/wait_until.h"
 

@@ -9,7 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include "host/control/command.h"
-#include "host/control/wall_file_writer.h"
+#include "host/control/saved_wall.h"
 #include "tests/support/temporary_folder.h"
 
 namespace host::control {

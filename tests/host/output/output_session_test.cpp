@@ -14,7 +14,7 @@ extern "C" {
 
 #include "host/config/value_text.h"
 #include "host/ffmpeg/error.h"
-#include "host/output/recording.h"
+#include "host/output/output_files.h"
 #include "tests/host/clips.h"
 #include "tests/host/output/output_session_fixture.h"
 #include "tests/support/child_process.h"

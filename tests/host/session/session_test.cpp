@@ -7,7 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "host/session/background_picture.h"
+#include "host/session/background.h"
 #include "host/session/label_files.h"
 #include "host/session/wall_clock.h"
 #include "tests/host/clips.h"

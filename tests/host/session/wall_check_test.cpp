@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "host/session/wall_files.h"
 #include "tests/support/temporary_folder.h"
 
 namespace host {

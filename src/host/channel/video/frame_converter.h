@@ -12,9 +12,9 @@
 #include <string>
 
 #include "host/channel/source/media_info.h"
-#include "host/channel/video/box_scaler.h"
 #include "host/channel/video/colour.h"
 #include "host/channel/video/frame_filter.h"
+#include "host/channel/video/scalers.h"
 #include "host/config/wall.h"
 #include "host/ffmpeg/handles.h"
 #include "host/units.h"
@@ -126,8 +126,6 @@ class FrameConverter {
   // The window has another size from the next frame on; even, at least 2x2.
   void Resize(int width, int height);
   std::size_t bufferSize() const;
-  // Whether frames are being deinterlaced.
-  bool deinterlacing() const { return filter_ && deinterlaceMode_ != nullptr; }
 
  private:
   struct ConvertedFrame {

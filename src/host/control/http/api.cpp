@@ -8,7 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "host/config/layout.h"
-#include "host/control/http/openapi.h"
+#include "host/control/http/routes.h"
 
 namespace host::control::http {
 
@@ -65,7 +65,7 @@ Json ResultJson(const Accepted& accepted) {
 
 }  // namespace
 
-Api::Api(WallControl& control) : control_(control), description_(Dump(DescribeApi())) {}
+Api::Api(WallControl& control) : control_(control), description_(OneLine(DescribeApi())) {}
 
 nlohmann::json Api::Parse(const std::string& text) {
   const auto callback = [](int depth, nlohmann::json::parse_event_t, nlohmann::json&) {
@@ -149,7 +149,7 @@ Answer Api::Read(const Match& match, const Head& head) const {
   if (head.ifNoneMatch == "*" || std::find(has.begin(), has.end(), version) != has.end()) {
     answer.status = 304;
   } else {
-    answer.body = Dump(json);
+    answer.body = OneLine(json);
   }
   return answer;
 }
@@ -195,7 +195,7 @@ Answer Api::AnswerOf(const Match& match, const Result& result) const {
   }
   const auto& accepted = std::get<Accepted>(result);
   return {.status = match.route->status,
-          .body = Dump(ResultJson(accepted)),
+          .body = OneLine(ResultJson(accepted)),
           .fields = {{"ETag", Tag(accepted.version)}}};
 }
 
@@ -249,11 +249,11 @@ std::string Api::ReplyTo(const nlohmann::json& id, const Result& result) {
 }
 
 std::string Api::ReplyTo(const nlohmann::json& id, const Json& result) {
-  return Dump({{"event", "reply"}, {"id", id}, {"result", result}});
+  return OneLine({{"event", "reply"}, {"id", id}, {"result", result}});
 }
 
 std::string Api::ReplyTo(const nlohmann::json& id, const Problem& problem) {
-  return Dump({{"event", "reply"}, {"id", id}, {"problem", problem.ToJson()}});
+  return OneLine({{"event", "reply"}, {"id", id}, {"problem", problem.ToJson()}});
 }
 
 std::optional<config::Window> Api::WindowFor(const std::string& query) const {
@@ -282,7 +282,7 @@ std::optional<config::Window> Api::WindowFor(const std::string& query) const {
 }
 
 std::string Api::Snapshot(std::uint64_t number) const {
-  return Dump({{"event", "snapshot"}, {"number", number}, {"wall", control_.Snapshot()}});
+  return OneLine({{"event", "snapshot"}, {"number", number}, {"wall", control_.Snapshot()}});
 }
 
 std::string Api::Numbered(const EventFeed::Event& event) {

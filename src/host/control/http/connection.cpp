@@ -1,4 +1,6 @@
 // One connection: requests one after another, or a client that follows the events.
+#include "host/control/http/connection.h"
+
 #include <array>
 #include <charconv>
 #include <memory>
@@ -18,9 +20,6 @@
 #include <boost/beast/websocket/rfc6455.hpp>
 
 #include "host/control/http/core.h"
-#include "host/control/http/follower.h"
-#include "host/control/http/response.h"
-#include "host/control/http/web_socket.h"
 
 namespace host::control::http {
 

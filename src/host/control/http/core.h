@@ -14,10 +14,9 @@
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/system/error_code.hpp>
 
+#include "host/control/event_feed.h"
 #include "host/control/http/access.h"
 #include "host/control/http/api.h"
-#include "host/control/http/connections.h"
-#include "host/control/http/history.h"
 #include "host/control/http/http_server.h"
 #include "host/control/http/mailbox.h"
 #include "host/control/http/snapshots.h"

@@ -56,6 +56,28 @@ asio::ssl::context MakeTls(const config::Http& http) {
   return tls;
 }
 
+// The file, or 304 when the client has it; without a name the page itself. Throws Problem 404.
+Answer PageAnswer(const std::string& name, const Head& head) {
+  const std::string wanted = name.empty() ? "index.html" : name;
+  const std::span<const PageFile> files = PageFiles();
+  const auto file = std::find_if(files.begin(), files.end(),
+                                 [&](const PageFile& one) { return one.name == wanted; });
+  if (file == files.end()) {
+    throw Problem(404, "unknown-path", "There is nothing here",
+                  "the page has no file \"" + wanted + "\"");
+  }
+  Answer answer;
+  answer.contentType = file->type;
+  // Another version of the program may have other files: the browser asks every time.
+  answer.fields = {{"ETag", std::string(file->tag)}, {"Cache-Control", "no-cache"}};
+  if (head.ifNoneMatch.find(file->tag) != std::string::npos) {
+    answer.status = 304;
+  } else {
+    answer.body = file->content;
+  }
+  return answer;
+}
+
 }  // namespace
 
 HttpServer::HttpServer(Settings settings, WallControl& control)
@@ -251,7 +273,7 @@ Answer HttpServer::Core::Session(const Match& match, const Head& head, const std
     json["role"] = role ? nlohmann::ordered_json(role == Role::kView ? "view" : "operate")
                         : nlohmann::ordered_json();
     json["asks_for_token"] = access_.asksForToken();
-    return Answer{.body = Dump(json)};
+    return Answer{.body = OneLine(json)};
   };
   if (match.route->what == Route::What::kSession || !access_.asksForToken()) {
     return answer(access_.RoleOf(head));

@@ -10,10 +10,10 @@
 #include <vector>
 
 #include "host/config/wall.h"
-#include "host/control/http/monitoring.h"
 #include "host/control/http/snapshots.h"
+#include "host/control/monitoring.h"
 #include "host/control/wall_control.h"
-#include "host/output/fragment_feed.h"
+#include "host/output/fragments.h"
 
 namespace host::control::http {
 

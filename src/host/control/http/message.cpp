@@ -6,6 +6,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "host/control/event_feed.h"
+
 namespace host::control::http {
 
 namespace {
@@ -71,11 +73,7 @@ Json Problem::ToJson() const {
 }
 
 Answer Problem::ToAnswer() const {
-  return {status_, "application/problem+json", Dump(ToJson()), fields_};
-}
-
-std::string Dump(const Json& json) {
-  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+  return {status_, "application/problem+json", OneLine(ToJson()), fields_};
 }
 
 std::optional<std::string> PercentDecoded(const std::string& text) {

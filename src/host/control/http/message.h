@@ -80,8 +80,6 @@ class Problem : public TavrelException {
   std::vector<std::pair<std::string, std::string>> fields_;
 };
 
-// Bytes that are no UTF-8 become replacement characters.
-std::string Dump(const nlohmann::ordered_json& json);
 // Without "%41"; none when it is not encoded as it must be.
 std::optional<std::string> PercentDecoded(const std::string& text);
 bool EqualsIgnoringCase(const std::string& one, const std::string& other);

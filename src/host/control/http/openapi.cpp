@@ -1,5 +1,3 @@
-#include "host/control/http/openapi.h"
-
 #include <algorithm>
 #include <string>
 

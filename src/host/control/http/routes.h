@@ -1,9 +1,12 @@
-// The routes of the API: what is served where, and what the description of the API is made from.
+// The routes of the API: what is served where, and the description of the API that is made from
+// them.
 #pragma once
 
 #include <map>
 #include <span>
 #include <string>
+
+#include <nlohmann/json_fwd.hpp>
 
 #include "host/control/http/message.h"
 
@@ -71,5 +74,9 @@ struct Match {
 };
 // HEAD is served as GET. Throws Problem: 404, or 405 with the methods that the path allows.
 Match FindRoute(const Head& head);
+
+// The description of the API in OpenAPI 3.1, from the tables that serve it: Routes and
+// CommandKinds.
+nlohmann::ordered_json DescribeApi();
 
 }  // namespace host::control::http

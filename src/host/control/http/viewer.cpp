@@ -150,18 +150,18 @@ std::optional<Viewer::Outgoing> Viewer::NextAudio() {
   if (const std::string end = EndOfHeard(); !end.empty()) {
     heard_.reset();
     outgoing.piece = nullptr;
-    outgoing.event = Dump({{"event", "listening"}, {"channel", nullptr}, {"why", end}});
+    outgoing.event = OneLine({{"event", "listening"}, {"channel", nullptr}, {"why", end}});
     return outgoing;
   }
   if (!outgoing.piece) {
     return std::nullopt;
   }
   if (const std::optional<FragmentFormat>& format = outgoing.piece->format) {
-    outgoing.event = Dump({{"event", "listening"},
-                           {"channel", heard_->channel},
-                           {"codec", format->codec},
-                           {"rate", format->sampleRate},
-                           {"channels", format->channels}});
+    outgoing.event = OneLine({{"event", "listening"},
+                              {"channel", heard_->channel},
+                              {"codec", format->codec},
+                              {"rate", format->sampleRate},
+                              {"channels", format->channels}});
   }
   outgoing.header =
       HeaderOf(outgoing.piece->format ? MessageKind::kAudioDescription : MessageKind::kAudio,
@@ -176,12 +176,12 @@ std::optional<Viewer::Outgoing> Viewer::NextVideo() {
     return std::nullopt;
   }
   if (const std::optional<FragmentFormat>& format = outgoing.piece->format) {
-    outgoing.event = Dump({{"event", "preview"},
-                           {"on", true},
-                           {"codec", format->codec},
-                           {"width", format->width},
-                           {"height", format->height},
-                           {"rate", config::TextOf(format->frameRate)}});
+    outgoing.event = OneLine({{"event", "preview"},
+                              {"on", true},
+                              {"codec", format->codec},
+                              {"width", format->width},
+                              {"height", format->height},
+                              {"rate", config::TextOf(format->frameRate)}});
   }
   outgoing.header =
       HeaderOf(outgoing.piece->format ? MessageKind::kVideoDescription : MessageKind::kVideo,

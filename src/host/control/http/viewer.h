@@ -14,7 +14,7 @@
 #include <nlohmann/json_fwd.hpp>
 
 #include "host/control/http/core.h"
-#include "host/output/fragment_feed.h"
+#include "host/output/fragments.h"
 
 namespace host::control::http {
 

@@ -1,5 +1,3 @@
-#include "host/control/http/web_socket.h"
-
 #include <array>
 #include <optional>
 #include <string>
@@ -14,7 +12,7 @@
 #include <boost/beast/websocket.hpp>
 #include <boost/beast/websocket/ssl.hpp>
 
-#include "host/control/http/follower.h"
+#include "host/control/http/connection.h"
 #include "host/control/http/viewer.h"
 
 namespace host::control::http {

@@ -1,0 +1,182 @@
+#include "host/channel/window_feed.h"
+
+#include <algorithm>
+#include <cstring>
+#include <thread>
+#include <utility>
+
+#include "host/feed/anchor_sample.h"
+#include "host/ffmpeg/error.h"
+
+namespace host {
+namespace {
+
+constexpr Time kTypedFor = 2 * kSecond;
+// Tries to anchor the channel's time between two background frames.
+constexpr int kAnchorTries = 4;
+
+}  // namespace
+
+void WindowSizeFollower::UseType(Time from) {
+  typedUntil_ = from + kTypedFor;
+  video_.ChangeType(
+      VideoType(size_.width, size_.height, settings_.canvas.frameRate, settings_.canvas.aspect),
+      frameBytes());
+}
+
+void WindowSizeFollower::Begin(Time now, const WindowSize& size) {
+  size_ = size.width > 0 ? size : settings_.SizeAt(now);
+  sizedAt_ = now;
+  // The window's frames may come for the first time.
+  UseType(now);
+}
+
+std::optional<WindowSchedule::Resize> WindowSizeFollower::Next(Time time) {
+  if (settings_.windows) {
+    const auto change = settings_.windows->NextResize(settings_.slot, sizedAt_);
+    if (change && change->at <= time) {
+      sizedAt_ = change->at;
+      return change;
+    }
+  }
+  sizedAt_ = std::max(sizedAt_, time);
+  const WindowSize size = settings_.SizeAt(sizedAt_);
+  return size == size_ ? std::nullopt : std::optional(WindowSchedule::Resize{sizedAt_, size});
+}
+
+WindowSize WindowSizeFollower::Change(const WindowSchedule::Resize& change) {
+  const WindowSize former = std::exchange(size_, change.size);
+  UseType(change.at);
+  return former;
+}
+
+std::optional<Time> WindowSizeFollower::nextChange() const {
+  const auto change =
+      settings_.windows ? settings_.windows->NextResize(settings_.slot, sizedAt_) : std::nullopt;
+  return change ? std::optional(change->at) : std::nullopt;
+}
+
+ComPtr<IMediaSample> WindowSizeFollower::Resized(IMediaSample* sample, const WindowSize& size) {
+  Time start = 0;
+  Time stop = 0;
+  sample->GetTime(&start, &stop);
+  const ComPtr<IMediaSample> resized = video_.NewFrame(start, stop, false, frameBytes());
+  BYTE* from = nullptr;
+  BYTE* to = nullptr;
+  if (!resized || FAILED(sample->GetPointer(&from)) || FAILED(resized->GetPointer(&to))) {
+    return nullptr;
+  }
+  try {
+    scaler_.Scale({from, static_cast<std::size_t>(FrameBytes(size.width, size.height))}, size.width,
+                  size.height, {to, static_cast<std::size_t>(frameBytes())}, size_.width,
+                  size_.height);
+  } catch (const ffmpeg::Error&) {
+    return nullptr;
+  }
+  resized->SetSyncPoint(TRUE);
+  return resized;
+}
+
+WindowFeed::WindowFeed(const ChannelSettings& settings, Pins pins)
+    : settings_(settings),
+      pins_(pins),
+      frames_(2, settings_.delay()),
+      levels_(1, settings_.delay()),
+      size_(settings_, pins_.video) {}
+
+void WindowFeed::Begin(Time now, const std::optional<Sent>& before, const WindowSize& size) {
+  frames_.Clear();
+  levels_.Clear();
+  if (before) {
+    frames_ = before->frames;
+    levels_ = before->levels;
+  }
+  size_.Begin(now, size);
+}
+
+ComPtr<IMediaSample> WindowFeed::CopyOf(const std::uint8_t* pixels, LONG bytes, Time start,
+                                        Time stop) {
+  ComPtr<IMediaSample> copy = pins_.video.NewFrame(start, stop, false, bytes);
+  BYTE* to = nullptr;
+  if (!copy || FAILED(copy->GetPointer(&to))) {
+    return nullptr;
+  }
+  std::memcpy(to, pixels, static_cast<std::size_t>(bytes));
+  copy->SetActualDataLength(bytes);
+  return copy;
+}
+
+bool WindowFeed::SendFrame(IMediaSample* sample, Time start, Time stop, Time now) {
+  BYTE* pixels = nullptr;
+  sample->GetPointer(&pixels);
+  if (!AnchorClock(pixels, start, now)) {
+    return false;
+  }
+  sample->SetTime(&start, &stop);
+  Deliver(sample, now);
+  frames_.Sent(start);
+  return true;
+}
+
+void WindowFeed::SendAlarm(const VideoAlarmRecord& record, Time start, Time stop) {
+  pins_.videoAlarm.Send(ToWire(record), start, stop);
+}
+
+void WindowFeed::SendLevels(const AudioAlarmRecord& record, Time start, Time stop) {
+  if (levels_.Takes(start)) {
+    levels_.Sent(start);
+    pins_.audioAlarm.Send(ToWire(record), start, stop);
+  }
+}
+
+// The composer sets a channel's time to its own with a frame that finds fewer than two others
+// waiting, and shows everything its own latency later. Copies of it go first that carry the
+// composer's present time, plus what the wall's delay is shorter than that latency: so the
+// channel's times are the wall's exactly, and its frames are shown the delay after them.
+bool WindowFeed::AnchorClock(const BYTE* pixels, Time start, Time now) {
+  std::optional<Time> present = settings_.presentFrame();
+  if (present && frames_.begun() && !frames_.IsDry(*present)) {
+    return true;
+  }
+  if (frames_.begun() && settings_.logger != nullptr) {
+    settings_.logger->IncrementResync();
+  }
+  const Time saved = config::kMaxDelay - settings_.delay();
+  const LONG size = size_.frameBytes();
+  std::optional<Time> anchored;
+  for (int tries = 0; tries < kAnchorTries && anchored != present; ++tries) {
+    if (!present) {
+      std::this_thread::yield();  // the background is about to send a frame
+      present = settings_.presentFrame();
+      continue;
+    }
+    for (int copies = 0; copies < 2; ++copies) {
+      const ComPtr<IMediaSample> copy = CopyOf(pixels, size, *present, *present + 1);
+      if (!copy) {
+        return true;
+      }
+      copy->SetDiscontinuity(TRUE);
+      // With a type of its own it is not wrapped by the composer's pin, and stays movable.
+      pins_.video.AttachType(*copy);
+      const ComPtr<AnchorSample> anchor = AnchorSample::Create(copy, *present + saved);
+      Deliver(anchor.Get(), now);
+      anchor->MoveTo(*present);
+      frames_.Sent(*present);
+    }
+    anchored = present;
+    present = settings_.presentFrame();
+  }
+  return frames_.Takes(start);
+}
+
+void WindowFeed::Deliver(IMediaSample* sample, Time now) {
+  if (size_.needsType(now) || (settings_.wantsType && settings_.wantsType())) {
+    pins_.video.AttachType(*sample);
+  }
+  pins_.video.Deliver(sample);
+  if (settings_.frameSent) {
+    settings_.frameSent();
+  }
+}
+
+}  // namespace host
