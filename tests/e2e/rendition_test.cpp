@@ -125,8 +125,8 @@ struct Reading {
     for (const std::string& each : sources.size() > 1 ? sources : std::vector<std::string>()) {
       channel.sources.push_back({each});
     }
-    reader = std::make_unique<RenditionReader>(RenditionReader::Settings{channel, nullptr, true},
-                                               wanted, renditions);
+    reader = std::make_unique<RenditionReader>(
+        RenditionReader::Settings{channel, nullptr, nullptr, true}, wanted, renditions);
     reader->Open();
     NoteChange();
   }

@@ -127,7 +127,8 @@ void ChannelIngest::ReadSource() {
 std::optional<milliseconds> ChannelIngest::RunOnce() {
   auto reader = InSource([&] {
     return std::make_shared<RenditionReader>(
-        RenditionReader::Settings{settings_.channel, settings_.receivers, settings_.isLive()},
+        RenditionReader::Settings{settings_.channel, settings_.receivers, settings_.inputs,
+                                  settings_.isLive()},
         wanted_, renditions_);
   });
   {

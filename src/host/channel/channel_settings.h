@@ -18,6 +18,8 @@
 
 namespace host {
 
+class SharedInputs;
+
 // The settings of the wall file are used as they were read: no part of a channel copies them into
 // structs of its own. Immutable once the channel is made. Shared by the channel and its reader,
 // which may outlive it.
@@ -44,9 +46,10 @@ struct ChannelSettings {
   // decodes everything.
   std::shared_ptr<WallPressure> pressure;
   std::shared_ptr<DecodeSeat> decodeSeat;  // null of a rendered wall, too
-  // Connections that the channel shares with others of the wall; null of a rendered wall, whose
-  // channels open their own.
+  // Connections and demuxers that the channel shares with others of the wall; null of a rendered
+  // wall, whose channels open their own.
   std::shared_ptr<SharedReceivers> receivers;
+  std::shared_ptr<SharedInputs> inputs;
   // No threads: the owner fills the queue and calls DeliverUpTo (simulations).
   bool driven = false;
 

@@ -7,6 +7,7 @@ extern "C" {
 }
 
 #include "host/channel/source/media_info.h"
+#include "host/channel/source/shared_input.h"
 #include "host/feed/feed_pin.h"
 #include "host/session/background_picture.h"
 #include "host/session/wall_outputs.h"
@@ -77,6 +78,7 @@ WallSession::WallSession(Settings settings)
       pressure_(settings_.live ? std::make_shared<WallPressure>() : nullptr),
       budget_(settings_.live ? std::make_shared<DecodeBudget>(DecodeBudget::Machine()) : nullptr),
       receivers_(settings_.live ? std::make_shared<SharedReceivers>() : nullptr),
+      inputs_(settings_.live ? std::make_shared<SharedInputs>() : nullptr),
       schedule_(std::make_shared<WindowSchedule>(
           WindowsOf(settings_.wall), settings_.wall.canvas.frameRate,
           settings_.live ? settings_.wall.canvas.delay : kWindowLatency)),
@@ -225,6 +227,7 @@ ChannelSettings WallSession::SettingsOf(std::size_t slot, const config::Channel&
   settings.renderStep = settings_.renderStep;
   settings.pressure = pressure_;
   settings.receivers = receivers_;
+  settings.inputs = inputs_;
   if (budget_) {
     settings.decodeSeat = std::make_shared<DecodeSeat>(budget_, settings.channel.selected);
   }

@@ -155,6 +155,7 @@ class WallSession {
   const std::shared_ptr<WallPressure> pressure_;      // null of a rendered wall
   const std::shared_ptr<DecodeBudget> budget_;        // likewise
   const std::shared_ptr<SharedReceivers> receivers_;  // likewise
+  const std::shared_ptr<SharedInputs> inputs_;        // likewise
   Time pressureAt_ = 0;                               // the composition thread's
   const std::shared_ptr<WindowSchedule> schedule_;
   // Outlives the graph, whose threads hand on to it.
