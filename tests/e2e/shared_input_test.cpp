@@ -262,6 +262,21 @@ TEST_F(SharedStreamTest, EachSegmentOfAPlaylistIsRequestedOnceAndAStalledReaderH
   EXPECT_THAT(requests, testing::Each(testing::Pair(testing::_, 1)));
 }
 
+TEST_F(SharedStreamTest, EachReadsAFileOfAServerFromItsBeginning) {
+  host::ClipRecipe recipe = CountingFrames();
+  recipe.length = 8 * kSecond;
+  recipe.containerOptions = {{"movflags", "+faststart"}};
+  const HttpServer server(ReadWholeFile(host::Write(recipe, folder_ / "whole.mp4")),
+                          HttpServer::Manner::kPromisesRanges);
+  MediaReader::Settings settings = SharedSource(server.url());
+  settings.options.repeat = false;
+  const auto one = host::Opened(settings);
+  EXPECT_EQ(one->info().kind, host::SourceKind::kFile);
+  const auto other = host::Opened(settings);
+  EXPECT_EQ(host::ReadAll(*one).pictures.size(), 200U);
+  EXPECT_EQ(host::ReadAll(*other).pictures.size(), 200U);
+}
+
 // It is announced, or comes with another PMT; one of the two does not want it.
 TEST_F(SharedStreamTest, AudioThatBeginsLaterReachesOneReaderAndInterruptsNoOther) {
   host::ClipRecipe recipe = CountingFrames();

@@ -143,7 +143,7 @@ void SharedInput::Subscription::NoteChoice() {
 
 SourceCounts SharedInput::Subscription::counts() const {
   const os::MutexLock guard(input_->lock_);
-  const SourceCounts& now = input_->counts_;
+  const SourceCounts now = input_->counts_;
   return {now.bytes - before_.bytes, now.packetsLost - before_.packetsLost,
           now.packetsDamaged - before_.packetsDamaged};
 }
