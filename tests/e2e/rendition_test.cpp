@@ -17,6 +17,7 @@ extern "C" {
 }
 
 #include "host/channel/rendition/rendition_reader.h"
+#include "host/channel/source/shared_input.h"
 #include "tests/e2e/paced_sender.h"
 #include "tests/e2e/wall_harness.h"
 #include "tests/support/http_server.h"
@@ -115,7 +116,8 @@ class Playlists {
 
 // What a channel's reader gets of such a source.
 struct Reading {
-  explicit Reading(std::vector<std::string> sources, host::WindowSize window)
+  explicit Reading(std::vector<std::string> sources, host::WindowSize window,
+                   std::shared_ptr<host::SharedInputs> inputs = nullptr)
       : wanted(std::make_shared<host::WantedSize>(window)) {
     host::config::Channel channel;
     channel.source = sources.front();
@@ -125,8 +127,8 @@ struct Reading {
     for (const std::string& each : sources.size() > 1 ? sources : std::vector<std::string>()) {
       channel.sources.push_back({each});
     }
-    reader = std::make_unique<RenditionReader>(RenditionReader::Settings{channel, nullptr, true},
-                                               wanted, renditions);
+    reader = std::make_unique<RenditionReader>(
+        RenditionReader::Settings{channel, nullptr, std::move(inputs), true}, wanted, renditions);
     reader->Open();
     NoteChange();
   }
@@ -253,6 +255,23 @@ TEST(Renditions, OfAPlaylistTheRightOneIsReadAndChangesWithoutAGap) {
                             "64: for a window of 64x64"));
     EXPECT_GT(reading.reader->counts().bytes, 100'000U);
   }
+}
+
+// It leaves the rendition that the other one reads, and joins it again.
+TEST(Renditions, OneWindowOfASharedPlaylistChangesWithoutAGapInEither) {
+  const Playlists playlists;
+  const auto inputs = std::make_shared<host::SharedInputs>();
+  Reading changing({playlists.url()}, {120, 68}, inputs);
+  Reading other({playlists.url()}, {120, 68}, inputs);
+  for (const auto& [window, width] :
+       {std::pair(host::WindowSize{120, 68}, 128), {{500, 280}, 512}, {{120, 68}, 128}}) {
+    changing.wanted->Set(window);
+    changing.ReadUntil(width);
+    other.ReadUntil(128);
+  }
+  changing.ExpectWhole();
+  other.ExpectWhole();
+  EXPECT_EQ(changing.changes.size(), 3U);
 }
 
 TEST(Renditions, OneThatFailsIsReplacedAndComesBack) {

@@ -115,6 +115,9 @@ class RtspServer {
   void Become(Mood mood) { mood_ = mood; }
   // Every client is hung up on after playing for that long; 0: never.
   void HangUpAfter(std::chrono::milliseconds length) { hangUpAfter_ = length.count(); }
+  // Who comes when as many are there is refused.
+  void AllowSessions(std::size_t most) { mostSessions_ = most; }
+  int refused() const { return refused_; }
   // Who is connected.
   int clients() const { return connected_; }
 
@@ -247,6 +250,11 @@ class RtspServer {
   }
   void Answer(Client& client, const std::string& request) {
     const std::string method = request.substr(0, request.find(' '));
+    if (clients_.size() > mostSessions_ && method != "TEARDOWN" && !client.playing) {
+      ++refused_;
+      client.unsent += "RTSP/1.0 453 No\r\nCSeq: " + Header(request, "CSeq") + "\r\n\r\n";
+      return;
+    }
     std::string headers;
     std::string body;
     if (method == "OPTIONS") {
@@ -332,6 +340,8 @@ class RtspServer {
   std::atomic<Mood> mood_{Mood::kPlays};
   std::atomic<std::int64_t> hangUpAfter_{0};  // milliseconds
   std::atomic<int> connected_{0};
+  std::atomic<std::size_t> mostSessions_{1000};
+  std::atomic<int> refused_{0};
   std::atomic<bool> ends_{false};
   std::list<Client> clients_;  // the thread's
   std::thread thread_;

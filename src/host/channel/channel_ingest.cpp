@@ -127,7 +127,7 @@ std::optional<milliseconds> ChannelIngest::RunOnce() {
   auto reader = InSource([&] {
     return std::make_shared<RenditionReader>(
         RenditionReader::Settings{
-            settings_.channel, settings_.receivers, settings_.isLive(),
+            settings_.channel, settings_.receivers, settings_.inputs, settings_.isLive(),
             isThinned ? std::optional(settings_.canvas.frameRate) : std::nullopt},
         wanted_, renditions_);
   });

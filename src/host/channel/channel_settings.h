@@ -21,6 +21,8 @@
 
 namespace host {
 
+class SharedInputs;
+
 struct ChannelControls {
   enum class Mute { kOff, kSilence, kNothing };
 
@@ -73,9 +75,10 @@ struct ChannelSettings {
   std::shared_ptr<WallPressure> pressure;
   std::shared_ptr<DecodeSeat> decodeSeat;        // null of a rendered wall, too
   std::shared_ptr<DecodeBatches> decodeBatches;  // of a rendered wall only
-  // Connections that the channel shares with others of the wall; null of a rendered wall, whose
-  // channels open their own.
+  // Connections and demuxers that the channel shares with others of the wall; null of a rendered
+  // wall, whose channels open their own.
   std::shared_ptr<SharedReceivers> receivers;
+  std::shared_ptr<SharedInputs> inputs;
   // No threads: the owner fills the queue and calls DeliverUpTo (simulations).
   bool driven = false;
 

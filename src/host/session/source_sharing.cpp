@@ -5,6 +5,7 @@
 #include <optional>
 #include <string_view>
 
+#include "host/channel/source/shared_input.h"
 #include "host/channel/source/source_address.h"
 #include "host/config/url.h"
 #include "host/ffmpeg/inputs.h"
@@ -19,7 +20,8 @@ struct Taken {
   std::string what;        // port or pipe
   bool isReused = false;   // others may take the same port
   std::string local;       // address of this machine; empty: all
-  ReceiverAddress shared;  // channels with equal ones share it; empty: it cannot be shared
+  ReceiverAddress shared;  // channels with equal ones share it; empty: its bytes cannot be shared
+  std::optional<SharedInputs::Key> input;  // or those with equal ones
 };
 
 bool IsMulticast(std::string_view host) {
@@ -35,6 +37,13 @@ bool IsMulticast(std::string_view host) {
 Taken TakenBy(const config::Channel& channel) {
   Taken taken;
   const bool hasProgram = channel.program.isGiven();
+  MediaSettings settings;
+  settings.source = channel.source;
+  settings.options = channel.options;
+  settings.program = channel.program;
+  if (SharedInputs::Serves(settings)) {
+    taken.input = SharedInputs::KeyOf(settings);
+  }
   if (ffmpeg::PipeInput::Serves(channel.source)) {
     taken.kind = Taken::Kind::kPipe;
     taken.what = channel.source;
@@ -72,15 +81,19 @@ Taken TakenBy(const config::Channel& channel) {
 std::optional<std::string> MistakeOf(const Taken& first, const Taken& second,
                                      const std::string& name) {
   if (first.kind == Taken::Kind::kNothing || first.kind != second.kind ||
-      first.what != second.what || (!first.shared.url.empty() && first.shared == second.shared)) {
+      first.what != second.what || (!first.shared.url.empty() && first.shared == second.shared) ||
+      (first.input && first.input == second.input)) {
     return std::nullopt;
   }
   const std::string other = "channel \"" + name + "\"";
   switch (first.kind) {
     case Taken::Kind::kPipe:
-      return "is a pipe that " + other + " reads; channels share one when each has its \"program\"";
+      return "is a pipe that " + other +
+             " reads in another way; channels share one when their options are the same and each "
+             "or none has a \"program\"";
     case Taken::Kind::kListener:
-      return "waits for its sender at the port of " + other + "; only one channel can";
+      return "waits for its sender at the port of " + other +
+             "; channels share a sender when their URL and options are the same";
     default:
       break;
   }

@@ -7,6 +7,7 @@ extern "C" {
 }
 
 #include "host/channel/source/media_info.h"
+#include "host/channel/source/shared_input.h"
 #include "host/feed/feed_pin.h"
 #include "pins/streams.h"
 #include "platform/com/com.h"
@@ -71,6 +72,7 @@ WallSession::WallSession(Settings settings)
                    ? nullptr
                    : std::make_shared<DecodeBatches>(DecodeBudget::Machine().processors)),
       receivers_(settings_.live ? std::make_shared<SharedReceivers>() : nullptr),
+      inputs_(settings_.live ? std::make_shared<SharedInputs>() : nullptr),
       schedule_(std::make_shared<WindowSchedule>(
           WindowsOf(settings_.wall), settings_.wall.canvas.frameRate,
           settings_.live ? settings_.wall.canvas.delay : kWindowLatency)),
@@ -175,6 +177,7 @@ ChannelSettings WallSession::SettingsOf(std::size_t slot, const config::Channel&
   settings.pressure = pressure_;
   settings.decodeBatches = batches_;
   settings.receivers = receivers_;
+  settings.inputs = inputs_;
   if (budget_) {
     settings.decodeSeat = std::make_shared<DecodeSeat>(budget_, settings.channel.selected);
   }

@@ -150,6 +150,7 @@ class WallSession {
   const std::shared_ptr<DecodeBudget> budget_;        // likewise
   const std::shared_ptr<DecodeBatches> batches_;      // null of a live wall
   const std::shared_ptr<SharedReceivers> receivers_;  // null of a rendered one
+  const std::shared_ptr<SharedInputs> inputs_;        // likewise
   Time pressureAt_ = 0;                               // the composition thread's
   const std::shared_ptr<WindowSchedule> schedule_;
   // Outlives the graph, whose threads hand on to it.

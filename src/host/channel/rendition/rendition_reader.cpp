@@ -67,6 +67,7 @@ MediaSettings RenditionReader::SettingsOf(std::size_t index) const {
   settings.options = settings_.channel.options;
   settings.program = settings_.channel.program;
   settings.receivers = settings_.receivers;
+  settings.inputs = settings_.inputs;
   settings.live = settings_.isLive;
   settings.canvasRate = settings_.canvasRate;
   return settings;
@@ -106,10 +107,10 @@ void RenditionReader::OpenFirst(std::size_t index, std::string reason) {
     }
   }
   reader.reset();
+  reader_->Open();
   if (turns_) {
     reader_->TakeTurns(turns_);
   }
-  reader_->Open();
   index_ = index;
   openedAt_ = Clock::now();
   if (renditions_.size() > 1) {

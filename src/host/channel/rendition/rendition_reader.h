@@ -53,6 +53,7 @@ class RenditionReader {
   struct Settings {
     config::Channel channel;
     std::shared_ptr<SharedReceivers> receivers;  // null: every source has a connection of its own
+    std::shared_ptr<SharedInputs> inputs;        // null: every source has a demuxer of its own
     bool isLive = false;                // otherwise the rendition never changes but by failure
     std::optional<Ratio> canvasRate{};  // see MediaSettings
   };

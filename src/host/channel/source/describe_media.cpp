@@ -166,6 +166,26 @@ AudioInfo DescribeAudio(const AVStream& stream) {
   return info;
 }
 
+int OrdinalOf(const AVFormatContext& input, int index) {
+  const AVMediaType kind = input.streams[index]->codecpar->codec_type;
+  return static_cast<int>(
+      std::count_if(input.streams, input.streams + index,
+                    [&](const AVStream* other) { return other->codecpar->codec_type == kind; }));
+}
+
+int SameStreamIn(const AVFormatContext& input, const AVFormatContext& former, int index) {
+  const AVCodecParameters& known = *former.streams[index]->codecpar;
+  const int ordinal = OrdinalOf(former, index);
+  for (int i = 0; i < static_cast<int>(input.nb_streams); ++i) {
+    const AVCodecParameters& other = *input.streams[i]->codecpar;
+    if (other.codec_type == known.codec_type && OrdinalOf(input, i) == ordinal &&
+        other.codec_id == known.codec_id) {
+      return i;
+    }
+  }
+  return -1;
+}
+
 bool IsCoverArt(const AVStream& stream) {
   return (stream.disposition & (AV_DISPOSITION_ATTACHED_PIC | AV_DISPOSITION_TIMED_THUMBNAILS)) !=
          0;

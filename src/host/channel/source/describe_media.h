@@ -26,6 +26,12 @@ bool IsMp4(const AVFormatContext& input);
 VideoInfo DescribeVideo(AVFormatContext& input, AVStream& stream);
 AudioInfo DescribeAudio(const AVStream& stream);
 
+// The how-many-th of its kind a stream is, counted from 0. index: of the stream in the input.
+int OrdinalOf(const AVFormatContext& input, int index);
+// Index in another demuxer of the same source of the stream that has that index in the former one;
+// -1 where it is not, or in another codec.
+int SameStreamIn(const AVFormatContext& input, const AVFormatContext& former, int index);
+
 // Cover art of a file: FFmpeg counts it as video, but it is none.
 bool IsCoverArt(const AVStream& stream);
 

@@ -10,8 +10,9 @@
 #include <utility>
 
 #include "host/channel/source/media_info.h"
-#include "host/channel/source/media_input.h"
+#include "host/channel/source/packet_source.h"
 #include "host/channel/source/source_clock.h"
+#include "host/channel/source/source_connection.h"
 #include "host/channel/source/stream_decoder.h"
 #include "host/ffmpeg/handles.h"
 #include "host/units.h"
@@ -26,7 +27,7 @@ namespace host {
 class MediaDecoder {
  public:
   // Both outlive the decoder.
-  MediaDecoder(const MediaSettings& settings, const MediaInput& input)
+  MediaDecoder(const MediaSettings& settings, const PacketSource& input)
       : settings_(settings), input_(input) {}
 
   // Once the input is open.
@@ -97,7 +98,7 @@ class MediaDecoder {
   Orientation OrientationOf(Track& track, const AVFrame& frame) const;
 
   const MediaSettings& settings_;
-  const MediaInput& input_;
+  const PacketSource& input_;
   std::optional<SourceClock> clock_;
   std::array<std::optional<Track>, kTrackKinds.size()> tracks_;  // by TrackKind
   std::deque<MediaItem> ready_;                                  // what one packet gave, at most

@@ -19,13 +19,6 @@ extern "C" {
 
 namespace host {
 
-int OrdinalOf(const AVFormatContext& input, int index) {
-  const AVMediaType kind = input.streams[index]->codecpar->codec_type;
-  return static_cast<int>(
-      std::count_if(input.streams, input.streams + index,
-                    [&](const AVStream* other) { return other->codecpar->codec_type == kind; }));
-}
-
 namespace {
 
 bool IsAt(const AVFormatContext& input, int index, const ReplacementInput::Position& position) {
@@ -124,8 +117,9 @@ bool IsFromMp4(const AVStream& stream) {
 
 }  // namespace
 
-MediaInput::MediaInput(const MediaSettings& settings)
-    : settings_(settings), connection_(settings_, [this] { return ChangedKind().has_value(); }) {}
+MediaInput::MediaInput(MediaSettings settings)
+    : settings_(std::move(settings)),
+      connection_(settings_, [this] { return ChangedKind().has_value(); }) {}
 
 void MediaInput::Open() {
   if (repeats()) {
@@ -162,33 +156,51 @@ bool MediaInput::LiesBehindItsData() const {
   return false;
 }
 
+bool MediaInput::isRecorded() const {
+  return kind_ == SourceKind::kFile ||
+         (HasSegments(*input_) && (input_->ctx_flags & AVFMTCTX_UNSEEKABLE) == 0 &&
+          input_->duration > 0);
+}
+
+unsigned MediaInput::openedStreams() const {
+  return input_->nb_streams;
+}
+
 void MediaInput::Select(TrackKind kind, int index) {
-  std::optional<Selected>& selected = selected_[static_cast<std::size_t>(kind)];
-  if (!selected) {
-    selected.emplace(Selected{});
-  }
-  selected->index = index;
-  input_->streams[index]->discard = AVDISCARD_DEFAULT;
-}
-
-AVStream& MediaInput::stream(TrackKind kind) const {
-  return *input_->streams[selected(kind)->index];
-}
-
-std::optional<TrackKind> MediaInput::KindOf(int index) const {
-  for (const TrackKind kind : kTrackKinds) {
-    if (selected(kind) && selected(kind)->index == index) {
-      return kind;
+  PacketSource::Select(kind, index);
+  std::vector<int> streams;
+  for (const std::optional<int>& each : selection()) {
+    if (each) {
+      streams.push_back(*each);
     }
   }
-  return std::nullopt;
+  Follow(streams);
+}
+
+void MediaInput::Follow(const std::vector<int>& streams) {
+  std::map<int, Position> followed;
+  for (const int stream : streams) {
+    followed[stream] = followed_[stream];
+  }
+  followed_ = std::move(followed);
+}
+
+std::vector<int> MediaInput::FollowedInOrder() const {
+  std::vector<int> streams;
+  for (const auto& [index, position] : followed_) {
+    const bool isVideo = input_->streams[index]->codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
+    streams.insert(isVideo ? streams.begin() : streams.end(), index);
+  }
+  return streams;
 }
 
 std::optional<TrackKind> MediaInput::ChangedKind() const {
-  for (const TrackKind kind : kTrackKinds) {
+  for (const auto& [index, position] : followed_) {
+    const AVStream& stream = *input_->streams[index];
     // Of a transport stream a stream's id is its PID.
-    if (selected(kind) && connection_.HasChanged(stream(kind).id)) {
-      return kind;
+    if (connection_.HasChanged(stream.id)) {
+      return stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO ? TrackKind::kVideo
+                                                               : TrackKind::kAudio;
     }
   }
   return std::nullopt;
@@ -205,7 +217,7 @@ MediaInput::Outcome MediaInput::Read(ffmpeg::Packet& packet, bool isUnused) {
   if (!pending_.empty()) {
     packet = std::move(pending_.front());
     pending_.pop_front();
-    return Outcome::kPacket;
+    return IsRepeated(*packet) ? Outcome::kNothing : Outcome::kPacket;
   }
   connection_.deadline().Arm(Milliseconds(settings_.options.readLimit));
   const int result = av_read_frame(input_.get(), packet.get());
@@ -214,7 +226,7 @@ MediaInput::Outcome MediaInput::Read(ffmpeg::Packet& packet, bool isUnused) {
     packetBytes_ += static_cast<std::uint64_t>(packet->size);
     packetsDamaged_ += (packet->flags & AV_PKT_FLAG_CORRUPT) != 0 ? 1 : 0;
     WatchIndex();
-    return Outcome::kPacket;
+    return IsRepeated(*packet) ? Outcome::kNothing : Outcome::kPacket;
   }
   return result == AVERROR(EAGAIN) ? Outcome::kNothing : HandleFailure(result, isUnused);
 }
@@ -297,6 +309,7 @@ SourceCounts MediaInput::counts() const {
 }
 
 void MediaInput::Rewind() {
+  CheckUnchanged();
   // A transport stream has no index: its beginning is found by position, not by time.
   const bool byPosition = (input_->iformat->flags & AVFMT_TS_DISCONT) != 0;
   const Time start = input_->start_time != AV_NOPTS_VALUE ? input_->start_time : 0;
@@ -318,17 +331,18 @@ void MediaInput::WatchIndex() {
     return;
   }
   if (connection_.fragments()) {
-    for (const TrackKind kind : kTrackKinds) {
-      if (selected(kind) &&
-          avformat_index_get_entries_count(&stream(kind)) >= settings_.maxIndexEntries) {
+    for (const auto& [index, position] : followed_) {
+      if (avformat_index_get_entries_count(input_->streams[index]) >= settings_.maxIndexEntries) {
         connection_.fragments()->EndBeforeNextFragment();
       }
     }
     return;
   }
-  const TrackKind first = selected(TrackKind::kVideo) ? TrackKind::kVideo : TrackKind::kAudio;
-  if (packetsOfInput_ >= settings_.maxIndexEntries && selected(first)->latest &&
-      HasSegments(*input_) && IsFromMp4(stream(first))) {
+  if (packetsOfInput_ < settings_.maxIndexEntries || followed_.empty()) {
+    return;
+  }
+  const int first = FollowedInOrder().front();
+  if (followed_[first].latest && HasSegments(*input_) && IsFromMp4(*input_->streams[first])) {
     OpenReplacement();
   }
 }
@@ -341,11 +355,10 @@ void MediaInput::OpenReplacement() {
   if (input_->iformat->name == std::string_view("hls")) {
     settings.options[kFirstSegment] = kOldest;
   }
-  for (const TrackKind kind : kTrackKinds) {
-    if (selected(kind) && selected(kind)->latest) {
-      settings.positions.push_back({stream(kind).codecpar->codec_type,
-                                    OrdinalOf(*input_, selected(kind)->index),
-                                    *selected(kind)->latest});
+  for (const int stream : FollowedInOrder()) {
+    if (const std::optional<Time>& latest = followed_[stream].latest) {
+      settings.positions.push_back(
+          {input_->streams[stream]->codecpar->codec_type, OrdinalOf(*input_, stream), *latest});
     }
   }
   replacement_.emplace(std::move(settings));
@@ -362,10 +375,8 @@ bool MediaInput::AdoptReplacement() {
     return false;  // tried again when as many packets have come
   }
   opened->deadline->Follow(connection_.deadline());
-  for (std::optional<Selected>& each : selected_) {
-    if (each) {
-      each->resumeAfter = each->latest;
-    }
+  for (auto& [index, position] : followed_) {
+    position.resumeAfter = position.latest;
   }
   formerBytes_ += ffmpeg::BytesRead(*input_);
   Exchange(std::move(opened->input));
@@ -375,30 +386,30 @@ bool MediaInput::AdoptReplacement() {
   return true;
 }
 
-int MediaInput::StreamIn(const AVFormatContext& input, TrackKind kind) const {
-  const AVStream& now = stream(kind);
-  const int ordinal = OrdinalOf(*input_, now.index);
-  for (int i = 0; i < static_cast<int>(input.nb_streams); ++i) {
-    const AVCodecParameters& other = *input.streams[i]->codecpar;
-    if (other.codec_type == now.codecpar->codec_type && OrdinalOf(input, i) == ordinal &&
-        other.codec_id == now.codecpar->codec_id) {
-      return i;
-    }
+int MediaInput::StreamIn(const AVFormatContext& input, int index) const {
+  const int same = SameStreamIn(input, *input_, index);
+  if (same < 0) {
+    Fail(MediaError::Kind::kFailed, "its streams have changed");
   }
-  Fail(MediaError::Kind::kFailed, "its streams have changed");
+  return same;
 }
 
 void MediaInput::Exchange(ffmpeg::InputFormat next) {
   for (unsigned i = 0; i < next->nb_streams; ++i) {
     next->streams[i]->discard = AVDISCARD_ALL;
   }
-  for (const TrackKind kind : kTrackKinds) {
-    if (selected(kind)) {
-      const int index = StreamIn(*next, kind);
-      next->streams[index]->discard = AVDISCARD_DEFAULT;
-      selected_[static_cast<std::size_t>(kind)]->index = index;
-    }
+  std::map<int, Position> followed;
+  for (const auto& [index, position] : followed_) {
+    const int moved = StreamIn(*next, index);
+    next->streams[moved]->discard = AVDISCARD_DEFAULT;
+    followed[moved] = position;
   }
+  Selection selection = this->selection();
+  for (std::optional<int>& each : selection) {
+    each = each ? std::optional(StreamIn(*next, *each)) : std::nullopt;
+  }
+  Move(selection);
+  followed_ = std::move(followed);
   input_ = std::move(next);
   inputDeadline_.reset();
   inputPlaylist_.reset();
@@ -407,15 +418,20 @@ void MediaInput::Exchange(ffmpeg::InputFormat next) {
   ++exchanges_;
 }
 
-bool MediaInput::IsRepeated(TrackKind kind, const AVPacket& packet) {
-  Selected& selected = *selected_[static_cast<std::size_t>(kind)];
-  const std::optional<Time> dts = ffmpeg::ToTime(packet.dts, stream(kind).time_base);
-  if (selected.resumeAfter && dts && *dts <= *selected.resumeAfter) {
+bool MediaInput::IsRepeated(const AVPacket& packet) {
+  const auto found = followed_.find(packet.stream_index);
+  if (found == followed_.end()) {
+    return false;
+  }
+  Position& position = found->second;
+  const std::optional<Time> dts =
+      ffmpeg::ToTime(packet.dts, input_->streams[packet.stream_index]->time_base);
+  if (position.resumeAfter && dts && *dts <= *position.resumeAfter) {
     return true;
   }
-  selected.resumeAfter.reset();
+  position.resumeAfter.reset();
   if (dts) {
-    selected.latest = dts;
+    position.latest = dts;
   }
   return false;
 }

@@ -1,7 +1,6 @@
 // MediaInput: the packets of one source, a file or any URL that FFmpeg opens.
 #pragma once
 
-#include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -14,6 +13,7 @@
 #include <vector>
 
 #include "host/channel/source/media_info.h"
+#include "host/channel/source/packet_source.h"
 #include "host/channel/source/source_connection.h"
 #include "host/ffmpeg/handles.h"
 #include "host/ffmpeg/inputs.h"
@@ -26,9 +26,6 @@ struct AVPacket;
 struct AVStream;
 
 namespace host {
-
-// The how-many-th of its kind a stream is, counted from 0. index: of the stream in the input.
-int OrdinalOf(const AVFormatContext& input, int index);
 
 // Opens it on a thread of its own and reads up to where the first one is, so that its reader can
 // change over without a gap. Owned and called by one reader on its thread; one that is destroyed
@@ -74,68 +71,43 @@ class ReplacementInput {
   os::Thread thread_;
 };
 
-// Reads the packets of a source, each within a limit. It knows which streams are read (Select):
-// those continue at the same packet when the demuxer is replaced, and a change of their form that
-// the PMT announces ends the reading.
-//
-// Owned by one reader and called on its thread; Cancel by any thread.
-class MediaInput {
+// Reads the packets of a source, each within a limit. Streams that it follows continue at the same
+// packet when the demuxer is replaced, and a change of their form that the PMT announces ends the
+// reading.
+class MediaInput final : public PacketSource {
  public:
-  enum class Outcome {
-    kPacket,
-    kNothing,   // try again
-    kReplaced,  // the demuxer: the streams may have other indices, and nothing else changes
-    kEnd,       // of the source
-  };
-
-  // settings outlive the input.
-  explicit MediaInput(const MediaSettings& settings);
+  explicit MediaInput(MediaSettings settings);
 
   // Opens the source and probes its streams. Throws MediaError.
   void Open();
-  // The next packet of any stream that is not discarded. isUnused: nothing of the source could be
-  // used since it was opened. Throws MediaError.
-  Outcome Read(ffmpeg::Packet& packet, bool isUnused);
-  // Before the first packet: what comes begins near that timestamp. False where the source cannot
-  // be sought in.
-  bool SkipTo(Time timestamp);
-  // To the beginning of a file. Throws MediaError.
-  void Rewind();
-  // Throws MediaError when the file was written again since it was opened: the demuxer knows its
-  // former content only.
-  void CheckUnchanged() const;
-  void Cancel() { connection_.deadline().Cancel(); }
-  // See MediaReader.
-  bool canGoOn() const { return canGoOn_; }
+  // Once it is open: it lies there as a whole, and each reader begins where it wants to.
+  bool isRecorded() const;
+  // Streams that are read as tracks, by index. Its reader's are followed by themselves.
+  void Follow(const std::vector<int>& streams);
 
-  AVFormatContext& context() const { return *input_; }
-  SourceKind kind() const { return kind_; }
-  bool repeats() const { return settings_.live && settings_.options.repeat; }
-  const std::vector<std::string>& unknownOptions() const { return connection_.unknownOptions(); }
+  Outcome Read(ffmpeg::Packet& packet, bool isUnused) override;
+  bool SkipTo(Time timestamp) override;
+  bool repeats() const override { return settings_.live && settings_.options.repeat; }
+  // To the beginning of a file. Throws also when it was written again since it was opened: the
+  // demuxer knows its former content only.
+  void Rewind() override;
+  void Cancel() override { connection_.deadline().Cancel(); }
+  bool canGoOn() const override { return canGoOn_; }
+  AVFormatContext& context() const override { return *input_; }
+  SourceKind kind() const override { return kind_; }
+  unsigned openedStreams() const override;
+  const std::vector<std::string>& unknownOptions() const override {
+    return connection_.unknownOptions();
+  }
   // Bytes: that were read of the source, or of its packets where its demuxer keeps its sockets to
   // itself.
-  SourceCounts counts() const;
-  // The program that is wanted, by its number where the name is known already.
-  config::ProgramChoice program() const {
-    const int number = connection_.onlyProgram();
-    return number != 0 ? config::ProgramChoice{number, {}} : settings_.program;
-  }
-  // How often the demuxer was replaced.
-  std::uint64_t exchanges() const { return exchanges_; }
-  // Throws an error about this source.
-  [[noreturn]] void Fail(MediaError::Kind kind, const std::string& reason) const {
+  SourceCounts counts() const override;
+  int onlyProgram() const override { return connection_.onlyProgram(); }
+  std::uint64_t exchanges() const override { return exchanges_; }
+  [[noreturn]] void Fail(MediaError::Kind kind, const std::string& reason) const override {
     connection_.Fail(kind, reason);
   }
-
-  // The stream of that index is read as the video or the audio from now on.
-  void Select(TrackKind kind, int index);
-  // None for a stream that is not selected.
-  std::optional<TrackKind> KindOf(int index) const;
-  // Only of a selected kind.
-  AVStream& stream(TrackKind kind) const;
-  // Whether the packet was given before the demuxer was replaced. To be called once for each packet
-  // of a selected stream.
-  bool IsRepeated(TrackKind kind, const AVPacket& packet);
+  void Select(TrackKind kind, int index) override;
 
  private:
   // Changes when a file is written again.
@@ -144,17 +116,17 @@ class MediaInput {
     std::uintmax_t size = 0;
     bool operator==(const FileState&) const = default;
   };
-  struct Selected {
-    int index = 0;
+  // Of a stream that is followed.
+  struct Position {
     std::optional<Time> latest{};       // source time of the latest packet
     std::optional<Time> resumeAfter{};  // what comes of the source up to that time has been given
   };
 
-  const std::optional<Selected>& selected(TrackKind kind) const {
-    return selected_[static_cast<std::size_t>(kind)];
-  }
-  // Of the selected ones, the kind whose stream the PMT announces in another form.
+  // Of the followed streams, the kind of one that the PMT announces in another form.
   std::optional<TrackKind> ChangedKind() const;
+  // Whether the packet was given before the demuxer was replaced.
+  bool IsRepeated(const AVPacket& packet);
+  void CheckUnchanged() const;
 
   Outcome HandleFailure(int code, bool isUnused);
   std::optional<FileState> ReadFileState() const;
@@ -164,10 +136,12 @@ class MediaInput {
   void OpenReplacement();
   bool AdoptReplacement();
   void Exchange(ffmpeg::InputFormat next);
-  // Index of the selected stream in another demuxer of the same source; throws where it is not.
-  int StreamIn(const AVFormatContext& input, TrackKind kind) const;
+  // Index of the stream in another demuxer of the same source; throws where it is not.
+  int StreamIn(const AVFormatContext& input, int index) const;
+  // The followed streams, video first.
+  std::vector<int> FollowedInOrder() const;
 
-  const MediaSettings& settings_;
+  const MediaSettings settings_;
   SourceConnection connection_;
   std::shared_ptr<ffmpeg::IoDeadline> inputDeadline_;  // of an input that was a replacement
   std::shared_ptr<ffmpeg::TextInput> inputPlaylist_;   // likewise
@@ -175,7 +149,7 @@ class MediaInput {
   std::optional<ReplacementInput> replacement_;
   std::deque<ffmpeg::Packet> pending_;  // that the replacement has read
   SourceKind kind_ = SourceKind::kPull;
-  std::array<std::optional<Selected>, kTrackKinds.size()> selected_;  // by TrackKind
+  std::map<int, Position> followed_;  // by index
   int packetsOfInput_ = 0;
   std::uint64_t packetBytes_ = 0;
   std::uint64_t packetsDamaged_ = 0;

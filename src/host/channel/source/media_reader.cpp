@@ -3,6 +3,9 @@
 #include <chrono>
 #include <utility>
 
+#include "host/channel/source/media_input.h"
+#include "host/channel/source/shared_input.h"
+
 namespace host {
 namespace {
 
@@ -10,18 +13,42 @@ constexpr std::chrono::milliseconds kKeyframeTimeout = Milliseconds(KeyframeGate
 
 }  // namespace
 
-MediaReader::MediaReader(Settings settings)
-    : settings_(std::move(settings)),
-      input_(settings_),
-      decoder_(settings_, input_),
-      tracks_(settings_, input_, decoder_) {}
+MediaReader::MediaReader(Settings settings) : settings_(std::move(settings)) {}
+
+void MediaReader::Cancel() {
+  opening_.Cancel();
+  const os::MutexLock guard(lock_);
+  if (input_) {
+    input_->Cancel();
+  }
+}
 
 void MediaReader::Open() {
-  input_.Open();
-  tracks_.Choose();
-  if (decoder_.has(TrackKind::kVideo) && input_.kind() != SourceKind::kFile) {
+  std::unique_ptr<PacketSource> input;
+  if (settings_.inputs && settings_.live && SharedInputs::Serves(settings_)) {
+    input = settings_.inputs->Open(settings_, opening_);
+  }
+  MediaInput* own = nullptr;
+  if (input == nullptr) {
+    auto made = std::make_unique<MediaInput>(settings_);
+    own = made.get();
+    input = std::move(made);
+  }
+  {
+    const os::MutexLock guard(lock_);
+    input_ = std::move(input);
+    if (opening_.cancelled()) {
+      input_->Cancel();
+    }
+  }
+  if (own != nullptr) {
+    own->Open();
+  }
+  decoder_.emplace(settings_, *input_);
+  tracks_.emplace(settings_, *input_, *decoder_).Choose();
+  if (decoder_->has(TrackKind::kVideo) && input_->kind() != SourceKind::kFile) {
     watch_.emplace(Milliseconds(settings_.options.readLimit),
-                   std::chrono::microseconds(decoder_.frameDuration(TrackKind::kVideo) / 10));
+                   std::chrono::microseconds(decoder_->frameDuration(TrackKind::kVideo) / 10));
   }
 }
 
@@ -30,62 +57,62 @@ MediaItem MediaReader::Read() {
   if (watch_) {
     watch_->BeginReading(Clock::now());
   }
-  while (decoder_.empty()) {
+  while (decoder_->empty()) {
     if (ended_) {
       return EndOfMedia{};
     }
-    ReadPacket();
-    if (!watch_) {
+    if (!ReadPacket() || !watch_) {
       continue;
     }
-    if (decoder_.TakeFrameGiven()) {
+    if (decoder_->TakeFrameGiven()) {
       watch_->Picture(Clock::now());
     }
-    if (watch_->Expired(Clock::now(), decoder_.waitsForKeyframes() ? kKeyframeTimeout
-                                                                   : Clock::duration::zero())) {
-      input_.Fail(MediaError::Kind::kTimedOut, "it sends, but no picture that can be decoded");
+    if (watch_->Expired(Clock::now(), decoder_->waitsForKeyframes() ? kKeyframeTimeout
+                                                                    : Clock::duration::zero())) {
+      input_->Fail(MediaError::Kind::kTimedOut, "it sends, but no picture that can be decoded");
     }
   }
   if (watch_) {
     watch_->EndReading(Clock::now());
   }
-  return decoder_.Take();
+  return decoder_->Take();
 }
 
-void MediaReader::ReadPacket() {
+bool MediaReader::ReadPacket() {
   ffmpeg::Packet packet = ffmpeg::MakePacket();
   const auto begun = std::chrono::steady_clock::now();
-  const MediaInput::Outcome outcome = input_.Read(packet, !decoder_.hasGiven() && repeats_ == 0);
+  const PacketSource::Outcome outcome =
+      input_->Read(packet, !decoder_->hasGiven() && repeats_ == 0);
   waited_ += std::chrono::steady_clock::now() - begun;
   switch (outcome) {
-    case MediaInput::Outcome::kPacket:
-      tracks_.Handle(std::move(packet));
+    case PacketSource::Outcome::kPacket:
+      tracks_->Handle(std::move(packet));
       break;
-    case MediaInput::Outcome::kNothing:
+    case PacketSource::Outcome::kNothing:
+      return false;
+    case PacketSource::Outcome::kReplaced:
+      tracks_->OnReplacedDemuxer();
       break;
-    case MediaInput::Outcome::kReplaced:
-      tracks_.OnReplacedDemuxer();
-      break;
-    case MediaInput::Outcome::kEnd:
+    case PacketSource::Outcome::kEnd:
       FinishRepetition();
       break;
   }
+  return true;
 }
 
 // The end of the source: what the decoders still hold comes out, then it ends or begins again.
 void MediaReader::FinishRepetition() {
-  decoder_.Drain();
-  if (!input_.repeats() || (!decoder_.hasGiven() && input_.kind() != SourceKind::kFile)) {
+  decoder_->Drain();
+  if (!input_->repeats() || (!decoder_->hasGiven() && input_->kind() != SourceKind::kFile)) {
     ended_ = true;
     return;
   }
-  input_.CheckUnchanged();
+  input_->Rewind();
   // A source that gave nothing would begin again without end.
-  if (!decoder_.hasGiven()) {
-    input_.Fail(MediaError::Kind::kFailed, "nothing in it can be read");
+  if (!decoder_->hasGiven()) {
+    input_->Fail(MediaError::Kind::kFailed, "nothing in it can be read");
   }
-  input_.Rewind();
-  decoder_.Restart();
+  decoder_->Restart();
   ++repeats_;
 }
 

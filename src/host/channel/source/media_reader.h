@@ -4,14 +4,19 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/channel/source/media_decoder.h"
 #include "host/channel/source/media_info.h"
-#include "host/channel/source/media_input.h"
+#include "host/channel/source/packet_source.h"
+#include "host/channel/source/source_connection.h"
 #include "host/channel/source/track_selector.h"
+#include "host/ffmpeg/io_deadline.h"
+#include "platform/os/mutex.h"
 
 namespace host {
 
@@ -56,8 +61,11 @@ class VideoWatch {
 // decoded frames, compressed audio packets, and after each packet its decoded samples. All times
 // are on one clock that starts near 0 and continues through wraps, jumps and repeats.
 //
-//   MediaInput ----packets----> TrackSelector ----packets of the tracks----> MediaDecoder --> items
-//   opens, reads, limits        chooses streams, detects new ones            timestamps, decoders
+//   PacketSource --packets--> TrackSelector ----packets of the tracks----> MediaDecoder --> items
+//   opened, read, limits      chooses streams, detects new ones            timestamps, decoders
+//
+// The packets come from a MediaInput of its own or, where other readers have the same source, from
+// a SharedInput.
 //
 // Owned by its channel. Open and Read block, up to the limits of the settings, and belong to one
 // thread; Cancel may be called by any thread at any time, also during Open, and makes the blocking
@@ -78,53 +86,57 @@ class MediaReader {
   MediaItem Read();
   // After a failure of Read: nothing came for the read limit, but there is no connection that could
   // have broken, and a sender that returns is received sooner by reading on than by opening again.
-  bool canGoOn() const { return input_.canGoOn(); }
-  void Cancel() { input_.Cancel(); }
+  bool canGoOn() const { return input_ && input_->canGoOn(); }
+  void Cancel();
 
   // What follows is valid after Open. A replacement of a stream changes the first two, and the
   // service may be renamed.
-  const MediaInfo& info() const { return tracks_.info(); }
+  const MediaInfo& info() const { return tracks_->info(); }
   // Of the chosen audio stream, as the container announces it; null without audio.
-  const AVCodecParameters* audioParameters() const { return tracks_.audioParameters(); }
+  const AVCodecParameters* audioParameters() const { return tracks_->audioParameters(); }
   // Options of the settings that neither the protocol nor the container knows.
-  const std::vector<std::string>& unknownOptions() const { return input_.unknownOptions(); }
+  const std::vector<std::string>& unknownOptions() const { return input_->unknownOptions(); }
   // Packets that a decoder found damaged and skipped.
-  std::uint64_t damagedPackets() const { return decoder_.damagedPackets(); }
+  std::uint64_t damagedPackets() const { return decoder_->damagedPackets(); }
   // How much of the video is decoded from now on.
-  void SetStep(DecodeStep step) { decoder_.SetStep(step); }
+  void SetStep(DecodeStep step) { decoder_->SetStep(step); }
   // See MediaDecoder.
-  void TakeTurns(MediaDecoder::InTurn inTurn) { decoder_.TakeTurns(std::move(inTurn)); }
+  void TakeTurns(MediaDecoder::InTurn inTurn) { decoder_->TakeTurns(std::move(inTurn)); }
   // Frames that were decoded since the last call, and how long it was waited for packets.
-  int TakeFrames() { return decoder_.TakeFrames(); }
+  int TakeFrames() { return decoder_->TakeFrames(); }
   std::chrono::nanoseconds TakeWaited() { return std::exchange(waited_, {}); }
   // What lies between the times of the items of that kind and the timestamps of the source, since
   // these jumped last; when those begin, and after how long they come back (0: never).
-  Time clockOffset(TrackKind kind) const { return decoder_.clockOffset(kind); }
-  Time origin() const { return decoder_.origin(); }
-  Time wrapPeriod() const { return decoder_.wrapPeriod(); }
+  Time clockOffset(TrackKind kind) const { return decoder_->clockOffset(kind); }
+  Time origin() const { return decoder_->origin(); }
+  Time wrapPeriod() const { return decoder_->wrapPeriod(); }
   // Before the first Read: what comes begins near that timestamp, where the source can be sought
   // in.
-  void SkipTo(Time timestamp) { input_.SkipTo(timestamp); }
-  // See MediaInput.
-  SourceCounts counts() const { return input_.counts(); }
+  void SkipTo(Time timestamp) { input_->SkipTo(timestamp); }
+  // See PacketSource. At any time; nothing before the source is open.
+  SourceCounts counts() const { return input_ ? input_->counts() : SourceCounts(); }
   // How often another stream has replaced one that ended, as when a service changes its codec, or
   // the one that was chosen has returned.
-  std::uint64_t replacements() const { return tracks_.replacements(); }
+  std::uint64_t replacements() const { return tracks_->replacements(); }
   // How often info().serviceName has changed since the source was opened.
-  std::uint64_t renames() const { return tracks_.renames(); }
+  std::uint64_t renames() const { return tracks_->renames(); }
   // How often the source began again.
   std::uint64_t repeats() const { return repeats_; }
   // How often another demuxer took over in the midst of an endless source.
-  std::uint64_t exchanges() const { return input_.exchanges(); }
+  std::uint64_t exchanges() const { return input_->exchanges(); }
 
  private:
-  void ReadPacket();
+  // False when none has come.
+  bool ReadPacket();
   void FinishRepetition();
 
   const Settings settings_;
-  MediaInput input_;
-  MediaDecoder decoder_;
-  TrackSelector tracks_;
+  ffmpeg::IoDeadline opening_;  // of another thread that opens the source
+  os::Mutex lock_;
+  // Set under the lock, and otherwise the reading thread's. What follows exists with it.
+  std::unique_ptr<PacketSource> input_;
+  std::optional<MediaDecoder> decoder_;
+  std::optional<TrackSelector> tracks_;
   std::optional<VideoWatch> watch_;  // of a live source with video
   std::chrono::nanoseconds waited_{};
   bool ended_ = false;

@@ -34,6 +34,8 @@ class SourceAddress {
   bool isDatagrams() const { return datagrams_; }
   bool isRtp() const { return isRtp_; }
   bool isHttp() const { return isHttp_; }
+  // A session description, which says what is received and where.
+  bool isDescription() const { return isDescription_; }
 
   // Several readers may take it from one connection, because what comes can be joined at any time:
   // a transport stream by what the address says, or, with the program that is wanted of it, by what

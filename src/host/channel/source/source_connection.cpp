@@ -91,6 +91,21 @@ std::string Seconds(std::chrono::milliseconds limit) {
 
 }  // namespace
 
+bool MayShareConnection(const MediaSettings& settings) {
+  const bool hasProgram = settings.program.isGiven();
+  return ffmpeg::PipeInput::Serves(settings.source)
+             ? hasProgram
+             : SourceAddress(settings.source).isShareable(hasProgram);
+}
+
+std::string LateOpening(const MediaSettings& settings) {
+  return "did not open within " + Seconds(Milliseconds(settings.options.openLimit));
+}
+
+std::string LateData(const MediaSettings& settings) {
+  return "no data for " + Seconds(Milliseconds(settings.options.readLimit));
+}
+
 SourceConnection::SourceConnection(const MediaSettings& settings, std::function<bool()> isChanged)
     : settings_(settings),
       maskedSource_(ffmpeg::MaskUrl(settings_.source)),
@@ -118,9 +133,7 @@ void SourceConnection::FailFor(int code, bool opening) const {
   }
   // The packet that the ended call still gave may have come before its failure.
   if (deadline_.expired() || code == AVERROR_EXIT) {
-    Fail(MediaError::Kind::kTimedOut,
-         opening ? "did not open within " + Seconds(Milliseconds(settings_.options.openLimit))
-                 : "no data for " + Seconds(Milliseconds(settings_.options.readLimit)));
+    Fail(MediaError::Kind::kTimedOut, opening ? LateOpening(settings_) : LateData(settings_));
   }
   const std::string text = ffmpeg::ErrorText(code);
   if (opening && code == AVERROR(ENOENT)) {
@@ -210,9 +223,7 @@ bool SourceConnection::isPipe() const {
 }
 
 bool SourceConnection::isShared() const {
-  const bool hasProgram = settings_.program.isGiven();
-  return settings_.receivers != nullptr &&
-         (isPipe() ? hasProgram : address_.isShareable(hasProgram));
+  return settings_.receivers != nullptr && MayShareConnection(settings_);
 }
 
 void SourceConnection::Connect(ffmpeg::Options& options) {

@@ -20,6 +20,8 @@
 
 namespace host {
 
+class SharedInputs;
+
 // How a source is read.
 struct MediaSettings {
   std::string source;  // path or URL; "-": the standard input
@@ -29,6 +31,8 @@ struct MediaSettings {
   config::ProgramChoice program;
   // Null: the source has a connection of its own.
   std::shared_ptr<SharedReceivers> receivers;
+  // Null: the source has a demuxer of its own.
+  std::shared_ptr<SharedInputs> inputs;
   // Is shown in a live wall: a fast probe, and a file is repeated if its options say so.
   bool live = false;
   bool wantVideo = true;
@@ -39,6 +43,13 @@ struct MediaSettings {
   // is replaced after that many packets of a stream.
   int maxIndexEntries = 200'000;
 };
+
+// Several readers may take its bytes from one connection, each with a demuxer of its own: what
+// comes can be joined at any time.
+bool MayShareConnection(const MediaSettings& settings);
+// Why it fails when it is not open, or sends nothing, within the limit.
+std::string LateOpening(const MediaSettings& settings);
+std::string LateData(const MediaSettings& settings);
 
 // After that many read limits in a row without data, a source of datagrams is opened again after
 // all: a router may have dropped it.

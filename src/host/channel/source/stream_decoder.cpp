@@ -76,6 +76,12 @@ bool StreamDecoder::Fits(const AVStream& stream) const {
   return stream.codecpar->codec_id == codec_->codec_id;
 }
 
+ffmpeg::Parameters StreamDecoder::Form() const {
+  ffmpeg::Parameters form = ffmpeg::MakeParameters();
+  ffmpeg::Check(avcodec_parameters_from_context(form.get(), codec_.get()), "cannot decode");
+  return form;
+}
+
 void StreamDecoder::CountDamage() {
   ++damagedPackets_;
   ++damagedInARow_;

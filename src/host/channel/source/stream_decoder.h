@@ -155,6 +155,8 @@ class StreamDecoder {
 
   // False when the stream's codec has become another one since.
   bool Fits(const AVStream& stream) const;
+  // What it has found the stream to be. Throws ffmpeg::Error.
+  ffmpeg::Parameters Form() const;
   // Video comes, but its first keyframe is still to come.
   bool awaitsKeyframe() const { return gate_.has_value() && gate_->waits(); }
   std::uint64_t damagedPackets() const { return damagedPackets_; }

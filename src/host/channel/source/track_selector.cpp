@@ -121,7 +121,7 @@ bool TrackSelector::IsAwaited(const AVStream& stream) const {
 void TrackSelector::Choose() {
   AVFormatContext& context = input_.context();
   info_ = DescribeMedia(context);
-  knownStreams_ = context.nb_streams;
+  knownStreams_ = input_.openedStreams();
   decoder_.StartClock();
   for (unsigned i = 0; i < context.nb_streams; ++i) {
     context.streams[i]->discard = AVDISCARD_ALL;
@@ -152,7 +152,10 @@ void TrackSelector::Choose() {
 }
 
 void TrackSelector::ChooseProgram() {
-  const config::ProgramChoice wanted = input_.program();
+  config::ProgramChoice wanted = settings_.program;
+  if (const int number = input_.onlyProgram(); number != 0) {
+    wanted = {number, {}};
+  }
   if (!wanted.isGiven()) {
     return;
   }
@@ -252,9 +255,7 @@ void TrackSelector::Handle(ffmpeg::Packet packet) {
   }
   const Time duration = DurationOf(*packet);
   track(*kind)->failover.OnPacket(duration);
-  if (!input_.IsRepeated(*kind, *packet)) {
-    decoder_.Decode(*kind, std::move(packet), duration);
-  }
+  decoder_.Decode(*kind, std::move(packet), duration);
 }
 
 void TrackSelector::OnReplacedDemuxer() {
@@ -337,6 +338,9 @@ void TrackSelector::DetectNewStream(TrackKind kind, AVStream& stream, const AVPa
   try {
     StreamDecoder& decoder = awaited_.try_emplace(stream.index, stream, 1).first->second;
     decoder.Decode(packet, [&](const ffmpeg::Frame&) { begins = true; });
+    if (begins) {
+      input_.OnProbed(stream.index, *decoder.Form());
+    }
   } catch (const ffmpeg::Error&) {
     stream.discard = AVDISCARD_ALL;
   }

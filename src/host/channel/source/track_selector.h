@@ -12,7 +12,8 @@
 
 #include "host/channel/source/media_decoder.h"
 #include "host/channel/source/media_info.h"
-#include "host/channel/source/media_input.h"
+#include "host/channel/source/packet_source.h"
+#include "host/channel/source/source_connection.h"
 #include "host/channel/source/stream_decoder.h"
 #include "host/ffmpeg/handles.h"
 #include "host/units.h"
@@ -83,7 +84,7 @@ class StreamFailover {
 class TrackSelector {
  public:
   // All three outlive the selector.
-  TrackSelector(const MediaSettings& settings, MediaInput& input, MediaDecoder& decoder)
+  TrackSelector(const MediaSettings& settings, PacketSource& input, MediaDecoder& decoder)
       : settings_(settings), input_(input), decoder_(decoder) {}
 
   // Once the input is open. Throws MediaError when there is nothing to show.
@@ -128,7 +129,7 @@ class TrackSelector {
   Time DurationOf(const AVPacket& packet) const;
 
   const MediaSettings& settings_;
-  MediaInput& input_;
+  PacketSource& input_;
   MediaDecoder& decoder_;
   MediaInfo info_;
   ffmpeg::Parameters audioParameters_;
