@@ -295,7 +295,13 @@ TEST_F(SharedStreamTest, AudioThatBeginsLaterReachesOneReaderAndInterruptsNoOthe
   for (const auto& [before, after] : {std::pair(mute, whole), {alone, fuller}}) {
     Pipe pipe(folder_ / std::to_string(before.size()));
     pipe.Open();
-    pipe.Write(before);
+    // Again and again: a reader gets audio only from when it has chosen it.
+    std::atomic<const std::string*> sent = &before;
+    const std::jthread writing([&](const std::stop_token& stop) {
+      for (; !stop.stop_requested(); std::this_thread::sleep_for(milliseconds(50))) {
+        pipe.Write(*sent);
+      }
+    });
     MediaReader::Settings settings = SharedSource(pipe.path());
     settings.options.options = {{"probesize", "4000"}};
     MediaReader::Settings quiet = settings;
@@ -304,12 +310,7 @@ TEST_F(SharedStreamTest, AudioThatBeginsLaterReachesOneReaderAndInterruptsNoOthe
     other.WaitForFrames(1);
     auto reader = host::Opened(settings);
     EXPECT_FALSE(reader->info().audio);
-    // Again and again: a reader gets audio only from when it has chosen it.
-    const std::jthread writing([&](const std::stop_token& stop) {
-      for (; !stop.stop_requested(); std::this_thread::sleep_for(milliseconds(50))) {
-        pipe.Write(after);
-      }
-    });
+    sent = &after;
     EXPECT_THAT([&] { host::ReadAll(*reader); },
                 testing::Throws<host::MediaError>(
                     testing::Property(&host::MediaError::reason, "its audio begins")));
