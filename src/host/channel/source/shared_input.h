@@ -63,7 +63,10 @@ class SharedInput : public std::enable_shared_from_this<SharedInput> {
     std::shared_ptr<const AVFormatContext> streams;
   };
 
+  using SteadyClock = std::chrono::steady_clock;
   static constexpr std::chrono::milliseconds kMaxPause{1000};
+  // How long a reader that is cancelled may take to notice.
+  static constexpr std::chrono::milliseconds kNoticePeriod{20};
 
   // None once the last reader has left, or what was opened is not shared any more.
   std::unique_ptr<Subscription> Subscribe();
