@@ -187,7 +187,7 @@ bool ItemPlacer::Add(Time start, Time duration, ReadyLevels levels) {
              timeline_.Follow(start, settings_.now(), &start) != LiveTimeline::Fit::kFits) {
     return true;
   }
-  return Put(start, duration, std::move(levels));
+  return Put(start, duration, levels);
 }
 
 bool ItemPlacer::Put(Time start, Time duration, decltype(ChannelItem::content) content) {

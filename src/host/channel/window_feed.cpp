@@ -60,7 +60,7 @@ ComPtr<IMediaSample> WindowSizeFollower::Resized(IMediaSample* sample, const Win
   Time start = 0;
   Time stop = 0;
   sample->GetTime(&start, &stop);
-  const ComPtr<IMediaSample> resized = video_.NewFrame(start, stop, false, frameBytes());
+  ComPtr<IMediaSample> resized = video_.NewFrame(start, stop, false, frameBytes());
   BYTE* from = nullptr;
   BYTE* to = nullptr;
   if (!resized || FAILED(sample->GetPointer(&from)) || FAILED(resized->GetPointer(&to))) {

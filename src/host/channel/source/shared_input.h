@@ -198,6 +198,7 @@ class SharedInputs {
     Time readLimit = 0;
     bool repeat = false;
     int maxIndexEntries = 0;
+    // NOLINTNEXTLINE(modernize-use-nullptr): there is none
     auto operator<=>(const Key&) const = default;
   };
   static Key KeyOf(const MediaSettings& settings);

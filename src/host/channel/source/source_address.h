@@ -12,6 +12,7 @@ struct ReceiverAddress {
   std::string url;
   std::map<std::string, std::string> options;  // of the protocol
   bool isPipe = false;                         // the URL is the path of one
+  // NOLINTNEXTLINE(modernize-use-nullptr): there is none
   auto operator<=>(const ReceiverAddress&) const = default;
 };
 
