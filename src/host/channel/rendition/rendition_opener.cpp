@@ -39,7 +39,7 @@ Time NearestTurn(Time time, Time period, Time near) {
                                                               static_cast<double>(period)));
 }
 
-RenditionOpener::RenditionOpener(Settings settings)
+RenditionOpener::RenditionOpener(const Settings& settings)
     : state_(
           std::make_shared<State>(State{settings, std::make_shared<MediaReader>(settings.media)})),
       reader_(state_->reader),

@@ -60,7 +60,7 @@ class RenditionOpener {
     Clock::time_point arrival;  // of the frame
   };
 
-  explicit RenditionOpener(Settings settings);
+  explicit RenditionOpener(const Settings& settings);
   ~RenditionOpener();
   RenditionOpener(const RenditionOpener&) = delete;
   RenditionOpener& operator=(const RenditionOpener&) = delete;
