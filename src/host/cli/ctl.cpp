@@ -28,6 +28,7 @@ using Field = control::CommandField;
 
 }  // namespace
 
+// NOLINTNEXTLINE(bugprone-exception-escape): to move a JSON value throws nothing
 struct CtlOptions::Request {
   enum class Show { kResult, kStatus, kList, kHealth, kWatch };
 
