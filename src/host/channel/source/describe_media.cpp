@@ -350,28 +350,29 @@ Time WrapPeriod(const AVStream& stream) {
   return av_rescale_q(std::int64_t{1} << stream.pts_wrap_bits, stream.time_base, ffmpeg::kTimeUnit);
 }
 
-Time StartOf(const MediaItem& item) {
+namespace {
+
+// Start and duration; both are 0 at the end.
+std::pair<Time, Time> SpanOf(const MediaItem& item) {
   return std::visit(
-      [](const auto& each) -> Time {
+      [](const auto& each) -> std::pair<Time, Time> {
         if constexpr (std::is_same_v<std::decay_t<decltype(each)>, EndOfMedia>) {
-          return 0;
+          return {0, 0};
         } else {
-          return each.start;
+          return {each.start, each.duration};
         }
       },
       item);
 }
 
+}  // namespace
+
+Time StartOf(const MediaItem& item) {
+  return SpanOf(item).first;
+}
+
 Time DurationOf(const MediaItem& item) {
-  return std::visit(
-      [](const auto& each) -> Time {
-        if constexpr (std::is_same_v<std::decay_t<decltype(each)>, EndOfMedia>) {
-          return 0;
-        } else {
-          return each.duration;
-        }
-      },
-      item);
+  return SpanOf(item).second;
 }
 
 void Shift(MediaItem& item, Time by) {

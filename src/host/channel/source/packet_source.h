@@ -17,8 +17,8 @@ struct AVStream;
 
 namespace host {
 
-// An open source, whoever reads it from the network or the disk: its reader itself (MediaInput), or
-// one thread for several readers (SharedInput). It knows which streams are its reader's tracks.
+// An open source. Its reader itself reads it from the network or the disk (MediaInput), or one
+// thread does so for several readers (SharedInput). It knows which streams are its reader's tracks.
 //
 // Owned by one reader and called on its thread; Cancel by any thread.
 class PacketSource {

@@ -124,7 +124,7 @@ class SharedInput::Subscription final : public PacketSource {
   SourceKind kind() const override { return kind_; }
   unsigned openedStreams() const override { return openedStreams_; }
   const std::vector<std::string>& unknownOptions() const override { return unknownOptions_; }
-  // Of the source since it was subscribed to, whoever else reads it.
+  // Of the source since it was subscribed to: what other readers caused is counted, too.
   SourceCounts counts() const override;
   [[noreturn]] void Fail(MediaError::Kind kind, const std::string& reason) const override;
   void OnProbed(int index, const AVCodecParameters& form) override;
