@@ -80,7 +80,7 @@ std::string WallStatus::LiveLine() const {
                    static_cast<unsigned long long>(counters.composed)) +
       ChannelsText() +
       StringFormat("; late %llu, dropped %llu",
-                   static_cast<unsigned long long>(counters.late + counters.noFreeBuffer),
+                   static_cast<unsigned long long>(counters.late) + counters.noFreeBuffer,
                    static_cast<unsigned long long>(dropped)) +
       ReadText();
   if (timing.frames > 0) {

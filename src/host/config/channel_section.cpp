@@ -189,7 +189,7 @@ void ReadLabel(TableReader& reader, const FileContext& context, const std::strin
 
 std::string UseSource(TableReader& reader, const FileContext& context, const char* key,
                       const std::string& source) {
-  const std::string resolved = ResolveSource(source, context);
+  std::string resolved = ResolveSource(source, context);
   std::error_code ignored;
   if (LocalPath(source) && !std::filesystem::exists(resolved, ignored)) {
     reader.Warning(key, "names no file yet: " + resolved);

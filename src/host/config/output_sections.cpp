@@ -12,7 +12,7 @@ namespace host::config {
 
 namespace {
 
-constexpr Time kMaxSegment = 366 * 24 * (3600 * kSecond);
+constexpr Time kMaxSegment = Time{366} * 24 * 3600 * kSecond;
 constexpr std::int64_t kSmallestSegment = 1'000'000;  // bytes
 
 void ReadSegmentSize(TableReader& reader, std::int64_t& size) {

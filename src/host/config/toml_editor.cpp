@@ -183,10 +183,9 @@ void TomlEditor::Set(const toml::table& table, const Path& path, const std::stri
       replacements_[range.begin] = {range.end, value};
       return;
     }
-    const std::string key =
-        TomlKey(Path(path.begin() + static_cast<std::ptrdiff_t>(i), path.end()));
+    std::string key = TomlKey(Path(path.begin() + static_cast<std::ptrdiff_t>(i), path.end()));
     if (at->is_inline()) {
-      InsertInline(*at, key + " = " + value);
+      InsertInline(*at, key.append(" = ").append(value));
       return;
     }
     rest.insert(rest.end(), path.begin() + static_cast<std::ptrdiff_t>(i) + 1, path.end());

@@ -33,8 +33,8 @@ class OutputCounters {
       : channels_(channels), tracks_(std::make_unique<TrackCounters[]>(channels + 1)) {}
 
   // track: kVideo or the number of the channel, which the wall has.
-  TrackCounters& of(int track) { return tracks_[static_cast<std::size_t>(track + 1)]; }
-  const TrackCounters& of(int track) const { return tracks_[static_cast<std::size_t>(track + 1)]; }
+  TrackCounters& of(int track) { return tracks_[static_cast<std::size_t>(track) + 1]; }
+  const TrackCounters& of(int track) const { return tracks_[static_cast<std::size_t>(track) + 1]; }
   std::size_t channels() const { return channels_; }
 
  private:
