@@ -233,6 +233,7 @@ class PageTest(unittest.TestCase):
                 self.find({"layouts": "#layout-button", "add": "#add-button", "keys": "#help-button"}[state]).click()
             self.assertEqual(faults_of(self.browser), [], state)
             self.press(Keys.ESCAPE)
+            wait_for(lambda: not self.browser.find_elements(By.CSS_SELECTOR, "dialog[open]"), f"{state} is closed")
 
     def test_a_wall_that_was_started_again_is_right_again(self):
         self.boxes()
