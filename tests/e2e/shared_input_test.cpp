@@ -12,7 +12,7 @@ extern "C" {
 #include <libavcodec/packet.h>
 }
 
-#include "host/channel/source/describe_media.h"
+#include "host/channel/source/media_info.h"
 #include "host/channel/source/shared_input.h"
 #include "tests/e2e/wall_harness.h"
 #include "tests/host/clips.h"

@@ -10,7 +10,6 @@
 #include <optional>
 #include <string>
 
-#include "host/channel/decode_budget.h"
 #include "host/channel/decode_policy.h"
 #include "host/channel/source/shared_receiver.h"
 #include "host/channel/window_schedule.h"

@@ -15,7 +15,6 @@ extern "C" {
 }
 
 #include "host/channel/channel_life.h"
-#include "host/channel/decode_budget.h"
 #include "host/channel/video/frame_converter.h"
 #include "tests/host/clips.h"
 #include "tests/support/temporary_folder.h"

@@ -7,7 +7,7 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
-#include "host/channel/source/describe_media.h"
+#include "host/channel/source/media_info.h"
 #include "host/ffmpeg/error.h"
 #include "host/ffmpeg/time_unit.h"
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "host/channel/source/program_tables.h"
+#include "host/channel/source/psi_tables.h"
 #include "host/config/wall.h"
 
 namespace host {

@@ -14,7 +14,7 @@ extern "C" {
 #include <libavutil/error.h>
 }
 
-#include "host/channel/source/describe_media.h"
+#include "host/channel/source/media_info.h"
 #include "host/ffmpeg/error.h"
 #include "host/ffmpeg/inputs.h"
 #include "host/ffmpeg/mask.h"

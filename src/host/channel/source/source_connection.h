@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "host/channel/source/media_info.h"
-#include "host/channel/source/pmt_monitor.h"
 #include "host/channel/source/program_filter.h"
+#include "host/channel/source/psi_tables.h"
 #include "host/channel/source/rtp_receiver.h"
 #include "host/channel/source/shared_receiver.h"
 #include "host/channel/source/source_address.h"

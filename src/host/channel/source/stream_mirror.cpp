@@ -15,7 +15,7 @@ extern "C" {
 #include <libavutil/mem.h>
 }
 
-#include "host/channel/source/describe_media.h"
+#include "host/channel/source/media_info.h"
 
 namespace host {
 namespace {

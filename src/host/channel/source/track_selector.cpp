@@ -11,7 +11,7 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
-#include "host/channel/source/describe_media.h"
+#include "host/channel/source/media_info.h"
 #include "host/channel/source/program_filter.h"
 #include "host/ffmpeg/error.h"
 #include "host/ffmpeg/mask.h"

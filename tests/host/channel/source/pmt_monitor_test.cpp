@@ -1,6 +1,4 @@
 // A transport stream that is fed in pieces, whole and damaged.
-#include "host/channel/source/pmt_monitor.h"
-
 #include <algorithm>
 #include <cstdint>
 #include <random>
@@ -8,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include "host/channel/source/psi_tables.h"
 #include "tests/support/transport_stream.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "host/channel/source/describe_media.h"
+#include "host/channel/source/media_info.h"
 
 #include <algorithm>
 #include <array>
@@ -16,7 +16,6 @@ extern "C" {
 #include <libavutil/pixdesc.h>
 }
 
-#include "host/channel/source/media_info.h"
 #include "host/ffmpeg/mask.h"
 #include "host/ffmpeg/time_unit.h"
 
@@ -106,6 +105,50 @@ SourceKind SourceKindOf(const AVFormatContext& input) {
   return isFile ? SourceKind::kFile : SourceKind::kPull;
 }
 
+// Index of a stream that shows which program is meant: of no other one, where there is such.
+int RelatedStream(const AVFormatContext& input, const AVProgram& program) {
+  for (unsigned i = 0; i < program.nb_stream_indexes; ++i) {
+    const int index = static_cast<int>(program.stream_index[i]);
+    if (av_find_program_from_stream(const_cast<AVFormatContext*>(&input), nullptr, index) ==
+        &program) {
+      return index;
+    }
+  }
+  return -1;
+}
+
+int BestStream(const AVFormatContext& input, AVMediaType type, int related,
+               const AVProgram* program) {
+  if (program != nullptr && related < 0) {
+    related = RelatedStream(input, *program);
+  }
+  const int best =
+      av_find_best_stream(const_cast<AVFormatContext*>(&input), type, -1, related, nullptr, 0);
+  if (program == nullptr || (best >= 0 && IsIn(*program, best))) {
+    return best;
+  }
+  for (unsigned i = 0; i < program->nb_stream_indexes; ++i) {
+    const unsigned index = program->stream_index[i];
+    if (input.streams[index]->codecpar->codec_type == type) {
+      return static_cast<int>(index);
+    }
+  }
+  return AVERROR_STREAM_NOT_FOUND;
+}
+
+// Start and duration; both are 0 at the end.
+std::pair<Time, Time> SpanOf(const MediaItem& item) {
+  return std::visit(
+      [](const auto& each) -> std::pair<Time, Time> {
+        if constexpr (std::is_same_v<std::decay_t<decltype(each)>, EndOfMedia>) {
+          return {0, 0};
+        } else {
+          return {each.start, each.duration};
+        }
+      },
+      item);
+}
+
 }  // namespace
 
 MediaInfo DescribeMedia(const AVFormatContext& input) {
@@ -190,41 +233,6 @@ bool IsCoverArt(const AVStream& stream) {
   return (stream.disposition & (AV_DISPOSITION_ATTACHED_PIC | AV_DISPOSITION_TIMED_THUMBNAILS)) !=
          0;
 }
-
-namespace {
-
-// Index of a stream that shows which program is meant: of no other one, where there is such.
-int RelatedStream(const AVFormatContext& input, const AVProgram& program) {
-  for (unsigned i = 0; i < program.nb_stream_indexes; ++i) {
-    const int index = static_cast<int>(program.stream_index[i]);
-    if (av_find_program_from_stream(const_cast<AVFormatContext*>(&input), nullptr, index) ==
-        &program) {
-      return index;
-    }
-  }
-  return -1;
-}
-
-int BestStream(const AVFormatContext& input, AVMediaType type, int related,
-               const AVProgram* program) {
-  if (program != nullptr && related < 0) {
-    related = RelatedStream(input, *program);
-  }
-  const int best =
-      av_find_best_stream(const_cast<AVFormatContext*>(&input), type, -1, related, nullptr, 0);
-  if (program == nullptr || (best >= 0 && IsIn(*program, best))) {
-    return best;
-  }
-  for (unsigned i = 0; i < program->nb_stream_indexes; ++i) {
-    const unsigned index = program->stream_index[i];
-    if (input.streams[index]->codecpar->codec_type == type) {
-      return static_cast<int>(index);
-    }
-  }
-  return AVERROR_STREAM_NOT_FOUND;
-}
-
-}  // namespace
 
 const char* ServiceName(const AVProgram* program) {
   const AVDictionaryEntry* const entry =
@@ -349,23 +357,6 @@ Time WrapPeriod(const AVStream& stream) {
   }
   return av_rescale_q(std::int64_t{1} << stream.pts_wrap_bits, stream.time_base, ffmpeg::kTimeUnit);
 }
-
-namespace {
-
-// Start and duration; both are 0 at the end.
-std::pair<Time, Time> SpanOf(const MediaItem& item) {
-  return std::visit(
-      [](const auto& each) -> std::pair<Time, Time> {
-        if constexpr (std::is_same_v<std::decay_t<decltype(each)>, EndOfMedia>) {
-          return {0, 0};
-        } else {
-          return {each.start, each.duration};
-        }
-      },
-      item);
-}
-
-}  // namespace
 
 Time StartOf(const MediaItem& item) {
   return SpanOf(item).first;

@@ -1,16 +1,26 @@
-#include "host/channel/source/program_tables.h"
+#include "host/channel/source/psi_tables.h"
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <optional>
 #include <string_view>
 #include <utility>
+
+extern "C" {
+#include <libavutil/crc.h>
+}
 
 #include "host/ffmpeg/mask.h"
 #include "platform/os/charset.h"
 
 namespace host {
+
 namespace {
+
+constexpr std::size_t kLengthEnd = 3;  // table, flags and length
+constexpr std::size_t kCrc = 4;
+constexpr std::size_t kParity = 16;  // of a Reed-Solomon code, behind a packet
 
 constexpr std::uint8_t kServiceTable = 0x42;  // of this transport stream
 constexpr std::uint8_t kServiceDescriptor = 0x48;
@@ -19,7 +29,86 @@ constexpr std::size_t kMaxPrograms = 200;
 constexpr std::size_t kMaxStreams = 64;
 constexpr std::size_t kMaxServices = 1000;
 
+constexpr std::uint8_t kPrivateData = 6;
+
+// The descriptors that name a codec: registration, and the broadcasters' for AC-3, E-AC-3, DTS, AAC
+// and for what is no audio at all.
+bool NamesCodec(std::uint8_t tag) {
+  constexpr std::array<std::uint8_t, 8> kTags{0x05, 0x56, 0x59, 0x6A, 0x7A, 0x7B, 0x7C, 0x7F};
+  return std::find(kTags.begin(), kTags.end(), tag) != kTags.end();
+}
+
 }  // namespace
+
+std::size_t TransportPackets::NextSync(Bytes bytes) {
+  const auto isSync = [&](std::size_t at) { return at >= bytes.size() || bytes[at] == kSync; };
+  for (std::size_t at = 0; at < bytes.size(); ++at) {
+    if (bytes[at] == kSync && (isSync(at + kSize) || isSync(at + kSize + kParity))) {
+      return at;
+    }
+  }
+  return bytes.size();
+}
+
+void SectionReader::Follow(int pid) {
+  if (sections_.size() < kMaxPids) {
+    sections_.try_emplace(pid);
+  }
+}
+
+void SectionReader::Packet(Bytes packet, const Sink& sink) {
+  const bool isDamaged = (packet[1] & 0x80) != 0;
+  const bool startsSection = (packet[1] & 0x40) != 0;
+  const bool hasAdaptation = (packet[3] & 0x20) != 0;
+  const bool hasPayload = (packet[3] & 0x10) != 0;
+  const int pid = TransportPackets::PidOf(packet);
+  const auto followed = sections_.find(pid);
+  const std::size_t at = hasAdaptation ? std::size_t{5} + packet[4] : 4;
+  if (isDamaged || !hasPayload || followed == sections_.end() || at >= packet.size()) {
+    return;
+  }
+  const Bytes payload = packet.subspan(at);
+  // A packet that got lost in between is found by the CRC.
+  Section& bytes = followed->second;
+  if (!startsSection) {
+    if (!bytes.empty()) {
+      bytes.insert(bytes.end(), payload.begin(), payload.end());
+      TakeSections(pid, bytes, sink);
+    }
+    return;
+  }
+  const std::size_t rest = payload[0];  // of the section before
+  if (rest >= payload.size()) {
+    bytes.clear();
+    return;
+  }
+  const auto next = payload.begin() + 1 + static_cast<std::ptrdiff_t>(rest);
+  if (!bytes.empty()) {
+    bytes.insert(bytes.end(), payload.begin() + 1, next);
+    TakeSections(pid, bytes, sink);
+  }
+  bytes.assign(next, payload.end());
+  TakeSections(pid, bytes, sink);
+}
+
+void SectionReader::TakeSections(int pid, Section& bytes, const Sink& sink) {
+  constexpr std::uint8_t kStuffing = 0xFF;
+  while (bytes.size() >= kLengthEnd && bytes[0] != kStuffing) {
+    const std::size_t size = kLengthEnd + LengthAt(bytes, 1);
+    if (size > bytes.size()) {
+      return;
+    }
+    const Section section(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(size));
+    bytes.erase(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(size));
+    const bool isInForce = size >= kHeader + kCrc && (section[5] & 1) != 0;
+    if (isInForce && av_crc(av_crc_get_table(AV_CRC_32_IEEE), ~0U, section.data(), size) == 0) {
+      sink(pid, Bytes(section).first(size - kCrc));
+    }
+  }
+  if (!bytes.empty() && bytes[0] == kStuffing) {
+    bytes.clear();
+  }
+}
 
 std::string BroadcastText(std::span<const std::uint8_t> bytes) {
   static constexpr std::array<const char*, 0x16> kCharsets = {"ISO6937",
@@ -173,6 +262,60 @@ void ProgramTables::ReadNames() {
     program.name = name != names_.end() ? name->second : program.name;
   }
   ++version_;
+}
+
+PmtMonitor::PmtMonitor() {
+  sections_.Follow(SectionReader::kPatPid);
+}
+
+void PmtMonitor::Feed(Bytes bytes) {
+  packets_.Feed(bytes, [this](Bytes packet) {
+    sections_.Packet(packet, [this](int pid, Bytes section) {
+      if (pid == SectionReader::kPatPid && section[0] == SectionReader::kPatTable) {
+        ProgramAssociation(section);
+      } else if (pid != SectionReader::kPatPid && section[0] == SectionReader::kPmtTable) {
+        ProgramMap(section);
+      }
+    });
+  });
+}
+
+void PmtMonitor::ProgramAssociation(Bytes section) {
+  for (std::size_t at = SectionReader::kHeader; at + 4 <= section.size(); at += 4) {
+    const bool isProgram = (section[at] | section[at + 1]) != 0;  // 0: the network's table
+    if (isProgram) {
+      sections_.Follow(SectionReader::PidAt(section, at + 2));
+    }
+  }
+}
+
+void PmtMonitor::ProgramMap(Bytes section) {
+  std::size_t at = SectionReader::kHeader + 4;
+  if (at > section.size()) {
+    return;
+  }
+  at += SectionReader::LengthAt(section, at - 2);  // descriptors of the program
+  while (at + 5 <= section.size()) {
+    const std::uint8_t type = section[at];
+    const int pid = SectionReader::PidAt(section, at + 1);
+    const std::size_t end =
+        std::min(at + 5 + SectionReader::LengthAt(section, at + 3), section.size());
+    at += 5;
+    Form form{type};
+    while (type == kPrivateData && at + 2 <= end) {
+      const std::size_t next = std::min(at + 2 + section[at + 1], end);
+      if (NamesCodec(section[at])) {
+        form.insert(form.end(), section.begin() + static_cast<std::ptrdiff_t>(at),
+                    section.begin() + static_cast<std::ptrdiff_t>(next));
+      }
+      at = next;
+    }
+    at = end;
+    const auto [known, isNew] = forms_.try_emplace(pid, form);
+    if (!isNew && known->second != form) {
+      changed_.insert(pid);
+    }
+  }
 }
 
 }  // namespace host
