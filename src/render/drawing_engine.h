@@ -49,10 +49,6 @@ struct WindowOverlays {
   std::span<const float> Peaks() const { return std::span(peaks).first(Channels()); }
 };
 
-// Font size of the labels of a canvas, in points: 16 for 1080 lines, in proportion for others,
-// between 8 and 48.
-std::int32_t LabelFontSize(std::int32_t canvasHeight);
-
 // Where the label of a window lies: a quarter of the font size below it, as wide as the window and
 // four font sizes high. None when that is far outside of any canvas.
 std::optional<LabelRect> LabelRectOf(const WindowState& window, std::int32_t canvasHeight);

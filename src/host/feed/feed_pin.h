@@ -17,6 +17,7 @@
 #include "platform/baseclasses/mtype.h"
 #include "platform/com/com.h"
 #include "util/exceptions.h"
+#include "util/yv12.h"
 
 namespace host {
 
@@ -134,7 +135,7 @@ CMediaType VideoAlarmType();
 
 // Bytes of a packed YV12 frame.
 constexpr LONG FrameBytes(int width, int height) {
-  return width * height / 2 * 3;
+  return static_cast<LONG>(qorp::PictureBytes(width, height));
 }
 
 }  // namespace host
