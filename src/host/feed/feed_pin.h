@@ -86,8 +86,6 @@ class FeedPin final : public CBaseOutputPin {
   HRESULT DecideAllocator(IMemInputPin* pin, IMemAllocator** allocator) override;
   HRESULT DecideBufferSize(IMemAllocator* allocator, ALLOCATOR_PROPERTIES* request) override;
 
-  // Another type (and buffer size) for the next connection. Only while unconnected.
-  void Offer(CMediaType type, Buffers buffers);
   // The allocator for the next connection; without it the pin makes one of plain memory.
   void UseAllocator(ComPtr<IMemAllocator> allocator) { ownAllocator_ = std::move(allocator); }
   // The same for frames, whose size may change: see NewFrame.
