@@ -84,8 +84,8 @@ TEST_F(LogReading, FollowsAWriterThroughWrapsAndRestarts) {
   EXPECT_EQ(result.state, LogFileReader::State::kUnreadable);
   EXPECT_EQ(result.error, os::kErrorFileNotFound);
   int next = 0;
-  // Every number of lines at once that does not overrun the reader, over several rounds; a new
-  // writer each time, whose numbers step back.
+  // Every batch size that does not overrun the reader, over several rounds; a new writer each time,
+  // whose numbers step back.
   for (int step = 0; step < 300; ++step) {
     const int count = step % 15;
     if (count > 0) {

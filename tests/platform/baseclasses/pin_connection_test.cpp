@@ -10,7 +10,7 @@ using fakes::Source;
 
 class PinConnectionTest : public testing::Test {
  protected:
-  // Connected pins hold each other, and so their filters, until somebody parts them.
+  // Connected pins hold each other, and so their filters, until they are disconnected.
   void TearDown() override {
     sink_->Forget();
     source_->Stop();
