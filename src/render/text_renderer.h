@@ -37,7 +37,7 @@ std::optional<LabelColour> ReadLabelColour(std::string_view text);
 // changed. It is unchanged when the last committed drawing was made with an equal value. The very
 // first assignment always counts as a change.
 //
-// Owned by what draws; no lock. T is compared with ==; assigning an equal value copies nothing.
+// No lock. T is compared with ==; assigning an equal value copies nothing.
 template <typename T>
 class TrackedSetting {
  public:

@@ -145,8 +145,8 @@ TEST_F(BoundaryTest, AnAllocatorThatRanOutOfMemoryIsUsable) {
   }
 }
 
-// The sanitizer that looks at the types of objects opens descriptors itself and ends the program
-// when it gets none.
+// The sanitizer opens descriptors itself to check the types of objects, and ends the program when
+// it gets none.
 #ifndef __SANITIZE_ADDRESS__
 
 TEST_F(BoundaryTest, ARefusedThreadOrKernelObjectIsAResultCode) {

@@ -274,7 +274,7 @@ TEST_F(FrameLoopTest, AFaultDropsItsFrameAndIsLoggedOnceUntilAFrameSucceeds) {
 
 TEST_F(FrameLoopTest, AVideoAlarmShowsThroughTheMeterOnly) {
   MakeWithAlarms();
-  const REFERENCE_TIME shown = 10000000;  // the time of the second picture's display
+  const REFERENCE_TIME shown = 10000000;  // the time of the second frame's display
   const ComPtr<IMediaSample> raised = video_->NewSample(kFrame, kFrame + 1);
   Pixels(raised.Get())[0] = 1;
   ASSERT_EQ(video_->Send(raised.Get()), S_OK);

@@ -209,7 +209,7 @@ TEST_F(LogFile, ReadsAFileThatItMayNotWrite) {
 
 TEST(LogHistory, ClampsARangeToItsLines) {
   LogHistory history(3);
-  for (int number = 4; number <= 7; ++number) {  // 4 goes when 7 comes
+  for (int number = 4; number <= 7; ++number) {  // 7 replaces 4
     history.Insert(number, {1, 1763286194123, kTimeText, std::to_string(number)});
   }
   for (const auto& [first, last, any, clampedFirst, clampedLast] :

@@ -1,6 +1,6 @@
 // Every fast version of the drawing's loops gives the bytes of the reference implementation, and
-// touches nothing beside its rectangle or its blocks; the overlays that are made with them blend as
-// their samples say.
+// touches nothing beside its rectangle or its blocks; the overlays that are made with them blend
+// like their samples.
 #include <algorithm>
 #include <array>
 #include <cstdint>

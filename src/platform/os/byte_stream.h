@@ -45,7 +45,7 @@ class ByteSink {
   enum class Result {
     kWritten,
     kFull,  // nothing could be written in time
-    kGone,  // nobody reads any more
+    kGone,  // the reader has gone
     kFailed,
   };
 

@@ -116,7 +116,7 @@ class Semaphore final : public Waitable {
   // when the system refuses it.
   explicit Semaphore(std::int32_t initial, std::int32_t maximum = 0x7FFFFFFF);
 
-  // Adds count (at least 1). False, with nothing changed, when that would pass the maximum.
+  // Adds count (at least 1). False, with nothing changed, when that would exceed the maximum.
   bool Release(std::int32_t count = 1);
 
  private:

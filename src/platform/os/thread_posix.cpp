@@ -57,7 +57,7 @@ void Waitable::Signal::EndWait() noexcept {
   Follow();
 }
 
-// The calls cannot fail: the counter goes between 0 and 1, and the descriptor is open.
+// The calls cannot fail: the counter is 0 or 1, and the descriptor is open.
 void Waitable::Signal::Follow() noexcept {
   const bool wanted = signalled_.load(std::memory_order_relaxed) && waiters_ > 0;
   if (wanted && !raised_) {

@@ -130,7 +130,7 @@ class TextPainter {
 
   // No text (width 0) when a side is out of range. Without a font nothing is drawn. An unpaired
   // surrogate or a NUL is painted as U+FFFD; of a text of many thousand characters only the start
-  // is looked at.
+  // is painted.
   PaintedText Paint(const TextPainting& painting);
 
   // Characters of the last painting for which no font has a glyph: they show as boxes.
