@@ -102,7 +102,7 @@ TEST_F(FrameLoopTest, DrawsEachWindowOneLatencyAfterItsSource) {
   EXPECT_EQ(shown[119], 59);
 }
 
-TEST_F(FrameLoopTest, ADisabledWindowIsNotDrawnButContinuesToReleaseItsPictures) {
+TEST_F(FrameLoopTest, ADisabledWindowIsNotDrawnButContinuesToReleaseItsFrames) {
   MakeRunning(1, 16, 16);
   windows_[0]->Set({.enabled = false});
   for (int i = 0; i < 300; ++i) {
@@ -133,11 +133,11 @@ TEST_F(FrameLoopTest, FollowsAChangeOfSizeInTheStream) {
 
 // The parameter says at which reading of the picked sample the next one arrives: its type and its
 // time are read while it is picked, then its type (3), then its time (4).
-class PickedPictureTest : public FrameLoopTest, public testing::WithParamInterface<int> {};
+class PickedFrameTest : public FrameLoopTest, public testing::WithParamInterface<int> {};
 
-INSTANTIATE_TEST_SUITE_P(Readings, PickedPictureTest, testing::Values(3, 4));
+INSTANTIATE_TEST_SUITE_P(Readings, PickedFrameTest, testing::Values(3, 4));
 
-TEST_P(PickedPictureTest, IsReadWhileNoFormatMovesToIt) {
+TEST_P(PickedFrameTest, IsReadWhileNoFormatMovesToIt) {
   constexpr int kWatched = 41;
   constexpr int kFull = CComposeInputVideoWindowPin::kResyncHighWater;
   MakeRunning(1, 16, 16);
@@ -176,14 +176,11 @@ TEST_P(PickedPictureTest, IsReadWhileNoFormatMovesToIt) {
   DeleteMediaType(type);
 }
 
-TEST_F(FrameLoopTest, APictureSmallerThanItsTypeSaysIsNotDrawn) {
+TEST_F(FrameLoopTest, AFrameSmallerThanItsTypeSaysIsNotDrawn) {
   MakeRunning(1, 16, 16);
-  constexpr LONG kMost = std::numeric_limits<LONG>::max();
-  for (const auto& [width, height] : {std::pair<LONG, LONG>{64, 64},
-                                      {kMost, kMost},
-                                      {-16, 16},
-                                      {-kMost, -kMost},
-                                      {46341, 46341}}) {
+  constexpr LONG kMax = std::numeric_limits<LONG>::max();
+  for (const auto& [width, height] :
+       {std::pair<LONG, LONG>{64, 64}, {kMax, kMax}, {-16, 16}, {-kMax, -kMax}, {46341, 46341}}) {
     static_cast<CComposeInputVideoWindowPin*>(composer_->GetPin(2))->FlushSamples();
     SendTyped(fakes::Yv12Type(width, height, kFrame), 0);
     EXPECT_EQ(Luma(Compose(0).Get(), 0, 0), 16) << width << "x" << height;
@@ -191,7 +188,7 @@ TEST_F(FrameLoopTest, APictureSmallerThanItsTypeSaysIsNotDrawn) {
 }
 
 // What is drawn is not defined, but every frame must be delivered; the sanitizers check the rest.
-TEST_F(FrameLoopTest, GoesOnWithTimesAndSizesAtTheEndsOfTheirRanges) {
+TEST_F(FrameLoopTest, ContinuesWithTimesAndSizesAtTheEndsOfTheirRanges) {
   Make(1, -1);
   ConnectBackground();
   ConnectWindow(0, 16, 16);

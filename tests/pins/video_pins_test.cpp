@@ -170,7 +170,7 @@ TEST_F(ComposerFixture, AllocatorsOfWindowsHaveEightyBuffersOrMoreOrAreRefused) 
   }
 }
 
-TEST_F(ComposerFixture, ABackgroundStampsWhatComesWithoutATimeAndTakesAStartAlone) {
+TEST_F(ComposerFixture, ABackgroundTimestampsSamplesWithoutATimeAndTakesAStartAlone) {
   MakeRunning(0, 0, 0);
   ASSERT_EQ(SendBackground(10 * kFrame), S_OK);
   ASSERT_EQ(SendBackground(std::nullopt), S_OK);
