@@ -172,8 +172,8 @@ LogFileReader::Snapshot LogFileReader::TakeSnapshot() {
   if (!newest.empty() && newest.back().end > head) {
     return {};
   }
-  // The writer has overwritten the lines up to its new head, which may be beyond the end of the
-  // file.
+  // Drops what the writer has overwritten meanwhile: from the old head to the new one, possibly
+  // round the end of the file.
   const std::uint64_t movedTo = file_.head();
   if (movedTo != head) {
     const auto isUnsafe = [&](const PlacedLine& line) {

@@ -79,7 +79,7 @@ class LogHistory {
  private:
   using Lines = std::map<std::int64_t, LogHistoryEntry>;
 
-  // Only when there are lines.
+  // Requires that there are lines.
   bool Resolve(std::int64_t* first, std::int64_t* last) const REQUIRES(lock_);
 
   const std::size_t capacity_;

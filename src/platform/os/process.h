@@ -26,11 +26,11 @@ struct SystemStatistics {
 
 SystemStatistics ReadSystemStatistics();
 
-// Large blocks are then allocated outside the heap and returned to the system when they are freed.
-// By default the C library raises that size with every large block that is freed; frames end up
-// between small long-lived blocks, and a program that runs for months keeps growing. Once, before
-// the first thread. Each block of 256 KB and more then costs a system call, so code that needs many
-// pools them.
+// Makes the C library allocate large blocks outside the heap and return them to the system when
+// they are freed. By default it raises the size of such blocks with every one that is freed; frames
+// end up between small long-lived blocks, and a program that runs for months keeps growing. Once,
+// before the first thread. Each block of 256 KB and more then costs a system call, so code that
+// needs many pools them.
 void KeepLargeBlocksOutOfHeap();
 
 // Absolute path of the library or program that holds address; empty when none does.

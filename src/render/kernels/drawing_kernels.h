@@ -113,13 +113,13 @@ std::span<const DrawingKernels* const> AllKernels();
 const DrawingKernels& CurrentKernels();
 void UseKernels(const DrawingKernels& chosen);
 
-// The visible columns of a bar in one plane: its sides, which are half blended, and the of the
-// opaque columns between them.
+// The visible columns of a bar in one plane: its sides, which are half blended, and the opaque ones
+// between them.
 struct BarColumns {
   std::int32_t left;  // -1 when it is not visible
   std::int32_t right;
-  std::int32_t first;  // opaque ones
-  std::int32_t opaque;
+  std::int32_t first;   // of the opaque columns
+  std::int32_t opaque;  // their number
 };
 
 // A pattern of eight values up to 7, the dither of a bar's luma.
