@@ -103,7 +103,7 @@ bool BarFits(const SelectorBar& bar, std::int32_t W, std::int32_t H) {
          std::int64_t{bar.y} + bar.h < H;
 }
 
-// Where a bar of some thickness starts that ends with the window.
+// Start of a bar of this thickness that ends at the window's right or bottom edge.
 std::int32_t FarEdge(std::int32_t position, std::int32_t size, std::int32_t thickness) {
   return static_cast<std::int32_t>(std::clamp<std::int64_t>(
       std::int64_t{position} + size - thickness, std::numeric_limits<std::int32_t>::min(),

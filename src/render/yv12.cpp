@@ -7,8 +7,8 @@
 
 namespace {
 
-// The canvas is larger than the caches and its rows lie pages apart, where no hardware looks ahead:
-// a row is asked for while the ones before it are being written.
+// The canvas is larger than the caches and its rows lie pages apart, where the hardware does not
+// prefetch: a row is prefetched while the ones before it are being written.
 constexpr std::int32_t kRowsAhead = 4;
 
 void CopyRows(const std::uint8_t* from, std::ptrdiff_t fromStride, std::uint8_t* to,

@@ -1,4 +1,4 @@
-// What writes into YV12 pictures: copy and fill.
+// YV12 frames and the primitives that write into them: copy and fill.
 #pragma once
 
 #include <cstddef>
@@ -16,7 +16,7 @@ using qorp::Yv12Picture;
 
 enum class Plane { Y, V, U };
 
-// Copies the w x h pixels of the YV12 picture src to (x, y) of the canvas, 1:1, as far as they lie
+// Copies the w x h pixels of the YV12 frame src to (x, y) of the canvas, 1:1, as far as they lie
 // inside it. x and y are even. Of an odd number of visible rows the last one keeps the canvas's
 // chroma.
 void CopyPictureClipped(const std::uint8_t* src, std::int32_t w, std::int32_t h,

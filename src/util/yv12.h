@@ -1,4 +1,4 @@
-// Where the planes of a packed YV12 picture lie.
+// Where the planes of a packed YV12 frame lie.
 #pragma once
 
 #include <array>
@@ -7,7 +7,7 @@
 
 namespace qorp {
 
-// One 8-bit planar picture, seen but not owned. The planes lie behind one another without padding:
+// A view of one 8-bit planar frame, not owned. The planes follow one another without padding:
 //
 //   plane    offset              bytes          row stride   covers
 //   Y        0                   W*H            W            one sample for each pixel
@@ -38,8 +38,8 @@ struct Yv12Planes {
 using Yv12Picture = Yv12Planes<std::uint8_t>;
 using ConstYv12Picture = Yv12Planes<const std::uint8_t>;
 
-// Bytes of a YV12 picture of width x height pixels, exact for every size: what buffers are checked
-// against.
+// Bytes of a YV12 frame of width x height pixels, exact for every size; buffers are checked against
+// it.
 constexpr std::int64_t PictureBytes(std::int32_t width, std::int32_t height) {
   const std::int64_t area = std::int64_t{width} * height;
   return area + area / 2;
@@ -52,8 +52,8 @@ constexpr std::int32_t AnnouncedPictureBytes(std::int32_t width, std::int32_t he
          2;
 }
 
-// Where the chroma sample that covers luma pixel (x, y) lies in the V and in the U plane of a
-// picture `width` pixels wide.
+// Index, in the V and in the U plane of a frame `width` pixels wide, of the chroma sample that
+// covers luma pixel (x, y).
 constexpr std::ptrdiff_t ChromaIndex(std::int32_t x, std::int32_t y, std::int32_t width) {
   return x / 2 + static_cast<std::ptrdiff_t>(width / 2) * (y / 2);
 }
