@@ -14,7 +14,7 @@ namespace host {
 
 namespace {
 
-// For a thread whose consumers take nothing any more.
+// How long the destructor waits for the thread.
 constexpr int kFinishLimit = 500;  // milliseconds
 
 }  // namespace
@@ -43,14 +43,15 @@ struct EncoderThread::Work {
   void OnFailure(const std::string& reason);
 
   const Settings settings;
-  std::optional<VideoEncoder> encoder;  // none after a failure; the thread's once it runs
+  std::optional<VideoEncoder>
+      encoder;  // none after a failure; from here to failed: the thread's own
   const ffmpeg::Parameters parameters;
-  std::optional<Time> gridStart;    // of the keyframes of all encoders
-  std::chrono::milliseconds delay;  // the thread's own, as is all up to here
+  std::optional<Time> gridStart;    // of the keyframes
+  std::chrono::milliseconds delay;  // until it is opened again
   Clock::time_point openedAt;
   Clock::time_point openAgainAt;
   std::int64_t inside = 0;  // frames that the encoder holds
-  bool failed = false;      // nothing was encoded since
+  bool failed = false;      // no packet came since
   std::vector<Consumer> consumers;
   BoundedQueue<Picture> queue;
   std::atomic<std::uint64_t> dropped{0};
@@ -121,7 +122,7 @@ bool EncoderThread::Finish(std::chrono::milliseconds limit) {
   Close();
   const bool ended = WaitForEnd(limit);
   if (!ended) {
-    // Whatever still waits is composed in memory that goes with the composer.
+    // Frames that still wait are in buffers of the composer, which may be destroyed next.
     while (work_->queue.PopFor(std::chrono::milliseconds(0)).has_value()) {
     }
   }
@@ -203,7 +204,7 @@ void EncoderThread::Work::Run() {
       OnFailure(error.what());
     }
   }
-  // What comes from now on is not kept.
+  // Frames that come from now on are not kept.
   ended = true;
   queue.Close();
   while (queue.Pop().has_value()) {

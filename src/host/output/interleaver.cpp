@@ -21,7 +21,7 @@ Time Middle(const AVPacket& packet) {
   return packet.dts + packet.duration / 2;
 }
 
-// The machine may have slept for days.
+// The most silence that fills one gap: the machine may have slept for days.
 constexpr Time kMaxFilled = 60 * kSecond;
 
 }  // namespace

@@ -21,7 +21,7 @@ namespace {
 constexpr Time kKeyframeInterval = kSecond;
 constexpr double kQuality = 23;
 constexpr std::chrono::milliseconds kRetry{1000};  // after a failure of the encoder
-// How long a viewer that has left may be unnoticed when no frame comes.
+// How long it may take to notice that a viewer has left when no frame comes.
 constexpr std::chrono::milliseconds kLookPeriod{500};
 constexpr int kPixelsForOneThread = 1280 * 720;
 
@@ -73,7 +73,7 @@ struct Preview::Encoding {
     ffmpeg::Check(av_frame_get_buffer(picture.get(), 0), "cannot make a picture to encode");
   }
 
-  // False when there is nothing to be scaled.
+  // False when the sample holds no whole frame.
   bool Scale(const ComPtr<IMediaSample>& sample) {
     BYTE* start = nullptr;
     const std::size_t luma =

@@ -1,4 +1,4 @@
-// Preview: the composed frames in a small size, encoded while somebody looks.
+// Preview: the composed frames in a small size, encoded while somebody watches.
 #pragma once
 
 #include <atomic>
@@ -22,11 +22,11 @@
 
 namespace host {
 
-// Has a thread of a low priority that takes the newest frame, scales it and encodes it as H.264,
-// without reordering: one fragment for each frame. A frame that comes before the one before it is
-// taken replaces it. The encoder is opened for the first viewer and freed when the last one has
-// left. There is a keyframe every second; a viewer that joins gets one at once, but no more than
-// one in a second is made for that.
+// Has a thread of low priority that takes the newest frame, scales it and encodes it as H.264,
+// without reordering: one fragment for each frame. A new frame replaces one that still waits. The
+// encoder is opened for the first viewer and freed when the last one has left. There is a keyframe
+// every second; a viewer that joins gets one at once, but no more than one in a second is made for
+// that.
 //
 // Take is the composition thread's; the rest may be called by any thread.
 class Preview {
@@ -47,10 +47,10 @@ class Preview {
   Preview(const Preview&) = delete;
   Preview& operator=(const Preview&) = delete;
 
-  // Of every frame that is composed; returns at once. No more than two are kept, the
-  // one that waits and the one that is being scaled.
+  // Every composed frame; returns at once. No more than two are kept, the one that waits and the
+  // one that is being scaled.
   void Take(const ComPtr<IMediaSample>& frame, Time start);
-  // Nobody subscribes any more when the preview is destroyed.
+  // Nobody may subscribe while the preview is destroyed, or later.
   const std::shared_ptr<FragmentFeed>& feed() const { return feed_; }
   Status status() const;
 
@@ -61,14 +61,14 @@ class Preview {
     Time start = 0;
     std::uint64_t number = 0;
   };
-  // What there is while somebody looks.
+  // Exists while there are viewers.
   struct Encoding;
 
   void Join();
   void Say(const std::string& what) const;
   void Run();
   void WaitForViewer();
-  // None when the preview ends or nobody looks any more.
+  // None when the preview ends or the last viewer has left.
   std::optional<Picture> Next();
   // Releases the frame as soon as it is scaled.
   void Encode(Picture& picture);
