@@ -37,9 +37,9 @@ class PacedSender {
     return (framing_ == Framing::kRtp ? "rtp://127.0.0.1:" : "udp://127.0.0.1:") +
            std::to_string(port_);
   }
-  // Another clip of the same length, from its beginning; it outlives the sender.
+  // Changes to another clip of the same length, from its beginning; it outlives the sender.
   void SendFromNowOn(const std::string& clip) { clip_ = &clip; }
-  // From now on the packets of RTP are those of another sender, with numbers of its own.
+  // From now on RTP packets have another SSRC and sequence numbers of their own.
   void ChangeIdentity() { ++identity_; }
 
  private:

@@ -63,7 +63,7 @@ TEST_F(RenderTest, ShowsEveryClipInItsPlaceFromItsFirstPictureOn) {
       ASSERT_GE(number, 0) << c.name << " in frame " << n;
       const double shown = number / c.framesPerSecond;
       const double due = static_cast<double>(frames[n].time) / kSecond;
-      // The nearest picture; of a source that is faster than the canvas, one of those left.
+      // The nearest frame; of a source that is faster than the canvas, one of those left.
       const double pictures = c.framesPerSecond > 25 ? 25 / 1.3 : c.framesPerSecond;
       EXPECT_NEAR(shown, due, 0.5 / pictures + 0.001) << c.name << " in frame " << n;
     }
@@ -102,7 +102,7 @@ TEST_F(RenderTest, GivesTheSamePicturesEachTime) {
     ASSERT_EQ(first[n].time, second[n].time);
     ASSERT_TRUE(first[n].pixels == second[n].pixels) << "frame " << n << " differs";
   }
-  // 30 to 70 pictures of nine clips, twice.
+  // 30 to 70 frames of nine clips, twice.
   EXPECT_EQ(wall_.logger().Counts().decodedPictures, 2 * 9 * 50);
   EXPECT_EQ(wall_.logger().Counts().discontinuities, 0);
 }
@@ -140,7 +140,7 @@ TEST_F(RenderTest, GoesOnWhenChannelsEndOrCannotBeUsed) {
   EXPECT_TRUE(channels.Opened("audio")) << "a channel may be heard only";
 }
 
-// A picture that is black from its second second to its fourth, and one that stands still then.
+// Video that is black from its second second to its fourth, and video that is frozen then.
 TEST_F(RenderTest, ShowsTheAlarmsOfPictureAndAudioInTheMeterWhileTheyLast) {
   struct Case {
     const char* name;
@@ -252,7 +252,7 @@ TEST_F(RenderTest, SaysWhyAMeterIsEmpty) {
   EXPECT_EQ(captions.size(), 6U) << "none for the first two, the two undecodable ones alike";
 }
 
-// Its source has the wall's rate, so that no picture is looked at twice.
+// Its source has the wall's rate, so that the composer looks at no frame twice.
 TEST_F(RenderTest, ShowsTheSizeOfAWindowAtWhateverMomentItIsShown) {
   const std::string clip = Clip("steady", "25", 100);
   wall_.AddChannel(clip, {100, 0, 64, 48});
@@ -291,7 +291,7 @@ TEST_F(RenderTest, ShowsTheSizeOfAWindowAtWhateverMomentItIsShown) {
   }
 }
 
-// Sizes, places and showing of all windows change on one composed frame, whatever the rates of
+// Sizes, places and visibility of all windows change on one composed frame, whatever the rates of
 // their sources: neither an old size at a new place, nor one window before another.
 TEST_F(RenderTest, ChangesTheWholeLayoutOnOneFrame) {
   for (const char* const rate : {"25", "2", "50", "30000/1001"}) {

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""The wall on a screen: a virtual X display is looked at, clicked into, and taken away."""
+"""The wall on a virtual X display, which is read, clicked into and taken away."""
 import array
 import json
 import os
@@ -170,7 +170,7 @@ def main(program, picture=None):
         display = Display()
         wall = Wall(program, folder, display)
         try:
-            # The picture on the display is the composed one.
+            # The display shows the composed frame.
             mistakes = ["nothing yet"]
 
             def is_right():
@@ -206,7 +206,7 @@ def main(program, picture=None):
             wait_until("all again", lambda: not [
                 m for m in Shown(display).wrong() if not m.startswith("A")])
 
-            # Without its display the wall runs on; the screen comes back with it.
+            # Without its display the wall continues; the screen comes back with it.
             before = wall.screen()["frames"]
             display.end()
             wait_until("a reason", lambda: wall.said("the connection to its display was lost"))
@@ -219,7 +219,7 @@ def main(program, picture=None):
                 m for m in Shown(display).wrong() if not m.startswith("A")])
             wait_until("frames", lambda: wall.screen()["frames"] > before)
 
-            # The operator closes the window: it stays closed, and the wall runs on.
+            # The operator closes the window: it stays closed, and the wall continues.
             window = subprocess.run(["xdotool", "search", "--name", "wall"], check=True, text=True,
                                     env=display.environment, capture_output=True).stdout.split()[0]
             close_window(display, window)

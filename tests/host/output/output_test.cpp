@@ -26,7 +26,7 @@ Muxer::Settings To(const std::filesystem::path& file) {
   return settings;
 }
 
-// A flat picture that differs from moment to moment.
+// A flat frame that differs with every step.
 Yv12Buffer Moment(int step) {
   Yv12Buffer picture(96, 64);
   picture.Fill({40 + step * 2, 90 + step, 160 - step});

@@ -204,7 +204,7 @@ TEST_F(InterleaverTest, MovesWhatWaitsWhenTheChannelIsReSynchronised) {
     Audio(i * 20, 0, 1000);
   }
   Video(40);
-  // 30 ms earlier: what would stand at 10 has no place any more.
+  // 30 ms earlier: what would move to 10 ms has no place.
   Audio(70, 0, 970);
   Video(1000);
   EXPECT_EQ(
@@ -221,7 +221,7 @@ TEST_F(InterleaverTest, MovesWhatWaitsWhenTheChannelIsReSynchronised) {
 TEST_F(InterleaverTest, LeavesOutAndCountsWhatHasNoPlace) {
   Video(0);
   for (const Time time : {0, 20, 40, 60, 21}) {
-    Audio(time);  // the last one takes the place of others
+    Audio(time);  // the last one replaces others
   }
   EXPECT_EQ(LeftOut(), 3U);
   Video(1000);
