@@ -161,7 +161,7 @@ TEST_F(IngestTest, ACameraThatNeverAnswersStopsNobodyFromLeavingIt) {
 }
 
 // What no decoder can decode comes with audio, in order and in time.
-TEST_F(IngestTest, PicturesThatCannotBeDecodedAreNoticedThoughPacketsCome) {
+TEST_F(IngestTest, FramesThatCannotBeDecodedAreNoticedThoughPacketsCome) {
   const std::string good = TransportStream(folder_, "good");
   const std::string bad = WithoutDecodableFrames(good);
   const std::string empty = WithoutFrames(good);
@@ -184,7 +184,7 @@ TEST_F(IngestTest, PicturesThatCannotBeDecodedAreNoticedThoughPacketsCome) {
 }
 
 // Of a source with 40 frames from one keyframe to the next, all frames of one GOP are damaged.
-TEST_F(IngestTest, WhatFollowsADamagedKeyPictureComesBackWithTheNext) {
+TEST_F(IngestTest, WhatFollowsADamagedKeyframeComesBackWithTheNext) {
   host::ClipRecipe recipe = Recipe(4 * kSecond);
   recipe.videoOptions["g"] = "40";
   const std::filesystem::path file = folder_ / "damaged.ts";
@@ -236,7 +236,7 @@ TEST_F(IngestTest, FastSendersAndThoseThatBeginAgainInterruptNothing) {
   ASSERT_TRUE(WaitFor("fast", 0, "live"));
   ASSERT_TRUE(WaitFor("rtp", 0, "live"));
   for (int i = 0; i < 8; ++i) {
-    changing.ChangeIdentity();
+    changing.ChangeSsrc();
     Pass(*session, kSecond);
   }
   session->Stop();

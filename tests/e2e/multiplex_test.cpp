@@ -163,7 +163,7 @@ class ServiceReader {
         while (static_cast<int>(numbers.size()) < kFrames) {
           const host::MediaItem item = reader.Read();
           if (const auto* const frame = std::get_if<host::DecodedFrame>(&item)) {
-            numbers.push_back(e2e::PictureNumber(frame->frame->data[0][0]));
+            numbers.push_back(e2e::FrameNumber(frame->frame->data[0][0]));
             jumped = jumped || frame->discontinuity;
           }
         }

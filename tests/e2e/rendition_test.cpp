@@ -146,7 +146,7 @@ struct Reading {
       NoteChange();
       if (const auto* const frame = std::get_if<host::DecodedFrame>(&item)) {
         starts.push_back(frame->start);
-        numbers.push_back(e2e::PictureNumber(frame->frame->data[0][0]));
+        numbers.push_back(e2e::FrameNumber(frame->frame->data[0][0]));
         ++frames;
         if (frame->frame->width == width && ++right > 30) {
           return;
@@ -300,7 +300,7 @@ TEST_F(RenditionWallTest, AWindowShowsEveryFrameWhenItsSizeChanges) {
   const auto session = wall.MakeLive([&](const ComPtr<IMediaSample>& sample, Time time) {
     BYTE* pixels = nullptr;
     sample->GetPointer(&pixels);
-    shown.emplace_back(time, e2e::PictureNumber(pixels[36 * 160 + 64]));
+    shown.emplace_back(time, e2e::FrameNumber(pixels[36 * 160 + 64]));
   });
   session->Start();
   // The size, and which renditions have been read by then.

@@ -100,7 +100,7 @@ class SharingChannel {
         reader_->Open();
         ReadEach(*reader_, [&](const host::MediaItem& item) {
           if (const auto* const frame = std::get_if<host::DecodedFrame>(&item)) {
-            numbers.push_back(e2e::PictureNumber(frame->frame->data[0][0]));
+            numbers.push_back(e2e::FrameNumber(frame->frame->data[0][0]));
             ++frames;
           }
         });
@@ -250,7 +250,7 @@ TEST_F(SharedStreamTest, EachSegmentOfAPlaylistIsRequestedOnceAndAStalledReaderH
   for (int frames = 0; frames < 400;) {
     const host::MediaItem item = stalled->Read();
     if (const auto* const frame = std::get_if<host::DecodedFrame>(&item)) {
-      const int next = e2e::PictureNumber(frame->frame->data[0][0]);
+      const int next = e2e::FrameNumber(frame->frame->data[0][0]);
       ASSERT_TRUE(number < 0 || next == (number + 1) % 100) << "frame " << frames;
       number = next;
       ++frames;

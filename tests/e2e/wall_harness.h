@@ -41,7 +41,7 @@ inline void WriteCountingClip(const std::filesystem::path& file, int width, int 
   host::WriteClip(recipe, file);
 }
 // The frame number that a luma stands for, mod 100; -1 when it is none.
-inline int PictureNumber(std::uint8_t luma) {
+inline int FrameNumber(std::uint8_t luma) {
   return luma >= 20 && luma <= 218 && luma % 2 == 0 ? (luma - 20) / 2 : -1;
 }
 

@@ -88,9 +88,9 @@ class SimulatedOutput {
       Encode();
     }
   }
-  void TakeAudio(std::size_t channel, const AVPacket& packet, Time shift) {
+  void TakeAudio(std::size_t channel, const AVPacket& packet, Time offset) {
     ++counters_.of(static_cast<int>(channel)).received;
-    queue_.PushDropping({static_cast<int>(channel), host::ffmpeg::RefPacket(packet), shift});
+    queue_.PushDropping({static_cast<int>(channel), host::ffmpeg::RefPacket(packet), offset});
   }
   // What its thread does up to that moment.
   void WriteAt(Time now, const host::Interleaver::Write& write) {
@@ -153,7 +153,7 @@ class SimulatedOutput {
         interleaver_->PushVideo(std::move(packet.packet), counting);
       } else {
         interleaver_->PushAudio(static_cast<std::size_t>(packet.track), std::move(packet.packet),
-                                packet.shift);
+                                packet.offset);
       }
     }
   }
@@ -208,9 +208,9 @@ class SimulatedWall {
     sink_ = host::CompositionSink::Create(
         [this](const ComPtr<IMediaSample>& frame, Time start) { Composed(frame, start); });
     audioSink_ = host::AudioSink::Create(
-        count, [this](std::size_t channel, const host::ffmpeg::Packet& packet, Time shift) {
+        count, [this](std::size_t channel, const host::ffmpeg::Packet& packet, Time offset) {
           for (const auto& output : outputs_) {
-            output->TakeAudio(channel, *packet, shift);
+            output->TakeAudio(channel, *packet, offset);
           }
         });
     for (const OutputModel& output : scenario.outputs) {

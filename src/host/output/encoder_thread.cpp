@@ -21,7 +21,7 @@ constexpr int kFinishLimit = 500;  // milliseconds
 
 using Clock = std::chrono::steady_clock;
 
-struct EncoderThread::Picture {
+struct EncoderThread::QueuedFrame {
   ComPtr<IMediaSample> sample;
   Time start = 0;
 };
@@ -37,7 +37,7 @@ struct EncoderThread::Work {
 
   void Run();
   void Hand(const ffmpeg::Packet& packet);
-  void Encode(const Picture& picture);
+  void Encode(const QueuedFrame& frame);
   // Throws ffmpeg::Error.
   void Open();
   void OnFailure(const std::string& reason);
@@ -53,7 +53,7 @@ struct EncoderThread::Work {
   std::int64_t inside = 0;  // frames that the encoder holds
   bool failed = false;      // no packet came since
   std::vector<Consumer> consumers;
-  BoundedQueue<Picture> queue;
+  BoundedQueue<QueuedFrame> queue;
   std::atomic<std::uint64_t> dropped{0};
   std::atomic<std::uint64_t> handed{0};
   std::atomic<bool> ended{false};
@@ -78,8 +78,8 @@ void EncoderThread::Start() {
   thread_ = std::make_unique<os::Thread>([work = work_] { work->Run(); }, "encoder");
 }
 
-void EncoderThread::Take(const ComPtr<IMediaSample>& picture, Time start) {
-  if (work_->queue.PushDroppingOldest({picture, start}).has_value() && !work_->ended) {
+void EncoderThread::Take(const ComPtr<IMediaSample>& frame, Time start) {
+  if (work_->queue.PushDroppingOldest({frame, start}).has_value() && !work_->ended) {
     ++work_->dropped;
     if (logger_ != nullptr) {
       logger_->NotifyBufferFull(work_->settings.name.c_str());
@@ -143,17 +143,17 @@ void EncoderThread::Work::Open() {
   }
 }
 
-void EncoderThread::Work::Encode(const Picture& picture) {
+void EncoderThread::Work::Encode(const QueuedFrame& frame) {
   ++inside;
   if (!encoder) {
     Open();
   }
-  gridStart = gridStart.value_or(picture.start);
+  gridStart = gridStart.value_or(frame.start);
   encoder->BeginGrid(*gridStart);
   BYTE* pixels = nullptr;
-  picture.sample->GetPointer(&pixels);
-  encoder->Encode({pixels, static_cast<std::size_t>(picture.sample->GetActualDataLength())},
-                  picture.start, [this](const ffmpeg::Packet& packet) { Hand(packet); });
+  frame.sample->GetPointer(&pixels);
+  encoder->Encode({pixels, static_cast<std::size_t>(frame.sample->GetActualDataLength())},
+                  frame.start, [this](const ffmpeg::Packet& packet) { Hand(packet); });
 }
 
 void EncoderThread::Work::Hand(const ffmpeg::Packet& packet) {
@@ -183,13 +183,13 @@ void EncoderThread::Work::OnFailure(const std::string& reason) {
 }
 
 void EncoderThread::Work::Run() {
-  while (std::optional<Picture> picture = queue.Pop()) {
+  while (std::optional<QueuedFrame> frame = queue.Pop()) {
     if (!encoder && Clock::now() < openAgainAt) {
       ++dropped;
       continue;
     }
     try {
-      Encode(*picture);
+      Encode(*frame);
     } catch (const std::exception& error) {
       OnFailure(error.what());
       if (!settings.live) {

@@ -59,7 +59,7 @@ class EncoderThread {
   void Start();
 
   // Returns at once.
-  void Take(const ComPtr<IMediaSample>& picture, Time start);
+  void Take(const ComPtr<IMediaSample>& frame, Time start);
   // Waits until the next Take drops nothing; false when that takes longer than the limit. An
   // encoder that has ended takes everything.
   bool WaitForRoom(std::chrono::milliseconds limit);
@@ -80,7 +80,7 @@ class EncoderThread {
   std::size_t queued() const;
 
  private:
-  struct Picture;
+  struct QueuedFrame;
   // What the thread runs and uses; shared with it.
   struct Work;
 

@@ -144,8 +144,8 @@ void FollowMixer::Emit(const Sink& sink) {
         waiting.pop_front();
       }
     }
-    const bool isOver =
-        latest_ >= end && (!channel || reached_[*channel] >= end || latest_ >= end + kPatience);
+    const bool isOver = latest_ >= end &&
+                        (!channel || reached_[*channel] >= end || latest_ >= end + kFormerTimeout);
     if (!isOver) {
       break;
     }

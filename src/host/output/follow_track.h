@@ -28,7 +28,7 @@ class FollowMixer {
  public:
   static constexpr Time kFade = 5 * kMillisecond;
   // How long the audio of the former channel is waited for.
-  static constexpr Time kPatience = kSecond / 2;
+  static constexpr Time kFormerTimeout = kSecond / 2;
 
   using Sink = std::function<void(const AVFrame& frame, Time start)>;
 

@@ -49,8 +49,8 @@ class Interleaver {
 
   // The next frame of the mosaic: hands over the audio before it, the earliest first, and then it.
   void PushVideo(ffmpeg::Packet packet, const Write& write);
-  // shift: the wall's time minus the channel's own, for this packet.
-  void PushAudio(std::size_t channel, ffmpeg::Packet packet, Time shift);
+  // offset: the wall's time minus the channel's own, for this packet.
+  void PushAudio(std::size_t channel, ffmpeg::Packet packet, Time offset);
   // A file ends before the keyframe of that time, which comes next: hands over the audio before it.
   // What follows begins at time 0 again. Returns the length of the file.
   Time Restart(Time keyframe, const Write& write);
@@ -67,7 +67,7 @@ class Interleaver {
  private:
   struct Track {
     std::deque<ffmpeg::Packet> packets;  // in the order of their times
-    std::optional<Time> shift;           // of the latest packet
+    std::optional<Time> offset;          // of the latest packet
     // The middle of the latest packet handed over; an earlier packet would overlap it.
     Time written = std::numeric_limits<Time>::min();
   };

@@ -229,7 +229,7 @@ void OutputWriter::Run() {
                                          : std::function<bool()>(),
             hasFailed ? settings.openAfter : 0});
     const std::string reason = SetSession(&*session) ? RunSession(*session) : "stopped";
-    const bool goesOn = SetSession(nullptr) && settings.live && !failed;
+    const bool continues = SetSession(nullptr) && settings.live && !failed;
     if (reason.empty() || failed) {
       return;
     }
@@ -240,9 +240,9 @@ void OutputWriter::Run() {
     // Closed before the next attempt: a consumer may serve one connection only, a disk may be full.
     session.reset();
     Tell([&](OutputObserver& observer) {
-      observer.OutputFailed(settings.name, reason, goesOn ? std::optional(delay) : std::nullopt);
+      observer.OutputFailed(settings.name, reason, continues ? std::optional(delay) : std::nullopt);
     });
-    if (!goesOn || !queue.DiscardFor(delay)) {
+    if (!continues || !queue.DiscardFor(delay)) {
       break;
     }
     delay = std::min(delay * 2, settings.maxDelay);
@@ -278,12 +278,12 @@ void Output::TakeVideo(const AVPacket& packet) {
   }
 }
 
-void Output::TakeAudio(std::size_t channel, const AVPacket& packet, Time shift) {
+void Output::TakeAudio(std::size_t channel, const AVPacket& packet, Time offset) {
   if (channel >= writer_->settings.session.tracks.size()) {
     return;
   }
   ++writer_->counters.of(static_cast<int>(channel)).received;
-  TrackPacket item{static_cast<int>(channel), ffmpeg::RefPacket(packet), shift};
+  TrackPacket item{static_cast<int>(channel), ffmpeg::RefPacket(packet), offset};
   if (!writer_->settings.live) {
     // The wall itself waits for room.
     writer_->queue.Push(std::move(item));

@@ -70,7 +70,7 @@ class Output {
   Output& operator=(const Output&) = delete;
 
   void TakeVideo(const AVPacket& packet);
-  void TakeAudio(std::size_t channel, const AVPacket& packet, Time shift);
+  void TakeAudio(std::size_t channel, const AVPacket& packet, Time offset);
   // The encoder has failed. retryIn: until it is opened again; none: there is nothing more to
   // write.
   void EncoderFailed(const std::string& reason, std::optional<std::chrono::milliseconds> retryIn);

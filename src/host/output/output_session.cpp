@@ -290,14 +290,14 @@ void OutputSession::WriteAudio(TrackPacket item) {
   }
   const auto transcoder = transcoders_.find(channel);
   if (transcoder == transcoders_.end()) {
-    interleaver_.PushAudio(channel, std::move(item.packet), item.shift);
+    interleaver_.PushAudio(channel, std::move(item.packet), item.offset);
     return;
   }
   // Counted as received are the packets to be written: those of the transcoder.
   --counters_.of(item.track).received;
   transcoder->second.Push(*item.packet, [&](ffmpeg::Packet packet) {
     ++counters_.of(item.track).received;
-    interleaver_.PushAudio(channel, std::move(packet), item.shift);
+    interleaver_.PushAudio(channel, std::move(packet), item.offset);
   });
 }
 

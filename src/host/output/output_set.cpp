@@ -130,19 +130,19 @@ Time OutputSet::SinceStart(const StartedAt& startedAt) {
   return started == 0 ? 0 : std::chrono::nanoseconds(since).count() / 100;
 }
 
-void OutputSet::Take(const ComPtr<IMediaSample>& picture, Time start) {
+void OutputSet::Take(const ComPtr<IMediaSample>& frame, Time start) {
   if (*startedAt_ == 0) {
     *startedAt_ = std::chrono::steady_clock::now().time_since_epoch().count();
   }
   for (const Encoder& encoder : encoders_) {
-    encoder.encoder->Take(picture, start);
+    encoder.encoder->Take(frame, start);
   }
 }
 
-void OutputSet::TakeAudio(std::size_t channel, const AVPacket& packet, Time shift) {
+void OutputSet::TakeAudio(std::size_t channel, const AVPacket& packet, Time offset) {
   for (const Entry& entry : entries_) {
     if (entry.output) {
-      entry.output->TakeAudio(channel, packet, shift);
+      entry.output->TakeAudio(channel, packet, offset);
     }
   }
 }

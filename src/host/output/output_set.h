@@ -66,9 +66,9 @@ class OutputSet {
   OutputSet(const OutputSet&) = delete;
   OutputSet& operator=(const OutputSet&) = delete;
 
-  void Take(const ComPtr<IMediaSample>& picture, Time start);
-  // shift: see AudioSink.
-  void TakeAudio(std::size_t channel, const AVPacket& packet, Time shift);
+  void Take(const ComPtr<IMediaSample>& frame, Time start);
+  // offset: see AudioSink.
+  void TakeAudio(std::size_t channel, const AVPacket& packet, Time offset);
   // Before each frame of a rendered wall: waits for room everywhere; false after the limit.
   bool WaitForRoom(std::chrono::milliseconds limit);
   // The wall has ended: writes everything to its end. hurried: whether a rendering, which otherwise

@@ -48,7 +48,7 @@ struct TrackPacket {
 
   int track = kVideo;     // kVideo or the number of the channel
   ffmpeg::Packet packet;  // timestamps in units of 100 ns, on the wall's clock
-  Time shift = 0;         // of audio: the wall's time minus the channel's own
+  Time offset = 0;        // of audio: the wall's time minus the channel's own
 };
 
 // Bounded by bytes and by the time of the video that waits. A full queue drops whole GOPs, the

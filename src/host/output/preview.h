@@ -56,7 +56,7 @@ class Preview {
 
  private:
   using Clock = std::chrono::steady_clock;
-  struct Picture {
+  struct QueuedFrame {
     ComPtr<IMediaSample> sample;
     Time start = 0;
     std::uint64_t number = 0;
@@ -69,9 +69,9 @@ class Preview {
   void Run();
   void WaitForViewer();
   // None when the preview ends or the last viewer has left.
-  std::optional<Picture> Next();
+  std::optional<QueuedFrame> Next();
   // Releases the frame as soon as it is scaled.
-  void Encode(Picture& picture);
+  void Encode(QueuedFrame& queued);
 
   const Settings settings_;
   const Ratio frameRate_;
@@ -83,7 +83,7 @@ class Preview {
   std::unique_ptr<Encoding> encoding_;  // the preview's thread
   os::Mutex lock_;
   os::ConditionVariable changed_;
-  Picture waiting_ GUARDED_BY(lock_);
+  QueuedFrame waiting_ GUARDED_BY(lock_);
   bool ends_ GUARDED_BY(lock_) = false;
   std::shared_ptr<FragmentFeed> feed_;
   std::unique_ptr<os::Thread> thread_;

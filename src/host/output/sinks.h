@@ -52,9 +52,9 @@ class AudioSink final : public CBaseFilter {
  public:
   // Called on the streaming thread of the channel with the composer's lock held while the graph is
   // active: returns at once. The packet's timestamps are on the wall's clock, in units of 100 ns;
-  // packets without timestamps are dropped. shift: what the composer has added to the channel's own
-  // time; it changes when the channel has re-synchronised.
-  using TakePacket = std::function<void(std::size_t channel, ffmpeg::Packet packet, Time shift)>;
+  // packets without timestamps are dropped. offset: what the composer has added to the channel's
+  // own time; it changes when the channel has re-synchronised.
+  using TakePacket = std::function<void(std::size_t channel, ffmpeg::Packet packet, Time offset)>;
 
   static ComPtr<AudioSink> Create(std::size_t channels, TakePacket takePacket);
   AudioSink(std::size_t channels, TakePacket takePacket);

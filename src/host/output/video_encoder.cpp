@@ -244,13 +244,13 @@ void VideoEncoder::Encode(std::span<const std::uint8_t> yv12, Time start, const 
   Encode(*frame_, start, sink);
 }
 
-void VideoEncoder::Encode(AVFrame& picture, Time start, const PacketSink& sink) {
+void VideoEncoder::Encode(AVFrame& frame, Time start, const PacketSink& sink) {
   if (!firstStart_) {
     firstStart_ = start;
   }
   lastFrame_ = std::max(av_rescale_q(start - *firstStart_, ffmpeg::kTimeUnit, codec_->time_base),
                         lastFrame_ + 1);
-  picture.pts = lastFrame_;
+  frame.pts = lastFrame_;
   // If encoded frames were counted, keyframes would move with every frame that was left out.
   if (!gridStart_) {
     gridStart_ = start;
@@ -260,8 +260,8 @@ void VideoEncoder::Encode(AVFrame& picture, Time start, const PacketSink& sink) 
                                 codec_->gop_size;
   const bool isKey = std::exchange(isForced_, false) || interval_ != interval;
   interval_ = interval;
-  picture.pict_type = isKey ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
-  ffmpeg::Check(avcodec_send_frame(codec_.get(), &picture), "cannot encode a picture");
+  frame.pict_type = isKey ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
+  ffmpeg::Check(avcodec_send_frame(codec_.get(), &frame), "cannot encode a picture");
   Receive(sink);
 }
 

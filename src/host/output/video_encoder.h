@@ -60,7 +60,7 @@ class VideoEncoder {
   void Encode(std::span<const std::uint8_t> yv12, Time start, const PacketSink& sink);
   // The same for a frame in planes, which has the encoder's size and format and whose timestamp is
   // set here. The encoder may keep a reference to its buffers.
-  void Encode(AVFrame& picture, Time start, const PacketSink& sink);
+  void Encode(AVFrame& frame, Time start, const PacketSink& sink);
   // The next frame becomes a keyframe.
   void ForceKeyframe() { isForced_ = true; }
   // Hands over what is still inside; nothing may be encoded afterwards.

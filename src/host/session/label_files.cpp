@@ -127,17 +127,17 @@ void LabelFiles::Stop() {
 }
 
 void LabelFiles::Run::LookUntilStopped() {
-  bool goesOn = true;
-  while (goesOn) {
+  bool continues = true;
+  while (continues) {
     std::vector<std::shared_ptr<Entry>> now;
     {
       const os::MutexLock guard(lock);
       now = entries;
     }
     for (const std::shared_ptr<Entry>& entry : now) {
-      goesOn = goesOn && Give(entry, entry->file.Look());
+      continues = continues && Give(entry, entry->file.Look());
     }
-    goesOn = goesOn && WaitForNextLook();
+    continues = continues && WaitForNextLook();
   }
   const os::MutexLock guard(lock);
   ended = true;

@@ -218,8 +218,8 @@ void WallOutputs::Take(const ComPtr<IMediaSample>& frame, Time start, Time begin
   screens_->Take(frame, start);
 }
 
-void WallOutputs::TakeAudio(std::size_t slot, const AVPacket& packet, Time shift) {
-  set_->TakeAudio(slot, packet, shift);
+void WallOutputs::TakeAudio(std::size_t slot, const AVPacket& packet, Time offset) {
+  set_->TakeAudio(slot, packet, offset);
   screens_->TakeAudio(slot, packet);
   if (follow_) {
     follow_->Take(slot, packet);

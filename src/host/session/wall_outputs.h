@@ -93,8 +93,8 @@ class WallOutputs {
 
   // start: on the wall's clock. begin: of the first frame that is written.
   void Take(const ComPtr<IMediaSample>& frame, Time start, Time begin);
-  // shift: see AudioSink.
-  void TakeAudio(std::size_t slot, const AVPacket& packet, Time shift);
+  // offset: see AudioSink.
+  void TakeAudio(std::size_t slot, const AVPacket& packet, Time offset);
   // The channel whose audio the follow track carries from that time of the wall on, or none.
   void Follow(std::optional<std::size_t> slot, Time from);
   // The same for the audio of the screens.

@@ -103,11 +103,11 @@ WallSession::WallSession(Settings settings)
   Check(graph_->AddFilter(sink_.Get(), u"composition"), "add the sink to the graph");
   if (outputs_->takesAudio()) {
     audioSink_ = AudioSink::Create(SlotsOf(settings_.wall),
-                                   [this](std::size_t channel, ffmpeg::Packet packet, Time shift) {
+                                   [this](std::size_t channel, ffmpeg::Packet packet, Time offset) {
                                      const Time latency = settings_.live ? 0 : kWindowLatency;
                                      packet->pts -= latency;
                                      packet->dts -= latency;
-                                     outputs_->TakeAudio(channel, *packet, shift - latency);
+                                     outputs_->TakeAudio(channel, *packet, offset - latency);
                                    });
     Check(graph_->AddFilter(audioSink_.Get(), u"audio"), "add the sink of the audio to the graph");
   }

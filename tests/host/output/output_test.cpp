@@ -33,7 +33,7 @@ Yv12Buffer Moment(int step) {
   return picture;
 }
 
-TEST(VideoEncoder, KeepsPicturesTimesAndColoursThroughAFile) {
+TEST(VideoEncoder, KeepsFramesTimesAndColoursThroughAFile) {
   const TemporaryFolder folder;
   VideoEncoder::Settings settings = SmallVideo();
   settings.quality = 10.0;

@@ -40,7 +40,7 @@ TEST(BackgroundPicture, CoversTheCanvasWithAFileOfAnyShape) {
       testing::ThrowsMessage<MediaError>(testing::HasSubstr("notes.png")));
 }
 
-TEST(LabelFile, GivesEachTextOnceItStands) {
+TEST(LabelFile, GivesEachTextOnceItIsStable) {
   const TemporaryFolder folder;
   LabelFile file(folder / "label.txt");
   // The result of the second look: at the first one the text may be incomplete.
