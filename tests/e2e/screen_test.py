@@ -107,7 +107,7 @@ def is_near(pixel, colour, tolerance=12):
 
 
 class Shown:
-    """A picture of the display, asked in pixels of the canvas: full screen, the aspect kept."""
+    """A picture of the display, read by canvas pixels: full screen, the aspect kept."""
 
     def __init__(self, display):
         self.width, self.height, self.rgb = display.picture()
@@ -123,7 +123,7 @@ class Shown:
                 for i in range(y * self.width * 3, (y + 1) * self.width * 3, 3)}
 
     def wrong(self):
-        """What differs from the composed picture, without borders."""
+        """What differs from the composed frame, without borders."""
         mistakes = []
         for name, (x, y) in WINDOWS.items():
             for dx, dy in ((8, 8), (SIZE[0] - 9, 8), (8, SIZE[1] - 9), (150, 80)):

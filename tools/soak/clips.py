@@ -13,7 +13,8 @@ SECONDS = 40         # length of a clip, a multiple of four; the senders repeat 
 CELLS = 16           # in a row of the code
 CLIP_BITS = 4
 FRAME_BITS = CELLS - CLIP_BITS
-# Of the code in the picture, as fractions of its width and height: clear of the meter and of captions.
+# Of the code in the frame, as fractions of its width and height: clear of the meter and of
+# captions.
 CODE_LEFT, CODE_WIDTH = 1 / 8, 3 / 4
 CODE_TOP, CODE_HEIGHT = 1 / 5, 1 / 6
 CHANNELS = {"mono": 1, "stereo": 2, "4.0": 4}

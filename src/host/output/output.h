@@ -38,10 +38,10 @@ class OutputObserver {
 class OutputWriter;
 
 // Takes the packets of the mosaic and of all channels' audio into a bounded queue; its thread opens
-// the file or connection and writes. Live, nobody ever waits for it: when its consumer is slow, the
-// oldest GOP that waits is dropped and reported to the logger as a full buffer; when it fails, it
-// is opened again after a growing delay. Rendering, the caller waits for room, and a failure is
-// final.
+// the file or connection and writes. Live, no other thread ever waits for it: when its consumer is
+// slow, the oldest GOP that waits is dropped and reported to the logger as a full buffer; when it
+// fails, it is opened again after a growing delay. Rendering, the caller waits for room, and a
+// failure is final.
 //
 // Threads: TakeVideo is the encoder's, TakeAudio the channels' streaming threads', Finish and the
 // constructor the application's; the counters are any thread's.

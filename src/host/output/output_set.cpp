@@ -25,7 +25,7 @@ constexpr milliseconds kEncoderLimit{2'000};
 constexpr milliseconds kHurriedLimit{3'000};
 // An encoder that hands over nothing for that long after the limit is stuck.
 constexpr milliseconds kEncoderStall{1'000};
-// For a thread to notice that nobody wants its packets any more.
+// How long an encoder's thread may take to notice that its outputs were abandoned.
 constexpr milliseconds kCancelLimit{250};
 
 OutputSet::TrackStatus StatusOf(const TrackCounters& counters) {

@@ -356,7 +356,7 @@ bool BackgroundSource::Send(std::int64_t frame, bool wait) {
   if (!sample || FAILED(sample->GetPointer(&canvas))) {
     return false;
   }
-  // The composer draws into the buffer: every frame starts from the picture again.
+  // The composer draws into the buffer: every frame starts from the background picture again.
   std::memcpy(canvas, settings_.picture.data(), settings_.picture.size());
   sample->SetActualDataLength(static_cast<LONG>(settings_.picture.size()));
   sample->SetSyncPoint(TRUE);

@@ -17,7 +17,7 @@
 
 namespace host {
 
-// The command that makes a process of `tavrel` the window of a screen; nobody types it.
+// The command that makes a process of `tavrel` the window of a screen; for internal use only.
 inline constexpr const char* kScreenWindowCommand = "screen-window";
 
 // The beginning of the memory that both share; from kHeader on it holds kSlots frames, planar 4:2:0
