@@ -45,11 +45,10 @@ using host::kSecond;
 constexpr Time kStep = 9 * kSecond;
 // Packets at the end of the pipe may have no timestamps.
 constexpr Time kUnjudged = 3 * kStep;
-constexpr int kSettling = 10;    // frames
-constexpr int kNoteEvery = 997;  // frames; adding up the heap takes a while
-constexpr int kSize = 32;        // pixels
-constexpr int kMaxIndexEntries =
-    1'000;  // of the demuxer, so that the demuxer is replaced often enough
+constexpr int kSettling = 10;            // frames
+constexpr int kNoteEvery = 997;          // frames; adding up the heap takes a while
+constexpr int kSize = 32;                // pixels
+constexpr int kMaxIndexEntries = 1'000;  // of the demuxer: it is replaced often enough
 constexpr std::size_t kAllowedOfWall = 48 << 10;
 constexpr std::size_t kAllowedOfStream = 1 << 20;  // an index may be full or empty
 
