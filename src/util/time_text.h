@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <optional>
@@ -48,7 +49,7 @@ inline std::optional<std::chrono::system_clock::time_point> ParseTimestampUtc(
     return std::nullopt;
   }
   return std::chrono::sys_days(date) + std::chrono::hours(hour) + std::chrono::minutes(minute) +
-         std::chrono::milliseconds(static_cast<std::int64_t>(second * 1000));
+         std::chrono::milliseconds(std::llround(second * 1000));
 }
 
 }  // namespace qorp

@@ -173,7 +173,7 @@ bool PlaceWindows(std::vector<ChannelEntry>& entries, const Wall& wall, Position
               "its right and bottom edges: x and y from 0, x + width below " +
               std::to_string(canvas.width) + " (it is " + std::to_string(right) +
               "), y + height below " + std::to_string(canvas.height) + " (it is " +
-              std::to_string(bottom) + "); the frame of a selected window cannot be drawn there");
+              std::to_string(bottom) + "); the border of a selected window cannot be drawn there");
     }
   }
   return false;

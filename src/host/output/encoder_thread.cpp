@@ -40,7 +40,8 @@ struct EncoderThread::Work {
   void Encode(const QueuedFrame& frame);
   // Throws ffmpeg::Error.
   void Open();
-  void OnFailure(const std::string& reason);
+  // isFinal: it is not opened again.
+  void OnFailure(const std::string& reason, bool isFinal);
 
   const Settings settings;
   // From here to failed: the thread's own once it runs.
@@ -168,7 +169,7 @@ void EncoderThread::Work::Hand(const ffmpeg::Packet& packet) {
   }
 }
 
-void EncoderThread::Work::OnFailure(const std::string& reason) {
+void EncoderThread::Work::OnFailure(const std::string& reason, bool isFinal) {
   encoder.reset();
   failed = true;
   dropped += static_cast<std::uint64_t>(std::exchange(inside, 0));
@@ -176,7 +177,7 @@ void EncoderThread::Work::OnFailure(const std::string& reason) {
   const std::chrono::milliseconds wait = delay.AfterFailure();
   openAgainAt = Clock::now() + wait;
   for (const Consumer& consumer : consumers) {
-    consumer.fail(reason, settings.live ? std::optional(wait) : std::nullopt);
+    consumer.fail(reason, isFinal ? std::nullopt : std::optional(wait));
   }
 }
 
@@ -189,7 +190,7 @@ void EncoderThread::Work::Run() {
     try {
       Encode(*frame);
     } catch (const std::exception& error) {
-      OnFailure(error.what());
+      OnFailure(error.what(), !settings.live);
       if (!settings.live) {
         break;
       }
@@ -199,7 +200,7 @@ void EncoderThread::Work::Run() {
     try {
       encoder->Finish([this](const ffmpeg::Packet& packet) { Hand(packet); });
     } catch (const std::exception& error) {
-      OnFailure(error.what());
+      OnFailure(error.what(), true);
     }
   }
   // Frames that come from now on are not kept.

@@ -80,6 +80,10 @@ void FollowMixer::Follow(std::optional<std::size_t> channel, Time from) {
     }
   }
   stretches_.push_back({channel, from, ++stretchCount_});
+  // Without audio nothing else ends those that are over.
+  while (EndOf(0) + kFormerTimeout <= from) {
+    stretches_.pop_front();
+  }
 }
 
 Time FollowMixer::EndOf(std::size_t stretch) const {

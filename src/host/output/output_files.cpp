@@ -1,10 +1,9 @@
 #include "host/output/output_files.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
+#include <stdexcept>
 #include <system_error>
 #include <utility>
 
@@ -15,6 +14,9 @@ extern "C" {
 
 #include "host/config/value_text.h"
 #include "host/ffmpeg/error.h"
+#include "host/ffmpeg/mask.h"
+#include "platform/os/error_numbers.h"
+#include "platform/os/files.h"
 
 namespace host {
 
@@ -197,19 +199,11 @@ std::string HlsLayout::Playlist(const AVCodecParameters& video, Ratio frameRate)
 }
 
 void HlsLayout::WritePlaylist(const AVCodecParameters& video, Ratio frameRate) const {
-  // Written whole or not at all: players read it at any time.
-  std::filesystem::path partial = playlist_;
-  partial += ".part";
-  errno = 0;
-  std::ofstream stream(partial, std::ios::binary | std::ios::trunc);
-  stream << Playlist(video, frameRate);
-  stream.close();
-  std::error_code failure(stream ? 0 : errno, std::generic_category());
-  if (stream) {
-    std::filesystem::rename(partial, playlist_, failure);
-  }
-  if (!stream || failure) {
-    throw ffmpeg::Error(AVERROR(failure ? failure.value() : EIO), "cannot write", settings_.url);
+  // Players read it at any time.
+  if (const std::uint32_t error = os::ReplaceFile(playlist_, Playlist(video, frameRate));
+      error != 0) {
+    throw std::runtime_error("cannot write \"" + ffmpeg::MaskUrl(settings_.url) +
+                             "\": " + os::FileErrorText(error));
   }
 }
 

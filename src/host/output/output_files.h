@@ -117,7 +117,7 @@ class HlsLayout {
   void AddAudio(const std::string& name, const std::string& language);
   // Sets the options of the muxer, before it starts.
   void Apply(Muxer& muxer) const;
-  // Throws ffmpeg::Error when it cannot be written.
+  // Whole or not at all. Throws std::runtime_error when it cannot be written.
   void WritePlaylist(const AVCodecParameters& video, Ratio frameRate) const;
 
  private:

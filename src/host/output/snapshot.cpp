@@ -1,13 +1,11 @@
 #include "host/output/snapshot.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
 #include <cstdint>
-#include <fstream>
 #include <new>
 #include <stdexcept>
-#include <system_error>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -20,6 +18,8 @@ extern "C" {
 
 #include "host/ffmpeg/error.h"
 #include "host/ffmpeg/handles.h"
+#include "platform/os/error_numbers.h"
+#include "platform/os/files.h"
 #include "util/yv12.h"
 
 namespace host {
@@ -80,21 +80,6 @@ ffmpeg::Packet Encode(AVFrame& picture, AVCodecID id, int quality, const char* w
   return packet;
 }
 
-void WriteWhole(const std::filesystem::path& file, const std::uint8_t* data, std::size_t size) {
-  std::filesystem::path partial = file;
-  partial += ".part";
-  std::ofstream stream(partial, std::ios::binary | std::ios::trunc);
-  stream.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
-  stream.close();
-  if (!stream) {
-    const std::error_code reason(errno, std::generic_category());
-    std::error_code ignored;
-    std::filesystem::remove(partial, ignored);
-    throw std::filesystem::filesystem_error("cannot write a picture file", file, reason);
-  }
-  std::filesystem::rename(partial, file);
-}
-
 constexpr std::chrono::seconds kLimit{1};
 
 }  // namespace
@@ -107,7 +92,12 @@ void WriteSnapshot(const std::filesystem::path& file, std::span<const std::uint8
   const int shownWidth = std::max(1, static_cast<int>(std::lround(width * pixelAspect.value())));
   const ffmpeg::Packet png =
       Encode(*ToRgb(yv12, width, height, shownWidth), AV_CODEC_ID_PNG, 0, "cannot make a PNG file");
-  WriteWhole(file, png->data, static_cast<std::size_t>(png->size));
+  const std::string_view bytes(reinterpret_cast<const char*>(png->data),
+                               static_cast<std::size_t>(png->size));
+  if (const std::uint32_t error = os::ReplaceFile(file, bytes); error != 0) {
+    throw std::runtime_error("cannot write the picture file \"" + file.string() +
+                             "\": " + os::FileErrorText(error));
+  }
 }
 
 std::string EncodeJpeg(std::span<const std::uint8_t> yv12, int width, int height,

@@ -22,7 +22,7 @@ namespace host {
 // Writes a packed YV12 frame (Y, V, U, stride = width, BT.601 studio range, even size) as a PNG
 // file. The file appears whole or not at all: it is written beside its place and then renamed. A
 // frame whose pixels are not square is stretched in width to the shape in which it is seen. Throws
-// ffmpeg::Error, or std::filesystem::filesystem_error when the file cannot be written.
+// ffmpeg::Error, or std::runtime_error when the file cannot be written.
 void WriteSnapshot(const std::filesystem::path& file, std::span<const std::uint8_t> yv12, int width,
                    int height, Ratio pixelAspect = {1, 1});
 

@@ -60,8 +60,10 @@ void TransportPacer::Push(std::span<const std::uint8_t, kPacketSize> bytes) {
   if (const std::optional<std::int64_t> pcr = PcrOf(bytes.data())) {
     packet.hasPcr = true;
     ++clocks_;
-    if (pcr_) {
-      interval_ = std::clamp((*pcr - *pcr_) * kSecond / 90'000, kMinInterval, kMaxInterval);
+    // Of a jump back, the counter's wrap aside, the distance says nothing.
+    const std::int64_t step = pcr_ ? (*pcr - *pcr_) & (kWrapTicks - 1) : kWrapTicks;
+    if (step < kWrapTicks / 2) {
+      interval_ = std::clamp(step * kSecond / 90'000, kMinInterval, kMaxInterval);
     }
     pcr_ = pcr;
   }

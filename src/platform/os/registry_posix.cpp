@@ -165,13 +165,14 @@ RegistryTree RegistryTree::Parse(const std::string& text) {
     if (line.empty()) {
       continue;
     }
-    if (line.front() == '[' && line.back() == ']') {
+    const std::size_t equals = line.find('=');
+    // Those of keys and names are escaped.
+    if (line.front() == '[' && line.back() == ']' && equals == std::string::npos) {
       key = Unescape(line.substr(1, line.size() - 2));
       tree.keys_[key];
       inKey = true;
       continue;
     }
-    const std::size_t equals = line.find('=');
     if (!inKey || equals == std::string::npos) {
       throw std::runtime_error("line " + std::to_string(number) +
                                " is neither a [key] nor a name=value under one");

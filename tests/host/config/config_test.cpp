@@ -209,7 +209,7 @@ TEST(WallReader, ExplainsWhereASelectedWindowMayNotBe) {
       ElementsAre("w:5:10: error: the window of \"A\" is selected, so it must lie inside the "
                   "canvas and keep at least one pixel from its right and bottom edges: x "
                   "and y from 0, x + width below 1920 (it is 1920), y + height below 1080 "
-                  "(it is 360); the frame of a selected window cannot be drawn there"));
+                  "(it is 360); the border of a selected window cannot be drawn there"));
   EXPECT_EQ(with("[-2, 0, 640, 360]").size(), 1U);
   EXPECT_EQ(with("[0, 720, 640, 360]").size(), 1U);
   // One that is not selected may lie partly outside.

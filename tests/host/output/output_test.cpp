@@ -137,8 +137,7 @@ TEST(Snapshot, IsAPictureOfTheRightColoursAndShapeAndLeavesNothingElse) {
   EXPECT_EQ(std::tie(part.width, part.height), std::tuple(32, 32));
   EXPECT_NEAR(part.data[0][0], 76, 2) << "brightness of red over the full range";
 
-  EXPECT_THROW(WriteSnapshot(folder / "no/a.png", picture.bytes(), 96, 64),
-               std::filesystem::filesystem_error);
+  EXPECT_THROW(WriteSnapshot(folder / "no/a.png", picture.bytes(), 96, 64), std::runtime_error);
 }
 
 }  // namespace

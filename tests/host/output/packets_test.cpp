@@ -118,11 +118,11 @@ TEST(PacketQueue, SkipsToTheNewestKeyframeWithItsAudio) {
 }
 
 // A frame of so many packets, of which the first has the PCR, at 25 frames per second.
-void PushFrame(TransportPacer& pacer, int number, int packets) {
+void PushFrame(TransportPacer& pacer, std::int64_t number, int packets) {
   for (int i = 0; i < packets; ++i) {
     std::array<std::uint8_t, TransportPacer::kPacketSize> packet{0x47, 0, 0, 0x10};
     if (i == 0) {
-      const std::int64_t pcr = number * 3600;
+      const std::int64_t pcr = number * 3600 & ((std::int64_t{1} << 33) - 1);
       packet[3] = 0x30;
       packet[4] = 7;
       packet[5] = 0x10;
@@ -135,12 +135,14 @@ void PushFrame(TransportPacer& pacer, int number, int packets) {
 }
 
 TEST(TransportPacer, SpreadsEachFrameOverItsTimeAndCatchesUpSlowly) {
+  // The PCR wraps around within the second second.
+  constexpr std::int64_t kFirst = (std::int64_t{1} << 33) / 3600 - 40;
   TransportPacer pacer;
   // Half a second has piled up; then frames of 700 packets and, now and then, ten.
   for (int i = 0; i < 12; ++i) {
-    PushFrame(pacer, i, 700);
+    PushFrame(pacer, kFirst + i, 700);
   }
-  int frame = 12;
+  std::int64_t frame = kFirst + 12;
   Time drained = 0;
   std::size_t longest = 0;
   for (Time now = 0; now < 2 * kSecond; now += kMillisecond) {
