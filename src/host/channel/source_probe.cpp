@@ -15,7 +15,7 @@ extern "C" {
 namespace host {
 namespace {
 
-// Enough to see fields and colours, short enough for a live source.
+// Enough to detect fields and colours, short enough for a live source.
 constexpr int kPictures = 12;
 constexpr Time kLength = 2 * kSecond;
 

@@ -80,7 +80,7 @@ struct Planes {
   std::uint8_t* u;
 };
 
-// All four even; inside the frame.
+// All even; inside the frame.
 struct Area {
   int x = 0;
   int y = 0;
@@ -101,7 +101,7 @@ void Fill(const WindowPixels& picture, const Area& area, Colour colour) {
   }
 }
 
-// A quarter of the frame remains visible.
+// Blends the area with the strip's colour, three quarters opaque.
 void Darken(const WindowPixels& picture, const Area& area) {
   const Planes planes(picture);
   for (int row = area.y; row < area.y + area.height; ++row) {

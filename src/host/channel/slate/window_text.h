@@ -13,15 +13,15 @@ class TextPainter;
 
 namespace host {
 
-// How much of each pixel the text covers, 0 to 255, cropped to what is not empty.
+// How much of each pixel the text covers, 0 to 255, cropped to the text.
 struct TextCoverage {
   int width = 0;  // pixels
   int height = 0;
   std::vector<std::uint8_t> coverage;  // rows of width bytes
 };
 
-// Sets texts in one font, centred, wrapped by words, with an ellipsis at the end of what fits. The
-// font is loaded with the first text. Owned and called by one channel on its thread.
+// Rasterizes texts in one font, centred, wrapped by words, with an ellipsis where the text does not
+// fit. The font is loaded with the first text. Owned and called by one channel on its thread.
 class TextSetter {
  public:
   TextSetter();
@@ -41,13 +41,13 @@ struct WindowPixels {
   int height = 0;
 };
 
-// Draws the texts of one window. A text is set again only when it changes. Owned and called by one
-// channel on its streaming thread.
+// Draws the texts of one window. A caption is rasterized again only when it changes. Owned and
+// called by one channel on its streaming thread.
 class WindowText {
  public:
   // Fills the frame: dark, the text in the middle between two red lines.
   void DrawSlate(const WindowPixels& picture, const std::string& text);
-  // Draws a dark strip with the text over the lower edge, clear of the meter at the left.
+  // Draws a dark strip with the text over the lower edge, beside the meter at the left.
   void DrawCaption(const WindowPixels& picture, const std::string& text);
 
  private:

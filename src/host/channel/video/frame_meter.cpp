@@ -12,10 +12,10 @@ namespace {
 constexpr int kBlack = 16;
 constexpr int kRange = 219;
 constexpr int kRowStep = 2;
-// One in so many samples may be brighter in a black frame.
+// One in this many samples may be brighter in a black frame.
 constexpr std::int64_t kBrightShare = 50;
 
-// What is looked at of one plane: every other of its rows.
+// The measured part of one plane: every other row.
 struct Plane {
   const std::uint8_t* samples;
   int width;
@@ -40,10 +40,10 @@ std::array<Plane, 3> PlanesOf(const std::uint8_t* picture, int width, int height
 
 using Lanes __attribute__((vector_size(16))) = std::uint8_t;
 constexpr int kLanes = sizeof(Lanes);
-// A lane counts no further.
+// The limit of a lane's count.
 constexpr int kMaxCounted = 255;
 
-// Rows of the lengths that frames have overflow no sum of 32 bits.
+// Rows of possible frame widths do not overflow a sum of 32 bits.
 std::uint32_t CountBrighter(const std::uint8_t* row, int width, std::uint8_t threshold) {
   std::uint32_t count = 0;
   int x = 0;
