@@ -1,4 +1,4 @@
-// What decides about a channel's state, alarms and times, on a clock that the tests move.
+// A channel's state, alarms and times, on a clock that the tests move.
 #include <atomic>
 #include <chrono>
 #include <future>
@@ -137,7 +137,7 @@ TEST_F(AlarmMonitorTest, RaisesAfterTheTimeToSetAndClearsAfterTheTimeToClear) {
 }
 
 TEST_F(AlarmMonitorTest, TellsOneFaultByOneAlarm) {
-  Run(6 * kSecond, kBlack);  // which stands still, too
+  Run(6 * kSecond, kBlack);  // a black frame is still, too
   Run(3 * kSecond, kNone);
   Run(2 * kSecond, kMoves);
   EXPECT_THAT(changes_, ElementsAre("black+0", "loss+6000", "black-6000", "loss-9000"));
@@ -176,7 +176,7 @@ TEST_F(AlarmMonitorTest, CountsPeaksInsteadOfWaitingForAudioThatClipsWithoutABre
   EXPECT_THAT(changes_, ElementsAre("clipping+9000", "clipping-19520"));
 }
 
-// A YV12 picture of 64x48 samples.
+// A YV12 frame of 64x48 samples.
 class FrameMeterTest : public testing::Test {
  protected:
   static constexpr std::size_t kLuma = std::size_t{64} * 48;
@@ -227,10 +227,10 @@ TEST_F(FrameMeterTest, CallsStillWhatDoesNotMoveAwayFromWhereItStopped) {
   EXPECT_FALSE(meter_.Measure(picture_.data(), 32, 48).still) << "another size";
 }
 
-// A live source whose frames come when the test says, on the timeline of the wall.
+// A live source whose frames arrive when the test says, on the timeline of the wall.
 class LiveTimelineTest : public testing::Test {
  protected:
-  // The next frame comes when the wall's time is `now`; how late it is for its time.
+  // The next frame arrives when the wall's time is `now`; returns how late it is.
   Time Frame(Time now, bool jumped = false) {
     now_ = now;
     start_ += kFrameTime;
@@ -243,7 +243,7 @@ class LiveTimelineTest : public testing::Test {
       Frame(now_ + static_cast<Time>(static_cast<double>(kFrameTime) / rate));
     }
   }
-  // Frames that come together, after a gap that they fill.
+  // Frames that arrive together, after a gap that they fill.
   Time Burst(Time gap) {
     Time latest = 0;
     now_ += gap;

@@ -153,7 +153,7 @@ TEST(SamplePlanes, KeepTheChannelsApart) {
   EXPECT_EQ((std::vector<float>{converted[1], converted[1] + 2}), (std::vector{0.5F, 0.0F}));
 }
 
-// A clip with audio of this kind, read whole through a path.
+// A clip with audio of this kind, read to its end through an audio path.
 class AudioPassthroughTest : public testing::Test {
  protected:
   std::vector<AudioPacket> Take(const std::string& codec, const std::string& extension,
@@ -234,8 +234,8 @@ TEST_F(AudioPassthroughTest, EncodesIntoTheTrackWhenTheSourceComesBackInAnotherF
   EXPECT_THAT(said_, testing::IsEmpty());
 }
 
-// The demuxer looks at the beginning of a stream only: without more the track would carry packets
-// that it does not describe. E-AC-3 tells its channels to the decoder only.
+// The demuxer reads the beginning of a stream only, so the track would get packets that it does not
+// describe. The channels of E-AC-3 are known to the decoder only.
 TEST_F(AudioPassthroughTest, NoticesAnotherFormWithinOneStreamAndItsReturn) {
   struct Case {
     const char* codec;

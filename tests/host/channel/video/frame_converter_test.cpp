@@ -48,7 +48,7 @@ void ExpectColour(Colour actual, Colour expected, int tolerance = 2) {
   EXPECT_NEAR(actual.v, expected.v, tolerance);
 }
 
-// The picture of a window for one frame of a source.
+// The frame of a window for one frame of a source.
 Yv12Buffer Shown(FrameConverter& converter, const FrameConverter::Settings& settings,
                  ffmpeg::Frame frame, Time start = 0) {
   Yv12Buffer buffer(settings.width, settings.height);
@@ -193,7 +193,7 @@ TEST(FrameConverter, ConvertsMatrixAndRangeToBt601StudioRange) {
   ExpectColour(Shown(converter, settings, std::move(frame), start).At(16, 8), {82, 90, 240}, 1);
 }
 
-// The exact conversion, by way of red, green and blue.
+// The exact conversion, through RGB.
 Triple Exact(Triple yuv, LumaWeights weights, bool fullRange) {
   const double kG = 1.0 - weights.red - weights.blue;
   const double y = fullRange ? yuv[0] / 255.0 : (yuv[0] - 16.0) / 219.0;
@@ -236,7 +236,7 @@ TEST(ColourMatrix, StaysWithinOneStepOfTheExactConversion) {
   }
 }
 
-// What the standards give for a colour of display light, in cd/m2 of BT.2020's red, green and blue.
+// The signal of the standards for a colour of display light, in cd/m2 of BT.2020 RGB.
 constexpr double kWhite = 203;
 constexpr double kPeak = 1000;
 
@@ -256,7 +256,7 @@ double Hlg(double scene) {
   return scene <= 1 / 12.0 ? std::sqrt(3 * scene)
                            : 0.17883277 * std::log(12 * scene - 0.28466892) + 0.55991073;
 }
-// The curve of BT.2390 from a display of the peak to one whose white is that of graphics.
+// The curve of BT.2390 from a display of this peak to one with graphics white as its white.
 double Mapped(double light) {
   const double most = Pq(kWhite) / Pq(kPeak);
   const double knee = 1.5 * most - 0.5;
@@ -322,14 +322,14 @@ TEST(FrameConverter, MapsHighDynamicRangeAndWideColoursToTheWall) {
                               : 8);
       }
     }
-    // In between, something that is for the wall as it is.
+    // In between, a frame that needs no conversion.
     ExpectColour(
         Shown(converter, settings, MakeFrame(32, 32, kGreen), start += kFramePeriod).At(16, 16),
         kGreen);
   }
 }
 
-// Two fields of a bar that moves: the one field has it left, the other right.
+// Two fields of a moving bar: at the left in one field, at the right in the other.
 ffmpeg::Frame Interlaced(int step) {
   ffmpeg::Frame frame = MakeFrame(64, 48, [step](int x, int y) {
     const int left = 8 + 8 * step + (y % 2) * 4;
@@ -394,7 +394,7 @@ TEST(FrameConverter, DeinterlacesWhatIsMarkedAsInterlacedAndKeepsItsTimes) {
   }
 }
 
-// All eight, one after the other in one source, against what the matrix says of the corners.
+// All eight, one after the other in one source, compared with the matrix at the corners.
 TEST(FrameConverter, FollowsTheDisplayMatrixOfEachFrame) {
   const auto settings = Window(32, 32);
   FrameConverter converter(settings);
