@@ -95,7 +95,7 @@ AudioState AlarmMonitor::audio() const {
   return silent_ && raised(AlarmKind::kSilence) ? AudioState::kSilent : AudioState::kPresent;
 }
 
-void AlarmMonitor::Picture(bool black, bool still, Time now) {
+void AlarmMonitor::OnFrame(bool black, bool still, Time now) {
   Found(now);
   Update(AlarmKind::kBlack, black, now);
   // A black frame does not change either: one fault, one alarm.

@@ -165,7 +165,7 @@ class AlarmMonitor {
   void Opened(AudioAbsence absence, Time now);
   // Whether the audio that arrives can be decoded.
   void Decodable(bool isDecodable) { isDecodable_ = isDecodable; }
-  void Picture(bool black, bool still, Time now);
+  void OnFrame(bool black, bool still, Time now);
   // loudest: greatest magnitude of a sample, full scale at 1; late: how long ago that was.
   void Audio(float loudest, Time now, Time late = 0);
   // No frame arrives (since the given time), or frames arrive again.

@@ -34,7 +34,7 @@ class ChannelAlarms {
 
   // Is raised, and neither masked nor acknowledged.
   bool isUrgent(AlarmKind kind) const;
-  bool hasPictureAlarm() const {
+  bool hasVideoAlarm() const {
     return isUrgent(AlarmKind::kLoss) || isUrgent(AlarmKind::kBlack) ||
            isUrgent(AlarmKind::kFreeze);
   }

@@ -123,12 +123,12 @@ void ChannelIngest::ReadSource() {
 }
 
 std::optional<milliseconds> ChannelIngest::RunOnce() {
-  const bool isThinned = settings_.isLive() && decode_ != config::Decode::kFull;
+  const bool dropsFrames = settings_.isLive() && decode_ != config::Decode::kFull;
   auto reader = InSource([&] {
     return std::make_shared<RenditionReader>(
         RenditionReader::Settings{
             settings_.channel, settings_.receivers, settings_.inputs, settings_.isLive(),
-            isThinned ? std::optional(settings_.canvas.frameRate) : std::nullopt},
+            dropsFrames ? std::optional(settings_.canvas.frameRate) : std::nullopt},
         wanted_, renditions_);
   });
   {

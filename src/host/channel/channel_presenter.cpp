@@ -147,14 +147,14 @@ void ChannelPresenter::OnSourceEvent(const SourceEvent& event, Time now) {
   NoteLook();
 }
 
-void ChannelPresenter::Show(const ReadyFrame& picture, Time start, Time duration) {
+void ChannelPresenter::Show(const ReadyFrame& ready, Time start, Time duration) {
   duration = std::max<Time>(duration, 1);
   now_ = std::max(now_, start);
   FollowSize(start);
   // The frame may have been made before the size of the window changed.
-  const bool hasSize = picture.size == feed_.size().size() || picture.size.width == 0;
+  const bool hasSize = ready.size == feed_.size().size() || ready.size.width == 0;
   const ComPtr<IMediaSample> frame =
-      hasSize ? picture.sample : feed_.size().Resized(picture.sample.Get(), picture.size);
+      hasSize ? ready.sample : feed_.size().Resized(ready.sample.Get(), ready.size);
   if (!feed_.frames().Takes(start) || !frame) {
     life_.CameLate(now_);
     return;
@@ -165,7 +165,7 @@ void ChannelPresenter::Show(const ReadyFrame& picture, Time start, Time duration
   }
   shownAt_ = start;
   Report(life_.Shown(now_, duration));
-  alarms_.monitor().Picture(picture.condition.black, picture.condition.still, now_);
+  alarms_.monitor().OnFrame(ready.condition.black, ready.condition.still, now_);
   alarms_.ReportAudio(now_);
   NoteLook();
   BYTE* pixels = nullptr;
@@ -322,7 +322,7 @@ void ChannelPresenter::SendCopy(const std::uint8_t* pixels, const std::string& c
 
 void ChannelPresenter::SendFrame(IMediaSample* sample, Time start, Time stop) {
   feed_.SendFrame(sample, start, stop, now_);
-  feed_.SendAlarm(VideoAlarmRecord{alarms_.hasPictureAlarm(), 0}, start, stop);
+  feed_.SendAlarm(VideoAlarmRecord{alarms_.hasVideoAlarm(), 0}, start, stop);
   // The alarms of a channel show only where it has a meter.
   if (!hasAudio_) {
     SendLevels(start, stop - start, AudioLevels{});

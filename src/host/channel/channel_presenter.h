@@ -56,7 +56,7 @@ class ChannelPresenter {
   // What operators changed. Before Begin, or between two items.
   void SetControls(const ChannelControls& controls);
   // start, duration: of the item, on the wall's clock.
-  void Show(const ReadyFrame& picture, Time start, Time duration);
+  void Show(const ReadyFrame& ready, Time start, Time duration);
   void Show(const ReadyLevels& levels, Time start, Time duration);
   void OnSourceEvent(const SourceEvent& event, Time now);
   // When Tick is to be called, unless something is delivered before.

@@ -312,8 +312,8 @@ void ChannelSource::Deliver(ChannelItem& item) {
   }
   ApplyControls();
   DeliverLabel(item.due);
-  if (const auto* const picture = std::get_if<ReadyFrame>(&item.content)) {
-    presenter_->Show(*picture, item.start, item.duration);
+  if (const auto* const frame = std::get_if<ReadyFrame>(&item.content)) {
+    presenter_->Show(*frame, item.start, item.duration);
   } else if (const auto* const levels = std::get_if<ReadyLevels>(&item.content)) {
     presenter_->Show(*levels, item.start, item.duration);
   } else if (const auto* const event = std::get_if<SourceEvent>(&item.content)) {

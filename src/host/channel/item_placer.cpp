@@ -142,8 +142,8 @@ Time ItemPlacer::Place(Time start, bool jumped) {
   return placed;
 }
 
-bool ItemPlacer::Add(Time start, Time duration, bool jumped, ReadyFrame picture) {
-  return Put(Place(start, jumped), duration, std::move(picture));
+bool ItemPlacer::Add(Time start, Time duration, bool jumped, ReadyFrame frame) {
+  return Put(Place(start, jumped), duration, std::move(frame));
 }
 
 std::optional<Time> ItemPlacer::PlaceOfFrame(Time start) const {

@@ -252,7 +252,7 @@ class ItemPlacer {
 
   // Times of the source, in 100 ns. Each returns false once the queue is closed. jumped: the
   // source's timestamps jumped before this frame.
-  bool Add(Time start, Time duration, bool jumped, ReadyFrame picture);
+  bool Add(Time start, Time duration, bool jumped, ReadyFrame frame);
   bool Add(Time start, Time duration, AudioPacket packet);
   bool Add(Time start, Time duration, ReadyLevels levels);
   // The wall's time of a frame by the present offset; none before the first item.

@@ -13,7 +13,7 @@ namespace host {
 // What the beginning of a source showed.
 struct ProbeReport {
   MediaInfo info;
-  int pictures = 0;
+  int frames = 0;
   bool interlaced = false;
   bool topFieldFirst = false;
   int width = 0;  // of the decoded frames

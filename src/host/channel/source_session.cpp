@@ -77,11 +77,11 @@ SourceSession::SourceSession(const ChannelSettings& settings, const RenditionRea
 }
 
 bool SourceSession::Handle(MediaItem item) {
-  if (auto* const picture = std::get_if<DecodedFrame>(&item)) {
-    Count(true, picture->discontinuity);
+  if (auto* const decoded = std::get_if<DecodedFrame>(&item)) {
+    Count(true, decoded->discontinuity);
     try {
       const DecodeBudget::Turn turn = TakeTurn();
-      converter_.Push(std::move(*picture));
+      converter_.Push(std::move(*decoded));
     } catch (const ffmpeg::Error&) {
       LoseFrame();
     }

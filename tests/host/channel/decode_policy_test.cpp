@@ -308,7 +308,7 @@ TEST(DecodeStep, LeavesOutWholeFramesAndComesBackAtAKeyframe) {
   }
 }
 
-TEST(FrameThinner, LeavesOutWhatTheCanvasWouldNotShow) {
+TEST(FrameDropper, DropsWhatTheCanvasWouldNotShow) {
   const TemporaryFolder folder;
   ClipRecipe recipe = SmallClip();
   recipe.audio.clear();

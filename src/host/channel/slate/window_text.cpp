@@ -71,10 +71,10 @@ constexpr int kLargestFont = 48;
 constexpr int kMeterShare = 10;
 
 struct Planes {
-  explicit Planes(const WindowPixels& picture)
-      : y(picture.pixels.data()),
-        v(y + static_cast<std::ptrdiff_t>(picture.width) * picture.height),
-        u(v + static_cast<std::ptrdiff_t>(picture.width) * picture.height / 4) {}
+  explicit Planes(const WindowPixels& frame)
+      : y(frame.pixels.data()),
+        v(y + static_cast<std::ptrdiff_t>(frame.width) * frame.height),
+        u(v + static_cast<std::ptrdiff_t>(frame.width) * frame.height / 4) {}
   std::uint8_t* y;
   std::uint8_t* v;
   std::uint8_t* u;
@@ -88,30 +88,30 @@ struct Area {
   int height = 0;
 };
 
-void Fill(const WindowPixels& picture, const Area& area, Colour colour) {
-  const Planes planes(picture);
+void Fill(const WindowPixels& frame, const Area& area, Colour colour) {
+  const Planes planes(frame);
   for (int row = area.y; row < area.y + area.height; ++row) {
-    std::memset(planes.y + static_cast<std::ptrdiff_t>(row) * picture.width + area.x, colour.y,
+    std::memset(planes.y + static_cast<std::ptrdiff_t>(row) * frame.width + area.x, colour.y,
                 static_cast<std::size_t>(area.width));
   }
   for (int row = area.y / 2; row < (area.y + area.height) / 2; ++row) {
-    const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(row) * (picture.width / 2) + area.x / 2;
+    const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(row) * (frame.width / 2) + area.x / 2;
     std::memset(planes.v + at, colour.v, static_cast<std::size_t>(area.width / 2));
     std::memset(planes.u + at, colour.u, static_cast<std::size_t>(area.width / 2));
   }
 }
 
 // Blends the area with the strip's colour, three quarters opaque.
-void Darken(const WindowPixels& picture, const Area& area) {
-  const Planes planes(picture);
+void Darken(const WindowPixels& frame, const Area& area) {
+  const Planes planes(frame);
   for (int row = area.y; row < area.y + area.height; ++row) {
-    std::uint8_t* const line = planes.y + static_cast<std::ptrdiff_t>(row) * picture.width + area.x;
+    std::uint8_t* const line = planes.y + static_cast<std::ptrdiff_t>(row) * frame.width + area.x;
     for (int x = 0; x < area.width; ++x) {
       line[x] = static_cast<std::uint8_t>((line[x] + 3 * kStripLuma) / 4);
     }
   }
   for (int row = area.y / 2; row < (area.y + area.height) / 2; ++row) {
-    const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(row) * (picture.width / 2) + area.x / 2;
+    const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(row) * (frame.width / 2) + area.x / 2;
     for (std::uint8_t* const plane : {planes.v + at, planes.u + at}) {
       for (int x = 0; x < area.width / 2; ++x) {
         plane[x] = static_cast<std::uint8_t>((plane[x] + 3 * 128) / 4);
@@ -120,14 +120,13 @@ void Darken(const WindowPixels& picture, const Area& area) {
   }
 }
 
-void DrawMask(const WindowPixels& picture, const TextCoverage& mask, int x, int y) {
-  std::uint8_t* const luma = picture.pixels.data();
-  for (int row = std::max(0, -y); row < mask.height && y + row < picture.height; ++row) {
+void DrawMask(const WindowPixels& frame, const TextCoverage& mask, int x, int y) {
+  std::uint8_t* const luma = frame.pixels.data();
+  for (int row = std::max(0, -y); row < mask.height && y + row < frame.height; ++row) {
     const std::uint8_t* const coverage =
         mask.coverage.data() + static_cast<std::ptrdiff_t>(row) * mask.width;
-    std::uint8_t* const line = luma + static_cast<std::ptrdiff_t>(y + row) * picture.width;
-    for (int column = std::max(0, -x); column < mask.width && x + column < picture.width;
-         ++column) {
+    std::uint8_t* const line = luma + static_cast<std::ptrdiff_t>(y + row) * frame.width;
+    for (int column = std::max(0, -x); column < mask.width && x + column < frame.width; ++column) {
       std::uint8_t& pixel = line[x + column];
       pixel = static_cast<std::uint8_t>(
           (pixel * (255 - coverage[column]) + kTextLuma * coverage[column] + 127) / 255);
@@ -145,40 +144,40 @@ int FontFor(int height, int share) {
 
 }  // namespace
 
-void WindowText::DrawSlate(const WindowPixels& picture, const std::string& text) {
+void WindowText::DrawSlate(const WindowPixels& frame, const std::string& text) {
   constexpr int kFontShare = 18;
   constexpr int kLineDistance = 8;
-  const int left = Even(picture.width / kMeterShare + 1);
-  const int room = picture.width - 2 * left;
-  Fill(picture, {0, 0, picture.width, picture.height}, kSlate);
+  const int left = Even(frame.width / kMeterShare + 1);
+  const int room = frame.width - 2 * left;
+  Fill(frame, {0, 0, frame.width, frame.height}, kSlate);
   const TextCoverage mask =
-      setter_.Set(text, FontFor(picture.height, kFontShare), std::max(room, 1), picture.height);
-  const int top = (picture.height - mask.height) / 2;
+      setter_.Set(text, FontFor(frame.height, kFontShare), std::max(room, 1), frame.height);
+  const int top = (frame.height - mask.height) / 2;
   for (const int line : {top - kLineDistance - 2, top + mask.height + kLineDistance}) {
-    if (line >= 0 && line + 2 <= picture.height && room >= 2) {
-      Fill(picture, {left, Even(line), Even(room), 2}, kLine);
+    if (line >= 0 && line + 2 <= frame.height && room >= 2) {
+      Fill(frame, {left, Even(line), Even(room), 2}, kLine);
     }
   }
-  DrawMask(picture, mask, (picture.width - mask.width) / 2, top);
+  DrawMask(frame, mask, (frame.width - mask.width) / 2, top);
 }
 
-void WindowText::DrawCaption(const WindowPixels& picture, const std::string& text) {
+void WindowText::DrawCaption(const WindowPixels& frame, const std::string& text) {
   constexpr int kFontShare = 22;
   constexpr int kPadding = 4;
-  const int left = Even(picture.width / kMeterShare + 2);
-  const int room = Even(picture.width - left);
-  const Layout layout{text, picture.width, picture.height};
+  const int left = Even(frame.width / kMeterShare + 2);
+  const int room = Even(frame.width - left);
+  const Layout layout{text, frame.width, frame.height};
   if (layout != captionLayout_) {
-    const int points = FontFor(picture.height, kFontShare);
+    const int points = FontFor(frame.height, kFontShare);
     // Two lines of text at most.
     caption_ = setter_.Set(text, points, std::max(room - 2 * kPadding, 1),
-                           std::min(picture.height, points * 4));
+                           std::min(frame.height, points * 4));
     captionLayout_ = layout;
   }
-  const int height = std::min(Even(caption_.height + 2 * kPadding + 1), picture.height);
-  const int top = picture.height - height;
-  Darken(picture, {left, top, room, height});
-  DrawMask(picture, caption_, left + (room - caption_.width) / 2,
+  const int height = std::min(Even(caption_.height + 2 * kPadding + 1), frame.height);
+  const int top = frame.height - height;
+  Darken(frame, {left, top, room, height});
+  DrawMask(frame, caption_, left + (room - caption_.width) / 2,
            top + (height - caption_.height) / 2);
 }
 

@@ -46,9 +46,9 @@ struct WindowPixels {
 class WindowText {
  public:
   // Fills the frame: dark, the text in the middle between two red lines.
-  void DrawSlate(const WindowPixels& picture, const std::string& text);
+  void DrawSlate(const WindowPixels& frame, const std::string& text);
   // Draws a dark strip with the text over the lower edge, beside the meter at the left.
-  void DrawCaption(const WindowPixels& picture, const std::string& text);
+  void DrawCaption(const WindowPixels& frame, const std::string& text);
 
  private:
   struct Layout {

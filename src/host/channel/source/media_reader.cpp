@@ -65,7 +65,7 @@ MediaItem MediaReader::Read() {
       continue;
     }
     if (decoder_->TakeFrameGiven()) {
-      watch_->Picture(Clock::now());
+      watch_->OnFrame(Clock::now());
     }
     if (watch_->Expired(Clock::now(), decoder_->waitsForKeyframes() ? kKeyframeTimeout
                                                                     : Clock::duration::zero())) {

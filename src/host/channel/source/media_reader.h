@@ -30,7 +30,7 @@ class VideoWatch {
 
   // limit: the longest time without a frame; frameTime: between two frames of the source.
   VideoWatch(Clock::duration limit, Clock::duration frameTime)
-      : limit_(std::max(limit, kPictures * std::min(frameTime, kMaxFrameTime))) {}
+      : limit_(std::max(limit, kMinFrames * std::min(frameTime, kMaxFrameTime))) {}
 
   void BeginReading(Clock::time_point now) {
     latestFrame_ = left_ ? latestFrame_ + (now - leftAt_) : now;
@@ -40,14 +40,14 @@ class VideoWatch {
     leftAt_ = now;
     left_ = true;
   }
-  void Picture(Clock::time_point now) { latestFrame_ = now; }
+  void OnFrame(Clock::time_point now) { latestFrame_ = now; }
   // extra: is added to the limit.
   bool Expired(Clock::time_point now, Clock::duration extra = {}) const {
     return now - latestFrame_ >= limit_ + extra;
   }
 
  private:
-  static constexpr int kPictures = 4;
+  static constexpr int kMinFrames = 4;
   // A stream may announce any frame rate; longer frames do not extend the limit further.
   static constexpr Clock::duration kMaxFrameTime = std::chrono::seconds(10);
 

@@ -24,7 +24,7 @@ void SourceClock::ReplaceStream(std::size_t index, Time wrapPeriod) {
   stream.wrapPeriod = wrapPeriod;
   stream.lastStep = stream.claimed = 0;
   stream.suspect.reset();
-  stream.doubts = 0;
+  stream.suspects = 0;
 }
 
 void SourceClock::AddOffset(Time value, std::optional<Time> beforeGap, Time since) {
@@ -50,7 +50,7 @@ Time SourceClock::Unwrap(const Stream& stream, Time raw) const {
   return raw + turns * stream.wrapPeriod;
 }
 
-SourceClock::Verdict SourceClock::Judge(const Stream& stream, Time raw) const {
+SourceClock::Verdict SourceClock::Classify(const Stream& stream, Time raw) const {
   const Time usual = kBackLimit + 2 * std::max(stream.lastStep, stream.claimed);
   const auto goesOn = [&](Time from) { return raw - from >= -kBackLimit && raw - from <= usual; };
   const Time time = raw + stream.offset.value;
@@ -63,7 +63,8 @@ SourceClock::Verdict SourceClock::Judge(const Stream& stream, Time raw) const {
     return Verdict::kFollows;  // it was away, and has returned beside the others
   }
   // Without a known frame interval no timestamp is suspect.
-  const bool isConfirmed = !forwardLimit_ || stream.lastStep <= 0 || stream.doubts >= kMaxDoubts ||
+  const bool isConfirmed = !forwardLimit_ || stream.lastStep <= 0 ||
+                           stream.suspects >= kMaxSuspects ||
                            (stream.suspect && goesOn(*stream.suspect));
   return isConfirmed ? Verdict::kConfirmed : Verdict::kSuspect;
 }
@@ -173,7 +174,7 @@ SourceClock::Mapped SourceClock::Map(std::size_t index, Timestamps timestamps) {
     Verdict verdict = Verdict::kFollows;
     if (!stream.started) {
       stream.offset = newest_;
-    } else if (verdict = Judge(stream, raw); verdict == Verdict::kFollows) {
+    } else if (verdict = Classify(stream, raw); verdict == Verdict::kFollows) {
       ConfirmGap(stream, raw);
     } else {
       if (JoinCompanion(stream, raw)) {
@@ -201,11 +202,11 @@ SourceClock::Mapped SourceClock::Map(std::size_t index, Timestamps timestamps) {
     }
     if (verdict == Verdict::kSuspect) {
       stream.suspect = raw;
-      ++stream.doubts;
+      ++stream.suspects;
     } else {
       if (verdict == Verdict::kConfirmed && stream.suspect) {
         stream.lastStep = std::max<Time>(raw - *stream.suspect, 0);
-      } else if (stream.started && !mapped.discontinuity && stream.doubts == 0) {
+      } else if (stream.started && !mapped.discontinuity && stream.suspects == 0) {
         stream.lastStep = std::max<Time>(raw - stream.lastRaw, 0);
       }
       // Measured when the packets of the two alternate: a stream that is away stands still.
@@ -215,7 +216,7 @@ SourceClock::Mapped SourceClock::Map(std::size_t index, Timestamps timestamps) {
       }
       stream.lastRaw = raw;
       stream.suspect.reset();
-      stream.doubts = 0;
+      stream.suspects = 0;
     }
   }
   stream.started = stream.started || given.has_value();

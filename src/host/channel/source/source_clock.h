@@ -39,7 +39,7 @@ class SourceClock {
   static constexpr Time kMaxAhead = 5 * kSecond;
   static constexpr Time kMaxFramesAhead = 16;
   // Consecutive suspect timestamps that do not confirm each other; the next one is accepted.
-  static constexpr int kMaxDoubts = 3;
+  static constexpr int kMaxSuspects = 3;
   // How far apart the streams of one source may be when they jump together.
   static constexpr Time kAdoptionLimit = 2 * kSecond;
   // A stream that is behind the others by more than kAway was away; one that is behind by more than
@@ -101,14 +101,14 @@ class SourceClock {
     Time ahead = 0;          // of its companion, on the clock, when their packets alternate
     std::uint64_t turn = 0;  // number of its latest packet among those of all streams
     std::optional<Time> suspect{};  // source time of the latest packet, if it is suspect
-    int doubts = 0;                 // consecutive suspect packets
+    int suspects = 0;               // consecutive suspect packets
   };
 
   Time Unwrap(const Stream& stream, Time raw) const;
   // Classifies a packet's timestamp: it follows the one before it; it differs, and is confirmed; or
   // it is suspect until the next one confirms it.
   enum class Verdict { kFollows, kConfirmed, kSuspect };
-  Verdict Judge(const Stream& stream, Time raw) const;
+  Verdict Classify(const Stream& stream, Time raw) const;
   // The other stream that had a packet last; null without one that has not ended.
   const Stream* Companion(const Stream& stream) const;
   // Clock time at which the stream's next packet belongs.

@@ -21,10 +21,10 @@ constexpr std::int64_t kMaxPixels = std::int64_t{8192} * 4352;
 
 }  // namespace
 
-FrameThinner::FrameThinner(Ratio canvasRate)
+FrameDropper::FrameDropper(Ratio canvasRate)
     : rate_(canvasRate), period_(FrameDuration(canvasRate)), step_(period_) {}
 
-bool FrameThinner::HasPlace(const AVPacket& packet) {
+bool FrameDropper::HasPlace(const AVPacket& packet) {
   if (packet.dts == AV_NOPTS_VALUE || packet.pts == AV_NOPTS_VALUE) {
     return true;
   }
@@ -65,7 +65,7 @@ StreamDecoder::StreamDecoder(const AVStream& stream, int threads, std::optional<
   if (decoder->type == AVMEDIA_TYPE_VIDEO) {
     gate_.emplace(decoder->id);
     if (canvasRate) {
-      thinner_.emplace(*canvasRate);
+      dropper_.emplace(*canvasRate);
     }
   }
 }
@@ -156,7 +156,7 @@ void StreamDecoder::Send(const AVPacket& packet, const FrameSink& sink) {
       codec_->flags2 |= AV_CODEC_FLAG2_SHOW_ALL;
     }
   }
-  const bool isLeftOut = thinner_ && !thinner_->HasPlace(packet);
+  const bool isLeftOut = dropper_ && !dropper_->HasPlace(packet);
   codec_->skip_frame =
       isLeftOut || step_ == DecodeStep::kReferencedOnly ? AVDISCARD_NONREF : AVDISCARD_DEFAULT;
   int result = avcodec_send_packet(codec_.get(), &packet);

@@ -95,9 +95,9 @@ class KeyframeGate {
 
 // For a source with at least twice the canvas's rate: finds the frames that the canvas does not
 // show, those that are not the nearest to one of its frames. Owned by one decoder; its thread.
-class FrameThinner {
+class FrameDropper {
  public:
-  explicit FrameThinner(Ratio canvasRate);
+  explicit FrameDropper(Ratio canvasRate);
 
   // Whether the canvas shows the frame. Called for each packet, in decoding order.
   bool HasPlace(const AVPacket& packet);
@@ -179,7 +179,7 @@ class StreamDecoder {
 
   ffmpeg::Codec codec_;
   std::optional<KeyframeGate> gate_;  // of video
-  std::optional<FrameThinner> thinner_;
+  std::optional<FrameDropper> dropper_;
   DecodeStep wanted_ = DecodeStep::kFull;
   DecodeStep step_ = DecodeStep::kFull;
   std::uint64_t damagedPackets_ = 0;

@@ -27,10 +27,10 @@ int EvenNear(double value, int limit) {
 
 }  // namespace
 
-FitRect FitFrame(int width, int height, Ratio pictureAspect, int windowWidth, int windowHeight,
+FitRect FitFrame(int width, int height, Ratio pixelAspect, int windowWidth, int windowHeight,
                  Ratio canvasAspect) {
   // Width of the frame per height, both in canvas pixels.
-  const double shape = static_cast<double>(width) * pictureAspect.value() /
+  const double shape = static_cast<double>(width) * pixelAspect.value() /
                        (static_cast<double>(height) * canvasAspect.value());
   FitRect rect;
   if (shape * windowHeight >= windowWidth) {
@@ -193,16 +193,16 @@ const char* FrameConverter::WantedDeinterlacing(const AVFrame& frame, Time durat
                            : "bwdif=mode=send_frame:deint=interlaced";
 }
 
-void FrameConverter::UpdateFilter(const DecodedFrame& picture) {
-  const AVFrame& frame = *picture.frame;
+void FrameConverter::UpdateFilter(const DecodedFrame& decoded) {
+  const AVFrame& frame = *decoded.frame;
   SourceFormat format = FormatOf(frame);
-  format.orientation = picture.orientation;
+  format.orientation = decoded.orientation;
   if (filterFormat_ != format) {
     FinishFilter();
     deinterlaceMode_ = nullptr;
   }
-  const char* const deinterlace = WantedDeinterlacing(frame, picture.duration);
-  const char* const turn = UprightFilter(picture.orientation);
+  const char* const deinterlace = WantedDeinterlacing(frame, decoded.duration);
+  const char* const turn = UprightFilter(decoded.orientation);
   if (filterFormat_ == format && deinterlace == deinterlaceMode_) {
     return;
   }
@@ -225,9 +225,9 @@ void FrameConverter::FinishFilter() {
   }
 }
 
-void FrameConverter::Push(DecodedFrame picture) {
+void FrameConverter::Push(DecodedFrame decoded) {
   try {
-    Filter(std::move(picture));
+    Filter(std::move(decoded));
   } catch (const ffmpeg::Error&) {
     // The next frame gets a new filter.
     filter_.reset();
@@ -237,22 +237,22 @@ void FrameConverter::Push(DecodedFrame picture) {
   }
 }
 
-void FrameConverter::Filter(DecodedFrame picture) {
-  if (picture.discontinuity) {
+void FrameConverter::Filter(DecodedFrame decoded) {
+  if (decoded.discontinuity) {
     FinishFilter();  // its times must grow
     filterFormat_.reset();
   }
-  UpdateFilter(picture);
+  UpdateFilter(decoded);
   if (!filter_) {
-    MakeReady(std::move(picture.frame), {picture.start, picture.duration, picture.discontinuity});
+    MakeReady(std::move(decoded.frame), {decoded.start, decoded.duration, decoded.discontinuity});
     return;
   }
   const bool fields =
       deinterlaceMode_ != nullptr && std::strstr(deinterlaceMode_, "send_field") != nullptr;
-  filteredDuration_ = fields ? picture.duration / 2 : picture.duration;
-  isDiscontinuous_ = isDiscontinuous_ || picture.discontinuity;
-  picture.frame->pts = picture.start;
-  filter_->Push(std::move(picture.frame),
+  filteredDuration_ = fields ? decoded.duration / 2 : decoded.duration;
+  isDiscontinuous_ = isDiscontinuous_ || decoded.discontinuity;
+  decoded.frame->pts = decoded.start;
+  filter_->Push(std::move(decoded.frame),
                 [this](ffmpeg::Frame frame) { Filtered(std::move(frame)); });
 }
 
@@ -381,12 +381,12 @@ void FrameConverter::Write(std::span<std::uint8_t> buffer) {
   if (ready_.empty() || buffer.size() < bufferSize()) {
     throw std::invalid_argument("no picture is ready, or the buffer is too small");
   }
-  const ConvertedFrame picture = std::move(ready_.front());
+  const ConvertedFrame next = std::move(ready_.front());
   ready_.pop_front();
-  UpdateScaler(*picture.frame);
+  UpdateScaler(*next.frame);
 
-  const ffmpeg::Frame converted = colourFilter_ ? ConvertWideColour(*picture.frame) : nullptr;
-  const AVFrame* source = converted ? converted.get() : picture.frame.get();
+  const ffmpeg::Frame converted = colourFilter_ ? ConvertWideColour(*next.frame) : nullptr;
+  const AVFrame* source = converted ? converted.get() : next.frame.get();
   if (box_ && !matrix_->identity()) {
     box_->Scale(*source, {scaled_->data[0], scaled_->linesize[0]},
                 {scaled_->data[1], scaled_->linesize[1]}, {scaled_->data[2], scaled_->linesize[2]});

@@ -32,10 +32,10 @@ struct FitRect {
 };
 
 // The largest centred rectangle in a window (even size, at least 2x2) that shows a frame of
-// width x height samples of pixel aspect pictureAspect undistorted on canvas pixels of pixel aspect
+// width x height samples with this pixel aspect undistorted on canvas pixels of the aspect
 // canvasAspect. A frame that is smaller than the window by two pixels or less fills it: such thin
 // bars look like faults.
-FitRect FitFrame(int width, int height, Ratio pictureAspect, int windowWidth, int windowHeight,
+FitRect FitFrame(int width, int height, Ratio pixelAspect, int windowWidth, int windowHeight,
                  Ratio canvasAspect);
 
 // Of a source that is faster than the canvas, passes one frame for each frame of the canvas: the
@@ -110,7 +110,7 @@ class FrameConverter {
 
   // Takes the next frame of the source. Throws ffmpeg::Error when it cannot be processed; the frame
   // is then lost, and the converter can be used further.
-  void Push(DecodedFrame picture);
+  void Push(DecodedFrame decoded);
   // At the end of the source: what the deinterlacer holds back becomes ready. A new source may
   // follow.
   void Finish();
@@ -148,8 +148,8 @@ class FrameConverter {
 
   static SourceFormat FormatOf(const AVFrame& frame);
   const char* WantedDeinterlacing(const AVFrame& frame, Time duration) const;
-  void Filter(DecodedFrame picture);
-  void UpdateFilter(const DecodedFrame& picture);
+  void Filter(DecodedFrame decoded);
+  void UpdateFilter(const DecodedFrame& decoded);
   void FinishFilter();
   void Filtered(ffmpeg::Frame frame);
   void MakeReady(ffmpeg::Frame frame, const FrameTimes& times);

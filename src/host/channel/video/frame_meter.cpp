@@ -31,10 +31,10 @@ Plane PlaneOf(const std::uint8_t* samples, int width, int height) {
   return {samples, width, (height + kRowStep - 1) / kRowStep};
 }
 
-std::array<Plane, 3> PlanesOf(const std::uint8_t* picture, int width, int height) {
-  const std::uint8_t* const v = picture + static_cast<std::ptrdiff_t>(width) * height;
+std::array<Plane, 3> PlanesOf(const std::uint8_t* frame, int width, int height) {
+  const std::uint8_t* const v = frame + static_cast<std::ptrdiff_t>(width) * height;
   const std::uint8_t* const u = v + static_cast<std::ptrdiff_t>(width / 2) * (height / 2);
-  return {PlaneOf(picture, width, height), PlaneOf(v, width / 2, height / 2),
+  return {PlaneOf(frame, width, height), PlaneOf(v, width / 2, height / 2),
           PlaneOf(u, width / 2, height / 2)};
 }
 
@@ -88,18 +88,18 @@ FrameMeter::FrameMeter(const config::AlarmOptions& options)
           kBlack + std::lround(kRange * std::clamp(options.black.level, 0.0, 100.0) / 100))),
       stillDifference_(kRange * std::pow(10.0, options.freeze.level / 20)) {}
 
-FrameCondition FrameMeter::Measure(const std::uint8_t* picture, int width, int height) {
+FrameCondition FrameMeter::Measure(const std::uint8_t* frame, int width, int height) {
   FrameCondition condition;
-  condition.black = IsBlack(PlaneOf(picture, width, height), blackLuma_);
-  condition.still = IsStill(picture, width, height);
+  condition.black = IsBlack(PlaneOf(frame, width, height), blackLuma_);
+  condition.still = IsStill(frame, width, height);
   if (!condition.still) {
-    Keep(picture, width, height);
+    Keep(frame, width, height);
   }
   return condition;
 }
 
-bool FrameMeter::IsStill(const std::uint8_t* picture, int width, int height) const {
-  const std::array<Plane, 3> planes = PlanesOf(picture, width, height);
+bool FrameMeter::IsStill(const std::uint8_t* frame, int width, int height) const {
+  const std::array<Plane, 3> planes = PlanesOf(frame, width, height);
   std::int64_t all = 0;
   for (const Plane& plane : planes) {
     all += plane.Count();
@@ -122,9 +122,9 @@ bool FrameMeter::IsStill(const std::uint8_t* picture, int width, int height) con
   return true;
 }
 
-void FrameMeter::Keep(const std::uint8_t* picture, int width, int height) {
+void FrameMeter::Keep(const std::uint8_t* frame, int width, int height) {
   kept_.clear();
-  for (const Plane& plane : PlanesOf(picture, width, height)) {
+  for (const Plane& plane : PlanesOf(frame, width, height)) {
     for (int row = 0; row < plane.rows; ++row) {
       kept_.insert(kept_.end(), plane.Row(row), plane.Row(row) + plane.width);
     }

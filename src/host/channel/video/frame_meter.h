@@ -26,11 +26,11 @@ class FrameMeter {
   explicit FrameMeter(const config::AlarmOptions& options);
 
   // A YV12 frame in studio range without padding; width and height are even.
-  FrameCondition Measure(const std::uint8_t* picture, int width, int height);
+  FrameCondition Measure(const std::uint8_t* frame, int width, int height);
 
  private:
-  bool IsStill(const std::uint8_t* picture, int width, int height) const;
-  void Keep(const std::uint8_t* picture, int width, int height);
+  bool IsStill(const std::uint8_t* frame, int width, int height) const;
+  void Keep(const std::uint8_t* frame, int width, int height);
 
   const std::uint8_t blackLuma_;
   const double stillDifference_;    // mean, in luma steps

@@ -106,8 +106,8 @@ TEST(MediaInput, ChangesTheDemuxerOfAnEndlessSourceWithoutAGap) {
     try {
       reader.Open();
       ReadEach(reader, [&](const MediaItem& item) {
-        if (const auto* const picture = std::get_if<DecodedFrame>(&item)) {
-          times.push_back(picture->start);
+        if (const auto* const decoded = std::get_if<DecodedFrame>(&item)) {
+          times.push_back(decoded->start);
           // A playlist is read at full speed: the replacement has to catch up with it.
           std::this_thread::sleep_for(std::chrono::milliseconds(4));
         } else if (const auto* const packet = std::get_if<AudioPacket>(&item)) {
@@ -153,13 +153,13 @@ TEST(MediaInput, BeginsAFileAgainWithoutAGapOnTheClock) {
     MediaReader::Settings settings = Source(Write(SmallClip(), folder / name));
     settings.live = true;
     const auto reader = Opened(settings);
-    std::vector<DecodedFrame> pictures;
+    std::vector<DecodedFrame> shown;
     Time lastAudio = -kSecond;
-    while (pictures.size() < 80) {
+    while (shown.size() < 80) {
       MediaItem item = reader->Read();
-      if (auto* picture = std::get_if<DecodedFrame>(&item)) {
-        EXPECT_FALSE(picture->discontinuity);
-        pictures.push_back(std::move(*picture));
+      if (auto* decoded = std::get_if<DecodedFrame>(&item)) {
+        EXPECT_FALSE(decoded->discontinuity);
+        shown.push_back(std::move(*decoded));
       } else if (auto* packet = std::get_if<AudioPacket>(&item)) {
         EXPECT_GE(packet->start, lastAudio);
         lastAudio = packet->start;
@@ -167,8 +167,8 @@ TEST(MediaInput, BeginsAFileAgainWithoutAGapOnTheClock) {
     }
     EXPECT_EQ(reader->repeats(), 3U) << name;
     // The audio may be longer than the video by a packet: the file is as long as the longer.
-    ExpectSteady(pictures, 500'000);
-    EXPECT_NEAR(pictures.back().start, 79 * 400'000, 1'500'000) << name;
+    ExpectSteady(shown, 500'000);
+    EXPECT_NEAR(shown.back().start, 79 * 400'000, 1'500'000) << name;
   }
 }
 
@@ -207,7 +207,7 @@ TEST(MediaInput, FailsForReopeningWhenARepeatedFileWasWrittenAgainOrGivesNothing
   EXPECT_EQ(failure(folder / "empty.mkv", ""), "nothing in it can be read");
 }
 
-TEST(MediaDecoder, GoesOnThroughAWrapAndAJumpOfTheTimeStamps) {
+TEST(MediaDecoder, ContinuesThroughAWrapAndAJumpOfTheTimestamps) {
   const TemporaryFolder folder;
   ClipRecipe recipe = SmallClip();
   recipe.videoOptions = {{"bf", "0"}};
@@ -234,7 +234,7 @@ TEST(MediaDecoder, GoesOnThroughAWrapAndAJumpOfTheTimeStamps) {
 }
 
 // Audio and video are as far apart after damage as before it.
-TEST(MediaDecoder, DamageDoesNotTearAudioFromPicture) {
+TEST(MediaDecoder, DamageDoesNotMakeAudioAndVideoDiverge) {
   const TemporaryFolder folder;
   ClipRecipe recipe = SmallClip();
   recipe.length = 16 * kSecond;
@@ -289,8 +289,8 @@ TEST(MediaDecoder, GivesEachFrameItsOwnOrientation) {
 }
 
 // The luma rows of the frame.
-std::string LumaOf(const DecodedFrame& picture) {
-  const AVFrame& frame = *picture.frame;
+std::string LumaOf(const DecodedFrame& decoded) {
+  const AVFrame& frame = *decoded.frame;
   std::string luma;
   for (int y = 0; y < frame.height; ++y) {
     luma.append(reinterpret_cast<const char*>(frame.data[0] + y * frame.linesize[0]),

@@ -39,7 +39,7 @@ Bytes Map(std::uint8_t video, std::uint8_t audio, const Bytes& descriptors = {},
   return Packets(kMapPid, Section(2, body));
 }
 
-TEST(PmtMonitor, TellsTheStreamThatGoesOnInAnotherFormHoweverTheBytesAreCut) {
+TEST(PmtMonitor, DetectsAStreamThatContinuesInAnotherFormHoweverTheBytesAreCut) {
   const Bytes stream = Join({Association(), Map(kMpeg2, 0x0F, {}, 200), Map(kMpeg2, 0x0F, {}, 200),
                              Association(), Map(kH264, 0x0F, {}, 200)});
   for (const std::size_t piece : {1U, 7U, 188U, 189U, 1316U, 10'000U}) {
@@ -65,7 +65,7 @@ TEST(PmtMonitor, KnowsPrivateDataByTheDescriptorThatNamesItsCodec) {
   EXPECT_TRUE(watch.HasChanged(kAudioPid));
 }
 
-TEST(PmtMonitor, BelievesNothingThatIsDamagedOrNoTransportStream) {
+TEST(PmtMonitor, IgnoresWhatIsDamagedOrNoTransportStream) {
   host::PmtMonitor watch;
   watch.Feed(Join({Association(), Map(kMpeg2, 0x0F)}));
   const Bytes changed = Map(kH264, 0x0F);

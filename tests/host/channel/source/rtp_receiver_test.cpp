@@ -70,7 +70,7 @@ class RtpReceiverTest : public testing::Test {
   Bytes stream_;                      // the whole output
 };
 
-TEST_F(RtpReceiverTest, SortsWhatIsExchangedAndLeavesOutWhatCameTwice) {
+TEST_F(RtpReceiverTest, SortsReorderedPacketsAndDropsDuplicates) {
   std::mt19937 random(1);
   std::vector<std::uint32_t> order = Row(1, 5000);
   for (std::size_t at = 0; at + 20 < order.size(); at += 20) {
@@ -89,7 +89,7 @@ TEST_F(RtpReceiverTest, SortsWhatIsExchangedAndLeavesOutWhatCameTwice) {
   EXPECT_EQ(receiver_.lost(), 0U);
 }
 
-TEST_F(RtpReceiverTest, PassesOverWhatIsLostAfterAShortWait) {
+TEST_F(RtpReceiverTest, SkipsLostPacketsAfterAShortWait) {
   for (std::uint32_t number = 0; number < 540; ++number) {
     if (number % 100 != 50 && number % 100 != 53) {
       Send(7, number);
@@ -110,7 +110,7 @@ TEST_F(RtpReceiverTest, PassesOverWhatIsLostAfterAShortWait) {
 
 // With another sequence number or SSRC, wherever the new numbers are: among those that were just
 // sent they look like late packets at first.
-TEST_F(RtpReceiverTest, ASenderThatBeginsAnewLosesNextToNothing) {
+TEST_F(RtpReceiverTest, ASenderThatRestartsLosesNextToNothing) {
   for (const std::uint32_t sender : {7U, 8U}) {
     for (const std::uint32_t first : {0U, 10'000U, 19'500U, 21'500U, 40'000U, 65'530U}) {
       receiver_ = {};
@@ -155,7 +155,7 @@ TEST_F(RtpReceiverTest, StrayPacketsChangeNothingAndDoNotEndASource) {
   }
 }
 
-TEST_F(RtpReceiverTest, UnderstandsEveryHeaderAndWhatHasNone) {
+TEST_F(RtpReceiverTest, ParsesEveryHeaderAndRawDatagrams) {
   const Bytes payload = Payload(1);
   Bytes rich = Packet(7, 1, {});
   rich[0] |= 0x20 | 0x10 | 3;            // padding, extension, CSRC count

@@ -62,7 +62,7 @@ TEST(TrackSelector, TakesCoverArtForNoVideo) {
   }
 }
 
-TEST(TrackSelector, FollowsAServiceThatGoesOnInOtherStreams) {
+TEST(TrackSelector, FollowsAServiceThatContinuesInOtherStreams) {
   const TemporaryFolder folder;
   // Long enough that the change comes after the source was opened.
   ClipRecipe recipe = SmallClip();

@@ -34,12 +34,12 @@ FrameConverter::Settings Window(int width, int height) {
   return settings;
 }
 
-DecodedFrame Picture(ffmpeg::Frame frame, Time start = 0) {
-  DecodedFrame picture;
-  picture.frame = std::move(frame);
-  picture.start = start;
-  picture.duration = kFramePeriod;
-  return picture;
+DecodedFrame Decoded(ffmpeg::Frame frame, Time start = 0) {
+  DecodedFrame decoded;
+  decoded.frame = std::move(frame);
+  decoded.start = start;
+  decoded.duration = kFramePeriod;
+  return decoded;
 }
 
 void ExpectColour(Colour actual, Colour expected, int tolerance = 2) {
@@ -53,7 +53,7 @@ Yv12Buffer Shown(FrameConverter& converter, const FrameConverter::Settings& sett
                  ffmpeg::Frame frame, Time start = 0) {
   Yv12Buffer buffer(settings.width, settings.height);
   buffer.Fill({99, 99, 99});
-  converter.Push(Picture(std::move(frame), start));
+  converter.Push(Decoded(std::move(frame), start));
   if (converter.Next() == nullptr) {
     ADD_FAILURE() << "no picture";
     return buffer;
@@ -94,9 +94,9 @@ TEST(FrameConverter, CopiesFramesThatFitAtTheRateOfTheCanvas) {
       ExpectColour(shown.At(x, y), {colourAt(x, y).y, chroma.u, chroma.v}, 0);
     }
   }
-  converter.Push(Picture(MakeFrame(32, 16, kGreen), kFramePeriod / 2));
+  converter.Push(Decoded(MakeFrame(32, 16, kGreen), kFramePeriod / 2));
   EXPECT_EQ(converter.Next(), nullptr) << "the canvas has 25 a second";
-  DecodedFrame jumped = Picture(MakeFrame(32, 16, kGreen), kFramePeriod);
+  DecodedFrame jumped = Decoded(MakeFrame(32, 16, kGreen), kFramePeriod);
   jumped.discontinuity = true;
   converter.Push(std::move(jumped));
   ASSERT_NE(converter.Next(), nullptr);
@@ -138,7 +138,7 @@ TEST(FrameConverter, ReducesByTwoAndFourToTheRoundedMean) {
   }
 }
 
-TEST(FrameConverter, CentresAPictureOfAnotherShapeOnBlackWhateverWasInTheBuffer) {
+TEST(FrameConverter, CentresAFrameOfAnotherShapeOnBlackWhateverWasInTheBuffer) {
   const auto settings = Window(320, 180);
   FrameConverter converter(settings);
   ffmpeg::Frame frame = MakeFrame(72, 58, kGreen);
@@ -341,11 +341,11 @@ ffmpeg::Frame Interlaced(int step) {
 }
 
 // How much neighbouring rows differ: large where fields of two moments are woven together.
-int Combing(const Yv12Buffer& picture) {
+int Combing(const Yv12Buffer& shown) {
   int combing = 0;
-  for (int y = 2; y < picture.height() - 2; ++y) {
-    for (int x = 0; x < picture.width(); ++x) {
-      combing += std::abs(picture.At(x, y).y - picture.At(x, y + 1).y) > 60 ? 1 : 0;
+  for (int y = 2; y < shown.height() - 2; ++y) {
+    for (int x = 0; x < shown.width(); ++x) {
+      combing += std::abs(shown.At(x, y).y - shown.At(x, y + 1).y) > 60 ? 1 : 0;
     }
   }
   return combing;
@@ -363,7 +363,7 @@ std::vector<FrameConverter::FrameTimes> ConvertInterlaced(FrameConverter& conver
     }
   };
   for (int i = 0; i < 5; ++i) {
-    converter.Push(Picture(Interlaced(i), i * kFramePeriod));
+    converter.Push(Decoded(Interlaced(i), i * kFramePeriod));
     drain();
   }
   converter.Finish();
@@ -403,14 +403,14 @@ TEST(FrameConverter, FollowsTheDisplayMatrixOfEachFrame) {
     std::int32_t matrix[9];
     av_display_rotation_set(matrix, i / 2 * 90);
     av_display_matrix_flip(matrix, i % 2, 0);
-    DecodedFrame picture = Picture(MakeFrame(64, 32,
+    DecodedFrame decoded = Decoded(MakeFrame(64, 32,
                                              [&](int x, int y) {
                                                return Colour{luma(x / 32, y / 16), 128, 128};
                                              }),
                                    i * kFramePeriod);
-    picture.orientation = OrientationOf(matrix);
-    picture.discontinuity = i == 5;
-    converter.Push(std::move(picture));
+    decoded.orientation = OrientationOf(matrix);
+    decoded.discontinuity = i == 5;
+    converter.Push(std::move(decoded));
     ASSERT_NE(converter.Next(), nullptr);
     EXPECT_EQ(converter.Next()->discontinuity, i == 5);
     Yv12Buffer shown(32, 32);

@@ -29,7 +29,7 @@ TEST(RateLimiter, PassesASourceOfTheSameOrALowerRateWholeInSpiteOfJitter) {
   }
 }
 
-TEST(RateLimiter, PassesForEveryFrameOfTheCanvasThePictureThatIsNearest) {
+TEST(RateLimiter, PassesForEveryFrameOfTheCanvasTheNearestFrame) {
   for (const Ratio source : {Ratio{30000, 1001}, Ratio{30, 1}, Ratio{60000, 1001}, Ratio{50, 1}}) {
     RateLimiter limiter({25, 1});
     std::vector<Time> all = Steady(source, 1000);
