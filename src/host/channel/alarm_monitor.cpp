@@ -105,7 +105,7 @@ void AlarmMonitor::OnFrame(bool black, bool still, Time now) {
 
 void AlarmMonitor::Audio(float loudest, Time now, Time late) {
   if (late >= kAudioMissing) {
-    return;  // says nothing of the present
+    return;  // too old for the present state
   }
   lastAudio_ = std::max(lastAudio_, now - late);
   heard_ = true;

@@ -142,7 +142,7 @@ using config::kAllAlarms;
 
 // Takes the conditions and levels of the channel with their time on the wall's clock. Each alarm
 // has a time to set and a time to clear; for clipping, peaks are counted. While no frame arrives,
-// the conditions of all alarms but loss count as gone. Audio that stops while frames continue
+// the conditions of all alarms except loss count as gone. Audio that stops while frames continue
 // counts as silence, and so does audio that is wanted but not available; a source without audio is
 // not silent.
 //

@@ -39,7 +39,7 @@ class ChannelLife {
   struct Status {
     ChannelState state = ChannelState::kOpening;
     std::string reason;  // of held and lost: one sentence, no full stop
-    Time since = 0;      // of held and lost: time of the last frame, without one of the start
+    Time since = 0;      // of held and lost: time of the last frame, or else of the start
     bool operator==(const Status&) const = default;
   };
 
@@ -53,7 +53,7 @@ class ChannelLife {
   // A frame arrived too late to be shown or decoded: the machine is slow, not the source. Keeps a
   // live channel live, but does not make a channel live.
   void CameLate(Time now);
-  // From now on a frame may last this long, even if the durations of frames say less.
+  // From now on a frame may last this long, even if its own duration is shorter.
   void Expect(Time duration) { expected_ = duration; }
   // The source failed or ended; everything that it sent before has been shown.
   bool Failed(const std::string& reason, Time now);

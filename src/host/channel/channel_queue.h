@@ -84,9 +84,9 @@ class ChannelQueue {
   // Reader: adds an item; never waits. paces: the reader waits for it (WaitForRoom). False once the
   // queue is closed. An item of a kind of which the queue is full is dropped and counted.
   bool Push(ChannelItem item, bool paces = true);
-  // Reader: drops what is due at this time or later, but for events, which become due at it.
+  // Reader: drops what is due at this time or later, except events, which become due at it.
   void ForgetFrom(Time time);
-  // Reader: moves everything that is queued, but for events, later by this much.
+  // Reader: moves everything that is queued, except events, later by this much.
   void Move(Time by);
   // Reader: everything before this time has been pushed. kForever: nothing more will come.
   void SetHorizon(Time horizon);

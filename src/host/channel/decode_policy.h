@@ -84,7 +84,7 @@ class DecodePolicy {
     int pressure = 0;          // WallPressure::level()
     bool isImportant = false;  // a selected channel
     bool isShown = true;
-    bool isLate = false;  // frames come noticeably after their time
+    bool isLate = false;  // frames are noticeably late
     bool gains = false;   // the reader is busy reading ahead, faster than the source plays
     // Whether this share of a processor may be used in addition; null: yes.
     std::function<bool(double processors)> admits{};

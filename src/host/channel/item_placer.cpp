@@ -120,7 +120,7 @@ ItemPlacer::ItemPlacer(Settings settings, ChannelQueue& queue)
       queue_(queue),
       // Frames are dropped to the rate of the canvas before they are placed.
       timeline_(LiveTimeline::For(settings_.kind, settings_.frameRate, settings_.delay)),
-      // One kind of items is in order by itself.
+      // Items of a single kind are in order already.
       merger_(settings_.hasVideo && settings_.hasAudio ? kMergeWindow : 0) {}
 
 bool ItemPlacer::WaitsForFrame() const {

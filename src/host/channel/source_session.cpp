@@ -13,7 +13,7 @@ namespace {
 
 // Longer than any decoder holds audio back.
 constexpr Time kUndecodable = kSecond;
-// Frames that cannot be converted; after them the source is opened again, and the window says why.
+// After this many frames that cannot be converted, the source is opened again; the window says why.
 constexpr int kMaxLostInARow = 50;
 
 // The composer's window pins hold a second of frames, and drop their queue at 78.

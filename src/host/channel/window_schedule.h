@@ -56,7 +56,7 @@ class WindowSchedule {
   // changes are pending.
   std::optional<Time> Change(const std::vector<WindowState>& windows, Time present);
 
-  // A frame goes into the composer.
+  // A background frame is sent to the composer.
   void FrameSent(Time start);
   // The window in the frame being composed. The first window is asked first.
   const WindowState& Ask(std::size_t window);

@@ -33,8 +33,8 @@ int Check(int result, const char* tried, const std::string& where = {});
 
 enum class LogLevel { kError, kWarning, kInfo, kVerbose };
 
-// Takes one whole line without its line end, credentials masked. Called from whatever thread FFmpeg
-// logs on, several at a time; must not call into FFmpeg.
+// Takes one whole line without its line end, credentials masked. Called on any thread that FFmpeg
+// logs on, also concurrently; must not call into FFmpeg.
 using LogSink = std::function<void(LogLevel level, const std::string& line)>;
 
 // Sends FFmpeg's lines up to the given level to the sink from now on; an empty sink discards them.

@@ -44,7 +44,7 @@ std::vector<std::array<Time, 3>> Summary(const Readings& readings) {
   return summary;
 }
 
-// One channel that is silent but for one sample.
+// One channel that is silent except for one sample.
 std::vector<float> Impulse(std::size_t samples, std::size_t at, float value) {
   std::vector<float> channel(samples, 0.0F);
   channel[at] = value;

@@ -87,7 +87,7 @@ TEST(MediaInput, ReadsFilesOfServersThatKnowNoByteRangesAsStreams) {
   EXPECT_EQ(OpenFailure(settings).second, remedy);
 }
 
-// FFmpeg's MP4 demuxer remembers every packet, so it is replaced now and then over months.
+// FFmpeg's MP4 demuxer remembers every packet, so it is replaced from time to time.
 TEST(MediaInput, ChangesTheDemuxerOfAnEndlessSourceWithoutAGap) {
   const TemporaryFolder folder;
   ClipRecipe recipe = SmallClip();

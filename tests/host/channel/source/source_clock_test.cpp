@@ -184,7 +184,7 @@ TEST_F(SourceClockTest, KeepsAGapThatAllStreamsHaveAndOneThatASingleOneHasBeside
   EXPECT_EQ(Audio(10 * kSecond + kFrame), 10 * kSecond + kFrame);
 }
 
-// A sender is replaced by one without audio, and that by one with audio, without audio in between.
+// A sender is replaced by one without audio, that by one with audio; then the audio pauses.
 TEST_F(SourceClockTest, AudioThatWasAwayComesBackBesideItsVideo) {
   const auto run = [&](Time base, int frames, bool hasAudio) {
     Time apart = 0;
@@ -202,8 +202,8 @@ TEST_F(SourceClockTest, AudioThatWasAwayComesBackBesideItsVideo) {
   EXPECT_LE(run(2000 * kSecond + 400 * kFrame, 100, true), SourceClock::kBackLimit);
 }
 
-// To a video of a frame a second, a step is an interval that is a jump to its audio, which comes
-// first.
+// A step that a video of one frame a second takes for its interval is a jump for the audio, which
+// comes first.
 TEST_F(SourceClockTest, AJumpThatASlowStreamTakesForItsIntervalMovesBoth) {
   Time apart = 0;
   for (int i = 0; i < 500; ++i) {

@@ -151,7 +151,7 @@ TEST(StreamFailover, PrefersTheWantedLanguageAndReturnsToTheChosenStream) {
   EXPECT_TRUE(other(0, true));
 }
 
-// A channel is not to stay mute because it was opened before its audio began.
+// A channel must not stay without audio because it was opened before its audio began.
 TEST(TrackSelector, FailsForReopeningWhenAudioBegins) {
   const TemporaryFolder folder;
   ClipRecipe recipe = SmallClip();

@@ -188,7 +188,7 @@ TEST(FrameConverter, ConvertsMatrixAndRangeToBt601StudioRange) {
   }
   ExpectColour(Shown(converter, settings, std::move(red), start).At(16, 9), {82, 90, 240});
   start += kFramePeriod;
-  // High definition that does not say what it is.
+  // High definition of an unspecified colour space.
   ffmpeg::Frame frame = MakeFrame(1280, 720, {63, 102, 240});
   ExpectColour(Shown(converter, settings, std::move(frame), start).At(16, 8), {82, 90, 240}, 1);
 }
