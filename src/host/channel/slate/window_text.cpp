@@ -15,10 +15,10 @@ constexpr std::u16string_view kFamily = u"DejaVu Sans";
 
 }  // namespace
 
-TextSetter::TextSetter() = default;
-TextSetter::~TextSetter() = default;
+TextRasterizer::TextRasterizer() = default;
+TextRasterizer::~TextRasterizer() = default;
 
-TextCoverage TextSetter::Set(const std::string& text, int points, int width, int height) {
+TextCoverage TextRasterizer::Rasterize(const std::string& text, int points, int width, int height) {
   if (painter_ == nullptr) {
     painter_ = std::make_unique<os::TextPainter>(kPrivateFontFile);
   }
@@ -31,26 +31,26 @@ TextCoverage TextSetter::Set(const std::string& text, int points, int width, int
   painting.alignment = os::TextAlignment::kCentre;
   const os::PaintedText painted = painter_->Paint(painting);
   const os::PixelBounds ink = painted.Ink();
-  TextCoverage mask;
+  TextCoverage textCoverage;
   if (ink.Empty()) {
-    return mask;
+    return textCoverage;
   }
   constexpr std::size_t kPixel = 4;
   constexpr std::size_t kAlpha = 3;
   const std::size_t stride = static_cast<std::size_t>(painted.Width()) * kPixel;
   std::vector<std::uint8_t> pixels(stride * static_cast<std::size_t>(painted.Height()));
   painted.WriteArgb(pixels.data(), static_cast<std::ptrdiff_t>(stride));
-  mask.width = ink.right - ink.left;
-  mask.height = ink.bottom - ink.top;
-  mask.coverage.reserve(static_cast<std::size_t>(mask.width) *
-                        static_cast<std::size_t>(mask.height));
+  textCoverage.width = ink.right - ink.left;
+  textCoverage.height = ink.bottom - ink.top;
+  textCoverage.coverage.reserve(static_cast<std::size_t>(textCoverage.width) *
+                                static_cast<std::size_t>(textCoverage.height));
   for (int y = ink.top; y < ink.bottom; ++y) {
     for (int x = ink.left; x < ink.right; ++x) {
-      mask.coverage.push_back(pixels[static_cast<std::size_t>(y) * stride +
-                                     static_cast<std::size_t>(x) * kPixel + kAlpha]);
+      textCoverage.coverage.push_back(pixels[static_cast<std::size_t>(y) * stride +
+                                             static_cast<std::size_t>(x) * kPixel + kAlpha]);
     }
   }
-  return mask;
+  return textCoverage;
 }
 
 namespace {
@@ -120,13 +120,14 @@ void Darken(const WindowPixels& frame, const Area& area) {
   }
 }
 
-void DrawMask(const WindowPixels& frame, const TextCoverage& mask, int x, int y) {
+void DrawCoverage(const WindowPixels& frame, const TextCoverage& textCoverage, int x, int y) {
   std::uint8_t* const luma = frame.pixels.data();
-  for (int row = std::max(0, -y); row < mask.height && y + row < frame.height; ++row) {
+  for (int row = std::max(0, -y); row < textCoverage.height && y + row < frame.height; ++row) {
     const std::uint8_t* const coverage =
-        mask.coverage.data() + static_cast<std::ptrdiff_t>(row) * mask.width;
+        textCoverage.coverage.data() + static_cast<std::ptrdiff_t>(row) * textCoverage.width;
     std::uint8_t* const line = luma + static_cast<std::ptrdiff_t>(y + row) * frame.width;
-    for (int column = std::max(0, -x); column < mask.width && x + column < frame.width; ++column) {
+    for (int column = std::max(0, -x); column < textCoverage.width && x + column < frame.width;
+         ++column) {
       std::uint8_t& pixel = line[x + column];
       pixel = static_cast<std::uint8_t>(
           (pixel * (255 - coverage[column]) + kTextLuma * coverage[column] + 127) / 255);
@@ -150,15 +151,15 @@ void WindowText::DrawSlate(const WindowPixels& frame, const std::string& text) {
   const int left = Even(frame.width / kMeterShare + 1);
   const int room = frame.width - 2 * left;
   Fill(frame, {0, 0, frame.width, frame.height}, kSlate);
-  const TextCoverage mask =
-      setter_.Set(text, FontFor(frame.height, kFontShare), std::max(room, 1), frame.height);
-  const int top = (frame.height - mask.height) / 2;
-  for (const int line : {top - kLineDistance - 2, top + mask.height + kLineDistance}) {
+  const TextCoverage textCoverage = rasterizer_.Rasterize(text, FontFor(frame.height, kFontShare),
+                                                          std::max(room, 1), frame.height);
+  const int top = (frame.height - textCoverage.height) / 2;
+  for (const int line : {top - kLineDistance - 2, top + textCoverage.height + kLineDistance}) {
     if (line >= 0 && line + 2 <= frame.height && room >= 2) {
       Fill(frame, {left, Even(line), Even(room), 2}, kLine);
     }
   }
-  DrawMask(frame, mask, (frame.width - mask.width) / 2, top);
+  DrawCoverage(frame, textCoverage, (frame.width - textCoverage.width) / 2, top);
 }
 
 void WindowText::DrawCaption(const WindowPixels& frame, const std::string& text) {
@@ -170,15 +171,15 @@ void WindowText::DrawCaption(const WindowPixels& frame, const std::string& text)
   if (layout != captionLayout_) {
     const int points = FontFor(frame.height, kFontShare);
     // Two lines of text at most.
-    caption_ = setter_.Set(text, points, std::max(room - 2 * kPadding, 1),
-                           std::min(frame.height, points * 4));
+    caption_ = rasterizer_.Rasterize(text, points, std::max(room - 2 * kPadding, 1),
+                                     std::min(frame.height, points * 4));
     captionLayout_ = layout;
   }
   const int height = std::min(Even(caption_.height + 2 * kPadding + 1), frame.height);
   const int top = frame.height - height;
   Darken(frame, {left, top, room, height});
-  DrawMask(frame, caption_, left + (room - caption_.width) / 2,
-           top + (height - caption_.height) / 2);
+  DrawCoverage(frame, caption_, left + (room - caption_.width) / 2,
+               top + (height - caption_.height) / 2);
 }
 
 }  // namespace host

@@ -22,13 +22,13 @@ struct TextCoverage {
 
 // Rasterizes texts in one font, centred, wrapped by words, with an ellipsis where the text does not
 // fit. The font is loaded with the first text. Owned and called by one channel on its thread.
-class TextSetter {
+class TextRasterizer {
  public:
-  TextSetter();
-  ~TextSetter();
+  TextRasterizer();
+  ~TextRasterizer();
 
   // text: UTF-8, invalid bytes replaced; points: size of the font; width, height: limits in pixels.
-  TextCoverage Set(const std::string& text, int points, int width, int height);
+  TextCoverage Rasterize(const std::string& text, int points, int width, int height);
 
  private:
   std::unique_ptr<os::TextPainter> painter_;
@@ -58,7 +58,7 @@ class WindowText {
     bool operator==(const Layout&) const = default;
   };
 
-  TextSetter setter_;
+  TextRasterizer rasterizer_;
   Layout captionLayout_;
   TextCoverage caption_;
 };

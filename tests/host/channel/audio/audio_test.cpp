@@ -169,9 +169,9 @@ class AudioPassthroughTest : public testing::Test {
   std::vector<AudioPacket> TakeFile(const std::filesystem::path& file) {
     MediaReader reader(Source(file));
     reader.Open();
-    AudioPassthrough road(track_, "eng",
-                          [this](const std::string& what) { said_.push_back(what); });
-    road.Announce(reader.audioParameters(), &*reader.info().audio);
+    AudioPassthrough passthrough(track_, "eng",
+                                 [this](const std::string& what) { said_.push_back(what); });
+    passthrough.Announce(reader.audioParameters(), &*reader.info().audio);
     std::vector<AudioPacket> packets;
     const auto sink = [&](AudioPacket packet) {
       packets.push_back(std::move(packet));
@@ -182,13 +182,13 @@ class AudioPassthroughTest : public testing::Test {
       if (auto* const packet = std::get_if<AudioPacket>(&item)) {
         ++source_;
         last_ = BytesOf(*packet);
-        road.Take(std::move(*packet), *reader.audioParameters(), *reader.info().audio, sink);
+        passthrough.Take(std::move(*packet), *reader.audioParameters(), *reader.info().audio, sink);
       } else if (const auto* const samples = std::get_if<AudioSamples>(&item)) {
-        road.Take(*samples, sink);
+        passthrough.Take(*samples, sink);
       }
     });
-    road.Finish(sink);
-    lost_ = road.lost();
+    passthrough.Finish(sink);
+    lost_ = passthrough.lost();
     return packets;
   }
 
