@@ -22,7 +22,7 @@ int main(int argc, char** argv) {
   constexpr int kOutput = 1;
   constexpr int kErrors = 2;
   os::KeepLargeBlocksOutOfHeap();
-  // What FFmpeg finds wrong is in our own messages.
+  // FFmpeg's errors are reported in our own messages.
   host::ffmpeg::RouteLog(host::ffmpeg::LogLevel::kError, {});
   os::StandardStream output(kOutput);
   os::StandardStream errors(kErrors);
@@ -50,7 +50,7 @@ int main(int argc, char** argv) {
   out.flush();
   if (os::Thread::Running() > 0) {
     // Threads that are stuck in a dead mount or in the resolution of a name were detached. They may
-    // wake at any time and would find what the end of the process destroys.
+    // wake at any time, and would use objects that a regular exit destroys.
     std::_Exit(code);
   }
   return code;

@@ -23,7 +23,7 @@ using qorp::FrameDuration;
 using qorp::Ratio;
 using qorp::Reduced;
 
-// The product of a time and a rate leaves 64 bits within months.
+// The product of a time and a rate exceeds 64 bits within months.
 __extension__ using Wide = __int128;
 
 // Rounded down. divisor: positive.
@@ -32,15 +32,15 @@ inline std::int64_t FloorDivided(Wide dividend, std::int64_t divisor) {
   return static_cast<std::int64_t>(quotient - (dividend % divisor < 0 ? 1 : 0));
 }
 
-// Start of frame n of a stream at a positive rate, rounded half up: no error builds up over years.
+// Start of frame n of a stream at a positive rate, rounded half up: errors do not accumulate.
 inline Time FrameStart(std::int64_t frame, Ratio rate) {
   return FloorDivided(Wide{frame} * kSecond * rate.den + rate.num / 2, rate.num);
 }
 
-// The frame that a time lies in: the last one that has started by then.
+// The frame at a time: the last one that has started by then.
 inline std::int64_t FrameAt(Time time, Ratio rate) {
   const std::int64_t frame = FloorDivided(Wide{time} * rate.num, kSecond * rate.den);
-  // Starts are rounded: the neighbour may be meant.
+  // Starts are rounded, so it may be a neighbour.
   if (FrameStart(frame, rate) > time) {
     return frame - 1;
   }

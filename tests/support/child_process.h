@@ -69,7 +69,7 @@ class ChildProcess {
       kill(id_, signal);
     }
   }
-  // Whether its output would take some lines more; of a pipe as small as there is from now on.
+  // Whether its output pipe has room for some lines; the pipe gets its smallest size first.
   bool OutputHasRoom() {
     int waiting = 0;
     const int size = fcntl(fileno(output_), F_SETPIPE_SZ, 4096);

@@ -136,7 +136,7 @@ class ComposerFixture : public testing::Test {
   static int PositionOfVideoAlarm(LONG index) { return 6 + 6 * index; }
   static int PositionOfAudioAlarm(LONG index) { return 7 + 6 * index; }
 
-  // Sends a background picture filled with one luma (chroma 128) and waits until it has left.
+  // Sends a background frame filled with one luma (chroma 128) and waits until it is delivered.
   // Returns the delivered sample.
   ComPtr<IMediaSample> Compose(REFERENCE_TIME start, BYTE luma = 16) {
     sink_->Forget();
@@ -154,8 +154,8 @@ class ComposerFixture : public testing::Test {
     std::fill_n(Pixels(sample.Get()) + kWidth * kHeight, kWidth * kHeight / 2, BYTE{128});
     return background_->Send(sample.Get());
   }
-  // Makes a moment the composer's present time, and returns when nothing is being composed any
-  // more. The filter is paused then.
+  // Sets the composer's present time, and returns when nothing is being composed. The filter is
+  // then paused.
   void SetPresent(REFERENCE_TIME start) {
     if (composer_->IsStopped()) {
       ASSERT_EQ(filter_->Pause(), S_OK);
@@ -163,15 +163,14 @@ class ComposerFixture : public testing::Test {
     ASSERT_EQ(SendBackground(start), S_OK);
     ASSERT_EQ(filter_->Pause(), S_OK);
   }
-  // Sends a window picture of one luma.
+  // Sends a window frame of one luma.
   HRESULT SendPicture(LONG index, REFERENCE_TIME start, BYTE luma) {
     fakes::Source& source = *sources_[static_cast<std::size_t>(index)];
     const ComPtr<IMediaSample> sample = source.NewSample(start, start + kFrame);
     std::fill_n(Pixels(sample.Get()), sample->GetSize(), luma);
     return source.Send(sample.Get());
   }
-  // Waits until a background frame has been composed or dropped: all its references are gone but
-  // those of the sink.
+  // Waits until a background frame has been composed or dropped: only the sink still references it.
   void WaitForLine(const std::string& text) {
     EXPECT_TRUE(logger_.WaitForLine(text)) << "never logged: " << text;
   }

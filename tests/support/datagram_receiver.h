@@ -35,7 +35,7 @@ class DatagramReceiver {
   DatagramReceiver& operator=(const DatagramReceiver&) = delete;
 
   std::uint16_t Port() const { return port_; }
-  // The next datagram; a text saying so when none came in 30 s.
+  // The next datagram; if none arrives within 30 s, a text that says so.
   std::string Receive() const {
     std::array<char, 65536> buffer;
     const ssize_t count = ::recv(socket_, buffer.data(), buffer.size(), 0);

@@ -1,5 +1,5 @@
-// A file system whose calls never return where the names of its files say so: open*, create*,
-// write*, close*. As a network's, it releases processes that are killed.
+// A file system whose calls never return, by the name of the file: open*, create*, write*, close*.
+// As a network's, it releases processes that are killed.
 #define FUSE_USE_VERSION 31
 #include <cerrno>
 #include <chrono>

@@ -52,7 +52,7 @@ CMediaType Yv12TypeWith(const GUID& formatType, LONG width, LONG height,
   return type;
 }
 
-// With a VIDEOINFOHEADER2, or a VIDEOINFOHEADER.
+// With a VIDEOINFOHEADER2 or a VIDEOINFOHEADER.
 inline CMediaType Yv12Type(LONG width, LONG height, REFERENCE_TIME frameDuration = 400000) {
   return Yv12TypeWith<VIDEOINFOHEADER2>(FORMAT_VideoInfo2, width, height, frameDuration);
 }
@@ -67,7 +67,7 @@ inline CMediaType TypeOf(IMediaSample* sample) {
   return ReadMediaType(sample, &type) == S_OK && type ? CMediaType(*type) : CMediaType();
 }
 
-// Start and stop, as far as it has them; -1 without.
+// Start and stop of a sample; -1 where it has none.
 inline std::pair<REFERENCE_TIME, REFERENCE_TIME> TimesOf(IMediaSample* sample) {
   std::pair<REFERENCE_TIME, REFERENCE_TIME> times(-1, -1);
   sample->GetTime(&times.first, &times.second);

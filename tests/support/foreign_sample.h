@@ -1,4 +1,4 @@
-// A sample of somebody else's, whose answers the test chooses.
+// A sample of another implementation, whose answers the test chooses.
 #pragma once
 
 #include <atomic>
@@ -12,7 +12,7 @@
 
 namespace fakes {
 
-// Belongs to no allocator. Set its fields while nobody else uses it.
+// Belongs to no allocator. Set its fields while it is not in use.
 class ForeignSample final : public CMediaSample {
  public:
   static ComPtr<ForeignSample> Create(std::size_t bytes) {
@@ -60,7 +60,7 @@ class ForeignSample final : public CMediaSample {
 
   bool hasBuffer = true;       // GetPointer hands it out
   std::optional<LONG> length;  // claimed, whatever the size of the buffer
-  // Answers that are given without doing anything.
+  // Results that are returned without doing anything.
   std::optional<HRESULT> time, mediaTime, preroll, mediaType, allProperties;
   std::function<void()> onRead;  // called before times and types are read
 

@@ -1,4 +1,4 @@
-// Pictures for tests of the host, as FFmpeg's frames and as packed YV12 buffers.
+// Frames for tests of the host: FFmpeg's, and packed YV12 buffers.
 #pragma once
 
 #include <cstddef>
@@ -48,7 +48,7 @@ inline host::ffmpeg::Frame MakeFrame(int width, int height, Colour colour) {
   return MakeFrame(width, height, [colour](int, int) { return colour; });
 }
 
-// A packed YV12 picture with its own memory.
+// A packed YV12 frame with its own memory.
 class Yv12Buffer {
  public:
   Yv12Buffer(int width, int height)

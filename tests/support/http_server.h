@@ -21,7 +21,7 @@ class HttpServer {
     kStalls,  // after the first half
   };
 
-  // What lies at a path; none: 404. By the server's thread.
+  // The content at a path; none: 404. Called by the server's thread.
   using Find = std::function<std::optional<std::string>(const std::string& path)>;
 
   HttpServer(std::string file, Manner manner)
@@ -92,7 +92,7 @@ class HttpServer {
       sent += static_cast<std::size_t>(count);
     }
     if (stalls) {
-      WaitFor(peer);  // for its going
+      WaitFor(peer);  // until it closes
     }
   }
 

@@ -1,5 +1,5 @@
 // ManualLogClock, a logger's clock that stands still until the test moves it, and RecordingSink, a
-// sink that keeps what it is given, and that a test can hold up.
+// sink that records what it gets, and that a test can block.
 #pragma once
 
 #include <atomic>

@@ -12,7 +12,7 @@
 
 class Pipe {
  public:
-  // Nobody has it open yet. One that exists is used again.
+  // Not open yet. An existing pipe is used again.
   explicit Pipe(std::filesystem::path path) : path_(std::move(path)) {
     EXPECT_TRUE(::mkfifo(path_.c_str(), 0600) == 0 || std::filesystem::is_fifo(path_)) << path_;
   }

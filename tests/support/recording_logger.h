@@ -74,8 +74,8 @@ class RecordingLogger final : public qorp::log::ILogPerf {
     const std::lock_guard guard(lock_);
     return bufferFull_;
   }
-  // Each waits for 30 s at most and says whether it has come: so many lines in all; a line of that
-  // text; so many calls of NotifyBufferFull for a pin in all.
+  // Each waits for 30 s at most; false if it did not happen: this many lines in all; a line of this
+  // text; this many calls of NotifyBufferFull for a pin in all.
   bool WaitForLines(std::size_t count) const {
     return Wait([&] { return lines_.size() >= count; });
   }

@@ -92,7 +92,7 @@ class RtspServer {
  public:
   enum class Mood {
     kPlays,
-    kSilent,  // answers, and sends nothing; what would have been sent meanwhile is lost
+    kSilent,  // answers, but sends no media; what would have been sent meanwhile is lost
     kMute,    // lets clients connect, and neither answers nor sends
   };
 
@@ -113,12 +113,12 @@ class RtspServer {
     return "rtsp://" + credentials + listener_.address() + "/camera";
   }
   void Become(Mood mood) { mood_ = mood; }
-  // Every client is hung up on after playing for that long; 0: never.
+  // Hangs up on every client after playing for this long; 0: never.
   void HangUpAfter(std::chrono::milliseconds length) { hangUpAfter_ = length.count(); }
-  // Who comes when as many are there is refused.
+  // Clients beyond this number are refused.
   void AllowSessions(std::size_t most) { mostSessions_ = most; }
   int refused() const { return refused_; }
-  // Who is connected.
+  // The connected clients.
   int clients() const { return connected_; }
 
  private:
@@ -196,7 +196,7 @@ class RtspServer {
       for (const Client& client : clients_) {
         waits.push_back({client.descriptor, POLLIN, 0});
       }
-      // A mute server leaves the requests where they are, which would end the wait at once.
+      // A mute server reads no requests, and those that wait would end the wait at once.
       ::poll(waits.data(), mood_ == Mood::kMute ? 1 : waits.size(), kTimeout);
       Accept();
       if (mood_ == Mood::kMute) {

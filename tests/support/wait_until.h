@@ -1,4 +1,4 @@
-// WaitUntil: waits for what another thread or process brings about.
+// WaitUntil: waits for a condition that another thread or process causes.
 #pragma once
 
 #include <chrono>
@@ -6,8 +6,8 @@
 
 #include <gtest/gtest.h>
 
-// Asks again and again until it is so, for a minute at most; then the test fails and says what
-// never came.
+// Polls the condition until it holds, for a minute at most; then the test fails and says what was
+// awaited.
 template <typename Condition>
 bool WaitUntil(const char* what, Condition isSo,
                std::chrono::seconds limit = std::chrono::seconds(60)) {

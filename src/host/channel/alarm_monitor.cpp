@@ -6,7 +6,7 @@
 namespace host {
 namespace {
 
-// Longer than the audio packets of any codec, and than what audio and video lie apart.
+// Longer than an audio packet of any codec, and than audio and video are apart.
 constexpr Time kAudioMissing = kSecond;
 
 float Magnitude(double decibels) {
@@ -95,7 +95,7 @@ AudioState AlarmMonitor::audio() const {
   return silent_ && raised(AlarmKind::kSilence) ? AudioState::kSilent : AudioState::kPresent;
 }
 
-void AlarmMonitor::Picture(bool black, bool still, Time now) {
+void AlarmMonitor::OnFrame(bool black, bool still, Time now) {
   Found(now);
   Update(AlarmKind::kBlack, black, now);
   // A black frame does not change either: one fault, one alarm.
@@ -105,7 +105,7 @@ void AlarmMonitor::Picture(bool black, bool still, Time now) {
 
 void AlarmMonitor::Audio(float loudest, Time now, Time late) {
   if (late >= kAudioMissing) {
-    return;  // says nothing of the present
+    return;  // too old for the present state
   }
   lastAudio_ = std::max(lastAudio_, now - late);
   heard_ = true;
@@ -118,7 +118,7 @@ void AlarmMonitor::Audio(float loudest, Time now, Time late) {
   Update(AlarmKind::kClipping, loudest >= clipping_, now);
 }
 
-// Audio that returns from having stopped finds the alarm raised still, and may be silent then.
+// When audio returns after a stop, the alarm is still raised; the audio may be silent or not.
 void AlarmMonitor::Heard(bool isQuiet, Time now) {
   quietSince_ = isQuiet ? std::optional(quietSince_.value_or(now)) : std::nullopt;
   const config::Alarm& times = options_.silence;

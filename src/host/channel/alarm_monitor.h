@@ -16,15 +16,15 @@
 namespace host {
 
 enum class AudioState {
-  kUnknown,      // nothing is open, or no frame comes
+  kUnknown,      // nothing is open, or no frame arrives
   kOff,          // switched off in the wall file
-  kPresent,      // it comes and is decoded
-  kSilent,       // it comes, and the alarm for silence is raised
+  kPresent,      // arrives and is decoded
+  kSilent,       // arrives, and the alarm for silence is raised
   kAbsent,       // the source has none
-  kNoTrack,      // the source has none of the number that was chosen
-  kNotStarted,   // the source announces it, but nothing has come
-  kUndecodable,  // it comes, but cannot be decoded
-  kStopped,      // it was there, and comes no more
+  kNoTrack,      // the source has no track of the chosen number
+  kNotStarted,   // the source announces it, but nothing has arrived
+  kUndecodable,  // arrives, but cannot be decoded
+  kStopped,      // has arrived, but no longer does
 };
 
 // "unknown", "off", "present", "silent", "absent", "no_track", "not_started", "undecodable",
@@ -38,22 +38,21 @@ struct AudioStatus {
   bool operator==(const AudioStatus&) const = default;
 };
 
-// A condition must hold without a break for the time to set before the alarm is raised, and be gone
-// without a break for the time to clear before it is over. Time comes in from outside and never
-// runs here. Between two updates the condition is taken to be what the earlier one said. No lock:
-// one thread.
+// The alarm is raised once its condition has held without a break for the time to set, and over
+// once it has been gone without a break for the time to clear. The caller passes the time. Between
+// two updates the condition is taken to be that of the earlier one. No lock: one thread.
 class AlarmTimer {
  public:
   AlarmTimer() = default;
   AlarmTimer(Time setAfter, Time clearAfter) : setAfter_(setAfter), clearAfter_(clearAfter) {}
 
-  // Other times from now on; what is raised stays so until it is over.
+  // Changes the times; a raised alarm stays raised until it is over.
   void SetTimes(Time setAfter, Time clearAfter) {
     setAfter_ = setAfter;
     clearAfter_ = clearAfter;
   }
 
-  // What the condition is at a time; times never decrease. The new state when it changes.
+  // The condition at a time; times never decrease. Returns the new state when it changes.
   std::optional<bool> Update(bool condition, Time now) {
     if (!since_.has_value() || condition != condition_) {
       condition_ = condition;
@@ -70,7 +69,7 @@ class AlarmTimer {
   }
 
   bool raised() const { return raised_; }
-  // When the condition began that raised it.
+  // When the condition that raised it began.
   Time raisedSince() const { return raisedSince_; }
 
  private:
@@ -82,9 +81,9 @@ class AlarmTimer {
   Time raisedSince_ = 0;
 };
 
-// The same for peaks, which never hold: the alarm is raised when within the time to set there were
-// two a second on average, and over when there was none for the time to clear. Peaks that follow
-// each other closely are one, so that a single loud moment is no alarm.
+// The same for peaks, which have no duration: the alarm is raised when there were two a second on
+// average within the time to set, and over when there was none for the time to clear. Peaks in
+// close succession count as one, so that a single loud moment raises no alarm.
 class PeakTimer {
  public:
   PeakTimer() = default;
@@ -101,7 +100,7 @@ class PeakTimer {
     needed_ = other.needed_;
   }
 
-  // Whether there is a peak at a time; times never decrease. The new state when it changes.
+  // Whether there is a peak at a time; times never decrease. Returns the new state when it changes.
   std::optional<bool> Update(bool isPeak, Time now) {
     if (isPeak) {
       latest_ = now;
@@ -122,7 +121,7 @@ class PeakTimer {
   }
 
   bool raised() const { return raised_; }
-  // When the first of the peaks came that raised it.
+  // Time of the first of the peaks that raised it.
   Time raisedSince() const { return raisedSince_; }
 
  private:
@@ -141,11 +140,11 @@ using config::AlarmKind;
 using config::kAlarmKinds;
 using config::kAllAlarms;
 
-// Conditions and levels of the channel come in with their time on the wall's clock; each alarm has
-// a time to set and a time to clear; for clipping, peaks are counted. While no frame comes,
-// nothing is known of the others: their conditions count as gone. Audio that stops while frames
-// go on counts as silence, and so does audio that is wanted and not to be had; a source that has
-// none at all is not silent.
+// Takes the conditions and levels of the channel with their time on the wall's clock. Each alarm
+// has a time to set and a time to clear; for clipping, peaks are counted. While no frame arrives,
+// the conditions of all alarms except loss count as gone. Audio that stops while frames continue
+// counts as silence, and so does audio that is wanted but not available; a source without audio is
+// not silent.
 //
 // Pure arithmetic; owned and called by one channel on its streaming thread.
 class AlarmMonitor {
@@ -160,19 +159,19 @@ class AlarmMonitor {
   // The levels of black and of freeze are the FrameMeter's.
   AlarmMonitor(const config::AlarmOptions& options, Sink sink);
 
-  // Other alarms, times and levels from now on. One that is raised and no longer wanted is over.
+  // Changes alarms, times and levels. A raised alarm that is no longer enabled is over.
   void SetOptions(const config::AlarmOptions& options, Time now);
-  // A source was opened: why it gives no audio, or that it does.
+  // A source was opened; absence: why it has no audio, if so.
   void Opened(AudioAbsence absence, Time now);
-  // Whether its audio, which comes, can be decoded.
+  // Whether the audio that arrives can be decoded.
   void Decodable(bool isDecodable) { isDecodable_ = isDecodable; }
-  void Picture(bool black, bool still, Time now);
+  void OnFrame(bool black, bool still, Time now);
   // loudest: greatest magnitude of a sample, full scale at 1; late: how long ago that was.
   void Audio(float loudest, Time now, Time late = 0);
-  // No frame is there (since the given time), or frames come again.
+  // No frame arrives (since the given time), or frames arrive again.
   void Lost(Time since, Time now);
   void Found(Time now);
-  // Time has passed: audio that is missing counts as silence.
+  // Time has passed: missing audio counts as silence.
   void Tick(Time now);
 
   bool raised(AlarmKind kind) const {
@@ -182,7 +181,7 @@ class AlarmMonitor {
     return kind == AlarmKind::kClipping ? peaks_.raisedSince() : timer(kind).raisedSince();
   }
   AudioState audio() const;
-  // When the latest levels came, and since when they are those of silence.
+  // When the latest levels arrived, and since when they have been silent.
   Time lastAudio() const { return lastAudio_; }
   Time silentSince() const { return quietSince_.value_or(lastAudio_); }
 
@@ -200,9 +199,9 @@ class AlarmMonitor {
   std::optional<AudioAbsence> absence_;         // none before the first opening
   bool isDecodable_ = true;
   bool heard_ = false;    // since the opening
-  bool missing_ = false;  // no levels came for some time
+  bool missing_ = false;  // no levels for some time
   std::optional<Time> quietSince_;
-  bool silent_ = false;  // the levels are why the alarm for silence is raised
+  bool silent_ = false;  // the alarm for silence is raised because of the levels
   bool lost_ = false;
   Time lastAudio_ = 0;
 };

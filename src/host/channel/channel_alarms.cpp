@@ -6,7 +6,7 @@
 namespace host {
 namespace {
 
-// Of what makes a meter empty; "" for what needs no word.
+// Why a meter is empty; "" for what needs no caption.
 const char* CaptionOf(AudioState state) {
   switch (state) {
     case AudioState::kUnknown:
@@ -29,7 +29,7 @@ const char* CaptionOf(AudioState state) {
   return "";
 }
 
-// "" for silence, whose kind the state of the audio tells.
+// "" for silence, whose caption is that of the audio state.
 const char* CaptionOf(AlarmKind kind) {
   switch (kind) {
     case AlarmKind::kLoss:
@@ -39,7 +39,7 @@ const char* CaptionOf(AlarmKind kind) {
     case AlarmKind::kFreeze:
       return "FROZEN";
     case AlarmKind::kSilence:
-      break;  // says which kind, see above
+      break;
     case AlarmKind::kClipping:
       return "CLIPPING";
   }
@@ -117,7 +117,7 @@ std::string ChannelAlarms::Caption(const std::function<std::string(Time)>& timeT
   return text;
 }
 
-// What an empty meter means: at once where there is a meter, otherwise when the alarm is raised.
+// Why the meter is empty: at once where there is a meter, otherwise when the alarm is raised.
 std::string ChannelAlarms::AudioCaption(const std::function<std::string(Time)>& timeText) const {
   std::string text;
   if (controls_.hasMeter || monitor_.raised(AlarmKind::kSilence)) {

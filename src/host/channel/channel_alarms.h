@@ -13,28 +13,28 @@
 
 namespace host {
 
-// What the monitor finds, reported, without what operators have acknowledged or masked, and in the
-// words of the window's caption. Owned and called by one channel on its streaming thread.
+// Reports what the monitor finds, notes what operators have acknowledged or masked, and words the
+// caption of the window. Owned and called by one channel on its streaming thread.
 class ChannelAlarms {
  public:
   // channel and observer outlive it.
   ChannelAlarms(const config::Channel& channel, ChannelObserver* observer);
 
-  // Another run of the channel: nothing is known of its audio.
+  // The channel starts again: nothing is known of its audio.
   void Begin() { audio_ = {}; }
   // What operators changed.
   void SetControls(const ChannelControls& controls, Time now);
   const ChannelControls& controls() const { return controls_; }
-  // Takes what becomes of the source. What it finds of the audio is reported by ReportAudio.
+  // The caller feeds it; the audio status that it finds is reported by ReportAudio.
   AlarmMonitor& monitor() { return monitor_; }
   // Why there is no audio.
   void SetAudioReason(std::string reason) { audioReason_ = std::move(reason); }
-  // When the status of the audio is another one than before.
+  // Reports the audio status if it has changed.
   void ReportAudio(Time now);
 
   // Is raised, and neither masked nor acknowledged.
   bool isUrgent(AlarmKind kind) const;
-  bool hasPictureAlarm() const {
+  bool hasVideoAlarm() const {
     return isUrgent(AlarmKind::kLoss) || isUrgent(AlarmKind::kBlack) ||
            isUrgent(AlarmKind::kFreeze);
   }
@@ -54,7 +54,7 @@ class ChannelAlarms {
   AudioStatus audio_;
 };
 
-// Adds a part to the words of a caption; an empty one adds nothing.
+// Adds a part to a caption; an empty one adds nothing.
 void AddToCaption(std::string& caption, const std::string& part);
 
 }  // namespace host

@@ -9,11 +9,11 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// An attempt of that length has itself waited for the source.
+// An attempt that lasted this long has itself waited for its sender.
 constexpr milliseconds kWaited{1000};
-// Of frames, after their time: well before they are too late to be shown.
+// Frames this late are a sign of overload, well before they are too late to be shown.
 constexpr Time kLate = 3 * kSecond / 10;
-// How soon it is asked again then, in seconds.
+// Seconds until the load is looked at again when frames are late.
 constexpr double kSoon = 0.4;
 
 }  // namespace
@@ -60,7 +60,7 @@ bool ChannelIngest::EndBy(std::chrono::steady_clock::time_point deadline) {
   const os::MutexLock guard(lock_);
   while (!ended_ && left_.WaitUntil(lock_, deadline)) {
   }
-  // Outside the source it is only slow, and uses what an abandoned run must not.
+  // Outside the source the run is only slow, and uses what an abandoned run must not.
   while (!ended_ && !inSource_) {
     left_.Wait(lock_);
   }
@@ -123,12 +123,12 @@ void ChannelIngest::ReadSource() {
 }
 
 std::optional<milliseconds> ChannelIngest::RunOnce() {
-  const bool isThinned = settings_.isLive() && decode_ != config::Decode::kFull;
+  const bool dropsFrames = settings_.isLive() && decode_ != config::Decode::kFull;
   auto reader = InSource([&] {
     return std::make_shared<RenditionReader>(
         RenditionReader::Settings{
             settings_.channel, settings_.receivers, settings_.inputs, settings_.isLive(),
-            isThinned ? std::optional(settings_.canvas.frameRate) : std::nullopt},
+            dropsFrames ? std::optional(settings_.canvas.frameRate) : std::nullopt},
         wanted_, renditions_);
   });
   {
@@ -245,7 +245,7 @@ bool ChannelIngest::ReadToEnd(RenditionReader& reader) {
 }
 
 bool ChannelIngest::ReadToEnd(RenditionReader& reader, SourceSession& session) {
-  // What is pushed has to be read in time: it would overflow in the buffers of the network.
+  // A push source has to be read in time, or the buffers of the network overflow.
   const bool waits = reader.info().kind != SourceKind::kPush || !settings_.now;
   const bool inBatches = settings_.decodeBatches && reader.info().kind == SourceKind::kFile;
   DecodeBatches::Turn turn;
@@ -293,7 +293,7 @@ bool ChannelIngest::ReadToEnd(RenditionReader& reader, SourceSession& session) {
       }
     } catch (const MediaError& error) {
       if (!settings_.now) {
-        // What was read before the failure is still shown, but not after a limit of a live wall.
+        // A rendered wall still shows what was read before the failure.
         session.Finish();
       }
       if (!settings_.isLive() || !reader.canGoOn()) {
@@ -354,7 +354,7 @@ bool ChannelIngest::FollowLoad(RenditionReader& reader, SourceSession& session) 
   return Decide(reader, settings_.now(), load);
 }
 
-// Nothing else is seen beside it.
+// Leaves no room for another window beside it.
 bool ChannelIngest::FillsCanvas(const config::Window& window) const {
   return window.width * 10 >= settings_.canvas.width * 9 ||
          window.height * 10 >= settings_.canvas.height * 9;

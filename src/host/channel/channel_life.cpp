@@ -5,11 +5,11 @@
 namespace host {
 namespace {
 
-// A source may be that much later than its frame rate says before its frame counts as missing.
+// A frame counts as missing this long after the one before it, by the duration of that one.
 constexpr Time kMinFrameTimeout = kSecond / 2;
 constexpr Time kMaxFrameTimeout = 60 * kSecond;
 constexpr Time kTimeoutInFrames = 3;
-// Frames in a row that make a channel live again: of a slow source, of another one.
+// Consecutive frames that make a channel live again: of a slow source, of any other source.
 constexpr int kSlowOnes = 1;
 constexpr int kOnes = 2;
 

@@ -11,8 +11,8 @@ namespace host {
 
 enum class ChannelState {
   kOpening,  // nothing was shown yet, and nothing has failed
-  kLive,     // frames come
-  kHeld,     // no frame comes; holding the last frame
+  kLive,     // frames arrive
+  kHeld,     // no frame arrives; holding the last frame
   kLost,     // no frame left to hold
 };
 
@@ -21,43 +21,41 @@ const char* NameOf(ChannelState state);
 
 // The state of one channel:
 //
-//                 failed                    frame
-//      opening ------------> lost <------------------------+
-//         |                    ^  |                         |
-// frame |        hold is over|  |frame                  |
-//         v                    |  v                         |
-//       live <---------------- held                         |
-//         |       frame       ^                           |
-//         +---------------------+
-//           failed, or no frame for a while
+//      opening ----------------------- failed ----------------------+
+//         |                                                         |
+//       frame                                                       |
+//         v                                                         v
+//       live ---- failed, or no frame ----> held ---- hold over --> lost
+//         ^           for a while            |                      |
+//         +------------- frames -------------+------- frames -------+
 //
-// Held or lost, one frame is not enough: frames of a source that has ended may still come late. Two
-// that follow each other are (of slow sources, one).
+// While held or lost, one frame is not enough, because late frames of a source that has ended may
+// still arrive. Two consecutive ones make the channel live (of a slow source, one).
 //
-// A new reason while held or lost changes the reason only: since stays the time of the trouble.
-// Time comes in from outside (the wall's clock) and never runs here. No lock: one thread.
+// A new reason while held or lost replaces the reason only; since stays. The caller passes the time
+// (the wall's clock). No lock: one thread.
 class ChannelLife {
  public:
   struct Status {
     ChannelState state = ChannelState::kOpening;
     std::string reason;  // of held and lost: one sentence, no full stop
-    Time since = 0;      // of held and lost: when the last frame was there
+    Time since = 0;      // of held and lost: time of the last frame, or else of the start
     bool operator==(const Status&) const = default;
   };
 
   // hold: how long the last frame is shown. now: when the channel started.
   ChannelLife(Time hold, Time now) : hold_(hold), status_{ChannelState::kOpening, {}, now} {}
 
-  // Each returns whether the status is another one now.
+  // Each returns whether the status has changed.
   //
-  // A frame of the source is shown, of that duration.
+  // A frame of the source with this duration is shown.
   bool Shown(Time now, Time duration);
-  // A frame came, too late to be shown or to be decoded: the machine is slow, not the source. Keeps
-  // a live channel live, and makes none live.
+  // A frame arrived too late to be shown or decoded: the machine is slow, not the source. Keeps a
+  // live channel live, but does not make a channel live.
   void CameLate(Time now);
-  // From now on frames may be so long, whatever those say that still come.
+  // From now on a frame may last this long, even if its own duration is shorter.
   void Expect(Time duration) { expected_ = duration; }
-  // The source failed or ended; whatever it gave before has been shown.
+  // The source failed or ended; everything that it sent before has been shown.
   bool Failed(const std::string& reason, Time now);
   // Time has passed.
   bool Tick(Time now);

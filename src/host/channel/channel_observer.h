@@ -14,11 +14,11 @@
 
 namespace host {
 
-// How the items of a live source come.
+// When the items of a live source arrive, and how many are lost.
 struct SourceTiming {
-  Time jitter = 0;  // how far apart the earliest and the latest arrivals of ten seconds lie
-  Time lead = 0;    // how long before their time the earliest come; the rest is in the composer
-  // Audio packets since the source was opened that were left out.
+  Time jitter = 0;  // between the earliest and the latest arrivals of ten seconds
+  Time lead = 0;    // of the earliest arrivals before they are due; the composer adds its delay
+  // Audio packets that were dropped since the source was opened.
   std::uint64_t audioTooEarly = 0;
   std::uint64_t audioTooLate = 0;
   // What could not be converted, since the source was opened.
@@ -26,22 +26,22 @@ struct SourceTiming {
   std::uint64_t audioLost = 0;   // frames of audio
   std::uint64_t overflowed = 0;  // items that found the queue full, since the wall started
   // Since the wall started.
-  std::uint64_t timestampJumps = 0;  // of the video, or of the audio of a source without
+  std::uint64_t timestampJumps = 0;  // of the video; without video, of the audio
   SourceCounts counts;
 };
 
-// Called by the two threads of every channel, at any time; returns soon.
+// Called by the two threads of every channel, at any time; must not block.
 class ChannelObserver {
  public:
   virtual ~ChannelObserver() = default;
 
-  // Of the source, by the reader's thread.
+  // About the source; called by the reader's thread.
   virtual void ChannelOpened(const std::string& channel, const MediaInfo& info) = 0;
   virtual void ChannelEnded(const std::string& channel) = 0;
   // reason: one sentence; retryIn: until the source is opened again, none when it is not.
   virtual void ChannelFailed(const std::string& channel, const std::string& reason,
                              std::optional<std::chrono::milliseconds> retryIn) = 0;
-  // About once a second while it is read.
+  // About once a second while the source is read.
   virtual void ChannelTimed(const std::string& channel, const SourceTiming& timing) {
     (void)channel, (void)timing;
   }
@@ -59,7 +59,7 @@ class ChannelObserver {
     (void)channel, (void)what;
   }
 
-  // Of what is shown, by the streaming thread. Times are the wall's.
+  // About what is shown; called by the streaming thread. Times are the wall's.
   virtual void ChannelChanged(const std::string& channel, const ChannelLife::Status& status) {
     (void)channel, (void)status;
   }

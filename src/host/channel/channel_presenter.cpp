@@ -9,11 +9,11 @@
 namespace host {
 namespace {
 
-// States and alarms follow the time in steps of that length.
+// States and alarms are updated this often.
 constexpr Time kLookEvery = kSecond / 5;
-// Frames that follow each other like that are not only keyframes.
+// Frames that follow each other this closely are not keyframes only.
 constexpr Time kFrequent = 300 * kMillisecond;
-// A source that opens at once never shows a slate.
+// A source that opens faster shows no slate.
 constexpr Time kOpeningTimeout = kSecond;
 
 std::string Capitalised(std::string text) {
@@ -62,9 +62,9 @@ void ChannelPresenter::FollowSize(Time time) {
   }
 }
 
-// No composed frame may find a frame of the other size nearer than one of its own: there is one of
-// the former size at the time of the last composed frame that has it, and one of the new size at
-// that of the first.
+// The composer must not find a frame of the wrong size nearest to a composed frame. So a frame of
+// the former size is sent for the last composed frame that has this size, and one of the new size
+// for the first.
 void ChannelPresenter::ChangeSize(const WindowSchedule::Resize& change) {
   const Time last = change.at - FrameDuration(settings_.canvas.frameRate);
   const bool repeats = feed_.frames().begun();
@@ -75,7 +75,7 @@ void ChannelPresenter::ChangeSize(const WindowSchedule::Resize& change) {
   slate_.clear();
   slateText_.clear();
   if (kept_ != nullptr && !pristine_.empty()) {
-    // It is in the composer: its caption stays in that copy.
+    // The composer still has that copy, with its caption.
     const ComPtr<IMediaSample> clean = feed_.CopyOf(
         pristine_.data(), static_cast<LONG>(pristine_.size()), change.at, change.at + 1);
     kept_ = clean ? clean : kept_;
@@ -99,7 +99,7 @@ void ChannelPresenter::Report(bool changed) {
   }
 }
 
-// What follows from the time alone.
+// State and alarms that follow from the time alone.
 void ChannelPresenter::Watch(Time now) {
   now_ = std::max(now_, now);
   if (settings_.decodeSeat && settings_.decodeSeat->waits()) {
@@ -126,7 +126,7 @@ void ChannelPresenter::OnSourceEvent(const SourceEvent& event, Time now) {
     return;
   }
   if (event.kind == SourceEvent::Kind::kDecoding) {
-    // The frames between keyframes come again behind the next one only.
+    // The frames between keyframes are decoded again only after the next keyframe.
     awaitsFrames_ = !event.keyframesOnly;
     keyframesOnly_ = event.keyframesOnly;
     if (keyframesOnly_) {
@@ -147,14 +147,14 @@ void ChannelPresenter::OnSourceEvent(const SourceEvent& event, Time now) {
   NoteLook();
 }
 
-void ChannelPresenter::Show(const ReadyFrame& picture, Time start, Time duration) {
+void ChannelPresenter::Show(const ReadyFrame& ready, Time start, Time duration) {
   duration = std::max<Time>(duration, 1);
   now_ = std::max(now_, start);
   FollowSize(start);
-  // Made before the window had the size that it has at that time.
-  const bool hasSize = picture.size == feed_.size().size() || picture.size.width == 0;
+  // The frame may have been made before the size of the window changed.
+  const bool hasSize = ready.size == feed_.size().size() || ready.size.width == 0;
   const ComPtr<IMediaSample> frame =
-      hasSize ? picture.sample : feed_.size().Resized(picture.sample.Get(), picture.size);
+      hasSize ? ready.sample : feed_.size().Resized(ready.sample.Get(), ready.size);
   if (!feed_.frames().Takes(start) || !frame) {
     life_.CameLate(now_);
     return;
@@ -165,7 +165,7 @@ void ChannelPresenter::Show(const ReadyFrame& picture, Time start, Time duration
   }
   shownAt_ = start;
   Report(life_.Shown(now_, duration));
-  alarms_.monitor().Picture(picture.condition.black, picture.condition.still, now_);
+  alarms_.monitor().OnFrame(ready.condition.black, ready.condition.still, now_);
   alarms_.ReportAudio(now_);
   NoteLook();
   BYTE* pixels = nullptr;
@@ -322,7 +322,7 @@ void ChannelPresenter::SendCopy(const std::uint8_t* pixels, const std::string& c
 
 void ChannelPresenter::SendFrame(IMediaSample* sample, Time start, Time stop) {
   feed_.SendFrame(sample, start, stop, now_);
-  feed_.SendAlarm(VideoAlarmRecord{alarms_.hasPictureAlarm(), 0}, start, stop);
+  feed_.SendAlarm(VideoAlarmRecord{alarms_.hasVideoAlarm(), 0}, start, stop);
   // The alarms of a channel show only where it has a meter.
   if (!hasAudio_) {
     SendLevels(start, stop - start, AudioLevels{});

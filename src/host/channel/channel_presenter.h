@@ -1,4 +1,4 @@
-// ChannelPresenter: what a channel shows, whatever its source does.
+// ChannelPresenter: what the window of a channel shows, also while its source sends nothing.
 #pragma once
 
 #include <cstdint>
@@ -22,32 +22,32 @@ namespace host {
 
 // Feeds the composer with the frames and alarm records of one channel without a gap:
 //
-//   state     in the window                                     records
-//   opening   nothing; a slate after a second                   alarms, a silent meter
-//   live      the source's frames, repeated when they are     levels and alarms
-//             rare; a caption names the alarms that are raised
-//   held      the last frame, repeated; caption               alarms, a silent meter
-//   lost      a slate: channel, reason, since when              alarms, a silent meter
+//   state     in the window                                records
+//   opening   nothing; a slate after a second              alarms, a silent meter
+//   live      the source's frames, repeated when they are  levels and alarms
+//             rare; a caption names the raised alarms
+//   held      the last frame, repeated; a caption          alarms, a silent meter
+//   lost      a slate: channel, reason, since when         alarms, a silent meter
 //
-// What is sent has ever later times: a frame or level that comes after a later one was sent is
-// dropped (WindowFill says when that is).
+// The times of what is sent only grow: a frame or level that comes after a later one was sent is
+// dropped (WindowFill::Takes).
 //
-// Time is that of what is delivered and of the ticks, so a rendered wall shows the same every time.
-// Owned by the channel's source; streaming thread only.
+// Time is that of the items and ticks, so a rendered wall shows the same every time. Owned by the
+// channel's source; streaming thread only.
 class ChannelPresenter {
  public:
   // settings and observer outlive the presenter.
   ChannelPresenter(const ChannelSettings& settings, WindowFeed::Pins pins,
                    ChannelObserver* observer);
 
-  // What the composer has of a channel and its window shows, for the next one in the same window.
+  // What the composer has of a channel and its window shows; for the next channel in the window.
   struct Handover {
     std::optional<WindowFeed::Sent> sent{};
     ComPtr<IMediaSample> kept{};
     WindowSize size{};
   };
 
-  // Before the first item. now: the wall's time. before: of the channel that the window showed; its
+  // Before the first item. now: the wall's time. before: of the former channel of the window, whose
   // last frame stays until there is something else to show.
   void Begin(Time now, Handover before);
   void Begin(Time now) { Begin(now, Handover()); }
@@ -56,10 +56,10 @@ class ChannelPresenter {
   // What operators changed. Before Begin, or between two items.
   void SetControls(const ChannelControls& controls);
   // start, duration: of the item, on the wall's clock.
-  void Show(const ReadyFrame& picture, Time start, Time duration);
+  void Show(const ReadyFrame& ready, Time start, Time duration);
   void Show(const ReadyLevels& levels, Time start, Time duration);
   void OnSourceEvent(const SourceEvent& event, Time now);
-  // When Tick is wanted, unless something is delivered before.
+  // When Tick is to be called, unless something is delivered before.
   Time nextTick() const;
   void Tick(Time now);
   // After the last item: releases the frame that it keeps.
@@ -96,16 +96,16 @@ class ChannelPresenter {
 
   ChannelAlarms alarms_;
   ChannelLife life_;
-  bool hasVideo_ = true;  // the source has; until it is known, it is taken to have
+  bool hasVideo_ = true;  // of the source; assumed until it is known
   bool hasAudio_ = false;
-  bool awaitsFrames_ = false;   // between keyframes
-  Time shownAt_ = 0;            // the latest frame of the source
-  bool keyframesOnly_ = false;  // of the source; it is to be seen that it does not move by itself
+  bool awaitsFrames_ = false;   // those between keyframes, which are decoded again
+  Time shownAt_ = 0;            // time of the latest frame of the source
+  bool keyframesOnly_ = false;  // only keyframes are decoded; the caption says so
   std::string noVideoReason_;
-  Time now_ = 0;     // latest time that was seen
-  Time looked_ = 0;  // Tick looked at what follows from the time alone
+  Time now_ = 0;     // latest time of an item or tick
+  Time looked_ = 0;  // when Tick last called Watch
 
-  // Repeats belong to a time that is almost the delay ago: from when on the channel looked how.
+  // Each look with the time from which it applies: a repeat shows that of almost a delay ago.
   std::deque<std::pair<Time, Look>> looks_;
 
   WindowFeed feed_;

@@ -102,7 +102,7 @@ bool ChannelQueue::Push(ChannelItem item, bool paces) {
 }
 
 void ChannelQueue::ForgetFrom(Time time) {
-  std::deque<Lane> forgotten;  // its buffers go back without the lock
+  std::deque<Lane> forgotten;  // its buffers are released without the lock
   const os::MutexLock guard(lock_);
   for (std::size_t i = 0; i < lanes_.size(); ++i) {
     Lane& lane = lanes_[i];

@@ -29,7 +29,7 @@ struct ChannelControls {
   Time hold;
   config::Decode decode;
   config::Mute mute = config::Mute::kOff;
-  // Until then alarms are neither drawn nor captioned.
+  // Alarms are neither drawn nor captioned until then.
   std::optional<std::chrono::system_clock::time_point> maskedUntil{};
   // When an alarm was acknowledged: it is not drawn until it is raised again. By AlarmKind.
   std::array<std::optional<std::chrono::system_clock::time_point>, config::kAlarmKinds>
@@ -54,7 +54,7 @@ struct ChannelSettings {
   // Where the channel's window is, and under which number; null: where the wall file puts it.
   std::shared_ptr<const WindowSchedule> windows;
   std::size_t slot = 0;
-  // The wall's time, which live sources are fitted to. Null: the wall is rendered, and sources
+  // The wall's time, on which live sources are placed. Null: the wall is rendered, and sources
   // start at its time 0.
   std::function<Time()> now;
   std::function<std::string(Time)> timeText;  // the wall's time as an operator reads it
@@ -66,12 +66,12 @@ struct ChannelSettings {
   std::shared_ptr<AudioTrack> audioTrack;
   qorp::log::ILogPerf* logger = nullptr;      // not owned, may be null
   DecodeStep renderStep = DecodeStep::kFull;  // of a rendered wall
-  // What asks for less decoding besides the channel's own load; null of a rendered wall, which
+  // What asks for less decoding besides the channel's own load; null in a rendered wall, which
   // decodes everything.
   std::shared_ptr<WallPressure> pressure;
-  std::shared_ptr<DecodeSeat> decodeSeat;        // null of a rendered wall, too
-  std::shared_ptr<DecodeBatches> decodeBatches;  // of a rendered wall only
-  // Connections and demuxers that the channel shares with others of the wall; null of a rendered
+  std::shared_ptr<DecodeSeat> decodeSeat;        // null in a rendered wall
+  std::shared_ptr<DecodeBatches> decodeBatches;  // null in a live wall
+  // Connections and demuxers that the channel shares with others of the wall; null in a rendered
   // wall, whose channels open their own.
   std::shared_ptr<SharedReceivers> receivers;
   std::shared_ptr<SharedInputs> inputs;
@@ -79,7 +79,7 @@ struct ChannelSettings {
   bool driven = false;
 
   bool isLive() const { return now != nullptr; }
-  // What frames of that time of the wall have to have.
+  // The size that frames have to have at this time of the wall.
   WindowSize SizeAt(Time time) const {
     return windows ? windows->SizeAt(slot, time)
                    : WindowSize{channel.window.width, channel.window.height};

@@ -17,19 +17,19 @@ namespace {
 
 constexpr CLSID kChannelSourceClass{
     0x3B1E0A55, 0x0E2C, 0x4B57, {0x8D, 0x2F, 0x1C, 0x6A, 0x5E, 0x21, 0x90, 0x01}};
-// The composer keeps up to 80 buffers of a channel; the others are on their way to it.
+// The composer holds up to 80 buffers of a channel; the others are on their way to it.
 constexpr LONG kBuffersAtComposer = 80;
 constexpr LONG kSpareBuffers = 8;
-// A live source's frames may come in a burst that long.
+// Longest burst of a live source's frames.
 constexpr Time kMaxAhead = kSecond;
 // The composer and the sink copy packets at once.
 constexpr LONG kAudioBuffers = 8;
 // E-AC-3 with several substreams has the longest: 4096 bytes in each.
 constexpr LONG kMaxAudioPacket = 32'768;
 constexpr LONG kMaxLabel = 4096;  // bytes
-// A label that was not taken, as when no buffer was free, is sent again after that time.
+// A label that could not be sent, as when no buffer was free, is sent again after this time.
 constexpr Time kLabelRetry = kSecond / 10;
-// FFmpeg asks at least ten times a second whether its call is cancelled.
+// Ample: FFmpeg checks at least ten times a second whether its call is cancelled.
 constexpr std::chrono::seconds kReaderLimit{2};
 
 // How far the reader runs ahead of the wall.
@@ -84,7 +84,7 @@ ChannelSource::ChannelSource(const Place& place, std::optional<ChannelSettings> 
   Assign(std::move(settings), controls);
 }
 
-// Everything that the threads of the former channel use stays until they have ended.
+// Everything that the threads of the former channel use is kept until they have ended.
 void ChannelSource::Assign(std::optional<ChannelSettings> settings,
                            const ChannelControls& controls) {
   EndRun();
@@ -279,7 +279,7 @@ void ChannelSource::Stream() {
     if (std::optional<ChannelItem> item = queue_->Take(tick)) {
       Deliver(*item);
     } else if (!queue_->closed()) {
-      // A streaming thread that was kept from running has nothing to make up for.
+      // A streaming thread that was kept from running does not make up for missed ticks.
       DeliverTick(std::max(tick, Now().value_or(tick)));
     }
   }
@@ -312,8 +312,8 @@ void ChannelSource::Deliver(ChannelItem& item) {
   }
   ApplyControls();
   DeliverLabel(item.due);
-  if (const auto* const picture = std::get_if<ReadyFrame>(&item.content)) {
-    presenter_->Show(*picture, item.start, item.duration);
+  if (const auto* const frame = std::get_if<ReadyFrame>(&item.content)) {
+    presenter_->Show(*frame, item.start, item.duration);
   } else if (const auto* const levels = std::get_if<ReadyLevels>(&item.content)) {
     presenter_->Show(*levels, item.start, item.duration);
   } else if (const auto* const event = std::get_if<SourceEvent>(&item.content)) {
@@ -323,7 +323,7 @@ void ChannelSource::Deliver(ChannelItem& item) {
   }
 }
 
-// The pins are connected before the form of the audio is known: it comes with the first packet.
+// The pins are connected before the audio format is known: it is announced with the first packet.
 void ChannelSource::DeliverAudio(const AudioPacket& packet, Time start, Time duration) {
   if (mute_ == config::Mute::kNothing) {
     return;
@@ -337,7 +337,7 @@ void ChannelSource::DeliverAudio(const AudioPacket& packet, Time start, Time dur
   if (mute_ == config::Mute::kSilence) {
     silence_ = silence_ ? std::move(silence_) : SilenceOf(*packet.format);
     if (!silence_) {
-      return;  // the outputs put silence into the gap
+      return;  // the outputs fill the gap with silence
     }
     bytes = silence_.get();
   }

@@ -20,21 +20,21 @@
 namespace host {
 
 // Offers five pins: frames, compressed audio, label text, audio alarm (levels) and video alarm.
-// Active and with a channel, it has two threads: the reader (ChannelIngest) opens, reads and
-// decodes into the buffers of the frame pin's own allocator; the streaming thread hands everything
-// on when its time has come, and keeps the window filled when nothing comes (ChannelPresenter).
-// Neither ever waits for another channel, and the wall waits for neither.
+// While active and with a channel, it has two threads: the reader (ChannelIngest) opens, reads and
+// decodes into the buffers of the frame pin's own allocator; the streaming thread delivers
+// everything when it is due, and keeps the window filled when nothing arrives (ChannelPresenter).
+// Neither waits for another channel, and the wall waits for neither.
 //
 // A filter without a channel is a spare one: a channel may be assigned to it, taken away and
-// assigned again while it is active. What a former source's reader still does is waited for later
+// assigned again while it is active. The reader of a former channel is waited for later
 // (EndRetired).
 //
 // Owned by its graph and by the wall. Pause starts the threads, on the application's thread. Stop
-// ends the streaming thread and cancels the reader without waiting for it: what the wall gave until
-// then can be written to its end first. EndReader, the next Pause or the destructor wait.
+// ends the streaming thread and cancels the reader without waiting for it, so that the outputs can
+// be finished first. EndReader, the next Pause or the destructor wait.
 class ChannelSource final : public CBaseFilter {
  public:
-  // What holds for every channel in this place.
+  // What is the same for every channel in this place.
   struct Place {
     config::Canvas canvas;
     bool isLive = false;
@@ -50,19 +50,19 @@ class ChannelSource final : public CBaseFilter {
   CBasePin* GetPin(int position) override;
   HRESULT Pause() override;
   HRESULT Stop() override;
-  // The reader is to end; waits for nothing. Before Stop, to end many readers at once.
+  // Tells the reader to end, without waiting. Before Stop, to end many readers at once.
   void CancelReader();
   // After Stop: waits for the reader. False when it is stuck in its source beyond the deadline; its
-  // thread is detached then, and touches nothing of this filter any more.
+  // thread is then detached and no longer touches this filter.
   bool EndReader(std::chrono::steady_clock::time_point deadline);
 
-  // Application's thread: another channel, or the same one with a source that is opened again;
-  // none: the place is spare. Waits for the streaming thread only.
+  // Application's thread: assigns another channel, or the same one, whose source is then opened
+  // again; none: the filter becomes spare. Waits for the streaming thread only.
   void Assign(std::optional<ChannelSettings> settings, const ChannelControls& controls);
-  // What operators changed of the channel; takes effect soon. Any thread.
+  // What operators changed; takes effect soon. Any thread.
   void SetControls(const ChannelControls& controls);
-  // Ends the readers of former channels; a stuck one is detached after some seconds. To be called
-  // now and then. Returns how many were detached.
+  // Ends the readers of former channels; a stuck one is detached after some seconds. Called
+  // regularly. Returns how many were detached.
   int EndRetired();
   bool isAssigned() const { return settings_ != nullptr; }
 
@@ -79,16 +79,16 @@ class ChannelSource final : public CBaseFilter {
   ChannelQueue& queue() { return *queue_; }
   const std::string& name() const { return settings_->channel.name; }
 
-  // Of a driven channel: hands on everything that is due by the wall's time, which is `now`.
+  // Of a driven channel: delivers everything that is due at the wall's time `now`.
   void DeliverUpTo(Time now);
 
   // See ChannelIngest; any thread.
   void WantSize(int width, int height) { wanted_->Set({width, height}); }
-  // Another text for the label; any thread.
+  // Changes the text of the label; any thread.
   void SetLabel(const std::string& text);
 
  private:
-  // The wall's time; none of a rendered wall.
+  // The wall's time; none in a rendered wall.
   std::optional<Time> Now() const;
   void Stream();
   void DeliverTick(Time tick);
@@ -134,7 +134,7 @@ class ChannelSource final : public CBaseFilter {
   std::optional<ChannelControls> controls_ GUARDED_BY(labelLock_);  // not applied yet
   config::Mute mute_ = config::Mute::kOff;                          // streaming thread only
   ffmpeg::Packet silence_;  // in the form of audioFormat_; streaming thread only
-  Time nextLabel_ = 0;      // not before; streaming thread only
+  Time nextLabel_ = 0;      // earliest time of the next try; streaming thread only
   std::shared_ptr<const AudioFormat> audioFormat_;  // announced last; streaming thread only
 };
 

@@ -14,7 +14,7 @@ namespace {
 
 constexpr int kMax = kDecodeSteps - 1;
 
-// Usual costs, of full decoding and scaling.
+// Usual costs of the steps, as shares of full decoding and scaling.
 constexpr std::array<double, kDecodeSteps> kCosts{1.0, 0.95, 0.86, 0.60, 0.12};
 
 constexpr double kOverload = 0.92;  // of the time
@@ -22,13 +22,13 @@ constexpr double kRelaxed = 0.65;   // expected at the lower step
 constexpr int kOverloadedUntilNext = 2;
 constexpr Time kMinRelief = 10 * kSecond;
 constexpr Time kMaxRelief = 160 * kSecond;
-// A lower step that lasts for that long has lasted.
+// A lower step that is kept for this long has lasted.
 constexpr Time kLasting = 30 * kSecond;
-// Of the wall without a loss, until it asks for less.
+// Without a loss for this long, the pressure falls by a level.
 constexpr Time kQuiet = 10 * kSecond;
-// Until a channel that was slowed down has given way.
+// Until it shows that a channel has gone up a step.
 constexpr Time kYielding = 3 * kSecond;
-// Longer than the distance of keyframes of nearly all senders.
+// Longer than the keyframe interval of nearly all senders.
 constexpr Time kWithoutKeyframes = 12 * kSecond;
 
 constexpr const char* kCannotKeepUp = "decoding cannot keep up with the source";
@@ -39,15 +39,15 @@ DecodeStep StepOf(int number) {
 }
 
 constexpr Time kMeasureEvery = kSecond;
-// Until then what was granted shows in the idle time: from keyframes only a channel comes back with
+// A grant shows in the idle time by then: from keyframes only, a channel goes down a step only with
 // its next keyframe.
 constexpr Time kGrantShowsAfter = 4 * kSecond;
-// Stays idle, as a share of the machine.
+// Share of the machine that is to stay idle.
 constexpr double kIdleReserve = 0.1;
 // Between two tries without idle time.
 constexpr Time kMinTry = 5 * kSecond;
 constexpr Time kMaxTry = 160 * kSecond;
-// Without an overload for that long, a try has succeeded; and one is made.
+// Without an overload for this long, a try has succeeded, or another one may be made.
 constexpr Time kTrialPeriod = 30 * kSecond;
 constexpr Time kQuietPeriod = 10 * kSecond;
 // A channel asks about once a second.
@@ -69,7 +69,7 @@ void WallPressure::Raise(Time now) {
   }
 }
 
-// Once the others have yielded, that has to show first.
+// Once the others have yielded, the effect has to show first.
 void WallPressure::Complain(Time now) {
   if (level() < kMax || now - changedAt_.load(std::memory_order_relaxed) >= kYielding) {
     Raise(now);
@@ -83,7 +83,7 @@ void WallPressure::Observe(Time now, std::uint64_t losses) {
     Raise(now);
   } else if (level > 0 && now - changedAt_.load(std::memory_order_relaxed) >= kQuiet) {
     changedAt_.store(now, std::memory_order_relaxed);
-    // Not where it was raised meanwhile.
+    // Fails if the level was raised meanwhile.
     level_.compare_exchange_strong(level, level - 1, std::memory_order_relaxed);
   }
 }
@@ -130,7 +130,7 @@ void DecodePolicy::FollowLoad(Time now, const Load& load, int pressed) {
     }
     const bool isLate = load.isLate && at < static_cast<int>(DecodeStep::kReferencedOnly);
     if (isLate) {
-      // What it managed of the source.
+      // The share of the source that it decoded.
       const double pace = load.frames / source_.frameRate;
       int step = at + 1;
       while (step < kMax && cost(step) > pace * cost(at)) {
@@ -233,7 +233,7 @@ void DecodeBudget::EndTurn() {
     ++free_;
     return;
   }
-  // The turn goes on to it. It leaves only with the lock, so it is there to be woken.
+  // The turn passes to the first in line, who can return only with the lock and so still exists.
   line.front()->hasTurn = true;
   line.front()->wake.NotifyOne();
   line.pop_front();
@@ -251,7 +251,7 @@ std::optional<std::uint64_t> DecodeBudget::AskIdleTime(Time now) {
 }
 
 void DecodeBudget::NoteIdleTime(Time now, std::uint64_t idleTime) {
-  // The first measurement says nothing; neither does one over a long time.
+  // The first measurement says nothing, nor does one over a long time.
   const Time elapsed = now - measuredAt_;
   const bool isRecent = isMeasured_ && elapsed > 0 && elapsed < 4 * kMeasureEvery;
   idle_ = isRecent ? static_cast<double>(idleTime - std::min(idleTime, idleTime_)) /

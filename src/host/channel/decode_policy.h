@@ -1,6 +1,6 @@
-// How much of a wall's video is decoded: by each channel (DecodePolicy), by what the wall lacks
-// (WallPressure), and by all readers at the same time, live (DecodeBudget) and rendered
-// (DecodeBatches).
+// How much of a wall's video is decoded: the decision of each channel (DecodePolicy), the overload
+// of the wall (WallPressure), and what all readers decode at the same time, in a live wall
+// (DecodeBudget) and in a rendered one (DecodeBatches).
 #pragma once
 
 #include <array>
@@ -25,12 +25,13 @@ namespace host {
 // "full", "unreferenced_unfiltered", "unfiltered", "referenced_only", "keyframes_only".
 const char* NameOf(DecodeStep step);
 
-// What the wall as a whole lacks: a level that rises with every observation since which frames were
-// late or an encoder had to drop some, and falls again level by level, each after a quiet time. The
-// first levels ask for steps of the channels that are not selected, the last ones of all. A
-// selected channel that cannot keep up raises it as well: the others yield first.
+// The overload of the wall as a whole: a level that rises with every observation that finds new
+// losses (late frames, or frames that an encoder had to drop), and falls level by level, each after
+// a quiet time. The first levels raise the steps of the channels that are not selected, the last
+// ones those of all. A selected channel that cannot keep up raises the level as well, so that the
+// others yield first.
 //
-// Observe belongs to one thread; any thread calls the rest.
+// Observe is called by one thread, the rest by any thread.
 class WallPressure {
  public:
   static constexpr int kMaxLevel = 2 * (kDecodeSteps - 1);
@@ -51,14 +52,14 @@ class WallPressure {
 
 // Decides the step of one channel from what its reader observes, about once a second.
 //
-// A reader that is busy all the time cannot keep up with its source: the channel goes up a step,
-// and once its frames come late, at once to the step that by the usual costs keeps up: before they
-// are too late to be shown, and before its audio is. A selected channel complains instead, which
-// raises the wall's pressure. That raises the steps as well, those of selected channels last. The
-// channel comes down a step when the lower one would leave time to spare for a while, and the
-// machine has idle time for it. That while doubles each time a lower step did not last, so that a
-// channel at the limit does not swing. What is then asked for most is taken, between the bounds of
-// the setting:
+// A reader that is busy all the time cannot keep up with its source: the channel goes up a step. If
+// its frames are already late, it goes at once to the step that will keep up by the usual costs,
+// before its frames and audio are too late to be used. A selected channel complains instead, which
+// raises the wall's pressure. The pressure raises the steps as well, those of selected channels
+// last. The channel goes down a step when the lower one would have left time to spare for a while
+// and the machine has idle time for it. That while doubles each time a lower step did not last, so
+// that a channel at its limit does not oscillate. Of all the steps asked for, the highest is taken,
+// between the bounds of the setting:
 //
 //   setting     least                                                  most
 //   full        full                                                   full
@@ -67,8 +68,8 @@ class WallPressure {
 //   economy     referenced only                                        keyframes only
 //   keyframes   keyframes only                                         keyframes only
 //
-// A window that is not shown needs keyframes only, whatever the setting but full. A source without
-// keyframes is never decoded at that step for long.
+// A window that is not shown needs keyframes only, with every setting except full. A source without
+// keyframes does not stay at that step for long.
 //
 // Owned and called by the channel's reader thread.
 class DecodePolicy {
@@ -83,27 +84,26 @@ class DecodePolicy {
     int pressure = 0;          // WallPressure::level()
     bool isImportant = false;  // a selected channel
     bool isShown = true;
-    bool isLate = false;  // frames come noticeably after their time
+    bool isLate = false;  // frames are noticeably late
     bool gains = false;   // the reader is busy reading ahead, faster than the source plays
-    // Whether that much of a processor may be used besides; null: it may.
+    // Whether this share of a processor may be used in addition; null: yes.
     std::function<bool(double processors)> admits{};
   };
 
   explicit DecodePolicy(config::Decode setting) : setting_(setting) {}
 
   void SetSetting(config::Decode setting) { setting_ = setting; }
-  // A source was opened. What the load asks for stays: it is that of the machine.
+  // A source was opened. The step that the load asks for stays, because the machine is the same.
   void Opened(const Source& source, Time now);
-  // True when the step has changed. now: of a clock that runs evenly, from call to call 0.2 s to
-  // 2 s later.
+  // True when the step has changed. now: of a steady clock; calls are 0.2 s to 2 s apart.
   bool Observe(Time now, const Load& load);
 
   DecodeStep step() const { return step_; }
-  // An important channel could not keep up: less is asked of it only when the others have yielded.
+  // An important channel cannot keep up: its step rises only when the others have yielded.
   bool complains() const { return complains_; }
   // The load asks for more than it did before.
   bool isOverloaded() const { return isRaised_; }
-  // Why it is not decoded fully, as a clause; empty for kFull.
+  // Why the video is not decoded fully, as a clause; empty for kFull.
   const std::string& reason() const { return reason_; }
 
  private:
@@ -115,8 +115,8 @@ class DecodePolicy {
   Source source_;
   DecodeStep step_ = DecodeStep::kFull;
   std::string reason_;
-  DecodeStep most_ = DecodeStep::kKeyframesOnly;  // of this source
-  int own_ = 0;                                   // the step for which the load asks
+  DecodeStep most_ = DecodeStep::kKeyframesOnly;  // highest step for this source
+  int own_ = 0;                                   // the step that the load asks for
   const char* ownReason_ = "";
   bool complains_ = false;
   bool isRaised_ = false;
@@ -124,29 +124,29 @@ class DecodePolicy {
   Time relaxedSince_ = 0;
   Time loweredAt_ = 0;
   bool wasLowered_ = false;
-  Time relief_ = 0;    // how long it has to be relaxed
-  Time framesAt_ = 0;  // when it gave frames last
+  Time relief_ = 0;    // how long the load has to be low
+  Time framesAt_ = 0;  // when frames were decoded last
 };
 
 // Shared by the readers of a live wall, for two things.
 //
 // Turns: no more readers decode and scale at the same time than there are processors. All others
 // wait here rather than in the system's scheduler, where sixteen of them together would outweigh
-// one encoder however low their priority; and here the selected channels come first, then the one
-// that has waited longest. Nothing but computing is done in a turn.
+// one encoder even at low priority. Selected channels come first, then the one that has waited
+// longest. A reader only computes in its turn; it never waits.
 //
-// Admission: a channel that wants to decode more than it does asks first. It is granted as long as
-// the machine has idle time for it, less what was granted lately and does not show yet. So channels
-// come back one after the other, instead of all together into the next overload. A machine without
-// idle time may still give it, where what else runs has a lower priority: then one channel at a
-// time tries, and the time between tries doubles while they fail.
+// Admission: a channel that is to decode more asks first. It is admitted if the machine has idle
+// time for it, less what was granted recently and does not show in the idle time yet. So channels
+// come back one after the other, not all together into the next overload. A machine without idle
+// time may still have room, if what else runs has a lower priority: then one channel at a time
+// tries, and the time between tries doubles while they fail.
 //
 // Any thread.
 class DecodeBudget {
  public:
   struct Settings {
     int processors = 1;
-    // Idle time of all processors together since some moment, in 100 ns.
+    // Idle time of all processors together, from any starting point, in 100 ns.
     std::function<std::uint64_t()> idleTime;
   };
   // Of this machine.
@@ -156,7 +156,7 @@ class DecodeBudget {
   DecodeBudget(const DecodeBudget&) = delete;
   DecodeBudget& operator=(const DecodeBudget&) = delete;
 
-  // Ends with its life; does not outlive the budget.
+  // Ends when it is destroyed; does not outlive the budget.
   class [[nodiscard]] Turn {
    public:
     Turn() = default;
@@ -172,18 +172,18 @@ class DecodeBudget {
    private:
     DecodeBudget* budget_ = nullptr;
   };
-  // Waits for others to end theirs.
+  // Waits until a turn is free.
   Turn TakeTurn(bool isImportant);
-  // How many wait for one.
+  // How many wait for a turn.
   std::size_t waiting() const {
     const os::MutexLock guard(lock_);
     return important_.size() + others_.size();
   }
 
-  // Whether a channel may use that much of a processor besides. from: its step, of which the
-  // highest come first. now: of a clock that runs evenly.
+  // Whether a channel may use this share of a processor in addition. from: its present step; the
+  // highest come first. now: of a steady clock.
   bool Admit(Time now, double processors, DecodeStep from, bool isImportant);
-  // A channel cannot keep up, or the wall lacks something.
+  // A channel cannot keep up, or the wall is overloaded.
   void NoteOverload(Time now);
 
  private:
@@ -197,10 +197,10 @@ class DecodeBudget {
   };
 
   void EndTurn();
-  // The idle time since the machine started, when it is time to ask for it.
+  // The machine's idle time so far, if it is time to read it again.
   std::optional<std::uint64_t> AskIdleTime(Time now);
   bool HasRoom(Time now, double processors) REQUIRES(lock_);
-  // A channel that decodes less was refused lately.
+  // A channel that decodes less was refused recently.
   bool IsAheadOfOthers(Time now, DecodeStep from) const REQUIRES(lock_);
   void NoteIdleTime(Time now, std::uint64_t idleTime) REQUIRES(lock_);
 
@@ -222,7 +222,7 @@ class DecodeBudget {
   bool isTrying_ GUARDED_BY(lock_) = false;
 };
 
-// The place of one channel in it. Outlives the channel's turns; any thread.
+// One channel's access to the budget. Outlives the channel's turns; any thread.
 class DecodeSeat {
  public:
   DecodeSeat(std::shared_ptr<DecodeBudget> budget, bool isImportant)
@@ -236,7 +236,7 @@ class DecodeSeat {
   }
   // Any thread.
   void SetImportant(bool isImportant) { isImportant_ = isImportant; }
-  // The channel has something to decode, and waits for its turn.
+  // The channel has something to decode and waits for its turn.
   bool waits() const { return waits_; }
   bool Admit(Time now, double processors, DecodeStep from) {
     return budget_->Admit(now, processors, from, isImportant_);
@@ -249,10 +249,10 @@ class DecodeSeat {
   std::atomic<bool> waits_{false};
 };
 
-// A rendered wall reads its files as fast as the machine can. Were all its readers to decode a
-// frame in turns, each frame would have left the processor's caches when it is scaled, and the
-// frames that it refers to when it is decoded. So a reader decodes many frames in one turn, and no
-// more readers have a turn than there are processors.
+// A rendered wall reads its files as fast as the machine can. If all its readers decoded one frame
+// each in turn, a frame would have left the processor's caches before it is scaled, and its
+// reference frames before it is decoded. So a reader decodes many frames in one turn, and no more
+// readers have a turn than there are processors.
 //
 // Shared by the readers of one wall. Any thread.
 class DecodeBatches {
@@ -261,7 +261,7 @@ class DecodeBatches {
   DecodeBatches(const DecodeBatches&) = delete;
   DecodeBatches& operator=(const DecodeBatches&) = delete;
 
-  // Ends with its life; does not outlive the batches.
+  // Ends when it is destroyed; does not outlive the batches.
   class [[nodiscard]] Turn {
    public:
     Turn() = default;
@@ -284,8 +284,8 @@ class DecodeBatches {
    private:
     DecodeBatches* batches_ = nullptr;
   };
-  // Waits for another to end, but not for one that lasts: it may wait itself, for its disk or for
-  // what this reader has to give first.
+  // Waits for another turn to end, but at most kMaxWait: its reader may itself wait, for its disk
+  // or for items that this reader has to deliver first.
   Turn Take();
 
  private:
@@ -295,7 +295,7 @@ class DecodeBatches {
 
   os::Mutex lock_;
   os::ConditionVariable ended_;
-  int free_ GUARDED_BY(lock_);  // negative: some were not waited for
+  int free_ GUARDED_BY(lock_);  // negative: some turns began after kMaxWait
 };
 
 }  // namespace host

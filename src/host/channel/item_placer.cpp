@@ -7,17 +7,17 @@ namespace host {
 
 namespace {
 
-// Frames that come too late twice within this time are no single stall.
+// Two periods of lateness within this time are not a single stall.
 constexpr Time kAgainWithin = 10 * kSecond;
 constexpr Time kReserve = kSecond / 20;
-// More lead than needed, at which it shrinks unless a frame is longer, and the most by which it
-// does so at once.
+// The lead shrinks when it is too long by this much, at least by a frame; and by how much at most
+// at once.
 constexpr Time kTooMuchLead = kSecond / 50;
 constexpr Time kShrinkStep = kSecond / 5;
 
 }  // namespace
 
-// The next later start of a frame.
+// The first start of a frame at this time or later.
 Time LiveTimeline::OnGrid(Time shift) const {
   return FrameStart(FrameAt(shift - 1, settings_.frameRate) + 1, settings_.frameRate);
 }
@@ -44,7 +44,7 @@ void LiveTimeline::Move(Time by) {
 }
 
 bool LiveTimeline::IsLateForLong(Time behind, Time now) {
-  // Two latenesses with a stall between them are not one.
+  // Two periods of lateness with a stall between them are not one.
   const bool stalled = behind - behind_ >= settings_.lateLimit;
   behind_ = behind;
   if (behind > settings_.slack) {
@@ -66,7 +66,7 @@ bool LiveTimeline::IsLateForLong(Time behind, Time now) {
   return false;
 }
 
-// What the range says about the distance.
+// By how much the offset has to change according to the range.
 Time LiveTimeline::Correction() const {
   if (range_.least() > 0) {
     return range_.least() + settings_.lead;
@@ -118,9 +118,9 @@ LiveTimeline::Fit LiveTimeline::Follow(Time start, Time now, Time* placed) {
 ItemPlacer::ItemPlacer(Settings settings, ChannelQueue& queue)
     : settings_(std::move(settings)),
       queue_(queue),
-      // Frames are thinned by the frames of the canvas before they are placed.
+      // Frames are dropped to the rate of the canvas before they are placed.
       timeline_(LiveTimeline::For(settings_.kind, settings_.frameRate, settings_.delay)),
-      // One kind of items is in order by itself.
+      // Items of a single kind are in order already.
       merger_(settings_.hasVideo && settings_.hasAudio ? kMergeWindow : 0) {}
 
 bool ItemPlacer::WaitsForFrame() const {
@@ -142,8 +142,8 @@ Time ItemPlacer::Place(Time start, bool jumped) {
   return placed;
 }
 
-bool ItemPlacer::Add(Time start, Time duration, bool jumped, ReadyFrame picture) {
-  return Put(Place(start, jumped), duration, std::move(picture));
+bool ItemPlacer::Add(Time start, Time duration, bool jumped, ReadyFrame frame) {
+  return Put(Place(start, jumped), duration, std::move(frame));
 }
 
 std::optional<Time> ItemPlacer::PlaceOfFrame(Time start) const {
@@ -204,7 +204,7 @@ bool ItemPlacer::HandOn(ChannelItem item) {
   if (isFrame || !audioSinceFrame_) {
     audioSinceFrame_ = isFrame ? std::nullopt : std::optional(item.start);
   }
-  // Audio that is far ahead of the video delays nothing, unless no frame has come for a second.
+  // Audio that is ahead of the video does not pace the reader, unless no frame came for a second.
   const bool leads =
       isFrame || !settings_.now || !settings_.hasVideo || item.start - *audioSinceFrame_ > kSecond;
   if (leads) {

@@ -15,17 +15,17 @@ extern "C" {
 namespace host {
 namespace {
 
-// Enough to see fields and colours, short enough for a live source.
-constexpr int kPictures = 12;
+// Enough to detect fields and colours, short enough for a live source.
+constexpr int kMaxFrames = 12;
 constexpr Time kLength = 2 * kSecond;
 
 std::string NameOr(const char* name) {
   return name != nullptr ? name : "unknown";
 }
 
-void Look(const DecodedFrame& picture, ProbeReport& report) {
-  const AVFrame& frame = *picture.frame;
-  ++report.pictures;
+void Look(const DecodedFrame& decoded, ProbeReport& report) {
+  const AVFrame& frame = *decoded.frame;
+  ++report.frames;
   report.width = frame.width;
   report.height = frame.height;
   report.interlaced = report.interlaced || frame.interlaced_frame != 0;
@@ -35,7 +35,7 @@ void Look(const DecodedFrame& picture, ProbeReport& report) {
   report.colourPrimaries = NameOr(av_color_primaries_name(frame.color_primaries));
   report.colourTransfer = NameOr(av_color_transfer_name(frame.color_trc));
   report.wideColour = WideColourOf(frame);
-  report.orientation = picture.orientation;
+  report.orientation = decoded.orientation;
 }
 
 void Listen(const AudioSamples& samples, SamplePlanes& planes, ProbeReport& report) {
@@ -56,10 +56,10 @@ ProbeReport Examine(MediaReader& reader) {
   SamplePlanes planes;
   for (Time now = 0; now < kLength;) {
     const MediaItem item = reader.Read();
-    if (const auto* picture = std::get_if<DecodedFrame>(&item)) {
-      Look(*picture, report);
-      now = picture->start;
-      if (report.pictures >= kPictures && !report.info.audio) {
+    if (const auto* decoded = std::get_if<DecodedFrame>(&item)) {
+      Look(*decoded, report);
+      now = decoded->start;
+      if (report.frames >= kMaxFrames && !report.info.audio) {
         break;
       }
     } else if (const auto* samples = std::get_if<AudioSamples>(&item)) {

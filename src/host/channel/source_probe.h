@@ -1,4 +1,4 @@
-// What the beginning of a source shows.
+// Examines the beginning of a source.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@ namespace host {
 // What the beginning of a source showed.
 struct ProbeReport {
   MediaInfo info;
-  int pictures = 0;
+  int frames = 0;
   bool interlaced = false;
   bool topFieldFirst = false;
   int width = 0;  // of the decoded frames
@@ -24,12 +24,12 @@ struct ProbeReport {
   std::string colourTransfer;
   std::optional<WideColour> wideColour;
   Orientation orientation;
-  bool passesThrough = false;  // the audio, as it is
-  double loudest = 0;          // greatest sample of the beginning, of full scale
+  bool passesThrough = false;  // the audio, unchanged
+  double loudest = 0;          // greatest magnitude of a sample, full scale at 1
   std::uint64_t damagedPackets = 0;
 };
 
-// Decodes the beginning of a source that is open, at most two seconds of it. Throws MediaError.
+// Decodes the beginning of an open source, at most two seconds. Throws MediaError.
 ProbeReport Examine(MediaReader& reader);
 
 }  // namespace host

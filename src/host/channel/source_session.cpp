@@ -13,10 +13,10 @@ namespace {
 
 // Longer than any decoder holds audio back.
 constexpr Time kUndecodable = kSecond;
-// Frames that cannot be converted; then the source is opened again, and the window says why.
+// After this many frames that cannot be converted, the source is opened again; the window says why.
 constexpr int kMaxLostInARow = 50;
 
-// The composer's window pins drop a queue of 78 frames, and keep a second's worth.
+// The composer's window pins hold a second of frames, and drop their queue at 78.
 constexpr double kMaxFrameRate = 70;
 
 Ratio WindowFrameRate(Ratio canvasRate) {
@@ -77,11 +77,11 @@ SourceSession::SourceSession(const ChannelSettings& settings, const RenditionRea
 }
 
 bool SourceSession::Handle(MediaItem item) {
-  if (auto* const picture = std::get_if<DecodedFrame>(&item)) {
-    Count(true, picture->discontinuity);
+  if (auto* const decoded = std::get_if<DecodedFrame>(&item)) {
+    Count(true, decoded->discontinuity);
     try {
       const DecodeBudget::Turn turn = TakeTurn();
-      converter_.Push(std::move(*picture));
+      converter_.Push(std::move(*decoded));
     } catch (const ffmpeg::Error&) {
       LoseFrame();
     }
@@ -122,7 +122,7 @@ bool SourceSession::NoteDecoded(Time start) {
 bool SourceSession::NoteAudio(Time start, AudioAbsence absence, const std::string& reason) {
   const std::optional<Time> placed = placer_.PlaceOfAudio(start);
   if (!placed.has_value()) {
-    return true;  // next time
+    return true;  // reported with the next packet
   }
   isUndecodable_ = absence == AudioAbsence::kUndecodable;
   SourceEvent event;
@@ -174,8 +174,8 @@ DecodeBudget::Turn SourceSession::TakeTurn() const {
 bool SourceSession::DrainConverter() {
   while (const FrameConverter::FrameTimes* const next = converter_.Next()) {
     const FrameConverter::FrameTimes times = *next;
-    // The wait for a buffer, which a slow wall makes long, counts as lateness of the frame: it is
-    // placed afterwards.
+    // The frame is placed after the wait for a buffer, which is long in a slow wall and so counts
+    // as lateness of the frame.
     const auto begun = std::chrono::steady_clock::now();
     const WindowSize size = settings_.SizeAt(placer_.PlaceOfFrame(times.start).value_or(Now()));
     converter_.Resize(size.width, size.height);

@@ -26,40 +26,39 @@ namespace host {
 class SourceSession {
  public:
   // reader is open, and outlives the session, as do the settings, the pin and the queue.
-  // audioChanged: gets a sentence whenever the audio reaches the outputs in another way; may be
-  // null.
+  // audioChanged: gets a sentence when the audio takes another path to the outputs; may be null.
   SourceSession(const ChannelSettings& settings, const RenditionReader& reader, FeedPin& videoPin,
                 ChannelQueue& queue, std::function<void(const std::string&)> audioChanged);
 
-  // The next item of the reader, but for its end. False once the queue is closed. A frame that
-  // cannot be converted is left out; throws ffmpeg::Error when that is so of many in a row.
+  // The next item of the reader, except its end. False once the queue is closed. A frame that
+  // cannot be converted is dropped; throws ffmpeg::Error after many of them in a row.
   bool Handle(MediaItem item);
-  // Hands on what converters, meters and encoders still hold.
+  // Queues what converters, meters and encoders still hold.
   bool Finish();
 
-  // How long it was waited for buffers since the last call.
+  // Time spent waiting for buffers since the last call.
   std::chrono::nanoseconds TakeWaited() { return std::exchange(waited_, {}); }
 
-  // What could not be converted and was left out.
+  // What could not be converted and was dropped.
   std::uint64_t lostFrames() const { return lostFrames_; }
   std::uint64_t lostAudio() const { return audio_ ? audio_->lost() : 0; }
 
-  // How often the timestamps of the video, or of audio without video, have jumped.
+  // How often the timestamps of the video (without video, of the audio) have jumped.
   std::uint64_t jumps() const { return jumps_; }
 
   const ItemPlacer& placer() const { return placer_; }
   ItemPlacer& placer() { return placer_; }
 
  private:
-  // Throws the error again when it is one of many in a row.
+  // Within a catch block; throws its error again when it is one of many in a row.
   void LoseFrame();
-  // For what computes; see DecodeBudget.
+  // For decoding and scaling; see DecodeBudget.
   DecodeBudget::Turn TakeTurn() const;
   void Count(bool isFrame, bool isDiscontinuity);
   bool DrainConverter();
   Time Now() const { return settings_.now ? settings_.now() : 0; }
   bool AddReading(const LevelMeter::Reading& reading);
-  // Packets come, but no samples of them, or samples again. Both false once the queue is closed.
+  // Packets arrive but give no samples, or give samples again. False once the queue is closed.
   bool NoteUndecoded(Time start);
   bool NoteDecoded(Time start);
   bool NoteAudio(Time start, AudioAbsence absence, const std::string& reason);
@@ -79,7 +78,7 @@ class SourceSession {
   std::uint64_t lostFrames_ = 0;
   std::uint64_t jumps_ = 0;
   int lostInARow_ = 0;
-  bool open_ = true;  // the queue is
+  bool open_ = true;  // false once the queue is closed
   std::chrono::nanoseconds waited_{};
 };
 

@@ -14,23 +14,22 @@ namespace host {
 namespace {
 
 constexpr Time kTypedFor = 2 * kSecond;
-// Tries to anchor the channel's time between two background frames.
+// How often anchoring is tried when a background frame comes in between.
 constexpr int kAnchorTries = 4;
 
 // The composer takes the timestamp of a discontinuity for its present time, and shows that frame a
-// fixed latency later. A wall with a shorter delay anchors its channels with a timestamp that lies
-// ahead by the difference: everything else is shown earlier by as much. The anchor itself would
-// then stand among frames that are still to come, and be shown in place of one of them. So it goes
-// to its own time once it has set the clock.
+// fixed latency later. A wall with a shorter delay anchors its channels with a timestamp that is
+// ahead by the difference, so that everything else is shown earlier by as much. With that timestamp
+// the anchor itself would be shown in place of a later frame; so it is moved to its own time once
+// it has anchored the channel.
 //
 // A frame of the video pin's allocator with timestamps of its own, which the composer only reads.
-// Counted references; its times are moved on the streaming thread while the composition thread
-// reads them.
+// Reference-counted; the streaming thread moves its time while the composition thread reads it.
 class AnchorSample final : public CUnknown, public IMediaSample {
  public:
   DECLARE_IUNKNOWN
 
-  // start: the timestamp at first. Null when there is no memory for it.
+  // start: the first timestamp. Throws std::bad_alloc.
   static ComPtr<AnchorSample> Create(ComPtr<IMediaSample> frame, Time start) {
     return ComPtr<AnchorSample>(std::make_unique<AnchorSample>(std::move(frame), start).release());
   }
@@ -92,7 +91,7 @@ void WindowSizeFollower::UseType(Time from) {
 void WindowSizeFollower::Begin(Time now, const WindowSize& size) {
   size_ = size.width > 0 ? size : settings_.SizeAt(now);
   sizedAt_ = now;
-  // The window's frames may come for the first time.
+  // These may be the first frames of the window.
   UseType(now);
 }
 
@@ -194,10 +193,10 @@ void WindowFeed::SendLevels(const AudioAlarmRecord& record, Time start, Time sto
   }
 }
 
-// The composer sets a channel's time to its own with a frame that finds fewer than two others
-// waiting, and shows everything its own latency later. Copies of it go first that carry the
-// composer's present time, plus what the wall's delay is shorter than that latency: so the
-// channel's times are the wall's exactly, and its frames are shown the delay after them.
+// The composer anchors a channel with a frame that finds fewer than two others waiting, and shows
+// everything its own latency later. So copies of the frame are sent first whose timestamp is the
+// composer's present time, plus the difference between that latency and the wall's delay: then the
+// channel's times are exactly the wall's, and its frames are shown the delay after them.
 bool WindowFeed::AnchorClock(const BYTE* pixels, Time start, Time now) {
   std::optional<Time> present = settings_.presentFrame();
   if (present && frames_.begun() && !frames_.IsDry(*present)) {
@@ -221,7 +220,7 @@ bool WindowFeed::AnchorClock(const BYTE* pixels, Time start, Time now) {
         return true;
       }
       copy->SetDiscontinuity(TRUE);
-      // With a type of its own it is not wrapped by the composer's pin, and stays movable.
+      // The composer's pin does not wrap a sample that has a type, so the anchor can be moved.
       pins_.video.AttachType(*copy);
       const ComPtr<AnchorSample> anchor = AnchorSample::Create(copy, *present + saved);
       Deliver(anchor.Get(), now);

@@ -1,5 +1,5 @@
-// What the composer gets of one channel's window: when it has to be repeated (WindowFill), in which
-// size (WindowSizeFollower), and how it is sent (WindowFeed).
+// Feeds one channel's window in the composer: when to repeat a frame (WindowFill), in which size
+// (WindowSizeFollower), and how it is sent (WindowFeed).
 #pragma once
 
 #include <algorithm>
@@ -19,18 +19,18 @@
 namespace host {
 
 // The composer shows a frame the wall's delay after its time and keeps the frames from the one on
-// show onwards. With every frame that finds fewer than two waiting it sets the channel's time
-// again, whatever moment that frame belongs to, and it shows a record (levels, alarms) only while a
-// later one waits. So a source whose frames are rare, late or gone is filled up with repeats, just
-// before the delay is over and no earlier: until then the real ones may still come.
+// show onwards. A frame that finds fewer than two waiting re-anchors the channel, whatever its own
+// time is, and a record (levels, alarms) is shown only while a later one waits. So where a source's
+// frames are rare, late or missing, repeats are sent, but only just before the delay is over: until
+// then the real ones may still arrive.
 //
-// Of frames or records of one channel, whose times only grow. No lock: one thread.
+// For the frames or the records of one channel, whose times only grow. No lock: one thread.
 class WindowFill {
  public:
-  // enough: how many have to wait in the composer, 1 or 2. delay: of the wall.
+  // enough: how many have to wait in the composer: 1 or 2. delay: of the wall.
   WindowFill(int enough, Time delay) : enough_(enough), delay_(delay), step_(StepOf(delay)) {}
 
-  // How long before it is needed a repeat is sent, and how far after the latest one it lies.
+  // How long before it is needed a repeat is sent, and its distance from the latest frame.
   static Time StepOf(Time delay) { return std::min(kSecond / 10, delay / 5); }
   Time step() const { return step_; }
 
@@ -39,15 +39,15 @@ class WindowFill {
     former_ = latest_;
     latest_ = time;
   }
-  // Something was sent.
+  // Something has been sent.
   bool begun() const { return latest_ != kNone; }
-  // Whether anything of that time can still be sent.
+  // Whether something of this time can still be sent.
   bool Takes(Time time) const { return time > latest_; }
   // When a repeat has to be sent, unless something else is sent before.
   Time nextRepeat() const { return Enough() + delay_ - step_; }
   // The time of that repeat.
   Time RepeatAt(Time now) const { return std::max(latest_, now - delay_) + step_; }
-  // At the composer's present time it has fewer than enough.
+  // Whether the composer has fewer than enough at its present time.
   bool IsDry(Time present) const { return Enough() < present - delay_; }
 
  private:
@@ -62,30 +62,30 @@ class WindowFill {
   Time former_ = kNone;
 };
 
-// Follows the plan of the channel's window, change by change: the owner sends what each of them
-// needs. No lock: the channel's streaming thread only.
+// Follows the size of the channel's window in the WindowSchedule, change by change; the owner sends
+// what each change needs. No lock: the channel's streaming thread only.
 class WindowSizeFollower {
  public:
   // settings and video outlive it.
   WindowSizeFollower(const ChannelSettings& settings, FeedPin& video)
       : settings_(settings), video_(video) {}
 
-  // size: of what the composer has already; without a width, that of the plan.
+  // size: of what the composer has already; width 0: that of the schedule.
   void Begin(Time now, const WindowSize& size);
-  // The next change up to that time; none when all have been made. A hidden window takes another
-  // size at once.
+  // The next change up to this time; none when all have been made. A hidden window changes its size
+  // at once.
   std::optional<WindowSchedule::Resize> Next(Time time);
-  // Frames have that size from now on. Returns the former one.
+  // Frames have the new size from now on. Returns the former one.
   WindowSize Change(const WindowSchedule::Resize& change);
-  // When the plan has the next one.
+  // When the next change of the schedule is due.
   std::optional<Time> nextChange() const;
 
   const WindowSize& size() const { return size_; }
   LONG frameBytes() const { return FrameBytes(size_.width, size_.height); }
-  // Whether frames of that time carry their type: the composer looks at one only while it considers
-  // a frame that carries it.
+  // Whether frames of this time carry their type: the composer reads a type only from a frame that
+  // it considers.
   bool needsType(Time now) const { return now < typedUntil_; }
-  // A frame of another size in this one; null when there is no buffer or it cannot be done.
+  // A frame of another size, scaled to this one; null without a buffer, or when scaling fails.
   ComPtr<IMediaSample> Resized(IMediaSample* sample, const WindowSize& size);
 
  private:
@@ -94,14 +94,14 @@ class WindowSizeFollower {
   const ChannelSettings& settings_;
   FeedPin& video_;
   WindowSize size_;
-  Time sizedAt_ = 0;     // up to that time of the wall
-  Time typedUntil_ = 0;  // frames carry their type after a change
+  Time sizedAt_ = 0;     // time up to which the changes were made
+  Time typedUntil_ = 0;  // frames carry their type until then
   FrameScaler scaler_;
 };
 
-// Sends frames and alarm records of one channel into the composer, anchors the channel's time in
-// it, and remembers what the composer has. Times of each kind only grow: what Takes refuses must
-// not be sent. No lock: the channel's streaming thread only.
+// Sends frames and alarm records of one channel into the composer, anchors the channel there, and
+// remembers what the composer has. Times of each kind only grow: what WindowFill::Takes refuses
+// must not be sent. No lock: the channel's streaming thread only.
 class WindowFeed {
  public:
   struct Pins {
@@ -109,7 +109,7 @@ class WindowFeed {
     FeedPin& audioAlarm;
     FeedPin& videoAlarm;
   };
-  // What the composer has of the channel, for the next one in the same window.
+  // What the composer has of the channel; for the next channel in the same window.
   struct Sent {
     WindowFill frames;
     WindowFill levels;
@@ -118,7 +118,7 @@ class WindowFeed {
   // settings outlive it.
   WindowFeed(const ChannelSettings& settings, Pins pins);
 
-  // before: of the channel that the window showed. size: see WindowSizeFollower.
+  // before: of the former channel of the window. size: see WindowSizeFollower.
   void Begin(Time now, const std::optional<Sent>& before, const WindowSize& size);
   Sent sent() const { return {frames_, levels_}; }
   const WindowFill& frames() const { return frames_; }
@@ -126,14 +126,13 @@ class WindowFeed {
   WindowSizeFollower& size() { return size_; }
   const WindowSizeFollower& size() const { return size_; }
 
-  // A buffer of the video pin with those pixels, of the window's size or of what is given, in
-  // bytes; null when there is none.
+  // A buffer of the video pin with a copy of these pixels; null when no buffer is free.
   ComPtr<IMediaSample> CopyOf(const std::uint8_t* pixels, LONG bytes, Time start, Time stop);
-  // now: the latest time that the channel has seen. False when the frame has been anchored over.
+  // now: the latest time of the channel. False when the anchor has overtaken the frame.
   bool SendFrame(IMediaSample* sample, Time start, Time stop, Time now);
   void SendAlarm(const VideoAlarmRecord& record, Time start, Time stop);
-  // Nothing when a later record was sent: an earlier one would make the composer forget those that
-  // wait.
+  // Drops the record when a later one was sent: an earlier one would make the composer drop those
+  // that wait.
   void SendLevels(const AudioAlarmRecord& record, Time start, Time stop);
 
  private:

@@ -7,8 +7,8 @@
 namespace host {
 namespace {
 
-// Placing takes effect that many frames ahead: the frame being composed and the one that may begin
-// meanwhile keep what they have.
+// A change of place takes effect this many frames ahead: it does not touch the frame being composed
+// and the one that may begin meanwhile.
 constexpr std::int64_t kFramesAhead = 2;
 
 bool HasSamePlace(const WindowState& a, const WindowState& b) {
@@ -40,7 +40,7 @@ std::optional<Time> WindowSchedule::Change(const std::vector<WindowState>& windo
   if (plans_.size() > kMaxPending) {
     return std::nullopt;
   }
-  // As they are before hidden ones are made ready.
+  // As they are before hidden windows are resized.
   const std::vector<WindowState> last = plans_.back()->windows;
   const auto all = [&](auto same) {
     return std::equal(last.begin(), last.end(), windows.begin(), windows.end(), same);
@@ -52,14 +52,14 @@ std::optional<Time> WindowSchedule::Change(const std::vector<WindowState>& windo
   }
   ResizeHidden(windows, present);
   const Time from = all(HasSameSize) ? soon : OnGrid(present + latency_ + kResizeLead);
-  // One after the other: the places of a change are those of all that came before it.
+  // In order: each change includes all changes before it.
   const Time effective = std::max(from, plans_.back()->from);
   plans_.push_back(std::make_shared<const Plan>(Plan{effective, windows}));
   return effective;
 }
 
-// Nobody sees what a hidden window has meanwhile: its channel makes frames of the next size from
-// now on, and has them when it is shown.
+// A hidden window is resized at once: its channel makes frames of the next size from now on, and
+// has them when the window is shown.
 void WindowSchedule::ResizeHidden(const std::vector<WindowState>& windows, Time present) {
   const auto first = std::find(plans_.begin(), plans_.end(), PlanAt(present));
   for (std::size_t i = 0; i < windows.size(); ++i) {
@@ -76,7 +76,7 @@ void WindowSchedule::ResizeHidden(const std::vector<WindowState>& windows, Time 
   }
 }
 
-// Colours and selection do not wait for a change of places that is pending.
+// Colours and selection do not wait for a pending change of places.
 void WindowSchedule::ChangeLook(const std::vector<WindowState>& windows, Time from) {
   const auto with = [&](const Plan& plan, Time start) {
     Plan changed{start, plan.windows};
@@ -113,7 +113,7 @@ const WindowState& WindowSchedule::Ask(std::size_t window) {
       sentFirst_ = (sentFirst_ + 1) % sent_.size();
       --sentCount_;
       asked_ = PlanAt(start);
-      // Channels still ask for what belongs to frames before it, but not for longer than they wait.
+      // Channels still ask for plans of earlier frames, but only of the time that they wait.
       while (plans_.size() > 1 && plans_[1]->from + latency_ + kSecond < start) {
         plans_.pop_front();
       }

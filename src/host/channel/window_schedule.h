@@ -31,10 +31,10 @@ struct WindowSize {
   bool operator==(const WindowSize&) const = default;
 };
 
-// A change takes effect with one composed frame, for all windows: places, colours, selection and
-// showing by what the composer is answered for that frame, sizes by the frames that the channels
-// have sent for it. Those have waited in the composer for its latency, so a change of a size is set
-// further ahead than that: no frame that a channel has sent yet belongs to it.
+// A change takes effect with one composed frame, for all windows. The window objects answer places,
+// colours, selection and visibility for that frame; sizes are those of the frames that the channels
+// have sent for it. These have waited in the composer for its latency, so a change of size is set
+// further ahead than the latency: no channel has sent a frame for that time yet.
 //
 //   application's thread   Change
 //   background's thread    FrameSent
@@ -44,19 +44,19 @@ struct WindowSize {
 // One lock, never held while calling out. Composing allocates nothing.
 class WindowSchedule {
  public:
-  // How far ahead of what the channels send a change of a size is set.
+  // How far ahead of the frames that the channels send a change of size is set.
   static constexpr Time kResizeLead = 300 * kMillisecond;
   static constexpr std::size_t kMaxPending = 32;
 
   // latency: from a frame's source time to the composed frame that shows it.
   WindowSchedule(std::vector<WindowState> windows, Ratio frameRate, Time latency);
 
-  // All windows as they are to be. present: the wall's time, not before that of any frame that a
-  // channel has sent. Returns the start of the first composed frame that shows them so; none when
-  // too many changes are pending.
+  // Sets all windows. present: the wall's time, not before that of any frame that a channel has
+  // sent. Returns the start of the first composed frame that shows the change; none when too many
+  // changes are pending.
   std::optional<Time> Change(const std::vector<WindowState>& windows, Time present);
 
-  // A frame goes into the composer.
+  // A background frame is sent to the composer.
   void FrameSent(Time start);
   // The window in the frame being composed. The first window is asked first.
   const WindowState& Ask(std::size_t window);
@@ -65,18 +65,18 @@ class WindowSchedule {
 
   // The window in the composed frame of that time.
   WindowState At(std::size_t window, Time composed) const;
-  // What frames of that source time have to have.
+  // The size that frames of this source time have to have.
   WindowSize SizeAt(std::size_t window, Time source) const;
   struct Resize {
-    Time at = 0;  // source time of the first frame that has it
+    Time at = 0;  // source time of the first frame of this size
     WindowSize size;
   };
-  // The first change of the size after that source time.
+  // The first change of size after this source time.
   std::optional<Resize> NextResize(std::size_t window, Time source) const;
 
  private:
   struct Plan {
-    Time from = 0;  // composed frames
+    Time from = 0;  // start of the first composed frame
     std::vector<WindowState> windows;
   };
   using Plans = std::deque<std::shared_ptr<const Plan>>;
@@ -90,9 +90,9 @@ class WindowSchedule {
   const Ratio rate_;
   const Time latency_;
   mutable os::Mutex lock_;
-  // In the order of time; the first one is in force, or just was.
+  // In the order of time; the first one is in effect, or was until a moment ago.
   Plans plans_ GUARDED_BY(lock_);
-  // Starts of the frames in the composer, oldest first; when full, the oldest are forgotten.
+  // Starts of the frames in the composer, oldest first; when full, the oldest are dropped.
   std::array<Time, 128> sent_ GUARDED_BY(lock_){};
   std::size_t sentFirst_ GUARDED_BY(lock_) = 0;
   std::size_t sentCount_ GUARDED_BY(lock_) = 0;

@@ -109,7 +109,7 @@ std::vector<std::string> WallTreatment(const ProbeReport& report, Ratio canvasRa
   const MediaInfo& info = report.info;
   if (info.video) {
     const VideoInfo& video = *info.video;
-    if (report.pictures == 0) {
+    if (report.frames == 0) {
       sentences.emplace_back("no picture could be decoded at its beginning");
     }
     if (report.interlaced) {

@@ -18,9 +18,9 @@ struct AudioLevels {
   bool operator==(const AudioLevels&) const = default;
 };
 
-// The composer raises the alarm when it is enabled and either condition holds. Default: what a
-// channel without audio sends, one silent channel with its meter on, because alarms of the frame
-// show only where there is a meter.
+// The composer raises the alarm when it is enabled and either condition holds. The default is what
+// a channel without audio sends: one silent audio channel with its meter on, because the composer
+// draws alarms only where there is a meter.
 struct AudioAlarmRecord {
   bool alarmEnabled = false;
   bool condition1 = false;  // the channel is silent
@@ -31,7 +31,7 @@ struct AudioAlarmRecord {
 
 struct VideoAlarmRecord {
   bool alarm = false;
-  std::uint8_t extra = 0;  // carried along, not drawn
+  std::uint8_t extra = 0;  // passed on, not drawn
 };
 
 // On the wire, numbers most significant byte first:
@@ -41,7 +41,7 @@ struct VideoAlarmRecord {
 //        1     1  condition 1
 //        2     1  condition 2
 //        3     1  meters enabled
-//        4     1  channel count, made to lie within 1 to 10
+//        4     1  channel count, clamped to 1 to 10
 //        5    40  ten levels, 4 bytes each
 //       45    40  ten peaks, 4 bytes each
 inline constexpr std::size_t kAudioAlarmSize = 85;

@@ -18,15 +18,15 @@ extern "C" {
 namespace host {
 namespace {
 
-// Timestamps are counted in samples, so that rounded ones do not break the audio; when both have
-// drifted apart so far, the audio follows the timestamps.
+// Timestamps are counted in samples, so that rounded ones do not interrupt the audio. Once they
+// have drifted this far from those of the frames, the audio follows the latter.
 constexpr Time kTolerance = 30 * kMillisecond;
 constexpr int kDefaultFrameSize = 1024;
 
-// No decoder means a sample beyond this; encoders refuse whole frames for one that is no number.
+// No valid sample is beyond this. Encoders refuse a frame with a sample that is not a number.
 constexpr float kMaxSample = 1000.0F;
 
-// Of samples as floating-point numbers: whether some had to be replaced by silence.
+// Replaces invalid floating-point samples by silence; returns whether there were any.
 bool Repair(AVFrame& frame) {
   bool found = false;
   const int planes = frame.ch_layout.nb_channels;
@@ -73,7 +73,7 @@ ffmpeg::Codec OpenAudioDecoder(const AVCodecParameters& parameters) {
 
 AudioEncoder::AudioEncoder(const AVCodecParameters& target) {
   const AVCodec& encoder = EncoderFor(target.codec_id);
-  // The encoder makes plain AAC; what else the config announces would be missing.
+  // The encoder makes AAC-LC only, not the other profiles that a config may announce.
   if (target.codec_id == AV_CODEC_ID_AAC && target.profile != FF_PROFILE_UNKNOWN &&
       target.profile != FF_PROFILE_AAC_LOW) {
     throw ffmpeg::Error(AVERROR_ENCODER_NOT_FOUND, "cannot encode this kind of AAC");
@@ -110,7 +110,7 @@ ffmpeg::Parameters AudioEncoder::parameters() const {
   ffmpeg::Parameters parameters = ffmpeg::MakeParameters();
   ffmpeg::Check(avcodec_parameters_from_context(parameters.get(), codec_.get()),
                 "cannot describe the encoded audio");
-  // The delay is in the timestamps of the packets.
+  // The encoder's delay is in the timestamps of the packets.
   parameters->initial_padding = 0;
   return parameters;
 }
@@ -183,7 +183,7 @@ void AudioEncoder::Resample(const AVFrame& frame) {
       "cannot convert audio");
 }
 
-// What the resampler holds back belongs to the audio before a change.
+// Before a change: what the resampler holds belongs to the audio before it.
 void AudioEncoder::DrainResampler() {
   if (!resampler_) {
     return;
@@ -258,7 +258,7 @@ void AudioEncoder::Send(const AVFrame* frame, const PacketSink& sink) {
 
 namespace {
 
-// The first packets of an encoder hold its delay; the fourth is like all that follow.
+// The first packets of an encoder contain its delay; the fourth is like all later ones.
 constexpr int kSteadyPacket = 3;
 constexpr int kSilentSamples = 8 * 1536;
 

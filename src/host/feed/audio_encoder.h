@@ -15,8 +15,8 @@ struct AVCodecParameters;
 namespace host {
 
 // Takes frames of any format, rate and layout, resamples and mixes them, and encodes. The packets
-// are timestamped by the frames they are made of: a gap in the audio stays a gap, audio that
-// overlaps what came before is left out. Owned and called by one channel or output on its thread.
+// get timestamps from their frames: a gap in the audio stays a gap, and audio that overlaps earlier
+// audio is dropped. Owned and called by one channel or output on its thread.
 class AudioEncoder {
  public:
   // The packet's timestamps and duration are in units of 100 ns.
@@ -28,23 +28,22 @@ class AudioEncoder {
 
   // start: of the first sample. Throws ffmpeg::Error.
   void Push(const AVFrame& frame, Time start, const PacketSink& sink);
-  // Hands over what is still inside; nothing may be pushed afterwards.
+  // Encodes what it still holds; nothing may be pushed afterwards.
   void Finish(const PacketSink& sink);
 
-  // What comes out.
+  // Of the output.
   ffmpeg::Parameters parameters() const;
-  // Frames that were encoded with samples replaced by silence: no numbers, or far beyond full
-  // scale.
+  // Frames in which samples that are not numbers or far beyond full scale were replaced by silence.
   std::uint64_t repaired() const { return repaired_; }
 
  private:
   void Resample(const AVFrame& frame);
   void DrainResampler();
   void EncodeFull(const PacketSink& sink);
-  // Fills the frame that is begun with silence and encodes it.
+  // Fills up the next frame with silence and encodes it.
   void EncodeRest(const PacketSink& sink);
   void Send(const AVFrame* frame, const PacketSink& sink);
-  // End of what was pushed last.
+  // End of the audio that was pushed last.
   Time Expected() const;
   Time TimeOf(std::int64_t sample) const;
 
@@ -55,18 +54,18 @@ class AudioEncoder {
   int frameSize_ = 0;
   std::optional<Time> base_;  // time of sample 0
   std::uint64_t repaired_ = 0;
-  std::int64_t next_ = 0;  // number of the next sample that goes to the encoder
+  std::int64_t next_ = 0;  // number of the next sample for the encoder
 };
 
 // For compressed packets in units of 100 ns. Throws ffmpeg::Error when the codec cannot be decoded.
 ffmpeg::Codec OpenAudioDecoder(const AVCodecParameters& parameters);
 
-// A packet of silence as it comes in the middle of a stream of that format, in units of 100 ns;
-// null when the encoder gives none. Throws ffmpeg::Error when the format cannot be encoded.
+// A packet of silence as in the middle of a stream of this format, in units of 100 ns; null when
+// the encoder gives none. Throws ffmpeg::Error when the format cannot be encoded.
 ffmpeg::Packet EncodeSilence(const AudioFormat& format);
 
-// FLV, and RTMP with it, holds AAC only of what channels send. Decodes a track and encodes it in
-// one or two channels. Owned and called by one output on its thread.
+// Decodes a track and encodes it as AAC in one or two channels, for containers that take no other
+// audio from channels. Owned and called by one output on its thread.
 class AudioTranscoder {
  public:
   using Sink = std::function<void(ffmpeg::Packet)>;

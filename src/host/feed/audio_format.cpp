@@ -47,7 +47,7 @@ void SetExtraData(AVCodecParameters& parameters, const std::uint8_t* data, std::
   parameters.extradata_size = static_cast<int>(size);
 }
 
-// Puts the config that the ADTS header of a packet stands for into the parameters.
+// Sets the config in the parameters by the ADTS header of a packet.
 bool TakeConfig(const AVPacket& packet, AVCodecParameters& parameters) {
   const ffmpeg::PacketFilter filter = ffmpeg::MakePacketFilter("aac_adtstoasc", parameters);
   ffmpeg::Packet filtered = ffmpeg::RefPacket(packet);
@@ -76,7 +76,7 @@ int SamplesPerFrame(const AVCodecParameters& parameters) {
     case AV_CODEC_ID_AC3:
       return 1536;
     default:
-      return 0;  // it depends
+      return 0;  // variable
   }
 }
 
@@ -84,7 +84,7 @@ bool IsMpegAudio(AVCodecID codec) {
   return codec == AV_CODEC_ID_MP1 || codec == AV_CODEC_ID_MP2 || codec == AV_CODEC_ID_MP3;
 }
 
-// By the header that every frame of MPEG audio has: eleven ones, two bits of version, two of layer.
+// By the header of an MPEG audio frame: eleven ones, two bits of version, two of layer.
 AVCodecID LayerOf(const AVPacket& packet, AVCodecID announced) {
   if (packet.size < 4 || packet.data[0] != 0xFF || (packet.data[1] & 0xE0) != 0xE0) {
     return announced;
@@ -137,7 +137,7 @@ void TakeAc3Header(const AVPacket& packet, AVCodecParameters& parameters) {
   const int rate = packet.data[4] >> 6;
   if (version <= 10) {
     const int mode = packet.data[6] >> 5;
-    // Mix levels stand between the channels and the low-frequency channel.
+    // Mix levels are between the channels and the low-frequency channel.
     const int skipped = (mode == 2                      ? 2
                          : (mode & 1) != 0 && mode != 1 ? 2
                                                         : 0) +
@@ -204,7 +204,7 @@ std::uint32_t AdtsHeader(const AVPacket& packet) {
   if (packet.size <= kAdtsHeaderSize || packet.data[0] != 0xFF || (packet.data[1] & 0xF6) != 0xF0) {
     return 0;
   }
-  // Up to the channel configuration; what follows differs from packet to packet.
+  // Later bits differ from packet to packet.
   return static_cast<std::uint32_t>(packet.data[0]) << 24 |
          static_cast<std::uint32_t>(packet.data[1] & 0xFEU) << 16 |
          static_cast<std::uint32_t>(packet.data[2] & 0xFDU) << 8 | (packet.data[3] & 0xC0U);
@@ -236,18 +236,18 @@ std::shared_ptr<const AudioFormat> PassedFormat(const AVCodecParameters& paramet
   auto format = std::make_shared<AudioFormat>();
   format->parameters = ffmpeg::CopyParameters(parameters);
   format->language = language;
-  // Audio in another container's wrapping has that container's tag.
+  // The tag is that of the source's container.
   format->parameters->codec_tag = 0;
-  // The timestamps that travel are those of the source, whose delay is in them.
+  // The delay is in the timestamps of the packets, which are those of the source.
   format->parameters->initial_padding = 0;
   if (IsMpegAudio(parameters.codec_id)) {
-    // Transport streams have one name for all layers: the packet tells.
+    // Transport streams have one type for all layers, so the packet decides.
     if (packet == nullptr) {
       return nullptr;
     }
     format->parameters->codec_id = LayerOf(*packet, parameters.codec_id);
   }
-  // Some containers leave it out that others want.
+  // Some containers do not have the frame size, others need it.
   if (format->parameters->frame_size == 0) {
     format->parameters->frame_size = SamplesPerFrame(*format->parameters);
   }

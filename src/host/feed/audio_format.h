@@ -1,4 +1,4 @@
-// The formats of compressed audio: what an audio track of the outputs carries, and its media type.
+// The formats of compressed audio: that of an audio track in the outputs, and its media type.
 #pragma once
 
 #include <atomic>
@@ -36,7 +36,7 @@ inline bool PassesThrough(AVCodecID codec) {
   }
 }
 
-// The kinds that the composer's audio pins take.
+// The kinds that the composer's audio pins accept.
 enum class AudioKind { kAac, kMpeg1Or2, kMp3, kAc3, kEac3 };
 
 struct AudioDescription {
@@ -53,60 +53,59 @@ struct AudioDescription {
 //   MP3                MEDIASUBTYPE_MPEG1Payload with the wave format tag 0x0055
 //   AC-3, E-AC-3       MEDIASUBTYPE_DOLBY_AC3, MEDIASUBTYPE_DOLBY_DDPLUS
 CMediaType AudioType(const AudioDescription& description);
-// Whether compressed audio of one of these kinds can be told from the type.
+// Whether the type is that of compressed audio of one of these kinds.
 bool IsAudioType(const AM_MEDIA_TYPE& type);
 
-// What a track of an output is made of. AAC always has its AudioSpecificConfig as extra data, also
-// when its packets carry ADTS headers (hasAdtsHeaders), so that every container can describe it.
+// The format of a track in an output. AAC always has its AudioSpecificConfig as extra data, also
+// when its packets have ADTS headers (hasAdtsHeaders), so that every container can describe it.
 struct AudioFormat {
   ffmpeg::Parameters parameters;
   bool hasAdtsHeaders = false;
   std::string language;  // ISO 639, empty when not known
 };
 
-// AAC in raw packets, as the host encodes it. sampleRate is brought to one that AAC knows; more
-// than eight channels become two. Throws ffmpeg::Error.
+// AAC in raw packets, as the host encodes it. sampleRate is changed to the nearest one of AAC;
+// seven channels, or more than eight, become two. Throws ffmpeg::Error.
 std::shared_ptr<const AudioFormat> AacFormat(int sampleRate, int channels,
                                              const std::string& language);
-// The format of a stream that passes through, told by its first packet where there is one; null
-// when the stream does not say enough about itself, as AAC without headers and without config.
+// The format of a stream that passes through, also by its first packet, if given; null when the
+// stream does not tell enough, such as AAC with neither headers nor config.
 std::shared_ptr<const AudioFormat> PassedFormat(const AVCodecParameters& parameters,
                                                 const AVPacket* packet,
                                                 const std::string& language);
-// Whether packets of one fit into a track of the other as they are.
+// Whether packets of one format fit unchanged into a track of the other.
 bool SameTrack(const AudioFormat& a, const AudioFormat& b);
-// Puts into the parameters of a stream what one of its packets says: of AAC the config beside the
-// packet, of MPEG audio and AC-3 layer, rate and number of channels of the header. A demuxer looks
+// Updates the parameters of a stream by one of its packets: for AAC, by the config in its side
+// data; for MPEG audio and AC-3, by layer, rate and channels in its header. A demuxer reads these
 // at the beginning of a stream only.
 void TakeFromPacket(const AVPacket& packet, AVCodecParameters& parameters);
-// The same in the graph's words.
+// The same for a media type.
 AudioDescription Describe(const AudioFormat& format);
 
-// What a packet with an ADTS header says about its stream: the 28 bits of the fixed header; 0 for a
-// packet without one.
+// The fixed part of a packet's ADTS header, up to the channel configuration; 0 without one.
 std::uint32_t AdtsHeader(const AVPacket& packet);
 
-// The format of a channel's track, decided once for a whole run by the one that has to know it
-// first: the channel when its source is open, or an output that can wait no longer and begins. What
-// the channel sends afterwards is in this format, however its source changes. Shared by the channel
-// and the outputs; any thread, one lock.
+// The format of a channel's track, fixed once for a whole run by the first to need it: the channel,
+// when its source is open, or an output that has to begin. What the channel sends afterwards is in
+// this format, even if its source changes. Shared by the channel and the outputs; any thread, one
+// lock.
 class AudioTrack {
  public:
-  // The proposed format if nothing was decided before, otherwise what was.
+  // Fixes the proposed format, unless one is fixed already. Returns the fixed format.
   std::shared_ptr<const AudioFormat> Fix(std::shared_ptr<const AudioFormat> proposed);
-  // Null while nothing is decided.
+  // Null until it is fixed.
   std::shared_ptr<const AudioFormat> format() const;
 
   enum class State {
     kUnknown,   // no source has been opened
     kSilent,    // the source that was opened has no audio
-    kExpected,  // it has audio, whose format its first packet will tell
-    kFixed,     // the format is decided, permanently
+    kExpected,  // it has audio, whose format is known with its first packet
+    kFixed,     // the format is fixed, permanently
   };
   State state() const;
   // A source has been opened.
   void Announce(bool hasAudio);
-  // While the channel is muted with nothing: the outputs put no silence into the track either.
+  // While the channel is muted without silence: the outputs do not fill its track either.
   void LeaveEmpty(bool leave) { isLeftEmpty_.store(leave, std::memory_order_relaxed); }
   bool isLeftEmpty() const { return isLeftEmpty_.load(std::memory_order_relaxed); }
 

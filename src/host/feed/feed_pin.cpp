@@ -208,7 +208,7 @@ bool FeedPin::Send(std::span<const std::uint8_t> bytes, Time start, Time stop,
   }
   std::memcpy(buffer, bytes.data(), bytes.size());
   sample->SetSyncPoint(TRUE);
-  // They stay as they are when the sample is moved to another clock.
+  // Media times stay unchanged when the sample is moved to another clock.
   LONGLONG mediaStart = start;
   LONGLONG mediaStop = stop;
   sample->SetMediaTime(&mediaStart, &mediaStop);

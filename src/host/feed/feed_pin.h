@@ -1,5 +1,5 @@
 // FeedPin: an output pin of the host that feeds the composer. FrameAllocator: its buffers for
-// frames whose size may change while they are sent.
+// frames whose size may change while the pin is connected.
 #pragma once
 
 #include <atomic>
@@ -21,10 +21,10 @@
 
 namespace host {
 
-// As many samples as are asked for, without memory: a sample gets its block when it is given out
-// (Fit), and keeps it for the next time if the size is still right. So a pool of a hundred samples
-// costs the memory of those that were ever in use at once, and a window that was large gives its
-// memory back when it is small again. Safe on any thread.
+// Its samples have no memory at first: a sample gets its block when it is used (Fit), and keeps the
+// block while the size is right. So a pool of a hundred samples costs only the memory of those that
+// were in use at the same time, and memory is released when a large window becomes small. Safe on
+// any thread.
 class FrameAllocator final : public CBaseAllocator {
  public:
   static ComPtr<FrameAllocator> Create();
@@ -33,11 +33,11 @@ class FrameAllocator final : public CBaseAllocator {
 
   HRESULT ReleaseBuffer(IMediaSample* sample) override;
 
-  // Of a sample that was given out and has not been handed on yet: a buffer of that many bytes,
-  // aligned to 64. False when there is no memory.
+  // Gives a sample that the caller has got and not sent yet a buffer of this many bytes, aligned to
+  // 64. False when there is no memory.
   bool Fit(IMediaSample& sample, LONG bytes);
-  // Frames have that many bytes from now on: free blocks of another size are given back, and those
-  // that are in use when they return.
+  // Frames have this many bytes from now on: free blocks of another size are released at once,
+  // those in use when their samples return.
   void Expect(LONG bytes);
 
  protected:
@@ -51,7 +51,7 @@ class FrameAllocator final : public CBaseAllocator {
   std::atomic<LONG> expected_{0};  // 0: any size
 };
 
-// What could not be done in the graph, and why.
+// A failed operation of the graph, and the reason.
 class GraphError : public TavrelException {
  public:
   GraphError(std::string_view what, HRESULT hr);
@@ -62,7 +62,7 @@ class GraphError : public TavrelException {
   std::string message_;
 };
 
-// Throws GraphError for a failed result; what says what was being done ("connect ...").
+// Throws GraphError for a failed result. what: the operation ("connect ...").
 inline void Check(HRESULT hr, std::string_view what) {
   if (FAILED(hr)) {
     throw GraphError(what, hr);
@@ -86,31 +86,31 @@ class FeedPin final : public CBaseOutputPin {
   HRESULT DecideAllocator(IMemInputPin* pin, IMemAllocator** allocator) override;
   HRESULT DecideBufferSize(IMemAllocator* allocator, ALLOCATOR_PROPERTIES* request) override;
 
-  // The allocator for the next connection; without it the pin makes one of plain memory.
+  // Sets the allocator of the next connection; without it, the pin makes one of plain memory.
   void UseAllocator(ComPtr<IMemAllocator> allocator) { ownAllocator_ = std::move(allocator); }
-  // The same for frames, whose size may change: see NewFrame.
+  // The same for frames whose size may change: see NewFrame.
   void UseFrames(ComPtr<FrameAllocator> frames) {
     frames_ = std::move(frames);
     ownAllocator_ = ComPtr<IMemAllocator>(frames_.Get());
   }
-  // Frames of the type and size that follow, while the pin is connected: what AttachType attaches.
+  // Changes the type that AttachType attaches, and the frame size, while the pin is connected.
   // Streaming thread.
   void ChangeType(CMediaType type, LONG bytes);
 
-  // Registers the pin with a logger, not owned, and from now on tells it of every time that no
-  // buffer is free: what comes after the pin is full. Before the filter runs.
+  // Registers the pin with a logger (not owned) and from now on reports to it whenever no buffer is
+  // free: the receiver is full. Before the filter runs.
   void ReportTo(qorp::log::ILogPerf* logger, const std::string& pinName);
 
-  // A free buffer with these times, waiting for one when wait is set. Null when there is none: none
-  // is free, the pin is not connected, or the filter stops.
+  // A free buffer with these times; with wait, waits for one. Null when none is free, the pin is
+  // not connected, or the filter stops.
   ComPtr<IMediaSample> NewSample(Time start, Time stop, bool wait);
-  // Makes a sample carry the type that the pin offers.
+  // Attaches the pin's type to a sample.
   void AttachType(IMediaSample& sample) { sample.SetMediaType(&type_); }
-  // The same for a frame of that many bytes, whose buffer has exactly that size.
+  // As NewSample, with a buffer of exactly this many bytes.
   ComPtr<IMediaSample> NewFrame(Time start, Time stop, bool wait, LONG bytes);
-  // Sends a copy of the bytes as one sample, with its times as its media times, too; false when
-  // there is no buffer for it, or the receiver refuses it. Never waits. newType: the type of this
-  // sample and those that follow, where it differs from that of the connection.
+  // Sends a copy of the bytes as one sample, with its times also as media times. False when no
+  // buffer is free, or the receiver refuses the sample. Never waits. newType: the type of this
+  // sample and those after it, if it differs from the one before.
   bool Send(std::span<const std::uint8_t> bytes, Time start, Time stop,
             const CMediaType* newType = nullptr);
 
@@ -118,13 +118,12 @@ class FeedPin final : public CBaseOutputPin {
   CMediaType type_;
   Buffers buffers_;
   ComPtr<IMemAllocator> ownAllocator_;
-  ComPtr<FrameAllocator> frames_;          // the same one, of a pin for frames
-  qorp::log::ILogPerf* logger_ = nullptr;  // null: nobody is notified
+  ComPtr<FrameAllocator> frames_;          // the same allocator; null unless UseFrames was called
+  qorp::log::ILogPerf* logger_ = nullptr;  // null: no reports
   std::string pinName_;
 };
 
-// YV12 frames with a VIDEOINFOHEADER2. width, height in pixels, even; aspect is the display
-// aspect.
+// YV12 frames with a VIDEOINFOHEADER2. width, height: pixels, even; aspect: display aspect.
 CMediaType VideoType(int width, int height, Ratio frameRate, Ratio aspect);
 // The three side streams of a channel.
 CMediaType LabelType();

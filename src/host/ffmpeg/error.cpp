@@ -70,7 +70,7 @@ LogLevel FromAvLevel(int level) {
   return level <= AV_LOG_INFO ? LogLevel::kInfo : LogLevel::kVerbose;
 }
 
-// FFmpeg hands out pieces of lines; each thread gathers its own until the line end comes.
+// FFmpeg logs pieces of lines; each thread collects its own up to the end of the line.
 struct PartialLine {
   std::string text;
   int printPrefix = 1;

@@ -1,6 +1,6 @@
 // Owning holders for FFmpeg's handles. Each deleter is named after what it frees; a null handle is
 // always allowed. The structures stay incomplete here, so that a header that only owns one does not
-// pull in FFmpeg.
+// include FFmpeg.
 #pragma once
 
 #include <cstdint>
@@ -62,7 +62,7 @@ struct FreePacketFilter {
 struct CloseConnection {
   void operator()(AVIOContext* io) const noexcept;
 };
-// Frees a context made over callbacks of our own, with its buffer.
+// Frees a context with callbacks of our own, and its buffer.
 struct FreeCallbackIo {
   void operator()(AVIOContext* io) const noexcept;
 };
@@ -100,17 +100,16 @@ Packet RefPacket(const AVPacket& packet);
 Parameters CopyParameters(const AVCodecParameters& parameters);
 
 inline constexpr int kIoBufferSize = 64 << 10;  // bytes
-// A context that reads, or one that writes, through callbacks; self goes back into each call.
-// Without a callback to seek it is a stream. Throw std::bad_alloc.
+// A context that reads or writes through callbacks; self is passed to each call. Without a seek
+// callback it is not seekable. Throw std::bad_alloc.
 CallbackIo MakeReadingIo(void* self, IoCallback read, SeekCallback seek = nullptr);
 CallbackIo MakeWritingIo(void* self, IoCallback write, SeekCallback seek = nullptr,
                          int bufferSize = kIoBufferSize);
 
-// A packet filter (FFmpeg's bitstream filter of that name) for packets of such a stream, ready to
-// work. Throws Error.
+// FFmpeg's bitstream filter of this name, initialized for packets of such a stream. Throws Error.
 PacketFilter MakePacketFilter(const char* name, const AVCodecParameters& parameters);
 
-// Options for FFmpeg's open calls. The callee takes out what it used: what is left was not known to
+// Options for FFmpeg's open calls. The callee removes those that it used; those left are unknown to
 // it.
 class Options {
  public:
@@ -120,7 +119,7 @@ class Options {
   Options& operator=(const Options&) = delete;
 
   void Set(const char* key, const std::string& value);
-  // For the open calls, which replace the dictionary by what they did not use.
+  // For the open calls, which leave the unused options in the dictionary.
   AVDictionary** Exchange() { return &dictionary_; }
   std::vector<std::string> UnusedKeys() const;
 

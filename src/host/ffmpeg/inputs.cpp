@@ -27,8 +27,8 @@ extern "C" {
 namespace host::ffmpeg {
 namespace {
 
-// In one piece, of all of FFmpeg: a length field of a stranger may ask for gigabytes. A frame of
-// the greatest size that is decoded takes half of it.
+// Limit of each allocation of FFmpeg: a length field in untrusted data may ask for gigabytes. The
+// largest frame that is decoded takes half of it.
 constexpr std::size_t kMaxAllocation = std::size_t{512} << 20;
 
 void LimitAllocations() {
@@ -58,7 +58,7 @@ int ToAvError(std::uint32_t systemError) {
   }
 }
 
-// What the demuxer of an input opens, and how much was read of it. Owned by the input's context
+// The I/O contexts that a demuxer opens, and the bytes read from them. Owned by the input's context
 // (its opaque pointer), see CloseInput.
 class OpenedFiles {
  public:
@@ -184,7 +184,7 @@ InputFormat OpenInput(const std::string& name, AVIOContext* io, Options& options
   auto files = std::make_unique<OpenedFiles>(*context);
   // On failure this frees the context itself.
   Check(avformat_open_input(&context, name.c_str(), nullptr, options.Exchange()), "cannot open");
-  static_cast<void>(files.release());  // goes with the context
+  static_cast<void>(files.release());  // the context owns it now
   return InputFormat(context);
 }
 
@@ -251,7 +251,7 @@ void TappedInput::Resume() {
   enough_ = false;
   for (AVIOContext* const io : {connection_.get(), io_.get()}) {
     if (io != nullptr) {
-      io->eof_reached = 0;  // where the call that was ended has left it
+      io->eof_reached = 0;  // set by the call that was ended
       io->error = 0;
     }
   }
@@ -270,7 +270,7 @@ int TappedInput::Read(std::uint8_t* buffer, int size) {
     if (count < 0) {
       return count;
     }
-    // An empty datagram is no end, as it would be to FFmpeg.
+    // To FFmpeg, an empty datagram would be the end.
     if (count == 0) {
       if (deadline_.ShouldStop()) {
         return AVERROR_EXIT;
@@ -385,7 +385,7 @@ int FragmentedInput::Read(std::uint8_t* buffer, int size) {
   }
   int result = 1;
   while (!ended_) {
-    // What is left of a box whose header was cut off by the end goes through as it is.
+    // The rest of a stream that ends within the header of a box passes unchanged.
     if (left_ == 0 && !BeginBox() && result == AVERROR_EOF) {
       left_ = kToTheEnd;
     }

@@ -6,27 +6,27 @@
 
 namespace host::ffmpeg {
 
-// FFmpeg asks again and again during a blocking call whether to give up. Owned by the reader or
-// writer whose context has Callback; Arm, Disarm and Follow are called by its thread, Cancel by any
-// thread, the callback by whatever thread FFmpeg works on. Atomics only, no lock.
+// FFmpeg asks repeatedly during a blocking call whether to stop. Owned by the reader or writer
+// whose context has Callback; Arm, Disarm and Follow are called by its thread, Cancel by any
+// thread, the callback by FFmpeg's threads. Atomics only, no lock.
 class IoDeadline {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // The calls from now on end with the other one, which outlives them: a context keeps the deadline
-  // that it was opened with.
+  // From now on, calls end when those of the other deadline do, which outlives them: a context
+  // keeps the deadline that it was opened with.
   void Follow(IoDeadline& other) { other_.store(&other, std::memory_order_release); }
 
-  // The calls that follow may take this long together.
+  // The following calls may take this long together.
   void Arm(std::chrono::milliseconds limit) {
     expired_.store(false, std::memory_order_relaxed);
     deadline_.store((Clock::now() + limit).time_since_epoch().count(), std::memory_order_relaxed);
   }
   void Disarm() { deadline_.store(kNever, std::memory_order_relaxed); }
-  // For good: every call from now on ends at once.
+  // Permanent: every call from now on ends at once.
   void Cancel() { cancelled_.store(true, std::memory_order_relaxed); }
 
-  // For AVIOInterruptCB, with the deadline as the opaque pointer: 1 to give up.
+  // For AVIOInterruptCB, with the deadline as the opaque pointer: 1 to stop.
   static int Callback(void* deadline) {
     return static_cast<IoDeadline*>(deadline)->ShouldStop() ? 1 : 0;
   }
@@ -46,7 +46,7 @@ class IoDeadline {
   }
 
   bool cancelled() const { return cancelled_.load(std::memory_order_relaxed); }
-  // A call was ended because its time was over, since the latest Arm.
+  // A call has been ended because its time was over, since the latest Arm.
   bool expired() const { return expired_.load(std::memory_order_relaxed); }
 
  private:

@@ -30,7 +30,7 @@ bool EndsUrl(char c) {
          c == '>' || c == '`';
 }
 
-// Of protocols and cameras; every other parameter may be somebody's key.
+// Parameters of protocols and cameras; any other one may be a key.
 bool IsHarmlessParameter(std::string_view name) {
   static const std::set<std::string, std::less<>> kHarmless = {"action",
                                                                "audio",
@@ -114,7 +114,7 @@ bool IsSecretOption(std::string_view name) {
   return kSecret.contains(LowerCase(name));
 }
 
-// What one URL hides, as it is masked.
+// Called for each secret of a URL.
 using Found = std::function<void(std::string_view secret)>;
 
 std::string MaskQuery(std::string_view query, const Found& found) {
@@ -172,7 +172,7 @@ std::string Unescaped(std::string_view text) {
   return plain;
 }
 
-// Longest first: one may be a part of another. Never forgotten: a log line may come late.
+// Longest first, because one may be a part of another. Kept permanently: a log line may be late.
 struct LongestFirst {
   bool operator()(const std::string& a, const std::string& b) const {
     return a.size() != b.size() ? a.size() > b.size() : a < b;
@@ -293,7 +293,7 @@ std::string MaskUrl(std::string_view url) {
 void RememberSecrets(std::string_view url, const std::map<std::string, std::string>& options) {
   MaskWhole(url, [](std::string_view secret) {
     Remember(secret);
-    // The password alone is one, too.
+    // The password alone is a secret, too.
     if (const std::size_t colon = secret.find(':'); colon != std::string_view::npos) {
       Remember(secret.substr(colon + 1));
     }
@@ -303,7 +303,7 @@ void RememberSecrets(std::string_view url, const std::map<std::string, std::stri
       continue;
     }
     Remember(value);
-    // Of a header, and of credentials in it, what follows the name.
+    // Of each header, the value after the name.
     for (std::string_view rest = value; !rest.empty();) {
       const std::string_view line = rest.substr(0, rest.find_first_of("\r\n"));
       rest.remove_prefix(std::min(line.size() + 1, rest.size()));

@@ -21,7 +21,7 @@ extern "C" {
 namespace host::ffmpeg {
 namespace {
 
-// Half a second of 32 Mbit/s. The memory is used as far as it is filled.
+// Half a second of 32 Mbit/s. Only the filled part uses memory.
 constexpr int kBufferSize = 2 << 20;
 
 // How long a cancelled write may take to notice.
@@ -38,7 +38,7 @@ FileOutput::FileOutput(const std::string& path, Existing existing)
   if (file_ == nullptr) {
     throw Error(AVERROR(errno), "cannot write", path);
   }
-  // FFmpeg's buffer is the only one.
+  // The I/O context has a buffer already.
   std::setvbuf(file_, nullptr, _IONBF, 0);
 }
 

@@ -1,4 +1,4 @@
-// The files and pipes into which is written in place of FFmpeg's own protocols.
+// Files and pipes that are written in place of FFmpeg's own protocols.
 #pragma once
 
 #include <atomic>
@@ -13,35 +13,33 @@
 
 namespace host::ffmpeg {
 
-// What FFmpeg's own file protocol does, and two things that it does not. A new file is created and
-// opened in one step, so that no file that exists is truncated, not even one made in between.
-// And what the muxer flushes at once (a cluster, a fragment, a frame in transport packets) reaches
-// the file in one write, so that a program that is killed leaves no half of it.
+// As FFmpeg's file protocol, with two additions. A new file is created and opened in one step, so
+// that no existing file is truncated, not even one created in between. What the muxer flushes at
+// once (a cluster, a fragment, a frame in transport packets) reaches the file in one write, so that
+// a killed program leaves no half of it.
 //
 // Owned by its writer, on one thread, and must outlive the format context that writes through io().
 class FileOutput {
  public:
   enum class Existing {
-    kKept,      // a file of that name is an error: AVERROR(EEXIST)
+    kKept,      // an existing file is an error: AVERROR(EEXIST)
     kReplaced,  // ... is emptied
   };
 
   // Throws Error.
   FileOutput(const std::string& path, Existing existing);
-  // The standard output of the process, which is a file. Written from where it stands, no seeking.
+  // The standard output of the process, which is a file. Written from its position, not seekable.
   static std::unique_ptr<FileOutput> OfStandardOutput();
-  // Closes the file; one that was new is removed when nothing was written into it, or when it is to
-  // be discarded.
+  // Closes the file; a new file is removed if nothing was written to it, or after Discard.
   ~FileOutput();
   FileOutput(const FileOutput&) = delete;
   FileOutput& operator=(const FileOutput&) = delete;
 
   AVIOContext* io() const { return io_.get(); }
   const std::string& path() const { return path_; }
-  // Bytes that have reached the file, those of parts that were written twice included. Any
-  // thread.
+  // Bytes written to the file; parts that were written twice count twice. Any thread.
   std::int64_t written() const { return written_; }
-  // Nothing of use will be in the file.
+  // The file will contain nothing of use.
   void Discard() { discarded_ = true; }
   // Writes what is buffered and closes the file. Throws Error.
   void Close();
@@ -62,20 +60,20 @@ class FileOutput {
   CallbackIo io_;
 };
 
-// FFmpeg writes files with calls that block; a pipe that nobody reads would hold its writer for
-// ever, from its opening on. This output waits for its reader and asks its deadline meanwhile.
+// FFmpeg writes files with blocking calls; a pipe without a reader would block its writer
+// indefinitely, from its opening on. This output checks its deadline while it waits for its reader.
 //
 // Owned by its writer, and must outlive the format context that writes through io().
 class PipeOutput {
  public:
   // Whether a target is a pipe, a device or the standard output ("-" or "pipe:").
   static bool Serves(const std::string& target);
-  // Whether it is the standard output, under whatever name.
+  // Whether it is the standard output, by any of its names.
   static bool IsStandardOutput(const std::string& target);
-  // ... which leads into a file. Opening that again would write over what is before its end.
+  // ... and leads to a file, which opening by name would overwrite from its beginning.
   static bool WritesStandardFile(const std::string& target);
 
-  // Waits for a reader as long as the deadline lets it. Throws Error.
+  // Waits for a reader up to the deadline. Throws Error.
   PipeOutput(const std::string& target, IoDeadline& deadline);
   PipeOutput(const PipeOutput&) = delete;
   PipeOutput& operator=(const PipeOutput&) = delete;

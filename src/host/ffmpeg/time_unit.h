@@ -16,12 +16,12 @@ namespace host::ffmpeg {
 // The host's unit of time, 100 ns, in FFmpeg's notation.
 inline constexpr AVRational kTimeUnit = {1, static_cast<int>(kSecond)};
 
-// Over a hundred years, which no stream lasts: what is beyond is damaged. Sums and differences of
-// what is within stay far inside 64 bits.
+// Over a hundred years: timestamps beyond are damaged. Sums and differences of valid ones stay far
+// within 64 bits.
 inline constexpr Time kMaxTimestamp = Time{1} << 55;
 inline constexpr Time kMaxDuration = 3600 * kSecond;
 
-// None where there is no timestamp, or a damaged one.
+// None if there is no timestamp, or a damaged one.
 inline std::optional<Time> ToTime(std::int64_t timestamp, AVRational unit) {
   if (timestamp == AV_NOPTS_VALUE) {
     return {};
@@ -29,7 +29,7 @@ inline std::optional<Time> ToTime(std::int64_t timestamp, AVRational unit) {
   const Time time = av_rescale_q(timestamp, unit, kTimeUnit);
   return time >= -kMaxTimestamp && time <= kMaxTimestamp ? std::optional(time) : std::nullopt;
 }
-// 0 where there is no duration, or a damaged one.
+// 0 if there is no duration, or a damaged one.
 inline Time ToDuration(std::int64_t duration, AVRational unit) {
   const Time time = duration > 0 ? av_rescale_q(duration, unit, kTimeUnit) : 0;
   return time > 0 && time <= kMaxDuration ? time : 0;

@@ -50,7 +50,7 @@ TEST_F(DecodePolicyTest, GoesUpUntilItKeepsUpAndComesDownWithoutSwinging) {
   load_.gains = true;  // its queue is still filling
   EXPECT_EQ(Run(policy, 4, 1.5), "0000");
   load_.gains = false;
-  EXPECT_EQ(Run(policy, 8, 1.5), "01122333");  // two seconds each; 0.9 of the time at the third
+  EXPECT_EQ(Run(policy, 8, 1.5), "01122333");  // two seconds each; busy for 0.9 at the third step
   EXPECT_EQ(Run(policy, 60, 1.5), std::string(60, '3'));
   // The load is gone: a step every ten seconds.
   EXPECT_EQ(Run(policy, 40, 0.3), std::string(9, '3') + std::string(10, '2') +
@@ -120,7 +120,7 @@ TEST_F(DecodePolicyTest, LeavesAStepThatGivesTooLittle) {
 
 TEST_F(DecodePolicyTest, ALateChannelTakesAtOnceTheStepThatKeepsUp) {
   struct Case {
-    double frames;  // that it managed, of the canvas's rate
+    double frames;  // that it decoded, of the canvas's rate
     double rate;    // of the source, likewise
     const char* step;
   };
@@ -162,7 +162,7 @@ TEST_F(DecodePolicyTest, ComesDownWhenTheMachineHasRoomForIt) {
     budget.NoteOverload(now_ + kSecond);
   }
   now_ += kSecond;
-  // How many decode more than keyframes after each second: a full channel takes half a processor.
+  // How many decode more than keyframes, after each second: full decoding takes half a processor.
   const auto run = [&](int seconds, double idleProcessors) {
     std::string counts;
     for (int i = 0; i < seconds; ++i) {
@@ -189,10 +189,10 @@ TEST_F(DecodePolicyTest, ComesDownWhenTheMachineHasRoomForIt) {
     }
     return counts;
   };
-  // One processor is idle, and 0.4 of the four stay so: two find room, each for a quarter of one.
+  // One processor is idle, and 0.4 of the four stay idle: two find room, each for a quarter of one.
   EXPECT_EQ(run(12, 1), "000000000122");
   EXPECT_EQ(run(2, 1), "23") << "what was granted counts until it shows";
-  // None is idle: one after the other tries, and none takes a further step before.
+  // None is idle: one after the other tries, and none goes further before that.
   EXPECT_EQ(run(11, 0), "44444555556");
   budget.NoteOverload(now_);
   EXPECT_EQ(run(18, 0), "666666666777777777")
@@ -236,7 +236,7 @@ TEST(ChannelLife, IsNotHeldWhileOnlyTheMachineIsSlow) {
     life.CameLate(now);
     EXPECT_FALSE(life.Tick(now + kSecond / 10));
   }
-  // Keyframes only, while frames that were decoded before still come.
+  // Keyframes only, while frames that were decoded before still arrive.
   life.Expect(kKeyframeDuration);
   life.Shown(4 * kSecond, kSecond / 25);
   EXPECT_FALSE(life.Tick(12 * kSecond));
@@ -294,10 +294,10 @@ TEST(DecodeStep, LeavesOutWholeFramesAndComesBackAtAKeyframe) {
     });
     EXPECT_GT(referenced.size(), 30U) << name;
     EXPECT_LT(referenced.size(), 60U) << name;
-    // Deblocking is left out of what others refer to as well.
+    // Referenced frames are not deblocked either.
     EXPECT_EQ(referenced.at(75), all.at(75)) << name << ": a keyframe";
 
-    // Up from keyframes in the midst of a GOP: nothing that refers to what was left out is shown.
+    // Back from keyframes in the middle of a GOP: no frame that refers to a dropped one is shown.
     const Frames keyframes = ReadFrames(clip, [](int item, MediaReader& reader) {
       reader.SetStep(item < 2 ? DecodeStep::kKeyframesOnly : DecodeStep::kFull);
     });
@@ -308,7 +308,7 @@ TEST(DecodeStep, LeavesOutWholeFramesAndComesBackAtAKeyframe) {
   }
 }
 
-TEST(FrameThinner, LeavesOutWhatTheCanvasWouldNotShow) {
+TEST(FrameDropper, DropsWhatTheCanvasWouldNotShow) {
   const TemporaryFolder folder;
   ClipRecipe recipe = SmallClip();
   recipe.audio.clear();
@@ -338,7 +338,7 @@ TEST(FrameThinner, LeavesOutWhatTheCanvasWouldNotShow) {
   const auto all = read({});
   const auto thinned = read(Ratio{25, 1});
   EXPECT_EQ(all.first, 200);
-  // Of three frames two are unreferenced, and every second one of these has no place.
+  // Of three frames two are unreferenced, and every second one of these is not shown.
   EXPECT_LE(thinned.first, 140);
   EXPECT_EQ(thinned.second, all.second);
   EXPECT_EQ(read(Ratio{50, 1}).first, 200);

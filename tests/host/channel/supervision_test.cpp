@@ -1,4 +1,4 @@
-// What decides about a channel's state, alarms and times, on a clock that the tests move.
+// A channel's state, alarms and times, on a clock that the tests move.
 #include <atomic>
 #include <chrono>
 #include <future>
@@ -27,7 +27,7 @@ constexpr Time kFrameTime = kSecond / 25;
 // A channel whose clock the test moves in steps of a frame.
 class ChannelLifeTest : public testing::Test {
  protected:
-  void Pictures(Time length, Time duration = kFrameTime) {
+  void Frames(Time length, Time duration = kFrameTime) {
     for (const Time end = now_ + length; now_ < end; now_ += duration) {
       Note(life_.Shown(now_, duration));
     }
@@ -54,25 +54,25 @@ class ChannelLifeTest : public testing::Test {
   std::vector<std::string> history_;
 };
 
-TEST_F(ChannelLifeTest, IsHeldWhenPicturesStopAndLostWhenTheHoldIsOver) {
-  Pictures(kSecond);
+TEST_F(ChannelLifeTest, IsHeldWhenFramesStopAndLostWhenTheHoldIsOver) {
+  Frames(kSecond);
   const Time last = now_ - kFrameTime;
   Nothing(4 * kSecond + 9 * kSecond / 10);
   EXPECT_THAT(history_, ElementsAre("live", "held (no picture comes)"));
   Nothing(kSecond / 5);
   EXPECT_EQ(life_.status(), (ChannelLife::Status{ChannelState::kLost, "no picture comes", last}));
-  Pictures(kFrameTime);
+  Frames(kFrameTime);
   Nothing(kSecond);
-  Pictures(kFrameTime);
+  Frames(kFrameTime);
   EXPECT_EQ(life_.status().state, ChannelState::kLost) << "stragglers, one by one";
-  Pictures(kFrameTime);
+  Frames(kFrameTime);
   EXPECT_EQ(life_.status(), (ChannelLife::Status{ChannelState::kLive, "", now_ - kFrameTime}));
 }
 
 TEST_F(ChannelLifeTest, AFailureIsKnownAtOnceAndALaterReasonKeepsTheTimeOfTheFirst) {
   Fail("connection refused");
   EXPECT_THAT(history_, ElementsAre("lost (connection refused)")) << "nothing to hold";
-  Pictures(kSecond);
+  Frames(kSecond);
   const Time last = now_ - kFrameTime;
   Fail("no data for 5 s");
   Fail("no data for 5 s");
@@ -83,8 +83,8 @@ TEST_F(ChannelLifeTest, AFailureIsKnownAtOnceAndALaterReasonKeepsTheTimeOfTheFir
                                     "held (connection refused)"));
 }
 
-TEST_F(ChannelLifeTest, HasPatienceWithSlowSources) {
-  Pictures(20 * kSecond, 2 * kSecond);
+TEST_F(ChannelLifeTest, WaitsLongerForSlowSources) {
+  Frames(20 * kSecond, 2 * kSecond);
   now_ -= 2 * kSecond;
   Nothing(5 * kSecond);
   EXPECT_THAT(history_, ElementsAre("live"));
@@ -95,7 +95,7 @@ TEST_F(ChannelLifeTest, HasPatienceWithSlowSources) {
 class AlarmMonitorTest : public testing::Test {
  protected:
   void SetUp() override { monitor_.Opened(AudioAbsence::kNone, now_); }
-  enum Picture { kMoves, kStill, kBlack, kNone };
+  enum Video { kMoves, kStill, kBlack, kNone };
 
   static config::AlarmOptions Options() {
     config::AlarmOptions options;
@@ -104,12 +104,12 @@ class AlarmMonitorTest : public testing::Test {
     options.silence.setAfter = 2 * kSecond;
     return options;
   }
-  void Run(Time length, Picture picture, std::optional<float> loudest = 0.5F) {
+  void Run(Time length, Video video, std::optional<float> loudest = 0.5F) {
     const Time since = now_;
     for (const Time end = now_ + length; now_ < end; now_ += kFrameTime) {
-      picture == kNone ? monitor_.Lost(since, now_)
-                       : monitor_.Picture(picture == kBlack, picture != kMoves, now_);
-      if (loudest.has_value() && picture != kNone) {
+      video == kNone ? monitor_.Lost(since, now_)
+                     : monitor_.OnFrame(video == kBlack, video != kMoves, now_);
+      if (loudest.has_value() && video != kNone) {
         monitor_.Audio(*loudest, now_);
       }
     }
@@ -137,14 +137,14 @@ TEST_F(AlarmMonitorTest, RaisesAfterTheTimeToSetAndClearsAfterTheTimeToClear) {
   EXPECT_THAT(changes_, ElementsAre("freeze+4000", "freeze-9040"));
 }
 
-TEST_F(AlarmMonitorTest, TellsOneFaultByOneAlarm) {
-  Run(6 * kSecond, kBlack);  // which stands still, too
+TEST_F(AlarmMonitorTest, RaisesOneAlarmForOneFault) {
+  Run(6 * kSecond, kBlack);  // a black frame is still, too
   Run(3 * kSecond, kNone);
   Run(2 * kSecond, kMoves);
   EXPECT_THAT(changes_, ElementsAre("black+0", "loss+6000", "black-6000", "loss-9000"));
 }
 
-TEST_F(AlarmMonitorTest, HearsSilenceAlsoWhenNoAudioComes) {
+TEST_F(AlarmMonitorTest, CountsMissingAudioAsSilence) {
   Run(2 * kSecond, kMoves, 0.0011F);
   Run(3 * kSecond, kMoves, 0.0009F);
   EXPECT_THAT(changes_, ElementsAre("silence+2000"));
@@ -177,21 +177,21 @@ TEST_F(AlarmMonitorTest, CountsPeaksInsteadOfWaitingForAudioThatClipsWithoutABre
   EXPECT_THAT(changes_, ElementsAre("clipping+9000", "clipping-19520"));
 }
 
-// A YV12 picture of 64x48 samples.
+// A YV12 frame of 64x48 samples.
 class FrameMeterTest : public testing::Test {
  protected:
   static constexpr std::size_t kLuma = std::size_t{64} * 48;
 
-  FrameCondition Measure() { return meter_.Measure(picture_.data(), 64, 48); }
+  FrameCondition Measure() { return meter_.Measure(frame_.data(), 64, 48); }
 
   FrameMeter meter_{config::AlarmOptions()};
-  std::vector<std::uint8_t> picture_ = std::vector<std::uint8_t>(kLuma * 3 / 2, 128);
+  std::vector<std::uint8_t> frame_ = std::vector<std::uint8_t>(kLuma * 3 / 2, 128);
 };
 
 TEST_F(FrameMeterTest, CallsBlackWhatIsBlackButForALogo) {
   const auto isBlack = [&](int luma, std::size_t brightOneIn) {
     for (std::size_t i = 0; i < kLuma; ++i) {
-      picture_[i] = static_cast<std::uint8_t>(i % brightOneIn == 0 ? 200 : luma);
+      frame_[i] = static_cast<std::uint8_t>(i % brightOneIn == 0 ? 200 : luma);
     }
     return Measure().black;
   };
@@ -210,28 +210,28 @@ TEST_F(FrameMeterTest, CallsBlackWhatIsBlackButForALogo) {
 TEST_F(FrameMeterTest, CallsStillWhatDoesNotMoveAwayFromWhereItStopped) {
   EXPECT_FALSE(Measure().still) << "the first one";
   EXPECT_TRUE(Measure().still);
-  picture_[130] = 160;  // noise of one pixel
+  frame_[130] = 160;  // noise of one pixel
   EXPECT_TRUE(Measure().still);
   for (const std::size_t plane : {kLuma, kLuma * 5 / 4}) {
-    std::fill_n(picture_.begin() + static_cast<std::ptrdiff_t>(plane), kLuma / 4, 129);
+    std::fill_n(frame_.begin() + static_cast<std::ptrdiff_t>(plane), kLuma / 4, 129);
     EXPECT_FALSE(Measure().still) << "a change of colour alone";
   }
   // A fade, each step of which is below what counts.
   int changes = 0;
   for (int step = 0; step < 64 * 10; step += 8) {
     for (std::size_t i = 0; i < kLuma; i += 12) {
-      picture_[i] = static_cast<std::uint8_t>(128 + step / 64);
+      frame_[i] = static_cast<std::uint8_t>(128 + step / 64);
     }
     changes += Measure().still ? 0 : 1;
   }
   EXPECT_GE(changes, 2);
-  EXPECT_FALSE(meter_.Measure(picture_.data(), 32, 48).still) << "another size";
+  EXPECT_FALSE(meter_.Measure(frame_.data(), 32, 48).still) << "another size";
 }
 
-// A live source whose frames come when the test says, on the timeline of the wall.
+// A live source whose frames arrive when the test says, on the timeline of the wall.
 class LiveTimelineTest : public testing::Test {
  protected:
-  // The next frame comes when the wall's time is `now`; how late it is for its time.
+  // The next frame arrives when the wall's time is `now`; returns how late it is.
   Time Frame(Time now, bool jumped = false) {
     now_ = now;
     start_ += kFrameTime;
@@ -244,7 +244,7 @@ class LiveTimelineTest : public testing::Test {
       Frame(now_ + static_cast<Time>(static_cast<double>(kFrameTime) / rate));
     }
   }
-  // Frames that come together, after a gap that they fill.
+  // Frames that arrive together, after a gap that they fill.
   Time Burst(Time gap) {
     Time latest = 0;
     now_ += gap;
@@ -360,7 +360,7 @@ TEST_F(ChannelQueueTest, NoKindWaitsForAnother) {
   EXPECT_THAT(Taken(), ElementsAre("15", "news 15")) << "in the order in which they came";
 }
 
-TEST_F(ChannelQueueTest, ForgetsOrMovesWhatHasLostItsPlaceButNoNews) {
+TEST_F(ChannelQueueTest, DropsOrMovesVoidItemsButNoEvents) {
   for (const Time due : {10, 30, 50}) {
     Levels(due);
     News(due + 10);
@@ -386,7 +386,7 @@ TEST_F(ChannelQueueTest, ABoundOnEveryKindAndAReaderThatWaits) {
   EXPECT_TRUE(queue_.WaitForRoom());
 }
 
-TEST(DecodeBatchesTest, ManyFramesInARowAndNobodyWaitsForWhoIsStuck) {
+TEST(DecodeBatchesTest, DecodesManyFramesInARowAndDoesNotWaitForAStuckReader) {
   ChannelQueue queue(kSecond);
   queue.Open();
   const auto push = [&](Time due) { queue.Push({due, due, 0, ReadyLevels{}}); };
@@ -414,7 +414,7 @@ TEST(VideoWatchTest, CountsOnlyTheTimeOfReading) {
   watch.BeginReading(now += seconds(100));
   EXPECT_FALSE(watch.Expired(now));
   EXPECT_TRUE(watch.Expired(now + seconds(1)));
-  watch.Picture(now);
+  watch.OnFrame(now);
   EXPECT_FALSE(watch.Expired(now + seconds(4)));
   VideoWatch slow(seconds(5), seconds(10));
   slow.BeginReading(now);

@@ -38,7 +38,7 @@ ComPtr<FilterGraph> Graph(IBaseFilter& source, IPin& pin, fakes::Sink& sink) {
   return graph;
 }
 
-TEST(FeedPin, TellsOfEveryTimeThatNoBufferIsFree) {
+TEST(FeedPin, ReportsEveryTimeThatNoBufferIsFree) {
   RecordingLogger logger;
   const ComPtr<Feed> feed = Feed::Create();
   const ComPtr<fakes::Sink> sink = fakes::Sink::Create();
@@ -55,7 +55,7 @@ TEST(FeedPin, TellsOfEveryTimeThatNoBufferIsFree) {
   EXPECT_FALSE(feed->pin.Send(bytes, 2, 3));
   EXPECT_FALSE(feed->pin.Send(bytes, 3, 4));
   EXPECT_EQ(full(), 2);
-  // Who waits tells once.
+  // A wait is reported once.
   std::thread waiter([&] { EXPECT_TRUE(feed->pin.NewSample(4, 5, true)); });
   EXPECT_TRUE(logger.WaitForBufferFull("News_ live", 3)) << "the wait was not told";
   sink->Forget();

@@ -75,7 +75,7 @@ bool AudioPassthrough::Take(AudioPacket packet, const AVCodecParameters& announc
   const bool isAac = parameters.codec_id == AV_CODEC_ID_AAC;
   Form form = FormOf(parameters, isAac ? AdtsHeader(*packet.packet) : 0);
   if (form != form_) {
-    // What the former encoder holds is dropped with it: less than two of its frames.
+    // Drops what the former encoder holds: less than two of its frames.
     ForgetEncoder();
     format_.reset();
     Decide(packet, parameters, form, info);
@@ -93,8 +93,8 @@ bool AudioPassthrough::PassesAs(const Form& form) const {
          (form.channels == passedForm_->channels && !(isDecodedOtherwise_ && form == *passedForm_));
 }
 
-// AAC may turn to spectral band replication, and E-AC-3 to more channels, without a word in the
-// headers that are read here. A damaged frame says anything, and the first ones are incomplete.
+// AAC may change to spectral band replication, and E-AC-3 to more channels, without a change in the
+// headers that are read here. Damaged frames may have any form, and the first ones are incomplete.
 void AudioPassthrough::NoteDecoded(const AudioSamples& samples) {
   constexpr Time kFirst = kSecond / 2;
   constexpr int kFramesOfChange = 5;
@@ -171,7 +171,7 @@ bool AudioPassthrough::Encode(const std::function<void(const AudioEncoder::Packe
   return taken;
 }
 
-// What an encoder still holds is lost with it.
+// Loses what the encoder still holds.
 void AudioPassthrough::RestartEncoder(const std::string& reason) {
   ForgetEncoder();
   SayOnce("a part of its audio is not in the outputs: " + reason);

@@ -1,4 +1,4 @@
-// The audio of one opening of a source, on its way to the outputs.
+// AudioPassthrough: the audio of one opening of a source on its path to the outputs.
 #pragma once
 
 #include <cstdint>
@@ -14,50 +14,49 @@
 
 namespace host {
 
-// Packets of a kind that passes through pass untouched, if they fit into the channel's track. All
-// others are left out, and the track's format is encoded from the decoded samples instead: audio of
-// another kind, audio whose form differs from that with which the track began (the source was
-// opened again, or changed while it ran, as its packets say or only the decoder shows), and audio
-// that came too late for the track to begin with its form. What happens is said once for each
-// cause.
+// Packets of a codec that passes through stay untouched if they fit into the channel's track.
+// Otherwise the track's format is encoded from the decoded samples instead: for audio of other
+// codecs, for audio whose form differs from the track's (the source was opened again, or changed
+// while it was read, as its packets or only the decoder show), and for audio that came too late to
+// determine the track's format. Each cause is reported once.
 //
 // Owned and called by one reader on its thread.
 class AudioPassthrough {
  public:
-  // False when nothing more can be taken.
+  // Returns false when no more can be taken.
   using Sink = std::function<bool(AudioPacket)>;
   using Say = std::function<void(const std::string&)>;
 
   // track is shared with the outputs; fallbackLanguage names the track where the source does not.
   AudioPassthrough(std::shared_ptr<AudioTrack> track, std::string fallbackLanguage, Say say);
 
-  // The source is open: the track may begin in its form, where that is known before a packet has
-  // come. parameters and info are null without audio.
+  // The source is open: fixes the track's format, if it is known before the first packet.
+  // parameters and info are null without audio.
   void Announce(const AVCodecParameters* parameters, const AudioInfo* info);
-  // Both in the order in which the reader gives them; the samples of a packet come after it.
-  // parameters, info: of the stream that the packet belongs to.
+  // Both in the reader's order: the samples of a packet after the packet. parameters, info: of the
+  // packet's stream.
   bool Take(AudioPacket packet, const AVCodecParameters& parameters, const AudioInfo& info,
             const Sink& sink);
   bool Take(const AudioSamples& samples, const Sink& sink);
-  // The end of the opening: what an encoder still holds.
+  // At the end of the opening: sends what an encoder still holds.
   bool Finish(const Sink& sink);
 
-  // Frames of decoded audio that could not be encoded as they were: left out, or with samples that
-  // are no numbers replaced by silence.
+  // Frames of decoded audio that could not be encoded as they were: dropped, or with samples that
+  // are not numbers replaced by silence.
   std::uint64_t lost() const { return lost_ + (encoder_ ? encoder_->repaired() : 0); }
 
  private:
-  // Changes with the form of the audio.
+  // The form of the audio, as its packets announce it.
   struct Form {
     int codec = 0;
     int sampleRate = 0;
     int channels = 0;
-    std::uint32_t header = 0;          // of AAC with headers
-    std::vector<std::uint8_t> config;  // of AAC without
+    std::uint32_t header = 0;          // of AAC with ADTS headers
+    std::vector<std::uint8_t> config;  // of AAC without ADTS headers
     bool operator==(const Form&) const = default;
   };
 
-  // What the decoder makes of it.
+  // The form of the decoded audio.
   struct Decoded {
     int sampleRate = 0;
     int channels = 0;
@@ -79,18 +78,18 @@ class AudioPassthrough {
   const std::string fallbackLanguage_;
   const Say say_;
   std::optional<Form> announced_;
-  ffmpeg::Parameters parameters_;  // those announced, with what packets have said since
+  ffmpeg::Parameters parameters_;  // announced_, updated by what packets have said since
   std::optional<Form> form_;
-  // The latest that passed through, how it was decoded at first, and for how long that was looked
-  // at; whether it is decoded otherwise now, and how many frames in a row say the contrary.
+  // The latest form that passed through; how it was decoded at first, determined over decodedFor_;
+  // whether it is now decoded differently; and how many consecutive frames contradict that.
   std::optional<Form> passedForm_;
   Decoded decoded_;
   Time decodedFor_ = 0;
   bool isDecodedOtherwise_ = false;
   int framesAgainst_ = 0;
-  std::shared_ptr<const AudioFormat> format_;  // of the packets that go out; null: none do
+  std::shared_ptr<const AudioFormat> format_;  // of the packets that are sent; null: none are
   std::unique_ptr<AudioEncoder> encoder_;      // while the audio is encoded
-  std::uint64_t lost_ = 0;                     // with former encoders
+  std::uint64_t lost_ = 0;                     // without those of encoder_
   std::string said_;
 };
 

@@ -58,7 +58,7 @@ std::span<const float* const> SamplePlanes::Convert(const AVFrame& frame) {
 
 namespace {
 
-// Loud enough for anything that a decoder puts out; keeps broken samples within the record's range.
+// More than any decoder's output; keeps broken samples within the range of the record.
 constexpr float kLoudest = 1000.0F;
 // Half of what the record can show.
 constexpr float kQuietest = 0.0005F;
@@ -128,7 +128,7 @@ void LevelMeter::Push(std::span<const float* const> planes, int samples, int rat
       EndFrame(sink);
       StartFrame(frame);
     }
-    // Samples up to the end of the frame under way, at least one.
+    // Samples up to the end of the present frame, at least one.
     const Time left = FrameStart(*frame_ + 1, settings_.frameRate) - now;
     const Time fitting = std::max<Time>((left * rate + kSecond - 1) / kSecond, 1);
     const int count = static_cast<int>(std::min<Time>(samples - done, fitting));
@@ -142,7 +142,7 @@ void LevelMeter::Push(std::span<const float* const> planes, int samples, int rat
     measured_ = true;
     done += count;
   }
-  // A frame that these samples fill to its end need not wait for the next ones.
+  // A frame that these samples complete does not wait for the next ones.
   const Time end = start + static_cast<Time>(samples) * kSecond / rate;
   if (end >= FrameStart(*frame_ + 1, settings_.frameRate)) {
     EndFrame(sink);

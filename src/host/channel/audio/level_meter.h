@@ -1,4 +1,4 @@
-// LevelMeter: how loud a channel is, once for each frame of the canvas.
+// LevelMeter: the audio levels of a channel, once for each frame of the canvas.
 #pragma once
 
 #include <array>
@@ -16,27 +16,27 @@ struct AVFrame;
 
 namespace host {
 
-// SamplePlanes: the samples of a frame as planes of floats. Layout and rate stay those of the
-// source: nothing is mixed or resampled, so a level that is measured here is that of the source's
-// own channel. Keeps its buffers from call to call; one thread.
+// Converts the samples of a frame into planes of floats. Layout and rate stay those of the source:
+// nothing is mixed or resampled, so the levels are those of the source's own channels. Keeps its
+// buffers from call to call; one thread.
 class SamplePlanes {
  public:
   // For each channel a plane of frame.nb_samples floats, full scale at -1 and 1; valid until the
-  // next call. Empty for a sample format that is not known, and for more than 64 channels.
+  // next call. Empty for an unknown sample format, and for more than 64 channels.
   std::span<const float* const> Convert(const AVFrame& frame);
 
  private:
-  ffmpeg::Resampler converter_;  // null: there is none for the format
-  int format_ = -1;              // what it is made for
+  ffmpeg::Resampler converter_;  // null: the format cannot be converted
+  int format_ = -1;              // of the converter
   int channels_ = 0;
   std::vector<float> samples_;
   std::vector<float*> planes_;
 };
 
 // The level of a reading is the greatest magnitude of a sample within the frame's time; the peak is
-// the greatest level of the hold time, after which it falls by a fixed rate until a level reaches
-// it again. Frames lie on one grid that starts at time 0, so the readings of a channel do not
-// depend on how its decoder cuts the samples. Channels beyond the tenth are not measured.
+// the greatest level of the hold time, after which it falls at a fixed rate until a level reaches
+// it again. Frames are on a grid that starts at time 0, so the readings of a channel do not depend
+// on how its decoder divides the samples. Channels beyond the tenth are not measured.
 //
 // Pure arithmetic; owned and called by one channel on its thread.
 class LevelMeter {
@@ -57,13 +57,12 @@ class LevelMeter {
 
   explicit LevelMeter(const Settings& settings) : settings_(settings) {}
 
-  // planes: for each channel as many samples, full scale at -1 and 1; rate in hertz; start: the
+  // planes: for each channel this many samples, full scale at -1 and 1; rate in hertz; start: the
   // time of the first sample. Gives the readings of the frames that end within these samples. A
-  // frame in which another channel count begins ends there. Samples that come late count for the
-  // frame at hand.
+  // frame ends early where the channel count changes. Late samples count for the present frame.
   void Push(std::span<const float* const> planes, int samples, int rate, Time start,
             const Sink& sink);
-  // The end of the audio: gives the reading of the frame that is not full yet.
+  // At the end of the audio: gives the reading of the incomplete frame.
   void Finish(const Sink& sink);
 
  private:
@@ -71,8 +70,8 @@ class LevelMeter {
   void StartFrame(std::int64_t frame);
 
   const Settings settings_;
-  std::optional<std::int64_t> frame_;  // under way, counted on the grid
-  bool measured_ = false;              // samples have come in this frame
+  std::optional<std::int64_t> frame_;  // the present one, counted on the grid
+  bool measured_ = false;              // it has samples
   int channels_ = 0;
   std::array<float, kMaxMeterChannels> level_{};
   std::array<float, kMaxMeterChannels> peak_{};

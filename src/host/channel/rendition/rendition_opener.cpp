@@ -8,13 +8,13 @@
 namespace host {
 namespace {
 
-// Further from each other, two renditions do not have the same timestamps.
+// Renditions that are further apart do not have the same timestamps.
 constexpr Time kMaxDistance = 60 * kSecond;
-// Audio that is kept of the time before the frame, in items.
+// Items that are kept; before the frame, all are audio.
 constexpr std::size_t kMaxKept = 1500;
-// Frames that are read to find the audio beside the first one.
+// Frames that are read to find the audio beside the first frame.
 constexpr int kMaxFrames = 8;
-// A rendition that is behind is read faster than it plays.
+// How long a rendition that is behind may take to catch up; it is read faster than it plays.
 constexpr std::chrono::seconds kMaxCatchUp{20};
 
 }  // namespace
@@ -79,7 +79,7 @@ void RenditionOpener::Run(State& state) {
   }
 }
 
-// Leaves in opened how its times belong to those of the other one.
+// Sets opened.alignment to kArrival if the timestamps of both do not match.
 bool RenditionOpener::HasReached(const Position& position, Opened& opened, Time frameStart) {
   if (opened.alignment == Alignment::kArrival) {
     return true;
@@ -103,7 +103,7 @@ void RenditionOpener::ReadUpToFrame(const Settings& settings, Opened& opened) {
   }
   const auto deadline = Clock::now() + kMaxCatchUp;
   bool found = false;
-  bool hasAudio = !reader.info().audio;  // all that is waited for
+  bool hasAudio = !reader.info().audio;  // or has none to wait for
   for (int frames = 0; !found || (!hasAudio && frames < kMaxFrames);) {
     MediaItem item = reader.Read();
     if (std::holds_alternative<EndOfMedia>(item) || (!found && Clock::now() >= deadline)) {

@@ -15,28 +15,28 @@
 
 namespace host {
 
-// How the times of two renditions belong together.
+// How the times of two renditions are aligned.
 enum class Alignment {
-  kTimestamps,  // playlists: they have the same ones
+  kTimestamps,  // playlists: by their timestamps, which are the same
   kBeginning,   // files: both begin together
-  kArrival,     // all others: what comes at one time belongs together
+  kArrival,     // all others: what arrives at the same time belongs together
 };
 Alignment AlignmentOf(const MediaInfo& read, const MediaInfo& next);
 
-// Of one of the items of a reader, what another rendition has in common with it.
+// The time of a reader's item by which another rendition is aligned with it.
 Time CommonTime(const MediaReader& reader, Alignment alignment, TrackKind kind, Time start);
-// The one of time, time + period, time - period, ... that is nearest.
+// The one of time, time + period, time - period, ... that is nearest to near.
 Time NearestTurn(Time time, Time period, Time near);
 
-// On a thread of its own: opens it and reads up to the first frame that is not before what the
-// other one gives, so that its reader can change over without a gap.
+// Opens a rendition on a thread of its own and reads up to the first frame that is not before the
+// position of the rendition that is read, so that the reader can change over without a gap.
 //
-// Owned and called by one reader on its thread; one that is destroyed before it is ready ends by
+// Owned and called by one reader on its thread; if destroyed before it is ready, its thread ends by
 // itself.
 class RenditionOpener {
  public:
   using Clock = std::chrono::steady_clock;
-  // Of the latest frame of the rendition that is read; see CommonTime.
+  // The latest frame of the rendition that is read; see CommonTime.
   struct Position {
     std::atomic<Time> timestamp{0};
     std::atomic<Time> sinceBeginning{0};
@@ -54,7 +54,7 @@ class RenditionOpener {
   };
   struct Opened {
     std::shared_ptr<MediaReader> reader;
-    std::deque<MediaItem> items;  // that it gave: audio, and from the frame on everything
+    std::deque<MediaItem> items;  // audio from before the frame, and everything from it on
     Alignment alignment{};
     Time frameStart = 0;        // of the frame, on the reader's clock
     Clock::time_point arrival;  // of the frame
@@ -65,12 +65,12 @@ class RenditionOpener {
   RenditionOpener(const RenditionOpener&) = delete;
   RenditionOpener& operator=(const RenditionOpener&) = delete;
 
-  // Ends what it waits for; any thread.
+  // Ends its waits; any thread.
   void Cancel();
   bool WaitUntilReady(std::chrono::milliseconds limit) {
     return thread_.Wait(static_cast<std::uint32_t>(limit.count()));
   }
-  // Once ready: what was opened; none when it could not be, and failure() says why.
+  // Once ready: what was opened; none when it failed, for the reason in failure().
   std::optional<Opened> Take();
   const std::string& failure() const { return state_->failure; }
 

@@ -10,20 +10,20 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// How often it is looked whether another rendition is the right one.
+// How often the right rendition is determined.
 constexpr milliseconds kPeriod{200};
-// After that long a rendition counts as one that can be read.
+// A rendition that was read for this long can be read; its failures are forgotten.
 constexpr std::chrono::seconds kProven{60};
-// How much longer than needed the former rendition is read to its place of change.
+// How much longer than expected the former rendition is read up to the change.
 constexpr milliseconds kMaxWait{1000};
-// Frames whose own duration says how long they stand, not how far the next one is.
+// A longer duration of an item does not tell when the next one begins.
 constexpr Time kMaxStep = kSecond / 10;
 
 Time ToTime(RenditionSet::Clock::duration duration) {
   return std::chrono::duration_cast<std::chrono::nanoseconds>(duration).count() / 100;
 }
 
-// A source may take its time to end its session.
+// Closing a source may take time: it is done on another thread.
 void CloseBeside(std::shared_ptr<MediaReader> reader) {
   reader->Cancel();
   const os::Thread closing([reader = std::move(reader)]() mutable { reader.reset(); }, "closing",
@@ -201,7 +201,7 @@ std::optional<MediaItem> RenditionReader::Pass(MediaItem item) {
   }
   const Time step = std::min(DurationOf(item), kMaxStep);
   if (next_) {
-    // Frames that do not come, as where keyframes only are decoded, are not waited for.
+    // Missing frames, as when only keyframes are decoded, are not waited for.
     const bool isBehind = start + step / 2 >= next_->from;
     next_->framesReached = next_->framesReached ||
                            (isBehind && (kind == kFrames || start >= next_->from + kSecond / 2));
@@ -236,7 +236,7 @@ void RenditionReader::Consider() {
     }
     return;
   }
-  // What another one is aligned with.
+  // Another rendition is aligned with the frames given so far.
   if (!given_[kFrames] || (!isNew && now < considerAt_)) {
     return;
   }
@@ -329,7 +329,7 @@ RenditionReader::Next RenditionReader::Align(RenditionOpener::Opened opened) con
   return next;
 }
 
-// Its first frame that is not over yet follows the latest one of the other without a gap.
+// The first frame that is not over yet follows the former rendition's latest one without a gap.
 void RenditionReader::AlignByArrival(Next& next, const Given& last) const {
   const auto frame = std::find_if(next.opened.items.begin(), next.opened.items.end(),
                                   [](const MediaItem& item) { return KindOf(item) == kFrames; });

@@ -21,9 +21,9 @@
 
 namespace host {
 
-// Which rendition of a source is read, and why.
+// The rendition that is read, and why.
 struct RenditionStatus {
-  std::size_t number = 0;  // counted from 1, in the order in which the source has them
+  std::size_t number = 0;  // counted from 1, in the source's order
   std::size_t count = 0;
   int width = 0;  // 0: it has no video
   int height = 0;
@@ -32,34 +32,35 @@ struct RenditionStatus {
 };
 
 // Reads one rendition of a source that has several: of an HLS master playlist, or of a channel with
-// several sources. A source with one is read as MediaReader reads it, with nothing between.
+// several sources. A source with one rendition is read by its MediaReader unchanged.
 //
-// When another one becomes right for the window, it is opened beside the one that is read
+// When another rendition becomes right for the window, it is opened beside the one that is read
 // (RenditionOpener). The reader then changes over at its first frame:
 //
-//   read so far    v v v v v v v v . .      what belongs behind the change is left out
+//   read before    v v v v v v v v . .      items after the change are dropped
 //   audio           a  a  a  a  a  .
-//   read then              . . v v v v v    what was given already is left out
+//   read after             . . v v v v v    items that were given already are dropped
 //   audio                   .  .  a  a
 //
-// All items are on the clock of the rendition that was opened first: timestamps that the renditions
-// share place them, otherwise their arrival, and then the first frame and the first packet follow
-// without a gap. A rendition that fails while it is read is replaced by the best one that opens.
+// All items are on the clock of the rendition that was opened first. They are placed by the
+// timestamps that the renditions share, otherwise by arrival; then the first frame and the first
+// packet follow without a gap. A rendition that fails while it is read is replaced by the best one
+// that opens.
 //
-// Owned by its channel. Open and Read block and belong to one thread; Cancel to any thread. See
-// MediaReader for what both give and throw.
+// Owned by its channel. Open and Read block and belong to one thread; Cancel to any thread. For
+// results and exceptions see MediaReader.
 class RenditionReader {
  public:
   struct Settings {
     config::Channel channel;
     std::shared_ptr<SharedReceivers> receivers;  // null: every source has a connection of its own
     std::shared_ptr<SharedInputs> inputs;        // null: every source has a demuxer of its own
-    bool isLive = false;                // otherwise the rendition never changes but by failure
+    bool isLive = false;                // otherwise the rendition changes only after a failure
     std::optional<Ratio> canvasRate{};  // see MediaSettings
   };
 
-  // wanted: the size in which it is shown. renditions outlives the reader, but not an end of its
-  // thread; that one's only.
+  // wanted: the size in which it is shown. renditions outlives the reader, and is used on the
+  // reading thread only.
   RenditionReader(Settings settings, std::shared_ptr<const WantedSize> wanted,
                   RenditionSet& renditions);
   RenditionReader(const RenditionReader&) = delete;
@@ -83,19 +84,19 @@ class RenditionReader {
     return reader_ ? SourceCounts(former_) += reader_->counts() : former_;
   }
 
-  // Once after each change of the rendition, the first one included; none of a source with one.
+  // Once after each change of the rendition, the first one included; none if there is only one.
   std::optional<RenditionStatus> TakeChange() { return std::exchange(change_, std::nullopt); }
 
  private:
   using Clock = RenditionSet::Clock;
-  // What was given of one kind, on the common clock.
+  // The latest item of one kind that was given, on the common clock.
   struct Given {
     Time start = 0;
     Time duration = 0;
     Clock::time_point arrival{};
 
     Time end() const { return start + duration; }
-    // Whether something that begins then follows it.
+    // Whether something that begins at this time comes after it.
     bool IsBefore(Time other) const { return other >= start + duration / 2; }
   };
   enum Kind : std::size_t { kFrames, kPackets, kSamples, kKinds };
@@ -107,7 +108,7 @@ class RenditionReader {
     Time audioShift = 0;  // likewise
     Time from = 0;        // start of its first frame on the common clock
     std::optional<Time> audioFrom{};
-    Clock::time_point latest;  // when the change is made in any case
+    Clock::time_point latest;  // when the change is made at the latest
     bool framesReached = false;
     std::string reason;
   };
@@ -121,13 +122,13 @@ class RenditionReader {
   MediaItem TakeNext();
   void Consider();
   void BeginOpening(std::size_t index, std::string reason);
-  // isNeeded: it is read if it can be.
+  // isNeeded: change over to it even if it is not the best.
   void OnOpened(bool isNeeded);
   bool FallBack(const MediaError& error);
   Next Align(RenditionOpener::Opened opened) const;
   void AlignByArrival(Next& next, const Given& last) const;
   void ChangeOver();
-  // The item on the common clock; none when it is left out.
+  // The item on the common clock; none when it is dropped.
   std::optional<MediaItem> Pass(MediaItem item);
   bool IsReached(const Next& next) const;
   std::string Purpose() const;
@@ -139,7 +140,7 @@ class RenditionReader {
 
   mutable os::Mutex lock_;
   bool cancelled_ GUARDED_BY(lock_) = false;
-  // Both are replaced under the lock, and otherwise the reading thread's.
+  // Both are replaced under the lock, otherwise used by the reading thread only.
   std::shared_ptr<MediaReader> reader_;
   std::unique_ptr<RenditionOpener> opener_;
 
@@ -148,13 +149,13 @@ class RenditionReader {
   std::size_t openingIndex_ = 0;
   std::string openingReason_;
   std::optional<Next> next_;
-  std::deque<MediaItem> items_;  // of the reader, which come first
+  std::deque<MediaItem> items_;  // that reader_ gave while it was opened; they come first
   Time shift_ = 0;
   Time audioShift_ = 0;
-  Time audioSnap_ = 0;  // besides, by which the first packet follows without a gap
+  Time audioSnap_ = 0;  // in addition, so that the first packet follows without a gap
   Time from_ = 0;       // where the rendition begins
   std::array<std::optional<Given>, kKinds> given_;
-  std::array<bool, kKinds> follows_{};  // what comes has to lie behind what was given
+  std::array<bool, kKinds> follows_{};  // the next item must come after given_
   std::shared_ptr<RenditionOpener::Position> position_;
   DecodeStep step_ = DecodeStep::kFull;
   MediaDecoder::InTurn turns_;

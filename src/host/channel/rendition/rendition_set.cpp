@@ -70,7 +70,7 @@ bool ReadSize(std::string_view text, PlaylistVariant& variant) {
          variant.width <= kMaxSide && variant.height <= kMaxSide;
 }
 
-// A list of codecs of which none is one of video.
+// Whether a list of codecs has none of video.
 bool IsAudioOnly(std::string_view codecs) {
   static constexpr std::string_view kAudio[] = {"mp4a", "ac-3", "ec-3", "opus", "flac", "alac"};
   while (!codecs.empty()) {
@@ -170,7 +170,7 @@ class Parser {
     if (line.starts_with(kMedia)) {
       return AddMedia(line.substr(kMedia.size()));
     }
-    // A media playlist, or names that stand for texts.
+    // A media playlist, or one with variable substitution.
     return !line.starts_with("#EXTINF:") && !line.starts_with("#EXT-X-DEFINE:");
   }
 
@@ -196,7 +196,7 @@ class Parser {
  private:
   struct AudioGroup {
     std::string lines;
-    bool isSeparate = false;  // one of it has a playlist of its own
+    bool isSeparate = false;  // one of its renditions has a playlist of its own
   };
 
   std::optional<std::string> Resolve(std::string_view uri) const {
@@ -255,7 +255,7 @@ class Parser {
   const std::string_view location_;
   bool awaitsAddress_ = false;
   Attributes announced_;  // of the variant whose address comes next
-  std::vector<std::pair<PlaylistVariant, std::string>> variants_;  // with their groups of audio
+  std::vector<std::pair<PlaylistVariant, std::string>> variants_;  // with their audio groups
   std::map<std::string, AudioGroup, std::less<>> audio_;           // by group
   std::size_t media_ = 0;
 };
@@ -319,7 +319,7 @@ std::vector<PlaylistVariant> FindVariants(const config::Channel& channel,
         return std::move(*variants);
       }
     } catch (const ffmpeg::Error&) {
-      // What else is wrong with it FFmpeg says when it opens it.
+      // FFmpeg reports any other fault when it opens the source.
       if (deadline.ShouldStop()) {
         throw MediaError(
             deadline.cancelled() ? MediaError::Kind::kCancelled : MediaError::Kind::kTimedOut,
@@ -332,7 +332,7 @@ std::vector<PlaylistVariant> FindVariants(const config::Channel& channel,
 
 void RenditionSet::Assign(std::vector<PlaylistVariant> renditions) {
   renditions_ = std::move(renditions);
-  // A playlist with new addresses each time leaves nothing behind.
+  // A playlist with new addresses each time must not fill the memory.
   std::erase_if(memory_, [&](const auto& entry) {
     return std::none_of(renditions_.begin(), renditions_.end(),
                         [&](const auto& each) { return each.source == entry.first; });

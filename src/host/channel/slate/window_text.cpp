@@ -16,10 +16,10 @@ constexpr std::u16string_view kFamily = u"DejaVu Sans";
 
 }  // namespace
 
-TextSetter::TextSetter() = default;
-TextSetter::~TextSetter() = default;
+TextRasterizer::TextRasterizer() = default;
+TextRasterizer::~TextRasterizer() = default;
 
-TextCoverage TextSetter::Set(const std::string& text, int points, int width, int height) {
+TextCoverage TextRasterizer::Rasterize(const std::string& text, int points, int width, int height) {
   if (painter_ == nullptr) {
     painter_ = std::make_unique<os::TextPainter>(kPrivateFontFile);
   }
@@ -32,26 +32,26 @@ TextCoverage TextSetter::Set(const std::string& text, int points, int width, int
   painting.alignment = os::TextAlignment::kCentre;
   const os::PaintedText painted = painter_->Paint(painting);
   const os::PixelBounds ink = painted.Ink();
-  TextCoverage mask;
+  TextCoverage textCoverage;
   if (ink.Empty()) {
-    return mask;
+    return textCoverage;
   }
   constexpr std::size_t kPixel = 4;
   constexpr std::size_t kAlpha = 3;
   const std::size_t stride = static_cast<std::size_t>(painted.Width()) * kPixel;
   std::vector<std::uint8_t> pixels(stride * static_cast<std::size_t>(painted.Height()));
   painted.WriteArgb(pixels.data(), static_cast<std::ptrdiff_t>(stride));
-  mask.width = ink.right - ink.left;
-  mask.height = ink.bottom - ink.top;
-  mask.coverage.reserve(static_cast<std::size_t>(mask.width) *
-                        static_cast<std::size_t>(mask.height));
+  textCoverage.width = ink.right - ink.left;
+  textCoverage.height = ink.bottom - ink.top;
+  textCoverage.coverage.reserve(static_cast<std::size_t>(textCoverage.width) *
+                                static_cast<std::size_t>(textCoverage.height));
   for (int y = ink.top; y < ink.bottom; ++y) {
     for (int x = ink.left; x < ink.right; ++x) {
-      mask.coverage.push_back(pixels[static_cast<std::size_t>(y) * stride +
-                                     static_cast<std::size_t>(x) * kPixel + kAlpha]);
+      textCoverage.coverage.push_back(pixels[static_cast<std::size_t>(y) * stride +
+                                             static_cast<std::size_t>(x) * kPixel + kAlpha]);
     }
   }
-  return mask;
+  return textCoverage;
 }
 
 namespace {
@@ -71,11 +71,11 @@ constexpr int kLargestFont = 48;
 // The meter takes the left tenth of a window.
 constexpr int kMeterShare = 10;
 
-qorp::Yv12Picture PlanesOf(const WindowPixels& picture) {
-  return {picture.pixels.data(), picture.width, picture.height};
+qorp::Yv12Picture PlanesOf(const WindowPixels& frame) {
+  return {frame.pixels.data(), frame.width, frame.height};
 }
 
-// All four even; inside the frame.
+// All even; inside the frame.
 struct Box {
   int x = 0;
   int y = 0;
@@ -83,10 +83,10 @@ struct Box {
   int height = 0;
 };
 
-void Fill(const WindowPixels& picture, const Box& box, Colour colour) {
-  const qorp::Yv12Picture planes = PlanesOf(picture);
+void Fill(const WindowPixels& frame, const Box& box, Colour colour) {
+  const qorp::Yv12Picture planes = PlanesOf(frame);
   for (int row = box.y; row < box.y + box.height; ++row) {
-    std::memset(planes.Y() + static_cast<std::ptrdiff_t>(row) * picture.width + box.x, colour.y,
+    std::memset(planes.Y() + static_cast<std::ptrdiff_t>(row) * frame.width + box.x, colour.y,
                 static_cast<std::size_t>(box.width));
   }
   for (int row = box.y / 2; row < (box.y + box.height) / 2; ++row) {
@@ -96,12 +96,11 @@ void Fill(const WindowPixels& picture, const Box& box, Colour colour) {
   }
 }
 
-// A quarter of the frame remains visible.
-void Darken(const WindowPixels& picture, const Box& box) {
-  const qorp::Yv12Picture planes = PlanesOf(picture);
+// Blends the box with the strip's colour, three quarters opaque.
+void Darken(const WindowPixels& frame, const Box& box) {
+  const qorp::Yv12Picture planes = PlanesOf(frame);
   for (int row = box.y; row < box.y + box.height; ++row) {
-    std::uint8_t* const line =
-        planes.Y() + static_cast<std::ptrdiff_t>(row) * picture.width + box.x;
+    std::uint8_t* const line = planes.Y() + static_cast<std::ptrdiff_t>(row) * frame.width + box.x;
     for (int x = 0; x < box.width; ++x) {
       line[x] = static_cast<std::uint8_t>((line[x] + 3 * kStripLuma) / 4);
     }
@@ -116,13 +115,13 @@ void Darken(const WindowPixels& picture, const Box& box) {
   }
 }
 
-void DrawMask(const WindowPixels& picture, const TextCoverage& mask, int x, int y) {
-  std::uint8_t* const luma = picture.pixels.data();
-  for (int row = std::max(0, -y); row < mask.height && y + row < picture.height; ++row) {
+void DrawCoverage(const WindowPixels& frame, const TextCoverage& textCoverage, int x, int y) {
+  std::uint8_t* const luma = frame.pixels.data();
+  for (int row = std::max(0, -y); row < textCoverage.height && y + row < frame.height; ++row) {
     const std::uint8_t* const coverage =
-        mask.coverage.data() + static_cast<std::ptrdiff_t>(row) * mask.width;
-    std::uint8_t* const line = luma + static_cast<std::ptrdiff_t>(y + row) * picture.width;
-    for (int column = std::max(0, -x); column < mask.width && x + column < picture.width;
+        textCoverage.coverage.data() + static_cast<std::ptrdiff_t>(row) * textCoverage.width;
+    std::uint8_t* const line = luma + static_cast<std::ptrdiff_t>(y + row) * frame.width;
+    for (int column = std::max(0, -x); column < textCoverage.width && x + column < frame.width;
          ++column) {
       std::uint8_t& pixel = line[x + column];
       pixel = static_cast<std::uint8_t>(
@@ -141,41 +140,41 @@ int FontFor(int height, int share) {
 
 }  // namespace
 
-void WindowText::DrawSlate(const WindowPixels& picture, const std::string& text) {
+void WindowText::DrawSlate(const WindowPixels& frame, const std::string& text) {
   constexpr int kFontShare = 18;
   constexpr int kLineDistance = 8;
-  const int left = Even(picture.width / kMeterShare + 1);
-  const int room = picture.width - 2 * left;
-  Fill(picture, {0, 0, picture.width, picture.height}, kSlate);
-  const TextCoverage mask =
-      setter_.Set(text, FontFor(picture.height, kFontShare), std::max(room, 1), picture.height);
-  const int top = (picture.height - mask.height) / 2;
-  for (const int line : {top - kLineDistance - 2, top + mask.height + kLineDistance}) {
-    if (line >= 0 && line + 2 <= picture.height && room >= 2) {
-      Fill(picture, {left, Even(line), Even(room), 2}, kLine);
+  const int left = Even(frame.width / kMeterShare + 1);
+  const int room = frame.width - 2 * left;
+  Fill(frame, {0, 0, frame.width, frame.height}, kSlate);
+  const TextCoverage textCoverage = rasterizer_.Rasterize(text, FontFor(frame.height, kFontShare),
+                                                          std::max(room, 1), frame.height);
+  const int top = (frame.height - textCoverage.height) / 2;
+  for (const int line : {top - kLineDistance - 2, top + textCoverage.height + kLineDistance}) {
+    if (line >= 0 && line + 2 <= frame.height && room >= 2) {
+      Fill(frame, {left, Even(line), Even(room), 2}, kLine);
     }
   }
-  DrawMask(picture, mask, (picture.width - mask.width) / 2, top);
+  DrawCoverage(frame, textCoverage, (frame.width - textCoverage.width) / 2, top);
 }
 
-void WindowText::DrawCaption(const WindowPixels& picture, const std::string& text) {
+void WindowText::DrawCaption(const WindowPixels& frame, const std::string& text) {
   constexpr int kFontShare = 22;
   constexpr int kPadding = 4;
-  const int left = Even(picture.width / kMeterShare + 2);
-  const int room = Even(picture.width - left);
-  const Layout layout{text, picture.width, picture.height};
+  const int left = Even(frame.width / kMeterShare + 2);
+  const int room = Even(frame.width - left);
+  const Layout layout{text, frame.width, frame.height};
   if (layout != captionLayout_) {
-    const int points = FontFor(picture.height, kFontShare);
+    const int points = FontFor(frame.height, kFontShare);
     // Two lines of text at most.
-    caption_ = setter_.Set(text, points, std::max(room - 2 * kPadding, 1),
-                           std::min(picture.height, points * 4));
+    caption_ = rasterizer_.Rasterize(text, points, std::max(room - 2 * kPadding, 1),
+                                     std::min(frame.height, points * 4));
     captionLayout_ = layout;
   }
-  const int height = std::min(Even(caption_.height + 2 * kPadding + 1), picture.height);
-  const int top = picture.height - height;
-  Darken(picture, {left, top, room, height});
-  DrawMask(picture, caption_, left + (room - caption_.width) / 2,
-           top + (height - caption_.height) / 2);
+  const int height = std::min(Even(caption_.height + 2 * kPadding + 1), frame.height);
+  const int top = frame.height - height;
+  Darken(frame, {left, top, room, height});
+  DrawCoverage(frame, caption_, left + (room - caption_.width) / 2,
+               top + (height - caption_.height) / 2);
 }
 
 }  // namespace host

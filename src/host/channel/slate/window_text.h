@@ -13,22 +13,22 @@ class TextPainter;
 
 namespace host {
 
-// How much of each pixel the text covers, 0 to 255, cropped to what is not empty.
+// How much of each pixel the text covers, 0 to 255, cropped to the text.
 struct TextCoverage {
   int width = 0;  // pixels
   int height = 0;
   std::vector<std::uint8_t> coverage;  // rows of width bytes
 };
 
-// Sets texts in one font, centred, wrapped by words, with an ellipsis at the end of what fits. The
-// font is loaded with the first text. Owned and called by one channel on its thread.
-class TextSetter {
+// Rasterizes texts in one font, centred, wrapped by words, with an ellipsis where the text does not
+// fit. The font is loaded with the first text. Owned and called by one channel on its thread.
+class TextRasterizer {
  public:
-  TextSetter();
-  ~TextSetter();
+  TextRasterizer();
+  ~TextRasterizer();
 
   // text: UTF-8, invalid bytes replaced; points: size of the font; width, height: limits in pixels.
-  TextCoverage Set(const std::string& text, int points, int width, int height);
+  TextCoverage Rasterize(const std::string& text, int points, int width, int height);
 
  private:
   std::unique_ptr<os::TextPainter> painter_;
@@ -41,14 +41,14 @@ struct WindowPixels {
   int height = 0;
 };
 
-// Draws the texts of one window. A text is set again only when it changes. Owned and called by one
-// channel on its streaming thread.
+// Draws the texts of one window. A caption is rasterized again only when it changes. Owned and
+// called by one channel on its streaming thread.
 class WindowText {
  public:
   // Fills the frame: dark, the text in the middle between two red lines.
-  void DrawSlate(const WindowPixels& picture, const std::string& text);
-  // Draws a dark strip with the text over the lower edge, clear of the meter at the left.
-  void DrawCaption(const WindowPixels& picture, const std::string& text);
+  void DrawSlate(const WindowPixels& frame, const std::string& text);
+  // Draws a dark strip with the text over the lower edge, beside the meter at the left.
+  void DrawCaption(const WindowPixels& frame, const std::string& text);
 
  private:
   struct Layout {
@@ -58,7 +58,7 @@ class WindowText {
     bool operator==(const Layout&) const = default;
   };
 
-  TextSetter setter_;
+  TextRasterizer rasterizer_;
   Layout captionLayout_;
   TextCoverage caption_;
 };

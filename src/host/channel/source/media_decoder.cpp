@@ -14,7 +14,7 @@ extern "C" {
 namespace host {
 namespace {
 
-// A longer step forwards in a source whose timestamps are known to jump is no gap.
+// In a source whose timestamps may jump, a longer step forwards is a jump, not a gap.
 constexpr Time kMaxGap = 10 * kSecond;
 
 std::optional<Time> GivenTime(std::int64_t timestamp) {
@@ -95,7 +95,7 @@ void MediaDecoder::Decode(TrackKind kind, ffmpeg::Packet packet, Time duration) 
   packet->time_base = ffmpeg::kTimeUnit;
   if (isVideo) {
     decoded.jumps += mapped.discontinuity ? 1 : 0;
-    packet->pos = decoded.jumps;  // goes through the decoder with its frame
+    packet->pos = decoded.jumps;  // passes through the decoder to the frame
     DecodeVideo(decoded, *packet);
   } else {
     GivePacket(decoded, *packet, mapped.discontinuity);
@@ -145,7 +145,7 @@ void MediaDecoder::GiveFrame(Track& track, ffmpeg::Frame frame) {
   item.start = span.start;
   item.duration = span.duration;
   if (track.decoder->step() == DecodeStep::kKeyframesOnly) {
-    // Until the next one, however far away: keyframes come irregularly.
+    // At least as long as the last gap: keyframes come at irregular intervals.
     const Time gap = track.latest ? span.start - *track.latest : 0;
     item.duration = std::clamp(gap, kKeyframeDuration, kMaxGap);
   }

@@ -1,4 +1,4 @@
-// MediaDecoder: makes items of the packets of a source's tracks.
+// MediaDecoder: turns the packets of a source's tracks into items.
 #pragma once
 
 #include <array>
@@ -32,27 +32,27 @@ class MediaDecoder {
 
   // Once the input is open.
   void StartClock();
-  // Starts the track of that kind, which reads that stream. frameDuration: for frames that do not
-  // give theirs; 0 for audio. Throws ffmpeg::Error when there is no decoder for it.
+  // Starts the track of this kind with this stream. frameDuration: of frames without a duration of
+  // their own; 0 for audio. Throws ffmpeg::Error when there is no decoder for it.
   void Start(TrackKind kind, const AVStream& stream, Time frameDuration);
   // The track continues with another stream of the input. Throws MediaError.
   void Replace(TrackKind kind, const AVStream& stream);
   bool has(TrackKind kind) const { return track(kind).has_value(); }
   Time frameDuration(TrackKind kind) const { return track(kind)->frameDuration; }
 
-  // A packet of the stream that the track reads, in the units of its stream. duration: 0 when not
-  // known. Throws MediaError when what comes can no longer be decoded.
+  // A packet of the stream that the track reads, in the units of the stream. duration: 0 when not
+  // known. Throws MediaError when the stream can no longer be decoded.
   void Decode(TrackKind kind, ffmpeg::Packet packet, Time duration);
-  // The source is at its end: takes out what the decoders still hold.
+  // At the end of the source: drains the decoders.
   void Drain();
   // The source begins again.
   void Restart();
 
   bool empty() const { return ready_.empty(); }
   MediaItem Take();
-  // Frames or audio packets were given since the source began.
+  // Frames or audio packets have been given since the source began.
   bool hasGiven() const { return hasGiven_; }
-  // Frames were given since the last call.
+  // Frames have been given since the last call.
   bool TakeFrameGiven() { return std::exchange(frameGiven_, false); }
   // See MediaReader. The kind has a track.
   Time clockOffset(TrackKind kind) const { return clock_->offset(track(kind)->clockStream); }
@@ -60,14 +60,14 @@ class MediaDecoder {
   Time wrapPeriod() const;
   // Since the last call.
   int TakeFrames() { return std::exchange(frames_, 0); }
-  // Video comes, but its first keyframe is still to come, or nothing but keyframes is wanted.
+  // Video arrives, but its first keyframe has not, or only keyframes are wanted.
   bool waitsForKeyframes() const;
-  // Of the source, damaged packets that the decoders skipped.
+  // Damaged packets that the decoders skipped.
   std::uint64_t damagedPackets() const;
 
-  // How much of the video is decoded from now on, whichever decoder it has; see StreamDecoder.
+  // How much of the video is decoded from now on, also by later decoders; see StreamDecoder.
   void SetStep(DecodeStep step);
-  // Calls the decoding of each packet of video when its turn comes; null: it is called at once.
+  // Runs the decoding of each video packet in a turn; null: it runs at once.
   using InTurn = std::function<void(const std::function<void()>& decode)>;
   void TakeTurns(InTurn inTurn) { inTurn_ = std::move(inTurn); }
 
@@ -78,7 +78,7 @@ class MediaDecoder {
     std::size_t clockStream = 0;
     std::optional<StreamDecoder> decoder;
     Time frameDuration = 0;
-    std::optional<Orientation> orientation;  // as its frames say
+    std::optional<Orientation> orientation;  // that its frames announce
     ItemTimes times;
     std::int64_t jumps = 0;      // of its timestamps
     std::optional<Time> latest;  // start of the latest frame
@@ -88,7 +88,7 @@ class MediaDecoder {
   const std::optional<Track>& track(TrackKind kind) const {
     return tracks_[static_cast<std::size_t>(kind)];
   }
-  // A decoder for the stream, at the step that is set.
+  // Makes a decoder for the stream, at the present step.
   void MakeDecoder(Track& track, const AVStream& stream);
   void DecodeVideo(Track& track, const AVPacket& packet);
   void DecodeAudio(Track& track, const AVPacket& packet);
@@ -101,7 +101,7 @@ class MediaDecoder {
   const PacketSource& input_;
   std::optional<SourceClock> clock_;
   std::array<std::optional<Track>, kTrackKinds.size()> tracks_;  // by TrackKind
-  std::deque<MediaItem> ready_;                                  // what one packet gave, at most
+  std::deque<MediaItem> ready_;                                  // the items of one packet, at most
   DecodeStep step_ = DecodeStep::kFull;                          // of the video
   InTurn inTurn_;
   bool hasGiven_ = false;

@@ -87,7 +87,7 @@ std::string NameOrUnknown(const char* name) {
 }
 
 SourceKind SourceKindOf(const AVFormatContext& input) {
-  // These keep their sockets to themselves; "rtp" and "sdp" are the same without a session.
+  // These demuxers open sockets of their own; "rtp" and "sdp" are the same without a session.
   static constexpr std::array<std::string_view, 3> kOwnSockets = {"rtsp", "rtp", "sdp"};
   static constexpr std::array<std::string_view, 5> kDatagrams = {"udp", "udplite", "rtp", "srtp",
                                                                  "srt"};
@@ -99,13 +99,13 @@ SourceKind SourceKindOf(const AVFormatContext& input) {
       (protocol != nullptr && contains(kDatagrams, protocol))) {
     return SourceKind::kPush;
   }
-  // The list of a live HLS source is a file that can be sought in; the source is not.
+  // The playlist of a live HLS source is a seekable file; the source itself is not seekable.
   const bool isFile = input.pb != nullptr && (input.pb->seekable & AVIO_SEEKABLE_NORMAL) != 0 &&
                       (input.ctx_flags & AVFMTCTX_UNSEEKABLE) == 0;
   return isFile ? SourceKind::kFile : SourceKind::kPull;
 }
 
-// Index of a stream that shows which program is meant: of no other one, where there is such.
+// Index of a stream that belongs to this program first; -1 without one.
 int RelatedStream(const AVFormatContext& input, const AVProgram& program) {
   for (unsigned i = 0; i < program.nb_stream_indexes; ++i) {
     const int index = static_cast<int>(program.stream_index[i]);
@@ -201,7 +201,7 @@ AudioInfo DescribeAudio(const AVStream& stream) {
     info.language.clear();
   }
   info.title = Entry(stream.metadata, "title");
-  // MP4 keeps a track's name elsewhere; its writers put this there when there is none.
+  // MP4 has a track's name in this field; its writers put "SoundHandler" there when it has none.
   if (std::string name = Entry(stream.metadata, "handler_name");
       info.title.empty() && name != "SoundHandler") {
     info.title = std::move(name);

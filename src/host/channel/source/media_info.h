@@ -1,4 +1,4 @@
-// What a source carries, what comes out of it, and why it fails, as plain data; and how the facts
+// What a source carries, what is read from it, and why it fails, as plain data; and how these facts
 // are read out of FFmpeg's structures.
 #pragma once
 
@@ -27,8 +27,8 @@ namespace host {
 
 struct AudioFormat;
 
-// One of the eight that keep the edges of a frame upright or level: mirrored left to right first,
-// then turned clockwise.
+// One of the eight orientations that keep the edges of a frame upright or level: mirrored left to
+// right first, then turned clockwise.
 struct Orientation {
   int rotation = 0;  // degrees: 0, 90, 180 or 270
   bool mirrored = false;
@@ -38,8 +38,8 @@ struct Orientation {
   bool operator==(const Orientation&) const = default;
 };
 
-// The one nearest to a display matrix of nine numbers (libavutil/display.h), of which only the
-// signs and the order of size count; upright where they say nothing. matrix may be null.
+// The one nearest to a display matrix of nine numbers (libavutil/display.h); only their signs and
+// relative sizes count. Upright where the matrix says nothing. matrix may be null.
 Orientation OrientationOf(const std::int32_t* matrix);
 
 // The tracks of a source that a channel uses.
@@ -71,7 +71,7 @@ struct AudioInfo {
   std::string title;     // empty when not known
 };
 
-// One elementary stream of a program. What is not known is 0 or empty.
+// One elementary stream of a program. Unknown values are 0 or empty.
 struct StreamInfo {
   int pid = 0;
   std::string kind;  // "video", "audio", "subtitle", "data"
@@ -94,17 +94,17 @@ struct ProgramInfo {
 
 // Why a source gives no audio.
 enum class AudioAbsence {
-  kNone,         // it does
+  kNone,         // it has audio
   kOff,          // switched off
   kNotInSource,  // no track
   kNoTrack,      // tracks, but not the chosen one
-  kNotStarted,   // announced, but nothing has come yet
+  kNotStarted,   // announced, but nothing has arrived yet
   kUndecodable,
 };
 
-// Who decides when the next part of a source comes.
+// What decides when the next part of a source arrives.
 enum class SourceKind {
-  kFile,  // a file: everything is there already, and it can be sought in
+  kFile,  // a file: complete and seekable
   kPull,  // live, but it waits for its reader: HLS, HTTP, RTMP, pipes
   kPush,  // live, and lost when it is not read in time: UDP, RTP, RTSP, SRT
 };
@@ -132,7 +132,7 @@ struct DecodedFrame {
   Orientation orientation;     // of its display matrix
 };
 
-// One compressed audio packet as the source has it. Its own timestamps are those of start and
+// One compressed audio packet as the source has it. The timestamps in the packet equal start and
 // duration, in units of 100 ns.
 struct AudioPacket {
   ffmpeg::Packet packet;
@@ -154,17 +154,17 @@ struct EndOfMedia {};
 
 using MediaItem = std::variant<DecodedFrame, AudioPacket, AudioSamples, EndOfMedia>;
 
-// 0 of the end.
+// 0 for the end.
 Time StartOf(const MediaItem& item);
 Time DurationOf(const MediaItem& item);
-// It begins later by that much.
+// The item begins later by this much.
 void Shift(MediaItem& item, Time by);
 
-// What came over the connection of a source.
+// What arrived over the connection of a source.
 struct SourceCounts {
   std::uint64_t bytes = 0;
-  std::uint64_t packetsLost = 0;     // RTP packets that never came
-  std::uint64_t packetsDamaged = 0;  // of which the demuxer says that parts are missing
+  std::uint64_t packetsLost = 0;     // RTP packets that never arrived
+  std::uint64_t packetsDamaged = 0;  // packets that the demuxer calls incomplete
 
   SourceCounts& operator+=(const SourceCounts& other) {
     bytes += other.bytes;
@@ -178,10 +178,10 @@ class MediaError : public TavrelException {
  public:
   enum class Kind {
     kNotFound,   // no such file
-    kNotMedia,   // opened, but nothing that FFmpeg knows
+    kNotMedia,   // opened, but in no format that FFmpeg knows
     kNoStreams,  // neither video nor audio that can be decoded
     kTimedOut,   // no data within the limit
-    kCancelled,  // the reader was told to stop
+    kCancelled,  // the reader was cancelled
     kFailed,     // anything else: refused, unreachable, broken connection, ...
   };
 
@@ -200,47 +200,45 @@ class MediaError : public TavrelException {
   std::string message_;
 };
 
-// Container, length, service name and all audio tracks; which video and audio are used is left
-// open.
+// Container, length, service name and all audio tracks; not which video and audio are used.
 MediaInfo DescribeMedia(const AVFormatContext& input);
 // Whether its container is of the MP4 family.
 bool IsMp4(const AVFormatContext& input);
 VideoInfo DescribeVideo(AVFormatContext& input, AVStream& stream);
 AudioInfo DescribeAudio(const AVStream& stream);
 
-// The how-many-th of its kind a stream is, counted from 0. index: of the stream in the input.
+// The stream's number among those of its kind, counted from 0. index: of the stream in the input.
 int OrdinalOf(const AVFormatContext& input, int index);
-// Index in another demuxer of the same source of the stream that has that index in the former one;
-// -1 where it is not, or in another codec.
+// Index in one demuxer of the stream that has the given index in a former demuxer of the same
+// source; -1 where there is none, or in another codec.
 int SameStreamIn(const AVFormatContext& input, const AVFormatContext& former, int index);
 
-// Cover art of a file: FFmpeg counts it as video, but it is none.
+// Cover art of a file, which FFmpeg counts as video.
 bool IsCoverArt(const AVStream& stream);
 
-// Those of a transport stream that have streams; others have none.
+// Those programs of a transport stream that have streams; none for other containers.
 std::vector<ProgramInfo> DescribePrograms(AVFormatContext& input);
 // The names of their services, by number.
 std::map<int, std::string> ProgramNames(const AVFormatContext& input);
-// Null when it is not there, or has no streams.
+// Null when there is no such program, or it has no streams.
 const AVProgram* FindProgram(const AVFormatContext& input, const config::ProgramChoice& wanted);
 bool IsIn(const AVProgram& program, int stream);
-// As the container has it; null when it has none. program may be null.
+// As the container has it; null without one. program may be null.
 const char* ServiceName(const AVProgram* program);
 
-// Index of the best video stream, of the program unless that is null, or a negative AVERROR.
+// Index of the best video stream (of the program, if given), or a negative AVERROR.
 int ChooseVideoStream(const AVFormatContext& input, const AVProgram* program = nullptr);
 
-// Index of the audio stream that the wishes of a channel select, or a negative AVERROR. track is
-// counted from 1, 0 for no wish; videoStream (or -1) decides between equal ones. Of the program
-// alone unless that is null.
+// Index of the audio stream that a channel wants (of the program, if given), or a negative AVERROR.
+// track is counted from 1; 0: any. videoStream (or -1) decides between equal ones.
 int ChooseAudioStream(const AVFormatContext& input, std::size_t track, const std::string& language,
                       int videoStream, const AVProgram* program = nullptr);
 
-// Of their display matrix, where there is one.
+// By their display matrix, where there is one.
 std::optional<Orientation> AnnouncedOrientation(const AVFrame& frame);
 std::optional<Orientation> AnnouncedOrientation(const AVStream& stream);
 
-// After how long the timestamps of the stream begin again from 0; 0: never.
+// The time after which the timestamps of the stream wrap; 0: never.
 Time WrapPeriod(const AVStream& stream);
 
 }  // namespace host

@@ -56,7 +56,7 @@ ReplacementInput::~ReplacementInput() {
 }
 
 std::optional<ReplacementInput::Opened> ReplacementInput::Take() {
-  state_->deadline.reset();  // goes with what was opened
+  state_->deadline.reset();  // passes to the caller with Opened
   return std::exchange(state_->opened, std::nullopt);
 }
 
@@ -92,13 +92,13 @@ void ReplacementInput::Run(State& state) {
     opened.deadline->Disarm();
     state.opened = std::move(opened);
   } catch (const std::exception&) {
-    // The first one is read on.
+    // The first demuxer is read on.
   }
 }
 
 namespace {
 
-// A replacement begins with the oldest segment of a list: the reader is somewhere in it.
+// A replacement begins with the oldest segment of a playlist: the reader is somewhere in it.
 constexpr const char* kFirstSegment = "live_start_index";
 constexpr const char* kOldest = "-1000";
 
@@ -107,7 +107,7 @@ bool HasSegments(const AVFormatContext& input) {
   return name == "hls" || name == "dash";
 }
 
-// In the form that MP4 has, with a configuration of its own before the packets.
+// Video with the decoder configuration before the packets, as in MP4; and all audio.
 bool IsFromMp4(const AVStream& stream) {
   const AVCodecParameters& parameters = *stream.codecpar;
   const bool isVideo =
@@ -139,8 +139,8 @@ void MediaInput::Open() {
   kind_ = DescribeMedia(*input_).kind;
 }
 
-// The index of a file in the MP4 family came behind the data, which cannot be gone back to. A
-// server may have promised that they can.
+// The index of a file in the MP4 family comes after the data, to which the demuxer cannot seek
+// back, even if a server has promised byte ranges.
 bool MediaInput::LiesBehindItsData() const {
   if (input_->pb == nullptr ||
       ((input_->pb->seekable & AVIO_SEEKABLE_NORMAL) != 0 && !connection_.address().isHttp()) ||
@@ -197,7 +197,7 @@ std::vector<int> MediaInput::FollowedInOrder() const {
 std::optional<TrackKind> MediaInput::ChangedKind() const {
   for (const auto& [index, position] : followed_) {
     const AVStream& stream = *input_->streams[index];
-    // Of a transport stream a stream's id is its PID.
+    // In a transport stream, a stream's id is its PID.
     if (connection_.HasChanged(stream.id)) {
       return stream.codecpar->codec_type == AVMEDIA_TYPE_VIDEO ? TrackKind::kVideo
                                                                : TrackKind::kAudio;
@@ -239,7 +239,7 @@ MediaInput::Outcome MediaInput::HandleFailure(int code, bool isUnused) {
   if (connection_.missingProgram()) {
     connection_.FailFor(code, false);
   }
-  // The demuxer may have given what it still had since the call that was ended.
+  // The demuxer may have returned buffered packets after the call that the deadline ended.
   const bool wasEnded = connection_.deadline().expired() || code == AVERROR_EXIT;
   if (wasEnded && !connection_.deadline().cancelled() && connection_.ReceiveOn()) {
     ++silences_;
@@ -249,7 +249,7 @@ MediaInput::Outcome MediaInput::HandleFailure(int code, bool isUnused) {
   silences_ = 0;
   if (code == AVERROR_EOF && connection_.fragments() && connection_.fragments()->ended()) {
     formerBytes_ += ffmpeg::BytesRead(*input_);
-    // Goes when the next demuxer is opened.
+    // The I/O context is replaced when the next demuxer is opened.
     input_->pb = nullptr;
     Exchange(connection_.OpenAtNextFragment());
     return Outcome::kReplaced;
@@ -257,7 +257,7 @@ MediaInput::Outcome MediaInput::HandleFailure(int code, bool isUnused) {
   if (isUnused && !connection_.deadline().ShouldStop() && LiesBehindItsData()) {
     connection_.FailForItsIndex();
   }
-  // Containers report the end of a connection that broke as an ordinary end.
+  // Demuxers report a broken connection as an ordinary end.
   if (code != AVERROR_EOF || connection_.deadline().expired() ||
       connection_.deadline().cancelled()) {
     connection_.FailFor(code, false);
@@ -324,7 +324,7 @@ void MediaInput::Rewind() {
   }
 }
 
-// FFmpeg's demuxer of MP4 keeps an index entry of every packet.
+// FFmpeg's MP4 demuxer keeps an index entry for every packet.
 void MediaInput::WatchIndex() {
   ++packetsOfInput_;
   if (kind_ == SourceKind::kFile || replacement_) {
@@ -372,7 +372,7 @@ bool MediaInput::AdoptReplacement() {
   replacement_.reset();
   packetsOfInput_ = 0;
   if (!opened) {
-    return false;  // tried again when as many packets have come
+    return false;  // the next try is after as many packets
   }
   opened->deadline->Follow(connection_.deadline());
   for (auto& [index, position] : followed_) {

@@ -27,12 +27,13 @@ struct AVStream;
 
 namespace host {
 
-// Opens it on a thread of its own and reads up to where the first one is, so that its reader can
-// change over without a gap. Owned and called by one reader on its thread; one that is destroyed
-// before it is ready ends by itself.
+// A second demuxer for a source that is being read: opens the source on a thread of its own and
+// reads up to the position of the first demuxer, so that the reader can change over without a gap.
+// Owned and called by one reader on its thread; if destroyed before it is ready, its thread ends by
+// itself.
 class ReplacementInput {
  public:
-  // A stream that is read: the how-many-th of its kind, and what has been read of it.
+  // A stream that is read, and how far it has been read.
   struct Position {
     int kind = 0;     // AVMediaType
     int ordinal = 0;  // among the streams of its kind, counted from 0
@@ -42,14 +43,14 @@ class ReplacementInput {
     std::string name;      // path or URL
     std::string playlist;  // see MediaSettings
     std::map<std::string, std::string> options;
-    std::chrono::milliseconds limit{20'000};  // to open it and to read up to the positions
+    std::chrono::milliseconds limit{20'000};  // for opening and reading up to the positions
     std::vector<Position> positions;          // the first one decides
   };
   struct Opened {
     std::shared_ptr<ffmpeg::IoDeadline> deadline;  // of the input; outlives it
     std::shared_ptr<ffmpeg::TextInput> playlist;   // likewise
     ffmpeg::InputFormat input;
-    std::vector<ffmpeg::Packet> packets;  // that it gave, which come after the positions
+    std::vector<ffmpeg::Packet> packets;  // those read after the positions
   };
 
   explicit ReplacementInput(Settings settings);
@@ -71,25 +72,25 @@ class ReplacementInput {
   os::Thread thread_;
 };
 
-// Reads the packets of a source, each within a limit. Streams that it follows continue at the same
-// packet when the demuxer is replaced, and a change of their form that the PMT announces ends the
-// reading.
+// Reads the packets of a source, each within a limit. When the demuxer is replaced, the streams
+// that it follows continue at the same packet; a change of their form that the PMT announces ends
+// the reading.
 class MediaInput final : public PacketSource {
  public:
   explicit MediaInput(MediaSettings settings);
 
   // Opens the source and probes its streams. Throws MediaError.
   void Open();
-  // Once it is open: it lies there as a whole, and each reader begins where it wants to.
+  // Once it is open: the source is complete, and each reader may begin where it wants to.
   bool isRecorded() const;
-  // Streams that are read as tracks, by index. Its reader's are followed by themselves.
+  // Follows these streams, by index. Select follows the reader's tracks by itself.
   void Follow(const std::vector<int>& streams);
 
   Outcome Read(ffmpeg::Packet& packet, bool isUnused) override;
   bool SkipTo(Time timestamp) override;
   bool repeats() const override { return settings_.live && settings_.options.repeat; }
-  // To the beginning of a file. Throws also when it was written again since it was opened: the
-  // demuxer knows its former content only.
+  // To the beginning of a file. Also throws when the file was written again since it was opened,
+  // because the demuxer knows its former content only.
   void Rewind() override;
   void Cancel() override { connection_.deadline().Cancel(); }
   bool canGoOn() const override { return canGoOn_; }
@@ -99,8 +100,8 @@ class MediaInput final : public PacketSource {
   const std::vector<std::string>& unknownOptions() const override {
     return connection_.unknownOptions();
   }
-  // Bytes: that were read of the source, or of its packets where its demuxer keeps its sockets to
-  // itself.
+  // Bytes: those read from the source, or those of its packets where the demuxer opens its own
+  // sockets.
   SourceCounts counts() const override;
   int onlyProgram() const override { return connection_.onlyProgram(); }
   std::uint64_t exchanges() const override { return exchanges_; }
@@ -119,10 +120,10 @@ class MediaInput final : public PacketSource {
   // Of a stream that is followed.
   struct Position {
     std::optional<Time> latest{};       // source time of the latest packet
-    std::optional<Time> resumeAfter{};  // what comes of the source up to that time has been given
+    std::optional<Time> resumeAfter{};  // packets up to this source time have been given
   };
 
-  // Of the followed streams, the kind of one that the PMT announces in another form.
+  // The kind of a followed stream that the PMT announces in another form.
   std::optional<TrackKind> ChangedKind() const;
   // Whether the packet was given before the demuxer was replaced.
   bool IsRepeated(const AVPacket& packet);
@@ -136,7 +137,7 @@ class MediaInput final : public PacketSource {
   void OpenReplacement();
   bool AdoptReplacement();
   void Exchange(ffmpeg::InputFormat next);
-  // Index of the stream in another demuxer of the same source; throws where it is not.
+  // Index of the stream in another demuxer of the same source; throws when there is none.
   int StreamIn(const AVFormatContext& input, int index) const;
   // The followed streams, video first.
   std::vector<int> FollowedInOrder() const;
@@ -147,7 +148,7 @@ class MediaInput final : public PacketSource {
   std::shared_ptr<ffmpeg::TextInput> inputPlaylist_;   // likewise
   ffmpeg::InputFormat input_;
   std::optional<ReplacementInput> replacement_;
-  std::deque<ffmpeg::Packet> pending_;  // that the replacement has read
+  std::deque<ffmpeg::Packet> pending_;  // those that the replacement has read
   SourceKind kind_ = SourceKind::kPull;
   std::map<int, Position> followed_;  // by index
   int packetsOfInput_ = 0;

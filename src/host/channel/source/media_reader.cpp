@@ -65,7 +65,7 @@ MediaItem MediaReader::Read() {
       continue;
     }
     if (decoder_->TakeFrameGiven()) {
-      watch_->Picture(Clock::now());
+      watch_->OnFrame(Clock::now());
     }
     if (watch_->Expired(Clock::now(), decoder_->waitsForKeyframes() ? kKeyframeTimeout
                                                                     : Clock::duration::zero())) {
@@ -100,7 +100,7 @@ bool MediaReader::ReadPacket() {
   return true;
 }
 
-// The end of the source: what the decoders still hold comes out, then it ends or begins again.
+// At the end of the source: drains the decoders, then ends or begins again.
 void MediaReader::FinishRepetition() {
   decoder_->Drain();
   if (!input_->repeats() || (!decoder_->hasGiven() && input_->kind() != SourceKind::kFile)) {
@@ -108,7 +108,7 @@ void MediaReader::FinishRepetition() {
     return;
   }
   input_->Rewind();
-  // A source that gave nothing would begin again without end.
+  // A source that gives nothing would begin again endlessly.
   if (!decoder_->hasGiven()) {
     input_->Fail(MediaError::Kind::kFailed, "nothing in it can be read");
   }

@@ -20,17 +20,17 @@
 
 namespace host {
 
-// A source may continue to send what cannot be decoded: another service, damaged beyond use, or
-// audio only. Expired says so once it has been read for the limit without a frame, which is at
-// least some frames' time, for slow sources. Only time spent reading counts: a reader that waits
-// for free space in its queue reads nothing. Owned and called by one reader.
+// A source may go on sending what cannot be decoded: another service, unusable data, or audio only.
+// Expired is true once it has been read for the limit without a frame; the limit is at least the
+// duration of some frames, for slow sources. Only time spent reading counts, not the time that the
+// reader waits for free space in its queue. Owned and called by one reader.
 class VideoWatch {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // limit: without a frame; frameTime: between two frames of the source.
+  // limit: the longest time without a frame; frameTime: between two frames of the source.
   VideoWatch(Clock::duration limit, Clock::duration frameTime)
-      : limit_(std::max(limit, kPictures * std::min(frameTime, kMaxFrameTime))) {}
+      : limit_(std::max(limit, kMinFrames * std::min(frameTime, kMaxFrameTime))) {}
 
   void BeginReading(Clock::time_point now) {
     latestFrame_ = left_ ? latestFrame_ + (now - leftAt_) : now;
@@ -40,21 +40,21 @@ class VideoWatch {
     leftAt_ = now;
     left_ = true;
   }
-  void Picture(Clock::time_point now) { latestFrame_ = now; }
-  // extra: how much longer than the limit there is a reason to wait.
+  void OnFrame(Clock::time_point now) { latestFrame_ = now; }
+  // extra: is added to the limit.
   bool Expired(Clock::time_point now, Clock::duration extra = {}) const {
     return now - latestFrame_ >= limit_ + extra;
   }
 
  private:
-  static constexpr int kPictures = 4;
-  // A stream may announce any frame rate: a slower one ends no watch.
+  static constexpr int kMinFrames = 4;
+  // A stream may announce any frame rate; longer frames do not extend the limit further.
   static constexpr Clock::duration kMaxFrameTime = std::chrono::seconds(10);
 
   const Clock::duration limit_;
   Clock::time_point latestFrame_;
   Clock::time_point leftAt_;
-  bool left_ = false;  // between two readings; at first there was none to leave
+  bool left_ = false;  // between EndReading and BeginReading
 };
 
 // Gives the best video and the wanted audio of a source, item by item, in the order of the source:
@@ -81,18 +81,19 @@ class MediaReader {
   // Throws MediaError. A source with only one of video and audio opens, and info() has the reason
   // for the missing one.
   void Open();
-  // The next item; EndOfMedia again and again at the end. Throws MediaError, after which the reader
-  // is of no more use, but when canGoOn().
+  // The next item; EndOfMedia repeatedly at the end. Throws MediaError, after which the reader
+  // cannot be used further, unless canGoOn().
   MediaItem Read();
-  // After a failure of Read: nothing came for the read limit, but there is no connection that could
-  // have broken, and a sender that returns is received sooner by reading on than by opening again.
+  // After a failure of Read: nothing arrived within the read limit, but there is no connection that
+  // could have broken, and a sender that returns is received sooner by reading on than by opening
+  // the source again.
   bool canGoOn() const { return input_ && input_->canGoOn(); }
   void Cancel();
 
-  // What follows is valid after Open. A replacement of a stream changes the first two, and the
-  // service may be renamed.
+  // The following are valid after Open. A replacement of a stream changes info and audioParameters;
+  // a new name of the service changes info.
   const MediaInfo& info() const { return tracks_->info(); }
-  // Of the chosen audio stream, as the container announces it; null without audio.
+  // Of the chosen audio stream, as the container announces them; null without audio.
   const AVCodecParameters* audioParameters() const { return tracks_->audioParameters(); }
   // Options of the settings that neither the protocol nor the container knows.
   const std::vector<std::string>& unknownOptions() const { return input_->unknownOptions(); }
@@ -102,38 +103,37 @@ class MediaReader {
   void SetStep(DecodeStep step) { decoder_->SetStep(step); }
   // See MediaDecoder.
   void TakeTurns(MediaDecoder::InTurn inTurn) { decoder_->TakeTurns(std::move(inTurn)); }
-  // Frames that were decoded since the last call, and how long it was waited for packets.
+  // Frames decoded and time spent waiting for packets, since the last call.
   int TakeFrames() { return decoder_->TakeFrames(); }
   std::chrono::nanoseconds TakeWaited() { return std::exchange(waited_, {}); }
-  // What lies between the times of the items of that kind and the timestamps of the source, since
-  // these jumped last; when those begin, and after how long they come back (0: never).
+  // Offset from the source's timestamps to the times of the items of this kind, since the latest
+  // jump; the source's first timestamp, and the time after which they wrap (0: never).
   Time clockOffset(TrackKind kind) const { return decoder_->clockOffset(kind); }
   Time origin() const { return decoder_->origin(); }
   Time wrapPeriod() const { return decoder_->wrapPeriod(); }
-  // Before the first Read: what comes begins near that timestamp, where the source can be sought
-  // in.
+  // Before the first Read: reading begins near this timestamp if the source is seekable.
   void SkipTo(Time timestamp) { input_->SkipTo(timestamp); }
-  // See PacketSource. At any time; nothing before the source is open.
+  // See PacketSource. At any time; zeros before the source is open.
   SourceCounts counts() const { return input_ ? input_->counts() : SourceCounts(); }
-  // How often another stream has replaced one that ended, as when a service changes its codec, or
-  // the one that was chosen has returned.
+  // How often another stream has replaced the one that was read, as when a service changes its
+  // codec, or the stream that was chosen first has returned.
   std::uint64_t replacements() const { return tracks_->replacements(); }
   // How often info().serviceName has changed since the source was opened.
   std::uint64_t renames() const { return tracks_->renames(); }
-  // How often the source began again.
+  // How often the source was repeated.
   std::uint64_t repeats() const { return repeats_; }
-  // How often another demuxer took over in the midst of an endless source.
+  // How often the demuxer of an endless source was replaced.
   std::uint64_t exchanges() const { return input_->exchanges(); }
 
  private:
-  // False when none has come.
+  // False when no packet has arrived.
   bool ReadPacket();
   void FinishRepetition();
 
   const Settings settings_;
-  ffmpeg::IoDeadline opening_;  // of another thread that opens the source
+  ffmpeg::IoDeadline opening_;  // while another thread opens the source
   os::Mutex lock_;
-  // Set under the lock, and otherwise the reading thread's. What follows exists with it.
+  // Set under the lock, otherwise used by the reading thread only. The following exist with it.
   std::unique_ptr<PacketSource> input_;
   std::optional<MediaDecoder> decoder_;
   std::optional<TrackSelector> tracks_;

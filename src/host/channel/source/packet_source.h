@@ -17,8 +17,8 @@ struct AVStream;
 
 namespace host {
 
-// An open source. Its reader itself reads it from the network or the disk (MediaInput), or one
-// thread does so for several readers (SharedInput). It knows which streams are its reader's tracks.
+// An open source. The reader itself reads from the network or the disk (MediaInput), or one thread
+// does so for several readers (SharedInput). Knows which streams are the reader's tracks.
 //
 // Owned by one reader and called on its thread; Cancel by any thread.
 class PacketSource {
@@ -26,7 +26,7 @@ class PacketSource {
   enum class Outcome {
     kPacket,
     kNothing,   // try again
-    kReplaced,  // the demuxer: the streams may have other indices, and nothing else changes
+    kReplaced,  // the demuxer was replaced: streams may have other indices, nothing else changes
     kEnd,       // of the source
   };
 
@@ -35,13 +35,13 @@ class PacketSource {
   PacketSource(const PacketSource&) = delete;
   PacketSource& operator=(const PacketSource&) = delete;
 
-  // The next packet of any stream that is not discarded. isUnused: nothing of the source could be
-  // used since it was opened. Throws MediaError.
+  // The next packet of any stream that is not discarded. isUnused: no packet so far could be used.
+  // Throws MediaError.
   virtual Outcome Read(ffmpeg::Packet& packet, bool isUnused) = 0;
-  // Before the first packet: what comes begins near that timestamp. False where the source cannot
-  // be sought in.
+  // Before the first packet: reading begins near this timestamp. False if the source is not
+  // seekable.
   virtual bool SkipTo(Time /*timestamp*/) { return false; }
-  // Begins again at its end; only then Rewind, which throws MediaError.
+  // Whether the source begins again at its end, by Rewind. Rewind throws MediaError.
   virtual bool repeats() const { return false; }
   virtual void Rewind() {}
   // Makes the blocking call end within some milliseconds.
@@ -49,27 +49,27 @@ class PacketSource {
   // See MediaReader.
   virtual bool canGoOn() const { return false; }
 
-  // Its streams and programs, as they are at the latest packet; not to be read from. The caller may
+  // The streams and programs as of the latest packet; packets are not read from it. The caller may
   // change what is discarded.
   virtual AVFormatContext& context() const = 0;
   virtual SourceKind kind() const = 0;
-  // How many streams there were when it was opened: those after them began later.
+  // How many streams there were when it was opened; those with higher indices began later.
   virtual unsigned openedStreams() const = 0;
   virtual const std::vector<std::string>& unknownOptions() const = 0;
-  // Since the reader has it.
+  // Since the reader opened it.
   virtual SourceCounts counts() const = 0;
-  // Number of the only program that comes, of those that the source has; 0: all come.
+  // Number of the only program that is delivered; 0: all are.
   virtual int onlyProgram() const { return 0; }
   // How often the demuxer was replaced.
   virtual std::uint64_t exchanges() const { return 0; }
   // Throws an error about this source.
   [[noreturn]] virtual void Fail(MediaError::Kind kind, const std::string& reason) const = 0;
-  // A stream that the demuxer has not probed, since it began later, has this form.
+  // Sets the parameters of a stream that began later and that the demuxer has not probed.
   virtual void OnProbed(int /*index*/, const AVCodecParameters& /*form*/) {}
 
-  // The stream of that index is read as the video or the audio from now on.
+  // The stream of this index is the video or the audio track from now on.
   virtual void Select(TrackKind kind, int index);
-  // None for a stream that is not selected.
+  // None if the stream is not selected.
   std::optional<TrackKind> KindOf(int index) const;
   // Only of a selected kind.
   AVStream& stream(TrackKind kind) const;
@@ -77,7 +77,7 @@ class PacketSource {
  protected:
   using Selection = std::array<std::optional<int>, kTrackKinds.size()>;  // by TrackKind
   const Selection& selection() const { return selection_; }
-  // The same streams have other indices.
+  // The selected streams have new indices.
   void Move(const Selection& selection) { selection_ = selection; }
 
  private:

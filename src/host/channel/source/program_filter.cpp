@@ -94,7 +94,7 @@ void ProgramFilter::Follow(const ProgramTables& tables) {
     for (const int pid : program->second.pids) {
       pids_.set(static_cast<std::size_t>(pid));
     }
-    pids_.reset(kStuffingPid);  // where a program has no PCR
+    pids_.reset(kStuffingPid);  // the PCR PID of a program without a PCR
   } else if (number_ != 0) {
     missing_ =
         "its program " + Named(number_, name_) + " has ended; it has " + List(NamesOf(tables));
@@ -110,10 +110,10 @@ void ProgramFilter::Find(const ProgramTables& tables) {
   }
 }
 
-// One packet: PAT of one program, and stuffing.
+// One packet: a PAT of one program, and stuffing.
 void ProgramFilter::AppendAssociation(const ProgramTables& tables, std::vector<std::uint8_t>& out) {
-  constexpr std::size_t kSection = 5;   // where it begins: behind header and pointer
-  constexpr std::size_t kContent = 12;  // bytes of it before the CRC
+  constexpr std::size_t kSection = 5;   // its start: after header and pointer
+  constexpr std::size_t kContent = 12;  // its bytes before the CRC
   const auto high = [](int value) { return static_cast<std::uint8_t>(value >> 8 & 0xFF); };
   const auto low = [](int value) { return static_cast<std::uint8_t>(value & 0xFF); };
   const int id = tables.transportStream();

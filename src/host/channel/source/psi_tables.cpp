@@ -18,21 +18,21 @@ namespace host {
 
 namespace {
 
-constexpr std::size_t kLengthEnd = 3;  // table, flags and length
+constexpr std::size_t kLengthEnd = 3;  // table id, flags and length
 constexpr std::size_t kCrc = 4;
-constexpr std::size_t kParity = 16;  // of a Reed-Solomon code, behind a packet
+constexpr std::size_t kParity = 16;  // of a Reed-Solomon code, after a packet
 
 constexpr std::uint8_t kServiceTable = 0x42;  // of this transport stream
 constexpr std::uint8_t kServiceDescriptor = 0x48;
-// Programs, streams of a program: no real multiplex comes near.
+// No real multiplex comes near these limits.
 constexpr std::size_t kMaxPrograms = 200;
 constexpr std::size_t kMaxStreams = 64;
 constexpr std::size_t kMaxServices = 1000;
 
 constexpr std::uint8_t kPrivateData = 6;
 
-// The descriptors that name a codec: registration, and the broadcasters' for AC-3, E-AC-3, DTS, AAC
-// and for what is no audio at all.
+// The descriptors that name a codec: registration, those of DVB for AC-3, E-AC-3, DTS and AAC, and
+// those of streams that are not audio.
 bool NamesCodec(std::uint8_t tag) {
   constexpr std::array<std::uint8_t, 8> kTags{0x05, 0x56, 0x59, 0x6A, 0x7A, 0x7B, 0x7C, 0x7F};
   return std::find(kTags.begin(), kTags.end(), tag) != kTags.end();
@@ -68,7 +68,7 @@ void SectionReader::Packet(Bytes packet, const Sink& sink) {
     return;
   }
   const Bytes payload = packet.subspan(at);
-  // A packet that got lost in between is found by the CRC.
+  // If a packet was lost in between, the CRC is wrong.
   Section& bytes = followed->second;
   if (!startsSection) {
     if (!bytes.empty()) {
@@ -195,7 +195,7 @@ void ProgramTables::ReadPrograms() {
       const int number = SectionReader::NumberAt(section, at);
       const int mapPid = SectionReader::PidAt(section, at + 2);
       if (number == 0 || mapPid == SectionReader::kPatPid || mapPid == kServicePid ||
-          programs.size() >= kMaxPrograms) {  // 0: the network's table
+          programs.size() >= kMaxPrograms) {  // 0: the NIT
         continue;
       }
       const auto known = programs_.find(number);
@@ -282,7 +282,7 @@ void PmtMonitor::Feed(Bytes bytes) {
 
 void PmtMonitor::ProgramAssociation(Bytes section) {
   for (std::size_t at = SectionReader::kHeader; at + 4 <= section.size(); at += 4) {
-    const bool isProgram = (section[at] | section[at + 1]) != 0;  // 0: the network's table
+    const bool isProgram = (section[at] | section[at + 1]) != 0;  // 0: the NIT
     if (isProgram) {
       sections_.Follow(SectionReader::PidAt(section, at + 2));
     }

@@ -1,5 +1,5 @@
 // The tables of a transport stream: its packets (TransportPackets), the sections in them
-// (SectionReader), the programs that they announce (ProgramTables), and whether an elementary
+// (SectionReader), the programs that these announce (ProgramTables), and whether an elementary
 // stream changes its form (PmtMonitor).
 #pragma once
 
@@ -16,8 +16,8 @@
 
 namespace host {
 
-// Cuts a transport stream into its packets, and finds them again behind what is none. Owned and
-// called by one reader.
+// Cuts a transport stream into its packets, and finds them again after other data. Owned and called
+// by one reader.
 class TransportPackets {
  public:
   using Bytes = std::span<const std::uint8_t>;
@@ -25,7 +25,7 @@ class TransportPackets {
   static constexpr std::uint8_t kSync = 0x47;
 
   static int PidOf(Bytes packet) { return (packet[1] & 0x1F) << 8 | packet[2]; }
-  // Whether a decoder may begin with it.
+  // Whether a decoder may begin with this packet.
   static bool IsRandomAccess(Bytes packet) {
     return (packet[3] & 0x20) != 0 && packet[4] > 0 && (packet[5] & 0x40) != 0;
   }
@@ -54,25 +54,26 @@ class TransportPackets {
   }
 
  private:
-  // Of the first sync byte that another one follows after a packet, with or without 16 bytes of
-  // error correction between them, as far as the bytes go.
+  // Position of the first sync byte with another one a packet later (with or without 16 bytes of
+  // error correction between them), as far as the bytes go.
   static std::size_t NextSync(Bytes bytes);
 
-  std::array<std::uint8_t, kSize> packet_{};  // the one that is coming in
+  std::array<std::uint8_t, kSize> packet_{};  // the packet being received
   std::size_t filled_ = 0;
 };
 
-// Puts the sections of some PIDs together: whole ones that are in force and have the right CRC.
-// Anything may come in. Owned and called by one reader.
+// Assembles the sections of some PIDs: those that are whole, currently applicable and have the
+// right CRC. The input may be anything. Owned and called by one reader.
 //
 //   transport packet   188 bytes: 0x47, flags and PID, flags and counter, [adaptation], payload
-//   section            table, flags and length; 16 bits of what it is about, version and whether it
-//                      is in force, its number and that of the last one; content; 32 bits CRC
+//   section            table id, flags and length; 16 bits table id extension; version and
+//                      current/next indicator; section number, last section number; content;
+//                      32 bits CRC
 class SectionReader {
  public:
   using Bytes = std::span<const std::uint8_t>;
-  // The section from its table to the end of its content, at least kHeader bytes. It may follow
-  // further PIDs.
+  // The section from its table id to the end of its content, at least kHeader bytes. The sink may
+  // call Follow and Unfollow.
   using Sink = std::function<void(int pid, Bytes section)>;
 
   static constexpr int kPatPid = 0;
@@ -81,14 +82,14 @@ class SectionReader {
   static constexpr std::size_t kHeader = 8;
   static constexpr std::size_t kMaxPids = 256;
 
-  // 12 bits of a length, and 13 of a PID, that begin at that byte.
+  // A length of 12 bits, a PID of 13 bits, and a number of 16 bits in the two bytes at `at`.
   static std::size_t LengthAt(Bytes bytes, std::size_t at) {
     return static_cast<std::size_t>((bytes[at] & 0x0F) << 8 | bytes[at + 1]);
   }
   static int PidAt(Bytes bytes, std::size_t at) { return (bytes[at] & 0x1F) << 8 | bytes[at + 1]; }
   static int NumberAt(Bytes bytes, std::size_t at) { return bytes[at] << 8 | bytes[at + 1]; }
 
-  // Beyond kMaxPids nothing more is followed.
+  // Ignored beyond kMaxPids.
   void Follow(int pid);
   void Unfollow(int pid) { sections_.erase(pid); }
   void Packet(Bytes packet, const Sink& sink);
@@ -98,17 +99,17 @@ class SectionReader {
 
   static void TakeSections(int pid, Section& bytes, const Sink& sink);
 
-  std::map<int, Section> sections_;  // being put together, by PID
+  std::map<int, Section> sections_;  // being assembled, by PID
 };
 
 struct TransportProgram {
   int mapPid = 0;           // of its PMT
-  std::vector<int> pids{};  // of its PCR and of its elementary streams; empty until its PMT came
-  std::string name{};       // of the service; empty until the SDT says it
+  std::vector<int> pids{};  // of its PCR and elementary streams; empty until its PMT has arrived
+  std::string name{};       // of the service; empty until the SDT has arrived
 };
 
-// Anything may come in: what is damaged or not in force says nothing. Owned and called by one
-// reader.
+// The programs of a transport stream. The input may be anything: what is damaged or not yet
+// applicable is ignored. Owned and called by one reader.
 //
 //   PAT   which programs there are, and the PID of each one's PMT
 //   PMT   the PIDs of a program's streams
@@ -123,17 +124,17 @@ class ProgramTables {
   // A packet of the stream (TransportPackets).
   void Packet(Bytes packet);
 
-  // By program number. Only those of a PAT that came whole.
+  // By program number; those of the latest complete PAT.
   const std::map<int, TransportProgram>& programs() const { return programs_; }
-  int transportStream() const { return transportStream_; }  // its number
-  // Grows with everything that changes here.
+  int transportStream() const { return transportStream_; }  // transport_stream_id
+  // Grows with every change.
   std::uint64_t version() const { return version_; }
 
  private:
-  // A table in several sections, until it is replaced by another version.
+  // A table in several sections, replaced by the next version.
   class Table {
    public:
-    // True when it is whole, and says something else than before.
+    // True when the section is new and the table is complete.
     bool Add(Bytes section);
     const std::map<int, std::vector<std::uint8_t>>& sections() const { return sections_; }
 
@@ -157,31 +158,31 @@ class ProgramTables {
   std::uint64_t version_ = 0;
 };
 
-// The text of a broadcaster's descriptor, whose first byte may name its character set, as UTF-8
-// without control characters.
+// The text of a DVB descriptor, whose first byte may name its character set, as UTF-8 without
+// control characters.
 std::string BroadcastText(std::span<const std::uint8_t> bytes);
 
 // A service that changes its codec while it is sent may keep the PID of the stream and even the
-// version of its tables. A demuxer then continues cutting packets as before, from what is now
-// another codec's data: some come out damaged, often none at all. The PMT says it at once.
+// version of its tables. A demuxer then goes on parsing another codec's data as before: its packets
+// are damaged, or there are none. The PMT shows the change at once.
 //
 //   PAT   sections of PID 0: the PID of each program's PMT
 //   PMT   sections of that PID: type, PID and descriptors of each elementary stream
 //
-// Anything may come in: what is not a transport stream, is damaged (CRC) or not yet in force says
-// nothing. Owned and called by one reader.
+// The input may be anything: what is not a transport stream, is damaged (CRC) or not yet applicable
+// is ignored. Owned and called by one reader.
 class PmtMonitor {
  public:
   PmtMonitor();
 
   void Feed(std::span<const std::uint8_t> bytes);
 
-  // Whether the stream of that PID was announced in one form and later in another.
+  // Whether the stream of this PID was announced in one form and later in another.
   bool HasChanged(int pid) const { return changed_.contains(pid); }
 
  private:
   using Bytes = std::span<const std::uint8_t>;
-  // What says which codec a stream has: its type, and for private data its descriptors.
+  // What tells the codec of a stream: its type, and for private data its descriptors.
   using Form = std::vector<std::uint8_t>;
 
   void ProgramAssociation(Bytes section);

@@ -15,7 +15,7 @@ bool IsRtp(RtpReceiver::Bytes datagram) {
   return datagram.size() >= kRtpHeader && datagram[0] >> 6 == 2;
 }
 
-// Types that a sender's and a receiver's reports would have, were they packets.
+// RTCP packets, by the packet types that they use.
 bool IsControl(RtpReceiver::Bytes datagram) {
   return datagram[1] >= 192 && datagram[1] <= 223;
 }
@@ -24,7 +24,7 @@ std::size_t Number(RtpReceiver::Bytes datagram, std::size_t at) {
   return static_cast<std::size_t>(datagram[at] << 8 | datagram[at + 1]);
 }
 
-// Whether there is a sync byte in every transport packet, wherever the first one begins.
+// Whether every transport packet has its sync byte, wherever the first one begins.
 bool HasSync(RtpReceiver::Bytes bytes) {
   constexpr std::size_t kMinSyncs = 3;
   for (std::size_t begin = 0; begin < std::min(kTransportPacket, bytes.size()); ++begin) {
@@ -101,7 +101,7 @@ RtpReceiver::Bytes RtpReceiver::TakeUndecided(Bytes bytes, const Datagram& datag
     return StartRaw(bytes);
   }
   if (!datagram.packet) {
-    // A report of RTP, or a piece of something that is shorter than a transport packet.
+    // RTCP is dropped; other datagrams pass as raw, but do not decide the framing.
     return datagram.isControl ? Bytes() : StartRaw(bytes);
   }
   const auto first =
@@ -110,7 +110,7 @@ RtpReceiver::Bytes RtpReceiver::TakeUndecided(Bytes bytes, const Datagram& datag
   if (datagram.packet->carriesTransportStream && first != undecided_.end()) {
     return StartRtp(static_cast<std::size_t>(first - undecided_.begin()), bytes, now);
   }
-  // The first of a sequence counts with its second.
+  // The first packet of a sequence is counted with the second.
   others_ += first == undecided_.end() ? 0 : others_ == 0 ? 2 : 1;
   undecided_.push_back({{bytes.begin(), bytes.end()},
                         datagram.packet->ssrc,
@@ -207,7 +207,7 @@ RtpReceiver::Bytes RtpReceiver::TakeRtp(Bytes bytes, const Datagram& datagram,
                        : Hold(next_ + distance, packet->payload, now);
 }
 
-// Most packets come when they are due: nothing is copied then.
+// Most packets arrive when they are due, and need no copy.
 RtpReceiver::Bytes RtpReceiver::InOrder(Bytes payload, Clock::time_point now) {
   ++next_;
   if (reordered_.empty()) {

@@ -16,9 +16,9 @@ extern "C" {
 namespace host {
 namespace {
 
-// By which the thread says by itself why the source is not open in time.
+// Time for the thread to report by itself why the source did not open in time.
 constexpr std::chrono::milliseconds kOpeningMargin{3000};
-// A stream without keyframes continues all the same after that many packets of its reader.
+// A reader of a stream without keyframes continues after this many dropped packets.
 constexpr std::size_t kMaxLeftOut = 1500;
 
 MediaSettings SharedSettings(const MediaSettings& settings) {
@@ -57,7 +57,7 @@ std::unique_ptr<SharedInput::Subscription> SharedInput::Subscribe() {
 void SharedInput::NoteFailure(const Subscription& reader, const MediaError& failure) {
   const os::MutexLock guard(lock_);
   if (reader.isProbed_) {
-    return;  // the next one knows the stream
+    return;  // the next reader knows the stream
   }
   const bool isShown = std::any_of(readers_.begin(), readers_.end(), [&](const auto* other) {
     lock_.AssertHeld();
@@ -120,7 +120,7 @@ void SharedInput::Run() {
   End(failure);
 }
 
-// What is closed is closed before its readers see the end: they may open it again at once.
+// Closes the source before its readers see the end, because they may open it again at once.
 void SharedInput::End(const std::optional<MediaError>& failure) {
   std::unique_ptr<MediaInput> closing;
   {
@@ -140,7 +140,7 @@ void SharedInput::End(const std::optional<MediaError>& failure) {
   }
 }
 
-// Until it ends or the last reader has left. Throws MediaError.
+// Until the source ends or the last reader has left. Throws MediaError.
 void SharedInput::Serve(MediaInput& input) {
   input.Open();
   {
@@ -185,7 +185,7 @@ void SharedInput::Serve(MediaInput& input) {
   }
 }
 
-// False when it is to end.
+// False when reading has to end.
 bool SharedInput::WaitUntilChosen() {
   const os::MutexLock guard(lock_);
   while (!isEnding() && std::none_of(readers_.begin(), readers_.end(),
@@ -195,7 +195,7 @@ bool SharedInput::WaitUntilChosen() {
   return !isEnding();
 }
 
-// What nobody reads is discarded, but for streams that no reader knows yet.
+// Discards streams that no reader reads, except those that no reader knows yet.
 void SharedInput::ApplyChoices(MediaInput& input) {
   std::vector<bool> isRead(places_.size());
   std::vector<int> followed;
@@ -228,7 +228,7 @@ void SharedInput::ApplyChoices(MediaInput& input) {
   input.Follow(followed);
 }
 
-// False when it is to end.
+// False when reading has to end.
 bool SharedInput::WaitForReaders() {
   const os::MutexLock guard(lock_);
   while (!isEnding()) {
@@ -332,7 +332,7 @@ std::unique_ptr<PacketSource> SharedInputs::Open(const MediaSettings& settings,
         input = std::make_shared<SharedInput>(SharedSettings(settings), limits_);
         reader = input->Subscribe();
         try {
-          // Continues by itself when this object is gone.
+          // Goes on when the object is destroyed.
           const os::Thread thread([input] { input->Run(); }, "input");
         } catch (...) {
           input->End(std::nullopt);
@@ -362,7 +362,7 @@ std::unique_ptr<PacketSource> SharedInputs::Open(const MediaSettings& settings,
                        isCancelled ? "stopped" : LateOpening(settings),
                        ffmpeg::MaskUrl(settings.source));
     }
-    // What has ended is not joined again.
+    // An ended source takes no more readers.
     const os::MutexLock guard(lock_);
     const auto known = inputs_.find(key);
     if (known != inputs_.end() && known->second.lock() == input) {

@@ -23,30 +23,30 @@
 
 namespace host {
 
-// Opens a source once and reads its packets once, however many readers it has: each gets those of
-// the streams that it reads, in a bounded queue of its own, and sees the streams in a mirror of its
-// own, which changes with the packets. Streams that nobody reads are not fetched.
+// Opens a source and reads its packets once for any number of readers. Each reader gets the packets
+// of the streams that it reads in a bounded queue of its own, and sees the streams in a mirror of
+// its own, which changes with the packets. Streams that no reader reads are not fetched.
 //
-// What is pushed (RTSP) is read without a pause, and a reader that is too slow loses its queue up
-// to the next keyframe of its video. What waits for its reader (HLS, HTTP, RTMP) waits for the
-// slowest one, but not for one that has read nothing for kMaxPause, unless there is no other.
+// A push source (RTSP) is read without a pause; a reader that is too slow loses its queue up to the
+// next keyframe of its video. A pull source (HLS, HTTP, RTMP) waits for the slowest reader, but not
+// for one that has read nothing for kMaxPause, unless there is no other.
 //
-// Opened for the first reader, by a thread of its own, read from when that one has chosen its
-// streams, and closed when the last one leaves or when it fails; all readers fail with the same
-// MediaError then, once they have read what they still have. A reader that fails by itself, as when
-// it can decode nothing, leaves it to the others; but when none of them has been there since before
-// another such failure, the source is to be opened again, and ends for all. What turns out to lie
-// there as a whole, such as a file on a server, is given to the first reader, opened as it is.
+// The source is opened for the first reader, by a thread of its own; reading begins when that
+// reader has chosen its streams. The source is closed when the last reader leaves or when it fails;
+// all readers then fail with the same MediaError once their queues are empty. If one reader fails
+// by itself, as when it can decode nothing, the others go on; but if every other reader has joined
+// since another such failure, the source ends for all and is opened again. A source that turns out
+// to be complete, such as a file on a server, is handed over, open, to the first reader.
 //
-// The thread may be stuck where nothing ends it, as in the resolution of a name. It touches nothing
-// but what it shares with its readers, and ends as soon as the call returns.
+// The thread may be stuck where it cannot be cancelled, as in the resolution of a name. It touches
+// only what it shares with its readers, and ends as soon as the call returns.
 class SharedInput : public std::enable_shared_from_this<SharedInput> {
  public:
   struct Limits {
-    // Of what waits for one reader.
+    // Of each reader's queue.
     std::size_t bytes = std::size_t{16} << 20;
     std::size_t packets = 4096;
-    // That a source which waits for its reader is read ahead of the slowest one: about a second.
+    // How far a pull source is read ahead of the slowest reader: about a second.
     std::size_t packetsAhead = 128;
   };
 
@@ -65,16 +65,16 @@ class SharedInput : public std::enable_shared_from_this<SharedInput> {
 
   using SteadyClock = std::chrono::steady_clock;
   static constexpr std::chrono::milliseconds kMaxPause{1000};
-  // How long a reader that is cancelled may take to notice.
+  // How long a cancelled reader may take to notice.
   static constexpr std::chrono::milliseconds kNoticePeriod{20};
 
-  // None once the last reader has left, or what was opened is not shared any more.
+  // Null once the last reader has left, or the source is no longer shared.
   std::unique_ptr<Subscription> Subscribe();
   void Leave(Subscription& reader);
   void NoteFailure(const Subscription& reader, const MediaError& failure);
   // False at the deadline.
   bool WaitUntilEnded(ffmpeg::IoDeadline& deadline);
-  // What is not shared: opened, for the first one that asks; null for all others.
+  // A complete source, open, for the first reader that asks; null for all others.
   std::unique_ptr<MediaInput> TakeRecorded();
   void Run();
   void Serve(MediaInput& input);
@@ -91,14 +91,14 @@ class SharedInput : public std::enable_shared_from_this<SharedInput> {
   const Limits limits_;
 
   os::Mutex lock_;
-  os::ConditionVariable changed_;  // the phase
-  os::ConditionVariable read_;     // a reader has, has chosen its streams, or has left
+  os::ConditionVariable changed_;  // the phase has changed
+  os::ConditionVariable read_;     // a reader has read, chosen its streams, or left
   Phase phase_ GUARDED_BY(lock_) = Phase::kOpening;
   std::optional<MediaError> failure_ GUARDED_BY(lock_);   // none: the source has ended
-  bool isLeft_ GUARDED_BY(lock_) = false;                 // by the last reader
-  std::optional<MediaError> outdated_ GUARDED_BY(lock_);  // why it is to be opened again
-  std::uint64_t failures_ GUARDED_BY(lock_) = 0;          // of readers by themselves
-  bool hasBegun_ GUARDED_BY(lock_) = false;               // packets have come
+  bool isLeft_ GUARDED_BY(lock_) = false;                 // the last reader has left
+  std::optional<MediaError> outdated_ GUARDED_BY(lock_);  // why it has to be opened again
+  std::uint64_t failures_ GUARDED_BY(lock_) = 0;          // of single readers
+  bool hasBegun_ GUARDED_BY(lock_) = false;               // packets have arrived
   bool choicesChanged_ GUARDED_BY(lock_) = false;
   std::vector<Subscription*> readers_ GUARDED_BY(lock_);
   std::shared_ptr<const AVFormatContext> streams_ GUARDED_BY(lock_);  // the latest mirror
@@ -106,14 +106,14 @@ class SharedInput : public std::enable_shared_from_this<SharedInput> {
   unsigned openedStreams_ GUARDED_BY(lock_) = 0;
   std::vector<std::string> unknownOptions_ GUARDED_BY(lock_);
   SourceCounts counts_ GUARDED_BY(lock_);
-  // Replaced under the lock, and otherwise the thread's.
+  // Replaced under the lock, otherwise used by the thread only.
   std::unique_ptr<MediaInput> input_;
 
-  std::vector<int> places_;  // the thread's; by index of the demuxer: in the mirrors
+  std::vector<int> places_;  // of the demuxer's streams in the mirrors; used by the thread only
 };
 
-// A reader's part of it. May be destroyed on any one thread after its last call; the last one to
-// leave waits until the source is closed, at most as long as it may take to open.
+// The access of one reader. May be destroyed on any thread after the last call; the last one to
+// leave waits until the source is closed, for the open limit at most.
 class SharedInput::Subscription final : public PacketSource {
  public:
   ~Subscription() override;
@@ -124,7 +124,7 @@ class SharedInput::Subscription final : public PacketSource {
   SourceKind kind() const override { return kind_; }
   unsigned openedStreams() const override { return openedStreams_; }
   const std::vector<std::string>& unknownOptions() const override { return unknownOptions_; }
-  // Of the source since it was subscribed to: what other readers caused is counted, too.
+  // Of the source since this reader joined, for all readers together.
   SourceCounts counts() const override;
   [[noreturn]] void Fail(MediaError::Kind kind, const std::string& reason) const override;
   void OnProbed(int index, const AVCodecParameters& form) override;
@@ -136,7 +136,7 @@ class SharedInput::Subscription final : public PacketSource {
   friend class SharedInputs;
   // What is read, by place in the mirror.
   struct Choice {
-    std::vector<bool> streams;  // of those after them, all
+    std::vector<bool> streams;  // streams beyond these are all read
     std::vector<int> tracks;
     std::optional<int> video;
     bool operator==(const Choice&) const = default;
@@ -146,37 +146,37 @@ class SharedInput::Subscription final : public PacketSource {
 
   explicit Subscription(std::shared_ptr<SharedInput> input) : input_(std::move(input)) {}
 
-  // Until it is open or will not be.
+  // Waits until the source is open or has failed.
   Phase WaitUntilOpen(ffmpeg::IoDeadline& deadline);
-  // Once it is open.
+  // Once the source is open.
   void Begin();
   void NoteChoice();
-  // The next piece, where there is one. Throws MediaError.
+  // The next piece, if there is one. Throws MediaError.
   Outcome Take(std::shared_ptr<const Piece>& piece);
-  // Whether a decoder may begin with it.
+  // Whether a decoder may begin with this piece.
   bool IsStart(const Piece& piece) const;
 
   const std::shared_ptr<SharedInput> input_;
   std::atomic<bool> cancelled_{false};
 
-  // Its reader's.
+  // Used by the reader only.
   StreamMirror mirror_;
   std::shared_ptr<const AVFormatContext> mirrored_;
   SourceKind kind_ = SourceKind::kPull;
   unsigned openedStreams_ = 0;
   std::vector<std::string> unknownOptions_;
-  SourceCounts before_;                           // it has read
+  SourceCounts before_;                           // those of the source when it was subscribed
   std::chrono::steady_clock::duration waited_{};  // for the next packet
 
-  // The following under the input's lock, but that its reader reads the choice without.
+  // The following are guarded by the input's lock; the reader reads its own choice without it.
   os::ConditionVariable came_;
   std::uint64_t failuresBefore_ = 0;  // of readers, when it was subscribed
-  bool isProbed_ = false;             // a stream, which is why it fails
+  bool isProbed_ = false;             // fails only because it has probed a new stream
   std::optional<Choice> choice_;
   std::deque<std::shared_ptr<const Piece>> queue_;
   std::size_t queued_ = 0;       // bytes
   bool awaitsKeyframe_ = false;  // since its queue was full
-  std::size_t leftOut_ = 0;      // packets since then
+  std::size_t leftOut_ = 0;      // packets dropped since then
   std::uint64_t overflows_ = 0;
   std::chrono::steady_clock::time_point readAt_ = std::chrono::steady_clock::now();
 };
@@ -186,10 +186,10 @@ class SharedInputs {
  public:
   explicit SharedInputs(const SharedInput::Limits& limits = {}) : limits_(limits) {}
 
-  // Whether such a source, read live, may be shared so, by its address: it is neither a file nor a
-  // connection whose bytes are shared.
+  // Whether a live source with this address may be shared in this way: it is neither a file nor a
+  // connection whose bytes are shared (SharedReceivers).
   static bool Serves(const MediaSettings& settings);
-  // Sources with equal keys are one.
+  // Sources with equal keys are shared.
   struct Key {
     std::string source;
     std::string playlist;
@@ -203,9 +203,9 @@ class SharedInputs {
   };
   static Key KeyOf(const MediaSettings& settings);
 
-  // The source, open: shared, or for this reader alone. Null: it has to be opened by itself. Waits
-  // while the same source is being closed. The deadline is armed here. Throws MediaError, and
-  // std::system_error when there is no thread for it.
+  // The open source: shared, or for this reader alone. Null: the reader has to open it itself.
+  // Waits while the same source is being closed. Arms the deadline. Throws MediaError, and
+  // std::system_error when no thread can be started.
   std::unique_ptr<PacketSource> Open(const MediaSettings& settings, ffmpeg::IoDeadline& deadline);
 
  private:

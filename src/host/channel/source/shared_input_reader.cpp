@@ -1,4 +1,4 @@
-// A reader's side of a shared input; its thread's is in shared_input.cpp.
+// The reader's side of a shared input; the thread's side is in shared_input.cpp.
 #include <chrono>
 #include <memory>
 #include <numeric>
@@ -14,10 +14,10 @@ extern "C" {
 namespace host {
 namespace {
 
-// By which the thread says by itself that nothing comes, and may wait for a slow reader.
+// Time for the thread to report by itself that nothing arrives, and to wait for a slow reader.
 constexpr std::chrono::milliseconds kSilenceMargin{2000};
 
-// Those of another mirror of the same source.
+// A mirror's streams have the same places in every other mirror of the source.
 std::vector<int> PlacesOfMirror(const AVFormatContext& mirror) {
   std::vector<int> places(mirror.nb_streams);
   std::iota(places.begin(), places.end(), 0);
@@ -55,7 +55,7 @@ void SharedInput::Subscription::Begin() {
   openedStreams_ = input_->openedStreams_;
   unknownOptions_ = input_->unknownOptions_;
   if (input_->hasBegun_) {
-    mirror_->start_time = AV_NOPTS_VALUE;  // its first packet is in the middle
+    mirror_->start_time = AV_NOPTS_VALUE;  // this reader joins in the middle
     before_ = input_->counts_;
   }
 }
@@ -64,7 +64,7 @@ PacketSource::Outcome SharedInput::Subscription::Read(ffmpeg::Packet& packet, bo
   if (cancelled_) {
     throw MediaError(MediaError::Kind::kCancelled, "stopped", input_->maskedSource_);
   }
-  // Others may read streams that come.
+  // The thread does not notice: other readers may get packets of their streams.
   if (waited_ > Milliseconds(input_->settings_.options.readLimit) + kSilenceMargin) {
     Fail(MediaError::Kind::kTimedOut, LateData(input_->settings_));
   }
@@ -102,8 +102,8 @@ PacketSource::Outcome SharedInput::Subscription::Take(std::shared_ptr<const Piec
   return Outcome::kPacket;
 }
 
-// What its reader does not discard. The choice is changed by this thread alone, which therefore
-// reads it without the lock.
+// The streams that the reader does not discard. Only this thread changes the choice, so it reads it
+// without the lock.
 void SharedInput::Subscription::NoteChoice() {
   Choice choice;
   for (unsigned i = 0; i < mirror_->nb_streams; ++i) {

@@ -18,7 +18,7 @@ extern "C" {
 namespace host {
 namespace {
 
-// How long a reader that is cancelled may take to notice.
+// How long a cancelled reader may take to notice.
 constexpr std::chrono::milliseconds kReceivePeriod{20};
 
 }  // namespace
@@ -149,7 +149,7 @@ void SharedReceiver::End(int failure) {
   }
 }
 
-// Until it fails or is cancelled; the connection is closed then. Returns an AVERROR code.
+// Returns an AVERROR code when the connection fails or is cancelled; it is closed then.
 int SharedReceiver::Receive() {
   ffmpeg::Options options;
   for (const auto& [key, value] : address_.options) {
@@ -270,7 +270,7 @@ std::unique_ptr<SharedReceiver::Subscription> SharedReceivers::Subscribe(
         const auto receiver = std::make_shared<SharedReceiver>(address, silenceLimit);
         auto reader = receiver->Subscribe(program);
         try {
-          // Continues by itself when this object is gone.
+          // Goes on when the object is destroyed.
           const os::Thread thread([receiver] { receiver->Run(); }, "receiver");
         } catch (...) {
           receiver->End(AVERROR(EAGAIN));
@@ -286,7 +286,7 @@ std::unique_ptr<SharedReceiver::Subscription> SharedReceivers::Subscribe(
     if (!ending->WaitUntilEnded(deadline)) {
       return nullptr;
     }
-    // What has ended is not joined again.
+    // An ended receiver takes no more readers.
     const os::MutexLock guard(lock_);
     const auto known = receivers_.find(address);
     if (known != receivers_.end() && known->second.lock() == ending) {

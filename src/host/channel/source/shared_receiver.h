@@ -23,41 +23,41 @@
 
 namespace host {
 
-// Receives a transport stream once and takes it apart once, however many read it: each reader gets
-// the packets of its program, or everything, in a bounded queue of its own. A reader that is too
-// slow loses the oldest part of its queue up to where a decoder may begin again. What is pushed
-// (datagrams, SRT) is received without a pause; everything else waits for the slowest reader, but
-// not for one that has read nothing for kMaxPause.
+// Receives and parses a transport stream once for any number of readers. Each reader gets the
+// packets of its program, or everything, in a bounded queue of its own. A reader that is too slow
+// loses the oldest part of its queue up to a point at which a decoder may begin again. Push sources
+// (datagrams, SRT) are received without a pause; all others wait for the slowest reader, but not
+// for one that has read nothing for kMaxPause.
 //
 // The connection is opened for the first reader, by a thread of its own, and closed when the last
-// one leaves, when it fails, or when nothing has come for longer than any reader waits; all readers
-// fail with it then. A reader waits in Read only; one that leaves last waits until the connection
-// is closed, so that its port can be taken again.
+// reader leaves, when the connection fails, or when nothing has arrived for longer than any reader
+// waits; all readers fail with it then. A reader waits in Read only; the last one to leave waits
+// until the connection is closed, so that its port can be opened again.
 //
-// The thread may be stuck where nothing ends it, as in the resolution of a name. It touches nothing
-// but what it shares with its readers, and ends as soon as the call returns.
+// The thread may be stuck where it cannot be cancelled, as in the resolution of a name. It touches
+// only what it shares with its readers, and ends as soon as the call returns.
 class SharedReceiver : public std::enable_shared_from_this<SharedReceiver> {
  public:
   using Bytes = std::span<const std::uint8_t>;
 
-  // Of one reader, which may be destroyed on any one thread after its last call.
+  // The access of one reader. May be destroyed on any thread after the last call.
   class Subscription {
    public:
     ~Subscription();
     Subscription(const Subscription&) = delete;
     Subscription& operator=(const Subscription&) = delete;
 
-    // Until the connection is there. 0, or an AVERROR code: AVERROR_EXIT after the deadline.
+    // Waits for the connection. 0, or an AVERROR code: AVERROR_EXIT after the deadline.
     int WaitUntilOpen(ffmpeg::IoDeadline& deadline);
-    // The next piece: its bytes, 0 when none came for a moment, or an AVERROR code.
+    // The next piece: its number of bytes, 0 when none arrived for a moment, or an AVERROR code.
     int Read(std::span<std::uint8_t> buffer);
-    // Why nothing of the program comes any more, for a slate.
+    // Why there is no more data of the program, for a slate; none while there may be.
     std::optional<std::string> missingProgram() const;
     // Of the wanted program; 0 when none is wanted, or until it is found.
     int programNumber() const;
-    // RTP packets come, but none with a transport stream.
+    // RTP packets arrive, but none with a transport stream.
     bool carriesOther() const;
-    // RTP packets that never came, since the connection was opened.
+    // RTP packets that never arrived, since the connection was opened.
     std::uint64_t packetsLost() const { return receiver_->packetsLost_; }
     // How often its queue was full.
     std::uint64_t overflows() const;
@@ -72,12 +72,12 @@ class SharedReceiver : public std::enable_shared_from_this<SharedReceiver> {
     Subscription(std::shared_ptr<SharedReceiver> receiver, const config::ProgramChoice& program);
 
     const std::shared_ptr<SharedReceiver> receiver_;
-    // The following under the receiver's lock.
+    // The following are guarded by the receiver's lock.
     os::ConditionVariable came_;
     std::optional<ProgramFilter> filter_;  // none: everything
-    Piece next_;                           // of what is being taken apart
+    Piece next_;                           // being filled
     std::deque<Piece> queue_;
-    std::size_t taken_ = 0;   // bytes of the first piece
+    std::size_t taken_ = 0;   // bytes of the first piece that were read
     std::size_t queued_ = 0;  // bytes
     std::uint64_t overflows_ = 0;
     std::chrono::steady_clock::time_point readAt_ = std::chrono::steady_clock::now();
@@ -110,17 +110,17 @@ class SharedReceiver : public std::enable_shared_from_this<SharedReceiver> {
   ffmpeg::IoDeadline deadline_;
 
   os::Mutex lock_;
-  os::ConditionVariable changed_;  // the phase
-  os::ConditionVariable read_;     // a reader has, or has left
+  os::ConditionVariable changed_;  // the phase has changed
+  os::ConditionVariable read_;     // a reader has read or left
   Phase phase_ GUARDED_BY(lock_) = Phase::kOpening;
   int failure_ GUARDED_BY(lock_) = 0;  // AVERROR code that it ended with
   bool carriesOther_ GUARDED_BY(lock_) = false;
-  bool isLeft_ GUARDED_BY(lock_) = false;  // by the last reader
+  bool isLeft_ GUARDED_BY(lock_) = false;  // the last reader has left
   std::vector<Subscription*> readers_ GUARDED_BY(lock_);
 
   std::atomic<std::uint64_t> packetsLost_{0};
 
-  // The thread's only.
+  // Used by the thread only.
   TransportPackets packets_;
   ProgramTables tables_;
 };
@@ -128,8 +128,8 @@ class SharedReceiver : public std::enable_shared_from_this<SharedReceiver> {
 // The connections of one wall. Any thread; readers may outlive it.
 class SharedReceivers {
  public:
-  // silenceLimit: after which a connection without data is closed. Waits while the same connection
-  // is being closed; none at the deadline. Throws std::system_error when there is no thread for it.
+  // silenceLimit: a connection without data for this long is closed. Waits while the same one is
+  // being closed; null at the deadline. Throws std::system_error when no thread can be started.
   std::unique_ptr<SharedReceiver::Subscription> Subscribe(const ReceiverAddress& address,
                                                           std::chrono::milliseconds silenceLimit,
                                                           const config::ProgramChoice& program,

@@ -18,35 +18,35 @@ namespace {
 
 constexpr std::string_view kRtpScheme = "rtp:";
 constexpr std::string_view kUdpScheme = "udp:";
-// As the RTP protocol calls it in addresses and in options; the UDP protocol, in both, differently.
+// The local port in addresses and options of the RTP protocol, and in both of the UDP protocol.
 constexpr std::string_view kRtpLocalPortInUrl = "localrtpport=";
 constexpr const char* kRtpLocalPort = "local_rtpport";
 constexpr const char* kUdpLocalPort = "localport";
-// A longer datagram would be cut off.
+// Longer datagrams are truncated.
 constexpr const char* kPacketSize = "pkt_size";
 constexpr const char* kMaxDatagram = "65507";  // bytes
-// Of every protocol.
+// An option of every protocol.
 constexpr const char* kReadTimeout = "rw_timeout";
-// A receiver that was kept from running loses datagrams, and not the connection of all its readers.
+// A receiver that was kept from running loses datagrams, but not the connection.
 constexpr const char* kOverrun = "overrun_nonfatal";
 
 constexpr const char* kFormats = "format_whitelist";
 constexpr const char* kProtocols = "protocol_whitelist";
 
-// Containers that hold media and lead to nothing else. HLS, DASH, SDP, concat, IMF and others are
-// texts that name files and addresses, which FFmpeg then opens.
+// Containers that hold media and lead nowhere else. HLS, DASH, SDP, concat, IMF and others are
+// texts with names of files and addresses, which FFmpeg then opens.
 #define TAVREL_CONTAINERS                                                                         \
   "mpegts,mpeg,matroska,mov,flv,live_flv,ogg,avi,asf,nut,mxf,gxf,dv,ivf,obu,wav,w64,aiff,au,caf," \
   "aac,loas,ac3,eac3,dts,truehd,mp3,flac,amr,h264,hevc,m4v,mpegvideo,vc1,mjpeg,mpjpeg,"           \
   "yuv4mpegpipe"
 constexpr const char* kContainers = TAVREL_CONTAINERS;
-// Over HTTP there are playlists, with subtitles beside their segments, and single frames, too.
+// Over HTTP also playlists, with subtitles beside their segments, and single pictures.
 constexpr const char* kHttpFormats =
     TAVREL_CONTAINERS ",hls,dash,webvtt,jpeg_pipe,png_pipe,webp_pipe,bmp_pipe,gif";
 #undef TAVREL_CONTAINERS
 constexpr const char* kTransportStream = "mpegts";
 constexpr const char* kRtmpFormats = "flv,live_flv";
-// A session's description is parsed as one; its packets may carry these containers.
+// Session descriptions, and the containers that their packets may carry.
 constexpr const char* kRtspFormats = "rtsp,sdp,rtp,asf,mpegts";
 constexpr const char* kDescriptionFormats = "sdp,rtp,asf,mpegts";
 constexpr const char* kRtpFormats = "rtp,sdp,mpegts";
@@ -68,7 +68,7 @@ std::string OpenName(const std::string& source) {
   return isFile ? "file:" + source : source;
 }
 
-// What stands before the first colon, by FFmpeg's rules; in lower case. Empty: a path.
+// The part before the first colon, by FFmpeg's rules; in lower case. Empty: a path.
 std::string SchemeOf(std::string_view name) {
   constexpr std::string_view kCharacters =
       "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789+-.";
@@ -82,8 +82,8 @@ std::string SchemeOf(std::string_view name) {
   return qorp::LowerCase(name.substr(0, end));
 }
 
-// Protocols that read another address, such as "async:http://...": every name before a colon
-// counts, but for files.
+// The protocols in an address that contains another one, such as "async:http://...": every name
+// before a colon, except "file".
 std::string NamedProtocols(std::string_view name) {
   std::string names;
   std::string word;
@@ -110,7 +110,7 @@ bool IsDescription(std::string_view name, bool isRemote) {
   return (isRemote ? name.substr(0, name.find_first_of("?#")) : name).ends_with(".sdp");
 }
 
-// Of other addresses, which are opened one after the other.
+// A list of other addresses, which are opened one after the other.
 bool IsList(std::string_view name) {
   const std::string_view path = name.substr(0, name.find_first_of("?#"));
   return path.ends_with(".m3u8") || path.ends_with(".m3u") || path.ends_with(".mpd");

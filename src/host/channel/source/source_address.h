@@ -1,4 +1,4 @@
-// SourceAddress: what is behind the path or URL of a source, and how it is to be opened.
+// SourceAddress: what the path or URL of a source refers to, and how to open it.
 #pragma once
 
 #include <compare>
@@ -7,58 +7,57 @@
 
 namespace host {
 
-// A connection over which a transport stream comes. Readers share one when theirs are equal.
+// A connection that carries a transport stream. Readers with equal addresses share it.
 struct ReceiverAddress {
   std::string url;
   std::map<std::string, std::string> options;  // of the protocol
-  bool isPipe = false;                         // the URL is the path of one
+  bool isPipe = false;                         // the URL is the path of a pipe
   // NOLINTNEXTLINE(modernize-use-nullptr): there is none
   auto operator<=>(const ReceiverAddress&) const = default;
 };
 
-// By the text alone, but for a file that has the form of a URL. Immutable.
+// Decided by the text alone, except for a file whose name has the form of a URL. Immutable.
 class SourceAddress {
  public:
   using Options = std::map<std::string, std::string>;  // of FFmpeg's protocol and container
 
   explicit SourceAddress(const std::string& source);
 
-  // As FFmpeg is to open it.
+  // The name under which FFmpeg opens it.
   const std::string& name() const { return name_; }
 
-  // Comes over the network, as far as the text says.
+  // From the network, as far as the text shows.
   bool isRemote() const { return isRemote_; }
-  // Sent indefinitely, a service in a transport stream, which may change. Of an RTP
-  // address it is what is mostly there: whether it is so is seen when packets come.
+  // An endless transport stream, whose service may change. For an RTP address this is an
+  // assumption, which the first packets confirm or not.
   bool carriesTransportStream() const { return datagrams_ || isConnected_; }
-  // Has no connection: a sender that stops and returns is received again.
+  // No connection: a sender that stops and returns is received again.
   bool isDatagrams() const { return datagrams_; }
   bool isRtp() const { return isRtp_; }
   bool isHttp() const { return isHttp_; }
   // A session description, which says what is received and where.
   bool isDescription() const { return isDescription_; }
 
-  // Several readers may take it from one connection, because what comes can be joined at any time:
-  // a transport stream by what the address says, or, with the program that is wanted of it, by what
-  // the operator says.
+  // Several readers may share one connection, because they can join its stream at any time: the
+  // address shows that it is a transport stream, or the operator says so by choosing a program.
   bool isShareable(bool hasProgram) const;
-  // Comes in time, whether it is read or not.
+  // The sender does not wait for its reader.
   bool isPushed() const { return datagrams_ || scheme_ == "srt"; }
 
-  // The given options, and what opening name() needs besides: above all, which formats and
-  // protocols it may lead to (format_whitelist, protocol_whitelist). What comes from the network
-  // never leads to a local file, and nothing but what an operator expects behind such an address
-  // is a list of other addresses. Options that are given already stay: they may allow more.
+  // The given options, and what else opening name() needs: above all, the formats and protocols
+  // that it may lead to (format_whitelist, protocol_whitelist). Data from the network never leads
+  // to a local file, and a list of other addresses is accepted only where an operator expects one
+  // behind such an address. Given options take precedence: they may allow more.
   Options OpenOptions(Options options) const;
-  // The same of what comes through a pipe or a device: it leads nowhere.
+  // The same for a pipe or a device, which may lead nowhere else.
   static Options PipeOptions(Options options);
-  // The same of an RTP address without a transport stream.
+  // The same for an RTP address without a transport stream.
   static Options RtpOptions(Options options);
 
-  // Where and with which options a transport stream is received. The whitelists are its demuxer's.
+  // URL and options for receiving a transport stream. The whitelists are left to the demuxer.
   std::string ReceiverUrl() const;
   Options ReceiverOptions(Options options) const;
-  // The same without what only the demuxer knows: sources with equal ones share a connection.
+  // The same without the demuxer's options: sources with equal addresses share a connection.
   ReceiverAddress Receiver(const Options& options) const;
 
  private:

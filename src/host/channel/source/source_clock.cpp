@@ -24,7 +24,7 @@ void SourceClock::ReplaceStream(std::size_t index, Time wrapPeriod) {
   stream.wrapPeriod = wrapPeriod;
   stream.lastStep = stream.claimed = 0;
   stream.suspect.reset();
-  stream.doubts = 0;
+  stream.suspects = 0;
 }
 
 void SourceClock::AddOffset(Time value, std::optional<Time> beforeGap, Time since) {
@@ -35,9 +35,9 @@ void SourceClock::Restart() {
   restarting_ = origin_.has_value();
 }
 
-// The one of raw, raw + period, raw - period, ... that lies nearest to the stream's latest time, or
-// to that of another one before it has begun: the streams of a source may begin on both sides of a
-// wrap.
+// The one of raw, raw + period, raw - period, ... that is nearest to the stream's latest time; for
+// a stream that has not begun, to that of its companion, because the streams of a source may begin
+// on both sides of a wrap.
 Time SourceClock::Unwrap(const Stream& stream, Time raw) const {
   const Stream* const near = stream.started ? &stream : Companion(stream);
   if (stream.wrapPeriod <= 0 || near == nullptr) {
@@ -50,7 +50,7 @@ Time SourceClock::Unwrap(const Stream& stream, Time raw) const {
   return raw + turns * stream.wrapPeriod;
 }
 
-SourceClock::Verdict SourceClock::Judge(const Stream& stream, Time raw) const {
+SourceClock::Verdict SourceClock::Classify(const Stream& stream, Time raw) const {
   const Time usual = kBackLimit + 2 * std::max(stream.lastStep, stream.claimed);
   const auto goesOn = [&](Time from) { return raw - from >= -kBackLimit && raw - from <= usual; };
   const Time time = raw + stream.offset.value;
@@ -60,10 +60,11 @@ SourceClock::Verdict SourceClock::Judge(const Stream& stream, Time raw) const {
   }
   const Time due = Due(stream);
   if (due != stream.expected && std::abs(time - due) <= kAdoptionLimit) {
-    return Verdict::kFollows;  // it was away, and is back beside the others
+    return Verdict::kFollows;  // it was away, and has returned beside the others
   }
-  // Without a frame interval there is nothing to doubt.
-  const bool isConfirmed = !forwardLimit_ || stream.lastStep <= 0 || stream.doubts >= kMaxDoubts ||
+  // Without a known frame interval no timestamp is suspect.
+  const bool isConfirmed = !forwardLimit_ || stream.lastStep <= 0 ||
+                           stream.suspects >= kMaxSuspects ||
                            (stream.suspect && goesOn(*stream.suspect));
   return isConfirmed ? Verdict::kConfirmed : Verdict::kSuspect;
 }
@@ -136,8 +137,8 @@ bool SourceClock::FollowJump(Stream& stream, Time raw) {
     return false;
   }
   if (companion != nullptr) {
-    // Beside its companion, or as far from it as before: it makes up for something, has paused by
-    // itself, or packets were lost. What came of it before a loss may have been late.
+    // Beside its companion, or as far from it as before: the stream catches up, has paused alone,
+    // or packets were lost. Its packets before a loss may have been late.
     const Time ahead = raw + stream.offset.value - companion->expected;
     if ((isGap && std::abs(ahead) <= kBackLimit) ||
         std::abs(ahead - stream.ahead) <= std::min(std::abs(step) / 2, kAdoptionLimit)) {
@@ -173,7 +174,7 @@ SourceClock::Mapped SourceClock::Map(std::size_t index, Timestamps timestamps) {
     Verdict verdict = Verdict::kFollows;
     if (!stream.started) {
       stream.offset = newest_;
-    } else if (verdict = Judge(stream, raw); verdict == Verdict::kFollows) {
+    } else if (verdict = Classify(stream, raw); verdict == Verdict::kFollows) {
       ConfirmGap(stream, raw);
     } else {
       if (JoinCompanion(stream, raw)) {
@@ -185,15 +186,14 @@ SourceClock::Mapped SourceClock::Map(std::size_t index, Timestamps timestamps) {
     }
     mapped.dts = verdict == Verdict::kSuspect ? Due(stream) : raw + stream.offset.value;
     if (timestamps.pts) {
-      // The presentation time stays as far from the decoding time as the source has it, a wrap
-      // between the two undone.
+      // PTS stays as far from DTS as in the source; a wrap between the two is undone.
       Time ahead = *timestamps.pts - *given;
       if (stream.wrapPeriod > 0) {
         ahead -= static_cast<Time>(std::llround(static_cast<double>(ahead) /
                                                 static_cast<double>(stream.wrapPeriod))) *
                  stream.wrapPeriod;
       }
-      // Damaged timestamps would place the frame, and all that follow it, at any time.
+      // A damaged PTS would place the frame, and all after it, at any time.
       const Time interval = stream.lastStep > 0 ? stream.lastStep : timestamps.duration;
       const Time most = interval > 0 ? std::max(kMaxFramesAhead * interval, kBackLimit) : kMaxAhead;
       if (ahead >= -kBackLimit && ahead <= most) {
@@ -202,25 +202,25 @@ SourceClock::Mapped SourceClock::Map(std::size_t index, Timestamps timestamps) {
     }
     if (verdict == Verdict::kSuspect) {
       stream.suspect = raw;
-      ++stream.doubts;
+      ++stream.suspects;
     } else {
       if (verdict == Verdict::kConfirmed && stream.suspect) {
         stream.lastStep = std::max<Time>(raw - *stream.suspect, 0);
-      } else if (stream.started && !mapped.discontinuity && stream.doubts == 0) {
+      } else if (stream.started && !mapped.discontinuity && stream.suspects == 0) {
         stream.lastStep = std::max<Time>(raw - stream.lastRaw, 0);
       }
-      // Measured where the two take turns: one that is away stands still.
+      // Measured when the packets of the two alternate: a stream that is away stands still.
       if (const Stream* const companion = Companion(stream);
           companion != nullptr && companion->turn == turn_) {
         stream.ahead = mapped.dts - companion->expected;
       }
       stream.lastRaw = raw;
       stream.suspect.reset();
-      stream.doubts = 0;
+      stream.suspects = 0;
     }
   }
   stream.started = stream.started || given.has_value();
-  // A damaged header says anything about durations, too.
+  // A damaged header may announce any duration.
   const bool isPlausible = timestamps.duration > 0 &&
                            (stream.lastStep <= 0 || timestamps.duration <= 2 * stream.lastStep);
   stream.expected = mapped.dts + (isPlausible ? timestamps.duration : stream.lastStep);

@@ -11,41 +11,39 @@
 
 namespace host {
 
-// A source's timestamps start anywhere, wrap (26.5 hours in MPEG-TS), jump when the sender
-// restarts or splices, and begin again when a file is repeated. Each kind of jump needs another
-// answer:
-//  - a wrap is undone exactly, with the stream's known wrap period, so nothing is seen of it;
-//  - a jump (backwards by more than kBackLimit, or forwards by more than the forward limit) gets a
-//    new offset with which the stream continues where it was; a shorter step forwards is a real
-//    gap;
-//  - the other streams of the source jump a few packets earlier or later: each keeps its own offset
-//    until its own timestamps jump, and then takes that of another stream if it lies beside that
-//    one with it. Audio and video thus stay together, and no packet from before the jump is thrown
-//    to the other side;
-//  - a stream that was away (a sender without audio for a while) is expected where the others have
-//    gone meanwhile, not where it stopped; one that does not come back is no measure for them;
-//  - damaged timestamps say anything, also of all the packets that a container gives one timestamp.
-//  A lone
-//    one of a source that may jump moves nothing, its packet follows the one before it; a jump
-//    counts from the second packet on that confirms it. What jumps by itself continues where it
-//    was, and comes back beside the other streams as soon as its timestamps do; a gap is one when
-//    all have it, or when the others went on meanwhile.
+// A source's timestamps start anywhere, wrap (after 26.5 hours in MPEG-TS), jump when the sender
+// restarts or splices, and begin again when a file is repeated. Each kind is handled in its own
+// way:
+//  - A wrap is undone exactly, by the stream's known wrap period.
+//  - A jump (backwards by more than kBackLimit, or forwards by more than the forward limit) gives
+//    the stream a new offset with which it continues without a gap; a shorter step forwards is a
+//    real gap.
+//  - The other streams of the source jump a few packets earlier or later. Each keeps its own offset
+//    until its own timestamps jump, and then takes that of another stream if this brings it beside
+//    that stream. So audio and video stay together, and no packet from before the jump gets an
+//    offset from after it.
+//  - A stream that was away (a sender without audio for a while) is expected where the others are
+//    by then, not where it stopped. A stream that does not return is no reference for the others.
+//  - Damaged timestamps have any value, and may be shared by all packets that a container gives one
+//    timestamp. In a source that may jump, a single one changes nothing: its packet follows the one
+//    before it. A jump counts once a second packet confirms it. A stream that jumps alone continues
+//    where it was, and returns beside the other streams as soon as its timestamps do. A gap is
+//    real if all streams have it, or if the others continued meanwhile.
 //
 // Owned and called by one reader on its thread; no lock.
 class SourceClock {
  public:
   static constexpr Time kBackLimit = kSecond / 2;
-  // A frame is shown at most so long after it is decoded: as many frames as any codec reorders,
-  // or that time while it is not known how long they are.
+  // Longest time from decoding to presentation: kMaxFramesAhead frames, more than any codec
+  // reorders, or kMaxAhead while the duration of a frame is not known.
   static constexpr Time kMaxAhead = 5 * kSecond;
   static constexpr Time kMaxFramesAhead = 16;
-  // Damaged timestamps one after the other, each different from the others. After more they are
-  // accepted.
-  static constexpr int kMaxDoubts = 3;
-  // How far the streams of one source may be apart when they jump together.
+  // Consecutive suspect timestamps that do not confirm each other; the next one is accepted.
+  static constexpr int kMaxSuspects = 3;
+  // How far apart the streams of one source may be when they jump together.
   static constexpr Time kAdoptionLimit = 2 * kSecond;
-  // A stream that is behind the others by more was away, and one that is behind by the second has
-  // ended as far as the others can know.
+  // A stream that is behind the others by more than kAway was away; one that is behind by more than
+  // kGone counts as ended.
   static constexpr Time kAway = kSecond;
   static constexpr Time kGone = 4 * kSecond;
 
@@ -58,24 +56,24 @@ class SourceClock {
   struct Mapped {
     Time dts = 0;
     std::optional<Time> pts;
-    bool discontinuity = false;  // the first packet of its stream that a jump has moved
+    bool discontinuity = false;  // the first packet of its stream after a jump
   };
 
-  // forwardLimit: the longest step forwards that still counts as a gap; none for a source whose
-  // timestamps do not jump, of which every step forwards is a gap. origin: the source time that
-  // becomes 0; by default that of the first packet.
+  // forwardLimit: the longest step forwards that counts as a gap; none for a source whose
+  // timestamps do not jump: every step forwards is a gap. origin: the source time that becomes 0;
+  // by default that of the first packet.
   explicit SourceClock(std::optional<Time> forwardLimit, std::optional<Time> origin = {});
 
   // Adds a stream and returns its number, counted from 0. wrapPeriod 0: the timestamps never wrap.
   std::size_t AddStream(Time wrapPeriod);
-  // The service continues with another codec or interval, in the place of that stream.
+  // Another stream, of another codec or frame interval, continues in place of this one.
   void ReplaceStream(std::size_t stream, Time wrapPeriod);
 
   // The timestamps of the next packet of a stream, on the continuous clock. A packet without any
   // timestamp follows the one before it.
   Mapped Map(std::size_t stream, Timestamps timestamps);
 
-  // The source begins again from its origin: what follows is placed after everything given so far.
+  // The source begins again from its origin: what follows is placed after everything so far.
   void Restart();
 
   // Clock time minus source time, of the latest packet of a stream.
@@ -88,7 +86,7 @@ class SourceClock {
   struct Offset {
     Time value = 0;
     std::uint64_t number = 0;
-    std::optional<Time> beforeGap{};  // the value before what may be a gap
+    std::optional<Time> beforeGap{};  // if the jump may be a gap: the value before it
     Time since = 0;                   // clock time of the first packet with it
   };
 
@@ -98,31 +96,30 @@ class SourceClock {
     bool started = false;
     Time lastRaw = 0;        // latest source time, wraps undone
     Time expected = 0;       // clock time at which the next packet would follow without a gap
-    Time lastStep = 0;       // distance of the latest two packets
-    Time claimed = 0;        // duration that the latest one is said to have
-    Time ahead = 0;          // of its companion, on the clock, when a packet of that came before
-    std::uint64_t turn = 0;  // counts the packets of all streams
-    std::optional<Time> suspect{};  // source time of the latest packet, which was not believed
-    int doubts = 0;                 // packets in a row of that kind
+    Time lastStep = 0;       // between the latest two packets
+    Time claimed = 0;        // announced duration of the latest packet
+    Time ahead = 0;          // of its companion, on the clock, when their packets alternate
+    std::uint64_t turn = 0;  // number of its latest packet among those of all streams
+    std::optional<Time> suspect{};  // source time of the latest packet, if it is suspect
+    int suspects = 0;               // consecutive suspect packets
   };
 
   Time Unwrap(const Stream& stream, Time raw) const;
-  // What to think of a packet's timestamp: that it follows the one before it, that it continues
-  // from one that was suspect, or that the next one is to confirm it first.
+  // Classifies a packet's timestamp: it follows the one before it; it differs, and is confirmed; or
+  // it is suspect until the next one confirms it.
   enum class Verdict { kFollows, kConfirmed, kSuspect };
-  Verdict Judge(const Stream& stream, Time raw) const;
-  // The other stream of which a packet came last; null without one that is still there.
+  Verdict Classify(const Stream& stream, Time raw) const;
+  // The other stream that had a packet last; null without one that has not ended.
   const Stream* Companion(const Stream& stream) const;
   // Clock time at which the stream's next packet belongs.
   Time Due(const Stream& stream) const;
-  // Takes the offset of its companion if it lies beside that with it; false if not.
+  // Takes the companion's offset if this brings the stream beside it; otherwise false.
   bool JoinCompanion(Stream& stream, Time raw);
-  // Gives the stream another offset when its timestamps jumped; true when they did.
+  // Gives the stream another offset if its timestamps jumped; returns whether they did.
   bool FollowJump(Stream& stream, Time raw);
-  // A slow stream shows by its interval that the gap that its companion seemed to have is one of
-  // the source.
+  // The interval of a slow stream may show that a seeming gap of its companion is real.
   void ConfirmGap(const Stream& stream, Time raw);
-  // The gap that one stream seemed to have is one of the source.
+  // The seeming gap is real: restores the offset before it.
   void BelieveGap(const Offset& gap);
   void AddOffset(Time value, std::optional<Time> beforeGap = {}, Time since = 0);
 
@@ -135,9 +132,9 @@ class SourceClock {
   bool restarting_ = false;
 };
 
-// Within a track times only grow, but where the source's timestamps jumped: what would begin before
-// the item before it begins just behind that. What has no time of its own follows the one before
-// it. Times on the source's continuous clock; one reader, no lock.
+// Within a track, times only grow, except where the source's timestamps jumped: an item that would
+// begin before its predecessor begins just after that one's start. An item without a time follows
+// the one before it. Times are on the source's continuous clock; one reader, no lock.
 class ItemTimes {
  public:
   struct Span {

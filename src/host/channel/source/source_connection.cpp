@@ -22,7 +22,7 @@ extern "C" {
 namespace host {
 namespace {
 
-// To see why a file on a server did not open in time.
+// Time to find out why a file on a server did not open.
 constexpr std::chrono::milliseconds kSecondLook{2000};
 constexpr const char* kSeekable = "seekable";
 constexpr std::size_t kBeginning = 4096;  // bytes
@@ -36,17 +36,16 @@ std::uint64_t BigEndian(std::span<const std::uint8_t> bytes) {
   return number;
 }
 
-// Whether a source that did not open, with this AVERROR code, may open as a stream from its
-// beginning: some servers refuse a request for a range of bytes, others promise ranges and do not
-// keep to them.
+// Whether a source that failed with this AVERROR code may open as a stream from its beginning: some
+// servers refuse a request for a range of bytes, others promise ranges and do not serve them.
 bool MayKnowNoRanges(int code) {
   return code == AVERROR_HTTP_BAD_REQUEST || code == AVERROR_HTTP_OTHER_4XX ||
          code == AVERROR_HTTP_SERVER_ERROR || code == AVERROR_INVALIDDATA;
 }
 
 // Whether the beginning of a file in the MP4 family shows that its data come before the index that
-// is needed to read them. Boxes: four bytes of size, four of type, and eight more of size where the
-// first says 1.
+// is needed to read them. Boxes: four bytes of size, four of type, and eight more of size if the
+// first size is 1.
 bool DataComesFirst(std::span<const std::uint8_t> beginning) {
   while (beginning.size() >= kMaxBoxHeader) {
     std::uint64_t size = BigEndian(beginning.first(4));
@@ -65,8 +64,8 @@ bool DataComesFirst(std::span<const std::uint8_t> beginning) {
   return false;
 }
 
-// The same of a file on a server that knows no byte ranges, from a connection of its own. False
-// when the deadline ends it first.
+// The same for a file on a server without byte ranges, over a connection of its own. False if the
+// deadline ends it first.
 bool ServesDataFirst(const std::string& url, ffmpeg::Options& options,
                      ffmpeg::IoDeadline& deadline) {
   const AVIOInterruptCB interrupt{&ffmpeg::IoDeadline::Callback, &deadline};
@@ -131,7 +130,7 @@ void SourceConnection::FailFor(int code, bool opening) const {
   if (const std::optional<std::string> reason = missingProgram()) {
     Fail(MediaError::Kind::kNoStreams, *reason);
   }
-  // The packet that the ended call still gave may have come before its failure.
+  // Calls that the deadline ended may fail later, after a packet that was still buffered.
   if (deadline_.expired() || code == AVERROR_EXIT) {
     Fail(MediaError::Kind::kTimedOut, opening ? LateOpening(settings_) : LateData(settings_));
   }
@@ -142,7 +141,7 @@ void SourceConnection::FailFor(int code, bool opening) const {
   if (opening && (code == AVERROR_INVALIDDATA || code == AVERROR_EOF)) {
     Fail(MediaError::Kind::kNotMedia, "not a media file, or damaged (" + text + ")");
   }
-  // What FFmpeg answers for a format or a protocol that is not on the source's whitelist.
+  // FFmpeg's error for a format or protocol that is not on the source's whitelist.
   const bool mayBeForbidden =
       opening && code == AVERROR(EINVAL) && (pipe_ || !address_.OpenOptions({}).empty());
   const char* const hint =
@@ -165,7 +164,7 @@ ffmpeg::InputFormat SourceConnection::Open() {
   } catch (const ffmpeg::Error& error) {
     const bool isLate = deadline_.expired() && !deadline_.cancelled();
     if (isLate && address_.isHttp()) {
-      // Without ranges a whole file is read before its index comes.
+      // Without byte ranges, a whole file is read before its index.
       deadline_.Arm(kSecondLook);
       ffmpeg::Options options;
       SetOptions(options, settings_.options.options);
@@ -209,7 +208,7 @@ ffmpeg::InputFormat SourceConnection::OpenHttp() {
     }
     input = OpenDemuxer(nullptr, options);
   }
-  // One that never ends is read through a tap, see FragmentedInput.
+  // An endless one is read through FragmentedInput.
   if (IsMp4(*input) && (input->pb->seekable & AVIO_SEEKABLE_NORMAL) == 0 &&
       avio_size(input->pb) < 0) {
     input.reset();
@@ -284,7 +283,7 @@ ffmpeg::InputFormat SourceConnection::OpenTapped() {
   if (!address_.isDatagrams()) {
     io = fragments_.emplace(io).io();
   }
-  // What the protocol has used is not the demuxer's.
+  // Options that the protocol has used are not passed to the demuxer.
   for (const auto& [key, value] :
        isPipe() ? SourceAddress::PipeOptions({}) : address_.OpenOptions({})) {
     const auto given = settings_.options.options.find(key);
@@ -301,8 +300,8 @@ ffmpeg::InputFormat SourceConnection::OpenTapped() {
   }
 }
 
-// Audio or video without a transport stream: FFmpeg's own receiver knows some of it without an SDP
-// file.
+// Audio or video without a transport stream: FFmpeg's own receiver knows some payload types without
+// an SDP file.
 ffmpeg::InputFormat SourceConnection::OpenOtherRtp() {
   if (address_.isRtp()) {
     try {
@@ -332,12 +331,12 @@ std::optional<ffmpeg::TappedInput::Bytes> SourceConnection::Tap(ffmpeg::TappedIn
 void SourceConnection::SetOptions(ffmpeg::Options& options,
                                   const SourceAddress::Options& wanted) const {
   if (settings_.live) {
-    // Instead of twenty frames, which is most of a second.
+    // The default of twenty frames is most of a second.
     options.Set("fpsprobesize", "3");
   }
   if (settings_.live && address_.isRemote()) {
-    // Instead of five seconds or seven, when a stream is announced of which nothing comes; longer
-    // than mostly between two frames that one can begin with.
+    // The default is five to seven seconds if an announced stream sends nothing; this is longer
+    // than most keyframe intervals.
     options.Set("analyzeduration", "2500000");  // microseconds
   }
   for (const auto& [key, value] : wanted) {
@@ -359,7 +358,7 @@ ffmpeg::InputFormat SourceConnection::OpenDemuxer(AVIOContext* io, ffmpeg::Optio
 }
 
 ffmpeg::InputFormat SourceConnection::OpenAtNextFragment() {
-  // Until the next fragment has come.
+  // The time until the next fragment arrives.
   deadline_.Arm(Milliseconds(settings_.options.readLimit));
   fragments_->Restart();
   ffmpeg::Options options;

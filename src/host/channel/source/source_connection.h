@@ -25,7 +25,7 @@ class SharedInputs;
 // How a source is read.
 struct MediaSettings {
   std::string source;  // path or URL; "-": the standard input
-  // A playlist that is read in place of what lies there, and leads to it; empty: none does.
+  // A playlist that is read in place of the source, and leads to it; empty: none.
   std::string playlist;
   config::ChannelOptions options;
   config::ProgramChoice program;
@@ -33,29 +33,29 @@ struct MediaSettings {
   std::shared_ptr<SharedReceivers> receivers;
   // Null: the source has a demuxer of its own.
   std::shared_ptr<SharedInputs> inputs;
-  // Is shown in a live wall: a fast probe, and a file is repeated if its options say so.
+  // Shown in a live wall: a fast probe, and a file is repeated if its options say so.
   bool live = false;
   bool wantVideo = true;
   bool decodeAudio = true;  // false: packets only
-  // Frames for which a canvas of that rate has no place need not be decoded; none: all are.
+  // Frames that a canvas of this rate does not show need not be decoded; none: all are.
   std::optional<Ratio> canvasRate{};
-  // The demuxer of a live source that keeps an index entry of every packet, about 50 bytes each,
-  // is replaced after that many packets of a stream.
+  // A demuxer that keeps an index entry for every packet, about 50 bytes each, is replaced after
+  // this many packets of a stream, if the source is live.
   int maxIndexEntries = 200'000;
 };
 
-// Several readers may take its bytes from one connection, each with a demuxer of its own: what
-// comes can be joined at any time.
+// Whether several readers may take the bytes of the source from one connection, each with a demuxer
+// of its own, because they can join the stream at any time.
 bool MayShareConnection(const MediaSettings& settings);
-// Why it fails when it is not open, or sends nothing, within the limit.
+// The reason when a source does not open, or sends nothing, within the limit.
 std::string LateOpening(const MediaSettings& settings);
 std::string LateData(const MediaSettings& settings);
 
-// After that many read limits in a row without data, a source of datagrams is opened again after
-// all: a router may have dropped it.
+// After this many consecutive read limits without data, a source of datagrams is opened again after
+// all: a router may have dropped its multicast group.
 inline constexpr int kMaxSilences = 10;
 
-// Decides by the address what is under the demuxer:
+// Decides by the address what the demuxer reads from:
 //
 //   playlist given   TextInput
 //   pipe             PipeInput, FragmentedInput
@@ -64,25 +64,25 @@ inline constexpr int kMaxSilences = 10;
 //   endless HTTP     TappedInput, FragmentedInput
 //   everything else  FFmpeg's own protocols
 //
-// and explains what fails. Owned by a MediaInput, whose demuxers it outlives; its thread, but for
-// the deadline's Cancel.
+// and explains failures. Owned by a MediaInput, whose demuxers it outlives, and called on its
+// thread, except for the deadline's Cancel.
 class SourceConnection {
  public:
-  // settings outlive the connection. isChanged: asked after each block of a transport stream; the
-  // stream ends there when a stream that is read has changed its form.
+  // settings outlive the connection. isChanged: called after each block of a transport stream;
+  // whether an elementary stream that is read has changed its form, which ends reading.
   SourceConnection(const MediaSettings& settings, std::function<bool()> isChanged);
 
   // Within the open limit. Throws MediaError.
   ffmpeg::InputFormat Open();
-  // Of fragmented MP4 that has ended before a fragment: another demuxer, which continues with that
-  // one. Throws MediaError.
+  // For fragmented MP4 that has ended before a fragment: a new demuxer, which continues with that
+  // fragment. Throws MediaError.
   ffmpeg::InputFormat OpenAtNextFragment();
-  // Datagrams that did not come within the limit: the next call receives on. False when there is a
-  // connection that may have broken.
+  // After datagrams did not arrive within the limit: lets the next call receive on. False when
+  // there is a connection that may have broken.
   bool ReceiveOn();
 
-  // Throw an error about this source: one that says all, one for a call that ended with an AVERROR
-  // code, and one about a file of the MP4 family that cannot be sought in.
+  // Throw an error about this source: with this reason, for a call that ended with an AVERROR code,
+  // or about a file of the MP4 family that is not seekable.
   [[noreturn]] void Fail(MediaError::Kind kind, const std::string& reason) const;
   [[noreturn]] void FailFor(int code, bool opening) const;
   [[noreturn]] void FailForItsIndex() const;
@@ -91,14 +91,14 @@ class SourceConnection {
   ffmpeg::IoDeadline& deadline() { return deadline_; }
   // None unless the source may be fragmented MP4.
   std::optional<ffmpeg::FragmentedInput>& fragments() { return fragments_; }
-  // Whether the PMT first announced the stream of that PID in another form.
+  // Whether the PMT first announced the stream of this PID in another form.
   bool HasChanged(int pid) const { return programs_.HasChanged(pid); }
-  // Why nothing of the wanted program comes any more; none as long as it may.
+  // Why there is no more data of the wanted program; none while there may be.
   std::optional<std::string> missingProgram() const;
-  // Of the program that alone comes over the connection; 0: all that there are.
+  // Number of the only program that is delivered; 0: all are.
   int onlyProgram() const;
   const std::vector<std::string>& unknownOptions() const { return unknownOptions_; }
-  // RTP packets that never came.
+  // RTP packets that never arrived.
   std::uint64_t packetsLost() const {
     return subscription_ ? subscription_->packetsLost() : rtp_.lost();
   }
@@ -124,15 +124,16 @@ class SourceConnection {
   const SourceAddress address_;
   const std::function<bool()> isChanged_;
   ffmpeg::IoDeadline deadline_;
-  std::optional<ffmpeg::TextInput> playlist_;      // what is under the demuxer
-  std::optional<ffmpeg::PipeInput> pipe_;          // or that
-  std::optional<ffmpeg::TappedInput> connection_;  // or that
-  RtpReceiver rtp_;                                // for its datagrams
-  std::optional<ProgramReader> program_;           // that is wanted of it
-  // In place of the three: what another thread receives, for this source and others.
+  // The demuxer reads from one of these three, or through FFmpeg's own protocols.
+  std::optional<ffmpeg::TextInput> playlist_;
+  std::optional<ffmpeg::PipeInput> pipe_;
+  std::optional<ffmpeg::TappedInput> connection_;
+  RtpReceiver rtp_;                       // of the connection's datagrams
+  std::optional<ProgramReader> program_;  // the wanted one of the connection
+  // The connection's source if it is shared: receives RTP and filters the program.
   std::unique_ptr<SharedReceiver::Subscription> subscription_;
-  PmtMonitor programs_;                               // for all that comes over the connection
-  std::optional<ffmpeg::FragmentedInput> fragments_;  // of either
+  PmtMonitor programs_;                               // of everything from the connection
+  std::optional<ffmpeg::FragmentedInput> fragments_;  // of the pipe or the connection
   std::vector<std::string> unknownOptions_;
 };
 

@@ -16,15 +16,15 @@ extern "C" {
 namespace host {
 namespace {
 
-// A damaged header may ask for frames of any size: nothing beyond 8K gets memory.
+// A damaged header may ask for frames of any size: no memory is allocated beyond 8K.
 constexpr std::int64_t kMaxPixels = std::int64_t{8192} * 4352;
 
 }  // namespace
 
-FrameThinner::FrameThinner(Ratio canvasRate)
+FrameDropper::FrameDropper(Ratio canvasRate)
     : rate_(canvasRate), period_(FrameDuration(canvasRate)), step_(period_) {}
 
-bool FrameThinner::HasPlace(const AVPacket& packet) {
+bool FrameDropper::HasPlace(const AVPacket& packet) {
   if (packet.dts == AV_NOPTS_VALUE || packet.pts == AV_NOPTS_VALUE) {
     return true;
   }
@@ -33,7 +33,7 @@ bool FrameThinner::HasPlace(const AVPacket& packet) {
     step_ += ((step > 0 ? std::min(step, period_) : period_) - step_) / 4;
   }
   latest_ = packet.dts;
-  // Halves are rounded, and timestamps too.
+  // With a margin for rounded timestamps.
   const bool isTwiceAsFast = step_ <= period_ * 11 / 20;
   const Time offset = packet.pts - FrameStart(NearestFrame(packet.pts, rate_), rate_);
   return !isTwiceAsFast || std::abs(offset) <= step_ * 5 / 8;
@@ -65,7 +65,7 @@ StreamDecoder::StreamDecoder(const AVStream& stream, int threads, std::optional<
   if (decoder->type == AVMEDIA_TYPE_VIDEO) {
     gate_.emplace(decoder->id);
     if (canvasRate) {
-      thinner_.emplace(*canvasRate);
+      dropper_.emplace(*canvasRate);
     }
   }
 }
@@ -139,7 +139,7 @@ void StreamDecoder::Decode(const AVPacket& packet, const FrameSink& sink) {
     return;
   }
   if (isKeyframe) {
-    // Each is a stream of its own: none waits in the decoder for frames that come before it.
+    // Each keyframe is decoded as a stream of its own, so that the decoder does not hold it back.
     Send(packet, sink);
     Drain(sink);
     avcodec_flush_buffers(codec_.get());
@@ -151,17 +151,17 @@ void StreamDecoder::Send(const AVPacket& packet, const FrameSink& sink) {
   if (gate_) {
     gate_->Packet(packet);
     if (gate_->isOverdue()) {
-      // What the decoder itself holds back.
+      // Shows what the decoder itself holds back.
       codec_->flags |= AV_CODEC_FLAG_OUTPUT_CORRUPT;
       codec_->flags2 |= AV_CODEC_FLAG2_SHOW_ALL;
     }
   }
-  const bool isLeftOut = thinner_ && !thinner_->HasPlace(packet);
+  const bool isLeftOut = dropper_ && !dropper_->HasPlace(packet);
   codec_->skip_frame =
       isLeftOut || step_ == DecodeStep::kReferencedOnly ? AVDISCARD_NONREF : AVDISCARD_DEFAULT;
   int result = avcodec_send_packet(codec_.get(), &packet);
   if (result == AVERROR(EAGAIN)) {
-    // Not taken before the frames that are ready are fetched.
+    // The decoder takes no packet until the ready frames are received.
     Receive(sink);
     result = avcodec_send_packet(codec_.get(), &packet);
   }

@@ -17,17 +17,16 @@ struct AVStream;
 
 namespace host {
 
-// A decoder that begins in the middle of a GOP makes frames from references that it never had, and
-// fills those with grey. Nothing is shown before the first keyframe, nor what the decoder itself
-// calls corrupt before then.
-//  - Most decoders mark the frames that are keyframes.
-//  - The one for H.264 holds its frames back by itself, also for streams that are refreshed slice
-//  by
-//    slice and have recovery points but no keyframes: frames from the first packet on that decoding
-//    can begin with are good.
+// A decoder that begins in the middle of a GOP lacks reference frames and replaces them by grey.
+// So no frame is shown before the first good one, and none that the decoder calls corrupt up to
+// then. Which frames are good:
+//  - Most decoders mark keyframes.
+//  - The H.264 decoder holds its frames back by itself, also for streams with recovery points
+//    instead of keyframes (slice by slice refresh): frames are good from the first packet that
+//    decoding can begin with.
 //  - Other codecs are classified by their packets in the same way.
-// Streams that have neither keyframes nor recovery points are refreshed all the same: after
-// kMaxWait of them (or kMaxPackets, when their timestamps stand still) everything is shown.
+// Streams with neither keyframes nor recovery points are refreshed all the same: after kMaxWait (or
+// kMaxPackets, if their timestamps stand still) everything is shown.
 //
 // Owned by one decoder; its thread.
 class KeyframeGate {
@@ -37,7 +36,7 @@ class KeyframeGate {
 
   explicit KeyframeGate(AVCodecID codec) : marksKeyframes_(MarksKeyframes(codec)) {}
 
-  // The next packet is unrelated to those before it.
+  // The next packet is not a continuation of those before it.
   void Close() { *this = KeyframeGate(marksKeyframes_); }
   // Before the packet is decoded.
   void Packet(const AVPacket& packet) {
@@ -64,7 +63,7 @@ class KeyframeGate {
     return open_;
   }
 
-  // Packets come, but none that decoding could begin with.
+  // Packets arrive, but none that decoding could begin with.
   bool waits() const { return !open_ && packets_ > 0 && !key_ && !isOverdue_; }
   bool isOverdue() const { return !open_ && isOverdue_; }
 
@@ -91,16 +90,16 @@ class KeyframeGate {
   bool isOverdue_ = false;
   int packets_ = 0;
   std::int64_t first_ = 0;           // decoding time of the first packet
-  std::optional<std::int64_t> key_;  // time of the first that decoding can begin with
+  std::optional<std::int64_t> key_;  // time of the first packet that decoding can begin with
 };
 
-// Of a source with at least twice the rate of the canvas, the frames for which the canvas has no
-// place: those that are not nearest to one of its frames. Owned by one decoder; its thread.
-class FrameThinner {
+// For a source with at least twice the canvas's rate: finds the frames that the canvas does not
+// show, those that are not the nearest to one of its frames. Owned by one decoder; its thread.
+class FrameDropper {
  public:
-  explicit FrameThinner(Ratio canvasRate);
+  explicit FrameDropper(Ratio canvasRate);
 
-  // Of each packet, in decoding order.
+  // Whether the canvas shows the frame. Called for each packet, in decoding order.
   bool HasPlace(const AVPacket& packet);
 
  private:
@@ -110,7 +109,7 @@ class FrameThinner {
   std::optional<Time> latest_;
 };
 
-// How much is decoded. Each step saves what the ones before it save, and more.
+// How much is decoded. Each step saves more than the one before it.
 enum class DecodeStep {
   kFull,
   kUnreferencedUnfiltered,  // no deblocking of frames that no other frame refers to
@@ -119,50 +118,50 @@ enum class DecodeStep {
   kKeyframesOnly,
 };
 inline constexpr int kDecodeSteps = 5;
-// At least for that long a keyframe stands when nothing else is decoded.
+// Minimum duration of a keyframe when nothing else is decoded.
 inline constexpr Time kKeyframeDuration = 4 * kSecond;
 
-// Decodes packets whose timestamps are in units of 100 ns; frames have the same unit. A damaged
-// packet is counted and skipped, as a monitor must: it never ends the stream. Frames of video begin
-// with a keyframe (KeyframeGate). Owned and called by one reader on its thread.
+// Decodes packets with timestamps in units of 100 ns; frames have the same unit. A damaged packet
+// is counted and skipped; it never ends the stream. Video begins with a keyframe (KeyframeGate).
+// Owned and called by one reader on its thread.
 class StreamDecoder {
  public:
   using FrameSink = std::function<void(ffmpeg::Frame)>;
 
-  // threads: 1 decodes on the calling thread. canvasRate: frames that no other frame refers to and
-  // for which a canvas of that rate has no place are not decoded; none: all are. Throws
-  // ffmpeg::Error when there is no decoder for the stream or it does not start.
+  // threads: 1 decodes on the calling thread. canvasRate: unreferenced frames that a canvas of this
+  // rate does not show are not decoded; none: all are. Throws ffmpeg::Error when there is no
+  // decoder for the stream or it does not start.
   StreamDecoder(const AVStream& stream, int threads, std::optional<Ratio> canvasRate = {});
   ~StreamDecoder();
 
-  // From the next packet on; up from keyframes only from the next keyframe on, since what follows
-  // refers to frames that were dropped.
+  // From the next packet on; from kKeyframesOnly to a lower step, from the next keyframe on,
+  // because the packets before it refer to frames that were dropped.
   void SetStep(DecodeStep step) { wanted_ = step; }
   // The step at which the latest packet was decoded.
   DecodeStep step() const { return step_; }
 
-  // Decode would do nothing with the packet.
+  // Decode would ignore the packet.
   bool Leaves(const AVPacket& packet) const {
     return step_ == DecodeStep::kKeyframesOnly && wanted_ == step_ &&
            (packet.flags & AV_PKT_FLAG_KEY) == 0;
   }
   // Hands every frame that is ready to the sink.
   void Decode(const AVPacket& packet, const FrameSink& sink);
-  // The stream is at its end: hands over what the decoder still holds.
+  // At the end of the stream: hands over what the decoder still holds.
   void Drain(const FrameSink& sink);
-  // Forgets what it holds: the next packet is unrelated, for example after a seek.
+  // Drops what the decoder holds: the next packet is no continuation, for example after a seek.
   void Reset();
 
-  // False when the stream's codec has become another one since.
+  // False when the codec of the stream has changed since.
   bool Fits(const AVStream& stream) const;
-  // What it has found the stream to be. Throws ffmpeg::Error.
+  // The parameters of the stream as decoded. Throws ffmpeg::Error.
   ffmpeg::Parameters Form() const;
-  // Video comes, but its first keyframe is still to come.
+  // Video arrives, but its first keyframe has not.
   bool awaitsKeyframe() const { return gate_.has_value() && gate_->waits(); }
   std::uint64_t damagedPackets() const { return damagedPackets_; }
-  // It gave frames once, and has given none but errors for many packets: what comes is no longer
-  // what the decoder was made for. What follows one damaged keyframe comes back with the next
-  // one, and is waited for longer.
+  // The decoder has given frames, but only errors for many packets since: the stream is no longer
+  // what the decoder was made for. After a single damaged keyframe the limit is higher, because
+  // decoding recovers with the next one.
   bool lost() const {
     const int most = damagedKeysInARow_ > 1 ? kDamagedUntilLost : kDamagedWithoutKeysUntilLost;
     return gaveFrames_ && damagedInARow_ >= most;
@@ -170,7 +169,7 @@ class StreamDecoder {
 
  private:
   static constexpr int kDamagedUntilLost = 25;
-  // More than lie between two keyframes of most senders: two seconds.
+  // More than between two keyframes of most senders: two seconds.
   static constexpr int kDamagedWithoutKeysUntilLost = 64;
 
   void Receive(const FrameSink& sink);
@@ -180,7 +179,7 @@ class StreamDecoder {
 
   ffmpeg::Codec codec_;
   std::optional<KeyframeGate> gate_;  // of video
-  std::optional<FrameThinner> thinner_;
+  std::optional<FrameDropper> dropper_;
   DecodeStep wanted_ = DecodeStep::kFull;
   DecodeStep step_ = DecodeStep::kFull;
   std::uint64_t damagedPackets_ = 0;

@@ -20,7 +20,7 @@ extern "C" {
 namespace host {
 namespace {
 
-// Of these calls nothing but exhausted memory makes one fail.
+// For calls that fail only when memory is exhausted.
 template <typename Result>
 Result NeedsMemory(Result result) {
   bool failed = false;
@@ -40,7 +40,7 @@ void CopyDictionary(AVDictionary*& to, const AVDictionary* from) {
   NeedsMemory(av_dict_copy(&to, from, 0));
 }
 
-// As far as a decoder and a description need it.
+// As far as a decoder and a description need.
 bool IsKnown(const AVCodecParameters& form) {
   return form.codec_type == AVMEDIA_TYPE_VIDEO   ? form.width > 0
          : form.codec_type == AVMEDIA_TYPE_AUDIO ? form.sample_rate > 0
@@ -75,7 +75,7 @@ void CopyStream(AVStream& to, const AVFormatContext& input, const AVStream& from
   to.nb_frames = from.nb_frames;
   to.sample_aspect_ratio = from.sample_aspect_ratio;
   to.avg_frame_rate = from.avg_frame_rate;
-  // What the demuxer knows of it besides is part of the guess.
+  // The guess uses what only the demuxer knows.
   to.r_frame_rate = av_guess_frame_rate(const_cast<AVFormatContext*>(&input),
                                         const_cast<AVStream*>(&from), nullptr);
   to.pts_wrap_bits = from.pts_wrap_bits;
@@ -124,7 +124,7 @@ void CopyPrograms(AVFormatContext& to, const AVFormatContext& from,
   }
 }
 
-// It is better than all others by its disposition, which decides first.
+// Makes the stream the best by its disposition, which is the first criterion.
 void Prefer(AVFormatContext& mirror, int best) {
   if (best < 0) {
     return;
@@ -147,7 +147,7 @@ void FreeMirror::operator()(AVFormatContext* context) const noexcept {
 
 StreamMirror MakeMirror(const AVFormatContext& from) {
   StreamMirror mirror(NeedsMemory(avformat_alloc_context()));
-  mirror->iformat = from.iformat;  // its name and its flags; it has nothing to read with
+  mirror->iformat = from.iformat;  // for its name and flags; nothing is read with it
   mirror->url = from.url != nullptr ? NeedsMemory(av_strdup(from.url)) : nullptr;
   mirror->ctx_flags = from.ctx_flags;
   mirror->start_time = from.start_time;

@@ -21,9 +21,9 @@ namespace host {
 
 namespace {
 
-// A returning stream that pauses longer begins to return again.
+// A pause this long of a returning stream: its return is counted from the start again.
 constexpr Time kMaxPause = StreamFailover::kStable / 2;
-// Without a keyframe of a returning stream for that long: it has none.
+// A returning stream without a keyframe for this long has none.
 constexpr Time kMaxWaitForKeyframe = 10 * kSecond;
 
 }  // namespace
@@ -39,7 +39,7 @@ void StreamFailover::OnPacket(Time duration) {
   }
 }
 
-// By another stream that is better and not much behind.
+// Whether another candidate is better and not much behind.
 bool StreamFailover::IsPreceded(const Candidate& candidate) const {
   return std::any_of(candidates_.begin(), candidates_.end(), [&](const auto& entry) {
     const auto& [stream, other] = entry;
@@ -82,8 +82,8 @@ namespace {
 constexpr Time kDefaultFrameDuration = 400'000;
 constexpr Time kDefaultPacketDuration = kSecond / 50;
 
-// What a packet of audio lasts. The demuxer gives the first ones before it knows their rate,
-// without a duration and all but the first without a timestamp. 0 for video.
+// Duration of an audio packet. The demuxer returns the first ones before it knows their rate,
+// without durations and, except for the first, without timestamps. 0 for video.
 Time AudioDuration(AVStream& stream, int bytes) {
   constexpr int kAacSamples = 1024;
   AVCodecParameters& parameters = *stream.codecpar;
@@ -112,7 +112,7 @@ bool TrackSelector::StartTrack(TrackKind kind, int index, Time frameDuration, st
   return true;
 }
 
-// Audio of a live source of which nothing has come yet that would show its form.
+// Audio of a live source of which nothing has arrived yet that shows its parameters.
 bool TrackSelector::IsAwaited(const AVStream& stream) const {
   return info_.kind != SourceKind::kFile && stream.codecpar->codec_type == AVMEDIA_TYPE_AUDIO &&
          stream.codecpar->sample_rate <= 0;
@@ -189,7 +189,7 @@ std::string TrackSelector::CurrentServiceName() const {
   return name != nullptr ? ffmpeg::Printable(name) : "";
 }
 
-// It comes with a table of its own, often after the source is open, and may change.
+// The name comes in a table of its own, often after the source is open, and may change.
 void TrackSelector::FollowServiceName() {
   constexpr int kPeriod = 32;
   if (--packetsToName_ > 0 || input_.context().nb_programs == 0) {
@@ -288,21 +288,21 @@ void TrackSelector::HandleOther(const AVPacket& packet) {
   }
 }
 
-// 0 where it is not known.
+// 0 if it is not known.
 Time TrackSelector::DurationOf(const AVPacket& packet) const {
   AVStream& stream = *input_.context().streams[packet.stream_index];
   const Time duration = ffmpeg::ToDuration(packet.duration, stream.time_base);
   return duration > 0 ? duration : AudioDuration(stream, packet.size);
 }
 
-// The container lists the programs that its streams belong to, and none has the track's any more.
+// The container lists programs, and none of them has the track's stream any longer.
 bool TrackSelector::IsWithdrawn(TrackKind kind) const {
   AVFormatContext& context = input_.context();
   return context.nb_programs > 0 &&
          av_find_program_from_stream(&context, nullptr, input_.stream(kind).index) == nullptr;
 }
 
-// A stream that begins after the opening may replace the one that is read, and that one may return.
+// A stream that began after the opening may replace the one that is read; the latter may return.
 void TrackSelector::DetectReplacement(TrackKind kind, const AVPacket& packet) {
   Track& replaced = *track(kind);
   AVFormatContext& context = input_.context();
@@ -330,9 +330,9 @@ void TrackSelector::DetectReplacement(TrackKind kind, const AVPacket& packet) {
   }
 }
 
-// Of a kind that was not there when the source was opened, or gave nothing then. Once a decoder has
-// decoded something of it, the source is to be opened again: what cannot be decoded interrupts
-// nothing.
+// A stream of a kind that was missing, or sent nothing, when the source was opened. The source is
+// opened again only once something of the stream was decoded, so that a stream that cannot be
+// decoded interrupts nothing.
 void TrackSelector::DetectNewStream(TrackKind kind, AVStream& stream, const AVPacket& packet) {
   bool begins = false;
   try {

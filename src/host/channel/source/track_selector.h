@@ -21,16 +21,16 @@
 namespace host {
 
 // A source may begin further streams while it is read: its service in another form, a second
-// language, a commentary. Another stream takes the place of the one that is read
+// language, a commentary. Another stream replaces the one that is read
 //
-//   - when the container has withdrawn that one: after some packets;
+//   - after some packets, if the container has withdrawn the one that is read;
 //   - otherwise after kSilence without a packet of it: one audio packet may last longer than many
-//     of another stream. Of several streams one in the wanted language is preferred;
-//   - when it is the stream that was chosen at first, and has returned for kStable.
+//     of another stream. Of several streams, one in the wanted language is preferred;
+//   - if it is the stream that was chosen first, once it has returned for kStable.
 //
 // Silence is measured by what the other streams send meanwhile, not by a clock: sources are read
-// faster and slower than they play. Their packets are kept until then (at most kMaxKeptBytes),
-// since the first one is mostly a keyframe, and the next may be far away.
+// faster and slower than they play. The packets of each are kept until then (kMaxKeptBytes), since
+// the first one is usually a keyframe, and the next keyframe may be far away.
 //
 // Owned and called by one reader on its thread.
 class StreamFailover {
@@ -43,7 +43,7 @@ class StreamFailover {
   struct Candidacy {
     Time duration = 0;  // of the packet
     bool isInWantedLanguage = false;
-    bool replacesWithdrawn = false;  // the container has the stream, and no longer the one read
+    bool replacesWithdrawn = false;  // the container lists the stream, but not the one that is read
   };
 
   // chosen: index of the stream that is read from the beginning.
@@ -52,17 +52,17 @@ class StreamFailover {
   bool IsChosen(int stream) const { return stream == chosen_; }
   // A packet of the stream that is read.
   void OnPacket(Time duration);
-  // A packet of another stream of the kind. True when that one is to be read from now on, beginning
-  // with TakeKept.
+  // A packet of another stream of the kind. True when that stream is to be read from now on,
+  // beginning with TakeKept.
   bool OnOther(const AVPacket& packet, const Candidacy& candidacy);
-  // The packets of that stream since the latest one of the stream that was read.
+  // The packets of this stream since the latest one of the stream that was read.
   std::vector<ffmpeg::Packet> TakeKept(int stream);
 
  private:
   struct Candidate {
-    Time received =
-        0;          // of the chosen stream: since it returned; otherwise: in the present silence
-    Time read = 0;  // what was read of the present stream since the latest packet
+    // Of the chosen stream, since it returned; of others, in the present silence.
+    Time received = 0;
+    Time read = 0;  // of the stream that is read, since the latest packet of this one
     int packets = 0;
     bool isInWantedLanguage = false;
     std::deque<ffmpeg::Packet> kept;
@@ -75,10 +75,9 @@ class StreamFailover {
   std::map<int, Candidate> candidates_;  // by stream index
 };
 
-// Chooses the best video and the wanted audio when the source is open, both of the wanted program
-// where one is wanted, and watches the other
-// streams from then on: a new stream may replace the one that is read, and one of a kind that the
-// source did not have begins.
+// Chooses the best video and the wanted audio when the source is open (of the wanted program, if
+// any), and watches the other streams from then on: a stream may replace the one that is read, and
+// one of a kind that the source did not have may begin.
 //
 // Owned and called by one reader on its thread.
 class TrackSelector {
@@ -89,8 +88,8 @@ class TrackSelector {
 
   // Once the input is open. Throws MediaError when there is nothing to show.
   void Choose();
-  // Has a packet of a track decoded, and detects by the others that a stream ends, begins or
-  // returns. Throws MediaError.
+  // Has a packet of a track decoded; detects from packets of other streams that a stream ends,
+  // begins or returns. Throws MediaError.
   void Handle(ffmpeg::Packet packet);
   // The input has replaced its demuxer.
   void OnReplacedDemuxer();
@@ -106,13 +105,13 @@ class TrackSelector {
  private:
   struct Track {
     StreamFailover failover;
-    std::string language{};  // that is wanted: of the settings, or of the stream that was chosen
+    std::string language{};  // wanted: that of the settings, or of the stream that was chosen
   };
 
   void ChooseProgram();
-  // Whether it may be a track: of the wanted program.
+  // Whether the stream may be a track: it belongs to the wanted program.
   bool IsWanted(int index) const;
-  // As the container has it at present: of the wanted program, or of the one that the track is in.
+  // As the container has it now: of the wanted program, or of that of the track.
   std::string CurrentServiceName() const;
   void FollowServiceName();
   std::optional<Track>& track(TrackKind kind) { return tracks_[static_cast<std::size_t>(kind)]; }
@@ -135,11 +134,11 @@ class TrackSelector {
   ffmpeg::Parameters audioParameters_;
   std::array<std::optional<Track>, kTrackKinds.size()> tracks_;  // by TrackKind
   unsigned knownStreams_ = 0;                                    // when the source was opened
-  std::map<int, StreamDecoder> awaited_;  // by index: streams of a kind that has no track
+  std::map<int, StreamDecoder> awaited_;  // of streams of a kind that has no track, by index
   std::uint64_t replacements_ = 0;
-  config::ProgramChoice program_;  // that is wanted, by its number
+  config::ProgramChoice program_;  // the wanted one, by its number
   std::uint64_t renames_ = 0;
-  int packetsToName_ = 0;  // until the name of the service is looked at again
+  int packetsToName_ = 0;  // until the name of the service is read again
 };
 
 }  // namespace host

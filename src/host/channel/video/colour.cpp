@@ -53,7 +53,7 @@ ColourMatrix::ColourMatrix(LumaWeights source, bool fullRange)
   const double kG = 1.0 - kR - kB;
   const double r = 2.0 * (1.0 - kR);
   const double b = 2.0 * (1.0 - kB);
-  // The luma of BT.601 of those, as y + yu u + yv v, and its chroma.
+  // Their BT.601 luma, as y + yu u + yv v, and BT.601 chroma.
   const double toR = kBt601.red;
   const double toB = kBt601.blue;
   const double toG = 1.0 - toR - toB;
@@ -80,8 +80,8 @@ void ColourMatrix::Apply(ConstPlaneView y, ConstPlaneView u, ConstPlaneView v, P
                          PlaneView outU, PlaneView outV, int width, int height) {
   correction_.resize(static_cast<std::size_t>(width));
   wholeCorrection_.resize(static_cast<std::size_t>(width));
-  // Luma of studio range is only moved: then the correction is rounded for each chroma sample, with
-  // the same result, and the pixels need but a sum of 16 bits.
+  // Studio-range luma has no gain: then the correction is rounded for each chroma sample, with the
+  // same result, and each pixel needs only a sum of 16 bits.
   const bool moveOnly = lumaGain_ == kOne;
   for (int row = 0; row < height / 2; ++row) {
     ConvertChroma(u.data + row * u.stride, v.data + row * v.stride, outU.data + row * outU.stride,
@@ -106,7 +106,7 @@ void ColourMatrix::Apply(ConstPlaneView y, ConstPlaneView u, ConstPlaneView v, P
 
 void ColourMatrix::ConvertChroma(const std::uint8_t* u, const std::uint8_t* v, std::uint8_t* outU,
                                  std::uint8_t* outV, int count) {
-  // Sixteen bits each way: every processor multiplies those several at a time.
+  // Factors of 16 bits: every processor multiplies several of them at a time.
   const auto lumaOfU = static_cast<std::int16_t>(lumaOfU_);
   const auto lumaOfV = static_cast<std::int16_t>(lumaOfV_);
   const auto uOfU = static_cast<std::int16_t>(uOfU_);
@@ -214,11 +214,11 @@ std::string NameOf(const WideColour& colour) {
 }
 
 std::string ConversionOf(const WideColour& colour, int width, int height) {
-  // Whole numbers in between have no place for colours outside BT.709.
+  // Intermediate integer formats clip colours outside BT.709.
   constexpr const char* kWall =
       "p=bt709:t=bt709:m=gbr:r=full,format=gbrp12le,zscale=m=170m:r=limited,format=yuv420p";
   char scale[160];
-  // What is quicker treats the three colours of HLG one by one: its saturated colours would be off.
+  // The approximate mode converts the three colours of HLG separately: saturated colours are wrong.
   std::snprintf(scale, sizeof(scale),
                 "zscale=w=%d:h=%d:filter=bicubic:pin=%d:tin=%d:min=%d:rin=%s:agamma=%d:", width,
                 height, colour.primaries, colour.transfer, colour.matrix,

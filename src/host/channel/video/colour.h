@@ -1,4 +1,4 @@
-// Colours of a source into those of the wall: matrices, and wide colours by a filter.
+// Converts the colours of a source into those of the wall: by a matrix, wide colours by a filter.
 #pragma once
 
 #include <cstddef>
@@ -11,7 +11,7 @@ struct AVFrame;
 
 namespace host {
 
-// The weights of red and blue in a source's luma.
+// The weights of red and blue in luma.
 struct LumaWeights {
   double red = 0.299;
   double blue = 0.114;
@@ -35,12 +35,12 @@ struct PlaneView {
   std::ptrdiff_t stride = 0;
 };
 
-// A linear map of (Y, U, V), applied to 4:2:0 frames without RGB in between: the correction of
-// luma by chroma is worked out once for each chroma sample and added to its four pixels. Going
-// through RGB with the scaler costs several times as much and clips colours that are legal in
-// between. Fixed point with 14 fractional bits: within one step of the exact value.
+// A linear map of (Y, U, V), applied to 4:2:0 frames without RGB in between: the correction of luma
+// by chroma is computed once for each chroma sample and added to its four pixels. The scaler would
+// go through RGB, which costs several times as much and clips legal colours. Fixed point with 14
+// fractional bits: within one step of the exact value.
 //
-// Holds two rows of scratch space: one thread at a time.
+// Has two rows of scratch space: one thread at a time.
 class ColourMatrix {
  public:
   ColourMatrix(LumaWeights source, bool fullRange);
@@ -73,35 +73,35 @@ class ColourMatrix {
   std::vector<std::int16_t> wholeCorrection_;
 };
 
-// What a frame's wide colours are, by FFmpeg's numbers (AVCOL_...), with what is left unsaid
-// filled in.
+// The wide colours of a frame in FFmpeg's numbers (AVCOL_...), with defaults for what the frame
+// leaves unspecified.
 struct WideColour {
   int primaries = 0;
   int transfer = 0;
-  int matrix = 0;  // of frames in red, green and blue: that they are
+  int matrix = 0;  // AVCOL_SPC_RGB for RGB frames
   bool fullRange = false;
-  int peak = 0;  // of high dynamic range: brightest cd/m2, in hundreds; otherwise 0
+  int peak = 0;  // of high dynamic range: peak luminance, a multiple of 100 cd/m2; otherwise 0
 
   bool isHdr() const { return peak > 0; }
   bool operator==(const WideColour&) const = default;
 };
 
-// Of high dynamic range (PQ, HLG), and of primaries wider than those of BT.709 (BT.2020, P3). None
-// for everything else. The peak is what the frame announces for its content or, of that, its
-// mastering display; 1000 cd/m2 when it says nothing.
+// For high dynamic range (PQ, HLG) and primaries wider than those of BT.709 (BT.2020, P3); none for
+// everything else. The peak of PQ is what the frame announces for its content, or else for its
+// mastering display, or else 1000 cd/m2; that of HLG is 1000 cd/m2.
 std::optional<WideColour> WideColourOf(const AVFrame& frame);
 
-// For people: "PQ, BT.2020", "BT.2020".
+// For messages: "PQ, BT.2020", "BT.2020".
 std::string NameOf(const WideColour& colour);
 
-// A chain of filters in FFmpeg's notation that scales such frames into the rectangle and makes
-// them 8-bit 4:2:0 of BT.709's primaries and transfer in BT.601 studio range, as all of the wall's.
+// A filter chain in FFmpeg's notation that scales such frames to this size and converts them to the
+// wall's colours: 8-bit 4:2:0 with BT.709 primaries and transfer, BT.601 matrix and studio range.
 //
-// Brightness of high dynamic range is display light, with the white of graphics (203 cd/m2) as the
-// wall's. Half of that and all below stay as they are, what is brighter is compressed smoothly, so
-// that the peak becomes white and the white of graphics nine tenths of the signal, whatever the
-// peak: for 1000 cd/m2 that is within 5 of 219 steps of the curve of BT.2390. All three colours of
-// a pixel are scaled alike, which keeps its hue; colours that BT.709 has not are clipped.
+// Luminance of high dynamic range is display light, with graphics white (203 cd/m2) as the wall's
+// white. Up to half of that it is unchanged; above, it is compressed smoothly, so that the peak
+// becomes white, and graphics white nine tenths of the signal, for any peak: for 1000 cd/m2 this is
+// within 5 of 219 steps of the curve of BT.2390. The three colours of a pixel are scaled by the
+// same factor, which keeps its hue; colours outside BT.709 are clipped.
 std::string ConversionOf(const WideColour& colour, int width, int height);
 
 }  // namespace host

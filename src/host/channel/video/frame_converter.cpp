@@ -28,10 +28,10 @@ int EvenNear(double value, int limit) {
 
 }  // namespace
 
-FitRect FitFrame(int width, int height, Ratio pictureAspect, int windowWidth, int windowHeight,
+FitRect FitFrame(int width, int height, Ratio pixelAspect, int windowWidth, int windowHeight,
                  Ratio canvasAspect) {
-  // Width of the frame in canvas pixels for each canvas pixel of its height.
-  const double shape = static_cast<double>(width) * pictureAspect.value() /
+  // Width of the frame per height, both in canvas pixels.
+  const double shape = static_cast<double>(width) * pixelAspect.value() /
                        (static_cast<double>(height) * canvasAspect.value());
   FitRect rect;
   if (shape * windowHeight >= windowWidth) {
@@ -52,7 +52,7 @@ namespace {
 constexpr std::uint8_t kBlackLuma = 16;
 constexpr std::uint8_t kNeutralChroma = 128;
 
-// The older names of full-range formats say by their name what the frame's range says as well.
+// The YUVJ formats are older names, with the range in the name; the frame has the range, too.
 AVPixelFormat WithoutRange(int format) {
   switch (format) {
     case AV_PIX_FMT_YUVJ420P:
@@ -77,7 +77,7 @@ bool HasLumaAndChroma(AVPixelFormat format) {
           (AV_PIX_FMT_FLAG_RGB | AV_PIX_FMT_FLAG_PAL | AV_PIX_FMT_FLAG_BAYER)) == 0;
 }
 
-// A source that does not say is taken for what its size makes likely: high definition is BT.709.
+// If the source does not say, its height decides: high definition is BT.709.
 LumaWeights WeightsOf(int colourSpace, int height) {
   switch (colourSpace) {
     case AVCOL_SPC_BT709:
@@ -184,7 +184,7 @@ const char* FrameConverter::WantedDeinterlacing(const AVFrame& frame, Time durat
       break;
   }
   if (deinterlaceMode_ != nullptr) {
-    return deinterlaceMode_;  // single progressive frames in between pass through it unchanged
+    return deinterlaceMode_;  // progressive frames in between pass it unchanged
   }
   if (frame.interlaced_frame == 0) {
     return nullptr;
@@ -194,16 +194,16 @@ const char* FrameConverter::WantedDeinterlacing(const AVFrame& frame, Time durat
                            : "bwdif=mode=send_frame:deint=interlaced";
 }
 
-void FrameConverter::UpdateFilter(const DecodedFrame& picture) {
-  const AVFrame& frame = *picture.frame;
+void FrameConverter::UpdateFilter(const DecodedFrame& decoded) {
+  const AVFrame& frame = *decoded.frame;
   SourceFormat format = FormatOf(frame);
-  format.orientation = picture.orientation;
+  format.orientation = decoded.orientation;
   if (filterFormat_ != format) {
     FinishFilter();
     deinterlaceMode_ = nullptr;
   }
-  const char* const deinterlace = WantedDeinterlacing(frame, picture.duration);
-  const char* const turn = UprightFilter(picture.orientation);
+  const char* const deinterlace = WantedDeinterlacing(frame, decoded.duration);
+  const char* const turn = UprightFilter(decoded.orientation);
   if (filterFormat_ == format && deinterlace == deinterlaceMode_) {
     return;
   }
@@ -226,11 +226,11 @@ void FrameConverter::FinishFilter() {
   }
 }
 
-void FrameConverter::Push(DecodedFrame picture) {
+void FrameConverter::Push(DecodedFrame decoded) {
   try {
-    Filter(std::move(picture));
+    Filter(std::move(decoded));
   } catch (const ffmpeg::Error&) {
-    // The next frame gets a filter of its own, and is not taken for one that needs none.
+    // The next frame gets a new filter.
     filter_.reset();
     filterFormat_.reset();
     deinterlaceMode_ = nullptr;
@@ -238,22 +238,22 @@ void FrameConverter::Push(DecodedFrame picture) {
   }
 }
 
-void FrameConverter::Filter(DecodedFrame picture) {
-  if (picture.discontinuity) {
-    FinishFilter();  // whose times grow
+void FrameConverter::Filter(DecodedFrame decoded) {
+  if (decoded.discontinuity) {
+    FinishFilter();  // its times must grow
     filterFormat_.reset();
   }
-  UpdateFilter(picture);
+  UpdateFilter(decoded);
   if (!filter_) {
-    MakeReady(std::move(picture.frame), {picture.start, picture.duration, picture.discontinuity});
+    MakeReady(std::move(decoded.frame), {decoded.start, decoded.duration, decoded.discontinuity});
     return;
   }
   const bool fields =
       deinterlaceMode_ != nullptr && std::strstr(deinterlaceMode_, "send_field") != nullptr;
-  filteredDuration_ = fields ? picture.duration / 2 : picture.duration;
-  isDiscontinuous_ = isDiscontinuous_ || picture.discontinuity;
-  picture.frame->pts = picture.start;
-  filter_->Push(std::move(picture.frame),
+  filteredDuration_ = fields ? decoded.duration / 2 : decoded.duration;
+  isDiscontinuous_ = isDiscontinuous_ || decoded.discontinuity;
+  decoded.frame->pts = decoded.start;
+  filter_->Push(std::move(decoded.frame),
                 [this](ffmpeg::Frame frame) { Filtered(std::move(frame)); });
 }
 
@@ -295,7 +295,7 @@ void FrameConverter::UpdateScaler(const AVFrame& frame) {
           frame, ConversionOf(*format.wideColour, fit_.width, fit_.height));
       matrix_.emplace(kBt601, false);
     } catch (const ffmpeg::Error&) {
-      // Not for frames of that form: then without it, see ConvertWideColour.
+      // The library does not support the format: see ConvertWideColour.
     }
   }
   if (!colourFilter_) {
@@ -306,8 +306,8 @@ void FrameConverter::UpdateScaler(const AVFrame& frame) {
 
 namespace {
 
-// From a half in both directions on, the mean of what a sample stands for: nothing of the source is
-// missed, it is sharper, and takes less than half of bicubic's time (0.53 against 1.22 ms from
+// For reductions to a half or less in both directions, the area filter: it uses every sample of the
+// source, is sharper, and takes less than half of bicubic's time (0.53 against 1.22 ms from
 // 1920x1080 to 480x270). The scaler's filters have at most 256 taps.
 int FilterFor(int width, int height, const FitRect& to) {
   const bool isReduced = width >= 2 * to.width && height >= 2 * to.height;
@@ -322,8 +322,8 @@ void FrameConverter::MakeScaler(const SourceFormat& format) {
   const bool ownMatrix = HasLumaAndChroma(pixels);
   const bool fullRange =
       format.colourRange == AVCOL_RANGE_JPEG || static_cast<int>(pixels) != format.pixelFormat;
-  // Red, green and blue, palettes and grey come out of the scaler as BT.601 studio range, black and
-  // white in full range.
+  // The scaler converts RGB, palettes and grey to BT.601 studio range, but 1-bit black and white to
+  // full range.
   const bool isBitmap = pixels == AV_PIX_FMT_MONOBLACK || pixels == AV_PIX_FMT_MONOWHITE;
   matrix_.emplace(ownMatrix ? WeightsOf(format.colourSpace, format.height) : kBt601,
                   isBitmap || (ownMatrix && fullRange));
@@ -362,7 +362,7 @@ void FrameConverter::MakeGeneralScaler(const SourceFormat& format, AVPixelFormat
   }
 }
 
-// Where the library does not take the form of a frame, its colours are wrong, but it is seen.
+// If the library does not support the format of a frame, it is shown in wrong colours.
 ffmpeg::Frame FrameConverter::ConvertWideColour(const AVFrame& frame) {
   ffmpeg::Frame converted;
   try {
@@ -382,12 +382,12 @@ void FrameConverter::Write(std::span<std::uint8_t> buffer) {
   if (ready_.empty() || buffer.size() < bufferSize()) {
     throw std::invalid_argument("no picture is ready, or the buffer is too small");
   }
-  const ConvertedFrame picture = std::move(ready_.front());
+  const ConvertedFrame next = std::move(ready_.front());
   ready_.pop_front();
-  UpdateScaler(*picture.frame);
+  UpdateScaler(*next.frame);
 
-  const ffmpeg::Frame converted = colourFilter_ ? ConvertWideColour(*picture.frame) : nullptr;
-  const AVFrame* source = converted ? converted.get() : picture.frame.get();
+  const ffmpeg::Frame converted = colourFilter_ ? ConvertWideColour(*next.frame) : nullptr;
+  const AVFrame* source = converted ? converted.get() : next.frame.get();
   if (box_ && !matrix_->identity()) {
     box_->Scale(*source, {scaled_->data[0], scaled_->linesize[0]},
                 {scaled_->data[1], scaled_->linesize[1]}, {scaled_->data[2], scaled_->linesize[2]});

@@ -1,4 +1,4 @@
-// FrameConverter: the frames of a source as the frames of its window.
+// FrameConverter: converts the frames of a source into those of its window.
 #pragma once
 
 #include <algorithm>
@@ -21,7 +21,7 @@
 
 namespace host {
 
-// In pixels of the window; all four are even.
+// In pixels of the window; all even.
 struct FitRect {
   int x = 0;
   int y = 0;
@@ -32,17 +32,17 @@ struct FitRect {
 };
 
 // The largest centred rectangle in a window (even size, at least 2x2) that shows a frame of
-// width x height samples, each of the shape pictureAspect, undistorted on canvas pixels of the
-// shape canvasAspect. A frame that misses the window by two pixels or less fills it: bars that
-// thin look like faults.
-FitRect FitFrame(int width, int height, Ratio pictureAspect, int windowWidth, int windowHeight,
+// width x height samples with this pixel aspect undistorted on canvas pixels of the aspect
+// canvasAspect. A frame that is smaller than the window by two pixels or less fills it: such thin
+// bars look like faults.
+FitRect FitFrame(int width, int height, Ratio pixelAspect, int windowWidth, int windowHeight,
                  Ratio canvasAspect);
 
-// Of a source that is faster than the canvas one frame passes for each frame of the canvas: the
-// one nearest to it, which is the one that the composer would choose among all. Frames start at
-// multiples of their length, so the placing on the wall's clock shifts the source by whole frames.
-// The length of the source's own frames is learnt from its timestamps; a source of the canvas's
-// rate or slower passes whole, in spite of jitter. No lock: one thread.
+// Of a source that is faster than the canvas, passes one frame for each frame of the canvas: the
+// nearest one, which the composer would choose among all. Canvas frames start at multiples of their
+// duration here; so the source is placed on the wall's clock with an offset of whole frames. The
+// source's frame interval is measured by its timestamps; if it is not faster than the canvas, every
+// frame passes, in spite of jitter. No lock: one thread.
 class RateLimiter {
  public:
   explicit RateLimiter(Ratio canvasRate)
@@ -77,18 +77,17 @@ class RateLimiter {
   Time step_;  // from frame to frame of the source, at most the period
   bool started_ = false;
   Time last_ = 0;
-  std::int64_t served_ =
-      std::numeric_limits<std::int64_t>::min();  // frame of the latest one passed
+  // Canvas frame of the latest frame that passed.
+  std::int64_t served_ = std::numeric_limits<std::int64_t>::min();
 };
 
-// Every frame that comes out has exactly the size of the window, whatever comes in, so that a
-// source that changes its format never moves anything on the wall: the source's frame is
-// deinterlaced and turned upright where needed, thinned to the rate of the canvas, scaled with its
-// aspect kept, centred on black, and converted to BT.601 studio range, of high dynamic range and
-// wide colours too. The layout is packed YV12:
-// Y, then V, then U, the stride of each plane being its width.
+// Every frame of the output has exactly the size of the window, so that a source that changes its
+// format moves nothing on the wall. Frames are deinterlaced and turned upright where needed,
+// dropped to the rate of the canvas, scaled with their aspect, centred on black, and converted to
+// BT.601 studio range, also from high dynamic range and wide colours. The layout is packed YV12: Y,
+// then V, then U, the stride of each plane being its width.
 //
-// Use: Push a frame, then Write as long as Next gives one. Owned and called by one channel on its
+// Use: Push a frame, then Write while Next is not null. Owned and called by one channel on its
 // thread; no lock.
 class FrameConverter {
  public:
@@ -109,10 +108,11 @@ class FrameConverter {
   explicit FrameConverter(const Settings& settings);
   ~FrameConverter();
 
-  // Takes the next frame of the source. Throws ffmpeg::Error when it cannot be handled; the
-  // frame is then lost, the converter stays usable.
-  void Push(DecodedFrame picture);
-  // The source has ended: what the deinterlacer holds back becomes ready. A new source may follow.
+  // Takes the next frame of the source. Throws ffmpeg::Error when it cannot be processed; the frame
+  // is then lost, and the converter can be used further.
+  void Push(DecodedFrame decoded);
+  // At the end of the source: what the deinterlacer holds back becomes ready. A new source may
+  // follow.
   void Finish();
 
   // The times of the frame that Write gives next; null when there is none.
@@ -123,7 +123,7 @@ class FrameConverter {
   // Drops that frame undrawn, when there is no buffer for it.
   void Drop() { ready_.pop_front(); }
 
-  // The window has another size from the next frame on; even, at least 2x2.
+  // The size of the window from the next frame on; even, at least 2x2.
   void Resize(int width, int height);
   std::size_t bufferSize() const;
 
@@ -141,23 +141,23 @@ class FrameConverter {
     int colourSpace = 0;
     int colourRange = 0;
     std::optional<WideColour> wideColour{};
-    Orientation orientation{};  // of what comes in; upright for the scaler
+    Orientation orientation{};  // of the input; upright for the scaler
 
     bool operator==(const SourceFormat&) const = default;
   };
 
   static SourceFormat FormatOf(const AVFrame& frame);
   const char* WantedDeinterlacing(const AVFrame& frame, Time duration) const;
-  void Filter(DecodedFrame picture);
-  void UpdateFilter(const DecodedFrame& picture);
+  void Filter(DecodedFrame decoded);
+  void UpdateFilter(const DecodedFrame& decoded);
   void FinishFilter();
   void Filtered(ffmpeg::Frame frame);
   void MakeReady(ffmpeg::Frame frame, const FrameTimes& times);
   void UpdateScaler(const AVFrame& frame);
   void MakeScaler(const SourceFormat& format);
   void MakeGeneralScaler(const SourceFormat& format, AVPixelFormat pixels, bool isFullRangeBitmap);
-  // The frame in the size of the fit and in the wall's colours. Null when that cannot be done:
-  // then there is a scaler instead.
+  // The frame in the size of fit_ and in the wall's colours. Null when this fails; then a scaler
+  // has replaced the filter.
   ffmpeg::Frame ConvertWideColour(const AVFrame& frame);
 
   Settings settings_;
@@ -166,17 +166,17 @@ class FrameConverter {
 
   std::optional<SourceFormat> filterFormat_;
   std::unique_ptr<FrameFilter> filter_;
-  const char* deinterlaceMode_ = nullptr;  // of the filter, null: none
+  const char* deinterlaceMode_ = nullptr;  // of the filter; null: none
   Time filteredDuration_ = 0;
-  bool isDiscontinuous_ = false;  // the next frame that the filter gives
+  bool isDiscontinuous_ = false;  // for the next frame from the filter
 
   std::optional<SourceFormat> scalerFormat_;
   FitRect fit_;
-  ffmpeg::Scaler scaler_;         // null: the frame has the right size and format already, or ...
-  std::optional<BoxScaler> box_;  // ... this one is there instead
-  ffmpeg::Frame scaled_;          // aligned rows, which the scaler needs
+  ffmpeg::Scaler scaler_;         // null if the frame fits already, or with ...
+  std::optional<BoxScaler> box_;  // ... this one
+  ffmpeg::Frame scaled_;          // with aligned rows, which the scaler needs
   std::optional<ColourMatrix> matrix_;
-  std::unique_ptr<FrameFilter> colourFilter_;  // for wide colours, instead of these four
+  std::unique_ptr<FrameFilter> colourFilter_;  // for wide colours, instead of scalers and scaled_
 };
 
 }  // namespace host

@@ -52,7 +52,7 @@ FrameFilter::FrameFilter(const AVFrame& like, const std::string& description)
   if (!graph_) {
     throw std::bad_alloc();
   }
-  // Many channels share few processors: each works on its own thread only.
+  // Many channels share few processors: each filters on its own thread only.
   graph_->nb_threads = 1;
   source_ = Add(graph_.get(), "buffer", "in");
   sink_ = Add(graph_.get(), "buffersink", "out");

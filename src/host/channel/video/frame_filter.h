@@ -1,4 +1,4 @@
-// A chain of FFmpeg's frame filters: deinterlacing and turning upright.
+// FrameFilter: a chain of FFmpeg's frame filters, for deinterlacing, turning and wide colours.
 #pragma once
 
 #include <functional>
@@ -11,8 +11,8 @@ struct AVFilterContext;
 
 namespace host {
 
-// Takes frames of one size, format and shape; frames carry their start in pts, in units of 100
-// ns. Works on the calling thread alone. Owned by one FrameConverter.
+// Takes frames of one size, format and pixel aspect; frames have their start in pts, in units of
+// 100 ns. Works on the calling thread only. Owned by one FrameConverter.
 class FrameFilter {
  public:
   using FrameSink = std::function<void(ffmpeg::Frame)>;

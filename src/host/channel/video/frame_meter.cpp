@@ -14,10 +14,10 @@ namespace {
 constexpr int kBlack = 16;
 constexpr int kRange = 219;
 constexpr int kRowStep = 2;
-// One in so many samples may be brighter in a black frame.
+// One in this many samples may be brighter in a black frame.
 constexpr std::int64_t kBrightShare = 50;
 
-// What is looked at of one plane: every other of its rows.
+// The measured part of one plane: every other row.
 struct SampledPlane {
   const std::uint8_t* samples;
   int width;
@@ -33,8 +33,8 @@ SampledPlane PlaneOf(const std::uint8_t* samples, int width, int height) {
   return {samples, width, (height + kRowStep - 1) / kRowStep};
 }
 
-std::array<SampledPlane, 3> PlanesOf(const std::uint8_t* picture, int width, int height) {
-  const qorp::ConstYv12Picture planes{picture, width, height};
+std::array<SampledPlane, 3> PlanesOf(const std::uint8_t* frame, int width, int height) {
+  const qorp::ConstYv12Picture planes{frame, width, height};
   return {PlaneOf(planes.Y(), width, height),
           PlaneOf(planes.V(), planes.ChromaWidth(), planes.ChromaHeight()),
           PlaneOf(planes.U(), planes.ChromaWidth(), planes.ChromaHeight())};
@@ -42,10 +42,10 @@ std::array<SampledPlane, 3> PlanesOf(const std::uint8_t* picture, int width, int
 
 using Lanes __attribute__((vector_size(16))) = std::uint8_t;
 constexpr int kLanes = sizeof(Lanes);
-// A lane counts no further.
+// The limit of a lane's count.
 constexpr int kMaxCounted = 255;
 
-// Rows of the lengths that frames have overflow no sum of 32 bits.
+// Rows of possible frame widths do not overflow a sum of 32 bits.
 std::uint32_t CountBrighter(const std::uint8_t* row, int width, std::uint8_t threshold) {
   std::uint32_t count = 0;
   int x = 0;
@@ -90,18 +90,18 @@ FrameMeter::FrameMeter(const config::AlarmOptions& options)
           kBlack + std::lround(kRange * std::clamp(options.black.level, 0.0, 100.0) / 100))),
       stillDifference_(kRange * std::pow(10.0, options.freeze.level / 20)) {}
 
-FrameCondition FrameMeter::Measure(const std::uint8_t* picture, int width, int height) {
+FrameCondition FrameMeter::Measure(const std::uint8_t* frame, int width, int height) {
   FrameCondition condition;
-  condition.black = IsBlack(PlaneOf(picture, width, height), blackLuma_);
-  condition.still = IsStill(picture, width, height);
+  condition.black = IsBlack(PlaneOf(frame, width, height), blackLuma_);
+  condition.still = IsStill(frame, width, height);
   if (!condition.still) {
-    Keep(picture, width, height);
+    Keep(frame, width, height);
   }
   return condition;
 }
 
-bool FrameMeter::IsStill(const std::uint8_t* picture, int width, int height) const {
-  const std::array<SampledPlane, 3> planes = PlanesOf(picture, width, height);
+bool FrameMeter::IsStill(const std::uint8_t* frame, int width, int height) const {
+  const std::array<SampledPlane, 3> planes = PlanesOf(frame, width, height);
   std::int64_t all = 0;
   for (const SampledPlane& plane : planes) {
     all += plane.Count();
@@ -124,9 +124,9 @@ bool FrameMeter::IsStill(const std::uint8_t* picture, int width, int height) con
   return true;
 }
 
-void FrameMeter::Keep(const std::uint8_t* picture, int width, int height) {
+void FrameMeter::Keep(const std::uint8_t* frame, int width, int height) {
   kept_.clear();
-  for (const SampledPlane& plane : PlanesOf(picture, width, height)) {
+  for (const SampledPlane& plane : PlanesOf(frame, width, height)) {
     for (int row = 0; row < plane.rows; ++row) {
       kept_.insert(kept_.end(), plane.Row(row), plane.Row(row) + plane.width);
     }

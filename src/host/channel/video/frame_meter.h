@@ -1,4 +1,4 @@
-// FrameMeter: is a frame black, does it change?
+// FrameMeter: whether a frame is black or still.
 #pragma once
 
 #include <cstdint>
@@ -10,27 +10,27 @@ namespace host {
 
 struct FrameCondition {
   bool black = false;
-  bool still = false;  // no change from the frame at which it stopped to change
+  bool still = false;  // no change since the frame at which changes stopped
 };
 
-// A frame is black when all but a fiftieth of its luma is at most as bright as the black level:
-// a logo or some noise does not make it a frame. It is still when in none of its planes the mean
-// difference from a kept frame is more than the still level; a frame that differs more is kept
-// in its place. A slow fade, each step of which is too small to be seen, thus counts as a change.
+// A frame is black when all but a fiftieth of its luma is at most as bright as the black level, so
+// that a logo or some noise makes no difference. It is still when the mean difference from a kept
+// frame exceeds the still level in none of its planes; otherwise it is kept in place of that frame.
+// So a slow fade counts as a change even if each step is too small to be seen.
 //
-// Every other row is looked at: half the cost, and nothing that fills a frame fits between two
-// rows. Owned and called by one channel's reader; no lock.
+// Only every other row is measured, for half the cost. Owned and called by one channel's reader; no
+// lock.
 class FrameMeter {
  public:
-  // The levels of black and of freeze count.
+  // Uses the levels of black and freeze.
   explicit FrameMeter(const config::AlarmOptions& options);
 
   // A YV12 frame in studio range without padding; width and height are even.
-  FrameCondition Measure(const std::uint8_t* picture, int width, int height);
+  FrameCondition Measure(const std::uint8_t* frame, int width, int height);
 
  private:
-  bool IsStill(const std::uint8_t* picture, int width, int height) const;
-  void Keep(const std::uint8_t* picture, int width, int height);
+  bool IsStill(const std::uint8_t* frame, int width, int height) const;
+  void Keep(const std::uint8_t* frame, int width, int height);
 
   const std::uint8_t blackLuma_;
   const double stillDifference_;    // mean, in luma steps

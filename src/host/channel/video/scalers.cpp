@@ -30,7 +30,7 @@ qorp::Yv12Planes<Sample> PlanesOf(std::span<Sample> frame, int width, int height
 
 std::optional<BoxScaler> BoxScaler::For(AVPixelFormat format, int width, int height, int toWidth,
                                         int toHeight) {
-  // At other reductions the library does not round, which darkens.
+  // At other factors the library does not round, which makes frames darker.
   const auto isBy = [&](int factor) {
     return width == factor * toWidth && height == factor * toHeight;
   };

@@ -1,5 +1,5 @@
-// Frames in another size: at exactly half or a quarter (BoxScaler), and those of a window that has
-// changed its size (FrameScaler).
+// Scale frames: by exactly a half or a quarter (BoxScaler), and for a window that has changed its
+// size (FrameScaler).
 #pragma once
 
 #include <cstdint>
@@ -17,12 +17,12 @@ struct AVFrame;
 
 namespace host {
 
-// Reduces 8-bit 4:2:0 frames by exactly two or four in both directions: each sample is the mean of
-// what it stands for, rounded, which is what the scaler's area filter gives as well, in a ninth of
-// the time. Stateless; any thread.
+// Reduces 8-bit 4:2:0 frames by exactly two or four in both directions: each sample is the rounded
+// mean of those that it replaces, as from the scaler's area filter, in a ninth of its time.
+// Stateless; any thread.
 class BoxScaler {
  public:
-  // None where the sizes or the form of the frames are others.
+  // None for other sizes or pixel formats.
   static std::optional<BoxScaler> For(AVPixelFormat format, int width, int height, int toWidth,
                                       int toHeight);
 
@@ -36,11 +36,11 @@ class BoxScaler {
   int height_;
 };
 
-// For the frames of a channel that were made before its window changed its size. Packed YV12, sizes
-// in pixels, even. One thread.
+// For frames of a channel that were made before its window changed its size. Packed YV12; sizes in
+// pixels, even. One thread.
 class FrameScaler {
  public:
-  // The whole frame, stretched: both windows have fitted the source into themselves. Throws
+  // Stretches the whole frame, with the bars that fit the source into the window. Throws
   // ffmpeg::Error.
   void Scale(std::span<const std::uint8_t> from, int width, int height, std::span<std::uint8_t> to,
              int toWidth, int toHeight);

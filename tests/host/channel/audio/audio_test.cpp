@@ -44,7 +44,7 @@ std::vector<std::array<Time, 3>> Summary(const Readings& readings) {
   return summary;
 }
 
-// One channel that is silent but for one sample.
+// One channel that is silent except for one sample.
 std::vector<float> Impulse(std::size_t samples, std::size_t at, float value) {
   std::vector<float> channel(samples, 0.0F);
   channel[at] = value;
@@ -153,7 +153,7 @@ TEST(SamplePlanes, KeepTheChannelsApart) {
   EXPECT_EQ((std::vector<float>{converted[1], converted[1] + 2}), (std::vector{0.5F, 0.0F}));
 }
 
-// A clip with audio of this kind, read whole through a path.
+// A clip with audio of this kind, read to its end through an audio path.
 class AudioPassthroughTest : public testing::Test {
  protected:
   std::vector<AudioPacket> Take(const std::string& codec, const std::string& extension,
@@ -169,9 +169,9 @@ class AudioPassthroughTest : public testing::Test {
   std::vector<AudioPacket> TakeFile(const std::filesystem::path& file) {
     MediaReader reader(Source(file));
     reader.Open();
-    AudioPassthrough road(track_, "eng",
-                          [this](const std::string& what) { said_.push_back(what); });
-    road.Announce(reader.audioParameters(), &*reader.info().audio);
+    AudioPassthrough passthrough(track_, "eng",
+                                 [this](const std::string& what) { said_.push_back(what); });
+    passthrough.Announce(reader.audioParameters(), &*reader.info().audio);
     std::vector<AudioPacket> packets;
     const auto sink = [&](AudioPacket packet) {
       packets.push_back(std::move(packet));
@@ -182,13 +182,13 @@ class AudioPassthroughTest : public testing::Test {
       if (auto* const packet = std::get_if<AudioPacket>(&item)) {
         ++source_;
         last_ = BytesOf(*packet);
-        road.Take(std::move(*packet), *reader.audioParameters(), *reader.info().audio, sink);
+        passthrough.Take(std::move(*packet), *reader.audioParameters(), *reader.info().audio, sink);
       } else if (const auto* const samples = std::get_if<AudioSamples>(&item)) {
-        road.Take(*samples, sink);
+        passthrough.Take(*samples, sink);
       }
     });
-    road.Finish(sink);
-    lost_ = road.lost();
+    passthrough.Finish(sink);
+    lost_ = passthrough.lost();
     return packets;
   }
 
@@ -234,8 +234,8 @@ TEST_F(AudioPassthroughTest, EncodesIntoTheTrackWhenTheSourceComesBackInAnotherF
   EXPECT_THAT(said_, testing::IsEmpty());
 }
 
-// The demuxer looks at the beginning of a stream only: without more the track would carry packets
-// that it does not describe. E-AC-3 tells its channels to the decoder only.
+// The demuxer reads the beginning of a stream only, so the track would get packets that it does not
+// describe. The channels of E-AC-3 are known to the decoder only.
 TEST_F(AudioPassthroughTest, NoticesAnotherFormWithinOneStreamAndItsReturn) {
   struct Case {
     const char* codec;

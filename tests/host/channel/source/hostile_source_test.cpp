@@ -1,4 +1,4 @@
-// Texts that name files and addresses, sent by somebody who is not to choose what is opened here.
+// Texts that name files and addresses, from a sender who must not choose what is opened here.
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -27,11 +27,11 @@ extern "C" {
 namespace host {
 namespace {
 
-// Every text is sent over one protocol, the first ones over the others: what is read of them is
-// decided in one place.
+// Every text is sent over one protocol, and the first ones over the others, because one place
+// decides what is read of them.
 constexpr std::size_t kFew = 4;
 
-// A file and a port of this machine that nobody is to touch.
+// A file and a port of this machine that must not be opened.
 class Honeypot {
  public:
   explicit Honeypot(const std::filesystem::path& file) : file_(file) {
@@ -64,7 +64,7 @@ class Honeypot {
   const LocalSocket listener_{SOCK_STREAM | SOCK_NONBLOCK};
 };
 
-// Writes a text to a pipe or an address of FFmpeg's until it ends, as often as it is taken.
+// Writes a text to a pipe or an FFmpeg address, again and again until it is stopped.
 class Sender {
  public:
   Sender(std::string url, std::string text, std::map<std::string, std::string> options = {})
@@ -87,7 +87,7 @@ class Sender {
     const AVIOInterruptCB interrupt{&ffmpeg::IoDeadline::Callback, &deadline_};
     while (!deadline_.ShouldStop()) {
       if (url.starts_with('/')) {
-        // Nobody waits for a reader.
+        // Does not wait for a reader.
         const int pipe = ::open(url.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
         if (pipe >= 0) {
           // The reader may have left meanwhile.
@@ -181,7 +181,7 @@ class HostileSourceTest : public testing::Test {
     EXPECT_NE(result, "opened") << source << "\n" << text.substr(0, 300);
     EXPECT_FALSE(honeypot_.touched()) << source << ": " << result << "\n" << text.substr(0, 300);
   }
-  // Who sends it may not listen yet.
+  // The sender may not be listening yet.
   void ExpectRefused(const Sender& sender, const std::string& source,
                      const std::string& text) const {
     std::string result;
@@ -231,7 +231,7 @@ TEST_F(HostileSourceTest, WhatAServerAnswersOpensNoFile) {
       ExpectRefused(Open(source), source, text);
     }
   }
-  // A description that nobody asked for opens no port.
+  // An unexpected session description opens no port.
   const std::string port = std::to_string(FreePort(SOCK_DGRAM));
   const HttpServer server(
       "v=0\r\no=- 0 0 IN IP4 127.0.0.1\r\ns=x\r\nc=IN IP4 127.0.0.1\r\nt=0 0\r\nm=video " + port +

@@ -25,7 +25,7 @@ namespace {
 
 using Kind = MediaError::Kind;
 
-// Of a source that cannot be opened, or of which a failure in reading ends `read`.
+// The error of a source that cannot be opened, or that fails in `read`.
 template <typename Read>
 std::pair<Kind, std::string> Failure(MediaReader::Settings settings, Read read) {
   try {
@@ -64,7 +64,7 @@ TEST(MediaInput, ReadsFilesOfServersThatKnowNoByteRangesAsStreams) {
   using Manner = HttpServer::Manner;
   const TemporaryFolder folder;
   ClipRecipe recipe = SmallClip();
-  recipe.length = 8 * kSecond;  // more than what is kept of the past
+  recipe.length = 8 * kSecond;  // more than is buffered
   const std::string indexLast = ReadWholeFile(Write(recipe, folder / "last.mp4"));
   recipe.containerOptions = {{"movflags", "+faststart"}};
   const std::string indexFirst = ReadWholeFile(Write(recipe, folder / "first.mp4"));
@@ -87,7 +87,7 @@ TEST(MediaInput, ReadsFilesOfServersThatKnowNoByteRangesAsStreams) {
   EXPECT_EQ(OpenFailure(settings).second, remedy);
 }
 
-// FFmpeg's demuxer of MP4 remembers every packet: over months others take its place.
+// FFmpeg's MP4 demuxer remembers every packet, so it is replaced from time to time.
 TEST(MediaInput, ChangesTheDemuxerOfAnEndlessSourceWithoutAGap) {
   const TemporaryFolder folder;
   ClipRecipe recipe = SmallClip();
@@ -100,15 +100,15 @@ TEST(MediaInput, ChangesTheDemuxerOfAnEndlessSourceWithoutAGap) {
                              {"hls_flags", "omit_endlist"}};
   const std::filesystem::path list = Write(recipe, folder / "a.m3u8");
   Pipe pipe(folder / "pipe");
-  // Times of pictures and packets, in their order.
+  // Times of frames and packets, in their order.
   const auto read = [](MediaReader& reader) {
     std::vector<Time> times;
     try {
       reader.Open();
       ReadEach(reader, [&](const MediaItem& item) {
-        if (const auto* const picture = std::get_if<DecodedFrame>(&item)) {
-          times.push_back(picture->start);
-          // A list is read as fast as it can be: the next demuxer has to come beside it.
+        if (const auto* const decoded = std::get_if<DecodedFrame>(&item)) {
+          times.push_back(decoded->start);
+          // A playlist is read at full speed: the replacement has to catch up with it.
           std::this_thread::sleep_for(std::chrono::milliseconds(4));
         } else if (const auto* const packet = std::get_if<AudioPacket>(&item)) {
           times.push_back(packet->start);
@@ -153,27 +153,26 @@ TEST(MediaInput, BeginsAFileAgainWithoutAGapOnTheClock) {
     MediaReader::Settings settings = Source(Write(SmallClip(), folder / name));
     settings.live = true;
     const auto reader = Opened(settings);
-    std::vector<DecodedFrame> pictures;
+    std::vector<DecodedFrame> shown;
     Time lastAudio = -kSecond;
-    while (pictures.size() < 80) {
+    while (shown.size() < 80) {
       MediaItem item = reader->Read();
-      if (auto* picture = std::get_if<DecodedFrame>(&item)) {
-        EXPECT_FALSE(picture->discontinuity);
-        pictures.push_back(std::move(*picture));
+      if (auto* decoded = std::get_if<DecodedFrame>(&item)) {
+        EXPECT_FALSE(decoded->discontinuity);
+        shown.push_back(std::move(*decoded));
       } else if (auto* packet = std::get_if<AudioPacket>(&item)) {
         EXPECT_GE(packet->start, lastAudio);
         lastAudio = packet->start;
       }
     }
     EXPECT_EQ(reader->repeats(), 3U) << name;
-    // The audio may be longer than the picture by a packet: the file is as long as the longer.
-    ExpectSteady(pictures, 500'000);
-    EXPECT_NEAR(pictures.back().start, 79 * 400'000, 1'500'000) << name;
+    // The audio may be longer than the video by a packet: the file is as long as the longer.
+    ExpectSteady(shown, 500'000);
+    EXPECT_NEAR(shown.back().start, 79 * 400'000, 1'500'000) << name;
   }
 }
 
-// Both fail, so that the source is opened again: what is there now may be another clip, or become
-// one.
+// Both fail, so that the source is opened again: the file may be another clip now, or become one.
 TEST(MediaInput, FailsForReopeningWhenARepeatedFileWasWrittenAgainOrGivesNothing) {
   const TemporaryFolder folder;
   const auto failure = [](const std::filesystem::path& file, const std::string& overwriteBy) {
@@ -185,7 +184,7 @@ TEST(MediaInput, FailsForReopeningWhenARepeatedFileWasWrittenAgainOrGivesNothing
                        reader.Read();
                        WriteWholeFile(file, overwriteBy);
                      }
-                     // It may still give what was read ahead, of the former content.
+                     // What was read ahead of the former content may still come.
                      for (int items = 0; items < 1000; ++items) {
                        if (std::holds_alternative<EndOfMedia>(reader.Read())) {
                          return;
@@ -208,7 +207,7 @@ TEST(MediaInput, FailsForReopeningWhenARepeatedFileWasWrittenAgainOrGivesNothing
   EXPECT_EQ(failure(folder / "empty.mkv", ""), "nothing in it can be read");
 }
 
-TEST(MediaDecoder, GoesOnThroughAWrapAndAJumpOfTheTimeStamps) {
+TEST(MediaDecoder, ContinuesThroughAWrapAndAJumpOfTheTimestamps) {
   const TemporaryFolder folder;
   ClipRecipe recipe = SmallClip();
   recipe.videoOptions = {{"bf", "0"}};
@@ -217,7 +216,7 @@ TEST(MediaDecoder, GoesOnThroughAWrapAndAJumpOfTheTimeStamps) {
     recipe.containerOptions = {{"output_ts_offset", offset}};
     return ReadWholeFile(Write(recipe, folder / "wrap.ts"));
   };
-  // A sender that starts again: timestamps of two hours earlier, without a pause.
+  // A sender that restarts: timestamps two hours earlier, without a pause.
   WriteWholeFile(folder / "jump.ts", at("9000") + at("1800"));
   at("95443.2");
   const Content wrapped = ReadFile(folder / "wrap.ts");
@@ -234,8 +233,8 @@ TEST(MediaDecoder, GoesOnThroughAWrapAndAJumpOfTheTimeStamps) {
   }
 }
 
-// Audio and picture are as far apart after damage as they were before it.
-TEST(MediaDecoder, DamageDoesNotTearAudioFromPicture) {
+// Audio and video are as far apart after damage as before it.
+TEST(MediaDecoder, DamageDoesNotMakeAudioAndVideoDiverge) {
   const TemporaryFolder folder;
   ClipRecipe recipe = SmallClip();
   recipe.length = 16 * kSecond;
@@ -253,7 +252,7 @@ TEST(MediaDecoder, DamageDoesNotTearAudioFromPicture) {
   int read = 0;
   constexpr unsigned kTries = 30;
   for (unsigned seed = 0; seed < kTries; ++seed) {
-    // Three bits in a fifth of the datagrams, in a quarter of the clip.
+    // Three bits in a fifth of the datagrams of a quarter of the clip.
     constexpr std::size_t kDatagram = 1316;
     std::mt19937 random(seed);
     std::string damaged = whole;
@@ -273,7 +272,7 @@ TEST(MediaDecoder, DamageDoesNotTearAudioFromPicture) {
   EXPECT_GE(read, static_cast<int>(kTries) * 3 / 4);
 }
 
-// H.264 says it in an SEI message before a keyframe.
+// H.264 has the orientation in an SEI message before a keyframe.
 TEST(MediaDecoder, GivesEachFrameItsOwnOrientation) {
   constexpr char kQuarterTurn[] = "\0\0\0\x01\x06\x2F\x03\x08\0\x09\x80";
   const TemporaryFolder folder;
@@ -289,9 +288,9 @@ TEST(MediaDecoder, GivesEachFrameItsOwnOrientation) {
   }
 }
 
-// The luma of the rows that the picture has.
-std::string LumaOf(const DecodedFrame& picture) {
-  const AVFrame& frame = *picture.frame;
+// The luma rows of the frame.
+std::string LumaOf(const DecodedFrame& decoded) {
+  const AVFrame& frame = *decoded.frame;
   std::string luma;
   for (int y = 0; y < frame.height; ++y) {
     luma.append(reinterpret_cast<const char*>(frame.data[0] + y * frame.linesize[0]),
@@ -316,7 +315,7 @@ TEST(MediaDecoder, BeginsInTheMiddleOfAGopWithTheNextKeyframe) {
     recipe.videoOptions = options;
     recipe.length = 5 * kSecond;
     const std::string stream = ReadWholeFile(Write(recipe, folder / "whole.ts"));
-    // After its tables, from the second fifth of the stream on.
+    // The tables, then the stream from its second fifth on.
     WriteWholeFile(folder / "cut.ts",
                    stream.substr(0, 188 * 3) + stream.substr(stream.size() / 5 / 188 * 188));
     const std::vector<DecodedFrame> all = ReadFile(folder / "whole.ts").pictures;

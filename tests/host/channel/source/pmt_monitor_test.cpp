@@ -28,7 +28,7 @@ Bytes Association() {
   return Packets(0, Section(0, {0, 1, 0xE0 | kMapPid >> 8, Low(kMapPid)}));
 }
 
-// descriptors: of the audio; padding: bytes of a descriptor of the program that says nothing.
+// descriptors: of the audio; padding: bytes of a program descriptor without meaning.
 Bytes Map(std::uint8_t video, std::uint8_t audio, const Bytes& descriptors = {},
           std::uint8_t padding = 0) {
   Bytes body{0xE1, 0x00, 0xF0, Low(2U + padding), 0x0A, padding};
@@ -39,7 +39,7 @@ Bytes Map(std::uint8_t video, std::uint8_t audio, const Bytes& descriptors = {},
   return Packets(kMapPid, Section(2, body));
 }
 
-TEST(PmtMonitor, TellsTheStreamThatGoesOnInAnotherFormHoweverTheBytesAreCut) {
+TEST(PmtMonitor, DetectsAStreamThatContinuesInAnotherFormHoweverTheBytesAreCut) {
   const Bytes stream = Join({Association(), Map(kMpeg2, 0x0F, {}, 200), Map(kMpeg2, 0x0F, {}, 200),
                              Association(), Map(kH264, 0x0F, {}, 200)});
   for (const std::size_t piece : {1U, 7U, 188U, 189U, 1316U, 10'000U}) {
@@ -65,11 +65,11 @@ TEST(PmtMonitor, KnowsPrivateDataByTheDescriptorThatNamesItsCodec) {
   EXPECT_TRUE(watch.HasChanged(kAudioPid));
 }
 
-TEST(PmtMonitor, BelievesNothingThatIsDamagedOrNoTransportStream) {
+TEST(PmtMonitor, IgnoresWhatIsDamagedOrNoTransportStream) {
   host::PmtMonitor watch;
   watch.Feed(Join({Association(), Map(kMpeg2, 0x0F)}));
   const Bytes changed = Map(kH264, 0x0F);
-  // Each byte of the section damaged, its CRC's too.
+  // Each byte of the section damaged, also those of its CRC.
   for (std::size_t i = 5; i < 30; ++i) {
     Bytes damaged = changed;
     damaged[i] ^= 0x55;
@@ -85,7 +85,7 @@ TEST(PmtMonitor, BelievesNothingThatIsDamagedOrNoTransportStream) {
     watch.Feed(noise);
   }
   EXPECT_FALSE(watch.HasChanged(kVideoPid));
-  // It finds the packets again: the first ones may be taken for the rest of the noise.
+  // The packets are found again; the first ones may be taken for a part of the noise.
   watch.Feed(Join({changed, changed, changed, changed}));
   EXPECT_TRUE(watch.HasChanged(kVideoPid));
 }

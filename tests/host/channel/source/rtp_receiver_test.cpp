@@ -41,7 +41,7 @@ Bytes Packet(std::uint32_t sender, std::uint32_t number, const Bytes& payload,
 
 class RtpReceiverTest : public testing::Test {
  protected:
-  // A packet whose payload is named like it, a millisecond after the one before.
+  // A packet whose payload has its name, a millisecond after the one before.
   void Send(std::uint32_t sender, std::uint32_t number) {
     Send(Packet(sender, number, Payload(number)));
   }
@@ -66,11 +66,11 @@ class RtpReceiverTest : public testing::Test {
 
   RtpReceiver receiver_;
   RtpReceiver::Clock::time_point now_{};
-  std::vector<std::uint32_t> names_;  // of what came out
-  Bytes stream_;                      // and all of it
+  std::vector<std::uint32_t> names_;  // of the output's packets
+  Bytes stream_;                      // the whole output
 };
 
-TEST_F(RtpReceiverTest, SortsWhatIsExchangedAndLeavesOutWhatCameTwice) {
+TEST_F(RtpReceiverTest, SortsReorderedPacketsAndDropsDuplicates) {
   std::mt19937 random(1);
   std::vector<std::uint32_t> order = Row(1, 5000);
   for (std::size_t at = 0; at + 20 < order.size(); at += 20) {
@@ -89,7 +89,7 @@ TEST_F(RtpReceiverTest, SortsWhatIsExchangedAndLeavesOutWhatCameTwice) {
   EXPECT_EQ(receiver_.lost(), 0U);
 }
 
-TEST_F(RtpReceiverTest, PassesOverWhatIsLostAfterAShortWait) {
+TEST_F(RtpReceiverTest, SkipsLostPacketsAfterAShortWait) {
   for (std::uint32_t number = 0; number < 540; ++number) {
     if (number % 100 != 50 && number % 100 != 53) {
       Send(7, number);
@@ -100,7 +100,7 @@ TEST_F(RtpReceiverTest, PassesOverWhatIsLostAfterAShortWait) {
   std::erase_if(there, [](std::uint32_t n) { return n % 100 == 50 || n % 100 == 53; });
   EXPECT_EQ(names_, there);
   EXPECT_EQ(receiver_.lost(), 540 - there.size());
-  // What comes in a burst is not kept without limit either.
+  // Nor are packets of a burst kept without limit.
   for (std::uint32_t number = 541; number < 1500; ++number) {
     now_ -= milliseconds(1);
     Send(7, number);
@@ -108,9 +108,9 @@ TEST_F(RtpReceiverTest, PassesOverWhatIsLostAfterAShortWait) {
   EXPECT_GE(names_.back(), 1200U);
 }
 
-// With another number or identity, and wherever the new numbers lie: among those that were just
+// With another sequence number or SSRC, wherever the new numbers are: among those that were just
 // sent they look like late packets at first.
-TEST_F(RtpReceiverTest, ASenderThatBeginsAnewLosesNextToNothing) {
+TEST_F(RtpReceiverTest, ASenderThatRestartsLosesNextToNothing) {
   for (const std::uint32_t sender : {7U, 8U}) {
     for (const std::uint32_t first : {0U, 10'000U, 19'500U, 21'500U, 40'000U, 65'530U}) {
       receiver_ = {};
@@ -135,10 +135,10 @@ TEST_F(RtpReceiverTest, StrayPacketsChangeNothingAndDoNotEndASource) {
       Send(isRaw ? Payload(number) : Packet(7, number, Payload(number)));
       receiver_.Take(Packet(9, number, Bytes(100), 96), now_);  // no transport stream
       if (!isRaw && number % 5 == 0) {
-        Send(Packet(9, 30'000 + number, Payload(1'000'000)));  // somebody else's
-        Send(Packet(7, number + 20'000, Payload(1'000'000)));  // a damaged number
-        Send(Packet(7, number, {}, 200));                      // a report
-        Send(Packet(7, number + 1, Bytes(100), 96));           // a correction
+        Send(Packet(9, 30'000 + number, Payload(1'000'000)));  // another sender's
+        Send(Packet(7, number + 20'000, Payload(1'000'000)));  // a damaged sequence number
+        Send(Packet(7, number, {}, 200));                      // RTCP
+        Send(Packet(7, number + 1, Bytes(100), 96));           // error correction
       }
       ASSERT_FALSE(receiver_.carriesOther()) << number;
     }
@@ -155,16 +155,16 @@ TEST_F(RtpReceiverTest, StrayPacketsChangeNothingAndDoNotEndASource) {
   }
 }
 
-TEST_F(RtpReceiverTest, UnderstandsEveryHeaderAndWhatHasNone) {
+TEST_F(RtpReceiverTest, ParsesEveryHeaderAndRawDatagrams) {
   const Bytes payload = Payload(1);
   Bytes rich = Packet(7, 1, {});
-  rich[0] |= 0x20 | 0x10 | 3;            // padding, extension, sources
-  rich.insert(rich.end(), 3 * 4, 0xEE);  // the sources
+  rich[0] |= 0x20 | 0x10 | 3;            // padding, extension, CSRC count
+  rich.insert(rich.end(), 3 * 4, 0xEE);  // the CSRC list
   rich.insert(rich.end(), {1, 2, 0, 2, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE});
   rich.insert(rich.end(), payload.begin(), payload.end());
   rich.insert(rich.end(), {0, 0, 0, 4});
   Send(rich);
-  Send(Packet(7, 2, Payload(2), 96));  // a type that was agreed on
+  Send(Packet(7, 2, Payload(2), 96));  // a dynamic payload type
   Send(Payload(3));
   EXPECT_EQ(names_, Row(1, 4));
 }

@@ -45,7 +45,7 @@ class SourceClockTest : public testing::Test {
   std::optional<SourceClock> clock_{std::in_place, 10 * kSecond};
   std::size_t video_ = clock_->AddStream(0);
   std::size_t audio_ = clock_->AddStream(0);
-  bool jumped_ = false;  // the latest packet was marked
+  bool jumped_ = false;  // the latest packet was flagged
 };
 
 TEST_F(SourceClockTest, StartsAtZeroOrAtItsOriginAndKeepsPresentationAsFarFromDecoding) {
@@ -55,7 +55,7 @@ TEST_F(SourceClockTest, StartsAtZeroOrAtItsOriginAndKeepsPresentationAsFarFromDe
   Reset({}, 5 * kSecond);
   EXPECT_EQ(Video(6 * kSecond), kSecond);
 
-  // Flipped bits, or further ahead than any codec shows its pictures, are as if there were none.
+  // A PTS with flipped bits, or further ahead than any codec reorders, is ignored.
   Reset({});
   const struct {
     Time ahead;
@@ -90,7 +90,7 @@ TEST_F(SourceClockTest, UndoesAWrapExactlyAndWithoutAFlag) {
   EXPECT_EQ(clock_->Map(clock_->AddStream(kPeriod), At(kFrame)).dts, 4 * kFrame);
 }
 
-// A short clip that is sent again and again: the jumps are smaller than streams may lie apart.
+// A short clip that is sent repeatedly: the jumps are smaller than streams may be apart.
 TEST_F(SourceClockTest, ContinuesThroughShortRepeats) {
   for (int i = 0; i < 200; ++i) {
     EXPECT_EQ(Video(i % 25 * kFrame), i * kFrame);
@@ -121,7 +121,7 @@ TEST_F(SourceClockTest, KeepsAGapThatIsShorterThanTheLimitAndSmallStepsBack) {
 
 TEST_F(SourceClockTest, KeepsAudioAndVideoTogetherWhenTheyJumpOneAfterTheOther) {
   Both(1000 * kSecond, 10);
-  // The audio of the old part still comes while the video has jumped.
+  // Audio of the old part still arrives when the video has jumped.
   EXPECT_EQ(Video(20 * kSecond), 10 * kFrame);
   EXPECT_EQ(Audio(1000 * kSecond + 10 * kFrame), 10 * kFrame);
   EXPECT_FALSE(jumped_);
@@ -131,7 +131,7 @@ TEST_F(SourceClockTest, KeepsAudioAndVideoTogetherWhenTheyJumpOneAfterTheOther) 
   EXPECT_TRUE(jumped_);
 }
 
-// A bit of a timestamp that flips is a jump there and back; here every bit that a timestamp has.
+// A flipped bit of a timestamp is a jump there and back; every bit is flipped here.
 TEST_F(SourceClockTest, DamagedTimestampsMoveNothing) {
   for (int bit = 10; bit < 33; ++bit) {
     const Time flip = (std::int64_t{1} << bit) * 1000 / 9;
@@ -153,7 +153,7 @@ TEST_F(SourceClockTest, DamagedTimestampsMoveNothing) {
   }
 }
 
-// One damaged timestamp moves all packets of audio that a container gave it together.
+// One damaged timestamp moves all audio packets that share it.
 TEST_F(SourceClockTest, WhatJumpsAloneComesBackBesideTheOthers) {
   for (const Time jump : {-6 * kSecond, -kSecond, kSecond, 6 * kSecond, 6000 * kSecond}) {
     Reset();
@@ -178,13 +178,13 @@ TEST_F(SourceClockTest, KeepsAGapThatAllStreamsHaveAndOneThatASingleOneHasBeside
   Audio(9 * kSecond);
   EXPECT_EQ(Audio(9 * kSecond + kFrame), 9 * kSecond + kFrame);
   video(100, 130);
-  // Audio packets are lost, and what came before them is a second late.
+  // Audio packets are lost, and those before them were a second late.
   Audio(9 * kSecond + 2 * kFrame);
   Audio(10 * kSecond);
   EXPECT_EQ(Audio(10 * kSecond + kFrame), 10 * kSecond + kFrame);
 }
 
-// A sender that is replaced by one without audio, and that by one with audio; a mute in between.
+// A sender is replaced by one without audio, that by one with audio; then the audio pauses.
 TEST_F(SourceClockTest, AudioThatWasAwayComesBackBesideItsVideo) {
   const auto run = [&](Time base, int frames, bool hasAudio) {
     Time apart = 0;
@@ -202,7 +202,8 @@ TEST_F(SourceClockTest, AudioThatWasAwayComesBackBesideItsVideo) {
   EXPECT_LE(run(2000 * kSecond + 400 * kFrame, 100, true), SourceClock::kBackLimit);
 }
 
-// A frame a second follows through a step that is a jump for its audio, which comes first.
+// A step that a video of one frame a second takes for its interval is a jump for the audio, which
+// comes first.
 TEST_F(SourceClockTest, AJumpThatASlowStreamTakesForItsIntervalMovesBoth) {
   Time apart = 0;
   for (int i = 0; i < 500; ++i) {
@@ -218,13 +219,13 @@ TEST_F(SourceClockTest, FollowsAGapAndASlowIntervalOnceTheyAreConfirmed) {
   Video(kFrame);
   EXPECT_EQ(Video(4 * kSecond), 2 * kFrame);
   EXPECT_EQ(Video(4 * kSecond + kFrame), 4 * kSecond + kFrame);
-  // One frame a second, whose durations say something else.
+  // One frame a second, with other announced durations.
   Time dts = 0;
   for (int i = 2; i < 8; ++i) {
     dts = Video(4 * kSecond + i * kSecond);
   }
   EXPECT_EQ(dts, 11 * kSecond);
-  // Timestamps without any sense are accepted in the end.
+  // Timestamps that never confirm each other are accepted in the end.
   bool accepted = false;
   for (int i = 1; i < 8; ++i) {
     Video(i * i * 1000 * kSecond);

@@ -50,7 +50,7 @@ TEST(TrackSelector, TakesCoverArtForNoVideo) {
   const std::string audio = ReadWholeFile(Write(recipe, folder / "a.aac"));
   const std::string file = std::string(std::begin(kCover), std::end(kCover)) + audio;
   WriteWholeFile(folder / "cover.aac", file);
-  // Nor does it begin later, which would open a radio again and again.
+  // Nor does it count as video that begins later, which would reopen a radio repeatedly.
   const HttpServer server(file, HttpServer::Manner::kIgnoresRanges);
   for (const std::string& source : {(folder / "cover.aac").string(), server.url()}) {
     const auto reader = Opened(Source(source));
@@ -62,9 +62,9 @@ TEST(TrackSelector, TakesCoverArtForNoVideo) {
   }
 }
 
-TEST(TrackSelector, FollowsAServiceThatGoesOnInOtherStreams) {
+TEST(TrackSelector, FollowsAServiceThatContinuesInOtherStreams) {
   const TemporaryFolder folder;
-  // Long enough that the change is not seen while the source is opened.
+  // Long enough that the change comes after the source was opened.
   ClipRecipe recipe = SmallClip();
   recipe.length = 3 * kSecond;
   const std::string before = ReadWholeFile(Write(recipe, folder / "before.ts"));
@@ -151,13 +151,13 @@ TEST(StreamFailover, PrefersTheWantedLanguageAndReturnsToTheChosenStream) {
   EXPECT_TRUE(other(0, true));
 }
 
-// A channel is not to stay mute because it was opened before its audio began.
+// A channel must not stay without audio because it was opened before its audio began.
 TEST(TrackSelector, FailsForReopeningWhenAudioBegins) {
   const TemporaryFolder folder;
   ClipRecipe recipe = SmallClip();
   recipe.length = 3 * kSecond;
   const std::string whole = ReadWholeFile(Write(recipe, folder / "whole.ts"));
-  // The same without the packets of its audio: it is announced only.
+  // The same without its audio packets: the audio is announced only.
   std::string mute;
   for (std::size_t at = 0; at < whole.size(); at += 188) {
     const int pid = (whole[at + 1] & 0x1F) << 8 | static_cast<std::uint8_t>(whole[at + 2]);

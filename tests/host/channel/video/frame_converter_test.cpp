@@ -34,12 +34,12 @@ FrameConverter::Settings Window(int width, int height) {
   return settings;
 }
 
-DecodedFrame Picture(ffmpeg::Frame frame, Time start = 0) {
-  DecodedFrame picture;
-  picture.frame = std::move(frame);
-  picture.start = start;
-  picture.duration = kFramePeriod;
-  return picture;
+DecodedFrame Decoded(ffmpeg::Frame frame, Time start = 0) {
+  DecodedFrame decoded;
+  decoded.frame = std::move(frame);
+  decoded.start = start;
+  decoded.duration = kFramePeriod;
+  return decoded;
 }
 
 void ExpectColour(Colour actual, Colour expected, int tolerance = 2) {
@@ -48,12 +48,12 @@ void ExpectColour(Colour actual, Colour expected, int tolerance = 2) {
   EXPECT_NEAR(actual.v, expected.v, tolerance);
 }
 
-// The picture of a window for one frame of a source.
+// The frame of a window for one frame of a source.
 Yv12Buffer Shown(FrameConverter& converter, const FrameConverter::Settings& settings,
                  ffmpeg::Frame frame, Time start = 0) {
   Yv12Buffer buffer(settings.width, settings.height);
   buffer.Fill({99, 99, 99});
-  converter.Push(Picture(std::move(frame), start));
+  converter.Push(Decoded(std::move(frame), start));
   if (converter.Next() == nullptr) {
     ADD_FAILURE() << "no picture";
     return buffer;
@@ -94,9 +94,9 @@ TEST(FrameConverter, CopiesFramesThatFitAtTheRateOfTheCanvas) {
       ExpectColour(shown.At(x, y), {colourAt(x, y).y, chroma.u, chroma.v}, 0);
     }
   }
-  converter.Push(Picture(MakeFrame(32, 16, kGreen), kFramePeriod / 2));
+  converter.Push(Decoded(MakeFrame(32, 16, kGreen), kFramePeriod / 2));
   EXPECT_EQ(converter.Next(), nullptr) << "the canvas has 25 a second";
-  DecodedFrame jumped = Picture(MakeFrame(32, 16, kGreen), kFramePeriod);
+  DecodedFrame jumped = Decoded(MakeFrame(32, 16, kGreen), kFramePeriod);
   jumped.discontinuity = true;
   converter.Push(std::move(jumped));
   ASSERT_NE(converter.Next(), nullptr);
@@ -138,7 +138,7 @@ TEST(FrameConverter, ReducesByTwoAndFourToTheRoundedMean) {
   }
 }
 
-TEST(FrameConverter, CentresAPictureOfAnotherShapeOnBlackWhateverWasInTheBuffer) {
+TEST(FrameConverter, CentresAFrameOfAnotherShapeOnBlackWhateverWasInTheBuffer) {
   const auto settings = Window(320, 180);
   FrameConverter converter(settings);
   ffmpeg::Frame frame = MakeFrame(72, 58, kGreen);
@@ -188,12 +188,12 @@ TEST(FrameConverter, ConvertsMatrixAndRangeToBt601StudioRange) {
   }
   ExpectColour(Shown(converter, settings, std::move(red), start).At(16, 9), {82, 90, 240});
   start += kFramePeriod;
-  // High definition that does not say what it is.
+  // High definition of an unspecified colour space.
   ffmpeg::Frame frame = MakeFrame(1280, 720, {63, 102, 240});
   ExpectColour(Shown(converter, settings, std::move(frame), start).At(16, 8), {82, 90, 240}, 1);
 }
 
-// The exact conversion, by way of red, green and blue.
+// The exact conversion, through RGB.
 Triple Exact(Triple yuv, LumaWeights weights, bool fullRange) {
   const double kG = 1.0 - weights.red - weights.blue;
   const double y = fullRange ? yuv[0] / 255.0 : (yuv[0] - 16.0) / 219.0;
@@ -236,7 +236,7 @@ TEST(ColourMatrix, StaysWithinOneStepOfTheExactConversion) {
   }
 }
 
-// What the standards give for a colour of display light, in cd/m2 of BT.2020's red, green and blue.
+// The signal of the standards for a colour of display light, in cd/m2 of BT.2020 RGB.
 constexpr double kWhite = 203;
 constexpr double kPeak = 1000;
 
@@ -256,7 +256,7 @@ double Hlg(double scene) {
   return scene <= 1 / 12.0 ? std::sqrt(3 * scene)
                            : 0.17883277 * std::log(12 * scene - 0.28466892) + 0.55991073;
 }
-// The curve of BT.2390 from a display of the peak to one whose white is that of graphics.
+// The curve of BT.2390 from a display of this peak to one with graphics white as its white.
 double Mapped(double light) {
   const double most = Pq(kWhite) / Pq(kPeak);
   const double knee = 1.5 * most - 0.5;
@@ -322,14 +322,14 @@ TEST(FrameConverter, MapsHighDynamicRangeAndWideColoursToTheWall) {
                               : 8);
       }
     }
-    // In between, something that is for the wall as it is.
+    // In between, a frame that needs no conversion.
     ExpectColour(
         Shown(converter, settings, MakeFrame(32, 32, kGreen), start += kFramePeriod).At(16, 16),
         kGreen);
   }
 }
 
-// Two fields of a bar that moves: the one field has it left, the other right.
+// Two fields of a moving bar: at the left in one field, at the right in the other.
 ffmpeg::Frame Interlaced(int step) {
   ffmpeg::Frame frame = MakeFrame(64, 48, [step](int x, int y) {
     const int left = 8 + 8 * step + (y % 2) * 4;
@@ -341,11 +341,11 @@ ffmpeg::Frame Interlaced(int step) {
 }
 
 // How much neighbouring rows differ: large where fields of two moments are woven together.
-int Combing(const Yv12Buffer& picture) {
+int Combing(const Yv12Buffer& shown) {
   int combing = 0;
-  for (int y = 2; y < picture.height() - 2; ++y) {
-    for (int x = 0; x < picture.width(); ++x) {
-      combing += std::abs(picture.At(x, y).y - picture.At(x, y + 1).y) > 60 ? 1 : 0;
+  for (int y = 2; y < shown.height() - 2; ++y) {
+    for (int x = 0; x < shown.width(); ++x) {
+      combing += std::abs(shown.At(x, y).y - shown.At(x, y + 1).y) > 60 ? 1 : 0;
     }
   }
   return combing;
@@ -363,7 +363,7 @@ std::vector<FrameConverter::FrameTimes> ConvertInterlaced(FrameConverter& conver
     }
   };
   for (int i = 0; i < 5; ++i) {
-    converter.Push(Picture(Interlaced(i), i * kFramePeriod));
+    converter.Push(Decoded(Interlaced(i), i * kFramePeriod));
     drain();
   }
   converter.Finish();
@@ -394,7 +394,7 @@ TEST(FrameConverter, DeinterlacesWhatIsMarkedAsInterlacedAndKeepsItsTimes) {
   }
 }
 
-// All eight, one after the other in one source, against what the matrix says of the corners.
+// All eight, one after the other in one source, compared with the matrix at the corners.
 TEST(FrameConverter, FollowsTheDisplayMatrixOfEachFrame) {
   const auto settings = Window(32, 32);
   FrameConverter converter(settings);
@@ -403,14 +403,14 @@ TEST(FrameConverter, FollowsTheDisplayMatrixOfEachFrame) {
     std::int32_t matrix[9];
     av_display_rotation_set(matrix, i / 2 * 90);
     av_display_matrix_flip(matrix, i % 2, 0);
-    DecodedFrame picture = Picture(MakeFrame(64, 32,
+    DecodedFrame decoded = Decoded(MakeFrame(64, 32,
                                              [&](int x, int y) {
                                                return Colour{luma(x / 32, y / 16), 128, 128};
                                              }),
                                    i * kFramePeriod);
-    picture.orientation = OrientationOf(matrix);
-    picture.discontinuity = i == 5;
-    converter.Push(std::move(picture));
+    decoded.orientation = OrientationOf(matrix);
+    decoded.discontinuity = i == 5;
+    converter.Push(std::move(decoded));
     ASSERT_NE(converter.Next(), nullptr);
     EXPECT_EQ(converter.Next()->discontinuity, i == 5);
     Yv12Buffer shown(32, 32);

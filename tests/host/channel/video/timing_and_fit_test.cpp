@@ -29,7 +29,7 @@ TEST(RateLimiter, PassesASourceOfTheSameOrALowerRateWholeInSpiteOfJitter) {
   }
 }
 
-TEST(RateLimiter, PassesForEveryFrameOfTheCanvasThePictureThatIsNearest) {
+TEST(RateLimiter, PassesForEveryFrameOfTheCanvasTheNearestFrame) {
   for (const Ratio source : {Ratio{30000, 1001}, Ratio{30, 1}, Ratio{60000, 1001}, Ratio{50, 1}}) {
     RateLimiter limiter({25, 1});
     std::vector<Time> all = Steady(source, 1000);
@@ -62,7 +62,7 @@ TEST(RateLimiter, SavesAtMostOneFrameUpDuringAGap) {
   ASSERT_TRUE(limiter.Pass(60 * kSecond));
   int passed = 0;
   for (int i = 1; i <= 100; ++i) {
-    passed += limiter.Pass(60 * kSecond + i * 100'000) ? 1 : 0;  // 100 pictures a second
+    passed += limiter.Pass(60 * kSecond + i * 100'000) ? 1 : 0;  // 100 frames per second
   }
   EXPECT_LE(passed, 27);
 }
@@ -73,10 +73,10 @@ TEST(FitFrame, KeepsTheShapeCentresItAndStaysEven) {
   EXPECT_EQ(FitFrame(720, 576, {64, 45}, 640, 360, {1, 1}), (FitRect{0, 0, 640, 360}));
   EXPECT_EQ(FitFrame(1080, 1920, {1, 1}, 640, 360, {1, 1}), (FitRect{218, 0, 202, 360}));
   EXPECT_EQ(FitFrame(2048, 858, {1, 1}, 640, 360, {1, 1}), (FitRect{0, 46, 640, 268}));
-  // On a canvas of wide pixels the same picture takes fewer of them.
+  // On a canvas of wide pixels the same frame takes fewer of them.
   EXPECT_EQ(FitFrame(720, 576, {16, 15}, 720, 576, {16, 15}), (FitRect{0, 0, 720, 576}));
   EXPECT_EQ(FitFrame(1024, 576, {1, 1}, 720, 576, {64, 45}), (FitRect{0, 0, 720, 576}));
-  // No bars of a pixel or two, and it never vanishes.
+  // No bars of a pixel or two, and the frame never vanishes.
   EXPECT_EQ(FitFrame(854, 480, {1, 1}, 640, 360, {1, 1}), (FitRect{0, 0, 640, 360}));
   const FitRect line = FitFrame(8192, 2, {1, 1}, 64, 36, {1, 1});
   EXPECT_TRUE(line.width == 64 && line.height == 2 && line.y % 2 == 0);
