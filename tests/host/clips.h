@@ -12,7 +12,7 @@
 
 namespace host {
 
-// A second of 160x90 at 25 pictures a second with a stereo tone.
+// A second of 160x90 at 25 frames per second with a stereo tone.
 inline ClipRecipe SmallClip() {
   ClipRecipe recipe;
   recipe.name = "Small";

@@ -30,7 +30,7 @@ listen = "127.0.0.1:{http}"
 [[output]]
 url = "/var/lib/tavrel/studio/wall.mkv"
 """
-# What the system itself writes, and what belongs to it.
+# Files that the system itself writes or owns.
 VOLATILE = re.compile(r"^(proc|dev|sys|tmp|run|var/lib/dpkg|var/lib/apt|var/log|var/cache)(/|$)|^etc/(passwd|group|shadow|gshadow|subuid|subgid)-$|^etc/(\.pwd\.lock|ld\.so\.cache)$")
 
 

@@ -1,4 +1,4 @@
-// What a running wall tells persons, programs and the service manager.
+// The messages of a running wall for people, programs and the service manager.
 #include <array>
 #include <sstream>
 #include <stdexcept>
@@ -65,7 +65,7 @@ TEST_F(Messages, ReachTheScreenAndTheRecordUpToTheirLevels) {
   EXPECT_THAT(out.str(), IsEmpty());
 }
 
-// A name is resolved beside the wall, which starts without it.
+// A name is resolved in the background; the wall starts without waiting.
 TEST_F(Messages, ReachASyslogServer) {
   for (const char* const host : {"127.0.0.1", "localhost"}) {
     const DatagramReceiver server;
@@ -96,7 +96,7 @@ TEST_F(Messages, KeepTheirFileForOneWriterAndFollowItsPath) {
   EXPECT_THROW(MessageLog(streams, options), std::runtime_error) << "the new one is ours, too";
 }
 
-// What a stream says of itself is in some of them.
+// Some messages contain text from streams.
 TEST_F(Messages, HoldNoControlCharactersAndNoHalfOfACharacter) {
   const DatagramReceiver server;
   options.syslog = config::Endpoint{"127.0.0.1", server.Port()};
@@ -265,7 +265,7 @@ TEST(ServiceStatusTest, IsReadyWithTheFirstFrameAndAliveAsLongAsFramesAreCompose
   address.sun_family = AF_UNIX;
   path.copy(address.sun_path, sizeof(address.sun_path) - 1);
   ASSERT_EQ(bind(manager, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-  // What has come; a datagram on a local socket is there once it was sent.
+  // All messages that have come; a datagram on a local socket is there once it was sent.
   const auto messages = [&] {
     std::vector<std::string> all;
     std::array<char, 256> buffer{};

@@ -55,7 +55,7 @@ TEST(FeedPin, TellsOfEveryTimeThatNoBufferIsFree) {
   EXPECT_FALSE(feed->pin.Send(bytes, 2, 3));
   EXPECT_FALSE(feed->pin.Send(bytes, 3, 4));
   EXPECT_EQ(full(), 2);
-  // Who waits tells once.
+  // A caller that waits reports it once.
   std::thread waiter([&] { EXPECT_TRUE(feed->pin.NewSample(4, 5, true)); });
   EXPECT_TRUE(logger.WaitForBufferFull("News_ live", 3)) << "the wait was not told";
   sink->Forget();
