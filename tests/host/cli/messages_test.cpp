@@ -52,7 +52,7 @@ class Messages : public testing::Test {
   config::LogOptions options;
 };
 
-TEST_F(Messages, ReachTheScreenAndTheRecordUpToTheirLevels) {
+TEST_F(Messages, ReachTheScreenAndTheLogFileUpToTheirLevels) {
   EXPECT_THAT(Written(), AllOf(HasSubstr(";0;level 0\r\n"), HasSubstr(";1;level 1\r\n"),
                                Not(HasSubstr("level 2"))));
   EXPECT_THAT(err.str(), MatchesRegex(".{23} level 0\n"));
@@ -81,7 +81,7 @@ TEST_F(Messages, ReachASyslogServer) {
   EXPECT_THAT(err.str(), HasSubstr("level 0"));
 }
 
-TEST_F(Messages, KeepTheirFileForOneWriterAndFollowItsPath) {
+TEST_F(Messages, LockTheirFileForOneWriterAndFollowItsPath) {
   MessageLog messages(streams, options);
   messages.Say(kError, "one");
   messages.Flush();
@@ -97,7 +97,7 @@ TEST_F(Messages, KeepTheirFileForOneWriterAndFollowItsPath) {
 }
 
 // Some messages contain text from streams.
-TEST_F(Messages, HoldNoControlCharactersAndNoHalfOfACharacter) {
+TEST_F(Messages, ContainNoControlCharactersAndNoPartOfACharacter) {
   const DatagramReceiver server;
   options.syslog = config::Endpoint{"127.0.0.1", server.Port()};
   MessageLog messages(streams, options);
@@ -151,7 +151,7 @@ TEST_F(Messages, ContinueInANewFileWhenTheOldOneCannotBeContinued) {
   EXPECT_EQ(ReadWholeFile(folder / "log.damaged-2"), old);
 }
 
-TEST_F(Messages, TellOfAChannelAndAnOutputWhenSomethingChanges) {
+TEST_F(Messages, ReportChangesOfChannelsAndOutputs) {
   MessageLog messages(streams, {});
   JsonLines events(out, false);
   config::Wall wall;
@@ -180,7 +180,7 @@ TEST_F(Messages, TellOfAChannelAndAnOutputWhenSomethingChanges) {
                                       ".{23} output a.mkv: open again; written is a-3.mkv\n"));
 }
 
-TEST_F(Messages, WipeTheProgressLineTheyStandIn) {
+TEST_F(Messages, WipeTheProgressLine) {
   streams.progress = true;
   {
     MessageLog messages(streams, {});

@@ -70,7 +70,7 @@ std::optional<DemoOptions> Parsed(std::vector<std::string> arguments) {
   return parsed;
 }
 
-TEST(Program, NamesWhatWasMeantAndEndsWithTheUsageCode) {
+TEST(Program, SuggestsTheNearestWordAndEndsWithTheUsageCode) {
   for (const auto& [arguments, said] :
        std::vector<std::pair<std::vector<std::string>, std::string>>{
            {{}, ""},

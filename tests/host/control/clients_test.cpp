@@ -138,7 +138,7 @@ TEST(SocketServer, AnswersEveryRequestAndBoundsEveryClient) {
   control.Close();
 }
 
-TEST(Ctl, SaysWhatBecameOfItInTextsAndExitCodes) {
+TEST(Ctl, ReportsResultsAsTextAndExitCode) {
   const TemporaryFolder folder;
   const std::string socket = (folder / "w.sock").string();
   RecordingExecutor executor;
@@ -215,7 +215,7 @@ std::vector<std::string> Texts(const std::vector<TallyMessage>& messages) {
   return texts;
 }
 
-TEST(Tally, ReadsAllVersionsHoweverTheyComeAndSkipsTheRest) {
+TEST(Tally, ReadsAllVersionsInAnyFragmentsAndSkipsInvalidBytes) {
   const std::string old =
       "\x87\x32"
       "Cam 7           ";
@@ -260,7 +260,7 @@ TEST(Tally, ReadsAllVersionsHoweverTheyComeAndSkipsTheRest) {
   }
 }
 
-TEST(Tally, BecomesSelectionColourAndLabelAndNothingPilesUp) {
+TEST(Tally, SetsSelectionColourAndLabelWithBoundedRequests) {
   RecordingExecutor executor;
   WallControl control(TwoChannels(), executor, {});
   config::TallyOptions options;

@@ -62,7 +62,7 @@ TEST_F(HttpTest, ServesTheStateAndCarriesOutCommands) {
   }
 }
 
-TEST_F(HttpTest, RefusesForeignRequestsAndTooLargeOnesAndLeavesTheWallAsItIs) {
+TEST_F(HttpTest, RefusesForeignAndTooLargeRequestsAndLeavesTheWallUnchanged) {
   WriteWholeFile(folder_ / "tokens",
                  "# who may\nview 0123456789abcdef\noperate 0123456789ABCDEF\n");
   settings_.http.listen->host = "0.0.0.0";
@@ -109,7 +109,7 @@ TEST_F(HttpTest, RefusesForeignRequestsAndTooLargeOnesAndLeavesTheWallAsItIs) {
   EXPECT_THAT(Ask(post, solo, may + own), HasSubstr("HTTP/1.1 200"));
 }
 
-TEST_F(HttpTest, ASessionStandsForItsTokenInABrowserAndThePageIsServedToAnybody) {
+TEST_F(HttpTest, ASessionReplacesItsTokenInABrowserAndThePageIsServedToAnybody) {
   WriteWholeFile(folder_ / "tokens", "view 0123456789abcdef\noperate 0123456789ABCDEF\n");
   std::filesystem::permissions(folder_ / "tokens", std::filesystem::perms(0600));
   settings_.http.tokenFile = folder_ / "tokens";
@@ -164,7 +164,7 @@ TEST_F(HttpTest, ASessionStandsForItsTokenInABrowserAndThePageIsServedToAnybody)
   EXPECT_THAT(Ask("GET /api/v1/wall", "", view), HasSubstr("HTTP/1.1 401"));
 }
 
-TEST(History, KeepsWhatHappenedWithinItsBoundsWithoutTheWholeState) {
+TEST(History, KeepsEventsWithinItsBoundsWithoutTheWholeState) {
   EventFeed feed(16);
   std::chrono::system_clock::time_point now{};
   feed.Publish(R"({"event":"changed","state":{"version":2}})");
@@ -185,7 +185,7 @@ TEST(History, KeepsWhatHappenedWithinItsBoundsWithoutTheWholeState) {
   EXPECT_EQ(history.Json(), "[]");
 }
 
-TEST_F(HttpTest, ServesWhileAThousandOthersSayNothingOrHalfOfSomething) {
+TEST_F(HttpTest, ServesWhileAThousandOthersSendNothingOrPartOfARequest) {
   rlimit files{};
   getrlimit(RLIMIT_NOFILE, &files);
   files.rlim_cur = files.rlim_max;
@@ -259,7 +259,7 @@ std::pair<std::string, int> Shell(const std::string& command) {
   return {output, pclose(pipe)};
 }
 
-TEST_F(HttpTest, SaysWhatItCountsAndWhetherItIsAliveAndReady) {
+TEST_F(HttpTest, ServesMetricsAndWhetherItIsAliveAndReady) {
   std::string dead;
   std::string unready = "no frame has been composed yet";
   settings_.monitoring = {[](MetricsText& text) {

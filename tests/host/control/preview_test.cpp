@@ -154,7 +154,7 @@ class PreviewTest : public HttpTest {
   std::minstd_rand noise_;
 };
 
-TEST_F(PreviewTest, GivesEveryFrameToThoseWhoLookAndEncodesForNobodyElse) {
+TEST_F(PreviewTest, SendsEveryFrameToViewersAndEncodesOnlyForThem) {
   Begin();
   Compose();  // the wall's frame 0, which nobody sees
   EXPECT_FALSE(preview_->status().isEncoding);
@@ -189,11 +189,11 @@ TEST_F(PreviewTest, GivesEveryFrameToThoseWhoLookAndEncodesForNobodyElse) {
   EXPECT_THAT(keys, ::testing::ElementsAre(1, 26, 32, 51, 76));
 
   int shown = 0;
-  Play(file, [&](const AVFrame& picture, Time time) {
+  Play(file, [&](const AVFrame& decoded, Time time) {
     ++shown;
     EXPECT_NEAR(time, kStart + kFrame * shown, 1) << "at the wall's own time";
-    EXPECT_NEAR(picture.data[0][0], LumaOf(shown), 3) << shown;
-    EXPECT_EQ(picture.width, 320);
+    EXPECT_NEAR(decoded.data[0][0], LumaOf(shown), 3) << shown;
+    EXPECT_EQ(decoded.width, 320);
   });
   EXPECT_EQ(shown, static_cast<int>(kFrames));
   for (const auto& other : others) {
@@ -214,7 +214,7 @@ TEST_F(PreviewTest, GivesEveryFrameToThoseWhoLookAndEncodesForNobodyElse) {
   EXPECT_EQ(preview_->status().frames, encoded);
 }
 
-TEST_F(PreviewTest, SkipsToAKeyframeForASlowClientAndForNobodyElse) {
+TEST_F(PreviewTest, SkipsToAKeyframeForASlowClientOnly) {
   options_.width = options_.height = kWidth;
   options_.bitRate = 100'000'000;
   hasNoise_ = true;
@@ -300,7 +300,7 @@ std::shared_ptr<AudioTrack> TrackOf(AVCodecID codec) {
   return track;
 }
 
-TEST_F(PreviewTest, LetsEveryCodecBeHeardAtTheTimesOfTheWall) {
+TEST_F(PreviewTest, PlaysEveryCodecAtTheTimesOfTheWall) {
   Begin();
   std::size_t slot = 0;
   for (const AVCodecID codec : {AV_CODEC_ID_AAC, AV_CODEC_ID_MP2}) {

@@ -92,7 +92,7 @@ TEST(WallFileWriter, ChangesOnlyWhatDiffers) {
                 "\"Channel 2\"\n[channel.alarm.loss]\nenabled = true\n\n# first\n"));
 }
 
-TEST(WallFileWriter, SaysWhatTheStateIsWhateverItIs) {
+TEST(WallFileWriter, WritesEveryStateSoThatItIsReadBack) {
   const std::vector<std::string> commands{
       R"({"command":"set","channel":"$","name":"N1"})",
       R"({"command":"set","channel":"$","name":"$ ü\n","tally_index":3})",

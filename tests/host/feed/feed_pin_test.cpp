@@ -38,7 +38,7 @@ ComPtr<FilterGraph> Graph(IBaseFilter& source, IPin& pin, fakes::Sink& sink) {
   return graph;
 }
 
-TEST(FeedPin, TellsOfEveryTimeThatNoBufferIsFree) {
+TEST(FeedPin, ReportsEveryTimeThatNoBufferIsFree) {
   RecordingLogger logger;
   const ComPtr<Feed> feed = Feed::Create();
   const ComPtr<fakes::Sink> sink = fakes::Sink::Create();
