@@ -24,7 +24,7 @@ namespace host::control::http {
 //   {"event":"preview","on":true,"codec":"avc1.4d401f","width":960,"height":540,"rate":"25"}
 //   {"event":"listening","channel":"A","codec":"mp4a.40.2","rate":48000,"channels":2}
 //
-// and {"event":"listening","channel":null,"why":"..."} when the channel cannot be heard any more.
+// and {"event":"listening","channel":null,"why":"..."} when the channel can no longer be heard.
 // Binary messages:
 //
 //   byte 0       1: description of the video (ftyp and moov), 2: one frame (moof and mdat)

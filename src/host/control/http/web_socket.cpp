@@ -93,7 +93,7 @@ asio::awaitable<void> ServeWebSocket(HttpServer::Core& core, Stream stream, Upgr
   if (error) {
     co_return;
   }
-  // One message is one frame, written from where it lies.
+  // One message is one WebSocket frame, written without a copy.
   socket.auto_fragment(false);
   lowest.socket().set_option(asio::socket_base::send_buffer_size(kSendBuffer), error);
   asio::co_spawn(core.loop(), ReadMessages(core, session, head), asio::detached);
