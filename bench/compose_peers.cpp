@@ -21,6 +21,7 @@ extern "C" {
 #include "bench/mosaic.h"
 #include "host/ffmpeg/error.h"
 #include "host/ffmpeg/handles.h"
+#include "render/label_font.h"
 
 namespace {
 

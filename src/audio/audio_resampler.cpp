@@ -78,7 +78,7 @@ std::int32_t CheckedPhaseShift(std::int32_t phaseShift) {
   return phaseShift;
 }
 
-// Going down, the pass band narrows, and a filter needs the more taps for it.
+// When the rate goes down, the pass band narrows, and a filter needs more taps.
 double BandFactor(std::int32_t outputRate, std::int32_t inputRate) {
   return std::min(static_cast<double>(outputRate) / inputRate, 1.0);
 }
@@ -105,8 +105,8 @@ std::int32_t Step(std::int32_t inputRate, std::int32_t phaseShift) {
   return static_cast<std::int32_t>(step);
 }
 
-// A place in the signal that moves on by a fraction of integers, so that nothing is lost on the
-// way. All 64-bit: the place in a source of 2^31 samples needs more than 32.
+// A position in the signal that advances by a fraction of integers, without rounding. All 64-bit:
+// the position in a source of 2^31 samples needs more than 32.
 struct Cursor {
   explicit Cursor(const ResamplingContext& context)
       : place(context.index),
@@ -175,7 +175,7 @@ std::int32_t StridedSum(const Source& source, std::int64_t first, const std::int
 }
 
 // With one tap and one phase there is nothing to filter: each output is the source sample at or
-// before its place.
+// before its position.
 std::int32_t PickSamples(const ResamplingContext& context, Cursor& cursor, std::int16_t* dst,
                          const Source& source, std::int32_t dstCapacity) {
   const std::int64_t reach = (source.count - cursor.place - 1) * context.srcIncr / context.dstIncr;
@@ -238,7 +238,7 @@ std::int32_t FilterWhole(const ResamplingContext& context, Cursor& cursor, std::
     });
   }
   const std::int16_t* const samples = source.samples;
-  if (taps == 16) {  // most streams: a length that is known unrolls the sum
+  if (taps == 16) {  // most streams: a constant length unrolls the sum
     return runWith([=](std::int64_t first, const std::int16_t* coefficients) {
       return InnerProduct(samples + first, coefficients, 16);
     });
@@ -248,7 +248,7 @@ std::int32_t FilterWhole(const ResamplingContext& context, Cursor& cursor, std::
   });
 }
 
-// left counts down a compensation: at its end the ideal step comes back, and left is 0.
+// left counts down a compensation: at its end the ideal step applies again, and left is 0.
 std::int32_t FilterSamples(const ResamplingContext& context, Cursor& cursor, std::int32_t& left,
                            std::int16_t* dst, const Source& source, std::int32_t dstCapacity) {
   std::int32_t written = 0;

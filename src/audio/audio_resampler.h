@@ -1,5 +1,5 @@
-// AudioResampler: 16-bit audio from one sampling rate to another. Its filters: their coefficients,
-// one short low-pass filter for each fraction of a sample, and the loop that applies them.
+// AudioResampler: 16-bit audio from one sampling rate to another. The filter bank, with one short
+// low-pass filter for each fraction of a sample, and the loop that applies a filter.
 #pragma once
 
 #include <cstdint>
@@ -19,10 +19,10 @@ inline constexpr int kFilterScale = 32768;
 //
 // Filter p is a sinc that is cut off at factor (of half the source's rate, at most 1), shifted by
 // p / phases of a sample, and faded out by a Blackman-Nuttall window. Each filter's coefficients
-// add up to kFilterScale within 1: what rounding takes from one tap is given to the next one. With
-// taps of at most 16 / factor, rounded up, the magnitudes of one filter add up to less than
-// 2 * kFilterScale, so that its products with 16-bit samples add up within 32 bits. The last filter
-// is the first one moved on by one tap: the neighbour of filter phases - 1 when neighbours are
+// add up to kFilterScale within 1: the rounding error of one tap is carried to the next. With taps
+// of at most 16 / factor, rounded up, the magnitudes of one filter add up to less than 2 *
+// kFilterScale, so that its products with 16-bit samples add up within 32 bits. The last filter is
+// the first one shifted by one tap: the neighbour of filter phases - 1 when neighbours are
 // interpolated.
 std::vector<std::int16_t> BuildFilter(double factor, std::int32_t taps, std::int32_t phases);
 
@@ -39,9 +39,9 @@ inline std::int32_t InnerProductScalar(const std::int16_t* samples,
 
 #ifdef __SSE2__
 
-// Eight products at a time, which measured 1.5 times what the compiler makes of the loop above.
-// Taps beyond the last whole eight are taken from the end, with those that are counted already
-// masked out: nothing outside the two arrays is read.
+// Eight products at a time, measured 1.5 times as fast as the compiled loop above. Taps beyond the
+// last whole eight are taken from the end, with those that are counted already masked out: nothing
+// outside the two arrays is read.
 inline std::int32_t InnerProduct(const std::int16_t* samples, const std::int16_t* coefficients,
                                  std::int32_t taps) {
   constexpr std::int32_t kLanes = 8;
@@ -88,8 +88,8 @@ struct ResamplingQuality {
   bool linear = false;
 };
 
-// Filters and place in the signal of one stream. A place is counted in phases: the sample's number
-// times the number of filters, plus the number of the filter.
+// Filters and position of one stream. A position is counted in phases: the sample's number times
+// the number of filters, plus the number of the filter.
 struct ResamplingContext {
   // Throws std::invalid_argument for rates or a quality out of range.
   ResamplingContext(std::int32_t outputRate, std::int32_t inputRate,
@@ -98,11 +98,11 @@ struct ResamplingContext {
   std::int32_t filterLength;             // taps of one filter
   std::vector<std::int16_t> filterBank;  // one filter after the other, one more than phases
   std::int32_t idealDstIncr;             // step from one output to the next, in phases / srcIncr
-  std::int32_t dstIncr;                  // the present step, which a compensation bends
-  std::int32_t index;                    // place of the next output; negative before the start
-  std::int32_t frac = 0;                 // what is beyond index, in phases / srcIncr
+  std::int32_t dstIncr;                  // the present step, changed by a compensation
+  std::int32_t index;                    // position of the next output; negative before the start
+  std::int32_t frac = 0;                 // rest of the position beyond index, in phases / srcIncr
   std::int32_t srcIncr;
-  std::int32_t compensationDistance = 0;  // outputs left at the bent step; 0 when it is not bent
+  std::int32_t compensationDistance = 0;  // outputs left of a compensation; 0 without one
   std::int32_t phaseShift;
   std::int32_t phaseMask;
   bool linear;
@@ -110,10 +110,10 @@ struct ResamplingContext {
 
 // Converts one channel of a stream with a bank of windowed-sinc filters in fixed point.
 //
-// A filter reaches filterLength samples ahead of its place, so an output needs that many samples
-// after it; what has not been consumed must come again at the start of the next call. Before the
-// first sample the signal is taken as its own mirror image. Fed in pieces, the stream gives the
-// same output as at once, provided that the first piece holds at least filterLength samples.
+// A filter reaches filterLength samples ahead of its position, so an output needs that many samples
+// after it; samples that were not consumed must be passed again at the start of the next call.
+// Before the first sample the signal is mirrored. Fed in pieces, the stream gives the same output
+// as at once, provided that the first piece holds at least filterLength samples.
 //
 // Belongs to one owner and one thread at a time; it has no lock.
 class AudioResampler {
@@ -127,17 +127,17 @@ class AudioResampler {
   // Throws std::invalid_argument for anything else, and then the former stream continues.
   void Init(std::int32_t outputRate, std::int32_t inputRate, const ResamplingQuality& quality = {});
 
-  // Writes up to dstCapacity samples and returns how many. consumed says by how many samples the
-  // caller must move on in src, of which there are srcCount; when a piece is shorter than a filter,
+  // Writes up to dstCapacity samples and returns how many. consumed is the number of samples by
+  // which the caller must advance src, which has srcCount; when a piece is shorter than a filter,
   // that may be more than it holds. With update the stream continues from there; without it, the
-  // next call starts at this call's place again. Counts are of this channel's samples. dst and src
-  // may not overlap. Throws std::logic_error before Init.
+  // next call starts at this call's position again. Counts are of this channel's samples. dst and
+  // src may not overlap. Throws std::logic_error before Init.
   std::int32_t Resample(std::int16_t* dst, const std::int16_t* src, std::int32_t& consumed,
                         std::int32_t srcCount, std::int32_t dstCapacity, bool update);
 
-  // Makes the next compensationDistance outputs, with what they take from the source, come out
-  // sampleDelta samples more (or, negative, fewer) than the rates give, so that a stream can follow
-  // a clock that drifts; then the ideal step holds again. A distance of 0 ends a compensation at
+  // Changes the step of the next compensationDistance outputs, so that the source samples that they
+  // use give sampleDelta outputs more (or, negative, fewer) than the rates do: a stream can follow
+  // a clock that drifts. Then the ideal step applies again. A distance of 0 ends a compensation at
   // once. Throws std::invalid_argument when the step would leave its range (for instance when the
   // delta is not smaller than the distance) and std::logic_error before Init.
   void SetCompensation(std::int32_t sampleDelta, std::int32_t compensationDistance);

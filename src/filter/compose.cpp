@@ -52,7 +52,7 @@ void CCompose::EndCompositionThreads() {
   // The event wakes one thread, which wakes the next.
   quitEvent->Set();
   const auto join = [](qorp::Thread& thread) {
-    // A thread must not outlive the filter: a wait that the system refuses is tried again.
+    // A thread must not outlive the filter: a wait that fails is repeated.
     while (!thread.Handle().Wait(os::kInfinite)) {
       std::this_thread::yield();
     }
@@ -116,7 +116,7 @@ HRESULT CCompose::Pause() {
   if (compositionThread != nullptr) {
     pausedEvent->Wait(os::kInfinite);
   }
-  // One thread has answered; a former one may still be drawing.
+  // One thread has acknowledged; a former one may still be drawing.
   const std::lock_guard noFrame(composeLock);
   EndPause();
   return hr;
@@ -267,7 +267,7 @@ void CCompose::CompositionLoop() {
       ComposeFrame();
       lastError.clear();
     } catch (const TavrelException& error) {
-      // A fault that lasts is logged once, not on every frame.
+      // A repeated error is logged once, not on every frame.
       if (lastError != error.what()) {
         lastError = error.what();
         logger.load()->log(qorp::log::kError, "Error in composition: %s", lastError.c_str());

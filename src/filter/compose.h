@@ -17,8 +17,8 @@
 #include "util/thread.h"
 
 // The one filter of the system. Owns every pin, the queue of background frames, the drawing engine
-// and the composition thread, on which all drawing and all delivery of pictures happen. Its clock
-// is the background input: every sample there becomes one composed frame, drawn in place.
+// and the composition thread, on which all drawing and all delivery of frames happen. Its clock is
+// the background input: every sample there becomes one composed frame, drawn in place.
 //
 // Threads: the application's thread (graph control, IComposeCommand), one upstream streaming thread
 // for each connected input pin, the composition thread. filterLock is the lock of the filter and of

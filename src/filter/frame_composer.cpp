@@ -16,7 +16,7 @@ LONG MakeEven(LONG position) {
   return position / 2 * 2;
 }
 
-// The sample's buffer, when it holds a whole picture of that size; null otherwise.
+// The sample's buffer, when it holds a whole frame of that size; null otherwise.
 BYTE* PictureOf(IMediaSample* sample, LONG width, LONG height) {
   BYTE* picture = nullptr;
   if (width <= 0 || height <= 0 || FAILED(sample->GetPointer(&picture)) ||
@@ -79,7 +79,7 @@ void FrameComposer::ComposeFrame(IMediaSample* background, const std::function<v
   ChoosePictures(frameTime);
   const Yv12Picture picture{canvas, std::max<LONG>(composition_.outputWidth, 0),
                             std::max<LONG>(composition_.outputHeight, 0)};
-  // A frame that a selection refuses leaves the records to the next one: reading drops older ones.
+  // Reading drops older records: a frame that a selection refuses leaves them to the next one.
   if (SelectionsFit(windows_, overlays_, picture)) {
     ReadMeters(frameTime);
   }

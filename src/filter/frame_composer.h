@@ -26,7 +26,7 @@ struct InputPins {
   ComPtr<IComposeWindow> window;
 };
 
-// Size of an input's pictures in pixels.
+// Size of an input's frames in pixels.
 struct WindowSize {
   LONG width = -1;
   LONG height = -1;
@@ -53,8 +53,8 @@ struct Composition {
 };
 
 // True for the one frame of each period that is marked as not to be presented downstream: time lies
-// within half a frame of a multiple of the period. Times in 100 ns units; a period of 0, or a rate
-// without a numerator, marks nothing.
+// within half a frame of a multiple of the period. Every negative time is marked. Times in 100 ns
+// units; a period of 0, or a rate without a numerator, marks nothing.
 bool IsPrerollFrame(REFERENCE_TIME time, REFERENCE_TIME period, const qorp::Ratio& rate);
 
 // Turns a background frame into a composed one. Owned by the filter; called by a composition thread
@@ -66,7 +66,7 @@ class FrameComposer {
   explicit FrameComposer(Composition& composition);
   ~FrameComposer();
 
-  // Draws into the background frame and calls `deliver`, while the pictures that it drew are still
+  // Draws into the background frame and calls `deliver` while the samples of the windows are still
   // held. Throws TavrelException when the frame cannot be composed, and does not deliver it then.
   void ComposeFrame(IMediaSample* background, const std::function<void()>& deliver);
 

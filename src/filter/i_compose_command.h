@@ -15,7 +15,7 @@ inline constexpr IID IID_IComposeCommand{
 // composition thread polls it once on every frame.
 class IComposeWindow : public IUnknown {
  public:
-  // enabled: non-zero shows the window's picture and meter. x, y: its top-left corner in canvas
+  // enabled: non-zero shows the window's frame and meter. x, y: its top-left corner in canvas
   // pixels (made even, towards zero). colour: a zero-terminated text, #RGB, #ARGB, #RRGGBB or
   // #AARRGGBB, valid until the next call; null leaves the label's colour as it is. selected:
   // non-zero draws the selection border. A failure drops the frame and is logged.
@@ -39,7 +39,7 @@ class IComposeCommand : public IUnknown {
   virtual HRESULT Configure(LONG windowCount, qorp::log::ILogPerf* logger, LONG width, LONG height,
                             LONG aspectNumerator, LONG aspectDenominator,
                             REFERENCE_TIME prerollPeriod, const qorp::Ratio& frameRate) = 0;
-  // Makes the six pins of an input, or makes them again. window: an IComposeWindow, or null for an
+  // Makes the six pins of an input, or replaces them. window: an IComposeWindow, or null for an
   // input that is never shown. E_OUTOFMEMORY changes nothing.
   virtual HRESULT AddInput(LONG index, IUnknown* window) = 0;
   // The input pins of an index, without references; S_FALSE (nothing written) for an unknown one.

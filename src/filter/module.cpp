@@ -1,4 +1,4 @@
-// The classes of the filter library and what is registered of them.
+// The classes of the filter library and their registration data.
 
 #include <array>
 

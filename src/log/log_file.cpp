@@ -32,7 +32,7 @@ std::uint32_t CircularLogFile::Open(const std::string& path, os::File::Access ac
   Close();
   std::uint32_t error = 0;
   if (access == os::File::Access::kReadWrite) {
-    // Without effect, and not an error, when the file is there.
+    // Fails, which is no error, when the file exists.
     if (file_.Create(path) == 0) {
       file_.WriteAt(0, FormatHeader(0));
     }
@@ -58,7 +58,7 @@ void CircularLogFile::ReadHeader() {
   size_ = 0;
   std::array<char, kHeaderSize + 1> header{};
   std::size_t count = 0;
-  // The size comes second: a writer beside us makes the file longer before its header says so.
+  // The size is read second: a concurrent writer extends the file before it updates the header.
   if (!file_.IsOpen() || file_.ReadAt(0, std::span(header).first(kHeaderSize), &count) != 0 ||
       file_.GetSize(&size_) != 0 || count == 0) {
     return;
@@ -108,7 +108,7 @@ void CircularLogFile::ReadLines(std::uint64_t begin, std::uint64_t end,
   while (lineBegin < end && offset < size_) {
     const std::size_t wanted = std::min<std::uint64_t>(kReadSize, size_ - offset);
     std::size_t count = 0;
-    // What cannot be read ends the file.
+    // A read error counts as the end of the file.
     if (file_.ReadAt(offset, std::span(buffer).first(wanted), &count) != 0 || count == 0) {
       break;
     }
@@ -161,7 +161,7 @@ void CircularLogFile::Append(std::string_view line, std::uint32_t maxSize) {
 
 namespace {
 
-// What stands in a file may be any number.
+// Wraps: a file may hold any number.
 std::int64_t Next(std::int64_t number) {
   return static_cast<std::int64_t>(static_cast<std::uint64_t>(number) + 1);
 }
@@ -217,7 +217,7 @@ void logfile_sink::Write(std::int32_t level, const LogTime& time, const char* te
     Open(path);
   }
   LogHistoryEntry entry{level, MillisecondsOf(time), FormatLogTime(time), text};
-  // Whatever it holds, it stays one line of the file.
+  // It stays one line of the file.
   std::replace(entry.text.begin(), entry.text.end(), '\n', ' ');
   std::erase(entry.text, '\r');
   if (file_.IsGood()) {
@@ -242,7 +242,7 @@ void logfile_sink::Open(const std::string& path) {
     try {
       Rebuild();
     } catch (...) {
-      // Nothing is written over lines that were not understood; the next line tries again.
+      // Lines that could not be parsed are not overwritten; the next line tries again.
       file_.Close();
       throw;
     }
@@ -307,7 +307,7 @@ std::string recovering_logfile_sink::Claim() {
     return {};
   }
   const std::uint32_t error = claim_.Take(path);
-  // Whatever else is wrong is for the sink to find.
+  // The sink finds all other errors.
   const bool isOthers = error == os::kErrorSharingViolation;
   claimed_ = isOthers ? "" : path;
   sink_.SetPath(claimed_);
@@ -337,7 +337,7 @@ void recovering_logfile_sink::Write(std::int32_t level, const LogTime& time, con
   ReportOnce(message);
 }
 
-// What to say of it.
+// Returns the message about it.
 std::string recovering_logfile_sink::MoveAside(const std::string& reason) {
   std::string path;
   {

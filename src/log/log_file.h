@@ -24,12 +24,11 @@ namespace qorp::log {
 //   head        line CR LF ...        the oldest lines, the first of them partly overwritten
 //
 // A line is written before the header that counts it. A writer that dies in between, or in the
-// middle of the line, leaves a header that names the end of the line before: nothing that a header
-// counted is lost, and writing continues there. The header is 12 bytes in one piece and is never
-// half written.
+// middle of the line, leaves a header that names the end of the line before: no line that a header
+// counted is lost, and writing continues there. The header is written in one call of 12 bytes; a
+// crash does not leave it half written.
 //
-// Used by one thread. Failures of the system show in IsOpen and IsGood; nothing throws but
-// std::bad_alloc.
+// Used by one thread. System errors show in IsOpen and IsGood; nothing throws but std::bad_alloc.
 class CircularLogFile {
  public:
   static constexpr std::uint64_t kHeaderSize = 12;
@@ -37,7 +36,8 @@ class CircularLogFile {
   // A line and the offset at which it begins; false ends the reading.
   using TakeLine = std::function<bool(std::string_view line, std::uint64_t begin)>;
 
-  // What the header says. All but a whole one stand for that of a new file: writing begins at 12.
+  // The state of the header. Any but a whole one is treated as that of a new file: writing begins
+  // at 12.
   enum class Header {
     kMissing,    // the file is empty, or not open
     kWhole,      // names a place in the file, or 0
@@ -45,8 +45,8 @@ class CircularLogFile {
     kElsewhere,  // names a place that is not in the file
   };
 
-  // kReadWrite makes the file when there is none, and falls back to reading alone. Answers one of
-  // the system's error numbers, 0 when it is open as it was to be.
+  // kReadWrite makes the file when there is none, and falls back to reading alone. Returns one of
+  // the system's error numbers, 0 when it is open as requested.
   std::uint32_t Open(const std::string& path, os::File::Access access);
   void Close();
   bool IsOpen() const { return file_.IsOpen(); }
@@ -58,7 +58,7 @@ class CircularLogFile {
   // header was read.
   std::uint64_t head() const { return head_; }
   std::uint64_t size() const { return size_; }
-  // For a reader beside the writer: reads the header again.
+  // Reads the header again, for a reader beside the writer.
   void ReadHeader();
   // True while the path still leads to the file that is open.
   bool IsAt(const std::string& path) const { return file_.IsAt(path); }
@@ -69,8 +69,8 @@ class CircularLogFile {
   void ReadNewest(const TakeLine& take) const;
   // The lines that begin at begin or later, and before end.
   void ReadLines(std::uint64_t begin, std::uint64_t end, const TakeLine& take) const;
-  // All bytes as they are, in one go: beside a writer that leaves it the least time to change them.
-  // What cannot be read is missing at the end.
+  // All bytes in one read, which leaves a concurrent writer the least time to change them. Bytes
+  // that cannot be read are missing at the end.
   std::string ReadBytes() const;
 
   // Writes a line, and the header that counts it. maxSize in bytes: when a line ends beyond it, the
@@ -96,9 +96,9 @@ struct LogFileOptions {
 //
 // Without a file, or while it cannot be written, lines still reach the history; every further line
 // tries to open the file again. When a file is opened under a new path, history and line numbers
-// are rebuilt from it: what the history held is gone. Lines without five fields are left out. A
-// line with a number that is none makes Write throw, with every further line, and leaves the file
-// as it is: its owner moves the file or gives another path.
+// are rebuilt from it. Lines without five fields are left out. A line with an invalid number makes
+// this and every further Write throw and leaves the file as it is, until its owner moves the file
+// or sets another path.
 class logfile_sink final : public ILogSink {
  public:
   // Throws std::invalid_argument for a size below 0.
@@ -143,19 +143,19 @@ class logfile_sink final : public ILogSink {
   LogHistory history_;
 };
 
-// A log file sink throws when the numbers in the file that it opens are none. That need not be
-// damage: where the oldest line is partly overwritten, its rest may look like a line. The sink of a
-// program moves such a file aside, under the name "wall.log.damaged-1" or the next number that is
-// free, and writes the line into a new file.
+// logfile_sink throws when it opens a file with an invalid number in it. That need not be damage:
+// the rest of a partly overwritten line may look like a line. This sink moves such a file aside,
+// under the name "wall.log.damaged-1" or the next number that is free, and writes the line into a
+// new file.
 //
-// A file has one writer, who holds its lock; while another has it, lines reach the history only,
-// and every further line tries again. A file that was renamed or deleted is noticed by the next
-// line, which begins a new one under the path.
+// A file has one writer, which holds its lock; while another program has it, lines reach the
+// history only, and every further line tries again. A file that was renamed or deleted is noticed
+// by the next line, which begins a new one under the path.
 //
 // Owned by the host; the logger's worker writes, any thread may set the path.
 class recovering_logfile_sink final : public ILogSink {
  public:
-  // What has happened to the file, once for each time. Called on the writing thread.
+  // Called on the writing thread, once for each event that affects the file.
   using Report = std::function<void(const std::string& message)>;
 
   // Throws std::invalid_argument for a size below 0.
@@ -167,7 +167,8 @@ class recovering_logfile_sink final : public ILogSink {
   const logfile_sink& sink() const { return sink_; }
 
  private:
-  // Makes the path's file ours, and no other. What to say when it is not; otherwise empty.
+  // Takes the lock of the path's file and releases any other. Returns a message when another
+  // program has the lock, otherwise an empty text.
   std::string Claim();
   std::string MoveAside(const std::string& reason);
   void ReportOnce(const std::string& message);

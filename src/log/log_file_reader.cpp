@@ -9,15 +9,15 @@ namespace {
 
 constexpr int kTries = 100;
 constexpr std::uint64_t kLineEndBytes = 2;
-// A line that is being written reaches no further beyond the head than this, but for texts that no
-// logger writes.
+// More than the longest line that a logger writes: a line that is being written ends within this
+// distance of the head.
 constexpr std::uint64_t kLineMargin = 4096;
 
 auto TimeAndNumber(const NumberedLogLine& line) {
   return std::pair(line.entry.milliseconds, line.number);
 }
 
-// Whether a line's number is but the end of the one that belongs before the next line: its
+// Whether a line's number is only the last digits of the number that precedes the next line's: its
 // beginning has been overwritten.
 bool IsRest(const NumberedLogLine& line, const NumberedLogLine& next) {
   const std::string whole = std::to_string(next.number - 1);
@@ -40,7 +40,7 @@ std::uint32_t LogFileReader::Open() {
   return file_.Open(path_, os::File::Access::kRead);
 }
 
-// A header may be seen while it is being written: it counts when it is seen twice.
+// A header may be read while it is being written: it counts when two readings agree.
 void LogFileReader::ReadHeader() {
   file_.ReadHeader();
   for (int i = 0; i < kTries; ++i) {
@@ -89,8 +89,8 @@ bool LogFileReader::IsLastInPlace() const {
   return !there.empty() && there.front().line == last_->line;
 }
 
-// A file that has never wrapped may be of any length: its lines are handed over as they come. False
-// when there is more to it.
+// A file that has never wrapped may be of any length: its lines are handed over as they are read.
+// False when it has wrapped or was read before.
 bool LogFileReader::ReadFromStart(const TakeLine& take) {
   const std::uint64_t head = file_.head();
   if (last_ || head < file_.size()) {
@@ -108,7 +108,7 @@ bool LogFileReader::ReadFromStart(const TakeLine& take) {
   return true;
 }
 
-// The usual case: lines were added behind the last one. False when it is another.
+// The usual case: lines were added after the last one. False in any other case.
 bool LogFileReader::ReadOn(const TakeLine& take) {
   const std::uint64_t head = file_.head();
   if (!last_ || head < lastEnd_ || last_->begin >= head || !IsLastInPlace()) {
@@ -135,13 +135,13 @@ bool LogFileReader::IsUncounted(const Lines& oldest, const Lines& newest) {
   if (!newest.empty()) {
     return TimeAndNumber(first) > TimeAndNumber(newest.back().line);
   }
-  // The newest line is one of these, too.
+  // The newest line is then one of these.
   return std::any_of(oldest.begin() + 1, oldest.end(), [&](const PlacedLine& line) {
     return line.line.number >= first.number - 1 && TimeAndNumber(line.line) < TimeAndNumber(first);
   });
 }
 
-// The lines that begin there and have an end.
+// The lines that begin in [begin, end) and have a line end.
 LogFileReader::Lines LogFileReader::Parse(std::string_view bytes, std::uint64_t begin,
                                           std::uint64_t end) {
   Lines lines;
@@ -168,11 +168,12 @@ LogFileReader::Snapshot LogFileReader::TakeSnapshot() {
   ReadHeader();
   Lines lines = Parse(bytes, head, bytes.size());
   Lines newest = Parse(bytes, CircularLogFile::kHeaderSize, head);
-  // No line reaches over a head: the writer has been round the file since that was read.
+  // No line crosses the head: the writer has wrapped since the header was read.
   if (!newest.empty() && newest.back().end > head) {
     return {};
   }
-  // What the writer went over meanwhile, in the order of the file and round its end.
+  // Drops what the writer has overwritten meanwhile: from the old head to the new one, possibly
+  // round the end of the file.
   const std::uint64_t movedTo = file_.head();
   if (movedTo != head) {
     const auto isUnsafe = [&](const PlacedLine& line) {
@@ -182,18 +183,18 @@ LogFileReader::Snapshot LogFileReader::TakeSnapshot() {
     std::erase_if(lines, isUnsafe);
     std::erase_if(newest, isUnsafe);
   }
-  // A line that no header has counted stands first.
+  // The first line may be one that no header has counted.
   if (!lines.empty() && IsUncounted(lines, newest)) {
     lines.erase(lines.begin());
   }
-  // Then comes what is left of the line that is overwritten next.
+  // The next one may be the rest of a partly overwritten line.
   const PlacedLine* const second = lines.size() > 1  ? &lines[1]
                                    : !newest.empty() ? &newest.front()
                                                      : nullptr;
   if (!lines.empty() && second != nullptr && IsRest(lines.front().line, second->line)) {
     lines.erase(lines.begin());
   }
-  // Lines from before the file was made smaller stand last.
+  // Lines from before the file was made smaller are at the end.
   const auto stale = std::find_if(lines.begin(), lines.end(), [&](const PlacedLine& line) {
     return IsOlder(line.line, lines.front().line);
   });
@@ -203,9 +204,9 @@ LogFileReader::Snapshot LogFileReader::TakeSnapshot() {
   return {std::move(lines), head};
 }
 
-// Places where the numbers do not count on: left by a writer that took over, or by one that went
-// round while we read, so that parts of different rounds stand together. Only the former are there
-// when we look again.
+// Places where the numbers are not consecutive: left by a writer that took over, or by one that
+// wrapped during the reading, so that lines of different rounds are mixed. Only the former are
+// found again by the next reading.
 LogFileReader::Gaps LogFileReader::FindGaps(const Lines& lines) {
   Gaps gaps;
   for (std::size_t i = 1; i < lines.size(); ++i) {
@@ -223,8 +224,8 @@ void LogFileReader::SortByTime(Lines& lines) {
   });
 }
 
-// The number of lines that were lost. Numbers show them; but a writer that has taken over steps
-// back, and the next one forward again, so that not every step in a file is a loss.
+// Returns the number of lines that were lost between the last one handed over and the oldest one in
+// the file. Steps within the file are not counted: numbers also step when a writer takes over.
 std::int64_t LogFileReader::ReadAll(const TakeLine& take) {
   Snapshot snapshot;
   Gaps gaps;

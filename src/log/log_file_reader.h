@@ -14,14 +14,13 @@
 
 namespace qorp::log {
 
-// Reads a log file once, or again and again beside its writer, which may wrap, end and begin again,
-// or put another file in its place meanwhile. What stands in the file beside whole lines that a
-// header has counted is left out: rests of overwritten lines, and a line whose writer died, or is
-// still writing it.
+// Reads a log file once, or repeatedly beside its writer, which may wrap, restart or replace the
+// file meanwhile. Only whole lines that a header has counted are handed over: neither rests of
+// overwritten lines nor a line whose writer died or is still writing it.
 //
-// A line stands behind another one because of its place in the file, not of its number: numbers
-// step back where a writer took the file over. Only the end of the file may hold lines older than
-// all others, from before the file was made smaller.
+// Lines are ordered by their place in the file, not by their numbers, which step back where a
+// writer took the file over. Only the end of the file may hold lines older than all others, from
+// before the file was made smaller.
 //
 // One thread.
 class LogFileReader {
@@ -32,21 +31,21 @@ class LogFileReader {
     kRead,
     kUnreadable,  // see error
     kEmpty,       // not even a header, as when its writer is just making it
-    kDamaged,     // see header: there is no telling where the newest line stands
+    kDamaged,     // see header: the place of the newest line is unknown
   };
   struct Result {
     State state = State::kRead;
     std::uint32_t error = 0;  // of the system
     CircularLogFile::Header header = CircularLogFile::Header::kWhole;
-    std::int64_t lost = 0;  // lines missing since the reading before, or between those handed over
+    std::int64_t lost = 0;  // lines overwritten unread since the reading before
   };
 
   // The system's form of a path, or a native one.
   explicit LogFileReader(std::string path) : path_(std::move(path)) {}
 
   // Hands over the lines that were written since the reading before, or all the first time. None
-  // while the writer goes round the file faster than it can be read; the next reading counts what
-  // was lost.
+  // while the writer wraps the file faster than it can be read; the next reading counts the lost
+  // lines.
   Result Read(const TakeLine& take);
   // Every line of a file whose header is damaged, in the order of their times. Throws nothing;
   // nothing is handed over when the file cannot be read.
@@ -59,14 +58,14 @@ class LogFileReader {
   struct PlacedLine {
     NumberedLogLine line;
     std::uint64_t begin = 0;  // in the file
-    std::uint64_t end = 0;    // behind its line end
+    std::uint64_t end = 0;    // after its line end
   };
   using Lines = std::vector<PlacedLine>;
   struct Snapshot {
     Lines lines;             // of the whole file in order; none when it changed too much meanwhile
-    std::uint64_t head = 0;  // behind the last of them
+    std::uint64_t head = 0;  // after the last of them
   };
-  // The numbers around each.
+  // The line numbers before and after each gap.
   using Gaps = std::vector<std::pair<std::int64_t, std::int64_t>>;
 
   std::uint32_t Open();

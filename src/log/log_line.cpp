@@ -113,8 +113,8 @@ std::int32_t ParseInt32(std::string_view field) {
   return static_cast<std::int32_t>(ParseNumber(field, "stoi", Limits::min(), Limits::max()));
 }
 
-// "Mon Nov 16 09:43:14.123": a letter stands for any letter, a digit for any digit or the blank
-// before it.
+// "Mon Nov 16 09:43:14.123": in the form, 0 stands for a digit, d for a digit or a blank, other
+// letters for any letter.
 bool IsTimeText(std::string_view text) {
   constexpr std::string_view kForm = "Www Mmm dd 00:00:00.000";
   if (text.size() != kForm.size()) {

@@ -1,6 +1,6 @@
-// The lines of a log: LogTime is the timestamp of a message, LogClock all that the logger takes
-// from time; ILogSink takes the messages of a logger, IPerfObserver the main figures of every
-// performance report; LogHistory keeps the most recent lines in memory, and a log file has them as
+// The lines of a log: LogTime is the timestamp of a message, LogClock the logger's source of time;
+// ILogSink takes the messages of a logger, IPerfObserver the main figures of every performance
+// report; LogHistory keeps the most recent lines in memory, and a log file has them as
 //
 //   42;Mon Nov 16 09:43:14.123;1763286194123;1;Composer audio/video #2 resynchronizes (-)
 //   number;local time;milliseconds since 1970-01-01 UTC;level;text, which may itself hold ";"
@@ -57,8 +57,8 @@ struct LogHistoryEntry {
   bool operator==(const LogHistoryEntry&) const = default;
 };
 
-// Lines by their running numbers; the lowest numbers go when there are more than the capacity. Any
-// thread; the lock guards the lines.
+// Lines by their running numbers; the lowest numbers are dropped when there are more than the
+// capacity. Any thread; the lock guards the lines.
 //
 // A bound of a range that is negative counts from the newest line: -1 is the newest.
 class LogHistory {
@@ -79,7 +79,7 @@ class LogHistory {
  private:
   using Lines = std::map<std::int64_t, LogHistoryEntry>;
 
-  // There are lines.
+  // Requires that there are lines.
   bool Resolve(std::int64_t* first, std::int64_t* last) const REQUIRES(lock_);
 
   const std::size_t capacity_;
@@ -87,24 +87,24 @@ class LogHistory {
   Lines lines_ GUARDED_BY(lock_);
 };
 
-// For a person: "[Level 1] Mon Nov 16 09:43:14.123 text", without the line end.
+// For an operator: "[Level 1] Mon Nov 16 09:43:14.123 text", without the line end.
 std::string FormatPlainLine(std::int32_t level, std::string_view timeText, std::string_view text);
 
 // For a file, without the line end.
 std::string FormatLogLine(std::int64_t number, const LogHistoryEntry& entry);
 
-// True when line has the five fields at least.
+// True when line has at least the five fields.
 bool IsLogLine(std::string_view line);
 
-// The fields of a line that IsLogLine. Numbers are decimal; what follows their digits is not looked
-// at. A field without a number throws std::invalid_argument "invalid stoll argument" ("invalid stoi
-// argument" for the level), one beyond 64 bits (32 for the level) std::out_of_range "stoll argument
-// out of range" ("stoi argument out of range").
+// The fields of a line for which IsLogLine is true. Numbers are decimal; what follows their digits
+// is ignored. A field without a number throws std::invalid_argument "invalid stoll argument"
+// ("invalid stoi argument" for the level), one beyond 64 bits (32 for the level) std::out_of_range
+// "stoll argument out of range" ("stoi argument out of range").
 std::int64_t ParseLogLineNumber(std::string_view line);
 LogHistoryEntry ParseLogLine(std::string_view line);
 
-// For readers of files in which rests of overwritten lines stand beside whole ones: nothing unless
-// every field has exactly the form in which it is written.
+// For readers of files that also hold rests of overwritten lines: none unless every field has
+// exactly the form in which it is written.
 struct NumberedLogLine {
   std::int64_t number = 0;
   LogHistoryEntry entry;
@@ -113,7 +113,7 @@ struct NumberedLogLine {
 };
 std::optional<NumberedLogLine> ReadLogLine(std::string_view line);
 
-// On its way to the sinks.
+// A message on its way to the sinks.
 struct LogMessage {
   std::int32_t level = 0;
   std::string text;

@@ -21,8 +21,8 @@ namespace {
 template <std::size_t Size>
 class FormatBuffer {
  public:
-  // The length of the text that stands in the buffer then. A format that cannot be carried out is
-  // kept as its own text: the message is not lost.
+  // Returns the length of the text in the buffer. When formatting fails, the format itself is the
+  // text, so that the message is not lost.
   [[gnu::format(printf, 2, 0)]] std::size_t Format(const char* format, va_list arguments) {
     const int length = std::vsnprintf(text_.data(), text_.size(), format, arguments);
     if (length < 0) {
@@ -57,7 +57,7 @@ constexpr std::size_t kMaxMessage = 1040;
 // log() call. So the worker polls for some microseconds before it sleeps.
 constexpr int kPollsBeforeSleep = 50;
 
-// Makes one line of length characters: the length that is left.
+// Makes the text one line; returns the length that is left.
 std::size_t CleanLine(char* text, std::size_t length) {
   char* const end = text + length;
   if (std::memchr(text, '\n', length) != nullptr) {
@@ -83,7 +83,7 @@ void MessageQueue::Push(std::int32_t level, std::string_view text, const LogTime
   LogMessage& message = spare_.front();
   message.level = full ? kError : level;
   message.text = full ? "Overflowed message queue." : text;
-  message.time = time;  // the refused message's is the current time
+  message.time = time;  // the notice has that of the refused message
   messages_.splice(messages_.end(), spare_, spare_.begin());
   overflowed_ = full;
   signal_.Set(true);
@@ -200,7 +200,7 @@ void LogPerf::MakePeriodicReport() {
   try {
     WriteReport();
   } catch (const std::exception& failure) {
-    // The next report is another try; the messages matter more.
+    // The next report tries again; the worker must continue to write messages.
     os::WriteDebuggerOutput(std::string("Performance report failed: ") + failure.what() + "\n");
   }
 }
@@ -252,7 +252,7 @@ struct LogPerf::Report {
   std::int32_t politicChoicesPerSecond = 0;
 };
 
-// Nothing when no time of the system has passed since the last one.
+// None when the system's times have not advanced since the last report.
 std::optional<LogPerf::Report> LogPerf::CompileReport() {
   const os::MutexLock guard(reportLock_);
   Report report;
@@ -272,7 +272,7 @@ std::optional<LogPerf::Report> LogPerf::CompileReport() {
   const std::uint64_t processDelta = (statistics.processKernelTime + statistics.processUserTime) -
                                      (previous_.processKernel + previous_.processUser);
   record.cpu = static_cast<std::int64_t>(processDelta * 100 / totalDelta);
-  // The three sizes are recorded in 32 bits, whatever is lost.
+  // The three sizes are recorded modulo 2^32.
   report.workingSet = statistics.workingSet;
   record.workingSet = static_cast<std::uint32_t>(statistics.workingSet);
   record.privateBytes = static_cast<std::uint32_t>(statistics.privateBytes);

@@ -37,20 +37,19 @@ class DummyLogPerf : public ILogPerf {
   void NotifyBufferFull(const char*) override {}
 };
 
-// A message's way from its caller to the logger's worker. Any thread pushes, never waiting for the
+// The queue from the callers to the logger's worker. Any thread pushes, never waiting for the
 // worker; the worker alone pops.
 //
-// The queue is bounded. The message that finds it full is replaced by one notice, and everything
-// after it is dropped until the worker has emptied the queue: one notice stands for all that one
-// episode lost. Its elements are made once and then go round, so that pushing and popping allocate
-// nothing in the long run.
+// The queue is bounded. A message that finds it full is replaced by one notice, and all further
+// messages are dropped until the worker has emptied the queue. Elements are reused, so that pushing
+// and popping allocate nothing in the long run.
 //
 // Signalled while it holds a message; a wait consumes nothing, Pop does.
 class MessageQueue final : public os::Waitable {
  public:
-  static constexpr std::size_t kCapacity = 1000;  // the notice comes on top
+  static constexpr std::size_t kCapacity = 1000;  // without the notice
 
-  // A message in the worker's hands; its memory is used again for later messages.
+  // A message taken by the worker; its memory is reused for later messages.
   class Popped {
    public:
     const LogMessage& operator*() const { return node_.front(); }
@@ -72,7 +71,7 @@ class MessageQueue final : public os::Waitable {
 
   Signal signal_;
   std::list<LogMessage> messages_ GUARDED_BY(signal_.Lock());  // oldest first
-  std::list<LogMessage> spare_ GUARDED_BY(signal_.Lock());     // were popped before
+  std::list<LogMessage> spare_ GUARDED_BY(signal_.Lock());     // popped, for reuse
   bool overflowed_ GUARDED_BY(signal_.Lock()) = false;
 };
 
@@ -80,7 +79,7 @@ struct LogPerfOptions {
   std::uint32_t reportPeriod = 10000;       // ms between performance reports, 1 to 2^31 - 1
   std::int32_t bufferFullLevel = kWarning;  // of the lines about full buffers
   RestartMonitor::Rule restart;             // ticks once for each periodic report
-  // Seams for tests.
+  // Replaced in tests.
   std::shared_ptr<LogClock> clock = std::make_shared<LogClock>();
   std::function<os::SystemStatistics()> readStatistics = os::ReadSystemStatistics;
 };
@@ -110,8 +109,8 @@ class LogPerf final : public ILogPerf {
   // does nothing when it does not run. Messages logged later wait for the next Start, or are lost.
   // Not from a sink.
   void Stop();
-  // The same for that long at most (ms). False when a sink holds the worker for longer: it runs on,
-  // and uses this object and its sinks whenever that returns.
+  // The same, waiting limit ms at most. False when a sink blocks the worker for longer: the worker
+  // still runs, and uses this object and its sinks once that call returns.
   bool StopWithin(std::uint32_t limit);
 
   // Takes effect from the next message.
@@ -124,8 +123,8 @@ class LogPerf final : public ILogPerf {
   void SetPerformanceSink(ILogSink* sink);
   void SetObserver(IPerfObserver* observer);
 
-  // Text beyond 1040 characters is cut, line feeds become blanks, carriage returns vanish. Throws
-  // std::bad_alloc without memory.
+  // Text beyond 1040 characters is cut, line feeds become blanks, carriage returns are removed.
+  // Throws std::bad_alloc without memory.
   [[gnu::format(printf, 3, 4)]] void log(std::int32_t level, const char* format, ...) override;
 
   void RegisterPin(const char* pinName) override;
@@ -157,7 +156,7 @@ class LogPerf final : public ILogPerf {
     std::uint32_t politicChoices = 0;
   };
 
-  // lastReport in ticks; the start counts as one.
+  // lastReport in ticks; the start counts as a report.
   void Work(std::uint32_t lastReport);
   // Waits for the stop event (0), a message (1) or the next report (kWaitTimeout).
   std::uint32_t WaitForWork(std::uint32_t lastReport);

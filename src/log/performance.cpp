@@ -33,7 +33,7 @@ PinTable::Counts PinTable::GetCounts() const {
 
 namespace {
 
-// Limits below 0 are reached always.
+// Limits below 0 are always reached.
 bool Reaches(std::uint64_t value, std::int32_t limit) {
   return limit <= 0 || value >= static_cast<std::uint64_t>(limit);
 }

@@ -1,4 +1,4 @@
-// What a performance report consists of: PinTable counts the buffer-full events of each output pin,
+// The parts of a performance report: PinTable counts the buffer-full events of each output pin,
 // RestartMonitor decides from their rate whether the process should be restarted, PerformanceRecord
 // is one comma-separated line for each report.
 #pragma once
@@ -24,8 +24,8 @@ class PinTable {
 
   // Starts a pin at 0, also one that is already there. Its first period begins now.
   void Register(std::string_view name, std::uint32_t now);
-  // Counts an event. Answers for how many events a warning is due, this one included; 0 for none.
-  // A pin that was never registered is not counted and always due.
+  // Counts an event. Returns for how many events a warning is due, this one included; 0 for none. A
+  // pin that was never registered is not counted and always due.
   std::uint32_t Count(std::string_view name, std::uint32_t now);
 
   Counts GetCounts() const;
@@ -40,9 +40,9 @@ class PinTable {
   std::map<std::string, Pin, std::less<>> pins_;
 };
 
-// Classifies the rate once for each tick: when it reached the threshold in as many ticks in a row
-// as the limit says, a restart is needed, permanently. Any thread; the lock guards everything and
-// is never held with another.
+// Checks the rate on each tick: once it has reached the threshold in as many ticks in a row as the
+// limit says, a restart is needed, permanently. Any thread; the lock guards everything and is never
+// held with another.
 class RestartMonitor {
  public:
   struct Rule {

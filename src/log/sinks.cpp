@@ -78,7 +78,7 @@ thread_local const SinkSet* usedByThisThread = nullptr;
 
 }  // namespace
 
-// The members as they stand, for the length of a call.
+// The present members, for the length of a call.
 class SinkSet::Use {
  public:
   explicit Use(SinkSet& set) : set_(set), outer_(std::exchange(usedByThisThread, &set)) {
@@ -151,7 +151,7 @@ void SinkSet::CallGuarded(const void* member, Call call) {
     failure = "unknown failure";
   }
   {
-    // A failure that lasts is reported once, not for every message.
+    // A repeated failure is reported once, not for every message.
     const os::MutexLock guard(lock_);
     if (std::exchange(lastFailures_[member], failure) == failure) {
       return;

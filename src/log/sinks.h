@@ -59,9 +59,8 @@ class ostream_sink final : public ILogSink {
 //   <132>Nov 16 09:43:14 encoder01 0042 text NUL
 //
 // 132 is 128 (facility local 0) and the severity: 3, 4, 6, 7 for levels 0 to 3. The time is the
-// local one, its day filled with a blank. The number counts from 0000 to 9999 and starts again.
-// What is longer than 1024 characters, without the NUL, is cut. Whether a datagram arrives is not
-// known.
+// local one, its day padded with a blank. The number counts from 0000 to 9999 and starts again.
+// A line of more than 1024 characters, without the NUL, is cut. Delivery is not confirmed.
 class syslog_sink final : public ILogSink {
  public:
   // An invalid socket sends nothing.
@@ -79,10 +78,10 @@ class syslog_sink final : public ILogSink {
 // Owned by a logger; owns none of its members. Any thread changes it while the logger runs.
 //
 // A member is called without a lock held, so a change does not stop a call in progress: it takes
-// effect from the next message. Taking something out therefore returns only when no call that might
-// still use it is in progress, and it may be destroyed then; the one exception is a change that a
-// member makes from within its own call. Who takes out a member must not hold a lock that the
-// member waits for.
+// effect from the next message. A removal therefore returns only when no call that might still use
+// the member is in progress, so that the member may then be destroyed; the one exception is a
+// change that a member makes from within its own call. The caller of a removal must not hold a lock
+// that the member waits for.
 class SinkSet {
  public:
   void Add(ILogSink* sink);
@@ -93,8 +92,8 @@ class SinkSet {
 
   // Hands a message to every sink, in the order of their addresses.
   void Dispatch(const LogMessage& message);
-  // Call the operation with the observer or the performance sink, if there is one; isFirst until
-  // a call with it has returned, and again for a sink that is set again.
+  // Call the operation with the observer or the performance sink, if there is one; isFirst is true
+  // until a call has returned without an exception, and again for a sink that is set again.
   void WithObserver(const std::function<void(IPerfObserver&)>& operation);
   void WithPerformanceSink(const std::function<void(ILogSink&, bool isFirst)>& operation);
 
@@ -119,10 +118,10 @@ class SinkSet {
   void CallGuarded(const void* member, Call call);
 
   os::Mutex lock_;
-  // Never changed, only replaced; a use keeps its own.
+  // Never changed, only replaced; a use keeps the members that it began with.
   std::shared_ptr<const Members> members_ GUARDED_BY(lock_) = std::make_shared<Members>();
   std::uint64_t usesBegun_ GUARDED_BY(lock_) = 0;
-  // The numbers with which they began.
+  // Their numbers, in ascending order.
   std::vector<std::uint64_t> usesInProgress_ GUARDED_BY(lock_);
   os::ConditionVariable useEnded_;
   std::map<const void*, std::string> lastFailures_ GUARDED_BY(lock_);  // by member

@@ -7,7 +7,7 @@
 
 namespace {
 
-// Success codes of a delivery say nothing that a sender could use.
+// The different success codes of a delivery mean nothing to a sender.
 HRESULT WithoutSuccessCodes(HRESULT hr) {
   return SUCCEEDED(hr) ? S_OK : hr;
 }
@@ -87,7 +87,7 @@ HRESULT CInputPinWithDynamicMediaType::ReceiveTyped(IMediaSample* sample) {
     wrapper = CExternalMetaDataMediaSample::Create(sample);
     ThrowIfFailed(wrapper->SetMediaType(&connectionType));
   } catch (...) {
-    // The next sample is another try.
+    // The next sample tries again.
     typePending = true;
     throw;
   }

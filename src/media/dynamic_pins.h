@@ -5,23 +5,22 @@
 
 // Base of every input pin of the composer. It takes a new connection or a reconnection at any time,
 // hands the connection's media type to the first sample after it, applies a type that a sample
-// brings before the sample is processed, and answers exceptions of the processing with result
-// codes.
+// brings before the sample is processed, and turns exceptions of the processing into result codes.
 //
 // ReceiveConnection runs on the application's thread under the pin's lock; Receive on the upstream
-// filter's streaming thread without it. Where both change the media type, the type lock makes each
-// change one step: a connection that is made while a sample is received is never lost. It is taken
-// after the pin's lock. The streaming state is not consulted: a derived OnReceive that wants the
-// base checks calls CBaseInputPin::Receive itself.
+// filter's streaming thread without it. Where both change the media type, each change holds the
+// type lock, so that a connection that is made while a sample is received is never lost. It is
+// taken after the pin's lock. The streaming state is not checked: a derived OnReceive that wants
+// the base checks calls CBaseInputPin::Receive itself.
 class CInputPinWithDynamicMediaType : public CBaseInputPin {
  public:
   CInputPinWithDynamicMediaType(const char* objectName, CBaseFilter* filter, CCritSec* lock,
                                 HRESULT* hr, LPCWSTR name);
 
-  // The pin that is already connected connects again; called instead of CompleteConnect.
+  // Called instead of CompleteConnect when the pin that is already connected connects again.
   virtual HRESULT OnReconnect(IPin* pin);
-  // Processes one sample. May throw: a COMException is answered with its code, anything else with
-  // E_FAIL.
+  // Processes one sample. May throw: the result is the code of a COMException, E_FAIL for anything
+  // else.
   virtual HRESULT OnReceive(IMediaSample* sample) = 0;
 
   HRESULT ReceiveConnection(IPin* connector, const AM_MEDIA_TYPE* type) override;

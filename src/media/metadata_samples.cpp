@@ -11,7 +11,7 @@
 
 namespace {
 
-// A flag of a sample, as its accessor answers: S_OK for yes, S_FALSE for no.
+// A flag of a sample, from the result of its accessor: S_OK for yes, S_FALSE for no.
 bool IsSet(HRESULT answer) {
   ThrowIfFailed(answer);
   return answer == S_OK;
@@ -56,7 +56,7 @@ void CExternalMetaDataMediaSample::CopyTypeAndStream() {
   ThrowIfFailed(ReadMediaType(sample_.Get(), &wrappedType_));
   const ComPtr<IMediaSample2> sample2 = sample_.As<IMediaSample2>();
   AM_SAMPLE2_PROPERTIES all{};
-  // A sample that does not report them is wrapped without.
+  // A sample that does not report these is wrapped without them.
   if (sample2 && SUCCEEDED(sample2->GetProperties(sizeof(all), reinterpret_cast<BYTE*>(&all)))) {
     AM_SAMPLE2_PROPERTIES mine{};
     own_.GetProperties(sizeof(mine), reinterpret_cast<BYTE*>(&mine));
@@ -68,7 +68,7 @@ void CExternalMetaDataMediaSample::CopyTypeAndStream() {
 }
 
 void CExternalMetaDataMediaSample::CopyProperties() {
-  // The interface can be asked for known numbers only.
+  // The interface cannot list its properties: only known ids can be asked for.
   const ComPtr<IMediaSample3> sample3 = sample_.As<IMediaSample3>();
   if (!sample3) {
     return;

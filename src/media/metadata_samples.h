@@ -21,8 +21,8 @@
 inline constexpr IID IID_IMediaSample3{
     0x5D8CEC5F, 0x63DA, 0x46A1, {0x92, 0x37, 0xA2, 0xF3, 0x58, 0x7B, 0x32, 0x3C}};
 
-// What a property's bytes mean is between those who write and those who read it; the sample only
-// keeps them.
+// The sample only stores a property's bytes; their meaning is known to those who write and read
+// them.
 class IMediaSample3 : public IMediaSample2 {
  public:
   // The stored bytes, which stay the sample's own and valid until the property is set or removed;
@@ -45,7 +45,7 @@ struct InterfaceId<IMediaSample3> {
 struct MediaProperty {
   LONG id;
   ULONG length;             // bytes
-  const char* unsupported;  // said when a sample has no IMediaSample3
+  const char* unsupported;  // message when a sample has no IMediaSample3
 };
 
 inline constexpr MediaProperty kCuePointProperty{
@@ -68,10 +68,10 @@ inline constexpr MediaProperty kMediaProperties[] = {
 // Wraps a sample of another owner, so that a media type can be attached to it (or its
 // times changed) without touching it. Buffer, size and length of the data are the wrapped sample's,
 // read and set there; times, flags, the known properties and the stream are copied once and then
-// the wrapper's own; the media type starts empty.
+// belong to the wrapper; the media type starts empty.
 //
-// Holds one reference of the wrapped sample for its own life. References may be counted on any
-// thread; everything else belongs to the thread that the sample has been handed to.
+// Holds one reference to the wrapped sample during its lifetime. AddRef and Release on any thread;
+// everything else on the thread that the sample has been handed to.
 class CExternalMetaDataMediaSample final : public CUnknown, public IMediaSample3 {
  public:
   DECLARE_IUNKNOWN
@@ -134,7 +134,7 @@ class CExternalMetaDataMediaSample final : public CUnknown, public IMediaSample3
   std::map<LONG, std::vector<BYTE>> properties_;
 };
 
-// The bytes of a property, laid out by those who write and read it.
+// The bytes of a property, whose layout is known to those who write and read it.
 template <const MediaProperty& property>
 using MediaPropertyBytes = std::array<BYTE, property.length>;
 
@@ -145,12 +145,12 @@ using DolbyMetadata = MediaPropertyBytes<kDolbyMetadataProperty>;
 using ParentalRating = MediaPropertyBytes<kParentalRatingProperty>;
 using RecordingEvent = MediaPropertyBytes<kRecordingEventProperty>;
 
-// What a holder of samples sees of one. Counted like a COM object, but none: it never crosses a
-// module and may throw.
+// A sample as its holder sees it. Counted like a COM object, but not one: it never crosses a module
+// boundary and may throw.
 //
 // The property accessors throw MediaDataError when the sample has no IMediaSample3 (with the
-// property's own message) or when what it holds has another length, and COMException when it
-// refuses a value. A getter gives nothing when the property is not stored.
+// property's own message) or when the stored property has another length, and COMException when the
+// sample refuses a value. A getter returns none when the property is not stored.
 class IMediaData {
  public:
   virtual ULONG AddRef() = 0;
@@ -195,8 +195,8 @@ class IMediaData {
 
 using MediaDataError = ExceptionTemplate<IMediaData, std::exception>;
 
-// Holds one reference of its sample. References may be counted on any thread; everything else
-// belongs to the thread that the sample has been handed to.
+// Holds one reference to its sample. AddRef and Release on any thread; everything else on the
+// thread that the sample has been handed to.
 class MediaData : public IMediaData {
  public:
   // With one reference.

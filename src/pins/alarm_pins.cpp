@@ -124,7 +124,7 @@ HRESULT CComposeAlarmInputPin<T>::OnReceive(IMediaSample* sample) {
   try {
     ParseRecord(sample, &record);
   } catch (const char* /*tooShort*/) {
-    // No exception of its kind passes the COM boundary towards the sender.
+    // An exception of this type must not cross the COM boundary to the sender.
     return E_FAIL;
   }
   REFERENCE_TIME start = 0;
@@ -147,7 +147,8 @@ void CComposeAlarmInputPin<T>::getNearest(REFERENCE_TIME time, std::optional<T>*
   if (!record->has_value()) {
     record->emplace();
   }
-  // A push in between can only add a record or start again with one: the list stays filled.
+  // A push in between can only add a record or start again with one: the list does not become
+  // empty.
   REFERENCE_TIME found = 0;
   records.getNearest(time, **record, found);
   records.removeBefore(time);

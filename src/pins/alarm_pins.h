@@ -55,15 +55,15 @@ void ParseRecord(IMediaSample* sample, UTF8TextSampleType* text);
 void ParseRecord(IMediaSample* sample, AudioAlarm* record);
 void ParseRecord(IMediaSample* sample, VideoAlarm* record);
 
-// Thrown as const char*: the pin answers it at the COM boundary.
+// Thrown as const char*: the pin turns it into a result code at the COM boundary.
 inline constexpr const char* kInvalidSampleSize = "Invalid sample size";
 
 class PinOwner;
 class CComposeInputVideoWindowPin;
 
 // Pins "UTF8 Text", "Audio Alarm" and "Video Alarm", for the record type T of each. A sample is
-// read into a record, moved onto the composer's clock as the channel's pictures are, and kept by
-// time. OnReceive runs on the sender's streaming thread, GetNearest on the composition thread; the
+// read into a record, moved onto the composer's clock as the channel's frames are, and kept by
+// time. OnReceive runs on the sender's streaming thread, getNearest on the composition thread; the
 // list's own lock serialises them.
 template <typename T>
 class CComposeAlarmInputPin final : public CInputPinWithDynamicMediaType {

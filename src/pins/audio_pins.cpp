@@ -27,8 +27,8 @@ constexpr GUID kAcceptedSubtypes[] = {
     kProductCompressedAudio,
 };
 
-// The bytes of a packet. The output pin took over the input allocator's properties, but what a
-// sample says of itself need not be true: one that claims more bytes than its buffer has, or than
+// Copies the bytes of a packet. The output pin has taken over the input allocator's properties, but
+// a sample's own sizes need not be true: one that claims more bytes than its buffer has, or than
 // the target's, is refused.
 void CopyBytes(IMediaSample* source, IMediaSample* target) {
   const LONG length = source->GetActualDataLength();
@@ -46,7 +46,7 @@ void CopyBytes(IMediaSample* source, IMediaSample* target) {
   }
 }
 
-// Times, flags, media type and bytes of a packet.
+// Copies times, flags, media type and bytes of a packet.
 void CopySampleProperties(IMediaSample* source, IMediaSample* target) {
   REFERENCE_TIME start = 0;
   REFERENCE_TIME stop = 0;

@@ -10,10 +10,10 @@ class CComposeOutputAudioCompressedPin;
 class PinOwner;
 
 // Pin "InputAudio%d". Every packet is copied at once into a buffer of the paired output pin, moved
-// onto the composer's clock as the channel's pictures are, and delivered. Nothing is decoded or
+// onto the composer's clock as the channel's frames are, and delivered. Nothing is decoded or
 // parsed. OnReceive runs on the channel's streaming thread and holds the filter's lock around the
-// delivery only. An output without a free buffer or a connection drops the packet, so that upstream
-// never stalls.
+// delivery only. A packet is dropped when the output is not connected or its allocator refuses a
+// buffer; while all buffers are in use, it waits for one.
 class CComposeInputAudioCompressedPin final : public CInputPinWithDynamicMediaType {
  public:
   CComposeInputAudioCompressedPin(PinOwner* filter, CCritSec* lock, HRESULT* hr, LPCWSTR name,

@@ -1,4 +1,4 @@
-// What hosts and pins know of the composer's streams in common.
+// What hosts and pins both know of the composer's streams.
 #pragma once
 
 #include "platform/dshow/media.h"
@@ -11,5 +11,5 @@ inline constexpr GUID MEDIATYPE_AudioAlarm{
 inline constexpr GUID MEDIATYPE_VideoAlarm{
     0xAE3CE0F0, 0x0DCD, 0x4223, {0x88, 0xBA, 0x8E, 0x28, 0x63, 0xE6, 0x5A, 0x18}};
 
-// How long after its time a window shows a picture, 100 ns units.
+// How long after its time a window shows a frame, 100 ns units.
 inline constexpr REFERENCE_TIME kWindowLatency = 10000000;

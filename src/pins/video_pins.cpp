@@ -50,7 +50,7 @@ HRESULT CComposeInputVideoPin::GetAllocatorRequirements(ALLOCATOR_PROPERTIES* pr
 }
 
 HRESULT CComposeInputVideoPin::NotifyAllocator(IMemAllocator* allocator, BOOL readOnly) {
-  // The demands are negotiated here rather than checked by the direct base.
+  // The requirements are negotiated here rather than checked by the direct base.
   // NOLINTNEXTLINE(bugprone-parent-virtual-call)
   const HRESULT noted = CBaseInputPin::NotifyAllocator(allocator, readOnly);
   if (allocator == nullptr) {
@@ -128,7 +128,7 @@ HRESULT CComposeInputVideoWindowPin::OnReceive(IMediaSample* sample) {
     queue.emplace_back(sample);
     nextStart = stop;
   }
-  // A sample with any other answer, a start without a stop included, is of no use here.
+  // A sample with any other result, such as a start without a stop, is ignored.
   return S_OK;
 }
 
@@ -148,7 +148,7 @@ void CComposeInputVideoWindowPin::ReceiveTimed(IMediaSample* sample, REFERENCE_T
   if (sample->IsDiscontinuity() == S_OK) {
     ResetTimeOffset(sample);
   }
-  // A stop time that is not credible advances the clock by one frame.
+  // After an implausible stop time, the next start is one frame duration later.
   const REFERENCE_TIME duration = frameDuration;
   nextStart = stop > AddTimes(start, duration >> 1) ? stop : AddTimes(start, duration);
   queue.emplace_back(sample);

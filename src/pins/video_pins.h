@@ -1,5 +1,5 @@
-// The pins that take pictures, one for the background and one for the window of each channel, and
-// the pin where composed frames leave.
+// The pins that take frames, one for the background and one for the window of each channel, and the
+// output pin of the composed frames.
 #pragma once
 
 #include <atomic>
@@ -11,25 +11,25 @@
 
 class PinOwner;
 
-// An input pin for YV12 pictures. Takes every sample by reference, so its upstream allocator must
+// An input pin for YV12 frames. Takes every sample by reference, so its upstream allocator must
 // have buffers enough for a whole queue. Created and owned by the filter.
 class CComposeInputVideoPin : public CInputPinWithDynamicMediaType {
  public:
-  // Buffers demanded from the upstream allocator. Belongs together with the high-water mark of the
-  // window pins' queues: a queue is cut back before it can hold every buffer.
+  // Buffers required of the upstream allocator. Depends on the high-water mark of the window pins'
+  // queues: a queue is cut back before it can hold every buffer.
   static constexpr LONG kRequiredBuffers = 80;
   static constexpr LONG kBufferAlign = 32;  // bytes
 
   CComposeInputVideoPin(PinOwner* filter, CCritSec* lock, HRESULT* hr, LPCWSTR name, ULONG index);
   ~CComposeInputVideoPin() override;
 
-  // S_OK for YV12 with a VIDEOINFOHEADER or VIDEOINFOHEADER2; the size is not looked at.
+  // S_OK for YV12 with a VIDEOINFOHEADER or VIDEOINFOHEADER2; the size is not checked.
   HRESULT CheckMediaType(const CMediaType* type) override;
   HRESULT GetAllocatorRequirements(ALLOCATOR_PROPERTIES* properties) override;
   // Raises the allocator to the buffers that the pin needs; E_FAIL when it will not grant them.
   HRESULT NotifyAllocator(IMemAllocator* allocator, BOOL readOnly) override;
 
-  // Drops the pictures that wait in the pin.
+  // Drops the frames that wait in the pin.
   virtual void FlushSamples() {}
   // Takes frame duration and size (pixels) from a type with a VIDEOINFOHEADER2. S_FALSE leaves
   // everything as it was: silently for another format block, with a message for another subtype.

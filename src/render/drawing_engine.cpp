@@ -1,9 +1,9 @@
 #include "render/drawing_engine.h"
 
 #include <algorithm>
-#include <cmath>
 #include <limits>
 
+#include "render/label_font.h"
 #include "util/text_codecs.h"
 
 namespace {
@@ -14,11 +14,6 @@ bool IsInt32(std::int64_t value) {
 }
 
 }  // namespace
-
-std::int32_t LabelFontSize(std::int32_t canvasHeight) {
-  const double size = canvasHeight * 16.0 / 1080.0;
-  return static_cast<std::int32_t>(std::floor(std::clamp(size, 8.0, 48.0) + 0.5));
-}
 
 std::optional<LabelRect> LabelRectOf(const WindowState& window, std::int32_t canvasHeight) {
   const std::int32_t size = LabelFontSize(canvasHeight);
@@ -108,7 +103,7 @@ bool BarFits(const SelectorBar& bar, std::int32_t W, std::int32_t H) {
          std::int64_t{bar.y} + bar.h < H;
 }
 
-// Where a bar of some thickness starts that ends with the window.
+// Start of a bar of this thickness that ends at the window's right or bottom edge.
 std::int32_t FarEdge(std::int32_t position, std::int32_t size, std::int32_t thickness) {
   return static_cast<std::int32_t>(std::clamp<std::int64_t>(
       std::int64_t{position} + size - thickness, std::numeric_limits<std::int32_t>::min(),

@@ -1,5 +1,5 @@
-// The drawing engine: windows with their labels and selection frames, and MosaicDrawer, which draws
-// all that is in one frame.
+// The drawing engine: windows with their labels and selection borders, and MosaicDrawer, which
+// draws a whole frame.
 #pragma once
 
 #include <algorithm>
@@ -18,8 +18,8 @@
 #include "render/yv12.h"
 #include "util/exceptions.h"
 
-// What one input contributes to the picture of a frame. Collected for every frame by the frame
-// loop; the picture belongs to a sample that is held until the frame is done.
+// What one input contributes to a composed frame. Collected for every frame by the frame loop;
+// picture points into a sample that is held until the frame is done.
 struct WindowState {
   const std::uint8_t* picture = nullptr;  // YV12 of w x h pixels; null: not drawn
   bool enabled = false;
@@ -31,7 +31,7 @@ struct WindowState {
   bool IsDrawn() const { return enabled && picture != nullptr; }
 };
 
-// What is drawn over a window's picture.
+// What is drawn over a window's frame.
 struct WindowOverlays {
   static constexpr std::int32_t kMaxChannels = 10;
 
@@ -49,10 +49,6 @@ struct WindowOverlays {
   std::span<const float> Peaks() const { return std::span(peaks).first(Channels()); }
 };
 
-// Font size of the labels of a canvas, in points: 16 for 1080 lines, in proportion for others,
-// between 8 and 48.
-std::int32_t LabelFontSize(std::int32_t canvasHeight);
-
 // Where the label of a window lies: a quarter of the font size below it, as wide as the window and
 // four font sizes high. None when that is far outside of any canvas.
 std::optional<LabelRect> LabelRectOf(const WindowState& window, std::int32_t canvasHeight);
@@ -63,7 +59,7 @@ class Label {
  public:
   Label();
 
-  // UTF-8; what is damaged in it shows as replacement characters. Kept until the next one; an empty
+  // UTF-8; invalid sequences show as replacement characters. Kept until the next call; an empty
   // text shows no label.
   void SetText(std::string_view text);
   const std::string& Text() const { return text_; }
@@ -99,17 +95,17 @@ class Compose {
 // Replaces the text (UTF-8) of a window's label. A window without a label is ignored.
 void SetLabelText(Compose& labels, std::int32_t windowIndex, std::string_view text);
 
-// Gives the label of a window the text colour that a host named. A text that names none, or a null
-// one, keeps the colour that the label has; like every assignment it counts as a change when it is
-// the first one. A window without a label is ignored.
+// Sets the text colour of a window's label from the text that a host gave. A null or invalid text
+// keeps the present colour; like every first assignment, it may still count as a change. A window
+// without a label is ignored.
 void ParseLabelColour(Compose& labels, std::int32_t windowIndex, const char* text);
 
-// Copies the picture of a window into the canvas, unscaled and clipped, and draws its label under
-// it; does nothing for one that is not enabled or has no picture.
+// Copies the frame of a window into the canvas, unscaled and clipped, and draws its label under it;
+// does nothing for a window that is not enabled or has no frame.
 void DrawWindow(Label& label, const WindowState& window, const Yv12Picture& canvas,
                 const qorp::WideRatio& pixelAspect);
 
-// A bar of a selector frame does not lie inside the canvas.
+// A bar of a selection border does not lie inside the canvas.
 class BadConfigException : public TavrelException {
  public:
   const char* what() const noexcept override { return "Cannot draw selector: bad config"; }
@@ -117,12 +113,12 @@ class BadConfigException : public TavrelException {
 
 // Fills the w x h pixels at (x, y) of the W x H canvas with opaque red. Throws BadConfigException,
 // with nothing drawn, for a negative position or size and for a bar that reaches the last column or
-// row of the canvas: a frame keeps one pixel away from the right and bottom edges. The chroma
+// row of the canvas: a border keeps one pixel away from the right and bottom edges. The chroma
 // samples that an odd bar shares with its neighbours turn red as well.
 void DrawSelectorBar(std::uint8_t* canvas, std::int32_t W, std::int32_t H, std::int32_t x,
                      std::int32_t y, std::int32_t w, std::int32_t h);
 
-// One bar of a frame, in canvas pixels.
+// One bar of a selection border, in canvas pixels.
 struct SelectorBar {
   std::int32_t x;
   std::int32_t y;
@@ -130,11 +126,11 @@ struct SelectorBar {
   std::int32_t h;
 };
 
-// The top, bottom, left and right bar of the frame inside a window, a 150th of the canvas's height
-// thick. A window may be anywhere: what is far outside the canvas stays there.
+// The top, bottom, left and right bar of the selection border inside a window, a 150th of the
+// canvas's height thick. A window may be anywhere: positions beyond 32 bits are clamped.
 std::array<SelectorBar, 4> SelectorFrame(const WindowState& window, std::int32_t canvasHeight);
 
-// Whether all bars of the window's frame can be drawn.
+// Whether all bars of the window's selection border can be drawn.
 bool SelectorFits(const WindowState& window, const Yv12Picture& canvas);
 
 // Draws the four bars in their order. Throws BadConfigException at the first one that does not fit;
@@ -146,7 +142,7 @@ void DrawSelector(const WindowState& window, const Yv12Picture& canvas);
 bool SelectionsFit(std::span<const WindowState> windows, std::span<const WindowOverlays> overlays,
                    const Yv12Picture& canvas);
 
-// The picture of a mosaic is what these passes leave behind, one after the other:
+// A mosaic looks as if it were drawn in these passes, one after the other:
 //
 //   1. the windows in their order, each with its label
 //   2. the borders of the selected windows
@@ -154,13 +150,13 @@ bool SelectionsFit(std::span<const WindowState> windows, std::span<const WindowO
 //
 // By the time of the last pass the rows of the first windows have left the processor's caches, and
 // reading them again costs more than drawing on them. So the overlays of a window are drawn
-// together with it wherever that gives the same bytes: where they touch no sample of a picture or
+// together with it wherever that gives the same bytes: where they touch no sample of a window or
 // label that is drawn later, nor of another window's overlays. That is every window of a mosaic
-// whose windows do not overlap, adjoining ones included, unless a peak marker hangs out of it. The
-// overlays of the others wait for the passes, as all do when a frame cannot be drawn.
+// whose windows do not overlap, adjoining ones included, unless a peak marker extends beyond it.
+// The overlays of the others are drawn in passes 2 and 3, as all are when a frame cannot be drawn.
 //
-// Owned by what composes the frames; one thread at a time. Allocates nothing while the windows
-// stay where they are and the labels what they are.
+// Owned by the frame composer; one thread at a time. Allocates nothing while windows and labels do
+// not change.
 class MosaicDrawer {
  public:
   // The canvas is shown at the display aspect. The first window takes the first label, and so on;
@@ -172,14 +168,14 @@ class MosaicDrawer {
             const qorp::Ratio& displayAspect);
 
  private:
-  // Samples of the canvas, from even ones on; right and bottom exclusive. Nothing when all are 0.
+  // An area of the canvas, left and top even, right and bottom exclusive. Empty when all are 0.
   struct Area {
     std::int64_t left = 0;
     std::int64_t top = 0;
     std::int64_t right = 0;
     std::int64_t bottom = 0;
 
-    // What of a rectangle lies inside the canvas, with all pixels that share its chroma.
+    // The part of a rectangle that lies inside the canvas, with all pixels that share its chroma.
     static Area Of(std::int64_t left, std::int64_t top, std::int64_t right, std::int64_t bottom,
                    const Yv12Picture& canvas);
     bool IsEmpty() const { return right == 0; }

@@ -4,7 +4,7 @@
 
 #include "render/kernels/drawing_kernels.h"
 
-// Floats where a float's rounding shows in the picture.
+// Uses float where its rounding is visible in the frame.
 namespace {
 
 constexpr float kPi = 3.1415925f;
@@ -79,7 +79,7 @@ MeterColour BarColour(const BarStep& step, std::int64_t canvasRow, bool lit) {
 // A bar's chroma is the mean of its last even and its last odd row; before the first rows, neutral.
 class BarChroma {
  public:
-  // Takes the colour of the next row (from the bottom up) and gives it back with the mean chroma.
+  // Takes the colour of the next row (from the bottom up) and returns it with the mean chroma.
   MeterColour Average(std::int64_t canvasRow, const MeterColour& colour) {
     last_[static_cast<std::uint32_t>(canvasRow) & 1u] = colour;
     return {colour.luma, static_cast<std::uint8_t>((last_[0].v + last_[1].v) >> 1),
@@ -90,7 +90,7 @@ class BarChroma {
   MeterColour last_[2] = {{0, kNeutralChroma, kNeutralChroma}, {0, kNeutralChroma, kNeutralChroma}};
 };
 
-// Where the dither of a row begins, mod 8, but for the bar's left column.
+// Where the dither of a row begins, mod 8, without the bar's left column.
 std::uint8_t DitherPhase(std::int64_t canvasRow) {
   const auto row = static_cast<std::uint32_t>(canvasRow);
   return (Scramble((row << 13) ^ row) + 6u) & 7u;

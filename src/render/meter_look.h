@@ -1,5 +1,5 @@
 // What a meter looks like: how dark its panel is at a pixel, and the colours of its bars. Both
-// depend on the place and the size of a panel only, so they are computed once and kept.
+// depend on the position and the size of a panel only, so they are computed once and kept.
 #pragma once
 
 #include <algorithm>
@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <vector>
 
-// Sample values in a YV12 picture.
+// Sample values in a YV12 frame.
 struct MeterColour {
   std::uint8_t luma;
   std::uint8_t v;
@@ -33,8 +33,8 @@ std::int32_t PeakMarkerRows(std::int32_t length);
 // panel, half as strong in its middle.
 class VignetteTable {
  public:
-  // Of a panel of width x height pixels the columns and rows from (column, row) on, which are even,
-  // and of its chroma chromaColumns x chromaRows samples.
+  // The part of a panel of width x height pixels that begins at (column, row), both even, and has
+  // columns x rows pixels and chromaColumns x chromaRows chroma samples.
   VignetteTable(std::int64_t width, std::int64_t height, std::int64_t column, std::int64_t row,
                 std::int64_t columns, std::int64_t rows, std::int64_t chromaColumns,
                 std::int64_t chromaRows);
@@ -42,7 +42,7 @@ class VignetteTable {
   // The opacity of the black over each pixel, row by row.
   const std::uint8_t* Luma() const { return luma_.data(); }
   // The factors of each chroma sample: one layer for each pixel that a sample covers, in the order
-  // in which they are blended. Pixels outside the part fade nothing.
+  // in which they are blended. Pixels outside the part do not fade.
   const std::int16_t* Chroma() const { return chroma_.data(); }
 
  private:
@@ -59,7 +59,7 @@ struct BarRows {
   std::vector<std::uint8_t> u;
 };
 
-// The colours of some rows of all bars of one length that stand on one row of the canvas.
+// Colours of rows of the bars that have the same length and the same bottom row on the canvas.
 class BarTable {
  public:
   // bottom: the canvas row of the bars' last row; length: their rows, at least 1. The table has

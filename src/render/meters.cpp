@@ -13,14 +13,14 @@ using kernels::CurrentKernels;
 
 // Columns or rows [first, end) of the canvas.
 struct Range {
-  // Of `count` places from `start` on those from 0 to below `limit`.
+  // The part of [start, start + count) that lies in [0, limit).
   Range(std::int64_t start, std::int64_t count, std::int64_t limit)
       : first(static_cast<std::int32_t>(std::clamp<std::int64_t>(start, 0, limit))),
         end(static_cast<std::int32_t>(std::clamp<std::int64_t>(start + count, first, limit))) {}
 
   std::int32_t Count() const { return end - first; }
   bool IsEmpty() const { return first == end; }
-  // The range's part of a plane of chroma of that size.
+  // The same range in a chroma plane of that size.
   Range Chroma(std::int32_t size) const { return {first / 2, (end + 1) / 2 - first / 2, size}; }
 
   std::int32_t first;
@@ -70,7 +70,7 @@ BarColumns ColumnsOf(std::int64_t left, std::int32_t width, std::int32_t canvasW
   return {shown(left), width >= 2 ? shown(right) : -1, opaque.first, opaque.Count()};
 }
 
-// A side that shares its sample with opaque columns is filled over.
+// A side that shares its chroma sample with opaque columns is overwritten by them.
 BarColumns ChromaOf(const BarColumns& luma, std::int32_t chromaWidth) {
   const Range opaque =
       luma.opaque > 0
@@ -82,8 +82,8 @@ BarColumns ChromaOf(const BarColumns& luma, std::int32_t chromaWidth) {
   return {shown(luma.left), shown(luma.right), opaque.first, opaque.Count()};
 }
 
-// Chroma is blended once for each luma pixel: twice in a row and twice in a column, but for samples
-// that only one row or column of the marker covers.
+// Chroma is blended once for each luma pixel: twice in a row and twice in a column, except for
+// samples that only one row or column of the marker covers.
 void DrawPeakMarker(const MeterPanel& panel, std::int64_t left, std::int32_t lit,
                     std::int32_t peak) {
   const Yv12Picture& canvas = panel.canvas;
@@ -104,7 +104,7 @@ void DrawPeakMarker(const MeterPanel& panel, std::int64_t left, std::int32_t lit
     blend(canvas.U() + at, chromaWidth, count, 1, kPeak.u, kPeakChromaOpacity);
   };
   for (std::int32_t row = rows.first; row < rows.end && row / 2 < canvas.ChromaHeight(); ++row) {
-    // The even columns first, then the odd ones: blends of one colour may come in any order.
+    // The even columns first, then the odd ones: the order of blends of one colour does not matter.
     blendSamples((columns.first + 1) / 2, (columns.end + 1) / 2, row / 2);
     blendSamples(columns.first / 2, columns.end / 2, row / 2);
   }
@@ -138,7 +138,7 @@ MeterPanel::MeterPanel(const Yv12Picture& canvasIn, std::int32_t xIn, std::int32
   if (channels <= 0) {
     return;
   }
-  // A crowded panel has no margin and gaps, so that its bars are two pixels wide or more.
+  // A crowded panel has a smaller margin and smaller gaps, so that its bars can be two pixels wide.
   for (;;) {
     barWidth = (width - 2 * margin - gap * (channels - 1)) / channels;
     if (barWidth > 1 || (margin == 1 && gap == 0)) {
@@ -168,7 +168,7 @@ RowRange MeterRowsTouched(const MeterPanel& panel, std::span<const float> levels
 }
 
 std::int32_t MeterRows(float value, std::int32_t length) {
-  // Comparisons with what is not a number fail: it counts as silence.
+  // Comparisons with NaN fail: it counts as silence.
   const float clamped = value > 0.0f ? std::min(value, 1.0f) : 0.0f;
   const float decibels = std::clamp(20.0f * std::log10(clamped), -50.0f, 0.0f);
   return static_cast<std::int32_t>(std::floor((double{decibels} + 50.0) / 50.0 * length + 0.5));
@@ -203,8 +203,8 @@ void MeterDrawer::DrawMeterPanel(const MeterPanel& panel) {
   CurrentKernels().blendValue(
       canvas.Y() + std::ptrdiff_t{rows.first} * canvas.width + columns.first, canvas.width,
       columns.Count(), rows.Count(), kPanelLuma, vignette.Luma(), columns.Count());
-  // Once for each luma pixel: a chroma sample is blended up to four times, which takes more colour
-  // away than a single blend would.
+  // Once for each luma pixel: a chroma sample is blended up to four times, which removes more
+  // colour than a single blend would.
   const std::ptrdiff_t chroma =
       std::ptrdiff_t{chromaRows.first} * canvas.ChromaWidth() + chromaColumns.first;
   for (std::uint8_t* const plane : {canvas.V(), canvas.U()}) {

@@ -12,9 +12,9 @@
 #include "render/meter_look.h"
 #include "render/yv12.h"
 
-// Tables of one kind, each made from a few numbers when it is first asked for. Tables that have not
-// been asked for during the last kKeep requests go when a new one is made; nothing is allocated
-// while the numbers stay the same. Owned by what draws with the tables; one thread at a time.
+// A cache of tables of one kind, each made from a few numbers when it is first requested. Tables
+// that were not requested during the last kKeep requests are dropped when a new one is made;
+// nothing is allocated while the numbers stay the same. One thread at a time.
 template <typename Table, std::size_t kNumbers>
 class TableCache {
  public:
@@ -47,7 +47,7 @@ class TableCache {
   std::uint64_t requests_ = 0;
 };
 
-// Where everything of one meter lies. Made for one drawing.
+// The layout of one meter, made for one drawing.
 struct MeterPanel {
   // (x, y): the window's corner, in pixels; width: a tenth of the window's; channels: 0 or more.
   MeterPanel(const Yv12Picture& canvas, std::int32_t x, std::int32_t y, std::int32_t width,
@@ -57,7 +57,7 @@ struct MeterPanel {
   std::int64_t BarBottom() const { return y + height - 1 - margin; }
 
   Yv12Picture canvas;
-  // Places are 64 bits wide, so that a window far outside the canvas cannot overflow them.
+  // Positions are 64 bits wide, so that a window far outside the canvas cannot overflow them.
   std::int64_t x;
   std::int64_t y;
   std::int32_t width;
@@ -75,9 +75,9 @@ struct RowRange {
   std::int64_t top;
   std::int64_t bottom;
 };
-// The rows that a meter touches: those of its panel, and more where bars or peak markers stick out
-// of it. In low windows bars do, and where a peak is far below its level the marker hangs under the
-// window.
+// The rows that a meter touches: those of its panel, and more where bars or peak markers extend
+// beyond it: bars in low windows, and the marker of a peak far below its level, which lies partly
+// below the window.
 RowRange MeterRowsTouched(const MeterPanel& panel, std::span<const float> levels,
                           std::span<const float> peaks);
 
@@ -85,13 +85,13 @@ RowRange MeterRowsTouched(const MeterPanel& panel, std::span<const float> levels
 std::int32_t MeterRows(float value, std::int32_t length);
 
 // Draws the meters of a mosaic, frame after frame. A panel's darkening and the rows of its bars are
-// kept between frames; windows of the same size share them. Nothing outside the canvas is touched,
-// nor does it take time or memory: a window may be of any size and anywhere.
+// kept between frames; windows of the same size share them. Parts outside the canvas are not
+// touched and cost neither time nor memory: a window may be of any size and anywhere.
 //
-// Owned by what composes the frames; one thread at a time.
+// Owned by the mosaic drawer; one thread at a time.
 class MeterDrawer {
  public:
-  // Whether a panel of that size shows at all.
+  // Whether a panel of that size is visible at all.
   static bool Shows(std::int32_t width, std::int32_t height) { return width >= 1 && height >= 1; }
   // The meter of a window at (x, y) of the canvas, both even. width: a tenth of the window's,
   // height: the window's, in pixels; with either below 1 nothing is drawn. levels and peaks: one
@@ -107,7 +107,7 @@ class MeterDrawer {
   // A bar with a peak marker for each channel of the panel.
   void DrawMeterBars(const MeterPanel& panel, std::span<const float> levels,
                      std::span<const float> peaks);
-  // One bar from column `left` on, of whose rows the lower `lit` reach up to the level.
+  // One bar from column `left` on, whose lowest `lit` rows reach up to the level.
   void DrawMeterBar(const MeterPanel& panel, std::int64_t left, std::int32_t lit);
 
   TableCache<VignetteTable, 8> vignettes_;

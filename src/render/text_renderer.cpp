@@ -79,7 +79,7 @@ struct Placement {
   std::int64_t rows;
 };
 
-// Leaves away what lies outside the ink.
+// Reduces the placement to the ink.
 Placement Narrow(Placement place, const PlaneBounds& ink) {
   const std::int64_t right = std::min<std::int64_t>(place.overlayX + place.columns, ink.right);
   const std::int64_t bottom = std::min<std::int64_t>(place.overlayY + place.rows, ink.bottom);
@@ -106,7 +106,7 @@ void BlendPlane(const Placement& place, const Source& over, std::uint8_t* canvas
                 std::int32_t canvasStride) {
   const std::int64_t from = place.overlayY * over.stride + place.overlayX;
   std::uint8_t* const to = canvas + place.canvasY * canvasStride + place.canvasX;
-  // Nothing has touched the canvas under a label yet.
+  // The canvas under a label is not in the caches yet.
   for (std::int64_t row = 0; row < place.rows; ++row) {
     PrefetchRow(to + row * canvasStride, place.columns);
   }
@@ -121,7 +121,7 @@ void BlendPlane(const Placement& place, const Source& over, std::uint8_t* canvas
   }
 }
 
-// The mean of one colour's chroma over any pixels is that colour's, whatever their weights.
+// The mean chroma of pixels of one colour is that of the colour, with any weights.
 Yv12Overlay::Colour ColourOf(const CoverageBitmap& bitmap) {
   const Ycbcr88 colour = RgbToYcbcr601(bitmap.colour[0], bitmap.colour[1], bitmap.colour[2]);
   const auto byte = [](std::int32_t value, std::int32_t most) {
@@ -216,14 +216,14 @@ void BlendOverlay(const Yv12Overlay& overlay, std::int32_t left, std::int32_t to
 
 namespace {
 
-// Stands in for a font that is not installed.
+// Replaces a font that is not installed.
 constexpr const char* kPrivateFontFile = "Lucon.ttf";
 
 std::int64_t Even(std::int64_t length) {
   return length + length % 2;
 }
 
-// On a transparent clear colour the text's colour is whole at every coverage.
+// On a transparent clear colour, the coverage changes the opacity only, not the text's colour.
 void ConvertCoverage(const os::PaintedText& painted, Yv12Overlay& overlay) {
   const os::CoverageTable& colours = painted.Colours();
   kernels::CoverageBitmap bitmap;

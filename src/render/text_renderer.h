@@ -1,6 +1,6 @@
 // TextRenderer: a text kept as an overlay and blended into every frame. Yv12Overlay: that overlay,
-// an ARGB bitmap that became planes of colour and opacity. LabelColour: colours of labels and the
-// texts by which hosts give them.
+// an ARGB bitmap converted to planes of colour and opacity. LabelColour: colours of labels and
+// their text form.
 #pragma once
 
 #include <cstddef>
@@ -30,14 +30,14 @@ struct LabelColour {
 };
 
 // One of #RGB, #ARGB, #RRGGBB and #AARRGGBB in hexadecimal digits of either case; a single digit d
-// stands for dd, a missing A for opaque. Nothing for any other text.
+// stands for dd, a missing A for opaque. None for any other text.
 std::optional<LabelColour> ReadLabelColour(std::string_view text);
 
-// A value that is assigned again and again, mostly the same, where only a change is worth work. It
-// counts as unchanged when the drawing that was committed last was made with an equal value. The
-// first assignment of all counts as a change, whatever it assigns.
+// A setting that is assigned repeatedly, mostly with the same value, and knows whether it has
+// changed. It is unchanged when the last committed drawing was made with an equal value. The very
+// first assignment always counts as a change.
 //
-// Owned by what draws; no lock. T is compared with ==; assigning an equal value copies nothing.
+// No lock. T is compared with ==; assigning an equal value copies nothing.
 template <typename T>
 class TrackedSetting {
  public:
@@ -82,8 +82,8 @@ class TrackedSetting {
 //   second chroma   (w/2)*(h/2)   w/2      blended into the canvas's U plane
 //   chroma alpha    (w/2)*(h/2)   w/2      opacity of the chroma samples
 //
-// A text in one colour has no planes but the two opacities: its colour is that of the whole
-// overlay. Blending it reads half as much memory, which is most of what a label costs.
+// A text in one colour uses the two opacity planes only, and one colour for the whole overlay.
+// Blending it reads half as much memory, which is most of the cost of a label.
 //
 // Owned by its text renderer, which keeps it between frames; used by the drawing thread only.
 class Yv12Overlay {
@@ -95,7 +95,7 @@ class Yv12Overlay {
     std::uint8_t secondChroma = 128;
   };
 
-  // Takes the size of w x h pixels. Allocates only when the size changes; the planes are then zero
+  // Sets the size to w x h pixels. Allocates only when the size changes; the planes are then zero
   // (transparent).
   void Resize(std::int32_t w, std::int32_t h);
 
@@ -114,9 +114,9 @@ class Yv12Overlay {
   const std::uint8_t* ChromaAlpha() const { return SecondChroma() + ChromaBytes(); }
 
   // The parts of the planes that are blended: most of a label's bitmap is empty. Outside of them
-  // nothing is opaque, and the planes hold what earlier texts have left. After Resize they are the
-  // whole planes; MeasureInk narrows them to what is there, in the colours of the planes, SetInk to
-  // what its caller knows, in one colour.
+  // everything is transparent, and the planes may hold remains of earlier texts. After Resize they
+  // are the whole planes. MeasureInk narrows them to the pixels that are not transparent; SetInk
+  // sets them, and one colour for the overlay.
   const kernels::PlaneBounds& lumaInk() const { return lumaInk_; }
   const kernels::PlaneBounds& chromaInk() const { return chromaInk_; }
   void MeasureInk();
@@ -139,15 +139,15 @@ class Yv12Overlay {
 
 // Converts a 32-bit ARGB bitmap of the overlay's size (straight alpha; bytes blue, green, red,
 // alpha; rows `stride` bytes apart, negative for a bottom-up bitmap) and measures its ink. A bitmap
-// less than two pixels high converts nothing.
+// less than two pixels high is not converted.
 void ConvertArgbToOverlay(const std::uint8_t* pixels, std::ptrdiff_t stride, Yv12Overlay& overlay);
 
-// Gives what blends like the overlay that ConvertArgbToOverlay makes of the same picture, for a
-// fraction of its time: the pixels' colour is known and only their opacities are averaged.
+// Makes an overlay that blends like the one that ConvertArgbToOverlay makes of the same bitmap, in
+// a fraction of the time: the pixels' colour is known and only their opacities are averaged.
 void ConvertCoverageToOverlay(const kernels::CoverageBitmap& bitmap, Yv12Overlay& overlay);
 
 // Blends the overlay into the canvas, its top left pixel at (left, top), as far as it lies inside.
-// An odd left or top puts the chroma half a sample off.
+// An odd left or top shifts the chroma by half a sample.
 void BlendOverlay(const Yv12Overlay& overlay, std::int32_t left, std::int32_t top,
                   const Yv12Picture& canvas);
 
@@ -170,11 +170,11 @@ class TextRenderer {
  public:
   TextRenderer();
 
-  // Looked up among the installed families; the private font file stands in for one that is not
+  // Looked up among the installed families; the private font file replaces one that is not
   // installed. Without either the former font stays.
   void SetFontName(std::u16string_view family) { fontName_.Assign(family); }
   void SetFontSize(std::int32_t points) { fontSize_.Assign(points); }
-  // The picture into which Draw blends.
+  // The frame into which Draw blends.
   void SetTarget(const Yv12Picture& canvas) { target_ = canvas; }
   void SetTextColour(const LabelColour& colour) { textColour_.Assign(colour); }
   const LabelColour& TextColour() const { return textColour_.Value(); }

@@ -7,8 +7,8 @@
 
 namespace {
 
-// The canvas is larger than the caches and its rows lie pages apart, where no hardware looks ahead:
-// a row is asked for while the ones before it are being written.
+// The canvas is larger than the caches and its rows lie pages apart, where the hardware does not
+// prefetch: a row is prefetched while the ones before it are being written.
 constexpr std::int32_t kRowsAhead = 4;
 
 void CopyRows(const std::uint8_t* from, std::ptrdiff_t fromStride, std::uint8_t* to,
@@ -38,7 +38,7 @@ void CopyPictureClipped(const std::uint8_t* src, std::int32_t w, std::int32_t h,
   }
   const auto columns = static_cast<std::int32_t>(x1 - x0);
   const auto rows = static_cast<std::int32_t>(y1 - y0);
-  const Yv12Planes<const std::uint8_t> source{src, w, h};
+  const ConstYv12Picture source{src, w, h};
   CopyRows(source.Y() + (y0 - y) * w + (x0 - x), w, canvas.Y() + y0 * canvas.width + x0,
            canvas.width, columns, rows);
 

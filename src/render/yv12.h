@@ -1,59 +1,22 @@
-// YV12 pictures and the primitives that write into them: copy, fill, blend.
+// YV12 frames and the primitives that write into them: copy and fill.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
-// One 8-bit planar picture, seen but not owned. The planes lie behind one another without padding:
-//
-//   plane    offset              bytes          row stride   covers
-//   Y        0                   W*H            W            one sample for each pixel
-//   V (Cr)   W*H                 (W/2)*(H/2)    W/2          one sample for 2x2 pixels
-//   U (Cb)   W*H+(W/2)*(H/2)     (W/2)*(H/2)    W/2          one sample for 2x2 pixels
-//
+#include "util/yv12.h"
+
 // Samples are in studio range (luma 16 to 235, chroma 16 to 240, neutral chroma 128); nothing here
-// clamps. The halves truncate, so an odd last column or row has no chroma of its own.
-template <typename Sample>
-struct Yv12Planes {
-  Sample* data = nullptr;
-  std::int32_t width = 0;   // pixels
-  std::int32_t height = 0;  // pixels
-
-  std::int32_t ChromaWidth() const { return width / 2; }
-  std::int32_t ChromaHeight() const { return height / 2; }
-  std::size_t LumaBytes() const { return static_cast<std::size_t>(width) * height; }
-  std::size_t ChromaBytes() const {
-    return static_cast<std::size_t>(ChromaWidth()) * ChromaHeight();
-  }
-  Sample* Y() const { return data; }
-  Sample* V() const { return data + LumaBytes(); }
-  Sample* U() const { return V() + ChromaBytes(); }
-};
-using Yv12Picture = Yv12Planes<std::uint8_t>;
-
-// Bytes of a YV12 picture of width x height pixels, exact for every size: what buffers are checked
-// against.
-constexpr std::int64_t PictureBytes(std::int32_t width, std::int32_t height) {
-  const std::int64_t area = std::int64_t{width} * height;
-  return area + area / 2;
-}
-// The same as media types and allocators announce it: in 32 bits that wrap around, halved towards
-// zero.
-constexpr std::int32_t AnnouncedPictureBytes(std::int32_t width, std::int32_t height) {
-  return static_cast<std::int32_t>(static_cast<std::uint32_t>(width) * 3U *
-                                   static_cast<std::uint32_t>(height)) /
-         2;
-}
+// clamps.
+using qorp::AnnouncedPictureBytes;
+using qorp::ChromaIndex;
+using qorp::ConstYv12Picture;
+using qorp::PictureBytes;
+using qorp::Yv12Picture;
 
 enum class Plane { Y, V, U };
 
-// Where the chroma sample that covers luma pixel (x, y) lies in the V and in the U plane of a
-// picture `width` pixels wide.
-constexpr std::ptrdiff_t ChromaIndex(std::int32_t x, std::int32_t y, std::int32_t width) {
-  return x / 2 + static_cast<std::ptrdiff_t>(width / 2) * (y / 2);
-}
-
-// Copies the w x h pixels of the YV12 picture src to (x, y) of the canvas, 1:1, as far as they lie
+// Copies the w x h pixels of the YV12 frame src to (x, y) of the canvas, 1:1, as far as they lie
 // inside it. x and y are even. Of an odd number of visible rows the last one keeps the canvas's
 // chroma.
 void CopyPictureClipped(const std::uint8_t* src, std::int32_t w, std::int32_t h,

@@ -12,13 +12,13 @@
 #include "platform/dshow/media.h"
 #include "util/exceptions.h"
 
-// What happens to a value that leaves the list: nothing more than its destruction with the element.
+// Called for a value that leaves the list, before it is destroyed. The default does nothing.
 template <typename T>
 struct DefaultReleaser {
   void operator()(T& /*value*/) const noexcept {}
 };
 
-// How a value that was found reaches the caller: as a copy of the caller's own.
+// Hands a value that was found to the caller: by default a copy.
 template <typename T>
 struct DefaultPropagator {
   void operator()(const T& value, T& target) const { target = value; }
@@ -31,8 +31,8 @@ struct DefaultPropagator {
 // scan and there is no index.
 //
 // Owned by a side-input pin. The pin's streaming thread pushes; the composition thread counts,
-// looks up and drops. Every operation holds the list's own lock for its whole run; the lock is
-// recursive so that the owner may make several operations one by holding it around them:
+// looks up and drops. Every operation holds the list's own lock; it is recursive, so that the owner
+// may combine several operations into one by holding it around them:
 //
 //   const std::lock_guard guard(list.lock());
 //   if (list.count() != 0) list.getNearest(time, value, foundTime);
@@ -59,8 +59,8 @@ class GetNearestList {
     return elements_.size();
   }
 
-  // The most elements that a push leaves in the list; kUnlimited at first. Elements that are there
-  // already stay until the next push.
+  // Maximum number of elements after a push; kUnlimited at first. Elements in excess stay until the
+  // next push.
   void setCapacity(std::int32_t capacity) {
     const std::lock_guard guard(lock_);
     capacity_ = capacity;
@@ -108,7 +108,7 @@ class GetNearestList {
     foundTime = best->time;
   }
 
-  // Drops every element earlier than time (100 ns units); those at that very time stay.
+  // Drops every element earlier than time (100 ns units); those at exactly that time stay.
   void removeBefore(REFERENCE_TIME time) {
     const std::lock_guard guard(lock_);
     auto firstKept = elements_.begin();

@@ -133,7 +133,7 @@ HRESULT CSyncInputPin::Receive(IMediaSample* sample) {
 HRESULT CSyncInputPin::PostSynchronized() {
   ComPtr<IMediaEventSink> sink;
   {
-    // The filter does not own its graph: under the lock it cannot leave it meanwhile.
+    // No reference to the graph is held: with the lock held, the filter cannot leave it meanwhile.
     const CAutoLock guard(m_pLock);
     IFilterGraph* const graph = m_pFilter->GetFilterGraph();
     if (graph == nullptr) {

@@ -1,5 +1,5 @@
-// CSynchronizer, the values of a wrapping tick counter as stream times, and CSyncInputPin, an input
-// pin whose samples map ticks of a counter to times.
+// CSynchronizer converts the values of a wrapping tick counter to stream times; CSyncInputPin is an
+// input pin whose samples set its reference.
 #pragma once
 
 #include <cstdint>
@@ -8,7 +8,7 @@
 #include "platform/baseclasses/base_pin.h"
 #include "platform/dshow/media.h"
 
-// Where stream times come from. Not a COM interface: the holder of the object owns it.
+// Converts counter values to stream times. Not a COM interface: the holder of the object owns it.
 class ISyncSource {
  public:
   virtual ~ISyncSource() = default;
@@ -18,20 +18,21 @@ class ISyncSource {
   virtual REFERENCE_TIME ToReferenceTime(std::uint64_t ticks) = 0;
 };
 
-// Where the reference comes in.
+// Takes the reference.
 class ISyncSink {
  public:
   virtual ~ISyncSink() = default;
-  // The counter has the value ticks at stream time time (100 ns units).
+  // The counter has the value `ticks` at the stream time `time` (100 ns units).
   virtual void SetReference(std::uint64_t ticks, REFERENCE_TIME time) = 0;
   virtual void ResetReference() = 0;
 };
 
-// Converts the values of a counter that runs at a fixed rate from 0 to a modulus and starts again,
-// by the shorter way round from a reference: one value and the stream time at which it was seen.
+// Converts the values of a counter that runs at a fixed rate and wraps to 0 at a modulus. The
+// reference is one value and the stream time at which it was seen; from there the shorter way round
+// counts.
 //
-// Owned by what feeds it. Its lock makes every operation one step, so that a streaming thread
-// may set the reference while others convert.
+// Owned by its feeder. Every operation holds the lock, so that a streaming thread may set the
+// reference while others convert.
 class CSynchronizer final : public ISyncSource, public ISyncSink {
  public:
   // tickRate: ticks per second, 1 or more; std::invalid_argument for 0. wrapTicks: the counter's
@@ -71,7 +72,7 @@ inline constexpr GUID MEDIASUBTYPE_TickReference{
 // Posted to the graph, without parameters, with the first reference after a start or a reset.
 inline constexpr LONG kSynchronizedEvent = 0x8066;
 
-// Feeds a synchroniser of its own and stands for it. A sample carries
+// Feeds a synchroniser of its own and gives access to it. A sample carries
 //
 //   offset  size  field
 //   0       8     counter value, unsigned, little-endian
@@ -79,7 +80,7 @@ inline constexpr LONG kSynchronizedEvent = 0x8066;
 // and its start time is the stream time of that value.
 //
 // Owned by its filter. Samples come on the upstream streaming thread; the ISyncSource interface may
-// be asked from any thread.
+// be called from any thread.
 class CSyncInputPin final : public CBaseInputPin, public ISyncSource {
  public:
   // wrapTicks: the counter's modulus; tickRate: its ticks per second, not 0.
@@ -88,9 +89,8 @@ class CSyncInputPin final : public CBaseInputPin, public ISyncSource {
 
   HRESULT CheckMediaType(const CMediaType* type) override;
   HRESULT GetMediaType(int position, CMediaType* type) override;
-  // E_FAIL for a sample that is not 8 bytes long; otherwise what the sample's accessors or the
-  // posting of the event answer. A sample that fails before the event leaves the reference as it
-  // was.
+  // E_FAIL for a sample that is not 8 bytes long; otherwise the result of the sample's accessors or
+  // of posting the event. A sample that fails before the event leaves the reference as it was.
   HRESULT Receive(IMediaSample* sample) override;
 
   bool IsSynchronized() override { return synchronizer_.IsSynchronized(); }

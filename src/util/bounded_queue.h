@@ -10,15 +10,15 @@
 
 namespace host {
 
-// One side pushes, one side pops; any thread may close. A full queue either waits for room or gives
-// up its oldest element, as the pushing side chooses each time. What is queued when the queue is
-// closed is still popped.
+// One side pushes, one side pops; any thread may close. When the queue is full, the pushing side
+// either waits for room or drops the oldest element, as it chooses each time. Elements that are
+// queued when the queue is closed are still popped.
 template <typename T>
 class BoundedQueue {
  public:
   explicit BoundedQueue(std::size_t capacity) : capacity_(capacity) {}
 
-  // Returns the element that had to make room, if one had. Nothing is added to a closed queue.
+  // Returns the element that was dropped, if any; the new one when the queue is closed.
   std::optional<T> PushDroppingOldest(T element) {
     std::optional<T> dropped;
     {
@@ -59,7 +59,7 @@ class BoundedQueue {
     }) && !closed_;
   }
 
-  // Waits for an element; null once the queue is closed and empty.
+  // Waits for an element; none once the queue is closed and empty.
   std::optional<T> Pop() {
     std::unique_lock guard(lock_);
     filled_.wait(guard, [&] { return closed_ || !elements_.empty(); });

@@ -84,7 +84,7 @@ void File::RemoveFile() const {
 }
 
 void File::RemoveDirectory() const {
-  // The list is complete before the first entry goes: removing does not disturb the search.
+  // The list is complete before the first entry is removed, so that removing does not disturb it.
   std::vector<File> entries;
   Enumerate([&](const File& entry, bool) { entries.push_back(entry); });
   for (const File& entry : entries) {

@@ -11,9 +11,9 @@
 
 namespace qorp {
 
-// A value: holds the path, never an open file. Any thread; what the file system does between two
-// calls is not seen. Operations throw Exception with the path and the system's error number, unless
-// they say something else.
+// A value: holds the path, never an open file. Any thread; changes of the file system between two
+// calls are not noticed. Operations throw Exception with the path and the system's error number,
+// unless they say something else.
 class File {
  public:
   using Exception = ExceptionTemplate<File, TavrelException>;
@@ -48,14 +48,14 @@ class File {
   void CopyTo(const File& destinationDirectory) const;
 
  private:
-  // True when this path, or a directory above it, is one with outer.
+  // True when this path, or a directory above it, is the same file or directory as outer.
   bool IsSameOrWithin(const File& outer) const;
 
   std::vector<std::string> components_;  // not empty
   std::string path_;                     // the components joined
 };
 
-// A value: the root of a volume that was there when the Drive was made. Failures are Exception.
+// A value: the root of a volume, which is checked once, by the constructor. Failures are Exception.
 class Drive {
  public:
   using Exception = ExceptionTemplate<Drive, TavrelException>;
@@ -66,8 +66,8 @@ class Drive {
     std::string path;
   };
 
-  // Checks the volume. Throws "Invalid path", "Device is not available", "Device is not ready." or
-  // "Could not create drive".
+  // Throws "Invalid path", "Device is not available", "Device is not ready." or "Could not create
+  // drive".
   explicit Drive(std::string root);
 
   // Bytes.
@@ -81,7 +81,7 @@ class Drive {
   std::string root_;
 };
 
-// Why a volume with one of the system's error numbers cannot be used.
+// The text of a system error number, for a volume that cannot be used.
 const char* VolumeErrorText(std::uint32_t error);
 
 }  // namespace qorp

@@ -17,13 +17,13 @@ struct RatioOf {
   Term den = 1;
 };
 
-// A frame rate in frames per second, or the width-to-height shape of a picture.
+// A frame rate in frames per second, or a width-to-height aspect ratio.
 using Ratio = RatioOf<std::int32_t>;
-// What products of two of them need.
+// For products of two of them.
 using WideRatio = RatioOf<std::int64_t>;
 
-// Divides both terms by their common divisor, as Euclid's algorithm finds it: its sign is that of
-// its last step, so that -16:9 becomes 16:-9. 0:0 stays what it is.
+// Divides both terms by the common divisor that Euclid's algorithm finds, which may be negative:
+// -16:9 becomes 16:-9. 0:0 is unchanged.
 template <typename Term>
 constexpr RatioOf<Term> Reduced(const RatioOf<Term>& ratio) {
   std::int64_t divisor = ratio.num;
@@ -47,7 +47,7 @@ constexpr std::int64_t FrameDuration(const Ratio& rate) {
   return (sameSign ? dividend + half : dividend - half) / rate.num;
 }
 
-// Width to height of one pixel of a width x height picture that is shown at the display aspect,
+// Width to height of one pixel of a width x height frame that is shown at the display aspect,
 // reduced. Square when one of the four is not positive.
 constexpr WideRatio PixelAspect(std::int32_t width, std::int32_t height, const Ratio& display) {
   if (width < 1 || height < 1 || display.num < 1 || display.den < 1) {

@@ -35,7 +35,7 @@ std::int64_t Sum(std::int64_t a, std::int64_t b) {
   return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) + static_cast<std::uint64_t>(b));
 }
 
-// How far the time has come. A time that went back is taken for one that has wrapped at 2^63.
+// The elapsed time. A time that went back is taken for one that has wrapped at 2^63.
 std::int64_t Elapsed(std::int64_t from, std::int64_t to) {
   const auto difference =
       static_cast<std::int64_t>(static_cast<std::uint64_t>(to) - static_cast<std::uint64_t>(from));

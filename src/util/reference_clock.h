@@ -47,8 +47,8 @@ namespace qorp {
 // A clock over the multimedia timer or over the wall clock (UTC), at a rate that can be trimmed.
 //
 // A time source that goes back, as a corrected wall clock does, makes the clock jump forward by
-// what is left of 63 bits: filters wait for times to come, and would wait indefinitely for one that
-// was taken back.
+// what is left of 63 bits: filters that wait for a time would otherwise wait for it again after the
+// clock has gone back.
 //
 // Counted by its users; any thread may call, and so does the clock's own thread for its advises.
 class ReferenceClock final : public CBaseReferenceClock, public IOffsettableClock {
@@ -61,7 +61,7 @@ class ReferenceClock final : public CBaseReferenceClock, public IOffsettableCloc
   // A clock with one reference, over the wall clock or the multimedia timer.
   static ComPtr<IReferenceClock> Create(bool useSystemTime);
   ReferenceClock(const char* name, IUnknown* outer, HRESULT* hr, bool useSystemTime);
-  // Over a time source of the caller's, which is called under the clock's lock.
+  // Over a time source of the caller, which is called with the clock's lock held.
   ReferenceClock(const char* name, IUnknown* outer, HRESULT* hr, RawTime rawTime);
   ~ReferenceClock() override;
 

@@ -1,5 +1,5 @@
-// Text between byte sequences and Unicode code points, UTF-8 and UTF-16 little-endian, and texts by
-// the rules of printf.
+// Conversion between byte sequences (UTF-8, UTF-16 little-endian) and Unicode code points, and
+// texts by the rules of printf.
 #pragma once
 
 #include <cstddef>
@@ -37,7 +37,7 @@ class TextParser {
   virtual CodePoints Parse(const TextBytes& bytes, bool lenient) const = 0;
 
  protected:
-  ~TextParser() = default;  // its table holds the one operation: deleted as what it is
+  ~TextParser() = default;  // not virtual: the handle deletes the derived class
 };
 
 class TextParserUTF8 final : public TextParser {
@@ -50,8 +50,8 @@ class TextParserUTF16LE final : public TextParser {
   CodePoints Parse(const TextBytes& bytes, bool lenient) const override;
 };
 
-// Code points to bytes of one encoding. Stateless, and without a check: a value that is no code
-// point gets the bytes that the encoding's arithmetic gives.
+// Code points to bytes of one encoding. Stateless, and without a check: an invalid code point is
+// encoded by the same arithmetic.
 class TextEmitter {
  public:
   virtual TextBytes Emit(const CodePoints& codePoints) const = 0;
@@ -94,7 +94,7 @@ struct EncodedText {
 EncodedText Transcode(const void* data, std::size_t length, std::int32_t from, std::int32_t to,
                       bool lenient);
 
-// UTF-8, leniently, to what text is painted from: any byte string can be shown.
+// UTF-8, leniently, to UTF-16 for painting: any byte string can be shown.
 std::u16string WidenLeniently(std::string_view utf8);
 
 // The formatted text, however long; empty for a null format.

@@ -23,7 +23,7 @@ class Thread {
 
   // Signalled permanently once the body has returned.
   os::Waitable& Handle() { return thread_; }
-  // The system's number of the thread.
+  // The system's thread id.
   std::uint32_t Id() const { return thread_.Id(); }
 
  private:

@@ -1,4 +1,4 @@
-// Moments of the calendar as programs read them.
+// UTC timestamps as text for programs.
 #pragma once
 
 #include <chrono>

@@ -10,7 +10,7 @@
 
 namespace qorp {
 
-// As schemes, hosts and names of parameters are compared: ASCII letters in lower case.
+// In lower case (ASCII), as schemes, hosts and names of parameters are compared.
 inline std::string LowerCase(std::string_view text) {
   std::string lower(text);
   std::transform(lower.begin(), lower.end(), lower.begin(),
@@ -28,7 +28,7 @@ struct UrlParts {
 };
 
 // None for a text without "://". A password may hold a slash that is not escaped: the last "@"
-// before the query then ends it. A "#" is a character like others.
+// before the query then ends it. A "#" has no meaning.
 inline std::optional<UrlParts> SplitUrl(std::string_view text) {
   constexpr std::string_view kMark = "://";
   const std::size_t mark = text.find(kMark);

@@ -40,7 +40,7 @@ Samples ResampleAtOnce(AudioResampler& resampler, const Samples& source) {
   return out;
 }
 
-// One output after the other, all cases in one loop: slow, and easy to compare with the idea.
+// One output after the other, all cases in one loop: slow, and easy to verify.
 Samples PlainResample(ResamplingContext& context, const Samples& source, std::size_t capacity) {
   std::int32_t step = context.dstIncr / context.srcIncr;
   std::int32_t stepFrac = context.dstIncr % context.srcIncr;

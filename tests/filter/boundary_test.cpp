@@ -19,7 +19,7 @@ constexpr CFactoryTemplate kComposer{u"Tavrel Composer", &CLSID_TavrelComposer,
                                      &CCompose::CreateInstance, nullptr, nullptr};
 
 // While it exists, the system refuses kernel objects and threads, which need a descriptor, and
-// waits for more objects than so many.
+// waits for more objects than the limit.
 class DescriptorLimit {
  public:
   explicit DescriptorLimit(rlim_t descriptors) {
@@ -145,8 +145,8 @@ TEST_F(BoundaryTest, AnAllocatorThatRanOutOfMemoryIsUsable) {
   }
 }
 
-// The sanitizer that looks at the types of objects opens descriptors itself and ends the program
-// when it gets none.
+// The sanitizer opens descriptors itself to check the types of objects, and ends the program when
+// it gets none.
 #ifndef __SANITIZE_ADDRESS__
 
 TEST_F(BoundaryTest, ARefusedThreadOrKernelObjectIsAResultCode) {
@@ -177,7 +177,8 @@ TEST_F(BoundaryTest, ARefusedThreadOrKernelObjectIsAResultCode) {
   EXPECT_TRUE(Compose(0));
 }
 
-// Three handles are more than the system waits for; the fixture looks whether everything has ended.
+// Three handles are more than the system can wait for; the fixture checks that everything has
+// ended.
 TEST_F(BoundaryTest, AFilterEndsItsThreadsThoughNotAllCanBeWaitedForTogether) {
   Make(0);
   for (int i = 0; i < 2; ++i) {

@@ -56,7 +56,7 @@ TEST_F(ComposeTest, ShowsItsPinsInTheirFixedOrderAndNoneBehindAGap) {
   for (std::size_t i = 0; i < pins.size(); ++i) {
     EXPECT_EQ(pins[i], static_cast<IPin*>(composer_->GetPin(std::array{2, 3, 6, 7, 4}[i])));
   }
-  // A host that enumerates gets the pins that are there and is not led astray by the others.
+  // An enumeration gives the existing pins and skips the missing ones.
   ComPtr<IEnumPins> list;
   filter_->EnumPins(list.Put());
   std::vector<IPin*> found(20);
@@ -96,7 +96,7 @@ TEST_F(ComposeTest, PausesAndEndsWithoutEverHavingBeenConfigured) {
 
 using LifecycleTest = ComposerFixture;
 
-// How often the composer was configured: so many composition threads there are.
+// The number of Configure calls, and so of composition threads.
 class PauseTest : public LifecycleTest, public testing::WithParamInterface<int> {};
 
 INSTANTIATE_TEST_SUITE_P(Threads, PauseTest, testing::Values(1, 3));
@@ -135,7 +135,8 @@ TEST_P(PauseTest, WaitsForTheFrameInProgressAndDropsTheRest) {
   sink_->Forget();
   EXPECT_EQ(static_cast<CMemAllocator*>(background_->pin.HeldAllocator().Get())->GetFreeCount(),
             80);
-  // The counts of the dropped frames wake the thread for nothing, and it continues to compose.
+  // The semaphore counts of the dropped frames wake the thread without a frame; it continues to
+  // compose.
   ASSERT_EQ(graph_->Run(0), S_OK);
   EXPECT_TRUE(Compose(6 * kFrame));
   EXPECT_EQ(asked, 2);
@@ -176,7 +177,7 @@ TEST_F(LifecycleTest, StartsPausesRunsAndStopsAHundredTimesUnderLoad) {
   }
 }
 
-// The fixture looks whether all of them are given back.
+// The fixture checks that all of them are released.
 TEST_F(LifecycleTest, EndsWithBackgroundFramesStillQueued) {
   MakeRunning(0, 0, 0);
   for (int i = 0; i < 20; ++i) {

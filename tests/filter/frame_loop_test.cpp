@@ -52,15 +52,15 @@ class FrameLoopTest : public ComposerFixture {
     sample->SetActualDataLength(85);
     ASSERT_EQ(source.Send(sample.Get()), S_OK);
   }
-  // A window picture of one luma that announces a type.
+  // A window frame of one luma that announces a type.
   void SendTyped(CMediaType type, REFERENCE_TIME start, BYTE luma = 0) {
     const ComPtr<IMediaSample> sample = sources_[0]->NewSample(start, start + kFrame);
     sample->SetMediaType(&type);
     std::fill_n(Pixels(sample.Get()), sample->GetSize(), luma);
     sources_[0]->Send(sample.Get());
   }
-  // A running graph whose window of 100x100 has had two pictures, and whose alarm box lies at
-  // (2, 3): panel 10 x 100, top band 9 rows, box 5 x 4.
+  // A running graph whose window of 100x100 has had two frames, and whose alarm box lies at (2, 3):
+  // panel 10 x 100, top band 9 rows, box 5 x 4.
   void MakeWithAlarms() {
     Make(1);
     ConnectBackground();
@@ -92,17 +92,17 @@ TEST_F(FrameLoopTest, DrawsEachWindowOneLatencyAfterItsSource) {
     EXPECT_EQ(Luma(frame.Get(), 20, 0), 16);
     shown.push_back(Luma(frame.Get(), 4, 0) - 100);
   }
-  // Until the first picture is due, it stands; the second sample fixed the clock.
+  // The first frame is shown before it is due, too; the second sample fixed the offset.
   EXPECT_EQ(shown[10], 0);
   EXPECT_EQ(shown[30], 30 - second / kFrame + 1);
   EXPECT_EQ(shown[59], 59 - second / kFrame + 1);
-  for (int i = 60; i < 120; ++i) {  // the source stalls: its last picture stays
+  for (int i = 60; i < 120; ++i) {  // the source stalls: its last frame stays
     shown.push_back(Luma(Compose(i * kFrame).Get(), 4, 0) - 100);
   }
   EXPECT_EQ(shown[119], 59);
 }
 
-TEST_F(FrameLoopTest, ADisabledWindowIsNotDrawnButContinuesToReleaseItsPictures) {
+TEST_F(FrameLoopTest, ADisabledWindowIsNotDrawnButContinuesToReleaseItsFrames) {
   MakeRunning(1, 16, 16);
   windows_[0]->Set({.enabled = false});
   for (int i = 0; i < 300; ++i) {
@@ -122,7 +122,7 @@ TEST_F(FrameLoopTest, FollowsAChangeOfSizeInTheStream) {
   EXPECT_EQ(Luma(Compose(0).Get(), 15, 15), 200);
   SendPicture(0, kFrame, 200);
   SendTyped(fakes::Yv12Type(8, 8, kFrame), 2 * kFrame, 180);
-  // A type with the smaller header says nothing of the size.
+  // A type with the smaller header does not change the size.
   SendTyped(fakes::Yv12TypeWithPlainHeader(16, 16, kFrame), 3 * kFrame, 170);
   for (const auto& [frame, luma] : {std::pair(1, 180), {2, 170}}) {
     const ComPtr<IMediaSample> shown = Compose(frame * kFrame + 10000000);
@@ -131,13 +131,13 @@ TEST_F(FrameLoopTest, FollowsAChangeOfSizeInTheStream) {
   }
 }
 
-// The parameter says which reading of the picked picture is met: of all that a frame reads of it,
-// type and time while it picks, then its type, then its time.
-class PickedPictureTest : public FrameLoopTest, public testing::WithParamInterface<int> {};
+// The parameter says at which reading of the picked sample the next one arrives: its type and its
+// time are read while it is picked, then its type (3), then its time (4).
+class PickedFrameTest : public FrameLoopTest, public testing::WithParamInterface<int> {};
 
-INSTANTIATE_TEST_SUITE_P(Readings, PickedPictureTest, testing::Values(3, 4));
+INSTANTIATE_TEST_SUITE_P(Readings, PickedFrameTest, testing::Values(3, 4));
 
-TEST_P(PickedPictureTest, IsReadWhileNoFormatMovesToIt) {
+TEST_P(PickedFrameTest, IsReadWhileNoFormatMovesToIt) {
   constexpr int kWatched = 41;
   constexpr int kFull = CComposeInputVideoWindowPin::kResyncHighWater;
   MakeRunning(1, 16, 16);
@@ -154,8 +154,9 @@ TEST_P(PickedPictureTest, IsReadWhileNoFormatMovesToIt) {
       ASSERT_EQ(SendPicture(0, n * kFrame, 200), S_OK);
     }
   }
-  // The next picture is one too many: the first ones go, and their type passes through the watched
-  // one. It is sent just when the frame, which has picked that one, reads it.
+  // The next sample is one too many: the first ones are dropped, and their type moves to the
+  // watched one. It is sent while the composition thread reads the watched one, which it has
+  // picked.
   int readings = 0;
   bool moved = false;
   std::future<HRESULT> sending;
@@ -175,23 +176,19 @@ TEST_P(PickedPictureTest, IsReadWhileNoFormatMovesToIt) {
   DeleteMediaType(type);
 }
 
-TEST_F(FrameLoopTest, APictureSmallerThanItsTypeSaysIsNotDrawn) {
+TEST_F(FrameLoopTest, AFrameSmallerThanItsTypeSaysIsNotDrawn) {
   MakeRunning(1, 16, 16);
-  constexpr LONG kMost = std::numeric_limits<LONG>::max();
-  for (const auto& [width, height] : {std::pair<LONG, LONG>{64, 64},
-                                      {kMost, kMost},
-                                      {-16, 16},
-                                      {-kMost, -kMost},
-                                      {46341, 46341}}) {
+  constexpr LONG kMax = std::numeric_limits<LONG>::max();
+  for (const auto& [width, height] :
+       {std::pair<LONG, LONG>{64, 64}, {kMax, kMax}, {-16, 16}, {-kMax, -kMax}, {46341, 46341}}) {
     static_cast<CComposeInputVideoWindowPin*>(composer_->GetPin(2))->FlushSamples();
     SendTyped(fakes::Yv12Type(width, height, kFrame), 0);
     EXPECT_EQ(Luma(Compose(0).Get(), 0, 0), 16) << width << "x" << height;
   }
 }
 
-// Nothing of it is defined by what is drawn, but every frame leaves; the sanitizers look at the
-// rest.
-TEST_F(FrameLoopTest, GoesOnWithTimesAndSizesAtTheEndsOfTheirRanges) {
+// What is drawn is not defined, but every frame must be delivered; the sanitizers check the rest.
+TEST_F(FrameLoopTest, ContinuesWithTimesAndSizesAtTheEndsOfTheirRanges) {
   Make(1, -1);
   ConnectBackground();
   ConnectWindow(0, 16, 16);
@@ -274,7 +271,7 @@ TEST_F(FrameLoopTest, AFaultDropsItsFrameAndIsLoggedOnceUntilAFrameSucceeds) {
 
 TEST_F(FrameLoopTest, AVideoAlarmShowsThroughTheMeterOnly) {
   MakeWithAlarms();
-  const REFERENCE_TIME shown = 10000000;  // the time of the second picture's display
+  const REFERENCE_TIME shown = 10000000;  // the time of the second frame's display
   const ComPtr<IMediaSample> raised = video_->NewSample(kFrame, kFrame + 1);
   Pixels(raised.Get())[0] = 1;
   ASSERT_EQ(video_->Send(raised.Get()), S_OK);
@@ -336,7 +333,7 @@ TEST_F(FrameLoopTest, AFrameAllocatesNothingOnceItsInputsAreKnown) {
     ASSERT_TRUE(Compose(time));
     if (frame == 0) {
       EXPECT_GT(counted, 0U) << "the first frame makes its tables";
-    } else if (frame > 30) {  // pictures are shown a second late
+    } else if (frame > 30) {  // frames are shown a second late
       EXPECT_EQ(counted, 0U) << "frame " << frame;
     }
   }

@@ -13,7 +13,7 @@ namespace {
 
 using testing::ElementsAre;
 
-// The composer's library as any host meets it.
+// The composer's library as any host loads it.
 class LibraryTest : public testing::Test {
  protected:
   template <typename Function>

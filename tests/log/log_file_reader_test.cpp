@@ -84,8 +84,8 @@ TEST_F(LogReading, FollowsAWriterThroughWrapsAndRestarts) {
   EXPECT_EQ(result.state, LogFileReader::State::kUnreadable);
   EXPECT_EQ(result.error, os::kErrorFileNotFound);
   int next = 0;
-  // Every number of lines at once that does not overrun the reader, over several rounds; a new
-  // writer each time, whose numbers step back.
+  // Every batch size that does not overrun the reader, over several rounds; a new writer each time,
+  // whose numbers step back.
   for (int step = 0; step < 300; ++step) {
     const int count = step % 15;
     if (count > 0) {
@@ -171,7 +171,7 @@ TEST_F(LogReading, PutsLinesFromBeforeTheFileWasMadeSmallerFirst) {
   Write(0, 35, 2000);
   Write(36, 50, 1000);
   const std::vector<std::string> texts = ReadAll();
-  // What is left of the first round stands at the end of the file, and is older than all others.
+  // The rest of the first round is at the end of the file, and older than all other lines.
   EXPECT_EQ(texts.front(), TextOf(15));
   EXPECT_EQ(texts.back(), TextOf(50));
   EXPECT_TRUE(std::is_sorted(texts.begin(), texts.end())) << testing::PrintToString(texts);

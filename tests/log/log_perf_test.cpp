@@ -162,7 +162,7 @@ TEST_F(Logging, RemovingASinkWaitsForTheCallInProgress) {
     linesAtReturn = held->Lines().size();
     held.reset();
   });
-  // Another change in between does not let the remover go too early.
+  // Another change in between does not let the removal return too early.
   logger.AddSink(&sink);
   held->LetThrough();
   remover.join();
@@ -218,8 +218,8 @@ void LogFromThreads(LogPerf& logger, int threads, int linesEach) {
   }
 }
 
-// Every call takes one timestamp: the timestamps of the lines that arrive count up by one, but for
-// what was lost after a notice.
+// Every call takes one timestamp: the timestamps of the lines that arrive count up by one, except
+// for what was lost after a notice.
 TEST(LoggingUnderLoad, LosesNothingButWhatANoticeStandsForWhileSinksComeAndGo) {
   constexpr int kThreads = 8;
   constexpr int kLinesEach = 125000;

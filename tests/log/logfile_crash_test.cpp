@@ -100,8 +100,8 @@ qorp::log::LogTime TimeOf(int number) {
   }
 }
 
-// Kills a process that writes lines from first on without a pause, some looks at the clock after
-// enough of them. The number of the last line that it reported.
+// Kills a process that writes lines from first on without a pause: after `enough` lines and then
+// `looks` readings of the clock. Returns the number of the last line that it reported.
 int KillWriter(const std::string& path, const LogFileOptions& options, int first, int enough,
                int looks) {
   // Shared with the writing process: the number of its last line that Write had counted.

@@ -190,7 +190,7 @@ TEST_F(LogFile, TouchesNoFileWhoseNumbersAreNone) {
     Write(sink, "new");
     EXPECT_EQ(Contents().substr(12), Line(0, "new"));
   }
-  // Any number counts on, round the end of the range too.
+  // Any number is continued, beyond the end of the range too.
   WriteWholeFile(path, "0x0000000C\r\n9223372036854775807;t;1;1;number\r\n" + Line(0, "one"));
   EXPECT_NO_THROW(Reopen());
 }
@@ -200,7 +200,7 @@ TEST_F(LogFile, ReadsAFileThatItMayNotWrite) {
   WriteWholeFile(path, content);
   fs::permissions(folder.Path(), static_cast<fs::perms>(0755));
   fs::permissions(path, static_cast<fs::perms>(0444));
-  // Files are open to this thread as to any user: an administrator may write everything.
+  // This thread has the file permissions of an ordinary user; root may write everything.
   const int former = ::setfsuid(65534);
   EXPECT_THAT(Reopen(), ElementsAre("one", "new"));
   ::setfsuid(static_cast<uid_t>(former));
@@ -209,7 +209,7 @@ TEST_F(LogFile, ReadsAFileThatItMayNotWrite) {
 
 TEST(LogHistory, ClampsARangeToItsLines) {
   LogHistory history(3);
-  for (int number = 4; number <= 7; ++number) {  // 4 goes when 7 comes
+  for (int number = 4; number <= 7; ++number) {  // 7 replaces 4
     history.Insert(number, {1, 1763286194123, kTimeText, std::to_string(number)});
   }
   for (const auto& [first, last, any, clampedFirst, clampedLast] :

@@ -147,7 +147,7 @@ TEST_F(Performance, WritesAHeaderThenARecordForEachReport) {
 TEST_F(Performance, GivesEverySinkTheHeaderFirstAndAgainWhenItFailed) {
   const os::DebuggerOutputCapture output;
   ThrowingOnce throwing(sink);
-  // The last sink may stand at the address of the one before: that makes it no less new.
+  // The last sink has the address of the one before it, but counts as a new one.
   for (qorp::log::ILogSink* const next :
        {static_cast<qorp::log::ILogSink*>(&throwing), static_cast<qorp::log::ILogSink*>(&sink),
         static_cast<qorp::log::ILogSink*>(&sink)}) {

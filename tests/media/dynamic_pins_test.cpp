@@ -22,7 +22,7 @@ using testing::ElementsAre;
 
 constexpr CLSID kClass{7, 7, 7, {7, 7, 7, 7, 7, 7, 7, 7}};
 
-// An input pin whose steps the test sees.
+// An input pin that records its steps.
 class WatchedPin final : public CInputPinWithDynamicMediaType {
  public:
   WatchedPin(CBaseFilter* filter, CCritSec* lock)
@@ -148,7 +148,7 @@ TEST_F(DynamicInputPinTest, ATypeIsAnnouncedByTheFirstSampleAfterItOnly) {
 
 TEST_F(DynamicInputPinTest, AConnectionMadeWhileASampleIsReceivedIsNotLost) {
   for (const bool bringsType : {false, true}) {
-    // Before the flag of a pending type is looked at, if it can.
+    // Tries to connect before the flag of a pending type is read.
     std::future<HRESULT> connecting;
     pin().meanwhile = [&] {
       connecting = std::async(std::launch::async,

@@ -151,7 +151,7 @@ TEST_F(WrappedSampleTest, KeepsEachPropertyUnderItsNumberAndHandsItToItsOwnWrapp
   ULONG length = 0;
   EXPECT_EQ(store->GetProperty(5, &bytes, &length), S_OK);
   EXPECT_EQ(length, 2U);
-  // Somebody else's idea of a property is not read as ours.
+  // A property of another length is refused.
   EXPECT_EQ(store->SetProperty(1, bytes, 2), S_OK);
   EXPECT_THROW(data->GetSampleDate(), MediaDataError);
   EXPECT_THAT([&] { MediaData2::Create(sample.Get())->SetParentalRating(rating); },

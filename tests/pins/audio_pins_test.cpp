@@ -48,7 +48,7 @@ class AudioPinsTest : public ComposerFixture {
   ComPtr<fakes::Sink> audioSink_ = fakes::Sink::Create();
 };
 
-TEST_F(AudioPinsTest, APacketLeavesWithItsBytesInStepWithThePictures) {
+TEST_F(AudioPinsTest, APacketLeavesWithItsBytesInStepWithTheFrames) {
   ASSERT_EQ(ConnectOutput(), S_OK);
   ASSERT_EQ(graph_->Run(0), S_OK);
   SendBackground(5000000);

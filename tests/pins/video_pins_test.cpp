@@ -46,7 +46,7 @@ TEST_F(WindowPinTest, KeepsTheOffsetOfItsFirstSampleUntilADiscontinuity) {
   EXPECT_THAT(logger_.Texts(), ElementsAre("Composer audio/video #0 resynchronizes (-)"));
   ASSERT_EQ(SendPicture(0, 8 * kFrame, 0), S_OK);
   const REFERENCE_TIME offset = Pin().TimeOffset();
-  SetPresent(-30 * kFrame);  // long before any picture is due: nothing is released
+  SetPresent(-30 * kFrame);  // long before any frame is due: nothing is released
   ASSERT_EQ(SendPicture(0, 100 * kFrame, 0), S_OK);
   EXPECT_EQ(Pin().TimeOffset(), offset);
   const ComPtr<IMediaSample> sample = sources_[0]->NewSample(101 * kFrame, 102 * kFrame);
@@ -60,7 +60,8 @@ TEST_F(WindowPinTest, CutsAQueueThatGrowsTooLongBackToOneLatency) {
   Send(78);
   EXPECT_EQ(Queued(), 78);
   Send(1, 78 * kFrame);
-  // What starts one second (25 frames) before the newest survives, the newest comes behind.
+  // Samples that start up to one second (25 frames) before the newest stay, and the newest is
+  // added.
   EXPECT_EQ(Queued(), 26);
   EXPECT_THAT(logger_.Texts().back(), "Composer audio/video #0 resynchronizes (+) (25)");
   EXPECT_EQ(Pin().TimeOffset(), (200 - 78) * kFrame);
@@ -72,14 +73,14 @@ TEST_F(WindowPinTest, GivesUntimedSamplesTheTimeThatFollows) {
     Pin().PickSample(std::numeric_limits<REFERENCE_TIME>::max() / 2, &newest);
     return fakes::TimesOf(newest.Get());
   };
-  // A stop time that is not credible is no base for the next one.
+  // An implausible stop time is not used for the next start.
   const ComPtr<IMediaSample> odd = sources_[0]->NewSample(1000, 1000);
   sources_[0]->Send(odd.Get());
   sources_[0]->Send(sources_[0]->NewSample().Get());
   EXPECT_EQ(lastTimes(), std::pair(1000 + kFrame, 1000 + 2 * kFrame));
   sources_[0]->Send(sources_[0]->NewSample().Get());
   EXPECT_EQ(lastTimes().first, 1000 + 2 * kFrame);
-  // Without a stop time, a picture is of no use.
+  // A sample without a stop time is ignored.
   sources_[0]->Send(sources_[0]->NewSample(90 * kFrame).Get());
   EXPECT_EQ(Queued(), 3);
 }
@@ -97,7 +98,8 @@ TEST_F(WindowPinTest, PicksTheNearestSampleAndTheEarlierOfTwo) {
   EXPECT_EQ(PickedStart(0), 3 * kFrame) << "never the last one";
   Pin().FlushSamples();
   EXPECT_EQ(PickedStart(shown), -1);
-  // Farther from the frame than the largest time: no picture for anybody, ever.
+  // A sample farther from the frame time than the largest time is never chosen: the queue is
+  // emptied.
   Send(3);
   constexpr REFERENCE_TIME kFar = std::numeric_limits<REFERENCE_TIME>::max();
   ASSERT_EQ(sources_[0]->Send(sources_[0]->NewSample(kFar, 0).Get()), S_OK);
@@ -122,7 +124,7 @@ TEST_F(WindowPinTest, AFormatChangeOutlivesTheSampleThatAnnouncedIt) {
   announcing->SetMediaType(&larger);
   ASSERT_EQ(sources_[0]->Send(announcing.Get()), S_OK);
   Send(2, 3 * kFrame);
-  Pin().ReleaseOlderSamples(4 * kFrame);  // nobody has seen the announcing one
+  Pin().ReleaseOlderSamples(4 * kFrame);  // the announcing one was never picked
   EXPECT_TRUE(typeAt(shown + 4 * kFrame) == larger);
 }
 
@@ -168,7 +170,7 @@ TEST_F(ComposerFixture, AllocatorsOfWindowsHaveEightyBuffersOrMoreOrAreRefused) 
   }
 }
 
-TEST_F(ComposerFixture, ABackgroundStampsWhatComesWithoutATimeAndTakesAStartAlone) {
+TEST_F(ComposerFixture, ABackgroundTimestampsSamplesWithoutATimeAndTakesAStartAlone) {
   MakeRunning(0, 0, 0);
   ASSERT_EQ(SendBackground(10 * kFrame), S_OK);
   ASSERT_EQ(SendBackground(std::nullopt), S_OK);
@@ -187,7 +189,7 @@ class OutputPinTest : public ComposerFixture {
  protected:
   void SetUp() override { Make(0); }
   CBaseOutputPin& Pin() { return *static_cast<CBaseOutputPin*>(composer_->GetPin(1)); }
-  // With a background of a type; none when the output offers nothing.
+  // The format that is offered with a background of that type; zeros when none is offered.
   VIDEOINFOHEADER2 Offered(const CMediaType& background, HRESULT result = S_OK) {
     graph_->Disconnect(&background_->pin);
     graph_->Disconnect(composer_->GetPin(0));

@@ -1,4 +1,4 @@
-// A YV12 picture in memory of its own, between bytes that must not change.
+// A YV12 frame in memory of its own, between bytes that must not change.
 #pragma once
 
 #include <algorithm>
@@ -23,7 +23,7 @@ class GuardedPicture {
     Paint(y, v, u);
   }
 
-  // Every sample of any value, the same for the same seed.
+  // Fills the frame with random samples, the same for the same seed.
   GuardedPicture& Scatter(std::uint32_t seed) {
     std::mt19937 random(seed);
     for (std::size_t i = kGuard; i < bytes_.size() - kGuard; ++i) {

@@ -1,6 +1,6 @@
 // Every fast version of the drawing's loops gives the bytes of the reference implementation, and
-// touches nothing beside its rectangle or its blocks; the overlays that are made with them blend as
-// their samples say.
+// touches nothing beside its rectangle or its blocks; the overlays that are made with them blend
+// like their samples.
 #include <algorithm>
 #include <array>
 #include <cstdint>
@@ -42,7 +42,7 @@ constexpr std::int32_t kRows = 3;
 constexpr std::ptrdiff_t kStride = 128;
 constexpr std::size_t kBytes = kStride * (kRows + 2);
 
-// Any values, both ends of the range more often than chance has it.
+// Random values, with more than their share of both ends of the range.
 std::vector<std::uint8_t> Scattered(std::size_t count, std::uint32_t seed) {
   std::mt19937 random(seed);
   std::vector<std::uint8_t> bytes(count);
@@ -116,7 +116,7 @@ TEST_P(KernelVersions, BlendEverySampleAsTheReferenceDoes) {
   }
 }
 
-// The planes of an overlay behind one another, with bytes between and around them.
+// The planes of an overlay, one after the other, with guard bytes between and around them.
 class GuardedPlanes {
  public:
   GuardedPlanes(std::int32_t w, std::int32_t h)

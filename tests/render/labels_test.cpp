@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "render/drawing_engine.h"
+#include "render/label_font.h"
 #include "tests/render/guarded_picture.h"
 
 namespace {

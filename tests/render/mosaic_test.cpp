@@ -87,7 +87,7 @@ TEST(Reference, HasTheFiguresOfASelection) {
   EXPECT_EQ(canvas.U(22, 20), 86);
 }
 
-// A frame at random: its canvas, and windows with everything that is drawn over them.
+// A random frame: its canvas, and windows with everything that is drawn over them.
 struct Frame {
   explicit Frame(std::mt19937& generator) : random(generator) {}
 
@@ -122,7 +122,7 @@ struct Frame {
         }
         Add(x, y, w, h, noise);
       }
-    } else if (kind == 2) {  // side by side, from very low ones to such with markers that hang out
+    } else if (kind == 2) {  // side by side, from very low ones to some whose markers extend beyond
       const std::int32_t columns = Draw(1, 4);
       const std::int32_t rows = Draw(1, 4);
       const std::int32_t w = Draw(2, 35) * 2;
@@ -189,7 +189,7 @@ struct Frame {
   std::vector<WindowOverlays> overlays;
 };
 
-// What draws with one set of kernels, from frame to frame.
+// One set of kernels, and the objects that draw with it from frame to frame.
 struct Version {
   const kernels::DrawingKernels* kernels = nullptr;
   Compose labels{5};

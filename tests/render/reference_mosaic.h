@@ -1,6 +1,6 @@
 // A second implementation of everything that is drawn into a frame, for comparison. Sample by
 // sample in plain loops over the canvas, in the order of the passes; nothing of it is shared with
-// the production code. Texts alone are drawn by the production labels: their look is the text
+// the production code. Only texts are drawn by the production labels: their look is the text
 // library's.
 #pragma once
 
@@ -11,7 +11,7 @@
 
 namespace reference {
 
-// A canvas of width x height pixels, not owned. Places are 64 bits wide; what lies outside the
+// A canvas of width x height pixels, not owned. Positions are 64 bits wide; what lies outside the
 // canvas is not drawn, and an odd last column or row has no chroma.
 class Painter {
  public:

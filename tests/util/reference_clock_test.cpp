@@ -13,7 +13,7 @@ constexpr std::int64_t kSecond = 10'000'000;
 constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
 
 struct ManualClock {
-  // The clock's time when its source has moved on by that much.
+  // The clock's time after its source has advanced by step.
   std::int64_t After(std::int64_t step) {
     raw += step;
     return clock->GetPrivateTime();
@@ -55,11 +55,11 @@ TEST(ReferenceClock, JumpsForwardWhenItsTimeSourceGoesBack) {
   };
   ManualClock clock;
   EXPECT_EQ(clock.After(-3), jumped(3));
-  clock.raw = 2000;  // from the new place on it goes as before
+  clock.raw = 2000;  // from there on it runs as before
   const REFERENCE_TIME base = clock.After(0);
   EXPECT_EQ(clock.After(500) - base, 500);
-  // With an offset the time has come round 2^63 - 1, seen from its base; in 64 bits, times a
-  // million, that is just what it went back, and one unit more.
+  // With an offset, 2^63 - 1 - 3 units have elapsed since the base. Times a million, that wraps in
+  // 64 bits to minus 4 million: the clock jumps as if its source had gone back by 4.
   ManualClock another;
   EXPECT_EQ(another.clock->SetRateOffset(0), S_OK);
   EXPECT_EQ(another.After(-3), jumped(4));

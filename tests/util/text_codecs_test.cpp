@@ -29,7 +29,7 @@ std::string ErrorOf(const std::function<void()>& operation) {
 
 struct ParserCase {
   TextBytes bytes;
-  const char* error;  // of strict mode; null when the bytes are sound
+  const char* error;  // of strict mode; null when the bytes are valid
   CodePoints lenient;
 };
 
@@ -90,7 +90,7 @@ TEST(TextCodecs, Utf16ParserPairsSurrogatesAndNamesTheFault) {
                               });
 }
 
-// What is no code point is written by the same arithmetic.
+// Invalid code points are encoded by the same arithmetic.
 TEST(TextCodecs, EmittersChooseTheShortestForm) {
   const CodePoints edges{0x00,   0x7F,    0x80,    0x7FF,    0x800,
                          0xFFFF, 0x10000, 0x1F600, 0x10FFFF, 0xD800};

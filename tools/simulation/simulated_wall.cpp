@@ -168,32 +168,30 @@ class SimulatedOutput {
   std::uint64_t frames_ = 0;
 };
 
+host::config::Canvas CanvasFor(const Scenario& scenario) {
+  host::config::Canvas canvas;
+  canvas.width = (WindowLayout::kWidth + kMargin) * static_cast<int>(scenario.sources.size());
+  canvas.height = WindowLayout::kHeight + kMargin;
+  canvas.frameRate = scenario.canvasRate;
+  canvas.delay = scenario.delay;
+  return canvas;
+}
+
 class SimulatedWall {
  public:
   SimulatedWall(const Scenario& scenario, const std::string& library,
                 std::optional<std::size_t> alone)
       : scenario_(scenario),
         frameTime_(host::FrameDuration(scenario.canvasRate)),
-        width_((WindowLayout::kWidth + kMargin) * static_cast<int>(scenario.sources.size())),
-        height_(WindowLayout::kHeight + kMargin),
+        canvas_(CanvasFor(scenario)),
         watch_(std::make_shared<host::FrameWatch>()),
-        composer_(library,
-                  {static_cast<int>(scenario.sources.size()),
-                   width_,
-                   height_,
-                   {16, 9},
-                   scenario.canvasRate,
-                   0},
-                  &logger_),
+        composer_(library, canvas_, scenario.sources.size(), &logger_),
         graph_(FilterGraph::Create()) {
-    canvas_.frameRate = scenario.canvasRate;
-    canvas_.delay = scenario.delay;
     const std::size_t count = scenario.sources.size();
     host::BackgroundSource::Settings background;
-    background.width = width_;
-    background.height = height_;
-    background.frameRate = scenario.canvasRate;
-    background.picture.assign(static_cast<std::size_t>(host::FrameBytes(width_, height_)), 16);
+    background.canvas = canvas_;
+    background.picture.assign(
+        static_cast<std::size_t>(host::FrameBytes(canvas_.width, canvas_.height)), 16);
     background.watch = watch_;
     for (std::size_t i = 0; i < scenario_.sources.size(); ++i) {
       shown_.push_back({true,
@@ -366,8 +364,8 @@ class SimulatedWall {
     frame->GetPointer(&pixels);
     for (std::size_t i = 0; i < watchers_.size(); ++i) {
       const BYTE* const window = pixels + i * (WindowLayout::kWidth + kMargin);
-      watchers_[i].Frame(start, WindowLayout::Read(window, width_),
-                         WindowLayout::MeterIsLit(window, width_));
+      watchers_[i].Frame(start, WindowLayout::Read(window, canvas_.width),
+                         WindowLayout::MeterIsLit(window, canvas_.width));
     }
     for (const auto& output : outputs_) {
       output->TakeFrame(start);
@@ -404,10 +402,8 @@ class SimulatedWall {
 
   const Scenario& scenario_;
   const Time frameTime_;
-  const int width_;
-  const int height_;
+  const host::config::Canvas canvas_;
   Time now_ = scenario_.begin;
-  host::config::Canvas canvas_;
   Logger logger_{[this](std::size_t channel) { watchers_[channel].Resynchronized(now_); }};
   std::vector<std::string> violations_;
   std::size_t sleep_ = 0;  // the next one

@@ -51,7 +51,7 @@ const char* CaptionOf(AlarmKind kind) {
 ChannelAlarms::ChannelAlarms(const config::Channel& channel, ChannelObserver* observer)
     : name_(channel.name),
       observer_(observer),
-      controls_(ChannelControls::Of(channel)),
+      controls_(channel.options),
       monitor_(controls_.alarm, [this](const AlarmMonitor::Change& change) {
         acknowledged_[static_cast<std::size_t>(change.kind)] = false;
         observer_->AlarmChanged(name_, change);

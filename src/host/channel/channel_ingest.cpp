@@ -29,7 +29,7 @@ ChannelIngest::ChannelIngest(std::shared_ptr<const ChannelSettings> settings,
       observer_(observer),
       decode_(settings_.channel.options.decode),
       renditions_(settings_.canvas.pixelAspect()),
-      delay_(static_cast<std::uint32_t>(std::hash<std::string>()(settings_.channel.name))),
+      delay_({}, static_cast<std::uint32_t>(std::hash<std::string>()(settings_.channel.name))),
       policy_(settings_.channel.options.decode) {}
 
 void ChannelIngest::Cancel() {

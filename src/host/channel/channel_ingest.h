@@ -1,13 +1,11 @@
 // ChannelIngest: the reading side of one channel.
 #pragma once
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <random>
 #include <string>
 
 #include "host/channel/channel_observer.h"
@@ -19,41 +17,9 @@
 #include "host/channel/source_session.h"
 #include "host/feed/feed_pin.h"
 #include "platform/os/mutex.h"
+#include "util/reopen_delay.h"
 
 namespace host {
-
-// Doubles with every failure in a row, from a quarter of a second to five, and is spread by a fifth
-// to both sides, so that channels that failed together do not come back together. An attempt that
-// has itself waited for the source until its limit is no reason to wait longer: the next one begins
-// soon, because most sources that wait notice their sender at once. One thread.
-class ReopenDelay {
- public:
-  using Milliseconds = std::chrono::milliseconds;
-  static constexpr Milliseconds kMin{250};
-  static constexpr Milliseconds kMax{5000};
-
-  explicit ReopenDelay(std::uint32_t seed) : random_(seed) {}
-
-  // The source has given video or audio.
-  void Reset() { next_ = kMin; }
-  Milliseconds AfterFailure() {
-    const Milliseconds delay = next_;
-    next_ = std::min(next_ * 2, kMax);
-    return Spread(delay);
-  }
-  Milliseconds AfterWaiting() { return Spread(kMin); }
-
- private:
-  Milliseconds Spread(Milliseconds delay) {
-    const auto fifth = static_cast<std::uint32_t>(delay.count() / 5);
-    // Not a distribution of the library: the same seed is to give the same delays everywhere.
-    return std::clamp(delay - Milliseconds(fifth) + Milliseconds(random_() % (2 * fifth + 1)), kMin,
-                      kMax);
-  }
-
-  std::mt19937 random_;
-  Milliseconds next_ = kMin;
-};
 
 // Opens the channel's source, reads, decodes and converts, and fills the channel's queue in the
 // order of time, what becomes of the source included. A source that fails is opened again after a
@@ -140,7 +106,7 @@ class ChannelIngest {
 
   // The reader's thread only.
   RenditionSet renditions_;
-  ReopenDelay delay_;
+  qorp::ReopenDelay delay_;
   DecodePolicy policy_;
   WindowSize decodedFor_;
   std::chrono::nanoseconds waitedForRoom_{};

@@ -23,27 +23,24 @@ namespace host {
 class SharedInputs;
 
 struct ChannelControls {
-  enum class Mute { kOff, kSilence, kNothing };
-
+  // Those of the wall file at first.
   config::AlarmOptions alarm;
-  bool hasMeter = true;
-  Time hold = 5 * kSecond;
-  config::Decode decode = config::Decode::kAuto;
-  Mute mute = Mute::kOff;
+  bool hasMeter;
+  Time hold;
+  config::Decode decode;
+  config::Mute mute = config::Mute::kOff;
   // Until then alarms are neither drawn nor captioned.
   std::optional<std::chrono::system_clock::time_point> maskedUntil{};
   // When an alarm was acknowledged: it is not drawn until it is raised again. By AlarmKind.
   std::array<std::optional<std::chrono::system_clock::time_point>, config::kAlarmKinds>
       acknowledged{};
 
-  static ChannelControls Of(const config::Channel& channel) {
-    ChannelControls controls;
-    controls.alarm = channel.options.alarm;
-    controls.hasMeter = channel.options.audio.meter;
-    controls.hold = channel.options.hold;
-    controls.decode = channel.options.decode;
-    return controls;
-  }
+  ChannelControls() : ChannelControls(config::ChannelOptions()) {}
+  explicit ChannelControls(const config::ChannelOptions& options)
+      : alarm(options.alarm),
+        hasMeter(options.audio.meter),
+        hold(options.hold),
+        decode(options.decode) {}
   bool operator==(const ChannelControls&) const = default;
 };
 

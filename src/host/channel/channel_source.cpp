@@ -80,7 +80,7 @@ ChannelSource::ChannelSource(const Place& place, std::optional<ChannelSettings> 
       observer_(observer) {
   video_.UseFrames(FrameAllocator::Create());
   const ChannelControls controls =
-      settings ? ChannelControls::Of(settings->channel) : ChannelControls();
+      settings ? ChannelControls(settings->channel.options) : ChannelControls();
   Assign(std::move(settings), controls);
 }
 
@@ -123,7 +123,7 @@ void ChannelSource::ApplyControls() {
     presenter_->SetControls(*controls);
     mute_ = controls->mute;
     if (settings_->audioTrack) {
-      settings_->audioTrack->LeaveEmpty(mute_ == ChannelControls::Mute::kNothing);
+      settings_->audioTrack->LeaveEmpty(mute_ == config::Mute::kNothing);
     }
     if (ingest_) {
       ingest_->SetDecode(controls->decode);
@@ -325,7 +325,7 @@ void ChannelSource::Deliver(ChannelItem& item) {
 
 // The pins are connected before the form of the audio is known: it comes with the first packet.
 void ChannelSource::DeliverAudio(const AudioPacket& packet, Time start, Time duration) {
-  if (mute_ == ChannelControls::Mute::kNothing) {
+  if (mute_ == config::Mute::kNothing) {
     return;
   }
   std::optional<CMediaType> type;
@@ -334,7 +334,7 @@ void ChannelSource::DeliverAudio(const AudioPacket& packet, Time start, Time dur
     silence_.reset();
   }
   const AVPacket* bytes = packet.packet.get();
-  if (mute_ == ChannelControls::Mute::kSilence) {
+  if (mute_ == config::Mute::kSilence) {
     silence_ = silence_ ? std::move(silence_) : SilenceOf(*packet.format);
     if (!silence_) {
       return;  // the outputs put silence into the gap

@@ -132,7 +132,7 @@ class ChannelSource final : public CBaseFilter {
   std::string label_ GUARDED_BY(labelLock_);
   bool labelChanged_ GUARDED_BY(labelLock_) = true;
   std::optional<ChannelControls> controls_ GUARDED_BY(labelLock_);  // not applied yet
-  ChannelControls::Mute mute_ = ChannelControls::Mute::kOff;        // streaming thread only
+  config::Mute mute_ = config::Mute::kOff;                          // streaming thread only
   ffmpeg::Packet silence_;  // in the form of audioFormat_; streaming thread only
   Time nextLabel_ = 0;      // not before; streaming thread only
   std::shared_ptr<const AudioFormat> audioFormat_;  // announced last; streaming thread only

@@ -56,7 +56,7 @@ ExitCode Pins(const PinsOptions& options, Streams& streams) {
   const std::string library =
       options.graph.library.empty() ? FindComposerLibrary() : options.graph.library.string();
   MessageLog messages(streams, options.graph.log);
-  ComposerFilter composer(library, {.windows = options.inputs, .width = 64, .height = 64},
+  ComposerFilter composer(library, {}, static_cast<std::size_t>(options.inputs),
                           &messages.logger());
   for (LONG i = 0; i < options.inputs; ++i) {
     composer.AddInput(i, nullptr);

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "render/label_font.h"
+
 namespace host::config {
 
 namespace {
@@ -115,11 +117,6 @@ std::optional<Pattern> PatternOf(const std::string& name) {
 }
 
 }  // namespace
-
-int LabelFontSize(int canvasHeight) {
-  const double size = std::clamp(canvasHeight * 16.0 / 1080.0, 8.0, 48.0);
-  return static_cast<int>(std::lround(size));
-}
 
 int LabelRoom(int canvasHeight) {
   // The label begins a quarter of the font size under its window; a line is 1.6 of it high, with a

@@ -197,6 +197,13 @@ struct AlarmOptions {
   bool operator==(const AlarmOptions&) const = default;
 };
 
+// What a muted channel's track carries. Operators mute channels; no wall file says it.
+enum class Mute {
+  kOff,      // its audio
+  kSilence,  // silence in the track's format
+  kNothing,  // no packets
+};
+
 // What may also be set for all channels at once.
 struct ChannelOptions {
   std::string colour = "#FFFFFF";  // of the label, in one of the composer's forms
@@ -351,8 +358,6 @@ struct Wall {
   bool operator==(const Wall&) const = default;
 };
 
-// The size in points of the labels that the composer draws on a canvas of so many lines.
-int LabelFontSize(int canvasHeight);
 // The lines of the canvas that a label of one line takes under its window.
 int LabelRoom(int canvasHeight);
 

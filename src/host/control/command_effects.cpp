@@ -82,7 +82,7 @@ void WriteToml(const nlohmann::json& value, const std::string& pointer, std::str
       isFirst = false;
       WriteToml(nlohmann::json(key), pointer, text, depth);
       text += " = ";
-      WriteToml(inner, pointer + "/" + key, text, depth + 1);
+      WriteToml(inner, std::string(pointer).append("/").append(key), text, depth + 1);
     }
     text += '}';
   } else {

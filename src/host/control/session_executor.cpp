@@ -30,14 +30,8 @@ config::Channel SourceOf(const ChannelEntry& entry) {
 }
 
 ChannelControls ControlsOf(const ChannelEntry& entry) {
-  ChannelControls controls;
-  controls.alarm = entry.settings.options.alarm;
-  controls.hasMeter = entry.settings.options.audio.meter;
-  controls.hold = entry.settings.options.hold;
-  controls.decode = entry.settings.options.decode;
-  controls.mute = entry.mute == Mute::kOff       ? ChannelControls::Mute::kOff
-                  : entry.mute == Mute::kSilence ? ChannelControls::Mute::kSilence
-                                                 : ChannelControls::Mute::kNothing;
+  ChannelControls controls(entry.settings.options);
+  controls.mute = entry.mute;
   controls.maskedUntil = entry.maskedUntil;
   for (std::size_t i = 0; i < config::kAlarmKinds; ++i) {
     controls.acknowledged[i] =

@@ -17,12 +17,7 @@
 
 namespace host::control {
 
-// What a muted channel's track carries.
-enum class Mute {
-  kOff,      // its audio
-  kSilence,  // silence in the track's format
-  kNothing,  // no packets
-};
+using config::Mute;
 const char* NameOf(Mute mute);  // "off", "silence", "nothing"
 
 struct Acknowledgement {

@@ -135,11 +135,6 @@ HRESULT FeedPin::GetMediaType(int position, CMediaType* type) {
   return S_OK;
 }
 
-void FeedPin::Offer(CMediaType type, Buffers buffers) {
-  type_ = std::move(type);
-  buffers_ = buffers;
-}
-
 HRESULT FeedPin::DecideAllocator(IMemInputPin* pin, IMemAllocator** allocator) {
   ALLOCATOR_PROPERTIES request{};
   pin->GetAllocatorRequirements(&request);

@@ -17,6 +17,7 @@
 #include "platform/baseclasses/mtype.h"
 #include "platform/com/com.h"
 #include "util/exceptions.h"
+#include "util/yv12.h"
 
 namespace host {
 
@@ -85,8 +86,6 @@ class FeedPin final : public CBaseOutputPin {
   HRESULT DecideAllocator(IMemInputPin* pin, IMemAllocator** allocator) override;
   HRESULT DecideBufferSize(IMemAllocator* allocator, ALLOCATOR_PROPERTIES* request) override;
 
-  // Another type (and buffer size) for the next connection. Only while unconnected.
-  void Offer(CMediaType type, Buffers buffers);
   // The allocator for the next connection; without it the pin makes one of plain memory.
   void UseAllocator(ComPtr<IMemAllocator> allocator) { ownAllocator_ = std::move(allocator); }
   // The same for frames, whose size may change: see NewFrame.
@@ -134,7 +133,7 @@ CMediaType VideoAlarmType();
 
 // Bytes of a packed YV12 frame.
 constexpr LONG FrameBytes(int width, int height) {
-  return width * height / 2 * 3;
+  return static_cast<LONG>(qorp::PictureBytes(width, height));
 }
 
 }  // namespace host

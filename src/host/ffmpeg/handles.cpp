@@ -138,6 +138,14 @@ CallbackIo MakeWritingIo(void* self, IoCallback write, SeekCallback seek, int bu
   return MakeIo(1, self, nullptr, write, seek, bufferSize);
 }
 
+const AVCodec* FindEncoder(const std::string& name) {
+  if (const AVCodec* const encoder = avcodec_find_encoder_by_name(name.c_str())) {
+    return encoder;
+  }
+  const AVCodecDescriptor* const codec = avcodec_descriptor_get_by_name(name.c_str());
+  return codec != nullptr ? avcodec_find_encoder(codec->id) : nullptr;
+}
+
 PacketFilter MakePacketFilter(const char* name, const AVCodecParameters& parameters) {
   const AVBitStreamFilter* const kind = av_bsf_get_by_name(name);
   if (kind == nullptr) {

@@ -10,6 +10,7 @@
 
 struct AVAudioFifo;
 struct AVBSFContext;
+struct AVCodec;
 struct AVCodecContext;
 struct AVCodecParameters;
 struct AVDictionary;
@@ -89,6 +90,9 @@ using SeekCallback = std::int64_t (*)(void* self, std::int64_t offset, int whenc
 Frame MakeFrame();
 Packet MakePacket();
 Parameters MakeParameters();
+
+// The encoder of that name, or the default one of the codec of that name; null when there is none.
+const AVCodec* FindEncoder(const std::string& name);
 
 // New references to the same data. Throw std::bad_alloc.
 Frame RefFrame(const AVFrame& frame);

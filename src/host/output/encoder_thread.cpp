@@ -31,7 +31,7 @@ struct EncoderThread::Work {
       : settings(given),
         encoder(settings.encoder),
         parameters(encoder->parameters()),
-        delay(settings.minDelay),
+        delay(settings.reopen),
         openedAt(Clock::now()),
         queue(settings.queuedFrames) {}
 
@@ -45,8 +45,8 @@ struct EncoderThread::Work {
   const Settings settings;
   std::optional<VideoEncoder> encoder;  // none after a failure; the thread's once it runs
   const ffmpeg::Parameters parameters;
-  std::optional<Time> gridStart;    // of the keyframes of all encoders
-  std::chrono::milliseconds delay;  // the thread's own, as is all up to here
+  std::optional<Time> gridStart;  // of the keyframes of all encoders
+  qorp::ReopenDelay delay;        // the thread's own, as is all up to here
   Clock::time_point openedAt;
   Clock::time_point openAgainAt;
   std::int64_t inside = 0;  // frames that the encoder holds
@@ -171,14 +171,12 @@ void EncoderThread::Work::OnFailure(const std::string& reason) {
   encoder.reset();
   failed = true;
   dropped += static_cast<std::uint64_t>(std::exchange(inside, 0));
-  if (Clock::now() - openedAt >= settings.maxDelay) {
-    delay = settings.minDelay;
-  }
-  openAgainAt = Clock::now() + delay;
+  delay.ResetIfLasting(Clock::now() - openedAt);
+  const std::chrono::milliseconds wait = delay.AfterFailure();
+  openAgainAt = Clock::now() + wait;
   for (const Consumer& consumer : consumers) {
-    consumer.fail(reason, settings.live ? std::optional(delay) : std::nullopt);
+    consumer.fail(reason, settings.live ? std::optional(wait) : std::nullopt);
   }
-  delay = std::min(delay * 2, settings.maxDelay);
 }
 
 void EncoderThread::Work::Run() {

@@ -18,6 +18,7 @@
 #include "platform/dshow/media.h"
 #include "platform/os/thread.h"
 #include "util/bounded_queue.h"
+#include "util/reopen_delay.h"
 
 namespace host {
 
@@ -36,8 +37,7 @@ class EncoderThread {
     VideoEncoder::Settings encoder;
     std::size_t queuedFrames = 16;
     bool live = false;
-    std::chrono::milliseconds minDelay{250};  // until it is opened again; doubles each time
-    std::chrono::milliseconds maxDelay{5'000};
+    qorp::ReopenLimits reopen;  // until it is opened again after a failure
   };
   // Called by the encoder's thread.
   struct Consumer {

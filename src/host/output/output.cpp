@@ -214,7 +214,7 @@ std::string OutputWriter::RunSession(OutputSession& session) {
 }
 
 void OutputWriter::Run() {
-  milliseconds delay = settings.minDelay;
+  qorp::ReopenDelay delay(settings.reopen);
   for (bool hasFailed = false;; hasFailed = true) {
     std::optional<OutputSession> session;
     session.emplace(
@@ -234,19 +234,17 @@ void OutputWriter::Run() {
       return;
     }
     SetFailure(reason);
-    if (session->length() >= settings.maxDelay.count() * kMillisecond) {
-      delay = settings.minDelay;
-    }
+    delay.ResetIfLasting(Milliseconds(session->length()));
+    const milliseconds wait = delay.AfterFailure();
     // A consumer that serves one connection has room for the next one, and a disk for the next
     // file.
     session.reset();
     Tell([&](OutputObserver& observer) {
-      observer.OutputFailed(settings.name, reason, goesOn ? std::optional(delay) : std::nullopt);
+      observer.OutputFailed(settings.name, reason, goesOn ? std::optional(wait) : std::nullopt);
     });
-    if (!goesOn || !queue.DiscardFor(delay)) {
+    if (!goesOn || !queue.DiscardFor(wait)) {
       break;
     }
-    delay = std::min(delay * 2, settings.maxDelay);
   }
   failed = true;
   queue.Abandon();

@@ -12,6 +12,7 @@
 #include "host/output/packet_queue.h"
 #include "log/i_log_perf.h"
 #include "platform/os/thread.h"
+#include "util/reopen_delay.h"
 
 namespace host {
 
@@ -55,8 +56,7 @@ class Output {
     PacketQueue::Limits queue;
     // Of files: what becomes of one that is there already.
     RecordingFiles::Existing existing = RecordingFiles::Existing::kKept;
-    std::chrono::milliseconds minDelay{250};  // until it is opened again; doubles each time
-    std::chrono::milliseconds maxDelay{5'000};
+    qorp::ReopenLimits reopen;  // until it is opened again after a failure
     // After a failure: so much must be written until the output counts as open again.
     Time openAfter = 2 * kSecond;
   };

@@ -13,6 +13,7 @@ extern "C" {
 }
 
 #include "host/ffmpeg/error.h"
+#include "util/yv12.h"
 
 namespace host {
 
@@ -76,17 +77,14 @@ struct Preview::Encoding {
   // False when there is nothing to be scaled.
   bool Scale(const ComPtr<IMediaSample>& sample) {
     BYTE* start = nullptr;
-    const std::size_t luma =
-        static_cast<std::size_t>(canvas.width) * static_cast<std::size_t>(canvas.height);
     if (FAILED(sample->GetPointer(&start)) ||
-        static_cast<std::size_t>(sample->GetActualDataLength()) < luma * 3 / 2) {
+        sample->GetActualDataLength() < qorp::PictureBytes(canvas.width, canvas.height)) {
       return false;
     }
     ffmpeg::Check(av_frame_make_writable(picture.get()), "cannot make a picture to encode");
-    const std::uint8_t* const planes[4] = {start, start + luma + luma / 4, start + luma, nullptr};
-    const int strides[4] = {canvas.width, canvas.width / 2, canvas.width / 2, 0};
-    ffmpeg::Check(sws_scale(scaler.get(), planes, strides, 0, canvas.height, picture->data,
-                            picture->linesize),
+    const qorp::ConstYv12Picture frame{start, canvas.width, canvas.height};
+    ffmpeg::Check(sws_scale(scaler.get(), frame.YuvData().data(), frame.YuvStrides().data(), 0,
+                            canvas.height, picture->data, picture->linesize),
                   "cannot scale a picture");
     return true;
   }

@@ -20,10 +20,15 @@ extern "C" {
 
 #include "host/ffmpeg/error.h"
 #include "host/ffmpeg/handles.h"
+#include "util/yv12.h"
 
 namespace host {
 
 namespace {
+
+bool IsWhole(std::span<const std::uint8_t> yv12, int width, int height) {
+  return static_cast<std::int64_t>(yv12.size()) >= qorp::PictureBytes(width, height);
+}
 
 ffmpeg::Frame ToRgb(std::span<const std::uint8_t> yv12, int width, int height, int shownWidth) {
   ffmpeg::Frame rgb = ffmpeg::MakeFrame();
@@ -40,11 +45,9 @@ ffmpeg::Frame ToRgb(std::span<const std::uint8_t> yv12, int width, int height, i
   }
   const int* const coefficients = sws_getCoefficients(SWS_CS_ITU601);
   sws_setColorspaceDetails(scaler.get(), coefficients, 0, coefficients, 1, 0, 1 << 16, 1 << 16);
-  const std::size_t lumaSize = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
-  const std::uint8_t* const planes[4] = {yv12.data(), yv12.data() + lumaSize + lumaSize / 4,
-                                         yv12.data() + lumaSize, nullptr};
-  const int strides[4] = {width, width / 2, width / 2, 0};
-  ffmpeg::Check(sws_scale(scaler.get(), planes, strides, 0, height, rgb->data, rgb->linesize),
+  const qorp::ConstYv12Picture picture{yv12.data(), width, height};
+  ffmpeg::Check(sws_scale(scaler.get(), picture.YuvData().data(), picture.YuvStrides().data(), 0,
+                          height, rgb->data, rgb->linesize),
                 "cannot make a picture file");
   return rgb;
 }
@@ -98,9 +101,7 @@ constexpr std::chrono::seconds kLimit{1};
 
 void WriteSnapshot(const std::filesystem::path& file, std::span<const std::uint8_t> yv12, int width,
                    int height, Ratio pixelAspect) {
-  const std::size_t size =
-      static_cast<std::size_t>(width) * static_cast<std::size_t>(height) * 3 / 2;
-  if (width < 2 || height < 2 || yv12.size() < size || !pixelAspect.positive()) {
+  if (width < 2 || height < 2 || !IsWhole(yv12, width, height) || !pixelAspect.positive()) {
     throw std::invalid_argument("a snapshot needs a whole YV12 picture");
   }
   const int shownWidth = std::max(1, static_cast<int>(std::lround(width * pixelAspect.value())));
@@ -114,13 +115,12 @@ std::string EncodeJpeg(std::span<const std::uint8_t> yv12, int width, int height
                        std::optional<std::pair<int, int>> size) {
   constexpr const char* kWhat = "cannot make a JPEG picture";
   constexpr int kQuality = 4;
-  const std::size_t lumaSize = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
   const int left = std::max(part.x, 0);
   const int top = std::max(part.y, 0);
   const int partWidth = std::min(part.x + part.width, width) - left;
   const int partHeight = std::min(part.y + part.height, height) - top;
   if (partWidth < 2 || partHeight < 2 || left % 2 != 0 || top % 2 != 0 ||
-      yv12.size() < lumaSize * 3 / 2 || !pixelAspect.positive()) {
+      !IsWhole(yv12, width, height) || !pixelAspect.positive()) {
     throw std::invalid_argument("a JPEG picture needs a part of a whole YV12 picture");
   }
   ffmpeg::Frame picture = ffmpeg::MakeFrame();
@@ -148,14 +148,14 @@ std::string EncodeJpeg(std::span<const std::uint8_t> yv12, int width, int height
     ffmpeg::Check(av_opt_set_int(scaler.get(), option, value, 0), kWhat);
   }
   ffmpeg::Check(sws_init_context(scaler.get(), nullptr, nullptr), kWhat);
-  const std::uint8_t* const luma = yv12.data() + static_cast<std::ptrdiff_t>(top) * width + left;
-  const std::ptrdiff_t chroma = static_cast<std::ptrdiff_t>(top / 2) * (width / 2) + left / 2;
-  const std::uint8_t* const planes[4] = {luma, yv12.data() + lumaSize + lumaSize / 4 + chroma,
-                                         yv12.data() + lumaSize + chroma, nullptr};
-  const int strides[4] = {width, width / 2, width / 2, 0};
-  ffmpeg::Check(
-      sws_scale(scaler.get(), planes, strides, 0, partHeight, picture->data, picture->linesize),
-      kWhat);
+  const qorp::ConstYv12Picture whole{yv12.data(), width, height};
+  const std::ptrdiff_t chroma = qorp::ChromaIndex(left, top, width);
+  const std::uint8_t* const planes[4] = {
+      whole.Y() + static_cast<std::ptrdiff_t>(top) * width + left, whole.U() + chroma,
+      whole.V() + chroma, nullptr};
+  ffmpeg::Check(sws_scale(scaler.get(), planes, whole.YuvStrides().data(), 0, partHeight,
+                          picture->data, picture->linesize),
+                kWhat);
   const ffmpeg::Packet jpeg = Encode(*picture, AV_CODEC_ID_MJPEG, kQuality, kWhat);
   return {reinterpret_cast<const char*>(jpeg->data), static_cast<std::size_t>(jpeg->size)};
 }

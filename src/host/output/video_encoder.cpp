@@ -1,7 +1,6 @@
 #include "host/output/video_encoder.h"
 
 #include <algorithm>
-#include <cstring>
 #include <new>
 #include <stdexcept>
 #include <string_view>
@@ -11,12 +10,14 @@
 
 extern "C" {
 #include <libavcodec/avcodec.h>
+#include <libavutil/imgutils.h>
 #include <libavutil/opt.h>
 }
 
 #include "host/config/diagnostics.h"
 #include "host/ffmpeg/error.h"
 #include "host/ffmpeg/time_unit.h"
+#include "util/yv12.h"
 
 namespace host {
 
@@ -50,24 +51,12 @@ int FramesToKeyframe(const VideoEncoder::Settings& settings) {
       std::clamp<Time>((settings.keyFrameInterval + frame / 2) / frame, 1, 10'000));
 }
 
-void CopyPlane(const std::uint8_t* from, std::uint8_t* to, int stride, int width, int height) {
-  for (int row = 0; row < height; ++row) {
-    std::memcpy(to, from, static_cast<std::size_t>(width));
-    from += width;
-    to += stride;
-  }
-}
-
 }  // namespace
 
 const AVCodec* FindVideoEncoder(const std::string& name) {
   const AVCodec* encoder = name == "h264" ? avcodec_find_encoder_by_name("libx264") : nullptr;
   if (encoder == nullptr) {
-    encoder = avcodec_find_encoder_by_name(name.c_str());
-  }
-  if (const AVCodecDescriptor* const codec = avcodec_descriptor_get_by_name(name.c_str());
-      encoder == nullptr && codec != nullptr) {
-    encoder = avcodec_find_encoder(codec->id);
+    encoder = ffmpeg::FindEncoder(name);
   }
   return encoder != nullptr && encoder->type == AVMEDIA_TYPE_VIDEO ? encoder : nullptr;
 }
@@ -231,16 +220,14 @@ std::string VideoEncoder::encoderName() const {
 void VideoEncoder::Encode(std::span<const std::uint8_t> yv12, Time start, const PacketSink& sink) {
   const int width = codec_->width;
   const int height = codec_->height;
-  const std::size_t lumaSize = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
-  if (yv12.size() < lumaSize * 3 / 2) {
+  if (static_cast<std::int64_t>(yv12.size()) < qorp::PictureBytes(width, height)) {
     throw std::invalid_argument("the picture is smaller than the canvas");
   }
   // The encoder may still hold the former frame: then this gives a new buffer.
   ffmpeg::Check(av_frame_make_writable(frame_.get()), "cannot make a picture to encode");
-  CopyPlane(yv12.data(), frame_->data[0], frame_->linesize[0], width, height);
-  CopyPlane(yv12.data() + lumaSize, frame_->data[2], frame_->linesize[2], width / 2, height / 2);
-  CopyPlane(yv12.data() + lumaSize + lumaSize / 4, frame_->data[1], frame_->linesize[1], width / 2,
-            height / 2);
+  const qorp::ConstYv12Picture picture{yv12.data(), width, height};
+  av_image_copy(frame_->data, frame_->linesize, picture.YuvData().data(),
+                picture.YuvStrides().data(), AV_PIX_FMT_YUV420P, width, height);
   Encode(*frame_, start, sink);
 }
 

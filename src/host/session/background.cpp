@@ -18,6 +18,7 @@ extern "C" {
 #include "host/ffmpeg/error.h"
 #include "platform/baseclasses/media_sample.h"
 #include "platform/os/thread.h"
+#include "util/yv12.h"
 
 namespace host {
 
@@ -125,7 +126,7 @@ std::vector<std::uint8_t> GradientBackground(int width, int height, config::Rgb 
   const Ycbcr to = ToYcbcr(bottom);
   const bool flat = top == bottom;
   std::vector<std::uint8_t> picture;
-  picture.reserve(static_cast<std::size_t>(width) * height / 2 * 3);
+  picture.reserve(static_cast<std::size_t>(qorp::PictureBytes(width, height)));
   const auto addPlane = [&](int columns, int rows, double first, double last) {
     for (int y = 0; y < rows; ++y) {
       const double value = rows > 1 ? first + (last - first) * y / (rows - 1) : first;
@@ -179,19 +180,16 @@ std::vector<std::uint8_t> FileBackground(int width, int height, Ratio pixelAspec
     throw MediaError(MediaError::Kind::kFailed, error.what(), file.string());
   }
 
-  std::vector<std::uint8_t> canvas(static_cast<std::size_t>(width) * height / 2 * 3);
+  std::vector<std::uint8_t> canvas(static_cast<std::size_t>(qorp::PictureBytes(width, height)));
   const int x = (cover.width - width) / 4 * 2;
   const int y = (cover.height - height) / 4 * 2;
-  const std::uint8_t* source = whole.data();
-  std::uint8_t* target = canvas.data();
-  CropPlane(source, cover.width, x, y, width, height, target);
-  source += static_cast<std::ptrdiff_t>(cover.width) * cover.height;
-  target += static_cast<std::ptrdiff_t>(width) * height;
-  for (int plane = 0; plane < 2; ++plane) {
-    CropPlane(source, cover.width / 2, x / 2, y / 2, width / 2, height / 2, target);
-    source += static_cast<std::ptrdiff_t>(cover.width / 2) * (cover.height / 2);
-    target += static_cast<std::ptrdiff_t>(width / 2) * (height / 2);
-  }
+  const qorp::ConstYv12Picture from{whole.data(), cover.width, cover.height};
+  const qorp::Yv12Picture to{canvas.data(), width, height};
+  CropPlane(from.Y(), from.width, x, y, to.width, to.height, to.Y());
+  CropPlane(from.V(), from.ChromaWidth(), x / 2, y / 2, to.ChromaWidth(), to.ChromaHeight(),
+            to.V());
+  CropPlane(from.U(), from.ChromaWidth(), x / 2, y / 2, to.ChromaWidth(), to.ChromaHeight(),
+            to.U());
   return canvas;
 }
 
@@ -280,8 +278,9 @@ BackgroundSource::BackgroundSource(Settings settings)
     : CBaseFilter("background source", nullptr, &lock_, kBackgroundSourceClass),
       settings_(std::move(settings)),
       pin_(this, &lock_, u"Background",
-           VideoType(settings_.width, settings_.height, settings_.frameRate, settings_.aspect),
-           {1, FrameBytes(settings_.width, settings_.height)}) {
+           VideoType(settings_.canvas.width, settings_.canvas.height, settings_.canvas.frameRate,
+                     settings_.canvas.aspect),
+           {1, FrameBytes(settings_.canvas.width, settings_.canvas.height)}) {
   if (settings_.watch != nullptr) {
     pin_.UseAllocator(
         ComPtr<IMemAllocator>(std::make_unique<WatchedAllocator>(settings_.watch).release()));
@@ -321,7 +320,7 @@ void BackgroundSource::EndPacing() {
 }
 
 void BackgroundSource::Pace() {
-  const Ratio rate = settings_.frameRate;
+  const Ratio rate = settings_.canvas.frameRate;
   const Time frameTime = FrameDuration(rate);
   // What lies behind us when the wall starts was never to be shown.
   nextFrame_ = std::max(nextFrame_, FrameAt(pacing_.now() - 1, rate) + 1);
@@ -349,9 +348,9 @@ bool BackgroundSource::SendFrame(std::int64_t frame) {
 }
 
 bool BackgroundSource::Send(std::int64_t frame, bool wait) {
-  const Time start = FrameStart(frame, settings_.frameRate);
+  const Time start = FrameStart(frame, settings_.canvas.frameRate);
   const ComPtr<IMediaSample> sample =
-      pin_.NewSample(start, FrameStart(frame + 1, settings_.frameRate), wait);
+      pin_.NewSample(start, FrameStart(frame + 1, settings_.canvas.frameRate), wait);
   BYTE* canvas = nullptr;
   if (!sample || FAILED(sample->GetPointer(&canvas))) {
     return false;

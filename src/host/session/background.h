@@ -96,11 +96,8 @@ class FrameWatch {
 class BackgroundSource final : public CBaseFilter {
  public:
   struct Settings {
-    int width = 0;  // pixels
-    int height = 0;
-    Ratio frameRate{25, 1};
-    Ratio aspect{16, 9};
-    std::vector<std::uint8_t> picture;  // packed YV12 of that size
+    config::Canvas canvas;
+    std::vector<std::uint8_t> picture;  // packed YV12 of its size
     std::shared_ptr<FrameWatch> watch;  // may be null
     std::function<void(Time)> sending;  // before each frame goes into the composer; may be null
   };

@@ -41,15 +41,15 @@ std::string FindComposerLibrary() {
                    "` or name it with --library");
 }
 
-ComposerFilter::ComposerFilter(const std::string& library, const Canvas& canvas,
-                               qorp::log::ILogPerf* logger)
+ComposerFilter::ComposerFilter(const std::string& library, const config::Canvas& canvas,
+                               std::size_t windows, qorp::log::ILogPerf* logger)
     : loaded_(CreateFilter(library, CLSID_TavrelComposer)),
       command_(loaded_.filter.As<IComposeCommand>()) {
   if (!command_) {
     throw GraphError(library + " is not a composer: it takes no commands");
   }
-  Check(command_->Configure(canvas.windows, logger, canvas.width, canvas.height, canvas.aspect.num,
-                            canvas.aspect.den, canvas.prerollPeriod,
+  Check(command_->Configure(static_cast<int>(windows), logger, canvas.width, canvas.height,
+                            canvas.aspect.num, canvas.aspect.den, canvas.preroll,
                             {canvas.frameRate.num, canvas.frameRate.den}),
         "configure the composer");
 }

@@ -7,6 +7,7 @@
 
 #include "filter/i_compose_command.h"
 #include "host/channel/window_schedule.h"
+#include "host/config/wall.h"
 #include "host/units.h"
 #include "platform/baseclasses/unknown_base.h"
 #include "platform/com/com.h"
@@ -23,14 +24,6 @@ std::string FindComposerLibrary();
 // interface only. Owned by the wall; belongs to the application's thread.
 class ComposerFilter {
  public:
-  struct Canvas {
-    int windows = 0;
-    int width = 0;  // pixels
-    int height = 0;
-    Ratio aspect{16, 9};
-    Ratio frameRate{25, 1};
-    Time prerollPeriod = 0;
-  };
   // The pins of one input, without references: they live as long as the filter.
   struct Input {
     IPin* video = nullptr;
@@ -41,8 +34,10 @@ class ComposerFilter {
     IPin* audioOutput = nullptr;
   };
 
-  // Throws std::runtime_error when the library or the object cannot be had. logger outlives it.
-  ComposerFilter(const std::string& library, const Canvas& canvas, qorp::log::ILogPerf* logger);
+  // Throws std::runtime_error when the library or the object cannot be had. windows: the inputs
+  // that it is to have. logger outlives it.
+  ComposerFilter(const std::string& library, const config::Canvas& canvas, std::size_t windows,
+                 qorp::log::ILogPerf* logger);
 
   IBaseFilter* filter() const { return loaded_.filter.Get(); }
   IPin* backgroundPin() const { return Pin(0); }

@@ -43,12 +43,6 @@ std::vector<WindowState> WindowsOf(const config::Wall& wall) {
   return windows;
 }
 
-ComposerFilter::Canvas CanvasOf(const config::Wall& wall) {
-  return {
-      static_cast<int>(SlotsOf(wall)), wall.canvas.width,  wall.canvas.height, wall.canvas.aspect,
-      wall.canvas.frameRate,           wall.canvas.preroll};
-}
-
 // The first frame that is handed out: the one that is nearest to the moment at which the composer
 // shows a source's time 0. That is it at whole rates; at others it may lie half a frame off.
 std::int64_t FirstFrame(Ratio rate) {
@@ -76,7 +70,7 @@ WallSession::WallSession(Settings settings)
       schedule_(std::make_shared<WindowSchedule>(
           WindowsOf(settings_.wall), settings_.wall.canvas.frameRate,
           settings_.live ? settings_.wall.canvas.delay : kWindowLatency)),
-      composer_(settings_.composerLibrary, CanvasOf(settings_.wall),
+      composer_(settings_.composerLibrary, settings_.wall.canvas, SlotsOf(settings_.wall),
                 settings_.composerLogger != nullptr ? settings_.composerLogger : settings_.logger),
       graph_(FilterGraph::Create()) {
   outputs_ = std::make_unique<WallOutputs>(
@@ -86,9 +80,8 @@ WallSession::WallSession(Settings settings)
       settings_.outputObserver, settings_.logger);
   const config::Canvas& canvas = settings_.wall.canvas;
   background_ =
-      BackgroundSource::Create({canvas.width, canvas.height, canvas.frameRate, canvas.aspect,
-                                LoadBackground(canvas, settings_.live, settings_.logger), watch_,
-                                [this](Time start) { schedule_->FrameSent(start); }});
+      BackgroundSource::Create({canvas, LoadBackground(canvas, settings_.live, settings_.logger),
+                                watch_, [this](Time start) { schedule_->FrameSent(start); }});
   if (settings_.live) {
     // A wall that is rendered waits for buffers all the time: that is its pace.
     background_->pin().ReportTo(settings_.logger, "background");

@@ -66,7 +66,7 @@ HRESULT CBaseAllocator::Commit() {
     return S_OK;
   }
   if (decommitInProgress_) {
-    // Samples of the last run are still outside: the pool continues with what it has.
+    // Samples of the last run are still outside: the pool continues with its present samples.
     decommitInProgress_ = false;
     committed_ = true;
     return S_OK;
@@ -76,7 +76,7 @@ HRESULT CBaseAllocator::Commit() {
     return Alloc();
   });
   if (FAILED(hr)) {
-    // Whatever was made before it failed.
+    // Frees what was made before the failure.
     Free();
     return hr;
   }
@@ -125,7 +125,7 @@ HRESULT CBaseAllocator::GetBuffer(IMediaSample** sample, REFERENCE_TIME* /*start
   taken->m_pNext = nullptr;
   ++outside_;
   taken->m_cRef.store(1);
-  // A sample outside keeps its allocator alive, however early everybody else releases it.
+  // A sample outside keeps its allocator alive.
   AddRef();
   *sample = taken;
   return S_OK;

@@ -131,7 +131,7 @@ HRESULT CBaseFilter::GetState(DWORD /*milliseconds*/, FILTER_STATE* state) {
 }
 
 HRESULT CBaseFilter::SetSyncSource(IReferenceClock* clock) {
-  // The former clock is released outside the lock: its end may wait for its own thread.
+  // The former clock is released outside the lock: its destructor may wait for its thread.
   ComPtr<IReferenceClock> other(clock);
   const os::MutexLock guard(clockLock_);
   m_pClock.Swap(other);

@@ -64,8 +64,8 @@ class CBaseFilter : public CUnknown, public IBaseFilter, public IAMovieSetup {
   HRESULT Unregister() override;
 
   bool IsStopped() const { return m_State.load() == State_Stopped; }
-  // The graph, without a reference; null outside a graph. Called with the filter's lock held, which
-  // a pin has as a lock of its own: that the two are one is beyond the checker.
+  // The graph, without a reference; null outside a graph. Called with the filter's lock held. A pin
+  // holds the same lock through a pointer of its own, which the checker cannot see.
   IFilterGraph* GetFilterGraph() const NO_THREAD_SAFETY_ANALYSIS { return m_pGraph; }
   // Posts an event to the graph; E_NOTIMPL when no graph takes events.
   HRESULT NotifyEvent(LONG code, LONG_PTR parameter1, LONG_PTR parameter2);
@@ -82,7 +82,7 @@ class CBaseFilter : public CUnknown, public IBaseFilter, public IAMovieSetup {
   os::Mutex clockLock_;
   ComPtr<IReferenceClock> m_pClock GUARDED_BY(clockLock_);
   REFERENCE_TIME m_tStart GUARDED_BY(clockLock_) = 0;
-  // A filter is always owned by its graph, so it holds no reference to it.
+  // The graph owns the filter, so no reference is held.
   IFilterGraph* m_pGraph GUARDED_BY(m_pLock) = nullptr;
   std::atomic<IMediaEventSink*> m_pSink{nullptr};
   std::u16string m_pName GUARDED_BY(m_pLock);

@@ -10,8 +10,8 @@
 
 namespace {
 
-// The answer of a connection to a type that a check refused with hr: refusals without a reason of
-// their own (S_FALSE, E_FAIL, E_INVALIDARG) become VFW_E_TYPE_NOT_ACCEPTED.
+// The result of a connection whose type was refused with hr: refusals without a specific reason
+// (S_FALSE, E_FAIL, E_INVALIDARG) become VFW_E_TYPE_NOT_ACCEPTED.
 HRESULT RefusalOfType(HRESULT hr) {
   return SUCCEEDED(hr) || hr == E_FAIL || hr == E_INVALIDARG ? VFW_E_TYPE_NOT_ACCEPTED : hr;
 }

@@ -11,9 +11,9 @@
 #include "platform/dshow/filters.h"
 #include "platform/os/mutex.h"
 
-// Base of every pin. A pin lives and dies with the filter that owns it: its references are
-// references of the filter. Connection methods run on the application's thread under m_pLock (the
-// filter's lock); what streaming threads read is atomic or has a small lock of its own.
+// Base of every pin. A pin has the lifetime of the filter that owns it: its references are counted
+// by the filter. Connection methods run on the application's thread under m_pLock (the filter's
+// lock); what streaming threads read is atomic or has a small lock of its own.
 class CBasePin : public CUnknown, public IPin, public IQualityControl {
  public:
   DECLARE_IUNKNOWN
@@ -74,8 +74,8 @@ class CBasePin : public CUnknown, public IPin, public IQualityControl {
  protected:
   // Takes the pin as connected peer (one reference), or releases it with null.
   void SetConnected(IPin* pin) REQUIRES(m_pLock);
-  // Whether a connector and the type that it proposes are taken: S_OK with a copy of the type, or
-  // why not. The caller breaks off a refused connection.
+  // Checks a connector and the type that it proposes: S_OK with a copy of the type, or an error,
+  // after which the caller calls BreakConnect.
   HRESULT CheckProposal(IPin* connector, const AM_MEDIA_TYPE& type, CMediaType* proposed)
       REQUIRES(m_pLock);
   // Ends a connection: BreakConnect, release. S_FALSE when there was none.
@@ -104,8 +104,8 @@ class CBasePin : public CUnknown, public IPin, public IQualityControl {
   CMediaType m_mt GUARDED_BY(typeLock_);  // streaming threads change it with their samples
 };
 
-// Base of every input pin. Receive runs on the upstream filter's streaming thread, alone of its
-// kind; the flush methods run on the application's thread.
+// Base of every input pin. Receive runs on the upstream filter's streaming thread, one call at a
+// time; the flush methods run on the application's thread.
 class CBaseInputPin : public CBasePin, public IMemInputPin {
  public:
   DECLARE_IUNKNOWN
@@ -138,7 +138,7 @@ class CBaseInputPin : public CBasePin, public IMemInputPin {
   ComPtr<IMemAllocator> HeldAllocator();
 
  protected:
-  // Takes another allocator (or none), safely against HeldAllocator; returns the former one.
+  // Replaces the allocator by another one (or none) under its lock; returns the former one.
   ComPtr<IMemAllocator> ReplaceAllocator(ComPtr<IMemAllocator> allocator);
 
  private:
@@ -148,7 +148,7 @@ class CBaseInputPin : public CBasePin, public IMemInputPin {
 };
 
 // Base of every output pin. Connection, Active and Inactive run on the application's thread under
-// m_pLock; GetDeliveryBuffer, Deliver and their kin on the filter's streaming thread. The peer's
+// m_pLock; GetDeliveryBuffer and the Deliver methods on the filter's streaming thread. The peer's
 // transport and the allocator have a lock of their own, held only to copy or exchange a reference,
 // so that a pin may be unplugged while its streaming thread is delivering.
 class CBaseOutputPin : public CBasePin {
@@ -173,7 +173,7 @@ class CBaseOutputPin : public CBasePin {
   // VFW_E_NOT_CONNECTED without an allocator; otherwise what the allocator's GetBuffer gives.
   virtual HRESULT GetDeliveryBuffer(IMediaSample** sample, REFERENCE_TIME* start,
                                     REFERENCE_TIME* stop, DWORD flags);
-  // What the peer's Receive answers; VFW_E_NOT_CONNECTED without a peer.
+  // The result of the peer's Receive; VFW_E_NOT_CONNECTED without a peer.
   virtual HRESULT Deliver(IMediaSample* sample);
   virtual HRESULT InitAllocator(IMemAllocator** allocator);
   virtual HRESULT DeliverEndOfStream();
@@ -186,7 +186,7 @@ class CBaseOutputPin : public CBasePin {
   HRESULT EndFlush() override { return E_UNEXPECTED; }
   HRESULT EndOfStream() override { return E_UNEXPECTED; }
 
-  // What the connection holds, or none; safe on any thread.
+  // The connection's allocator and input pin, or none; safe on any thread.
   ComPtr<IMemAllocator> HeldAllocator();
   ComPtr<IMemInputPin> HeldInputPin();
 

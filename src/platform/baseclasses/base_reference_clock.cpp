@@ -34,11 +34,11 @@ REFERENCE_TIME AdviseList::SignalDue(REFERENCE_TIME now) {
       std::get<HEVENT>(entry.target)->Set();
       continue;
     }
-    // A clock that jumped forward owes one release for each period that it passed.
+    // When the clock has jumped forward, one release for each period that has passed.
     const REFERENCE_TIME passed = (now - due.key()) / entry.period + 1;
     std::get<HSEMAPHORE>(entry.target)
         ->Release(static_cast<LONG>(std::min<REFERENCE_TIME>(passed, INT32_MAX)));
-    // A period beyond the range of times never ends.
+    // A next time beyond the range of times never comes.
     due.key() = entry.period < kNever - now ? due.key() + passed * entry.period : kNever;
     entries_.insert(std::move(due));
   }
@@ -48,7 +48,7 @@ REFERENCE_TIME AdviseList::SignalDue(REFERENCE_TIME now) {
 namespace {
 
 constexpr std::uint64_t kUnitsPerMillisecond = 10000;
-// The longest wait in one piece: a clock whose time jumps is looked at again by then.
+// The longest wait in one piece: a clock whose time jumps is read again by then.
 constexpr std::uint64_t kMaxWait = 10000 * kUnitsPerMillisecond;
 
 }  // namespace

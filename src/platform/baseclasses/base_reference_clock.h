@@ -1,5 +1,5 @@
-// CBaseReferenceClock: a clock that filters read and are woken by, and the list of whom it wakes
-// when.
+// CBaseReferenceClock: a clock that filters read and that signals their advises, and the list of
+// these.
 #pragma once
 
 #include <cstdint>
@@ -13,8 +13,7 @@
 #include "platform/os/thread.h"
 
 // Any thread may add and remove; the clock's thread signals what is due. Once Remove has returned,
-// the event or semaphore is not touched any more: the lock is held while it is signalled, which
-// calls nothing of anybody else.
+// the event or semaphore is not touched any more: it is signalled with the lock held.
 class AdviseList {
  public:
   static constexpr REFERENCE_TIME kNever = INT64_MAX;
@@ -41,11 +40,11 @@ class AdviseList {
   DWORD_PTR lastCookie_ GUARDED_BY(lock_) = 0;
 };
 
-// Base of reference clocks. The derived clock says what time it is (GetPrivateTime); what is shown
-// outside never goes back. A thread of the clock's own signals advises; it is started with the
-// first one. Any thread may call.
+// Base of reference clocks. The derived clock provides the time (GetPrivateTime); the time that
+// GetTime returns never goes back. A thread of the clock's own signals advises; it is started with
+// the first one. Any thread may call.
 //
-// The derived class calls EndAdvising in its destructor: the thread asks it for the time until
+// The derived class calls EndAdvising in its destructor: the thread calls GetPrivateTime until
 // then.
 class CBaseReferenceClock : public CUnknown, public IReferenceClock {
  public:
@@ -56,7 +55,7 @@ class CBaseReferenceClock : public CUnknown, public IReferenceClock {
 
   HRESULT NonDelegatingQueryInterface(REFIID iid, void** object) override;
 
-  // S_FALSE when the private time has not moved on since the last call: the same time again.
+  // S_FALSE and the same time again when the private time has not advanced since the last call.
   HRESULT GetTime(REFERENCE_TIME* time) override;
   // E_INVALIDARG for times that are not positive.
   HRESULT AdviseTime(REFERENCE_TIME baseTime, REFERENCE_TIME streamTime, HEVENT event,
@@ -69,7 +68,7 @@ class CBaseReferenceClock : public CUnknown, public IReferenceClock {
   // The clock's own time, 100 ns units; called from any thread, also the clock's.
   virtual REFERENCE_TIME GetPrivateTime() = 0;
 
-  // Lets the thread look again, after the time was moved.
+  // Makes the thread check its advises again, after the clock's time was changed.
   void TriggerThread() { trigger_.Set(); }
 
  protected:

@@ -32,7 +32,7 @@ class ClassFactory final : public CUnknown, public IClassFactory {
       return E_POINTER;
     }
     *object = nullptr;
-    // Only its own unknown can be handed to an object that aggregates another one.
+    // An object that aggregates this one may ask for its IUnknown only.
     if (outer != nullptr && iid != IID_IUnknown) {
       return E_NOINTERFACE;
     }
@@ -45,7 +45,7 @@ class ClassFactory final : public CUnknown, public IClassFactory {
     if (made == nullptr) {
       return SUCCEEDED(hr) ? E_OUTOFMEMORY : hr;
     }
-    // A reference of its own keeps the object while it is asked, and ends it when it refuses.
+    // This reference keeps the object during the query; its release deletes an object that refuses.
     made->NonDelegatingAddRef();
     if (SUCCEEDED(hr)) {
       hr = made->NonDelegatingQueryInterface(iid, object);

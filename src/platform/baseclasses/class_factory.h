@@ -1,4 +1,4 @@
-// The classes of a filter library: what it says of them, the factory that makes them, and their
+// The classes of a filter library: their descriptions, the factory that makes them, and their
 // entries in the registry.
 #pragma once
 
@@ -36,7 +36,7 @@ class CUnknown;
 // Makes one object: outer is the aggregating unknown or null, *hr takes a failure. Returns the
 // object with a count of 0, or null.
 using LPFNNewCOMObject = CUnknown* (*)(IUnknown* outer, HRESULT* hr);
-// Called with true when the library is loaded and with false before it is unloaded.
+// Part of the documented structure; the entry points do not call it.
 using LPFNInitRoutine = void (*)(BOOL loading, const CLSID* clsid);
 
 // One class of a library. A library defines g_Templates and g_cTemplates for the entry points.
@@ -52,9 +52,9 @@ struct CFactoryTemplate {
 // or IClassFactory. The template must outlive it.
 HRESULT CreateClassFactory(const CFactoryTemplate& entry, REFIID iid, void** object);
 
-// The registry's keys. Under a class's key stand its name (default value) and the subkey
-// InprocServer32 with the library's path; under a filter's key its name, class, merit and a subkey
-// for each pin, numbered from 0.
+// The registry's keys. A class's key has its name (default value) and the subkey InprocServer32
+// with the library's path; a filter's key has its name, merit and a subkey for each pin, numbered
+// from 0.
 inline constexpr const char* kClassesKey = "CLSID";
 inline constexpr const char* kServerKey = "InprocServer32";
 inline constexpr const char* kFiltersKey = "Filters";
@@ -62,7 +62,7 @@ inline constexpr const char* kFiltersKey = "Filters";
 // Enters the class (and its filter setup, when it has one) with the path of the library that holds
 // this code. Errors are those of the registry as HRESULTs of facility Win32.
 HRESULT RegisterClassTemplate(const CFactoryTemplate& entry);
-// Takes filter and class out again; what is not there is no error.
+// Removes filter and class; missing entries are no error.
 HRESULT UnregisterClassTemplate(const CFactoryTemplate& entry);
 
 HRESULT RegisterFilterSetup(const AMOVIESETUP_FILTER& setup);

@@ -1,5 +1,5 @@
-// CEnumPins, CEnumMediaTypes and FilterEnumerator: what the enumerations of a filter, of a pin and
-// of a graph hand out.
+// CEnumPins, CEnumMediaTypes and FilterEnumerator: the enumerators of a filter's pins, a pin's
+// media types and a graph's filters.
 #pragma once
 
 #include <cstddef>
@@ -12,8 +12,8 @@
 #include "platform/dshow/filters.h"
 
 // Walks the pins of a filter by position. Out of date (VFW_E_ENUM_OUT_OF_SYNC) once the filter's
-// pin version has changed; Reset starts again with the present pins. A position whose pin is
-// missing ends nothing: it is passed over.
+// pin version has changed; Reset starts again with the present pins. A position without a pin is
+// skipped.
 class CEnumPins final : public CUnknown, public IEnumPins {
  public:
   DECLARE_IUNKNOWN
@@ -61,8 +61,8 @@ class CEnumMediaTypes final : public CUnknown, public IEnumMediaTypes {
   LONG version_ = 0;
 };
 
-// Keeps a reference to each filter of the snapshot. References may be counted on any thread; the
-// walk belongs to one.
+// Walks a snapshot of a graph's filters, with a reference to each. AddRef and Release on any
+// thread; the walk on one.
 class FilterEnumerator final : public CUnknown, public IEnumFilters {
  public:
   DECLARE_IUNKNOWN

@@ -141,7 +141,7 @@ HRESULT CBaseInputPin::ReceiveMultiple(IMediaSample** samples, LONG count, LONG*
 }
 
 HRESULT CBaseInputPin::ReceiveCanBlock() {
-  // It can when a connected output pin further down can, or does not say.
+  // It can when an input pin that an output is connected to can, or does not say.
   const int pins = m_pFilter->GetPinCount();
   bool hasOutput = false;
   for (int i = 0; i < pins; ++i) {
@@ -160,7 +160,7 @@ HRESULT CBaseInputPin::ReceiveCanBlock() {
       return S_OK;
     }
   }
-  // A filter without outputs keeps the sample in its own hands, which may take its time.
+  // A filter without outputs processes the sample itself, which may block.
   return hasOutput ? S_FALSE : S_OK;
 }
 
@@ -247,7 +247,7 @@ HRESULT CBaseOutputPin::CompleteConnect(IPin* /*pin*/) {
 HRESULT CBaseOutputPin::DecideAllocator(IMemInputPin* pin, IMemAllocator** allocator) {
   *allocator = nullptr;
   ALLOCATOR_PROPERTIES wanted{};
-  pin->GetAllocatorRequirements(&wanted);  // a peer without demands leaves zeros
+  pin->GetAllocatorRequirements(&wanted);  // a peer without requirements leaves zeros
   if (wanted.cbAlign == 0) {
     wanted.cbAlign = 1;
   }

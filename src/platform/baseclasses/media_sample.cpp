@@ -33,7 +33,7 @@ ULONG CMediaSample::Release() {
   const LONG left = m_cRef.fetch_sub(1) - 1;
   if (left == 0) {
     Forget();
-    // May end the allocator, and this sample with it: nothing of the sample is touched after it.
+    // May delete the allocator and this sample: no member may be used after it.
     m_pAllocator->ReleaseBuffer(this);
   }
   return static_cast<ULONG>(left);

@@ -14,10 +14,10 @@
 
 class CBaseAllocator;
 
-// A sample belongs to its allocator for its whole life; while somebody holds a reference it is
-// outside and keeps its allocator alive. The last Release takes times, flags and type away and
-// hands the sample back, where CUnknown would delete it. Counting is safe on any thread; everything
-// else belongs to the thread that the sample has been handed to.
+// A sample belongs to its allocator for its whole life; while it is referenced it is outside the
+// pool and keeps its allocator alive. The last Release clears times, flags and type and returns the
+// sample, where CUnknown would delete it. AddRef and Release on any thread; everything else on the
+// thread that the sample has been handed to.
 class CMediaSample : public IMediaSample2 {
  public:
   // buffer has length bytes and belongs to the allocator.
@@ -30,7 +30,7 @@ class CMediaSample : public IMediaSample2 {
   ULONG AddRef() override;
   ULONG Release() override;
 
-  // Another buffer of the allocator's, while the sample is free or has just been given out.
+  // Sets another buffer of the allocator, while the sample is free or has just been given out.
   HRESULT SetPointer(BYTE* buffer, LONG length);
 
   HRESULT GetPointer(BYTE** buffer) override;
@@ -76,10 +76,9 @@ class CMediaSample : public IMediaSample2 {
   CMediaSample* m_pNext = nullptr;  // free list of the allocator, guarded by its lock
 };
 
-// The pool's bookkeeping, whatever the memory behind its samples: properties that stand still while
-// the pool is committed, a list of free samples, GetBuffer that waits for one. Samples that are
-// outside at Decommit stay valid; the memory is freed when the last one has come home. Safe on any
-// thread.
+// The pool's bookkeeping, for any kind of memory: properties that are fixed while the pool is
+// committed, a list of free samples, GetBuffer that waits for one. Samples that are outside at
+// Decommit stay valid; the memory is freed when the last one has been returned. Safe on any thread.
 class CBaseAllocator : public CUnknown, public IMemAllocator {
  public:
   DECLARE_IUNKNOWN
@@ -106,7 +105,7 @@ class CBaseAllocator : public CUnknown, public IMemAllocator {
  protected:
   // Makes the samples (with AddFree). VFW_E_SIZENOTSET without properties. May throw.
   virtual HRESULT Alloc() REQUIRES(lock_);
-  // Destroys them, or as many as an Alloc that failed has made; called with every sample home.
+  // Destroys them, or as many as an Alloc that failed has made; called with every sample returned.
   virtual void Free() REQUIRES(lock_) = 0;
 
   void AddFree(CMediaSample* sample) REQUIRES(lock_);

@@ -20,8 +20,8 @@ struct MediaTypeDeleter {
 // Owns a type made by CreateMediaType, as IMediaSample::GetMediaType hands them out.
 using OwnedMediaType = std::unique_ptr<AM_MEDIA_TYPE, MediaTypeDeleter>;
 
-// What a sample says of its type: S_OK with the type, another success code with none, or why it
-// does not say. A sample that claims to have one and hands out nothing gets VFW_E_INVALIDMEDIATYPE.
+// Reads the media type of a sample: S_OK with the type, another success code without one, or an
+// error; VFW_E_INVALIDMEDIATYPE when the sample returns S_OK and no type.
 HRESULT ReadMediaType(IMediaSample* sample, OwnedMediaType* type);
 
 // The format block of a type as a structure; null when the type has none, or a shorter one.
@@ -68,15 +68,15 @@ class CMediaType : public AM_MEDIA_TYPE {
   // memory is exhausted.
   BYTE* AllocFormatBuffer(ULONG length);
 
-  // A type that leaves its major type or format open can only be a wish, not a connection's type.
+  // A type without a major type or format type can only be a request, not a connection's type.
   bool IsPartiallySpecified() const;
-  // True when everything that partial gives is the same here.
+  // True when everything that partial specifies is equal here.
   bool MatchesPartial(const CMediaType& partial) const;
 
  private:
   bool Equals(const AM_MEDIA_TYPE& other) const;
 };
 
-// Moves a type into *target or, when that is null, into a new one that belongs to the caller:
-// E_FAIL without memory.
+// Moves a type into *target or, when target is null, into a new one that the caller owns; E_FAIL
+// without memory.
 HRESULT HandOut(CMediaType&& type, CMediaType*& target);

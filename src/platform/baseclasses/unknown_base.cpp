@@ -39,8 +39,8 @@ ULONG CUnknown::NonDelegatingAddRef() {
 ULONG CUnknown::NonDelegatingRelease() {
   const LONG left = count_.fetch_sub(1) - 1;
   if (left == 0) {
-    // A destructor may hand out and take back references of the dying object; the count must not
-    // come to 0 a second time.
+    // A destructor may call AddRef and Release on the object; the count must not reach 0 a second
+    // time.
     count_.fetch_add(1);
     delete this;
   }

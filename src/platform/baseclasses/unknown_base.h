@@ -1,5 +1,5 @@
-// What every object of the graph stands on: CUnknown with reference counting and aggregation, the
-// COM boundary, which no exception passes, and the critical section.
+// The base of every object of the graph: CUnknown with reference counting and aggregation, the COM
+// boundary, which no exception crosses, and the critical section.
 #pragma once
 
 #include <atomic>
@@ -27,8 +27,8 @@ class INonDelegatingUnknown {
 // it. The count may change on any thread.
 class CUnknown : public INonDelegatingUnknown {
  public:
-  // name is for diagnostics and may be null; outer is null for an object that stands alone and is
-  // never counted by the object that it owns.
+  // name is for diagnostics and may be null. outer is the aggregating object, to which no reference
+  // is held, or null.
   CUnknown(const char* name, IUnknown* outer);
   CUnknown(const CUnknown&) = delete;
   CUnknown& operator=(const CUnknown&) = delete;
@@ -79,7 +79,7 @@ class CUnknown : public INonDelegatingUnknown {
     return GetOwner()->Release();                              \
   }
 
-// Counts what keeps a module loaded beside its objects: server locks.
+// Server locks, which keep a module loaded as its objects do.
 void LockModule();
 void UnlockModule();
 bool IsModuleInUse();
@@ -98,7 +98,7 @@ class CAtlException {
 // for all others.
 HRESULT ResultOfException() noexcept;
 
-// Runs the body of a COM method, or a part of it after which the method has to tidy up.
+// Runs the body of a COM method, or a part of it after which the method has to clean up.
 template <typename Operation>
 HRESULT AtComBoundary(const Operation& operation) noexcept {
   try {
@@ -119,7 +119,7 @@ std::unique_ptr<Object> MakeKernelObject(Arguments&&... arguments) {
   }
 }
 
-// A recursive lock. Lock and Unlock stand by their documented names.
+// A recursive lock. Lock and Unlock have their documented names.
 class CAPABILITY("mutex") CCritSec {
  public:
   CCritSec() = default;

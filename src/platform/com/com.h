@@ -100,7 +100,7 @@ std::string GuidToString(const GUID& guid);
 // Reads the form above (digits of either case); false when the text is anything else.
 bool GuidFromString(std::string_view text, GUID* guid);
 
-// Null when the memory is exhausted. An empty block is still a block of its own.
+// Null when the memory is exhausted. A size of 0 gives a block, too.
 inline void* CoTaskMemAlloc(std::size_t bytes) {
   return std::malloc(bytes == 0 ? 1 : bytes);
 }
@@ -121,7 +121,7 @@ inline constexpr IID IID_IUnknown{
 inline constexpr IID IID_IClassFactory{
     0x00000001, 0x0000, 0x0000, {0xC0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x46}};
 
-// Interfaces have no virtual destructor: objects end by Release alone.
+// Interfaces have no virtual destructor: only Release deletes an object.
 class IUnknown {
  public:
   // On success *object holds a counted reference; on failure it is null.
@@ -202,14 +202,14 @@ class ComPtr {
   }
   void Swap(ComPtr& other) noexcept { std::swap(object_, other.object_); }
 
-  // For out-parameters that hand out a counted reference; drops what is held first.
+  // For out-parameters that receive a counted reference; releases the present one first.
   T** Put() {
     Reset();
     return &object_;
   }
   void** PutVoid() { return reinterpret_cast<void**>(Put()); }
 
-  // Asks the object for another interface; the result is null when it has none (or holds nothing).
+  // Queries another interface; null when the object has none, or there is no object.
   template <typename Interface>
   ComPtr<Interface> As() const {
     ComPtr<Interface> other;

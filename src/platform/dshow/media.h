@@ -183,7 +183,7 @@ class IMediaSample : public IUnknown {
   // S_OK with both times, VFW_S_NO_STOP_TIME with the start alone (stop = start + 1),
   // VFW_E_SAMPLE_TIME_NOT_SET with none.
   virtual HRESULT GetTime(REFERENCE_TIME* start, REFERENCE_TIME* stop) = 0;
-  // Null pointers take the times away.
+  // Null pointers clear the times.
   virtual HRESULT SetTime(REFERENCE_TIME* start, REFERENCE_TIME* stop) = 0;
   virtual HRESULT IsSyncPoint() = 0;
   virtual HRESULT SetSyncPoint(BOOL isSyncPoint) = 0;

@@ -22,8 +22,8 @@ struct GraphEvent {
 // Owns its filters (one reference each) and hands them the clock and the state changes: downstream
 // filters first, so that no filter receives what it is not ready for. The graph's methods belong to
 // the application's thread; events may be posted from any thread and are kept in a queue of bounded
-// length, whose oldest entry is dropped first. No lock is held while a filter is called, except the
-// recursive one of the application's own calls.
+// length, whose oldest entry is dropped first. Filters are called with no lock held, except the
+// recursive one of the graph's methods.
 class FilterGraph final : public CUnknown,
                           public IFilterGraph,
                           public IMediaFilter,
@@ -52,15 +52,15 @@ class FilterGraph final : public CUnknown,
   HRESULT ConnectDirect(IPin* output, IPin* input, const AM_MEDIA_TYPE* type) override;
   HRESULT Reconnect(IPin* pin) override;
   HRESULT Disconnect(IPin* pin) override;
-  // Filters without a clock of their own run free; a host that wants a clock sets it.
+  // Sets no clock, so that the filters run free; a host that wants a clock sets it.
   HRESULT SetDefaultSyncSource() override;
 
   HRESULT GetClassID(CLSID* clsid) override;
-  // Every filter is stopped, whatever the others answer; the first failure is returned.
+  // Every filter is stopped, even when others fail; the first failure is returned.
   HRESULT Stop() override;
   // A filter that fails leaves the graph and all its filters stopped, with the filter's result.
   HRESULT Pause() override;
-  // start: clock time of stream time 0; 0 lets the graph choose (now, and a moment to start in).
+  // start: clock time of stream time 0; 0 lets the graph choose (now plus a short start delay).
   HRESULT Run(REFERENCE_TIME start) override;
   HRESULT GetState(DWORD milliseconds, FILTER_STATE* state) override;
   HRESULT SetSyncSource(IReferenceClock* clock) override;
@@ -80,7 +80,7 @@ class FilterGraph final : public CUnknown,
   Entry* FindEntry(IUnknown* filter) REQUIRES(lock_);
   HRESULT Add(IBaseFilter* filter, LPCWSTR name);
   bool Reaches(IBaseFilter* from, IBaseFilter* to);
-  // Filters in an order in which every filter stands after all those that it delivers to.
+  // The filters, each one after all those that it delivers to.
   std::vector<ComPtr<IBaseFilter>> DownstreamFirst() REQUIRES(lock_);
   // Changes every filter, downstream ones first, until one fails.
   template <typename Change>

@@ -10,8 +10,8 @@
 
 namespace os {
 
-// Reads without ever waiting longer than its limit, also before a writer has come, where a
-// plain read would hang indefinitely. One thread at a time.
+// A read never waits longer than its limit, even while there is no writer yet, where a plain read
+// would block indefinitely. One thread at a time.
 class ByteStream {
  public:
   enum class Result {
@@ -26,11 +26,10 @@ class ByteStream {
   ByteStream(const ByteStream&) = delete;
   ByteStream& operator=(const ByteStream&) = delete;
 
-  // Whether the native path names something that is to be read so: a pipe, socket or device,
-  // neither file nor directory.
+  // Whether the native path is to be read in this way: a pipe, socket or character device.
   static bool IsStream(const std::string& path);
 
-  // Does not wait for a writer. Answers one of the system's error numbers, 0 when it is open.
+  // Does not wait for a writer. Returns one of the system's error numbers, 0 when it is open.
   std::uint32_t Open(const std::string& path);
   // At least one byte with kData.
   Result Read(std::span<std::uint8_t> buffer, std::chrono::milliseconds wait, std::size_t* count);
@@ -39,15 +38,14 @@ class ByteStream {
   int descriptor_ = -1;
 };
 
-// Writes without ever waiting longer than its limit, where a plain write would hang until
-// somebody reads. A reader that has gone is a result, not a signal to the process. One thread at a
-// time.
+// A write never waits longer than its limit, where a plain write would block until somebody reads.
+// A closed reader is a result, not a signal to the process. One thread at a time.
 class ByteSink {
  public:
   enum class Result {
     kWritten,
     kFull,  // nothing could be written in time
-    kGone,  // nobody reads any more
+    kGone,  // the reader has gone
     kFailed,
   };
 
@@ -56,7 +54,7 @@ class ByteSink {
   ByteSink(const ByteSink&) = delete;
   ByteSink& operator=(const ByteSink&) = delete;
 
-  // Does not wait for a reader: a pipe without one answers kErrorNotReady. Otherwise one of the
+  // Does not wait for a reader: a pipe without one gives kErrorNotReady. Otherwise one of the
   // system's error numbers, 0 when it is open.
   std::uint32_t Open(const std::string& path);
   // At least one byte with kWritten.

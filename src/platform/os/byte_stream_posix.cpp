@@ -32,7 +32,7 @@ std::uint32_t ByteStream::Open(const std::string& path) {
 
 ByteStream::Result ByteStream::Read(std::span<std::uint8_t> buffer, std::chrono::milliseconds wait,
                                     std::size_t* count) {
-  // A pipe to which no writer has come yet is silent for poll, but at its end for read.
+  // Until a writer has opened the pipe, poll reports nothing, but read reports its end.
   pollfd poll{descriptor_, POLLIN, 0};
   const int ready = ::poll(&poll, 1, static_cast<int>(wait.count()));
   if (ready == 0 || (ready < 0 && errno == EINTR)) {
@@ -51,8 +51,7 @@ ByteStream::Result ByteStream::Read(std::span<std::uint8_t> buffer, std::chrono:
 
 namespace {
 
-// A write without the signal that a pipe without a reader raises: it is held back, and taken away
-// if this write raised it.
+// Writes without SIGPIPE: the signal is blocked meanwhile, and consumed if this write raised it.
 ssize_t WriteQuietly(int descriptor, std::span<const std::uint8_t> bytes) {
   sigset_t pipe;
   sigemptyset(&pipe);

@@ -9,11 +9,10 @@
 namespace os {
 
 // The bytes, in the character set of that name ("ISO-8859-5", "UCS-2BE"), as UTF-8. None when the
-// system does not know it, or the bytes are no text of it. Any thread.
+// system does not know the set, or the bytes are not valid in it. Any thread.
 std::optional<std::string> ToUtf8(std::string_view bytes, const std::string& charset);
 
-// Appends the bytes of a code point, in UTF-8. A value that is none gets the bytes that the
-// arithmetic gives.
+// Appends a code point in UTF-8. An invalid one is not rejected.
 template <typename Bytes>
 void AppendUtf8(std::uint32_t codePoint, Bytes& bytes) {
   const auto append = [&bytes](std::uint32_t byte) {

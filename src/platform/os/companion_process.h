@@ -1,4 +1,4 @@
-// CompanionProcess: a second process of this program, for what may end a process or never return.
+// CompanionProcess: a second process of this program, for code that may crash or never return.
 // MessageSocket: the connection between the two.
 #pragma once
 
@@ -23,7 +23,7 @@ class MessageSocket {
   };
   static constexpr std::size_t kMaxMessage = 32'768;  // bytes
 
-  // Takes the descriptor over, which is closed at the end. Throws std::system_error.
+  // Takes ownership of the descriptor. Throws std::system_error.
   explicit MessageSocket(int descriptor);
   ~MessageSocket();
   MessageSocket(const MessageSocket&) = delete;
@@ -42,12 +42,12 @@ class MessageSocket {
   const int wake_;
 };
 
-// Memory that both processes see, page by page zero at first. Empty memory is allowed.
+// Memory that both processes share, zero at first. May be empty.
 class SharedMemory {
  public:
   // Throws std::system_error.
   static SharedMemory Create(std::size_t size);
-  // Takes the descriptor over.
+  // Takes ownership of the descriptor.
   static SharedMemory Of(int descriptor);
   ~SharedMemory();
   SharedMemory(SharedMemory&& other) noexcept;
@@ -64,8 +64,8 @@ class SharedMemory {
   std::size_t size_ = 0;
 };
 
-// The process that was started, and what it shares with this one. It has no standard input and
-// output and is in no terminal's process group; it ends when its parent does. One thread.
+// The process that was started, and what it shares with this one. Its standard streams are
+// /dev/null, and it has a process group of its own; it ends when its parent does. One thread.
 class CompanionProcess {
  public:
   // program: its path. memory: bytes. Throws std::system_error.
@@ -92,8 +92,8 @@ class CompanionProcess {
   std::optional<int> status_;
 };
 
-// The other side: what this process was started with. Once, at its start. Throws std::system_error
-// when nobody has started it so.
+// The companion's side of what is shared. Created once, when the process starts. Throws
+// std::system_error when it was not started by a CompanionProcess.
 struct CompanionSide {
   CompanionSide();
 

@@ -23,12 +23,12 @@
 namespace os {
 namespace {
 
-// Of the process that is started.
+// Descriptors of the process that is started.
 constexpr int kSocket = 3;
 constexpr int kMemory = 4;
 // Above both of them.
 constexpr int kFirstFree = 10;
-// For a process that was killed; one that hangs in the system's driver is left to itself.
+// For a process that was killed; one that hangs in a driver is not waited for.
 constexpr std::chrono::milliseconds kKillLimit{2'000};
 
 [[noreturn]] void ThrowError(int error, const char* what) {
@@ -68,7 +68,7 @@ class SpawnAttributes {
 
 int Spawn(const std::string& program, const std::vector<std::string>& arguments, int socket,
           int memory) {
-  // Copies above the numbers that they get, so that none is overwritten by the other.
+  // Duplicates above the final numbers, so that neither overwrites the other.
   const Descriptor highSocket(
       Checked(::fcntl(socket, F_DUPFD_CLOEXEC, kFirstFree), "cannot share a socket"));
   const Descriptor highMemory(
@@ -239,7 +239,7 @@ CompanionSide::CompanionSide() : memory(SharedMemory::Of(kMemory)), socket(kSock
   ::fcntl(kMemory, F_SETFD, FD_CLOEXEC);
   ::fcntl(kSocket, F_SETFD, FD_CLOEXEC);
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-  // Its parent ends it.
+  // Only its parent ends it.
   ::signal(SIGINT, SIG_IGN);
   ::signal(SIGTERM, SIG_IGN);
   ::signal(SIGHUP, SIG_IGN);

@@ -21,8 +21,8 @@ bool IsTerminal(int descriptor);
 // The present width of a terminal in characters; 80 when it is not known.
 int ConsoleColumns(int descriptor);
 
-// Where a text goes and whether it may be coloured: only on a terminal, and only when the
-// environment does not say NO_COLOR. Not locked: its owner calls from one thread at a time.
+// Writes lines, in colour only on a terminal and only when the environment does not set NO_COLOR.
+// Not locked: called from one thread at a time.
 class Console {
  public:
   // The standard error stream.
@@ -50,7 +50,7 @@ class Console {
   bool changed_ = false;  // the terminal's colour is not its own
 };
 
-// Writes text as it stands, at once. Any thread; the pieces of two threads may interleave, not
+// Writes text unchanged and unbuffered. Any thread; the texts of two threads may interleave, not
 // their bytes. Errors are ignored.
 void WriteDebuggerOutput(std::string_view text);
 
@@ -75,11 +75,11 @@ class DebuggerOutputCapture {
   std::vector<std::string> pieces_ GUARDED_BY(lock_);
 };
 
-// Keeps what is put into it and writes it when it is flushed, or when much has come. A flush waits
-// for the reader indefinitely, until LimitWaiting: then a flush that takes longer fails, and what
-// is left is written by a later one. Text that comes while too much waits is dropped whole. After
-// an error of the system, such as a reader that is gone, the flush fails and what waited is
-// dropped; the next one tries again. The stream's own state has to be cleared for that.
+// Buffers text, and writes it when it is flushed or the buffer has grown large. A flush waits for
+// the reader without limit unless LimitWaiting sets one: a flush that takes longer fails, and a
+// later one writes the rest. Text that arrives while the buffer is full is dropped whole. On a
+// system error, such as a closed pipe, the flush fails and drops the buffer; a later flush tries
+// again, once the stream's error state has been cleared.
 //
 // Any thread; one lock, held while waiting.
 class StandardStream final : public std::streambuf {
@@ -107,7 +107,7 @@ class StandardStream final : public std::streambuf {
   bool WriteWaiting() REQUIRES(lock_);
   // As write(2).
   long WriteOnce(int* error) const REQUIRES(lock_);
-  // Until the reader takes something; no time limit for a negative one. False at the limit.
+  // Until the reader takes something. False at the limit; a negative one is none.
   bool WaitForReader(std::chrono::milliseconds limit) const;
 
   const int given_;
@@ -122,8 +122,7 @@ class StandardStream final : public std::streambuf {
   bool isCut_ GUARDED_BY(lock_) = false;     // ... whose rest was dropped
 };
 
-// Clears and flushes a stream again and again until everything is written, for that long at most.
-// False when it is not.
+// Clears the stream's error state and flushes it until a flush succeeds. False at the limit.
 bool FlushWithin(std::ostream& stream, std::chrono::milliseconds limit);
 
 }  // namespace os

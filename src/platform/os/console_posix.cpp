@@ -26,7 +26,7 @@ bool WantsColour(int descriptor) {
          (terminal == nullptr || std::string_view(terminal) != "dumb");
 }
 
-// The system's colours count blue, green, red; the terminal's red, green, blue.
+// From the lowest bit, the system's colours are blue, green, red; the terminal's red, green, blue.
 std::string ColourSequence(std::uint16_t colour) {
   const int number = ((colour & 4) >> 2) | (colour & 2) | ((colour & 1) << 2);
   const bool bright = (colour & 8) != 0;
@@ -135,13 +135,13 @@ using std::chrono::milliseconds;
 
 constexpr std::size_t kFlushAt = 4096;
 constexpr std::size_t kMaxWaiting = 1 << 18;
-// A pipe that is ready takes that much at once; PIPE_BUF of the system.
+// A pipe that poll reports as ready takes this many bytes without blocking (PIPE_BUF).
 constexpr std::size_t kPiece = 4096;
 
 }  // namespace
 
-// A pipe or terminal may be shared with other programs, which expect it to block: it is opened once
-// more, for writes of ours that do not.
+// A pipe or terminal may be shared with programs that expect writes to block, so it is opened again
+// for non-blocking writes.
 StandardStream::StandardStream(int descriptor) : given_(descriptor), descriptor_(descriptor) {
   struct stat status {};
   if (::fstat(given_, &status) != 0) {
@@ -252,7 +252,7 @@ long StandardStream::WriteOnce(int* error) const {
 
 bool StandardStream::WaitForReader(milliseconds limit) const {
   pollfd waiting{descriptor_, POLLOUT, 0};
-  // An error is the next write's to report.
+  // The next write reports an error.
   return ::poll(&waiting, 1, static_cast<int>(limit.count())) > 0;
 }
 

@@ -9,12 +9,12 @@
 
 namespace os {
 
-// -1 is none. Closes it at its end.
+// -1 is none. The destructor closes it.
 class Descriptor {
  public:
   explicit Descriptor(int number) : number_(number) {}
-  // A file that is created, if flags say so, is readable for everybody. None, with errno, when it
-  // cannot be opened.
+  // A file that the flags create is readable by everybody. None, with errno set, when it cannot be
+  // opened.
   Descriptor(const std::filesystem::path& file, int flags)
       : number_(::open(file.c_str(), flags | O_CLOEXEC, 0644)) {}
   ~Descriptor() {

@@ -1,4 +1,4 @@
-// The system's own error numbers, as they stand in messages and result codes.
+// The system's own error numbers, as messages and result codes use them.
 #pragma once
 
 #include <cstdint>
@@ -23,10 +23,9 @@ inline constexpr std::uint32_t kErrorAlreadyExists = 183;
 inline constexpr std::uint32_t kErrorDirectory = 267;
 inline constexpr std::uint32_t kErrorBadRegistry = 1009;
 
-// The number that stands for an errno value; one without a counterpart is a general failure, 0 is
-// 0.
+// The number of an errno value: kErrorGeneralFailure for one without a counterpart, 0 for 0.
 std::uint32_t SystemErrorNumber(int errnoValue);
-// What a failure with a file means, for a person: "no such file", "access denied".
+// The text of a file error for the operator: "no such file", "access denied".
 const char* FileErrorText(std::uint32_t number);
 
 }  // namespace os

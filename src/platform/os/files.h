@@ -1,8 +1,8 @@
 // Files and directories, and the volumes that hold them.
 //
-// Paths are UTF-8 in the system's form, their parts joined by backslashes; forward slashes join
-// parts just as well, so a native path may be given as it is. A name that itself holds a backslash
-// cannot be expressed. Operations answer one of the system's error numbers, 0 when they succeeded.
+// Paths are UTF-8 in the system's form, their parts joined by backslashes; forward slashes are
+// accepted too, so a native path may be given unchanged. A name that contains a backslash cannot be
+// expressed. Operations return one of the system's error numbers, 0 when they succeeded.
 //
 // There are no drive letters: the root of a volume is its mount point with a separator at the end,
 // "\\" or "\\media\\disc\\", and its number is its place in the list of roots.
@@ -31,7 +31,7 @@ struct FileAttributes {
   bool isLink = false;
 };
 
-// A path that cannot be looked at does not exist.
+// A path that cannot be examined counts as missing.
 FileAttributes GetFileAttributes(std::string_view path);
 // True when both name one and the same existing file or directory.
 bool IsSameFile(std::string_view one, std::string_view other);
@@ -43,11 +43,11 @@ std::uint32_t DeleteFile(std::string_view path);
 std::uint32_t DeleteDirectory(std::string_view path);
 // Replaces an existing file, keeps the permissions of the source.
 std::uint32_t CopyFileOver(std::string_view from, std::string_view to);
-// The file has this text afterwards, or is as it was: the text is written beside it, to the disk,
-// and takes its name then. Keeps the permissions of a file that exists. Native path.
+// Replaces the contents in one step: the text is written to a file beside it, synchronised to the
+// disk and renamed. Keeps the permissions of an existing file. Native path.
 std::uint32_t ReplaceFile(const std::filesystem::path& path, std::string_view text);
 // Calls callback(name, isDirectory) for every entry but "." and "..", in the system's order.
-// Entries whose names hold a backslash are left out. What the callback throws passes.
+// Entries whose names hold a backslash are left out. Exceptions of the callback propagate.
 std::uint32_t ListDirectory(std::string_view path,
                             const std::function<void(const std::string&, bool)>& callback);
 
@@ -82,8 +82,8 @@ class File {
   int descriptor_ = -1;
 };
 
-// Keeps the writers of one file apart, in this process and in others: a mark at the file itself
-// that is gone with its owner. One thread at a time.
+// An advisory lock on a file, against other writers in this process and in others. The system
+// removes it when its owner ends. One thread at a time.
 class FileLock {
  public:
   FileLock() = default;
@@ -96,15 +96,15 @@ class FileLock {
   // every caller.
   std::uint32_t Take(std::string_view path);
   void Release();
-  // It is held, and the path still leads to its file: not to none, nor to another one.
+  // Whether the lock is held and the path still leads to the locked file.
   bool IsHeldAt(std::string_view path) const;
 
  private:
   int descriptor_ = -1;
 };
 
-// Made empty among the system's temporary files, readable by this user only, and removed with
-// everything in it by the destructor. A value of one thread; others may read the path.
+// A new folder among the system's temporary files, readable by this user only. The destructor
+// removes it with its contents. One thread; others may read the path.
 class TemporaryFolder {
  public:
   // Throws std::system_error when it cannot be made.
@@ -114,7 +114,7 @@ class TemporaryFolder {
   TemporaryFolder& operator=(const TemporaryFolder&) = delete;
 
   const std::filesystem::path& Path() const { return path_; }
-  // What is called so in it.
+  // The path of an entry of that name.
   std::filesystem::path operator/(std::string_view name) const { return path_ / name; }
 
  private:
@@ -128,16 +128,16 @@ struct Volume {
 
 // One of the system's error numbers, 0 when root is the root of a volume that can be used.
 std::uint32_t CheckVolume(std::string_view root);
-// Nothing when the volume cannot be asked. Bytes.
+// Bytes; none when the volume cannot be queried.
 std::optional<std::uint64_t> VolumeTotalSpace(std::string_view root);
-// The volume that an absolute file name lies on, whether the file exists or not; nothing for a
+// The volume that an absolute file name lies on, whether the file exists or not; none for a
 // relative name.
 std::optional<Volume> VolumeOfFile(std::string_view fileName);
 // In the order of mounting, each root once; empty when the system does not provide them.
 std::vector<std::string> VolumeRoots();
 
-// The same from a mount table of the form of /proc/self/mountinfo. Left out are file systems of the
-// kernel's own, which hold no files of users.
+// The same from a mount table in the form of /proc/self/mountinfo. The kernel's pseudo file
+// systems, which hold no files of users, are left out.
 std::vector<std::string> ParseVolumeRoots(std::istream& mountTable);
 
 }  // namespace os

@@ -283,7 +283,7 @@ TemporaryFolder::~TemporaryFolder() {
 
 namespace {
 
-// File systems in which the kernel shows its state.
+// The kernel's pseudo file systems.
 constexpr std::array kKernelFileSystems{
     "autofs", "bpf",      "binfmt_misc", "cgroup",     "cgroup2",   "configfs", "debugfs",
     "devpts", "devtmpfs", "efivarfs",    "fusectl",    "hugetlbfs", "mqueue",   "nsfs",
@@ -348,7 +348,7 @@ std::optional<Volume> VolumeOfFile(std::string_view fileName) {
   if (native.empty() || native.front() != '/') {
     return std::nullopt;
   }
-  // Links in the part of the name that exists lead to the volume; the rest is folded.
+  // Links in the existing part of the name are followed; the rest is normalised.
   std::error_code failure;
   const std::filesystem::path whole = std::filesystem::weakly_canonical(native, failure);
   const std::string name =

@@ -16,7 +16,7 @@
 #define TAVREL_THREAD_ATTRIBUTE(attribute)
 #endif
 
-// Of a class: it is a lock, or holds one for as long as it lives.
+// Of a class: it is a lock, or holds one during its lifetime.
 #define CAPABILITY(kind) TAVREL_THREAD_ATTRIBUTE(capability(kind))
 #define SCOPED_CAPABILITY TAVREL_THREAD_ATTRIBUTE(scoped_lockable)
 // Of a member: the lock under which it is read and written.
@@ -101,7 +101,7 @@ class CAPABILITY("mutex") SpinThenBlockMutex {
   std::mutex mutex_;
 };
 
-// Holds one of these for as long as it lives.
+// Holds one of these during its lifetime.
 template <typename Lock>
 class SCOPED_CAPABILITY MutexLock {
  public:
@@ -114,8 +114,8 @@ class SCOPED_CAPABILITY MutexLock {
   Lock& lock_;
 };
 
-// What threads wait for under a Mutex. A wait releases it and holds it again when it returns,
-// perhaps without a reason: its caller looks at what it waits for, in a loop.
+// Waited for under a Mutex, which a wait releases and holds again when it returns. Wakeups may be
+// spurious: the caller checks its condition in a loop.
 class ConditionVariable {
  public:
   void NotifyOne() { condition_.notify_one(); }

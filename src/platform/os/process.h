@@ -1,5 +1,5 @@
 // The process: its program and libraries, where the installed parts of the program are, what it and
-// its machine use, and how its heap keeps what was freed.
+// its machine use, and a setting of its heap.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +17,7 @@ struct SystemStatistics {
   std::uint64_t workingSet = 0;       // of the process, in physical memory
   std::uint64_t privateBytes = 0;     // of the process alone, in physical memory or swapped out
   std::uint64_t commitTotal = 0;      // of the machine: physical memory and swap
-  std::uint64_t commitAvailable = 0;  // of that, what could still be given out
+  std::uint64_t commitAvailable = 0;  // of that, what is still available
   std::uint32_t handleCount = 0;      // open descriptors of the process
   std::uint64_t idleTime = 0;         // of all processors, since the machine started
   std::uint64_t kernelTime = 0;       // includes the idle time
@@ -26,11 +26,11 @@ struct SystemStatistics {
 
 SystemStatistics ReadSystemStatistics();
 
-// For a program that runs for months while decoders of all sizes come and go: large blocks live
-// outside the heap and go back to the system when they are freed. Otherwise the C library raises
-// the size from which it does so with every large block that is freed, frames end up between
-// small things that stay, and the process grows for hours. Once, before the first thread; blocks of
-// 256 KB and more then cost a call of the system each, so what needs many of them pools them.
+// Makes the C library allocate large blocks outside the heap and return them to the system when
+// they are freed. By default it raises the size of such blocks with every one that is freed; frames
+// end up between small long-lived blocks, and a program that runs for months keeps growing. Once,
+// before the first thread. Each block of 256 KB and more then costs a system call, so code that
+// needs many pools them.
 void KeepLargeBlocksOutOfHeap();
 
 // Absolute path of the library or program that holds address; empty when none does.
@@ -40,7 +40,7 @@ std::string ModulePathOf(const void* address);
 std::string ProgramPath();
 
 // Keeps the library that holds address, and with it every library that it needs, loaded until the
-// process ends. For libraries that cannot stand being unloaded.
+// process ends. For libraries that do not support being unloaded.
 void KeepModuleLoaded(const void* address);
 
 // A loaded library. It is unloaded when the last holder is gone; a caller that uses its code keeps
@@ -68,12 +68,11 @@ class Module {
   std::string path_;
 };
 
-// Installed parts are found from where the program runs, so that a tree that is installed may be
-// moved as a whole.
+// Installed parts are found relative to the program, so that the installed tree may be moved.
 
-// Folders of installed data, in the order in which they are to be searched: as the running program
-// and the library that holds this code are installed, as was configured when they were built, and
-// those of all users (XDG_DATA_DIRS). Absolute; they may not exist, and may be the same.
+// Folders of installed data in search order: relative to the running program, relative to the
+// library that holds this code, as configured for the build, and those of all users
+// (XDG_DATA_DIRS). Absolute; some may not exist or be the same.
 std::vector<std::filesystem::path> DataFolders();
 
 // Where the program's filter libraries are installed; empty when it is not known where it runs.

@@ -66,8 +66,7 @@ void ReadProcess(SystemStatistics& statistics) {
 }
 
 void ReadMachine(SystemStatistics& statistics) {
-  // What was promised to processes says little where memory is overcommitted; what is left to give
-  // does.
+  // Where memory is overcommitted, the committed memory says little; the available memory does.
   ForEachKilobyteLine("/proc/meminfo", [&](std::string_view key, std::uint64_t bytes) {
     if (key == "MemTotal" || key == "SwapTotal") {
       statistics.commitTotal += bytes;
@@ -102,7 +101,7 @@ SystemStatistics ReadSystemStatistics() {
 
 void KeepLargeBlocksOutOfHeap() {
   constexpr int kLargeBlock = 256 * 1024;
-  // To set it is to keep it: it no longer follows the blocks that are freed.
+  // Once set, the threshold is no longer raised by blocks that are freed.
   // NOLINTNEXTLINE(concurrency-mt-unsafe): there is one thread yet
   mallopt(M_MMAP_THRESHOLD, kLargeBlock);
 }

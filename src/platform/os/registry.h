@@ -35,13 +35,13 @@ class RegistryTree {
   std::map<std::string, std::map<std::string, std::string>> keys_;
 };
 
-// The registry's file, over that of the installation. Update is safe against other threads and
+// The registry's file, over those of the installation. Update is safe against other threads and
 // processes: the file is locked, changed in a copy and replaced in one step, so that a reader sees
 // the old state or the new one.
 class Registry {
  public:
-  // file: empty when there is none, and nothing can be registered. installed: read besides, for
-  // keys that the file does not have; those that are missing are no mistake.
+  // file: empty when there is none; then nothing can be registered. installed: files read for keys
+  // that the first does not have; they may be missing.
   explicit Registry(std::filesystem::path file, std::vector<std::filesystem::path> installed = {});
   // $TAVREL_REGISTRY alone, if it is given; else the user's own, tavrel/registry in the XDG data
   // folder, over "registry" in the installed data folders.

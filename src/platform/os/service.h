@@ -31,7 +31,7 @@ class StopSignals {
 };
 
 // The manager that started the program as a service names a local socket and, when it is to watch
-// the program, a period. Without a manager everything is a no-op. One thread.
+// the program, a watchdog period. Without a manager everything is a no-op. One thread.
 class ServiceNotifier {
  public:
   // From the environment: NOTIFY_SOCKET, WATCHDOG_USEC, WATCHDOG_PID.
@@ -51,7 +51,7 @@ class ServiceNotifier {
   bool Ready() const { return Send("READY=1"); }
   bool Stopping() const { return Send("STOPPING=1"); }
   bool FeedWatchdog() const { return Send("WATCHDOG=1"); }
-  // One line for a person.
+  // One line of text for the operator.
   bool Status(const std::string& text) const { return Send("STATUS=" + text); }
 
  private:

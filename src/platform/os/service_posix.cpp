@@ -19,8 +19,8 @@
 namespace os {
 namespace {
 
-// What a signal handler may touch: lock-free atomics and write. The descriptor, once open, stays:
-// a handler that has begun on another thread may write to it later than everybody expects.
+// What a signal handler may touch: lock-free atomics and write. The descriptor is never closed: a
+// handler that runs on another thread may still write to it.
 std::atomic<int> requests{0};
 std::atomic<int> wakeUp{-1};
 std::atomic<bool> reload{false};
@@ -103,7 +103,7 @@ ServiceNotifier ServiceNotifier::FromEnvironment() {
   const char* const process = std::getenv("WATCHDOG_PID");
   // NOLINTEND(concurrency-mt-unsafe)
   std::optional<std::chrono::microseconds> watchdog;
-  // The variables may have come down from a parent that is the one to be watched.
+  // The variables may be inherited from a parent that is the one to be watched.
   const bool isMeant = process == nullptr || std::strtol(process, nullptr, 10) == ::getpid();
   if (period != nullptr && isMeant) {
     const long long value = std::strtoll(period, nullptr, 10);
@@ -144,7 +144,7 @@ bool ServiceNotifier::Send(std::string_view message) const {
   to.sun_family = AF_UNIX;
   std::memcpy(to.sun_path, address_.data(), address_.size());
   if (to.sun_path[0] == '@') {
-    to.sun_path[0] = '\0';  // a name outside of the file system
+    to.sun_path[0] = '\0';  // an abstract name
   }
   const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + address_.size());
   return ::sendto(descriptor_, message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL,

@@ -1,5 +1,5 @@
-// Sockets of this machine by name, TCP and UDP, none of which ever blocks; a socket that sends
-// datagrams to one destination; addresses and networks.
+// Non-blocking sockets: local ones by path, TCP and UDP. A socket that sends datagrams to one
+// destination. Addresses and networks.
 #pragma once
 
 #include <chrono>
@@ -15,14 +15,14 @@
 
 namespace os {
 
-// Owns its descriptor; closed or moved from it is invalid. One thread.
+// Owns its descriptor; invalid once closed or moved from. One thread.
 class Socket {
  public:
-  // Waits for connections of programs of the same user at a path: mode 0600. What a program that
-  // has ended left there is replaced. Throws std::runtime_error, also when a program answers there
-  // or the path is that of something else.
+  // Accepts connections of programs of the same user at a path: mode 0600. A socket left by a
+  // program that has ended is replaced. Throws std::runtime_error, also when a program still
+  // listens there or the path is not a socket.
   static Socket ListenLocal(const std::filesystem::path& path);
-  // Throws std::system_error: nobody answers there.
+  // Throws std::system_error when nobody listens there.
   static Socket ConnectLocal(const std::filesystem::path& path);
   // host: an address, or a name that is resolved now. Throws std::runtime_error.
   static Socket ListenTcp(const std::string& host, std::uint16_t port);
@@ -44,10 +44,10 @@ class Socket {
 
   // Invalid when nobody waits. peer: the other end's address, without its port.
   Socket Accept(std::string* peer = nullptr);
-  // Bytes read; 0: the other end has closed or failed; none: nothing is there yet. Of UDP one
-  // datagram, cut to the buffer, and 0 is an empty one.
+  // Bytes read; 0: the other end has closed or failed; none: nothing is there yet. UDP: one
+  // datagram, cut to the buffer; 0 is an empty one.
   std::optional<std::size_t> Receive(std::span<char> buffer, std::string* sender = nullptr);
-  // Bytes taken, maybe fewer than given; none: the connection is of no use any more.
+  // Bytes taken, maybe fewer than given; none: the connection has failed.
   std::optional<std::size_t> Send(std::string_view bytes);
 
  private:
@@ -84,10 +84,10 @@ class SocketPoll {
 
 // "10.0.0.7", "::1", "10.0.0.0/24", "fd00::/8".
 bool IsNetwork(const std::string& text);
-// Whether an address lies in it. Addresses of IPv4 that are written as IPv6 are of IPv4.
+// Whether an address lies in it. IPv4-mapped IPv6 addresses count as IPv4.
 bool IsInNetwork(const std::string& address, const std::string& network);
 
-// Where programs that run now keep their sockets: $XDG_RUNTIME_DIR, or /run for the superuser, or
+// The folder for the sockets of running programs: $XDG_RUNTIME_DIR, or /run for the superuser, or
 // the folder of temporary files with the user's number, which is made when it is missing. Throws
 // std::runtime_error when that is not the user's alone.
 std::filesystem::path RuntimeFolder(std::string_view program);

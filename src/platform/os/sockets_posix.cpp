@@ -55,7 +55,7 @@ sockaddr_un LocalAddress(const std::filesystem::path& path) {
   return address;
 }
 
-// The number of an address, without its port, in brackets or the like.
+// The numeric address, without port or brackets.
 std::string AddressText(const sockaddr_storage& address) {
   std::array<char, INET6_ADDRSTRLEN> text{};
   if (address.ss_family == AF_INET) {
@@ -302,7 +302,7 @@ std::filesystem::path RuntimeFolder(std::string_view program) {
   if (::geteuid() == 0) {
     return std::filesystem::path("/run") / program;
   }
-  // Any user may have made it, and its owner could put another socket into it.
+  // Another user may have made the folder, and could put a socket of their own into it.
   const std::filesystem::path own = std::filesystem::temp_directory_path() /
                                     (std::string(program) + "-" + std::to_string(::geteuid()));
   struct stat found {};
@@ -369,8 +369,7 @@ DatagramSocket& DatagramSocket::operator=(DatagramSocket&& other) noexcept {
 }
 
 bool DatagramSocket::Send(std::string_view bytes) const {
-  // An earlier datagram that nobody took is reported by the next send, which then sends nothing:
-  // one more try clears that.
+  // A send that reports the refusal of an earlier datagram sends nothing: a second attempt does.
   for (int attempt = 0; attempt < 2; ++attempt) {
     const ssize_t sent =
         ::send(descriptor_, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);

@@ -29,8 +29,8 @@ struct SystemTime {
 
 SystemTime CurrentSystemTime();
 
-// 100 ns units since 1601-01-01; nothing for a date that does not exist or lies outside of the
-// years 1601 to 30827.
+// 100 ns units since 1601-01-01; none for a date that does not exist or lies outside the years 1601
+// to 30827.
 std::optional<std::int64_t> SystemTimeToFileTime(const SystemTime& time);
 
 // A moment in the local time zone.

@@ -14,7 +14,7 @@ constexpr std::int64_t kSecondsPerDay = 86400;
 std::tm BrokenDown(std::int64_t seconds) {
   const auto time = static_cast<time_t>(seconds);
   std::tm local{};
-  // Years that the calendar cannot express leave the first day of 1900.
+  // A year that the calendar cannot express gives the first day of 1900.
   if (::localtime_r(&time, &local) == nullptr) {
     local = {};
     local.tm_mday = 1;
@@ -48,7 +48,7 @@ std::optional<std::int64_t> SystemTimeToFileTime(const SystemTime& time) {
   using std::chrono::sys_days;
   using std::chrono::year;
   const std::chrono::year_month_day date(year(time.year), month(time.month), day(time.day));
-  // 30827 is the last year that fits into 63 bits as a whole.
+  // 30827 is the last whole year that fits into 63 bits.
   if (time.year < 1601 || time.year > 30827 || !date.ok() || time.hour > 23 || time.minute > 59 ||
       time.second > 59 || time.milliseconds > 999) {
     return std::nullopt;
@@ -69,7 +69,7 @@ std::string LocalTimeText(std::int64_t seconds) {
   const std::tm local = BrokenDown(seconds);
   constexpr std::size_t kLength = 19;
   std::array<char, 64> text{};
-  // The locale does not matter to asctime, which is why strftime is not used.
+  // asctime, unlike strftime, does not depend on the locale.
   ::asctime_r(&local, text.data());
   return std::string(text.data(), kLength);
 }

@@ -1,5 +1,5 @@
-// Threads and what they wait for: kernel objects (Event, Semaphore, the end of a Thread), alone or
-// the first of several; calls that may never return, with a limit for them.
+// Threads, and kernel objects to wait for (Event, Semaphore, the end of a Thread): one, or the
+// first of several. Calls with a time limit.
 #pragma once
 
 #include <atomic>
@@ -18,29 +18,30 @@
 
 namespace os {
 
-inline constexpr std::uint32_t kInfinite = 0xFFFFFFFF;    // as a time: for as long as it takes
+inline constexpr std::uint32_t kInfinite = 0xFFFFFFFF;    // as a time: no limit
 inline constexpr std::uint32_t kWaitTimeout = 0x102;      // nothing was signalled in time
-inline constexpr std::uint32_t kWaitFailed = 0xFFFFFFFF;  // nothing that could be waited for
+inline constexpr std::uint32_t kWaitFailed = 0xFFFFFFFF;  // the objects cannot be waited for
 
 // Something that can be waited for: an event, a semaphore, the end of a thread. Any thread may wait
 // for it, several at the same time; it must outlive every wait.
 //
 // The state that decides a wait (is there a token?) belongs to the derived class and is guarded by
-// the lock of its Signal. The system is involved only while somebody sleeps: Signal is raised while
-// there is something to take and a waiter to be woken. A waiter that was woken tries to take, and
-// continues to wait when another was faster. Setting and taking without a sleeper costs no call of
-// the system.
+// the lock of its Signal. The system is called only while a thread sleeps: the descriptor of the
+// Signal is readable while there is a token and a waiter. A waiter that wakes tries to take the
+// token, and sleeps again when another thread was faster. Without a sleeper, setting and taking
+// cost no system call.
 class Waitable {
  public:
   virtual ~Waitable() = default;
   Waitable(const Waitable&) = delete;
   Waitable& operator=(const Waitable&) = delete;
 
-  // True when the object was signalled within the time, and then consumed. With 0 it only looks.
+  // True when the object was signalled within the time; the signal is then consumed. 0: does not
+  // wait.
   bool Wait(std::uint32_t milliseconds);
 
  protected:
-  // What the system's wait looks at. Throws std::system_error when the system refuses it.
+  // The descriptor on which threads sleep. Throws std::system_error when the system refuses it.
   class Signal {
    public:
     Signal();
@@ -48,14 +49,14 @@ class Waitable {
     Signal(const Signal&) = delete;
     Signal& operator=(const Signal&) = delete;
 
-    // Guards the state that the signal follows, too.
+    // Also guards the derived class's state that decides whether the signal is set.
     SpinThenBlockMutex& Lock() RETURN_CAPABILITY(lock_) { return lock_; }
     // Whether there is something to take.
     void Set(bool signalled) noexcept REQUIRES(lock_);
-    // Without the lock; enough to say no, not enough to take.
+    // Without the lock: false is final, true has to be confirmed under the lock.
     bool MaySucceed() const { return signalled_.load(std::memory_order_acquire); }
 
-    // Around a sleep that looks at the descriptor; take the lock.
+    // Called before and after a sleep on the descriptor; both take the lock.
     void BeginWait() noexcept;
     void EndWait() noexcept;
     int Descriptor() const { return descriptor_; }
@@ -86,8 +87,8 @@ class Waitable {
 // null in it or a failure of the system.
 std::uint32_t WaitAny(std::span<Waitable* const> objects, std::uint32_t milliseconds);
 
-// Set by any thread. An automatic event lets one wait pass and is then clear again (setting it
-// twice before that still lets one pass); a manual one lets all pass until it is cleared.
+// Set by any thread. An auto-reset event releases one wait and is then clear again (setting it
+// twice before that still releases one); a manual-reset event releases all until it is cleared.
 class Event final : public Waitable {
  public:
   enum class Reset { kAuto, kManual };
@@ -115,7 +116,7 @@ class Semaphore final : public Waitable {
   // when the system refuses it.
   explicit Semaphore(std::int32_t initial, std::int32_t maximum = 0x7FFFFFFF);
 
-  // Adds count (at least 1). False, with nothing changed, when that would pass the maximum.
+  // Adds count (at least 1). False, with nothing changed, when that would exceed the maximum.
   bool Release(std::int32_t count = 1);
 
  private:
@@ -135,8 +136,8 @@ class Semaphore final : public Waitable {
 // continues by itself, and keeps its body alive.
 class Thread final : public Waitable {
  public:
-  // Low: runs when threads of normal priority leave time, as do all threads that it starts. No
-  // privilege is needed.
+  // Low: a smaller share of a busy processor, inherited by all threads that it starts. No privilege
+  // is needed.
   enum class Priority { kNormal, kLow };
 
   // name: for debuggers and process listings, cut to what the system allows; empty for none.
@@ -145,11 +146,10 @@ class Thread final : public Waitable {
                   Priority priority = Priority::kNormal);
   ~Thread() override;
 
-  // The system's number of the thread.
+  // The system's thread id.
   std::uint32_t Id() const;
 
-  // How many bodies run, in the whole process. At its end those of threads that were left to
-  // themselves.
+  // Number of bodies that run in the whole process; at its end, those of detached threads.
   static int Running();
 
  private:
@@ -164,9 +164,9 @@ class Thread final : public Waitable {
   std::thread thread_ GUARDED_BY(joinLock_);  // not joinable once joined
 };
 
-// Makes the call on a thread of its own and gives its result; none when the call takes longer than
-// the limit. Its thread is then detached: the call owns everything that it touches. What it throws
-// is thrown here.
+// Makes the call on a thread of its own and returns its result; none when it takes longer than the
+// limit. The thread is then detached, so the call has to own everything that it touches. Its
+// exceptions are rethrown here.
 template <typename T>
 std::optional<T> CallWithin(std::chrono::milliseconds limit, std::function<T()> call,
                             const std::string& name) {

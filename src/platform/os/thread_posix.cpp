@@ -57,7 +57,7 @@ void Waitable::Signal::EndWait() noexcept {
   Follow();
 }
 
-// The calls cannot fail: the counter goes between 0 and 1, and the descriptor is open.
+// The calls cannot fail: the counter is 0 or 1, and the descriptor is open.
 void Waitable::Signal::Follow() noexcept {
   const bool wanted = signalled_.load(std::memory_order_relaxed) && waiters_ > 0;
   if (wanted && !raised_) {
@@ -74,7 +74,7 @@ bool Waitable::Wait(std::uint32_t milliseconds) {
   return WaitAny(std::span(&self, 1), milliseconds) == 0;
 }
 
-// One thread's sleep on a list of objects. Lists of the usual lengths need no memory of their own.
+// One thread's sleep on a list of objects. Lists of the usual lengths need no allocation.
 class Waitable::Sleep {
  public:
   explicit Sleep(std::span<Waitable* const> objects) : objects_(objects) {
@@ -95,7 +95,7 @@ class Waitable::Sleep {
   Sleep(const Sleep&) = delete;
   Sleep& operator=(const Sleep&) = delete;
 
-  // As ppoll: the number of objects that may succeed, 0 after the time (null for no end), -1 with
+  // As ppoll: the number of objects that may succeed, 0 after the time (null: no limit), -1 with
   // errno.
   int Until(const timespec* time) { return ::ppoll(List(), objects_.size(), time, nullptr); }
 
@@ -216,7 +216,7 @@ constexpr int kLowPriority = 5;
 
 std::atomic<int> running{0};
 
-// The system's niceness is that of one thread. Threads that it starts inherit it.
+// The system keeps a niceness for each thread; threads that it starts inherit it.
 void LowerPriority() {
   const auto thread = static_cast<id_t>(::gettid());
   ::setpriority(PRIO_PROCESS, thread, ::getpriority(PRIO_PROCESS, thread) + kLowPriority);
@@ -280,7 +280,7 @@ bool Thread::TryTake() {
   if (!state_->ended.MaySucceed()) {
     return false;
   }
-  // The thread has only its last steps to do.
+  // The body has returned, so that joining hardly waits.
   const os::MutexLock guard(joinLock_);
   if (thread_.joinable()) {
     thread_.join();

@@ -91,7 +91,7 @@ void FillCoverageTable(std::uint32_t textColour, std::uint32_t clearColour, Cove
 }
 
 // Row by row from above and from below, then strip by strip from both sides: what lies between is
-// not looked at.
+// not read.
 PixelBounds BoundsOfInk(PixelRows<const std::uint8_t> bytes, int width, int height) {
   int top = 0;
   while (top < height && !AnyInk(bytes.Row(top), width)) {

@@ -11,14 +11,14 @@ namespace os {
 // From A * 2^24 + R * 2^16 + G * 2^8 + B.
 BgraPixel ToBgra(std::uint32_t argb);
 
-// colour with its alpha, times coverage / 255, source-over onto under; rounded to nearest. Where
-// nothing is opaque at all the pixel is under, unchanged.
+// colour with its alpha, times coverage / 255, source-over onto under; rounded to nearest. When
+// both are fully transparent, the result is under, unchanged.
 BgraPixel CompositePixel(const BgraPixel& under, const BgraPixel& colour, std::uint8_t coverage);
 
-// What each coverage gives for one text colour on one clear colour.
+// The pixel of each coverage, for one text colour on one clear colour.
 void FillCoverageTable(std::uint32_t textColour, std::uint32_t clearColour, CoverageTable& table);
 
-// A view of rows of pixels that somebody else owns.
+// A view of rows of pixels, which it does not own.
 template <typename Byte>
 struct PixelRows {
   Byte* first = nullptr;
@@ -32,7 +32,7 @@ PixelBounds BoundsOfInk(PixelRows<const std::uint8_t> bytes, int width, int heig
 
 // Each function writes the pixels of bounds only.
 void FillPixels(PixelRows<std::uint8_t> target, const PixelBounds& bounds, const BgraPixel& colour);
-// One byte of coverage for each pixel. The target has the clear colour before.
+// One byte of coverage for each pixel. The target already has the clear colour.
 void CompositeCoverage(PixelRows<const std::uint8_t> coverage, const CoverageTable& colours,
                        const PixelBounds& bounds, PixelRows<std::uint8_t> target);
 // Native 32-bit pixels A, R, G, B, colours multiplied by alpha; opacity multiplies their alpha.

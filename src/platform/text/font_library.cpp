@@ -33,9 +33,9 @@ std::string FirstApplicationFamily(FcConfig* config) {
   return reinterpret_cast<const char*>(family);
 }
 
-// Absolute paths of the files of that bare name, in the order in which they are to be tried: in the
-// current directory, beside the library or program that holds this code, beside the running
-// program, in the folders of installed data.
+// Absolute paths of the files of that bare name, in search order: in the current directory, beside
+// the library or program that holds this code, beside the running program, in the folders of
+// installed data.
 std::vector<std::string> FindPrivateFontFiles(const std::string& bareName) {
   namespace fs = std::filesystem;
   std::error_code ignored;
@@ -140,7 +140,7 @@ FontLibrary::FontLibrary(const std::vector<std::string>& privateFontFiles) {
 
 FontLibrary::~FontLibrary() {
   if (map_ != nullptr) {
-    // A map that goes away keeps its reference to the configuration.
+    // A font map that is freed would not release its reference to the configuration.
     pango_fc_font_map_set_config(PANGO_FC_FONT_MAP(map_.get()), nullptr);
   }
 }

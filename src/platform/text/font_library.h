@@ -62,9 +62,10 @@ using FcPatternHandle = std::unique_ptr<FcPattern, FcPatternDestroyer>;
 using FcObjectSetHandle = std::unique_ptr<FcObjectSet, FcObjectSetDestroyer>;
 using FcFontSetHandle = std::unique_ptr<FcFontSet, FcFontSetDestroyer>;
 
-// Always all zero but for the ink of the text in it. Belongs to a font library, is lent to one text
-// at a time; made ready, drawn into and destroyed with the library's lock held, because cairo finds
-// the glyphs in its caches. The rest is done by the owner of the text, without a lock.
+// A bitmap that is zero outside the ink of its text. A font library owns it and lends it to one
+// text at a time. It is prepared, drawn into and destroyed with the library's lock held, because
+// cairo takes the glyphs from the library's caches; the owner of the text does the rest without a
+// lock.
 class DrawingSurface {
  public:
   enum class Content {
@@ -72,7 +73,7 @@ class DrawingSurface {
     kColour,    // native 32-bit pixels A, R, G, B, colours multiplied by alpha
   };
 
-  // Allocates only for a larger text than ever before.
+  // Allocates only for a text larger than any before.
   void Prepare(Content content, int width, int height);
   cairo_t* Cairo() const { return cairo_.get(); }
 
@@ -101,8 +102,7 @@ class DrawingSurface {
 //
 // Shared by all painters of one private font file, so that a wall of labels loads each font and
 // draws each glyph once. Everything that is made from the font map (contexts, layouts, fonts)
-// touches the map's caches: its makers call the text libraries with lock() held, from whichever
-// thread they are on.
+// touches the map's caches: on any thread, the text libraries are called with lock() held.
 class FontLibrary {
  public:
   // The library of that private font file, found by its bare name; made when there is none. Called
@@ -117,14 +117,14 @@ class FontLibrary {
 
   Mutex& lock() RETURN_CAPABILITY(lock_) { return lock_; }
 
-  // Whether that very family is among the installed fonts. Letter case is no difference.
+  // Whether exactly this family is installed, ignoring case.
   bool HasInstalledFamily(const std::string& family) const REQUIRES(lock_);
   // First family of the private font file; empty when there is no usable one.
   const std::string& PrivateFamily() const { return privateFamily_; }
   PangoFontMap* Map() const REQUIRES(lock_) { return map_.get(); }
 
-  // A surface to draw a text into, and its return, all zero. As many are kept as were ever lent at
-  // the same time, and no large one.
+  // A surface to draw a text into, all zero when it is lent and when it is returned. As many are
+  // kept as were lent at the same time, except very large ones.
   std::unique_ptr<DrawingSurface> Lend() REQUIRES(lock_);
   void TakeBack(std::unique_ptr<DrawingSurface> surface) REQUIRES(lock_);
 

@@ -133,7 +133,7 @@ bool HasColourGlyphs(const PangoLayoutLine* line) {
 
 }  // namespace
 
-// What is made from the library's font map is touched with its lock held.
+// The objects of the library's font map are used with its lock held.
 struct TextPainter::State {
   std::shared_ptr<FontLibrary> library;
   ContextHandle context;
@@ -144,7 +144,7 @@ struct TextPainter::State {
   int ascent = 0;      // of the font, layout units
   std::string utf8;    // scratch
 
-  // Of the colours last painted with.
+  // For the colours of the last painting.
   std::uint32_t textColour = 0;
   std::uint32_t clearColour = 0;
   CoverageTable colours{};
@@ -235,8 +235,8 @@ PaintedText TextPainter::Paint(const TextPainting& painting) {
     cairo_t* const cairo = painted.surface_->Cairo();
     const BgraPixel source = ToBgra(painting.textColour);
     cairo_set_source_rgb(cairo, source[2] / 255.0, source[1] / 255.0, source[0] / 255.0);
-    // Coverages that meet add up. For an opaque colour that is what the default would draw as well,
-    // but it needs a mask in between as soon as two glyphs may touch.
+    // Coverages that overlap add up. For an opaque colour the default operator would draw the same,
+    // but through an intermediate mask as soon as two glyphs may touch.
     cairo_set_operator(cairo, painted.IsCoverage() ? CAIRO_OPERATOR_ADD : CAIRO_OPERATOR_OVER);
     state.Draw(cairo, painting);
   }
@@ -250,7 +250,7 @@ int TextPainter::CountMissingGlyphs() const {
 }
 
 void TextPainter::State::SetColours(const TextPainting& painting) {
-  // A new table is all zero, as for two colours without any opacity or light.
+  // A new table is all zero, which is right for two colours that are 0.
   if (painting.textColour != textColour || painting.clearColour != clearColour) {
     textColour = painting.textColour;
     clearColour = painting.clearColour;
@@ -281,9 +281,9 @@ bool TextPainter::State::LayoutHasColour() const {
   return false;
 }
 
-// Texts side by side stand on one baseline, that of the font, although the fonts that stand in for
-// it would each begin at a height of their own. Never so far up that ink is cut off at the top, nor
-// so far down that a line is cut off at the bottom.
+// Adjacent texts share the baseline of the font, although fallback fonts have ascents of their own.
+// Never so far up that ink is cut off at the top, nor so far down that a line is cut off at the
+// bottom.
 int TextPainter::State::BaselineShift(PangoLayoutIter* firstLine, int height) const {
   PangoRectangle inked{};
   pango_layout_iter_get_line_extents(firstLine, &inked, nullptr);

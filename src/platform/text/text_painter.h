@@ -1,5 +1,5 @@
-// TextPainter, which draws a UTF-16 string onto a clear colour, and PaintedText, what it has drawn,
-// before that becomes pixels.
+// TextPainter draws a UTF-16 string onto a clear colour; PaintedText is the result before it
+// becomes pixels.
 #pragma once
 
 #include <array>
@@ -35,9 +35,9 @@ using CoverageTable = std::array<BgraPixel, 256>;
 // A text is drawn as coverage alone, one byte a pixel, unless it has colour glyphs. A caller that
 // can use the coverage as it is needs no pixels; WriteArgb makes them.
 //
-// Holds memory that the painters share: it is lent to the text until it is gone, so that painters
-// that work one after the other all draw in the same few pages, which stay in the cache. Valid
-// until its painter paints again or is gone. Used by one thread at a time.
+// Borrows memory from the painters' shared font library, so that painters that work one after the
+// other draw into the same few pages, which stay in the cache. Valid until its painter paints again
+// or is destroyed. Used by one thread at a time.
 class PaintedText {
  public:
   // No text: 0 pixels wide and high.
@@ -51,10 +51,10 @@ class PaintedText {
   // Every pixel outside has the clear colour.
   const PixelBounds& Ink() const { return ink_; }
 
-  // Whether each pixel is what the table says of its coverage.
+  // Whether each pixel is given by its coverage and the table.
   bool IsCoverage() const { return colours_ != nullptr; }
-  // First byte of the top row, rows Stride() bytes apart; null when the ink is empty. Of a text
-  // that is coverage only, like the table.
+  // First byte of the top row, rows Stride() bytes apart; null when nothing was drawn. These and
+  // the table are valid when IsCoverage() is true.
   const std::uint8_t* Coverage() const;
   std::ptrdiff_t Stride() const;
   const CoverageTable& Colours() const { return *colours_; }
@@ -104,7 +104,7 @@ struct TextPainting {
 // destroyed on any. Painters share the fonts and the glyphs already drawn of a process-wide font
 // library that has a lock of its own, so that any number of painters may work at the same time.
 //
-// Nothing fails but for lack of memory: what cannot be painted leaves the text clear.
+// Only lack of memory is an error: what cannot be painted is left clear.
 //
 // The text libraries behind it cannot be unloaded and loaded again in one process: they are kept
 // loaded from the first use on, even when the library that holds this code is unloaded.
@@ -112,25 +112,25 @@ class TextPainter {
  public:
   static constexpr int kMaxSide = 32767;
 
-  // A font is used whose file has this bare name when a family is not installed. It is looked for
-  // now, in the current directory, beside the library or program that holds this code, beside the
-  // program, in the installed data folder; without it (or when none can be read) there is no such
+  // privateFontFile: bare name of the font file to use when a family is not installed. It is
+  // searched for now: in the current directory, beside the library or program that holds this code,
+  // beside the program, in the folders of installed data. Without a usable one there is no
   // fallback.
   explicit TextPainter(const std::string& privateFontFile);
   ~TextPainter();
   TextPainter(const TextPainter&) = delete;
   TextPainter& operator=(const TextPainter&) = delete;
 
-  // The family when that very family is installed (no alias or nearest match; letter case is no
-  // difference), otherwise the first family of the private font file, regular style, size in points
-  // of at least 1. False when there is neither: the former font and size stay, none at first.
+  // The family when exactly it is installed (no alias or nearest match; case is ignored), otherwise
+  // the first family of the private font file, regular style, size in points of at least 1. False
+  // when there is neither: the former font and size stay, none at first.
   bool SetFont(std::u16string_view family, int points);
   // Family in use, UTF-8; empty without a font.
   const std::string& FontFamily() const;
 
   // No text (width 0) when a side is out of range. Without a font nothing is drawn. An unpaired
   // surrogate or a NUL is painted as U+FFFD; of a text of many thousand characters only the start
-  // is looked at.
+  // is painted.
   PaintedText Paint(const TextPainting& painting);
 
   // Characters of the last painting for which no font has a glyph: they show as boxes.

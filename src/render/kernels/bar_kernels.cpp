@@ -14,7 +14,7 @@ TAVREL_INLINE std::uint64_t Splat(std::uint8_t value) {
   return value * std::uint64_t{0x0101010101010101};
 }
 
-// Sixteen; the compiler keeps them in one register.
+// Sixteen samples, which the compiler keeps in one register.
 using Block __attribute__((vector_size(16))) = std::uint8_t;
 inline constexpr std::int32_t kBlock = sizeof(Block);
 
@@ -51,7 +51,7 @@ TAVREL_INLINE void Fill(std::uint8_t* to, std::int32_t count, std::uint8_t value
   }
 }
 
-// The dither of a bar, from each of its eight phases on for a block.
+// The dither of a bar: a block from each of its eight phases on.
 inline constexpr auto kDither = [] {
   std::array<std::uint8_t, 8 + kBlock> pattern{};
   for (std::uint32_t i = 0; i < pattern.size(); ++i) {

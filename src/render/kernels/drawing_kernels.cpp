@@ -56,7 +56,7 @@ void FadeRows(std::uint8_t* to, std::ptrdiff_t stride, std::int32_t columns, std
 }
 
 void ConvertPixels(const ArgbRows& bitmap, const OverlayPlanes& to, const PlaneBounds& blocks) {
-  // How much each pixel around a block counts for the block's chroma.
+  // The weight of each pixel around a block in the block's chroma.
   static constexpr std::array<std::array<std::int32_t, 4>, 4> kWeights{
       {{0, 1, 1, 0}, {1, 3, 3, 1}, {1, 3, 3, 1}, {0, 1, 1, 0}}};
   for (std::int32_t by = blocks.top; by < blocks.bottom; ++by) {
@@ -90,7 +90,7 @@ void ConvertPixels(const ArgbRows& bitmap, const OverlayPlanes& to, const PlaneB
       const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(by) * (to.width / 2) + bx;
       to.firstChroma[at] = chroma(p);
       to.secondChroma[at] = chroma(q);
-      // The weights are those of the inner and the edge alphas in the chroma's opacity as well.
+      // The chroma's opacity has the same weights.
       to.chromaAlpha[at] = static_cast<std::uint8_t>((weight + 10) / 20);
     }
   }

@@ -1,6 +1,6 @@
-// The loops over samples that take the drawing's time, in several versions that give the same
-// bytes: the scalar one is the reference implementation, the others are faster. Those that put a
-// bar of a meter into the planes store more than they compute: one version serves every processor.
+// The loops over samples that dominate the time of drawing, in several versions that give the same
+// bytes: the scalar one is the reference implementation, the others are faster. The loops for the
+// bars of a meter mostly store: one version serves every processor.
 #pragma once
 
 #include <array>
@@ -14,10 +14,10 @@ namespace kernels {
 
 inline constexpr std::int32_t kFadeLayers = 4;
 
-// What is left of a sample's distance from neutral under an opacity, in 1/32768, for the fade loop:
-// the distance (at most 128) times (255 - alpha) / 255, rounded. A factor is off by half a unit at
-// most, the product by 1/512, and no exact product is that close to a half without being one of the
-// odd multiples of 1/510: so the rounded product is that of Blend255, always.
+// The factor, in 1/32768, by which an opacity reduces a sample's distance from neutral (at most
+// 128) in the fade loop: (255 - alpha) / 255, rounded. It is off by half a unit at most and the
+// product by 1/512. An exact product is a multiple of 1/255, at least 1/510 from the nearest half:
+// so the rounded product is always that of Blend255.
 constexpr std::int16_t FadeFactor(std::uint8_t alpha) {
   const std::int32_t factor = ((255 - alpha) * 65536 + 255) / 510;
   return static_cast<std::int16_t>(factor < 32767 ? factor : 32767);
@@ -28,7 +28,7 @@ constexpr std::uint8_t Fade(std::uint8_t sample, std::int16_t factor) {
   return static_cast<std::uint8_t>(128 + ((((sample - 128) * factor >> 14) + 1) >> 1));
 }
 
-// Columns [left, right) and rows [top, bottom); empty when they meet.
+// Columns [left, right) and rows [top, bottom); empty when opposite edges meet.
 struct PlaneBounds {
   std::int32_t left = 0;
   std::int32_t top = 0;
@@ -47,13 +47,13 @@ struct ArgbRows {
 struct CoverageBitmap {
   const std::uint8_t* coverage = nullptr;  // the top left pixel
   std::ptrdiff_t stride = 0;               // bytes from row to row
-  PlaneBounds ink;                         // outside every coverage is 0
+  PlaneBounds ink;                         // outside it, every coverage is 0
   std::array<std::uint8_t, 3> colour{};    // blue, green, red
   // Opacity of each coverage; the first is 0.
   std::array<std::uint8_t, 256> opacities{};
 };
 
-// Where a bitmap of the same size is converted to.
+// The target of the conversion of a bitmap of the same size.
 struct OverlayPlanes {
   std::int32_t width;  // pixels, at least 2
   std::int32_t height;
@@ -103,22 +103,23 @@ struct DrawingKernels {
 const DrawingKernels& ScalarKernels();
 // Vectors of 16 bytes, for every processor of the architecture.
 const DrawingKernels& BaseKernels();
-// For x86 processors that have AVX2; null where the processor has not.
+// For x86 processors with AVX2; null on all others.
 const DrawingKernels* Avx2Kernels();
 // The versions that this processor can run, the reference implementation first, the fastest last.
 std::span<const DrawingKernels* const> AllKernels();
 
-// What the drawing uses: the fastest version, unless UseKernels has chosen another one (for tests
-// and measurements; any thread, in effect from the next call on).
+// The version that the drawing uses: the fastest, unless UseKernels has chosen another one (for
+// tests and measurements; any thread, in effect from the next call on).
 const DrawingKernels& CurrentKernels();
 void UseKernels(const DrawingKernels& chosen);
 
-// What shows of a bar in one plane: its sides, which are half blended, and what lies between them.
+// The visible columns of a bar in one plane: its sides, which are half blended, and the opaque ones
+// between them.
 struct BarColumns {
-  std::int32_t left;  // -1 when it does not show
+  std::int32_t left;  // -1 when it is not visible
   std::int32_t right;
-  std::int32_t first;  // opaque ones
-  std::int32_t opaque;
+  std::int32_t first;   // of the opaque columns
+  std::int32_t opaque;  // their number
 };
 
 // A pattern of eight values up to 7, the dither of a bar's luma.

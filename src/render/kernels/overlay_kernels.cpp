@@ -30,11 +30,11 @@ struct Strip {
   std::int32_t after;
 };
 
-// Rows of a strip that the next blocks need: row y is in place y % 4.
+// Rows of a strip that the next blocks need: row y is at index y % 4.
 template <typename Row>
 using RowRing = std::array<Row, 4>;
 
-// Runs `convertRow(y, row)` for each row that a block needs and has not got yet, then
+// Runs `convertRow(y, row)` for each row that a block needs and that is not converted yet, then
 // `sumRows(by, above, first, second, below)` for the block's four.
 template <typename Row, typename ConvertRow, typename SumRows>
 TAVREL_INLINE void ForEachBlockRow(std::int32_t height, const PlaneBounds& blocks,
@@ -55,7 +55,8 @@ TAVREL_INLINE void ForEachBlockRow(std::int32_t height, const PlaneBounds& block
   }
 }
 
-// Luma and opacity of a row go to the overlay when they are a block's own, and nowhere else.
+// Takes luma and opacity of a row that only neighbours the blocks, which are not written to the
+// overlay.
 struct SpareRow {
   std::array<std::uint8_t, kStrip> luma;
   std::array<std::uint8_t, kStrip> alpha;
@@ -88,7 +89,7 @@ TAVREL_INLINE void ConvertPixels(const std::uint8_t* pixels, std::int32_t count,
     const std::uint32_t c1 = (pixel >> 8) & 0xFF;
     const std::uint32_t c2 = (pixel >> 16) & 0xFF;
     const std::uint32_t a = pixel >> 24;
-    // Without sign up to 3.7e9.
+    // Unsigned: up to 3.7e9.
     const std::uint32_t y = ((4311745 * c0 + 8455717 * c1 + 1644167 * c2 + 32768) >> 16) + 4096;
     const auto b = static_cast<std::int32_t>(c0);
     const auto g = static_cast<std::int32_t>(c1);
@@ -102,8 +103,8 @@ TAVREL_INLINE void ConvertPixels(const std::uint8_t* pixels, std::int32_t count,
   }
 }
 
-// The quotient without its fraction: a double holds both exactly, and no quotient of 32-bit numbers
-// comes so near to the next whole number that it would be rounded to it.
+// The quotient without its fraction: a double holds both numbers exactly, and no quotient of 32-bit
+// numbers is so close below a whole number that it would be rounded to it.
 TAVREL_INLINE std::uint8_t MeanChroma(std::int32_t sum, std::int32_t weight) {
   const std::int32_t divisor = weight == 0 ? 1 : weight;
   const auto mean =
@@ -216,8 +217,8 @@ TAVREL_INLINE void ConvertCoverageStrip(const CoverageBitmap& bitmap, bool opaci
       inner[i] = static_cast<std::uint16_t>(r1[i] + r2[i]);
       outer[i] = static_cast<std::uint16_t>(r0[i] + r3[i]);
     }
-    // For every column, although only every other one starts a block: neighbours are summed at
-    // once.
+    // For every column, although only every other one starts a block: contiguous sums are
+    // vectorised.
     for (std::int32_t c = 0; c < count - 1; ++c) {
       const auto i = static_cast<std::size_t>(c);
       sums[i] = static_cast<std::uint16_t>(3 * (inner[i + 1] + inner[i + 2]) + inner[i] +

@@ -18,8 +18,8 @@ struct Ycbcr88 {
 };
 
 // c0, c1, c2: the first three bytes of a bitmap pixel in memory order (blue, green, red), 0 to 255.
-// The weight 0.257 falls on c0 and 0.098 on c2. That is how labels have always looked: white, grey
-// and black come out the same either way.
+// The weight 0.257 falls on c0 and 0.098 on c2. Labels have always been drawn so; white, grey and
+// black are the same either way.
 constexpr Ycbcr88 RgbToYcbcr601(std::int32_t c0, std::int32_t c1, std::int32_t c2) {
   const std::int64_t b = c0;
   const std::int64_t g = c1;
@@ -30,12 +30,12 @@ constexpr Ycbcr88 RgbToYcbcr601(std::int32_t c0, std::int32_t c1, std::int32_t c
       static_cast<std::int32_t>((7365198 * b - 6174015 * g - 1191182 * r + 32768) >> 16) + 32768};
 }
 
-// Kernels are compiled for several instruction sets.
-// Into every caller: what several versions share takes the instruction set of each.
+// Kernels are compiled for several instruction sets. Code that they share is inlined, so that it is
+// compiled for each of them.
 #define TAVREL_INLINE inline __attribute__((always_inline))
 #define TAVREL_AVX2 __attribute__((target("avx2")))
 
-// Asks for the samples of a row that is about to be written.
+// Prefetches a row that is about to be written.
 inline void PrefetchRow(const std::uint8_t* row, std::int64_t bytes) {
   constexpr std::int64_t kCacheLine = 64;
   for (std::int64_t i = 0; i < bytes; i += kCacheLine) {

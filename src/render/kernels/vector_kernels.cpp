@@ -1,13 +1,13 @@
 // Faster versions of the drawing's loops, written once over the compiler's portable vectors: with
 // 16 bytes for every processor, with 32 for those that have AVX2.
 //
-// A vector of N bytes is looked at as N/2 lanes of 16 bits. The samples at even places are blended
-// in the low halves of the lanes, those at odd places after a shift by 8: no byte has to be moved
-// between lanes.
+// A vector of N bytes is treated as N/2 lanes of 16 bits. The samples at even positions are blended
+// in the low halves of the lanes, those at odd positions after a shift by 8: no byte has to be
+// moved between lanes.
 //
-// Everything that several versions share is inlined into them, so that it takes their instruction
-// set. They are chosen function by function, not for the whole file: an inline function of a shared
-// header must not be compiled for AVX2 and then be chosen by the linker for all.
+// Shared code is inlined into each version, so that it is compiled for the version's instruction
+// set. That is selected for each function, not for the whole file: otherwise the linker might
+// choose an AVX2 copy of a header's inline function for all callers.
 #include <cstring>
 
 #include "render/kernels/drawing_kernels.h"
@@ -38,7 +38,7 @@ TAVREL_INLINE Lanes<N> Load(const std::uint8_t* from) {
 
 // s over d with opacity a, all 0 to 255 in lanes of 16 bits. Rounds like Blend255: with x = s*a +
 // d*(255-a) + 128, (x + (x >> 8)) >> 8 is x/255 rounded for every x that occurs, and no lane
-// overflows at the end (a difference s - d that wraps comes back with the sum).
+// overflows at the end (a difference s - d that wraps is corrected by the sum).
 template <typename L>
 TAVREL_INLINE L BlendLanes(L d, L s, L a) {
   const L x = (d << 8) - d + a * (s - d) + 128;

@@ -15,6 +15,7 @@
 #include "host/channel/item_placer.h"
 #include "host/channel/source/media_reader.h"
 #include "host/channel/video/frame_meter.h"
+#include "util/reopen_delay.h"
 
 namespace host {
 namespace {
@@ -421,14 +422,15 @@ TEST(VideoWatchTest, CountsOnlyTheTimeOfReading) {
 }
 
 TEST(ReopenDelayTest, GrowsWithFailuresInARowAndIsSpread) {
-  ReopenDelay delay(1);
-  ReopenDelay other(2);
-  auto longest = ReopenDelay::Milliseconds::zero();
+  const qorp::ReopenLimits limits;
+  qorp::ReopenDelay delay(limits, 1);
+  qorp::ReopenDelay other(limits, 2);
+  std::chrono::milliseconds longest{};
   bool differs = false;
   for (int i = 0; i < 10; ++i) {
     const auto each = delay.AfterFailure();
-    EXPECT_GE(each, ReopenDelay::kMin);
-    EXPECT_LE(each, ReopenDelay::kMax);
+    EXPECT_GE(each, limits.min);
+    EXPECT_LE(each, limits.max);
     longest = std::max(longest, each);
     differs = differs || each != other.AfterFailure();
   }

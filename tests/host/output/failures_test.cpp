@@ -62,7 +62,7 @@ class OutputFailureTest : public OutputSessionTest {
     settings.session.formatLimit = 0;
     settings.session.muxer.url = url.empty() ? settings_.muxer.url : url;
     settings.session.muxer.isPaced = settings.live = true;
-    settings.minDelay = settings.maxDelay = milliseconds(2);
+    settings.reopen = {milliseconds(2), milliseconds(2)};
     return settings;
   }
   // Frames, until something is the case.
@@ -200,7 +200,7 @@ TEST(EncoderThread, IsOpenedAgainAfterAFailureAndBeginsWithAKeyframe) {
     settings.encoder = SmallVideo();
     settings.encoder.lowDelay = true;
     settings.live = live;
-    settings.minDelay = milliseconds(0);
+    settings.reopen.min = milliseconds(0);
     EncoderThread encoder(settings, nullptr);
     std::vector<std::string> heard;  // of the encoder's thread
     encoder.Add({[&](const AVPacket& packet) {

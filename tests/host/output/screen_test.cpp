@@ -46,8 +46,7 @@ ScreenOutput::Settings Small() {
   settings.program = TAVREL_PROGRAM;
   settings.width = 64;
   settings.height = 48;
-  settings.minDelay = milliseconds(10);
-  settings.maxDelay = milliseconds(20);
+  settings.reopen = {milliseconds(10), milliseconds(20)};
   return settings;
 }
 

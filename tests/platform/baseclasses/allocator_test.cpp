@@ -55,7 +55,7 @@ TEST_F(AllocatorTest, RefusesPropertiesThatItCannotKeep) {
 }
 
 TEST_F(AllocatorTest, BlocksUntilASampleComesHomeOrADecommit) {
-  // Sooner or later after the wait has begun.
+  // The wait is ended at different times after it has begun.
   for (int round = 0; round < 40; ++round) {
     Commit(1, 16);
     ComPtr<IMediaSample> first = Get();

@@ -10,7 +10,7 @@ using fakes::Source;
 
 class PinConnectionTest : public testing::Test {
  protected:
-  // Connected pins hold each other, and so their filters, until somebody parts them.
+  // Connected pins hold each other, and so their filters, until they are disconnected.
   void TearDown() override {
     sink_->Forget();
     source_->Stop();
@@ -46,7 +46,7 @@ TEST_F(PinConnectionTest, AgreesOnATypeThatBothAccept) {
   };
   for (const Row& row : {Row{nullptr, {small_}, S_OK, S_OK, &small_},
                          {&open, {}, S_OK, S_OK, &large_},
-                         {&small_, {}, S_OK, S_OK, &small_},  // a complete type is taken or nothing
+                         {&small_, {}, S_OK, S_OK, &small_},  // a complete type is taken as it is
                          {&partial, {}, S_OK, VFW_E_NO_ACCEPTABLE_TYPES, nullptr},
                          {nullptr, {}, S_FALSE, VFW_E_NO_ACCEPTABLE_TYPES, nullptr},
                          {&large_, {}, E_FAIL, VFW_E_TYPE_NOT_ACCEPTED, nullptr}}) {

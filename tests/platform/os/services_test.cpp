@@ -81,7 +81,7 @@ TEST(Volumes, AreTheMountedFileSystemsThatHoldFiles) {
               ElementsAre("\\", "\\media\\my disc\\x\\", "\\media\\odd\\9\\"));
 }
 
-// The process really uses what it is made to use.
+// The process uses memory, descriptors and time, which the figures must show.
 TEST(SystemStatistics, FollowWhatTheProcessDoes) {
   const os::SystemStatistics before = os::ReadSystemStatistics();
   constexpr std::size_t kBytes = 64 << 20;

@@ -1,4 +1,4 @@
-// A painting that outlives its painter, and what tests ask of one.
+// A painting as pixels, which outlives its painter, with queries for tests.
 #pragma once
 
 #include <algorithm>
@@ -61,7 +61,7 @@ inline Picture Paint(os::TextPainter& painter, const os::TextPainting& painting)
   return picture;
 }
 
-// One line from the left edge, white on nothing, in a bitmap large enough.
+// One line from the left edge, white on transparent, in a bitmap large enough.
 inline Picture PaintLine(os::TextPainter& painter, std::u16string_view text) {
   os::TextPainting painting;
   painting.text = text;

@@ -143,13 +143,13 @@ TEST_F(TextPainterTest, NothingOfAFormerPaintingIsLeft) {
 }
 
 TEST_F(TextPainterTest, RefusesSizesThatNoBitmapHas) {
-  constexpr int kMost = TextPainter::kMaxSide;
+  constexpr int kMax = TextPainter::kMaxSide;
   for (const auto& [width, height, painted] : {std::tuple(0, 10, 0),
                                                {10, 0, 0},
                                                {-2, 10, 0},
-                                               {kMost + 1, 2, 0},
+                                               {kMax + 1, 2, 0},
                                                {1, 1, 1},
-                                               {kMost, 30, kMost}}) {
+                                               {kMax, 30, kMax}}) {
     EXPECT_EQ(painter.Paint({.text = u"x", .width = width, .height = height}).Width(), painted);
   }
 }

@@ -5,6 +5,7 @@
 
 #include "platform/text/text_painter.h"
 #include "util/text_codecs.h"
+#include "util/yv12.h"
 
 namespace host {
 
@@ -70,50 +71,45 @@ constexpr int kLargestFont = 48;
 // The meter takes the left tenth of a window.
 constexpr int kMeterShare = 10;
 
-struct Planes {
-  explicit Planes(const WindowPixels& picture)
-      : y(picture.pixels.data()),
-        v(y + static_cast<std::ptrdiff_t>(picture.width) * picture.height),
-        u(v + static_cast<std::ptrdiff_t>(picture.width) * picture.height / 4) {}
-  std::uint8_t* y;
-  std::uint8_t* v;
-  std::uint8_t* u;
-};
+qorp::Yv12Picture PlanesOf(const WindowPixels& picture) {
+  return {picture.pixels.data(), picture.width, picture.height};
+}
 
 // All four even; inside the frame.
-struct Area {
+struct Box {
   int x = 0;
   int y = 0;
   int width = 0;
   int height = 0;
 };
 
-void Fill(const WindowPixels& picture, const Area& area, Colour colour) {
-  const Planes planes(picture);
-  for (int row = area.y; row < area.y + area.height; ++row) {
-    std::memset(planes.y + static_cast<std::ptrdiff_t>(row) * picture.width + area.x, colour.y,
-                static_cast<std::size_t>(area.width));
+void Fill(const WindowPixels& picture, const Box& box, Colour colour) {
+  const qorp::Yv12Picture planes = PlanesOf(picture);
+  for (int row = box.y; row < box.y + box.height; ++row) {
+    std::memset(planes.Y() + static_cast<std::ptrdiff_t>(row) * picture.width + box.x, colour.y,
+                static_cast<std::size_t>(box.width));
   }
-  for (int row = area.y / 2; row < (area.y + area.height) / 2; ++row) {
-    const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(row) * (picture.width / 2) + area.x / 2;
-    std::memset(planes.v + at, colour.v, static_cast<std::size_t>(area.width / 2));
-    std::memset(planes.u + at, colour.u, static_cast<std::size_t>(area.width / 2));
+  for (int row = box.y / 2; row < (box.y + box.height) / 2; ++row) {
+    const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(row) * planes.ChromaWidth() + box.x / 2;
+    std::memset(planes.V() + at, colour.v, static_cast<std::size_t>(box.width / 2));
+    std::memset(planes.U() + at, colour.u, static_cast<std::size_t>(box.width / 2));
   }
 }
 
 // A quarter of the frame remains visible.
-void Darken(const WindowPixels& picture, const Area& area) {
-  const Planes planes(picture);
-  for (int row = area.y; row < area.y + area.height; ++row) {
-    std::uint8_t* const line = planes.y + static_cast<std::ptrdiff_t>(row) * picture.width + area.x;
-    for (int x = 0; x < area.width; ++x) {
+void Darken(const WindowPixels& picture, const Box& box) {
+  const qorp::Yv12Picture planes = PlanesOf(picture);
+  for (int row = box.y; row < box.y + box.height; ++row) {
+    std::uint8_t* const line =
+        planes.Y() + static_cast<std::ptrdiff_t>(row) * picture.width + box.x;
+    for (int x = 0; x < box.width; ++x) {
       line[x] = static_cast<std::uint8_t>((line[x] + 3 * kStripLuma) / 4);
     }
   }
-  for (int row = area.y / 2; row < (area.y + area.height) / 2; ++row) {
-    const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(row) * (picture.width / 2) + area.x / 2;
-    for (std::uint8_t* const plane : {planes.v + at, planes.u + at}) {
-      for (int x = 0; x < area.width / 2; ++x) {
+  for (int row = box.y / 2; row < (box.y + box.height) / 2; ++row) {
+    const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(row) * planes.ChromaWidth() + box.x / 2;
+    for (std::uint8_t* const plane : {planes.V() + at, planes.U() + at}) {
+      for (int x = 0; x < box.width / 2; ++x) {
         plane[x] = static_cast<std::uint8_t>((plane[x] + 3 * 128) / 4);
       }
     }

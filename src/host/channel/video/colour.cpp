@@ -76,8 +76,8 @@ ColourMatrix::ColourMatrix(LumaWeights source, bool fullRange)
   vOfV_ = Fixed(chroma * vScale * (r - yv));
 }
 
-void ColourMatrix::Apply(ConstPlane y, ConstPlane u, ConstPlane v, Plane outY, Plane outU,
-                         Plane outV, int width, int height) {
+void ColourMatrix::Apply(ConstPlaneView y, ConstPlaneView u, ConstPlaneView v, PlaneView outY,
+                         PlaneView outU, PlaneView outV, int width, int height) {
   correction_.resize(static_cast<std::size_t>(width));
   wholeCorrection_.resize(static_cast<std::size_t>(width));
   // Luma of studio range is only moved: then the correction is rounded for each chroma sample, with

@@ -26,11 +26,11 @@ inline constexpr LumaWeights kSmpte240m = {0.212, 0.087};
 inline constexpr LumaWeights kFcc = {0.30, 0.11};
 
 // One plane of 8-bit samples; not owned.
-struct ConstPlane {
+struct ConstPlaneView {
   const std::uint8_t* data = nullptr;
   std::ptrdiff_t stride = 0;
 };
-struct Plane {
+struct PlaneView {
   std::uint8_t* data = nullptr;
   std::ptrdiff_t stride = 0;
 };
@@ -50,8 +50,8 @@ class ColourMatrix {
 
   // Width and height in pixels, both even. Source and destination planes are the same or do not
   // overlap.
-  void Apply(ConstPlane y, ConstPlane u, ConstPlane v, Plane outY, Plane outU, Plane outV,
-             int width, int height);
+  void Apply(ConstPlaneView y, ConstPlaneView u, ConstPlaneView v, PlaneView outY, PlaneView outU,
+             PlaneView outV, int width, int height);
 
  private:
   // Also fills correction_.

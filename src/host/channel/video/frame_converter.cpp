@@ -15,6 +15,7 @@ extern "C" {
 }
 
 #include "host/ffmpeg/error.h"
+#include "util/yv12.h"
 
 namespace host {
 
@@ -96,14 +97,14 @@ LumaWeights WeightsOf(int colourSpace, int height) {
   }
 }
 
-void FillRect(Plane plane, int x, int y, int width, int height, std::uint8_t value) {
+void FillRect(PlaneView plane, int x, int y, int width, int height, std::uint8_t value) {
   for (int row = y; width > 0 && row < y + height; ++row) {
     std::memset(plane.data + row * plane.stride + x, value, static_cast<std::size_t>(width));
   }
 }
 
 // Everything of a plane but the inner rectangle.
-void FillAround(Plane plane, int width, int height, const FitRect& inner, std::uint8_t value) {
+void FillAround(PlaneView plane, int width, int height, const FitRect& inner, std::uint8_t value) {
   FillRect(plane, 0, 0, width, inner.y, value);
   FillRect(plane, 0, inner.y, inner.x, inner.height, value);
   FillRect(plane, inner.x + inner.width, inner.y, width - inner.x - inner.width, inner.height,
@@ -111,7 +112,7 @@ void FillAround(Plane plane, int width, int height, const FitRect& inner, std::u
   FillRect(plane, 0, inner.y + inner.height, width, height - inner.y - inner.height, value);
 }
 
-void CopyRows(ConstPlane from, Plane to, int width, int height) {
+void CopyRows(ConstPlaneView from, PlaneView to, int width, int height) {
   for (int row = 0; row < height; ++row) {
     std::memcpy(to.data + row * to.stride, from.data + row * from.stride,
                 static_cast<std::size_t>(width));
@@ -400,20 +401,20 @@ void FrameConverter::Write(std::span<std::uint8_t> buffer) {
 
   const int width = settings_.width;
   const int height = settings_.height;
-  const std::size_t lumaSize = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
-  const Plane y{buffer.data(), width};
-  const Plane v{buffer.data() + lumaSize, width / 2};
-  const Plane u{buffer.data() + lumaSize + lumaSize / 4, width / 2};
+  const qorp::Yv12Picture window{buffer.data(), width, height};
+  const PlaneView y{window.Y(), width};
+  const PlaneView v{window.V(), window.ChromaWidth()};
+  const PlaneView u{window.U(), window.ChromaWidth()};
   const FitRect chromaFit{fit_.x / 2, fit_.y / 2, fit_.width / 2, fit_.height / 2};
   FillAround(y, width, height, fit_, kBlackLuma);
   FillAround(v, width / 2, height / 2, chromaFit, kNeutralChroma);
   FillAround(u, width / 2, height / 2, chromaFit, kNeutralChroma);
 
-  const ConstPlane fromY{source->data[0], source->linesize[0]};
-  const ConstPlane fromU{source->data[1], source->linesize[1]};
-  const ConstPlane fromV{source->data[2], source->linesize[2]};
-  const auto inside = [](Plane plane, const FitRect& rect) {
-    return Plane{plane.data + rect.y * plane.stride + rect.x, plane.stride};
+  const ConstPlaneView fromY{source->data[0], source->linesize[0]};
+  const ConstPlaneView fromU{source->data[1], source->linesize[1]};
+  const ConstPlaneView fromV{source->data[2], source->linesize[2]};
+  const auto inside = [](PlaneView plane, const FitRect& rect) {
+    return PlaneView{plane.data + rect.y * plane.stride + rect.x, plane.stride};
   };
   if (box_ && matrix_->identity()) {
     box_->Scale(*source, inside(y, fit_), inside(u, chromaFit), inside(v, chromaFit));

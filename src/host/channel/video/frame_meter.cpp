@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "util/yv12.h"
+
 namespace host {
 namespace {
 
@@ -16,7 +18,7 @@ constexpr int kRowStep = 2;
 constexpr std::int64_t kBrightShare = 50;
 
 // What is looked at of one plane: every other of its rows.
-struct Plane {
+struct SampledPlane {
   const std::uint8_t* samples;
   int width;
   int rows;
@@ -27,15 +29,15 @@ struct Plane {
   std::int64_t Count() const { return std::int64_t{width} * rows; }
 };
 
-Plane PlaneOf(const std::uint8_t* samples, int width, int height) {
+SampledPlane PlaneOf(const std::uint8_t* samples, int width, int height) {
   return {samples, width, (height + kRowStep - 1) / kRowStep};
 }
 
-std::array<Plane, 3> PlanesOf(const std::uint8_t* picture, int width, int height) {
-  const std::uint8_t* const v = picture + static_cast<std::ptrdiff_t>(width) * height;
-  const std::uint8_t* const u = v + static_cast<std::ptrdiff_t>(width / 2) * (height / 2);
-  return {PlaneOf(picture, width, height), PlaneOf(v, width / 2, height / 2),
-          PlaneOf(u, width / 2, height / 2)};
+std::array<SampledPlane, 3> PlanesOf(const std::uint8_t* picture, int width, int height) {
+  const qorp::ConstYv12Picture planes{picture, width, height};
+  return {PlaneOf(planes.Y(), width, height),
+          PlaneOf(planes.V(), planes.ChromaWidth(), planes.ChromaHeight()),
+          PlaneOf(planes.U(), planes.ChromaWidth(), planes.ChromaHeight())};
 }
 
 using Lanes __attribute__((vector_size(16))) = std::uint8_t;
@@ -73,7 +75,7 @@ std::uint32_t SumOfDifferences(const std::uint8_t* a, const std::uint8_t* b, int
   return sum;
 }
 
-bool IsBlack(const Plane& luma, std::uint8_t threshold) {
+bool IsBlack(const SampledPlane& luma, std::uint8_t threshold) {
   std::int64_t bright = 0;
   for (int row = 0; row < luma.rows; ++row) {
     bright += CountBrighter(luma.Row(row), luma.width, threshold);
@@ -99,16 +101,16 @@ FrameCondition FrameMeter::Measure(const std::uint8_t* picture, int width, int h
 }
 
 bool FrameMeter::IsStill(const std::uint8_t* picture, int width, int height) const {
-  const std::array<Plane, 3> planes = PlanesOf(picture, width, height);
+  const std::array<SampledPlane, 3> planes = PlanesOf(picture, width, height);
   std::int64_t all = 0;
-  for (const Plane& plane : planes) {
+  for (const SampledPlane& plane : planes) {
     all += plane.Count();
   }
   if (static_cast<std::int64_t>(kept_.size()) != all) {
     return false;
   }
   const std::uint8_t* kept = kept_.data();
-  for (const Plane& plane : planes) {
+  for (const SampledPlane& plane : planes) {
     const double most = stillDifference_ * static_cast<double>(plane.Count());
     std::int64_t difference = 0;
     for (int row = 0; row < plane.rows; ++row) {
@@ -124,7 +126,7 @@ bool FrameMeter::IsStill(const std::uint8_t* picture, int width, int height) con
 
 void FrameMeter::Keep(const std::uint8_t* picture, int width, int height) {
   kept_.clear();
-  for (const Plane& plane : PlanesOf(picture, width, height)) {
+  for (const SampledPlane& plane : PlanesOf(picture, width, height)) {
     for (int row = 0; row < plane.rows; ++row) {
       kept_.insert(kept_.end(), plane.Row(row), plane.Row(row) + plane.width);
     }

@@ -1,6 +1,5 @@
 #include "host/channel/video/scalers.h"
 
-#include <array>
 #include <cstddef>
 #include <stdexcept>
 
@@ -13,19 +12,18 @@ extern "C" {
 }
 
 #include "host/ffmpeg/error.h"
+#include "util/yv12.h"
 
 namespace host {
 
 namespace {
 
-template <typename Byte>
-std::array<Byte*, 3> PlanesOf(std::span<Byte> frame, int width, int height) {
-  const std::size_t luma = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
-  if (frame.size() < luma * 3 / 2) {
+template <typename Sample>
+qorp::Yv12Planes<Sample> PlanesOf(std::span<Sample> frame, int width, int height) {
+  if (static_cast<std::int64_t>(frame.size()) < qorp::PictureBytes(width, height)) {
     throw std::invalid_argument("a frame is smaller than its size says");
   }
-  // Both chroma planes are scaled alike, so their order does not matter.
-  return {frame.data(), frame.data() + luma, frame.data() + luma + luma / 4};
+  return {frame.data(), width, height};
 }
 
 }  // namespace
@@ -40,8 +38,8 @@ std::optional<BoxScaler> BoxScaler::For(AVPixelFormat format, int width, int hei
   return isExact ? std::optional(BoxScaler(toWidth, toHeight)) : std::nullopt;
 }
 
-void BoxScaler::Scale(const AVFrame& frame, Plane y, Plane u, Plane v) const {
-  const auto scale = [&](int plane, Plane to, int subsampling) {
+void BoxScaler::Scale(const AVFrame& frame, PlaneView y, PlaneView u, PlaneView v) const {
+  const auto scale = [&](int plane, PlaneView to, int subsampling) {
     libyuv::ScalePlane(frame.data[plane], frame.linesize[plane], frame.width / subsampling,
                        frame.height / subsampling, to.data, static_cast<int>(to.stride),
                        width_ / subsampling, height_ / subsampling, libyuv::kFilterBox);
@@ -67,10 +65,8 @@ void FrameScaler::Scale(std::span<const std::uint8_t> from, int width, int heigh
   }
   const auto source = PlanesOf(from, width, height);
   const auto target = PlanesOf(to, toWidth, toHeight);
-  const std::array<int, 3> sourceRows{width, width / 2, width / 2};
-  const std::array<int, 3> targetRows{toWidth, toWidth / 2, toWidth / 2};
-  ffmpeg::Check(sws_scale(scaler_.get(), source.data(), sourceRows.data(), 0, height, target.data(),
-                          targetRows.data()),
+  ffmpeg::Check(sws_scale(scaler_.get(), source.YuvData().data(), source.YuvStrides().data(), 0,
+                          height, target.YuvData().data(), target.YuvStrides().data()),
                 "cannot change the size of a frame");
 }
 

@@ -27,7 +27,7 @@ class BoxScaler {
                                       int toHeight);
 
   // The planes do not overlap with those of the frame.
-  void Scale(const AVFrame& frame, Plane y, Plane u, Plane v) const;
+  void Scale(const AVFrame& frame, PlaneView y, PlaneView u, PlaneView v) const;
 
  private:
   BoxScaler(int toWidth, int toHeight) : width_(toWidth), height_(toHeight) {}

@@ -103,13 +103,8 @@ void FilterSource::SetSamplesPerFrame(int samples) {
   av_buffersink_set_frame_size(sink_, static_cast<unsigned>(samples));
 }
 
-const AVCodec* FindEncoder(const std::string& name) {
-  const AVCodec* encoder = avcodec_find_encoder_by_name(name.c_str());
-  if (encoder == nullptr) {
-    if (const AVCodecDescriptor* descriptor = avcodec_descriptor_get_by_name(name.c_str())) {
-      encoder = avcodec_find_encoder(descriptor->id);
-    }
-  }
+const AVCodec* EncoderNamed(const std::string& name) {
+  const AVCodec* const encoder = ffmpeg::FindEncoder(name);
   if (encoder == nullptr) {
     throw ffmpeg::Error(AVERROR_ENCODER_NOT_FOUND, "cannot encode as", name);
   }
@@ -127,7 +122,7 @@ class ClipStream {
  public:
   ClipStream(FilterSource::Kind kind, const std::string& chain, const std::string& codec,
              const std::map<std::string, std::string>& options, bool globalHeader)
-      : encoder_(FindEncoder(codec)),
+      : encoder_(EncoderNamed(codec)),
         source_(kind, kind == FilterSource::Kind::kPictures
                           ? chain
                           : chain + ",aformat=sample_fmts=" +

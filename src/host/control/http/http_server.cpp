@@ -172,7 +172,7 @@ void HttpServer::Core::Begin(tcp::socket socket) {
   socket.set_option(asio::socket_base::keep_alive(true), error);
   asio::co_spawn(
       loop_, ServeConnection(*this, std::move(socket), tls_ ? &*tls_ : nullptr, std::move(ticket)),
-      [this](std::exception_ptr failure) {
+      [this](const std::exception_ptr& failure) {
         try {
           if (failure) {
             std::rethrow_exception(failure);

@@ -187,7 +187,7 @@ void ScreenOutput::SetSocket(const os::MessageSocket* socket) {
 }
 
 void ScreenOutput::Run() {
-  milliseconds delay = settings_.minDelay;
+  qorp::ReopenDelay delay(settings_.reopen);
   while (!stop_.Wait(0)) {
     bool wasOpen = false;
     bool isClosed = false;
@@ -195,15 +195,17 @@ void ScreenOutput::Run() {
     if (stop_.Wait(0)) {
       break;
     }
-    delay = wasOpen ? settings_.minDelay : delay;
+    if (wasOpen) {
+      delay.Reset();
+    }
+    const milliseconds wait = delay.AfterFailure();
     {
       const os::MutexLock guard(lock_);
       status_.state = isClosed ? State::kClosed : State::kFailed;
       status_.failure = reason;
     }
-    observer_->OutputFailed(settings_.name, reason, isClosed ? std::nullopt : std::optional(delay));
-    stop_.Wait(isClosed ? os::kInfinite : static_cast<std::uint32_t>(delay.count()));
-    delay = std::min(delay * 2, settings_.maxDelay);
+    observer_->OutputFailed(settings_.name, reason, isClosed ? std::nullopt : std::optional(wait));
+    stop_.Wait(isClosed ? os::kInfinite : static_cast<std::uint32_t>(wait.count()));
   }
 }
 

@@ -41,8 +41,7 @@ class ScreenOutput {
     int width = 0;  // of the canvas, pixels
     int height = 0;
     Ratio pixelAspect{1, 1};
-    std::chrono::milliseconds minDelay{250};  // until it is opened again; doubles each time
-    std::chrono::milliseconds maxDelay{5'000};
+    qorp::ReopenLimits reopen;                      // until it is opened again after a failure
     std::chrono::milliseconds answerLimit{10'000};  // for the display to take a frame
     // Called by the output's thread; may be empty.
     std::function<void(const std::string& screen, const ScreenInput& input)> takeInput;
