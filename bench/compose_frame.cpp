@@ -1,6 +1,6 @@
 // What drawing one frame of a mosaic costs, stage by stage, in copies of its windows: "copy" is
-// memcpy of the same rows, measured on the frames between. Every window has a label and a meter of
-// two channels whose levels change with every frame; two windows are selected. A stage is what the
+// memcpy of the same rows, measured between the frames. Every window has a label and a meter of two
+// channels whose levels change with every frame; two windows are selected. A stage is what the
 // frames get dearer by when it is drawn as well. "frame" is the median frame with everything, "new
 // text" one in which all labels change their texts, "mean" of nine of the former and one of those.
 //
@@ -33,7 +33,7 @@ struct Options {
   int countFrames = 0;
 };
 
-// One run: what its frames take, in medians of the copies between them.
+// One run: what its frames cost, in medians of the copies between them.
 struct Ratios {
   Nanoseconds copy = 0;
   std::array<double, kStages> stages{};
@@ -48,7 +48,7 @@ Ratios Run(Mosaic& mosaic, int frames) {
   std::vector<Nanoseconds> changing;
   for (int i = 0; i < frames; ++i) {
     for (int stage = 0; stage < kStages; ++stage) {
-      // Beside each frame a copy, so that both meet the machine in the same state.
+      // A copy with each frame, so that both meet the machine in the same state.
       copies.push_back(mosaic.CopyRows());
       upTo[stage].push_back(mosaic.Compose(static_cast<Stage>(stage)));
     }
@@ -83,7 +83,7 @@ void Measure(const bench::Workload& workload, const Options& options) {
     }
     return;
   }
-  for (int i = 0; i < 20; ++i) {  // touches every page and fills every kept table
+  for (int i = 0; i < 20; ++i) {  // touches every page and fills every cache
     mosaic.CopyRows();
     mosaic.Compose();
   }

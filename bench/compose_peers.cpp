@@ -1,7 +1,7 @@
-// The same wall drawn by FFmpeg's filters: 16 pictures laid over a background, a text under each
-// and a box around two of them. Meters are left out, for which there is no filter; ours has them.
-// Both get their pictures from memory, draw into the background's own buffer, use one thread and
-// are measured in turns, in processor time.
+// The same wall drawn by FFmpeg's filters: 16 frames laid over a background, a text under each and
+// a box around two of them. Meters are left out, for which there is no filter; ours has them. Both
+// get their frames from memory, draw into the background's own buffer, use one thread and are
+// measured in turns, in processor time.
 //
 //   compose_peers [FRAMES]
 #include <cstdio>
@@ -48,8 +48,8 @@ class FilteredMosaic {
     MakeGraph(workload, ours);
   }
 
-  // One frame: every source gets its picture and the sink gives the composed one. The overlay
-  // filter draws on a copy of its input, whether or not anything else refers to it.
+  // One frame: every source gets its frame and the sink gives the composed one. The overlay filter
+  // draws on a copy of its input, whether or not anything else refers to it.
   Nanoseconds Compose() {
     ++frame_;
     const auto pts = static_cast<std::int64_t>(frame_);

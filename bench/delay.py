@@ -1,17 +1,17 @@
 #!/usr/bin/env python3
-"""How long a frame takes from its source to the wall's output, and how far its audio lies beside it.
+"""How long a frame takes from its source to the wall's output, and how far its audio is off.
 
 A clip with a flash and a beep every three seconds is sent to a wall as a transport stream over UDP, and the wall's own
 transport stream is received over UDP. The delay of a flash is the time from the last packet of its frame, as that is
 sent, to the last packet of the composed frame that shows it, as the system receives it.
 
-Nothing that sender and receiver do counts: the clip is encoded before the wall starts, without reordering, and each
-frame leaves as a whole when its time has come, with the audio muxed behind it; what the wall sends is stored with the
+The work of sender and receiver is not measured: the clip is encoded before the wall starts, without reordering, and
+each frame is sent whole at its time, with the audio muxed behind it; what the wall sends is stored with the
 times at which the kernel received it, and decoded when the wall has ended.
 
 Every minute the source stalls for three seconds: in turn its network stops, and what was sent meanwhile comes in a
 burst, and its sender pauses and continues where it was. Flashes that are sent in a burst are not sent at their time and
-do not count, nor do those of the first seconds, while the wall finds out how far ahead of its time a source comes.
+do not count, nor do those of the first seconds, while the wall measures how early a source arrives.
 """
 
 import argparse
@@ -194,7 +194,7 @@ def beeps_of(path):
 
 
 def skews(flashes, beeps):
-    """By how much the beep beside each flash comes later than it."""
+    """By how much the beep of each flash is later than the flash."""
     found = []
     for timestamp, _ in flashes:
         nearest = min(beeps, key=lambda beep: abs(beep - timestamp), default=None)

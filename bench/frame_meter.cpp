@@ -1,6 +1,6 @@
-// What it costs to look whether a picture is black or frozen, beside FFmpeg's two filters for that.
-// Both look at a picture that stands still, the case in which nothing can be left out, in turns and
-// in processor time. The ratio counts.
+// What it costs to find out whether a frame is black or frozen, compared with FFmpeg's two filters
+// for that. Both look at a frozen frame, the case in which nothing can be left out, in turns and in
+// processor time. The ratio counts.
 #include "host/channel/video/frame_meter.h"
 
 #include <vector>
@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr int kBurst = 50;  // pictures
+constexpr int kBurst = 50;  // frames
 
 template <typename Body>
 bench::Nanoseconds TimeOfPicture(Body body) {

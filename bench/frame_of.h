@@ -1,4 +1,4 @@
-// A picture of a benchmark as FFmpeg's filters take it.
+// A frame of a benchmark as FFmpeg's filters take it.
 #pragma once
 
 extern "C" {
@@ -12,7 +12,7 @@ extern "C" {
 
 namespace bench {
 
-// The picture as a frame with memory of its own.
+// The picture as an AVFrame with memory of its own.
 inline host::ffmpeg::Frame FrameOf(const Yv12Picture& picture) {
   host::ffmpeg::Frame frame = host::ffmpeg::MakeFrame();
   frame->format = AV_PIX_FMT_YUV420P;

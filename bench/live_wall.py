@@ -10,7 +10,7 @@ TAVREL_BENCH_MEDIA, otherwise of moving test pictures. The first channel is sele
     hd36    36 channels of 1280x720, 3 Mb/s, on 1920x1080
     udp9     9 channels of 1280x720, 3 Mb/s, over UDP, on 1920x1080
     twice9   9 channels of 1280x720 with 50 frames per second, 4 Mb/s, on 1920x1080; beside --decode full it shows what
-             is saved by not decoding frames that the canvas has no place for
+             is saved by not decoding frames that the canvas does not show
 """
 
 import argparse

@@ -48,8 +48,8 @@ double Median(std::vector<double>& values) {
   return *middle;
 }
 
-// Bursts of the two take turns, so that what else the machine does strikes both. The worker takes
-// messages during a burst, as it does in life, and all of them before the next.
+// Bursts of the two take turns, so that other load on the machine affects both. The worker takes
+// messages during a burst, as it does in the program, and all of them before the next.
 void LogCall(benchmark::State& state) {
   qorp::log::LogPerf logger;
   CountingSink sink;

@@ -1,4 +1,4 @@
-// The mosaics that the drawing is measured with.
+// The mosaics with which drawing is measured.
 #pragma once
 
 #include <algorithm>
@@ -41,8 +41,8 @@ inline constexpr std::array kWorkloads{Workload{"W4", 1920, 1080, 2, 896, 504, 1
                                        Workload{"W16", 1920, 1080, 4, 416, 234, 2.0},
                                        Workload{"W36", 3840, 2160, 6, 512, 288, 1.4}};
 
-// Pictures of one size in rotation, more than the caches hold: each frame of a live mosaic brings
-// new ones.
+// Frames of one size in rotation, more than the caches hold: each frame of a live mosaic brings new
+// ones.
 class PictureRing {
  public:
   PictureRing(std::int32_t width, std::int32_t height, std::size_t count, std::uint32_t seed)
@@ -68,8 +68,8 @@ class PictureRing {
 
 using Nanoseconds = double;
 
-// Processor time of this process, which has one thread: what else runs on the machine does not
-// count, except for what it leaves of the caches.
+// Processor time of this process, which has one thread: other load on the machine does not count,
+// except for its effect on the caches.
 inline Nanoseconds Now() {
   timespec time{};
   clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
@@ -148,7 +148,7 @@ class Mosaic {
     }
   }
 
-  // The next frame: other pictures on another canvas, other levels.
+  // The next frame: other source frames on another canvas, other levels.
   void Prepare() {
     ++frame_;
     for (std::size_t i = 0; i < windows_.size(); ++i) {

@@ -1,10 +1,9 @@
 // A whole wall: 16 channels demultiplexed, decoded, scaled, composed and encoded with the preset
 // "veryfast", audio passed on, in processor time for each composed frame. Beside it, in turns in
 // one run and with the same settings of the encoder: FFmpeg's graph for the same wall (scale,
-// drawtext, xstack, audio copied), GStreamer's compositor where it is installed, and the floor,
-// which is the same streams decoded and the same mosaic encoded with nothing between, the streams
-// side by side as in a wall, and once one by one. Each is a process of its own and runs several
-// times; the median counts.
+// drawtext, xstack, audio copied), GStreamer's compositor where it is installed, and the floor: the
+// same streams decoded, side by side as in a wall and once one by one, and the same mosaic encoded,
+// with nothing in between. Each is a process of its own and runs several times; the median counts.
 //
 //   pipeline [--runs N] [--channels N] [--ffmpeg COMMAND] CLIP ...
 //
@@ -119,7 +118,7 @@ config::Wall WallOf(const Options& options) {
   return wall;
 }
 
-// Nothing of what the composer says.
+// Ignores what the composer logs.
 class Quiet final : public qorp::log::DummyLogPerf {
  public:
   [[gnu::format(printf, 3, 4)]] void log(std::int32_t, const char*, ...) override {}
@@ -162,7 +161,7 @@ void Render(const Options& options, DecodeStep step, const std::string& raw) {
   session.Finish();
 }
 
-// One clip, as its decoder is.
+// Decodes one clip with nothing else.
 void DecodeAlone(const std::string& clip) {
   AVFormatContext* opened = nullptr;
   ffmpeg::Check(avformat_open_input(&opened, clip.c_str(), nullptr, nullptr), "cannot open", clip);
@@ -280,7 +279,7 @@ struct Cost {
   double faults = 0;  // pages
 };
 
-// Runs it as a process of its own. What it prints is a number of seconds to take off.
+// Runs it as a process of its own, which prints the number of seconds to subtract.
 Cost RunApart(const std::function<void()>& body) {
   std::array<int, 2> pipe{};
   if (::pipe(pipe.data()) != 0) {

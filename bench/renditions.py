@@ -3,7 +3,7 @@
 
 Makes one clip in four sizes, serves it as a master playlist on this machine, and runs the same wall of windows
 of 480x270 twice: over the master playlist, and over the playlist of the largest size. The ratio of the two is
-the figure that counts; the second run reads what was read before there was a choice.
+the figure that counts; the second run reads what a wall without a choice of renditions would read.
 """
 
 import argparse

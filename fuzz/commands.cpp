@@ -1,6 +1,6 @@
 // Any lines as requests to a running wall: each is refused with a reason or carried out, and the
-// state is sound afterwards: names differ, windows lie on the canvas, what the state names
-// is there, and it can be shown.
+// state is valid afterwards: names differ, windows lie on the canvas, what the state names exists,
+// and it can be shown.
 
 #include <algorithm>
 #include <chrono>
@@ -20,7 +20,7 @@
 
 namespace host {
 
-// Stands for the one that asks FFmpeg about protocols and formats, which this needs nothing of.
+// Replaces the one that asks FFmpeg for protocols and formats, which this target does not need.
 std::vector<Finding> CheckSource(const config::Channel& /*channel*/) {
   return {};
 }

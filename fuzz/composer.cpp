@@ -1,7 +1,7 @@
 // A composer whose upstream filters and host do whatever they like: any types, any samples with any
-// times and claims, connections made and broken at any moment, any window states. Nothing is read
-// or written outside, no call hangs or throws, every sample is given back, and afterwards the
-// composer composes a decent frame.
+// times and properties, connections made and broken at any moment, any window states. Nothing is
+// read or written outside, no call hangs or throws, every sample is released, and afterwards the
+// composer composes a valid frame.
 
 #include <algorithm>
 #include <array>
@@ -119,7 +119,7 @@ Sample SampleOf(std::size_t bytes, REFERENCE_TIME time) {
   return sample;
 }
 
-// A record of audio levels with meters, most of it as it should be.
+// A record of audio levels with meters, mostly valid.
 std::string AudioRecord(Data& data) {
   std::string record(85, '\0');
   record[0] = record[1] = record[3] = 1;
@@ -198,7 +198,7 @@ class Wall {
       if (IsOutput(i)) {
         continue;
       }
-      // Most units begin with decent connections.
+      // Most inputs begin with valid connections.
       CMediaType type = Proposal(i);
       FUZZ_CHECK(Connect(i, type) == S_OK);
     }
@@ -242,7 +242,7 @@ class Wall {
     }
   }
 
-  // Whatever went before: with decent types, states and pictures a frame leaves.
+  // Whatever went before: with valid types, states and frames a frame is delivered.
   void ComposeDecentFrame() {
     filter_->Stop();
     for (const ComPtr<HostWindow>& window : windows_) {
@@ -332,11 +332,11 @@ class Wall {
     DeleteMediaType(type);
   }
 
-  // A background sample is composed and given back before the next step: what happens is a function
+  // A background sample is composed and released before the next step: what happens is a function
   // of the input.
   void Send(int position, const Sample& sample) {
     static_cast<CBaseInputPin*>(composer_->GetPin(position))->Receive(sample.Get());
-    // One that is kept hangs, and the fuzzer's own limit of time ends it.
+    // If the composer keeps one, this loops until the fuzzer's time limit.
     while (position == 0 && (sample->AddRef(), sample->Release() > 1)) {
       std::this_thread::yield();
     }
@@ -353,7 +353,7 @@ class Wall {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
-  // Keeps the fonts from one unit to the next.
+  // Keeps the fonts from one input to the next.
   static const Compose kFonts(1);
   Data data(bytes, size);
   {

@@ -13,7 +13,7 @@
 
 namespace fuzz {
 
-// Formats every message, for that reads what the composer passes, and keeps none.
+// Formats every message, which reads the arguments of the composer, and keeps none.
 class QuietLogger final : public qorp::log::ILogPerf {
  public:
   [[gnu::format(printf, 3, 4)]] void log(std::int32_t level, const char* format, ...) override {

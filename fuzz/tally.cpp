@@ -1,5 +1,5 @@
 // Any bytes as tally messages of every version, as a datagram, and as a stream in pieces: never
-// more than the bytes can hold, what is read is in range and UTF-8, and nothing piles up.
+// more messages than the bytes can hold, what is read is in range and UTF-8, and nothing piles up.
 
 #include <algorithm>
 #include <cstdint>

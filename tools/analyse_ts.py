@@ -20,7 +20,7 @@ PACKET = 188
 PCR_HZ = 27_000_000
 PCR_WRAP = (1 << 33) * 300
 NULL_PID = 0x1FFF
-SO_RXQ_OVFL = 40  # Linux: the datagrams that the socket had no room for
+SO_RXQ_OVFL = 40  # Linux: the datagrams for which the socket had no room
 
 LIMITS = {  # seconds
     "pat": 0.5,

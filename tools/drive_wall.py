@@ -6,7 +6,7 @@ with the state that was in force: every window is where its layout puts it, in i
 and nothing of another layout is seen. While the wall runs,
 
   random   random commands come over HTTP, the socket and tally, a third of them malformed, and
-           WebSocket clients listen of which some never read
+           WebSocket clients listen, some of which never read
   solo     one channel after the other is shown alone, and all of them again
   reload   the wall file is broken, then has another source for one channel, and SIGHUP comes each
            time; the audio of all other channels must be that of their files, without a gap
@@ -315,8 +315,8 @@ def states_by_frame(listeners):
     if start is None:
         sys.exit("no listener heard of the wall's state")
 
-    # What moves no window (a selection, the audio that is followed) takes effect at another time than
-    # a change of places that is pending; those keep their order.
+    # Commands that move no window (a selection, the audio that is followed) take effect at
+    # another time than a pending change of places; those keep their order.
     def places(state):
         return sorted((c["name"], c["shown"], c["window"] if c["shown"] else 0) for c in state["channels"])
 
@@ -394,7 +394,7 @@ def drive(given, folder):
     faults |= report["late"] > 0 and not given.may_be_late
     if given.scenario == "reload":
         messages = Path(folder, "err").read_text()
-        # What runs before the first command is the start: four seconds, and until the wall answers.
+        # The start, before the first command: four seconds, and until the wall answers.
         wrong = audio_faults(wall, 4000 + (given.seconds - 6) * 1000 // 3)
         if not re.search(r"the wall stays as it is: .*wall\.toml:4:\d+: ", messages):
             wrong.append("no message with the place of the mistake: " + messages[-500:])

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Watches a wall through its page: how old the picture is, and what viewers do to the wall.
+"""Watches a wall through its page: how old the shown frame is, and how viewers affect the wall.
 
 A source draws the number of each of its frames as blocks, which are read back from the page's video
 element. Then many viewers come, some of which never read; a browser is stopped (SIGSTOP); a tab reloads every
@@ -175,7 +175,7 @@ def click(browser, wall, times):
     for _ in range(times):
         ActionChains(browser).send_keys(Keys.ESCAPE).perform()
         wait_for(lambda: not wall.channel()["selected"], "nothing is selected")
-        time.sleep(0.5)  # until the page, too, has heard that
+        time.sleep(0.5)  # until the page has received that, too
         done = len(browser.find_elements(By.CSS_SELECTOR, "#action-list .done"))
         box = browser.find_element(By.CSS_SELECTOR, ".box")
         # As the page has it, because the driver takes its time.

@@ -1,4 +1,4 @@
-// Clips that flash and click at the same moments, and the finding of both in what was recorded.
+// Clips that flash and click at the same moments, and functions that find both in recordings.
 #pragma once
 
 #include <algorithm>
@@ -24,16 +24,16 @@ extern "C" {
 namespace e2e {
 
 struct FlashClip {
-  std::string rate = "25";    // pictures per second, "30000/1001"
+  std::string rate = "25";    // frames per second, "30000/1001"
   std::string codec = "aac";  // of the audio
   std::string sampleRate = "48000";
-  int flashEvery = 25;  // pictures; the third fifth of each time is a flash and a click
+  int flashEvery = 25;  // frames; the third fifth of each period is a flash and a click
   int pictures = 150;
   int size = 32;  // pixels, both ways
   std::string language;
 };
 
-// Writes it; the name of the file decides about the container.
+// Writes the clip; the name of the file decides the container.
 inline void WriteFlashClip(const FlashClip& clip, const std::filesystem::path& file) {
   const host::Ratio rate = *host::config::ParseFrameRate(clip.rate);
   const std::string size = std::to_string(clip.size);
@@ -55,8 +55,8 @@ inline void WriteFlashClip(const FlashClip& clip, const std::filesystem::path& f
 }
 
 // Writes the packets of a file again, the audio `later` behind the video of the same time in the
-// order of the mux (or, negative, before it); the timestamps stay. The name of the file decides
-// about the container.
+// order of the mux (or, negative, before it); the timestamps stay. The name of the file decides the
+// container.
 inline void RemuxWithAudioLater(const std::filesystem::path& from, const std::filesystem::path& to,
                                 host::Time later) {
   AVFormatContext* opened = nullptr;
@@ -104,7 +104,7 @@ inline std::vector<host::AudioPacket> ReadPackets(const std::filesystem::path& f
   settings.decodeAudio = false;
   return host::ReadAll(*host::Opened(settings)).packets;
 }
-// Moments at which the picture becomes bright around each of the points.
+// Moments at which the frame becomes bright around each of the points.
 struct Point {
   int x = 0;
   int y = 0;
@@ -114,7 +114,7 @@ inline std::vector<std::vector<host::Time>> FindFlashes(const std::filesystem::p
   host::MediaReader::Settings settings = host::Source(file);
   settings.options.audio.enabled = false;
   std::vector<std::vector<host::Time>> flashes(points.size());
-  std::vector<bool> bright(points.size(), true);  // so that a start in a flash is none
+  std::vector<bool> bright(points.size(), true);  // so that a start within a flash does not count
   host::ReadEach(*host::Opened(settings), [&](const host::MediaItem& item) {
     const auto* const picture = std::get_if<host::DecodedFrame>(&item);
     for (std::size_t i = 0; picture != nullptr && i < points.size(); ++i) {
@@ -128,7 +128,7 @@ inline std::vector<std::vector<host::Time>> FindFlashes(const std::filesystem::p
   });
   return flashes;
 }
-// Moments at which the audio of a track sets in after silence.
+// Moments at which the audio of a track starts after silence.
 inline std::vector<host::Time> FindClicks(const std::filesystem::path& file, std::size_t track) {
   constexpr float kLoud = 0.25F;
   constexpr host::Time kSilence = 50 * host::kMillisecond;
@@ -156,7 +156,7 @@ inline std::vector<host::Time> FindClicks(const std::filesystem::path& file, std
   return clicks;
 }
 
-// All packets of a file as they are in it, for each of its streams: time of presentation in units
+// All packets of a file as they are in it, for each of its streams: presentation timestamp in units
 // of 100 ns, and bytes.
 struct RawPacket {
   host::Time time = 0;
@@ -183,8 +183,8 @@ inline Demuxed Demux(const std::filesystem::path& file) {
   return streams;
 }
 
-// What FFmpeg's own program says when it decodes the whole file and stops at the first error; empty
-// when it has nothing to say.
+// What `ffmpeg` prints when it decodes the whole file and stops at the first error; empty without
+// errors.
 inline std::string DecodeWhole(const std::filesystem::path& file) {
   const std::string command =
       "ffmpeg -nostdin -v error -xerror -i '" + file.string() + "' -map 0 -f null - 2>&1";

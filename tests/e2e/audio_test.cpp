@@ -31,7 +31,7 @@ struct AudioSource {
   const char* codec;
 };
 
-// All that the wall is to keep in step: four picture rates, every kind of audio that passes
+// All that the wall has to keep in step: four frame rates, every kind of audio that is passed
 // through, and kinds that are encoded.
 constexpr AudioSource kSources[] = {
     {"aac25", ".mkv", "25", 25, "aac"},
@@ -156,8 +156,8 @@ TEST_F(AudioTest, TheMeterMovesWithAudioThatIsMuxedLaterOrEarlier) {
   }
 }
 
-// The packets of a track, if need be without the ADTS headers that containers leave out which have
-// a config of their own.
+// The packets of a track, if need be without ADTS headers, which containers that store the
+// configuration leave out.
 std::vector<std::string> Payloads(const std::filesystem::path& file, std::size_t track,
                                   bool withoutHeaders) {
   std::vector<std::string> payloads;
@@ -195,7 +195,7 @@ TEST_F(AudioTest, ARecordingHasEveryChannelsAudioByteForByteInNamedTracks) {
       }
       const bool hadHeader = std::string(source.name) == "adts2997";
       const bool isAac = std::string(source.codec) == "aac";
-      // A transport stream needs headers: raw AAC gets them, and is the same behind them.
+      // A transport stream needs headers: raw AAC gets them and is the same after them.
       const std::vector<std::string> before =
           Payloads(FileOf(source), 1, hadHeader && !hasAdtsHeaders);
       const std::vector<std::string> after =

@@ -1,4 +1,4 @@
-// Sources that come over the network, and what a wall makes of their troubles.
+// Sources that come over the network, and how a wall handles their failures.
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
@@ -45,7 +45,7 @@ std::string TransportStream(const os::TemporaryFolder& folder, const std::string
   return ReadWholeFile(file);
 }
 
-// Where the slices of its pictures lie: the byte that says what they are.
+// Positions of the slices of its frames: of the byte with their type.
 std::vector<std::size_t> Slices(const std::string& stream) {
   std::vector<std::size_t> slices;
   for (std::size_t at = 0; at + 4 < stream.size(); ++at) {
@@ -58,8 +58,8 @@ std::vector<std::size_t> Slices(const std::string& stream) {
   return slices;
 }
 
-// The same with slices of which no decoder can make anything: their headers name parameters that
-// there are not. Everything around them stays as it was.
+// The same with slices that no decoder can decode: their headers refer to parameters that do not
+// exist. Everything else stays as it was.
 std::string WithoutDecodableFrames(std::string stream, std::size_t from = 0,
                                    std::size_t to = std::string::npos) {
   constexpr std::size_t kPacket = 188;
@@ -73,7 +73,7 @@ std::string WithoutDecodableFrames(std::string stream, std::size_t from = 0,
   return stream;
 }
 
-// The same with stuffing in the place of slices.
+// The same with stuffing instead of slices.
 std::string WithoutFrames(std::string stream) {
   for (const std::size_t slice : Slices(stream)) {
     stream[slice] = 12;
@@ -98,7 +98,7 @@ class IngestTest : public e2e::WallTest {
     channel.options.hold = 4 * kSecond;
     return channel.options;
   }
-  // Until one of the channel's states, from the given one on, is as wanted.
+  // Waits until one of the channel's states, from the given one on, is as wanted.
   bool WaitFor(const std::string& channel, std::size_t from,
                const testing::Matcher<std::string>& wanted) {
     const std::string what =
@@ -111,7 +111,7 @@ class IngestTest : public e2e::WallTest {
     });
   }
 
-  // So much of the wall's time.
+  // Waits for that much of the wall's time.
   static void Pass(const host::WallSession& session, host::Time length) {
     const host::Time end = session.now() + length;
     ASSERT_TRUE(WaitUntil("the wall's clock has moved on", [&] { return session.now() >= end; }));
@@ -141,7 +141,7 @@ TEST_F(IngestTest, ACameraThatFallsSilentIsHeldThenLostAndReturnsByItself) {
     EXPECT_THAT(wall_.channels().States(channel)[1], StartsWith("held: "));
     EXPECT_THAT(wall_.channels().States(channel), Each(Not(HasSubstr("s3cret"))));
   }
-  // It goes from the wall while it does not answer any more.
+  // The wall ends while the camera no longer answers.
   camera.Become(RtspServer::Mood::kMute);
   session->Stop();
 }
@@ -155,13 +155,13 @@ TEST_F(IngestTest, ACameraThatNeverAnswersStopsNobodyFromLeavingIt) {
   open.reset();
   host::MediaReader reader(settings);
   std::thread opening([&] { EXPECT_THROW(reader.Open(), host::MediaError); });
-  std::this_thread::sleep_for(milliseconds(50));  // mostly in the middle of it
+  std::this_thread::sleep_for(milliseconds(50));  // usually in the middle of opening
   reader.Cancel();
   opening.join();
 }
 
-// What a decoder can make nothing of comes with audio, in order and in time.
-TEST_F(IngestTest, PicturesThatCannotBeDecodedAreNoticedThoughPacketsCome) {
+// What no decoder can decode comes with audio, in order and in time.
+TEST_F(IngestTest, FramesThatCannotBeDecodedAreNoticedThoughPacketsCome) {
   const std::string good = TransportStream(folder_, "good");
   const std::string bad = WithoutDecodableFrames(good);
   const std::string empty = WithoutFrames(good);
@@ -176,16 +176,15 @@ TEST_F(IngestTest, PicturesThatCannotBeDecodedAreNoticedThoughPacketsCome) {
   std::size_t states = wall_.channels().States("channel").size();
   sender.SendFromNowOn(good);
   ASSERT_TRUE(WaitFor("channel", states, "live"));
-  // Nothing that the decoder calls damaged, and no picture.
+  // Nothing that the decoder reports as damaged, and no frame.
   states = wall_.channels().States("channel").size();
   sender.SendFromNowOn(empty);
   EXPECT_TRUE(WaitFor("channel", states, "held: it sends, but no picture that can be decoded"));
   session->Stop();
 }
 
-// Of a source with 40 pictures from one keyframe to the next, all that belong to one are
-// damaged.
-TEST_F(IngestTest, WhatFollowsADamagedKeyPictureComesBackWithTheNext) {
+// Of a source with 40 frames from one keyframe to the next, all frames of one GOP are damaged.
+TEST_F(IngestTest, WhatFollowsADamagedKeyframeComesBackWithTheNext) {
   host::ClipRecipe recipe = Recipe(4 * kSecond);
   recipe.videoOptions["g"] = "40";
   const std::filesystem::path file = folder_ / "damaged.ts";
@@ -196,7 +195,7 @@ TEST_F(IngestTest, WhatFollowsADamagedKeyPictureComesBackWithTheNext) {
   EXPECT_GE(reader->damagedPackets(), 40U);
 }
 
-// It is not to be read further: that would fail again, at once and indefinitely.
+// The reader must not continue: that would fail again, at once and indefinitely.
 TEST_F(IngestTest, ASenderThatReturnsFromSilenceInAnotherFormIsOpenedAgain) {
   const std::string silence;
   host::ClipRecipe other = Recipe(2 * kSecond);
@@ -224,8 +223,8 @@ TEST_F(IngestTest, ASenderThatReturnsFromSilenceInAnotherFormIsOpenedAgain) {
   EXPECT_EQ(failure(), "its video has changed its form, finally");
 }
 
-// The buffer of the protocol holds less than half a second of the fast stream: were the reader to
-// wait for the wall, it would overflow, and the channel would fail.
+// The buffer of the protocol holds less than half a second of the fast stream: if the reader waited
+// for the wall, it would overflow, and the channel would fail.
 TEST_F(IngestTest, FastSendersAndThoseThatBeginAgainInterruptNothing) {
   const std::string clip = TransportStream(folder_, "clip");
   const e2e::PacedSender fast(clip, kClipLength, 1.4);
@@ -237,7 +236,7 @@ TEST_F(IngestTest, FastSendersAndThoseThatBeginAgainInterruptNothing) {
   ASSERT_TRUE(WaitFor("fast", 0, "live"));
   ASSERT_TRUE(WaitFor("rtp", 0, "live"));
   for (int i = 0; i < 8; ++i) {
-    changing.ChangeIdentity();
+    changing.ChangeSsrc();
     Pass(*session, kSecond);
   }
   session->Stop();
@@ -259,12 +258,12 @@ TEST_F(IngestTest, ADescriptionOfWhatIsSentIsASource) {
   EXPECT_EQ(info.video->codec + info.audio->codec, "h264aac");
 }
 
-// The entries of a folder of the process's own: its descriptors, its threads.
+// The entries of a folder in /proc/self: descriptors, threads.
 std::ptrdiff_t Count(const char* folder) {
   return std::distance(std::filesystem::directory_iterator(folder), {});
 }
 
-// Those of the process that have that name.
+// The threads of the process with that name.
 std::ptrdiff_t CountThreads(const std::string& name) {
   const std::filesystem::directory_iterator threads("/proc/self/task");
   return std::count_if(begin(threads), end(threads), [&](const auto& thread) {
@@ -299,7 +298,7 @@ TEST_F(IngestTest, AHundredReturnsOfLostSourcesCostNoFrameAndLeaveNothingBehind)
         "the channels have returned", [&] { return returns() >= count; },
         std::chrono::seconds(120)));
   };
-  // What the first wall and its first slate bring into the process stays there.
+  // What the first wall and its first slate load into the process stays there.
   camera.HangUpAfter(milliseconds(300));
   session->Start();
   waitFor(1);

@@ -78,7 +78,7 @@ TEST_P(KillTest, ARecordingPlaysToItsEndWheneverItsProgramIsKilled) {
                                   ? 2U
                                   : static_cast<std::size_t>(GetParam().channels) + 2)
         << "every channel has its track, the one that never came, too";
-    // What the program had given to the container, and what is there: one second of it may lack.
+    // What the program gave to the container, and what is in the file: one second may be missing.
     const double lost =
         static_cast<double>(written) / 25 - static_cast<double>(content[0].size()) / 25;
     mostLost = std::max(mostLost, lost);

@@ -42,7 +42,7 @@ class LabelTest : public e2e::WallTest {
     wall.AddChannel(clip_.string(), kWindow);
     wall.wall().channels[0].label = label;
   }
-  // One in the middle of the clip.
+  // A frame in the middle of the clip.
   std::vector<std::uint8_t> FrameOf(const host::config::Label& label) {
     TestWall wall(kWidth, kHeight);
     AddChannel(wall, label);

@@ -28,7 +28,7 @@ TEST_F(LiveTest, OneStalledChannelTakesNoFrameFromTheWall) {
   silent.Open();
   silent.Write(ReadWholeFile(Clip("start.ts", 25)));  // and nothing more
   wall_.AddChannel(pipe.string(), {0, 0, 64, 48});
-  wall_.wall().channels[0].options.readLimit = 3600 * kSecond;  // nobody drops on it
+  wall_.wall().channels[0].options.readLimit = 3600 * kSecond;  // reading never times out
   for (int i = 0; i < 3; ++i) {
     wall_.AddChannel(Clip("alive" + std::to_string(i) + ".mkv", 25), {100 + 70 * i, 0, 64, 48});
   }

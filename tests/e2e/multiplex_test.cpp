@@ -27,7 +27,7 @@ constexpr int kLength = 12;          // seconds
 constexpr int kGone = 3;
 constexpr int kReturned = 5;
 constexpr int kRenamed = 6;   // the first service
-constexpr int kFrames = 200;  // that each is read for
+constexpr int kFrames = 200;  // that each reader reads
 constexpr std::size_t kPacket = 188;
 
 struct Pids {
@@ -72,7 +72,7 @@ Bytes TablesAt(int second) {
        transport::Packets(0x11, transport::Section(0x42, services, 1, second % 32)), maps});
 }
 
-// The service by itself: a frame tells its number, modulo 100, by its luma.
+// The service by itself; the luma of a frame is its number, modulo 100.
 std::string WriteService(std::size_t service, const std::filesystem::path& file) {
   const auto [map, video, audio] = PidsOf(service, false);
   host::ClipRecipe recipe;
@@ -87,7 +87,7 @@ std::string WriteService(std::size_t service, const std::filesystem::path& file)
   return ReadWholeFile(file);
 }
 
-// Twenty slices a second, each with the tables and a slice of every service that is there.
+// Twenty slices a second, each with the tables and a slice of every present service.
 std::string Multiplex(const std::filesystem::path& folder) {
   constexpr int kSlices = 20 * kLength;
   std::vector<std::string> services;
@@ -163,7 +163,7 @@ class ServiceReader {
         while (static_cast<int>(numbers.size()) < kFrames) {
           const host::MediaItem item = reader.Read();
           if (const auto* const frame = std::get_if<host::DecodedFrame>(&item)) {
-            numbers.push_back(e2e::PictureNumber(frame->frame->data[0][0]));
+            numbers.push_back(e2e::FrameNumber(frame->frame->data[0][0]));
             jumped = jumped || frame->discontinuity;
           }
         }
@@ -251,7 +251,7 @@ TEST_F(MultiplexTest, IsListedAndReadByProgramFromAFileToo) {
   }
 }
 
-// In datagrams that count, of which every tenth is one that a decoder may begin with.
+// Numbered datagrams, of which every tenth is a random access point.
 TEST(SharedReceiver, TakesFromASlowReaderWhatIsOldestAndNothingFromTheOthers) {
   const std::uint16_t port = FreePort(SOCK_DGRAM);
   const host::SourceAddress address("udp://127.0.0.1:" + std::to_string(port));

@@ -15,7 +15,7 @@ namespace {
 using host::kSecond;
 using testing::HasSubstr;
 
-// Somebody at the other end, who reads a second of it.
+// The other end, which reads one second.
 class Receiver {
  public:
   Receiver(const std::string& url, std::map<std::string, std::string> options) {
@@ -80,7 +80,7 @@ class NetworkTest : public e2e::WallTest {
     output.lowDelay = true;
     return output;
   }
-  // Runs the wall live into the outputs until those at the other end have read enough.
+  // Runs the wall live into the outputs until the receivers have read enough.
   void SendTo(const std::vector<host::config::Output>& outputs,
               const std::function<bool()>& allDone) {
     wall_.wall().outputs = outputs;
@@ -88,7 +88,7 @@ class NetworkTest : public e2e::WallTest {
                  [&](host::OutputSet&) { return allDone(); });
   }
 
-  // The frame of a selected window needs room below it.
+  // The selection border needs room below its window.
   e2e::TestWall wall_{160, 48};
 };
 

@@ -47,18 +47,18 @@ TEST_F(OutputsTest, AConsumerThatStopsReadingTakesNothingFromTheOthers) {
   EXPECT_EQ(status[1].overflows, 0U);
   EXPECT_GE(wall_.logger().BufferFull()["output 1"], 3);
   EXPECT_EQ(wall_.logger().BufferFull()["output 2"], 0);
-  // A queue is full once it has reached its limit: one picture more is in it.
+  // A queue is full once it has reached its limit: it holds one frame more.
   EXPECT_LT(mostBytes, 2 * 50'000U);
-  // Full rate: every picture that was composed and for which the encoder had time.
+  // Full rate: every composed frame for which the encoder had time.
   EXPECT_EQ(status[1].video.written + status[1].video.dropped, session->counters().composed);
   EXPECT_EQ(status[1].failure, "");
   EXPECT_EQ(e2e::DecodeWhole(folder_ / "wall.mkv"), "");
-  // 25 pictures and nearly 47 packets of audio in a second; the audio begins later.
+  // 25 frames and nearly 47 packets of audio in a second; the audio begins later.
   EXPECT_GT(2 * e2e::ReadPackets(folder_ / "wall.mkv", 3).size(),
             status[1].video.written * 47 / 25);
 }
 
-// The same encoders feed them all: what one file holds has to be in the others, cut or not.
+// The same encoders feed all outputs: what one file holds has to be in the others, cut or not.
 TEST_F(OutputsTest, TheFilesOfACutRecordingHoldTogetherWhatOneFileWould) {
   AddChannels({"aac", "ac3", "mp2"}, ".ts");
   struct Case {

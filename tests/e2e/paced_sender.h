@@ -37,10 +37,10 @@ class PacedSender {
     return (framing_ == Framing::kRtp ? "rtp://127.0.0.1:" : "udp://127.0.0.1:") +
            std::to_string(port_);
   }
-  // Another clip of the same length, from its beginning; it outlives the sender.
+  // Changes to another clip of the same length, from its beginning; it outlives the sender.
   void SendFromNowOn(const std::string& clip) { clip_ = &clip; }
-  // From now on the packets of RTP are those of another sender, with numbers of its own.
-  void ChangeIdentity() { ++identity_; }
+  // From now on RTP packets have another SSRC and sequence numbers of their own.
+  void ChangeSsrc() { ++ssrc_; }
 
  private:
   void Run() {
@@ -67,8 +67,8 @@ class PacedSender {
     if (framing_ == Framing::kNone) {
       return {};
     }
-    if (sentIdentity_ != identity_) {
-      sentIdentity_ = identity_;
+    if (sentSsrc_ != ssrc_) {
+      sentSsrc_ = ssrc_;
       number_ = static_cast<std::uint16_t>(number_ - 2000);
     }
     std::string header(12, '\0');
@@ -76,7 +76,7 @@ class PacedSender {
     header[1] = 33;
     header[2] = static_cast<char>(number_ >> 8);
     header[3] = static_cast<char>(number_ & 0xFF);
-    header[11] = static_cast<char>(sentIdentity_);
+    header[11] = static_cast<char>(sentSsrc_);
     ++number_;
     return header;
   }
@@ -85,9 +85,9 @@ class PacedSender {
   const std::chrono::duration<double> length_;
   std::atomic<const std::string*> clip_{&first_};
   const Framing framing_;
-  std::atomic<std::uint32_t> identity_{0};
-  std::uint32_t sentIdentity_ = 0;  // sending thread
-  std::uint16_t number_ = 20'000;   // sending thread
+  std::atomic<std::uint32_t> ssrc_{0};
+  std::uint32_t sentSsrc_ = 0;     // sending thread
+  std::uint16_t number_ = 20'000;  // sending thread
   std::atomic<bool> ends_{false};
   const LocalSocket socket_{SOCK_DGRAM};
   const std::uint16_t port_ = FreePort(SOCK_DGRAM);

@@ -14,7 +14,7 @@
 namespace {
 
 using e2e::Frame;
-using e2e::PictureNumber;
+using e2e::FrameNumber;
 using e2e::TestWall;
 using e2e::WriteCountingClip;
 using host::kSecond;
@@ -36,7 +36,7 @@ class RenderTest : public e2e::WallTest {
   TestWall wall_{320, 240};
 };
 
-TEST_F(RenderTest, ShowsEveryClipInItsPlaceFromItsFirstPictureOn) {
+TEST_F(RenderTest, ShowsEveryClipInItsPlaceFromItsFirstFrameOn) {
   struct Case {
     const char* name;
     const char* rate;
@@ -59,11 +59,11 @@ TEST_F(RenderTest, ShowsEveryClipInItsPlaceFromItsFirstPictureOn) {
   for (std::size_t n = 0; n < frames.size(); ++n) {
     ASSERT_EQ(frames[n].time, static_cast<host::Time>(n) * kFrameTime) << "every frame, in order";
     for (const Case& c : cases) {
-      const int number = PictureNumber(wall_.Luma(frames[n], c.window.x + 2, c.window.y + 2));
+      const int number = FrameNumber(wall_.Luma(frames[n], c.window.x + 2, c.window.y + 2));
       ASSERT_GE(number, 0) << c.name << " in frame " << n;
       const double shown = number / c.framesPerSecond;
       const double due = static_cast<double>(frames[n].time) / kSecond;
-      // The nearest picture; of a source that is faster than the canvas, one of those left.
+      // The nearest frame; of a source that is faster than the canvas, one of those left.
       const double pictures = c.framesPerSecond > 25 ? 25 / 1.3 : c.framesPerSecond;
       EXPECT_NEAR(shown, due, 0.5 / pictures + 0.001) << c.name << " in frame " << n;
     }
@@ -73,7 +73,7 @@ TEST_F(RenderTest, ShowsEveryClipInItsPlaceFromItsFirstPictureOn) {
   }
 }
 
-TEST_F(RenderTest, BeginsWithTheFirstPictureAndShowsEachOnceAtTheRateOfTheSource) {
+TEST_F(RenderTest, BeginsWithTheFirstFrameAndShowsEachOnceAtTheRateOfTheSource) {
   for (const char* const rate : {"10/1", "25/2", "24000/1001", "30000/1001", "60/1"}) {
     TestWall wall(64, 48);
     wall.wall().canvas.frameRate = *host::config::ParseFrameRate(rate);
@@ -82,12 +82,12 @@ TEST_F(RenderTest, BeginsWithTheFirstPictureAndShowsEachOnceAtTheRateOfTheSource
     const std::vector<Frame> frames = wall.Render(kSecond);
     ASSERT_GE(frames.size(), 10U);
     for (std::size_t n = 0; n < 10; ++n) {
-      EXPECT_EQ(PictureNumber(wall.Luma(frames[n], 2, 2)), static_cast<int>(n)) << rate;
+      EXPECT_EQ(FrameNumber(wall.Luma(frames[n], 2, 2)), static_cast<int>(n)) << rate;
     }
   }
 }
 
-TEST_F(RenderTest, GivesTheSamePicturesEachTime) {
+TEST_F(RenderTest, GivesTheSameFramesEachTime) {
   for (int i = 0; i < 9; ++i) {
     const std::string rate = i % 3 == 0 ? "25" : i % 3 == 1 ? "30000/1001" : "24";
     wall_.AddChannel(Clip("clip" + std::to_string(i), rate, 30 + 5 * i, "sine=440:d=2"),
@@ -102,12 +102,12 @@ TEST_F(RenderTest, GivesTheSamePicturesEachTime) {
     ASSERT_EQ(first[n].time, second[n].time);
     ASSERT_TRUE(first[n].pixels == second[n].pixels) << "frame " << n << " differs";
   }
-  // 30 to 70 pictures of nine clips, twice.
+  // 30 to 70 frames of nine clips, twice.
   EXPECT_EQ(wall_.logger().Counts().decodedPictures, 2 * 9 * 50);
   EXPECT_EQ(wall_.logger().Counts().discontinuities, 0);
 }
 
-TEST_F(RenderTest, GoesOnWhenChannelsEndOrCannotBeUsed) {
+TEST_F(RenderTest, ContinuesWhenChannelsEndOrCannotBeUsed) {
   WriteWholeFile(folder_ / "notes.mp4", "these are not pictures\n");
   host::ClipRecipe recipe;
   recipe.audio = "sine=440";
@@ -124,11 +124,11 @@ TEST_F(RenderTest, GoesOnWhenChannelsEndOrCannotBeUsed) {
   // To the end of the longest.
   ASSERT_GE(frames.size(), 59U);
   ASSERT_LE(frames.size(), 63U);
-  EXPECT_EQ(PictureNumber(wall_.Luma(frames.back(), 2, 2)), 9) << "its last picture stays";
-  EXPECT_GE(PictureNumber(wall_.Luma(frames.back(), 102, 2)), 58);
+  EXPECT_EQ(FrameNumber(wall_.Luma(frames.back(), 2, 2)), 9) << "its last picture stays";
+  EXPECT_GE(FrameNumber(wall_.Luma(frames.back(), 102, 2)), 58);
   EXPECT_EQ(wall_.Luma(frames.back(), 2, 102), kSlateLuma) << "it says that it is no media file";
   EXPECT_EQ(wall_.Luma(frames.back(), 102, 102), kSlateLuma) << "it says that there is no file";
-  EXPECT_EQ(PictureNumber(wall_.Luma(frames[9 + 25 - 5], 202, 2)), 9) << "held for a second";
+  EXPECT_EQ(FrameNumber(wall_.Luma(frames[9 + 25 - 5], 202, 2)), 9) << "held for a second";
   EXPECT_EQ(wall_.Luma(frames[9 + 25 + 10], 202, 2), kSlateLuma);
   EXPECT_EQ(wall_.Luma(frames.back(), 202, 2), kSlateLuma);
   const host::ChannelLog& channels = wall_.channels();
@@ -140,8 +140,8 @@ TEST_F(RenderTest, GoesOnWhenChannelsEndOrCannotBeUsed) {
   EXPECT_TRUE(channels.Opened("audio")) << "a channel may be heard only";
 }
 
-// A picture that is black from its second second to its fourth, and one that stands still then.
-TEST_F(RenderTest, ShowsTheAlarmsOfPictureAndAudioInTheMeterWhileTheyLast) {
+// Video that is black from its second second to its fourth, and video that is frozen then.
+TEST_F(RenderTest, ShowsTheAlarmsOfVideoAndAudioInTheMeterWhileTheyLast) {
   struct Case {
     const char* name;
     const char* pictures;
@@ -252,7 +252,7 @@ TEST_F(RenderTest, SaysWhyAMeterIsEmpty) {
   EXPECT_EQ(captions.size(), 6U) << "none for the first two, the two undecodable ones alike";
 }
 
-// Its source has the wall's rate, so that no picture is looked at twice.
+// Its source has the wall's rate, so that the composer looks at no frame twice.
 TEST_F(RenderTest, ShowsTheSizeOfAWindowAtWhateverMomentItIsShown) {
   const std::string clip = Clip("steady", "25", 100);
   wall_.AddChannel(clip, {100, 0, 64, 48});
@@ -282,16 +282,16 @@ TEST_F(RenderTest, ShowsTheSizeOfAWindowAtWhateverMomentItIsShown) {
         });
     ASSERT_EQ(frames.size(), 100U) << "a selected window of unknown size stops the wall";
     for (std::size_t n = 2; n < frames.size(); ++n) {
-      ASSERT_EQ(PictureNumber(wall_.Luma(frames[n], 132, 24)),
+      ASSERT_EQ(FrameNumber(wall_.Luma(frames[n], 132, 24)),
                 std::prev(shown.upper_bound(static_cast<std::int64_t>(n + kKeptBack)))->second
-                    ? PictureNumber(wall_.Luma(frames[n], 32, 124))
+                    ? FrameNumber(wall_.Luma(frames[n], 32, 124))
                     : -1)
           << "frame " << n << " of round " << round;
     }
   }
 }
 
-// Sizes, places and showing of all windows change on one composed frame, whatever the rates of
+// Sizes, places and visibility of all windows change on one composed frame, whatever the rates of
 // their sources: neither an old size at a new place, nor one window before another.
 TEST_F(RenderTest, ChangesTheWholeLayoutOnOneFrame) {
   for (const char* const rate : {"25", "2", "50", "30000/1001"}) {
@@ -334,7 +334,7 @@ TEST_F(RenderTest, ChangesTheWholeLayoutOnOneFrame) {
                                       {x + width - 2, y},
                                       {x, y + height - 2},
                                       {x + width - 2, y + height - 2}}) {
-        const int number = PictureNumber(wall_.Luma(frames[n], left, top));
+        const int number = FrameNumber(wall_.Luma(frames[n], left, top));
         ASSERT_EQ(number >= 0, window.isShown)
             << "frame " << n << " of " << in->first << " at " << left << ", " << top;
       }
@@ -364,14 +364,14 @@ TEST_F(RenderTest, FramesThatCannotBeConvertedCostNoOthers) {
   EXPECT_THAT(course, testing::StartsWith("dbdb"));
 }
 
-TEST_F(RenderTest, LeavesAChannelBehindThatStallsForGood) {
+TEST_F(RenderTest, DetachesAChannelThatStallsIndefinitely) {
   Pipe pipe(folder_ / "pipe");
   pipe.Open();
   wall_.AddChannel(pipe.path().string(), {0, 0, 64, 48});
   wall_.AddChannel(Clip("alive", "25", 50), {100, 0, 64, 48});
   const std::vector<Frame> frames = wall_.Render(2 * kSecond, std::chrono::milliseconds(200));
   EXPECT_EQ(frames.size(), 50U);
-  EXPECT_GE(PictureNumber(wall_.Luma(frames.back(), 102, 2)), 20);
+  EXPECT_GE(FrameNumber(wall_.Luma(frames.back(), 102, 2)), 20);
   EXPECT_FALSE(wall_.channels().Failure("pipe").empty());
 }
 

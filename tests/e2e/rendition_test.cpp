@@ -1,4 +1,4 @@
-// Sources of several renditions: which one is read, and how it changes.
+// Sources with several renditions: which one is read, and how it changes.
 #include <algorithm>
 #include <cstdlib>
 #include <map>
@@ -46,7 +46,7 @@ host::ClipRecipe Counting(int width, const std::string& audio) {
   return recipe;
 }
 
-// The server of a master playlist of four sizes, forty seconds of frames that tell their number.
+// The server of a master playlist of four sizes, forty seconds of numbered frames.
 class Playlists {
  public:
   // audioApart: in a playlist of its own.
@@ -71,7 +71,7 @@ class Playlists {
   }
 
   std::string url() const { return server_.UrlOf("master.m3u8"); }
-  // The server has nothing any more, or again, whose name begins so.
+  // Files whose names begin so are missing from now on, or there again.
   void Break(const std::string& name, bool isBroken) {
     const std::lock_guard guard(lock_);
     if (isBroken) {
@@ -80,7 +80,7 @@ class Playlists {
       broken_.erase(name);
     }
   }
-  // The renditions of which segments were asked for since the last call.
+  // The renditions whose segments were requested since the last call.
   std::set<std::string> TakeFetched() {
     const std::lock_guard guard(lock_);
     return std::exchange(fetched_, {});
@@ -139,14 +139,14 @@ struct Reading {
       EXPECT_THAT(change->source, testing::Not(HasSubstr("s3cret")));
     }
   }
-  // Reads until frames come that are as wide; pace: after each frame, as a wall would.
+  // Reads until frames of that width come; pace: after each frame, as a wall would.
   void ReadUntil(int width, std::chrono::milliseconds pace = std::chrono::milliseconds(5)) {
     for (int frames = 0, right = 0; frames < kRenderedFrames;) {
       const host::MediaItem item = reader->Read();
       NoteChange();
       if (const auto* const frame = std::get_if<host::DecodedFrame>(&item)) {
         starts.push_back(frame->start);
-        numbers.push_back(e2e::PictureNumber(frame->frame->data[0][0]));
+        numbers.push_back(e2e::FrameNumber(frame->frame->data[0][0]));
         ++frames;
         if (frame->frame->width == width && ++right > 30) {
           return;
@@ -247,7 +247,7 @@ TEST(Renditions, OfAPlaylistTheRightOneIsReadAndChangesWithoutAGap) {
     reading.wanted->Set({64, 64});
     reading.ReadUntil(64);
     std::set<std::string> last = playlists.TakeFetched();
-    last.erase("512");  // which was read on until then
+    last.erase("512");  // which was read until then
     EXPECT_EQ(last, fetched("64"));
     reading.ExpectWhole();
     EXPECT_THAT(reading.changes,
@@ -257,7 +257,7 @@ TEST(Renditions, OfAPlaylistTheRightOneIsReadAndChangesWithoutAGap) {
   }
 }
 
-// It leaves the rendition that the other one reads, and joins it again.
+// It leaves the rendition that the other window reads, and joins it again.
 TEST(Renditions, OneWindowOfASharedPlaylistChangesWithoutAGapInEither) {
   const Playlists playlists;
   const auto inputs = std::make_shared<host::SharedInputs>();
@@ -300,7 +300,7 @@ TEST_F(RenditionWallTest, AWindowShowsEveryFrameWhenItsSizeChanges) {
   const auto session = wall.MakeLive([&](const ComPtr<IMediaSample>& sample, Time time) {
     BYTE* pixels = nullptr;
     sample->GetPointer(&pixels);
-    shown.emplace_back(time, e2e::PictureNumber(pixels[36 * 160 + 64]));
+    shown.emplace_back(time, e2e::FrameNumber(pixels[36 * 160 + 64]));
   });
   session->Start();
   // The size, and which renditions have been read by then.
@@ -329,7 +329,7 @@ TEST_F(RenditionWallTest, AWindowShowsEveryFrameWhenItsSizeChanges) {
   EXPECT_EQ(wall.channels().States("master"), host::Lines{"live"});
 }
 
-// Two streams of a camera have clocks and timestamps of their own; what they are is learnt.
+// Two streams of a camera have clocks and timestamps of their own, and sizes that are learnt.
 TEST(Renditions, TwoStreamsOfACameraFollowEachOtherWithoutAGap) {
   const TemporaryFolder folder;
   std::vector<std::unique_ptr<e2e::PacedSender>> senders;

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""The wall on a screen: a virtual X display is looked at, clicked into, and taken away."""
+"""The wall on a virtual X display, which is read, clicked into and taken away."""
 import array
 import json
 import os
@@ -107,7 +107,7 @@ def is_near(pixel, colour, tolerance=12):
 
 
 class Shown:
-    """A picture of the display, asked in pixels of the canvas: full screen, the aspect kept."""
+    """A picture of the display, read by canvas pixels: full screen, the aspect kept."""
 
     def __init__(self, display):
         self.width, self.height, self.rgb = display.picture()
@@ -123,7 +123,7 @@ class Shown:
                 for i in range(y * self.width * 3, (y + 1) * self.width * 3, 3)}
 
     def wrong(self):
-        """What differs from the composed picture, without borders."""
+        """What differs from the composed frame, without borders."""
         mistakes = []
         for name, (x, y) in WINDOWS.items():
             for dx, dy in ((8, 8), (SIZE[0] - 9, 8), (8, SIZE[1] - 9), (150, 80)):
@@ -170,7 +170,7 @@ def main(program, picture=None):
         display = Display()
         wall = Wall(program, folder, display)
         try:
-            # The picture on the display is the composed one.
+            # The display shows the composed frame.
             mistakes = ["nothing yet"]
 
             def is_right():
@@ -206,7 +206,7 @@ def main(program, picture=None):
             wait_until("all again", lambda: not [
                 m for m in Shown(display).wrong() if not m.startswith("A")])
 
-            # Without its display the wall runs on; the screen comes back with it.
+            # Without its display the wall continues; the screen comes back with it.
             before = wall.screen()["frames"]
             display.end()
             wait_until("a reason", lambda: wall.said("the connection to its display was lost"))
@@ -219,7 +219,7 @@ def main(program, picture=None):
                 m for m in Shown(display).wrong() if not m.startswith("A")])
             wait_until("frames", lambda: wall.screen()["frames"] > before)
 
-            # The operator closes the window: it stays closed, and the wall runs on.
+            # The operator closes the window: it stays closed, and the wall continues.
             window = subprocess.run(["xdotool", "search", "--name", "wall"], check=True, text=True,
                                     env=display.environment, capture_output=True).stdout.split()[0]
             close_window(display, window)

@@ -1,4 +1,4 @@
-// Sources that several readers have from one demuxer.
+// Sources that several readers share through one demuxer.
 #include <atomic>
 #include <map>
 #include <mutex>
@@ -29,7 +29,7 @@ using std::chrono::milliseconds;
 using support::RtspServer;
 using testing::IsEmpty;
 
-// A frame tells its number, modulo 100, by its luma.
+// The luma of a frame is its number, modulo 100.
 host::ClipRecipe CountingFrames() {
   host::ClipRecipe recipe;
   recipe.name = "Counting";
@@ -100,7 +100,7 @@ class SharingChannel {
         reader_->Open();
         ReadEach(*reader_, [&](const host::MediaItem& item) {
           if (const auto* const frame = std::get_if<host::DecodedFrame>(&item)) {
-            numbers.push_back(e2e::PictureNumber(frame->frame->data[0][0]));
+            numbers.push_back(e2e::FrameNumber(frame->frame->data[0][0]));
             ++frames;
           }
         });
@@ -250,7 +250,7 @@ TEST_F(SharedStreamTest, EachSegmentOfAPlaylistIsRequestedOnceAndAStalledReaderH
   for (int frames = 0; frames < 400;) {
     const host::MediaItem item = stalled->Read();
     if (const auto* const frame = std::get_if<host::DecodedFrame>(&item)) {
-      const int next = e2e::PictureNumber(frame->frame->data[0][0]);
+      const int next = e2e::FrameNumber(frame->frame->data[0][0]);
       ASSERT_TRUE(number < 0 || next == (number + 1) % 100) << "frame " << frames;
       number = next;
       ++frames;
@@ -277,7 +277,7 @@ TEST_F(SharedStreamTest, EachReadsAFileOfAServerFromItsBeginning) {
   EXPECT_EQ(host::ReadAll(*other).pictures.size(), 200U);
 }
 
-// It is announced, or comes with another PMT; one of the two does not want it.
+// The audio is announced, or comes with another PMT; one of the two readers does not want it.
 TEST_F(SharedStreamTest, AudioThatBeginsLaterReachesOneReaderAndInterruptsNoOther) {
   host::ClipRecipe recipe = CountingFrames();
   recipe.length = 3 * kSecond;
@@ -295,7 +295,7 @@ TEST_F(SharedStreamTest, AudioThatBeginsLaterReachesOneReaderAndInterruptsNoOthe
   for (const auto& [before, after] : {std::pair(mute, whole), {alone, fuller}}) {
     Pipe pipe(folder_ / std::to_string(before.size()));
     pipe.Open();
-    // Again and again: a reader gets audio only from when it has chosen it.
+    // Again and again: a reader gets audio only once it has chosen it.
     std::atomic<const std::string*> sent = &before;
     const std::jthread writing([&](const std::stop_token& stop) {
       for (; !stop.stop_requested(); std::this_thread::sleep_for(milliseconds(50))) {

@@ -41,7 +41,7 @@ class StopTest : public testing::Test {
     WriteWholeFile(folder_ / "wall.toml", wall_);
     return {TAVREL_PROGRAM, "run", folder_ / "wall.toml", "--json"};
   }
-  // Until the first of its outputs, or all of them, have two seconds.
+  // Waits until the first of its outputs, or all of them, have two seconds.
   static void WaitForFrames(ChildProcess& program, std::size_t outputs) {
     for (std::uint64_t least = 0; least < 50;) {
       const std::optional<std::string> line = program.ReadLine();
@@ -53,7 +53,7 @@ class StopTest : public testing::Test {
       }
     }
   }
-  // What would hold the end up does so indefinitely.
+  // Anything that delays the end would do so indefinitely.
   static void ExpectEnd(ChildProcess& program) {
     const auto begun = std::chrono::steady_clock::now();
     program.Signal(SIGTERM);
@@ -68,7 +68,7 @@ class StopTest : public testing::Test {
   std::string wall_ = kWall;
 };
 
-// The names of two are never resolved: those calls last five times 30 s, and nothing ends them.
+// Two names are never resolved: those calls take five times 30 s and cannot be ended.
 TEST_F(StopTest, NineDeadSourcesHoldUpNeitherTheEndNorTheRecordings) {
   // They never answer.
   const LocalSocket server(SOCK_STREAM);
@@ -126,7 +126,7 @@ TEST_F(StopTest, AReaderThatIsStuckHoldsUpNothing) {
     std::error_code none;
     return std::filesystem::file_size(folder_ / "wall.mkv", none);
   };
-  // It is written on, once a second, while some lines more find no reader.
+  // The recording grows once a second, while a few more lines find no reader.
   for (int writes = 0; writes < 4; ++writes) {
     for (const auto before = sizeOfRecording(); sizeOfRecording() == before;) {
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -196,7 +196,7 @@ TEST_F(StopTest, DeadMountsKeepAWallNeitherFromStartingNorFromEnding) {
   EXPECT_EQ(rendering.WaitFor(seconds(60)), 75);
 }
 
-// Who starts it again has to know.
+// Whatever restarts the program has to know.
 TEST_F(StopTest, ARunOfWhichNoOutputHasWrittenAnythingHasFailed) {
   const std::string unreachable = "[[output]]\nurl = 'tcp://127.0.0.1:1'\n";
   const auto codeWith = [&](const std::string& outputs) {
@@ -245,7 +245,7 @@ TEST_F(ReopenTest, AFailedConnectionIsClosedBeforeTheDelayAndNotAfterIt) {
     closed = Clock::now();
     close(connection);
   }
-  // By now it is about a second.
+  // The delay is about a second by now.
   const int next = server.Accept();
   EXPECT_GT(Clock::now() - closed, closed - failed);
   session->Stop();

@@ -26,8 +26,8 @@
 
 namespace e2e {
 
-// A clip whose pictures are flat and tell their number: luma 20 + 2 * (number mod 100), coded
-// without loss. audio: an FFmpeg source, empty for none.
+// A clip of flat, numbered frames: luma 20 + 2 * (number mod 100), coded without loss. audio: an
+// FFmpeg source, empty for none.
 inline void WriteCountingClip(const std::filesystem::path& file, int width, int height,
                               const std::string& rate, int pictures,
                               const std::string& audio = {}) {
@@ -40,12 +40,12 @@ inline void WriteCountingClip(const std::filesystem::path& file, int width, int 
   recipe.length = host::FrameStart(pictures, *host::config::ParseFrameRate(rate));
   host::WriteClip(recipe, file);
 }
-// The number of the picture that a luma tells, mod 100; -1 when it is none.
-inline int PictureNumber(std::uint8_t luma) {
+// The frame number that a luma stands for, mod 100; -1 when it is none.
+inline int FrameNumber(std::uint8_t luma) {
   return luma >= 20 && luma <= 218 && luma % 2 == 0 ? (luma - 20) / 2 : -1;
 }
 
-// An output that is quickly encoded, with two keyframes a second.
+// An output with a fast encoder, with two keyframes a second.
 inline host::config::Output To(const std::filesystem::path& url) {
   host::config::Output output;
   output.url = url.string();
@@ -59,7 +59,7 @@ struct Frame {
   std::vector<std::uint8_t> pixels;
 };
 
-// Of composed frames, which the composition thread brings.
+// Counts composed frames, on the composition thread.
 struct FrameCounter {
   void Take(host::Time time) {
     first = count == 0 ? time : first.load();
@@ -130,7 +130,7 @@ class TestWall {
     session.Render(control);
     return frames;
   }
-  // Renders into outputs; what became of each.
+  // Renders into outputs; returns their status.
   std::vector<host::OutputSet::Status> RenderInto(const std::vector<host::config::Output>& outputs,
                                                   std::optional<host::Time> length = std::nullopt) {
     wall_.outputs = outputs;
@@ -183,16 +183,16 @@ inline bool NothingIsLeft() {
   return CUnknown::ObjectsActive() == 0 && canUnload != nullptr && canUnload() == S_OK;
 }
 
-// A test in a folder of its own. Whatever it makes of the composer must be gone with it: every
-// filter, pin, sample and allocator, those of the composer's library too.
+// A test in a folder of its own. All objects of the composer that it makes must be destroyed at its
+// end: every filter, pin, sample and allocator, those of the composer's library too.
 class WallTest : public testing::Test {
  protected:
   void TearDown() override {
     EXPECT_TRUE(NothingIsLeft()) << "a sample, an allocator, a pin or a filter was leaked";
   }
 
-  // Runs the wall live until something is the case with its outputs, which is asked again and
-  // again, a minute at the most; then they are written to their end.
+  // Runs the wall live until a condition of its outputs is met, which is polled for a minute at
+  // most; then they are written to their end.
   std::unique_ptr<host::WallSession> RunLiveUntil(
       TestWall& wall, host::WallSession::Settings settings, const char* what,
       const std::function<bool(host::OutputSet&)>& isSo) {

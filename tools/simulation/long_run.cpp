@@ -43,12 +43,12 @@ using host::kSecond;
 
 // A shorter step than what the source's clock takes for a jump.
 constexpr Time kStep = 9 * kSecond;
-// What the demuxer gives at the end of the pipe may have no timestamps.
+// Packets at the end of the pipe may have no timestamps.
 constexpr Time kUnjudged = 3 * kStep;
 constexpr int kSettling = 10;            // frames
 constexpr int kNoteEvery = 997;          // frames; adding up the heap takes a while
 constexpr int kSize = 32;                // pixels
-constexpr int kMaxIndexEntries = 1'000;  // of the demuxer, so that it is exchanged often enough
+constexpr int kMaxIndexEntries = 1'000;  // of the demuxer: it is replaced often enough
 constexpr std::size_t kAllowedOfWall = 48 << 10;
 constexpr std::size_t kAllowedOfStream = 1 << 20;  // an index may be full or empty
 
@@ -206,7 +206,7 @@ std::vector<std::string> LongStream(Time length, const std::string& format) {
     std::optional<Time> firstAudio;
     const auto check = [&](std::optional<Time>& begin, std::int64_t n, Time start,
                            const char* kind) {
-      // At its begin nobody knows the interval of a stream so slow: its first step may be a jump.
+      // At first the interval of such a slow stream is unknown: its first step may count as a jump.
       if (n < kSettling) {
         begin = start - n * kStep;
         return;

@@ -1,4 +1,4 @@
-// Long runs: what a wall does within years, each with the same objects from begin to end.
+// Long runs: what a wall does within years, each with the same objects from beginning to end.
 #pragma once
 
 #include <string>
@@ -8,14 +8,14 @@
 
 namespace simulation {
 
-// How full the heap is, month by month. Linear growth is seen however slow it is.
+// How full the heap is, month by month. Detects linear growth, however slow it is.
 class HeapTrend {
  public:
-  // allowed: bytes that the least of the last twelfth may lie above the least of the second one.
+  // allowed: bytes by which the minimum of the last twelfth may exceed that of the second one.
   HeapTrend(host::Time length, std::size_t allowed) : length_(length), allowed_(allowed) {}
-  // time: since the begin of the run.
+  // time: since the beginning of the run.
   void Note(host::Time time);
-  // Empty where it is flat, or where the program's allocator keeps no account (sanitizers).
+  // Empty when the heap does not grow, or when the allocator has no statistics (sanitizers).
   std::string Growth() const;
 
  private:

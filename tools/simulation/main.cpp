@@ -1,4 +1,4 @@
-// Runs walls in simulated time and holds them against what must never happen.
+// Runs walls in simulated time and checks them for what must never happen.
 #include <atomic>
 #include <chrono>
 #include <cstdint>

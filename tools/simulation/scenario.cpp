@@ -71,7 +71,7 @@ Fault MakeFault(Dice& dice, const SourceModel& source) {
       break;
     case Kind::kRemuxed:
       fault.length = dice.Between(100, 9000) * kMillisecond;
-      // Beside bursts, or a clock that is wrong by a percent, there would be no room for it.
+      // With bursts, or a clock that is wrong by a percent, there would be no room for it.
       fault.amount = source.burst > 0 || source.jitter > 0 || std::abs(source.drift) > 200
                          ? 0
                          : dice.Between(-900, 900) * kMillisecond;
@@ -130,8 +130,8 @@ SourceModel MakeSource(Dice& dice, Time begin, Time length) {
   // Each of these alone uses up most of the room that a wall has for a source.
   switch (dice.Between(0, 4)) {
     case 0: {
-      // Of frames that are as rare as the lumps, nobody sees how long those are; and what waits for
-      // B-frames waits besides.
+      // If frames are as rare as the bursts, the length of the bursts cannot be seen; and the delay
+      // of B-frames is added.
       const Time reordering = (source.reorder + 1) * host::FrameDuration(source.frameRate);
       if (source.frameRate.value() > 1) {
         source.burst = std::max<Time>(
@@ -173,8 +173,8 @@ std::string Seconds(Time time) {
 
 constexpr Time kMaxAudioSkew = 9 * kSecond / 10;
 
-// A wall with a shorter delay has less room for what its sources do: a part of it goes for the
-// frames that wait.
+// A wall with a shorter delay has less room for irregular sources: frames that wait take a part of
+// it.
 void Shorten(Time& time, Time delay) {
   constexpr Time kUsed = 3 * kSecond / 20;
   time = time * ((delay - kUsed) / kMillisecond) / ((kSecond - kUsed) / kMillisecond);
@@ -192,7 +192,7 @@ void TakeDelay(Scenario& scenario) {
     for (Time* const time : {&source.audioSkew, &source.burst, &source.jitter}) {
       Shorten(*time, scenario.delay);
     }
-    // The levels of late audio need some of it, too.
+    // The levels of late audio need some of the delay, too.
     source.audioSkew = source.audioSkew * 3 / 4;
     source.drift *= static_cast<double>(scenario.delay) / kSecond;
     for (Fault& fault : source.faults) {
@@ -238,7 +238,7 @@ Scenario MakeScenario(std::uint64_t seed, Time length) {
 }
 
 Scenario MakeLongScenario(Time length) {
-  // A channel needs a while after each sleep before it is judged.
+  // A channel needs a while after each sleep before it can be checked.
   constexpr Time kBefore = 16 * kSecond;
   constexpr Time kAfter = 30 * kSecond;
   constexpr Time kDay = 24 * 3600 * kSecond;

@@ -29,7 +29,7 @@ struct Fault {
     kReopened,   // the connection fails and is opened again
     kHidden,     // its window is not shown
     kStarved,    // the channel's streaming thread gets no processor
-    kAsleep,     // the whole machine stands still; what is sent meanwhile is lost
+    kAsleep,     // the whole machine is suspended; what is sent meanwhile is lost
   };
   Kind kind = Kind::kStall;
   Time at = 0;  // on the wall's clock
@@ -46,7 +46,7 @@ struct SourceModel {
   int samplesPerPacket = 1024;
   Time audioSkew = 0;   // by how much its audio is muxed later than the video of the same time
   Time divergence = 0;  // by how much the timestamps of its audio are wrong
-  Time burst = 0;       // sends in lumps of that length
+  Time burst = 0;       // sends in bursts of that length
   Time jitter = 0;      // of the network, per packet
   double drift = 0;     // of its clock, parts per million
   Time firstTimestamp = 0;
@@ -74,10 +74,10 @@ Scenario MakeScenario(std::uint64_t seed, Time length);
 // A wall at 59.94 frames per second that is awake around every wrap of a timestamp of its sources
 // and at the times at which products of times and rates leave 64 bits, and asleep in between.
 Scenario MakeLongScenario(Time length);
-// For people, a line for each source, output and fault.
+// Readable text, a line for each source, output and fault.
 std::string Describe(const Scenario& scenario);
 
-// Numbers that are the same on every machine, unlike those of the library's distributions.
+// Random numbers that are the same on every machine, unlike those of the library's distributions.
 class Dice {
  public:
   explicit Dice(std::uint64_t seed) : engine_(seed) {}

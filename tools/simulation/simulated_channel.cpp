@@ -70,7 +70,7 @@ SimulatedChannel::SimulatedChannel(std::size_t index, const SourceModel* model, 
   settings.channel.name = "channel " + std::to_string(index);
   settings.channel.window = {0, 0, WindowLayout::kWidth, WindowLayout::kHeight};
   settings.canvas = canvas_;
-  // A caption would hide what the window shows.
+  // A caption would cover what is read in the window.
   host::config::AlarmOptions& alarm = settings.channel.options.alarm;
   for (host::config::Alarm* each :
        {&alarm.loss, &alarm.black, &alarm.freeze, &alarm.silence, &alarm.clipping}) {
@@ -166,7 +166,7 @@ void SimulatedChannel::Announce(host::SourceEvent::Kind kind) {
   news.kind = kind;
   news.hasVideo = true;
   news.hasAudio = model_->audio;
-  // A caption about audio that is missing would hide what the window shows.
+  // A caption about missing audio would cover what is read in the window.
   news.audioAbsence = model_->audio ? host::AudioAbsence::kNone : host::AudioAbsence::kOff;
   news.reason = "no data";
   channel_->queue().Push({shown_, shown_, 0, std::move(news)});
@@ -205,7 +205,7 @@ void SimulatedChannel::Show(const Frame& frame) {
   const LONG size = host::FrameBytes(WindowLayout::kWidth, WindowLayout::kHeight);
   ComPtr<IMediaSample> sample = channel_->videoPin().NewFrame(0, span.duration, false, size);
   if (!sample) {
-    // A reader waits here until the streaming thread has handed on what is late.
+    // A reader waits here until the streaming thread has delivered what is late.
     StreamAt(services_.now());
     sample = channel_->videoPin().NewFrame(0, span.duration, false, size);
   }
@@ -221,7 +221,7 @@ void SimulatedChannel::Show(const Frame& frame) {
   WatchLead(services_.now());
 }
 
-// The lead of a source that is pushed shrinks while it is longer than needed.
+// The lead of a push source shrinks while it is longer than needed.
 void SimulatedChannel::WatchLead(Time now) {
   constexpr Time kAmple = host::kSecond / 2;
   constexpr Time kMax = 60 * host::kSecond;

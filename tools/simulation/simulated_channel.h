@@ -23,9 +23,9 @@ struct WindowLayout {
   static constexpr int kHeight = 64;  // a caption leaves the upper part free
 
   static void Write(std::uint8_t* luma, int stride, ContentId id);
-  // None when the window shows something else than a frame of the source.
+  // None when the window shows no frame of the source.
   static std::optional<ContentId> Read(const std::uint8_t* luma, int stride);
-  // Of a pixel of the meter's only bar that is bright when the audio is loud.
+  // Whether a pixel of the meter's only bar is bright, which it is when the audio is loud.
   static bool MeterIsLit(const std::uint8_t* luma, int stride);
 };
 
@@ -48,11 +48,11 @@ class SimulatedChannel final : public host::ChannelObserver {
                    const host::config::Canvas& canvas, const Services& services);
 
   host::ChannelSource& source() { return *channel_; }
-  // When something is to be done: a packet that can be read, the end of a limit.
+  // The time of the next event: a packet that can be read, the end of a limit.
   Time nextRead() const;
-  // Does what is to be done at that moment, which is the wall's time.
+  // Handles the events at that time of the wall.
   void ReadAt(Time now);
-  // The machine has slept: no limit has run meanwhile. The service uses another codec now.
+  // The machine was suspended: no limit has run meanwhile. The service uses another codec now.
   void WakeAt(Time now);
   // Hides or shows the window.
   void PlaceAt(Time now);
@@ -110,7 +110,7 @@ class SimulatedChannel final : public host::ChannelObserver {
   Time opensAt_;
   Time latestPacket_ = 0;
   bool silent_ = false;  // the read limit is over
-  Time shown_ = 0;       // when everything that was queued is shown
+  Time shown_ = 0;       // when everything that was queued has been shown
 };
 
 }  // namespace simulation

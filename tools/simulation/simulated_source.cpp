@@ -70,7 +70,7 @@ void SimulatedSource::Restart(Time at) {
   }
 }
 
-// What would be sent before that time never arrives. The clock of its sender is right.
+// What is sent before that time never arrives. The sender's clock is correct.
 void SimulatedSource::SkipTo(Time time) {
   const Time inEpoch = time - origin_;
   const auto group = static_cast<std::uint32_t>(model_.reorder + 1);
@@ -152,7 +152,7 @@ void SimulatedSource::Generate() {
   }
 }
 
-// The way from the sender to the reader. False when the packet is lost on it.
+// The network between sender and reader. False when it loses the packet.
 bool SimulatedSource::Transmit(SimulatedPacket& packet, Time sent) {
   if ((packet.isVideo && FaultAt(sent, Kind::kVideoAway) != nullptr) ||
       (!packet.isVideo && (FaultAt(sent, Kind::kAudioAway) != nullptr || !audioAllowed_)) ||
@@ -171,7 +171,7 @@ bool SimulatedSource::Transmit(SimulatedPacket& packet, Time sent) {
   }
   Time arrival = sent;
   if (model_.burst > 0) {
-    // Every other lump or so comes in two halves.
+    // About every second burst comes in two halves.
     const Time lump = arrival / model_.burst;
     const bool halved = (static_cast<std::uint64_t>(lump) * 2654435761U >> 7 & 1) != 0;
     const Time half = lump * model_.burst + model_.burst / 2;

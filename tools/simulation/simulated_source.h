@@ -8,9 +8,9 @@
 
 namespace simulation {
 
-// What a frame or a packet of audio is, wherever it is seen again.
+// Identifies a frame or a packet of audio, wherever it is seen again.
 struct ContentId {
-  std::uint32_t epoch = 0;   // counts the senders and their new beginnings
+  std::uint32_t epoch = 0;   // counts senders and their restarts
   std::uint32_t number = 0;  // of the frame or packet in its epoch
 
   bool operator==(const ContentId&) const = default;
@@ -59,7 +59,7 @@ class SimulatedSource {
   bool audioAllowed_ = true;
   std::uint32_t videoCount_ = 0;
   std::uint32_t audioCount_ = 0;
-  std::size_t fault_ = 0;  // the next one whose begin was not dealt with
+  std::size_t fault_ = 0;  // the next one whose beginning was not handled
   std::optional<std::int64_t> damageBit_;
   Time latestArrival_ = 0;
   SimulatedPacket next_;

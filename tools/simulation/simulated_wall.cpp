@@ -39,7 +39,7 @@ constexpr int kMargin = 4;
 constexpr std::size_t kMaxViolations = 5;
 constexpr int kGop = 25;  // frames
 
-// Hears when the composer sets the time of a channel.
+// Notices when the composer sets the time of a channel.
 class Logger final : public qorp::log::ILogPerf {
  public:
   using Resynchronized = std::function<void(std::size_t channel)>;
@@ -75,7 +75,7 @@ host::ffmpeg::Packet VideoPacket(Time time, Time duration, bool key) {
   return packet;
 }
 
-// The queue of an output, what brings its tracks in order, and a consumer that stalls.
+// The queue and the interleaver of an output, and a consumer that stalls.
 class SimulatedOutput {
  public:
   SimulatedOutput(const OutputModel& model, std::size_t channels, Time frameTime)
@@ -88,9 +88,9 @@ class SimulatedOutput {
       Encode();
     }
   }
-  void TakeAudio(std::size_t channel, const AVPacket& packet, Time shift) {
+  void TakeAudio(std::size_t channel, const AVPacket& packet, Time offset) {
     ++counters_.of(static_cast<int>(channel)).received;
-    queue_.PushDropping({static_cast<int>(channel), host::ffmpeg::RefPacket(packet), shift});
+    queue_.PushDropping({static_cast<int>(channel), host::ffmpeg::RefPacket(packet), offset});
   }
   // What its thread does up to that moment.
   void WriteAt(Time now, const host::Interleaver::Write& write) {
@@ -109,7 +109,7 @@ class SimulatedOutput {
     interleaver_->Finish(counted(write));
     interleaver_.reset();
   }
-  // Empty, or what does not add up once it is finished.
+  // Empty, or which counters do not add up once it is finished.
   std::string Account() const {
     if (counters_.of(host::OutputCounters::kVideo).received != frames_) {
       return "frames that never came to an output";
@@ -153,7 +153,7 @@ class SimulatedOutput {
         interleaver_->PushVideo(std::move(packet.packet), counting);
       } else {
         interleaver_->PushAudio(static_cast<std::size_t>(packet.track), std::move(packet.packet),
-                                packet.shift);
+                                packet.offset);
       }
     }
   }
@@ -206,9 +206,9 @@ class SimulatedWall {
     sink_ = host::CompositionSink::Create(
         [this](const ComPtr<IMediaSample>& frame, Time start) { Composed(frame, start); });
     audioSink_ = host::AudioSink::Create(
-        count, [this](std::size_t channel, const host::ffmpeg::Packet& packet, Time shift) {
+        count, [this](std::size_t channel, const host::ffmpeg::Packet& packet, Time offset) {
           for (const auto& output : outputs_) {
-            output->TakeAudio(channel, *packet, shift);
+            output->TakeAudio(channel, *packet, offset);
           }
         });
     for (const OutputModel& output : scenario.outputs) {
@@ -448,7 +448,7 @@ std::vector<std::string> Violations(const Scenario& scenario, const std::string&
 }
 
 Scenario Shrink(Scenario scenario, const std::string& composerLibrary) {
-  // The words of what is violated, without numbers.
+  // The texts of the violations, without numbers.
   const auto words = [](const std::vector<std::string>& violations) {
     std::string kept = violations.empty() ? "" : violations.front();
     std::erase_if(kept,

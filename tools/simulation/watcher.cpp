@@ -14,15 +14,15 @@ using host::kMillisecond;
 using host::kSecond;
 using Kind = Fault::Kind;
 
-// A stretch that is judged. The distance of a source whose clock is wrong changes by a quarter of a
-// second once in a long while, which a stretch has to bear.
+// The length of a stretch that is checked. The delay of a source whose clock is wrong changes by a
+// quarter of a second once in a long while, which a stretch must tolerate.
 constexpr Time kStretch = 20 * kSecond;
 constexpr Time kMaxOffset = 40 * kMillisecond;
 constexpr double kMinNewFrames = 0.98;
 constexpr double kMaxSilent = 0.02;
 constexpr double kMaxWrongMeters = 0.03;
 
-// How long after a fault the channel may need to be itself again.
+// How long a channel may take to recover after a fault.
 Time SettleTime(Kind kind, const SourceModel& model) {
   switch (kind) {
     case Kind::kStall:
@@ -32,7 +32,7 @@ Time SettleTime(Kind kind, const SourceModel& model) {
       return 3 * kSecond;
     case Kind::kRestart:
     case Kind::kRemuxed:
-      // How long its bursts are is learnt again.
+      // The length of its bursts is learnt again.
       return (model.burst > 0 ? 12 : 3) * kSecond;
     default:
       return 12 * kSecond;
@@ -169,7 +169,7 @@ void Watcher::Judge(Time time) {
     violated_(where + std::to_string(stretch_.newFrames) + " new frames instead of " +
               std::to_string(static_cast<int>(expected) + 1));
   }
-  // A slow source's frame stands for the time around it or after it.
+  // A frame of a slow source covers the time around it or after it.
   const Time frameTime = host::FrameDuration(model_->frameRate);
   const Time mostOffset = kMaxOffset + std::max<Time>(frameTime - kMaxOffset, 0) / 2;
   const Time lateness = stretch_.latenesses > 0 ? stretch_.lateness / stretch_.latenesses : 0;

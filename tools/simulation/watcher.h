@@ -1,4 +1,4 @@
-// Watcher: holds what a channel shows and sounds like against what its source sent.
+// Watcher: compares the frames and audio of a channel with what its source sent.
 #pragma once
 
 #include <cstdint>

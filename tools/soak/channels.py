@@ -9,7 +9,7 @@ import recording
 from wall import FRAME_RATE
 
 FRAME = 1 / FRAME_RATE    # seconds
-SETTLE = 3.0              # seconds of a condition before it is judged
+SETTLE = 3.0              # seconds of a condition before it is checked
 LEAST_JUDGED = 0.25       # of the time of all conditions
 NEW_FRAMES = 0.98         # of the frames of a channel
 IN_SYNC = 0.04 + FRAME    # seconds between audio and video, and what a frame leaves open
@@ -143,7 +143,7 @@ class Window:
         second = round(length / clips.BEEP) - 1
         i = bisect.bisect_right(self.times, time) - 1
         clip = clips.BY_NUMBER.get(self.codes[i] >> clips.FRAME_BITS)
-        # A gap may make a short beep of a long one; it is a failure of its own.
+        # A gap may shorten a long beep; it is a failure of its own.
         cut = any(time - 1 < gap < time + length + 1 for gap, _ in self.gaps)
         if cut or clip is not None and self.moves(i, clip):
             tally.audio_seconds -= 1

@@ -1,19 +1,20 @@
 """The clips that the senders send: moving test pictures that can be recognised in the wall's recording.
 
-Every clip but the black and the still one carries a code: two rows of cells over its picture, black or white,
-the lower row the complement of the upper one. The cells are a number of the clip (4 bits) and of the frame in it
+Every clip but the black and the still one carries a code: two rows of cells in each frame, black or white,
+the lower row the complement of the upper one. The cells hold the number of the clip (4 bits) and of the frame in it
 (12 bits), the highest bit first. Its audio is a quiet tone with a loud beep at every second; the length of the
-beep tells the second modulo 4.
+beep gives the second modulo 4.
 """
 
 import dataclasses
 import subprocess
 
-SECONDS = 40         # of a clip, a multiple of four; the senders repeat it
+SECONDS = 40         # length of a clip, a multiple of four; the senders repeat it
 CELLS = 16           # in a row of the code
 CLIP_BITS = 4
 FRAME_BITS = CELLS - CLIP_BITS
-# Of the code in the picture, as fractions of its width and height: clear of the meter and of captions.
+# Of the code in the frame, as fractions of its width and height: clear of the meter and of
+# captions.
 CODE_LEFT, CODE_WIDTH = 1 / 8, 3 / 4
 CODE_TOP, CODE_HEIGHT = 1 / 5, 1 / 6
 CHANNELS = {"mono": 1, "stereo": 2, "4.0": 4}

@@ -1,4 +1,4 @@
-"""The faults that are injected into each channel, by a script of its own seed."""
+"""The faults that are injected into each channel, by a script with a seed of its own."""
 
 import contextlib
 import dataclasses
@@ -121,7 +121,7 @@ class Script(threading.Thread):
         time.sleep(length)
         self.relay.expect_return()
         before, after = CLIPS[self.sender.clip], CLIPS[clip or self.sender.clip]
-        # Other codecs are opened again, and the keyframe that told them is over by then.
+        # Other codecs are opened again, and the keyframe that showed them is over by then.
         self.keyframe_after = max(0.0, after.keyframe_interval - 1) if before.codecs != after.codecs else 0.0
         self.sender.restart(clip or self.sender.clip)
         self.back(kind, length)
@@ -131,7 +131,7 @@ class Script(threading.Thread):
         self.kill("change", 0, self.random.choice(MOVING))
 
     def away(self):
-        # Longer than reading may take and the frame is held: lost; and back with something else.
+        # Longer than the read limit and the hold time: lost; and back with something else.
         self.kill("away", self.random.uniform(6, 9), self.random.choice(MOVING))
 
     def stall(self):

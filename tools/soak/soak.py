@@ -5,8 +5,8 @@ Senders of FFmpeg's tools send small clips over loopback (UDP, RTP, and SRT from
 `tavrel run`, whose status and events are read, as are its two outputs: a recording and a pipe. A seeded script for
 each channel injects the faults. The verdict:
 
-  frames    every tick of the wall's clock gave a frame or was counted as late or as without a free buffer; every frame is in each
-            output or counted as dropped, and the timestamps have no other gaps
+  frames    every tick of the wall's clock gave a frame or was counted as late or as without a free buffer; every
+            frame is in each output or counted as dropped, and the timestamps have no other gaps
   return    each channel is live again within the limit after the first packet of its source
   alarms    a lost, a frozen, a black and a silent channel raised their alarms in time
   channels  from three seconds after a fault on, and under the faults that a wall is to absorb (bursts, audio muxed
@@ -16,8 +16,8 @@ each channel injects the faults. The verdict:
   memory    and descriptors of the wall's process do not grow
   end       the wall ends in good order, without a sanitizer's report; no thread of the soak itself died
 
-What a busy machine delays is no fault of the wall: frames that it counts as late extend the limits, and around them
-the channels are not judged.
+Delays of a busy machine are no failure of the wall: frames that it counts as late extend the limits, and channels are
+not checked around them.
 """
 
 import argparse
@@ -85,7 +85,7 @@ class Run:
         threading.excepthook = self.note_dead_thread
 
     def note_dead_thread(self, death):
-        """Without it the rest would be judged: channels that no script disturbs any more pass."""
+        """Fails the run: channels that no script disturbs any more would pass."""
         traceback.print_exception(death.exc_type, death.exc_value, death.exc_traceback)
         name = type(death.thread).__name__ if death.thread else "a thread"
         self.dead_threads.append(f"{name} of the soak died: {death.exc_type.__name__}: {death.exc_value}")

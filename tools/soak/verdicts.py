@@ -1,4 +1,4 @@
-"""What the wall's reports and its outputs are held against.
+"""Checks of the wall's reports and its outputs.
 
 Each function prints its figures and returns what failed.
 """
@@ -20,8 +20,8 @@ def flat(samples, index, slack):
 
 
 def judge_clock(wall):
-    # A machine that stood for some seconds counts what it missed when it continues: the count may be off for a
-    # moment, but it comes back to the clock.
+    # A machine that was suspended for some seconds counts missed frames when it continues: the
+    # count may be off for a moment, but then agrees with the clock again.
     statuses = [status for _, status in wall.statuses]
     off = [abs(s["frames"] + s["late"] + s["no_free_buffer"] - s["clock"] * FRAME_RATE) for s in statuses]
     worst = max((min(off[i:i + 5]) for i in range(max(1, len(off) - 4))), default=float("inf")) if off else float("inf")

@@ -199,7 +199,7 @@ std::string UseSource(TableReader& reader, const FileContext& context, const cha
 
 constexpr const char* kSources = "sources";
 
-// A text, or a table that says the size, too.
+// A text, or a table that also gives the size.
 void ReadRendition(TableReader& reader, const FileContext& context, const toml::node& node,
                    Channel& channel) {
   RenditionSource rendition;

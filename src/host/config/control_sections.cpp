@@ -78,7 +78,7 @@ void ReadBits(TableReader& reader, const char* key, std::vector<int>& bits) {
   bits = given;
 }
 
-// It may be added while the wall runs.
+// Only warns: the channel may be added while the wall runs.
 void CheckChannel(Position position, const std::string& name, const Wall& wall,
                   Diagnostics& diagnostics) {
   std::vector<std::string> known;

@@ -83,7 +83,7 @@ constexpr std::array<std::pair<std::string_view, std::string_view>, 26> kOtherWo
     {"avc", "h264"},
 }};
 
-// Letters only and small, so that "Frame-Rate" is near "frame_rate".
+// Letters and digits only, in lower case, so that "Frame-Rate" is near "frame_rate".
 std::string Folded(std::string_view name) {
   std::string folded;
   for (const char c : name) {

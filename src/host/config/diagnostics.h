@@ -22,7 +22,7 @@ struct Position {
 struct Diagnostic {
   enum class Severity {
     kNote,     // nothing is wrong; something that the operator should know
-    kWarning,  // it works, but hardly as it is meant
+    kWarning,  // it works, but probably not as intended
     kError,
   };
   Severity severity = Severity::kError;
@@ -49,7 +49,7 @@ class Diagnostics {
 
   bool HasErrors() const;
   const std::vector<Diagnostic>& all() const { return all_; }
-  // Brings them into the order of the file.
+  // Sorts them by position.
   void Sort();
 
  private:

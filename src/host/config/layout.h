@@ -1,4 +1,4 @@
-// Places the windows of a wall that leaves their places open.
+// Places windows where the wall file does not.
 #pragma once
 
 #include <cstddef>
@@ -24,8 +24,7 @@ const std::vector<std::string>& BuiltInLayouts();
 
 // A label, a file name and a part of a URL: up to 64 letters, digits, blanks, "_-+.".
 bool IsLayoutName(const std::string& name);
-// Of those that every wall has, or one of the names that mean something else: "file", "auto",
-// "solo".
+// One of the built-in layouts, or a name with another meaning: "file", "auto", "solo".
 bool IsReservedLayout(const std::string& name);
 
 // The places of a built-in layout, in the order in which channels fill them, with the same
@@ -36,8 +35,8 @@ std::optional<std::vector<Window>> BuiltInPlaces(const std::string& name, const 
 // One window that is as large as the canvas allows with the label's room under it.
 Window SoloWindow(const Canvas& canvas, const LayoutRules& rules, bool label);
 
-// Lies inside the canvas, a pixel away from its right and bottom edges at least: its selection
-// border can be drawn.
+// Whether the selection border can be drawn: the window lies inside the canvas and at least a pixel
+// away from its right and bottom edges.
 bool CanBeSelected(const Window& window, const Canvas& canvas);
 
 }  // namespace host::config

@@ -16,7 +16,7 @@ namespace host::config {
 // Relative paths in a wall file start at its own folder.
 struct FileContext {
   std::filesystem::path folder;
-  bool complete = true;  // false: what is missing may stand in a line with a mistake
+  bool complete = true;  // false: what is missing may be in a line with a mistake
 };
 
 // A URL as it is, a path joined to the folder of the wall file.
@@ -58,7 +58,7 @@ inline constexpr int kMaxTallyIndex = 65534;
 
 // [control] and [tally]
 void ReadControl(TableReader& reader, const FileContext& context, ControlOptions& control);
-// Channels of the wall that displays name are there already.
+// The wall's channels, which displays refer to, have been read.
 void ReadTally(TableReader& reader, Wall& wall);
 
 // [[output]]

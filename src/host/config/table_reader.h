@@ -1,4 +1,4 @@
-// Reads the keys of one TOML table and reports the rest.
+// Reads the keys of one TOML table and reports unknown ones.
 #pragma once
 
 #include <cstdint>
@@ -18,12 +18,12 @@ namespace host::config {
 
 Position PositionOf(const toml::node& node);
 
-// Each operation looks one key up, checks its type and range, and gives nothing, with a diagnostic
-// where there is a mistake, when the value cannot be used. Finish then reports every key that
+// Each operation looks up one key and checks its type and range. It returns nothing when the key is
+// absent or, with a diagnostic, when the value cannot be used. Finish then reports every key that
 // was not looked up. One table, one reader.
 class TableReader {
  public:
-  // title: how messages call the table, for example "[wall]".
+  // title: the table's name in messages, for example "[wall]".
   TableReader(const toml::table& table, std::string title, Diagnostics& diagnostics)
       : table_(table), title_(std::move(title)), diagnostics_(diagnostics) {}
 
@@ -35,7 +35,7 @@ class TableReader {
   std::optional<std::string> Text(std::string_view key);
   // A text that is not empty.
   std::optional<std::string> FilledText(std::string_view key);
-  // The number of the choice.
+  // The index of the choice.
   std::optional<std::size_t> Choice(std::string_view key, const std::vector<std::string>& choices);
   // Seconds as a number, or a text with a unit.
   std::optional<Time> Duration(std::string_view key, Time least, Time most);

@@ -24,13 +24,13 @@ bool IsArrayOfTables(const toml::node& node) {
   return first != nullptr && !first->is_inline();
 }
 
-// A value that stands in one place: no table that has headers or dotted keys.
+// A value in one place: not a table with headers or dotted keys.
 bool IsValue(const toml::node& node) {
   const toml::table* const table = node.as_table();
   return table != nullptr ? table->is_inline() : !IsArrayOfTables(node);
 }
 
-// Calls visit for every value of a table, whatever headers and dotted keys it stands under.
+// Calls visit for every value of a table, under all its headers and dotted keys.
 template <typename Visit>
 void ForEachValue(const toml::node& node, const Visit& visit) {
   if (IsValue(node)) {
@@ -74,7 +74,7 @@ TomlEditor::TomlEditor(std::string text)
   });
 }
 
-// Columns count characters, and a byte order mark is none.
+// Columns count characters, but not a byte order mark.
 std::size_t TomlEditor::OffsetOf(const toml::source_position& position) const {
   constexpr std::string_view kMark = "\xEF\xBB\xBF";
   std::size_t offset = lines_.at(position.line - 1);
@@ -153,7 +153,7 @@ TomlEditor::Range TomlEditor::BlockOf(const toml::table& table) const {
     --first;
   }
   const std::size_t last = LastLine(table);
-  // Comments directly below belong to it unless they stand above something else.
+  // Comments directly below belong to it unless something else follows them directly.
   std::size_t after = last;
   while (after < lines_.size() && IsComment(Line(after + 1))) {
     ++after;
@@ -163,7 +163,7 @@ TomlEditor::Range TomlEditor::BlockOf(const toml::table& table) const {
 }
 
 void TomlEditor::Set(const toml::table& table, const Path& path, const std::string& value) {
-  const toml::table* owner = &table;  // whose body a new line stands in
+  const toml::table* owner = &table;  // whose body gets a new line
   Path rest;                          // keys from there
   const toml::table* at = &table;
   for (std::size_t i = 0; i < path.size(); ++i) {
@@ -265,7 +265,7 @@ void TomlEditor::Arrange(const toml::array& tables, std::span<const Element> wan
       stays[*element.index] = true;
     }
   }
-  // A place for each one that stays, or one at all.
+  // Each table that stays has a place; if none stays, the first place is used.
   if (std::find(stays.begin(), stays.end(), true) == stays.end()) {
     stays.at(0) = true;
   }
@@ -286,7 +286,7 @@ void TomlEditor::Arrange(const toml::array& tables, std::span<const Element> wan
   std::size_t taken = 0;
   std::size_t done = 0;  // where the range before ends
   for (std::size_t i = 0; i < blocks.size(); ++i) {
-    // Is part of the texts by now.
+    // Edits within the block are in the texts by now.
     const Range& own = blocks[i];
     insertions_.erase(insertions_.upper_bound(own.begin), insertions_.upper_bound(own.end));
     replacements_.erase(replacements_.lower_bound(own.begin), replacements_.lower_bound(own.end));
@@ -296,7 +296,7 @@ void TomlEditor::Arrange(const toml::array& tables, std::span<const Element> wan
       text = std::move(texts[taken++]);
       text += own.end < text_.size() && !text.ends_with('\n') ? eol_ : "";
     } else {
-      // With the blank lines behind it, at the end of the text with those before it.
+      // Removed with the blank lines after it, at the end of the text with those before it.
       while (range.end < text_.size() && IsBlank(LineAt(range.end))) {
         range.end = LineEnd(range.end);
       }

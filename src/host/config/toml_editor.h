@@ -14,10 +14,10 @@
 
 namespace host::config {
 
-// Works on the source regions that the parser gives: what somebody wrote (comments, order, forms of
-// values, line ends) is copied, edits are put in between. One edit for each value. What cannot be
-// expressed, such as a value of a table that is spread over several headers, leads to a text that
-// says something else or is not valid: the caller reads the result again.
+// Works on the source regions that the parser gives: what the author wrote (comments, order, forms
+// of values, line ends) is copied, edits are put in between. One edit for each value. What cannot
+// be expressed, such as a value of a table that is spread over several headers, results in a wrong
+// or invalid text: the caller reads the result again.
 class TomlEditor {
  public:
   using Path = std::vector<std::string>;
@@ -29,9 +29,9 @@ class TomlEditor {
   const std::string& eol() const { return eol_; }
 
   // table: the root, or one that has a header of its own. path: keys from there. value: as TOML
-  // writes it. A value takes the place of the former one; a new key stands at the end of its table.
+  // writes it. It replaces the former value; a new key is added at the end of its table.
   void Set(const toml::table& table, const Path& path, const std::string& value);
-  // With its line, or out of its inline table. Nothing happens when there is none.
+  // Removes a key with its line, or from its inline table. Does nothing when there is none.
   void Remove(const toml::table& table, const Path& path);
 
   // A table of an array of tables, as it is (index) or a new one (text, with its header).
@@ -40,8 +40,7 @@ class TomlEditor {
     std::string text;
   };
   // The tables of the array in this order, each with the comments directly above it. Those that
-  // stay share their places; a new one follows the one before it. lead: stands before the first
-  // one.
+  // stay share their places; a new one follows the one before it. lead: text before the first one.
   void Arrange(const toml::array& tables, std::span<const Element> wanted, const std::string& lead);
 
   std::string Text() const;
@@ -65,16 +64,16 @@ class TomlEditor {
   bool HasHeader(const toml::table& table) const;
   // After the last line of the table's own keys.
   std::size_t EndOfBody(const toml::table& table) const;
-  // The last line that anything of the node stands on.
+  // The last line of the node and all that is in it.
   std::size_t LastLine(const toml::node& node) const;
   bool IsWithinValue(std::size_t line) const;
-  // Where the table's header and keys stand, with the comments that belong to it.
+  // The range of the table's header and keys, with the comments that belong to it.
   Range BlockOf(const toml::table& table) const;
   void Insert(std::size_t offset, const std::string& text) { insertions_[offset] += text; }
   void InsertInline(const toml::table& table, const std::string& entry);
   void RemoveInline(const toml::table& table, const toml::node& value);
   void RemoveLines(const toml::node& node);
-  // With the edits. An insertion belongs to what ends at its offset.
+  // The range with the edits. An insertion belongs to what ends at its offset.
   std::string Copy(Range range) const;
 
   const std::string text_;

@@ -46,7 +46,7 @@ std::optional<Url> ParseUrl(std::string_view text) {
   url.path = parts->path;
   url.query = ParseQuery(parts->query.value_or(std::string_view()));
   const std::string_view authority = parts->address;
-  // An IPv6 address stands in brackets, because it holds colons itself.
+  // An IPv6 address is in brackets, because it contains colons.
   const std::size_t bracket = authority.starts_with('[') ? authority.find(']') : 0;
   const std::size_t colon = authority.find(':', std::min(bracket, authority.size()));
   std::string_view host = authority.substr(0, colon);

@@ -23,8 +23,8 @@ struct Url {
 // None for a text without "://".
 std::optional<Url> ParseUrl(std::string_view text);
 
-// Whether an address waits for the other end to come: "listen" or "mode=listener", in its query or
-// among the options of FFmpeg.
+// Whether an address waits for the other end to connect: "listen" or "mode=listener", in its query
+// or among the options of FFmpeg.
 bool Listens(const Url& url, const std::map<std::string, std::string>& options);
 
 // "-", "pipe:" and "pipe:N": a stream of the process itself.
@@ -32,14 +32,13 @@ bool IsProcessStream(std::string_view text);
 
 // "screen:" and "screen:N": a display of this machine.
 bool IsScreen(std::string_view text);
-// The display's number, 0 without one; none when it is none from 0 to 15.
+// The display's number, 0 without one; none when it is not 0 to 15.
 std::optional<int> DisplayOf(std::string_view screen);
 
 inline constexpr const char* kDisplayForm =
     "names no display: it is written as \"screen:\", or \"screen:1\" for the second of up to 16";
 
-// The path that a text names: the text itself, or what follows "file:" (in any case, with or
-// without
+// The path that a text names: the text itself, or what follows "file:" in any case (with or without
 // "//" and "localhost"). None for other URLs and for streams of the process.
 std::optional<std::string> LocalPath(std::string_view text);
 

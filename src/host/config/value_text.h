@@ -1,4 +1,4 @@
-// The forms in which a wall file writes values that are more than a number, file names included.
+// Values that a wall file writes as text, names of files with patterns included.
 #pragma once
 
 #include <cstdint>
@@ -38,8 +38,8 @@ std::optional<Time> ParseDuration(std::string_view text);
 // The number of a program from 1 to 65535, or otherwise the name of a service.
 ProgramChoice ParseProgram(const std::string& text);
 
-// The delay of a wall that is shorter than the longest one by whole frames and nearest to this one:
-// frames that were chosen for the grid of the canvas stay on it.
+// The delay nearest to this one that is shorter than kMaxDelay by whole frames: frames stay on the
+// grid of the canvas.
 Time DelayInFrames(Time delay, Ratio frameRate);
 
 // "800k", "6M", "6000000": bits per second.
@@ -76,7 +76,7 @@ std::optional<Rgb> ParseRgb(std::string_view text);
 inline constexpr const char* kPatternForms =
     "%Y, %m, %d, %H, %M, %S, %j, %y, %F, %a, %b, and %% for a percent sign";
 
-// What is wrong with a pattern, as what follows its name in a sentence; none when nothing is.
+// What is wrong with a pattern, as what follows the key in a sentence; none when it is valid.
 std::optional<std::string> PatternMistake(const std::string& pattern);
 // The name at that moment. The pattern has no mistake.
 std::string ExpandPattern(const std::string& pattern, const std::tm& time);

@@ -22,8 +22,8 @@ struct Endpoint {
   bool operator==(const Endpoint&) const = default;
 };
 
-// As the arguments, the environment or a wall file give it; what none of them gives is left to the
-// program.
+// As the arguments, the environment or a wall file give it; what none of them gives has the
+// program's default.
 struct LogOptions {
   std::optional<int> level;                       // 0 errors to 3 everything
   std::optional<std::filesystem::path> file;      // circular log file; empty: none
@@ -81,7 +81,7 @@ struct Window {
   bool operator==(const Window&) const = default;
 };
 
-// How windows are placed that the wall file leaves open, and those of the built-in layouts.
+// How windows that the wall file does not place, and those of the built-in layouts, are placed.
 struct LayoutRules {
   std::optional<int> columns;    // none: as many as give the largest windows
   std::optional<int> gap;        // pixels between windows; none: a 135th of the canvas's height
@@ -158,8 +158,8 @@ enum class DeinterlaceMode {
 struct AudioOptions {
   bool enabled = true;  // a track of the outputs, and levels
   bool meter = true;    // levels are drawn
-  std::size_t track =
-      0;  // counted from 1; 0: chosen by language, otherwise the source's first choice
+  // Counted from 1; 0: chosen by language, otherwise the source's first choice.
+  std::size_t track = 0;
   std::string language;  // ISO 639; chooses the track, and names it where the source does not
   bool operator==(const AudioOptions&) const = default;
 };
@@ -269,7 +269,7 @@ struct Output : Encoding {
   std::string url;     // as for a channel's source
   std::string format;  // empty: by the name
   bool audio = true;
-  // How long a live output waits at its start for what is not known yet of the channels' audio.
+  // How long a live output waits at its start for audio formats that are not known yet.
   Time audioWait = 700 * kMillisecond;
   bool overwrite = false;                      // a file that exists is replaced
   Time segment = 0;                            // length of the files of a recording; 0: one file
@@ -289,7 +289,7 @@ struct Screen {
   bool operator==(const Screen&) const = default;
 };
 
-// What is sent to those who look at the running wall over HTTP.
+// What viewers of the running wall get over HTTP.
 struct PreviewOptions {
   bool enabled = true;
   int width = 960;  // pixels; the largest size of the canvas's shape that fits is sent
@@ -349,8 +349,9 @@ struct Wall {
   std::vector<Layout> layouts;  // the file's own
   int spare = 0;                // channels that can be added while the wall runs
   bool follow = false;          // outputs have one more track: the audio of the channel followed
-  // In which a running wall begins: "auto", "file" (the windows of the file), a built-in one, or
-  // one of the file or of the book beside it. Empty: "auto" or "file", by placesWindows.
+  // The layout with which a running wall begins: "auto", "file" (the windows of the file), a
+  // built-in one, or one of the file or of the book beside it. Empty: "auto" or "file", by
+  // placesWindows.
   std::string layout;
   ControlOptions control;
   TallyOptions tally;

@@ -39,7 +39,7 @@ std::string Value(const Window& window) {
          Value(window.height) + "]";
 }
 
-// A path as the file gives it: from its own folder, if it lies there.
+// A path as the file gives it: relative to its folder, if it lies there.
 std::string PathValue(const std::filesystem::path& path, const std::filesystem::path& folder) {
   const std::filesystem::path relative =
       folder.empty() ? path : path.lexically_relative(folder.lexically_normal());
@@ -51,12 +51,12 @@ std::string SourceValue(const std::string& source, const std::filesystem::path& 
   return LocalPath(source) ? PathValue(source, folder) : QuotedToml(source);
 }
 
-// The keys of one channel that have to change, from what its table says to what it is to say.
+// The keys of one channel that have to change so that its table gives the wanted channel.
 class ChannelEdits {
  public:
   struct Edit {
     TomlEditor::Path path;
-    std::optional<std::string> value;  // none: the key goes
+    std::optional<std::string> value;  // none: the key is removed
   };
 
   // table: of the channel in the file, maybe empty; base: what it is without keys.
@@ -176,7 +176,7 @@ class ChannelEdits {
   struct Detail {
     const char* key;
     bool differs;
-    std::optional<std::string> value;  // none: cannot be said, only left out
+    std::optional<std::string> value;  // none: the key is left out
   };
 
   // A key that may be true, false or a table with the details.
@@ -240,7 +240,7 @@ class ChannelEdits {
   std::vector<Edit> edits_;
 };
 
-// The channel of the file that each wanted one is.
+// For each wanted channel, its channel in the file.
 std::vector<std::optional<std::size_t>> Match(const std::vector<Channel>& file,
                                               const std::vector<Channel>& wanted) {
   std::vector<std::optional<std::size_t>> matches(wanted.size());
@@ -268,7 +268,7 @@ std::vector<std::optional<std::size_t>> Match(const std::vector<Channel>& file,
   throw std::runtime_error(why);
 }
 
-// What the text says after all is what it is to say.
+// Checks that the edited text gives the wanted wall.
 void CheckResult(const std::string& text, const std::filesystem::path& folder, const Wall& wanted,
                  const Wall& before) {
   WallFile result = ParseWall(text, folder);

@@ -22,7 +22,7 @@ struct WallFile {
 // usable.
 WallFile ParseWall(const std::string& text, const std::filesystem::path& folder);
 
-// What a channel is of which nothing is said; number counts from 1.
+// A channel for which no key is given; number counts from 1.
 Channel NewChannel(std::size_t number, const ChannelOptions& defaults);
 
 // A channel of a running wall, or what changes of it: the keys of a [[channel]] as TOML.
@@ -50,9 +50,9 @@ std::string QuotedToml(const std::string& text);
 WallFile ReadWall(const std::filesystem::path& file);
 
 // The text of a wall file without mistakes so that its channels are those of the wall, in their
-// order, and its layout is the wall's; everything else stays, and what says the same already is
-// copied byte for byte. Channels are identified by name, a renamed one by its source. Without
-// windows when the wall places them itself.
+// order, and its layout is the wall's; everything else stays, and what needs no change is copied
+// byte for byte. Channels are identified by name, a renamed one by its source. Without windows when
+// the wall places them itself.
 //
 // folder: of the file. Throws std::runtime_error when the text cannot be edited so that it says
 // just that: it has mistakes, or is written in a form that has no place for the change.

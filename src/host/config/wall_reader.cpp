@@ -50,7 +50,7 @@ std::string_view Between(std::string_view text, std::string_view before, std::st
   return text.substr(0, text.rfind(after));
 }
 
-// The parser's words, shortened; what is given twice said plainly.
+// The parser's message, shortened; in plain words for what is given twice.
 std::string Message(std::string_view description) {
   constexpr std::string_view kTwice = "cannot redefine existing ";
   if (const std::size_t twice = description.find(kTwice); twice != std::string_view::npos) {
@@ -99,7 +99,7 @@ TomlFile ParseToml(const std::string& text, Diagnostics& diagnostics) {
       const std::string_view description = error.description();
       const bool atEnd = description.find("end-of-file") != std::string_view::npos;
       if (atEnd && !file.complete) {
-        // Something that opens in a line that was left out, or that a mistake already named.
+        // Something that opens in a line that was left out, or that was reported already.
         return file;
       }
       file.complete = false;
@@ -153,7 +153,7 @@ bool PlaceWindows(std::vector<ChannelEntry>& entries, const Wall& wall, Position
   }
   for (ChannelEntry& entry : entries) {
     if (!entry.window) {
-      continue;  // said by the caller
+      continue;  // reported by the caller
     }
     const Window& window = *entry.window;
     entry.channel.window = window;
@@ -209,7 +209,7 @@ void CheckNames(const std::vector<ChannelEntry>& entries, Diagnostics& diagnosti
   }
 }
 
-// A channel whose window was given but wrong has its own mistake reported.
+// A window that is given but wrong was reported already.
 void CheckWindowsGiven(const std::vector<const toml::table*>& tables,
                        const std::vector<ChannelEntry>& entries, Diagnostics& diagnostics) {
   const bool any = std::any_of(tables.begin(), tables.end(),

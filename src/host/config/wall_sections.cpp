@@ -110,7 +110,7 @@ void ReadBackground(TableReader& reader, const FileContext& context, Background&
   inner.Finish();
 }
 
-// Besides the frame on show the composer needs two that wait.
+// Besides the frame that is shown, the composer needs two that wait.
 void ReadDelay(TableReader& reader, Canvas& canvas) {
   constexpr const char* kKey = "delay";
   const Time least = std::min(FrameStart(3, canvas.frameRate), kMaxDelay);
@@ -214,7 +214,7 @@ std::optional<std::int32_t> ReadSize(TableReader& reader, const char* key) {
   return size;
 }
 
-// Empty stays empty: it takes back what a default gives.
+// An empty path stays empty: it overrides a default.
 std::optional<std::filesystem::path> ReadFile(TableReader& reader, const char* key,
                                               const FileContext& context) {
   const auto path = reader.Text(key);

@@ -17,14 +17,14 @@ extern "C" {
 namespace host {
 namespace {
 
-// How much of a recording a kill may cost, beside what the encoder holds.
+// How much of a recording a kill may lose, besides what the encoder holds.
 constexpr Time kFlushInterval = kSecond / 2;
 
 // Audio may be written half a second behind the video, which carries the PCR: see Interleaver.
 constexpr Time kDecoderDelay = 700 * kMillisecond;
 constexpr Time kShortDecoderDelay = 200 * kMillisecond;
-// Milliseconds; shorter than a frame: every frame has a PCR up to 50 frames per second. Audio is
-// not collected for larger PES packets, so that it leaves in time.
+// Milliseconds; no longer than a frame: every frame has a PCR up to 50 frames per second. PES
+// packets of audio stay small (pes_payload_size), so that audio leaves in time.
 constexpr const char* kPcrPeriod = "20";
 
 // FFmpeg finds the format of a file by its name, but not that of most URLs.
@@ -54,7 +54,7 @@ void AddNames(const AVClass* const options, int flag, std::vector<std::string>& 
   }
 }
 
-// The protocols that one stands upon take its options, too.
+// The protocols below that of the URL take options, too.
 std::vector<const char*> ProtocolsOf(const std::string& url) {
   const std::optional<config::Url> parsed = config::ParseUrl(url);
   if (!parsed) {
@@ -107,9 +107,9 @@ std::optional<Recording> RecordingIn(const AVOutputFormat& container) {
     return Recording{{{"cluster_time_limit", std::to_string(kFlushInterval / kMillisecond)}}, 0};
   }
   if (Has(container.priv_class, "movflags")) {
-    // The table of all fragments at the end would take memory for each of them until then. Where
-    // tracks of AC-3 are, their description is made of their first packet, so that the header
-    // is written with the first fragment.
+    // skip_trailer: the table of fragments at the end would need memory for each of them until
+    // then. delay_moov: a track of AC-3 is described from its first packet, so the header is
+    // written with the first fragment.
     return Recording{
         {{"movflags", "frag_custom+empty_moov+delay_moov+default_base_moof+skip_trailer"}},
         kFlushInterval};
@@ -157,7 +157,7 @@ std::string CannotHold(const AVOutputFormat& container, int codec) {
       names.emplace_back(other->name);
     }
   }
-  // The usual ones first.
+  // The common ones first.
   std::stable_partition(names.begin(), names.end(), [](const std::string& name) {
     return name == "h264" || name == "hevc" || name == "av1" || name == "aac";
   });

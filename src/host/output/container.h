@@ -1,4 +1,4 @@
-// What is known of containers.
+// Containers: which one a target gets, what fits into it, and its options.
 #pragma once
 
 #include <map>
@@ -11,36 +11,35 @@ struct AVOutputFormat;
 
 namespace host {
 
-// By FFmpeg's name of it; where that is empty, by the scheme of the URL or the name of the file.
-// Null when there is none.
+// Finds a container by FFmpeg's name; where that is empty, by the scheme of the URL or the name of
+// the file. Null when there is none.
 const AVOutputFormat* FindContainer(const std::string& format, const std::string& url);
-// FFmpeg's name of a container that a wrong name resembles, or that files with such an extension
-// have ("mkv": "matroska").
+// FFmpeg's name of the container that a wrong name resembles, or that belongs to a file extension
+// ("mkv": "matroska").
 std::optional<std::string> NearestContainer(const std::string& name);
 
-// A container whose files are as long as what was written into them, whenever the program is
-// killed.
+// How a container is written so that its file can be played whenever the program is killed.
 struct Recording {
-  std::map<std::string, std::string> options;  // that the container needs for it
-  Time flushInterval = 0;  // how often it wants to be asked to finish what it has; 0: never
+  std::map<std::string, std::string> options;  // of the container
+  Time flushInterval = 0;                      // how often the container is flushed; 0: never
 };
-// None for a container whose files are of no use without their end. Of a container that writes no
-// file, or several, it says nothing.
+// None for a container whose files cannot be played without their trailer. For containers that
+// write a single file only.
 std::optional<Recording> RecordingIn(const AVOutputFormat& container);
 
-// How long a transport stream leaves a decoder for what it receives before it is due (PTS against
-// PCR), or shorter with less delay; 0 for other containers, HLS among them: its segments are there
-// as a whole.
+// How far the PTS of a transport stream are ahead of its PCR: the time that a decoder has to
+// receive a frame. Shorter with lowDelay; 0 for other containers, HLS among them: its segments
+// arrive whole.
 Time DecoderDelay(const AVOutputFormat& container, bool lowDelay);
-// The options that such a stream needs beside it.
+// The options that such a stream needs besides.
 std::map<std::string, std::string> TransportOptions(const AVOutputFormat& container);
 
-// Whether packets of a codec, AVCodecID, fit into a container, as far as the container says.
+// Whether a container can hold a codec (AVCodecID), as far as FFmpeg knows.
 bool Holds(const AVOutputFormat& container, int codec);
-// Whether audio of a codec goes into the container in AAC: browsers play nothing else in HLS, nor
-// most servers in FLV.
+// Whether audio of a codec is encoded to AAC for the container: browsers play nothing else in HLS,
+// and most servers take nothing else in FLV.
 bool WantsAac(const AVOutputFormat& container, int codec);
-// "flv cannot hold hevc: it holds h264, flv1, ...", the latter as far as it can be encoded here.
+// "flv cannot hold hevc: it holds h264, flv1, ...", listing what can be encoded here.
 std::string CannotHold(const AVOutputFormat& container, int codec);
 
 // Options that neither the container nor the protocol of the URL knows, each with the known name

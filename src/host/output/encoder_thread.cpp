@@ -14,14 +14,14 @@ namespace host {
 
 namespace {
 
-// For a thread whose consumers take nothing any more.
+// How long the destructor waits for the thread.
 constexpr int kFinishLimit = 500;  // milliseconds
 
 }  // namespace
 
 using Clock = std::chrono::steady_clock;
 
-struct EncoderThread::Picture {
+struct EncoderThread::QueuedFrame {
   ComPtr<IMediaSample> sample;
   Time start = 0;
 };
@@ -37,22 +37,23 @@ struct EncoderThread::Work {
 
   void Run();
   void Hand(const ffmpeg::Packet& packet);
-  void Encode(const Picture& picture);
+  void Encode(const QueuedFrame& frame);
   // Throws ffmpeg::Error.
   void Open();
   void OnFailure(const std::string& reason);
 
   const Settings settings;
-  std::optional<VideoEncoder> encoder;  // none after a failure; the thread's once it runs
+  // From here to failed: the thread's own once it runs.
+  std::optional<VideoEncoder> encoder;  // none after a failure
   const ffmpeg::Parameters parameters;
-  std::optional<Time> gridStart;  // of the keyframes of all encoders
-  qorp::ReopenDelay delay;        // the thread's own, as is all up to here
+  std::optional<Time> gridStart;  // of the keyframes
+  qorp::ReopenDelay delay;
   Clock::time_point openedAt;
   Clock::time_point openAgainAt;
   std::int64_t inside = 0;  // frames that the encoder holds
-  bool failed = false;      // nothing was encoded since
+  bool failed = false;      // no packet came since
   std::vector<Consumer> consumers;
-  BoundedQueue<Picture> queue;
+  BoundedQueue<QueuedFrame> queue;
   std::atomic<std::uint64_t> dropped{0};
   std::atomic<std::uint64_t> handed{0};
   std::atomic<bool> ended{false};
@@ -77,8 +78,8 @@ void EncoderThread::Start() {
   thread_ = std::make_unique<os::Thread>([work = work_] { work->Run(); }, "encoder");
 }
 
-void EncoderThread::Take(const ComPtr<IMediaSample>& picture, Time start) {
-  if (work_->queue.PushDroppingOldest({picture, start}).has_value() && !work_->ended) {
+void EncoderThread::Take(const ComPtr<IMediaSample>& frame, Time start) {
+  if (work_->queue.PushDroppingOldest({frame, start}).has_value() && !work_->ended) {
     ++work_->dropped;
     if (logger_ != nullptr) {
       logger_->NotifyBufferFull(work_->settings.name.c_str());
@@ -121,7 +122,7 @@ bool EncoderThread::Finish(std::chrono::milliseconds limit) {
   Close();
   const bool ended = WaitForEnd(limit);
   if (!ended) {
-    // Whatever still waits is composed in memory that goes with the composer.
+    // Frames that still wait are in buffers of the composer, which may be destroyed next.
     while (work_->queue.PopFor(std::chrono::milliseconds(0)).has_value()) {
     }
   }
@@ -142,17 +143,17 @@ void EncoderThread::Work::Open() {
   }
 }
 
-void EncoderThread::Work::Encode(const Picture& picture) {
+void EncoderThread::Work::Encode(const QueuedFrame& frame) {
   ++inside;
   if (!encoder) {
     Open();
   }
-  gridStart = gridStart.value_or(picture.start);
+  gridStart = gridStart.value_or(frame.start);
   encoder->BeginGrid(*gridStart);
   BYTE* pixels = nullptr;
-  picture.sample->GetPointer(&pixels);
-  encoder->Encode({pixels, static_cast<std::size_t>(picture.sample->GetActualDataLength())},
-                  picture.start, [this](const ffmpeg::Packet& packet) { Hand(packet); });
+  frame.sample->GetPointer(&pixels);
+  encoder->Encode({pixels, static_cast<std::size_t>(frame.sample->GetActualDataLength())},
+                  frame.start, [this](const ffmpeg::Packet& packet) { Hand(packet); });
 }
 
 void EncoderThread::Work::Hand(const ffmpeg::Packet& packet) {
@@ -180,13 +181,13 @@ void EncoderThread::Work::OnFailure(const std::string& reason) {
 }
 
 void EncoderThread::Work::Run() {
-  while (std::optional<Picture> picture = queue.Pop()) {
+  while (std::optional<QueuedFrame> frame = queue.Pop()) {
     if (!encoder && Clock::now() < openAgainAt) {
       ++dropped;
       continue;
     }
     try {
-      Encode(*picture);
+      Encode(*frame);
     } catch (const std::exception& error) {
       OnFailure(error.what());
       if (!settings.live) {
@@ -201,7 +202,7 @@ void EncoderThread::Work::Run() {
       OnFailure(error.what());
     }
   }
-  // What comes from now on is not kept.
+  // Frames that come from now on are not kept.
   ended = true;
   queue.Close();
   while (queue.Pop().has_value()) {

@@ -59,29 +59,29 @@ class EncoderThread {
   void Start();
 
   // Returns at once.
-  void Take(const ComPtr<IMediaSample>& picture, Time start);
-  // Whether the next Take drops nothing; waits that long for it. An encoder that has ended takes
-  // everything.
+  void Take(const ComPtr<IMediaSample>& frame, Time start);
+  // Waits until the next Take drops nothing; false when that takes longer than the limit. An
+  // encoder that has ended takes everything.
   bool WaitForRoom(std::chrono::milliseconds limit);
-  // Nothing more comes.
+  // No more frames come.
   void Close();
   // After Close: false when encoding what waits and handing over the last packets takes longer than
   // the limit.
   bool WaitForEnd(std::chrono::milliseconds limit);
   // Packets that were handed over so far.
   std::uint64_t handed() const;
-  // Close, and waits no longer than the limit: a thread that is stuck inside of the encoder or in
-  // a consumer is detached. False then.
+  // Closes and waits for the end. After the limit a thread that is stuck in the encoder or in a
+  // consumer is detached: false.
   bool Finish(std::chrono::milliseconds limit);
 
   ffmpeg::Parameters parameters() const;
   std::uint64_t dropped() const;
-  // Frames that wait for being encoded. Any thread.
+  // Frames that wait to be encoded. Any thread.
   std::size_t queued() const;
 
  private:
-  struct Picture;
-  // What the thread does and touches; shared with it.
+  struct QueuedFrame;
+  // What the thread runs and uses; shared with it.
   struct Work;
 
   const std::shared_ptr<Work> work_;

@@ -55,7 +55,7 @@ void ApplyGain(AVFrame& frame, const std::function<double(int)>& gain) {
   }
 }
 
-// Samples first to last of a frame, as a frame of its own that may be written.
+// Samples first to last of a frame, as a new writable frame.
 ffmpeg::Frame Part(const AVFrame& frame, int first, int last) {
   ffmpeg::Frame part = ffmpeg::MakeFrame();
   part->format = frame.format;
@@ -144,14 +144,14 @@ void FollowMixer::Emit(const Sink& sink) {
         waiting.pop_front();
       }
     }
-    const bool isOver =
-        latest_ >= end && (!channel || reached_[*channel] >= end || latest_ >= end + kPatience);
+    const bool isOver = latest_ >= end &&
+                        (!channel || reached_[*channel] >= end || latest_ >= end + kFormerTimeout);
     if (!isOver) {
       break;
     }
     stretches_.pop_front();
   }
-  // What nobody will want again.
+  // Drops what no later stretch needs.
   const Time from = stretches_.empty() ? latest_ : stretches_.front().from;
   for (auto& [channel, waiting] : waiting_) {
     while (!waiting.empty() && waiting.front().start + LengthOf(*waiting.front().frame) <= from) {

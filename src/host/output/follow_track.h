@@ -1,4 +1,4 @@
-// FollowTrack: the audio of the channel that is followed, as one track that never changes.
+// FollowTrack: the audio of the channel that is followed, as one track whose format never changes.
 #pragma once
 
 #include <atomic>
@@ -28,13 +28,13 @@ class FollowMixer {
  public:
   static constexpr Time kFade = 5 * kMillisecond;
   // How long the audio of the former channel is waited for.
-  static constexpr Time kPatience = kSecond / 2;
+  static constexpr Time kFormerTimeout = kSecond / 2;
 
   using Sink = std::function<void(const AVFrame& frame, Time start)>;
 
-  // From that time on, which is not before that of the change before: that channel, or none.
+  // Changes to a channel, or to none, at that time, but not before the previous change.
   void Follow(std::optional<std::size_t> channel, Time from);
-  // Decoded samples of a channel; times of one channel grow.
+  // Decoded samples of a channel, whose timestamps increase.
   void Push(std::size_t channel, ffmpeg::Frame frame, Time start, const Sink& sink);
 
  private:
@@ -46,7 +46,7 @@ class FollowMixer {
   struct Piece {
     ffmpeg::Frame frame;
     Time start = 0;
-    std::uint64_t cutFor = 0;  // number of the last stretch that has got its part
+    std::uint64_t cutFor = 0;  // number of the last stretch that took its part
   };
 
   Time EndOf(std::size_t stretch) const;
@@ -67,10 +67,10 @@ class FollowTrack {
   using TakePacket = std::function<void(const AVPacket& packet)>;
   using TakeSamples = FollowMixer::Sink;
 
-  // tracks: of the channels, whose formats their packets have. take: called by the track's thread;
-  // outlives it.
+  // tracks: one for each channel, with the format of its packets. take: called by the track's
+  // thread; outlives it.
   FollowTrack(std::vector<std::shared_ptr<AudioTrack>> tracks, TakePacket take);
-  // Without encoding: takeSamples gets what is decoded; likewise.
+  // Without encoding: takeSamples gets the decoded samples, otherwise as take.
   FollowTrack(std::vector<std::shared_ptr<AudioTrack>> tracks, TakeSamples takeSamples);
   ~FollowTrack();
   FollowTrack(const FollowTrack&) = delete;
@@ -97,9 +97,9 @@ class FollowTrack {
 
   const std::vector<std::shared_ptr<AudioTrack>> tracks_;
   const TakePacket take_;          // empty: nothing is encoded
-  const TakeSamples takeSamples_;  // empty: it is
+  const TakeSamples takeSamples_;  // empty: packets are encoded
   const std::shared_ptr<AudioTrack> audio_ = std::make_shared<AudioTrack>();
-  // Packets of these are wanted: of the one that is followed and of the one before it.
+  // The channel that is followed and the one before it: only their packets are queued.
   std::atomic<std::size_t> wanted_{kNone};
   std::atomic<std::size_t> former_{kNone};
   BoundedQueue<Item> queue_{kQueue};

@@ -66,7 +66,7 @@ void FragmentFeed::Subscription::Add(const Piece& piece) {
     const os::MutexLock guard(lock_);
     const bool isIdle = !description_ && waiting_.empty();
     if (piece->format) {
-      // What waits is of no use without the description before it.
+      // What waits belongs to the former description.
       skipped_ += waiting_.size();
       waiting_.clear();
       bytes_ = 0;
@@ -92,7 +92,7 @@ void FragmentFeed::Subscription::Add(const Piece& piece) {
 void FragmentFeed::Subscription::SkipToKeyframe() {
   const auto newest = std::find_if(waiting_.rbegin(), waiting_.rend(),
                                    [](const Piece& piece) { return piece->isKey; });
-  // Behind a keyframe that is the oldest already there is nothing but the next one.
+  // If the newest keyframe is also the oldest fragment, only the next keyframe is left to skip to.
   const auto from = newest == waiting_.rend() || std::next(newest) == waiting_.rend()
                         ? waiting_.end()
                         : std::prev(newest.base());
@@ -175,7 +175,7 @@ FragmentWriter::FragmentWriter(const AVCodecParameters& parameters)
   }
   stream->codecpar->codec_tag = 0;
   stream->sample_aspect_ratio = parameters.sample_aspect_ratio;
-  // 90 kHz divides the frames of all usual rates.
+  // At all usual frame rates a frame is a whole number of ticks of 90 kHz.
   stream->time_base = parameters.codec_type == AVMEDIA_TYPE_AUDIO
                           ? AVRational{1, parameters.sample_rate}
                           : AVRational{1, 90'000};

@@ -22,8 +22,8 @@ struct AVCodecParameters;
 
 namespace host {
 
-// What a player has to know before the first fragment. Of video or of audio: what belongs to the
-// other one is 0.
+// What a player has to know before the first fragment of video or audio; the members of the other
+// are 0.
 struct FragmentFormat {
   std::string codec;  // as in the MIME type: "avc1.4d401f", "mp4a.40.2"
   int width = 0;      // pixels
@@ -33,8 +33,8 @@ struct FragmentFormat {
   int channels = 0;
 };
 
-// A piece of fragmented MP4. The first one of a track, and after each change of the format the
-// next one, describes the track; all others have one frame or packet.
+// A piece of fragmented MP4. The first one of a track, and the first one after each change of the
+// format, describes the track; all others hold one frame or packet.
 struct Fragment {
   bool isKey = false;       // it can be decoded without those before it
   std::uint64_t frame = 0;  // of video: the number of the composed frame
@@ -63,7 +63,7 @@ class FragmentFeed : public std::enable_shared_from_this<FragmentFeed> {
 
     // The next piece; null when none waits.
     Piece Next();
-    // Why nothing comes any more; empty while it may.
+    // Why the feed has ended; empty while it has not.
     std::string end() const;
     // Fragments that were left out because the viewer was slow.
     std::uint64_t skipped() const;
@@ -92,11 +92,11 @@ class FragmentFeed : public std::enable_shared_from_this<FragmentFeed> {
   }
   explicit FragmentFeed(std::function<void()> joined) : joined_(std::move(joined)) {}
 
-  // wake: called by the publisher's thread, under the lock of the feed, when something waits that
-  // did not before: it only wakes another thread.
+  // wake: called under the lock of the feed, by the thread that publishes or subscribes, when a
+  // first fragment waits or the feed has ended: it only wakes another thread.
   std::shared_ptr<Subscription> Subscribe(Limits limits, std::function<void()> wake);
   void Publish(Fragment fragment);
-  // What describes the track is no longer true: who subscribes now waits for the next one.
+  // The description is no longer valid: new subscribers wait for the next one.
   void Forget();
   // Ends all subscriptions.
   void End(const std::string& why);
@@ -112,8 +112,8 @@ class FragmentFeed : public std::enable_shared_from_this<FragmentFeed> {
 };
 
 // Packets of one track as fragments: one for each packet, complete as soon as the packet is there.
-// Decode times are those of the packets, whatever the first one has: tracks that have writers of
-// their own fit together. Owned and called by one thread.
+// Decode times are those of the packets and need not begin at 0: tracks of several writers fit
+// together. Owned and called by one thread.
 class FragmentWriter {
  public:
   // Headers of the codec are in the parameters. Throws ffmpeg::Error when MP4 cannot hold it.
@@ -124,8 +124,7 @@ class FragmentWriter {
   // ftyp and moov.
   const std::string& description() const { return description_; }
   // moof and mdat. The packet's timestamps and its duration are in units of 100 ns; its decode time
-  // is not before the end of the packet before it, but for what times are rounded by. Throws
-  // ffmpeg::Error.
+  // is no earlier than the end of the packet before it, but for rounding. Throws ffmpeg::Error.
   std::string Write(ffmpeg::Packet packet);
 
  private:
@@ -139,8 +138,8 @@ class FragmentWriter {
   std::int64_t end_ = std::numeric_limits<std::int64_t>::min();  // in the units of the track
 };
 
-// As in a MIME type, "avc1.4d401f" or "mp4a.40.2"; none for what is neither H.264 nor AAC or says
-// too little about itself.
+// As in a MIME type, "avc1.4d401f" or "mp4a.40.2"; none for other codecs and where the extradata
+// says too little.
 std::optional<std::string> CodecText(const AVCodecParameters& parameters);
 
 }  // namespace host

@@ -21,7 +21,7 @@ Time Middle(const AVPacket& packet) {
   return packet.dts + packet.duration / 2;
 }
 
-// The machine may have slept for days.
+// The most silence that fills one gap: the machine may have slept for days.
 constexpr Time kMaxFilled = 60 * kSecond;
 
 }  // namespace
@@ -47,12 +47,12 @@ void Interleaver::Move(std::size_t channel, Time by) {
   }
 }
 
-void Interleaver::PushAudio(std::size_t channel, ffmpeg::Packet packet, Time shift) {
+void Interleaver::PushAudio(std::size_t channel, ffmpeg::Packet packet, Time offset) {
   Track& track = tracks_.at(channel);
-  if (track.shift && shift != *track.shift) {
-    Move(channel, shift - *track.shift);
+  if (track.offset && offset != *track.offset) {
+    Move(channel, offset - *track.offset);
   }
-  track.shift = shift;
+  track.offset = offset;
   const bool tooLate = base_ && packet->dts < std::max(*base_, newestVideo_ - lateness_);
   const bool tooEarly = base_ && packet->dts > newestVideo_ + kMaxLead;
   if (packet->dts < track.written || tooLate || tooEarly) {

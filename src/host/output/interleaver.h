@@ -1,5 +1,4 @@
-// How the tracks of an output come into one order, and what fills them while their channels are
-// silent.
+// Interleaves the tracks of an output and fills them with silence.
 #pragma once
 
 #include <cstddef>
@@ -21,28 +20,27 @@ namespace host {
 
 // The composer shows a frame one second after its source and gives the audio at once, with
 // timestamps one second ahead: when a frame comes, all audio that belongs before it is there. So
-// the video leads, and a channel without audio never holds an output up, as it would where every
-// track is waited for. Audio that comes too late for its place among the video, or lies absurdly
-// far ahead of it, is left out and counted.
+// the video leads, and an output never waits for a channel without audio. Audio that comes too late
+// for its place among the video, or is too far ahead of it, is left out and counted.
 //
 // When the composer re-synchronises a channel, the frames that wait there move with it at once; so
-// does the audio that waits here. Otherwise audio for a time for which other audio waits takes its
-// place, and audio for a time that has been written is left out: the times of a track only grow.
+// does the audio that waits here. Otherwise new audio replaces waiting audio of the same time, and
+// audio for a time that has been written is left out: the timestamps of a track only increase.
 //
 // What comes out begins at time 0 with a keyframe, in every file. Owned and called by one output on
 // its thread; times in 100 ns.
 class Interleaver {
  public:
-  // Audio may stand that far behind the video that was written before it, where players allow it.
+  // How far audio may be behind the video that was written before it, where players allow it.
   static constexpr Time kMaxLateness = kSecond / 2;
-  // Audio is one second ahead, and what an encoder of video holds back.
+  // Audio is ahead of the video by one second and by what the video encoder holds back.
   static constexpr Time kMaxLead = 20 * kSecond;
 
   // track: OutputCounters::kVideo or the number of the channel.
   using Write = std::function<void(int track, ffmpeg::Packet packet)>;
 
-  // counters outlive the interleaver; it counts what it leaves out. lateness: how far audio may
-  // stand behind the video that was written before it.
+  // counters outlive the interleaver; it counts what it leaves out. lateness: how far audio may be
+  // behind the video that was written before it.
   explicit Interleaver(OutputCounters& counters, Time lateness = kMaxLateness);
   // What still waits is left out.
   ~Interleaver();
@@ -51,8 +49,8 @@ class Interleaver {
 
   // The next frame of the mosaic: hands over the audio before it, the earliest first, and then it.
   void PushVideo(ffmpeg::Packet packet, const Write& write);
-  // shift: the wall's time minus the channel's own, for this packet.
-  void PushAudio(std::size_t channel, ffmpeg::Packet packet, Time shift);
+  // offset: the wall's time minus the channel's own, for this packet.
+  void PushAudio(std::size_t channel, ffmpeg::Packet packet, Time offset);
   // A file ends before the keyframe of that time, which comes next: hands over the audio before it.
   // What follows begins at time 0 again. Returns the length of the file.
   Time Restart(Time keyframe, const Write& write);
@@ -61,7 +59,7 @@ class Interleaver {
 
   // The end of the video in this file.
   Time end() const { return InFile(end_); }
-  // What a time of the wall is in this file.
+  // A time of the wall in this file.
   Time InFile(Time time) const { return base_ ? time - *base_ : 0; }
   // The length of the video that was handed over, of all files.
   Time length() const { return end_ - start_; }
@@ -69,8 +67,8 @@ class Interleaver {
  private:
   struct Track {
     std::deque<ffmpeg::Packet> packets;  // in the order of their times
-    std::optional<Time> shift;           // of the latest packet
-    // The middle of the latest packet handed over; an earlier one would stand beside it.
+    std::optional<Time> offset;          // of the latest packet
+    // The middle of the latest packet handed over; an earlier packet would overlap it.
     Time written = std::numeric_limits<Time>::min();
   };
 
@@ -88,11 +86,11 @@ class Interleaver {
   Time end_ = 0;              // of the video so far
 };
 
-// A track that is announced and carries nothing is trouble: players of transport streams do not
-// learn what it is, a rendition of HLS has no playlist, or segments of one packet, MP4 cannot
-// describe AC-3 without a packet of it. So silence in the track's own format goes into it from the
-// start of the file or connection to the channel's first packet, and into every gap for which audio
-// would come too late now. Shorter gaps stay as they are, and so do those that a person asked for.
+// An empty track is a problem: players of transport streams cannot identify its codec, a rendition
+// of HLS has no playlist, or segments of one packet, and MP4 cannot describe AC-3 without a packet
+// of it. So silence in the track's own format is written into it from the start of the file or
+// connection to the channel's first packet, and into every gap for which audio would come too late
+// now. Shorter gaps stay as they are, and so do those that the operator asked for.
 //
 // Owned and called by one output on its thread.
 class SilentTracks {
@@ -102,16 +100,16 @@ class SilentTracks {
 
   using IsLeftEmpty = std::function<bool(std::size_t channel)>;
 
-  // lateness: how far audio may stand behind the video that was written before it. isLeftEmpty: of
-  // a track that has begun, whether it carries nothing for now.
+  // lateness: how far audio may be behind the video that was written before it. isLeftEmpty:
+  // whether a track that has begun is to carry nothing for now.
   SilentTracks(Time lateness, IsLeftEmpty isLeftEmpty)
       : lateness_(lateness), isLeftEmpty_(std::move(isLeftEmpty)) {}
 
-  // The next file begins after so much of the one before.
+  // The next file begins; length: of the one before.
   void Restart(Time length);
-  // A format that cannot be encoded stays without silence. A channel that has a track keeps it.
+  // A format that cannot be encoded gets no silence. A channel that has a track keeps it.
   void Add(std::size_t channel, const AudioFormat& format);
-  // The video has come to that time: silence wherever there is no audio before it.
+  // The video has reached that time: writes silence wherever there is no audio before it.
   void FillTo(Time video, const Write& write);
   // The file ends at that time: the same, without waiting for audio that is late.
   void FillToEnd(Time end, const Write& write);

@@ -19,13 +19,13 @@ namespace host {
 
 namespace {
 
-// How long a listener that has left may be unnoticed.
+// How long it may take to notice that a listener has left.
 constexpr std::chrono::milliseconds kQueuePeriod{500};
-// Timestamps of sources are rounded; what lies further back was moved.
+// Timestamps of sources are rounded; a larger step back is a jump.
 constexpr Time kTimestampTolerance = 20 * kMillisecond;
 constexpr int kUsualFrameSize = 1024;  // samples of a packet of AAC
 
-// Of AAC, the kinds that players of MP4 know: LC and HE.
+// The AAC profiles that MP4 players support: LC and HE.
 bool PlaysAsItIs(const AVCodecParameters& parameters) {
   const std::optional<std::string> codec = CodecText(parameters);
   return codec == "mp4a.40.2" || codec == "mp4a.40.5" || codec == "mp4a.40.29";
@@ -75,12 +75,12 @@ struct Listening::Track {
       ffmpeg::Packet filtered = ffmpeg::MakePacket();
       result = av_bsf_receive_packet(filter.get(), filtered.get());
       if (result >= 0) {
-        // The config stands in the description.
+        // The configuration is in the description.
         av_packet_free_side_data(filtered.get());
         Write(std::move(filtered));
       }
     }
-    // A packet that is damaged leaves a gap.
+    // A damaged packet leaves a gap.
     if (result != AVERROR_INVALIDDATA && result != AVERROR(EAGAIN)) {
       ffmpeg::Check(result, "cannot take audio");
     }

@@ -1,4 +1,4 @@
-// Listening: the audio of those channels that somebody hears.
+// Listening: the audio of the channels that somebody listens to.
 #pragma once
 
 #include <cstddef>
@@ -19,10 +19,9 @@
 
 namespace host {
 
-// A feed of fragments for each channel, with the times of the wall, so that they fit to those of
-// the preview: AAC as it is, everything else decoded and encoded once for all who hear it. Has a
-// thread of a low priority, and a queue that drops its oldest packets. What nobody hears costs a
-// comparison.
+// A feed of fragments for each channel, on the wall's clock as the preview is: AAC is passed on,
+// everything else is encoded to AAC once for all listeners. Has a thread of low priority, and a
+// queue that drops its oldest packets. A channel without listeners costs a comparison.
 //
 // Take is the channels' streaming threads'; the rest may be called by any thread.
 class Listening {
@@ -47,7 +46,7 @@ class Listening {
     ffmpeg::Packet packet;
     std::shared_ptr<AudioTrack> track;
   };
-  // What there is while somebody hears a channel; opened again when its times go back.
+  // Exists while a channel has listeners; opened again when its timestamps go back.
   struct Track;
 
   void Run();

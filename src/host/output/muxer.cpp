@@ -34,7 +34,7 @@ Muxer::Muxer(Settings settings) : settings_(std::move(settings)) {
     settings_.options.emplace("pkt_size", "1316");
   }
   output_->interrupt_callback = {&ffmpeg::IoDeadline::Callback, &deadline_};
-  // What is written to somebody who waits for it is not kept until a buffer is full.
+  // A connection or a pipe gets each packet at once, not when a buffer is full.
   if (settings_.url.find("://") != std::string::npos || ffmpeg::PipeOutput::Serves(settings_.url)) {
     output_->flags |= AVFMT_FLAG_FLUSH_PACKETS;
   }
@@ -42,7 +42,7 @@ Muxer::Muxer(Settings settings) : settings_(std::move(settings)) {
     if (const std::optional<Recording> recording = RecordingIn(*container)) {
       const std::size_t given = settings_.options.size();
       settings_.options.insert(recording->options.begin(), recording->options.end());
-      // Options of the operator's own may be wider.
+      // The operator's own options take precedence; nothing is flushed then.
       flushInterval_ = settings_.options.size() > given ? recording->flushInterval : 0;
     }
     output_->flags |= AVFMT_FLAG_FLUSH_PACKETS;
@@ -58,10 +58,10 @@ Muxer::~Muxer() {
   if (started_) {
     deadline_.Arm(settings_.writeLimit);
     if (!file_ && (output_->oformat->flags & AVFMT_NOFILE) == 0) {
-      deadline_.Cancel();  // a connection that has failed takes no end
+      deadline_.Cancel();  // a failed connection gets no trailer
     }
     if (formatName() == "hls") {
-      // It has failed and will continue: players are to come again.
+      // The output has failed and will continue: the playlist must not look complete.
       av_opt_set(output_->priv_data, "hls_flags", "+omit_endlist", 0);
     }
     av_write_trailer(output_.get());
@@ -121,7 +121,7 @@ std::size_t Muxer::AddVideo(const AVCodecParameters& parameters, Ratio frameRate
   stream->r_frame_rate = stream->avg_frame_rate;
   stream->sample_aspect_ratio = parameters.sample_aspect_ratio;
   stream->disposition |= AV_DISPOSITION_DEFAULT;
-  // A stream that can be joined anywhere repeats what decoders need at its keyframes.
+  // A stream that can be joined anywhere repeats the codec's headers at its keyframes.
   if (!wantsGlobalHeader() && parameters.extradata_size > 0) {
     tracks_[track].filter = ffmpeg::MakePacketFilter("dump_extra", parameters);
   }
@@ -132,14 +132,14 @@ std::size_t Muxer::AddAudio(const AVCodecParameters& parameters, const std::stri
                             const std::string& language) {
   const std::size_t track = AddTrack(parameters);
   AVStream* stream = output_->streams[track];
-  // Containers with a config of their own take AAC without the headers of its packets.
+  // Containers that store the configuration take AAC without ADTS headers.
   if (parameters.codec_id == AV_CODEC_ID_AAC && parameters.extradata_size > 0 && !TakesAdts()) {
     tracks_[track].filter = ffmpeg::MakePacketFilter("aac_adtstoasc", parameters);
   }
   if (!name.empty()) {
     av_dict_set(&stream->metadata, "title", name.c_str(), 0);
     if (formatName() == "mp4" || formatName() == "mov") {
-      av_dict_set(&stream->metadata, "handler_name", name.c_str(), 0);  // what they keep
+      av_dict_set(&stream->metadata, "handler_name", name.c_str(), 0);  // the one they keep
     }
   }
   if (!language.empty()) {
@@ -188,13 +188,13 @@ void Muxer::Open(ffmpeg::Options& options) {
 void Muxer::Connect(ffmpeg::Options& options) {
   const std::optional<config::Url> url = config::ParseUrl(settings_.url);
   if (url && config::Listens(*url, settings_.options)) {
-    // A port that is closed now and then refuses viewers that come meanwhile.
+    // No limit: a port that is closed and opened again refuses viewers in between.
     deadline_.Disarm();
   }
   const bool isPaced = settings_.isPaced && url && url->scheme == "udp" &&
                        formatName() == "mpegts" && !settings_.options.contains("bitrate") &&
                        !url->query.contains("bitrate");
-  // Datagrams leave between two writes, too, when no deadline is set.
+  // Datagrams also leave between two writes, to which the deadline of a write does not apply.
   const AVIOInterruptCB interrupt = {&ffmpeg::IoDeadline::Callback,
                                      isPaced ? &pacing_ : &deadline_};
   const int result = avio_open2(&output_->pb, settings_.url.c_str(), AVIO_FLAG_WRITE, &interrupt,
@@ -233,7 +233,7 @@ void Muxer::Start() {
   FillPcrs();
 }
 
-// FFmpeg gives a stream without a constant rate a PCR with its frames only.
+// Without a constant rate FFmpeg writes a PCR with frames only.
 void Muxer::FillPcrs() {
   if (formatName() == "mpegts" && videoTrack_ && !settings_.options.contains("muxrate")) {
     pcrs_.emplace(output_->pb);
@@ -248,7 +248,7 @@ void Muxer::EndPcrs() {
   }
 }
 
-// What the container holds back becomes a part of the file that is complete by itself.
+// Writes what the container holds back as a complete part of the file.
 void Muxer::FlushBefore(const AVPacket& packet) {
   if (flushInterval_ == 0 || packet.dts == AV_NOPTS_VALUE) {
     return;
@@ -294,8 +294,8 @@ bool Muxer::WriteFiltered(std::size_t track, ffmpeg::Packet packet) {
     packet->dts = packet->pts;
   }
   std::optional<std::int64_t>& last = tracks_.at(track).lastDts;
-  // Times that fall together only because the container's unit is coarse are allowed where the
-  // container allows them.
+  // Timestamps that are equal because the container's time base is coarse stay equal where the
+  // container allows it.
   const bool mayRepeat = (output_->oformat->flags & AVFMT_TS_NONSTRICT) != 0;
   const std::int64_t earliest = last ? *last + (mayRepeat ? 0 : 1) : packet->dts;
   if (packet->dts != AV_NOPTS_VALUE && packet->dts < earliest) {
@@ -323,7 +323,7 @@ void Muxer::Finish() {
   if (!std::exchange(started_, false)) {
     return;
   }
-  // The end of a file may be the longest part: its index may be moved to its beginning.
+  // Finishing a file may take long: its index may be moved to its beginning.
   file_ ? deadline_.Disarm() : deadline_.Arm(settings_.writeLimit);
   ffmpeg::Check(av_write_trailer(output_.get()), "cannot finish", settings_.url);
   if (pcrs_) {

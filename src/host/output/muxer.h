@@ -34,20 +34,20 @@ class Muxer {
     std::string url;     // path or URL
     std::string format;  // FFmpeg's name; empty: by the name of the file or the scheme of the URL
     std::string title;   // of the file, or the service name of a transport stream; may be empty
-    // For each call that may wait for a consumer; who listens waits for the first one as long as it
-    // takes.
+    // For each call that may wait for a consumer. An output that listens waits for its first
+    // consumer without a limit.
     std::chrono::milliseconds writeLimit{10'000};
-    // Until a connection or a pipe has somebody at the other end.
+    // Until a connection is made or a pipe has a reader.
     std::chrono::milliseconds openLimit{10'000};
     // Packets of all tracks are brought into order here; otherwise they come in order.
     bool interleaves = true;
-    // A file is to be as long as what was written, whenever the program is killed, as far as the
-    // container and the options allow it (see RecordingIn).
+    // A file can be played whenever the program is killed, as far as the container and the options
+    // allow it (see RecordingIn).
     bool survivesKill = false;
-    // A transport stream over UDP leaves evenly, unless the options give it a rate.
+    // A transport stream over UDP is sent evenly, unless the options give it a rate.
     bool isPaced = false;
-    // A transport stream leaves its decoders less time (see DecoderDelay), and each of its frames
-    // is sent faster.
+    // Of a transport stream: shorter delay in the decoder (see DecoderDelay), and each frame is
+    // sent faster.
     bool lowDelay = false;
     // A track that is silent for longer no longer holds the others back.
     Time interleaveLimit = 10 * kSecond;
@@ -56,8 +56,8 @@ class Muxer {
 
   // Throws ffmpeg::Error when there is no such format.
   explicit Muxer(Settings settings);
-  // Finishes a started file that was not finished, without a word when that fails; a playlist stays
-  // one that continues, and a connection is closed.
+  // Finishes a started file that was not finished, ignoring failures; a playlist is left without
+  // its end, and a connection is closed.
   ~Muxer();
   Muxer(const Muxer&) = delete;
   Muxer& operator=(const Muxer&) = delete;
@@ -74,8 +74,7 @@ class Muxer {
   // The packet's timestamps are in units of 100 ns. Its data are not copied. A packet that the
   // container cannot take because it is damaged is left out: false. Throws ffmpeg::Error.
   bool Write(std::size_t track, ffmpeg::Packet packet);
-  // Writes what is still held back and the end of the file; nothing may follow. Throws
-  // ffmpeg::Error.
+  // Writes what is still held back and the trailer; nothing may follow. Throws ffmpeg::Error.
   void Finish();
   // Ends a blocking call, from any thread, permanently.
   void Cancel() {
@@ -88,7 +87,7 @@ class Muxer {
   // Further options, before Start; they take the place of those of the settings. Likewise the URL.
   void SetOption(const std::string& key, const std::string& value);
   void SetUrl(const std::string& url);
-  // Before Start: what is to be written, where that is one file.
+  // Before Start: the file to write, where the output is one file.
   void SetFile(std::unique_ptr<ffmpeg::FileOutput> file);
   // The output is one file, which the muxer creates itself unless it is given one.
   bool writesFile() const;

@@ -16,16 +16,16 @@ namespace {
 
 // A file that does not grow for that long while it is being finished is left as it is.
 constexpr std::uint32_t kFileStall = 2'000;
-// For calls that were cancelled to end. What is not over then never ends.
+// How long a cancelled call may take to end; later its thread is detached.
 constexpr std::uint32_t kAbandonLimit = 500;
 
 }  // namespace
 
 // Writes what waits in its queue, and opens its file or connection again after failures. A write
-// into a dead mount may never return: the writer owns everything that its thread touches, and after
-// Detach calls nobody.
+// into a dead mount may never return: the writer owns everything that its thread uses, and calls
+// neither observer nor logger after Detach.
 //
-// Shared by an Output and its thread. Run is the thread's, the rest anybody's.
+// Shared by an Output and its thread. Run is the thread's, the rest any thread's.
 class OutputWriter {
  public:
   OutputWriter(Output::Settings settings, ffmpeg::Parameters video, OutputObserver* observer,
@@ -65,10 +65,10 @@ class OutputWriter {
   std::atomic<bool> failed{false};
 
  private:
-  // One opening, to the end of what comes; empty, or why it failed.
+  // Runs a session to its end. Empty, or why it failed.
   std::string RunSession(OutputSession& session);
   void Opened(const OutputSession& session, const std::string& file);
-  // What Cancel ends; false when it was called already.
+  // The session that Cancel ends; false when Cancel was called already.
   bool SetSession(OutputSession* session);
   void SetFailure(const std::string& reason);
 
@@ -229,20 +229,19 @@ void OutputWriter::Run() {
                                          : std::function<bool()>(),
             hasFailed ? settings.openAfter : 0});
     const std::string reason = SetSession(&*session) ? RunSession(*session) : "stopped";
-    const bool goesOn = SetSession(nullptr) && settings.live && !failed;
+    const bool continues = SetSession(nullptr) && settings.live && !failed;
     if (reason.empty() || failed) {
       return;
     }
     SetFailure(reason);
     delay.ResetIfLasting(Milliseconds(session->length()));
     const milliseconds wait = delay.AfterFailure();
-    // A consumer that serves one connection has room for the next one, and a disk for the next
-    // file.
+    // Closed before the next attempt: a consumer may serve one connection only, a disk may be full.
     session.reset();
     Tell([&](OutputObserver& observer) {
-      observer.OutputFailed(settings.name, reason, goesOn ? std::optional(wait) : std::nullopt);
+      observer.OutputFailed(settings.name, reason, continues ? std::optional(wait) : std::nullopt);
     });
-    if (!goesOn || !queue.DiscardFor(wait)) {
+    if (!continues || !queue.DiscardFor(wait)) {
       break;
     }
   }
@@ -277,12 +276,12 @@ void Output::TakeVideo(const AVPacket& packet) {
   }
 }
 
-void Output::TakeAudio(std::size_t channel, const AVPacket& packet, Time shift) {
+void Output::TakeAudio(std::size_t channel, const AVPacket& packet, Time offset) {
   if (channel >= writer_->settings.session.tracks.size()) {
     return;
   }
   ++writer_->counters.of(static_cast<int>(channel)).received;
-  TrackPacket item{static_cast<int>(channel), ffmpeg::RefPacket(packet), shift};
+  TrackPacket item{static_cast<int>(channel), ffmpeg::RefPacket(packet), offset};
   if (!writer_->settings.live) {
     // The wall itself waits for room.
     writer_->queue.Push(std::move(item));
@@ -358,7 +357,7 @@ void Output::Finish(milliseconds limit) {
   writer_->queue.Close();
   std::int64_t before = writer_->FileBytes();
   bool ended = WaitForEnd(limit);
-  // A file grows as long as it is finished, be its disk slow or its index moved to its beginning.
+  // A file that grows is still being finished: its disk may be slow, its index may be moved.
   for (std::int64_t bytes = writer_->FileBytes(); !ended && bytes != before;
        bytes = writer_->FileBytes()) {
     before = bytes;

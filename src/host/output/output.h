@@ -1,4 +1,4 @@
-// Output: one place to which the wall goes.
+// Output: one file or connection to which the wall is written.
 #pragma once
 
 #include <chrono>
@@ -16,7 +16,7 @@
 
 namespace host {
 
-// Hears what becomes of an output; called by the output's thread.
+// Is notified of what happens to an output; called by any thread.
 class OutputObserver {
  public:
   virtual ~OutputObserver() = default;
@@ -39,13 +39,13 @@ class OutputObserver {
 class OutputWriter;
 
 // Takes the packets of the mosaic and of all channels' audio into a bounded queue; its thread opens
-// the file or connection and writes. Live, nobody ever waits for it: when its consumer is slow, the
-// oldest GOP that waits is dropped and reported to the logger as a full buffer; when
-// it fails, it is opened again after a growing delay. Rendering, the caller waits for room,
-// and a failure is permanently.
+// the file or connection and writes. Live, no other thread ever waits for it: when its consumer is
+// slow, the oldest GOP that waits is dropped and reported to the logger as a full buffer; when it
+// fails, it is opened again after a growing delay. Rendering, the caller waits for room, and a
+// failure is final.
 //
 // Threads: TakeVideo is the encoder's, TakeAudio the channels' streaming threads', Finish and the
-// constructor the application's; the counters are anybody's.
+// constructor the application's; the counters are any thread's.
 class Output {
  public:
   struct Settings {
@@ -54,7 +54,7 @@ class Output {
     OutputSession::Settings session;
     bool live = false;
     PacketQueue::Limits queue;
-    // Of files: what becomes of one that is there already.
+    // Of files: what happens to one that exists already.
     RecordingFiles::Existing existing = RecordingFiles::Existing::kKept;
     qorp::ReopenLimits reopen;  // until it is opened again after a failure
     // After a failure: so much must be written until the output counts as open again.
@@ -70,22 +70,22 @@ class Output {
   Output& operator=(const Output&) = delete;
 
   void TakeVideo(const AVPacket& packet);
-  void TakeAudio(std::size_t channel, const AVPacket& packet, Time shift);
+  void TakeAudio(std::size_t channel, const AVPacket& packet, Time offset);
   // The encoder has failed. retryIn: until it is opened again; none: there is nothing more to
   // write.
   void EncoderFailed(const std::string& reason, std::optional<std::chrono::milliseconds> retryIn);
   void EncoderRecovered();
-  // Waits until the next frames find room; false when that takes longer than the limit.
+  // Waits until there is room for the next frames; false when that takes longer than the limit.
   bool WaitForRoom(std::chrono::milliseconds limit);
-  // Nothing more comes.
+  // No more packets come.
   void Close();
-  // What waits is dropped, and nobody waits for room any more.
+  // Drops what waits, and ends all waits for room.
   void Abandon();
   // After Close: false when writing what waits takes longer than the limit.
   bool WaitForEnd(std::chrono::milliseconds limit);
-  // Writes what waits and the end; drops what is not written within the limit, but for a file
-  // not as long as bytes reach it. A thread that is stuck in a call which nothing ends, as on a
-  // dead mount, is detached, and the output has failed.
+  // Writes what waits and the trailer; drops what is not written within the limit, unless its file
+  // still grows. A thread that is stuck in a call that cannot be cancelled, as on a dead mount, is
+  // detached, and the output has failed.
   void Finish(std::chrono::milliseconds limit);
 
   const std::string& name() const;
@@ -93,13 +93,13 @@ class Output {
   const OutputCounters& counters() const;
   std::uint64_t overflows() const;  // how often packets were dropped
   std::uint64_t openings() const;
-  // The files that were begun, and the latest; none and empty where the output is no file.
+  // The number of files that were begun, and the latest one; 0 and empty where there is no file.
   std::uint64_t files() const;
   std::string file() const;
   std::size_t queuedBytes() const;
   // It has ended early and is not opened again.
   bool failed() const;
-  // Why it does not work now or did not in the end; empty when it does.
+  // Why it does not work now or has ended early; empty when it works.
   std::string failure() const;
 
  private:

@@ -35,7 +35,7 @@ std::string Numbered(const std::filesystem::path& path, std::size_t number) {
 
 constexpr std::int64_t kAudioRate = 256'000;
 
-// Segments are as long as the first multiple of the keyframe interval from there on.
+// A segment lasts the first multiple of the keyframe interval that is no shorter than this.
 constexpr Time kMinSegment = 19 * kSecond / 10;
 
 std::string AudioName(std::size_t number) {
@@ -120,7 +120,7 @@ HlsLayout::HlsLayout(const Muxer::Settings& settings, Kind kind, Time keyframes)
   if (settings.url.find("://") != std::string::npos) {
     throw ffmpeg::Error(AVERROR(EINVAL), "HLS is written to files only, not to", settings.url);
   }
-  // FFmpeg fills in numbers there, and has no way to say that a percent sign is one.
+  // FFmpeg replaces percent signs with numbers, and has no escape for them.
   if (settings.url.find('%') != std::string::npos) {
     throw ffmpeg::Error(AVERROR(EINVAL), "HLS cannot be written to a path with a percent sign",
                         settings.url);
@@ -152,7 +152,7 @@ void HlsLayout::Apply(Muxer& muxer) const {
   choose("hls_time", seconds);
   std::string flags = "independent_segments";
   if (kind_.isLive) {
-    // By the date a player finds the place in a rendition that it comes back to.
+    // The date lets a player find its place in a rendition that it returns to.
     flags += "+delete_segments+program_date_time";
   }
   if (kind_.isLive && !kind_.isKept) {
@@ -160,7 +160,7 @@ void HlsLayout::Apply(Muxer& muxer) const {
     if (std::filesystem::exists(stem + "_video.m3u8", ignored)) {
       flags += "+append_list";
     } else {
-      // Segments of a playlist that is gone may be known to players and caches.
+      // Players and caches may know segments of a playlist that was removed.
       choose("hls_start_number_source", "epoch");
     }
   }
@@ -182,7 +182,7 @@ std::string HlsLayout::Playlist(const AVCodecParameters& video, Ratio frameRate)
     text += std::string(",DEFAULT=") + (i == 0 ? "YES" : "NO") +
             ",AUTOSELECT=YES,URI=" + QuotedAttribute(stem + "_" + AudioName(i) + ".m3u8") + "\n";
   }
-  // An encoder of constant quality does not know its rate; players only compare it.
+  // An encoder of constant quality does not know its bit rate; players only compare rates.
   const auto guess = static_cast<std::int64_t>(video.width * video.height * frameRate.value() / 10);
   char rate[32];
   std::snprintf(rate, sizeof(rate), "%.3f", frameRate.value());
@@ -197,7 +197,7 @@ std::string HlsLayout::Playlist(const AVCodecParameters& video, Ratio frameRate)
 }
 
 void HlsLayout::WritePlaylist(const AVCodecParameters& video, Ratio frameRate) const {
-  // Whole or not at all: players read it while it is written.
+  // Written whole or not at all: players read it at any time.
   std::filesystem::path partial = playlist_;
   partial += ".part";
   errno = 0;

@@ -1,5 +1,4 @@
-// The files that an output writes: those of a recording, with their names and where one follows
-// another, and those of an HLS output.
+// The files that an output writes: names and segments of a recording, and the files of HLS.
 #pragma once
 
 #include <cstddef>
@@ -16,19 +15,19 @@
 
 namespace host {
 
-// "wall.mkv", or "wall-2.mkv", "wall-3.mkv" and so on: the first one that there is no file of.
+// "wall.mkv", or "wall-2.mkv", "wall-3.mkv" and so on: the first name that no file has.
 std::string FreeName(const std::string& path);
 
 // The name that was asked for, with date and time where it has conversions for them; then
 // "wall-2.mkv", "wall-3.mkv" and so on: the first name that no file has. The number starts again
-// with every other date and time. Owned by an output and called on its thread.
+// whenever the date or time in the name changes. Owned by an output and called on its thread.
 class RecordingFiles {
  public:
-  // What becomes of a file that has the name of the first one.
+  // What happens to a file that has the first name.
   enum class Existing {
     kKept,      // it stays, and the recording gets the next name
     kReplaced,  // it is emptied
-    kRefused,   // ... is a failure
+    kRefused,   // it is a failure
   };
 
   // path: see config::ExpandFileName.
@@ -38,12 +37,13 @@ class RecordingFiles {
   std::unique_ptr<ffmpeg::FileOutput> Next();
   // The latest file was removed again, or holds nothing: the next one gets its name.
   void ForgetLatest();
-  // For containers that write several files by themselves: the name now, whatever is there.
+  // For containers that write several files by themselves: the name now, whether a file has it or
+  // not.
   std::string Name() const;
-  // ... and the next one that there is no file of, unless files are replaced.
+  // The same, but the first name that no file has, unless files are replaced.
   std::string NextName();
 
-  // Whether the latest file has another name than it should, because there was one.
+  // Whether the latest file has another name because a file had the first one.
   bool avoided() const { return avoided_; }
 
  private:
@@ -61,9 +61,9 @@ struct SegmentLimits {
   std::int64_t bytes = 0;
 };
 
-// Files are cut at keyframes only: at the first one at which a file has the length, or at which it
-// would exceed the size if as much came until the next one as since the one before. Counts what the
-// packets hold; a container adds little to it. One thread.
+// Files are cut at keyframes only: at the first one at which a file has the length, or at which
+// another GOP as large as the last one would exceed the size. Counts the bytes of the packets; a
+// container adds little. One thread.
 class SegmentCutter {
  public:
   explicit SegmentCutter(SegmentLimits limits) : limits_(limits) {}
@@ -96,27 +96,26 @@ class SegmentCutter {
 
 // The files of an HLS output, for "wall.m3u8" with two channels:
 //
-//   wall.m3u8           the playlist to play: names the video and the renditions of sound
+//   wall.m3u8           the playlist to play: names the video and the renditions of audio
 //   wall_video.m3u8     wall_video_00000.ts ...
-//   wall_sound1.m3u8    wall_sound1_00000.ts ...   the first channel with sound
+//   wall_sound1.m3u8    wall_sound1_00000.ts ...   the first channel with audio
 //   wall_sound2.m3u8    ...
 //
 // FFmpeg writes all but the first, which it could write only without the channels' names. Options
-// of the operator go before those that are chosen here. One thread, for one opening.
+// of the operator take precedence over those that are chosen here. One thread, for one opening.
 class HlsLayout {
  public:
   struct Kind {
     bool isLive = false;  // old segments are removed
-    bool isKept = false;  // none is, and its name is new
+    bool isKept = false;  // all segments stay, and the playlist has a new name
   };
-  // A live playlist that is there is continued behind a discontinuity under numbers that none of
-  // its segments had. keyframes: the time between two. Throws ffmpeg::Error for a URL that is no
-  // file.
+  // An existing live playlist is continued after a discontinuity, with new segment numbers.
+  // keyframes: the time between two. Throws ffmpeg::Error for a URL that is no file.
   HlsLayout(const Muxer::Settings& settings, Kind kind, Time keyframes);
 
   // In the order of the muxer's tracks.
   void AddAudio(const std::string& name, const std::string& language);
-  // Tells the muxer; before it starts.
+  // Sets the options of the muxer, before it starts.
   void Apply(Muxer& muxer) const;
   // Throws ffmpeg::Error when it cannot be written.
   void WritePlaylist(const AVCodecParameters& video, Ratio frameRate) const;

@@ -17,7 +17,7 @@ namespace {
 
 constexpr int kUnknownRate = 48'000;
 constexpr int kUnknownChannels = 2;
-// Its timestamps have 31 bits of milliseconds: 24.8 days.
+// FLV timestamps have 31 bits of milliseconds: 24.8 days.
 constexpr Time kMaxFlvLength = 24 * 24 * 3600 * kSecond;
 // FLV, and RTMP with it, has one track of audio.
 std::size_t MaxAudioTracks(const std::string& format) {
@@ -32,7 +32,7 @@ Time LatenessIn(const Muxer::Settings& settings) {
                    : Interleaver::kMaxLateness;
 }
 
-// A live playlist always has the same name and replaces the one that was; one that keeps all its
+// A live playlist keeps its name and replaces the former one; a playlist that keeps all its
 // segments is a recording.
 bool KeepsSegments(const Muxer::Settings& settings) {
   const auto size = settings.options.find("hls_list_size");
@@ -97,7 +97,7 @@ bool OutputSession::CanStart(const TrackPacket& packet) {
   if (!firstFrame_) {
     firstFrame_ = packet.packet->dts;
   }
-  // Live, the next frame would come too late to say so.
+  // Live: with the next frame the limit would be exceeded.
   const Time waited = settings_.sinceStart
                           ? settings_.sinceStart() + FrameDuration(settings_.frameRate)
                           : packet.packet->dts - *firstFrame_;
@@ -197,7 +197,7 @@ void OutputSession::Start() {
   }
   {
     const os::MutexLock guard(cancelLock_);
-    std::swap(muxer_, muxer);  // the former one may have something to wait for at its end
+    std::swap(muxer_, muxer);  // the former one may take long to end
     if (cancelled_) {
       opening->Cancel();
     }
@@ -225,7 +225,7 @@ void OutputSession::FinishTarget() {
 }
 
 void OutputSession::AddTracks(Muxer& muxer) {
-  // All files of a recording have the same tracks, so that they can be put together.
+  // All files of a recording have the same tracks, so that they can be joined.
   if (targets_ > 0) {
     for (const std::size_t i : channels_) {
       AddTrack(muxer, i, *settings_.tracks[i].audio->format());
@@ -290,14 +290,14 @@ void OutputSession::WriteAudio(TrackPacket item) {
   }
   const auto transcoder = transcoders_.find(channel);
   if (transcoder == transcoders_.end()) {
-    interleaver_.PushAudio(channel, std::move(item.packet), item.shift);
+    interleaver_.PushAudio(channel, std::move(item.packet), item.offset);
     return;
   }
-  // What is counted as received is what is to be written.
+  // Counted as received are the packets to be written: those of the transcoder.
   --counters_.of(item.track).received;
   transcoder->second.Push(*item.packet, [&](ffmpeg::Packet packet) {
     ++counters_.of(item.track).received;
-    interleaver_.PushAudio(channel, std::move(packet), item.shift);
+    interleaver_.PushAudio(channel, std::move(packet), item.offset);
   });
 }
 
@@ -340,7 +340,7 @@ void OutputSession::WriteSilence(std::size_t channel, ffmpeg::Packet packet) {
 
 void OutputSession::Mux(int track, ffmpeg::Packet packet) {
   TrackCounters& counters = counters_.of(track);
-  // Counted first: a failure of the output takes the packet with it.
+  // Counted first: the packet is lost when the output fails.
   ++counters.leftOut;
   std::size_t number = videoTrack_;
   if (track == TrackPacket::kVideo) {

@@ -23,17 +23,17 @@ namespace host {
 // From the first packet to the end of the connection, the file or, where a recording is cut, of its
 // last file. The first packets are held back until the format of every channel's audio is known,
 // but no longer than the format limit: then a channel that is still unknown gets a track of AAC, 48
-// kHz, stereo, into which it will be encoded should it come. A channel whose source is known to
-// have no audio gets no track, and neither does a source that was not opened, unless it is opened
-// again (a live wall).
+// kHz, stereo, into which its audio is encoded if it comes. A channel whose source is known to have
+// no audio gets no track, and neither does a source that was not opened, unless it is opened again
+// (a live wall).
 //
 // What is written begins at time 0 with a keyframe, in every file. Where a recording is cut, the
 // frames before the keyframe and the audio before its time are in the one file, all others in the
-// next: put together they are what one file would hold.
+// next: joined they are what one file would hold.
 //
-// FLV begins again before its timestamps end, as a recording does that is cut.
+// FLV is cut like a recording before its timestamps overflow.
 //
-// A file into which nothing of use was written when the output fails is removed.
+// A file that holds nothing of use when the output fails is removed.
 //
 // Owned and called by an output on its thread, except Cancel.
 class OutputSession {
@@ -47,7 +47,7 @@ class OutputSession {
   struct Settings {
     Muxer::Settings muxer;
     Ratio frameRate{25, 1};
-    // How long is waited for the formats of the audio: live, from the first frame of the wall on;
+    // How long to wait for the formats of the audio: live, from the first frame of the wall on;
     // rendered, in the output's own time.
     Time formatLimit = 5 * kSecond;
     bool waitForSources = false;       // also for those that are not open yet
@@ -59,14 +59,14 @@ class OutputSession {
   // What belongs to the output and outlives its sessions.
   struct Owner {
     RecordingFiles* files = nullptr;              // null: the output is no file
-    std::function<void(const std::string&)> say;  // gets sentences for the operator
+    std::function<void(const std::string&)> say;  // a sentence for the operator
     // Something has reached a target; file: its name, empty where it is none.
     std::function<void(const OutputSession& session, const std::string& file)> opened;
-    // What is queued behind a keyframe is skipped up to the newest one; false: there is none. Null
-    // where everything is to be written.
+    // Skips the queue up to its newest keyframe; false when there is none. Null where everything is
+    // to be written.
     std::function<bool()> skipToNewestKeyframe = nullptr;
-    // So much must have been written before, or the end: after failures, so that a consumer that
-    // fails again at once is not open in between.
+    // Time that must be written before `opened` is called, unless the output ends first: after a
+    // failure, so that a consumer that fails again at once does not count as open.
     Time openAfter = 0;
   };
 
@@ -93,7 +93,7 @@ class OutputSession {
  private:
   bool CanStart(const TrackPacket& packet);
   void Hold(TrackPacket packet);
-  // Of what has piled up until it was open, the newest keyframe and what follows stays.
+  // Drops what piled up until the target was open, but for the newest keyframe and what follows.
   void SkipHeld();
   void WriteHeld();
   bool IsWaitedFor(const Track& track) const;
@@ -123,11 +123,12 @@ class OutputSession {
   std::string file_;        // that is written, or a playlist; empty where it is none
   bool isOneFile_ = false;  // ... and no playlist
   bool isNamed_ = false;    // the file has its name from the owner's files
-  bool isOpen_ = false;     // the owner has heard of the target
+  bool isOpen_ = false;     // the owner was notified of the target
   std::size_t videoTrack_ = 0;
   std::vector<std::size_t> channels_;                    // that have a track, in their order
   std::vector<std::optional<std::size_t>> audioTracks_;  // of the muxer, for each channel
-  std::map<std::size_t, AudioTranscoder> transcoders_;   // of channels in formats that do not fit
+  std::map<std::size_t, AudioTranscoder>
+      transcoders_;  // of channels in formats that the container does not take
   Interleaver interleaver_;
   SilentTracks silence_;
   SegmentCutter cutter_;

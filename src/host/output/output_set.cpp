@@ -19,13 +19,13 @@ using std::chrono::milliseconds;
 
 constexpr milliseconds kForever{0x7FFF'FFFF};
 constexpr milliseconds kPoll{50};
-// Live, for the encoders to hand over what they hold; then for an output of a rendering that is to
-// end at once, as of a live one.
+// How long encoders of a live wall may take to hand over what they hold, and outputs of a rendering
+// that is to end at once.
 constexpr milliseconds kEncoderLimit{2'000};
 constexpr milliseconds kHurriedLimit{3'000};
 // An encoder that hands over nothing for that long after the limit is stuck.
 constexpr milliseconds kEncoderStall{1'000};
-// For a thread to notice that nobody wants its packets any more.
+// How long an encoder's thread may take to notice that its outputs were abandoned.
 constexpr milliseconds kCancelLimit{250};
 
 OutputSet::TrackStatus StatusOf(const TrackCounters& counters) {
@@ -58,7 +58,7 @@ OutputSet::~OutputSet() {
 }
 
 void OutputSet::Add(const Item& item, const Settings& settings) {
-  // What is wrong permanently is reported before the wall starts.
+  // Permanent errors are reported before the wall starts.
   const AVOutputFormat* const container = FindContainer(item.muxer.format, item.muxer.url);
   const AVCodec* const codec = FindVideoEncoder(item.encoder.codec);
   if (container == nullptr) {
@@ -130,19 +130,19 @@ Time OutputSet::SinceStart(const StartedAt& startedAt) {
   return started == 0 ? 0 : std::chrono::nanoseconds(since).count() / 100;
 }
 
-void OutputSet::Take(const ComPtr<IMediaSample>& picture, Time start) {
+void OutputSet::Take(const ComPtr<IMediaSample>& frame, Time start) {
   if (*startedAt_ == 0) {
     *startedAt_ = std::chrono::steady_clock::now().time_since_epoch().count();
   }
   for (const Encoder& encoder : encoders_) {
-    encoder.encoder->Take(picture, start);
+    encoder.encoder->Take(frame, start);
   }
 }
 
-void OutputSet::TakeAudio(std::size_t channel, const AVPacket& packet, Time shift) {
+void OutputSet::TakeAudio(std::size_t channel, const AVPacket& packet, Time offset) {
   for (const Entry& entry : entries_) {
     if (entry.output) {
-      entry.output->TakeAudio(channel, packet, shift);
+      entry.output->TakeAudio(channel, packet, offset);
     }
   }
 }
@@ -166,8 +166,8 @@ bool OutputSet::WaitForRoom(milliseconds limit) {
   return true;
 }
 
-// An encoder ends as long as packets come out of it. One of a rendering may wait for an output that
-// is stuck.
+// An encoder that still delivers packets is waited for. One of a rendering may wait for an output
+// that is stuck.
 void OutputSet::FinishEncoder(Encoder& encoder, const std::function<milliseconds()>& left) {
   std::uint64_t handed = encoder.encoder->handed();
   milliseconds idle{0};
@@ -220,7 +220,7 @@ void OutputSet::Finish(const std::function<bool()>& hurried) {
   for (Encoder& encoder : encoders_) {
     FinishEncoder(encoder, left);
   }
-  // All are told before the first is waited for: together they take no longer than one.
+  // All are closed before the first is waited for: together they take no longer than one.
   for (const Entry& entry : entries_) {
     if (entry.output) {
       entry.output->Close();
@@ -236,7 +236,7 @@ void OutputSet::Finish(const std::function<bool()>& hurried) {
     while (left() > milliseconds(0) && !entry.output->WaitForEnd(std::min(left(), kPoll))) {
     }
   }
-  // Those that are stuck together take no longer than one.
+  // In parallel: all that are stuck take no longer than one.
   std::vector<std::thread> finishing;
   for (const Entry& entry : entries_) {
     if (entry.output && !entry.output->WaitForEnd(milliseconds(0))) {

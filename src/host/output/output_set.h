@@ -14,8 +14,8 @@
 
 namespace host {
 
-// Makes one encoder for all outputs that want the same and hands it every frame; the outputs get
-// the encoders' packets and all channels' audio. None of them disturbs another, nor the wall.
+// Makes one encoder for all outputs with the same settings and hands it every frame; the outputs
+// get the encoders' packets and all channels' audio. No output disturbs another, nor the wall.
 //
 // Owned by the wall's session. Take is the composition thread's, TakeAudio the channels'
 // streaming threads'; both return at once. The rest is the application's.
@@ -41,9 +41,9 @@ class OutputSet {
   // Frames, or audio packets of one channel.
   struct TrackStatus {
     std::uint64_t written = 0;
-    std::uint64_t dropped = 0;  // encoder or output were behind, or the output was not open
+    std::uint64_t dropped = 0;  // encoder or output was behind, or the output was not open
     std::uint64_t leftOut = 0;  // too late or too early for the file, or refused by it
-    std::uint64_t silence = 0;  // written besides, before the channel's first packet
+    std::uint64_t silence = 0;  // written besides, where the channel had no audio
   };
   struct Status {
     std::string name;
@@ -60,20 +60,20 @@ class OutputSet {
   };
 
   // observer and logger outlive the set; logger may be null. An output whose encoder or container
-  // is not to be had has failed from the start, and the observer is called.
+  // is not available has failed from the start, and the observer is called.
   OutputSet(const Settings& settings, OutputObserver* observer, qorp::log::ILogPerf* logger);
   ~OutputSet();
   OutputSet(const OutputSet&) = delete;
   OutputSet& operator=(const OutputSet&) = delete;
 
-  void Take(const ComPtr<IMediaSample>& picture, Time start);
-  // shift: see AudioSink.
-  void TakeAudio(std::size_t channel, const AVPacket& packet, Time shift);
-  // For a rendered wall, before each frame: whether everything has room for it; waits that long.
+  void Take(const ComPtr<IMediaSample>& frame, Time start);
+  // offset: see AudioSink.
+  void TakeAudio(std::size_t channel, const AVPacket& packet, Time offset);
+  // Before each frame of a rendered wall: waits for room everywhere; false after the limit.
   bool WaitForRoom(std::chrono::milliseconds limit);
-  // The wall has ended: everything is written to its end. hurried: whether somebody waits for the
-  // end of a rendering, which otherwise takes as long as its outputs; asked again and again, may be
-  // null. Whatever is stuck is abandoned and has failed.
+  // The wall has ended: writes everything to its end. hurried: whether a rendering, which otherwise
+  // takes as long as its outputs, is to end at once; polled, may be null. An output that is stuck
+  // is abandoned and has failed.
   void Finish(const std::function<bool()>& hurried = nullptr);
 
   bool empty() const { return entries_.empty(); }
@@ -107,7 +107,7 @@ class OutputSet {
   qorp::log::ILogPerf* const logger_;
   const std::chrono::milliseconds finishLimit_;
   const std::shared_ptr<StartedAt> startedAt_ = std::make_shared<StartedAt>(0);
-  // The encoders go first: their threads use the outputs.
+  // The encoders are destroyed first: their threads use the outputs.
   std::vector<Entry> entries_;
   std::vector<Encoder> encoders_;
   bool finished_ = false;

@@ -56,7 +56,7 @@ void PacketQueue::Clear() {
   bytes_ = 0;
 }
 
-// The frames before the second one that can be decoded alone, and the audio that goes with them.
+// Drops the frames before the next keyframe, and the audio that goes with them.
 void PacketQueue::DropOldestFrames() {
   const auto first = std::find_if(packets_.begin(), packets_.end(), [](const TrackPacket& packet) {
     return packet.track == TrackPacket::kVideo;

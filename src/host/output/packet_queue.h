@@ -21,7 +21,7 @@ struct TrackCounters {
   std::atomic<std::uint64_t> written{0};
   std::atomic<std::uint64_t> dropped{0};  // the output's queue was full, or it was not open
   std::atomic<std::uint64_t> leftOut{0};  // no place in the file: too late, too early, refused
-  std::atomic<std::uint64_t> silence{0};  // written besides, before the channel's first packet
+  std::atomic<std::uint64_t> silence{0};  // written besides, where the channel had no audio
 };
 
 // Of the mosaic's video and of the audio of every channel. Any thread.
@@ -48,7 +48,7 @@ struct TrackPacket {
 
   int track = kVideo;     // kVideo or the number of the channel
   ffmpeg::Packet packet;  // timestamps in units of 100 ns, on the wall's clock
-  Time shift = 0;         // of audio: the wall's time minus the channel's own
+  Time offset = 0;        // of audio: the wall's time minus the channel's own
 };
 
 // Bounded by bytes and by the time of the video that waits. A full queue drops whole GOPs, the
@@ -71,7 +71,7 @@ class PacketQueue {
   enum class Pushed {
     kKept,
     kOverflowed,  // others were dropped for it, or it with them
-    kRefused,     // after a drop, until a frame comes that can be decoded alone
+    kRefused,     // after a drop, until the next keyframe
   };
 
   // Returns at once. A closed queue takes everything and keeps nothing.
@@ -94,7 +94,7 @@ class PacketQueue {
 
   // No more packets come; those that wait are still popped.
   void Close();
-  // The same, and nothing is popped any more.
+  // The same, and drops those that wait.
   void Abandon();
 
   std::size_t bytes() const;

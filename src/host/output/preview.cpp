@@ -22,7 +22,7 @@ namespace {
 constexpr Time kKeyframeInterval = kSecond;
 constexpr double kQuality = 23;
 constexpr std::chrono::milliseconds kRetry{1000};  // after a failure of the encoder
-// How long a viewer that has left may be unnoticed when no frame comes.
+// How long it may take to notice that a viewer has left when no frame comes.
 constexpr std::chrono::milliseconds kLookPeriod{500};
 constexpr int kPixelsForOneThread = 1280 * 720;
 
@@ -61,30 +61,30 @@ struct Preview::Encoding {
         frameDuration(FrameDuration(settings.frameRate)),
         encoder(settings),
         writer(*encoder.parameters()),
-        picture(ffmpeg::MakeFrame()),
+        scaled(ffmpeg::MakeFrame()),
         scaler(sws_getContext(canvas.width, canvas.height, AV_PIX_FMT_YUV420P, settings.width,
                               settings.height, AV_PIX_FMT_YUV420P, SWS_BILINEAR, nullptr, nullptr,
                               nullptr)) {
     if (!scaler) {
       throw std::bad_alloc();
     }
-    picture->format = AV_PIX_FMT_YUV420P;
-    picture->width = settings.width;
-    picture->height = settings.height;
-    ffmpeg::Check(av_frame_get_buffer(picture.get(), 0), "cannot make a picture to encode");
+    scaled->format = AV_PIX_FMT_YUV420P;
+    scaled->width = settings.width;
+    scaled->height = settings.height;
+    ffmpeg::Check(av_frame_get_buffer(scaled.get(), 0), "cannot make a picture to encode");
   }
 
-  // False when there is nothing to be scaled.
+  // False when the sample holds no whole frame.
   bool Scale(const ComPtr<IMediaSample>& sample) {
     BYTE* start = nullptr;
     if (FAILED(sample->GetPointer(&start)) ||
         sample->GetActualDataLength() < qorp::PictureBytes(canvas.width, canvas.height)) {
       return false;
     }
-    ffmpeg::Check(av_frame_make_writable(picture.get()), "cannot make a picture to encode");
+    ffmpeg::Check(av_frame_make_writable(scaled.get()), "cannot make a picture to encode");
     const qorp::ConstYv12Picture frame{start, canvas.width, canvas.height};
     ffmpeg::Check(sws_scale(scaler.get(), frame.YuvData().data(), frame.YuvStrides().data(), 0,
-                            canvas.height, picture->data, picture->linesize),
+                            canvas.height, scaled->data, scaled->linesize),
                   "cannot scale a picture");
     return true;
   }
@@ -93,7 +93,7 @@ struct Preview::Encoding {
   const Time frameDuration;
   VideoEncoder encoder;
   FragmentWriter writer;
-  ffmpeg::Frame picture;
+  ffmpeg::Frame scaled;
   ffmpeg::Scaler scaler;
   std::optional<Time> encoded;  // start of the latest frame
   std::optional<Time> forced;   // of the latest keyframe that was made for a viewer
@@ -135,23 +135,23 @@ void Preview::Take(const ComPtr<IMediaSample>& frame, Time start) {
     return;
   }
   taken_ = place;
-  Picture picture{frame, start,
-                  static_cast<std::uint64_t>(FrameAt(start, rate) - FrameAt(*first_, rate))};
+  QueuedFrame queued{frame, start,
+                     static_cast<std::uint64_t>(FrameAt(start, rate) - FrameAt(*first_, rate))};
   {
     const os::MutexLock guard(lock_);
-    std::swap(waiting_, picture);
+    std::swap(waiting_, queued);
   }
   changed_.NotifyAll();
 }
 
-std::optional<Preview::Picture> Preview::Next() {
-  Picture picture;
+std::optional<Preview::QueuedFrame> Preview::Next() {
+  QueuedFrame queued;
   const os::MutexLock guard(lock_);
   while (!waiting_.sample && !ends_ && feed_->viewers() > 0) {
     changed_.WaitUntil(lock_, Clock::now() + kLookPeriod);
   }
-  std::swap(picture, waiting_);
-  return ends_ || feed_->viewers() == 0 ? std::nullopt : std::optional(std::move(picture));
+  std::swap(queued, waiting_);
+  return ends_ || feed_->viewers() == 0 ? std::nullopt : std::optional(std::move(queued));
 }
 
 void Preview::Say(const std::string& what) const {
@@ -166,20 +166,20 @@ void Preview::Run() {
     return ends_;
   };
   while (!hasEnded()) {
-    std::optional<Picture> picture = Next();
-    if (picture) {
+    std::optional<QueuedFrame> queued = Next();
+    if (queued) {
       try {
-        Encode(*picture);
+        Encode(*queued);
         continue;
       } catch (const std::exception& error) {
-        picture->sample = nullptr;
+        queued->sample = nullptr;
         Say(std::string("the preview has failed and begins again: ") + error.what());
       }
     }
     encoding_.reset();
     isEncoding_ = false;
     feed_->Forget();
-    if (picture) {
+    if (queued) {
       const os::MutexLock guard(lock_);
       const Clock::time_point until = Clock::now() + kRetry;
       while (!ends_ && changed_.WaitUntil(lock_, until)) {
@@ -191,7 +191,7 @@ void Preview::Run() {
 
 void Preview::WaitForViewer() {
   for (;;) {
-    Picture unseen;  // of a viewer that has just left; released without the lock
+    QueuedFrame unseen;  // of a viewer that has just left; released without the lock
     const os::MutexLock guard(lock_);
     if (ends_ || feed_->viewers() > 0) {
       return;
@@ -203,7 +203,7 @@ void Preview::WaitForViewer() {
   }
 }
 
-void Preview::Encode(Picture& picture) {
+void Preview::Encode(QueuedFrame& queued) {
   if (!encoding_) {
     const auto [width, height] = PreviewSize(settings_.canvas, settings_.options);
     encoding_ = std::make_unique<Encoding>(
@@ -217,12 +217,12 @@ void Preview::Encode(Picture& picture) {
          .bytes = description,
          .format = FragmentFormat{codec.value_or("avc1"), width, height, frameRate_, 0, 0}});
   }
-  const bool isScaled = encoding_->Scale(picture.sample);
-  picture.sample = nullptr;  // the buffers of the canvas are few
+  const bool isScaled = encoding_->Scale(queued.sample);
+  queued.sample = nullptr;  // the buffers of the canvas are few
   if (!isScaled) {
     return;
   }
-  const Time start = picture.start;
+  const Time start = queued.start;
   // Players drop what follows a gap of more than two frames up to the next keyframe.
   const bool isAfterGap =
       encoding_->encoded && start - *encoding_->encoded > 5 * encoding_->frameDuration / 2;
@@ -236,13 +236,13 @@ void Preview::Encode(Picture& picture) {
     encoding_->encoder.ForceKeyframe();
   }
   encoding_->encoded = start;
-  encoding_->encoder.Encode(*encoding_->picture, start, [&](ffmpeg::Packet packet) {
+  encoding_->encoder.Encode(*encoding_->scaled, start, [&](ffmpeg::Packet packet) {
     const bool isKey = (packet->flags & AV_PKT_FLAG_KEY) != 0;
     if (isWanted && !isKey) {
       wantsKeyframe_ = true;
     }
     feed_->Publish({.isKey = isKey,
-                    .frame = picture.number,
+                    .frame = queued.number,
                     .bytes = encoding_->writer.Write(std::move(packet))});
     ++frames_;
   });

@@ -1,4 +1,4 @@
-// Preview: the composed frames in a small size, encoded while somebody looks.
+// Preview: the composed frames in a small size, encoded while somebody watches.
 #pragma once
 
 #include <atomic>
@@ -22,11 +22,11 @@
 
 namespace host {
 
-// Has a thread of a low priority that takes the newest frame, scales it and encodes it as H.264,
-// without reordering: one fragment for each frame. A frame that comes before the one before it is
-// taken replaces it. The encoder is opened for the first viewer and freed when the last one has
-// left. There is a keyframe every second; a viewer that joins gets one at once, but no more than
-// one in a second is made for that.
+// Has a thread of low priority that takes the newest frame, scales it and encodes it as H.264,
+// without reordering: one fragment for each frame. A new frame replaces one that still waits. The
+// encoder is opened for the first viewer and freed when the last one has left. There is a keyframe
+// every second; a viewer that joins gets one at once, but no more than one in a second is made for
+// that.
 //
 // Take is the composition thread's; the rest may be called by any thread.
 class Preview {
@@ -47,31 +47,31 @@ class Preview {
   Preview(const Preview&) = delete;
   Preview& operator=(const Preview&) = delete;
 
-  // Of every frame that is composed; returns at once. No more than two are kept, the
-  // one that waits and the one that is being scaled.
+  // Every composed frame; returns at once. No more than two are kept, the one that waits and the
+  // one that is being scaled.
   void Take(const ComPtr<IMediaSample>& frame, Time start);
-  // Nobody subscribes any more when the preview is destroyed.
+  // Nobody may subscribe while the preview is destroyed, or later.
   const std::shared_ptr<FragmentFeed>& feed() const { return feed_; }
   Status status() const;
 
  private:
   using Clock = std::chrono::steady_clock;
-  struct Picture {
+  struct QueuedFrame {
     ComPtr<IMediaSample> sample;
     Time start = 0;
     std::uint64_t number = 0;
   };
-  // What there is while somebody looks.
+  // Exists while there are viewers.
   struct Encoding;
 
   void Join();
   void Say(const std::string& what) const;
   void Run();
   void WaitForViewer();
-  // None when the preview ends or nobody looks any more.
-  std::optional<Picture> Next();
+  // None when the preview ends or the last viewer has left.
+  std::optional<QueuedFrame> Next();
   // Releases the frame as soon as it is scaled.
-  void Encode(Picture& picture);
+  void Encode(QueuedFrame& queued);
 
   const Settings settings_;
   const Ratio frameRate_;
@@ -83,7 +83,7 @@ class Preview {
   std::unique_ptr<Encoding> encoding_;  // the preview's thread
   os::Mutex lock_;
   os::ConditionVariable changed_;
-  Picture waiting_ GUARDED_BY(lock_);
+  QueuedFrame waiting_ GUARDED_BY(lock_);
   bool ends_ GUARDED_BY(lock_) = false;
   std::shared_ptr<FragmentFeed> feed_;
   std::unique_ptr<os::Thread> thread_;

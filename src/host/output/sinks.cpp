@@ -38,7 +38,7 @@ HRESULT CompositionSink::Pin::Receive(IMediaSample* sample) {
   if (hr != S_OK) {
     return hr;
   }
-  // A preroll frame is there for the filters on its way, not for being shown.
+  // A preroll frame is for the filters before this one and is not shown.
   REFERENCE_TIME start = 0;
   REFERENCE_TIME stop = 0;
   if (sample->IsPreroll() != S_OK && SUCCEEDED(sample->GetTime(&start, &stop))) {
@@ -95,7 +95,7 @@ class AudioSink::Pin final : public CBaseInputPin {
     packet->duration = stop - start;
     packet->time_base = ffmpeg::kTimeUnit;
     packet->flags |= AV_PKT_FLAG_KEY;
-    // The composer leaves the media times, on which the host sends the channel's own time.
+    // The host sends the channel's own time as media time, which the composer does not change.
     LONGLONG own = start;
     LONGLONG ownStop = stop;
     sample->GetMediaTime(&own, &ownStop);

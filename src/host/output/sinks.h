@@ -13,8 +13,8 @@
 
 namespace host {
 
-// Hands every composed frame on by reference. Delivery holds the composer's lock: the one that
-// takes the frame returns at once and leaves the pixels as they are.
+// Hands every composed frame on by reference. Delivery holds the composer's lock: takeFrame returns
+// at once and leaves the pixels as they are.
 class CompositionSink final : public CBaseFilter {
  public:
   // Called on the composition thread while the graph is active; start on the wall's clock.
@@ -51,10 +51,10 @@ class CompositionSink final : public CBaseFilter {
 class AudioSink final : public CBaseFilter {
  public:
   // Called on the streaming thread of the channel with the composer's lock held while the graph is
-  // active: returns at once. The packet's timestamps are on the wall's clock, in units of 100 ns; a
-  // packet without times does not come here. shift: by how much the composer has moved it against
-  // the channel's own clock; another one than before when the channel has re-synchronised.
-  using TakePacket = std::function<void(std::size_t channel, ffmpeg::Packet packet, Time shift)>;
+  // active: returns at once. The packet's timestamps are on the wall's clock, in units of 100 ns;
+  // packets without timestamps are dropped. offset: what the composer has added to the channel's
+  // own time; it changes when the channel has re-synchronised.
+  using TakePacket = std::function<void(std::size_t channel, ffmpeg::Packet packet, Time offset)>;
 
   static ComPtr<AudioSink> Create(std::size_t channels, TakePacket takePacket);
   AudioSink(std::size_t channels, TakePacket takePacket);

@@ -52,7 +52,7 @@ ffmpeg::Frame ToRgb(std::span<const std::uint8_t> yv12, int width, int height, i
   return rgb;
 }
 
-// One picture by itself; quality is that of the encoder, if it has one.
+// Encodes one picture; quality: of the encoder, 0 where it has none.
 ffmpeg::Packet Encode(AVFrame& picture, AVCodecID id, int quality, const char* what) {
   const AVCodec* encoder = avcodec_find_encoder(id);
   if (encoder == nullptr) {
@@ -135,7 +135,7 @@ std::string EncodeJpeg(std::span<const std::uint8_t> yv12, int width, int height
   if (!scaler) {
     throw std::bad_alloc();
   }
-  // The ranges are given before it is made ready: afterwards they would be taken for equal.
+  // The ranges are set before it is initialised: afterwards they would be taken for equal.
   for (const auto& [option, value] : {std::pair{"srcw", partWidth},
                                       {"srch", partHeight},
                                       {"src_format", int{AV_PIX_FMT_YUV420P}},
@@ -167,7 +167,7 @@ void LatestFrame::Take(const ComPtr<IMediaSample>& frame) {
   {
     const os::MutexLock guard(lock_);
     if (!isWanted_.load(std::memory_order_relaxed)) {
-      return;  // the one who asked has just ended its wait
+      return;  // the caller has just stopped waiting
     }
     frame_ = frame;
     isWanted_.store(false, std::memory_order_relaxed);

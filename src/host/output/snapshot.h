@@ -19,16 +19,16 @@
 
 namespace host {
 
-// Writes a packed YV12 picture (Y, V, U, stride = width, BT.601 studio range, even size) as a PNG
+// Writes a packed YV12 frame (Y, V, U, stride = width, BT.601 studio range, even size) as a PNG
 // file. The file appears whole or not at all: it is written beside its place and then renamed. A
-// picture whose pixels are not square is stretched in width to the shape in which it is seen.
-// Throws ffmpeg::Error, or std::filesystem::filesystem_error when the file cannot be written.
+// frame whose pixels are not square is stretched in width to the shape in which it is seen. Throws
+// ffmpeg::Error, or std::filesystem::filesystem_error when the file cannot be written.
 void WriteSnapshot(const std::filesystem::path& file, std::span<const std::uint8_t> yv12, int width,
                    int height, Ratio pixelAspect = {1, 1});
 
-// A part of such a picture, as far as it lies inside, as the bytes of a JPEG file, in its own size
-// or the one that is given as width and height. Throws ffmpeg::Error, and std::invalid_argument
-// when nothing of the part lies inside.
+// The part of such a frame that lies inside it, as the bytes of a JPEG file, in its own size or the
+// one that is given as width and height. Throws ffmpeg::Error, and std::invalid_argument when
+// nothing of the part lies inside.
 std::string EncodeJpeg(std::span<const std::uint8_t> yv12, int width, int height,
                        const config::Window& part, Ratio pixelAspect = {1, 1},
                        std::optional<std::pair<int, int>> size = {});
@@ -73,8 +73,8 @@ class SnapshotFrame {
   Time taken_ GUARDED_BY(lock_) = 0;
 };
 
-// Composed frames as JPEG on request. Keeps no frame that nobody asks for, and none for longer than
-// it takes to copy it: the buffers of the canvas are few.
+// Composed frames as JPEG on request. Keeps no frame without a request, and none for longer than it
+// takes to copy it: the buffers of the canvas are few.
 class LatestFrame {
  public:
   // Composition thread; returns at once.

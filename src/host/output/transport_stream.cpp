@@ -18,7 +18,7 @@ constexpr std::size_t kMaxHurry = 4;
 constexpr Time kMinInterval = 2 * kMillisecond;
 constexpr Time kMaxInterval = 100 * kMillisecond;
 
-// Of a whole packet, in units of 1/90,000 s.
+// The PCR of a packet, in units of 1/90,000 s.
 std::optional<std::int64_t> PcrOf(const std::uint8_t* packet) {
   const bool hasField = (packet[3] & 0x20) != 0 && packet[4] >= 7;
   if (!hasField || (packet[5] & 0x10) == 0) {

@@ -1,4 +1,4 @@
-// A transport stream on its way to a live UDP output: PCRs, pacing, sending.
+// A transport stream behind the muxer: additional PCRs and, for live UDP, pacing and sending.
 #pragma once
 
 #include <array>
@@ -22,12 +22,12 @@ namespace host {
 // An encoder gives a whole frame at once. Sent like that, a keyframe is a burst of a thousand
 // packets at line rate, more than switches and receivers have room for. So what waits leaves evenly
 // within a share of the time from one PCR to the next, and what has piled up four times as fast.
-// One thread at a time; it asks no clock.
+// One thread at a time; it reads no clock.
 class TransportPacer {
  public:
   static constexpr std::size_t kPacketSize = 188;  // bytes
-  // Of the time from one PCR to the next, in percent: all of it would add up with the jitter of the
-  // encoder, and it is a part of the delay.
+  // Of the time from one PCR to the next, in percent: the whole of it would leave no room for the
+  // jitter of the encoder and would add to the delay.
   static constexpr int kShare = 60;
   static constexpr int kLowDelayShare = 25;
 
@@ -38,7 +38,7 @@ class TransportPacer {
   std::size_t bytes() const { return packets_.size() * kPacketSize; }
   // When the next packets leave, unless there are none.
   Time due() const { return due_; }
-  // Takes the next packets, no more than so many. now: when they leave.
+  // Takes the next packets, at most so many. now: when they leave.
   std::vector<std::uint8_t> Take(std::size_t most, Time now);
 
  private:
@@ -84,7 +84,7 @@ class PacedOutput {
 
   const ffmpeg::Connection connection_;  // the thread's once it runs
   ffmpeg::IoDeadline& deadline_;
-  const std::size_t packetsInOne_;  // of a datagram
+  const std::size_t packetsInOne_;  // packets of one datagram
   ffmpeg::CallbackIo io_;
   std::vector<std::uint8_t> partial_;  // of a packet; the muxer's thread
   std::atomic<bool> hasSent_{false};
@@ -97,8 +97,8 @@ class PacedOutput {
   std::unique_ptr<os::Thread> thread_;
 };
 
-// Passes a transport stream through to the I/O context below it, and puts packets that hold nothing
-// but a PCR before what would be more than 80 ms later than the latest one. They have the PID and
+// Passes a transport stream through to the I/O context below it, and inserts packets with nothing
+// but a PCR where the next PCR would be more than 80 ms after the latest one. They have the PID and
 // the continuity counter of the packets that carry the PCR.
 //
 // Owned and called by a muxer that writes each packet at once, without a constant rate.

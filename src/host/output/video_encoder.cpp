@@ -28,7 +28,7 @@ bool Offers(const AVCodecContext& context, const char* option) {
          av_opt_find(context.priv_data, option, nullptr, 0, 0) != nullptr;
 }
 
-// Presets and tunes are names of the encoder's own, or any text that it looks at itself.
+// Presets and tunes are names that the encoder lists, or any text that it checks by itself.
 bool OffersValue(const AVCodecContext& context, const char* name, const std::string& value) {
   const AVOption* const option =
       context.priv_data != nullptr ? av_opt_find(context.priv_data, name, nullptr, 0, 0) : nullptr;
@@ -91,7 +91,7 @@ VideoEncoder::VideoEncoder(const Settings& settings)
   codec_->height = settings.height;
   codec_->pix_fmt = AV_PIX_FMT_YUV420P;
   codec_->framerate = {settings.frameRate.num, settings.frameRate.den};
-  // Whole frames: the bit stream then announces the true frame rate.
+  // One tick for each frame: the bit stream then announces the true frame rate.
   codec_->time_base = {settings.frameRate.den, settings.frameRate.num};
   codec_->sample_aspect_ratio = {settings.pixelAspect.num, settings.pixelAspect.den};
   codec_->color_range = AVCOL_RANGE_MPEG;
@@ -104,8 +104,8 @@ VideoEncoder::VideoEncoder(const Settings& settings)
   if (settings.globalHeader) {
     codec_->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
   }
-  // A recording can be cut, and a stream joined, at every keyframe. Others have no frames that are
-  // shown before the keyframe they depend on.
+  // A recording can be cut, and a stream joined, at every keyframe. Other encoders have no frames
+  // that are shown before the keyframe they depend on.
   if (std::string_view(encoder->name).starts_with("libx26")) {
     codec_->flags |= AV_CODEC_FLAG_CLOSED_GOP;
   }
@@ -167,7 +167,7 @@ VideoEncoder::VideoEncoder(const Settings& settings)
 }
 
 VideoEncoder::~VideoEncoder() {
-  // This one never ends when it is closed without having had a frame (FFmpeg 5.1).
+  // libsvtav1 hangs when it is closed without having had a frame (FFmpeg 5.1).
   if (codec_ && lastFrame_ < 0 && encoderName() == "libsvtav1") {
     av_frame_make_writable(frame_.get());
     frame_->pts = 0;
@@ -197,7 +197,7 @@ void VideoEncoder::LimitDelay(const Settings& settings, ffmpeg::Options& options
   codec_->thread_type = FF_THREAD_SLICE;
   const bool isDefault = settings.preset == Settings().preset;
   const int held = std::max(0, frames - 1);
-  // What it learns of the future from so few frames makes it choose a lower quality for all.
+  // With so few frames of lookahead, macroblock trees lower the quality of all frames.
   options.Set("x264-params",
               isDefault && held <= kReordered ? "sync-lookahead=0:mbtree=0" : "sync-lookahead=0");
   if (isDefault) {
@@ -231,14 +231,14 @@ void VideoEncoder::Encode(std::span<const std::uint8_t> yv12, Time start, const 
   Encode(*frame_, start, sink);
 }
 
-void VideoEncoder::Encode(AVFrame& picture, Time start, const PacketSink& sink) {
+void VideoEncoder::Encode(AVFrame& frame, Time start, const PacketSink& sink) {
   if (!firstStart_) {
     firstStart_ = start;
   }
   lastFrame_ = std::max(av_rescale_q(start - *firstStart_, ffmpeg::kTimeUnit, codec_->time_base),
                         lastFrame_ + 1);
-  picture.pts = lastFrame_;
-  // Counted in frames that were encoded, keyframes would move with every frame that was left out.
+  frame.pts = lastFrame_;
+  // If encoded frames were counted, keyframes would move with every frame that was left out.
   if (!gridStart_) {
     gridStart_ = start;
   }
@@ -247,8 +247,8 @@ void VideoEncoder::Encode(AVFrame& picture, Time start, const PacketSink& sink) 
                                 codec_->gop_size;
   const bool isKey = std::exchange(isForced_, false) || interval_ != interval;
   interval_ = interval;
-  picture.pict_type = isKey ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
-  ffmpeg::Check(avcodec_send_frame(codec_.get(), &picture), "cannot encode a picture");
+  frame.pict_type = isKey ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
+  ffmpeg::Check(avcodec_send_frame(codec_.get(), &frame), "cannot encode a picture");
   Receive(sink);
 }
 

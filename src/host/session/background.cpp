@@ -24,10 +24,10 @@ namespace host {
 
 namespace {
 
-// For the file system of a picture to answer.
+// How long the file system of a picture may take to answer.
 constexpr std::chrono::seconds kPictureLimit{5};
 
-// Of the aspect of pixels as a fraction.
+// The largest term of a pixel aspect.
 constexpr int kMaxAspectTerm = 1 << 20;
 
 struct Ycbcr {
@@ -64,7 +64,7 @@ int EvenAtLeast(double value) {
   return static_cast<int>(std::ceil(value / 2 - 0.01)) * 2;
 }
 
-// Of so many pixels the ones in the middle that are wanted, an even number, or all.
+// The middle part of `all` pixels: `wanted` as an even number, or all. before, after: cut off.
 void CentredPart(double wanted, int all, std::size_t& before, std::size_t& after) {
   const int part = wanted < all ? std::min(all, std::max(2, EvenAtLeast(wanted))) : all;
   before = static_cast<std::size_t>((all - part) / 4 * 2);
@@ -85,7 +85,7 @@ double CropToAspect(AVFrame& frame, Ratio pixelAspect, double aspect) {
 constexpr CLSID kBackgroundSourceClass{
     0x3B1E0A55, 0x0E2C, 0x4B57, {0x8D, 0x2F, 0x1C, 0x6A, 0x5E, 0x21, 0x90, 0x02}};
 
-// Tells the watch of every buffer that comes back.
+// Notifies the watch of every buffer that comes back.
 class WatchedAllocator final : public CMemAllocator {
  public:
   explicit WatchedAllocator(std::shared_ptr<FrameWatch> watch)
@@ -322,7 +322,7 @@ void BackgroundSource::EndPacing() {
 void BackgroundSource::Pace() {
   const Ratio rate = settings_.canvas.frameRate;
   const Time frameTime = FrameDuration(rate);
-  // What lies behind us when the wall starts was never to be shown.
+  // Frames whose time is over when the wall starts are not sent.
   nextFrame_ = std::max(nextFrame_, FrameAt(pacing_.now() - 1, rate) + 1);
   while (!pacingEnds_) {
     const Time due = FrameStart(nextFrame_, rate);
@@ -330,7 +330,7 @@ void BackgroundSource::Pace() {
       return;
     }
     if (const Time now = pacing_.now(); now - due >= frameTime) {
-      // At once, however long the machine stood: on with the frame whose time it is.
+      // Skips to the frame that is due now, however long the machine was suspended.
       const std::int64_t current = std::max(FrameAt(now, rate), nextFrame_ + 1);
       counters_.late += static_cast<std::uint64_t>(current - nextFrame_);
       nextFrame_ = current;
@@ -355,7 +355,7 @@ bool BackgroundSource::Send(std::int64_t frame, bool wait) {
   if (!sample || FAILED(sample->GetPointer(&canvas))) {
     return false;
   }
-  // Drawn over in place by the composer: every frame starts from the picture again.
+  // The composer draws into the buffer: every frame starts from the background picture again.
   std::memcpy(canvas, settings_.picture.data(), settings_.picture.size());
   sample->SetActualDataLength(static_cast<LONG>(settings_.picture.size()));
   sample->SetSyncPoint(TRUE);

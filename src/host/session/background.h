@@ -1,6 +1,6 @@
-// What stands behind the windows, and the wall's clock in the graph: the picture (MakeBackground),
-// the source filter that sends it for every frame (BackgroundSource), and whether a frame has left
-// the composer (FrameWatch).
+// The background behind the windows, which is the wall's clock in the graph: the picture
+// (MakeBackground), the source filter that sends it for every frame (BackgroundSource), and the
+// watch for a frame to leave the composer (FrameWatch).
 #pragma once
 
 #include <array>
@@ -23,11 +23,11 @@
 
 namespace host {
 
-// Whatever the wall's file asks for, as a packed YV12 picture of the canvas's size. Throws
-// MediaError or ffmpeg::Error when a picture file cannot be used.
+// The background of the wall file as a packed YV12 picture of the canvas's size. Throws MediaError
+// or ffmpeg::Error when a picture file cannot be used.
 std::vector<std::uint8_t> MakeBackground(const config::Canvas& canvas);
-// The same within a limited time. A live wall does without a picture whose mount is dead, and says
-// so; a rendered one throws MediaError. logger may be null.
+// The same within a limited time. A live wall does without a picture whose mount is dead, and logs
+// it; a rendered one throws MediaError. logger may be null.
 std::vector<std::uint8_t> LoadBackground(const config::Canvas& canvas, bool live,
                                          qorp::log::ILogPerf* logger);
 
@@ -36,15 +36,14 @@ std::vector<std::uint8_t> ColourBackground(int width, int height, config::Rgb co
 // From top at the first row to bottom at the last one.
 std::vector<std::uint8_t> GradientBackground(int width, int height, config::Rgb top,
                                              config::Rgb bottom);
-// A picture file, scaled over the whole canvas with its aspect kept, cut at the edges; of a moving
-// one the first frame. Throws MediaError.
+// A picture file, scaled over the whole canvas with its aspect kept, cut at the edges; of a video
+// the first frame. Throws MediaError.
 std::vector<std::uint8_t> FileBackground(int width, int height, Ratio pixelAspect,
                                          const std::filesystem::path& file);
 
-// A frame is dealt with when it has come out of the composer, or when its buffer has come back
-// because the frame was dropped. One frame is watched at a time. The driver expects and waits; the
-// composition thread and the threads that release buffers report. Any thread may ask how long the
-// frames took.
+// Waits until a frame has come out of the composer, or its buffer has come back because the frame
+// was dropped. One frame is watched at a time. The thread that sends frames calls Expect and Wait,
+// the composition thread Delivered, threads that release buffers Returned, and any thread the rest.
 class FrameWatch {
  public:
   // From going into the composer to coming out of it.
@@ -66,13 +65,13 @@ class FrameWatch {
     std::chrono::nanoseconds total{0};
   };
 
-  // buffer: the identity of the frame's buffer.
+  // buffer: the sample that holds the frame.
   void Expect(const void* buffer, Time start);
   void Delivered(Time start);
   void Returned(const void* buffer);
   // False when it takes longer than the limit.
   bool Wait(std::chrono::milliseconds limit);
-  // Of the frames since it was asked last.
+  // Of the frames since the last call.
   Timing TakeTiming();
   Totals totals() const;
 

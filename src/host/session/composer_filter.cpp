@@ -15,8 +15,8 @@ constexpr const char* kLibraryName = "QXCompose.ax";
 constexpr ULONG kPinsPerInput = 6;
 constexpr ULONG kAudioOutputPosition = 5;  // of the first input
 
-// Frames wait in the composer for a second, so that those of the other second were all sent with
-// their type and have all been considered.
+// Frames wait in the composer for one second: after two, it has considered only frames with their
+// type for a second.
 constexpr double kStableSeconds = 2;
 
 }  // namespace
@@ -98,7 +98,7 @@ void WallWindow::SetFrameSent() {
 
 HRESULT WallWindow::GetWindowState(BYTE* enabled, LONG* x, LONG* y, const char** colour,
                                    BYTE* selected) {
-  // Stays as it is until the next frame.
+  // The state does not change until the next frame.
   const WindowState& state = schedule_->Ask(index_);
   const os::MutexLock guard(lock_);
   // The frame before this one has been composed.

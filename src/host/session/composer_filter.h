@@ -17,11 +17,11 @@
 namespace host {
 
 // The library's file: QXCompose.ax beside the running program, else the registered one. Throws
-// GraphError that says where it was looked for.
+// GraphError with the places that were searched.
 std::string FindComposerLibrary();
 
-// Makes the filter through the class factory of its library and speaks to it through its command
-// interface only. Owned by the wall; belongs to the application's thread.
+// Makes the filter through the class factory of its library and uses its command interface only.
+// Owned by the wall; application's thread.
 class ComposerFilter {
  public:
   // The pins of one input, without references: they live as long as the filter.
@@ -34,8 +34,8 @@ class ComposerFilter {
     IPin* audioOutput = nullptr;
   };
 
-  // Throws std::runtime_error when the library or the object cannot be had. windows: the inputs
-  // that it is to have. logger outlives it.
+  // Throws std::runtime_error when the library or the object is not available. windows: inputs
+  // that are going to be added. logger outlives it.
   ComposerFilter(const std::string& library, const config::Canvas& canvas, std::size_t windows,
                  qorp::log::ILogPerf* logger);
 
@@ -52,14 +52,14 @@ class ComposerFilter {
   ComPtr<IComposeCommand> command_;
 };
 
-// The composer looks at the media type of a frame only in frames in which the window is shown,
-// and never again at a frame that it has released. So that it learns the size at whatever moment
-// the window is shown, the frames that are sent carry their type as long as the window is hidden
-// and until it has been shown without a break for some time; all others go without, because looking
-// at the types of a whole queue costs the composer time in every frame.
+// The composer looks at the media types of queued frames only while the window is shown, and never
+// again at a frame that it has released. So that it learns the size whenever the window is shown,
+// frames carry their type while the window is hidden and until it has been shown without a break
+// for some time; all others have none, because looking at the types of a whole queue costs the
+// composer time in every frame.
 //
-// Answers by the schedule of the wall, for the frame that is being composed. Asked by the
-// composition thread and, about types, by the channel's streaming thread; one lock.
+// Answers from the schedule of the wall, for the frame that is being composed. Called by the
+// composition thread and, for types, by the channel's streaming thread; one lock.
 class WallWindow final : public CUnknown, public IComposeWindow {
  public:
   DECLARE_IUNKNOWN

@@ -18,7 +18,7 @@ constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 std::optional<std::string> LabelFile::Read() const {
   std::error_code ignored;
   if (!std::filesystem::is_regular_file(path_, ignored)) {
-    return std::nullopt;  // a pipe would be waited for
+    return std::nullopt;  // reading a pipe would block
   }
   std::ifstream file(path_, std::ios::binary);
   if (!file) {
@@ -112,7 +112,7 @@ void LabelFiles::Stop() {
     thread_->Wait(os::kInfinite);
   }
   thread_.reset();
-  // The thread may still be stuck in the former one.
+  // The thread may still be stuck in the former Run.
   auto next = std::make_shared<Run>();
   {
     const os::MutexLock guard(run_->lock);
@@ -127,17 +127,17 @@ void LabelFiles::Stop() {
 }
 
 void LabelFiles::Run::LookUntilStopped() {
-  bool goesOn = true;
-  while (goesOn) {
+  bool continues = true;
+  while (continues) {
     std::vector<std::shared_ptr<Entry>> now;
     {
       const os::MutexLock guard(lock);
       now = entries;
     }
     for (const std::shared_ptr<Entry>& entry : now) {
-      goesOn = goesOn && Give(entry, entry->file.Look());
+      continues = continues && Give(entry, entry->file.Look());
     }
-    goesOn = goesOn && WaitForNextLook();
+    continues = continues && WaitForNextLook();
   }
   const os::MutexLock guard(lock);
   ended = true;

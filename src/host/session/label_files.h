@@ -1,5 +1,5 @@
-// Labels whose texts stand in files: read when the wall starts (FirstLabels), and again and again
-// while it runs (LabelFiles).
+// Labels whose texts are in files: read when the wall starts (FirstLabels) and polled while it runs
+// (LabelFiles).
 #pragma once
 
 #include <chrono>
@@ -18,7 +18,7 @@
 
 namespace host {
 
-// The text of one file, looked at again and again. One thread at a time.
+// The text of one file, which is polled. One thread at a time.
 class LabelFile {
  public:
   // More than any label shows.
@@ -29,16 +29,15 @@ class LabelFile {
   // What the file holds now, without the white space at its end. None when there is no such file.
   std::optional<std::string> Read() const;
 
-  // The text once it is another one than before and stands: programs empty a file before they write
-  // it again, so a text counts when two looks in a row have found it. None when there is nothing
-  // new; a file that is gone changes nothing.
+  // A new text once it is stable: programs empty a file before they write it again, so a text
+  // counts when two looks in a row have found it. None when there is no new text or no file.
   std::optional<std::string> Look();
   const std::filesystem::path& path() const { return path_; }
 
  private:
   const std::filesystem::path path_;
   std::optional<std::string> found_;  // at the last look
-  std::optional<std::string> given_;  // by the last look that had something new
+  std::optional<std::string> given_;  // by the last look that had a new text
 };
 
 // The text that a label has at once; that of its file, or of the source's service, comes later.
@@ -53,7 +52,7 @@ class FirstLabels {
   std::string TextOf(const config::Label& label) const;
 
  private:
-  static constexpr std::chrono::seconds kLimit{2};               // for all, from here on
+  static constexpr std::chrono::seconds kLimit{2};  // for all labels, from construction on
   static constexpr std::chrono::milliseconds kLimitOfEach{100};  // at least
 
   const std::chrono::steady_clock::time_point until_ = std::chrono::steady_clock::now() + kLimit;
@@ -73,11 +72,11 @@ class LabelFiles {
 
   // take gets every new text, on the thread of the files; it returns at once. key: for Remove.
   void Add(std::size_t key, std::filesystem::path path, TakeText take);
-  // No text of that file is handed over any more.
+  // Afterwards no text of that file is handed over.
   void Remove(std::size_t key);
-  // From now on the files are looked at.
+  // Starts polling.
   void Start();
-  // No text is handed over any more. A thread that is stuck in a file, as on a dead mount, is
+  // Afterwards no text is handed over. A thread that is stuck in a file, as on a dead mount, is
   // detached.
   void Stop();
 
@@ -88,7 +87,7 @@ class LabelFiles {
     TakeText take;
     bool removed = false;  // under the lock
   };
-  // What the thread touches. The lock guards the request to stop and is held while a text is handed
+  // What the thread uses. The lock guards the request to stop and is held while a text is handed
   // over, but not while a file is read.
   struct Run {
     os::Mutex lock;

@@ -13,15 +13,16 @@
 namespace host {
 namespace {
 
-// How a channel takes what it reads for itself.
+// The port or pipe that a channel opens for its source.
 struct Taken {
   enum class Kind { kNothing, kDatagrams, kListener, kPipe };
   Kind kind = Kind::kNothing;
-  std::string what;        // port or pipe
-  bool isReused = false;   // others may take the same port
-  std::string local;       // address of this machine; empty: all
-  ReceiverAddress shared;  // channels with equal ones share it; empty: its bytes cannot be shared
-  std::optional<SharedInputs::Key> input;  // or those with equal ones
+  std::string what;       // port or pipe
+  bool isReused = false;  // others may take the same port
+  std::string local;      // address of this machine; empty: all
+  ReceiverAddress
+      shared;  // channels with equal ones share the connection; empty: it cannot be shared
+  std::optional<SharedInputs::Key> input;  // channels with equal ones share the demuxer
 };
 
 bool IsMulticast(std::string_view host) {
@@ -64,7 +65,7 @@ Taken TakenBy(const config::Channel& channel) {
   if (address.isShareable(hasProgram)) {
     taken.shared = address.Receiver(channel.options.options);
   }
-  // Without a port it is the one that RTMP has.
+  // Without a port it is that of RTMP.
   taken.what = url->port.empty() ? "1935" : url->port;
   if (address.isDatagrams()) {
     const bool hasOtherPort = options.contains("localport") || options.contains("localrtpport");

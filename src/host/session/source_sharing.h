@@ -1,4 +1,4 @@
-// Which channels of a wall cannot read side by side.
+// Finds channels of a wall whose sources cannot be open at the same time.
 #pragma once
 
 #include <cstddef>
@@ -9,7 +9,7 @@
 
 namespace host {
 
-// A channel whose source another one, before it, takes for itself.
+// A channel whose source an earlier channel occupies.
 struct SharingMistake {
   std::size_t channel = 0;  // index in the wall
   std::string what;         // what follows "source" in a sentence
@@ -17,9 +17,8 @@ struct SharingMistake {
 
 // Channels with the same address and options of its protocol share the connection
 // (SharedReceivers), those with the same address, options and limits the demuxer (SharedInputs);
-// the others have one each. That is impossible for ports that they open in different ways, for a
-// place where both wait for the same sender, and for a pipe. By what the addresses say, without
-// opening anything.
+// the others have one each. That is impossible for ports that they open in different ways, for two
+// that wait for the same sender, and for a pipe. Looks at the addresses only and opens nothing.
 std::vector<SharingMistake> FindSharingMistakes(const config::Wall& wall);
 
 }  // namespace host

@@ -49,7 +49,8 @@ class Findings {
   std::vector<Finding> all_;
 };
 
-// What FFmpeg opens for reading or writing; RTSP is a container of it, but for a person a scheme.
+// What FFmpeg opens for reading or writing; RTSP is a container there, but operators write it as a
+// scheme.
 std::vector<std::string> Schemes(bool isOutput) {
   // The usual ones first: of two that resemble a wrong name equally, the first is proposed.
   std::vector<std::string> names = {"http", "https", "rtsp", "rtmp", "udp",
@@ -116,7 +117,7 @@ void CheckOptions(const config::Output& output, const AVOutputFormat& container,
   }
 }
 
-// What is for files only, and what becomes of them.
+// Keys that are for files only, and containers that do not suit recordings.
 void CheckRecording(const config::Output& output, const AVOutputFormat* container,
                     Findings& findings) {
   const std::optional<std::string> path = config::LocalPath(output.url);
@@ -201,7 +202,7 @@ std::vector<Finding> CheckSource(const config::Channel& channel) {
   if (channel.sources.empty()) {
     check(channel.source, "source");
   }
-  // Which container a source has is seen when it is opened: all are asked.
+  // The container of a source is known when it is opened: options of all containers are allowed.
   const AVClass* const everything = avformat_get_class();
   for (const auto& [key, value] : channel.options.options) {
     if (av_opt_find(const_cast<const AVClass**>(&everything), key.c_str(), nullptr, 0,
@@ -221,7 +222,7 @@ void CheckEncoders(config::WallFile& file) {
     }
     try {
       VideoEncoder encoder(EncoderOf(file.wall.canvas, output, true));
-      // Some do not end without having begun.
+      // Some encoders do not end when they have had no frame.
       const auto ignore = [](const ffmpeg::Packet&) {};
       encoder.Encode(std::vector<std::uint8_t>(pixels * 3 / 2), 0, ignore);
       encoder.Finish(ignore);
@@ -239,7 +240,7 @@ void CheckWall(config::WallFile& file, const std::filesystem::path& path) {
   const auto add = [&](const std::vector<Finding>& findings, const config::Places& places) {
     for (const Finding& finding : findings) {
       const auto place = places.find(finding.key);
-      // Where the key is not given, its default does not suit the one that is.
+      // Where the key is not given, its default does not suit the address.
       const config::Position position = place != places.end()       ? place->second
                                         : places.contains("url")    ? places.find("url")->second
                                         : places.contains("source") ? places.find("source")->second

@@ -1,5 +1,5 @@
-// What is wrong with a wall that only the media library, the network's rules and the file system
-// know; what it reads and writes at once (WallFiles).
+// Mistakes in a wall that only FFmpeg, the rules of the network and the file system reveal, and
+// files that it reads and writes at the same time (WallFiles).
 #pragma once
 
 #include <filesystem>
@@ -13,25 +13,25 @@
 
 namespace host {
 
-// One mistake, or something to know, about a key of an output or a channel.
+// One mistake, or a note, about a key of an output or a channel.
 struct Finding {
   config::Diagnostic::Severity severity = config::Diagnostic::Severity::kError;
   std::string key;   // "url", "options.mode"
   std::string what;  // what follows the key in a sentence: "has no port: ..."
 };
 
-// Addresses, containers, codecs and options by what they say, without opening anything.
+// Check addresses, containers, codecs and options without opening anything.
 std::vector<Finding> CheckOutput(const config::Output& output);
 std::vector<Finding> CheckSource(const config::Channel& channel);
 
 // Adds all findings of the wall file, and the files that are used twice, to its diagnostics, which
 // are in the order of the file then. path: of the wall file.
 void CheckWall(config::WallFile& file, const std::filesystem::path& path);
-// Starts every encoder once, which takes a moment each: those that cannot be had are errors.
+// Starts every encoder once, which takes a moment each: those that are not available are errors.
 void CheckEncoders(config::WallFile& file);
 
-// Knows everything that a run opens, so that nothing that is written is at the same time something
-// else: a file is the same under every spelling, through links and as a hard link; an address under
+// Knows everything that a run opens and finds what is written and at the same time used otherwise.
+// A file is the same under every spelling and through symbolic and hard links; an address under
 // every spelling, and where two would take the same port. Looks at the file system, opens nothing.
 // One thread.
 class WallFiles {
@@ -43,7 +43,7 @@ class WallFiles {
     std::map<std::string, std::string> options;  // of the protocol
     std::vector<std::string> beside;  // names with "*" of further files in the same folder
   };
-  // what is written is what other reads or writes.
+  // written is the same file or address as other.
   struct Clash {
     Use written;
     Use other;
@@ -76,7 +76,7 @@ WallFiles FilesOf(const config::Wall& wall, const RunFiles& run);
 // wall.toml:5:10)"
 std::string ToText(const WallFiles::Clash& clash, const std::filesystem::path& wallFile);
 
-// Names that an HLS output writes beside its playlist, with "*" for what they count.
+// Names that an HLS output writes beside its playlist, with "*" for numbers.
 std::vector<std::string> NamesBeside(const config::Output& output);
 
 }  // namespace host

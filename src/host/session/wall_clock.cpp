@@ -33,7 +33,7 @@ ComPtr<qorp::ReferenceClock> MakeClock(qorp::ReferenceClock::RawTime rawTime,
 }
 
 constexpr Time kStep = kSecond / 4;
-// Of what os::LocalTimeText gives: the day of the week.
+// The length of the day of the week in os::LocalTimeText.
 constexpr std::size_t kWeekday = 4;
 
 std::int64_t SecondsOf(Time time) {
@@ -49,7 +49,7 @@ WallClock::WallClock(std::int32_t rateOffset) : WallClock(&SteadyTime, rateOffse
 WallClock::WallClock(qorp::ReferenceClock::RawTime rawTime, std::int32_t rateOffset)
     : clock_(MakeClock(std::move(rawTime), rateOffset)) {}
 
-// The same time again when the clock has not moved on.
+// Repeats a time when the clock has not advanced.
 Time WallClock::Reading() const {
   REFERENCE_TIME time = 0;
   clock_->GetTime(&time);

@@ -18,14 +18,14 @@ namespace host {
 // Runs from 0 with the system's reference clock once it is started, and continues from where it was
 // when it is started again. Any thread may ask; each wait is one advise of the clock.
 //
-// The reference clock stands over the steady clock: the multimedia timer wraps after 49.7 days, at
-// which a clock over it jumps, and a wall runs longer than that.
+// The reference clock is based on the steady clock: one based on the multimedia timer jumps when
+// that wraps after 49.7 days, and a wall runs longer.
 class WallClock {
  public:
   // rateOffset: millionths by which the wall's time runs faster (or, negative, slower) than the
   // machine's, for a machine whose clock is known to drift.
   explicit WallClock(std::int32_t rateOffset = 0);
-  // Over a time source of the caller's (100 ns units, not negative).
+  // With a time source of the caller's (100 ns units, not negative).
   WallClock(qorp::ReferenceClock::RawTime rawTime, std::int32_t rateOffset);
 
   void Start();
@@ -49,9 +49,9 @@ class WallClock {
   Time stoppedAt_ GUARDED_BY(lock_) = 0;
 };
 
-// Converts by the present difference between the wall's clock and the time of day: the latter is
-// set, the wall's may run at another rate, and stands still while the machine is suspended. The
-// difference that is used follows in steps, so that a text does not flicker between two seconds.
+// Converts by the present difference between the wall's clock and the time of day: the latter may
+// be set, the wall's may run at another rate and stops while the machine is suspended. The
+// difference that is used is updated in steps, so that a text does not flicker between two seconds.
 // Any thread.
 class TimeOfDay {
  public:

@@ -52,7 +52,7 @@ fs::path Resolved(fs::path path) {
 bool IsSameFile(const fs::path& a, const fs::path& b) {
   std::error_code ignored;
   if (fs::is_character_file(a, ignored)) {
-    return false;  // many may write into a device, such as the one that forgets everything
+    return false;  // several may write into a device, such as the null device
   }
   if (fs::equivalent(a, b, ignored)) {
     return true;
@@ -76,7 +76,7 @@ bool IsBeside(const WallFiles::Use& use, const fs::path& path, const fs::path& o
          });
 }
 
-// A network address: who takes the port, or to whom is sent.
+// A network address: a port that is opened, or the target of what is sent.
 struct Address {
   enum class Kind { kDatagram, kStream };
   Kind kind = Kind::kStream;
@@ -124,7 +124,7 @@ bool IsAnyHost(const std::string& host) {
   return host.empty() || host == "0.0.0.0" || host == "::";
 }
 
-// Whether what is sent to one host reaches the other, which receives.
+// Whether packets to the one host reach a receiver at the other.
 bool Reaches(const std::string& sent, const std::string& receiving) {
   return sent == receiving || (IsAnyHost(receiving) && (sent.starts_with("127.") || sent == "::1"));
 }
@@ -260,7 +260,7 @@ WallFiles FilesOf(const config::Wall& wall, const RunFiles& run) {
     files.Writes({run.outputsAreArguments ? "--output" : "output " + std::to_string(i + 1),
                   output.url, PlaceOf(output.places, "url"), output.options, NamesBeside(output)});
   }
-  // What the caller has redirected into a file is no file for anything else.
+  // A file into which a stream is redirected must not be used otherwise.
   files.Reads({"the error stream", kStandardError, {}, {}, {}});
   if (!toStandardOutput) {
     files.Reads({"the standard output", kStandardOutput, {}, {}, {}});

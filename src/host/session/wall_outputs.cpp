@@ -13,12 +13,12 @@ namespace {
 
 // The first packet of a live output leaves within a second of the wall's start.
 constexpr Time kMaxEncoderDelay = 800 * kMillisecond;
-// Of what somebody watches live: a wall with the default delay is seen within 1.25 s.
+// Of outputs that are watched live: a wall with the default delay is seen within 1.25 s.
 constexpr Time kMaxNetworkDelay = 80 * kMillisecond;
-// Of constant quality over a network, where nobody has chosen a rate: 10 Mbit/s for 1080p at 25
-// frames per second.
+// Of constant quality over a network, where no bit rate is given: 10 Mbit/s for 1080p at 25 frames
+// per second.
 constexpr double kMaxBitsPerPixel = 0.2;
-// Of a rendered wall, whose sources are read as fast as they give: all are known long before.
+// Of a rendered wall, whose sources are read as fast as possible: all are known long before.
 constexpr Time kRenderedFormatLimit = 5 * kSecond;
 
 }  // namespace
@@ -51,7 +51,7 @@ VideoEncoder::Settings EncoderOf(const config::Canvas& canvas, const config::Out
 
 namespace {
 
-// One encoder for a network and a file costs half of two: the file takes what the network needs.
+// One encoder for a network and a file costs half of two: the file gets the limits of the network.
 void ShareEncoders(std::vector<OutputSet::Item>& items) {
   for (OutputSet::Item& item : items) {
     for (const OutputSet::Item& other : items) {
@@ -79,7 +79,7 @@ OutputSet::Item ItemOf(const config::Canvas& canvas, const config::Output& outpu
   item.muxer.options = output.options;
   item.audio = output.audio;
   using Existing = RecordingFiles::Existing;
-  // Who renders waits for the file of that name; a wall that runs records, wherever there is room.
+  // A rendering has to write the file of that name; a running wall records under any free name.
   item.existing = output.overwrite ? Existing::kReplaced
                   : live           ? Existing::kKept
                                    : Existing::kRefused;
@@ -96,7 +96,7 @@ OutputSet::Settings OutputsOfWall(const config::Wall& wall, bool live) {
   settings.frameRate = wall.canvas.frameRate;
   for (const config::Output& output : wall.outputs) {
     settings.outputs.push_back(ItemOf(wall.canvas, output, live));
-    // What told them apart may be masked.
+    // What distinguished them may be masked.
     const auto isNamed = [&](const OutputSet::Item& item) {
       return item.name == settings.outputs.back().name;
     };
@@ -218,8 +218,8 @@ void WallOutputs::Take(const ComPtr<IMediaSample>& frame, Time start, Time begin
   screens_->Take(frame, start);
 }
 
-void WallOutputs::TakeAudio(std::size_t slot, const AVPacket& packet, Time shift) {
-  set_->TakeAudio(slot, packet, shift);
+void WallOutputs::TakeAudio(std::size_t slot, const AVPacket& packet, Time offset) {
+  set_->TakeAudio(slot, packet, offset);
   screens_->TakeAudio(slot, packet);
   if (follow_) {
     follow_->Take(slot, packet);

@@ -1,5 +1,5 @@
-// The outputs of a wall: files and streams (OutputSet), displays with what is heard at them
-// (WallScreens), and all of them together (WallOutputs).
+// The outputs of a wall: files and streams (OutputSet), displays with their audio (WallScreens),
+// and all of them together (WallOutputs).
 #pragma once
 
 #include <chrono>
@@ -23,8 +23,7 @@ namespace host {
 VideoEncoder::Settings EncoderOf(const config::Canvas& canvas, const config::Output& output,
                                  bool live);
 
-// What the set of a wall's outputs has to know: one track for each channel whose audio is not
-// switched off.
+// The settings of a wall's OutputSet: one track for each channel whose audio is not switched off.
 OutputSet::Settings OutputsOfWall(const config::Wall& wall, bool live);
 
 // What the screens of a wall need from its program.
@@ -48,7 +47,7 @@ class WallScreens {
   bool hasAudio() const { return heard_ != nullptr; }
   void Take(const ComPtr<IMediaSample>& frame, Time start);
   void TakeAudio(std::size_t slot, const AVPacket& packet);
-  // From that time of the wall on.
+  // Plays the audio of a slot, or none, from that time of the wall on.
   void Listen(std::optional<std::size_t> slot, Time from);
   // Closes all windows.
   void Finish();
@@ -62,7 +61,7 @@ class WallScreens {
 };
 
 // Everything that the composed frames and the channels' audio of a wall go to: its outputs, the
-// track that follows a channel, its screens, and who else wants the audio.
+// track that follows a channel, its screens, and takeAudio.
 //
 // Owned by the wall's session. Take is the composition thread's, TakeAudio the channels' streaming
 // threads', both return at once; the rest the application's.
@@ -87,27 +86,27 @@ class WallOutputs {
   OutputSet& set() { return *set_; }
   const OutputSet& set() const { return *set_; }
   std::vector<ScreenOutput::Status> screens() const { return screens_->status(); }
-  // Somebody takes the channels' audio.
+  // Whether anything uses the channels' audio.
   bool takesAudio() const { return !set_->empty() || screens_->hasAudio() || takeAudio_; }
   // Of a channel in that slot; null: its audio is switched off.
   const std::shared_ptr<AudioTrack>& track(std::size_t slot) const { return tracks_.at(slot); }
 
   // start: on the wall's clock. begin: of the first frame that is written.
   void Take(const ComPtr<IMediaSample>& frame, Time start, Time begin);
-  // shift: see AudioSink.
-  void TakeAudio(std::size_t slot, const AVPacket& packet, Time shift);
+  // offset: see AudioSink.
+  void TakeAudio(std::size_t slot, const AVPacket& packet, Time offset);
   // The channel whose audio the follow track carries from that time of the wall on, or none.
   void Follow(std::optional<std::size_t> slot, Time from);
-  // The same of the one that is heard at the screens.
+  // The same for the audio of the screens.
   void Listen(std::optional<std::size_t> slot, Time from) { screens_->Listen(slot, from); }
   // The wall has ended; hurried: see OutputSet.
   void Finish(const std::function<bool()>& hurried);
 
  private:
   const TakePacket takeAudio_;
-  std::vector<std::shared_ptr<AudioTrack>> tracks_;  // of the slots, and the one that follows
+  std::vector<std::shared_ptr<AudioTrack>> tracks_;  // of the slots, then the follow track
   std::unique_ptr<OutputSet> set_;
-  std::unique_ptr<FollowTrack> follow_;  // null of a wall without
+  std::unique_ptr<FollowTrack> follow_;  // null where the wall has none
   std::unique_ptr<WallScreens> screens_;
 };
 

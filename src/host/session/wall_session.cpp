@@ -19,7 +19,7 @@ namespace {
 static_assert(config::kMaxDelay == kWindowLatency);
 
 constexpr std::chrono::milliseconds kFrameLimit{60'000};
-// For all readers together to notice that they are cancelled, and to close their connections.
+// How long all readers together may take to notice that they are cancelled and to close.
 constexpr std::chrono::seconds kReadersLimit{2};
 constexpr Time kFollowLead = 200 * kMillisecond;
 // How often a rendering that waits for a channel or an output asks whether it is to stop.
@@ -29,7 +29,7 @@ std::size_t SlotsOf(const config::Wall& wall) {
   return wall.channels.size() + static_cast<std::size_t>(wall.spare);
 }
 
-// Of the wall file: spare slots are not shown.
+// The windows of the wall file; spare slots are hidden.
 std::vector<WindowState> WindowsOf(const config::Wall& wall) {
   std::vector<WindowState> windows;
   for (const config::Channel& channel : wall.channels) {
@@ -43,8 +43,8 @@ std::vector<WindowState> WindowsOf(const config::Wall& wall) {
   return windows;
 }
 
-// The first frame that is handed out: the one that is nearest to the moment at which the composer
-// shows a source's time 0. That is it at whole rates; at others it may lie half a frame off.
+// The first frame that is handed out: the one nearest to the moment at which the composer shows a
+// source's time 0, exactly at whole frame rates, otherwise within half a frame.
 std::int64_t FirstFrame(Ratio rate) {
   const Time frame = FrameDuration(rate);
   std::int64_t first = kWindowLatency / frame;
@@ -83,7 +83,7 @@ WallSession::WallSession(Settings settings)
       BackgroundSource::Create({canvas, LoadBackground(canvas, settings_.live, settings_.logger),
                                 watch_, [this](Time start) { schedule_->FrameSent(start); }});
   if (settings_.live) {
-    // A wall that is rendered waits for buffers all the time: that is its pace.
+    // A rendered wall waits for buffers all the time, which is no fault.
     background_->pin().ReportTo(settings_.logger, "background");
     background_->PaceBy({[this] { return clock_.Now(); },
                          [this](Time time) { return clock_.WaitUntil(time); },
@@ -96,11 +96,11 @@ WallSession::WallSession(Settings settings)
   Check(graph_->AddFilter(sink_.Get(), u"composition"), "add the sink to the graph");
   if (outputs_->takesAudio()) {
     audioSink_ = AudioSink::Create(SlotsOf(settings_.wall),
-                                   [this](std::size_t channel, ffmpeg::Packet packet, Time shift) {
+                                   [this](std::size_t channel, ffmpeg::Packet packet, Time offset) {
                                      const Time latency = settings_.live ? 0 : kWindowLatency;
                                      packet->pts -= latency;
                                      packet->dts -= latency;
-                                     outputs_->TakeAudio(channel, *packet, shift - latency);
+                                     outputs_->TakeAudio(channel, *packet, offset - latency);
                                    });
     Check(graph_->AddFilter(audioSink_.Get(), u"audio"), "add the sink of the audio to the graph");
   }
@@ -140,7 +140,7 @@ void WallSession::Connect(FeedPin& from, IPin* to, const std::string& what) {
   Check(graph_->ConnectDirect(&from, to, nullptr), "connect " + what + " to the composer");
 }
 
-// Once a second: what the wall loses when decoding takes too much of the machine.
+// Once a second: the frames that are lost when decoding takes too much of the machine.
 void WallSession::NotePressure(Time start) {
   if (pressure_ && start - pressureAt_ >= kSecond) {
     pressureAt_ = start;
@@ -253,7 +253,7 @@ std::optional<std::int64_t> WallSession::Place(const std::vector<WindowState>& w
 }
 
 std::int64_t WallSession::Follow(std::optional<std::size_t> slot) {
-  // What comes from now on; the decoder has some packets to begin with.
+  // Packets that come from now on are used; the decoder needs some before its first samples.
   const Time from = clock_.Now() + settings_.wall.canvas.delay + kFollowLead;
   outputs_->Follow(slot, from);
   return NumberOf(from);

@@ -22,12 +22,11 @@ namespace host {
 
 // Builds the graph of a wall: a source filter for each channel, the background source, the composer
 // (through its library's class factory), a sink and the wall's outputs, and runs it in one of two
-// ways. Live, every
-// source has its own threads and the background is paced by the clock. Rendered, the wall's time is
-// moved frame by frame: what is due is delivered, one frame is composed, and the output is a
-// function of the inputs alone. The composer shows everything one second late: the frames of a
-// rendered wall before that are composed and kept back, and the times that are handed out are those
-// of the sources.
+// ways. Live, every source has its own threads and the background is paced by the clock. Rendered,
+// the wall's time is moved frame by frame: what is due is delivered, one frame is composed, and the
+// output is a function of the inputs alone. The composer shows everything one second late: the
+// frames of a rendered wall before that are composed and kept back, and the times that are handed
+// out are those of the sources.
 //
 // Belongs to the application's thread.
 class WallSession {
@@ -47,19 +46,18 @@ class WallSession {
     // the channel's streaming thread; returns at once. May be null.
     WallOutputs::TakePacket takeAudio;
     bool live = false;
-    // At which a rendered wall decodes all its channels; everything but in measurements.
+    // How much a rendered wall decodes of its channels; less than everything for measurements only.
     DecodeStep renderStep = DecodeStep::kFull;
     PacketQueue::Limits outputQueue;
     std::chrono::milliseconds finishLimit{5'000};  // of the outputs of a live wall
   };
   struct RenderControl {
-    std::optional<Time>
-        length;  // of what is handed out; none: until all channels have ended and been shown
-    std::function<bool()> stop;  // asked before each frame; may be null
-    std::function<bool()>
-        cancelled;  // asked while a channel or an output is waited for; may be null
-    std::chrono::milliseconds stallLimit{
-        10'000};  // a channel that gives nothing for longer is left behind
+    // Of what is handed out; none: until all channels have ended and been shown.
+    std::optional<Time> length;
+    std::function<bool()> stop;       // asked before each frame; may be null
+    std::function<bool()> cancelled;  // asked during waits for a channel or an output; may be null
+    // A channel that gives nothing for longer is detached.
+    std::chrono::milliseconds stallLimit{10'000};
   };
   struct Counters {
     std::uint64_t sent = 0;          // background frames that went into the composer
@@ -77,9 +75,9 @@ class WallSession {
 
   // Starts a live wall; it runs until Stop. Throws GraphError.
   void Start();
-  // Renders frame by frame and stops; that is also when all outputs have failed. Throws GraphError.
+  // Renders frame by frame and stops, also when all outputs have failed. Throws GraphError.
   void Render(const RenderControl& control);
-  // Ends the wall. All readers are cancelled first; none is waited for.
+  // Ends the wall. All readers are cancelled first; waits for none.
   void Stop();
   // After Stop: the outputs are written to their end (hurried: see OutputSet). Then waits for all
   // readers together for a limited time; those that are stuck in their sources are detached.
@@ -89,26 +87,25 @@ class WallSession {
   // While a live wall runs. A slot is an input of the composer with its track; channels of the wall
   // file fill the first ones, the others are spare.
   std::size_t slots() const { return channels_.size(); }
-  // Another channel in the slot, or none; its window is where Place says. Waits for none of the
-  // sources.
+  // Puts another channel into the slot, or none; Place sets its window. Waits for no source.
   void Assign(std::size_t slot, const config::Channel* channel, const ChannelControls& controls);
   void SetControls(std::size_t slot, const ChannelControls& controls);
   void SetLabel(std::size_t slot, const config::Label& label);
-  // All windows. Returns the number of the first composed frame that shows them so, counted from
-  // the wall's first one at the canvas's rate; none when too many changes are pending.
+  // Places all windows. Returns the number of the first composed frame that shows them so, counted
+  // from the wall's first one at the canvas's rate; none when too many changes are pending.
   std::optional<std::int64_t> Place(const std::vector<WindowState>& windows);
   // The channel whose audio the follow track carries, or none. Returns the number of the first
   // composed frame with it.
   std::int64_t Follow(std::optional<std::size_t> slot);
   // The channel that is heard at the screens, or none.
   void Listen(std::optional<std::size_t> slot);
-  // Ends what is left of former channels; now and then.
+  // Ends what is left of former channels; to be called now and then.
   void Tidy();
 
   OutputSet& outputs() { return outputs_->set(); }
   std::vector<ScreenOutput::Status> screens() const { return outputs_->screens(); }
   Counters counters() const;
-  // How long composing took, since it was asked last.
+  // How long composing took since the last call.
   FrameWatch::Timing TakeTiming() { return watch_->TakeTiming(); }
   // The same since the start, and when the latest frame was composed (long ago: none was). Any
   // thread, as counters.
@@ -134,7 +131,7 @@ class WallSession {
   // None when it is cancelled.
   std::optional<bool> AdvanceChannels(Time time, const RenderControl& control);
   // Start of the first frame, up to `frame`, by which everything that the channels gave was due.
-  // Readers may say some frames later that nothing more will come; this does not depend on it.
+  // Does not depend on when readers report their end, which may be some frames later.
   Time LastFrameWithContent(std::int64_t frame);
 
   const Settings settings_;
@@ -153,7 +150,7 @@ class WallSession {
   const std::shared_ptr<SharedInputs> inputs_;        // likewise
   Time pressureAt_ = 0;                               // the composition thread's
   const std::shared_ptr<WindowSchedule> schedule_;
-  // Outlives the graph, whose threads hand on to it.
+  // Outlives the graph, whose threads use it.
   std::unique_ptr<WallOutputs> outputs_;
   // The graph is destroyed first and with it every filter; then the composer's library.
   ComposerFilter composer_;
@@ -162,7 +159,7 @@ class WallSession {
   std::vector<bool> detached_;  // channels that a rendering no longer waits for
   ComPtr<BackgroundSource> background_;
   ComPtr<CompositionSink> sink_;
-  ComPtr<AudioSink> audioSink_;  // null of a wall whose audio nobody takes
+  ComPtr<AudioSink> audioSink_;  // null where nothing uses the audio
   ComPtr<FilterGraph> graph_;
   LabelFiles labelFiles_;  // is destroyed first: it hands texts to the channels
 };

@@ -65,7 +65,7 @@ class OutputFailureTest : public OutputSessionTest {
     settings.reopen = {milliseconds(2), milliseconds(2)};
     return settings;
   }
-  // Frames, until something is the case.
+  // Encodes frames until a condition is met.
   void FeedUntil(Output& output, const char* what, const std::function<bool()>& isSo) {
     const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     while (!isSo() && std::chrono::steady_clock::now() < limit) {
@@ -101,7 +101,7 @@ TEST_F(OutputFailureTest, AFullDiskLeavesNoStubsAndIsReportedOnce) {
 }
 
 TEST_F(OutputFailureTest, AnAddressThatCannotBeReachedIsNotOpenBetweenTwoFailures) {
-  // Broadcasts need permission: every send fails, and none of what comes before.
+  // Broadcasts need permission: every send fails, but nothing before it does.
   Output output(Settings("udp://255.255.255.255:9"), encoder_.parameters(), &observer_, nullptr);
   FeedUntil(output, "four failures", [&] { return observer_.failures().size() >= 4; });
   EXPECT_THAT(observer_.openings(), testing::IsEmpty());
@@ -116,7 +116,7 @@ TEST_F(OutputFailureTest, DatagramsMayLeaveWhenTheLimitOfTheirWriteIsOver) {
   EXPECT_THAT(observer_.failures(), testing::IsEmpty());
 }
 
-// Viewers come when they come: a port that is closed now and then would refuse some of them.
+// A port that is closed now and then would refuse viewers that connect in between.
 TEST_F(OutputFailureTest, AListenerKeepsItsPortHoweverLateItsViewerIs) {
   for (const auto& [url, query] :
        {std::pair<std::string, const char*>("tcp://127.0.0.1:18731", "?listen=1"),
@@ -141,7 +141,7 @@ TEST_F(OutputFailureTest, AListenerKeepsItsPortHoweverLateItsViewerIs) {
   }
 }
 
-// Who renders has the time: a consumer may stand still for longer than any limit of a live wall.
+// A rendering is in no hurry: its consumer may stall for longer than any limit of a live wall.
 TEST_F(OutputFailureTest, ARenderingWaitsForItsConsumer) {
   const std::string pipe = (folder_ / "pipe").string();
   ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);

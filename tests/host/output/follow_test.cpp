@@ -28,7 +28,7 @@ ffmpeg::Frame Constant(float value, int samples) {
   return frame;
 }
 
-// Whatever comes first, every sample is there once, in order, and no step is one that clicks.
+// Whichever channel comes first, every sample is there once, in order, and no step clicks.
 TEST(FollowMixerTest, JoinsChannelsWithoutAGapAndWithoutAClick) {
   for (const Time ahead : {Time{0}, 300 * kMillisecond, -300 * kMillisecond}) {
     FollowMixer mixer;

@@ -1,4 +1,4 @@
-// Passes of an output, packet by packet.
+// Sessions of an output, packet by packet.
 #pragma once
 
 #include <functional>
@@ -28,8 +28,8 @@ inline VideoEncoder::Settings SmallVideo() {
   return settings;
 }
 
-// 25 frames per second without B-frames, a keyframe in every fifth, and an output that takes them.
-// There are two channels: one whose format is known, and one that is not there.
+// 25 frames per second without B-frames, every fifth one a keyframe, and an output that takes them.
+// There are two channels: one whose format is known, and one that is absent.
 class OutputSessionTest : public testing::Test {
  protected:
   explicit OutputSessionTest(const std::string& file, Time keyframes = kSecond / 5)

@@ -1,4 +1,4 @@
-// What becomes of the files, tracks and playlists of an output, and of its transport stream.
+// The files, tracks and playlists of an output, and its transport stream.
 #include <algorithm>
 #include <ctime>
 #include <memory>
@@ -26,7 +26,7 @@ namespace {
 using Existing = RecordingFiles::Existing;
 using testing::HasSubstr;
 
-// Writes into the next file; its name.
+// Writes the next file; returns its name.
 std::string WriteNext(RecordingFiles& files) {
   const std::unique_ptr<ffmpeg::FileOutput> file = files.Next();
   avio_write(file->io(), reinterpret_cast<const unsigned char*>("new"), 3);
@@ -233,7 +233,7 @@ TEST_F(HlsTest, APlaylistThatFailedIsContinuedUnderOtherNames) {
   }
 }
 
-// Its one line of findings: {"packets": ..., "errors": {}, ...}.
+// The analyser's line of findings: {"packets": ..., "errors": {}, ...}.
 std::string Analyse(const std::string& source) {
   ChildProcess analyser({TAVREL_TOOLS "/analyse_ts.py", "--json", source});
   return analyser.ReadLine().value_or("the analyser did not run");

@@ -26,14 +26,14 @@ Muxer::Settings To(const std::filesystem::path& file) {
   return settings;
 }
 
-// A flat picture that differs from moment to moment.
+// A flat frame that differs with every step.
 Yv12Buffer Moment(int step) {
   Yv12Buffer picture(96, 64);
   picture.Fill({40 + step * 2, 90 + step, 160 - step});
   return picture;
 }
 
-TEST(VideoEncoder, KeepsPicturesTimesAndColoursThroughAFile) {
+TEST(VideoEncoder, KeepsFramesTimesAndColoursThroughAFile) {
   const TemporaryFolder folder;
   VideoEncoder::Settings settings = SmallVideo();
   settings.quality = 10.0;

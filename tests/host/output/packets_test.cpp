@@ -27,7 +27,7 @@ ffmpeg::Packet PacketAt(Time time, Time duration = 20 * kMillisecond, int bytes 
   return packet;
 }
 
-TrackPacket Picture(int number, bool key) {
+TrackPacket Frame(int number, bool key) {
   return {TrackPacket::kVideo, PacketAt(number * 40 * kMillisecond, 40 * kMillisecond, 1000, key),
           0};
 }
@@ -49,12 +49,12 @@ std::vector<Time> TimesIn(PacketQueue& queue, int track) {
 TEST(PacketQueue, LetsARendererWaitUntilThereIsRoomOrItIsClosed) {
   OutputCounters counters{1};
   PacketQueue queue({2'000, kSecond * 100}, counters);
-  queue.Push(Picture(0, true));
-  queue.Push(Picture(1, false));
+  queue.Push(Frame(0, true));
+  queue.Push(Frame(1, false));
   EXPECT_FALSE(queue.WaitForRoom(std::chrono::milliseconds(1)));
   std::thread pusher([&] {
     for (int i = 2; i < 1000; ++i) {
-      EXPECT_TRUE(queue.PushWaiting(Picture(i, false)));
+      EXPECT_TRUE(queue.PushWaiting(Frame(i, false)));
     }
   });
   for (int i = 2; i < 1000; ++i) {
@@ -62,7 +62,7 @@ TEST(PacketQueue, LetsARendererWaitUntilThereIsRoomOrItIsClosed) {
     EXPECT_TRUE(queue.Pop().has_value());
   }
   pusher.join();
-  std::thread stuck([&] { EXPECT_FALSE(queue.PushWaiting(Picture(3, false))); });
+  std::thread stuck([&] { EXPECT_FALSE(queue.PushWaiting(Frame(3, false))); });
   queue.Abandon();
   stuck.join();
   EXPECT_TRUE(queue.WaitForRoom(std::chrono::milliseconds(1)));
@@ -75,11 +75,11 @@ TEST(PacketQueue, MeasuresItsLengthByTheVideoAndCountsWhatItDrops) {
   PacketQueue queue({1'000'000, 10 * 40 * kMillisecond}, counters);
   queue.PushDropping(Audio(-20 * kSecond));
   for (int i = 0; i < 9; ++i) {
-    EXPECT_EQ(queue.PushDropping(Picture(i, i % 5 == 0)), Pushed::kKept);
+    EXPECT_EQ(queue.PushDropping(Frame(i, i % 5 == 0)), Pushed::kKept);
   }
   EXPECT_EQ(counters.of(TrackPacket::kVideo).dropped, 0U);
   for (int i = 9; i < 12; ++i) {
-    queue.PushDropping(Picture(i, i % 5 == 0));
+    queue.PushDropping(Frame(i, i % 5 == 0));
   }
   EXPECT_EQ(counters.of(TrackPacket::kVideo).dropped, 5U);
   EXPECT_EQ(counters.of(0).dropped, 1U);
@@ -95,7 +95,7 @@ TEST(PacketQueue, MeasuresItsLengthByTheVideoAndCountsWhatItDrops) {
                                        {3, Pushed::kOverflowed},
                                        {4, Pushed::kRefused},
                                        {5, Pushed::kKept}}) {
-    EXPECT_EQ(small.PushDropping(Picture(number, number % 5 == 0)), pushed) << number;
+    EXPECT_EQ(small.PushDropping(Frame(number, number % 5 == 0)), pushed) << number;
     if (number == 4) {
       EXPECT_EQ(small.PushDropping(Audio(5)), Pushed::kRefused);
     }
@@ -109,7 +109,7 @@ TEST(PacketQueue, SkipsToTheNewestKeyframeWithItsAudio) {
   EXPECT_FALSE(queue.SkipToNewestKeyframe());
   for (int i = 0; i < 12; ++i) {
     queue.PushDropping(Audio(i * 40 * kMillisecond + kSecond / 5));
-    queue.PushDropping(Picture(i, i % 5 == 0));
+    queue.PushDropping(Frame(i, i % 5 == 0));
   }
   EXPECT_TRUE(queue.SkipToNewestKeyframe());
   EXPECT_EQ(counters.of(TrackPacket::kVideo).dropped, 10U);
@@ -167,8 +167,8 @@ TEST(TransportPacer, SpreadsEachFrameOverItsTimeAndCatchesUpSlowly) {
 
 class InterleaverTest : public testing::Test {
  protected:
-  void Audio(Time time, std::size_t channel = 0, Time shift = 0) {
-    interleaver_.PushAudio(channel, PacketAt(time * kMillisecond), shift * kMillisecond);
+  void Audio(Time time, std::size_t channel = 0, Time offset = 0) {
+    interleaver_.PushAudio(channel, PacketAt(time * kMillisecond), offset * kMillisecond);
   }
   void Video(Time time) { interleaver_.PushVideo(PacketAt(time * kMillisecond), write_); }
   std::uint64_t LeftOut(int track = 0) { return counters_.of(track).leftOut; }
@@ -204,7 +204,7 @@ TEST_F(InterleaverTest, MovesWhatWaitsWhenTheChannelIsReSynchronised) {
     Audio(i * 20, 0, 1000);
   }
   Video(40);
-  // 30 ms earlier: what would stand at 10 has no place any more.
+  // 30 ms earlier: what would move to 10 ms has no place.
   Audio(70, 0, 970);
   Video(1000);
   EXPECT_EQ(
@@ -221,7 +221,7 @@ TEST_F(InterleaverTest, MovesWhatWaitsWhenTheChannelIsReSynchronised) {
 TEST_F(InterleaverTest, LeavesOutAndCountsWhatHasNoPlace) {
   Video(0);
   for (const Time time : {0, 20, 40, 60, 21}) {
-    Audio(time);  // the last one takes the place of others
+    Audio(time);  // the last one replaces others
   }
   EXPECT_EQ(LeftOut(), 3U);
   Video(1000);

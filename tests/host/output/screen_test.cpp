@@ -72,7 +72,7 @@ TEST(ScreenOutput, ComesBackWhateverBecomesOfItsWindowAndNobodyWaitsForIt) {
   ASSERT_TRUE(shows());
   EXPECT_EQ(log.failures().at(0), "screen:0: its window has crashed (signal 9)");
 
-  // It stops: frames find no room, and are not kept.
+  // It is stopped: frames are skipped and not kept.
   ::kill(Children()[0], SIGSTOP);
   WaitUntil("a window that does not answer", [&] {
     screen.Take(ComPtr<IMediaSample>(frame.Get()), 0);
@@ -103,8 +103,8 @@ TEST(ScreenOutput, SaysWhyADisplayIsNotThereAndTriesAgain) {
   EXPECT_EQ(screen.status().state, ScreenOutput::State::kFailed);
 }
 
-// Each sample tells the moment of the wall that it belongs to. The audio device is 2000 ppm slower
-// than the machine; frames are shown up to a refresh late; then everything moves by 0.3 s.
+// The value of each sample gives its time on the wall. The audio device is 2000 ppm slower than the
+// machine; frames are shown up to a refresh late; then the clock jumps by 0.3 s.
 TEST(AudioSync, StaysInStepWithTheFramesOnADeviceWithAClockOfItsOwn) {
   constexpr double kScale = 1 << 22;  // samples
   constexpr Time kStep = kSecond / 50;

@@ -40,10 +40,10 @@ TEST(BackgroundPicture, CoversTheCanvasWithAFileOfAnyShape) {
       testing::ThrowsMessage<MediaError>(testing::HasSubstr("notes.png")));
 }
 
-TEST(LabelFile, GivesEachTextOnceItStands) {
+TEST(LabelFile, GivesEachTextOnceItIsStable) {
   const TemporaryFolder folder;
   LabelFile file(folder / "label.txt");
-  // What two looks at a text give: it may still be written at the first one.
+  // The result of the second look: at the first one the text may be incomplete.
   const auto look = [&](const std::string& text) {
     WriteWholeFile(folder / "label.txt", text);
     EXPECT_EQ(file.Look(), std::nullopt) << text;
@@ -74,7 +74,7 @@ TEST(TimeOfDay, FollowsTheTimeOfDayAndTellsAnotherDay) {
   EXPECT_EQ(clock.Text(0, 10 * kSecond, at(39.9)), "23:59:30") << "no flicker";
   EXPECT_EQ(clock.Text(0, 40 * kSecond, at(70)), "Nov 16 23:59:30");
   EXPECT_EQ(clock.Text(39 * kSecond, 40 * kSecond, at(70)), "00:00:09");
-  // The time of day was set back; or the machine slept for an hour after all of it.
+  // The time of day was set back; then the machine was suspended for an hour.
   EXPECT_EQ(clock.Text(39 * kSecond, 40 * kSecond, at(20)), "23:59:19");
   EXPECT_EQ(clock.Text(39 * kSecond, 40 * kSecond, at(3670)), "01:00:09");
 }

@@ -37,7 +37,7 @@ class WallCheckTest : public testing::Test {
   const TemporaryFolder folder_;
 };
 
-// One table of an output or a channel, and what is said of it.
+// Tables of an output or a channel, and the diagnostics for them.
 TEST_F(WallCheckTest, FindsWhatAnOutputOrASourceCannotBe) {
   struct Case {
     const char* header;

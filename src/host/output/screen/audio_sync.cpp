@@ -16,15 +16,15 @@ extern "C" {
 namespace host {
 namespace {
 
-// Frames are shown at the refresh of a display: one alone says little.
+// Frames are shown when a display refreshes: one alone says little.
 constexpr int kFramesOfMean = 20;
-// Frames that are further off belong to another time, if so many come one after the other.
+// The clock has jumped when so many frames in a row are further off than this.
 constexpr Time kJump = 100 * kMillisecond;
 constexpr int kFramesOfJump = 10;
-// In which a difference is caught up.
+// The time in which a difference is caught up.
 constexpr double kCatchUp = 4;  // seconds
 constexpr double kSmoothing = 0.05;
-// Blocks that follow each other: timestamps are rounded.
+// The largest gap between consecutive blocks: timestamps are rounded.
 constexpr Time kSeam = 5 * kMillisecond;
 // What the resampler may hold besides what its filter needs, samples.
 constexpr std::int64_t kHeld = 48;
@@ -55,7 +55,7 @@ AudioSync::AudioSync() {
   const os::MutexLock guard(lock_);
   resampler_.reset(context);
   if (result >= 0) {
-    // Without it equal rates are passed on, and cannot be stretched.
+    // Otherwise equal rates are passed through and cannot be stretched.
     av_opt_set_int(context, "swr_flags", SWR_FLAG_RESAMPLE, 0);
     result = swr_init(context);
   }

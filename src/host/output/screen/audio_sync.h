@@ -13,11 +13,10 @@
 
 namespace host {
 
-// The time at which frames are shown tells how far the machine's time is from the wall's; the
-// samples of the wall's time that the machine has reached are those to be heard. What differs by
-// more than kTolerance is corrected at once, by silence or by leaving samples out; less by playing
-// up to kMaxStretch slower or faster, which nobody hears, and which follows an audio device whose
-// clock is not the machine's.
+// The times at which frames are shown give the offset between the machine's clock and the wall's,
+// and so the samples to be heard now. A difference of more than kTolerance is corrected at once, by
+// silence or by leaving samples out; a smaller one by playing up to kMaxStretch slower or faster,
+// which is inaudible and also follows an audio device whose clock is not the machine's.
 //
 // Samples are stereo, 32-bit floating point, 48 kHz, interleaved. Any thread; one lock.
 class AudioSync {
@@ -31,7 +30,7 @@ class AudioSync {
   // Throws ffmpeg::Error.
   AudioSync();
 
-  // A frame of the wall's time has been shown at that time of the machine.
+  // The frame of a time of the wall was shown at that time of the machine.
   void FrameShown(Time wall, Time machine);
   void Push(std::span<const float> samples, Time wall);
   // Fills samples, of which the first one is heard at that time of the machine.
@@ -48,9 +47,9 @@ class AudioSync {
     Time end() const;
   };
 
-  // Leaves out what is queued for before that time.
+  // Drops what is queued for earlier times.
   void DropUntil(Time wall) REQUIRES(lock_);
-  // Plays up to that many samples that follow each other; how many it has played.
+  // Plays consecutive samples, at most so many; returns how many.
   std::size_t Play(std::span<float> samples) REQUIRES(lock_);
   void Restart() REQUIRES(lock_);
 
@@ -59,7 +58,7 @@ class AudioSync {
   std::deque<Block> blocks_ GUARDED_BY(lock_);
   std::optional<Time> offset_ GUARDED_BY(lock_);  // the machine's time minus the wall's
   int outliers_ GUARDED_BY(lock_) = 0;            // frames in a row that do not fit it
-  bool isPlaying_ GUARDED_BY(lock_) = false;      // the samples so far follow each other
+  bool isPlaying_ GUARDED_BY(lock_) = false;      // the samples so far are consecutive
   Time end_ GUARDED_BY(lock_) = 0;                // of the wall's time, of what was played
   double error_ GUARDED_BY(lock_) = 0;            // how early the audio is, smoothed, 100 ns
 };

@@ -26,11 +26,11 @@ using MessageKind = ScreenMessage::Kind;
 constexpr int kScreenRate = 48'000;
 constexpr int kStereo = 2;
 constexpr int kSamplesInMessage = 2'048;
-// How often what has stopped is looked for.
+// How often the thread looks whether it is to stop or the display has stopped answering.
 constexpr milliseconds kLook{500};
 // For a window to close when it is asked to.
 constexpr milliseconds kQuitLimit{1'000};
-// What the display's library ends the process with when it loses its server.
+// The exit code with which the display's library ends the process when it loses its server.
 constexpr int kConnectionLost = 1;
 
 std::string Reason(std::optional<int> status) {
@@ -134,7 +134,7 @@ void ScreenOutput::TakeAudio(const AVFrame& samples, Time start) {
     sampleRate_ = samples.sample_rate;
     channels_ = samples.ch_layout.nb_channels;
     AVChannelLayout stereo = AV_CHANNEL_LAYOUT_STEREO;
-    // Some decoders know the number of their channels only.
+    // Some decoders know only the number of their channels.
     AVChannelLayout from{};
     if (samples.ch_layout.order == AV_CHANNEL_ORDER_UNSPEC) {
       av_channel_layout_default(&from, channels_);
@@ -173,7 +173,7 @@ void ScreenOutput::SendSamples(const float* samples, int count, Time start) {
   const std::span<const float> all(samples, static_cast<std::size_t>(count) * kStereo);
   const os::MutexLock guard(lock_);
   if (socket_ != nullptr) {
-    // A window that does not take it shows nothing, either.
+    // A window that does not take audio shows no frames, either.
     static_cast<void>(Send(*socket_, message,
                            {reinterpret_cast<const std::uint8_t*>(all.data()), all.size_bytes()}));
   }
@@ -254,7 +254,7 @@ std::string ScreenOutput::RunSession(bool& wasOpen, bool& isClosed) {
       return end("its display does not answer");
     }
   }
-  // A console gets its text back only from a window that closes by itself.
+  // The text of a console comes back only when the window closes by itself.
   message.kind = MessageKind::kQuit;
   static_cast<void>(Send(socket, message));
   end({});

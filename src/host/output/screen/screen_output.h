@@ -24,11 +24,11 @@ namespace host {
 
 // The window belongs to a process of its own (`ScreenWindow`), because a display that is lost ends
 // the process that uses it, and a graphics driver may stop or crash. This thread copies the newest
-// composed frame into memory that both share, hears what the operator does, and starts the process
+// composed frame into memory that both share, receives the operator's input, and starts the process
 // again after a growing delay when it has ended. A window that the operator has closed stays
 // closed.
 //
-// The composition never waits: a frame that finds the one before it still waiting replaces it.
+// The composition never waits: a new frame replaces one that still waits.
 //
 // Take is the composition thread's, TakeAudio one streaming thread's; the rest the application's.
 class ScreenOutput {

@@ -1,4 +1,4 @@
-// What a wall and the process that shows its screen say to each other. Both are the same program.
+// The messages between a wall and the process that shows its screen. Both are the same program.
 #pragma once
 
 #include <algorithm>
@@ -17,7 +17,7 @@
 
 namespace host {
 
-// The command that makes a process of `tavrel` the window of a screen; nobody types it.
+// The command that makes a process of `tavrel` the window of a screen; for internal use only.
 inline constexpr const char* kScreenWindowCommand = "screen-window";
 
 // The beginning of the memory that both share; from kHeader on it holds kSlots frames, planar 4:2:0
@@ -38,15 +38,15 @@ class ScreenFrames {
     return memory.data() + kHeader + slot * frame;
   }
 
-  // own: the slot of the side that calls, which becomes another one. Of the wall: hands it over;
-  // whether the one before was never taken.
+  // own: the caller's slot, which becomes another one. The wall's side: hands its slot over; true
+  // when the one before was never taken.
   bool HandOver(std::size_t& own) {
     const std::uint32_t before =
         between_.exchange(static_cast<std::uint32_t>(own) | kFresh, std::memory_order_acq_rel);
     own = (before & ~kFresh) % kSlots;
     return (before & kFresh) != 0;
   }
-  // Of the window: false when there is nothing new.
+  // The window's side: false when there is no new frame.
   bool TakeOver(std::size_t& own) {
     if ((between_.load(std::memory_order_relaxed) & kFresh) == 0) {
       return false;
@@ -69,7 +69,7 @@ class ScreenFrames {
 };
 static_assert(sizeof(ScreenFrames) <= ScreenFrames::kHeader);
 
-// A message is this and what belongs to its kind.
+// The head of a message, followed by the body of its kind.
 struct ScreenMessage {
   enum class Kind : std::uint32_t {
     // to the window

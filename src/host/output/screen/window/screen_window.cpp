@@ -54,13 +54,13 @@ class Library {
 using Kind = ScreenMessage::Kind;
 using Key = ScreenInput::Kind;
 
-// What the operator does is looked for that often while no frame comes.
+// How often input is polled while no frame comes.
 constexpr std::chrono::milliseconds kPoll{8};
 constexpr Uint32 kPointerHides = 3'000;  // ms after its last movement
 constexpr int kDone = 0;
 constexpr int kNoWall = 64;
 
-// Where the window has ended by itself, with the reason.
+// The window has ended by itself, for this reason.
 class WindowError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -84,7 +84,7 @@ std::optional<ScreenInput> InputOf(const SDL_KeyboardEvent& key) {
       return input;
     }
   }
-  // By their place on the keyboard: on some a digit needs the shift key.
+  // Digits by their place: on some keyboards they need the shift key.
   const SDL_Scancode code = key.keysym.scancode;
   if (code >= SDL_SCANCODE_1 && code <= SDL_SCANCODE_9) {
     input.digit = code - SDL_SCANCODE_1 + 1;
@@ -102,7 +102,7 @@ class ScreenWindow {
  public:
   // Throws WindowError.
   explicit ScreenWindow(const ScreenSetup& setup) : setup_(setup) {
-    // The wall handles signals; a display that sleeps is no use.
+    // The wall handles signals; the display must not sleep.
     SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");
     SDL_SetHint(SDL_HINT_VIDEO_ALLOW_SCREENSAVER, "0");
     SDL_SetHint(SDL_HINT_VIDEO_MINIMIZE_ON_FOCUS_LOSS, "0");
@@ -121,7 +121,7 @@ class ScreenWindow {
     const bool isWindow = setup.windowWidth > 0;
     const int centre = SDL_WINDOWPOS_CENTERED_DISPLAY(static_cast<unsigned>(setup.display));
     SDL_Rect place{centre, centre, setup.windowWidth, setup.windowHeight};
-    // Without a window manager it stays as large as it is made.
+    // Without a window manager a full-screen window stays as large as it is made.
     if (!isWindow && SDL_GetDisplayBounds(setup.display, &place) != 0) {
       Fail("its display has no size");
     }
@@ -132,7 +132,7 @@ class ScreenWindow {
     if (!window_) {
       Fail("its window cannot be opened");
     }
-    // As frames are converted when they are composed.
+    // The colours of the composed frames.
     SDL_SetYUVConversionMode(SDL_YUV_CONVERSION_BT601);
     renderer_.reset(SDL_CreateRenderer(window_.get(), -1,
                                        SDL_RENDERER_ACCELERATED | SDL_RENDERER_PRESENTVSYNC));
@@ -158,7 +158,7 @@ class ScreenWindow {
     hasFrame_ = true;
   }
 
-  // What was loaded last; until then the window is black.
+  // Draws the frame that was loaded last; until then the window is black.
   void Draw() {
     SDL_SetRenderDrawColor(renderer_.get(), 0, 0, 0, SDL_ALPHA_OPAQUE);
     SDL_RenderClear(renderer_.get());
@@ -169,7 +169,7 @@ class ScreenWindow {
     SDL_RenderPresent(renderer_.get());
   }
 
-  // Pixels of the canvas; none beside it. x, y: in the window, in the display's units.
+  // The pixel of the canvas at a point of the window; none beside it. x, y: in the display's units.
   std::optional<SDL_Point> CanvasPoint(int x, int y) const {
     int width = 0;
     int height = 0;
@@ -187,7 +187,7 @@ class ScreenWindow {
                      (point.y - place.y) * setup_.height / place.h};
   }
 
-  // The graphics driver has lost what it kept.
+  // At the start, and when the graphics driver has lost its contents.
   void MakeTexture() {
     texture_.reset(SDL_CreateTexture(renderer_.get(), SDL_PIXELFORMAT_YV12,
                                      SDL_TEXTUREACCESS_STREAMING, setup_.width, setup_.height));
@@ -208,7 +208,7 @@ class ScreenWindow {
     return size;
   }
 
-  // As large as the window allows, in the shape of the canvas.
+  // Where the frame is drawn: as large as the window allows, in the shape of the canvas.
   SDL_Rect Place() const {
     const auto [width, height] = Pixels();
     const double shape = static_cast<double>(setup_.width) * setup_.shapeX /
@@ -232,7 +232,7 @@ class ScreenWindow {
   bool hasFrame_ = false;
 };
 
-// Between the wall and the window.
+// The process: messages of the wall, input of the window.
 class ScreenProcess {
  public:
   explicit ScreenProcess(os::CompanionSide& wall) : wall_(wall) {}

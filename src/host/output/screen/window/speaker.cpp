@@ -7,7 +7,7 @@ namespace host {
 namespace {
 
 constexpr int kSamples = 512;  // that the device asks for
-// What is filled now follows what the device plays at this moment and what waits behind it.
+// What is filled now is heard after the buffer that the device plays and the one that waits.
 constexpr Time kLatency = Time{2} * kSamples * kSecond / AudioSync::kSampleRate;
 
 Time Now() {

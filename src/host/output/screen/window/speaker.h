@@ -10,7 +10,7 @@
 
 namespace host {
 
-// Plays what belongs to the frames that are shown. One thread; the device has its own.
+// Plays the audio of the frames that are shown. One thread; the device has its own.
 class Speaker {
  public:
   // Throws std::runtime_error with the reason when there is no device.
