@@ -19,9 +19,9 @@ if(TAVREL_SANITIZE)
 endif()
 
 # Several sources are compiled together: with sanitizers most of the time is spent on headers that all
-# of them read. What stands in an unnamed namespace must differ within a library then.
+# of them read. Names in unnamed namespaces must then be unique within a library.
 if(CMAKE_UNITY_BUILD)
-  # Of one source within another one; each has been compiled alone by the preset dev.
+  # Warnings of one source about another; the preset dev compiles each alone.
   add_compile_options(-Wno-shadow $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage>)
 endif()
 

@@ -53,7 +53,7 @@ _tavrel() {
       return
       ;;
     --json | --events | --overwrite | --strict | --verbose | --follow | --salvage | --add | --by-name) ;;
-    --*) return ;; # takes a value, which has to be written
+    --*) return ;; # takes a value, for which there is no completion
   esac
   case "$command/$action/$position" in
     //*) words=$(_tavrel_commands "$program")$'\nhelp' ;;
@@ -72,7 +72,7 @@ _tavrel() {
       return
       ;;
   esac
-  # Names may have blanks: a word of the list is a line.
+  # Names may contain blanks: the list has one name per line.
   local plain=${current//\\/} name
   plain=${plain#[\"\']}
   while IFS= read -r name; do
@@ -81,7 +81,7 @@ _tavrel() {
   done <<<"$words"
 }
 
-# The texts of a list in the answer of a wall, a line each.
+# The texts of a list in the wall's answer, one per line.
 _tavrel_names() { # key
   sed -n "s/.*\"$1\":\[\([^]]*\)\].*/\1/p" | grep -oE '"([^"\\]|\\.)*"' | sed -e 's/^"//' -e 's/"$//' -e 's/\\\(.\)/\1/g'
 }

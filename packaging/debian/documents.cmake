@@ -1,5 +1,5 @@
-# The documents that a Debian package must have. The date of its version is that of the newest entry of the news, or of
-# SOURCE_DATE_EPOCH: the same source makes the same package.
+# The documents that a Debian package must have. The date of its version is that of the file with the news, or
+# SOURCE_DATE_EPOCH, so that the same source makes the same package.
 if(DEFINED ENV{SOURCE_DATE_EPOCH})
   set(clock $ENV{SOURCE_DATE_EPOCH})
 else()

@@ -26,11 +26,11 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
   OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
-# Some files do not stand under the prefix.
+# Some files are outside the prefix.
 set(CPACK_SET_DESTDIR ON)
 set(CPACK_INSTALL_PREFIX /usr)
 
-# What only the package has goes beside the rest of its documents.
+# Documents that only the package has.
 install(CODE "
   set(debian \"${debian}\")
   set(made \"${made}\")

@@ -12,7 +12,7 @@
 
 namespace host {
 
-// A second of 160x90 at 25 pictures a second with a stereo tone.
+// A second of 160x90 at 25 frames per second with a stereo tone.
 inline ClipRecipe SmallClip() {
   ClipRecipe recipe;
   recipe.name = "Small";
@@ -45,8 +45,8 @@ void ReadEach(MediaReader& reader, Take take) {
 inline Content ReadAll(MediaReader& reader) {
   Content content;
   ReadEach(reader, [&](MediaItem item) {
-    if (auto* const picture = std::get_if<DecodedFrame>(&item)) {
-      content.pictures.push_back(std::move(*picture));
+    if (auto* const frame = std::get_if<DecodedFrame>(&item)) {
+      content.pictures.push_back(std::move(*frame));
     } else if (auto* const packet = std::get_if<AudioPacket>(&item)) {
       content.packets.push_back(std::move(*packet));
     } else if (auto* const samples = std::get_if<AudioSamples>(&item)) {
@@ -73,9 +73,9 @@ inline Content ReadFile(const std::filesystem::path& file) {
 }
 
 // A frame every 40 ms.
-inline void ExpectSteady(const std::vector<DecodedFrame>& pictures, Time tolerance) {
-  for (std::size_t i = 1; i < pictures.size(); ++i) {
-    EXPECT_NEAR(pictures[i].start - pictures[i - 1].start, 400'000, tolerance) << i;
+inline void ExpectSteady(const std::vector<DecodedFrame>& frames, Time tolerance) {
+  for (std::size_t i = 1; i < frames.size(); ++i) {
+    EXPECT_NEAR(frames[i].start - frames[i - 1].start, 400'000, tolerance) << i;
   }
 }
 

@@ -1,4 +1,4 @@
-// What channels and outputs report, kept as lines.
+// Keeps the reports of channels and outputs as lines.
 #pragma once
 
 #include <map>
@@ -15,7 +15,7 @@ namespace host {
 
 using Lines = std::vector<std::string>;
 
-// Lines by what they are about. Any thread adds and reads.
+// Lines by subject. Any thread adds and reads.
 class LineRecorder {
  public:
   Lines Of(const std::string& subject) const {
@@ -61,7 +61,7 @@ class ChannelLog final : public LineRecorder, public ChannelObserver {
     Add("audio path " + channel, what);
   }
 
-  // In their order: "live", "held: reason"; "freeze on"; "absent: it has no audio".
+  // In order: "live", "held: reason"; "freeze on"; "absent: it has no audio".
   Lines States(const std::string& channel) const { return Of("state " + channel); }
   Lines Alarms(const std::string& channel) const { return Of("alarm " + channel); }
   Lines Audio(const std::string& channel) const { return Of("audio " + channel); }

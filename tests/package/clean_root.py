@@ -25,7 +25,7 @@ def stanzas():
 
 
 def closure(packages, depends):
-    """Of the essential packages and of those that the field asks for, all that are needed."""
+    """All packages that the essential ones and those of the field need, themselves included."""
     provided = {}
     for name, fields in packages.items():
         for one in re.split(r",\s*", fields.get("Provides", "")):
@@ -97,7 +97,7 @@ def make(root, depends):
         lines = (DPKG / "triggers" / name).read_text().splitlines() if (DPKG / "triggers" / name).exists() else []
         kept = [line for line in lines if re.split(r"[:/]", line.split()[-1])[0] in names]
         (triggers / name).write_text("".join(line + "\n" for line in kept))
-    # What their maintainer scripts make.
+    # Files that their maintainer scripts would make.
     for name in ("passwd", "group"):
         shutil.copy2(f"/usr/share/base-passwd/{name}.master", root / "etc" / name)
     for name, mode in (("shadow", 0o640), ("gshadow", 0o640)):

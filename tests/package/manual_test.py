@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""The manual knows every option, every key of a wall file, every route of the API, and is well-formed.
+"""The manual has every option, every key of a wall file and every route of the API, and is well-formed.
 
 manual_test.py TAVREL SOURCES PAGES
 """

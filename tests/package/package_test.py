@@ -30,7 +30,7 @@ listen = "127.0.0.1:{http}"
 [[output]]
 url = "/var/lib/tavrel/studio/wall.mkv"
 """
-# What the system itself writes, and what belongs to it.
+# Files that the system itself writes or owns.
 VOLATILE = re.compile(r"^(proc|dev|sys|tmp|run|var/lib/dpkg|var/lib/apt|var/log|var/cache)(/|$)|^etc/(passwd|group|shadow|gshadow|subuid|subgid)-$|^etc/(\.pwd\.lock|ld\.so\.cache)$")
 
 
@@ -62,7 +62,7 @@ def check_package(package, content):
     assert "RestartPreventExitStatus=64 78\n" in unit.read_text()
     exposure = run("systemd-analyze", "security", "--offline=true", unit).strip().splitlines()[-1]
     assert float(re.search(r": (\d+\.\d)", exposure)[1]) < 3, exposure
-    # Its program has to be there, and its manual is looked at elsewhere.
+    # The unit's program must exist here; its manual is tested elsewhere.
     with tempfile.TemporaryDirectory() as folder:
         copy = pathlib.Path(folder) / unit.name
         copy.write_text(unit.read_text().replace("/usr/bin/tavrel", str(content / "usr/bin/tavrel")))
@@ -101,10 +101,10 @@ def use(root):
                                "-o", "/tmp/demo.mkv", "--snapshot", "/tmp/demo.png", "--json"))
     assert made["frames"] == 25 and (root.folder / "tmp/demo.png").stat().st_size > 10_000, made
     root.run("tavrel", "check", "/etc/tavrel/example.toml")
-    # The registry knows the library also for a program that is elsewhere.
+    # A program in another folder finds the library in the registry.
     shutil.copy2(root.folder / "usr/bin/tavrel", root.folder / "tmp/tavrel")
     assert "Composition" in root.run("/tmp/tavrel", "pins")
-    # As the unit starts it.
+    # A wall, started as by the unit.
     port, wall = free_port(), root.folder / "etc/tavrel/studio.toml"
     wall.write_text(WALL.format(port=free_port(), http=port))
     for folder in ("run/tavrel", "var/lib/tavrel/studio"):
@@ -138,7 +138,7 @@ def use(root):
 def main():
     build = pathlib.Path(sys.argv[1]).resolve()
     if "PACKAGE_TEST_FOLDER" not in os.environ:
-        # What is mounted is gone with the last process, and the folder is removed afterwards.
+        # The mounts disappear with the last process; then the folder is removed.
         with tempfile.TemporaryDirectory(dir=build) as folder:
             done = subprocess.run(["unshare", "--mount", "--pid", "--fork", "--kill-child", sys.executable, "-B", *sys.argv],
                                   env={**os.environ, "PACKAGE_TEST_FOLDER": folder})

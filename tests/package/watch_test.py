@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""What a running wall shows to Prometheus and to shells: metrics, health, completions.
+"""The monitoring of a running wall by Prometheus, and the completions of shells.
 
-watch_test.py TAVREL DOCS COMPLETIONS [SECONDS]: for so long Prometheus scrapes the wall.
+watch_test.py TAVREL DOCS COMPLETIONS [SECONDS]: how long Prometheus scrapes the wall.
 """
 import datetime
 import json
@@ -106,7 +106,7 @@ def said_by(path):
 
 
 def compare(prometheus, path, seconds):
-    """What Prometheus has counted lies between what the wall itself said before and after."""
+    """Prometheus's counts lie between the wall's own counts before and after."""
     samples = [(at, int(value)) for at, value in prometheus.query("tavrel_frames_total[1h]")[0]["values"]]
     lasted = {at: float(value) for at, value in prometheus.query("scrape_duration_seconds[1h]")[0]["values"]}
     until = samples[-1][0] + lasted[samples[-1][0]]
@@ -131,7 +131,7 @@ def compare(prometheus, path, seconds):
 
 
 def complete(completions, program, words):
-    """What bash and zsh offer for the last word."""
+    """The completions of bash and zsh for the last word."""
     script = f"""source {completions}/tavrel.bash; compopt() {{ :; }}
 COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _tavrel; printf '%s\\n' "${{COMPREPLY[@]}}" """
     in_bash = subprocess.run(["bash", "-c", script, "bash", program, *words], text=True, capture_output=True, check=True,
@@ -185,7 +185,7 @@ def main():
             check_text(get(url + "/metrics"), docs)
             check_completions(completions, program, folder / "wall.sock")
             wait_for("scraping", lambda: len(prometheus.query("tavrel_frames_total[1h]")[0]["values"]) > seconds, 600)
-            # The board shows something in every panel.
+            # Every panel of the dashboard shows something.
             board = json.loads((docs / "monitoring/grafana.json").read_text())
             for panel in board["panels"]:
                 for target in panel["targets"]:

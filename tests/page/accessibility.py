@@ -1,6 +1,6 @@
 """A small check of a page: every control has a name, every text has contrast."""
 
-# Colours are composed from the elements behind; what lies over the video has a ground of its own.
+# Backgrounds are composed from the elements behind; text over the video has a background of its own.
 SCRIPT = r"""
 const faults = [];
 const isShown = (element) => element.checkVisibility({checkOpacity: true, checkVisibilityCSS: true});

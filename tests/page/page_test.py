@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""The operator's page in a browser, over walls that run.
+"""The operator's page in a browser, over running walls.
 
 What an action did is judged by the composed frames and the state of the wall, never by the page.
 """
@@ -182,7 +182,7 @@ class PageTest(unittest.TestCase):
         Select(self.find("dialog select")).select_by_visible_text("1 hour")
         self.button("Mask", "dialog").click()
         wait_for(lambda: "masked_until" in self.wall.channel("Blue"), "the mask")
-        self.open(self.wall)  # what happened is the wall's memory, not the page's
+        self.open(self.wall)  # the wall keeps the history, not the page
         self.boxes()
         self.find("#tab-history").click()
         text = wait_for(lambda: self.find("#history-list").text, "the history")

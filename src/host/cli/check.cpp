@@ -56,7 +56,7 @@ void PrintJson(const config::WallFile& file, const std::string& path, std::ostre
   out << report.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << "\n";
 }
 
-// The layout that a wall begins in may be one of the book beside its file.
+// The layout in which a wall begins may be one of the layout book beside its file.
 void CheckLayout(config::WallFile& file, const std::filesystem::path& path) {
   const auto place = file.wall.canvas.places.find("layout");
   if (!file.usable() || place == file.wall.canvas.places.end()) {
@@ -67,7 +67,7 @@ void CheckLayout(config::WallFile& file, const std::filesystem::path& path) {
   try {
     state.layouts.merge(book.Read(file.wall.canvas));
   } catch (const control::CommandError&) {
-    // Said when the wall starts.
+    // Reported when the wall starts.
   }
   const std::vector<std::string> known = state.LayoutNames();
   if (std::find(known.begin(), known.end(), file.wall.layout) == known.end()) {

@@ -30,7 +30,7 @@ std::function<std::string(const std::string&)> SecondsBetween(double least, doub
     char* end = nullptr;
     const double seconds = std::strtod(text.c_str(), &end);
     const bool isNumber = end != text.c_str() && *end == '\0';
-    // What is no number lies nowhere.
+    // A value that is no number is in no range.
     if (isNumber && seconds >= least && seconds <= most) {
       return {};
     }

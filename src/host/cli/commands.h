@@ -1,4 +1,4 @@
-// The commands of `tavrel`: for each its options, and what runs it.
+// The commands of `tavrel`: the options of each, and the function that runs it.
 #pragma once
 
 #include <cstdint>
@@ -25,22 +25,22 @@ struct GraphOptions {
 // Where the mosaic goes.
 struct RecordOptions {
   std::vector<std::string> outputs;  // files or URLs; replace those of the wall file
-  std::string format;                // container of those whose names do not tell it
+  std::string format;                // container of those whose names do not determine it
   bool overwrite = false;            // files that exist are replaced
   std::filesystem::path snapshot;    // a PNG file; empty: none
   std::optional<double> snapshotAt;  // seconds after the start; none: the last frame
   std::optional<double> seconds;     // length of the mosaic; none: until it ends or is stopped
 };
 
-// A check of an option: refuses what is no number of seconds, and what lies outside of the range.
-// The words of the parser's own leave open what is wrong, and it takes "nan".
+// A check of an option: refuses a value that is no number of seconds or outside of the range. The
+// parser's own check does not say what is wrong, and accepts "nan".
 std::function<std::string(const std::string&)> SecondsBetween(double least, double most);
 
 void DefineGraph(CLI::App& app, GraphOptions& options);
 void DefineRecord(CLI::App& app, RecordOptions& options);
 // --http ADDRESS:PORT.
 void DefineHttp(CLI::App& app, std::string& address, const std::string& meaning);
-// Serves at that address, unless it is empty. False when the wall does not allow it there, which
+// Makes http serve at that address, unless it is empty. False when that is not allowed there, which
 // has been reported.
 bool UseHttp(const std::string& address, config::Http& http, Streams& streams);
 
@@ -69,7 +69,7 @@ ExitCode Render(const RunOptions& options, Streams& streams);
 
 struct DemoOptions {
   GraphOptions graph;
-  RecordOptions record;  // ten seconds, when not said otherwise; live until stopped
+  RecordOptions record;  // by default ten seconds; live until stopped
   int channels = 9;
   int width = 1920;
   int height = 1080;
@@ -114,16 +114,16 @@ struct ProbeOptions {
 
 void DefineProbe(CLI::App& app, ProbeOptions& options);
 
-// Opens the source, decodes its beginning, and prints what it carries and what a wall does with it.
+// Opens the source, decodes its beginning, and prints what it carries and how a wall handles it.
 ExitCode Probe(const ProbeOptions& options, Streams& streams);
 
-// `tavrel ctl COMMAND`: asks a running wall for something, through its local socket.
+// `tavrel ctl COMMAND`: queries or controls a running wall through its local socket.
 
 struct CtlOptions {
-  struct Request;                // what the arguments ask for
+  struct Request;                // of the arguments
   std::filesystem::path socket;  // of the wall; empty: that of the wall file, or the only one
   std::filesystem::path wall;    // its wall file
-  bool json = false;             // answers as the wall gives them
+  bool json = false;             // prints the wall's answers unchanged
   double timeout = 10;           // seconds that an answer may take
   std::shared_ptr<Request> request;
 };
@@ -146,8 +146,8 @@ struct ShowLogOptions {
 
 void DefineShowLog(CLI::App& app, ShowLogOptions& options);
 
-// Prints the lines in the order in which they were written; follows the file until a signal asks
-// for the end. kCouldNotStart for a file that cannot be read or whose header is damaged.
+// Prints the lines in the order in which they were written; follows the file until a signal ends
+// it. kCouldNotStart for a file that cannot be read or whose header is damaged.
 ExitCode ShowLog(const ShowLogOptions& options, Streams& streams);
 
 // `tavrel register FILE`, `tavrel unregister FILE` and `tavrel pins`
@@ -170,7 +170,7 @@ struct PinsOptions {
 
 void DefinePins(CLI::App& app, PinsOptions& options);
 
-// Prints the pins of a composer with so many inputs.
+// Prints the pins of a composer with that number of inputs.
 ExitCode Pins(const PinsOptions& options, Streams& streams);
 
 }  // namespace host::cli

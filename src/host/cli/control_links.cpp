@@ -30,7 +30,7 @@ ControlLinks::ControlLinks(control::WallExecutor& executor, Settings settings)
 }
 
 ControlLinks::~ControlLinks() {
-  // What waits is answered before those who asked are gone.
+  // Requests that wait are answered before their senders are destroyed.
   control_.Close();
 }
 

@@ -1,4 +1,4 @@
-// ControlLinks: what drives a running wall from outside of its program.
+// ControlLinks: the connections through which a running wall is controlled from outside.
 #pragma once
 
 #include <cstdint>
@@ -20,17 +20,17 @@
 
 namespace host::cli {
 
-// The owner of the wall's state with its socket, its HTTP server and its tally receiver, as the
-// wall asks for them. Application's thread.
+// Owns the WallControl and the socket, HTTP server and tally receiver that the wall asks for.
+// Application's thread.
 class ControlLinks {
  public:
   struct Settings {
     config::Wall wall;
     std::filesystem::path wallFile;                // empty: the wall has none
-    std::function<nlohmann::ordered_json()> live;  // as of WallControl
-    // As of HttpServer; empty: no pictures are served.
+    std::function<nlohmann::ordered_json()> live;  // as in WallControl
+    // As in HttpServer; empty: no pictures are served.
     control::http::Snapshots::Encode snapshot;
-    std::shared_ptr<FragmentFeed> preview;             // as of HttpServer
+    std::shared_ptr<FragmentFeed> preview;             // as in HttpServer
     std::vector<std::shared_ptr<FragmentFeed>> audio;  // likewise
     control::Monitoring monitoring;
     std::function<void(const std::string&)> say;       // a message for the log
@@ -38,8 +38,8 @@ class ControlLinks {
   };
 
   // executor outlives it. Throws std::runtime_error when the socket that the wall names, its HTTP
-  // server or its tally is not to be had. Without a name the socket is where programs look for it;
-  // when that is not to be had, the wall runs without, and says so.
+  // server or its tally receiver cannot be opened. When the wall names none and the default socket
+  // cannot be opened, the wall runs without one and reports it.
   ControlLinks(control::WallExecutor& executor, Settings settings);
   ~ControlLinks();
   ControlLinks(const ControlLinks&) = delete;
@@ -48,11 +48,11 @@ class ControlLinks {
   control::EventFeed& events() { return control_.events(); }
   control::WallControl& control() { return control_; }
 
-  // What an operator does at a screen, by its name; any thread.
+  // Input of an operator at the screen of that name; any thread.
   void TakeInput(const std::string& screen, const ScreenInput& input);
   // Asks for a reload of the wall file.
   void Reload();
-  // Waits for requests, no longer than the limit, and carries out what waits.
+  // Waits for requests, no longer than the limit, and carries them out.
   void RunFor(std::uint32_t milliseconds);
 
  private:

@@ -28,11 +28,11 @@ using Field = control::CommandField;
 
 }  // namespace
 
-// NOLINTNEXTLINE(bugprone-exception-escape): to move a JSON value throws nothing
+// NOLINTNEXTLINE(bugprone-exception-escape): moving a JSON value throws nothing
 struct CtlOptions::Request {
   enum class Show { kResult, kStatus, kList, kHealth, kWatch };
 
-  Json command;  // null: the state of the wall is asked for
+  Json command;  // null: asks for the state of the wall
   Show show = Show::kResult;
   std::vector<std::string> keys;  // KEY=VALUE
   bool hasKeys = false;
@@ -42,12 +42,12 @@ namespace {
 
 using Request = CtlOptions::Request;
 
-// No wall to talk to.
+// There is no wall to talk to.
 struct NoWall : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// The words of the command line, where they differ from the names of the commands.
+// Words of the command line that differ from the names of the commands.
 struct Word {
   const char* word;
   const char* command;
@@ -65,13 +65,13 @@ std::string WordOf(const std::string& command) {
   return command == kDeleteLayout ? "delete-layout" : command;
 }
 
-// A number, true, false, a list or an object as JSON has them; everything else is a text.
+// A number, true, false, a list or an object in JSON; everything else is a text.
 Json ValueOf(const std::string& text) {
   Json value = Json::parse(text, nullptr, false);
   return value.is_discarded() || value.is_null() ? Json(text) : value;
 }
 
-// Required fields are arguments in their order, the others options.
+// Required fields become positional arguments in their order, the others options.
 void DefineField(CLI::App& app, const Field& field, const std::shared_ptr<Request>& request) {
   const std::string key = field.name;
   const std::string meaning = field.meaning;
@@ -123,7 +123,7 @@ void DefineAsking(CLI::App& app, const char* name, const char* meaning, Request:
   app.add_subcommand(name, meaning)->callback([request, show] { request->show = show; });
 }
 
-// `set label`, for short.
+// Short for `set CHANNEL label=TEXT`.
 void DefineLabel(CLI::App& app, const std::shared_ptr<Request>& request) {
   CLI::App* const label = app.add_subcommand("label", "Changes a channel's label.");
   label->callback([request] { request->command["command"] = "set"; });
@@ -136,7 +136,7 @@ void DefineLabel(CLI::App& app, const std::shared_ptr<Request>& request) {
   }
 }
 
-// The wall's own way of addressing its file: .../NAME.sock.
+// The socket of the options, that of the wall file, otherwise the only one that there is.
 std::filesystem::path SocketOf(const CtlOptions& options) {
   if (!options.socket.empty()) {
     return options.socket;
@@ -243,7 +243,7 @@ void PrintChannel(const Json& channel, std::ostream& out) {
   out << "\n";
 }
 
-// What nobody has acknowledged or masked, and channels without their pictures.
+// Alarms that nobody has acknowledged or masked, and channels without frames.
 std::vector<std::string> Troubles(const Json& wall) {
   std::vector<std::string> troubles;
   for (const Json& channel : wall["channels"]) {
@@ -321,7 +321,7 @@ ExitCode Watch(Connection& connection, bool json, Streams& streams) {
     }
     streams.out << control::OneLine(json ? line : line.value("event", Json())) << std::endl;
     if (!streams.out) {
-      return ExitCode::kDone;  // nobody reads any more
+      return ExitCode::kDone;  // the reader has closed the output
     }
   }
 }

@@ -35,10 +35,10 @@ std::string CheckRate(const std::string& text) {
 constexpr double kMaxDemoLength = 3600;  // seconds
 constexpr int kLiveSpare = 4;            // channels that can be added to a live one
 
-// Seconds after the start when the alarm of the demo is on.
+// Seconds after the start at which the alarm of the demo is raised.
 constexpr double kAlarmIsOn = 6.5;
 
-// What the operators of such a wall call their channels.
+// Labels as operators of such a wall would choose them.
 constexpr std::array kLabels{
     "Bars \u00b7 caf\u00e9 cr\u00e8me",
     "\u0395\u03bb\u03bb\u03b7\u03bd\u03b9\u03ba\u03ac 1",
@@ -73,7 +73,8 @@ config::Wall DemoWall(const DemoOptions& options, const std::vector<std::filesys
     channel.window = (*windows)[i];
     channel.selected = i == 1;
     channel.label.text = kLabels[i % kLabels.size()];
-    // So that the audio that stops for four of ten seconds raises its alarm in a short demo.
+    // The audio of one channel stops for four of ten seconds: this raises its alarm in a short
+    // demo.
     channel.options.alarm.silence = {true, -60, kSecond, kSecond / 2};
     channel.options.colour = kColours[i % kColours.size()];
     wall.channels.push_back(channel);
@@ -84,7 +85,7 @@ config::Wall DemoWall(const DemoOptions& options, const std::vector<std::filesys
 }  // namespace
 
 ExitCode Demo(const DemoOptions& options, Streams& streams) {
-  constexpr double kLength = 10;  // seconds; what the clips show repeats after them
+  constexpr double kLength = 10;  // seconds; the clips repeat after that
   config::Http http;
   if (!UseHttp(options.http, http, streams)) {
     return ExitCode::kUsage;
@@ -119,7 +120,7 @@ ExitCode Demo(const DemoOptions& options, Streams& streams) {
 
 void DefineDemo(CLI::App& app, DemoOptions& options) {
   DefineRecord(app, options.record);
-  // Its clips are made as long as that.
+  // The clips are made as long as that.
   app.get_option("--seconds")->check(SecondsBetween(0, kMaxDemoLength));
   app.get_option("--snapshot-at")
       ->description("seconds after the start [6.5, when an alarm is on]");

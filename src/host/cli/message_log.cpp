@@ -30,8 +30,8 @@ constexpr std::size_t kMaxWaitingLines = 1000;
 constexpr seconds kFirstDelay{1};
 constexpr seconds kMaxDelay{60};
 
-// The sink cuts the line by bytes, header included: "<131>Nov 16 09:43:14 host 0000 text". Here it
-// is done first, between characters.
+// The sink truncates the line by bytes, header included: "<131>Nov 16 09:43:14 host 0000 text".
+// Truncated to this length before, between characters, it stays valid.
 std::size_t RoomForText() {
   constexpr std::size_t kMaxLine = 1024;
   const std::size_t header =
@@ -41,14 +41,14 @@ std::size_t RoomForText() {
 
 using qorp::log::CircularLogFile;
 
-// For the file system of a log file to answer.
+// How long the file system of a log file may take to answer.
 constexpr std::chrono::seconds kLogFileLimit{3};
 constexpr std::int32_t kDefaultSize = 10 << 20;
 constexpr std::uint32_t kFlushLimit = 3000;  // ms
-// Where the logger cuts, by bytes: here it is done first, between characters.
+// The logger truncates there by bytes; truncated here before, between characters.
 constexpr std::size_t kMaxMessage = 1040;
 
-// A start alone makes the composer warn twice of every channel: that is for the record.
+// Warnings are recorded but not shown: at every start the composer warns twice of each channel.
 std::int32_t ScreenLevel(const config::LogOptions& options) {
   return options.level.value_or(qorp::log::kError);
 }
@@ -64,8 +64,8 @@ qorp::log::LogPerfOptions LoggerOptions(const config::LogOptions& options) {
   return logger;
 }
 
-// A sink tries again indefinitely; who starts a wall wants to know of a wrong path at once, and
-// wants no other file overwritten.
+// A sink would try again indefinitely; a wrong path must be reported when the wall starts, and no
+// other file may be overwritten.
 std::string CheckedPath(const std::filesystem::path& path) {
   std::string name = path.string();
   CircularLogFile file;
@@ -95,7 +95,7 @@ std::string CheckedPath(const std::filesystem::path& path) {
 }
 
 constexpr int kFixesAtStart = 2;
-// The longest message of the logger, and what ends it.
+// The longest message of the logger, with its terminator.
 constexpr std::size_t kMaxText = 1041;
 
 }  // namespace
@@ -153,7 +153,7 @@ void ResolvingSyslog::State::ResolveUntilStopped() {
   std::string failure;
   while (!Resolve(&failure)) {
     const os::MutexLock guard(lock);
-    // Under the lock: the object that is reported to lives until it has set stopped.
+    // Under the lock: the receiver of the report lives until it has set stopped.
     if (delay == kFirstDelay && !stopped) {
       report("syslog: " + failure + "; it is tried again");
     }
@@ -167,7 +167,7 @@ void ResolvingSyslog::State::ResolveUntilStopped() {
   }
 }
 
-// What becomes of the file is itself a message.
+// Events of the log file are messages themselves.
 void MessageLog::Configure(std::optional<qorp::log::recovering_logfile_sink>& sink,
                            const std::optional<std::filesystem::path>& path, std::int32_t level,
                            const config::LogOptions& options) {
@@ -203,7 +203,7 @@ void MessageLog::Screen::Write(std::int32_t level, const qorp::log::LogTime& tim
 
 void MessageLog::Screen::ShowProgress(const std::string& text) {
   const os::MutexLock guard(lock_);
-  // One column is the cursor's.
+  // One column is left for the cursor.
   progress_.Show(ffmpeg::Printable(text), std::max(os::ConsoleColumns(2), 2) - 1);
 }
 
@@ -247,7 +247,7 @@ MessageLog::~MessageLog() {
   syslog_.reset();  // it reports to the logger
 }
 
-// What FFmpeg finds wrong is in our own messages; its own lines are details.
+// FFmpeg's errors are in our own messages; its own lines are details.
 void MessageLog::RouteFfmpeg() {
   ffmpeg::RouteLog(ffmpeg::LogLevel::kInfo, [this](ffmpeg::LogLevel, const std::string& line) {
     Say(qorp::log::kDebug, "FFmpeg: " + line);

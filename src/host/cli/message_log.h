@@ -1,4 +1,4 @@
-// What a running wall says: to the person who watches it, to its log file, to a syslog server.
+// The messages of a running wall: on the error stream, in its log file, to a syslog server.
 #pragma once
 
 #include <algorithm>
@@ -25,9 +25,9 @@
 
 namespace host::cli {
 
-// A sink that resolves the server's name on a thread of its own, again and again until that
-// succeeds, with a growing delay of up to a minute. Until then the latest thousand messages wait.
-// Addresses are used at once.
+// A sink that resolves the server's name on a thread of its own, repeatedly until that succeeds,
+// with a growing delay of up to a minute. Until then the latest thousand messages wait. Addresses
+// are used at once.
 //
 // Owned by the host; the logger's worker writes.
 class ResolvingSyslog final : public qorp::log::ILogSink {
@@ -79,7 +79,7 @@ class ProgressLine {
   ProgressLine(const ProgressLine&) = delete;
   ProgressLine& operator=(const ProgressLine&) = delete;
 
-  // columns: of the terminal; a longer line would stay there when it is rewritten.
+  // columns: of the terminal; a longer line could not be rewritten in place.
   void Show(const std::string& line, int columns) {
     const std::string text(
         ffmpeg::CutToColumns(line, static_cast<std::size_t>(std::max(columns, 0))));
@@ -116,22 +116,22 @@ class MessageLog {
 
   // For the composer and the host's own components.
   qorp::log::LogPerf& logger() { return logger_; }
-  // From now on performance records are written, after a line with their columns: one for each pin
-  // that has been registered by now.
+  // From now on performance records are written, after a line with their columns, among them one
+  // for each pin that has been registered by now.
   void StartRecords();
-  // Writes the last performance record; returns when everything that was said before has reached
-  // its sinks. False when that takes too long, as with a file on a dead mount: the logger's thread
-  // still uses this object then, which must not be destroyed any more.
+  // Writes the last performance record; returns when all earlier messages have reached their sinks.
+  // False when that takes too long, as with a file on a dead mount: the logger's thread then still
+  // uses this object, which must not be destroyed.
   bool Flush();
 
-  // How far the command has come; on a terminal only.
+  // The progress of the command; on a terminal only.
   void ShowProgress(const std::string& text) { screen_.ShowProgress(text); }
   void WipeProgress() { screen_.WipeProgress(); }
   // A line of the command's own.
   void Say(std::int32_t level, const std::string& line);
 
  private:
-  // The error stream: messages, and the progress line that makes room for them.
+  // The error stream: messages, and the progress line, which is wiped for them.
   class Screen final : public qorp::log::ILogSink {
    public:
     Screen(Streams& streams, std::int32_t maxLevel);
@@ -158,9 +158,8 @@ class MessageLog {
   qorp::log::LogPerf logger_;  // ends before its sinks
 };
 
-// Hands everything on to another logger. A channel's first two frames always make the composer fix
-// the channel's time and warn of it: these lines are information, and later ones warnings, as the
-// composer has them.
+// Passes everything on to another logger. A channel's first two frames always make the composer fix
+// the channel's time and warn of it: these lines become information, later ones stay warnings.
 //
 // Any thread; one lock, which guards the counts and is not held while the other logger is called.
 class ComposerLog final : public qorp::log::ILogPerf {

@@ -102,8 +102,7 @@ nlohmann::ordered_json ProgramsAsJson(const MediaInfo& info) {
   return programs;
 }
 
-// What a wall does with such a source, a sentence for each thing that differs from showing it as it
-// is.
+// How a wall handles such a source: a sentence for everything that is not shown unchanged.
 std::vector<std::string> WallTreatment(const ProbeReport& report, Ratio canvasRate) {
   std::vector<std::string> sentences;
   const MediaInfo& info = report.info;

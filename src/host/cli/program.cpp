@@ -14,7 +14,7 @@ namespace host::cli {
 
 namespace {
 
-// What was meant by an argument that nobody knows.
+// A suggestion for an unknown argument.
 std::string Suggestion(const std::string& written, const std::vector<std::string>& known) {
   const auto nearest = config::NearestName(written, known);
   return nearest ? "; did you mean \"" + *nearest + "\"?" : "";
@@ -30,8 +30,8 @@ std::vector<std::string> OptionNames(const CLI::App& app) {
   return names;
 }
 
-// The parser takes "-1" for an option of its own: joined with the option before it, it is a value,
-// which can be said to be wrong.
+// The parser takes "-1" for an option: joined with the option before it, it is a value, which can
+// be checked and refused.
 std::vector<std::string> WithNegativeNumbers(const std::vector<std::string>& arguments) {
   std::vector<std::string> joined;
   for (const std::string& argument : arguments) {

@@ -16,14 +16,14 @@ namespace host::cli {
 
 enum class ExitCode {
   kDone = 0,
-  kRefused = 1,         // a running wall has refused what it was asked for
-  kUsage = 64,          // the arguments make no sense
+  kRefused = 1,         // a running wall has refused the request
+  kUsage = 64,          // the arguments are wrong
   kNoWall = 69,         // no running wall answers
-  kCouldNotStart = 75,  // a source, an output or the filter library is not to be had
+  kCouldNotStart = 75,  // a source, an output or the filter library cannot be used
   kBadWall = 78,        // the wall file has mistakes
 };
 
-// Where a command speaks. Results go to out, everything for a person to err.
+// Where a command prints. Results go to out, everything for people to err.
 struct Streams {
   std::ostream& out;
   std::ostream& err;
@@ -32,8 +32,8 @@ struct Streams {
 };
 
 // Parses the arguments and runs the command that they name. A value is taken from the arguments,
-// otherwise from the environment (each option names its variable, TAVREL_...), otherwise the
-// command's default holds. An exception out of a command is printed and ends with kCouldNotStart.
+// otherwise from the environment (each option names its variable, TAVREL_...), otherwise it is the
+// command's default. An exception of a command is printed and ends with kCouldNotStart.
 class Program {
  public:
   explicit Program(Streams streams);

@@ -14,7 +14,7 @@
 namespace host::cli {
 namespace {
 
-// For the file systems of all files of a wall to answer.
+// How long the file systems of all files of a wall may take to answer.
 constexpr std::chrono::seconds kFilesLimit{3};
 
 std::string Named(const std::string& argument, const std::string& target) {

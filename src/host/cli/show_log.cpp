@@ -64,7 +64,7 @@ class LogPrinter {
       if (result.lost > 0) {
         Tell(std::to_string(result.lost) + " lines were overwritten before they could be read");
       }
-      // Its writer may be about to make it again.
+      // Its writer may be about to create it again.
       const std::string trouble =
           result.state == LogFileReader::State::kRead ? "" : Explain(result);
       if (!trouble.empty() && trouble != told) {

@@ -30,14 +30,14 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// A wall continues while nobody reads what it says. Of the lines for programs the oldest are
-// dropped then, by their queue; messages do not wait for a reader twice.
+// A wall continues when nobody reads its streams: the queue of the lines for programs then drops
+// the oldest, and messages wait for a reader once only.
 constexpr milliseconds kOutTimeout{250};
 constexpr milliseconds kErrTimeout{250};
-// For the report at the end.
+// The same for the report at the end.
 constexpr milliseconds kReportTimeout{1000};
 
-// The session makes the wall as its state says; the board learns first whose reports will come.
+// Before the session applies the state, the board learns which channels will report.
 class Executor final : public control::WallExecutor {
  public:
   explicit Executor(ChannelBoard& board) : board_(board) {}
@@ -64,7 +64,7 @@ class Executor final : public control::WallExecutor {
   std::optional<control::SessionExecutor> executor_;
 };
 
-// The wall at work, from its start to its end.
+// The running wall, from its start to its end.
 class WallCommandRun {
  public:
   WallCommandRun(const WallCommand& command, RunPlan plan, Streams& streams)
@@ -125,7 +125,8 @@ class WallCommandRun {
     }
     messages_.WipeProgress();
     if (!messages_.Flush()) {
-      // Its thread is stuck in a file and may use it at any time: it goes with the process.
+      // Its thread is stuck in a file and may use it at any time: it is left to the end of the
+      // process.
       static_cast<void>(messageLog_.release());
     }
     lines_.Finish();
@@ -285,7 +286,7 @@ class WallCommandRun {
     for (const OutputSet::Status& output : status.outputs) {
       status.dropped = std::max(status.dropped, output.video.dropped + output.video.leftOut);
     }
-    // Progress and status ask in turn: both shall see what is recent.
+    // Progress and status ask in turn, and both need the latest value.
     const FrameWatch::Timing timing = session.TakeTiming();
     timing_ = timing.frames > 0 ? timing : timing_;
     status.timing = timing_;
@@ -297,7 +298,7 @@ class WallCommandRun {
     return status;
   }
 
-  // Channels that a strict rendering cannot do without.
+  // Reports the channels that were not shown to their end; true when there are any.
   bool ReportNotShown() {
     bool any = false;
     const std::vector<ChannelBoard::Entry> entries = board_.entries();
@@ -312,7 +313,7 @@ class WallCommandRun {
     return any;
   }
 
-  // A rendered output that is not whole is of no use; a live wall did its work when it reached one.
+  // Rendered outputs must all be complete; for a live wall it is enough when one output worked.
   ExitCode CodeOfOutputs() const {
     const std::vector<OutputSet::Status> all = outputs_->status();
     const auto lost = std::count_if(all.begin(), all.end(), [&](const OutputSet::Status& output) {
@@ -337,7 +338,7 @@ class WallCommandRun {
     }
   }
 
-  // For a program, or a person; where the standard output has other readers, on the error stream.
+  // For programs or people; on the error stream when the standard output is otherwise used.
   void PrintEnd() {
     WallStatus status;
     status.seconds = ComposedSeconds();
@@ -384,7 +385,7 @@ class WallCommandRun {
   double lastProgress_ = -1;
   WallSession::Counters counters_;
   FrameWatch::Timing timing_;
-  // Its threads ask the board, and end before it.
+  // Its threads use the board, and end before it is destroyed.
   std::unique_ptr<ControlLinks> links_;
 };
 

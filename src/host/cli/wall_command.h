@@ -1,4 +1,4 @@
-// What run, render and demo have in common: what is to be written, a wall at work, its end.
+// The common part of run, render and demo: which outputs are written, the running wall, its end.
 #pragma once
 
 #include <filesystem>
@@ -22,13 +22,13 @@ struct WallCommand {
   std::filesystem::path wallFile{};  // that the wall comes from; empty: none
 };
 
-// Records the wall as the options say, until it ends, its time is over or somebody stops it, and
-// prints what was written. kUsage when the arguments do not go together with the wall or with files
-// that exist: then nothing was opened. kCouldNotStart when an output or the composer is not to be
-// had; a channel that cannot be used is reported and does not stop the wall.
+// Records the wall as the options say, until it ends, its time is over or it is stopped, and
+// prints what was written. kUsage when the arguments conflict with the wall or with files
+// that exist: then nothing was opened. kCouldNotStart when an output or the composer cannot be
+// used; a channel that cannot be used is reported and does not stop the wall.
 ExitCode RunWallCommand(const WallCommand& command, Streams& streams);
 
-// What a run is to write, and what forbids it.
+// The outputs of a run, and the mistakes that forbid it.
 struct RunPlan {
   std::vector<config::Output> outputs;  // those of the arguments, otherwise those of the wall
   std::vector<config::Screen> screens;  // likewise
@@ -37,7 +37,8 @@ struct RunPlan {
   std::vector<std::string> remarks;     // warnings and notes about the arguments
 };
 
-// Looks at the arguments, at the files that exist and at all that the wall opens; opens nothing.
+// Checks the arguments, the files that exist and everything that the wall would open; opens
+// nothing.
 RunPlan PlanRun(const WallCommand& command);
 
 }  // namespace host::cli

@@ -214,7 +214,7 @@ void ChannelBoard::ChannelOpened(const std::string& channel, const MediaInfo& in
     entry.failure = info.video || info.noVideoReason == kNoVideo ? "" : info.noVideoReason;
     wasLost = failures_.erase(channel) > 0;
   }
-  // Where the failure was reported, its end is, too.
+  // At the level at which the failure was reported, so is its end.
   Say(wasLost || !info.video.has_value() ? qorp::log::kError : qorp::log::kInfo, channel,
       "opened (" + Describe(info) + ")");
 }

@@ -1,4 +1,4 @@
-// What channels and outputs report, as messages and as events, which are lines of JSON.
+// The reports of channels and outputs as messages and as events, which are lines of JSON.
 #pragma once
 
 #include <array>
@@ -27,10 +27,10 @@
 
 namespace host::cli {
 
-// Lines for programs, one JSON object in each. Writes them from a thread of its own, so that a slow
-// reader holds up nobody: of the lines that wait, the oldest are dropped then, and the next line
-// that is written says how many. A stream that failed is tried again with each line. Any thread
-// adds lines.
+// Lines for programs, one JSON object in each, written by a thread of its own, so that a slow
+// reader delays no other thread: the oldest of the waiting lines are dropped then, and the next
+// line that is written says how many. A stream that failed is tried again with each line. Any
+// thread adds lines.
 class JsonLines {
  public:
   // enabled false: nothing is written and no thread started.
@@ -43,7 +43,7 @@ class JsonLines {
   bool enabled() const { return thread_ != nullptr; }
   // line: without its end.
   void Write(std::string line);
-  // Writes what waits, for a limited time if the stream's own waiting is limited; nothing is
+  // Writes the lines that wait, for a limited time if the stream limits its own waiting; nothing is
   // written afterwards. Application's thread.
   void Finish();
 
@@ -83,7 +83,7 @@ class ChannelBoard final : public ChannelObserver {
     std::uint64_t failures = 0;                             // of opening and of reading
     std::array<std::uint64_t, kAlarmKinds> alarmsRaised{};  // by AlarmKind: how often
     bool wasLive = false;
-    std::string failure;     // why the source is of no use, or was to the end; may be empty
+    std::string failure;     // why the source cannot be used, or could not to the end; may be empty
     bool isAssigned = true;  // false: a spare slot
 
     // Why a channel whose source is not opened again was not shown, or not to its end; empty when
@@ -94,8 +94,8 @@ class ChannelBoard final : public ChannelObserver {
   // An entry for each slot of the wall. messages and events outlive the board.
   ChannelBoard(const config::Wall& wall, MessageLog& messages, JsonLines& events);
 
-  // The channel in a slot from now on; empty: the slot is spare. What a former channel still
-  // reports is nobody's any more. Application's thread.
+  // The channel in a slot from now on; empty: the slot is spare. Later reports of a former channel
+  // are ignored. Application's thread.
   void Assign(std::size_t slot, const std::string& name);
 
   void ChannelOpened(const std::string& channel, const MediaInfo& info) override;
@@ -111,17 +111,17 @@ class ChannelBoard final : public ChannelObserver {
   void AudioChanged(const std::string& channel, const AudioStatus& status) override;
   void AlarmChanged(const std::string& channel, const AlarmMonitor::Change& change) override;
 
-  // Everything that is an event goes there as well; it outlives the board. Before any channel runs.
+  // Publishes all events there as well; feed outlives the board. Called before any channel runs.
   void PublishTo(control::EventFeed& feed) { feed_ = &feed; }
 
-  // An event of something else of the wall. Any thread.
+  // An event of another part of the wall. Any thread.
   void Publish(const nlohmann::ordered_json& event);
 
   // In the order of the slots, spare ones included.
   std::vector<Entry> entries() const;
 
  private:
-  // Of a channel that is not there, or not any more, one that nobody reads.
+  // The entry of the channel; of one that is not, or no longer, there, an entry that nobody reads.
   Entry& Of(const std::string& channel) REQUIRES(lock_) {
     const auto slot = index_.find(channel);
     return slot == index_.end() ? former_ : entries_[slot->second];
@@ -140,18 +140,17 @@ class ChannelBoard final : public ChannelObserver {
   std::map<std::string, std::string> failures_ GUARDED_BY(lock_);
 };
 
-// How long a wall of these sources is; none while a source that has not failed has no length.
+// The length of a wall of these sources; none while a source that has not failed has no length.
 std::optional<double> LengthOf(const std::vector<ChannelBoard::Entry>& channels);
 // A channel in a status report: name, state, reason, since, audio, alarms, decoding, rendition;
-// jitter and lead of a live source in seconds, what was left out of it and how much was read.
+// jitter and lead of a live source in seconds, counts of what was left out, bytes that were read.
 nlohmann::ordered_json ToJson(const ChannelBoard::Entry& entry);
 // "2026-11-25T01:02:03.456Z": now.
 std::string TimestampUtc();
 // Seconds with milliseconds.
 double SecondsOf(Time time);
 
-// A failure is reported when its reason changes, not on every attempt; as a message and as an
-// event:
+// Reports a failure when its reason changes, not on every attempt; as a message and as an event:
 //
 //   {"event":"output","time":"...","output":"screen:0","state":"failed","reason":"...","retries":true}
 //   {"event":"output","time":"...","output":"screen:0","state":"open"}

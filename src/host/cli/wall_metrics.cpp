@@ -51,7 +51,7 @@ void AddFrames(const WallFigures& wall, MetricsText& text) {
                  FrameWatch::kBounds, wall.composing.buckets, Seconds(wall.composing.total));
 }
 
-// A family with a sample for each channel of which there is a value.
+// A family with a sample for each channel that has a value.
 template <typename Value>
 void AddOfChannels(const WallFigures& wall, MetricsText& text, Value value) {
   for (const Entry& channel : wall.channels) {
@@ -63,7 +63,7 @@ void AddOfChannels(const WallFigures& wall, MetricsText& text, Value value) {
   }
 }
 
-// The same, of the source that is read.
+// The same, for values of the source that is read.
 template <typename Value>
 void AddOfSources(const WallFigures& wall, MetricsText& text, Value value) {
   AddOfChannels(wall, text, [&](const Entry& channel) {
@@ -141,7 +141,7 @@ void AddSources(const WallFigures& wall, MetricsText& text) {
   AddOfSources(wall, text, [](const Timing& timing) { return timing.overflowed; });
 }
 
-// How it is reached, without where.
+// The kind of the output, without its address.
 std::string KindOf(const OutputStatus& output) {
   const std::size_t colon = output.name.find("://");
   return colon != std::string::npos      ? output.name.substr(0, colon)
@@ -193,7 +193,7 @@ void AddOutputs(const WallFigures& wall, MetricsText& text) {
   add([](const OutputStatus& one) { return std::uint64_t{one.queuedFrames}; });
 }
 
-// Screens come last, with what is shown as written.
+// Screens come last, with shown frames as written ones.
 std::vector<OutputStatus> AllOutputs(WallSession& session) {
   std::vector<OutputStatus> outputs = session.outputs().status();
   for (const ScreenOutput::Status& screen : session.screens()) {
@@ -289,7 +289,7 @@ WallFigures WallWatch::Figures() const {
 std::string WallWatch::WhyNotAlive() const {
   const os::MutexLock guard(lock_);
   if (session_ == nullptr) {
-    return "";  // it starts or ends, which is limited elsewhere
+    return "";  // it starts or ends; other limits apply to that
   }
   const Clock::time_point latest = std::max(startedAt_, session_->composedAt());
   const double silent = Seconds(Clock::now() - latest);

@@ -1,5 +1,4 @@
-// What a running wall shows to those who watch it as a service: metrics, and whether it is alive
-// and ready.
+// Monitoring of a running wall as a service: metrics, and whether it is alive and ready.
 #pragma once
 
 #include <chrono>
@@ -18,7 +17,7 @@
 
 namespace host::cli {
 
-// No composed frame for longer is an end of the composition.
+// When no frame is composed for longer than this, the wall is not alive.
 inline constexpr std::chrono::seconds kHeartbeatLimit{5};
 
 // Of one moment.
@@ -29,25 +28,25 @@ struct WallFigures {
   std::vector<OutputSet::Status> outputs;
 };
 
-// Channels are named by their names, outputs by their number, from 1, screens after the others;
-// none carries an address.
+// Channels are labelled by name, outputs by number, from 1, screens after the others; no label is
+// an address.
 void WriteMetrics(const WallFigures& wall, control::MetricsText& text);
 
 // Of the preview; listeners: of audio.
 void WriteMetrics(const Preview::Status& preview, std::size_t listeners,
                   control::MetricsText& text);
 
-// Why nobody gets the frames; empty when an output works, or there are none.
+// Why no output delivers the frames; empty when one works, or there are none.
 std::string WhyNoOutput(const std::vector<OutputSet::Status>& outputs);
 
-// The session of a wall, as far as others than its own thread look at it. Belongs to the command
-// that runs the wall; board outlives it. The application's thread says while there is a session,
-// any thread asks.
+// Access of other threads to the figures of a wall's session. Belongs to the command that runs the
+// wall; board outlives it. The application's thread sets the session while there is one, any thread
+// asks.
 class WallWatch {
  public:
   explicit WallWatch(const ChannelBoard& board) : board_(board) {}
 
-  // While one exists, the session runs and is looked at.
+  // While one exists, the session runs and may be read.
   class Running {
    public:
     Running(WallWatch& watch, WallSession& session);
@@ -60,7 +59,7 @@ class WallWatch {
   };
 
   control::Monitoring Monitoring() const;
-  // What channels, by their names, and outputs, screens included, do at this moment; any thread.
+  // The present status of the channels, by name, and of the outputs, screens included; any thread.
   nlohmann::ordered_json Live() const;
 
  private:
@@ -71,7 +70,7 @@ class WallWatch {
   std::string WhyNotReady() const;
 
   const ChannelBoard& board_;
-  // Held while the session is looked at, which waits for nothing.
+  // Held while the session is read, which waits for nothing.
   mutable os::Mutex lock_;
   WallSession* session_ GUARDED_BY(lock_) = nullptr;
   Clock::time_point startedAt_ GUARDED_BY(lock_);

@@ -24,7 +24,7 @@ double Milliseconds(std::chrono::nanoseconds time) {
 
 }  // namespace
 
-// How many are live, and which are not; a line has room for the first ones of each state.
+// How many channels are live, and which are not; names only the first few of each state.
 std::string WallStatus::ChannelsText() const {
   constexpr std::size_t kMaxNames = 3;
   std::map<ChannelState, std::vector<std::string>> names;
@@ -214,7 +214,7 @@ nlohmann::ordered_json ToJson(const ScreenOutput::Status& screen) {
 
 void ServiceStatus::Report(std::uint64_t composed) {
   if (composed == reported_) {
-    return;  // a wall that stands is one that the manager is to start again
+    return;  // no new frame: the watchdog restarts a wall that hangs
   }
   reported_ = composed;
   if (!ready_) {

@@ -1,4 +1,4 @@
-// What a wall tells programs and persons of itself, while it runs and at its end.
+// The status of a wall for programs and for people, while it runs and at its end.
 #pragma once
 
 #include <cstdint>
@@ -35,7 +35,7 @@ struct WallStatus {
   std::string RenderingLine() const;
   // {"event":"status","time":...,"frames":...,"channels":[...]}
   std::string JsonLine() const;
-  // What became of it, at its end: a line for each output.
+  // The result at the end: a line for each output.
   std::string Summary() const;
   // The same for programs, of a live wall {"event":"end",...}.
   std::string EndLine(bool live) const;
@@ -52,8 +52,8 @@ nlohmann::ordered_json ToJson(const OutputSet::Status& output,
                               const std::vector<ChannelBoard::Entry>& channels);
 nlohmann::ordered_json ToJson(const ScreenOutput::Status& screen);
 
-// Tells the service manager: ready once the first frame is composed, alive as long as frames are,
-// and the status line now and then. Application's thread.
+// Reports to the service manager: ready once the first frame is composed, alive as long as frames
+// are, and the status line from time to time. Application's thread.
 class ServiceStatus {
  public:
   explicit ServiceStatus(os::ServiceNotifier notifier) : notifier_(std::move(notifier)) {}
@@ -61,7 +61,7 @@ class ServiceStatus {
   ServiceStatus(const ServiceStatus&) = delete;
   ServiceStatus& operator=(const ServiceStatus&) = delete;
 
-  // composed: frames since the start. More often than half the watchdog's period.
+  // composed: frames since the start. To be called more often than half the watchdog's period.
   void Report(std::uint64_t composed);
   void Say(const std::string& line) { notifier_.Status(line); }
 

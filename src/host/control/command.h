@@ -18,10 +18,10 @@ namespace host::control {
 class CommandError : public TavrelException {
  public:
   enum class Kind {
-    kMalformed,  // is no command, or a field has the wrong type or an impossible value
+    kMalformed,  // not a command, or a field has the wrong type or an impossible value
     kUnknown,    // names a channel or layout that is not there
-    kConflict,   // cannot be done as the wall is: no spare slot, the name is taken, ...
-    kRestart,    // what only a restart changes: canvas, frame rate, codecs
+    kConflict,   // not possible in this state: no spare slot, the name is taken, ...
+    kRestart,    // only a restart can change it: canvas, frame rate, codecs
     kStale,      // the wall is no longer as the request expects it (If-Match)
     kBusy,       // too many requests wait
     kFailed,     // could not be carried out: a file could not be written, ...
@@ -62,12 +62,12 @@ struct CommandField {
   const char* meaning;  // a sentence
 };
 
-// What commands are carried out on, and what they need besides.
+// The state on which commands are carried out, and what else they need.
 struct CommandContext {
   WallState& state;
   std::filesystem::path folder;  // of the wall file, where relative paths start
   std::chrono::system_clock::time_point now;
-  // What has to be done outside the wall once the request has been accepted.
+  // Actions outside of the state, once the request has been accepted.
   bool reloads = false;  // the wall file is read again
   bool saves = false;    // the state is written to the wall file
   bool savesBook = false;
@@ -85,8 +85,8 @@ struct CommandKind {
 
 std::span<const CommandKind> CommandKinds();
 
-// One command, or a list of them that is carried out as a whole. Throws CommandError, and the state
-// is of no use then.
+// One command, or a list of them that is carried out as a whole. Throws CommandError, after which
+// the state must be discarded.
 void Carry(const nlohmann::json& request, CommandContext& context);
 
 }  // namespace host::control

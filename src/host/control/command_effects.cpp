@@ -51,8 +51,8 @@ config::AlarmKind AlarmOf(const nlohmann::json& command) {
   FailUnknown("alarm", "alarm", name, known);
 }
 
-// A value of the request as TOML, so that the keys of a channel are read and checked by the reader
-// of wall files.
+// A value of the request as TOML, so that the reader of wall files reads and checks the keys of a
+// channel.
 void WriteToml(const nlohmann::json& value, const std::string& pointer, std::string& text,
                int depth) {
   if (value.is_string()) {
@@ -90,9 +90,7 @@ void WriteToml(const nlohmann::json& value, const std::string& pointer, std::str
   }
 }
 
-// The keys of the command that are those of a channel. Throws CommandError that points to the first
-// one that is wrong.
-// What the checker of wall files finds wrong with an address.
+// Refuses a source with the mistakes that the checker of wall files finds.
 void CheckNewSource(const config::Channel& channel) {
   for (const Finding& finding : CheckSource(channel)) {
     if (finding.severity == config::Diagnostic::Severity::kError &&
@@ -102,6 +100,8 @@ void CheckNewSource(const config::Channel& channel) {
   }
 }
 
+// The keys of the command that are those of a channel. Throws CommandError that points to the first
+// one that is wrong.
 config::ChannelText ReadChannelKeys(const nlohmann::json& command,
                                     const std::vector<std::string>& others,
                                     const CommandContext& context, config::Channel base) {
@@ -224,7 +224,7 @@ void Set(const nlohmann::json& command, CommandContext& context) {
                        "/window");
   }
   if (moves) {
-    // From here on the windows are where operators put them.
+    // From here on the windows are where operators place them.
     for (std::optional<ChannelEntry>& other : state.slots) {
       if (other && state.layout != "file") {
         other->fileWindow = other->isPlaced ? other->settings.window : config::Window{};

@@ -1,4 +1,4 @@
-// What each command changes of a wall's state; for the table of commands only.
+// The effects of the commands on a wall's state; for the table of commands only.
 #pragma once
 
 #include <optional>

@@ -1,5 +1,5 @@
-// What happens to a wall: to any number of clients, however slow (EventFeed), and what happened
-// within the last day (History).
+// The events of a wall: sent to any number of clients, however slow (EventFeed), and kept for the
+// last day (History).
 #pragma once
 
 #include <chrono>
@@ -19,8 +19,8 @@
 
 namespace host::control {
 
-// An event is one JSON object in a line, with a running number. The latest ones are kept for
-// clients that come back. Any thread publishes and subscribes; nobody waits for a client.
+// An event is one line with a JSON object, and a running number. The latest ones are kept for
+// clients that reconnect. Any thread publishes and subscribes; no thread waits for a client.
 class EventFeed {
  public:
   struct Event {
@@ -35,14 +35,14 @@ class EventFeed {
   // One client. Destroyed by its owner on any thread.
   class Subscription {
    public:
-    // wake: called by a publisher's thread, under the lock of the feed, when something waits that
-    // did not before, and when the subscription is dropped: it only wakes another thread.
+    // wake: called by a publisher's thread, under the lock of the feed, when the first event waits
+    // and when the subscription is dropped; it must only wake another thread.
     Subscription(Limits limits, std::function<void()> wake)
         : limits_(limits), wake_(std::move(wake)) {}
 
-    // What waits, oldest first.
+    // The events that wait, oldest first.
     std::vector<Event> Take();
-    // More waited than the limits allow: nothing comes any more.
+    // More waited than the limits allow: no further events come.
     bool isDropped() const;
 
    private:
@@ -58,13 +58,13 @@ class EventFeed {
     bool dropped_ GUARDED_BY(lock_) = false;
   };
 
-  // kept: for clients that come back.
+  // kept: number of events for clients that reconnect.
   explicit EventFeed(std::size_t kept = 1024) : kept_(kept) {}
 
   void Publish(std::string line);
-  // after: number of the last event that the client has; what is kept of the later ones waits at
-  // once. None: only what comes from now on. Null when events after that number are no longer kept
-  // (or never were), or are more than the limits allow: the client needs a snapshot.
+  // after: number of the last event that the client has; the later ones wait at once. None: only
+  // events from now on. Returns null when events after that number are no longer kept (or never
+  // were), or are more than the limits allow: the client then needs a snapshot.
   std::shared_ptr<Subscription> Subscribe(std::optional<std::uint64_t> after, Limits limits,
                                           std::function<void()> wake);
   std::uint64_t latest() const;
@@ -95,7 +95,7 @@ class History {
   };
   using Clock = std::function<std::chrono::system_clock::time_point()>;
 
-  // feed outlives it. wake: Collect shall be called; as of EventFeed::Subscription.
+  // feed outlives it. wake: asks for a call of Collect; as in EventFeed::Subscription.
   History(EventFeed& feed, std::function<void()> wake, Clock now = &std::chrono::system_clock::now)
       : History(feed, std::move(wake), std::move(now), Limits()) {}
   History(EventFeed& feed, std::function<void()> wake, Clock now, Limits limits);
@@ -125,7 +125,7 @@ class History {
   std::size_t bytes_ = 0;
 };
 
-// Events and answers as one line. Bytes that are no UTF-8 become replacement characters.
+// Events and answers as one line. Bytes that are not UTF-8 become replacement characters.
 std::string OneLine(const nlohmann::ordered_json& json);
 
 }  // namespace host::control

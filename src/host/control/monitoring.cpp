@@ -22,7 +22,7 @@ std::string NumberText(double value) {
       std::to_chars(text.data(), text.data() + text.size(), value, std::chars_format::general).ptr};
 }
 
-// The replacement of bytes that are no UTF-8 is that of the wall's JSON.
+// Bytes that are not UTF-8 are replaced as in the wall's JSON.
 std::string ValidUtf8(std::string_view text) {
   return nlohmann::json::parse(OneLine(nlohmann::ordered_json(text))).get<std::string>();
 }

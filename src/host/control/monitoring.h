@@ -1,5 +1,5 @@
-// What those who watch a wall as a service get of it: figures in the text format that Prometheus
-// scrapes, version 0.0.4 (MetricsText), and whether it is alive and ready (Monitoring).
+// Monitoring of a wall as a service: figures in the text format of Prometheus, version 0.0.4
+// (MetricsText), and whether the wall is alive and ready (Monitoring).
 #pragma once
 
 #include <cstdint>
@@ -32,8 +32,8 @@ class MetricsText {
   // UTF-8 is replaced.
   void Add(std::uint64_t value, Labels labels = {}) { AddLine("", std::to_string(value), labels); }
   void Add(double value, Labels labels = {});
-  // bounds: the upper ones of all buckets but the last, seconds, ascending; counts: of each bucket
-  // by itself, one more; sum: of what was observed, seconds.
+  // bounds: upper bounds of all buckets but the last, seconds, ascending; counts: of each bucket
+  // (not cumulative), one more than bounds; sum: of the observed values, seconds.
   void Histogram(std::string name, const char* help, std::span<const double> bounds,
                  std::span<const std::uint64_t> counts, double sum);
 
@@ -47,12 +47,12 @@ class MetricsText {
   std::string text_;
 };
 
-// Called on the server's thread; each returns at once. One that is empty has nothing to say.
+// Called on the server's thread; each returns at once. An empty function reports nothing.
 struct Monitoring {
   std::function<void(MetricsText&)> metrics;
-  // Why the composition does not go on, as a sentence; empty while it does.
+  // Why no frames are composed, as a sentence; empty while they are.
   std::function<std::string()> whyNotAlive;
-  // Why nobody gets the wall's frames; empty while somebody may.
+  // Why no output delivers the wall's frames; empty while one may.
   std::function<std::string()> whyNotReady;
 };
 

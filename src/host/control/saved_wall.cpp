@@ -52,7 +52,7 @@ std::vector<std::string> NeedsRestart(const config::Wall& running, const config:
 
 using Kind = CommandError::Kind;
 
-// Of walls that place their windows themselves the channels only.
+// Windows that are laid out automatically are not compared.
 bool HasSameChannels(const config::Wall& a, const config::Wall& b) {
   return a.placesWindows == b.placesWindows && a.layout == b.layout &&
          std::equal(a.channels.begin(), a.channels.end(), b.channels.begin(), b.channels.end(),
@@ -161,7 +161,7 @@ config::Wall WallOf(const WallState& state, config::Wall file) {
   try {
     plain.PlaceWindows();
   } catch (const CommandError&) {
-    // No room: the windows are as they are.
+    // No room for the layout: the windows stay as they are.
   }
   file.placesWindows = std::none_of(plain.order.begin(), plain.order.end(), [&](std::size_t slot) {
     return plain.slots[slot]->fileWindow.width > 0;

@@ -17,7 +17,7 @@ namespace {
 using Command = nlohmann::json;
 using InputKind = ScreenInput::Kind;
 
-// None is null. No list of an initializer stands beside ":": the compiler ends its life too early.
+// No command is null. No braced list as an operand of "?:": this compiler destroys it too early.
 Command Select(const ChannelEntry* entry) {
   if (entry == nullptr || entry->settings.selected) {
     return nullptr;
@@ -63,7 +63,7 @@ const ChannelEntry* At(const WallState& state, int x, int y) {
   return found;
 }
 
-// The window whose centre is nearest in that direction; what lies aside counts twice.
+// The window whose centre is nearest in that direction; sideways distance counts twice.
 const ChannelEntry* Beside(const WallState& state, int directionX, int directionY) {
   const ChannelEntry* const from = Selected(state);
   const ChannelEntry* best = nullptr;

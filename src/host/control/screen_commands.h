@@ -1,4 +1,4 @@
-// What the operator does at a screen, as commands.
+// The operator's input at a screen, as commands.
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>

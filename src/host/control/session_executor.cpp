@@ -9,8 +9,8 @@
 namespace host::control {
 namespace {
 
-// What decides how a channel's source is opened and read: when it differs, the source is opened
-// again.
+// The settings that determine how a channel's source is opened and read: when they differ, the
+// source is opened again.
 config::Channel SourceOf(const ChannelEntry& entry) {
   config::Channel source = entry.settings;
   const config::Channel plain;
@@ -23,7 +23,7 @@ config::Channel SourceOf(const ChannelEntry& entry) {
   source.options.hold = plain.options.hold;
   source.options.audio.meter = plain.options.audio.meter;
   source.options.alarm = plain.options.alarm;
-  // The levels of these are measured by the reader.
+  // The reader measures with these levels.
   source.options.alarm.black.level = entry.settings.options.alarm.black.level;
   source.options.alarm.freeze.level = entry.settings.options.alarm.freeze.level;
   return source;

@@ -1,4 +1,4 @@
-// SessionExecutor: makes a running wall as its state says.
+// SessionExecutor: applies a changed state to the running wall.
 #pragma once
 
 #include <cstddef>
@@ -12,8 +12,7 @@
 
 namespace host::control {
 
-// Compares two states slot by slot and does what differs, and nothing to what does not.
-// Application's thread.
+// Compares two states slot by slot and changes only what differs. Application's thread.
 class SessionExecutor final : public WallExecutor {
  public:
   // session outlives it, and runs live.
@@ -28,11 +27,11 @@ class SessionExecutor final : public WallExecutor {
   WallSession& session_;
 };
 
-// The channel that is heard at the screens: the one that is followed, otherwise the one that is
+// The channel that the screens play: the one that is followed, otherwise the one that is
 // selected, or none.
 std::optional<std::size_t> HeardSlot(const WallState& state);
 
-// What the composer is answered for a wall of that state; slots without a channel are hidden.
+// The composer's windows for a wall in that state; slots without a channel are hidden.
 std::vector<WindowState> WindowsOf(const WallState& state);
 
 }  // namespace host::control

@@ -99,7 +99,7 @@ os::Socket Listen(const std::filesystem::path& path) {
 
 }  // namespace
 
-// Everything but the answers that come from elsewhere is the serving thread's own.
+// Used by the serving thread only, except the answers, which come from other threads.
 class SocketServer::Clients : public std::enable_shared_from_this<Clients> {
  public:
   Clients(os::Socket listener, WallControl& control)
@@ -143,17 +143,17 @@ class SocketServer::Clients : public std::enable_shared_from_this<Clients> {
     os::Socket socket;
     std::string received;
     std::string unsent;
-    std::size_t requests = 0;  // whose results are to come
+    std::size_t requests = 0;  // that have no result yet
     bool isEnding = false;     // once everything is sent
     std::shared_ptr<EventFeed::Subscription> events;
 
     bool HasLine() const { return received.find('\n') != std::string::npos; }
-    // A client that does not read its answers is not read either.
+    // From a client that does not read its answers nothing more is read.
     bool MayAsk() const { return unsent.size() < kMaxUnsent && requests < kMaxRequests; }
     bool MayRead() const { return !isEnding && !HasLine(); }
   };
 
-  // False when the client goes.
+  // False when the client is to be removed.
   bool Serve(std::uint64_t number, Client& client, const os::SocketPoll::Item& item) {
     if (item.canReceive) {
       Read(client);
@@ -210,7 +210,7 @@ class SocketServer::Clients : public std::enable_shared_from_this<Clients> {
     std::array<char, 65536> buffer;  // NOLINT(cppcoreguidelines-pro-type-member-init)
     const std::optional<std::size_t> count = client.socket.Receive(buffer);
     if (count == 0) {
-      client.isEnding = true;  // nothing more is asked; what was, is answered
+      client.isEnding = true;  // no further requests; those it has sent are answered
     } else if (count) {
       client.received.append(buffer.data(), *count);
     }
@@ -233,7 +233,7 @@ class SocketServer::Clients : public std::enable_shared_from_this<Clients> {
       } else if (request.contains("get")) {
         client.unsent += LineOf(Get(id, request["get"]));
       } else if (request.contains("watch") && request["watch"] == true) {
-        // First the events, then the state: nothing is missed in between.
+        // First the events, then the state: no event in between is missed.
         client.events = control_.events().Subscribe({}, {}, [self = weak_from_this()] {
           if (const auto clients = self.lock()) {
             clients->poll_.Wake();
@@ -283,7 +283,7 @@ class SocketServer::Clients : public std::enable_shared_from_this<Clients> {
       client.unsent += "{\"dropped\":true}\n";
       client.isEnding = true;
     } else if (client.unsent.empty()) {
-      // Those that come before these are sent wait in the feed, which has their bound.
+      // Until these are sent, later ones wait in the feed, which limits them.
       for (const EventFeed::Event& event : client.events->Take()) {
         client.unsent +=
             "{\"number\":" + std::to_string(event.number) + ",\"event\":" + *event.line + "}\n";

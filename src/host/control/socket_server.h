@@ -1,4 +1,4 @@
-// SocketServer: programs of this machine drive a running wall through a local socket.
+// SocketServer: programs of this machine control a running wall through a local socket.
 #pragma once
 
 #include <cstddef>
@@ -23,9 +23,9 @@ namespace host::control {
 //   {"id":3,"watch":true}     {"id":3,"ok":true,"wall":{...}}, then {"number":12,"event":{...}} for
 //     each event from there on
 //
-// id: a number or text, given back as it is. A client that reads its events too slowly gets
-// {"dropped":true} and is disconnected, as is one whose request is longer than 1 MB. Of one that
-// does not read its answers no more requests are read.
+// id: a number or text, returned unchanged. A client that reads its events too slowly gets
+// {"dropped":true} and is disconnected, as is one whose request is longer than 1 MB. No further
+// requests are read from a client that does not read its answers.
 //
 // A thread of its own serves all clients and never waits for one. Made and destroyed by the
 // application's thread; control outlives it, and is closed before it is destroyed.
@@ -47,11 +47,11 @@ class SocketServer {
   class Clients;
 
   const std::filesystem::path path_;
-  const std::shared_ptr<Clients> clients_;  // shared with what answers
+  const std::shared_ptr<Clients> clients_;  // shared with the callbacks of requests
   std::unique_ptr<os::Thread> thread_;
 };
 
-// Where a wall of that file takes its commands: NAME.sock for NAME.toml.
+// The default socket of a wall of that file: NAME.sock for NAME.toml.
 std::filesystem::path UsualSocket(const std::filesystem::path& wallFile);
 
 }  // namespace host::control

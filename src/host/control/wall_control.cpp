@@ -26,7 +26,7 @@ CommandError MistakesOf(const config::WallFile& file, const std::filesystem::pat
   return {Kind::kMalformed, text};
 }
 
-// For those who only watch: a source's address and options may hold passwords.
+// For clients that only watch: a source's address and options may contain passwords.
 nlohmann::json WithoutSecrets(nlohmann::json commands) {
   const auto mask = [](nlohmann::json& command) {
     if (const auto source = command.find("source");
@@ -69,7 +69,7 @@ WallControl::WallControl(const config::Wall& wall, WallExecutor& executor, Setti
     const LayoutBook book(settings_.wallFile);
     try {
       state.saved = book.Read(state.canvas);
-      // The wall file's own come first.
+      // The wall file's own layouts take precedence.
       state.layouts.insert(state.saved.begin(), state.saved.end());
       std::erase_if(state.saved,
                     [&](const auto& one) { return state.layouts.at(one.first) != one.second; });
@@ -181,7 +181,7 @@ Accepted WallControl::CarryOut(const Request& request, const WallState& before) 
   accepted.hasChanged = !(next == before);
   if (accepted.hasChanged) {
     ++next.version;
-    // Whatever may still fail comes before the wall changes.
+    // Everything that may still fail is done before the wall changes.
     if (context.savesBook) {
       SaveBook(next);
     }
@@ -195,7 +195,7 @@ Accepted WallControl::CarryOut(const Request& request, const WallState& before) 
     accepted.frame = executor_.Execute(before, next);
   }
   if (file) {
-    // What stays as it was until a restart is compared with the next time, too.
+    // The next reload is compared with what stays as it was until a restart.
     file->canvas = running_.canvas;
     file->outputs = running_.outputs;
     file->screens = running_.screens;

@@ -30,7 +30,7 @@ struct Request {
   std::string from;  // who asks, for messages: "socket", "10.0.0.7", "wall file"
   std::optional<std::uint64_t> ifVersion;  // only if the state has this version
 };
-// What became of it.
+// The result of an accepted request.
 struct Accepted {
   std::uint64_t version = 0;  // of the state after it
   std::int64_t frame = 0;     // the first composed frame that shows all of it
@@ -40,18 +40,18 @@ struct Accepted {
 };
 using Result = std::variant<Accepted, CommandError>;
 
-// What the state is carried out on.
+// Carries out changes of the state.
 class WallExecutor {
  public:
   virtual ~WallExecutor() = default;
-  // Makes the wall as the next state says; called by the thread that runs the requests. Returns the
+  // Changes the wall to the next state; called by the thread that runs the requests. Returns the
   // first composed frame that shows all of it.
   virtual std::int64_t Execute(const WallState& before, const WallState& next) = 0;
 };
 
-// Everything that wants something of a running wall (wall file, HTTP, socket, tally) puts requests
-// into one bounded queue, which the application's thread carries out one by one: against a copy of
-// the state, which becomes the state, and the wall, when every command of the request is good.
+// All senders (wall file, HTTP, socket, tally, screens) put requests into one bounded queue. The
+// application's thread carries them out one by one, on a copy of the state; when every command of
+// the request succeeds, the copy becomes the state and the wall is changed to it.
 class WallControl {
  public:
   struct Settings {
@@ -63,19 +63,19 @@ class WallControl {
   };
   static constexpr std::size_t kMaxWaiting = 64;
 
-  // executor outlives it. A layout that the wall begins in is the first request.
+  // executor outlives it. The layout in which the wall begins is the first request.
   WallControl(const config::Wall& wall, WallExecutor& executor, Settings settings);
 
   // Any thread. done: called once, by the application's thread or, when too many requests wait or
-  // the wall ends, by this one; returns at once, and may be empty.
+  // the wall ends, by the calling one; it returns at once, and may be empty.
   void Submit(Request request, std::function<void(const Result&)> done);
-  // The whole state with what is live of it. Any thread.
+  // The whole state with what channels and outputs do now. Any thread.
   nlohmann::ordered_json Snapshot() const;
-  // What it is made from, as it is at this moment. Any thread.
+  // The present state. Any thread.
   std::shared_ptr<const WallState> state() const;
   std::uint64_t version() const;
   EventFeed& events() { return events_; }
-  // Requests, by what became of them; reloads besides. Any thread.
+  // Requests by their result; reloads also by themselves. Any thread.
   struct Counters {
     std::atomic<std::uint64_t> accepted{0};
     std::atomic<std::uint64_t> refused{0};
@@ -84,11 +84,11 @@ class WallControl {
   };
   const Counters& counters() const { return counters_; }
 
-  // Application's thread: carries out what waits.
+  // Application's thread: carries out the requests that wait.
   void Run();
-  // Is signalled while something waits.
+  // Signalled while requests wait.
   os::Event& waiting() { return waiting_; }
-  // Refuses what waits and what comes.
+  // Refuses all requests, those that wait included.
   void Close();
 
  private:
@@ -101,7 +101,7 @@ class WallControl {
   void Report(const Request& request, const Result& result);
   config::Wall ReadWallFile() const;
   void SaveBook(const WallState& state) const;
-  // Returns what the file says now. known: as it was read last.
+  // Returns the wall that the file now describes. known: as it was last read.
   config::Wall SaveWall(const WallState& state, const config::Wall& known) const;
   void Say(const std::string& what) const;
 
@@ -110,7 +110,7 @@ class WallControl {
   EventFeed events_;
   Counters counters_;
   os::Event waiting_;
-  config::Wall running_;  // as the file gave it when it was read last; application's thread
+  config::Wall running_;  // as the file had it when it was last read; application's thread
   mutable os::Mutex lock_;
   std::shared_ptr<const WallState> state_ GUARDED_BY(lock_);
   std::deque<Waiting> queue_ GUARDED_BY(lock_);

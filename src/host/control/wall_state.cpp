@@ -24,7 +24,7 @@ bool HasLabels(const WallState& state) {
   });
 }
 
-// The places of the layout in force; of "file", one for each channel by its name.
+// The places of the current layout; for "file", one for each channel by its name.
 std::vector<config::Layout::Place> PlacesOf(const WallState& state) {
   std::vector<config::Layout::Place> places;
   if (state.layout == kFile) {
@@ -154,10 +154,10 @@ void WallState::PlaceWindows() {
         place.channel.empty() ? std::nullopt : SlotOf(place.channel);
     if (slot && !windows[*slot]) {
       windows[*slot] = place.window;
-      place.window = {};  // is taken
+      place.window = {};  // taken
     }
   }
-  // A place whose channel is not there is filled in order, as all others.
+  // A place whose channel does not exist is filled in order, like all others.
   auto place = places.begin();
   for (const std::size_t slot : order) {
     place =
@@ -170,7 +170,7 @@ void WallState::PlaceWindows() {
   for (const std::size_t slot : order) {
     ChannelEntry& entry = *slots[slot];
     entry.isPlaced = windows[slot].has_value();
-    // One that is not placed keeps its size: it costs nothing to show it again.
+    // A channel without a place keeps its size: it can be shown again at no cost.
     entry.settings.window = windows[slot].value_or(entry.settings.window);
   }
 }

@@ -1,4 +1,4 @@
-// WallState: what can be changed of a running wall, as a plain value.
+// WallState: everything of a running wall that can be changed, as a plain value.
 #pragma once
 
 #include <array>
@@ -29,7 +29,7 @@ struct Acknowledgement {
 
 // A channel of the wall and the slot that it fills.
 struct ChannelEntry {
-  config::Channel settings;   // its window is where the layout in force shows it
+  config::Channel settings;   // its window is where the current layout shows it
   config::Window fileWindow;  // its own, for the layout "file"
   bool isPlaced = true;       // the layout has a place for it
   Mute mute = Mute::kOff;
@@ -51,13 +51,13 @@ struct WallState {
   std::vector<std::optional<ChannelEntry>> slots;
   std::vector<std::size_t> order;  // the slots in use, in the order in which layouts are filled
   std::map<std::string, config::Layout> layouts;  // that can be applied besides the built-in ones
-  std::map<std::string, config::Layout> saved;    // of those, the ones in the book
+  std::map<std::string, config::Layout> saved;    // of those, the ones in the layout book
   std::string layout = "auto";
   std::string solo;    // name of the channel that is shown alone; empty: none
   std::string follow;  // name of the channel whose audio the follow track carries; empty: none
   std::uint64_t version = 1;
 
-  // As a wall file gives it, at the start.
+  // The state at the start, as the wall file has it.
   static WallState Of(const config::Wall& wall);
 
   bool operator==(const WallState&) const = default;
@@ -68,7 +68,7 @@ struct WallState {
   std::optional<std::size_t> SlotOf(const std::string& name) const;
   std::vector<std::string> ChannelNames() const;  // in order
   std::vector<std::string> LayoutNames() const;   // all that can be applied
-  // Gives every channel its window by the layout in force and solo. Throws CommandError when the
+  // Gives every channel its window by the current layout and solo. Throws CommandError when the
   // canvas has no room for the layout, and leaves the windows as they are.
   void PlaceWindows();
 };

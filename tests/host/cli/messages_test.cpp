@@ -1,4 +1,4 @@
-// What a running wall tells persons, programs and the service manager.
+// The messages of a running wall for people, programs and the service manager.
 #include <array>
 #include <sstream>
 #include <stdexcept>
@@ -52,7 +52,7 @@ class Messages : public testing::Test {
   config::LogOptions options;
 };
 
-TEST_F(Messages, ReachTheScreenAndTheRecordUpToTheirLevels) {
+TEST_F(Messages, ReachTheScreenAndTheLogFileUpToTheirLevels) {
   EXPECT_THAT(Written(), AllOf(HasSubstr(";0;level 0\r\n"), HasSubstr(";1;level 1\r\n"),
                                Not(HasSubstr("level 2"))));
   EXPECT_THAT(err.str(), MatchesRegex(".{23} level 0\n"));
@@ -65,7 +65,7 @@ TEST_F(Messages, ReachTheScreenAndTheRecordUpToTheirLevels) {
   EXPECT_THAT(out.str(), IsEmpty());
 }
 
-// A name is resolved beside the wall, which starts without it.
+// A name is resolved in the background; the wall starts without waiting.
 TEST_F(Messages, ReachASyslogServer) {
   for (const char* const host : {"127.0.0.1", "localhost"}) {
     const DatagramReceiver server;
@@ -81,7 +81,7 @@ TEST_F(Messages, ReachASyslogServer) {
   EXPECT_THAT(err.str(), HasSubstr("level 0"));
 }
 
-TEST_F(Messages, KeepTheirFileForOneWriterAndFollowItsPath) {
+TEST_F(Messages, LockTheirFileForOneWriterAndFollowItsPath) {
   MessageLog messages(streams, options);
   messages.Say(kError, "one");
   messages.Flush();
@@ -96,8 +96,8 @@ TEST_F(Messages, KeepTheirFileForOneWriterAndFollowItsPath) {
   EXPECT_THROW(MessageLog(streams, options), std::runtime_error) << "the new one is ours, too";
 }
 
-// What a stream says of itself is in some of them.
-TEST_F(Messages, HoldNoControlCharactersAndNoHalfOfACharacter) {
+// Some messages contain text from streams.
+TEST_F(Messages, ContainNoControlCharactersAndNoPartOfACharacter) {
   const DatagramReceiver server;
   options.syslog = config::Endpoint{"127.0.0.1", server.Port()};
   MessageLog messages(streams, options);
@@ -151,7 +151,7 @@ TEST_F(Messages, ContinueInANewFileWhenTheOldOneCannotBeContinued) {
   EXPECT_EQ(ReadWholeFile(folder / "log.damaged-2"), old);
 }
 
-TEST_F(Messages, TellOfAChannelAndAnOutputWhenSomethingChanges) {
+TEST_F(Messages, ReportChangesOfChannelsAndOutputs) {
   MessageLog messages(streams, {});
   JsonLines events(out, false);
   config::Wall wall;
@@ -180,7 +180,7 @@ TEST_F(Messages, TellOfAChannelAndAnOutputWhenSomethingChanges) {
                                       ".{23} output a.mkv: open again; written is a-3.mkv\n"));
 }
 
-TEST_F(Messages, WipeTheProgressLineTheyStandIn) {
+TEST_F(Messages, WipeTheProgressLine) {
   streams.progress = true;
   {
     MessageLog messages(streams, {});
@@ -265,7 +265,7 @@ TEST(ServiceStatusTest, IsReadyWithTheFirstFrameAndAliveAsLongAsFramesAreCompose
   address.sun_family = AF_UNIX;
   path.copy(address.sun_path, sizeof(address.sun_path) - 1);
   ASSERT_EQ(bind(manager, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-  // What has come; a datagram on a local socket is there once it was sent.
+  // All messages that have come; a datagram on a local socket is there once it was sent.
   const auto messages = [&] {
     std::vector<std::string> all;
     std::array<char, 256> buffer{};

@@ -56,7 +56,7 @@ nlohmann::json JsonOf(const std::vector<std::string>& arguments, ExitCode code =
   return nlohmann::json::parse(outcome.out);
 }
 
-// What demo would be run with; nothing when the arguments are refused.
+// The options of demo for these arguments; none when they are refused.
 std::optional<DemoOptions> Parsed(std::vector<std::string> arguments) {
   std::optional<DemoOptions> parsed;
   arguments.insert(arguments.begin(), "demo");
@@ -70,7 +70,7 @@ std::optional<DemoOptions> Parsed(std::vector<std::string> arguments) {
   return parsed;
 }
 
-TEST(Program, NamesWhatWasMeantAndEndsWithTheUsageCode) {
+TEST(Program, SuggestsTheNearestWordAndEndsWithTheUsageCode) {
   for (const auto& [arguments, said] :
        std::vector<std::pair<std::vector<std::string>, std::string>>{
            {{}, ""},
@@ -84,7 +84,7 @@ TEST(Program, NamesWhatWasMeantAndEndsWithTheUsageCode) {
   EXPECT_THAT(RunReal({"help", "probe"}).out, HasSubstr("TAVREL_JSON"));
 }
 
-// Then come the environment, the wall file and the defaults.
+// Then the environment, the wall file and the defaults.
 TEST(Program, TakesArgumentsFirst) {
   ::setenv("TAVREL_WIDTH", "1280", 1);
   ::setenv("TAVREL_LOG_SIZE", "64K", 1);

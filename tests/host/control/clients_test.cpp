@@ -1,4 +1,4 @@
-// What drives a running wall from outside: the local socket and tally, with a wall that only
+// Control of a running wall from outside: the local socket and tally, with a wall that only
 // records.
 #include <filesystem>
 #include <optional>
@@ -45,7 +45,7 @@ config::Wall TwoChannels() {
       .wall;
 }
 
-// A client of the socket; the control's requests are carried out while it waits for a line.
+// A client of the socket; carries out the control's requests while it waits for a line.
 class Client {
  public:
   Client(const std::filesystem::path& path, WallControl& control)
@@ -130,7 +130,7 @@ TEST(SocketServer, AnswersEveryRequestAndBoundsEveryClient) {
   client.Send(std::string(SocketServer::kMaxRequest + 70'000, ' '));
   EXPECT_THAT(client.Line(), HasSubstr("at most 1000000 bytes"));
   EXPECT_EQ(client.Line(), "") << "and is disconnected";
-  // One that does not read its events is dropped, and only that one.
+  // Only the client that does not read its events is dropped.
   WaitUntil("the slow client is dropped", [&] {
     control.events().Publish("{\"x\":\"" + std::string(20'000, 'x') + "\"}");
     return control.events().dropped() > 0;
@@ -138,7 +138,7 @@ TEST(SocketServer, AnswersEveryRequestAndBoundsEveryClient) {
   control.Close();
 }
 
-TEST(Ctl, SaysWhatBecameOfItInTextsAndExitCodes) {
+TEST(Ctl, ReportsResultsAsTextAndExitCode) {
   const TemporaryFolder folder;
   const std::string socket = (folder / "w.sock").string();
   RecordingExecutor executor;
@@ -215,7 +215,7 @@ std::vector<std::string> Texts(const std::vector<TallyMessage>& messages) {
   return texts;
 }
 
-TEST(Tally, ReadsAllVersionsHoweverTheyComeAndSkipsTheRest) {
+TEST(Tally, ReadsAllVersionsInAnyFragmentsAndSkipsInvalidBytes) {
   const std::string old =
       "\x87\x32"
       "Cam 7           ";
@@ -260,7 +260,7 @@ TEST(Tally, ReadsAllVersionsHoweverTheyComeAndSkipsTheRest) {
   }
 }
 
-TEST(Tally, BecomesSelectionColourAndLabelAndNothingPilesUp) {
+TEST(Tally, SetsSelectionColourAndLabelWithBoundedRequests) {
   RecordingExecutor executor;
   WallControl control(TwoChannels(), executor, {});
   config::TallyOptions options;
@@ -286,7 +286,7 @@ TEST(Tally, BecomesSelectionColourAndLabelAndNothingPilesUp) {
   };
   expect(Packet(Display(7, 0x01, "Kamera") + Display(2, 0x0C, " ") + Display(9, 1, "?")),
          "red #FFFFFF Kamera;#FFA000 B;");
-  // A thousand changes while nobody carries anything out are one request for each channel.
+  // A thousand changes while no request is carried out become one request for each channel.
   const std::int64_t before = executor.frame;
   for (std::size_t i = 0; i < 1000; ++i) {
     send(Packet(Display(0xFFFF, 1 + i % 2, "n" + std::to_string(i))));

@@ -73,7 +73,7 @@ class HttpTest : public ::testing::Test {
     if (!body.empty()) {
       fields += "Content-Length: " + std::to_string(body.size()) + "\r\n";
     }
-    boost::system::error_code ignored;  // of a server that does not want all of it
+    boost::system::error_code ignored;  // the server may not read all of it
     asio::write(socket,
                 asio::buffer(line + " HTTP/1.1\r\nConnection: close\r\n" + fields + "\r\n" + body),
                 ignored);

@@ -62,7 +62,7 @@ TEST_F(HttpTest, ServesTheStateAndCarriesOutCommands) {
   }
 }
 
-TEST_F(HttpTest, RefusesForeignRequestsAndTooLargeOnesAndLeavesTheWallAsItIs) {
+TEST_F(HttpTest, RefusesForeignAndTooLargeRequestsAndLeavesTheWallUnchanged) {
   WriteWholeFile(folder_ / "tokens",
                  "# who may\nview 0123456789abcdef\noperate 0123456789ABCDEF\n");
   settings_.http.listen->host = "0.0.0.0";
@@ -109,7 +109,7 @@ TEST_F(HttpTest, RefusesForeignRequestsAndTooLargeOnesAndLeavesTheWallAsItIs) {
   EXPECT_THAT(Ask(post, solo, may + own), HasSubstr("HTTP/1.1 200"));
 }
 
-TEST_F(HttpTest, ASessionStandsForItsTokenInABrowserAndThePageIsServedToAnybody) {
+TEST_F(HttpTest, ASessionReplacesItsTokenInABrowserAndThePageIsServedToAnybody) {
   WriteWholeFile(folder_ / "tokens", "view 0123456789abcdef\noperate 0123456789ABCDEF\n");
   std::filesystem::permissions(folder_ / "tokens", std::filesystem::perms(0600));
   settings_.http.tokenFile = folder_ / "tokens";
@@ -164,7 +164,7 @@ TEST_F(HttpTest, ASessionStandsForItsTokenInABrowserAndThePageIsServedToAnybody)
   EXPECT_THAT(Ask("GET /api/v1/wall", "", view), HasSubstr("HTTP/1.1 401"));
 }
 
-TEST(History, KeepsWhatHappenedWithinItsBoundsWithoutTheWholeState) {
+TEST(History, KeepsEventsWithinItsBoundsWithoutTheWholeState) {
   EventFeed feed(16);
   std::chrono::system_clock::time_point now{};
   feed.Publish(R"({"event":"changed","state":{"version":2}})");
@@ -175,7 +175,7 @@ TEST(History, KeepsWhatHappenedWithinItsBoundsWithoutTheWholeState) {
                             R"({"event":"changed","number":1,"time":"1970-01-01T00:00:00.000Z"}])");
   feed.Publish(R"({"event":"changed","commands":")" + std::string(300, 'x') + "\"}");
   EXPECT_THAT(history.Json(), HasSubstr(R"([{"event":"changed","number":3)"));
-  for (int i = 0; i < 2000; ++i) {  // more than may wait: it continues with what is still there
+  for (int i = 0; i < 2000; ++i) {  // more than may wait: it continues with those that are kept
     feed.Publish(R"({"event":"audio","time":"T"})");
   }
   EXPECT_LT(history.Json().size(), 3000U);
@@ -185,7 +185,7 @@ TEST(History, KeepsWhatHappenedWithinItsBoundsWithoutTheWholeState) {
   EXPECT_EQ(history.Json(), "[]");
 }
 
-TEST_F(HttpTest, ServesWhileAThousandOthersSayNothingOrHalfOfSomething) {
+TEST_F(HttpTest, ServesWhileAThousandOthersSendNothingOrPartOfARequest) {
   rlimit files{};
   getrlimit(RLIMIT_NOFILE, &files);
   files.rlim_cur = files.rlim_max;
@@ -200,7 +200,7 @@ TEST_F(HttpTest, ServesWhileAThousandOthersSayNothingOrHalfOfSomething) {
   }
   EXPECT_THAT(Ask("GET /api/v1/wall"), HasSubstr("HTTP/1.1 200"));
   EXPECT_EQ(ReadAll(others.back()), "") << "half of a header ends the connection";
-  server_.reset();  // with the rest of them connected
+  server_.reset();  // while the others are still connected
   EXPECT_EQ(control_.version(), 1U);
 }
 
@@ -222,7 +222,8 @@ TEST_F(HttpTest, FollowersGetASnapshotAndThenNumberedEventsAndASlowOneIsDropped)
     EXPECT_EQ(message, merged);
   }
 
-  // One that comes back continues, and one that has missed more than there is gets a snapshot.
+  // A client that reconnects continues; one with a number that the wall does not have gets a
+  // snapshot.
   control_.events().Publish(R"({"event":"third"})");
   for (const auto& [last, first] :
        {std::pair{"2", "\r\n\r\nid: 3\ndata: {\"number\":3,\"event\":\"third\"}\n\n"},
@@ -258,7 +259,7 @@ std::pair<std::string, int> Shell(const std::string& command) {
   return {output, pclose(pipe)};
 }
 
-TEST_F(HttpTest, SaysWhatItCountsAndWhetherItIsAliveAndReady) {
+TEST_F(HttpTest, ServesMetricsAndWhetherItIsAliveAndReady) {
   std::string dead;
   std::string unready = "no frame has been composed yet";
   settings_.monitoring = {[](MetricsText& text) {
@@ -308,7 +309,7 @@ TEST_F(HttpTest, TheExamplesOfTheDocumentWorkAlsoOverTls) {
             0);
   settings_.http.certificate = certificate;
   settings_.http.key = key;
-  settings_.limits.keepAlive = std::chrono::milliseconds(100);  // `head` ends what it reads from
+  settings_.limits.keepAlive = std::chrono::milliseconds(100);  // `head` closes the pipe of curl
   Start();
   std::istringstream document(ReadWholeFile(TAVREL_DOCS "/control.md"));
   int examples = 0;

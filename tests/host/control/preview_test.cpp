@@ -45,7 +45,7 @@ struct Message {
   std::string bytes;
 };
 
-// What a player makes of the track: each frame, and when it is due.
+// Plays the track as a player does: each frame, and its time.
 void Play(std::string file, const std::function<void(const AVFrame& frame, Time time)>& show) {
   struct Source {
     std::string bytes;
@@ -130,7 +130,7 @@ class PreviewTest : public HttpTest {
     return socket;
   }
   std::unique_ptr<WebSocket> Look() { return OpenFor({{"preview", true}}); }
-  // The wall composes its next frame, which is as bright as its number says.
+  // The wall composes its next frame, whose brightness follows its number.
   void Compose() {
     const auto frame = fakes::ForeignSample::Create(kWidth * kHeight * 3 / 2);
     BYTE* pixels = nullptr;
@@ -154,7 +154,7 @@ class PreviewTest : public HttpTest {
   std::minstd_rand noise_;
 };
 
-TEST_F(PreviewTest, GivesEveryFrameToThoseWhoLookAndEncodesForNobodyElse) {
+TEST_F(PreviewTest, SendsEveryFrameToViewersAndEncodesOnlyForThem) {
   Begin();
   Compose();  // the wall's frame 0, which nobody sees
   EXPECT_FALSE(preview_->status().isEncoding);
@@ -185,15 +185,15 @@ TEST_F(PreviewTest, GivesEveryFrameToThoseWhoLookAndEncodesForNobodyElse) {
     }
     Compose();
   }
-  // One each second, and one for the first of those who join; the others get that of the second.
+  // One each second, and one for the first client that joins; the others get the next regular one.
   EXPECT_THAT(keys, ::testing::ElementsAre(1, 26, 32, 51, 76));
 
   int shown = 0;
-  Play(file, [&](const AVFrame& picture, Time time) {
+  Play(file, [&](const AVFrame& decoded, Time time) {
     ++shown;
     EXPECT_NEAR(time, kStart + kFrame * shown, 1) << "at the wall's own time";
-    EXPECT_NEAR(picture.data[0][0], LumaOf(shown), 3) << shown;
-    EXPECT_EQ(picture.width, 320);
+    EXPECT_NEAR(decoded.data[0][0], LumaOf(shown), 3) << shown;
+    EXPECT_EQ(decoded.width, 320);
   });
   EXPECT_EQ(shown, static_cast<int>(kFrames));
   for (const auto& other : others) {
@@ -204,7 +204,7 @@ TEST_F(PreviewTest, GivesEveryFrameToThoseWhoLookAndEncodesForNobodyElse) {
   }
   EXPECT_EQ(preview_->status().viewers, 7U);
 
-  // Some go, one stays and says that it has seen enough.
+  // Some disconnect, one stays and ends its preview.
   others.clear();
   Send(*first, {{"preview", false}});
   WaitUntil("nobody looks", [&] { return preview_->status().viewers == 0; });
@@ -214,12 +214,12 @@ TEST_F(PreviewTest, GivesEveryFrameToThoseWhoLookAndEncodesForNobodyElse) {
   EXPECT_EQ(preview_->status().frames, encoded);
 }
 
-TEST_F(PreviewTest, SkipsToAKeyframeForASlowClientAndForNobodyElse) {
+TEST_F(PreviewTest, SkipsToAKeyframeForASlowClientOnly) {
   options_.width = options_.height = kWidth;
   options_.bitRate = 100'000'000;
   hasNoise_ = true;
   settings_.limits.video.fragments = 10;
-  settings_.limits.idle = std::chrono::minutes(10);  // one that does not read answers no ping
+  settings_.limits.idle = std::chrono::minutes(10);  // the slow client does not answer pings
   Begin();
   const auto fast = Look();
   const auto slow = Look();
@@ -235,7 +235,7 @@ TEST_F(PreviewTest, SkipsToAKeyframeForASlowClientAndForNobodyElse) {
     bytes += message.bytes.size();
     Compose();
   };
-  // Until what the system keeps for the slow one is full, and its queue after it.
+  // Until the system's buffers for the slow client are full, and then its queue.
   while (bytes < 1'500'000) {
     next();
     ASSERT_LT(frames, 1000U) << "the frames are too small for this test";
@@ -264,7 +264,7 @@ TEST_F(PreviewTest, SkipsToAKeyframeForASlowClientAndForNobodyElse) {
 constexpr int kRate = 48'000;
 constexpr Time kClick = kStart + kSecond;
 
-// Packets in the format of the track, as the outputs get them.
+// Packets in the format of the track, as outputs get them.
 std::vector<ffmpeg::Packet> Click(const AudioFormat& format) {
   constexpr int kSamples = 960;
   std::vector<ffmpeg::Packet> packets;
@@ -300,7 +300,7 @@ std::shared_ptr<AudioTrack> TrackOf(AVCodecID codec) {
   return track;
 }
 
-TEST_F(PreviewTest, LetsEveryCodecBeHeardAtTheTimesOfTheWall) {
+TEST_F(PreviewTest, PlaysEveryCodecAtTheTimesOfTheWall) {
   Begin();
   std::size_t slot = 0;
   for (const AVCodecID codec : {AV_CODEC_ID_AAC, AV_CODEC_ID_MP2}) {
@@ -343,7 +343,7 @@ TEST_F(PreviewTest, LetsEveryCodecBeHeardAtTheTimesOfTheWall) {
     });
     EXPECT_NEAR(click.value_or(0), kClick, 3 * kMillisecond) << avcodec_get_name(codec);
 
-    // A channel that is anchored again goes back in time, with a description of its own.
+    // A channel that is re-anchored steps back in time, with a description of its own.
     listening_.Take(slot, *packets[0], track);
     Message message;
     do {

@@ -25,7 +25,7 @@ std::string Replaced(std::string text, const std::string& from, const std::strin
   return text;
 }
 
-// The text after the commands.
+// The text of the file after the commands.
 std::string Saved(const std::string& text, const char* commands) {
   const config::WallFile file = config::ParseWall(text, "/walls");
   WallState state = WallState::Of(file.wall);
@@ -80,7 +80,7 @@ TEST(WallFileWriter, ChangesOnlyWhatDiffers) {
 {"command":"layout","layout":"1+5"}, {"command":"solo","channel":"New"}])"),
               Replaced(expected, "\n", eol));
   }
-  // A channel that goes takes its comments along; one that moves, too, and keeps its name.
+  // The comments of a channel are removed with it, and move with it; a moved one keeps its name.
   EXPECT_THAT(
       Saved(kWall, R"([{"command":"add","name":"New","source":"n.mp4"},
 {"command":"order","channels":["New","Channel 2"]}, {"command":"remove","channel":"A"}])"),
@@ -92,7 +92,7 @@ TEST(WallFileWriter, ChangesOnlyWhatDiffers) {
                 "\"Channel 2\"\n[channel.alarm.loss]\nenabled = true\n\n# first\n"));
 }
 
-TEST(WallFileWriter, SaysWhatTheStateIsWhateverItIs) {
+TEST(WallFileWriter, WritesEveryStateSoThatItIsReadBack) {
   const std::vector<std::string> commands{
       R"({"command":"set","channel":"$","name":"N1"})",
       R"({"command":"set","channel":"$","name":"$ ü\n","tally_index":3})",
@@ -141,7 +141,7 @@ TEST(WallFileWriter, SaysWhatTheStateIsWhateverItIs) {
         Carry(json::parse(Replaced(command, "%", any())), context);
         state = next.order.empty() ? state : next;
       } catch (const CommandError&) {
-        continue;  // as the wall is, this cannot be
+        continue;  // not possible in this state
       }
     }
     known = WriteWallFile(path, known, state);

@@ -108,8 +108,8 @@ ClipRecipe Cells() {
   return recipe;
 }
 
-// The alarm channel: its audio stops for a while in the middle. Hues alone would pass for a picture
-// that stands still.
+// The alarm channel: its audio stops for a while in the middle. Hues alone would be taken for
+// frozen video.
 ClipRecipe Spectrum() {
   ClipRecipe recipe;
   recipe.name = "Spectrum";

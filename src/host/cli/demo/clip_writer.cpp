@@ -25,8 +25,7 @@ extern "C" {
 namespace host {
 namespace {
 
-// A chain of FFmpeg's filters that makes pictures or audio from nothing. Works on the calling
-// thread alone.
+// A chain of FFmpeg's filters that generates video or audio. Works on the calling thread alone.
 class FilterSource {
  public:
   enum class Kind { kPictures, kAudio };
@@ -37,7 +36,7 @@ class FilterSource {
   // The next frame, its pts in timeBase(); null at the end of a chain that ends.
   ffmpeg::Frame Next();
   AVRational timeBase() const;
-  AVRational frameRate() const;  // of pictures
+  AVRational frameRate() const;  // of video
   // Gives an encoder the sample format, rate and layout of the audio.
   void DescribeAudio(AVCodecContext& codec) const;
   // Audio frames from now on have this many samples, as many encoders demand.
@@ -64,7 +63,7 @@ FilterSource::FilterSource(Kind kind, const std::string& chain) : graph_(avfilte
   AVFilterInOut* outputs = nullptr;
   int result = avfilter_graph_parse2(graph_.get(), chain.c_str(), &inputs, &outputs);
   if (result >= 0 && (inputs != nullptr || outputs == nullptr || outputs->next != nullptr)) {
-    result = AVERROR(EINVAL);  // it wants an input, or has not exactly one output
+    result = AVERROR(EINVAL);  // it needs an input, or has not exactly one output
   }
   if (result >= 0) {
     result = avfilter_link(outputs->filter_ctx, static_cast<unsigned>(outputs->pad_idx), sink_, 0);
@@ -118,7 +117,7 @@ AVSampleFormat SampleFormat(const AVCodec& encoder) {
 }
 
 // One stream of the clip: frames from the filters, packets into the muxer. The encoder takes
-// size, format and colours over from the first picture.
+// size, format and colours from the first frame.
 class ClipStream {
  public:
   ClipStream(FilterSource::Kind kind, const std::string& chain, const std::string& codec,

@@ -23,7 +23,7 @@ constexpr std::string_view kBearer = "bearer ";
 constexpr std::string_view kCookie = "tavrel_session=";
 constexpr std::string_view kHexDigits = "0123456789abcdef";
 
-// Of the name and port in Host and Origin, the name: "[::1]:8080" is "::1".
+// The name without the port, from Host or Origin: "::1" of "[::1]:8080".
 std::string NameOf(const std::string& authority) {
   if (authority.starts_with('[')) {
     return authority.substr(1, authority.find(']') - 1);
@@ -188,7 +188,7 @@ std::string Access::EndSession(const Head& head) {
 
 bool Access::IsOwnHost(const std::string& host, const Head& head) const {
   const std::string name = NameOf(host);
-  // The address at which the client has come in is no name that somebody else could have chosen.
+  // The address at which the request came in cannot be a name that another site has chosen.
   return IsLoopbackName(name) || name == head.local ||
          std::any_of(hosts_.begin(), hosts_.end(),
                      [&](const std::string& own) { return EqualsIgnoringCase(name, own); });
@@ -202,7 +202,7 @@ void Access::Check(const Head& head, const Route& route) const {
     throw Problem(421, "unknown-host", "The request is for another host",
                   "\"" + head.host + "\" is no name of this wall; \"hosts\" in [http] adds names");
   }
-  // Browsers send cookies by themselves, and with them where a changing request comes from.
+  // Browsers send cookies by themselves, and with a changing request also its origin.
   const bool hasNoOrigin = head.origin.empty() && head.authorization.empty() && asksForToken_ &&
                            (route.changes() || route.what == Route::What::kWebSocket);
   const bool isForeign = (!head.origin.empty() && !IsSameOrigin(head.origin, head.host)) ||

@@ -1,5 +1,5 @@
-// Who is let in: who may send a request, and to whom it was addressed (Access); who is connected,
-// and whether another one may be (Connections).
+// Access control: who may send a request, and to which host it was addressed (Access); who is
+// connected, and whether one more may be (Connections).
 #pragma once
 
 #include <array>
@@ -21,9 +21,9 @@
 
 namespace host::control::http {
 
-// A browser runs what any site sends it, on a machine that may reach the wall: so a request must
-// name the wall as its host, and one that changes it or keeps a connection must come from a page of
-// the wall, or from no page at all. Server's thread.
+// A browser runs the scripts of any site, on a machine that may reach the wall. A request must
+// therefore name the wall as its host, and one that changes it or keeps a connection must come from
+// a page of the wall, or from no page at all. Server's thread.
 class Access {
  public:
   // Throws std::runtime_error, for a person, when the settings or the file of tokens cannot be
@@ -32,8 +32,8 @@ class Access {
 
   // Throws Problem: 400, 401, 403 or 421.
   void Check(const Head& head, const Route& route) const;
-  // What the credentials of the request allow, a token or the cookie of a session; none when there
-  // are none that are known.
+  // The role of the request's credentials, a token or the cookie of a session; none without known
+  // credentials.
   std::optional<Role> RoleOf(const Head& head) const;
   // None when it is not known.
   std::optional<Role> RoleOfToken(const std::string& token) const { return RoleIn(tokens_, token); }
@@ -49,7 +49,7 @@ class Access {
  private:
   static constexpr std::size_t kMaxSessions = 256;
   using Digest = std::array<std::uint8_t, 32>;
-  // Digests have one length, and each is compared to its end: the time says nothing of a secret.
+  // Digests have one length and are compared in constant time.
   struct Token {
     Digest digest;
     Role role;
@@ -67,7 +67,7 @@ class Access {
 };
 
 // Server's thread. When there is no room, the connection that has waited for a request for the
-// longest time makes it: a client that opens connections without requests keeps no other client
+// longest time is closed: a client that opens connections without requests keeps no other client
 // out.
 class Connections {
  public:

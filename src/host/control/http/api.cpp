@@ -23,7 +23,7 @@ std::string Tag(std::uint64_t version) {
   return "\"" + std::to_string(version) + "\"";
 }
 
-// The versions of a list of entity tags; others cannot be versions of this wall.
+// The versions in a list of entity tags; other tags cannot be versions of this wall.
 std::vector<std::uint64_t> VersionsIn(const std::string& tags) {
   std::vector<std::uint64_t> versions;
   for (std::size_t at = tags.find('"'); at != std::string::npos; at = tags.find('"', at)) {
@@ -160,7 +160,7 @@ Request Api::RequestOf(const Match& match, const Head& head, const std::string& 
   if (!head.ifMatch.empty() && head.ifMatch != "*") {
     const std::vector<std::uint64_t> expected = VersionsIn(head.ifMatch);
     const std::uint64_t version = control_.version();
-    // Of several the one that fits; one that is no version never does.
+    // Of several versions the matching one; a tag that is no version never matches.
     request.ifVersion = expected.empty() ? 0
                         : std::find(expected.begin(), expected.end(), version) != expected.end()
                             ? version

@@ -1,4 +1,5 @@
-// Api: what the routes answer from, and make of, a running wall.
+// Api: the answers of the routes from the state of a running wall, and the requests they make of
+// it.
 #pragma once
 
 #include <cstdint>
@@ -18,9 +19,9 @@ class Api {
   // control outlives it.
   explicit Api(WallControl& control);
 
-  // Of a route that reads. Throws Problem.
+  // The answer of a route that reads. Throws Problem.
   Answer Read(const Match& match, const Head& head) const;
-  // Of a route that changes the wall. Throws Problem.
+  // The request of a route that changes the wall. Throws Problem.
   Request RequestOf(const Match& match, const Head& head, const std::string& body) const;
   Answer AnswerOf(const Match& match, const Result& result) const;
 
@@ -29,7 +30,7 @@ class Api {
   // The number in the query "before=N", of the history; none without a query. Throws Problem.
   static std::optional<std::uint64_t> BeforeIn(const std::string& query);
 
-  // Throws Problem when it is no JSON or nested too deeply.
+  // Throws Problem when it is not JSON or nested too deeply.
   static nlohmann::json Parse(const std::string& text);
   // A message of a WebSocket: {"commands":...,"id":...,"if_version":...}. Throws Problem.
   static Request RequestOf(nlohmann::json message, const std::string& peer);

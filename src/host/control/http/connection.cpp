@@ -27,14 +27,14 @@ namespace {
 
 using Parser = bhttp::request_parser<bhttp::string_body>;
 
-constexpr std::size_t kReadSize = 4096;             // bytes at least before a header
+constexpr std::size_t kReadSize = 4096;             // minimum of bytes read before a header
 constexpr std::chrono::milliseconds kLinger{2000};  // while a client may still be sending
 constexpr std::size_t kMaxIgnored = 4 << 20;        // bytes, likewise
 constexpr std::chrono::milliseconds kBetweenPictures{200};
 constexpr std::string_view kLineEnd = "\r\n";
 constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
 
-// What is answered to a request that cannot be read; none when nobody would read it.
+// The answer to a request that cannot be read; none when nobody would read the answer.
 std::optional<Problem> RefusalOf(const error_code& error, const HttpServer::Limits& limits) {
   using Error = bhttp::error;
   if (error == Error::body_limit) {
@@ -96,7 +96,7 @@ void CheckBody(const Head& head, const Route& route) {
   }
 }
 
-// What the client is to get before its body is read, if anything.
+// The answer that needs no body of the request, if any.
 std::optional<Answer> Look(HttpServer::Core& core, const Head& head, Match& match) {
   try {
     match = FindRoute(head);
@@ -118,7 +118,7 @@ class Connection {
   Connection(HttpServer::Core& core, std::shared_ptr<Stream> stream, Connections::Ticket ticket)
       : core_(core), stream_(std::move(stream)), ticket_(std::move(ticket)) {}
 
-  // False when the stream has been handed on and is not this connection's any more.
+  // False when the stream has been handed over and no longer belongs to this connection.
   asio::awaitable<bool> Serve() {
     boost::beast::flat_buffer buffer(core_.limits().headerBytes + core_.limits().bodyBytes);
     while (co_await ServeRequest(buffer)) {
@@ -224,7 +224,7 @@ class Connection {
     co_return !error && keepAlive;
   }
 
-  // A client that is still sending sees the answer only if what it sends is taken for a while.
+  // A client that is still sending gets the answer only if its bytes are read for a while.
   asio::awaitable<void> Linger() {
     error_code error;
     lowest().socket().shutdown(asio::ip::tcp::socket::shutdown_send, error);
@@ -286,7 +286,7 @@ class Connection {
     lowest().close();
   }
 
-  // The first one decides whether there are any; without more of them it ends.
+  // If there is no first picture, the answer is a problem; later, a missing one ends the stream.
   asio::awaitable<void> SendPictures(bool isHead) {
     std::optional<Problem> problem;
     Snapshots::Picture last;
@@ -334,7 +334,7 @@ class Connection {
     return "id: " + std::to_string(number) + "\ndata: " + line + "\n\n";
   }
 
-  // What the client sends besides is nothing; that it goes is noticed.
+  // Ignores what the client sends, and ends the follower when the client disconnects.
   static asio::awaitable<void> WatchForEnd(std::shared_ptr<Stream> stream,
                                            std::shared_ptr<Follower> follower) {
     error_code error;

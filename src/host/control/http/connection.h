@@ -1,5 +1,5 @@
-// What the two kinds of connections have in common, requests and WebSockets: their streams, what
-// every response carries, and the place of one client in the feed of events.
+// The common part of both kinds of connections, requests and WebSockets: their streams, the header
+// fields of every response, and the subscription of a client to the events.
 #pragma once
 
 #include <chrono>
@@ -27,7 +27,7 @@ namespace bhttp = boost::beast::http;
 using PlainStream = boost::beast::tcp_stream;
 using TlsStream = boost::beast::ssl_stream<boost::beast::tcp_stream>;
 
-// Nothing that a page could bring with it, in case that a browser shows an answer.
+// No scripts, frames or other content, in case a browser shows an answer as a page.
 inline void SetSecurityFields(bhttp::fields& fields) {
   fields.set("Content-Security-Policy",
              "default-src 'self'; media-src 'self' blob:; base-uri 'none'; frame-ancestors 'none'; "
@@ -48,8 +48,7 @@ void SetFields(bhttp::response<Body>& response, const Answer& answer) {
   }
 }
 
-// One client that follows the events of a wall. Server's thread; only its wake-up comes from
-// others.
+// One client that follows the events of a wall. Server's thread; only wake is called by others.
 class Follower {
  public:
   // after: the last event that the client has; without it, or when later ones are no longer kept,
@@ -85,7 +84,7 @@ class Follower {
     }
     return std::pair(*std::exchange(snapshotNumber_, std::nullopt), std::move(snapshot_));
   }
-  // Until something is there to be sent, or the time is over: then it is false.
+  // Waits until there is something to send; false when the limit is over first.
   asio::awaitable<bool> Wait(std::chrono::milliseconds limit) {
     error_code error;
     waking_->expires_after(limit);
@@ -93,9 +92,9 @@ class Follower {
     co_return error == asio::error::operation_aborted;
   }
   void Wake() { waking_->cancel(); }
-  // The same for any thread, also when the follower is gone.
+  // Wakes it from any thread, also when the follower no longer exists.
   const std::function<void()>& wake() const { return wake_; }
-  // The client is gone.
+  // The client has disconnected.
   void End() {
     hasEnded_ = true;
     Wake();
@@ -113,9 +112,9 @@ class Follower {
 
 using UpgradeRequest = bhttp::request<bhttp::string_body>;
 
-// A WebSocket to its end, for both kinds of streams: a snapshot, then events, and commands in the
-// other direction. The client is disconnected with 1013 when more waits for
-// it than it may, and with 1003 when it sends anything but text.
+// Serves a WebSocket to its end, for both kinds of streams: a snapshot, then events, and commands
+// in the other direction. The client is disconnected with 1013 when more than the limits waits for
+// it, and with 1003 when it sends anything but text.
 template <typename Stream>
 asio::awaitable<void> ServeWebSocket(HttpServer::Core& core, Stream stream, UpgradeRequest request,
                                      Head head, Connections::Ticket ticket);

@@ -29,19 +29,19 @@ class Viewer;
 namespace asio = boost::asio;
 using boost::system::error_code;
 
-// For co_await: what fails goes into the error, and nothing is thrown.
+// For co_await: a failure is stored in the error instead of thrown.
 inline auto Into(error_code& error) {
   return asio::redirect_error(asio::use_awaitable, error);
 }
 
-// An address of IPv4 as such, also where it came in at a socket of IPv6.
+// Maps an IPv4 address that came in at an IPv6 socket back to IPv4.
 inline asio::ip::address Plain(const asio::ip::address& address) {
   return address.is_v6() && address.to_v6().is_v4_mapped()
              ? asio::ip::make_address_v4(asio::ip::v4_mapped, address.to_v6())
              : address;
 }
 
-// Its members are used on the server's thread, once that runs.
+// Its members are used on the server's thread only, once that runs.
 class HttpServer::Core {
  public:
   Core(Settings serverSettings, WallControl& control);
@@ -59,11 +59,11 @@ class HttpServer::Core {
   }
   std::string url() const;
 
-  // Of a request whose body has come.
+  // The answer to a request whose body has come.
   asio::awaitable<Answer> Respond(const Match& match, const Head& head, const std::string& body);
   // Throws Problem.
   asio::awaitable<Snapshots::Picture> TakePicture(Snapshots::View view);
-  // Of a message of a WebSocket.
+  // The reply to a message of a WebSocket.
   asio::awaitable<std::string> Reply(const std::string& text, const Head& head, Viewer& viewer);
 
  private:
@@ -73,9 +73,9 @@ class HttpServer::Core {
   // None when the wall takes too long.
   asio::awaitable<std::optional<Result>> Submit(Request request);
   Answer Metrics() const;
-  // Throws Problem when it is not as it should be.
+  // Throws Problem when the wall is not alive, or not ready.
   Answer Health(Route::What what) const;
-  // Who the client is, perhaps from now on.
+  // Says who the client is; begins or ends its session.
   Answer Session(const Match& match, const Head& head, const std::string& body);
 
   const Settings settings_;
@@ -86,7 +86,7 @@ class HttpServer::Core {
   std::optional<asio::ssl::context> tls_;
   const std::shared_ptr<Mailbox> mailbox_;
   Snapshots snapshots_;
-  // Is destroyed before all of the above, and with it what still waits in it.
+  // Destroyed before all of the above, with the coroutines that still wait in it.
   asio::io_context loop_;
   std::optional<asio::ip::tcp::acceptor> acceptor_;
   std::unique_ptr<os::Thread> thread_;

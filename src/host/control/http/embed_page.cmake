@@ -1,4 +1,4 @@
-# cmake -D FOLDER=... -D OUT=... -P embed_page.cmake: the files of FOLDER as a C++ source.
+# cmake -D FOLDER=... -D OUT=... -P embed_page.cmake: writes the files of FOLDER as a C++ source.
 file(GLOB files RELATIVE "${FOLDER}" "${FOLDER}/*")
 list(FILTER files EXCLUDE REGEX "\\.md$")
 list(SORT files)

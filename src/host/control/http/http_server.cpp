@@ -27,7 +27,7 @@ std::string TextOf(const config::Endpoint& endpoint, std::uint16_t port) {
   return (isV6 ? "[" + endpoint.host + "]" : endpoint.host) + ":" + std::to_string(port);
 }
 
-// Who counts as one: an address, or a network of 64 bits of IPv6, which one machine has whole.
+// What counts as one client: an IPv4 address, or an IPv6 /64 network, which one machine may own.
 std::string CountedAs(const asio::ip::address& address) {
   if (address.is_v4()) {
     return address.to_string();
@@ -249,7 +249,7 @@ Answer HttpServer::Core::Metrics() const {
   text.Gauge("tavrel_http_connections", "Connections that are open.");
   text.Add(std::uint64_t{connections_.count()});
   text.Gauge("tavrel_followers", "Clients that follow the events of the wall.");
-  // The history of the last day is one, and no client.
+  // The history of the last day is one of them, but not a client.
   text.Add(std::uint64_t{control.events().clients()} - 1);
   text.Counter("tavrel_followers_dropped_total", "Followers that were too slow.");
   text.Add(control.events().dropped());
@@ -315,7 +315,7 @@ asio::awaitable<Answer> HttpServer::Core::Respond(const Match& match, const Head
         co_return Answer{.body = before ? history_->Json(*before) : history_->Json()};
       }
       default:
-        break;  // the state is read or changed
+        break;  // reads or changes the state
     }
     if (!match.route->changes()) {
       co_return api_.Read(match, head);

@@ -18,7 +18,8 @@
 namespace host::control::http {
 
 // One thread serves all clients; none of them waits for another one, and the wall waits for none.
-// Requests go through the queue of the WallControl, whose answer is waited for without the thread.
+// Requests go through the queue of the WallControl; waiting for its answer does not block the
+// thread.
 class HttpServer {
  public:
   // A client that exceeds one of them is refused or disconnected.
@@ -27,7 +28,7 @@ class HttpServer {
     std::size_t bodyBytes = 1 << 20;
     std::size_t messageBytes = 64 << 10;           // of a WebSocket
     std::size_t connections = 256;                 // in all
-    std::size_t fromOneAddress = 64;               // of them; one of IPv6 is a network of 64 bits
+    std::size_t fromOneAddress = 64;               // of them; of IPv6, from one /64 network
     EventFeed::Limits waiting{};                   // events of one client
     FragmentFeed::Limits video{};                  // of the preview, that wait for one client
     FragmentFeed::Limits audio{.fragments = 250};  // of a channel, likewise
@@ -42,7 +43,7 @@ class HttpServer {
   struct Settings {
     config::Http http;  // with an address
     // The composed frame, or a window of it, as JPEG; none while there is no frame. Called on a
-    // thread of the server's own that may wait a second. Empty: no pictures are served.
+    // thread of the server's own, may take a second. Empty: no pictures are served.
     Snapshots::Encode snapshot;
     std::shared_ptr<FragmentFeed> preview;             // null: none is served
     std::vector<std::shared_ptr<FragmentFeed>> audio;  // of each slot; empty: none is served

@@ -8,8 +8,7 @@
 
 namespace host::control::http {
 
-// Shared by the server and by everything that calls it back from other threads, and outlives it
-// there.
+// Shared by the server and the callbacks that other threads keep, where it outlives the server.
 class Mailbox {
  public:
   using Work = std::function<void()>;

@@ -1,4 +1,4 @@
-// What the API reads of a request and what it answers, apart from how they travel.
+// The parts of a request that the API reads, and its answers, independent of the transport.
 #pragma once
 
 #include <optional>
@@ -13,7 +13,7 @@
 
 namespace host::control::http {
 
-// Of a request, all that stands before its body. Header fields are empty when they are missing.
+// Everything of a request before its body. Header fields are empty when they are missing.
 struct Head {
   std::string method;
   std::string path;   // still encoded
@@ -39,10 +39,10 @@ struct Answer {
   int status = 200;
   std::string contentType = "application/json";
   std::string body{};
-  std::vector<std::pair<std::string, std::string>> fields{};  // of the header, besides
+  std::vector<std::pair<std::string, std::string>> fields{};  // further fields of the header
 };
 
-// A refusal, as application/problem+json. Thrown by whatever looks at a request.
+// A refusal, as application/problem+json. Thrown by everything that checks a request.
 class Problem : public TavrelException {
  public:
   // type: the last part of its URN, such as "unknown-host".
@@ -80,7 +80,7 @@ class Problem : public TavrelException {
   std::vector<std::pair<std::string, std::string>> fields_;
 };
 
-// Without "%41"; none when it is not encoded as it must be.
+// Decodes "%41" and the like; none when the encoding is invalid.
 std::optional<std::string> PercentDecoded(const std::string& text);
 bool EqualsIgnoringCase(const std::string& one, const std::string& other);
 

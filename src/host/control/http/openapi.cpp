@@ -59,7 +59,7 @@ Json FieldSchema(const CommandField& field) {
   return schema;
 }
 
-// without: a field that the path gives. As a command of its own, it says its kind, too.
+// without: a field that the path gives. isAlone: a command of its own, which also names its kind.
 Json CommandSchema(const CommandKind& kind, const std::string& without, bool isAlone) {
   Json schema{{"type", "object"}, {"description", kind.meaning}};
   schema["properties"] = Json::object();

@@ -69,7 +69,7 @@ constexpr std::array kRoutes{
           "Whether a frame was composed and an output works; otherwise 503 says why not."},
 };
 
-// The name in the path; empty for a path without one, none when the path is another one.
+// The name in the path; empty when the pattern has none; none when the path does not match.
 std::optional<std::string> NameIn(const std::string& path, std::string_view pattern) {
   const std::size_t open = pattern.find('{');
   if (open == std::string_view::npos) {

@@ -13,8 +13,8 @@
 namespace host::control::http {
 
 enum class Role {
-  kView,     // may look
-  kOperate,  // and change the wall
+  kView,     // may only read
+  kOperate,  // may also change the wall
 };
 
 struct Route {
@@ -43,21 +43,21 @@ struct Route {
   enum class Body { kNone, kOptional, kRequired };
 
   const char* method;
-  const char* path;  // "/api/v1/channels/{channel}"; what stands for a name is that field's name
+  const char* path;  // "/api/v1/channels/{channel}"; the parameter has the name of its field
   What what;
   const char* command;  // kCommand: its name; otherwise null
   Body body;
-  int status;           // of the answer when all is well
+  int status;           // of the answer on success
   const char* summary;  // a sentence
 
   bool changes() const { return what == What::kCommand || what == What::kCommands; }
   Role role() const { return changes() ? Role::kOperate : Role::kView; }
-  // Also without a token: nothing of the wall is in it.
+  // Allowed without a token: contains nothing of the wall.
   bool isOpen() const {
     return what == What::kPage || what == What::kSession || what == What::kBeginSession ||
            what == What::kEndSession;
   }
-  // What a page of another site may not send, although it changes nothing.
+  // Refused from a page of another site, although it changes nothing.
   bool isOwnOnly() const {
     return changes() || what == What::kEvents || what == What::kWebSocket ||
            what == What::kPictures || what == What::kBeginSession || what == What::kEndSession;
@@ -70,7 +70,7 @@ std::span<const Route> Routes();
 
 struct Match {
   const Route* route = nullptr;
-  std::string name;  // what the path has for the route's parameter
+  std::string name;  // value of the route's parameter in the path
 };
 // HEAD is served as GET. Throws Problem: 404, or 405 with the methods that the path allows.
 Match FindRoute(const Head& head);

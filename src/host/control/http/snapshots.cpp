@@ -84,7 +84,7 @@ void Snapshots::Run() {
         picture = std::make_shared<const std::string>(std::move(*jpeg));
       }
     } catch (const std::exception&) {
-      // No picture: the answer says so.
+      // No picture: the answer reports it.
     }
     mailbox_->Post([this, key, picture] { Deliver(key, picture); });
     const os::MutexLock guard(lock_);

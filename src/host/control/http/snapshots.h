@@ -1,4 +1,4 @@
-// Snapshots: pictures of the wall, encoded on a thread of their own when somebody asks for them.
+// Snapshots: JPEG pictures of the wall, encoded on request by a thread of their own.
 #pragma once
 
 #include <array>
@@ -18,8 +18,8 @@
 
 namespace host::control::http {
 
-// One picture serves all who ask for it within a quarter of a second (a small one 150 ms), and no
-// more than ten in a second are encoded, however many clients ask.
+// One picture serves all requests for it within a quarter of a second (a small one 150 ms), and no
+// more than ten per second are encoded, however many clients ask.
 class Snapshots {
  public:
   // Of all or a part of the canvas; isSmall: in the size of the preview.

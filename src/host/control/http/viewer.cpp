@@ -32,7 +32,7 @@ std::array<std::uint8_t, 16> HeaderOf(MessageKind kind, const Fragment& fragment
   return header;
 }
 
-// Why the channel cannot be heard as the wall is; empty when it can.
+// Why the channel cannot be heard in the present state; empty when it can.
 std::string ObstacleOf(const ChannelEntry& entry) {
   if (entry.mute != Mute::kOff) {
     return "it is muted";
@@ -133,7 +133,7 @@ std::chrono::milliseconds Viewer::Wait(std::chrono::milliseconds limit) const {
 }
 
 std::optional<Viewer::Outgoing> Viewer::Next() {
-  // Audio is little, and a gap in it is worse than one in the video.
+  // Audio first: it is small, and a gap in it is worse than one in the video.
   std::optional<Outgoing> next = NextAudio();
   return next ? std::move(next) : NextVideo();
 }

@@ -24,7 +24,7 @@ namespace host::control::http {
 //   {"event":"preview","on":true,"codec":"avc1.4d401f","width":960,"height":540,"rate":"25"}
 //   {"event":"listening","channel":"A","codec":"mp4a.40.2","rate":48000,"channels":2}
 //
-// and {"event":"listening","channel":null,"why":"..."} when the channel cannot be heard any more.
+// and {"event":"listening","channel":null,"why":"..."} when the channel can no longer be heard.
 // Binary messages:
 //
 //   byte 0       1: description of the video (ftyp and moov), 2: one frame (moof and mdat)
@@ -34,14 +34,14 @@ namespace host::control::http {
 //   bytes 8-15   number of the composed frame, little endian; of audio 0
 //   bytes 16-    fragmented MP4, whose decode times are those of the wall
 //
-// Server's thread; only its wake-up comes from others.
+// Server's thread; only wake is called by others.
 class Viewer {
  public:
-  // wake: as of FragmentFeed. core outlives it.
+  // wake: as in FragmentFeed. core outlives it.
   Viewer(HttpServer::Core& core, std::function<void()> wake)
       : core_(core), wake_(std::move(wake)) {}
 
-  // A message is for a viewer, and no list of commands.
+  // Whether a message is for a viewer, not a list of commands.
   static bool IsFor(const nlohmann::json& message);
   // Returns the result. Throws Problem.
   nlohmann::ordered_json Take(const nlohmann::json& message);
@@ -49,12 +49,11 @@ class Viewer {
   struct Outgoing {
     std::string event;  // to be sent first; may be empty
     std::array<std::uint8_t, 16> header{};
-    FragmentFeed::Piece piece;  // null: the event is all
+    FragmentFeed::Piece piece;  // null: there is only the event
   };
-  // What is to be sent next; none when nothing waits.
+  // The next message to send; none when nothing waits.
   std::optional<Outgoing> Next();
-  // How long may be waited until it is asked again, though nobody has called wake; at most the
-  // limit.
+  // How long to wait at most, without a wake, before Next is called again; limited by limit.
   std::chrono::milliseconds Wait(std::chrono::milliseconds limit) const;
 
  private:
@@ -70,7 +69,7 @@ class Viewer {
 
   bool Watch(const nlohmann::json& isOn);
   nlohmann::json Listen(const nlohmann::json& channel);
-  // Why it cannot be heard any more; empty while it can.
+  // Why it can no longer be heard; empty while it can.
   std::string EndOfHeard();
   std::optional<Outgoing> NextAudio();
   std::optional<Outgoing> NextVideo();

@@ -21,8 +21,7 @@ namespace {
 
 namespace websocket = boost::beast::websocket;
 
-// What the system holds for a client that takes nothing is as old as it is long: more than a
-// second of video would only be shown late.
+// A send buffer of more than a second of video would only show it late to a slow client.
 constexpr int kSendBuffer = 128 << 10;  // bytes
 
 // Shared by the coroutine that writes and the one that reads; ends with the later of them.
@@ -37,7 +36,7 @@ struct Session {
   websocket::stream<Stream> socket;
   Follower follower;
   Viewer viewer;
-  std::string reply;  // that waits; the next message is read when it is being sent
+  std::string reply;  // that waits; the next message is read once it is being sent
   asio::steady_timer replied;
   std::optional<websocket::close_reason> closing;
 };
@@ -61,7 +60,7 @@ asio::awaitable<void> ReadMessages(HttpServer::Core& core, std::shared_ptr<Sessi
         co_await core.Reply(boost::beast::buffers_to_string(message.data()), head, session->viewer);
     session->reply = std::move(reply);
     session->follower.Wake();
-    // A client that sends without taking its replies fills its own buffers in the end.
+    // A client that sends without reading its replies only fills its own buffers.
     while (!session->reply.empty() && !session->follower.hasEnded()) {
       session->replied.expires_at(asio::steady_timer::time_point::max());
       co_await session->replied.async_wait(Into(error));
@@ -94,7 +93,7 @@ asio::awaitable<void> ServeWebSocket(HttpServer::Core& core, Stream stream, Upgr
   if (error) {
     co_return;
   }
-  // One message is one frame, written from where it lies.
+  // One message is one WebSocket frame, written without a copy.
   socket.auto_fragment(false);
   lowest.socket().set_option(asio::socket_base::send_buffer_size(kSendBuffer), error);
   asio::co_spawn(core.loop(), ReadMessages(core, session, head), asio::detached);
@@ -118,7 +117,7 @@ asio::awaitable<void> ServeWebSocket(HttpServer::Core& core, Stream stream, Upgr
       texts.push_back(std::exchange(session->reply, {}));
       session->replied.cancel();
     }
-    // Events go before video, which may wait and be skipped.
+    // Events take precedence over video, which may wait and be skipped.
     std::optional<Viewer::Outgoing> outgoing;
     if (texts.empty()) {
       outgoing = session->viewer.Next();

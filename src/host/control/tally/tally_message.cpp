@@ -28,8 +28,8 @@ Lamp LampOf(unsigned bits) {
   return static_cast<Lamp>(bits & 3U);
 }
 
-// Control characters are no text; blanks at the ends and what follows a NUL are padding. What is
-// not in the encoding is replaced or left out.
+// Without control characters; blanks at the ends and everything after a NUL are padding. Invalid
+// characters are replaced or left out.
 std::string TextOf(std::span<const std::uint8_t> bytes, bool isUtf16) {
   const qorp::TextBytes given(bytes.begin(), bytes.end());
   std::vector<std::uint32_t> points = isUtf16 ? qorp::TextParserUTF16LE().Parse(given, true)
@@ -49,7 +49,7 @@ std::string TextOf(std::span<const std::uint8_t> bytes, bool isUtf16) {
   return {text.begin(), text.end()};
 }
 
-// 3.1, with brightness in bits 4 and 5, or 6 and 7; it is of no use here.
+// 3.1; its brightness, in bits 4 and 5 or 6 and 7, is ignored.
 TallyMessage OldMessage(std::span<const std::uint8_t> bytes) {
   TallyMessage message;
   message.display = bytes[0] & 0x7F;
@@ -78,7 +78,7 @@ std::vector<TallyMessage> TallyParser::ReadDatagram(Bytes bytes) {
 
 std::vector<TallyMessage> TallyParser::ReadStream(Bytes bytes) {
   std::vector<TallyMessage> messages;
-  // In pieces, so that what waits has a bound whatever comes at once.
+  // In pieces, so that the waiting bytes are bounded however much comes at once.
   while (!bytes.empty()) {
     const std::size_t count = std::min(bytes.size(), kMaxPacket);
     waiting_.insert(waiting_.end(), bytes.begin(),
@@ -135,13 +135,13 @@ std::size_t TallyParser::ReadOld(Bytes bytes, bool isEnd, std::vector<TallyMessa
     if (!isEnd || bytes.size() < 2) {
       return 0;
     }
-    // A datagram whose text is not filled up.
+    // A datagram whose text is not padded.
     std::array<std::uint8_t, kOldSize> padded{};
     std::copy(bytes.begin(), bytes.end(), padded.begin());
     messages.push_back(OldMessage(padded));
     return bytes.size();
   }
-  // Characters are below 0x80 but where somebody writes UTF-8; the next address is none of those.
+  // Characters are below 0x80 (except in UTF-8), an address is not.
   TallyMessage message = OldMessage(bytes);
   const bool mayHaveTrailer = protocol_ != Protocol::kV31;
   std::size_t size = kOldSize;
@@ -149,7 +149,7 @@ std::size_t TallyParser::ReadOld(Bytes bytes, bool isEnd, std::vector<TallyMessa
     return 0;  // its trailer is to come
   }
   if (mayHaveTrailer && bytes.size() > kOldSize && HasChecksum(bytes)) {
-    // 3.1 in a stream is not waited for: what comes behind it then is an address.
+    // In a stream of 3.1 nothing is waited for: the next byte is an address.
     const std::size_t count = bytes.size() > kOldSize + 1 ? bytes[kOldSize + 1] & 0x0F : 2;
     const std::size_t whole = kOldSize + 2 + count;
     if (bytes.size() < whole && !isEnd) {
@@ -224,7 +224,7 @@ bool TallyParser::ReadPacket(Bytes packet, std::vector<TallyMessage>& messages) 
   packet = packet.subspan(0, length + 2);
   const bool isUtf16 = (packet[3] & 1) != 0;
   if ((packet[3] & 2) != 0) {
-    return true;  // control of the screen: none is defined
+    return true;  // control data of the screen: none is defined
   }
   std::size_t at = kPacketHeader;
   while (at + kMessageHeader <= packet.size()) {
@@ -235,7 +235,7 @@ bool TallyParser::ReadPacket(Bytes packet, std::vector<TallyMessage>& messages) 
     const unsigned control = Word(packet, at + 2);
     at += kMessageHeader;
     if ((control & 0x8000) != 0) {
-      break;  // control data, whose length nobody has defined
+      break;  // control data, whose length is not defined
     }
     message.hasLamps = true;
     message.lamps[0] = LampOf(control >> 4);

@@ -1,4 +1,4 @@
-// TallyMessage: what a switcher or controller says about one display (TSL UMD 3.1, 4.0 and 5.0).
+// TallyMessage: a message of a switcher or controller about one display (TSL UMD 3.1, 4.0, 5.0).
 #pragma once
 
 #include <array>
@@ -26,10 +26,10 @@ struct TallyMessage {
   bool operator==(const TallyMessage&) const = default;
 };
 
-// Cuts a stream, or single datagrams, into messages and reads them. What cannot be read is skipped
-// and counted; a message that is not whole yet waits for its rest. Of 3.1 and 4.0, which have no
-// marks, the next message begins at a byte from 0x80 on; 5.0 comes over TCP between DLE STX and
-// perhaps DLE ETX with every DLE doubled, over UDP bare or likewise. One thread.
+// Splits a stream, or single datagrams, into messages and parses them. Invalid bytes are skipped
+// and counted; an incomplete message waits for its rest. 3.1 and 4.0 have no delimiters: a message
+// begins at a byte from 0x80 on. 5.0 comes over TCP after DLE STX, perhaps with DLE ETX at its end,
+// and with every DLE doubled; over UDP in that form or bare. One thread.
 class TallyParser {
  public:
   using Protocol = config::TallyOptions::Protocol;
@@ -40,7 +40,7 @@ class TallyParser {
 
   // A datagram holds whole messages.
   std::vector<TallyMessage> ReadDatagram(std::span<const std::uint8_t> bytes);
-  // What came next of a stream.
+  // The next bytes of a stream.
   std::vector<TallyMessage> ReadStream(std::span<const std::uint8_t> bytes);
   // Bytes that belong to no message.
   std::uint64_t skipped() const { return skipped_; }
@@ -48,17 +48,17 @@ class TallyParser {
  private:
   using Bytes = std::span<const std::uint8_t>;
 
-  // Reads what is whole; returns how much was used. isEnd: nothing follows.
+  // Reads the complete messages; returns how many bytes were used. isEnd: nothing follows.
   std::size_t Read(Bytes bytes, bool isEnd, std::vector<TallyMessage>& messages);
   std::size_t ReadOld(Bytes bytes, bool isEnd, std::vector<TallyMessage>& messages);
   std::size_t ReadWrapped(Bytes bytes, bool isEnd, std::vector<TallyMessage>& messages);
   bool IsBarePacket(Bytes bytes) const;
-  // False when it is no packet of 5.0.
+  // False when it is not a packet of 5.0.
   bool ReadPacket(Bytes packet, std::vector<TallyMessage>& messages) const;
 
   const Protocol protocol_;
   std::vector<std::uint8_t> waiting_;  // of a stream
-  bool awaitsEnd_ = false;  // a packet's end mark may come, which its length makes needless
+  bool awaitsEnd_ = false;  // the end mark of a packet that is complete by its length may follow
   std::uint64_t skipped_ = 0;
 };
 

@@ -22,11 +22,11 @@ using Lamp = TallyMessage::Lamp;
 constexpr const char* kGreen = "#00C000";
 constexpr const char* kAmber = "#FFA000";
 constexpr std::size_t kMaxBuffer = 65536;
-// A controller that is lost in a broken connection does not keep its place from others.
+// A controller whose connection broke without notice does not occupy a connection for longer.
 constexpr std::chrono::milliseconds kMaxSilence{600'000};
 constexpr std::chrono::milliseconds kRetry{50};
 
-// What a channel is to show.
+// The tally that a channel is to show.
 struct Shown {
   bool red = false;
   Lamp label = Lamp::kOff;  // green or amber
@@ -36,7 +36,7 @@ struct Shown {
 
 }  // namespace
 
-// Everything but finished_ is the receiving thread's own.
+// Used by the receiving thread only, except finished_.
 class TallyReceiver::Receiving : public std::enable_shared_from_this<Receiving> {
  public:
   Receiving(const config::TallyOptions& options, WallControl& control)
@@ -98,10 +98,10 @@ class TallyReceiver::Receiving : public std::enable_shared_from_this<Receiving> 
   struct Channel {
     Shown wanted;
     Shown sent;
-    Shown before;                       // was sent before that
+    Shown before;                       // the one sent before that
     std::optional<std::string> colour;  // of the label, before green or amber
     bool isOnItsWay = false;
-    Clock::time_point notBefore{};  // is it sent
+    Clock::time_point notBefore{};  // the earliest time of the next request
   };
 
   bool IsAllowed(const std::string& sender) const {
@@ -191,7 +191,7 @@ class TallyReceiver::Receiving : public std::enable_shared_from_this<Receiving> 
   void SubmitWhatChanged() {
     isRetrying_ = false;
     const std::shared_ptr<const WallState> state = control_.state();
-    // What is known of channels that are gone.
+    // Forget channels that were removed.
     std::erase_if(channels_, [&](const auto& one) {
       return !one.second.isOnItsWay && state->Find(one.first) == nullptr;
     });

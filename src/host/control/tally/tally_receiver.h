@@ -12,11 +12,11 @@
 
 namespace host::control {
 
-// Receives over UDP and TCP on a thread of its own and submits what changes: red is the selection
+// Receives over UDP and TCP on a thread of its own and submits changes: red sets the selection
 // border, green and amber the colour of the label (its own otherwise), a text that is not blank the
-// label. Of each channel one request at most is on its way, and only the latest state waits:
-// however much comes, nothing piles up. Messages about displays that no channel has are ignored, as
-// are senders that are not allowed.
+// label. For each channel at most one request is in progress, and only the latest state waits, so
+// that nothing accumulates at any rate of messages. Messages about displays that no channel has are
+// ignored, as are senders that are not allowed.
 //
 // Made and destroyed by the application's thread; control outlives it, and is closed before it is
 // destroyed.
@@ -24,7 +24,7 @@ class TallyReceiver {
  public:
   static constexpr std::size_t kMaxConnections = 16;
 
-  // Throws std::runtime_error that says where nothing can be received.
+  // Throws std::runtime_error that names the address at which nothing can be received.
   TallyReceiver(const config::TallyOptions& options, WallControl& control);
   ~TallyReceiver();
   TallyReceiver(const TallyReceiver&) = delete;
@@ -36,7 +36,7 @@ class TallyReceiver {
  private:
   class Receiving;
 
-  const std::shared_ptr<Receiving> receiving_;  // shared with what answers
+  const std::shared_ptr<Receiving> receiving_;  // shared with the callbacks of requests
   std::unique_ptr<os::Thread> thread_;
 };
 

@@ -1,5 +1,5 @@
-// Commands on their way: each shows at once that it is under way, and then since which frame it is
-// in effect, or why not.
+// Commands in progress: each is shown at once, then with the frame from which it is in effect, or
+// with the reason why it is not.
 
 import {byId, el, setText, timeOf} from "./ui.js";
 import {describeCommands} from "./words.js";
@@ -10,7 +10,7 @@ export class Actions {
   #connection;
   #picture;
   #list = byId("action-list");
-  #accepted = [];  // that the picture does not show yet: {frame, show}
+  #accepted = [];  // commands that the picture does not show yet: {frame, show}
 
   constructor(connection, picture) {
     this.#connection = connection;
@@ -54,7 +54,7 @@ export class Actions {
     return reply;
   }
 
-  // Whenever the picture shows another frame, and now and then without one.
+  // Called whenever the picture shows another frame, and at intervals without one.
   advanceTo(frame) {
     this.#accepted = this.#accepted.filter((one) => {
       if ((frame !== null && frame >= one.frame) || Date.now() > one.until) {

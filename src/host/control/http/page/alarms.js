@@ -3,7 +3,7 @@
 import {ago, byId, el, field, keyed, openDialog, setText, timeOf} from "./ui.js";
 import {alarmWord} from "./words.js";
 
-const kWho = "tavrel.who";  // who acknowledges from this browser
+const kWho = "tavrel.who";  // stores the name of the person who acknowledges from this browser
 
 export class AlarmList {
   #wall;
@@ -16,7 +16,7 @@ export class AlarmList {
   }
 
   render() {
-    // What nobody has acknowledged first, then the latest.
+    // Those that nobody has acknowledged first, then the latest.
     const rank = (alarm) => (alarm.acknowledged || alarm.masked ? 1 : 0);
     const alarms = this.#wall.alarms.sort((a, b) => rank(a) - rank(b) || (b.at ?? 0) - (a.at ?? 0));
     const open = this.#wall.openAlarms.length;
@@ -63,7 +63,7 @@ export function askAcknowledge(name, alarm, submit) {
   try {
     who.input.value = localStorage.getItem(kWho) || "";
   } catch {
-    // A browser that keeps nothing.
+    // A browser that stores nothing.
   }
   return openDialog({
     title: `Acknowledge ${alarm ? alarmWord(alarm) + " of " : "the alarms of "}${name}`,
@@ -72,7 +72,7 @@ export function askAcknowledge(name, alarm, submit) {
       try {
         localStorage.setItem(kWho, who.input.value);
       } catch {
-        // Likewise.
+        // The same.
       }
       const command = {command: "acknowledge", channel: name, who: who.input.value.trim(),
                        note: note.input.value.trim()};

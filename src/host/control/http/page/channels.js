@@ -1,5 +1,5 @@
-// The list of channels, which carries everything that the picture shows, and the panel of the
-// chosen one.
+// The list of channels, which has everything that the picture shows, and the panel of the
+// chosen channel.
 
 import {byId, el, keyed, openDialog, setText, toggle} from "./ui.js";
 import {alarmWord, audioWord, decodingWord, labelOf, stateWord} from "./words.js";

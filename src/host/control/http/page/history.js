@@ -1,4 +1,4 @@
-// What happened in the last day: from the wall's memory, then from its events.
+// The history of the last day: from the wall's memory, then from its events.
 
 import {byId, el, keyed, setText} from "./ui.js";
 import {describeEvent} from "./words.js";
@@ -73,7 +73,7 @@ export class History {
         });
   }
 
-  // The state says which alarms are raised, the history when that was.
+  // The state has the alarms that are raised, the history the time at which they were.
   #learn(entries) {
     for (const channel of this.#wall.channels) {
       for (const alarm of channel.live?.alarms || []) {

@@ -1,4 +1,4 @@
-// What the keys do, outside of fields and dialogs.
+// The keys, outside of fields and dialogs.
 
 import {el, openDialog} from "./ui.js";
 

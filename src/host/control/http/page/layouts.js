@@ -4,7 +4,7 @@ import {byId, el, field, openDialog} from "./ui.js";
 
 const kSvg = "http://www.w3.org/2000/svg";
 
-// Rows of as many windows as there are channels, for layouts whose places follow from them.
+// Windows in rows, one for each channel, for layouts whose places depend on the channels.
 function rows(count, canvas) {
   const columns = Math.ceil(Math.sqrt(count));
   const width = canvas.width / columns;
@@ -49,7 +49,7 @@ export async function openLayouts(wall, run) {
         layout.places = rows(wall.channels.length, wall.canvas);
       }
     }
-    // The canvas has no room for one without places.
+    // A layout without places does not fit on the canvas.
     const usable = layouts.filter((layout) => layout.places.length > 0);
     list.replaceChildren(...usable.map((layout) => {
       const apply = el("button", {type: "button", class: "layout",

@@ -1,4 +1,4 @@
-// The operator's page: what the others do, put together.
+// The operator's page: puts the other modules together.
 
 import {Actions} from "./actions.js";
 import {AlarmList, askAcknowledge, askMask} from "./alarms.js";
@@ -28,7 +28,7 @@ const mayChange = () => role === "operate";
 const run = (commands) => actions.run(commands);
 const ifMay = (action) => (...parameters) => (mayChange() ? action(...parameters) : undefined);
 
-// What an operator can do; for who may only look, what is left of it.
+// The operator's actions; with the role "view" only those that change nothing.
 const hands = {
   isOperator: mayChange,
   canSwap: mayChange,
@@ -172,7 +172,7 @@ async function completeState() {
       wall.mergeLive(await answer.json());
     }
   } catch {
-    // The connection notices.
+    // The connection detects the failure.
   }
 }
 

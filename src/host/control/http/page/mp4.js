@@ -1,5 +1,5 @@
-// What the page reads of fragmented MP4: the time scale of a track, and where a fragment lies in
-// time. A box is its size in 32 bits, its type in four letters, and what it holds.
+// What the page reads of fragmented MP4: the time scale of a track, and the decode time of a
+// fragment. A box is its size in 32 bits, its type in four letters, and its content.
 
 function findBox(view, path, from = 0, to = view.byteLength) {
   for (let at = from; at + 8 <= to;) {
@@ -20,14 +20,14 @@ function findBox(view, path, from = 0, to = view.byteLength) {
 
 const viewOf = (bytes) => new DataView(bytes.buffer, bytes.byteOffset, bytes.byteLength);
 
-// Units in a second; null when the init segment has none.
+// Units per second; null when the init segment has none.
 export function timeScaleOf(init) {
   const view = viewOf(init);
   const box = findBox(view, ["moov", "trak", "mdia", "mdhd"]);
   return box ? view.getUint32(box.from + (view.getUint8(box.from) === 1 ? 20 : 12)) || null : null;
 }
 
-// In units of the time scale; null when the fragment does not say it.
+// In units of the time scale; null when the fragment has none.
 export function baseTimeOf(fragment) {
   const view = viewOf(fragment);
   const box = findBox(view, ["moof", "traf", "tfdt"]);

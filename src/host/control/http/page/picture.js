@@ -1,5 +1,5 @@
-// What the wall looks like at this moment: as video where browser and wall can, as stills where
-// not. A picture that stands still is never shown as if it were live.
+// The live picture of the wall: as video where browser and wall support it, otherwise as stills. A
+// picture that stands still is never shown as if it were live.
 //
 // Events: "frame" when another frame is shown, "state" when anything of its state has changed,
 // "listening" (detail: {channel, why}).
@@ -14,7 +14,7 @@ const kStillEvery = 400;
 const kStillLimit = 4000;
 const kFirstFrameLimit = 4000;
 const kUsualCodec = "avc1.42C01F";
-const kMaxFailures = 3;       // of video within a minute, before stills take its place
+const kMaxFailures = 3;       // of video within a minute, before stills replace it
 
 export class Picture extends EventTarget {
   mode = "none";      // "video", "stills", "none"
@@ -72,7 +72,7 @@ export class Picture extends EventTarget {
     return this.mode === "video";
   }
 
-  // Messages of the wall that are about the picture; true when it was one.
+  // Handles messages of the wall about the picture; false for others.
   takeMessage(message) {
     if (message.event === "preview") {
       if (message.on !== false && this.mode === "video") {
@@ -97,7 +97,8 @@ export class Picture extends EventTarget {
     return false;
   }
 
-  // Is called for a click: browsers let nothing else begin to sound. Returns why not, or null.
+  // Must be called for a click: browsers start audio for nothing else. Returns why it failed, or
+  // null.
   async listen(name) {
     if (name !== null) {
       this.#prepareAudio();
@@ -114,7 +115,7 @@ export class Picture extends EventTarget {
     this.#stop();
   }
 
-  // Of what is heard, peak in dBFS, -60 at least.
+  // Peak of the audio that is heard, in dBFS, at least -60.
   get level() {
     if (!this.#analyser || this.heard === null) {
       return -60;
@@ -186,7 +187,8 @@ export class Picture extends EventTarget {
     this.#setMode("none");
   }
 
-  // What is heard continues in the background; nothing else costs the wall anything there.
+  // In the background only audio that is heard continues; everything else is paused, at no cost to
+  // the wall.
   #pauseUnlessHeard() {
     if (this.heard !== null) {
       return;
@@ -215,7 +217,7 @@ export class Picture extends EventTarget {
       this.#connection.ask({preview: false});
       this.#toStills(`The video cannot be played: ${why}`);
     } else if (this.#connection.isOpen) {
-      // With an init segment and a keyframe again.
+      // Starts again with an init segment and a keyframe.
       this.#connection.ask({preview: false}).then(() => this.#start());
     }
   }
@@ -237,7 +239,7 @@ export class Picture extends EventTarget {
           this.#hasShown();
         }
       } catch {
-        // What stands still is noticed by its age.
+        // A picture that stands still is detected by its age.
       }
       await new Promise((resolve) => {
         setTimeout(resolve, Math.max(50, kStillEvery - (performance.now() - begun)));

@@ -1,4 +1,4 @@
-// The dialogs that add, change and remove a source. What the wall finds wrong stands at its field.
+// The dialogs that add, change and remove a source. Errors of the wall are shown at their fields.
 
 import {el, field, openDialog} from "./ui.js";
 
@@ -12,7 +12,8 @@ function sourceFields(channel) {
   };
 }
 
-// Puts what the wall says to the field that it points at, and returns what belongs to none.
+// Shows the wall's message at the field to which it points, and returns true; returns the message
+// when it points to none.
 function showProblem(problem, fields) {
   const key = (problem.pointer || "").split("/")[1];
   if (Object.hasOwn(fields, key)) {

@@ -14,7 +14,7 @@ export class Stage {
   #heard = null;
   #drag = null;  // {from, x, y, active}
 
-  // hands: {select(name), solo(name), swap(name, other)}; each does nothing for who may only look.
+  // hands: {select(name), solo(name), swap(name, other)}; with the role "view" each does nothing.
   constructor(wall, hands) {
     this.#wall = wall;
     this.#hands = hands;
@@ -47,7 +47,7 @@ export class Stage {
     }
   }
 
-  // The shown channel that lies next in a direction; null when there is none.
+  // The nearest shown channel in a direction; null when there is none.
   neighbour(name, dx, dy) {
     const from = this.shown.find((channel) => channel.name === name);
     if (!from) {

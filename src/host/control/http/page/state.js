@@ -4,8 +4,8 @@
 // the history).
 
 const kMaxPending = 64;
-const kPlacesLimit = 5000;       // milliseconds until places take effect without a frame that says so
-const kPlacesLimitBlind = 1500;  // likewise, of a picture whose frames have no number
+const kPlacesLimit = 5000;       // milliseconds until places take effect without a frame that shows them
+const kPlacesLimitBlind = 1500;  // the same for a picture whose frames have no number
 
 const placesOf = (channels) => JSON.stringify(
     channels.map((channel) => [channel.name, channel.shown, channel.window]));
@@ -22,7 +22,7 @@ export class Wall extends EventTarget {
   isKnown = false;
   // The channels with the places that the picture shows at this moment.
   places = [];
-  // What this page looks at; the wall's own selection is in the channels.
+  // The channel chosen on this page; the wall's own selection is in the channels.
   chosen = null;
   #pending = [];  // places that take effect with a later frame: {frame, at, channels}
   #raisedAt = new Map();  // "channel\nalarm" -> when it was raised, where that is known
@@ -55,7 +55,7 @@ export class Wall extends EventTarget {
     this.#changed();
   }
 
-  // What is live of the channels, asked for separately.
+  // Takes `live` of the channels, which is requested separately.
   mergeLive(wall) {
     const live = new Map(wall.channels.map((channel) => [channel.name, channel.live]));
     for (const channel of this.channels) {
@@ -99,7 +99,7 @@ export class Wall extends EventTarget {
     this.#changed();
   }
 
-  // The frame that the picture shows; null when that is not known.
+  // frame: number of the frame that the picture shows; null when that is not known.
   advanceTo(frame) {
     const now = Date.now();
     let changed = false;
@@ -139,7 +139,7 @@ export class Wall extends EventTarget {
       for (const alarm of channel.live?.alarms || []) {
         const at = this.raisedAt(channel.name, alarm);
         const one = channel.acknowledged?.[alarm];
-        // One that was raised again is not acknowledged any more.
+        // An alarm that was raised again is no longer acknowledged.
         const acknowledged = one && (at === null || Date.parse(one.at) >= at) ? one : null;
         all.push({channel, alarm, at, acknowledged, masked});
       }
@@ -157,7 +157,7 @@ export class Wall extends EventTarget {
 
   #change(event) {
     if (event.version <= this.version) {
-      return;  // the snapshot has it
+      return;  // already in the snapshot
     }
     const before = new Map(this.channels.map((channel) => [channel.name, channel.live]));
     const state = this.#stateOf(event.state);

@@ -1,4 +1,4 @@
-// Elements, texts and dialogs. What comes from the wall becomes text here, and never markup.
+// Elements, texts and dialogs. What comes from the wall becomes text here, never markup.
 
 // el("button", {class: "x", onclick: f, "aria-label": "y"}, "text", child, ...)
 export function el(tag, properties = {}, ...children) {
@@ -18,7 +18,7 @@ export function el(tag, properties = {}, ...children) {
 
 export const byId = (id) => document.getElementById(id);
 
-// Changes a text only when it differs, so that nothing is read out twice.
+// Changes a text only when it differs, so that screen readers read nothing twice.
 export function setText(element, text) {
   if (element.textContent !== text) {
     element.textContent = text;
@@ -31,8 +31,8 @@ export function toggle(element, attribute, on) {
   }
 }
 
-// Keeps the children of a container in step with a list: one for each key, in order; those that
-// stay are the same elements, so that the focus stays where it is.
+// Updates the children of a container from a list: one for each key, in order; those that stay are
+// the same elements, so that the focus is kept.
 export function keyed(container, items, keyOf, create, update) {
   const known = new Map();
   for (const child of container.children) {
@@ -59,8 +59,9 @@ export function keyed(container, items, keyOf, create, update) {
   }
 }
 
-// A modal dialog with a form. fields: elements; submit(): returns a promise, and the dialog closes
-// when it is true. Returns a promise of whether it was submitted.
+// A modal dialog with a form. body: elements; submit(): returns a promise; the dialog closes when
+// that resolves to null, and stays open with a text, which it shows, or true. Returns a promise of
+// whether it was submitted.
 export function openDialog({title, body, submitText, submit, danger = false}) {
   return new Promise((resolve) => {
     let done = false;

@@ -4,14 +4,14 @@ import {baseTimeOf, timeScaleOf} from "./mp4.js";
 
 const kChaseEvery = 200;   // milliseconds
 const kFaster = 1.05;      // playback rate that catches up
-const kChaseFrom = 0.4;    // seconds behind what has come
+const kChaseFrom = 0.4;    // seconds behind the newest data
 const kChaseTo = 0.25;
 const kSeekFrom = 2;
-const kAhead = 0.1;        // seconds that playback may be ahead of what has come
-const kKeep = 10;          // seconds behind the current one that stay in the buffers
+const kAhead = 0.1;        // seconds that playback may be ahead of the newest data
+const kKeep = 10;          // seconds before the playback position that stay in the buffers
 const kMaxTimes = 1000;
 const kMaxWaiting = 500;   // fragments that wait for a buffer
-const kAudioLate = 3;      // seconds after which the picture waits for audio no more
+const kAudioLate = 3;      // seconds after which the picture no longer waits for audio
 
 // The bytes that wait for a SourceBuffer, which takes one piece at a time.
 class Track {
@@ -31,7 +31,7 @@ class Track {
       const {buffered} = this.#buffer;
       return buffered.length > 0 ? buffered.end(buffered.length - 1) : null;
     } catch {
-      return null;  // is no part of its source any more
+      return null;  // no longer part of its source
     }
   }
 
@@ -51,7 +51,7 @@ class Track {
         this.#buffer.remove(0, time);
       }
     } catch {
-      // Likewise.
+      // The same.
     }
   }
 
@@ -81,7 +81,7 @@ class Track {
 // Events: "frame" when another frame is shown, "failed" (detail: why).
 export class Video extends EventTarget {
   frame = null;     // number of the composed frame that is shown
-  newest = null;    // that has come
+  newest = null;    // number of the newest frame that has come
   #element;
   #source = null;
   #url = null;
@@ -89,9 +89,9 @@ export class Video extends EventTarget {
   #video = null;    // {codec, init, timeScale, fragments since the keyframe}
   #audio = null;    // {codec, init}
   #isAudioLate = false;
-  #times = [];      // of the fragments that came: {time, frame}
+  #times = [];      // of the fragments that have come: {time, frame}
   #lastTime = -1;
-  #lastEnd = 0;     // of what could be played, a moment ago
+  #lastEnd = 0;     // end of the buffered data at the last check
   #timer = null;
 
   constructor(element) {
@@ -110,7 +110,7 @@ export class Video extends EventTarget {
     return "MediaSource" in window && MediaSource.isTypeSupported(`video/mp4; codecs="${codec}"`);
   }
 
-  // Before an init segment; codec: "avc1.42C01F".
+  // Called before an init segment; codec: "avc1.42C01F".
   beginVideo(codec) {
     this.#video = {codec, init: null, timeScale: null, fragments: null};
   }
@@ -189,7 +189,7 @@ export class Video extends EventTarget {
     this.#tracks.video?.append(bytes);
   }
 
-  // A MediaSource takes no further track once it plays: with audio, and without it, it is another
+  // A MediaSource accepts no further track once it plays: switching audio on or off needs another
   // one, which begins with the latest keyframe.
   #open() {
     this.#close();
@@ -243,7 +243,7 @@ export class Video extends EventTarget {
     this.dispatchEvent(new CustomEvent("failed", {detail: why}));
   }
 
-  // Stays close behind what comes: a little faster while it is behind, a jump when it is far.
+  // Stays close behind the newest data: plays a little faster while behind, jumps when far behind.
   #chase() {
     const element = this.#element;
     const {buffered} = element;
@@ -258,7 +258,7 @@ export class Video extends EventTarget {
     const start = buffered.start(buffered.length - 1);
     const end = buffered.end(buffered.length - 1);
     const behind = end - element.currentTime;
-    // One that ran ahead of what has come would take all of it for late.
+    // If playback ran ahead of the data, everything would count as late.
     const isAhead = behind < -kAhead && end > this.#lastEnd;
     this.#lastEnd = end;
     if (element.currentTime < start || isAhead || behind > kSeekFrom) {

@@ -1,4 +1,4 @@
-// What the wall reports, in words.
+// The wall's reports in words.
 
 const kStates = {
   opening: "opening", live: "live", held: "last frame held", lost: "lost",
@@ -30,7 +30,7 @@ export function labelOf(channel) {
   return channel.label_file ? `(from ${channel.label_file})` : channel.label || "";
 }
 
-// A name inside a sentence must not turn the direction of what follows it.
+// A name inside a sentence must not change the text direction of what follows it.
 const withoutDirections = (text) => text.replace(/[\u202a-\u202e\u2066-\u2069]/g, "");
 
 function keysOf(command) {
