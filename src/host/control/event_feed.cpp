@@ -11,6 +11,8 @@ namespace host::control {
 
 namespace {
 
+// Each change carries the whole state.
+constexpr std::size_t kMaxKeptBytes = 16'000'000;
 constexpr EventFeed::Limits kHistoryWaiting{1024, 16'000'000};
 
 }  // namespace
@@ -56,8 +58,10 @@ void EventFeed::Publish(std::string line) {
   // Under the lock, so that every client gets the events in their order.
   const os::MutexLock guard(lock_);
   const Event event{++latest_, std::make_shared<const std::string>(std::move(line))};
+  bytes_ += event.line->size();
   events_.push_back(event);
-  if (events_.size() > kept_) {
+  while (events_.size() > kept_ || bytes_ > kMaxKeptBytes) {
+    bytes_ -= events_.front().line->size();
     events_.pop_front();
   }
   std::erase_if(clients_, [&](const std::weak_ptr<Subscription>& client) {

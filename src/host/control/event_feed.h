@@ -77,6 +77,7 @@ class EventFeed {
   const std::size_t kept_;
   mutable os::Mutex lock_;
   std::deque<Event> events_ GUARDED_BY(lock_);
+  std::size_t bytes_ GUARDED_BY(lock_) = 0;  // of these
   std::uint64_t latest_ GUARDED_BY(lock_) = 0;
   std::uint64_t dropped_ GUARDED_BY(lock_) = 0;
   std::vector<std::weak_ptr<Subscription>> clients_ GUARDED_BY(lock_);

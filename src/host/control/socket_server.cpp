@@ -23,6 +23,8 @@ using Kind = CommandError::Kind;
 constexpr std::size_t kMaxUnsent = 262'144;  // bytes of answers, beyond which no request is read
 constexpr std::size_t kMaxRequests = 16;     // of one client that wait for their results
 constexpr std::chrono::milliseconds kAcceptPause{100};
+// For a client that was dropped to read why.
+constexpr std::chrono::milliseconds kRemovePeriod{5000};
 constexpr int kMaxDepth = 16;  // of a request
 constexpr const char* kTooLong = "a request has at most 1000000 bytes in its line";
 
@@ -114,7 +116,7 @@ class SocketServer::Clients : public std::enable_shared_from_this<Clients> {
       for (auto& [number, client] : clients_) {
         items.push_back({&client.socket, client.MayRead(), !client.unsent.empty()});
       }
-      poll_.Wait(items, isPaused ? kAcceptPause : std::chrono::milliseconds(-1));
+      poll_.Wait(items, isPaused ? kAcceptPause : kRemovePeriod);
       TakeAnswers();
       auto item = items.begin() + 1;
       for (auto client = clients_.begin(); client != clients_.end(); ++item) {
@@ -139,12 +141,15 @@ class SocketServer::Clients : public std::enable_shared_from_this<Clients> {
   }
 
  private:
+  using Clock = std::chrono::steady_clock;
   struct Client {
     os::Socket socket;
     std::string received;
     std::string unsent;
     std::size_t requests = 0;  // that have no result yet
     bool isEnding = false;     // once everything is sent
+    // When it is removed though it has not read everything.
+    std::optional<Clock::time_point> removedAt{};
     std::shared_ptr<EventFeed::Subscription> events;
 
     bool HasLine() const { return received.find('\n') != std::string::npos; }
@@ -177,6 +182,9 @@ class SocketServer::Clients : public std::enable_shared_from_this<Clients> {
         return false;
       }
       client.unsent.erase(0, *sent);
+    }
+    if (client.removedAt && Clock::now() >= *client.removedAt) {
+      return false;
     }
     const bool isDone = client.unsent.empty() && client.requests == 0 && !client.HasLine();
     return !(client.isEnding && isDone);
@@ -282,6 +290,7 @@ class SocketServer::Clients : public std::enable_shared_from_this<Clients> {
     if (client.events->isDropped()) {
       client.unsent += "{\"dropped\":true}\n";
       client.isEnding = true;
+      client.removedAt = Clock::now() + kRemovePeriod;
     } else if (client.unsent.empty()) {
       // Until these are sent, later ones wait in the feed, which limits them.
       for (const EventFeed::Event& event : client.events->Take()) {

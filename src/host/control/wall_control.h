@@ -92,6 +92,7 @@ class WallControl {
   void Close();
 
  private:
+  // NOLINTNEXTLINE(bugprone-exception-escape): see Request
   struct Waiting {
     Request request;
     std::function<void(const Result&)> done;

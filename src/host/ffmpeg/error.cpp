@@ -85,7 +85,9 @@ void Callback(void* object, int level, const char* format, va_list arguments) {
   av_log_format_line2(object, level, format, arguments, piece.data(),
                       static_cast<int>(piece.size()), &partialLine.printPrefix);
   partialLine.text += piece.data();
-  if (partialLine.text.empty() || partialLine.text.back() != '\n') {
+  constexpr std::size_t kMaxLine = 64 << 10;  // bytes; what has no end by then is a line
+  if (partialLine.text.size() < kMaxLine &&
+      (partialLine.text.empty() || partialLine.text.back() != '\n')) {
     return;
   }
   std::string line = std::exchange(partialLine.text, {});

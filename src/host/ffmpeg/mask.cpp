@@ -5,6 +5,7 @@
 #include <cctype>
 #include <charconv>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <optional>
 #include <set>
@@ -172,31 +173,29 @@ std::string Unescaped(std::string_view text) {
   return plain;
 }
 
-// Longest first, because one may be a part of another. Kept permanently: a log line may be late.
+// Longest first, because one may be a part of another.
 struct LongestFirst {
   bool operator()(const std::string& a, const std::string& b) const {
     return a.size() != b.size() ? a.size() > b.size() : a < b;
   }
 };
-os::Mutex secretsLock;
-std::set<std::string, LongestFirst>& Secrets() REQUIRES(secretsLock) {
-  static std::set<std::string, LongestFirst> secrets;
-  return secrets;
-}
-
-void Remember(std::string_view secret) {
-  constexpr std::size_t kMinLength = 4;  // bytes
-  const os::MutexLock guard(secretsLock);
-  for (const std::string& form : {std::string(secret), Unescaped(secret)}) {
-    if (form.size() >= kMinLength && form != kMask) {
-      Secrets().insert(form);
-    }
-  }
+struct HiddenTexts {
+  struct Use {
+    std::size_t users = 0;
+    std::size_t releases = 0;  // of those in released
+  };
+  std::map<std::string, Use, LongestFirst> texts;
+  std::deque<std::string> released;  // oldest first; some are in use again
+};
+os::Mutex hiddenLock;
+HiddenTexts& Hidden() REQUIRES(hiddenLock) {
+  static HiddenTexts hidden;
+  return hidden;
 }
 
 std::string WithoutSecrets(std::string text) {
-  const os::MutexLock guard(secretsLock);
-  for (const std::string& secret : Secrets()) {
+  const os::MutexLock guard(hiddenLock);
+  for (const auto& [secret, use] : Hidden().texts) {
     for (std::size_t at = text.find(secret); at != std::string::npos;
          at = text.find(secret, at + kMask.size())) {
       text.replace(at, secret.size(), kMask);
@@ -290,27 +289,58 @@ std::string MaskUrl(std::string_view url) {
   return MaskWhole(url, [](auto) {});
 }
 
-void RememberSecrets(std::string_view url, const std::map<std::string, std::string>& options) {
-  MaskWhole(url, [](std::string_view secret) {
-    Remember(secret);
+Secrets::Secrets(std::string_view url, const std::map<std::string, std::string>& options) {
+  MaskWhole(url, [this](std::string_view secret) {
+    Hide(secret);
     // The password alone is a secret, too.
     if (const std::size_t colon = secret.find(':'); colon != std::string_view::npos) {
-      Remember(secret.substr(colon + 1));
+      Hide(secret.substr(colon + 1));
     }
   });
   for (const auto& [name, value] : options) {
     if (!IsSecretOption(name)) {
       continue;
     }
-    Remember(value);
+    Hide(value);
     // Of each header, the value after the name.
     for (std::string_view rest = value; !rest.empty();) {
       const std::string_view line = rest.substr(0, rest.find_first_of("\r\n"));
       rest.remove_prefix(std::min(line.size() + 1, rest.size()));
       if (const std::size_t colon = line.find(": "); colon != std::string_view::npos) {
-        Remember(line.substr(colon + 2));
+        Hide(line.substr(colon + 2));
       }
     }
+  }
+}
+
+void Secrets::Hide(std::string_view secret) {
+  constexpr std::size_t kMinLength = 4;  // bytes
+  const os::MutexLock guard(hiddenLock);
+  for (const std::string& form : {std::string(secret), Unescaped(secret)}) {
+    if (form.size() >= kMinLength && form != kMask) {
+      ++Hidden().texts[form].users;
+      texts_.push_back(form);
+    }
+  }
+}
+
+Secrets::~Secrets() {
+  constexpr std::size_t kMaxReleased = 1000;
+  const os::MutexLock guard(hiddenLock);
+  HiddenTexts& hidden = Hidden();
+  for (std::string& text : texts_) {
+    HiddenTexts::Use& use = hidden.texts[text];
+    if (--use.users == 0) {
+      ++use.releases;
+      hidden.released.push_back(std::move(text));
+    }
+  }
+  while (hidden.released.size() > kMaxReleased) {
+    const auto oldest = hidden.texts.find(hidden.released.front());
+    if (--oldest->second.releases == 0 && oldest->second.users == 0) {
+      hidden.texts.erase(oldest);
+    }
+    hidden.released.pop_front();
   }
 }
 

@@ -19,7 +19,8 @@ namespace {
 
 constexpr int kSampleRate = 48'000;
 constexpr int kChannels = 2;
-constexpr std::size_t kMaxWaiting = 256;  // frames of a channel
+constexpr std::size_t kMaxWaiting = 256;   // frames of a channel
+constexpr std::size_t kMaxStretches = 64;  // more than anybody chooses before the audio comes
 
 Time LengthOf(const AVFrame& frame) {
   return av_rescale(frame.nb_samples, kSecond, frame.sample_rate);
@@ -81,7 +82,7 @@ void FollowMixer::Follow(std::optional<std::size_t> channel, Time from) {
   }
   stretches_.push_back({channel, from, ++stretchCount_});
   // Without audio nothing else ends those that are over.
-  while (EndOf(0) + kFormerTimeout <= from) {
+  if (stretches_.size() > kMaxStretches) {
     stretches_.pop_front();
   }
 }

@@ -71,7 +71,7 @@ std::string RecordingFiles::Name() const {
 
 std::string RecordingFiles::NextName() {
   const std::string name = Name();
-  const std::string next = existing_ == Existing::kReplaced ? name : FreeName(name);
+  std::string next = existing_ == Existing::kReplaced ? name : FreeName(name);
   avoided_ = next != name;
   return next;
 }

@@ -18,7 +18,7 @@ namespace {
 constexpr int kUnknownRate = 48'000;
 constexpr int kUnknownChannels = 2;
 // FLV timestamps have 31 bits of milliseconds: 24.8 days.
-constexpr Time kMaxFlvLength = 24 * 24 * 3600 * kSecond;
+constexpr Time kMaxFlvLength = Time{24} * 24 * 3600 * kSecond;
 // FLV, and RTMP with it, has one track of audio.
 std::size_t MaxAudioTracks(const std::string& format) {
   return format == "flv" ? 1 : std::numeric_limits<std::size_t>::max();

@@ -51,7 +51,9 @@ std::pair<int, int> PreviewSize(const config::Canvas& canvas,
   const double shown = canvas.width * canvas.pixelAspect().value();
   const double scale =
       std::min({1.0, options.width / shown, options.height / static_cast<double>(canvas.height)});
-  const auto even = [](double size) { return std::max(2, 2 * static_cast<int>(size / 2 + 0.5)); };
+  const auto even = [](double size) {
+    return std::max(2, 2 * static_cast<int>(std::lround(size / 2)));
+  };
   return {even(shown * scale), even(canvas.height * scale)};
 }
 

@@ -44,10 +44,10 @@ Clock::time_point At(Time time) {
 }
 
 // Of the PCR, in units of 1/90,000 s.
-constexpr std::int64_t kMaxGapTicks = 80 * 90;
-constexpr std::int64_t kStepTicks = 40 * 90;
+constexpr std::int64_t kMaxGapTicks = std::int64_t{80} * 90;
+constexpr std::int64_t kStepTicks = std::int64_t{40} * 90;
 // A longer gap is a pause of the source.
-constexpr std::int64_t kMaxFilledTicks = 10 * 90'000;
+constexpr std::int64_t kMaxFilledTicks = std::int64_t{10} * 90'000;
 constexpr std::int64_t kWrapTicks = std::int64_t{1} << 33;
 constexpr int kPacket = TransportPacer::kPacketSize;
 constexpr int kBuffer = kPacket * 348;
@@ -249,7 +249,8 @@ void PcrFiller::Insert(std::int64_t pcr) {
   packet[4] = kPacket - 5;
   packet[5] = 0x10;
   for (int i = 0; i < 4; ++i) {
-    packet[static_cast<std::size_t>(6 + i)] = static_cast<std::uint8_t>(pcr >> (25 - 8 * i));
+    packet[std::size_t{6} + static_cast<std::size_t>(i)] =
+        static_cast<std::uint8_t>(pcr >> (25 - 8 * i));
   }
   packet[10] = static_cast<std::uint8_t>((pcr & 1) << 7 | 0x7E);
   packet[11] = 0;

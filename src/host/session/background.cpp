@@ -67,8 +67,9 @@ int EvenAtLeast(double value) {
 // The middle part of `all` pixels: `wanted` as an even number, or all. before, after: cut off.
 void CentredPart(double wanted, int all, std::size_t& before, std::size_t& after) {
   const int part = wanted < all ? std::min(all, std::max(2, EvenAtLeast(wanted))) : all;
-  before = static_cast<std::size_t>((all - part) / 4 * 2);
-  after = static_cast<std::size_t>(all - part) - before;
+  const auto rest = static_cast<std::size_t>(all - part);
+  before = rest / 4 * 2;
+  after = rest - before;
 }
 
 // Cuts off what lies outside of a canvas of that aspect (width to height as shown), so that what is

@@ -6,25 +6,14 @@
 #include <string_view>
 #include <system_error>
 
+#include "host/ffmpeg/mask.h"
+
 namespace host {
 namespace {
 
 constexpr std::chrono::milliseconds kBetweenLooks{250};
 constexpr std::chrono::milliseconds kStopLimit{500};  // for a look at a file to end
 constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
-
-// Without the last character of UTF-8 when bytes of it are missing.
-std::size_t EndOfWholeCharacters(std::string_view text) {
-  constexpr std::size_t kMaxBytes = 4;  // of one
-  for (std::size_t bytes = 1; bytes <= std::min(text.size(), kMaxBytes); ++bytes) {
-    const auto byte = static_cast<unsigned char>(text[text.size() - bytes]);
-    if ((byte & 0xC0) != 0x80) {
-      const int wanted = byte < 0xC0 ? 1 : byte < 0xE0 ? 2 : byte < 0xF0 ? 3 : 4;
-      return static_cast<std::size_t>(wanted) > bytes ? text.size() - bytes : text.size();
-    }
-  }
-  return text.size();
-}
 
 }  // namespace
 
@@ -37,10 +26,11 @@ std::optional<std::string> LabelFile::Read() const {
   if (!file) {
     return std::nullopt;
   }
-  std::string text(kMax, '\0');
+  constexpr std::size_t kLongestCharacter = 4;  // bytes
+  std::string text(kMax + kLongestCharacter, '\0');
   file.read(text.data(), static_cast<std::streamsize>(text.size()));
   text.resize(static_cast<std::size_t>(file.gcount()));
-  text.resize(EndOfWholeCharacters(text));
+  text.resize(ffmpeg::CutToBytes(text, kMax).size());
   if (text.starts_with(kByteOrderMark)) {
     text.erase(0, kByteOrderMark.size());
   }

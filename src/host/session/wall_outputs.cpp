@@ -68,7 +68,6 @@ void ShareEncoders(std::vector<OutputSet::Item>& items) {
 OutputSet::Item ItemOf(const config::Canvas& canvas, const config::Output& output, bool live) {
   OutputSet::Item item;
   item.name = ffmpeg::MaskUrl(output.url);
-  ffmpeg::RememberSecrets(output.url, output.options);
   item.encoder = EncoderOf(canvas, output, live);
   if (live && output.bitRate == 0 && (IsWatchedLive(output) || IsHls(output))) {
     item.encoder.maxRate = static_cast<std::int64_t>(canvas.width * canvas.height *
@@ -194,6 +193,9 @@ std::vector<ScreenOutput::Status> WallScreens::status() const {
 WallOutputs::WallOutputs(const config::Wall& wall, const Settings& settings,
                          OutputObserver* observer, qorp::log::ILogPerf* logger)
     : takeAudio_(settings.takeAudio) {
+  for (const config::Output& output : wall.outputs) {
+    secrets_.emplace_back(output.url, output.options);
+  }
   OutputSet::Settings outputs = OutputsOfWall(wall, settings.live);
   outputs.queue = settings.queue;
   outputs.finishLimit = settings.finishLimit;

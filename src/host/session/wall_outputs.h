@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -12,6 +13,7 @@
 
 #include "host/config/wall.h"
 #include "host/feed/audio_format.h"
+#include "host/ffmpeg/mask.h"
 #include "host/output/follow_track.h"
 #include "host/output/output.h"
 #include "host/output/output_set.h"
@@ -103,6 +105,7 @@ class WallOutputs {
   void Finish(const std::function<bool()>& hurried);
 
  private:
+  std::deque<ffmpeg::Secrets> secrets_;  // of the outputs
   const TakePacket takeAudio_;
   std::vector<std::shared_ptr<AudioTrack>> tracks_;  // of the slots, then the follow track
   std::unique_ptr<OutputSet> set_;

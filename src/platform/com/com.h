@@ -199,7 +199,7 @@ class ComPtr {
     if (T* const old = std::exchange(object_, nullptr)) {
       old->Release();
     }
-  }
+  }  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks): the last release deletes the object
   void Swap(ComPtr& other) noexcept { std::swap(object_, other.object_); }
 
   // For out-parameters that receive a counted reference; releases the present one first.

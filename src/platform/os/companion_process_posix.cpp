@@ -93,6 +93,7 @@ int Spawn(const std::string& program, const std::vector<std::string>& arguments,
   std::vector<std::string> texts{program};
   texts.insert(texts.end(), arguments.begin(), arguments.end());
   std::vector<char*> pointers;
+  pointers.reserve(texts.size() + 1);
   for (std::string& text : texts) {
     pointers.push_back(text.data());
   }

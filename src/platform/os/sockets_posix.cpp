@@ -303,8 +303,8 @@ std::filesystem::path RuntimeFolder(std::string_view program) {
     return std::filesystem::path("/run") / program;
   }
   // Another user may have made the folder, and could put a socket of their own into it.
-  const std::filesystem::path own = std::filesystem::temp_directory_path() /
-                                    (std::string(program) + "-" + std::to_string(::geteuid()));
+  std::filesystem::path own = std::filesystem::temp_directory_path() /
+                              (std::string(program) + "-" + std::to_string(::geteuid()));
   struct stat found {};
   if ((::mkdir(own.c_str(), 0700) != 0 && errno != EEXIST) || ::lstat(own.c_str(), &found) != 0) {
     throw std::runtime_error(own.string() + ": " + ErrorText(errno));

@@ -74,6 +74,13 @@ class Client {
     received_.erase(0, end == std::string::npos ? end : end + 1);
     return line;
   }
+  // Without reading what the server has sent.
+  bool IsDisconnected() {
+    os::SocketPoll poll;
+    std::vector<os::SocketPoll::Item> items{{&socket_, false}};
+    poll.Wait(items, std::chrono::milliseconds(0));
+    return items[0].hasEnded;
+  }
   json Ask(const json& request) {
     Send(request.dump() + "\n");
     return json::parse(Line());
@@ -135,6 +142,8 @@ TEST(SocketServer, AnswersEveryRequestAndBoundsEveryClient) {
     control.events().Publish("{\"x\":\"" + std::string(20'000, 'x') + "\"}");
     return control.events().dropped() > 0;
   });
+  WaitUntil("it is disconnected", [&] { return slow.IsDisconnected(); });
+  EXPECT_FALSE(watcher.IsDisconnected());
   control.Close();
 }
 
@@ -262,7 +271,15 @@ TEST(Tally, ReadsAllVersionsInAnyFragmentsAndSkipsInvalidBytes) {
 
 TEST(Tally, SetsSelectionColourAndLabelWithBoundedRequests) {
   RecordingExecutor executor;
-  WallControl control(TwoChannels(), executor, {});
+  // The border of the second window would leave the canvas.
+  config::Wall wall = config::ParseWall(
+                          "[[channel]]\nname='A'\nsource='udp://239.1.1.1:1'\ntally_index=7\n"
+                          "window=[0,0,256,144]\n"
+                          "[[channel]]\nname='B'\nsource='udp://239.1.1.1:2'\n"
+                          "window=[1664,0,256,144]\n",
+                          "/")
+                          .wall;
+  WallControl control(std::move(wall), executor, {});
   config::TallyOptions options;
   options.listen = {{false, {"127.0.0.1", 0}}};
   options.senders = {"127.0.0.0/8"};
@@ -293,6 +310,8 @@ TEST(Tally, SetsSelectionColourAndLabelWithBoundedRequests) {
   }
   expect(Packet(Display(0xFFFF, 0, "end")), "#FFFFFF end;#FFFFFF end;");
   EXPECT_LT(executor.frame - before, 100);
+  // What is refused does not take the label with it.
+  expect(Packet(Display(2, 0x01, "edge")), "#FFFFFF end;#FFFFFF edge;");
   control.Close();
 }
 

@@ -303,7 +303,7 @@ std::vector<PlaylistVariant> FindVariants(const config::Channel& channel,
   }
   if (MayBePlaylist(channel.source) && !ffmpeg::PipeInput::Serves(channel.source)) {
     const SourceAddress address(channel.source);
-    ffmpeg::RememberSecrets(channel.source, channel.options.options);
+    const ffmpeg::Secrets secrets(channel.source, channel.options.options);
     ffmpeg::Options options;
     for (const auto& [key, value] : address.OpenOptions(channel.options.options)) {
       options.Set(key.c_str(), value);

@@ -21,6 +21,9 @@ namespace host {
 
 namespace {
 
+// Of a replacement until it is read: seconds of the fastest sources.
+constexpr std::size_t kMaxPacketBytes = std::size_t{64} << 20;
+
 bool IsAt(const AVFormatContext& input, int index, const ReplacementInput::Position& position) {
   return input.streams[index]->codecpar->codec_type == position.kind &&
          OrdinalOf(input, index) == position.ordinal;
@@ -76,6 +79,7 @@ void ReplacementInput::Run(State& state) {
         ffmpeg::OpenInput(settings.name, opened.playlist ? opened.playlist->io() : nullptr, options,
                           *opened.deadline);
     DiscardOthers(*opened.input, settings.positions);
+    std::size_t bytes = 0;
     for (bool reached = false; !reached;) {
       ffmpeg::Packet packet = ffmpeg::MakePacket();
       ffmpeg::Check(av_read_frame(opened.input.get(), packet.get()), "cannot read");
@@ -83,6 +87,10 @@ void ReplacementInput::Run(State& state) {
       const std::optional<Time> time = ffmpeg::ToTime(packet->dts, stream.time_base);
       for (const Position& position : settings.positions) {
         if (time && *time > position.latest && IsAt(*opened.input, stream.index, position)) {
+          bytes += static_cast<std::size_t>(packet->size);
+          if (bytes > kMaxPacketBytes) {
+            throw ffmpeg::Error(AVERROR(ENOMEM), "cannot keep the packets of a replacement");
+          }
           opened.packets.push_back(std::move(packet));
           reached = &position == &settings.positions.front();
           break;

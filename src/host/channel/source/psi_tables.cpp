@@ -281,10 +281,31 @@ void PmtMonitor::Feed(Bytes bytes) {
 }
 
 void PmtMonitor::ProgramAssociation(Bytes section) {
+  std::set<int> pids;
   for (std::size_t at = SectionReader::kHeader; at + 4 <= section.size(); at += 4) {
     const bool isProgram = (section[at] | section[at + 1]) != 0;  // 0: the NIT
-    if (isProgram) {
-      sections_.Follow(SectionReader::PidAt(section, at + 2));
+    const int pid = SectionReader::PidAt(section, at + 2);
+    if (isProgram && pid != SectionReader::kPatPid) {
+      pids.insert(pid);
+    }
+  }
+  const int number = section[6];
+  const int last = section[7];
+  const std::map<int, std::set<int>> former = pmtsOfPat_;
+  pmtsOfPat_[number] = std::move(pids);
+  pmtsOfPat_.erase(pmtsOfPat_.upper_bound(last), pmtsOfPat_.end());
+  if (pmtsOfPat_ == former) {
+    return;
+  }
+  // Those that are announced no more would fill the reader within months.
+  for (const auto& [ofSection, gone] : former) {
+    for (const int pid : gone) {
+      sections_.Unfollow(pid);
+    }
+  }
+  for (const auto& [ofSection, announced] : pmtsOfPat_) {
+    for (const int pid : announced) {
+      sections_.Follow(pid);
     }
   }
 }

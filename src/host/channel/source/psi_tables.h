@@ -189,9 +189,10 @@ class PmtMonitor {
   void ProgramMap(Bytes section);
 
   TransportPackets packets_;
-  SectionReader sections_;     // of PID 0 and of PMTs
-  std::map<int, Form> forms_;  // as first announced, by PID
-  std::set<int> changed_;      // PIDs
+  SectionReader sections_;                    // of PID 0 and of the PMTs that are announced
+  std::map<int, std::set<int>> pmtsOfPat_{};  // PIDs, by number of the PAT's section
+  std::map<int, Form> forms_;                 // as first announced, by PID
+  std::set<int> changed_;                     // PIDs
 };
 
 }  // namespace host

@@ -108,10 +108,9 @@ std::string LateData(const MediaSettings& settings) {
 SourceConnection::SourceConnection(const MediaSettings& settings, std::function<bool()> isChanged)
     : settings_(settings),
       maskedSource_(ffmpeg::MaskUrl(settings_.source)),
+      secrets_(settings_.source, settings_.options.options),
       address_(settings_.source),
-      isChanged_(std::move(isChanged)) {
-  ffmpeg::RememberSecrets(settings_.source, settings_.options.options);
-}
+      isChanged_(std::move(isChanged)) {}
 
 void SourceConnection::Fail(MediaError::Kind kind, const std::string& reason) const {
   throw MediaError(kind, reason, maskedSource_);

@@ -17,6 +17,7 @@
 #include "host/ffmpeg/handles.h"
 #include "host/ffmpeg/inputs.h"
 #include "host/ffmpeg/io_deadline.h"
+#include "host/ffmpeg/mask.h"
 
 namespace host {
 
@@ -121,6 +122,7 @@ class SourceConnection {
 
   const MediaSettings& settings_;
   const std::string maskedSource_;
+  const ffmpeg::Secrets secrets_;
   const SourceAddress address_;
   const std::function<bool()> isChanged_;
   ffmpeg::IoDeadline deadline_;

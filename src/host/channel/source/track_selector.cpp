@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <numeric>
 #include <utility>
 #include <vector>
 
@@ -49,6 +50,23 @@ bool StreamFailover::IsPreceded(const Candidate& candidate) const {
   });
 }
 
+void StreamFailover::LimitKept() {
+  const auto keepsLess = [](const auto& a, const auto& b) {
+    return a.second.keptBytes < b.second.keptBytes;
+  };
+  const auto all = [this] {
+    return std::accumulate(
+        candidates_.begin(), candidates_.end(), std::size_t{0},
+        [](std::size_t sum, const auto& entry) { return sum + entry.second.keptBytes; });
+  };
+  while (all() > kMaxKeptBytes) {
+    Candidate& largest =
+        std::max_element(candidates_.begin(), candidates_.end(), keepsLess)->second;
+    largest.keptBytes -= static_cast<std::size_t>(largest.kept.front()->size);
+    largest.kept.pop_front();
+  }
+}
+
 bool StreamFailover::OnOther(const AVPacket& packet, const Candidacy& candidacy) {
   Candidate& candidate = candidates_[packet.stream_index];
   candidate.received += candidacy.duration;
@@ -57,10 +75,7 @@ bool StreamFailover::OnOther(const AVPacket& packet, const Candidacy& candidacy)
   candidate.isInWantedLanguage = candidacy.isInWantedLanguage;
   candidate.kept.push_back(ffmpeg::RefPacket(packet));
   candidate.keptBytes += static_cast<std::size_t>(packet.size);
-  while (candidate.keptBytes > kMaxKeptBytes) {
-    candidate.keptBytes -= static_cast<std::size_t>(candidate.kept.front()->size);
-    candidate.kept.pop_front();
-  }
+  LimitKept();
   if (candidacy.replacesWithdrawn) {
     return candidate.packets >= kPacketsAfterWithdrawal;
   }

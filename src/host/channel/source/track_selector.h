@@ -38,7 +38,7 @@ class StreamFailover {
   static constexpr Time kSilence = 2 * kSecond;
   static constexpr Time kStable = kSecond;
   static constexpr int kPacketsAfterWithdrawal = 10;
-  static constexpr std::size_t kMaxKeptBytes = std::size_t{16} << 20;
+  static constexpr std::size_t kMaxKeptBytes = std::size_t{32} << 20;  // of all streams
 
   struct Candidacy {
     Time duration = 0;  // of the packet
@@ -70,6 +70,8 @@ class StreamFailover {
   };
 
   bool IsPreceded(const Candidate& candidate) const;
+  // Keeps no more than kMaxKeptBytes: the stream with the most of them loses its oldest packets.
+  void LimitKept();
 
   int chosen_;
   std::map<int, Candidate> candidates_;  // by stream index

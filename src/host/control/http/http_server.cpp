@@ -250,7 +250,8 @@ Answer HttpServer::Core::Metrics() const {
   text.Add(std::uint64_t{connections_.count()});
   text.Gauge("tavrel_followers", "Clients that follow the events of the wall.");
   // The history of the last day is one of them, but not a client.
-  text.Add(std::uint64_t{control.events().clients()} - 1);
+  // The history is one of them, but for a moment when it was dropped.
+  text.Add(std::uint64_t{std::max<std::size_t>(control.events().clients(), 1)} - 1);
   text.Counter("tavrel_followers_dropped_total", "Followers that were too slow.");
   text.Add(control.events().dropped());
   return {.contentType = MetricsText::kContentType, .body = text.text()};

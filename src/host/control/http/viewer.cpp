@@ -108,7 +108,7 @@ nlohmann::json Viewer::Listen(const nlohmann::json& channel) {
 }
 
 std::string Viewer::EndOfHeard() {
-  if (const std::string end = heard_->audio->end(); !end.empty()) {
+  if (std::string end = heard_->audio->end(); !end.empty()) {
     return end;
   }
   if (heard_->deadline && Clock::now() >= *heard_->deadline) {

@@ -90,6 +90,7 @@ class TallyReceiver::Receiving : public std::enable_shared_from_this<Receiving> 
 
  private:
   using Clock = std::chrono::steady_clock;
+  enum class Outcome { kAccepted, kRefused, kBusy };
   struct Connection {
     os::Socket socket;
     TallyParser parser;
@@ -101,6 +102,8 @@ class TallyReceiver::Receiving : public std::enable_shared_from_this<Receiving> 
     Shown before;                       // the one sent before that
     std::optional<std::string> colour;  // of the label, before green or amber
     bool isOnItsWay = false;
+    std::size_t fields = 0;         // of the request that is or was on its way
+    bool isSplit = false;           // what was refused together is requested field by field
     Clock::time_point notBefore{};  // the earliest time of the next request
   };
 
@@ -211,11 +214,15 @@ class TallyReceiver::Receiving : public std::enable_shared_from_this<Receiving> 
   void Submit(const std::string& name, Channel& channel, const ChannelEntry& entry) {
     const Shown before = channel.sent;
     const Shown& wanted = channel.wanted;
+    Shown next = before;
     nlohmann::json command = {{"command", "set"}, {"channel", name}};
+    const std::size_t empty = command.size();
+    const auto takesMore = [&] { return !channel.isSplit || command.size() == empty; };
     if (wanted.red != before.red) {
-      command["selected"] = wanted.red;
+      command["selected"] = next.red = wanted.red;
     }
-    if (wanted.label != before.label) {
+    if (wanted.label != before.label && takesMore()) {
+      next.label = wanted.label;
       if (before.label == Lamp::kOff) {
         channel.colour = entry.settings.options.colour;
       }
@@ -223,42 +230,48 @@ class TallyReceiver::Receiving : public std::enable_shared_from_this<Receiving> 
                           : wanted.label == Lamp::kAmber ? kAmber
                                                          : channel.colour.value_or("#FFFFFF");
     }
-    if (wanted.text != before.text) {
-      command["label"] = wanted.text;
+    if (wanted.text != before.text && takesMore()) {
+      command["label"] = next.text = wanted.text;
     }
-    channel.before = std::exchange(channel.sent, wanted);
-    if (command.size() == 2) {
-      return;
-    }
+    channel.before = std::exchange(channel.sent, next);
+    channel.fields = command.size() - empty;
     channel.isOnItsWay = true;
     control_.Submit(
         {std::move(command), "tally", {}}, [self = shared_from_this(), name](const Result& result) {
           const auto* const error = std::get_if<CommandError>(&result);
-          self->Finish(name, error != nullptr && error->kind() == CommandError::Kind::kBusy);
+          self->Finish(name, error == nullptr                             ? Outcome::kAccepted
+                             : error->kind() == CommandError::Kind::kBusy ? Outcome::kBusy
+                                                                          : Outcome::kRefused);
         });
   }
 
-  // Any thread. isBusy: the request has to be made again.
-  void Finish(const std::string& name, bool isBusy) {
+  // Any thread.
+  void Finish(const std::string& name, Outcome outcome) {
     {
       const os::MutexLock guard(lock_);
-      finished_[name] = isBusy;
+      finished_[name] = outcome;
     }
     poll_.Wake();
   }
 
   void TakeFinished() {
-    std::map<std::string, bool> finished;
+    std::map<std::string, Outcome> finished;
     {
       const os::MutexLock guard(lock_);
       finished.swap(finished_);
     }
-    for (const auto& [name, isBusy] : finished) {
+    for (const auto& [name, outcome] : finished) {
       Channel& channel = channels_[name];
       channel.isOnItsWay = false;
-      if (isBusy) {
+      if (outcome == Outcome::kBusy) {
         channel.sent = channel.before;
         channel.notBefore = Clock::now() + kRetry;
+      } else if (outcome == Outcome::kRefused && channel.fields > 1) {
+        // Perhaps for one of the fields: the others are not to be lost with it.
+        channel.sent = channel.before;
+        channel.isSplit = true;
+      } else {
+        channel.isSplit = channel.isSplit && channel.sent != channel.wanted;
       }
     }
   }
@@ -274,7 +287,7 @@ class TallyReceiver::Receiving : public std::enable_shared_from_this<Receiving> 
   bool isPaused_ = false;  // nothing could be accepted: perhaps too many files are open
   std::array<char, kMaxBuffer> buffer_{};
   os::Mutex lock_;
-  std::map<std::string, bool> finished_ GUARDED_BY(lock_);
+  std::map<std::string, Outcome> finished_ GUARDED_BY(lock_);
 };
 
 TallyReceiver::TallyReceiver(const config::TallyOptions& options, WallControl& control)

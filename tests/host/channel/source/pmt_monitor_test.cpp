@@ -65,6 +65,17 @@ TEST(PmtMonitor, KnowsPrivateDataByTheDescriptorThatNamesItsCodec) {
   EXPECT_TRUE(watch.HasChanged(kAudioPid));
 }
 
+TEST(PmtMonitor, FollowsTheProgramsOfThePresentHoweverManyThereWere) {
+  host::PmtMonitor watch;
+  constexpr int kFirst = 0x200;
+  for (int pid = kFirst; pid <= kFirst + static_cast<int>(host::SectionReader::kMaxPids); ++pid) {
+    watch.Feed(Packets(0, Section(0, {0, 1, static_cast<std::uint8_t>(0xE0 | pid >> 8),
+                                      Low(static_cast<std::size_t>(pid))})));
+  }
+  watch.Feed(Join({Association(), Map(kMpeg2, 0x0F), Map(kH264, 0x0F)}));
+  EXPECT_TRUE(watch.HasChanged(kVideoPid));
+}
+
 TEST(PmtMonitor, IgnoresWhatIsDamagedOrNoTransportStream) {
   host::PmtMonitor watch;
   watch.Feed(Join({Association(), Map(kMpeg2, 0x0F)}));

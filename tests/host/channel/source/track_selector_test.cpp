@@ -14,6 +14,7 @@ extern "C" {
 }
 
 #include "host/channel/source/media_reader.h"
+#include "host/ffmpeg/error.h"
 #include "tests/host/clips.h"
 #include "tests/support/http_server.h"
 #include "tests/support/pipe.h"
@@ -149,6 +150,15 @@ TEST(StreamFailover, PrefersTheWantedLanguageAndReturnsToTheChosenStream) {
   }
   ASSERT_FALSE(other(0, true) || other(0, true) || other(0, true));
   EXPECT_TRUE(other(0, true));
+
+  // However many streams wait, together they keep no more than that.
+  StreamFailover many(0);
+  ffmpeg::Check(av_new_packet(packet.get(), 1 << 20), "no packet");
+  for (int i = 0; i < 4 * 16; ++i) {
+    packet->stream_index = 1 + i % 4;
+    many.OnOther(*packet, {1, false, false});
+  }
+  EXPECT_EQ(many.TakeKept(1).size() << 20, StreamFailover::kMaxKeptBytes / 4);
 }
 
 // A channel must not stay without audio because it was opened before its audio began.

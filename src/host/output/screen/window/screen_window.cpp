@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -215,9 +216,9 @@ class ScreenWindow {
                          (static_cast<double>(setup_.height) * setup_.shapeY);
     SDL_Rect place{0, 0, width, height};
     if (width > height * shape) {
-      place.w = static_cast<int>(height * shape + 0.5);
+      place.w = static_cast<int>(std::lround(height * shape));
     } else {
-      place.h = static_cast<int>(width / shape + 0.5);
+      place.h = static_cast<int>(std::lround(width / shape));
     }
     place.x = (width - place.w) / 2;
     place.y = (height - place.h) / 2;
