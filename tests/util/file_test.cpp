@@ -31,19 +31,6 @@ class FileOperations : public testing::Test {
   const TemporaryFolder folder;
 };
 
-TEST_F(FileOperations, DropEmptyPartsAndSingleDotsOfAPath) {
-  for (const auto& [given, path] : {std::pair("C:\\data\\.\\logs\\\\", "C:\\data\\logs"),
-                                    {".\\..\\a\\..", ".\\..\\a\\.."},
-                                    {"\\root\\x", "\\root\\x"}}) {
-    EXPECT_EQ(File(given).Path(), path);
-  }
-  EXPECT_THAT(File("\\\\server\\\\share").Components(),
-              testing::ElementsAre("\\\\server", "share"));
-  for (const std::string none : {"", "\\", "\\\\"}) {
-    EXPECT_EQ(FailureOf([&] { const File file(none); }), "invalid path [" + none + "]");
-  }
-}
-
 TEST_F(FileOperations, MakeCopyAndRemoveWholeTrees) {
   WriteWholeFile(folder / "f", "a file in the way");
   for (const char* const name : {"a\\b\\c", "a\\b\\c", "f\\d"}) {

@@ -90,22 +90,6 @@ TEST(TextCodecs, Utf16ParserPairsSurrogatesAndNamesTheFault) {
                               });
 }
 
-// Invalid code points are encoded by the same arithmetic.
-TEST(TextCodecs, EmittersChooseTheShortestForm) {
-  const CodePoints edges{0x00,   0x7F,    0x80,    0x7FF,    0x800,
-                         0xFFFF, 0x10000, 0x1F600, 0x10FFFF, 0xD800};
-  EXPECT_EQ(
-      qorp::CreateTextEmitter(qorp::kUtf8)->Emit(edges),
-      (TextBytes{0x00, 0x7F, 0xC2, 0x80, 0xDF, 0xBF, 0xE0, 0xA0, 0x80, 0xEF, 0xBF, 0xBF, 0xF0, 0x90,
-                 0x80, 0x80, 0xF0, 0x9F, 0x98, 0x80, 0xF4, 0x8F, 0xBF, 0xBF, 0xED, 0xA0, 0x80}));
-  EXPECT_EQ(qorp::CreateTextEmitter(qorp::kUtf8)->Emit({0x200000}),
-            (TextBytes{0xF8, 0x80, 0x80, 0x80}));
-  EXPECT_EQ(qorp::CreateTextEmitter(qorp::kUtf16LE)->Emit(edges),
-            (TextBytes{0x00, 0x00, 0x7F, 0x00, 0x80, 0x00, 0xFF, 0x07, 0x00, 0x08,
-                       0xFF, 0xFF, 0x00, 0xD8, 0x00, 0xDC, 0x3D, 0xD8, 0x00, 0xDE,
-                       0xFF, 0xDB, 0xFF, 0xDF, 0xF6, 0xDB, 0x00, 0xDC}));
-}
-
 TEST(TextCodecs, TranscodeChecksEveryCodePointAndNamesAnUnknownEncoding) {
   // NUL, a surrogate, and beyond the last one.
   for (const TextBytes& bytes :
@@ -137,13 +121,6 @@ TEST(ComException, ReadsAProductCodeAsAProductMessageAndOthersAsThePlatforms) {
   EXPECT_GT(COMException(E_FAIL).BuildMessage().size(), 0U);
   // A gap in the product's table.
   EXPECT_EQ(textOf(0x80250009), "COM Error 80250009: Invalid error code");
-}
-
-TEST(StringFormat, GivesTheWholeTextHoweverLong) {
-  for (const std::size_t length : {0U, 253U, 254U, 100000U}) {
-    const std::string text(length, 'x');
-    EXPECT_EQ(qorp::StringFormat("%s %d", text.c_str(), 7), text + " 7") << length;
-  }
 }
 
 }  // namespace

@@ -26,8 +26,8 @@ std::optional<std::string> LabelFile::Read() const {
   if (!file) {
     return std::nullopt;
   }
-  constexpr std::size_t kLongestCharacter = 4;  // bytes
-  std::string text(kMax + kLongestCharacter, '\0');
+  constexpr std::size_t kMaxCharacter = 4;  // bytes
+  std::string text(kMax + kMaxCharacter, '\0');
   file.read(text.data(), static_cast<std::streamsize>(text.size()));
   text.resize(static_cast<std::size_t>(file.gcount()));
   text.resize(ffmpeg::CutToBytes(text, kMax).size());

@@ -68,19 +68,6 @@ TEST(DatagramSocket, SendsOnAfterADestinationThatDidNotListen) {
   EXPECT_FALSE(os::DatagramSocket().IsValid());
 }
 
-TEST(Volumes, AreTheMountedFileSystemsThatHoldFiles) {
-  std::istringstream table(
-      "21 1 8:1 / / rw,relatime shared:1 - ext4 /dev/sda1 rw\n"
-      "22 21 0:5 / /proc rw - proc proc rw\n"
-      "23 21 0:6 / /dev rw - devtmpfs udev rw\n"
-      "24 21 8:2 / /media/my\\040disc\\134x rw shared:2 master:3 - vfat /dev/sdb1 rw\n"
-      "25 21 8:3 / /media/odd\\9 rw - xfs /dev/sdc1 rw\n"
-      "a damaged line\n"
-      "26 21 8:1 /x / rw - ext4 /dev/sda1 rw\n");
-  EXPECT_THAT(os::ParseVolumeRoots(table),
-              ElementsAre("\\", "\\media\\my disc\\x\\", "\\media\\odd\\9\\"));
-}
-
 // The process uses memory, descriptors and time, which the figures must show.
 TEST(SystemStatistics, FollowWhatTheProcessDoes) {
   const os::SystemStatistics before = os::ReadSystemStatistics();

@@ -36,20 +36,6 @@ TEST(Event, AutomaticLetsOneWaitPassAndManualStaysSet) {
   }
 }
 
-TEST(Semaphore, CountsUpToItsMaximum) {
-  Semaphore semaphore(1, 3);
-  EXPECT_TRUE(semaphore.Release(2));
-  EXPECT_FALSE(semaphore.Release());
-  EXPECT_TRUE(semaphore.Wait(0));
-  EXPECT_FALSE(semaphore.Release(2)) << "3 is the maximum, 2 are left";
-  EXPECT_FALSE(semaphore.Release(0));
-  EXPECT_TRUE(semaphore.Wait(0));
-  EXPECT_TRUE(semaphore.Wait(0));
-  EXPECT_FALSE(semaphore.Wait(0));
-  EXPECT_THROW(Semaphore(2, 1), std::invalid_argument);
-  EXPECT_THROW(Semaphore(0, 0), std::invalid_argument);
-}
-
 TEST(WaitAny, TakesTheLowestSignalledIndexOfAnyNumberAndThatOneOnly) {
   std::vector<std::unique_ptr<Event>> events;
   std::vector<Waitable*> all;
