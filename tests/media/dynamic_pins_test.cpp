@@ -242,6 +242,9 @@ TEST(DynamicOutputPin, MarksTheFirstSampleOfAConnectionAndOfAChange) {
   EXPECT_TRUE(sendAndGetType() == small);
   EXPECT_FALSE(sendAndGetType().IsValid());
   ASSERT_EQ(filter->pin.ChangeMediaType(large, false), S_OK);
+  const ComPtr<fakes::ForeignSample> timeless = fakes::ForeignSample::Create(4);
+  timeless->time = E_UNEXPECTED;
+  EXPECT_EQ(filter->pin.Deliver(timeless.Get()), E_UNEXPECTED);
   EXPECT_TRUE(sendAndGetType() == large);
   EXPECT_FALSE(sendAndGetType().IsValid());
   ASSERT_EQ(filter->pin.ChangeMediaType(large, false), S_OK) << "nothing changes";

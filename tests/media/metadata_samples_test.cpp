@@ -98,15 +98,17 @@ TEST_F(WrappedSampleTest, SharesItsDataAndHasAllElseOfItsOwn) {
 
 TEST_F(WrappedSampleTest, ReadsAndWritesAllOfItsPropertiesAtOnce) {
   CMediaType type(&MEDIATYPE_Video);
+  REFERENCE_TIME start = 3;
   sample->SetMediaType(&type);
+  sample->SetTime(&start, nullptr);
   const auto wrapper = CExternalMetaDataMediaSample::Create(sample.Get());
-  EXPECT_THAT(TimesOf(wrapper.Get()), Pair(-1, -1));
+  EXPECT_THAT(TimesOf(wrapper.Get()), Pair(3, 4));
   const auto write = [&](const AM_SAMPLE2_PROPERTIES& all, DWORD size = sizeof(all)) {
     return wrapper.As<IMediaSample2>()->SetProperties(size, reinterpret_cast<const BYTE*>(&all));
   };
   AM_SAMPLE2_PROPERTIES all = PropertiesOf(wrapper.Get());
   EXPECT_EQ(all.cbBuffer, kBytes);
-  EXPECT_EQ(all.dwSampleFlags, AM_SAMPLE_TYPECHANGED);
+  EXPECT_EQ(all.dwSampleFlags, AM_SAMPLE_TYPECHANGED | AM_SAMPLE_TIMEVALID) << "no stop";
   all.lActual = 5;
   all.tStart = 10;
   all.tStop = 20;

@@ -56,6 +56,7 @@ TEST_F(AudioPinsTest, APacketLeavesWithItsBytesInStepWithTheFrames) {
   const ComPtr<IMediaSample> packet = Packet(1000000, 1200000, "compressed");
   packet->SetSyncPoint(TRUE);
   packet->SetPreroll(TRUE);
+  packet->SetDiscontinuity(TRUE);
   REFERENCE_TIME mediaStart = 3;
   REFERENCE_TIME mediaStop = 4;
   packet->SetMediaTime(&mediaStart, &mediaStop);
@@ -67,11 +68,12 @@ TEST_F(AudioPinsTest, APacketLeavesWithItsBytesInStepWithTheFrames) {
   EXPECT_EQ(Bytes(samples[0].Get()), "compressed");
   EXPECT_EQ(samples[0]->IsSyncPoint(), S_OK);
   EXPECT_EQ(samples[0]->IsPreroll(), S_OK);
-  EXPECT_EQ(samples[0]->IsDiscontinuity(), S_FALSE);
+  EXPECT_EQ(samples[0]->IsDiscontinuity(), S_OK);
   EXPECT_EQ(samples[0]->GetMediaTime(&mediaStart, &mediaStop), S_OK);
   EXPECT_EQ(mediaStop, 4);
   EXPECT_NE(Pixels(samples[0].Get()), Pixels(packet.Get())) << "a copy of its own";
   EXPECT_THAT(fakes::TimesOf(samples[1].Get()), testing::Pair(-1, -1));
+  EXPECT_EQ(samples[1]->IsDiscontinuity(), S_FALSE);
   EXPECT_EQ(Bytes(samples[1].Get()), "untimed");
 }
 

@@ -9,12 +9,14 @@
 #include <gtest/gtest.h>
 
 #include "host/channel/alarm_monitor.h"
+#include "host/channel/channel_alarms.h"
 #include "host/channel/channel_ingest.h"
 #include "host/channel/channel_life.h"
 #include "host/channel/channel_queue.h"
 #include "host/channel/item_placer.h"
 #include "host/channel/source/media_reader.h"
 #include "host/channel/video/frame_meter.h"
+#include "tests/host/observers.h"
 #include "util/reopen_delay.h"
 
 namespace host {
@@ -138,10 +140,11 @@ TEST_F(AlarmMonitorTest, RaisesAfterTheTimeToSetAndClearsAfterTheTimeToClear) {
 }
 
 TEST_F(AlarmMonitorTest, RaisesOneAlarmForOneFault) {
-  Run(6 * kSecond, kBlack);  // a black frame is still, too
+  Run(6 * kSecond, kBlack, 1.0F);  // a black frame is still, too
   Run(3 * kSecond, kNone);
   Run(2 * kSecond, kMoves);
-  EXPECT_THAT(changes_, ElementsAre("black+0", "loss+6000", "black-6000", "loss-9000"));
+  EXPECT_THAT(changes_, ElementsAre("clipping+0", "black+0", "loss+6000", "black-6000",
+                                    "clipping-5960", "loss-9000"));
 }
 
 TEST_F(AlarmMonitorTest, CountsMissingAudioAsSilence) {
@@ -157,6 +160,9 @@ TEST_F(AlarmMonitorTest, CountsMissingAudioAsSilence) {
   EXPECT_EQ(monitor_.audio(), AudioState::kPresent) << "before the alarm is over";
   Run(2 * kSecond, kMoves, 0.0F);
   EXPECT_EQ(monitor_.audio(), AudioState::kSilent);
+  monitor_.Opened(AudioAbsence::kNone, now_);
+  Run(2 * kSecond, kMoves, std::nullopt);
+  EXPECT_EQ(monitor_.audio(), AudioState::kNotStarted) << "whatever was heard before";
   monitor_.Opened(AudioAbsence::kNotInSource, now_);
   Run(4 * kSecond, kMoves, std::nullopt);
   EXPECT_EQ(changes_.back().substr(0, 8), "silence-") << "a source without audio is not silent";
@@ -175,6 +181,26 @@ TEST_F(AlarmMonitorTest, CountsPeaksInsteadOfWaitingForAudioThatClipsWithoutABre
   EXPECT_EQ(monitor_.raisedSince(AlarmKind::kClipping), 9 * kSecond);
   peaks(4 * kSecond, 10 * kSecond, 0);
   EXPECT_THAT(changes_, ElementsAre("clipping+9000", "clipping-19520"));
+}
+
+TEST(ChannelAlarms, AnAcknowledgementEndsWithItsAlarm) {
+  ChannelLog log;
+  const config::Channel channel;
+  ChannelAlarms alarms(channel, &log);
+  Time now = 0;
+  const auto isUrgentAfter = [&](bool black) {
+    for (const Time end = now + 20 * kSecond; now < end; now += kFrameTime) {
+      alarms.monitor().OnFrame(black, false, now);
+    }
+    return alarms.isUrgent(AlarmKind::kBlack);
+  };
+  EXPECT_TRUE(isUrgentAfter(true));
+  ChannelControls controls = alarms.controls();
+  controls.acknowledged[static_cast<std::size_t>(AlarmKind::kBlack)].emplace();
+  alarms.SetControls(controls, now);
+  EXPECT_FALSE(isUrgentAfter(true));
+  EXPECT_FALSE(isUrgentAfter(false));
+  EXPECT_TRUE(isUrgentAfter(true)) << "another one";
 }
 
 // A YV12 frame of 64x48 samples.
@@ -369,6 +395,7 @@ TEST_F(ChannelQueueTest, DropsOrMovesVoidItemsButNoEvents) {
   Levels(35);
   queue_.Move(100);
   now_ = 200;
+  EXPECT_EQ(queue_.roomAt(), 135 - kSecond + 1);
   EXPECT_THAT(Taken(), ElementsAre("news 20", "news 30", "news 30", "110", "135"));
 }
 

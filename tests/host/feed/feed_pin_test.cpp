@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "host/channel/channel_source.h"
+#include "host/feed/audio_encoder.h"
 #include "platform/baseclasses/base_filter.h"
 #include "platform/graph/filter_graph.h"
 #include "tests/host/observers.h"
@@ -68,13 +69,17 @@ TEST(FeedPin, ReportsEveryTimeThatNoBufferIsFree) {
   sink->Forget();
 }
 
-TEST(ChannelSource, SendsItsLabelUntilItIsTaken) {
-  ChannelLog observer;
+ChannelSettings DrivenChannel() {
   ChannelSettings settings;
   settings.channel.window = {0, 0, 16, 16};
   settings.label = "News";
   settings.driven = true;
-  const ComPtr<ChannelSource> channel = ChannelSource::Create(settings, &observer);
+  return settings;
+}
+
+TEST(ChannelSource, SendsItsLabelUntilItIsTaken) {
+  ChannelLog observer;
+  const ComPtr<ChannelSource> channel = ChannelSource::Create(DrivenChannel(), &observer);
   const ComPtr<fakes::Sink> sink = fakes::Sink::Create();
   int taken = 0;
   int refusals = 2;
@@ -92,6 +97,36 @@ TEST(ChannelSource, SendsItsLabelUntilItIsTaken) {
   }
   EXPECT_EQ(refusals, 0);
   EXPECT_EQ(taken, 1);
+  graph->Stop();
+}
+
+// Another channel is shown by the same source, whose audio has another form.
+TEST(ChannelSource, AMuteIsFilledWithSilenceInTheFormOfTheAudio) {
+  ChannelLog observer;
+  const ComPtr<ChannelSource> channel = ChannelSource::Create(DrivenChannel(), &observer);
+  const ComPtr<fakes::Sink> sink = fakes::Sink::Create();
+  std::vector<int> sizes;
+  sink->pin.onReceive = [&](IMediaSample* sample) {
+    sizes.push_back(sample->GetActualDataLength());
+    return S_OK;
+  };
+  const ComPtr<FilterGraph> graph = Graph(*channel, channel->audioPin(), *sink);
+  ASSERT_EQ(graph->Run(0), S_OK);
+  ChannelControls controls;
+  controls.mute = ChannelControls::Mute::kSilence;
+  std::vector<int> silences;
+  for (const int channels : {2, 1}) {
+    channel->Assign(DrivenChannel(), controls);
+    channel->queue().FollowClock([] { return kSecond; });
+    AudioPacket packet;
+    packet.packet = ffmpeg::MakePacket();
+    packet.format = AacFormat(48'000, channels, "");
+    silences.push_back(EncodeSilence(*packet.format)->size);
+    channel->queue().Push({0, 0, 1, std::move(packet)});
+    channel->DeliverUpTo(kSecond);
+  }
+  EXPECT_EQ(sizes, silences);
+  EXPECT_NE(silences[0], silences[1]);
   graph->Stop();
 }
 

@@ -89,18 +89,23 @@ TEST(PacketQueue, MeasuresItsLengthByTheVideoAndCountsWhatItDrops) {
 
   // After a GOP that is longer than the queue, what cannot be decoded is refused.
   PacketQueue small({3'000, kSecond * 100}, counters);
+  EXPECT_TRUE(small.DiscardFor(std::chrono::milliseconds(1)));
+  EXPECT_EQ(small.PushDropping(Picture(-1, false)), Pushed::kRefused);
   for (const auto& [number, pushed] : {std::pair(0, Pushed::kKept),
                                        {1, Pushed::kKept},
                                        {2, Pushed::kKept},
                                        {3, Pushed::kOverflowed},
                                        {4, Pushed::kRefused},
-                                       {5, Pushed::kKept}}) {
+                                       {5, Pushed::kKept},
+                                       {6, Pushed::kKept},
+                                       {7, Pushed::kKept},
+                                       {10, Pushed::kOverflowed}}) {
     EXPECT_EQ(small.PushDropping(Frame(number, number % 5 == 0)), pushed) << number;
     if (number == 4) {
       EXPECT_EQ(small.PushDropping(Audio(5)), Pushed::kRefused);
     }
   }
-  EXPECT_EQ(TimesIn(small, TrackPacket::kVideo), (std::vector<Time>{200}));
+  EXPECT_EQ(TimesIn(small, TrackPacket::kVideo), (std::vector<Time>{400}));
 }
 
 TEST(PacketQueue, SkipsToTheNewestKeyframeWithItsAudio) {

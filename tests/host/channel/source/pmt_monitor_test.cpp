@@ -40,8 +40,13 @@ Bytes Map(std::uint8_t video, std::uint8_t audio, const Bytes& descriptors = {},
 }
 
 TEST(PmtMonitor, DetectsAStreamThatContinuesInAnotherFormHoweverTheBytesAreCut) {
+  // Its rest is in a packet in which another section may begin.
+  Bytes changed = Map(kH264, 0x0F, {}, 200);
+  changed[189] |= 0x40;
+  changed.insert(changed.begin() + 192, 228 - 183);
+  changed.pop_back();
   const Bytes stream = Join({Association(), Map(kMpeg2, 0x0F, {}, 200), Map(kMpeg2, 0x0F, {}, 200),
-                             Association(), Map(kH264, 0x0F, {}, 200)});
+                             Association(), changed});
   for (const std::size_t piece : {1U, 7U, 188U, 189U, 1316U, 10'000U}) {
     host::PmtMonitor watch;
     for (std::size_t at = 0; at < stream.size(); at += piece) {

@@ -39,6 +39,16 @@ Bytes Packet(std::uint32_t sender, std::uint32_t number, const Bytes& payload,
   return packet;
 }
 
+// Begins like RTP, in the middle of a transport packet.
+Bytes ShiftedRaw(std::uint32_t name) {
+  Bytes raw(20, 0x80);
+  for (int i = 0; i < 4; ++i) {
+    const Bytes next = Payload(name);
+    raw.insert(raw.end(), next.begin(), next.end());
+  }
+  return raw;
+}
+
 class RtpReceiverTest : public testing::Test {
  protected:
   // A packet whose payload has its name, a millisecond after the one before.
@@ -134,11 +144,12 @@ TEST_F(RtpReceiverTest, StrayPacketsChangeNothingAndDoNotEndASource) {
     for (std::uint32_t number = 0; number < 1000; ++number) {
       Send(isRaw ? Payload(number) : Packet(7, number, Payload(number)));
       receiver_.Take(Packet(9, number, Bytes(100), 96), now_);  // no transport stream
-      if (!isRaw && number % 5 == 0) {
+      if (!isRaw && number % 5 == 4) {
         Send(Packet(9, 30'000 + number, Payload(1'000'000)));  // another sender's
         Send(Packet(7, number + 20'000, Payload(1'000'000)));  // a damaged sequence number
         Send(Packet(7, number, {}, 200));                      // RTCP
         Send(Packet(7, number + 1, Bytes(100), 96));           // error correction
+        Send(ShiftedRaw(1'000'000));                           // of another kind
       }
       ASSERT_FALSE(receiver_.carriesOther()) << number;
     }
@@ -208,12 +219,7 @@ TEST_F(RtpReceiverTest, PassesEveryByteOfARawStreamWithoutAlignment) {
 TEST_F(RtpReceiverTest, ADecisionIsRevisedWhenTheSenderChangesItsFraming) {
   for (int round = 0; round < 3; ++round) {
     for (std::uint32_t number = 0; number < 100; ++number) {
-      Bytes raw = Payload(number);
-      raw.insert(raw.begin(), 20, 0x80);  // begins like RTP, in the middle of a packet
-      const Bytes next = Payload(number);
-      for (int i = 1; i < 4; ++i) {
-        raw.insert(raw.end(), next.begin(), next.end());
-      }
+      const Bytes raw = ShiftedRaw(number);
       const RtpReceiver::Bytes given = receiver_.Take(raw, now_);
       EXPECT_EQ(given.size(), round > 0 && number < 2 ? 0 : raw.size()) << round << " " << number;
     }
