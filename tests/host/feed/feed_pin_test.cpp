@@ -113,7 +113,7 @@ TEST(ChannelSource, AMuteIsFilledWithSilenceInTheFormOfTheAudio) {
   const ComPtr<FilterGraph> graph = Graph(*channel, channel->audioPin(), *sink);
   ASSERT_EQ(graph->Run(0), S_OK);
   ChannelControls controls;
-  controls.mute = ChannelControls::Mute::kSilence;
+  controls.mute = config::Mute::kSilence;
   std::vector<int> silences;
   for (const int channels : {2, 1}) {
     channel->Assign(DrivenChannel(), controls);

@@ -90,7 +90,7 @@ TEST(PacketQueue, MeasuresItsLengthByTheVideoAndCountsWhatItDrops) {
   // After a GOP that is longer than the queue, what cannot be decoded is refused.
   PacketQueue small({3'000, kSecond * 100}, counters);
   EXPECT_TRUE(small.DiscardFor(std::chrono::milliseconds(1)));
-  EXPECT_EQ(small.PushDropping(Picture(-1, false)), Pushed::kRefused);
+  EXPECT_EQ(small.PushDropping(Frame(-1, false)), Pushed::kRefused);
   for (const auto& [number, pushed] : {std::pair(0, Pushed::kKept),
                                        {1, Pushed::kKept},
                                        {2, Pushed::kKept},
