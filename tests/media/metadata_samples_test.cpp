@@ -133,34 +133,6 @@ TEST_F(WrappedSampleTest, ReadsAndWritesAllOfItsPropertiesAtOnce) {
   EXPECT_EQ(write(all), E_INVALIDARG);
 }
 
-TEST_F(WrappedSampleTest, KeepsEachPropertyUnderItsNumberAndHandsItToItsOwnWrapper) {
-  const auto wrapper = CExternalMetaDataMediaSample::Create(sample.Get());
-  const auto data = MediaData::Create(wrapper.Get());
-  EXPECT_FALSE(data->GetCuePoint());
-  CuePoint cue{1};
-  const ParentalRating rating{2};
-  data->SetCuePoint(cue);
-  data->SetParentalRating(rating);
-  data->SetRecordingEvent({4, 5});
-  cue[0] = 9;
-  EXPECT_EQ(data->GetCuePoint(), CuePoint{1}) << "a copy";
-  const auto outer = CExternalMetaDataMediaSample::Create(wrapper.Get());
-  const auto store = wrapper.As<IMediaSample3>();
-  EXPECT_EQ(store->RemoveProperty(4), S_OK);
-  EXPECT_FALSE(data->GetParentalRating());
-  EXPECT_EQ(MediaData::Create(outer.Get())->GetParentalRating(), rating);
-  const BYTE* bytes = nullptr;
-  ULONG length = 0;
-  EXPECT_EQ(store->GetProperty(5, &bytes, &length), S_OK);
-  EXPECT_EQ(length, 2U);
-  // A property of another length is refused.
-  EXPECT_EQ(store->SetProperty(1, bytes, 2), S_OK);
-  EXPECT_THROW(data->GetSampleDate(), MediaDataError);
-  EXPECT_THAT([&] { MediaData2::Create(sample.Get())->SetParentalRating(rating); },
-              testing::ThrowsMessage<std::exception>(
-                  testing::StrEq("\"Parental Rating\" management needs IMediaSample3 interface")));
-}
-
 TEST(ForeignWrappedSample, IsReportedWithTheCodeOfItsAccessor) {
   using Answer = std::optional<HRESULT> fakes::ForeignSample::*;
   for (const auto& [answer, code] :

@@ -301,6 +301,8 @@ TEST(Tally, SetsSelectionColourAndLabelWithBoundedRequests) {
       return is == wanted;
     });
   };
+  // Green, then amber; afterwards the label has its own colour again.
+  expect(Packet(Display(2, 0x08, " ")), "#FFFFFF A;#00C000 B;");
   expect(Packet(Display(7, 0x01, "Kamera") + Display(2, 0x0C, " ") + Display(9, 1, "?")),
          "red #FFFFFF Kamera;#FFA000 B;");
   // A thousand changes while no request is carried out become one request for each channel.

@@ -55,23 +55,6 @@ TEST_F(FilterGraphTest, AFilterThatWillNotPauseStopsTheWholeGraph) {
   }
 }
 
-TEST_F(FilterGraphTest, MakesNamesUniqueAndFindsFiltersByThem) {
-  const ComPtr<Sink> another = Sink::Create();
-  EXPECT_EQ(graph_->AddFilter(another.Get(), u"sink"), VFW_S_DUPLICATE_NAME);
-  EXPECT_EQ(graph_->AddFilter(another.Get(), u"again"), E_INVALIDARG) << "it is here already";
-  ComPtr<IBaseFilter> found;
-  ASSERT_EQ(graph_->FindFilterByName(u"sink 2", found.Put()), S_OK);
-  EXPECT_TRUE(found.Get() == static_cast<IBaseFilter*>(another.Get()));
-  EXPECT_EQ(graph_->FindFilterByName(u"nobody", found.Put()), VFW_E_NOT_FOUND);
-  const ComPtr<Sink> stranger = Sink::Create();
-  EXPECT_EQ(graph_->ConnectDirect(&source_->pin, &stranger->pin, nullptr), VFW_E_NOT_IN_GRAPH);
-  FILTER_INFO info{};
-  ASSERT_EQ(another->QueryFilterInfo(&info), S_OK);
-  const auto graph = ComPtr<IFilterGraph>::Adopt(info.pGraph);
-  EXPECT_EQ(std::u16string(info.achName), u"sink 2");
-  EXPECT_TRUE(IsSameObject(graph.Get(), graph_.As<IFilterGraph>().Get()));
-}
-
 TEST_F(FilterGraphTest, EndsARunningGraphWithItsLastReference) {
   ASSERT_EQ(graph_->ConnectDirect(&source_->pin, &sink_->pin, nullptr), S_OK);
   ASSERT_EQ(graph_->Run(0), S_OK);

@@ -73,26 +73,6 @@ TEST_F(TextPainterTest, EmojiHaveColoursAndTheOpacityOfTheText) {
   }
 }
 
-TEST_F(TextPainterTest, AlignmentIsOfTheBitmapWhateverTheScript) {
-  for (const std::u16string_view text : {u"HEH", u"שבת"}) {
-    for (const bool wrap : {true, false}) {
-      const auto boundsAt = [&](TextAlignment alignment) {
-        return Paint(
-                   painter,
-                   {.text = text, .width = 300, .height = 40, .alignment = alignment, .wrap = wrap})
-            .Bounds();
-      };
-      const PixelBounds left = boundsAt(TextAlignment::kNear);
-      const PixelBounds right = boundsAt(TextAlignment::kFar);
-      EXPECT_LE(left.left, 4);
-      EXPECT_GE(right.right, 296);
-      EXPECT_NEAR(boundsAt(TextAlignment::kCentre).left, (left.left + right.left) / 2, 1);
-      EXPECT_LT(left.top, 20) << "text starts at the top";
-      EXPECT_EQ(left.top, right.top);
-    }
-  }
-}
-
 TEST_F(TextPainterTest, WhatDoesNotFitEndsInAnEllipsisOrIsCut) {
   const int width = 10 * Advance();
   const auto paint = [&](std::u16string_view text, bool wrap, int scale = 1) {
