@@ -10,6 +10,7 @@
 #include <sys/resource.h>
 
 #include "host/control/event_feed.h"
+#include "host/control/http/access.h"
 #include "host/control/http/routes.h"
 #include "tests/host/control/http_fixture.h"
 #include "tests/support/wait_until.h"
@@ -19,6 +20,30 @@ namespace {
 
 using ::testing::AllOf;
 using ::testing::HasSubstr;
+
+TEST(Connections, TheOneThatIsIdleForTheLongestTimeMakesRoom) {
+  Connections connections(3, 2);
+  std::string closed;
+  std::vector<Connections::Ticket> tickets;
+  const auto admit = [&](const std::string& address, const std::string& name) {
+    tickets.push_back(connections.Admit(address));
+    if (tickets.back()) {
+      tickets.back()->close = [&closed, name] { closed += name; };
+    }
+    return tickets.back() != nullptr;
+  };
+  ASSERT_TRUE(admit("a", "1") && admit("a", "2") && admit("b", "3"));
+  tickets[0]->SetIdle(true);  // its request has just ended
+  EXPECT_TRUE(admit("a", "4"));
+  EXPECT_EQ(closed, "2") << "one of the same client, which has as many as it may";
+  tickets[0]->SetIdle(false);
+  EXPECT_TRUE(admit("c", "5"));
+  EXPECT_EQ(closed, "23");
+  for (const Connections::Ticket& ticket : tickets) {
+    ticket->SetIdle(false);
+  }
+  EXPECT_FALSE(admit("d", "6")) << "none is idle";
+}
 
 TEST_F(HttpTest, ServesTheStateAndCarriesOutCommands) {
   Start();
@@ -90,6 +115,7 @@ TEST_F(HttpTest, RefusesForeignAndTooLargeRequestsAndLeavesTheWallUnchanged) {
            {post, solo, may + "Origin: http://127.0.0.1:1\r\n", "403"},  // another port
            {post, solo, may + "Origin: null\r\n", "403"},
            {post, solo, may + "Sec-Fetch-Site: cross-site\r\n", "403"},
+           {post, solo, may + "Sec-Fetch-Site: same-site\r\n", "403"},
            {"GET /events", "", may + "Origin: http://evil.example\r\n", "403"},
            {"GET /ws", "", may + "Origin: http://evil.example\r\n", "403"},
            {post, solo, may + "Host: evil.example\r\n", "421"},

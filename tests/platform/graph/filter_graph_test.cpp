@@ -62,15 +62,4 @@ TEST_F(FilterGraphTest, EndsARunningGraphWithItsLastReference) {
   EXPECT_EQ(graph_->AddFilter(Sink::Create().Get(), u"late"), VFW_E_NOT_STOPPED);
 }  // the fixture counts what is left
 
-TEST_F(FilterGraphTest, QueuesEventsInOrderAndForgetsTheOldestOfTooMany) {
-  EXPECT_FALSE(graph_->GetEvent(0ms).has_value());
-  for (LONG i = 0; i < static_cast<LONG>(FilterGraph::kMaxEvents) + 5; ++i) {
-    sink_->NotifyEvent(EC_USER + 1, i, 0);
-  }
-  EXPECT_EQ(graph_->GetEvent(10s)->parameter1, 5);
-  EXPECT_EQ(graph_->GetEvent(10s)->parameter1, 6);
-  graph_->RemoveFilter(sink_.Get());
-  EXPECT_EQ(sink_->NotifyEvent(EC_USER, 0, 0), E_NOTIMPL);
-}
-
 }  // namespace

@@ -19,23 +19,6 @@ using Reset = os::Event::Reset;
 
 constexpr std::uint32_t kLimit = 30000;  // ms; far beyond what any of these waits needs
 
-TEST(Event, AutomaticLetsOneWaitPassAndManualStaysSet) {
-  Event once(Reset::kAuto);
-  Event always(Reset::kManual, true);
-  EXPECT_FALSE(once.Wait(0));
-  once.Set();
-  once.Set();
-  EXPECT_TRUE(once.Wait(0));
-  EXPECT_FALSE(once.Wait(1));
-  EXPECT_TRUE(always.Wait(0));
-  EXPECT_TRUE(always.Wait(os::kInfinite));
-  for (Event* const event : {&once, &always}) {
-    event->Set();
-    event->Clear();
-    EXPECT_FALSE(event->Wait(0));
-  }
-}
-
 TEST(WaitAny, TakesTheLowestSignalledIndexOfAnyNumberAndThatOneOnly) {
   std::vector<std::unique_ptr<Event>> events;
   std::vector<Waitable*> all;
