@@ -307,7 +307,8 @@ TEST_F(PreviewTest, PlaysEveryCodecAtTheTimesOfTheWall) {
     const std::string name = "Cam " + std::to_string(slot + 1);
     const auto one = OpenFor({{"listen", name}});
     const auto other = OpenFor({{"listen", name}});
-    EXPECT_EQ(listening_.listeners(), 2U);
+    // Those of the codec before may still be in the hands of the publishing thread.
+    WaitUntil("two listen", [&] { return listening_.listeners() == 2; });
     const std::shared_ptr<AudioTrack> track = TrackOf(codec);
     const std::vector<ffmpeg::Packet> packets = Click(*track->format());
     for (const ffmpeg::Packet& packet : packets) {
