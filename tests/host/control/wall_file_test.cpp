@@ -90,6 +90,9 @@ TEST(WallFileWriter, ChangesOnlyWhatDiffers) {
       Saved(kWall, R"([{"command":"swap","channel":"A","with":"Channel 2"}])"),
       HasSubstr("\n# cameras\n\n[[channel]]\nsource = \"clips/b.mp4\"\naudio = false\nname = "
                 "\"Channel 2\"\n[channel.alarm.loss]\nenabled = true\n\n# first\n"));
+  EXPECT_EQ(Saved("\xEF\xBB\xBFwall.layout = '2x2'\n[[channel]]\nsource = 'a.ts'",
+                  R"([{"command":"layout","layout":"3x3"}])"),
+            "\xEF\xBB\xBFwall.layout = \"3x3\"\n[[channel]]\nsource = 'a.ts'");
 }
 
 TEST(WallFileWriter, WritesEveryStateSoThatItIsReadBack) {

@@ -113,6 +113,28 @@ TEST_P(ContainerTest, BeginsInTimeWithoutAChannelWhoseTrackIsSilentUntilItComes)
   }
 }
 
+class CutTest : public OutputSessionTest {
+ protected:
+  CutTest() : OutputSessionTest("wall.mkv") {}
+};
+
+TEST_F(CutTest, SilenceFillsEachFileFromItsBeginning) {
+  settings_.segments.length = kSecond;
+  sinceStart_ = kSecond;
+  RecordingFiles files(settings_.muxer.url, Existing::kKept);
+  OutputSession::Owner owner = Owner();
+  owner.files = &files;
+  OutputCounters counters(2);
+  OutputSession session(settings_, *video_, counters, owner);
+  for (int i = 0; i < 50; ++i) {
+    TakeFrame(session, i);
+  }
+  session.Finish();
+  MediaReader::Settings reading = Source(folder_ / "wall-2.mkv");
+  reading.wantVideo = false;
+  EXPECT_GE(ReadAll(*Opened(reading)).packets.size(), 45U);
+}
+
 class FlvTest : public OutputSessionTest {
  protected:
   FlvTest() : OutputSessionTest("wall.flv") { settings_.tracks.clear(); }

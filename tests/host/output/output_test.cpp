@@ -92,16 +92,19 @@ TEST(VideoEncoder, PutsKeyframesOnTheGridWhateverIsLeftOut) {
   EXPECT_EQ(keyframes, (std::vector<Time>{200, 400, 840, 1200, 1600}));
 }
 
-TEST(Muxer, LeavesADamagedPacketOut) {
+TEST(Muxer, LeavesADamagedPacketOutAndMovesOneWhoseTimeCameBefore) {
   const TemporaryFolder folder;
   MediaReader reader(Source(Write(SmallClip(), folder / "a.ts")));
   reader.Open();
   const Content content = ReadAll(reader);
-  Muxer muxer(To(folder / "b.mkv"));
+  Muxer muxer(To(folder / "b.mp4"));
   const std::size_t track = muxer.AddAudio(*reader.audioParameters(), "", "");
   muxer.Start();
   for (std::size_t i = 0; i < content.packets.size(); ++i) {
     ffmpeg::Packet packet = ffmpeg::RefPacket(*content.packets[i].packet);
+    if (i == 10) {
+      packet->pts = packet->dts = content.packets[9].packet->dts;
+    }
     if (i == 7) {
       ASSERT_GE(av_packet_make_writable(packet.get()), 0);
       packet->data[0] = 0;  // no longer the sync word of a frame
@@ -109,7 +112,7 @@ TEST(Muxer, LeavesADamagedPacketOut) {
     EXPECT_EQ(muxer.Write(track, std::move(packet)), i != 7);
   }
   muxer.Finish();
-  EXPECT_EQ(ReadFile(folder / "b.mkv").packets.size(), content.packets.size() - 1);
+  EXPECT_EQ(ReadFile(folder / "b.mp4").packets.size(), content.packets.size() - 1);
 }
 
 TEST(Snapshot, IsAPictureOfTheRightColoursAndShapeAndLeavesNothingElse) {

@@ -124,19 +124,6 @@ TEST(Thread, HasLeftAllItsCodeWhenAWaitSucceedsForAllAndPermanently) {
   }
 }
 
-TEST(Thread, ContinuesByItselfWhenDestroyedWhileRunning) {
-  Event go(Reset::kAuto);
-  Event gone(Reset::kAuto);
-  std::shared_ptr<Marker> alive(new Marker{[&] { gone.Set(); }});
-  {
-    Thread thread([alive, &go] { go.Wait(os::kInfinite); });
-    alive.reset();
-  }
-  EXPECT_FALSE(gone.Wait(0)) << "the body was destroyed under a running thread";
-  go.Set();
-  EXPECT_TRUE(gone.Wait(kLimit)) << "the body was not destroyed at its end";
-}
-
 TEST(ThreadDeathTest, EndsTheProcessWhenItsBodyThrows) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(Thread(std::function<void()>()).Wait(os::kInfinite), "bad_function_call");

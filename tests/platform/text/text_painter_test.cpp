@@ -90,14 +90,6 @@ TEST_F(TextPainterTest, WhatDoesNotFitEndsInAnEllipsisOrIsCut) {
   EXPECT_EQ(paint(endless, true), paint(std::u16string_view(endless).substr(0, 1000), true));
 }
 
-TEST_F(TextPainterTest, TextsOfEveryScriptStandOnTheBaselineOfTheFont) {
-  const PixelBounds one{0, 0, Advance(), 60};
-  const Picture alone = PaintLine(painter, u"H").Crop(one);
-  for (const std::u16string_view text : {u"H 中", u"H ह", u"H ש", u"H 📺"}) {
-    EXPECT_EQ(PaintLine(painter, text).Crop(one), alone);
-  }
-}
-
 TEST_F(TextPainterTest, DamagedTextShowsReplacementCharacters) {
   const Picture replaced = PaintLine(painter, u"a\uFFFDb");
   EXPECT_EQ(painter.CountMissingGlyphs(), 0);
