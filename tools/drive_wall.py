@@ -34,6 +34,7 @@ from pathlib import Path
 
 RATE = 25
 BACKGROUND = (16, 16, 16)
+SLATE = (16, 13, 28)
 
 
 def free_port(kind):
@@ -284,8 +285,8 @@ def frame_faults(wall, frame, states, number):
         at = (y * wall.width + x) * 3
         return frame[at:at + 3]
 
-    def near(x, y, colour):
-        return all(abs(a - b) < 30 for a, b in zip(pixel(x, y), colour))
+    def near(x, y, colour, tolerance=30):
+        return all(abs(a - b) < tolerance for a, b in zip(pixel(x, y), colour))
 
     faults = []
     shown = [c for c in state["channels"] if c["shown"]]
@@ -293,7 +294,7 @@ def frame_faults(wall, frame, states, number):
         x, y, w, h = channel["window"]
         colour = wall.colours[channel["name"]]
         for px, py in ((x + 14, y + 14), (x + w - 16, y + 14), (x + w // 2, y + h // 3)):
-            if not near(px, py, colour):
+            if not near(px, py, colour) and not (wall.may_show_slates and near(px, py, SLATE, 8)):
                 faults.append(f"{channel['name']} at {px},{py}: {tuple(pixel(px, py))}")
         for px, py in ((x + w + 3, y + h // 2), (x + w // 2, y - 4), (x - 4, y + h // 2)):
             inside = any(a <= px < a + c and b <= py < b + d for a, b, c, d in (o["window"] for o in shown))
@@ -352,6 +353,8 @@ def main():
     options.add_argument("--canvas", default="1280x720")
     options.add_argument("--seed", type=int, default=1)
     options.add_argument("--may-be-late", action="store_true", help="late frames are reported only")
+    options.add_argument("--may-show-slates", action="store_true",
+                         help="the machine may be too slow to open a channel again within a second")
     given = options.parse_args()
     with tempfile.TemporaryDirectory(prefix="drive-") as folder:
         sys.exit(drive(given, folder))
@@ -359,6 +362,7 @@ def main():
 
 def drive(given, folder):
     wall = Wall(folder, given.channels, given.canvas, given.seconds)
+    wall.may_show_slates = given.may_show_slates
     wall.make_clip("other", 1000, wall.colours["C1"])
     with open(f"{folder}/out", "w") as out, open(f"{folder}/err", "w") as err:
         process = subprocess.Popen([given.tavrel, "run", wall.file, "--json", "--seconds", str(given.seconds + 6)],

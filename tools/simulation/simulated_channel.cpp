@@ -78,6 +78,7 @@ SimulatedChannel::SimulatedChannel(std::size_t index, const SourceModel* model, 
   }
   settings.now = services.now;
   settings.timeText = [](Time) { return std::string("12:00:00"); };
+  settings.latestFrame = services.presentFrame;
   settings.presentFrame = services.presentFrame;
   settings.wantsType = [window = services.window] { return window->WantsType(); };
   settings.frameSent = [window = services.window] { window->SetFrameSent(); };

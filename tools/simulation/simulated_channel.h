@@ -35,7 +35,7 @@ class SimulatedChannel final : public host::ChannelObserver {
  public:
   struct Services {
     std::function<Time()> now;
-    std::function<std::optional<Time>()> presentFrame;
+    std::function<Time()> presentFrame;
     std::function<void(const std::string&)> violated;
     // When a frame is due.
     std::function<void(ContentId, Time)> placed;

@@ -309,7 +309,7 @@ class SimulatedWall {
     channels_.push_back(std::make_unique<SimulatedChannel>(
         index, model, scenario_.seed * 31 + index, scenario_.begin, canvas_,
         SimulatedChannel::Services{
-            [this] { return now_; }, [this] { return background_->presentFrame(); },
+            [this] { return now_; }, [this] { return background_->latestFrame(); },
             [this](const std::string& what) { Violated(what); },
             [&watcher](ContentId id, Time due) { watcher.Placed(id, due); }, windows_.back(),
             [this, index](bool isShown) {

@@ -56,7 +56,23 @@ ChannelPresenter::Handover ChannelPresenter::HandOver() {
   return {feed_.sent(), std::exchange(kept_, nullptr), feed_.size().size()};
 }
 
+void ChannelPresenter::KeepAnchored() {
+  if (!feed_.needsAnchor()) {
+    return;
+  }
+  const Time time = feed_.anchorTime();
+  while (const auto change = feed_.size().Next(time)) {
+    Resize(*change);
+  }
+  BYTE* pixels = nullptr;
+  const ComPtr<IMediaSample> shown = Shown(time, time + 1);
+  if (shown && SUCCEEDED(shown->GetPointer(&pixels))) {
+    feed_.Anchor(pixels, time, now_);
+  }
+}
+
 void ChannelPresenter::FollowSize(Time time) {
+  KeepAnchored();
   while (const auto change = feed_.size().Next(time)) {
     ChangeSize(*change);
   }
@@ -71,6 +87,13 @@ void ChannelPresenter::ChangeSize(const WindowSchedule::Resize& change) {
   if (repeats && feed_.frames().Takes(last)) {
     Repeat(last);
   }
+  Resize(change);
+  if (repeats && feed_.frames().Takes(change.at)) {
+    Repeat(change.at);
+  }
+}
+
+void ChannelPresenter::Resize(const WindowSchedule::Resize& change) {
   const WindowSize former = feed_.size().Change(change);
   slate_.clear();
   slateText_.clear();
@@ -82,9 +105,6 @@ void ChannelPresenter::ChangeSize(const WindowSchedule::Resize& change) {
   }
   pristine_.clear();
   kept_ = kept_ != nullptr ? feed_.size().Resized(kept_.Get(), former) : nullptr;
-  if (repeats && feed_.frames().Takes(change.at)) {
-    Repeat(change.at);
-  }
 }
 
 void ChannelPresenter::SetControls(const ChannelControls& controls) {
@@ -178,6 +198,7 @@ void ChannelPresenter::Show(const ReadyFrame& ready, Time start, Time duration) 
   }
   kept_ = frame;
   SendFrame(frame.Get(), start, start + duration);
+  KeepAnchored();
 }
 
 void ChannelPresenter::Show(const ReadyLevels& levels, Time start, Time duration) {
@@ -219,6 +240,7 @@ void ChannelPresenter::Tick(Time now) {
     const Time start = feed_.levels().RepeatAt(now_);
     SendLevels(start, feed_.levels().step(), AudioLevels{});
   }
+  KeepAnchored();
 }
 
 bool ChannelPresenter::showsSlate() const {
@@ -290,6 +312,12 @@ const ChannelPresenter::Look& ChannelPresenter::LookAt(Time time) {
 // Sends again what the window shows.
 void ChannelPresenter::Repeat(Time start) {
   const Time stop = start + feed_.frames().step();
+  if (const ComPtr<IMediaSample> sample = Shown(start, stop)) {
+    SendFrame(sample.Get(), start, stop);
+  }
+}
+
+ComPtr<IMediaSample> ChannelPresenter::Shown(Time start, Time stop) {
   const Look& look = LookAt(start);
   if (look.slate || (kept_ == nullptr && feed_.frames().begun())) {
     if (slate_.empty() || look.text != slateText_) {
@@ -297,27 +325,27 @@ void ChannelPresenter::Repeat(Time start) {
       text_.DrawSlate(Window(slate_.data()), look.text);
       slateText_ = look.text;
     }
-    SendCopy(slate_.data(), {}, start, stop);
-    return;
+    return CopyOf(slate_.data(), {}, start, stop);
   }
   BYTE* pixels = nullptr;
-  if (kept_ != nullptr && SUCCEEDED(kept_->GetPointer(&pixels))) {
-    SendCopy(pristine_.empty() ? pixels : pristine_.data(), look.text, start, stop);
+  if (kept_ == nullptr || FAILED(kept_->GetPointer(&pixels))) {
+    return nullptr;
   }
+  return CopyOf(pristine_.empty() ? pixels : pristine_.data(), look.text, start, stop);
 }
 
-void ChannelPresenter::SendCopy(const std::uint8_t* pixels, const std::string& caption, Time start,
-                                Time stop) {
-  const ComPtr<IMediaSample> sample = feed_.CopyOf(pixels, frameBytes(), start, stop);
+ComPtr<IMediaSample> ChannelPresenter::CopyOf(const std::uint8_t* pixels,
+                                              const std::string& caption, Time start, Time stop) {
+  ComPtr<IMediaSample> sample = feed_.CopyOf(pixels, frameBytes(), start, stop);
   BYTE* copied = nullptr;
   if (!sample || FAILED(sample->GetPointer(&copied))) {
-    return;
+    return nullptr;
   }
   sample->SetSyncPoint(TRUE);
   if (!caption.empty()) {
     text_.DrawCaption(Window(copied), caption);
   }
-  SendFrame(sample.Get(), start, stop);
+  return sample;
 }
 
 void ChannelPresenter::SendFrame(IMediaSample* sample, Time start, Time stop) {

@@ -83,11 +83,17 @@ class ChannelPresenter {
   const Look& LookAt(Time time);
   void Repeat(Time start);
   void SendFrame(IMediaSample* sample, Time start, Time stop);
-  void SendCopy(const std::uint8_t* pixels, const std::string& caption, Time start, Time stop);
+  // A copy of what the window shows at that time; null when no buffer is free.
+  ComPtr<IMediaSample> Shown(Time start, Time stop);
+  ComPtr<IMediaSample> CopyOf(const std::uint8_t* pixels, const std::string& caption, Time start,
+                              Time stop);
   void SendLevels(Time start, Time duration, const AudioLevels& levels);
-  // Sizes that have changed by that time.
+  // Anchors the channel where the composer has it at another time than the wall, or soon will.
+  void KeepAnchored();
+  // Before anything of that time is sent: the sizes that have changed by then.
   void FollowSize(Time time);
   void ChangeSize(const WindowSchedule::Resize& change);
+  void Resize(const WindowSchedule::Resize& change);
   LONG frameBytes() const { return feed_.size().frameBytes(); }
   WindowPixels Window(BYTE* pixels) const;
 

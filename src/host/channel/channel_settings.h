@@ -60,8 +60,10 @@ struct ChannelSettings {
   std::function<std::string(Time)> timeText;  // the wall's time as an operator reads it
   std::function<bool()> wantsType;            // whether a frame is to carry its media type
   std::function<void()> frameSent;            // called after each frame
-  // Start of the latest background frame in the composer; none while one is being sent.
-  std::function<std::optional<Time>()> presentFrame;
+  // Start of the background frame whose sending into the composer began last, and of the latest one
+  // that is there; the second waits while one is being sent.
+  std::function<Time()> latestFrame;
+  std::function<Time()> presentFrame;
   // The channel's track in the outputs; null: compressed audio does not leave the channel.
   std::shared_ptr<AudioTrack> audioTrack;
   qorp::log::ILogPerf* logger = nullptr;      // not owned, may be null

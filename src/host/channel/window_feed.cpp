@@ -4,7 +4,6 @@
 #include <atomic>
 #include <cstring>
 #include <memory>
-#include <thread>
 #include <utility>
 
 #include "host/ffmpeg/error.h"
@@ -14,8 +13,8 @@ namespace host {
 namespace {
 
 constexpr Time kTypedFor = 2 * kSecond;
-// How often anchoring is tried when a background frame comes in between.
-constexpr int kAnchorTries = 4;
+// The composer releases frames and anchors the channel anew when 78 are waiting.
+constexpr std::size_t kMostWaiting = 76;
 
 // The composer takes the timestamp of a discontinuity for its present time, and shows that frame a
 // fixed latency later. A wall with a shorter delay anchors its channels with a timestamp that is
@@ -149,12 +148,11 @@ WindowFeed::WindowFeed(const ChannelSettings& settings, Pins pins)
       size_(settings_, pins_.video) {}
 
 void WindowFeed::Begin(Time now, const std::optional<Sent>& before, const WindowSize& size) {
-  frames_.Clear();
-  levels_.Clear();
-  if (before) {
-    frames_ = before->frames;
-    levels_ = before->levels;
-  }
+  const Sent none{WindowFill(2, settings_.delay()), WindowFill(1, settings_.delay())};
+  const Sent& sent = before ? *before : none;
+  frames_ = sent.frames;
+  levels_ = sent.levels;
+  isAnchored_ = sent.isAnchored;
   size_.Begin(now, size);
 }
 
@@ -170,16 +168,52 @@ ComPtr<IMediaSample> WindowFeed::CopyOf(const std::uint8_t* pixels, LONG bytes, 
   return copy;
 }
 
-bool WindowFeed::SendFrame(IMediaSample* sample, Time start, Time stop, Time now) {
-  BYTE* pixels = nullptr;
-  sample->GetPointer(&pixels);
-  if (!AnchorClock(pixels, start, now)) {
-    return false;
+bool WindowFeed::needsAnchor() {
+  return frames_.begun() && !isFull() && (!isAnchored_ || frames_.IsDry(settings_.latestFrame()));
+}
+
+Time WindowFeed::anchorTime() const {
+  return std::max(frames_.latest(), settings_.latestFrame() - settings_.delay());
+}
+
+void WindowFeed::Anchor(const BYTE* pixels, Time time, Time now) {
+  if (settings_.logger != nullptr) {
+    settings_.logger->IncrementResync();
   }
-  sample->SetTime(&start, &stop);
-  Deliver(sample, now);
-  frames_.Sent(start);
-  return true;
+  AnchorAt(time, pixels, now);
+}
+
+void WindowFeed::SendFrame(IMediaSample* sample, Time start, Time stop, Time now) {
+  if (!frames_.begun()) {
+    BYTE* pixels = nullptr;
+    sample->GetPointer(&pixels);
+    AnchorAt(std::nullopt, pixels, now);
+    if (!frames_.Takes(start)) {
+      return;
+    }
+  }
+  if (isFull()) {
+    isAnchored_ = false;
+  } else {
+    sample->SetTime(&start, &stop);
+    Deliver(sample, now);
+    // The composer may have shown a frame since the channel was seen to be anchored.
+    isAnchored_ = isAnchored_ && !frames_.IsDry(settings_.latestFrame());
+  }
+  NoteSent(start);
+}
+
+void WindowFeed::NoteSent(Time time) {
+  frames_.Sent(time);
+  waiting_.push_back(time);
+}
+
+bool WindowFeed::isFull() {
+  const Time shown = settings_.latestFrame() - settings_.delay();
+  while (!waiting_.empty() && waiting_.front() < shown) {
+    waiting_.pop_front();
+  }
+  return waiting_.size() >= kMostWaiting;
 }
 
 void WindowFeed::SendAlarm(const VideoAlarmRecord& record, Time start, Time stop) {
@@ -194,43 +228,29 @@ void WindowFeed::SendLevels(const AudioAlarmRecord& record, Time start, Time sto
 }
 
 // The composer anchors a channel with a frame that finds fewer than two others waiting, and shows
-// everything its own latency later. So copies of the frame are sent first whose timestamp is the
-// composer's present time, plus the difference between that latency and the wall's delay: then the
-// channel's times are exactly the wall's, and its frames are shown the delay after them.
-bool WindowFeed::AnchorClock(const BYTE* pixels, Time start, Time now) {
-  std::optional<Time> present = settings_.presentFrame();
-  if (present && frames_.begun() && !frames_.IsDry(*present)) {
-    return true;
-  }
-  if (frames_.begun() && settings_.logger != nullptr) {
-    settings_.logger->IncrementResync();
-  }
+// everything its own latency later. So copies of a frame are sent whose timestamp is the composer's
+// present time, plus the difference between that latency and the wall's delay: then the channel's
+// times are exactly the wall's, and its frames are shown the delay after them.
+void WindowFeed::AnchorAt(std::optional<Time> time, const BYTE* pixels, Time now) {
   const Time saved = config::kMaxDelay - settings_.delay();
   const LONG size = size_.frameBytes();
-  std::optional<Time> anchored;
-  for (int tries = 0; tries < kAnchorTries && anchored != present; ++tries) {
-    if (!present) {
-      std::this_thread::yield();  // the background is about to send a frame
-      present = settings_.presentFrame();
-      continue;
+  isAnchored_ = false;
+  const Time present = settings_.presentFrame();
+  for (int copies = 0; copies < 2; ++copies) {
+    const ComPtr<IMediaSample> copy = CopyOf(pixels, size, present, present + 1);
+    if (!copy) {
+      return;
     }
-    for (int copies = 0; copies < 2; ++copies) {
-      const ComPtr<IMediaSample> copy = CopyOf(pixels, size, *present, *present + 1);
-      if (!copy) {
-        return true;
-      }
-      copy->SetDiscontinuity(TRUE);
-      // The composer's pin does not wrap a sample that has a type, so the anchor can be moved.
-      pins_.video.AttachType(*copy);
-      const ComPtr<AnchorSample> anchor = AnchorSample::Create(copy, *present + saved);
-      Deliver(anchor.Get(), now);
-      anchor->MoveTo(*present);
-      frames_.Sent(*present);
-    }
-    anchored = present;
-    present = settings_.presentFrame();
+    copy->SetDiscontinuity(TRUE);
+    // The composer's pin does not wrap a sample that has a type, so the anchor can be moved.
+    pins_.video.AttachType(*copy);
+    const ComPtr<AnchorSample> anchor = AnchorSample::Create(copy, present + saved);
+    Deliver(anchor.Get(), now);
+    anchor->MoveTo(time.value_or(present));
+    NoteSent(time.value_or(present));
   }
-  return frames_.Takes(start);
+  // A background frame that came meanwhile has moved the present time.
+  isAnchored_ = settings_.latestFrame() == present;
 }
 
 void WindowFeed::Deliver(IMediaSample* sample, Time now) {

@@ -3,7 +3,9 @@
 #pragma once
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <limits>
 #include <optional>
 
@@ -39,6 +41,8 @@ class WindowFill {
     former_ = latest_;
     latest_ = time;
   }
+  // Of what was sent last.
+  Time latest() const { return latest_; }
   // Something has been sent.
   bool begun() const { return latest_ != kNone; }
   // Whether something of this time can still be sent.
@@ -102,6 +106,10 @@ class WindowSizeFollower {
 // Sends frames and alarm records of one channel into the composer, anchors the channel there, and
 // remembers what the composer has. Times of each kind only grow: what WindowFill::Takes refuses
 // must not be sent. No lock: the channel's streaming thread only.
+//
+// A thread that was kept from running sends too late: the composer has shown the last frames
+// meanwhile, and takes the next one for an anchor. So the owner anchors the channel again as soon
+// as needsAnchor says so, before it sends anything else.
 class WindowFeed {
  public:
   struct Pins {
@@ -113,6 +121,7 @@ class WindowFeed {
   struct Sent {
     WindowFill frames;
     WindowFill levels;
+    bool isAnchored = false;
   };
 
   // settings outlive it.
@@ -120,7 +129,7 @@ class WindowFeed {
 
   // before: of the former channel of the window. size: see WindowSizeFollower.
   void Begin(Time now, const std::optional<Sent>& before, const WindowSize& size);
-  Sent sent() const { return {frames_, levels_}; }
+  Sent sent() const { return {frames_, levels_, isAnchored_}; }
   const WindowFill& frames() const { return frames_; }
   const WindowFill& levels() const { return levels_; }
   WindowSizeFollower& size() { return size_; }
@@ -128,15 +137,27 @@ class WindowFeed {
 
   // A buffer of the video pin with a copy of these pixels; null when no buffer is free.
   ComPtr<IMediaSample> CopyOf(const std::uint8_t* pixels, LONG bytes, Time start, Time stop);
-  // now: the latest time of the channel. False when the anchor has overtaken the frame.
-  bool SendFrame(IMediaSample* sample, Time start, Time stop, Time now);
+  // Whether the composer shows the channel at other times than the wall's, or may do so with the
+  // next frame.
+  bool needsAnchor();
+  // The time that is shown next: the anchor has to have the size that the window has then.
+  Time anchorTime() const;
+  // pixels: of a frame of that time, in the size of the window. now: the latest time of the
+  // channel.
+  void Anchor(const BYTE* pixels, Time time, Time now);
+  // The first frame anchors the channel at the composer's present time; it is dropped if that is
+  // later than its own.
+  void SendFrame(IMediaSample* sample, Time start, Time stop, Time now);
   void SendAlarm(const VideoAlarmRecord& record, Time start, Time stop);
   // Drops the record when a later one was sent: an earlier one would make the composer drop those
   // that wait.
   void SendLevels(const AudioAlarmRecord& record, Time start, Time stop);
 
  private:
-  bool AnchorClock(const BYTE* pixels, Time start, Time now);
+  void AnchorAt(std::optional<Time> time, const BYTE* pixels, Time now);
+  void NoteSent(Time time);
+  // As many frames wait in the composer as it takes without releasing any.
+  bool isFull();
   void Deliver(IMediaSample* sample, Time now);
 
   const ChannelSettings& settings_;
@@ -144,6 +165,8 @@ class WindowFeed {
   WindowFill frames_;
   WindowFill levels_;
   WindowSizeFollower size_;  // of what is sent
+  bool isAnchored_ = false;
+  std::deque<Time> waiting_;  // in the composer, which stops when the machine does
 };
 
 }  // namespace host

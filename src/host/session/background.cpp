@@ -348,6 +348,15 @@ bool BackgroundSource::SendFrame(std::int64_t frame) {
   return Send(frame, true);
 }
 
+Time BackgroundSource::presentFrame() const {
+  Time sent = sent_;
+  while (sending_ != sent) {
+    sent_.wait(sent);
+    sent = sent_;
+  }
+  return sent;
+}
+
 bool BackgroundSource::Send(std::int64_t frame, bool wait) {
   const Time start = FrameStart(frame, settings_.canvas.frameRate);
   const ComPtr<IMediaSample> sample =
@@ -369,6 +378,7 @@ bool BackgroundSource::Send(std::int64_t frame, bool wait) {
   sending_ = start;
   const bool sent = SUCCEEDED(pin_.Deliver(sample.Get()));
   sent_ = start;
+  sent_.notify_all();
   if (!sent) {
     return false;
   }

@@ -130,14 +130,11 @@ class BackgroundSource final : public CBaseFilter {
   bool SendFrame(std::int64_t frame);
 
   const Counters& counters() const { return counters_; }
-  // Start of the frame that was sent last; 0 before the first. Any thread.
+  // Start of the frame whose sending began last; 0 before the first. Any thread.
   Time latestFrame() const { return sending_; }
-  // Start of the frame that is the composer's present time, 0 before the first; none while a frame
-  // is being sent. Any thread.
-  std::optional<Time> presentFrame() const {
-    const Time sent = sent_;
-    return sending_ == sent ? std::optional(sent) : std::nullopt;
-  }
+  // Start of the frame that is the composer's present time; 0 before the first. Waits while a frame
+  // is being sent. Any thread but the one that sends.
+  Time presentFrame() const;
 
  private:
   bool Send(std::int64_t frame, bool wait);

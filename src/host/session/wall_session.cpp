@@ -161,6 +161,7 @@ ChannelSettings WallSession::SettingsOf(std::size_t slot, const config::Channel&
   settings.timeText = [this](Time time) { return TimeText(time); };
   settings.wantsType = [window] { return window->WantsType(); };
   settings.frameSent = [window] { window->SetFrameSent(); };
+  settings.latestFrame = [this] { return background_->latestFrame(); };
   settings.presentFrame = [this] { return background_->presentFrame(); };
   if (audioSink_) {
     settings.audioTrack = outputs_->track(slot);
