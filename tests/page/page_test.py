@@ -79,11 +79,13 @@ class PageTest(unittest.TestCase):
     def boxes(self):
         return wait_for(lambda: all(self.box(name) for name in COLOURS), "a box for every window")
 
+    def visible(self, css, text=""):
+        """The elements that can be used, once there are some."""
+        return wait_for(lambda: [one for one in self.browser.find_elements(By.CSS_SELECTOR, css)
+                                 if one.is_displayed() and one.text.startswith(text)], f"{css} {text}")
+
     def button(self, text, within="body"):
-        for button in self.browser.find_elements(By.CSS_SELECTOR, f"{within} button"):
-            if button.is_displayed() and button.text.startswith(text):
-                return button
-        raise AssertionError(f"no button {text}")
+        return self.visible(f"{within} button", text)[0]
 
     def press(self, *keys):
         ActionChains(self.browser).send_keys(*keys).perform()
@@ -133,7 +135,7 @@ class PageTest(unittest.TestCase):
         before = self.wall.picture().count(under, is_white)
         self.box("Green").click()
         self.press("e")
-        self.find(".label-line input").send_keys(Keys.CONTROL, "a")
+        self.visible(".label-line input")[0].send_keys(Keys.CONTROL, "a")
         self.press("Studio One", Keys.ENTER)
         wait_for(lambda: self.wall.picture().count(under, is_white) > 2 * before, "the label that was written")
 
@@ -142,7 +144,7 @@ class PageTest(unittest.TestCase):
         wait_for(lambda: self.window("Green")[2] > 350 and self.shows("Green", centre(self.window("Green"))),
                  "a layout of the menu")
         self.wall.command({"command": "layout", "layout": "auto"})
-        self.assertIn("in effect", wait_for(lambda: self.find("#action-list .done").text, "what became of it"))
+        self.assertIn("in effect", self.visible("#action-list .done")[0].text)
         self.assertEqual(console_errors(self.browser), [])
 
     def test_the_wall_plays_as_video_and_a_channel_is_heard(self):
@@ -171,7 +173,7 @@ class PageTest(unittest.TestCase):
         wait_for(lambda: self.wall.picture().count(window, is_alarm) > 20, "the alarm in the picture")
         self.find("#tab-alarms").click()
         self.button("Acknowledge", "#alarm-list").click()
-        fields = self.browser.find_elements(By.CSS_SELECTOR, "dialog input")
+        fields = self.visible("dialog input")
         fields[0].clear()
         fields[0].send_keys("Ann")
         fields[1].send_keys("rings them <b>up</b>", Keys.ENTER)
@@ -179,7 +181,7 @@ class PageTest(unittest.TestCase):
         one = self.wall.channel("Blue")["acknowledged"]["silence"]
         self.assertEqual((one["who"], one["note"]), ("Ann", "rings them <b>up</b>"))
         self.button("Mask", "#alarm-list").click()
-        Select(self.find("dialog select")).select_by_visible_text("1 hour")
+        Select(self.visible("dialog select")[0]).select_by_visible_text("1 hour")
         self.button("Mask", "dialog").click()
         wait_for(lambda: "masked_until" in self.wall.channel("Blue"), "the mask")
         self.open(self.wall)  # the wall keeps the history, not the page
@@ -193,7 +195,7 @@ class PageTest(unittest.TestCase):
     def test_sources_come_and_go_and_mistakes_stand_at_their_field(self):
         self.boxes()
         self.find("#add-button").click()
-        source, name, _ = self.browser.find_elements(By.CSS_SELECTOR, "dialog input")
+        source, name = self.visible("dialog input")[:2]
         source.send_keys("nonsense://x", Keys.ENTER)
         error = self.find("#" + source.get_attribute("aria-describedby").split()[0])
         wait_for(lambda: error.text, "why it was refused")
@@ -214,7 +216,7 @@ class PageTest(unittest.TestCase):
         self.boxes()
         self.box(HOSTILE).click()
         wait_for(lambda: self.find("#channel-panel h2").text.startswith("<script>"), "the name in the panel")
-        row = [row for row in self.browser.find_elements(By.CSS_SELECTOR, ".row") if "<script>" in row.text]
+        row = [row for row in self.visible(".row") if "<script>" in row.text]
         self.assertEqual(len(row), 1)
         self.assertIn("<img src=x", row[0].text)
         self.assertEqual(self.browser.find_elements(By.CSS_SELECTOR, "main script, main img[src='x']"), [])
@@ -231,6 +233,7 @@ class PageTest(unittest.TestCase):
                 self.find(f"#tab-{state}").click()
             elif state != "list":
                 self.find({"layouts": "#layout-button", "add": "#add-button", "keys": "#help-button"}[state]).click()
+                self.visible("dialog")
             self.assertEqual(faults_of(self.browser), [], state)
             self.press(Keys.ESCAPE)
             wait_for(lambda: not self.browser.find_elements(By.CSS_SELECTOR, "dialog[open]"), f"{state} is closed")

@@ -10,7 +10,7 @@ import urllib.request
 from pathlib import Path
 
 from selenium import webdriver
-from selenium.common.exceptions import StaleElementReferenceException
+from selenium.common.exceptions import NoSuchElementException, StaleElementReferenceException
 from selenium.webdriver.chrome.service import Service
 
 WIDTH, HEIGHT = 640, 360
@@ -124,7 +124,7 @@ def wait_for(condition, what, limit=15):
     while True:
         try:
             value = condition()
-        except StaleElementReferenceException:  # the page has replaced it meanwhile
+        except (NoSuchElementException, StaleElementReferenceException):  # the page makes or replaces it
             value = None
         if value:
             return value
