@@ -13,7 +13,7 @@ namespace host {
 namespace {
 
 constexpr Time kTypedFor = 2 * kSecond;
-// The composer releases frames and anchors the channel anew when 78 are waiting.
+// At 78 frames the composer releases some and anchors the channel again.
 constexpr std::size_t kMostWaiting = 76;
 
 // The composer takes the timestamp of a discontinuity for its present time, and shows that frame a
