@@ -14,7 +14,7 @@ namespace {
 
 constexpr Time kTypedFor = 2 * kSecond;
 // At 78 frames the composer releases some and anchors the channel again.
-constexpr std::size_t kMostWaiting = 76;
+constexpr std::size_t kMaxWaiting = 76;
 
 // The composer takes the timestamp of a discontinuity for its present time, and shows that frame a
 // fixed latency later. A wall with a shorter delay anchors its channels with a timestamp that is
@@ -213,7 +213,7 @@ bool WindowFeed::isFull() {
   while (!waiting_.empty() && waiting_.front() < shown) {
     waiting_.pop_front();
   }
-  return waiting_.size() >= kMostWaiting;
+  return waiting_.size() >= kMaxWaiting;
 }
 
 void WindowFeed::SendAlarm(const VideoAlarmRecord& record, Time start, Time stop) {
