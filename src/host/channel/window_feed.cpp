@@ -153,6 +153,7 @@ void WindowFeed::Begin(Time now, const std::optional<Sent>& before, const Window
   frames_ = sent.frames;
   levels_ = sent.levels;
   isAnchored_ = sent.isAnchored;
+  waiting_.clear();
   size_.Begin(now, size);
 }
 
